@@ -1,0 +1,27 @@
+# tesk_options: the warnings and sanitizers that all our sources are built with.
+set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
+option(TESK_COVERAGE "Build for a line coverage report" OFF)
+
+add_library(tesk_options INTERFACE)
+target_compile_options(tesk_options INTERFACE
+  -Wall -Wextra -Wshadow -Wconversion -Wmissing-declarations -Werror
+  -fno-common)
+target_include_directories(tesk_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
+
+if(TESK_SANITIZE)
+  add_compile_options(-fsanitize=${TESK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${TESK_SANITIZE})
+endif()
+if(TESK_COVERAGE)
+  add_compile_options(--coverage)
+  add_link_options(--coverage)
+endif()
+
+# tesk_shared_library(NAME SOVERSION HEADERS): a shared library whose exported names are those of
+# its NAME.map, an anonymous version script: a named node would make the loader refuse a
+# replacement that has none.
+function(tesk_export_only target)
+  set(map ${CMAKE_CURRENT_SOURCE_DIR}/${target}.map)
+  target_link_options(${target} PRIVATE LINKER:--version-script=${map})
+  set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN")
+endfunction()
