@@ -1,0 +1,331 @@
+/* tesk_client - talks to tesk-server for a program, in C or C++.
+
+   A session is one program's connection to the server. It belongs to the thread that connected it,
+   a thread has at most one, and every call on it comes from that thread, but for tesk_client_stop.
+   The library has no threads and no signal handlers of its own: it works inside the calls that are
+   made to it. A program either lets tesk_client_run wait, or polls tesk_client_fd in a loop of its
+   own and calls tesk_client_dispatch when it is readable.
+
+   Calls that answer (subscribe, unsubscribe, the read_ calls) wait for the server; callbacks go on
+   meanwhile. They can't be made inside a callback; tesk_client_request can, and waits for nothing.
+   Each request has a deadline: whatever the server does, it is answered, failed or timed out.
+
+   Numbers are in host order. A text is bytes from a module's memory: terminated inside its array,
+   but with anything in it; escape it before it goes to a terminal. */
+#ifndef TESK_CLIENT_H
+#define TESK_CLIENT_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct tesk_client_session tesk_client_session;
+
+typedef enum tesk_client_result {
+    TESK_CLIENT_OK = 0,
+    TESK_CLIENT_REJECTED = 1,  /* the server refused and gave a text */
+    TESK_CLIENT_MISUSE = 2,    /* a wrong argument, thread or moment; nothing was sent */
+    TESK_CLIENT_NO_SERVER = 3, /* nobody answers to the server's name */
+    TESK_CLIENT_NO_ACCESS = 4, /* the server's mailbox is there, but not for this user */
+    TESK_CLIENT_TIMEOUT = 5,   /* no answer before the deadline; what the server did is unknown */
+    TESK_CLIENT_LOST = 6,      /* the server went away before it answered */
+    TESK_CLIENT_CANCELLED = 7, /* the session was closed before the answer came */
+    TESK_CLIENT_FAILED = 8,    /* the system or the mailbox library failed */
+} tesk_client_result;
+
+/* The enumerations of the server. Fields that hold them are plain words, since a newer server may
+   send values that aren't here; tesk_client_text has a text for those, too. */
+enum tesk_client_sfp_type {
+    TESK_CLIENT_SFP_NOT_PRESENT = 0,
+    TESK_CLIENT_SFP_ELECTRICAL = 1,
+    TESK_CLIENT_SFP_OPTICAL = 2,
+    TESK_CLIENT_SFP_UNKNOWN = 3,
+};
+
+enum tesk_client_link {
+    TESK_CLIENT_LINK_STOPPED = 0,
+    TESK_CLIENT_LINK_NOT_OPERATIONAL = 1,
+    TESK_CLIENT_LINK_OPERATIONAL = 2,
+};
+
+/* How a measured value stands against the thresholds of its module. */
+enum tesk_client_level {
+    TESK_CLIENT_LEVEL_OK = 0,
+    TESK_CLIENT_LEVEL_LOW_WARNING = 1,
+    TESK_CLIENT_LEVEL_HIGH_WARNING = 2,
+    TESK_CLIENT_LEVEL_LOW_ALARM = 3,
+    TESK_CLIENT_LEVEL_HIGH_ALARM = 4,
+    TESK_CLIENT_LEVEL_NOT_MEASURED = 5,
+    TESK_CLIENT_LEVEL_NOT_SUPPORTED = 6,
+};
+
+/* Which value a level grades: the index into the arrays of levels. */
+enum tesk_client_measurement {
+    TESK_CLIENT_TX_POWER,
+    TESK_CLIENT_RX_POWER,
+    TESK_CLIENT_TX_BIAS,
+    TESK_CLIENT_VCC,
+    TESK_CLIENT_TEMPERATURE,
+    TESK_CLIENT_LASER_TEMPERATURE,
+    TESK_CLIENT_TEC,
+    TESK_CLIENT_MEASUREMENTS, /* how many there are */
+};
+
+enum tesk_client_environment {
+    TESK_CLIENT_ENVIRONMENT_OTHER = 0,
+    TESK_CLIENT_ENVIRONMENT_RAISED = 1, /* the module's status word is 2 */
+    TESK_CLIENT_ENVIRONMENT_NOT_READ = 5,
+};
+
+enum tesk_client_port_state {
+    TESK_CLIENT_PORT_UNKNOWN = 0,
+    TESK_CLIENT_PORT_UP = 1,
+    TESK_CLIENT_PORT_DOWN = 2,
+};
+
+enum tesk_client_presence {
+    TESK_CLIENT_PRESENCE_NONE = 0,
+    TESK_CLIENT_PRESENCE_NOT_READY = 1,
+    TESK_CLIENT_PRESENCE_READY = 2,
+    TESK_CLIENT_PRESENCE_UNKNOWN = 3,
+    TESK_CLIENT_PRESENCE_UNSUPPORTED_PORT = 4,
+};
+
+enum tesk_client_action {
+    TESK_CLIENT_ACTION_UNKNOWN = 0,
+    TESK_CLIENT_ACTION_STATUS_SUBSCRIBE = 1,
+    TESK_CLIENT_ACTION_STATUS_UNSUBSCRIBE = 2,
+    TESK_CLIENT_ACTION_SFP_SUBSCRIBE = 3,
+    TESK_CLIENT_ACTION_SFP_UNSUBSCRIBE = 4,
+    TESK_CLIENT_ACTION_STATUS_INDICATION = 5,
+    TESK_CLIENT_ACTION_SFP_INDICATION = 6,
+};
+
+/* Which module is in a port. All texts are empty where no module could be read. */
+typedef struct tesk_client_sfp_info {
+    uint32_t port_no;
+    uint32_t type;         /* tesk_client_sfp_type */
+    char morvaine_rdh[15]; /* the maker's product text */
+    char morvaine_rdh_ext[6];
+    char vendor_name[17];
+    char vendor_pn[17];
+    char vendor_rev[6];
+    char date_code[12];
+    char vendor_sn[17];
+    uint32_t speed; /* nominal, in 0.1 Gbps; 0: not given */
+} tesk_client_sfp_info;
+
+/* How a port is. */
+typedef struct tesk_client_port_status {
+    uint32_t port_no;
+    uint32_t link;       /* tesk_client_link */
+    uint32_t sfp_type;   /* tesk_client_sfp_type */
+    uint32_t link_speed; /* in 0.1 Gbps; 0 without a link or where it isn't known */
+    uint32_t level[TESK_CLIENT_MEASUREMENTS]; /* tesk_client_level */
+    uint32_t environment;                     /* tesk_client_environment */
+} tesk_client_port_status;
+
+/* The measured values of a port. A value counts where its has_ flag is set and is 0 elsewhere. */
+typedef struct tesk_client_pm {
+    uint32_t port_no;
+    uint32_t sfp_type; /* tesk_client_sfp_type */
+    bool has_loss_of_frame;
+    bool has_loss_of_signal;
+    bool has_bit_errors;
+    bool has_tx_power;
+    bool has_rx_power;
+    bool has_temperature;
+    bool has_voltage;
+    bool has_tx_bias;
+    uint32_t loss_of_frame;
+    uint32_t loss_of_signal;
+    uint32_t bit_errors[6]; /* at rates of 1e-8, 1e-7, ... 1e-3 */
+    uint32_t tx_power;      /* microwatts */
+    uint32_t rx_power;      /* microwatts */
+    int32_t temperature;    /* 0.1 degrees Celsius */
+    uint32_t voltage;       /* 0.0001 V */
+    uint32_t tx_bias;       /* 0.01 mA */
+} tesk_client_pm;
+
+typedef struct tesk_client_capability {
+    uint32_t id;
+    uint32_t value;
+} tesk_client_capability;
+
+/* One record of the server's history. The fields behind port_no are those of its kind; the others
+   are 0. */
+typedef struct tesk_client_history_record {
+    uint64_t time_us; /* wall clock, microseconds since 1970 */
+    uint32_t port_no;
+    /* port status */
+    uint32_t port_state;                      /* tesk_client_port_state */
+    int32_t filter_level;                     /* 0 to 100; indications stay back from 50 on */
+    uint32_t level[TESK_CLIENT_MEASUREMENTS]; /* tesk_client_level */
+    /* SFP info */
+    uint32_t presence; /* tesk_client_presence */
+    /* actions */
+    uint32_t action;    /* tesk_client_action */
+    uint32_t client_id; /* the server's number of the client */
+    uint32_t conn_ref;  /* the client's own; a program that uses this library gives its pid */
+} tesk_client_history_record;
+
+/* How many records the server keeps of each kind. */
+#define TESK_CLIENT_HISTORY_LENGTH 30
+
+/* What can be subscribed to on a port. */
+typedef enum tesk_client_kind {
+    TESK_CLIENT_SFP_INFO,
+    TESK_CLIENT_PORT_STATUS,
+} tesk_client_kind;
+
+typedef enum tesk_client_history_kind {
+    TESK_CLIENT_HISTORY_PORT_STATUS,
+    TESK_CLIENT_HISTORY_SFP_INFO,
+    TESK_CLIENT_HISTORY_ACTIONS,
+} tesk_client_history_kind;
+
+/* What happens to a session as a whole. */
+typedef enum tesk_client_event_type {
+    TESK_CLIENT_EVENT_LOST,              /* the server went away */
+    TESK_CLIENT_EVENT_RESTORED,          /* it is back; the subscriptions are being renewed */
+    TESK_CLIENT_EVENT_SUBSCRIPTION_LOST, /* one of them could not be renewed */
+} tesk_client_event_type;
+
+typedef struct tesk_client_event {
+    tesk_client_event_type type;
+    tesk_client_kind kind; /* of the lost subscription, and so the three below */
+    uint32_t port_no;
+    tesk_client_result result;
+    const char *text; /* the server's or the library's; good during the callback */
+} tesk_client_event;
+
+/* How a session works. 0 and null stand for the default. Callbacks run inside the calls that are
+   made on the session, never elsewhere; they may make requests, must not throw, and what they are
+   given is good until they return. */
+typedef struct tesk_client_options {
+    uint32_t deadline_ms;      /* of each request, from the call on; 2000 */
+    uint32_t window;           /* requests on their way to the server at once; 16; others queue */
+    bool reconnect;            /* look for the server again when it has gone, and subscribe again */
+    uint32_t retry_ms;         /* before the first look, doubled for each next one; 100 */
+    uint32_t longest_retry_ms; /* where the doubling ends; 5000 */
+    void (*on_sfp_info)(const tesk_client_sfp_info *info, void *user);
+    void (*on_port_status)(const tesk_client_port_status *status, void *user);
+    void (*on_event)(const tesk_client_event *event, void *user);
+    void *user; /* handed to the three callbacks */
+} tesk_client_options;
+
+/* Connects to the server. `options` may be null. On success gives a session, which
+   tesk_client_close ends; on failure a null pointer. Looks for the server's name for as long as
+   libmbx does, and waits for its answer until the deadline. */
+tesk_client_result tesk_client_connect(const tesk_client_options *options,
+                                       tesk_client_session **session);
+
+/* Ends a session. The server drops its subscriptions. Requests without an answer end as
+   TESK_CLIENT_CANCELLED. Harmless on null; does nothing inside a callback. */
+void tesk_client_close(tesk_client_session *session);
+
+/* False while the server is away. */
+bool tesk_client_connected(const tesk_client_session *session);
+
+/* A descriptor that is readable when tesk_client_dispatch has work, a deadline that has passed
+   included. It stays the same for the life of the session and belongs to it. */
+int tesk_client_fd(const tesk_client_session *session);
+
+/* Does what is to be done, without waiting, and calls the callbacks. TESK_CLIENT_LOST when the
+   server has gone and the session doesn't look for it again: the descriptor then says nothing more.
+ */
+tesk_client_result tesk_client_dispatch(tesk_client_session *session);
+
+/* Waits and dispatches until tesk_client_stop or for timeout_ms, -1 for no limit: TESK_CLIENT_OK,
+   or TESK_CLIENT_LOST as above. */
+tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms);
+
+/* Makes tesk_client_run return, the next one if none runs. Any thread, and in signal handlers. */
+void tesk_client_stop(tesk_client_session *session);
+
+/* Subscribes to a port. The first indication follows the answer, further ones come as the port
+   changes, until the unsubscribe. */
+tesk_client_result tesk_client_subscribe(tesk_client_session *session, tesk_client_kind kind,
+                                         uint32_t port_no);
+tesk_client_result tesk_client_unsubscribe(tesk_client_session *session, tesk_client_kind kind,
+                                           uint32_t port_no);
+
+/* Reads the measured values of a port. `pm` is left alone on failure. */
+tesk_client_result tesk_client_read_pm(tesk_client_session *session, uint32_t port_no,
+                                       tesk_client_pm *pm);
+
+/* These two fill at most `capacity` elements and give their number in `count`, 0 on failure. The
+   history comes oldest first; where it doesn't fit, the newest records are given. */
+tesk_client_result tesk_client_read_capabilities(tesk_client_session *session,
+                                                 tesk_client_capability *capabilities,
+                                                 size_t capacity, size_t *count);
+tesk_client_result tesk_client_read_history(tesk_client_session *session,
+                                            tesk_client_history_kind kind,
+                                            tesk_client_history_record *records, size_t capacity,
+                                            size_t *count);
+
+/* The requests without waiting. */
+typedef enum tesk_client_request_type {
+    TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO,
+    TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO,
+    TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
+    TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS,
+    TESK_CLIENT_REQUEST_PM,
+    TESK_CLIENT_REQUEST_CAPABILITIES,
+    TESK_CLIENT_REQUEST_HISTORY_PORT_STATUS,
+    TESK_CLIENT_REQUEST_HISTORY_SFP_INFO,
+    TESK_CLIENT_REQUEST_HISTORY_ACTIONS,
+} tesk_client_request_type;
+
+typedef struct tesk_client_answer {
+    tesk_client_request_type request;
+    uint32_t port_no; /* of the request */
+    tesk_client_result result;
+    int32_t error_code; /* the server's, 2 for a port that doesn't exist; 0 unless it rejected */
+    const char *text;   /* why the result isn't TESK_CLIENT_OK: the server's or the library's */
+    /* The one that the request asked for, null otherwise. */
+    const tesk_client_pm *pm;
+    const tesk_client_capability *capabilities;
+    const tesk_client_history_record *history;
+    size_t count; /* of capabilities or history */
+} tesk_client_answer;
+
+typedef void (*tesk_client_answered)(const tesk_client_answer *answer, void *user);
+
+/* Sends a request, or queues it behind the window. On TESK_CLIENT_OK `answered`, which may be null,
+   is called exactly once, later; on anything else never. While a session that reconnects has no
+   server, requests wait for it until their deadline. `port_no` counts for the first five. */
+tesk_client_result tesk_client_request(tesk_client_session *session,
+                                       tesk_client_request_type request, uint32_t port_no,
+                                       tesk_client_answered answered, void *user);
+
+/* What went wrong in the calling thread's last call that failed: for TESK_CLIENT_REJECTED the
+   server's words. Good until its next call. Never null. */
+const char *tesk_client_error(void);
+
+/* A result in a few words. Never null. */
+const char *tesk_client_result_text(tesk_client_result result);
+
+/* The enumeration that a word comes from. */
+typedef enum tesk_client_enumeration {
+    TESK_CLIENT_TEXT_SFP_TYPE,
+    TESK_CLIENT_TEXT_LINK,
+    TESK_CLIENT_TEXT_LEVEL,
+    TESK_CLIENT_TEXT_MEASUREMENT,
+    TESK_CLIENT_TEXT_ENVIRONMENT,
+    TESK_CLIENT_TEXT_PORT_STATE,
+    TESK_CLIENT_TEXT_PRESENCE,
+    TESK_CLIENT_TEXT_ACTION,
+} tesk_client_enumeration;
+
+/* The text of a value: "low warning". "unknown" where there is none. Never null. */
+const char *tesk_client_text(tesk_client_enumeration enumeration, uint32_t value);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
