@@ -1,7 +1,8 @@
-/* tesk_signals - every signal of the server: numbers, sizes, records and the turn to and from network
-   byte order. A record is laid over a received or allocated block that is at least as long. The first
-   word of every signal, its number, stays in host order; the records that the server keeps to itself
-   and those of the shell protocol are in host order as a whole. No state, any thread. */
+/* tesk_signals - every signal of the server: numbers, sizes, records and the turn to and from
+   network byte order. A record is laid over a received or allocated block that is at least as long.
+   The first word of every signal, its number, stays in host order; the records that the server
+   keeps to itself and those of the shell protocol are in host order as a whole. No state, any
+   thread. */
 #pragma once
 
 #include <bit>
@@ -72,7 +73,7 @@ enum tesk_conn_status : uint32_t {
 };
 
 enum tesk_fault_level : uint32_t {
-    TESK_FAULT_NONE = 0,       /* between the warning thresholds */
+    TESK_FAULT_NONE = 0, /* between the warning thresholds */
     TESK_FAULT_LOW_WARNING = 1,
     TESK_FAULT_HIGH_WARNING = 2,
     TESK_FAULT_LOW_ALARM = 3,
@@ -373,8 +374,7 @@ constexpr void tesk_turn(tesk_subscribe_port_status_req &signal)
 
 constexpr void tesk_turn(tesk_port_rej &signal)
 {
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.port_no,
-                    signal.error_code);
+    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.port_no, signal.error_code);
 }
 
 constexpr void tesk_turn(tesk_sfp_info_ind &signal)
@@ -400,10 +400,9 @@ constexpr void tesk_turn(tesk_get_pm_counters_cfm &signal)
     tesk_turn_words(signal.procedure_ref, signal.connection_ref, pm.port_no, pm.pm_sfp_type,
                     pm.has_pm_loss_of_frame_count, pm.pm_loss_of_frame_count,
                     pm.has_pm_loss_of_signal_count, pm.pm_loss_of_signal_count,
-                    pm.has_pm_bit_error_count, pm.ber_level10_8, pm.ber_level10_7,
-                    pm.ber_level10_6, pm.ber_level10_5, pm.ber_level10_4, pm.ber_level10_3,
-                    pm.has_pm_sfp_tx_power, pm.pm_sfp_tx_power, pm.has_pm_sfp_rx_power,
-                    pm.pm_sfp_rx_power, pm.has_pm_sfp_temperature, pm.pm_sfp_temperature,
-                    pm.has_pm_sfp_voltage, pm.pm_sfp_voltage, pm.has_pm_sfp_tx_bias,
-                    pm.pm_sfp_tx_bias);
+                    pm.has_pm_bit_error_count, pm.ber_level10_8, pm.ber_level10_7, pm.ber_level10_6,
+                    pm.ber_level10_5, pm.ber_level10_4, pm.ber_level10_3, pm.has_pm_sfp_tx_power,
+                    pm.pm_sfp_tx_power, pm.has_pm_sfp_rx_power, pm.pm_sfp_rx_power,
+                    pm.has_pm_sfp_temperature, pm.pm_sfp_temperature, pm.has_pm_sfp_voltage,
+                    pm.pm_sfp_voltage, pm.has_pm_sfp_tx_bias, pm.pm_sfp_tx_bias);
 }

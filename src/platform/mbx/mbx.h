@@ -66,8 +66,8 @@ uint32_t mbx_size(const mbx_signal *signal);
 uint32_t mbx_monitor(uint32_t mailbox, mbx_signal **signal);
 void mbx_unmonitor(uint32_t reference);
 
-/* The mailbox of that name; MBX_NO_MAILBOX with errno where it can't be reached: ENOENT no such name
-   or nobody behind it, EACCES no permission, ETIMEDOUT. */
+/* The mailbox of that name; MBX_NO_MAILBOX with errno where it can't be reached: ENOENT no such
+   name or nobody behind it, EACCES no permission, ETIMEDOUT. */
 uint32_t mbx_locate(const char *name);
 
 #ifdef __cplusplus

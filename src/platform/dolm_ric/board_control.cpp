@@ -1,0 +1,254 @@
+#include "board_control.h"
+
+#include "dolm_ric_board.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+#include <vector>
+
+/* One thread polls the listening socket, the peers, and an eventfd. The eventfd wakes it to end
+   and, while some peer waits for a condition, after each call of the library: conditions are about
+   what the calls do, so that is when they are looked at again. A peer is never waited for: if it
+   doesn't take its answer it is dropped. */
+
+namespace board
+{
+namespace
+{
+
+constexpr size_t max_peers = 64;
+constexpr size_t thread_stack = 256 * 1024;
+
+[[noreturn]] void fail(const std::string &what)
+{
+    throw board_error(what + ": " + std::strerror(errno));
+}
+
+class descriptor
+{
+  public:
+    explicit descriptor(int number = -1) : fd(number)
+    {
+    }
+    descriptor(descriptor &&other) noexcept : fd(std::exchange(other.fd, -1))
+    {
+    }
+    descriptor &operator=(descriptor &&other) noexcept
+    {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    ~descriptor()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+    int get() const
+    {
+        return fd;
+    }
+
+  private:
+    int fd;
+};
+
+/* Whoever holds the lock beside the socket's path owns the path, so that a socket which is there
+   already was left by a dead board. The lock file stays. */
+descriptor lock_path(const std::string &path)
+{
+    const std::string name = path + ".lock";
+    descriptor lock(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660));
+    if (lock.get() < 0)
+        fail(name);
+    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
+        throw board_error(path + ": another board listens there");
+    return lock;
+}
+
+void remove_dead_socket(const std::string &path)
+{
+    struct stat status;
+    if (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode))
+        unlink(path.c_str());
+}
+
+descriptor listen_at(const std::string &path)
+{
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    if (path.size() >= sizeof(address.sun_path))
+        throw board_error(path + ": too long for a socket");
+    path.copy(address.sun_path, path.size());
+    descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    remove_dead_socket(path);
+    if (listener.get() < 0 || fchmod(listener.get(), 0660) != 0 ||
+        bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+        chmod(path.c_str(), 0660) != 0 || listen(listener.get(), 16) != 0)
+        fail(path);
+    return listener;
+}
+
+void make_directory_of(const std::string &path)
+{
+    std::error_code error;
+    const std::filesystem::path directory = std::filesystem::path(path).parent_path();
+    if (!directory.empty() && !std::filesystem::create_directories(directory, error) && error)
+        throw board_error(directory.string() + ": " + error.message());
+}
+
+struct peer {
+    descriptor socket;
+    condition pending;
+};
+
+} // namespace
+
+class board_control::server
+{
+  public:
+    server(const std::string &where, const stage &on)
+        : path(where), scene(on), request(DOLM_RIC_BOARD_PACKET_MAX)
+    {
+        make_directory_of(path);
+        lock = lock_path(path);
+        listener = listen_at(path);
+        wakeup = descriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+        if (wakeup.get() < 0)
+            fail("eventfd");
+        start_thread();
+    }
+
+    ~server()
+    {
+        ending = true;
+        eventfd_write(wakeup.get(), 1);
+        pthread_join(thread, nullptr);
+        unlink(path.c_str());
+    }
+
+  private:
+    void start_thread()
+    {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, thread_stack);
+        sigset_t all;
+        sigset_t before;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+        errno = pthread_create(&thread, &attributes, run, this);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        pthread_attr_destroy(&attributes);
+        if (errno != 0)
+            fail("pthread_create");
+    }
+
+    static void *run(void *self)
+    {
+        pthread_setname_np(pthread_self(), "dolm-ric-board");
+        try {
+            static_cast<server *>(self)->serve();
+        } catch (const std::exception &error) {
+            fprintf(stderr, "libdolm_ric: the board can't be played any more: %s\n", error.what());
+        }
+        return nullptr;
+    }
+
+    void serve()
+    {
+        std::vector<pollfd> polled;
+        while (!ending) {
+            polled.assign({{wakeup.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}});
+            polled[1].events = peers.size() < max_peers ? POLLIN : 0;
+            for (const peer &known : peers)
+                polled.push_back({known.socket.get(), POLLIN, 0});
+            poll(polled.data(), polled.size(), -1);
+            eventfd_t woken;
+            eventfd_read(wakeup.get(), &woken);
+            serve_peers(std::span(polled).subspan(2));
+            if (polled[1].revents != 0)
+                accept_peer();
+        }
+    }
+
+    void accept_peer()
+    {
+        descriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (socket.get() >= 0)
+            peers.push_back({std::move(socket), {}});
+    }
+
+    void serve_peers(std::span<const pollfd> polled)
+    {
+        const std::lock_guard guard(scene.events.lock);
+        size_t at = 0;
+        bool some_wait = false;
+        std::erase_if(peers, [&](peer &known) {
+            const bool stays = (polled[at++].revents == 0 || take_request(known)) && look(known);
+            some_wait |= stays && known.pending;
+            return !stays;
+        });
+        scene.events.watch_calls(some_wait ? wakeup.get() : -1);
+    }
+
+    /* False if the peer is to be dropped; so is one that asks while it waits for an answer. */
+    bool take_request(peer &from)
+    {
+        const ssize_t length = recv(from.socket.get(), request.data(), request.size(), MSG_TRUNC);
+        if (length <= 0 || from.pending)
+            return length < 0 && errno == EAGAIN;
+        if (static_cast<size_t>(length) > request.size())
+            return send_answer(from, "error the request is too long");
+        const std::string answer = answer_request(
+            std::string_view(request.data(), static_cast<size_t>(length)), scene, from.pending);
+        return from.pending || send_answer(from, answer);
+    }
+
+    bool look(peer &at)
+    {
+        if (!at.pending || !at.pending())
+            return true;
+        at.pending = nullptr;
+        return send_answer(at, "ok");
+    }
+
+    static bool send_answer(const peer &to, std::string_view answer)
+    {
+        return send(to.socket.get(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >=
+               0;
+    }
+
+    const std::string path;
+    const stage scene;
+    descriptor lock;
+    descriptor listener;
+    descriptor wakeup;
+    std::vector<peer> peers;
+    std::vector<char> request;
+    std::atomic<bool> ending = false;
+    pthread_t thread = {};
+};
+
+board_control::board_control(const std::string &path, const stage &on)
+    : own(std::make_unique<server>(path, on))
+{
+}
+
+board_control::~board_control() = default;
+
+} // namespace board

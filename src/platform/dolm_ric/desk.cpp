@@ -1,0 +1,161 @@
+#include "desk.h"
+
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace board
+{
+
+void desk::open(uint32_t ports)
+{
+    held.assign(ports, {});
+    orders.clear();
+    calls = {};
+    events.clear();
+    events_queued = 0;
+    open_now = true;
+}
+
+void desk::close()
+{
+    queue({.type = DOLM_RICEVT_SHUTDOWN, .port_status = {}}, true);
+    open_now = false;
+}
+
+bool desk::is_open() const
+{
+    return open_now;
+}
+
+void desk::count_call(operation op)
+{
+    calls[static_cast<size_t>(op)]++;
+    if (watcher >= 0)
+        eventfd_write(watcher, 1);
+}
+
+int32_t desk::ordered_failure(operation op, uint32_t port)
+{
+    const auto found = std::find_if(orders.rbegin(), orders.rend(), [&](const failure &order) {
+        return order.op == op && (order.ports.empty() || contains(order.ports, port));
+    });
+    if (found == orders.rend())
+        return DOLM_RICERR_OK;
+    const int32_t code = found->code;
+    if (found->left != failure::always && --found->left == 0)
+        orders.erase(std::next(found).base());
+    return code;
+}
+
+void desk::order_failure(failure order)
+{
+    orders.push_back(std::move(order));
+    changed.notify_all();
+}
+
+size_t desk::withdraw_failures(std::optional<operation> op)
+{
+    return std::erase_if(orders, [op](const failure &order) { return !op || order.op == *op; });
+}
+
+void desk::subscribe(uint32_t port, subscription_kind kind)
+{
+    held[port].*kind += 1;
+}
+
+bool desk::unsubscribe(uint32_t port, subscription_kind kind)
+{
+    if (held[port].*kind == 0)
+        return false;
+    held[port].*kind -= 1;
+    return true;
+}
+
+void desk::port_changed(const dolm_ric_port_status &now)
+{
+    queue({.type = DOLM_RICEVT_RIPORTSTATUS, .port_status = now}, false);
+}
+
+void desk::link_changed(const dolm_ric_link_status &now)
+{
+    queue({.type = DOLM_RICEVT_RILINKSTATUS, .link_status = now}, false);
+}
+
+void desk::queue_raw(const dolm_ric_event &event)
+{
+    queue(event, true);
+}
+
+/* The id of a link event stands where that of a port event does. */
+bool desk::wanted(const dolm_ric_event &event) const
+{
+    const subscriptions &port = held[event.port_status.id & 0xffff];
+    return (event.type == DOLM_RICEVT_RILINKSTATUS ? port.link : port.port) > 0;
+}
+
+void desk::queue(const dolm_ric_event &event, bool raw)
+{
+    if (!open_now || !(raw || wanted(event)))
+        return;
+    events.push_back({std::make_unique<dolm_ric_event>(event), raw});
+    events_queued++;
+    changed.notify_all();
+}
+
+/* What was queued before an unsubscribe isn't delivered after it. */
+std::unique_ptr<dolm_ric_event> desk::take_event()
+{
+    while (!events.empty()) {
+        queued_event next = std::move(events.front());
+        events.pop_front();
+        if (next.raw || wanted(*next.event))
+            return std::move(next.event);
+    }
+    return nullptr;
+}
+
+int32_t desk::wait_event(std::unique_lock<std::mutex> &guard, dolm_ric_event *&event)
+{
+    for (;;) {
+        if (const int32_t code = ordered_failure(operation::waitevent, 0))
+            return code;
+        if (auto next = take_event()) {
+            event = out.emplace_back(std::move(next)).get();
+            return DOLM_RICERR_OK;
+        }
+        if (!open_now)
+            return DOLM_RICERR_SHUTDOWN;
+        event_thread_waits = true;
+        changed.wait(guard);
+        event_thread_waits = false;
+    }
+}
+
+bool desk::free_event(const dolm_ric_event *event)
+{
+    return std::erase_if(out, [event](const auto &given) { return given.get() == event; }) > 0;
+}
+
+size_t desk::events_waiting() const
+{
+    return events.size();
+}
+
+size_t desk::events_out() const
+{
+    return out.size();
+}
+
+bool desk::idle() const
+{
+    return event_thread_waits && events.empty() && out.empty();
+}
+
+void desk::watch_calls(int eventfd)
+{
+    watcher = eventfd;
+}
+
+} // namespace board

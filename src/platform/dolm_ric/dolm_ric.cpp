@@ -1,0 +1,263 @@
+#include "dolm_ric.h"
+
+#include "board_control.h"
+#include "board_file.h"
+#include "desk.h"
+#include "dolm_ric_board.h"
+#include "simulated_ports.h"
+
+#include <cstdlib>
+
+/* The thirteen operations. Each looks up whether somebody ordered it to fail, then does its work on
+   the desk (events, subscriptions) and the port source (what ports report) behind it.
+
+   There is one board in a process at a time. Its handle is a number that no other board of the
+   process ever had, so that a stale handle is found out. The desk outlives every board: the event
+   thread may still sit on it, and give its last event back, while the main thread shuts down. The
+   control thread is started and ended without the desk's lock, since it takes that lock itself. */
+
+namespace
+{
+
+using board::operation;
+
+struct library {
+    board::desk desk;
+    uintptr_t handle = 0;                          /* of the latest board; guarded by desk.lock */
+    std::unique_ptr<board::simulated_ports> ports; /* null once the board is shut down */
+    std::unique_ptr<board::board_control> control; /* null if the board can't be played */
+};
+
+/* Never destroyed: threads that use it may outlive main(). */
+library &self()
+{
+    static library &the_one = *new library;
+    return the_one;
+}
+
+/* Nothing but result codes leaves an operation. */
+template <typename work>
+int32_t result_of(work &&run) noexcept
+{
+    try {
+        return run();
+    } catch (const std::bad_alloc &) {
+        return DOLM_RICERR_NOMEM;
+    } catch (...) {
+        return DOLM_RICERR_INTERNAL;
+    }
+}
+
+/* Runs the work of an operation on a port, unless the operation is to fail. */
+template <typename work>
+int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) noexcept
+{
+    return result_of([&]() -> int32_t {
+        library &lib = self();
+        const std::lock_guard guard(lib.desk.lock);
+        if (handle == 0 || handle != lib.handle)
+            return DOLM_RICERR_INVALID;
+        if (!lib.ports)
+            return DOLM_RICERR_SHUTDOWN;
+        const uint32_t port = id & 0xffff;
+        lib.desk.count_call(op);
+        if (const int32_t code = lib.desk.ordered_failure(op, port))
+            return code;
+        if (id != (board::id_of_port_0 | port) || port >= lib.ports->ports())
+            return DOLM_RICERR_NODEV;
+        return run(lib, port);
+    });
+}
+
+template <typename record>
+int32_t read_port(operation op, uintptr_t handle, uint32_t id, record *out) noexcept
+{
+    if (out == nullptr)
+        return DOLM_RICERR_INVALID;
+    return on_port(op, handle, id, [out](library &lib, uint32_t port) {
+        const board::port_source &source = *lib.ports;
+        return source.read(port, *out);
+    });
+}
+
+template <typename record>
+int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscription_kind kind,
+                  record *out) noexcept
+{
+    if (out == nullptr)
+        return DOLM_RICERR_INVALID;
+    return on_port(op, handle, id, [kind, out](library &lib, uint32_t port) {
+        const board::port_source &source = *lib.ports;
+        const int32_t result = source.read(port, *out);
+        if (result == DOLM_RICERR_OK)
+            lib.desk.subscribe(port, kind);
+        return result;
+    });
+}
+
+int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
+                    board::subscription_kind kind) noexcept
+{
+    return on_port(op, handle, id, [kind](library &lib, uint32_t port) {
+        return lib.desk.unsubscribe(port, kind) ? DOLM_RICERR_OK : DOLM_RICERR_INVALID;
+    });
+}
+
+/* The board of the plan, with nobody told of how it comes to be. */
+void set_up(library &lib, const board::board_plan &plan)
+{
+    lib.desk.open(plan.ports);
+    auto ports = std::make_unique<board::simulated_ports>(plan.ports, lib.desk);
+    for (const board::board_plan::section &section : plan.sections) {
+        if (section.module != nullptr)
+            ports->insert(section.ports, section.module, section.settings);
+        else
+            ports->set(section.ports, section.settings, false);
+    }
+    for (const board::failure &order : plan.failures)
+        lib.desk.order_failure(order);
+    lib.ports = std::move(ports);
+}
+
+const char *environment(const char *name, const char *otherwise)
+{
+    const char *value = secure_getenv(name);
+    return value != nullptr && *value != '\0' ? value : otherwise;
+}
+
+/* A board that nobody can play is still a board. */
+void start_control(library &lib)
+{
+    const char *path = environment(DOLM_RIC_BOARD_SOCKET_ENV, DOLM_RIC_BOARD_SOCKET);
+    try {
+        lib.control = std::make_unique<board::board_control>(
+            path, board::stage{.events = lib.desk, .ports = *lib.ports});
+    } catch (const std::exception &error) {
+        fprintf(stderr, "libdolm_ric: teskboard can't play this board: %s\n", error.what());
+    }
+}
+
+} // namespace
+
+int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
+{
+    return result_of([handle]() -> int32_t {
+        library &lib = self();
+        if (handle == nullptr)
+            return DOLM_RICERR_INVALID;
+        {
+            const std::lock_guard guard(lib.desk.lock);
+            if (lib.ports)
+                return DOLM_RICERR_BUSY;
+            try {
+                set_up(lib, board::read_board(environment(DOLM_RIC_BOARD_FILE_ENV, nullptr)));
+            } catch (const board::board_error &error) {
+                fprintf(stderr, "libdolm_ric: %s\n", error.what());
+                return DOLM_RICERR_INVALID;
+            }
+            lib.desk.count_call(operation::init);
+            if (const int32_t code = lib.desk.ordered_failure(operation::init, 0)) {
+                lib.ports.reset();
+                return code;
+            }
+            *handle = ++lib.handle;
+        }
+        start_control(lib);
+        return DOLM_RICERR_OK;
+    });
+}
+
+/* Ends the board even if it is to fail: the caller could do nothing but wait for ever. */
+int32_t dolm_ric_shutdown(uintptr_t handle, uint32_t)
+{
+    return result_of([handle]() -> int32_t {
+        library &lib = self();
+        std::unique_lock guard(lib.desk.lock);
+        if (handle == 0 || handle != lib.handle)
+            return DOLM_RICERR_INVALID;
+        if (!lib.desk.is_open())
+            return DOLM_RICERR_SHUTDOWN;
+        lib.desk.count_call(operation::shutdown);
+        const int32_t code = lib.desk.ordered_failure(operation::shutdown, 0);
+        lib.desk.close();
+        guard.unlock();
+        lib.control.reset();
+        guard.lock();
+        lib.ports.reset();
+        return code;
+    });
+}
+
+int32_t dolm_ric_waitevent(uintptr_t handle, dolm_ric_event **event)
+{
+    return result_of([handle, event]() -> int32_t {
+        library &lib = self();
+        std::unique_lock guard(lib.desk.lock);
+        if (event == nullptr || handle == 0 || handle != lib.handle)
+            return DOLM_RICERR_INVALID;
+        lib.desk.count_call(operation::waitevent);
+        return lib.desk.wait_event(guard, *event);
+    });
+}
+
+/* Takes the event back even if it is to fail, so that an ordered failure costs no memory. */
+int32_t dolm_ric_freeevent(uintptr_t handle, dolm_ric_event **event)
+{
+    return result_of([handle, event]() -> int32_t {
+        library &lib = self();
+        const std::lock_guard guard(lib.desk.lock);
+        if (event == nullptr || handle == 0 || handle != lib.handle)
+            return DOLM_RICERR_INVALID;
+        lib.desk.count_call(operation::freeevent);
+        const bool was_out = lib.desk.free_event(*event);
+        *event = nullptr;
+        if (const int32_t code = lib.desk.ordered_failure(operation::freeevent, 0))
+            return code;
+        return was_out ? DOLM_RICERR_OK : DOLM_RICERR_INVALID;
+    });
+}
+
+int32_t dolm_ric_ri_getportstatus(uintptr_t handle, uint32_t id, dolm_ric_port_status *out)
+{
+    return read_port(operation::getportstatus, handle, id, out);
+}
+
+int32_t dolm_ric_ri_subsport(uintptr_t handle, uint32_t id, dolm_ric_port_status *out)
+{
+    return subscribe(operation::subsport, handle, id, &board::subscriptions::port, out);
+}
+
+int32_t dolm_ric_ri_unsubsport(uintptr_t handle, uint32_t id)
+{
+    return unsubscribe(operation::unsubsport, handle, id, &board::subscriptions::port);
+}
+
+int32_t dolm_ric_ri_subslink(uintptr_t handle, uint32_t id, dolm_ric_link_status *out)
+{
+    return subscribe(operation::subslink, handle, id, &board::subscriptions::link, out);
+}
+
+int32_t dolm_ric_ri_unsubslink(uintptr_t handle, uint32_t id)
+{
+    return unsubscribe(operation::unsubslink, handle, id, &board::subscriptions::link);
+}
+
+int32_t dolm_ric_ri_getlinkstatus(uintptr_t handle, uint32_t id, dolm_ric_link_status *out)
+{
+    return read_port(operation::getlinkstatus, handle, id, out);
+}
+
+int32_t dolm_ric_ri_getmoduleinfo(uintptr_t handle, uint32_t id, dolm_ric_module_info *out)
+{
+    return read_port(operation::getmoduleinfo, handle, id, out);
+}
+
+int32_t dolm_ric_ri_getmodstatus(uintptr_t handle, uint32_t id, dolm_ric_module_status *out)
+{
+    return read_port(operation::getmodstatus, handle, id, out);
+}
+
+int32_t dolm_ric_ri_getmodulediag(uintptr_t handle, uint32_t id, dolm_ric_module_diag *out)
+{
+    return read_port(operation::getmodulediag, handle, id, out);
+}

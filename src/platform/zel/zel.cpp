@@ -1,0 +1,335 @@
+/* zel - settings, the group mask, formatted texts and the trace calls.
+
+   Settings, read once by the first zel_init; a set-uid program has none:
+     ZEL_SINK        lttng, stderr, stdout or file:PATH; nothing is traced without it
+     ZEL_GROUPS      the groups to trace, as in 1,4,12, or all; 1,4 without it
+     ZEL_FILE_SIZE   the bytes after which a file rolls over; 4194304 without it
+
+   The mask. Callers test procInfo[3] of their thread before they call anything of ours, so it has
+   to stand there beforehand. zel_init sets it for its own thread, zel_register_thread_name for any
+   other. For threads that are made later and never register, zel_init also writes it into the image
+   from which the loader copies the thread-local data of each new thread. Not so for LTTng: there a
+   thread must be made ready for signal handlers first, and it keeps the mask 0 until it registers.
+
+   Formatted texts. A signal handler may call formatStr at any instruction of a formatStr of the
+   same thread, or before the text of that one has been traced. So each thread has several texts,
+   and a text is taken until a trace call has written it. formatStr takes the one that has been left
+   alone for the longest, a free one before a taken one. What a handler takes between our choice and
+   our mark is done with when we go on, since the handler has ended by then. Nothing of this needs
+   more than the order that one thread sees.
+
+   Nothing behind formatStr and the trace calls locks or allocates, and all keep errno. vsnprintf is
+   not promised to be safe in a handler, but in glibc it is for what is formatted here: integers,
+   characters, pointers and strings; floating point and positional arguments may allocate. */
+#include "zel.h"
+#include "zel_record.h"
+#include "zel_text.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <link.h>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/prctl.h>
+#include <tuple>
+#include <unistd.h>
+
+static constexpr uint32_t errors_and_notable = 1u << 1 | 1u << 4;
+static constexpr uint32_t received_group = 17, sent_group = 18;
+static constexpr uint64_t default_file_cap = 4 << 20;
+
+struct formatted_text {
+    bool is_taken;
+    uint64_t last_use;
+    char text[2048];
+};
+
+/* One for ordinary code, one for each of the two handlers that can lie on top of it and of each
+   other, and one to spare for a caller that formats without tracing. */
+static constexpr int texts_per_thread = 4;
+
+#define ZEL_THREAD_LOCAL static __thread __attribute__((tls_model("initial-exec")))
+
+ZEL_THREAD_LOCAL formatted_text texts[texts_per_thread];
+ZEL_THREAD_LOCAL uint64_t text_uses;
+ZEL_THREAD_LOCAL char thread_name[32];
+
+/* Word 0 is the size of the block. Being not 0 it also keeps the block in the initial image, which
+   holds no data that starts as zeroes. */
+__thread uint32_t procInfo[8] = {sizeof procInfo};
+
+static std::atomic<const zel_sink *> sink;
+static uint32_t group_mask;
+
+/* One line on stderr about a setting that can't be followed. */
+static void complain(const char *setting, const char *value, const char *what)
+{
+    text_line line;
+    line.escape("libzel: ");
+    line.escape(setting);
+    line.escape("=");
+    line.escape(value);
+    line.escape(": ");
+    line.escape(what);
+    line.write_to(STDERR_FILENO);
+}
+
+static std::optional<uint64_t> parse_number(std::string_view text)
+{
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.begin(), text.end(), number);
+    if (error != std::errc() || end != text.end())
+        return std::nullopt;
+    return number;
+}
+
+static std::optional<uint32_t> parse_groups(std::string_view list)
+{
+    if (list == "all")
+        return ~0u;
+    uint32_t mask = 0;
+    while (true) {
+        const size_t comma = list.find(',');
+        const auto group = parse_number(list.substr(0, comma));
+        if (!group || *group > 31)
+            return std::nullopt;
+        mask |= 1u << *group;
+        if (comma == list.npos)
+            return mask;
+        list.remove_prefix(comma + 1);
+    }
+}
+
+static uint32_t wanted_groups()
+{
+    const char *list = secure_getenv("ZEL_GROUPS");
+    if (list == nullptr)
+        return errors_and_notable;
+    const auto mask = parse_groups(list);
+    if (!mask)
+        complain("ZEL_GROUPS", list, "give groups 0 to 31, as in 1,4,12, or all; 1,4 is used");
+    return mask.value_or(errors_and_notable);
+}
+
+static uint64_t wanted_file_cap()
+{
+    const char *text = secure_getenv("ZEL_FILE_SIZE");
+    if (text == nullptr)
+        return default_file_cap;
+    const auto cap = parse_number(text);
+    if (cap && *cap >= smallest_file_cap)
+        return *cap;
+    complain("ZEL_FILE_SIZE", text, "give bytes, at least 4096; 4194304 is used");
+    return default_file_cap;
+}
+
+/* Loads the provider from where this library lies. LTTng's threads inherit the signal mask. */
+static const zel_sink *load_lttng()
+{
+    Dl_info here{};
+    dladdr(reinterpret_cast<const void *>(zel_init), &here);
+    const std::string_view library = here.dli_fname;
+    const std::string provider =
+        std::string(library.substr(0, library.rfind('/') + 1)) + "libzel-lttng.so";
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    void *handle = dlopen(provider.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return handle ? static_cast<const zel_sink *>(dlsym(handle, "zel_lttng_sink")) : nullptr;
+}
+
+/* Null when nothing is to be traced. */
+static const zel_sink *open_sink()
+{
+    const char *setting = secure_getenv("ZEL_SINK");
+    const std::string_view name = setting ? setting : "";
+    constexpr std::string_view file = "file:";
+    if (name.empty())
+        return nullptr;
+    if (name == "stderr" || name == "stdout")
+        return zel_text_to_stream(name == "stderr" ? STDERR_FILENO : STDOUT_FILENO);
+    if (name == "lttng") {
+        const zel_sink *lttng = load_lttng();
+        if (lttng == nullptr)
+            complain("ZEL_SINK", setting, dlerror());
+        return lttng;
+    }
+    if (name.starts_with(file) && name != file) {
+        const zel_sink *opened = zel_text_to_file(setting + file.size(), wanted_file_cap());
+        if (opened == nullptr)
+            complain("ZEL_SINK", setting, strerror(errno));
+        return opened;
+    }
+    complain("ZEL_SINK", setting, "give lttng, stderr, stdout or file:PATH; nothing is traced");
+    return nullptr;
+}
+
+/* Of the loaded objects it is ours whose thread-local block, as this thread has it, holds procInfo.
+   The image has the same layout, but ends before the data that starts as zeroes. */
+static int write_initial_image(dl_phdr_info *object, size_t, void *)
+{
+    const auto *mask = reinterpret_cast<const char *>(&procInfo[3]);
+    const auto *block = static_cast<const char *>(object->dlpi_tls_data);
+    for (size_t i = 0; block != nullptr && i < object->dlpi_phnum; ++i) {
+        const ElfW(Phdr) &segment = object->dlpi_phdr[i];
+        if (segment.p_type != PT_TLS || mask < block || mask >= block + segment.p_filesz)
+            continue;
+        const ElfW(Addr) image = object->dlpi_addr + segment.p_vaddr;
+        memcpy(reinterpret_cast<char *>(image) + (mask - block), &group_mask, sizeof group_mask);
+        return 1;
+    }
+    return 0;
+}
+
+/* The mask comes last: from then on a signal handler may trace here. */
+static void enter_thread()
+{
+    const zel_sink *used = sink.load(std::memory_order_acquire);
+    if (used == nullptr)
+        return;
+    if (used->enter_thread)
+        used->enter_thread();
+    procInfo[3] = group_mask;
+}
+
+static bool start()
+{
+    const zel_sink *opened = open_sink();
+    if (opened == nullptr)
+        return false;
+    group_mask = wanted_groups();
+    sink.store(opened, std::memory_order_release);
+    if (opened->enter_thread == nullptr)
+        dl_iterate_phdr(write_initial_image, nullptr);
+    return true;
+}
+
+int zel_init(void)
+{
+    const int kept_errno = errno;
+    static const bool is_tracing = start();
+    if (is_tracing)
+        enter_thread();
+    errno = kept_errno;
+    return 0;
+}
+
+int zel_register_thread_name(const char *name)
+{
+    const int kept_errno = errno;
+    snprintf(thread_name, sizeof thread_name, "%s", name ? name : "");
+    enter_thread();
+    errno = kept_errno;
+    return 0;
+}
+
+static formatted_text &take_text()
+{
+    formatted_text &text = *std::ranges::min_element(texts, {}, [](const formatted_text &one) {
+        return std::tuple(one.is_taken, one.last_use);
+    });
+    text.is_taken = true;
+    text.last_use = ++text_uses;
+    /* The marks are in memory before the first byte of the text is. */
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    return text;
+}
+
+static void give_back(const char *traced)
+{
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    for (formatted_text &text : texts)
+        if (text.text == traced)
+            text.is_taken = false;
+}
+
+const char *formatStr(const char *format, ...)
+{
+    const int kept_errno = errno;
+    char *text = take_text().text;
+    va_list arguments;
+    va_start(arguments, format);
+    if (format == nullptr || vsnprintf(text, sizeof texts[0].text, format, arguments) < 0)
+        text[0] = '\0';
+    va_end(arguments);
+    errno = kept_errno;
+    return text;
+}
+
+const char *short_fname(const char *path)
+{
+    if (path == nullptr)
+        return "";
+    const char *slash = strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
+
+/* Does nothing where the mask hides the group, and so nothing without a sink. */
+static void trace(zel_record record)
+{
+    const int kept_errno = errno;
+    const char *text = record.text;
+    const zel_sink *used = sink.load(std::memory_order_acquire);
+    if (used && record.group < 32 && (procInfo[3] >> record.group & 1)) {
+        char kernel_name[16] = "";
+        if (thread_name[0] == '\0')
+            prctl(PR_GET_NAME, kernel_name);
+        record.thread = thread_name[0] != '\0' ? thread_name : kernel_name;
+        record.file = record.file ? record.file : "";
+        record.text = record.text ? record.text : "";
+        used->write(record);
+    }
+    give_back(text);
+    errno = kept_errno;
+}
+
+void lttngZelTrace(uint32_t group, const char *file, uint32_t line, const char *text, const void *)
+{
+    trace({.kind = zel_kind::trace,
+           .group = group,
+           .file = file,
+           .line = line,
+           .number = 0,
+           .receiver = 0,
+           .text = text,
+           .thread = nullptr});
+}
+
+void lttngZelRecSigTrace(const char *file, uint32_t line, const mbx_signal *signal,
+                         const char *text, const void *)
+{
+    uint32_t number = 0;
+    if (signal != nullptr)
+        memcpy(&number, signal, sizeof number);
+    trace({.kind = zel_kind::received,
+           .group = received_group,
+           .file = file,
+           .line = line,
+           .number = number,
+           .receiver = 0,
+           .text = text,
+           .thread = nullptr});
+}
+
+void lttngZelSendSigTrace(const char *file, uint32_t line, uint32_t number, uint32_t receiver,
+                          const char *text, const void *)
+{
+    trace({.kind = zel_kind::sent,
+           .group = sent_group,
+           .file = file,
+           .line = line,
+           .number = number,
+           .receiver = receiver,
+           .text = text,
+           .thread = nullptr});
+}

@@ -1,0 +1,6 @@
+#include "tesk_main.h"
+
+int main()
+{
+    return tesk_run();
+}

@@ -1,0 +1,63 @@
+/* tesk_client_data - the registry: one record for each client that has established a connection,
+   with the subscriptions that it holds. Main thread only, in spite of the mutex. A pointer to a
+   record is good until control returns to the main loop. */
+#pragma once
+
+#include <cstdint>
+#include <glib.h>
+
+enum tesk_subscription_kind : uint32_t {
+    TESK_SUBSCRIPTION_SFP_INFO = 1,
+    TESK_SUBSCRIPTION_PORT_STATUS = 2,
+};
+
+struct tesk_client_subscription {
+    uint32_t port_no;
+    uint32_t kind; /* tesk_subscription_kind */
+};
+static_assert(sizeof(tesk_client_subscription) == 8);
+
+struct tesk_client {
+    uint32_t client_id;     /* the server's reference: connection_ref of the client's requests */
+    uint32_t conn_ref;      /* the client's reference: connection_ref of all that is sent to it */
+    uint32_t procedure_ref; /* of the latest change to its subscriptions; sent in indications */
+    uint32_t mbox;          /* the client's mailbox */
+    uint32_t monitor_ref;   /* 0 until the mailbox is monitored */
+    GArray *subscriptions; /* of tesk_client_subscription, at most one a port and kind, unordered */
+    tesk_client *next;
+    tesk_client **prev_link;
+};
+
+/* Registers a new client at the head of the list, with the next client_id. Null when memory is
+   out. */
+tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref);
+
+/* Unregisters and frees. Neither the port subscription table nor the monitor is touched. Null is
+   traced. */
+void tesk_client_remove(tesk_client *client);
+
+/* The client of a mailbox, or null. */
+tesk_client *tesk_client_find_by_sender(uint32_t mbox);
+
+/* The client of a request: its client_id is `connection_ref` and its mailbox `mbox`; or null. */
+tesk_client *tesk_client_find(uint32_t connection_ref, uint32_t mbox);
+
+/* The newest client, its `next` leading to the older ones; or null. */
+tesk_client *tesk_client_first();
+
+/* The index of the client's subscription, or -1. */
+int32_t tesk_client_find_subscription(const tesk_client *client, uint32_t port_no, uint32_t kind);
+
+/* Appends a subscription that the client doesn't hold. */
+void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_t kind);
+
+/* Removes the subscription at `index`; the last one takes its place. */
+void tesk_client_remove_subscription(tesk_client *client, int32_t index);
+
+/* A walk over the clients that hold a subscription, newest client first; null at its end. */
+tesk_client *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind);
+tesk_client *tesk_client_next_subscriber(const tesk_client *client, uint32_t port_no,
+                                         uint32_t kind);
+
+/* The next client_id is 0 again. */
+void tesk_client_data_reset();

@@ -1,0 +1,33 @@
+/* What the sources of tesk_dolm_ric share among themselves. */
+#pragma once
+
+#include "platform/dolm_ric/dolm_ric.h"
+#include "tesk_dolm_ric.h"
+#include "tesk_trace.h"
+
+/* Written once before the event thread exists. */
+extern uintptr_t dolm_ric_handle;
+
+/* The library's name of a port, and the way back: the upper half is not examined. */
+static inline uint32_t dolm_ric_id(uint32_t port_no)
+{
+    return 0x00020000u | (port_no & 0xffffu);
+}
+
+static inline uint32_t dolm_ric_port_no(uint32_t id)
+{
+    return id & 0xffffu;
+}
+
+/* The group of a failed module read: a port or module that simply isn't there is no error. */
+static inline uint32_t dolm_ric_result_group(int32_t result)
+{
+    const bool expected = result == DOLM_RICERR_NODEV || result == DOLM_RICERR_NOTAVAIL ||
+                          result == DOLM_RICERR_UNSUPPORTED;
+    return expected ? TESK_TRACE_NOTABLE : TESK_TRACE_ERROR;
+}
+
+uint32_t sfp_connector_to_type(uint8_t connector);
+
+/* Traces the identity of a module; `after_rev` stands between revision and serial number. */
+void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev);

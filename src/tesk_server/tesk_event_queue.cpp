@@ -1,0 +1,73 @@
+#include "tesk_event_queue.h"
+
+#include "tesk_mutex.h"
+#include "tesk_trace.h"
+#include "tesk_types.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+/* The mutex guards the list head and the eventfd's read and write together. The counter is
+   therefore never 0 while the list isn't empty, and the blocking read returns at once. */
+static pthread_mutex_t queue_mutex = PTHREAD_MUTEX_INITIALIZER;
+static tesk_hw_event *queue_head;
+static int queue_fd = -1;
+
+int tesk_event_queue_init()
+{
+    queue_fd = eventfd(0, 0);
+    if (queue_fd == -1) {
+        tesk_trace(TESK_TRACE_ERROR, "eventfd: %u (%s)", static_cast<unsigned>(errno),
+                   strerror(errno));
+        return TESK_FAILURE;
+    }
+    return 0;
+}
+
+int tesk_event_queue_get_fd()
+{
+    return queue_fd;
+}
+
+void tesk_event_queue_put(tesk_hw_event *event)
+{
+    const uint64_t one = 1;
+
+    tesk_mutex_lock(&queue_mutex);
+    event->next = queue_head;
+    queue_head = event;
+    /* After a failed write the event goes out with the next one that wakes the main thread. */
+    [[maybe_unused]] ssize_t written = write(queue_fd, &one, sizeof(one));
+    tesk_mutex_unlock(&queue_mutex);
+}
+
+tesk_hw_event *tesk_event_queue_take_all()
+{
+    uint64_t count;
+
+    tesk_mutex_lock(&queue_mutex);
+    tesk_hw_event *events = queue_head;
+    queue_head = nullptr;
+    if (read(queue_fd, &count, sizeof(count)) < 0)
+        tesk_trace(TESK_TRACE_ERROR, "read: %u (%s)", static_cast<unsigned>(errno),
+                   strerror(errno));
+    tesk_mutex_unlock(&queue_mutex);
+    return events;
+}
+
+void tesk_event_queue_shutdown()
+{
+    if (queue_fd != -1)
+        close(queue_fd);
+    queue_fd = -1;
+
+    tesk_mutex_lock(&queue_mutex);
+    while (queue_head != nullptr) {
+        tesk_hw_event *event = queue_head;
+        queue_head = event->next;
+        free(event);
+    }
+    tesk_mutex_unlock(&queue_mutex);
+}

@@ -1,0 +1,6 @@
+/* tesk_get_capabilities - answers TESK_GET_CAPABILITIES_REQ with a fixed list. Main thread. */
+#pragma once
+
+#include "platform/mbx/mbx.h"
+
+void tesk_handle_get_capabilities_req(mbx_signal *signal);

@@ -1,0 +1,6 @@
+/* tesk_get_pm_counters - answers TESK_GET_PM_COUNTERS_REQ with one snapshot. Main thread. */
+#pragma once
+
+#include "platform/mbx/mbx.h"
+
+void tesk_handle_get_pm_counters_req(mbx_signal *signal);

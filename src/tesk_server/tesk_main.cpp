@@ -1,0 +1,351 @@
+/* One epoll loop over two level-triggered sources: the mailbox and the event queue. A signal or a
+   queued event is handled to its end before the next one is looked at.
+
+   The stop is a signal too. SIGTERM or SIGINT makes the handler send TESK_EXIT_SIGNAL to the
+   server's own mailbox, and the dispatch ends the loop when the sender is that mailbox: nobody else
+   can. */
+#include "tesk_main.h"
+
+#include "tesk_cache.h"
+#include "tesk_client_data.h"
+#include "tesk_conn_establish.h"
+#include "tesk_dolm_ric.h"
+#include "tesk_event_queue.h"
+#include "tesk_get_capabilities.h"
+#include "tesk_get_pm_counters.h"
+#include "tesk_mbx_monitor.h"
+#include "tesk_portsub.h"
+#include "tesk_shell_client.h"
+#include "tesk_signals.h"
+#include "tesk_subscribe_port_status.h"
+#include "tesk_subscribe_sfp_info.h"
+#include "tesk_trace.h"
+#include "tesk_unsubscribe_port_status.h"
+#include "tesk_unsubscribe_sfp_info.h"
+
+#include "platform/mbx/mbx.h"
+#include "platform/tesktmo/tesktmo.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <unistd.h>
+
+/* What the main loop waits on, as the data word of the registrations tells it. */
+enum tesk_epoll_tag : uint32_t {
+    TESK_EPOLL_EVENT_QUEUE = 0,
+    TESK_EPOLL_MAILBOX = 1,
+};
+static constexpr int number_of_sources = 2;
+
+/* Written once, before the signal handler can run. */
+static uint32_t own_mailbox = MBX_NO_MAILBOX;
+
+/* Whether the signal in hand stops the server. */
+static bool stop_requested;
+
+/* From another mailbox it does nothing at all. */
+static void tesk_handle_exit_signal(mbx_signal *signal)
+{
+    if (mbx_sender(signal) == own_mailbox)
+        stop_requested = true;
+}
+
+/* The whole of the server's interface but the history. No handler sees a signal shorter than its
+   row says. */
+struct dispatch_row {
+    uint32_t number;
+    uint32_t smallest_size;
+    void (*handle)(mbx_signal *signal);
+};
+
+static constexpr dispatch_row dispatch[] = {
+    {TESK_CONN_ESTABLISH_REQ, sizeof(tesk_conn_establish_req), tesk_handle_conn_establish_req},
+    {TESK_GET_CAPABILITIES_REQ, sizeof(tesk_get_capabilities_req),
+     tesk_handle_get_capabilities_req},
+    {TESK_SUBSCRIBE_SFP_INFO_REQ, sizeof(tesk_port_signal), tesk_handle_subscribe_sfp_info_req},
+    {TESK_GET_PM_COUNTERS_REQ, sizeof(tesk_port_signal), tesk_handle_get_pm_counters_req},
+    {TESK_UNSUBSCRIBE_SFP_INFO_REQ, sizeof(tesk_port_signal), tesk_handle_unsubscribe_sfp_info_req},
+    {TESK_SUBSCRIBE_PORT_STATUS_REQ, sizeof(tesk_subscribe_port_status_req),
+     tesk_handle_subscribe_port_status_req},
+    {TESK_UNSUBSCRIBE_PORT_STATUS_REQ, sizeof(tesk_port_signal),
+     tesk_handle_unsubscribe_port_status_req},
+    {TESK_PORT_STATUS_FILTER_TICK, sizeof(tesk_port_status_filter_tick),
+     tesk_handle_port_status_filter_timeout},
+    {MBX_MONITOR_DEFAULT_NO, sizeof(mbx_signal), tesk_handle_client_lost},
+    {TESK_EXIT_SIGNAL, sizeof(mbx_signal), tesk_handle_exit_signal},
+};
+
+static constexpr bool row_before(const dispatch_row &row, const dispatch_row &other)
+{
+    return row.number < other.number;
+}
+static_assert(std::is_sorted(std::begin(dispatch), std::end(dispatch), row_before));
+
+static void tesk_dispatch(mbx_signal *signal)
+{
+    const dispatch_row sought = {signal->number, 0, nullptr};
+    const auto *row =
+        std::lower_bound(std::begin(dispatch), std::end(dispatch), sought, row_before);
+
+    if (row == std::end(dispatch) || row->number != signal->number) {
+        tesk_trace(TESK_TRACE_ERROR, "Received unknown message 0x%08x", signal->number);
+        return;
+    }
+    const uint32_t size = mbx_size(signal);
+    if (size < row->smallest_size) {
+        tesk_trace(TESK_TRACE_ERROR, "Received message 0x%08x is too short: %u bytes",
+                   signal->number, size);
+        return;
+    }
+    row->handle(signal);
+}
+
+int tesk_handle_mailbox()
+{
+    stop_requested = false;
+
+    mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
+    if (!tesk_shell_client_handle(signal))
+        tesk_dispatch(signal);
+    mbx_free(&signal);
+    return stop_requested ? 1 : 0;
+}
+
+static void tesk_handle_port_state_event(uint32_t port_no, uint32_t port_state)
+{
+    if (port_state > PORTSTATE_DOWN) {
+        tesk_trace(TESK_TRACE_ERROR, "Unknown port state(%s) in dolm event, port %u",
+                   tesk_port_state_str(port_state), port_no);
+        return;
+    }
+    tesk_trace(TESK_TRACE_COURSE, "DOLM port state event received. Port %u, port_state: %s",
+               port_no, tesk_port_state_str(port_state));
+    tesk_handle_port_state_change(port_no, port_state);
+}
+
+static void tesk_handle_sfp_event(uint32_t port_no, uint32_t sfp_presence)
+{
+    if (!tesk_portsub_update_sfp_presence(port_no, sfp_presence)) {
+        tesk_trace(TESK_TRACE_COURSE, "No need to handle this SFP event, no change for port %u",
+                   port_no);
+        return;
+    }
+    tesk_handle_sfp_presence_change(port_no, sfp_presence);
+    tesk_handle_port_status_sfp_presence_change(port_no, sfp_presence);
+}
+
+/* An event of a port without a subscriber of its kind is dropped in silence. */
+static void handle_hw_event(const tesk_hw_event *event)
+{
+    switch (event->type) {
+    case TESK_HW_EVENT_PORT_STATE:
+        if (tesk_portsub_find_port_status(event->port_no) != -1)
+            tesk_handle_port_state_event(event->port_no, event->state);
+        break;
+    case TESK_HW_EVENT_SFP:
+        if (tesk_portsub_find_sfp_info(event->port_no) != -1)
+            tesk_handle_sfp_event(event->port_no, event->state);
+        break;
+    default:
+        tesk_trace(TESK_TRACE_ERROR, "Unknown event: %u", event->type);
+        break;
+    }
+}
+
+void tesk_handle_queued_events()
+{
+    tesk_hw_event *event = tesk_event_queue_take_all();
+
+    while (event != nullptr) {
+        tesk_hw_event *next = event->next;
+        handle_hw_event(event);
+        free(event);
+        event = next;
+    }
+}
+
+int tesk_handle_epoll_event(struct epoll_event event)
+{
+    if ((event.events & EPOLLIN) == 0)
+        return 0;
+    switch (event.data.u32) {
+    case TESK_EPOLL_EVENT_QUEUE:
+        tesk_handle_queued_events();
+        return 0;
+    case TESK_EPOLL_MAILBOX:
+        return tesk_handle_mailbox();
+    default:
+        tesk_trace(TESK_TRACE_ERROR, "Unknown event: %u", event.data.u32);
+        return 0;
+    }
+}
+
+static void tesk_send_exit_signal()
+{
+    mbx_signal *signal = mbx_alloc(sizeof(mbx_signal), TESK_EXIT_SIGNAL);
+
+    mbx_send(&signal, own_mailbox, MBX_OWN_MAILBOX);
+}
+
+/* Runs on whichever thread the process signal hits, in the middle of anything. */
+static void tesk_signal_handler(int signal_number)
+{
+    const int saved_errno = errno;
+
+    if (signal_number == SIGTERM || signal_number == SIGINT) {
+        tesk_trace(TESK_TRACE_NOTABLE, "Received signal %d, terminating...", signal_number);
+        tesk_send_exit_signal();
+    } else {
+        tesk_trace(TESK_TRACE_NOTABLE, "ABN:Unhandled signal %s", strsignal(signal_number));
+    }
+    errno = saved_errno;
+}
+
+static void tesk_block_all_signals()
+{
+    sigset_t all;
+
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+}
+
+/* The handlers stand before the signals are let in: one that waits from before the start is an
+   orderly stop, too. */
+static void tesk_setup_signal_handling()
+{
+    struct sigaction action = {};
+    sigset_t stop_signals;
+
+    action.sa_handler = tesk_signal_handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGTERM);
+    sigaddset(&stop_signals, SIGINT);
+    pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
+}
+
+static int init_failure(const char *line)
+{
+    fwrite(line, 1, strlen(line), stderr);
+    return TESK_FAILURE;
+}
+
+int tesk_server_init()
+{
+    tesk_block_all_signals();
+    if (mbx_init(5, 0, 0, 0, 0) != 0)
+        return init_failure("Unable to initialize MBX!\n");
+    const int zel_result = zel_init();
+    if (zel_result != 0 && zel_result != 4)
+        return init_failure("Unable to initialize ZEL!\n");
+    zel_register_thread_name("tesk-server");
+
+    own_mailbox = mbx_create_mailbox(TESK_SERVER_NAME, 0);
+    if (own_mailbox == MBX_NO_MAILBOX) {
+        tesk_trace(TESK_TRACE_ERROR, "Unable to create TESK-server mailbox!");
+        return TESK_FAILURE;
+    }
+    tesk_setup_signal_handling();
+
+    int result = tesk_event_queue_init();
+    if (result != 0) {
+        tesk_trace(TESK_TRACE_ERROR, "Failed to initialize the event queue!");
+        return result;
+    }
+    result = tesk_dolm_ric_init();
+    if (result != 0) {
+        tesk_trace(TESK_TRACE_ERROR, "pthread_create: %d (%s)", result, strerror(result));
+        return TESK_FAILURE;
+    }
+    /* Without timers a filtered port stays filtered, and all else works. */
+    if (!tmo_service_init())
+        tesk_trace(TESK_TRACE_ERROR, "Timer Service failed to start!");
+    tesk_portsub_init();
+    tesk_cache_init();
+    return 0;
+}
+
+void tesk_server_shutdown()
+{
+    while (tesk_client *client = tesk_client_first()) {
+        mbx_unmonitor(client->monitor_ref);
+        tesk_client_remove(client);
+    }
+    tesk_client_data_reset();
+    tesk_portsub_shutdown();
+    tesk_cache_shutdown();
+    tmo_service_stop();
+    tesk_dolm_ric_shutdown();
+    tesk_event_queue_shutdown();
+    /* From here on the signal handler has no mailbox to send to. */
+    tesk_block_all_signals();
+    mbx_delete_mailbox(own_mailbox);
+    mbx_exit();
+}
+
+/* False, with a trace, when the source cannot be registered. */
+static bool add_source(int epoll_fd, int fd, tesk_epoll_tag tag)
+{
+    struct epoll_event event = {};
+
+    event.events = EPOLLIN;
+    event.data.u32 = tag;
+    if (epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) == -1) {
+        tesk_trace(TESK_TRACE_ERROR, "epoll_ctl: %d (%s)", errno, strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+/* Until the exit signal comes. A wait that fails, as one that a process signal interrupts does,
+   yields no events and is taken up again. */
+static void run_loop(int epoll_fd)
+{
+    struct epoll_event events[number_of_sources];
+
+    for (;;) {
+        const int count = epoll_wait(epoll_fd, events, number_of_sources, -1);
+        for (int index = 0; index < count; index++)
+            if (tesk_handle_epoll_event(events[index]) == 1)
+                return;
+    }
+}
+
+/* Start-up, loop; what the process ends with. */
+static int serve(int *epoll_fd)
+{
+    const int result = tesk_server_init();
+    if (result != 0)
+        return result;
+    *epoll_fd = epoll_create1(0);
+    if (*epoll_fd == -1) {
+        tesk_trace(TESK_TRACE_ERROR, "epoll_create1: %d (%s)", errno, strerror(errno));
+        return TESK_FAILURE;
+    }
+    if (!add_source(*epoll_fd, tesk_event_queue_get_fd(), TESK_EPOLL_EVENT_QUEUE) ||
+        !add_source(*epoll_fd, mbx_get_fd(), TESK_EPOLL_MAILBOX))
+        return -1;
+    tesk_trace(TESK_TRACE_NOTABLE, "TESK server started!");
+    run_loop(*epoll_fd);
+    return 0;
+}
+
+int tesk_run()
+{
+    int epoll_fd = -1;
+    const int result = serve(&epoll_fd);
+
+    if (epoll_fd != -1)
+        close(epoll_fd);
+    tesk_server_shutdown();
+    tesk_trace(TESK_TRACE_NOTABLE, "TESK server terminated");
+    return result;
+}

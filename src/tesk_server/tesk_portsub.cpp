@@ -1,0 +1,308 @@
+#include "tesk_portsub.h"
+
+#include "leaky_bucket.h"
+#include "tesk_dolm_ric.h"
+#include "tesk_trace.h"
+
+#include <glib.h>
+#include <initializer_list>
+
+/* The two presence fields of a port answer get_sfp_presence without a hardware call and tell a new
+   presence from a repeated one. An update writes both. They part only where a first SFP info
+   subscriber joins a port whose port status record has missed the module's changes; the next SFP
+   event brings them together again. */
+
+static constexpr int32_t bucket_size = 100;
+static constexpr int32_t bucket_filter_level = 50;
+
+struct tesk_portsub_port_status {
+    uint32_t port_no;
+    uint32_t subscribers;
+    int32_t bucket_id;
+    uint32_t sfp_presence;
+    uint32_t port_state;
+};
+
+struct tesk_portsub_sfp_info {
+    uint32_t port_no;
+    uint32_t subscribers;
+    uint32_t sfp_presence;
+};
+
+static GArray *port_status_table;
+static GArray *sfp_info_table;
+
+/* Elements of both tables start with the port's number. */
+template <typename record_type>
+static int32_t find_index(const GArray *table, uint32_t port_no)
+{
+    for (guint index = 0; index < table->len; index++)
+        if (g_array_index(table, record_type, index).port_no == port_no)
+            return static_cast<int32_t>(index);
+    return -1;
+}
+
+template <typename record_type>
+static record_type *find_record(const GArray *table, uint32_t port_no)
+{
+    const int32_t index = find_index<record_type>(table, port_no);
+
+    return index == -1 ? nullptr : &g_array_index(table, record_type, index);
+}
+
+static tesk_portsub_port_status *find_port_status(uint32_t port_no)
+{
+    return find_record<tesk_portsub_port_status>(port_status_table, port_no);
+}
+
+static tesk_portsub_sfp_info *find_sfp_info(uint32_t port_no)
+{
+    return find_record<tesk_portsub_sfp_info>(sfp_info_table, port_no);
+}
+
+/* Counts one subscriber less. True when it was the last, so that the hardware subscription is to be
+   given back; otherwise *result is what the removal gives. */
+template <typename record_type>
+static bool count_down(record_type *record, uint32_t port_no, int32_t *result)
+{
+    if (record == nullptr) {
+        tesk_trace(TESK_TRACE_ERROR, "No client subscribed to port (%u)", port_no);
+        *result = TESK_FAILURE;
+        return false;
+    }
+    *result = 0;
+    return --record->subscribers == 0;
+}
+
+static int32_t add_bucket(uint32_t port_no)
+{
+    const int32_t bucket_id = leaky_bucket_add(bucket_size, bucket_filter_level);
+
+    if (bucket_id == -1)
+        tesk_trace(TESK_TRACE_ERROR, "Failed to bound bucket with id %d to port %u", bucket_id,
+                   port_no);
+    return bucket_id;
+}
+
+/* The presence from memory, or else from the hardware. */
+static tesk_sfp_presence tesk_portsub_resolve_sfp_presence(uint32_t port_no)
+{
+    tesk_sfp_presence presence = get_sfp_presence(port_no);
+
+    if (presence != SFP_UNKNOWN)
+        return presence;
+    presence = get_dolm_sfp_presence(port_no);
+    if (presence == SFP_UNKNOWN || presence == UNSUPPORTED_PORT) {
+        tesk_trace(TESK_TRACE_ERROR, "Failed to get sfp data on port %u with result %s", port_no,
+                   tesk_sfp_presence_str(presence));
+        return SFP_UNKNOWN;
+    }
+    tesk_portsub_update_sfp_presence(port_no, presence);
+    return presence;
+}
+
+int32_t tesk_portsub_find_port_status(uint32_t port_no)
+{
+    return find_index<tesk_portsub_port_status>(port_status_table, port_no);
+}
+
+int32_t tesk_portsub_find_sfp_info(uint32_t port_no)
+{
+    return find_index<tesk_portsub_sfp_info>(sfp_info_table, port_no);
+}
+
+int32_t tesk_portsub_get_bucket_id(uint32_t port_no)
+{
+    const tesk_portsub_port_status *record = find_port_status(port_no);
+
+    return record == nullptr ? 0 : record->bucket_id;
+}
+
+int32_t tesk_portsub_add_sfp_info(uint32_t port_no)
+{
+    tesk_portsub_sfp_info *record = find_sfp_info(port_no);
+
+    if (record != nullptr) {
+        record->subscribers++;
+        return 0;
+    }
+    const tesk_sfp_presence presence = subscribe_sfp_info(port_no);
+    if (presence == UNSUPPORTED_PORT || presence == SFP_UNKNOWN)
+        return TESK_FAILURE;
+    const tesk_portsub_sfp_info added = {
+        .port_no = port_no, .subscribers = 1, .sfp_presence = presence};
+    g_array_append_vals(sfp_info_table, &added, 1);
+    tesk_trace(TESK_TRACE_COURSE,
+               "Successfully subscribed for sfp info on port %u with sfp_presence %s", port_no,
+               tesk_sfp_presence_str(presence));
+    return 0;
+}
+
+int32_t tesk_portsub_add_port_status(uint32_t port_no)
+{
+    tesk_portsub_port_status *record = find_port_status(port_no);
+
+    if (record != nullptr) {
+        record->subscribers++;
+        return 0;
+    }
+    if (subscribe_port_status(port_no) != 0)
+        return TESK_FAILURE;
+    const int32_t bucket_id = add_bucket(port_no);
+    if (bucket_id == -1) {
+        unsubscribe_port_status(port_no);
+        return TESK_FAILURE;
+    }
+    /* The new record is not in the table yet: only the port's SFP info record can answer from
+       memory. */
+    const tesk_sfp_presence presence = tesk_portsub_resolve_sfp_presence(port_no);
+    const tesk_portsub_port_status added = {.port_no = port_no,
+                                            .subscribers = 1,
+                                            .bucket_id = bucket_id,
+                                            .sfp_presence = presence,
+                                            .port_state = PORTSTATE_UNKNOWN};
+    g_array_append_vals(port_status_table, &added, 1);
+    tesk_trace(TESK_TRACE_COURSE,
+               "Successfully subscribed for port status on port %u with sfp_presence %s", port_no,
+               tesk_sfp_presence_str(presence));
+    return 0;
+}
+
+int32_t tesk_portsub_remove_sfp_info(uint32_t port_no)
+{
+    tesk_portsub_sfp_info *record = find_sfp_info(port_no);
+    int32_t result;
+
+    if (!count_down(record, port_no, &result))
+        return result;
+    result = unsubscribe_sfp_info(port_no);
+    if (result != 0) {
+        tesk_trace(TESK_TRACE_ERROR, "dolm_unsubsport: port%u, %d (%s)", port_no, result,
+                   dolm_ric_result_text(result));
+        record->subscribers++;
+        return TESK_FAILURE;
+    }
+    g_array_remove_index_fast(sfp_info_table,
+                              static_cast<guint>(tesk_portsub_find_sfp_info(port_no)));
+    return 0;
+}
+
+int32_t tesk_portsub_remove_port_status(uint32_t port_no)
+{
+    tesk_portsub_port_status *record = find_port_status(port_no);
+    int32_t result;
+
+    if (!count_down(record, port_no, &result))
+        return result;
+    leaky_bucket_remove(record->bucket_id);
+    result = unsubscribe_port_status(port_no);
+    if (result != 0) {
+        tesk_trace(TESK_TRACE_ERROR, "dolm_unsubslink: port%u, %d (%s)", port_no, result,
+                   dolm_ric_result_text(result));
+        record->subscribers++;
+        /* The record stays, and a record without a live bucket would lose its port's events. */
+        record->bucket_id = add_bucket(port_no);
+        return TESK_FAILURE;
+    }
+    g_array_remove_index_fast(port_status_table,
+                              static_cast<guint>(tesk_portsub_find_port_status(port_no)));
+    return 0;
+}
+
+bool tesk_portsub_update_sfp_presence(uint32_t port_no, uint32_t presence)
+{
+    tesk_portsub_port_status *port_status = find_port_status(port_no);
+    tesk_portsub_sfp_info *sfp_info = find_sfp_info(port_no);
+    bool changed = false;
+
+    if (port_status != nullptr && port_status->sfp_presence != presence) {
+        tesk_trace(TESK_TRACE_COURSE, "Updated port status sfp presence from %s to %s",
+                   tesk_sfp_presence_str(port_status->sfp_presence),
+                   tesk_sfp_presence_str(presence));
+        port_status->sfp_presence = presence;
+        changed = true;
+    }
+    if (sfp_info != nullptr && sfp_info->sfp_presence != presence) {
+        tesk_trace(TESK_TRACE_COURSE, "Updated sfp info presence from %s to %s",
+                   tesk_sfp_presence_str(sfp_info->sfp_presence), tesk_sfp_presence_str(presence));
+        sfp_info->sfp_presence = presence;
+        changed = true;
+    }
+    return changed;
+}
+
+tesk_sfp_presence get_sfp_presence(uint32_t port_no)
+{
+    const tesk_portsub_port_status *port_status = find_port_status(port_no);
+    const tesk_portsub_sfp_info *sfp_info = find_sfp_info(port_no);
+
+    if (port_status != nullptr)
+        tesk_trace(TESK_TRACE_COURSE, "Port status subscription contains sfp presence %s",
+                   tesk_sfp_presence_str(port_status->sfp_presence));
+    if (sfp_info != nullptr)
+        tesk_trace(TESK_TRACE_COURSE, "SFP info subscription contains sfp presence %s",
+                   tesk_sfp_presence_str(sfp_info->sfp_presence));
+
+    if (port_status != nullptr && sfp_info != nullptr &&
+        port_status->sfp_presence != sfp_info->sfp_presence) {
+        tesk_trace(TESK_TRACE_ERROR,
+                   "get_sfp_presence: failed to get sfp presence for port %u. Missmatch in "
+                   "presence for port subscription(%s) and sfp subscription(%s)",
+                   port_no, tesk_sfp_presence_str(port_status->sfp_presence),
+                   tesk_sfp_presence_str(sfp_info->sfp_presence));
+        return SFP_UNKNOWN;
+    }
+    if (port_status != nullptr)
+        return static_cast<tesk_sfp_presence>(port_status->sfp_presence);
+    if (sfp_info != nullptr)
+        return static_cast<tesk_sfp_presence>(sfp_info->sfp_presence);
+    return SFP_UNKNOWN;
+}
+
+bool tesk_portsub_update_port_state(uint32_t port_no, uint32_t new_state)
+{
+    tesk_portsub_port_status *record = find_port_status(port_no);
+
+    if (record == nullptr) {
+        tesk_trace(TESK_TRACE_NOTABLE, "Warning: failed to find port %u for port_state update",
+                   port_no);
+        return false;
+    }
+    tesk_trace(TESK_TRACE_COURSE, "port_state change for port %u: new_state(%s) prev_state(%s)",
+               port_no, tesk_port_state_str(new_state), tesk_port_state_str(record->port_state));
+    if (record->port_state == new_state)
+        return false;
+    record->port_state = new_state;
+    return true;
+}
+
+const char *tesk_port_state_str(uint32_t state)
+{
+    static constexpr const char *names[] = {"PORTSTATE_UP", "PORTSTATE_DOWN", "PORTSTATE_UNKNOWN"};
+
+    return state < G_N_ELEMENTS(names) ? names[state] : "UNSUPPORTED_STATE";
+}
+
+const char *tesk_sfp_presence_str(uint32_t presence)
+{
+    static constexpr const char *names[] = {"SFP_NOT_PRESENT", "SFP_PRESENT_NOT_READY",
+                                            "SFP_PRESENT_AND_READY", "SFP_UNKNOWN",
+                                            "UNSUPPORTED_PORT"};
+
+    return presence < G_N_ELEMENTS(names) ? names[presence] : "UNSUPPORTED_SFP_PRESENCE";
+}
+
+void tesk_portsub_init()
+{
+    port_status_table = g_array_new(FALSE, FALSE, sizeof(tesk_portsub_port_status));
+    sfp_info_table = g_array_new(FALSE, FALSE, sizeof(tesk_portsub_sfp_info));
+}
+
+void tesk_portsub_shutdown()
+{
+    for (GArray **table : {&port_status_table, &sfp_info_table}) {
+        if (*table != nullptr)
+            g_array_free(*table, TRUE);
+        *table = nullptr;
+    }
+}

@@ -1,0 +1,7 @@
+/* tesk_unsubscribe_port_status - ends a client's port status subscription on a port. Main thread.
+ */
+#pragma once
+
+#include "platform/mbx/mbx.h"
+
+void tesk_handle_unsubscribe_port_status_req(mbx_signal *signal);

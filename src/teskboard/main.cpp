@@ -1,0 +1,121 @@
+/* teskboard - plays the simulated board of a running tesk-server. */
+#include "board_client.h"
+#include "command.h"
+#include "scene.h"
+#include "view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <thread>
+
+namespace
+{
+
+using namespace teskboard;
+using seconds = std::chrono::duration<double>;
+
+void print(const std::string &text)
+{
+    fmt::print("{}", text);
+    std::fflush(stdout);
+}
+
+uint32_t count_ports(board_client &board, seconds deadline)
+{
+    const std::string count(value_of(board.ask("board", deadline), "ports"));
+    return static_cast<uint32_t>(std::stoul(count));
+}
+
+/* Without named ports a table of all, with some each in full. */
+void show(board_client &board, const command &what, bool json)
+{
+    const seconds deadline(what.timeout);
+    board::port_list list = what.ports;
+    if (list.empty())
+        list = {{0, count_ports(board, deadline) - 1}};
+    std::vector<answer> ports;
+    for (const board::port_range &range : list)
+        for (uint32_t port = range.first; port <= range.last; port++)
+            ports.push_back(board.ask(fmt::format("show {}", port), deadline));
+    if (!json && what.ports.empty())
+        return print(format_table(ports));
+    for (const answer &port : ports)
+        print(json ? to_json(port) : format_port(port));
+}
+
+void run(board_client &board, const command &what, bool json)
+{
+    if (what.what == action::show)
+        return show(board, what, json);
+    const answer lines =
+        board.ask(what.what == action::ports ? "board" : what.request, seconds(what.timeout));
+    if (json)
+        print(to_json(lines));
+    else
+        print(what.what == action::ports ? format_board(lines) : format_change(lines) + "\n");
+}
+
+/* Everything that can be wrong in a scene is found before its first step. */
+void check_ports(const std::vector<scene_step> &steps, uint32_t count)
+{
+    for (const scene_step &step : steps)
+        for (const board::port_range &range : step.what.ports)
+            if (range.last >= count)
+                throw failed(
+                    exit_code::wrong_usage,
+                    fmt::format("{}: there is no port {}: this board has the ports 0 to {}",
+                                step.where, range.last, count - 1));
+}
+
+void play(board_client &board, const std::vector<scene_step> &steps, const command &whole,
+          bool json)
+{
+    check_ports(steps, count_ports(board, seconds(whole.timeout)));
+    const auto start = std::chrono::steady_clock::now();
+    for (const scene_step &step : steps) {
+        std::this_thread::sleep_until(start + step.time);
+        const seconds now = std::chrono::steady_clock::now() - start;
+        if (!json)
+            print(fmt::format("{:8.3f}  {}: ", now.count(), step.text));
+        try {
+            run(board, step.what, json);
+        } catch (const failed &error) {
+            throw failed(error.code, fmt::format("{}: {}", step.where, error.what()));
+        }
+    }
+}
+
+void carry_out(const command &what, const settings &whole)
+{
+    if (what.what != action::play) {
+        board_client board(whole.socket);
+        return run(board, what, whole.json);
+    }
+    const std::vector<scene_step> steps = read_scene(what.scene);
+    board_client board(whole.socket);
+    play(board, steps, what, whole.json);
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    CLI::App app("Plays the simulated board of a running tesk-server.", "teskboard");
+    try {
+        settings whole;
+        const command what = parse_command({words + 1, words + count}, &whole, app);
+        carry_out(what, whole);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : static_cast<int>(exit_code::wrong_usage);
+    } catch (const failed &error) {
+        std::fflush(stdout);
+        fmt::print(stderr, "teskboard: {}\n", error.what());
+        return static_cast<int>(error.code);
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "teskboard: {}\n", error.what());
+        return static_cast<int>(exit_code::wrong_usage);
+    }
+    return 0;
+}

@@ -1,0 +1,96 @@
+/* The meters: ids, arithmetic, limits. */
+#include "leaky_bucket.h"
+
+#include "scripted.h"
+
+#include <gtest/gtest.h>
+#include <random>
+#include <set>
+
+static void remove_all()
+{
+    scripted::reset();
+    for (int32_t id = 1; id < 300; id++)
+        if (leaky_bucket_find(id) != nullptr)
+            leaky_bucket_remove(id);
+}
+
+class leaky_bucket : public testing::Test
+{
+    void SetUp() override
+    {
+        remove_all();
+    }
+    void TearDown() override
+    {
+        remove_all();
+    }
+};
+
+TEST_F(leaky_bucket, gives_the_lowest_free_id_whatever_was_removed)
+{
+    std::mt19937 random(1);
+    std::set<int32_t> held;
+
+    for (int step = 0; step < 3000; step++) {
+        if (held.size() < 40 && random() % 2 == 0) {
+            int32_t lowest = 1;
+            while (held.count(lowest) != 0)
+                lowest++;
+            ASSERT_EQ(leaky_bucket_add(100, 50), lowest);
+            held.insert(lowest);
+        } else {
+            const auto id = static_cast<int32_t>(1 + random() % 45);
+            leaky_bucket_remove(id);
+            held.erase(id);
+        }
+        const auto probe = static_cast<int32_t>(1 + random() % 45);
+        ASSERT_EQ(leaky_bucket_find(probe) != nullptr, held.count(probe) != 0);
+    }
+}
+
+TEST_F(leaky_bucket, refuses_sizes_that_cannot_work)
+{
+    scripted::reset({1});
+    EXPECT_EQ(leaky_bucket_add(0, 50), -1);
+    EXPECT_EQ(leaky_bucket_add(100, 0), -1);
+    EXPECT_EQ(leaky_bucket_add(49, 50), -1);
+    EXPECT_EQ(scripted::take_log().back(), "[1] Invalid params for adding new leaky bucket: "
+                                           "bucket_size = 49, filter_level = 50");
+    EXPECT_EQ(leaky_bucket_add(50, 50), 1);
+}
+
+TEST_F(leaky_bucket, keeps_its_level_within_limits_and_tells_the_state)
+{
+    static const struct {
+        int32_t delta, level;
+        leaky_bucket_state state;
+    } steps[] = {
+        {20, 20, LEAKY_BUCKET_BELOW_LEVEL},    {29, 49, LEAKY_BUCKET_BELOW_LEVEL},
+        {1, 50, LEAKY_BUCKET_LEVEL_REACHED},   {50, 100, LEAKY_BUCKET_LEVEL_REACHED},
+        {20, 100, LEAKY_BUCKET_LEVEL_REACHED}, {-60, 40, LEAKY_BUCKET_BELOW_LEVEL},
+        {-40, 0, LEAKY_BUCKET_BELOW_LEVEL},    {-10, 0, LEAKY_BUCKET_EMPTIED},
+        {-1, 0, LEAKY_BUCKET_EMPTIED},
+    };
+    ASSERT_EQ(leaky_bucket_add(100, 50), 1);
+    scripted::reset({13});
+    for (const auto &step : steps) {
+        EXPECT_EQ(leaky_bucket_update(1, step.delta), step.state);
+        EXPECT_EQ(leaky_bucket_find(1)->level, step.level);
+        EXPECT_EQ(scripted::take_log().back(),
+                  "[13] Bucket(1) level-> " + std::to_string(step.level));
+    }
+}
+
+TEST_F(leaky_bucket, traces_an_id_that_it_does_not_have)
+{
+    scripted::reset({1});
+    EXPECT_EQ(leaky_bucket_update(7, 20), LEAKY_BUCKET_NOT_FOUND);
+    EXPECT_EQ(leaky_bucket_get_state(7), LEAKY_BUCKET_NOT_FOUND);
+    leaky_bucket_remove(7);
+    EXPECT_EQ(leaky_bucket_find(7), nullptr);
+    EXPECT_EQ(scripted::take_log(),
+              (std::vector<std::string>{"[1] Cannot update leaky bucket: id 7 not found",
+                                        "[1] Cannot get leaky bucket state: id 7 not found",
+                                        "[1] Cannot remove leaky bucket: id 7 not found"}));
+}
