@@ -1,0 +1,278 @@
+/* The connections of a mailbox: made, written to, supervised, ended.
+
+   Of each connection we hold the control socket, whose end tells the peer's death, the receiving
+   end of our pair, and the sending end of the peer's. A send goes straight to the kernel. What the
+   kernel does not take is queued, and from then on everything for that receiver goes behind it; the
+   helper hands it on as the receiver reads. The queues are bounded: past the bound the connection
+   ends for both sides, so that a receiver sees a death but never a gap.
+
+   When a connection ends, our receiving end is shut first, so that nothing can follow; what the
+   kernel had taken is read into memory, the notices go behind it, and the descriptors are closed at
+   once. From then on a dead connection is memory only. */
+#include "mbx_mailbox.h"
+
+#include "mbx_helper.h"
+
+#include <cerrno>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+namespace
+{
+
+constexpr size_t queued_at_most = size_t{8} << 20;      /* for one receiver */
+constexpr size_t queued_in_all_at_most = size_t{64} << 20; /* in the process */
+
+std::atomic<size_t> queued_in_all;
+std::atomic<uint32_t> last_connection_id{first_connection_id};
+
+enum class outcome { sent, full, broken };
+
+outcome try_send(connection &c, block *b)
+{
+    if (send(c.tx.get(), b->signal(), b->size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+        return outcome::sent;
+    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? outcome::full
+                                                                    : outcome::broken;
+}
+
+/* Takes the next block off the queue and out of the accounts. */
+block *unqueue(connection &c)
+{
+    block *b = c.out.pop();
+    if (b) {
+        c.out_bytes -= block_cost(b);
+        queued_in_all -= block_cost(b);
+    }
+    return b;
+}
+
+/* Ends the connection when it has no room. */
+void enqueue(mailbox &m, connection &c, block *b)
+{
+    const size_t cost = block_cost(b);
+    c.out.push(b);
+    c.out_bytes += cost;
+    queued_in_all += cost;
+    if (!c.watched)
+        c.watched = helper_watch_connection(watch_kind::writable, c.tx.get(), m, c.id);
+    if (!c.watched || c.out_bytes > queued_at_most)
+        end_connection(m, c);
+}
+
+/* Ends the connection with the longest queue of the process until all of them fit. */
+void shed_queues()
+{
+    while (queued_in_all > queued_in_all_at_most) {
+        mailbox *owner = nullptr;
+        uint32_t longest = 0;
+        size_t bytes = 0;
+        std::lock_guard registry(registry_lock);
+        for_each_mailbox([&](mailbox &m) {
+            std::lock_guard hold(m.lock);
+            for (auto &[id, c] : m.connections)
+                if (c.out_bytes > bytes) {
+                    owner = &m;
+                    longest = id;
+                    bytes = c.out_bytes;
+                }
+        });
+        if (!owner)
+            return;
+        std::lock_guard hold(owner->lock);
+        const auto found = owner->connections.find(longest);
+        if (found != owner->connections.end())
+            end_connection(*owner, found->second);
+    }
+}
+
+void release_descriptors(mailbox &m, connection &c)
+{
+    /* A copy of a descriptor in somebody's child must neither keep the connection open nor our
+       epoll entries alive: so these steps, before the close. */
+    shutdown(c.control.get(), SHUT_RDWR);
+    helper_unwatch(c.control.get());
+    if (c.watched)
+        helper_unwatch(c.tx.get());
+    c.watched = false;
+    if (c.rx)
+        epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
+    c.control.reset();
+    c.tx.reset();
+    c.rx.reset();
+}
+
+connection *find_connection(mailbox &m, uint32_t id)
+{
+    const auto found = m.connections.find(id);
+    return found == m.connections.end() ? nullptr : &found->second;
+}
+
+block *find_monitor(block_queue &monitors, uint32_t reference)
+{
+    block *b = monitors.head;
+    while (b && b->word.load(std::memory_order_relaxed) != reference)
+        b = b->next;
+    return b;
+}
+
+} // namespace
+
+uint32_t next_connection_id()
+{
+    uint32_t id;
+    do {
+        id = last_connection_id.fetch_add(1) & ~mailbox_id_bit;
+    } while (id < first_connection_id);
+    return id;
+}
+
+connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
+                           const mailbox_token &peer, bool accepted)
+{
+    uint32_t id = next_connection_id();
+    while (m.connections.contains(id))
+        id = next_connection_id();
+    connection &c = m.connections[id];
+    c.id = id;
+    c.accepted = accepted;
+    c.process = peer_process(control.get());
+    c.peer = peer;
+    c.control = std::move(control);
+    c.rx = std::move(rx);
+    c.tx = std::move(tx);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u32 = id;
+    if (epoll_ctl(m.poll.get(), EPOLL_CTL_ADD, c.rx.get(), &event) == 0 &&
+        helper_watch_connection(watch_kind::control, c.control.get(), m, id))
+        return &c;
+    const int error = errno;
+    end_connection(m, c);
+    errno = error;
+    return nullptr;
+}
+
+connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process)
+{
+    for (auto &[id, c] : m.connections)
+        if (c.alive() && c.peer == peer && c.process == process)
+            return &c;
+    return nullptr;
+}
+
+void end_connection(mailbox &m, connection &c)
+{
+    if (!c.alive())
+        return;
+    if (c.rx) {
+        shutdown(c.rx.get(), SHUT_RD);
+        read_all(m, c);
+    }
+    release_descriptors(m, c);
+    while (block *b = unqueue(c))
+        block_give(b);
+    while (block *notice = c.monitors.pop()) {
+        notice->sender = c.id;
+        queue_ahead(m, c, notice);
+    }
+    if (c.ahead.empty())
+        m.connections.erase(c.id);
+}
+
+void forget_connections(mailbox &m)
+{
+    for (auto &[id, c] : m.connections) {
+        c.ahead.give_all();
+        c.monitors.give_all();
+        while (block *b = unqueue(c))
+            block_give(b);
+    }
+    m.connections.clear();
+}
+
+void flush_connection(mailbox &m, connection &c, int at_most)
+{
+    while (at_most-- > 0 && !c.out.empty()) {
+        switch (try_send(c, c.out.head)) {
+        case outcome::sent:
+            block_give(unqueue(c));
+            break;
+        case outcome::full:
+            return;
+        case outcome::broken:
+            end_connection(m, c);
+            return;
+        }
+    }
+    if (!c.out.empty())
+        return;
+    helper_unwatch(c.tx.get());
+    c.watched = false;
+    /* The mailbox is deleted, and this was what it still had to hand over. */
+    if (m.id == 0)
+        end_connection(m, c);
+}
+
+void send_to_connection(mailbox &m, uint32_t id, uint32_t receiver, block *b)
+{
+    {
+        std::lock_guard hold(m.lock);
+        connection *c = m.id == id ? find_connection(m, receiver) : nullptr;
+        if (!c || !c->alive() || b->size > MBX_LARGEST_SIGNAL) {
+            block_give(b);
+            return;
+        }
+        const outcome result = c->out.empty() ? try_send(*c, b) : outcome::full;
+        if (result == outcome::full) {
+            enqueue(m, *c, b);
+        } else {
+            block_give(b);
+            if (result == outcome::broken)
+                end_connection(m, *c);
+            return;
+        }
+    }
+    shed_queues();
+}
+
+uint32_t monitor_connection(mailbox &m, uint32_t id, uint32_t target, block *notice)
+{
+    std::unique_lock hold(m.lock);
+    connection *c = m.id == id ? find_connection(m, target) : nullptr;
+    /* The first monitor of a connection is called as the connection itself, which is how it is
+       found again without a search. */
+    const bool first = c && c->alive() && !find_monitor(c->monitors, target);
+    const uint32_t reference = first ? target : next_connection_id();
+    notice->word.store(reference, std::memory_order_relaxed);
+    notice->sender = target;
+    if (c && c->alive())
+        c->monitors.push(notice);
+    else if (c)
+        queue_ahead(m, *c, notice);
+    else
+        push_local(id, notice, target);
+    return reference;
+}
+
+bool unmonitor_connection(mailbox &m, uint32_t id, uint32_t reference)
+{
+    const auto remove = [&](connection &c) {
+        block *before = nullptr;
+        for (block *b = c.monitors.head; b; before = b, b = b->next)
+            if (b->word.load(std::memory_order_relaxed) == reference) {
+                block_give(c.monitors.remove_after(before));
+                return true;
+            }
+        return false;
+    };
+    std::lock_guard hold(m.lock);
+    if (m.id != id)
+        return false;
+    if (connection *c = find_connection(m, reference); c && remove(*c))
+        return true;
+    for (auto &[other, c] : m.connections)
+        if (remove(c))
+            return true;
+    return false;
+}
