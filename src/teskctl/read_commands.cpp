@@ -18,7 +18,7 @@ std::string pm_block(const tesk_client_pm &pm)
     std::string text = fmt::format("port {}: {}\n", pm.port_no,
                                    tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, pm.sfp_type));
     auto add = [&text](const char *label, bool has, const std::string &value) {
-        text += fmt::format("  {:<15} {}\n", label, has ? value : "absent");
+        text += fmt::format("  {:<15} {:>11}\n", label, has ? value : "absent");
     };
     auto power = [](uint32_t microwatts) {
         return fmt::format("{:>11}  {:>10}", dbm(microwatts), milliwatts(microwatts));

@@ -54,8 +54,7 @@ constexpr measurement_column measurement_columns[] = {
 constexpr column changes_column = {"CHG", 4};
 constexpr size_t narrowest_event = 20;
 
-constexpr char legend[] = "o ok  w W low, high warning  a A low, high alarm  - not measured"
-                          "  AGE of the levels  q quits";
+constexpr char legend[] = "o ok  w/W low/high warning  a/A low/high alarm  - not measured  q quits";
 
 size_t width_before_event()
 {
@@ -245,20 +244,18 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
                    paint(state, tint::red, coloured));
     page.push_back(
         paint(fit(header_line() + (beside ? "LAST EVENT" : ""), width), tint::bold, coloured));
-    /* In a narrow window the last event has a line of its own. */
-    const size_t lines_each = beside ? 1 : 2;
-    const size_t room = height > 4 ? (height - 4) / lines_each : 1;
     size_t left = ports_.size();
     for (const auto &[port_no, view] : ports_) {
-        if (left + room == ports_.size()) {
+        /* In a narrow window the last event has a line of its own. */
+        const bool below = !beside && !view.last_event.empty();
+        const size_t lines_behind = left > 1 ? 2 : 1; /* the legend, and how many don't fit */
+        if (page.size() + (below ? 2 : 1) + lines_behind > height) {
             break;
         }
         left--;
-        const std::string line = port_line(port_no, view, coloured);
-        if (beside) {
-            page.push_back(line + fit(view.last_event, width - taken));
-        } else {
-            page.push_back(line);
+        page.push_back(port_line(port_no, view, coloured) +
+                       (beside ? fit(view.last_event, width - taken) : ""));
+        if (below) {
             page.push_back(paint(fit("      " + view.last_event, width), tint::dim, coloured));
         }
     }
