@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# Installs into a folder of its own, and there: a project from outside the tree, the example board
+# under the unchanged server, tesk-abi-check. Called with the source and the build folder.
+set -euo pipefail
+source=$1 build=$2
+work=$(mktemp -d)
+server=
+trap '[ -z "$server" ] || kill "$server"; wait; rm -rf "$work"' EXIT
+export MBX_DIR=$work/mbx DOLM_RIC_SOCKET=$work/board.sock EXAMPLE_BOARD=$work/hardware
+
+fail() {
+    echo "failed: $*" >&2
+    exit 1
+}
+
+# Within 20 s, for as long as the server lives.
+await() {
+    for ((i = 0; i < 200; i++)); do
+        "$@" >/dev/null 2>&1 && return
+        kill -0 "$server" || fail "the server ended before: $*"
+        sleep 0.1
+    done
+    fail "in vain: $*"
+}
+
+start_server() { # [directory of other libraries]
+    LD_LIBRARY_PATH=${1:-} "$work/usr/sbin/tesk-server" &
+    server=$!
+    await "$teskctl" ping -c 1
+}
+
+stop_server() {
+    kill "$server"
+    wait "$server" || fail "the server ended with $?"
+    server=
+}
+
+expect() { # STATUS TEXT COMMAND..
+    local status=0 output
+    output=$("${@:3}" 2>&1) || status=$?
+    [[ $status == "$1" && $output == *"$2"* ]] || fail "wanted $1 and '$2', got $status and: $output"
+}
+
+cmake --install "$build" --prefix "$work/usr" >/dev/null
+teskctl=$work/usr/bin/teskctl
+libraries=$(dirname "$(find "$work/usr" -name libmbx.so.1)")
+
+# From outside the tree, also after the whole has been moved.
+mv "$work/usr" "$work/moved" && ln -s moved "$work/usr"
+PKG_CONFIG_PATH=$libraries/pkgconfig cmake -S "$source/tests/outside" -B "$work/outside" \
+    -DCMAKE_PREFIX_PATH="$work/usr" -DEXAMPLES="$source/examples" >/dev/null
+cmake --build "$work/outside" >/dev/null
+start_server
+LD_LIBRARY_PATH=$libraries expect 0 "port 0: link" "$work/outside/by_pkgconfig" 0 1
+expect 0 "degrees" "$work/outside/by_cmake" 1 1
+stop_server
+
+# The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
+cmake -S "$source/examples/board" -B "$work/example" >/dev/null
+cmake --build "$work/example" >/dev/null
+board=$work/example/board
+mkdir "$EXAMPLE_BOARD"
+start_server "$board"
+expect 0 '"module":"not present"' "$teskctl" --json sfp 0
+expect 1 "rejected" "$teskctl" status 2
+exec 3< <(timeout 30 "$teskctl" --json watch --sfp 0 --status 0 --count 4)
+told() { # TEXT..: the next two indications, in either order
+    local lines
+    lines=$(for _ in 1 2; do read -r line <&3 && echo "$line"; done)
+    for text in "$@"; do
+        [[ $lines == *"$text"* ]] || fail "wanted $text, was told: $lines"
+    done
+}
+told '"link":"not operational"' '"module":"not present"'
+mkdir "$work/part" && touch "$work/part/link" "$work/part/module"
+mv "$work/part" "$EXAMPLE_BOARD/port0"
+told '"link":"operational","speed_gbps":10.0' '"vendor":"EXAMPLE"'
+stop_server
+
+check=$work/usr/bin/tesk-abi-check
+expect 1 "libzel.so.0 is missing" "$check" "$board"
+cp "$libraries"/lib{mbx,zel,tesktmo}.so.? "$board"
+expect 0 "everything" "$check" "$board"
+printf 'int mbx_init; void mbx_exit(void) {}\n' >"$work/bad.c"
+printf 'unsigned procInfo[8]; int zel_init(void) { return 0; }\n' >"$work/bad_zel.c"
+cc -shared -fPIC -o "$board/libmbx.so.1" "$work/bad.c"
+cc -shared -fPIC -o "$board/libzel.so.0" "$work/bad_zel.c"
+head -c 3000 "$libraries/libtesktmo.so.0" >"$board/libtesktmo.so.0"
+echo text >"$board/libdolm_ric.so.0"
+for text in "mbx_init is data, but must be a function" "mbx_alloc is missing" "must be thread-local" \
+    "libtesktmo.so.0 is damaged" "libdolm_ric.so.0 is no shared library"; do
+    expect 1 "$text" "$check" "$board"
+done
+expect 1 '{"library":"libmbx.so.1","name":"mbx_alloc","text":"is missing"}' "$check" --json "$board"
+expect 2 "--help" "$check" "$work/nowhere"
+expect 0 "tesk-abi-check 1." "$check" --version
+echo "all is where it belongs"
