@@ -167,6 +167,10 @@ std::string to_json(const answer &lines)
             object["failures"].push_back(value);
         else if (key.starts_with("calls."))
             object["calls"][key.substr(6)] = number_of(value);
+        else if (key == "step")
+            object[key] = board::escape(value, false);
+        else if (key == "time")
+            object[key] = std::strtod(value.c_str(), nullptr);
         else
             object[key] = json_value(key, value);
     }

@@ -103,22 +103,6 @@ int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
     });
 }
 
-/* The board of the plan, with nobody told of how it comes to be. */
-void set_up(library &lib, const board::board_plan &plan)
-{
-    lib.desk.open(plan.ports);
-    auto ports = std::make_unique<board::simulated_ports>(plan.ports, lib.desk);
-    for (const board::board_plan::section &section : plan.sections) {
-        if (section.module != nullptr)
-            ports->insert(section.ports, section.module, section.settings);
-        else
-            ports->set(section.ports, section.settings, false);
-    }
-    for (const board::failure &order : plan.failures)
-        lib.desk.order_failure(order);
-    lib.ports = std::move(ports);
-}
-
 const char *environment(const char *name, const char *otherwise)
 {
     const char *value = secure_getenv(name);
@@ -149,8 +133,10 @@ int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
             const std::lock_guard guard(lib.desk.lock);
             if (lib.ports)
                 return DOLM_RICERR_BUSY;
+            lib.handle++;
             try {
-                set_up(lib, board::read_board(environment(DOLM_RIC_BOARD_FILE_ENV, nullptr)));
+                lib.ports =
+                    board::make_board(environment(DOLM_RIC_BOARD_FILE_ENV, nullptr), lib.desk);
             } catch (const board::board_error &error) {
                 fprintf(stderr, "libdolm_ric: %s\n", error.what());
                 return DOLM_RICERR_INVALID;
@@ -160,7 +146,7 @@ int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
                 lib.ports.reset();
                 return code;
             }
-            *handle = ++lib.handle;
+            *handle = lib.handle;
         }
         start_control(lib);
         return DOLM_RICERR_OK;
