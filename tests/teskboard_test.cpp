@@ -88,7 +88,7 @@ TEST_F(teskboard_test, what_goes_wrong_is_told_with_its_exit_code)
 TEST_F(teskboard_test, a_scene_is_found_right_before_its_first_step)
 {
     ASSERT_EQ(0, start());
-    const std::string good = "play " + write_file("good", "# flap\n+0 link 3 up # now\n\n"
+    const std::string good = "play " + write_file("good", "#\n# flap\n+0 link 3 up # now\n\n"
                                                           "+0.01 set 3 vendor_name='A B'\n");
     const std::string bad = "play " + write_file("bad", "link 3 down\n+1x link 3 up\n");
     const std::string high = "play " + write_file("high", "link 3 down\nlink 16 up\n");

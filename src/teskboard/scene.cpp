@@ -26,12 +26,12 @@ std::chrono::duration<double> parse_pause(const std::string &word)
     return std::chrono::duration<double>(seconds);
 }
 
-/* The words of a line, without its comment. */
+/* The words of a line, without its comment, which GLib takes to end at a newline. */
 std::vector<std::string> split_line(const std::string &line)
 {
     gchar **words = nullptr;
     GError *error = nullptr;
-    if (!g_shell_parse_argv(line.c_str(), nullptr, &words, &error)) {
+    if (!g_shell_parse_argv((line + "\n").c_str(), nullptr, &words, &error)) {
         const bool empty = g_error_matches(error, G_SHELL_ERROR, G_SHELL_ERROR_EMPTY_STRING);
         const std::string why = error->message;
         g_error_free(error);
