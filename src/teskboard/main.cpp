@@ -35,14 +35,15 @@ void show(board_client &board, const command &what, bool json)
     board::port_list list = what.ports;
     if (list.empty())
         list = {{0, count_ports(board, deadline) - 1}};
-    std::vector<answer> ports;
-    for (const board::port_range &range : list)
-        for (uint32_t port = range.first; port <= range.last; port++)
-            ports.push_back(board.ask(fmt::format("show {}", port), deadline));
-    if (!json && what.ports.empty())
-        return print(format_table(ports));
-    for (const answer &port : ports)
-        print(json ? to_json(port) : format_port(port));
+    const bool table = !json && what.ports.empty();
+    if (table)
+        print(format_table_head());
+    for (const board::port_range &range : list) {
+        for (uint32_t port = range.first; port <= range.last; port++) {
+            const answer lines = board.ask(fmt::format("show {}", port), deadline);
+            print(json ? to_json(lines) : table ? format_table_row(lines) : format_port(lines));
+        }
+    }
 }
 
 /* `played` stands before what a step of a scene answers. */

@@ -296,6 +296,7 @@ uint32_t parse_port(std::string_view text, std::string_view list)
 port_list parse_ports(std::string_view text)
 {
     port_list ports;
+    uint32_t count = 0;
     for (size_t at = 0; at <= text.size();) {
         const std::string_view part = text.substr(at, text.find(',', at) - at);
         const size_t dash = part.find('-');
@@ -303,6 +304,9 @@ port_list parse_ports(std::string_view text)
         const uint32_t last = dash == part.npos ? first : parse_port(part.substr(dash + 1), text);
         if (last < first)
             fail(quoted(text) + " is no list of ports: a range goes upwards");
+        count += last - first + 1;
+        if (count > max_ports)
+            fail("more ports are listed than a board can have");
         ports.push_back({first, last});
         at += part.size() + 1;
     }
