@@ -21,6 +21,7 @@ namespace
 struct values {
     std::string ports;
     std::vector<std::string> settings;
+    std::vector<std::string> texts;
     std::string state;
     std::string speed;
     std::string module = "-";
@@ -156,8 +157,8 @@ class reader
         CLI::App *insert = add("insert", "Put a module in", [this] {
             if (given.not_ready)
                 given.settings.push_back("ready=no");
-            result.request =
-                fmt::format("insert {} {}{}", ports(), given.module, setting_words(given.settings));
+            result.request = fmt::format("insert {} {}{}{}", ports(), given.module,
+                                         setting_words(given.texts), setting_words(given.settings));
         });
         takes_ports(insert);
         std::vector<std::string> kinds;
@@ -169,7 +170,7 @@ class reader
             insert->add_option_function<std::string>(
                 text.option,
                 [this, key = text.key](const std::string &value) {
-                    given.settings.push_back(fmt::format("{}={}", key, value));
+                    given.texts.push_back(fmt::format("{}={}", key, value));
                 },
                 fmt::format("Its {}", text.key));
         insert->add_flag("--not-ready", given.not_ready, "Leave it not ready");
@@ -290,6 +291,18 @@ class reader
     values given;
 };
 
+/* CLI11 only says that one of the subcommands is required. */
+void require_known(const CLI::App &app, const std::string &name)
+{
+    std::string known;
+    for (const CLI::App *sub : app.get_subcommands({})) {
+        if (name.starts_with('-') || sub->get_name() == name)
+            return;
+        known += (known.empty() ? "" : ", ") + sub->get_name();
+    }
+    throw board::board_error(fmt::format("no command is called '{}': there are {}", name, known));
+}
+
 } // namespace
 
 command parse_command(std::vector<std::string> words, settings *whole, CLI::App &app)
@@ -298,6 +311,8 @@ command parse_command(std::vector<std::string> words, settings *whole, CLI::App 
     reader all(app, result);
     if (whole != nullptr)
         all.add_whole(*whole);
+    if (!words.empty())
+        require_known(app, words[0]);
     std::reverse(words.begin(), words.end());
     app.parse(std::move(words));
     return result;

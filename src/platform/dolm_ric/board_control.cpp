@@ -139,6 +139,8 @@ class board_control::server
         eventfd_write(wakeup.get(), 1);
         pthread_join(thread, nullptr);
         unlink(path.c_str());
+        const std::lock_guard guard(scene.events.lock);
+        scene.events.watch_calls(-1);
     }
 
   private:
@@ -174,23 +176,25 @@ class board_control::server
         std::vector<pollfd> polled;
         while (!ending) {
             polled.assign({{wakeup.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}});
-            polled[1].events = peers.size() < max_peers ? POLLIN : 0;
+            polled[1].events = can_accept && peers.size() < max_peers ? POLLIN : 0;
             for (const peer &known : peers)
                 polled.push_back({known.socket.get(), POLLIN, 0});
-            poll(polled.data(), polled.size(), -1);
+            poll(polled.data(), polled.size(), can_accept ? -1 : 1000);
             eventfd_t woken;
             eventfd_read(wakeup.get(), &woken);
             serve_peers(std::span(polled).subspan(2));
-            if (polled[1].revents != 0)
-                accept_peer();
+            can_accept = polled[1].revents == 0 || accept_peer();
         }
     }
 
-    void accept_peer()
+    /* False if the process has no descriptor left; that is tried again after a while. */
+    bool accept_peer()
     {
         descriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket.get() >= 0)
-            peers.push_back({std::move(socket), {}});
+        if (socket.get() < 0)
+            return errno != EMFILE && errno != ENFILE;
+        peers.push_back({std::move(socket), {}});
+        return true;
     }
 
     void serve_peers(std::span<const pollfd> polled)
@@ -239,6 +243,7 @@ class board_control::server
     descriptor listener;
     descriptor wakeup;
     std::vector<peer> peers;
+    bool can_accept = true;
     std::vector<char> request;
     std::atomic<bool> ending = false;
     pthread_t thread = {};
