@@ -233,8 +233,9 @@ class board_control::server
 
     static bool send_answer(const peer &to, std::string_view answer)
     {
-        return send(to.socket.get(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >=
-               0;
+        const int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+        // cppcheck-suppress invalidLifetime ; the view is used before its text goes
+        return send(to.socket.get(), answer.data(), answer.size(), flags) >= 0;
     }
 
     const std::string path;
