@@ -175,8 +175,8 @@ uint32_t settle(mailbox &m, uint32_t id, owned_fd control, owned_fd rx, greeting
         return existing->id;
     if (answer.kind != greeting_kind::welcome)
         return MBX_NO_MAILBOX;
-    connection *c = add_connection(m, std::move(control), std::move(rx), std::move(answer.tx),
-                                   answer.token, false);
+    connection *c =
+        add_connection(m, std::move(control), std::move(rx), std::move(answer.tx), answer.token);
     return c ? c->id : MBX_NO_MAILBOX;
 }
 

@@ -95,8 +95,8 @@ void answer(mailbox &m, owned_fd control, greeting hello)
     datagram_pair pair = make_datagram_pair();
     if (!pair.rx)
         return;
-    connection *c = add_connection(m, std::move(control), std::move(pair.rx), std::move(hello.tx),
-                                   hello.token, true);
+    connection *c =
+        add_connection(m, std::move(control), std::move(pair.rx), std::move(hello.tx), hello.token);
     if (c && !send_greeting(answer_to, greeting_kind::welcome, m.token, pair.tx.get()))
         end_connection(m, *c);
 }
