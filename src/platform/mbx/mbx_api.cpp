@@ -88,11 +88,12 @@ void after_fork_in_child()
     unlock_all();
 }
 
-void register_fork_handlers()
+bool register_fork_handlers()
 {
     static bool registered; /* guarded by registry_lock */
     if (!registered)
         registered = pthread_atfork(before_fork, unlock_all, after_fork_in_child) == 0;
+    return registered;
 }
 
 /* What lingers in deleted mailboxes, as far as it waits for a receiver to read. */
@@ -268,8 +269,9 @@ int mbx_init(int version, int, int, int, int)
     std::lock_guard registry(registry_lock);
     if (initialized)
         return 0;
+    if (!register_fork_handlers())
+        return -1;
     make_room_for_descriptors();
-    register_fork_handlers();
     initialized = true;
     return 0;
 }

@@ -278,11 +278,14 @@ bool start_thread(helper &h)
     pthread_attr_t attributes;
     sigset_t all;
     sigfillset(&all);
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, stack_size);
-    pthread_attr_setsigmask_np(&attributes, &all);
-    const int error = pthread_create(&h.thread, &attributes, run, &h);
-    pthread_attr_destroy(&attributes);
+    int error = pthread_attr_init(&attributes);
+    if (error == 0) {
+        pthread_attr_setstacksize(&attributes, stack_size);
+        error = pthread_attr_setsigmask_np(&attributes, &all);
+        if (error == 0)
+            error = pthread_create(&h.thread, &attributes, run, &h);
+        pthread_attr_destroy(&attributes);
+    }
     errno = error;
     return error == 0;
 }
