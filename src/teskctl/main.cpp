@@ -51,6 +51,8 @@ class command_line
             return app_.exit(error) == 0 ? exit_done : exit_usage;
         }
         settings_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
+        /* The mailbox library's own time for finding the server; who has set it means it. */
+        setenv("MBX_LOCATE_MS", std::to_string(settings_.timeout_ms).c_str(), 0);
         settings_.terminal = isatty(STDOUT_FILENO) != 0;
         const char *no_colour = std::getenv("NO_COLOR");
         settings_.colour = settings_.terminal && (no_colour == nullptr || *no_colour == '\0');
