@@ -156,6 +156,6 @@ try {
     return code;
 } catch (const tool_error &error) {
     std::fflush(stdout);
-    fmt::print(stderr, "teskctl: {}\n", error.what());
+    std::fputs(fmt::format("teskctl: {}\n", error.what()).c_str(), stderr);
     return error.code();
 }

@@ -72,7 +72,9 @@ void reporter::failed(const tesk_client_answer &answer) const
                 {"code", answer.error_code},
                 {"text", escape(answer.text)}});
     } else {
-        fmt::print(stderr, "teskctl: port {}: {}: {}\n", answer.port_no, name,
-                   explain(answer.result, answer.text));
+        std::fputs(fmt::format("teskctl: port {}: {}: {}\n", answer.port_no, name,
+                               explain(answer.result, answer.text))
+                       .c_str(),
+                   stderr);
     }
 }
