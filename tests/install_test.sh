@@ -3,42 +3,23 @@
 # under the unchanged server, tesk-abi-check. Called with the source and the build folder.
 set -euo pipefail
 source=$1 build=$2
+. "$source/scripts/common.sh"
+. "$source/tests/expect.sh"
 work=$(mktemp -d)
 server=
 trap '[ -z "$server" ] || kill "$server"; wait; rm -rf "$work"' EXIT
 export MBX_DIR=$work/mbx DOLM_RIC_SOCKET=$work/board.sock EXAMPLE_BOARD=$work/hardware
 
-fail() {
-    echo "failed: $*" >&2
-    exit 1
-}
-
-# Within 20 s, for as long as the server lives.
-await() {
-    for ((i = 0; i < 200; i++)); do
-        "$@" >/dev/null 2>&1 && return
-        kill -0 "$server" || fail "the server ended before: $*"
-        sleep 0.1
-    done
-    fail "in vain: $*"
-}
-
 start_server() { # [directory of other libraries]
     LD_LIBRARY_PATH=${1:-} "$work/usr/sbin/tesk-server" &
     server=$!
-    await "$teskctl" ping -c 1
+    await $server "$teskctl" ping -c 1
 }
 
 stop_server() {
     kill "$server"
     wait "$server" || fail "the server ended with $?"
     server=
-}
-
-expect() { # STATUS TEXT COMMAND..
-    local status=0 output
-    output=$("${@:3}" 2>&1) || status=$?
-    [[ $status == "$1" && $output == *"$2"* ]] || fail "wanted $1 and '$2', got $status and: $output"
 }
 
 cmake --install "$build" --prefix "$work/usr" >/dev/null

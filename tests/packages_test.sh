@@ -5,6 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/common.sh
+. tests/expect.sh
 
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive
 base=$PWD/build/clean-root.tar root=$PWD/build/clean-root server=
@@ -25,18 +26,7 @@ apt() { # ARGUMENT..
 start_server() {
     chroot --userspec=tesk:tesk "$root" tesk-server &
     server=$!
-    for ((i = 0; i < 200; i++)); do
-        as nobody:tesk teskctl ping -c 1 >/dev/null 2>&1 && return
-        kill -0 "$server" 2>/dev/null || break
-        sleep 0.1
-    done
-    fail "no server in the clean root"
-}
-
-expect() { # STATUS TEXT COMMAND..
-    local status=0 output
-    output=$("${@:3}" 2>&1) || status=$?
-    [[ $status == "$1" && $output == *"$2"* ]] || fail "wanted $1 and '$2', got $status and: $output"
+    await $server as nobody:tesk teskctl ping -c 1
 }
 
 scripts/build-packages >/dev/null

@@ -3,16 +3,15 @@
 # the build folder; 77 says that there is no systemd here.
 set -euo pipefail
 source=$1 build=$2
+. "$source/scripts/common.sh"
 command -v systemd-analyze >/dev/null || exit 77
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 sed "s|=.*/tesk-server$|=$build/bin/tesk-server|; s|/[^ ]*/teskctl|$build/bin/teskctl|" \
     "$build/packaging/tesk-server.service" >"$work/tesk-server.service"
-said=$(systemd-analyze verify --man=no "$work/tesk-server.service" 2>&1) && [ -z "$said" ] || {
-    echo "failed: the unit: $said" >&2
-    exit 1
-}
+said=$(systemd-analyze verify --man=no "$work/tesk-server.service" 2>&1) && [ -z "$said" ] ||
+    fail "the unit: $said"
 # In tenths of the scale from 0 to 10.
 systemd-analyze security --offline=true --no-pager --threshold=5 "$work/tesk-server.service" |
     tail -n 1
@@ -24,8 +23,5 @@ systemd-tmpfiles --create --root="$work/root" "$build"/packaging/{server,platfor
 user=$(awk -F: '/^tesk:/ { print $3 ":" $4 }' "$work/root/etc/passwd")
 for directory in mbx dolm_ric; do
     found=$(stat -c %u:%g:%a "$work/root/run/$directory")
-    [ "$found" = "$user:750" ] || {
-        echo "failed: /run/$directory is $found, not $user:750" >&2
-        exit 1
-    }
+    [ "$found" = "$user:750" ] || fail "/run/$directory is $found, not $user:750"
 done
