@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the tests of what is installed, after scripts/common.sh.
 
 expect() { # STATUS TEXT COMMAND..: what the command must end with, and write among other things

@@ -44,18 +44,24 @@ mkdir "$EXAMPLE_BOARD"
 start_server "$board"
 expect 0 '"module":"not present"' "$teskctl" --json sfp 0
 expect 1 "rejected" "$teskctl" status 2
-exec 3< <(timeout 30 "$teskctl" --json watch --sfp 0 --status 0 --count 4)
-told() { # TEXT..: the next two indications, in either order
-    local lines
-    lines=$(for _ in 1 2; do read -r line <&3 && echo "$line"; done)
-    for text in "$@"; do
-        [[ $lines == *"$text"* ]] || fail "wanted $text, was told: $lines"
+exec 3< <(timeout 30 "$teskctl" --json watch --sfp 0 --status 0)
+watch=$!
+told() { # TEXT..: all of them among the next indications, in any order
+    local line lines='' missing
+    while read -r line <&3; do
+        lines+=$line$'\n' missing=
+        for text; do
+            [[ $lines == *"$text"* ]] || missing=$text
+        done
+        [ -n "$missing" ] || return 0
     done
+    fail "wanted $*, was told: $lines"
 }
 told '"link":"not operational"' '"module":"not present"'
 mkdir "$work/part" && touch "$work/part/link" "$work/part/module"
 mv "$work/part" "$EXAMPLE_BOARD/port0"
 told '"link":"operational","speed_gbps":10.0' '"vendor":"EXAMPLE"'
+kill "$watch"
 stop_server
 
 check=$work/usr/bin/tesk-abi-check

@@ -18,8 +18,7 @@ as() { # USER:GROUP COMMAND..
 }
 
 apt() { # ARGUMENT..
-    as root:root timeout 300 apt-get -qq -y \
-        --no-install-recommends "$@" >>"$root.log" 2>&1 ||
+    as root:root timeout 300 apt-get -qq -y --no-install-recommends "$@" >>"$root.log" 2>&1 ||
         fail "apt-get $* failed: see $root.log"
 }
 
@@ -32,7 +31,8 @@ start_server() {
 scripts/build-packages >/dev/null
 if [ ! -e "$base" ]; then
     say "fetching a base system (once, takes some minutes)"
-    timeout 900 mmdebstrap --quiet --variant=minbase bookworm "$base.new" || fail "there is no base system to be had"
+    timeout 900 mmdebstrap --quiet --variant=minbase bookworm "$base.new" ||
+        fail "there is no base system to be had"
     mv "$base.new" "$base"
 fi
 rm -rf "$root" "$root.log"
@@ -44,7 +44,8 @@ cp build/packages/*.deb "$root/packages/"
 
 say "installing"
 apt update
-apt install $(cd "$root" && ls ./packages/*.deb | sed 's|^\.||')
+packages=("$root"/packages/*.deb)
+apt install "${packages[@]#"$root"}"
 expect 0 "750 tesk:tesk" as root:root stat -c '%a %U:%G' /run/mbx
 
 say "using"

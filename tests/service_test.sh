@@ -10,8 +10,8 @@ trap 'rm -rf "$work"' EXIT
 
 sed "s|=.*/tesk-server$|=$build/bin/tesk-server|; s|/[^ ]*/teskctl|$build/bin/teskctl|" \
     "$build/packaging/tesk-server.service" >"$work/tesk-server.service"
-said=$(systemd-analyze verify --man=no "$work/tesk-server.service" 2>&1) && [ -z "$said" ] ||
-    fail "the unit: $said"
+said=$(systemd-analyze verify --man=no "$work/tesk-server.service" 2>&1) || fail "the unit: $said"
+[ -z "$said" ] || fail "the unit: $said"
 # In tenths of the scale from 0 to 10.
 systemd-analyze security --offline=true --no-pager --threshold=5 "$work/tesk-server.service" |
     tail -n 1

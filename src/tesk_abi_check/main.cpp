@@ -25,9 +25,7 @@ void report(const abi_problem &problem, bool as_json)
     }
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     CLI::App app("Tells which names tesk-server would miss in the four libraries of a board.\n"
                  "Exits with 0 when nothing is missing, 1 when something is, 2 on wrong usage.");
@@ -51,4 +49,16 @@ int main(int argc, char **argv)
     if (problems.empty() && !as_json)
         fmt::print("All four libraries offer everything that tesk-server needs.\n");
     return problems.empty() ? exit_complete : exit_incomplete;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "tesk-abi-check: %s\n", error.what());
+        return exit_usage;
+    }
 }
