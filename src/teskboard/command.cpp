@@ -8,9 +8,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-#ifndef TESK_VERSION
-#define TESK_VERSION "unknown"
-#endif
+/* CLI11 reads the words. Each subcommand, once its words are read, makes of them one request to the
+   board. The values in a request are found right here already, with the board's own functions, so
+   that a wrong one is wrong usage, and a scene is checked without a board. */
 
 namespace teskboard
 {
@@ -67,6 +67,7 @@ std::string setting_words(const std::vector<std::string> &texts)
     return words;
 }
 
+/* The subcommands with their options. A subcommand's function runs after all words are read. */
 class reader
 {
   public:
@@ -84,6 +85,7 @@ class reader
         add_wait();
     }
 
+    /* What a line of a scene can't have. */
     void add_whole(settings &whole)
     {
         const char *path = std::getenv(DOLM_RIC_BOARD_SOCKET_ENV);
@@ -109,6 +111,7 @@ class reader
         return sub->add_option("PORTS", given.ports, "A list such as 0-3,7")->required();
     }
 
+    /* The list as it was given, once it has been found right. */
     const std::string &ports()
     {
         if (!given.ports.empty())
@@ -116,7 +119,7 @@ class reader
         return given.ports;
     }
 
-    /* A request of settings that doesn't depend on what else was given. */
+    /* Most changes of a port come down to this request. */
     void set(const std::vector<std::string> &texts)
     {
         result.request =
@@ -131,6 +134,7 @@ class reader
         return sub;
     }
 
+    /* The board tells the server of a value only when it is another than before. */
     void takes_again(CLI::App *sub)
     {
         sub->add_flag("--again", given.again, "Send the event even if nothing is new");
@@ -228,6 +232,7 @@ class reader
         event->add_option("--speed", given.speed, "The link's speed");
     }
 
+    /* The value is a word that the field of that kind of event knows, or a number. */
     std::string event_request()
     {
         const auto raw = [](const char *key, const std::string &value) {
@@ -271,6 +276,7 @@ class reader
             ->check(CLI::Range(0, INT32_MAX));
     }
 
+    /* CLI11 has seen to it that there is just one condition. */
     std::string wait_request()
     {
         if (given.idle)

@@ -109,6 +109,7 @@ void carry_out(const command &what, const settings &whole)
 
 } // namespace
 
+/* CLI11 tells of --help and --version by exceptions too, and gives them the code 0. */
 int main(int count, char **words)
 {
     CLI::App app("Plays the simulated board of a running tesk-server.", "teskboard");

@@ -16,6 +16,7 @@ namespace teskboard
 namespace
 {
 
+/* "+0.5"; a million seconds is more likely a slip than meant. */
 std::chrono::duration<double> parse_pause(const std::string &word)
 {
     double seconds = 0;
@@ -44,6 +45,7 @@ std::vector<std::string> split_line(const std::string &line)
     return list;
 }
 
+/* The words are a command line of their own, without the options that hold for a whole run. */
 scene_step parse_step(std::vector<std::string> words)
 {
     scene_step step = {};

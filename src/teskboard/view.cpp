@@ -9,6 +9,9 @@
 #include <cmath>
 #include <cstdlib>
 
+/* Answers bear raw values under the board's keys. The board's own table of values says what kind
+   each is, and so how it is shown; a key that isn't in it is a count. */
+
 namespace teskboard
 {
 namespace
@@ -29,8 +32,10 @@ bool is_measure(const field &known)
     return known.kind >= field_kind::temperature && known.kind <= field_kind::power;
 }
 
+/* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
 constexpr auto table_row = "{:>4}  {:<14} {:<8}{:<6}{:<7}{:>9} {:>8} {:>8}  {:<17}{}\n";
 
+/* Decimal or 0x. */
 int64_t number_of(std::string_view text)
 {
     return std::strtoll(std::string(text).c_str(), nullptr, 0);
@@ -54,6 +59,7 @@ std::string format_measure(field_kind kind, std::string_view raw)
     }
 }
 
+/* With a unit or by a name, where it has one. */
 std::string format_value(const field &known, std::string_view raw)
 {
     if (is_measure(known))
@@ -87,6 +93,7 @@ std::string format_subscriptions(const answer &port)
                        value_of(port, "subscribed_link"));
 }
 
+/* Measured values stay raw, for programs; what has a name is given by it. */
 nlohmann::ordered_json json_value(const std::string &key, const std::string &raw)
 {
     const field *known = find_field(key);
@@ -123,6 +130,7 @@ std::string format_table_row(const answer &port)
                        format_subscriptions(port));
 }
 
+/* The thresholds of a measured value stand below it. */
 std::string format_port(const answer &port)
 {
     std::string text = fmt::format("port {}\n", value_of(port, "port"));

@@ -8,6 +8,12 @@
 namespace
 {
 
+/* No exception where it fails: main looks at the stream in the end. */
+void write(const std::string &text)
+{
+    std::fputs(text.c_str(), stdout);
+}
+
 [[noreturn]] void fail(tesk_client_result result)
 {
     throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
@@ -87,7 +93,7 @@ exit_code run_capabilities(const settings &settings)
         shown.add({std::to_string(capabilities[i].id), std::to_string(capabilities[i].value)});
     }
     if (!settings.json) {
-        fmt::print("{}", shown.text(terminal_width(settings)));
+        write(shown.text(terminal_width(settings)));
     }
     return exit_done;
 }
@@ -106,10 +112,10 @@ exit_code run_pm(const settings &settings, const std::vector<uint32_t> &ports)
                     } else if (settings.json) {
                         report.heard(*answer.pm);
                     } else {
-                        fmt::print("{}", pm_block(*answer.pm));
+                        write(pm_block(*answer.pm));
                     }
                 });
-    return code;
+    return loop.signal() == 0 ? code : exit_no_answer;
 }
 
 exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
@@ -150,7 +156,7 @@ exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
         shown.add(cells);
     }
     if (!settings.json && !rows.empty()) {
-        fmt::print("{}", shown.text(terminal_width(settings)));
+        write(shown.text(terminal_width(settings)));
     }
     return code;
 }
@@ -190,7 +196,7 @@ exit_code run_history(const settings &settings, const std::string &kind)
                    what_happened(each.record, each.kind)});
     }
     if (!settings.json) {
-        fmt::print("{}", shown.text(terminal_width(settings)));
+        write(shown.text(terminal_width(settings)));
     }
     return exit_done;
 }

@@ -1,9 +1,10 @@
 #include "teskctl/report.h"
+#include <cstdio>
 #include <fmt/format.h>
 
 void reporter::line(const std::string &text) const
 {
-    fmt::print("{}\n", text);
+    std::puts(text.c_str());
     std::fflush(stdout); /* whoever reads a pipe wants it now */
 }
 
@@ -71,7 +72,9 @@ void reporter::failed(const tesk_client_answer &answer) const
                 {"code", answer.error_code},
                 {"text", escape(answer.text)}});
     } else {
-        fmt::print(stderr, "teskctl: port {}: {}: {}\n", answer.port_no, name,
-                   explain(answer.result, answer.text));
+        std::fputs(fmt::format("teskctl: port {}: {}: {}\n", answer.port_no, name,
+                               explain(answer.result, answer.text))
+                       .c_str(),
+                   stderr);
     }
 }

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <fmt/format.h>
 #include <unistd.h>
 
 namespace
@@ -16,7 +15,7 @@ constexpr char clear_below[] = "\x1b[J";
 
 void write_out(const std::string &text)
 {
-    fmt::print("{}", text);
+    std::fputs(text.c_str(), stdout);
     std::fflush(stdout);
 }
 

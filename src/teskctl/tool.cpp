@@ -90,7 +90,7 @@ std::string explain(tesk_client_result result, const std::string &text)
         return fmt::format("no access to \"{}\" in {}: become a member of group {}, or use sudo",
                            server_name, mailbox_directory(), group_of_mailbox());
     case TESK_CLIENT_TIMEOUT:
-        return fmt::format("{}; is {} stopped or busy? --timeout gives it longer", text,
+        return fmt::format("{}: is {} stopped or busy? --timeout gives it longer", text,
                            server_name);
     case TESK_CLIENT_REJECTED:
         return "rejected by the server: " + escape(text);

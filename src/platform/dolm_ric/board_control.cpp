@@ -32,7 +32,9 @@ namespace board
 namespace
 {
 
+/* Further ones wait in the listening socket's queue. */
 constexpr size_t max_peers = 64;
+/* The C library puts the thread-local storage of all libraries on the stack too. */
 constexpr size_t thread_stack = 256 * 1024;
 
 [[noreturn]] void fail(const std::string &what)
@@ -40,6 +42,7 @@ constexpr size_t thread_stack = 256 * 1024;
     throw board_error(what + ": " + std::strerror(errno));
 }
 
+/* Owns a file descriptor. */
 class descriptor
 {
   public:
@@ -81,6 +84,7 @@ descriptor lock_path(const std::string &path)
     return lock;
 }
 
+/* What is no socket isn't ours to remove; bind then says that the address is in use. */
 void remove_dead_socket(const std::string &path)
 {
     struct stat status;
@@ -88,6 +92,8 @@ void remove_dead_socket(const std::string &path)
         unlink(path.c_str());
 }
 
+/* The mode goes onto the socket before it has a name, so that it is never more open than it will
+   be; the umask may have narrowed it, which chmod undoes. */
 descriptor listen_at(const std::string &path)
 {
     sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
@@ -113,7 +119,7 @@ void make_directory_of(const std::string &path)
 
 struct peer {
     descriptor socket;
-    condition pending;
+    condition pending; /* what its "wait" waits for */
 };
 
 } // namespace
@@ -133,6 +139,7 @@ class board_control::server
         start_thread();
     }
 
+    /* Peers that still wait find their connection closed. */
     ~server()
     {
         ending = true;
@@ -144,6 +151,7 @@ class board_control::server
     }
 
   private:
+    /* The thread takes no signals: those of the process are for the threads that handle them. */
     void start_thread()
     {
         pthread_attr_t attributes;
@@ -197,6 +205,8 @@ class board_control::server
         return true;
     }
 
+    /* One pass under the lock over what the peers ask and wait for. The watch is set before the
+       lock is given up, so that no call after this look goes unseen. */
     void serve_peers(std::span<const pollfd> polled)
     {
         const std::lock_guard guard(scene.events.lock);
@@ -223,6 +233,7 @@ class board_control::server
         return from.pending || send_answer(from, answer);
     }
 
+    /* Answers the peer if what it waits for has come true. False if it is to be dropped. */
     bool look(peer &at)
     {
         if (!at.pending || !at.pending())

@@ -28,17 +28,20 @@ insert 12 unreadable
 set 15 started=no link=stopped
 )";
 
+/* The whole file; what can't be read counts as empty, which no board file is. */
 std::string read_text(const char *path)
 {
     if (path == nullptr)
         return built_in;
     std::ifstream file(path);
     std::ostringstream text;
-    if (!file || !(text << file.rdbuf()))
+    if (!file)
         throw board_error(std::string(path) + ": " + std::strerror(errno));
+    text << file.rdbuf();
     return text.str();
 }
 
+/* The line that the others need: what they name must exist. */
 std::unique_ptr<simulated_ports> make_ports(std::string_view line, desk &events)
 {
     const auto words = split_words(line);
@@ -51,6 +54,7 @@ std::unique_ptr<simulated_ports> make_ports(std::string_view line, desk &events)
     return std::make_unique<simulated_ports>(count, events);
 }
 
+/* Nobody subscribes yet, so no event comes of it. */
 void carry_out(std::string_view line, const stage &on)
 {
     condition never;

@@ -10,6 +10,10 @@
 #include <limits>
 #include <utility>
 
+/* Everything that has a name stands in a table: operations, codes, words for values, units, values
+   and kinds of modules. What is read, what is printed and what an error offers instead all come
+   from the same rows, so that a new value or module is one more row. */
+
 namespace board
 {
 namespace
@@ -21,6 +25,7 @@ constexpr std::array<std::string_view, operation_count> op_names = {
     "getmoduleinfo", "getmodstatus", "getmodulediag",
 };
 
+/* The result codes by the last part of their names. */
 struct named_code {
     std::string_view name;
     int32_t code;
@@ -78,6 +83,8 @@ constexpr unit units[] = {
     {kind::power, "mW", 1e3},      {kind::power, "uW", 1},
 };
 
+/* Where a value lies, as the fields of `field` from in_module on. The five measured values are
+   alike: each has four thresholds that are named after it. */
 template <typename member>
 constexpr uint16_t size_of = static_cast<uint16_t>(sizeof(member));
 
@@ -126,6 +133,7 @@ constexpr field all_fields[] = {
 #undef MODULE
 #undef MEASUREMENT
 
+/* Modules are written down as the settings that make them from an empty cage. */
 #define SFP "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX "
 #define MEASURED                                                                                   \
     "diagnostics=1 diag_cap=0x1f "                                                                 \
@@ -171,6 +179,7 @@ std::string quoted(std::string_view text)
     return "'" + escape(text, false) + "'";
 }
 
+/* What there is to choose from, for errors. */
 template <typename table>
 std::string list_of_names(const table &entries)
 {
@@ -180,6 +189,7 @@ std::string list_of_names(const table &entries)
     return names;
 }
 
+/* Undoes escape(). A lone backslash is refused, as it is more likely a slip than meant. */
 std::string unescape(std::string_view text)
 {
     std::string bytes;
@@ -249,6 +259,7 @@ std::string what_it_takes(field_kind of)
     return words + "a whole number";
 }
 
+/* A word comes before a number, and a number without a unit before one with: the raw value. */
 uint32_t parse_value(const field &target, std::string_view text)
 {
     for (const named_value &known : named_values)
@@ -262,6 +273,7 @@ uint32_t parse_value(const field &target, std::string_view text)
     if (!value || !std::isfinite(*value))
         fail(std::string(target.name) + " can't be " + quoted(text) + ": it takes " +
              what_it_takes(target.kind));
+    /* All values fit a double exactly, so that one check of the range does for all kinds. */
     const bool is_signed = target.kind == field_kind::temperature;
     const double lowest = is_signed ? INT32_MIN : 0;
     const double highest = target.kind == field_kind::flag ? 1
@@ -341,6 +353,7 @@ std::span<const std::string_view> operation_names()
     return op_names;
 }
 
+/* "dolm_ric_ri_subslink", "ri_subslink" and "subslink" are one operation. */
 operation parse_operation(std::string_view text)
 {
     std::string_view name = text;
@@ -405,6 +418,7 @@ std::vector<setting> parse_settings(std::span<const std::string_view> words)
     return settings;
 }
 
+/* Values are copied, not pointed to: the records make no promise about alignment. */
 uint32_t read_number(const field &source, const void *values)
 {
     const auto *from = static_cast<const std::byte *>(values) + source.offset;
@@ -415,6 +429,7 @@ uint32_t read_number(const field &source, const void *values)
     return source.kind == field_kind::flag ? (number & source.mask) != 0 : number;
 }
 
+/* A text fills its field to the end with zeros; a flag leaves the bits beside it alone. */
 void write_setting(const setting &value, void *values)
 {
     const field &target = *value.target;
@@ -436,6 +451,8 @@ void write_setting(const setting &value, void *values)
     std::memcpy(to, &number, sizeof(number));
 }
 
+/* The zeros behind a text are its padding; a speed is written as a code, as "10" would be a word.
+ */
 std::string read_field(const field &source, const void *values)
 {
     if (source.kind == field_kind::text) {
@@ -478,10 +495,11 @@ const module_kind &parse_module_kind(std::string_view name)
 
 std::vector<std::string_view> split_words(std::string_view text)
 {
+    constexpr std::string_view blanks = " \t\r";
     std::vector<std::string_view> words;
-    for (size_t at = text.find_first_not_of(' '); at != text.npos;
-         at = text.find_first_not_of(' ', at)) {
-        words.push_back(text.substr(at, text.find(' ', at) - at));
+    for (size_t at = text.find_first_not_of(blanks); at != text.npos;
+         at = text.find_first_not_of(blanks, at)) {
+        words.push_back(text.substr(at, text.find_first_of(blanks, at) - at));
         at += words.back().size();
     }
     return words;

@@ -90,6 +90,8 @@ int32_t read_port(operation op, uintptr_t handle, uint32_t id, record *out) noex
     });
 }
 
+/* The subscription and the status that goes with it are taken under one lock: no change falls
+   between them. */
 template <typename record>
 int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscription_kind kind,
                   record *out) noexcept
@@ -113,6 +115,7 @@ int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
     });
 }
 
+/* A set-uid program isn't steered by whoever starts it. */
 const char *environment(const char *name, const char *otherwise)
 {
     const char *value = secure_getenv(name);
@@ -133,6 +136,8 @@ void start_control(library &lib)
 
 } // namespace
 
+/* The handle is a new one even if the start fails, so that no older one can reach what was begun.
+   An ordered failure can only come from the board file here. */
 int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
 {
     return result_of([handle]() -> int32_t {
