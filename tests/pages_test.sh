@@ -58,7 +58,7 @@ as_shown() {
     # shellcheck disable=SC2053 # a pattern
     [[ $actual == $shown ]] && return
     # shellcheck disable=SC2053
-    [ "$(jobs -p)" != "$server" ] && [[ $(sort <<<"$actual") == $(sort <<<"$shown") ]]
+    [ -n "$jobs" ] && [[ $(sort <<<"$actual") == $(sort <<<"$shown") ]]
 }
 
 # Ends a command that would go on, as Ctrl-C does, once it has written something.
@@ -77,6 +77,7 @@ run() {
     if [[ $command =~ ^teskctl.*\ (watch|top|ping)\  && ! $command =~ \ (--for|--count|-c)\  ]]; then
         interrupted "$command" >>"$log" 2>&1 </dev/null
     else
+        [[ $command == *'&' ]] && jobs=yes
         eval "(exit $status); $command" >>"$log" 2>&1 </dev/null
     fi
     status=$?
@@ -103,7 +104,7 @@ as_markdown() {
 }
 
 check_page() {
-    local line block='' mode='' command='' expected='' status=0 seen=0 line_number=0 word
+    local line word block='' mode='' command='' expected='' jobs='' status=0 seen=0 line_number=0
     while IFS= read -r line; do
         line_number=$((line_number + 1))
         case $block:$line in
@@ -132,7 +133,6 @@ for page in "$@"; do
         page=$source/$page
         place=$(mktemp -d)
         trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$place"' EXIT
-        server=''
         log=$place/log
         mkdir -p "$place/here/build" "$place/bin"
         cd "$place/here" || exit 1
@@ -143,7 +143,6 @@ for page in "$@"; do
         export MBX_DIR=$place/mbx DOLM_RIC_SOCKET=$place/board.sock PATH=$place/bin:$build/bin:$PATH
         if ! grep -q '^\$ .*tesk-server.*&$' "$page"; then
             tesk-server &
-            server=$!
             wait_for teskboard ports || exit 1
         fi
         check_page
