@@ -191,7 +191,10 @@ TEST_F(zel, a_storm_of_signals_leaves_every_line_and_text_whole)
                 lttngZelTrace(4, "w", 1, i % 10 ? "short" : text, procInfo);
             }
         };
-        std::thread other(work);
+        std::thread other([&] {
+            zel_register_thread_name("zel_test");
+            work();
+        });
         const itimerval often{{0, 500}, {0, 500}}, never{};
         setitimer(ITIMER_REAL, &often, nullptr);
         work();
