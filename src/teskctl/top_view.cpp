@@ -1,6 +1,5 @@
 #include "teskctl/top_view.h"
 #include <cmath>
-#include <cstring>
 #include <fmt/format.h>
 
 namespace
@@ -196,7 +195,7 @@ void top_view::heard(const tesk_client_port_status &status)
 void top_view::heard(const tesk_client_sfp_info &info)
 {
     port_view &view = port(info.port_no);
-    if (view.sfp && std::memcmp(&*view.sfp, &info, sizeof info) != 0) {
+    if (view.sfp && describe(*view.sfp) != describe(info)) {
         note_event(view, info.type == TESK_CLIENT_SFP_NOT_PRESENT ? "module out"
                                                                   : "module in: " + describe(info));
     }

@@ -1,0 +1,65 @@
+/* events - raises link events at a board, and tells how long it took until the last of all
+   subscribers was told: events BOARD RECEIPTS SUBSCRIBERS, then lines "events COUNT" on stdin. Each
+   event is raised after the one before has come to everybody. */
+#include "harness.h"
+
+#include "platform/dolm_ric/dolm_ric.h"
+
+#include <sys/socket.h>
+
+namespace
+{
+
+using namespace bench;
+
+/* What the subscribers are subscribed to. The links of these ports are up at first. */
+constexpr uint32_t event_ports = 4;
+constexpr uint32_t first_port_id = 0x00020000;
+
+void raise_event(int board_socket, uint32_t event)
+{
+    const bool down = event / event_ports % 2 == 0;
+    const std::string request =
+        "event " + std::to_string(DOLM_RICEVT_RILINKSTATUS) + " " +
+        std::to_string(first_port_id + event % event_ports) + " " +
+        std::to_string(down ? DOLM_RICRILINKSTATE_NOOPERATION : DOLM_RICRILINKSTATE_OPERATIONAL);
+    need(static_cast<int>(send(board_socket, request.data(), request.size(), MSG_NOSIGNAL)),
+         "board");
+}
+
+std::vector<int64_t> raise_events(int board_socket, receipts &told, uint32_t subscribers,
+                                  uint32_t count)
+{
+    std::vector<int64_t> times(count);
+    for (uint32_t event = 0; event < count; event++) {
+        char answer[1024];
+        told.begin();
+        const int64_t start = now_ns();
+        raise_event(board_socket, event);
+        times[event] = told.await_told(subscribers) - start;
+        if (recv(board_socket, answer, sizeof(answer), 0) < 2 || answer[0] != 'o')
+            fail("the board refuses an event");
+    }
+    return times;
+}
+
+int run(std::span<char *> words)
+{
+    if (words.size() != 4)
+        fail("events BOARD RECEIPTS SUBSCRIBERS");
+    const int board_socket = connect_to(words[1]);
+    receipts told(words[2]);
+    const auto subscribers = static_cast<uint32_t>(std::stoul(words[3]));
+    answer_lines([&](const std::vector<std::string> &line) {
+        return raise_events(board_socket, told, subscribers,
+                            static_cast<uint32_t>(std::stoul(line.at(1))));
+    });
+    return 0;
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    return report_failures(run, count, words);
+}

@@ -1,0 +1,288 @@
+/* growth - clients of the real server, by the hundred, to see what an operation costs when there
+   are many of them and many subscriptions: growth BOARD, then lines on stdin. Client 0 is the
+   oldest.
+
+     clients COUNT           as many clients as that, in all
+     hold FIRST LAST COUNT   subscribes these ports, both kinds, port P by client P modulo COUNT
+     drop FIRST LAST COUNT   and unsubscribes them
+     request TIMES           client 0: nanoseconds of each capabilities request
+     cycle TIMES             client 0 on port 0, which nobody holds and nobody does afterwards:
+                             nanoseconds of subscribing to SFP info, subscribing to port status,
+   four link events, unsubscribing from SFP info and from port status; eight numbers a time lose
+   CLIENT             ends that client and waits until nothing of it is left at the board. */
+#include "tesk_link.h"
+
+#include <deque>
+#include <functional>
+#include <pthread.h>
+#include <sys/socket.h>
+
+namespace
+{
+
+using namespace bench;
+
+/* How many requests of a client are on their way when it gets its subscriptions. */
+constexpr uint32_t window = 32;
+constexpr uint32_t cycle_port = 0;
+constexpr uint32_t events_a_cycle = 4;
+
+/* A client with its thread, to which a mailbox is bound. */
+class worker
+{
+  public:
+    using work = std::function<void(tesk_link &)>;
+
+    worker()
+    {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, 64 * 1024);
+        const int error = pthread_create(&thread, &attributes, run, this);
+        pthread_attr_destroy(&attributes);
+        if (error != 0)
+            fail("pthread_create");
+        finish();
+    }
+
+    ~worker()
+    {
+        start(nullptr);
+        pthread_join(thread, nullptr);
+    }
+
+    /* Has the work done on the client's thread. One thing at a time; finish() waits for it. */
+    void start(work what)
+    {
+        const std::lock_guard guard(lock);
+        to_do = std::move(what);
+        busy = true;
+        changed.notify_one();
+    }
+
+    void finish()
+    {
+        std::unique_lock guard(lock);
+        changed.wait(guard, [this] { return !busy; });
+        if (!failure.empty())
+            fail(failure);
+    }
+
+    void carry_out(work what)
+    {
+        start(std::move(what));
+        finish();
+    }
+
+  private:
+    static void *run(void *self)
+    {
+        static_cast<worker *>(self)->serve();
+        return nullptr;
+    }
+
+    void serve()
+    {
+        std::unique_lock guard(lock);
+        try {
+            tesk_link link;
+            for (;;) {
+                busy = false;
+                changed.notify_one();
+                changed.wait(guard, [this] { return busy; });
+                if (!to_do)
+                    return;
+                to_do(link);
+            }
+        } catch (const std::exception &error) {
+            failure = error.what();
+            busy = false;
+            changed.notify_one();
+        }
+    }
+
+    pthread_t thread;
+    std::mutex lock;
+    std::condition_variable changed;
+    work to_do;
+    bool busy = true;
+    std::string failure;
+};
+
+struct procedure {
+    uint32_t request;
+    uint32_t last_answer;
+};
+constexpr procedure subscribe_sfp = {TESK_SUBSCRIBE_SFP_INFO_REQ, TESK_SFP_INFO_IND};
+constexpr procedure subscribe_status = {TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_PORT_STATUS_IND};
+constexpr procedure unsubscribe_sfp = {TESK_UNSUBSCRIBE_SFP_INFO_REQ,
+                                       TESK_UNSUBSCRIBE_SFP_INFO_CFM};
+constexpr procedure unsubscribe_status = {TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
+                                          TESK_UNSUBSCRIBE_PORT_STATUS_CFM};
+
+class bench_clients
+{
+  public:
+    explicit bench_clients(const std::string &board_path) : board_socket(connect_to(board_path))
+    {
+    }
+
+    std::vector<int64_t> carry_out(const std::vector<std::string> &words)
+    {
+        const auto number = [&](size_t at) {
+            return static_cast<uint32_t>(std::stoul(words.at(at)));
+        };
+        const std::string &what = words.at(0);
+        if (what == "clients")
+            grow(number(1));
+        else if (what == "hold")
+            on_ports(number(1), number(2), number(3), {subscribe_sfp, subscribe_status});
+        else if (what == "drop")
+            on_ports(number(1), number(2), number(3), {unsubscribe_sfp, unsubscribe_status});
+        else if (what == "request")
+            return time_requests(number(1));
+        else if (what == "cycle")
+            return time_cycles(number(1));
+        else if (what == "lose")
+            lose(number(1));
+        else
+            fail(what + ": no such thing to do");
+        return {};
+    }
+
+  private:
+    void grow(uint32_t count)
+    {
+        while (clients.size() < count)
+            clients.push_back(std::make_unique<worker>());
+    }
+
+    /* The clients take turns in starting, and each works through its ports on its own. */
+    void on_ports(uint32_t first, uint32_t last, uint32_t count,
+                  const std::vector<procedure> &procedures)
+    {
+        grow(count);
+        for (uint32_t index = 0; index < count; index++)
+            clients[index]->start([=](tesk_link &link) {
+                std::deque<uint32_t> ports;
+                for (uint32_t port = first + (index + count - first % count) % count; port <= last;
+                     port += count)
+                    ports.push_back(port);
+                for (const procedure &each : procedures)
+                    work_through(link, ports, each);
+            });
+        for (uint32_t index = 0; index < count; index++)
+            clients[index]->finish();
+    }
+
+    static void work_through(tesk_link &link, const std::deque<uint32_t> &ports,
+                             const procedure &each)
+    {
+        for (size_t sent = 0, answered = 0; answered < ports.size(); answered++) {
+            for (; sent < ports.size() && sent < answered + window; sent++)
+                link.send(each.request, ports[sent]);
+            link.await(each.last_answer);
+        }
+    }
+
+    std::vector<int64_t> time_requests(uint32_t times)
+    {
+        std::vector<int64_t> taken(times);
+        clients.at(0)->carry_out([&](tesk_link &link) {
+            for (int64_t &time : taken)
+                time = time_one([&] {
+                    link.send(TESK_GET_CAPABILITIES_REQ);
+                    link.await(TESK_GET_CAPABILITIES_CFM);
+                });
+        });
+        return taken;
+    }
+
+    template <typename function>
+    static int64_t time_one(function &&run)
+    {
+        const int64_t start = now_ns();
+        run();
+        return now_ns() - start;
+    }
+
+    std::vector<int64_t> time_cycles(uint32_t times)
+    {
+        std::vector<int64_t> taken;
+        clients.at(0)->carry_out([&](tesk_link &link) {
+            const auto timed = [&](const procedure &each) {
+                taken.push_back(time_one([&] {
+                    link.send(each.request, cycle_port);
+                    link.await(each.last_answer);
+                }));
+            };
+            while (times-- > 0) {
+                timed(subscribe_sfp);
+                timed(subscribe_status);
+                for (uint32_t event = 0; event < events_a_cycle; event++)
+                    taken.push_back(time_event(link, event % 2 == 0 ? "down" : "up"));
+                timed(unsubscribe_sfp);
+                timed(unsubscribe_status);
+            }
+        });
+        return taken;
+    }
+
+    int64_t time_event(tesk_link &link, const std::string &state)
+    {
+        const std::string request = "set " + std::to_string(cycle_port) + " link=" + state;
+        const int64_t time = time_one([&] {
+            need(static_cast<int>(send(board_socket, request.data(), request.size(), 0)), "board");
+            link.await(TESK_PORT_STATUS_IND);
+        });
+        await_board();
+        return time;
+    }
+
+    std::string await_board()
+    {
+        std::string answer(4096, '\0');
+        const ssize_t size = recv(board_socket, answer.data(), answer.size(), 0);
+        answer.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
+        if (!answer.starts_with("ok"))
+            fail("the board: " + answer);
+        return answer;
+    }
+
+    bool board_has_subscriptions()
+    {
+        send(board_socket, "board", 5, 0);
+        const std::string answer = await_board();
+        return answer.find("\nsubscribed_port=0\n") == std::string::npos ||
+               answer.find("\nsubscribed_link=0\n") == std::string::npos;
+    }
+
+    /* A loss is handled at one go, so a request is answered before or after it. The client that is
+       lost must be the only one with subscriptions. */
+    void lose(uint32_t index)
+    {
+        std::swap(clients.at(index), clients.back());
+        clients.pop_back();
+        while (board_has_subscriptions())
+            time_requests(1);
+    }
+
+    int board_socket;
+    std::vector<std::unique_ptr<worker>> clients;
+};
+
+int run(std::span<char *> words)
+{
+    if (words.size() != 2)
+        fail("growth BOARD");
+    bench_clients clients(words[1]);
+    answer_lines([&](const std::vector<std::string> &line) { return clients.carry_out(line); });
+    return 0;
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    return report_failures(run, count, words);
+}

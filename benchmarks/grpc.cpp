@@ -1,0 +1,197 @@
+/* grpc - gRPC over a Unix socket with the callback interface, which its documentation advises for
+   servers; a subscription is a stream of answers. Each client has a channel of its own, as clients
+   in processes of their own have. */
+#include "harness.h"
+
+#include "grpc.grpc.pb.h"
+
+#include <grpcpp/grpcpp.h>
+#include <semaphore>
+#include <sys/epoll.h>
+
+namespace
+{
+
+using namespace bench;
+
+std::unique_ptr<Board::Stub> connect_stub(const std::string &address)
+{
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    return Board::NewStub(grpc::CreateCustomChannel("unix:" + address,
+                                                    grpc::InsecureChannelCredentials(), arguments));
+}
+
+Request make_request(request_kind kind)
+{
+    Request request;
+    request.set_kind(static_cast<uint32_t>(kind));
+    request.set_payload(std::string(request_size(kind) - 4, '\0'));
+    return request;
+}
+
+void check(const grpc::Status &status)
+{
+    if (!status.ok())
+        fail(status.error_message());
+}
+
+class grpc_client : public client
+{
+  public:
+    explicit grpc_client(const std::string &address) : stub(connect_stub(address))
+    {
+    }
+
+    void call(request_kind kind) override
+    {
+        grpc::ClientContext context;
+        context.set_wait_for_ready(true);
+        Answer answer;
+        check(stub->Call(&context, make_request(kind), &answer));
+    }
+
+    void send(request_kind kind) override
+    {
+        struct one_call {
+            grpc::ClientContext context;
+            Request request;
+            Answer answer;
+        };
+        auto *call = new one_call;
+        call->request = make_request(kind);
+        stub->async()->Call(&call->context, &call->request, &call->answer,
+                            [this, call](const grpc::Status &status) {
+                                if (!status.ok())
+                                    abort();
+                                delete call;
+                                answered.release();
+                            });
+    }
+
+    void receive() override
+    {
+        answered.acquire();
+    }
+
+  private:
+    std::unique_ptr<Board::Stub> stub;
+    std::counting_semaphore<> answered{0};
+};
+
+std::unique_ptr<client> connect(const std::string &address)
+{
+    return std::make_unique<grpc_client>(address);
+}
+
+/* The server sends a first answer when the stream stands. */
+void subscribe(const std::string &address, receipts &told)
+{
+    const std::unique_ptr<Board::Stub> stub = connect_stub(address);
+    grpc::ClientContext context;
+    context.set_wait_for_ready(true);
+    Answer answer;
+    const auto stream = stub->Subscribe(&context, make_request(request_kind::subscribe));
+    if (stream->Read(&answer))
+        told.note_ready();
+    while (stream->Read(&answer))
+        told.note_told();
+    check(stream->Finish());
+}
+
+/* One subscriber's stream, which takes one answer at a time. */
+class stream : public grpc::ServerWriteReactor<Answer>
+{
+  public:
+    void tell()
+    {
+        const std::lock_guard guard(lock);
+        if (to_write++ == 0)
+            write();
+    }
+
+    void OnWriteDone(bool) override
+    {
+        const std::lock_guard guard(lock);
+        if (--to_write > 0)
+            write();
+    }
+
+    void OnDone() override
+    {
+    }
+
+  private:
+    void write()
+    {
+        static const Answer answer = [] {
+            Answer made;
+            made.set_payload(std::string(event_size - 4, '\0'));
+            return made;
+        }();
+        StartWrite(&answer);
+    }
+
+    std::mutex lock;
+    uint32_t to_write = 0;
+};
+
+/* Streams stay until the process ends. */
+class service : public Board::CallbackService
+{
+  public:
+    grpc::ServerUnaryReactor *Call(grpc::CallbackServerContext *context, const Request *request,
+                                   Answer *answer) override
+    {
+        const auto kind = static_cast<request_kind>(request->kind());
+        answer->set_payload(std::string(answer_size(kind) - 4, '\0'));
+        grpc::ServerUnaryReactor *reactor = context->DefaultReactor();
+        reactor->Finish(grpc::Status::OK);
+        return reactor;
+    }
+
+    grpc::ServerWriteReactor<Answer> *Subscribe(grpc::CallbackServerContext *,
+                                                const Request *) override
+    {
+        auto *added = new stream;
+        const std::lock_guard guard(lock);
+        streams.push_back(added);
+        added->tell();
+        return added;
+    }
+
+    void tell_all()
+    {
+        const std::lock_guard guard(lock);
+        for (stream *subscriber : streams)
+            subscriber->tell();
+    }
+
+  private:
+    std::mutex lock;
+    std::vector<stream *> streams;
+};
+
+void serve(const std::string &address, board &events)
+{
+    service offered;
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort("unix:" + address, grpc::InsecureServerCredentials());
+    builder.RegisterService(&offered);
+    const std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
+    const int epoll = watch(events.start());
+    for (;;) {
+        epoll_event event;
+        if (epoll_wait(epoll, &event, 1, -1) != 1)
+            continue;
+        for (uint32_t count = events.take(); count > 0; count--)
+            offered.tell_all();
+    }
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    return run_system({connect, subscribe, serve}, count, words);
+}

@@ -1,0 +1,191 @@
+/* instructions - the server's procedures one by one, on the scripted libraries, for callgrind to
+   count the instructions of the server's own modules. Everything comes in the same order each time,
+   so the counts repeat to the instruction.
+
+   Prints, as JSON, how often each procedure ran and how many traces it passed; those are counted
+   when the groups are on, which the argument "traces" does. Callgrind writes one profile for each
+   procedure, triggered by its name. */
+#include "scripted.h"
+
+#include "tesk_event_queue.h"
+#include "tesk_main.h"
+#include "tesk_portsub.h"
+#include "tesk_signals.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <sched.h>
+#include <string>
+#include <valgrind/callgrind.h>
+
+namespace
+{
+
+constexpr uint32_t times = 100;
+constexpr uint32_t many = 1000; /* clients, and ports */
+constexpr uint32_t first_mailbox = 0x1000;
+
+std::string results;
+
+uint32_t mailbox_of(uint32_t client)
+{
+    return first_mailbox + client;
+}
+
+/* The n-th client to connect has the number n. */
+void send(uint32_t client, uint32_t number, const std::vector<uint32_t> &words)
+{
+    scripted::deliver(mailbox_of(client), number, words);
+    tesk_handle_mailbox();
+    scripted::sent.clear();
+}
+
+void connect(uint32_t client)
+{
+    send(client, TESK_CONN_ESTABLISH_REQ, {0, 0, 1, 1});
+}
+
+void lose(uint32_t client)
+{
+    scripted::deliver_host(mailbox_of(client), MBX_MONITOR_DEFAULT_NO, {});
+    tesk_handle_mailbox();
+}
+
+void ask(uint32_t client, uint32_t number, uint32_t port)
+{
+    send(client, number, {0, client, port, 0});
+}
+
+void raise_link_event(uint32_t port, uint32_t state)
+{
+    const int freed = scripted::freed_events();
+    dolm_ric_event event = {};
+    event.type = DOLM_RICEVT_RILINKSTATUS;
+    event.link_status.id = 0x00020000 | port;
+    event.link_status.state = state;
+    scripted::raise_event(event);
+    while (scripted::freed_events() == freed)
+        sched_yield();
+    scripted::await_event_thread();
+    tesk_handle_queued_events();
+    scripted::sent.clear();
+}
+
+void tick(uint32_t port)
+{
+    const auto bucket = static_cast<uint32_t>(tesk_portsub_get_bucket_id(port));
+    scripted::deliver_host(scripted::own_mailbox, TESK_PORT_STATUS_FILTER_TICK, {bucket, port});
+    tesk_handle_mailbox();
+}
+
+long count_traces()
+{
+    const auto log = scripted::take_log();
+    return std::count_if(log.begin(), log.end(),
+                         [](const std::string &line) { return line.starts_with('['); });
+}
+
+/* Runs it with 0, 1, ... and has that counted. */
+void count(const char *name, const std::function<void(uint32_t)> &run)
+{
+    scripted::take_log();
+    CALLGRIND_ZERO_STATS;
+    for (uint32_t index = 0; index < times; index++)
+        run(index);
+    CALLGRIND_DUMP_STATS_AT(name);
+    results += results.empty() ? "{" : ",\n ";
+    results += "\"" + std::string(name) + "\": {\"times\": " + std::to_string(times) +
+               ", \"traces\": " + std::to_string(count_traces()) + "}";
+}
+
+void count_for(const char *name, uint32_t client, uint32_t number, uint32_t first_port = 0)
+{
+    count(name, [=](uint32_t index) { ask(client, number, first_port + index); });
+}
+
+void hold_ports(uint32_t client, uint32_t first, uint32_t last)
+{
+    for (uint32_t port = first; port < last; port++) {
+        ask(client, TESK_SUBSCRIBE_SFP_INFO_REQ, port);
+        ask(client, TESK_SUBSCRIBE_PORT_STATUS_REQ, port);
+    }
+}
+
+void drop_ports(uint32_t client, uint32_t first, uint32_t last)
+{
+    for (uint32_t port = first; port < last; port++) {
+        ask(client, TESK_UNSUBSCRIBE_SFP_INFO_REQ, port);
+        ask(client, TESK_UNSUBSCRIBE_PORT_STATUS_REQ, port);
+    }
+}
+
+/* The client's number is its mailbox's, so numbers that were spent on lost clients are skipped. */
+void count_all()
+{
+    count("establish a connection", connect);
+    count("lose a client", [](uint32_t index) { lose(times - 1 - index); });
+    const uint32_t alice = times;
+    connect(alice);
+    count_for("get capabilities", alice, TESK_GET_CAPABILITIES_REQ);
+    count_for("get PM counters", alice, TESK_GET_PM_COUNTERS_REQ);
+    count_for("subscribe to SFP info", alice, TESK_SUBSCRIBE_SFP_INFO_REQ);
+    count_for("subscribe to port status", alice, TESK_SUBSCRIBE_PORT_STATUS_REQ);
+    count("link event, 1 subscriber",
+          [](uint32_t port) { raise_link_event(port, DOLM_RICRILINKSTATE_NOOPERATION); });
+    count("filter tick", tick);
+    count_for("unsubscribe from port status", alice, TESK_UNSUBSCRIBE_PORT_STATUS_REQ);
+    count_for("unsubscribe from SFP info", alice, TESK_UNSUBSCRIBE_SFP_INFO_REQ);
+
+    for (uint32_t client = 1; client <= 100; client++) {
+        connect(alice + client);
+        hold_ports(alice + client, 0, times);
+    }
+    count("link event, 100 subscribers",
+          [](uint32_t port) { raise_link_event(port, DOLM_RICRILINKSTATE_NOOPERATION); });
+    for (uint32_t client = 1; client <= 100; client++)
+        drop_ports(alice + client, 0, times);
+
+    for (uint32_t client = 101; client < many; client++)
+        connect(alice + client);
+    hold_ports(alice, times, many + times);
+    for (uint32_t client = 1; client < many; client++)
+        hold_ports(alice + client, times + client % (many - 10), times + client % (many - 10) + 10);
+    count_for("get capabilities, 1000 clients", alice, TESK_GET_CAPABILITIES_REQ);
+    count_for("subscribe to SFP info, 1000 clients and ports", alice, TESK_SUBSCRIBE_SFP_INFO_REQ);
+    count_for("subscribe to port status, 1000 clients and ports", alice,
+              TESK_SUBSCRIBE_PORT_STATUS_REQ);
+    count("link event, 1 subscriber, 1000 clients and ports",
+          [](uint32_t port) { raise_link_event(port, DOLM_RICRILINKSTATE_NOOPERATION); });
+    count_for("unsubscribe from port status, 1000 clients and ports", alice,
+              TESK_UNSUBSCRIBE_PORT_STATUS_REQ);
+    count_for("unsubscribe from SFP info, 1000 clients and ports", alice,
+              TESK_UNSUBSCRIBE_SFP_INFO_REQ);
+    count("lose a client, 20 subscriptions, 1000 clients and ports",
+          [=](uint32_t index) { lose(alice + many - 1 - index); });
+}
+
+} // namespace
+
+int main(int, char **words)
+{
+    if (words[1] != nullptr && std::string_view(words[1]) == "traces")
+        scripted::reset({1, 4, 12, 13, 17, 18});
+    else
+        scripted::reset();
+    for (uint32_t port = 0; port < many + times; port++)
+        scripted::ports[port] = {.status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODINSERTED |
+                                           DOLM_RICRIPORT_MODREADY,
+                                 .link_state = DOLM_RICRILINKSTATE_OPERATIONAL,
+                                 .speed = 0x0040,
+                                 .module = {},
+                                 .module_status = {},
+                                 .diag = {}};
+    if (tesk_server_init() != 0)
+        return 1;
+    scripted::await_event_thread();
+    count_all();
+    std::puts((results + "}").c_str());
+    tesk_server_shutdown();
+    return 0;
+}

@@ -1,0 +1,340 @@
+"""lab - starts what is measured, pins it, talks to it, and leaves nothing behind."""
+import ctypes
+import json
+import os
+import pathlib
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BIN = ROOT / "build/release/bin"
+PATIENCE = 60.0  # seconds; nothing that is measured takes as long
+
+# What is measured runs on one core or on both, we ourselves on the other one.
+OURS, THEIRS = min(os.sched_getaffinity(0)), max(os.sched_getaffinity(0))
+
+# A thread of this name plays the board, which is no part of the server.
+BOARD_THREAD = "dolm-ric-board"
+
+PR_SET_PDEATHSIG = 1
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+def set_priority(nice):
+    """Other work on this machine shall not decide about ours, where we may say so. The order among
+    what is measured stays as it is: all of it has the same priority."""
+    try:
+        os.setpriority(os.PRIO_PROCESS, 0, nice)
+        pathlib.Path("/proc/self/autogroup").write_text(str(nice))
+    except OSError:
+        pass
+
+
+class Failed(Exception):
+    pass
+
+
+def wait_until(condition, what, needed=()):
+    deadline = time.monotonic() + PATIENCE
+    while not condition():
+        for program in needed:
+            if program.process.poll() is not None:
+                raise Failed(f"{program.name} has ended")
+        if time.monotonic() > deadline:
+            raise Failed(f"waited in vain until {what}")
+        time.sleep(0.002)
+
+
+class Program:
+    """A process that is asked by lines and answers each with a line."""
+
+    def __init__(self, args, core, env=None, **more):
+        def prepare():
+            libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+            os.sched_setaffinity(0, {core})
+
+        self.name = " ".join(map(str, args))
+        self.process = subprocess.Popen(
+            list(map(str, args)), stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+            env={**os.environ, **(env or {})}, preexec_fn=prepare, process_group=0, **more)
+        self.pid = self.process.pid
+
+    def read_line(self):
+        ready, _, _ = select.select([self.process.stdout], [], [], 5 * PATIENCE)
+        line = self.process.stdout.readline() if ready else ""
+        if not line:
+            raise Failed(f"no answer from {self.name}")
+        return line
+
+    def ask(self, *words):
+        self.process.stdin.write(" ".join(map(str, words)) + "\n")
+        self.process.stdin.flush()
+        return self.answer()
+
+    def answer(self):
+        return json.loads(self.read_line())
+
+    def end(self):
+        try:
+            os.killpg(self.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        self.process.wait()
+        self.process.stdin.close()
+        self.process.stdout.close()
+
+
+def tasks(pid):
+    return [pathlib.Path(f"/proc/{pid}/task/{task}") for task in os.listdir(f"/proc/{pid}/task")]
+
+
+def is_counted(task):
+    return (task / "comm").read_text().strip() != BOARD_THREAD
+
+
+def is_asleep(task):
+    return (task / "stat").read_text().rpartition(")")[2].split()[0] == "S"
+
+
+def anonymous_bytes(pid):
+    """The memory that is the process's own: no file's page as it is in the file."""
+    lines = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()
+    return 1024 * next(int(line.split()[1]) for line in lines if line.startswith("Anonymous:"))
+
+
+def can_connect(path, kind):
+    with socket.socket(socket.AF_UNIX, kind) as probe:
+        return probe.connect_ex(str(path)) == 0
+
+
+class Server:
+    """The processes of one system's server side. Subclasses say how they start."""
+
+    name = label = ""
+    client_program = ""
+
+    def __init__(self, lab, core, **options):
+        self.lab = lab
+        self.folder = lab.new_folder()
+        self.address = self.folder / "socket"
+        self.board = self.folder / "board"
+        self.env = {}
+        self.processes = []
+        self.start(core, **options)
+
+    def run(self, args, core, **more):
+        self.processes.append(self.lab.run(args, core, self.env, **more))
+
+    def start(self, core):
+        self.run([BIN / self.client_program, "serve", self.address, self.board], core)
+        self.await_board()
+
+    def await_board(self):
+        wait_until(lambda: can_connect(self.board, socket.SOCK_SEQPACKET), f"{self.label} serves",
+                   self.processes)
+
+    def counted_tasks(self):
+        return [task for process in self.processes for task in tasks(process.pid)
+                if is_counted(task)]
+
+    def pin(self, core):
+        for process in self.processes:
+            for task in tasks(process.pid):
+                os.sched_setaffinity(int(task.name), {core})
+
+    def cpu_ns(self):
+        """What the server has used, read once it has come to rest."""
+        counted = self.counted_tasks()
+        wait_until(lambda: all(map(is_asleep, counted)), f"{self.label} is idle")
+        return sum(int((task / "schedstat").read_text().split()[0]) for task in counted)
+
+    def client(self, core):
+        return self.lab.run([BIN / self.client_program, "client", self.address], core, self.env)
+
+    def subscribers(self, processes, each, core):
+        """Starts them; the file of their receipts."""
+        path = self.folder / "receipts"
+        program = self.lab.run([BIN / self.client_program, "subscribe", self.address, path,
+                                processes, each], core, self.env)
+        if program.read_line() != "ready\n":
+            raise Failed(f"the subscribers of {self.label} are not ready")
+        return path
+
+    def end(self):
+        for process in self.processes:
+            self.lab.end(process)
+
+
+class Floor(Server):
+    name, label, client_program = "floor", "bare socket", "bench_floor"
+
+
+class Tesk(Server):
+    name, label, client_program = "tesk", "tesk-server", "bench_tesk"
+
+    def start(self, core, ports=16, tick_unit_ms=10, env=None):
+        description = self.folder / "board.txt"
+        description.write_text(f"ports {ports}\ninsert 0-{ports - 1} lc link=up speed=10\n")
+        self.env = {"MBX_DIR": str(self.folder / "mbx"), "DOLM_RIC_BOARD": str(description),
+                    "DOLM_RIC_SOCKET": str(self.board), "TESKTMO_UNIT_MS": str(tick_unit_ms),
+                    **(env or {})}
+        self.run([BIN / "tesk-server"], core)
+        self.await_board()
+        name = self.folder / "mbx/tesk-server"
+        wait_until(lambda: can_connect(name, socket.SOCK_SEQPACKET), "tesk-server serves")
+
+
+class SdBusPeer(Server):
+    name, label, client_program = "sdbus", "sd-bus peer to peer", "bench_sdbus"
+
+    def start(self, core):
+        self.address = f"peer:{self.address}"
+        super().start(core)
+
+
+class DBus(Server):
+    name, label, client_program = "dbus", "D-Bus daemon", "bench_sdbus"
+    # The limits are those of a session bus.
+    configuration = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig><type>session</type><listen>unix:path={path}</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow send_destination="*"/><allow receive_sender="*"/>
+<allow own="*"/></policy>
+<limit name="max_completed_connections">100000</limit>
+<limit name="max_incomplete_connections">10000</limit>
+<limit name="max_connections_per_user">100000</limit>
+<limit name="max_match_rules_per_connection">50000</limit></busconfig>
+"""
+
+    def start(self, core):
+        path, file = self.address, self.folder / "bus.conf"
+        file.write_text(self.configuration.format(path=path))
+        self.run(["dbus-daemon", f"--config-file={file}", "--nofork"], core,
+                 stderr=subprocess.DEVNULL)
+        wait_until(lambda: can_connect(path, socket.SOCK_STREAM), "dbus-daemon serves")
+        self.address = f"bus:{path}"
+        super().start(core)
+
+
+class Redis(Server):
+    name, label, client_program = "redis", "Redis", "bench_redis"
+
+    def start(self, core):
+        self.run(["redis-server", "--port", 0, "--unixsocket", self.address, "--save", "",
+                  "--appendonly", "no", "--tcp-backlog", 4096, "--daemonize", "no", "--dir", self.folder, "--logfile",
+                  self.folder / "log"], core)
+        wait_until(lambda: can_connect(self.address, socket.SOCK_STREAM), "redis-server serves")
+        super().start(core)
+
+
+class Grpc(Server):
+    name, label, client_program = "grpc", "gRPC", "bench_grpc"
+
+
+SYSTEMS = [Floor, Tesk, Redis, SdBusPeer, DBus, Grpc]
+
+
+class Lab:
+    """Everything that was started ends with it."""
+
+    def __enter__(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="tesk-bench-"))
+        self.programs = []
+        set_priority(-15)
+        os.sched_setaffinity(0, {OURS})
+        return self
+
+    def __exit__(self, *_):
+        self.end_all()
+        set_priority(0)
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def new_folder(self):
+        return pathlib.Path(tempfile.mkdtemp(dir=self.folder, prefix=""))
+
+    def run(self, args, core, env=None, **more):
+        program = Program(args, core, env, **more)
+        self.programs.append(program)
+        return program
+
+    def end(self, program):
+        program.end()
+        self.programs.remove(program)
+
+    def start_growth(self, options):
+        """A server and the program that plays its clients, on one core."""
+        server = Tesk(self, THEIRS, **options)
+        return server, self.run([BIN / "bench_growth", server.board], THEIRS, server.env)
+
+    def end_growth(self, pair):
+        self.end(pair[1])
+        pair[0].end()
+
+    def end_all(self):
+        # Clients first: they complain when their server goes.
+        for program in reversed(self.programs):
+            program.end()
+        self.programs = []
+
+
+def count_system_calls(server, work):
+    """How many calls the server's processes make while the work is done."""
+    pids = [process.pid for process in server.processes]
+    summary = server.folder / "strace"
+    args = ["strace", "-f", "-q", "-c", "-o", summary]
+    for pid in pids:
+        args += ["-p", pid]
+    tracer = server.lab.run(args, OURS, stderr=subprocess.DEVNULL)
+    wait_until(lambda: all("TracerPid:\t0\n" not in (task / "status").read_text()
+                           for pid in pids for task in tasks(pid)), "strace is attached")
+    work()
+    tracer.process.send_signal(signal.SIGINT)
+    tracer.process.wait(PATIENCE)
+    server.lab.end(tracer)
+    total = [line.split() for line in summary.read_text().splitlines() if line.endswith(" total")]
+    return int(total[0][3]) if total else 0
+
+
+class TraceSession:
+    """An LTTng session that records all there is. `works` is false where that can't be had."""
+
+    def __init__(self, lab):
+        self.name = f"tesk-bench-{os.getpid()}"
+        self.output = lab.new_folder()
+        self.daemon = None
+
+    def lttng(self, *words):
+        return subprocess.run(["lttng", "-q", *words], stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL, timeout=PATIENCE).returncode == 0
+
+    def __enter__(self):
+        self.works = shutil.which("lttng-sessiond") is not None
+        if self.works and not self.lttng("--no-sessiond", "list"):
+            self.start_daemon()
+        self.works = self.works and all((
+            self.lttng("create", self.name, f"--output={self.output}"),
+            self.lttng("enable-event", f"--session={self.name}", "--userspace", "--all"),
+            self.lttng("start", self.name)))
+        return self
+
+    def start_daemon(self):
+        """It puts itself into the background once it serves, so it is found by its pid file."""
+        pid_file = self.output / "pid"
+        self.works = subprocess.run(
+            ["lttng-sessiond", "--daemonize", "--no-kernel", f"--pidfile={pid_file}"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=PATIENCE).returncode == 0
+        if self.works:
+            self.daemon = int(pid_file.read_text())
+
+    def __exit__(self, *_):
+        if self.works:
+            self.lttng("destroy", self.name)
+        if self.daemon is not None:
+            os.kill(self.daemon, signal.SIGTERM)
+            wait_until(lambda: not pathlib.Path(f"/proc/{self.daemon}").exists(),
+                       "the LTTng session daemon ends")

@@ -1,0 +1,281 @@
+/* sdbus - D-Bus through sd-bus, as its manual pages advise: by an address that starts with "bus:"
+   through a dbus-daemon, by one that starts with "peer:" straight from peer to peer. Answers and
+   events carry bytes, which is the cheapest that D-Bus has. */
+#include "harness.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+namespace
+{
+
+using namespace bench;
+
+constexpr char service_name[] = "bench.Service";
+constexpr char object_path[] = "/bench";
+constexpr char interface_name[] = "bench.Interface";
+constexpr const char *method_names[] = {"GetCapabilities", "GetPmCounters", "Subscribe"};
+
+constexpr std::string_view bus_prefix = "bus:";
+
+void check(int result, const char *what)
+{
+    if (result < 0)
+        fail(std::string(what) + ": " + std::strerror(-result));
+}
+
+struct way {
+    bool through_daemon;
+    std::string path;
+};
+
+way parse(const std::string &address)
+{
+    return {address.starts_with(bus_prefix), address.substr(address.find(':') + 1)};
+}
+
+sd_bus *connect_bus(const way &to)
+{
+    sd_bus *bus = nullptr;
+    check(sd_bus_new(&bus), "sd_bus_new");
+    check(sd_bus_set_address(bus, ("unix:path=" + to.path).c_str()), "sd_bus_set_address");
+    check(sd_bus_set_bus_client(bus, to.through_daemon), "sd_bus_set_bus_client");
+    check(sd_bus_start(bus), "sd_bus_start");
+    return bus;
+}
+
+sd_bus_message *make_call(sd_bus *bus, bool through_daemon, request_kind kind)
+{
+    static constexpr char payload[largest_size] = {};
+    sd_bus_message *message = nullptr;
+    check(sd_bus_message_new_method_call(bus, &message, through_daemon ? service_name : nullptr,
+                                         object_path, interface_name,
+                                         method_names[static_cast<size_t>(kind)]),
+          "sd_bus_message_new_method_call");
+    check(sd_bus_message_append_array(message, 'y', payload, request_size(kind) - 4),
+          "sd_bus_message_append_array");
+    return message;
+}
+
+class sdbus_client : public client
+{
+  public:
+    explicit sdbus_client(const std::string &address) : to(parse(address)), bus(connect_bus(to))
+    {
+    }
+
+    void call(request_kind kind) override
+    {
+        sd_bus_message *message = make_call(bus, to.through_daemon, kind);
+        sd_bus_message *answer = nullptr;
+        check(sd_bus_call(bus, message, 0, nullptr, &answer), "sd_bus_call");
+        sd_bus_message_unref(message);
+        read(answer);
+        sd_bus_message_unref(answer);
+    }
+
+    void send(request_kind kind) override
+    {
+        sd_bus_message *message = make_call(bus, to.through_daemon, kind);
+        check(sd_bus_call_async(bus, nullptr, message, take_answer, this, 0), "sd_bus_call_async");
+        sd_bus_message_unref(message);
+    }
+
+    void receive() override
+    {
+        while (taken == 0) {
+            const int worked = sd_bus_process(bus, nullptr);
+            check(worked, "sd_bus_process");
+            if (worked == 0 && taken == 0)
+                check(sd_bus_wait(bus, UINT64_MAX), "sd_bus_wait");
+        }
+        taken--;
+    }
+
+    /* From here on receive() waits for events. */
+    void subscribe()
+    {
+        check(sd_bus_match_signal(bus, nullptr, nullptr, object_path, interface_name, "Event",
+                                  take_answer, this),
+              "sd_bus_match_signal");
+        if (!to.through_daemon)
+            call(request_kind::subscribe);
+    }
+
+  private:
+    static void read(sd_bus_message *message)
+    {
+        const void *payload;
+        size_t size;
+        check(sd_bus_message_read_array(message, 'y', &payload, &size),
+              "sd_bus_message_read_array");
+    }
+
+    static int take_answer(sd_bus_message *message, void *self, sd_bus_error *)
+    {
+        read(message);
+        static_cast<sdbus_client *>(self)->taken++;
+        return 0;
+    }
+
+    way to;
+    sd_bus *bus;
+    uint32_t taken = 0;
+};
+
+std::unique_ptr<client> connect(const std::string &address)
+{
+    return std::make_unique<sdbus_client>(address);
+}
+
+void subscribe(const std::string &address, receipts &told)
+{
+    sdbus_client connection(address);
+    connection.subscribe();
+    told.note_ready();
+    for (;;) {
+        connection.receive();
+        told.note_told();
+    }
+}
+
+/* One event loop; from peer to peer each client has a connection of its own. */
+struct server {
+    board &events;
+    sd_event *loop = nullptr;
+    sd_bus *daemon = nullptr;
+    std::vector<sd_bus *> subscribers;
+};
+
+int answer_with(sd_bus_message *request, request_kind kind)
+{
+    static constexpr char payload[largest_size] = {};
+    sd_bus_message *answer = nullptr;
+    check(sd_bus_message_new_method_return(request, &answer), "sd_bus_message_new_method_return");
+    check(sd_bus_message_append_array(answer, 'y', payload, answer_size(kind) - 4),
+          "sd_bus_message_append_array");
+    const int result = sd_bus_send(nullptr, answer, nullptr);
+    sd_bus_message_unref(answer);
+    return result;
+}
+
+int get_capabilities(sd_bus_message *request, void *, sd_bus_error *)
+{
+    return answer_with(request, request_kind::capabilities);
+}
+
+int get_pm_counters(sd_bus_message *request, void *, sd_bus_error *)
+{
+    return answer_with(request, request_kind::pm_counters);
+}
+
+int subscribe_peer(sd_bus_message *request, void *self, sd_bus_error *)
+{
+    static_cast<server *>(self)->subscribers.push_back(sd_bus_message_get_bus(request));
+    return answer_with(request, request_kind::subscribe);
+}
+
+const sd_bus_vtable vtable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD("GetCapabilities", "ay", "ay", get_capabilities, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("GetPmCounters", "ay", "ay", get_pm_counters, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Subscribe", "ay", "ay", subscribe_peer, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL("Event", "ay", 0),
+    SD_BUS_VTABLE_END};
+
+void offer(sd_bus *bus, server &self)
+{
+    check(sd_bus_add_object_vtable(bus, nullptr, object_path, interface_name, vtable, &self),
+          "sd_bus_add_object_vtable");
+    check(sd_bus_attach_event(bus, self.loop, 0), "sd_bus_attach_event");
+}
+
+void emit(sd_bus *bus)
+{
+    static constexpr char payload[largest_size] = {};
+    sd_bus_message *message = nullptr;
+    check(sd_bus_message_new_signal(bus, &message, object_path, interface_name, "Event"),
+          "sd_bus_message_new_signal");
+    check(sd_bus_message_append_array(message, 'y', payload, event_size - 4),
+          "sd_bus_message_append_array");
+    sd_bus_send(bus, message, nullptr);
+    sd_bus_message_unref(message);
+}
+
+int tell_subscribers(sd_event_source *, int, uint32_t, void *data)
+{
+    server &self = *static_cast<server *>(data);
+    for (uint32_t count = self.events.take(); count > 0; count--)
+        if (self.daemon != nullptr)
+            emit(self.daemon);
+        else
+            for (sd_bus *bus : self.subscribers)
+                emit(bus);
+    return 0;
+}
+
+int forget_peer(sd_bus_message *message, void *data, sd_bus_error *)
+{
+    std::erase(static_cast<server *>(data)->subscribers, sd_bus_message_get_bus(message));
+    return 0;
+}
+
+int accept_peer(sd_event_source *, int listener, uint32_t, void *data)
+{
+    server &self = *static_cast<server *>(data);
+    const int fd =
+        need(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK), "accept");
+    sd_bus *bus = nullptr;
+    sd_id128_t id;
+    sd_id128_randomize(&id);
+    check(sd_bus_new(&bus), "sd_bus_new");
+    check(sd_bus_set_fd(bus, fd, fd), "sd_bus_set_fd");
+    check(sd_bus_set_server(bus, 1, id), "sd_bus_set_server");
+    check(sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local",
+                              "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
+                              "Disconnected", forget_peer, &self),
+          "sd_bus_match_signal");
+    check(sd_bus_start(bus), "sd_bus_start");
+    offer(bus, self);
+    return 0;
+}
+
+int listen_for_peers(const std::string &path)
+{
+    const int fd = need(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    need(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), path.c_str());
+    need(listen(fd, 4096), "listen");
+    return fd;
+}
+
+void serve(const std::string &address, board &events)
+{
+    const way from = parse(address);
+    server self = {.events = events, .loop = nullptr, .daemon = nullptr, .subscribers = {}};
+    check(sd_event_default(&self.loop), "sd_event_default");
+    if (from.through_daemon) {
+        self.daemon = connect_bus(from);
+        offer(self.daemon, self);
+        check(sd_bus_request_name(self.daemon, service_name, 0), "sd_bus_request_name");
+    } else {
+        check(sd_event_add_io(self.loop, nullptr, listen_for_peers(from.path), EPOLLIN, accept_peer,
+                              &self),
+              "sd_event_add_io");
+    }
+    check(sd_event_add_io(self.loop, nullptr, events.start(), EPOLLIN, tell_subscribers, &self),
+          "sd_event_add_io");
+    check(sd_event_loop(self.loop), "sd_event_loop");
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    return run_system({connect, subscribe, serve}, count, words);
+}

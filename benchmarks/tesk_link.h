@@ -1,0 +1,42 @@
+/* tesk_link - the calling thread's connection to the server: its mailbox and the wire's records. */
+#pragma once
+
+#include "harness.h"
+#include "tesk_server/tesk_signals.h"
+
+#include "platform/mbx/mbx.h"
+
+namespace bench
+{
+
+class tesk_link
+{
+  public:
+    /* Connects to a server that is there, or comes within that time. */
+    explicit tesk_link(int64_t patience_ns = 0);
+    /* Gives the mailbox up, which the server sees as the client's death. */
+    ~tesk_link();
+    tesk_link(const tesk_link &) = delete;
+    tesk_link &operator=(const tesk_link &) = delete;
+
+    /* Any request but the connection. The port is left out where the request has none. */
+    void send(uint32_t number, uint32_t port = 0);
+    /* Waits for the next signal on epoll and gives its number. Throws if it is a rejection. */
+    uint32_t receive();
+    /* Waits until a signal of that number has come. */
+    void await(uint32_t number);
+
+    /* The whole procedures of both kinds: the confirmation and the first indication have come. */
+    void subscribe_port_status(uint32_t port);
+    void subscribe_sfp_info(uint32_t port);
+
+  private:
+    void establish();
+
+    uint32_t own = MBX_NO_MAILBOX;
+    uint32_t server;
+    uint32_t connection_ref = 0;
+    int epoll;
+};
+
+} // namespace bench
