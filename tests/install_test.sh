@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Installs into a folder of its own, and there: a project from outside the tree, the example board
+# under the unchanged server, tesk-abi-check. Called with the source and the build folder.
+set -euo pipefail
+source=$1 build=$2
+. "$source/scripts/common.sh"
+. "$source/tests/expect.sh"
+work=$(mktemp -d)
+server=
+trap '[ -z "$server" ] || kill "$server"; wait; rm -rf "$work"' EXIT
+export MBX_DIR=$work/mbx DOLM_RIC_SOCKET=$work/board.sock EXAMPLE_BOARD=$work/hardware
+
+start_server() { # [directory of other libraries]
+    LD_LIBRARY_PATH=${1:-} "$work/usr/sbin/tesk-server" &
+    server=$!
+    await $server "$teskctl" ping -c 1
+}
+
+stop_server() {
+    kill "$server"
+    wait "$server" || fail "the server ended with $?"
+    server=
+}
+
+cmake --install "$build" --prefix "$work/usr" >/dev/null
+teskctl=$work/usr/bin/teskctl
+libraries=$(dirname "$(find "$work/usr" -name libmbx.so.1)")
+
+# From outside the tree, also after the whole has been moved.
+mv "$work/usr" "$work/moved" && ln -s moved "$work/usr"
+PKG_CONFIG_PATH=$libraries/pkgconfig cmake -S "$source/tests/outside" -B "$work/outside" \
+    -DCMAKE_PREFIX_PATH="$work/usr" -DEXAMPLES="$source/examples" >/dev/null
+cmake --build "$work/outside" >/dev/null
+start_server
+LD_LIBRARY_PATH=$libraries expect 0 "port 0: link" "$work/outside/by_pkgconfig" 0 1
+expect 0 "degrees" "$work/outside/by_cmake" 1 1
+stop_server
+
+# The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
+cmake -S "$source/examples/board" -B "$work/example" >/dev/null
+cmake --build "$work/example" >/dev/null
+board=$work/example/board
+mkdir "$EXAMPLE_BOARD"
+start_server "$board"
+expect 0 '"module":"not present"' "$teskctl" --json sfp 0
+expect 1 "rejected" "$teskctl" status 2
+exec 3< <(timeout 30 "$teskctl" --json watch --sfp 0 --status 0)
+watch=$!
+told() { # TEXT..: all of them among the next indications, in any order
+    local line lines='' missing
+    while read -r line <&3; do
+        lines+=$line$'\n' missing=
+        for text; do
+            [[ $lines == *"$text"* ]] || missing=$text
+        done
+        [ -n "$missing" ] || return 0
+    done
+    fail "wanted $*, was told: $lines"
+}
+told '"link":"not operational"' '"module":"not present"'
+mkdir "$work/part" && touch "$work/part/link" "$work/part/module"
+mv "$work/part" "$EXAMPLE_BOARD/port0"
+told '"link":"operational","speed_gbps":10.0' '"vendor":"EXAMPLE"'
+kill "$watch"
+stop_server
+
+check=$work/usr/bin/tesk-abi-check
+expect 1 "libzel.so.0 is missing" "$check" "$board"
+cp "$libraries"/lib{mbx,zel,tesktmo}.so.? "$board"
+expect 0 "everything" "$check" "$board"
+printf 'int mbx_init; void mbx_exit(void) {}\n' >"$work/bad.c"
+printf 'unsigned procInfo[8]; int zel_init(void) { return 0; }\n' >"$work/bad_zel.c"
+cc -shared -fPIC -o "$board/libmbx.so.1" "$work/bad.c"
+cc -shared -fPIC -o "$board/libzel.so.0" "$work/bad_zel.c"
+head -c 3000 "$libraries/libtesktmo.so.0" >"$board/libtesktmo.so.0"
+echo text >"$board/libdolm_ric.so.0"
+for text in "mbx_init is data, but must be a function" "mbx_alloc is missing" "must be thread-local" \
+    "libtesktmo.so.0 is damaged" "libdolm_ric.so.0 is no shared library"; do
+    expect 1 "$text" "$check" "$board"
+done
+expect 1 '{"library":"libmbx.so.1","name":"mbx_alloc","text":"is missing"}' "$check" --json "$board"
+expect 2 "--help" "$check" "$work/nowhere"
+expect 0 "tesk-abi-check 1." "$check" --version
+echo "all is where it belongs"

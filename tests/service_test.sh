@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# The systemd unit and its companions as systemd's own tools see them. Called with the source and
+# the build folder; 77 says that there is no systemd here.
+set -euo pipefail
+source=$1 build=$2
+. "$source/scripts/common.sh"
+command -v systemd-analyze >/dev/null || exit 77
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+sed "s|=.*/tesk-server$|=$build/bin/tesk-server|; s|/[^ ]*/teskctl|$build/bin/teskctl|" \
+    "$build/packaging/tesk-server.service" >"$work/tesk-server.service"
+said=$(systemd-analyze verify --man=no "$work/tesk-server.service" 2>&1) || fail "the unit: $said"
+[ -z "$said" ] || fail "the unit: $said"
+# In tenths of the scale from 0 to 10.
+systemd-analyze security --offline=true --no-pager --threshold=5 "$work/tesk-server.service" |
+    tail -n 1
+
+[ "$(id -u)" -eq 0 ] || exit 0
+mkdir -p "$work/root/etc" "$work/root/run"
+systemd-sysusers --root="$work/root" "$source/packaging/tesk.sysusers" >/dev/null
+systemd-tmpfiles --create --root="$work/root" "$build"/packaging/{server,platform}/tmpfiles
+user=$(awk -F: '/^tesk:/ { print $3 ":" $4 }' "$work/root/etc/passwd")
+for directory in mbx dolm_ric; do
+    found=$(stat -c %u:%g:%a "$work/root/run/$directory")
+    [ "$found" = "$user:750" ] || fail "/run/$directory is $found, not $user:750"
+done
