@@ -367,7 +367,7 @@ std::atomic<uint32_t> storm_target, storm_sent;
 
 TEST_F(mbx, a_signal_handler_may_send_to_the_own_mailbox_whatever_it_interrupts)
 {
-    storm_target = join("server");
+    storm_target = join("server"), storm_sent = 0;
     signal(SIGUSR1, [](int) {
         send_number(storm_target, numbered);
         storm_sent++;
