@@ -96,8 +96,7 @@ block *pop_free(uint32_t size_class)
         block *b = block_at(place);
         /* Another thread may have taken the block meanwhile: then the word means something else,
            and the counter in the head makes the exchange fail. */
-        const uint64_t next =
-            ((head >> 32) + 1) << 32 | b->word.load(std::memory_order_relaxed);
+        const uint64_t next = ((head >> 32) + 1) << 32 | b->word.load(std::memory_order_relaxed);
         if (list.compare_exchange_weak(head, next, std::memory_order_acquire))
             return b;
     }

@@ -20,7 +20,7 @@
 namespace
 {
 
-constexpr size_t queued_at_most = size_t{8} << 20;      /* for one receiver */
+constexpr size_t queued_at_most = size_t{8} << 20;         /* for one receiver */
 constexpr size_t queued_in_all_at_most = size_t{64} << 20; /* in the process */
 
 std::atomic<size_t> queued_in_all;
@@ -32,8 +32,7 @@ outcome try_send(connection &c, block *b)
 {
     if (send(c.tx.get(), b->signal(), b->size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
         return outcome::sent;
-    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? outcome::full
-                                                                    : outcome::broken;
+    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? outcome::full : outcome::broken;
 }
 
 /* Takes the next block off the queue and out of the accounts. */

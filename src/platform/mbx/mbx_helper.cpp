@@ -128,8 +128,7 @@ void handle_newcomer(helper &h, owned_fd control, uint32_t mailbox_id)
     if (std::count_if(h.newcomers.begin(), h.newcomers.end(), same) >=
         static_cast<ptrdiff_t>(ungreeted_at_most))
         return;
-    if (control_epoll(EPOLL_CTL_ADD, n.control.get(), EPOLLIN,
-                      {watch_kind::greeting, 0, n.number}))
+    if (control_epoll(EPOLL_CTL_ADD, n.control.get(), EPOLLIN, {watch_kind::greeting, 0, n.number}))
         h.newcomers.push_back(std::move(n));
 }
 

@@ -87,6 +87,9 @@ struct mailbox {
     size_t turn_end = 0;
     uint64_t clock = 0; /* counts receptions */
     uint64_t local_served = 0;
+    uint32_t favourite = 0; /* the connection that had the last turn */
+    uint32_t credit = 0;    /* how often it is served before the others are looked at */
+    time_point rivalry{};   /* when somebody else had a turn */
     std::unique_ptr<receive_buffers, receive_buffers_deleter> buffers;
 };
 

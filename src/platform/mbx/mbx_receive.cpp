@@ -3,8 +3,8 @@
    The mailbox's descriptor is an epoll over all that signals come from: a semaphore for what is
    sent within the process, the receiving end of every connection, and an event that is up while
    signals wait in memory. When nobody's turn is left, one look at the epoll finds who is ready; the
-   ones that have waited longest come first, and each gives one signal. So between a signal's arrival
-   and its reception every other source is served once at most.
+   ones that have waited longest come first, and each gives one signal. So between a signal's
+   arrival and its reception every other source is served once at most.
 
    From a connection that had several signals in a row a batch is read at once. What is read ahead
    keeps its place: the connection still gives one signal a turn, and the memory event holds the
@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <sys/epoll.h>
 #include <sys/mman.h>
@@ -27,6 +28,8 @@ constexpr uint32_t batch_at_most = 16;
 constexpr uint32_t calm_at_most = 64;
 constexpr size_t in_memory_at_most = 1024; /* no reading ahead beyond */
 constexpr int events_at_most = 32;
+constexpr uint32_t unlooked_at_most = 7;
+constexpr auto rivalry_lasts = std::chrono::seconds(10);
 static_assert(events_at_most <= turns_at_most);
 
 } // namespace
@@ -45,6 +48,14 @@ void receive_buffers_deleter::operator()(receive_buffers *buffers) const
 
 namespace
 {
+
+/* To a tick of the kernel, but cheap. */
+time_point coarse_now()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &t);
+    return time_point(std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec));
+}
 
 receive_buffers &need_buffers(mailbox &m)
 {
@@ -178,6 +189,19 @@ void add_turn(mailbox &m, uint32_t source)
     m.turns[m.turn_end++] = {served, source};
 }
 
+/* Whether nobody but this connection has sent for a while. Then it may be served a few times
+   without a look at the others. */
+bool is_alone(mailbox &m, uint32_t source)
+{
+    if (source == source_local)
+        return false;
+    const time_point now = coarse_now();
+    if (m.turn_end > 1 || source != m.favourite)
+        m.rivalry = now;
+    m.favourite = source;
+    return m.connections.size() == 1 || now - m.rivalry > rivalry_lasts;
+}
+
 /* Gives turns to what the epoll reported, the one that was served longest ago first. */
 void give_turns(mailbox &m, const epoll_event *events, int count)
 {
@@ -197,10 +221,16 @@ void give_turns(mailbox &m, const epoll_event *events, int count)
     if (m.turn_end > 1)
         std::sort(m.turns.begin(), m.turns.begin() + static_cast<ptrdiff_t>(m.turn_end),
                   [](const turn &a, const turn &b) { return a.served < b.served; });
+    m.credit = m.turn_end > 0 && is_alone(m, m.turns[0].source) ? unlooked_at_most : 0;
 }
 
 block *take_next(mailbox &m)
 {
+    if (m.turn_next == m.turn_end && m.credit > 0) {
+        m.credit--;
+        if (block *b = take_from_connection(m, m.favourite))
+            return b;
+    }
     for (;;) {
         while (m.turn_next < m.turn_end) {
             const uint32_t source = m.turns[m.turn_next++].source;
