@@ -76,8 +76,8 @@ enum tesk_client_measurement {
 };
 
 enum tesk_client_environment {
-    TESK_CLIENT_ENVIRONMENT_OTHER = 0,
-    TESK_CLIENT_ENVIRONMENT_RAISED = 1, /* the module's status word is 2 */
+    TESK_CLIENT_ENVIRONMENT_CLEAR = 0,
+    TESK_CLIENT_ENVIRONMENT_SET = 1, /* the module's status word is 2 */
     TESK_CLIENT_ENVIRONMENT_NOT_READ = 5,
 };
 
@@ -211,7 +211,7 @@ typedef struct tesk_client_options {
     uint32_t window;           /* requests on their way to the server at once; 16; others queue */
     bool reconnect;            /* look for the server again when it has gone, and subscribe again */
     uint32_t retry_ms;         /* before the first look, doubled for each next one; 100 */
-    uint32_t longest_retry_ms; /* where the doubling ends; 5000 */
+    uint32_t longest_retry_ms; /* where the doubling ends; 2000 */
     void (*on_sfp_info)(const tesk_client_sfp_info *info, void *user);
     void (*on_port_status)(const tesk_client_port_status *status, void *user);
     void (*on_event)(const tesk_client_event *event, void *user);
