@@ -1,5 +1,8 @@
 /* libmbx - mailboxes: processes send each other signals, blocks of memory that start with a number.
-   A mailbox belongs to the thread that made it. Everything here has C linkage. */
+   A mailbox belongs to the thread that made it. Everything here has C linkage.
+
+   The environment sets, except for a set-uid program: MBX_DIR, the directory of the names (by default
+   /run/mbx), and MBX_LOCATE_MS, how long mbx_locate waits (by default 5000). */
 #ifndef MBX_H
 #define MBX_H
 

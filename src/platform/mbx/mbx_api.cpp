@@ -88,11 +88,12 @@ void after_fork_in_child()
     unlock_all();
 }
 
-void register_fork_handlers()
+bool register_fork_handlers()
 {
     static bool registered; /* guarded by registry_lock */
     if (!registered)
         registered = pthread_atfork(before_fork, unlock_all, after_fork_in_child) == 0;
+    return registered;
 }
 
 /* What lingers in deleted mailboxes, as far as it waits for a receiver to read. */
@@ -175,8 +176,8 @@ uint32_t settle(mailbox &m, uint32_t id, owned_fd control, owned_fd rx, greeting
         return existing->id;
     if (answer.kind != greeting_kind::welcome)
         return MBX_NO_MAILBOX;
-    connection *c = add_connection(m, std::move(control), std::move(rx), std::move(answer.tx),
-                                   answer.token, false);
+    connection *c =
+        add_connection(m, std::move(control), std::move(rx), std::move(answer.tx), answer.token);
     return c ? c->id : MBX_NO_MAILBOX;
 }
 
@@ -268,8 +269,9 @@ int mbx_init(int version, int, int, int, int)
     std::lock_guard registry(registry_lock);
     if (initialized)
         return 0;
+    if (!register_fork_handlers())
+        return -1;
     make_room_for_descriptors();
-    register_fork_handlers();
     initialized = true;
     return 0;
 }

@@ -1,10 +1,12 @@
 /* The connections of a mailbox: made, written to, supervised, ended.
 
    Of each connection we hold the control socket, whose end tells the peer's death, the receiving
-   end of our pair, and the sending end of the peer's. A send goes straight to the kernel. What the
-   kernel does not take is queued, and from then on everything for that receiver goes behind it; the
-   helper hands it on as the receiver reads. The queues are bounded: past the bound the connection
-   ends for both sides, so that a receiver sees a death but never a gap.
+   end of our pair, and the sending end of the peer's. A process can leave its end of the control
+   socket to a child that it made behind the library's back, so there is a pidfd too. A send goes
+   straight to the kernel. What the kernel does not take is queued, and from then on everything for
+   that receiver goes behind it; the helper hands it on as the receiver reads. The queues are
+   bounded: past the bound the connection ends for both sides, so that a receiver sees a death but
+   never a gap.
 
    When a connection ends, our receiving end is shut first, so that nothing can follow; what the
    kernel had taken is read into memory, the notices go behind it, and the descriptors are closed at
@@ -16,6 +18,8 @@
 #include <cerrno>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace
 {
@@ -85,7 +89,7 @@ void shed_queues()
     }
 }
 
-void release_descriptors(mailbox &m, connection &c)
+void release_descriptors(connection &c)
 {
     /* A copy of a descriptor in somebody's child must neither keep the connection open nor our
        epoll entries alive: so these steps, before the close. */
@@ -94,9 +98,10 @@ void release_descriptors(mailbox &m, connection &c)
     if (c.watched)
         helper_unwatch(c.tx.get());
     c.watched = false;
-    if (c.rx)
-        epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
+    if (c.life)
+        helper_unwatch(c.life.get());
     c.control.reset();
+    c.life.reset();
     c.tx.reset();
     c.rx.reset();
 }
@@ -127,17 +132,19 @@ uint32_t next_connection_id()
 }
 
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
-                           const mailbox_token &peer, bool accepted)
+                           const mailbox_token &peer)
 {
     uint32_t id = next_connection_id();
     while (m.connections.contains(id))
         id = next_connection_id();
     connection &c = m.connections[id];
     c.id = id;
-    c.accepted = accepted;
     c.process = peer_process(control.get());
     c.peer = peer;
     c.control = std::move(control);
+    c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.process, 0)));
+    if (c.life)
+        helper_watch_connection(watch_kind::control, c.life.get(), m, id);
     c.rx = std::move(rx);
     c.tx = std::move(tx);
     epoll_event event{};
@@ -165,10 +172,12 @@ void end_connection(mailbox &m, connection &c)
     if (!c.alive())
         return;
     if (c.rx) {
+        /* Shut, it counts as readable: the owner must not see that. */
+        epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
         shutdown(c.rx.get(), SHUT_RD);
         read_all(m, c);
     }
-    release_descriptors(m, c);
+    release_descriptors(c);
     while (block *b = unqueue(c))
         block_give(b);
     while (block *notice = c.monitors.pop()) {

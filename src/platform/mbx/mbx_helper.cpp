@@ -95,8 +95,8 @@ void answer(mailbox &m, owned_fd control, greeting hello)
     datagram_pair pair = make_datagram_pair();
     if (!pair.rx)
         return;
-    connection *c = add_connection(m, std::move(control), std::move(pair.rx), std::move(hello.tx),
-                                   hello.token, true);
+    connection *c =
+        add_connection(m, std::move(control), std::move(pair.rx), std::move(hello.tx), hello.token);
     if (c && !send_greeting(answer_to, greeting_kind::welcome, m.token, pair.tx.get()))
         end_connection(m, *c);
 }
@@ -278,11 +278,14 @@ bool start_thread(helper &h)
     pthread_attr_t attributes;
     sigset_t all;
     sigfillset(&all);
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, stack_size);
-    pthread_attr_setsigmask_np(&attributes, &all);
-    const int error = pthread_create(&h.thread, &attributes, run, &h);
-    pthread_attr_destroy(&attributes);
+    int error = pthread_attr_init(&attributes);
+    if (error == 0) {
+        pthread_attr_setstacksize(&attributes, stack_size);
+        error = pthread_attr_setsigmask_np(&attributes, &all);
+        if (error == 0)
+            error = pthread_create(&h.thread, &attributes, run, &h);
+        pthread_attr_destroy(&attributes);
+    }
     errno = error;
     return error == 0;
 }
