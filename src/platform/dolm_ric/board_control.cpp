@@ -25,7 +25,10 @@
 /* One thread polls the listening socket, the peers, and an eventfd. The eventfd wakes it to end
    and, while some peer waits for a condition, after each call of the library: conditions are about
    what the calls do, so that is when they are looked at again. A peer is never waited for: if it
-   doesn't take its answer it is dropped. */
+   doesn't take its answer it is dropped.
+
+   When the process is out of descriptors the listening socket stays readable and can't be accepted
+   from: it is left alone for a moment. */
 
 namespace board
 {
@@ -33,6 +36,7 @@ namespace
 {
 
 constexpr size_t max_peers = 64;
+constexpr int rest_ms = 100;
 constexpr size_t thread_stack = 256 * 1024;
 
 [[noreturn]] void fail(const std::string &what)
@@ -172,25 +176,28 @@ class board_control::server
     void serve()
     {
         std::vector<pollfd> polled;
+        bool resting = false;
         while (!ending) {
             polled.assign({{wakeup.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}});
-            polled[1].events = peers.size() < max_peers ? POLLIN : 0;
+            polled[1].events = peers.size() < max_peers && !resting ? POLLIN : 0;
             for (const peer &known : peers)
                 polled.push_back({known.socket.get(), POLLIN, 0});
-            poll(polled.data(), polled.size(), -1);
+            poll(polled.data(), polled.size(), resting ? rest_ms : -1);
             eventfd_t woken;
             eventfd_read(wakeup.get(), &woken);
             serve_peers(std::span(polled).subspan(2));
-            if (polled[1].revents != 0)
-                accept_peer();
+            resting = polled[1].revents != 0 && !accept_peer();
         }
     }
 
-    void accept_peer()
+    /* False when there is no descriptor for it. */
+    bool accept_peer()
     {
         descriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket.get() >= 0)
-            peers.push_back({std::move(socket), {}});
+        if (socket.get() < 0)
+            return errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ENOBUFS;
+        peers.push_back({std::move(socket), {}});
+        return true;
     }
 
     void serve_peers(std::span<const pollfd> polled)
