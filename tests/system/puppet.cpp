@@ -6,8 +6,7 @@
      deaf     does as it is told, but never reads its mailbox
      load     one random request after the other; its second packet says that it is connected
      flood    unknown signals, a batch always waiting at the server; each packet says how many
-     crave    the same with requests of somebody whom the server does not know
-     torrent  unknown signals without an end, connecting anew whenever it is cut off */
+     crave    the same with requests of somebody whom the server does not know */
 #include "platform/mbx/mbx.h"
 #include "tesk_server/tesk_signals.h"
 
@@ -24,16 +23,6 @@
 static constexpr int test = 3;
 static constexpr uint32_t unknown_number = 0x0badf00d;
 static uint32_t server;
-
-/* 0 or errno. */
-static int locate()
-{
-    server = mbx_locate("tesk-server");
-    if (server == MBX_NO_MAILBOX)
-        return errno;
-    mbx_monitor(server, nullptr);
-    return 0;
-}
 
 static void tell_test(uint32_t value)
 {
@@ -96,18 +85,6 @@ static uint32_t await_answer()
     }
 }
 
-[[noreturn]] static void torrent()
-{
-    for (;;) {
-        for (int index = 0; index < 1000; index++)
-            request(unknown_number, {});
-        mbx_signal *lost = mbx_receive(nullptr, 0, MBX_ANY_SENDER);
-        if (lost != nullptr && locate() != 0)
-            exit(0);
-        mbx_free(&lost);
-    }
-}
-
 static void obey(bool deaf)
 {
     pollfd sources[] = {{test, POLLIN, 0}, {deaf ? -1 : mbx_get_fd(), POLLIN, 0}};
@@ -138,14 +115,15 @@ int main(int argc, char **argv)
     const std::string kind = argc > 1 ? argv[1] : "";
     if (mbx_init(5, 0, 0, 0, 0) != 0 || mbx_create_mailbox(nullptr, 0) == MBX_NO_MAILBOX)
         return 1;
-    const int located = locate();
+    server = mbx_locate("tesk-server");
+    const int located = server == MBX_NO_MAILBOX ? errno : 0;
+    if (located == 0)
+        mbx_monitor(server, nullptr);
     tell_test(static_cast<uint32_t>(located));
     if (located == 0 && kind == "load")
         load();
     if (located == 0 && (kind == "flood" || kind == "crave"))
         flood(kind == "flood" ? unknown_number : uint32_t{TESK_GET_CAPABILITIES_REQ});
-    if (located == 0 && kind == "torrent")
-        torrent();
     obey(kind == "deaf");
     mbx_exit();
     return 0;
