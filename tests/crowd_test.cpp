@@ -253,7 +253,7 @@ TEST_F(crowd, a_stranger_harms_nobody)
         {"forges the exit signal", [](stranger &s) { s.greet(), s.send({TESK_EXIT_SIGNAL}); }},
         {"forges a death", [](stranger &s) { s.greet(), s.send({monitor_signal}); }},
     };
-    rig::server server(traced("1"));
+    rig::server server;
     client witness;
     const size_t descriptors = rig::descriptors_of(server.pid);
     {
