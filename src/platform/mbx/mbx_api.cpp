@@ -66,7 +66,7 @@ void make_room_for_descriptors()
 }
 
 /* A fork is made while nobody is inside, and the child drops what it has a copy of. */
-void before_fork()
+void before_fork() /* in the order of the locks */
 {
     helper_lock.lock();
     registry_lock.lock();
@@ -128,6 +128,7 @@ void end_lingering()
     });
 }
 
+/* The helper has ended, so this thread hands on what is left, as long as the time lasts. */
 void linger()
 {
     const time_point deadline = std::chrono::steady_clock::now() + linger_time;
@@ -142,6 +143,8 @@ void linger()
     end_lingering();
 }
 
+/* A server answers from its helper, so that a busy one is located as fast as an idle one; the limit
+   is for one that is stopped or drowned. */
 time_point locate_deadline()
 {
     const char *set = secure_getenv("MBX_LOCATE_MS");
@@ -149,7 +152,8 @@ time_point locate_deadline()
     return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms > 0 ? ms : locate_ms);
 }
 
-/* Waits for the answer to our greeting. */
+/* Waits for the answer to our greeting. The connection itself has no time-out for reading, because
+   a closed one is readable as well. */
 std::optional<greeting> await_greeting(int control, time_point deadline)
 {
     pollfd wanted{control, POLLIN, 0};
@@ -181,7 +185,7 @@ uint32_t settle(mailbox &m, uint32_t id, owned_fd control, owned_fd rx, greeting
     return c ? c->id : MBX_NO_MAILBOX;
 }
 
-enum class attempt { done, again, failed };
+enum class attempt { done, again, failed }; /* failed: errno tells why */
 
 attempt try_to_locate(mailbox &m, uint32_t id, const char *name, time_point deadline, uint32_t &out)
 {
@@ -231,6 +235,7 @@ block *take_over(mbx_signal **signal)
     return block_of(std::exchange(*signal, nullptr));
 }
 
+/* A mailbox of the same process has no connection to watch: it tells its watchers when it goes. */
 uint32_t monitor_local(mailbox &target, uint32_t id, uint32_t watcher, block *notice)
 {
     const uint32_t reference = next_connection_id();

@@ -32,6 +32,7 @@ std::atomic<uint32_t> last_connection_id{first_connection_id};
 
 enum class outcome { sent, full, broken };
 
+/* Memory that the kernel is short of counts as a receiver that is full: it is tried again. */
 outcome try_send(connection &c, block *b)
 {
     if (send(c.tx.get(), b->signal(), b->size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
@@ -50,7 +51,8 @@ block *unqueue(connection &c)
     return b;
 }
 
-/* Ends the connection when it has no room. */
+/* The first signal that waits wakes the helper's interest. Ends the connection when the queue is
+   past its bound, or when nobody would ever hand it on. */
 void enqueue(mailbox &m, connection &c, block *b)
 {
     const size_t cost = block_cost(b);
@@ -63,7 +65,8 @@ void enqueue(mailbox &m, connection &c, block *b)
         end_connection(m, c);
 }
 
-/* Ends the connection with the longest queue of the process until all of them fit. */
+/* Ends the connection with the longest queue of the process until all of them fit. Called without
+   the sender's lock, because the longest queue may be another mailbox's. */
 void shed_queues()
 {
     while (queued_in_all > queued_in_all_at_most) {
@@ -83,9 +86,8 @@ void shed_queues()
         if (!owner)
             return;
         std::lock_guard hold(owner->lock);
-        const auto found = owner->connections.find(longest);
-        if (found != owner->connections.end())
-            end_connection(*owner, found->second);
+        if (connection *c = find_connection(*owner, longest))
+            end_connection(*owner, *c);
     }
 }
 
@@ -106,12 +108,6 @@ void release_descriptors(connection &c)
     c.rx.reset();
 }
 
-connection *find_connection(mailbox &m, uint32_t id)
-{
-    const auto found = m.connections.find(id);
-    return found == m.connections.end() ? nullptr : &found->second;
-}
-
 block *find_monitor(block_queue &monitors, uint32_t reference)
 {
     block *b = monitors.head;
@@ -122,6 +118,7 @@ block *find_monitor(block_queue &monitors, uint32_t reference)
 
 } // namespace
 
+/* Counts up, so that an id comes back after two thousand million connections at the earliest. */
 uint32_t next_connection_id()
 {
     uint32_t id;
@@ -131,6 +128,7 @@ uint32_t next_connection_id()
     return id;
 }
 
+/* Without a pidfd, which an old kernel may not have, the control connection does alone. */
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
                            const mailbox_token &peer)
 {
@@ -160,6 +158,14 @@ connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd t
     return nullptr;
 }
 
+connection *find_connection(mailbox &m, uint32_t id)
+{
+    const auto found = m.connections.find(id);
+    return found == m.connections.end() ? nullptr : &found->second;
+}
+
+/* A token alone proves nothing, because those who were told it could repeat it: the process, which
+   the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process)
 {
     for (auto &[id, c] : m.connections)

@@ -84,7 +84,8 @@ bool control_epoll(int operation, int fd, uint32_t what, subject s)
     return epoll_ctl(helper_poll, operation, fd, &event) == 0;
 }
 
-/* With the mailbox's lock held. Answers a greeting; what is not kept is closed on return. */
+/* With the mailbox's lock held. Answers a greeting; what is not kept is closed on return. The
+   connection stands before the answer goes out, so that the first signal finds it. */
 void answer(mailbox &m, owned_fd control, greeting hello)
 {
     const int answer_to = control.get();
@@ -117,6 +118,8 @@ bool try_greeting(newcomer &n)
     return true;
 }
 
+/* A client greets as soon as it is connected, so that mostly the greeting is there already and the
+   connection never counts among those that are silent. */
 void handle_newcomer(helper &h, owned_fd control, uint32_t mailbox_id)
 {
     const pid_t process = peer_process(control.get());
@@ -147,6 +150,7 @@ void handle_greeting(helper &h, uint32_t number)
         remove_newcomer(h, n);
 }
 
+/* The wait for the next try is short enough for a client and long enough not to count. */
 void rest_listener(helper &h, int listener, uint32_t mailbox_id)
 {
     control_epoll(EPOLL_CTL_MOD, listener, 0,
@@ -200,13 +204,13 @@ void handle_connection(subject s)
     if (!m)
         return;
     std::lock_guard hold(m->lock);
-    const auto found = m->connections.find(s.id);
-    if (found == m->connections.end() || !found->second.alive())
+    connection *c = find_connection(*m, s.id);
+    if (!c || !c->alive())
         return;
     if (s.kind == watch_kind::control)
-        end_connection(*m, found->second);
+        end_connection(*m, *c);
     else
-        flush_connection(*m, found->second, flushes_at_once);
+        flush_connection(*m, *c, flushes_at_once);
 }
 
 /* Returns false when the thread is to end. */
@@ -239,6 +243,7 @@ void handle_time(helper &h)
         wake_listeners(h);
 }
 
+/* Until the next deadline; without one the thread sleeps until something happens. */
 int time_to_wait(const helper &h)
 {
     int wait = -1;

@@ -148,6 +148,8 @@ void queue_ahead(mailbox &m, connection &c, block *b);
 /* Makes a connection from its parts, and puts rx into the mailbox's epoll. Null with errno. */
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
                            const mailbox_token &peer);
+/* The connection that is called so, be it alive or dead, or null. */
+connection *find_connection(mailbox &m, uint32_t id);
 /* The living connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process);
 /* Closes it. What the kernel has taken is kept for the owner, then come the monitors' notices. The
