@@ -36,6 +36,8 @@ directory::directory()
     path = mkdtemp(name);
     setenv("MBX_DIR", (path + "/mbx").c_str(), 1);
     setenv("DOLM_RIC_SOCKET", (path + "/board.sock").c_str(), 1);
+    /* A machine that is busy with other things is no reason to give up. */
+    setenv("MBX_LOCATE_MS", "20000", 1);
 }
 
 directory::~directory()
@@ -83,9 +85,12 @@ server::server(const std::vector<std::string> &environment, const std::vector<st
     : pid(start(program, environment))
 {
     const auto until = std::chrono::steady_clock::now() + deadline;
-    while (puppet().located != 0)
+    /* The mailbox is there before the board is. */
+    int board_fd = -1;
+    while (puppet().located != 0 || (board_fd = connect_to(getenv("DOLM_RIC_SOCKET"))) == -1)
         if (std::chrono::steady_clock::now() > until)
             throw std::runtime_error("the server does not come up");
+    close(board_fd);
     board("wait calls waitevent 1");
 }
 
