@@ -3,7 +3,7 @@
 # The packages by what needs them. Everything comes from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
                 libfmt-dev nlohmann-json3-dev)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps)
+packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr)
 
 say() {

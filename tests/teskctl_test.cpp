@@ -237,7 +237,7 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
 TEST_F(teskctl_system, the_examples_work)
 {
     start_server();
-    EXPECT_EQ(run("capabilities; " TESK_BIN_DIR "/example_client 0 1"), 0);
+    EXPECT_EQ(run("capabilities; " TESK_BIN_DIR "/example_client 0 2"), 0);
     EXPECT_NE(output.find("port 0: link operational"), std::string::npos) << output;
     EXPECT_EQ(run("capabilities; " TESK_BIN_DIR "/example_client_cpp 0 900"), 0);
     EXPECT_NE(output.find("port 0: 41.5 degrees"), std::string::npos) << output;

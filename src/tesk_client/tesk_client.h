@@ -235,8 +235,9 @@ bool tesk_client_connected(const tesk_client_session *session);
    included. It stays the same for the life of the session and belongs to it. */
 int tesk_client_fd(const tesk_client_session *session);
 
-/* Does what is to be done, without waiting, and calls the callbacks. TESK_CLIENT_LOST when the
-   server has gone and the session doesn't look for it again: the descriptor then says nothing more.
+/* Does what is to be done and calls the callbacks. Waits for nothing, but for libmbx where a
+   session that reconnects looks for a server that is there and doesn't move. TESK_CLIENT_LOST when
+   the server has gone and the session doesn't look for it: the descriptor then says nothing more.
  */
 tesk_client_result tesk_client_dispatch(tesk_client_session *session);
 

@@ -130,12 +130,12 @@ outcome tesk_client_session::begin_connection()
     }
     server_ = mbx_locate(TESK_SERVER_NAME);
     if (server_ == MBX_NO_MAILBOX) {
-        const outcome failed = locate_failure(errno);
+        outcome failed = locate_failure(errno);
         end_connection();
         return failed;
     }
     if (watch(epoll_.get(), mbx_get_fd()) != 0) {
-        const outcome failed = failure(TESK_CLIENT_FAILED, system_text("epoll_ctl", errno));
+        outcome failed = failure(TESK_CLIENT_FAILED, system_text("epoll_ctl", errno));
         end_connection();
         return failed;
     }

@@ -40,7 +40,7 @@ struct request_row {
     uint32_t req;
     uint32_t cfm;
     uint32_t rej; /* 0: it can't be rejected */
-    size_t size;
+    uint32_t size;
     bool has_port;
     bool has_reference; /* false for the shell protocol, whose answers come in order */
 };

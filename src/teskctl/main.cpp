@@ -13,8 +13,8 @@ namespace
 
 constexpr char footer[] =
     "PORTS are lists like 0-3,7; several may be given.\n"
-    "Exit codes: 0 done, 1 rejected by the server, 2 wrong usage, 3 no server or no access, 4 no "
-    "answer in time, 5 output could not be written.";
+    "Exit codes: 0 done, 1 rejected by the server, 2 wrong usage,\n"
+    "3 no server or no access, 4 no answer in time, 5 output could not be written.";
 
 using ports_text = std::vector<std::string>;
 
@@ -37,7 +37,7 @@ class command_line
         app_.add_flag("--json", settings_.json, "Write one JSON object a line");
         app_.add_option("--timeout", timeout_, "Wait so long for each answer")
             ->type_name("SECONDS")
-            ->check(CLI::Range(0.001, 86400.0))
+            ->check(CLI::Range(0.001, 86400.0).description(""))
             ->capture_default_str();
         add_reading_commands();
         add_following_commands();
@@ -131,7 +131,7 @@ class command_line
     {
         return command->add_option(name, value, help)
             ->type_name("SECONDS")
-            ->check(CLI::Range(0.001, 1e6));
+            ->check(CLI::Range(0.001, 1e6).description(""));
     }
 
     CLI::App app_{"Talks to tesk-server: what is in its ports, how they are, what they measure."};

@@ -115,7 +115,7 @@ exit_code run_pm(const settings &settings, const std::vector<uint32_t> &ports)
                         write(pm_block(*answer.pm));
                     }
                 });
-    return code;
+    return loop.signal() == 0 ? code : exit_no_answer;
 }
 
 exit_code run_first_indication(const settings &settings, tesk_client_kind kind,

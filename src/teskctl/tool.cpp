@@ -146,10 +146,10 @@ void session::request(tesk_client_request_type type, uint32_t port_no, answered 
     if (result != TESK_CLIENT_OK) {
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
     }
-    owned.release();
+    static_cast<void>(owned.release()); /* the callback has it now */
 }
 
-event_loop::event_loop(std::vector<int> signals)
+event_loop::event_loop(const std::vector<int> &signals)
 {
     sigset_t set;
     sigemptyset(&set);
@@ -199,6 +199,7 @@ std::vector<port_request> requests_for(tesk_client_request_type type,
                                        const std::vector<uint32_t> &ports)
 {
     std::vector<port_request> requests;
+    requests.reserve(ports.size());
     for (const uint32_t port : ports) {
         requests.push_back({type, port});
     }

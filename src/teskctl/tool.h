@@ -95,7 +95,7 @@ class event_loop
   public:
     enum class wake { session, signal, key, time };
 
-    explicit event_loop(std::vector<int> signals = {SIGINT, SIGTERM, SIGHUP});
+    explicit event_loop(const std::vector<int> &signals = {SIGINT, SIGTERM, SIGHUP});
     ~event_loop();
     event_loop(const event_loop &) = delete;
     event_loop &operator=(const event_loop &) = delete;

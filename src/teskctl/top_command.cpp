@@ -67,9 +67,9 @@ class top
     {
         const std::string time = clock_time(now_us()).substr(0, 8);
         if (event.type == TESK_CLIENT_EVENT_LOST) {
-            state_ = fmt::format("tesk-server went away at {}; waiting for it", time);
+            state_ = fmt::format("away since {}, waiting for it", time);
         } else if (event.type == TESK_CLIENT_EVENT_RESTORED) {
-            state_ = fmt::format("tesk-server came back at {}", time);
+            state_ = fmt::format("back since {}", time);
         }
         if (!on_screen()) {
             report_.heard(event);

@@ -237,11 +237,11 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
     const size_t taken = width_before_event();
     const bool beside = width >= taken + narrowest_event;
     std::vector<std::string> page;
-    page.push_back(paint(fit(fmt::format("tesk-server  {}  {} ports",
-                                         clock_time(now_us()).substr(0, 8), ports_.size()),
-                             std::min<size_t>(width, 36)),
-                         tint::bold, coloured) +
-                   paint(state, tint::red, coloured));
+    const std::string title = fmt::format("tesk-server  {}  {} ports  ",
+                                          clock_time(now_us()).substr(0, 8), ports_.size());
+    const size_t rest = width - std::min(width, title.size());
+    page.push_back(paint(fit(title, std::min(width, title.size())), tint::bold, coloured) +
+                   paint(fit(state, rest), tint::yellow, coloured));
     page.push_back(
         paint(fit(header_line() + (beside ? "LAST EVENT" : ""), width), tint::bold, coloured));
     size_t left = ports_.size();

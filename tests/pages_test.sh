@@ -1,0 +1,150 @@
+#!/usr/bin/env bash
+# Does what the pages say: pages_test.sh BUILD_DIR PAGE..
+#
+# A block "console" of a page is a session: each line that begins with "$ " is a command, the lines
+# under it are what it writes. All such blocks of a page are one session in one shell, in a private
+# folder, with a server of their own unless the page starts one. A command must end with status 0,
+# or the next one is "echo $?". What it writes must have the shape that is shown: a number stands
+# for any number, blanks for any blanks, a line "..." for any lines; "console exactly" takes numbers
+# as they are. What a command with & writes is shown under the command at which it comes, in any
+# order. Of a man page the EXAMPLES are run and their status is looked at. A block "c FILE" is that
+# file. The commands of a block "sh" can't be run here: each must be one of the excused.
+set -u
+
+declare -A excused=(
+    [./test]="runs all tests, this one among them" [cmake]="builds the tree"
+    [./bench]="takes long" [./soak]="takes long" [./fuzz]="takes long"
+    [scripts/build-packages]="builds the tree" [gdb]="wants a terminal"
+    [apt]="changes the machine" [apt-get]="changes the machine" [sudo]="changes the machine"
+    [systemctl]="needs the installed service" [journalctl]="needs the installed service"
+    [scripts/trace-session]="run by zel_test, with a session daemon"
+    [lttng]="as scripts/trace-session does" [babeltrace2]="as scripts/trace-session does"
+)
+
+shape() {
+    sed -E 's/[[:space:]]+/ /g; s/^ //; s/ $//' |
+        if [ "$mode" = exactly ]; then cat; else sed -E 's/-?[0-9]+([.:][0-9]+)*/N/g'; fi
+}
+
+# As a glob pattern.
+pattern() {
+    shape | sed 's/[][\\*?]/\\&/g; s/^\.\.\.$/*/'
+}
+
+fail() {
+    printf '%s:%s: %s\n' "$page" "$line_number" "$*" >&2
+    exit 1
+}
+
+wait_for() {
+    local deadline=$((SECONDS + 20))
+    until "$@" >/dev/null 2>&1; do
+        [ $SECONDS -lt $deadline ] || return 1
+        sleep 0.05
+    done
+}
+
+written() {
+    tail -c "+$((seen + 1))" "$log"
+}
+
+has_written() {
+    [ -n "$(written)" ]
+}
+
+as_shown() {
+    local actual shown
+    actual=$(written | shape) shown=$(pattern <<<"$expected")
+    # shellcheck disable=SC2053 # a pattern
+    [[ $actual == $shown ]] && return
+    # shellcheck disable=SC2053
+    [ -n "$jobs" ] && [[ $(sort <<<"$actual") == $(sort <<<"$shown") ]]
+}
+
+# Ends a command that would go on, as Ctrl-C does, once it has written something.
+interrupted() {
+    eval "$1 &"
+    wait_for has_written || return 1
+    kill -INT $!
+    wait $!
+}
+
+run() {
+    [ -n "$command" ] || return 0
+    local mode=$mode
+    [ "$command" = 'echo $?' ] && mode=exactly
+    [ "$status" = 0 ] || [ "$command" = 'echo $?' ] || fail "status $status of what stands before"
+    if [[ $command =~ ^teskctl.*\ (watch|top|ping)\  && ! $command =~ \ (--for|--count|-c)\  ]]; then
+        interrupted "$command" >>"$log" 2>&1 </dev/null
+    else
+        [[ $command == *'&' ]] && jobs=yes
+        eval "(exit $status); $command" >>"$log" 2>&1 </dev/null
+    fi
+    status=$?
+    [[ $command == *tesk-server*'&' ]] && { wait_for teskboard ports || fail "no server"; }
+    wait_for as_shown || fail "$command
+-- shown:
+$expected
+-- written, with status $status:
+$(written)"
+    seen=$(stat -c %s "$log")
+    command=''
+}
+
+as_markdown() {
+    case $page in
+    *.md) cat "$page" ;;
+    *)
+        echo '```console'
+        sed -n '/^\.SH EXAMPLES/,/^\.SH [^E]/p' "$page" | sed -n '/^\.nf/,/^\.fi/p' |
+            sed -E '/^\./d; s/^ +//; s/\\-/-/g; s/\\\(aq/'"'"'/g; s/\\\(dq/"/g; s/\\e/\\/g; s/^.+$/$ &\n.../'
+        echo '```'
+        ;;
+    esac
+}
+
+check_page() {
+    local line word block='' mode='' command='' expected='' jobs='' status=0 seen=0 line_number=0
+    while IFS= read -r line; do
+        line_number=$((line_number + 1))
+        case $block:$line in
+        :'```'*) read -r block mode <<<"${line#'```'}" ;;
+        console:'```' | console:'$ '*)
+            run
+            [ "$line" = '```' ] && block='' || command=${line#'$ '} expected=''
+            ;;
+        *:'```') block='' ;;
+        console:*) expected+=${expected:+$'\n'}$line ;;
+        c:*) [ -z "$mode" ] || printf '%s\n' "$line" >>"$mode" ;;
+        sh:[!\#\ ]*)
+            read -r word _ <<<"${line#ZEL_GROUPS=all }"
+            [ -n "${excused[$word]-}" ] || fail "neither run nor excused: $word"
+            ;;
+        esac
+    done < <(as_markdown)
+    [ "$status" = 0 ] || fail "status $status of the last command"
+}
+
+source=$(realpath "$(dirname "$0")/..")
+build=$(realpath "$1")
+shift
+for page in "$@"; do
+    (
+        page=$source/$page
+        place=$(mktemp -d)
+        trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$place"' EXIT
+        log=$place/log
+        mkdir -p "$place/here/build" "$place/bin"
+        cd "$place/here" || exit 1
+        ln -s "$source"/{run,scripts,examples,src,docs} .
+        ln -s "$build" build/release
+        : >"$log"
+        ln -s /bin/true "$place/bin/cmake" # what ./run would build is built
+        export MBX_DIR=$place/mbx DOLM_RIC_SOCKET=$place/board.sock PATH=$place/bin:$build/bin:$PATH
+        if ! grep -q '^\$ .*tesk-server.*&$' "$page"; then
+            tesk-server &
+            wait_for teskboard ports || exit 1
+        fi
+        check_page
+    ) || exit 1
+done
