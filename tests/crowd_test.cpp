@@ -449,8 +449,8 @@ TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
             if (read_from(task.path() / "comm", 0) == "tesk-s-dolm-e\n")
                 threads.push_back(std::stoi(task.path().filename()));
         ASSERT_EQ(threads.size(), 2u);
-        for (int index = 0; index < 20; index++)
-            syscall(SYS_tgkill, server.pid, threads[index % 2u], index % 4 < 2 ? SIGTERM : SIGINT);
+        for (size_t index = 0; index < 20; index++)
+            syscall(SYS_tgkill, server.pid, threads[index % 2], index % 4 < 2 ? SIGTERM : SIGINT);
         EXPECT_EQ(rig::wait_for_end(server.pid), 0);
         server.pid = -1;
         rig::await_line(traces, "TESK server terminated", seen);
@@ -503,7 +503,7 @@ TEST_F(crowd, who_is_not_in_the_group_is_kept_out)
     rig::server server(traced("4"));
     client witness;
     chown((names + "/tesk-server").c_str(), 0, group);
-    for (const mode_t mode : {02750, 02755}) {
+    for (const mode_t mode : {02750u, 02755u}) {
         chmod(names.c_str(), mode);
         EXPECT_EQ(rig::puppet("", as(group, "puppet")).located, 0);
         EXPECT_EQ(rig::puppet("", as(user, "puppet")).located, EACCES);
