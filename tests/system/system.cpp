@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/inotify.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -21,7 +22,7 @@
 namespace rig
 {
 
-static void await(int fd, const char *what)
+void await(int fd, const char *what)
 {
     pollfd ready = {fd, POLLIN, 0};
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(deadline).count();
@@ -35,6 +36,8 @@ directory::directory()
     path = mkdtemp(name);
     setenv("MBX_DIR", (path + "/mbx").c_str(), 1);
     setenv("DOLM_RIC_SOCKET", (path + "/board.sock").c_str(), 1);
+    /* A machine that is busy with other things is no reason to give up. */
+    setenv("MBX_LOCATE_MS", "20000", 1);
 }
 
 directory::~directory()
@@ -53,6 +56,8 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     const pid_t child = fork();
     if (child != 0)
         return child;
+    /* Nothing outlives the test, whichever way it ends. */
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (const std::string &setting : environment)
         putenv(const_cast<char *>(setting.c_str()));
     if (kept != -1)
@@ -76,13 +81,16 @@ int wait_for_end(pid_t process)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-server::server(const std::vector<std::string> &environment)
-    : pid(start({TESK_BIN_DIR "/tesk-server"}, environment))
+server::server(const std::vector<std::string> &environment, const std::vector<std::string> &program)
+    : pid(start(program, environment))
 {
     const auto until = std::chrono::steady_clock::now() + deadline;
-    while (puppet().located != 0)
+    /* The mailbox is there before the board is. */
+    int board_fd = -1;
+    while (puppet().located != 0 || (board_fd = connect_to(getenv("DOLM_RIC_SOCKET"))) == -1)
         if (std::chrono::steady_clock::now() > until)
             throw std::runtime_error("the server does not come up");
+    close(board_fd);
     board("wait calls waitevent 1");
 }
 
@@ -100,6 +108,44 @@ int server::stop()
     const int status = wait_for_end(pid);
     pid = -1;
     return status;
+}
+
+long status_of(pid_t process, const std::string &line)
+{
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string read; std::getline(status, read);)
+        if (read.starts_with(line + ":"))
+            return std::stol(read.substr(line.size() + 1));
+    throw std::runtime_error("no " + line + " in the status of the process");
+}
+
+size_t descriptors_of(pid_t process)
+{
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(process) + "/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+long processor_ms(pid_t process)
+{
+    clockid_t clock;
+    timespec used = {};
+    clock_getcpuclockid(process, &clock);
+    clock_gettime(clock, &used);
+    return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+}
+
+int connect_to(const std::string &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0)
+        return fd;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
 }
 
 void await_line(const std::string &file, const std::string &text, size_t &from)
@@ -127,11 +173,8 @@ void await_line(const std::string &file, const std::string &text, size_t &from)
 std::map<std::string, std::string> board(const std::string &request)
 {
     static char packet[65536];
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, getenv("DOLM_RIC_SOCKET"), sizeof(address.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+    const int fd = connect_to(getenv("DOLM_RIC_SOCKET"));
+    if (fd == -1)
         throw std::runtime_error("no board");
     ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
     await(fd, "answer of the board");
@@ -174,13 +217,14 @@ std::string message::text(size_t offset) const
     return reinterpret_cast<const char *>(bytes.data() + offset);
 }
 
-puppet::puppet(const char *argument)
+puppet::puppet(const std::string &argument, std::vector<std::string> program)
 {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
         throw std::runtime_error("no socket pair");
     socket = pair[0];
-    pid = start({TESK_BIN_DIR "/puppet", argument}, {}, pair[1]);
+    program.push_back(argument);
+    pid = start(program, {}, pair[1]);
     close(pair[1]);
     located = static_cast<int>(receive().host_word(0));
 }

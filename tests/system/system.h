@@ -16,6 +16,13 @@ namespace rig
 
 inline constexpr std::chrono::seconds deadline{20};
 
+/* What the tests ask of a program that is slowed down: less. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+
 /* A directory of its own, gone with it, and the environment that makes all our programs use it. */
 struct directory {
     directory();
@@ -36,7 +43,8 @@ int wait_for_end(pid_t process);
 class server
 {
   public:
-    explicit server(const std::vector<std::string> &environment = {});
+    explicit server(const std::vector<std::string> &environment = {},
+                    const std::vector<std::string> &program = {TESK_BIN_DIR "/tesk-server"});
     ~server();
     server(const server &) = delete;
     server &operator=(const server &) = delete;
@@ -44,6 +52,18 @@ class server
     int stop();
     pid_t pid = -1;
 };
+
+/* What /proc tells of a process: a line of its status such as "VmRSS", in its unit; how many
+   descriptors are open; the milliseconds of processor time that it has had. */
+long status_of(pid_t process, const std::string &line);
+size_t descriptors_of(pid_t process);
+long processor_ms(pid_t process);
+
+/* Connects to a listening SEQPACKET socket; -1 with errno. */
+int connect_to(const std::string &path);
+
+/* Throws unless it is readable, or has ended, before the deadline. */
+void await(int fd, const char *what);
 
 /* Returns when a line of a growing file holds the text; `from` moves behind that line. */
 void await_line(const std::string &file, const std::string &text, size_t &from);
@@ -63,7 +83,8 @@ struct message {
 class puppet
 {
   public:
-    explicit puppet(const char *argument = "");
+    explicit puppet(const std::string &argument = "",
+                    std::vector<std::string> program = {TESK_BIN_DIR "/puppet"});
     ~puppet();
     puppet(const puppet &) = delete;
     puppet &operator=(const puppet &) = delete;

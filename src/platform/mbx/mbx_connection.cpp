@@ -132,6 +132,7 @@ uint32_t next_connection_id()
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
                            const mailbox_token &peer)
 {
+    make_room_for_turns(m);
     uint32_t id = next_connection_id();
     while (m.connections.contains(id))
         id = next_connection_id();

@@ -72,6 +72,7 @@ bool add_source(mailbox &m, int fd, uint32_t source)
 
 bool open_events(mailbox &m)
 {
+    make_room_for_turns(m);
     m.poll = owned_fd(epoll_create1(EPOLL_CLOEXEC));
     m.local_event = owned_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE));
     m.memory_event = owned_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -101,7 +102,8 @@ void give_signals(mailbox &m)
     m.set_aside.give_all();
     m.ahead.clear();
     m.in_memory = 0;
-    m.turn_next = m.turn_end = 0;
+    m.turns.clear();
+    m.turn_next = 0;
     m.buffers.reset();
 }
 

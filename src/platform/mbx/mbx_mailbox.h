@@ -9,12 +9,13 @@
 #include "mbx_name.h"
 #include "mbx_socket.h"
 
-#include <array>
 #include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <sys/epoll.h>
 #include <unordered_map>
+#include <vector>
 
 /* A connection to another mailbox. It has descriptors while it lives. A dead one stays while
    signals that were read from it wait for the owner. */
@@ -32,6 +33,7 @@ struct connection {
     block_queue ahead; /* what was read and not yet received */
     block_queue monitors;
     uint64_t served = 0; /* when the owner took a signal last */
+    uint64_t look = 0;   /* which look at the sources gave it a turn last */
     uint32_t batch = 1;  /* how many signals to read at once */
     uint32_t calm = 0;   /* receptions until the next try to read more than one */
 
@@ -56,7 +58,6 @@ struct turn {
     uint64_t served;
     uint32_t source;
 };
-constexpr size_t turns_at_most = 64;
 
 struct mailbox {
     /* 0 when deleted. */
@@ -82,9 +83,10 @@ struct mailbox {
     block_queue set_aside; /* passed over by a filter */
     size_t in_memory = 0;  /* signals set aside or read ahead */
     std::deque<uint32_t> ahead;
-    std::array<turn, turns_at_most> turns;
+    std::vector<epoll_event> ready; /* room for all that one look can find */
+    std::vector<turn> turns;        /* what it found */
     size_t turn_next = 0;
-    size_t turn_end = 0;
+    uint64_t looks = 0;
     uint64_t clock = 0; /* counts receptions */
     uint64_t local_served = 0;
     uint32_t favourite = 0; /* the connection that had the last turn */
@@ -129,6 +131,8 @@ void forget_mailbox(mailbox &m);
 void push_local(uint32_t receiver, block *b, uint32_t sender);
 
 /* mbx_receive.cpp */
+/* With the lock held, before a connection is added: room for a look that finds them all. */
+void make_room_for_turns(mailbox &m);
 mbx_signal *receive_signal(mailbox &m, uint32_t id, const uint32_t *filter, int timeout_ms,
                            uint32_t sender);
 /* With the mailbox's lock held: counts signals into memory and out of it, and keeps memory_event

@@ -2,9 +2,9 @@
 
    The mailbox's descriptor is an epoll over all that signals come from: a semaphore for what is
    sent within the process, the receiving end of every connection, and an event that is up while
-   signals wait in memory. When nobody's turn is left, one look at the epoll finds who is ready; the
-   ones that have waited longest come first, and each gives one signal. So between a signal's
-   arrival and its reception every other source is served once at most.
+   signals wait in memory. When nobody's turn is left, one look at the epoll finds all that are
+   ready, however many; the ones that have waited longest come first, and each gives one signal. So
+   between a signal's arrival and its reception every other source is served once at most.
 
    The look costs as much as a signal. It is spared where there is nobody to be fair to: while one
    connection has been the only one to send for some seconds, a few of its signals are taken before
@@ -31,10 +31,9 @@ namespace
 constexpr uint32_t batch_at_most = 16;     /* signals that are read at once */
 constexpr uint32_t calm_at_most = 64;      /* between two tries to read several */
 constexpr size_t in_memory_at_most = 1024; /* no reading ahead beyond */
-constexpr int events_at_most = 32;
-constexpr uint32_t unlooked_at_most = 7; /* signals of one who is alone */
+constexpr int events_at_most = 32;         /* after a wait, which is for the first one */
+constexpr uint32_t unlooked_at_most = 7;   /* signals of one who is alone */
 constexpr auto rivalry_lasts = std::chrono::seconds(10);
-static_assert(events_at_most <= turns_at_most);
 
 } // namespace
 
@@ -180,15 +179,12 @@ block *take_from_connection(mailbox &m, uint32_t id)
 /* A connection may be reported twice: it has something in the kernel and something ahead. */
 void add_turn(mailbox &m, uint32_t source)
 {
-    const connection *c = source == source_local ? nullptr : find_connection(m, source);
-    if (source != source_local && !c)
+    connection *c = source == source_local ? nullptr : find_connection(m, source);
+    if (source != source_local && (!c || c->look == m.looks))
         return;
-    const auto begin = m.turns.begin();
-    const auto end = begin + static_cast<ptrdiff_t>(m.turn_end);
-    if (m.turn_end == turns_at_most ||
-        std::any_of(begin, end, [&](const turn &t) { return t.source == source; }))
-        return;
-    m.turns[m.turn_end++] = {c ? c->served : m.local_served, source};
+    if (c)
+        c->look = m.looks;
+    m.turns.push_back({c ? c->served : m.local_served, source});
 }
 
 /* Whether nobody but this connection has sent for a while. Then it may be served a few times
@@ -198,7 +194,7 @@ bool is_alone(mailbox &m, uint32_t source)
     if (source == source_local)
         return false;
     const time_point now = coarse_now();
-    if (m.turn_end > 1 || source != m.favourite)
+    if (m.turns.size() > 1 || source != m.favourite)
         m.rivalry = now;
     m.favourite = source;
     return m.connections.size() == 1 || now - m.rivalry > rivalry_lasts;
@@ -207,7 +203,9 @@ bool is_alone(mailbox &m, uint32_t source)
 /* Gives turns to what the epoll reported, the one that was served longest ago first. */
 void give_turns(mailbox &m, const epoll_event *events, int count)
 {
-    m.turn_next = m.turn_end = 0;
+    m.turn_next = 0;
+    m.turns.clear();
+    m.looks++;
     bool memory = false;
     for (int i = 0; i < count; i++) {
         if (events[i].data.u32 == source_memory)
@@ -215,34 +213,32 @@ void give_turns(mailbox &m, const epoll_event *events, int count)
         else
             add_turn(m, events[i].data.u32);
     }
-    if (memory) {
-        const size_t enough = std::min<size_t>(m.ahead.size(), turns_at_most);
-        for (size_t i = 0; i < enough; i++)
-            add_turn(m, m.ahead[i]);
-    }
-    if (m.turn_end > 1)
-        std::sort(m.turns.begin(), m.turns.begin() + static_cast<ptrdiff_t>(m.turn_end),
+    if (memory)
+        for (const uint32_t id : m.ahead)
+            add_turn(m, id);
+    if (m.turns.size() > 1)
+        std::sort(m.turns.begin(), m.turns.end(),
                   [](const turn &a, const turn &b) { return a.served < b.served; });
-    m.credit = m.turn_end > 0 && is_alone(m, m.turns[0].source) ? unlooked_at_most : 0;
+    m.credit = !m.turns.empty() && is_alone(m, m.turns[0].source) ? unlooked_at_most : 0;
 }
 
 block *take_next(mailbox &m)
 {
-    if (m.turn_next == m.turn_end && m.credit > 0) {
+    if (m.turn_next == m.turns.size() && m.credit > 0) {
         m.credit--;
         if (block *b = take_from_connection(m, m.favourite))
             return b;
     }
     for (;;) {
-        while (m.turn_next < m.turn_end) {
+        while (m.turn_next < m.turns.size()) {
             const uint32_t source = m.turns[m.turn_next++].source;
             block *b = source == source_local ? take_local(m) : take_from_connection(m, source);
             if (b)
                 return b;
         }
-        epoll_event events[events_at_most];
-        give_turns(m, events, epoll_wait(m.poll.get(), events, events_at_most, 0));
-        if (m.turn_end == 0)
+        const int room = static_cast<int>(m.ready.size());
+        give_turns(m, m.ready.data(), epoll_wait(m.poll.get(), m.ready.data(), room, 0));
+        if (m.turns.empty())
             return nullptr;
     }
 }
@@ -281,6 +277,13 @@ block *take_matching(mailbox &m, const uint32_t *filter, uint32_t sender)
 }
 
 } // namespace
+
+void make_room_for_turns(mailbox &m)
+{
+    constexpr size_t no_connections = 2; /* what is sent within the process, and the memory */
+    m.ready.resize(m.connections.size() + 1 + no_connections);
+    m.turns.reserve(m.ready.capacity());
+}
 
 /* Both under the lock, so that the event is up exactly while the count is not 0 for everybody who
    can see the two. */

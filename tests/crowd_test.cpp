@@ -1,0 +1,520 @@
+/* Crowds, strangers and misbehaviour, in real processes: what they may cost and whom they may not
+   hold up. TESK_LONG=1 runs the counts that take minutes. */
+#include "system.h"
+
+#include "platform/mbx/mbx_socket.h"
+#include "tesk_signals.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <random>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using namespace std::chrono;
+
+static constexpr char executable[] = TESK_BIN_DIR "/tesk-server";
+static constexpr uint32_t monitor_signal = 0x1901001;
+static constexpr char lost_line[] = "ABN: client lost - remove its' data ";
+
+static int count_of(int usual, int in_long_runs)
+{
+    return getenv("TESK_LONG") != nullptr ? in_long_runs : usual;
+}
+
+static std::string read_from(const std::string &file, size_t position)
+{
+    std::ifstream stream(file);
+    stream.seekg(static_cast<std::streamoff>(position));
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/* A connected client. */
+struct client : rig::puppet {
+    const uint32_t id = connect(7);
+    uint32_t next = 0;
+
+    bool is_answered()
+    {
+        const rig::message answer = ask(TESK_GET_CAPABILITIES_REQ, {++next, id});
+        return answer.number() == TESK_GET_CAPABILITIES_CFM && answer.word(4) == next;
+    }
+    /* To the modules; takes the first indication. */
+    void subscribe(uint32_t port)
+    {
+        const rig::message answer = ask(TESK_SUBSCRIBE_SFP_INFO_REQ, {1, id, port});
+        EXPECT_EQ(answer.number(), uint32_t{TESK_SUBSCRIBE_SFP_INFO_CFM});
+        receive();
+    }
+};
+
+/* Somebody who speaks to the server's socket without our library. */
+struct stranger {
+    owned_fd control{rig::connect_to(std::string(getenv("MBX_DIR")) + "/tesk-server")};
+    datagram_pair pair = make_datagram_pair();
+    owned_fd tx; /* what we send signals into, after the greeting */
+
+    void greet()
+    {
+        send_greeting(control.get(), greeting_kind::hello, make_token(), pair.tx.get());
+        rig::await(control.get(), "answer to the greeting");
+        tx = std::move(receive_greeting(control.get()).value().tx);
+    }
+    void send(std::vector<uint32_t> words)
+    {
+        for (size_t index = 1; index < words.size(); index++)
+            words[index] = htonl(words[index]);
+        ::send(tx.get(), words.data(), 4 * words.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    /* The third word of the next signal. */
+    uint32_t receive()
+    {
+        uint32_t words[128] = {};
+        rig::await(pair.rx.get(), "signal");
+        recv(pair.rx.get(), words, sizeof(words), 0);
+        return ntohl(words[2]);
+    }
+};
+
+class crowd : public testing::Test
+{
+  protected:
+    rig::directory directory;
+    const std::string traces = directory.path + "/traces";
+    const std::string names = directory.path + "/mbx";
+    size_t seen = 0;
+
+    std::vector<std::string> traced(const std::string &groups)
+    {
+        return {"ZEL_SINK=file:" + traces, "ZEL_GROUPS=" + groups, "ZEL_FILE_SIZE=4000000000"};
+    }
+
+    static void equip_ports()
+    {
+        rig::board("set 0-15 link=up inserted=yes ready=yes readable=yes connector=lc");
+    }
+
+    /* The board is as if nobody had ever subscribed, and there are no more descriptors than before
+       (fewer, when those who looked for the server were not forgotten yet). */
+    static void expect_nothing_left(const rig::server &server, size_t descriptors)
+    {
+        rig::board("wait unsubscribed 0-15 port");
+        rig::board("wait unsubscribed 0-15 link");
+        const auto until = steady_clock::now() + rig::deadline;
+        while (rig::descriptors_of(server.pid) > descriptors && steady_clock::now() < until)
+            usleep(10000);
+        EXPECT_LE(rig::descriptors_of(server.pid), descriptors);
+    }
+};
+
+TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
+{
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < 8192)
+        GTEST_SKIP() << "a thousand clients need a hard limit of 8192 descriptors (ulimit -Hn)";
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+
+    rig::server server({}, {"/bin/sh", "-c", "ulimit -Sn 1024; exec \"$0\"", executable});
+    const size_t descriptors = rig::descriptors_of(server.pid);
+    equip_ports();
+    std::vector<std::unique_ptr<rig::puppet>> all(rig::sanitized ? 100 : 1000);
+    for (auto &one : all)
+        one = std::make_unique<rig::puppet>();
+    for (auto &one : all)
+        one->send(TESK_CONN_ESTABLISH_REQ, {1, 1, 1, 1});
+    for (auto &one : all)
+        one->send(TESK_SUBSCRIBE_PORT_STATUS_REQ, {1, one->receive().word(8), 0, 0});
+    for (auto &one : all)
+        for (const uint32_t number : {TESK_SUBSCRIBE_PORT_STATUS_CFM, TESK_PORT_STATUS_IND})
+            EXPECT_EQ(one->receive().number(), number);
+    const long memory = rig::status_of(server.pid, "VmRSS");
+    const size_t used = rig::descriptors_of(server.pid);
+    rig::board("set 0 link=down");
+    for (auto &one : all)
+        EXPECT_EQ(one->receive().word(16), uint32_t{TESK_CONN_NOT_OPERATIONAL});
+    EXPECT_EQ(rig::board("board").at("subscribed_link"), "1");
+    for (auto &one : all)
+        kill(one->pid, SIGKILL);
+    all.clear();
+    expect_nothing_left(server, descriptors);
+    EXPECT_EQ(server.stop(), 0);
+    printf("%ld KiB resident and %zu descriptors with all clients\n", memory, used);
+}
+
+TEST_F(crowd, clients_that_die_anywhere_leave_nothing_behind)
+{
+    rig::server server;
+    const size_t descriptors = rig::descriptors_of(server.pid);
+    equip_ports();
+    std::mt19937 random{5};
+    const auto any_moment = [&] { usleep(static_cast<useconds_t>(random() % 3000)); };
+    std::unique_ptr<rig::puppet> alive[3];
+    client witness;
+    for (int life = count_of(200, 5000); life > 0; life--) {
+        if (random() % 4 == 0) { /* dies on its way in */
+            const pid_t early = rig::start({TESK_BIN_DIR "/puppet", "load"});
+            any_moment();
+            kill(early, SIGKILL);
+            waitpid(early, nullptr, 0);
+        } else {
+            auto &one = alive[random() % std::size(alive)];
+            one = std::make_unique<rig::puppet>("load");
+            ASSERT_EQ(one->located, 0);
+            if (random() % 4 != 0)
+                one->receive();
+            any_moment();
+        }
+        ASSERT_TRUE(witness.is_answered());
+    }
+    for (auto &one : alive)
+        one.reset();
+    witness.kill();
+    expect_nothing_left(server, descriptors);
+    EXPECT_EQ(server.stop(), 0);
+}
+
+/* One never reads and fills what may wait for him; another is stopped for as long, but has fewer
+   subscriptions; a third is told everything at once all the while. */
+TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
+{
+    rig::server server(traced("1,4"));
+    equip_ports();
+    rig::puppet deaf("deaf");
+    deaf.send(TESK_CONN_ESTABLISH_REQ, {1, 1, 1, 1});
+    for (uint32_t port = 0; port < 16; port++) {
+        deaf.send(TESK_SUBSCRIBE_SFP_INFO_REQ, {1, 0, port});
+        deaf.send(TESK_SUBSCRIBE_PORT_STATUS_REQ, {1, 0, port, 0});
+    }
+    rig::board("wait subscribed 15 link");
+    client stopped;
+    client other;
+    for (uint32_t port = 0; port < 16; port++)
+        for (client *one : {&stopped, &other})
+            one->subscribe(port);
+    const auto expect_flap = [](client &one, int count) {
+        for (int port = 0; port < 16; port++)
+            ASSERT_EQ(one.receive().word(16) != TESK_SFP_NOT_PRESENT, count % 2 == 1);
+    };
+    kill(stopped.pid, SIGSTOP);
+    const long before = rig::status_of(server.pid, "VmHWM");
+    int flaps = 0;
+    while (flaps % 64 != 0 || read_from(traces, 0).find(lost_line) == std::string::npos) {
+        const char *state = flaps % 2 == 0 ? "no" : "yes";
+        rig::board(std::string("set 0-15 inserted=") + state + " ready=" + state);
+        expect_flap(other, flaps++);
+        ASSERT_LT(flaps, 1800) << "he is not given up";
+    }
+    rig::board("wait unsubscribed 0-15 link");
+    const long cost = rig::status_of(server.pid, "VmHWM") - before;
+    EXPECT_LT(cost, rig::sanitized ? 200000 : 24576);
+    kill(stopped.pid, SIGCONT);
+    for (int flap = 0; flap < flaps; flap++)
+        expect_flap(stopped, flap);
+    EXPECT_TRUE(stopped.is_answered());
+    EXPECT_EQ(server.stop(), 0);
+    printf("given up after %d signals; both cost %ld KiB\n", flaps * 32, cost);
+}
+
+TEST_F(crowd, a_stranger_harms_nobody)
+{
+    using act = void (*)(stranger &);
+    static constexpr std::pair<const char *, act> acts[] = {
+        {"says nothing", [](stranger &) {}},
+        {"talks nonsense", [](stranger &s) { ::send(s.control.get(), "hello", 5, 0); }},
+        {"passes no socket",
+         [](stranger &s) { send_greeting(s.control.get(), greeting_kind::hello, {1}, 0); }},
+        {"shuts its sending end", [](stranger &s) { s.greet(), shutdown(s.tx.get(), SHUT_RDWR); }},
+        {"re-connects it",
+         [](stranger &s) {
+             const sockaddr none = {};
+             s.greet(), connect(s.tx.get(), &none, sizeof(none));
+         }},
+        {"shuts its socket", [](stranger &s) { s.greet(), shutdown(s.control.get(), SHUT_RDWR); }},
+        {"sends nothing at all", [](stranger &s) { s.greet(), ::send(s.tx.get(), "", 0, 0); }},
+        {"takes no answer",
+         [](stranger &s) {
+             s.greet(), s.pair.rx.reset(), s.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
+         }},
+        {"forges the exit signal", [](stranger &s) { s.greet(), s.send({TESK_EXIT_SIGNAL}); }},
+        {"forges a death", [](stranger &s) { s.greet(), s.send({monitor_signal}); }},
+    };
+    rig::server server;
+    client witness;
+    const size_t descriptors = rig::descriptors_of(server.pid);
+    {
+        rig::puppet flood("flood");
+        std::vector<std::unique_ptr<stranger>> all;
+        for (const auto &[what, perform] : acts)
+            for (int times = 0; times < 3; times++) {
+                all.push_back(std::make_unique<stranger>());
+                perform(*all.back());
+                ASSERT_TRUE(witness.is_answered()) << "a stranger that " << what;
+            }
+        for (int index = 0; index < 3; index++) /* those who said nothing are shown out */
+            rig::await(all[static_cast<size_t>(index)]->control.get(), "end of a silent one");
+    }
+    expect_nothing_left(server, descriptors);
+    EXPECT_EQ(server.stop(), 0);
+}
+
+TEST_F(crowd, a_million_unknown_signals_cost_nothing)
+{
+    const uint32_t number = rig::sanitized ? 100000 : 1000000;
+    rig::server server;
+    client witness;
+    rig::puppet flood("flood");
+    flood.receive();
+    const long before = rig::status_of(server.pid, "VmRSS");
+    const auto began = steady_clock::now();
+    for (uint32_t sent = 0; sent < number; sent = flood.receive().host_word(0))
+        if (sent / 256 % 64 == 0) {
+            ASSERT_TRUE(witness.is_answered());
+        }
+    const long cost = rig::status_of(server.pid, "VmRSS") - before;
+    EXPECT_LT(cost, rig::sanitized ? 200000 : 1024);
+    EXPECT_EQ(server.stop(), 0);
+    const duration<double> took = steady_clock::now() - began;
+    printf("%u unknown signals in %.1f s, at a cost of %ld KiB\n", number, took.count(), cost);
+}
+
+TEST_F(crowd, without_descriptors_the_clients_there_are_go_on)
+{
+    constexpr long probe_ms = 2000;
+    const auto probe = [] {
+        setenv("MBX_LOCATE_MS", std::to_string(probe_ms).c_str(), 1);
+        const int located = rig::puppet().located;
+        setenv("MBX_LOCATE_MS", "20000", 1);
+        return located;
+    };
+    rig::server server({}, {"/bin/sh", "-c", "ulimit -n 48; exec \"$0\"", executable});
+    std::vector<std::unique_ptr<client>> all;
+    while (probe() == 0)
+        all.push_back(std::make_unique<client>());
+    ASSERT_GE(all.size(), 4u);
+    std::vector<owned_fd> boards;
+    for (int index = 0; index < 5; index++)
+        boards.emplace_back(rig::connect_to(getenv("DOLM_RIC_SOCKET")));
+    const long before = rig::processor_ms(server.pid);
+    EXPECT_EQ(probe(), ETIMEDOUT);
+    EXPECT_LT(rig::processor_ms(server.pid) - before, probe_ms / 5) << "it must not spin";
+    boards.clear();
+    for (auto &one : all)
+        EXPECT_TRUE(one->is_answered());
+    all.resize(all.size() - 2);
+    EXPECT_TRUE(client().is_answered());
+    unsetenv("MBX_LOCATE_MS");
+    EXPECT_EQ(server.stop(), 0);
+}
+
+TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
+{
+    auto server = std::make_unique<rig::server>();
+    equip_ports();
+    client first;
+    client second;
+    first.subscribe(3);
+    server.reset();
+    for (client *one : {&first, &second})
+        EXPECT_EQ(one->receive().number(), monitor_signal);
+    server = std::make_unique<rig::server>();
+    first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to nobody */
+    client third;
+    EXPECT_EQ(third.id, 0u);
+    EXPECT_TRUE(third.is_answered());
+    EXPECT_EQ(rig::board("board").at("subscribed_port"), "0");
+    EXPECT_EQ(server->stop(), 0);
+}
+
+TEST_F(crowd, of_servers_started_together_one_stays)
+{
+    for (int round = 0; round < 10; round++) {
+        const pid_t servers[] = {rig::start({executable}), rig::start({executable})};
+        int status;
+        const pid_t ended = waitpid(-1, &status, 0);
+        const pid_t stays = servers[ended == servers[0] ? 1 : 0];
+        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 242);
+        const auto until = steady_clock::now() + rig::deadline;
+        while (rig::puppet().located != 0 && steady_clock::now() < until) {
+        }
+        client of_it;
+        EXPECT_EQ(rig::wait_for_end(rig::start({executable})), 242);
+        EXPECT_TRUE(of_it.is_answered());
+        kill(stays, SIGTERM);
+        EXPECT_EQ(rig::wait_for_end(stays), 0);
+    }
+}
+
+TEST_F(crowd, a_directory_that_is_full_read_only_or_gone_is_told)
+{
+    const std::string output = directory.path + "/output";
+    const auto expect_refusal = [&] {
+        const pid_t server = rig::start({executable}, {"ZEL_SINK=stderr"}, -1, output);
+        EXPECT_EQ(rig::wait_for_end(server), 242);
+        rig::await_line(output, "Unable to create TESK-server mailbox!", seen);
+    };
+    setenv("MBX_DIR", (directory.path + "/none/mbx").c_str(), 1);
+    expect_refusal();
+
+    setenv("MBX_DIR", names.c_str(), 1);
+    rig::server server;
+    client there;
+    fs::remove_all(names);
+    EXPECT_EQ(rig::puppet().located, ENOENT);
+    EXPECT_TRUE(there.is_answered());
+    EXPECT_EQ(server.stop(), 0);
+
+    fs::create_directory(names);
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_PRIVATE | MS_REC, nullptr) != 0 ||
+        mount("tesk", names.c_str(), "tmpfs", 0, "size=4k") != 0)
+        GTEST_SKIP() << "a full and a read-only directory need root and a mount of our own";
+    for (const auto &[room, flags] : {std::pair<const char *, unsigned long>{"nr_inodes=1", 0},
+                                      {"nr_inodes=2", 0},
+                                      {"nr_inodes=9", MS_RDONLY}}) {
+        umount(names.c_str());
+        ASSERT_EQ(mount("tesk", names.c_str(), "tmpfs", flags, room), 0) << room;
+        expect_refusal();
+        EXPECT_TRUE(fs::is_empty(names)) << room;
+    }
+    umount(names.c_str());
+    EXPECT_EQ(rig::server().stop(), 0);
+}
+
+/* Signals wait from everybody when the server goes on: how often was each handled before ours? */
+TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_end)
+{
+    for (const size_t neighbours : {8u, 90u}) {
+        rig::server server(traced("4,17,18"));
+        std::vector<std::unique_ptr<rig::puppet>> all;
+        for (size_t index = 0; index < neighbours; index++)
+            all.push_back(std::make_unique<rig::puppet>("crave"));
+        stranger asker;
+        asker.greet();
+        asker.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
+        const uint32_t id = asker.receive();
+        size_t turns = 0;
+        for (uint32_t mark = 77001; mark <= 77020; mark++) {
+            kill(server.pid, SIGSTOP);
+            waitpid(server.pid, nullptr, WUNTRACED);
+            const size_t position = fs::file_size(traces);
+            asker.send({TESK_GET_CAPABILITIES_REQ, mark, id});
+            kill(server.pid, SIGCONT);
+            asker.receive();
+            std::istringstream lines(read_from(traces, position));
+            std::map<std::string, int> handled;
+            const std::string ours = "procedure_ref: " + std::to_string(mark);
+            for (std::string line; std::getline(lines, line) && line.find(ours) == line.npos;)
+                if (const size_t at = line.find("sender: "); at != line.npos) {
+                    EXPECT_EQ(++handled[line.substr(at, line.find(',', at) - at)], 1) << line;
+                }
+            turns += handled.size();
+        }
+        EXPECT_GT(turns, neighbours) << "the neighbours sent too little to show anything";
+        const auto began = steady_clock::now();
+        EXPECT_EQ(server.stop(), 0);
+        const duration<double, std::milli> took = steady_clock::now() - began;
+        EXPECT_LT(took, 5s); /* within one where nothing else runs */
+        rig::await_line(traces, "TESK server terminated", seen);
+        printf("of %zu neighbours %.1f had their turn before ours; ended within %.0f ms\n",
+               neighbours, static_cast<double>(turns) / 20, took.count());
+    }
+}
+
+TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
+{
+    for (int run = count_of(15, 200); run > 0 && !HasFailure(); run--) {
+        rig::server server(traced("1,4"));
+        equip_ports();
+        rig::puppet loads[] = {rig::puppet("load"), rig::puppet("load")};
+        for (rig::puppet &load : loads)
+            load.receive();
+        std::vector<pid_t> threads = {server.pid};
+        const std::string tasks = "/proc/" + std::to_string(server.pid) + "/task";
+        for (const auto &task : fs::directory_iterator(tasks))
+            if (read_from(task.path() / "comm", 0) == "tesk-s-dolm-e\n")
+                threads.push_back(std::stoi(task.path().filename()));
+        ASSERT_EQ(threads.size(), 2u);
+        for (size_t index = 0; index < 20; index++)
+            syscall(SYS_tgkill, server.pid, threads[index % 2], index % 4 < 2 ? SIGTERM : SIGINT);
+        EXPECT_EQ(rig::wait_for_end(server.pid), 0);
+        server.pid = -1;
+        rig::await_line(traces, "TESK server terminated", seen);
+        EXPECT_TRUE(fs::is_empty(names));
+    }
+}
+
+/* What a process of another user may do, by hand: nothing. */
+static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t server)
+{
+    const std::string socket = names + "/tesk-server";
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setgroups(0, nullptr) != 0 || setresgid(user, user, user) != 0 ||
+            setresuid(user, user, user) != 0)
+            _exit(1);
+        const bool shut_out =
+            rig::connect_to(socket) == -1 && errno == EACCES && unlink(socket.c_str()) == -1 &&
+            rename(socket.c_str(), (socket + "2").c_str()) == -1 &&
+            open((names + "/.tesk-server.lock").c_str(), O_RDWR) == -1 &&
+            open(("/proc/" + std::to_string(server) + "/fd/5").c_str(), O_RDWR) == -1 &&
+            syscall(SYS_pidfd_getfd, syscall(SYS_pidfd_open, server, 0), 5, 0) == -1 &&
+            kill(server, SIGTERM) == -1;
+        _exit(shut_out ? 0 : 2);
+    }
+    return rig::wait_for_end(child) == 0;
+}
+
+TEST_F(crowd, who_is_not_in_the_group_is_kept_out)
+{
+    constexpr uid_t user = 54321;
+    constexpr gid_t group = 54322;
+    if (getuid() != 0)
+        GTEST_SKIP() << "a second user needs root";
+    /* Programs where that user can run them. */
+    const std::string bin = directory.path + "/bin/";
+    fs::create_directories(bin);
+    for (const char *program : {"tesk-server", "puppet", "teskctl"})
+        fs::copy(std::string(TESK_BIN_DIR "/") + program, bin + program);
+    fs::copy(TESK_LIB_DIR, directory.path + "/lib",
+             fs::copy_options::copy_symlinks | fs::copy_options::recursive);
+    chmod(directory.path.c_str(), 0755);
+    const auto as = [&](gid_t its_group, const std::string &program) -> std::vector<std::string> {
+        const std::string id = std::to_string(its_group);
+        return {"/usr/bin/setpriv", "--reuid=" + std::to_string(user), "--regid=" + id,
+                "--clear-groups", bin + program};
+    };
+    ASSERT_EQ(mkdir(names.c_str(), 0), 0);
+    ASSERT_EQ(chown(names.c_str(), 0, group), 0);
+    rig::server server(traced("4"));
+    client witness;
+    chown((names + "/tesk-server").c_str(), 0, group);
+    for (const mode_t mode : {02750u, 02755u}) {
+        chmod(names.c_str(), mode);
+        EXPECT_EQ(rig::puppet("", as(group, "puppet")).located, 0);
+        EXPECT_EQ(rig::puppet("", as(user, "puppet")).located, EACCES);
+        EXPECT_TRUE(another_user_is_shut_out(user, names, server.pid));
+        EXPECT_EQ(rig::wait_for_end(rig::start(as(user, "tesk-server"))), 242);
+        std::vector<std::string> words = as(user, "teskctl");
+        words.push_back("capabilities");
+        const std::string output = directory.path + "/" + std::to_string(mode);
+        EXPECT_EQ(rig::wait_for_end(rig::start(words, {}, -1, output)), 3);
+        EXPECT_NE(read_from(output, 0).find("no access"), std::string::npos);
+    }
+    EXPECT_TRUE(witness.is_answered());
+    EXPECT_EQ(server.stop(), 0);
+}
