@@ -146,7 +146,6 @@ connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd t
         helper_watch_connection(watch_kind::control, c.life.get(), m, id);
     c.rx = std::move(rx);
     c.tx = std::move(tx);
-    expect_rival(m);
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u32 = id;

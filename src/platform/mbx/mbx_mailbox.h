@@ -89,9 +89,8 @@ struct mailbox {
     uint64_t looks = 0;
     uint64_t clock = 0; /* counts receptions */
     uint64_t local_served = 0;
-    uint32_t favourite = 0; /* the connection that had the last turn */
-    uint32_t credit = 0;    /* how often it is served before the others are looked at */
-    time_point rivalry{};   /* when somebody else had a turn */
+    uint32_t credit =
+        0; /* signals of the only connection before the next look for self-sent ones */
     std::unique_ptr<receive_buffers, receive_buffers_deleter> buffers;
 };
 
@@ -139,8 +138,6 @@ mbx_signal *receive_signal(mailbox &m, uint32_t id, const uint32_t *filter, int 
    to match. */
 void count_into_memory(mailbox &m);
 void count_out_of_memory(mailbox &m);
-/* With the lock held: from now on nobody is served twice without a look at the others. */
-void expect_rival(mailbox &m);
 /* With the lock held: reads everything from a receiving end that is to be closed. */
 void read_all(mailbox &m, connection &c);
 /* With the lock held: makes what was read ahead known to the receiving side. */

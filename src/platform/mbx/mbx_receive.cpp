@@ -6,9 +6,8 @@
    ready, however many; the ones that have waited longest come first, and each gives one signal. So
    between a signal's arrival and its reception every other source is served once at most.
 
-   The look costs as much as a signal. It is spared where there is nobody to be fair to: while one
-   connection has been the only one to send for some seconds, a few of its signals are taken before
-   the next look. As soon as anybody else shows up, each signal has its look again.
+   The look costs as much as a signal. It is spared where there is nobody to be fair to: of the only
+   connection of a mailbox a few signals are taken before the next look.
 
    From a connection that had several signals in a row a batch is read at once. What is read ahead
    keeps its place: the connection still gives one signal a turn, and the memory event holds the
@@ -18,7 +17,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <new>
 #include <sys/epoll.h>
 #include <sys/mman.h>
@@ -33,7 +31,6 @@ constexpr uint32_t calm_at_most = 64;      /* between two tries to read several 
 constexpr size_t in_memory_at_most = 1024; /* no reading ahead beyond */
 constexpr int events_at_most = 32;         /* after a wait, which is for the first one */
 constexpr uint32_t unlooked_at_most = 7;   /* signals of one who is alone */
-constexpr auto rivalry_lasts = std::chrono::seconds(10);
 
 } // namespace
 
@@ -51,14 +48,6 @@ void receive_buffers_deleter::operator()(receive_buffers *buffers) const
 
 namespace
 {
-
-/* To a tick of the kernel, but cheap. */
-time_point coarse_now()
-{
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &t);
-    return time_point(std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec));
-}
 
 receive_buffers &need_buffers(mailbox &m)
 {
@@ -187,19 +176,6 @@ void add_turn(mailbox &m, uint32_t source)
     m.turns.push_back({c ? c->served : m.local_served, source});
 }
 
-/* Whether nobody but this connection has sent for a while. Then it may be served a few times
-   without a look at the others. */
-bool is_alone(mailbox &m, uint32_t source)
-{
-    if (source == source_local)
-        return false;
-    const time_point now = coarse_now();
-    if (m.turns.size() > 1 || source != m.favourite)
-        m.rivalry = now;
-    m.favourite = source;
-    return m.connections.size() == 1 || now - m.rivalry > rivalry_lasts;
-}
-
 /* Gives turns to what the epoll reported, the one that was served longest ago first. */
 void give_turns(mailbox &m, const epoll_event *events, int count)
 {
@@ -219,14 +195,15 @@ void give_turns(mailbox &m, const epoll_event *events, int count)
     if (m.turns.size() > 1)
         std::sort(m.turns.begin(), m.turns.end(),
                   [](const turn &a, const turn &b) { return a.served < b.served; });
-    m.credit = !m.turns.empty() && is_alone(m, m.turns[0].source) ? unlooked_at_most : 0;
+    m.credit = unlooked_at_most;
 }
 
 block *take_next(mailbox &m)
 {
-    if (m.turn_next == m.turns.size() && m.credit > 0) {
+    /* A mailbox with one connection need not look for others before each signal. */
+    if (m.turn_next == m.turns.size() && m.connections.size() == 1 && m.credit > 0) {
         m.credit--;
-        if (block *b = take_from_connection(m, m.favourite))
+        if (block *b = take_from_connection(m, m.connections.begin()->first))
             return b;
     }
     for (;;) {
@@ -309,12 +286,6 @@ void queue_ahead(mailbox &m, connection &c, block *b)
         m.ahead.push_back(c.id);
     c.ahead.push(b);
     count_into_memory(m);
-}
-
-void expect_rival(mailbox &m)
-{
-    m.rivalry = coarse_now();
-    m.credit = 0;
 }
 
 void read_all(mailbox &m, connection &c)
