@@ -16,8 +16,7 @@
 using subscription = std::pair<uint32_t, uint32_t>; /* port, kind */
 using action = std::array<uint32_t, 4>;             /* port, client_id, conn_ref, action */
 
-static constexpr uint32_t ports = 4, absent_port = 40, clients = 5;
-static constexpr int lives_at_least = 300;
+static constexpr uint32_t ports = 4, absent_port = 40, clients = 5, lives_at_least = 300;
 
 struct kind_numbers {
     uint32_t subscribe, unsubscribe, indication, subscribed, unsubscribed, told;
@@ -51,7 +50,6 @@ class lives : public testing::Test
     std::vector<life> all{clients};
     std::deque<action> history;
     uint32_t next_id = 0, next_procedure = 0;
-    int begun = 0;
     bool up[ports] = {true, true, true, true}, ready[ports] = {true, true, true, true};
     int downs[ports] = {};
 
@@ -74,19 +72,26 @@ class lives : public testing::Test
         const rig::message answer = stranger.receive();
         std::deque<action> read;
         for (uint32_t index = 0; index < answer.host_word(4); index++) {
-            const size_t at = 8 + 24 * index;
-            read.push_back({answer.host_word(at), answer.host_word(at + 4),
-                            answer.host_word(at + 8), answer.host_word(at + 12)});
+            action &a = read.emplace_back();
+            for (size_t field = 0; field < a.size(); field++)
+                a[field] = answer.host_word(8 + 24 * index + 4 * field);
         }
         return read;
     }
 
     std::vector<uint32_t> request_words(const life &of, uint32_t number, uint32_t port)
     {
-        std::vector<uint32_t> words = {++next_procedure, of.id, port};
-        if (number == TESK_SUBSCRIBE_PORT_STATUS_REQ)
-            words.push_back(0);
+        std::vector<uint32_t> words = {++next_procedure, of.id, port, 0};
+        words.resize(number == TESK_SUBSCRIBE_PORT_STATUS_REQ ? 4 : 3);
         return words;
+    }
+
+    /* The request's number and its answer. */
+    std::pair<uint32_t, rig::message> ask(life &of, uint32_t number, uint32_t port)
+    {
+        const rig::message answer = of.client->ask(number, request_words(of, number, port));
+        EXPECT_EQ(answer.word(4), next_procedure);
+        return {number, answer};
     }
 
     void begin(life &of)
@@ -95,7 +100,6 @@ class lives : public testing::Test
         of.conn_ref = 500 + below(3);
         of.id = of.client->connect(of.conn_ref);
         EXPECT_EQ(of.id, next_id++);
-        begun++;
     }
 
     /* An indication that this client must get now. */
@@ -106,19 +110,14 @@ class lives : public testing::Test
         EXPECT_EQ(told.word(4), of.procedure_ref);
         EXPECT_EQ(told.word(8), of.conn_ref);
         EXPECT_EQ(told.word(12), port);
-        if (kind == TESK_SUBSCRIPTION_PORT_STATUS) {
-            EXPECT_EQ(told.word(16), up[port] ? 2u : 1u);
-        } else {
-            EXPECT_EQ(told.word(16), ready[port] ? 2u : 0u);
-        }
+        EXPECT_EQ(told.word(16),
+                  kind == TESK_SUBSCRIPTION_PORT_STATUS ? 1u + up[port] : 2u * ready[port]);
         note(port, of, kinds[kind].told);
     }
 
     void subscribe(life &of, uint32_t port, uint32_t kind)
     {
-        const uint32_t number = kinds[kind].subscribe;
-        const rig::message answer = of.client->ask(number, request_words(of, number, port));
-        EXPECT_EQ(answer.word(4), next_procedure);
+        const auto &[number, answer] = ask(of, kinds[kind].subscribe, port);
         if (port == absent_port || of.held.count({port, kind}) != 0) {
             ASSERT_EQ(answer.number(), number + 2);
             EXPECT_EQ(answer.text(20), port == absent_port ? "invalid port" : "already subscribed");
@@ -133,8 +132,7 @@ class lives : public testing::Test
 
     void unsubscribe(life &of, uint32_t port, uint32_t kind)
     {
-        const uint32_t number = kinds[kind].unsubscribe;
-        const rig::message answer = of.client->ask(number, request_words(of, number, port));
+        const auto &[number, answer] = ask(of, kinds[kind].unsubscribe, port);
         if (of.held.erase({port, kind}) == 0) {
             ASSERT_EQ(answer.number(), number + 2);
             EXPECT_EQ(answer.text(20), "client is not subscribed");
@@ -146,18 +144,22 @@ class lives : public testing::Test
         forget_empty_filters();
     }
 
-    bool is_held(uint32_t port, uint32_t kind)
+    /* Those who hold it, newest first. */
+    std::vector<life *> holders(uint32_t port, uint32_t kind)
     {
-        return std::any_of(all.begin(), all.end(), [&](const life &of) {
-            return of.held.count({port, kind}) != 0;
-        });
+        std::vector<life *> found;
+        for (life &of : all)
+            if (of.held.count({port, kind}) != 0)
+                found.push_back(&of);
+        std::sort(found.begin(), found.end(), [](auto *a, auto *b) { return a->id > b->id; });
+        return found;
     }
 
     /* A port without a subscriber has no filter: its next one starts empty. */
     void forget_empty_filters()
     {
         for (uint32_t port = 0; port < ports; port++)
-            if (!is_held(port, TESK_SUBSCRIPTION_PORT_STATUS))
+            if (holders(port, TESK_SUBSCRIPTION_PORT_STATUS).empty())
                 downs[port] = 0;
     }
 
@@ -166,7 +168,7 @@ class lives : public testing::Test
         for (uint32_t port = 0; port < ports; port++) {
             const auto shown = rig::board("show " + std::to_string(port));
             for (uint32_t kind : {TESK_SUBSCRIPTION_SFP_INFO, TESK_SUBSCRIPTION_PORT_STATUS})
-                EXPECT_EQ(shown.at(kinds[kind].field), is_held(port, kind) ? "1" : "0");
+                EXPECT_EQ(shown.at(kinds[kind].field), holders(port, kind).empty() ? "0" : "1");
         }
     }
 
@@ -187,38 +189,28 @@ class lives : public testing::Test
             return;
         /* Whether the last request was handled is open, but nothing else may have been written. */
         const std::deque<action> now = read_history();
-        const auto added =
-            std::count_if(now.begin(), now.end(), [&](const action &a) { return a[1] == of.id; }) -
-            std::count_if(history.begin(), history.end(),
-                          [&](const action &a) { return a[1] == of.id; });
-        EXPECT_TRUE(added <= 2);
+        const auto is_its = [&](const action &a) { return a[1] == of.id; };
+        EXPECT_LE(std::count_if(now.begin(), now.end(), is_its),
+                  std::count_if(history.begin(), history.end(), is_its) + 2);
         history = now;
     }
 
     void measure(life &of, uint32_t port)
     {
-        const rig::message answer =
-            of.client->ask(TESK_GET_PM_COUNTERS_REQ, request_words(of, 0, port));
-        EXPECT_EQ(answer.word(4), next_procedure);
-        EXPECT_EQ(answer.number(), ready[port] ? uint32_t{TESK_GET_PM_COUNTERS_CFM}
-                                               : uint32_t{TESK_GET_PM_COUNTERS_REJ});
+        const auto &[number, answer] = ask(of, TESK_GET_PM_COUNTERS_REQ, port);
+        EXPECT_EQ(answer.number(), number + (ready[port] ? 1 : 2));
     }
 
     /* Newest first, as far as a test of separate processes can tell: by the history. */
     void tell(uint32_t port, uint32_t kind)
     {
-        std::vector<life *> told;
-        for (life &of : all)
-            if (of.held.count({port, kind}) != 0)
-                told.push_back(&of);
-        std::sort(told.begin(), told.end(), [](auto *a, auto *b) { return a->id > b->id; });
-        for (life *of : told)
+        for (life *of : holders(port, kind))
             expect_indication(*of, port, kind);
     }
 
     void flip_link(uint32_t port)
     {
-        if (!is_held(port, TESK_SUBSCRIPTION_PORT_STATUS) || (up[port] && downs[port] == 2))
+        if (holders(port, TESK_SUBSCRIPTION_PORT_STATUS).empty() || (up[port] && downs[port] == 2))
             return; /* the filter is another test's */
         up[port] = !up[port];
         downs[port] += up[port] ? 0 : 1;
@@ -228,7 +220,7 @@ class lives : public testing::Test
 
     void change_module(uint32_t port)
     {
-        if (!is_held(port, TESK_SUBSCRIPTION_SFP_INFO))
+        if (holders(port, TESK_SUBSCRIPTION_SFP_INFO).empty())
             return;
         ready[port] = !ready[port];
         rig::board("set " + std::to_string(port) +
@@ -239,23 +231,14 @@ class lives : public testing::Test
 
     void live(life &of)
     {
-        const uint32_t kind = 1 + below(2);
-        const uint32_t port = below(20) == 0 ? absent_port : below(ports);
-        switch (below(10)) {
-        case 0:
-            return end(of);
-        case 1:
-        case 2:
-            return unsubscribe(of, port, kind);
-        case 3:
-            return measure(of, below(ports));
-        case 4:
-            return flip_link(below(ports));
-        case 5:
-            return change_module(below(ports));
-        default:
-            return subscribe(of, port, kind);
-        }
+        const uint32_t kind = 1 + below(2), port = below(20) == 0 ? absent_port : below(ports);
+        const uint32_t deed = below(10);
+        deed == 0   ? end(of)
+        : deed <= 2 ? unsubscribe(of, port, kind)
+        : deed == 3 ? measure(of, below(ports))
+        : deed == 4 ? flip_link(below(ports))
+        : deed == 5 ? change_module(below(ports))
+                    : subscribe(of, port, kind);
     }
 };
 
@@ -264,18 +247,15 @@ TEST_F(lives, leave_everything_as_it_must_be)
     for (uint32_t port = 0; port < ports; port++)
         rig::board("set " + std::to_string(port) +
                    " link=up inserted=yes ready=yes readable=yes connector=lc");
-    for (int step = 0; begun < lives_at_least && !HasFailure(); step++) {
+    for (int step = 0; next_id < lives_at_least && !HasFailure(); step++) {
         life &of = all[below(clients)];
         of.client == nullptr ? begin(of) : live(of);
-        if (step % 16 == 0) {
-            EXPECT_EQ(read_history(), history);
-        }
+        EXPECT_TRUE(step % 16 != 0 || read_history() == history) << step;
     }
     for (life &of : all)
         if (of.client != nullptr)
             end(of);
-    const auto left = rig::board("board");
-    EXPECT_EQ(left.at("subscribed_port"), "0");
-    EXPECT_EQ(left.at("subscribed_link"), "0");
+    EXPECT_EQ(rig::board("board").at("subscribed_port"), "0");
+    EXPECT_EQ(rig::board("board").at("subscribed_link"), "0");
     EXPECT_EQ(server.stop(), 0);
 }
