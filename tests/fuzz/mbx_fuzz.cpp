@@ -1,0 +1,445 @@
+/* Strangers at a mailbox of the real library: they connect, greet well, badly or not at all, pass
+   descriptors of every kind, and use what they are handed in any way; the owner receives, answers
+   and monitors meanwhile. What is received must be what was sent, whole, in order, once and under
+   one sender; the descriptor is readable exactly while something is there; a death is told once,
+   last; and a well-behaved client is served whatever the others do. */
+#include "fuzz_input.h"
+#include "platform/mbx/mbx.h"
+#include "platform/mbx/mbx_local.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <poll.h>
+#include <set>
+#include <string>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+constexpr char name[] = "fuzzed";
+constexpr int patience_ms = 10000;
+
+/* The upper half of a signal's number tells who made it. */
+enum origin : uint32_t { from_owner = 0x2000, from_self, from_client, from_peers = 0x4000 };
+
+/* How a control connection begins, on the wire. */
+struct greeting {
+    uint32_t magic = 0x3178626d;
+    uint32_t kind = 1; /* hello, welcome, known */
+    uint64_t token[2] = {};
+};
+
+struct stranger {
+    int control = -1;
+    int rx = -1;  /* what the mailbox sends comes out here */
+    int tx = -1;  /* handed over by the mailbox */
+    uint32_t key; /* a new one for each connection */
+    bool astray;  /* tx leads elsewhere by now */
+};
+
+/* What the kernel has taken for the mailbox on one connection: number and size. */
+struct journal {
+    std::deque<std::pair<uint32_t, uint32_t>> sent;
+    uint32_t sender = 0;
+    uint16_t count = 0;
+};
+
+std::string directory;
+uint32_t own;
+std::array<stranger, 8> strangers;
+std::map<uint32_t, journal> journals;
+std::map<uint32_t, uint32_t> key_of; /* by the sender's mailbox */
+std::set<uint32_t> monitored, told;
+uint32_t last_key;
+int victim, elsewhere; /* sockets with an address: whoever is made to write there is abused */
+
+void drop(int &fd)
+{
+    if (fd != -1)
+        close(fd);
+    fd = -1;
+}
+
+sockaddr_un address_of(const std::string &file)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof(address.sun_path), "%s/%s", directory.c_str(), file.c_str());
+    return address;
+}
+
+int connected(int type, const char *file)
+{
+    const sockaddr_un address = address_of(file);
+    const int fd = socket(AF_UNIX, type, 0);
+    require(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0);
+    return fd;
+}
+
+int bound(const char *file)
+{
+    const sockaddr_un address = address_of(file);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    require(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0);
+    return fd;
+}
+
+bool is_readable(int fd, int timeout_ms)
+{
+    pollfd wanted = {fd, POLLIN, 0};
+    return poll(&wanted, 1, timeout_ms) == 1;
+}
+
+int one_end_of(int type)
+{
+    int ends[2];
+    require(socketpair(AF_UNIX, type, 0, ends) == 0);
+    close(ends[1]);
+    return ends[0];
+}
+
+/* A pair for the mailbox to send through: what it is given, and what stays in `rx`. */
+int sending_end(int &rx)
+{
+    int ends[2];
+    require(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends) == 0);
+    drop(rx);
+    rx = ends[0];
+    return ends[1];
+}
+
+int some_descriptor(stranger &s, uint8_t choice)
+{
+    switch (choice % 10) {
+    case 0:
+        return connected(SOCK_DGRAM, "victim");
+    case 1:
+        return one_end_of(SOCK_STREAM);
+    case 2:
+        return one_end_of(SOCK_SEQPACKET);
+    case 3:
+        return socket(AF_UNIX, SOCK_DGRAM, 0);
+    case 4:
+        return socket(AF_INET, SOCK_DGRAM, 0);
+    case 5:
+        return eventfd(0, 0);
+    case 6:
+        return dup(s.control);
+    case 7:
+        return dup(s.tx != -1 ? s.tx : s.control);
+    case 8:
+        return one_end_of(SOCK_DGRAM);
+    default:
+        return sending_end(s.rx);
+    }
+}
+
+/* Takes the descriptors over. */
+void pass(int to, const void *data, size_t size, std::vector<int> fds)
+{
+    iovec bytes = {const_cast<void *>(data), size};
+    alignas(cmsghdr) char room[CMSG_SPACE(4 * sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    if (!fds.empty()) {
+        message.msg_control = room;
+        message.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
+        cmsghdr *header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+        memcpy(CMSG_DATA(header), fds.data(), fds.size() * sizeof(int));
+    }
+    sendmsg(to, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    for (int &fd : fds)
+        drop(fd);
+}
+
+void take_answer(stranger &s)
+{
+    greeting answer;
+    iovec bytes = {&answer, sizeof(answer)};
+    alignas(cmsghdr) char room[CMSG_SPACE(sizeof(int))];
+    msghdr message = {};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = room;
+    message.msg_controllen = sizeof(room);
+    if (recvmsg(s.control, &message, MSG_DONTWAIT) <= 0 || CMSG_FIRSTHDR(&message) == nullptr)
+        return;
+    drop(s.tx);
+    memcpy(&s.tx, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(s.tx));
+    s.astray = false;
+}
+
+void leave(stranger &s)
+{
+    drop(s.control);
+    drop(s.rx);
+    drop(s.tx);
+}
+
+stranger &one_who_is_there(fuzz_input &in)
+{
+    stranger &s = strangers[in.byte() % strangers.size()];
+    if (s.control == -1) {
+        leave(s);
+        s.control = connected(SOCK_SEQPACKET, name);
+        s.key = ++last_key & 0xfff;
+    }
+    return s;
+}
+
+/* Whatever has happened before, the mailbox answers or hangs up. */
+void greet(fuzz_input &in)
+{
+    stranger &s = one_who_is_there(in);
+    const uint8_t choice = in.byte();
+    greeting hello;
+    hello.kind = choice < 250 ? 1 : choice - 250u;
+    hello.token[0] = choice % 16 == 0 ? 1 : s.key;
+    pass(s.control, &hello, sizeof(hello), {sending_end(s.rx)});
+    require(is_readable(s.control, patience_ms));
+    take_answer(s);
+}
+
+void greet_badly(fuzz_input &in)
+{
+    stranger &s = one_who_is_there(in);
+    greeting hello;
+    std::vector<int> fds(in.byte() % 4);
+    for (int &fd : fds)
+        fd = some_descriptor(s, in.byte());
+    reinterpret_cast<uint8_t *>(&hello)[in.byte() % sizeof(hello)] ^= in.byte();
+    const uint8_t size = in.byte();
+    pass(s.control, &hello, size < 32 ? size % sizeof(hello) : sizeof(hello), fds);
+}
+
+void send_signals(fuzz_input &in)
+{
+    static constexpr uint32_t sizes[] = {
+        4, 5, 8, 16, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3, MBX_LARGEST_SIGNAL + 1};
+    static std::vector<uint32_t> data(MBX_LARGEST_SIGNAL / 4 + 1);
+    stranger &s = one_who_is_there(in);
+    const uint32_t size = in.one_of(sizes);
+    const int count = in.byte() % 8 == 0 ? 300 : 1;
+    journal &j = journals[s.key];
+    for (int done = 0; done < count && s.tx != -1; done++) {
+        data[0] = (from_peers | s.key) << 16 | j.count;
+        if (send(s.tx, data.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+            return;
+        if (s.astray || size < 4 || size > MBX_LARGEST_SIGNAL)
+            continue;
+        j.sent.emplace_back(data[0], size);
+        j.count++;
+    }
+}
+
+void disturb(fuzz_input &in)
+{
+    stranger &s = one_who_is_there(in);
+    const uint8_t choice = in.byte();
+    const sockaddr_un address = address_of(choice & 8 ? "elsewhere" : "nowhere");
+    const sockaddr nobody = {.sa_family = AF_UNSPEC, .sa_data = {}};
+    const int smallest = 1;
+    switch (choice % 8) {
+    case 0:
+        shutdown(s.control, choice / 8 % 3);
+        break;
+    case 1:
+        shutdown(s.tx, choice / 8 % 3);
+        break;
+    case 2:
+        if (connect(s.tx, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
+            s.astray = true;
+        break;
+    case 3:
+        if (connect(s.tx, &nobody, sizeof(nobody)) == 0)
+            s.astray = true;
+        break;
+    case 4:
+        setsockopt(s.tx, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof(smallest));
+        break;
+    case 5:
+        drop(choice & 8 ? s.rx : s.tx);
+        break;
+    case 6:
+        leave(s);
+        break;
+    default:
+        pass(s.tx, "hello", 2, {some_descriptor(s, choice / 8)});
+        break;
+    }
+}
+
+/* One that is there; the caller frees it. */
+mbx_signal *receive_one()
+{
+    mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER);
+    require(signal != nullptr);
+    const uint32_t sender = mbx_sender(signal);
+    if (signal->number == MBX_MONITOR_DEFAULT_NO) {
+        require(monitored.erase(sender) == 1);
+        told.insert(sender);
+        return signal;
+    }
+    require(!told.contains(sender));
+    const uint32_t origin = signal->number >> 16;
+    if (origin >= from_peers) {
+        journal &j = journals[origin - from_peers];
+        require(!j.sent.empty());
+        require(j.sent.front() == std::pair(signal->number, mbx_size(signal)));
+        j.sent.pop_front();
+        require(j.sender == 0 || j.sender == sender);
+        j.sender = sender;
+        require(key_of.emplace(sender, origin - from_peers).first->second == origin - from_peers);
+    } else {
+        require(origin == from_owner || origin == from_client || origin == from_self);
+        require((origin == from_self) == (sender == own));
+    }
+    return signal;
+}
+
+void receive(fuzz_input &)
+{
+    if (!is_readable(mbx_get_fd(), 0))
+        return;
+    mbx_signal *signal = receive_one();
+    mbx_free(&signal);
+}
+
+void send_as(uint32_t origin, uint32_t receiver, size_t size)
+{
+    mbx_signal *signal = mbx_alloc(size, origin << 16);
+    mbx_send(&signal, receiver, MBX_OWN_MAILBOX);
+}
+
+/* To somebody who has been heard of, and who may be gone. */
+void owner_acts(fuzz_input &in)
+{
+    if (key_of.empty())
+        return;
+    const uint8_t choice = in.byte();
+    const uint32_t peer =
+        std::next(key_of.begin(), choice % static_cast<int>(key_of.size()))->first;
+    if (choice >= 128 && !monitored.contains(peer)) {
+        mbx_monitor(peer, nullptr);
+        monitored.insert(peer);
+    }
+    for (int count = in.byte() % 100; count > 0; count--)
+        send_as(from_owner, peer, choice % 2 == 0 ? 96 : MBX_LARGEST_SIGNAL);
+}
+
+void send_to_self(fuzz_input &)
+{
+    send_as(from_self, own, 4);
+}
+
+void (*const steps[])(fuzz_input &in) = {greet,   send_signals, receive, greet_badly,
+                                         disturb, send_signals, receive, owner_acts,
+                                         greet,   send_to_self, receive, greet};
+
+void be_a_client()
+{
+    require(mbx_create_mailbox(nullptr, 0) != MBX_NO_MAILBOX);
+    const uint32_t server = mbx_locate(name);
+    require(server != MBX_NO_MAILBOX);
+    send_as(from_client, server, 1000);
+    mbx_signal *answer = mbx_receive(nullptr, patience_ms, server);
+    require(answer != nullptr && answer->number == from_owner << 16);
+    mbx_free(&answer);
+    mbx_delete_mailbox(mbx_own_mailbox());
+}
+
+void serve_a_client()
+{
+    std::thread client(be_a_client);
+    for (uint32_t origin = 0; origin != from_client;) {
+        require(is_readable(mbx_get_fd(), patience_ms));
+        mbx_signal *signal = receive_one();
+        origin = signal->number >> 16;
+        if (origin == from_client)
+            send_as(from_owner, mbx_sender(signal), 4);
+        mbx_free(&signal);
+    }
+    client.join();
+}
+
+bool something_is_missing()
+{
+    for (const auto &[key, j] : journals)
+        if (!j.sent.empty())
+            return true;
+    return !monitored.empty();
+}
+
+/* Everybody goes; everything that was sent, and every death, is still told. */
+void end()
+{
+    for (stranger &s : strangers)
+        leave(s);
+    for (const auto &[peer, key] : key_of)
+        if (monitored.insert(peer).second)
+            mbx_monitor(peer, nullptr);
+    while (something_is_missing()) {
+        require(is_readable(mbx_get_fd(), patience_ms));
+        mbx_signal *signal = receive_one();
+        mbx_free(&signal);
+    }
+    while (mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER))
+        mbx_free(&signal);
+    require(!is_readable(mbx_get_fd(), 0));
+    char byte;
+    require(recv(victim, &byte, 1, MSG_DONTWAIT) == -1);
+    while (recv(elsewhere, &byte, 1, MSG_DONTWAIT) != -1) {
+    }
+    journals.clear();
+    key_of.clear();
+    told.clear();
+}
+
+void clean_up()
+{
+    mbx_exit();
+    for (const char *file : {"victim", "elsewhere"})
+        unlink(address_of(file).sun_path);
+    require(rmdir(directory.c_str()) == 0);
+}
+
+bool start()
+{
+    char path[] = "/tmp/mbx-fuzz-XXXXXX";
+    directory = mkdtemp(path);
+    setenv("MBX_DIR", path, 1);
+    require(mbx_init(5, 0, 0, 0, 0) == 0);
+    own = mbx_create_mailbox(name, 0);
+    require(own != MBX_NO_MAILBOX);
+    victim = bound("victim");
+    elsewhere = bound("elsewhere");
+    return atexit(clean_up) == 0;
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    [[maybe_unused]] static const bool started = start();
+    fuzz_input in(data, size);
+
+    for (int count = 0; count < 200 && !in.empty(); count++)
+        in.one_of(steps)(in);
+    serve_a_client();
+    end();
+    return 0;
+}
