@@ -2,10 +2,19 @@
 
 #include "tesk_trace.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <functional>
+#include <glib.h>
 
-/* Sorted by ascending id, so that the lowest free id is the first gap. */
+/* Sorted by ascending id. */
 static leaky_bucket_data *bucket_head;
+
+/* The bucket of each id ever given, at id - 1; null while the id is free. */
+static GPtrArray *buckets_by_id;
+
+/* The ids among those that are free, as a heap with the lowest on top. */
+static GArray *free_ids;
 
 static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
 {
@@ -13,15 +22,41 @@ static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
                                                 : LEAKY_BUCKET_LEVEL_REACHED;
 }
 
+/* The lowest id that no bucket has. */
+static int32_t take_free_id()
+{
+    if (buckets_by_id == nullptr) {
+        buckets_by_id = g_ptr_array_new();
+        free_ids = g_array_new(FALSE, FALSE, sizeof(int32_t));
+    }
+    if (free_ids->len == 0) {
+        g_ptr_array_add(buckets_by_id, nullptr);
+        return static_cast<int32_t>(buckets_by_id->len);
+    }
+    auto *ids = reinterpret_cast<int32_t *>(free_ids->data);
+    std::pop_heap(ids, ids + free_ids->len, std::greater<>());
+    const int32_t lowest = ids[free_ids->len - 1];
+    g_array_set_size(free_ids, free_ids->len - 1);
+    return lowest;
+}
+
+static void give_id_back(int32_t id)
+{
+    buckets_by_id->pdata[id - 1] = nullptr;
+    g_array_append_val(free_ids, id);
+    auto *ids = reinterpret_cast<int32_t *>(free_ids->data);
+    std::push_heap(ids, ids + free_ids->len, std::greater<>());
+}
+
+/* With the lowest free id, all lower ones are taken: the bucket before it in the list has the next
+   lower id. */
 static void leaky_bucket_insert(leaky_bucket_data *bucket)
 {
-    leaky_bucket_data **link = &bucket_head;
+    bucket->id = take_free_id();
+    buckets_by_id->pdata[bucket->id - 1] = bucket;
 
-    bucket->id = 1;
-    while (*link != nullptr && (*link)->id == bucket->id) {
-        bucket->id++;
-        link = &(*link)->next;
-    }
+    leaky_bucket_data *before = leaky_bucket_find(bucket->id - 1);
+    leaky_bucket_data **link = before == nullptr ? &bucket_head : &before->next;
     bucket->next = *link;
     bucket->prev_link = link;
     if (bucket->next != nullptr)
@@ -62,6 +97,7 @@ void leaky_bucket_remove(int32_t id)
     *bucket->prev_link = bucket->next;
     if (bucket->next != nullptr)
         bucket->next->prev_link = bucket->prev_link;
+    give_id_back(id);
     free(bucket);
     tesk_trace(TESK_TRACE_BUCKET, "Bucket(%u) removed from the list", static_cast<unsigned>(id));
 }
@@ -101,9 +137,7 @@ leaky_bucket_state leaky_bucket_update(int32_t id, int32_t delta)
 
 leaky_bucket_data *leaky_bucket_find(int32_t id)
 {
-    leaky_bucket_data *bucket = bucket_head;
-
-    while (bucket != nullptr && bucket->id != id)
-        bucket = bucket->next;
-    return bucket;
+    if (buckets_by_id == nullptr || id < 1 || static_cast<guint>(id) > buckets_by_id->len)
+        return nullptr;
+    return static_cast<leaky_bucket_data *>(buckets_by_id->pdata[id - 1]);
 }

@@ -1,3 +1,7 @@
+/* Beside the list of clients stand three indexes, so that no lookup grows with the number of
+   clients or of their subscriptions: the client of a mailbox, the subscriber of a client, port and
+   kind, and the subscribers of a port and kind in the order of the list. The functions that change
+   the list or a client's subscriptions keep them in step. */
 #include "tesk_client_data.h"
 
 #include "tesk_mutex.h"
@@ -6,6 +10,84 @@
 static pthread_mutex_t client_mutex = PTHREAD_MUTEX_INITIALIZER;
 static tesk_client *client_head;
 static uint32_t next_client_id;
+
+/* tesk_client by mbox. */
+static GHashTable *clients_by_mailbox;
+
+/* A set of tesk_subscriber, equal by client and subscription. */
+static GHashTable *subscribers;
+
+/* Heads of the lists of tesk_subscriber. A port that nobody subscribes to costs nothing: its page
+   is never touched. */
+static constexpr uint32_t number_of_ports = 65536;
+static constexpr uint32_t number_of_kinds = 2;
+static tesk_subscriber *port_subscribers[number_of_kinds][number_of_ports];
+
+static guint hash_subscriber(gconstpointer key)
+{
+    const auto *subscriber = static_cast<const tesk_subscriber *>(key);
+    const tesk_client_subscription &held = subscriber->subscription;
+
+    return (subscriber->client->client_id * number_of_ports + held.port_no) * 2 + held.kind;
+}
+
+static gboolean equal_subscribers(gconstpointer left, gconstpointer right)
+{
+    const auto *one = static_cast<const tesk_subscriber *>(left);
+    const auto *other = static_cast<const tesk_subscriber *>(right);
+
+    return one->client == other->client &&
+           one->subscription.port_no == other->subscription.port_no &&
+           one->subscription.kind == other->subscription.kind;
+}
+
+static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port_no, uint32_t kind)
+{
+    const tesk_subscriber sought = {.client = const_cast<tesk_client *>(client),
+                                    .subscription = {port_no, kind},
+                                    .index = 0,
+                                    .next = nullptr,
+                                    .prev_link = nullptr};
+
+    return static_cast<tesk_subscriber *>(g_hash_table_lookup(subscribers, &sought));
+}
+
+/* The head of a port's list; null for a port or kind that cannot be subscribed to. */
+static tesk_subscriber **subscribers_of_port(uint32_t port_no, uint32_t kind)
+{
+    if (port_no >= number_of_ports || kind - 1 >= number_of_kinds)
+        return nullptr;
+    return &port_subscribers[kind - 1][port_no];
+}
+
+/* Behind the subscribers that connected later than its client. */
+static void link_subscriber(tesk_subscriber *subscriber)
+{
+    const tesk_client_subscription &held = subscriber->subscription;
+    tesk_subscriber **link = subscribers_of_port(held.port_no, held.kind);
+
+    while (*link != nullptr && (*link)->client->client_id > subscriber->client->client_id)
+        link = &(*link)->next;
+    subscriber->next = *link;
+    subscriber->prev_link = link;
+    if (subscriber->next != nullptr)
+        subscriber->next->prev_link = &subscriber->next;
+    *link = subscriber;
+}
+
+static void forget_subscriber(tesk_subscriber *subscriber)
+{
+    *subscriber->prev_link = subscriber->next;
+    if (subscriber->next != nullptr)
+        subscriber->next->prev_link = subscriber->prev_link;
+    g_hash_table_remove(subscribers, subscriber);
+    g_free(subscriber);
+}
+
+static const tesk_client_subscription *subscription_at(const tesk_client *client, guint index)
+{
+    return &g_array_index(client->subscriptions, tesk_client_subscription, index);
+}
 
 tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref)
 {
@@ -26,6 +108,11 @@ tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref)
     if (client_head != nullptr)
         client_head->prev_link = &client->next;
     client_head = client;
+    if (clients_by_mailbox == nullptr) {
+        clients_by_mailbox = g_hash_table_new(nullptr, nullptr);
+        subscribers = g_hash_table_new(hash_subscriber, equal_subscribers);
+    }
+    g_hash_table_insert(clients_by_mailbox, GUINT_TO_POINTER(mbox), client);
     tesk_mutex_unlock(&client_mutex);
     return client;
 }
@@ -40,29 +127,38 @@ void tesk_client_remove(tesk_client *client)
     *client->prev_link = client->next;
     if (client->next != nullptr)
         client->next->prev_link = client->prev_link;
+    g_hash_table_remove(clients_by_mailbox, GUINT_TO_POINTER(client->mbox));
+    for (guint index = 0; index < client->subscriptions->len; index++) {
+        const tesk_client_subscription *held = subscription_at(client, index);
+        forget_subscriber(find_subscriber(client, held->port_no, held->kind));
+    }
     g_array_free(client->subscriptions, TRUE);
     free(client);
     tesk_mutex_unlock(&client_mutex);
 }
 
+/* With the mutex held. */
+static tesk_client *find_by_mailbox(uint32_t mbox)
+{
+    if (clients_by_mailbox == nullptr)
+        return nullptr;
+    return static_cast<tesk_client *>(
+        g_hash_table_lookup(clients_by_mailbox, GUINT_TO_POINTER(mbox)));
+}
+
 tesk_client *tesk_client_find_by_sender(uint32_t mbox)
 {
     tesk_mutex_lock(&client_mutex);
-    tesk_client *client = client_head;
-    while (client != nullptr && client->mbox != mbox)
-        client = client->next;
+    tesk_client *client = find_by_mailbox(mbox);
     tesk_mutex_unlock(&client_mutex);
     return client;
 }
 
 tesk_client *tesk_client_find(uint32_t connection_ref, uint32_t mbox)
 {
-    tesk_mutex_lock(&client_mutex);
-    tesk_client *client = client_head;
-    while (client != nullptr && (client->mbox != mbox || client->client_id != connection_ref))
-        client = client->next;
-    tesk_mutex_unlock(&client_mutex);
-    return client;
+    tesk_client *client = tesk_client_find_by_sender(mbox);
+
+    return client != nullptr && client->client_id == connection_ref ? client : nullptr;
 }
 
 tesk_client *tesk_client_first()
@@ -72,47 +168,52 @@ tesk_client *tesk_client_first()
 
 int32_t tesk_client_find_subscription(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
-    for (guint index = 0; index < client->subscriptions->len; index++) {
-        const auto &held = g_array_index(client->subscriptions, tesk_client_subscription, index);
-        if (held.port_no == port_no && held.kind == kind)
-            return static_cast<int32_t>(index);
-    }
-    return -1;
+    const tesk_subscriber *subscriber = find_subscriber(client, port_no, kind);
+
+    return subscriber == nullptr ? -1 : static_cast<int32_t>(subscriber->index);
 }
 
 void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_t kind)
 {
-    const tesk_client_subscription subscription = {port_no, kind};
+    auto *subscriber = g_new(tesk_subscriber, 1);
 
-    g_array_append_vals(client->subscriptions, &subscription, 1);
+    subscriber->client = client;
+    subscriber->subscription = {port_no, kind};
+    subscriber->index = client->subscriptions->len;
+    g_array_append_vals(client->subscriptions, &subscriber->subscription, 1);
+    g_hash_table_add(subscribers, subscriber);
+    link_subscriber(subscriber);
 }
 
 void tesk_client_remove_subscription(tesk_client *client, int32_t index)
 {
-    g_array_remove_index_fast(client->subscriptions, static_cast<guint>(index));
+    const auto removed = static_cast<guint>(index);
+    const tesk_client_subscription *held = subscription_at(client, removed);
+
+    forget_subscriber(find_subscriber(client, held->port_no, held->kind));
+    g_array_remove_index_fast(client->subscriptions, removed);
+    if (removed < client->subscriptions->len) {
+        held = subscription_at(client, removed);
+        find_subscriber(client, held->port_no, held->kind)->index = removed;
+    }
 }
 
-/* From `client` on along the list. */
-static tesk_client *find_subscriber(tesk_client *client, uint32_t port_no, uint32_t kind)
+const tesk_subscriber *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind)
 {
-    while (client != nullptr && tesk_client_find_subscription(client, port_no, kind) == -1)
-        client = client->next;
-    return client;
-}
+    tesk_subscriber **head = subscribers_of_port(port_no, kind);
 
-tesk_client *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind)
-{
-    return find_subscriber(client_head, port_no, kind);
-}
-
-tesk_client *tesk_client_next_subscriber(const tesk_client *client, uint32_t port_no, uint32_t kind)
-{
-    return find_subscriber(client->next, port_no, kind);
+    return head == nullptr ? nullptr : *head;
 }
 
 void tesk_client_data_reset()
 {
     tesk_mutex_lock(&client_mutex);
     next_client_id = 0;
+    if (clients_by_mailbox != nullptr) {
+        g_hash_table_destroy(clients_by_mailbox);
+        g_hash_table_destroy(subscribers);
+    }
+    clients_by_mailbox = nullptr;
+    subscribers = nullptr;
     tesk_mutex_unlock(&client_mutex);
 }

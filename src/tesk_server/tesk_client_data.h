@@ -28,6 +28,15 @@ struct tesk_client {
     tesk_client **prev_link;
 };
 
+/* One client's subscription as the port sees it. */
+struct tesk_subscriber {
+    tesk_client *client;
+    tesk_client_subscription subscription;
+    guint index; /* of the subscription in the client's array */
+    tesk_subscriber *next;
+    tesk_subscriber **prev_link;
+};
+
 /* Registers a new client at the head of the list, with the next client_id. Null when memory is
    out. */
 tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref);
@@ -54,10 +63,9 @@ void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_
 /* Removes the subscription at `index`; the last one takes its place. */
 void tesk_client_remove_subscription(tesk_client *client, int32_t index);
 
-/* A walk over the clients that hold a subscription, newest client first; null at its end. */
-tesk_client *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind);
-tesk_client *tesk_client_next_subscriber(const tesk_client *client, uint32_t port_no,
-                                         uint32_t kind);
+/* The subscriber of a port and kind that connected last, its `next` leading to the older ones; or
+   null. */
+const tesk_subscriber *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind);
 
-/* The next client_id is 0 again. */
+/* The next client_id is 0 again. There are no clients any more. */
 void tesk_client_data_reset();

@@ -5,7 +5,6 @@
 #include "tesk_trace.h"
 
 #include <glib.h>
-#include <initializer_list>
 
 /* The two presence fields of a port answer get_sfp_presence without a hardware call and tell a new
    presence from a repeated one. An update writes both. They part only where a first SFP info
@@ -32,32 +31,61 @@ struct tesk_portsub_sfp_info {
 static GArray *port_status_table;
 static GArray *sfp_info_table;
 
-/* Elements of both tables start with the port's number. */
-template <typename record_type>
-static int32_t find_index(const GArray *table, uint32_t port_no)
-{
-    for (guint index = 0; index < table->len; index++)
-        if (g_array_index(table, record_type, index).port_no == port_no)
-            return static_cast<int32_t>(index);
-    return -1;
-}
+/* Where a port's record stands in its table, plus 1; 0 without one. A port that nobody subscribes
+   to costs nothing: its page is never touched. */
+static constexpr uint32_t number_of_ports = 65536;
+using port_index = uint32_t[number_of_ports];
+static port_index port_status_index;
+static port_index sfp_info_index;
 
-template <typename record_type>
-static record_type *find_record(const GArray *table, uint32_t port_no)
+static int32_t find_index(const port_index &index, uint32_t port_no)
 {
-    const int32_t index = find_index<record_type>(table, port_no);
-
-    return index == -1 ? nullptr : &g_array_index(table, record_type, index);
+    return port_no < number_of_ports ? static_cast<int32_t>(index[port_no]) - 1 : -1;
 }
 
 static tesk_portsub_port_status *find_port_status(uint32_t port_no)
 {
-    return find_record<tesk_portsub_port_status>(port_status_table, port_no);
+    const int32_t index = find_index(port_status_index, port_no);
+
+    return index == -1 ? nullptr
+                       : &g_array_index(port_status_table, tesk_portsub_port_status, index);
 }
 
 static tesk_portsub_sfp_info *find_sfp_info(uint32_t port_no)
 {
-    return find_record<tesk_portsub_sfp_info>(sfp_info_table, port_no);
+    const int32_t index = find_index(sfp_info_index, port_no);
+
+    return index == -1 ? nullptr : &g_array_index(sfp_info_table, tesk_portsub_sfp_info, index);
+}
+
+template <typename record_type>
+static void append_record(GArray *table, port_index &index, const record_type &record)
+{
+    g_array_append_vals(table, &record, 1);
+    index[record.port_no] = table->len;
+}
+
+/* The last record takes the removed one's place. */
+template <typename record_type>
+static void remove_record(GArray *table, port_index &index, uint32_t port_no)
+{
+    const uint32_t place = index[port_no] - 1;
+    const uint32_t last = g_array_index(table, record_type, table->len - 1).port_no;
+
+    g_array_remove_index_fast(table, place);
+    index[last] = place + 1;
+    index[port_no] = 0;
+}
+
+template <typename record_type>
+static void free_table(GArray **table, port_index &index)
+{
+    if (*table == nullptr)
+        return;
+    for (guint place = 0; place < (*table)->len; place++)
+        index[g_array_index(*table, record_type, place).port_no] = 0;
+    g_array_free(*table, TRUE);
+    *table = nullptr;
 }
 
 /* Counts one subscriber less. True when it was the last, so that the hardware subscription is to be
@@ -103,12 +131,12 @@ static tesk_sfp_presence tesk_portsub_resolve_sfp_presence(uint32_t port_no)
 
 int32_t tesk_portsub_find_port_status(uint32_t port_no)
 {
-    return find_index<tesk_portsub_port_status>(port_status_table, port_no);
+    return find_index(port_status_index, port_no);
 }
 
 int32_t tesk_portsub_find_sfp_info(uint32_t port_no)
 {
-    return find_index<tesk_portsub_sfp_info>(sfp_info_table, port_no);
+    return find_index(sfp_info_index, port_no);
 }
 
 int32_t tesk_portsub_get_bucket_id(uint32_t port_no)
@@ -131,7 +159,7 @@ int32_t tesk_portsub_add_sfp_info(uint32_t port_no)
         return TESK_FAILURE;
     const tesk_portsub_sfp_info added = {
         .port_no = port_no, .subscribers = 1, .sfp_presence = presence};
-    g_array_append_vals(sfp_info_table, &added, 1);
+    append_record(sfp_info_table, sfp_info_index, added);
     tesk_trace(TESK_TRACE_COURSE,
                "Successfully subscribed for sfp info on port %u with sfp_presence %s", port_no,
                tesk_sfp_presence_str(presence));
@@ -161,7 +189,7 @@ int32_t tesk_portsub_add_port_status(uint32_t port_no)
                                             .bucket_id = bucket_id,
                                             .sfp_presence = presence,
                                             .port_state = PORTSTATE_UNKNOWN};
-    g_array_append_vals(port_status_table, &added, 1);
+    append_record(port_status_table, port_status_index, added);
     tesk_trace(TESK_TRACE_COURSE,
                "Successfully subscribed for port status on port %u with sfp_presence %s", port_no,
                tesk_sfp_presence_str(presence));
@@ -182,8 +210,7 @@ int32_t tesk_portsub_remove_sfp_info(uint32_t port_no)
         record->subscribers++;
         return TESK_FAILURE;
     }
-    g_array_remove_index_fast(sfp_info_table,
-                              static_cast<guint>(tesk_portsub_find_sfp_info(port_no)));
+    remove_record<tesk_portsub_sfp_info>(sfp_info_table, sfp_info_index, port_no);
     return 0;
 }
 
@@ -204,8 +231,7 @@ int32_t tesk_portsub_remove_port_status(uint32_t port_no)
         record->bucket_id = add_bucket(port_no);
         return TESK_FAILURE;
     }
-    g_array_remove_index_fast(port_status_table,
-                              static_cast<guint>(tesk_portsub_find_port_status(port_no)));
+    remove_record<tesk_portsub_port_status>(port_status_table, port_status_index, port_no);
     return 0;
 }
 
@@ -300,9 +326,6 @@ void tesk_portsub_init()
 
 void tesk_portsub_shutdown()
 {
-    for (GArray **table : {&port_status_table, &sfp_info_table}) {
-        if (*table != nullptr)
-            g_array_free(*table, TRUE);
-        *table = nullptr;
-    }
+    free_table<tesk_portsub_port_status>(&port_status_table, port_status_index);
+    free_table<tesk_portsub_sfp_info>(&sfp_info_table, sfp_info_index);
 }

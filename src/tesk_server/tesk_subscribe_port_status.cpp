@@ -130,10 +130,10 @@ static void tesk_send_subscribe_port_status_rej(uint32_t mbox, uint32_t procedur
 
 static void tesk_send_port_status_ind_to_subscribers(uint32_t port_no, const tesk_port_info *info)
 {
-    for (const tesk_client *client =
+    for (const tesk_subscriber *subscriber =
              tesk_client_first_subscriber(port_no, TESK_SUBSCRIPTION_PORT_STATUS);
-         client != nullptr;
-         client = tesk_client_next_subscriber(client, port_no, TESK_SUBSCRIPTION_PORT_STATUS)) {
+         subscriber != nullptr; subscriber = subscriber->next) {
+        const tesk_client *client = subscriber->client;
         tesk_port_status_cache_ind(port_no, client->client_id, client->conn_ref);
         tesk_send_port_status_ind(client->mbox, client->conn_ref, client->procedure_ref, info);
     }

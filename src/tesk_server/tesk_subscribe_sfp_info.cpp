@@ -99,10 +99,10 @@ static void tesk_send_sfp_info_ind_to_subscribers(uint32_t port_no, uint32_t pre
 
     /* A failed read goes out as a module that isn't there. */
     get_sfp_info(port_no, presence, &info);
-    for (const tesk_client *client =
+    for (const tesk_subscriber *subscriber =
              tesk_client_first_subscriber(port_no, TESK_SUBSCRIPTION_SFP_INFO);
-         client != nullptr;
-         client = tesk_client_next_subscriber(client, port_no, TESK_SUBSCRIPTION_SFP_INFO)) {
+         subscriber != nullptr; subscriber = subscriber->next) {
+        const tesk_client *client = subscriber->client;
         tesk_sfp_info_cache_ind(port_no, client->client_id, client->conn_ref);
         tesk_send_sfp_info_ind(client->mbox, client->conn_ref, client->procedure_ref, port_no,
                                &info);

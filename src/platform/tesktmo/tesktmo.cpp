@@ -40,10 +40,10 @@ struct pending_timer {
 struct timer_service {
     uint64_t unit_ns;
     int timer_fd;
-    pthread_t thread;
+    pthread_t thread = {};
     bool is_stopping = false;
-    std::multimap<uint64_t, pending_timer>
-        timers; /* by the time of expiry, in ns of CLOCK_MONOTONIC */
+    /* By the time of expiry, in ns of CLOCK_MONOTONIC. */
+    std::multimap<uint64_t, pending_timer> timers = {};
 };
 
 /* Guards what follows and everything in it. Null while no service runs. */

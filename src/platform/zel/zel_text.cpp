@@ -157,10 +157,10 @@ static void add_time(text_line &line)
     using namespace std::chrono;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    size_t last = utc_offset_count - 1;
-    while (last > 0 && utc_offsets[last].from > now.tv_sec)
-        --last;
-    const sys_seconds local{seconds{now.tv_sec + utc_offsets[last].seconds}};
+    size_t current = utc_offset_count - 1;
+    while (current > 0 && utc_offsets[current].from > now.tv_sec)
+        --current;
+    const sys_seconds local{seconds{now.tv_sec + utc_offsets[current].seconds}};
     const year_month_day date{floor<days>(local)};
     const hh_mm_ss clock{local - floor<days>(local)};
     line.format("%04d-%02u-%02u %02d:%02d:%02d.%06d ", static_cast<int>(date.year()),

@@ -32,7 +32,7 @@ class text_line
     bool is_cut = false;
 };
 
-inline constexpr uint64_t smallest_file_cap = PIPE_BUF;
+inline constexpr uint64_t smallest_file_cap = PIPE_BUF; /* 4096 */
 
 /* Both give the sink, once in the life of the process; the second null with errno when the file
    can't be opened. `cap` is in bytes, at least smallest_file_cap. A line that would make the file
