@@ -78,15 +78,22 @@ void on_operation(const char *operation, uint32_t port_no, int32_t code)
     }
 }
 
+/* How many clients hold it; the port knows the same ones, in the order of the list. */
 unsigned holders(uint32_t port_no, uint32_t kind)
 {
+    const tesk_subscriber *known = tesk_client_first_subscriber(port_no, kind);
     unsigned count = 0;
     for (const tesk_client *client = tesk_client_first(); client != nullptr; client = client->next)
         for (guint index = 0; index < client->subscriptions->len; index++) {
             const auto &held =
                 g_array_index(client->subscriptions, tesk_client_subscription, index);
-            count += held.port_no == port_no && held.kind == kind;
+            if (held.port_no != port_no || held.kind != kind)
+                continue;
+            require(known != nullptr && known->client == client && known->index == index);
+            known = known->next;
+            count++;
         }
+    require(known == nullptr);
     return count;
 }
 

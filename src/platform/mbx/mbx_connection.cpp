@@ -20,7 +20,7 @@
 namespace
 {
 
-constexpr size_t queued_at_most = size_t{8} << 20;      /* for one receiver */
+constexpr size_t queued_at_most = size_t{8} << 20;         /* for one receiver */
 constexpr size_t queued_in_all_at_most = size_t{64} << 20; /* in the process */
 
 std::atomic<size_t> queued_in_all;
@@ -32,8 +32,7 @@ outcome try_send(connection &c, block *b)
 {
     if (send(c.tx.get(), b->signal(), b->size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
         return outcome::sent;
-    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? outcome::full
-                                                                    : outcome::broken;
+    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? outcome::full : outcome::broken;
 }
 
 /* Takes the next block off the queue and out of the accounts. */
@@ -86,7 +85,7 @@ void shed_queues()
     }
 }
 
-void release_descriptors(mailbox &m, connection &c)
+void release_descriptors(connection &c)
 {
     /* A copy of a descriptor in somebody's child must neither keep the connection open nor our
        epoll entries alive: so these steps, before the close. */
@@ -95,8 +94,6 @@ void release_descriptors(mailbox &m, connection &c)
     if (c.watched)
         helper_unwatch(c.tx.get());
     c.watched = false;
-    if (c.rx)
-        epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
     c.control.reset();
     c.tx.reset();
     c.rx.reset();
@@ -166,10 +163,13 @@ void end_connection(mailbox &m, connection &c)
     if (!c.alive())
         return;
     if (c.rx) {
+        /* Out of the epoll first: an end that is shut counts as readable, and the owner must not
+           wake without a signal. */
+        epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
         shutdown(c.rx.get(), SHUT_RD);
         read_all(m, c);
     }
-    release_descriptors(m, c);
+    release_descriptors(c);
     while (block *b = unqueue(c))
         block_give(b);
     while (block *notice = c.monitors.pop()) {
