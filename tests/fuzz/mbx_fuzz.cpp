@@ -78,19 +78,12 @@ sockaddr_un address_of(const std::string &file)
     return address;
 }
 
-int connected(int type, const char *file)
+/* A socket that bind or connect has been called on. */
+int socket_at(const char *file, int type, int (*call)(int, const sockaddr *, socklen_t))
 {
     const sockaddr_un address = address_of(file);
     const int fd = socket(AF_UNIX, type, 0);
-    require(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0);
-    return fd;
-}
-
-int bound(const char *file)
-{
-    const sockaddr_un address = address_of(file);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    require(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0);
+    require(call(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0);
     return fd;
 }
 
@@ -120,48 +113,52 @@ int sending_end(int &rx)
 
 int some_descriptor(stranger &s, uint8_t choice)
 {
-    switch (choice % 10) {
+    static constexpr int types[] = {SOCK_STREAM, SOCK_SEQPACKET, SOCK_DGRAM};
+    switch (choice % 8) {
     case 0:
-        return connected(SOCK_DGRAM, "victim");
+        return socket_at("victim", SOCK_DGRAM, connect);
     case 1:
-        return one_end_of(SOCK_STREAM);
+        return one_end_of(types[choice / 8 % 3]);
     case 2:
-        return one_end_of(SOCK_SEQPACKET);
+        return socket(AF_UNIX, types[choice / 8 % 3], 0);
     case 3:
-        return socket(AF_UNIX, SOCK_DGRAM, 0);
-    case 4:
         return socket(AF_INET, SOCK_DGRAM, 0);
-    case 5:
+    case 4:
         return eventfd(0, 0);
-    case 6:
+    case 5:
         return dup(s.control);
-    case 7:
+    case 6:
         return dup(s.tx != -1 ? s.tx : s.control);
-    case 8:
-        return one_end_of(SOCK_DGRAM);
     default:
         return sending_end(s.rx);
     }
 }
 
-/* Takes the descriptors over. */
-void pass(int to, const void *data, size_t size, std::vector<int> fds)
-{
-    iovec bytes = {const_cast<void *>(data), size};
+struct message {
+    iovec bytes;
     alignas(cmsghdr) char room[CMSG_SPACE(4 * sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    if (!fds.empty()) {
-        message.msg_control = room;
-        message.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
-        cmsghdr *header = CMSG_FIRSTHDR(&message);
+    msghdr header = {};
+
+    message(void *data, size_t size, size_t fds) : bytes{data, size}
+    {
+        header.msg_iov = &bytes;
+        header.msg_iovlen = 1;
+        header.msg_control = fds > 0 ? room : nullptr;
+        header.msg_controllen = fds > 0 ? CMSG_SPACE(fds * sizeof(int)) : 0;
+    }
+};
+
+/* Takes the descriptors over. */
+void pass(int to, void *data, size_t size, std::vector<int> fds)
+{
+    message m(data, size, fds.size());
+    if (cmsghdr *header = CMSG_FIRSTHDR(&m.header)) {
         header->cmsg_level = SOL_SOCKET;
         header->cmsg_type = SCM_RIGHTS;
         header->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
         memcpy(CMSG_DATA(header), fds.data(), fds.size() * sizeof(int));
     }
-    sendmsg(to, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    sendmsg(to, &m.header, MSG_DONTWAIT | MSG_NOSIGNAL);
     for (int &fd : fds)
         drop(fd);
 }
@@ -169,17 +166,11 @@ void pass(int to, const void *data, size_t size, std::vector<int> fds)
 void take_answer(stranger &s)
 {
     greeting answer;
-    iovec bytes = {&answer, sizeof(answer)};
-    alignas(cmsghdr) char room[CMSG_SPACE(sizeof(int))];
-    msghdr message = {};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = room;
-    message.msg_controllen = sizeof(room);
-    if (recvmsg(s.control, &message, MSG_DONTWAIT) <= 0 || CMSG_FIRSTHDR(&message) == nullptr)
+    message m(&answer, sizeof(answer), 1);
+    if (recvmsg(s.control, &m.header, MSG_DONTWAIT) <= 0 || CMSG_FIRSTHDR(&m.header) == nullptr)
         return;
     drop(s.tx);
-    memcpy(&s.tx, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(s.tx));
+    memcpy(&s.tx, CMSG_DATA(CMSG_FIRSTHDR(&m.header)), sizeof(s.tx));
     s.astray = false;
 }
 
@@ -195,35 +186,32 @@ stranger &one_who_is_there(fuzz_input &in)
     stranger &s = strangers[in.byte() % strangers.size()];
     if (s.control == -1) {
         leave(s);
-        s.control = connected(SOCK_SEQPACKET, name);
+        s.control = socket_at(name, SOCK_SEQPACKET, connect);
         s.key = ++last_key & 0xfff;
     }
     return s;
 }
 
-/* Whatever has happened before, the mailbox answers or hangs up. */
+/* Well or badly. Whatever has happened before, the mailbox answers or hangs up. */
 void greet(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
-    const uint8_t choice = in.byte();
+    const uint8_t how = in.byte();
     greeting hello;
-    hello.kind = choice < 250 ? 1 : choice - 250u;
-    hello.token[0] = choice % 16 == 0 ? 1 : s.key;
-    pass(s.control, &hello, sizeof(hello), {sending_end(s.rx)});
+    size_t size = sizeof(hello);
+    hello.token[0] = how % 16 == 0 ? 1 : s.key;
+    std::vector<int> fds(how < 160 ? 1 : how / 2 % 4);
+    for (int &fd : fds)
+        fd = how < 160 ? sending_end(s.rx) : some_descriptor(s, in.byte());
+    if (how >= 224) {
+        reinterpret_cast<uint8_t *>(&hello)[in.byte() % sizeof(hello)] ^= in.byte();
+        size -= in.byte() / 2 % sizeof(hello);
+    }
+    pass(s.control, &hello, size, fds);
+    if (how % 8 == 1)
+        return;
     require(is_readable(s.control, patience_ms));
     take_answer(s);
-}
-
-void greet_badly(fuzz_input &in)
-{
-    stranger &s = one_who_is_there(in);
-    greeting hello;
-    std::vector<int> fds(in.byte() % 4);
-    for (int &fd : fds)
-        fd = some_descriptor(s, in.byte());
-    reinterpret_cast<uint8_t *>(&hello)[in.byte() % sizeof(hello)] ^= in.byte();
-    const uint8_t size = in.byte();
-    pass(s.control, &hello, size < 32 ? size % sizeof(hello) : sizeof(hello), fds);
 }
 
 void send_signals(fuzz_input &in)
@@ -246,13 +234,20 @@ void send_signals(fuzz_input &in)
     }
 }
 
+void lead_astray(stranger &s, const sockaddr *address, socklen_t length)
+{
+    if (connect(s.tx, address, length) == 0)
+        s.astray = true;
+}
+
 void disturb(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
     const uint8_t choice = in.byte();
-    const sockaddr_un address = address_of(choice & 8 ? "elsewhere" : "nowhere");
+    const sockaddr_un address = address_of("elsewhere");
     const sockaddr nobody = {.sa_family = AF_UNSPEC, .sa_data = {}};
     const int smallest = 1;
+    char byte = 1;
     switch (choice % 8) {
     case 0:
         shutdown(s.control, choice / 8 % 3);
@@ -261,12 +256,10 @@ void disturb(fuzz_input &in)
         shutdown(s.tx, choice / 8 % 3);
         break;
     case 2:
-        if (connect(s.tx, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
-            s.astray = true;
+        lead_astray(s, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
         break;
     case 3:
-        if (connect(s.tx, &nobody, sizeof(nobody)) == 0)
-            s.astray = true;
+        lead_astray(s, &nobody, sizeof(nobody));
         break;
     case 4:
         setsockopt(s.tx, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof(smallest));
@@ -277,8 +270,8 @@ void disturb(fuzz_input &in)
     case 6:
         leave(s);
         break;
-    default:
-        pass(s.tx, "hello", 2, {some_descriptor(s, choice / 8)});
+    default: /* what it carries is for nobody */
+        pass(s.tx, &byte, 1, {some_descriptor(s, choice / 8)});
         break;
     }
 }
@@ -346,9 +339,9 @@ void send_to_self(fuzz_input &)
     send_as(from_self, own, 4);
 }
 
-void (*const steps[])(fuzz_input &in) = {greet,   send_signals, receive, greet_badly,
+void (*const steps[])(fuzz_input &in) = {greet,   send_signals, receive, greet,
                                          disturb, send_signals, receive, owner_acts,
-                                         greet,   send_to_self, receive, greet};
+                                         greet,   send_to_self};
 
 void be_a_client()
 {
@@ -425,8 +418,8 @@ bool start()
     require(mbx_init(5, 0, 0, 0, 0) == 0);
     own = mbx_create_mailbox(name, 0);
     require(own != MBX_NO_MAILBOX);
-    victim = bound("victim");
-    elsewhere = bound("elsewhere");
+    victim = socket_at("victim", SOCK_DGRAM, bind);
+    elsewhere = socket_at("elsewhere", SOCK_DGRAM, bind);
     return atexit(clean_up) == 0;
 }
 
