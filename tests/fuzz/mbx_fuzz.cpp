@@ -198,7 +198,7 @@ stranger &one_who_is_there(fuzz_input &in)
     if (s.control == -1) {
         leave(s);
         s.control = socket_at(name, SOCK_SEQPACKET, connect);
-        s.key = ++last_key & 0xfff;
+        s.key = last_key = last_key % 0xfff + 1;
     }
     return s;
 }
