@@ -7,11 +7,8 @@
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
 
-#include <arpa/inet.h>
 #include <array>
-#include <cerrno>
 #include <cstring>
-#include <deque>
 #include <map>
 #include <poll.h>
 #include <set>
@@ -28,14 +25,17 @@ namespace
 
 constexpr char name[] = "fuzzed";
 constexpr int patience_ms = 10000;
+constexpr uint32_t sizes[] = {4, 5, 8, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3, MBX_LARGEST_SIGNAL + 1};
+constexpr uint32_t good_sizes = 6; /* the first ones */
 
-/* The upper half of a signal's number tells who made it. */
+/* The upper half of a signal's number tells who made it: from_key is added to the stranger's key, 0
+   for the owner himself. */
 enum origin : uint32_t { from_owner = 0x2000, from_client, from_key = 0x4000 };
 
 /* How a control connection begins, on the wire. */
 struct greeting {
     uint32_t magic = 0x3178626d;
-    uint32_t kind = 1; /* hello, welcome, known */
+    uint32_t kind = 1; /* hello */
     uint64_t token[2] = {};
 };
 
@@ -47,32 +47,21 @@ struct stranger {
     bool astray;  /* tx leads elsewhere by now */
 };
 
-/* What the mailbox has still to receive on one connection: number and size. The owner's own signals
-   have the key 0. */
+/* One sender's signals: what the kernel has taken, and what the owner has got. */
 struct journal {
-    std::deque<std::pair<uint32_t, uint32_t>> sent;
+    uint32_t sent = 0;
+    uint32_t received = 0;
     uint32_t sender = 0;
-    uint16_t count = 0;
-
-    uint32_t next_number(uint32_t key) const
-    {
-        return (from_key | key) << 16 | count;
-    }
-    void add(uint32_t number, uint32_t size)
-    {
-        sent.emplace_back(number, size);
-        count++;
-    }
 };
 
-std::string directory;
-uint32_t own;
+sockaddr_un victim_address;
 std::array<stranger, 8> strangers;
-std::map<uint32_t, journal> journals;
-std::map<uint32_t, uint32_t> key_of; /* by the sender's mailbox */
+std::map<uint32_t, journal> journals; /* by key */
+std::map<uint32_t, uint32_t> key_of;  /* by the sender's mailbox */
 std::set<uint32_t> monitored, told;
-uint32_t last_key;
-int victim, elsewhere; /* sockets with an address: whoever is made to write there is abused */
+uint32_t own, last_key;
+int victim;       /* has an address: whoever is made to write there is abused */
+bool some_astray; /* a stranger may connect what is his to it once he is let in */
 
 void drop(int &fd)
 {
@@ -81,18 +70,8 @@ void drop(int &fd)
     fd = -1;
 }
 
-sockaddr_un address_of(const std::string &file)
+int socket_at(const sockaddr_un &address, int type, int (*call)(int, const sockaddr *, socklen_t))
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    snprintf(address.sun_path, sizeof(address.sun_path), "%s/%s", directory.c_str(), file.c_str());
-    return address;
-}
-
-/* A socket that bind or connect has been called on. */
-int socket_at(const char *file, int type, int (*call)(int, const sockaddr *, socklen_t))
-{
-    const sockaddr_un address = address_of(file);
     const int fd = socket(AF_UNIX, type, 0);
     require(call(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0);
     return fd;
@@ -104,46 +83,27 @@ bool is_readable(int fd, int timeout_ms)
     return poll(&wanted, 1, timeout_ms) == 1;
 }
 
-int one_end_of(int type)
+/* One end of a pair; the other one stays in `kept`. */
+int pair_end(int type, int &kept)
 {
     int ends[2];
     require(socketpair(AF_UNIX, type, 0, ends) == 0);
-    close(ends[1]);
-    return ends[0];
-}
-
-/* A pair for the mailbox to send through: what it is given, and what stays in `rx`. */
-int sending_end(int &rx)
-{
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends) == 0);
-    drop(rx);
-    rx = ends[0];
+    drop(kept);
+    kept = ends[0];
     return ends[1];
 }
 
-int some_descriptor(stranger &s, uint8_t choice)
-{
-    static constexpr int types[] = {SOCK_STREAM, SOCK_SEQPACKET, SOCK_DGRAM};
-    switch (choice % 8) {
-    case 0:
-        return socket_at("victim", SOCK_DGRAM, connect);
-    case 1:
-        return one_end_of(types[choice / 8 % 3]);
-    case 2:
-        return socket(AF_UNIX, types[choice / 8 % 3], 0);
-    case 3:
-        return socket(AF_INET, SOCK_DGRAM, 0);
-    case 4:
-        return eventfd(0, 0);
-    case 5:
-        return dup(s.control);
-    case 6:
-        return dup(s.tx != -1 ? s.tx : s.control);
-    default:
-        return sending_end(s.rx);
-    }
-}
+int (*const descriptors[])(stranger &s) = {
+    [](stranger &s) { return pair_end(SOCK_DGRAM, s.rx); },
+    [](stranger &) { return socket_at(victim_address, SOCK_DGRAM, connect); },
+    [](stranger &s) { return pair_end(SOCK_STREAM, s.rx); },
+    [](stranger &s) { return pair_end(SOCK_SEQPACKET, s.rx); },
+    [](stranger &) { return socket(AF_UNIX, SOCK_DGRAM, 0); },
+    [](stranger &) { return socket(AF_INET, SOCK_DGRAM, 0); },
+    [](stranger &) { return eventfd(0, 0); },
+    [](stranger &s) { return dup(s.control); },
+    [](stranger &s) { return dup(s.tx != -1 ? s.tx : s.control); },
+};
 
 struct message {
     iovec bytes;
@@ -194,10 +154,12 @@ void leave(stranger &s)
 
 stranger &one_who_is_there(fuzz_input &in)
 {
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
     stranger &s = strangers[in.byte() % strangers.size()];
     if (s.control == -1) {
         leave(s);
-        s.control = socket_at(name, SOCK_SEQPACKET, connect);
+        snprintf(address.sun_path, sizeof(address.sun_path), "%s/%s", getenv("MBX_DIR"), name);
+        s.control = socket_at(address, SOCK_SEQPACKET, connect);
         s.key = last_key = last_key % 0xfff + 1;
     }
     return s;
@@ -213,7 +175,7 @@ void greet(fuzz_input &in)
     hello.token[0] = how % 16 == 0 ? 1 : s.key;
     std::vector<int> fds(how < 160 ? 1 : how / 2 % 4);
     for (int &fd : fds)
-        fd = how < 160 ? sending_end(s.rx) : some_descriptor(s, in.byte());
+        fd = how < 160 ? descriptors[0](s) : in.one_of(descriptors)(s);
     if (how >= 224) {
         reinterpret_cast<uint8_t *>(&hello)[in.byte() % sizeof(hello)] ^= in.byte();
         size -= in.byte() / 2 % sizeof(hello);
@@ -225,64 +187,49 @@ void greet(fuzz_input &in)
     take_answer(s);
 }
 
+uint32_t next_number(uint32_t key, uint32_t size_index)
+{
+    return (from_key | key) << 16 | (journals[key].sent & 0xfff) << 4 | size_index;
+}
+
 void send_signals(fuzz_input &in)
 {
-    static constexpr uint32_t sizes[] = {
-        4, 5, 8, 16, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3, MBX_LARGEST_SIGNAL + 1};
     static std::vector<uint32_t> data(MBX_LARGEST_SIGNAL / 4 + 1);
     stranger &s = one_who_is_there(in);
-    const uint32_t size = in.one_of(sizes);
-    const int count = in.byte() % 8 == 0 ? 300 : 1;
-    journal &j = journals[s.key];
-    for (int done = 0; done < count && s.tx != -1; done++) {
-        data[0] = j.next_number(s.key);
-        if (send(s.tx, data.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+    const uint32_t size_index = in.byte() % std::size(sizes);
+    for (int count = in.byte() % 8 == 0 ? 300 : 1; count > 0 && s.tx != -1; count--) {
+        data[0] = next_number(s.key, size_index);
+        if (send(s.tx, data.data(), sizes[size_index], MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
             return;
-        if (!s.astray && size >= sizeof(mbx_signal) && size <= MBX_LARGEST_SIGNAL)
-            j.add(data[0], size);
+        if (!s.astray && size_index < good_sizes)
+            journals[s.key].sent++;
     }
 }
 
-void lead_astray(stranger &s, const sockaddr *address, socklen_t length)
+void lead_astray(stranger &s, sa_family_t family)
 {
-    if (connect(s.tx, address, length) == 0)
-        s.astray = true;
+    sockaddr_un address = victim_address;
+    address.sun_family = family;
+    if (connect(s.tx, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
+        s.astray = some_astray = true;
 }
+
+void (*const disturbances[])(stranger &s, int choice) = {
+    [](stranger &s, int choice) { shutdown(s.control, choice % 3); },
+    [](stranger &s, int choice) { shutdown(s.tx, choice % 3); },
+    [](stranger &s, int) { lead_astray(s, AF_UNIX); },
+    [](stranger &s, int) { lead_astray(s, AF_UNSPEC); },
+    [](stranger &s, int choice) { setsockopt(s.tx, SOL_SOCKET, SO_SNDBUF, &choice, sizeof(int)); },
+    [](stranger &s, int choice) { drop(choice % 2 == 0 ? s.rx : s.tx); },
+    [](stranger &s, int) { leave(s); },
+    /* Too short for a signal: what it carries is for nobody. */
+    [](stranger &s, int choice) { pass(s.tx, &s.key, 1, {descriptors[choice % 9](s)}); },
+};
 
 void disturb(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
-    const uint8_t choice = in.byte();
-    const sockaddr_un address = address_of("elsewhere");
-    const sockaddr nobody = {.sa_family = AF_UNSPEC, .sa_data = {}};
-    const int smallest = 1;
-    char byte = 1;
-    switch (choice % 8) {
-    case 0:
-        shutdown(s.control, choice / 8 % 3);
-        break;
-    case 1:
-        shutdown(s.tx, choice / 8 % 3);
-        break;
-    case 2:
-        lead_astray(s, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
-        break;
-    case 3:
-        lead_astray(s, &nobody, sizeof(nobody));
-        break;
-    case 4:
-        setsockopt(s.tx, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof(smallest));
-        break;
-    case 5:
-        drop(choice & 8 ? s.rx : s.tx);
-        break;
-    case 6:
-        leave(s);
-        break;
-    default: /* what it carries is for nobody */
-        pass(s.tx, &byte, 1, {some_descriptor(s, choice / 8)});
-        break;
-    }
+    in.one_of(disturbances)(s, in.byte());
 }
 
 /* One that is there; the caller frees it. */
@@ -291,25 +238,21 @@ mbx_signal *receive_one()
     mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER);
     require(signal != nullptr);
     const uint32_t sender = mbx_sender(signal);
+    const uint32_t key = (signal->number >> 16) - from_key;
     if (signal->number == MBX_MONITOR_DEFAULT_NO) {
         require(monitored.erase(sender) == 1);
         told.insert(sender);
         return signal;
     }
-    require(!told.contains(sender));
-    const uint32_t key = (signal->number >> 16) - from_key;
-    if (signal->number >> 16 < from_key) {
-        require(sender != own);
+    require(!told.contains(sender) && (key == 0) == (sender == own));
+    if (signal->number >> 16 < from_key)
         return signal;
-    }
     journal &j = journals[key];
-    require(!j.sent.empty() && j.sent.front() == std::pair(signal->number, mbx_size(signal)));
-    j.sent.pop_front();
-    require((key == 0) == (sender == own));
+    require(j.received < j.sent && (j.received++ & 0xfff) == (signal->number >> 4 & 0xfff));
+    require(mbx_size(signal) == sizes[signal->number & 0xf]);
     require(j.sender == 0 || j.sender == sender);
     j.sender = sender;
-    if (key != 0)
-        require(key_of.emplace(sender, key).first->second == key);
+    require(key == 0 || key_of.emplace(sender, key).first->second == key);
     return signal;
 }
 
@@ -321,9 +264,9 @@ void receive(fuzz_input &)
     mbx_free(&signal);
 }
 
-void send_as(uint32_t origin, uint32_t receiver, size_t size)
+void send_as(uint32_t number, uint32_t receiver, size_t size)
 {
-    mbx_signal *signal = mbx_alloc(size, origin << 16);
+    mbx_signal *signal = mbx_alloc(size, number);
     mbx_send(&signal, receiver, MBX_OWN_MAILBOX);
 }
 
@@ -335,20 +278,16 @@ void owner_acts(fuzz_input &in)
     const uint8_t choice = in.byte();
     const uint32_t peer =
         std::next(key_of.begin(), choice % static_cast<int>(key_of.size()))->first;
-    if (choice >= 128 && !monitored.contains(peer)) {
+    if (choice >= 128 && monitored.insert(peer).second)
         mbx_monitor(peer, nullptr);
-        monitored.insert(peer);
-    }
     for (int count = in.byte() % 100; count > 0; count--)
-        send_as(from_owner, peer, choice % 2 == 0 ? 96 : MBX_LARGEST_SIGNAL);
+        send_as(from_owner << 16, peer, choice % 2 == 0 ? 96 : MBX_LARGEST_SIGNAL);
 }
 
 void send_to_self(fuzz_input &)
 {
-    journal &j = journals[0];
-    mbx_signal *signal = mbx_alloc(sizeof(mbx_signal), j.next_number(0));
-    j.add(signal->number, sizeof(mbx_signal));
-    mbx_send(&signal, own, MBX_OWN_MAILBOX);
+    send_as(next_number(0, 0), own, sizes[0]);
+    journals[0].sent++;
 }
 
 void (*const steps[])(fuzz_input &in) = {greet,   send_signals, receive, greet,
@@ -360,7 +299,7 @@ void be_a_client()
     require(mbx_create_mailbox(nullptr, 0) != MBX_NO_MAILBOX);
     const uint32_t server = mbx_locate(name);
     require(server != MBX_NO_MAILBOX);
-    send_as(from_client, server, 1000);
+    send_as(from_client << 16, server, 1000);
     mbx_signal *answer = mbx_receive(nullptr, patience_ms, server);
     require(answer != nullptr && answer->number == from_owner << 16);
     mbx_free(&answer);
@@ -375,7 +314,7 @@ void serve_a_client()
         mbx_signal *signal = receive_one();
         origin = signal->number >> 16;
         if (origin == from_client)
-            send_as(from_owner, mbx_sender(signal), 4);
+            send_as(from_owner << 16, mbx_sender(signal), 4);
         mbx_free(&signal);
     }
     client.join();
@@ -384,13 +323,13 @@ void serve_a_client()
 bool something_is_missing()
 {
     for (const auto &[key, j] : journals)
-        if (!j.sent.empty())
+        if (j.received < j.sent)
             return true;
     return !monitored.empty();
 }
 
 /* Everybody goes; everything that was sent, and every death, is still told. */
-void end()
+void end(fuzz_input &in)
 {
     for (stranger &s : strangers)
         leave(s);
@@ -399,16 +338,15 @@ void end()
             mbx_monitor(peer, nullptr);
     while (something_is_missing()) {
         require(is_readable(mbx_get_fd(), patience_ms));
-        mbx_signal *signal = receive_one();
-        mbx_free(&signal);
+        receive(in);
     }
     while (mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER))
         mbx_free(&signal);
     require(!is_readable(mbx_get_fd(), 0));
     char byte;
-    require(recv(victim, &byte, 1, MSG_DONTWAIT) == -1);
-    while (recv(elsewhere, &byte, 1, MSG_DONTWAIT) != -1) {
-    }
+    while (recv(victim, &byte, 1, MSG_DONTWAIT) != -1)
+        require(some_astray);
+    some_astray = false;
     journals.clear();
     key_of.clear();
     told.clear();
@@ -417,21 +355,20 @@ void end()
 void clean_up()
 {
     mbx_exit();
-    for (const char *file : {"victim", "elsewhere"})
-        unlink(address_of(file).sun_path);
-    require(rmdir(directory.c_str()) == 0);
+    unlink(victim_address.sun_path);
+    require(rmdir(getenv("MBX_DIR")) == 0);
 }
 
 bool start()
 {
     char path[] = "/tmp/mbx-fuzz-XXXXXX";
-    directory = mkdtemp(path);
-    setenv("MBX_DIR", path, 1);
+    setenv("MBX_DIR", mkdtemp(path), 1);
     require(mbx_init(5, 0, 0, 0, 0) == 0);
     own = mbx_create_mailbox(name, 0);
     require(own != MBX_NO_MAILBOX);
-    victim = socket_at("victim", SOCK_DGRAM, bind);
-    elsewhere = socket_at("elsewhere", SOCK_DGRAM, bind);
+    victim_address.sun_family = AF_UNIX;
+    snprintf(victim_address.sun_path, sizeof(victim_address.sun_path), "%s/victim", path);
+    victim = socket_at(victim_address, SOCK_DGRAM, bind);
     return atexit(clean_up) == 0;
 }
 
@@ -445,6 +382,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (int count = 0; count < 200 && !in.empty(); count++)
         in.one_of(steps)(in);
     serve_a_client();
-    end();
+    end(in);
     return 0;
 }
