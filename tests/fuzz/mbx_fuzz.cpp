@@ -8,6 +8,7 @@
 #include "platform/mbx/mbx_local.h"
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <poll.h>
@@ -80,7 +81,11 @@ int socket_at(const sockaddr_un &address, int type, int (*call)(int, const socka
 bool is_readable(int fd, int timeout_ms)
 {
     pollfd wanted = {fd, POLLIN, 0};
-    return poll(&wanted, 1, timeout_ms) == 1;
+    int count;
+    do {
+        count = poll(&wanted, 1, timeout_ms); /* the fuzzer's alarm interrupts it */
+    } while (count == -1 && errno == EINTR);
+    return count == 1;
 }
 
 /* One end of a pair; the other one stays in `kept`. */
