@@ -24,7 +24,8 @@ struct outcome {
     int status;
 };
 
-/* Runs the executable. `stop_at`: SIGTERM is sent when this line has come. */
+/* Runs the executable. `stop_at`: SIGTERM is sent when this line and that of the event thread,
+   which may be the one that it hits, have come. */
 static outcome run_server(const char *failing, const std::string &stop_at, bool pending = false)
 {
     int out[2];
@@ -50,12 +51,14 @@ static outcome run_server(const char *failing, const std::string &stop_at, bool 
     outcome result;
     FILE *stream = fdopen(out[0], "r");
     char line[512];
+    bool thread_started = false;
     while (fgets(line, sizeof(line), stream) != nullptr) {
         std::string text(line, strcspn(line, "\n"));
-        /* The event thread starts beside the main thread. */
-        if (text != "thread tesk-s-dolm-e")
+        if (text == "thread tesk-s-dolm-e")
+            thread_started = true; /* beside the main thread, at any place of the log */
+        else
             result.log.push_back(text);
-        if (text == stop_at)
+        if (thread_started && !result.log.empty() && result.log.back() == stop_at)
             kill(child, SIGTERM);
     }
     fclose(stream);

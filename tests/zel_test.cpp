@@ -13,6 +13,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <sys/time.h>
 #include <thread>
 #include <unistd.h>
 
@@ -45,8 +46,8 @@ static void start(const settings &environment)
 {
     for (const auto &[name, value] : environment)
         setenv(name, value.c_str(), 1);
-    signal(SIGUSR1, format_and_trace);
-    signal(SIGUSR2, format_and_trace);
+    for (const int number : {SIGUSR1, SIGUSR2, SIGALRM})
+        signal(number, format_and_trace);
     zel_init();
 }
 
@@ -88,10 +89,9 @@ TEST_F(zel, the_settings_decide_the_mask_of_every_thread_and_whether_lttng_is_lo
 {
     const std::pair<settings, const char *> cases[] = {
         {{{"ZEL_GROUPS", "all"}}, "^0 0 0 0 0 0$"},
-        {{{"ZEL_SINK", "stderr"}}, "^12 12 12 12 0 0$"},
-        {{{"ZEL_SINK", "stdout"}, {"ZEL_GROUPS", "1,4,12"}}, "^1012 1012 1012 1012 0 0$"},
-        {{{"ZEL_SINK", "stderr"}, {"ZEL_GROUPS", "1,32"}},
-         "^libzel: ZEL_GROUPS=1,32: .*\n12 12 12"},
+        {{{"ZEL_SINK", "stderr"}}, "^12 0 12 12 0 0$"},
+        {{{"ZEL_SINK", "stdout"}, {"ZEL_GROUPS", "1,4,12"}}, "^1012 0 1012 1012 0 0$"},
+        {{{"ZEL_SINK", "stderr"}, {"ZEL_GROUPS", "1,32"}}, "^libzel: ZEL_GROUPS=1,32: .*\n12 0 12"},
         {{{"ZEL_SINK", "no\nne"}}, "^libzel: ZEL_SINK=no\\\\nne: .*\n0 0 0 0"},
         {{{"ZEL_SINK", "file:/nowhere/x"}}, "^libzel: ZEL_SINK=file:/nowhere/x: .*\n0 0 0 0"},
         {{{"ZEL_SINK", "file:/dev/null"}, {"ZEL_FILE_SIZE", "9k"}},
@@ -158,43 +158,60 @@ TEST_F(zel, a_formatted_text_holds_2_kib_and_outlives_the_handlers_on_top_of_it)
     EXPECT_EXIT(format_under_handlers(), is_well, "");
 }
 
-/* Handlers that trace on top of threads that trace, into a file that rolls over all the while; then
-   a thread alone, whose file is never larger than its cap and loses no line but the oldest. */
-TEST_F(zel, a_storm_of_signals_on_a_file_that_rolls_over_leaves_every_line_and_text_whole)
+TEST_F(zel, a_full_file_rolls_over_and_only_the_oldest_lines_are_lost)
+{
+    const auto trace_500_lines = [&] {
+        std::filesystem::current_path(directory);
+        start({{"ZEL_SINK", "file:trace"}, {"ZEL_FILE_SIZE", "4096"}});
+        std::filesystem::current_path("/");
+        for (int i = 0; i < 500; ++i)
+            lttngZelTrace(1, "f", 1, formatStr("line %03d", i), procInfo);
+        exit(0);
+    };
+    EXPECT_EXIT(trace_500_lines(), is_well, "");
+    const std::string older = read_file(file + ".1"), newer = read_file(file);
+    const size_t line_size = newer.find('\n') + 1, lines_in_full_file = 4096 / line_size;
+    EXPECT_EQ(older.size(), lines_in_full_file * line_size);
+    EXPECT_EQ(newer.size(), 500 % lines_in_full_file * line_size);
+    EXPECT_TRUE(newer.ends_with(" line 499\n"));
+}
+
+/* Handlers that trace on top of threads that trace, into a file that rolls over all the while. */
+TEST_F(zel, a_storm_of_signals_leaves_every_line_and_text_whole)
 {
     const std::string long_text(1500, 'w');
     const auto trace_in_storm = [&] {
-        std::filesystem::current_path(directory);
-        start({{"ZEL_SINK", "file:trace"}, {"ZEL_FILE_SIZE", "8192"}});
-        std::filesystem::current_path("/");
-        std::atomic<int> broken = 0, running = 2;
+        start({{"ZEL_SINK", "file:" + file}, {"ZEL_FILE_SIZE", "900000"}});
+        std::atomic<bool> is_broken = false;
         const auto work = [&] {
             for (int i = 0; i < 3000; ++i) {
                 const char *text = formatStr("%d %s", i, long_text.c_str());
-                broken += text != std::to_string(i) + " " + long_text;
+                if (text != std::to_string(i) + " " + long_text)
+                    is_broken = true;
                 lttngZelTrace(4, "w", 1, i % 10 ? "short" : text, procInfo);
             }
-            for (--running; running > 0;)
-                sched_yield();
         };
-        std::thread threads[] = {std::thread(work), std::thread(work)};
-        while (running > 0)
-            for (std::thread &thread : threads)
-                pthread_kill(thread.native_handle(), SIGUSR1);
-        for (std::thread &thread : threads)
-            thread.join();
-        for (int i = 0; i < 20; ++i)
-            lttngZelTrace(4, "w", 1, formatStr("%d %s", i % 10, long_text.c_str()), procInfo);
-        exit(broken);
+        std::thread other([&] {
+            zel_register_thread_name("zel_test");
+            work();
+        });
+        const itimerval often{{0, 500}, {0, 500}}, never{};
+        setitimer(ITIMER_REAL, &often, nullptr);
+        work();
+        setitimer(ITIMER_REAL, &never, nullptr);
+        other.join();
+        exit(is_broken);
     };
     EXPECT_EXIT(trace_in_storm(), is_well, "");
-    const std::string older = read_file(file + ".1"), newer = read_file(file);
-    EXPECT_TRUE(older.size() > 6000 && older.size() <= 8192 && newer.size() <= 8192);
-    std::istringstream lines(older + newer);
-    for (std::string line; std::getline(lines, line);)
-        EXPECT_TRUE(line.ends_with("zel_test 4 h:1: handler") || line.ends_with("4 w:1: short") ||
-                    line.ends_with(long_text))
-            << line;
+    std::istringstream lines(read_file(file + ".1") + read_file(file));
+    int count = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const bool is_short = line.substr(26) == " zel_test 4 w:1: short";
+        const bool is_long = line.size() < 1560 && line.ends_with(" " + long_text);
+        EXPECT_TRUE(is_short || is_long || line.substr(26) == " zel_test 4 h:1: handler") << line;
+        count += is_short || is_long;
+    }
+    EXPECT_EQ(count, 6000);
 }
 
 TEST_F(zel, babeltrace2_reads_what_was_traced_with_lttng)

@@ -76,8 +76,8 @@ enum tesk_client_measurement {
 };
 
 enum tesk_client_environment {
-    TESK_CLIENT_ENVIRONMENT_OTHER = 0,
-    TESK_CLIENT_ENVIRONMENT_RAISED = 1, /* the module's status word is 2 */
+    TESK_CLIENT_ENVIRONMENT_CLEAR = 0,
+    TESK_CLIENT_ENVIRONMENT_SET = 1, /* the module's status word is 2 */
     TESK_CLIENT_ENVIRONMENT_NOT_READ = 5,
 };
 
@@ -211,7 +211,7 @@ typedef struct tesk_client_options {
     uint32_t window;           /* requests on their way to the server at once; 16; others queue */
     bool reconnect;            /* look for the server again when it has gone, and subscribe again */
     uint32_t retry_ms;         /* before the first look, doubled for each next one; 100 */
-    uint32_t longest_retry_ms; /* where the doubling ends; 5000 */
+    uint32_t longest_retry_ms; /* where the doubling ends; 2000 */
     void (*on_sfp_info)(const tesk_client_sfp_info *info, void *user);
     void (*on_port_status)(const tesk_client_port_status *status, void *user);
     void (*on_event)(const tesk_client_event *event, void *user);
@@ -235,8 +235,9 @@ bool tesk_client_connected(const tesk_client_session *session);
    included. It stays the same for the life of the session and belongs to it. */
 int tesk_client_fd(const tesk_client_session *session);
 
-/* Does what is to be done, without waiting, and calls the callbacks. TESK_CLIENT_LOST when the
-   server has gone and the session doesn't look for it again: the descriptor then says nothing more.
+/* Does what is to be done and calls the callbacks. Waits for nothing, but for libmbx where a
+   session that reconnects looks for a server that is there and doesn't move. TESK_CLIENT_LOST when
+   the server has gone and the session doesn't look for it: the descriptor then says nothing more.
  */
 tesk_client_result tesk_client_dispatch(tesk_client_session *session);
 

@@ -58,7 +58,7 @@ tesk_client_options with_defaults(tesk_client_options options)
     use_default(options.deadline_ms, 2000);
     use_default(options.window, 16);
     use_default(options.retry_ms, 100);
-    use_default(options.longest_retry_ms, 5000);
+    use_default(options.longest_retry_ms, 2000);
     return options;
 }
 

@@ -27,8 +27,7 @@ constexpr const char *measurement_texts[] = {
     "tx power", "rx power", "tx bias", "vcc", "temperature", "laser temperature", "tec",
 };
 static_assert(std::size(measurement_texts) == TESK_CLIENT_MEASUREMENTS);
-constexpr const char *environment_texts[] = {"clear", "raised", nullptr,
-                                             nullptr, nullptr,  "not read"};
+constexpr const char *environment_texts[] = {"clear", "set", nullptr, nullptr, nullptr, "not read"};
 constexpr const char *port_state_texts[] = {"unknown", "up", "down"};
 constexpr const char *presence_texts[] = {
     "not present", "present, not ready", "present and ready", "unknown", "unsupported port",

@@ -41,10 +41,8 @@ static void tesk_send_get_pm_counters_rej(uint32_t mbox, uint32_t procedure_ref,
                                           uint32_t connection_ref, int32_t error_code,
                                           const char *error_description, uint32_t port_no)
 {
-    tesk_send_port_rej(TESK_GET_PM_COUNTERS_REJ,
-                       "Sent signal TESK_GET_PM_COUNTERS_REJ:procedure_ref: %u, connection_ref: "
-                       "%u, error_code: %d, error_description: %s, mbox: 0x%x, port_no: %u",
-                       mbox, procedure_ref, connection_ref, error_code, error_description, port_no);
+    tesk_send_port_rej(TESK_GET_PM_COUNTERS_REJ, "TESK_GET_PM_COUNTERS_REJ", mbox, procedure_ref,
+                       connection_ref, error_code, error_description, port_no);
 }
 
 static void tesk_pm_set_error(int32_t result, int32_t *error_code,

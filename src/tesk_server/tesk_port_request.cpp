@@ -41,7 +41,7 @@ void tesk_port_request_reject(const tesk_port_request *request, int32_t error_co
                                  error_code, error_description, request->port_no);
 }
 
-void tesk_send_port_cfm(uint32_t number, const char *text, uint32_t mbox, uint32_t procedure_ref,
+void tesk_send_port_cfm(uint32_t number, const char *name, uint32_t mbox, uint32_t procedure_ref,
                         uint32_t conn_ref, uint32_t port_no)
 {
     mbx_signal *signal = mbx_alloc(sizeof(tesk_port_signal), number);
@@ -50,13 +50,14 @@ void tesk_send_port_cfm(uint32_t number, const char *text, uint32_t mbox, uint32
     cfm->procedure_ref = procedure_ref;
     cfm->connection_ref = conn_ref;
     cfm->port_no = port_no;
-    tesk_trace_sent(number, mbox, text, cfm->procedure_ref, cfm->connection_ref, mbox,
-                    cfm->port_no);
+    tesk_trace_sent(number, mbox,
+                    "Sent signal %s:procedure_ref: %u, connection_ref: %u, mbox: 0x%x, port_no: %u",
+                    name, cfm->procedure_ref, cfm->connection_ref, mbox, cfm->port_no);
     tesk_turn(*cfm);
     mbx_send(&signal, mbox, MBX_OWN_MAILBOX);
 }
 
-void tesk_send_port_rej(uint32_t number, const char *text, uint32_t mbox, uint32_t procedure_ref,
+void tesk_send_port_rej(uint32_t number, const char *name, uint32_t mbox, uint32_t procedure_ref,
                         uint32_t conn_ref, int32_t error_code, const char *error_description,
                         uint32_t port_no)
 {
@@ -68,7 +69,10 @@ void tesk_send_port_rej(uint32_t number, const char *text, uint32_t mbox, uint32
     rej->port_no = port_no;
     rej->error_code = error_code;
     tesk_copy_text(rej->error_description, error_description);
-    tesk_trace_sent(number, mbox, text, rej->procedure_ref, rej->connection_ref, rej->error_code,
+    tesk_trace_sent(number, mbox,
+                    "Sent signal %s:procedure_ref: %u, connection_ref: %u, error_code: %d, "
+                    "error_description: %s, mbox: 0x%x, port_no: %u",
+                    name, rej->procedure_ref, rej->connection_ref, rej->error_code,
                     rej->error_description, mbox, rej->port_no);
     tesk_turn(*rej);
     mbx_send(&signal, mbox, MBX_OWN_MAILBOX);

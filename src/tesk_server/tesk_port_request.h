@@ -37,13 +37,11 @@ bool tesk_port_request_in_range(const tesk_port_request *request);
 void tesk_port_request_reject(const tesk_port_request *request, int32_t error_code,
                               const char *error_description);
 
-/* Sends a confirmation with a port. `text` is the format of its trace: procedure_ref,
-   connection_ref, mbox, port_no. */
-void tesk_send_port_cfm(uint32_t number, const char *text, uint32_t mbox, uint32_t procedure_ref,
+/* Sends a confirmation with a port; `name` is the signal's, for the trace. */
+void tesk_send_port_cfm(uint32_t number, const char *name, uint32_t mbox, uint32_t procedure_ref,
                         uint32_t conn_ref, uint32_t port_no);
 
-/* Sends a rejection with a port. `text` is the format of its trace: procedure_ref, connection_ref,
-   error_code, error_description, mbox, port_no. */
-void tesk_send_port_rej(uint32_t number, const char *text, uint32_t mbox, uint32_t procedure_ref,
+/* Sends a rejection with a port; `name` is the signal's, for the trace. */
+void tesk_send_port_rej(uint32_t number, const char *name, uint32_t mbox, uint32_t procedure_ref,
                         uint32_t conn_ref, int32_t error_code, const char *error_description,
                         uint32_t port_no);

@@ -111,21 +111,16 @@ static void tesk_send_port_status_ind(uint32_t mbox, uint32_t connection_ref,
 static void tesk_send_subscribe_port_status_cfm(uint32_t mbox, uint32_t procedure_ref,
                                                 uint32_t connection_ref, uint32_t port_no)
 {
-    tesk_send_port_cfm(TESK_SUBSCRIBE_PORT_STATUS_CFM,
-                       "Sent signal TESK_SUBSCRIBE_PORT_STATUS_CFM:procedure_ref: %u, "
-                       "connection_ref: %u, mbox: 0x%x, port_no: %u",
-                       mbox, procedure_ref, connection_ref, port_no);
+    tesk_send_port_cfm(TESK_SUBSCRIBE_PORT_STATUS_CFM, "TESK_SUBSCRIBE_PORT_STATUS_CFM", mbox,
+                       procedure_ref, connection_ref, port_no);
 }
 
 static void tesk_send_subscribe_port_status_rej(uint32_t mbox, uint32_t procedure_ref,
                                                 uint32_t connection_ref, int32_t error_code,
                                                 const char *error_description, uint32_t port_no)
 {
-    tesk_send_port_rej(TESK_SUBSCRIBE_PORT_STATUS_REJ,
-                       "Sent signal TESK_SUBSCRIBE_PORT_STATUS_REJ:procedure_ref: %u, "
-                       "connection_ref: %u, error_code: %d, error_description: %s, mbox: 0x%x, "
-                       "port_no: %u",
-                       mbox, procedure_ref, connection_ref, error_code, error_description, port_no);
+    tesk_send_port_rej(TESK_SUBSCRIBE_PORT_STATUS_REJ, "TESK_SUBSCRIBE_PORT_STATUS_REJ", mbox,
+                       procedure_ref, connection_ref, error_code, error_description, port_no);
 }
 
 static void tesk_send_port_status_ind_to_subscribers(uint32_t port_no, const tesk_port_info *info)

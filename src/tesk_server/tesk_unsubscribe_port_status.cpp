@@ -17,21 +17,16 @@ static void tesk_port_status_cache_unsubscribe(uint32_t port_no, uint32_t client
 static void tesk_send_unsubscribe_port_status_cfm(uint32_t mbox, uint32_t procedure_ref,
                                                   uint32_t conn_ref, uint32_t port_no)
 {
-    tesk_send_port_cfm(TESK_UNSUBSCRIBE_PORT_STATUS_CFM,
-                       "Sent signal TESK_UNSUBSCRIBE_PORT_STATUS_CFM:procedure_ref: %u, "
-                       "connection_ref: %u, mbox: 0x%x, port_no: %u",
-                       mbox, procedure_ref, conn_ref, port_no);
+    tesk_send_port_cfm(TESK_UNSUBSCRIBE_PORT_STATUS_CFM, "TESK_UNSUBSCRIBE_PORT_STATUS_CFM", mbox,
+                       procedure_ref, conn_ref, port_no);
 }
 
 static void tesk_send_unsubscribe_port_status_rej(uint32_t mbox, uint32_t procedure_ref,
                                                   uint32_t conn_ref, int32_t error_code,
                                                   const char *error_description, uint32_t port_no)
 {
-    tesk_send_port_rej(TESK_UNSUBSCRIBE_PORT_STATUS_REJ,
-                       "Sent signal TESK_UNSUBSCRIBE_PORT_STATUS_REJ:procedure_ref: %u, "
-                       "connection_ref: %u, error_code: %d, error_description: %s, mbox: 0x%x, "
-                       "port_no: %u",
-                       mbox, procedure_ref, conn_ref, error_code, error_description, port_no);
+    tesk_send_port_rej(TESK_UNSUBSCRIBE_PORT_STATUS_REJ, "TESK_UNSUBSCRIBE_PORT_STATUS_REJ", mbox,
+                       procedure_ref, conn_ref, error_code, error_description, port_no);
 }
 
 static constexpr tesk_unsubscribe_procedure procedure = {

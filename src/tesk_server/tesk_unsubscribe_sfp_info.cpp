@@ -16,21 +16,16 @@ static void tesk_sfp_info_cache_unsubscribe(uint32_t port_no, uint32_t client_id
 static void tesk_send_unsubscribe_sfp_info_cfm(uint32_t mbox, uint32_t procedure_ref,
                                                uint32_t conn_ref, uint32_t port_no)
 {
-    tesk_send_port_cfm(TESK_UNSUBSCRIBE_SFP_INFO_CFM,
-                       "Sent signal TESK_UNSUBSCRIBE_SFP_INFO_CFM:procedure_ref: %u, "
-                       "connection_ref: %u, mbox: 0x%x, port_no: %u",
-                       mbox, procedure_ref, conn_ref, port_no);
+    tesk_send_port_cfm(TESK_UNSUBSCRIBE_SFP_INFO_CFM, "TESK_UNSUBSCRIBE_SFP_INFO_CFM", mbox,
+                       procedure_ref, conn_ref, port_no);
 }
 
 static void tesk_send_unsubscribe_sfp_info_rej(uint32_t mbox, uint32_t procedure_ref,
                                                uint32_t conn_ref, int32_t error_code,
                                                const char *error_description, uint32_t port_no)
 {
-    tesk_send_port_rej(TESK_UNSUBSCRIBE_SFP_INFO_REJ,
-                       "Sent signal TESK_UNSUBSCRIBE_SFP_INFO_REJ:procedure_ref: %u, "
-                       "connection_ref: %u, error_code: %d, error_description: %s, mbox: 0x%x, "
-                       "port_no: %u",
-                       mbox, procedure_ref, conn_ref, error_code, error_description, port_no);
+    tesk_send_port_rej(TESK_UNSUBSCRIBE_SFP_INFO_REJ, "TESK_UNSUBSCRIBE_SFP_INFO_REJ", mbox,
+                       procedure_ref, conn_ref, error_code, error_description, port_no);
 }
 
 static constexpr tesk_unsubscribe_procedure procedure = {

@@ -16,6 +16,7 @@ namespace teskboard
 namespace
 {
 
+/* Nobody listens, or nobody may connect: what helps differs. */
 std::string what_to_do(int error, const std::string &path)
 {
     if (error == EACCES || error == EPERM)
@@ -28,6 +29,7 @@ std::string what_to_do(int error, const std::string &path)
                        path, std::strerror(error));
 }
 
+/* The first line, "ok", has no value and is dropped. */
 answer split_answer(std::string_view text)
 {
     answer lines;
@@ -73,6 +75,7 @@ answer board_client::ask(const std::string &request, std::chrono::duration<doubl
     if (send(socket, request.data(), request.size(), MSG_NOSIGNAL) < 0)
         throw failed(exit_code::no_board,
                      fmt::format("the board is gone: {}", std::strerror(errno)));
+    /* The answer comes in one packet, so that one wait is enough. */
     pollfd readable = {.fd = socket, .events = POLLIN, .revents = 0};
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(deadline).count();
     if (poll(&readable, 1, static_cast<int>(milliseconds)) == 0)

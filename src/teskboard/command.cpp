@@ -8,9 +8,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-#ifndef TESK_VERSION
-#define TESK_VERSION "unknown"
-#endif
+/* CLI11 reads the words. Each subcommand, once its words are read, makes of them one request to the
+   board. The values in a request are found right here already, with the board's own functions, so
+   that a wrong one is wrong usage, and a scene is checked without a board. */
 
 namespace teskboard
 {
@@ -21,6 +21,7 @@ namespace
 struct values {
     std::string ports;
     std::vector<std::string> settings;
+    std::vector<std::string> texts;
     std::string state;
     std::string speed;
     std::string module = "-";
@@ -66,6 +67,7 @@ std::string setting_words(const std::vector<std::string> &texts)
     return words;
 }
 
+/* The subcommands with their options. A subcommand's function runs after all words are read. */
 class reader
 {
   public:
@@ -83,6 +85,7 @@ class reader
         add_wait();
     }
 
+    /* What a line of a scene can't have. */
     void add_whole(settings &whole)
     {
         const char *path = std::getenv(DOLM_RIC_BOARD_SOCKET_ENV);
@@ -108,6 +111,7 @@ class reader
         return sub->add_option("PORTS", given.ports, "A list such as 0-3,7")->required();
     }
 
+    /* The list as it was given, once it has been found right. */
     const std::string &ports()
     {
         if (!given.ports.empty())
@@ -115,7 +119,7 @@ class reader
         return given.ports;
     }
 
-    /* A request of settings that doesn't depend on what else was given. */
+    /* Most changes of a port come down to this request. */
     void set(const std::vector<std::string> &texts)
     {
         result.request =
@@ -130,6 +134,7 @@ class reader
         return sub;
     }
 
+    /* The board tells the server of a value only when it is another than before. */
     void takes_again(CLI::App *sub)
     {
         sub->add_flag("--again", given.again, "Send the event even if nothing is new");
@@ -156,8 +161,8 @@ class reader
         CLI::App *insert = add("insert", "Put a module in", [this] {
             if (given.not_ready)
                 given.settings.push_back("ready=no");
-            result.request =
-                fmt::format("insert {} {}{}", ports(), given.module, setting_words(given.settings));
+            result.request = fmt::format("insert {} {}{}{}", ports(), given.module,
+                                         setting_words(given.texts), setting_words(given.settings));
         });
         takes_ports(insert);
         std::vector<std::string> kinds;
@@ -169,7 +174,7 @@ class reader
             insert->add_option_function<std::string>(
                 text.option,
                 [this, key = text.key](const std::string &value) {
-                    given.settings.push_back(fmt::format("{}={}", key, value));
+                    given.texts.push_back(fmt::format("{}={}", key, value));
                 },
                 fmt::format("Its {}", text.key));
         insert->add_flag("--not-ready", given.not_ready, "Leave it not ready");
@@ -227,6 +232,7 @@ class reader
         event->add_option("--speed", given.speed, "The link's speed");
     }
 
+    /* The value is a word that the field of that kind of event knows, or a number. */
     std::string event_request()
     {
         const auto raw = [](const char *key, const std::string &value) {
@@ -270,6 +276,7 @@ class reader
             ->check(CLI::Range(0, INT32_MAX));
     }
 
+    /* CLI11 has seen to it that there is just one condition. */
     std::string wait_request()
     {
         if (given.idle)
@@ -290,6 +297,18 @@ class reader
     values given;
 };
 
+/* CLI11 only says that one of the subcommands is required. */
+void require_known(const CLI::App &app, const std::string &name)
+{
+    std::string known;
+    for (const CLI::App *sub : app.get_subcommands({})) {
+        if (name.starts_with('-') || sub->get_name() == name)
+            return;
+        known += (known.empty() ? "" : ", ") + sub->get_name();
+    }
+    throw board::board_error(fmt::format("no command is called '{}': there are {}", name, known));
+}
+
 } // namespace
 
 command parse_command(std::vector<std::string> words, settings *whole, CLI::App &app)
@@ -298,6 +317,8 @@ command parse_command(std::vector<std::string> words, settings *whole, CLI::App 
     reader all(app, result);
     if (whole != nullptr)
         all.add_whole(*whole);
+    if (!words.empty())
+        require_known(app, words[0]);
     std::reverse(words.begin(), words.end());
     app.parse(std::move(words));
     return result;

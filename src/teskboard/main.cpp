@@ -35,26 +35,28 @@ void show(board_client &board, const command &what, bool json)
     board::port_list list = what.ports;
     if (list.empty())
         list = {{0, count_ports(board, deadline) - 1}};
-    std::vector<answer> ports;
-    for (const board::port_range &range : list)
-        for (uint32_t port = range.first; port <= range.last; port++)
-            ports.push_back(board.ask(fmt::format("show {}", port), deadline));
-    if (!json && what.ports.empty())
-        return print(format_table(ports));
-    for (const answer &port : ports)
-        print(json ? to_json(port) : format_port(port));
+    const bool table = !json && what.ports.empty();
+    if (table)
+        print(format_table_head());
+    for (const board::port_range &range : list) {
+        for (uint32_t port = range.first; port <= range.last; port++) {
+            const answer lines = board.ask(fmt::format("show {}", port), deadline);
+            print(json ? to_json(lines) : table ? format_table_row(lines) : format_port(lines));
+        }
+    }
 }
 
-void run(board_client &board, const command &what, bool json)
+/* `played` stands before what a step of a scene answers. */
+void run(board_client &board, const command &what, bool json, const answer &played = {})
 {
     if (what.what == action::show)
         return show(board, what, json);
-    const answer lines =
-        board.ask(what.what == action::ports ? "board" : what.request, seconds(what.timeout));
-    if (json)
-        print(to_json(lines));
-    else
-        print(what.what == action::ports ? format_board(lines) : format_change(lines) + "\n");
+    const bool counts = what.what == action::ports;
+    answer lines = board.ask(counts ? "board" : what.request, seconds(what.timeout));
+    if (!json)
+        return print(counts ? format_board(lines) : format_change(lines) + "\n");
+    lines.insert(lines.begin(), played.begin(), played.end());
+    print(to_json(lines));
 }
 
 /* Everything that can be wrong in a scene is found before its first step. */
@@ -69,21 +71,28 @@ void check_ports(const std::vector<scene_step> &steps, uint32_t count)
                                 step.where, range.last, count - 1));
 }
 
+/* A pause counts from when the step before was due, so that a scene takes as long each time; but
+   after a step that waited, from its end. */
 void play(board_client &board, const std::vector<scene_step> &steps, const command &whole,
           bool json)
 {
+    using clock = std::chrono::steady_clock;
     check_ports(steps, count_ports(board, seconds(whole.timeout)));
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = clock::now();
+    std::chrono::time_point<clock, seconds> due = start;
     for (const scene_step &step : steps) {
-        std::this_thread::sleep_until(start + step.time);
-        const seconds now = std::chrono::steady_clock::now() - start;
+        due += step.pause;
+        std::this_thread::sleep_until(due);
+        const std::string time = fmt::format("{:.3f}", seconds(clock::now() - start).count());
         if (!json)
-            print(fmt::format("{:8.3f}  {}: ", now.count(), step.text));
+            print(fmt::format("{:>8}  {}: ", time, step.text));
         try {
-            run(board, step.what, json);
+            run(board, step.what, json, {{"time", time}, {"step", step.text}});
         } catch (const failed &error) {
             throw failed(error.code, fmt::format("{}: {}", step.where, error.what()));
         }
+        if (step.what.what == action::wait)
+            due = clock::now();
     }
 }
 
@@ -100,6 +109,7 @@ void carry_out(const command &what, const settings &whole)
 
 } // namespace
 
+/* CLI11 tells of --help and --version by exceptions too, and gives them the code 0. */
 int main(int count, char **words)
 {
     CLI::App app("Plays the simulated board of a running tesk-server.", "teskboard");

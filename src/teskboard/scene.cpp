@@ -3,6 +3,7 @@
 #include "board_client.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <glib.h>
 
 #include <cerrno>
@@ -15,36 +16,28 @@ namespace teskboard
 namespace
 {
 
-/* Takes "+SECONDS" off the front of the line, if it is there. */
-std::chrono::duration<double> take_pause(std::string_view &line)
+/* "+0.5"; a million seconds is more likely a slip than meant. */
+std::chrono::duration<double> parse_pause(const std::string &word)
 {
-    if (!line.starts_with('+'))
-        return {};
-    const std::string_view word = line.substr(1, line.find_first_of(" \t") - 1);
     double seconds = 0;
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), seconds);
-    if (error != std::errc() || end != word.data() + word.size() ||
-        !(seconds >= 0 && seconds < 1e6))
-        throw board::board_error(fmt::format("+{}: a pause is +SECONDS, such as +0.5", word));
-    line.remove_prefix(word.size() + 1);
+    const char *last = word.data() + word.size();
+    const auto [end, error] = std::from_chars(word.data() + 1, last, seconds);
+    if (error != std::errc() || end != last || !(seconds >= 0 && seconds < 1e6))
+        throw board::board_error(word + ": a pause is +SECONDS, such as +0.5");
     return std::chrono::duration<double>(seconds);
 }
 
-std::string_view strip(std::string_view line)
-{
-    const size_t first = line.find_first_not_of(" \t\r");
-    if (first == line.npos)
-        return {};
-    return line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-}
-
-std::vector<std::string> split_quoted(std::string_view text)
+/* The words of a line, without its comment, which GLib takes to end at a newline. */
+std::vector<std::string> split_line(const std::string &line)
 {
     gchar **words = nullptr;
     GError *error = nullptr;
-    if (!g_shell_parse_argv(std::string(text).c_str(), nullptr, &words, &error)) {
+    if (!g_shell_parse_argv((line + "\n").c_str(), nullptr, &words, &error)) {
+        const bool empty = g_error_matches(error, G_SHELL_ERROR, G_SHELL_ERROR_EMPTY_STRING);
         const std::string why = error->message;
         g_error_free(error);
+        if (empty)
+            return {};
         throw board::board_error(why);
     }
     std::vector<std::string> list(words, words + g_strv_length(words));
@@ -52,11 +45,19 @@ std::vector<std::string> split_quoted(std::string_view text)
     return list;
 }
 
-command parse_step(std::string_view text)
+/* The words are a command line of their own, without the options that hold for a whole run. */
+scene_step parse_step(std::vector<std::string> words)
 {
+    scene_step step = {};
+    if (words[0].starts_with('+')) {
+        step.pause = parse_pause(words[0]);
+        words.erase(words.begin());
+    }
+    step.text = fmt::format("{}", fmt::join(words, " "));
     CLI::App app;
     app.set_help_flag();
-    return parse_command(split_quoted(text), nullptr, app);
+    step.what = parse_command(std::move(words), nullptr, app);
+    return step;
 }
 
 } // namespace
@@ -67,17 +68,15 @@ std::vector<scene_step> read_scene(const std::string &path)
     if (!file)
         throw failed(exit_code::wrong_usage, fmt::format("{}: {}", path, std::strerror(errno)));
     std::vector<scene_step> steps;
-    std::chrono::duration<double> time = {};
-    std::string content;
-    for (int number = 1; std::getline(file, content); number++) {
-        std::string_view line = strip(content);
-        if (line.empty() || line.starts_with('#'))
-            continue;
+    std::string line;
+    for (int number = 1; std::getline(file, line); number++) {
         const std::string where = fmt::format("{}:{}", path, number);
         try {
-            time += take_pause(line);
-            const std::string text(strip(line));
-            steps.push_back({where, text, time, parse_step(text)});
+            auto words = split_line(line);
+            if (words.empty())
+                continue;
+            steps.push_back(parse_step(std::move(words)));
+            steps.back().where = where;
         } catch (const std::exception &error) {
             throw failed(exit_code::wrong_usage, fmt::format("{}: {}", where, error.what()));
         }

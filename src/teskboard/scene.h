@@ -1,9 +1,7 @@
 /* scene - a file with one timed step a line:
 
-     # A link flaps.
-     link 3 up               at once
-     +0.5 link 3 down        half a second after the step before
-     +0.5 link 3 up
+     link 3 up               # at once
+     +0.5 link 3 down        # half a second after the step before
 
    A step is a command of teskboard, quoted as in the shell. */
 #pragma once
@@ -18,9 +16,9 @@ namespace teskboard
 {
 
 struct scene_step {
-    std::string where;                  /* "file:line" */
-    std::string text;                   /* the command as written */
-    std::chrono::duration<double> time; /* since the start of the scene */
+    std::string where; /* "file:line" */
+    std::string text;  /* the command */
+    std::chrono::duration<double> pause;
     command what;
 };
 

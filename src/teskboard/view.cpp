@@ -9,6 +9,9 @@
 #include <cmath>
 #include <cstdlib>
 
+/* Answers bear raw values under the board's keys. The board's own table of values says what kind
+   each is, and so how it is shown; a key that isn't in it is a count. */
+
 namespace teskboard
 {
 namespace
@@ -29,6 +32,10 @@ bool is_measure(const field &known)
     return known.kind >= field_kind::temperature && known.kind <= field_kind::power;
 }
 
+/* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
+constexpr auto table_row = "{:>4}  {:<14} {:<8}{:<6}{:<7}{:>9} {:>8} {:>8}  {:<17}{}\n";
+
+/* Decimal or 0x. */
 int64_t number_of(std::string_view text)
 {
     return std::strtoll(std::string(text).c_str(), nullptr, 0);
@@ -52,6 +59,7 @@ std::string format_measure(field_kind kind, std::string_view raw)
     }
 }
 
+/* With a unit or by a name, where it has one. */
 std::string format_value(const field &known, std::string_view raw)
 {
     if (is_measure(known))
@@ -85,6 +93,7 @@ std::string format_subscriptions(const answer &port)
                        value_of(port, "subscribed_link"));
 }
 
+/* Measured values stay raw, for programs; what has a name is given by it. */
 nlohmann::ordered_json json_value(const std::string &key, const std::string &raw)
 {
     const field *known = find_field(key);
@@ -100,27 +109,28 @@ nlohmann::ordered_json json_value(const std::string &key, const std::string &raw
 
 } // namespace
 
-std::string format_table(const std::vector<answer> &ports)
+std::string format_table_head()
 {
-    constexpr auto row = "{:>4}  {:<14} {:<8}{:<6}{:<7}{:>9} {:>8} {:>8}  {:<17}{}\n";
-    std::string text = fmt::format(row, "PORT", "CAGE", "LINK", "Gbps", "PLUG", "TEMP", "VOLTAGE",
-                                   "BIAS", "PART", "SUBSCRIBED (PORT LINK)");
-    for (const answer &port : ports) {
-        const bool up = value_of(port, "link") == "2";
-        const bool there = value_of(port, "inserted") != "0";
-        const bool measured = there && value_of(port, "diagnostics") != "0";
-        const auto measure = [&](const char *key) {
-            return measured ? value_in(port, key) : std::string("-");
-        };
-        text += fmt::format(row, value_of(port, "port"), format_cage(port), value_in(port, "link"),
-                            up ? value_in(port, "speed") : "-",
-                            there ? value_in(port, "connector") : "-", measure("temperature"),
-                            measure("voltage"), measure("txbias"),
-                            there ? value_in(port, "vendor_pn") : "-", format_subscriptions(port));
-    }
-    return text;
+    return fmt::format(table_row, "PORT", "CAGE", "LINK", "Gbps", "PLUG", "TEMP", "VOLTAGE", "BIAS",
+                       "PART", "SUBSCRIBED (PORT LINK)");
 }
 
+std::string format_table_row(const answer &port)
+{
+    const bool up = value_of(port, "link") == "2";
+    const bool there = value_of(port, "inserted") != "0";
+    const bool measured = there && value_of(port, "diagnostics") != "0";
+    const auto value_if = [&](bool shown, const char *key) {
+        return shown ? value_in(port, key) : std::string("-");
+    };
+    return fmt::format(table_row, value_of(port, "port"), format_cage(port), value_in(port, "link"),
+                       value_if(up, "speed"), value_if(there, "connector"),
+                       value_if(measured, "temperature"), value_if(measured, "voltage"),
+                       value_if(measured, "txbias"), value_if(there, "vendor_pn"),
+                       format_subscriptions(port));
+}
+
+/* The thresholds of a measured value stand below it. */
 std::string format_port(const answer &port)
 {
     std::string text = fmt::format("port {}\n", value_of(port, "port"));
@@ -167,6 +177,10 @@ std::string to_json(const answer &lines)
             object["failures"].push_back(value);
         else if (key.starts_with("calls."))
             object["calls"][key.substr(6)] = number_of(value);
+        else if (key == "step")
+            object[key] = board::escape(value, false);
+        else if (key == "time")
+            object[key] = std::strtod(value.c_str(), nullptr);
         else
             object[key] = json_value(key, value);
     }

@@ -4,14 +4,14 @@
 #include "board_client.h"
 
 #include <string>
-#include <vector>
 
 namespace teskboard
 {
 
-/* Ports as the board's "show" answers them: one line each. */
-std::string format_table(const std::vector<answer> &ports);
-/* One port with everything that it reports. */
+/* A port as the board's "show" answers it, in one line of a table. */
+std::string format_table_head();
+std::string format_table_row(const answer &port);
+/* The same port with everything that it reports. */
 std::string format_port(const answer &port);
 /* The answer to "board". */
 std::string format_board(const answer &board);

@@ -7,23 +7,11 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <link.h>
+#include <sys/auxv.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 static fault_plan *plan;
-static uintptr_t program_begin, program_end;
-
-/* The first object that is listed is the program. */
-static int note_program(dl_phdr_info *info, size_t, void *)
-{
-    program_begin = info->dlpi_addr;
-    for (int index = 0; index < info->dlpi_phnum; index++)
-        if (info->dlpi_phdr[index].p_type == PT_LOAD)
-            program_end =
-                info->dlpi_addr + info->dlpi_phdr[index].p_vaddr + info->dlpi_phdr[index].p_memsz;
-    return 1;
-}
 
 __attribute__((constructor)) static void read_plan()
 {
@@ -31,19 +19,26 @@ __attribute__((constructor)) static void read_plan()
     const int fd = path == nullptr ? -1 : open(path, O_RDWR | O_CLOEXEC);
     if (fd == -1)
         return;
-    dl_iterate_phdr(note_program, nullptr);
     void *page = mmap(nullptr, sizeof(fault_plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (page != MAP_FAILED)
         plan = static_cast<fault_plan *>(page);
 }
 
+/* The headers of a program stand at its begin. */
+static bool is_in_program(const void *address)
+{
+    Dl_info object = {};
+    return dladdr(address, &object) != 0 &&
+           getauxval(AT_PHDR) - reinterpret_cast<uintptr_t>(object.dli_fbase) < 4096;
+}
+
 /* Whose call it is, is told by where it comes from, or by the mutex that it is about. */
-static bool fails(const char *call, uintptr_t from)
+static bool fails(const char *call, const void *from)
 {
     if (plan == nullptr || !plan->armed || strcmp(plan->call, call) != 0)
         return false;
-    if (plan->by_program_only && (from < program_begin || from >= program_end))
+    if (plan->by_program_only && !is_in_program(from))
         return false;
     return ++plan->seen == plan->nth;
 }
@@ -57,7 +52,7 @@ using any_call = long (*)(long, long, long, long, long, long);
     long fault_##name(long a, long b, long c, long d, long e, long f)                              \
     {                                                                                              \
         static std::atomic<any_call> real;                                                         \
-        if (fails(#name, reinterpret_cast<uintptr_t>(from))) {                                     \
+        if (fails(#name, from)) {                                                                  \
             errno = error;                                                                         \
             return failure;                                                                        \
         }                                                                                          \

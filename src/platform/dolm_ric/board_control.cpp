@@ -32,7 +32,9 @@ namespace board
 namespace
 {
 
+/* Further ones wait in the listening socket's queue. */
 constexpr size_t max_peers = 64;
+/* The C library puts the thread-local storage of all libraries on the stack too. */
 constexpr size_t thread_stack = 256 * 1024;
 
 [[noreturn]] void fail(const std::string &what)
@@ -40,6 +42,7 @@ constexpr size_t thread_stack = 256 * 1024;
     throw board_error(what + ": " + std::strerror(errno));
 }
 
+/* Owns a file descriptor. */
 class descriptor
 {
   public:
@@ -81,6 +84,7 @@ descriptor lock_path(const std::string &path)
     return lock;
 }
 
+/* What is no socket isn't ours to remove; bind then says that the address is in use. */
 void remove_dead_socket(const std::string &path)
 {
     struct stat status;
@@ -88,6 +92,8 @@ void remove_dead_socket(const std::string &path)
         unlink(path.c_str());
 }
 
+/* The mode goes onto the socket before it has a name, so that it is never more open than it will
+   be; the umask may have narrowed it, which chmod undoes. */
 descriptor listen_at(const std::string &path)
 {
     sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
@@ -113,7 +119,7 @@ void make_directory_of(const std::string &path)
 
 struct peer {
     descriptor socket;
-    condition pending;
+    condition pending; /* what its "wait" waits for */
 };
 
 } // namespace
@@ -138,15 +144,19 @@ class board_control::server
         }
     }
 
+    /* Peers that still wait find their connection closed. */
     ~server()
     {
         ending = true;
         eventfd_write(wakeup.get(), 1);
         pthread_join(thread, nullptr);
         unlink(path.c_str());
+        const std::lock_guard guard(scene.events.lock);
+        scene.events.watch_calls(-1);
     }
 
   private:
+    /* The thread takes no signals: those of the process are for the threads that handle them. */
     void start_thread()
     {
         pthread_attr_t attributes;
@@ -179,25 +189,29 @@ class board_control::server
         std::vector<pollfd> polled;
         while (!ending) {
             polled.assign({{wakeup.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}});
-            polled[1].events = peers.size() < max_peers ? POLLIN : 0;
+            polled[1].events = can_accept && peers.size() < max_peers ? POLLIN : 0;
             for (const peer &known : peers)
                 polled.push_back({known.socket.get(), POLLIN, 0});
-            poll(polled.data(), polled.size(), -1);
+            poll(polled.data(), polled.size(), can_accept ? -1 : 1000);
             eventfd_t woken;
             eventfd_read(wakeup.get(), &woken);
             serve_peers(std::span(polled).subspan(2));
-            if (polled[1].revents != 0)
-                accept_peer();
+            can_accept = polled[1].revents == 0 || accept_peer();
         }
     }
 
-    void accept_peer()
+    /* False if the process has no descriptor left; that is tried again after a while. */
+    bool accept_peer()
     {
         descriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket.get() >= 0)
-            peers.push_back({std::move(socket), {}});
+        if (socket.get() < 0)
+            return errno != EMFILE && errno != ENFILE;
+        peers.push_back({std::move(socket), {}});
+        return true;
     }
 
+    /* One pass under the lock over what the peers ask and wait for. The watch is set before the
+       lock is given up, so that no call after this look goes unseen. */
     void serve_peers(std::span<const pollfd> polled)
     {
         const std::lock_guard guard(scene.events.lock);
@@ -224,6 +238,7 @@ class board_control::server
         return from.pending || send_answer(from, answer);
     }
 
+    /* Answers the peer if what it waits for has come true. False if it is to be dropped. */
     bool look(peer &at)
     {
         if (!at.pending || !at.pending())
@@ -234,8 +249,9 @@ class board_control::server
 
     static bool send_answer(const peer &to, std::string_view answer)
     {
-        return send(to.socket.get(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >=
-               0;
+        const int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+        // cppcheck-suppress invalidLifetime ; the view is used before its text goes
+        return send(to.socket.get(), answer.data(), answer.size(), flags) >= 0;
     }
 
     const std::string path;
@@ -244,6 +260,7 @@ class board_control::server
     descriptor listener;
     descriptor wakeup;
     std::vector<peer> peers;
+    bool can_accept = true;
     std::vector<char> request;
     std::atomic<bool> ending = false;
     pthread_t thread = {};

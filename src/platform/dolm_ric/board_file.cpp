@@ -1,11 +1,9 @@
 #include "board_file.h"
 
-#include "board_requests.h"
-
-#include <glib.h>
-
-#include <algorithm>
-#include <memory>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
 
 namespace board
 {
@@ -13,169 +11,82 @@ namespace
 {
 
 /* Something of each kind, so that whatever a client may meet is there without a file. */
-constexpr char built_in[] = R"(
-[board]
-ports = 16
-[port 0-10]
-link = up
-[port 0-3]
-module = lc-own
-speed = 9.8
-[port 1]
-vendor_sn = EX10G0002
-temperature = 38.2C
-[port 2]
-vendor_sn = EX10G0003
-temperature = 44.0C
-speed = 10.1
-[port 3]
-vendor_sn = EX10G0004
-link = down
-[port 4-7]
-module = lc
-speed = 10
-[port 5]
-vendor_sn = EX10G0102
-temperature = 47.9C
-[port 6]
-vendor_sn = EX10G0103
-rxpower = -12.8dBm
-[port 7]
-vendor_sn = EX10G0104
-ready = no
-link = down
-[port 8-9]
-module = rj45
-speed = 1.2
-[port 9]
-vendor_sn = EX1GT0002
-[port 10]
-module = other
-speed = 10
-[port 11]
-module = non-sfp
-[port 12]
-module = unreadable
-[port 15]
-started = no
-link = stopped
+constexpr char built_in[] = R"(ports 16
+insert 0-3 lc-own link=up speed=9.8
+set 1 vendor_sn=EX10G0002 temperature=38.2C
+set 2 vendor_sn=EX10G0003 temperature=44.0C speed=10.1
+set 3 vendor_sn=EX10G0004 link=down
+insert 4-7 lc link=up speed=10
+set 5 vendor_sn=EX10G0102 temperature=47.9C
+set 6 vendor_sn=EX10G0103 rxpower=-12.8dBm
+set 7 vendor_sn=EX10G0104 ready=no link=down
+insert 8-9 rj45 link=up speed=1.2
+set 9 vendor_sn=EX1GT0002
+insert 10 other link=up speed=10
+insert 11 non-sfp
+insert 12 unreadable
+set 15 started=no link=stopped
 )";
 
-struct glib_deleter {
-    void operator()(GKeyFile *file) const
-    {
-        g_key_file_free(file);
-    }
-    void operator()(gchar **list) const
-    {
-        g_strfreev(list);
-    }
-    void operator()(gchar *text) const
-    {
-        g_free(text);
-    }
-    void operator()(GError *error) const
-    {
-        g_error_free(error);
-    }
-};
-template <typename type>
-using glib_ptr = std::unique_ptr<type, glib_deleter>;
-
-glib_ptr<GKeyFile> parse_file(const char *path)
+/* The whole file; what can't be read counts as empty, which no board file is. */
+std::string read_text(const char *path)
 {
-    glib_ptr<GKeyFile> file(g_key_file_new());
-    GError *error = nullptr;
-    if (path != nullptr)
-        g_key_file_load_from_file(file.get(), path, G_KEY_FILE_NONE, &error);
-    else
-        g_key_file_load_from_data(file.get(), built_in, sizeof(built_in) - 1, G_KEY_FILE_NONE,
-                                  &error);
-    const glib_ptr<GError> failed(error);
-    if (failed)
-        throw board_error(failed->message);
-    return file;
+    if (path == nullptr)
+        return built_in;
+    std::ifstream file(path);
+    std::ostringstream text;
+    if (!file)
+        throw board_error(std::string(path) + ": " + std::strerror(errno));
+    text << file.rdbuf();
+    return text.str();
 }
 
-/* Calls take(key, value) for each line of the group; its errors are told with group and key. */
-template <typename take_entry>
-void for_each_entry(GKeyFile *file, const char *group, take_entry &&take)
+/* The line that the others need: what they name must exist. */
+std::unique_ptr<simulated_ports> make_ports(std::string_view line, desk &events)
 {
-    const glib_ptr<gchar *> keys(g_key_file_get_keys(file, group, nullptr, nullptr));
-    for (gchar **key = keys.get(); *key != nullptr; key++) {
-        const glib_ptr<gchar> value(g_key_file_get_value(file, group, *key, nullptr));
-        try {
-            take(std::string_view(*key), std::string_view(g_strstrip(value.get())));
-        } catch (const board_error &error) {
-            throw board_error("[" + std::string(group) + "] " + *key + ": " + error.what());
-        }
-    }
+    const auto words = split_words(line);
+    if (words.size() != 2 || words[0] != "ports")
+        throw board_error("the first line is: ports COUNT");
+    const auto count = static_cast<uint32_t>(parse_number(words[1], max_ports));
+    if (count == 0)
+        throw board_error("a board has one port at least");
+    events.open(count);
+    return std::make_unique<simulated_ports>(count, events);
 }
 
-board_plan::section read_section(GKeyFile *file, const char *group, std::string_view ports)
+/* Nobody subscribes yet, so no event comes of it. */
+void carry_out(std::string_view line, const stage &on)
 {
-    board_plan::section section = {parse_ports(ports), nullptr, {}};
-    for_each_entry(file, group, [&](std::string_view key, std::string_view value) {
-        if (key == "module")
-            section.module = &parse_module_kind(value);
-        else
-            section.settings.push_back(parse_setting(std::string(key) + "=" + std::string(value)));
-    });
-    return section;
-}
-
-void read_group(GKeyFile *file, const char *group, board_plan &plan)
-{
-    const std::string_view name = group;
-    if (name == "board") {
-        for_each_entry(file, group, [&](std::string_view key, std::string_view value) {
-            if (key != "ports")
-                throw board_error("the only key here is ports");
-            plan.ports = static_cast<uint32_t>(parse_number(value, max_ports));
-        });
-    } else if (name == "fail") {
-        for_each_entry(file, group, [&](std::string_view key, std::string_view value) {
-            plan.failures.push_back(parse_failure(parse_operation(key), split_words(value)));
-        });
-    } else if (name.starts_with("port ")) {
-        plan.sections.push_back(read_section(file, group, name.substr(5)));
-    } else {
-        throw board_error("[" + std::string(name) +
-                          "]: there are [board], [port PORTS] and [fail]");
-    }
-}
-
-/* How many ports the sections need. */
-uint32_t ports_named(const board_plan &plan)
-{
-    uint32_t ports = 0;
-    for (const board_plan::section &section : plan.sections)
-        for (const port_range &range : section.ports)
-            ports = std::max(ports, range.last + 1);
-    return ports;
+    condition never;
+    const std::string answer = answer_request(line, on, never);
+    if (!answer.starts_with("ok"))
+        throw board_error(never ? "nobody waits in a board file"
+                                : answer.substr(answer.find(' ') + 1));
 }
 
 } // namespace
 
-board_plan read_board(const char *path)
+std::unique_ptr<simulated_ports> make_board(const char *path, desk &events)
 {
-    try {
-        const glib_ptr<GKeyFile> file = parse_file(path);
-        const glib_ptr<gchar *> groups(g_key_file_get_groups(file.get(), nullptr));
-        board_plan plan;
-        for (gchar **group = groups.get(); *group != nullptr; group++)
-            read_group(file.get(), *group, plan);
-        const uint32_t named = ports_named(plan);
-        if (plan.ports == 0)
-            plan.ports = named;
-        if (plan.ports == 0 || named > plan.ports)
-            throw board_error("[board] ports: the sections name " + std::to_string(named) +
-                              " ports, the board has " + std::to_string(plan.ports));
-        return plan;
-    } catch (const board_error &error) {
-        throw board_error((path != nullptr ? path : "built-in board") +
-                          (": " + std::string(error.what())));
+    std::istringstream text(read_text(path));
+    std::unique_ptr<simulated_ports> ports;
+    std::string line;
+    for (int number = 1; std::getline(text, line); number++) {
+        if (split_words(line).empty() || line.starts_with('#'))
+            continue;
+        try {
+            if (ports)
+                carry_out(line, {events, *ports});
+            else
+                ports = make_ports(line, events);
+        } catch (const board_error &error) {
+            throw board_error((path != nullptr ? path : "built-in board") +
+                              (":" + std::to_string(number)) + ": " + error.what());
+        }
     }
+    if (!ports)
+        throw board_error(std::string(path) + ": a board has one port at least");
+    return ports;
 }
 
 } // namespace board

@@ -1,40 +1,21 @@
-/* board_file - what a board is at its start, read from an INI-like file:
+/* board_file - what a board is at its start: a text file of requests from dolm_ric_board.h, one a
+   line, that are carried out before anybody sees the board. Lines that begin with # are comments.
 
-     [board]
-     ports = 32                  1 to 65535; without it as many as the sections name
-
-     [port 0-3,7]                later sections win over earlier ones
-     module = lc-own             a kind that teskboard's `insert` knows; without it the cage is
-   empty link = up                   and any key that teskboard's `set` knows temperature = 41.5C
-
-     [fail]
-     subslink = busy             OPERATION = CODE [COUNT|always [PORTS]], as teskboard's `fail`
-
-   Lines that begin with # are comments. */
+     ports 32                                  comes first: 1 to 65535
+     insert 0-3 lc-own link=up speed=9.8       a cage without a module is empty, its link down
+     set 3 temperature=65.5C vendor_name=EXAMPLE\x20OPTICS
+     fail subslink busy 2 */
 #pragma once
 
-#include "desk.h"
-#include "simulated_ports.h"
+#include "board_requests.h"
 
-#include <string>
-#include <vector>
+#include <memory>
 
 namespace board
 {
 
-struct board_plan {
-    struct section {
-        port_list ports;
-        const module_kind *module; /* null: nothing is put in */
-        std::vector<setting> settings;
-    };
-    uint32_t ports = 0;
-    std::vector<section> sections;
-    std::vector<failure> failures;
-};
-
-/* The plan in the file of that name, or the built-in one if it is null. A board_error names the
-   file and what is wrong in it. */
-board_plan read_board(const char *path);
+/* Opens the desk for the board in the file of that name, or for the built-in one if it is null, and
+   makes its ports. A board_error names the file and the line. The caller holds the desk's lock. */
+std::unique_ptr<simulated_ports> make_board(const char *path, desk &events);
 
 } // namespace board

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+/* One row per request in request_kinds. A request is read to its end before anything is changed, so
+   that a wrong one changes nothing; what is wrong is thrown and answered in one place. */
+
 namespace board
 {
 namespace
@@ -58,6 +61,8 @@ std::string answer_remove(const stage &on, words args)
     return answer_change(on, ports, [&] { on.ports.remove(ports); });
 }
 
+/* The id stands at the same place in both records, whatever the type: an event of a type that
+   nobody knows bears one too. */
 std::string answer_event(const stage &on, words args)
 {
     const auto number = [&](size_t at) {
@@ -75,6 +80,7 @@ std::string answer_event(const stage &on, words args)
     return answer_change(on, {}, [&] { on.events.queue_raw(event); });
 }
 
+/* Ports that the board doesn't have would never fail; that is a slip of the one who asks. */
 std::string answer_fail(const stage &on, words args)
 {
     failure order = parse_failure(parse_operation(args[0]), args.subspan(1));
@@ -107,6 +113,7 @@ std::string answer_show(const stage &on, words args)
     return answer;
 }
 
+/* As the request "fail" takes it. */
 std::string format_failure(const failure &order)
 {
     std::string text(operation_name(order.op));
@@ -115,6 +122,7 @@ std::string format_failure(const failure &order)
     return order.ports.empty() ? text : text + " " + format_ports(order.ports);
 }
 
+/* Failures that don't fit into the packet are left out. */
 std::string answer_board(const stage &on, words)
 {
     const desk &events = on.events;
@@ -151,6 +159,7 @@ subscription_kind parse_kind(std::string_view text)
     throw board_error("a subscription is one of port or link");
 }
 
+/* All ports must have it, or all must not. */
 condition subscription_condition(const stage &on, bool wanted, words args)
 {
     const port_list ports = parse_ports(args[0]);
@@ -181,6 +190,7 @@ condition parse_condition(const stage &on, words args)
                       "OPERATION COUNT, or for idle");
 }
 
+/* The words behind the verb are counted before the row's function sees them. */
 struct request_kind {
     std::string_view verb;
     size_t fewest;

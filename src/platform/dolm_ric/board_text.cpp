@@ -10,6 +10,10 @@
 #include <limits>
 #include <utility>
 
+/* Everything that has a name stands in a table: operations, codes, words for values, units, values
+   and kinds of modules. What is read, what is printed and what an error offers instead all come
+   from the same rows, so that a new value or module is one more row. */
+
 namespace board
 {
 namespace
@@ -21,6 +25,7 @@ constexpr std::array<std::string_view, operation_count> op_names = {
     "getmoduleinfo", "getmodstatus", "getmodulediag",
 };
 
+/* The result codes by the last part of their names. */
 struct named_code {
     std::string_view name;
     int32_t code;
@@ -36,114 +41,100 @@ constexpr named_code codes[] = {
     {"internal", DOLM_RICERR_INTERNAL},
 };
 
+using kind = field_kind;
+
 /* Words for raw values. A speed of 10 is the word, not the code 10: codes are written as 0x... */
 struct named_value {
-    field_kind kind;
+    field_kind of;
     std::string_view name;
     uint32_t value;
 };
 constexpr named_value named_values[] = {
-    {field_kind::flag, "no", 0},
-    {field_kind::flag, "yes", 1},
-    {field_kind::link_state, "stopped", DOLM_RICRILINKSTATE_STOPPED},
-    {field_kind::link_state, "down", DOLM_RICRILINKSTATE_NOOPERATION},
-    {field_kind::link_state, "up", DOLM_RICRILINKSTATE_OPERATIONAL},
-    {field_kind::speed, "1.2", 0x0001},
-    {field_kind::speed, "2.5", 0x0002},
-    {field_kind::speed, "4.9", 0x0008},
-    {field_kind::speed, "9.8", 0x0020},
-    {field_kind::speed, "10.1", 0x0040},
-    {field_kind::speed, "10", 0x1000},
-    {field_kind::connector, "unspec", DOLM_SFP_CONNECTOR_UNSPEC},
-    {field_kind::connector, "lc", DOLM_SFP_CONNECTOR_LC},
-    {field_kind::connector, "rj45", DOLM_SFP_CONNECTOR_RJ45},
-    {field_kind::connector, "other", DOLM_SFP_CONNECTOR_OTHER},
-    {field_kind::eth_speed, "unspec", DOLM_SFP_ETHSPEED_UNSPEC},
-    {field_kind::eth_speed, "1000mb", DOLM_SFP_ETHSPEED_1000MB},
-    {field_kind::eth_speed, "10gb", DOLM_SFP_ETHSPEED_10GB},
+    {kind::flag, "no", 0},
+    {kind::flag, "yes", 1},
+    {kind::link_state, "stopped", DOLM_RICRILINKSTATE_STOPPED},
+    {kind::link_state, "down", DOLM_RICRILINKSTATE_NOOPERATION},
+    {kind::link_state, "up", DOLM_RICRILINKSTATE_OPERATIONAL},
+    {kind::speed, "1.2", 0x0001},
+    {kind::speed, "2.5", 0x0002},
+    {kind::speed, "4.9", 0x0008},
+    {kind::speed, "9.8", 0x0020},
+    {kind::speed, "10.1", 0x0040},
+    {kind::speed, "10", 0x1000},
+    {kind::connector, "unspec", DOLM_SFP_CONNECTOR_UNSPEC},
+    {kind::connector, "lc", DOLM_SFP_CONNECTOR_LC},
+    {kind::connector, "rj45", DOLM_SFP_CONNECTOR_RJ45},
+    {kind::connector, "other", DOLM_SFP_CONNECTOR_OTHER},
+    {kind::eth_speed, "unspec", DOLM_SFP_ETHSPEED_UNSPEC},
+    {kind::eth_speed, "1000mb", DOLM_SFP_ETHSPEED_1000MB},
+    {kind::eth_speed, "10gb", DOLM_SFP_ETHSPEED_10GB},
 };
 
 /* Units, each with what one of it is in the unit of the record. */
 struct unit {
-    field_kind kind;
+    field_kind of;
     std::string_view name;
     double scale;
 };
 constexpr unit units[] = {
-    {field_kind::temperature, "C", 1e3}, {field_kind::temperature, "°C", 1e3},
-    {field_kind::voltage, "V", 1e6},     {field_kind::voltage, "mV", 1e3},
-    {field_kind::voltage, "uV", 1},      {field_kind::current, "A", 1e6},
-    {field_kind::current, "mA", 1e3},    {field_kind::current, "uA", 1},
-    {field_kind::power, "W", 1e6},       {field_kind::power, "mW", 1e3},
-    {field_kind::power, "uW", 1},
+    {kind::temperature, "C", 1e3}, {kind::temperature, "°C", 1e3}, {kind::voltage, "V", 1e6},
+    {kind::voltage, "mV", 1e3},    {kind::voltage, "uV", 1},       {kind::current, "A", 1e6},
+    {kind::current, "mA", 1e3},    {kind::current, "uA", 1},       {kind::power, "W", 1e6},
+    {kind::power, "mW", 1e3},      {kind::power, "uW", 1},
 };
 
+/* Where a value lies, as the fields of `field` from in_module on. The five measured values are
+   alike: each has four thresholds that are named after it. */
 template <typename member>
 constexpr uint16_t size_of = static_cast<uint16_t>(sizeof(member));
 
-#define FLAG(name, bit)                                                                            \
-    field                                                                                          \
-    {                                                                                              \
-        name, field_kind::flag, false, offsetof(port_values, status), 4, bit                       \
-    }
-#define PORT(name, kind, member)                                                                   \
-    field                                                                                          \
-    {                                                                                              \
-        name, field_kind::kind, false, offsetof(port_values, member),                              \
-            size_of<decltype(port_values::member)>, 0                                              \
-    }
-#define MODULE(name, kind, member)                                                                 \
-    field                                                                                          \
-    {                                                                                              \
-        name, field_kind::kind, true, offsetof(module_values, member),                             \
-            size_of<decltype(module_values{}.member)>, 1                                           \
-    }
-#define MEASUREMENT(name, kind)                                                                    \
-    MODULE(#name, kind, diag.name), MODULE(#name "_low_warn", kind, diag.name##_low_warn),         \
-        MODULE(#name "_high_warn", kind, diag.name##_high_warn),                                   \
-        MODULE(#name "_low_alarm", kind, diag.name##_low_alarm),                                   \
-        MODULE(#name "_high_alarm", kind, diag.name##_high_alarm)
+#define PORT(member) false, offsetof(port_values, member), size_of<decltype(port_values::member)>
+#define MODULE(member)                                                                             \
+    true, offsetof(module_values, member), size_of<decltype(module_values{}.member)>
+#define MEASUREMENT(name, of_kind)                                                                 \
+    {#name, of_kind, MODULE(diag.name)},                                                           \
+        {#name "_low_warn", of_kind, MODULE(diag.name##_low_warn)},                                \
+        {#name "_high_warn", of_kind, MODULE(diag.name##_high_warn)},                              \
+        {#name "_low_alarm", of_kind, MODULE(diag.name##_low_alarm)},                              \
+        {#name "_high_alarm", of_kind, MODULE(diag.name##_high_alarm)},
 
 constexpr field all_fields[] = {
-    FLAG("started", DOLM_RICRIPORT_STARTED),
-    FLAG("ready", DOLM_RICRIPORT_MODREADY),
-    FLAG("power_fault", DOLM_RICRIPORT_POWERFAULT),
-    FLAG("inserted", DOLM_RICRIPORT_MODINSERTED),
-    PORT("port_status", number, status),
-    PORT("link", link_state, link_state),
-    PORT("speed", speed, link_speed),
-    MODULE("readable", flag, readable),
-    MODULE("diagnostics", flag, has_diagnostics),
-    MODULE("module_status", number, status.status),
-    MODULE("mode_type", number, info.mode_type),
-    MODULE("connector", connector, info.sfp.sfp_connector),
-    MODULE("eth_speed", eth_speed, info.sfp.sfp_eth_speed),
-    MODULE("eth_compliance", number, info.sfp.sfp_eth_compliance),
-    MODULE("nom_bitrate", number, info.sfp.sfp_nom_bitrate),
-    MODULE("vendor_name", text, info.sfp.sfp_vendor_name),
-    MODULE("vendor_oui", text, info.sfp.sfp_vendor_oui),
-    MODULE("vendor_pn", text, info.sfp.sfp_vendor_pn),
-    MODULE("vendor_rev", text, info.sfp.sfp_vendor_rev),
-    MODULE("vendor_sn", text, info.sfp.sfp_vendor_sn),
-    MODULE("date_code", text, info.sfp.sfp_date_code),
-    MODULE("morvaine", number, info.sfp.sfp_morvaine),
-    MODULE("morvaine_rdh", text, info.sfp.sfp_morvaine_rdh),
-    MODULE("morvaine_rdh_ext", text, info.sfp.sfp_morvaine_rdh_ext),
-    MODULE("diag_mode_type", number, diag.mode_type),
-    MODULE("diag_cap", number, diag.diag_cap),
-    MEASUREMENT(temperature, temperature),
-    MEASUREMENT(voltage, voltage),
-    MEASUREMENT(txbias, current),
-    MEASUREMENT(txpower, power),
-    MEASUREMENT(rxpower, power),
-};
+    {"started", kind::flag, PORT(status), DOLM_RICRIPORT_STARTED},
+    {"ready", kind::flag, PORT(status), DOLM_RICRIPORT_MODREADY},
+    {"power_fault", kind::flag, PORT(status), DOLM_RICRIPORT_POWERFAULT},
+    {"inserted", kind::flag, PORT(status), DOLM_RICRIPORT_MODINSERTED},
+    {"port_status", kind::number, PORT(status)},
+    {"link", kind::link_state, PORT(link_state)},
+    {"speed", kind::speed, PORT(link_speed)},
+    {"readable", kind::flag, MODULE(readable), 1},
+    {"diagnostics", kind::flag, MODULE(has_diagnostics), 1},
+    {"module_status", kind::number, MODULE(status.status)},
+    {"mode_type", kind::number, MODULE(info.mode_type)},
+    {"connector", kind::connector, MODULE(info.sfp.sfp_connector)},
+    {"eth_speed", kind::eth_speed, MODULE(info.sfp.sfp_eth_speed)},
+    {"eth_compliance", kind::number, MODULE(info.sfp.sfp_eth_compliance)},
+    {"nom_bitrate", kind::number, MODULE(info.sfp.sfp_nom_bitrate)},
+    {"vendor_name", kind::text, MODULE(info.sfp.sfp_vendor_name)},
+    {"vendor_oui", kind::text, MODULE(info.sfp.sfp_vendor_oui)},
+    {"vendor_pn", kind::text, MODULE(info.sfp.sfp_vendor_pn)},
+    {"vendor_rev", kind::text, MODULE(info.sfp.sfp_vendor_rev)},
+    {"vendor_sn", kind::text, MODULE(info.sfp.sfp_vendor_sn)},
+    {"date_code", kind::text, MODULE(info.sfp.sfp_date_code)},
+    {"morvaine", kind::number, MODULE(info.sfp.sfp_morvaine)},
+    {"morvaine_rdh", kind::text, MODULE(info.sfp.sfp_morvaine_rdh)},
+    {"morvaine_rdh_ext", kind::text, MODULE(info.sfp.sfp_morvaine_rdh_ext)},
+    {"diag_mode_type", kind::number, MODULE(diag.mode_type)},
+    {"diag_cap", kind::number, MODULE(diag.diag_cap)},
+    MEASUREMENT(temperature, kind::temperature) MEASUREMENT(voltage, kind::voltage)
+        MEASUREMENT(txbias, kind::current) MEASUREMENT(txpower, kind::power)
+            MEASUREMENT(rxpower, kind::power)};
 
-#undef FLAG
 #undef PORT
 #undef MODULE
 #undef MEASUREMENT
 
-#define SFP "readable=1 mode_type=1 diag_mode_type=1 module_status=2 vendor_oui=\\x02EX "
+/* Modules are written down as the settings that make them from an empty cage. */
+#define SFP "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX "
 #define MEASURED                                                                                   \
     "diagnostics=1 diag_cap=0x1f "                                                                 \
     "temperature=41.5C temperature_low_warn=0C temperature_high_warn=70C "                         \
@@ -170,8 +161,8 @@ constexpr module_kind all_module_kinds[] = {
     {"other", SFP "connector=other eth_speed=10gb nom_bitrate=103 "
                   "vendor_name=EXAMPLE\\x20CABLES vendor_pn=EX-10G-CU2M vendor_rev=C "
                   "vendor_sn=EX10C0001 date_code=230619 "},
-    {"non-sfp", "readable=1 mode_type=2 diag_mode_type=2 module_status=2 diagnostics=1 "},
-    {"unreadable", "readable=0 mode_type=1 module_status=0 "},
+    {"non-sfp", "readable=1 mode_type=2 diag_mode_type=2 diagnostics=1 "},
+    {"unreadable", "readable=0 mode_type=1 "},
 };
 
 #undef SFP
@@ -188,6 +179,7 @@ std::string quoted(std::string_view text)
     return "'" + escape(text, false) + "'";
 }
 
+/* What there is to choose from, for errors. */
 template <typename table>
 std::string list_of_names(const table &entries)
 {
@@ -197,6 +189,7 @@ std::string list_of_names(const table &entries)
     return names;
 }
 
+/* Undoes escape(). A lone backslash is refused, as it is more likely a slip than meant. */
 std::string unescape(std::string_view text)
 {
     std::string bytes;
@@ -237,39 +230,40 @@ std::optional<int64_t> read_integer(std::string_view text)
 }
 
 /* "3.3V", "-2.4dBm" in the unit of the record. */
-std::optional<double> read_measure(field_kind kind, std::string_view text)
+std::optional<double> read_measure(field_kind of, std::string_view text)
 {
     double value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc())
         return std::nullopt;
     const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
-    if (kind == field_kind::power && name == "dBm")
+    if (of == field_kind::power && name == "dBm")
         return std::pow(10.0, value / 10) * 1e3;
     for (const unit &known : units)
-        if (known.kind == kind && known.name == name)
+        if (known.of == of && known.name == name)
             return value * known.scale;
     return std::nullopt;
 }
 
-std::string what_it_takes(field_kind kind)
+std::string what_it_takes(field_kind of)
 {
     std::string words;
     for (const named_value &known : named_values)
-        if (known.kind == kind)
+        if (known.of == of)
             words += std::string(known.name) + ", ";
     for (const unit &known : units)
-        if (known.kind == kind)
+        if (known.of == of)
             words += "a number with " + std::string(known.name) + ", ";
-    if (kind == field_kind::power)
+    if (of == field_kind::power)
         words += "a number with dBm, ";
     return words + "a whole number";
 }
 
+/* A word comes before a number, and a number without a unit before one with: the raw value. */
 uint32_t parse_value(const field &target, std::string_view text)
 {
     for (const named_value &known : named_values)
-        if (known.kind == target.kind && known.name == text)
+        if (known.of == target.kind && known.name == text)
             return known.value;
     std::optional<double> value;
     if (const auto raw = read_integer(text))
@@ -279,6 +273,7 @@ uint32_t parse_value(const field &target, std::string_view text)
     if (!value || !std::isfinite(*value))
         fail(std::string(target.name) + " can't be " + quoted(text) + ": it takes " +
              what_it_takes(target.kind));
+    /* All values fit a double exactly, so that one check of the range does for all kinds. */
     const bool is_signed = target.kind == field_kind::temperature;
     const double lowest = is_signed ? INT32_MIN : 0;
     const double highest = target.kind == field_kind::flag ? 1
@@ -313,6 +308,7 @@ uint32_t parse_port(std::string_view text, std::string_view list)
 port_list parse_ports(std::string_view text)
 {
     port_list ports;
+    uint32_t count = 0;
     for (size_t at = 0; at <= text.size();) {
         const std::string_view part = text.substr(at, text.find(',', at) - at);
         const size_t dash = part.find('-');
@@ -320,6 +316,9 @@ port_list parse_ports(std::string_view text)
         const uint32_t last = dash == part.npos ? first : parse_port(part.substr(dash + 1), text);
         if (last < first)
             fail(quoted(text) + " is no list of ports: a range goes upwards");
+        count += last - first + 1;
+        if (count > max_ports)
+            fail("more ports are listed than a board can have");
         ports.push_back({first, last});
         at += part.size() + 1;
     }
@@ -354,6 +353,7 @@ std::span<const std::string_view> operation_names()
     return op_names;
 }
 
+/* "dolm_ric_ri_subslink", "ri_subslink" and "subslink" are one operation. */
 operation parse_operation(std::string_view text)
 {
     std::string_view name = text;
@@ -418,6 +418,7 @@ std::vector<setting> parse_settings(std::span<const std::string_view> words)
     return settings;
 }
 
+/* Values are copied, not pointed to: the records make no promise about alignment. */
 uint32_t read_number(const field &source, const void *values)
 {
     const auto *from = static_cast<const std::byte *>(values) + source.offset;
@@ -428,6 +429,7 @@ uint32_t read_number(const field &source, const void *values)
     return source.kind == field_kind::flag ? (number & source.mask) != 0 : number;
 }
 
+/* A text fills its field to the end with zeros; a flag leaves the bits beside it alone. */
 void write_setting(const setting &value, void *values)
 {
     const field &target = *value.target;
@@ -449,6 +451,8 @@ void write_setting(const setting &value, void *values)
     std::memcpy(to, &number, sizeof(number));
 }
 
+/* The zeros behind a text are its padding; a speed is written as a code, as "10" would be a word.
+ */
 std::string read_field(const field &source, const void *values)
 {
     if (source.kind == field_kind::text) {
@@ -467,10 +471,10 @@ std::string read_field(const field &source, const void *values)
     return std::to_string(number);
 }
 
-std::string_view name_of_value(field_kind kind, uint32_t number)
+std::string_view name_of_value(field_kind of, uint32_t number)
 {
     for (const named_value &known : named_values)
-        if (known.kind == kind && known.value == number)
+        if (known.of == of && known.value == number)
             return known.name;
     return {};
 }
@@ -491,10 +495,11 @@ const module_kind &parse_module_kind(std::string_view name)
 
 std::vector<std::string_view> split_words(std::string_view text)
 {
+    constexpr std::string_view blanks = " \t\r";
     std::vector<std::string_view> words;
-    for (size_t at = text.find_first_not_of(' '); at != text.npos;
-         at = text.find_first_not_of(' ', at)) {
-        words.push_back(text.substr(at, text.find(' ', at) - at));
+    for (size_t at = text.find_first_not_of(blanks); at != text.npos;
+         at = text.find_first_not_of(blanks, at)) {
+        words.push_back(text.substr(at, text.find_first_of(blanks, at) - at));
         at += words.back().size();
     }
     return words;

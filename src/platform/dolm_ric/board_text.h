@@ -98,7 +98,7 @@ struct field {
     bool in_module; /* the offset is one into module_values, else into port_values */
     uint16_t offset;
     uint16_t size;
-    uint32_t mask; /* of a flag */
+    uint32_t mask = 0; /* of a flag */
 };
 std::span<const field> fields();
 

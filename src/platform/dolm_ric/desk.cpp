@@ -6,6 +6,13 @@
 #include <new>
 #include <utility>
 
+/* A subscription is looked at twice: when an event is queued, so that ports which nobody watches
+   cost nothing, and when it is delivered, as it may have been given up in between. Both look at the
+   one port that the event tells of. Raw events pass both times.
+
+   An event that was delivered stays the desk's, in `out`, until it comes back; so the desk can tell
+   one that never was out, and count those that were forgotten. */
+
 namespace board
 {
 
@@ -42,6 +49,7 @@ void desk::count_call(operation op)
         eventfd_write(watcher, 1);
 }
 
+/* Orders are few, and there are none unless somebody plays with them. */
 int32_t desk::ordered_failure(operation op, uint32_t port)
 {
     const auto found = std::find_if(orders.rbegin(), orders.rend(), [&](const failure &order) {
@@ -110,7 +118,6 @@ void desk::queue(const dolm_ric_event &event, bool raw)
     changed.notify_all();
 }
 
-/* What was queued before an unsubscribe isn't delivered after it. */
 std::unique_ptr<dolm_ric_event> desk::take_event()
 {
     while (!events.empty()) {
@@ -122,6 +129,8 @@ std::unique_ptr<dolm_ric_event> desk::take_event()
     return nullptr;
 }
 
+/* An ordered failure comes before the events, and out of the middle of a wait, so that whoever
+   orders it needn't cause an event to see it. */
 int32_t desk::wait_event(std::unique_lock<std::mutex> &guard, dolm_ric_event *&event)
 {
     for (;;) {

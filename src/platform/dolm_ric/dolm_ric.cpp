@@ -48,19 +48,29 @@ int32_t result_of(work &&run) noexcept
     }
 }
 
-/* Runs the work of an operation on a port, unless the operation is to fail. */
+/* Runs the work of an operation on the board with that handle. The work has the desk's lock, and
+   the guard of it, as it may have to give it up for a while. */
 template <typename work>
-int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) noexcept
+int32_t on_board(operation op, uintptr_t handle, work &&run) noexcept
 {
     return result_of([&]() -> int32_t {
         library &lib = self();
-        const std::lock_guard guard(lib.desk.lock);
+        std::unique_lock guard(lib.desk.lock);
         if (handle == 0 || handle != lib.handle)
             return DOLM_RICERR_INVALID;
-        if (!lib.ports)
+        lib.desk.count_call(op);
+        return run(lib, guard);
+    });
+}
+
+/* Runs the work of an operation on a port, unless it is to fail. */
+template <typename work>
+int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) noexcept
+{
+    return on_board(op, handle, [&](library &lib, auto &) -> int32_t {
+        if (!lib.desk.is_open())
             return DOLM_RICERR_SHUTDOWN;
         const uint32_t port = id & 0xffff;
-        lib.desk.count_call(op);
         if (const int32_t code = lib.desk.ordered_failure(op, port))
             return code;
         if (id != (board::id_of_port_0 | port) || port >= lib.ports->ports())
@@ -80,6 +90,8 @@ int32_t read_port(operation op, uintptr_t handle, uint32_t id, record *out) noex
     });
 }
 
+/* The subscription and the status that goes with it are taken under one lock: no change falls
+   between them. */
 template <typename record>
 int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscription_kind kind,
                   record *out) noexcept
@@ -103,22 +115,7 @@ int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
     });
 }
 
-/* The board of the plan, with nobody told of how it comes to be. */
-void set_up(library &lib, const board::board_plan &plan)
-{
-    lib.desk.open(plan.ports);
-    auto ports = std::make_unique<board::simulated_ports>(plan.ports, lib.desk);
-    for (const board::board_plan::section &section : plan.sections) {
-        if (section.module != nullptr)
-            ports->insert(section.ports, section.module, section.settings);
-        else
-            ports->set(section.ports, section.settings, false);
-    }
-    for (const board::failure &order : plan.failures)
-        lib.desk.order_failure(order);
-    lib.ports = std::move(ports);
-}
-
+/* A set-uid program isn't steered by whoever starts it. */
 const char *environment(const char *name, const char *otherwise)
 {
     const char *value = secure_getenv(name);
@@ -139,6 +136,8 @@ void start_control(library &lib)
 
 } // namespace
 
+/* The handle is a new one even if the start fails, so that no older one can reach what was begun.
+   An ordered failure can only come from the board file here. */
 int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
 {
     return result_of([handle]() -> int32_t {
@@ -149,8 +148,10 @@ int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
             const std::lock_guard guard(lib.desk.lock);
             if (lib.ports)
                 return DOLM_RICERR_BUSY;
+            lib.handle++;
             try {
-                set_up(lib, board::read_board(environment(DOLM_RIC_BOARD_FILE_ENV, nullptr)));
+                lib.ports =
+                    board::make_board(environment(DOLM_RIC_BOARD_FILE_ENV, nullptr), lib.desk);
             } catch (const board::board_error &error) {
                 fprintf(stderr, "libdolm_ric: %s\n", error.what());
                 return DOLM_RICERR_INVALID;
@@ -160,7 +161,7 @@ int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
                 lib.ports.reset();
                 return code;
             }
-            *handle = ++lib.handle;
+            *handle = lib.handle;
         }
         start_control(lib);
         return DOLM_RICERR_OK;
@@ -170,14 +171,9 @@ int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
 /* Ends the board even if it is to fail: the caller could do nothing but wait for ever. */
 int32_t dolm_ric_shutdown(uintptr_t handle, uint32_t)
 {
-    return result_of([handle]() -> int32_t {
-        library &lib = self();
-        std::unique_lock guard(lib.desk.lock);
-        if (handle == 0 || handle != lib.handle)
-            return DOLM_RICERR_INVALID;
+    return on_board(operation::shutdown, handle, [](library &lib, auto &guard) -> int32_t {
         if (!lib.desk.is_open())
             return DOLM_RICERR_SHUTDOWN;
-        lib.desk.count_call(operation::shutdown);
         const int32_t code = lib.desk.ordered_failure(operation::shutdown, 0);
         lib.desk.close();
         guard.unlock();
@@ -190,12 +186,9 @@ int32_t dolm_ric_shutdown(uintptr_t handle, uint32_t)
 
 int32_t dolm_ric_waitevent(uintptr_t handle, dolm_ric_event **event)
 {
-    return result_of([handle, event]() -> int32_t {
-        library &lib = self();
-        std::unique_lock guard(lib.desk.lock);
-        if (event == nullptr || handle == 0 || handle != lib.handle)
-            return DOLM_RICERR_INVALID;
-        lib.desk.count_call(operation::waitevent);
+    if (event == nullptr)
+        return DOLM_RICERR_INVALID;
+    return on_board(operation::waitevent, handle, [event](library &lib, auto &guard) {
         return lib.desk.wait_event(guard, *event);
     });
 }
@@ -203,17 +196,13 @@ int32_t dolm_ric_waitevent(uintptr_t handle, dolm_ric_event **event)
 /* Takes the event back even if it is to fail, so that an ordered failure costs no memory. */
 int32_t dolm_ric_freeevent(uintptr_t handle, dolm_ric_event **event)
 {
-    return result_of([handle, event]() -> int32_t {
-        library &lib = self();
-        const std::lock_guard guard(lib.desk.lock);
-        if (event == nullptr || handle == 0 || handle != lib.handle)
-            return DOLM_RICERR_INVALID;
-        lib.desk.count_call(operation::freeevent);
+    if (event == nullptr)
+        return DOLM_RICERR_INVALID;
+    return on_board(operation::freeevent, handle, [event](library &lib, auto &) -> int32_t {
         const bool was_out = lib.desk.free_event(*event);
         *event = nullptr;
-        if (const int32_t code = lib.desk.ordered_failure(operation::freeevent, 0))
-            return code;
-        return was_out ? DOLM_RICERR_OK : DOLM_RICERR_INVALID;
+        const int32_t code = lib.desk.ordered_failure(operation::freeevent, 0);
+        return code != 0 || was_out ? code : DOLM_RICERR_INVALID;
     });
 }
 

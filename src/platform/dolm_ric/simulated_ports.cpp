@@ -4,11 +4,17 @@
 #include <map>
 #include <utility>
 
+/* What a port itself reports is held by value; its module is shared and never written. A change of
+   the module puts a changed copy in its place, one copy for all ports of a request that had the
+   same module, so that a board of 65,535 ports alike stays small after a change to all of them too.
+ */
+
 namespace board
 {
 namespace
 {
 
+/* From an empty cage, by the settings of its kind. */
 module_values make_module(const module_kind &kind)
 {
     module_values module;
@@ -88,6 +94,7 @@ void simulated_ports::require(const port_list &list) const
                               ": this board has the ports 0 to " + std::to_string(ports() - 1));
 }
 
+/* An event carries what a read at the same moment gives. */
 template <typename record>
 void simulated_ports::tell(uint32_t port, void (port_events::*changed)(const record &))
 {
@@ -96,6 +103,7 @@ void simulated_ports::tell(uint32_t port, void (port_events::*changed)(const rec
     (listener.*changed)(now);
 }
 
+/* Each port is told of once per kind, however many of its values a request changes. */
 template <typename edit>
 void simulated_ports::change(const port_list &list, told_anyway anyway, edit &&apply)
 {
@@ -114,7 +122,8 @@ void simulated_ports::change(const port_list &list, told_anyway anyway, edit &&a
     }
 }
 
-/* Ports that shared a module before share the changed copy of it afterwards. */
+/* Writes settings to ports. The map keeps the old modules alive while it lasts, so that no new one
+   can be mistaken for them. */
 class simulated_ports::writer
 {
   public:
@@ -162,6 +171,7 @@ void simulated_ports::set(const port_list &list, const std::vector<setting> &set
     change(list, anyway, writer(settings));
 }
 
+/* A module comes ready, unless the settings say otherwise. They are written last. */
 void simulated_ports::insert(const port_list &list, const module_kind *kind,
                              const std::vector<setting> &settings)
 {
@@ -175,6 +185,7 @@ void simulated_ports::insert(const port_list &list, const module_kind *kind,
     });
 }
 
+/* The port stays started and remembers the module, but a link without one can't be up. */
 void simulated_ports::remove(const port_list &list)
 {
     change(list, {}, [](port_slot &slot) {

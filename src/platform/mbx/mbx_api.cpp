@@ -66,7 +66,7 @@ void make_room_for_descriptors()
 }
 
 /* A fork is made while nobody is inside, and the child drops what it has a copy of. */
-void before_fork()
+void before_fork() /* in the order of the locks */
 {
     helper_lock.lock();
     registry_lock.lock();
@@ -88,11 +88,12 @@ void after_fork_in_child()
     unlock_all();
 }
 
-void register_fork_handlers()
+bool register_fork_handlers()
 {
     static bool registered; /* guarded by registry_lock */
     if (!registered)
         registered = pthread_atfork(before_fork, unlock_all, after_fork_in_child) == 0;
+    return registered;
 }
 
 /* What lingers in deleted mailboxes, as far as it waits for a receiver to read. */
@@ -127,6 +128,7 @@ void end_lingering()
     });
 }
 
+/* The helper has ended, so this thread hands on what is left, as long as the time lasts. */
 void linger()
 {
     const time_point deadline = std::chrono::steady_clock::now() + linger_time;
@@ -141,6 +143,8 @@ void linger()
     end_lingering();
 }
 
+/* A server answers from its helper, so that a busy one is located as fast as an idle one; the limit
+   is for one that is stopped or drowned. */
 time_point locate_deadline()
 {
     const char *set = secure_getenv("MBX_LOCATE_MS");
@@ -148,7 +152,8 @@ time_point locate_deadline()
     return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms > 0 ? ms : locate_ms);
 }
 
-/* Waits for the answer to our greeting. */
+/* Waits for the answer to our greeting. The connection itself has no time-out for reading, because
+   a closed one is readable as well. */
 std::optional<greeting> await_greeting(int control, time_point deadline)
 {
     pollfd wanted{control, POLLIN, 0};
@@ -175,12 +180,12 @@ uint32_t settle(mailbox &m, uint32_t id, owned_fd control, owned_fd rx, greeting
         return existing->id;
     if (answer.kind != greeting_kind::welcome)
         return MBX_NO_MAILBOX;
-    connection *c = add_connection(m, std::move(control), std::move(rx), std::move(answer.tx),
-                                   answer.token, false);
+    connection *c =
+        add_connection(m, std::move(control), std::move(rx), std::move(answer.tx), answer.token);
     return c ? c->id : MBX_NO_MAILBOX;
 }
 
-enum class attempt { done, again, failed };
+enum class attempt { done, again, failed }; /* failed: errno tells why */
 
 attempt try_to_locate(mailbox &m, uint32_t id, const char *name, time_point deadline, uint32_t &out)
 {
@@ -230,6 +235,7 @@ block *take_over(mbx_signal **signal)
     return block_of(std::exchange(*signal, nullptr));
 }
 
+/* A mailbox of the same process has no connection to watch: it tells its watchers when it goes. */
 uint32_t monitor_local(mailbox &target, uint32_t id, uint32_t watcher, block *notice)
 {
     const uint32_t reference = next_connection_id();
@@ -268,8 +274,9 @@ int mbx_init(int version, int, int, int, int)
     std::lock_guard registry(registry_lock);
     if (initialized)
         return 0;
+    if (!register_fork_handlers())
+        return -1;
     make_room_for_descriptors();
-    register_fork_handlers();
     initialized = true;
     return 0;
 }

@@ -47,13 +47,15 @@ std::byte *map_memory(size_t size)
     return static_cast<std::byte *>(memory);
 }
 
+/* Its chunk is there: the place was carved, or stood in a free list. */
 block *block_at(uint32_t place)
 {
     std::byte *chunk = chunks[place / chunk_units].load(std::memory_order_acquire);
     return reinterpret_cast<block *>(chunk + (place % chunk_units) * unit);
 }
 
-/* Two threads may map the same chunk at once; the second one takes its own back. */
+/* Two threads may map the same chunk at once, or a thread and a handler on it; the second one takes
+   its own back. */
 void need_chunk(uint32_t index)
 {
     if (index >= chunk_count)
@@ -67,6 +69,7 @@ void need_chunk(uint32_t index)
         munmap(fresh, chunk_units * unit);
 }
 
+/* A block never crosses the end of a chunk; what is left there stays unused and untouched. */
 block *carve(uint32_t size_class)
 {
     const uint32_t units = 1u << size_class;
@@ -96,8 +99,7 @@ block *pop_free(uint32_t size_class)
         block *b = block_at(place);
         /* Another thread may have taken the block meanwhile: then the word means something else,
            and the counter in the head makes the exchange fail. */
-        const uint64_t next =
-            ((head >> 32) + 1) << 32 | b->word.load(std::memory_order_relaxed);
+        const uint64_t next = ((head >> 32) + 1) << 32 | b->word.load(std::memory_order_relaxed);
         if (list.compare_exchange_weak(head, next, std::memory_order_acquire))
             return b;
     }

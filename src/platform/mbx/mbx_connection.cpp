@@ -1,10 +1,12 @@
 /* The connections of a mailbox: made, written to, supervised, ended.
 
    Of each connection we hold the control socket, whose end tells the peer's death, the receiving
-   end of our pair, and the sending end of the peer's. A send goes straight to the kernel. What the
-   kernel does not take is queued, and from then on everything for that receiver goes behind it; the
-   helper hands it on as the receiver reads. The queues are bounded: past the bound the connection
-   ends for both sides, so that a receiver sees a death but never a gap.
+   end of our pair, and the sending end of the peer's. A process can leave its end of the control
+   socket to a child that it made behind the library's back, so there is a pidfd too. A send goes
+   straight to the kernel. What the kernel does not take is queued, and from then on everything for
+   that receiver goes behind it; the helper hands it on as the receiver reads. The queues are
+   bounded: past the bound the connection ends for both sides, so that a receiver sees a death but
+   never a gap.
 
    When a connection ends, our receiving end is shut first, so that nothing can follow; what the
    kernel had taken is read into memory, the notices go behind it, and the descriptors are closed at
@@ -16,6 +18,8 @@
 #include <cerrno>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace
 {
@@ -28,6 +32,7 @@ std::atomic<uint32_t> last_connection_id{first_connection_id};
 
 enum class outcome { sent, full, broken };
 
+/* Memory that the kernel is short of counts as a receiver that is full: it is tried again. */
 outcome try_send(connection &c, block *b)
 {
     if (send(c.tx.get(), b->signal(), b->size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
@@ -46,7 +51,8 @@ block *unqueue(connection &c)
     return b;
 }
 
-/* Ends the connection when it has no room. */
+/* The first signal that waits wakes the helper's interest. Ends the connection when the queue is
+   past its bound, or when nobody would ever hand it on. */
 void enqueue(mailbox &m, connection &c, block *b)
 {
     const size_t cost = block_cost(b);
@@ -59,7 +65,8 @@ void enqueue(mailbox &m, connection &c, block *b)
         end_connection(m, c);
 }
 
-/* Ends the connection with the longest queue of the process until all of them fit. */
+/* Ends the connection with the longest queue of the process until all of them fit. Called without
+   the sender's lock, because the longest queue may be another mailbox's. */
 void shed_queues()
 {
     while (queued_in_all > queued_in_all_at_most) {
@@ -79,9 +86,8 @@ void shed_queues()
         if (!owner)
             return;
         std::lock_guard hold(owner->lock);
-        const auto found = owner->connections.find(longest);
-        if (found != owner->connections.end())
-            end_connection(*owner, found->second);
+        if (connection *c = find_connection(*owner, longest))
+            end_connection(*owner, *c);
     }
 }
 
@@ -94,15 +100,15 @@ void release_descriptors(connection &c)
     if (c.watched)
         helper_unwatch(c.tx.get());
     c.watched = false;
+<<<<<<< HEAD
+=======
+    if (c.life)
+        helper_unwatch(c.life.get());
+>>>>>>> main
     c.control.reset();
+    c.life.reset();
     c.tx.reset();
     c.rx.reset();
-}
-
-connection *find_connection(mailbox &m, uint32_t id)
-{
-    const auto found = m.connections.find(id);
-    return found == m.connections.end() ? nullptr : &found->second;
 }
 
 block *find_monitor(block_queue &monitors, uint32_t reference)
@@ -115,6 +121,7 @@ block *find_monitor(block_queue &monitors, uint32_t reference)
 
 } // namespace
 
+/* Counts up, so that an id comes back after two thousand million connections at the earliest. */
 uint32_t next_connection_id()
 {
     uint32_t id;
@@ -124,18 +131,21 @@ uint32_t next_connection_id()
     return id;
 }
 
+/* Without a pidfd, which an old kernel may not have, the control connection does alone. */
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
-                           const mailbox_token &peer, bool accepted)
+                           const mailbox_token &peer)
 {
     uint32_t id = next_connection_id();
     while (m.connections.contains(id))
         id = next_connection_id();
     connection &c = m.connections[id];
     c.id = id;
-    c.accepted = accepted;
     c.process = peer_process(control.get());
     c.peer = peer;
     c.control = std::move(control);
+    c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.process, 0)));
+    if (c.life)
+        helper_watch_connection(watch_kind::control, c.life.get(), m, id);
     c.rx = std::move(rx);
     c.tx = std::move(tx);
     epoll_event event{};
@@ -150,6 +160,14 @@ connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd t
     return nullptr;
 }
 
+connection *find_connection(mailbox &m, uint32_t id)
+{
+    const auto found = m.connections.find(id);
+    return found == m.connections.end() ? nullptr : &found->second;
+}
+
+/* A token alone proves nothing, because those who were told it could repeat it: the process, which
+   the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process)
 {
     for (auto &[id, c] : m.connections)
@@ -163,8 +181,12 @@ void end_connection(mailbox &m, connection &c)
     if (!c.alive())
         return;
     if (c.rx) {
+<<<<<<< HEAD
         /* Out of the epoll first: an end that is shut counts as readable, and the owner must not
            wake without a signal. */
+=======
+        /* Shut, it counts as readable: the owner must not see that. */
+>>>>>>> main
         epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
         shutdown(c.rx.get(), SHUT_RD);
         read_all(m, c);

@@ -84,7 +84,8 @@ bool control_epoll(int operation, int fd, uint32_t what, subject s)
     return epoll_ctl(helper_poll, operation, fd, &event) == 0;
 }
 
-/* With the mailbox's lock held. Answers a greeting; what is not kept is closed on return. */
+/* With the mailbox's lock held. Answers a greeting; what is not kept is closed on return. The
+   connection stands before the answer goes out, so that the first signal finds it. */
 void answer(mailbox &m, owned_fd control, greeting hello)
 {
     const int answer_to = control.get();
@@ -95,8 +96,8 @@ void answer(mailbox &m, owned_fd control, greeting hello)
     datagram_pair pair = make_datagram_pair();
     if (!pair.rx)
         return;
-    connection *c = add_connection(m, std::move(control), std::move(pair.rx), std::move(hello.tx),
-                                   hello.token, true);
+    connection *c =
+        add_connection(m, std::move(control), std::move(pair.rx), std::move(hello.tx), hello.token);
     if (c && !send_greeting(answer_to, greeting_kind::welcome, m.token, pair.tx.get()))
         end_connection(m, *c);
 }
@@ -117,6 +118,8 @@ bool try_greeting(newcomer &n)
     return true;
 }
 
+/* A client greets as soon as it is connected, so that mostly the greeting is there already and the
+   connection never counts among those that are silent. */
 void handle_newcomer(helper &h, owned_fd control, uint32_t mailbox_id)
 {
     const pid_t process = peer_process(control.get());
@@ -128,8 +131,7 @@ void handle_newcomer(helper &h, owned_fd control, uint32_t mailbox_id)
     if (std::count_if(h.newcomers.begin(), h.newcomers.end(), same) >=
         static_cast<ptrdiff_t>(ungreeted_at_most))
         return;
-    if (control_epoll(EPOLL_CTL_ADD, n.control.get(), EPOLLIN,
-                      {watch_kind::greeting, 0, n.number}))
+    if (control_epoll(EPOLL_CTL_ADD, n.control.get(), EPOLLIN, {watch_kind::greeting, 0, n.number}))
         h.newcomers.push_back(std::move(n));
 }
 
@@ -148,6 +150,7 @@ void handle_greeting(helper &h, uint32_t number)
         remove_newcomer(h, n);
 }
 
+/* The wait for the next try is short enough for a client and long enough not to count. */
 void rest_listener(helper &h, int listener, uint32_t mailbox_id)
 {
     control_epoll(EPOLL_CTL_MOD, listener, 0,
@@ -201,13 +204,13 @@ void handle_connection(subject s)
     if (!m)
         return;
     std::lock_guard hold(m->lock);
-    const auto found = m->connections.find(s.id);
-    if (found == m->connections.end() || !found->second.alive())
+    connection *c = find_connection(*m, s.id);
+    if (!c || !c->alive())
         return;
     if (s.kind == watch_kind::control)
-        end_connection(*m, found->second);
+        end_connection(*m, *c);
     else
-        flush_connection(*m, found->second, flushes_at_once);
+        flush_connection(*m, *c, flushes_at_once);
 }
 
 /* Returns false when the thread is to end. */
@@ -240,6 +243,7 @@ void handle_time(helper &h)
         wake_listeners(h);
 }
 
+/* Until the next deadline; without one the thread sleeps until something happens. */
 int time_to_wait(const helper &h)
 {
     int wait = -1;
@@ -279,11 +283,14 @@ bool start_thread(helper &h)
     pthread_attr_t attributes;
     sigset_t all;
     sigfillset(&all);
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, stack_size);
-    pthread_attr_setsigmask_np(&attributes, &all);
-    const int error = pthread_create(&h.thread, &attributes, run, &h);
-    pthread_attr_destroy(&attributes);
+    int error = pthread_attr_init(&attributes);
+    if (error == 0) {
+        pthread_attr_setstacksize(&attributes, stack_size);
+        error = pthread_attr_setsigmask_np(&attributes, &all);
+        if (error == 0)
+            error = pthread_create(&h.thread, &attributes, run, &h);
+        pthread_attr_destroy(&attributes);
+    }
     errno = error;
     return error == 0;
 }

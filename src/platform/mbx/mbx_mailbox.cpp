@@ -33,7 +33,8 @@ std::atomic<uint32_t> first_mailbox{MBX_NO_MAILBOX};
 uint64_t births; /* guarded by registry_lock */
 thread_local uint32_t thread_mailbox = MBX_NO_MAILBOX;
 
-/* A record that nothing refers to any more, or a new one. */
+/* A record that nothing refers to any more, or a new one. One that still has signals to hand over
+   is not free. */
 mailbox *free_record(uint32_t &slot)
 {
     for (slot = 0; slot < mailboxes_at_most; slot++) {
@@ -149,6 +150,7 @@ uint32_t own_or_first_mailbox()
     return own != MBX_NO_MAILBOX ? own : first_mailbox.load();
 }
 
+/* The id is set last: from then on others may find the mailbox, whole. */
 uint32_t create_mailbox(const char *name)
 {
     const bool named = name && *name;
@@ -189,6 +191,8 @@ uint32_t create_mailbox(const char *name)
     return id;
 }
 
+/* The other way round: nobody finds it, nobody is about to put something in, then it is emptied.
+   What is on its way out lingers with its connection. */
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = m.id.exchange(0);
@@ -214,6 +218,8 @@ void delete_mailbox(mailbox &m)
     tell_watchers(m, id);
 }
 
+/* No epoll_ctl, no unlink, no shutdown: epolls, names and connections are the parent's as well, and
+   it goes on using them. Only the copies of the descriptors are closed. */
 void forget_mailbox(mailbox &m)
 {
     m.id = 0;
@@ -229,6 +235,8 @@ void forget_mailbox(mailbox &m)
     close_events(m);
 }
 
+/* Whether the id is still the receiver's is looked at with the pin set, and the other side looks at
+   the pins with the id taken away: one of the two sees the other. */
 void push_local(uint32_t receiver, block *b, uint32_t sender)
 {
     mailbox *m = mailbox_in_slot(slot_of(receiver));

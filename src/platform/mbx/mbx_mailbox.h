@@ -19,12 +19,12 @@
 /* A connection to another mailbox. It has descriptors while it lives. A dead one stays while
    signals that were read from it wait for the owner. */
 struct connection {
-    uint32_t id = 0; /* what the other mailbox is called here; never used twice */
-    bool accepted = false;
+    uint32_t id = 0;      /* what the other mailbox is called here; never used twice */
     bool watched = false; /* the helper waits until tx takes more */
     pid_t process = 0;
     mailbox_token peer{};
     owned_fd control;
+    owned_fd life; /* a pidfd of the process at the other end, where there can be one */
     owned_fd rx;
     owned_fd tx;
     block_queue out; /* what the kernel did not take */
@@ -87,6 +87,9 @@ struct mailbox {
     size_t turn_end = 0;
     uint64_t clock = 0; /* counts receptions */
     uint64_t local_served = 0;
+    uint32_t favourite = 0; /* the connection that had the last turn */
+    uint32_t credit = 0;    /* how often it is served before the others are looked at */
+    time_point rivalry{};   /* when somebody else had a turn */
     std::unique_ptr<receive_buffers, receive_buffers_deleter> buffers;
 };
 
@@ -140,7 +143,9 @@ void queue_ahead(mailbox &m, connection &c, block *b);
 /* mbx_connection.cpp, with the mailbox's lock held unless said otherwise. */
 /* Makes a connection from its parts, and puts rx into the mailbox's epoll. Null with errno. */
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
-                           const mailbox_token &peer, bool accepted);
+                           const mailbox_token &peer);
+/* The connection that is called so, be it alive or dead, or null. */
+connection *find_connection(mailbox &m, uint32_t id);
 /* The living connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process);
 /* Closes it. What the kernel has taken is kept for the owner, then come the monitors' notices. The

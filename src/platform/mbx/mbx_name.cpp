@@ -65,7 +65,9 @@ bool is_the_file_at(int fd, const std::string &path)
            ours.st_dev == found.st_dev && ours.st_ino == found.st_ino;
 }
 
-/* Empty with errno, EADDRINUSE when another process holds it. */
+/* Empty with errno, EADDRINUSE when another process holds it. A file that went away between opening
+   and locking was its owner's, who has just given the name back: then there is a new one to lock.
+ */
 owned_fd take_lock(const std::string &path)
 {
     for (;;) {
@@ -107,6 +109,7 @@ owned_fd listen_at(const sockaddr_un &address)
     return listener;
 }
 
+/* The installation makes it; where it has not, the first server does, whatever the umask. */
 bool make_directory()
 {
     const std::string path = directory();
@@ -158,6 +161,8 @@ int take_name(const char *name, owned_name &out)
     return 0;
 }
 
+/* If somebody has removed the lock's file by hand, another process may own the name by now: then
+   the files are left alone. */
 void give_name(owned_name &owned)
 {
     if (!owned.lock)
@@ -172,6 +177,7 @@ void give_name(owned_name &owned)
     owned.name.clear();
 }
 
+/* A connect waits while the listener's backlog is full; the send time-out limits that. */
 owned_fd connect_to_name(const char *name, time_point deadline)
 {
     sockaddr_un address;

@@ -3,8 +3,12 @@
    The mailbox's descriptor is an epoll over all that signals come from: a semaphore for what is
    sent within the process, the receiving end of every connection, and an event that is up while
    signals wait in memory. When nobody's turn is left, one look at the epoll finds who is ready; the
-   ones that have waited longest come first, and each gives one signal. So between a signal's arrival
-   and its reception every other source is served once at most.
+   ones that have waited longest come first, and each gives one signal. So between a signal's
+   arrival and its reception every other source is served once at most.
+
+   The look costs as much as a signal. It is spared where there is nobody to be fair to: while one
+   connection has been the only one to send for some seconds, a few of its signals are taken before
+   the next look. As soon as anybody else shows up, each signal has its look again.
 
    From a connection that had several signals in a row a batch is read at once. What is read ahead
    keeps its place: the connection still gives one signal a turn, and the memory event holds the
@@ -14,6 +18,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <sys/epoll.h>
 #include <sys/mman.h>
@@ -23,10 +28,12 @@
 namespace
 {
 
-constexpr uint32_t batch_at_most = 16;
-constexpr uint32_t calm_at_most = 64;
+constexpr uint32_t batch_at_most = 16;     /* signals that are read at once */
+constexpr uint32_t calm_at_most = 64;      /* between two tries to read several */
 constexpr size_t in_memory_at_most = 1024; /* no reading ahead beyond */
 constexpr int events_at_most = 32;
+constexpr uint32_t unlooked_at_most = 7; /* signals of one who is alone */
+constexpr auto rivalry_lasts = std::chrono::seconds(10);
 static_assert(events_at_most <= turns_at_most);
 
 } // namespace
@@ -45,6 +52,14 @@ void receive_buffers_deleter::operator()(receive_buffers *buffers) const
 
 namespace
 {
+
+/* To a tick of the kernel, but cheap. */
+time_point coarse_now()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &t);
+    return time_point(std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec));
+}
 
 receive_buffers &need_buffers(mailbox &m)
 {
@@ -92,15 +107,15 @@ block *read_batch(mailbox &m, connection &c, uint32_t count, uint32_t &got)
     return make_block(c, buffers.data[0], buffers.messages[0].msg_len);
 }
 
-/* Reads one signal, or a batch where the last tries found more than one. A connection that has
-   never more than one at a time is tried for more ever more rarely. */
+/* Reads one signal, or a batch where the last try found more than one. The batch doubles while it
+   comes back full. A connection that had one signal only is tried for more every now and then,
+   because a try that finds nothing costs a little. */
 block *read_some(mailbox &m, connection &c)
 {
-    if (c.batch == 1 && c.calm > 0) {
+    const bool calm = c.batch == 1 && c.calm > 0;
+    if (calm)
         c.calm--;
-        return read_one(m, c);
-    }
-    if (m.in_memory >= in_memory_at_most)
+    if (calm || m.in_memory >= in_memory_at_most)
         return read_one(m, c);
     const uint32_t want = std::min(2 * c.batch, batch_at_most);
     uint32_t got;
@@ -111,6 +126,8 @@ block *read_some(mailbox &m, connection &c)
     return b;
 }
 
+/* The semaphore first: who has taken a count has a block. The stack, which has the latest on top,
+   is turned round as a whole when the queue is used up. */
 block *take_local(mailbox &m)
 {
     uint64_t one;
@@ -124,16 +141,14 @@ block *take_local(mailbox &m)
             oldest = b;
             b = older;
         }
-        while (oldest) {
-            block *b = oldest;
-            oldest = b->next;
-            m.local.push(b);
-        }
+        while (oldest)
+            m.local.push(std::exchange(oldest, oldest->next));
     }
     m.local_served = ++m.clock;
     return m.local.pop();
 }
 
+/* The connection goes to the end of those that have something ahead. */
 block *take_ahead(mailbox &m, connection &c)
 {
     block *b = c.ahead.pop();
@@ -144,38 +159,49 @@ block *take_ahead(mailbox &m, connection &c)
     return b;
 }
 
+/* The connection may have ended since it was found ready, and a dead one ends here for good when
+   its last signal is taken. */
 block *take_from_connection(mailbox &m, uint32_t id)
 {
-    const auto found = m.connections.find(id);
-    if (found == m.connections.end())
+    connection *c = find_connection(m, id);
+    if (!c)
         return nullptr;
-    connection &c = found->second;
     block *b = nullptr;
-    if (!c.ahead.empty())
-        b = take_ahead(m, c);
-    else if (c.alive())
-        b = read_some(m, c);
-    c.served = ++m.clock;
-    if (!c.alive() && c.ahead.empty())
-        m.connections.erase(found);
+    if (!c->ahead.empty())
+        b = take_ahead(m, *c);
+    else if (c->alive())
+        b = read_some(m, *c);
+    c->served = ++m.clock;
+    if (!c->alive() && c->ahead.empty())
+        m.connections.erase(id);
     return b;
 }
 
+/* A connection may be reported twice: it has something in the kernel and something ahead. */
 void add_turn(mailbox &m, uint32_t source)
 {
-    uint64_t served = m.local_served;
-    if (source != source_local) {
-        const auto found = m.connections.find(source);
-        if (found == m.connections.end())
-            return;
-        served = found->second.served;
-    }
+    const connection *c = source == source_local ? nullptr : find_connection(m, source);
+    if (source != source_local && !c)
+        return;
     const auto begin = m.turns.begin();
     const auto end = begin + static_cast<ptrdiff_t>(m.turn_end);
     if (m.turn_end == turns_at_most ||
         std::any_of(begin, end, [&](const turn &t) { return t.source == source; }))
         return;
-    m.turns[m.turn_end++] = {served, source};
+    m.turns[m.turn_end++] = {c ? c->served : m.local_served, source};
+}
+
+/* Whether nobody but this connection has sent for a while. Then it may be served a few times
+   without a look at the others. */
+bool is_alone(mailbox &m, uint32_t source)
+{
+    if (source == source_local)
+        return false;
+    const time_point now = coarse_now();
+    if (m.turn_end > 1 || source != m.favourite)
+        m.rivalry = now;
+    m.favourite = source;
+    return m.connections.size() == 1 || now - m.rivalry > rivalry_lasts;
 }
 
 /* Gives turns to what the epoll reported, the one that was served longest ago first. */
@@ -197,10 +223,16 @@ void give_turns(mailbox &m, const epoll_event *events, int count)
     if (m.turn_end > 1)
         std::sort(m.turns.begin(), m.turns.begin() + static_cast<ptrdiff_t>(m.turn_end),
                   [](const turn &a, const turn &b) { return a.served < b.served; });
+    m.credit = m.turn_end > 0 && is_alone(m, m.turns[0].source) ? unlooked_at_most : 0;
 }
 
 block *take_next(mailbox &m)
 {
+    if (m.turn_next == m.turn_end && m.credit > 0) {
+        m.credit--;
+        if (block *b = take_from_connection(m, m.favourite))
+            return b;
+    }
     for (;;) {
         while (m.turn_next < m.turn_end) {
             const uint32_t source = m.turns[m.turn_next++].source;
@@ -250,6 +282,8 @@ block *take_matching(mailbox &m, const uint32_t *filter, uint32_t sender)
 
 } // namespace
 
+/* Both under the lock, so that the event is up exactly while the count is not 0 for everybody who
+   can see the two. */
 void count_into_memory(mailbox &m)
 {
     if (m.in_memory++ == 0) {

@@ -36,6 +36,7 @@ union one_descriptor {
 };
 constexpr size_t one_descriptor_length = CMSG_LEN(sizeof(int));
 
+/* Says by length what is kept: it must have a number and must not be longer than a signal. */
 bool drop_what_is_no_signal(int rx)
 {
     sock_filter code[] = {
@@ -71,6 +72,7 @@ bool accept_sending_end(int tx)
     return setsockopt(tx, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer) == 0;
 }
 
+/* What was passed is ours from here on, and closes itself if it is not wanted. */
 owned_fd passed_descriptor(msghdr &message)
 {
     cmsghdr *header = CMSG_FIRSTHDR(&message);
@@ -108,6 +110,7 @@ datagram_pair make_datagram_pair()
     return pair;
 }
 
+/* Early in a system's life the call may be interrupted: then it is repeated. */
 mailbox_token make_token()
 {
     mailbox_token token{};

@@ -7,9 +7,7 @@
 
    The mask. Callers test procInfo[3] of their thread before they call anything of ours, so it has
    to stand there beforehand. zel_init sets it for its own thread, zel_register_thread_name for any
-   other. For threads that are made later and never register, zel_init also writes it into the image
-   from which the loader copies the thread-local data of each new thread. Not so for LTTng: there a
-   thread must be made ready for signal handlers first, and it keeps the mask 0 until it registers.
+   other; a thread that never registers is not traced.
 
    Formatted texts. A signal handler may call formatStr at any instruction of a formatStr of the
    same thread, or before the text of that one has been traced. So each thread has several texts,
@@ -35,7 +33,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <link.h>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -63,9 +60,7 @@ ZEL_THREAD_LOCAL formatted_text texts[texts_per_thread];
 ZEL_THREAD_LOCAL uint64_t text_uses;
 ZEL_THREAD_LOCAL char thread_name[32];
 
-/* Word 0 is the size of the block. Being not 0 it also keeps the block in the initial image, which
-   holds no data that starts as zeroes. */
-__thread uint32_t procInfo[8] = {sizeof procInfo};
+__thread uint32_t procInfo[8];
 
 static std::atomic<const zel_sink *> sink;
 static uint32_t group_mask;
@@ -174,23 +169,6 @@ static const zel_sink *open_sink()
     return nullptr;
 }
 
-/* Of the loaded objects it is ours whose thread-local block, as this thread has it, holds procInfo.
-   The image has the same layout, but ends before the data that starts as zeroes. */
-static int write_initial_image(dl_phdr_info *object, size_t, void *)
-{
-    const auto *mask = reinterpret_cast<const char *>(&procInfo[3]);
-    const auto *block = static_cast<const char *>(object->dlpi_tls_data);
-    for (size_t i = 0; block != nullptr && i < object->dlpi_phnum; ++i) {
-        const ElfW(Phdr) &segment = object->dlpi_phdr[i];
-        if (segment.p_type != PT_TLS || mask < block || mask >= block + segment.p_filesz)
-            continue;
-        const ElfW(Addr) image = object->dlpi_addr + segment.p_vaddr;
-        memcpy(reinterpret_cast<char *>(image) + (mask - block), &group_mask, sizeof group_mask);
-        return 1;
-    }
-    return 0;
-}
-
 /* The mask comes last: from then on a signal handler may trace here. */
 static void enter_thread()
 {
@@ -209,8 +187,6 @@ static bool start()
         return false;
     group_mask = wanted_groups();
     sink.store(opened, std::memory_order_release);
-    if (opened->enter_thread == nullptr)
-        dl_iterate_phdr(write_initial_image, nullptr);
     return true;
 }
 

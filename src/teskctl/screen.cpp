@@ -1,0 +1,66 @@
+#include "teskctl/screen.h"
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
+
+namespace
+{
+
+/* The other page of the terminal, without a cursor, and back. */
+constexpr char enter_sequence[] = "\x1b[?1049h\x1b[?25l\x1b[2J";
+constexpr char leave_sequence[] = "\x1b[?25h\x1b[?1049l";
+constexpr char clear_to_end_of_line[] = "\x1b[K";
+constexpr char clear_below[] = "\x1b[J";
+
+void write_out(const std::string &text)
+{
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+} // namespace
+
+screen::screen() : has_keys_(tcgetattr(STDIN_FILENO, &saved_) == 0)
+{
+    enter();
+}
+
+screen::~screen()
+{
+    leave();
+}
+
+void screen::enter()
+{
+    if (has_keys_) {
+        termios raw = saved_;
+        raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &raw);
+    }
+    write_out(enter_sequence);
+}
+
+void screen::leave()
+{
+    write_out(leave_sequence);
+    if (has_keys_) {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
+    }
+}
+
+void screen::suspend()
+{
+    leave();
+    raise(SIGSTOP);
+    enter();
+}
+
+void screen::draw(const std::vector<std::string> &lines, size_t height) const
+{
+    std::string frame = "\x1b[H";
+    for (size_t i = 0; i < std::min(lines.size(), height); i++) {
+        frame += (i == 0 ? "" : "\r\n") + lines[i] + clear_to_end_of_line;
+    }
+    write_out(frame + clear_below);
+}

@@ -1,0 +1,172 @@
+/* top: subscribes to both kinds on all its ports, since a module's coming and going reaches a port
+   only while somebody holds its SFP info, and reads the measured values at an interval. On a
+   terminal it draws a page after whatever came in; elsewhere it writes a line for each. */
+#include "teskctl/commands.h"
+#include "teskctl/report.h"
+#include "teskctl/screen.h"
+#include "teskctl/top_view.h"
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace
+{
+
+using std::chrono::steady_clock;
+
+steady_clock::duration seconds(double count)
+{
+    return std::chrono::duration_cast<steady_clock::duration>(std::chrono::duration<double>(count));
+}
+
+class top
+{
+  public:
+    top(const settings &settings, const top_options &options)
+        : settings_(settings), options_(options), report_(settings), view_(options.ports),
+          loop_({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGWINCH}),
+          session_(settings,
+                   {[this](const auto &info) { hear(info); },
+                    [this](const auto &status) { hear(status); },
+                    [this](const auto &event) { hear_event(event); }},
+                   true)
+    {
+    }
+
+    exit_code run()
+    {
+        const steady_time start = steady_clock::now();
+        if (options_.seconds > 0) {
+            end_ = start + seconds(options_.seconds);
+        }
+        const std::vector<port_request> held = subscribe();
+        if (!held.empty()) {
+            follow();
+            if (session_.connected()) {
+                request_all(loop_, session_, held, [](const tesk_client_answer &) {});
+            }
+        }
+        return code_;
+    }
+
+  private:
+    bool on_screen() const
+    {
+        return settings_.terminal && !settings_.json;
+    }
+
+    template <typename record_type>
+    void hear(const record_type &record)
+    {
+        view_.heard(record);
+        if (!on_screen()) {
+            report_.heard(record);
+        }
+    }
+
+    void hear_event(const tesk_client_event &event)
+    {
+        const std::string time = clock_time(now_us()).substr(0, 8);
+        if (event.type == TESK_CLIENT_EVENT_LOST) {
+            state_ = fmt::format("away since {}, waiting for it", time);
+        } else if (event.type == TESK_CLIENT_EVENT_RESTORED) {
+            state_ = fmt::format("back since {}", time);
+        }
+        if (!on_screen()) {
+            report_.heard(event);
+        }
+    }
+
+    std::vector<port_request> subscribe()
+    {
+        auto wanted = requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, options_.ports);
+        std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, options_.ports),
+                          std::back_inserter(wanted));
+        return subscribe_all(loop_, session_, wanted, [this](const tesk_client_answer &answer) {
+            report_.failed(answer);
+            code_ = std::max(code_, exit_code_of(answer.result));
+        });
+    }
+
+    void read_values()
+    {
+        for (const uint32_t port_no : options_.ports) {
+            port_view &view = view_.port(port_no);
+            if (view.reading || !session_.connected()) {
+                continue;
+            }
+            view.reading = true;
+            session_.request(
+                TESK_CLIENT_REQUEST_PM, port_no, [this, &view](const tesk_client_answer &answer) {
+                    view.reading = false;
+                    view.pm = answer.pm != nullptr ? std::optional(*answer.pm) : std::nullopt;
+                    if (view.pm && !on_screen()) {
+                        report_.heard(*view.pm);
+                    }
+                });
+        }
+    }
+
+    /* False when the command is to end. */
+    bool handle_signal(std::optional<screen> &page)
+    {
+        if (loop_.signal() == SIGWINCH) {
+            return true;
+        }
+        if (loop_.signal() != SIGTSTP) {
+            return false;
+        }
+        page ? page->suspend() : void(raise(SIGSTOP));
+        return true;
+    }
+
+    void follow()
+    {
+        std::optional<screen> page;
+        if (on_screen()) {
+            page.emplace();
+            if (page->has_keys()) {
+                loop_.watch_keys();
+            }
+        }
+        steady_time next_read = steady_clock::now();
+        for (;;) {
+            const steady_time now = steady_clock::now();
+            if (end_ && now >= *end_) {
+                return;
+            }
+            if (now >= next_read) {
+                read_values();
+                next_read = now + seconds(options_.interval);
+            }
+            if (page) {
+                const size_t height = terminal_height();
+                page->draw(view_.lines(terminal_width(settings_), height, settings_.colour, state_),
+                           height);
+            }
+            const auto wake = loop_.wait(session_, end_ ? std::min(*end_, next_read) : next_read);
+            if (wake == event_loop::wake::signal && !handle_signal(page)) {
+                return;
+            }
+            if (wake == event_loop::wake::key && (loop_.key() == 'q' || loop_.key() == 'Q')) {
+                return;
+            }
+        }
+    }
+
+    const settings &settings_;
+    const top_options &options_;
+    reporter report_;
+    top_view view_;
+    std::string state_;
+    exit_code code_ = exit_done;
+    std::optional<steady_time> end_;
+    event_loop loop_;
+    session session_;
+};
+
+} // namespace
+
+exit_code run_top(const settings &settings, const top_options &options)
+{
+    return top(settings, options).run();
+}

@@ -1,0 +1,279 @@
+/* libdolm_ric: the operations, and the board behind them played through its own protocol. */
+#include "board_fixture.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <thread>
+
+namespace
+{
+
+class dolm_ric_test : public board_fixture
+{
+  protected:
+    /* The next event as "type id first-word"; the test's time limit is the deadline. */
+    std::string next_event()
+    {
+        dolm_ric_event *event = nullptr;
+        if (const int32_t code = dolm_ric_waitevent(handle, &event))
+            return "failed " + std::to_string(code);
+        const uint32_t value = event->type == DOLM_RICEVT_RILINKSTATUS ? event->link_status.state
+                                                                       : event->port_status.status;
+        char text[64];
+        snprintf(text, sizeof(text), "%u %x %u", event->type, event->port_status.id, value);
+        EXPECT_EQ(0, dolm_ric_freeevent(handle, &event));
+        EXPECT_EQ(DOLM_RICERR_INVALID, dolm_ric_freeevent(handle, &event));
+        return text;
+    }
+
+    void subscribe(uint32_t port)
+    {
+        dolm_ric_port_status status;
+        dolm_ric_link_status link;
+        ASSERT_EQ(0, dolm_ric_ri_subsport(handle, id_of(port), &status));
+        ASSERT_EQ(0, dolm_ric_ri_subslink(handle, id_of(port), &link));
+        EXPECT_EQ(id_of(port), status.id);
+        EXPECT_EQ(id_of(port), link.id);
+    }
+};
+
+TEST_F(dolm_ric_test, the_built_in_board_has_every_kind_of_module)
+{
+    ASSERT_EQ(0, start());
+    const struct {
+        uint32_t port;
+        uint32_t status;
+        int32_t info_code;
+        int32_t diag_code;
+        int connector;
+        int morvaine;
+    } ports[] = {
+        {0, 0xb, 0, 0, DOLM_SFP_CONNECTOR_LC, 1},
+        {4, 0xb, 0, 0, DOLM_SFP_CONNECTOR_LC, 0},
+        {7, 0x9, 0, 0, DOLM_SFP_CONNECTOR_LC, 0},
+        {8, 0xb, 0, -6, DOLM_SFP_CONNECTOR_RJ45, 0},
+        {10, 0xb, 0, -6, DOLM_SFP_CONNECTOR_OTHER, 0},
+        {12, 0xb, -4, -4, 0, 0},
+        {13, 0x1, -4, -4, 0, 0},
+        {15, 0x0, -4, -4, 0, 0},
+        {16, 0, -3, -3, 0, 0},
+    };
+    for (const auto &port : ports) {
+        SCOPED_TRACE(port.port);
+        dolm_ric_port_status status = {};
+        dolm_ric_module_info info = {};
+        dolm_ric_module_diag diag;
+        dolm_ric_ri_getportstatus(handle, id_of(port.port), &status);
+        EXPECT_EQ(port.status, status.status);
+        EXPECT_EQ(port.info_code, dolm_ric_ri_getmoduleinfo(handle, id_of(port.port), &info));
+        EXPECT_EQ(port.diag_code, dolm_ric_ri_getmodulediag(handle, id_of(port.port), &diag));
+        EXPECT_EQ(port.connector, info.sfp.sfp_connector);
+        EXPECT_EQ(port.morvaine, info.sfp.sfp_morvaine);
+    }
+    dolm_ric_module_info info;
+    EXPECT_EQ(0, dolm_ric_ri_getmoduleinfo(handle, id_of(11), &info));
+    EXPECT_EQ(2u, info.mode_type);
+    EXPECT_EQ(DOLM_RICERR_NODEV, dolm_ric_ri_getmoduleinfo(handle, 0x00030000, &info));
+    EXPECT_EQ(DOLM_RICERR_INVALID, dolm_ric_ri_getmoduleinfo(handle + 1, id_of(0), &info));
+}
+
+TEST_F(dolm_ric_test, events_reach_subscribers_only_and_keep_their_order)
+{
+    ASSERT_EQ(0, start());
+    EXPECT_EQ("ok\nports=16\nevents=0", ask("set 0-15 link=up ready=no"));
+    subscribe(3);
+    subscribe(3);
+    EXPECT_EQ("ok\nports=16\nevents=1", ask("set 0-15 link=down"));
+    EXPECT_EQ("ok\nports=1\nevents=0", ask("set 3 link=down temperature=70C"));
+    EXPECT_EQ("ok\nports=1\nevents=1", ask("set 3 again link=down"));
+    EXPECT_EQ("ok\nports=1\nevents=2", ask("set 3 speed=10.1 power_fault=yes"));
+    EXPECT_EQ("ok\nports=0\nevents=1", ask("event 7 0x3000a 5"));
+    EXPECT_EQ("3 20003 1", next_event());
+    EXPECT_EQ("3 20003 1", next_event());
+    EXPECT_EQ("1 20003 13", next_event());
+    EXPECT_EQ("3 20003 1", next_event());
+    EXPECT_EQ("7 3000a 5", next_event());
+
+    ask("set 3 link=up ready=yes");
+    for (int held = 0; held < 2; held++)
+        EXPECT_EQ(0, dolm_ric_ri_unsubslink(handle, id_of(3)));
+    EXPECT_EQ(DOLM_RICERR_INVALID, dolm_ric_ri_unsubslink(handle, id_of(3)));
+    EXPECT_EQ("1 20003 15", next_event()) << "the link event before it was given up";
+    EXPECT_EQ("ok\nports=1\nevents=1", ask("remove 3"));
+    EXPECT_EQ("1 20003 1", next_event());
+}
+
+TEST_F(dolm_ric_test, values_arrive_in_the_units_of_the_records)
+{
+    ASSERT_EQ(0, start());
+    ASSERT_EQ("ok\nports=1\nevents=0",
+              ask("insert 13 lc temperature=-5.5C temperature_high_alarm=71500 voltage=3.3V "
+                  "txbias=6.005mA txpower=0.5mW rxpower=-10dBm rxpower_low_warn=7 diag_cap=0x7f "
+                  "vendor_name=\\x00\\xffA\\x20\\\\0123456789ab morvaine_rdh=012345678901234 "
+                  "connector=0xfe eth_speed=1000mb module_status=3 speed=0x10 link=2"));
+    dolm_ric_module_diag diag;
+    dolm_ric_module_info info;
+    dolm_ric_module_status status;
+    dolm_ric_link_status link;
+    ASSERT_EQ(0, dolm_ric_ri_getmodulediag(handle, id_of(13), &diag));
+    ASSERT_EQ(0, dolm_ric_ri_getmoduleinfo(handle, id_of(13), &info));
+    ASSERT_EQ(0, dolm_ric_ri_getmodstatus(handle, id_of(13), &status));
+    ASSERT_EQ(0, dolm_ric_ri_getlinkstatus(handle, id_of(13), &link));
+    EXPECT_EQ(-5500, diag.temperature);
+    EXPECT_EQ(71500, diag.temperature_high_alarm);
+    EXPECT_EQ(3300000u, diag.voltage);
+    EXPECT_EQ(6005u, diag.txbias);
+    EXPECT_EQ(500u, diag.txpower);
+    EXPECT_EQ(100u, diag.rxpower);
+    EXPECT_EQ(7u, diag.rxpower_low_warn);
+    EXPECT_EQ(0x7fu, diag.diag_cap);
+    EXPECT_EQ(0, memcmp(info.sfp.sfp_vendor_name,
+                        "\0\xff"
+                        "A \\0123456789ab",
+                        17));
+    EXPECT_EQ(0, memcmp(info.sfp.sfp_morvaine_rdh, "012345678901234", 15));
+    EXPECT_EQ(0xfe, info.sfp.sfp_connector);
+    EXPECT_EQ(1u, info.sfp.sfp_eth_speed);
+    EXPECT_EQ(3u, status.status);
+    EXPECT_EQ(0x10u, link.speed);
+    EXPECT_EQ(2u, link.state);
+    EXPECT_NE(std::string::npos, ask("show 13").find("\nvendor_name=\\x00\\xffA \\\\0123"));
+    ASSERT_EQ(0, dolm_ric_ri_getmodulediag(handle, id_of(4), &diag));
+    EXPECT_EQ(41500, diag.temperature) << "another module of the kind is untouched";
+}
+
+TEST_F(dolm_ric_test, ordered_failures_hit_what_they_name)
+{
+    ASSERT_EQ(0, start());
+    dolm_ric_link_status link;
+    ask("fail dolm_ric_ri_getlinkstatus busy always 3-4");
+    ask("fail getlinkstatus -77 2 4");
+    const int32_t of_port_4[] = {-77, -77, DOLM_RICERR_BUSY, DOLM_RICERR_BUSY};
+    for (const int32_t code : of_port_4)
+        EXPECT_EQ(code, dolm_ric_ri_getlinkstatus(handle, id_of(4), &link));
+    EXPECT_EQ(0, dolm_ric_ri_getlinkstatus(handle, id_of(5), &link));
+    EXPECT_EQ("ok\nfailures=1", ask("heal getlinkstatus"));
+    EXPECT_EQ(0, dolm_ric_ri_getlinkstatus(handle, id_of(4), &link));
+
+    std::thread blocked([this] {
+        EXPECT_EQ("failed -11", next_event());
+        EXPECT_EQ("0 0 0", next_event());
+    });
+    EXPECT_EQ("ok", ask("wait idle"));
+    EXPECT_EQ("ok", ask("fail waitevent internal 1"));
+    EXPECT_EQ("ok", ask("wait calls waitevent 2"));
+    ask("fail shutdown busy");
+    EXPECT_EQ(DOLM_RICERR_BUSY, dolm_ric_shutdown(handle, 0));
+    blocked.join();
+}
+
+TEST_F(dolm_ric_test, a_request_that_is_wrong_changes_nothing)
+{
+    ASSERT_EQ(0, start());
+    const std::string before = ask("show 3");
+    const struct {
+        const char *request;
+        const char *reason;
+    } refused[] = {
+        {"set 3 link=up temperature=5kV", "temperature can't be '5kV'"},
+        {"set 3 link=up colour=red", "no value is called 'colour'"},
+        {"set 3-16 link=up", "no port 16"},
+        {"set 3,2-1 link=up", "a range goes upwards"},
+        {"set 65535 link=up", "no list of ports"},
+        {"set 3 link=up nom_bitrate=256", "out of range"},
+        {"set 3 vendor_rev=123456", "holds 5 bytes at most"},
+        {"set 3 vendor_rev=\\xg1", "after a backslash"},
+        {"insert 3 duck", "no module is called 'duck'"},
+        {"fail getlinkstatus 0", "'0' is no failure"},
+        {"fail lookup -1", "no operation is called 'lookup'"},
+        {"wait for godot", "a wait is for"},
+        {"set 3", "wrong number of words"},
+        {"\x01", "no request is called '\\x01'"},
+    };
+    for (const auto &wrong : refused) {
+        const std::string answer = ask(wrong.request);
+        EXPECT_EQ(0u, answer.find("error ")) << wrong.request;
+        EXPECT_NE(std::string::npos, answer.find(wrong.reason)) << answer;
+    }
+    EXPECT_EQ(before, ask("show 3"));
+}
+
+TEST_F(dolm_ric_test, a_wait_is_answered_when_it_comes_true_and_others_are_served_meanwhile)
+{
+    ASSERT_EQ(0, start());
+    const int waiting = connect_board();
+    ASSERT_LT(0, send(waiting, "wait subscribed 3 link", 22, 0));
+    EXPECT_EQ(0u, ask("board").find("ok\nports=16"));
+    char byte;
+    EXPECT_EQ(-1, recv(waiting, &byte, 1, MSG_DONTWAIT));
+    subscribe(3);
+    EXPECT_EQ("ok", receive(waiting));
+    close(waiting);
+}
+
+TEST_F(dolm_ric_test, after_shutdown_the_last_event_comes_and_nothing_else_works)
+{
+    ASSERT_EQ(0, start());
+    EXPECT_EQ(DOLM_RICERR_BUSY, dolm_ric_init(&handle, 0));
+    const uintptr_t old = handle;
+    std::thread event_thread([this] { EXPECT_EQ("0 0 0", next_event()); });
+    EXPECT_EQ(0, dolm_ric_shutdown(handle, 0));
+    event_thread.join();
+    dolm_ric_port_status status;
+    EXPECT_EQ("failed -10", next_event());
+    EXPECT_EQ(DOLM_RICERR_SHUTDOWN, dolm_ric_ri_getportstatus(handle, id_of(0), &status));
+    EXPECT_EQ(DOLM_RICERR_SHUTDOWN, dolm_ric_shutdown(handle, 0));
+    EXPECT_FALSE(std::filesystem::exists(socket_path));
+    ASSERT_EQ(0, start());
+    EXPECT_EQ(DOLM_RICERR_INVALID, dolm_ric_ri_getportstatus(old, id_of(0), &status));
+    EXPECT_EQ(0, dolm_ric_ri_getportstatus(handle, id_of(0), &status));
+}
+
+TEST_F(dolm_ric_test, only_a_dead_boards_socket_is_taken_over)
+{
+    ASSERT_EQ(0, start());
+    ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
+    const int lock = open((socket_path + ".lock").c_str(), O_RDWR);
+    ASSERT_EQ(0, flock(lock, LOCK_EX)) << "as a living board would hold it";
+    dolm_ric_port_status status;
+    ASSERT_EQ(0, start());
+    EXPECT_EQ(0, dolm_ric_ri_getportstatus(handle, id_of(0), &status)) << "works all the same";
+    EXPECT_EQ(-1, connect_board());
+    ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
+    close(lock);
+
+    const int dead = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    socket_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    ASSERT_EQ(0, bind(dead, reinterpret_cast<sockaddr *>(&address), sizeof(address)));
+    close(dead);
+    ASSERT_EQ(0, start());
+    EXPECT_EQ(0u, ask("board").find("ok"));
+    struct stat made;
+    ASSERT_EQ(0, stat(socket_path.c_str(), &made));
+    EXPECT_EQ(0660u, made.st_mode & 0777);
+}
+
+TEST_F(dolm_ric_test, a_board_file_says_what_is_there)
+{
+    EXPECT_EQ(0, start("# all alike\nports 65535\ninsert 0-65534 lc link=up speed=10\n"
+                       "set 65534 temperature=80C\n"));
+    for (uint32_t port = 0; port < 65535; port++)
+        subscribe(port);
+    dolm_ric_module_diag diag;
+    ASSERT_EQ(0, dolm_ric_ri_getmodulediag(handle, id_of(65534), &diag));
+    EXPECT_EQ(80000, diag.temperature);
+    EXPECT_EQ("ok\nports=65535\nevents=65535", ask("set 0-65534 link=down"));
+    EXPECT_EQ("3 20000 1", next_event());
+    ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
+    const std::pair<const char *, int32_t> failing[] = {
+        {"ports 4\nfail init -11\n", -11}, {"ports 4\nset 4 link=up\n", -1}, {"ports 0\n", -1},
+        {"set 3 link=up\n", -1},           {"ports 4\nwait idle\n", -1},     {"#\n", -1},
+    };
+    for (const auto &[text, code] : failing)
+        EXPECT_EQ(code, start(text)) << text;
+}
+
+} // namespace

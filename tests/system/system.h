@@ -1,0 +1,88 @@
+/* Real processes for system tests: the server in a private directory, clients that do as they are
+   told, and the board behind its own protocol. Everything waits with a deadline and throws past it.
+ */
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace rig
+{
+
+inline constexpr std::chrono::seconds deadline{20};
+
+/* A directory of its own, gone with it, and the environment that makes all our programs use it. */
+struct directory {
+    directory();
+    ~directory();
+    directory(const directory &) = delete;
+    directory &operator=(const directory &) = delete;
+    std::string path;
+};
+
+/* Starts a program; `environment` is NAME=VALUE, `kept` becomes descriptor 3. */
+pid_t start(const std::vector<std::string> &words, const std::vector<std::string> &environment = {},
+            int kept = -1, const std::string &output = {});
+
+/* The exit status, or minus the signal that ended it. */
+int wait_for_end(pid_t process);
+
+/* The server; it is up, with its mailbox and its board, when the constructor returns. */
+class server
+{
+  public:
+    explicit server(const std::vector<std::string> &environment = {});
+    ~server();
+    server(const server &) = delete;
+    server &operator=(const server &) = delete;
+    /* SIGTERM, and what the process ended with. */
+    int stop();
+    pid_t pid = -1;
+};
+
+/* Returns when a line of a growing file holds the text; `from` moves behind that line. */
+void await_line(const std::string &file, const std::string &text, size_t &from);
+
+/* One request to the board: the lines of its answer. Throws its error. */
+std::map<std::string, std::string> board(const std::string &request);
+
+/* A signal as a client gets it. */
+struct message {
+    std::vector<uint8_t> bytes;
+    uint32_t number() const;
+    uint32_t word(size_t offset) const;      /* network order */
+    uint32_t host_word(size_t offset) const; /* as it stands */
+    std::string text(size_t offset) const;
+};
+
+class puppet
+{
+  public:
+    explicit puppet(const char *argument = "");
+    ~puppet();
+    puppet(const puppet &) = delete;
+    puppet &operator=(const puppet &) = delete;
+    /* Payload words are sent in network order. */
+    void send(uint32_t number, const std::vector<uint32_t> &words);
+    void send_raw(const void *bytes, size_t size);
+    /* The next signal. */
+    message receive();
+    /* Sends and receives. */
+    message ask(uint32_t number, const std::vector<uint32_t> &words);
+    /* Establishes a connection; the server's reference. */
+    uint32_t connect(uint32_t own_reference);
+    /* kill -9, and the process is gone when it returns. */
+    void kill();
+    int located = 0;
+    pid_t pid = -1;
+
+  private:
+    int socket = -1;
+};
+
+} // namespace rig

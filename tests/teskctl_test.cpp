@@ -1,0 +1,247 @@
+// teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
+// codes and reconnection against the real server on the simulated board.
+#include "teskctl/port_list.h"
+#include "teskctl/tool.h"
+#include "teskctl/top_view.h"
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+using strings = std::vector<std::string>;
+
+TEST(teskctl, port_lists_are_read_whole_or_not_at_all)
+{
+    EXPECT_EQ(parse_ports({"7,0-3", "2"}), (std::vector<uint32_t>{0, 1, 2, 3, 7}));
+    EXPECT_EQ(parse_ports({"65534"}), (std::vector<uint32_t>{65534}));
+    for (const char *wrong : {"", ",", "1,", "3-1", "-1", "1-", "x", "1 ", "65535", "0-4294967295",
+                              "99999999999999999999", "1--2"}) {
+        EXPECT_THROW(parse_ports({wrong}), tool_error) << wrong;
+    }
+}
+
+TEST(teskctl, units_are_those_of_a_data_sheet)
+{
+    EXPECT_EQ(dbm(1000) + milliwatts(1000), "0.00 dBm1.000 mW");
+    EXPECT_EQ(dbm(501), "-3.00 dBm");
+    EXPECT_EQ(dbm(0), "< -30.00 dBm");
+    EXPECT_EQ(celsius(-399), "-39.9 °C");
+    EXPECT_EQ(volts(33000) + " " + milliamperes(601), "3.3000 V 6.01 mA");
+    EXPECT_EQ(gbps(101), "10.1 Gbps");
+}
+
+TEST(teskctl, absent_values_are_null_and_a_power_of_nothing_has_no_logarithm)
+{
+    tesk_client_pm pm{};
+    pm.has_rx_power = true;
+    const json_object object = to_json(pm);
+    EXPECT_TRUE(object["tx_power_mw"].is_null());
+    EXPECT_EQ(object["rx_power_mw"], 0.0);
+    EXPECT_TRUE(object["rx_power_dbm"].is_null());
+}
+
+TEST(teskctl, bytes_that_are_no_text_are_escaped_everywhere)
+{
+    EXPECT_EQ(escape(std::string_view("a\x1b[2J\xff\\\0", 8)), "a\\x1b[2J\\xff\\\\\\x00");
+    tesk_client_sfp_info info{};
+    info.type = TESK_CLIENT_SFP_OPTICAL;
+    std::memset(info.vendor_name, 0xff, sizeof info.vendor_name); // without a terminator
+    EXPECT_EQ(to_json(info)["vendor"].get<std::string>().size(), 4 * sizeof info.vendor_name);
+    EXPECT_EQ(describe(info).find('\xff'), std::string::npos);
+}
+
+TEST(teskctl, a_table_fits_its_width_and_loses_nothing)
+{
+    table shown({"PORT", "WHAT"});
+    shown.add({"12", "one two three four five six"});
+    EXPECT_EQ(shown.text(20), "PORT  WHAT\n12    one two three\n      four five six\n");
+    EXPECT_EQ(shown.text(0), "PORT  WHAT\n12    one two three four five six\n");
+}
+
+TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
+{
+    top_view view({3, 4});
+    tesk_client_port_status status{};
+    status.port_no = 3;
+    status.link = TESK_CLIENT_LINK_OPERATIONAL;
+    status.link_speed = 101;
+    view.heard(status);
+    status.level[TESK_CLIENT_TEMPERATURE] = TESK_CLIENT_LEVEL_HIGH_ALARM;
+    view.heard(status);
+    tesk_client_pm pm{};
+    pm.has_temperature = true;
+    pm.temperature = 952;
+    view.port(3).pm = pm;
+    const strings wide = view.lines(120, 24, false, "");
+    EXPECT_NE(wide.at(2).find("A 95.2"), std::string::npos) << wide.at(2);
+    EXPECT_NE(wide.at(2).find("temperature high alarm"), std::string::npos);
+    for (const size_t height : {5u, 6u, 24u}) {
+        const strings narrow = view.lines(80, height, false, "");
+        EXPECT_LE(narrow.size(), height);
+        for (const std::string &line : narrow) {
+            EXPECT_LE(display_width(line), 80u) << line;
+        }
+    }
+}
+
+// A server on a simulated board in a directory of its own.
+class teskctl_system : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        char name[] = "/tmp/teskctl_test.XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        directory = name;
+        setenv("MBX_DIR", name, 1);
+        setenv("DOLM_RIC_SOCKET", (directory + "/board.sock").c_str(), 1);
+    }
+    void TearDown() override
+    {
+        kill_server();
+        std::filesystem::remove_all(directory);
+    }
+    void start_server()
+    {
+        server = fork();
+        if (server == 0) {
+            execl(TESK_BIN_DIR "/tesk-server", "tesk-server", nullptr);
+            _exit(127);
+        }
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (run("capabilities") != 0 && std::chrono::steady_clock::now() < end) {
+            std::this_thread::yield();
+        }
+    }
+    void kill_server()
+    {
+        if (server > 0) {
+            kill(server, SIGKILL);
+            waitpid(server, nullptr, 0);
+        }
+        server = 0;
+    }
+    // Runs teskctl to its end: the exit code, with all that it wrote in `output`.
+    int run(const std::string &arguments)
+    {
+        FILE *pipe = popen((TESK_BIN_DIR "/teskctl " + arguments + " 2>&1").c_str(), "r");
+        output.clear();
+        for (int c = 0; (c = std::fgetc(pipe)) != EOF;) {
+            output += static_cast<char>(c);
+        }
+        return WEXITSTATUS(pclose(pipe));
+    }
+
+    std::string directory, output;
+    pid_t server = 0;
+};
+
+TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
+{
+    struct {
+        const char *arguments;
+        int code;
+        const char *output;
+    } cases[] = {
+        {"--help", 0, "history"},
+        {"--version", 0, "teskctl 1."},
+        {"", 2, "subcommand"},
+        {"pm", 2, "required"},
+        {"pm 3-1", 2, "comes before"},
+        {"watch", 2, "--sfp"},
+        {"history everything", 2, "status"},
+        {"--timeout 0 ping", 2, "timeout"},
+        {"pm 0", 3, "start it with"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(run(c.arguments), c.code) << c.arguments;
+        EXPECT_NE(output.find(c.output), std::string::npos) << output;
+    }
+    start_server();
+    EXPECT_EQ(run("pm 0,900"), 1);
+    EXPECT_NE(output.find("no device"), std::string::npos) << output;
+    EXPECT_NE(output.find("dBm"), std::string::npos) << output;
+    EXPECT_EQ(run("capabilities > /dev/full"), 5);
+    kill(server, SIGSTOP);
+    EXPECT_EQ(run("--timeout 0.1 capabilities"), 4);
+    kill(server, SIGCONT);
+}
+
+TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_keys)
+{
+    start_server();
+    const struct {
+        const char *arguments;
+        strings keys;
+    } cases[] = {
+        {"capabilities", {"id", "value"}},
+        {"sfp 0",
+         {"time", "event", "port", "module", "speed_gbps", "vendor", "part", "revision", "serial",
+          "date_code", "product", "product_ext"}},
+        {"watch --status 0 --count 1",
+         {"time", "event", "port", "link", "speed_gbps", "module", "levels", "environment"}},
+        {"history actions", {"time", "event", "port", "action", "client_id", "conn_ref"}},
+        {"ping -c 1", {"time", "event", "seq", "time_ms"}},
+        {"status 900", {"time", "event", "request", "port", "code", "text"}},
+        {"top 0 --for 0.3",
+         {"time", "event", "port", "module", "speed_gbps", "vendor", "part", "revision", "serial",
+          "date_code", "product", "product_ext"}},
+    };
+    for (const auto &c : cases) {
+        run(std::string("--json ") + c.arguments);
+        strings keys;
+        const auto object = json_object::parse(output.substr(0, output.find('\n')));
+        for (const auto &item : object.items()) {
+            keys.push_back(item.key());
+        }
+        EXPECT_EQ(keys, c.keys) << output;
+    }
+}
+
+TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)
+{
+    start_server();
+    FILE *watch = popen("echo $$; exec " TESK_BIN_DIR "/teskctl watch --sfp 0 --status 0", "r");
+    char line[512];
+    auto wait_for = [&](const char *text) {
+        while (std::fgets(line, sizeof line, watch) != nullptr) {
+            if (std::strstr(line, text) != nullptr) {
+                return true;
+            }
+        }
+        return false;
+    };
+    std::fgets(line, sizeof line, watch);
+    const pid_t pid = std::atoi(line);
+    ASSERT_TRUE(wait_for("status"));
+    kill_server();
+    ASSERT_TRUE(wait_for("went away"));
+    start_server();
+    ASSERT_TRUE(wait_for("is back"));
+    ASSERT_TRUE(wait_for("status"));
+    kill(pid, SIGINT);
+    EXPECT_FALSE(wait_for("any more"));
+    EXPECT_EQ(WEXITSTATUS(pclose(watch)), 0);
+    run("history actions");
+    EXPECT_NE(output.find("sfp info unsubscribed"), std::string::npos) << output;
+    EXPECT_NE(output.find("port status unsubscribed"), std::string::npos) << output;
+}
+
+TEST_F(teskctl_system, the_examples_work)
+{
+    start_server();
+    EXPECT_EQ(run("capabilities; " TESK_BIN_DIR "/example_client 0 2"), 0);
+    EXPECT_NE(output.find("port 0: link operational"), std::string::npos) << output;
+    EXPECT_EQ(run("capabilities; " TESK_BIN_DIR "/example_client_cpp 0 900"), 0);
+    EXPECT_NE(output.find("port 0: 41.5 degrees"), std::string::npos) << output;
+    EXPECT_NE(output.find("port 900: no device"), std::string::npos) << output;
+}
+
+} // namespace
