@@ -100,11 +100,8 @@ void release_descriptors(connection &c)
     if (c.watched)
         helper_unwatch(c.tx.get());
     c.watched = false;
-<<<<<<< HEAD
-=======
     if (c.life)
         helper_unwatch(c.life.get());
->>>>>>> main
     c.control.reset();
     c.life.reset();
     c.tx.reset();
@@ -148,6 +145,7 @@ connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd t
         helper_watch_connection(watch_kind::control, c.life.get(), m, id);
     c.rx = std::move(rx);
     c.tx = std::move(tx);
+    expect_rival(m);
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u32 = id;
@@ -181,12 +179,7 @@ void end_connection(mailbox &m, connection &c)
     if (!c.alive())
         return;
     if (c.rx) {
-<<<<<<< HEAD
-        /* Out of the epoll first: an end that is shut counts as readable, and the owner must not
-           wake without a signal. */
-=======
         /* Shut, it counts as readable: the owner must not see that. */
->>>>>>> main
         epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
         shutdown(c.rx.get(), SHUT_RD);
         read_all(m, c);
