@@ -135,6 +135,8 @@ mbx_signal *receive_signal(mailbox &m, uint32_t id, const uint32_t *filter, int 
    to match. */
 void count_into_memory(mailbox &m);
 void count_out_of_memory(mailbox &m);
+/* With the lock held: from now on nobody is served twice without a look at the others. */
+void expect_rival(mailbox &m);
 /* With the lock held: reads everything from a receiving end that is to be closed. */
 void read_all(mailbox &m, connection &c);
 /* With the lock held: makes what was read ahead known to the receiving side. */

@@ -308,6 +308,12 @@ void queue_ahead(mailbox &m, connection &c, block *b)
     count_into_memory(m);
 }
 
+void expect_rival(mailbox &m)
+{
+    m.rivalry = coarse_now();
+    m.credit = 0;
+}
+
 void read_all(mailbox &m, connection &c)
 {
     while (block *b = read_one(m, c))
