@@ -88,8 +88,11 @@ class faults : public testing::Test
                                     TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_SUBSCRIBE_SFP_INFO_REQ,
                                     TESK_SHELL_GET_ACTIONS_CACHE_REQ})
                 ask(client, number, reference);
-            rig::board("set 0 link=down");
-            rig::board("remove 0");
+            /* A board whose library is out of memory can't be played any more. */
+            if (plan->by_program_only) {
+                rig::board("set 0 link=down");
+                rig::board("remove 0");
+            }
             ask(client, TESK_GET_CAPABILITIES_REQ, reference);
         } catch (const std::runtime_error &error) {
             EXPECT_EQ(strstr(error.what(), "deadline"), nullptr) << error.what();
