@@ -201,7 +201,7 @@ TEST_F(faults, procedures_survive_or_end_the_process_as_described)
         {{"pthread_mutex_lock"}, true, serving, {bad_lock}},
         {{"pthread_mutex_unlock"}, true, serving, {bad_unlock}},
         {{"epoll_ctl", "epoll_wait", "accept4", "socketpair", "setsockopt", "send", "sendmsg",
-          "recv", "recvmsg", "recvmmsg", "timerfd_settime"},
+          "recv", "recvmsg", "recvmmsg"},
          false,
          serving,
          {0}},

@@ -55,21 +55,20 @@ constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, scripted::own_m
 std::map<uint32_t, book[kind_count]> books;
 std::vector<std::pair<uint32_t, int>> refused; /* give-backs in this step: port and kind */
 std::set<int32_t> tainted;                     /* buckets that may have more chains than one */
-size_t queued;                                 /* hardware events */
-size_t failing_size;                           /* memory of this size is out, once */
-bool memory_failed;                            /* in this step */
+bool memory_ends;                              /* for the next bucket */
+bool memory_failed;                            /* in this input */
 
 void on_operation(const char *operation, uint32_t port_no, int32_t code)
 {
     for (int index = 0; index < kind_count; index++) {
         book &entry = books[port_no][index];
         if (strcmp(operation, kinds[index].subscribe) == 0 && code == 0) {
-            require(!entry.held || entry.stray);
+            assert(!entry.held || memory_failed);
             entry.held = true;
         }
         if (strcmp(operation, kinds[index].give_back) != 0)
             continue;
-        require(entry.held);
+        assert(entry.held);
         entry.held = code != 0;
         if (code != 0)
             refused.emplace_back(port_no, index);
@@ -83,17 +82,14 @@ unsigned holders(uint32_t port_no, uint32_t kind)
 {
     const tesk_subscriber *known = tesk_client_first_subscriber(port_no, kind);
     unsigned count = 0;
-    for (const tesk_client *client = tesk_client_first(); client != nullptr; client = client->next)
-        for (guint index = 0; index < client->subscriptions->len; index++) {
-            const auto &held =
-                g_array_index(client->subscriptions, tesk_client_subscription, index);
-            if (held.port_no != port_no || held.kind != kind)
-                continue;
-            require(known != nullptr && known->client == client && known->index == index);
-            known = known->next;
-            count++;
-        }
-    require(known == nullptr);
+    for (tesk_client *client = tesk_client_first(); client != nullptr; client = client->next) {
+        if (tesk_client_find_subscription(client, port_no, kind) == -1)
+            continue;
+        assert(known != nullptr && known->client == client);
+        known = known->next;
+        count++;
+    }
+    assert(known == nullptr);
     return count;
 }
 
@@ -101,12 +97,11 @@ void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
 {
     entry.bucket_id = tesk_portsub_get_bucket_id(port_no);
     const leaky_bucket_data *bucket = leaky_bucket_find(entry.bucket_id);
-    entry.bucket_lost = bucket == nullptr && (entry.bucket_lost || memory_failed);
-    require(bucket != nullptr || entry.bucket_lost);
+    assert(bucket != nullptr || memory_failed);
     if (bucket == nullptr)
         return;
-    require(live.insert(bucket->id).second);
-    require(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
+    assert(live.insert(bucket->id).second);
+    assert(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
     const auto chains =
         std::count_if(scripted::ticks.begin(), scripted::ticks.end(), [bucket](const auto &tick) {
             return static_cast<int32_t>(tick.first) == bucket->id;
@@ -114,7 +109,7 @@ void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
     if (chains == (bucket->level > 0 ? 1 : 0))
         tainted.erase(bucket->id);
     else
-        require(tainted.contains(bucket->id));
+        assert(tainted.contains(bucket->id));
 }
 
 void check_books()
@@ -124,36 +119,29 @@ void check_books()
         for (int index = 0; index < kind_count; index++) {
             book &entry = entries[index];
             const bool recorded = kinds[index].find(port_no) != -1;
-            require(recorded == (holders(port_no, kinds[index].kind) + entry.orphans > 0));
-            entry.stray = entry.stray && entry.held && !recorded;
-            require(recorded == entry.held || entry.stray);
+            assert(recorded == (holders(port_no, kinds[index].kind) + entry.orphans > 0));
+            assert(recorded == entry.held || memory_failed);
             if (recorded && kinds[index].kind == TESK_SUBSCRIPTION_PORT_STATUS)
                 check_bucket(port_no, entry, live);
         }
     for (int32_t id = -1; id < 16; id++)
-        require((leaky_bucket_find(id) != nullptr) == live.contains(id));
+        assert((leaky_bucket_find(id) != nullptr) == live.contains(id));
     /* A tick that outlives its bucket may meet the next bucket of that id. */
     for (const auto &[id, port_no] : scripted::ticks)
         if (!live.contains(static_cast<int32_t>(id)))
             tainted.insert(static_cast<int32_t>(id));
     for (const tesk_client *client = tesk_client_first(); client != nullptr; client = client->next)
-        require(tesk_client_find_by_sender(client->mbox) == client);
-    require(scripted::live_blocks == 0);
+        assert(tesk_client_find_by_sender(client->mbox) == client);
+    assert(scripted::live_blocks == 0);
 }
 
-/* Whose share it was that the board refused to take back. */
+/* A client that unsubscribes keeps the share that the board refused to take back; one that is gone
+   or was turned away leaves it. */
 void settle_refusals(uint32_t number)
 {
-    for (const auto &[port_no, index] : refused) {
-        book &entry = books[port_no][index];
+    for (const auto &[port_no, index] : refused)
         if (number == MBX_MONITOR_DEFAULT_NO || number == TESK_SUBSCRIBE_SFP_INFO_REQ)
-            entry.orphans++;
-        else if (number == TESK_SUBSCRIBE_PORT_STATUS_REQ)
-            entry.stray = true;
-        else
-            require(number == TESK_UNSUBSCRIBE_SFP_INFO_REQ ||
-                    number == TESK_UNSUBSCRIBE_PORT_STATUS_REQ);
-    }
+            books[port_no][index].orphans++;
     refused.clear();
 }
 
@@ -161,19 +149,18 @@ void settle_refusals(uint32_t number)
 void drain()
 {
     while (scripted::mailbox_has_signal())
-        require(tesk_handle_mailbox() == 0);
+        assert(tesk_handle_mailbox() == 0);
 }
 
 /* Handles what has been delivered. */
 void dispatch(uint32_t sender, uint32_t number)
 {
     const bool stops = number == TESK_EXIT_SIGNAL && sender == scripted::own_mailbox;
-    require(tesk_handle_mailbox() == (stops ? 1 : 0));
+    assert(tesk_handle_mailbox() == (stops ? 1 : 0));
     settle_refusals(number);
     drain();
     for (const auto &signal : scripted::sent)
-        require(signal.receiver == sender ||
-                tesk_client_find_by_sender(signal.receiver) != nullptr);
+        assert(signal.receiver == sender || tesk_client_find_by_sender(signal.receiver) != nullptr);
 }
 
 constexpr uint32_t requests[] = {
@@ -203,7 +190,7 @@ void request(fuzz_input &in)
         scripted::sent.begin(), scripted::sent.end(), [number, sender](const auto &signal) {
             return signal.receiver == sender && signal.number - number - 1 < 2;
         });
-    require(sender == scripted::own_mailbox || answers == (answered ? 1 : 0));
+    assert(sender == scripted::own_mailbox || answers == (answered ? 1 : 0));
 }
 
 /* At these numbers and shortly behind them lie the signals that mean something. */
@@ -226,14 +213,6 @@ void raw_signal(fuzz_input &in)
     dispatch(sender, number);
 }
 
-void client_lost(fuzz_input &in)
-{
-    const uint32_t sender = in.one_of(senders);
-    scripted::deliver_host(sender, MBX_MONITOR_DEFAULT_NO, {});
-    dispatch(sender, MBX_MONITOR_DEFAULT_NO);
-    require(tesk_client_find_by_sender(sender) == nullptr);
-}
-
 /* One that the server has asked for, in any order. */
 void tick(fuzz_input &in)
 {
@@ -247,21 +226,15 @@ void tick(fuzz_input &in)
     dispatch(scripted::own_mailbox, TESK_PORT_STATUS_FILTER_TICK);
 }
 
-void queue_event(fuzz_input &in)
+/* Events that wait together. */
+void hardware_events(fuzz_input &in)
 {
-    auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
-    const uint8_t what = in.byte();
-    *event = {what % 3u, in.one_of(port_numbers), what / 3 % 6u, nullptr};
-    tesk_event_queue_put(event);
-    queued++;
-}
-
-/* The descriptor is readable only then. */
-void handle_events(fuzz_input &)
-{
-    if (queued == 0)
-        return;
-    queued = 0;
+    for (int count = in.byte() % 3; count >= 0; count--) {
+        auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
+        const uint8_t what = in.byte();
+        *event = {what % 3u, in.one_of(port_numbers), what / 3 % 6u, nullptr};
+        tesk_event_queue_put(event);
+    }
     tesk_handle_queued_events();
     drain();
 }
@@ -274,6 +247,7 @@ void order_failure(fuzz_input &in)
     static constexpr int32_t codes[] = {0, 0, -11, -3, -4, -6, 1};
     const char *operation = in.one_of(operations);
     scripted::failing[operation] = in.one_of(codes);
+    memory_ends = in.byte() % 8 == 7;
 }
 
 void change_port(fuzz_input &in)
@@ -300,14 +274,9 @@ void change_port(fuzz_input &in)
         measured[in.byte() % 26] = in.byte() * 0x01000001u;
 }
 
-void end_memory(fuzz_input &in)
-{
-    failing_size = in.byte() % 2 == 0 ? sizeof(leaky_bucket_data) : sizeof(tesk_client);
-}
-
 void (*const steps[])(fuzz_input &in) = {
-    request, request, raw_signal,  queue_event,   handle_events, tick,
-    request, request, client_lost, order_failure, change_port,   end_memory,
+    request, request, raw_signal, hardware_events, tick,
+    request, request, raw_signal, order_failure,   change_port,
 };
 
 /* On fresh tables and a fresh board; the mailbox and the event thread stay. */
@@ -320,10 +289,9 @@ void begin()
 }
 
 /* Gives every port back until nothing is left; how often that takes is its count. */
-void end(fuzz_input &in)
+void end()
 {
-    handle_events(in);
-    failing_size = 0;
+    memory_ends = memory_failed = false;
     scripted::failing.clear();
     for (auto &[port_no, entries] : books) {
         scripted::ports[port_no];
@@ -331,8 +299,8 @@ void end(fuzz_input &in)
             const unsigned expected = holders(port_no, kinds[index].kind) + entries[index].orphans;
             unsigned count = 0;
             for (; kinds[index].find(port_no) != -1; count++)
-                require(kinds[index].remove(port_no) == 0);
-            require(count == expected);
+                assert(kinds[index].remove(port_no) == 0);
+            assert(count == expected);
         }
     }
     while (tesk_client *client = tesk_client_first())
@@ -354,7 +322,7 @@ bool start_server()
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     sigaction(SIGTERM, nullptr, &terminate);
     sigaction(SIGINT, nullptr, &interrupt);
-    require(tesk_server_init() == 0);
+    assert(tesk_server_init() == 0);
     scripted::await_event_thread();
     sigaction(SIGTERM, &terminate, nullptr);
     sigaction(SIGINT, &interrupt, nullptr);
@@ -365,48 +333,34 @@ bool start_server()
     return atexit(tesk_server_shutdown) == 0;
 }
 
-bool memory_is_out(size_t size)
-{
-    if (size != failing_size)
-        return false;
-    failing_size = 0;
-    return memory_failed = true;
-}
-
 } // namespace
 
-/* The linker sends all allocations here. */
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-
-void *__wrap_malloc(size_t size)
-{
-    return memory_is_out(size) ? nullptr : __real_malloc(size);
-}
+/* The linker sends the server's calls here, of which all are for buckets. */
+extern "C" void *__real_calloc(size_t count, size_t size);
+extern "C" void *__wrap_calloc(size_t count, size_t size);
 
 void *__wrap_calloc(size_t count, size_t size)
 {
-    return memory_is_out(size) ? nullptr : __real_calloc(count, size);
-}
+    if (!memory_ends || size != sizeof(leaky_bucket_data))
+        return __real_calloc(count, size);
+    memory_ends = false;
+    memory_failed = true;
+    return nullptr;
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     [[maybe_unused]] static const bool started = start_server();
-    fuzz_input in(data, size);
+    fuzz_input in = {data, data + size};
 
     begin();
     procInfo[3] = (in.byte() & 1) != 0 ? 0xffffffff : 0;
-    while (!in.empty()) {
+    while (in.at != in.end) {
         scripted::sent.clear();
-        memory_failed = false;
         in.one_of(steps)(in);
-        require(refused.empty());
+        assert(refused.empty());
         check_books();
     }
-    end(in);
+    end();
     return 0;
 }
