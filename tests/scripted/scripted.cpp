@@ -28,6 +28,7 @@ std::map<std::string, int32_t> failing;
 std::vector<sent_signal> sent;
 int live_blocks;
 std::vector<std::pair<uint32_t, uint32_t>> ticks;
+void (*observer)(const char *operation, uint32_t port_no, int32_t code);
 
 struct block {
     uint32_t size;
@@ -59,6 +60,8 @@ static bool to_stdout()
 
 static void log_line(const std::string &line)
 {
+    if (observer != nullptr)
+        return;
     if (to_stdout()) {
         const std::string text = line + "\n";
         [[maybe_unused]] ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
@@ -92,11 +95,17 @@ static block *block_of(const mbx_signal *signal)
 
 static block *make_block(size_t size, uint32_t number, uint32_t sender)
 {
-    auto *made = static_cast<block *>(calloc(1, offsetof(block, signal) + size));
+    auto *made = reinterpret_cast<block *>(new char[offsetof(block, signal) + size]());
     made->size = static_cast<uint32_t>(size);
     made->sender = sender;
     made->signal.number = number;
     return made;
+}
+
+static void give_back(block *made)
+{
+    live_blocks--;
+    delete[] reinterpret_cast<char *>(made);
 }
 
 static void put(block *made)
@@ -145,12 +154,18 @@ std::vector<std::string> take_log()
     return std::exchange(lines, {});
 }
 
-void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words)
+void deliver_bytes(uint32_t sender, uint32_t number, const void *payload, size_t size)
 {
-    block *made = make_block(4 + words.size() * 4, number, sender);
-    memcpy(&made->signal + 1, words.data(), words.size() * 4);
+    block *made = make_block(sizeof(mbx_signal) + size, number, sender);
+    if (size > 0)
+        memcpy(&made->signal + 1, payload, size);
     live_blocks++;
     put(made);
+}
+
+void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words)
+{
+    deliver_bytes(sender, number, words.data(), words.size() * sizeof(words[0]));
 }
 
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words)
@@ -200,11 +215,8 @@ int freed_events()
 
 /* What an operation on a port answers: its code, and from the port what `fill` takes. */
 template <typename fill_type>
-static int32_t operation(const char *name, uint32_t id, fill_type fill)
+static int32_t answer(const char *name, uint32_t id, fill_type fill)
 {
-    char line[64];
-    snprintf(line, sizeof(line), "%s 0x%x", name, id);
-    log_line(line);
     if (const int32_t code = result_of(name); code != 0)
         return code;
     const auto found = ports.find(id & 0xffff);
@@ -212,6 +224,18 @@ static int32_t operation(const char *name, uint32_t id, fill_type fill)
         return DOLM_RICERR_NODEV;
     fill(found->second);
     return DOLM_RICERR_OK;
+}
+
+template <typename fill_type>
+static int32_t operation(const char *name, uint32_t id, fill_type fill)
+{
+    char line[64];
+    snprintf(line, sizeof(line), "%s 0x%x", name, id);
+    log_line(line);
+    const int32_t code = answer(name, id, fill);
+    if (observer != nullptr)
+        observer(name, id & 0xffff, code);
+    return code;
 }
 
 } // namespace scripted
@@ -270,8 +294,7 @@ void mbx_send(mbx_signal **signal, uint32_t receiver, uint32_t)
     log_line(line);
     const auto *bytes = reinterpret_cast<const uint8_t *>(&made->signal);
     sent.push_back({made->signal.number, receiver, {bytes, bytes + made->size}});
-    live_blocks--;
-    free(made);
+    give_back(made);
 }
 
 mbx_signal *mbx_receive(const uint32_t *, int, uint32_t)
@@ -283,8 +306,7 @@ mbx_signal *mbx_receive(const uint32_t *, int, uint32_t)
 
 void mbx_free(mbx_signal **signal)
 {
-    live_blocks--;
-    free(block_of(*signal));
+    give_back(block_of(*signal));
     *signal = nullptr;
 }
 

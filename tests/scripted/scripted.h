@@ -47,6 +47,9 @@ extern int live_blocks;
 /* The ticks that the timer service holds, as (bucket, port). */
 extern std::vector<std::pair<uint32_t, uint32_t>> ticks;
 
+/* Where set, it is told what each operation on a port gave, and nothing is logged any more. */
+extern void (*observer)(const char *operation, uint32_t port_no, int32_t code);
+
 /* Everything as at process start; only the given groups are traced. */
 void reset(std::initializer_list<uint32_t> groups = {});
 
@@ -56,6 +59,7 @@ std::vector<std::string> take_log();
 /* Puts a signal into the own mailbox; payload words in network order, or as they stand. */
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
 void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
+void deliver_bytes(uint32_t sender, uint32_t number, const void *payload, size_t size);
 bool mailbox_has_signal();
 
 /* Returns when a thread sits in dolm_ric_waitevent with nothing to take. */

@@ -132,11 +132,16 @@ class board_control::server
     {
         make_directory_of(path);
         lock = lock_path(path);
-        listener = listen_at(path);
-        wakeup = descriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-        if (wakeup.get() < 0)
-            fail("eventfd");
-        start_thread();
+        try {
+            listener = listen_at(path);
+            wakeup = descriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+            if (wakeup.get() < 0)
+                fail("eventfd");
+            start_thread();
+        } catch (...) {
+            remove_dead_socket(path);
+            throw;
+        }
     }
 
     /* Peers that still wait find their connection closed. */

@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 /* A subscription is looked at twice: when an event is queued, so that ports which nobody watches
@@ -25,10 +26,15 @@ void desk::open(uint32_t ports)
     open_now = true;
 }
 
+/* Where there is no memory for the last event, the wait ends with DOLM_RICERR_SHUTDOWN alone. */
 void desk::close()
 {
-    queue({.type = DOLM_RICEVT_SHUTDOWN, .port_status = {}}, true);
+    try {
+        queue({.type = DOLM_RICEVT_SHUTDOWN, .port_status = {}}, true);
+    } catch (const std::bad_alloc &) {
+    }
     open_now = false;
+    changed.notify_all();
 }
 
 bool desk::is_open() const

@@ -1,0 +1,220 @@
+/* Every call that can fail, made to fail once at every place where it is made, while the real
+   server starts, while it serves, and while it ends: how it ends is told, nothing hangs, and the
+   next start takes the name over. */
+#include "fault_plan.h"
+#include "platform/mbx/mbx.h"
+#include "system.h"
+#include "tesk_signals.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr int failed_start = 242, bad_lock = 255, bad_unlock = 254, bad_source = 255;
+
+enum phase { starting, serving, ending };
+
+struct sweep {
+    std::vector<const char *> calls;
+    bool by_program_only;
+    phase when;
+    std::vector<int> ends; /* exit statuses, and minus the signals, that may follow */
+};
+
+class faults : public testing::Test
+{
+  protected:
+    rig::directory directory;
+    const std::string plan_file = directory.path + "/plan",
+                      traces_file = directory.path + "/traces";
+    fault_plan *plan = nullptr;
+    int traces = -1;
+    std::string said;
+
+    void SetUp() override
+    {
+        const int fd = open(plan_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_EQ(ftruncate(fd, sizeof(fault_plan)), 0);
+        void *page = mmap(nullptr, sizeof(fault_plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        close(fd);
+        plan = static_cast<fault_plan *>(page);
+        ASSERT_EQ(mkfifo(traces_file.c_str(), 0600), 0);
+    }
+
+    /* False when the server has ended without having said so. */
+    bool await_trace(const char *wanted)
+    {
+        while (said.find(wanted) == std::string::npos) {
+            pollfd readable = {traces, POLLIN, 0};
+            char text[4096];
+            const bool in_time = poll(&readable, 1, 20000) == 1;
+            EXPECT_TRUE(in_time) << "the server hangs before " << wanted;
+            const ssize_t size = in_time ? read(traces, text, sizeof(text)) : 0;
+            if (size <= 0)
+                return false;
+            said.append(text, static_cast<size_t>(size));
+        }
+        return true;
+    }
+
+    static void ask(rig::puppet &client, uint32_t number, uint32_t reference)
+    {
+        client.send(number, {3, reference, 0, 0});
+        for (uint32_t got = 0; got - number - 1 >= 2;) {
+            got = client.receive().number();
+            if (got == MBX_MONITOR_DEFAULT_NO)
+                throw std::runtime_error("the server is gone");
+        }
+    }
+
+    /* One client's life, as far as the server lets it; only silence is a fault. */
+    void serve()
+    {
+        bool connected = false;
+        try {
+            rig::puppet client;
+            const uint32_t reference = client.connect(2);
+            connected = true;
+            for (uint32_t number : {TESK_GET_CAPABILITIES_REQ, TESK_SUBSCRIBE_SFP_INFO_REQ,
+                                    TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_GET_PM_COUNTERS_REQ,
+                                    TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
+                                    TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_SUBSCRIBE_SFP_INFO_REQ,
+                                    TESK_SHELL_GET_ACTIONS_CACHE_REQ})
+                ask(client, number, reference);
+            /* A board whose library is out of memory can't be played any more. */
+            if (plan->by_program_only) {
+                rig::board("set 0 link=down");
+                rig::board("remove 0");
+            }
+            ask(client, TESK_GET_CAPABILITIES_REQ, reference);
+        } catch (const std::runtime_error &error) {
+            EXPECT_EQ(strstr(error.what(), "deadline"), nullptr) << error.what();
+        }
+        if (connected)
+            await_trace("client lost");
+    }
+
+    int run(const char *call, uint32_t nth, const sweep &what)
+    {
+        strncpy(plan->call, call, sizeof(plan->call) - 1);
+        plan->nth = nth;
+        plan->by_program_only = what.by_program_only;
+        plan->seen = 0;
+        plan->armed = what.when == starting;
+        said.clear();
+        traces = open(traces_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        const pid_t server = rig::start(
+            {TESK_BIN_DIR "/tesk-server"},
+            {"LD_PRELOAD=" TESK_LIB_DIR "/libfaults.so", "FAULTS=" + plan_file, "ZEL_SINK=stderr"},
+            -1, traces_file);
+        if (await_trace("TESK server started!")) {
+            plan->armed = what.when == serving;
+            if (what.when != starting)
+                serve();
+            plan->armed = what.when == ending;
+            kill(server, SIGTERM);
+        }
+        const int end = rig::wait_for_end(server);
+        close(traces);
+        return end;
+    }
+
+    /* Nothing is left of an orderly end, and nothing that is left keeps the next one from starting.
+     */
+    void expect_a_way_back(int end)
+    {
+        if (end == 0 || end == failed_start) {
+            EXPECT_TRUE(std::filesystem::is_empty(directory.path + "/mbx"));
+            EXPECT_FALSE(std::filesystem::exists(directory.path + "/board.sock"));
+        } else
+            EXPECT_EQ(run("none", 0, {{}, false, starting, {}}), 0);
+    }
+
+    /* Lets the first call fail, then the second, and so on. */
+    void try_every(const char *call, const sweep &what)
+    {
+        ASSERT_EQ(run(call, 0, what), 0) << call;
+        const uint32_t count = plan->seen;
+        EXPECT_GT(count, 0u) << call;
+        for (uint32_t nth = 1; nth <= count; nth++) {
+            SCOPED_TRACE(std::string(call) + ", call " + std::to_string(nth));
+            const int end = run(call, nth, what);
+            /* A run may get by with a call less than the one before. */
+            if (plan->seen < nth)
+                EXPECT_EQ(end, 0);
+            else
+                EXPECT_EQ(std::count(what.ends.begin(), what.ends.end(), end), 1) << end;
+            expect_a_way_back(end);
+        }
+    }
+
+    void try_all(const std::vector<sweep> &sweeps)
+    {
+        for (const sweep &what : sweeps)
+            for (const char *call : what.calls)
+                try_every(call, what);
+    }
+};
+
+TEST_F(faults, a_start_that_fails_says_so_with_its_status)
+{
+    try_all({
+        {{"mbx_init", "zel_init", "mbx_create_mailbox", "eventfd", "dolm_ric_init",
+          "pthread_create", "epoll_create1"},
+         true,
+         starting,
+         {failed_start}},
+        {{"mbx_get_fd", "epoll_ctl"}, true, starting, {bad_source}},
+        {{"tmo_service_init", "dolm_ric_waitevent"}, true, starting, {0}},
+    });
+}
+
+TEST_F(faults, a_start_on_failing_libraries_ends_or_goes_on)
+{
+    try_all({
+        {{"pthread_create", "eventfd", "epoll_create1", "open", "socket", "bind", "listen"},
+         false,
+         starting,
+         {0, failed_start}},
+        {{"epoll_ctl"}, false, starting, {0, failed_start, bad_source}},
+        {{"timerfd_create"}, false, starting, {0}},
+        {{"malloc"}, false, starting, {0, failed_start, -SIGABRT, -SIGTRAP}},
+    });
+}
+
+TEST_F(faults, procedures_survive_or_end_the_process_as_described)
+{
+    try_all({
+        {{"calloc", "epoll_wait", "read", "write", "dolm_ric_waitevent", "dolm_ric_ri_subsport",
+          "dolm_ric_ri_unsubsport", "dolm_ric_ri_subslink", "dolm_ric_ri_unsubslink"},
+         true,
+         serving,
+         {0}},
+        {{"malloc"}, true, serving, {0, -SIGABRT}},
+        {{"pthread_mutex_lock"}, true, serving, {bad_lock}},
+        {{"pthread_mutex_unlock"}, true, serving, {bad_unlock}},
+        {{"epoll_ctl", "epoll_wait", "accept4", "socketpair", "setsockopt", "send", "sendmsg",
+          "recv", "recvmsg", "recvmmsg"},
+         false,
+         serving,
+         {0}},
+        {{"malloc", "mmap"}, false, serving, {0, -SIGABRT, -SIGTRAP}},
+    });
+}
+
+TEST_F(faults, the_end_is_orderly_or_tells_what_broke)
+{
+    try_all({
+        {{"pthread_mutex_lock"}, true, ending, {bad_lock}},
+        {{"pthread_mutex_unlock"}, true, ending, {bad_unlock}},
+        {{"epoll_wait"}, true, ending, {0}},
+        {{"malloc"}, false, ending, {0, -SIGABRT, -SIGTRAP}},
+    });
+}

@@ -1,0 +1,369 @@
+/* Signals, hardware events and ticks into the server's real dispatch, on a board and a memory that
+   fail where the input says so. After every step the server's books are compared with the board's
+   and with those kept here; at the end of an input each port is given back until nothing is left,
+   which shows its count. The blocks of signals end where the signal ends, so that the sanitizer
+   sees a read past it. */
+#include "fuzz_input.h"
+#include "leaky_bucket.h"
+#include "scripted.h"
+#include "tesk_cache.h"
+#include "tesk_client_data.h"
+#include "tesk_event_queue.h"
+#include "tesk_main.h"
+#include "tesk_portsub.h"
+#include "tesk_signals.h"
+
+#include "platform/zel/zel.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <pthread.h>
+#include <set>
+
+namespace
+{
+
+struct subscription_kind {
+    uint32_t kind;
+    int32_t (*find)(uint32_t port_no);
+    int32_t (*remove)(uint32_t port_no);
+    const char *subscribe;
+    const char *give_back;
+};
+
+constexpr int kind_count = 2;
+const subscription_kind kinds[kind_count] = {
+    {TESK_SUBSCRIPTION_SFP_INFO, tesk_portsub_find_sfp_info, tesk_portsub_remove_sfp_info,
+     "subsport", "unsubsport"},
+    {TESK_SUBSCRIPTION_PORT_STATUS, tesk_portsub_find_port_status, tesk_portsub_remove_port_status,
+     "subslink", "unsubslink"},
+};
+
+/* What ought to be, a port and kind. */
+struct book {
+    bool held = false;    /* the board's subscription, as the board sees it */
+    unsigned orphans = 0; /* shares of clients that are gone, which the board didn't take back */
+    bool stray = false;   /* held for nobody: given back for want of a bucket, and refused */
+    bool bucket_lost = false; /* there was no memory for a new one */
+    int32_t bucket_id = 0;
+};
+
+constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
+constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, scripted::own_mailbox};
+
+std::map<uint32_t, book[kind_count]> books;
+std::vector<std::pair<uint32_t, int>> refused; /* give-backs in this step: port and kind */
+std::set<int32_t> tainted;                     /* buckets that may have more chains than one */
+bool memory_ends;                              /* for the next bucket */
+bool memory_failed;                            /* in this input */
+bool some_stray; /* a subscription that nobody holds: no bucket could be made, nor it given back */
+
+void on_operation(const char *operation, uint32_t port_no, int32_t code)
+{
+    for (int index = 0; index < kind_count; index++) {
+        book &entry = books[port_no][index];
+        if (strcmp(operation, kinds[index].subscribe) == 0 && code == 0) {
+            assert(!entry.held || some_stray);
+            entry.held = true;
+        }
+        if (strcmp(operation, kinds[index].give_back) != 0)
+            continue;
+        assert(entry.held);
+        entry.held = code != 0;
+        if (code != 0)
+            refused.emplace_back(port_no, index);
+        /* The bucket is gone, or a fresh one has its id by now. */
+        tainted.insert(entry.bucket_id);
+    }
+}
+
+/* How many clients hold it; the port knows the same ones, in the order of the list. */
+unsigned holders(uint32_t port_no, uint32_t kind)
+{
+    const tesk_subscriber *known = tesk_client_first_subscriber(port_no, kind);
+    unsigned count = 0;
+    for (tesk_client *client = tesk_client_first(); client != nullptr; client = client->next) {
+        if (tesk_client_find_subscription(client, port_no, kind) == -1)
+            continue;
+        assert(known != nullptr && known->client == client);
+        known = known->next;
+        count++;
+    }
+    assert(known == nullptr);
+    return count;
+}
+
+void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
+{
+    entry.bucket_id = tesk_portsub_get_bucket_id(port_no);
+    const leaky_bucket_data *bucket = leaky_bucket_find(entry.bucket_id);
+    assert(bucket != nullptr || memory_failed);
+    if (bucket == nullptr)
+        return;
+    assert(live.insert(bucket->id).second);
+    assert(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
+    const auto chains =
+        std::count_if(scripted::ticks.begin(), scripted::ticks.end(), [bucket](const auto &tick) {
+            return static_cast<int32_t>(tick.first) == bucket->id;
+        });
+    if (chains == (bucket->level > 0 ? 1 : 0))
+        tainted.erase(bucket->id);
+    else
+        assert(tainted.contains(bucket->id));
+}
+
+void check_books()
+{
+    std::set<int32_t> live;
+    for (auto &[port_no, entries] : books)
+        for (int index = 0; index < kind_count; index++) {
+            book &entry = entries[index];
+            const bool recorded = kinds[index].find(port_no) != -1;
+            assert(recorded == (holders(port_no, kinds[index].kind) + entry.orphans > 0));
+            assert(recorded == entry.held || some_stray);
+            if (recorded && kinds[index].kind == TESK_SUBSCRIPTION_PORT_STATUS)
+                check_bucket(port_no, entry, live);
+        }
+    for (int32_t id = -1; id < 16; id++)
+        assert((leaky_bucket_find(id) != nullptr) == live.contains(id));
+    /* A tick that outlives its bucket may meet the next bucket of that id. */
+    for (const auto &[id, port_no] : scripted::ticks)
+        if (!live.contains(static_cast<int32_t>(id)))
+            tainted.insert(static_cast<int32_t>(id));
+    for (const tesk_client *client = tesk_client_first(); client != nullptr; client = client->next)
+        assert(tesk_client_find_by_sender(client->mbox) == client);
+    assert(scripted::live_blocks == 0);
+}
+
+/* A client that unsubscribes keeps the share that the board refused to take back; one that is gone
+   or was turned away leaves it. */
+void settle_refusals(uint32_t number)
+{
+    for (const auto &[port_no, index] : refused)
+        if (number == MBX_MONITOR_DEFAULT_NO || number == TESK_SUBSCRIBE_SFP_INFO_REQ)
+            books[port_no][index].orphans++;
+        else if (number == TESK_SUBSCRIBE_PORT_STATUS_REQ)
+            some_stray = true;
+    refused.clear();
+}
+
+/* Handles what the server has sent to itself. */
+void drain()
+{
+    while (scripted::mailbox_has_signal())
+        assert(tesk_handle_mailbox() == 0);
+}
+
+/* Handles what has been delivered. */
+void dispatch(uint32_t sender, uint32_t number)
+{
+    const bool stops = number == TESK_EXIT_SIGNAL && sender == scripted::own_mailbox;
+    assert(tesk_handle_mailbox() == (stops ? 1 : 0));
+    settle_refusals(number);
+    drain();
+    for (const auto &signal : scripted::sent)
+        assert(signal.receiver == sender || tesk_client_find_by_sender(signal.receiver) != nullptr);
+}
+
+constexpr uint32_t requests[] = {
+    TESK_CONN_ESTABLISH_REQ,        TESK_GET_CAPABILITIES_REQ,     TESK_SUBSCRIBE_SFP_INFO_REQ,
+    TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
+    TESK_GET_PM_COUNTERS_REQ,
+};
+
+/* A client's own reference, or another one of a few. */
+uint32_t connection_ref(uint32_t sender, uint8_t choice)
+{
+    const tesk_client *client = tesk_client_find_by_sender(sender);
+    return choice >= 4 && client != nullptr ? client->client_id : choice;
+}
+
+/* A request is answered once, by the next number or the one after, unless nobody knows who asks. */
+void request(fuzz_input &in)
+{
+    const uint32_t number = in.one_of(requests);
+    const uint32_t sender = in.one_of(senders);
+    const uint32_t ref = connection_ref(sender, in.byte());
+    const bool answered = number == TESK_CONN_ESTABLISH_REQ || tesk_client_find(ref, sender);
+    const uint32_t word = number == TESK_CONN_ESTABLISH_REQ ? in.byte() : in.one_of(port_numbers);
+    scripted::deliver(sender, number, {in.byte(), ref, word, in.byte() % 3u});
+    dispatch(sender, number);
+    const auto answers = std::count_if(
+        scripted::sent.begin(), scripted::sent.end(), [number, sender](const auto &signal) {
+            return signal.receiver == sender && signal.number - number - 1 < 2;
+        });
+    assert(sender == scripted::own_mailbox || answers == (answered ? 1 : 0));
+}
+
+/* At these numbers and shortly behind them lie the signals that mean something. */
+constexpr uint32_t numbers[] = {0x117,     0x1648400, 0x1648408,  0x1648410,
+                                0x1648501, 0x1901001, 0xdeadbeaf, 0xffffffff};
+
+void raw_signal(fuzz_input &in)
+{
+    const uint8_t offset = in.byte();
+    const uint32_t number = in.one_of(numbers) + (offset < 64 ? 0 : offset % 8u);
+    const uint32_t sender = in.one_of(senders);
+    std::vector<uint8_t> payload(in.byte());
+    std::generate(payload.begin(), payload.end(), [&in] { return in.byte(); });
+    int32_t bucket_id = 0;
+    if (payload.size() >= sizeof(bucket_id) && number == TESK_PORT_STATUS_FILTER_TICK) {
+        memcpy(&bucket_id, payload.data(), sizeof(bucket_id));
+        tainted.insert(bucket_id);
+    }
+    scripted::deliver_bytes(sender, number, payload.data(), payload.size());
+    dispatch(sender, number);
+}
+
+/* One that the server has asked for, in any order. */
+void tick(fuzz_input &in)
+{
+    if (scripted::ticks.empty())
+        return;
+    const auto due = scripted::ticks.begin() + in.byte() % static_cast<int>(scripted::ticks.size());
+    const auto [bucket_id, port_no] = *due;
+    scripted::ticks.erase(due);
+    scripted::deliver_host(scripted::own_mailbox, TESK_PORT_STATUS_FILTER_TICK,
+                           {bucket_id, port_no});
+    dispatch(scripted::own_mailbox, TESK_PORT_STATUS_FILTER_TICK);
+}
+
+/* Events that wait together. */
+void hardware_events(fuzz_input &in)
+{
+    for (int count = in.byte() % 3; count >= 0; count--) {
+        auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
+        const uint8_t what = in.byte();
+        *event = {what % 3u, in.one_of(port_numbers), what / 3 % 6u, nullptr};
+        tesk_event_queue_put(event);
+    }
+    tesk_handle_queued_events();
+    drain();
+}
+
+void order_failure(fuzz_input &in)
+{
+    static constexpr const char *operations[] = {"subsport",      "subslink",      "unsubsport",
+                                                 "unsubslink",    "getportstatus", "getlinkstatus",
+                                                 "getmoduleinfo", "getmodstatus",  "getmodulediag"};
+    static constexpr int32_t codes[] = {0, 0, -11, -3, -4, -6, 1};
+    const char *operation = in.one_of(operations);
+    scripted::failing[operation] = in.one_of(codes);
+    memory_ends = in.byte() % 8 == 7;
+}
+
+void change_port(fuzz_input &in)
+{
+    const uint32_t port_no = in.one_of(port_numbers);
+    const uint8_t what = in.byte();
+    if (what == 0) {
+        scripted::ports.erase(port_no);
+        return;
+    }
+    scripted::port &port = scripted::ports[port_no];
+    const uint8_t fill = in.byte();
+    port.status = what & 0xf;
+    port.link_state = what >> 4 & 3;
+    port.speed = fill;
+    port.module_status.status = fill & 3;
+    memset(&port.module, fill, sizeof(port.module));
+    port.module.mode_type = what >> 6 & 1;
+    port.module.sfp.sfp_connector = fill & 3;
+    memset(&port.diag, fill, sizeof(port.diag));
+    port.diag.mode_type = what >> 7;
+    uint32_t *measured = &port.diag.diag_cap;
+    for (int step = 0; step < 4; step++)
+        measured[in.byte() % 26] = in.byte() * 0x01000001u;
+}
+
+void (*const steps[])(fuzz_input &in) = {
+    request, request, raw_signal, hardware_events, tick,
+    request, request, raw_signal, order_failure,   change_port,
+};
+
+/* On fresh tables and a fresh board; the mailbox and the event thread stay. */
+void begin()
+{
+    tesk_portsub_init();
+    tesk_cache_init();
+    for (uint32_t port_no : port_numbers)
+        scripted::ports[port_no].status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODREADY;
+}
+
+/* Gives every port back until nothing is left; how often that takes is its count. */
+void end()
+{
+    memory_ends = memory_failed = some_stray = false;
+    scripted::failing.clear();
+    for (auto &[port_no, entries] : books) {
+        scripted::ports[port_no];
+        for (int index = 0; index < kind_count; index++) {
+            const unsigned expected = holders(port_no, kinds[index].kind) + entries[index].orphans;
+            unsigned count = 0;
+            for (; kinds[index].find(port_no) != -1; count++)
+                assert(kinds[index].remove(port_no) == 0);
+            assert(count == expected);
+        }
+    }
+    while (tesk_client *client = tesk_client_first())
+        tesk_client_remove(client);
+    tesk_client_data_reset();
+    tesk_portsub_shutdown();
+    tesk_cache_shutdown();
+    scripted::ports.clear();
+    scripted::ticks.clear();
+    books.clear();
+    tainted.clear();
+}
+
+/* Once; the fuzzer keeps its own signals. */
+bool start_server()
+{
+    sigset_t mask;
+    struct sigaction terminate, interrupt;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    sigaction(SIGTERM, nullptr, &terminate);
+    sigaction(SIGINT, nullptr, &interrupt);
+    assert(tesk_server_init() == 0);
+    scripted::await_event_thread();
+    sigaction(SIGTERM, &terminate, nullptr);
+    sigaction(SIGINT, &interrupt, nullptr);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    tesk_portsub_shutdown();
+    tesk_cache_shutdown();
+    scripted::observer = on_operation;
+    return atexit(tesk_server_shutdown) == 0;
+}
+
+} // namespace
+
+/* The linker sends the server's calls here, of which all are for buckets. */
+extern "C" void *__real_calloc(size_t count, size_t size);
+extern "C" void *__wrap_calloc(size_t count, size_t size);
+
+void *__wrap_calloc(size_t count, size_t size)
+{
+    if (!memory_ends || size != sizeof(leaky_bucket_data))
+        return __real_calloc(count, size);
+    memory_ends = false;
+    memory_failed = true;
+    return nullptr;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    [[maybe_unused]] static const bool started = start_server();
+    fuzz_input in = {data, data + size};
+
+    begin();
+    procInfo[3] = (in.byte() & 1) != 0 ? 0xffffffff : 0;
+    while (in.at != in.end) {
+        scripted::sent.clear();
+        in.one_of(steps)(in);
+        assert(refused.empty());
+        check_books();
+    }
+    end();
+    return 0;
+}

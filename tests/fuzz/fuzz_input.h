@@ -1,0 +1,24 @@
+/* fuzz_input - an input as a byte-code; behind its end every byte is 0. Asserts stay in. */
+#pragma once
+
+#undef NDEBUG
+#include <cassert>
+#include <cstddef>
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+struct fuzz_input {
+    const uint8_t *at;
+    const uint8_t *end;
+
+    uint8_t byte()
+    {
+        return at == end ? uint8_t{0} : *at++;
+    }
+    template <typename value_type, size_t count>
+    const value_type &one_of(const value_type (&values)[count])
+    {
+        return values[byte() % count];
+    }
+};
