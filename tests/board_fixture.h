@@ -51,15 +51,13 @@ class board_fixture : public testing::Test
         return dolm_ric_init(&handle, 0);
     }
 
-    int connect_board() const
+    /* A socket that is connected, or bound, where the board listens; -1 if it can't be. */
+    int peer_of_board(decltype(connect) *act = connect) const
     {
         sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
         socket_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
         const int peer = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        if (connect(peer, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0)
-            return peer;
-        close(peer);
-        return -1;
+        return act(peer, reinterpret_cast<sockaddr *>(&address), sizeof(address)) ? -1 : peer;
     }
 
     static std::string receive(int peer)
@@ -71,7 +69,7 @@ class board_fixture : public testing::Test
 
     std::string ask(const std::string &request) const
     {
-        const int peer = connect_board();
+        const int peer = peer_of_board();
         send(peer, request.data(), request.size(), MSG_NOSIGNAL);
         const std::string answer = receive(peer);
         close(peer);

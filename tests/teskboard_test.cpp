@@ -8,36 +8,21 @@
 namespace
 {
 
-struct outcome {
-    int exit_code;
-    std::string output;
-};
-
-outcome run(const std::string &arguments)
-{
-    outcome result = {-1, {}};
-    FILE *pipe = popen((TESKBOARD " " + arguments + " 2>&1").c_str(), "r");
-    char part[4096];
-    for (size_t length; (length = fread(part, 1, sizeof(part), pipe)) > 0;)
-        result.output.append(part, length);
-    result.exit_code = WEXITSTATUS(pclose(pipe));
-    return result;
-}
-
 struct expectation {
-    const char *arguments;
+    std::string arguments;
     int exit_code;
     const char *output; /* a regular expression for some of it */
 };
 
 void expect(const std::vector<expectation> &all)
 {
-    for (const expectation &one : all) {
-        const outcome result = run(one.arguments);
-        EXPECT_EQ(one.exit_code, result.exit_code) << one.arguments << "\n" << result.output;
-        EXPECT_TRUE(std::regex_search(result.output, std::regex(one.output)))
-            << one.arguments << "\n"
-            << result.output;
+    for (const auto &[arguments, exit_code, expected] : all) {
+        FILE *pipe = popen((TESKBOARD " " + arguments + " 2>&1").c_str(), "r");
+        std::string output;
+        for (int c; (c = fgetc(pipe)) != EOF;)
+            output += static_cast<char>(c);
+        EXPECT_EQ(exit_code, WEXITSTATUS(pclose(pipe))) << arguments << "\n" << output;
+        EXPECT_TRUE(std::regex_search(output, std::regex(expected))) << arguments << "\n" << output;
     }
 }
 
@@ -51,19 +36,15 @@ TEST_F(teskboard_test, every_command_works_on_a_board)
         {"link 3 up --json --again", 0, R"(^\{"ports":1,"events":0\}\n$)"},
         {"insert 13-14 --module lc --vendor 'A B\\x01' temperature=71.5C", 0, "^0 events"},
         {"set 13 vendor_pn=X voltage=3.4V module_status=2", 0, "events"},
-        {"not-ready 14", 0, "events"},
         {"ready 14", 0, "events"},
-        {"show 3", 0, "link +up\n +speed +10.1\n"},
         {"show 13 --json", 0,
          R"("vendor_name":"A B\\\\x01",.*"vendor_pn":"X".*"temperature":71500,)"},
         {"show", 0, R"(PORT.*\n(.*\n){13} +13  module ready +down +- +lc +71.5 °C +3.4 V)"},
         {"remove 13", 0, "events"},
         {"fail subslink busy --port 3 --count 2", 0, "^done\n$"},
         {"ports", 0, "ports +16\n(.*\n)*failure +subslink -8 2 3\n"},
-        {"ports --json", 0, R"("failures":\["subslink busy 2 3"\]|"subslink -8 2 3")"},
         {"heal", 0, "^1 failure withdrawn\n$"},
         {"event link-status --id 0x3000a --value up", 0, "^1 event\n$"},
-        {"wait --calls init", 0, "^done\n$"},
         {"wait 3 --unsubscribed port", 0, "^done\n$"},
         {"--version", 0, R"(^teskboard \d+\.\d+\.\d+\n$)"},
         {"--help", 0, "--socket(.*\n)*.*play "},
@@ -73,14 +54,13 @@ TEST_F(teskboard_test, every_command_works_on_a_board)
 TEST_F(teskboard_test, what_goes_wrong_is_told_with_its_exit_code)
 {
     ASSERT_EQ(0, start());
-    const std::string gone = "show --socket " + folder + "/none";
     expect({
         {"set 16 link=up", 1, "no port 16: this board has the ports 0 to 15"},
         {"set 3 temperature=5kV", 2, "it takes a number with C"},
         {"lnk 3 up", 2, "no command is called 'lnk'.*link"},
         {"insert 3 --module duck", 2, "lc-own"},
         {"link 3", 2, "STATE is required"},
-        {gone.c_str(), 3, "no board at .*start tesk-server first"},
+        {"show --socket " + folder + "/none", 3, "no board at .*start tesk-server first"},
         {"wait 3 --subscribed link --timeout 0.05", 4, "allow more with --timeout"},
     });
 }
@@ -88,16 +68,16 @@ TEST_F(teskboard_test, what_goes_wrong_is_told_with_its_exit_code)
 TEST_F(teskboard_test, a_scene_is_found_right_before_its_first_step)
 {
     ASSERT_EQ(0, start());
-    const std::string good = "play " + write_file("good", "#\n# flap\n+0 link 3 up # now\n\n"
-                                                          "+0.01 set 3 vendor_name='A B'\n");
-    const std::string bad = "play " + write_file("bad", "link 3 down\n+1x link 3 up\n");
-    const std::string high = "play " + write_file("high", "link 3 down\nlink 16 up\n");
-    const std::string nested = "play " + write_file("nested", "play good\n");
+    write_file("good", "#\n# flap\n+0 link 3 up # now\n\n+0.01 set 3 vendor_name='A B'\n");
+    write_file("bad", "link 3 down\n+1x link 3 up\n");
+    write_file("high", "link 3 down\nlink 16 up\n");
+    write_file("nested", "play good\n");
+    const std::string play = "play " + folder;
     expect({
-        {good.c_str(), 0, R"(^ +0\.\d+  link 3 up: 0 events\n +0\.\d+  set 3 vendor_name=A B: )"},
-        {bad.c_str(), 2, R"(bad:2: \+1x: a pause is)"},
-        {high.c_str(), 2, "high:2: there is no port 16"},
-        {nested.c_str(), 2, "nested:1: no command is called 'play'"},
+        {play + "/good", 0, R"(^ +0\.\d+  link 3 up: 0 events\n +0\.\d+  set 3 vendor_name=A B: )"},
+        {play + "/bad", 2, R"(bad:2: \+1x: a pause is)"},
+        {play + "/high", 2, "high:2: there is no port 16"},
+        {play + "/nested", 2, "nested:1: no command is called 'play'"},
         {"play /none", 2, "/none: No such file"},
         {"show 3", 0, "link +up"},
     });

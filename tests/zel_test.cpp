@@ -167,7 +167,7 @@ TEST_F(zel, a_storm_of_signals_leaves_every_line_and_text_whole)
         }
     };
     const auto trace_in_storm = [&] {
-        start({{"ZEL_SINK", "file:" + file}, {"ZEL_FILE_SIZE", "1300000"}});
+        start({{"ZEL_SINK", "file:" + file}, {"ZEL_FILE_SIZE", "1600000"}});
         std::thread other([&] {
             zel_register_thread_name("zel_test");
             work();
