@@ -126,7 +126,7 @@ class reader
             fmt::format("set {}{}{}", ports(), given.again ? " again" : "", setting_words(texts));
     }
 
-    CLI::App *add_set(const char *name, const char *about, std::vector<std::string> texts)
+    CLI::App *add_set(const char *name, const char *about, const std::vector<std::string> &texts)
     {
         CLI::App *sub = add(name, about, [this, texts] { set(texts); });
         takes_ports(sub);

@@ -107,10 +107,8 @@ void carry_out(const command &what, const settings &whole)
     play(board, steps, what, whole.json);
 }
 
-} // namespace
-
 /* CLI11 tells of --help and --version by exceptions too, and gives them the code 0. */
-int main(int count, char **words)
+exit_code run_command_line(int count, char **words)
 {
     CLI::App app("Plays the simulated board of a running tesk-server.", "teskboard");
     try {
@@ -118,14 +116,27 @@ int main(int count, char **words)
         const command what = parse_command({words + 1, words + count}, &whole, app);
         carry_out(what, whole);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(exit_code::wrong_usage);
-    } catch (const failed &error) {
-        std::fflush(stdout);
-        fmt::print(stderr, "teskboard: {}\n", error.what());
-        return static_cast<int>(error.code);
-    } catch (const std::exception &error) {
-        fmt::print(stderr, "teskboard: {}\n", error.what());
-        return static_cast<int>(exit_code::wrong_usage);
+        return app.exit(error) == 0 ? exit_code::done : exit_code::wrong_usage;
     }
-    return 0;
+    return exit_code::done;
+}
+
+int complain(const std::exception &error, exit_code code)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "teskboard: %s\n", error.what());
+    return static_cast<int>(code);
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    try {
+        return static_cast<int>(run_command_line(count, words));
+    } catch (const failed &error) {
+        return complain(error, error.code);
+    } catch (const std::exception &error) {
+        return complain(error, exit_code::wrong_usage);
+    }
 }

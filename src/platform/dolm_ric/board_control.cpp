@@ -35,7 +35,7 @@ namespace
 /* Further ones wait in the listening socket's queue. */
 constexpr size_t max_peers = 64;
 /* The C library puts the thread-local storage of all libraries on the stack too. */
-constexpr size_t thread_stack = 256 * 1024;
+constexpr size_t thread_stack = size_t{256} * 1024;
 
 [[noreturn]] void fail(const std::string &what)
 {

@@ -148,7 +148,7 @@ void linger()
 time_point locate_deadline()
 {
     const char *set = secure_getenv("MBX_LOCATE_MS");
-    const int ms = set ? atoi(set) : 0;
+    const long ms = set ? strtol(set, nullptr, 10) : 0;
     return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms > 0 ? ms : locate_ms);
 }
 

@@ -34,7 +34,7 @@ constexpr size_t ungreeted_at_most = 16; /* of one process */
 constexpr int accepts_at_once = 64;
 constexpr int flushes_at_once = 32;
 constexpr int events_at_most = 32;
-constexpr size_t stack_size = 128 * 1024;
+constexpr size_t stack_size = size_t{128} * 1024;
 
 struct newcomer {
     uint32_t number;

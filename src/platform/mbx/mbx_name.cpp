@@ -193,7 +193,7 @@ owned_fd connect_to_name(const char *name, time_point deadline)
         errno = ETIMEDOUT;
         return {};
     }
-    const timeval limit{left / 1000, left % 1000 * 1000};
+    const timeval limit{left / 1000, suseconds_t{left % 1000} * 1000};
     setsockopt(control.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     if (connect(control.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
         errno = connect_error(errno);

@@ -30,7 +30,7 @@
 
 static constexpr uint64_t ns_per_ms = 1'000'000, ns_per_s = 1'000'000'000;
 static constexpr uint64_t longest_unit_ms = 100;
-static constexpr size_t stack_size = 128 * 1024;
+static constexpr size_t stack_size = size_t{128} * 1024;
 
 struct pending_timer {
     mbx_signal *signal;

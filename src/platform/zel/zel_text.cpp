@@ -59,6 +59,7 @@ void text_line::format(const char *format, ...)
     char piece[128];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start stands right above
     const int size = vsnprintf(piece, sizeof piece, format, arguments);
     va_end(arguments);
     if (size > 0)
@@ -132,7 +133,7 @@ static long utc_offset_of(time_t time)
 /* Looks ten years ahead, day by day, for the seconds at which the clocks are changed. */
 static void read_time_zone()
 {
-    constexpr time_t day = 24 * 60 * 60;
+    constexpr time_t day = time_t{24} * 60 * 60;
     const time_t start = time(nullptr);
     tzset();
     utc_offsets[0] = {start, utc_offset_of(start)};
