@@ -28,7 +28,7 @@ libraries=$(dirname "$(find "$work/usr" -name libmbx.so.1)")
 
 # From outside the tree, also after the whole has been moved.
 mv "$work/usr" "$work/moved" && ln -s moved "$work/usr"
-PKG_CONFIG_PATH=$libraries/pkgconfig cmake -S "$source/tests/outside" -B "$work/outside" \
+PKG_CONFIG_PATH=$libraries/pkgconfig cmake -G Ninja -S "$source/tests/outside" -B "$work/outside" \
     -DCMAKE_PREFIX_PATH="$work/usr" -DEXAMPLES="$source/examples" >/dev/null
 cmake --build "$work/outside" >/dev/null
 start_server
@@ -37,7 +37,7 @@ expect 0 "degrees" "$work/outside/by_cmake" 1 1
 stop_server
 
 # The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
-cmake -S "$source/examples/board" -B "$work/example" >/dev/null
+cmake -G Ninja -S "$source/examples/board" -B "$work/example" >/dev/null
 cmake --build "$work/example" >/dev/null
 board=$work/example/board
 mkdir "$EXAMPLE_BOARD"
