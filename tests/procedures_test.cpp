@@ -2,7 +2,6 @@
 #include "server_fixture.h"
 
 #include <cstring>
-#include <source_location>
 
 using scripted::ports;
 using scripted::sent;
@@ -78,10 +77,9 @@ class procedures : public server_fixture
             send(client, kind, {procedure, reference, port});
         ASSERT_EQ(sent.at(0).number, kind + 1);
     }
-    static void expect_log(const log &expected,
-                           std::source_location at = std::source_location::current())
+    static void expect_log(const log &expected, int line = __builtin_LINE())
     {
-        EXPECT_EQ(scripted::take_log(), expected) << "line " << at.line();
+        EXPECT_EQ(scripted::take_log(), expected) << "line " << line;
     }
     /* The reference of a client that has just connected and subscribed. */
     static uint32_t subscriber(uint32_t client, uint32_t port, uint32_t kind)
@@ -418,7 +416,7 @@ TEST_F(procedures, a_tick_that_outlives_its_bucket_meets_the_next_one_with_its_i
     tick(1, 3);
     EXPECT_EQ(leaky_bucket_find(1)->level, 0);
     EXPECT_TRUE(scripted::ticks.empty());
-    for (uint32_t state : {1, 2, 1, 2, 1})
+    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
         handle_events({link_event(9, state)});
     tick(1, 3);
     scripted::take_log();
