@@ -367,11 +367,6 @@ constexpr void tesk_turn(tesk_port_signal &signal)
     tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.port_no);
 }
 
-constexpr void tesk_turn(tesk_subscribe_port_status_req &signal)
-{
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.port_no, signal.reserved);
-}
-
 constexpr void tesk_turn(tesk_port_rej &signal)
 {
     tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.port_no, signal.error_code);
