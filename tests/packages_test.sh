@@ -29,10 +29,11 @@ start_server() {
 }
 
 scripts/build-packages >/dev/null
-if [ ! -e "$base" ]; then
+if [ ! -f "$base" ]; then
     say "fetching a base system (once, takes some minutes)"
-    timeout 900 mmdebstrap --quiet --variant=minbase bookworm "$base.new" ||
+    timeout 900 mmdebstrap --quiet --format=tar --variant=minbase bookworm "$base.new" ||
         fail "there is no base system to be had"
+    rm -rf "$base"
     mv "$base.new" "$base"
 fi
 rm -rf "$root" "$root.log"
