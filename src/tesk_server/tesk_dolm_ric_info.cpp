@@ -252,7 +252,11 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
                    module.mode_type);
         return SFP_PRESENT_AND_READY;
     }
-    fill_sfp_info(&module.sfp, info);
+
+    auto *sfp = static_cast<dolm_sfp_info *>(alloc_or_abort(sizeof(dolm_sfp_info)));
+    *sfp = module.sfp;
+    fill_sfp_info(sfp, info);
+    free(sfp);
     return SFP_PRESENT_AND_READY;
 }
 
