@@ -1,6 +1,11 @@
 /* One epoll loop over two level-triggered sources: the mailbox and the event queue. A signal or a
    queued event is handled to its end before the next one is looked at.
 
+   The order of the start is one of dependence: whoever is started finds what it uses, the signal
+   handler a mailbox and the hardware event thread a queue. The end goes the other way, but for the
+   clients, who go first. An end also follows a start that failed, and cannot know how far that
+   came, so each step of it is harmless where nothing was begun.
+
    The stop is a signal too. SIGTERM or SIGINT makes the handler send TESK_EXIT_SIGNAL to the
    server's own mailbox, and the dispatch ends the loop when the sender is that mailbox: nobody else
    can. */
@@ -130,16 +135,19 @@ static void tesk_handle_port_state_event(uint32_t port_no, uint32_t port_state)
 
 static void tesk_handle_sfp_event(uint32_t port_no, uint32_t sfp_presence)
 {
+    /* Stored first: what the two sides do next already stands on the new presence. */
     if (!tesk_portsub_update_sfp_presence(port_no, sfp_presence)) {
         tesk_trace(TESK_TRACE_COURSE, "No need to handle this SFP event, no change for port %u",
                    port_no);
         return;
     }
+    /* Who follows both hears which module it is before it hears how the port does with it. */
     tesk_handle_sfp_presence_change(port_no, sfp_presence);
     tesk_handle_port_status_sfp_presence_change(port_no, sfp_presence);
 }
 
-/* An event of a port without a subscriber of its kind is dropped in silence. */
+/* An event of a port without a subscriber of its kind is dropped in silence: one may have been
+   under way when the last of them left. */
 static void handle_hw_event(const tesk_hw_event *event)
 {
     switch (event->type) {
@@ -161,6 +169,7 @@ void tesk_handle_queued_events()
 {
     tesk_hw_event *event = tesk_event_queue_take_all();
 
+    /* In the order of the queue, newest first. */
     while (event != nullptr) {
         tesk_hw_event *next = event->next;
         handle_hw_event(event);
@@ -248,6 +257,7 @@ int tesk_server_init()
         return init_failure("Unable to initialize ZEL!\n");
     zel_register_thread_name("tesk-server");
 
+    /* Until the mailbox is there the stop signals wait: their handler sends to it. */
     own_mailbox = mbx_create_mailbox(TESK_SERVER_NAME, 0);
     if (own_mailbox == MBX_NO_MAILBOX) {
         tesk_trace(TESK_TRACE_ERROR, "Unable to create TESK-server mailbox!");
@@ -275,6 +285,8 @@ int tesk_server_init()
 
 void tesk_server_shutdown()
 {
+    /* Nobody is told, and no subscription is given back one by one: the hardware library forgets
+       them all when it stops. */
     while (tesk_client *client = tesk_client_first()) {
         mbx_unmonitor(client->monitor_ref);
         tesk_client_remove(client);
@@ -283,6 +295,7 @@ void tesk_server_shutdown()
     tesk_portsub_shutdown();
     tesk_cache_shutdown();
     tmo_service_stop();
+    /* The thread fills the queue until it is joined. */
     tesk_dolm_ric_shutdown();
     tesk_event_queue_shutdown();
     /* From here on the signal handler has no mailbox to send to. */

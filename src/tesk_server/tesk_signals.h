@@ -89,7 +89,9 @@ enum tesk_env_status : uint32_t {
     TESK_ENV_NOT_READ = 5,
 };
 
-/* What every client signal starts with. */
+/* What every client signal starts with. The records below name these three words once more instead
+   of holding them as a member or a base: so their fields are all at hand by one name, and a record
+   stays plain, with offsets that the compiler may be asked about. */
 struct tesk_header {
     uint32_t number;
     uint32_t procedure_ref;
