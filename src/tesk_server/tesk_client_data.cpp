@@ -50,6 +50,8 @@ static gboolean equal_subscribers(gconstpointer left, gconstpointer right)
            one->subscription.kind == other->subscription.kind;
 }
 
+/* A subscriber is its own key, so one is made up to look for. There are clients, and so there is a
+   set to look in. */
 static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     const tesk_subscriber sought = {.client = const_cast<tesk_client *>(client),
@@ -126,6 +128,7 @@ void tesk_client_remove(tesk_client *client)
     tesk_mutex_lock(&client_mutex);
     tesk_list_remove(client);
     g_hash_table_remove(clients_by_mailbox, GUINT_TO_POINTER(client->mbox));
+    /* The array is freed as a whole, so that its subscriptions need not be taken out one by one. */
     for (guint index = 0; index < client->subscriptions->len; index++) {
         const tesk_client_subscription *held = subscription_at(client, index);
         forget_subscriber(find_subscriber(client, held->port_no, held->kind));
@@ -135,7 +138,7 @@ void tesk_client_remove(tesk_client *client)
     tesk_mutex_unlock(&client_mutex);
 }
 
-/* With the mutex held. */
+/* With the mutex held. Before the first client there is no index at all. */
 static tesk_client *find_by_mailbox(uint32_t mbox)
 {
     if (clients_by_mailbox == nullptr)

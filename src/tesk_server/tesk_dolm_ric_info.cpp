@@ -215,6 +215,8 @@ void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
     tesk_copy_bounded(texts.date_code, sfp->sfp_date_code);
     tesk_copy_bounded(texts.rdh, sfp->sfp_morvaine_rdh);
 
+    /* What the numbers below mean goes with them, so that a trace can be read without the library's
+       documents at hand. */
     tesk_trace(TESK_TRACE_COURSE,
                "Values for sfp_connector: DOLM_SFP_CONNECTOR_UNSPEC = 0x0, DOLM_SFP_CONNECTOR_LC "
                "= 0x1, DOLM_SFP_CONNECTOR_RJ45 = 0x2, DOLM_SFP_CONNECTOR_OTHER = 0xff");
@@ -289,6 +291,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
         return SFP_UNKNOWN;
     }
 
+    /* Whatever is in the port and is no SFP module goes as an electrical one without texts. */
     if (module.mode_type != DOLM_RIC_MODE_SFP) {
         info->type = TESK_SFP_ELECTRICAL;
         tesk_trace(TESK_TRACE_NOTABLE,
@@ -367,6 +370,8 @@ static bool read_link(uint32_t port_no, tesk_port_info *info)
                    port_no, id, dolm_ric_result_text(result));
         return false;
     }
+    /* A link that is stopped is told as one that doesn't work: the protocol's value for stopped is
+       never used. */
     if (link.state == DOLM_RICRILINKSTATE_OPERATIONAL)
         info->conn_status = TESK_CONN_OPERATIONAL;
     tesk_trace(TESK_TRACE_COURSE, "get_port_info(): port_no=%u, conn_status=%u", port_no,

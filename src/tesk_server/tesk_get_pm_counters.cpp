@@ -21,6 +21,8 @@ static void tesk_send_get_pm_counters_cfm(uint32_t mbox, uint32_t procedure_ref,
     cfm->procedure_ref = procedure_ref;
     cfm->connection_ref = connection_ref;
     cfm->counters = *counters;
+    /* The text is known to readers of traces as it stands, the missing blank before
+       has_pm_sfp_tx_power included. */
     tesk_trace_sent(
         TESK_GET_PM_COUNTERS_CFM, mbox,
         "Sent signal TESK_GET_PM_COUNTERS_CFM: procedure_ref: %u, connection_ref: %u, mbox: 0x%x, "

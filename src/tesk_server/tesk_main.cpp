@@ -114,6 +114,8 @@ int tesk_handle_mailbox()
 {
     stop_requested = false;
 
+    /* Doesn't wait, as the mailbox was found ready. Further signals keep it ready for the next
+       pass, so that neither source can keep the other one waiting. */
     mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
     if (!tesk_shell_client_handle(signal))
         tesk_dispatch(signal);
@@ -215,6 +217,7 @@ static void tesk_signal_handler(int signal_number)
     errno = saved_errno;
 }
 
+/* At the start this also decides for the threads that the libraries make: they inherit it. */
 static void tesk_block_all_signals()
 {
     sigset_t all;
@@ -241,6 +244,7 @@ static void tesk_setup_signal_handling()
     pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
 }
 
+/* For the time before there are traces. */
 static int init_failure(const char *line)
 {
     fwrite(line, 1, strlen(line), stderr);
@@ -252,6 +256,7 @@ int tesk_server_init()
     tesk_block_all_signals();
     if (mbx_init(5, 0, 0, 0, 0) != 0)
         return init_failure("Unable to initialize MBX!\n");
+    /* Both results mean that the library can be used. */
     const int zel_result = zel_init();
     if (zel_result != 0 && zel_result != 4)
         return init_failure("Unable to initialize ZEL!\n");
@@ -272,6 +277,8 @@ int tesk_server_init()
     }
     result = tesk_dolm_ric_init();
     if (result != 0) {
+        /* The text is known to readers of traces as it stands, whichever of the two has failed;
+           what it was has been traced by then. */
         tesk_trace(TESK_TRACE_ERROR, "pthread_create: %d (%s)", result, strerror(result));
         return TESK_FAILURE;
     }
@@ -326,6 +333,7 @@ static void run_loop(int epoll_fd)
 
     for (;;) {
         const int count = epoll_wait(epoll_fd, events, number_of_sources, -1);
+        /* After the stop the other source of the same pass isn't looked at. */
         for (int index = 0; index < count; index++)
             if (tesk_handle_epoll_event(events[index]) == 1)
                 return;

@@ -14,6 +14,7 @@
 bool tesk_port_request_read(const tesk_port_procedure *procedure, mbx_signal *signal,
                             tesk_port_request *request)
 {
+    /* The dispatch has seen to it that the signal is as long as this record. */
     auto *record = reinterpret_cast<tesk_port_signal *>(signal);
     const uint32_t sender = mbx_sender(signal);
 

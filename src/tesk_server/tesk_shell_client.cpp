@@ -28,6 +28,7 @@ static uint32_t shell_port_state(uint32_t state)
     }
 }
 
+/* The same numbers for what is known today, and unknown for whatever else there may be one day. */
 static uint32_t shell_sfp_presence(uint32_t presence)
 {
     return presence <= UNSUPPORTED_PORT ? presence : uint32_t{SFP_UNKNOWN};

@@ -141,6 +141,8 @@ void tesk_handle_subscribe_sfp_info_req(mbx_signal *signal)
         tesk_port_request_reject(&request, TESK_ERROR_INVALID_PORT, "invalid port");
         return;
     }
+    /* An empty port is no error, and neither is a module that can't be read: the client is told
+       that there is none and hears of the next change. */
     tesk_subscribe_confirm(&procedure, &request);
     tesk_sfp_info_cache_ind(port_no, client->client_id, client->conn_ref);
     tesk_send_sfp_info_ind(client->mbox, client->conn_ref, client->procedure_ref, port_no, &info);
