@@ -115,7 +115,7 @@ int tesk_handle_mailbox()
     stop_requested = false;
 
     /* Doesn't wait, as the mailbox was found ready. Further signals keep it ready for the next
-       pass, so that neither source can keep the other one waiting. */
+       pass, so that hardware events get their turn between them. */
     mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
     if (!tesk_shell_client_handle(signal))
         tesk_dispatch(signal);
@@ -217,7 +217,8 @@ static void tesk_signal_handler(int signal_number)
     errno = saved_errno;
 }
 
-/* At the start this also decides for the threads that the libraries make: they inherit it. */
+/* At the start this comes before any library has started a thread, and threads inherit it: none of
+   theirs takes a stop signal while there is no mailbox to send to. */
 static void tesk_block_all_signals()
 {
     sigset_t all;

@@ -1,3 +1,7 @@
+/* One thread polls the listening socket, the peers, and an eventfd. The eventfd wakes it to end
+   and, while some peer waits for a condition, after each call of the library: conditions are about
+   what the calls do, so that is when they are looked at again. A peer is never waited for: if it
+   doesn't take its answer it is dropped. */
 #include "board_control.h"
 
 #include "dolm_ric_board.h"
@@ -21,11 +25,6 @@
 #include <filesystem>
 #include <utility>
 #include <vector>
-
-/* One thread polls the listening socket, the peers, and an eventfd. The eventfd wakes it to end
-   and, while some peer waits for a condition, after each call of the library: conditions are about
-   what the calls do, so that is when they are looked at again. A peer is never waited for: if it
-   doesn't take its answer it is dropped. */
 
 namespace board
 {
@@ -119,7 +118,8 @@ void make_directory_of(const std::string &path)
 
 struct peer {
     descriptor socket;
-    condition pending; /* what its "wait" waits for */
+    condition pending = {};  /* what its "wait" waits for */
+    bool is_dropped = false; /* goes at the end of the pass that finds it out */
 };
 
 } // namespace
@@ -206,23 +206,31 @@ class board_control::server
         descriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket.get() < 0)
             return errno != EMFILE && errno != ENFILE;
-        peers.push_back({std::move(socket), {}});
+        peers.push_back({.socket = std::move(socket)});
         return true;
     }
 
-    /* One pass under the lock over what the peers ask and wait for. The watch is set before the
-       lock is given up, so that no call after this look goes unseen. */
+    /* One pass under the lock over what the peers ask and wait for; `polled` has an entry for each
+       of them. The watch is set before the lock is given up, so that no call after
+       this look goes unseen. */
     void serve_peers(std::span<const pollfd> polled)
     {
         const std::lock_guard guard(scene.events.lock);
-        size_t at = 0;
-        bool some_wait = false;
-        std::erase_if(peers, [&](peer &known) {
-            const bool stays = (polled[at++].revents == 0 || take_request(known)) && look(known);
-            some_wait |= stays && known.pending;
-            return !stays;
-        });
+        for (size_t at = 0; at < peers.size(); at++)
+            peers[at].is_dropped = !serve_peer(peers[at], polled[at].revents != 0);
+        std::erase_if(peers, [](const peer &known) { return known.is_dropped; });
+        const bool some_wait =
+            std::ranges::any_of(peers, [](const peer &known) { return known.pending != nullptr; });
         scene.events.watch_calls(some_wait ? wakeup.get() : -1);
+    }
+
+    /* False if the peer is to be dropped. What it has just asked to wait for may be true already.
+     */
+    bool serve_peer(peer &known, bool has_sent)
+    {
+        if (has_sent && !take_request(known))
+            return false;
+        return look(known);
     }
 
     /* False if the peer is to be dropped; so is one that asks while it waits for an answer. */

@@ -1,11 +1,10 @@
+/* One row per request in request_kinds. A request is read to its end before anything is changed, so
+   that a wrong one changes nothing; what is wrong is thrown and answered in one place. */
 #include "board_requests.h"
 
 #include "dolm_ric_board.h"
 
 #include <algorithm>
-
-/* One row per request in request_kinds. A request is read to its end before anything is changed, so
-   that a wrong one changes nothing; what is wrong is thrown and answered in one place. */
 
 namespace board
 {

@@ -6,6 +6,7 @@
 
 #include "dolm_ric.h"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -118,10 +119,11 @@ uint32_t read_number(const field &source, const void *values);
 /* The words that stand for raw values of this kind, such as "up"; empty if there is none. */
 std::string_view name_of_value(field_kind kind, uint32_t number);
 
-/* A module as `insert` puts it in. */
+/* A module as `insert` puts it in: the settings that make it from an empty cage, in pieces that are
+   carried out one after the other; those that aren't needed are empty. */
 struct module_kind {
     std::string_view name;
-    std::string_view settings;
+    std::array<std::string_view, 4> settings;
 };
 std::span<const module_kind> module_kinds();
 const module_kind &parse_module_kind(std::string_view name);

@@ -1,13 +1,12 @@
+/* What a port itself reports is held by value; its module is shared and never written. A change of
+   the module puts a changed copy in its place, one copy for all ports of a request that had the
+   same module, so that a board of 65,535 ports alike stays small after a change to all of them too.
+ */
 #include "simulated_ports.h"
 
 #include <cstddef>
 #include <map>
 #include <utility>
-
-/* What a port itself reports is held by value; its module is shared and never written. A change of
-   the module puts a changed copy in its place, one copy for all ports of a request that had the
-   same module, so that a board of 65,535 ports alike stays small after a change to all of them too.
- */
 
 namespace board
 {
@@ -18,8 +17,9 @@ namespace
 module_values make_module(const module_kind &kind)
 {
     module_values module;
-    for (const setting &value : parse_settings(split_words(kind.settings)))
-        write_setting(value, &module);
+    for (const std::string_view piece : kind.settings)
+        for (const setting &value : parse_settings(split_words(piece)))
+            write_setting(value, &module);
     return module;
 }
 
