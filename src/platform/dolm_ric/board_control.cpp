@@ -31,7 +31,8 @@ namespace board
 namespace
 {
 
-/* Further ones wait in the listening socket's queue. */
+/* The library lives in somebody else's process and leaves its descriptors to it. Further peers wait
+   in the listening socket's queue. */
 constexpr size_t max_peers = 64;
 /* The C library puts the thread-local storage of all libraries on the stack too. */
 constexpr size_t thread_stack = size_t{256} * 1024;
@@ -41,7 +42,7 @@ constexpr size_t thread_stack = size_t{256} * 1024;
     throw board_error(what + ": " + std::strerror(errno));
 }
 
-/* Owns a file descriptor. */
+/* Owns a file descriptor, so that whatever throws on the way closes what has been opened. */
 class descriptor
 {
   public:
@@ -139,6 +140,7 @@ class board_control::server
                 fail("eventfd");
             start_thread();
         } catch (...) {
+            /* The constructor failed, so nobody runs the destructor. */
             remove_dead_socket(path);
             throw;
         }
@@ -156,7 +158,8 @@ class board_control::server
     }
 
   private:
-    /* The thread takes no signals: those of the process are for the threads that handle them. */
+    /* The thread takes no signals: those of the process are for the threads that handle them. It
+       inherits the mask: before it could set one of its own a signal might come. */
     void start_thread()
     {
         pthread_attr_t attributes;
@@ -188,6 +191,8 @@ class board_control::server
     {
         std::vector<pollfd> polled;
         while (!ending) {
+            /* Peers come last, in the order of `peers`, which no one changes until they are served.
+             */
             polled.assign({{wakeup.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}});
             polled[1].events = can_accept && peers.size() < max_peers ? POLLIN : 0;
             for (const peer &known : peers)

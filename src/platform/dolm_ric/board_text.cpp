@@ -247,6 +247,7 @@ std::optional<double> read_measure(field_kind of, std::string_view text)
     if (error != std::errc())
         return std::nullopt;
     const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
+    /* The one unit that isn't a scale: decibels over a milliwatt. */
     if (of == field_kind::power && name == "dBm")
         return std::pow(10.0, value / 10) * 1e3;
     for (const unit &known : units)
@@ -290,6 +291,7 @@ uint32_t parse_value(const field &target, std::string_view text)
                            : target.size == 1              ? UINT8_MAX
                            : is_signed                     ? INT32_MAX
                                                            : UINT32_MAX;
+    /* A measure such as 3.3V hardly ever comes out as a whole number of its unit. */
     const double rounded = std::round(*value);
     if (rounded < lowest || rounded > highest)
         fail(std::string(target.name) + " can't be " + quoted(text) + ": out of range");
@@ -315,6 +317,8 @@ uint32_t parse_port(std::string_view text, std::string_view list)
 
 } // namespace
 
+/* The ports are counted on the way, so that a list which names a port many times over can't make a
+   board work on millions of them. */
 port_list parse_ports(std::string_view text)
 {
     port_list ports;

@@ -62,6 +62,7 @@ int32_t desk::ordered_failure(operation op, uint32_t port)
     return code;
 }
 
+/* The order may be for the wait that the event thread sits in. */
 void desk::order_failure(failure order)
 {
     orders.push_back(std::move(order));

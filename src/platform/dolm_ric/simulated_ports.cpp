@@ -25,6 +25,8 @@ module_values make_module(const module_kind &kind)
 
 } // namespace
 
+/* One module of zeros stands for the empty cage in all slots: a slot has always a module to read.
+ */
 simulated_ports::simulated_ports(uint32_t count, port_events &events)
     : listener(events), no_module(std::make_shared<const module_values>())
 {
