@@ -16,7 +16,8 @@
 #include <cstdio>
 #include <cstring>
 
-/* How many entries of protocol_rev the signal really holds, whatever it says. */
+/* How many entries of protocol_rev the signal really holds, whatever it says. The dispatch has seen
+   to it that the part before them is there. */
 static uint32_t held_revisions(const mbx_signal *signal, uint32_t number_of_rev)
 {
     const size_t room = mbx_size(signal) - sizeof(tesk_conn_establish_req);

@@ -1,10 +1,10 @@
 /* A port that flaps would flood its subscribers, so what is told of its changes passes a filter.
-   Each change to down pours 20 into the port's bucket, and each tick takes 10 out. At
-   or above the bucket's filter level changes are recorded but not told; when the level falls below
-   it, the subscribers get the status of that moment. One chain of ticks a bucket: it starts at a
-   change to down that finds the bucket empty, and ends with the level at 0 or when the bucket is
-   gone. Nothing counts what was held back: what a port did in between is not told, only what it has
-   come to.
+   Each change to down pours 20 into the port's bucket, and each tick takes 10 out. At or above the
+   bucket's filter level changes are recorded but not told; when the level falls below it, the
+   subscribers get the status of that moment. One chain of ticks a bucket: it starts at a change to
+   down that finds the bucket empty, and ends with the level at 0 or when the bucket is gone.
+   Nothing counts what was held back: what a port did in between is not told, only what it has come
+   to.
 
    The state that a port is known by changes with every event, also with one that is held back, for
    the next event is compared with it. Only a change is poured: a repeated state says nothing new.
@@ -255,6 +255,7 @@ static bool is_told(leaky_bucket_state before, leaky_bucket_state after, uint32_
         tesk_trace(TESK_TRACE_BUCKET, "Leaky bucket level reached, indication not send");
         return false;
     default:
+        /* A state that can't be is no reason to keep a change from anybody. */
         tesk_trace(TESK_TRACE_ERROR, "Unexpected leaky bucket state, state=%u", after);
         return true;
     }
@@ -284,6 +285,8 @@ void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state)
         return;
 
     const leaky_bucket_state before = leaky_bucket_get_state(bucket_id);
+    /* Events of any other state have been sorted out before; here it would be stored, but not told.
+     */
     if (new_state != PORTSTATE_UP && new_state != PORTSTATE_DOWN) {
         tesk_trace(TESK_TRACE_ERROR, "Unknown port state");
         return;

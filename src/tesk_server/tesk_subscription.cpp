@@ -4,7 +4,7 @@
    arrives, and the first indication, which the handlers send, never overtakes it.
 
    The client's procedure_ref follows the change, not the request: it is stored once the port
-   subscription table has accepted, so that indications bear the latest change that came about. */
+   subscription table has accepted, so that indications bear the latest change that it took. */
 #include "tesk_subscription.h"
 
 #include "tesk_signals.h"

@@ -15,8 +15,7 @@ struct mbx_signal;
 /* The calling thread's block. procInfo[3] is the group mask, bit n for group n: the caller tests it
    before it formats, and passes procInfo on. It is 0 until the thread calls zel_init or, once
    another thread has done that, zel_register_thread_name: a thread that does neither is never
-   traced. By its
-   model it is read without a call, in a program that is linked with the library. */
+   traced. By its model it is read without a call, in a program that is linked with the library. */
 extern __thread uint32_t procInfo[8] __attribute__((tls_model("initial-exec")));
 
 /* Reads the settings, the first time, and sets the calling thread's mask. 0 and 4 both mean that
