@@ -18,6 +18,7 @@ namespace board
 namespace
 {
 
+/* In the order of the enumeration. */
 constexpr std::array<std::string_view, operation_count> op_names = {
     "init",          "shutdown",     "waitevent",     "freeevent",  "getportstatus",
     "subsport",      "unsubsport",   "subslink",      "unsubslink", "getlinkstatus",
@@ -256,6 +257,7 @@ std::optional<double> read_measure(field_kind of, std::string_view text)
     return std::nullopt;
 }
 
+/* For errors: whoever mistypes a value sees what would have been right. */
 std::string what_it_takes(field_kind of)
 {
     std::string words;
@@ -323,6 +325,9 @@ port_list parse_ports(std::string_view text)
 {
     port_list ports;
     uint32_t count = 0;
+    /* Up to the end and once more there: an empty part, such as that behind a last comma, is no
+     * port.
+     */
     for (size_t at = 0; at <= text.size();) {
         const std::string_view part = text.substr(at, text.find(',', at) - at);
         const size_t dash = part.find('-');

@@ -41,6 +41,7 @@ bool desk::is_open() const
     return open_now;
 }
 
+/* Calls that fail are counted, too: what people wait for is that somebody called. */
 void desk::count_call(operation op)
 {
     calls[static_cast<size_t>(op)]++;

@@ -164,6 +164,7 @@ class simulated_ports::writer
 
 void simulated_ports::set(const port_list &list, const std::vector<setting> &settings, bool again)
 {
+    /* An event tells of the port's status or of its link. The values of a module have none. */
     told_anyway anyway;
     for (const setting &value : settings) {
         const bool of_status = value.target->offset == offsetof(port_values, status);
