@@ -1,5 +1,15 @@
+/* The buckets stand in a list that is sorted by id, and a new one gets the lowest id that is free.
+   To find the id and the place in the list by walking would cost the more the more ports are
+   subscribed to, and each tick and each change of a port looks its bucket up. So two things stand
+   beside the list: the bucket of each id, which is a lookup and also leads to the place of a new
+   one, and a heap of the ids that have been given back.
+
+   An id that comes back is given out again at once. A tick that is still on its way to a bucket
+   that has been removed can therefore reach another one, which then drains by two chains of ticks
+   until it is empty. */
 #include "leaky_bucket.h"
 
+#include "tesk_list.h"
 #include "tesk_trace.h"
 
 #include <algorithm>
@@ -13,7 +23,7 @@ static leaky_bucket_data *bucket_head;
 /* The bucket of each id ever given, at id - 1; null while the id is free. */
 static GPtrArray *buckets_by_id;
 
-/* The ids among those that are free, as a heap with the lowest on top. */
+/* Those of them that are free, as a heap with the lowest on top. */
 static GArray *free_ids;
 
 static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
@@ -22,13 +32,13 @@ static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
                                                 : LEAKY_BUCKET_LEVEL_REACHED;
 }
 
-/* The lowest id that no bucket has. */
 static int32_t take_free_id()
 {
     if (buckets_by_id == nullptr) {
         buckets_by_id = g_ptr_array_new();
         free_ids = g_array_new(FALSE, FALSE, sizeof(int32_t));
     }
+    /* With none given back, the ids in use are 1 to the highest without a gap. */
     if (free_ids->len == 0) {
         g_ptr_array_add(buckets_by_id, nullptr);
         return static_cast<int32_t>(buckets_by_id->len);
@@ -48,20 +58,15 @@ static void give_id_back(int32_t id)
     std::push_heap(ids, ids + free_ids->len, std::greater<>());
 }
 
-/* With the lowest free id, all lower ones are taken: the bucket before it in the list has the next
-   lower id. */
+/* All ids below the lowest free one are taken, so the bucket that comes before the new one in the
+   list has the next lower id, and no walk is needed to find it. */
 static void leaky_bucket_insert(leaky_bucket_data *bucket)
 {
     bucket->id = take_free_id();
     buckets_by_id->pdata[bucket->id - 1] = bucket;
 
     leaky_bucket_data *before = leaky_bucket_find(bucket->id - 1);
-    leaky_bucket_data **link = before == nullptr ? &bucket_head : &before->next;
-    bucket->next = *link;
-    bucket->prev_link = link;
-    if (bucket->next != nullptr)
-        bucket->next->prev_link = &bucket->next;
-    *link = bucket;
+    tesk_list_insert(before == nullptr ? &bucket_head : &before->next, bucket);
     tesk_trace(TESK_TRACE_BUCKET, "Bucket(%d) inserted to the list", bucket->id);
 }
 
@@ -94,9 +99,7 @@ void leaky_bucket_remove(int32_t id)
         tesk_trace(TESK_TRACE_ERROR, "Cannot remove leaky bucket: id %d not found", id);
         return;
     }
-    *bucket->prev_link = bucket->next;
-    if (bucket->next != nullptr)
-        bucket->next->prev_link = bucket->prev_link;
+    tesk_list_remove(bucket);
     give_id_back(id);
     free(bucket);
     tesk_trace(TESK_TRACE_BUCKET, "Bucket(%u) removed from the list", static_cast<unsigned>(id));
@@ -122,6 +125,8 @@ leaky_bucket_state leaky_bucket_update(int32_t id, int32_t delta)
         return LEAKY_BUCKET_NOT_FOUND;
     }
 
+    /* The top is looked at first. A level that comes to exactly 0 has not been emptied by this: it
+       is a level like any other below the filter level. */
     bucket->level += delta;
     bool emptied = false;
     if (bucket->level >= bucket->bucket_size) {

@@ -73,8 +73,8 @@ int tesk_cache_add(const tesk_cache_entry *entry);
    or 1, with a trace and nothing handed out, for an unknown type. */
 int tesk_cache_read(uint32_t type, uint32_t *count, tesk_cache_entry **entries);
 
-/* Stamps an action and adds it. When it is refused, `failure` is traced: a format that may name the
-   port, the client's id and its conn_ref, in this order. */
+/* Stamps an action with the time of its handling and adds it. When it is refused, `failure` is
+   traced: a format that may name the port, the client's id and its conn_ref, in this order. */
 void tesk_cache_add_action(tesk_cache_action action, const char *failure, uint32_t port_no,
                            uint32_t client_id, uint32_t conn_ref);
 

@@ -1,34 +1,43 @@
 /* Beside the list of clients stand three indexes, so that no lookup grows with the number of
    clients or of their subscriptions: the client of a mailbox, the subscriber of a client, port and
-   kind, and the subscribers of a port and kind in the order of the list. The functions that change
-   the list or a client's subscriptions keep them in step. */
+   kind, and the subscribers of a port and kind. The functions that change the list or a client's
+   subscriptions keep them in step.
+
+   A new client goes to the head of the list, and all that is sent to many goes out in the order of
+   the list, newest client first. The lists of subscribers must give that same order, whenever each
+   of the clients subscribed. They are kept sorted by falling client_id, which is the order of the
+   list, as ids are given out in the order of the connections.
+
+   The mutex guards the list, the next id and the indexes, though only the main thread comes here;
+   nothing is called out to while it is held. Subscriptions are changed without it. */
 #include "tesk_client_data.h"
 
+#include "tesk_list.h"
 #include "tesk_mutex.h"
 #include "tesk_trace.h"
+#include "tesk_types.h"
 
 static pthread_mutex_t client_mutex = PTHREAD_MUTEX_INITIALIZER;
 static tesk_client *client_head;
 static uint32_t next_client_id;
 
-/* tesk_client by mbox. */
+/* A mailbox has one client at most: a second connection of it is rejected. */
 static GHashTable *clients_by_mailbox;
 
 /* A set of tesk_subscriber, equal by client and subscription. */
 static GHashTable *subscribers;
 
-/* Heads of the lists of tesk_subscriber. A port that nobody subscribes to costs nothing: its page
-   is never touched. */
-static constexpr uint32_t number_of_ports = 65536;
+/* Heads of the lists of subscribers. A port that nobody subscribes to costs nothing: its page is
+   never touched. */
 static constexpr uint32_t number_of_kinds = 2;
-static tesk_subscriber *port_subscribers[number_of_kinds][number_of_ports];
+static tesk_subscriber *port_subscribers[number_of_kinds][TESK_NUMBER_OF_PORTS];
 
 static guint hash_subscriber(gconstpointer key)
 {
     const auto *subscriber = static_cast<const tesk_subscriber *>(key);
     const tesk_client_subscription &held = subscriber->subscription;
 
-    return (subscriber->client->client_id * number_of_ports + held.port_no) * 2 + held.kind;
+    return (subscriber->client->client_id * TESK_NUMBER_OF_PORTS + held.port_no) * 2 + held.kind;
 }
 
 static gboolean equal_subscribers(gconstpointer left, gconstpointer right)
@@ -41,6 +50,8 @@ static gboolean equal_subscribers(gconstpointer left, gconstpointer right)
            one->subscription.kind == other->subscription.kind;
 }
 
+/* A subscriber is its own key, so one is made up to look for. There are clients, and so there is a
+   set to look in. */
 static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     const tesk_subscriber sought = {.client = const_cast<tesk_client *>(client),
@@ -52,10 +63,11 @@ static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port
     return static_cast<tesk_subscriber *>(g_hash_table_lookup(subscribers, &sought));
 }
 
-/* The head of a port's list; null for a port or kind that cannot be subscribed to. */
+/* The head of a port's list; null for a port or kind that cannot be subscribed to. Kinds start at
+   1, so that kind 0 wraps around and is refused by the same test as one that is too high. */
 static tesk_subscriber **subscribers_of_port(uint32_t port_no, uint32_t kind)
 {
-    if (port_no >= number_of_ports || kind - 1 >= number_of_kinds)
+    if (port_no >= TESK_NUMBER_OF_PORTS || kind - 1 >= number_of_kinds)
         return nullptr;
     return &port_subscribers[kind - 1][port_no];
 }
@@ -68,18 +80,12 @@ static void link_subscriber(tesk_subscriber *subscriber)
 
     while (*link != nullptr && (*link)->client->client_id > subscriber->client->client_id)
         link = &(*link)->next;
-    subscriber->next = *link;
-    subscriber->prev_link = link;
-    if (subscriber->next != nullptr)
-        subscriber->next->prev_link = &subscriber->next;
-    *link = subscriber;
+    tesk_list_insert(link, subscriber);
 }
 
 static void forget_subscriber(tesk_subscriber *subscriber)
 {
-    *subscriber->prev_link = subscriber->next;
-    if (subscriber->next != nullptr)
-        subscriber->next->prev_link = subscriber->prev_link;
+    tesk_list_remove(subscriber);
     g_hash_table_remove(subscribers, subscriber);
     g_free(subscriber);
 }
@@ -103,11 +109,7 @@ tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref)
 
     tesk_mutex_lock(&client_mutex);
     client->client_id = next_client_id++;
-    client->next = client_head;
-    client->prev_link = &client_head;
-    if (client_head != nullptr)
-        client_head->prev_link = &client->next;
-    client_head = client;
+    tesk_list_insert(&client_head, client);
     if (clients_by_mailbox == nullptr) {
         clients_by_mailbox = g_hash_table_new(nullptr, nullptr);
         subscribers = g_hash_table_new(hash_subscriber, equal_subscribers);
@@ -124,10 +126,9 @@ void tesk_client_remove(tesk_client *client)
         return;
     }
     tesk_mutex_lock(&client_mutex);
-    *client->prev_link = client->next;
-    if (client->next != nullptr)
-        client->next->prev_link = client->prev_link;
+    tesk_list_remove(client);
     g_hash_table_remove(clients_by_mailbox, GUINT_TO_POINTER(client->mbox));
+    /* The array is freed as a whole, so that its subscriptions need not be taken out one by one. */
     for (guint index = 0; index < client->subscriptions->len; index++) {
         const tesk_client_subscription *held = subscription_at(client, index);
         forget_subscriber(find_subscriber(client, held->port_no, held->kind));
@@ -137,7 +138,7 @@ void tesk_client_remove(tesk_client *client)
     tesk_mutex_unlock(&client_mutex);
 }
 
-/* With the mutex held. */
+/* With the mutex held. Before the first client there is no index at all. */
 static tesk_client *find_by_mailbox(uint32_t mbox)
 {
     if (clients_by_mailbox == nullptr)
@@ -192,6 +193,7 @@ void tesk_client_remove_subscription(tesk_client *client, int32_t index)
 
     forget_subscriber(find_subscriber(client, held->port_no, held->kind));
     g_array_remove_index_fast(client->subscriptions, removed);
+    /* What was the last subscription stands here now, and its subscriber must know. */
     if (removed < client->subscriptions->len) {
         held = subscription_at(client, removed);
         find_subscriber(client, held->port_no, held->kind)->index = removed;

@@ -17,6 +17,8 @@ struct tesk_client_subscription {
 };
 static_assert(sizeof(tesk_client_subscription) == 8);
 
+/* One client. A client_id is never given out twice, so that a request that was meant for a client
+   of the past finds nobody. */
 struct tesk_client {
     uint32_t client_id;     /* the server's reference: connection_ref of the client's requests */
     uint32_t conn_ref;      /* the client's reference: connection_ref of all that is sent to it */

@@ -1,3 +1,10 @@
+/* A mailbox has one connection at most, and whether it has one is asked first: a client that is
+   connected already is told so, whatever it offers. The revisions decide next: the client offers a
+   list, and the server takes the one that it speaks, wherever it stands.
+
+   The two sides swap references here. What the client gives as connection_ref comes back to it in
+   all that the server sends, and the client_id of the CFM is what it has to put into the same field
+   of its requests. A rejection bears 0, since no reference has been agreed. */
 #include "tesk_conn_establish.h"
 
 #include "tesk_client_data.h"
@@ -9,7 +16,8 @@
 #include <cstdio>
 #include <cstring>
 
-/* How many entries of protocol_rev the signal really holds, whatever it says. */
+/* How many entries of protocol_rev the signal really holds, whatever it says. The dispatch has seen
+   to it that the part before them is there. */
 static uint32_t held_revisions(const mbx_signal *signal, uint32_t number_of_rev)
 {
     const size_t room = mbx_size(signal) - sizeof(tesk_conn_establish_req);
@@ -100,6 +108,7 @@ void tesk_handle_conn_establish_req(mbx_signal *signal)
     int32_t error_code = 0;
     char error_description[TESK_ERROR_DESCRIPTION_SIZE];
 
+    /* The count must be in host order before anybody can tell where the list ends. */
     tesk_turn(*request);
     const uint32_t revisions = held_revisions(signal, request->number_of_rev);
     for (uint32_t index = 0; index < revisions; index++)
@@ -119,6 +128,8 @@ void tesk_handle_conn_establish_req(mbx_signal *signal)
         tesk_send_conn_establish_rej(sender, request->procedure_ref, error_code, error_description);
         return;
     }
+    /* The monitor stands before the client hears that it is connected: whenever it goes, it is
+       missed. A mailbox that has gone by now is told as dead at once. */
     tesk_trace(TESK_TRACE_COURSE, "Starting monitoring of client %d",
                static_cast<int32_t>(client->client_id));
     client->monitor_ref = mbx_monitor(sender, nullptr);

@@ -1,5 +1,14 @@
-/* Start and stop of the hardware library, and the hardware event thread, which turns the library's
-   events into records of the event queue and decides nothing. */
+/* Start and stop of the hardware library, and the hardware event thread.
+
+   The thread waits in the library, turns each event into a record of the event queue and gives the
+   event back at once. It decides nothing and reads nothing of the hardware: whether a change
+   matters to anybody is for the main thread, which also makes every other call of the library. The
+   two share the handle, written before the thread exists, and the queue.
+
+   The library's shutdown event ends the thread. A wait that fails doesn't, as the library may get
+   over it; it is taken up again after a pause of 5 ms, so that a library that fails for good costs
+   next to nothing, and events that come again are late by no more than that. Once the server stops,
+   though, a failed wait ends the thread too, or the join might never come back. */
 #include "tesk_dolm_ric_internal.h"
 
 #include "tesk_event_queue.h"
@@ -14,7 +23,6 @@
 
 static constexpr char event_thread_name[] = "tesk-s-dolm-e";
 
-/* A library that cannot wait is asked again after this pause, so that its failure costs little. */
 static constexpr struct timespec retry_pause = {.tv_sec = 0, .tv_nsec = 5'000'000};
 
 uintptr_t dolm_ric_handle;
@@ -23,7 +31,8 @@ static bool library_started;
 static bool thread_started;
 static pthread_t event_thread;
 
-/* Set before the library is stopped: from then on a failed wait ends the thread. */
+/* Set before the library is stopped, so that the thread can't miss it on a wait that the stop makes
+   fail. */
 static std::atomic<bool> stopping;
 
 const char *dolm_ric_result_text(int32_t result)
@@ -73,6 +82,8 @@ static void queue_event(tesk_hw_event_type type, uint32_t port_no, uint32_t stat
     tesk_event_queue_put(event);
 }
 
+/* Any state but operational is down to the server: a link that is stopped carries as little as one
+   that fails. */
 static void handle_link_status(const dolm_ric_link_status *link)
 {
     const uint32_t port_no = dolm_ric_port_no(link->id);
@@ -136,6 +147,7 @@ static void *dolm_ric_event_main(void *)
 {
     bool running = true;
 
+    /* Both names serve people who look at the process; the thread works without them. */
     if (prctl(PR_SET_NAME, event_thread_name, 0, 0, 0) != 0)
         tesk_trace(TESK_TRACE_NOTABLE, "Failed to register tesk-s-dolm-e name!");
     zel_register_thread_name(event_thread_name);
@@ -178,6 +190,8 @@ int32_t tesk_dolm_ric_init()
     return 0;
 }
 
+/* A failed start comes here too, so what never began is not ended. The library is stopped first:
+   that is what makes the thread end. */
 void tesk_dolm_ric_shutdown()
 {
     if (library_started) {

@@ -29,7 +29,7 @@ tesk_sfp_presence get_dolm_sfp_presence(uint32_t port_no);
 /* Takes the library's subscription to a port's module changes, and gives the presence as above. */
 tesk_sfp_presence subscribe_sfp_info(uint32_t port_no);
 
-/* 0, or 1 with a trace. */
+/* 0, or 1 with a trace; a port whose subscription couldn't be ended goes on giving events. */
 int32_t unsubscribe_sfp_info(uint32_t port_no);
 int32_t subscribe_port_status(uint32_t port_no);
 int32_t unsubscribe_port_status(uint32_t port_no);

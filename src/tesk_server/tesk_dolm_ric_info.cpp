@@ -1,5 +1,9 @@
 /* The library's subscriptions, and the reads of a port and of its module. Nothing is kept between
-   calls. */
+   calls: a client is always told what the hardware says at that moment, not what an event said.
+
+   A failed read is no failure of the server. get_sfp_info leaves its record as it was, and
+   get_port_info starts from values that say "not read" and stops at the first read that fails, so
+   that a client sees as much of the port as could be told. */
 #include "tesk_dolm_ric_internal.h"
 
 #include "tesk_text.h"
@@ -20,6 +24,8 @@ static void trace_port_failure(const char *unknown_port, const char *failure, ui
                    dolm_ric_result_text(result));
 }
 
+/* A port that isn't started counts as empty here. The event of such a port says that its presence
+   is unknown. */
 static tesk_sfp_presence presence_of_read(int32_t result, uint32_t status)
 {
     if (result == DOLM_RICERR_NODEV)
@@ -33,52 +39,53 @@ static tesk_sfp_presence presence_of_read(int32_t result, uint32_t status)
     return SFP_NOT_PRESENT;
 }
 
-tesk_sfp_presence get_dolm_sfp_presence(uint32_t port_no)
+/* A read of the presence: the operation that gives it, the trace of its answer, which takes the
+   result and the status, and the two texts of a failure. */
+struct presence_read {
+    int32_t (*read)(uintptr_t handle, uint32_t id, dolm_ric_port_status *out);
+    const char *answer;
+    const char *unknown_port;
+    const char *failure;
+};
+
+static tesk_sfp_presence read_presence(uint32_t port_no, const presence_read &its)
 {
     dolm_ric_port_status port = {};
-    const int32_t result = dolm_ric_ri_getportstatus(dolm_ric_handle, dolm_ric_id(port_no), &port);
+    const int32_t result = its.read(dolm_ric_handle, dolm_ric_id(port_no), &port);
 
-    tesk_trace(TESK_TRACE_COURSE,
-               "get_dolm_sfp_presence(): dolm_ric_ri_getportstatus resulted with %d and "
-               "port_status %u",
-               result, port.status);
+    tesk_trace(TESK_TRACE_COURSE, its.answer, result, port.status);
     if (result != DOLM_RICERR_OK)
-        trace_port_failure("ABN: dolm_ric_ri_getportstatus: port %u(dolm_ric_id %u), %d (%s)",
-                           "dolm_ric_ri_getportstatus: port %u(dolm_ric_id %u), %d (%s)", port_no,
-                           result);
+        trace_port_failure(its.unknown_port, its.failure, port_no, result);
     return presence_of_read(result, port.status);
+}
+
+tesk_sfp_presence get_dolm_sfp_presence(uint32_t port_no)
+{
+    static constexpr presence_read its = {
+        .read = dolm_ric_ri_getportstatus,
+        .answer = "get_dolm_sfp_presence(): dolm_ric_ri_getportstatus resulted with %d and "
+                  "port_status %u",
+        .unknown_port = "ABN: dolm_ric_ri_getportstatus: port %u(dolm_ric_id %u), %d (%s)",
+        .failure = "dolm_ric_ri_getportstatus: port %u(dolm_ric_id %u), %d (%s)",
+    };
+
+    return read_presence(port_no, its);
 }
 
 tesk_sfp_presence subscribe_sfp_info(uint32_t port_no)
 {
-    dolm_ric_port_status port = {};
-    const int32_t result = dolm_ric_ri_subsport(dolm_ric_handle, dolm_ric_id(port_no), &port);
+    static constexpr presence_read its = {
+        .read = dolm_ric_ri_subsport,
+        .answer = "subscribe_sfp_info(): dolm_ric_ri_subsport resulted with %d and port_status %u",
+        .unknown_port = "ABN: dolm_ric_ri_portstatus: port %u (dolm_ric_id %u), %d (%s)",
+        .failure = "dolm_ric_ri_portstatus: port %u(dolm_ric_id %u), %d (%s)",
+    };
 
-    tesk_trace(TESK_TRACE_COURSE,
-               "subscribe_sfp_info(): dolm_ric_ri_subsport resulted with %d and port_status %u",
-               result, port.status);
-    if (result != DOLM_RICERR_OK)
-        trace_port_failure("ABN: dolm_ric_ri_portstatus: port %u (dolm_ric_id %u), %d (%s)",
-                           "dolm_ric_ri_portstatus: port %u(dolm_ric_id %u), %d (%s)", port_no,
-                           result);
-    return presence_of_read(result, port.status);
+    return read_presence(port_no, its);
 }
 
-int32_t unsubscribe_sfp_info(uint32_t port_no)
-{
-    const int32_t result = dolm_ric_ri_unsubsport(dolm_ric_handle, dolm_ric_id(port_no));
-
-    if (result != DOLM_RICERR_OK) {
-        trace_port_failure("ABN: dolm_ric_ri_unsubsport: port %u(dolm_ric_id %u), %d (%s)",
-                           "dolm_ric_ri_unsubsport: port %u(dolm_ric_id %u), %d (%s)", port_no,
-                           result);
-        return 1;
-    }
-    tesk_trace(TESK_TRACE_COURSE, "unsubscribe_sfp_info(): successfully unsubscribed from port %u",
-               port_no);
-    return 0;
-}
-
+/* The status that comes with this subscription is only traced: whoever subscribes reads the port as
+   a whole afterwards. */
 int32_t subscribe_port_status(uint32_t port_no)
 {
     dolm_ric_link_status link = {};
@@ -96,19 +103,49 @@ int32_t subscribe_port_status(uint32_t port_no)
     return 0;
 }
 
-int32_t unsubscribe_port_status(uint32_t port_no)
+/* The end of a subscription: the operation, the trace of its success, which takes the port, and the
+   two texts of a failure. */
+struct subscription_end {
+    int32_t (*end)(uintptr_t handle, uint32_t id);
+    const char *success;
+    const char *unknown_port;
+    const char *failure;
+};
+
+static int32_t end_subscription(uint32_t port_no, const subscription_end &its)
 {
-    const int32_t result = dolm_ric_ri_unsubslink(dolm_ric_handle, dolm_ric_id(port_no));
+    const int32_t result = its.end(dolm_ric_handle, dolm_ric_id(port_no));
 
     if (result != DOLM_RICERR_OK) {
-        trace_port_failure("ABN: dolm_ric_ri_unsubslink: port %u(dolm_ric_id %u), %d (%s)",
-                           "dolm_ric_ri_unsubslink: port %u(dolm_ric_id %u), %d (%s)", port_no,
-                           result);
+        trace_port_failure(its.unknown_port, its.failure, port_no, result);
         return 1;
     }
-    tesk_trace(TESK_TRACE_COURSE,
-               "unsubscribe_port_status(): successfully unsubscribed from port %u", port_no);
+    tesk_trace(TESK_TRACE_COURSE, its.success, port_no);
     return 0;
+}
+
+int32_t unsubscribe_sfp_info(uint32_t port_no)
+{
+    static constexpr subscription_end its = {
+        .end = dolm_ric_ri_unsubsport,
+        .success = "unsubscribe_sfp_info(): successfully unsubscribed from port %u",
+        .unknown_port = "ABN: dolm_ric_ri_unsubsport: port %u(dolm_ric_id %u), %d (%s)",
+        .failure = "dolm_ric_ri_unsubsport: port %u(dolm_ric_id %u), %d (%s)",
+    };
+
+    return end_subscription(port_no, its);
+}
+
+int32_t unsubscribe_port_status(uint32_t port_no)
+{
+    static constexpr subscription_end its = {
+        .end = dolm_ric_ri_unsubslink,
+        .success = "unsubscribe_port_status(): successfully unsubscribed from port %u",
+        .unknown_port = "ABN: dolm_ric_ri_unsubslink: port %u(dolm_ric_id %u), %d (%s)",
+        .failure = "dolm_ric_ri_unsubslink: port %u(dolm_ric_id %u), %d (%s)",
+    };
+
+    return end_subscription(port_no, its);
 }
 
 uint32_t sfp_connector_to_type(uint8_t connector)
@@ -136,6 +173,8 @@ static uint32_t sfp_eth_speed_to_speed(uint32_t eth_speed)
     }
 }
 
+/* The codes are single bits of which the library gives one; those that aren't listed have no speed
+   in the protocol. */
 static uint32_t link_speed_to_tenth_gbps(uint32_t speed)
 {
     static constexpr struct {
@@ -161,6 +200,7 @@ struct module_texts {
     char rdh[sizeof(dolm_sfp_info::sfp_morvaine_rdh) + 1];
 };
 
+/* Seven texts are copied before anything is traced, so the group is asked once for all of it. */
 void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
 {
     if (!tesk_trace_enabled(TESK_TRACE_COURSE))
@@ -175,6 +215,8 @@ void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
     tesk_copy_bounded(texts.date_code, sfp->sfp_date_code);
     tesk_copy_bounded(texts.rdh, sfp->sfp_morvaine_rdh);
 
+    /* What the numbers below mean goes with them, so that a trace can be read without the library's
+       documents at hand. */
     tesk_trace(TESK_TRACE_COURSE,
                "Values for sfp_connector: DOLM_SFP_CONNECTOR_UNSPEC = 0x0, DOLM_SFP_CONNECTOR_LC "
                "= 0x1, DOLM_SFP_CONNECTOR_RJ45 = 0x2, DOLM_SFP_CONNECTOR_OTHER = 0xff");
@@ -212,6 +254,8 @@ static void fill_sfp_info(const dolm_sfp_info *sfp, tesk_sfp_info *info)
     trace_module_identity(sfp, "");
     info->type = sfp_connector_to_type(sfp->sfp_connector);
     info->sfp_speed = sfp_eth_speed_to_speed(sfp->sfp_eth_speed);
+    /* Only an optical module is asked whether it is one of ours. What others hold in the place of
+       the text goes to the client as it is. */
     if (info->type == TESK_SFP_OPTICAL && sfp->sfp_morvaine != DOLM_SFP_MORVAINE_MONI)
         tesk_copy_text(info->sfp_morvaine_rdh, "Non-Morvaine");
     else
@@ -226,6 +270,8 @@ static void fill_sfp_info(const dolm_sfp_info *sfp, tesk_sfp_info *info)
 
 tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_info *info)
 {
+    /* A module that isn't ready has nothing to say yet, and a presence that nobody knows can only
+       be found out by reading. */
     if (presence != SFP_PRESENT_AND_READY && presence != SFP_UNKNOWN)
         return SFP_NOT_PRESENT;
 
@@ -245,6 +291,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
         return SFP_UNKNOWN;
     }
 
+    /* Whatever is in the port and is no SFP module goes as an electrical one without texts. */
     if (module.mode_type != DOLM_RIC_MODE_SFP) {
         info->type = TESK_SFP_ELECTRICAL;
         tesk_trace(TESK_TRACE_NOTABLE,
@@ -252,11 +299,18 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
                    module.mode_type);
         return SFP_PRESENT_AND_READY;
     }
-    fill_sfp_info(&module.sfp, info);
+
+    /* Without memory for the copy the process ends before anything of the module is traced. */
+    auto *sfp = static_cast<dolm_sfp_info *>(alloc_or_abort(sizeof(dolm_sfp_info)));
+    *sfp = module.sfp;
+    fill_sfp_info(sfp, info);
+    free(sfp);
     return SFP_PRESENT_AND_READY;
 }
 
-/* Signed and unsigned measurements alike fit the wide type, so one comparison serves both. */
+/* Signed and unsigned measurements alike fit the wide type, so one comparison serves both. A value
+   on a threshold counts as beyond it. The order of the tests decides where a module's thresholds
+   coincide, as the zeros of one that has none do. */
 static uint32_t fault_level(int64_t value, int64_t low_warn, int64_t high_warn, int64_t low_alarm,
                             int64_t high_alarm)
 {
@@ -298,6 +352,8 @@ static void fill_fault_levels(const dolm_ric_module_diag *diag, tesk_port_info *
                    info->port_no, id, dolm_ric_result_text(result));
         return;
     }
+    /* Two readers, two readings of this word: here it is the value 2 that counts, and for the PM
+       counters it is the bit 0x01. */
     info->env_status = module.status == 2 ? TESK_ENV_RAISED : TESK_ENV_OTHER;
 }
 
@@ -314,6 +370,8 @@ static bool read_link(uint32_t port_no, tesk_port_info *info)
                    port_no, id, dolm_ric_result_text(result));
         return false;
     }
+    /* A link that is stopped is told as one that doesn't work: the protocol's value for stopped is
+       never used. */
     if (link.state == DOLM_RICRILINKSTATE_OPERATIONAL)
         info->conn_status = TESK_CONN_OPERATIONAL;
     tesk_trace(TESK_TRACE_COURSE, "get_port_info(): port_no=%u, conn_status=%u", port_no,

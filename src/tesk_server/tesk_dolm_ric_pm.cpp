@@ -1,4 +1,9 @@
-/* The read of a port's measured values, in the units of the protocol. */
+/* The read of a port's measured values, in the units of the protocol.
+
+   The identity comes first, since a port without a readable module has no values at all, and its
+   failure is what the client is told. Diagnostics are what many modules lack: their absence leaves
+   the values out, and the rest of the answer stands. The three reads are made one after the other
+   and need not show the same instant. */
 #include "tesk_dolm_ric_internal.h"
 
 /* Integer arithmetic only. The added half may wrap at the width of its type, which is meant: there
@@ -79,7 +84,8 @@ static void fill_pm_sfp_diag(tesk_pm_counters *counters, const dolm_ric_module_d
     }
 }
 
-/* The bit that says that the status word counts as a loss of signal. */
+/* The bit that says that the status word counts as a loss of signal. The client then gets the whole
+   word. */
 static constexpr uint32_t loss_of_signal_bit = 0x01;
 
 static int32_t read_loss_of_signal(uint32_t id, tesk_pm_counters *counters)
@@ -135,6 +141,8 @@ int32_t read_pm_counters(tesk_pm_counters *counters)
     if (result != DOLM_RICERR_OK)
         return result;
 
+    /* The module has been read for its connector alone; whether it is an SFP is for the diagnostics
+       to say. */
     trace_module_identity(&module.sfp, ", ");
     counters->pm_sfp_type = sfp_connector_to_type(module.sfp.sfp_connector);
     return DOLM_RICERR_OK;

@@ -1,3 +1,9 @@
+/* The mutex guards the list head and the eventfd's read and write together. The counter is
+   therefore never 0 while the list isn't empty, and the blocking read returns at once.
+
+   Events come out newest first, and nothing turns them round: of two that waited together the older
+   one is handled last, and the state that it bears is the one that the server keeps until the
+   port's next event. */
 #include "tesk_event_queue.h"
 
 #include "tesk_mutex.h"
@@ -9,8 +15,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-/* The mutex guards the list head and the eventfd's read and write together. The counter is
-   therefore never 0 while the list isn't empty, and the blocking read returns at once. */
 static pthread_mutex_t queue_mutex = PTHREAD_MUTEX_INITIALIZER;
 static tesk_hw_event *queue_head;
 static int queue_fd = -1;
@@ -50,6 +54,7 @@ tesk_hw_event *tesk_event_queue_take_all()
     tesk_mutex_lock(&queue_mutex);
     tesk_hw_event *events = queue_head;
     queue_head = nullptr;
+    /* One read takes back all wakes, however many events they stood for. */
     if (read(queue_fd, &count, sizeof(count)) < 0)
         tesk_trace(TESK_TRACE_ERROR, "read: %u (%s)", static_cast<unsigned>(errno),
                    strerror(errno));

@@ -1,6 +1,6 @@
 /* tesk_event_queue - carries hardware events from the hardware event thread to the main thread: a
    stack under a mutex, paired with an eventfd that the main loop waits on. It has no bound but
-   memory. */
+   memory: a bound would mean to lose events, and each is small. */
 #pragma once
 
 #include <cstdint>

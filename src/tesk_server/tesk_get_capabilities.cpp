@@ -1,3 +1,7 @@
+/* The list is a constant of the server: the answer touches neither the hardware nor any state, and
+   nothing in the server depends on the numbers. The procedure has no rejection, so a request that
+   matches no client ends in silence, as all such requests do. Unlike a subscription this one leaves
+   the client's procedure_ref alone. */
 #include "tesk_get_capabilities.h"
 
 #include "tesk_client_data.h"
@@ -17,6 +21,7 @@ static void tesk_send_get_capabilities_cfm(uint32_t mbox, uint32_t procedure_ref
         sizeof(tesk_get_capabilities_cfm) + sizeof(tesk_capability) * (number_of_capabilities - 1);
     mbx_signal *signal = mbx_alloc(size, TESK_GET_CAPABILITIES_CFM);
     auto *cfm = reinterpret_cast<tesk_get_capabilities_cfm *>(signal);
+    /* The record declares the first entry only; through a pointer the others can be reached. */
     tesk_capability *entries = cfm->capabilities;
 
     cfm->procedure_ref = procedure_ref;

@@ -1,3 +1,9 @@
+/* One snapshot for one request. Nothing of it is stored, and the request changes nothing about the
+   client, not even its procedure_ref: there is no indication that could bear it.
+
+   All is read before anything is answered, so a read that fails half-way gives a rejection with the
+   library's own reason, and never a CFM with half of the values. Values that the module doesn't
+   have are no failure: the CFM says which of them it holds. */
 #include "tesk_get_pm_counters.h"
 
 #include "tesk_dolm_ric.h"
@@ -15,6 +21,8 @@ static void tesk_send_get_pm_counters_cfm(uint32_t mbox, uint32_t procedure_ref,
     cfm->procedure_ref = procedure_ref;
     cfm->connection_ref = connection_ref;
     cfm->counters = *counters;
+    /* The text is known to readers of traces as it stands, the missing blank before
+       has_pm_sfp_tx_power included. */
     tesk_trace_sent(
         TESK_GET_PM_COUNTERS_CFM, mbox,
         "Sent signal TESK_GET_PM_COUNTERS_CFM: procedure_ref: %u, connection_ref: %u, mbox: 0x%x, "
@@ -55,6 +63,7 @@ static void tesk_pm_set_error(int32_t result, int32_t *error_code,
 static constexpr tesk_port_procedure procedure = {
     .received = "Received TESK_GET_PM_COUNTERS_REQ:sender:0x%x, procedure_ref: %u, "
                 "connection_ref: %u, port: %u",
+    /* Alone among the procedures: a stranger's request shows in the traces of received signals. */
     .unknown_group = TESK_TRACE_RECEIVED,
     .unknown = "Unknown sender, ignoring TESK_GET_PM_COUNTERS_REQ",
     .send_rej = tesk_send_get_pm_counters_rej,
@@ -62,6 +71,7 @@ static constexpr tesk_port_procedure procedure = {
 
 void tesk_handle_get_pm_counters_req(mbx_signal *signal)
 {
+    /* Frame losses and bit errors have no source in the hardware: their words stay zero. */
     tesk_pm_counters counters = {};
     tesk_port_request request;
 

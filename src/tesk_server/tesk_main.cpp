@@ -1,6 +1,11 @@
 /* One epoll loop over two level-triggered sources: the mailbox and the event queue. A signal or a
    queued event is handled to its end before the next one is looked at.
 
+   The order of the start is one of dependence: whoever is started finds what it uses, the signal
+   handler a mailbox and the hardware event thread a queue. The end goes the other way, but for the
+   clients, who go first. An end also follows a start that failed, and cannot know how far that
+   came, so each step of it is harmless where nothing was begun.
+
    The stop is a signal too. SIGTERM or SIGINT makes the handler send TESK_EXIT_SIGNAL to the
    server's own mailbox, and the dispatch ends the loop when the sender is that mailbox: nobody else
    can. */
@@ -109,6 +114,8 @@ int tesk_handle_mailbox()
 {
     stop_requested = false;
 
+    /* Doesn't wait, as the mailbox was found ready. Further signals keep it ready for the next
+       pass, so that hardware events get their turn between them. */
     mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
     if (!tesk_shell_client_handle(signal))
         tesk_dispatch(signal);
@@ -130,16 +137,19 @@ static void tesk_handle_port_state_event(uint32_t port_no, uint32_t port_state)
 
 static void tesk_handle_sfp_event(uint32_t port_no, uint32_t sfp_presence)
 {
+    /* Stored first: what the two sides do next already stands on the new presence. */
     if (!tesk_portsub_update_sfp_presence(port_no, sfp_presence)) {
         tesk_trace(TESK_TRACE_COURSE, "No need to handle this SFP event, no change for port %u",
                    port_no);
         return;
     }
+    /* Who follows both hears which module it is before it hears how the port does with it. */
     tesk_handle_sfp_presence_change(port_no, sfp_presence);
     tesk_handle_port_status_sfp_presence_change(port_no, sfp_presence);
 }
 
-/* An event of a port without a subscriber of its kind is dropped in silence. */
+/* An event of a port without a subscriber of its kind is dropped in silence: one may have been
+   under way when the last of them left. */
 static void handle_hw_event(const tesk_hw_event *event)
 {
     switch (event->type) {
@@ -161,6 +171,7 @@ void tesk_handle_queued_events()
 {
     tesk_hw_event *event = tesk_event_queue_take_all();
 
+    /* In the order of the queue, newest first. */
     while (event != nullptr) {
         tesk_hw_event *next = event->next;
         handle_hw_event(event);
@@ -206,6 +217,8 @@ static void tesk_signal_handler(int signal_number)
     errno = saved_errno;
 }
 
+/* At the start this comes before any library has started a thread, and threads inherit it: none of
+   theirs takes a stop signal while there is no mailbox to send to. */
 static void tesk_block_all_signals()
 {
     sigset_t all;
@@ -232,6 +245,7 @@ static void tesk_setup_signal_handling()
     pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
 }
 
+/* For the time before there are traces. */
 static int init_failure(const char *line)
 {
     fwrite(line, 1, strlen(line), stderr);
@@ -243,11 +257,13 @@ int tesk_server_init()
     tesk_block_all_signals();
     if (mbx_init(5, 0, 0, 0, 0) != 0)
         return init_failure("Unable to initialize MBX!\n");
+    /* Both results mean that the library can be used. */
     const int zel_result = zel_init();
     if (zel_result != 0 && zel_result != 4)
         return init_failure("Unable to initialize ZEL!\n");
     zel_register_thread_name("tesk-server");
 
+    /* Until the mailbox is there the stop signals wait: their handler sends to it. */
     own_mailbox = mbx_create_mailbox(TESK_SERVER_NAME, 0);
     if (own_mailbox == MBX_NO_MAILBOX) {
         tesk_trace(TESK_TRACE_ERROR, "Unable to create TESK-server mailbox!");
@@ -262,6 +278,8 @@ int tesk_server_init()
     }
     result = tesk_dolm_ric_init();
     if (result != 0) {
+        /* The text is known to readers of traces as it stands, whichever of the two has failed;
+           what it was has been traced by then. */
         tesk_trace(TESK_TRACE_ERROR, "pthread_create: %d (%s)", result, strerror(result));
         return TESK_FAILURE;
     }
@@ -275,6 +293,8 @@ int tesk_server_init()
 
 void tesk_server_shutdown()
 {
+    /* Nobody is told, and no subscription is given back one by one: the hardware library forgets
+       them all when it stops. */
     while (tesk_client *client = tesk_client_first()) {
         mbx_unmonitor(client->monitor_ref);
         tesk_client_remove(client);
@@ -283,6 +303,7 @@ void tesk_server_shutdown()
     tesk_portsub_shutdown();
     tesk_cache_shutdown();
     tmo_service_stop();
+    /* The thread fills the queue until it is joined. */
     tesk_dolm_ric_shutdown();
     tesk_event_queue_shutdown();
     /* From here on the signal handler has no mailbox to send to. */
@@ -313,6 +334,7 @@ static void run_loop(int epoll_fd)
 
     for (;;) {
         const int count = epoll_wait(epoll_fd, events, number_of_sources, -1);
+        /* After the stop the other source of the same pass isn't looked at. */
         for (int index = 0; index < count; index++)
             if (tesk_handle_epoll_event(events[index]) == 1)
                 return;

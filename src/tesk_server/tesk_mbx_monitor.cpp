@@ -1,3 +1,9 @@
+/* A client that dies gives up what it holds as if it had unsubscribed from all of it, but for the
+   history and the answers: nobody is there to be told. The last subscriber of a port thus gives the
+   hardware subscription back however it leaves.
+
+   A refusal of the hardware doesn't hold the clean-up: the client has gone, whatever its ports say.
+ */
 #include "tesk_mbx_monitor.h"
 
 #include "tesk_client_data.h"
@@ -39,6 +45,8 @@ void tesk_handle_client_lost(mbx_signal *signal)
     if (client == nullptr)
         return;
 
+    /* The monitor has done its work and isn't ended: there is nothing left of it. The subscriptions
+       go with the client below, so that the walk sees them stand still. */
     for (guint index = 0; index < client->subscriptions->len; index++)
         give_up(client, &g_array_index(client->subscriptions, tesk_client_subscription, index));
     tesk_trace(TESK_TRACE_COURSE, "Removing clients data: %d",

@@ -1,3 +1,10 @@
+/* The beginning and the end of five procedures. The order of a request is the same in all of them:
+   turned, traced, its client found, its port looked at. Turned before it is traced, so that the
+   trace shows numbers that people know; its client found before anything is answered, since an
+   answer needs the client's own reference, and a stranger gets none.
+
+   Whether the port is in range is a step of its own: an unsubscription doesn't ask it, as a port
+   out of range can't have been subscribed to and is told so. */
 #include "tesk_port_request.h"
 
 #include "tesk_signals.h"
@@ -7,6 +14,7 @@
 bool tesk_port_request_read(const tesk_port_procedure *procedure, mbx_signal *signal,
                             tesk_port_request *request)
 {
+    /* The dispatch has seen to it that the signal is as long as this record. */
     auto *record = reinterpret_cast<tesk_port_signal *>(signal);
     const uint32_t sender = mbx_sender(signal);
 
@@ -16,6 +24,7 @@ bool tesk_port_request_read(const tesk_port_procedure *procedure, mbx_signal *si
 
     tesk_client *client = tesk_client_find(record->connection_ref, sender);
     if (client == nullptr) {
+        /* What goes into the group of received signals goes with the signal. */
         if (procedure->unknown_group == TESK_TRACE_RECEIVED)
             tesk_trace_received(signal, "%s", procedure->unknown);
         else
@@ -50,6 +59,7 @@ void tesk_send_port_cfm(uint32_t number, const char *name, uint32_t mbox, uint32
     cfm->procedure_ref = procedure_ref;
     cfm->connection_ref = conn_ref;
     cfm->port_no = port_no;
+    /* Still in host order, as people read it. */
     tesk_trace_sent(number, mbox,
                     "Sent signal %s:procedure_ref: %u, connection_ref: %u, mbox: 0x%x, port_no: %u",
                     name, cfm->procedure_ref, cfm->connection_ref, mbox, cfm->port_no);

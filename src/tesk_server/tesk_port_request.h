@@ -16,7 +16,9 @@ struct tesk_port_procedure {
                      const char *error_description, uint32_t port_no);
 };
 
-/* A request that has been matched to its client. */
+/* A request that has been matched to its client. Answers go to the mailbox that sent it, with its
+   procedure_ref and the client's conn_ref: the connection_ref of the request is the server's own
+   reference and means nothing to the client. */
 struct tesk_port_request {
     const tesk_port_procedure *procedure;
     tesk_client *client;

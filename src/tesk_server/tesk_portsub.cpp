@@ -1,3 +1,17 @@
+/* Two tables, one for each kind of subscription, with one record for each port that has
+   subscribers. An index by port stands beside each table, since every hardware event asks for its
+   port's record, and most ports have none.
+
+   A record stands for the hardware subscription of its port and kind: it is made when the library
+   has accepted that, and goes when the library has taken it back. So a refusal is answered by
+   putting everything back to where it was: no subscription without a record that will end it one
+   day, and no record whose events have stopped coming.
+
+   Both records of a port hold the presence of its module. It answers get_sfp_presence without a
+   hardware call and tells a new presence from a repeated one. An update writes both. They part only
+   where a first SFP info subscriber joins a port whose port status record has missed the module's
+   changes, as SFP events come with the subscription to SFP info alone; the next one of them brings
+   the two together again. */
 #include "tesk_portsub.h"
 
 #include "leaky_bucket.h"
@@ -6,11 +20,8 @@
 
 #include <glib.h>
 
-/* The two presence fields of a port answer get_sfp_presence without a hardware call and tell a new
-   presence from a repeated one. An update writes both. They part only where a first SFP info
-   subscriber joins a port whose port status record has missed the module's changes; the next SFP
-   event brings them together again. */
-
+/* Five changes to down with no tick between them fill a bucket, and the third one reaches the level
+   from which on changes are held back. */
 static constexpr int32_t bucket_size = 100;
 static constexpr int32_t bucket_filter_level = 50;
 
@@ -33,14 +44,13 @@ static GArray *sfp_info_table;
 
 /* Where a port's record stands in its table, plus 1; 0 without one. A port that nobody subscribes
    to costs nothing: its page is never touched. */
-static constexpr uint32_t number_of_ports = 65536;
-using port_index = uint32_t[number_of_ports];
+using port_index = uint32_t[TESK_NUMBER_OF_PORTS];
 static port_index port_status_index;
 static port_index sfp_info_index;
 
 static int32_t find_index(const port_index &index, uint32_t port_no)
 {
-    return port_no < number_of_ports ? static_cast<int32_t>(index[port_no]) - 1 : -1;
+    return port_no < TESK_NUMBER_OF_PORTS ? static_cast<int32_t>(index[port_no]) - 1 : -1;
 }
 
 static tesk_portsub_port_status *find_port_status(uint32_t port_no)
@@ -65,7 +75,8 @@ static void append_record(GArray *table, port_index &index, const record_type &r
     index[record.port_no] = table->len;
 }
 
-/* The last record takes the removed one's place. */
+/* The last record takes the removed one's place. Where they are one and the same, its index is
+   written and then cleared: the order of the last two lines matters. */
 template <typename record_type>
 static void remove_record(GArray *table, port_index &index, uint32_t port_no)
 {
@@ -77,6 +88,7 @@ static void remove_record(GArray *table, port_index &index, uint32_t port_no)
     index[port_no] = 0;
 }
 
+/* The index is cleared port by port: to clear it as a whole would touch all its pages. */
 template <typename record_type>
 static void free_table(GArray **table, port_index &index)
 {
@@ -102,6 +114,15 @@ static bool count_down(record_type *record, uint32_t port_no, int32_t *result)
     return --record->subscribers == 0;
 }
 
+/* The library keeps the subscription, so its record stays, with the subscriber that it had;
+   `format` takes the port, the result and the result's text. */
+template <typename record_type>
+static void keep_record(record_type *record, const char *format, int32_t result)
+{
+    tesk_trace(TESK_TRACE_ERROR, format, record->port_no, result, dolm_ric_result_text(result));
+    record->subscribers++;
+}
+
 static int32_t add_bucket(uint32_t port_no)
 {
     const int32_t bucket_id = leaky_bucket_add(bucket_size, bucket_filter_level);
@@ -112,7 +133,8 @@ static int32_t add_bucket(uint32_t port_no)
     return bucket_id;
 }
 
-/* The presence from memory, or else from the hardware. */
+/* The presence from memory, or else from the hardware. A good answer of the hardware is stored: the
+   port's SFP info record, if there is one, has just said that it doesn't know. */
 static tesk_sfp_presence tesk_portsub_resolve_sfp_presence(uint32_t port_no)
 {
     tesk_sfp_presence presence = get_sfp_presence(port_no);
@@ -154,6 +176,7 @@ int32_t tesk_portsub_add_sfp_info(uint32_t port_no)
         record->subscribers++;
         return 0;
     }
+    /* The presence comes with the subscription, so that no change falls between the two. */
     const tesk_sfp_presence presence = subscribe_sfp_info(port_no);
     if (presence == UNSUPPORTED_PORT || presence == SFP_UNKNOWN)
         return TESK_FAILURE;
@@ -178,11 +201,13 @@ int32_t tesk_portsub_add_port_status(uint32_t port_no)
         return TESK_FAILURE;
     const int32_t bucket_id = add_bucket(port_no);
     if (bucket_id == -1) {
+        /* No record will speak for the subscription that has just been taken. */
         unsubscribe_port_status(port_no);
         return TESK_FAILURE;
     }
     /* The new record is not in the table yet: only the port's SFP info record can answer from
-       memory. */
+       memory. That nobody can tell the presence does not stop the subscription, which is about the
+       link. The port's state stays unknown here until the first read of the port sets it. */
     const tesk_sfp_presence presence = tesk_portsub_resolve_sfp_presence(port_no);
     const tesk_portsub_port_status added = {.port_no = port_no,
                                             .subscribers = 1,
@@ -205,9 +230,7 @@ int32_t tesk_portsub_remove_sfp_info(uint32_t port_no)
         return result;
     result = unsubscribe_sfp_info(port_no);
     if (result != 0) {
-        tesk_trace(TESK_TRACE_ERROR, "dolm_unsubsport: port%u, %d (%s)", port_no, result,
-                   dolm_ric_result_text(result));
-        record->subscribers++;
+        keep_record(record, "dolm_unsubsport: port%u, %d (%s)", result);
         return TESK_FAILURE;
     }
     remove_record<tesk_portsub_sfp_info>(sfp_info_table, sfp_info_index, port_no);
@@ -224,10 +247,9 @@ int32_t tesk_portsub_remove_port_status(uint32_t port_no)
     leaky_bucket_remove(record->bucket_id);
     result = unsubscribe_port_status(port_no);
     if (result != 0) {
-        tesk_trace(TESK_TRACE_ERROR, "dolm_unsubslink: port%u, %d (%s)", port_no, result,
-                   dolm_ric_result_text(result));
-        record->subscribers++;
-        /* The record stays, and a record without a live bucket would lose its port's events. */
+        keep_record(record, "dolm_unsubslink: port%u, %d (%s)", result);
+        /* The bucket has gone already. A record whose bucket can't be found loses all changes of
+           its port in silence, so it gets a fresh one, and the filter starts from empty. */
         record->bucket_id = add_bucket(port_no);
         return TESK_FAILURE;
     }
@@ -269,6 +291,8 @@ tesk_sfp_presence get_sfp_presence(uint32_t port_no)
         tesk_trace(TESK_TRACE_COURSE, "SFP info subscription contains sfp presence %s",
                    tesk_sfp_presence_str(sfp_info->sfp_presence));
 
+    /* Where the two differ, nothing here says which of them is right. The callers ask
+       the hardware on an unknown presence, which settles it. */
     if (port_status != nullptr && sfp_info != nullptr &&
         port_status->sfp_presence != sfp_info->sfp_presence) {
         tesk_trace(TESK_TRACE_ERROR,

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-/* Makes the two tables. */
+/* Makes the two tables. Nothing is added before. */
 void tesk_portsub_init();
 
 /* Frees the tables, and touches neither hardware subscriptions nor buckets. */
@@ -40,6 +40,6 @@ tesk_sfp_presence get_sfp_presence(uint32_t port_no);
 /* Stores a port state. Whether it differs from the one before. */
 bool tesk_portsub_update_port_state(uint32_t port_no, uint32_t new_state);
 
-/* The name of a value, for traces. */
+/* The constant's own name, for traces; never null, whatever the value is. */
 const char *tesk_port_state_str(uint32_t state);
 const char *tesk_sfp_presence_str(uint32_t presence);

@@ -1,3 +1,10 @@
+/* A protocol of its own for a diagnostic tool on the same board: any mailbox may ask, nothing is
+   turned to network order, there is no rejection, and no trace shows its signals. It is looked for
+   before the dispatch, which knows nothing of it.
+
+   The three answers have one frame and differ in type, record, mapping and failure text. The
+   enumerations of the shell protocol are its own: they are mapped, not copied, so that the server's
+   own values can change without a change of the tool. */
 #include "tesk_shell_client.h"
 
 #include "tesk_cache.h"
@@ -6,9 +13,7 @@
 
 #include <cstdlib>
 
-/* The three answers have one frame and differ in type, record, mapping and failure text. The
-   enumerations of the shell protocol are its own: they are mapped, not copied. */
-
+/* Behind the records, with no meaning; readers of the protocol count on them. */
 static constexpr size_t trailing_bytes = 4;
 
 static uint32_t shell_port_state(uint32_t state)
@@ -23,6 +28,7 @@ static uint32_t shell_port_state(uint32_t state)
     }
 }
 
+/* The same numbers for what is known today, and unknown for whatever else there may be one day. */
 static uint32_t shell_sfp_presence(uint32_t presence)
 {
     return presence <= UNSUPPORTED_PORT ? presence : uint32_t{SFP_UNKNOWN};

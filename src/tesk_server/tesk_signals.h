@@ -89,7 +89,9 @@ enum tesk_env_status : uint32_t {
     TESK_ENV_NOT_READ = 5,
 };
 
-/* What every client signal starts with. */
+/* What every client signal starts with. The records below name these three words once more instead
+   of holding them as a member or a base: so their fields are all at hand by one name, and a record
+   stays plain, with offsets that the compiler may be asked about. */
 struct tesk_header {
     uint32_t number;
     uint32_t procedure_ref;
@@ -171,7 +173,9 @@ struct tesk_port_rej {
 static_assert(sizeof(tesk_port_rej) == 276);
 static_assert(offsetof(tesk_port_rej, error_description) == 20);
 
-/* What a read of a module yields, as TESK_SFP_INFO_IND carries it. */
+/* What a read of a module yields, as TESK_SFP_INFO_IND carries it: a read fills it as it will lie
+   in the signal, so that it is copied in one piece. The widths of the texts count a zero at the end
+   and leave the words behind them aligned only with the two reserved bytes. */
 struct tesk_sfp_info {
     uint32_t port_no;
     uint32_t type; /* tesk_sfp_type */
@@ -233,7 +237,8 @@ static_assert(sizeof(tesk_port_status_ind) == 96);
 static_assert(offsetof(tesk_port_status_ind, info.link_speed) == 24);
 static_assert(offsetof(tesk_port_status_ind, info.env_status) == 60);
 
-/* One snapshot of a port's measured values. A value without its has_ flag is 0. */
+/* One snapshot of a port's measured values. A value without its has_ flag is 0, which may also be a
+   measured value: the flag alone tells. */
 struct tesk_pm_counters {
     uint32_t port_no;
     uint32_t pm_sfp_type; /* tesk_sfp_type */

@@ -1,8 +1,16 @@
-/* The filter. Each change to down pours 20 into the port's bucket, and each tick takes 10 out. At
-   or above the bucket's filter level changes are recorded but not told; when the level falls below
-   it, the subscribers get the status of that moment. One chain of ticks a bucket: it starts at a
-   change to down that finds the bucket empty, and ends with the level at 0 or when the bucket is
-   gone. */
+/* A port that flaps would flood its subscribers, so what is told of its changes passes a filter.
+   Each change to down pours 20 into the port's bucket, and each tick takes 10 out. At or above the
+   bucket's filter level changes are recorded but not told; when the level falls below it, the
+   subscribers get the status of that moment. One chain of ticks a bucket: it starts at a change to
+   down that finds the bucket empty, and ends with the level at 0 or when the bucket is gone.
+   Nothing counts what was held back: what a port did in between is not told, only what it has come
+   to.
+
+   The state that a port is known by changes with every event, also with one that is held back, for
+   the next event is compared with it. Only a change is poured: a repeated state says nothing new.
+
+   What goes out is what the port says when it is read, once for all subscribers, and not what the
+   event said; on a port that changes fast the two differ. */
 #include "tesk_subscribe_port_status.h"
 
 #include "leaky_bucket.h"
@@ -18,9 +26,10 @@
 #include <cstdio>
 #include <cstring>
 
+/* The levels are multiples of a tick, so that a drain ends on 0 exactly. */
 static constexpr int32_t level_per_down = 20;
 static constexpr int32_t level_per_tick = -10;
-static constexpr uint32_t tick_interval = 10;
+static constexpr uint32_t tick_interval = 10; /* in the timer service's units */
 
 static const char *tesk_conn_status_str(uint32_t status)
 {
@@ -36,6 +45,7 @@ static const char *tesk_conn_status_str(uint32_t status)
     }
 }
 
+/* For the trace alone: the signal bears the number. */
 struct link_speed_text {
     char text[20];
 };
@@ -134,7 +144,8 @@ static void tesk_send_port_status_ind_to_subscribers(uint32_t port_no, const tes
     }
 }
 
-/* Tells the subscribers the status of this moment. */
+/* Tells the subscribers the status of this moment. The filter isn't asked: it opens, or the change
+   is one that passes it by. */
 static void send_present_status(uint32_t port_no)
 {
     tesk_port_info info;
@@ -143,6 +154,8 @@ static void send_present_status(uint32_t port_no)
     tesk_send_port_status_ind_to_subscribers(port_no, &info);
 }
 
+/* Arms one tick. Nothing cancels it: when the bucket has gone by then, it finds none and ends the
+   chain. */
 static void tesk_port_status_start_filter_timer(uint32_t bucket_id, uint32_t port_no)
 {
     mbx_signal *signal =
@@ -184,7 +197,9 @@ void tesk_handle_subscribe_port_status_req(mbx_signal *signal)
     const tesk_client *client = request.client;
     tesk_subscribe_confirm(&procedure, &request);
 
-    /* What is told first is also what later events are compared with. */
+    /* What is told first is also what later events are compared with. That holds for every client,
+       not only for the first on a port: if the port has changed unseen, the event of that change
+       finds nothing new, and the others hear of it at the next one. */
     get_port_info(request.port_no, &info);
     tesk_portsub_update_port_state(
         request.port_no, info.conn_status == TESK_CONN_OPERATIONAL ? PORTSTATE_UP : PORTSTATE_DOWN);
@@ -200,6 +215,8 @@ void tesk_handle_port_status_filter_timeout(mbx_signal *signal)
 
     if (bucket == nullptr)
         return;
+    /* The filter opens where this tick takes the level below it. That is told even if nothing has
+       been held back, as nobody has kept count. */
     const leaky_bucket_state before = leaky_bucket_get_state(id);
     const leaky_bucket_state after = leaky_bucket_update(id, level_per_tick);
     if (before == LEAKY_BUCKET_LEVEL_REACHED && after == LEAKY_BUCKET_BELOW_LEVEL)
@@ -210,7 +227,9 @@ void tesk_handle_port_status_filter_timeout(mbx_signal *signal)
         bucket->level = 0;
 }
 
-/* Pours a change into the bucket and gives the state after it. */
+/* Pours a change into the bucket and gives the state after it. A change to up pours nothing: a flap
+   has one change to down for each to up, and counting one of the two is enough. A bucket that is
+   not empty has a tick on its way already, and a second one would drain it twice as fast. */
 static leaky_bucket_state pour(const leaky_bucket_data *bucket, uint32_t port_no,
                                uint32_t new_state)
 {
@@ -236,6 +255,7 @@ static bool is_told(leaky_bucket_state before, leaky_bucket_state after, uint32_
         tesk_trace(TESK_TRACE_BUCKET, "Leaky bucket level reached, indication not send");
         return false;
     default:
+        /* A state that can't be is no reason to keep a change from anybody. */
         tesk_trace(TESK_TRACE_ERROR, "Unexpected leaky bucket state, state=%u", after);
         return true;
     }
@@ -245,6 +265,8 @@ void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state)
 {
     tesk_port_info info;
 
+    /* Read before anything is decided: the history holds the fault levels of a change that is held
+       back, too. */
     get_port_info(port_no, &info);
     const int32_t bucket_id = tesk_portsub_get_bucket_id(port_no);
     if (bucket_id == 0) {
@@ -258,10 +280,13 @@ void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state)
             tesk_port_status_cache_change(port_no, bucket->level, new_state, &info);
         return;
     }
+    /* A record whose bucket could not be made. Without a filter its changes are not told. */
     if (bucket == nullptr)
         return;
 
     const leaky_bucket_state before = leaky_bucket_get_state(bucket_id);
+    /* Events of any other state have been sorted out before; here it would be stored, but not told.
+     */
     if (new_state != PORTSTATE_UP && new_state != PORTSTATE_DOWN) {
         tesk_trace(TESK_TRACE_ERROR, "Unknown port state");
         return;
@@ -274,6 +299,7 @@ void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state)
 
 void tesk_handle_port_status_sfp_presence_change(uint32_t port_no, uint32_t presence)
 {
+    /* As on the side of SFP info: a module that is on its way is not told yet. */
     if (presence == SFP_PRESENT_NOT_READY)
         return;
     tesk_trace(TESK_TRACE_COURSE, "Handling port status sfp presence change on port %u", port_no);

@@ -1,4 +1,10 @@
-/* The module is read before the CFM, since that read can still find that there is no such port. */
+/* The module is read before the CFM, since that read can still find that there is no such port. By
+   then the client has been counted on the port but holds no subscription, and so the count is given
+   back before the rejection: nobody else could ever do that, and the hardware subscription would
+   stay for good. A port status subscription has no such case and reads its port after the CFM.
+
+   All subscribers of a port get the same content from one read. The last subscriber to connect is
+   told first, as the registry orders them. */
 #include "tesk_subscribe_sfp_info.h"
 
 #include "tesk_cache.h"
@@ -62,6 +68,7 @@ static void tesk_send_sfp_info_ind(uint32_t mbox, uint32_t conn_ref, uint32_t pr
     ind->procedure_ref = procedure_ref;
     ind->connection_ref = conn_ref;
     ind->info = *info;
+    /* These two the read leaves to whoever sends its record. */
     ind->info.is_optical = info->type == TESK_SFP_OPTICAL ? 1 : 0;
     ind->info.port_no = port_no;
     tesk_trace_sent(TESK_SFP_INFO_IND, mbox,
@@ -92,7 +99,8 @@ static void tesk_send_sfp_info_ind_to_subscribers(uint32_t port_no, uint32_t pre
 {
     tesk_sfp_info info = {};
 
-    /* A failed read goes out as a module that isn't there. */
+    /* The result makes no difference: a failed read has left the record clear, and goes out as a
+       module that isn't there. */
     get_sfp_info(port_no, presence, &info);
     for (const tesk_subscriber *subscriber =
              tesk_client_first_subscriber(port_no, TESK_SUBSCRIPTION_SFP_INFO);
@@ -129,11 +137,12 @@ void tesk_handle_subscribe_sfp_info_req(mbx_signal *signal)
     const tesk_client *client = request.client;
     const uint32_t port_no = request.port_no;
     if (get_sfp_info(port_no, get_sfp_presence(port_no), &info) == UNSUPPORTED_PORT) {
-        /* The client has been counted and will hold nothing that could ever be given back. */
         tesk_portsub_remove_sfp_info(port_no);
         tesk_port_request_reject(&request, TESK_ERROR_INVALID_PORT, "invalid port");
         return;
     }
+    /* An empty port is no error, and neither is a module that can't be read: the client is told
+       that there is none and hears of the next change. */
     tesk_subscribe_confirm(&procedure, &request);
     tesk_sfp_info_cache_ind(port_no, client->client_id, client->conn_ref);
     tesk_send_sfp_info_ind(client->mbox, client->conn_ref, client->procedure_ref, port_no, &info);
@@ -142,7 +151,8 @@ void tesk_handle_subscribe_sfp_info_req(mbx_signal *signal)
 void tesk_handle_sfp_presence_change(uint32_t port_no, uint32_t presence)
 {
     tesk_sfp_info_cache_presence(port_no, presence);
-    /* A module that is on its way is told when it has arrived. */
+    /* A module that is on its way is told when it has arrived, or when it has gone again. The
+       history has it in either case. */
     if (presence == SFP_PRESENT_NOT_READY)
         return;
     tesk_trace(TESK_TRACE_COURSE, "Handling sfp presence change on port %u, presence %u", port_no,

@@ -1,3 +1,10 @@
+/* The order of the steps is what a client can rely on. A refusal comes before anything is changed:
+   the checks that cost nothing first, the hardware last. After that the subscription is recorded
+   before the history is written and the CFM goes out last, so that what a CFM says is true when it
+   arrives, and the first indication, which the handlers send, never overtakes it.
+
+   The client's procedure_ref follows the change, not the request: it is stored once the port
+   subscription table has accepted, so that indications bear the latest change that it took. */
 #include "tesk_subscription.h"
 
 #include "tesk_signals.h"

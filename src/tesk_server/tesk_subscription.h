@@ -1,6 +1,10 @@
 /* tesk_subscription - the course that subscribing to the two kinds shares, and unsubscribing from
    them. What differs stands in a record beside each handler; where a kind does something of its own
-   in the middle, its handler does it between two of these steps. Main thread only. */
+   in the middle, its handler does it between two of these steps. Main thread only.
+
+   The two members called `cache` take their arguments in different orders, which are those of the
+   functions behind them; all three are plain numbers, so the compiler tells nobody who mixes them
+   up. */
 #pragma once
 
 #include "tesk_port_request.h"

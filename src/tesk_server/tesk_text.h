@@ -5,7 +5,8 @@
 #include <cstring>
 
 /* Fills the field with the first `length` bytes of the text, or as many as leave room for the
-   terminator, and with zeros behind them. */
+   terminator, and with zeros behind them: a field goes out as a whole, and nothing of what the
+   memory held before goes out with it. */
 template <size_t size>
 static inline void tesk_fill_text(char (&field)[size], const char *text, size_t length)
 {

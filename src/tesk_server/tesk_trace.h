@@ -1,7 +1,13 @@
 /* tesk_trace - the server's way into the trace library. Any thread, also in a signal handler.
 
    A text is formatted only where its group is enabled. The mask is read at each trace, since it can
-   change while the server runs. */
+   change while the server runs.
+
+   Traces stand in the middle of everything and are off nearly always, so a trace that is off must
+   cost no more than the test of its bit. What happens when it is on therefore stands in functions
+   of its own: written out at each place, its calls would make the compiler keep registers free for
+   them and save those of its caller, whether the trace is on or not. Only formatStr stays at the
+   place of the trace, where the compiler can compare the arguments with the format. */
 #pragma once
 
 #include "platform/zel/zel.h"
@@ -22,20 +28,39 @@ static inline bool tesk_trace_enabled(uint32_t group)
     return __builtin_expect((procInfo[3] & (1u << group)) != 0, 0);
 }
 
+/* The trace calls behind the three macros; each takes the place of the trace and the text of
+   formatStr, which is good until the next formatStr of the thread. */
+[[gnu::cold, gnu::noinline]] inline void tesk_write_trace(uint32_t group, const char *path,
+                                                          uint32_t line, const char *text)
+{
+    lttngZelTrace(group, short_fname(path), line, text, procInfo);
+}
+
+[[gnu::cold, gnu::noinline]] inline void
+tesk_write_received(const char *path, uint32_t line, const mbx_signal *signal, const char *text)
+{
+    lttngZelRecSigTrace(short_fname(path), line, signal, text, procInfo);
+}
+
+[[gnu::cold, gnu::noinline]] inline void tesk_write_sent(const char *path, uint32_t line,
+                                                         uint32_t number, uint32_t receiver,
+                                                         const char *text)
+{
+    lttngZelSendSigTrace(short_fname(path), line, number, receiver, text, procInfo);
+}
+
 /* tesk_trace(group, format, ...) */
 #define tesk_trace(group, ...)                                                                     \
     do {                                                                                           \
         if (tesk_trace_enabled(group))                                                             \
-            lttngZelTrace(group, short_fname(__FILE__), __LINE__, formatStr(__VA_ARGS__),          \
-                          procInfo);                                                               \
+            tesk_write_trace(group, __FILE__, __LINE__, formatStr(__VA_ARGS__));                   \
     } while (0)
 
 /* tesk_trace_received(signal, format, ...): a received signal. */
 #define tesk_trace_received(signal, ...)                                                           \
     do {                                                                                           \
         if (tesk_trace_enabled(TESK_TRACE_RECEIVED))                                               \
-            lttngZelRecSigTrace(short_fname(__FILE__), __LINE__, signal, formatStr(__VA_ARGS__),   \
-                                procInfo);                                                         \
+            tesk_write_received(__FILE__, __LINE__, signal, formatStr(__VA_ARGS__));               \
     } while (0)
 
 /* tesk_trace_sent(number, receiver, format, ...): a signal about to be sent, still in host order.
@@ -43,6 +68,5 @@ static inline bool tesk_trace_enabled(uint32_t group)
 #define tesk_trace_sent(number, receiver, ...)                                                     \
     do {                                                                                           \
         if (tesk_trace_enabled(TESK_TRACE_SENT))                                                   \
-            lttngZelSendSigTrace(short_fname(__FILE__), __LINE__, number, receiver,                \
-                                 formatStr(__VA_ARGS__), procInfo);                                \
+            tesk_write_sent(__FILE__, __LINE__, number, receiver, formatStr(__VA_ARGS__));         \
     } while (0)

@@ -18,5 +18,10 @@ enum tesk_sfp_presence : uint32_t {
     UNSUPPORTED_PORT = 4, /* the hardware library doesn't know the port */
 };
 
-/* What the server's own operations give on failure; callers test for non-zero only. */
+/* How many port numbers a table by port has to hold. The highest that a client may name is
+   TESK_HIGHEST_PORT, but the lower half of an id in a hardware event may be any. */
+inline constexpr uint32_t TESK_NUMBER_OF_PORTS = 65536;
+
+/* What the server's own operations give on failure; callers test for non-zero only. The process's
+   exit status after a failed start is its low byte, 242. */
 inline constexpr int32_t TESK_FAILURE = -14;

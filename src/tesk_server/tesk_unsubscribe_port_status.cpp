@@ -1,3 +1,6 @@
+/* Nothing here but what tells this procedure from its sibling: the course is tesk_unsubscribe. The
+   port's bucket goes with its last subscriber and is the table's business, and a tick that is still
+   on its way finds none. No indication follows the CFM. */
 #include "tesk_unsubscribe_port_status.h"
 
 #include "tesk_cache.h"

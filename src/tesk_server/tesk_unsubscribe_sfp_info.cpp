@@ -1,3 +1,6 @@
+/* Nothing here but what tells this procedure from its sibling: the course is tesk_unsubscribe. The
+   last SFP info subscriber of a port takes the port's SFP events along, so that those who follow
+   its status hear of no presence from then on. No indication follows the CFM. */
 #include "tesk_unsubscribe_sfp_info.h"
 
 #include "tesk_cache.h"

@@ -1,3 +1,7 @@
+/* One thread polls the listening socket, the peers, and an eventfd. The eventfd wakes it to end
+   and, while some peer waits for a condition, after each call of the library: conditions are about
+   what the calls do, so that is when they are looked at again. A peer is never waited for: if it
+   doesn't take its answer it is dropped. */
 #include "board_control.h"
 
 #include "dolm_ric_board.h"
@@ -22,17 +26,13 @@
 #include <utility>
 #include <vector>
 
-/* One thread polls the listening socket, the peers, and an eventfd. The eventfd wakes it to end
-   and, while some peer waits for a condition, after each call of the library: conditions are about
-   what the calls do, so that is when they are looked at again. A peer is never waited for: if it
-   doesn't take its answer it is dropped. */
-
 namespace board
 {
 namespace
 {
 
-/* Further ones wait in the listening socket's queue. */
+/* The library lives in somebody else's process and leaves its descriptors to it. Further peers wait
+   in the listening socket's queue. */
 constexpr size_t max_peers = 64;
 /* The C library puts the thread-local storage of all libraries on the stack too. */
 constexpr size_t thread_stack = size_t{256} * 1024;
@@ -42,7 +42,7 @@ constexpr size_t thread_stack = size_t{256} * 1024;
     throw board_error(what + ": " + std::strerror(errno));
 }
 
-/* Owns a file descriptor. */
+/* Owns a file descriptor, so that whatever throws on the way closes what has been opened. */
 class descriptor
 {
   public:
@@ -119,7 +119,8 @@ void make_directory_of(const std::string &path)
 
 struct peer {
     descriptor socket;
-    condition pending; /* what its "wait" waits for */
+    condition pending = {};  /* what its "wait" waits for */
+    bool is_dropped = false; /* goes at the end of the pass that finds it out */
 };
 
 } // namespace
@@ -139,6 +140,7 @@ class board_control::server
                 fail("eventfd");
             start_thread();
         } catch (...) {
+            /* The constructor failed, so nobody runs the destructor. */
             remove_dead_socket(path);
             throw;
         }
@@ -156,7 +158,8 @@ class board_control::server
     }
 
   private:
-    /* The thread takes no signals: those of the process are for the threads that handle them. */
+    /* The thread takes no signals: those of the process are for the threads that handle them. It
+       inherits the mask: before it could set one of its own a signal might come. */
     void start_thread()
     {
         pthread_attr_t attributes;
@@ -188,6 +191,8 @@ class board_control::server
     {
         std::vector<pollfd> polled;
         while (!ending) {
+            /* Peers come last, in the order of `peers`, which no one changes until they are served.
+             */
             polled.assign({{wakeup.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}});
             polled[1].events = can_accept && peers.size() < max_peers ? POLLIN : 0;
             for (const peer &known : peers)
@@ -206,23 +211,31 @@ class board_control::server
         descriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket.get() < 0)
             return errno != EMFILE && errno != ENFILE;
-        peers.push_back({std::move(socket), {}});
+        peers.push_back({.socket = std::move(socket)});
         return true;
     }
 
-    /* One pass under the lock over what the peers ask and wait for. The watch is set before the
-       lock is given up, so that no call after this look goes unseen. */
+    /* One pass under the lock over what the peers ask and wait for; `polled` has an entry for each
+       of them. The watch is set before the lock is given up, so that no call after
+       this look goes unseen. */
     void serve_peers(std::span<const pollfd> polled)
     {
         const std::lock_guard guard(scene.events.lock);
-        size_t at = 0;
-        bool some_wait = false;
-        std::erase_if(peers, [&](peer &known) {
-            const bool stays = (polled[at++].revents == 0 || take_request(known)) && look(known);
-            some_wait |= stays && known.pending;
-            return !stays;
-        });
+        for (size_t at = 0; at < peers.size(); at++)
+            peers[at].is_dropped = !serve_peer(peers[at], polled[at].revents != 0);
+        std::erase_if(peers, [](const peer &known) { return known.is_dropped; });
+        const bool some_wait =
+            std::ranges::any_of(peers, [](const peer &known) { return known.pending != nullptr; });
         scene.events.watch_calls(some_wait ? wakeup.get() : -1);
+    }
+
+    /* False if the peer is to be dropped. What it has just asked to wait for may be true already.
+     */
+    bool serve_peer(peer &known, bool has_sent)
+    {
+        if (has_sent && !take_request(known))
+            return false;
+        return look(known);
     }
 
     /* False if the peer is to be dropped; so is one that asks while it waits for an answer. */

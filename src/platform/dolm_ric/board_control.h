@@ -1,5 +1,6 @@
 /* board_control - the socket at which a simulated board is played, and the thread that serves it.
- */
+   Its users are in other processes; what they ask is carried out under the desk's lock, between two
+   calls of the library. */
 #pragma once
 
 #include "board_requests.h"

@@ -1,3 +1,10 @@
+/* A board file has no language of its own: each line is a request of the control protocol, so
+   whatever can be played can also stand at the start. Only the first line is another thing, as it
+   says how many ports there are.
+
+   The built-in board is such a file, too. What the file says wrong is told with the line's number,
+   and no board comes of it: a board that is not quite what was meant would be found out much later.
+ */
 #include "board_file.h"
 
 #include <cerrno>

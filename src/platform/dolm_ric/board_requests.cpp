@@ -1,11 +1,10 @@
+/* One row per request in request_kinds. A request is read to its end before anything is changed, so
+   that a wrong one changes nothing; what is wrong is thrown and answered in one place. */
 #include "board_requests.h"
 
 #include "dolm_ric_board.h"
 
 #include <algorithm>
-
-/* One row per request in request_kinds. A request is read to its end before anything is changed, so
-   that a wrong one changes nothing; what is wrong is thrown and answered in one place. */
 
 namespace board
 {
@@ -24,7 +23,8 @@ void add_line(std::string &answer, std::string_view key, uint64_t value)
     add_line(answer, key, std::to_string(value));
 }
 
-/* Makes a change and says what it came to. */
+/* Makes a change and says what it came to. The events are those that were queued: what nobody
+   subscribes to has none. */
 template <typename change>
 std::string answer_change(const stage &on, const port_list &ports, change &&make)
 {
@@ -99,6 +99,7 @@ std::string answer_heal(const stage &on, words args)
     return answer;
 }
 
+/* Of a list the first port. */
 std::string answer_show(const stage &on, words args)
 {
     const port_list ports = parse_ports(args[0]);
@@ -174,6 +175,8 @@ condition subscription_condition(const stage &on, bool wanted, words args)
     };
 }
 
+/* A condition outlives its request, and is looked at after each call of the library: it holds
+   copies of what it needs, never views of the request's words, and does little. */
 condition parse_condition(const stage &on, words args)
 {
     const std::string_view what = args[0];
@@ -190,7 +193,8 @@ condition parse_condition(const stage &on, words args)
                       "OPERATION COUNT, or for idle");
 }
 
-/* The words behind the verb are counted before the row's function sees them. */
+/* The words behind the verb are counted before the row's function sees them. "wait" has no row,
+   since its answer comes later. */
 struct request_kind {
     std::string_view verb;
     size_t fewest;
@@ -230,6 +234,7 @@ std::string answer_request(std::string_view request, const stage &on, condition 
     } catch (const board_error &error) {
         return "error " + std::string(error.what());
     } catch (const std::exception &error) {
+        /* Such as a lack of memory. The peer is told; the library's caller must not notice. */
         return "error the board is out of order: " + std::string(error.what());
     }
 }

@@ -1,3 +1,6 @@
+/* Everything that has a name stands in a table: operations, codes, words for values, units, values
+   and kinds of modules. What is read, what is printed and what an error offers instead all come
+   from the same rows, so that a new value or module is one more row. */
 #include "board_text.h"
 
 #include <algorithm>
@@ -10,15 +13,12 @@
 #include <limits>
 #include <utility>
 
-/* Everything that has a name stands in a table: operations, codes, words for values, units, values
-   and kinds of modules. What is read, what is printed and what an error offers instead all come
-   from the same rows, so that a new value or module is one more row. */
-
 namespace board
 {
 namespace
 {
 
+/* In the order of the enumeration. */
 constexpr std::array<std::string_view, operation_count> op_names = {
     "init",          "shutdown",     "waitevent",     "freeevent",  "getportstatus",
     "subsport",      "unsubsport",   "subslink",      "unsubslink", "getlinkstatus",
@@ -83,91 +83,102 @@ constexpr unit units[] = {
     {kind::power, "mW", 1e3},      {kind::power, "uW", 1},
 };
 
-/* Where a value lies, as the fields of `field` from in_module on. The five measured values are
-   alike: each has four thresholds that are named after it. */
-template <typename member>
-constexpr uint16_t size_of = static_cast<uint16_t>(sizeof(member));
+constexpr field make_field(std::string_view name, field_kind of, bool in_module, size_t offset,
+                           size_t size, uint32_t mask = 0)
+{
+    return {name, of, in_module, static_cast<uint16_t>(offset), static_cast<uint16_t>(size), mask};
+}
 
-#define PORT(member) false, offsetof(port_values, member), size_of<decltype(port_values::member)>
-#define MODULE(member)                                                                             \
-    true, offsetof(module_values, member), size_of<decltype(module_values{}.member)>
+/* One row a value: its name, its kind, the member that holds it, and of a flag its bit in there.
+   The rows need macros, since only the preprocessor can give one member to offsetof and to sizeof.
+ */
+#define PORT(name, of_kind, member, ...)                                                           \
+    make_field(name, of_kind, false, offsetof(port_values, member),                                \
+               sizeof(port_values::member) __VA_OPT__(, ) __VA_ARGS__)
+#define MODULE(name, of_kind, member, ...)                                                         \
+    make_field(name, of_kind, true, offsetof(module_values, member),                               \
+               sizeof(module_values{}.member) __VA_OPT__(, ) __VA_ARGS__)
+
+/* Five rows: the library measures five things, each against four thresholds that are named after
+   it. */
 #define MEASUREMENT(name, of_kind)                                                                 \
-    {#name, of_kind, MODULE(diag.name)},                                                           \
-        {#name "_low_warn", of_kind, MODULE(diag.name##_low_warn)},                                \
-        {#name "_high_warn", of_kind, MODULE(diag.name##_high_warn)},                              \
-        {#name "_low_alarm", of_kind, MODULE(diag.name##_low_alarm)},                              \
-        {#name "_high_alarm", of_kind, MODULE(diag.name##_high_alarm)},
+    MODULE(#name, of_kind, diag.name), MODULE(#name "_low_warn", of_kind, diag.name##_low_warn),   \
+        MODULE(#name "_high_warn", of_kind, diag.name##_high_warn),                                \
+        MODULE(#name "_low_alarm", of_kind, diag.name##_low_alarm),                                \
+        MODULE(#name "_high_alarm", of_kind, diag.name##_high_alarm)
 
 constexpr field all_fields[] = {
-    {"started", kind::flag, PORT(status), DOLM_RICRIPORT_STARTED},
-    {"ready", kind::flag, PORT(status), DOLM_RICRIPORT_MODREADY},
-    {"power_fault", kind::flag, PORT(status), DOLM_RICRIPORT_POWERFAULT},
-    {"inserted", kind::flag, PORT(status), DOLM_RICRIPORT_MODINSERTED},
-    {"port_status", kind::number, PORT(status)},
-    {"link", kind::link_state, PORT(link_state)},
-    {"speed", kind::speed, PORT(link_speed)},
-    {"readable", kind::flag, MODULE(readable), 1},
-    {"diagnostics", kind::flag, MODULE(has_diagnostics), 1},
-    {"module_status", kind::number, MODULE(status.status)},
-    {"mode_type", kind::number, MODULE(info.mode_type)},
-    {"connector", kind::connector, MODULE(info.sfp.sfp_connector)},
-    {"eth_speed", kind::eth_speed, MODULE(info.sfp.sfp_eth_speed)},
-    {"eth_compliance", kind::number, MODULE(info.sfp.sfp_eth_compliance)},
-    {"nom_bitrate", kind::number, MODULE(info.sfp.sfp_nom_bitrate)},
-    {"vendor_name", kind::text, MODULE(info.sfp.sfp_vendor_name)},
-    {"vendor_oui", kind::text, MODULE(info.sfp.sfp_vendor_oui)},
-    {"vendor_pn", kind::text, MODULE(info.sfp.sfp_vendor_pn)},
-    {"vendor_rev", kind::text, MODULE(info.sfp.sfp_vendor_rev)},
-    {"vendor_sn", kind::text, MODULE(info.sfp.sfp_vendor_sn)},
-    {"date_code", kind::text, MODULE(info.sfp.sfp_date_code)},
-    {"morvaine", kind::number, MODULE(info.sfp.sfp_morvaine)},
-    {"morvaine_rdh", kind::text, MODULE(info.sfp.sfp_morvaine_rdh)},
-    {"morvaine_rdh_ext", kind::text, MODULE(info.sfp.sfp_morvaine_rdh_ext)},
-    {"diag_mode_type", kind::number, MODULE(diag.mode_type)},
-    {"diag_cap", kind::number, MODULE(diag.diag_cap)},
-    MEASUREMENT(temperature, kind::temperature) MEASUREMENT(voltage, kind::voltage)
-        MEASUREMENT(txbias, kind::current) MEASUREMENT(txpower, kind::power)
-            MEASUREMENT(rxpower, kind::power)};
+    PORT("started", kind::flag, status, DOLM_RICRIPORT_STARTED),
+    PORT("ready", kind::flag, status, DOLM_RICRIPORT_MODREADY),
+    PORT("power_fault", kind::flag, status, DOLM_RICRIPORT_POWERFAULT),
+    PORT("inserted", kind::flag, status, DOLM_RICRIPORT_MODINSERTED),
+    PORT("port_status", kind::number, status),
+    PORT("link", kind::link_state, link_state),
+    PORT("speed", kind::speed, link_speed),
+    MODULE("readable", kind::flag, readable, 1),
+    MODULE("diagnostics", kind::flag, has_diagnostics, 1),
+    MODULE("module_status", kind::number, status.status),
+    MODULE("mode_type", kind::number, info.mode_type),
+    MODULE("connector", kind::connector, info.sfp.sfp_connector),
+    MODULE("eth_speed", kind::eth_speed, info.sfp.sfp_eth_speed),
+    MODULE("eth_compliance", kind::number, info.sfp.sfp_eth_compliance),
+    MODULE("nom_bitrate", kind::number, info.sfp.sfp_nom_bitrate),
+    MODULE("vendor_name", kind::text, info.sfp.sfp_vendor_name),
+    MODULE("vendor_oui", kind::text, info.sfp.sfp_vendor_oui),
+    MODULE("vendor_pn", kind::text, info.sfp.sfp_vendor_pn),
+    MODULE("vendor_rev", kind::text, info.sfp.sfp_vendor_rev),
+    MODULE("vendor_sn", kind::text, info.sfp.sfp_vendor_sn),
+    MODULE("date_code", kind::text, info.sfp.sfp_date_code),
+    MODULE("morvaine", kind::number, info.sfp.sfp_morvaine),
+    MODULE("morvaine_rdh", kind::text, info.sfp.sfp_morvaine_rdh),
+    MODULE("morvaine_rdh_ext", kind::text, info.sfp.sfp_morvaine_rdh_ext),
+    MODULE("diag_mode_type", kind::number, diag.mode_type),
+    MODULE("diag_cap", kind::number, diag.diag_cap),
+    MEASUREMENT(temperature, kind::temperature),
+    MEASUREMENT(voltage, kind::voltage),
+    MEASUREMENT(txbias, kind::current),
+    MEASUREMENT(txpower, kind::power),
+    MEASUREMENT(rxpower, kind::power),
+};
 
 #undef PORT
 #undef MODULE
 #undef MEASUREMENT
 
-/* Modules are written down as the settings that make them from an empty cage. */
-#define SFP "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX "
-#define MEASURED                                                                                   \
-    "diagnostics=1 diag_cap=0x1f "                                                                 \
-    "temperature=41.5C temperature_low_warn=0C temperature_high_warn=70C "                         \
-    "temperature_low_alarm=-5C temperature_high_alarm=75C "                                        \
-    "voltage=3.3V voltage_low_warn=3.135V voltage_high_warn=3.465V "                               \
-    "voltage_low_alarm=2.97V voltage_high_alarm=3.63V "                                            \
-    "txbias=32mA txbias_low_warn=15mA txbias_high_warn=70mA "                                      \
-    "txbias_low_alarm=10mA txbias_high_alarm=80mA "                                                \
-    "txpower=0.58mW txpower_low_warn=0.18mW txpower_high_warn=1.12mW "                             \
-    "txpower_low_alarm=0.15mW txpower_high_alarm=1.41mW "                                          \
-    "rxpower=0.42mW rxpower_low_warn=0.04mW rxpower_high_warn=1.12mW "                             \
-    "rxpower_low_alarm=0.03mW rxpower_high_alarm=1.41mW "
-#define OPTICAL                                                                                    \
-    SFP MEASURED "connector=lc eth_speed=10gb eth_compliance=0x004 nom_bitrate=103 "               \
-                 "vendor_name=EXAMPLE\\x20OPTICS vendor_pn=EX-10G-LR vendor_rev=A "                \
-                 "vendor_sn=EX10G0001 date_code=240115 "
+/* Modules are written down as the settings that make them from an empty cage. What several of them
+   have in common stands in pieces of its own. */
+constexpr std::string_view sfp = "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX";
+constexpr std::string_view measured =
+    "diagnostics=1 diag_cap=0x1f "
+    "temperature=41.5C temperature_low_warn=0C temperature_high_warn=70C "
+    "temperature_low_alarm=-5C temperature_high_alarm=75C "
+    "voltage=3.3V voltage_low_warn=3.135V voltage_high_warn=3.465V "
+    "voltage_low_alarm=2.97V voltage_high_alarm=3.63V "
+    "txbias=32mA txbias_low_warn=15mA txbias_high_warn=70mA "
+    "txbias_low_alarm=10mA txbias_high_alarm=80mA "
+    "txpower=0.58mW txpower_low_warn=0.18mW txpower_high_warn=1.12mW "
+    "txpower_low_alarm=0.15mW txpower_high_alarm=1.41mW "
+    "rxpower=0.42mW rxpower_low_warn=0.04mW rxpower_high_warn=1.12mW "
+    "rxpower_low_alarm=0.03mW rxpower_high_alarm=1.41mW";
+constexpr std::string_view optical =
+    "connector=lc eth_speed=10gb eth_compliance=0x004 nom_bitrate=103 "
+    "vendor_name=EXAMPLE\\x20OPTICS vendor_pn=EX-10G-LR vendor_rev=A "
+    "vendor_sn=EX10G0001 date_code=240115";
 
 constexpr module_kind all_module_kinds[] = {
-    {"lc", OPTICAL},
-    {"lc-own", OPTICAL "morvaine=1 morvaine_rdh=RDH10240/1 morvaine_rdh_ext=R2 "},
-    {"rj45", SFP "connector=rj45 eth_speed=1000mb eth_compliance=0x010 nom_bitrate=12 "
-                 "vendor_name=EXAMPLE\\x20COPPER vendor_pn=EX-1G-T vendor_rev=B "
-                 "vendor_sn=EX1GT0001 date_code=231002 "},
-    {"other", SFP "connector=other eth_speed=10gb nom_bitrate=103 "
-                  "vendor_name=EXAMPLE\\x20CABLES vendor_pn=EX-10G-CU2M vendor_rev=C "
-                  "vendor_sn=EX10C0001 date_code=230619 "},
-    {"non-sfp", "readable=1 mode_type=2 diag_mode_type=2 diagnostics=1 "},
-    {"unreadable", "readable=0 mode_type=1 "},
+    {"lc", {sfp, measured, optical}},
+    {"lc-own", {sfp, measured, optical, "morvaine=1 morvaine_rdh=RDH10240/1 morvaine_rdh_ext=R2"}},
+    {"rj45",
+     {sfp, "connector=rj45 eth_speed=1000mb eth_compliance=0x010 nom_bitrate=12 "
+           "vendor_name=EXAMPLE\\x20COPPER vendor_pn=EX-1G-T vendor_rev=B "
+           "vendor_sn=EX1GT0001 date_code=231002"}},
+    {"other",
+     {sfp, "connector=other eth_speed=10gb nom_bitrate=103 "
+           "vendor_name=EXAMPLE\\x20CABLES vendor_pn=EX-10G-CU2M vendor_rev=C "
+           "vendor_sn=EX10C0001 date_code=230619"}},
+    {"non-sfp", {"readable=1 mode_type=2 diag_mode_type=2 diagnostics=1"}},
+    {"unreadable", {"readable=0 mode_type=1"}},
 };
-
-#undef SFP
-#undef MEASURED
-#undef OPTICAL
 
 [[noreturn]] void fail(const std::string &text)
 {
@@ -237,6 +248,7 @@ std::optional<double> read_measure(field_kind of, std::string_view text)
     if (error != std::errc())
         return std::nullopt;
     const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
+    /* The one unit that isn't a scale: decibels over a milliwatt. */
     if (of == field_kind::power && name == "dBm")
         return std::pow(10.0, value / 10) * 1e3;
     for (const unit &known : units)
@@ -245,6 +257,7 @@ std::optional<double> read_measure(field_kind of, std::string_view text)
     return std::nullopt;
 }
 
+/* For errors: whoever mistypes a value sees what would have been right. */
 std::string what_it_takes(field_kind of)
 {
     std::string words;
@@ -280,6 +293,7 @@ uint32_t parse_value(const field &target, std::string_view text)
                            : target.size == 1              ? UINT8_MAX
                            : is_signed                     ? INT32_MAX
                                                            : UINT32_MAX;
+    /* A measure such as 3.3V hardly ever comes out as a whole number of its unit. */
     const double rounded = std::round(*value);
     if (rounded < lowest || rounded > highest)
         fail(std::string(target.name) + " can't be " + quoted(text) + ": out of range");
@@ -305,10 +319,15 @@ uint32_t parse_port(std::string_view text, std::string_view list)
 
 } // namespace
 
+/* The ports are counted on the way, so that a list which names a port many times over can't make a
+   board work on millions of them. */
 port_list parse_ports(std::string_view text)
 {
     port_list ports;
     uint32_t count = 0;
+    /* Up to the end and once more there: an empty part, such as that behind a last comma, is no
+     * port.
+     */
     for (size_t at = 0; at <= text.size();) {
         const std::string_view part = text.substr(at, text.find(',', at) - at);
         const size_t dash = part.find('-');

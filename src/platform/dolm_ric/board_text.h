@@ -6,6 +6,7 @@
 
 #include "dolm_ric.h"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -54,6 +55,7 @@ enum class operation : uint8_t {
 };
 constexpr size_t operation_count = 13;
 
+/* The short name; operation_names() has all of them, in the order of the enumeration. */
 std::string_view operation_name(operation op);
 /* Takes the short name and the full one. */
 operation parse_operation(std::string_view text);
@@ -61,6 +63,7 @@ std::span<const std::string_view> operation_names();
 
 /* A result code by number or name ("busy"), any but 0. */
 int32_t parse_code(std::string_view text);
+/* A decimal or 0x number from 0 to `highest`. */
 uint64_t parse_number(std::string_view text, uint64_t highest);
 
 /* What a port is without its module, and what its module is. */
@@ -100,8 +103,10 @@ struct field {
     uint16_t size;
     uint32_t mask = 0; /* of a flag */
 };
+/* All there are, in the order in which a port is shown. */
 std::span<const field> fields();
 
+/* A field and what it is to become. */
 struct setting {
     const field *target;
     uint32_t number;   /* the raw value of all kinds but texts */
@@ -114,22 +119,25 @@ setting parse_setting(std::string_view text);
 void write_setting(const setting &value, void *values);
 /* The raw value as text; parse_setting takes it back. */
 std::string read_field(const field &source, const void *values);
+/* The raw value of all kinds but texts; of a flag 0 or 1. */
 uint32_t read_number(const field &source, const void *values);
 /* The words that stand for raw values of this kind, such as "up"; empty if there is none. */
 std::string_view name_of_value(field_kind kind, uint32_t number);
 
-/* A module as `insert` puts it in. */
+/* A module as `insert` puts it in: the settings that make it from an empty cage, in pieces that are
+   carried out one after the other; those that aren't needed are empty. */
 struct module_kind {
     std::string_view name;
-    std::string_view settings;
+    std::array<std::string_view, 4> settings;
 };
 std::span<const module_kind> module_kinds();
 const module_kind &parse_module_kind(std::string_view name);
 
+/* The words are views into `text`. */
 std::vector<std::string_view> split_words(std::string_view text);
 std::vector<setting> parse_settings(std::span<const std::string_view> words);
 
-/* Bytes that are no printing ASCII become \xNN, a backslash \\. */
+/* What parse_setting takes back: bytes that are no printing ASCII become \xNN, a backslash \\. */
 std::string escape(std::string_view bytes, bool spaces_too);
 
 } // namespace board

@@ -1,3 +1,9 @@
+/* A subscription is looked at twice: when an event is queued, so that ports which nobody watches
+   cost nothing, and when it is delivered, as it may have been given up in between. Both look at the
+   one port that the event tells of. Raw events pass both times.
+
+   An event that was delivered stays the desk's, in `out`, until it comes back; so the desk can tell
+   one that never was out, and count those that were forgotten. */
 #include "desk.h"
 
 #include <sys/eventfd.h>
@@ -5,13 +11,6 @@
 #include <algorithm>
 #include <new>
 #include <utility>
-
-/* A subscription is looked at twice: when an event is queued, so that ports which nobody watches
-   cost nothing, and when it is delivered, as it may have been given up in between. Both look at the
-   one port that the event tells of. Raw events pass both times.
-
-   An event that was delivered stays the desk's, in `out`, until it comes back; so the desk can tell
-   one that never was out, and count those that were forgotten. */
 
 namespace board
 {
@@ -42,6 +41,7 @@ bool desk::is_open() const
     return open_now;
 }
 
+/* Calls that fail are counted, too: what people wait for is that somebody called. */
 void desk::count_call(operation op)
 {
     calls[static_cast<size_t>(op)]++;
@@ -63,6 +63,7 @@ int32_t desk::ordered_failure(operation op, uint32_t port)
     return code;
 }
 
+/* The order may be for the wait that the event thread sits in. */
 void desk::order_failure(failure order)
 {
     orders.push_back(std::move(order));

@@ -1,3 +1,10 @@
+/* The thirteen operations. Each looks up whether somebody ordered it to fail, then does its work on
+   the desk (events, subscriptions) and the port source (what ports report) behind it.
+
+   There is one board in a process at a time. Its handle is a number that no other board of the
+   process ever had, so that a stale handle is found out. The desk outlives every board: the event
+   thread may still sit on it, and give its last event back, while the main thread shuts down. The
+   control thread is started and ended without the desk's lock, since it takes that lock itself. */
 #include "dolm_ric.h"
 
 #include "board_control.h"
@@ -7,14 +14,6 @@
 #include "simulated_ports.h"
 
 #include <cstdlib>
-
-/* The thirteen operations. Each looks up whether somebody ordered it to fail, then does its work on
-   the desk (events, subscriptions) and the port source (what ports report) behind it.
-
-   There is one board in a process at a time. Its handle is a number that no other board of the
-   process ever had, so that a stale handle is found out. The desk outlives every board: the event
-   thread may still sit on it, and give its last event back, while the main thread shuts down. The
-   control thread is started and ended without the desk's lock, since it takes that lock itself. */
 
 namespace
 {

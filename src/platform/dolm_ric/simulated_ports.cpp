@@ -1,13 +1,12 @@
+/* What a port itself reports is held by value; its module is shared and never written. A change of
+   the module puts a changed copy in its place, one copy for all ports of a request that had the
+   same module, so that a board of 65,535 ports alike stays small after a change to all of them too.
+ */
 #include "simulated_ports.h"
 
 #include <cstddef>
 #include <map>
 #include <utility>
-
-/* What a port itself reports is held by value; its module is shared and never written. A change of
-   the module puts a changed copy in its place, one copy for all ports of a request that had the
-   same module, so that a board of 65,535 ports alike stays small after a change to all of them too.
- */
 
 namespace board
 {
@@ -18,13 +17,16 @@ namespace
 module_values make_module(const module_kind &kind)
 {
     module_values module;
-    for (const setting &value : parse_settings(split_words(kind.settings)))
-        write_setting(value, &module);
+    for (const std::string_view piece : kind.settings)
+        for (const setting &value : parse_settings(split_words(piece)))
+            write_setting(value, &module);
     return module;
 }
 
 } // namespace
 
+/* One module of zeros stands for the empty cage in all slots: a slot has always a module to read.
+ */
 simulated_ports::simulated_ports(uint32_t count, port_events &events)
     : listener(events), no_module(std::make_shared<const module_values>())
 {
@@ -162,6 +164,7 @@ class simulated_ports::writer
 
 void simulated_ports::set(const port_list &list, const std::vector<setting> &settings, bool again)
 {
+    /* An event tells of the port's status or of its link. The values of a module have none. */
     told_anyway anyway;
     for (const setting &value : settings) {
         const bool of_status = value.target->offset == offsetof(port_values, status);

@@ -30,6 +30,7 @@
 
 static constexpr uint64_t ns_per_ms = 1'000'000, ns_per_s = 1'000'000'000;
 static constexpr uint64_t longest_unit_ms = 100;
+/* Enough for a send, and a small part of what a thread gets without asking. */
 static constexpr size_t stack_size = size_t{128} * 1024;
 
 struct pending_timer {
@@ -103,6 +104,7 @@ static void *run_service(void *argument)
         std::unique_lock locked(service_lock);
         if (its.is_stopping)
             return nullptr;
+        /* One at a time: between two of them the service can be stopped. */
         pending_timer expired = take_expired(its);
         locked.unlock();
         if (expired.signal != nullptr)
@@ -112,7 +114,8 @@ static void *run_service(void *argument)
     }
 }
 
-/* Starts the thread with all signals blocked, as a thread of a library must be. */
+/* Starts the thread with all signals blocked, as a thread of a library must be: a handler of the
+   program may not run where the program doesn't know of a thread. */
 static bool start_thread(timer_service &its)
 {
     pthread_attr_t attributes;
@@ -153,6 +156,7 @@ void tmo_service_stop(void)
         return;
     service = nullptr;
     stopped->is_stopping = true;
+    /* Not 0, which would disarm the descriptor. */
     wake_at(*stopped, 1);
     locked.unlock();
     pthread_join(stopped->thread, nullptr);
@@ -164,6 +168,8 @@ void tmo_service_stop(void)
 
 void tmo_request_sig(uint32_t interval, mbx_signal **signal)
 {
+    /* Asked of the caller's thread, and before the lock, as it is the mailbox library's business.
+     */
     const uint32_t mailbox = mbx_own_mailbox();
     std::unique_lock locked(service_lock);
     if (service == nullptr || mailbox == MBX_NO_MAILBOX) {
@@ -174,6 +180,7 @@ void tmo_request_sig(uint32_t interval, mbx_signal **signal)
     const auto timer = service->timers.emplace(now_ns() + interval * service->unit_ns,
                                                pending_timer{*signal, mailbox});
     *signal = nullptr;
+    /* Any other one is waited for already, behind those that come before it. */
     if (timer == service->timers.begin())
         wake_at(*service, timer->first);
 }

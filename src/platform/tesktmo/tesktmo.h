@@ -1,4 +1,6 @@
-/* libtesktmo - timers that deliver a signal. Everything here has C linkage. */
+/* libtesktmo - timers that deliver a signal. One service serves the process, on a thread of its own
+   that takes none of the process's signals. Everything here has C linkage and may be called on any
+   thread, but not in a signal handler. */
 #ifndef TESKTMO_H
 #define TESKTMO_H
 
@@ -11,10 +13,11 @@ extern "C" {
 
 struct mbx_signal;
 
-/* Starts the service; true when it runs. */
+/* Starts the service; true when it runs, also when it did before. */
 bool tmo_service_init(void);
 
-/* Harmless when it never started. Signals that are still pending are freed. */
+/* Harmless when it never started. Signals that are still pending are freed; none is delivered after
+   the return. */
 void tmo_service_stop(void);
 
 /* Takes the block over and sets the pointer to null. Delivers it once to the calling thread's

@@ -62,6 +62,7 @@ ZEL_THREAD_LOCAL char thread_name[32];
 
 __thread uint32_t procInfo[8];
 
+/* The mask is written before the sink is, and read by threads that have seen the sink. */
 static std::atomic<const zel_sink *> sink;
 static uint32_t group_mask;
 
@@ -127,7 +128,9 @@ static uint64_t wanted_file_cap()
     return default_file_cap;
 }
 
-/* Loads the provider from where this library lies. LTTng's threads inherit the signal mask. */
+/* Loads the provider from where this library lies, so that the two are always of one build. LTTng's
+   threads inherit the signal mask, and none of them is for the program's signals. It stays loaded:
+   its threads can't be ended. */
 static const zel_sink *load_lttng()
 {
     Dl_info here{};
@@ -221,6 +224,7 @@ static formatted_text &take_text()
     return text;
 }
 
+/* A text that isn't ours is nobody's to give back: a caller need not have used formatStr. */
 static void give_back(const char *traced)
 {
     std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -258,6 +262,7 @@ static void trace(zel_record record)
     const zel_sink *used = sink.load(std::memory_order_acquire);
     if (used && record.group < 32 && (procInfo[3] >> record.group & 1)) {
         char kernel_name[16] = "";
+        /* A thread that never gave a name has the one that the kernel knows. */
         if (thread_name[0] == '\0')
             prctl(PR_GET_NAME, kernel_name);
         record.thread = thread_name[0] != '\0' ? thread_name : kernel_name;

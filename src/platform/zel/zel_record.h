@@ -5,7 +5,8 @@
 
 enum class zel_kind { trace, received, sent };
 
-/* No pointer in it is null. It lives as long as the call that writes it. */
+/* No pointer in it is null, so that no sink has to ask. It lives as long as the call that writes
+ * it. */
 struct zel_record {
     zel_kind kind;
     uint32_t group;

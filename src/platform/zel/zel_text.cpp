@@ -196,6 +196,7 @@ static int open_file()
     return open(file_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0640);
 }
 
+/* What is no regular file, as a pipe, never fills up. */
 static bool has_room(size_t size)
 {
     struct stat status {
@@ -225,6 +226,7 @@ static void roll_over()
 /* False when the line must be dropped, since the full file could not be replaced. */
 static bool make_room(size_t size)
 {
+    /* Somebody else rolls, or this thread does, under a handler: the line goes where it can. */
     if (is_rolling.test_and_set(std::memory_order_acquire))
         return true;
     if (!has_room(size))
