@@ -1,5 +1,6 @@
-"""callgrind - counts the instructions of the server's own modules with callgrind."""
+"""callgrind - counts the instructions of our own objects with callgrind."""
 import json
+import os
 import pathlib
 import re
 import subprocess
@@ -7,12 +8,14 @@ import tempfile
 
 from lab import BIN, Failed
 
-OWN_SOURCES = "/src/tesk_server/"
+# Whose instructions a program counts.
+OWN_SOURCES = {"bench_instructions": "/src/tesk_server/", "bench_untraced": "/src/tesk_server/",
+               "bench_mbx_instructions": "/src/platform/mbx/"}
 COST_LINE = re.compile(r"^(?:[+\-*]?\d*) (\d+)$")
 NAMED = re.compile(r"^(fl|fi|fe|fn|ob|cfi|cfl|cfn|cob)=\((\d+)\)(?: (.*))?$")
 
 
-def own_instructions(profile):
+def own_instructions(profile, sources):
     """The name of the counted part, and what the functions of our sources spent themselves in it,
     with what was inlined into them."""
     files, own, spent, trigger, skip = {}, False, 0, "", False
@@ -26,7 +29,7 @@ def own_instructions(profile):
             if position in ("fl", "fi", "fe", "cfi", "cfl") and name is not None:
                 files[number] = name
             if position == "fl":
-                own = OWN_SOURCES in files[number]
+                own = sources in files[number]
         elif match := COST_LINE.match(line):
             if own and not skip:
                 spent += int(match.group(1))
@@ -46,23 +49,25 @@ def count_instructions(program):
     with tempfile.TemporaryDirectory(prefix="tesk-bench-") as folder:
         # What jumps through the linker's table spends there would else be the caller's, also from
         # before the count.
-        command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={folder}/out",
+        command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={folder}/out.%p",
                    "--skip-plt=no", "--quiet", BIN / program]
-        done = subprocess.run(command, capture_output=True, text=True, timeout=300)
+        done = subprocess.run(command, capture_output=True, text=True, timeout=300,
+                              env={**os.environ, "MBX_DIR": f"{folder}/mbx"})
         if done.returncode != 0:
             raise Failed(f"callgrind can't run {program}: {done.stderr}")
         cases = json.loads(done.stdout)
-        counted = dict(own_instructions(path) for path in pathlib.Path(folder).glob("out.*"))
+        counted = dict(own_instructions(path, OWN_SOURCES[program]) for path in pathlib.Path(folder).glob("out.*"))
     return {name: counted[name] / case["times"] for name, case in cases.items()}
 
 
-def trace_test_length():
-    """How many instructions a trace that is off has in the executable, on average: a test of the
+def trace_test():
+    """How many instructions the test of a trace has in the executable, on average: a test of the
     mask in memory and a jump, or a load, a test and a jump; and its share in the loads of the
-    block's place, which the traces of a function have in common."""
+    block's address, which the traces of a function have in common. And how many of them load."""
     listing = subprocess.run(["objdump", "-d", "--no-show-raw-insn", BIN / "tesk-server"],
                              capture_output=True, text=True, check=True).stdout
     tests = len(re.findall(r"\ttest[bwl] +\$\w+,%fs:0x[c-f]\(", listing))
     loads = len(re.findall(r"\tmov +%fs:0x[c-f]\(", listing))
     places = len(re.findall(r"\tmov .*<procInfo", listing))
-    return (2 * tests + 3 * loads + places) / (tests + loads)
+    traces = tests + loads
+    return (2 * tests + 3 * loads + places) / traces, (traces + places) / traces

@@ -4,9 +4,10 @@ All systems of a measurement run at once and take turns, so that what the machin
 hits all of them; a ratio is taken within a round, and the median of the rounds is told."""
 import os
 import statistics
+import sys
 import time
 
-from callgrind import count_instructions, run_cases, trace_test_length
+from callgrind import count_instructions, run_cases, trace_test
 from lab import (BIN, OURS, SYSTEMS, THEIRS, Tesk, TraceSession, anonymous_bytes,
                  count_system_calls, tasks)
 
@@ -190,10 +191,11 @@ class Bench:
                      median(values) / 1000)
 
     def losses(self, small, sizes):
-        """Server CPU per subscription that a lost client held."""
+        """Server CPU per subscription that a lost client held, against 100 of them: with few, what
+        is done once for each client outweighs them. The largest takes long to set up."""
         server, program = small
-        for number in range(3):
-            for size in sizes[: None if number == 0 else -1]:
+        for number in range(self.rounds):
+            for size in sizes[: None if number < 3 else -1]:
                 program.ask("clients", 2)
                 program.ask("hold", 0, size - 1, 1)
                 before = server.cpu_ns()
@@ -259,11 +261,16 @@ class Bench:
         self.lab.end_growth((server, program))
 
     def instructions(self):
+        for name, count in count_instructions("bench_mbx_instructions").items():
+            self.note(f"mbx instructions {name}", name, "", count)
         counted = count_instructions("bench_instructions")
         untraced = count_instructions("bench_untraced")
         cases = run_cases("bench_instructions", "traces")
-        self.note("trace test", "a trace that is off, in the executable", "instructions",
-                  trace_test_length())
+        instructions, loads = trace_test()
+        self.note("trace test", "the test of a trace that is off, in the executable",
+                  "instructions", instructions)
+        self.note("trace loads", "its loads: the mask, and a share in the block's address",
+                  "", loads)
         for name, count in counted.items():
             self.note(f"instructions {name}", name, "", count)
             self.note(f"trace {name}", name, "",
@@ -273,6 +280,8 @@ class Bench:
         """The cost of a request with all groups traced to LTTng, against none."""
         with TraceSession(self.lab) as session:
             if not session.works:
+                print("bench: no LTTng session can be had here, so its cost is not measured",
+                      file=sys.stderr)
                 return
             servers = {"off": Tesk(self.lab, THEIRS), "LTTng": Tesk(
                 self.lab, THEIRS, env={"ZEL_SINK": "lttng", "ZEL_GROUPS": "all"})}

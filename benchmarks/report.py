@@ -125,7 +125,7 @@ def table_of_costs(series):
 
 
 def table_of_instructions(series):
-    rows = [["", "instructions", "of them for each trace that is off"]]
+    rows = [["", "instructions", "more than without traces, for each that is off"]]
     for each in series.values():
         if each.key.startswith("instructions"):
             traced = series[f"trace {each.title}"].value(Tesk.name)
@@ -135,10 +135,17 @@ def table_of_instructions(series):
     return rows
 
 
+def table_of_mbx_instructions(series):
+    return [["", "instructions"], *([each.title, number(each.value(Tesk.name))]
+                                    for each in series.values()
+                                    if each.key.startswith("mbx instructions"))]
+
+
 def table_of_traces(series):
     rows = [["", "tesk-server"]]
-    if test := series.get("trace test"):
-        rows.append([test.title, with_unit(test.value(Tesk.name), test.unit)])
+    for key in ("trace test", "trace loads"):
+        if test := series.get(key):
+            rows.append([test.title, with_unit(test.value(Tesk.name), test.unit)])
     if traced := series.get("traced"):
         rows += [[f"{traced.title}: {name}", with_unit(traced.value(name), traced.unit)]
                  for name in traced.rounds]
@@ -160,6 +167,7 @@ def sections(bench):
     yield "Growth: whole operations", table_of_growth(series)
     yield "Cost", table_of_costs(series)
     yield "Instructions of the server's own modules", table_of_instructions(series)
+    yield "Instructions of the mailbox library, in user space", table_of_mbx_instructions(series)
     yield "Traces", table_of_traces(series)
 
 

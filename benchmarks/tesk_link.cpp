@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sys/epoll.h>
 #include <unistd.h>
 
 namespace bench
@@ -36,7 +35,6 @@ tesk_link::tesk_link(int64_t patience_ns)
         own = mbx_create_mailbox(nullptr, 0);
     if (own == MBX_NO_MAILBOX)
         fail("no mailbox");
-    epoll = watch(mbx_get_fd());
     while ((server = mbx_locate(TESK_SERVER_NAME)) == MBX_NO_MAILBOX && errno == ENOENT &&
            now_ns() < deadline)
         usleep(100);
@@ -60,7 +58,6 @@ void tesk_link::establish()
 
 tesk_link::~tesk_link()
 {
-    close(epoll);
     mbx_delete_mailbox(own);
 }
 
@@ -80,9 +77,6 @@ void tesk_link::send(uint32_t number, uint32_t port)
 
 uint32_t tesk_link::receive()
 {
-    epoll_event event;
-    while (epoll_wait(epoll, &event, 1, -1) != 1) {
-    }
     mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
     const uint32_t number = signal->number;
     if (is_rejection(number))

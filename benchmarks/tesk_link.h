@@ -21,7 +21,7 @@ class tesk_link
 
     /* Any request but the connection. The port is left out where the request has none. */
     void send(uint32_t number, uint32_t port = 0);
-    /* Waits for the next signal on epoll and gives its number. Throws if it is a rejection. */
+    /* Waits for the next signal and gives its number. Throws if it is a rejection. */
     uint32_t receive();
     /* Waits until a signal of that number has come. */
     void await(uint32_t number);
@@ -36,7 +36,6 @@ class tesk_link
     uint32_t own = MBX_NO_MAILBOX;
     uint32_t server;
     uint32_t connection_ref = 0;
-    int epoll;
 };
 
 } // namespace bench

@@ -65,9 +65,10 @@ void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_
 /* Removes the subscription at `index`; the last one takes its place. */
 void tesk_client_remove_subscription(tesk_client *client, int32_t index);
 
-/* The subscriber of a port and kind that connected last, its `next` leading to the older ones; or
-   null. */
+/* The subscriber of a port and kind that connected last, or null; and the one that connected before
+   it, or null. */
 const tesk_subscriber *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind);
+const tesk_subscriber *tesk_client_next_subscriber(const tesk_subscriber *subscriber);
 
 /* The next client_id is 0 again. There are no clients any more. */
 void tesk_client_data_reset();

@@ -137,7 +137,7 @@ static void tesk_send_port_status_ind_to_subscribers(uint32_t port_no, const tes
 {
     for (const tesk_subscriber *subscriber =
              tesk_client_first_subscriber(port_no, TESK_SUBSCRIPTION_PORT_STATUS);
-         subscriber != nullptr; subscriber = subscriber->next) {
+         subscriber != nullptr; subscriber = tesk_client_next_subscriber(subscriber)) {
         const tesk_client *client = subscriber->client;
         tesk_port_status_cache_ind(port_no, client->client_id, client->conn_ref);
         tesk_send_port_status_ind(client->mbox, client->conn_ref, client->procedure_ref, info);

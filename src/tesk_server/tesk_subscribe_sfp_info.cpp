@@ -104,7 +104,7 @@ static void tesk_send_sfp_info_ind_to_subscribers(uint32_t port_no, uint32_t pre
     get_sfp_info(port_no, presence, &info);
     for (const tesk_subscriber *subscriber =
              tesk_client_first_subscriber(port_no, TESK_SUBSCRIPTION_SFP_INFO);
-         subscriber != nullptr; subscriber = subscriber->next) {
+         subscriber != nullptr; subscriber = tesk_client_next_subscriber(subscriber)) {
         const tesk_client *client = subscriber->client;
         tesk_sfp_info_cache_ind(port_no, client->client_id, client->conn_ref);
         tesk_send_sfp_info_ind(client->mbox, client->conn_ref, client->procedure_ref, port_no,

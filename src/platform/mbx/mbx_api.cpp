@@ -102,8 +102,9 @@ std::vector<pollfd> lingering()
     std::vector<pollfd> found;
     for_each_mailbox([&](mailbox &m) {
         std::lock_guard hold(m.lock);
-        for (auto &[id, c] : m.connections)
+        m.connections.for_each([&](const connection &c) {
             found.push_back({c.tx.get(), POLLOUT, 0});
+        });
     });
     return found;
 }
@@ -112,10 +113,7 @@ void flush_lingering()
 {
     for_each_mailbox([](mailbox &m) {
         std::lock_guard hold(m.lock);
-        for (auto next = m.connections.begin(); next != m.connections.end();) {
-            connection &c = (next++)->second;
-            flush_connection(m, c, INT32_MAX);
-        }
+        m.connections.for_each([&](connection &c) { flush_connection(m, c, INT32_MAX); });
     });
 }
 
@@ -123,8 +121,7 @@ void end_lingering()
 {
     for_each_mailbox([](mailbox &m) {
         std::lock_guard hold(m.lock);
-        while (!m.connections.empty())
-            end_connection(m, m.connections.begin()->second);
+        m.connections.for_each([&](connection &c) { end_connection(m, c); });
     });
 }
 

@@ -149,15 +149,9 @@ void block_give(block *b)
 {
     const uint32_t size_class = b->place & class_mask;
     if (size_class == own_mapping)
-        munmap(b, block_cost(b));
+        munmap(b, sizeof(block) + b->size);
     else
         push_free(b, size_class);
-}
-
-size_t block_cost(const block *b)
-{
-    const uint32_t size_class = b->place & class_mask;
-    return size_class == own_mapping ? b->size + sizeof(block) : unit << size_class;
 }
 
 void block_queue::push(block *b)

@@ -28,7 +28,6 @@ constexpr size_t queued_at_most = size_t{8} << 20;         /* for one receiver *
 constexpr size_t queued_in_all_at_most = size_t{64} << 20; /* in the process */
 
 std::atomic<size_t> queued_in_all;
-std::atomic<uint32_t> last_connection_id{first_connection_id};
 
 enum class outcome { sent, full, broken };
 
@@ -40,13 +39,19 @@ outcome try_send(connection &c, block *b)
     return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? outcome::full : outcome::broken;
 }
 
+/* What a waiting signal counts for: the memory that it fills, not that of its size class. */
+size_t cost_of(const block *b)
+{
+    return sizeof *b + b->size;
+}
+
 /* Takes the next block off the queue and out of the accounts. */
 block *unqueue(connection &c)
 {
     block *b = c.out.pop();
     if (b) {
-        c.out_bytes -= block_cost(b);
-        queued_in_all -= block_cost(b);
+        c.out_bytes -= cost_of(b);
+        queued_in_all -= cost_of(b);
     }
     return b;
 }
@@ -55,7 +60,7 @@ block *unqueue(connection &c)
    past its bound, or when nobody would ever hand it on. */
 void enqueue(mailbox &m, connection &c, block *b)
 {
-    const size_t cost = block_cost(b);
+    const size_t cost = cost_of(b);
     c.out.push(b);
     c.out_bytes += cost;
     queued_in_all += cost;
@@ -76,17 +81,18 @@ void shed_queues()
         std::lock_guard registry(registry_lock);
         for_each_mailbox([&](mailbox &m) {
             std::lock_guard hold(m.lock);
-            for (auto &[id, c] : m.connections)
+            m.connections.for_each([&](const connection &c) {
                 if (c.out_bytes > bytes) {
                     owner = &m;
-                    longest = id;
+                    longest = c.id;
                     bytes = c.out_bytes;
                 }
+            });
         });
         if (!owner)
             return;
         std::lock_guard hold(owner->lock);
-        if (connection *c = find_connection(*owner, longest))
+        if (connection *c = owner->connections.find(longest))
             end_connection(*owner, *c);
     }
 }
@@ -108,6 +114,17 @@ void release_descriptors(connection &c)
     c.rx.reset();
 }
 
+/* Many receivers of the same news are told in the same order each time, and of a thousand each
+   one's connection has left the caches meanwhile. So the next one's is fetched while this one's
+   signal is sent. */
+void expect_next(mailbox &m, connection &c)
+{
+    if (connection *before = m.connections.find(m.sent_last))
+        before->next = c.id;
+    m.sent_last = c.id;
+    m.connections.expect(c.next);
+}
+
 block *find_monitor(block_queue &monitors, uint32_t reference)
 {
     block *b = monitors.head;
@@ -118,39 +135,25 @@ block *find_monitor(block_queue &monitors, uint32_t reference)
 
 } // namespace
 
-/* Counts up, so that an id comes back after two thousand million connections at the earliest. */
-uint32_t next_connection_id()
-{
-    uint32_t id;
-    do {
-        id = last_connection_id.fetch_add(1) & ~mailbox_id_bit;
-    } while (id < first_connection_id);
-    return id;
-}
-
 /* Without a pidfd, which an old kernel may not have, the control connection does alone. */
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
                            const mailbox_token &peer)
 {
     make_room_for_turns(m);
-    uint32_t id = next_connection_id();
-    while (m.connections.contains(id))
-        id = next_connection_id();
-    connection &c = m.connections[id];
-    c.id = id;
+    connection &c = m.connections.add();
     c.process = peer_process(control.get());
     c.peer = peer;
     c.control = std::move(control);
     c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.process, 0)));
     if (c.life)
-        helper_watch_connection(watch_kind::control, c.life.get(), m, id);
+        helper_watch_connection(watch_kind::control, c.life.get(), m, c.id);
     c.rx = std::move(rx);
     c.tx = std::move(tx);
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.u32 = id;
+    event.data.u32 = c.id;
     if (epoll_ctl(m.poll.get(), EPOLL_CTL_ADD, c.rx.get(), &event) == 0 &&
-        helper_watch_connection(watch_kind::control, c.control.get(), m, id))
+        helper_watch_connection(watch_kind::control, c.control.get(), m, c.id))
         return &c;
     const int error = errno;
     end_connection(m, c);
@@ -158,27 +161,23 @@ connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd t
     return nullptr;
 }
 
-connection *find_connection(mailbox &m, uint32_t id)
-{
-    const auto found = m.connections.find(id);
-    return found == m.connections.end() ? nullptr : &found->second;
-}
-
 /* A token alone proves nothing, because those who were told it could repeat it: the process, which
    the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process)
 {
-    for (auto &[id, c] : m.connections)
+    connection *found = nullptr;
+    m.connections.for_each([&](connection &c) {
         if (c.alive() && c.peer == peer && c.process == process)
-            return &c;
-    return nullptr;
+            found = &c;
+    });
+    return found;
 }
 
 void end_connection(mailbox &m, connection &c)
 {
     if (!c.alive())
         return;
-    if (c.rx) {
+    if (c.rx && m.id != 0) {
         /* Shut, it counts as readable: the owner must not see that. */
         epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
         shutdown(c.rx.get(), SHUT_RD);
@@ -192,17 +191,17 @@ void end_connection(mailbox &m, connection &c)
         queue_ahead(m, c, notice);
     }
     if (c.ahead.empty())
-        m.connections.erase(c.id);
+        m.connections.remove(c.id);
 }
 
 void forget_connections(mailbox &m)
 {
-    for (auto &[id, c] : m.connections) {
+    m.connections.for_each([](connection &c) {
         c.ahead.give_all();
         c.monitors.give_all();
         while (block *b = unqueue(c))
             block_give(b);
-    }
+    });
     m.connections.clear();
 }
 
@@ -233,11 +232,12 @@ void send_to_connection(mailbox &m, uint32_t id, uint32_t receiver, block *b)
 {
     {
         std::lock_guard hold(m.lock);
-        connection *c = m.id == id ? find_connection(m, receiver) : nullptr;
+        connection *c = m.id == id ? m.connections.find(receiver) : nullptr;
         if (!c || !c->alive() || b->size > MBX_LARGEST_SIGNAL) {
             block_give(b);
             return;
         }
+        expect_next(m, *c);
         const outcome result = c->out.empty() ? try_send(*c, b) : outcome::full;
         if (result == outcome::full) {
             enqueue(m, *c, b);
@@ -254,7 +254,7 @@ void send_to_connection(mailbox &m, uint32_t id, uint32_t receiver, block *b)
 uint32_t monitor_connection(mailbox &m, uint32_t id, uint32_t target, block *notice)
 {
     std::unique_lock hold(m.lock);
-    connection *c = m.id == id ? find_connection(m, target) : nullptr;
+    connection *c = m.id == id ? m.connections.find(target) : nullptr;
     /* The first monitor of a connection is called as the connection itself, which is how it is
        found again without a search. */
     const bool first = c && c->alive() && !find_monitor(c->monitors, target);
@@ -284,10 +284,9 @@ bool unmonitor_connection(mailbox &m, uint32_t id, uint32_t reference)
     std::lock_guard hold(m.lock);
     if (m.id != id)
         return false;
-    if (connection *c = find_connection(m, reference); c && remove(*c))
+    if (connection *c = m.connections.find(reference); c && remove(*c))
         return true;
-    for (auto &[other, c] : m.connections)
-        if (remove(c))
-            return true;
-    return false;
+    bool removed = false;
+    m.connections.for_each([&](connection &c) { removed = removed || remove(c); });
+    return removed;
 }

@@ -204,7 +204,7 @@ void handle_connection(subject s)
     if (!m)
         return;
     std::lock_guard hold(m->lock);
-    connection *c = find_connection(*m, s.id);
+    connection *c = m->connections.find(s.id);
     if (!c || !c->alive())
         return;
     if (s.kind == watch_kind::control)

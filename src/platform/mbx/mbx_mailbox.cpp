@@ -194,7 +194,8 @@ uint32_t create_mailbox(const char *name)
 }
 
 /* The other way round: nobody finds it, nobody is about to put something in, then it is emptied.
-   What is on its way out lingers with its connection. */
+   What is on its way out lingers with its connection, whose receiving end stays open as well: the
+   other side, when it found that one closed, would take us for dead and read no further. */
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = m.id.exchange(0);
@@ -205,16 +206,14 @@ void delete_mailbox(mailbox &m)
     if (m.name.listener)
         helper_unwatch(m.name.listener.get());
     give_name(m.name);
-    for (auto next = m.connections.begin(); next != m.connections.end();) {
-        connection &c = (next++)->second;
+    m.connections.for_each([&](connection &c) {
         c.monitors.give_all();
         c.ahead.give_all();
-        c.rx.reset();
         if (!c.alive())
-            m.connections.erase(c.id);
+            m.connections.remove(c.id);
         else if (c.out.empty())
             end_connection(m, c);
-    }
+    });
     give_signals(m);
     close_events(m);
     tell_watchers(m, id);

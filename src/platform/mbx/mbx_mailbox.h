@@ -8,46 +8,18 @@
 #include "mbx_block.h"
 #include "mbx_name.h"
 #include "mbx_socket.h"
+#include "mbx_table.h"
 
 #include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <sys/epoll.h>
-#include <unordered_map>
 #include <vector>
-
-/* A connection to another mailbox. It has descriptors while it lives. A dead one stays while
-   signals that were read from it wait for the owner. */
-struct connection {
-    uint32_t id = 0;      /* what the other mailbox is called here; never used twice */
-    bool watched = false; /* the helper waits until tx takes more */
-    pid_t process = 0;
-    mailbox_token peer{};
-    owned_fd control;
-    owned_fd life; /* a pidfd of the process at the other end, where there can be one */
-    owned_fd rx;
-    owned_fd tx;
-    block_queue out; /* what the kernel did not take */
-    size_t out_bytes = 0;
-    block_queue ahead; /* what was read and not yet received */
-    block_queue monitors;
-    uint64_t served = 0; /* when the owner took a signal last */
-    uint64_t look = 0;   /* which look at the sources gave it a turn last */
-    uint32_t batch = 1;  /* how many signals to read at once */
-    uint32_t calm = 0;   /* receptions until the next try to read more than one */
-
-    bool alive() const
-    {
-        return static_cast<bool>(control);
-    }
-};
 
 /* Where signals come from: a connection by its id, or one of these. */
 constexpr uint32_t source_local = 0;  /* sent within the process */
 constexpr uint32_t source_memory = 1; /* what waits in memory: set aside, or read ahead */
-constexpr uint32_t first_connection_id = 16;
-constexpr uint32_t mailbox_id_bit = 0x80000000u; /* set in the ids of our own mailboxes only */
 
 struct receive_buffers;
 struct receive_buffers_deleter {
@@ -75,7 +47,8 @@ struct mailbox {
     owned_fd poll;         /* an epoll over the two events and every rx */
     owned_fd local_event;  /* a semaphore */
     owned_fd memory_event; /* readable while in_memory is not 0 */
-    std::unordered_map<uint32_t, connection> connections;
+    connection_table connections;
+    uint32_t sent_last = 0;
     block_queue watchers; /* monitors of this mailbox by others of the process; sender: who */
 
     /* What is received from. */
@@ -89,8 +62,9 @@ struct mailbox {
     uint64_t looks = 0;
     uint64_t clock = 0; /* counts receptions */
     uint64_t local_served = 0;
-    uint32_t credit =
-        0; /* signals of the only connection before the next look for self-sent ones */
+    uint32_t last = 0;   /* the connection that had the latest turn */
+    uint32_t credit = 0; /* signals of the only connection before the next look for others */
+    uint32_t looked = 0; /* looks until such credit is given again */
     std::unique_ptr<receive_buffers, receive_buffers_deleter> buffers;
 };
 
@@ -136,8 +110,8 @@ mbx_signal *receive_signal(mailbox &m, uint32_t id, const uint32_t *filter, int 
                            uint32_t sender);
 /* With the mailbox's lock held: counts signals into memory and out of it, and keeps memory_event
    to match. */
-void count_into_memory(mailbox &m);
-void count_out_of_memory(mailbox &m);
+void count_into_memory(mailbox &m, size_t signals);
+void count_out_of_memory(mailbox &m, size_t signals);
 /* With the lock held: reads everything from a receiving end that is to be closed. */
 void read_all(mailbox &m, connection &c);
 /* With the lock held: makes what was read ahead known to the receiving side. */
@@ -147,8 +121,6 @@ void queue_ahead(mailbox &m, connection &c, block *b);
 /* Makes a connection from its parts, and puts rx into the mailbox's epoll. Null with errno. */
 connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
                            const mailbox_token &peer);
-/* The connection that is called so, be it alive or dead, or null. */
-connection *find_connection(mailbox &m, uint32_t id);
 /* The living connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process);
 /* Closes it. What the kernel has taken is kept for the owner, then come the monitors' notices. The
@@ -163,4 +135,3 @@ void send_to_connection(mailbox &m, uint32_t id, uint32_t receiver, block *b);
 /* Takes the lock itself. The blocks are the notices. */
 uint32_t monitor_connection(mailbox &m, uint32_t id, uint32_t target, block *notice);
 bool unmonitor_connection(mailbox &m, uint32_t id, uint32_t reference);
-uint32_t next_connection_id();

@@ -1,7 +1,10 @@
 /* The socket's file tells clients where to connect, the lock beside it tells whether its owner
    lives. The lock is a record lock: it is the process's own, a child does not inherit it. Whoever
    holds it may remove what a dead owner left. The lock's file goes away with the name, so whoever
-   has locked one looks whether it is still the one that others will find. */
+   has locked one looks whether it is still the one that others will find.
+
+   Both files follow the directory, whoever starts the server, be it root by hand: who may write in
+   the directory may lock, and so take over from another user who died; its group may connect. */
 #include "mbx_name.h"
 
 #include <cerrno>
@@ -65,10 +68,24 @@ bool is_the_file_at(int fd, const std::string &path)
            ours.st_dev == found.st_dev && ours.st_ino == found.st_ino;
 }
 
+/* Only root may give a file away, and others only to a group of theirs; where neither is possible,
+   the file serves its owner alone. */
+void open_to_writers_of(const struct stat &directory, int lock)
+{
+    struct stat found {
+    };
+    if (fstat(lock, &found) != 0 || found.st_nlink != 1)
+        return; /* a link to something else that a writer has put here */
+    if (found.st_uid != directory.st_uid || found.st_gid != directory.st_gid) [[maybe_unused]]
+        int given = fchown(lock, directory.st_uid, directory.st_gid);
+    const mode_t writers = directory.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH);
+    fchmod(lock, lock_mode | writers | writers << 1);
+}
+
 /* Empty with errno, EADDRINUSE when another process holds it. A file that went away between opening
    and locking was its owner's, who has just given the name back: then there is a new one to lock.
  */
-owned_fd take_lock(const std::string &path)
+owned_fd take_lock(const std::string &path, const struct stat &directory)
 {
     for (;;) {
         owned_fd lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, lock_mode));
@@ -83,14 +100,16 @@ owned_fd take_lock(const std::string &path)
                 errno = EADDRINUSE;
             return {};
         }
-        if (is_the_file_at(lock.get(), path))
+        if (is_the_file_at(lock.get(), path)) {
+            open_to_writers_of(directory, lock.get());
             return lock;
+        }
     }
 }
 
 /* The mode is narrow before the file is there, and right whatever the umask before anybody can
    connect. */
-owned_fd listen_at(const sockaddr_un &address)
+owned_fd listen_at(const sockaddr_un &address, const struct stat &directory)
 {
     owned_fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener)
@@ -100,7 +119,10 @@ owned_fd listen_at(const sockaddr_un &address)
     if (fchmod(listener.get(), socket_mode) != 0 ||
         bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         return {};
-    if (chmod(address.sun_path, socket_mode) != 0 || listen(listener.get(), backlog) != 0) {
+    if (directory.st_gid != getegid()) [[maybe_unused]]
+        int given = lchown(address.sun_path, getuid(), directory.st_gid);
+    if (fchmodat(AT_FDCWD, address.sun_path, socket_mode, AT_SYMLINK_NOFOLLOW) != 0 ||
+        listen(listener.get(), backlog) != 0) {
         const int error = errno;
         unlink(address.sun_path);
         errno = error;
@@ -110,12 +132,16 @@ owned_fd listen_at(const sockaddr_un &address)
 }
 
 /* The installation makes it; where it has not, the first server does, whatever the umask. */
-bool make_directory()
+bool make_directory(struct stat &made)
 {
     const std::string path = directory();
-    if (mkdir(path.c_str(), directory_mode) == 0)
-        return chmod(path.c_str(), directory_mode) == 0;
-    return errno == EEXIST;
+    if (mkdir(path.c_str(), directory_mode) == 0) {
+        if (chmod(path.c_str(), directory_mode) != 0)
+            return false;
+    } else if (errno != EEXIST) {
+        return false;
+    }
+    return stat(path.c_str(), &made) == 0;
 }
 
 int connect_error(int error)
@@ -146,12 +172,14 @@ int take_name(const char *name, owned_name &out)
         return EINVAL;
     if (!make_address(taken.name, address))
         return ENAMETOOLONG;
-    if (!make_directory())
+    struct stat where {
+    };
+    if (!make_directory(where))
         return errno;
-    taken.lock = take_lock(lock_path(taken.name));
+    taken.lock = take_lock(lock_path(taken.name), where);
     if (!taken.lock)
         return errno;
-    taken.listener = listen_at(address);
+    taken.listener = listen_at(address, where);
     if (!taken.listener) {
         const int error = errno;
         unlink(lock_path(taken.name).c_str());

@@ -7,7 +7,8 @@
    between a signal's arrival and its reception every other source is served once at most.
 
    The look costs as much as a signal. It is spared where there is nobody to be fair to: of the only
-   connection of a mailbox a few signals are taken before the next look.
+   connection of a mailbox a few signals are taken before the next look, and who is going to wait
+   for it does not look first.
 
    From a connection that had several signals in a row a batch is read at once. What is read ahead
    keeps its place: the connection still gives one signal a turn, and the memory event holds the
@@ -31,6 +32,7 @@ constexpr uint32_t calm_at_most = 64;      /* between two tries to read several 
 constexpr size_t in_memory_at_most = 1024; /* no reading ahead beyond */
 constexpr int events_at_most = 32;         /* after a wait, which is for the first one */
 constexpr uint32_t unlooked_at_most = 7;   /* signals of one who is alone */
+constexpr uint32_t looked_at_least = 64;   /* looks after a try without one was in vain */
 
 } // namespace
 
@@ -67,10 +69,13 @@ receive_buffers &need_buffers(mailbox &m)
     return *buffers;
 }
 
+/* A datagram that is too short for a number came from no library of ours; what it lacks is 0. So
+   whatever makes the end readable is a signal. */
 block *make_block(const connection &c, const std::byte *data, size_t size)
 {
-    block *b = block_take(size);
+    block *b = block_take(std::max(size, sizeof(mbx_signal)));
     b->sender = c.id;
+    b->signal()->number = 0;
     std::memcpy(b->signal(), data, size);
     return b;
 }
@@ -79,7 +84,7 @@ block *read_one(mailbox &m, connection &c)
 {
     receive_buffers &buffers = need_buffers(m);
     const ssize_t size = recv(c.rx.get(), buffers.data[0], MBX_LARGEST_SIGNAL, MSG_DONTWAIT);
-    return size > 0 ? make_block(c, buffers.data[0], static_cast<size_t>(size)) : nullptr;
+    return size >= 0 ? make_block(c, buffers.data[0], static_cast<size_t>(size)) : nullptr;
 }
 
 /* Returns the first and queues the rest. */
@@ -140,7 +145,7 @@ block *take_local(mailbox &m)
 block *take_ahead(mailbox &m, connection &c)
 {
     block *b = c.ahead.pop();
-    count_out_of_memory(m);
+    count_out_of_memory(m, 1);
     std::erase(m.ahead, c.id);
     if (!c.ahead.empty())
         m.ahead.push_back(c.id);
@@ -151,7 +156,7 @@ block *take_ahead(mailbox &m, connection &c)
    its last signal is taken. */
 block *take_from_connection(mailbox &m, uint32_t id)
 {
-    connection *c = find_connection(m, id);
+    connection *c = m.connections.find(id);
     if (!c)
         return nullptr;
     block *b = nullptr;
@@ -160,15 +165,16 @@ block *take_from_connection(mailbox &m, uint32_t id)
     else if (c->alive())
         b = read_some(m, *c);
     c->served = ++m.clock;
+    m.last = id;
     if (!c->alive() && c->ahead.empty())
-        m.connections.erase(id);
+        m.connections.remove(id);
     return b;
 }
 
 /* A connection may be reported twice: it has something in the kernel and something ahead. */
 void add_turn(mailbox &m, uint32_t source)
 {
-    connection *c = source == source_local ? nullptr : find_connection(m, source);
+    connection *c = source == source_local ? nullptr : m.connections.find(source);
     if (source != source_local && (!c || c->look == m.looks))
         return;
     if (c)
@@ -195,17 +201,33 @@ void give_turns(mailbox &m, const epoll_event *events, int count)
     if (m.turns.size() > 1)
         std::sort(m.turns.begin(), m.turns.end(),
                   [](const turn &a, const turn &b) { return a.served < b.served; });
-    m.credit = unlooked_at_most;
+    m.credit = m.looked > 0 ? 0 : unlooked_at_most;
+    m.looked -= m.looked > 0;
 }
 
-block *take_next(mailbox &m)
+/* Tries the only connection without a look, unless something was sent within the process, which has
+   its turn too. Who finds nothing there waits for each signal, as most clients do, and does not try
+   again for a while. */
+block *take_unlooked(mailbox &m)
 {
-    /* A mailbox with one connection need not look for others before each signal. */
-    if (m.turn_next == m.turns.size() && m.connections.size() == 1 && m.credit > 0) {
-        m.credit--;
-        if (block *b = take_from_connection(m, m.connections.begin()->first))
-            return b;
+    if (m.credit == 0 || !m.local.empty() || m.pushed.load(std::memory_order_relaxed))
+        return nullptr;
+    m.credit--;
+    block *b = take_from_connection(m, m.last);
+    if (!b) {
+        m.credit = 0;
+        m.looked = looked_at_least;
     }
+    return b;
+}
+
+/* Null when nothing is there, or when the caller is going to wait and nothing is known to be. */
+block *take_next(mailbox &m, bool waits)
+{
+    const bool alone = m.connections.size() == 1;
+    if (alone && m.turn_next == m.turns.size())
+        if (block *b = take_unlooked(m))
+            return b;
     for (;;) {
         while (m.turn_next < m.turns.size()) {
             const uint32_t source = m.turns[m.turn_next++].source;
@@ -213,6 +235,8 @@ block *take_next(mailbox &m)
             if (b)
                 return b;
         }
+        if (alone && waits)
+            return nullptr;
         const int room = static_cast<int>(m.ready.size());
         give_turns(m, m.ready.data(), epoll_wait(m.poll.get(), m.ready.data(), room, 0));
         if (m.turns.empty())
@@ -236,19 +260,27 @@ block *take_set_aside(mailbox &m, const uint32_t *filter, uint32_t sender)
     for (block *b = m.set_aside.head; b; before = b, b = b->next) {
         if (!matches(b, filter, sender))
             continue;
-        count_out_of_memory(m);
+        count_out_of_memory(m, 1);
         return m.set_aside.remove_after(before);
     }
     return nullptr;
 }
 
+size_t length(const block_queue &queue)
+{
+    size_t count = 0;
+    for (const block *b = queue.head; b; b = b->next)
+        count++;
+    return count;
+}
+
 /* What does not match stays in the mailbox, in its order and before all that comes later. */
-block *take_matching(mailbox &m, const uint32_t *filter, uint32_t sender)
+block *take_matching(mailbox &m, const uint32_t *filter, uint32_t sender, bool waits)
 {
     block *b = take_set_aside(m, filter, sender);
-    while (!b && (b = take_next(m)) && !matches(b, filter, sender)) {
+    while (!b && (b = take_next(m, waits)) && !matches(b, filter, sender)) {
         m.set_aside.push(std::exchange(b, nullptr));
-        count_into_memory(m);
+        count_into_memory(m, 1);
     }
     return b;
 }
@@ -264,20 +296,22 @@ void make_room_for_turns(mailbox &m)
 
 /* Both under the lock, so that the event is up exactly while the count is not 0 for everybody who
    can see the two. */
-void count_into_memory(mailbox &m)
+void count_into_memory(mailbox &m, size_t signals)
 {
-    if (m.in_memory++ == 0) {
+    if (m.in_memory == 0 && signals > 0) {
         const uint64_t one = 1;
         [[maybe_unused]] ssize_t n = write(m.memory_event.get(), &one, sizeof one);
     }
+    m.in_memory += signals;
 }
 
-void count_out_of_memory(mailbox &m)
+void count_out_of_memory(mailbox &m, size_t signals)
 {
-    if (--m.in_memory == 0) {
+    if (m.in_memory == signals && signals > 0) {
         uint64_t sum;
         [[maybe_unused]] ssize_t n = read(m.memory_event.get(), &sum, sizeof sum);
     }
+    m.in_memory -= signals;
 }
 
 void queue_ahead(mailbox &m, connection &c, block *b)
@@ -285,7 +319,7 @@ void queue_ahead(mailbox &m, connection &c, block *b)
     if (c.ahead.empty())
         m.ahead.push_back(c.id);
     c.ahead.push(b);
-    count_into_memory(m);
+    count_into_memory(m, 1);
 }
 
 void read_all(mailbox &m, connection &c)
@@ -294,6 +328,8 @@ void read_all(mailbox &m, connection &c)
         queue_ahead(m, c, b);
 }
 
+/* Those that were passed over don't count while their owner waits for another one: they would keep
+   the wait from waiting. */
 mbx_signal *receive_signal(mailbox &m, uint32_t id, const uint32_t *filter, int timeout_ms,
                            uint32_t sender)
 {
@@ -302,18 +338,22 @@ mbx_signal *receive_signal(mailbox &m, uint32_t id, const uint32_t *filter, int 
         deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     std::unique_lock hold(m.lock);
     while (m.id == id) {
-        if (block *b = take_matching(m, filter, sender))
+        if (block *b = take_matching(m, filter, sender, timeout_ms != 0))
             return b->signal();
         const int left = timeout_ms > 0 ? milliseconds_until(deadline) : timeout_ms;
         if (left == 0)
             break;
-        const int poll = m.poll.get();
         epoll_event events[events_at_most];
+        const int poll = m.poll.get();
+        const size_t passed_over = length(m.set_aside);
+        count_out_of_memory(m, passed_over);
         hold.unlock();
         const int count = epoll_wait(poll, events, events_at_most, left);
         hold.lock();
-        if (m.id == id)
-            give_turns(m, events, std::max(count, 0));
+        if (m.id != id)
+            break;
+        count_into_memory(m, passed_over);
+        give_turns(m, events, std::max(count, 0));
     }
     return nullptr;
 }

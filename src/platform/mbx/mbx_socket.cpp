@@ -1,7 +1,7 @@
 /* A peer is handed the sending end of a datagram pair and nothing else. It may do to that end
    whatever it likes: shut it down, connect it elsewhere, pass it on. None of that shows on the
-   receiving end, and a filter on the receiving end drops in the kernel what can't be a signal, so
-   that the receiving end is readable exactly while a signal waits in it. */
+   receiving end, which is readable exactly while a datagram waits in it, and every datagram is
+   received as a signal. */
 #include "mbx_socket.h"
 
 #include "mbx.h"
@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <linux/filter.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -35,20 +34,6 @@ union one_descriptor {
     char bytes[CMSG_SPACE(sizeof(int))];
 };
 constexpr size_t one_descriptor_length = CMSG_LEN(sizeof(int));
-
-/* Says by length what is kept: it must have a number and must not be longer than a signal. */
-bool drop_what_is_no_signal(int rx)
-{
-    sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
-        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, sizeof(mbx_signal), 0, 2),
-        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, MBX_LARGEST_SIGNAL, 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
-        BPF_STMT(BPF_RET | BPF_K, 0),
-    };
-    sock_fprog program = {.len = std::size(code), .filter = code};
-    return setsockopt(rx, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
-}
 
 int socket_option(int fd, int option)
 {
@@ -104,10 +89,7 @@ datagram_pair make_datagram_pair()
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) != 0)
         return {};
-    datagram_pair pair{owned_fd(ends[0]), owned_fd(ends[1])};
-    if (!drop_what_is_no_signal(pair.rx.get()))
-        return {};
-    return pair;
+    return {owned_fd(ends[0]), owned_fd(ends[1])};
 }
 
 /* Early in a system's life the call may be interrupted: then it is repeated. */

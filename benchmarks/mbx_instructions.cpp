@@ -1,0 +1,111 @@
+/* mbx_instructions - what libmbx spends in user space on a signal, for callgrind to count: a
+   server's mailbox and some clients in processes of their own, which answer each signal with one,
+   so that everything comes in the same order each time. Prints, as JSON, how often each thing was
+   done; callgrind writes one profile for each. */
+#include "harness.h"
+
+#include "platform/mbx/mbx.h"
+
+#include <csignal>
+#include <functional>
+#include <poll.h>
+#include <unistd.h>
+#include <valgrind/callgrind.h>
+#include <vector>
+
+namespace
+{
+
+using namespace bench;
+
+constexpr uint32_t times = 200;
+constexpr char name[] = "instructions";
+
+std::string results;
+std::vector<uint32_t> clients;
+
+void send(uint32_t receiver)
+{
+    mbx_signal *signal = mbx_alloc(event_size, 1);
+    mbx_send(&signal, receiver, MBX_OWN_MAILBOX);
+}
+
+struct received {
+    uint32_t number;
+    uint32_t sender;
+};
+
+/* As a server does: it is called when the descriptor is readable, and for any signal. */
+received receive()
+{
+    pollfd wanted = {mbx_get_fd(), POLLIN, 0};
+    while (poll(&wanted, 1, -1) != 1) {
+    }
+    mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
+    const received result = {signal->number, mbx_sender(signal)};
+    mbx_free(&signal);
+    return result;
+}
+
+[[noreturn]] void be_a_client()
+{
+    if (mbx_init(5, 0, 0, 0, 0) != 0 || mbx_create_mailbox(nullptr, 0) == MBX_NO_MAILBOX)
+        _exit(1);
+    const uint32_t server = mbx_locate(name);
+    mbx_monitor(server, nullptr);
+    do
+        send(server);
+    while (receive().number != MBX_MONITOR_DEFAULT_NO);
+    _exit(0);
+}
+
+void add_client()
+{
+    if (need(fork(), "fork") == 0)
+        be_a_client();
+    clients.push_back(receive().sender);
+}
+
+void count(const char *what, const std::function<void()> &run)
+{
+    run(); /* what is done once only */
+    CALLGRIND_ZERO_STATS;
+    for (uint32_t index = 0; index < times; index++)
+        run();
+    CALLGRIND_DUMP_STATS_AT(what);
+    results += (results.empty() ? "{" : ",\n ") + ("\"" + std::string(what)) +
+               "\": {\"times\": " + std::to_string(times) + "}";
+}
+
+void exchange_with_each()
+{
+    for (const uint32_t client : clients)
+        send(client);
+    for (size_t answers = 0; answers < clients.size(); answers++)
+        receive();
+}
+
+int run(std::span<char *>)
+{
+    if (mbx_init(5, 0, 0, 0, 0) != 0)
+        fail("no mailbox library");
+    const uint32_t own = mbx_create_mailbox(name, 0);
+    if (own == MBX_NO_MAILBOX)
+        fail("no mailbox");
+    count("a signal to oneself and its reception", [own] { send(own), receive(); });
+    add_client();
+    count("a signal to the only client and its answer", exchange_with_each);
+    for (int more = 1; more < 10; more++)
+        add_client();
+    count("a signal to each of 10 clients and their answers", exchange_with_each);
+    puts((results + "}").c_str());
+    mbx_exit();
+    return 0;
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    return report_failures(run, count, words);
+}
