@@ -8,6 +8,12 @@
    bounded: past the bound the connection ends for both sides, so that a receiver sees a death but
    never a gap.
 
+   A monitor is its notice, a block that waits for the death: of a mailbox elsewhere with the
+   connection to it, of one in this process with the mailbox itself (its `watchers`), and of one
+   that is dead already it goes on its way at once. The reference of a monitor is in the block's
+   word. The first monitor of a connection bears the connection's id, so that the usual one, a
+   single monitor of each client, is given up without a search.
+
    When a connection ends, our receiving end is shut first, so that nothing can follow; what the
    kernel had taken is read into memory, the notices go behind it, and the descriptors are closed at
    once. From then on a dead connection is memory only. */
@@ -255,8 +261,6 @@ uint32_t monitor_connection(mailbox &m, uint32_t id, uint32_t target, block *not
 {
     std::unique_lock hold(m.lock);
     connection *c = m.id == id ? m.connections.find(target) : nullptr;
-    /* The first monitor of a connection is called as the connection itself, which is how it is
-       found again without a search. */
     const bool first = c && c->alive() && !find_monitor(c->monitors, target);
     const uint32_t reference = first ? target : next_connection_id();
     notice->word.store(reference, std::memory_order_relaxed);

@@ -277,12 +277,15 @@ size_t length(const block_queue &queue)
 /* What does not match stays in the mailbox, in its order and before all that comes later. */
 block *take_matching(mailbox &m, const uint32_t *filter, uint32_t sender, bool waits)
 {
-    block *b = take_set_aside(m, filter, sender);
-    while (!b && (b = take_next(m, waits)) && !matches(b, filter, sender)) {
-        m.set_aside.push(std::exchange(b, nullptr));
+    if (block *b = take_set_aside(m, filter, sender))
+        return b;
+    for (;;) {
+        block *b = take_next(m, waits);
+        if (!b || matches(b, filter, sender))
+            return b;
+        m.set_aside.push(b);
         count_into_memory(m, 1);
     }
-    return b;
 }
 
 } // namespace
