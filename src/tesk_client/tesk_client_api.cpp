@@ -31,15 +31,12 @@ int start_mailbox_library()
 /* TESK_CLIENT_OK where the caller may work on the session. */
 tesk_client_result check_caller(const tesk_client_session *session, bool waits)
 {
-    if (session == nullptr) {
+    if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no session");
-    }
-    if (!session->belongs_to_caller()) {
+    if (!session->belongs_to_caller())
         return fail(TESK_CLIENT_MISUSE, "the session belongs to another thread");
-    }
-    if (waits && session->in_callback()) {
+    if (waits && session->in_callback())
         return fail(TESK_CLIENT_MISUSE, "a callback can't wait: use tesk_client_request");
-    }
     return TESK_CLIENT_OK;
 }
 
@@ -65,18 +62,15 @@ tesk_client_result call_and_wait(tesk_client_session *session, tesk_client_reque
         call->done = true;
         call->result = answer->result;
         call->text = answer->text;
-        if (answer->result == TESK_CLIENT_OK) {
+        if (answer->result == TESK_CLIENT_OK)
             call->take(*answer);
-        }
     };
     tesk_client_result result = check_caller(session, true);
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         return result;
-    }
     result = session->request(type, port_no, answered, &state);
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         return fail(result);
-    }
     while (!state.done) { /* its deadline sees to it */
         session->wait(-1);
         session->dispatch();
@@ -93,18 +87,15 @@ void ignore_answer(const tesk_client_answer &)
 tesk_client_result tesk_client_connect(const tesk_client_options *options,
                                        tesk_client_session **session)
 try {
-    if (session == nullptr) {
+    if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no place for the session");
-    }
     *session = nullptr;
-    if (start_mailbox_library() != 0) {
+    if (start_mailbox_library() != 0)
         return fail(TESK_CLIENT_FAILED, "the mailbox library doesn't start");
-    }
     auto made = std::make_unique<tesk_client_session>(options ? *options : tesk_client_options{});
     const outcome connected = made->connect();
-    if (connected.result != TESK_CLIENT_OK) {
+    if (connected.result != TESK_CLIENT_OK)
         return fail(connected.result, connected.text);
-    }
     *session = made.release();
     return TESK_CLIENT_OK;
 } catch (const std::system_error &error) {
@@ -113,9 +104,8 @@ try {
 
 void tesk_client_close(tesk_client_session *session)
 {
-    if (session == nullptr || check_caller(session, true) != TESK_CLIENT_OK) {
+    if (session == nullptr || check_caller(session, true) != TESK_CLIENT_OK)
         return;
-    }
     session->cancel();
     delete session;
 }

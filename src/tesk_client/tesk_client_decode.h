@@ -15,9 +15,8 @@
 template <typename record_type>
 std::optional<record_type> copy_of(const mbx_signal *signal)
 {
-    if (mbx_size(signal) < sizeof(record_type)) {
+    if (mbx_size(signal) < sizeof(record_type))
         return std::nullopt;
-    }
     record_type record;
     std::memcpy(&record, signal, sizeof record);
     return record;
@@ -28,9 +27,8 @@ template <typename record_type>
 std::optional<record_type> host_copy_of(const mbx_signal *signal)
 {
     std::optional<record_type> record = copy_of<record_type>(signal);
-    if (record) {
+    if (record)
         tesk_turn(*record);
-    }
     return record;
 }
 

@@ -60,8 +60,7 @@ const char *tesk_client_text(tesk_client_enumeration enumeration, uint32_t value
 {
     const auto index = static_cast<size_t>(enumeration);
     if (index >= std::size(enumerations) || value >= enumerations[index].size() ||
-        enumerations[index][value] == nullptr) {
+        enumerations[index][value] == nullptr)
         return "unknown";
-    }
     return enumerations[index][value];
 }

@@ -57,11 +57,10 @@ void report_answer(const settings &settings, const reporter &report, uint64_t se
     const bool answered = answer.result == TESK_CLIENT_OK;
     if (settings.json) {
         json_object object = {{"event", answered ? "answer" : "no answer"}, {"seq", sequence}};
-        if (answered) {
+        if (answered)
             object["time_ms"] = time;
-        } else {
+        else
             object["text"] = answer.text;
-        }
         report.object(object);
     } else if (answered) {
         report.line(fmt::format("answer from tesk-server: seq={} time={:.3f} ms", sequence, time));
@@ -81,21 +80,19 @@ void report_statistics(const settings &settings, const reporter &report,
                               {"requests", done},
                               {"answers", seen.answered},
                               {"loss_percent", loss}};
-        if (seen.answered > 0) {
+        if (seen.answered > 0)
             object.update({{"min_ms", seen.shortest},
                            {"avg_ms", seen.average()},
                            {"max_ms", seen.longest},
                            {"mdev_ms", seen.deviation()}});
-        }
         return report.object(object);
     }
     report.line(fmt::format("\n--- tesk-server ping statistics ---\n"
                             "{} requests, {} answers, {:.0f}% lost",
                             done, seen.answered, loss));
-    if (seen.answered > 0) {
+    if (seen.answered > 0)
         report.line(fmt::format("rtt min/avg/max/mdev = {:.3f}/{:.3f}/{:.3f}/{:.3f} ms",
                                 seen.shortest, seen.average(), seen.longest, seen.deviation()));
-    }
 }
 
 } // namespace
@@ -113,13 +110,11 @@ exit_code run_ping(const settings &settings, const ping_options &options)
         session.request(
             TESK_CLIENT_REQUEST_CAPABILITIES, 0, [&, sequence, start](const auto &answer) {
                 const std::chrono::duration<double, std::milli> time = steady_clock::now() - start;
-                if (answer.result == TESK_CLIENT_CANCELLED) {
+                if (answer.result == TESK_CLIENT_CANCELLED)
                     return;
-                }
                 seen.open--;
-                if (answer.result == TESK_CLIENT_OK) {
+                if (answer.result == TESK_CLIENT_OK)
                     seen.add(time.count());
-                }
                 report_answer(settings, report, sequence, answer, time.count());
             });
     };
@@ -132,9 +127,8 @@ exit_code run_ping(const settings &settings, const ping_options &options)
                 std::chrono::duration<double>(options.interval));
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
-        if (loop.wait(session, end) == event_loop::wake::signal) {
+        if (loop.wait(session, end) == event_loop::wake::signal)
             break;
-        }
     }
     report_statistics(settings, report, seen);
     return seen.answered > 0 ? exit_done : exit_no_answer;
@@ -165,11 +159,9 @@ exit_code run_watch(const settings &settings, const watch_options &options)
         code = std::max(code, exit_code_of(answer.result));
     });
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
-           (!end || steady_clock::now() < *end)) {
+           (!end || steady_clock::now() < *end))
         loop.wait(session, end);
-    }
-    if (session.connected()) {
+    if (session.connected())
         request_all(loop, session, held, [](const tesk_client_answer &) {});
-    }
     return code;
 }

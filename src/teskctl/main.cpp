@@ -106,9 +106,8 @@ class command_line
         CLI::App *watch = add("watch", "Print what changes, as it changes", [this] {
             watch_.sfp = parse_ports(sfp_);
             watch_.status = parse_ports(status_);
-            if (watch_.sfp.empty() && watch_.status.empty()) {
+            if (watch_.sfp.empty() && watch_.status.empty())
                 throw tool_error(exit_usage, "watch what? Name ports with --sfp or --status");
-            }
             return run_watch(settings_, watch_);
         });
         add_ports(watch, "--sfp", sfp_, "Watch the modules in these ports");
@@ -150,9 +149,8 @@ class command_line
 int main(int argc, char **argv)
 try {
     const int code = command_line().run(argc, argv);
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         throw tool_error(exit_no_output, "output could not be written: is the disk full?");
-    }
     return code;
 } catch (const tool_error &error) {
     std::fflush(stdout);

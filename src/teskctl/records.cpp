@@ -26,18 +26,16 @@ std::string all_bytes(const char (&field)[width])
 std::string key_of(uint32_t measurement)
 {
     std::string key = tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, measurement);
-    for (char &letter : key) {
+    for (char &letter : key)
         letter = letter == ' ' ? '_' : letter;
-    }
     return key;
 }
 
 json_object levels_to_json(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 {
     json_object levels;
-    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++) {
+    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++)
         levels[key_of(i)] = tesk_client_text(TESK_CLIENT_TEXT_LEVEL, level[i]);
-    }
     return levels;
 }
 
@@ -59,18 +57,15 @@ json_object dbm_or_null(bool has, uint32_t microwatts)
 std::string describe(const tesk_client_sfp_info &info)
 {
     const char *type = tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type);
-    if (info.type == TESK_CLIENT_SFP_NOT_PRESENT) {
+    if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
         return type;
-    }
     std::string text = type;
     auto add = [&text](const char *label, const std::string &value) {
-        if (!value.empty()) {
+        if (!value.empty())
             text += fmt::format(", {} {}", label, value);
-        }
     };
-    if (info.speed != 0) {
+    if (info.speed != 0)
         text += ", " + gbps(info.speed);
-    }
     add("vendor", module_text(info.vendor_name));
     add("part", module_text(info.vendor_pn));
     add("rev", module_text(info.vendor_rev));
@@ -97,10 +92,9 @@ std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
                 names += tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i);
             }
         }
-        if (!names.empty()) {
+        if (!names.empty())
             text += fmt::format("{}{}: {}", text.empty() ? "" : "; ",
                                 tesk_client_text(TESK_CLIENT_TEXT_LEVEL, wanted), names);
-        }
     }
     return text;
 }
@@ -108,9 +102,8 @@ std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 std::string describe(const tesk_client_port_status &status)
 {
     std::string text = tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link);
-    if (status.link == TESK_CLIENT_LINK_OPERATIONAL) {
+    if (status.link == TESK_CLIENT_LINK_OPERATIONAL)
         text += " " + gbps(status.link_speed);
-    }
     return fmt::format("{}, module {}, environment {}; {}", text,
                        tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, status.sfp_type),
                        tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, status.environment),

@@ -44,9 +44,8 @@ void screen::enter()
 void screen::leave()
 {
     write_out(leave_sequence);
-    if (has_keys_) {
+    if (has_keys_)
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
-    }
 }
 
 void screen::suspend()
@@ -59,8 +58,7 @@ void screen::suspend()
 void screen::draw(const std::vector<std::string> &lines, size_t height) const
 {
     std::string frame = "\x1b[H";
-    for (size_t i = 0; i < std::min(lines.size(), height); i++) {
+    for (size_t i = 0; i < std::min(lines.size(), height); i++)
         frame += (i == 0 ? "" : "\r\n") + lines[i] + clear_to_end_of_line;
-    }
     write_out(frame + clear_below);
 }

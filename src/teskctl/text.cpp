@@ -29,9 +29,8 @@ std::vector<std::string> wrap(std::string_view text, size_t width)
     std::vector<std::string> lines;
     while (width > 0 && display_width(text) > width) {
         size_t end = text.rfind(' ', width);
-        if (end == std::string_view::npos || end == 0) {
+        if (end == std::string_view::npos || end == 0)
             end = width;
-        }
         lines.emplace_back(text.substr(0, end));
         text.remove_prefix(std::min(text.size(), text.find_first_not_of(' ', end)));
     }
@@ -44,24 +43,21 @@ std::vector<std::string> wrap(std::string_view text, size_t width)
 std::string escape(std::string_view bytes)
 {
     std::string text;
-    for (const char byte : bytes) {
-        if (byte == '\\') {
+    for (const char byte : bytes)
+        if (byte == '\\')
             text += "\\\\";
-        } else if (byte >= ' ' && byte <= '~') {
+        else if (byte >= ' ' && byte <= '~')
             text += byte;
-        } else {
+        else
             text += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
-        }
-    }
     return text;
 }
 
 std::string paint(const std::string &text, tint shade, bool enabled)
 {
     static constexpr const char *codes[] = {"", "32", "33", "31", "2", "1"};
-    if (!enabled || shade == tint::none) {
+    if (!enabled || shade == tint::none)
         return text;
-    }
     return fmt::format("\x1b[{}m{}\x1b[0m", codes[static_cast<size_t>(shade)], text);
 }
 
@@ -75,9 +71,8 @@ size_t display_width(std::string_view text)
 std::string fit(std::string_view text, size_t width)
 {
     const size_t taken = display_width(text);
-    if (taken <= width) {
+    if (taken <= width)
         return std::string(text) + std::string(width - taken, ' ');
-    }
     return std::string(text.substr(0, width));
 }
 
@@ -143,21 +138,18 @@ std::string table::text(size_t width) const
     std::vector<size_t> widths(last, 0);
     size_t indent = 0;
     for (size_t i = 0; i < last; i++) {
-        for (const auto &row : rows_) {
+        for (const auto &row : rows_)
             widths[i] = std::max(widths[i], display_width(row[i]));
-        }
         indent += widths[i] + gap;
     }
     const size_t room = width == 0 ? 0 : std::max(width, indent + narrowest) - indent;
     std::string text;
     for (const auto &row : rows_) {
-        for (size_t i = 0; i < last; i++) {
+        for (size_t i = 0; i < last; i++)
             text += fit(row[i], widths[i] + gap);
-        }
         bool first = true;
-        for (const std::string &line : wrap(row[last], room)) {
+        for (const std::string &line : wrap(row[last], room))
             text += (std::exchange(first, false) ? "" : std::string(indent, ' ')) + line + "\n";
-        }
     }
     return text;
 }

@@ -31,9 +31,8 @@ std::string group_of_mailbox()
     struct stat status {
     };
     if (stat((directory + "/" + server_name).c_str(), &status) != 0 &&
-        stat(directory.c_str(), &status) != 0) {
+        stat(directory.c_str(), &status) != 0)
         return "the one that owns " + directory;
-    }
     const group *owner = getgrgid(status.st_gid);
     return owner != nullptr ? fmt::format("\"{}\"", owner->gr_name)
                             : fmt::format("{}", status.st_gid);
@@ -42,9 +41,8 @@ std::string group_of_mailbox()
 std::optional<winsize> window()
 {
     winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
         return std::nullopt;
-    }
     return size;
 }
 
@@ -107,24 +105,20 @@ session::session(const settings &settings, handlers called, bool reconnect)
     options.reconnect = reconnect;
     options.user = &handlers_;
     options.on_sfp_info = [](const tesk_client_sfp_info *info, void *user) {
-        if (auto *to = static_cast<session::handlers *>(user); to->sfp_info) {
+        if (auto *to = static_cast<session::handlers *>(user); to->sfp_info)
             to->sfp_info(*info);
-        }
     };
     options.on_port_status = [](const tesk_client_port_status *status, void *user) {
-        if (auto *to = static_cast<session::handlers *>(user); to->port_status) {
+        if (auto *to = static_cast<session::handlers *>(user); to->port_status)
             to->port_status(*status);
-        }
     };
     options.on_event = [](const tesk_client_event *event, void *user) {
-        if (auto *to = static_cast<session::handlers *>(user); to->event) {
+        if (auto *to = static_cast<session::handlers *>(user); to->event)
             to->event(*event);
-        }
     };
     const tesk_client_result result = tesk_client_connect(&options, &session_);
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
-    }
 }
 
 session::~session()
@@ -143,9 +137,8 @@ void session::request(tesk_client_request_type type, uint32_t port_no, answered 
             (*call)(*answer);
         },
         owned.get());
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
-    }
     static_cast<void>(owned.release()); /* the callback has it now */
 }
 
@@ -153,14 +146,12 @@ event_loop::event_loop(const std::vector<int> &signals)
 {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : signals) {
+    for (const int number : signals)
         sigaddset(&set, number);
-    }
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal_fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (signal_fd_ < 0) {
+    if (signal_fd_ < 0)
         throw tool_error(exit_no_server, "signalfd failed: too many open files?");
-    }
 }
 
 event_loop::~event_loop()
@@ -179,9 +170,8 @@ event_loop::wake event_loop::wait(const session &session, std::optional<steady_t
             std::chrono::ceil<std::chrono::milliseconds>(*end - std::chrono::steady_clock::now());
         timeout = static_cast<int>(std::clamp<int64_t>(left.count(), 0, 3'600'000));
     }
-    if (poll(polled, std::size(polled), timeout) <= 0) {
+    if (poll(polled, std::size(polled), timeout) <= 0)
         return wake::time;
-    }
     signalfd_siginfo info{};
     if (polled[1].revents != 0 && read(signal_fd_, &info, sizeof info) == sizeof info) {
         signal_ = static_cast<int>(info.ssi_signo);
@@ -200,9 +190,8 @@ std::vector<port_request> requests_for(tesk_client_request_type type,
 {
     std::vector<port_request> requests;
     requests.reserve(ports.size());
-    for (const uint32_t port : ports) {
+    for (const uint32_t port : ports)
         requests.push_back({type, port});
-    }
     return requests;
 }
 

@@ -35,15 +35,13 @@ class top
     exit_code run()
     {
         const steady_time start = steady_clock::now();
-        if (options_.seconds > 0) {
+        if (options_.seconds > 0)
             end_ = start + seconds(options_.seconds);
-        }
         const std::vector<port_request> held = subscribe();
         if (!held.empty()) {
             follow();
-            if (session_.connected()) {
+            if (session_.connected())
                 request_all(loop_, session_, held, [](const tesk_client_answer &) {});
-            }
         }
         return code_;
     }
@@ -58,22 +56,19 @@ class top
     void hear(const record_type &record)
     {
         view_.heard(record);
-        if (!on_screen()) {
+        if (!on_screen())
             report_.heard(record);
-        }
     }
 
     void hear_event(const tesk_client_event &event)
     {
         const std::string time = clock_time(now_us()).substr(0, 8);
-        if (event.type == TESK_CLIENT_EVENT_LOST) {
+        if (event.type == TESK_CLIENT_EVENT_LOST)
             state_ = fmt::format("away since {}, waiting for it", time);
-        } else if (event.type == TESK_CLIENT_EVENT_RESTORED) {
+        else if (event.type == TESK_CLIENT_EVENT_RESTORED)
             state_ = fmt::format("back since {}", time);
-        }
-        if (!on_screen()) {
+        if (!on_screen())
             report_.heard(event);
-        }
     }
 
     std::vector<port_request> subscribe()
@@ -91,17 +86,15 @@ class top
     {
         for (const uint32_t port_no : options_.ports) {
             port_view &view = view_.port(port_no);
-            if (view.reading || !session_.connected()) {
+            if (view.reading || !session_.connected())
                 continue;
-            }
             view.reading = true;
             session_.request(
                 TESK_CLIENT_REQUEST_PM, port_no, [this, &view](const tesk_client_answer &answer) {
                     view.reading = false;
                     view.pm = answer.pm != nullptr ? std::optional(*answer.pm) : std::nullopt;
-                    if (view.pm && !on_screen()) {
+                    if (view.pm && !on_screen())
                         report_.heard(*view.pm);
-                    }
                 });
         }
     }
@@ -109,12 +102,10 @@ class top
     /* False when the command is to end. */
     bool handle_signal(std::optional<screen> &page)
     {
-        if (loop_.signal() == SIGWINCH) {
+        if (loop_.signal() == SIGWINCH)
             return true;
-        }
-        if (loop_.signal() != SIGTSTP) {
+        if (loop_.signal() != SIGTSTP)
             return false;
-        }
         page ? page->suspend() : void(raise(SIGSTOP));
         return true;
     }
@@ -124,16 +115,14 @@ class top
         std::optional<screen> page;
         if (on_screen()) {
             page.emplace();
-            if (page->has_keys()) {
+            if (page->has_keys())
                 loop_.watch_keys();
-            }
         }
         steady_time next_read = steady_clock::now();
         for (;;) {
             const steady_time now = steady_clock::now();
-            if (end_ && now >= *end_) {
+            if (end_ && now >= *end_)
                 return;
-            }
             if (now >= next_read) {
                 read_values();
                 next_read = now + seconds(options_.interval);
@@ -144,12 +133,10 @@ class top
                            height);
             }
             const auto wake = loop_.wait(session_, end_ ? std::min(*end_, next_read) : next_read);
-            if (wake == event_loop::wake::signal && !handle_signal(page)) {
+            if (wake == event_loop::wake::signal && !handle_signal(page))
                 return;
-            }
-            if (wake == event_loop::wake::key && (loop_.key() == 'q' || loop_.key() == 'Q')) {
+            if (wake == event_loop::wake::key && (loop_.key() == 'q' || loop_.key() == 'Q'))
                 return;
-            }
         }
     }
 

@@ -58,24 +58,20 @@ constexpr char legend[] = "o ok  w/W low/high warning  a/A low/high alarm  - not
 size_t width_before_event()
 {
     size_t width = changes_column.width;
-    for (const column &each : port_columns) {
+    for (const column &each : port_columns)
         width += each.width;
-    }
-    for (const measurement_column &each : measurement_columns) {
+    for (const measurement_column &each : measurement_columns)
         width += each.shown.width;
-    }
     return width;
 }
 
 std::string header_line()
 {
     std::string line;
-    for (const column &each : port_columns) {
+    for (const column &each : port_columns)
         line += fit(each.header, each.width);
-    }
-    for (const measurement_column &each : measurement_columns) {
+    for (const measurement_column &each : measurement_columns)
         line += fit(each.shown.header, each.shown.width);
-    }
     return line + fit(changes_column.header, changes_column.width);
 }
 
@@ -106,24 +102,19 @@ std::string difference(const tesk_client_port_status &before, const tesk_client_
     std::vector<std::string> parts;
     if (before.link != now.link || before.link_speed != now.link_speed) {
         parts.push_back(fmt::format("link {}", link_word(now.link)));
-        if (now.link_speed != 0) {
+        if (now.link_speed != 0)
             parts.back() += " " + gbps(now.link_speed);
-        }
     }
-    if (before.sfp_type != now.sfp_type) {
+    if (before.sfp_type != now.sfp_type)
         parts.push_back(
             fmt::format("module {}", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, now.sfp_type)));
-    }
-    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++) {
-        if (before.level[i] != now.level[i]) {
+    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++)
+        if (before.level[i] != now.level[i])
             parts.push_back(fmt::format("{} {}", tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i),
                                         tesk_client_text(TESK_CLIENT_TEXT_LEVEL, now.level[i])));
-        }
-    }
-    if (before.environment != now.environment) {
+    if (before.environment != now.environment)
         parts.push_back(fmt::format(
             "environment {}", tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, now.environment)));
-    }
     return fmt::format("{}", fmt::join(parts, ", "));
 }
 
@@ -154,23 +145,19 @@ tint level_tint(uint32_t level)
 std::string age_text(std::chrono::steady_clock::duration age)
 {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(age).count();
-    if (seconds < 60) {
+    if (seconds < 60)
         return fmt::format("{}s", seconds);
-    }
-    if (seconds < 3600) {
+    if (seconds < 3600)
         return fmt::format("{}m", seconds / 60);
-    }
-    if (seconds < 86400) {
+    if (seconds < 86400)
         return fmt::format("{}h", seconds / 3600);
-    }
     return fmt::format("{}d", seconds / 86400);
 }
 
 top_view::top_view(const std::vector<uint32_t> &ports)
 {
-    for (const uint32_t port_no : ports) {
+    for (const uint32_t port_no : ports)
         ports_[port_no];
-    }
 }
 
 void top_view::note_event(port_view &view, const std::string &what)
@@ -184,9 +171,8 @@ void top_view::heard(const tesk_client_port_status &status)
     port_view &view = port(status.port_no);
     if (view.status) {
         const std::string what = difference(*view.status, status);
-        if (!what.empty()) {
+        if (!what.empty())
             note_event(view, what);
-        }
     }
     view.status = status;
     view.status_time = std::chrono::steady_clock::now();
@@ -195,10 +181,9 @@ void top_view::heard(const tesk_client_port_status &status)
 void top_view::heard(const tesk_client_sfp_info &info)
 {
     port_view &view = port(info.port_no);
-    if (view.sfp && describe(*view.sfp) != describe(info)) {
+    if (view.sfp && describe(*view.sfp) != describe(info))
         note_event(view, info.type == TESK_CLIENT_SFP_NOT_PRESENT ? "module out"
                                                                   : "module in: " + describe(info));
-    }
     view.sfp = info;
 }
 
@@ -215,16 +200,14 @@ std::string top_view::port_line(uint32_t port_no, const port_view &view, bool co
         known ? age_text(std::chrono::steady_clock::now() - view.status_time) : "",
     };
     std::string line;
-    for (size_t i = 0; i < std::size(port_columns); i++) {
+    for (size_t i = 0; i < std::size(port_columns); i++)
         line += fit(cells[i], port_columns[i].width);
-    }
     for (const measurement_column &each : measurement_columns) {
         const uint32_t level =
             known ? view.status->level[each.measurement] : uint32_t{TESK_CLIENT_LEVEL_NOT_MEASURED};
         std::string cell(1, level_letter(level));
-        if (view.pm && (*view.pm).*each.has) {
+        if (view.pm && (*view.pm).*each.has)
             cell += " " + each.value(*view.pm);
-        }
         line += paint(fit(cell, each.shown.width), level_tint(level), coloured);
     }
     return line + fit(std::to_string(view.changes), changes_column.width);
@@ -248,19 +231,16 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
         /* In a narrow window the last event has a line of its own. */
         const bool below = !beside && !view.last_event.empty();
         const size_t lines_behind = left > 1 ? 2 : 1; /* the legend, and how many don't fit */
-        if (page.size() + (below ? 2 : 1) + lines_behind > height) {
+        if (page.size() + (below ? 2 : 1) + lines_behind > height)
             break;
-        }
         left--;
         page.push_back(port_line(port_no, view, coloured) +
                        (beside ? fit(view.last_event, width - taken) : ""));
-        if (below) {
+        if (below)
             page.push_back(paint(fit("      " + view.last_event, width), tint::dim, coloured));
-        }
     }
-    if (left > 0) {
+    if (left > 0)
         page.push_back(fmt::format("{} more ports: make the window taller", left));
-    }
     page.push_back(paint(fit(legend, width), tint::dim, coloured));
     return page;
 }
