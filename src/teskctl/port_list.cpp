@@ -1,3 +1,5 @@
+/* A set takes the ranges, which may overlap. The limits are looked at before a range is walked: a
+   slip such as 0-4294967295 is told and costs nothing. */
 #include "teskctl/port_list.h"
 #include "teskctl/tool.h"
 #include <charconv>

@@ -1,4 +1,10 @@
-/* The commands that ask once and end: capabilities, pm, sfp, status, history. */
+/* The commands that ask once and end: capabilities, pm, sfp, status, history.
+
+   Those with ports ask for all at once, and one port's failure doesn't keep the others from being
+   shown: it makes the exit code, of several the highest. Nothing tells how a port is now but an
+   indication, so sfp and status subscribe, take the first one, and unsubscribe.
+
+   A table can be laid out only when all rows are there; objects are written as they come. */
 #include "teskctl/commands.h"
 #include "teskctl/report.h"
 #include <algorithm>
@@ -139,6 +145,7 @@ exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
                                     });
     const steady_time end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(settings.timeout_ms);
+    /* The first indication follows its confirmation, but as a signal of its own. */
     while (rows.size() < held.size() && std::chrono::steady_clock::now() < end &&
            loop.wait(session, end) != event_loop::wake::signal) {
     }
@@ -161,6 +168,7 @@ exit_code run_history(const settings &settings, const std::string &kind)
         tesk_client_history_record record;
     };
     session session(settings, {}, false);
+    /* The server keeps three histories, each by time; together they tell what led to what. */
     std::vector<entry> entries;
     for (size_t i = 0; i < std::size(names); i++) {
         if (!kind.empty() && kind != names[i])
@@ -175,6 +183,7 @@ exit_code run_history(const settings &settings, const std::string &kind)
         for (size_t j = 0; j < count; j++)
             entries.push_back({wanted, records[j]});
     }
+    /* Stable, so that records of one microsecond keep the order of their history. */
     std::ranges::stable_sort(entries, {}, [](const entry &each) { return each.record.time_us; });
     table shown({"TIME", "PORT", "WHAT"});
     for (const entry &each : entries) {

@@ -1,3 +1,8 @@
+/* The page is drawn over the one before, line by line, each cleared behind its end: clearing first
+   would flicker. A frame is put together first and goes out at once.
+
+   No handler puts the terminal back: the signals that end or stop the program are taken from a
+   descriptor by the loop, which leaves the scope of the screen or calls suspend. */
 #include "teskctl/screen.h"
 #include <algorithm>
 #include <csignal>
@@ -34,7 +39,7 @@ screen::~screen()
 void screen::enter()
 {
     if (has_keys_) {
-        termios raw = saved_;
+        termios raw = saved_; /* signals stay on: Ctrl-C and Ctrl-Z work as anywhere */
         raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &raw);
     }
@@ -51,7 +56,7 @@ void screen::leave()
 void screen::suspend()
 {
     leave();
-    raise(SIGSTOP);
+    raise(SIGSTOP); /* SIGTSTP is blocked: the loop takes it from its descriptor */
     enter();
 }
 

@@ -1,3 +1,6 @@
+/* Values come in the protocol's whole numbers and leave as on a data sheet, with as many places as
+   the numbers have. Widths count columns of the terminal: all text from outside is escaped to ASCII
+   before it comes here, so that only our own characters are longer than a byte. */
 #include "teskctl/text.h"
 #include <algorithm>
 #include <chrono>
@@ -73,7 +76,10 @@ std::string fit(std::string_view text, size_t width)
     const size_t taken = display_width(text);
     if (taken <= width)
         return std::string(text) + std::string(width - taken, ' ');
-    return std::string(text.substr(0, width));
+    /* Goes on until the first byte of a character is off, which is the one that counts. */
+    while (display_width(text) > width)
+        text.remove_suffix(1);
+    return std::string(text);
 }
 
 std::string milliwatts(uint32_t microwatts)
@@ -81,10 +87,17 @@ std::string milliwatts(uint32_t microwatts)
     return fmt::format("{:.3f} mW", microwatts / 1000.0);
 }
 
+std::optional<double> to_dbm(uint32_t microwatts)
+{
+    if (microwatts == 0)
+        return std::nullopt;
+    return 10 * std::log10(microwatts / 1000.0);
+}
+
 std::string dbm(uint32_t microwatts)
 {
-    return microwatts == 0 ? "< -30.00 dBm"
-                           : fmt::format("{:.2f} dBm", 10 * std::log10(microwatts / 1000.0));
+    const auto value = to_dbm(microwatts);
+    return value ? fmt::format("{:.2f} dBm", *value) : "< -30.00 dBm";
 }
 
 std::string celsius(int32_t tenths)
@@ -142,6 +155,7 @@ std::string table::text(size_t width) const
             widths[i] = std::max(widths[i], display_width(row[i]));
         indent += widths[i] + gap;
     }
+    /* In a window too narrow even for that, lines wrap, rather than lose what they tell. */
     const size_t room = width == 0 ? 0 : std::max(width, indent + narrowest) - indent;
     std::string text;
     for (const auto &row : rows_) {

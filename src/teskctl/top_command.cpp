@@ -60,6 +60,7 @@ class top
             report_.heard(record);
     }
 
+    /* On a page, the loss of the server is part of its title for as long as it lasts. */
     void hear_event(const tesk_client_event &event)
     {
         const std::string time = clock_time(now_us()).substr(0, 8);
@@ -88,6 +89,7 @@ class top
             port_view &view = view_.port(port_no);
             if (view.reading || !session_.connected())
                 continue;
+            /* A server that is slower than the interval is not asked twice for a port. */
             view.reading = true;
             session_.request(
                 TESK_CLIENT_REQUEST_PM, port_no, [this, &view](const tesk_client_answer &answer) {
@@ -102,10 +104,11 @@ class top
     /* False when the command is to end. */
     bool handle_signal(std::optional<screen> &page)
     {
-        if (loop_.signal() == SIGWINCH)
+        if (loop_.signal() == SIGWINCH) /* the next page is drawn for the new size */
             return true;
         if (loop_.signal() != SIGTSTP)
             return false;
+        /* Elsewhere there is no page to give back. */
         page ? page->suspend() : void(raise(SIGSTOP));
         return true;
     }
