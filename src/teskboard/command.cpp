@@ -27,7 +27,7 @@ struct values {
     std::string module = "-";
     std::string operation;
     std::string code;
-    std::string count = "always";
+    std::string count; /* empty: `fail` lasts for ever, `wait` is for one call */
     std::string type;
     std::string id;
     std::string value;
@@ -102,6 +102,7 @@ class reader
     CLI::App *add(const char *name, const char *about, std::function<void()> finish)
     {
         CLI::App *sub = app.add_subcommand(name, about);
+        /* The final one runs once, behind all options; the other kind runs as the words come. */
         sub->final_callback(std::move(finish));
         return sub;
     }
@@ -212,7 +213,7 @@ class reader
             const board::operation op = board::parse_operation(given.operation);
             board::parse_code(given.code);
             result.request = fmt::format("fail {} {} {} {}", board::operation_name(op), given.code,
-                                         given.count, ports());
+                                         given.count.empty() ? "always" : given.count, ports());
         });
         fail->add_option("OPERATION", given.operation)->required();
         fail->add_option("CODE", given.code, "A number or a name such as busy")->required();
@@ -263,7 +264,7 @@ class reader
             result.what = action::wait;
             result.request = wait_request();
         });
-        takes_ports(wait)->required(false);
+        takes_ports(wait)->required(false); /* two of the conditions are about no port */
         const CLI::IsMember kinds({"port", "link"});
         CLI::Option_group *what = wait->add_option_group("condition");
         what->require_option(1);
@@ -284,7 +285,7 @@ class reader
         if (!given.operation.empty())
             return fmt::format("wait calls {} {}",
                                board::operation_name(board::parse_operation(given.operation)),
-                               given.count == "always" ? "1" : given.count);
+                               given.count.empty() ? "1" : given.count);
         if (given.ports.empty())
             throw board::board_error("wait: subscriptions of which ports?");
         const bool wanted = !given.subscribed.empty();
@@ -319,7 +320,7 @@ command parse_command(std::vector<std::string> words, settings *whole, CLI::App 
         all.add_whole(*whole);
     if (!words.empty())
         require_known(app, words[0]);
-    std::reverse(words.begin(), words.end());
+    std::reverse(words.begin(), words.end()); /* CLI11 takes them from the end of a vector */
     app.parse(std::move(words));
     return result;
 }
