@@ -1,4 +1,10 @@
-/* tesk_client_api - the C functions: they check the caller and leave the work to the session. */
+/* tesk_client_api - the C functions: they check the caller and leave the work to the session.
+
+   A call that answers is a request whose callback fills a place on the caller's stack, and a loop
+   that dispatches until it has. The place can't be left behind: each request ends by its deadline
+   at the latest, and the loop doesn't end before.
+
+   C callers see no exceptions. Only connecting opens descriptors, and so can fail by one. */
 #include "tesk_client/tesk_client_session.h"
 #include <algorithm>
 #include <memory>
@@ -7,6 +13,7 @@
 namespace
 {
 
+/* Per thread, as a session is, and not in the session: a failed connect leaves none. */
 thread_local std::string last_error;
 
 tesk_client_result fail(tesk_client_result result, std::string text)
@@ -28,7 +35,8 @@ int start_mailbox_library()
     return started;
 }
 
-/* TESK_CLIENT_OK where the caller may work on the session. */
+/* TESK_CLIENT_OK where the caller may work on the session. A dispatch within a dispatch would hand
+   out signals in the wrong order, so what waits is refused inside a callback. */
 tesk_client_result check_caller(const tesk_client_session *session, bool waits)
 {
     if (session == nullptr)
@@ -40,6 +48,7 @@ tesk_client_result check_caller(const tesk_client_session *session, bool waits)
     return TESK_CLIENT_OK;
 }
 
+/* Leaves the text of a result for tesk_client_error. */
 tesk_client_result noted(tesk_client_result result)
 {
     return result == TESK_CLIENT_OK ? result : fail(result);
@@ -106,7 +115,7 @@ void tesk_client_close(tesk_client_session *session)
 {
     if (session == nullptr || check_caller(session, true) != TESK_CLIENT_OK)
         return;
-    session->cancel();
+    session->cancel(); /* its callbacks may still look at the session */
     delete session;
 }
 
@@ -132,6 +141,7 @@ tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms)
     return result == TESK_CLIENT_OK ? noted(session->run(timeout_ms)) : result;
 }
 
+/* The one call for any thread: no check of the caller, and no text, which would belong to it. */
 void tesk_client_stop(tesk_client_session *session)
 {
     session->stop();
@@ -187,6 +197,7 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
         TESK_CLIENT_REQUEST_HISTORY_PORT_STATUS + static_cast<int>(kind));
     return call_and_wait(session, type, 0, [=](const tesk_client_answer &answer) {
         *count = std::min(answer.count, capacity);
+        /* Oldest first: the newest are at the end. */
         std::copy_n(answer.history + (answer.count - *count), *count, records);
     });
 }

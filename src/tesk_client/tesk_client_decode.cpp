@@ -1,3 +1,9 @@
+/* A signal is copied into a record of the wire, turned to host order, and copied field by field
+   into a public record: programs are built against tesk_client.h alone, which stays as it is when
+   the wire gets fields. A signal may be longer than its record, as a newer server may send it; one
+   that is shorter, or counts more entries than it holds, is none.
+
+   The history's signals are in host order already: that protocol was made for one machine. */
 #include "tesk_client/tesk_client_decode.h"
 #include <algorithm>
 
@@ -10,6 +16,7 @@ static_assert(TESK_CLIENT_ENVIRONMENT_NOT_READ == static_cast<int>(TESK_ENV_NOT_
 namespace
 {
 
+/* A word behind the records, however many there are. */
 constexpr size_t shell_trailer_size = 4;
 
 /* The public texts are as wide as the server's. It ends each of them; we don't count on it. */
@@ -100,6 +107,8 @@ std::optional<answer_payload> decode_capabilities(const mbx_signal *signal)
     const size_t size = mbx_size(signal);
     if (size < entries)
         return std::nullopt;
+    /* The record is declared with its first entry, so that it can't be copied whole when it has
+     * none. */
     uint32_t count = 0;
     std::memcpy(&count,
                 bytes_at(signal, offsetof(tesk_get_capabilities_cfm, number_of_capabilities)),
@@ -127,6 +136,7 @@ std::optional<answer_payload> decode_pm(const mbx_signal *signal)
     tesk_client_pm pm{};
     pm.port_no = from.port_no;
     pm.sfp_type = from.pm_sfp_type;
+    /* What isn't there is 0 for our callers, whatever the server left in the field. */
     auto take = [](uint32_t has, const auto &value, bool &flag, auto &to) {
         flag = has != 0;
         if (flag)

@@ -40,7 +40,8 @@ const request_row &row_of(const pending_request &request)
     return rows[request.type];
 }
 
-/* What a request means for the subscriptions. */
+/* What a request means for the subscriptions, which the session remembers to renew them and to know
+   which indications were asked for. */
 struct subscription_effect {
     tesk_client_kind kind;
     bool subscribes;
@@ -121,6 +122,7 @@ size_t tesk_client_session::in_flight() const
 std::optional<steady_clock::time_point> tesk_client_session::next_deadline() const
 {
     std::optional<steady_clock::time_point> next;
+    /* An abandoned request waits for nothing that time could bring. */
     auto consider = [&next](const pending_request &request) {
         if (!request.abandoned && (!next || request.deadline < *next))
             next = request.deadline;
@@ -150,6 +152,8 @@ void tesk_client_session::note_subscription(const pending_request &request, cons
     }
 }
 
+/* Tells whoever asked. A renewal is nobody's request: its failure is an event, but not where the
+   server has gone once more, since the next connection renews it again. */
 void tesk_client_session::complete(const pending_request &request, const outcome &outcome)
 {
     note_subscription(request, outcome);
@@ -189,6 +193,7 @@ void tesk_client_session::receive_answer(const mbx_signal *signal)
         signal->number == row_of(*found).cfm ? confirmation(signal) : rejection(signal);
     if (!result)
         return;
+    /* Taken out before the callback, which may make requests and so move the others. */
     const pending_request request = *found;
     sent_.erase(found);
     std::erase_if(sent_, [&](const pending_request &earlier) {
@@ -215,6 +220,8 @@ void tesk_client_session::send_request(pending_request request)
         record->connection_ref = client_id_;
         tesk_turn(*record);
     }
+    /* From now on, since the first indication must not be dropped should it be looked at before the
+       confirmation is. */
     const auto effect = effect_of(request.type);
     if (effect && effect->subscribes)
         subscriptions_.try_emplace({effect->kind, request.port_no}, false);
@@ -247,6 +254,7 @@ void tesk_client_session::send_what_fits()
     }
 }
 
+/* First all are marked or taken out, then the callbacks run: those may make requests. */
 void tesk_client_session::expire_requests(steady_clock::time_point now)
 {
     std::vector<pending_request> expired;
@@ -287,7 +295,7 @@ void tesk_client_session::cancel()
 {
     std::vector<pending_request> open = std::exchange(sent_, {});
     std::ranges::copy(std::exchange(waiting_, {}), std::back_inserter(open));
-    state_ = state::ended;
+    state_ = state::ended; /* a callback's new requests are refused */
     for (const pending_request &request : open)
         if (!request.abandoned)
             complete(request, plain_outcome(TESK_CLIENT_CANCELLED));

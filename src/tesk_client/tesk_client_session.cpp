@@ -136,6 +136,7 @@ outcome tesk_client_session::begin_connection()
         return failed;
     }
     mailbox_fd_ = mbx_get_fd();
+    /* Before the first signal: should the server die right after it, we are told all the same. */
     monitor_ = mbx_monitor(server_, nullptr);
 
     const size_t size = sizeof(tesk_conn_establish_req) + sizeof(uint32_t);
@@ -197,9 +198,10 @@ void tesk_client_session::lose_server()
     const bool had_connection = state_ == state::connected;
     if (!had_connection)
         establishment_ = failure(TESK_CLIENT_LOST, "the server went away while connecting");
+    /* The new state before the callbacks: what they ask for waits for the next connection. */
     retry_later();
     if (!had_connection)
-        return;
+        return; /* nobody has been told of this one */
     tesk_client_event event{};
     event.type = TESK_CLIENT_EVENT_LOST;
     event.result = TESK_CLIENT_LOST;
@@ -236,7 +238,7 @@ void tesk_client_session::receive_establishment(const mbx_signal *signal)
     state_ = state::connected;
     retry_ = std::chrono::milliseconds(options_.retry_ms);
     if (!std::exchange(was_connected_, true))
-        return;
+        return; /* the first: the caller of connect waits for it, and there is nothing to renew */
     renewals_.clear();
     for (const auto &[key, confirmed] : subscriptions_)
         renewals_.push_back(key);
@@ -313,7 +315,7 @@ void tesk_client_session::arm_timer()
     if (has_phase && (!next || phase_end_ < *next))
         next = phase_end_;
     if (next == armed_)
-        return;
+        return; /* saves a system call for most signals */
     armed_ = next;
     itimerspec setting{};
     if (next) {
@@ -328,6 +330,7 @@ void tesk_client_session::arm_timer()
 
 tesk_client_result tesk_client_session::dispatch()
 {
+    /* Both descriptors count, and stay readable until they are read. */
     uint64_t count = 0;
     if (read(stop_event_.get(), &count, sizeof count) > 0)
         stopped_ = true;

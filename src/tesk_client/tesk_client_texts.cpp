@@ -1,4 +1,6 @@
-/* tesk_client_texts - results and enumerations in words. */
+/* tesk_client_texts - results and enumerations in words, each the index into its table. Programs
+   show these texts and compare them (teskctl's objects bear them), so they are as fixed as the
+   values. */
 #include "tesk_client/tesk_client.h"
 #include <span>
 
