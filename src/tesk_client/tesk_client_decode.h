@@ -42,8 +42,7 @@ struct answer_payload {
 std::optional<tesk_client_sfp_info> decode_sfp_info(const mbx_signal *signal);
 std::optional<tesk_client_port_status> decode_port_status(const mbx_signal *signal);
 
-/* The payload of a confirmation, empty for one that has none; nothing if the signal is too short.
- */
+/* The payload of a confirmation, empty where it has none; nothing if the signal is too short. */
 std::optional<answer_payload> decode_confirmation(const mbx_signal *signal);
 
 /* The text of a rejection, ended at the field's width. */

@@ -38,7 +38,7 @@ struct values {
     bool not_ready = false;
 };
 
-/* The identity texts that `insert` takes as options. */
+/* The identity texts that `insert` takes as options; `set` takes them by their keys. */
 struct text_option {
     const char *option;
     const char *key;
@@ -50,7 +50,8 @@ constexpr text_option text_options[] = {
     {"--rdh-ext", "morvaine_rdh_ext"},
 };
 
-/* "key=value" as one word of a request, once it has been found right. */
+/* "key=value" as one word of a request, once it has been found right. Only texts are written anew:
+   a request ends a word at a blank, so theirs are escaped. */
 std::string setting_word(const std::string &text)
 {
     const board::setting parsed = board::parse_setting(text);
@@ -74,7 +75,7 @@ class reader
     reader(CLI::App &where, command &into) : app(where), result(into)
     {
         app.require_subcommand(1);
-        app.fallthrough();
+        app.fallthrough(); /* the common options may stand behind a command's own */
         app.add_option("--timeout", result.timeout, "Seconds to wait for an answer")
             ->check(CLI::Range(0.0, 86400.0))
             ->capture_default_str();
@@ -112,7 +113,8 @@ class reader
         return sub->add_option("PORTS", given.ports, "A list such as 0-3,7")->required();
     }
 
-    /* The list as it was given, once it has been found right. */
+    /* The list as it was given, once it has been found right: the board reads it itself, since only
+       it knows which ports there are. */
     const std::string &ports()
     {
         if (!given.ports.empty())
@@ -147,6 +149,7 @@ class reader
             ports();
             result.what = action::show;
         });
+        /* Several lists, so that the shell's {0..3} does as well as 0-3. */
         show->add_option_function<std::vector<std::string>>(
             "PORTS",
             [this](const std::vector<std::string> &lists) {
@@ -298,7 +301,8 @@ class reader
     values given;
 };
 
-/* CLI11 only says that one of the subcommands is required. */
+/* CLI11 only says that one of the subcommands is required. Options in front of the command are left
+   to it. */
 void require_known(const CLI::App &app, const std::string &name)
 {
     std::string known;

@@ -121,6 +121,7 @@ void carry_out(const command &what, const settings &whole)
         board_client board(whole.socket);
         return run(board, what, whole.json);
     }
+    /* First of all: a scene that is wrong is told without a board, too. */
     const std::vector<scene_step> steps = read_scene(what.scene);
     board_client board(whole.socket);
     play(board, steps, what, whole.json);

@@ -111,8 +111,7 @@ exit_code run_ping(const settings &settings, const ping_options &options)
     event_loop loop;
     const reporter report(settings);
     ping_statistics seen;
-    /* Stands behind what the callbacks of its requests capture, and so is closed before that goes.
-     */
+    /* Stands behind what its callbacks capture, and so is closed before that goes. */
     session session(settings, {{}, {}, [&](const auto &event) { report.heard(event); }}, true);
     auto send = [&] {
         const uint64_t sequence = ++seen.sent;
@@ -172,8 +171,7 @@ exit_code run_watch(const settings &settings, const watch_options &options)
         report.failed(answer);
         code = std::max(code, exit_code_of(answer.result));
     });
-    /* A signal may have ended the subscribing already; without a subscription nothing would come.
-     */
+    /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
            (!end || steady_clock::now() < *end))
         loop.wait(session, end);

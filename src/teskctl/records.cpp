@@ -21,6 +21,7 @@ std::string module_text(const char (&field)[width])
     return escape(text);
 }
 
+/* The whole text, blanks included. */
 template <size_t width>
 std::string all_bytes(const char (&field)[width])
 {
@@ -36,6 +37,7 @@ std::string key_of(uint32_t measurement)
     return key;
 }
 
+/* Always all of them, as the server sends them. */
 json_object levels_to_json(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 {
     json_object levels;
@@ -112,7 +114,7 @@ std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 std::string describe(const tesk_client_port_status &status)
 {
     std::string text = tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link);
-    if (status.link == TESK_CLIENT_LINK_OPERATIONAL)
+    if (status.link == TESK_CLIENT_LINK_OPERATIONAL) /* a link that is down has no speed */
         text += " " + gbps(status.link_speed);
     return fmt::format("{}, module {}, environment {}; {}", text,
                        tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, status.sfp_type),

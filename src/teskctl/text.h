@@ -56,8 +56,7 @@ class table
     std::vector<std::vector<std::string>> rows_;
 };
 
-/* The public records in words, for one line, and as objects for --json; the man page has the keys.
- */
+/* The public records in words, for one line, and as objects; the man page has their keys. */
 std::string describe(const tesk_client_sfp_info &info);
 std::string describe(const tesk_client_port_status &status);
 std::string describe(const tesk_client_pm &pm);

@@ -144,8 +144,7 @@ event_loop::event_loop(const std::vector<int> &signals)
     sigemptyset(&set);
     for (const int number : signals)
         sigaddset(&set, number);
-    /* Threads inherit the mask: those that a mailbox library starts later don't take them either.
-     */
+    /* Threads inherit the mask: those that a mailbox library starts later take none of them. */
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal_fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     if (signal_fd_ < 0)

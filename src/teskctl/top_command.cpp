@@ -18,6 +18,8 @@ steady_clock::duration seconds(double count)
     return std::chrono::duration_cast<steady_clock::duration>(std::chrono::duration<double>(count));
 }
 
+/* Asked for by a view that is drawn anew: a page shows all that is known, at any time. So nothing
+   here keeps track of what has changed since the last one. */
 class top
 {
   public:
@@ -135,6 +137,7 @@ class top
                 page->draw(view_.lines(terminal_width(settings_), height, settings_.colour, state_),
                            height);
             }
+            /* The ages grow all the time: the page is drawn at each read, if nothing else comes. */
             const auto wake = loop_.wait(session_, end_ ? std::min(*end_, next_read) : next_read);
             if (wake == event_loop::wake::signal && !handle_signal(page))
                 return;
@@ -151,7 +154,7 @@ class top
     exit_code code_ = exit_done;
     std::optional<steady_time> end_;
     event_loop loop_;
-    session session_;
+    session session_; /* the last, so that it is closed before what its callbacks touch */
 };
 
 } // namespace
