@@ -1,5 +1,6 @@
-/* The page is drawn over the one before, line by line, each cleared behind its end: clearing first
-   would flicker. A frame is put together first and goes out at once.
+/* The page is drawn over the one before, line by line; clearing it as a whole would flicker. A line
+   is cleared before it is written: behind one that fills the window, clearing would take its last
+   character. A frame is put together first and goes out at once.
 
    No handler puts the terminal back: the signals that end or stop the program are taken from a
    descriptor by the loop, which leaves the scope of the screen or calls suspend. */
@@ -15,7 +16,7 @@ namespace
 /* The other page of the terminal, without a cursor, and back. */
 constexpr char enter_sequence[] = "\x1b[?1049h\x1b[?25l\x1b[2J";
 constexpr char leave_sequence[] = "\x1b[?25h\x1b[?1049l";
-constexpr char clear_to_end_of_line[] = "\x1b[K";
+constexpr char clear_line[] = "\x1b[K";
 constexpr char clear_below[] = "\x1b[J";
 
 void write_out(const std::string &text)
@@ -64,6 +65,8 @@ void screen::draw(const std::vector<std::string> &lines, size_t height) const
 {
     std::string frame = "\x1b[H";
     for (size_t i = 0; i < std::min(lines.size(), height); i++)
-        frame += (i == 0 ? "" : "\r\n") + lines[i] + clear_to_end_of_line;
-    write_out(frame + clear_below);
+        frame += (i == 0 ? "" : "\r\n") + (clear_line + lines[i]);
+    if (lines.size() < height)
+        frame += std::string("\r\n") + clear_below;
+    write_out(frame);
 }

@@ -173,7 +173,8 @@ constexpr column columns[] = {
 
 constexpr size_t narrowest_event = 20;
 
-constexpr char legend[] = "o ok  w/W low/high warning  a/A low/high alarm  - not measured  q quits";
+/* What a narrow window cuts off is what the manual has, too: how to get out comes first. */
+constexpr char legend[] = "q quits  o ok  w/W low/high warning  a/A low/high alarm  - not measured";
 
 size_t width_of(const std::vector<column> &shown)
 {
