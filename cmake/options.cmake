@@ -17,9 +17,9 @@ if(TESK_COVERAGE)
   add_link_options(--coverage)
 endif()
 
-# tesk_shared_library(NAME SOVERSION HEADERS): a shared library whose exported names are those of
-# its NAME.map, an anonymous version script: a named node would make the loader refuse a
-# replacement that has none.
+# tesk_export_only(TARGET): the shared library exports the names of its TARGET.map and no others. The
+# map is an anonymous version script: a named node would make the loader refuse a replacement that has
+# none.
 function(tesk_export_only target)
   set(map ${CMAKE_CURRENT_SOURCE_DIR}/${target}.map)
   target_link_options(${target} PRIVATE LINKER:--version-script=${map})

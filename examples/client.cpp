@@ -1,4 +1,4 @@
-// Reads the temperature of some ports, all at once: example_client_cpp PORT...
+/* Reads the temperature of some ports, all at once: example_client_cpp PORT... */
 #include "tesk_client/tesk_client.h"
 #include <cstdio>
 #include <cstdlib>
@@ -10,17 +10,15 @@ struct reading {
 
 static void show(const tesk_client_answer *answer, void *user)
 {
-    if (answer->result != TESK_CLIENT_OK) {
+    if (answer->result != TESK_CLIENT_OK)
         std::printf("port %u: %s\n", answer->port_no, answer->text);
-    } else if (answer->pm->has_temperature) {
+    else if (answer->pm->has_temperature)
         std::printf("port %u: %.1f degrees\n", answer->port_no, answer->pm->temperature / 10.0);
-    } else {
+    else
         std::printf("port %u: not measured\n", answer->port_no);
-    }
     auto *all = static_cast<reading *>(user);
-    if (--all->open == 0) {
+    if (--all->open == 0)
         tesk_client_stop(all->session);
-    }
 }
 
 int main(int argc, char **argv)

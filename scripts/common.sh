@@ -1,4 +1,5 @@
-# Sourced by run, test, bench and fuzz: what they all need before they can do their own work.
+# Sourced by the commands at the top of the tree, by those of scripts, and by the tests of what is
+# installed: what they all need before they can do their own work.
 
 # The packages by what needs them. Everything comes from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev

@@ -1,5 +1,5 @@
-// teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
-// codes and reconnection against the real server on the simulated board.
+/* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
+   codes and reconnection against the real server on the simulated board. */
 #include "teskctl/port_list.h"
 #include "teskctl/tool.h"
 #include "teskctl/top_view.h"
@@ -39,6 +39,7 @@ TEST(teskctl, units_are_those_of_a_data_sheet)
     const json_object absent = to_json(pm);
     EXPECT_TRUE(absent["tx_power_mw"].is_null() && absent["rx_power_dbm"].is_null());
     EXPECT_EQ(absent["rx_power_mw"], 0.0);
+    EXPECT_TRUE(to_json(tesk_client_port_status{})["speed_gbps"].is_null());
 }
 
 TEST(teskctl, bytes_that_are_no_text_are_escaped_everywhere)
@@ -46,7 +47,7 @@ TEST(teskctl, bytes_that_are_no_text_are_escaped_everywhere)
     EXPECT_EQ(escape(std::string_view("a\x1b[2J\xff\\\0", 8)), "a\\x1b[2J\\xff\\\\\\x00");
     tesk_client_sfp_info info{};
     info.type = TESK_CLIENT_SFP_OPTICAL;
-    std::memset(info.vendor_name, 0xff, sizeof info.vendor_name); // without a terminator
+    std::memset(info.vendor_name, 0xff, sizeof info.vendor_name); /* without a terminator */
     EXPECT_EQ(to_json(info)["vendor"].get<std::string>().size(), 4 * sizeof info.vendor_name);
     EXPECT_EQ(describe(info).find('\xff'), std::string::npos);
 }
@@ -73,14 +74,25 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
     pm.has_temperature = true;
     pm.temperature = 952;
     view.port(3).pm = pm;
-    const strings wide = view.lines(120, 24, false, "");
-    EXPECT_NE(wide.at(2).find("A 95.2"), std::string::npos) << wide.at(2);
-    EXPECT_NE(wide.at(2).find("temperature high alarm"), std::string::npos);
-    for (const size_t height : {5u, 6u, 24u}) {
-        const strings narrow = view.lines(80, height, false, "");
-        EXPECT_LE(narrow.size(), height);
-        for (const std::string &line : narrow)
-            EXPECT_LE(display_width(line), 80u) << line;
+    const std::tuple<size_t, size_t, const char *> windows[] = {
+        {120, 24, " A 95.2 "},
+        {120, 24, " temperature high alarm"},
+        {80, 24, "AGE TX dBm   RX dBm   BIAS mA  VCC V   TEMP °C CHG"},
+        {80, 5, "\n4     "},
+        {80, 1, "2 of 2 ports not shown"},
+        {60, 24, "PORT  LINK SPEED MODULE     AGE TX dBm   RX dBm   TEMP °C"},
+        {40, 24, "\n3     up   none       o        A 95.2 "},
+        {4, 24, "\n3   \n"},
+    };
+    for (const auto &[width, height, shown] : windows) {
+        const strings page = view.lines(width, height, false, "away since 12:00:00, waiting");
+        EXPECT_LE(page.size(), height);
+        std::string text;
+        for (const std::string &line : page) {
+            EXPECT_LE(display_width(line), width) << line;
+            text += line + "\n";
+        }
+        EXPECT_NE(text.find(shown), std::string::npos) << shown << "\n" << text;
     }
 }
 
@@ -151,10 +163,11 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("watch", 2, {"--sfp"});
     expect("history everything", 2, {"status"});
     expect("--timeout 0 ping", 2, {"timeout"});
-    expect("pm 0", 3, {"start it with"});
+    expect("--json pm 0", 3, {"\"event\":\"error\",\"exit_code\":3,", "teskctl: no server"});
     start_server();
-    expect("pm 0,900", 1, {"no device", "dBm"});
+    expect("--json pm 0,900", 1, {"_dbm", "\"event\":\"rejected\"", "teskctl: port 900: pm: "});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
+    EXPECT_EQ(run("--version; " TESK_BIN_DIR "/tesk-abi-check " TESK_LIB_DIR " > /dev/full"), 5);
     kill(server, SIGSTOP);
     EXPECT_EQ(run("--timeout 0.1 capabilities"), 4);
     kill(server, SIGCONT);
@@ -163,13 +176,21 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
 TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_keys)
 {
     start_server();
+    run("watch --sfp 0 --status 0 --count 4 & PATH=" TESK_BIN_DIR ":$PATH; teskboard wait 0 "
+        "--subscribed link && teskboard link 0 down && teskboard remove 0 && wait");
     const std::pair<const char *, const char *> cases[] = {
         {"capabilities", "id value"},
         {"sfp 0", "time event port module speed_gbps vendor part revision serial date_code product "
                   "product_ext"},
         {"watch --status 0 --count 1", "time event port link speed_gbps module levels environment"},
+        {"pm 1", "time event port module tx_power_mw tx_power_dbm rx_power_mw rx_power_dbm "
+                 "temperature_c voltage_v tx_bias_ma loss_of_signal loss_of_frame bit_errors"},
+        {"history status", "time event port state filter_level levels"},
+        {"history sfp", "time event port presence"},
         {"history actions", "time event port action client_id conn_ref"},
         {"ping -c 1", "time event seq time_ms"},
+        {"ping -c 1 | tail -1", "time event requests answers loss_percent min_ms avg_ms max_ms "
+                                "mdev_ms"},
         {"status 900", "time event request port code text"},
         {"top 0 --for 0.3", "time event port module speed_gbps vendor part revision serial "
                             "date_code product product_ext"},
@@ -187,7 +208,8 @@ TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_k
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)
 {
     start_server();
-    FILE *watch = popen("echo $$; exec " TESK_BIN_DIR "/teskctl watch --sfp 0 --status 0", "r");
+    FILE *watch =
+        popen("echo $$; exec " TESK_BIN_DIR "/teskctl watch --json --sfp 0 --status 0", "r");
     char line[512];
     auto wait_for = [&](const char *text) {
         while (std::fgets(line, sizeof line, watch) != nullptr)
@@ -199,9 +221,9 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     const pid_t pid = std::atoi(line);
     ASSERT_TRUE(wait_for("status"));
     kill_server();
-    ASSERT_TRUE(wait_for("went away"));
+    ASSERT_TRUE(wait_for("\"event\":\"lost\"}"));
     start_server();
-    ASSERT_TRUE(wait_for("is back"));
+    ASSERT_TRUE(wait_for("\"event\":\"restored\"}"));
     ASSERT_TRUE(wait_for("status"));
     kill(pid, SIGINT);
     EXPECT_FALSE(wait_for("any more"));

@@ -200,9 +200,14 @@ TEST_F(zel, babeltrace2_reads_what_was_traced_with_lttng)
     /* Root's session daemon has a fixed place, so root gets one of its own by a mount. */
     const std::string mount = "unshare --mount sh -c 'mkdir -p /run/lttng &&"
                               " mount -t tmpfs none /run/lttng && exec \"$@\"' sh ";
-    const std::string command = "LTTNG_HOME=" + directory.string() + " timeout 50 " +
-                                (geteuid() == 0 ? mount : "") + TRACE_SESSION " /proc/" +
-                                std::to_string(getpid()) + "/exe trace_all_kinds >" + file;
+    /* A command is recorded, and then what runs already, until Enter. */
+    const std::string command =
+        "cd " + directory.string() + " && P=/proc/" + std::to_string(getpid()) + "/exe F=" + file +
+        " LTTNG_HOME=$PWD timeout 50 " + (geteuid() == 0 ? mount : "") +
+        "sh -ec '" TRACE_SESSION " $P trace_all_kinds >$F; mkfifo key; " TRACE_SESSION
+        " --output kept <key >again 2>told & exec 3>key; until grep -qs Enter told; do sleep 0.1;"
+        " done; ZEL_SINK=lttng $P trace_all_kinds; echo >&3; wait $!; test -d kept/ust;"
+        " test $(grep -c zel: again) = $(grep -c zel: $F)'";
     EXPECT_EQ(system(command.c_str()), 0);
     const std::string printed = read_file(file);
     for (const char *part :

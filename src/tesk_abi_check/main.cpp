@@ -1,14 +1,28 @@
-/* Tells those who bring the libraries of another board what tesk-server would miss in them. */
+/* Tells those who bring the libraries of another board what tesk-server would miss in them: before
+   they start it, where the loader would tell one name at a time, and for another processor, where
+   nothing can be started at all. */
 #include "abi.h"
 
 #include <CLI/CLI.hpp>
-#include <fmt/core.h>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 
 namespace
 {
 
-enum exit_code { exit_complete = 0, exit_incomplete = 1, exit_usage = 2 };
+enum exit_code {
+    exit_complete = 0,
+    exit_incomplete = 1,
+    exit_usage = 2,
+    exit_no_output = 5,
+    exit_fault = 70, /* EX_SOFTWARE: our own */
+};
+
+/* No exception where it fails: main looks at the stream in the end. */
+void write(const std::string &line)
+{
+    std::puts(line.c_str());
+}
 
 void report(const abi_problem &problem, bool as_json)
 {
@@ -17,18 +31,20 @@ void report(const abi_problem &problem, bool as_json)
             {"library", problem.library}, {"name", nullptr}, {"text", problem.text}};
         if (!problem.name.empty())
             line["name"] = problem.name;
-        fmt::print("{}\n", line.dump());
+        write(line.dump());
     } else if (problem.name.empty()) {
-        fmt::print("{} {}\n", problem.library, problem.text);
+        write(problem.library + " " + problem.text);
     } else {
-        fmt::print("{}: {} {}\n", problem.library, problem.name, problem.text);
+        write(problem.library + ": " + problem.name + " " + problem.text);
     }
 }
 
 int run(int argc, char **argv)
 {
-    CLI::App app("Tells which names tesk-server would miss in the four libraries of a board.\n"
-                 "Exits with 0 when nothing is missing, 1 when something is, 2 on wrong usage.");
+    CLI::App app(
+        "Tells which names tesk-server would miss in the four libraries of a board.\n"
+        "Exits with 0 when nothing is missing, 1 when something is, 2 on wrong usage, 5 when\n"
+        "the output could not be written, 70 on a fault of its own.");
     std::string directory;
     bool as_json = false;
     app.add_option("DIR", directory,
@@ -47,7 +63,7 @@ int run(int argc, char **argv)
     for (const abi_problem &problem : problems)
         report(problem, as_json);
     if (problems.empty() && !as_json)
-        fmt::print("All four libraries offer everything that tesk-server needs.\n");
+        write("All four libraries offer everything that tesk-server needs.");
     return problems.empty() ? exit_complete : exit_incomplete;
 }
 
@@ -56,9 +72,13 @@ int run(int argc, char **argv)
 int main(int argc, char **argv)
 {
     try {
-        return run(argc, argv);
+        const int code = run(argc, argv);
+        if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+            return code;
+        std::fputs("tesk-abi-check: output could not be written: is the disk full?\n", stderr);
+        return exit_no_output;
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "tesk-abi-check: %s\n", error.what());
-        return exit_usage;
+        std::fprintf(stderr, "tesk-abi-check: unexpected: %s\n", error.what());
+        return exit_fault;
     }
 }

@@ -237,8 +237,7 @@ int tesk_client_fd(const tesk_client_session *session);
 
 /* Does what is to be done and calls the callbacks. Waits for nothing, but for libmbx where a
    session that reconnects looks for a server that is there and doesn't move. TESK_CLIENT_LOST when
-   the server has gone and the session doesn't look for it: the descriptor then says nothing more.
- */
+   the server has gone and the session doesn't look for it: its descriptor is silent then. */
 tesk_client_result tesk_client_dispatch(tesk_client_session *session);
 
 /* Waits and dispatches until tesk_client_stop or for timeout_ms, -1 for no limit: TESK_CLIENT_OK,

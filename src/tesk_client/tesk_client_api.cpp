@@ -1,4 +1,10 @@
-/* tesk_client_api - the C functions: they check the caller and leave the work to the session. */
+/* tesk_client_api - the C functions: they check the caller and leave the work to the session.
+
+   A call that answers is a request whose callback fills a place on the caller's stack, and a loop
+   that dispatches until it has. The place can't be left behind: each request ends by its deadline
+   at the latest, and the loop doesn't end before.
+
+   C callers see no exceptions. Only connecting opens descriptors, and so can fail by one. */
 #include "tesk_client/tesk_client_session.h"
 #include <algorithm>
 #include <memory>
@@ -7,6 +13,7 @@
 namespace
 {
 
+/* Per thread, as a session is, and not in the session: a failed connect leaves none. */
 thread_local std::string last_error;
 
 tesk_client_result fail(tesk_client_result result, std::string text)
@@ -28,21 +35,20 @@ int start_mailbox_library()
     return started;
 }
 
-/* TESK_CLIENT_OK where the caller may work on the session. */
+/* TESK_CLIENT_OK where the caller may work on the session. A dispatch within a dispatch would hand
+   out signals in the wrong order, so what waits is refused inside a callback. */
 tesk_client_result check_caller(const tesk_client_session *session, bool waits)
 {
-    if (session == nullptr) {
+    if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no session");
-    }
-    if (!session->belongs_to_caller()) {
+    if (!session->belongs_to_caller())
         return fail(TESK_CLIENT_MISUSE, "the session belongs to another thread");
-    }
-    if (waits && session->in_callback()) {
+    if (waits && session->in_callback())
         return fail(TESK_CLIENT_MISUSE, "a callback can't wait: use tesk_client_request");
-    }
     return TESK_CLIENT_OK;
 }
 
+/* Leaves the text of a result for tesk_client_error. */
 tesk_client_result noted(tesk_client_result result)
 {
     return result == TESK_CLIENT_OK ? result : fail(result);
@@ -65,18 +71,15 @@ tesk_client_result call_and_wait(tesk_client_session *session, tesk_client_reque
         call->done = true;
         call->result = answer->result;
         call->text = answer->text;
-        if (answer->result == TESK_CLIENT_OK) {
+        if (answer->result == TESK_CLIENT_OK)
             call->take(*answer);
-        }
     };
     tesk_client_result result = check_caller(session, true);
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         return result;
-    }
     result = session->request(type, port_no, answered, &state);
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         return fail(result);
-    }
     while (!state.done) { /* its deadline sees to it */
         session->wait(-1);
         session->dispatch();
@@ -93,18 +96,15 @@ void ignore_answer(const tesk_client_answer &)
 tesk_client_result tesk_client_connect(const tesk_client_options *options,
                                        tesk_client_session **session)
 try {
-    if (session == nullptr) {
+    if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no place for the session");
-    }
     *session = nullptr;
-    if (start_mailbox_library() != 0) {
+    if (start_mailbox_library() != 0)
         return fail(TESK_CLIENT_FAILED, "the mailbox library doesn't start");
-    }
     auto made = std::make_unique<tesk_client_session>(options ? *options : tesk_client_options{});
     const outcome connected = made->connect();
-    if (connected.result != TESK_CLIENT_OK) {
+    if (connected.result != TESK_CLIENT_OK)
         return fail(connected.result, connected.text);
-    }
     *session = made.release();
     return TESK_CLIENT_OK;
 } catch (const std::system_error &error) {
@@ -113,10 +113,9 @@ try {
 
 void tesk_client_close(tesk_client_session *session)
 {
-    if (session == nullptr || check_caller(session, true) != TESK_CLIENT_OK) {
+    if (session == nullptr || check_caller(session, true) != TESK_CLIENT_OK)
         return;
-    }
-    session->cancel();
+    session->cancel(); /* its callbacks may still look at the session */
     delete session;
 }
 
@@ -142,6 +141,7 @@ tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms)
     return result == TESK_CLIENT_OK ? noted(session->run(timeout_ms)) : result;
 }
 
+/* The one call for any thread: no check of the caller, and no text, which would belong to it. */
 void tesk_client_stop(tesk_client_session *session)
 {
     session->stop();
@@ -197,6 +197,7 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
         TESK_CLIENT_REQUEST_HISTORY_PORT_STATUS + static_cast<int>(kind));
     return call_and_wait(session, type, 0, [=](const tesk_client_answer &answer) {
         *count = std::min(answer.count, capacity);
+        /* Oldest first: the newest are at the end. */
         std::copy_n(answer.history + (answer.count - *count), *count, records);
     });
 }

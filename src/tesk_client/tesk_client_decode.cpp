@@ -1,3 +1,9 @@
+/* A signal is copied into a record of the wire, turned to host order, and copied field by field
+   into a public record: programs are built against tesk_client.h alone, which stays as it is when
+   the wire gets fields. A signal may be longer than its record, as a newer server may send it; one
+   that is shorter, or counts more entries than it holds, is none.
+
+   The history's signals are in host order already: that protocol was made for one machine. */
 #include "tesk_client/tesk_client_decode.h"
 #include <algorithm>
 
@@ -10,6 +16,7 @@ static_assert(TESK_CLIENT_ENVIRONMENT_NOT_READ == static_cast<int>(TESK_ENV_NOT_
 namespace
 {
 
+/* A word behind the records, however many there are. */
 constexpr size_t shell_trailer_size = 4;
 
 /* The public texts are as wide as the server's. It ends each of them; we don't count on it. */
@@ -79,14 +86,12 @@ template <typename record_type>
 std::optional<answer_payload> decode_history(const mbx_signal *signal)
 {
     std::optional<tesk_shell_cfm> frame = copy_of<tesk_shell_cfm>(signal);
-    if (!frame) {
+    if (!frame)
         return std::nullopt;
-    }
     const size_t fixed = sizeof(tesk_shell_cfm) + shell_trailer_size;
     const size_t size = mbx_size(signal);
-    if (size < fixed || frame->count > (size - fixed) / sizeof(record_type)) {
+    if (size < fixed || frame->count > (size - fixed) / sizeof(record_type))
         return std::nullopt;
-    }
     answer_payload payload;
     for (size_t i = 0; i < frame->count; i++) {
         record_type record;
@@ -100,17 +105,17 @@ std::optional<answer_payload> decode_capabilities(const mbx_signal *signal)
 {
     constexpr size_t entries = offsetof(tesk_get_capabilities_cfm, capabilities);
     const size_t size = mbx_size(signal);
-    if (size < entries) {
+    if (size < entries)
         return std::nullopt;
-    }
+    /* The record is declared with its first entry, so that it can't be copied whole when it has
+     * none. */
     uint32_t count = 0;
     std::memcpy(&count,
                 bytes_at(signal, offsetof(tesk_get_capabilities_cfm, number_of_capabilities)),
                 sizeof count);
     tesk_turn_words(count);
-    if (count > (size - entries) / sizeof(tesk_capability)) {
+    if (count > (size - entries) / sizeof(tesk_capability))
         return std::nullopt;
-    }
     answer_payload payload;
     for (size_t i = 0; i < count; i++) {
         tesk_capability capability;
@@ -125,18 +130,17 @@ std::optional<answer_payload> decode_capabilities(const mbx_signal *signal)
 std::optional<answer_payload> decode_pm(const mbx_signal *signal)
 {
     std::optional<tesk_get_pm_counters_cfm> cfm = host_copy_of<tesk_get_pm_counters_cfm>(signal);
-    if (!cfm) {
+    if (!cfm)
         return std::nullopt;
-    }
     const tesk_pm_counters &from = cfm->counters;
     tesk_client_pm pm{};
     pm.port_no = from.port_no;
     pm.sfp_type = from.pm_sfp_type;
+    /* What isn't there is 0 for our callers, whatever the server left in the field. */
     auto take = [](uint32_t has, const auto &value, bool &flag, auto &to) {
         flag = has != 0;
-        if (flag) {
+        if (flag)
             to = value;
-        }
     };
     take(from.has_pm_loss_of_frame_count, from.pm_loss_of_frame_count, pm.has_loss_of_frame,
          pm.loss_of_frame);
@@ -163,9 +167,8 @@ std::optional<answer_payload> decode_pm(const mbx_signal *signal)
 std::optional<tesk_client_sfp_info> decode_sfp_info(const mbx_signal *signal)
 {
     std::optional<tesk_sfp_info_ind> ind = host_copy_of<tesk_sfp_info_ind>(signal);
-    if (!ind) {
+    if (!ind)
         return std::nullopt;
-    }
     tesk_client_sfp_info info{};
     info.port_no = ind->info.port_no;
     info.type = ind->info.type;
@@ -183,9 +186,8 @@ std::optional<tesk_client_sfp_info> decode_sfp_info(const mbx_signal *signal)
 std::optional<tesk_client_port_status> decode_port_status(const mbx_signal *signal)
 {
     std::optional<tesk_port_status_ind> ind = host_copy_of<tesk_port_status_ind>(signal);
-    if (!ind) {
+    if (!ind)
         return std::nullopt;
-    }
     tesk_client_port_status status{};
     status.port_no = ind->info.port_no;
     status.link = ind->info.conn_status;

@@ -15,9 +15,8 @@
 template <typename record_type>
 std::optional<record_type> copy_of(const mbx_signal *signal)
 {
-    if (mbx_size(signal) < sizeof(record_type)) {
+    if (mbx_size(signal) < sizeof(record_type))
         return std::nullopt;
-    }
     record_type record;
     std::memcpy(&record, signal, sizeof record);
     return record;
@@ -28,9 +27,8 @@ template <typename record_type>
 std::optional<record_type> host_copy_of(const mbx_signal *signal)
 {
     std::optional<record_type> record = copy_of<record_type>(signal);
-    if (record) {
+    if (record)
         tesk_turn(*record);
-    }
     return record;
 }
 
@@ -44,8 +42,7 @@ struct answer_payload {
 std::optional<tesk_client_sfp_info> decode_sfp_info(const mbx_signal *signal);
 std::optional<tesk_client_port_status> decode_port_status(const mbx_signal *signal);
 
-/* The payload of a confirmation, empty for one that has none; nothing if the signal is too short.
- */
+/* The payload of a confirmation, empty where it has none; nothing if the signal is too short. */
 std::optional<answer_payload> decode_confirmation(const mbx_signal *signal);
 
 /* The text of a rejection, ended at the field's width. */

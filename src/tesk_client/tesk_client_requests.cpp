@@ -40,7 +40,8 @@ const request_row &row_of(const pending_request &request)
     return rows[request.type];
 }
 
-/* What a request means for the subscriptions. */
+/* What a request means for the subscriptions, which the session remembers to renew them and to know
+   which indications were asked for. */
 struct subscription_effect {
     tesk_client_kind kind;
     bool subscribes;
@@ -74,9 +75,8 @@ outcome plain_outcome(tesk_client_result result)
 std::optional<outcome> rejection(const mbx_signal *signal)
 {
     const auto rej = host_copy_of<tesk_port_rej>(signal);
-    if (!rej) {
+    if (!rej)
         return std::nullopt;
-    }
     outcome rejected;
     rejected.result = TESK_CLIENT_REJECTED;
     rejected.error_code = rej->error_code;
@@ -87,9 +87,8 @@ std::optional<outcome> rejection(const mbx_signal *signal)
 std::optional<outcome> confirmation(const mbx_signal *signal)
 {
     std::optional<answer_payload> payload = decode_confirmation(signal);
-    if (!payload) {
+    if (!payload)
         return std::nullopt;
-    }
     outcome confirmed;
     confirmed.payload = std::move(*payload);
     return confirmed;
@@ -98,20 +97,16 @@ std::optional<outcome> confirmation(const mbx_signal *signal)
 bool answers(const mbx_signal *signal, const pending_request &request, uint32_t conn_ref)
 {
     const request_row &row = row_of(request);
-    if (signal->number != row.cfm && (row.rej == 0 || signal->number != row.rej)) {
+    if (signal->number != row.cfm && (row.rej == 0 || signal->number != row.rej))
         return false;
-    }
-    if (!row.has_reference) {
+    if (!row.has_reference)
         return true;
-    }
     const auto header = host_copy_of<tesk_header>(signal);
     if (!header || header->procedure_ref != request.procedure_ref ||
-        header->connection_ref != conn_ref) {
+        header->connection_ref != conn_ref)
         return false;
-    }
-    if (!row.has_port) {
+    if (!row.has_port)
         return true;
-    }
     const auto with_port = host_copy_of<tesk_port_signal>(signal);
     return with_port && with_port->port_no == request.port_no;
 }
@@ -127,15 +122,14 @@ size_t tesk_client_session::in_flight() const
 std::optional<steady_clock::time_point> tesk_client_session::next_deadline() const
 {
     std::optional<steady_clock::time_point> next;
+    /* An abandoned request waits for nothing that time could bring. */
     auto consider = [&next](const pending_request &request) {
-        if (!request.abandoned && (!next || request.deadline < *next)) {
+        if (!request.abandoned && (!next || request.deadline < *next))
             next = request.deadline;
-        }
     };
     std::ranges::for_each(sent_, consider);
-    if (!waiting_.empty()) {
+    if (!waiting_.empty())
         consider(waiting_.front()); /* they all have the same time to live */
-    }
     return next;
 }
 
@@ -144,14 +138,12 @@ void tesk_client_session::note_subscription(const pending_request &request, cons
     const auto effect = effect_of(request.type);
     const auto found =
         effect ? subscriptions_.find({effect->kind, request.port_no}) : subscriptions_.end();
-    if (found == subscriptions_.end()) {
+    if (found == subscriptions_.end())
         return;
-    }
     const bool confirmed = outcome.result == TESK_CLIENT_OK;
     if (!effect->subscribes) {
-        if (confirmed) {
+        if (confirmed)
             subscriptions_.erase(found);
-        }
     } else if (confirmed) {
         found->second = true;
     } else if (outcome.result == TESK_CLIENT_REJECTED && (request.renewal || !found->second)) {
@@ -160,6 +152,8 @@ void tesk_client_session::note_subscription(const pending_request &request, cons
     }
 }
 
+/* Tells whoever asked. A renewal is nobody's request: its failure is an event, but not where the
+   server has gone once more, since the next connection renews it again. */
 void tesk_client_session::complete(const pending_request &request, const outcome &outcome)
 {
     note_subscription(request, outcome);
@@ -193,22 +187,20 @@ void tesk_client_session::receive_answer(const mbx_signal *signal)
 {
     const auto found = std::ranges::find_if(
         sent_, [&](const pending_request &request) { return answers(signal, request, conn_ref_); });
-    if (found == sent_.end()) {
+    if (found == sent_.end())
         return;
-    }
     std::optional<outcome> result =
         signal->number == row_of(*found).cfm ? confirmation(signal) : rejection(signal);
-    if (!result) {
+    if (!result)
         return;
-    }
+    /* Taken out before the callback, which may make requests and so move the others. */
     const pending_request request = *found;
     sent_.erase(found);
     std::erase_if(sent_, [&](const pending_request &earlier) {
         return earlier.abandoned && earlier.procedure_ref < request.procedure_ref;
     });
-    if (!request.abandoned) {
+    if (!request.abandoned)
         complete(request, *result);
-    }
 }
 
 void tesk_client_session::send_request(pending_request request)
@@ -228,10 +220,11 @@ void tesk_client_session::send_request(pending_request request)
         record->connection_ref = client_id_;
         tesk_turn(*record);
     }
+    /* From now on, since the first indication must not be dropped should it be looked at before the
+       confirmation is. */
     const auto effect = effect_of(request.type);
-    if (effect && effect->subscribes) {
+    if (effect && effect->subscribes)
         subscriptions_.try_emplace({effect->kind, request.port_no}, false);
-    }
     sent_.push_back(request);
     mbx_send(&signal, server_, MBX_OWN_MAILBOX);
 }
@@ -261,6 +254,7 @@ void tesk_client_session::send_what_fits()
     }
 }
 
+/* First all are marked or taken out, then the callbacks run: those may make requests. */
 void tesk_client_session::expire_requests(steady_clock::time_point now)
 {
     std::vector<pending_request> expired;
@@ -277,9 +271,8 @@ void tesk_client_session::expire_requests(steady_clock::time_point now)
         expired.push_back(waiting_.front());
         waiting_.pop_front();
     }
-    for (const pending_request &request : expired) {
+    for (const pending_request &request : expired)
         complete(request, plain_outcome(TESK_CLIENT_TIMEOUT));
-    }
 }
 
 /* Subscriptions that the server never confirmed go with their requests. Requests that wait go on
@@ -293,34 +286,28 @@ void tesk_client_session::fail_sent_requests()
     }
     std::erase_if(subscriptions_, [](const auto &entry) { return !entry.second; });
     renewals_.clear();
-    for (const pending_request &request : failed) {
-        if (!request.abandoned) {
+    for (const pending_request &request : failed)
+        if (!request.abandoned)
             complete(request, plain_outcome(TESK_CLIENT_LOST));
-        }
-    }
 }
 
 void tesk_client_session::cancel()
 {
     std::vector<pending_request> open = std::exchange(sent_, {});
     std::ranges::copy(std::exchange(waiting_, {}), std::back_inserter(open));
-    state_ = state::ended;
-    for (const pending_request &request : open) {
-        if (!request.abandoned) {
+    state_ = state::ended; /* a callback's new requests are refused */
+    for (const pending_request &request : open)
+        if (!request.abandoned)
             complete(request, plain_outcome(TESK_CLIENT_CANCELLED));
-        }
-    }
 }
 
 tesk_client_result tesk_client_session::request(tesk_client_request_type type, uint32_t port_no,
                                                 tesk_client_answered answered, void *user)
 {
-    if (static_cast<size_t>(type) >= std::size(rows)) {
+    if (static_cast<size_t>(type) >= std::size(rows))
         return TESK_CLIENT_MISUSE;
-    }
-    if (state_ == state::ended) {
+    if (state_ == state::ended)
         return TESK_CLIENT_LOST;
-    }
     pending_request request{};
     request.type = type;
     request.port_no = rows[type].has_port ? port_no : 0;

@@ -34,9 +34,8 @@ using owned_signal = std::unique_ptr<mbx_signal, signal_deleter>;
 
 int checked(int fd)
 {
-    if (fd < 0) {
+    if (fd < 0)
         throw std::system_error(errno, std::generic_category());
-    }
     return fd;
 }
 
@@ -51,9 +50,8 @@ int watch(int epoll, int fd)
 tesk_client_options with_defaults(tesk_client_options options)
 {
     auto use_default = [](uint32_t &value, uint32_t preset) {
-        if (value == 0) {
+        if (value == 0)
             value = preset;
-        }
     };
     use_default(options.deadline_ms, 2000);
     use_default(options.window, 16);
@@ -102,9 +100,8 @@ int remaining_ms(steady_clock::time_point end)
 
 owned_fd::~owned_fd()
 {
-    if (fd_ >= 0) {
+    if (fd_ >= 0)
         close(fd_);
-    }
 }
 
 tesk_client_session::tesk_client_session(const tesk_client_options &options)
@@ -125,9 +122,8 @@ tesk_client_session::~tesk_client_session()
 outcome tesk_client_session::begin_connection()
 {
     mailbox_ = mbx_create_mailbox(nullptr, 0);
-    if (mailbox_ == MBX_NO_MAILBOX) {
+    if (mailbox_ == MBX_NO_MAILBOX)
         return failure(TESK_CLIENT_FAILED, system_text("mbx_create_mailbox", errno));
-    }
     server_ = mbx_locate(TESK_SERVER_NAME);
     if (server_ == MBX_NO_MAILBOX) {
         outcome failed = locate_failure(errno);
@@ -140,6 +136,7 @@ outcome tesk_client_session::begin_connection()
         return failed;
     }
     mailbox_fd_ = mbx_get_fd();
+    /* Before the first signal: should the server die right after it, we are told all the same. */
     monitor_ = mbx_monitor(server_, nullptr);
 
     const size_t size = sizeof(tesk_conn_establish_req) + sizeof(uint32_t);
@@ -160,9 +157,8 @@ outcome tesk_client_session::begin_connection()
 
 void tesk_client_session::end_connection()
 {
-    if (mailbox_ == MBX_NO_MAILBOX) {
+    if (mailbox_ == MBX_NO_MAILBOX)
         return;
-    }
     if (mailbox_fd_ >= 0) {
         epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, mailbox_fd_, nullptr);
         mbx_unmonitor(monitor_);
@@ -200,13 +196,12 @@ void tesk_client_session::retry_later()
 void tesk_client_session::lose_server()
 {
     const bool had_connection = state_ == state::connected;
-    if (!had_connection) {
+    if (!had_connection)
         establishment_ = failure(TESK_CLIENT_LOST, "the server went away while connecting");
-    }
+    /* The new state before the callbacks: what they ask for waits for the next connection. */
     retry_later();
-    if (!had_connection) {
-        return;
-    }
+    if (!had_connection)
+        return; /* nobody has been told of this one */
     tesk_client_event event{};
     event.type = TESK_CLIENT_EVENT_LOST;
     event.result = TESK_CLIENT_LOST;
@@ -224,9 +219,8 @@ void tesk_client_session::tell(const tesk_client_event &event)
    this establishment. */
 void tesk_client_session::receive_establishment(const mbx_signal *signal)
 {
-    if (state_ != state::establishing) {
+    if (state_ != state::establishing)
         return;
-    }
     if (signal->number == TESK_CONN_ESTABLISH_REJ) {
         const auto rej = host_copy_of<tesk_conn_establish_rej>(signal);
         if (rej && rej->procedure_ref == last_procedure_ref_) {
@@ -238,19 +232,16 @@ void tesk_client_session::receive_establishment(const mbx_signal *signal)
     }
     const auto cfm = host_copy_of<tesk_conn_establish_cfm>(signal);
     if (!cfm || cfm->procedure_ref != last_procedure_ref_ ||
-        cfm->protocol_rev != TESK_PROTOCOL_REVISION) {
+        cfm->protocol_rev != TESK_PROTOCOL_REVISION)
         return;
-    }
     client_id_ = cfm->connection_ref;
     state_ = state::connected;
     retry_ = std::chrono::milliseconds(options_.retry_ms);
-    if (!std::exchange(was_connected_, true)) {
-        return;
-    }
+    if (!std::exchange(was_connected_, true))
+        return; /* the first: the caller of connect waits for it, and there is nothing to renew */
     renewals_.clear();
-    for (const auto &[key, confirmed] : subscriptions_) {
+    for (const auto &[key, confirmed] : subscriptions_)
         renewals_.push_back(key);
-    }
     tesk_client_event event{};
     event.type = TESK_CLIENT_EVENT_RESTORED;
     event.text = "the server is back";
@@ -268,22 +259,19 @@ void tesk_client_session::receive_indication(const mbx_signal *signal)
 {
     if (signal->number == TESK_SFP_INFO_IND) {
         const auto info = decode_sfp_info(signal);
-        if (info && holds(TESK_CLIENT_SFP_INFO, info->port_no)) {
+        if (info && holds(TESK_CLIENT_SFP_INFO, info->port_no))
             call(options_.on_sfp_info, &*info, options_.user);
-        }
         return;
     }
     const auto status = decode_port_status(signal);
-    if (status && holds(TESK_CLIENT_PORT_STATUS, status->port_no)) {
+    if (status && holds(TESK_CLIENT_PORT_STATUS, status->port_no))
         call(options_.on_port_status, &*status, options_.user);
-    }
 }
 
 void tesk_client_session::receive(const mbx_signal *signal)
 {
-    if (mbx_sender(signal) != server_) {
+    if (mbx_sender(signal) != server_)
         return;
-    }
     switch (signal->number) {
     case MBX_MONITOR_DEFAULT_NO:
         lose_server();
@@ -295,9 +283,8 @@ void tesk_client_session::receive(const mbx_signal *signal)
     case TESK_SFP_INFO_IND:
     case TESK_PORT_STATUS_IND: {
         const auto header = host_copy_of<tesk_header>(signal);
-        if (state_ == state::connected && header && header->connection_ref == conn_ref_) {
+        if (state_ == state::connected && header && header->connection_ref == conn_ref_)
             receive_indication(signal);
-        }
         break;
     }
     default:
@@ -315,9 +302,8 @@ void tesk_client_session::handle_time()
     }
     if (state_ == state::waiting && now >= phase_end_) {
         establishment_ = begin_connection();
-        if (establishment_.result != TESK_CLIENT_OK) {
+        if (establishment_.result != TESK_CLIENT_OK)
             retry_later();
-        }
     }
     expire_requests(now);
 }
@@ -326,12 +312,10 @@ void tesk_client_session::arm_timer()
 {
     std::optional<steady_clock::time_point> next = next_deadline();
     const bool has_phase = state_ == state::establishing || state_ == state::waiting;
-    if (has_phase && (!next || phase_end_ < *next)) {
+    if (has_phase && (!next || phase_end_ < *next))
         next = phase_end_;
-    }
-    if (next == armed_) {
-        return;
-    }
+    if (next == armed_)
+        return; /* saves a system call for most signals */
     armed_ = next;
     itimerspec setting{};
     if (next) {
@@ -346,25 +330,22 @@ void tesk_client_session::arm_timer()
 
 tesk_client_result tesk_client_session::dispatch()
 {
+    /* Both descriptors count, and stay readable until they are read. */
     uint64_t count = 0;
-    if (read(stop_event_.get(), &count, sizeof count) > 0) {
+    if (read(stop_event_.get(), &count, sizeof count) > 0)
         stopped_ = true;
-    }
-    if (read(timer_.get(), &count, sizeof count) > 0) {
+    if (read(timer_.get(), &count, sizeof count) > 0)
         armed_.reset();
-    }
     bool drained = false;
     for (int i = 0; i < signals_per_dispatch && mailbox_fd_ >= 0 && !drained; i++) {
         const owned_signal signal(mbx_receive(nullptr, 0, MBX_ANY_SENDER));
         drained = signal == nullptr;
-        if (!drained) {
+        if (!drained)
             receive(signal.get());
-        }
     }
     /* An answer that is here already is in time, however late we look. */
-    if (drained || mailbox_fd_ < 0) {
+    if (drained || mailbox_fd_ < 0)
         handle_time();
-    }
     send_what_fits();
     arm_timer();
     return state_ == state::ended ? TESK_CLIENT_LOST : TESK_CLIENT_OK;
@@ -382,15 +363,12 @@ tesk_client_result tesk_client_session::run(int timeout_ms)
         steady_clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
     int left = -1;
     do {
-        if (state_ == state::ended) {
+        if (state_ == state::ended)
             return TESK_CLIENT_LOST;
-        }
-        if (timeout_ms >= 0) {
+        if (timeout_ms >= 0)
             left = remaining_ms(end);
-        }
-        if (!stopped_ && wait(left)) {
+        if (!stopped_ && wait(left))
             dispatch();
-        }
     } while (!std::exchange(stopped_, false) && left != 0);
     return TESK_CLIENT_OK;
 }

@@ -1,4 +1,6 @@
-/* tesk_client_texts - results and enumerations in words. */
+/* tesk_client_texts - results and enumerations in words, each the index into its table. Programs
+   show these texts and compare them (teskctl's objects bear them), so they are as fixed as the
+   values. */
 #include "tesk_client/tesk_client.h"
 #include <span>
 
@@ -60,8 +62,7 @@ const char *tesk_client_text(tesk_client_enumeration enumeration, uint32_t value
 {
     const auto index = static_cast<size_t>(enumeration);
     if (index >= std::size(enumerations) || value >= enumerations[index].size() ||
-        enumerations[index][value] == nullptr) {
+        enumerations[index][value] == nullptr)
         return "unknown";
-    }
     return enumerations[index][value];
 }

@@ -1,6 +1,9 @@
+/* The board's protocol is text in packets: one packet asks, one answers. The socket keeps packets
+   whole, so nothing here puts pieces together or looks for ends. */
 #include "board_client.h"
 
 #include "platform/dolm_ric/dolm_ric_board.h"
+#include "tools/socket_group.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -20,10 +23,8 @@ namespace
 std::string what_to_do(int error, const std::string &path)
 {
     if (error == EACCES || error == EPERM)
-        return fmt::format(
-            "no access to the board at {}: run this as the user that the server runs "
-            "as, or as root",
-            path);
+        return fmt::format("no access to the board at {}: become a member of group {}, or use sudo",
+                           path, socket_group(path));
     return fmt::format("no board at {} ({}): start tesk-server first, or name its socket with "
                        "--socket",
                        path, std::strerror(error));

@@ -27,7 +27,7 @@ struct values {
     std::string module = "-";
     std::string operation;
     std::string code;
-    std::string count = "always";
+    std::string count; /* empty: `fail` lasts for ever, `wait` is for one call */
     std::string type;
     std::string id;
     std::string value;
@@ -38,7 +38,7 @@ struct values {
     bool not_ready = false;
 };
 
-/* The identity texts that `insert` takes as options. */
+/* The identity texts that `insert` takes as options; `set` takes them by their keys. */
 struct text_option {
     const char *option;
     const char *key;
@@ -50,7 +50,8 @@ constexpr text_option text_options[] = {
     {"--rdh-ext", "morvaine_rdh_ext"},
 };
 
-/* "key=value" as one word of a request, once it has been found right. */
+/* "key=value" as one word of a request, once it has been found right. Only texts are written anew:
+   a request ends a word at a blank, so theirs are escaped. */
 std::string setting_word(const std::string &text)
 {
     const board::setting parsed = board::parse_setting(text);
@@ -74,7 +75,7 @@ class reader
     reader(CLI::App &where, command &into) : app(where), result(into)
     {
         app.require_subcommand(1);
-        app.fallthrough();
+        app.fallthrough(); /* the common options may stand behind a command's own */
         app.add_option("--timeout", result.timeout, "Seconds to wait for an answer")
             ->check(CLI::Range(0.0, 86400.0))
             ->capture_default_str();
@@ -102,6 +103,7 @@ class reader
     CLI::App *add(const char *name, const char *about, std::function<void()> finish)
     {
         CLI::App *sub = app.add_subcommand(name, about);
+        /* The final one runs once, behind all options; the other kind runs as the words come. */
         sub->final_callback(std::move(finish));
         return sub;
     }
@@ -111,7 +113,8 @@ class reader
         return sub->add_option("PORTS", given.ports, "A list such as 0-3,7")->required();
     }
 
-    /* The list as it was given, once it has been found right. */
+    /* The list as it was given, once it has been found right: the board reads it itself, since only
+       it knows which ports there are. */
     const std::string &ports()
     {
         if (!given.ports.empty())
@@ -146,6 +149,7 @@ class reader
             ports();
             result.what = action::show;
         });
+        /* Several lists, so that the shell's {0..3} does as well as 0-3. */
         show->add_option_function<std::vector<std::string>>(
             "PORTS",
             [this](const std::vector<std::string> &lists) {
@@ -212,7 +216,7 @@ class reader
             const board::operation op = board::parse_operation(given.operation);
             board::parse_code(given.code);
             result.request = fmt::format("fail {} {} {} {}", board::operation_name(op), given.code,
-                                         given.count, ports());
+                                         given.count.empty() ? "always" : given.count, ports());
         });
         fail->add_option("OPERATION", given.operation)->required();
         fail->add_option("CODE", given.code, "A number or a name such as busy")->required();
@@ -263,7 +267,7 @@ class reader
             result.what = action::wait;
             result.request = wait_request();
         });
-        takes_ports(wait)->required(false);
+        takes_ports(wait)->required(false); /* two of the conditions are about no port */
         const CLI::IsMember kinds({"port", "link"});
         CLI::Option_group *what = wait->add_option_group("condition");
         what->require_option(1);
@@ -284,7 +288,7 @@ class reader
         if (!given.operation.empty())
             return fmt::format("wait calls {} {}",
                                board::operation_name(board::parse_operation(given.operation)),
-                               given.count == "always" ? "1" : given.count);
+                               given.count.empty() ? "1" : given.count);
         if (given.ports.empty())
             throw board::board_error("wait: subscriptions of which ports?");
         const bool wanted = !given.subscribed.empty();
@@ -297,7 +301,8 @@ class reader
     values given;
 };
 
-/* CLI11 only says that one of the subcommands is required. */
+/* CLI11 only says that one of the subcommands is required. Options in front of the command are left
+   to it. */
 void require_known(const CLI::App &app, const std::string &name)
 {
     std::string known;
@@ -319,7 +324,7 @@ command parse_command(std::vector<std::string> words, settings *whole, CLI::App 
         all.add_whole(*whole);
     if (!words.empty())
         require_known(app, words[0]);
-    std::reverse(words.begin(), words.end());
+    std::reverse(words.begin(), words.end()); /* CLI11 takes them from the end of a vector */
     app.parse(std::move(words));
     return result;
 }

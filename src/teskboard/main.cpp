@@ -1,9 +1,15 @@
-/* teskboard - plays the simulated board of a running tesk-server. */
+/* teskboard - plays the simulated board of a running tesk-server.
+
+   A command becomes one request to the board, or, for a table, one for each port. A scene is read
+   and checked as a whole, and then its steps are commands like any other, over one connection.
+   Whatever goes wrong is thrown and ends the program at one place, with a line on standard error
+   and an exit code of its own. */
 #include "board_client.h"
 #include "command.h"
 #include "scene.h"
 #include "view.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -16,10 +22,23 @@ namespace
 using namespace teskboard;
 using seconds = std::chrono::duration<double>;
 
+/* At once, since a scene's lines are read while it is played. */
 void print(const std::string &text)
 {
-    fmt::print("{}", text);
-    std::fflush(stdout);
+    std::fputs(text.c_str(), stdout);
+    if (std::fflush(stdout) != 0)
+        throw failed(exit_code::no_output, "output could not be written: is the disk full?");
+}
+
+/* The clock's time, which also the server's clients show. */
+std::string clock_time()
+{
+    const auto now = std::chrono::system_clock::now();
+    const auto milliseconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
+        1000;
+    return fmt::format("{:%H:%M:%S}.{:03}",
+                       fmt::localtime(std::chrono::system_clock::to_time_t(now)), milliseconds);
 }
 
 uint32_t count_ports(board_client &board, seconds deadline)
@@ -85,7 +104,7 @@ void play(board_client &board, const std::vector<scene_step> &steps, const comma
         std::this_thread::sleep_until(due);
         const std::string time = fmt::format("{:.3f}", seconds(clock::now() - start).count());
         if (!json)
-            print(fmt::format("{:>8}  {}: ", time, step.text));
+            print(fmt::format("{}  {:>7}  {}: ", clock_time(), "+" + time, step.text));
         try {
             run(board, step.what, json, {{"time", time}, {"step", step.text}});
         } catch (const failed &error) {
@@ -102,6 +121,7 @@ void carry_out(const command &what, const settings &whole)
         board_client board(whole.socket);
         return run(board, what, whole.json);
     }
+    /* First of all: a scene that is wrong is told without a board, too. */
     const std::vector<scene_step> steps = read_scene(what.scene);
     board_client board(whole.socket);
     play(board, steps, what, whole.json);
@@ -116,14 +136,18 @@ exit_code run_command_line(int count, char **words)
         const command what = parse_command({words + 1, words + count}, &whole, app);
         carry_out(what, whole);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? exit_code::done : exit_code::wrong_usage;
+        const bool told = app.exit(error) == 0;
+        print(""); /* CLI11 has written, but not looked whether it could */
+        return told ? exit_code::done : exit_code::wrong_usage;
+    } catch (const board::board_error &error) {
+        throw failed(exit_code::wrong_usage, error.what());
     }
     return exit_code::done;
 }
 
 int complain(const std::exception &error, exit_code code)
 {
-    std::fflush(stdout);
+    std::fflush(stdout); /* what was written before comes before, where both go to one place */
     std::fprintf(stderr, "teskboard: %s\n", error.what());
     return static_cast<int>(code);
 }
@@ -137,6 +161,6 @@ int main(int count, char **words)
     } catch (const failed &error) {
         return complain(error, error.code);
     } catch (const std::exception &error) {
-        return complain(error, exit_code::wrong_usage);
+        return complain(error, exit_code::fault);
     }
 }

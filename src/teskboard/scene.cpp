@@ -1,3 +1,6 @@
+/* Each step is read with the same code as a command line, so that both take the same words, and a
+   scene's slip is found as early as a wrong option: before anything has been changed on the board.
+   Which ports there are only the board knows; whoever plays the scene checks those. */
 #include "scene.h"
 
 #include "board_client.h"
@@ -60,6 +63,11 @@ scene_step parse_step(std::vector<std::string> words)
     return step;
 }
 
+failed slip_at(const std::string &where, const std::exception &error)
+{
+    return {exit_code::wrong_usage, fmt::format("{}: {}", where, error.what())};
+}
+
 } // namespace
 
 std::vector<scene_step> read_scene(const std::string &path)
@@ -77,8 +85,10 @@ std::vector<scene_step> read_scene(const std::string &path)
                 continue;
             steps.push_back(parse_step(std::move(words)));
             steps.back().where = where;
-        } catch (const std::exception &error) {
-            throw failed(exit_code::wrong_usage, fmt::format("{}: {}", where, error.what()));
+        } catch (const board::board_error &error) {
+            throw slip_at(where, error);
+        } catch (const CLI::Error &error) {
+            throw slip_at(where, error);
         }
     }
     return steps;

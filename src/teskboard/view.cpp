@@ -27,6 +27,7 @@ const field *find_field(std::string_view name)
     return found == all.end() ? nullptr : &*found;
 }
 
+/* The measured kinds stand together in the board's table of kinds. */
 bool is_measure(const field &known)
 {
     return known.kind >= field_kind::temperature && known.kind <= field_kind::power;
@@ -35,13 +36,13 @@ bool is_measure(const field &known)
 /* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
 constexpr auto table_row = "{:>4}  {:<14} {:<8}{:<6}{:<7}{:>9} {:>8} {:>8}  {:<17}{}\n";
 
-/* Decimal or 0x. */
+/* Decimal or 0x. The board wrote it, so nothing is checked here. */
 int64_t number_of(std::string_view text)
 {
     return std::strtoll(std::string(text).c_str(), nullptr, 0);
 }
 
-/* As on a data sheet. */
+/* As on a data sheet. The board holds thousandths and millionths; a power of nothing has no dBm. */
 std::string format_measure(field_kind kind, std::string_view raw)
 {
     const auto value = static_cast<double>(number_of(raw));
@@ -117,6 +118,8 @@ std::string format_table_head()
 
 std::string format_table_row(const answer &port)
 {
+    /* The board keeps what isn't there: the speed of a link that is down, the values of a module
+       that was taken out. The table shows what counts. */
     const bool up = value_of(port, "link") == "2";
     const bool there = value_of(port, "inserted") != "0";
     const bool measured = there && value_of(port, "diagnostics") != "0";

@@ -18,7 +18,8 @@ std::string format_board(const answer &board);
 /* How far a change reached. */
 std::string format_change(const answer &change);
 
-/* Any of these as JSON. */
+/* Any of these as JSON, under the board's keys. What repeats in an answer becomes a list, and what
+   has two parts an object: failures, and the calls of each operation. */
 std::string to_json(const answer &lines);
 
 } // namespace teskboard

@@ -1,4 +1,8 @@
-/* The commands that go on until a limit or a process signal: watch and ping. */
+/* The commands that go on until a limit or a process signal: watch and ping.
+
+   Both let the session look for the server again when it goes away. ping's requests wait for it
+   until their deadline, and so count as lost; watch's subscriptions are renewed by the session, and
+   the first indications of the renewal tell what has changed meanwhile. */
 #include "teskctl/commands.h"
 #include "teskctl/report.h"
 #include <algorithm>
@@ -41,13 +45,15 @@ struct ping_statistics {
     }
     double average() const
     {
-        return sum / static_cast<double>(answered);
+        return answered == 0 ? 0 : sum / static_cast<double>(answered);
     }
     double deviation() const
     {
         const double mean = average();
-        const double variance = sum_of_squares / static_cast<double>(answered) - mean * mean;
-        return std::sqrt(std::max(variance, 0.0));
+        const double mean_of_squares =
+            answered == 0 ? 0 : sum_of_squares / static_cast<double>(answered);
+        /* Of equal times it can come out a little below 0. */
+        return std::sqrt(std::max(mean_of_squares - mean * mean, 0.0));
     }
 };
 
@@ -57,11 +63,10 @@ void report_answer(const settings &settings, const reporter &report, uint64_t se
     const bool answered = answer.result == TESK_CLIENT_OK;
     if (settings.json) {
         json_object object = {{"event", answered ? "answer" : "no answer"}, {"seq", sequence}};
-        if (answered) {
+        if (answered)
             object["time_ms"] = time;
-        } else {
+        else
             object["text"] = answer.text;
-        }
         report.object(object);
     } else if (answered) {
         report.line(fmt::format("answer from tesk-server: seq={} time={:.3f} ms", sequence, time));
@@ -73,29 +78,30 @@ void report_answer(const settings &settings, const reporter &report, uint64_t se
 void report_statistics(const settings &settings, const reporter &report,
                        const ping_statistics &seen)
 {
+    /* A request that is still on its way when the user ends it is neither answered nor lost. */
     const uint64_t done = seen.sent - seen.open;
     const double loss =
         done == 0 ? 0 : 100 * static_cast<double>(done - seen.answered) / static_cast<double>(done);
+    const bool any = seen.answered > 0;
     if (settings.json) {
-        json_object object = {{"event", "summary"},
+        auto if_any = [any](double value) {
+            return any ? json_object(value) : json_object(nullptr);
+        };
+        return report.object({{"event", "summary"},
                               {"requests", done},
                               {"answers", seen.answered},
-                              {"loss_percent", loss}};
-        if (seen.answered > 0) {
-            object.update({{"min_ms", seen.shortest},
-                           {"avg_ms", seen.average()},
-                           {"max_ms", seen.longest},
-                           {"mdev_ms", seen.deviation()}});
-        }
-        return report.object(object);
+                              {"loss_percent", loss},
+                              {"min_ms", if_any(seen.shortest)},
+                              {"avg_ms", if_any(seen.average())},
+                              {"max_ms", if_any(seen.longest)},
+                              {"mdev_ms", if_any(seen.deviation())}});
     }
     report.line(fmt::format("\n--- tesk-server ping statistics ---\n"
                             "{} requests, {} answers, {:.0f}% lost",
                             done, seen.answered, loss));
-    if (seen.answered > 0) {
+    if (any)
         report.line(fmt::format("rtt min/avg/max/mdev = {:.3f}/{:.3f}/{:.3f}/{:.3f} ms",
                                 seen.shortest, seen.average(), seen.longest, seen.deviation()));
-    }
 }
 
 } // namespace
@@ -105,24 +111,25 @@ exit_code run_ping(const settings &settings, const ping_options &options)
     event_loop loop;
     const reporter report(settings);
     ping_statistics seen;
+    /* Stands behind what its callbacks capture, and so is closed before that goes. */
     session session(settings, {{}, {}, [&](const auto &event) { report.heard(event); }}, true);
     auto send = [&] {
         const uint64_t sequence = ++seen.sent;
         const steady_time start = steady_clock::now();
         seen.open++;
-        session.request(
-            TESK_CLIENT_REQUEST_CAPABILITIES, 0, [&, sequence, start](const auto &answer) {
-                const std::chrono::duration<double, std::milli> time = steady_clock::now() - start;
-                if (answer.result == TESK_CLIENT_CANCELLED) {
-                    return;
-                }
-                seen.open--;
-                if (answer.result == TESK_CLIENT_OK) {
-                    seen.add(time.count());
-                }
-                report_answer(settings, report, sequence, answer, time.count());
-            });
+        session.request(TESK_CLIENT_REQUEST_CAPABILITIES, 0,
+                        [&settings, &report, &seen, sequence, start](const auto &answer) {
+                            const std::chrono::duration<double, std::milli> time =
+                                steady_clock::now() - start;
+                            if (answer.result == TESK_CLIENT_CANCELLED)
+                                return; /* we are on the way out, and the statistics are written */
+                            seen.open--;
+                            if (answer.result == TESK_CLIENT_OK)
+                                seen.add(time.count());
+                            report_answer(settings, report, sequence, answer, time.count());
+                        });
     };
+    /* From due time to due time, not from answer to answer: a slow server is asked as often. */
     steady_time next = steady_clock::now();
     auto all_sent = [&] { return options.count != 0 && seen.sent >= options.count; };
     while (!all_sent() || seen.open > 0) {
@@ -132,9 +139,8 @@ exit_code run_ping(const settings &settings, const ping_options &options)
                 std::chrono::duration<double>(options.interval));
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
-        if (loop.wait(session, end) == event_loop::wake::signal) {
+        if (loop.wait(session, end) == event_loop::wake::signal)
             break;
-        }
     }
     report_statistics(settings, report, seen);
     return seen.answered > 0 ? exit_done : exit_no_answer;
@@ -144,6 +150,7 @@ exit_code run_watch(const settings &settings, const watch_options &options)
 {
     event_loop loop;
     const reporter report(settings);
+    /* One dispatch can bring several indications: those beyond the limit are not shown. */
     uint64_t heard = 0;
     auto more_wanted = [&] { return options.count == 0 || heard < options.count; };
     auto show = [&](const auto &record) {
@@ -164,12 +171,12 @@ exit_code run_watch(const settings &settings, const watch_options &options)
         report.failed(answer);
         code = std::max(code, exit_code_of(answer.result));
     });
+    /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
-           (!end || steady_clock::now() < *end)) {
+           (!end || steady_clock::now() < *end))
         loop.wait(session, end);
-    }
-    if (session.connected()) {
+    /* The server drops what a client held that has gone, but notices it only a moment later. */
+    if (session.connected())
         request_all(loop, session, held, [](const tesk_client_answer &) {});
-    }
     return code;
 }

@@ -1,6 +1,12 @@
-/* teskctl - the command line of tesk-server. */
+/* teskctl - the command line of tesk-server.
+
+   CLI11 reads the words into the fields of command_line; a subcommand's callback only notes which
+   function is to run. It runs after all words are read, since options may stand behind it. Whatever
+   goes wrong comes out as a tool_error, so that one place ends the command: with a line on standard
+   error, an object for programs, and the exit code. */
 #include "teskctl/commands.h"
 #include "teskctl/port_list.h"
+#include "teskctl/report.h"
 #include <CLI/CLI.hpp>
 #include <clocale>
 #include <cstdio>
@@ -14,7 +20,8 @@ namespace
 constexpr char footer[] =
     "PORTS are lists like 0-3,7; several may be given.\n"
     "Exit codes: 0 done, 1 rejected by the server, 2 wrong usage,\n"
-    "3 no server or no access, 4 no answer in time, 5 output could not be written.";
+    "3 no server or no access, 4 no answer in time, 5 output could not be written,\n"
+    "70 a fault of teskctl itself.";
 
 using ports_text = std::vector<std::string>;
 
@@ -28,7 +35,8 @@ CLI::Option *add_ports(CLI::App *command, const std::string &name, ports_text &p
 class command_line
 {
   public:
-    command_line()
+    /* Writes into `settings` what the options say. */
+    explicit command_line(settings &settings) : settings_(settings)
     {
         app_.require_subcommand(1);
         app_.fallthrough();
@@ -51,7 +59,9 @@ class command_line
             return app_.exit(error) == 0 ? exit_done : exit_usage;
         }
         settings_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
-        /* The mailbox library's own time for finding the server; who has set it means it. */
+        /* Finding the server is the mailbox library's part of a connection, with a time of its own
+           that no call can set. It gets the same as each answer, unless the environment says more
+           or less: who has set it means it. */
         setenv("MBX_LOCATE_MS", std::to_string(settings_.timeout_ms).c_str(), 0);
         settings_.terminal = isatty(STDOUT_FILENO) != 0;
         const char *no_colour = std::getenv("NO_COLOR");
@@ -106,9 +116,8 @@ class command_line
         CLI::App *watch = add("watch", "Print what changes, as it changes", [this] {
             watch_.sfp = parse_ports(sfp_);
             watch_.status = parse_ports(status_);
-            if (watch_.sfp.empty() && watch_.status.empty()) {
+            if (watch_.sfp.empty() && watch_.status.empty())
                 throw tool_error(exit_usage, "watch what? Name ports with --sfp or --status");
-            }
             return run_watch(settings_, watch_);
         });
         add_ports(watch, "--sfp", sfp_, "Watch the modules in these ports");
@@ -135,7 +144,7 @@ class command_line
     }
 
     CLI::App app_{"Talks to tesk-server: what is in its ports, how they are, what they measure."};
-    settings settings_;
+    settings &settings_;
     double timeout_ = 2;
     std::function<exit_code()> command_;
     ports_text ports_, sfp_, status_;
@@ -148,14 +157,18 @@ class command_line
 } // namespace
 
 int main(int argc, char **argv)
-try {
-    const int code = command_line().run(argc, argv);
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        throw tool_error(exit_no_output, "output could not be written: is the disk full?");
+{
+    settings settings;
+    try {
+        const int code = command_line(settings).run(argc, argv);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+            throw tool_error(exit_no_output, "output could not be written: is the disk full?");
+        return code;
+    } catch (const tool_error &error) {
+        reporter(settings).failed(error.code(), error.what());
+        return error.code();
+    } catch (const std::exception &error) {
+        reporter(settings).failed(exit_fault, fmt::format("unexpected: {}", error.what()));
+        return exit_fault;
     }
-    return code;
-} catch (const tool_error &error) {
-    std::fflush(stdout);
-    std::fputs(fmt::format("teskctl: {}\n", error.what()).c_str(), stderr);
-    return error.code();
 }

@@ -1,3 +1,5 @@
+/* A set takes the ranges, which may overlap. The limits are looked at before a range is walked: a
+   slip such as 0-4294967295 is told and costs nothing. */
 #include "teskctl/port_list.h"
 #include "teskctl/tool.h"
 #include <charconv>
@@ -30,12 +32,10 @@ void add_range(std::string_view range, const std::string &list, std::set<uint32_
     const uint32_t first = parse_port(range.substr(0, dash), list);
     const uint32_t last =
         dash == std::string_view::npos ? first : parse_port(range.substr(dash + 1), list);
-    if (last < first) {
+    if (last < first)
         throw tool_error(exit_usage, fmt::format("\"{}\": {} comes before {}", list, last, first));
-    }
-    for (uint32_t port = first; port <= last; port++) {
+    for (uint32_t port = first; port <= last; port++)
         ports.insert(port);
-    }
 }
 
 } // namespace

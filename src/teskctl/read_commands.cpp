@@ -1,4 +1,10 @@
-/* The commands that ask once and end: capabilities, pm, sfp, status, history. */
+/* The commands that ask once and end: capabilities, pm, sfp, status, history.
+
+   Those with ports ask for all at once, and one port's failure doesn't keep the others from being
+   shown: it makes the exit code, of several the highest. Nothing tells how a port is now but an
+   indication, so sfp and status subscribe, take the first one, and unsubscribe.
+
+   A table can be laid out only when all rows are there; objects are written as they come. */
 #include "teskctl/commands.h"
 #include "teskctl/report.h"
 #include <algorithm>
@@ -37,9 +43,8 @@ std::string pm_block(const tesk_client_pm &pm)
     add("loss of signal", pm.has_loss_of_signal, std::to_string(pm.loss_of_signal));
     add("loss of frame", pm.has_loss_of_frame, std::to_string(pm.loss_of_frame));
     std::string errors;
-    for (size_t i = 0; i < std::size(pm.bit_errors); i++) {
+    for (size_t i = 0; i < std::size(pm.bit_errors); i++)
         errors += fmt::format("{}1e-{}: {}", i == 0 ? "" : ", ", 8 - i, pm.bit_errors[i]);
-    }
     add("bit errors", pm.has_bit_errors, errors);
     return text;
 }
@@ -81,20 +86,17 @@ exit_code run_capabilities(const settings &settings)
     size_t count = 0;
     const tesk_client_result result =
         tesk_client_read_capabilities(session.get(), capabilities, std::size(capabilities), &count);
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         fail(result);
-    }
     table shown({"CAPABILITY", "VALUE"});
     for (size_t i = 0; i < count; i++) {
-        if (settings.json) {
+        if (settings.json)
             reporter(settings).line(
                 json_object{{"id", capabilities[i].id}, {"value", capabilities[i].value}}.dump());
-        }
         shown.add({std::to_string(capabilities[i].id), std::to_string(capabilities[i].value)});
     }
-    if (!settings.json) {
+    if (!settings.json)
         write(shown.text(terminal_width(settings)));
-    }
     return exit_done;
 }
 
@@ -126,9 +128,8 @@ exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
     std::map<uint32_t, std::vector<std::string>> rows;
     auto take = [&](const auto &record) {
         const bool first = rows.try_emplace(record.port_no, row(record)).second;
-        if (first && settings.json) {
+        if (first && settings.json)
             report.heard(record);
-        }
     };
     session session(settings, {take, take, {}}, false);
 
@@ -144,20 +145,18 @@ exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
                                     });
     const steady_time end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(settings.timeout_ms);
+    /* The first indication follows its confirmation, but as a signal of its own. */
     while (rows.size() < held.size() && std::chrono::steady_clock::now() < end &&
            loop.wait(session, end) != event_loop::wake::signal) {
     }
     request_all(loop, session, held, [](const tesk_client_answer &) {});
-    if (rows.size() < held.size()) {
+    if (rows.size() < held.size())
         throw tool_error(exit_no_answer, "the server confirmed, but sent no indication in time");
-    }
     table shown({"PORT", sfp ? "MODULE" : "STATUS"});
-    for (const auto &[port, cells] : rows) {
+    for (const auto &[port, cells] : rows)
         shown.add(cells);
-    }
-    if (!settings.json && !rows.empty()) {
+    if (!settings.json && !rows.empty())
         write(shown.text(terminal_width(settings)));
-    }
     return code;
 }
 
@@ -169,34 +168,31 @@ exit_code run_history(const settings &settings, const std::string &kind)
         tesk_client_history_record record;
     };
     session session(settings, {}, false);
+    /* The server keeps three histories, each by time; together they tell what led to what. */
     std::vector<entry> entries;
     for (size_t i = 0; i < std::size(names); i++) {
-        if (!kind.empty() && kind != names[i]) {
+        if (!kind.empty() && kind != names[i])
             continue;
-        }
         const auto wanted = static_cast<tesk_client_history_kind>(i);
         tesk_client_history_record records[TESK_CLIENT_HISTORY_LENGTH];
         size_t count = 0;
         const tesk_client_result result =
             tesk_client_read_history(session.get(), wanted, records, std::size(records), &count);
-        if (result != TESK_CLIENT_OK) {
+        if (result != TESK_CLIENT_OK)
             fail(result);
-        }
-        for (size_t j = 0; j < count; j++) {
+        for (size_t j = 0; j < count; j++)
             entries.push_back({wanted, records[j]});
-        }
     }
+    /* Stable, so that records of one microsecond keep the order of their history. */
     std::ranges::stable_sort(entries, {}, [](const entry &each) { return each.record.time_us; });
     table shown({"TIME", "PORT", "WHAT"});
     for (const entry &each : entries) {
-        if (settings.json) {
+        if (settings.json)
             reporter(settings).line(to_json(each.record, each.kind).dump());
-        }
         shown.add({date_and_time(each.record.time_us), std::to_string(each.record.port_no),
                    what_happened(each.record, each.kind)});
     }
-    if (!settings.json) {
+    if (!settings.json)
         write(shown.text(terminal_width(settings)));
-    }
     return exit_done;
 }

@@ -1,4 +1,8 @@
-/* records - the public records in words and as objects. */
+/* records - the public records in words and as objects.
+
+   Words are for people: blanks at the end of a module's texts are dropped, what says nothing is
+   left out, the worst level comes first. Objects are for programs: the same keys each time, in the
+   same order, bytes as they are, and null where there is no value. */
 #include "teskctl/text.h"
 #include <cmath>
 #include <cstring>
@@ -17,27 +21,28 @@ std::string module_text(const char (&field)[width])
     return escape(text);
 }
 
+/* The whole text, blanks included. */
 template <size_t width>
 std::string all_bytes(const char (&field)[width])
 {
     return escape(std::string_view(field, strnlen(field, width)));
 }
 
+/* "tx power" is "tx_power" as a key. */
 std::string key_of(uint32_t measurement)
 {
     std::string key = tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, measurement);
-    for (char &letter : key) {
+    for (char &letter : key)
         letter = letter == ' ' ? '_' : letter;
-    }
     return key;
 }
 
+/* Always all of them, as the server sends them. */
 json_object levels_to_json(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 {
     json_object levels;
-    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++) {
+    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++)
         levels[key_of(i)] = tesk_client_text(TESK_CLIENT_TEXT_LEVEL, level[i]);
-    }
     return levels;
 }
 
@@ -47,11 +52,16 @@ json_object value_or_null(bool has, value_type value)
     return has ? json_object(value) : json_object(nullptr);
 }
 
+/* To the hundredth, as people read it. */
 json_object dbm_or_null(bool has, uint32_t microwatts)
 {
-    const bool finite = has && microwatts > 0;
-    return value_or_null(finite,
-                         std::round(1000 * std::log10(finite ? microwatts / 1000.0 : 1)) / 100);
+    const auto value = has ? to_dbm(microwatts) : std::nullopt;
+    return value_or_null(value.has_value(), std::round(100 * value.value_or(0)) / 100);
+}
+
+json_object speed_or_null(uint32_t tenths)
+{
+    return value_or_null(tenths != 0, tenths / 10.0);
 }
 
 } // namespace
@@ -59,18 +69,15 @@ json_object dbm_or_null(bool has, uint32_t microwatts)
 std::string describe(const tesk_client_sfp_info &info)
 {
     const char *type = tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type);
-    if (info.type == TESK_CLIENT_SFP_NOT_PRESENT) {
+    if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
         return type;
-    }
     std::string text = type;
     auto add = [&text](const char *label, const std::string &value) {
-        if (!value.empty()) {
+        if (!value.empty())
             text += fmt::format(", {} {}", label, value);
-        }
     };
-    if (info.speed != 0) {
+    if (info.speed != 0)
         text += ", " + gbps(info.speed);
-    }
     add("vendor", module_text(info.vendor_name));
     add("part", module_text(info.vendor_pn));
     add("rev", module_text(info.vendor_rev));
@@ -97,10 +104,9 @@ std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
                 names += tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i);
             }
         }
-        if (!names.empty()) {
+        if (!names.empty())
             text += fmt::format("{}{}: {}", text.empty() ? "" : "; ",
                                 tesk_client_text(TESK_CLIENT_TEXT_LEVEL, wanted), names);
-        }
     }
     return text;
 }
@@ -108,9 +114,8 @@ std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 std::string describe(const tesk_client_port_status &status)
 {
     std::string text = tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link);
-    if (status.link == TESK_CLIENT_LINK_OPERATIONAL) {
+    if (status.link == TESK_CLIENT_LINK_OPERATIONAL) /* a link that is down has no speed */
         text += " " + gbps(status.link_speed);
-    }
     return fmt::format("{}, module {}, environment {}; {}", text,
                        tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, status.sfp_type),
                        tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, status.environment),
@@ -137,7 +142,7 @@ json_object to_json(const tesk_client_sfp_info &info)
     return {{"event", "sfp"},
             {"port", info.port_no},
             {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type)},
-            {"speed_gbps", value_or_null(info.speed != 0, info.speed / 10.0)},
+            {"speed_gbps", speed_or_null(info.speed)},
             {"vendor", all_bytes(info.vendor_name)},
             {"part", all_bytes(info.vendor_pn)},
             {"revision", all_bytes(info.vendor_rev)},
@@ -152,7 +157,7 @@ json_object to_json(const tesk_client_port_status &status)
     return {{"event", "status"},
             {"port", status.port_no},
             {"link", tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link)},
-            {"speed_gbps", status.link_speed / 10.0},
+            {"speed_gbps", speed_or_null(status.link_speed)},
             {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, status.sfp_type)},
             {"levels", levels_to_json(status.level)},
             {"environment", tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, status.environment)}};
@@ -173,6 +178,7 @@ json_object to_json(const tesk_client_pm &pm)
         {"tx_bias_ma", value_or_null(pm.has_tx_bias, pm.tx_bias / 100.0)},
         {"loss_of_signal", value_or_null(pm.has_loss_of_signal, pm.loss_of_signal)},
         {"loss_of_frame", value_or_null(pm.has_loss_of_frame, pm.loss_of_frame)}};
+    /* Not through value_or_null: braces around an array would make an array of it. */
     object["bit_errors"] = pm.has_bit_errors ? json_object(pm.bit_errors) : json_object(nullptr);
     return object;
 }

@@ -1,6 +1,18 @@
+/* The time before a line is that of its writing: neither indications nor answers carry one. */
 #include "teskctl/report.h"
 #include <cstdio>
 #include <fmt/format.h>
+
+namespace
+{
+
+void complain(const std::string &text)
+{
+    std::fflush(stdout); /* what was written before comes before, where both go to one place */
+    std::fputs(fmt::format("teskctl: {}\n", text).c_str(), stderr);
+}
+
+} // namespace
 
 void reporter::line(const std::string &text) const
 {
@@ -10,9 +22,11 @@ void reporter::line(const std::string &text) const
 
 void reporter::object(const json_object &object) const
 {
+    /* Built around the object, so that the time is its first key. */
     json_object stamped = {{"time", iso_time(now_us())}};
     stamped.update(object);
-    line(stamped.dump());
+    /* Bytes that are no text can still come from the environment, as in the name of a directory. */
+    line(stamped.dump(-1, ' ', false, json_object::error_handler_t::replace));
 }
 
 void reporter::port_line(uint32_t port_no, const char *what, const std::string &text) const
@@ -38,6 +52,7 @@ void reporter::heard(const tesk_client_pm &pm) const
 
 void reporter::heard(const tesk_client_event &event) const
 {
+    /* In the order of tesk_client_event_type. */
     static constexpr const char *names[] = {"lost", "restored", "subscription lost"};
     static constexpr const char *words[] = {
         "tesk-server went away; waiting until it comes back",
@@ -65,16 +80,20 @@ void reporter::heard(const tesk_client_event &event) const
 void reporter::failed(const tesk_client_answer &answer) const
 {
     const std::string name = request_name(answer.request);
-    if (settings_.json) {
-        object({{"event", answer.result == TESK_CLIENT_REJECTED ? "rejected" : "failed"},
+    const bool rejected = answer.result == TESK_CLIENT_REJECTED;
+    if (settings_.json)
+        object({{"event", rejected ? "rejected" : "failed"},
                 {"request", name},
                 {"port", answer.port_no},
-                {"code", answer.error_code},
+                {"code", rejected ? json_object(answer.error_code) : json_object(nullptr)},
                 {"text", escape(answer.text)}});
-    } else {
-        std::fputs(fmt::format("teskctl: port {}: {}: {}\n", answer.port_no, name,
-                               explain(answer.result, answer.text))
-                       .c_str(),
-                   stderr);
-    }
+    complain(
+        fmt::format("port {}: {}: {}", answer.port_no, name, explain(answer.result, answer.text)));
+}
+
+void reporter::failed(exit_code code, const std::string &text) const
+{
+    if (settings_.json && code != exit_no_output)
+        object({{"event", "error"}, {"exit_code", code}, {"text", text}});
+    complain(text);
 }

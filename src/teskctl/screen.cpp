@@ -1,3 +1,9 @@
+/* The page is drawn over the one before, line by line; clearing it as a whole would flicker. A line
+   is cleared before it is written: behind one that fills the window, clearing would take its last
+   character. A frame is put together first and goes out at once.
+
+   No handler puts the terminal back: the signals that end or stop the program are taken from a
+   descriptor by the loop, which leaves the scope of the screen or calls suspend. */
 #include "teskctl/screen.h"
 #include <algorithm>
 #include <csignal>
@@ -10,7 +16,7 @@ namespace
 /* The other page of the terminal, without a cursor, and back. */
 constexpr char enter_sequence[] = "\x1b[?1049h\x1b[?25l\x1b[2J";
 constexpr char leave_sequence[] = "\x1b[?25h\x1b[?1049l";
-constexpr char clear_to_end_of_line[] = "\x1b[K";
+constexpr char clear_line[] = "\x1b[K";
 constexpr char clear_below[] = "\x1b[J";
 
 void write_out(const std::string &text)
@@ -34,7 +40,7 @@ screen::~screen()
 void screen::enter()
 {
     if (has_keys_) {
-        termios raw = saved_;
+        termios raw = saved_; /* signals stay on: Ctrl-C and Ctrl-Z work as anywhere */
         raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &raw);
     }
@@ -44,23 +50,23 @@ void screen::enter()
 void screen::leave()
 {
     write_out(leave_sequence);
-    if (has_keys_) {
+    if (has_keys_)
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
-    }
 }
 
 void screen::suspend()
 {
     leave();
-    raise(SIGSTOP);
+    raise(SIGSTOP); /* SIGTSTP is blocked: the loop takes it from its descriptor */
     enter();
 }
 
 void screen::draw(const std::vector<std::string> &lines, size_t height) const
 {
     std::string frame = "\x1b[H";
-    for (size_t i = 0; i < std::min(lines.size(), height); i++) {
-        frame += (i == 0 ? "" : "\r\n") + lines[i] + clear_to_end_of_line;
-    }
-    write_out(frame + clear_below);
+    for (size_t i = 0; i < std::min(lines.size(), height); i++)
+        frame += (i == 0 ? "" : "\r\n") + (clear_line + lines[i]);
+    if (lines.size() < height)
+        frame += std::string("\r\n") + clear_below;
+    write_out(frame);
 }

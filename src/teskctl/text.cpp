@@ -1,3 +1,6 @@
+/* Values come in the protocol's whole numbers and leave as on a data sheet, with as many places as
+   the numbers have. Widths count columns of the terminal: all text from outside is escaped to ASCII
+   before it comes here, so that only our own characters are longer than a byte. */
 #include "teskctl/text.h"
 #include <algorithm>
 #include <chrono>
@@ -29,9 +32,8 @@ std::vector<std::string> wrap(std::string_view text, size_t width)
     std::vector<std::string> lines;
     while (width > 0 && display_width(text) > width) {
         size_t end = text.rfind(' ', width);
-        if (end == std::string_view::npos || end == 0) {
+        if (end == std::string_view::npos || end == 0)
             end = width;
-        }
         lines.emplace_back(text.substr(0, end));
         text.remove_prefix(std::min(text.size(), text.find_first_not_of(' ', end)));
     }
@@ -44,24 +46,21 @@ std::vector<std::string> wrap(std::string_view text, size_t width)
 std::string escape(std::string_view bytes)
 {
     std::string text;
-    for (const char byte : bytes) {
-        if (byte == '\\') {
+    for (const char byte : bytes)
+        if (byte == '\\')
             text += "\\\\";
-        } else if (byte >= ' ' && byte <= '~') {
+        else if (byte >= ' ' && byte <= '~')
             text += byte;
-        } else {
+        else
             text += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
-        }
-    }
     return text;
 }
 
 std::string paint(const std::string &text, tint shade, bool enabled)
 {
     static constexpr const char *codes[] = {"", "32", "33", "31", "2", "1"};
-    if (!enabled || shade == tint::none) {
+    if (!enabled || shade == tint::none)
         return text;
-    }
     return fmt::format("\x1b[{}m{}\x1b[0m", codes[static_cast<size_t>(shade)], text);
 }
 
@@ -75,10 +74,12 @@ size_t display_width(std::string_view text)
 std::string fit(std::string_view text, size_t width)
 {
     const size_t taken = display_width(text);
-    if (taken <= width) {
+    if (taken <= width)
         return std::string(text) + std::string(width - taken, ' ');
-    }
-    return std::string(text.substr(0, width));
+    /* Goes on until the first byte of a character is off, which is the one that counts. */
+    while (display_width(text) > width)
+        text.remove_suffix(1);
+    return std::string(text);
 }
 
 std::string milliwatts(uint32_t microwatts)
@@ -86,10 +87,17 @@ std::string milliwatts(uint32_t microwatts)
     return fmt::format("{:.3f} mW", microwatts / 1000.0);
 }
 
+std::optional<double> to_dbm(uint32_t microwatts)
+{
+    if (microwatts == 0)
+        return std::nullopt;
+    return 10 * std::log10(microwatts / 1000.0);
+}
+
 std::string dbm(uint32_t microwatts)
 {
-    return microwatts == 0 ? "< -30.00 dBm"
-                           : fmt::format("{:.2f} dBm", 10 * std::log10(microwatts / 1000.0));
+    const auto value = to_dbm(microwatts);
+    return value ? fmt::format("{:.2f} dBm", *value) : "< -30.00 dBm";
 }
 
 std::string celsius(int32_t tenths)
@@ -143,21 +151,19 @@ std::string table::text(size_t width) const
     std::vector<size_t> widths(last, 0);
     size_t indent = 0;
     for (size_t i = 0; i < last; i++) {
-        for (const auto &row : rows_) {
+        for (const auto &row : rows_)
             widths[i] = std::max(widths[i], display_width(row[i]));
-        }
         indent += widths[i] + gap;
     }
+    /* In a window too narrow even for that, lines wrap, rather than lose what they tell. */
     const size_t room = width == 0 ? 0 : std::max(width, indent + narrowest) - indent;
     std::string text;
     for (const auto &row : rows_) {
-        for (size_t i = 0; i < last; i++) {
+        for (size_t i = 0; i < last; i++)
             text += fit(row[i], widths[i] + gap);
-        }
         bool first = true;
-        for (const std::string &line : wrap(row[last], room)) {
+        for (const std::string &line : wrap(row[last], room))
             text += (std::exchange(first, false) ? "" : std::string(indent, ' ')) + line + "\n";
-        }
     }
     return text;
 }

@@ -4,6 +4,7 @@
 #include "tesk_client/tesk_client.h"
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,8 +24,9 @@ std::string fit(std::string_view text, size_t width);
 
 /* Units as on a data sheet. The arguments are those of tesk_client_pm. */
 std::string milliwatts(uint32_t microwatts);
-std::string
-dbm(uint32_t microwatts); /* "< -30.00 dBm" for 0, which is what the protocol can tell */
+/* Nothing for 0, which has no logarithm; "< -30.00 dBm", the least that the protocol can tell. */
+std::optional<double> to_dbm(uint32_t microwatts);
+std::string dbm(uint32_t microwatts);
 std::string celsius(int32_t tenths);
 std::string volts(uint32_t tenths_of_millivolts);
 std::string milliamperes(uint32_t hundredths);
@@ -54,8 +56,7 @@ class table
     std::vector<std::vector<std::string>> rows_;
 };
 
-/* The public records in words, for one line, and as objects for --json; the man page has the keys.
- */
+/* The public records in words, for one line, and as objects; the man page has their keys. */
 std::string describe(const tesk_client_sfp_info &info);
 std::string describe(const tesk_client_port_status &status);
 std::string describe(const tesk_client_pm &pm);

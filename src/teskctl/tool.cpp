@@ -1,15 +1,20 @@
+/* Everything goes through one poll: the session's descriptor, a signalfd in place of handlers, and
+   standard input where keys are wanted. So a command is one thread and one loop, and nothing
+   happens but in event_loop::wait.
+
+   Requests are made without waiting. A callback owns its function until the answer comes, which the
+   client library promises for each request, if only as cancelled when the session is closed. */
 #include "teskctl/tool.h"
 #include "teskctl/text.h"
+#include "tools/socket_group.h"
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fmt/format.h>
-#include <grp.h>
 #include <memory>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -23,28 +28,15 @@ std::string mailbox_directory()
     return directory != nullptr && *directory != '\0' ? directory : "/run/mbx";
 }
 
-/* The group that may use the server's mailbox: that of its socket, or of the directory where that
-   can't even be looked into. */
-std::string group_of_mailbox()
-{
-    const std::string directory = mailbox_directory();
-    struct stat status {
-    };
-    if (stat((directory + "/" + server_name).c_str(), &status) != 0 &&
-        stat(directory.c_str(), &status) != 0) {
-        return "the one that owns " + directory;
-    }
-    const group *owner = getgrgid(status.st_gid);
-    return owner != nullptr ? fmt::format("\"{}\"", owner->gr_name)
-                            : fmt::format("{}", status.st_gid);
-}
-
-std::optional<winsize> window()
+/* A terminal on a serial line tells no size: it is taken for one of the usual size. */
+winsize window()
 {
     winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
-        return std::nullopt;
-    }
+    ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+    if (size.ws_col == 0)
+        size.ws_col = 80;
+    if (size.ws_row == 0)
+        size.ws_row = 24;
     return size;
 }
 
@@ -52,14 +44,12 @@ std::optional<winsize> window()
 
 size_t terminal_width(const settings &settings)
 {
-    const auto size = settings.terminal ? window() : std::nullopt;
-    return size ? size->ws_col : 0;
+    return settings.terminal ? window().ws_col : 0;
 }
 
 size_t terminal_height()
 {
-    const auto size = window();
-    return size ? size->ws_row : 24;
+    return window().ws_row;
 }
 
 exit_code exit_code_of(tesk_client_result result)
@@ -88,7 +78,8 @@ std::string explain(tesk_client_result result, const std::string &text)
                            server_name, mailbox_directory());
     case TESK_CLIENT_NO_ACCESS:
         return fmt::format("no access to \"{}\" in {}: become a member of group {}, or use sudo",
-                           server_name, mailbox_directory(), group_of_mailbox());
+                           server_name, mailbox_directory(),
+                           socket_group(mailbox_directory() + "/" + server_name));
     case TESK_CLIENT_TIMEOUT:
         return fmt::format("{}: is {} stopped or busy? --timeout gives it longer", text,
                            server_name);
@@ -106,27 +97,26 @@ session::session(const settings &settings, handlers called, bool reconnect)
     options.deadline_ms = settings.timeout_ms;
     options.reconnect = reconnect;
     options.user = &handlers_;
+    /* C callbacks know only a pointer; it leads to the functions of this object. */
     options.on_sfp_info = [](const tesk_client_sfp_info *info, void *user) {
-        if (auto *to = static_cast<session::handlers *>(user); to->sfp_info) {
+        if (auto *to = static_cast<session::handlers *>(user); to->sfp_info)
             to->sfp_info(*info);
-        }
     };
     options.on_port_status = [](const tesk_client_port_status *status, void *user) {
-        if (auto *to = static_cast<session::handlers *>(user); to->port_status) {
+        if (auto *to = static_cast<session::handlers *>(user); to->port_status)
             to->port_status(*status);
-        }
     };
     options.on_event = [](const tesk_client_event *event, void *user) {
-        if (auto *to = static_cast<session::handlers *>(user); to->event) {
+        if (auto *to = static_cast<session::handlers *>(user); to->event)
             to->event(*event);
-        }
     };
     const tesk_client_result result = tesk_client_connect(&options, &session_);
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
-    }
 }
 
+/* Closing cancels what is open, and those who asked hear of it; the handlers' owner is already on
+   its way out and hears of nothing more. */
 session::~session()
 {
     handlers_ = {};
@@ -143,9 +133,8 @@ void session::request(tesk_client_request_type type, uint32_t port_no, answered 
             (*call)(*answer);
         },
         owned.get());
-    if (result != TESK_CLIENT_OK) {
+    if (result != TESK_CLIENT_OK)
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
-    }
     static_cast<void>(owned.release()); /* the callback has it now */
 }
 
@@ -153,14 +142,13 @@ event_loop::event_loop(const std::vector<int> &signals)
 {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : signals) {
+    for (const int number : signals)
         sigaddset(&set, number);
-    }
+    /* Threads inherit the mask: those that a mailbox library starts later take none of them. */
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal_fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (signal_fd_ < 0) {
+    if (signal_fd_ < 0)
         throw tool_error(exit_no_server, "signalfd failed: too many open files?");
-    }
 }
 
 event_loop::~event_loop()
@@ -177,17 +165,19 @@ event_loop::wake event_loop::wait(const session &session, std::optional<steady_t
     if (end) {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(*end - std::chrono::steady_clock::now());
+        /* At most an hour, since poll counts in an int: the caller looks at the time again. */
         timeout = static_cast<int>(std::clamp<int64_t>(left.count(), 0, 3'600'000));
     }
-    if (poll(polled, std::size(polled), timeout) <= 0) {
+    if (poll(polled, std::size(polled), timeout) <= 0)
         return wake::time;
-    }
+    /* A process signal first: a busy session could keep the loop from ever seeing it. */
     signalfd_siginfo info{};
     if (polled[1].revents != 0 && read(signal_fd_, &info, sizeof info) == sizeof info) {
         signal_ = static_cast<int>(info.ssi_signo);
         return wake::signal;
     }
     if (polled[2].revents != 0) {
+        /* At the end of standard input it would be readable for ever. */
         keys_ = read(STDIN_FILENO, &key_, 1) == 1;
         return keys_ ? wake::key : wake::session;
     }
@@ -200,30 +190,33 @@ std::vector<port_request> requests_for(tesk_client_request_type type,
 {
     std::vector<port_request> requests;
     requests.reserve(ports.size());
-    for (const uint32_t port : ports) {
+    for (const uint32_t port : ports)
         requests.push_back({type, port});
-    }
     return requests;
 }
 
 void request_all(event_loop &loop, session &session, const std::vector<port_request> &requests,
                  const session::answered &answered)
 {
-    /* Shared with the callbacks, which may come after a process signal has ended the wait. */
-    auto open = std::make_shared<size_t>(requests.size());
-    auto waits = std::make_shared<bool>(true);
-    for (const port_request &request : requests) {
+    /* A process signal or a failed request ends this call before all answers are there: they come
+       later, the last of them when the session is closed. The callbacks hold what they touch
+       weakly, so that they find nothing once this call is over. */
+    struct batch {
+        size_t open;
+        const session::answered &answered;
+    };
+    const auto all = std::make_shared<batch>(batch{requests.size(), answered});
+    for (const port_request &request : requests)
         session.request(request.type, request.port_no,
-                        [open, waits, &answered](const tesk_client_answer &answer) {
-                            if (*waits) {
-                                --*open;
-                                answered(answer);
-                            }
+                        [weak = std::weak_ptr(all)](const tesk_client_answer &answer) {
+                            const auto waiting = weak.lock();
+                            if (!waiting)
+                                return;
+                            --waiting->open;
+                            waiting->answered(answer);
                         });
+    while (all->open > 0 && loop.wait(session, std::nullopt) != event_loop::wake::signal) {
     }
-    while (*open > 0 && loop.wait(session, std::nullopt) != event_loop::wake::signal) {
-    }
-    *waits = false;
 }
 
 std::vector<port_request> subscribe_all(event_loop &loop, session &session,

@@ -19,6 +19,7 @@ enum exit_code : int {
     exit_no_server = 3,
     exit_no_answer = 4,
     exit_no_output = 5,
+    exit_fault = 70, /* EX_SOFTWARE: our own */
 };
 
 /* Ends the command with a code and one line that says what to do. */
@@ -44,7 +45,8 @@ struct settings {
     uint32_t timeout_ms = 2000;
 };
 
-/* The columns of the terminal, 0 where output goes elsewhere and lines may be of any length. */
+/* The columns of the terminal, 0 where output goes elsewhere and lines may be of any length. Asked
+   each time, since a window changes. */
 size_t terminal_width(const settings &settings);
 size_t terminal_height();
 
@@ -80,6 +82,8 @@ class session
         return tesk_client_connected(session_);
     }
 
+    /* `called` is called once, at the latest when the session goes: what it captures by reference
+       must be older than the session. */
     using answered = std::function<void(const tesk_client_answer &)>;
     void request(tesk_client_request_type type, uint32_t port_no, answered called);
 

@@ -18,6 +18,8 @@ steady_clock::duration seconds(double count)
     return std::chrono::duration_cast<steady_clock::duration>(std::chrono::duration<double>(count));
 }
 
+/* Asked for by a view that is drawn anew: a page shows all that is known, at any time. So nothing
+   here keeps track of what has changed since the last one. */
 class top
 {
   public:
@@ -35,15 +37,13 @@ class top
     exit_code run()
     {
         const steady_time start = steady_clock::now();
-        if (options_.seconds > 0) {
+        if (options_.seconds > 0)
             end_ = start + seconds(options_.seconds);
-        }
         const std::vector<port_request> held = subscribe();
         if (!held.empty()) {
             follow();
-            if (session_.connected()) {
+            if (session_.connected())
                 request_all(loop_, session_, held, [](const tesk_client_answer &) {});
-            }
         }
         return code_;
     }
@@ -58,22 +58,20 @@ class top
     void hear(const record_type &record)
     {
         view_.heard(record);
-        if (!on_screen()) {
+        if (!on_screen())
             report_.heard(record);
-        }
     }
 
+    /* On a page, the loss of the server is part of its title for as long as it lasts. */
     void hear_event(const tesk_client_event &event)
     {
         const std::string time = clock_time(now_us()).substr(0, 8);
-        if (event.type == TESK_CLIENT_EVENT_LOST) {
+        if (event.type == TESK_CLIENT_EVENT_LOST)
             state_ = fmt::format("away since {}, waiting for it", time);
-        } else if (event.type == TESK_CLIENT_EVENT_RESTORED) {
+        else if (event.type == TESK_CLIENT_EVENT_RESTORED)
             state_ = fmt::format("back since {}", time);
-        }
-        if (!on_screen()) {
+        if (!on_screen())
             report_.heard(event);
-        }
     }
 
     std::vector<port_request> subscribe()
@@ -91,17 +89,16 @@ class top
     {
         for (const uint32_t port_no : options_.ports) {
             port_view &view = view_.port(port_no);
-            if (view.reading || !session_.connected()) {
+            if (view.reading || !session_.connected())
                 continue;
-            }
+            /* A server that is slower than the interval is not asked twice for a port. */
             view.reading = true;
             session_.request(
                 TESK_CLIENT_REQUEST_PM, port_no, [this, &view](const tesk_client_answer &answer) {
                     view.reading = false;
                     view.pm = answer.pm != nullptr ? std::optional(*answer.pm) : std::nullopt;
-                    if (view.pm && !on_screen()) {
+                    if (view.pm && !on_screen())
                         report_.heard(*view.pm);
-                    }
                 });
         }
     }
@@ -109,12 +106,11 @@ class top
     /* False when the command is to end. */
     bool handle_signal(std::optional<screen> &page)
     {
-        if (loop_.signal() == SIGWINCH) {
+        if (loop_.signal() == SIGWINCH) /* the next page is drawn for the new size */
             return true;
-        }
-        if (loop_.signal() != SIGTSTP) {
+        if (loop_.signal() != SIGTSTP)
             return false;
-        }
+        /* Elsewhere there is no page to give back. */
         page ? page->suspend() : void(raise(SIGSTOP));
         return true;
     }
@@ -124,16 +120,14 @@ class top
         std::optional<screen> page;
         if (on_screen()) {
             page.emplace();
-            if (page->has_keys()) {
+            if (page->has_keys())
                 loop_.watch_keys();
-            }
         }
         steady_time next_read = steady_clock::now();
         for (;;) {
             const steady_time now = steady_clock::now();
-            if (end_ && now >= *end_) {
+            if (end_ && now >= *end_)
                 return;
-            }
             if (now >= next_read) {
                 read_values();
                 next_read = now + seconds(options_.interval);
@@ -143,13 +137,12 @@ class top
                 page->draw(view_.lines(terminal_width(settings_), height, settings_.colour, state_),
                            height);
             }
+            /* The ages grow all the time: the page is drawn at each read, if nothing else comes. */
             const auto wake = loop_.wait(session_, end_ ? std::min(*end_, next_read) : next_read);
-            if (wake == event_loop::wake::signal && !handle_signal(page)) {
+            if (wake == event_loop::wake::signal && !handle_signal(page))
                 return;
-            }
-            if (wake == event_loop::wake::key && (loop_.key() == 'q' || loop_.key() == 'Q')) {
+            if (wake == event_loop::wake::key && (loop_.key() == 'q' || loop_.key() == 'Q'))
                 return;
-            }
         }
     }
 
@@ -161,7 +154,7 @@ class top
     exit_code code_ = exit_done;
     std::optional<steady_time> end_;
     event_loop loop_;
-    session session_;
+    session session_; /* the last, so that it is closed before what its callbacks touch */
 };
 
 } // namespace

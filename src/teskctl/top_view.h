@@ -33,20 +33,13 @@ class top_view
         return ports_[port_no];
     }
 
-    /* The page: `state` is what to say of the connection, empty if all is well. */
+    /* The page: at most `height` lines, none wider than `width`. `state` is what to say of the
+       connection, empty if all is well. */
     std::vector<std::string> lines(size_t width, size_t height, bool coloured,
                                    const std::string &state) const;
 
   private:
     void note_event(port_view &view, const std::string &what);
-    std::string port_line(uint32_t port_no, const port_view &view, bool coloured) const;
 
     std::map<uint32_t, port_view> ports_;
 };
-
-/* The letter and the colour of a level. */
-char level_letter(uint32_t level);
-tint level_tint(uint32_t level);
-
-/* "12s", "5m", "3h", "2d". */
-std::string age_text(std::chrono::steady_clock::duration age);
