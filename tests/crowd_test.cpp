@@ -114,10 +114,7 @@ class crowd : public testing::Test
     {
         rig::board("wait unsubscribed 0-15 port");
         rig::board("wait unsubscribed 0-15 link");
-        const auto until = steady_clock::now() + rig::deadline;
-        while (rig::descriptors_of(server.pid) > descriptors && steady_clock::now() < until)
-            usleep(10000);
-        EXPECT_LE(rig::descriptors_of(server.pid), descriptors);
+        EXPECT_LE(rig::await_descriptors(server.pid, descriptors), descriptors);
     }
 };
 

@@ -125,6 +125,14 @@ size_t descriptors_of(pid_t process)
     return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
+size_t await_descriptors(pid_t process, size_t at_most)
+{
+    const auto until = std::chrono::steady_clock::now() + deadline;
+    while (descriptors_of(process) > at_most && std::chrono::steady_clock::now() < until)
+        usleep(1000);
+    return descriptors_of(process);
+}
+
 long processor_ms(pid_t process)
 {
     clockid_t clock;

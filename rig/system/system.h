@@ -57,6 +57,8 @@ class server
    descriptors are open; the milliseconds of processor time that it has had. */
 long status_of(pid_t process, const std::string &line);
 size_t descriptors_of(pid_t process);
+/* Waits until no more than so many are open, and tells how many are. */
+size_t await_descriptors(pid_t process, size_t at_most);
 long processor_ms(pid_t process);
 
 /* Connects to a listening SEQPACKET socket; -1 with errno. */
