@@ -1,16 +1,15 @@
 // teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
 // codes and reconnection against the real server on the simulated board.
+#include "system.h"
 #include "teskctl/port_list.h"
 #include "teskctl/tool.h"
 #include "teskctl/top_view.h"
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace
 {
@@ -84,42 +83,13 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
     }
 }
 
-// A server on a simulated board in a directory of its own.
 class teskctl_system : public testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        char name[] = "/tmp/teskctl_test.XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        directory = name;
-        setenv("MBX_DIR", name, 1);
-        setenv("DOLM_RIC_SOCKET", (directory + "/board.sock").c_str(), 1);
-    }
-    void TearDown() override
-    {
-        kill_server();
-        std::filesystem::remove_all(directory);
-    }
-    void start_server()
-    {
-        server = fork();
-        if (server == 0) {
-            execl(TESK_BIN_DIR "/tesk-server", "tesk-server", nullptr);
-            _exit(127);
-        }
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (run("capabilities") != 0 && std::chrono::steady_clock::now() < end)
-            std::this_thread::yield();
-    }
-    void kill_server()
-    {
-        if (server > 0) {
-            kill(server, SIGKILL);
-            waitpid(server, nullptr, 0);
-        }
-        server = 0;
-    }
+    rig::directory directory;
+    std::optional<rig::server> server;
+    std::string output;
+
     // Runs teskctl to its end: the exit code, with all that it wrote in `output`.
     int run(const std::string &arguments)
     {
@@ -136,9 +106,6 @@ class teskctl_system : public testing::Test
         for (const char *text : texts)
             EXPECT_NE(output.find(text), std::string::npos) << arguments << "\n" << output;
     }
-
-    std::string directory, output;
-    pid_t server = 0;
 };
 
 TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
@@ -152,17 +119,18 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("history everything", 2, {"status"});
     expect("--timeout 0 ping", 2, {"timeout"});
     expect("pm 0", 3, {"start it with"});
-    start_server();
+    server.emplace();
     expect("pm 0,900", 1, {"no device", "dBm"});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
-    kill(server, SIGSTOP);
+    setenv("MBX_LOCATE_MS", "100", 1);
+    kill(server->pid, SIGSTOP);
     EXPECT_EQ(run("--timeout 0.1 capabilities"), 4);
-    kill(server, SIGCONT);
+    kill(server->pid, SIGCONT);
 }
 
 TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_keys)
 {
-    start_server();
+    server.emplace();
     const std::pair<const char *, const char *> cases[] = {
         {"capabilities", "id value"},
         {"sfp 0", "time event port module speed_gbps vendor part revision serial date_code product "
@@ -186,7 +154,7 @@ TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_k
 
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)
 {
-    start_server();
+    server.emplace();
     FILE *watch = popen("echo $$; exec " TESK_BIN_DIR "/teskctl watch --sfp 0 --status 0", "r");
     char line[512];
     auto wait_for = [&](const char *text) {
@@ -198,9 +166,9 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     std::fgets(line, sizeof line, watch);
     const pid_t pid = std::atoi(line);
     ASSERT_TRUE(wait_for("status"));
-    kill_server();
+    server.reset();
     ASSERT_TRUE(wait_for("went away"));
-    start_server();
+    server.emplace();
     ASSERT_TRUE(wait_for("is back"));
     ASSERT_TRUE(wait_for("status"));
     kill(pid, SIGINT);
@@ -211,7 +179,7 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
 
 TEST_F(teskctl_system, the_examples_work)
 {
-    start_server();
+    server.emplace();
     expect("capabilities; " TESK_BIN_DIR "/example_client 0 2", 0, {"port 0: link operational"});
     expect("capabilities; " TESK_BIN_DIR "/example_client_cpp 0 900", 0,
            {"port 0: 41.5 degrees", "port 900: no device"});
