@@ -160,7 +160,7 @@ TEST(life, a_broken_mutex_ends_the_process)
         [] { tesk_event_queue_shutdown(); },
     };
     for (const auto use : uses) {
-        EXPECT_EXIT(lock_fails = true; use(), testing::ExitedWithCode(255), "");
-        EXPECT_EXIT(unlock_fails = true; use(), testing::ExitedWithCode(254), "");
+        EXPECT_EXIT((lock_fails = true, use()), testing::ExitedWithCode(255), "");
+        EXPECT_EXIT((unlock_fails = true, use()), testing::ExitedWithCode(254), "");
     }
 }
