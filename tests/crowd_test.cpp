@@ -425,7 +425,7 @@ TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_en
         const auto began = steady_clock::now();
         EXPECT_EQ(server.stop(), 0);
         const duration<double, std::milli> took = steady_clock::now() - began;
-        EXPECT_LT(took, 5s); /* within one where nothing else runs */
+        EXPECT_LT(took, seconds(count_of(5, 1))); /* a machine of any speed runs the usual one */
         rig::await_line(traces, "TESK server terminated", seen);
         printf("of %zu neighbours %.1f had their turn before ours; ended within %.0f ms\n",
                neighbours, static_cast<double>(turns) / 20, took.count());
