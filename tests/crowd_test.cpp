@@ -2,6 +2,7 @@
    hold up. TESK_LONG=1 runs the counts that take minutes. */
 #include "system.h"
 
+#include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_socket.h"
 #include "tesk_signals.h"
 
@@ -28,7 +29,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono;
 
 static constexpr char executable[] = TESK_BIN_DIR "/tesk-server";
-static constexpr uint32_t monitor_signal = 0x1901001;
 static constexpr char lost_line[] = "ABN: client lost - remove its' data ";
 
 static int count_of(int usual, int in_long_runs)
@@ -249,7 +249,7 @@ TEST_F(crowd, a_stranger_harms_nobody)
              s.greet(), s.pair.rx.reset(), s.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
          }},
         {"forges the exit signal", [](stranger &s) { s.greet(), s.send({TESK_EXIT_SIGNAL}); }},
-        {"forges a death", [](stranger &s) { s.greet(), s.send({monitor_signal}); }},
+        {"forges a death", [](stranger &s) { s.greet(), s.send({MBX_MONITOR_DEFAULT_NO}); }},
     };
     rig::server server;
     client witness;
@@ -328,7 +328,7 @@ TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
     first.subscribe(3);
     server.reset();
     for (client *one : {&first, &second})
-        EXPECT_EQ(one->receive().number(), monitor_signal);
+        EXPECT_EQ(one->receive().number(), MBX_MONITOR_DEFAULT_NO);
     server = std::make_unique<rig::server>();
     first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to nobody */
     client third;

@@ -90,14 +90,9 @@ class teskctl_system : public testing::Test
     std::optional<rig::server> server;
     std::string output;
 
-    // Runs teskctl to its end: the exit code, with all that it wrote in `output`.
     int run(const std::string &arguments)
     {
-        FILE *pipe = popen((TESK_BIN_DIR "/teskctl " + arguments + " 2>&1").c_str(), "r");
-        output.clear();
-        for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
-            output += static_cast<char>(c);
-        return WEXITSTATUS(pclose(pipe));
+        return rig::run(TESK_BIN_DIR "/teskctl " + arguments, output);
     }
 
     void expect(const std::string &arguments, int code, const std::vector<const char *> &texts)

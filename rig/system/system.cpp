@@ -71,6 +71,15 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     _exit(127);
 }
 
+int run(const std::string &command, std::string &output)
+{
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    output.clear();
+    for (int c = 0; (c = fgetc(pipe)) != EOF;)
+        output += static_cast<char>(c);
+    return WEXITSTATUS(pclose(pipe));
+}
+
 int wait_for_end(pid_t process)
 {
     const int fd = static_cast<int>(syscall(SYS_pidfd_open, process, 0));

@@ -36,6 +36,9 @@ struct directory {
 pid_t start(const std::vector<std::string> &words, const std::vector<std::string> &environment = {},
             int kept = -1, const std::string &output = {});
 
+/* Runs a command of the shell to its end: the exit status, with all that it has written. */
+int run(const std::string &command, std::string &output);
+
 /* The exit status, or minus the signal that ended it. */
 int wait_for_end(pid_t process);
 
