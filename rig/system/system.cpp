@@ -50,6 +50,7 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
             int kept, const std::string &output)
 {
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
@@ -90,13 +91,19 @@ int wait_for_end(pid_t process)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
+static int connect_to_board()
+{
+    const char *path = getenv("DOLM_RIC_SOCKET");
+    return connect_to(path == nullptr ? "" : path);
+}
+
 server::server(const std::vector<std::string> &environment, const std::vector<std::string> &program)
     : pid(start(program, environment))
 {
     const auto until = std::chrono::steady_clock::now() + deadline;
     /* The mailbox is there before the board is. */
     int board_fd = -1;
-    while (puppet().located != 0 || (board_fd = connect_to(getenv("DOLM_RIC_SOCKET"))) == -1)
+    while (puppet().located != 0 || (board_fd = connect_to_board()) == -1)
         if (std::chrono::steady_clock::now() > until)
             throw std::runtime_error("the server does not come up");
     close(board_fd);
@@ -190,7 +197,7 @@ void await_line(const std::string &file, const std::string &text, size_t &from)
 std::map<std::string, std::string> board(const std::string &request)
 {
     static char packet[65536];
-    const int fd = connect_to(getenv("DOLM_RIC_SOCKET"));
+    const int fd = connect_to_board();
     if (fd == -1)
         throw std::runtime_error("no board");
     ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
