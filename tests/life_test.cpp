@@ -5,11 +5,8 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern "C" char **environ;
 
 using lines = std::vector<std::string>;
 

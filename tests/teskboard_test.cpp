@@ -17,7 +17,7 @@ void expect(const std::vector<expectation> &all)
 {
     for (const auto &[arguments, exit_code, expected] : all) {
         std::string output;
-        EXPECT_EQ(exit_code, rig::run(TESKBOARD " " + arguments, output)) << output;
+        EXPECT_EQ(exit_code, rig::run(TESK_BIN_DIR "/teskboard " + arguments, output)) << output;
         EXPECT_TRUE(std::regex_search(output, std::regex(expected))) << arguments << "\n" << output;
     }
 }
