@@ -388,6 +388,7 @@ const char *formatStr(const char *format, ...)
     static __thread char text[2048];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start stands right above
     vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     return text;
