@@ -45,10 +45,9 @@ class soak
     {
         figures found = {};
         {
-            std::vector<std::unique_ptr<rig::puppet>> load;
-            for (int index = 0; index < busy_clients; index++)
-                load.push_back(std::make_unique<rig::puppet>("load"));
-            load.push_back(std::make_unique<rig::puppet>("flood"));
+            std::vector<std::unique_ptr<rig::puppet>> load(busy_clients + 1);
+            for (auto &one : load)
+                one = std::make_unique<rig::puppet>(&one == &load.back() ? "flood" : "load");
             live_and_die();
             flap();
             found.loaded_us = answer_us();
@@ -79,9 +78,9 @@ class soak
     void flap()
     {
         for (int time = 0; time < flaps; time++) {
-            const std::string state = time % 2 == 0 ? "no" : "yes";
-            rig::board("set 0-15 inserted=" + state + " ready=" + state);
-            rig::board(time % 2 == 0 ? "set 0-15 link=down" : "set 0-15 link=up");
+            const bool down = time % 2 == 0;
+            rig::board(down ? "set 0-15 inserted=no ready=no" : "set 0-15 inserted=yes ready=yes");
+            rig::board(down ? "set 0-15 link=down" : "set 0-15 link=up");
         }
     }
 
@@ -157,7 +156,7 @@ static bool report(const std::vector<figures> &all)
 
 int main(int, char **argv)
 {
-    const double seconds = atof(argv[1]);
+    const double seconds = strtod(argv[1], nullptr);
     const auto until = clock_type::now() + std::chrono::duration<double>(seconds);
     soak server;
     std::vector<figures> all;

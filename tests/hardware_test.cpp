@@ -5,9 +5,7 @@
 
 using scripted::ports;
 
-class hardware : public server_fixture
-{
-};
+using hardware = server_fixture;
 
 TEST_F(hardware, a_level_is_graded_at_and_beyond_each_threshold)
 {

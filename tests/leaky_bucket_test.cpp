@@ -7,23 +7,13 @@
 #include <random>
 #include <set>
 
-static void remove_all()
-{
-    scripted::reset();
-    for (int32_t id = 1; id < 300; id++)
-        if (leaky_bucket_find(id) != nullptr)
-            leaky_bucket_remove(id);
-}
-
-class leaky_bucket : public testing::Test
-{
-    void SetUp() override
+struct leaky_bucket : testing::Test {
+    ~leaky_bucket() override
     {
-        remove_all();
-    }
-    void TearDown() override
-    {
-        remove_all();
+        scripted::reset();
+        for (int32_t id = 1; id < 300; id++)
+            if (leaky_bucket_find(id) != nullptr)
+                leaky_bucket_remove(id);
     }
 };
 

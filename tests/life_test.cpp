@@ -5,11 +5,8 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern "C" char **environ;
 
 using lines = std::vector<std::string>;
 
@@ -160,7 +157,7 @@ TEST(life, a_broken_mutex_ends_the_process)
         [] { tesk_event_queue_shutdown(); },
     };
     for (const auto use : uses) {
-        EXPECT_EXIT(lock_fails = true; use(), testing::ExitedWithCode(255), "");
-        EXPECT_EXIT(unlock_fails = true; use(), testing::ExitedWithCode(254), "");
+        EXPECT_EXIT((lock_fails = true, use()), testing::ExitedWithCode(255), "");
+        EXPECT_EXIT((unlock_fails = true, use()), testing::ExitedWithCode(254), "");
     }
 }

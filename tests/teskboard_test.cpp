@@ -1,7 +1,6 @@
 /* teskboard: its exit codes and what it prints, on a board in the test's own process. */
 #include "board_fixture.h"
-
-#include <sys/wait.h>
+#include "system.h"
 
 #include <regex>
 
@@ -17,11 +16,8 @@ struct expectation {
 void expect(const std::vector<expectation> &all)
 {
     for (const auto &[arguments, exit_code, expected] : all) {
-        FILE *pipe = popen((TESKBOARD " " + arguments + " 2>&1").c_str(), "r");
         std::string output;
-        for (int c; (c = fgetc(pipe)) != EOF;)
-            output += static_cast<char>(c);
-        EXPECT_EQ(exit_code, WEXITSTATUS(pclose(pipe))) << arguments << "\n" << output;
+        EXPECT_EQ(exit_code, rig::run(TESK_BIN_DIR "/teskboard " + arguments, output)) << output;
         EXPECT_TRUE(std::regex_search(output, std::regex(expected))) << arguments << "\n" << output;
     }
 }

@@ -1,16 +1,15 @@
 /* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
    codes and reconnection against the real server on the simulated board. */
+#include "system.h"
 #include "teskctl/port_list.h"
 #include "teskctl/tool.h"
 #include "teskctl/top_view.h"
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace
 {
@@ -96,50 +95,16 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
     }
 }
 
-// A server on a simulated board in a directory of its own.
 class teskctl_system : public testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        char name[] = "/tmp/teskctl_test.XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        directory = name;
-        setenv("MBX_DIR", name, 1);
-        setenv("DOLM_RIC_SOCKET", (directory + "/board.sock").c_str(), 1);
-    }
-    void TearDown() override
-    {
-        kill_server();
-        std::filesystem::remove_all(directory);
-    }
-    void start_server()
-    {
-        server = fork();
-        if (server == 0) {
-            execl(TESK_BIN_DIR "/tesk-server", "tesk-server", nullptr);
-            _exit(127);
-        }
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (run("capabilities") != 0 && std::chrono::steady_clock::now() < end)
-            std::this_thread::yield();
-    }
-    void kill_server()
-    {
-        if (server > 0) {
-            kill(server, SIGKILL);
-            waitpid(server, nullptr, 0);
-        }
-        server = 0;
-    }
-    // Runs teskctl to its end: the exit code, with all that it wrote in `output`.
+    rig::directory directory;
+    std::optional<rig::server> server;
+    std::string output;
+
     int run(const std::string &arguments)
     {
-        FILE *pipe = popen((TESK_BIN_DIR "/teskctl " + arguments + " 2>&1").c_str(), "r");
-        output.clear();
-        for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
-            output += static_cast<char>(c);
-        return WEXITSTATUS(pclose(pipe));
+        return rig::run(TESK_BIN_DIR "/teskctl " + arguments, output);
     }
 
     void expect(const std::string &arguments, int code, const std::vector<const char *> &texts)
@@ -148,9 +113,6 @@ class teskctl_system : public testing::Test
         for (const char *text : texts)
             EXPECT_NE(output.find(text), std::string::npos) << arguments << "\n" << output;
     }
-
-    std::string directory, output;
-    pid_t server = 0;
 };
 
 TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
@@ -164,18 +126,19 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("history everything", 2, {"status"});
     expect("--timeout 0 ping", 2, {"timeout"});
     expect("--json pm 0", 3, {"\"event\":\"error\",\"exit_code\":3,", "teskctl: no server"});
-    start_server();
+    server.emplace();
     expect("--json pm 0,900", 1, {"_dbm", "\"event\":\"rejected\"", "teskctl: port 900: pm: "});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
     EXPECT_EQ(run("--version; " TESK_BIN_DIR "/tesk-abi-check " TESK_LIB_DIR " > /dev/full"), 5);
-    kill(server, SIGSTOP);
+    setenv("MBX_LOCATE_MS", "100", 1);
+    kill(server->pid, SIGSTOP);
     EXPECT_EQ(run("--timeout 0.1 capabilities"), 4);
-    kill(server, SIGCONT);
+    kill(server->pid, SIGCONT);
 }
 
 TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_keys)
 {
-    start_server();
+    server.emplace();
     run("watch --sfp 0 --status 0 --count 4 & PATH=" TESK_BIN_DIR ":$PATH; teskboard wait 0 "
         "--subscribed link && teskboard link 0 down && teskboard remove 0 && wait");
     const std::pair<const char *, const char *> cases[] = {
@@ -207,7 +170,7 @@ TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_k
 
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)
 {
-    start_server();
+    server.emplace();
     FILE *watch =
         popen("echo $$; exec " TESK_BIN_DIR "/teskctl watch --json --sfp 0 --status 0", "r");
     char line[512];
@@ -220,9 +183,9 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     std::fgets(line, sizeof line, watch);
     const pid_t pid = std::atoi(line);
     ASSERT_TRUE(wait_for("status"));
-    kill_server();
+    server.reset();
     ASSERT_TRUE(wait_for("\"event\":\"lost\"}"));
-    start_server();
+    server.emplace();
     ASSERT_TRUE(wait_for("\"event\":\"restored\"}"));
     ASSERT_TRUE(wait_for("status"));
     kill(pid, SIGINT);
@@ -233,7 +196,7 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
 
 TEST_F(teskctl_system, the_examples_work)
 {
-    start_server();
+    server.emplace();
     expect("capabilities; " TESK_BIN_DIR "/example_client 0 2", 0, {"port 0: link operational"});
     expect("capabilities; " TESK_BIN_DIR "/example_client_cpp 0 900", 0,
            {"port 0: 41.5 degrees", "port 900: no device"});

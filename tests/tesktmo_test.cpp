@@ -59,7 +59,7 @@ TEST(tesktmo, ticks_come_in_order_of_expiry_and_of_request_never_early_and_from_
     for (bool has_stalled = true; has_stalled;) {
         const auto begin = steady_clock::now();
         request(400, 5), request(200, 2, 8), request(200, 3), request(300, 4), request(0, 1);
-        has_stalled = steady_clock::now() - begin > 90ms;
+        has_stalled = steady_clock::now() - begin > std::chrono::milliseconds(90);
         const signals got = wait_for_sent(5);
         EXPECT_GE(steady_clock::now() - begin, 400ms);
         EXPECT_TRUE(has_stalled ||

@@ -43,37 +43,47 @@ static bool fails(const char *call, const void *from)
     return ++plan->seen == plan->nth;
 }
 
-using any_call = long (*)(long, long, long, long, long, long);
+using any_call = long (*)(void *, long, long, long, long, long);
 
-/* What a failure of `name` gives, and errno then; `find` finds the real one. */
-#define FAULT_OF(name, from, find, failure, error)                                                 \
+/* What a failure of `name` gives, and errno then; `find` finds the real one, which is called all
+   the same when the failure is `late`. */
+#define FAULT_OF(name, from, find, failure, error, late)                                           \
     extern "C" __attribute__((visibility("default"))) long fault_##name(                           \
-        long a, long b, long c, long d, long e, long f) __asm__(#name);                            \
-    long fault_##name(long a, long b, long c, long d, long e, long f)                              \
+        void *a, long b, long c, long d, long e, long f) __asm__(#name);                           \
+    long fault_##name(void *a, long b, long c, long d, long e, long f)                             \
     {                                                                                              \
         static std::atomic<any_call> real;                                                         \
-        if (fails(#name, from)) {                                                                  \
-            errno = error;                                                                         \
-            return failure;                                                                        \
+        const bool failing = fails(#name, from);                                                   \
+        if (failing && !(late)) {                                                                  \
+            errno = (error);                                                                       \
+            return (failure);                                                                      \
         }                                                                                          \
         if (real == nullptr)                                                                       \
             real = reinterpret_cast<any_call>(find);                                               \
-        return real.load()(a, b, c, d, e, f);                                                      \
+        const long result = real.load()(a, b, c, d, e, f);                                         \
+        return failing ? (failure) : result;                                                       \
     }
 #define FAULT(name, failure, error)                                                                \
-    FAULT_OF(name, __builtin_return_address(0), dlsym(RTLD_NEXT, #name), failure, error)
-#define MUTEX_FAULT(name, failure)                                                                 \
-    FAULT_OF(name, reinterpret_cast<void *>(a), dlsym(RTLD_NEXT, #name), failure, 0)
+    FAULT_OF(name, __builtin_return_address(0), dlsym(RTLD_NEXT, #name), failure, error, false)
+/* Of a call whose work nobody can do without: it says that it failed. */
+#define LATE_FAULT(name, failure)                                                                  \
+    FAULT_OF(name, __builtin_return_address(0), dlsym(RTLD_NEXT, #name), failure, 0, true)
+#define MUTEX_FAULT(name, failure) FAULT_OF(name, a, dlsym(RTLD_NEXT, #name), failure, 0, false)
+#define MEMORY_FAULT(name)                                                                         \
+    FAULT_OF(name, __builtin_return_address(0), __libc_##name, 0, ENOMEM, false)
 
 /* dlsym itself may want memory. */
-extern "C" long __libc_malloc(long, long, long, long, long, long);
-extern "C" long __libc_calloc(long, long, long, long, long, long);
-FAULT_OF(malloc, __builtin_return_address(0), __libc_malloc, 0, ENOMEM)
-FAULT_OF(calloc, __builtin_return_address(0), __libc_calloc, 0, ENOMEM)
+extern "C" long __libc_malloc(void *, long, long, long, long, long);
+extern "C" long __libc_calloc(void *, long, long, long, long, long);
+extern "C" long __libc_realloc(void *, long, long, long, long, long);
+MEMORY_FAULT(malloc)
+MEMORY_FAULT(calloc)
+MEMORY_FAULT(realloc)
 FAULT(mmap, -1, ENOMEM)
 MUTEX_FAULT(pthread_mutex_lock, EINVAL)
 MUTEX_FAULT(pthread_mutex_unlock, EPERM)
 FAULT(pthread_create, EAGAIN, 0)
+LATE_FAULT(pthread_join, EINVAL)
 FAULT(eventfd, -1, EMFILE)
 FAULT(timerfd_create, -1, EMFILE)
 FAULT(epoll_create1, -1, EMFILE)
@@ -104,3 +114,10 @@ FAULT(dolm_ric_ri_subsport, -11, 0)
 FAULT(dolm_ric_ri_unsubsport, -11, 0)
 FAULT(dolm_ric_ri_subslink, -11, 0)
 FAULT(dolm_ric_ri_unsubslink, -11, 0)
+FAULT(dolm_ric_ri_getportstatus, -11, 0)
+FAULT(dolm_ric_ri_getlinkstatus, -11, 0)
+FAULT(dolm_ric_ri_getmoduleinfo, -11, 0)
+FAULT(dolm_ric_ri_getmodstatus, -11, 0)
+FAULT(dolm_ric_ri_getmodulediag, -11, 0)
+LATE_FAULT(dolm_ric_freeevent, -11)
+LATE_FAULT(dolm_ric_shutdown, -11)

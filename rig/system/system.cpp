@@ -50,6 +50,7 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
             int kept, const std::string &output)
 {
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
@@ -71,6 +72,15 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     _exit(127);
 }
 
+int run(const std::string &command, std::string &output)
+{
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    output.clear();
+    for (int c = 0; (c = fgetc(pipe)) != EOF;)
+        output += static_cast<char>(c);
+    return WEXITSTATUS(pclose(pipe));
+}
+
 int wait_for_end(pid_t process)
 {
     const int fd = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
@@ -81,13 +91,19 @@ int wait_for_end(pid_t process)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
+static int connect_to_board()
+{
+    const char *path = getenv("DOLM_RIC_SOCKET");
+    return connect_to(path == nullptr ? "" : path);
+}
+
 server::server(const std::vector<std::string> &environment, const std::vector<std::string> &program)
     : pid(start(program, environment))
 {
     const auto until = std::chrono::steady_clock::now() + deadline;
     /* The mailbox is there before the board is. */
     int board_fd = -1;
-    while (puppet().located != 0 || (board_fd = connect_to(getenv("DOLM_RIC_SOCKET"))) == -1)
+    while (puppet().located != 0 || (board_fd = connect_to_board()) == -1)
         if (std::chrono::steady_clock::now() > until)
             throw std::runtime_error("the server does not come up");
     close(board_fd);
@@ -126,6 +142,14 @@ size_t descriptors_of(pid_t process)
 {
     const std::filesystem::directory_iterator all("/proc/" + std::to_string(process) + "/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+size_t await_descriptors(pid_t process, size_t at_most)
+{
+    const auto until = std::chrono::steady_clock::now() + deadline;
+    while (descriptors_of(process) > at_most && std::chrono::steady_clock::now() < until)
+        usleep(1000);
+    return descriptors_of(process);
 }
 
 long processor_ms(pid_t process)
@@ -176,7 +200,7 @@ void await_line(const std::string &file, const std::string &text, size_t &from)
 std::map<std::string, std::string> board(const std::string &request)
 {
     static char packet[65536];
-    const int fd = connect_to(getenv("DOLM_RIC_SOCKET"));
+    const int fd = connect_to_board();
     if (fd == -1)
         throw std::runtime_error("no board");
     ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);

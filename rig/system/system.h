@@ -36,6 +36,9 @@ struct directory {
 pid_t start(const std::vector<std::string> &words, const std::vector<std::string> &environment = {},
             int kept = -1, const std::string &output = {});
 
+/* Runs a command of the shell to its end: the exit status, with all that it has written. */
+int run(const std::string &command, std::string &output);
+
 /* The exit status, or minus the signal that ended it. */
 int wait_for_end(pid_t process);
 
@@ -57,6 +60,8 @@ class server
    descriptors are open; the milliseconds of processor time that it has had. */
 long status_of(pid_t process, const std::string &line);
 size_t descriptors_of(pid_t process);
+/* Waits until no more than so many are open, and tells how many are. */
+size_t await_descriptors(pid_t process, size_t at_most);
 long processor_ms(pid_t process);
 
 /* Connects to a listening SEQPACKET socket; -1 with errno. */

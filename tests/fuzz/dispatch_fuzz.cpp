@@ -1,8 +1,7 @@
 /* Signals, hardware events and ticks into the server's real dispatch, on a board and a memory that
    fail where the input says so. After every step the server's books are compared with the board's
-   and with those kept here; at the end of an input each port is given back until nothing is left,
-   which shows its count. The blocks of signals end where the signal ends, so that the sanitizer
-   sees a read past it. */
+   and with those kept here; at the end of an input each port is given back until nothing is left.
+   The blocks of signals end where the signal ends, so that the sanitizer sees a read past it. */
 #include "fuzz_input.h"
 #include "leaky_bucket.h"
 #include "scripted.h"
@@ -10,7 +9,7 @@
 #include "tesk_client_data.h"
 #include "tesk_event_queue.h"
 #include "tesk_main.h"
-#include "tesk_portsub.h"
+#include "tesk_portsub.cpp" /* for its counts, which nobody else is told */
 #include "tesk_signals.h"
 
 #include "platform/zel/zel.h"
@@ -26,17 +25,25 @@ namespace
 
 struct subscription_kind {
     uint32_t kind;
-    int32_t (*find)(uint32_t port_no);
+    uint32_t (*count)(uint32_t port_no);
     int32_t (*remove)(uint32_t port_no);
     const char *subscribe;
     const char *give_back;
 };
 
+template <auto find>
+uint32_t count_of(uint32_t port_no)
+{
+    const auto *record = find(port_no);
+    assert(record == nullptr || record->subscribers > 0);
+    return record == nullptr ? 0 : record->subscribers;
+}
+
 constexpr int kind_count = 2;
 const subscription_kind kinds[kind_count] = {
-    {TESK_SUBSCRIPTION_SFP_INFO, tesk_portsub_find_sfp_info, tesk_portsub_remove_sfp_info,
-     "subsport", "unsubsport"},
-    {TESK_SUBSCRIPTION_PORT_STATUS, tesk_portsub_find_port_status, tesk_portsub_remove_port_status,
+    {TESK_SUBSCRIPTION_SFP_INFO, count_of<find_sfp_info>, tesk_portsub_remove_sfp_info, "subsport",
+     "unsubsport"},
+    {TESK_SUBSCRIPTION_PORT_STATUS, count_of<find_port_status>, tesk_portsub_remove_port_status,
      "subslink", "unsubslink"},
 };
 
@@ -56,26 +63,41 @@ std::map<uint32_t, book[kind_count]> books;
 std::vector<std::pair<uint32_t, int>> refused; /* give-backs in this step: port and kind */
 std::set<int32_t> tainted;                     /* buckets that may have more chains than one */
 bool memory_ends;                              /* for the next bucket */
-bool memory_failed;                            /* in this input */
-bool some_stray; /* a subscription that nobody holds: no bucket could be made, nor it given back */
 
 void on_operation(const char *operation, uint32_t port_no, int32_t code)
 {
     for (int index = 0; index < kind_count; index++) {
         book &entry = books[port_no][index];
         if (strcmp(operation, kinds[index].subscribe) == 0 && code == 0) {
-            assert(!entry.held || some_stray);
+            assert(!entry.held || entry.stray);
             entry.held = true;
+            entry.stray = false;
         }
         if (strcmp(operation, kinds[index].give_back) != 0)
             continue;
         assert(entry.held);
         entry.held = code != 0;
+        entry.stray = entry.bucket_lost = false;
         if (code != 0)
             refused.emplace_back(port_no, index);
         /* The bucket is gone, or a fresh one has its id by now. */
         tainted.insert(entry.bucket_id);
     }
+}
+
+/* By a walk over all that a client holds, which the index has to agree with; or -1. */
+int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
+{
+    int32_t place = -1;
+    for (guint index = 0; index < client->subscriptions->len; index++) {
+        const auto &held = g_array_index(client->subscriptions, tesk_client_subscription, index);
+        if (held.port_no != port_no || held.kind != kind)
+            continue;
+        assert(place == -1);
+        place = static_cast<int32_t>(index);
+    }
+    assert(tesk_client_find_subscription(client, port_no, kind) == place);
+    return place;
 }
 
 /* How many clients hold it; the port knows the same ones, in the order of the list. */
@@ -84,7 +106,7 @@ unsigned holders(uint32_t port_no, uint32_t kind)
     const tesk_subscriber *known = tesk_client_first_subscriber(port_no, kind);
     unsigned count = 0;
     for (tesk_client *client = tesk_client_first(); client != nullptr; client = client->next) {
-        if (tesk_client_find_subscription(client, port_no, kind) == -1)
+        if (place_in(client, port_no, kind) == -1)
             continue;
         assert(known != nullptr && known->client == client);
         known = known->next;
@@ -98,7 +120,7 @@ void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
 {
     entry.bucket_id = tesk_portsub_get_bucket_id(port_no);
     const leaky_bucket_data *bucket = leaky_bucket_find(entry.bucket_id);
-    assert(bucket != nullptr || memory_failed);
+    assert((bucket == nullptr) == entry.bucket_lost);
     if (bucket == nullptr)
         return;
     assert(live.insert(bucket->id).second);
@@ -119,10 +141,10 @@ void check_books()
     for (auto &[port_no, entries] : books)
         for (int index = 0; index < kind_count; index++) {
             book &entry = entries[index];
-            const bool recorded = kinds[index].find(port_no) != -1;
-            assert(recorded == (holders(port_no, kinds[index].kind) + entry.orphans > 0));
-            assert(recorded == entry.held || some_stray);
-            if (recorded && kinds[index].kind == TESK_SUBSCRIPTION_PORT_STATUS)
+            const uint32_t count = kinds[index].count(port_no);
+            assert(count == holders(port_no, kinds[index].kind) + entry.orphans);
+            assert(entry.held == (count > 0 || entry.stray) && !(count > 0 && entry.stray));
+            if (count > 0 && kinds[index].kind == TESK_SUBSCRIPTION_PORT_STATUS)
                 check_bucket(port_no, entry, live);
         }
     for (int32_t id = -1; id < 16; id++)
@@ -131,8 +153,12 @@ void check_books()
     for (const auto &[id, port_no] : scripted::ticks)
         if (!live.contains(static_cast<int32_t>(id)))
             tainted.insert(static_cast<int32_t>(id));
-    for (const tesk_client *client = tesk_client_first(); client != nullptr; client = client->next)
+    for (const tesk_client *client = tesk_client_first(); client != nullptr;
+         client = client->next) {
         assert(tesk_client_find_by_sender(client->mbox) == client);
+        assert(tesk_client_find(client->client_id, client->mbox) == client);
+        assert(tesk_client_find(client->client_id + 1, client->mbox) == nullptr);
+    }
     assert(scripted::live_blocks == 0);
 }
 
@@ -144,7 +170,7 @@ void settle_refusals(uint32_t number)
         if (number == MBX_MONITOR_DEFAULT_NO || number == TESK_SUBSCRIBE_SFP_INFO_REQ)
             books[port_no][index].orphans++;
         else if (number == TESK_SUBSCRIBE_PORT_STATUS_REQ)
-            some_stray = true;
+            books[port_no][index].stray = true;
     refused.clear();
 }
 
@@ -202,11 +228,16 @@ constexpr uint32_t numbers[] = {0x117,     0x1648400, 0x1648408,  0x1648410,
 
 void raw_signal(fuzz_input &in)
 {
+    constexpr uint8_t anything = 255;
     const uint8_t offset = in.byte();
-    const uint32_t number = in.one_of(numbers) + (offset < 64 ? 0 : offset % 8u);
-    const uint32_t sender = in.one_of(senders);
-    std::vector<uint8_t> payload(in.byte());
-    std::generate(payload.begin(), payload.end(), [&in] { return in.byte(); });
+    const uint32_t number =
+        offset == anything ? in.number(4) : in.one_of(numbers) + (offset < 64 ? 0 : offset % 8u);
+    const uint8_t from = in.byte();
+    const uint32_t sender = from == anything ? in.number(4) : senders[from % std::size(senders)];
+    const uint32_t short_size = in.byte();
+    std::vector<uint8_t> payload(short_size == anything ? in.number(2) : short_size);
+    std::generate_n(payload.begin(), std::min<size_t>(payload.size(), anything),
+                    [&in] { return in.byte(); });
     int32_t bucket_id = 0;
     if (payload.size() >= sizeof(bucket_id) && number == TESK_PORT_STATUS_FILTER_TICK) {
         memcpy(&bucket_id, payload.data(), sizeof(bucket_id));
@@ -272,9 +303,12 @@ void change_port(fuzz_input &in)
     port.module.sfp.sfp_connector = fill & 3;
     memset(&port.diag, fill, sizeof(port.diag));
     port.diag.mode_type = what >> 7;
-    uint32_t *measured = &port.diag.diag_cap;
-    for (int step = 0; step < 4; step++)
-        measured[in.byte() % 26] = in.byte() * 0x01000001u;
+    constexpr size_t first = offsetof(dolm_ric_module_diag, diag_cap), words = 26;
+    for (int step = 0; step < 4; step++) {
+        const size_t at = first + in.byte() % words * sizeof(uint32_t);
+        const uint32_t value = in.byte() * 0x01000001u;
+        memcpy(reinterpret_cast<uint8_t *>(&port.diag) + at, &value, sizeof(value));
+    }
 }
 
 void (*const steps[])(fuzz_input &in) = {
@@ -291,19 +325,17 @@ void begin()
         scripted::ports[port_no].status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODREADY;
 }
 
-/* Gives every port back until nothing is left; how often that takes is its count. */
+/* Gives every port back until nothing is left. */
 void end()
 {
-    memory_ends = memory_failed = some_stray = false;
+    memory_ends = false;
     scripted::failing.clear();
     for (auto &[port_no, entries] : books) {
         scripted::ports[port_no];
         for (int index = 0; index < kind_count; index++) {
-            const unsigned expected = holders(port_no, kinds[index].kind) + entries[index].orphans;
-            unsigned count = 0;
-            for (; kinds[index].find(port_no) != -1; count++)
+            while (kinds[index].count(port_no) > 0)
                 assert(kinds[index].remove(port_no) == 0);
-            assert(count == expected);
+            assert(entries[index].held == entries[index].stray);
         }
     }
     while (tesk_client *client = tesk_client_first())
@@ -347,7 +379,9 @@ void *__wrap_calloc(size_t count, size_t size)
     if (!memory_ends || size != sizeof(leaky_bucket_data))
         return __real_calloc(count, size);
     memory_ends = false;
-    memory_failed = true;
+    /* Either the one of a port that was refused just now, or there is no port yet. */
+    if (!refused.empty())
+        books[refused.back().first][refused.back().second].bucket_lost = true;
     return nullptr;
 }
 

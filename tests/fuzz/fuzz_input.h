@@ -16,6 +16,14 @@ struct fuzz_input {
     {
         return at == end ? uint8_t{0} : *at++;
     }
+    /* Of so many bytes. */
+    uint32_t number(int bytes)
+    {
+        uint32_t value = 0;
+        for (; bytes > 0; bytes--)
+            value = value << 8 | byte();
+        return value;
+    }
     template <typename value_type, size_t count>
     const value_type &one_of(const value_type (&values)[count])
     {

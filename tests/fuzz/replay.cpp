@@ -1,10 +1,14 @@
-/* Runs each file of a folder through a fuzz target, with any compiler. */
+/* Runs each file of a folder through a fuzz target, with any compiler, and so many random inputs,
+   the same ones each time. */
 #include "fuzz_input.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <vector>
 
 int main(int, char **argv)
@@ -14,6 +18,13 @@ int main(int, char **argv)
         std::ifstream file(entry.path(), std::ios::binary);
         const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    }
+    std::mt19937 random{7};
+    for (int number = 0; number < atoi(argv[2]); number++) {
+        fprintf(stderr, "random input %d\n", number);
+        std::vector<uint8_t> bytes(2000);
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
     }
     return 0;
 }
