@@ -57,9 +57,10 @@ class Bench:
     def add(self, key, title, unit, system, value):
         self.series.setdefault(key, Series(key, title, unit)).add(system, value)
 
-    def in_turns(self, servers, work):
+    def in_turns(self, servers, work, before_round=lambda: None):
         """Each round begins with another system."""
         for number in range(self.rounds):
+            before_round()
             turn = number % len(servers)
             for server in servers[turn:] + servers[:turn]:
                 work(server)
@@ -122,16 +123,19 @@ class Bench:
             servers.append(server)
             raisers[server.name] = self.lab.run(
                 [BIN / "bench_events", server.board, told, subscribers], OURS)
-        rested = dict.fromkeys(raisers, 0.0)
+        rested = 0.0
+
+        def rest():
+            """Whoever comes first finds the machine cold, so it must not always be the same one."""
+            time.sleep(max(0, rested - time.monotonic()))
 
         def one_batch(server):
-            wait = rested[server.name] - time.monotonic()
-            if server.name == Tesk.name and wait > 0:
-                time.sleep(wait)
+            nonlocal rested
             before = server.cpu_ns()
             times = raisers[server.name].ask("events", EVENTS_A_BATCH)
             cpu = server.cpu_ns() - before
-            rested[server.name] = time.monotonic() + FILTER_REST
+            if server.name == Tesk.name:
+                rested = time.monotonic() + FILTER_REST
             what = count_of(subscribers, "subscriber")
             self.add(f"fan cpu {subscribers}", f"{what}: server CPU per indication", "µs",
                      server.name, cpu / EVENTS_A_BATCH / subscribers / 1000)
@@ -142,8 +146,8 @@ class Bench:
 
         for server in servers:
             raisers[server.name].ask("events", EVENTS_A_BATCH)
-            rested[server.name] = time.monotonic() + FILTER_REST
-        self.in_turns(servers, one_batch)
+        rested = time.monotonic() + FILTER_REST
+        self.in_turns(servers, one_batch, rest)
         self.lab.end_all()
 
     def growth(self):
