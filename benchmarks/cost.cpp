@@ -34,7 +34,7 @@ int64_t time_first_answer(char *const *command)
 {
     const int64_t begin = now_ns();
     const pid_t pid = start(command);
-    tesk_link link(patience_ns);
+    tesk_link link(tesk_link::waits::on_epoll, patience_ns);
     link.send(TESK_GET_CAPABILITIES_REQ);
     link.await(TESK_GET_CAPABILITIES_CFM);
     const int64_t time = now_ns() - begin;

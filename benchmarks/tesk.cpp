@@ -34,7 +34,7 @@ std::unique_ptr<client> connect(const std::string &)
 
 void subscribe(const std::string &, receipts &told)
 {
-    tesk_link link;
+    tesk_link link(tesk_link::waits::in_library);
     for (uint32_t port = 0; port < event_ports; port++)
         link.subscribe_port_status(port);
     told.note_ready();

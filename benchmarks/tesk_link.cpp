@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 namespace bench
@@ -28,13 +29,15 @@ bool is_rejection(uint32_t number)
 
 } // namespace
 
-tesk_link::tesk_link(int64_t patience_ns)
+tesk_link::tesk_link(waits where, int64_t patience_ns)
 {
     const int64_t deadline = now_ns() + patience_ns;
     if (mbx_init(5, 0, 0, 0, 0) == 0)
         own = mbx_create_mailbox(nullptr, 0);
     if (own == MBX_NO_MAILBOX)
         fail("no mailbox");
+    if (where == waits::on_epoll)
+        epoll = watch(mbx_get_fd());
     while ((server = mbx_locate(TESK_SERVER_NAME)) == MBX_NO_MAILBOX && errno == ENOENT &&
            now_ns() < deadline)
         usleep(100);
@@ -58,6 +61,8 @@ void tesk_link::establish()
 
 tesk_link::~tesk_link()
 {
+    if (epoll != -1)
+        close(epoll);
     mbx_delete_mailbox(own);
 }
 
@@ -77,6 +82,9 @@ void tesk_link::send(uint32_t number, uint32_t port)
 
 uint32_t tesk_link::receive()
 {
+    epoll_event event;
+    while (epoll != -1 && epoll_wait(epoll, &event, 1, -1) != 1) {
+    }
     mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
     const uint32_t number = signal->number;
     if (is_rejection(number))

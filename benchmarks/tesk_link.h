@@ -12,8 +12,11 @@ namespace bench
 class tesk_link
 {
   public:
+    /* Where receive() waits: on an epoll of its own, as a program does that has more to do, or in
+       the library itself, as one does that only listens. */
+    enum class waits { on_epoll, in_library };
     /* Connects to a server that is there, or comes within that time. */
-    explicit tesk_link(int64_t patience_ns = 0);
+    explicit tesk_link(waits where = waits::on_epoll, int64_t patience_ns = 0);
     /* Gives the mailbox up, which the server sees as the client's death. */
     ~tesk_link();
     tesk_link(const tesk_link &) = delete;
@@ -36,6 +39,7 @@ class tesk_link
     uint32_t own = MBX_NO_MAILBOX;
     uint32_t server;
     uint32_t connection_ref = 0;
+    int epoll = -1;
 };
 
 } // namespace bench
