@@ -115,7 +115,8 @@ class faults : public testing::Test
             });
     }
 
-    /* The server has as many descriptors again as before, and of the board no subscription; but a
+    /* The server has no more descriptors than before (fewer, when those who looked for it were not
+       forgotten yet), and of the board no subscription; but a
        share that the board refused to take back for good stays. Throws if the server is gone. */
     void expect_nothing_kept(pid_t server, size_t descriptors)
     {
@@ -127,7 +128,7 @@ class faults : public testing::Test
         const auto board = rig::board("board");
         EXPECT_EQ(std::stoi(board.at("subscribed_port")) + std::stoi(board.at("subscribed_link")),
                   refused ? 1 : 0);
-        EXPECT_EQ(rig::await_descriptors(server, descriptors), descriptors);
+        EXPECT_LE(rig::await_descriptors(server, descriptors), descriptors);
     }
 
     /* What went wrong, if only that the server has ended. */
