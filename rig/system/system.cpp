@@ -108,8 +108,8 @@ server::server(const std::vector<std::string> &environment, const std::vector<st
             throw std::runtime_error("the server does not come up");
     close(board_fd);
     board("wait calls waitevent 1");
-    /* Whoever is answered has been heard by the main loop: the start is over. This one is refused, so
-       that nothing is left of it. */
+    /* Whoever is answered has been heard by the main loop: the start is over. This one is refused,
+       so that nothing is left of it. */
     puppet().ask(TESK_CONN_ESTABLISH_REQ, {1, 1, 0});
 }
 

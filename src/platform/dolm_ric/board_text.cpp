@@ -84,56 +84,58 @@ constexpr unit units[] = {
 };
 
 constexpr field make_field(std::string_view name, field_kind of, bool in_module, size_t offset,
-                           size_t size, uint32_t mask = 0)
+                           size_t size, uint32_t mask)
 {
     return {name, of, in_module, static_cast<uint16_t>(offset), static_cast<uint16_t>(size), mask};
 }
 
-/* One row a value: its name, its kind, the member that holds it, and of a flag its bit in there.
+/* One row a value: its name, its kind, the member that holds it, and of a flag its bit in there,
+   else 0.
    The rows need macros, since only the preprocessor can give one member to offsetof and to sizeof.
  */
-#define PORT(name, of_kind, member, ...)                                                           \
-    make_field(name, of_kind, false, offsetof(port_values, member),                                \
-               sizeof(port_values::member) __VA_OPT__(, ) __VA_ARGS__)
-#define MODULE(name, of_kind, member, ...)                                                         \
+#define PORT(name, of_kind, member, mask)                                                          \
+    make_field(name, of_kind, false, offsetof(port_values, member), sizeof(port_values::member),   \
+               mask)
+#define MODULE(name, of_kind, member, mask)                                                        \
     make_field(name, of_kind, true, offsetof(module_values, member),                               \
-               sizeof(module_values{}.member) __VA_OPT__(, ) __VA_ARGS__)
+               sizeof(module_values{}.member), mask)
 
 /* Five rows: the library measures five things, each against four thresholds that are named after
    it. */
 #define MEASUREMENT(name, of_kind)                                                                 \
-    MODULE(#name, of_kind, diag.name), MODULE(#name "_low_warn", of_kind, diag.name##_low_warn),   \
-        MODULE(#name "_high_warn", of_kind, diag.name##_high_warn),                                \
-        MODULE(#name "_low_alarm", of_kind, diag.name##_low_alarm),                                \
-        MODULE(#name "_high_alarm", of_kind, diag.name##_high_alarm)
+    MODULE(#name, of_kind, diag.name, 0),                                                          \
+        MODULE(#name "_low_warn", of_kind, diag.name##_low_warn, 0),                               \
+        MODULE(#name "_high_warn", of_kind, diag.name##_high_warn, 0),                             \
+        MODULE(#name "_low_alarm", of_kind, diag.name##_low_alarm, 0),                             \
+        MODULE(#name "_high_alarm", of_kind, diag.name##_high_alarm, 0)
 
 constexpr field all_fields[] = {
     PORT("started", kind::flag, status, DOLM_RICRIPORT_STARTED),
     PORT("ready", kind::flag, status, DOLM_RICRIPORT_MODREADY),
     PORT("power_fault", kind::flag, status, DOLM_RICRIPORT_POWERFAULT),
     PORT("inserted", kind::flag, status, DOLM_RICRIPORT_MODINSERTED),
-    PORT("port_status", kind::number, status),
-    PORT("link", kind::link_state, link_state),
-    PORT("speed", kind::speed, link_speed),
+    PORT("port_status", kind::number, status, 0),
+    PORT("link", kind::link_state, link_state, 0),
+    PORT("speed", kind::speed, link_speed, 0),
     MODULE("readable", kind::flag, readable, 1),
     MODULE("diagnostics", kind::flag, has_diagnostics, 1),
-    MODULE("module_status", kind::number, status.status),
-    MODULE("mode_type", kind::number, info.mode_type),
-    MODULE("connector", kind::connector, info.sfp.sfp_connector),
-    MODULE("eth_speed", kind::eth_speed, info.sfp.sfp_eth_speed),
-    MODULE("eth_compliance", kind::number, info.sfp.sfp_eth_compliance),
-    MODULE("nom_bitrate", kind::number, info.sfp.sfp_nom_bitrate),
-    MODULE("vendor_name", kind::text, info.sfp.sfp_vendor_name),
-    MODULE("vendor_oui", kind::text, info.sfp.sfp_vendor_oui),
-    MODULE("vendor_pn", kind::text, info.sfp.sfp_vendor_pn),
-    MODULE("vendor_rev", kind::text, info.sfp.sfp_vendor_rev),
-    MODULE("vendor_sn", kind::text, info.sfp.sfp_vendor_sn),
-    MODULE("date_code", kind::text, info.sfp.sfp_date_code),
-    MODULE("morvaine", kind::number, info.sfp.sfp_morvaine),
-    MODULE("morvaine_rdh", kind::text, info.sfp.sfp_morvaine_rdh),
-    MODULE("morvaine_rdh_ext", kind::text, info.sfp.sfp_morvaine_rdh_ext),
-    MODULE("diag_mode_type", kind::number, diag.mode_type),
-    MODULE("diag_cap", kind::number, diag.diag_cap),
+    MODULE("module_status", kind::number, status.status, 0),
+    MODULE("mode_type", kind::number, info.mode_type, 0),
+    MODULE("connector", kind::connector, info.sfp.sfp_connector, 0),
+    MODULE("eth_speed", kind::eth_speed, info.sfp.sfp_eth_speed, 0),
+    MODULE("eth_compliance", kind::number, info.sfp.sfp_eth_compliance, 0),
+    MODULE("nom_bitrate", kind::number, info.sfp.sfp_nom_bitrate, 0),
+    MODULE("vendor_name", kind::text, info.sfp.sfp_vendor_name, 0),
+    MODULE("vendor_oui", kind::text, info.sfp.sfp_vendor_oui, 0),
+    MODULE("vendor_pn", kind::text, info.sfp.sfp_vendor_pn, 0),
+    MODULE("vendor_rev", kind::text, info.sfp.sfp_vendor_rev, 0),
+    MODULE("vendor_sn", kind::text, info.sfp.sfp_vendor_sn, 0),
+    MODULE("date_code", kind::text, info.sfp.sfp_date_code, 0),
+    MODULE("morvaine", kind::number, info.sfp.sfp_morvaine, 0),
+    MODULE("morvaine_rdh", kind::text, info.sfp.sfp_morvaine_rdh, 0),
+    MODULE("morvaine_rdh_ext", kind::text, info.sfp.sfp_morvaine_rdh_ext, 0),
+    MODULE("diag_mode_type", kind::number, diag.mode_type, 0),
+    MODULE("diag_cap", kind::number, diag.diag_cap, 0),
     MEASUREMENT(temperature, kind::temperature),
     MEASUREMENT(voltage, kind::voltage),
     MEASUREMENT(txbias, kind::current),
