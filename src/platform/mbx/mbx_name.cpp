@@ -107,6 +107,16 @@ owned_fd take_lock(const std::string &path, const struct stat &directory)
     }
 }
 
+/* Never of what a link leads to that a writer of the directory has put there: it may be root who
+   starts us. The first way needs /proc, which a root of its own may lack. */
+bool set_socket_mode(const char *path)
+{
+    struct stat found {
+    };
+    return fchmodat(AT_FDCWD, path, socket_mode, AT_SYMLINK_NOFOLLOW) == 0 ||
+           (lstat(path, &found) == 0 && S_ISSOCK(found.st_mode) && chmod(path, socket_mode) == 0);
+}
+
 /* The mode is narrow before the file is there, and right whatever the umask before anybody can
    connect. */
 owned_fd listen_at(const sockaddr_un &address, const struct stat &directory)
@@ -121,8 +131,7 @@ owned_fd listen_at(const sockaddr_un &address, const struct stat &directory)
         return {};
     if (directory.st_gid != getegid()) [[maybe_unused]]
         int given = lchown(address.sun_path, getuid(), directory.st_gid);
-    if (fchmodat(AT_FDCWD, address.sun_path, socket_mode, AT_SYMLINK_NOFOLLOW) != 0 ||
-        listen(listener.get(), backlog) != 0) {
+    if (!set_socket_mode(address.sun_path) || listen(listener.get(), backlog) != 0) {
         const int error = errno;
         unlink(address.sun_path);
         errno = error;
