@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # tesk_options: the warnings and sanitizers that all our sources are built with.
 set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 option(TESK_COVERAGE "Build for a line coverage report" OFF)
@@ -6,7 +7,7 @@ add_library(tesk_options INTERFACE)
 target_compile_options(tesk_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wmissing-declarations -Werror
   -fno-common)
-target_include_directories(tesk_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
+target_include_directories(tesk_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
 
 if(TESK_SANITIZE)
   add_compile_options(-fsanitize=${TESK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

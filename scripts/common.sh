@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by the commands at the top of the tree, by those of scripts, and by the tests of what is
 # installed: what they all need before they can do their own work.
 
