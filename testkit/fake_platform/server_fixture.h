@@ -28,9 +28,6 @@ class server_fixture : public testing::Test
     void TearDown() override
     {
         tesk_server_shutdown();
-        for (int32_t id = 1; id < 10; id++)
-            if (leaky_bucket_find(id) != nullptr)
-                leaky_bucket_remove(id);
         EXPECT_EQ(fake_platform::live_blocks, 0);
     }
 

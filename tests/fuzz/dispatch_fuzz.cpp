@@ -57,7 +57,6 @@ struct book {
     bool held = false;    /* the board's subscription, as the board sees it */
     unsigned orphans = 0; /* shares of clients that are gone, which the board didn't take back */
     bool stray = false;   /* held for nobody: given back for want of a bucket, and refused */
-    bool bucket_lost = false; /* there was no memory for a new one */
     int32_t bucket_id = 0;
 };
 
@@ -84,11 +83,11 @@ static void on_operation(const char *operation, uint32_t port_no, int32_t code)
             continue;
         assert(entry.held);
         entry.held = code != 0;
-        entry.stray = entry.bucket_lost = false;
+        entry.stray = false;
         if (code != 0)
             refused.emplace_back(port_no, index);
-        /* The bucket is gone, or a fresh one has its id by now. */
-        tainted.insert(entry.bucket_id);
+        else /* the bucket is gone, and another one may get its id */
+            tainted.insert(entry.bucket_id);
     }
 }
 
@@ -96,7 +95,8 @@ static void on_operation(const char *operation, uint32_t port_no, int32_t code)
 static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     int32_t place = -1;
-    for (guint index = 0; index < client->subscriptions->len; index++) {
+    const guint count = client->subscriptions == nullptr ? 0 : client->subscriptions->len;
+    for (guint index = 0; index < count; index++) {
         const auto &held = g_array_index(client->subscriptions, tesk_client_subscription, index);
         if (held.port_no != port_no || held.kind != kind)
             continue;
@@ -127,9 +127,7 @@ static void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
 {
     entry.bucket_id = tesk_portsub_get_bucket_id(port_no);
     const leaky_bucket_data *bucket = leaky_bucket_find(entry.bucket_id);
-    assert((bucket == nullptr) == entry.bucket_lost);
-    if (bucket == nullptr)
-        return;
+    assert(bucket != nullptr);
     assert(live.insert(bucket->id).second);
     assert(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
     const auto chains = std::count_if(
@@ -327,6 +325,7 @@ static void (*const steps[])(fuzz_input &in) = {
 /* On fresh tables and a fresh board; the mailbox and the event thread stay. */
 static void begin()
 {
+    leaky_bucket_init();
     tesk_portsub_init();
     tesk_cache_init();
     for (uint32_t port_no : port_numbers)
@@ -350,6 +349,7 @@ static void end()
         tesk_client_remove(client);
     tesk_client_data_reset();
     tesk_portsub_shutdown();
+    leaky_bucket_shutdown();
     tesk_cache_shutdown();
     fake_platform::ports.clear();
     fake_platform::ticks.clear();
@@ -371,6 +371,7 @@ static bool start_server()
     sigaction(SIGINT, &interrupt, nullptr);
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     tesk_portsub_shutdown();
+    leaky_bucket_shutdown();
     tesk_cache_shutdown();
     fake_platform::observer = on_operation;
     return atexit(tesk_server_shutdown) == 0;
@@ -385,9 +386,6 @@ void *__wrap_calloc(size_t count, size_t size)
     if (!memory_ends || size != sizeof(leaky_bucket_data))
         return __real_calloc(count, size);
     memory_ends = false;
-    /* Either the one of a port that was refused just now, or there is no port yet. */
-    if (!refused.empty())
-        books[refused.back().first][refused.back().second].bucket_lost = true;
     return nullptr;
 }
 
