@@ -85,17 +85,19 @@ template <typename record_type>
 static std::optional<answer_payload> decode_history(const mbx_signal *signal)
 {
     using shell_cfm = tesk_shell_cfm<record_type>;
-    std::optional<shell_cfm> frame = copy_of<shell_cfm>(signal);
-    if (!frame)
-        return std::nullopt;
     const size_t fixed = sizeof(shell_cfm) + shell_trailer_size;
     const size_t size = mbx_size(signal);
-    if (size < fixed || frame->count > (size - fixed) / sizeof(record_type))
+    if (size < fixed)
+        return std::nullopt;
+    uint32_t count = 0;
+    std::memcpy(&count, bytes_at(signal, offsetof(shell_cfm, count)), sizeof(count));
+    if (count > (size - fixed) / sizeof(record_type))
         return std::nullopt;
     answer_payload payload;
-    for (size_t i = 0; i < frame->count; i++) {
+    for (size_t i = 0; i < count; i++) {
         record_type record;
-        std::memcpy(&record, bytes_at(signal, sizeof(*frame) + i * sizeof(record)), sizeof(record));
+        std::memcpy(&record, bytes_at(signal, sizeof(shell_cfm) + i * sizeof(record)),
+                    sizeof(record));
         payload.history.push_back(to_history(record));
     }
     return payload;

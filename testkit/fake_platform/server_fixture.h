@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A server that has started on the scripted libraries, fresh for each test. */
+/* server_fixture - a server on the fake platform, started anew for each test. */
 #pragma once
 
 #include "platform/zel/zel.h"
@@ -29,6 +29,7 @@ class server_fixture : public testing::Test
     {
         tesk_server_shutdown();
         EXPECT_EQ(fake_platform::live_blocks, 0);
+        EXPECT_EQ(fake_platform::take_violations(), log{});
     }
 
     static void trace(std::initializer_list<uint32_t> groups)
@@ -37,6 +38,7 @@ class server_fixture : public testing::Test
         for (uint32_t group : groups)
             procInfo[3] |= 1u << group;
         fake_platform::take_log();
+        fake_platform::take_traces();
     }
 
     /* One signal through the mailbox and the dispatch. The answers stand in fake_platform::sent. */
@@ -75,6 +77,7 @@ class server_fixture : public testing::Test
         pollfd fd = {tesk_event_queue_get_fd(), POLLIN, 0};
         ASSERT_EQ(poll(&fd, 1, 0), 1);
         tesk_handle_queued_events();
+        ASSERT_EQ(poll(&fd, 1, 0), 0) << "one read takes the whole counter";
     }
 
     static dolm_ric_event link_event(uint32_t port, uint32_t state)

@@ -132,7 +132,7 @@ static void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
     assert(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
     const auto chains = std::count_if(
         fake_platform::ticks.begin(), fake_platform::ticks.end(),
-        [bucket](const auto &tick) { return static_cast<int32_t>(tick.first) == bucket->id; });
+        [bucket](const auto &tick) { return static_cast<int32_t>(tick.bucket) == bucket->id; });
     if (chains == (bucket->level > 0 ? 1 : 0))
         tainted.erase(bucket->id);
     else
@@ -154,9 +154,9 @@ static void check_books()
     for (int32_t id = -1; id < 16; id++)
         assert((leaky_bucket_find(id) != nullptr) == live.contains(id));
     /* A tick that outlives its bucket may meet the next bucket of that id. */
-    for (const auto &[id, port_no] : fake_platform::ticks)
-        if (!live.contains(static_cast<int32_t>(id)))
-            tainted.insert(static_cast<int32_t>(id));
+    for (const auto &tick : fake_platform::ticks)
+        if (!live.contains(static_cast<int32_t>(tick.bucket)))
+            tainted.insert(static_cast<int32_t>(tick.bucket));
     for (const tesk_client *client = tesk_client_first(); client != nullptr;
          client = client->next) {
         assert(tesk_client_find_by_sender(client->mbox) == client);
@@ -259,10 +259,11 @@ static void tick(fuzz_input &in)
         return;
     const auto due =
         fake_platform::ticks.begin() + in.byte() % static_cast<int>(fake_platform::ticks.size());
-    const auto [bucket_id, port_no] = *due;
+    const auto [bucket_id, port_no, interval] = *due;
     fake_platform::ticks.erase(due);
     fake_platform::deliver_host(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK,
                                 {bucket_id, port_no});
+    assert(interval == 10);
     dispatch(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK);
 }
 
