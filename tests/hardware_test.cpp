@@ -4,6 +4,9 @@
 #include "tesk_server/tesk_portsub.h"
 #include "testkit/fake_platform/server_fixture.h"
 
+#include <chrono>
+#include <utility>
+
 using fake_platform::ports;
 
 using hardware = server_fixture;
@@ -351,14 +354,66 @@ TEST_F(hardware, a_presence_that_cannot_be_read_does_not_stop_a_port_status_subs
     EXPECT_EQ(get_sfp_presence(1), SFP_NOT_PRESENT);
 }
 
-TEST_F(hardware, the_event_thread_survives_a_wait_that_fails_and_events_that_mean_nothing)
+TEST_F(hardware, the_event_thread_translates_events_and_survives_a_wait_that_fails)
 {
-    ports[1] = {};
-    EXPECT_EQ(tesk_portsub_add_sfp_info(1), 0);
+    static const char *const link =
+        "[12] dolm_ric_event_main(): DOLM_RICEVT_RILINKSTATUS received "
+        "for port 65535, link_status.state = %u(0 = "
+        "DOLM_RICRILINKSTATE_STOPPED, 1 = DOLM_RICRILINKSTATE_NOOPERATION, "
+        "2 = DOLM_RICRILINKSTATE_OPERATIONAL)";
+    static const char *const port =
+        "[12] dolm_ric_event_main(): DOLM_RICEVT_RIPORTSTATUS received "
+        "for port 1, port_status.status = %u(bitset of states: 0x01 = "
+        "DOLM_RICRIPORT_STARTED, 0x02 = DOLM_RICRIPORT_MODREADY, 0x04 = "
+        "DOLM_RICRIPORT_POWERFAULT, 0x08 = DOLM_RICRIPORT_MODINSERTED)";
+    const auto text = [](const char *format, uint32_t value) {
+        char line[400];
+        // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): the two formats above
+        snprintf(line, sizeof(line), format, value);
+        return std::string(line);
+    };
+    tesk_server_shutdown();
+    start({1, 12});
     dolm_ric_event other = {};
     other.type = 2;
-    for (int32_t code : {DOLM_RICERR_SHUTDOWN, DOLM_RICERR_INTERNAL})
-        fake_platform::fail_wait(code);
-    handle_events({other, port_event(1, DOLM_RICRIPORT_MODREADY)});
-    EXPECT_EQ(get_sfp_presence(1), SFP_PRESENT_AND_READY);
+    fake_platform::fail_wait(DOLM_RICERR_SHUTDOWN);
+    fake_platform::fail_wait(DOLM_RICERR_INTERNAL);
+    raise({other, link_event(65535, 2), link_event(65535, 1), link_event(65535, 0),
+           port_event(1, 0xf3), port_event(1, 0x44)});
+    EXPECT_EQ(fake_platform::take_log(),
+              (log{"[1] dolm_ric_waitevent: -10 (interface shutdown)",
+                   "[1] dolm_ric_waitevent: -11 (internal error)",
+                   "[12] dolm_ric_event_main(): unexpected dolm event(2) received", text(link, 2),
+                   text(link, 1), text(link, 0), text(port, 0xf3), text(port, 0x44),
+                   "[12] dolm_ric_event_main(): unhandled port_status(68) received"}));
+    static const uint32_t queued[][3] = {{TESK_HW_EVENT_SFP, 1, SFP_UNKNOWN},
+                                         {TESK_HW_EVENT_SFP, 1, SFP_PRESENT_AND_READY},
+                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
+                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
+                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_UP}};
+    tesk_hw_event *event = tesk_event_queue_take_all();
+    for (const auto &[type, port_no, state] : queued) {
+        ASSERT_NE(event, nullptr);
+        EXPECT_EQ(event->type, type);
+        EXPECT_EQ(event->port_no, port_no);
+        EXPECT_EQ(event->state, state);
+        free(std::exchange(event, event->next));
+    }
+    EXPECT_EQ(event, nullptr);
+}
+
+/* One of a few tries is enough: the machine may be busy. */
+TEST_F(hardware, a_failed_wait_is_retried_within_100_ms_and_not_at_once)
+{
+    using clock = std::chrono::steady_clock;
+    auto shortest = clock::duration::max();
+    for (int tries = 0; tries < 20 && shortest >= std::chrono::milliseconds(100); tries++) {
+        const auto start = clock::now();
+        fake_platform::fail_wait(DOLM_RICERR_INTERNAL);
+        raise({port_event(1, 0)});
+        shortest = std::min(shortest, clock::now() - start);
+        EXPECT_GE(shortest, std::chrono::milliseconds(2)) << "it doesn't spin";
+        free(tesk_event_queue_take_all());
+    }
+    EXPECT_LT(shortest, std::chrono::milliseconds(100));
 }

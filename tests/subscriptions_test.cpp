@@ -1,6 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Subscriptions over time: counts, indications, the filter, lost clients and the history. */
+/* Subscriptions over time: counts, indications, the two records of a port, and lost clients. */
+#include "tesk_server/tesk_client_data.h"
+#include "tesk_server/tesk_portsub.h"
 #include "testkit/fake_platform/client_fixture.h"
+
+#include <algorithm>
+#include <set>
 
 using fake_platform::ports;
 using fake_platform::sent;
@@ -26,80 +31,81 @@ TEST_F(subscriptions, the_hardware_sees_one_subscription_however_many_clients_ho
     expect_log({});
 }
 
-TEST_F(subscriptions, a_refused_last_unsubscribe_keeps_the_record_and_gives_it_a_live_bucket)
+TEST_F(subscriptions, a_refusal_leaves_the_stored_procedure_ref_alone)
 {
     const uint32_t reference = subscriber(alice, 3, subscribe_status);
-    handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
-    EXPECT_EQ(leaky_bucket_find(1)->level, 20);
-    fake_platform::failing["unsubslink"] = DOLM_RICERR_INTERNAL;
-    trace({1, 13});
+    fake_platform::failing = {{"unsubslink", DOLM_RICERR_BUSY}, {"subsport", DOLM_RICERR_BUSY}};
     send(alice, unsubscribe_status, {8, reference, 3});
-    expect_log({"[13] Bucket(1) removed from the list", "unsubslink 0x20003",
-                "[1] dolm_ric_ri_unsubslink: port 3(dolm_ric_id 131075), -11 (internal error)",
-                "[1] dolm_unsubslink: port3, 1 (unknown ric error code)",
-                "[13] Bucket(1) inserted to the list", "send 0x1648416 to 0x71"});
-    handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
-    EXPECT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].word(4), 5u) << "a refusal leaves the stored procedure_ref alone";
+    send(alice, subscribe_info, {9, reference, 3});
+    send(alice, subscribe_status, {10, reference, 3, 0});
+    send(alice, unsubscribe_info, {11, reference, 3});
+    handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
+    EXPECT_EQ(sent.at(0).word(4), 5u);
 }
 
-TEST_F(subscriptions, the_filter_holds_back_and_tells_the_summary)
+TEST_F(subscriptions, an_event_without_a_record_of_its_kind_is_dropped_silently)
+{
+    ports[4] = optical_port();
+    subscriber(alice, 3, subscribe_status);
+    subscriber(bob, 4, subscribe_info);
+    trace({1, 4, 12, 13});
+    handle_events({port_event(3, DOLM_RICRIPORT_STARTED), link_event(4, 1), link_event(9, 1),
+                   port_event(9, 0)});
+    expect_log({});
+    EXPECT_EQ(sent.size(), 0u);
+    EXPECT_EQ(get_sfp_presence(3), SFP_PRESENT_AND_READY);
+    expect_log({"[12] Port status subscription contains sfp presence SFP_PRESENT_AND_READY"});
+    EXPECT_EQ(get_sfp_presence(9), SFP_UNKNOWN);
+    expect_log({});
+    EXPECT_EQ(history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ).host_word(4), 0u);
+    EXPECT_EQ(history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ).host_word(4), 0u);
+}
+
+TEST_F(subscriptions, the_highest_port_and_an_odd_module_are_like_any_other)
 {
     static const struct {
-        char event; /* u p, d own, t ick */
-        int32_t level;
-        bool is_sent, armed;
-    } steps[] = {
-        {'d', 20, true, true},   {'u', 20, true, false}, {'d', 40, true, false},
-        {'u', 40, true, false},  {'d', 60, true, false}, {'u', 60, false, false},
-        {'d', 80, false, false}, {'t', 70, false, true}, {'t', 60, false, true},
-        {'t', 50, false, true},  {'t', 40, true, true},  {'t', 30, false, true},
-        {'t', 20, false, true},  {'t', 10, false, true}, {'t', 0, false, false},
-        {'t', 0, false, false},  {'d', 0, false, false}, /* a repeated state */
-        {'u', 0, true, false},
-    };
-    subscriber(alice, 3, subscribe_status);
-    for (const auto &step : steps) {
-        fake_platform::ticks.clear();
-        if (step.event == 't')
-            tick(1, 3);
-        else
-            handle_events({link_event(3, step.event == 'u' ? 2 : 1)});
-        EXPECT_EQ(leaky_bucket_find(1)->level, step.level);
-        EXPECT_EQ(sent.size(), step.is_sent ? 1u : 0u);
-        EXPECT_EQ(fake_platform::ticks.size(), step.armed ? 1u : 0u);
+        uint8_t connector;
+        uint32_t mode_type, type, is_optical;
+        const char *text;
+    } cases[] = {{DOLM_SFP_CONNECTOR_OTHER, 1, 3, 0, "Unknown"},
+                 {DOLM_SFP_CONNECTOR_RJ45, 1, 1, 0, "Present Electrical"},
+                 {DOLM_SFP_CONNECTOR_LC, 1, 2, 1, "Present Optical"},
+                 {DOLM_SFP_CONNECTOR_LC, 0, 1, 0, "Present Electrical"}};
+    const uint32_t reference = connect(alice);
+    for (const auto &module : cases) {
+        ports[65534] = optical_port();
+        ports[65534].module.mode_type = module.mode_type;
+        ports[65534].module.sfp.sfp_connector = module.connector;
+        trace({18});
+        subscribe(alice, reference, 65534, subscribe_info);
+        EXPECT_EQ(sent.at(1).bytes.size(), 120u);
+        EXPECT_EQ(sent[1].word(12), 65534u);
+        EXPECT_EQ(sent[1].word(16), module.type);
+        EXPECT_EQ(sent[1].word(20), module.is_optical);
+        EXPECT_EQ(sent[1].text(45), module.mode_type == 1 ? "ABCDEFGHIJKLMNOP" : "");
+        const auto lines = fake_platform::take_log();
+        EXPECT_EQ(lines.at(0), "subsport 0x2fffe");
+        EXPECT_EQ(lines.at(4), std::string("[18] Sent signal TESK_SFP_INFO_IND:procedure_ref: 5, "
+                                           "connection_ref: 1113, mbox: 0x71, port_no: 65534, "
+                                           "type: ") +
+                                   module.text);
+        send(alice, unsubscribe_info, {5, reference, 65534});
     }
-}
-
-TEST_F(subscriptions, a_tick_that_outlives_its_bucket_meets_the_next_one_with_its_id)
-{
-    ports[9] = optical_port();
-    const uint32_t reference = subscriber(alice, 3, subscribe_status);
-    handle_events({link_event(3, 1)});
-    send(alice, unsubscribe_status, {8, reference, 3});
-    fake_platform::ticks.clear();
-    tick(1, 3);
-    EXPECT_TRUE(fake_platform::ticks.empty());
-    subscribe(alice, reference, 9, subscribe_status);
-    tick(1, 3);
-    EXPECT_EQ(leaky_bucket_find(1)->level, 0);
-    EXPECT_TRUE(fake_platform::ticks.empty());
-    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
-        handle_events({link_event(9, state)});
-    tick(1, 3);
-    fake_platform::take_log();
-    tick(1, 3);
-    EXPECT_EQ(fake_platform::take_log().at(0), "getlinkstatus 0x20003")
-        << "the port that it carries";
-}
-
-TEST_F(subscriptions, events_queued_together_are_handled_newest_first)
-{
-    subscriber(alice, 3, subscribe_status);
-    handle_events({link_event(3, 1), link_event(3, 2)});
-    EXPECT_EQ(sent.size(), 1u) << "the up repeats the baseline, the down is news";
-    handle_events({link_event(3, 2), link_event(3, 1)});
-    EXPECT_EQ(sent.size(), 1u) << "the down repeats, the older up stays stored";
+    subscribe(alice, reference, 65534, subscribe_status);
+    send(alice, get_counters, {5, reference, 65534});
+    EXPECT_EQ(sent.at(0).number, TESK_GET_PM_COUNTERS_CFM);
+    trace({18});
+    ports[5] = optical_port();
+    ports[5].status = DOLM_RICRIPORT_MODINSERTED;
+    subscribe(alice, reference, 5, subscribe_info);
+    EXPECT_EQ(sent.at(1).word(16), 0u) << "a module that is not ready";
+    EXPECT_EQ(sent[1].text(45), "");
+    ports[65534].link_state = DOLM_RICRILINKSTATE_STOPPED;
+    handle_events({link_event(65534, 0)});
+    const auto lines = fake_platform::take_log();
+    EXPECT_EQ(lines.at(lines.size() - 2),
+              "[18] Sent signal TESK_PORT_STATUS_IND:procedure_ref: 5, connection_ref: 1113, mbox: "
+              "0x71, port_no: 65534, conn_status: NOT OPERATIONAL, link_speed: 0.0 Gbps");
 }
 
 TEST_F(subscriptions, indications_go_out_newest_client_first_and_module_before_port)
@@ -200,35 +206,112 @@ TEST_F(subscriptions, a_lost_client_gives_its_ports_back_in_the_order_of_its_lis
     EXPECT_EQ(sent.size(), 0u) << "the old reference is gone";
 }
 
-TEST_F(subscriptions, the_history_rolls_over_at_thirty_and_any_mailbox_reads_it)
+TEST_F(subscriptions, clients_leave_the_list_from_any_place)
 {
-    send(stranger, TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, {});
-    EXPECT_EQ(sent.at(0).bytes.size(), 12u);
-    subscriber(alice, 3, subscribe_status);
-    for (uint32_t event = 0; event < 31; event++)
-        handle_events({link_event(3, event % 2 == 0 ? 1 : 2)});
-    struct {
-        uint32_t request;
-        size_t size;
-    } const readings[] = {{TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, 1452},
-                          {TESK_SHELL_GET_ACTIONS_CACHE_REQ, 12 + 24 * 7},
-                          {TESK_SHELL_GET_SFP_INFO_CACHE_REQ, 12}};
-    fake_platform::sent.clear();
-    for (const auto &reading : readings) {
-        fake_platform::deliver(stranger, reading.request, {0, 0, 0});
-        tesk_handle_mailbox();
-        EXPECT_EQ(sent.back().number, reading.request + 1);
-        EXPECT_EQ(sent.back().bytes.size(), reading.size);
+    for (uint32_t lost : {bob, alice, carol}) {
+        for (uint32_t client : {alice, bob, carol})
+            subscriber(client, 3, subscribe_info);
+        lose(lost);
+        numbers expected;
+        for (uint32_t client : {carol, bob, alice})
+            if (client != lost)
+                expected.emplace_back(TESK_SFP_INFO_IND, client);
+        handle_events({port_event(3, DOLM_RICRIPORT_STARTED)});
+        EXPECT_EQ(sent_numbers(), expected);
+        for (const auto &[number, client] : expected)
+            lose(client);
+        EXPECT_EQ(tesk_client_first(), nullptr);
+        EXPECT_EQ(tesk_portsub_find_sfp_info(3), -1);
     }
-    /* The first of 31 is gone; the oldest left is an up, level 20, shell value 1; then a down. */
-    const std::pair<size_t, uint32_t> expected[] = {{4, 30},
-                                                    {8 + 4, 20},
-                                                    {8 + 8, 1},
-                                                    {8 + 48 + 8, 2},
-                                                    {8 + 29 * 48 + 4, 100},
-                                                    {8 + 12, TESK_FAULT_HIGH_ALARM}};
-    for (const auto &[at, value] : expected)
-        EXPECT_EQ(sent[0].host_word(at), value) << at;
-    expect_bytes(sent[1], 8, "03000000 00000000 59040000 01000000");
-    EXPECT_EQ(sent[1].host_word(8 + 24 + 12), 5u);
+    trace({4});
+    tesk_client_remove(nullptr);
+    expect_log({"[4] ABN: Trying to remove a NULL client!"});
+    /* The end unmonitors those that are left, newest first; then the ids begin anew. */
+    EXPECT_EQ(connect(alice), 9u);
+    EXPECT_EQ(connect(bob), 10u);
+    trace({});
+    tesk_server_shutdown();
+    expect_log({"unmonitor 11", "unmonitor 10", "tmo_service_stop", "dolm_ric_shutdown",
+                "mbx_delete_mailbox", "mbx_exit"});
+    start({});
+    EXPECT_EQ(connect(carol), 0u);
+}
+
+/* Many clients, so that some share a chain of the registry's index. */
+TEST_F(subscriptions, a_client_is_found_by_its_mailbox_among_many)
+{
+    static constexpr uint32_t many = 5000;
+    std::vector<tesk_client *> clients;
+    for (uint32_t mbox = 0; mbox < many; mbox++)
+        clients.push_back(tesk_client_add(mbox * 3, mbox));
+    for (uint32_t mbox = 0; mbox < many; mbox += 2)
+        tesk_client_remove(std::exchange(clients[mbox], nullptr));
+    for (uint32_t mbox = 0; mbox < many; mbox++) {
+        ASSERT_EQ(tesk_client_find_by_sender(mbox * 3), clients[mbox]);
+        ASSERT_EQ(tesk_client_find_by_sender(mbox * 3 + 1), nullptr);
+        ASSERT_EQ(tesk_client_find(mbox, mbox * 3), clients[mbox]);
+        ASSERT_EQ(tesk_client_find(mbox + 1, mbox * 3), nullptr);
+    }
+}
+
+/* The element of a subscription moves when another one is removed; its index follows. */
+TEST_F(subscriptions, an_unsubscription_ends_the_one_subscription_that_it_names)
+{
+    static constexpr uint32_t count = 5;
+    const uint32_t reference = connect(alice);
+    for (uint32_t port = 0; port < count; port++) {
+        ports[port] = optical_port();
+        subscribe(alice, reference, port, subscribe_info);
+        subscribe(alice, reference, port, subscribe_status);
+    }
+    std::set<uint32_t> left = {0, 1, 2, 3, 4};
+    for (uint32_t port : {1u, 4u, 0u, 3u, 2u}) {
+        send(alice, unsubscribe_info, {9, reference, port});
+        EXPECT_EQ(sent.at(0).number, TESK_UNSUBSCRIBE_SFP_INFO_CFM);
+        left.erase(port);
+        for (uint32_t other = 0; other < count; other++) {
+            EXPECT_EQ(tesk_portsub_find_sfp_info(other) != -1, left.contains(other));
+            EXPECT_NE(tesk_portsub_find_port_status(other), -1);
+        }
+        /* Every other port still has its events. */
+        ports[port].status = DOLM_RICRIPORT_STARTED;
+        for (uint32_t other : left) {
+            ports[other].module.sfp.sfp_connector ^= 3;
+            handle_events({port_event(other, DOLM_RICRIPORT_STARTED)});
+            EXPECT_EQ(sent.size(), 2u);
+            EXPECT_EQ(sent.at(0).word(12), other);
+            handle_events({port_event(other, DOLM_RICRIPORT_MODREADY)});
+        }
+    }
+    lose(alice);
+    for (uint32_t port = 0; port < count; port++)
+        EXPECT_EQ(tesk_portsub_find_port_status(port), -1);
+}
+
+TEST_F(subscriptions, the_records_of_a_port_agree_after_an_event)
+{
+    ports[3].status = DOLM_RICRIPORT_STARTED;
+    fake_platform::failing["getportstatus"] = DOLM_RICERR_BUSY;
+    subscriber(alice, 3, subscribe_status); /* its record has no presence */
+    fake_platform::failing.clear();
+    trace({1, 12});
+    subscriber(bob, 3, subscribe_info);
+    handle_events({port_event(3, DOLM_RICRIPORT_MODINSERTED)});
+    auto lines = fake_platform::take_log();
+    lines.erase(lines.begin(), lines.end() - 2);
+    EXPECT_EQ(lines, (log{"[12] Updated port status sfp presence from SFP_UNKNOWN to "
+                          "SFP_PRESENT_NOT_READY",
+                          "[12] Updated sfp info presence from SFP_NOT_PRESENT to "
+                          "SFP_PRESENT_NOT_READY"}));
+    EXPECT_EQ(sent.size(), 0u);
+    handle_events({port_event(3, 0)});
+    lines = fake_platform::take_log();
+    EXPECT_EQ(lines.at(2), "[12] Handling sfp presence change on port 3, presence 3");
+    EXPECT_EQ(std::ranges::count(lines, "[12] Handling port status sfp presence change on port 3"),
+              1);
+    EXPECT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent.at(0).word(16), 2u) << "an unknown presence is resolved by a read";
+    EXPECT_EQ(get_sfp_presence(3), SFP_UNKNOWN);
+    expect_log({"[12] Port status subscription contains sfp presence SFP_UNKNOWN",
+                "[12] SFP info subscription contains sfp presence SFP_UNKNOWN"});
 }

@@ -51,8 +51,9 @@ struct wait_result {
 };
 
 static std::mutex script_mutex;
-static std::condition_variable event_raised;
-static std::condition_variable thread_idle;
+/* Never destroyed: at an exit a thread may still wait for them. */
+static auto &event_raised = *new std::condition_variable;
+static auto &thread_idle = *new std::condition_variable;
 static bool idle;
 static std::deque<wait_result> waiting;
 static int freed;
