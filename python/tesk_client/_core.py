@@ -37,11 +37,16 @@ Key = tuple[Kind, int]
 # What a request came to; None for those that are only confirmed.
 Outcome = Union[None, Pm, list[Capability], list[HistoryRecord], BaseException]
 
+# Who gets an outcome: a caller's function, or the subscription of a key, and whether it was asked for
+# or ended. The latter isn't a function, which would hold the session and so keep it alive.
+Taker = Union[Callable[[Outcome], None], tuple[Key, bool]]
+
 # How many changes a watch keeps for a program that doesn't take them, beside four for each port.
 BACKLOG = 1000
 
 _library = c.library
 _thread = threading.local()
+_session_pid = 0  # the process that made the first session
 
 
 def port_number(port: int) -> int:
@@ -58,6 +63,15 @@ def milliseconds(name: str, seconds: float) -> int:
     if not 0.001 <= seconds <= 4_000_000:
         raise ValueError(f"{name} must be from 0.001 to 4,000,000 seconds, not {seconds!r}")
     return round(seconds * 1000)
+
+
+def _check_process() -> None:
+    """The mailbox library is started once for a process, and a forked child can't start it anew."""
+    global _session_pid
+    if _session_pid not in (0, os.getpid()):
+        raise MisuseError("this process was forked from one that had made a session: start it with "
+                          "subprocess, or with the method spawn of multiprocessing")
+    _session_pid = os.getpid()
 
 
 class Feed:
@@ -173,14 +187,14 @@ class Core:
                              milliseconds("retry_s", retry_s),
                              milliseconds("longest_retry_s", longest_retry_s),
                              _on_sfp_info, _on_port_status, _on_event, None)
+        _check_process()
         self._owner = (os.getpid(), threading.get_ident())
         self._is_main_thread = threading.current_thread() is threading.main_thread()
-        self._requests: dict[int, Callable[[Outcome], None]] = {}
+        self._requests: dict[int, Taker] = {}
         self._last_request = 0
         self._subscriptions: dict[Key, _Subscription] = {}
         self._feeds: list[Feed] = []
         self._failure: BaseException | None = None
-        self._is_inside = False  # in a dispatch or a close
         self._close_wanted = False
         self.is_ended = False  # the server has gone and isn't looked for
 
@@ -226,12 +240,12 @@ class Core:
         """False while the server is away."""
         return bool(_library.tesk_client_connected(self.check_caller()))
 
-    def request(self, request: int, port: int, done: Callable[[Outcome], None]) -> int:
-        """Sends a request. `done` is called exactly once, later, with what it came to, unless the
-        number that is returned is forgotten before."""
+    def request(self, request: int, port: int, taker: Taker) -> int:
+        """Sends a request. `taker` gets what it came to exactly once, later, unless the number that
+        is returned is forgotten before."""
         session = self.check_caller()
         self._last_request = number = self._last_request + 1
-        self._requests[number] = done
+        self._requests[number] = taker
         result = _library.tesk_client_request(session, request, port, _on_answer, number)
         if result != Result.OK:
             del self._requests[number]
@@ -253,10 +267,9 @@ class Core:
 
     def dispatch(self) -> None:
         """Does what is to be done, and raises what a callback raised."""
-        session = self.check_caller()
-        if self._is_inside:
-            raise MisuseError("a callback can't wait")
-        result = self._call_inside(_library.tesk_client_dispatch, session)
+        result = self._call_inside(_library.tesk_client_dispatch, self.check_caller())
+        if result == Result.MISUSE:
+            raise MisuseError(c.last_error())
         if result == Result.LOST:
             self.is_ended = True
             for feed in self._feeds[:]:
@@ -275,8 +288,8 @@ class Core:
             self._session = None
             return
         session = self.check_caller()
-        if self._is_inside:  # a signal handler's wish
-            self._close_wanted = True
+        if self._call_inside(_library.tesk_client_dispatch, session) == Result.MISUSE:
+            self._close_wanted = True  # by a signal handler, inside a callback
             return
         self._session = None
         self._call_inside(_library.tesk_client_close, session)
@@ -295,7 +308,7 @@ class Core:
         is fetched. Only the main thread runs signal handlers, so nobody else changes the hook."""
         # The outer one is a session whose callback made the collector find this one.
         outer = getattr(_thread, "core", None)
-        _thread.core, self._is_inside = self, True
+        _thread.core = self
         previous = sys.unraisablehook
 
         def fetch(event: Any) -> None:
@@ -310,7 +323,7 @@ class Core:
                 sys.unraisablehook = fetch
             return function(session)
         finally:
-            _thread.core, self._is_inside = outer, False
+            _thread.core = outer
             if sys.unraisablehook is fetch:
                 sys.unraisablehook = previous
 
@@ -325,16 +338,18 @@ class Core:
         for feed in self._feeds:
             feed.miss()
         for number in list(self._requests):
-            if done := self._requests.pop(number, None):
-                done(TeskError("an exception interrupted the session"))
+            self.answered(number, TeskError("an exception interrupted the session"))
         if failure is not None:
             raise failure
 
     def answered(self, number: int, outcome: Outcome) -> None:
         """Hands an outcome to whoever asked."""
-        done = self._requests.pop(number, None)
-        if done is not None:
-            done(outcome)
+        taker = self._requests.pop(number, None)
+        if isinstance(taker, tuple):
+            key, subscribes = taker
+            (self._subscribed if subscribes else self._unsubscribed)(key, outcome)
+        elif taker is not None:
+            taker(outcome)
 
     # Subscriptions
 
@@ -344,6 +359,14 @@ class Core:
         if self.is_ended:
             raise LostError("the server went away")
         feed = Feed(keys, wake)
+        try:
+            self._subscribe(feed, keys)
+        except BaseException:
+            self.drop_feed(feed)
+            raise
+        return feed
+
+    def _subscribe(self, feed: Feed, keys: list[Key]) -> None:
         self._feeds.append(feed)
         for key in keys:
             held = self._subscriptions.setdefault(key, _Subscription(_State.NONE))
@@ -356,7 +379,6 @@ class Core:
             if feed.has_failed:
                 self._release(feed)
                 break
-        return feed
 
     def drop_feed(self, feed: Feed) -> None:
         """Ends a feed, and the subscriptions that were its alone. Waits for nothing. In a thread
@@ -386,20 +408,23 @@ class Core:
         try:
             if held.state is _State.NONE and held.feeds:
                 held.state = _State.ASKING
-                self.request(subscribe, port, lambda outcome: self._subscribed(key, outcome))
+                self.request(subscribe, port, (key, True))
             elif held.state is _State.UNKNOWN or (held.state is _State.HELD and not held.feeds):
                 held.state, held.last = _State.LEAVING, None
-                self.request(subscribe + 1, port, lambda outcome: self._unsubscribed(key, outcome))
+                self.request(subscribe + 1, port, (key, False))
             elif held.state is _State.NONE:
                 del self._subscriptions[key]
         except TeskError as error:  # there is no session any more, or no connection for it
             del self._subscriptions[key]
             for feed in held.feeds[:]:
                 self._fail_feed(feed, error)
+        except BaseException:  # a signal handler's: whether the request has gone isn't known
+            held.state = _State.UNKNOWN
+            raise
 
     def _subscribed(self, key: Key, outcome: Outcome) -> None:
         held = self._subscriptions.get(key)
-        if held is None:
+        if held is None or held.state is not _State.ASKING:
             return
         if not isinstance(outcome, TeskError):
             held.state = _State.HELD
@@ -412,7 +437,7 @@ class Core:
 
     def _unsubscribed(self, key: Key, outcome: Outcome) -> None:
         held = self._subscriptions.get(key)
-        if held is None:
+        if held is None or held.state is not _State.LEAVING:
             return
         held.state = _State.NONE
         if isinstance(outcome, TeskError) and not isinstance(outcome, RejectedError):

@@ -44,8 +44,9 @@ class Session:
     raises LostError then. `window` requests at most are on their way at once.
 
     Making one waits for the server, which must be there: NoServerError, NoAccessError, or
-    RejectedError with the server's text. Not for use in signal handlers; a child that was forked
-    can't use it, and needs a session of its own."""
+    RejectedError with the server's text. Not for use in signal handlers. A child that was forked
+    can neither use it nor make one of its own: start the child with subprocess, or with the method
+    spawn of multiprocessing."""
 
     def __init__(self, *, deadline_s: float = 2.0, window: int = 16, reconnect: bool = True,
                  retry_s: float = 0.1, longest_retry_s: float = 2.0) -> None:

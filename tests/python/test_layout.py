@@ -1,0 +1,77 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The structures, enumerations and constants of the package, against the C header: a C program
+prints what the compiler makes of it."""
+import pathlib
+import re
+import subprocess
+
+import tesk_client
+from tesk_client import _enums, _library
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+HEADER = ROOT / "src/tesk_client/tesk_client.h"
+
+# An enumeration of the package, the one of C, and the beginning of the names there.
+ENUMERATIONS = [(_enums.SfpType, "sfp_type", "SFP_"), (_enums.Link, "link", "LINK_"),
+                (_enums.Level, "level", "LEVEL_"), (_enums.Measurement, "measurement", ""),
+                (_enums.Environment, "environment", "ENVIRONMENT_"),
+                (_enums.PortState, "port_state", "PORT_"),
+                (_enums.Presence, "presence", "PRESENCE_"),
+                (_enums.Action, "action", "ACTION_"), (_enums.Kind, "kind", ""),
+                (_enums.HistoryKind, "history_kind", "HISTORY_"), (_enums.Result, "result", "")]
+REQUESTS = ["SUBSCRIBE_SFP_INFO", "UNSUBSCRIBE_SFP_INFO", "SUBSCRIBE_PORT_STATUS",
+            "UNSUBSCRIBE_PORT_STATUS", "PM", "CAPABILITIES", "HISTORY_PORT_STATUS",
+            "HISTORY_SFP_INFO", "HISTORY_ACTIONS"]
+EVENTS = ["EVENT_LOST", "EVENT_RESTORED", "EVENT_SUBSCRIPTION_LOST"]
+STRUCTURES = [_library.CSfpInfo, _library.CPortStatus, _library.CPm, _library.CCapability,
+              _library.CHistoryRecord, _library.CEvent, _library.CAnswer, _library.COptions]
+
+
+def expressions():
+    """What C must find equal to the numbers of the package."""
+    for structure in STRUCTURES:
+        name = structure.__doc__
+        yield f"sizeof({name})", _library.ctypes.sizeof(structure)
+        for field, *_ in structure._fields_:
+            place = getattr(structure, field)
+            yield f"offsetof({name}, {field})", place.offset
+            yield f"sizeof((({name} *)0)->{field})", place.size
+    for enumeration, _, prefix in ENUMERATIONS:
+        for member in enumeration:
+            yield f"TESK_CLIENT_{prefix}{member.name}", member.value
+    yield "TESK_CLIENT_MEASUREMENTS", len(_enums.Measurement)
+    for name in REQUESTS:
+        yield f"TESK_CLIENT_REQUEST_{name}", getattr(_library, name)
+    for name in EVENTS:
+        yield f"TESK_CLIENT_{name}", getattr(_library, name)
+    for enumeration, number in _enums._TEXTS.items():
+        name = next(c for python, c, _ in ENUMERATIONS if python is enumeration)
+        yield f"TESK_CLIENT_TEXT_{name.upper()}", number
+
+
+def test_every_size_offset_and_value_is_that_of_the_c_header(tmp_path):
+    wanted = dict(expressions())
+    source = tmp_path / "layout.c"
+    source.write_text('#include <stdio.h>\n#include "tesk_client/tesk_client.h"\nint main(void) {\n'
+                      + "".join(f'printf("%zu\\n", (size_t)({each}));\n' for each in wanted)
+                      + "}\n")
+    subprocess.run(["cc", "-I", ROOT / "src", source, "-o", tmp_path / "layout"], check=True)
+    printed = subprocess.run([tmp_path / "layout"], capture_output=True, check=True).stdout
+    assert dict(zip(wanted, map(int, printed.split()))) == wanted
+
+
+def test_no_enumerator_and_no_field_of_the_c_header_is_missing():
+    header = re.sub(r"/\*.*?\*/", "", HEADER.read_text(), flags=re.S)
+    for enumeration, name, prefix in ENUMERATIONS:
+        body = re.search(rf"enum tesk_client_{name} {{(.*?)}}", header, re.S)[1]
+        names = set(re.findall(rf"TESK_CLIENT_{prefix}(\w+)", body)) - {"MEASUREMENTS"}
+        assert names == {member.name for member in enumeration}, name
+    for structure in STRUCTURES:
+        body = re.search(rf"struct {structure.__doc__} {{(.*?)\n}}", header, re.S)[1]
+        names = [a or b for a, b in re.findall(r"\(\*(\w+)\)|(\w+)(?:\[\w+\])?;", body)]
+        assert names == [field for field, *_ in structure._fields_], structure
+
+
+def test_the_version_is_that_of_the_tree():
+    assert re.search(r"VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text().split(
+        "project(", 1)[1])[1] == tesk_client.__version__

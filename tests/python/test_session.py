@@ -1,0 +1,262 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The session for scripts, against the real server."""
+import ctypes
+import gc
+import os
+import signal
+import subprocess
+import threading
+import weakref
+
+import pytest
+
+import tesk_client as tesk
+from tesk_client import _core
+from tesk_client._library import printable
+
+PATIENCE = 20
+
+
+def until(watch, condition):
+    """The first change that meets the condition, and all before it."""
+    seen = []
+    while (change := watch.next(PATIENCE)) is not None:
+        seen.append(change)
+        if condition(change):
+            return seen
+    raise AssertionError(f"not among {seen}")
+
+
+def is_link(link):
+    return lambda change: isinstance(change, tesk.PortStatus) and change.link == link
+
+
+@pytest.mark.parametrize("settings, values", [
+    (["rxpower=0uW", "temperature=-5.5C"],
+     dict(rx_power_uw=0, rx_power_dbm=None, temperature_c=-5.4)),
+    (["rxpower=1uW", "txpower=1mW"],
+     dict(rx_power_dbm=-30.0, tx_power_uw=1000, tx_power_dbm=0.0)),
+    (["voltage=3.2501V", "txbias=31.99mA"], dict(voltage_v=3.2501, tx_bias_ma=31.99))])
+def test_values_have_their_units(server, settings, values):
+    server.board("set", "0", *settings)
+    with tesk.Session() as session:
+        pm = session.pm(0)
+    assert {name: getattr(pm, name) for name in values} == pytest.approx(values)
+
+
+def test_what_is_not_measured_is_none_and_the_module_s_bytes_are_harmless(server):
+    server.board("remove", "0")
+    with tesk.Session() as session:
+        pm = session.pm(1)
+        assert (pm.loss_of_frame, pm.loss_of_signal, pm.bit_errors) == (None, None, None)
+        assert session.watch(sfp=[0]).next(PATIENCE).type == tesk.SfpType.NOT_PRESENT
+    assert printable(b"a\\b\x1b[31m\xff") == "a\\\\b\\x1b[31m\\xff"
+    assert tesk.Level(77).name == "UNKNOWN_77" and tesk.Level(77).text == "unknown"
+    assert tesk.Level.HIGH_ALARM.text == "high alarm"
+
+
+def test_a_refusal_has_the_server_s_text_and_leaves_nothing_subscribed(server):
+    with tesk.Session() as session:
+        with pytest.raises(tesk.RejectedError, match="no device") as refused:
+            session.pm(4000)
+        assert refused.value.error_code != 0 and refused.value.result == tesk.Result.REJECTED
+        with pytest.raises(tesk.RejectedError, match="invalid port"):
+            session.watch(status=[0, 1, 4000], sfp=[2])
+        server.await_unsubscribed("0-2")
+        assert session.watch(status=[0]).next(PATIENCE).port == 0
+
+
+@pytest.mark.parametrize("call", [
+    lambda session: session.pm(-1), lambda session: session.pm(2**32),
+    lambda session: session.watch(status=["0"]), lambda session: session.watch(),
+    lambda session: session.pm(True), lambda session: tesk.Session(deadline_s=0),
+    lambda session: session.history(7)])
+def test_bad_arguments_are_refused_before_anything_is_sent(server, call):
+    with tesk.Session() as session:
+        with pytest.raises((ValueError, TypeError)):
+            call(session)
+        assert session.pm(0).port == 0
+
+
+def test_watches_share_a_subscription_and_the_last_one_ends_it(server):
+    with tesk.Session() as session:
+        first = session.watch(status=[0], sfp=[0])
+        assert {type(first.next(PATIENCE)) for _ in range(2)} == {tesk.SfpInfo, tesk.PortStatus}
+        with session.watch(status=[0]) as second:
+            assert second.next(PATIENCE).link == tesk.Link.OPERATIONAL  # though not the first
+        server.board("link", "0", "down")
+        until(first, is_link(tesk.Link.NOT_OPERATIONAL))
+        del first
+        # The answer to the unsubscribe is still on its way.
+        again = session.watch(status=[0])
+        assert again.next(PATIENCE).link == tesk.Link.NOT_OPERATIONAL
+        server.board("link", "0", "up")
+        until(again, is_link(tesk.Link.OPERATIONAL))
+        again.close()
+        assert list(again) == []
+        server.await_unsubscribed("0")
+        actions = [record.action for record in session.history(tesk.HistoryKind.ACTIONS)]
+        assert actions.count(tesk.Action.STATUS_SUBSCRIBE) == 2
+        assert [r.time for r in session.history()] == sorted(r.time for r in session.history())
+
+
+def test_the_deadline_holds_whatever_the_server_does(server):
+    with tesk.Session(deadline_s=0.2) as session:
+        assert session.pm(0).port == 0
+        server.signal(signal.SIGSTOP)
+        for call in (lambda: session.pm(0), session.history, lambda: session.watch(status=[1])):
+            with pytest.raises(tesk.DeadlineError) as late:
+                call()
+            assert isinstance(late.value, TimeoutError)
+        server.signal(signal.SIGCONT)
+        server.await_unsubscribed("1")
+        while True:
+            try:
+                assert session.watch(status=[1]).next(PATIENCE).port == 1
+                break
+            except tesk.DeadlineError:
+                pass  # the answers to what was late stand before ours
+
+
+def test_a_session_reconnects_and_renews_what_can_be_renewed(server, tmp_path):
+    small = tmp_path / "board"
+    small.write_text("ports 2\ninsert 0-1 lc link=down\n")
+    with tesk.Session(retry_s=0.01) as session, session.watch(status=[0, 3]) as watch:
+        until(watch, lambda change: change.port == 3)
+        server.kill()
+        until(watch, lambda change: change == tesk.ServerLost())
+        assert not session.connected
+        server.start(DOLM_RIC_BOARD=str(small))
+        seen = until(watch, is_link(tesk.Link.NOT_OPERATIONAL))
+        if not any(isinstance(change, tesk.SubscriptionLost) for change in seen):
+            seen += until(watch, lambda change: isinstance(change, tesk.SubscriptionLost))
+        lost = next(change for change in seen if isinstance(change, tesk.SubscriptionLost))
+        assert seen[0] == tesk.ServerRestored() and session.connected
+        assert (lost.kind, lost.port) == (tesk.Kind.PORT_STATUS, 3)
+        assert isinstance(lost.error, tesk.RejectedError)
+        server.board("link", "0", "up")
+        until(watch, is_link(tesk.Link.OPERATIONAL))
+
+
+def test_without_reconnection_a_lost_server_ends_all(server):
+    with tesk.Session(reconnect=False) as session, session.watch(status=[0]) as watch:
+        server.kill()
+        with pytest.raises(tesk.LostError):
+            until(watch, lambda change: False)
+        for call in (lambda: session.pm(0), lambda: session.watch(status=[0])):
+            with pytest.raises(tesk.LostError):
+                call()
+    os.environ["MBX_LOCATE_MS"] = "1"
+    with pytest.raises(tesk.NoServerError, match="nobody answers"):
+        tesk.Session()
+
+
+def test_threads_and_children_are_kept_out(server):
+    with tesk.Session() as session:
+        refused = []
+
+        def use():
+            for call in (lambda: session.pm(0), session.close, lambda: session.connected):
+                with pytest.raises(tesk.MisuseError, match="another thread"):
+                    call()
+                refused.append(call)
+            with tesk.Session() as own:
+                assert own.pm(1).port == 1
+
+        thread = threading.Thread(target=use)
+        thread.start()
+        thread.join(PATIENCE)
+        assert len(refused) == 3
+        child = os.fork()
+        if child == 0:
+            try:
+                session.pm(0)
+            except tesk.MisuseError:
+                session.close()
+                try:
+                    tesk.Session()
+                except tesk.MisuseError:
+                    os._exit(0)
+            os._exit(1)
+        assert os.waitpid(child, 0)[1] == 0
+        assert session.watch(status=[0]).next(PATIENCE).port == 0
+
+
+def test_closing_in_any_order_is_safe_and_nothing_leaks(server):
+    def descriptors():
+        return len(os.listdir("/proc/self/fd"))
+
+    with tesk.Session() as session:
+        session.pm(0)
+    gc.disable()
+    before, cores = descriptors(), []
+    for _ in range(50):
+        session = tesk.Session()
+        watch = session.watch(status=[0], sfp=[1])
+        cores.append(weakref.ref(session._core))
+        session.close()
+        watch.close()
+        session.close()
+        with pytest.raises(tesk.ClosedError):
+            session.pm(0)
+        del session, watch
+    with pytest.warns(ResourceWarning, match="not closed"):
+        forgotten = tesk.Session().watch(status=[0])
+        cores.append(weakref.ref(forgotten._core))
+        forgotten.next(PATIENCE)
+        del forgotten
+    assert descriptors() == before and not any(core() for core in cores)
+    gc.enable()
+
+
+def test_no_exception_of_a_signal_handler_vanishes(server, tmp_path, monkeypatch):
+    """The signal comes in the C library, right before it calls back, so that Python raises in the
+    callback's first instruction, which no try can hold."""
+    class Interrupt(BaseException):
+        pass
+
+    def interrupt(*_):
+        raise Interrupt
+
+    (tmp_path / "raise.c").write_text(
+        "#include <signal.h>\nint tesk_client_dispatch(void *);\n"
+        "int raising(void *s) { raise(SIGUSR1); return tesk_client_dispatch(s); }\n")
+    subprocess.run(["cc", "-shared", "-fPIC", tmp_path / "raise.c", "-o", tmp_path / "raise.so",
+                    f"-L{os.environ['TESK_BUILD_DIR']}/lib", "-ltesk_client"], check=True)
+    raising = ctypes.CDLL(tmp_path / "raise.so").raising
+    raising.argtypes = [ctypes.c_void_p]
+    previous = signal.signal(signal.SIGUSR1, interrupt)
+    with tesk.Session() as session:
+        watch = session.watch(status=[0])
+        watch.next(PATIENCE)
+        with monkeypatch.context() as patch:
+            patch.setattr(_core._library, "tesk_client_dispatch", raising)
+            for call in [lambda: session.pm(0), lambda: session.watch(status=[1])] * 20:
+                with pytest.raises(Interrupt):
+                    call()
+        assert isinstance(watch.next(PATIENCE), tesk.Missed)
+        assert session.pm(0).port == 0
+        assert session.watch(status=[1]).next(PATIENCE).port == 1
+    signal.signal(signal.SIGUSR1, previous)
+
+
+def test_a_watch_that_nobody_reads_is_bounded_and_keeps_each_port_s_last_state():
+    feed = _core.Feed([], lambda: None)
+    changes = [tesk.SfpInfo(5 if number == 7 else 0, *[number] * 9)
+               for number in range(10 * _core.BACKLOG)]
+    for change in changes:
+        feed.put(change)
+    taken = list(iter(feed.take, None))
+    assert len(taken) <= _core.BACKLOG + 1 and taken[-1] == changes[-1] and taken[1] == changes[7]
+    assert taken[0] == tesk.Missed(len(changes) - len(taken) + 1)
+
+
+def test_the_port_map_names_the_ports(tmp_path):
+    path = tmp_path / "ports"
+    path.write_bytes(b"# tesk-ports 1\n0\teth0\n7\tsfp\xff\n")
+    assert tesk.ports(path) == {0: "eth0", 7: "sfp\\xff"}
+    path.write_text("# tesk-ports 1\nnonsense\n")
+    with pytest.raises(tesk.BadPortMapError, match="2"):
+        tesk.ports(str(path))
+    with pytest.raises(tesk.NoPortMapError):
+        tesk.ports(tmp_path / "none")
