@@ -69,14 +69,14 @@ def draw(table: pathlib.Path, plot: pathlib.Path) -> None:
     with table.open(newline="", encoding="ascii") as file:
         (_, *names), *lines = csv.reader(file)
     times = [datetime.datetime.fromisoformat(line[0]) for line in lines]
-    figure, axes = pyplot.subplots(figsize=(10, 4), layout="constrained")
+    figure, axes = pyplot.subplots(figsize=(10, 4))
     for column, name in enumerate(names, 1):
         axes.plot(times, [float(line[column] or "nan") for line in lines], label=name)
     axes.set_ylabel("receive power, dBm")
     axes.legend()
     axes.grid(alpha=0.3)
     figure.autofmt_xdate()
-    figure.savefig(plot)
+    figure.savefig(plot, bbox_inches="tight")
     print(f"{len(lines)} readings in {table}, drawn in {plot}")
 
 

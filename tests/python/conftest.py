@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """A real server on the simulated board, for each test. TESK_BUILD_DIR is the build's folder; the
 mailbox library takes MBX_DIR once for a process, so all tests share a private one."""
+import ctypes
 import os
 import pathlib
 import signal
@@ -17,15 +18,15 @@ os.environ.update(MBX_DIR=f"{folder.name}/mbx", DOLM_RIC_SOCKET=f"{folder.name}/
                   MBX_LOCATE_MS=str(PATIENCE * 1000))
 
 
-class Server:
-    """tesk-server, and the board that it stands on."""
+libc = ctypes.CDLL(None)
 
-    def __init__(self):
-        self.process = None
-        self.start()
+
+class Server:
+    """tesk-server, which doesn't outlive the test, and the board that it stands on."""
 
     def start(self, **environment):
-        self.process = subprocess.Popen([BIN / "tesk-server"], env={**os.environ, **environment})
+        self.process = subprocess.Popen([BIN / "tesk-server"], env={**os.environ, **environment},
+                                        preexec_fn=lambda: libc.prctl(1, signal.SIGKILL))
         end = time.monotonic() + PATIENCE
         while any(subprocess.run([BIN / name, *words], timeout=PATIENCE, capture_output=True)
                   .returncode for name, *words in (("teskctl", "capabilities"),
@@ -42,11 +43,11 @@ class Server:
     @staticmethod
     def board(*words):
         subprocess.run([BIN / "teskboard", "--timeout", str(PATIENCE), *words], check=True,
-                       stdout=subprocess.DEVNULL)
+                       capture_output=True)
 
     def await_unsubscribed(self, ports):
-        for what in ("port", "link"):
-            self.board("wait", ports, "--unsubscribed", what)
+        self.board("wait", ports, "--unsubscribed", "port")
+        self.board("wait", ports, "--unsubscribed", "link")
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -59,19 +60,7 @@ def clean_up():
 @pytest.fixture
 def server():
     running = Server()
+    running.start()
     yield running
     running.signal(signal.SIGCONT)
     running.kill()
-
-
-@pytest.fixture(autouse=True)
-def patience():
-    """Whatever hangs fails, with the place where it hangs."""
-    def give_up(*_):
-        raise TimeoutError("the test hangs")
-
-    previous = signal.signal(signal.SIGALRM, give_up)
-    signal.alarm(2 * PATIENCE)
-    yield time.monotonic() + PATIENCE
-    signal.alarm(0)
-    signal.signal(signal.SIGALRM, previous)

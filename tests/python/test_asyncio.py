@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """The session for asyncio, against the real server."""
 import asyncio
-import gc
 import os
 import signal
 
@@ -68,69 +67,51 @@ def test_cancelling_loses_nothing_and_leaves_nothing(server):
 def test_closing_ends_what_waits(server):
     async def work(session):
         server.signal(signal.SIGSTOP)
-        tasks = [asyncio.ensure_future(call) for call in
-                 (session.pm(0), anext(session.watch(status=[0])))]
         left = session.watch(status=[2])
-        tasks.append(asyncio.ensure_future(anext(left, None)))
+        tasks = asyncio.gather(session.pm(0), anext(session.watch(status=[0])), anext(left, None),
+                               return_exceptions=True)
         await asyncio.sleep(0)
         left.close()
         session.close()
-        results = await asyncio.gather(*tasks, return_exceptions=True)
-        assert [type(result) for result in results] == [tesk.ClosedError] * 2 + [type(None)]
-        with pytest.raises(tesk.ClosedError):
-            await session.pm(0)
+        assert [type(result) for result in await tasks] == [tesk.ClosedError] * 2 + [type(None)]
 
     run(work, deadline_s=PATIENCE)
 
 
-def test_the_server_s_loss_and_return_are_changes(server):
+@pytest.mark.parametrize("reconnect", [True, False])
+def test_the_server_s_loss_and_return_are_changes(server, reconnect):
     async def work(session):
         async with session.watch(status=[0]) as watch:
             await next_of(watch)
-            server.kill()
-            assert await next_of(watch) == tesk.ServerLost()
+            waits = asyncio.ensure_future(next_of(watch))
+            await asyncio.to_thread(server.kill)
+            assert await waits == tesk.ServerLost()
+            if not reconnect:
+                for call in (next_of(watch), session.pm(0)):
+                    with pytest.raises(tesk.LostError):
+                        await call
+                return
             waits = asyncio.ensure_future(session.pm(0))
             await asyncio.to_thread(server.start)
             assert (await next_of(watch), (await next_of(watch)).port) == (tesk.ServerRestored(), 0)
             assert (await waits).port == 0
 
-    run(work, deadline_s=PATIENCE, retry_s=0.01)
-
-
-def test_a_lost_server_ends_a_session_that_does_not_look_for_it(server):
-    async def work(session):
-        watch = session.watch(status=[0])
-        await next_of(watch)
-        waits = asyncio.ensure_future(next_of(watch))
-        server.kill()
-        assert await waits == tesk.ServerLost()
-        for call in (next_of(watch), session.pm(0)):
-            with pytest.raises(tesk.LostError):
-                await call
-
-    run(work, reconnect=False)
+    run(work, deadline_s=PATIENCE, retry_s=0.01, reconnect=reconnect)
 
 
 def test_a_forgotten_session_leaves_the_loop_usable(server):
     async def main():
-        gc.disable()
         before = len(os.listdir("/proc/self/fd"))
         for _ in range(3):
             with pytest.warns(ResourceWarning, match="not closed"):
-                session = tesk.AsyncSession()
-                await session.pm(0)
+                await (session := tesk.AsyncSession()).pm(0)
                 del session
         assert len(os.listdir("/proc/self/fd")) == before
         late = tesk.AsyncSession()
         await next_of(late.watch(sfp=[0]))
-        gc.enable()
         return late
 
     late = asyncio.run(main())
-
-    async def elsewhere():
-        with pytest.raises(tesk.MisuseError, match="another event loop"):
-            await late.pm(0)
-
-    asyncio.run(elsewhere())
+    with pytest.raises(tesk.MisuseError, match="another event loop"):
+        asyncio.run(late.pm(0))
     late.close()  # after its loop
