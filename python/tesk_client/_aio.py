@@ -5,7 +5,6 @@ needed."""
 from __future__ import annotations
 
 import asyncio
-import weakref
 from collections.abc import Iterable
 from types import TracebackType
 from typing import Any
@@ -16,13 +15,6 @@ from ._enums import HistoryKind
 from ._errors import MisuseError
 from ._records import Capability, Change, HistoryRecord, Pm
 from ._session import history_requests, merged, watch_keys
-
-
-def _dispatch(reference: weakref.ref[Core]) -> None:
-    """What is raised here goes to the loop's exception handler."""
-    core = reference()
-    if core is not None and not core.is_closed:
-        core.dispatch()
 
 
 class AsyncSession:
@@ -39,8 +31,8 @@ class AsyncSession:
                  retry_s: float = 0.1, longest_retry_s: float = 2.0) -> None:
         self._loop = asyncio.get_running_loop()
         self._core = Core(deadline_s, window, reconnect, retry_s, longest_retry_s)
-        # Weak, so that a session that is forgotten doesn't live as long as the loop.
-        self._loop.add_reader(self._core.fd, _dispatch, weakref.ref(self._core))
+        # The core doesn't hold the session, which so can be forgotten while the loop holds the core.
+        self._loop.add_reader(self._core.fd, self._core.dispatch)
 
     async def __aenter__(self) -> AsyncSession:
         return self
@@ -84,14 +76,11 @@ class AsyncSession:
 
         def done(outcome: Outcome) -> None:
             # An exception is a result here, so that a cancelled task leaves none behind.
-            if not answer.done():
+            if not answer.done():  # cancelled
                 answer.set_result(outcome)
 
-        number = self._core.request(request, port, done)
-        try:
-            outcome = await answer
-        finally:
-            self._core.forget(number)
+        self._core.request(request, port, done)
+        outcome = await answer
         if isinstance(outcome, BaseException):
             raise outcome
         return outcome

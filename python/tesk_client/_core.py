@@ -240,9 +240,9 @@ class Core:
         """False while the server is away."""
         return bool(_library.tesk_client_connected(self.check_caller()))
 
-    def request(self, request: int, port: int, taker: Taker) -> int:
-        """Sends a request. `taker` gets what it came to exactly once, later, unless the number that
-        is returned is forgotten before."""
+    def request(self, request: int, port: int, taker: Taker) -> None:
+        """Sends a request. `taker` gets what it came to exactly once, later: by its deadline, or
+        when the session is closed."""
         session = self.check_caller()
         self._last_request = number = self._last_request + 1
         self._requests[number] = taker
@@ -250,11 +250,6 @@ class Core:
         if result != Result.OK:
             del self._requests[number]
             raise error_of(result, c.last_error())
-        return number
-
-    def forget(self, number: int) -> None:
-        """The caller of a request waits for it no longer."""
-        self._requests.pop(number, None)
 
     def wait(self, timeout_s: float | None) -> None:
         """Waits for work and does it. A signal handler of Python runs during the wait, and what it

@@ -2,6 +2,7 @@
 """The session for scripts: calls that wait."""
 from __future__ import annotations
 
+import functools
 import time
 from collections.abc import Iterable
 from types import TracebackType
@@ -77,17 +78,10 @@ class Session:
     def _ask(self, *requests: tuple[int, int]) -> list[Any]:
         """Sends requests, all at once, and waits for all answers."""
         outcomes: dict[int, Outcome] = {}
-        numbers: list[int] = []
-        try:
-            for place, (request, port) in enumerate(requests):
-                def done(outcome: Outcome, place: int = place) -> None:
-                    outcomes[place] = outcome
-                numbers.append(self._core.request(request, port, done))
-            while len(outcomes) < len(requests):
-                self._core.wait(None)
-        finally:
-            for number in numbers:
-                self._core.forget(number)
+        for place, (request, port) in enumerate(requests):
+            self._core.request(request, port, functools.partial(outcomes.__setitem__, place))
+        while len(outcomes) < len(requests):
+            self._core.wait(None)
         for outcome in outcomes.values():
             if isinstance(outcome, BaseException):
                 raise outcome

@@ -106,6 +106,7 @@ def test_a_session_reconnects_and_renews_what_can_be_renewed(server, tmp_path):
     small.write_text("ports 2\ninsert 0-1 lc link=down\n")
     with tesk.Session(retry_s=0.01) as session, session.watch(status=[0, 3]) as watch:
         until(watch, tesk.PortStatus, port=3)
+        other = session.watch(status=[3])
         server.kill()
         until(watch, tesk.ServerLost)
         assert not session.connected
@@ -115,7 +116,7 @@ def test_a_session_reconnects_and_renews_what_can_be_renewed(server, tmp_path):
         assert changes[tesk.PortStatus].link == tesk.Link.NOT_OPERATIONAL
         lost = changes[tesk.SubscriptionLost]
         assert (lost.kind, lost.port) == (tesk.Kind.PORT_STATUS, 3)
-        assert isinstance(lost.error, tesk.RejectedError)
+        assert isinstance(lost.error, tesk.RejectedError) and list(other)[-1] == lost
         server.board("link", "0", "up")
         until(watch, tesk.PortStatus, link=tesk.Link.OPERATIONAL)
 
