@@ -299,17 +299,20 @@ class Core:
         """Calls a C function that runs callbacks.
 
         Python runs signal handlers at the start of a function, and so may raise KeyboardInterrupt
-        in a callback before its first line. ctypes hands that to sys.unraisablehook, from which it
-        is fetched. Only the main thread runs signal handlers, so nobody else changes the hook."""
+        in a callback before its first line, or in a __del__ that the garbage collector calls then.
+        Python hands that to sys.unraisablehook, from which it is fetched. Only the main thread runs
+        signal handlers, so nobody else changes the hook."""
         # The outer one is a session whose callback made the collector find this one.
         outer = getattr(_thread, "core", None)
         _thread.core = self
         previous = sys.unraisablehook
 
         def fetch(event: Any) -> None:
-            ours = event.object is None or any(event.object is each for each in _CALLBACKS)
-            if ours and event.exc_value is not None:
-                self._failure = event.exc_value
+            error = event.exc_value
+            is_ours = any(event.object is each for each in (None, *_CALLBACKS))
+            if self.belongs_to_caller and error is not None and (
+                    is_ours or not isinstance(error, Exception)):
+                self.note_failure(error)
             else:
                 previous(event)
 

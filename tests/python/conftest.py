@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """A real server on the simulated board, for each test. TESK_BUILD_DIR is the build's folder; the
 mailbox library takes MBX_DIR once for a process, so all tests share a private one."""
+import atexit
 import ctypes
 import os
 import pathlib
@@ -16,7 +17,7 @@ PATIENCE = 20  # seconds
 folder = tempfile.TemporaryDirectory(prefix="tesk-python-")
 os.environ.update(MBX_DIR=f"{folder.name}/mbx", DOLM_RIC_SOCKET=f"{folder.name}/board.sock",
                   MBX_LOCATE_MS=str(PATIENCE * 1000))
-
+atexit.register(folder.cleanup)
 
 libc = ctypes.CDLL(None)
 
@@ -48,13 +49,6 @@ class Server:
     def await_unsubscribed(self, ports):
         self.board("wait", ports, "--unsubscribed", "port")
         self.board("wait", ports, "--unsubscribed", "link")
-
-
-@pytest.fixture(scope="session", autouse=True)
-def clean_up():
-    """The folder goes last."""
-    yield
-    folder.cleanup()
 
 
 @pytest.fixture

@@ -17,7 +17,7 @@ async def next_of(watch):
 
 def run(work, **options):
     async def main():
-        async with tesk.AsyncSession(**options) as session:
+        async with tesk.AsyncSession(**{"deadline_s": PATIENCE, **options}) as session:
             await work(session)
 
     asyncio.run(main(), debug=True)
@@ -62,7 +62,7 @@ def test_cancelling_loses_nothing_and_leaves_nothing(server):
         await asyncio.to_thread(server.board, "wait", "1", "--unsubscribed", "port")
         assert (await next_of(session.watch(sfp=[1]))).port == 1
 
-    run(work, deadline_s=PATIENCE)
+    run(work)
 
 
 def test_closing_ends_what_waits(server):
@@ -77,7 +77,7 @@ def test_closing_ends_what_waits(server):
         session.close()
         assert [type(result) for result in await tasks] == [tesk.ClosedError] * 2 + [type(None)]
 
-    run(work, deadline_s=PATIENCE)
+    run(work)
 
 
 @pytest.mark.parametrize("reconnect", [True, False])
@@ -98,7 +98,7 @@ def test_the_server_s_loss_and_return_are_changes(server, reconnect):
             assert (await next_of(watch), (await next_of(watch)).port) == (tesk.ServerRestored(), 0)
             assert (await waits).port == 0
 
-    run(work, deadline_s=PATIENCE, retry_s=0.01, reconnect=reconnect)
+    run(work, retry_s=0.01, reconnect=reconnect)
 
 
 def test_a_forgotten_session_leaves_the_loop_usable(server):
