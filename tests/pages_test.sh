@@ -8,7 +8,8 @@
 # for any number, blanks for any blanks, a line "..." for any lines; "console exactly" takes numbers
 # as they are. What a command with & writes is shown under the command at which it comes, in any
 # order. Of a man page the EXAMPLES are run and their status is looked at. A block "c FILE" or
-# "python FILE" is that file. The commands of a block "sh" can't be run here: each must be one of the excused.
+# "python FILE" is that file. The commands of a block "sh" can't be run here: each must be one of the
+# excused.
 set -u
 
 declare -A excused=(

@@ -23,7 +23,8 @@ class AsyncSession:
 
     Making one waits for the server in the loop's thread, since the connection belongs to it:
     well under a millisecond where the server runs, never longer than the deadline behind the time
-    that the mailbox library looks for it (MBX_LOCATE_MS). Everything else waits for nothing.
+    that the mailbox library looks for it (MBX_LOCATE_MS). So does a session that reconnects to a
+    server that is there and doesn't move. Everything else waits for nothing.
 
     Cancelling a task that waits for an answer is safe: the answer is dropped when it comes."""
 

@@ -211,9 +211,11 @@ class Core:
         # The kernel ends the connection of a process that ends.
         if self._session is None or is_finalizing():
             return
-        warnings.warn("a tesk_client session was not closed", ResourceWarning, source=self)
-        if self.belongs_to_caller:
-            self.close()
+        try:  # a program may make errors of warnings
+            warnings.warn("a tesk_client session was not closed", ResourceWarning, source=self)
+        finally:
+            if self.belongs_to_caller:
+                self.close()
 
     @property
     def belongs_to_caller(self) -> bool:

@@ -11,16 +11,15 @@ from tesk_client import _enums, _library
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 HEADER = ROOT / "src/tesk_client/tesk_client.h"
 
-# An enumeration of the package, the one of C, and the beginning of the names there.
-ENUMERATIONS = [(_enums.SfpType, "sfp_type", "SFP_"), (_enums.Link, "link", "LINK_"),
-                (_enums.Level, "level", "LEVEL_"), (_enums.Measurement, "measurement", ""),
-                (_enums.Environment, "environment", "ENVIRONMENT_"),
-                (_enums.PortState, "port_state", "PORT_"),
-                (_enums.Presence, "presence", "PRESENCE_"), (_enums.Action, "action", "ACTION_"),
-                (_enums.Kind, "kind", ""),
-                (_enums.HistoryKind, "history_kind", "HISTORY_"), (_enums.Result, "result", "")]
-STRUCTURES = [_library.CSfpInfo, _library.CPortStatus, _library.CPm, _library.CCapability,
-              _library.CHistoryRecord, _library.CEvent, _library.CAnswer, _library.COptions]
+# An enumeration of the package, the name of the one of C, and the beginning of the names there.
+PREFIXES = {"sfp_type": "SFP_", "port_state": "PORT_", "history_kind": "HISTORY_",
+            "measurement": "", "kind": "", "result": ""}
+NAMES = {re.sub(r"\B([A-Z])", r"_\1", name).lower(): value for name, value in vars(_enums).items()
+         if isinstance(value, type) and issubclass(value, _enums.enum.IntEnum) and len(value)}
+ENUMERATIONS = [(value, name, PREFIXES.get(name, f"{name.upper()}_"))
+                for name, value in NAMES.items()]
+STRUCTURES = [value for value in vars(_library).values()
+              if isinstance(value, type) and issubclass(value, _library.ctypes.Structure)]
 
 
 def expressions():
@@ -55,6 +54,7 @@ def test_every_size_offset_and_value_is_that_of_the_c_header(tmp_path):
 
 def test_nothing_of_the_c_header_is_missing_and_the_version_is_its():
     header = re.sub(r"/\*.*?\*/", "", HEADER.read_text(), flags=re.S)
+    assert len(ENUMERATIONS) == 11 and len(STRUCTURES) == 8
     for enumeration, name, prefix in ENUMERATIONS:
         body = re.search(rf"enum tesk_client_{name} {{(.*?)}}", header, re.S)[1]
         names = set(re.findall(rf"TESK_CLIENT_{prefix}(\w+)", body)) - {"MEASUREMENTS"}
