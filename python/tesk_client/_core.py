@@ -329,7 +329,8 @@ class Core:
 
     def note_failure(self, error: BaseException) -> None:
         """Keeps what a callback raised until its C function returns."""
-        self._failure = self._failure or error
+        if self._failure is None:
+            self._failure = error
 
     def _raise_failure(self) -> None:
         """Which answer or change got lost isn't known: all open requests fail, and all watches
