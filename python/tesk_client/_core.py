@@ -196,7 +196,6 @@ class Core:
         self._feeds: list[Feed] = []
         self._failure: BaseException | None = None
         self._close_wanted = False
-        self.is_ended = False  # the server has gone and isn't looked for
 
         session = ctypes.c_void_p()
         result = _library.tesk_client_connect(options, session)
@@ -257,8 +256,6 @@ class Core:
         """Waits for work and does it. A signal handler of Python runs during the wait, and what it
         raises ends it."""
         self.check_caller()
-        if self.is_ended:
-            raise LostError("the server went away")
         if self._poll.poll(None if timeout_s is None else max(0, timeout_s * 1000)):
             self.dispatch()
 
@@ -267,8 +264,7 @@ class Core:
         result = self._call_inside(_library.tesk_client_dispatch, self.check_caller())
         if result == Result.MISUSE:
             raise MisuseError(c.last_error())
-        if result == Result.LOST:
-            self.is_ended = True
+        if result == Result.LOST:  # for good: what is asked from now on is refused
             for feed in self._feeds[:]:
                 self._fail_feed(feed, LostError("the server went away"))
         if self._failure is not None:
@@ -357,8 +353,6 @@ class Core:
     def open_feed(self, keys: list[Key], wake: Callable[[], None]) -> Feed:
         """Subscribes to all of the keys. The feed is ready once all are confirmed."""
         self.check_caller()
-        if self.is_ended:
-            raise LostError("the server went away")
         feed = Feed(keys, wake)
         try:
             self._subscribe(feed, keys)

@@ -92,6 +92,8 @@ def test_the_server_s_loss_and_return_are_changes(server, reconnect):
                 for call in (next_of(watch), session.pm(0)):
                     with pytest.raises(tesk.LostError):
                         await call
+                with pytest.raises(tesk.NoServerError, match="nobody answers"):
+                    tesk.Session()
                 return
             waits = asyncio.ensure_future(session.pm(0))
             await asyncio.to_thread(server.start)

@@ -114,16 +114,6 @@ def test_a_session_reconnects_and_renews_what_can_be_renewed(server, tmp_path):
         until(watch, tesk.PortStatus, link=tesk.Link.OPERATIONAL)
 
 
-def test_without_reconnection_a_lost_server_ends_all(server):
-    with connect(reconnect=False) as session, session.watch(status=[0]) as watch:
-        server.kill()
-        for call in (lambda: list(watch), lambda: session.pm(0), lambda: session.watch(sfp=[0])):
-            with pytest.raises(tesk.LostError):
-                call()
-    with pytest.raises(tesk.NoServerError, match="nobody answers"):
-        tesk.Session()
-
-
 def test_threads_and_children_are_kept_out(server):
     with connect() as session:
         def use():
