@@ -19,7 +19,7 @@ from ._records import (ActionRecord, Capability, Change, HistoryRecord, Levels, 
                        SfpInfoRecord, SubscriptionLost)
 from ._session import Session, Watch
 
-__version__ = "1.0.0"
+__version__ = "1.1.0"
 
 __all__ = [
     "Action", "ActionRecord", "AsyncSession", "AsyncWatch", "BadPortMapError", "Capability",
