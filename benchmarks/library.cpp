@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* library - a client by libtesk_client, as most programs are, one call after the other. */
-#include "harness.h"
-
+#include "benchmarks/harness.h"
 #include "tesk_client/tesk_client.h"
 
 namespace
@@ -53,12 +52,12 @@ class library_client : public client
     tesk_client_session *session_ = nullptr;
 };
 
-std::unique_ptr<client> connect(const std::string &)
+} // namespace
+
+static std::unique_ptr<client> connect(const std::string &)
 {
     return std::make_unique<library_client>();
 }
-
-} // namespace
 
 int main(int count, char **words)
 {
