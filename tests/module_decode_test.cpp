@@ -1,0 +1,641 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The decoder of module memory: numbers worked out by hand, memories that lie, and the memories of
+   real modules beside what ethtool says of them. */
+#include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/module_speed.h"
+#include "testkit/modules/module_images.h"
+#include "testkit/modules/module_text.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <regex>
+#include <string>
+
+using namespace linux_board;
+using namespace module_images;
+
+static module_contents contents_of(const image &from)
+{
+    return decode_module(from.read());
+}
+
+static module_records records_of(const image &from, const port_view &port = {})
+{
+    return make_records(contents_of(from), port);
+}
+
+/* The five values, then the four limits of each, as they stand in the record. */
+static std::vector<int64_t> values_of(const dolm_ric_module_diag &d)
+{
+    return {d.temperature, d.voltage, d.txbias, d.txpower, d.rxpower};
+}
+
+static std::vector<int64_t> limits_of(const dolm_ric_module_diag &d)
+{
+    return {d.temperature_high_alarm, d.temperature_low_alarm, d.temperature_high_warn,
+            d.temperature_low_warn,   d.voltage_high_alarm,    d.voltage_low_alarm,
+            d.voltage_high_warn,      d.voltage_low_warn,      d.txbias_high_alarm,
+            d.txbias_low_alarm,       d.txbias_high_warn,      d.txbias_low_warn,
+            d.txpower_high_alarm,     d.txpower_low_alarm,     d.txpower_high_warn,
+            d.txpower_low_warn,       d.rxpower_high_alarm,    d.rxpower_low_alarm,
+            d.rxpower_high_warn,      d.rxpower_low_warn};
+}
+
+static constexpr uint32_t all_five = 0x1f;
+
+TEST(sfp_values, internal_calibration)
+{
+    const module_records records = records_of(sfp());
+    const dolm_sfp_info &info = records.info.sfp;
+
+    ASSERT_EQ(records.diag_result, DOLM_RICERR_OK);
+    EXPECT_EQ(records.diag.diag_cap, all_five);
+    EXPECT_EQ(records.diag.mode_type, DOLM_RIC_MODE_SFP);
+    EXPECT_EQ(values_of(records.diag), (std::vector<int64_t>{25719, 3301200, 7176, 585, 432}));
+    EXPECT_EQ(limits_of(records.diag),
+              (std::vector<int64_t>{78000,   -13000, 73000, -8000, 3700000, 2900000, 3600000,
+                                    3000000, 13000,  2000,  12500, 2500,    1000,    100,
+                                    794,     126,    1000,  10,    794,     16}));
+    EXPECT_EQ(records.info.mode_type, DOLM_RIC_MODE_SFP);
+    EXPECT_STREQ(info.sfp_vendor_name, "EXAMPLE");
+    EXPECT_STREQ(info.sfp_vendor_pn, "EX-10G");
+    EXPECT_STREQ(info.sfp_vendor_rev, "A");
+    EXPECT_STREQ(info.sfp_vendor_sn, "0001");
+    EXPECT_STREQ(info.sfp_date_code, "240115");
+    EXPECT_EQ(std::string(info.sfp_vendor_oui, 3), std::string("\x00\x90\x65", 3));
+    EXPECT_EQ(info.sfp_connector, DOLM_SFP_CONNECTOR_LC);
+    EXPECT_EQ(info.sfp_eth_speed, uint32_t{DOLM_SFP_ETHSPEED_10GB});
+    EXPECT_EQ(info.sfp_eth_compliance, 0x008u);
+    EXPECT_EQ(info.sfp_nom_bitrate, 103);
+}
+
+TEST(sfp_values, external_calibration)
+{
+    const module_records records = records_of(external_sfp());
+
+    EXPECT_EQ(values_of(records.diag), (std::vector<int64_t>{-11125, 3280000, 6950, 495, 51}));
+    EXPECT_EQ(limits_of(records.diag),
+              (std::vector<int64_t>{82375,   -14313, 77063, -9000, 3680000, 2880000, 3580000,
+                                    2980000, 14825,  2450,  14263, 3013,    1995,    195,
+                                    1584,    247,    600,   5,     460,     8}));
+    const measurement rx = contents_of(external_sfp()).rx_power;
+    EXPECT_NEAR(rx.lanes[0].value, 51.2, 1e-5);
+    EXPECT_NEAR(rx.limits->high_alarm, 600.2, 1e-3);
+    EXPECT_NEAR(rx.limits->high_warning, 460.4, 0.06);
+
+    image fourth = external_sfp(); /* C4 1e-12, C3 2e-9 */
+    put16(fourth.a2, 56, 0x2b8c), put16(fourth.a2, 58, 0xbccc);
+    put16(fourth.a2, 60, 0x3109), put16(fourth.a2, 62, 0x705f);
+    put_sum(fourth.a2, 0, 95);
+    EXPECT_NEAR(contents_of(fourth).rx_power.lanes[0].value, 51.5, 1e-5);
+
+    /* Beyond the ends: no light below 0, no receiver beyond 0.1 W, no infinity, no NaN. */
+    const std::pair<int, double> ends[] = {
+        {0xc000, 0}, {0x4b00, 100000}, {0x7f80, -1}, {0x7fc0, -1}};
+    for (const auto &[upper, expected] : ends) {
+        image end = external_sfp();
+        put16(end.a2, 68, upper);
+        put_sum(end.a2, 0, 95);
+        const auto lanes = contents_of(end).rx_power.lanes;
+        EXPECT_EQ(lanes.empty() ? -1 : lanes[0].value, expected) << upper;
+        EXPECT_EQ(records_of(end).diag_result, DOLM_RICERR_OK);
+    }
+}
+
+TEST(sfp_values, rounding_is_to_nearest_and_halves_go_away_from_zero)
+{
+    const struct {
+        std::array<int, 5> raw;
+        std::vector<int64_t> values;
+    } cases[] = {
+        {{-16, 1, 1, 5, 15}, {-63, 100, 2, 1, 2}}, /* -0.0625 C, 0.5 and 1.5 uW */
+        {{16, 65535, 65535, 4, 14}, {63, 6553500, 131070, 0, 1}},
+        {{-32768, 33000, 3000, 65535, 65535}, {-128000, 3300000, 6000, 6554, 6554}},
+        {{-1, 33000, 3000, 24, 25}, {-4, 3300000, 6000, 2, 3}},
+    };
+    for (const auto &its : cases) {
+        image made = sfp();
+        for (size_t n = 0; n < 5; n++)
+            put16(made.a2, 96 + 2 * n, its.raw[n]);
+        EXPECT_EQ(values_of(records_of(made).diag), its.values);
+    }
+}
+
+/* Every record below must keep the caller from an alarm, and must show what can be shown. */
+TEST(limits, that_make_no_sense_are_left_open)
+{
+    const int nonsense[][4] = {/* high alarm, low alarm, high warning, low warning of rx power */
+                               {0, 0, 0, 0},
+                               {100, 10000, 158, 7943},
+                               {7943, 158, 10000, 100},
+                               {10000, 100, 158, 158},
+                               {65535, 65535, 65535, 65535}};
+    for (const auto &limits : nonsense) {
+        image made = sfp();
+        for (size_t n = 0; n < 4; n++)
+            put16(made.a2, 32 + 2 * n, limits[n]);
+        put_sum(made.a2, 0, 95);
+        const dolm_ric_module_diag diag = records_of(made).diag;
+        EXPECT_EQ(diag.diag_cap, all_five);
+        EXPECT_EQ(diag.rxpower, 432u);
+        EXPECT_EQ(diag.rxpower_low_alarm, 0u);
+        EXPECT_EQ(diag.rxpower_low_warn, 0u);
+        EXPECT_GT(diag.rxpower_high_warn, 1'000'000'000u);
+        EXPECT_GE(diag.rxpower_high_alarm, diag.rxpower_high_warn);
+        EXPECT_EQ(diag.txpower_low_alarm, 100u) << "the others keep theirs";
+        put16(made.a2, 104, 4); /* rounds to 0, at which no open limit is possible */
+        EXPECT_EQ(records_of(made).diag.diag_cap, all_five & ~uint32_t{DOLM_SFP_DIAGCAP_RXPOWER});
+    }
+    image made = sfp(); /* of temperature, which has a sign */
+    put16(made.a2, 0, -100);
+    put_sum(made.a2, 0, 95);
+    EXPECT_LT(records_of(made).diag.temperature_low_warn, -1'000'000'000);
+    EXPECT_GT(records_of(made).diag.temperature_high_warn, 1'000'000'000);
+
+    image wrong_sum = sfp();
+    wrong_sum.a2[95] ^= 1;
+    EXPECT_EQ(values_of(records_of(wrong_sum).diag)[0], 25719);
+    EXPECT_EQ(records_of(wrong_sum).diag.voltage_low_warn, 0u);
+}
+
+TEST(limits, keep_the_side_that_the_exact_value_is_on)
+{
+    const struct {
+        int value, low_alarm, low_warning, high_warning;
+        std::vector<int64_t>
+            expected; /* value, low alarm, low warning, high warning; none: not shown */
+    } cases[] = {
+        {1004, 1000, 1003, 7943, {100, 99, 99, 794}},
+        {1003, 1000, 1003, 7943, {100, 99, 100, 794}},
+        {1000, 1000, 1003, 7943, {100, 100, 100, 794}},
+        {7942, 1000, 1259, 7943, {794, 100, 126, 795}},
+        {7943, 1000, 1259, 7943, {794, 100, 126, 794}},
+        {4, 1, 2, 7943, {}},
+        {4, 4, 8, 7943, {0, 0, 1, 794}},
+    };
+    for (const auto &its : cases) {
+        image made = sfp();
+        put16(made.a2, 34, its.low_alarm), put16(made.a2, 36, its.high_warning);
+        put16(made.a2, 38, its.low_warning), put16(made.a2, 104, its.value);
+        put_sum(made.a2, 0, 95);
+        const dolm_ric_module_diag diag = records_of(made).diag;
+        EXPECT_EQ((diag.diag_cap & DOLM_SFP_DIAGCAP_RXPOWER) != 0, !its.expected.empty());
+        if (its.expected.empty())
+            continue;
+        EXPECT_EQ((std::vector<int64_t>{diag.rxpower, diag.rxpower_low_alarm, diag.rxpower_low_warn,
+                                        diag.rxpower_high_warn}),
+                  its.expected);
+    }
+}
+
+TEST(limits, of_a_stopped_port_let_the_laser_be_off)
+{
+    image dark = sfp();
+    put16(dark.a2, 100, 0), put16(dark.a2, 102, 20), put16(dark.a2, 104, 0);
+
+    const dolm_ric_module_diag running = records_of(dark).diag;
+    EXPECT_EQ(running.diag_cap, all_five);
+    EXPECT_GE(running.rxpower_low_alarm, running.rxpower);
+    const dolm_ric_module_diag stopped = records_of(dark, {.stopped = true}).diag;
+    EXPECT_EQ(stopped.diag_cap, uint32_t{DOLM_SFP_DIAGCAP_TEMP | DOLM_SFP_DIAGCAP_VOLTAGE |
+                                         DOLM_SFP_DIAGCAP_TXPOWER});
+    EXPECT_LT(stopped.txpower_low_warn, stopped.txpower);
+    EXPECT_EQ(stopped.txpower_high_warn, 794u);
+}
+
+TEST(refused, memories_that_can_not_be_true)
+{
+    const auto blank = [](bytes &memory, uint8_t byte, size_t from = 0, size_t to = 256) {
+        std::fill(memory.begin() + static_cast<long>(from), memory.begin() + static_cast<long>(to),
+                  byte);
+    };
+    const struct {
+        const char *what;
+        std::function<void(image &)> edit;
+        bool ready;
+        int32_t diag_result;
+    } cases[] = {
+        {"first sum", [](image &m) { m.a0[25] ^= 1; }, false, DOLM_RICERR_NOTAVAIL},
+        {"second sum", [](image &m) { m.a0[70] ^= 1; }, false, DOLM_RICERR_NOTAVAIL},
+        {"all ones", [&](image &m) { blank(m.a0, 0xff); }, false, DOLM_RICERR_NOTAVAIL},
+        {"all zeros", [&](image &m) { blank(m.a0, 0); }, false, DOLM_RICERR_NOTAVAIL},
+        {"zeros but for the kind", [&](image &m) { blank(m.a0, 0, 1); }, false,
+         DOLM_RICERR_NOTAVAIL},
+        {"an unknown kind",
+         [](image &m) {
+             m.a0[0] = 0x06;
+             put_sum(m.a0, 0, 63);
+         },
+         false, DOLM_RICERR_NOTAVAIL},
+        {"A0h for A2h", [](image &m) { m.a2 = m.a0; }, true, DOLM_RICERR_NOTAVAIL},
+        {"A2h of zeros", [&](image &m) { blank(m.a2, 0); }, true, DOLM_RICERR_NOTAVAIL},
+        {"A2h of ones", [&](image &m) { blank(m.a2, 0xff); }, true, DOLM_RICERR_NOTAVAIL},
+        {"values of ones", [&](image &m) { blank(m.a2, 0xff, 96); }, true, DOLM_RICERR_NOTAVAIL},
+        {"no A2h", [](image &m) { m.a2.clear(); }, true, DOLM_RICERR_NOTAVAIL},
+        {"not ready", [](image &m) { m.a2[110] = 1; }, true, DOLM_RICERR_NOTAVAIL},
+        {"no diagnostics",
+         [](image &m) {
+             m.a0[92] = 0;
+             put_sum(m.a0, 64, 95);
+         },
+         true, DOLM_RICERR_UNSUPPORTED},
+        {"address change",
+         [](image &m) {
+             m.a0[92] = 0x6c;
+             put_sum(m.a0, 64, 95);
+         },
+         true, DOLM_RICERR_UNSUPPORTED},
+        {"both calibrations",
+         [](image &m) {
+             m.a0[92] = 0x78;
+             put_sum(m.a0, 64, 95);
+         },
+         true, DOLM_RICERR_OK},
+        {"constants with a wrong sum",
+         [](image &m) {
+             m = external_sfp();
+             m.a2[95] ^= 1;
+         },
+         true, DOLM_RICERR_NOTAVAIL},
+        {"constants of zeros",
+         [&](image &m) {
+             m = external_sfp();
+             blank(m.a2, 0, 0, 96);
+         },
+         true, DOLM_RICERR_NOTAVAIL},
+        {"limits of zeros", [&](image &m) { blank(m.a2, 0, 0, 96); }, true, DOLM_RICERR_OK},
+    };
+    for (const auto &its : cases) {
+        image made = sfp();
+        its.edit(made);
+        const module_records records = records_of(made);
+        EXPECT_EQ(records.ready, its.ready) << its.what;
+        EXPECT_EQ(records.info_result, its.ready ? DOLM_RICERR_OK : DOLM_RICERR_NOTAVAIL);
+        EXPECT_EQ(records.diag_result, its.diag_result) << its.what;
+        const bool has_values = records.diag_result == DOLM_RICERR_OK;
+        EXPECT_EQ(records.diag.temperature, has_values ? 25719 : 0) << its.what;
+    }
+    EXPECT_FALSE(make_records(decode_module({}), {}).ready);
+    for (image made : {qsfp(), cmis()}) {
+        made.a0[128 + 25] ^= 1;
+        EXPECT_FALSE(records_of(made).ready);
+        made.a0[128 + 25] ^= 1;
+        EXPECT_TRUE(records_of(made).ready);
+        std::fill(made.a0.begin() + 10, made.a0.begin() + 60, uint8_t{0xff});
+        EXPECT_EQ(records_of(made).diag_result, DOLM_RICERR_NOTAVAIL);
+    }
+}
+
+/* Each bit of the module's flags alone: what it belongs to, as "lane.measurement.flag". */
+static std::string only_flag(const module_contents &contents)
+{
+    std::string found;
+    const std::pair<const char *, const measurement *> all[] = {{"t", &contents.temperature},
+                                                                {"v", &contents.voltage},
+                                                                {"b", &contents.tx_bias},
+                                                                {"x", &contents.tx_power},
+                                                                {"r", &contents.rx_power}};
+    for (const auto &[name, its] : all)
+        for (const lane_value &lane : its->lanes)
+            if (lane.flags != 0)
+                found += std::to_string(lane.lane) + name + std::to_string(lane.flags);
+    return found;
+}
+
+TEST(flags, each_bit_belongs_to_one_limit)
+{
+    const struct {
+        size_t byte;
+        int bit;
+        const char *sfp;
+    } sfp_bits[] = {{112, 7, "0t8"}, {112, 6, "0t4"}, {112, 5, "0v8"}, {112, 4, "0v4"},
+                    {112, 3, "0b8"}, {112, 2, "0b4"}, {112, 1, "0x8"}, {112, 0, "0x4"},
+                    {113, 7, "0r8"}, {113, 6, "0r4"}, {116, 7, "0t2"}, {116, 6, "0t1"},
+                    {116, 5, "0v2"}, {116, 4, "0v1"}, {116, 3, "0b2"}, {116, 2, "0b1"},
+                    {116, 1, "0x2"}, {116, 0, "0x1"}, {117, 7, "0r2"}, {117, 6, "0r1"}};
+    for (const auto &its : sfp_bits) {
+        image made = sfp();
+        made.a2[its.byte] = static_cast<uint8_t>(1 << its.bit);
+        EXPECT_EQ(only_flag(contents_of(made)), its.sfp) << its.byte << "." << its.bit;
+    }
+    const struct {
+        size_t byte;
+        int bit;
+        const char *flag;
+    } qsfp_bits[] = {{6, 7, "0t8"},  {6, 4, "0t1"},  {7, 6, "0v4"},  {9, 7, "0r8"},
+                     {9, 3, "1r8"},  {10, 4, "2r1"}, {10, 2, "3r4"}, {11, 5, "0b2"},
+                     {12, 1, "3b2"}, {13, 0, "1x1"}, {14, 6, "2x4"}},
+      cmis_bits[] = {{9, 0, "0t8"},   {9, 1, "0t4"},    {9, 2, "0t2"},    {9, 3, "0t1"},
+                     {9, 4, "0v8"},   {9, 7, "0v1"},    {139, 0, "8x8"},  {140, 7, "15x4"},
+                     {143, 1, "9b8"}, {146, 2, "10b1"}, {149, 3, "11r8"}, {151, 4, "12r2"}};
+    for (const auto &its : qsfp_bits) {
+        image made = qsfp();
+        made.a0[its.byte] = static_cast<uint8_t>(1 << its.bit);
+        EXPECT_EQ(only_flag(contents_of(made)), its.flag) << its.byte << "." << its.bit;
+    }
+    for (const auto &its : cmis_bits) { /* lanes of the second bank */
+        image made = cmis();
+        (its.byte < 128 ? made.a0 : made.lanes[1])[its.byte] = static_cast<uint8_t>(1 << its.bit);
+        EXPECT_EQ(only_flag(contents_of(made)), its.flag) << its.byte << "." << its.bit;
+    }
+}
+
+TEST(status, tells_los_and_fault_of_the_port_s_own_lanes)
+{
+    const std::pair<uint8_t, uint32_t> bits[] = {{0, 0}, {2, 1}, {4, 2}, {6, 3}, {0x80, 0}};
+    for (const auto &[byte, status] : bits) {
+        image made = sfp();
+        made.a2[110] = byte;
+        EXPECT_EQ(records_of(made).status.status, status);
+    }
+    image four = qsfp();
+    four.a0[3] = 0x14,
+    four.a0[4] = 0x08; /* LOS of lane 2, of the far end's lane 0; fault of lane 3 */
+    EXPECT_EQ(records_of(four).status.status, 3u);
+    EXPECT_EQ(records_of(four, {.lanes = 0x3}).status.status, 0u);
+    EXPECT_EQ(records_of(four, {.lanes = 0x4}).status.status, 1u);
+    image banks = cmis();
+    banks.lanes[1][135] = 0x01, banks.lanes[1][147] = 0x80;
+    EXPECT_EQ(records_of(banks, {.lanes = 0x0100}).status.status, 2u);
+    EXPECT_EQ(records_of(banks, {.lanes = 0x8000}).status.status, 1u);
+}
+
+TEST(lanes, the_one_that_is_worst_off_stands_for_all)
+{
+    const struct {
+        std::array<int, 4> tx; /* in uW; limits 500, 1000, 3500, 4000 */
+        uint32_t lanes;
+        uint32_t expected;
+    } cases[] = {
+        {{1500, 1600, 1400, 2000}, 0, 1400}, {{1500, 3300, 1400, 2000}, 0, 3300},
+        {{900, 1500, 3450, 1500}, 0, 900},   {{900, 4000, 700, 1500}, 0, 4000},
+        {{450, 600, 3900, 100}, 0, 100},     {{900, 4000, 700, 1500}, 0x8, 1500},
+        {{900, 4000, 700, 1500}, 0x5, 700},  {{900, 4000, 700, 1500}, 0xf0, 0},
+    };
+    for (const auto &its : cases) {
+        image made = qsfp();
+        for (size_t lane = 0; lane < 4; lane++)
+            put16(made.a0, 50 + 2 * lane, 10 * its.tx[lane]);
+        EXPECT_EQ(records_of(made, {.lanes = its.lanes}).diag.txpower, its.expected);
+        EXPECT_EQ(records_of(made, {.lanes = its.lanes}).diag.temperature, 29000);
+    }
+    image without_limits = qsfp(); /* flat: the lowest */
+    without_limits.a0[2] = 4;
+    put16(without_limits.a0, 38, 40);
+    EXPECT_EQ(records_of(without_limits).diag.rxpower, 4u);
+    without_limits.a0[113] = 0x04; /* and the third lane isn't there */
+    EXPECT_EQ(records_of(without_limits).diag.rxpower, 500u);
+}
+
+TEST(lanes, of_banks_and_of_modules_that_do_not_run)
+{
+    image made = cmis();
+    put16(made.lanes[1], 170 + 6, 400);
+    const module_records records = records_of(made);
+    EXPECT_EQ(values_of(records.diag), (std::vector<int64_t>{57930, 3305700, 3200, 1000, 1000}));
+    EXPECT_EQ(records.diag.txbias_low_warn, 5600u) << "scaled as the values are";
+    EXPECT_EQ(records_of(made, {.lanes = 0xff}).diag.txbias, 8000u);
+    EXPECT_EQ(contents_of(made).tx_power.lanes.size(), 16u);
+    made.a0[210] = 0xf0; /* of the first bank */
+    put_sum(made.a0, 128, 222);
+    EXPECT_EQ(contents_of(made).tx_power.lanes.size(), 12u);
+    made.a0[128 + 160] = 0x12; /* tx power only */
+    EXPECT_EQ(
+        records_of(made).diag.diag_cap,
+        uint32_t{DOLM_SFP_DIAGCAP_TEMP | DOLM_SFP_DIAGCAP_VOLTAGE | DOLM_SFP_DIAGCAP_TXPOWER});
+    made.a0[3] = 0x02; /* low power */
+    EXPECT_EQ(records_of(made).diag.diag_cap,
+              uint32_t{DOLM_SFP_DIAGCAP_TEMP | DOLM_SFP_DIAGCAP_VOLTAGE});
+    made.a0[2] = 0x80; /* flat */
+    EXPECT_EQ(records_of(made).diag.temperature, 57930);
+    put16(made.a0, 14, 0), put16(made.a0, 16, 0);
+    EXPECT_EQ(records_of(made).diag_result, DOLM_RICERR_UNSUPPORTED);
+
+    const std::pair<const char *, uint32_t> names[] = {{"p1s2", 4},   {"p12s0", 1}, {"p1", 0},
+                                                       {"pf0sf1", 0}, {"", 0},      {"p1s", 0},
+                                                       {"p1s32", 0},  {"s1", 0}};
+    for (const auto &[name, mask] : names)
+        EXPECT_EQ(lanes_of_port(name, 0), mask) << name;
+    EXPECT_EQ(lanes_of_port("p1s1", 4), 0xf0u);
+    EXPECT_EQ(lanes_of_port("p1s0", 32), 0xffffffffu);
+    EXPECT_EQ(lanes_of_port("p1s3", 4294967295u), 0u);
+}
+
+TEST(copper, has_no_light)
+{
+    const struct {
+        const char *what;
+        std::function<void(bytes &)> edit;
+        uint8_t connector;
+    } cases[] = {
+        {"passive", [](bytes &a0) { a0[8] = 0x04, a0[2] = 0x21; }, DOLM_SFP_CONNECTOR_OTHER},
+        {"active", [](bytes &a0) { a0[8] = 0x08, a0[2] = 0x21; }, DOLM_SFP_CONNECTOR_OTHER},
+        {"1000BASE-T", [](bytes &a0) { a0[6] = 0x08; }, DOLM_SFP_CONNECTOR_LC},
+        {"RJ45", [](bytes &a0) { a0[2] = 0x22; }, DOLM_SFP_CONNECTOR_RJ45},
+        {"10GBASE-T", [](bytes &a0) { a0[36] = 0x1c; }, DOLM_SFP_CONNECTOR_LC},
+        {"25GBASE-CR", [](bytes &a0) { a0[36] = 0x0c; }, DOLM_SFP_CONNECTOR_LC},
+        {"one that says SR",
+         [](bytes &a0) { put_text(a0, 20, 16, "OEM"), put_text(a0, 40, 16, "SFP-10G-T"); },
+         DOLM_SFP_CONNECTOR_RJ45},
+    };
+    for (const auto &its : cases) {
+        image made = sfp();
+        its.edit(made.a0);
+        put_sum(made.a0, 0, 63);
+        const module_records records = records_of(made);
+        EXPECT_EQ(records.diag.diag_cap, uint32_t{DOLM_SFP_DIAGCAP_TEMP | DOLM_SFP_DIAGCAP_VOLTAGE})
+            << its.what;
+        EXPECT_EQ(records.info.sfp.sfp_connector, its.connector) << its.what;
+    }
+    image optical_cable = sfp();
+    optical_cable.a0[8] = 0x08, optical_cable.a0[2] = 0x23;
+    put_sum(optical_cable.a0, 0, 63);
+    EXPECT_EQ(records_of(optical_cable).diag.diag_cap, all_five);
+    image cable = qsfp();
+    cable.a0[147] = 0xa0;
+    put_sum(cable.a0, 128, 191);
+    EXPECT_EQ(records_of(cable).diag_result, DOLM_RICERR_UNSUPPORTED);
+}
+
+TEST(speed, has_codes)
+{
+    const struct {
+        size_t at;
+        std::vector<uint8_t> bytes;
+        uint32_t code;
+    } cases[] = {
+        {3, {0x20}, 2},
+        {3, {0, 0, 0, 0x01}, 1},
+        {3, {0, 0, 0, 0, 0, 0, 0, 0, 6, 25}, 0x54530019}, /* 2.5 GBd */
+        {3, {0, 0, 0, 0, 0, 0, 0, 0, 3, 13}, 1},
+        {3, {0, 0, 0, 0, 0, 0, 0, 0, 6, 42}, 0}, /* 4G Fibre Channel */
+        {36, {0x02}, 0x545300fa},
+        {36, {0x41}, 0x545301f4},
+        {36, {0x1e}, 0x54530019},
+        {36, {0x05}, 2}, /* no SFP speed: by what else it says */
+    };
+    for (const auto &its : cases) {
+        image made = sfp();
+        std::ranges::copy(its.bytes, made.a0.begin() + static_cast<long>(its.at));
+        put_sum(made.a0, 0, 63);
+        EXPECT_EQ(records_of(made).info.sfp.sfp_eth_speed, its.code)
+            << its.at << " " << int{its.bytes[0]};
+    }
+    EXPECT_EQ(records_of(qsfp()).info.sfp.sfp_eth_speed, 0x545303e8u);
+    EXPECT_EQ(records_of(cmis()).info.sfp.sfp_eth_speed, 0x54531f40u);
+    const std::pair<uint32_t, uint32_t> links[] = {{10, 0},
+                                                   {100, 0x54530001},
+                                                   {1000, 0x5453000a},
+                                                   {2500, 0x0002},
+                                                   {10000, 0x1000},
+                                                   {25000, 0x545300fa},
+                                                   {800000, 0x54531f40},
+                                                   {UINT32_MAX, 0},
+                                                   {UINT32_MAX - 1, 0}};
+    for (const auto &[megabits, code] : links)
+        EXPECT_EQ(link_speed_code(tenth_gbps_of(megabits)), code) << megabits;
+}
+
+TEST(plan, reads_what_the_module_has_and_nothing_else)
+{
+    const auto size_of = [](const image &from) {
+        size_t size = 0;
+        for (const reading_step &step : reading_plan(from.read())) {
+            EXPECT_TRUE(step.range.offset >= 128 || step.range.offset + step.range.length <= 128);
+            EXPECT_LE(step.range.offset + step.range.length, 256);
+            size += step.range.length;
+        }
+        return size;
+    };
+    image plain = sfp(), garbled = sfp(), flat = qsfp();
+    plain.a0[92] = 0;
+    put_sum(plain.a0, 64, 95);
+    garbled.a0[20] ^= 1;
+    flat.a0[2] = 4;
+    EXPECT_EQ(reading_plan({}).size(), 1u);
+    EXPECT_EQ(size_of(garbled), 1u + 96);
+    EXPECT_EQ(size_of(plain), 1u + 96 + 28);
+    EXPECT_EQ(size_of(sfp()), 1u + 96 + 28 + 96 + 22);
+    EXPECT_EQ(size_of(flat), 1u + 96 + 28 + 1 + 58);
+    EXPECT_EQ(size_of(qsfp()), 1u + 96 + 28 + 1 + 58 + 72);
+    EXPECT_EQ(size_of(cmis()), 1u + 95 + 24 + 32 + 18 + 19 + 72 + 2 * 68);
+}
+
+TEST(memory, gives_the_newest_bytes_of_a_range)
+{
+    const auto time = [](int seconds) {
+        return module_memory::time_point(std::chrono::seconds(seconds));
+    };
+    const memory_range whole = {0x50, 0, 0, 0, 96}, part = {0x50, 0, 0, 68, 28},
+                       other = {0x51, 0, 0, 68, 28};
+    module_memory memory;
+    memory.store(whole, bytes(96, 1), time(1));
+    EXPECT_EQ(memory.bytes(part)[0], 1);
+    EXPECT_TRUE(memory.bytes(other).empty());
+    EXPECT_TRUE(memory.bytes({0x50, 0, 0, 90, 7}).empty());
+    memory.store(part, bytes(28, 2), time(2));
+    EXPECT_EQ(memory.bytes(part)[27], 2);
+    EXPECT_EQ(memory.read_at(part), time(2));
+    EXPECT_EQ(memory.bytes(whole)[95], 1);
+    memory.store(part, bytes(27, 3), time(3)); /* too few: as if it had failed */
+    EXPECT_EQ(memory.read_at(part), time(1));
+    memory.clear();
+    EXPECT_TRUE(memory.bytes(whole).empty());
+}
+
+/* Lines that one has and the other hasn't: "-" those of ethtool alone, "+" ours alone. */
+static constexpr char measured[] = "-(Laser|Module|Receiver|Rcvr|Transmit).*";
+static constexpr char zero_limits[] = "-.*threshold:0\\.0+(mA|mW|V|degreesC)";
+static constexpr char no_a2[] = "it shows a memory of zeros, which nobody read, as values";
+static constexpr char no_page[] = "it shows the limits of a page that isn't there as zeros";
+static constexpr char cable[] = "it shows what a cable of copper leaves at zero or undefined";
+static constexpr struct {
+    const char *module;
+    const char *lines;
+    const char *why_ethtool_is_wrong;
+} differences[] = {
+    {"fiberstore-badsum", "-.*", "it doesn't look at the checksums"},
+    {"finisar-fclf8522-1000t", ".Datecode:150524_?", "it shows the padding"},
+    {"finisar-10g-zr", measured, no_a2},
+    {"finisar-25g-sr", measured, no_a2},
+    {"finisar-ftrj8519-external", measured, no_a2},
+    {"oem-sfp-10g-t8", "-(Laser|Receiver).*", "it believes the light of a 10GBASE-T module"},
+    {"finisar-qsfp28-sr4", zero_limits, no_page},
+    {"lumentum-qsfp28-cwdm4", zero_limits, no_page},
+    {"innolight-qsfpdd-dr4", zero_limits, no_page},
+    {"mellanox-qsfp-dac", measured, cable},
+    {"qsfp-2", measured, cable},
+};
+
+static std::string read_file(const std::filesystem::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+static std::vector<std::string> missing(std::vector<std::string> from, std::vector<std::string> in,
+                                        char sign)
+{
+    std::ranges::sort(from), std::ranges::sort(in);
+    std::vector<std::string> lines;
+    std::ranges::set_difference(from, in, std::back_inserter(lines));
+    for (std::string &line : lines)
+        line.insert(line.begin(), sign);
+    return lines;
+}
+
+TEST(real_modules, say_what_ethtool_says)
+{
+    const char *given = getenv("TESK_MODULES");
+    const std::filesystem::path folder =
+        given != nullptr ? given : TESK_SOURCE_DIR "/../shared/linux/modules";
+    if (!std::filesystem::exists(folder / "bin"))
+        GTEST_SKIP() << "no memories of real modules in " << folder
+                     << "; TESK_MODULES may name them";
+
+    size_t count = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(folder / "bin")) {
+        if (entry.path().extension() != ".a0")
+            continue;
+        count++;
+        if (getenv("DUMP")) {
+            const auto r = records_of([&] {
+                image m;
+                const std::string n0 = entry.path().stem();
+                const std::string x = read_file(entry.path()),
+                                  y = read_file(folder / "bin" / (n0 + ".a2"));
+                m.a0.assign(x.begin(), x.end());
+                m.a2.assign(y.begin(), y.end());
+                return m;
+            }());
+            printf("%-28s ready %d conn %d speed %#x comp %#x diag %d cap %#x T %d V %u b %u t %u "
+                   "r %u st %u\n",
+                   entry.path().stem().c_str(), r.ready, r.info.sfp.sfp_connector,
+                   r.info.sfp.sfp_eth_speed, r.info.sfp.sfp_eth_compliance, r.diag_result,
+                   r.diag.diag_cap, r.diag.temperature, r.diag.voltage, r.diag.txbias,
+                   r.diag.txpower, r.diag.rxpower, r.status.status);
+        }
+        const std::string name = entry.path().stem();
+        image made;
+        const std::string a0 = read_file(entry.path()),
+                          a2 = read_file(folder / "bin" / (name + ".a2"));
+        made.a0.assign(a0.begin(), a0.end()), made.a2.assign(a2.begin(), a2.end());
+        const auto ours = module_text(contents_of(made));
+        const auto theirs = comparable_text(read_file(folder / "ethtool-6.1" / (name + ".txt")));
+        auto all = missing(theirs, ours, '-');
+        std::ranges::move(missing(ours, theirs, '+'), std::back_inserter(all));
+        for (const std::string &line : all)
+            EXPECT_TRUE(std::ranges::any_of(
+                differences,
+                [&](const auto &its) {
+                    return its.module == name && std::regex_match(line, std::regex(its.lines));
+                }))
+                << name << ": " << line;
+    }
+    EXPECT_EQ(count, 28u);
+}
