@@ -146,10 +146,10 @@ static void fill_identity(const memory_view &from, module_contents &contents)
     copy_text(sfp.sfp_date_code, from.bytes(84, 8));
     contents.copper = is_copper(from);
 
-    if (is_known_base_t(sfp.sfp_vendor_name, sfp.sfp_vendor_pn)) {
+    if (const uint32_t speed = speed_of_base_t(sfp.sfp_vendor_name, sfp.sfp_vendor_pn)) {
         sfp.sfp_connector = DOLM_SFP_CONNECTOR_RJ45;
         sfp.sfp_eth_compliance = 0;
-        sfp.sfp_eth_speed = DOLM_SFP_ETHSPEED_10GB;
+        sfp.sfp_eth_speed = module_speed_code(speed);
         contents.copper = true;
     }
 }
