@@ -24,7 +24,8 @@ static constexpr char no_a2[] = "it shows a memory of zeros, which nobody read, 
 static constexpr char no_page[] = "it shows the limits of a page that isn't there as zeros";
 static constexpr char cable[] = "it shows what a cable of copper leaves at zero or undefined";
 static constexpr char rx_power[] = ".(Receiversignal|Laserrxpower.*threshold).*";
-static constexpr char cuts_bias[] = "it cuts 7412.5 steps of 2 uA, which are 14.825 mA";
+static constexpr char cut_bias[] = ".Laserbiascurrent.*threshold:(14.82[45]|3.01[23])mA";
+static constexpr char cuts_bias[] = "it cuts 7412.5 and 1506.25 to whole steps of 2 uA";
 static constexpr char no_powers[] = "it doesn't raise the reading of rx power to its powers";
 static constexpr struct {
     const char *module;
@@ -47,8 +48,8 @@ static constexpr struct {
     {"swap", measured, "it reads diagnostics that need an address change"},
     {"ext", rx_power, no_powers},
     {"ext4", rx_power, no_powers},
-    {"ext", ".Laserbiascurrenthighalarmthreshold:14.82[45]mA", cuts_bias},
-    {"ext4", ".Laserbiascurrenthighalarmthreshold:14.82[45]mA", cuts_bias},
+    {"ext", cut_bias, cuts_bias},
+    {"ext4", cut_bias, cuts_bias},
 };
 
 /* By module: the codes of speed and connector, the result of the diagnostics, diag_cap, and the
