@@ -33,9 +33,9 @@ struct port_files : testing::Test {
         chmod(path.c_str(), mode);
         return path;
     }
-    static std::string read(const std::filesystem::path &path)
+    static std::string read(const std::filesystem::path &from)
     {
-        std::ifstream file(path, std::ios::binary);
+        std::ifstream file(from, std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
     std::filesystem::path folder;

@@ -85,9 +85,9 @@ static const std::map<std::string, const char *> told = {
     {"rollball-10gt", "not ready"},
 };
 
-static std::string read_file(const std::filesystem::path &path)
+static std::string read_file(const std::filesystem::path &from)
 {
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(from, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -102,10 +102,10 @@ static std::vector<std::string> missing(std::vector<std::string> from, std::vect
     return lines;
 }
 
-static module_images::image read_image(const std::filesystem::path &path)
+static module_images::image read_image(const std::filesystem::path &stem)
 {
     module_images::image made;
-    const std::string a0 = read_file(path.string() + ".a0"), a2 = read_file(path.string() + ".a2");
+    const std::string a0 = read_file(stem.string() + ".a0"), a2 = read_file(stem.string() + ".a2");
     made.a0.assign(a0.begin(), a0.end());
     made.a2.assign(a2.begin(), a2.end());
     return made;
