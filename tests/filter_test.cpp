@@ -29,7 +29,7 @@ TEST_F(filter, a_refused_last_unsubscribe_keeps_the_filter_as_it_is)
     EXPECT_TRUE(ticks.empty()) << "the tick of the bucket is still outstanding";
     handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
     EXPECT_EQ(sent.size(), 0u) << "held back";
-    /* The same for a lost client: the subscription that nobody holds keeps its filter. */
+    /* The same for a lost client: the subscription without a client keeps its filter. */
     lose(alice);
     tick(1, 3);
     EXPECT_EQ(leaky_bucket_find(1)->level, 50);
@@ -42,7 +42,7 @@ TEST_F(filter, a_refused_last_unsubscribe_keeps_the_filter_as_it_is)
     EXPECT_EQ(leaky_bucket_find(1)->level, 60);
 }
 
-TEST_F(filter, the_filter_holds_back_and_tells_the_summary)
+TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
 {
     static const struct {
         char event; /* u p, d own, t ick */
@@ -177,7 +177,7 @@ TEST_F(filter, an_event_that_means_nothing_is_traced_and_freed)
     EXPECT_EQ(history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ).host_word(4), 0u);
 }
 
-TEST_F(filter, a_tick_that_outlives_its_bucket_meets_the_next_one_with_its_id)
+TEST_F(filter, a_tick_that_outlives_its_bucket_acts_on_the_next_one_with_its_id)
 {
     ports[9] = optical_port();
     const uint32_t reference = subscriber(alice, 3, subscribe_status);

@@ -216,7 +216,7 @@ TEST_F(hardware, each_value_has_its_text)
         EXPECT_STREQ(tesk_port_state_str(state), states[state]);
 }
 
-TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
+TEST_F(hardware, a_value_that_could_not_be_read_keeps_its_start_value)
 {
     static const struct {
         const char *call;
@@ -264,7 +264,7 @@ TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
     }
 }
 
-TEST_F(hardware, a_module_is_read_only_where_one_may_be)
+TEST_F(hardware, a_module_is_read_only_if_one_can_be_expected)
 {
     static const char *const read = "getmoduleinfo 0x20001";
     static const struct {

@@ -53,7 +53,7 @@ TEST_F(leaky_bucket, refuses_sizes_that_cannot_work)
     EXPECT_EQ(leaky_bucket_add(50, 50), 1);
 }
 
-TEST_F(leaky_bucket, keeps_its_level_within_limits_and_tells_the_state)
+TEST_F(leaky_bucket, keeps_its_level_within_limits_and_returns_the_state)
 {
     static const struct {
         int32_t delta, level;
@@ -75,7 +75,7 @@ TEST_F(leaky_bucket, keeps_its_level_within_limits_and_tells_the_state)
     }
 }
 
-TEST_F(leaky_bucket, comes_back_under_its_id_and_with_its_level)
+TEST_F(leaky_bucket, is_reinserted_under_its_id_and_with_its_level)
 {
     for (int32_t id = 1; id <= 3; id++)
         ASSERT_EQ(leaky_bucket_add(100 + id, 50), id);

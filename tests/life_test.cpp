@@ -113,7 +113,7 @@ TEST(process, starts_and_stops_in_order)
 
 /* Only SIGTERM and SIGINT are open, in both threads, and the event thread may be the one to handle
    them. */
-TEST(process, the_event_thread_alone_can_be_told_to_stop)
+TEST(process, a_stop_signal_to_the_event_thread_alone_stops_the_server)
 {
     for (const auto stop :
          {+[](pid_t process) {
@@ -137,7 +137,7 @@ TEST(process, the_event_thread_alone_can_be_told_to_stop)
     }
 }
 
-TEST(process, a_stop_that_came_before_the_start_is_an_orderly_stop)
+TEST(process, a_stop_signal_from_before_the_start_stops_the_server_cleanly)
 {
     const outcome run = run_server("", "", true);
     EXPECT_EQ(run.status, 0);
@@ -146,7 +146,7 @@ TEST(process, a_stop_that_came_before_the_start_is_an_orderly_stop)
     EXPECT_EQ(run.log.back(), stopping.back());
 }
 
-TEST(process, a_failed_start_says_why_and_ends_in_the_same_order)
+TEST(process, a_failed_start_reports_the_reason_and_ends_in_order)
 {
     const lines without_hardware = {"tmo_service_stop", "mbx_delete_mailbox", "mbx_exit",
                                     "[4] TESK server terminated"};
@@ -170,7 +170,7 @@ TEST(process, a_failed_start_says_why_and_ends_in_the_same_order)
         const lines begun(starting.begin(), starting.begin() + static_cast<long>(failure.started));
         lines expected =
             begun + failure.said + (failure.status == 255 ? stopping : without_hardware);
-        if (failure.started == 1) /* the trace library has not told a mask yet */
+        if (failure.started == 1) /* the mask is not set yet */
             expected.pop_back();
         EXPECT_EQ(run.log, expected);
         EXPECT_EQ(run.status, failure.status);

@@ -173,7 +173,7 @@ TEST_F(procedures, each_signal_is_traced_with_its_number_receiver_and_text)
     }
 }
 
-TEST_F(procedures, a_connection_is_given_the_servers_reference)
+TEST_F(procedures, a_connection_gets_the_servers_reference)
 {
     trace({12, 17});
     send(alice, TESK_CONN_ESTABLISH_REQ, {9, 7, 3, 7, 1, 9});
@@ -278,7 +278,7 @@ TEST_F(procedures, capabilities_are_the_same_forty_bytes)
     EXPECT_EQ(sent.at(0).word(4), 5u) << "neither request changes the stored reference";
 }
 
-TEST_F(procedures, a_module_is_told_as_120_bytes)
+TEST_F(procedures, a_module_is_reported_in_120_bytes)
 {
     ports[0x1234] = optical_port();
     const uint32_t reference = connect(alice);
@@ -305,7 +305,7 @@ TEST_F(procedures, a_module_is_told_as_120_bytes)
     expect_log(expected);
 }
 
-TEST_F(procedures, a_port_is_told_as_96_bytes)
+TEST_F(procedures, a_port_is_reported_in_96_bytes)
 {
     const uint32_t reference = connect(alice);
     trace({12, 18});
@@ -379,7 +379,7 @@ TEST_F(procedures, refusals_come_in_the_order_of_the_checks)
     }
 }
 
-TEST_F(procedures, a_port_unknown_to_the_read_gives_its_count_back_before_the_rejection)
+TEST_F(procedures, a_port_unknown_to_the_read_is_uncounted_before_the_rejection)
 {
     const uint32_t first = subscriber(alice, 3, subscribe_info);
     const uint32_t second = connect(bob);
@@ -456,7 +456,7 @@ TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
     }
 }
 
-TEST_F(procedures, a_snapshot_fails_where_the_hardware_does_and_not_where_it_has_nothing_to_say)
+TEST_F(procedures, a_read_fails_with_the_hardware_but_not_for_missing_diagnostics)
 {
     static const struct {
         const char *call;

@@ -128,16 +128,16 @@ TEST_F(subscriptions, indications_go_out_newest_client_first_and_module_before_p
     handle_events({port_event(3, DOLM_RICRIPORT_STARTED)});
     EXPECT_EQ(sent.size(), 0u) << "a repeated presence";
     handle_events({port_event(3, DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODINSERTED)});
-    EXPECT_EQ(sent.size(), 0u) << "a module on its way";
+    EXPECT_EQ(sent.size(), 0u) << "a module that is not ready";
     handle_events({port_event(3, DOLM_RICRIPORT_MODREADY)});
     EXPECT_EQ(sent.size(), 5u);
 }
 
-TEST_F(subscriptions, two_records_that_disagree_make_the_server_ask_the_hardware)
+TEST_F(subscriptions, two_records_that_differ_make_the_server_read_the_hardware)
 {
     ports[3].status = DOLM_RICRIPORT_STARTED;
     subscriber(alice, 3, subscribe_status); /* records that there is no module */
-    ports[3] = optical_port(); /* told to nobody, as nobody holds the port's SFP info */
+    ports[3] = optical_port(); /* no event: no client has the SFP info subscription */
     trace({1});
     subscriber(bob, 3, subscribe_info);
     EXPECT_EQ(sent.at(1).word(16), uint32_t{TESK_SFP_OPTICAL});
@@ -148,7 +148,7 @@ TEST_F(subscriptions, two_records_that_disagree_make_the_server_ask_the_hardware
     EXPECT_EQ(sent.size(), 2u) << "an event that only one record didn't hold is a change";
 }
 
-TEST_F(subscriptions, the_two_decodings_of_a_port_differ_where_nothing_is_known)
+TEST_F(subscriptions, an_event_and_a_read_decode_an_unknown_port_differently)
 {
     for (uint32_t status = 0; status < 16; status++) {
         const uint32_t other = status & DOLM_RICRIPORT_MODREADY ? 8 : 2;
@@ -174,7 +174,7 @@ TEST_F(subscriptions, the_two_decodings_of_a_port_differ_where_nothing_is_known)
     }
 }
 
-TEST_F(subscriptions, a_lost_client_gives_its_ports_back_in_the_order_of_its_list)
+TEST_F(subscriptions, a_lost_client_is_unsubscribed_in_the_order_of_its_array)
 {
     for (uint32_t port : {1u, 2u, 3u, 4u})
         ports[port] = optical_port();
@@ -200,7 +200,7 @@ TEST_F(subscriptions, a_lost_client_gives_its_ports_back_in_the_order_of_its_lis
                 "[12] unsubscribe_port_status(): successfully unsubscribed from port 4",
                 "[12] Removing clients data: 0"});
     lose(alice);
-    EXPECT_EQ(fake_platform::take_log().size(), 2u) << "nobody any more";
+    EXPECT_EQ(fake_platform::take_log().size(), 2u) << "the client is unknown now";
     EXPECT_EQ(connect(alice), 2u);
     send(alice, subscribe_status, {1, reference, 3, 0});
     EXPECT_EQ(sent.size(), 0u) << "the old reference is gone";

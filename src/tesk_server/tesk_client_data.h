@@ -22,7 +22,7 @@ struct tesk_client_subscription {
 static_assert(sizeof(tesk_client_subscription) == 8);
 
 /* One client. A client_id is never assigned twice, so that a request with the client_id of a former
-   client matches nobody. */
+   client matches no client. */
 struct tesk_client {
     uint32_t client_id;     /* the server's reference: connection_ref of the client's requests */
     uint32_t conn_ref;      /* the client's reference: connection_ref of all signals to it */
