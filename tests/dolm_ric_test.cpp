@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* libdolm_ric: the operations, and the board behind them played through its own protocol. */
 #include "testkit/board/board_fixture.h"
+#include "testkit/processes/processes.h"
 
 #include <array>
 #include <cstring>
@@ -247,4 +248,24 @@ TEST_F(dolm_ric_test, a_board_file_says_what_is_there)
         EXPECT_EQ(code, start(text)) << text;
         EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(reason)) << reason;
     }
+}
+
+TEST(dolm_ric_in_the_server, waits_that_fail_are_retried_ever_more_slowly_until_one_succeeds)
+{
+    const testkit::directory place;
+    testkit::server server;
+    auto await_calls = [calls = uint64_t{0}](uint64_t more) mutable {
+        calls =
+            (calls == 0 ? std::stoull(testkit::board("board")["calls.waitevent"]) : calls) + more;
+        testkit::board("wait calls waitevent " + std::to_string(calls));
+    };
+    testkit::board("fail waitevent internal always");
+    await_calls(16); /* ten failures at 5 ms, then 10, 20, 40 and 80 ms */
+    const auto begin = std::chrono::steady_clock::now();
+    await_calls(6);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+    testkit::board("heal");
+    testkit::board("wait idle");
+    testkit::board("fail waitevent internal always");
+    EXPECT_EQ(0, server.stop());
 }

@@ -36,6 +36,7 @@ class board_fixture : public testing::Test
         if (handle != 0)
             dolm_ric_shutdown(handle, 0);
         std::filesystem::remove_all(folder);
+        unsetenv(DOLM_RIC_BOARD_FILE_ENV);
     }
 
     std::string write_file(const std::string &name, const std::string &text)
