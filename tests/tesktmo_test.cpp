@@ -24,9 +24,14 @@ static mbx_signal blocks[] = {{0}, {1}, {2}, {3}, {4}, {5}};
 
 static thread_local bool is_memory_exhausted;
 
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+{
+    return is_memory_exhausted ? nullptr : malloc(size);
+}
+
 void *operator new(size_t size)
 {
-    void *block = is_memory_exhausted ? nullptr : malloc(size);
+    void *block = operator new(size, std::nothrow);
     if (block == nullptr)
         throw std::bad_alloc();
     return block;

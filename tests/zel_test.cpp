@@ -39,9 +39,9 @@ class zel : public testing::Test
     }
 };
 
-static std::string read_file(const std::filesystem::path &path)
+static std::string read_file(const std::filesystem::path &file)
 {
-    return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
+    return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
 }
 
 static void format_and_trace(int)

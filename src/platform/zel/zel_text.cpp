@@ -91,15 +91,15 @@ static size_t printable_size(const unsigned char *text)
     };
     if (text[0] < 0x80)
         return text[0] >= 0x20 && text[0] != 0x7f;
-    for (const form &form : forms) {
-        if (text[0] < form.first_min || text[0] > form.first_max)
+    for (const form &row : forms) {
+        if (text[0] < row.first_min || text[0] > row.first_max)
             continue;
-        if (text[1] < form.second_min || text[1] > form.second_max)
+        if (text[1] < row.second_min || text[1] > row.second_max)
             return 0;
-        for (size_t i = 2; i < form.size; ++i)
+        for (size_t i = 2; i < row.size; ++i)
             if ((text[i] & 0xc0) != 0x80)
                 return 0;
-        return form.size;
+        return row.size;
     }
     return 0;
 }
