@@ -13,6 +13,10 @@ sed "s|=.*/tesk-server$|=$build/bin/tesk-server|; s|/[^ ]*/teskctl|$build/bin/te
     "$build/packaging/tesk-server.service" >"$work/tesk-server.service"
 said=$(systemd-analyze verify --man=no "$work/tesk-server.service" 2>&1) || fail "the unit: $said"
 [ -z "$said" ] || fail "the unit: $said"
+for setting in LogRateLimitIntervalSec=0 MemoryMax=256M TasksMax=64 \
+    'Environment=ZEL_SINK=stderr ZEL_GROUPS=1'; do
+    grep -qx "$setting" "$work/tesk-server.service" || fail "the unit: $setting is missing"
+done
 # In tenths of the scale from 0 to 10.
 systemd-analyze security --offline=true --no-pager --threshold=5 "$work/tesk-server.service" |
     tail -n 1
