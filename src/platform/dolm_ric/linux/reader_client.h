@@ -1,0 +1,41 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* reader_client - the modules that tesk-module-reader reads. One thread. */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_access.h"
+
+#include <chrono>
+#include <string>
+
+namespace linux_board
+{
+
+class reader_client final : public module_access
+{
+  public:
+    /* A reading on a slow bus takes a few milliseconds, a driver's own time limit a second or two.
+     */
+    static constexpr std::chrono::seconds patience{10};
+
+    /* `where` is the path of the reader's socket, or "fd:N" for a connected one that was inherited.
+       Readings end at once when `stop_fd` becomes readable. Nothing is connected yet. */
+    reader_client(std::string where, int stop_fd);
+    ~reader_client();
+    reader_client(const reader_client &) = delete;
+    reader_client &operator=(const reader_client &) = delete;
+
+    /* Connects if need be. ENOTCONN if there is no reader, EACCES if it may not be used, ETIMEDOUT
+       if it doesn't answer. */
+    void read(std::span<piece> pieces) override;
+
+  private:
+    int connect_reader();
+    int exchange(std::span<piece> pieces);
+    void disconnect();
+
+    std::string where_;
+    int stop_fd_;
+    int fd_ = -1;
+};
+
+} // namespace linux_board
