@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """bench - carries out the measurements of ./bench, which says what there is."""
 import argparse
 import signal

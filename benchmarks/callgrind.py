@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """callgrind - counts the instructions of our own objects with callgrind."""
 import json
 import os

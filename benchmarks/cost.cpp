@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* cost - what there is to compare the server's own costs with:
 
      nothing          does nothing and waits to be killed
@@ -6,8 +7,7 @@
                       first answer
      run COMMAND      runs a program to its end, and prints the nanoseconds
      empty            ends at once */
-#include "tesk_link.h"
-
+#include "benchmarks/tesk_link.h"
 #include "platform/dolm_ric/dolm_ric.h"
 
 #include <signal.h>
@@ -15,14 +15,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace
-{
-
 using namespace bench;
 
-constexpr int64_t patience_ns = 10'000'000'000;
+static constexpr int64_t patience_ns = 10'000'000'000;
 
-pid_t start(char *const *command)
+static pid_t start(char *const *command)
 {
     pid_t pid;
     if (posix_spawn(&pid, command[0], nullptr, nullptr, command, environ) != 0)
@@ -30,7 +27,7 @@ pid_t start(char *const *command)
     return pid;
 }
 
-int64_t time_first_answer(char *const *command)
+static int64_t time_first_answer(char *const *command)
 {
     const int64_t begin = now_ns();
     const pid_t pid = start(command);
@@ -43,14 +40,14 @@ int64_t time_first_answer(char *const *command)
     return time;
 }
 
-int64_t time_run(char *const *command)
+static int64_t time_run(char *const *command)
 {
     const int64_t begin = now_ns();
     waitpid(start(command), nullptr, 0);
     return now_ns() - begin;
 }
 
-[[noreturn]] void wait_to_be_killed()
+[[noreturn]] static void wait_to_be_killed()
 {
     std::puts("[]");
     std::fflush(stdout);
@@ -58,7 +55,7 @@ int64_t time_run(char *const *command)
         pause();
 }
 
-int run(std::span<char *> words)
+static int run(std::span<char *> words)
 {
     const std::string what = words.size() > 1 ? words[1] : "";
     uintptr_t handle;
@@ -74,8 +71,6 @@ int run(std::span<char *> words)
         fail("nothing | board | start COMMAND | run COMMAND | empty");
     return 0;
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

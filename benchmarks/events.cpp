@@ -1,22 +1,19 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* events - raises link events at a board, and tells how long it took until the last of all
    subscribers was told: events BOARD RECEIPTS SUBSCRIBERS, then lines "events COUNT" on stdin. Each
    event is raised after the one before has come to everybody. */
-#include "harness.h"
-
+#include "benchmarks/harness.h"
 #include "platform/dolm_ric/dolm_ric.h"
 
 #include <sys/socket.h>
 
-namespace
-{
-
 using namespace bench;
 
 /* What the subscribers are subscribed to. The links of these ports are up at first. */
-constexpr uint32_t event_ports = 4;
-constexpr uint32_t first_port_id = 0x00020000;
+static constexpr uint32_t event_ports = 4;
+static constexpr uint32_t first_port_id = 0x00020000;
 
-void raise_event(int board_socket, uint32_t event)
+static void raise_event(int board_socket, uint32_t event)
 {
     const bool down = event / event_ports % 2 == 0;
     const std::string request =
@@ -27,8 +24,8 @@ void raise_event(int board_socket, uint32_t event)
          "board");
 }
 
-std::vector<int64_t> raise_events(int board_socket, receipts &told, uint32_t subscribers,
-                                  uint32_t count)
+static std::vector<int64_t> raise_events(int board_socket, receipts &told, uint32_t subscribers,
+                                         uint32_t count)
 {
     std::vector<int64_t> times(count);
     for (uint32_t event = 0; event < count; event++) {
@@ -43,7 +40,7 @@ std::vector<int64_t> raise_events(int board_socket, receipts &told, uint32_t sub
     return times;
 }
 
-int run(std::span<char *> words)
+static int run(std::span<char *> words)
 {
     if (words.size() != 4)
         fail("events BOARD RECEIPTS SUBSCRIBERS");
@@ -56,8 +53,6 @@ int run(std::span<char *> words)
     });
     return 0;
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

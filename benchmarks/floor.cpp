@@ -1,15 +1,16 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* floor - what no service can be below: a bare SOCK_SEQPACKET connection for each client, one epoll
    loop on both sides, and signals of the sizes of ours with nothing in them but their kind. */
-#include "harness.h"
+#include "benchmarks/harness.h"
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+using namespace bench;
+
 namespace
 {
-
-using namespace bench;
 
 struct message {
     request_kind kind;
@@ -46,12 +47,14 @@ class floor_client : public client
     message signal = {};
 };
 
-std::unique_ptr<client> connect(const std::string &address)
+} // namespace
+
+static std::unique_ptr<client> connect(const std::string &address)
 {
     return std::make_unique<floor_client>(address);
 }
 
-void subscribe(const std::string &address, receipts &told)
+static void subscribe(const std::string &address, receipts &told)
 {
     floor_client connection(address);
     connection.call(request_kind::subscribe);
@@ -61,6 +64,9 @@ void subscribe(const std::string &address, receipts &told)
         told.note_told();
     }
 }
+
+namespace
+{
 
 class server
 {
@@ -120,12 +126,12 @@ class server
     std::vector<int> subscribers;
 };
 
-void serve(const std::string &address, board &events)
+} // namespace
+
+static void serve(const std::string &address, board &events)
 {
     server(address, events).serve();
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* growth - clients of the real server, by the hundred, to see what an operation costs when there
    are many of them and many subscriptions: growth BOARD, then lines on stdin. Client 0 is the
    oldest.
@@ -10,22 +11,22 @@
                              nanoseconds of subscribing to SFP info, subscribing to port status,
    four link events, unsubscribing from SFP info and from port status; eight numbers a time lose
    CLIENT             ends that client and waits until nothing of it is left at the board. */
-#include "tesk_link.h"
+#include "benchmarks/tesk_link.h"
 
 #include <deque>
 #include <functional>
 #include <pthread.h>
 #include <sys/socket.h>
 
-namespace
-{
-
 using namespace bench;
 
 /* How many requests of a client are on their way when it gets its subscriptions. */
-constexpr uint32_t window = 32;
-constexpr uint32_t cycle_port = 0;
-constexpr uint32_t events_a_cycle = 4;
+static constexpr uint32_t window = 32;
+static constexpr uint32_t cycle_port = 0;
+static constexpr uint32_t events_a_cycle = 4;
+
+namespace
+{
 
 /* A client with its thread, to which a mailbox is bound. */
 class worker
@@ -113,12 +114,19 @@ struct procedure {
     uint32_t request;
     uint32_t last_answer;
 };
-constexpr procedure subscribe_sfp = {TESK_SUBSCRIBE_SFP_INFO_REQ, TESK_SFP_INFO_IND};
-constexpr procedure subscribe_status = {TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_PORT_STATUS_IND};
-constexpr procedure unsubscribe_sfp = {TESK_UNSUBSCRIBE_SFP_INFO_REQ,
-                                       TESK_UNSUBSCRIBE_SFP_INFO_CFM};
-constexpr procedure unsubscribe_status = {TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
-                                          TESK_UNSUBSCRIBE_PORT_STATUS_CFM};
+
+} // namespace
+
+static constexpr procedure subscribe_sfp = {TESK_SUBSCRIBE_SFP_INFO_REQ, TESK_SFP_INFO_IND};
+static constexpr procedure subscribe_status = {TESK_SUBSCRIBE_PORT_STATUS_REQ,
+                                               TESK_PORT_STATUS_IND};
+static constexpr procedure unsubscribe_sfp = {TESK_UNSUBSCRIBE_SFP_INFO_REQ,
+                                              TESK_UNSUBSCRIBE_SFP_INFO_CFM};
+static constexpr procedure unsubscribe_status = {TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
+                                                 TESK_UNSUBSCRIBE_PORT_STATUS_CFM};
+
+namespace
+{
 
 class bench_clients
 {
@@ -271,7 +279,9 @@ class bench_clients
     std::vector<std::unique_ptr<worker>> clients;
 };
 
-int run(std::span<char *> words)
+} // namespace
+
+static int run(std::span<char *> words)
 {
     if (words.size() != 2)
         fail("growth BOARD");
@@ -279,8 +289,6 @@ int run(std::span<char *> words)
     answer_lines([&](const std::vector<std::string> &line) { return clients.carry_out(line); });
     return 0;
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

@@ -1,20 +1,17 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* grpc - gRPC over a Unix socket with the callback interface, which its documentation advises for
    servers; a subscription is a stream of answers. Each client has a channel of its own, as clients
    in processes of their own have. */
-#include "harness.h"
-
+#include "benchmarks/harness.h"
 #include "grpc.grpc.pb.h"
 
 #include <grpcpp/grpcpp.h>
 #include <semaphore>
 #include <sys/epoll.h>
 
-namespace
-{
-
 using namespace bench;
 
-std::unique_ptr<Board::Stub> connect_stub(const std::string &address)
+static std::unique_ptr<Board::Stub> connect_stub(const std::string &address)
 {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
@@ -22,7 +19,7 @@ std::unique_ptr<Board::Stub> connect_stub(const std::string &address)
                                                     grpc::InsecureChannelCredentials(), arguments));
 }
 
-Request make_request(request_kind kind)
+static Request make_request(request_kind kind)
 {
     Request request;
     request.set_kind(static_cast<uint32_t>(kind));
@@ -30,11 +27,14 @@ Request make_request(request_kind kind)
     return request;
 }
 
-void check(const grpc::Status &status)
+static void check(const grpc::Status &status)
 {
     if (!status.ok())
         fail(status.error_message());
 }
+
+namespace
+{
 
 class grpc_client : public client
 {
@@ -79,13 +79,15 @@ class grpc_client : public client
     std::counting_semaphore<> answered{0};
 };
 
-std::unique_ptr<client> connect(const std::string &address)
+} // namespace
+
+static std::unique_ptr<client> connect(const std::string &address)
 {
     return std::make_unique<grpc_client>(address);
 }
 
 /* The server sends a first answer when the stream stands. */
-void subscribe(const std::string &address, receipts &told)
+static void subscribe(const std::string &address, receipts &told)
 {
     const std::unique_ptr<Board::Stub> stub = connect_stub(address);
     grpc::ClientContext context;
@@ -98,6 +100,9 @@ void subscribe(const std::string &address, receipts &told)
         told.note_told();
     check(stream->Finish());
 }
+
+namespace
+{
 
 /* One subscriber's stream, which takes one answer at a time. */
 class stream : public grpc::ServerWriteReactor<Answer>
@@ -172,7 +177,9 @@ class service : public Board::CallbackService
     std::vector<stream *> streams;
 };
 
-void serve(const std::string &address, board &events)
+} // namespace
+
+static void serve(const std::string &address, board &events)
 {
     service offered;
     grpc::ServerBuilder builder;
@@ -188,8 +195,6 @@ void serve(const std::string &address, board &events)
             offered.tell_all();
     }
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

@@ -1,4 +1,5 @@
-#include "harness.h"
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "benchmarks/harness.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -28,13 +29,10 @@
 namespace bench
 {
 
-namespace
-{
-
 /* Nothing that is measured takes as long: something is broken. */
-constexpr timespec patience = {60, 0};
+static constexpr timespec patience = {60, 0};
 
-sockaddr_un address_of(const std::string &path)
+static sockaddr_un address_of(const std::string &path)
 {
     sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
     if (path.size() >= sizeof(address.sun_path))
@@ -43,7 +41,7 @@ sockaddr_un address_of(const std::string &path)
     return address;
 }
 
-int bind_or_connect(const std::string &path, decltype(&::connect) attach)
+static int bind_or_connect(const std::string &path, decltype(&::connect) attach)
 {
     const sockaddr_un address = address_of(path);
     const int fd = need(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0), "socket");
@@ -51,19 +49,19 @@ int bind_or_connect(const std::string &path, decltype(&::connect) attach)
     return fd;
 }
 
-long futex(std::atomic<uint32_t> &word, int operation, uint32_t value)
+static long futex(std::atomic<uint32_t> &word, int operation, uint32_t value)
 {
     return syscall(SYS_futex, reinterpret_cast<uint32_t *>(&word), operation, value, &patience,
                    nullptr, 0);
 }
 
-void count_up(std::atomic<uint32_t> &word)
+static void count_up(std::atomic<uint32_t> &word)
 {
     word.fetch_add(1);
     futex(word, FUTEX_WAKE, INT_MAX);
 }
 
-void await(std::atomic<uint32_t> &word, uint32_t count)
+static void await(std::atomic<uint32_t> &word, uint32_t count)
 {
     for (uint32_t seen = word; seen < count; seen = word)
         if (futex(word, FUTEX_WAIT, seen) != 0 && errno == ETIMEDOUT)
@@ -71,7 +69,7 @@ void await(std::atomic<uint32_t> &word, uint32_t count)
                  " subscribers were heard of");
 }
 
-std::vector<int64_t> time_calls(client &caller, request_kind kind, uint32_t count)
+static std::vector<int64_t> time_calls(client &caller, request_kind kind, uint32_t count)
 {
     std::vector<int64_t> times(count);
     for (int64_t &time : times) {
@@ -82,7 +80,7 @@ std::vector<int64_t> time_calls(client &caller, request_kind kind, uint32_t coun
     return times;
 }
 
-int64_t time_flight(client &caller, request_kind kind, uint32_t count, uint32_t window)
+static int64_t time_flight(client &caller, request_kind kind, uint32_t count, uint32_t window)
 {
     const int64_t start = now_ns();
     for (uint32_t sent = 0; sent < window; sent++)
@@ -95,7 +93,7 @@ int64_t time_flight(client &caller, request_kind kind, uint32_t count, uint32_t 
     return now_ns() - start;
 }
 
-void be_client(client &caller)
+static void be_client(client &caller)
 {
     answer_lines([&](const std::vector<std::string> &words) -> std::vector<int64_t> {
         const auto kind = static_cast<request_kind>(std::stoul(words.at(1)));
@@ -107,8 +105,8 @@ void be_client(client &caller)
 }
 
 /* Subscribers are threads with small stacks, since there may be many. */
-void be_subscribers(const measured_system &system, const std::string &address, receipts &told,
-                    uint32_t count)
+static void be_subscribers(const measured_system &system, const std::string &address,
+                           receipts &told, uint32_t count)
 {
     auto subscribe = [&] {
         try {
@@ -125,8 +123,8 @@ void be_subscribers(const measured_system &system, const std::string &address, r
 }
 
 /* The children go when their parent goes. */
-void fork_subscribers(const measured_system &system, const std::string &address,
-                      const std::string &path, uint32_t processes, uint32_t each)
+static void fork_subscribers(const measured_system &system, const std::string &address,
+                             const std::string &path, uint32_t processes, uint32_t each)
 {
     receipts told(path);
     for (uint32_t index = 0; index < processes; index++) {
@@ -143,7 +141,7 @@ void fork_subscribers(const measured_system &system, const std::string &address,
     fail("a process of the subscribers has ended");
 }
 
-int play_role(const measured_system &system, std::span<char *> words)
+static int play_role(const measured_system &system, std::span<char *> words)
 {
     const std::vector<std::string> args(words.begin() + 1, words.end());
     if (args.size() == 3 && args[0] == "serve" && system.serve != nullptr) {
@@ -159,8 +157,6 @@ int play_role(const measured_system &system, std::span<char *> words)
     }
     return 0;
 }
-
-} // namespace
 
 int64_t now_ns()
 {

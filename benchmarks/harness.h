@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* harness - what all measured systems share: how a system is described, the programs' roles and
    command lines, the stand-in for the board, and the record of who was told of an event when.
 

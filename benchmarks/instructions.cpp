@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* instructions - the server's procedures one by one, on the scripted libraries, for callgrind to
    count the instructions of the server's own modules. Everything comes in the same order each time,
    so the counts repeat to the instruction.
@@ -5,12 +6,11 @@
    Prints, as JSON, how often each procedure ran and how many traces it passed; those are counted
    when the groups are on, which the argument "traces" does. Callgrind writes one profile for each
    procedure, triggered by its name. */
-#include "scripted.h"
-
-#include "tesk_event_queue.h"
-#include "tesk_main.h"
-#include "tesk_portsub.h"
-#include "tesk_signals.h"
+#include "tesk_server/tesk_event_queue.h"
+#include "tesk_server/tesk_main.h"
+#include "tesk_server/tesk_portsub.h"
+#include "tesk_server/tesk_signals.h"
+#include "testkit/fake_platform/fake_platform.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -19,77 +19,75 @@
 #include <string>
 #include <valgrind/callgrind.h>
 
-namespace
-{
+static constexpr uint32_t times = 100;
+static constexpr uint32_t many = 1000; /* clients, and ports */
+static constexpr uint32_t first_mailbox = 0x1000;
 
-constexpr uint32_t times = 100;
-constexpr uint32_t many = 1000; /* clients, and ports */
-constexpr uint32_t first_mailbox = 0x1000;
+static std::string results;
 
-std::string results;
-
-uint32_t mailbox_of(uint32_t client)
+static uint32_t mailbox_of(uint32_t client)
 {
     return first_mailbox + client;
 }
 
 /* The n-th client to connect has the number n. */
-void send(uint32_t client, uint32_t number, const std::vector<uint32_t> &words)
+static void send(uint32_t client, uint32_t number, const std::vector<uint32_t> &words)
 {
-    scripted::deliver(mailbox_of(client), number, words);
+    fake_platform::deliver(mailbox_of(client), number, words);
     tesk_handle_mailbox();
-    scripted::sent.clear();
+    fake_platform::sent.clear();
 }
 
-void connect(uint32_t client)
+static void connect(uint32_t client)
 {
     send(client, TESK_CONN_ESTABLISH_REQ, {0, 0, 1, 1});
 }
 
-void lose(uint32_t client)
+static void lose(uint32_t client)
 {
-    scripted::deliver_host(mailbox_of(client), MBX_MONITOR_DEFAULT_NO, {});
+    fake_platform::deliver_host(mailbox_of(client), MBX_MONITOR_DEFAULT_NO, {});
     tesk_handle_mailbox();
 }
 
-void ask(uint32_t client, uint32_t number, uint32_t port)
+static void ask(uint32_t client, uint32_t number, uint32_t port)
 {
     send(client, number, {0, client, port, 0});
 }
 
-void raise_link_event(uint32_t port, uint32_t state)
+static void raise_link_event(uint32_t port, uint32_t state)
 {
-    const int freed = scripted::freed_events();
+    const int freed = fake_platform::freed_events();
     dolm_ric_event event = {};
     event.type = DOLM_RICEVT_RILINKSTATUS;
     event.link_status.id = 0x00020000 | port;
     event.link_status.state = state;
-    scripted::raise_event(event);
-    while (scripted::freed_events() == freed)
+    fake_platform::raise_event(event);
+    while (fake_platform::freed_events() == freed)
         sched_yield();
-    scripted::await_event_thread();
+    fake_platform::await_event_thread();
     tesk_handle_queued_events();
-    scripted::sent.clear();
+    fake_platform::sent.clear();
 }
 
-void tick(uint32_t port)
+static void tick(uint32_t port)
 {
     const auto bucket = static_cast<uint32_t>(tesk_portsub_get_bucket_id(port));
-    scripted::deliver_host(scripted::own_mailbox, TESK_PORT_STATUS_FILTER_TICK, {bucket, port});
+    fake_platform::deliver_host(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK,
+                                {bucket, port});
     tesk_handle_mailbox();
 }
 
-long count_traces()
+static long count_traces()
 {
-    const auto log = scripted::take_log();
+    const auto log = fake_platform::take_log();
     return std::count_if(log.begin(), log.end(),
                          [](const std::string &line) { return line.starts_with('['); });
 }
 
 /* Runs it with 0, 1, ... and has that counted. */
-void count(const char *name, const std::function<void(uint32_t)> &run)
+static void count(const char *name, const std::function<void(uint32_t)> &run)
 {
-    scripted::take_log();
+    fake_platform::take_log();
     CALLGRIND_ZERO_STATS;
     for (uint32_t index = 0; index < times; index++)
         run(index);
@@ -99,12 +97,12 @@ void count(const char *name, const std::function<void(uint32_t)> &run)
                ", \"traces\": " + std::to_string(count_traces()) + "}";
 }
 
-void count_for(const char *name, uint32_t client, uint32_t number, uint32_t first_port = 0)
+static void count_for(const char *name, uint32_t client, uint32_t number, uint32_t first_port = 0)
 {
     count(name, [=](uint32_t index) { ask(client, number, first_port + index); });
 }
 
-void hold_ports(uint32_t client, uint32_t first, uint32_t last)
+static void hold_ports(uint32_t client, uint32_t first, uint32_t last)
 {
     for (uint32_t port = first; port < last; port++) {
         ask(client, TESK_SUBSCRIBE_SFP_INFO_REQ, port);
@@ -112,7 +110,7 @@ void hold_ports(uint32_t client, uint32_t first, uint32_t last)
     }
 }
 
-void drop_ports(uint32_t client, uint32_t first, uint32_t last)
+static void drop_ports(uint32_t client, uint32_t first, uint32_t last)
 {
     for (uint32_t port = first; port < last; port++) {
         ask(client, TESK_UNSUBSCRIBE_SFP_INFO_REQ, port);
@@ -121,7 +119,7 @@ void drop_ports(uint32_t client, uint32_t first, uint32_t last)
 }
 
 /* The client's number is its mailbox's, so numbers that were spent on lost clients are skipped. */
-void count_all()
+static void count_all()
 {
     count("establish a connection", connect);
     count("lose a client", [](uint32_t index) { lose(times - 1 - index); });
@@ -165,25 +163,23 @@ void count_all()
           [=](uint32_t index) { lose(alice + many - 1 - index); });
 }
 
-} // namespace
-
 int main(int, char **words)
 {
     if (words[1] != nullptr && std::string_view(words[1]) == "traces")
-        scripted::reset({1, 4, 12, 13, 17, 18});
+        fake_platform::reset({1, 4, 12, 13, 17, 18});
     else
-        scripted::reset();
+        fake_platform::reset();
     for (uint32_t port = 0; port < many + times; port++)
-        scripted::ports[port] = {.status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODINSERTED |
-                                           DOLM_RICRIPORT_MODREADY,
-                                 .link_state = DOLM_RICRILINKSTATE_OPERATIONAL,
-                                 .speed = 0x0040,
-                                 .module = {},
-                                 .module_status = {},
-                                 .diag = {}};
+        fake_platform::ports[port] = {
+            .status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODINSERTED | DOLM_RICRIPORT_MODREADY,
+            .link_state = DOLM_RICRILINKSTATE_OPERATIONAL,
+            .speed = 0x0040,
+            .module = {},
+            .module_status = {},
+            .diag = {}};
     if (tesk_server_init() != 0)
         return 1;
-    scripted::await_event_thread();
+    fake_platform::await_event_thread();
     count_all();
     std::puts((results + "}").c_str());
     tesk_server_shutdown();

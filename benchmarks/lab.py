@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """lab - starts what is measured, pins it, talks to it, and leaves nothing behind."""
 import ctypes
 import json

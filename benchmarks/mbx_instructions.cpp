@@ -1,9 +1,9 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_instructions - what libmbx spends in user space on a signal, for callgrind to count: a
    server's mailbox and some clients in processes of their own, which answer each signal with one,
    so that everything comes in the same order each time. Prints, as JSON, how often each thing was
    done; callgrind writes one profile for each. */
-#include "harness.h"
-
+#include "benchmarks/harness.h"
 #include "platform/mbx/mbx.h"
 
 #include <csignal>
@@ -13,30 +13,32 @@
 #include <valgrind/callgrind.h>
 #include <vector>
 
-namespace
-{
-
 using namespace bench;
 
-constexpr uint32_t times = 200;
-constexpr char name[] = "instructions";
+static constexpr uint32_t times = 200;
+static constexpr char name[] = "instructions";
 
-std::string results;
-std::vector<uint32_t> clients;
+static std::string results;
+static std::vector<uint32_t> clients;
 
-void send(uint32_t receiver)
+static void send(uint32_t receiver)
 {
     mbx_signal *signal = mbx_alloc(event_size, 1);
     mbx_send(&signal, receiver, MBX_OWN_MAILBOX);
 }
+
+namespace
+{
 
 struct received {
     uint32_t number;
     uint32_t sender;
 };
 
+} // namespace
+
 /* As a server does: it is called when the descriptor is readable, and for any signal. */
-received receive()
+static received receive()
 {
     pollfd wanted = {mbx_get_fd(), POLLIN, 0};
     while (poll(&wanted, 1, -1) != 1) {
@@ -47,7 +49,7 @@ received receive()
     return result;
 }
 
-[[noreturn]] void be_a_client()
+[[noreturn]] static void be_a_client()
 {
     if (mbx_init(5, 0, 0, 0, 0) != 0 || mbx_create_mailbox(nullptr, 0) == MBX_NO_MAILBOX)
         _exit(1);
@@ -59,14 +61,14 @@ received receive()
     _exit(0);
 }
 
-void add_client()
+static void add_client()
 {
     if (need(fork(), "fork") == 0)
         be_a_client();
     clients.push_back(receive().sender);
 }
 
-void count(const char *what, const std::function<void()> &run)
+static void count(const char *what, const std::function<void()> &run)
 {
     run(); /* what is done once only */
     CALLGRIND_ZERO_STATS;
@@ -77,7 +79,7 @@ void count(const char *what, const std::function<void()> &run)
                "\": {\"times\": " + std::to_string(times) + "}";
 }
 
-void exchange_with_each()
+static void exchange_with_each()
 {
     for (const uint32_t client : clients)
         send(client);
@@ -85,7 +87,7 @@ void exchange_with_each()
         receive();
 }
 
-int run(std::span<char *>)
+static int run(std::span<char *>)
 {
     if (mbx_init(5, 0, 0, 0, 0) != 0)
         fail("no mailbox library");
@@ -102,8 +104,6 @@ int run(std::span<char *>)
     mbx_exit();
     return 0;
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

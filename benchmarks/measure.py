@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """measure - the measurements of ./bench: each gives a list of rows for the report.
 
 All systems of a measurement run at once and take turns, so that what the machine does meanwhile

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """pictures - the SVG pictures of docs/performance.md: lines over logarithmic axes."""
 import math
 import re

@@ -1,16 +1,14 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* redis - Redis through hiredis: a request is a GET of what would be answered, many are pipelined,
    an event is a PUBLISH by a process of its own. ADDRESS is the path of redis-server's socket. */
-#include "harness.h"
+#include "benchmarks/harness.h"
 
 #include <hiredis/hiredis.h>
 #include <sys/epoll.h>
 
-namespace
-{
-
 using namespace bench;
 
-redisContext *connect_redis(const std::string &path)
+static redisContext *connect_redis(const std::string &path)
 {
     redisContext *context = redisConnectUnix(path.c_str());
     if (context == nullptr || context->err != 0)
@@ -18,12 +16,15 @@ redisContext *connect_redis(const std::string &path)
     return context;
 }
 
-void free_good(void *reply)
+static void free_good(void *reply)
 {
     if (reply == nullptr || static_cast<redisReply *>(reply)->type == REDIS_REPLY_ERROR)
         fail("redis-server refuses a command");
     freeReplyObject(reply);
 }
+
+namespace
+{
 
 class redis_client : public client
 {
@@ -58,12 +59,14 @@ class redis_client : public client
     redisContext *context;
 };
 
-std::unique_ptr<client> connect(const std::string &address)
+} // namespace
+
+static std::unique_ptr<client> connect(const std::string &address)
 {
     return std::make_unique<redis_client>(address);
 }
 
-void subscribe(const std::string &address, receipts &told)
+static void subscribe(const std::string &address, receipts &told)
 {
     redis_client connection(address);
     connection.subscribe();
@@ -74,7 +77,7 @@ void subscribe(const std::string &address, receipts &told)
     }
 }
 
-void serve(const std::string &address, board &events)
+static void serve(const std::string &address, board &events)
 {
     static constexpr char payload[largest_size] = {};
     redisContext *context = connect_redis(address);
@@ -90,8 +93,6 @@ void serve(const std::string &address, board &events)
             free_good(redisCommand(context, "PUBLISH events %b", payload, event_size));
     }
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

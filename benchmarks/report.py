@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """report - the tables of a run, what of the goals is met, and docs/performance.md."""
 import datetime
 import os

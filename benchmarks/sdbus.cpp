@@ -1,7 +1,8 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* sdbus - D-Bus through sd-bus, as its manual pages advise: by an address that starts with "bus:"
    through a dbus-daemon, by one that starts with "peer:" straight from peer to peer. Answers and
    events carry bytes, which is the cheapest that D-Bus has. */
-#include "harness.h"
+#include "benchmarks/harness.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -10,35 +11,37 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
-namespace
-{
-
 using namespace bench;
 
-constexpr char service_name[] = "bench.Service";
-constexpr char object_path[] = "/bench";
-constexpr char interface_name[] = "bench.Interface";
-constexpr const char *method_names[] = {"GetCapabilities", "GetPmCounters", "Subscribe"};
+static constexpr char service_name[] = "bench.Service";
+static constexpr char object_path[] = "/bench";
+static constexpr char interface_name[] = "bench.Interface";
+static constexpr const char *method_names[] = {"GetCapabilities", "GetPmCounters", "Subscribe"};
 
-constexpr std::string_view bus_prefix = "bus:";
+static constexpr std::string_view bus_prefix = "bus:";
 
-void check(int result, const char *what)
+static void check(int result, const char *what)
 {
     if (result < 0)
         fail(std::string(what) + ": " + std::strerror(-result));
 }
+
+namespace
+{
 
 struct way {
     bool through_daemon;
     std::string path;
 };
 
-way parse(const std::string &address)
+} // namespace
+
+static way parse(const std::string &address)
 {
     return {address.starts_with(bus_prefix), address.substr(address.find(':') + 1)};
 }
 
-sd_bus *connect_bus(const way &to)
+static sd_bus *connect_bus(const way &to)
 {
     sd_bus *bus = nullptr;
     check(sd_bus_new(&bus), "sd_bus_new");
@@ -48,7 +51,7 @@ sd_bus *connect_bus(const way &to)
     return bus;
 }
 
-sd_bus_message *make_call(sd_bus *bus, bool through_daemon, request_kind kind)
+static sd_bus_message *make_call(sd_bus *bus, bool through_daemon, request_kind kind)
 {
     static constexpr char payload[largest_size] = {};
     sd_bus_message *message = nullptr;
@@ -60,6 +63,9 @@ sd_bus_message *make_call(sd_bus *bus, bool through_daemon, request_kind kind)
           "sd_bus_message_append_array");
     return message;
 }
+
+namespace
+{
 
 class sdbus_client : public client
 {
@@ -127,12 +133,14 @@ class sdbus_client : public client
     uint32_t taken = 0;
 };
 
-std::unique_ptr<client> connect(const std::string &address)
+} // namespace
+
+static std::unique_ptr<client> connect(const std::string &address)
 {
     return std::make_unique<sdbus_client>(address);
 }
 
-void subscribe(const std::string &address, receipts &told)
+static void subscribe(const std::string &address, receipts &told)
 {
     sdbus_client connection(address);
     connection.subscribe();
@@ -143,6 +151,9 @@ void subscribe(const std::string &address, receipts &told)
     }
 }
 
+namespace
+{
+
 /* One event loop; from peer to peer each client has a connection of its own. */
 struct server {
     board &events;
@@ -151,7 +162,9 @@ struct server {
     std::vector<sd_bus *> subscribers;
 };
 
-int answer_with(sd_bus_message *request, request_kind kind)
+} // namespace
+
+static int answer_with(sd_bus_message *request, request_kind kind)
 {
     static constexpr char payload[largest_size] = {};
     sd_bus_message *answer = nullptr;
@@ -163,23 +176,23 @@ int answer_with(sd_bus_message *request, request_kind kind)
     return result;
 }
 
-int get_capabilities(sd_bus_message *request, void *, sd_bus_error *)
+static int get_capabilities(sd_bus_message *request, void *, sd_bus_error *)
 {
     return answer_with(request, request_kind::capabilities);
 }
 
-int get_pm_counters(sd_bus_message *request, void *, sd_bus_error *)
+static int get_pm_counters(sd_bus_message *request, void *, sd_bus_error *)
 {
     return answer_with(request, request_kind::pm_counters);
 }
 
-int subscribe_peer(sd_bus_message *request, void *self, sd_bus_error *)
+static int subscribe_peer(sd_bus_message *request, void *self, sd_bus_error *)
 {
     static_cast<server *>(self)->subscribers.push_back(sd_bus_message_get_bus(request));
     return answer_with(request, request_kind::subscribe);
 }
 
-const sd_bus_vtable vtable[] = {
+static const sd_bus_vtable vtable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("GetCapabilities", "ay", "ay", get_capabilities, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("GetPmCounters", "ay", "ay", get_pm_counters, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -187,14 +200,14 @@ const sd_bus_vtable vtable[] = {
     SD_BUS_SIGNAL("Event", "ay", 0),
     SD_BUS_VTABLE_END};
 
-void offer(sd_bus *bus, server &self)
+static void offer(sd_bus *bus, server &self)
 {
     check(sd_bus_add_object_vtable(bus, nullptr, object_path, interface_name, vtable, &self),
           "sd_bus_add_object_vtable");
     check(sd_bus_attach_event(bus, self.loop, 0), "sd_bus_attach_event");
 }
 
-void emit(sd_bus *bus)
+static void emit(sd_bus *bus)
 {
     static constexpr char payload[largest_size] = {};
     sd_bus_message *message = nullptr;
@@ -206,7 +219,7 @@ void emit(sd_bus *bus)
     sd_bus_message_unref(message);
 }
 
-int tell_subscribers(sd_event_source *, int, uint32_t, void *data)
+static int tell_subscribers(sd_event_source *, int, uint32_t, void *data)
 {
     server &self = *static_cast<server *>(data);
     for (uint32_t count = self.events.take(); count > 0; count--)
@@ -218,13 +231,13 @@ int tell_subscribers(sd_event_source *, int, uint32_t, void *data)
     return 0;
 }
 
-int forget_peer(sd_bus_message *message, void *data, sd_bus_error *)
+static int forget_peer(sd_bus_message *message, void *data, sd_bus_error *)
 {
     std::erase(static_cast<server *>(data)->subscribers, sd_bus_message_get_bus(message));
     return 0;
 }
 
-int accept_peer(sd_event_source *, int listener, uint32_t, void *data)
+static int accept_peer(sd_event_source *, int listener, uint32_t, void *data)
 {
     server &self = *static_cast<server *>(data);
     const int fd =
@@ -244,7 +257,7 @@ int accept_peer(sd_event_source *, int listener, uint32_t, void *data)
     return 0;
 }
 
-int listen_for_peers(const std::string &path)
+static int listen_for_peers(const std::string &path)
 {
     const int fd = need(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
     sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
@@ -254,7 +267,7 @@ int listen_for_peers(const std::string &path)
     return fd;
 }
 
-void serve(const std::string &address, board &events)
+static void serve(const std::string &address, board &events)
 {
     const way from = parse(address);
     server self = {.events = events, .loop = nullptr, .daemon = nullptr, .subscribers = {}};
@@ -272,8 +285,6 @@ void serve(const std::string &address, board &events)
           "sd_event_add_io");
     check(sd_event_loop(self.loop), "sd_event_loop");
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

@@ -1,13 +1,14 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk - the real server, as any client sees it; the server itself is started by other hands. */
-#include "tesk_link.h"
-
-namespace
-{
+#include "benchmarks/tesk_link.h"
 
 using namespace bench;
 
 /* A port's filter lets four events pass; so events go round these ports. */
-constexpr uint32_t event_ports = 4;
+static constexpr uint32_t event_ports = 4;
+
+namespace
+{
 
 class tesk_client : public client
 {
@@ -27,12 +28,14 @@ class tesk_client : public client
     tesk_link link;
 };
 
-std::unique_ptr<client> connect(const std::string &)
+} // namespace
+
+static std::unique_ptr<client> connect(const std::string &)
 {
     return std::make_unique<tesk_client>();
 }
 
-void subscribe(const std::string &, receipts &told)
+static void subscribe(const std::string &, receipts &told)
 {
     tesk_link link(tesk_link::waits::in_library);
     for (uint32_t port = 0; port < event_ports; port++)
@@ -43,8 +46,6 @@ void subscribe(const std::string &, receipts &told)
         told.note_told();
     }
 }
-
-} // namespace
 
 int main(int count, char **words)
 {

@@ -1,4 +1,5 @@
-#include "tesk_link.h"
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "benchmarks/tesk_link.h"
 
 #include <cerrno>
 #include <cstring>
@@ -8,10 +9,7 @@
 namespace bench
 {
 
-namespace
-{
-
-uint32_t size_of(uint32_t number)
+static uint32_t size_of(uint32_t number)
 {
     if (number == TESK_GET_CAPABILITIES_REQ)
         return sizeof(tesk_get_capabilities_req);
@@ -20,14 +18,12 @@ uint32_t size_of(uint32_t number)
     return sizeof(tesk_port_signal);
 }
 
-bool is_rejection(uint32_t number)
+static bool is_rejection(uint32_t number)
 {
     return number == TESK_CONN_ESTABLISH_REJ || number == TESK_SUBSCRIBE_SFP_INFO_REJ ||
            number == TESK_GET_PM_COUNTERS_REJ || number == TESK_UNSUBSCRIBE_SFP_INFO_REJ ||
            number == TESK_SUBSCRIBE_PORT_STATUS_REJ || number == TESK_UNSUBSCRIBE_PORT_STATUS_REJ;
 }
-
-} // namespace
 
 tesk_link::tesk_link(waits where, int64_t patience_ns)
 {

@@ -1,10 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_link - the calling thread's connection to the server: its mailbox and the wire's records. */
 #pragma once
 
-#include "harness.h"
-#include "tesk_server/tesk_signals.h"
-
+#include "benchmarks/harness.h"
 #include "platform/mbx/mbx.h"
+#include "tesk_server/tesk_signals.h"
 
 namespace bench
 {

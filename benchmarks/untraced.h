@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* untraced - put before the server's sources: to them no trace group is ever on, so that the
    compiler leaves the traces out. */
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Builds for arm64 with Debian's cross compiler. The libraries come from a folder that
 # scripts/arm64-sysroot fills; ARM64_SYSROOT in the environment says where another one is.
 set(CMAKE_SYSTEM_NAME Linux)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # tesk_options: the warnings and sanitizers that all our sources are built with.
 set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 option(TESK_COVERAGE "Build for a line coverage report" OFF)
@@ -6,7 +7,7 @@ add_library(tesk_options INTERFACE)
 target_compile_options(tesk_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wmissing-declarations -Werror
   -fno-common)
-target_include_directories(tesk_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
+target_include_directories(tesk_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
 
 if(TESK_SANITIZE)
   add_compile_options(-fsanitize=${TESK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
@@ -24,4 +25,14 @@ function(tesk_export_only target)
   set(map ${CMAKE_CURRENT_SOURCE_DIR}/${target}.map)
   target_link_options(${target} PRIVATE LINKER:--version-script=${map})
   set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN")
+endfunction()
+
+# tesk_install_man(PAGE COMPONENT..): installs a manual page with the version of the project in it.
+function(tesk_install_man page)
+  cmake_path(GET page FILENAME name)
+  cmake_path(GET page EXTENSION LAST_ONLY section)
+  string(SUBSTRING ${section} 1 -1 section)
+  configure_file(${page} ${CMAKE_CURRENT_BINARY_DIR}/man/${name} @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/${name}
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} ${ARGN})
 endfunction()

@@ -1,5 +1,7 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Shows a port as it changes: client [PORT [SECONDS]]. */
 #include "tesk_client/tesk_client.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 

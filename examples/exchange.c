@@ -1,6 +1,8 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Talks to tesk-server without the client library and shows each signal as bytes: exchange [PORT].
    It is the exchange of docs/protocol.md. */
 #include "platform/mbx/mbx.h"
+
 #include <arpa/inet.h>
 #include <stdbool.h>
 #include <stdio.h>

@@ -1,10 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Crowds, strangers and misbehaviour, in real processes: what they may cost and whom they may not
    hold up. TESK_LONG=1 runs the counts that take minutes. */
-#include "system.h"
-
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_socket.h"
-#include "tesk_signals.h"
+#include "tesk_server/tesk_signals.h"
+#include "testkit/processes/processes.h"
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -44,19 +44,19 @@ static std::string read_from(const std::string &file, size_t position)
 }
 
 /* A connected client. */
-struct client : rig::puppet {
+struct client : testkit::test_client {
     const uint32_t id = connect(7);
     uint32_t next = 0;
 
     bool is_answered()
     {
-        const rig::message answer = ask(TESK_GET_CAPABILITIES_REQ, {++next, id});
+        const testkit::message answer = ask(TESK_GET_CAPABILITIES_REQ, {++next, id});
         return answer.number() == TESK_GET_CAPABILITIES_CFM && answer.word(4) == next;
     }
     /* To the modules; takes the first indication. */
     void subscribe(uint32_t port)
     {
-        const rig::message answer = ask(TESK_SUBSCRIBE_SFP_INFO_REQ, {1, id, port});
+        const testkit::message answer = ask(TESK_SUBSCRIBE_SFP_INFO_REQ, {1, id, port});
         EXPECT_EQ(answer.number(), uint32_t{TESK_SUBSCRIBE_SFP_INFO_CFM});
         receive();
     }
@@ -64,14 +64,14 @@ struct client : rig::puppet {
 
 /* Somebody who speaks to the server's socket without our library. */
 struct stranger {
-    owned_fd control{rig::connect_to(std::string(getenv("MBX_DIR")) + "/tesk-server")};
+    owned_fd control{testkit::connect_to(std::string(getenv("MBX_DIR")) + "/tesk-server")};
     datagram_pair pair = make_datagram_pair();
     owned_fd tx; /* what we send signals into, after the greeting */
 
     void greet()
     {
         send_greeting(control.get(), greeting_kind::hello, make_token(), pair.tx.get());
-        rig::await(control.get(), "answer to the greeting");
+        testkit::await(control.get(), "answer to the greeting");
         tx = std::move(receive_greeting(control.get()).value().tx);
     }
     void send(std::vector<uint32_t> words)
@@ -84,7 +84,7 @@ struct stranger {
     uint32_t receive()
     {
         uint32_t words[128] = {};
-        rig::await(pair.rx.get(), "signal");
+        testkit::await(pair.rx.get(), "signal");
         recv(pair.rx.get(), words, sizeof(words), 0);
         return ntohl(words[2]);
     }
@@ -93,7 +93,7 @@ struct stranger {
 class crowd : public testing::Test
 {
   protected:
-    rig::directory directory;
+    testkit::directory directory;
     const std::string traces = directory.path + "/traces";
     const std::string names = directory.path + "/mbx";
     size_t seen = 0;
@@ -105,16 +105,16 @@ class crowd : public testing::Test
 
     static void equip_ports()
     {
-        rig::board("set 0-15 link=up inserted=yes ready=yes readable=yes connector=lc");
+        testkit::board("set 0-15 link=up inserted=yes ready=yes readable=yes connector=lc");
     }
 
     /* The board is as if nobody had ever subscribed, and there are no more descriptors than before
        (fewer, when those who looked for the server were not forgotten yet). */
-    static void expect_nothing_left(const rig::server &server, size_t descriptors)
+    static void expect_nothing_left(const testkit::server &server, size_t descriptors)
     {
-        rig::board("wait unsubscribed 0-15 port");
-        rig::board("wait unsubscribed 0-15 link");
-        EXPECT_LE(rig::await_descriptors(server.pid, descriptors), descriptors);
+        testkit::board("wait unsubscribed 0-15 port");
+        testkit::board("wait unsubscribed 0-15 link");
+        EXPECT_LE(testkit::await_descriptors(server.pid, descriptors), descriptors);
     }
 };
 
@@ -127,12 +127,12 @@ TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
 
-    rig::server server({}, {"/bin/sh", "-c", "ulimit -Sn 1024; exec \"$0\"", executable});
-    const size_t descriptors = rig::descriptors_of(server.pid);
+    testkit::server server({}, {"/bin/sh", "-c", "ulimit -Sn 1024; exec \"$0\"", executable});
+    const size_t descriptors = testkit::descriptors_of(server.pid);
     equip_ports();
-    std::vector<std::unique_ptr<rig::puppet>> all(1000);
+    std::vector<std::unique_ptr<testkit::test_client>> all(1000);
     for (auto &one : all)
-        one = std::make_unique<rig::puppet>();
+        one = std::make_unique<testkit::test_client>();
     for (auto &one : all)
         one->send(TESK_CONN_ESTABLISH_REQ, {1, 1, 1, 1});
     for (auto &one : all)
@@ -140,12 +140,12 @@ TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
     for (auto &one : all)
         for (const uint32_t number : {TESK_SUBSCRIBE_PORT_STATUS_CFM, TESK_PORT_STATUS_IND})
             EXPECT_EQ(one->receive().number(), number);
-    const long memory = rig::status_of(server.pid, "VmRSS");
-    const size_t used = rig::descriptors_of(server.pid);
-    rig::board("set 0 link=down");
+    const long memory = testkit::status_of(server.pid, "VmRSS");
+    const size_t used = testkit::descriptors_of(server.pid);
+    testkit::board("set 0 link=down");
     for (auto &one : all)
         EXPECT_EQ(one->receive().word(16), uint32_t{TESK_CONN_NOT_OPERATIONAL});
-    EXPECT_EQ(rig::board("board").at("subscribed_link"), "1");
+    EXPECT_EQ(testkit::board("board").at("subscribed_link"), "1");
     for (auto &one : all)
         kill(one->pid, SIGKILL);
     all.clear();
@@ -156,22 +156,22 @@ TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
 
 TEST_F(crowd, clients_that_die_anywhere_leave_nothing_behind)
 {
-    rig::server server;
-    const size_t descriptors = rig::descriptors_of(server.pid);
+    testkit::server server;
+    const size_t descriptors = testkit::descriptors_of(server.pid);
     equip_ports();
     std::mt19937 random{5};
     const auto any_moment = [&] { usleep(static_cast<useconds_t>(random() % 3000)); };
-    std::unique_ptr<rig::puppet> alive[3];
+    std::unique_ptr<testkit::test_client> alive[3];
     client witness;
     for (int life = count_of(200, 5000); life > 0; life--) {
         if (random() % 4 == 0) { /* dies on its way in */
-            const pid_t early = rig::start({TESK_BIN_DIR "/puppet", "load"});
+            const pid_t early = testkit::start({TESK_BIN_DIR "/test_client", "load"});
             any_moment();
             kill(early, SIGKILL);
             waitpid(early, nullptr, 0);
         } else {
             auto &one = alive[random() % std::size(alive)];
-            one = std::make_unique<rig::puppet>("load");
+            one = std::make_unique<testkit::test_client>("load");
             ASSERT_EQ(one->located, 0);
             if (random() % 4 != 0)
                 one->receive();
@@ -190,15 +190,15 @@ TEST_F(crowd, clients_that_die_anywhere_leave_nothing_behind)
    subscriptions; a third is told everything at once all the while. */
 TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
 {
-    rig::server server(traced("1,4"));
+    testkit::server server(traced("1,4"));
     equip_ports();
-    rig::puppet deaf("deaf");
+    testkit::test_client deaf("deaf");
     deaf.send(TESK_CONN_ESTABLISH_REQ, {1, 1, 1, 1});
     for (uint32_t port = 0; port < 16; port++) {
         deaf.send(TESK_SUBSCRIBE_SFP_INFO_REQ, {1, 0, port});
         deaf.send(TESK_SUBSCRIBE_PORT_STATUS_REQ, {1, 0, port, 0});
     }
-    rig::board("wait subscribed 15 link");
+    testkit::board("wait subscribed 15 link");
     client stopped;
     client other;
     for (uint32_t port = 0; port < 16; port++)
@@ -209,17 +209,17 @@ TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
             ASSERT_EQ(one.receive().word(16) != TESK_SFP_NOT_PRESENT, count % 2 == 1);
     };
     kill(stopped.pid, SIGSTOP);
-    const long before = rig::status_of(server.pid, "VmHWM");
+    const long before = testkit::status_of(server.pid, "VmHWM");
     int flaps = 0;
     while (flaps % 64 != 0 || read_from(traces, 0).find(lost_line) == std::string::npos) {
         const char *state = flaps % 2 == 0 ? "no" : "yes";
-        rig::board(std::string("set 0-15 inserted=") + state + " ready=" + state);
+        testkit::board(std::string("set 0-15 inserted=") + state + " ready=" + state);
         expect_flap(other, flaps++);
         ASSERT_LT(flaps, 3000) << "he is not given up";
     }
-    rig::board("wait unsubscribed 0-15 link");
-    const long cost = rig::status_of(server.pid, "VmHWM") - before;
-    EXPECT_LT(cost, rig::sanitized ? 200000 : 24576);
+    testkit::board("wait unsubscribed 0-15 link");
+    const long cost = testkit::status_of(server.pid, "VmHWM") - before;
+    EXPECT_LT(cost, testkit::sanitized ? 200000 : 24576);
     kill(stopped.pid, SIGCONT);
     for (int flap = 0; flap < flaps; flap++)
         expect_flap(stopped, flap);
@@ -251,11 +251,11 @@ TEST_F(crowd, a_stranger_harms_nobody)
         {"forges the exit signal", [](stranger &s) { s.greet(), s.send({TESK_EXIT_SIGNAL}); }},
         {"forges a death", [](stranger &s) { s.greet(), s.send({MBX_MONITOR_DEFAULT_NO}); }},
     };
-    rig::server server;
+    testkit::server server;
     client witness;
-    const size_t descriptors = rig::descriptors_of(server.pid);
+    const size_t descriptors = testkit::descriptors_of(server.pid);
     {
-        rig::puppet flood("flood");
+        testkit::test_client flood("flood");
         std::vector<std::unique_ptr<stranger>> all;
         for (const auto &[what, perform] : acts)
             for (int times = 0; times < 3; times++) {
@@ -264,7 +264,7 @@ TEST_F(crowd, a_stranger_harms_nobody)
                 ASSERT_TRUE(witness.is_answered()) << "a stranger that " << what;
             }
         for (int index = 0; index < 3; index++) /* those who said nothing are shown out */
-            rig::await(all[static_cast<size_t>(index)]->control.get(), "end of a silent one");
+            testkit::await(all[static_cast<size_t>(index)]->control.get(), "end of a silent one");
     }
     expect_nothing_left(server, descriptors);
     EXPECT_EQ(server.stop(), 0);
@@ -272,19 +272,19 @@ TEST_F(crowd, a_stranger_harms_nobody)
 
 TEST_F(crowd, a_million_unknown_signals_cost_nothing)
 {
-    const uint32_t number = rig::sanitized ? 100000 : 1000000;
-    rig::server server;
+    const uint32_t number = testkit::sanitized ? 100000 : 1000000;
+    testkit::server server;
     client witness;
-    rig::puppet flood("flood");
+    testkit::test_client flood("flood");
     flood.receive();
-    const long before = rig::status_of(server.pid, "VmRSS");
+    const long before = testkit::status_of(server.pid, "VmRSS");
     const auto began = steady_clock::now();
     for (uint32_t sent = 0; sent < number; sent = flood.receive().host_word(0))
         if (sent / 256 % 64 == 0) {
             ASSERT_TRUE(witness.is_answered());
         }
-    const long cost = rig::status_of(server.pid, "VmRSS") - before;
-    EXPECT_LT(cost, rig::sanitized ? 200000 : 1024);
+    const long cost = testkit::status_of(server.pid, "VmRSS") - before;
+    EXPECT_LT(cost, testkit::sanitized ? 200000 : 1024);
     EXPECT_EQ(server.stop(), 0);
     const duration<double> took = steady_clock::now() - began;
     printf("%u unknown signals in %.1f s, at a cost of %ld KiB\n", number, took.count(), cost);
@@ -295,21 +295,21 @@ TEST_F(crowd, without_descriptors_the_clients_there_are_go_on)
     constexpr long probe_ms = 2000;
     const auto probe = [] {
         setenv("MBX_LOCATE_MS", std::to_string(probe_ms).c_str(), 1);
-        const int located = rig::puppet().located;
+        const int located = testkit::test_client().located;
         setenv("MBX_LOCATE_MS", "20000", 1);
         return located;
     };
-    rig::server server({}, {"/bin/sh", "-c", "ulimit -n 48; exec \"$0\"", executable});
+    testkit::server server({}, {"/bin/sh", "-c", "ulimit -n 48; exec \"$0\"", executable});
     std::vector<std::unique_ptr<client>> all;
     while (probe() == 0)
         all.push_back(std::make_unique<client>());
     ASSERT_GE(all.size(), 4u);
     std::vector<owned_fd> boards;
     for (int index = 0; index < 5; index++)
-        boards.emplace_back(rig::connect_to(getenv("DOLM_RIC_SOCKET")));
-    const long before = rig::processor_ms(server.pid);
+        boards.emplace_back(testkit::connect_to(getenv("DOLM_RIC_SOCKET")));
+    const long before = testkit::processor_ms(server.pid);
     EXPECT_EQ(probe(), ETIMEDOUT);
-    EXPECT_LT(rig::processor_ms(server.pid) - before, probe_ms / 5) << "it must not spin";
+    EXPECT_LT(testkit::processor_ms(server.pid) - before, probe_ms / 5) << "it must not spin";
     boards.clear();
     for (auto &one : all)
         EXPECT_TRUE(one->is_answered());
@@ -321,7 +321,7 @@ TEST_F(crowd, without_descriptors_the_clients_there_are_go_on)
 
 TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
 {
-    auto server = std::make_unique<rig::server>();
+    auto server = std::make_unique<testkit::server>();
     equip_ports();
     client first;
     client second;
@@ -329,31 +329,31 @@ TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
     server.reset();
     for (client *one : {&first, &second})
         EXPECT_EQ(one->receive().number(), MBX_MONITOR_DEFAULT_NO);
-    server = std::make_unique<rig::server>();
+    server = std::make_unique<testkit::server>();
     first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to nobody */
     client third;
     EXPECT_EQ(third.id, 0u);
     EXPECT_TRUE(third.is_answered());
-    EXPECT_EQ(rig::board("board").at("subscribed_port"), "0");
+    EXPECT_EQ(testkit::board("board").at("subscribed_port"), "0");
     EXPECT_EQ(server->stop(), 0);
 }
 
 TEST_F(crowd, of_servers_started_together_one_stays)
 {
     for (int round = 0; round < 10; round++) {
-        const pid_t servers[] = {rig::start({executable}), rig::start({executable})};
+        const pid_t servers[] = {testkit::start({executable}), testkit::start({executable})};
         int status;
         const pid_t ended = waitpid(-1, &status, 0);
         const pid_t stays = servers[ended == servers[0] ? 1 : 0];
         EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 242);
-        const auto until = steady_clock::now() + rig::deadline;
-        while (rig::puppet().located != 0 && steady_clock::now() < until) {
+        const auto until = steady_clock::now() + testkit::deadline;
+        while (testkit::test_client().located != 0 && steady_clock::now() < until) {
         }
         client of_it;
-        EXPECT_EQ(rig::wait_for_end(rig::start({executable})), 242);
+        EXPECT_EQ(testkit::wait_for_end(testkit::start({executable})), 242);
         EXPECT_TRUE(of_it.is_answered());
         kill(stays, SIGTERM);
-        EXPECT_EQ(rig::wait_for_end(stays), 0);
+        EXPECT_EQ(testkit::wait_for_end(stays), 0);
     }
 }
 
@@ -361,18 +361,18 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_gone_is_told)
 {
     const std::string output = directory.path + "/output";
     const auto expect_refusal = [&] {
-        const pid_t server = rig::start({executable}, {"ZEL_SINK=stderr"}, -1, output);
-        EXPECT_EQ(rig::wait_for_end(server), 242);
-        rig::await_line(output, "Unable to create TESK-server mailbox!", seen);
+        const pid_t server = testkit::start({executable}, {"ZEL_SINK=stderr"}, -1, output);
+        EXPECT_EQ(testkit::wait_for_end(server), 242);
+        testkit::await_line(output, "Unable to create TESK-server mailbox!", seen);
     };
     setenv("MBX_DIR", (directory.path + "/none/mbx").c_str(), 1);
     expect_refusal();
 
     setenv("MBX_DIR", names.c_str(), 1);
-    rig::server server;
+    testkit::server server;
     client there;
     fs::remove_all(names);
-    EXPECT_EQ(rig::puppet().located, ENOENT);
+    EXPECT_EQ(testkit::test_client().located, ENOENT);
     EXPECT_TRUE(there.is_answered());
     EXPECT_EQ(server.stop(), 0);
 
@@ -389,17 +389,17 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_gone_is_told)
         EXPECT_TRUE(fs::is_empty(names)) << room;
     }
     umount(names.c_str());
-    EXPECT_EQ(rig::server().stop(), 0);
+    EXPECT_EQ(testkit::server().stop(), 0);
 }
 
 /* Signals wait from everybody when the server goes on: how often was each handled before ours? */
 TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_end)
 {
     for (const size_t neighbours : {8u, 90u}) {
-        rig::server server(traced("4,17,18"));
-        std::vector<std::unique_ptr<rig::puppet>> all;
+        testkit::server server(traced("4,17,18"));
+        std::vector<std::unique_ptr<testkit::test_client>> all;
         for (size_t index = 0; index < neighbours; index++)
-            all.push_back(std::make_unique<rig::puppet>("crave"));
+            all.push_back(std::make_unique<testkit::test_client>("crave"));
         stranger asker;
         asker.greet();
         asker.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
@@ -426,7 +426,7 @@ TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_en
         EXPECT_EQ(server.stop(), 0);
         const duration<double, std::milli> took = steady_clock::now() - began;
         EXPECT_LT(took, seconds(count_of(5, 1))); /* a machine of any speed runs the usual one */
-        rig::await_line(traces, "TESK server terminated", seen);
+        testkit::await_line(traces, "TESK server terminated", seen);
         printf("of %zu neighbours %.1f had their turn before ours; ended within %.0f ms\n",
                neighbours, static_cast<double>(turns) / 20, took.count());
     }
@@ -435,10 +435,10 @@ TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_en
 TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
 {
     for (int run = count_of(15, 200); run > 0 && !HasFailure(); run--) {
-        rig::server server(traced("1,4"));
+        testkit::server server(traced("1,4"));
         equip_ports();
-        rig::puppet loads[] = {rig::puppet("load"), rig::puppet("load")};
-        for (rig::puppet &load : loads)
+        testkit::test_client loads[] = {testkit::test_client("load"), testkit::test_client("load")};
+        for (testkit::test_client &load : loads)
             load.receive();
         std::vector<pid_t> threads = {server.pid};
         const std::string tasks = "/proc/" + std::to_string(server.pid) + "/task";
@@ -448,9 +448,9 @@ TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
         ASSERT_EQ(threads.size(), 2u);
         for (size_t index = 0; index < 20; index++)
             syscall(SYS_tgkill, server.pid, threads[index % 2], index % 4 < 2 ? SIGTERM : SIGINT);
-        EXPECT_EQ(rig::wait_for_end(server.pid), 0);
+        EXPECT_EQ(testkit::wait_for_end(server.pid), 0);
         server.pid = -1;
-        rig::await_line(traces, "TESK server terminated", seen);
+        testkit::await_line(traces, "TESK server terminated", seen);
         EXPECT_TRUE(fs::is_empty(names));
     }
 }
@@ -465,7 +465,7 @@ static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t
             setresuid(user, user, user) != 0)
             _exit(1);
         const bool shut_out =
-            rig::connect_to(socket) == -1 && errno == EACCES && unlink(socket.c_str()) == -1 &&
+            testkit::connect_to(socket) == -1 && errno == EACCES && unlink(socket.c_str()) == -1 &&
             rename(socket.c_str(), (socket + "2").c_str()) == -1 &&
             open((names + "/.tesk-server.lock").c_str(), O_RDWR) == -1 &&
             open(("/proc/" + std::to_string(server) + "/fd/5").c_str(), O_RDWR) == -1 &&
@@ -473,7 +473,7 @@ static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t
             kill(server, SIGTERM) == -1;
         _exit(shut_out ? 0 : 2);
     }
-    return rig::wait_for_end(child) == 0;
+    return testkit::wait_for_end(child) == 0;
 }
 
 TEST_F(crowd, who_is_not_in_the_group_is_kept_out)
@@ -485,7 +485,7 @@ TEST_F(crowd, who_is_not_in_the_group_is_kept_out)
     /* Programs where that user can run them. */
     const std::string bin = directory.path + "/bin/";
     fs::create_directories(bin);
-    for (const char *program : {"tesk-server", "puppet", "teskctl"})
+    for (const char *program : {"tesk-server", "test_client", "teskctl"})
         fs::copy(std::string(TESK_BIN_DIR "/") + program, bin + program);
     fs::copy(TESK_LIB_DIR, directory.path + "/lib",
              fs::copy_options::copy_symlinks | fs::copy_options::recursive);
@@ -497,19 +497,19 @@ TEST_F(crowd, who_is_not_in_the_group_is_kept_out)
     };
     ASSERT_EQ(mkdir(names.c_str(), 0), 0);
     ASSERT_EQ(chown(names.c_str(), 0, group), 0);
-    rig::server server(traced("4"));
+    testkit::server server(traced("4"));
     client witness;
     chown((names + "/tesk-server").c_str(), 0, group);
     for (const mode_t mode : {02750u, 02755u}) {
         chmod(names.c_str(), mode);
-        EXPECT_EQ(rig::puppet("", as(group, "puppet")).located, 0);
-        EXPECT_EQ(rig::puppet("", as(user, "puppet")).located, EACCES);
+        EXPECT_EQ(testkit::test_client("", as(group, "test_client")).located, 0);
+        EXPECT_EQ(testkit::test_client("", as(user, "test_client")).located, EACCES);
         EXPECT_TRUE(another_user_is_shut_out(user, names, server.pid));
-        EXPECT_EQ(rig::wait_for_end(rig::start(as(user, "tesk-server"))), 242);
+        EXPECT_EQ(testkit::wait_for_end(testkit::start(as(user, "tesk-server"))), 242);
         std::vector<std::string> words = as(user, "teskctl");
         words.push_back("capabilities");
         const std::string output = directory.path + "/" + std::to_string(mode);
-        EXPECT_EQ(rig::wait_for_end(rig::start(words, {}, -1, output)), 3);
+        EXPECT_EQ(testkit::wait_for_end(testkit::start(words, {}, -1, output)), 3);
         EXPECT_NE(read_from(output, 0).find("no access"), std::string::npos);
     }
     EXPECT_TRUE(witness.is_answered());

@@ -1,5 +1,6 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* libdolm_ric: the operations, and the board behind them played through its own protocol. */
-#include "board_fixture.h"
+#include "testkit/board/board_fixture.h"
 
 #include <array>
 #include <cstring>
@@ -38,6 +39,8 @@ class dolm_ric_test : public board_fixture
         EXPECT_EQ(id_of(port), link.id);
     }
 };
+
+} // namespace
 
 TEST_F(dolm_ric_test, events_reach_subscribers_only_and_keep_their_order)
 {
@@ -188,5 +191,3 @@ TEST_F(dolm_ric_test, a_board_file_says_what_is_there)
     for (const auto &[text, code] : failing)
         EXPECT_EQ(code, start(text)) << text;
 }
-
-} // namespace

@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Every call that can fail, made to fail once at every place where it is made, while the real
    server starts, while it serves, and while it ends: how it ends is told, nothing hangs, what goes
    on leaks nothing, and the next start takes the name over. */
-#include "fault_plan.h"
 #include "platform/mbx/mbx.h"
-#include "system.h"
-#include "tesk_signals.h"
+#include "tesk_server/tesk_signals.h"
+#include "testkit/fault_injection/fault_plan.h"
+#include "testkit/processes/processes.h"
 
 #include <algorithm>
 #include <csignal>
@@ -31,7 +32,7 @@ struct sweep {
 class faults : public testing::Test
 {
   protected:
-    rig::directory directory;
+    testkit::directory directory;
     const std::string plan_file = directory.path + "/plan",
                       traces_file = directory.path + "/traces";
     fault_plan *plan = nullptr;
@@ -64,7 +65,7 @@ class faults : public testing::Test
         return true;
     }
 
-    static void ask(rig::puppet &client, uint32_t number, uint32_t reference)
+    static void ask(testkit::test_client &client, uint32_t number, uint32_t reference)
     {
         client.send(number, {3, reference, 0, 0});
         for (uint32_t got = 0; got - number - 1 >= 2;) {
@@ -90,7 +91,7 @@ class faults : public testing::Test
     {
         bool connected = false;
         attempt([&] {
-            rig::puppet client;
+            testkit::test_client client;
             const uint32_t reference = client.connect(2);
             connected = true;
             for (uint32_t number : {TESK_GET_CAPABILITIES_REQ, TESK_SUBSCRIBE_SFP_INFO_REQ,
@@ -101,15 +102,15 @@ class faults : public testing::Test
                 ask(client, number, reference);
             /* A board whose library is out of memory can't be played any more. */
             if (plan->by_program_only) {
-                rig::board("set 0 link=down");
-                rig::board("remove 0");
-                rig::board("wait idle");
+                testkit::board("set 0 link=down");
+                testkit::board("remove 0");
+                testkit::board("wait idle");
             }
             ask(client, TESK_GET_CAPABILITIES_REQ, reference);
         });
         if (connected && await_trace("client lost"))
             attempt([] {
-                rig::puppet witness;
+                testkit::test_client witness;
                 if (witness.located == 0)
                     ask(witness, TESK_SHELL_GET_ACTIONS_CACHE_REQ, 0);
             });
@@ -124,17 +125,17 @@ class faults : public testing::Test
                              plan->nth == plan->seen;
         for (const char *kind : {"port", "link"})
             if (!refused)
-                rig::board(std::string("wait unsubscribed 0 ") + kind);
-        const auto board = rig::board("board");
+                testkit::board(std::string("wait unsubscribed 0 ") + kind);
+        const auto board = testkit::board("board");
         EXPECT_EQ(std::stoi(board.at("subscribed_port")) + std::stoi(board.at("subscribed_link")),
                   refused ? 1 : 0);
-        EXPECT_LE(rig::await_descriptors(server, descriptors), descriptors);
+        EXPECT_LE(testkit::await_descriptors(server, descriptors), descriptors);
     }
 
     /* What went wrong, if only that the server has ended. */
     std::string serve_and_look(pid_t server)
     try {
-        const size_t descriptors = rig::descriptors_of(server);
+        const size_t descriptors = testkit::descriptors_of(server);
         serve();
         plan->armed = false;
         expect_nothing_kept(server, descriptors);
@@ -152,10 +153,10 @@ class faults : public testing::Test
         plan->armed = what.when == starting;
         said.clear();
         traces = open(traces_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        const pid_t server = rig::start(
-            {TESK_BIN_DIR "/tesk-server"},
-            {"LD_PRELOAD=" TESK_LIB_DIR "/libfaults.so", "FAULTS=" + plan_file, "ZEL_SINK=stderr"},
-            -1, traces_file);
+        const pid_t server = testkit::start({TESK_BIN_DIR "/tesk-server"},
+                                            {"LD_PRELOAD=" TESK_LIB_DIR "/libfault_injection.so",
+                                             "FAULTS=" + plan_file, "ZEL_SINK=stderr"},
+                                            -1, traces_file);
         std::string trouble;
         if (await_trace("TESK server started!")) {
             plan->armed = what.when == serving;
@@ -164,7 +165,7 @@ class faults : public testing::Test
             plan->armed = what.when == ending;
             kill(server, SIGTERM);
         }
-        const int end = rig::wait_for_end(server);
+        const int end = testkit::wait_for_end(server);
         EXPECT_TRUE(trouble.empty() || end != 0) << trouble;
         close(traces);
         return end;

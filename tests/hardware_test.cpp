@@ -1,9 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The reads of the hardware: levels, conversions, what is left when a call fails. */
-#include "server_fixture.h"
-#include "tesk_dolm_ric.h"
-#include "tesk_portsub.h"
+#include "tesk_server/tesk_dolm_ric.h"
+#include "tesk_server/tesk_portsub.h"
+#include "testkit/fake_platform/server_fixture.h"
 
-using scripted::ports;
+using fake_platform::ports;
 
 using hardware = server_fixture;
 
@@ -57,7 +58,7 @@ TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
     ports[1].diag.txbias_high_warn = ports[1].diag.txbias_high_alarm = 9;
     for (const auto &failure : cases) {
         tesk_port_info info;
-        scripted::failing = {{failure.call, failure.code}};
+        fake_platform::failing = {{failure.call, failure.code}};
         trace({1, 4});
         get_port_info(1, &info);
         EXPECT_EQ(info.conn_status, failure.conn);
@@ -65,7 +66,7 @@ TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
         EXPECT_EQ(info.link_speed, 0u) << "an unknown speed code";
         EXPECT_EQ(info.tx_bias_fault_level, failure.level);
         EXPECT_EQ(info.env_status, failure.env);
-        EXPECT_EQ(scripted::take_log().back(), failure.last_line);
+        EXPECT_EQ(fake_platform::take_log().back(), failure.last_line);
     }
 }
 
@@ -90,11 +91,11 @@ TEST_F(hardware, a_module_is_read_only_where_one_may_be)
         tesk_sfp_info info = {};
         ports[1].module.mode_type = read.mode;
         ports[1].module.sfp.sfp_connector = DOLM_SFP_CONNECTOR_OTHER;
-        scripted::failing = {{"getmoduleinfo", read.code}};
+        fake_platform::failing = {{"getmoduleinfo", read.code}};
         trace({1, 4});
         EXPECT_EQ(get_sfp_info(1, read.presence, &info), read.result);
         EXPECT_EQ(info.type, read.type);
-        EXPECT_EQ(scripted::take_log().size(), read.lines);
+        EXPECT_EQ(fake_platform::take_log().size(), read.lines);
     }
 }
 
@@ -121,10 +122,10 @@ TEST_F(hardware, only_an_optical_module_without_identity_of_its_own_is_renamed)
 TEST_F(hardware, a_presence_that_cannot_be_read_does_not_stop_a_port_status_subscription)
 {
     ports[1] = {};
-    scripted::failing["getportstatus"] = DOLM_RICERR_BUSY;
+    fake_platform::failing["getportstatus"] = DOLM_RICERR_BUSY;
     trace({1, 12});
     EXPECT_EQ(tesk_portsub_add_port_status(1), 0);
-    EXPECT_EQ(scripted::take_log(),
+    EXPECT_EQ(fake_platform::take_log(),
               (log{"subslink 0x20001",
                    "[12] subscribe_port_status(): dolm_ric_ri_subslink resulted with 0 and "
                    "link_status 1",
@@ -135,14 +136,14 @@ TEST_F(hardware, a_presence_that_cannot_be_read_does_not_stop_a_port_status_subs
                    "[1] Failed to get sfp data on port 1 with result SFP_UNKNOWN",
                    "[12] Successfully subscribed for port status on port 1 with sfp_presence "
                    "SFP_UNKNOWN"}));
-    scripted::failing.clear();
+    fake_platform::failing.clear();
     /* A good answer of the next read goes into the record that holds nothing usable. */
     EXPECT_EQ(tesk_portsub_add_sfp_info(1), 0);
     EXPECT_TRUE(tesk_portsub_update_sfp_presence(1, SFP_NOT_PRESENT));
     EXPECT_FALSE(tesk_portsub_update_sfp_presence(1, SFP_NOT_PRESENT));
     trace({4});
     EXPECT_FALSE(tesk_portsub_update_port_state(2, PORTSTATE_UP));
-    EXPECT_EQ(scripted::take_log().back(),
+    EXPECT_EQ(fake_platform::take_log().back(),
               "[4] Warning: failed to find port 2 for port_state update");
     EXPECT_EQ(get_sfp_presence(1), SFP_NOT_PRESENT);
 }
@@ -154,7 +155,7 @@ TEST_F(hardware, the_event_thread_survives_a_wait_that_fails_and_events_that_mea
     dolm_ric_event other = {};
     other.type = 2;
     for (int32_t code : {DOLM_RICERR_SHUTDOWN, DOLM_RICERR_INTERNAL})
-        scripted::fail_wait(code);
+        fake_platform::fail_wait(code);
     handle_events({other, port_event(1, DOLM_RICRIPORT_MODREADY)});
     EXPECT_EQ(get_sfp_presence(1), SFP_PRESENT_AND_READY);
 }

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs into a folder of its own, and there: a project from outside the tree, the example board
 # under the unchanged server, tesk-abi-check. Called with the source and the build folder.
 set -euo pipefail

@@ -1,7 +1,7 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The meters: ids, arithmetic, limits. */
-#include "leaky_bucket.h"
-
-#include "scripted.h"
+#include "tesk_server/leaky_bucket.h"
+#include "testkit/fake_platform/fake_platform.h"
 
 #include <gtest/gtest.h>
 #include <random>
@@ -10,7 +10,7 @@
 struct leaky_bucket : testing::Test {
     ~leaky_bucket() override
     {
-        scripted::reset();
+        fake_platform::reset();
         for (int32_t id = 1; id < 300; id++)
             if (leaky_bucket_find(id) != nullptr)
                 leaky_bucket_remove(id);
@@ -41,12 +41,12 @@ TEST_F(leaky_bucket, gives_the_lowest_free_id_whatever_was_removed)
 
 TEST_F(leaky_bucket, refuses_sizes_that_cannot_work)
 {
-    scripted::reset({1});
+    fake_platform::reset({1});
     EXPECT_EQ(leaky_bucket_add(0, 50), -1);
     EXPECT_EQ(leaky_bucket_add(100, 0), -1);
     EXPECT_EQ(leaky_bucket_add(49, 50), -1);
-    EXPECT_EQ(scripted::take_log().back(), "[1] Invalid params for adding new leaky bucket: "
-                                           "bucket_size = 49, filter_level = 50");
+    EXPECT_EQ(fake_platform::take_log().back(), "[1] Invalid params for adding new leaky bucket: "
+                                                "bucket_size = 49, filter_level = 50");
     EXPECT_EQ(leaky_bucket_add(50, 50), 1);
 }
 
@@ -63,23 +63,23 @@ TEST_F(leaky_bucket, keeps_its_level_within_limits_and_tells_the_state)
         {-1, 0, LEAKY_BUCKET_EMPTIED},
     };
     ASSERT_EQ(leaky_bucket_add(100, 50), 1);
-    scripted::reset({13});
+    fake_platform::reset({13});
     for (const auto &step : steps) {
         EXPECT_EQ(leaky_bucket_update(1, step.delta), step.state);
         EXPECT_EQ(leaky_bucket_find(1)->level, step.level);
-        EXPECT_EQ(scripted::take_log().back(),
+        EXPECT_EQ(fake_platform::take_log().back(),
                   "[13] Bucket(1) level-> " + std::to_string(step.level));
     }
 }
 
 TEST_F(leaky_bucket, traces_an_id_that_it_does_not_have)
 {
-    scripted::reset({1});
+    fake_platform::reset({1});
     EXPECT_EQ(leaky_bucket_update(7, 20), LEAKY_BUCKET_NOT_FOUND);
     EXPECT_EQ(leaky_bucket_get_state(7), LEAKY_BUCKET_NOT_FOUND);
     leaky_bucket_remove(7);
     EXPECT_EQ(leaky_bucket_find(7), nullptr);
-    EXPECT_EQ(scripted::take_log(),
+    EXPECT_EQ(fake_platform::take_log(),
               (std::vector<std::string>{"[1] Cannot update leaky bucket: id 7 not found",
                                         "[1] Cannot get leaky bucket state: id 7 not found",
                                         "[1] Cannot remove leaky bucket: id 7 not found"}));

@@ -1,7 +1,8 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Start, failed starts, stop: the unchanged executable on scripted libraries, and the ends of a
    process that a broken mutex brings about. */
-#include "server_fixture.h"
-#include "tesk_client_data.h"
+#include "tesk_server/tesk_client_data.h"
+#include "testkit/fake_platform/server_fixture.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -29,7 +30,7 @@ static outcome run_server(const char *failing, const std::string &stop_at, bool 
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
     const pid_t child = fork();
     if (child == 0) {
-        setenv("LD_LIBRARY_PATH", TESK_LIB_DIR "/scripted", 1);
+        setenv("LD_LIBRARY_PATH", TESK_LIB_DIR "/fake_platform", 1);
         setenv("SCRIPTED_LOG", "1", 1);
         setenv("SCRIPTED_FAIL", failing, 1);
         dup2(out[1], STDOUT_FILENO);

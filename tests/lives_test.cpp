@@ -1,10 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A few hundred random client lives against the real server. A model says what each answer, each
    indication, the board's subscriptions and the history must be. */
-#include "system.h"
-
-#include "tesk_cache.h"
-#include "tesk_client_data.h"
-#include "tesk_signals.h"
+#include "tesk_server/tesk_cache.h"
+#include "tesk_server/tesk_client_data.h"
+#include "tesk_server/tesk_signals.h"
+#include "testkit/processes/processes.h"
 
 #include <algorithm>
 #include <deque>
@@ -33,7 +33,7 @@ static constexpr kind_numbers kinds[] = {
 };
 
 struct life {
-    std::unique_ptr<rig::puppet> client;
+    std::unique_ptr<testkit::test_client> client;
     uint32_t id = 0, conn_ref = 0, procedure_ref = 0;
     std::set<subscription> held;
 };
@@ -41,11 +41,11 @@ struct life {
 class lives : public testing::Test
 {
   protected:
-    rig::directory directory;
+    testkit::directory directory;
     const std::string traces = directory.path + "/traces";
-    rig::server server{{"ZEL_SINK=file:" + traces, "ZEL_GROUPS=12", "ZEL_FILE_SIZE=67108864"}};
+    testkit::server server{{"ZEL_SINK=file:" + traces, "ZEL_GROUPS=12", "ZEL_FILE_SIZE=67108864"}};
     size_t seen = 0;
-    rig::puppet stranger;
+    testkit::test_client stranger;
     std::mt19937 random{20};
     std::vector<life> all{clients};
     std::deque<action> history;
@@ -69,7 +69,7 @@ class lives : public testing::Test
     {
         const uint32_t request = TESK_SHELL_GET_ACTIONS_CACHE_REQ;
         stranger.send_raw(&request, sizeof(request));
-        const rig::message answer = stranger.receive();
+        const testkit::message answer = stranger.receive();
         std::deque<action> read;
         for (uint32_t index = 0; index < answer.host_word(4); index++) {
             action &a = read.emplace_back();
@@ -87,16 +87,16 @@ class lives : public testing::Test
     }
 
     /* The request's number and its answer. */
-    std::pair<uint32_t, rig::message> ask(life &of, uint32_t number, uint32_t port)
+    std::pair<uint32_t, testkit::message> ask(life &of, uint32_t number, uint32_t port)
     {
-        const rig::message answer = of.client->ask(number, request_words(of, number, port));
+        const testkit::message answer = of.client->ask(number, request_words(of, number, port));
         EXPECT_EQ(answer.word(4), next_procedure);
         return {number, answer};
     }
 
     void begin(life &of)
     {
-        of.client = std::make_unique<rig::puppet>();
+        of.client = std::make_unique<testkit::test_client>();
         of.conn_ref = 500 + below(3);
         of.id = of.client->connect(of.conn_ref);
         EXPECT_EQ(of.id, next_id++);
@@ -105,7 +105,7 @@ class lives : public testing::Test
     /* An indication that this client must get now. */
     void expect_indication(life &of, uint32_t port, uint32_t kind)
     {
-        const rig::message told = of.client->receive();
+        const testkit::message told = of.client->receive();
         ASSERT_EQ(told.number(), kinds[kind].indication);
         EXPECT_EQ(told.word(4), of.procedure_ref);
         EXPECT_EQ(told.word(8), of.conn_ref);
@@ -166,7 +166,7 @@ class lives : public testing::Test
     void compare_board()
     {
         for (uint32_t port = 0; port < ports; port++) {
-            const auto shown = rig::board("show " + std::to_string(port));
+            const auto shown = testkit::board("show " + std::to_string(port));
             for (uint32_t kind : {TESK_SUBSCRIPTION_SFP_INFO, TESK_SUBSCRIPTION_PORT_STATUS})
                 EXPECT_EQ(shown.at(kinds[kind].field), holders(port, kind).empty() ? "0" : "1");
         }
@@ -183,7 +183,7 @@ class lives : public testing::Test
         of.client.reset();
         of.held.clear();
         forget_empty_filters();
-        rig::await_line(traces, "Removing clients data: " + std::to_string(of.id), seen);
+        testkit::await_line(traces, "Removing clients data: " + std::to_string(of.id), seen);
         compare_board();
         if (!in_the_middle)
             return;
@@ -214,7 +214,7 @@ class lives : public testing::Test
             return; /* the filter is another test's */
         up[port] = !up[port];
         downs[port] += up[port] ? 0 : 1;
-        rig::board("set " + std::to_string(port) + (up[port] ? " link=up" : " link=down"));
+        testkit::board("set " + std::to_string(port) + (up[port] ? " link=up" : " link=down"));
         tell(port, TESK_SUBSCRIPTION_PORT_STATUS);
     }
 
@@ -223,8 +223,8 @@ class lives : public testing::Test
         if (holders(port, TESK_SUBSCRIPTION_SFP_INFO).empty())
             return;
         ready[port] = !ready[port];
-        rig::board("set " + std::to_string(port) +
-                   (ready[port] ? " inserted=yes ready=yes" : " inserted=no ready=no"));
+        testkit::board("set " + std::to_string(port) +
+                       (ready[port] ? " inserted=yes ready=yes" : " inserted=no ready=no"));
         tell(port, TESK_SUBSCRIPTION_SFP_INFO);
         tell(port, TESK_SUBSCRIPTION_PORT_STATUS);
     }
@@ -245,8 +245,8 @@ class lives : public testing::Test
 TEST_F(lives, leave_everything_as_it_must_be)
 {
     for (uint32_t port = 0; port < ports; port++)
-        rig::board("set " + std::to_string(port) +
-                   " link=up inserted=yes ready=yes readable=yes connector=lc");
+        testkit::board("set " + std::to_string(port) +
+                       " link=up inserted=yes ready=yes readable=yes connector=lc");
     for (int step = 0; next_id < lives_at_least && !HasFailure(); step++) {
         life &of = all[below(clients)];
         of.client == nullptr ? begin(of) : live(of);
@@ -255,7 +255,7 @@ TEST_F(lives, leave_everything_as_it_must_be)
     for (life &of : all)
         if (of.client != nullptr)
             end(of);
-    EXPECT_EQ(rig::board("board").at("subscribed_port"), "0");
-    EXPECT_EQ(rig::board("board").at("subscribed_link"), "0");
+    EXPECT_EQ(testkit::board("board").at("subscribed_port"), "0");
+    EXPECT_EQ(testkit::board("board").at("subscribed_link"), "0");
     EXPECT_EQ(server.stop(), 0);
 }

@@ -1,7 +1,7 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The mailbox library between real processes: order, exactness of the descriptor, fairness, deaths,
    bounds, names, fork, and what strangers may try. The test's own process is the server mostly. */
-#include "mbx.h"
-
+#include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_socket.h"
 
 #include <atomic>
@@ -22,30 +22,30 @@
 #include <thread>
 #include <unistd.h>
 
-namespace
-{
+static constexpr int patience_ms = 30000;
+static constexpr uint32_t hello = 1, numbered = 2;
 
-constexpr int patience_ms = 30000;
-constexpr uint32_t hello = 1, numbered = 2;
-
-bool readable(int fd, int timeout_ms = patience_ms)
+static bool readable(int fd, int timeout_ms = patience_ms)
 {
     pollfd wanted{fd, POLLIN, 0};
     return poll(&wanted, 1, timeout_ms) == 1;
 }
 
 /* A word to and from another process; the end of it counts as 0. */
-void say(int fd, uint32_t word)
+static void say(int fd, uint32_t word)
 {
-    EXPECT_EQ(send(fd, &word, sizeof word, MSG_NOSIGNAL), ssize_t{sizeof word});
+    EXPECT_EQ(send(fd, &word, sizeof(word), MSG_NOSIGNAL), ssize_t{sizeof(word)});
 }
 
-uint32_t hear(int fd)
+static uint32_t hear(int fd)
 {
     uint32_t word = 0;
     EXPECT_TRUE(readable(fd));
-    return recv(fd, &word, sizeof word, 0) == sizeof word ? word : 0;
+    return recv(fd, &word, sizeof(word), 0) == sizeof(word) ? word : 0;
 }
+
+namespace
+{
 
 /* A process of its own that runs the function; made before the library is started here. */
 struct actor {
@@ -81,49 +81,59 @@ struct actor {
     pid_t pid;
 };
 
-uint32_t join(const char *name = nullptr)
+} // namespace
+
+static uint32_t join(const char *name = nullptr)
 {
     EXPECT_EQ(mbx_init(5, 0, 0, 0, 0), 0);
     return mbx_create_mailbox(name, 0);
 }
 
-void send_number(uint32_t to, uint32_t signal, uint32_t value = 0, size_t size = 8)
+static void send_number(uint32_t to, uint32_t signal, uint32_t value = 0, size_t size = 8)
 {
     mbx_signal *s = mbx_alloc(size, signal);
-    memcpy(s + 1, &value, sizeof value);
+    memcpy(s + 1, &value, sizeof(value));
     mbx_send(&s, to, MBX_OWN_MAILBOX);
     EXPECT_EQ(s, nullptr);
 }
+
+namespace
+{
 
 struct received {
     uint32_t number = 0, sender = 0, size = 0, value = 0;
 };
 
+} // namespace
+
 /* Waits at the descriptor: when that is readable, a reception must not wait. */
-received next()
+static received next()
 {
     mbx_signal *s = nullptr;
     if (!readable(mbx_get_fd()) || !(s = mbx_receive(nullptr, 0, MBX_ANY_SENDER)))
         throw std::runtime_error("nothing to receive");
     received r{s->number, mbx_sender(s), mbx_size(s), 0};
     if (r.size >= 8)
-        memcpy(&r.value, s + 1, sizeof r.value);
+        memcpy(&r.value, s + 1, sizeof(r.value));
     mbx_free(&s);
     return r;
 }
 
-void expect_notice(const received &r, uint32_t of)
+static void expect_notice(const received &r, uint32_t of)
 {
     EXPECT_EQ(r.number, MBX_MONITOR_DEFAULT_NO);
     EXPECT_EQ(r.sender, of);
     EXPECT_EQ(r.size, 4u);
 }
 
-void expect_nothing()
+static void expect_nothing()
 {
     EXPECT_FALSE(readable(mbx_get_fd(), 0));
     EXPECT_EQ(mbx_receive(nullptr, 0, MBX_ANY_SENDER), nullptr);
 }
+
+namespace
+{
 
 struct mbx : testing::Test {
     mbx()
@@ -165,19 +175,21 @@ struct client : actor {
     }
 };
 
+} // namespace
+
 /* Connects, or binds, without the library, as anybody can who may open the socket. */
-owned_fd raw_socket(const std::string &path, decltype(connect) *act = connect)
+static owned_fd raw_socket(const std::string &path, decltype(connect) *act = connect)
 {
     owned_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(act(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(act(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
     return fd;
 }
 
 /* Greets as a client would; the answer's sending end goes to `tx`. All the while there must be no
    signal for us. */
-owned_fd raw_client(const std::string &path, owned_fd &tx)
+static owned_fd raw_client(const std::string &path, owned_fd &tx)
 {
     owned_fd control = raw_socket(path);
     datagram_pair pair = make_datagram_pair();
@@ -192,7 +204,7 @@ owned_fd raw_client(const std::string &path, owned_fd &tx)
 }
 
 /* Greets with something that no signal can be sent into. */
-void greet_in_vain(int connection, int fd)
+static void greet_in_vain(int connection, int fd)
 {
     char byte;
     send_greeting(connection, greeting_kind::hello, make_token(), fd);
@@ -248,13 +260,13 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
         [](int, int, int tx) { /* turns it towards itself and away again */
                                const sockaddr none{AF_UNSPEC, {}};
                                sockaddr_un me{AF_UNIX, {}};
-                               socklen_t length = sizeof me;
+                               socklen_t length = sizeof(me);
                                bind(tx, reinterpret_cast<sockaddr *>(&me), sizeof(sa_family_t));
                                getsockname(tx, reinterpret_cast<sockaddr *>(&me), &length);
-                               connect(tx, &none, sizeof none);
+                               connect(tx, &none, sizeof(none));
                                EXPECT_EQ(connect(tx, reinterpret_cast<sockaddr *>(&me), length), 0);
                                send(tx, "loop", 4, 0);
-                               connect(tx, &none, sizeof none);
+                               connect(tx, &none, sizeof(none));
         },
     };
     for (int round = 0; round < 5; round++)
@@ -377,7 +389,7 @@ TEST_F(mbx, each_monitor_counts_once_and_a_late_one_is_told_at_once)
     expect_nothing();
 }
 
-std::atomic<uint32_t> storm_target, storm_sent;
+static std::atomic<uint32_t> storm_target, storm_sent;
 
 TEST_F(mbx, a_signal_handler_may_send_to_the_own_mailbox_whatever_it_interrupts)
 {
@@ -513,5 +525,3 @@ TEST_F(mbx, of_two_connections_that_cross_one_survives)
     actor b([&](int line) { play(line, "b", "a"); });
     play(b.line.get(), "a", "b");
 }
-
-} // namespace

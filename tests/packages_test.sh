@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The Debian packages in a root of their own, which has nothing but the base system: installed, used,
 # killed and started again, replaced by another board's, purged. Needs root and Debian's mirror;
 # nothing is mounted.

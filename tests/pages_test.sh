@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Does what the pages say: pages_test.sh BUILD_DIR PAGE..
 #
 # A block "console" of a page is a session: each line that begins with "$ " is a command, the lines

@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The client's procedures on a scripted board: bytes, order of checks, library calls and traces. */
-#include "server_fixture.h"
+#include "testkit/fake_platform/server_fixture.h"
 
 #include <cstring>
 
-using scripted::ports;
-using scripted::sent;
+using fake_platform::ports;
+using fake_platform::sent;
 
 static constexpr uint32_t alice = 0x71, bob = 0x72, carol = 0x73, stranger = 0x99;
 static constexpr uint32_t subscribe_info = TESK_SUBSCRIBE_SFP_INFO_REQ,
@@ -14,7 +15,7 @@ static constexpr uint32_t subscribe_info = TESK_SUBSCRIBE_SFP_INFO_REQ,
                           get_counters = TESK_GET_PM_COUNTERS_REQ;
 
 /* `digits` are hexadecimal; spaces group them for the reader. */
-static void expect_bytes(const scripted::sent_signal &signal, size_t from, std::string digits)
+static void expect_bytes(const fake_platform::sent_signal &signal, size_t from, std::string digits)
 {
     std::string found;
     char pair[3];
@@ -30,9 +31,9 @@ static void copy(char *field, const char *text)
 }
 
 /* A module whose texts fill their fields to the last byte. */
-static scripted::port optical_port()
+static fake_platform::port optical_port()
 {
-    scripted::port port;
+    fake_platform::port port;
     port.status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODINSERTED | DOLM_RICRIPORT_MODREADY;
     port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
     port.speed = 0x0040;
@@ -79,7 +80,7 @@ class procedures : public server_fixture
     }
     static void expect_log(const log &expected, int line = __builtin_LINE())
     {
-        EXPECT_EQ(scripted::take_log(), expected) << "line " << line;
+        EXPECT_EQ(fake_platform::take_log(), expected) << "line " << line;
     }
     /* The reference of a client that has just connected and subscribed. */
     static uint32_t subscriber(uint32_t client, uint32_t port, uint32_t kind)
@@ -99,7 +100,7 @@ class procedures : public server_fixture
     }
     static void lose(uint32_t client)
     {
-        scripted::deliver_host(client, MBX_MONITOR_DEFAULT_NO, {});
+        fake_platform::deliver_host(client, MBX_MONITOR_DEFAULT_NO, {});
         tesk_handle_mailbox();
     }
     static void expect_rejection(uint32_t number, uint32_t code, const std::string &text)
@@ -145,7 +146,7 @@ TEST_F(procedures, revisions_count_only_as_far_as_the_signal_reaches)
     trace({17});
     send(alice, TESK_CONN_ESTABLISH_REQ, {1, 2, 0xffffffff, 2, 1});
     EXPECT_EQ(sent[0].number, TESK_CONN_ESTABLISH_CFM);
-    EXPECT_EQ(scripted::take_log().size(), 5u);
+    EXPECT_EQ(fake_platform::take_log().size(), 5u);
 }
 
 TEST_F(procedures, a_signal_shorter_than_its_layout_reaches_no_handler)
@@ -176,7 +177,7 @@ TEST_F(procedures, only_the_own_mailbox_can_stop_the_server)
     trace({1, 4, 12, 17});
     EXPECT_EQ(send(stranger, TESK_EXIT_SIGNAL, {}), 0);
     expect_log({});
-    EXPECT_EQ(send(scripted::own_mailbox, TESK_EXIT_SIGNAL, {}), 1);
+    EXPECT_EQ(send(fake_platform::own_mailbox, TESK_EXIT_SIGNAL, {}), 1);
 }
 
 TEST_F(procedures, a_request_that_matches_no_client_is_only_traced)
@@ -198,7 +199,7 @@ TEST_F(procedures, a_request_that_matches_no_client_is_only_traced)
         trace({1, 4, 12, 17});
         send(stranger, request.number, {5, 0, 3, 0});
         EXPECT_EQ(sent.size(), 0u);
-        const auto lines = scripted::take_log();
+        const auto lines = fake_platform::take_log();
         ASSERT_EQ(lines.size(), 2u);
         EXPECT_EQ(lines[1], request.text);
         /* The client's own reference, where the server's is asked for. */
@@ -231,7 +232,7 @@ TEST_F(procedures, a_module_is_told_as_120_bytes)
                  "4142434445464748494a4b4c4d4e4f50 00 504e2d31 00000000000000000000000000 "
                  "5231323334 00 3230323630313031575859 00 534e2d31 "
                  "00000000000000000000000000 0000 00000064");
-    const auto lines = scripted::take_log();
+    const auto lines = fake_platform::take_log();
     ASSERT_EQ(lines.size(), 18u);
     EXPECT_EQ(lines[0], "[17] Received TESK_SUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: "
                         "168496141, connection_ref: 0, port: 4660");
@@ -310,13 +311,13 @@ TEST_F(procedures, refusals_come_in_the_order_of_the_checks)
         expect_bytes(sent[0], 4, "0000000800000459");
         EXPECT_EQ(sent[0].word(12), refused.port);
     }
-    scripted::failing["unsubsport"] = scripted::failing["unsubslink"] = DOLM_RICERR_BUSY;
+    fake_platform::failing["unsubsport"] = fake_platform::failing["unsubslink"] = DOLM_RICERR_BUSY;
     for (uint32_t request : {unsubscribe_info, unsubscribe_status}) {
         send(alice, request, {8, reference, 3});
         expect_rejection(request + 2, 1, "failed to unsubscribe");
-        EXPECT_EQ(scripted::sent[0].word(8), 1000 + alice);
+        EXPECT_EQ(fake_platform::sent[0].word(8), 1000 + alice);
     }
-    scripted::failing.clear();
+    fake_platform::failing.clear();
     for (uint32_t request : {unsubscribe_info, unsubscribe_status}) {
         send(alice, request, {8, reference, 3});
         EXPECT_EQ(sent.at(0).number, request + 1);
@@ -327,7 +328,7 @@ TEST_F(procedures, a_port_unknown_to_the_read_gives_its_count_back_before_the_re
 {
     const uint32_t first = subscriber(alice, 3, subscribe_info);
     const uint32_t second = connect(bob);
-    scripted::failing["getmoduleinfo"] = DOLM_RICERR_NODEV;
+    fake_platform::failing["getmoduleinfo"] = DOLM_RICERR_NODEV;
     trace({});
     send(bob, subscribe_info, {8, second, 3});
     expect_rejection(TESK_SUBSCRIBE_SFP_INFO_REJ, 2, "invalid port");
@@ -351,7 +352,7 @@ TEST_F(procedures, the_hardware_sees_one_subscription_however_many_clients_hold_
     expect_log({"send 0x1648415 to 0x71"});
     handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
     EXPECT_EQ(told(), (numbers{{TESK_PORT_STATUS_IND, bob}}));
-    scripted::take_log();
+    fake_platform::take_log();
     send(bob, unsubscribe_status, {8, second, 3});
     expect_log({"unsubslink 0x20003", "send 0x1648415 to 0x72"});
     handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
@@ -363,7 +364,7 @@ TEST_F(procedures, a_refused_last_unsubscribe_keeps_the_record_and_gives_it_a_li
     const uint32_t reference = subscriber(alice, 3, subscribe_status);
     handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
     EXPECT_EQ(leaky_bucket_find(1)->level, 20);
-    scripted::failing["unsubslink"] = DOLM_RICERR_INTERNAL;
+    fake_platform::failing["unsubslink"] = DOLM_RICERR_INTERNAL;
     trace({1, 13});
     send(alice, unsubscribe_status, {8, reference, 3});
     expect_log({"[13] Bucket(1) removed from the list", "unsubslink 0x20003",
@@ -392,14 +393,14 @@ TEST_F(procedures, the_filter_holds_back_and_tells_the_summary)
     };
     subscriber(alice, 3, subscribe_status);
     for (const auto &step : steps) {
-        scripted::ticks.clear();
+        fake_platform::ticks.clear();
         if (step.event == 't')
             tick(1, 3);
         else
             handle_events({link_event(3, step.event == 'u' ? 2 : 1)});
         EXPECT_EQ(leaky_bucket_find(1)->level, step.level);
         EXPECT_EQ(sent.size(), step.is_sent ? 1u : 0u);
-        EXPECT_EQ(scripted::ticks.size(), step.armed ? 1u : 0u);
+        EXPECT_EQ(fake_platform::ticks.size(), step.armed ? 1u : 0u);
     }
 }
 
@@ -409,19 +410,20 @@ TEST_F(procedures, a_tick_that_outlives_its_bucket_meets_the_next_one_with_its_i
     const uint32_t reference = subscriber(alice, 3, subscribe_status);
     handle_events({link_event(3, 1)});
     send(alice, unsubscribe_status, {8, reference, 3});
-    scripted::ticks.clear();
+    fake_platform::ticks.clear();
     tick(1, 3);
-    EXPECT_TRUE(scripted::ticks.empty());
+    EXPECT_TRUE(fake_platform::ticks.empty());
     subscribe(alice, reference, 9, subscribe_status);
     tick(1, 3);
     EXPECT_EQ(leaky_bucket_find(1)->level, 0);
-    EXPECT_TRUE(scripted::ticks.empty());
+    EXPECT_TRUE(fake_platform::ticks.empty());
     for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
         handle_events({link_event(9, state)});
     tick(1, 3);
-    scripted::take_log();
+    fake_platform::take_log();
     tick(1, 3);
-    EXPECT_EQ(scripted::take_log().at(0), "getlinkstatus 0x20003") << "the port that it carries";
+    EXPECT_EQ(fake_platform::take_log().at(0), "getlinkstatus 0x20003")
+        << "the port that it carries";
 }
 
 TEST_F(procedures, events_queued_together_are_handled_newest_first)
@@ -466,7 +468,7 @@ TEST_F(procedures, two_records_that_disagree_make_the_server_ask_the_hardware)
     trace({1});
     subscriber(bob, 3, subscribe_info);
     EXPECT_EQ(sent.at(1).word(16), uint32_t{TESK_SFP_OPTICAL});
-    EXPECT_EQ(scripted::take_log().at(3),
+    EXPECT_EQ(fake_platform::take_log().at(3),
               "[1] get_sfp_presence: failed to get sfp presence for port 3. Missmatch in presence "
               "for port subscription(SFP_NOT_PRESENT) and sfp subscription(SFP_PRESENT_AND_READY)");
     handle_events({port_event(3, DOLM_RICRIPORT_MODREADY)});
@@ -510,7 +512,7 @@ TEST_F(procedures, a_lost_client_gives_its_ports_back_in_the_order_of_its_list)
     subscriber(bob, 3, subscribe_status);
     send(alice, unsubscribe_info, {8, reference, 2}); /* the last takes its place */
     subscribe(alice, reference, 4, subscribe_status);
-    scripted::failing["unsubsport"] = DOLM_RICERR_NODEV;
+    fake_platform::failing["unsubsport"] = DOLM_RICERR_NODEV;
     trace({1, 4, 12, 17});
     lose(alice);
     expect_log({"[17] Received MBX_MONITOR_DEFAULT_NO: sender: 0x71",
@@ -525,7 +527,7 @@ TEST_F(procedures, a_lost_client_gives_its_ports_back_in_the_order_of_its_list)
                 "[12] unsubscribe_port_status(): successfully unsubscribed from port 4",
                 "[12] Removing clients data: 0"});
     lose(alice);
-    EXPECT_EQ(scripted::take_log().size(), 2u) << "nobody any more";
+    EXPECT_EQ(fake_platform::take_log().size(), 2u) << "nobody any more";
     EXPECT_EQ(connect(alice), 2u);
     send(alice, subscribe_status, {1, reference, 3, 0});
     EXPECT_EQ(sent.size(), 0u) << "the old reference is gone";
@@ -589,21 +591,21 @@ TEST_F(procedures, a_snapshot_fails_where_the_hardware_does_and_not_where_it_has
     };
     const uint32_t reference = connect(alice);
     for (const auto &failure : cases) {
-        scripted::failing = {{failure.call, failure.code}};
+        fake_platform::failing = {{failure.call, failure.code}};
         trace({1, 4});
         send(alice, get_counters, {1, reference, 3});
-        const auto lines = scripted::take_log();
+        const auto lines = fake_platform::take_log();
         EXPECT_EQ(lines.at(lines.size() - 2), failure.trace);
         if (failure.text != nullptr)
             expect_rejection(TESK_GET_PM_COUNTERS_REJ, 1, failure.text);
         else
             expect_bytes(sent.at(0), 64, std::string(80, '0'));
     }
-    scripted::failing.clear();
+    fake_platform::failing.clear();
     ports[3].diag.mode_type = 2;
     trace({4});
     send(alice, get_counters, {1, reference, 3});
-    EXPECT_EQ(scripted::take_log().at(3),
+    EXPECT_EQ(fake_platform::take_log().at(3),
               "[4] moddiag: unknown SFP module on port 3(dolm_ric_id 131075)");
     expect_bytes(sent.at(0), 64, std::string(80, '0'));
 }
@@ -621,9 +623,9 @@ TEST_F(procedures, the_history_rolls_over_at_thirty_and_any_mailbox_reads_it)
     } const readings[] = {{TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, 1452},
                           {TESK_SHELL_GET_ACTIONS_CACHE_REQ, 12 + 24 * 7},
                           {TESK_SHELL_GET_SFP_INFO_CACHE_REQ, 12}};
-    scripted::sent.clear();
+    fake_platform::sent.clear();
     for (const auto &reading : readings) {
-        scripted::deliver(stranger, reading.request, {0, 0, 0});
+        fake_platform::deliver(stranger, reading.request, {0, 0, 0});
         tesk_handle_mailbox();
         EXPECT_EQ(sent.back().number, reading.request + 1);
         EXPECT_EQ(sent.back().bytes.size(), reading.size);

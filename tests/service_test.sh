@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The systemd unit and its companions as systemd's own tools see them. Called with the source and
 # the build folder; 77 says that there is no systemd here.
 set -euo pipefail

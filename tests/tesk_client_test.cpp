@@ -1,7 +1,9 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The client library on a scripted mbx: what it makes of answers that are late, short, foreign or
 // for nobody, its deadlines and window, and what it does when the server goes and comes back.
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
+
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -12,11 +14,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+static constexpr uint32_t server = 7, stranger = 8, client_id = 41;
+static const uint32_t own_ref = static_cast<uint32_t>(getpid());
 namespace
 {
 
-constexpr uint32_t server = 7, stranger = 8, client_id = 41;
-const uint32_t own_ref = static_cast<uint32_t>(getpid());
 using words_of = std::vector<uint32_t>; // of a signal, in host order
 
 struct scripted_mbx {
@@ -48,10 +50,13 @@ struct scripted_mbx {
                 sender);
     }
 };
-scripted_mbx mbx;
+
+} // namespace
+
+static scripted_mbx mbx;
 
 // What the real server does, as far as these tests need it.
-void obliging_server(const words_of &request)
+static void obliging_server(const words_of &request)
 {
     switch (request[0]) {
     case TESK_CONN_ESTABLISH_REQ:
@@ -67,11 +72,9 @@ void obliging_server(const words_of &request)
     }
 }
 
-void silent_server(const words_of &)
+static void silent_server(const words_of &)
 {
 }
-
-} // namespace
 
 extern "C" {
 int mbx_init(int, int, int, int, int)
@@ -152,12 +155,18 @@ namespace
 {
 
 using strings = std::vector<std::string>;
-strings heard; // by the callbacks: "status 3 2", "4 why", "lost"
 
-void on_answer(const tesk_client_answer *answer, void *)
+} // namespace
+
+static strings heard; // by the callbacks: "status 3 2", "4 why", "lost"
+
+static void on_answer(const tesk_client_answer *answer, void *)
 {
     heard.push_back(std::to_string(answer->port_no) + " " + answer->text);
 }
+
+namespace
+{
 
 struct client : testing::Test {
     client()
@@ -209,6 +218,8 @@ struct client : testing::Test {
     tesk_client_pm pm{};
     size_t count = 1;
 };
+
+} // namespace
 
 TEST_F(client, what_keeps_from_connecting_is_told_apart)
 {
@@ -407,5 +418,3 @@ TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)
     EXPECT_EQ(tesk_client_run(session, -1), TESK_CLIENT_OK);
     EXPECT_EQ(tesk_client_run(session, 0), TESK_CLIENT_OK);
 }
-
-} // namespace

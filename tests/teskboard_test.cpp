@@ -1,6 +1,7 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* teskboard: its exit codes and what it prints, on a board in the test's own process. */
-#include "board_fixture.h"
-#include "system.h"
+#include "testkit/board/board_fixture.h"
+#include "testkit/processes/processes.h"
 
 #include <regex>
 
@@ -13,16 +14,24 @@ struct expectation {
     const char *output; /* a regular expression for some of it */
 };
 
-void expect(const std::vector<expectation> &all)
+} // namespace
+
+static void expect(const std::vector<expectation> &all)
 {
     for (const auto &[arguments, exit_code, expected] : all) {
         std::string output;
-        EXPECT_EQ(exit_code, rig::run(TESK_BIN_DIR "/teskboard " + arguments, output)) << output;
+        EXPECT_EQ(exit_code, testkit::run(TESK_BIN_DIR "/teskboard " + arguments, output))
+            << output;
         EXPECT_TRUE(std::regex_search(output, std::regex(expected))) << arguments << "\n" << output;
     }
 }
 
+namespace
+{
+
 using teskboard_test = board_fixture;
+
+} // namespace
 
 TEST_F(teskboard_test, every_command_works_on_a_board)
 {
@@ -80,5 +89,3 @@ TEST_F(teskboard_test, a_scene_is_found_right_before_its_first_step)
         {"show 3", 0, "link +up"},
     });
 }
-
-} // namespace

@@ -1,9 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
    codes and reconnection against the real server on the simulated board. */
-#include "system.h"
-#include "teskctl/port_list.h"
-#include "teskctl/tool.h"
-#include "teskctl/top_view.h"
+#include "testkit/processes/processes.h"
+#include "tools/teskctl/port_list.h"
+#include "tools/teskctl/tool.h"
+#include "tools/teskctl/top_view.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,8 @@ namespace
 {
 
 using strings = std::vector<std::string>;
+
+} // namespace
 
 TEST(teskctl, port_lists_are_read_whole_or_not_at_all)
 {
@@ -46,8 +50,8 @@ TEST(teskctl, bytes_that_are_no_text_are_escaped_everywhere)
     EXPECT_EQ(escape(std::string_view("a\x1b[2J\xff\\\0", 8)), "a\\x1b[2J\\xff\\\\\\x00");
     tesk_client_sfp_info info{};
     info.type = TESK_CLIENT_SFP_OPTICAL;
-    std::memset(info.vendor_name, 0xff, sizeof info.vendor_name); /* without a terminator */
-    EXPECT_EQ(to_json(info)["vendor"].get<std::string>().size(), 4 * sizeof info.vendor_name);
+    std::memset(info.vendor_name, 0xff, sizeof(info.vendor_name)); /* without a terminator */
+    EXPECT_EQ(to_json(info)["vendor"].get<std::string>().size(), 4 * sizeof(info.vendor_name));
     EXPECT_EQ(describe(info).find('\xff'), std::string::npos);
 }
 
@@ -95,16 +99,19 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
     }
 }
 
+namespace
+{
+
 class teskctl_system : public testing::Test
 {
   protected:
-    rig::directory directory;
-    std::optional<rig::server> server;
+    testkit::directory directory;
+    std::optional<testkit::server> server;
     std::string output;
 
     int run(const std::string &arguments)
     {
-        return rig::run(TESK_BIN_DIR "/teskctl " + arguments, output);
+        return testkit::run(TESK_BIN_DIR "/teskctl " + arguments, output);
     }
 
     void expect(const std::string &arguments, int code, const std::vector<const char *> &texts)
@@ -114,6 +121,8 @@ class teskctl_system : public testing::Test
             EXPECT_NE(output.find(text), std::string::npos) << arguments << "\n" << output;
     }
 };
+
+} // namespace
 
 TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
 {
@@ -175,12 +184,12 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
         popen("echo $$; exec " TESK_BIN_DIR "/teskctl watch --json --sfp 0 --status 0", "r");
     char line[512];
     auto wait_for = [&](const char *text) {
-        while (std::fgets(line, sizeof line, watch) != nullptr)
+        while (std::fgets(line, sizeof(line), watch) != nullptr)
             if (std::strstr(line, text) != nullptr)
                 return true;
         return false;
     };
-    std::fgets(line, sizeof line, watch);
+    std::fgets(line, sizeof(line), watch);
     const pid_t pid = std::atoi(line);
     ASSERT_TRUE(wait_for("status"));
     server.reset();
@@ -201,5 +210,3 @@ TEST_F(teskctl_system, the_examples_work)
     expect("capabilities; " TESK_BIN_DIR "/example_client_cpp 0 900", 0,
            {"port 0: 41.5 degrees", "port 900: no device"});
 }
-
-} // namespace

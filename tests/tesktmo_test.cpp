@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesktmo: order, receiver and life of timers, on a scripted mailbox library: every block that the
    service takes is either sent or freed. */
 #include "platform/mbx/mbx.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* zel: settings and the mask that follows, lines of text and their file, formatted texts under
    signal handlers, and LTTng from the trace call to what babeltrace2 prints. The library reads its
    settings once, so each case runs in a child process. */

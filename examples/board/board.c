@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The smallest hardware library that works: a starting point for the library of a board.
 
    The hardware is a directory (EXAMPLE_BOARD, by default /tmp/example_board), as a driver would
@@ -28,7 +29,7 @@ static bool there(uint32_t port, const char *what)
 {
     const char *board = getenv("EXAMPLE_BOARD");
     char path[256];
-    snprintf(path, sizeof path, "%s/port%u/%s", board ? board : "/tmp/example_board", port, what);
+    snprintf(path, sizeof(path), "%s/port%u/%s", board ? board : "/tmp/example_board", port, what);
     return access(path, F_OK) == 0;
 }
 
@@ -64,14 +65,14 @@ static bool known(uint32_t id)
 
 static void fill_port_status(dolm_ric_port_status *out, uint32_t id, uint32_t status)
 {
-    memset(out, 0, sizeof *out);
+    memset(out, 0, sizeof(*out));
     out->id = id;
     out->status = status;
 }
 
 static void fill_link_status(dolm_ric_link_status *out, uint32_t id, uint32_t state)
 {
-    memset(out, 0, sizeof *out);
+    memset(out, 0, sizeof(*out));
     out->id = id;
     out->state = state;
     out->speed = 0x1000; /* 10 Gbps */
@@ -82,7 +83,7 @@ static void fill_link_status(dolm_ric_link_status *out, uint32_t id, uint32_t st
 EXPORT int32_t dolm_ric_init(uintptr_t *handle, uint32_t flags)
 {
     (void)flags;
-    memset(ports, 0, sizeof ports);
+    memset(ports, 0, sizeof(ports));
     running = true;
     *handle = 1;
     return DOLM_RICERR_OK;
@@ -224,7 +225,7 @@ EXPORT int32_t dolm_ric_ri_getmoduleinfo(uintptr_t handle, uint32_t id, dolm_ric
         return DOLM_RICERR_NODEV;
     if (!there(id & 0xffff, "module"))
         return DOLM_RICERR_NOTAVAIL;
-    memset(out, 0, sizeof *out);
+    memset(out, 0, sizeof(*out));
     out->mode_type = DOLM_RIC_MODE_SFP;
     out->sfp.sfp_connector = DOLM_SFP_CONNECTOR_LC;
     out->sfp.sfp_eth_speed = DOLM_SFP_ETHSPEED_10GB;
@@ -238,7 +239,7 @@ EXPORT int32_t dolm_ric_ri_getmodstatus(uintptr_t handle, uint32_t id, dolm_ric_
     (void)handle;
     if (!known(id))
         return DOLM_RICERR_NODEV;
-    memset(out, 0, sizeof *out);
+    memset(out, 0, sizeof(*out));
     return DOLM_RICERR_OK;
 }
 

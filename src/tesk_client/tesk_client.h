@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_client - talks to tesk-server for a program, in C or C++.
 
    A session is one program's connection to the server. It belongs to the thread that connected it,

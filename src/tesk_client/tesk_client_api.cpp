@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_client_api - the C functions: they check the caller and leave the work to the session.
 
    A call that answers is a request whose callback fills a place on the caller's stack, and a loop
@@ -6,30 +7,28 @@
 
    C callers see no exceptions. Only connecting opens descriptors, and so can fail by one. */
 #include "tesk_client/tesk_client_session.h"
+
 #include <algorithm>
 #include <memory>
 #include <system_error>
 
-namespace
-{
-
 /* Per thread, as a session is, and not in the session: a failed connect leaves none. */
-thread_local std::string last_error;
+static thread_local std::string last_error;
 
-tesk_client_result fail(tesk_client_result result, std::string text)
+static tesk_client_result fail(tesk_client_result result, std::string text)
 {
     last_error = std::move(text);
     return result;
 }
 
-tesk_client_result fail(tesk_client_result result)
+static tesk_client_result fail(tesk_client_result result)
 {
     return fail(result, tesk_client_result_text(result));
 }
 
 /* The mailbox library serves the whole process, which may use it beside us, so it is started once
    and never ended here. */
-int start_mailbox_library()
+static int start_mailbox_library()
 {
     static const int started = mbx_init(5, 0, 0, 0, 0);
     return started;
@@ -37,7 +36,7 @@ int start_mailbox_library()
 
 /* TESK_CLIENT_OK where the caller may work on the session. A dispatch within a dispatch would hand
    out signals in the wrong order, so what waits is refused inside a callback. */
-tesk_client_result check_caller(const tesk_client_session *session, bool waits)
+static tesk_client_result check_caller(const tesk_client_session *session, bool waits)
 {
     if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no session");
@@ -49,15 +48,15 @@ tesk_client_result check_caller(const tesk_client_session *session, bool waits)
 }
 
 /* Leaves the text of a result for tesk_client_error. */
-tesk_client_result noted(tesk_client_result result)
+static tesk_client_result noted(tesk_client_result result)
 {
     return result == TESK_CLIENT_OK ? result : fail(result);
 }
 
 /* Makes a request and waits for its answer, which `take` gets to see if it is a confirmation. */
 template <typename take_type>
-tesk_client_result call_and_wait(tesk_client_session *session, tesk_client_request_type type,
-                                 uint32_t port_no, take_type take)
+static tesk_client_result call_and_wait(tesk_client_session *session, tesk_client_request_type type,
+                                        uint32_t port_no, take_type take)
 {
     struct call_state {
         take_type &take;
@@ -87,11 +86,9 @@ tesk_client_result call_and_wait(tesk_client_session *session, tesk_client_reque
     return state.result == TESK_CLIENT_OK ? TESK_CLIENT_OK : fail(state.result, state.text);
 }
 
-void ignore_answer(const tesk_client_answer &)
+static void ignore_answer(const tesk_client_answer &)
 {
 }
-
-} // namespace
 
 tesk_client_result tesk_client_connect(const tesk_client_options *options,
                                        tesk_client_session **session)

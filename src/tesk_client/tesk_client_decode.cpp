@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A signal is copied into a record of the wire, turned to host order, and copied field by field
    into a public record: programs are built against tesk_client.h alone, which stays as it is when
    the wire gets fields. A signal may be longer than its record, as a newer server may send it; one
@@ -5,6 +6,7 @@
 
    The history's signals are in host order already: that protocol was made for one machine. */
 #include "tesk_client/tesk_client_decode.h"
+
 #include <algorithm>
 
 /* The public enumerations are the server's, so that words pass through unchanged. */
@@ -13,28 +15,25 @@ static_assert(TESK_CLIENT_LINK_OPERATIONAL == static_cast<int>(TESK_CONN_OPERATI
 static_assert(TESK_CLIENT_LEVEL_NOT_SUPPORTED == static_cast<int>(TESK_FAULT_NOT_SUPPORTED));
 static_assert(TESK_CLIENT_ENVIRONMENT_NOT_READ == static_cast<int>(TESK_ENV_NOT_READ));
 
-namespace
-{
-
 /* A word behind the records, however many there are. */
-constexpr size_t shell_trailer_size = 4;
+static constexpr size_t shell_trailer_size = 4;
 
 /* The public texts are as wide as the server's. It ends each of them; we don't count on it. */
 template <size_t width>
-void copy_text(char (&to)[width], const char (&from)[width])
+static void copy_text(char (&to)[width], const char (&from)[width])
 {
     std::memcpy(to, from, width);
     to[width - 1] = '\0';
 }
 
-uint64_t to_microseconds(uint32_t seconds, uint32_t microseconds)
+static uint64_t to_microseconds(uint32_t seconds, uint32_t microseconds)
 {
     return uint64_t{seconds} * 1'000'000 + microseconds;
 }
 
 /* Both signals that carry levels name them alike. */
 template <typename record_type>
-void copy_levels(uint32_t (&level)[TESK_CLIENT_MEASUREMENTS], const record_type &record)
+static void copy_levels(uint32_t (&level)[TESK_CLIENT_MEASUREMENTS], const record_type &record)
 {
     level[TESK_CLIENT_TX_POWER] = record.tx_power_fault_level;
     level[TESK_CLIENT_RX_POWER] = record.rx_power_fault_level;
@@ -45,7 +44,7 @@ void copy_levels(uint32_t (&level)[TESK_CLIENT_MEASUREMENTS], const record_type 
     level[TESK_CLIENT_TEC] = record.tec_fault_level;
 }
 
-tesk_client_history_record to_history(const tesk_shell_port_status_record &record)
+static tesk_client_history_record to_history(const tesk_shell_port_status_record &record)
 {
     tesk_client_history_record result{};
     result.time_us = to_microseconds(record.tv_sec, record.tv_usec);
@@ -56,7 +55,7 @@ tesk_client_history_record to_history(const tesk_shell_port_status_record &recor
     return result;
 }
 
-tesk_client_history_record to_history(const tesk_shell_sfp_info_record &record)
+static tesk_client_history_record to_history(const tesk_shell_sfp_info_record &record)
 {
     tesk_client_history_record result{};
     result.time_us = to_microseconds(record.tv_sec, record.tv_usec);
@@ -65,7 +64,7 @@ tesk_client_history_record to_history(const tesk_shell_sfp_info_record &record)
     return result;
 }
 
-tesk_client_history_record to_history(const tesk_shell_action_record &record)
+static tesk_client_history_record to_history(const tesk_shell_action_record &record)
 {
     tesk_client_history_record result{};
     result.time_us = to_microseconds(record.tv_sec, record.tv_usec);
@@ -76,14 +75,14 @@ tesk_client_history_record to_history(const tesk_shell_action_record &record)
     return result;
 }
 
-const char *bytes_at(const mbx_signal *signal, size_t offset)
+static const char *bytes_at(const mbx_signal *signal, size_t offset)
 {
     return reinterpret_cast<const char *>(signal) + offset;
 }
 
 /* The count comes from outside: the signal must hold as many records as it says. */
 template <typename record_type>
-std::optional<answer_payload> decode_history(const mbx_signal *signal)
+static std::optional<answer_payload> decode_history(const mbx_signal *signal)
 {
     std::optional<tesk_shell_cfm> frame = copy_of<tesk_shell_cfm>(signal);
     if (!frame)
@@ -95,13 +94,13 @@ std::optional<answer_payload> decode_history(const mbx_signal *signal)
     answer_payload payload;
     for (size_t i = 0; i < frame->count; i++) {
         record_type record;
-        std::memcpy(&record, bytes_at(signal, sizeof *frame + i * sizeof record), sizeof record);
+        std::memcpy(&record, bytes_at(signal, sizeof(*frame) + i * sizeof(record)), sizeof(record));
         payload.history.push_back(to_history(record));
     }
     return payload;
 }
 
-std::optional<answer_payload> decode_capabilities(const mbx_signal *signal)
+static std::optional<answer_payload> decode_capabilities(const mbx_signal *signal)
 {
     constexpr size_t entries = offsetof(tesk_get_capabilities_cfm, capabilities);
     const size_t size = mbx_size(signal);
@@ -112,22 +111,22 @@ std::optional<answer_payload> decode_capabilities(const mbx_signal *signal)
     uint32_t count = 0;
     std::memcpy(&count,
                 bytes_at(signal, offsetof(tesk_get_capabilities_cfm, number_of_capabilities)),
-                sizeof count);
+                sizeof(count));
     tesk_turn_words(count);
     if (count > (size - entries) / sizeof(tesk_capability))
         return std::nullopt;
     answer_payload payload;
     for (size_t i = 0; i < count; i++) {
         tesk_capability capability;
-        std::memcpy(&capability, bytes_at(signal, entries + i * sizeof capability),
-                    sizeof capability);
+        std::memcpy(&capability, bytes_at(signal, entries + i * sizeof(capability)),
+                    sizeof(capability));
         tesk_turn(capability);
         payload.capabilities.push_back({capability.capability_id, capability.capability_value});
     }
     return payload;
 }
 
-std::optional<answer_payload> decode_pm(const mbx_signal *signal)
+static std::optional<answer_payload> decode_pm(const mbx_signal *signal)
 {
     std::optional<tesk_get_pm_counters_cfm> cfm = host_copy_of<tesk_get_pm_counters_cfm>(signal);
     if (!cfm)
@@ -161,8 +160,6 @@ std::optional<answer_payload> decode_pm(const mbx_signal *signal)
     payload.pm = pm;
     return payload;
 }
-
-} // namespace
 
 std::optional<tesk_client_sfp_info> decode_sfp_info(const mbx_signal *signal)
 {
@@ -218,5 +215,5 @@ std::optional<answer_payload> decode_confirmation(const mbx_signal *signal)
 
 std::string decode_error_text(const char (&field)[TESK_ERROR_DESCRIPTION_SIZE])
 {
-    return std::string(field, strnlen(field, sizeof field - 1));
+    return std::string(field, strnlen(field, sizeof(field) - 1));
 }

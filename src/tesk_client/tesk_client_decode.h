@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_client_decode - from received signals to the public records. A signal is bytes from outside:
    each function checks that it is as long as what it reads, and gives nothing where it isn't. No
    state. */
@@ -5,6 +6,7 @@
 
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
+
 #include <cstring>
 #include <mbx.h>
 #include <optional>
@@ -18,7 +20,7 @@ std::optional<record_type> copy_of(const mbx_signal *signal)
     if (mbx_size(signal) < sizeof(record_type))
         return std::nullopt;
     record_type record;
-    std::memcpy(&record, signal, sizeof record);
+    std::memcpy(&record, signal, sizeof(record));
     return record;
 }
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A request waits in `waiting_` until the connection stands and the window has room, then in
    `sent_` until its answer, its deadline or the loss of the server. Both are in the order of the
    calls.
@@ -7,14 +8,12 @@
    request of that type is meant. For this one that has timed out keeps its place without a
    callback, until its answer or that of any later request shows that it has had its turn. */
 #include "tesk_client/tesk_client_session.h"
+
 #include <algorithm>
 #include <iterator>
 
-namespace
-{
-
 /* In the order of tesk_client_request_type. */
-constexpr request_row rows[] = {
+static constexpr request_row rows[] = {
     {TESK_SUBSCRIBE_SFP_INFO_REQ, TESK_SUBSCRIBE_SFP_INFO_CFM, TESK_SUBSCRIBE_SFP_INFO_REJ,
      sizeof(tesk_port_signal), true, true},
     {TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_UNSUBSCRIBE_SFP_INFO_CFM, TESK_UNSUBSCRIBE_SFP_INFO_REJ,
@@ -35,10 +34,13 @@ constexpr request_row rows[] = {
 };
 static_assert(std::size(rows) == TESK_CLIENT_REQUEST_HISTORY_ACTIONS + 1);
 
-const request_row &row_of(const pending_request &request)
+static const request_row &row_of(const pending_request &request)
 {
     return rows[request.type];
 }
+
+namespace
+{
 
 /* What a request means for the subscriptions, which the session remembers to renew them and to know
    which indications were asked for. */
@@ -47,7 +49,9 @@ struct subscription_effect {
     bool subscribes;
 };
 
-std::optional<subscription_effect> effect_of(tesk_client_request_type type)
+} // namespace
+
+static std::optional<subscription_effect> effect_of(tesk_client_request_type type)
 {
     switch (type) {
     case TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO:
@@ -63,7 +67,7 @@ std::optional<subscription_effect> effect_of(tesk_client_request_type type)
     }
 }
 
-outcome plain_outcome(tesk_client_result result)
+static outcome plain_outcome(tesk_client_result result)
 {
     outcome plain;
     plain.result = result;
@@ -72,7 +76,7 @@ outcome plain_outcome(tesk_client_result result)
 }
 
 /* A rejection's outcome; nothing if the signal is too short for one. */
-std::optional<outcome> rejection(const mbx_signal *signal)
+static std::optional<outcome> rejection(const mbx_signal *signal)
 {
     const auto rej = host_copy_of<tesk_port_rej>(signal);
     if (!rej)
@@ -84,7 +88,7 @@ std::optional<outcome> rejection(const mbx_signal *signal)
     return rejected;
 }
 
-std::optional<outcome> confirmation(const mbx_signal *signal)
+static std::optional<outcome> confirmation(const mbx_signal *signal)
 {
     std::optional<answer_payload> payload = decode_confirmation(signal);
     if (!payload)
@@ -94,7 +98,7 @@ std::optional<outcome> confirmation(const mbx_signal *signal)
     return confirmed;
 }
 
-bool answers(const mbx_signal *signal, const pending_request &request, uint32_t conn_ref)
+static bool answers(const mbx_signal *signal, const pending_request &request, uint32_t conn_ref)
 {
     const request_row &row = row_of(request);
     if (signal->number != row.cfm && (row.rej == 0 || signal->number != row.rej))
@@ -110,8 +114,6 @@ bool answers(const mbx_signal *signal, const pending_request &request, uint32_t 
     const auto with_port = host_copy_of<tesk_port_signal>(signal);
     return with_port && with_port->port_no == request.port_no;
 }
-
-} // namespace
 
 size_t tesk_client_session::in_flight() const
 {

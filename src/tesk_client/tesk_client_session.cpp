@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A session owns one epoll descriptor, which is what the program polls. Behind it are the mailbox,
    one timer for the nearest of all deadlines, and an eventfd for tesk_client_stop.
 
@@ -8,6 +9,7 @@
    All that arrives is checked: only the server's mailbox is listened to, and only signals that are
    whole and bear our reference count. Anything else is dropped without a word. */
 #include "tesk_client/tesk_client_session.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <memory>
@@ -17,12 +19,12 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace
-{
-
 /* So many signals in one dispatch, so that a busy server doesn't keep the program from its other
    work; the descriptor stays readable for the rest. */
-constexpr int signals_per_dispatch = 64;
+static constexpr int signals_per_dispatch = 64;
+
+namespace
+{
 
 struct signal_deleter {
     void operator()(mbx_signal *signal) const
@@ -32,14 +34,16 @@ struct signal_deleter {
 };
 using owned_signal = std::unique_ptr<mbx_signal, signal_deleter>;
 
-int checked(int fd)
+} // namespace
+
+static int checked(int fd)
 {
     if (fd < 0)
         throw std::system_error(errno, std::generic_category());
     return fd;
 }
 
-int watch(int epoll, int fd)
+static int watch(int epoll, int fd)
 {
     epoll_event event{};
     event.events = EPOLLIN;
@@ -47,7 +51,7 @@ int watch(int epoll, int fd)
     return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
 }
 
-tesk_client_options with_defaults(tesk_client_options options)
+static tesk_client_options with_defaults(tesk_client_options options)
 {
     auto use_default = [](uint32_t &value, uint32_t preset) {
         if (value == 0)
@@ -60,7 +64,7 @@ tesk_client_options with_defaults(tesk_client_options options)
     return options;
 }
 
-outcome failure(tesk_client_result result, std::string text)
+static outcome failure(tesk_client_result result, std::string text)
 {
     outcome failed;
     failed.result = result;
@@ -68,12 +72,12 @@ outcome failure(tesk_client_result result, std::string text)
     return failed;
 }
 
-std::string system_text(const char *what, int error)
+static std::string system_text(const char *what, int error)
 {
     return std::string(what) + ": " + std::generic_category().message(error);
 }
 
-outcome locate_failure(int error)
+static outcome locate_failure(int error)
 {
     const std::string name = std::string("mailbox \"") + TESK_SERVER_NAME + "\"";
     switch (error) {
@@ -90,13 +94,11 @@ outcome locate_failure(int error)
     }
 }
 
-int remaining_ms(steady_clock::time_point end)
+static int remaining_ms(steady_clock::time_point end)
 {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
     return static_cast<int>(std::max<int64_t>(left.count(), 0));
 }
-
-} // namespace
 
 owned_fd::~owned_fd()
 {
@@ -332,9 +334,9 @@ tesk_client_result tesk_client_session::dispatch()
 {
     /* Both descriptors count, and stay readable until they are read. */
     uint64_t count = 0;
-    if (read(stop_event_.get(), &count, sizeof count) > 0)
+    if (read(stop_event_.get(), &count, sizeof(count)) > 0)
         stopped_ = true;
-    if (read(timer_.get(), &count, sizeof count) > 0)
+    if (read(timer_.get(), &count, sizeof(count)) > 0)
         armed_.reset();
     bool drained = false;
     for (int i = 0; i < signals_per_dispatch && mailbox_fd_ >= 0 && !drained; i++) {
@@ -377,6 +379,6 @@ void tesk_client_session::stop()
 {
     const int saved = errno; /* this may be a signal handler */
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(stop_event_.get(), &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(stop_event_.get(), &one, sizeof(one));
     errno = saved;
 }

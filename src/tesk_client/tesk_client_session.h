@@ -1,8 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_client_session - the session behind the C functions. One thread. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"
 #include "tesk_client/tesk_client_decode.h"
+
 #include <chrono>
 #include <deque>
 #include <map>

@@ -1,13 +1,12 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_client_texts - results and enumerations in words, each the index into its table. Programs
    show these texts and compare them (teskctl's objects bear them), so they are as fixed as the
    values. */
 #include "tesk_client/tesk_client.h"
+
 #include <span>
 
-namespace
-{
-
-constexpr const char *result_texts[] = {
+static constexpr const char *result_texts[] = {
     "done",
     "rejected by the server",
     "wrong use of the session",
@@ -20,21 +19,22 @@ constexpr const char *result_texts[] = {
 };
 static_assert(std::size(result_texts) == TESK_CLIENT_FAILED + 1);
 
-constexpr const char *sfp_type_texts[] = {"not present", "electrical", "optical", "unknown"};
-constexpr const char *link_texts[] = {"stopped", "not operational", "operational"};
-constexpr const char *level_texts[] = {
+static constexpr const char *sfp_type_texts[] = {"not present", "electrical", "optical", "unknown"};
+static constexpr const char *link_texts[] = {"stopped", "not operational", "operational"};
+static constexpr const char *level_texts[] = {
     "ok", "low warning", "high warning", "low alarm", "high alarm", "not measured", "not supported",
 };
-constexpr const char *measurement_texts[] = {
+static constexpr const char *measurement_texts[] = {
     "tx power", "rx power", "tx bias", "vcc", "temperature", "laser temperature", "tec",
 };
 static_assert(std::size(measurement_texts) == TESK_CLIENT_MEASUREMENTS);
-constexpr const char *environment_texts[] = {"clear", "set", nullptr, nullptr, nullptr, "not read"};
-constexpr const char *port_state_texts[] = {"unknown", "up", "down"};
-constexpr const char *presence_texts[] = {
+static constexpr const char *environment_texts[] = {"clear", "set",   nullptr,
+                                                    nullptr, nullptr, "not read"};
+static constexpr const char *port_state_texts[] = {"unknown", "up", "down"};
+static constexpr const char *presence_texts[] = {
     "not present", "present, not ready", "present and ready", "unknown", "unsupported port",
 };
-constexpr const char *action_texts[] = {
+static constexpr const char *action_texts[] = {
     "unknown",
     "port status subscribed",
     "port status unsubscribed",
@@ -45,12 +45,10 @@ constexpr const char *action_texts[] = {
 };
 
 /* In the order of tesk_client_enumeration. */
-constexpr std::span<const char *const> enumerations[] = {
+static constexpr std::span<const char *const> enumerations[] = {
     sfp_type_texts,    link_texts,       level_texts,    measurement_texts,
     environment_texts, port_state_texts, presence_texts, action_texts,
 };
-
-} // namespace
 
 const char *tesk_client_result_text(tesk_client_result result)
 {

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The buckets stand in a list that is sorted by id, and a new one gets the lowest id that is free.
    To find the id and the place in the list by walking would cost the more the more ports are
    subscribed to, and each tick and each change of a port looks its bucket up. So two things stand
@@ -7,10 +8,10 @@
    An id that comes back is given out again at once. A tick that is still on its way to a bucket
    that has been removed can therefore reach another one, which then drains by two chains of ticks
    until it is empty. */
-#include "leaky_bucket.h"
+#include "tesk_server/leaky_bucket.h"
 
-#include "tesk_list.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_list.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <algorithm>
 #include <cstdlib>

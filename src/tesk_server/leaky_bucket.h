@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* leaky_bucket - integer meters with a filter level. A bucket reads no clock and knows no port:
    rise, fall and the tick are its user's. Main thread only. */
 #pragma once

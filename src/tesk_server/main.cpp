@@ -1,4 +1,5 @@
-#include "tesk_main.h"
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tesk_server/tesk_main.h"
 
 int main()
 {

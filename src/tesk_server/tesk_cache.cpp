@@ -1,12 +1,13 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Three arrays that roll over independently, so that a burst of indications pushes out old actions
    only. A full array gives up its oldest record by moving the 29 others, which keeps it in the
    order in which it is read.
 
    The records are kept without the entry's type, as an array has one type only. An add that is
    refused is no reason for a procedure to stop. */
-#include "tesk_cache.h"
+#include "tesk_server/tesk_cache.h"
 
-#include "tesk_trace.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <algorithm>
 #include <cstdlib>

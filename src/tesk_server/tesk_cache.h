@@ -1,9 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_cache - the history: the last 30 port state events, presence changes and actions towards
    clients, in memory, for diagnostics only. Nothing in the server's behaviour depends on it. Main
    thread only. */
 #pragma once
 
-#include "tesk_types.h"
+#include "tesk_server/tesk_types.h"
 
 #include <cstdint>
 #include <sys/time.h>

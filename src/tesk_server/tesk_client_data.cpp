@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Beside the list of clients stand three indexes, so that no lookup grows with the number of
    clients or of their subscriptions: the client of a mailbox, the subscriber of a client, port and
    kind, and the subscribers of a port and kind. The functions that change the list or a client's
@@ -10,12 +11,12 @@
 
    The mutex guards the list, the next id and the indexes, though only the main thread comes here;
    nothing is called out to while it is held. Subscriptions are changed without it. */
-#include "tesk_client_data.h"
+#include "tesk_server/tesk_client_data.h"
 
-#include "tesk_list.h"
-#include "tesk_mutex.h"
-#include "tesk_trace.h"
-#include "tesk_types.h"
+#include "tesk_server/tesk_list.h"
+#include "tesk_server/tesk_mutex.h"
+#include "tesk_server/tesk_trace.h"
+#include "tesk_server/tesk_types.h"
 
 static pthread_mutex_t client_mutex = PTHREAD_MUTEX_INITIALIZER;
 static tesk_client *client_head;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_client_data - the registry: one record for each client that has established a connection,
    with the subscriptions that it holds. Main thread only, in spite of the mutex. A pointer to a
    record is good until control returns to the main loop. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A mailbox has one connection at most, and whether it has one is asked first: a client that is
    connected already is told so, whatever it offers. The revisions decide next: the client offers a
    list, and the server takes the one that it speaks, wherever it stands.
@@ -5,12 +6,12 @@
    The two sides swap references here. What the client gives as connection_ref comes back to it in
    all that the server sends, and the client_id of the CFM is what it has to put into the same field
    of its requests. A rejection bears 0, since no reference has been agreed. */
-#include "tesk_conn_establish.h"
+#include "tesk_server/tesk_conn_establish.h"
 
-#include "tesk_client_data.h"
-#include "tesk_signals.h"
-#include "tesk_text.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_client_data.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_text.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <algorithm>
 #include <cstdio>

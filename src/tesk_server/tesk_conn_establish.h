@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_conn_establish - TESK_CONN_ESTABLISH_REQ, the first signal of every client. Main thread. */
 #pragma once
 

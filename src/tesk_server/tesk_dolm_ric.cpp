@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Start and stop of the hardware library, and the hardware event thread.
 
    The thread waits in the library, turns each event into a record of the event queue and gives the
@@ -9,9 +10,8 @@
    over it; it is taken up again after a pause of 5 ms, so that a library that fails for good costs
    next to nothing, and events that come again are late by no more than that. Once the server stops,
    though, a failed wait ends the thread too, or the join might never come back. */
-#include "tesk_dolm_ric_internal.h"
-
-#include "tesk_event_queue.h"
+#include "tesk_server/tesk_dolm_ric_internal.h"
+#include "tesk_server/tesk_event_queue.h"
 
 #include <atomic>
 #include <cerrno>

@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_dolm_ric - the only code of the server that talks to the hardware library. Main thread, but
    for the hardware event thread that it runs itself. Every read is synchronous: the main loop waits
    for the library. */
 #pragma once
 
-#include "tesk_signals.h"
-#include "tesk_types.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_types.h"
 
 #include <cstddef>
 #include <cstdint>

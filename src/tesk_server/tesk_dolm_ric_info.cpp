@@ -1,12 +1,12 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The library's subscriptions, and the reads of a port and of its module. Nothing is kept between
    calls: a client is always told what the hardware says at that moment, not what an event said.
 
    A failed read is no failure of the server. get_sfp_info leaves its record as it was, and
    get_port_info starts from values that say "not read" and stops at the first read that fails, so
    that a client sees as much of the port as could be told. */
-#include "tesk_dolm_ric_internal.h"
-
-#include "tesk_text.h"
+#include "tesk_server/tesk_dolm_ric_internal.h"
+#include "tesk_server/tesk_text.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,9 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* What the sources of tesk_dolm_ric share among themselves. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
-#include "tesk_dolm_ric.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_dolm_ric.h"
+#include "tesk_server/tesk_trace.h"
 
 /* Written once before the event thread exists. */
 extern uintptr_t dolm_ric_handle;

@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The read of a port's measured values, in the units of the protocol.
 
    The identity comes first, since a port without a readable module has no values at all, and its
    failure is what the client is told. Diagnostics are what many modules lack: their absence leaves
    the values out, and the rest of the answer stands. The three reads are made one after the other
    and need not show the same instant. */
-#include "tesk_dolm_ric_internal.h"
+#include "tesk_server/tesk_dolm_ric_internal.h"
 
 /* Integer arithmetic only. The added half may wrap at the width of its type, which is meant: there
    is no error result. A negative temperature is cut toward zero after the addition. */

@@ -1,14 +1,15 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The mutex guards the list head and the eventfd's read and write together. The counter is
    therefore never 0 while the list isn't empty, and the blocking read returns at once.
 
    Events come out newest first, and nothing turns them round: of two that waited together the older
    one is handled last, and the state that it bears is the one that the server keeps until the
    port's next event. */
-#include "tesk_event_queue.h"
+#include "tesk_server/tesk_event_queue.h"
 
-#include "tesk_mutex.h"
-#include "tesk_trace.h"
-#include "tesk_types.h"
+#include "tesk_server/tesk_mutex.h"
+#include "tesk_server/tesk_trace.h"
+#include "tesk_server/tesk_types.h"
 
 #include <cerrno>
 #include <cstring>

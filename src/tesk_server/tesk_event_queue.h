@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_event_queue - carries hardware events from the hardware event thread to the main thread: a
    stack under a mutex, paired with an eventfd that the main loop waits on. It has no bound but
    memory: a bound would mean to lose events, and each is small. */

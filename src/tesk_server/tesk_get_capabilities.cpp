@@ -1,12 +1,13 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The list is a constant of the server: the answer touches neither the hardware nor any state, and
    nothing in the server depends on the numbers. The procedure has no rejection, so a request that
    matches no client ends in silence, as all such requests do. Unlike a subscription this one leaves
    the client's procedure_ref alone. */
-#include "tesk_get_capabilities.h"
+#include "tesk_server/tesk_get_capabilities.h"
 
-#include "tesk_client_data.h"
-#include "tesk_signals.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_client_data.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <cstring>
 #include <iterator>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_get_capabilities - answers TESK_GET_CAPABILITIES_REQ with a fixed list. Main thread. */
 #pragma once
 

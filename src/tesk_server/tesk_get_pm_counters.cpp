@@ -1,15 +1,16 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* One snapshot for one request. Nothing of it is stored, and the request changes nothing about the
    client, not even its procedure_ref: there is no indication that could bear it.
 
    All is read before anything is answered, so a read that fails half-way gives a rejection with the
    library's own reason, and never a CFM with half of the values. Values that the module doesn't
    have are no failure: the CFM says which of them it holds. */
-#include "tesk_get_pm_counters.h"
+#include "tesk_server/tesk_get_pm_counters.h"
 
-#include "tesk_dolm_ric.h"
-#include "tesk_port_request.h"
-#include "tesk_text.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_dolm_ric.h"
+#include "tesk_server/tesk_port_request.h"
+#include "tesk_server/tesk_text.h"
+#include "tesk_server/tesk_trace.h"
 
 static void tesk_send_get_pm_counters_cfm(uint32_t mbox, uint32_t procedure_ref,
                                           uint32_t connection_ref, const tesk_pm_counters *counters)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_get_pm_counters - answers TESK_GET_PM_COUNTERS_REQ with one snapshot. Main thread. */
 #pragma once
 

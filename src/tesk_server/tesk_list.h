@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_list - lists whose links are members of the records: `next`, and `prev_link`, which leads to
    the place that points at the record, be it the head of the list or the `next` of the record
    before. With that place at hand a record leaves its list without a walk, and nobody has to know

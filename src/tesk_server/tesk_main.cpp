@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* One epoll loop over two level-triggered sources: the mailbox and the event queue. A signal or a
    queued event is handled to its end before the next one is looked at.
 
@@ -9,27 +10,26 @@
    The stop is a signal too. SIGTERM or SIGINT makes the handler send TESK_EXIT_SIGNAL to the
    server's own mailbox, and the dispatch ends the loop when the sender is that mailbox: nobody else
    can. */
-#include "tesk_main.h"
-
-#include "tesk_cache.h"
-#include "tesk_client_data.h"
-#include "tesk_conn_establish.h"
-#include "tesk_dolm_ric.h"
-#include "tesk_event_queue.h"
-#include "tesk_get_capabilities.h"
-#include "tesk_get_pm_counters.h"
-#include "tesk_mbx_monitor.h"
-#include "tesk_portsub.h"
-#include "tesk_shell_client.h"
-#include "tesk_signals.h"
-#include "tesk_subscribe_port_status.h"
-#include "tesk_subscribe_sfp_info.h"
-#include "tesk_trace.h"
-#include "tesk_unsubscribe_port_status.h"
-#include "tesk_unsubscribe_sfp_info.h"
+#include "tesk_server/tesk_main.h"
 
 #include "platform/mbx/mbx.h"
 #include "platform/tesktmo/tesktmo.h"
+#include "tesk_server/tesk_cache.h"
+#include "tesk_server/tesk_client_data.h"
+#include "tesk_server/tesk_conn_establish.h"
+#include "tesk_server/tesk_dolm_ric.h"
+#include "tesk_server/tesk_event_queue.h"
+#include "tesk_server/tesk_get_capabilities.h"
+#include "tesk_server/tesk_get_pm_counters.h"
+#include "tesk_server/tesk_mbx_monitor.h"
+#include "tesk_server/tesk_portsub.h"
+#include "tesk_server/tesk_shell_client.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_subscribe_port_status.h"
+#include "tesk_server/tesk_subscribe_sfp_info.h"
+#include "tesk_server/tesk_trace.h"
+#include "tesk_server/tesk_unsubscribe_port_status.h"
+#include "tesk_server/tesk_unsubscribe_sfp_info.h"
 
 #include <algorithm>
 #include <cerrno>

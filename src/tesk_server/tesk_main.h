@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_main - start-up, the main loop, the dispatch of signals and of queued hardware events, and
    shut-down. */
 #pragma once

@@ -1,14 +1,15 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A client that dies gives up what it holds as if it had unsubscribed from all of it, but for the
    history and the answers: nobody is there to be told. The last subscriber of a port thus gives the
    hardware subscription back however it leaves.
 
    A refusal of the hardware doesn't hold the clean-up: the client has gone, whatever its ports say.
  */
-#include "tesk_mbx_monitor.h"
+#include "tesk_server/tesk_mbx_monitor.h"
 
-#include "tesk_client_data.h"
-#include "tesk_portsub.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_client_data.h"
+#include "tesk_server/tesk_portsub.h"
+#include "tesk_server/tesk_trace.h"
 
 /* Gives up the client's share of one subscription. A refusal is traced and leaves the port with a
    subscriber that no client stands for. */

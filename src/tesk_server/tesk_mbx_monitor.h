@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_mbx_monitor - cleans up after a client whose mailbox has died. Main thread. */
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_mutex - a mutex that cannot be taken or given back ends the process: nothing that it guards
    can be trusted any more. */
 #pragma once

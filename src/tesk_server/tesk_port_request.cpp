@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The beginning and the end of five procedures. The order of a request is the same in all of them:
    turned, traced, its client found, its port looked at. Turned before it is traced, so that the
    trace shows numbers that people know; its client found before anything is answered, since an
@@ -5,11 +6,11 @@
 
    Whether the port is in range is a step of its own: an unsubscription doesn't ask it, as a port
    out of range can't have been subscribed to and is told so. */
-#include "tesk_port_request.h"
+#include "tesk_server/tesk_port_request.h"
 
-#include "tesk_signals.h"
-#include "tesk_text.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_text.h"
+#include "tesk_server/tesk_trace.h"
 
 bool tesk_port_request_read(const tesk_port_procedure *procedure, mbx_signal *signal,
                             tesk_port_request *request)

@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_port_request - what the five requests that name a port share: their reading, the check of
    the port's range, and the answers of common layout. The differences, which are texts and a
    sender, stand in one tesk_port_procedure beside each handler. Main thread only. */
 #pragma once
 
 #include "platform/mbx/mbx.h"
-#include "tesk_client_data.h"
+#include "tesk_server/tesk_client_data.h"
 
 #include <cstdint>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Two tables, one for each kind of subscription, with one record for each port that has
    subscribers. An index by port stands beside each table, since every hardware event asks for its
    port's record, and most ports have none.
@@ -12,11 +13,11 @@
    where a first SFP info subscriber joins a port whose port status record has missed the module's
    changes, as SFP events come with the subscription to SFP info alone; the next one of them brings
    the two together again. */
-#include "tesk_portsub.h"
+#include "tesk_server/tesk_portsub.h"
 
-#include "leaky_bucket.h"
-#include "tesk_dolm_ric.h"
-#include "tesk_trace.h"
+#include "tesk_server/leaky_bucket.h"
+#include "tesk_server/tesk_dolm_ric.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <glib.h>
 

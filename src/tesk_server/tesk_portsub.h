@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_portsub - who is subscribed, port by port: a count of clients for each kind, what is known
    of the port, and the port's leaky bucket. The hardware library sees one subscription a port and
    kind however many clients hold it. A record exists exactly while that subscription is held. Main
    thread only. */
 #pragma once
 
-#include "tesk_types.h"
+#include "tesk_server/tesk_types.h"
 
 #include <cstdint>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A protocol of its own for a diagnostic tool on the same board: any mailbox may ask, nothing is
    turned to network order, there is no rejection, and no trace shows its signals. It is looked for
    before the dispatch, which knows nothing of it.
@@ -5,11 +6,11 @@
    The three answers have one frame and differ in type, record, mapping and failure text. The
    enumerations of the shell protocol are its own: they are mapped, not copied, so that the server's
    own values can change without a change of the tool. */
-#include "tesk_shell_client.h"
+#include "tesk_server/tesk_shell_client.h"
 
-#include "tesk_cache.h"
-#include "tesk_signals.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_cache.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <cstdlib>
 

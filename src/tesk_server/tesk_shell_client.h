@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_shell_client - hands the history to whoever asks, outside the client protocol: no
    connection, no references, host byte order. Main thread. */
 #pragma once

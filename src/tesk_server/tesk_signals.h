@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_signals - every signal of the server: numbers, sizes, records and the turn to and from
    network byte order. A record is laid over a received or allocated block that is at least as long.
    The first word of every signal, its number, stays in host order; the records that the server

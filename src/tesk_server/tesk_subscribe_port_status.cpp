@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A port that flaps would flood its subscribers, so what is told of its changes passes a filter.
    Each change to down pours 20 into the port's bucket, and each tick takes 10 out. At or above the
    bucket's filter level changes are recorded but not told; when the level falls below it, the
@@ -11,17 +12,16 @@
 
    What goes out is what the port says when it is read, once for all subscribers, and not what the
    event said; on a port that changes fast the two differ. */
-#include "tesk_subscribe_port_status.h"
-
-#include "leaky_bucket.h"
-#include "tesk_cache.h"
-#include "tesk_dolm_ric.h"
-#include "tesk_portsub.h"
-#include "tesk_signals.h"
-#include "tesk_subscription.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_subscribe_port_status.h"
 
 #include "platform/tesktmo/tesktmo.h"
+#include "tesk_server/leaky_bucket.h"
+#include "tesk_server/tesk_cache.h"
+#include "tesk_server/tesk_dolm_ric.h"
+#include "tesk_server/tesk_portsub.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_subscription.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_subscribe_port_status - lets a client follow the status of a port: the subscription and its
    first indication, and the indications of what changes. Port state changes pass the port's leaky
    bucket, presence changes don't. Main thread. */

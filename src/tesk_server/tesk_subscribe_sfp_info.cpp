@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The module is read before the CFM, since that read can still find that there is no such port. By
    then the client has been counted on the port but holds no subscription, and so the count is given
    back before the rejection: nobody else could ever do that, and the hardware subscription would
@@ -5,14 +6,14 @@
 
    All subscribers of a port get the same content from one read. The last subscriber to connect is
    told first, as the registry orders them. */
-#include "tesk_subscribe_sfp_info.h"
+#include "tesk_server/tesk_subscribe_sfp_info.h"
 
-#include "tesk_cache.h"
-#include "tesk_dolm_ric.h"
-#include "tesk_portsub.h"
-#include "tesk_signals.h"
-#include "tesk_subscription.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_cache.h"
+#include "tesk_server/tesk_dolm_ric.h"
+#include "tesk_server/tesk_portsub.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_subscription.h"
+#include "tesk_server/tesk_trace.h"
 
 #include <cstring>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_subscribe_sfp_info - lets a client follow the module of a port: the subscription and its
    first indication, and the indications of presence changes, which pass no filter. Main thread. */
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The order of the steps is what a client can rely on. A refusal comes before anything is changed:
    the checks that cost nothing first, the hardware last. After that the subscription is recorded
    before the history is written and the CFM goes out last, so that what a CFM says is true when it
@@ -5,9 +6,9 @@
 
    The client's procedure_ref follows the change, not the request: it is stored once the port
    subscription table has accepted, so that indications bear the latest change that it took. */
-#include "tesk_subscription.h"
+#include "tesk_server/tesk_subscription.h"
 
-#include "tesk_signals.h"
+#include "tesk_server/tesk_signals.h"
 
 bool tesk_subscribe_accept(const tesk_subscribe_procedure *procedure, mbx_signal *signal,
                            tesk_port_request *request)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_subscription - the course that subscribing to the two kinds shares, and unsubscribing from
    them. What differs stands in a record beside each handler; where a kind does something of its own
    in the middle, its handler does it between two of these steps. Main thread only.
@@ -7,7 +8,7 @@
    up. */
 #pragma once
 
-#include "tesk_port_request.h"
+#include "tesk_server/tesk_port_request.h"
 
 struct tesk_subscribe_procedure {
     tesk_port_procedure request;

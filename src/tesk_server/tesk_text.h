@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_text - bounded copies of texts into fields of fixed size. Any thread. */
 #pragma once
 

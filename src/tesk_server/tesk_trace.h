@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_trace - the server's way into the trace library. Any thread, also in a signal handler.
 
    A text is formatted only where its group is enabled. The mask is read at each trace, since it can

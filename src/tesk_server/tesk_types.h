@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_types - what several modules of the server name: the state of a port and of its module, and
    the result of a failed operation. */
 #pragma once

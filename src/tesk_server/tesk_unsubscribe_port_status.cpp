@@ -1,13 +1,14 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Nothing here but what tells this procedure from its sibling: the course is tesk_unsubscribe. The
    port's bucket goes with its last subscriber and is the table's business, and a tick that is still
    on its way finds none. No indication follows the CFM. */
-#include "tesk_unsubscribe_port_status.h"
+#include "tesk_server/tesk_unsubscribe_port_status.h"
 
-#include "tesk_cache.h"
-#include "tesk_portsub.h"
-#include "tesk_signals.h"
-#include "tesk_subscription.h"
-#include "tesk_trace.h"
+#include "tesk_server/tesk_cache.h"
+#include "tesk_server/tesk_portsub.h"
+#include "tesk_server/tesk_signals.h"
+#include "tesk_server/tesk_subscription.h"
+#include "tesk_server/tesk_trace.h"
 
 static void tesk_port_status_cache_unsubscribe(uint32_t port_no, uint32_t client_id,
                                                uint32_t conn_ref)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_unsubscribe_port_status - ends a client's port status subscription on a port. Main thread.
  */
 #pragma once

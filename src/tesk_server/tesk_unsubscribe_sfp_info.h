@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_unsubscribe_sfp_info - ends a client's SFP info subscription on a port. Main thread. */
 #pragma once
 

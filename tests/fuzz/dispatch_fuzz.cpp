@@ -1,18 +1,18 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Signals, hardware events and ticks into the server's real dispatch, on a board and a memory that
    fail where the input says so. After every step the server's books are compared with the board's
    and with those kept here; at the end of an input each port is given back until nothing is left.
    The blocks of signals end where the signal ends, so that the sanitizer sees a read past it. */
-#include "fuzz_input.h"
-#include "leaky_bucket.h"
-#include "scripted.h"
-#include "tesk_cache.h"
-#include "tesk_client_data.h"
-#include "tesk_event_queue.h"
-#include "tesk_main.h"
-#include "tesk_portsub.cpp" /* for its counts, which nobody else is told */
-#include "tesk_signals.h"
-
 #include "platform/zel/zel.h"
+#include "tesk_server/leaky_bucket.h"
+#include "tesk_server/tesk_cache.h"
+#include "tesk_server/tesk_client_data.h"
+#include "tesk_server/tesk_event_queue.h"
+#include "tesk_server/tesk_main.h"
+#include "tesk_server/tesk_portsub.cpp" /* for its counts, which nobody else is told */
+#include "tesk_server/tesk_signals.h"
+#include "testkit/fake_platform/fake_platform.h"
+#include "tests/fuzz/fuzz_input.h"
 
 #include <algorithm>
 #include <csignal>
@@ -31,21 +31,26 @@ struct subscription_kind {
     const char *give_back;
 };
 
+} // namespace
+
 template <auto find>
-uint32_t count_of(uint32_t port_no)
+static uint32_t count_of(uint32_t port_no)
 {
     const auto *record = find(port_no);
     assert(record == nullptr || record->subscribers > 0);
     return record == nullptr ? 0 : record->subscribers;
 }
 
-constexpr int kind_count = 2;
-const subscription_kind kinds[kind_count] = {
+static constexpr int kind_count = 2;
+static const subscription_kind kinds[kind_count] = {
     {TESK_SUBSCRIPTION_SFP_INFO, count_of<find_sfp_info>, tesk_portsub_remove_sfp_info, "subsport",
      "unsubsport"},
     {TESK_SUBSCRIPTION_PORT_STATUS, count_of<find_port_status>, tesk_portsub_remove_port_status,
      "subslink", "unsubslink"},
 };
+
+namespace
+{
 
 /* What ought to be, a port and kind. */
 struct book {
@@ -56,15 +61,17 @@ struct book {
     int32_t bucket_id = 0;
 };
 
-constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
-constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, scripted::own_mailbox};
+} // namespace
 
-std::map<uint32_t, book[kind_count]> books;
-std::vector<std::pair<uint32_t, int>> refused; /* give-backs in this step: port and kind */
-std::set<int32_t> tainted;                     /* buckets that may have more chains than one */
-bool memory_ends;                              /* for the next bucket */
+static constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
+static constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, fake_platform::own_mailbox};
 
-void on_operation(const char *operation, uint32_t port_no, int32_t code)
+static std::map<uint32_t, book[kind_count]> books;
+static std::vector<std::pair<uint32_t, int>> refused; /* give-backs in this step: port and kind */
+static std::set<int32_t> tainted; /* buckets that may have more chains than one */
+static bool memory_ends;          /* for the next bucket */
+
+static void on_operation(const char *operation, uint32_t port_no, int32_t code)
 {
     for (int index = 0; index < kind_count; index++) {
         book &entry = books[port_no][index];
@@ -86,7 +93,7 @@ void on_operation(const char *operation, uint32_t port_no, int32_t code)
 }
 
 /* By a walk over all that a client holds, which the index has to agree with; or -1. */
-int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
+static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     int32_t place = -1;
     for (guint index = 0; index < client->subscriptions->len; index++) {
@@ -101,7 +108,7 @@ int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
 }
 
 /* How many clients hold it; the port knows the same ones, in the order of the list. */
-unsigned holders(uint32_t port_no, uint32_t kind)
+static unsigned holders(uint32_t port_no, uint32_t kind)
 {
     const tesk_subscriber *known = tesk_client_first_subscriber(port_no, kind);
     unsigned count = 0;
@@ -116,7 +123,7 @@ unsigned holders(uint32_t port_no, uint32_t kind)
     return count;
 }
 
-void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
+static void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
 {
     entry.bucket_id = tesk_portsub_get_bucket_id(port_no);
     const leaky_bucket_data *bucket = leaky_bucket_find(entry.bucket_id);
@@ -125,17 +132,16 @@ void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
         return;
     assert(live.insert(bucket->id).second);
     assert(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
-    const auto chains =
-        std::count_if(scripted::ticks.begin(), scripted::ticks.end(), [bucket](const auto &tick) {
-            return static_cast<int32_t>(tick.first) == bucket->id;
-        });
+    const auto chains = std::count_if(
+        fake_platform::ticks.begin(), fake_platform::ticks.end(),
+        [bucket](const auto &tick) { return static_cast<int32_t>(tick.first) == bucket->id; });
     if (chains == (bucket->level > 0 ? 1 : 0))
         tainted.erase(bucket->id);
     else
         assert(tainted.contains(bucket->id));
 }
 
-void check_books()
+static void check_books()
 {
     std::set<int32_t> live;
     for (auto &[port_no, entries] : books)
@@ -150,7 +156,7 @@ void check_books()
     for (int32_t id = -1; id < 16; id++)
         assert((leaky_bucket_find(id) != nullptr) == live.contains(id));
     /* A tick that outlives its bucket may meet the next bucket of that id. */
-    for (const auto &[id, port_no] : scripted::ticks)
+    for (const auto &[id, port_no] : fake_platform::ticks)
         if (!live.contains(static_cast<int32_t>(id)))
             tainted.insert(static_cast<int32_t>(id));
     for (const tesk_client *client = tesk_client_first(); client != nullptr;
@@ -159,12 +165,12 @@ void check_books()
         assert(tesk_client_find(client->client_id, client->mbox) == client);
         assert(tesk_client_find(client->client_id + 1, client->mbox) == nullptr);
     }
-    assert(scripted::live_blocks == 0);
+    assert(fake_platform::live_blocks == 0);
 }
 
 /* A client that unsubscribes keeps the share that the board refused to take back; one that is gone
    or was turned away leaves it. */
-void settle_refusals(uint32_t number)
+static void settle_refusals(uint32_t number)
 {
     for (const auto &[port_no, index] : refused)
         if (number == MBX_MONITOR_DEFAULT_NO || number == TESK_SUBSCRIBE_SFP_INFO_REQ)
@@ -175,58 +181,59 @@ void settle_refusals(uint32_t number)
 }
 
 /* Handles what the server has sent to itself. */
-void drain()
+static void drain()
 {
-    while (scripted::mailbox_has_signal())
+    while (fake_platform::mailbox_has_signal())
         assert(tesk_handle_mailbox() == 0);
 }
 
 /* Handles what has been delivered. */
-void dispatch(uint32_t sender, uint32_t number)
+static void dispatch(uint32_t sender, uint32_t number)
 {
-    const bool stops = number == TESK_EXIT_SIGNAL && sender == scripted::own_mailbox;
+    const bool stops = number == TESK_EXIT_SIGNAL && sender == fake_platform::own_mailbox;
     assert(tesk_handle_mailbox() == (stops ? 1 : 0));
     settle_refusals(number);
     drain();
-    for (const auto &signal : scripted::sent)
+    for (const auto &signal : fake_platform::sent)
         assert(signal.receiver == sender || tesk_client_find_by_sender(signal.receiver) != nullptr);
 }
 
-constexpr uint32_t requests[] = {
+static constexpr uint32_t requests[] = {
     TESK_CONN_ESTABLISH_REQ,        TESK_GET_CAPABILITIES_REQ,     TESK_SUBSCRIBE_SFP_INFO_REQ,
     TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
     TESK_GET_PM_COUNTERS_REQ,
 };
 
 /* A client's own reference, or another one of a few. */
-uint32_t connection_ref(uint32_t sender, uint8_t choice)
+static uint32_t connection_ref(uint32_t sender, uint8_t choice)
 {
     const tesk_client *client = tesk_client_find_by_sender(sender);
     return choice >= 4 && client != nullptr ? client->client_id : choice;
 }
 
 /* A request is answered once, by the next number or the one after, unless nobody knows who asks. */
-void request(fuzz_input &in)
+static void request(fuzz_input &in)
 {
     const uint32_t number = in.one_of(requests);
     const uint32_t sender = in.one_of(senders);
     const uint32_t ref = connection_ref(sender, in.byte());
     const bool answered = number == TESK_CONN_ESTABLISH_REQ || tesk_client_find(ref, sender);
     const uint32_t word = number == TESK_CONN_ESTABLISH_REQ ? in.byte() : in.one_of(port_numbers);
-    scripted::deliver(sender, number, {in.byte(), ref, word, in.byte() % 3u});
+    fake_platform::deliver(sender, number, {in.byte(), ref, word, in.byte() % 3u});
     dispatch(sender, number);
-    const auto answers = std::count_if(
-        scripted::sent.begin(), scripted::sent.end(), [number, sender](const auto &signal) {
-            return signal.receiver == sender && signal.number - number - 1 < 2;
-        });
-    assert(sender == scripted::own_mailbox || answers == (answered ? 1 : 0));
+    const auto answers =
+        std::count_if(fake_platform::sent.begin(), fake_platform::sent.end(),
+                      [number, sender](const auto &signal) {
+                          return signal.receiver == sender && signal.number - number - 1 < 2;
+                      });
+    assert(sender == fake_platform::own_mailbox || answers == (answered ? 1 : 0));
 }
 
 /* At these numbers and shortly behind them lie the signals that mean something. */
-constexpr uint32_t numbers[] = {0x117,     0x1648400, 0x1648408,  0x1648410,
-                                0x1648501, 0x1901001, 0xdeadbeaf, 0xffffffff};
+static constexpr uint32_t numbers[] = {0x117,     0x1648400, 0x1648408,  0x1648410,
+                                       0x1648501, 0x1901001, 0xdeadbeaf, 0xffffffff};
 
-void raw_signal(fuzz_input &in)
+static void raw_signal(fuzz_input &in)
 {
     constexpr uint8_t anything = 255;
     const uint8_t offset = in.byte();
@@ -243,25 +250,26 @@ void raw_signal(fuzz_input &in)
         memcpy(&bucket_id, payload.data(), sizeof(bucket_id));
         tainted.insert(bucket_id);
     }
-    scripted::deliver_bytes(sender, number, payload.data(), payload.size());
+    fake_platform::deliver_bytes(sender, number, payload.data(), payload.size());
     dispatch(sender, number);
 }
 
 /* One that the server has asked for, in any order. */
-void tick(fuzz_input &in)
+static void tick(fuzz_input &in)
 {
-    if (scripted::ticks.empty())
+    if (fake_platform::ticks.empty())
         return;
-    const auto due = scripted::ticks.begin() + in.byte() % static_cast<int>(scripted::ticks.size());
+    const auto due =
+        fake_platform::ticks.begin() + in.byte() % static_cast<int>(fake_platform::ticks.size());
     const auto [bucket_id, port_no] = *due;
-    scripted::ticks.erase(due);
-    scripted::deliver_host(scripted::own_mailbox, TESK_PORT_STATUS_FILTER_TICK,
-                           {bucket_id, port_no});
-    dispatch(scripted::own_mailbox, TESK_PORT_STATUS_FILTER_TICK);
+    fake_platform::ticks.erase(due);
+    fake_platform::deliver_host(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK,
+                                {bucket_id, port_no});
+    dispatch(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK);
 }
 
 /* Events that wait together. */
-void hardware_events(fuzz_input &in)
+static void hardware_events(fuzz_input &in)
 {
     for (int count = in.byte() % 3; count >= 0; count--) {
         auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
@@ -273,26 +281,26 @@ void hardware_events(fuzz_input &in)
     drain();
 }
 
-void order_failure(fuzz_input &in)
+static void order_failure(fuzz_input &in)
 {
     static constexpr const char *operations[] = {"subsport",      "subslink",      "unsubsport",
                                                  "unsubslink",    "getportstatus", "getlinkstatus",
                                                  "getmoduleinfo", "getmodstatus",  "getmodulediag"};
     static constexpr int32_t codes[] = {0, 0, -11, -3, -4, -6, 1};
     const char *operation = in.one_of(operations);
-    scripted::failing[operation] = in.one_of(codes);
+    fake_platform::failing[operation] = in.one_of(codes);
     memory_ends = in.byte() % 8 == 7;
 }
 
-void change_port(fuzz_input &in)
+static void change_port(fuzz_input &in)
 {
     const uint32_t port_no = in.one_of(port_numbers);
     const uint8_t what = in.byte();
     if (what == 0) {
-        scripted::ports.erase(port_no);
+        fake_platform::ports.erase(port_no);
         return;
     }
-    scripted::port &port = scripted::ports[port_no];
+    fake_platform::port &port = fake_platform::ports[port_no];
     const uint8_t fill = in.byte();
     port.status = what & 0xf;
     port.link_state = what >> 4 & 3;
@@ -311,27 +319,27 @@ void change_port(fuzz_input &in)
     }
 }
 
-void (*const steps[])(fuzz_input &in) = {
+static void (*const steps[])(fuzz_input &in) = {
     request, request, raw_signal, hardware_events, tick,
     request, request, raw_signal, order_failure,   change_port,
 };
 
 /* On fresh tables and a fresh board; the mailbox and the event thread stay. */
-void begin()
+static void begin()
 {
     tesk_portsub_init();
     tesk_cache_init();
     for (uint32_t port_no : port_numbers)
-        scripted::ports[port_no].status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODREADY;
+        fake_platform::ports[port_no].status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODREADY;
 }
 
 /* Gives every port back until nothing is left. */
-void end()
+static void end()
 {
     memory_ends = false;
-    scripted::failing.clear();
+    fake_platform::failing.clear();
     for (auto &[port_no, entries] : books) {
-        scripted::ports[port_no];
+        fake_platform::ports[port_no];
         for (int index = 0; index < kind_count; index++) {
             while (kinds[index].count(port_no) > 0)
                 assert(kinds[index].remove(port_no) == 0);
@@ -343,14 +351,14 @@ void end()
     tesk_client_data_reset();
     tesk_portsub_shutdown();
     tesk_cache_shutdown();
-    scripted::ports.clear();
-    scripted::ticks.clear();
+    fake_platform::ports.clear();
+    fake_platform::ticks.clear();
     books.clear();
     tainted.clear();
 }
 
 /* Once; the fuzzer keeps its own signals. */
-bool start_server()
+static bool start_server()
 {
     sigset_t mask;
     struct sigaction terminate, interrupt;
@@ -358,17 +366,15 @@ bool start_server()
     sigaction(SIGTERM, nullptr, &terminate);
     sigaction(SIGINT, nullptr, &interrupt);
     assert(tesk_server_init() == 0);
-    scripted::await_event_thread();
+    fake_platform::await_event_thread();
     sigaction(SIGTERM, &terminate, nullptr);
     sigaction(SIGINT, &interrupt, nullptr);
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     tesk_portsub_shutdown();
     tesk_cache_shutdown();
-    scripted::observer = on_operation;
+    fake_platform::observer = on_operation;
     return atexit(tesk_server_shutdown) == 0;
 }
-
-} // namespace
 
 /* The linker sends the server's calls here, of which all are for buckets. */
 extern "C" void *__real_calloc(size_t count, size_t size);
@@ -393,7 +399,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     begin();
     procInfo[3] = (in.byte() & 1) != 0 ? 0xffffffff : 0;
     while (in.at != in.end) {
-        scripted::sent.clear();
+        fake_platform::sent.clear();
         in.one_of(steps)(in);
         assert(refused.empty());
         check_books();

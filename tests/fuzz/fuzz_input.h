@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* fuzz_input - an input as a byte-code; behind its end every byte is 0. Asserts stay in. */
 #pragma once
 

@@ -1,13 +1,14 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Strangers at a mailbox of the real library: they connect, greet well, badly or not at all, pass
    descriptors of every kind, and use what they are handed in any way; the owner receives, answers
    and monitors meanwhile. What is received must be what was sent, whole, in order, once and under
    one sender; the descriptor is readable exactly while something is there; a death is told once,
    last; and a well-behaved client is served whatever the others do. */
-#include "fuzz_input.h"
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
 #include "platform/mbx/mbx_name.h"
 #include "platform/mbx/mbx_socket.h"
+#include "tests/fuzz/fuzz_input.h"
 
 #include <array>
 #include <cerrno>
@@ -22,13 +23,14 @@
 #include <unistd.h>
 #include <vector>
 
+static constexpr char name[] = "fuzzed";
+static constexpr int patience_ms = 10000;
+static constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, MBX_LARGEST_SIGNAL + 1,
+                                     0, 3};
+static constexpr uint32_t good_sizes = 6; /* the first ones, which hold a number */
+
 namespace
 {
-
-constexpr char name[] = "fuzzed";
-constexpr int patience_ms = 10000;
-constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, MBX_LARGEST_SIGNAL + 1, 0, 3};
-constexpr uint32_t good_sizes = 6; /* the first ones, which hold a number */
 
 /* The upper half of a signal's number tells who made it: from_key is added to the stranger's key, 0
    for the owner himself. */
@@ -49,16 +51,18 @@ struct journal {
     uint32_t sender = 0;
 };
 
-std::array<stranger, 8> strangers;
-std::map<uint32_t, journal> journals; /* by key */
-std::map<uint32_t, uint32_t> key_of;  /* by the sender's mailbox */
-std::set<uint32_t> monitored, told;
-uint32_t own, last_key;
-sockaddr_un victim_address;
-owned_fd victim;  /* whoever is made to write there is abused */
-bool some_astray; /* a stranger may connect what is his to it once he is let in */
+} // namespace
 
-bool is_readable(int fd, int timeout_ms)
+static std::array<stranger, 8> strangers;
+static std::map<uint32_t, journal> journals; /* by key */
+static std::map<uint32_t, uint32_t> key_of;  /* by the sender's mailbox */
+static std::set<uint32_t> monitored, told;
+static uint32_t own, last_key;
+static sockaddr_un victim_address;
+static owned_fd victim;  /* whoever is made to write there is abused */
+static bool some_astray; /* a stranger may connect what is his to it once he is let in */
+
+static bool is_readable(int fd, int timeout_ms)
 {
     pollfd wanted = {fd, POLLIN, 0};
     int count;
@@ -68,21 +72,21 @@ bool is_readable(int fd, int timeout_ms)
     return count == 1;
 }
 
-bool connect_to_victim(int fd, sa_family_t family)
+static bool connect_to_victim(int fd, sa_family_t family)
 {
     sockaddr_un address = victim_address;
     address.sun_family = family;
     return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
 }
 
-owned_fd good_end(stranger &s)
+static owned_fd good_end(stranger &s)
 {
     datagram_pair pair = make_datagram_pair();
     s.rx = std::move(pair.rx);
     return std::move(pair.tx);
 }
 
-owned_fd bad_end(stranger &s, uint8_t choice)
+static owned_fd bad_end(stranger &s, uint8_t choice)
 {
     static constexpr int types[] = {SOCK_STREAM, SOCK_SEQPACKET, SOCK_DGRAM};
     owned_fd end(socket(choice % 2 == 0 ? AF_UNIX : AF_INET, types[choice / 2 % 3], 0));
@@ -97,7 +101,7 @@ owned_fd bad_end(stranger &s, uint8_t choice)
     return end;
 }
 
-stranger &one_who_is_there(fuzz_input &in)
+static stranger &one_who_is_there(fuzz_input &in)
 {
     stranger &s = strangers[in.byte() % strangers.size()];
     if (s.control)
@@ -109,7 +113,7 @@ stranger &one_who_is_there(fuzz_input &in)
 }
 
 /* Well or badly. Whatever has happened before, the mailbox answers or hangs up. */
-void greet(fuzz_input &in)
+static void greet(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
     const uint8_t how = in.byte();
@@ -127,12 +131,12 @@ void greet(fuzz_input &in)
     }
 }
 
-uint32_t next_number(uint32_t key, uint32_t size_index)
+static uint32_t next_number(uint32_t key, uint32_t size_index)
 {
     return (from_key | key) << 16 | (journals[key].sent & 0xfff) << 4 | size_index;
 }
 
-void send_signals(fuzz_input &in)
+static void send_signals(fuzz_input &in)
 {
     static std::vector<uint32_t> data(MBX_LARGEST_SIGNAL / 4 + 1);
     stranger &s = one_who_is_there(in);
@@ -146,7 +150,7 @@ void send_signals(fuzz_input &in)
     }
 }
 
-void disturb(fuzz_input &in)
+static void disturb(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
     const int choice = in.byte();
@@ -172,14 +176,14 @@ void disturb(fuzz_input &in)
     }
 }
 
-void send_as(uint32_t number, uint32_t receiver, size_t size)
+static void send_as(uint32_t number, uint32_t receiver, size_t size)
 {
     mbx_signal *signal = mbx_alloc(size, number);
     mbx_send(&signal, receiver, MBX_OWN_MAILBOX);
 }
 
 /* One that is there; a client is answered. What upper half its number had. */
-uint32_t receive_one()
+static uint32_t receive_one()
 {
     mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER);
     assert(signal != nullptr);
@@ -205,14 +209,14 @@ uint32_t receive_one()
     return origin;
 }
 
-void receive(fuzz_input &)
+static void receive(fuzz_input &)
 {
     if (is_readable(mbx_get_fd(), 0))
         receive_one();
 }
 
 /* To somebody who has been heard of, and who may be gone, or to himself. */
-void owner_acts(fuzz_input &in)
+static void owner_acts(fuzz_input &in)
 {
     const uint8_t choice = in.byte();
     if (key_of.empty() || choice % 4 == 0) {
@@ -228,10 +232,10 @@ void owner_acts(fuzz_input &in)
         send_as(from_owner << 16, peer, choice % 2 == 0 ? 96 : MBX_LARGEST_SIGNAL);
 }
 
-void (*const steps[])(fuzz_input &in) = {greet,   send_signals, receive,    greet,
-                                         disturb, send_signals, owner_acts, receive};
+static void (*const steps[])(fuzz_input &in) = {greet,   send_signals, receive,    greet,
+                                                disturb, send_signals, owner_acts, receive};
 
-void be_a_client()
+static void be_a_client()
 {
     assert(mbx_create_mailbox(nullptr, 0) != MBX_NO_MAILBOX);
     const uint32_t server = mbx_locate(name);
@@ -243,13 +247,13 @@ void be_a_client()
     mbx_delete_mailbox(mbx_own_mailbox());
 }
 
-uint32_t await_one()
+static uint32_t await_one()
 {
     assert(is_readable(mbx_get_fd(), patience_ms));
     return receive_one();
 }
 
-bool something_is_missing()
+static bool something_is_missing()
 {
     for (const auto &[key, j] : journals)
         if (j.received < j.sent)
@@ -258,7 +262,7 @@ bool something_is_missing()
 }
 
 /* A client is served. Then everybody goes; all that was sent, and every death, is still told. */
-void end()
+static void end()
 {
     std::thread client(be_a_client);
     while (await_one() != from_client) {
@@ -282,14 +286,14 @@ void end()
     told.clear();
 }
 
-void clean_up()
+static void clean_up()
 {
     mbx_exit();
     unlink(victim_address.sun_path);
     rmdir(getenv("MBX_DIR"));
 }
 
-bool start()
+static bool start()
 {
     char path[] = "/tmp/mbx-fuzz-XXXXXX";
     setenv("MBX_DIR", mkdtemp(path), 1);
@@ -302,8 +306,6 @@ bool start()
     assert(bind(victim.get(), address, sizeof(victim_address)) == 0);
     return atexit(clean_up) == 0;
 }
-
-} // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -1,6 +1,7 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Runs each file of a folder through a fuzz target, with any compiler, and so many random inputs,
    the same ones each time. */
-#include "fuzz_input.h"
+#include "tests/fuzz/fuzz_input.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,15 +1,15 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A subscription is looked at twice: when an event is queued, so that ports which nobody watches
    cost nothing, and when it is delivered, as it may have been given up in between. Both look at the
    one port that the event tells of. Raw events pass both times.
 
    An event that was delivered stays the desk's, in `out`, until it comes back; so the desk can tell
    one that never was out, and count those that were forgotten. */
-#include "desk.h"
-
-#include <sys/eventfd.h>
+#include "platform/dolm_ric/desk.h"
 
 #include <algorithm>
 #include <new>
+#include <sys/eventfd.h>
 #include <utility>
 
 namespace board

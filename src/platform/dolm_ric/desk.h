@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* desk - what the library does for its caller whatever the ports are: who subscribes to what, the
    events that wait, the failures that somebody ordered, and how often each operation was called.
 
@@ -5,8 +6,8 @@
    holds it. */
 #pragma once
 
-#include "board_text.h"
-#include "port_source.h"
+#include "platform/dolm_ric/port_source.h"
+#include "platform/dolm_ric/simulator/board_text.h"
 
 #include <array>
 #include <condition_variable>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The thirteen operations. Each looks up whether somebody ordered it to fail, then does its work on
    the desk (events, subscriptions) and the port source (what ports report) behind it.
 
@@ -5,20 +6,20 @@
    process ever had, so that a stale handle is found out. The desk outlives every board: the event
    thread may still sit on it, and give its last event back, while the main thread shuts down. The
    control thread is started and ended without the desk's lock, since it takes that lock itself. */
-#include "dolm_ric.h"
+#include "platform/dolm_ric/dolm_ric.h"
 
-#include "board_control.h"
-#include "board_file.h"
-#include "desk.h"
-#include "dolm_ric_board.h"
-#include "simulated_ports.h"
+#include "platform/dolm_ric/desk.h"
+#include "platform/dolm_ric/dolm_ric_board.h"
+#include "platform/dolm_ric/simulator/board_control.h"
+#include "platform/dolm_ric/simulator/board_file.h"
+#include "platform/dolm_ric/simulator/simulated_ports.h"
 
 #include <cstdlib>
 
+using board::operation;
+
 namespace
 {
-
-using board::operation;
 
 struct library {
     board::desk desk;
@@ -27,8 +28,10 @@ struct library {
     std::unique_ptr<board::board_control> control; /* null if the board can't be played */
 };
 
+} // namespace
+
 /* Never destroyed: threads that use it may outlive main(). */
-library &self()
+static library &self()
 {
     static library &the_one = *new library;
     return the_one;
@@ -36,7 +39,7 @@ library &self()
 
 /* Nothing but result codes leaves an operation. */
 template <typename work>
-int32_t result_of(work &&run) noexcept
+static int32_t result_of(work &&run) noexcept
 {
     try {
         return run();
@@ -50,7 +53,7 @@ int32_t result_of(work &&run) noexcept
 /* Runs the work of an operation on the board with that handle. The work has the desk's lock, and
    the guard of it, as it may have to give it up for a while. */
 template <typename work>
-int32_t on_board(operation op, uintptr_t handle, work &&run) noexcept
+static int32_t on_board(operation op, uintptr_t handle, work &&run) noexcept
 {
     return result_of([&]() -> int32_t {
         library &lib = self();
@@ -64,7 +67,7 @@ int32_t on_board(operation op, uintptr_t handle, work &&run) noexcept
 
 /* Runs the work of an operation on a port, unless it is to fail. */
 template <typename work>
-int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) noexcept
+static int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) noexcept
 {
     return on_board(op, handle, [&](library &lib, auto &) -> int32_t {
         if (!lib.desk.is_open())
@@ -79,7 +82,7 @@ int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) noexcep
 }
 
 template <typename record>
-int32_t read_port(operation op, uintptr_t handle, uint32_t id, record *out) noexcept
+static int32_t read_port(operation op, uintptr_t handle, uint32_t id, record *out) noexcept
 {
     if (out == nullptr)
         return DOLM_RICERR_INVALID;
@@ -92,8 +95,8 @@ int32_t read_port(operation op, uintptr_t handle, uint32_t id, record *out) noex
 /* The subscription and the status that goes with it are taken under one lock: no change falls
    between them. */
 template <typename record>
-int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscription_kind kind,
-                  record *out) noexcept
+static int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscription_kind kind,
+                         record *out) noexcept
 {
     if (out == nullptr)
         return DOLM_RICERR_INVALID;
@@ -106,8 +109,8 @@ int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscripti
     });
 }
 
-int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
-                    board::subscription_kind kind) noexcept
+static int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
+                           board::subscription_kind kind) noexcept
 {
     return on_port(op, handle, id, [kind](library &lib, uint32_t port) {
         return lib.desk.unsubscribe(port, kind) ? DOLM_RICERR_OK : DOLM_RICERR_INVALID;
@@ -115,14 +118,14 @@ int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
 }
 
 /* A set-uid program isn't steered by whoever starts it. */
-const char *environment(const char *name, const char *otherwise)
+static const char *environment(const char *name, const char *otherwise)
 {
     const char *value = secure_getenv(name);
     return value != nullptr && *value != '\0' ? value : otherwise;
 }
 
 /* A board that nobody can play is still a board. */
-void start_control(library &lib)
+static void start_control(library &lib)
 {
     const char *path = environment(DOLM_RIC_BOARD_SOCKET_ENV, DOLM_RIC_BOARD_SOCKET);
     try {
@@ -132,8 +135,6 @@ void start_control(library &lib)
         fprintf(stderr, "libdolm_ric: teskboard can't play this board: %s\n", error.what());
     }
 }
-
-} // namespace
 
 /* The handle is a new one even if the start fails, so that no older one can reach what was begun.
    An ordered failure can only come from the board file here. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* libdolm_ric - the ports and modules of a board. Everything here has C linkage. Every operation
    returns a result code, 0 or negative; records that it fills are valid on 0 only. One thread may
    sit in dolm_ric_waitevent while another calls the rest. */

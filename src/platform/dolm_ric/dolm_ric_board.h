@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* How the simulated board is played while it runs: the board's own protocol, for teskboard and
    tests.
 

@@ -1,9 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* port_source - what the operations of dolm_ric.h need from whatever has the ports. The simulated
    board is one source; hardware would be another. All calls are made under the desk's lock, and a
    source calls its port_events under it too. */
 #pragma once
 
-#include "dolm_ric.h"
+#include "platform/dolm_ric/dolm_ric.h"
 
 #include <cstdint>
 

@@ -1,11 +1,12 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The functions of mbx.h: what they are given is checked here, the work is done elsewhere. */
 #pragma GCC visibility push(default)
-#include "mbx.h"
-#include "mbx_local.h"
+#include "platform/mbx/mbx.h"
+#include "platform/mbx/mbx_local.h"
 #pragma GCC visibility pop
 
-#include "mbx_helper.h"
-#include "mbx_mailbox.h"
+#include "platform/mbx/mbx_helper.h"
+#include "platform/mbx/mbx_mailbox.h"
 
 #include <algorithm>
 #include <cerrno>

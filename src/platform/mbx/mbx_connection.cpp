@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The connections of a mailbox: made, written to, supervised, ended.
 
    Of each connection we hold the control socket, whose end tells the peer's death, the receiving
@@ -17,9 +18,8 @@
    When a connection ends, our receiving end is shut first, so that nothing can follow; what the
    kernel had taken is read into memory, the notices go behind it, and the descriptors are closed at
    once. From then on a dead connection is memory only. */
-#include "mbx_mailbox.h"
-
-#include "mbx_helper.h"
+#include "platform/mbx/mbx_helper.h"
+#include "platform/mbx/mbx_mailbox.h"
 
 #include <cerrno>
 #include <sys/epoll.h>
@@ -48,7 +48,7 @@ outcome try_send(connection &c, block *b)
 /* What a waiting signal counts for: the memory that it fills, not that of its size class. */
 size_t cost_of(const block *b)
 {
-    return sizeof *b + b->size;
+    return sizeof(*b) + b->size;
 }
 
 /* Takes the next block off the queue and out of the accounts. */

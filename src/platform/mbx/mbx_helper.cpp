@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The thread waits in an epoll of its own. What an event is about is told by kind, slot and id, and
    looked up under the mailbox's lock, so that an event for something that has ended meanwhile finds
    nothing.
@@ -8,7 +9,7 @@
 
    When descriptors have run out, accepting would fail for as long as that lasts and the listener
    would stay readable: it is left alone for a moment and tried again. */
-#include "mbx_helper.h"
+#include "platform/mbx/mbx_helper.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -325,7 +326,7 @@ void stop_helper()
     if (!h)
         return;
     const uint64_t one = 1;
-    [[maybe_unused]] ssize_t n = write(h->stop.get(), &one, sizeof one);
+    [[maybe_unused]] ssize_t n = write(h->stop.get(), &one, sizeof(one));
     pthread_join(h->thread, nullptr);
     helper_poll = -1;
     delete h;

@@ -1,9 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_helper - the one thread that the library runs in a process. It accepts connections, reads
    greetings, notices the end of connections, and hands on what the kernel did not take at once.
    It blocks all signals. */
 #pragma once
 
-#include "mbx_mailbox.h"
+#include "platform/mbx/mbx_mailbox.h"
 
 #include <mutex>
 

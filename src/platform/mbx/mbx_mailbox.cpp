@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The table of mailboxes, and what is sent within the process.
 
    A sender puts its block on the receiver's stack, then adds one to its semaphore; the owner takes
@@ -5,9 +6,9 @@
    descriptor is readable for exactly as many receptions. A pin keeps the semaphore open between the
    look at the id and the write: whoever deletes the mailbox takes its id away first and then waits
    until nobody has it pinned, which lasts a few instructions. */
-#include "mbx_mailbox.h"
+#include "platform/mbx/mbx_mailbox.h"
 
-#include "mbx_helper.h"
+#include "platform/mbx/mbx_helper.h"
 
 #include <cerrno>
 #include <limits>
@@ -253,7 +254,7 @@ void push_local(uint32_t receiver, block *b, uint32_t sender)
                                                 std::memory_order_relaxed)) {
         }
         const uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = write(m->local_event.get(), &one, sizeof one);
+        [[maybe_unused]] ssize_t n = write(m->local_event.get(), &one, sizeof(one));
         b = nullptr;
     }
     m->pins.fetch_sub(1);

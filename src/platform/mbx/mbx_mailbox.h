@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_mailbox - the mailboxes of this process and their connections.
 
    Locks, in the order in which they may be taken: the helper's (mbx_helper.h), registry_lock, one
@@ -5,10 +6,10 @@
    What a signal handler may call takes no lock at all; it says so. */
 #pragma once
 
-#include "mbx_block.h"
-#include "mbx_name.h"
-#include "mbx_socket.h"
-#include "mbx_table.h"
+#include "platform/mbx/mbx_block.h"
+#include "platform/mbx/mbx_name.h"
+#include "platform/mbx/mbx_socket.h"
+#include "platform/mbx/mbx_table.h"
 
 #include <atomic>
 #include <deque>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The receiving side of a mailbox: whose turn it is.
 
    The mailbox's descriptor is an epoll over all that signals come from: a semaphore for what is
@@ -13,7 +14,7 @@
    From a connection that had several signals in a row a batch is read at once. What is read ahead
    keeps its place: the connection still gives one signal a turn, and the memory event holds the
    descriptor readable until the last one is taken. */
-#include "mbx_mailbox.h"
+#include "platform/mbx/mbx_mailbox.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -45,7 +46,7 @@ struct receive_buffers {
 
 void receive_buffers_deleter::operator()(receive_buffers *buffers) const
 {
-    munmap(buffers, sizeof *buffers);
+    munmap(buffers, sizeof(*buffers));
 }
 
 namespace
@@ -124,7 +125,7 @@ block *read_some(mailbox &m, connection &c)
 block *take_local(mailbox &m)
 {
     uint64_t one;
-    if (read(m.local_event.get(), &one, sizeof one) != sizeof one)
+    if (read(m.local_event.get(), &one, sizeof(one)) != sizeof(one))
         return nullptr;
     if (m.local.empty()) {
         block *oldest = nullptr;
@@ -303,7 +304,7 @@ void count_into_memory(mailbox &m, size_t signals)
 {
     if (m.in_memory == 0 && signals > 0) {
         const uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = write(m.memory_event.get(), &one, sizeof one);
+        [[maybe_unused]] ssize_t n = write(m.memory_event.get(), &one, sizeof(one));
     }
     m.in_memory += signals;
 }
@@ -312,7 +313,7 @@ void count_out_of_memory(mailbox &m, size_t signals)
 {
     if (m.in_memory == signals && signals > 0) {
         uint64_t sum;
-        [[maybe_unused]] ssize_t n = read(m.memory_event.get(), &sum, sizeof sum);
+        [[maybe_unused]] ssize_t n = read(m.memory_event.get(), &sum, sizeof(sum));
     }
     m.in_memory -= signals;
 }

@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A peer is handed the sending end of a datagram pair and nothing else. It may do to that end
    whatever it likes: shut it down, connect it elsewhere, pass it on. None of that shows on the
    receiving end, which is readable exactly while a datagram waits in it, and every datagram is
    received as a signal. */
-#include "mbx_socket.h"
+#include "platform/mbx/mbx_socket.h"
 
-#include "mbx.h"
+#include "platform/mbx/mbx.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -38,7 +39,7 @@ constexpr size_t one_descriptor_length = CMSG_LEN(sizeof(int));
 int socket_option(int fd, int option)
 {
     int value = -1;
-    socklen_t length = sizeof value;
+    socklen_t length = sizeof(value);
     return getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
 }
 
@@ -50,11 +51,11 @@ bool accept_sending_end(int tx)
     if (socket_option(tx, SO_DOMAIN) != AF_UNIX || socket_option(tx, SO_TYPE) != SOCK_DGRAM)
         return false;
     sockaddr_un peer;
-    socklen_t length = sizeof peer;
+    socklen_t length = sizeof(peer);
     if (getpeername(tx, reinterpret_cast<sockaddr *>(&peer), &length) != 0 ||
         length > sizeof(sa_family_t))
         return false;
-    return setsockopt(tx, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer) == 0;
+    return setsockopt(tx, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer)) == 0;
 }
 
 /* What was passed is ours from here on, and closes itself if it is not wanted. */
@@ -65,7 +66,7 @@ owned_fd passed_descriptor(msghdr &message)
         header->cmsg_len != one_descriptor_length)
         return {};
     int fd;
-    std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+    std::memcpy(&fd, CMSG_DATA(header), sizeof(fd));
     return owned_fd(fd);
 }
 
@@ -96,7 +97,7 @@ datagram_pair make_datagram_pair()
 mailbox_token make_token()
 {
     mailbox_token token{};
-    while (getrandom(token.data(), sizeof token, 0) != sizeof token) {
+    while (getrandom(token.data(), sizeof(token), 0) != sizeof(token)) {
     }
     return token;
 }
@@ -104,7 +105,7 @@ mailbox_token make_token()
 bool send_greeting(int control, greeting_kind kind, const mailbox_token &token, int tx)
 {
     greeting_record record{greeting_magic, kind, token};
-    iovec data{&record, sizeof record};
+    iovec data{&record, sizeof(record)};
     one_descriptor room{};
     msghdr message{};
     message.msg_iov = &data;
@@ -115,15 +116,15 @@ bool send_greeting(int control, greeting_kind kind, const mailbox_token &token, 
         room.header.cmsg_level = SOL_SOCKET;
         room.header.cmsg_type = SCM_RIGHTS;
         room.header.cmsg_len = one_descriptor_length;
-        std::memcpy(CMSG_DATA(&room.header), &tx, sizeof tx);
+        std::memcpy(CMSG_DATA(&room.header), &tx, sizeof(tx));
     }
-    return sendmsg(control, &message, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof record;
+    return sendmsg(control, &message, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof(record);
 }
 
 std::optional<greeting> receive_greeting(int control)
 {
     greeting_record record{};
-    iovec data{&record, sizeof record};
+    iovec data{&record, sizeof(record)};
     one_descriptor room{};
     msghdr message{};
     message.msg_iov = &data;
@@ -135,7 +136,7 @@ std::optional<greeting> receive_greeting(int control)
         return {};
     owned_fd tx = passed_descriptor(message);
     errno = EPROTO;
-    if (length != sizeof record || (message.msg_flags & MSG_TRUNC) ||
+    if (length != sizeof(record) || (message.msg_flags & MSG_TRUNC) ||
         record.magic != greeting_magic)
         return {};
     if (record.kind != greeting_kind::known && !(tx && accept_sending_end(tx.get()))) {
@@ -148,6 +149,6 @@ std::optional<greeting> receive_greeting(int control)
 pid_t peer_process(int control)
 {
     ucred peer{};
-    socklen_t length = sizeof peer;
+    socklen_t length = sizeof(peer);
     return getsockopt(control, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : -1;
 }

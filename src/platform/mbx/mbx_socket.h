@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_socket - descriptors that close themselves, datagram pairs, and the greeting of a control
    connection. No state. */
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_table - the connections of a mailbox by their ids. Guarded by the mailbox's lock.
 
    A send to one of a thousand receivers finds everything of its connection cold, so the way there
@@ -5,8 +6,8 @@
    give none whose place is taken, and nothing ever collides. */
 #pragma once
 
-#include "mbx_block.h"
-#include "mbx_socket.h"
+#include "platform/mbx/mbx_block.h"
+#include "platform/mbx/mbx_socket.h"
 
 #include <cstdint>
 #include <memory>

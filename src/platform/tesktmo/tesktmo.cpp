@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* tesktmo - timers that deliver a signal.
 
    Pending timers stand in a map, ordered by the time at which they expire and, where that is the
@@ -11,7 +12,7 @@
    destructor: a process that exits without stopping the service may do so under the running thread.
 
    Setting: TESKTMO_UNIT_MS, the unit in milliseconds, 1 to 100; a set-uid program has none. */
-#include "tesktmo.h"
+#include "platform/tesktmo/tesktmo.h"
 
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
@@ -109,7 +110,7 @@ static void *run_service(void *argument)
         locked.unlock();
         if (expired.signal != nullptr)
             mbx_send(&expired.signal, expired.mailbox, expired.mailbox);
-        else if (read(its.timer_fd, &expirations, sizeof expirations) < 0)
+        else if (read(its.timer_fd, &expirations, sizeof(expirations)) < 0)
             return nullptr;
     }
 }

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* libtesktmo - timers that deliver a signal. One service serves the process, on a thread of its own
    that takes none of the process's signals. Everything here has C linkage and may be called on any
    thread, but not in a signal handler. */

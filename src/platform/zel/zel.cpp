@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* zel - settings, the group mask, formatted texts and the trace calls.
 
    Settings, read once by the first zel_init; a set-uid program has none:
@@ -19,9 +20,10 @@
    Nothing behind formatStr and the trace calls locks or allocates, and all keep errno. vsnprintf is
    not promised to be safe in a handler, but in glibc it is for what is formatted here: integers,
    characters, pointers and strings; floating point and positional arguments may allocate. */
-#include "zel.h"
-#include "zel_record.h"
-#include "zel_text.h"
+#include "platform/zel/zel.h"
+
+#include "platform/zel/zel_record.h"
+#include "platform/zel/zel_text.h"
 
 #include <algorithm>
 #include <atomic>
@@ -206,7 +208,7 @@ int zel_init(void)
 int zel_register_thread_name(const char *name)
 {
     const int kept_errno = errno;
-    snprintf(thread_name, sizeof thread_name, "%s", name ? name : "");
+    snprintf(thread_name, sizeof(thread_name), "%s", name ? name : "");
     enter_thread();
     errno = kept_errno;
     return 0;
@@ -239,7 +241,7 @@ const char *formatStr(const char *format, ...)
     char *text = take_text().text;
     va_list arguments;
     va_start(arguments, format);
-    if (format == nullptr || vsnprintf(text, sizeof texts[0].text, format, arguments) < 0)
+    if (format == nullptr || vsnprintf(text, sizeof(texts[0]).text, format, arguments) < 0)
         text[0] = '\0';
     va_end(arguments);
     errno = kept_errno;
@@ -291,7 +293,7 @@ void lttngZelRecSigTrace(const char *file, uint32_t line, const mbx_signal *sign
 {
     uint32_t number = 0;
     if (signal != nullptr)
-        memcpy(&number, signal, sizeof number);
+        memcpy(&number, signal, sizeof(number));
     trace({.kind = zel_kind::received,
            .group = received_group,
            .file = file,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* libzel - traces. Everything here has C linkage and may be called on any thread; formatStr and the
    trace calls also in a signal handler. */
 #ifndef ZEL_H

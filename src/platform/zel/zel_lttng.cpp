@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* zel_lttng - traces as LTTng events.
 
    A shared object of its own, which libzel loads only where the setting asks for it: LTTng starts
@@ -6,7 +7,7 @@
    would allocate its thread-local data at its first event. */
 #define LTTNG_UST_TRACEPOINT_CREATE_PROBES
 #define LTTNG_UST_TRACEPOINT_DEFINE
-#include "zel_tracepoints.h"
+#include "platform/zel/zel_tracepoints.h"
 
 #include <lttng/ust-thread.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* zel_record - one trace on its way to a sink, and what a sink is. Inside libzel only: libzel and
    its LTTng provider are two shared objects that share this file. */
 #pragma once

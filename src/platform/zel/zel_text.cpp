@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* zel_text - traces as lines of text.
 
    Everything here but the two openers runs in signal handlers, on top of any of its own lines. So
@@ -13,7 +14,7 @@
    rolls at a time. Whoever needs to meanwhile - perhaps a handler on that very thread - must not
    wait, and writes where the descriptor leads at that moment: the old file may end a few lines
    above its cap. */
-#include "zel_text.h"
+#include "platform/zel/zel_text.h"
 
 #include <algorithm>
 #include <array>
@@ -46,7 +47,7 @@ static std::atomic_flag is_rolling;
 void text_line::add(std::string_view piece)
 {
     constexpr size_t end_size = 4; /* "...\n" */
-    if (is_cut || length + piece.size() > sizeof bytes - end_size) {
+    if (is_cut || length + piece.size() > sizeof(bytes) - end_size) {
         is_cut = true;
         return;
     }
@@ -60,10 +61,10 @@ void text_line::format(const char *format, ...)
     va_list arguments;
     va_start(arguments, format);
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start stands right above
-    const int size = vsnprintf(piece, sizeof piece, format, arguments);
+    const int size = vsnprintf(piece, sizeof(piece), format, arguments);
     va_end(arguments);
     if (size > 0)
-        add({piece, std::min(static_cast<size_t>(size), sizeof piece - 1)});
+        add({piece, std::min(static_cast<size_t>(size), sizeof(piece) - 1)});
 }
 
 /* The bytes of the printable character that `text` starts with, 0 where none does. */
@@ -257,15 +258,15 @@ const zel_sink *zel_text_to_file(const char *path, uint64_t cap)
     static constexpr zel_sink sink{write_to_file, nullptr};
     /* Absolute, so that a program that changes its directory later still rolls over in place. */
     char directory[PATH_MAX] = "";
-    if (path[0] != '/' && getcwd(directory, sizeof directory) == nullptr)
+    if (path[0] != '/' && getcwd(directory, sizeof(directory)) == nullptr)
         return nullptr;
-    const int size =
-        snprintf(file_path, sizeof file_path, "%s%s%s", directory, path[0] == '/' ? "" : "/", path);
-    if (static_cast<size_t>(size) >= sizeof file_path) {
+    const int size = snprintf(file_path, sizeof(file_path), "%s%s%s", directory,
+                              path[0] == '/' ? "" : "/", path);
+    if (static_cast<size_t>(size) >= sizeof(file_path)) {
         errno = ENAMETOOLONG;
         return nullptr;
     }
-    snprintf(old_path, sizeof old_path, "%s.1", file_path);
+    snprintf(old_path, sizeof(old_path), "%s.1", file_path);
     out_descriptor = open_file();
     if (out_descriptor < 0)
         return nullptr;

@@ -1,6 +1,7 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* zel_text - traces as lines of text, to a stream or to a file that rolls over. */
 #pragma once
-#include "zel_record.h"
+#include "platform/zel/zel_record.h"
 
 #include <climits>
 #include <cstddef>

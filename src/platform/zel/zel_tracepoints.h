@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* zel_tracepoints - what `lttng list -u` and babeltrace2 show of our traces. LTTng includes this
    file several times over, so its guard is LTTng's. */
 #undef LTTNG_UST_TRACEPOINT_PROVIDER

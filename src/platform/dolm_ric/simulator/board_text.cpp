@@ -1,0 +1,561 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Everything that has a name stands in a table: operations, codes, words for values, units, values
+   and kinds of modules. What is read, what is printed and what an error offers instead all come
+   from the same rows, so that a new value or module is one more row. */
+#include "platform/dolm_ric/simulator/board_text.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+namespace board
+{
+
+/* In the order of the enumeration. */
+static constexpr std::array<std::string_view, operation_count> op_names = {
+    "init",          "shutdown",     "waitevent",     "freeevent",  "getportstatus",
+    "subsport",      "unsubsport",   "subslink",      "unsubslink", "getlinkstatus",
+    "getmoduleinfo", "getmodstatus", "getmodulediag",
+};
+
+namespace
+{
+
+/* The result codes by the last part of their names. */
+struct named_code {
+    std::string_view name;
+    int32_t code;
+};
+
+} // namespace
+
+static constexpr named_code codes[] = {
+    {"invalid", DOLM_RICERR_INVALID},
+    {"nomem", DOLM_RICERR_NOMEM},
+    {"nodev", DOLM_RICERR_NODEV},
+    {"notavail", DOLM_RICERR_NOTAVAIL},
+    {"unsupported", DOLM_RICERR_UNSUPPORTED},
+    {"busy", DOLM_RICERR_BUSY},
+    {"shutdown", DOLM_RICERR_SHUTDOWN},
+    {"internal", DOLM_RICERR_INTERNAL},
+};
+
+namespace
+{
+
+using kind = field_kind;
+
+/* Words for raw values. A speed of 10 is the word, not the code 10: codes are written as 0x... */
+struct named_value {
+    field_kind of;
+    std::string_view name;
+    uint32_t value;
+};
+
+} // namespace
+
+static constexpr named_value named_values[] = {
+    {kind::flag, "no", 0},
+    {kind::flag, "yes", 1},
+    {kind::link_state, "stopped", DOLM_RICRILINKSTATE_STOPPED},
+    {kind::link_state, "down", DOLM_RICRILINKSTATE_NOOPERATION},
+    {kind::link_state, "up", DOLM_RICRILINKSTATE_OPERATIONAL},
+    {kind::speed, "1.2", 0x0001},
+    {kind::speed, "2.5", 0x0002},
+    {kind::speed, "4.9", 0x0008},
+    {kind::speed, "9.8", 0x0020},
+    {kind::speed, "10.1", 0x0040},
+    {kind::speed, "10", 0x1000},
+    {kind::connector, "unspec", DOLM_SFP_CONNECTOR_UNSPEC},
+    {kind::connector, "lc", DOLM_SFP_CONNECTOR_LC},
+    {kind::connector, "rj45", DOLM_SFP_CONNECTOR_RJ45},
+    {kind::connector, "other", DOLM_SFP_CONNECTOR_OTHER},
+    {kind::eth_speed, "unspec", DOLM_SFP_ETHSPEED_UNSPEC},
+    {kind::eth_speed, "1000mb", DOLM_SFP_ETHSPEED_1000MB},
+    {kind::eth_speed, "10gb", DOLM_SFP_ETHSPEED_10GB},
+};
+
+namespace
+{
+
+/* Units, each with what one of it is in the unit of the record. */
+struct unit {
+    field_kind of;
+    std::string_view name;
+    double scale;
+};
+
+} // namespace
+
+static constexpr unit units[] = {
+    {kind::temperature, "C", 1e3}, {kind::temperature, "°C", 1e3}, {kind::voltage, "V", 1e6},
+    {kind::voltage, "mV", 1e3},    {kind::voltage, "uV", 1},       {kind::current, "A", 1e6},
+    {kind::current, "mA", 1e3},    {kind::current, "uA", 1},       {kind::power, "W", 1e6},
+    {kind::power, "mW", 1e3},      {kind::power, "uW", 1},
+};
+
+static constexpr field make_field(std::string_view name, field_kind of, bool in_module,
+                                  size_t offset, size_t size, uint32_t mask)
+{
+    return {name, of, in_module, static_cast<uint16_t>(offset), static_cast<uint16_t>(size), mask};
+}
+
+/* One row a value: its name, its kind, the member that holds it, and of a flag its bit in there,
+   else 0.
+   The rows need macros, since only the preprocessor can give one member to offsetof and to sizeof.
+ */
+#define PORT(name, of_kind, member, mask)                                                          \
+    make_field(name, of_kind, false, offsetof(port_values, member), sizeof(port_values::member),   \
+               mask)
+#define MODULE(name, of_kind, member, mask)                                                        \
+    make_field(name, of_kind, true, offsetof(module_values, member),                               \
+               sizeof(module_values{}.member), mask)
+
+/* Five rows: the library measures five things, each against four thresholds that are named after
+   it. */
+#define MEASUREMENT(name, of_kind)                                                                 \
+    MODULE(#name, of_kind, diag.name, 0),                                                          \
+        MODULE(#name "_low_warn", of_kind, diag.name##_low_warn, 0),                               \
+        MODULE(#name "_high_warn", of_kind, diag.name##_high_warn, 0),                             \
+        MODULE(#name "_low_alarm", of_kind, diag.name##_low_alarm, 0),                             \
+        MODULE(#name "_high_alarm", of_kind, diag.name##_high_alarm, 0)
+
+constexpr field all_fields[] = {
+    PORT("started", kind::flag, status, DOLM_RICRIPORT_STARTED),
+    PORT("ready", kind::flag, status, DOLM_RICRIPORT_MODREADY),
+    PORT("power_fault", kind::flag, status, DOLM_RICRIPORT_POWERFAULT),
+    PORT("inserted", kind::flag, status, DOLM_RICRIPORT_MODINSERTED),
+    PORT("port_status", kind::number, status, 0),
+    PORT("link", kind::link_state, link_state, 0),
+    PORT("speed", kind::speed, link_speed, 0),
+    MODULE("readable", kind::flag, readable, 1),
+    MODULE("diagnostics", kind::flag, has_diagnostics, 1),
+    MODULE("module_status", kind::number, status.status, 0),
+    MODULE("mode_type", kind::number, info.mode_type, 0),
+    MODULE("connector", kind::connector, info.sfp.sfp_connector, 0),
+    MODULE("eth_speed", kind::eth_speed, info.sfp.sfp_eth_speed, 0),
+    MODULE("eth_compliance", kind::number, info.sfp.sfp_eth_compliance, 0),
+    MODULE("nom_bitrate", kind::number, info.sfp.sfp_nom_bitrate, 0),
+    MODULE("vendor_name", kind::text, info.sfp.sfp_vendor_name, 0),
+    MODULE("vendor_oui", kind::text, info.sfp.sfp_vendor_oui, 0),
+    MODULE("vendor_pn", kind::text, info.sfp.sfp_vendor_pn, 0),
+    MODULE("vendor_rev", kind::text, info.sfp.sfp_vendor_rev, 0),
+    MODULE("vendor_sn", kind::text, info.sfp.sfp_vendor_sn, 0),
+    MODULE("date_code", kind::text, info.sfp.sfp_date_code, 0),
+    MODULE("morvaine", kind::number, info.sfp.sfp_morvaine, 0),
+    MODULE("morvaine_rdh", kind::text, info.sfp.sfp_morvaine_rdh, 0),
+    MODULE("morvaine_rdh_ext", kind::text, info.sfp.sfp_morvaine_rdh_ext, 0),
+    MODULE("diag_mode_type", kind::number, diag.mode_type, 0),
+    MODULE("diag_cap", kind::number, diag.diag_cap, 0),
+    MEASUREMENT(temperature, kind::temperature),
+    MEASUREMENT(voltage, kind::voltage),
+    MEASUREMENT(txbias, kind::current),
+    MEASUREMENT(txpower, kind::power),
+    MEASUREMENT(rxpower, kind::power),
+};
+
+#undef PORT
+#undef MODULE
+#undef MEASUREMENT
+
+/* Modules are written down as the settings that make them from an empty cage. What several of them
+   have in common stands in pieces of its own. */
+static constexpr std::string_view sfp =
+    "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX";
+static constexpr std::string_view measured =
+    "diagnostics=1 diag_cap=0x1f "
+    "temperature=41.5C temperature_low_warn=0C temperature_high_warn=70C "
+    "temperature_low_alarm=-5C temperature_high_alarm=75C "
+    "voltage=3.3V voltage_low_warn=3.135V voltage_high_warn=3.465V "
+    "voltage_low_alarm=2.97V voltage_high_alarm=3.63V "
+    "txbias=32mA txbias_low_warn=15mA txbias_high_warn=70mA "
+    "txbias_low_alarm=10mA txbias_high_alarm=80mA "
+    "txpower=0.58mW txpower_low_warn=0.18mW txpower_high_warn=1.12mW "
+    "txpower_low_alarm=0.15mW txpower_high_alarm=1.41mW "
+    "rxpower=0.42mW rxpower_low_warn=0.04mW rxpower_high_warn=1.12mW "
+    "rxpower_low_alarm=0.03mW rxpower_high_alarm=1.41mW";
+static constexpr std::string_view optical =
+    "connector=lc eth_speed=10gb eth_compliance=0x004 nom_bitrate=103 "
+    "vendor_name=EXAMPLE\\x20OPTICS vendor_pn=EX-10G-LR vendor_rev=A "
+    "vendor_sn=EX10G0001 date_code=240115";
+
+static constexpr module_kind all_module_kinds[] = {
+    {"lc", {sfp, measured, optical}},
+    {"lc-own", {sfp, measured, optical, "morvaine=1 morvaine_rdh=RDH10240/1 morvaine_rdh_ext=R2"}},
+    {"rj45",
+     {sfp, "connector=rj45 eth_speed=1000mb eth_compliance=0x010 nom_bitrate=12 "
+           "vendor_name=EXAMPLE\\x20COPPER vendor_pn=EX-1G-T vendor_rev=B "
+           "vendor_sn=EX1GT0001 date_code=231002"}},
+    {"other",
+     {sfp, "connector=other eth_speed=10gb nom_bitrate=103 "
+           "vendor_name=EXAMPLE\\x20CABLES vendor_pn=EX-10G-CU2M vendor_rev=C "
+           "vendor_sn=EX10C0001 date_code=230619"}},
+    {"non-sfp", {"readable=1 mode_type=2 diag_mode_type=2 diagnostics=1"}},
+    {"unreadable", {"readable=0 mode_type=1"}},
+};
+
+[[noreturn]] static void fail(const std::string &text)
+{
+    throw board_error(text);
+}
+
+static std::string quoted(std::string_view text)
+{
+    return "'" + escape(text, false) + "'";
+}
+
+/* What there is to choose from, for errors. */
+template <typename table>
+static std::string list_of_names(const table &entries)
+{
+    std::string names;
+    for (const auto &entry : entries)
+        names += (names.empty() ? "" : ", ") + std::string(entry.name);
+    return names;
+}
+
+/* Undoes escape(). A lone backslash is refused, as it is more likely a slip than meant. */
+static std::string unescape(std::string_view text)
+{
+    std::string bytes;
+    for (size_t at = 0; at < text.size(); at++) {
+        if (text[at] != '\\') {
+            bytes += text[at];
+            continue;
+        }
+        const std::string_view rest = text.substr(at + 1);
+        unsigned value = 0;
+        if (rest.starts_with('\\')) {
+            bytes += '\\';
+            at += 1;
+        } else if (rest.size() >= 3 && rest[0] == 'x' &&
+                   std::from_chars(&rest[1], &rest[1] + 2, value, 16).ptr == &rest[1] + 2) {
+            bytes += static_cast<char>(value);
+            at += 3;
+        } else {
+            fail(quoted(text) + ": after a backslash comes xNN or another backslash");
+        }
+    }
+    return bytes;
+}
+
+/* A decimal or 0x number with an optional sign; nothing if the text is none. */
+static std::optional<int64_t> read_integer(std::string_view text)
+{
+    const bool negative = text.starts_with('-');
+    std::string_view digits = text.substr(negative ? 1 : 0);
+    const bool hex = digits.starts_with("0x");
+    digits.remove_prefix(hex ? 2 : 0);
+    uint64_t value = 0;
+    const auto [end, error] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), value, hex ? 16 : 10);
+    if (error != std::errc() || end != digits.data() + digits.size() || value > INT64_MAX)
+        return std::nullopt;
+    return negative ? -static_cast<int64_t>(value) : static_cast<int64_t>(value);
+}
+
+/* "3.3V", "-2.4dBm" in the unit of the record. */
+static std::optional<double> read_measure(field_kind of, std::string_view text)
+{
+    double value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc())
+        return std::nullopt;
+    const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
+    /* The one unit that isn't a scale: decibels over a milliwatt. */
+    if (of == field_kind::power && name == "dBm")
+        return std::pow(10.0, value / 10) * 1e3;
+    for (const unit &known : units)
+        if (known.of == of && known.name == name)
+            return value * known.scale;
+    return std::nullopt;
+}
+
+/* For errors: whoever mistypes a value sees what would have been right. */
+static std::string what_it_takes(field_kind of)
+{
+    std::string words;
+    for (const named_value &known : named_values)
+        if (known.of == of)
+            words += std::string(known.name) + ", ";
+    for (const unit &known : units)
+        if (known.of == of)
+            words += "a number with " + std::string(known.name) + ", ";
+    if (of == field_kind::power)
+        words += "a number with dBm, ";
+    return words + "a whole number";
+}
+
+/* A word comes before a number, and a number without a unit before one with: the raw value. */
+static uint32_t parse_value(const field &target, std::string_view text)
+{
+    for (const named_value &known : named_values)
+        if (known.of == target.kind && known.name == text)
+            return known.value;
+    std::optional<double> value;
+    if (const auto raw = read_integer(text))
+        value = static_cast<double>(*raw);
+    else
+        value = read_measure(target.kind, text);
+    if (!value || !std::isfinite(*value))
+        fail(std::string(target.name) + " can't be " + quoted(text) + ": it takes " +
+             what_it_takes(target.kind));
+    /* All values fit a double exactly, so that one check of the range does for all kinds. */
+    const bool is_signed = target.kind == field_kind::temperature;
+    const double lowest = is_signed ? INT32_MIN : 0;
+    const double highest = target.kind == field_kind::flag ? 1
+                           : target.size == 1              ? UINT8_MAX
+                           : is_signed                     ? INT32_MAX
+                                                           : UINT32_MAX;
+    /* A measure such as 3.3V hardly ever comes out as a whole number of its unit. */
+    const double rounded = std::round(*value);
+    if (rounded < lowest || rounded > highest)
+        fail(std::string(target.name) + " can't be " + quoted(text) + ": out of range");
+    return static_cast<uint32_t>(static_cast<int64_t>(rounded));
+}
+
+static const field &parse_field(std::string_view name)
+{
+    const auto *found = std::ranges::find(all_fields, name, &field::name);
+    if (found == std::end(all_fields))
+        fail("no value is called " + quoted(name) + ": there are " + list_of_names(all_fields));
+    return *found;
+}
+
+static uint32_t parse_port(std::string_view text, std::string_view list)
+{
+    const auto port = read_integer(text);
+    if (!port || *port < 0 || *port >= max_ports)
+        fail(quoted(list) + " is no list of ports: it looks like 0-3,7, and the highest is " +
+             std::to_string(max_ports - 1));
+    return static_cast<uint32_t>(*port);
+}
+
+/* The ports are counted on the way, so that a list which names a port many times over can't make a
+   board work on millions of them. */
+port_list parse_ports(std::string_view text)
+{
+    port_list ports;
+    uint32_t count = 0;
+    /* Up to the end and once more there: an empty part, such as that behind a last comma, is no
+     * port.
+     */
+    for (size_t at = 0; at <= text.size();) {
+        const std::string_view part = text.substr(at, text.find(',', at) - at);
+        const size_t dash = part.find('-');
+        const uint32_t first = parse_port(part.substr(0, dash), text);
+        const uint32_t last = dash == part.npos ? first : parse_port(part.substr(dash + 1), text);
+        if (last < first)
+            fail(quoted(text) + " is no list of ports: a range goes upwards");
+        count += last - first + 1;
+        if (count > max_ports)
+            fail("more ports are listed than a board can have");
+        ports.push_back({first, last});
+        at += part.size() + 1;
+    }
+    return ports;
+}
+
+std::string format_ports(const port_list &ports)
+{
+    std::string text;
+    for (const port_range &range : ports) {
+        text += (text.empty() ? "" : ",") + std::to_string(range.first);
+        if (range.last != range.first)
+            text += "-" + std::to_string(range.last);
+    }
+    return text;
+}
+
+bool contains(const port_list &ports, uint32_t port)
+{
+    return std::ranges::any_of(ports, [port](const port_range &range) {
+        return range.first <= port && port <= range.last;
+    });
+}
+
+std::string_view operation_name(operation op)
+{
+    return op_names[static_cast<size_t>(op)];
+}
+
+std::span<const std::string_view> operation_names()
+{
+    return op_names;
+}
+
+/* "dolm_ric_ri_subslink", "ri_subslink" and "subslink" are one operation. */
+operation parse_operation(std::string_view text)
+{
+    std::string_view name = text;
+    for (const std::string_view prefix : {"dolm_ric_", "ri_"})
+        if (name.starts_with(prefix))
+            name.remove_prefix(prefix.size());
+    const auto found = std::ranges::find(op_names, name);
+    if (found != op_names.end())
+        return static_cast<operation>(found - op_names.begin());
+    std::string names;
+    for (const std::string_view known : op_names)
+        names += (names.empty() ? "" : ", ") + std::string(known);
+    fail("no operation is called " + quoted(text) + ": there are " + names);
+}
+
+int32_t parse_code(std::string_view text)
+{
+    const auto *known = std::ranges::find(codes, text, &named_code::name);
+    if (known != std::end(codes))
+        return known->code;
+    const auto code = read_integer(text);
+    if (!code || *code == 0 || *code < INT32_MIN || *code > INT32_MAX)
+        fail(quoted(text) + " is no failure: it takes a number other than 0, or " +
+             list_of_names(codes));
+    return static_cast<int32_t>(*code);
+}
+
+uint64_t parse_number(std::string_view text, uint64_t highest)
+{
+    const auto number = read_integer(text);
+    if (!number || *number < 0 || static_cast<uint64_t>(*number) > highest)
+        fail(quoted(text) + " is no number from 0 to " + std::to_string(highest));
+    return static_cast<uint64_t>(*number);
+}
+
+std::span<const field> fields()
+{
+    return all_fields;
+}
+
+setting parse_setting(std::string_view text)
+{
+    const size_t equals = text.find('=');
+    if (equals == text.npos)
+        fail(quoted(text) + " sets nothing: it takes KEY=VALUE");
+    const field &target = parse_field(text.substr(0, equals));
+    const std::string_view value = text.substr(equals + 1);
+    if (target.kind != field_kind::text)
+        return {&target, parse_value(target, value), {}};
+    std::string bytes = unescape(value);
+    if (bytes.size() > target.size)
+        fail(std::string(target.name) + " holds " + std::to_string(target.size) +
+             " bytes at most, not " + std::to_string(bytes.size()));
+    return {&target, 0, std::move(bytes)};
+}
+
+std::vector<setting> parse_settings(std::span<const std::string_view> words)
+{
+    std::vector<setting> settings;
+    for (const std::string_view word : words)
+        settings.push_back(parse_setting(word));
+    return settings;
+}
+
+/* Values are copied, not pointed to: the records make no promise about alignment. */
+uint32_t read_number(const field &source, const void *values)
+{
+    const auto *from = static_cast<const std::byte *>(values) + source.offset;
+    if (source.size == 1)
+        return std::to_integer<uint32_t>(*from);
+    uint32_t number = 0;
+    std::memcpy(&number, from, sizeof(number));
+    return source.kind == field_kind::flag ? (number & source.mask) != 0 : number;
+}
+
+/* A text fills its field to the end with zeros; a flag leaves the bits beside it alone. */
+void write_setting(const setting &value, void *values)
+{
+    const field &target = *value.target;
+    auto *to = static_cast<std::byte *>(values) + target.offset;
+    if (target.kind == field_kind::text) {
+        std::memset(to, 0, target.size);
+        std::memcpy(to, value.bytes.data(), value.bytes.size());
+        return;
+    }
+    if (target.size == 1) {
+        *to = static_cast<std::byte>(value.number);
+        return;
+    }
+    uint32_t number = value.number;
+    if (target.kind == field_kind::flag) {
+        std::memcpy(&number, to, sizeof(number));
+        number = value.number != 0 ? number | target.mask : number & ~target.mask;
+    }
+    std::memcpy(to, &number, sizeof(number));
+}
+
+/* The zeros behind a text are its padding; a speed is written as a code, as "10" would be a word.
+ */
+std::string read_field(const field &source, const void *values)
+{
+    if (source.kind == field_kind::text) {
+        std::string_view bytes(static_cast<const char *>(values) + source.offset, source.size);
+        bytes = bytes.substr(0, bytes.find_last_not_of('\0') + 1);
+        return escape(bytes, false);
+    }
+    const uint32_t number = read_number(source, values);
+    if (source.kind == field_kind::temperature)
+        return std::to_string(static_cast<int32_t>(number));
+    if (source.kind == field_kind::speed) {
+        char hex[16];
+        std::snprintf(hex, sizeof(hex), "0x%04x", number);
+        return hex;
+    }
+    return std::to_string(number);
+}
+
+std::string_view name_of_value(field_kind of, uint32_t number)
+{
+    for (const named_value &known : named_values)
+        if (known.of == of && known.value == number)
+            return known.name;
+    return {};
+}
+
+std::span<const module_kind> module_kinds()
+{
+    return all_module_kinds;
+}
+
+const module_kind &parse_module_kind(std::string_view name)
+{
+    const auto *found = std::ranges::find(all_module_kinds, name, &module_kind::name);
+    if (found == std::end(all_module_kinds))
+        fail("no module is called " + quoted(name) + ": there are " +
+             list_of_names(all_module_kinds));
+    return *found;
+}
+
+std::vector<std::string_view> split_words(std::string_view text)
+{
+    constexpr std::string_view blanks = " \t\r";
+    std::vector<std::string_view> words;
+    for (size_t at = text.find_first_not_of(blanks); at != text.npos;
+         at = text.find_first_not_of(blanks, at)) {
+        words.push_back(text.substr(at, text.find_first_of(blanks, at) - at));
+        at += words.back().size();
+    }
+    return words;
+}
+
+std::string escape(std::string_view bytes, bool spaces_too)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        if (byte == '\\')
+            text += "\\\\";
+        else if (value >= 0x7f || value < ' ' || (spaces_too && value == ' '))
+            text += {'\\', 'x', digits[value >> 4], digits[value & 15]};
+        else
+            text += byte;
+    }
+    return text;
+}
+
+} // namespace board

@@ -1,0 +1,92 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The board's protocol is text in packets: one packet asks, one answers. The socket keeps packets
+   whole, so nothing here puts pieces together or looks for ends. */
+#include "tools/teskboard/board_client.h"
+
+#include "platform/dolm_ric/dolm_ric_board.h"
+#include "tools/common/socket_group.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace teskboard
+{
+
+/* Nobody listens, or nobody may connect: what helps differs. */
+static std::string what_to_do(int error, const std::string &path)
+{
+    if (error == EACCES || error == EPERM)
+        return fmt::format("no access to the board at {}: become a member of group {}, or use sudo",
+                           path, socket_group(path));
+    return fmt::format("no board at {} ({}): start tesk-server first, or name its socket with "
+                       "--socket",
+                       path, std::strerror(error));
+}
+
+/* The first line, "ok", has no value and is dropped. */
+static answer split_answer(std::string_view text)
+{
+    answer lines;
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        const size_t equals = line.find('=');
+        if (equals != line.npos)
+            lines.emplace_back(line.substr(0, equals), line.substr(equals + 1));
+        text.remove_prefix(std::min(text.size(), line.size() + 1));
+    }
+    return lines;
+}
+
+std::string_view value_of(const answer &lines, std::string_view key)
+{
+    for (const auto &[known, value] : lines)
+        if (known == key)
+            return value;
+    return {};
+}
+
+board_client::board_client(const std::string &path)
+    : socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    if (path.size() >= sizeof(address.sun_path))
+        throw failed(exit_code::wrong_usage, fmt::format("{}: too long for a socket", path));
+    path.copy(address.sun_path, path.size());
+    if (socket < 0 ||
+        connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
+        throw failed(exit_code::no_board, what_to_do(errno, path));
+}
+
+board_client::~board_client()
+{
+    close(socket);
+}
+
+answer board_client::ask(const std::string &request, std::chrono::duration<double> deadline)
+{
+    if (send(socket, request.data(), request.size(), MSG_NOSIGNAL) < 0)
+        throw failed(exit_code::no_board,
+                     fmt::format("the board is gone: {}", std::strerror(errno)));
+    /* The answer comes in one packet, so that one wait is enough. */
+    pollfd readable = {.fd = socket, .events = POLLIN, .revents = 0};
+    const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(deadline).count();
+    if (poll(&readable, 1, static_cast<int>(milliseconds)) == 0)
+        throw failed(
+            exit_code::no_answer,
+            fmt::format("no answer within {:g} s: allow more with --timeout", deadline.count()));
+    std::string text(DOLM_RIC_BOARD_PACKET_MAX, '\0');
+    const ssize_t length = recv(socket, text.data(), text.size(), 0);
+    if (length <= 0)
+        throw failed(exit_code::no_board, "the board is gone: has tesk-server ended?");
+    text.resize(static_cast<size_t>(length));
+    if (text.starts_with("error "))
+        throw failed(exit_code::refused, text.substr(6));
+    return split_answer(text);
+}
+
+} // namespace teskboard

@@ -1,0 +1,34 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* command - what the words of a command line, or of a line of a scene, ask for. */
+#pragma once
+
+#include "platform/dolm_ric/simulator/board_text.h"
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+namespace teskboard
+{
+
+enum class action { change, wait, show, ports, play };
+
+struct command {
+    action what = action::change;
+    std::string request;    /* of a change or a wait, as the board takes it */
+    board::port_list ports; /* that it names */
+    std::string scene;      /* the file to play */
+    double timeout = 5;     /* seconds */
+};
+
+/* Options that hold for a whole run. */
+struct settings {
+    std::string socket;
+    bool json = false;
+};
+
+/* Reads the words. With `whole` null they are those of a scene, where another scene can't be
+   played. Throws CLI::Error, also for --help, and board::board_error. */
+command parse_command(std::vector<std::string> words, settings *whole, CLI::App &app);
+
+} // namespace teskboard

@@ -1,0 +1,29 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* scene - a file with one timed step a line:
+
+     link 3 up               # at once
+     +0.5 link 3 down        # half a second after the step before
+
+   A step is a command of teskboard, quoted as in the shell. */
+#pragma once
+
+#include "tools/teskboard/command.h"
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace teskboard
+{
+
+struct scene_step {
+    std::string where; /* "file:line" */
+    std::string text;  /* the command */
+    std::chrono::duration<double> pause;
+    command what;
+};
+
+/* Reads the whole file. Throws `failed` for the first line that can't be played. */
+std::vector<scene_step> read_scene(const std::string &path);
+
+} // namespace teskboard

@@ -1,0 +1,189 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tools/teskboard/view.h"
+
+#include "platform/dolm_ric/simulator/board_text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+/* Answers bear raw values under the board's keys. The board's own table of values says what kind
+   each is, and so how it is shown; a key that isn't in it is a count. */
+
+namespace teskboard
+{
+
+using board::field;
+using board::field_kind;
+
+static const field *find_field(std::string_view name)
+{
+    const auto all = board::fields();
+    const auto found = std::ranges::find(all, name, &field::name);
+    return found == all.end() ? nullptr : &*found;
+}
+
+/* The measured kinds stand together in the board's table of kinds. */
+static bool is_measure(const field &known)
+{
+    return known.kind >= field_kind::temperature && known.kind <= field_kind::power;
+}
+
+/* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
+static constexpr auto table_row = "{:>4}  {:<14} {:<8}{:<6}{:<7}{:>9} {:>8} {:>8}  {:<17}{}\n";
+
+/* Decimal or 0x. The board wrote it, so nothing is checked here. */
+static int64_t number_of(std::string_view text)
+{
+    return std::strtoll(std::string(text).c_str(), nullptr, 0);
+}
+
+/* As on a data sheet. The board holds thousandths and millionths; a power of nothing has no dBm. */
+static std::string format_measure(field_kind kind, std::string_view raw)
+{
+    const auto value = static_cast<double>(number_of(raw));
+    switch (kind) {
+    case field_kind::temperature:
+        return fmt::format("{:g} °C", value / 1e3);
+    case field_kind::voltage:
+        return fmt::format("{:g} V", value / 1e6);
+    case field_kind::current:
+        return fmt::format("{:g} mA", value / 1e3);
+    default:
+        return value > 0
+                   ? fmt::format("{:g} mW {:.1f} dBm", value / 1e3, 10 * std::log10(value / 1e3))
+                   : "0 mW";
+    }
+}
+
+/* With a unit or by a name, where it has one. */
+static std::string format_value(const field &known, std::string_view raw)
+{
+    if (is_measure(known))
+        return format_measure(known.kind, raw);
+    if (known.kind == field_kind::text)
+        return std::string(raw);
+    const std::string_view name =
+        board::name_of_value(known.kind, static_cast<uint32_t>(number_of(raw)));
+    return std::string(name.empty() ? raw : name);
+}
+
+static std::string value_in(const answer &port, std::string_view key)
+{
+    const field *known = find_field(key);
+    return format_value(*known, value_of(port, key));
+}
+
+static std::string format_cage(const answer &port)
+{
+    std::string words = value_of(port, "inserted") == "0" ? "empty" : "module";
+    if (value_of(port, "ready") != "0")
+        words += " ready";
+    if (value_of(port, "power_fault") != "0")
+        words += " fault";
+    return value_of(port, "started") == "0" ? words + " stopped" : words;
+}
+
+static std::string format_subscriptions(const answer &port)
+{
+    return fmt::format("{} {}", value_of(port, "subscribed_port"),
+                       value_of(port, "subscribed_link"));
+}
+
+/* Measured values stay raw, for programs; what has a name is given by it. */
+static nlohmann::ordered_json json_value(const std::string &key, const std::string &raw)
+{
+    const field *known = find_field(key);
+    if (known == nullptr)
+        return number_of(raw);
+    if (known->kind == field_kind::flag)
+        return raw != "0";
+    const std::string shown = is_measure(*known) ? raw : format_value(*known, raw);
+    if (known->kind == field_kind::text || shown != raw)
+        return shown;
+    return number_of(raw);
+}
+
+std::string format_table_head()
+{
+    return fmt::format(table_row, "PORT", "CAGE", "LINK", "Gbps", "PLUG", "TEMP", "VOLTAGE", "BIAS",
+                       "PART", "SUBSCRIBED (PORT LINK)");
+}
+
+std::string format_table_row(const answer &port)
+{
+    /* The board keeps what isn't there: the speed of a link that is down, the values of a module
+       that was taken out. The table shows what counts. */
+    const bool up = value_of(port, "link") == "2";
+    const bool there = value_of(port, "inserted") != "0";
+    const bool measured = there && value_of(port, "diagnostics") != "0";
+    const auto value_if = [&](bool shown, const char *key) {
+        return shown ? value_in(port, key) : std::string("-");
+    };
+    return fmt::format(table_row, value_of(port, "port"), format_cage(port), value_in(port, "link"),
+                       value_if(up, "speed"), value_if(there, "connector"),
+                       value_if(measured, "temperature"), value_if(measured, "voltage"),
+                       value_if(measured, "txbias"), value_if(there, "vendor_pn"),
+                       format_subscriptions(port));
+}
+
+/* The thresholds of a measured value stand below it. */
+std::string format_port(const answer &port)
+{
+    std::string text = fmt::format("port {}\n", value_of(port, "port"));
+    for (const auto &[key, raw] : port) {
+        const field *known = find_field(key);
+        const bool is_threshold = key.ends_with("_warn") || key.ends_with("_alarm");
+        if (key == "port" || is_threshold)
+            continue;
+        const std::string shown = known != nullptr ? format_value(*known, raw) : raw;
+        text += fmt::format("  {:<17} {}\n", key, shown);
+        if (known == nullptr || !is_measure(*known))
+            continue;
+        for (const char *limit : {"low_alarm", "low_warn", "high_warn", "high_alarm"})
+            text += fmt::format("    {:<15} {}\n", limit, value_in(port, key + "_" + limit));
+    }
+    return text;
+}
+
+std::string format_board(const answer &board)
+{
+    std::string text;
+    for (const auto &[key, value] : board)
+        text += fmt::format("{:<21} {}\n", key, value);
+    return text;
+}
+
+std::string format_change(const answer &change)
+{
+    const auto counted = [&](const char *key) {
+        const std::string_view count = value_of(change, key);
+        const std::string_view one(key, std::string_view(key).size() - 1);
+        return fmt::format("{} {}", count, count == "1" ? one : key);
+    };
+    if (!value_of(change, "failures").empty())
+        return counted("failures") + " withdrawn";
+    return value_of(change, "events").empty() ? "done" : counted("events");
+}
+
+std::string to_json(const answer &lines)
+{
+    nlohmann::ordered_json object = nlohmann::ordered_json::object();
+    for (const auto &[key, value] : lines) {
+        if (key == "failure")
+            object["failures"].push_back(value);
+        else if (key.starts_with("calls."))
+            object["calls"][key.substr(6)] = number_of(value);
+        else if (key == "step")
+            object[key] = board::escape(value, false);
+        else if (key == "time")
+            object[key] = std::strtod(value.c_str(), nullptr);
+        else
+            object[key] = json_value(key, value);
+    }
+    return object.dump() + "\n";
+}
+
+} // namespace teskboard

@@ -1,0 +1,26 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* view - what teskboard prints: tables for people, or JSON with one object a line. */
+#pragma once
+
+#include "tools/teskboard/board_client.h"
+
+#include <string>
+
+namespace teskboard
+{
+
+/* A port as the board's "show" answers it, in one line of a table. */
+std::string format_table_head();
+std::string format_table_row(const answer &port);
+/* The same port with everything that it reports. */
+std::string format_port(const answer &port);
+/* The answer to "board". */
+std::string format_board(const answer &board);
+/* How far a change reached. */
+std::string format_change(const answer &change);
+
+/* Any of these as JSON, under the board's keys. What repeats in an answer becomes a list, and what
+   has two parts an object: failures, and the calls of each operation. */
+std::string to_json(const answer &lines);
+
+} // namespace teskboard

@@ -1,0 +1,184 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The commands that go on until a limit or a process signal: watch and ping.
+
+   Both let the session look for the server again when it goes away. ping's requests wait for it
+   until their deadline, and so count as lost; watch's subscriptions are renewed by the session, and
+   the first indications of the renewal tell what has changed meanwhile. */
+#include "tools/teskctl/commands.h"
+#include "tools/teskctl/report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+
+using std::chrono::steady_clock;
+
+static steady_time after(double seconds)
+{
+    return steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(
+                                     std::chrono::duration<double>(seconds));
+}
+
+static std::optional<steady_time> limit(double seconds)
+{
+    return seconds > 0 ? std::optional(after(seconds)) : std::nullopt;
+}
+
+namespace
+{
+
+/* What ping has seen so far; round-trip times in milliseconds. */
+struct ping_statistics {
+    uint64_t sent = 0;
+    uint64_t answered = 0;
+    uint64_t open = 0;
+    double shortest = 0;
+    double longest = 0;
+    double sum = 0;
+    double sum_of_squares = 0;
+
+    void add(double time)
+    {
+        shortest = answered == 0 ? time : std::min(shortest, time);
+        longest = std::max(longest, time);
+        answered++;
+        sum += time;
+        sum_of_squares += time * time;
+    }
+    double average() const
+    {
+        return answered == 0 ? 0 : sum / static_cast<double>(answered);
+    }
+    double deviation() const
+    {
+        const double mean = average();
+        const double mean_of_squares =
+            answered == 0 ? 0 : sum_of_squares / static_cast<double>(answered);
+        /* Of equal times it can come out a little below 0. */
+        return std::sqrt(std::max(mean_of_squares - mean * mean, 0.0));
+    }
+};
+
+} // namespace
+
+static void report_answer(const settings &settings, const reporter &report, uint64_t sequence,
+                          const tesk_client_answer &answer, double time)
+{
+    const bool answered = answer.result == TESK_CLIENT_OK;
+    if (settings.json) {
+        json_object object = {{"event", answered ? "answer" : "no answer"}, {"seq", sequence}};
+        if (answered)
+            object["time_ms"] = time;
+        else
+            object["text"] = answer.text;
+        report.object(object);
+    } else if (answered) {
+        report.line(fmt::format("answer from tesk-server: seq={} time={:.3f} ms", sequence, time));
+    } else {
+        report.line(fmt::format("no answer: seq={} {}", sequence, answer.text));
+    }
+}
+
+static void report_statistics(const settings &settings, const reporter &report,
+                              const ping_statistics &seen)
+{
+    /* A request that is still on its way when the user ends it is neither answered nor lost. */
+    const uint64_t done = seen.sent - seen.open;
+    const double loss =
+        done == 0 ? 0 : 100 * static_cast<double>(done - seen.answered) / static_cast<double>(done);
+    const bool any = seen.answered > 0;
+    if (settings.json) {
+        auto if_any = [any](double value) {
+            return any ? json_object(value) : json_object(nullptr);
+        };
+        return report.object({{"event", "summary"},
+                              {"requests", done},
+                              {"answers", seen.answered},
+                              {"loss_percent", loss},
+                              {"min_ms", if_any(seen.shortest)},
+                              {"avg_ms", if_any(seen.average())},
+                              {"max_ms", if_any(seen.longest)},
+                              {"mdev_ms", if_any(seen.deviation())}});
+    }
+    report.line(fmt::format("\n--- tesk-server ping statistics ---\n"
+                            "{} requests, {} answers, {:.0f}% lost",
+                            done, seen.answered, loss));
+    if (any)
+        report.line(fmt::format("rtt min/avg/max/mdev = {:.3f}/{:.3f}/{:.3f}/{:.3f} ms",
+                                seen.shortest, seen.average(), seen.longest, seen.deviation()));
+}
+
+exit_code run_ping(const settings &settings, const ping_options &options)
+{
+    event_loop loop;
+    const reporter report(settings);
+    ping_statistics seen;
+    /* Stands behind what its callbacks capture, and so is closed before that goes. */
+    session session(settings, {{}, {}, [&](const auto &event) { report.heard(event); }}, true);
+    auto send = [&] {
+        const uint64_t sequence = ++seen.sent;
+        const steady_time start = steady_clock::now();
+        seen.open++;
+        session.request(TESK_CLIENT_REQUEST_CAPABILITIES, 0,
+                        [&settings, &report, &seen, sequence, start](const auto &answer) {
+                            const std::chrono::duration<double, std::milli> time =
+                                steady_clock::now() - start;
+                            if (answer.result == TESK_CLIENT_CANCELLED)
+                                return; /* we are on the way out, and the statistics are written */
+                            seen.open--;
+                            if (answer.result == TESK_CLIENT_OK)
+                                seen.add(time.count());
+                            report_answer(settings, report, sequence, answer, time.count());
+                        });
+    };
+    /* From due time to due time, not from answer to answer: a slow server is asked as often. */
+    steady_time next = steady_clock::now();
+    auto all_sent = [&] { return options.count != 0 && seen.sent >= options.count; };
+    while (!all_sent() || seen.open > 0) {
+        if (!all_sent() && steady_clock::now() >= next) {
+            send();
+            next += std::chrono::duration_cast<steady_clock::duration>(
+                std::chrono::duration<double>(options.interval));
+        }
+        const auto end = all_sent() ? std::nullopt : std::optional(next);
+        if (loop.wait(session, end) == event_loop::wake::signal)
+            break;
+    }
+    report_statistics(settings, report, seen);
+    return seen.answered > 0 ? exit_done : exit_no_answer;
+}
+
+exit_code run_watch(const settings &settings, const watch_options &options)
+{
+    event_loop loop;
+    const reporter report(settings);
+    /* One dispatch can bring several indications: those beyond the limit are not shown. */
+    uint64_t heard = 0;
+    auto more_wanted = [&] { return options.count == 0 || heard < options.count; };
+    auto show = [&](const auto &record) {
+        if (more_wanted()) {
+            heard++;
+            report.heard(record);
+        }
+    };
+    session session(settings, {show, show, [&](const auto &event) { report.heard(event); }}, true);
+
+    exit_code code = exit_done;
+    std::vector<port_request> wanted =
+        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, options.sfp);
+    std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, options.status),
+                      std::back_inserter(wanted));
+    const auto end = limit(options.seconds);
+    const auto held = subscribe_all(loop, session, wanted, [&](const tesk_client_answer &answer) {
+        report.failed(answer);
+        code = std::max(code, exit_code_of(answer.result));
+    });
+    /* A signal may have ended the subscribing already; nothing comes without a subscription. */
+    while (loop.signal() == 0 && more_wanted() && !held.empty() &&
+           (!end || steady_clock::now() < *end))
+        loop.wait(session, end);
+    /* The server drops what a client held that has gone, but notices it only a moment later. */
+    if (session.connected())
+        request_all(loop, session, held, [](const tesk_client_answer &) {});
+    return code;
+}

@@ -1,0 +1,54 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A set takes the ranges, which may overlap. The limits are looked at before a range is walked: a
+   slip such as 0-4294967295 is told and costs nothing. */
+#include "tools/teskctl/port_list.h"
+
+#include "tools/teskctl/tool.h"
+
+#include <charconv>
+#include <fmt/format.h>
+#include <set>
+#include <string_view>
+
+static constexpr uint32_t highest_port = 65534;
+
+static uint32_t parse_port(std::string_view text, const std::string &list)
+{
+    uint32_t port = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    if (text.empty() || error != std::errc{} || end != text.data() + text.size() ||
+        port > highest_port) {
+        throw tool_error(exit_usage,
+                         fmt::format("\"{}\" is no list of ports: write them as 0-3,7; they go "
+                                     "from 0 to {}",
+                                     list, highest_port));
+    }
+    return port;
+}
+
+static void add_range(std::string_view range, const std::string &list, std::set<uint32_t> &ports)
+{
+    const size_t dash = range.find('-');
+    const uint32_t first = parse_port(range.substr(0, dash), list);
+    const uint32_t last =
+        dash == std::string_view::npos ? first : parse_port(range.substr(dash + 1), list);
+    if (last < first)
+        throw tool_error(exit_usage, fmt::format("\"{}\": {} comes before {}", list, last, first));
+    for (uint32_t port = first; port <= last; port++)
+        ports.insert(port);
+}
+
+std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists)
+{
+    std::set<uint32_t> ports;
+    for (const std::string &list : lists) {
+        std::string_view rest = list;
+        size_t comma = 0;
+        do {
+            comma = rest.find(',');
+            add_range(rest.substr(0, comma), list, ports);
+            rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
+        } while (comma != std::string_view::npos);
+    }
+    return {ports.begin(), ports.end()};
+}

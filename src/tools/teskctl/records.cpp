@@ -1,0 +1,228 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* records - the public records in words and as objects.
+
+   Words are for people: blanks at the end of a module's texts are dropped, what says nothing is
+   left out, the worst level comes first. Objects are for programs: the same keys each time, in the
+   same order, bytes as they are, and null where there is no value. */
+#include "tools/teskctl/text.h"
+
+#include <cmath>
+#include <cstring>
+#include <fmt/format.h>
+#include <map>
+
+/* A text of a module, without the blanks that modules pad theirs with. */
+template <size_t width>
+static std::string module_text(const char (&field)[width])
+{
+    std::string_view text(field, strnlen(field, width));
+    text = text.substr(0, text.find_last_not_of(' ') + 1);
+    return escape(text);
+}
+
+/* The whole text, blanks included. */
+template <size_t width>
+static std::string all_bytes(const char (&field)[width])
+{
+    return escape(std::string_view(field, strnlen(field, width)));
+}
+
+/* "tx power" is "tx_power" as a key. */
+static std::string key_of(uint32_t measurement)
+{
+    std::string key = tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, measurement);
+    for (char &letter : key)
+        letter = letter == ' ' ? '_' : letter;
+    return key;
+}
+
+/* Always all of them, as the server sends them. */
+static json_object levels_to_json(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
+{
+    json_object levels;
+    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++)
+        levels[key_of(i)] = tesk_client_text(TESK_CLIENT_TEXT_LEVEL, level[i]);
+    return levels;
+}
+
+template <typename value_type>
+static json_object value_or_null(bool has, value_type value)
+{
+    return has ? json_object(value) : json_object(nullptr);
+}
+
+/* To the hundredth, as people read it. */
+static json_object dbm_or_null(bool has, uint32_t microwatts)
+{
+    const auto value = has ? to_dbm(microwatts) : std::nullopt;
+    return value_or_null(value.has_value(), std::round(100 * value.value_or(0)) / 100);
+}
+
+static json_object speed_or_null(uint32_t tenths)
+{
+    return value_or_null(tenths != 0, tenths / 10.0);
+}
+
+std::string describe(const tesk_client_sfp_info &info)
+{
+    const char *type = tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type);
+    if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
+        return type;
+    std::string text = type;
+    auto add = [&text](const char *label, const std::string &value) {
+        if (!value.empty())
+            text += fmt::format(", {} {}", label, value);
+    };
+    if (info.speed != 0)
+        text += ", " + gbps(info.speed);
+    add("vendor", module_text(info.vendor_name));
+    add("part", module_text(info.vendor_pn));
+    add("rev", module_text(info.vendor_rev));
+    add("serial", module_text(info.vendor_sn));
+    add("date", module_text(info.date_code));
+    add("product", module_text(info.morvaine_rdh));
+    add("ext", module_text(info.morvaine_rdh_ext));
+    return text;
+}
+
+std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
+{
+    /* The worst first; what a module can't have at all is left out. */
+    static constexpr uint32_t order[] = {
+        TESK_CLIENT_LEVEL_HIGH_ALARM,  TESK_CLIENT_LEVEL_LOW_ALARM, TESK_CLIENT_LEVEL_HIGH_WARNING,
+        TESK_CLIENT_LEVEL_LOW_WARNING, TESK_CLIENT_LEVEL_OK,        TESK_CLIENT_LEVEL_NOT_MEASURED,
+    };
+    std::string text;
+    for (const uint32_t wanted : order) {
+        std::string names;
+        for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++) {
+            if (level[i] == wanted) {
+                names += names.empty() ? "" : ", ";
+                names += tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i);
+            }
+        }
+        if (!names.empty())
+            text += fmt::format("{}{}: {}", text.empty() ? "" : "; ",
+                                tesk_client_text(TESK_CLIENT_TEXT_LEVEL, wanted), names);
+    }
+    return text;
+}
+
+std::string describe(const tesk_client_port_status &status)
+{
+    std::string text = tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link);
+    if (status.link == TESK_CLIENT_LINK_OPERATIONAL) /* a link that is down has no speed */
+        text += " " + gbps(status.link_speed);
+    return fmt::format("{}, module {}, environment {}; {}", text,
+                       tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, status.sfp_type),
+                       tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, status.environment),
+                       describe_levels(status.level));
+}
+
+std::string describe(const tesk_client_pm &pm)
+{
+    auto value = [](const char *label, bool has, const std::string &text) {
+        return fmt::format("{} {}", label, has ? text : "absent");
+    };
+    auto power = [](uint32_t microwatts) {
+        return fmt::format("{} ({})", dbm(microwatts), milliwatts(microwatts));
+    };
+    return fmt::format("{}, {}, {}, {}, {}", value("tx", pm.has_tx_power, power(pm.tx_power)),
+                       value("rx", pm.has_rx_power, power(pm.rx_power)),
+                       value("temperature", pm.has_temperature, celsius(pm.temperature)),
+                       value("voltage", pm.has_voltage, volts(pm.voltage)),
+                       value("bias", pm.has_tx_bias, milliamperes(pm.tx_bias)));
+}
+
+json_object to_json(const tesk_client_sfp_info &info)
+{
+    return {{"event", "sfp"},
+            {"port", info.port_no},
+            {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type)},
+            {"speed_gbps", speed_or_null(info.speed)},
+            {"vendor", all_bytes(info.vendor_name)},
+            {"part", all_bytes(info.vendor_pn)},
+            {"revision", all_bytes(info.vendor_rev)},
+            {"serial", all_bytes(info.vendor_sn)},
+            {"date_code", all_bytes(info.date_code)},
+            {"product", all_bytes(info.morvaine_rdh)},
+            {"product_ext", all_bytes(info.morvaine_rdh_ext)}};
+}
+
+json_object to_json(const tesk_client_port_status &status)
+{
+    return {{"event", "status"},
+            {"port", status.port_no},
+            {"link", tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link)},
+            {"speed_gbps", speed_or_null(status.link_speed)},
+            {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, status.sfp_type)},
+            {"levels", levels_to_json(status.level)},
+            {"environment", tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, status.environment)}};
+}
+
+json_object to_json(const tesk_client_pm &pm)
+{
+    json_object object = {
+        {"event", "pm"},
+        {"port", pm.port_no},
+        {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, pm.sfp_type)},
+        {"tx_power_mw", value_or_null(pm.has_tx_power, pm.tx_power / 1000.0)},
+        {"tx_power_dbm", dbm_or_null(pm.has_tx_power, pm.tx_power)},
+        {"rx_power_mw", value_or_null(pm.has_rx_power, pm.rx_power / 1000.0)},
+        {"rx_power_dbm", dbm_or_null(pm.has_rx_power, pm.rx_power)},
+        {"temperature_c", value_or_null(pm.has_temperature, pm.temperature / 10.0)},
+        {"voltage_v", value_or_null(pm.has_voltage, pm.voltage / 10000.0)},
+        {"tx_bias_ma", value_or_null(pm.has_tx_bias, pm.tx_bias / 100.0)},
+        {"loss_of_signal", value_or_null(pm.has_loss_of_signal, pm.loss_of_signal)},
+        {"loss_of_frame", value_or_null(pm.has_loss_of_frame, pm.loss_of_frame)}};
+    /* Not through value_or_null: braces around an array would make an array of it. */
+    object["bit_errors"] = pm.has_bit_errors ? json_object(pm.bit_errors) : json_object(nullptr);
+    return object;
+}
+
+json_object to_json(const tesk_client_history_record &record, tesk_client_history_kind kind)
+{
+    json_object object = {{"time", iso_time(record.time_us)}};
+    switch (kind) {
+    case TESK_CLIENT_HISTORY_PORT_STATUS:
+        object["event"] = "status";
+        object["port"] = record.port_no;
+        object["state"] = tesk_client_text(TESK_CLIENT_TEXT_PORT_STATE, record.port_state);
+        object["filter_level"] = record.filter_level;
+        object["levels"] = levels_to_json(record.level);
+        break;
+    case TESK_CLIENT_HISTORY_SFP_INFO:
+        object["event"] = "sfp";
+        object["port"] = record.port_no;
+        object["presence"] = tesk_client_text(TESK_CLIENT_TEXT_PRESENCE, record.presence);
+        break;
+    case TESK_CLIENT_HISTORY_ACTIONS:
+        object["event"] = "action";
+        object["port"] = record.port_no;
+        object["action"] = tesk_client_text(TESK_CLIENT_TEXT_ACTION, record.action);
+        object["client_id"] = record.client_id;
+        object["conn_ref"] = record.conn_ref;
+        break;
+    }
+    return object;
+}
+
+std::string request_name(tesk_client_request_type type)
+{
+    switch (type) {
+    case TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO:
+        return "subscribe sfp";
+    case TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO:
+        return "unsubscribe sfp";
+    case TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS:
+        return "subscribe status";
+    case TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS:
+        return "unsubscribe status";
+    case TESK_CLIENT_REQUEST_PM:
+        return "pm";
+    case TESK_CLIENT_REQUEST_CAPABILITIES:
+        return "capabilities";
+    default:
+        return "history";
+    }
+}

@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* report - writes what is heard, one line each and at once: words with the time before them, or
+   objects with --json. */
+#pragma once
+
+#include "tools/teskctl/text.h"
+#include "tools/teskctl/tool.h"
+
+class reporter
+{
+  public:
+    explicit reporter(const settings &settings) : settings_(settings)
+    {
+    }
+    void heard(const tesk_client_sfp_info &info) const;
+    void heard(const tesk_client_port_status &status) const;
+    void heard(const tesk_client_pm &pm) const;
+    void heard(const tesk_client_event &event) const;
+
+    /* A request that failed, and a command that did as a whole: words on standard error, and with
+       --json an object before them. */
+    void failed(const tesk_client_answer &answer) const;
+    void failed(exit_code code, const std::string &text) const;
+
+    /* A line as it is, and an object with the time as its first key. */
+    void line(const std::string &text) const;
+    void object(const json_object &object) const;
+
+  private:
+    void port_line(uint32_t port_no, const char *what, const std::string &text) const;
+
+    const settings &settings_;
+};

@@ -1,0 +1,69 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The page is drawn over the one before, line by line; clearing it as a whole would flicker. A line
+   is cleared before it is written: behind one that fills the window, clearing would take its last
+   character. A frame is put together first and goes out at once.
+
+   No handler puts the terminal back: the signals that end or stop the program are taken from a
+   descriptor by the loop, which leaves the scope of the screen or calls suspend. */
+#include "tools/teskctl/screen.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
+
+/* The other page of the terminal, without a cursor, and back. */
+static constexpr char enter_sequence[] = "\x1b[?1049h\x1b[?25l\x1b[2J";
+static constexpr char leave_sequence[] = "\x1b[?25h\x1b[?1049l";
+static constexpr char clear_line[] = "\x1b[K";
+static constexpr char clear_below[] = "\x1b[J";
+
+static void write_out(const std::string &text)
+{
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+screen::screen() : has_keys_(tcgetattr(STDIN_FILENO, &saved_) == 0)
+{
+    enter();
+}
+
+screen::~screen()
+{
+    leave();
+}
+
+void screen::enter()
+{
+    if (has_keys_) {
+        termios raw = saved_; /* signals stay on: Ctrl-C and Ctrl-Z work as anywhere */
+        raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &raw);
+    }
+    write_out(enter_sequence);
+}
+
+void screen::leave()
+{
+    write_out(leave_sequence);
+    if (has_keys_)
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
+}
+
+void screen::suspend()
+{
+    leave();
+    raise(SIGSTOP); /* SIGTSTP is blocked: the loop takes it from its descriptor */
+    enter();
+}
+
+void screen::draw(const std::vector<std::string> &lines, size_t height) const
+{
+    std::string frame = "\x1b[H";
+    for (size_t i = 0; i < std::min(lines.size(), height); i++)
+        frame += (i == 0 ? "" : "\r\n") + (clear_line + lines[i]);
+    if (lines.size() < height)
+        frame += std::string("\r\n") + clear_below;
+    write_out(frame);
+}

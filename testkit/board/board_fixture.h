@@ -1,0 +1,82 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A board in the test's own process, at a socket of its own. */
+#pragma once
+
+#include "platform/dolm_ric/dolm_ric.h"
+#include "platform/dolm_ric/dolm_ric_board.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+constexpr uint32_t id_of(uint32_t port)
+{
+    return 0x00020000 | port;
+}
+
+class board_fixture : public testing::Test
+{
+  protected:
+    board_fixture()
+    {
+        std::string pattern = testing::TempDir() + "board.XXXXXX";
+        folder = mkdtemp(pattern.data());
+        socket_path = folder + "/made/board.sock";
+        setenv(DOLM_RIC_BOARD_SOCKET_ENV, socket_path.c_str(), 1);
+        unsetenv(DOLM_RIC_BOARD_FILE_ENV);
+    }
+
+    ~board_fixture() override
+    {
+        if (handle != 0)
+            dolm_ric_shutdown(handle, 0);
+        std::filesystem::remove_all(folder);
+    }
+
+    std::string write_file(const std::string &name, const std::string &text)
+    {
+        std::ofstream(folder + "/" + name) << text;
+        return folder + "/" + name;
+    }
+
+    int32_t start(const std::string &board_file = {})
+    {
+        if (!board_file.empty())
+            setenv(DOLM_RIC_BOARD_FILE_ENV, write_file("board", board_file).c_str(), 1);
+        return dolm_ric_init(&handle, 0);
+    }
+
+    /* A socket that is connected, or bound, where the board listens; -1 if it can't be. */
+    int peer_of_board(decltype(connect) *act = connect) const
+    {
+        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+        socket_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        const int peer = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        return act(peer, reinterpret_cast<sockaddr *>(&address), sizeof(address)) ? -1 : peer;
+    }
+
+    static std::string receive(int peer)
+    {
+        char answer[DOLM_RIC_BOARD_PACKET_MAX];
+        const ssize_t length = recv(peer, answer, sizeof(answer), 0);
+        return std::string(answer, length > 0 ? static_cast<size_t>(length) : 0);
+    }
+
+    std::string ask(const std::string &request) const
+    {
+        const int peer = peer_of_board();
+        send(peer, request.data(), request.size(), MSG_NOSIGNAL);
+        const std::string answer = receive(peer);
+        close(peer);
+        return answer;
+    }
+
+    std::string folder;
+    std::string socket_path;
+    uintptr_t handle = 0;
+};
