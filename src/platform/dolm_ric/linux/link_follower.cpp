@@ -8,15 +8,15 @@
    queued after it may be older than the reading; the counters tell that, too. */
 #include "platform/dolm_ric/linux/link_follower.h"
 
-#include "platform/dolm_ric/dolm_ric.h"
-
-#include <linux/ethtool_netlink.h>
-#include <linux/rtnetlink.h>
-#include <poll.h>
+#include "platform/dolm_ric/linux/interfaces.h"
+#include "platform/dolm_ric/linux/module_speed.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <linux/ethtool_netlink.h>
+#include <linux/rtnetlink.h>
 #include <optional>
+#include <poll.h>
 #include <system_error>
 #include <utility>
 
@@ -29,45 +29,7 @@ static constexpr std::chrono::seconds kernel_patience{5};
 /* Notices taken in one go, before the questions of others get their turn. */
 static constexpr int datagrams_at_once = 256;
 
-/* A dump that changed while it was made is made again, so many times. */
-static constexpr int dump_tries = 10;
-
-static std::system_error failure(int error, const char *what)
-{
-    return {error, std::generic_category(), what};
-}
-
-std::vector<link_report> list_interfaces(netlink::connection &route)
-{
-    std::vector<link_report> found;
-    int error = EINTR;
-    for (int tries = 0; tries < dump_tries && error == EINTR; tries++) {
-        found.clear();
-        netlink::request question = link_question(0);
-        error = route.ask(question, kernel_patience, [&](const netlink::message &part) {
-            if (auto report = parse_link(part))
-                found.push_back(std::move(*report));
-        });
-    }
-    if (error != 0 && error != EINTR)
-        throw failure(error, "list of the network interfaces");
-    return found;
-}
-
-int ask_interface(netlink::connection &route, int32_t index, link_report &out)
-{
-    netlink::request question = link_question(index);
-    bool found = false;
-    const int error = route.ask(question, kernel_patience, [&](const netlink::message &part) {
-        if (auto report = parse_link(part); report && report->index == index) {
-            out = std::move(*report);
-            found = true;
-        }
-    });
-    return error == 0 && !found ? ENODEV : error;
-}
-
-/* In Mb/s; 0 if it isn't known. */
+/* As a code of the link status. */
 static uint32_t ask_speed(netlink::connection &ethtool, uint16_t family, int32_t index)
 {
     if (family == 0)
@@ -77,13 +39,13 @@ static uint32_t ask_speed(netlink::connection &ethtool, uint16_t family, int32_t
     question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
     question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
     question.end_nest(header);
-    uint32_t speed = 0;
+    uint32_t speed = UINT32_MAX;
     ethtool.ask(question, kernel_patience, [&](const netlink::message &answer) {
         const netlink::byte_view value =
             netlink::find_attribute(netlink::generic_attributes(answer), ETHTOOL_A_LINKMODES_SPEED);
-        speed = netlink::read_record<uint32_t>(value).value_or(0);
+        speed = netlink::read_record<uint32_t>(value).value_or(UINT32_MAX);
     });
-    return speed == UINT32_MAX ? 0 : speed;
+    return link_speed_code(tenth_gbps_of(speed));
 }
 
 link_follower::link_follower(follower_listener &listener, int receive_buffer)

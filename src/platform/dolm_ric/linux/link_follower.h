@@ -26,12 +26,6 @@ struct follower_listener : link_listener {
     virtual void stranger_seen(const link_report &report) = 0;
 };
 
-/* All interfaces of this network namespace, in no order. Throws a std::system_error. */
-std::vector<link_report> list_interfaces(netlink::connection &route);
-
-/* One interface by its index: 0, or an errno, ENODEV if there is none. */
-int ask_interface(netlink::connection &route, int32_t index, link_report &out);
-
 class link_follower
 {
   public:

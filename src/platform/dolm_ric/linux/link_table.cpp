@@ -9,22 +9,6 @@
 namespace linux_board
 {
 
-static constexpr uint32_t wide_speed_codes = 0x54530000; /* with the speed in the lower half */
-
-uint32_t speed_code(uint32_t megabits)
-{
-    switch (megabits) {
-    case 2500:
-        return 0x0002;
-    case 10000:
-        return 0x1000;
-    default:
-        break;
-    }
-    const uint32_t tenths = megabits / 100 + (megabits % 100 >= 50 ? 1 : 0);
-    return tenths == 0 || tenths > UINT16_MAX ? 0 : wide_speed_codes | tenths;
-}
-
 /* A fall is always announced from an operational link: one that was announced as down must have
    risen before it could fall. */
 std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t after)
@@ -135,13 +119,13 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
     announce(link, link_transitions(link.announced.state, falls, state_of(report)), now);
 }
 
-void link_table::take_speed(int32_t index, uint32_t megabits, time_point now)
+void link_table::take_speed(int32_t index, uint32_t speed, time_point now)
 {
     const auto known = ports_.find(index);
     if (known == ports_.end())
         return;
     port_link &link = links_.at(known->second);
-    link.speed = speed_code(megabits);
+    link.speed = speed;
     if (link.announced.state == DOLM_RICRILINKSTATE_OPERATIONAL &&
         link.announced.speed != link.speed)
         announce(link, {link.announced.state}, now);

@@ -28,17 +28,13 @@ namespace linux_board
 /* As dolm_ric_link_status has them. */
 struct link_values {
     uint32_t state;
-    uint32_t speed; /* 0 while the link isn't operational */
+    uint32_t speed; /* a code; 0 while the link isn't operational */
 
     bool operator==(const link_values &) const = default;
 };
 
 /* The server's filter is full after so many falls. */
 constexpr uint32_t max_falls = 5;
-
-/* The code of a speed in Mb/s: a described one where there is one, else 0x54530000 with the speed
-   in 0.1 Gb/s in its lower half; 0 for an unknown speed. */
-uint32_t speed_code(uint32_t megabits);
 
 /* The states to announce for a link that was announced as `before`, fell so often and is now as
    `after`. Each state differs from the one before it; the last is `after`. */
@@ -73,8 +69,8 @@ class link_table
 
     /* Returns false for an interface that is no port's. */
     bool take(const link_report &report, origin from, time_point now);
-    /* The speed of an interface, in Mb/s. */
-    void take_speed(int32_t index, uint32_t megabits, time_point now);
+    /* The speed of an interface, as a code. */
+    void take_speed(int32_t index, uint32_t speed, time_point now);
     /* The interface is gone. */
     void forget(int32_t index, time_point now);
 

@@ -1,12 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "platform/dolm_ric/linux/module_files.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <span>
+#include <unistd.h>
 #include <utility>
 
 namespace linux_board

@@ -6,11 +6,10 @@
 
 #include "platform/dolm_ric/linux/module_access.h"
 
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <map>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace linux_board

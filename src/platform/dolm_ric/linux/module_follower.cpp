@@ -3,9 +3,8 @@
    without them are found by polling alone, so such an announcement only says: look now. */
 #include "platform/dolm_ric/linux/module_follower.h"
 
-#include <poll.h>
-
 #include <algorithm>
+#include <poll.h>
 #include <string_view>
 #include <system_error>
 #include <utility>

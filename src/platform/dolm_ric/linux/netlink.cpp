@@ -4,14 +4,13 @@
    type. */
 #include "platform/dolm_ric/linux/netlink.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <linux/genetlink.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <system_error>
+#include <unistd.h>
 
 namespace netlink
 {

@@ -4,13 +4,12 @@
    A socket belongs to one thread. */
 #pragma once
 
-#include <linux/netlink.h>
-
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <linux/netlink.h>
 #include <optional>
 #include <span>
 #include <string_view>

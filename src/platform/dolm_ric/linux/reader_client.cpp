@@ -3,17 +3,16 @@
    answer wasn't awaited is closed. */
 #include "platform/dolm_ric/linux/reader_client.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <poll.h>
 #include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <utility>
 
 namespace linux_board

@@ -1,13 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "platform/dolm_ric/linux/worker.h"
 
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <csignal>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 namespace linux_board
