@@ -3,7 +3,7 @@
    whole, so nothing here puts pieces together or looks for ends. */
 #include "tools/teskboard/board_client.h"
 
-#include "platform/dolm_ric/dolm_ric_board.h"
+#include "platform/dolm_ric/simulator/control_protocol.h"
 #include "tools/common/socket_group.h"
 
 #include <cerrno>
