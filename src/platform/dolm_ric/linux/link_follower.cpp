@@ -29,23 +29,9 @@ static constexpr std::chrono::seconds kernel_patience{5};
 /* Notices taken in one go, before the questions of others get their turn. */
 static constexpr int datagrams_at_once = 256;
 
-/* As a code of the link status. */
-static uint32_t ask_speed(netlink::connection &ethtool, uint16_t family, int32_t index)
+static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16_t number)
 {
-    if (family == 0)
-        return 0;
-    netlink::request question = netlink::generic_request(family, ETHTOOL_MSG_LINKMODES_GET);
-    const size_t header = question.begin_nest(ETHTOOL_A_LINKMODES_HEADER);
-    question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
-    question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
-    question.end_nest(header);
-    uint32_t speed = UINT32_MAX;
-    ethtool.ask(question, kernel_patience, [&](const netlink::message &answer) {
-        const netlink::byte_view value =
-            netlink::find_attribute(netlink::generic_attributes(answer), ETHTOOL_A_LINKMODES_SPEED);
-        speed = netlink::read_record<uint32_t>(value).value_or(UINT32_MAX);
-    });
-    return link_speed_code(tenth_gbps_of(speed));
+    return netlink::read_record<uint32_t>(netlink::find_attribute(attributes, number));
 }
 
 link_follower::link_follower(follower_listener &listener, int receive_buffer)
@@ -56,6 +42,11 @@ link_follower::link_follower(follower_listener &listener, int receive_buffer)
 }
 
 link_follower::~link_follower()
+{
+    stop();
+}
+
+void link_follower::stop()
 {
     thread_.stop();
 }
@@ -71,6 +62,7 @@ void link_follower::start()
     notices_.join(RTNLGRP_LINK);
     read_all();
     ask_speeds();
+    listener_.reports_taken();
     thread_.start("dolm-ric-links", [this] { run(); });
 }
 
@@ -86,6 +78,7 @@ void link_follower::run()
             answer_refreshes();
             ask_speeds();
             table_.announce_settled(std::chrono::steady_clock::now());
+            listener_.reports_taken();
         } catch (const std::exception &) {
             is_behind_ = true; /* no memory, or no answer: read all again */
         }
@@ -133,9 +126,8 @@ void link_follower::take(const netlink::message &message)
 /* The speed is known only once the link is up, and after each rise it may be another. */
 void link_follower::take_report(const link_report &report, link_table::origin from)
 {
-    if (!table_.take(report, from, std::chrono::steady_clock::now()))
-        listener_.stranger_seen(report);
-    else if (report.operational)
+    table_.take(report, from, std::chrono::steady_clock::now());
+    if (report.operational)
         speeds_wanted_.insert(report.index);
 }
 
@@ -159,13 +151,31 @@ void link_follower::ask_about(int32_t index)
         table_.forget(index, std::chrono::steady_clock::now());
 }
 
+void link_follower::ask_speed(int32_t index)
+{
+    netlink::request question =
+        netlink::generic_request(ethtool_family_, ETHTOOL_MSG_LINKMODES_GET);
+    const size_t header = question.begin_nest(ETHTOOL_A_LINKMODES_HEADER);
+    question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
+    question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
+    question.end_nest(header);
+    uint32_t speed = UINT32_MAX;
+    uint32_t lanes = 0;
+    ethtool_.ask(question, kernel_patience, [&](const netlink::message &answer) {
+        const netlink::byte_view values = netlink::generic_attributes(answer);
+        speed = read_number(values, ETHTOOL_A_LINKMODES_SPEED).value_or(speed);
+        lanes = read_number(values, ETHTOOL_A_LINKMODES_LANES).value_or(lanes);
+    });
+    table_.take_speed(index, link_speed_code(tenth_gbps_of(speed)), lanes,
+                      std::chrono::steady_clock::now());
+}
+
 void link_follower::ask_speeds()
 {
     const std::set<int32_t> wanted = std::exchange(speeds_wanted_, {});
     for (const int32_t index : wanted)
-        if (table_.port_of(index))
-            table_.take_speed(index, ask_speed(ethtool_, ethtool_family_, index),
-                              std::chrono::steady_clock::now());
+        if (ethtool_family_ != 0 && table_.port_of(index))
+            ask_speed(index);
 }
 
 /* The caller waits for its own port only if nobody's question is stuck in the kernel; a board of

@@ -22,8 +22,8 @@ namespace linux_board
 
 /* Called on the follower's thread, and by start() on its caller's. */
 struct follower_listener : link_listener {
-    /* An interface that is no port's was reported. */
-    virtual void stranger_seen(const link_report &report) = 0;
+    /* A run of reports was taken. */
+    virtual void reports_taken() = 0;
 };
 
 class link_follower
@@ -35,14 +35,16 @@ class link_follower
     /* Throws a std::system_error. */
     explicit link_follower(follower_listener &listener,
                            int receive_buffer = default_receive_buffer);
-    /* Ends the thread. */
     ~link_follower();
 
-    /* Before start(), or in a call of the listener. */
+    /* Before start(). */
     void add(uint32_t port, link_table::port_filter fits);
 
     /* Reads the state of all interfaces, then starts the thread. Throws a std::system_error. */
     void start();
+
+    /* Ends the thread. */
+    void stop();
 
     /* Asks the kernel afresh about a port's link, and waits for the answer, which has then been
        given to the listener; at most read_patience. While an earlier question is stuck it doesn't
@@ -63,6 +65,7 @@ class link_follower
     void read_all();
     void ask_about(int32_t index);
     void answer_refreshes();
+    void ask_speed(int32_t index);
     void ask_speeds();
     int poll_timeout() const;
 

@@ -61,7 +61,7 @@ void link_table::add(uint32_t port, port_filter fits)
                     .parent = {},
                     .port_name = {},
                     .last = {},
-                    .announced = {DOLM_RICRILINKSTATE_NOOPERATION, 0},
+                    .announced = {DOLM_RICRILINKSTATE_NOOPERATION, 0, 0},
                     .settles_at = {}};
 }
 
@@ -86,26 +86,25 @@ link_table::port_link *link_table::bind(const link_report &report)
 }
 
 /* An answer whose counters went back is of another interface that got the same index. */
-bool link_table::take(const link_report &report, origin from, time_point now)
+void link_table::take(const link_report &report, origin from, time_point now)
 {
     reported_.insert(report.index);
     if (report.deleted) {
         forget(report.index, now);
-        return true;
+        return;
     }
     port_link *link = bind(report);
     if (link == nullptr)
-        return false;
+        return;
     const bool known = link->last.index == report.index;
     const bool older = known && (growth(link->last.rises, report.rises) < 0 ||
                                  growth(link->last.falls, report.falls) < 0);
     if (older && from == origin::notice)
-        return true;
+        return;
     if (older)
         announce(*link, link_transitions(link->announced.state, 0, DOLM_RICRILINKSTATE_NOOPERATION),
                  now);
     update(*link, report, known && !older, now);
-    return true;
 }
 
 void link_table::update(port_link &link, const link_report &report, bool is_same, time_point now)
@@ -115,19 +114,19 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
     link.last = report;
     link.was_bound = true;
     if (named_anew)
-        listener_.interface_changed(link.number, report.index, report.name);
+        listener_.interface_changed(link.number, &link.last);
     announce(link, link_transitions(link.announced.state, falls, state_of(report)), now);
 }
 
-void link_table::take_speed(int32_t index, uint32_t speed, time_point now)
+void link_table::take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_point now)
 {
     const auto known = ports_.find(index);
     if (known == ports_.end())
         return;
     port_link &link = links_.at(known->second);
     link.speed = speed;
-    if (link.announced.state == DOLM_RICRILINKSTATE_OPERATIONAL &&
-        link.announced.speed != link.speed)
+    link.lanes = lanes != 0 ? lanes : link.lanes;
+    if (values_of(link, link.announced.state) != link.announced)
         announce(link, {link.announced.state}, now);
 }
 
@@ -141,7 +140,7 @@ void link_table::forget(int32_t index, time_point now)
     link.index = 0;
     link.last = {};
     announce(link, link_transitions(link.announced.state, 0, DOLM_RICRILINKSTATE_NOOPERATION), now);
-    listener_.interface_changed(link.number, 0, {});
+    listener_.interface_changed(link.number, nullptr);
 }
 
 void link_table::begin_dump()
@@ -160,20 +159,27 @@ void link_table::end_dump(time_point now)
     reported_.clear();
 }
 
-/* Events that follow each other closely may be handled in one go, and so in another order. */
+link_values link_table::values_of(const port_link &link, uint32_t state)
+{
+    return {state, state == DOLM_RICRILINKSTATE_OPERATIONAL ? link.speed : 0, link.lanes};
+}
+
+/* Events that follow each other closely may be handled in one go, and so in another order. An event
+   for which there is no memory is made up for when the link has settled. */
 void link_table::announce(port_link &link, const std::vector<uint32_t> &states, time_point now)
 {
     if (states.empty())
         return;
-    const bool close = link.settles_at.has_value() || now - link.announced_at < settle_time;
+    const bool is_burst =
+        link.settles_at.has_value() || states.size() > 1 || now - link.announced_at < settle_time;
+    link.settles_at = now + settle_time;
+    link.announced_at = now;
     for (const uint32_t state : states) {
-        const bool up = state == DOLM_RICRILINKSTATE_OPERATIONAL;
-        link.announced = {state, up ? link.speed : 0};
+        link.announced = values_of(link, state);
         listener_.link_changed(link.number, link.announced);
     }
-    if (close || states.size() > 1)
-        link.settles_at = now + settle_time;
-    link.announced_at = now;
+    if (!is_burst)
+        link.settles_at.reset();
 }
 
 std::optional<link_table::time_point> link_table::next_settling() const
@@ -190,8 +196,8 @@ void link_table::announce_settled(time_point now)
     for (auto &[port, link] : links_) {
         if (!link.settles_at || *link.settles_at > now)
             continue;
-        link.settles_at.reset();
         listener_.link_changed(port, link.announced);
+        link.settles_at.reset();
     }
 }
 

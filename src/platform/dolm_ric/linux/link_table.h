@@ -29,6 +29,7 @@ namespace linux_board
 struct link_values {
     uint32_t state;
     uint32_t speed; /* a code; 0 while the link isn't operational */
+    uint32_t lanes; /* between port and module; 0 until they are known */
 
     bool operator==(const link_values &) const = default;
 };
@@ -44,8 +45,8 @@ std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t
 struct link_listener {
     virtual ~link_listener() = default;
     virtual void link_changed(uint32_t port, const link_values &now) = 0;
-    /* A port got an interface, that interface got another name, or the port lost it (index 0). */
-    virtual void interface_changed(uint32_t port, int32_t index, const std::string &name) = 0;
+    /* A port got an interface, that interface got another name, or the port lost it (nullptr). */
+    virtual void interface_changed(uint32_t port, const link_report *now) = 0;
 };
 
 class link_table
@@ -67,10 +68,9 @@ class link_table
     /* A port without an interface; its link is down. */
     void add(uint32_t port, port_filter fits);
 
-    /* Returns false for an interface that is no port's. */
-    bool take(const link_report &report, origin from, time_point now);
-    /* The speed of an interface, as a code. */
-    void take_speed(int32_t index, uint32_t speed, time_point now);
+    void take(const link_report &report, origin from, time_point now);
+    /* The speed of an interface, as a code, and its lanes (0 if they aren't known). */
+    void take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_point now);
     /* The interface is gone. */
     void forget(int32_t index, time_point now);
 
@@ -95,12 +95,14 @@ class link_table
         bool was_bound = false;
         std::string parent, port_name; /* of the first interface */
         link_report last;
-        uint32_t speed = 0; /* the code, of the last time that it was asked for */
+        uint32_t speed = 0; /* as it was taken last */
+        uint32_t lanes = 0;
         link_values announced;
         time_point announced_at = {};
         std::optional<time_point> settles_at;
     };
 
+    static link_values values_of(const port_link &link, uint32_t state);
     port_link *bind(const link_report &report);
     void update(port_link &link, const link_report &report, bool is_same, time_point now);
     void announce(port_link &link, const std::vector<uint32_t> &states, time_point now);

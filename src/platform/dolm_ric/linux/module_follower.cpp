@@ -29,6 +29,11 @@ module_follower::module_follower(module_listener &listener, std::string reader)
 /* The thread ends before anything that it uses. */
 module_follower::~module_follower()
 {
+    stop();
+}
+
+void module_follower::stop()
+{
     thread_.stop();
 }
 
@@ -72,11 +77,12 @@ void module_follower::start(std::chrono::milliseconds patience)
     looked_.wait_for(guard, patience, [this] { return has_looked_; });
 }
 
-std::optional<int32_t> module_follower::interface_at_reader(uint32_t port)
+int32_t module_follower::interface_at_reader(uint32_t port, int &error)
 {
     piece first = {.port = port, .range = {identity_address, 0, 0, 0, 1}};
     reader_.read({&first, 1});
-    return first.interface == 0 ? std::nullopt : std::optional(first.interface);
+    error = first.error;
+    return first.interface;
 }
 
 /* Pieces of files are read one by one; runs of others go to the reader together. */

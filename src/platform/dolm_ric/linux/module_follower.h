@@ -27,7 +27,6 @@ class module_follower final : module_access
     /* `reader` as reader_client takes it. The listener is called on the follower's thread. Throws a
        std::system_error. */
     module_follower(module_listener &listener, std::string reader);
-    /* Ends the thread, also out of a reading that takes long. */
     ~module_follower() override;
 
     /* A port whose module is to be polled; one with a `file` has its module there. */
@@ -40,9 +39,12 @@ class module_follower final : module_access
        std::system_error. */
     void start(std::chrono::milliseconds patience);
 
-    /* Asks the reader for a port that needn't be polled, before start(): the index of the interface
-       that it stands for, or nothing if there is no such port or no reader. */
-    std::optional<int32_t> interface_at_reader(uint32_t port);
+    /* Ends the thread, also out of a reading that takes long. */
+    void stop();
+
+    /* Before start(): the index of the interface that the reader has under this number, or 0.
+       `error` becomes that of the reading, ENOENT behind the last number. */
+    int32_t interface_at_reader(uint32_t port, int &error);
 
   private:
     using order = std::function<void()>;

@@ -22,7 +22,6 @@ using namespace std::chrono_literals;
 
 static constexpr auto look_interval = 1s;
 static constexpr auto diagnostics_interval = 4s; /* the values are at most 5 s old */
-static constexpr auto wanted_age = 1s;
 static constexpr auto after_link_change = 500ms;
 static constexpr auto settle_time = 300ms; /* modules need it before they answer reliably */
 static constexpr auto confirm_time = 100ms;

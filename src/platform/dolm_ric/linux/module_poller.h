@@ -48,6 +48,9 @@ class module_poller
     using duration = std::chrono::steady_clock::duration;
     using clock = std::function<time_point()>;
 
+    /* Values that are older are read anew when somebody wants them. */
+    static constexpr std::chrono::seconds wanted_age{1};
+
     module_poller(module_access &access, module_listener &listener, clock now);
     ~module_poller();
 
