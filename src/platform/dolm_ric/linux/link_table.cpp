@@ -115,6 +115,8 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
     link.was_bound = true;
     if (named_anew)
         listener_.interface_changed(link.number, &link.last);
+    if (falls > 0)
+        listener_.link_fell(link.number, falls);
     announce(link, link_transitions(link.announced.state, falls, state_of(report)), now);
 }
 

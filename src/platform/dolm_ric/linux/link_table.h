@@ -45,6 +45,11 @@ std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t
 struct link_listener {
     virtual ~link_listener() = default;
     virtual void link_changed(uint32_t port, const link_values &now) = 0;
+    /* The link fell so often since the report before, by the kernel's counters; before the events.
+     */
+    virtual void link_fell(uint32_t /*port*/, uint32_t /*falls*/)
+    {
+    }
     /* A port got an interface, that interface got another name, or the port lost it (nullptr). */
     virtual void interface_changed(uint32_t port, const link_report *now) = 0;
 };

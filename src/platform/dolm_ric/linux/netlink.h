@@ -73,7 +73,7 @@ class request
     template <typename record>
     request(uint16_t type, uint16_t flags, const record &header) : request(type, flags)
     {
-        append(view_of(header));
+        put_header(header);
     }
 
     template <typename number_type>
@@ -81,6 +81,12 @@ class request
     {
         static_assert(std::is_integral_v<number_type>);
         put_bytes(number, view_of(value));
+    }
+    /* A fixed header at the beginning of a nest. */
+    template <typename record>
+    void put_header(const record &header)
+    {
+        append(view_of(header));
     }
     /* With a NUL behind it. */
     void put_text(uint16_t number, std::string_view text);
