@@ -23,7 +23,8 @@ using namespace std::chrono_literals;
 static constexpr auto look_interval = 1s;
 static constexpr auto diagnostics_interval = 4s; /* the values are at most 5 s old */
 static constexpr auto after_link_change = 500ms;
-static constexpr auto settle_time = 300ms; /* modules need it before they answer reliably */
+static constexpr auto insertion_time = 300ms; /* modules need it before they answer reliably */
+static constexpr auto settle_time = 200ms;    /* as for links */
 static constexpr auto confirm_time = 100ms;
 static constexpr auto unlikely_interval = 60s; /* for a port without a cage, or that only fails */
 static constexpr auto reader_interval = 1s;
@@ -55,6 +56,7 @@ struct module_poller::polled {
     time_point diagnostics_due = {};
     time_point diagnostics_at = {};
     time_point answered_at = {};
+    time_point reported_at = {};
     std::optional<time_point> queued_at = {};
 };
 
@@ -199,7 +201,8 @@ module_poller::time_point module_poller::next_due() const
         due = prompt_queue_.begin()->first;
     if (!apart_queue_.empty())
         due = std::min(due, std::max(apart_queue_.begin()->first, apart_from_));
-    return due == time_point::max() ? due : std::max(due, access_from_);
+    due = std::max(due, access_from_);
+    return settling_.empty() ? due : std::min(due, settling_.begin()->first);
 }
 
 bool module_poller::is_first_look_over() const
@@ -266,6 +269,7 @@ std::vector<module_poller::task> module_poller::choose_tasks(time_point now)
 void module_poller::step()
 {
     const time_point begin = now_();
+    announce_settled(begin);
     if (begin < access_from_)
         return;
     std::vector<task> tasks = choose_tasks(begin);
@@ -344,7 +348,7 @@ void module_poller::take_look(polled &port, const task &done)
     note_access(0);
     if (port.where == stage::empty) {
         set_presence(port, module_presence::not_ready);
-        begin_identity(port, port.was_looked_at ? duration(settle_time) : duration(0));
+        begin_identity(port, port.was_looked_at ? duration(insertion_time) : duration(0));
         return;
     }
     if (port.where != stage::in_use)
@@ -518,8 +522,21 @@ void module_poller::set_presence(polled &port, module_presence now)
 {
     if (port.reported == now)
         return;
+    const time_point time = now_();
+    if (time - port.reported_at < settle_time)
+        settling_.insert({time + settle_time, port.number});
     port.reported = now;
+    port.reported_at = time;
     listener_.module_presence_changed(port.number, now);
+}
+
+void module_poller::announce_settled(time_point now)
+{
+    while (!settling_.empty() && settling_.begin()->first <= now) {
+        const uint32_t port = settling_.begin()->second;
+        listener_.module_presence_changed(port, ports_.at(port).reported);
+        settling_.erase(settling_.begin());
+    }
 }
 
 void module_poller::note_access(int error)

@@ -34,7 +34,9 @@ struct module_listener {
     /* `contents` is what the module holds now, read at that time. */
     virtual void module_read(uint32_t port, const module_contents &contents,
                              std::chrono::steady_clock::time_point read_at) = 0;
-    /* Reported on each change, after the contents of a module that is ready. */
+    /* Reported on each change, after the contents of a module that is ready. When one change
+       followed another closely the last is reported once more after a while, for a caller that
+       handles queued events in another order. */
     virtual void module_presence_changed(uint32_t port, module_presence now) = 0;
     /* Readings have begun to fail for want of a reader or of the right to read, or work again (0).
        Called once per change. */
@@ -99,6 +101,7 @@ class module_poller
     void lose_access(int error);
     void remove_module(polled &port);
     void set_presence(polled &port, module_presence now);
+    void announce_settled(time_point now);
     void note_access(int error);
 
     module_access &access_;
@@ -107,6 +110,7 @@ class module_poller
     std::map<uint32_t, polled> ports_;
     queue prompt_queue_;          /* ports that answer in time */
     queue apart_queue_;           /* ports that were never read, are slow, or fail */
+    queue settling_;     /* presences that are reported once more at that time */
     time_point apart_from_ = {};  /* no port that is set apart is read before */
     time_point access_from_ = {}; /* nothing is read before, as there was no reader */
     int access_error_ = 0;
