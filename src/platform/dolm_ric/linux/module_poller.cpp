@@ -295,32 +295,34 @@ void module_poller::take_results(std::vector<task> &tasks, duration cost)
     const bool slow = cost > slow_piece * static_cast<int64_t>(std::max<size_t>(count, 1));
     for (task &done : tasks) {
         polled &port = *done.port;
-        const uint32_t failures = port.failures;
-        const bool was_apart = port.is_apart;
-        switch (done.kind) {
-        case task_kind::look:
-            take_look(port, done);
-            break;
-        case task_kind::identity:
-            take_identity(port, done);
-            break;
-        case task_kind::diagnostics:
-            take_diagnostics(port, done);
-            break;
-        }
-        const bool has_failed = port.failures > failures;
-        port.is_apart = slow || port.failures >= failures_when_broken;
+        const bool was_known = port.was_looked_at;
+        take_result(done);
+        const bool fails = port.failures >= failures_when_broken ||
+                           (port.failures > 0 && port.where == stage::empty);
+        port.is_apart = slow || fails;
         if (port.is_apart && tasks.size() == 1)
-            set_apart(port, was_apart && failures > 0, has_failed, cost);
+            pause_apart(port, was_known, cost);
         schedule(port);
     }
 }
 
-/* After a slow reading the ports that are set apart wait in proportion to what it cost: longest for
-   a port that is known to fail, as nothing is lost by that. */
-void module_poller::set_apart(polled &port, bool has_failed_before, bool has_failed, duration cost)
+void module_poller::take_result(const task &done)
 {
-    const int share = !has_failed ? 3 : has_failed_before ? 9 : 1;
+    switch (done.kind) {
+    case task_kind::look:
+        return take_look(*done.port, done);
+    case task_kind::identity:
+        return take_identity(*done.port, done);
+    case task_kind::diagnostics:
+        return take_diagnostics(*done.port, done);
+    }
+}
+
+/* The ports that are set apart wait in proportion to what a reading cost: briefly until each has
+   been looked at once, longest for one that is known to have nothing. */
+void module_poller::pause_apart(polled &port, bool was_known, duration cost)
+{
+    const int share = !was_known ? 1 : port.where == stage::in_use ? 3 : 9;
     apart_from_ = now_() + cost * share;
     if (port.failures >= failures_when_broken)
         port.look_due = std::max(port.look_due, now_() + unlikely_interval);

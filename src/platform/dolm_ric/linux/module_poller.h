@@ -87,7 +87,8 @@ class module_poller
     task make_task(polled &port) const;
     std::vector<task> choose_tasks(time_point now);
     void take_results(std::vector<task> &tasks, duration cost);
-    void set_apart(polled &port, bool was_apart, bool has_failed, duration cost);
+    void take_result(const task &done);
+    void pause_apart(polled &port, bool was_known, duration cost);
 
     void take_look(polled &port, const task &done);
     void take_identity(polled &port, const task &done);
@@ -110,7 +111,7 @@ class module_poller
     std::map<uint32_t, polled> ports_;
     queue prompt_queue_;          /* ports that answer in time */
     queue apart_queue_;           /* ports that were never read, are slow, or fail */
-    queue settling_;     /* presences that are reported once more at that time */
+    queue settling_;              /* presences that are reported once more at that time */
     time_point apart_from_ = {};  /* no port that is set apart is read before */
     time_point access_from_ = {}; /* nothing is read before, as there was no reader */
     int access_error_ = 0;

@@ -1,0 +1,327 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The poller of the Linux board's modules, on modules and a clock of the test's own. */
+#include "module_images.h"
+#include "platform/dolm_ric/linux/module_poller.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace
+{
+
+using linux_board::module_contents;
+using linux_board::module_poller;
+using linux_board::module_presence;
+using linux_board::piece;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using time_point = module_poller::time_point;
+
+constexpr int32_t index_of_port_0 = 100;
+
+struct cage {
+    std::optional<module_images::image> module = {};
+    int error = 0;        /* of every reading */
+    int errors_left = 0;  /* ENXIO, so often */
+    int garbled_left = 0; /* other bytes, so often */
+    milliseconds cost{0}; /* of a reading */
+    int32_t moved = 0;    /* the interface has another index, by so much */
+    uint32_t readings = 0;
+};
+
+class cages final : public linux_board::module_access
+{
+  public:
+    void read(std::span<piece> pieces) override
+    {
+        EXPECT_LE(pieces.size(), linux_board::most_pieces);
+        std::vector<uint32_t> failing;
+        for (piece &wanted : pieces) {
+            if (std::find(failing.begin(), failing.end(), wanted.port) != failing.end())
+                wanted.error = ECANCELED;
+            else
+                read(ports[wanted.port], wanted);
+            if (wanted.error != 0)
+                failing.push_back(wanted.port);
+        }
+    }
+    std::map<uint32_t, cage> ports;
+    time_point now{std::chrono::hours(1)};
+
+  private:
+    void read(cage &from, piece &wanted)
+    {
+        const linux_board::memory_range &range = wanted.range;
+        EXPECT_TRUE(range.length >= 1 && range.length <= 32);
+        EXPECT_TRUE(range.offset >= 128 || range.offset + range.length <= 128);
+        now += from.cost;
+        from.readings++;
+        wanted.interface = index_of_port_0 + static_cast<int32_t>(wanted.port) + from.moved;
+        wanted.error = from.error;
+        if (wanted.error == 0 && from.errors_left > 0)
+            from.errors_left--, wanted.error = ENXIO;
+        const auto bytes = from.module ? from.module->at(range) : std::span<const uint8_t>();
+        if (wanted.error == 0 && bytes.empty())
+            wanted.error = ENXIO;
+        if (wanted.error != 0)
+            return;
+        std::copy(bytes.begin(), bytes.end(), wanted.bytes.begin());
+        if (from.garbled_left > 0)
+            from.garbled_left--, wanted.bytes.fill(0xff);
+    }
+};
+
+class linux_modules_test : public testing::Test, public linux_board::module_listener
+{
+  protected:
+    static module_images::image module_with_serial(std::string_view serial)
+    {
+        module_images::image made = module_images::sfp();
+        module_images::put_text(made.a0, 68, 16, serial);
+        module_images::put_sum(made.a0, 64, 95);
+        return made;
+    }
+    void add(uint32_t port)
+    {
+        poller.add(port);
+        poller.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
+    }
+    /* Carries out what is due in that time. */
+    void pass(module_poller::duration time)
+    {
+        const time_point end = modules.now + time;
+        for (time_point due; (due = poller.next_due()) <= end;) {
+            modules.now = std::max(modules.now, due);
+            poller.step();
+            check_ages();
+        }
+        modules.now = std::max(modules.now, end);
+    }
+    /* What was reported meanwhile: a(bsent), n(ot ready), r(eady), then the serial number. */
+    std::string news_in(module_poller::duration time)
+    {
+        news.clear();
+        pass(time);
+        return news;
+    }
+    std::string begin_with(const module_images::image &module)
+    {
+        modules.ports[0].module = module;
+        add(0);
+        return news_in(seconds(3));
+    }
+
+    void module_read(uint32_t port, const module_contents &contents, time_point at) override
+    {
+        serials[port] = contents.identity.sfp_vendor_sn;
+        values[port] = contents.temperature.lanes.empty() ? 0 : contents.temperature.lanes[0].value;
+        read_at[port] = at;
+    }
+    void module_presence_changed(uint32_t port, module_presence now) override
+    {
+        news += "anr"[static_cast<int>(now)];
+        if (now == module_presence::ready)
+            news += serials[port].substr(0, 4);
+    }
+    void module_access_changed(int error) override
+    {
+        accesses.push_back(error);
+    }
+    void check_ages()
+    {
+        for (const auto &[port, at] : read_at)
+            oldest = std::max(oldest, modules.now - at);
+    }
+
+    cages modules;
+    module_poller poller{modules, *this, [this] { return modules.now; }};
+    std::string news;
+    std::map<uint32_t, std::string> serials;
+    std::map<uint32_t, double> values;
+    std::map<uint32_t, time_point> read_at;
+    module_poller::duration oldest{0};
+    std::vector<int> accesses;
+};
+
+TEST_F(linux_modules_test, a_module_comes_is_replaced_between_two_looks_and_goes)
+{
+    modules.ports[0] = {};
+    add(0);
+    EXPECT_EQ("", news_in(seconds(5)));
+    EXPECT_TRUE(poller.is_first_look_over());
+    modules.ports[0].module = module_with_serial("0001");
+    EXPECT_EQ("n", news_in(milliseconds(1200))) << "found within a second, and given time";
+    EXPECT_EQ("r0001", news_in(milliseconds(200)));
+    EXPECT_EQ("", news_in(seconds(20)));
+    modules.ports[0].module = module_with_serial("0002");
+    EXPECT_EQ("ar0002r0002", news_in(seconds(2))) << "and once more, when it has settled";
+    modules.ports[0].module.reset();
+    EXPECT_EQ("a", news_in(milliseconds(1200)));
+}
+
+TEST_F(linux_modules_test, what_is_there_at_the_start_is_known_after_one_look)
+{
+    modules.ports[0].module = module_with_serial("0001");
+    add(0);
+    EXPECT_FALSE(poller.is_first_look_over());
+    pass(milliseconds(0));
+    EXPECT_TRUE(poller.is_first_look_over());
+    EXPECT_EQ("nr0001", news);
+}
+
+TEST_F(linux_modules_test, a_disturbed_reading_is_no_news)
+{
+    ASSERT_EQ("nr0001r0001", begin_with(module_with_serial("0001")));
+    for (const auto &[garbled, errors] : {std::pair(1, 0), {3, 0}, {0, 1}}) {
+        modules.ports[0].garbled_left = garbled;
+        modules.ports[0].errors_left = errors;
+        EXPECT_EQ("", news_in(seconds(3))) << garbled << errors;
+        EXPECT_EQ(0, modules.ports[0].garbled_left + modules.ports[0].errors_left);
+    }
+}
+
+TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_read)
+{
+    module_images::image garbled = module_with_serial("0001");
+    garbled.a0[70] ^= 1;
+    EXPECT_EQ("n", begin_with(garbled));
+    EXPECT_TRUE(poller.is_first_look_over());
+    EXPECT_EQ("", news_in(seconds(120)));
+    EXPECT_TRUE(read_at.empty());
+    modules.ports[0].readings = 0;
+    pass(seconds(600));
+    EXPECT_LT(modules.ports[0].readings, 600u + 10u * 9u) << "a look a second, an attempt a minute";
+    modules.ports[0].module = module_with_serial("0001");
+    EXPECT_EQ("r0001", news_in(seconds(61)));
+}
+
+TEST_F(linux_modules_test, a_module_that_turns_into_nonsense_is_reported_after_a_second)
+{
+    ASSERT_EQ("nr0001r0001", begin_with(module_with_serial("0001")));
+    modules.ports[0].module->a0[70] ^= 1;
+    EXPECT_EQ("", news_in(milliseconds(900)));
+    EXPECT_EQ("ann", news_in(seconds(3)));
+}
+
+TEST_F(linux_modules_test, values_of_another_module_are_not_taken)
+{
+    begin_with(module_with_serial("0001"));
+    pass(seconds(4));
+    const double before = values[0];
+    module_images::image other = module_with_serial("0002");
+    module_images::put16(other.a2, 96, 90 * 256);
+    other.a0[0] = 0; /* nor is the other one ready yet */
+    modules.ports[0].module = other;
+    pass(milliseconds(1000));
+    poller.diagnostics_wanted(0);
+    pass(seconds(10));
+    EXPECT_EQ(before, values[0]);
+    EXPECT_EQ("0001", serials[0].substr(0, 4));
+}
+
+TEST_F(linux_modules_test, values_are_read_in_time_on_demand_and_after_a_link_change)
+{
+    begin_with(module_with_serial("0001"));
+    oldest = {};
+    pass(seconds(60));
+    EXPECT_LE(oldest, seconds(5));
+    const time_point last = read_at[0];
+    modules.now = last + milliseconds(900);
+    poller.diagnostics_wanted(0);
+    pass(milliseconds(0));
+    EXPECT_EQ(last, read_at[0]) << "young enough";
+    modules.now = last + milliseconds(1100);
+    poller.diagnostics_wanted(0);
+    pass(milliseconds(0));
+    EXPECT_EQ(modules.now, read_at[0]);
+    const time_point change = modules.now;
+    poller.link_changed(0);
+    pass(seconds(1));
+    EXPECT_GT(read_at[0], change);
+}
+
+TEST_F(linux_modules_test, optional_ranges_may_be_refused)
+{
+    module_images::image bare = module_with_serial("0001");
+    bare.a2.clear();
+    begin_with(bare);
+    EXPECT_EQ("0001", serials[0].substr(0, 4));
+    EXPECT_EQ("", news_in(seconds(30)));
+}
+
+TEST_F(linux_modules_test, without_a_reader_things_stay_for_a_while_and_come_back)
+{
+    begin_with(module_with_serial("0001"));
+    EXPECT_TRUE(accesses.empty());
+    modules.ports[0].error = ENOTCONN;
+    modules.ports[0].readings = 0;
+    EXPECT_EQ("", news_in(seconds(14)));
+    EXPECT_LE(modules.ports[0].readings, 16u) << "asked for once a second";
+    EXPECT_EQ("n", news_in(seconds(10)));
+    modules.ports[0].error = 0;
+    EXPECT_EQ("r0001", news_in(seconds(5)));
+    EXPECT_EQ((std::vector<int>{ENOTCONN, 0}), accesses);
+    EXPECT_LE(modules.now - read_at[0], seconds(5));
+}
+
+TEST_F(linux_modules_test, bytes_of_another_interface_are_not_taken)
+{
+    modules.ports[0].module = module_with_serial("0001");
+    modules.ports[0].moved = 1;
+    add(0);
+    EXPECT_EQ("", news_in(seconds(30)));
+    poller.set_interface(0, index_of_port_0 + 1);
+    EXPECT_EQ("nr0001", news_in(milliseconds(0)));
+    poller.set_interface(0, 0);
+    EXPECT_EQ("nr0001a", news) << "no interface, no module";
+    modules.ports[0].readings = 0;
+    pass(seconds(30));
+    EXPECT_EQ(0u, modules.ports[0].readings);
+}
+
+TEST_F(linux_modules_test, half_of_512_ports_may_fail_and_the_others_stay_fresh)
+{
+    struct row {
+        int error;
+        milliseconds cost;
+        seconds discovery;
+    };
+    for (const row &bad :
+         {row{EIO, milliseconds(0), seconds(5)}, row{EIO, milliseconds(20), seconds(20)},
+          row{ETIMEDOUT, milliseconds(1000), seconds(600)},
+          row{ENXIO, milliseconds(200), seconds(120)}}) {
+        cages own;
+        modules = own;
+        module_poller fresh(modules, *this, [this] { return modules.now; });
+        read_at.clear();
+        for (uint32_t port = 0; port < 512; port++) {
+            modules.ports[port].module = module_with_serial("0001");
+            if (port % 2 == 0)
+                modules.ports[port].error = bad.error, modules.ports[port].cost = bad.cost;
+            fresh.add(port);
+            fresh.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
+        }
+        const auto run = [&](seconds time) {
+            for (const time_point end = modules.now + time; fresh.next_due() <= end;) {
+                modules.now = std::max(modules.now, fresh.next_due());
+                fresh.step();
+                check_ages();
+            }
+        };
+        run(bad.discovery);
+        EXPECT_EQ(256u, read_at.size()) << bad.error << " " << bad.cost.count();
+        oldest = {};
+        run(seconds(60));
+        EXPECT_LE(oldest, seconds(5) + bad.cost) << bad.error << " " << bad.cost.count();
+    }
+}
+
+} // namespace
