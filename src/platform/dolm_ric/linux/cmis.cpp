@@ -13,27 +13,11 @@ namespace linux_board
 namespace
 {
 
-constexpr memory_range state_range = {identity_address, 0, 0, 0, 18};
-constexpr memory_range applications_range = {identity_address, 0, 0, 86, 32};
-constexpr memory_range identity_range = {identity_address, 0, 0, 128, 95};
-constexpr memory_range serial_range = {identity_address, 0, 0, 166, 24};
-constexpr memory_range features_range = {identity_address, 0, 0x01, 142, 19};
-constexpr memory_range limits_range = {identity_address, 0, 0x02, 128, 72};
-
-constexpr uint8_t lanes_of_bank = 8;
-constexpr uint8_t max_banks = 4;
-
-constexpr memory_range lanes_range(uint8_t bank)
-{
-    return {identity_address, bank, 0x11, 134, 68};
-}
-
-constexpr uint8_t FLAT_MEMORY = 0x80; /* byte 2 */
-
-enum monitors : uint8_t { /* byte 160 of page 01h */
-                          HAS_TX_BIAS = 0x01,
-                          HAS_TX_POWER = 0x02,
-                          HAS_RX_POWER = 0x04,
+/* Byte 160 of page 01h. */
+enum monitors : uint8_t {
+    HAS_TX_BIAS = 0x01,
+    HAS_TX_POWER = 0x02,
+    HAS_RX_POWER = 0x04,
 };
 
 /* Where page 11h has a measurement's values, of 16 bits a lane, and its flags: four bytes, of one
@@ -42,11 +26,29 @@ struct lane_fields {
     size_t values;
     size_t flags;
 };
-constexpr lane_fields tx_power_fields = {154, 139};
-constexpr lane_fields tx_bias_fields = {170, 143};
-constexpr lane_fields rx_power_fields = {186, 149};
 
 } // namespace
+
+static constexpr memory_range state_range = {identity_address, 0, 0, 0, 18};
+static constexpr memory_range applications_range = {identity_address, 0, 0, 86, 32};
+static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 95};
+static constexpr memory_range serial_range = {identity_address, 0, 0, 166, 24};
+static constexpr memory_range features_range = {identity_address, 0, 0x01, 142, 19};
+static constexpr memory_range limits_range = {identity_address, 0, 0x02, 128, 72};
+
+static constexpr uint8_t lanes_of_bank = 8;
+static constexpr uint8_t max_banks = 4;
+
+static constexpr memory_range lanes_range(uint8_t bank)
+{
+    return {identity_address, bank, 0x11, 134, 68};
+}
+
+static constexpr uint8_t flat_memory = 0x80; /* byte 2 */
+
+static constexpr lane_fields tx_power_fields = {154, 139};
+static constexpr lane_fields tx_bias_fields = {170, 143};
+static constexpr lane_fields rx_power_fields = {186, 149};
 
 static bool is_identity_right(const memory_view &identity)
 {
@@ -80,7 +82,7 @@ static bool is_more_wanted(const module_memory &memory)
 static bool are_pages_wanted(const module_memory &memory)
 {
     const memory_view state(memory, state_range);
-    return is_more_wanted(memory) && state.was_read() && (state.u8(2) & FLAT_MEMORY) == 0;
+    return is_more_wanted(memory) && state.was_read() && (state.u8(2) & flat_memory) == 0;
 }
 
 template <uint8_t bank>
@@ -154,7 +156,7 @@ static void add_lanes(const memory_view &lanes, const lane_fields &fields, uint8
     for (uint8_t lane = 0; lane < lanes_of_bank; lane++)
         if ((missing_lanes >> lane & 1) == 0)
             to.lanes.push_back({static_cast<uint8_t>(bank * lanes_of_bank + lane),
-                                convert(lanes.u16(fields.values + 2u * lane)),
+                                convert(lanes.u16(fields.values + size_t{2} * lane)),
                                 lane_flags(lanes, fields.flags, lane)});
 }
 
@@ -223,7 +225,7 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
     contents.diagnostics = diagnostics_state::not_read;
     if (!state.was_read())
         return;
-    const bool is_flat = (state.u8(2) & FLAT_MEMORY) != 0;
+    const bool is_flat = (state.u8(2) & flat_memory) != 0;
     if (are_blank(state.bytes(14, 4))) {
         contents.diagnostics = is_flat ? diagnostics_state::none : diagnostics_state::not_read;
         return;

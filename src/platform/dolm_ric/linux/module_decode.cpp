@@ -23,15 +23,15 @@ struct graded_value {
     int64_t value;
 };
 
-/* Beyond all values, with either calibration, and well within the words of the record. */
-constexpr double open_limit = 2'000'000'000.0;
-
-constexpr double infinity = std::numeric_limits<double>::infinity();
-constexpr measurement_limits open_limits = {infinity, -infinity, infinity, -infinity};
-
 enum class sign : uint8_t { any, never_negative };
 
 } // namespace
+
+/* Beyond all values, with either calibration, and well within the words of the record. */
+static constexpr double open_limit = 2'000'000'000.0;
+
+static constexpr double infinity = std::numeric_limits<double>::infinity();
+static constexpr measurement_limits open_limits = {infinity, -infinity, infinity, -infinity};
 
 module_contents decode_module(const module_memory &memory)
 {

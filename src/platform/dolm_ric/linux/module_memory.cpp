@@ -25,10 +25,14 @@ void module_memory::store(const memory_range &range, std::span<const uint8_t> by
 /* The newest is the last. */
 const module_memory::reading *module_memory::find(const memory_range &range) const
 {
-    for (auto it = readings_.rbegin(); it != readings_.rend(); ++it)
-        if (contains(it->range, range))
-            return &*it;
-    return nullptr;
+    const reading *found = nullptr;
+    for (const reading &kept : readings_) {
+        if (kept.range == range)
+            return &kept;
+        if (contains(kept.range, range))
+            found = &kept;
+    }
+    return found;
 }
 
 std::span<const uint8_t> module_memory::bytes(const memory_range &range) const

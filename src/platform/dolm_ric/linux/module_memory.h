@@ -56,8 +56,9 @@ class module_memory
        kept for the same range. */
     void store(const memory_range &range, std::span<const uint8_t> bytes, time_point read_at);
 
-    /* The kept bytes of a range that lies within one stored range, the newest such range first;
-       empty where it has not been read. Valid until the next change. */
+    /* The kept bytes of `range`: those stored for exactly this range, else those of the newest
+       stored range that it lies within; empty where it has not been read. Valid until the next
+       change. */
     std::span<const uint8_t> bytes(const memory_range &range) const;
 
     /* When the bytes that `bytes` gives were read. */

@@ -17,12 +17,6 @@ namespace linux_board
 namespace
 {
 
-constexpr uint32_t last_port = 65534;
-constexpr uint32_t last_i2c_bus = 0xffff;
-constexpr size_t max_line_length = 4096 + 512; /* the longest path and what is around it */
-constexpr size_t max_interface_length = 127;   /* of an alternative name */
-constexpr size_t max_parent_length = 255;
-
 /* Also what the lines before have taken. */
 struct parser {
     port_config config;
@@ -34,6 +28,12 @@ struct parser {
 using reason = std::optional<std::string>;
 
 } // namespace
+
+static constexpr uint32_t last_port = 65534;
+static constexpr uint32_t last_i2c_bus = 0xffff;
+static constexpr size_t max_line_length = 4096 + 512; /* the longest path and what is around it */
+static constexpr size_t max_interface_length = 127;   /* of an alternative name */
+static constexpr size_t max_parent_length = 255;
 
 static std::vector<std::string_view> split_words(std::string_view line)
 {

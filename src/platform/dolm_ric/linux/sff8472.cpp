@@ -17,23 +17,20 @@ namespace linux_board
 namespace
 {
 
-constexpr memory_range identity_range = {identity_address, 0, 0, 0, 96};
-constexpr memory_range serial_range = {identity_address, 0, 0, 68, 28};
-constexpr memory_range constants_range = {diagnostics_address, 0, 0, 0, 96};
-constexpr memory_range values_range = {diagnostics_address, 0, 0, 96, 22};
-
-enum diagnostics_type : uint8_t { /* byte 92 */
-                                  HAS_DIAGNOSTICS = 0x40,
-                                  INTERNALLY_CALIBRATED = 0x20,
-                                  EXTERNALLY_CALIBRATED = 0x10,
-                                  AVERAGE_POWER = 0x08,
-                                  ADDRESS_CHANGE = 0x04,
+/* Byte 92. */
+enum diagnostics_type : uint8_t {
+    HAS_DIAGNOSTICS = 0x40,
+    INTERNALLY_CALIBRATED = 0x20,
+    EXTERNALLY_CALIBRATED = 0x10,
+    AVERAGE_POWER = 0x08,
+    ADDRESS_CHANGE = 0x04,
 };
 
-enum status : uint8_t { /* byte 110 */
-                        DATA_NOT_READY = 0x01,
-                        RX_LOS = 0x02,
-                        TX_FAULT = 0x04,
+/* Byte 110. */
+enum status : uint8_t {
+    DATA_NOT_READY = 0x01,
+    RX_LOS = 0x02,
+    TX_FAULT = 0x04,
 };
 
 /* Of one module; internal calibration is the same with constants that change nothing. */
@@ -46,6 +43,11 @@ struct sfp_conversions {
 };
 
 } // namespace
+
+static constexpr memory_range identity_range = {identity_address, 0, 0, 0, 96};
+static constexpr memory_range serial_range = {identity_address, 0, 0, 68, 28};
+static constexpr memory_range constants_range = {diagnostics_address, 0, 0, 0, 96};
+static constexpr memory_range values_range = {diagnostics_address, 0, 0, 96, 22};
 
 static bool is_identity_right(const memory_view &identity)
 {
@@ -146,10 +148,10 @@ static void fill_identity(const memory_view &from, module_contents &contents)
     copy_text(sfp.sfp_date_code, from.bytes(84, 8));
     contents.copper = is_copper(from);
 
-    if (is_known_base_t(sfp.sfp_vendor_name, sfp.sfp_vendor_pn)) {
+    if (const uint32_t speed = speed_of_base_t(sfp.sfp_vendor_name, sfp.sfp_vendor_pn)) {
         sfp.sfp_connector = DOLM_SFP_CONNECTOR_RJ45;
         sfp.sfp_eth_compliance = 0;
-        sfp.sfp_eth_speed = DOLM_SFP_ETHSPEED_10GB;
+        sfp.sfp_eth_speed = module_speed_code(speed);
         contents.copper = true;
     }
 }

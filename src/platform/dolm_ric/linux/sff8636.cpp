@@ -9,25 +9,27 @@ namespace linux_board
 namespace
 {
 
-constexpr memory_range values_range = {identity_address, 0, 0, 0, 58};
-constexpr memory_range lanes_range = {identity_address, 0, 0, 113, 1};
-constexpr memory_range identity_range = {identity_address, 0, 0, 128, 96};
-constexpr memory_range serial_range = {identity_address, 0, 0, 196, 28};
-constexpr memory_range limits_range = {identity_address, 0, 3, 128, 72};
-
-constexpr uint8_t lane_count = 4;
-
-enum status : uint8_t { /* byte 2 */
-                        DATA_NOT_READY = 0x01,
-                        FLAT_MEMORY = 0x04,
+/* Byte 2. */
+enum status : uint8_t {
+    DATA_NOT_READY = 0x01,
+    FLAT_MEMORY = 0x04,
 };
 
-enum diagnostics_type : uint8_t { /* byte 220 */
-                                  HAS_TX_POWER = 0x04,
-                                  AVERAGE_POWER = 0x08,
+/* Byte 220. */
+enum diagnostics_type : uint8_t {
+    HAS_TX_POWER = 0x04,
+    AVERAGE_POWER = 0x08,
 };
 
 } // namespace
+
+static constexpr memory_range values_range = {identity_address, 0, 0, 0, 58};
+static constexpr memory_range lanes_range = {identity_address, 0, 0, 113, 1};
+static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 96};
+static constexpr memory_range serial_range = {identity_address, 0, 0, 196, 28};
+static constexpr memory_range limits_range = {identity_address, 0, 3, 128, 72};
+
+static constexpr uint8_t lane_count = 4;
 
 static bool is_identity_right(const memory_view &identity)
 {
@@ -117,7 +119,7 @@ static measurement lanes_at(const memory_view &values, size_t offset, size_t fla
     measurement result;
     for (uint8_t lane = 0; lane < lane_count; lane++)
         if ((missing_lanes >> lane & 1) == 0)
-            result.lanes.push_back({lane, convert(values.u16(offset + 2u * lane)),
+            result.lanes.push_back({lane, convert(values.u16(offset + size_t{2} * lane)),
                                     flags_at(values, flags_offset, lane)});
     return result;
 }
