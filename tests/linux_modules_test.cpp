@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The poller of the Linux board's modules, on modules and a clock of the test's own. */
-#include "module_images.h"
+
 #include "platform/dolm_ric/linux/module_poller.h"
+#include "testkit/modules/module_images.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The Linux board on real network interfaces, in a network namespace of each test's own. Tests are
    skipped where the system doesn't permit one, and those of taps without /dev/net/tun. */
-#include "module_images.h"
 #include "platform/dolm_ric/dolm_ric.h"
 #include "platform/dolm_ric/linux/link_follower.h"
 #include "tesk_server/tesk_signals.h"
+#include "testkit/modules/module_images.h"
 #include "testkit/network/network.h"
 #include "testkit/processes/processes.h"
 
