@@ -219,6 +219,7 @@ TEST(refused, memories_that_can_not_be_true)
         }
     }
     image copied = sfp(), absent = sfp();
+    std::fill(copied.a0.begin() + 96, copied.a0.end(), uint8_t{0x50}); /* of the maker's own */
     copied.a2 = copied.a0;
     absent.a2.clear();
     EXPECT_EQ(records_of(copied).diag_result, missing);
@@ -301,13 +302,14 @@ TEST(status, tells_los_and_fault_of_the_port_s_own_lanes)
 TEST(lanes, the_one_that_is_worst_off_stands_for_all)
 {
     const struct {
-        std::array<int, 4> tx; /* in uW; limits 500, 1000, 3500, 4000 */
+        std::array<int, 4> tx; /* in uW; limits 500, 1000, 3500, 3600 */
         uint32_t lanes, expected;
     } cases[] = {
         {{1500, 1600, 1400, 2000}, 0, 1400}, {{1500, 3300, 1400, 2000}, 0, 3300},
         {{900, 1500, 3450, 1500}, 0, 900},   {{900, 4000, 700, 1500}, 0, 4000},
         {{450, 600, 3900, 100}, 0, 100},     {{900, 4000, 700, 1500}, 0x8, 1500},
         {{900, 4000, 700, 1500}, 0x5, 700},  {{900, 4000, 700, 1500}, 0xf0, 0},
+        {{600, 3600, 1500, 1500}, 0, 3600},  {{600, 3550, 1500, 1500}, 0, 600},
     };
     for (const auto &its : cases) {
         image made = qsfp();

@@ -4,41 +4,38 @@
 #include "platform/dolm_ric/port_map.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 using namespace linux_board;
 
-/* A folder of its own for each test. */
+/* A folder of its own for each test, and a file in it. */
 struct port_files : testing::Test {
-    port_files()
-    {
-        char name[] = "/tmp/port_files.XXXXXX";
-        folder = mkdtemp(name);
-    }
     ~port_files() override
     {
         std::filesystem::remove_all(folder);
     }
     std::string write(const std::string &text, mode_t mode = 0644) const
     {
-        const std::string path = folder / "ports";
-        std::ofstream(path, std::ios::binary) << text;
-        chmod(path.c_str(), mode);
-        return path;
+        std::ofstream(folder / "ports") << text;
+        chmod((folder / "ports").c_str(), mode);
+        return folder / "ports";
     }
     static std::string read(const std::filesystem::path &from)
     {
-        std::ifstream file(from, std::ios::binary);
+        std::ifstream file(from);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    std::filesystem::path folder;
+    char name[32] = "/tmp/port_files.XXXXXX";
+    std::filesystem::path folder = mkdtemp(name);
 };
 
 static std::string summary(const configured_port &port)
@@ -100,18 +97,14 @@ TEST(port_config, a_wrong_line_costs_itself_only)
         EXPECT_NE(config.messages[0].find(reason), std::string::npos) << config.messages[0];
         ASSERT_EQ(config.ports.size(), 2u) << line;
     }
+    std::string wrong;
+    for (int line = 0; line < 100000; line++)
+        wrong += "?\n";
+    const port_config bounded = parse_port_config(wrong, "p");
+    ASSERT_EQ(bounded.messages.size(), max_port_config_messages);
+    EXPECT_EQ(bounded.messages.back(), "p: 99981 more wrong lines");
     /* What a wrong line would have taken is free for others. */
     EXPECT_EQ(parse_port_config("1 a i2c=x\n1 a i2c=4\n", "p").ports.size(), 1u);
-}
-
-TEST(port_config, the_messages_are_bounded)
-{
-    std::string text;
-    for (int line = 0; line < 100000; line++)
-        text += "?\n";
-    const port_config config = parse_port_config(text, "p");
-    ASSERT_EQ(config.messages.size(), max_port_config_messages);
-    EXPECT_EQ(config.messages.back(), "p: 99981 more wrong lines");
 }
 
 TEST_F(port_files, are_read_as_a_whole_or_not_at_all)
@@ -149,7 +142,6 @@ TEST_F(port_files, are_trusted_by_owner_and_mode)
     for (const auto &[mode, is_trusted] : modes)
         EXPECT_EQ(reason(write("", mode), geteuid()).empty(), is_trusted) << mode;
     EXPECT_NE(reason(write(""), geteuid() + 1), "");
-    EXPECT_EQ(reason("/proc/self/status", geteuid()).empty(), true);
     EXPECT_EQ(reason(folder, geteuid()), "is not a regular file");
     EXPECT_EQ(reason(folder / "none", geteuid()), "cannot be examined");
 }
@@ -159,29 +151,36 @@ TEST_F(port_files, the_map_is_replaced_as_a_whole)
     const std::string path = folder / "map";
     ASSERT_TRUE(board::write_port_map(path, {{10, "swp10"}, {9, "a\tb\nc\x7f"}, {0, "eth0"}}));
     EXPECT_EQ(read(path), "# tesk-ports 1\n0\teth0\n9\ta?b?c?\n10\tswp10\n");
-    struct stat status = {};
-    stat(path.c_str(), &status);
-    EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0640});
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0640});
 
-    /* What is left of a writer that died, and a link in its place, are replaced. */
-    std::ofstream(folder / "victim") << "untouched";
-    std::filesystem::create_symlink(folder / "victim", path + ".new");
+    /* A link that stands where the temporary file goes is replaced, not followed. */
+    std::filesystem::create_symlink(write("untouched"), path + ".new");
     std::ifstream reader(path);
-    ASSERT_TRUE(board::write_port_map(path, {}));
-    EXPECT_EQ(read(path), "# tesk-ports 1\n");
-    EXPECT_EQ(read(folder / "victim"), "untouched");
-    std::string line;
-    for (int count = 0; count < 4; count++)
-        std::getline(reader, line);
-    EXPECT_EQ(line, "10\tswp10") << "a reader of the old map sees it to its end";
+    ASSERT_TRUE(board::write_port_map(path, {{1, "a"}}));
+    EXPECT_EQ(read(path), "# tesk-ports 1\n1\ta\n");
+    EXPECT_EQ(read(folder / "ports"), "untouched");
+    const std::string old{std::istreambuf_iterator<char>(reader), {}};
+    EXPECT_TRUE(old.ends_with("10\tswp10\n")) << "a reader of the old map sees it to its end";
+}
 
+TEST_F(port_files, a_map_that_can_not_be_written_leaves_the_old_one)
+{
+    const std::string path = folder / "map";
+    ASSERT_TRUE(board::write_port_map(path, {{1, "a"}}));
+    rlimit unlimited = {};
+    getrlimit(RLIMIT_FSIZE, &unlimited);
+    const rlimit full = {16, unlimited.rlim_max}; /* bytes, as on a full disk */
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &full);
+    const bool was_written = board::write_port_map(path, {{2, "b"}});
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    EXPECT_FALSE(was_written);
+    EXPECT_EQ(read(path), "# tesk-ports 1\n1\ta\n");
     testing::internal::CaptureStderr();
-    EXPECT_FALSE(board::write_port_map(folder / "none" / "map", {{1, "a"}}));
-    const std::string complaint = testing::internal::GetCapturedStderr();
-    EXPECT_NE(complaint.find("No such file or directory"), std::string::npos) << complaint;
-    EXPECT_EQ(std::count(complaint.begin(), complaint.end(), '\n'), 1);
-    EXPECT_FALSE(board::write_port_map("/dev/full/map", {}));
+    EXPECT_FALSE(board::write_port_map(folder / "none" / "map", {}));
     std::filesystem::create_directory(folder / "taken");
     EXPECT_FALSE(board::write_port_map(folder / "taken", {}));
-    EXPECT_FALSE(std::filesystem::exists(folder / "taken.new"));
+    EXPECT_EQ(std::ranges::count(testing::internal::GetCapturedStderr(), '\n'), 2);
+    for (const char *left : {"map.new", "taken.new"})
+        EXPECT_FALSE(std::filesystem::exists(folder / left)) << left;
 }

@@ -136,7 +136,7 @@ inline image qsfp()
     put_sum(a0, 128, 191), put_sum(a0, 192, 223);
     static constexpr int limits[] = {20480, -2560, 19200, -1280, 36300, 29700, 35000,
                                      31000, 20000, 400,   15000, 800,   30000, 1000,
-                                     20000, 2000,  40000, 5000,  35000, 10000};
+                                     20000, 2000,  36000, 5000,  35000, 10000};
     static constexpr size_t places[] = {128, 144, 176, 184, 192};
     for (size_t group = 0; group < 5; group++)
         for (size_t n = 0; n < 4; n++)
