@@ -70,6 +70,27 @@ TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
     }
 }
 
+TEST_F(hardware, a_code_without_a_row_of_its_own_may_hold_the_speed)
+{
+    static const struct {
+        uint32_t code, link_speed, module_speed;
+    } cases[] = {{0x0001, 12, 10},     {0x0002, 25, 100},        {0x1000, 100, 0},
+                 {0x5453000a, 10, 10}, {0x54531f40, 8000, 8000}, {0x5453ffff, 65535, 65535},
+                 {0x54530000, 0, 0},   {0x5452000a, 0, 0},       {0x5454000a, 0, 0},
+                 {0xd453000a, 0, 0},   {0x0000000a, 0, 0}};
+    ports[1].link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
+    ports[1].module.mode_type = DOLM_RIC_MODE_SFP;
+    for (const auto &its : cases) {
+        tesk_port_info port;
+        tesk_sfp_info module = {};
+        ports[1].speed = ports[1].module.sfp.sfp_eth_speed = its.code;
+        get_port_info(1, &port);
+        get_sfp_info(1, SFP_PRESENT_AND_READY, &module);
+        EXPECT_EQ(port.link_speed, its.link_speed) << its.code;
+        EXPECT_EQ(module.sfp_speed, its.module_speed) << its.code;
+    }
+}
+
 TEST_F(hardware, a_module_is_read_only_where_one_may_be)
 {
     static const struct {

@@ -160,6 +160,13 @@ uint32_t sfp_connector_to_type(uint8_t connector)
     }
 }
 
+/* Codes that hold the speed itself; 0 for all others, which have no speed in the protocol. */
+static uint32_t speed_in_code(uint32_t code)
+{
+    const bool has_speed = (code & DOLM_RIC_SPEED_RANGE_MASK) == DOLM_RIC_SPEED_TENTH_GBPS;
+    return has_speed ? code & ~DOLM_RIC_SPEED_RANGE_MASK : 0;
+}
+
 /* In units of 0.1 Gbps. */
 static uint32_t sfp_eth_speed_to_speed(uint32_t eth_speed)
 {
@@ -169,12 +176,11 @@ static uint32_t sfp_eth_speed_to_speed(uint32_t eth_speed)
     case DOLM_SFP_ETHSPEED_10GB:
         return 100;
     default:
-        return 0;
+        return speed_in_code(eth_speed);
     }
 }
 
-/* The codes are single bits of which the library gives one; those that aren't listed have no speed
-   in the protocol. */
+/* The listed codes are single bits of which the library gives one. */
 static uint32_t link_speed_to_tenth_gbps(uint32_t speed)
 {
     static constexpr struct {
@@ -186,7 +192,7 @@ static uint32_t link_speed_to_tenth_gbps(uint32_t speed)
     for (const auto &entry : speeds)
         if (entry.code == speed)
             return entry.tenth_gbps;
-    return 0;
+    return speed_in_code(speed);
 }
 
 /* The texts of a module's memory, each with a terminator of our own. */

@@ -49,6 +49,11 @@ enum dolm_sfp_connector {
     DOLM_SFP_CONNECTOR_OTHER = 0xff,
 };
 
+/* A speed that has no code of its own: this range, with the speed in 0.1 Gb/s in its lower half. It
+   goes for the speed of a link and for that of a module. */
+#define DOLM_RIC_SPEED_TENTH_GBPS 0x54530000u
+#define DOLM_RIC_SPEED_RANGE_MASK 0xffff0000u
+
 enum dolm_sfp_ethspeed {
     DOLM_SFP_ETHSPEED_UNSPEC = 0x0,
     DOLM_SFP_ETHSPEED_1000MB = 0x1,
@@ -100,7 +105,7 @@ typedef struct dolm_ric_event {
 typedef struct dolm_sfp_info {
     uint8_t sfp_connector; /* dolm_sfp_connector */
     uint8_t reserved0[3];
-    uint32_t sfp_eth_speed; /* dolm_sfp_ethspeed */
+    uint32_t sfp_eth_speed; /* dolm_sfp_ethspeed or DOLM_RIC_SPEED_TENTH_GBPS */
     uint32_t sfp_eth_compliance;
     uint8_t sfp_nom_bitrate;
     char sfp_vendor_name[17];

@@ -8,7 +8,7 @@ namespace linux_board
 
 static uint32_t other_code(uint32_t tenth_gbps)
 {
-    return tenth_gbps == 0 || tenth_gbps > 0xffff ? 0 : other_speed_code | tenth_gbps;
+    return tenth_gbps == 0 || tenth_gbps > 0xffff ? 0 : DOLM_RIC_SPEED_TENTH_GBPS | tenth_gbps;
 }
 
 uint32_t link_speed_code(uint32_t tenth_gbps)
