@@ -92,7 +92,7 @@ class linux_modules_test : public testing::Test, public linux_board::module_list
     }
     void add(uint32_t port)
     {
-        poller.add(port);
+        poller.add(port, true);
         poller.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
     }
     /* Carries out what is due in that time. */
@@ -273,6 +273,31 @@ TEST_F(linux_modules_test, without_a_reader_things_stay_for_a_while_and_come_bac
     EXPECT_LE(modules.now - read_at[0], seconds(5));
 }
 
+TEST_F(linux_modules_test, a_missing_reader_doesnt_touch_modules_without_one)
+{
+    modules.ports[0].error = ENOTCONN;
+    modules.ports[1].module = module_with_serial("0001");
+    add(0);
+    poller.add(1, false);
+    poller.set_interface(1, index_of_port_0 + 1);
+    EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
+    EXPECT_TRUE(poller.is_first_look_over());
+    EXPECT_EQ(std::vector<int>{ENOTCONN}, accesses);
+    EXPECT_LE(modules.now - read_at[1], seconds(5));
+}
+
+TEST_F(linux_modules_test, hints_make_looks_sooner_but_not_without_end)
+{
+    begin_with(module_with_serial("0001"));
+    modules.ports[0].readings = 0;
+    for (int hint = 0; hint < 1000; hint++) {
+        poller.hint();
+        pass(milliseconds(1));
+    }
+    EXPECT_GE(modules.ports[0].readings, 4u);
+    EXPECT_LE(modules.ports[0].readings, 10u);
+}
+
 TEST_F(linux_modules_test, bytes_of_another_interface_are_not_taken)
 {
     modules.ports[0].module = module_with_serial("0001");
@@ -307,7 +332,7 @@ TEST_F(linux_modules_test, half_of_512_ports_may_fail_and_the_others_stay_fresh)
             modules.ports[port].module = module_with_serial("0001");
             if (port % 2 == 0)
                 modules.ports[port].error = bad.error, modules.ports[port].cost = bad.cost;
-            fresh.add(port);
+            fresh.add(port, true);
             fresh.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
         }
         const auto run = [&](seconds time) {

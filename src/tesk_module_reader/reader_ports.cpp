@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <span>
 #include <string>
 #include <unistd.h>
@@ -27,8 +29,12 @@ reader_ports::reader_ports(const std::optional<linux_board::port_config> &config
     for (const configured_port &one : config->ports) {
         port &added = ports_[one.number];
         added.config = one;
-        if (one.source == module_source::i2c_bus)
-            added.bus = open_bus(one.i2c_bus);
+        if (one.source != module_source::i2c_bus)
+            continue;
+        added.bus = open_bus(one.i2c_bus);
+        if (added.bus < 0)
+            fprintf(stderr, "tesk-module-reader: port %u: /dev/i2c-%u: %s\n", one.number,
+                    one.i2c_bus, strerror(-added.bus));
     }
 }
 

@@ -38,7 +38,7 @@ class reader_ports
     struct port {
         linux_board::configured_port config;
         int32_t index = 0; /* of its interface, since it was first found */
-        int bus = -1;      /* a descriptor, or minus an errno */
+        int bus = -1;      /* a descriptor; negative if it can't be opened */
     };
 
     void find_default_ports();

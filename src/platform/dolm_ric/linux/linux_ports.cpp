@@ -46,11 +46,13 @@ void linux_ports::add(const std::vector<configured_port> &ports)
     }
 }
 
-/* The port keeps to the interface by its place, or by its name if it has none. */
-void linux_ports::add_interface(uint32_t number, const link_report &interface)
+/* The port keeps to the interface by its place, or by its name if that isn't unique. */
+void linux_ports::add_interface(uint32_t number, const link_report &interface,
+                                const std::vector<link_report> &all)
 {
-    add_port(number, interface.name, [interface](const link_report &report) {
-        return interface.parent.empty()
+    const bool by_name = permanent_name(interface, all) == interface.name;
+    add_port(number, interface.name, [interface, by_name](const link_report &report) {
+        return by_name
                    ? report.name == interface.name
                    : report.parent == interface.parent && report.port_name == interface.port_name;
     });
@@ -58,10 +60,8 @@ void linux_ports::add_interface(uint32_t number, const link_report &interface)
 }
 
 /* The reader numbers the interfaces whose module it can read; a gap is one that went away. */
-std::map<uint32_t, link_report> linux_ports::default_ports()
+std::map<uint32_t, link_report> linux_ports::default_ports(std::vector<link_report> all)
 {
-    netlink::connection route(NETLINK_ROUTE);
-    std::vector<link_report> all = list_interfaces(route);
     std::map<uint32_t, link_report> ports;
     int error = 0;
     for (uint32_t number = 0; number < board::max_ports; number++) {
@@ -84,8 +84,10 @@ std::map<uint32_t, link_report> linux_ports::default_ports()
 
 void linux_ports::add_default_ports()
 {
-    for (const auto &[number, interface] : default_ports())
-        add_interface(number, interface);
+    netlink::connection route(NETLINK_ROUTE);
+    const std::vector<link_report> all = list_interfaces(route);
+    for (const auto &[number, interface] : default_ports(all))
+        add_interface(number, interface, all);
 }
 
 /* The links come first, since the modules are looked for on the interfaces that were found. */

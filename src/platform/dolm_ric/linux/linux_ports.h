@@ -60,8 +60,9 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     };
 
     void add_port(uint32_t number, const std::string &name, link_table::port_filter fits);
-    void add_interface(uint32_t number, const link_report &interface);
-    std::map<uint32_t, link_report> default_ports();
+    void add_interface(uint32_t number, const link_report &interface,
+                       const std::vector<link_report> &all);
+    std::map<uint32_t, link_report> default_ports(std::vector<link_report> all);
 
     void link_changed(uint32_t number, const link_values &now) override;
     void interface_changed(uint32_t number, const link_report *now) override;

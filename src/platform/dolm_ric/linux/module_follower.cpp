@@ -51,7 +51,7 @@ void module_follower::add(uint32_t port, const std::string &file)
     post([this, port, file] {
         if (!file.empty())
             files_.add(port, file);
-        poller_.add(port);
+        poller_.add(port, file.empty());
     });
 }
 

@@ -21,6 +21,7 @@ namespace linux_board
 using namespace std::chrono_literals;
 
 static constexpr auto look_interval = 1s;
+static constexpr auto hint_spacing = 200ms;      /* between two looks, however many hints come */
 static constexpr auto diagnostics_interval = 4s; /* the values are at most 5 s old */
 static constexpr auto after_link_change = 500ms;
 static constexpr auto insertion_time = 300ms; /* modules need it before they answer reliably */
@@ -41,6 +42,7 @@ enum class task_kind : uint8_t { look, identity, diagnostics };
 
 struct module_poller::polled {
     uint32_t number = 0;
+    bool by_reader = true;
     int32_t interface = 0;
     stage where = stage::empty;
     module_presence reported = module_presence::absent;
@@ -51,6 +53,7 @@ struct module_poller::polled {
     uint32_t failures = 0;                     /* one after the other */
     bool was_looked_at = false;
     bool is_apart = true;
+    time_point looked_at = {};
     time_point look_due = {};
     time_point identity_due = {};
     time_point diagnostics_due = {};
@@ -123,10 +126,11 @@ module_poller::module_poller(module_access &access, module_listener &listener, c
 
 module_poller::~module_poller() = default;
 
-void module_poller::add(uint32_t port)
+void module_poller::add(uint32_t port, bool by_reader)
 {
     polled &added = ports_[port];
     added.number = port;
+    added.by_reader = by_reader;
     schedule(added);
 }
 
@@ -147,11 +151,12 @@ void module_poller::set_interface(uint32_t port, int32_t index)
 void module_poller::hint()
 {
     const time_point now = now_();
-    for (auto &[number, port] : ports_)
-        if (!port.is_apart) {
-            port.look_due = std::min(port.look_due, now);
-            schedule(port);
-        }
+    for (auto &[number, port] : ports_) {
+        if (port.is_apart)
+            continue;
+        port.look_due = std::min(port.look_due, std::max(now, port.looked_at + hint_spacing));
+        schedule(port);
+    }
 }
 
 void module_poller::link_changed(uint32_t port)
@@ -201,15 +206,15 @@ module_poller::time_point module_poller::next_due() const
         due = prompt_queue_.begin()->first;
     if (!apart_queue_.empty())
         due = std::min(due, std::max(apart_queue_.begin()->first, apart_from_));
-    due = std::max(due, access_from_);
     return settling_.empty() ? due : std::min(due, settling_.begin()->first);
 }
 
 bool module_poller::is_first_look_over() const
 {
-    return access_error_ != 0 || std::all_of(ports_.begin(), ports_.end(), [](const auto &entry) {
-               return entry.second.was_looked_at || entry.second.interface == 0;
-           });
+    return std::all_of(ports_.begin(), ports_.end(), [this](const auto &entry) {
+        const polled &port = entry.second;
+        return port.was_looked_at || port.interface == 0 || (port.by_reader && access_error_ != 0);
+    });
 }
 
 static bool is_in(const std::vector<memory_range> &ranges, const memory_range &range)
@@ -270,8 +275,6 @@ void module_poller::step()
 {
     const time_point begin = now_();
     announce_settled(begin);
-    if (begin < access_from_)
-        return;
     std::vector<task> tasks = choose_tasks(begin);
     if (tasks.empty())
         return;
@@ -328,6 +331,18 @@ void module_poller::pause_apart(polled &port, bool was_known, duration cost)
         port.look_due = std::max(port.look_due, now_() + unlikely_interval);
 }
 
+/* Errors that say nothing about the module. */
+static bool is_unheard(int error)
+{
+    return error == ENOTCONN || error == EPERM || error == EACCES || error == ESTALE;
+}
+
+static bool says_empty(int error)
+{
+    return error == ENXIO || error == ENODEV || error == ENOENT || error == EREMOTEIO ||
+           error == EOPNOTSUPP;
+}
+
 void module_poller::begin_identity(polled &port, duration wait)
 {
     port.where = stage::identifying;
@@ -341,13 +356,14 @@ void module_poller::begin_identity(polled &port, duration wait)
 void module_poller::take_look(polled &port, const task &done)
 {
     const time_point now = now_();
+    port.looked_at = now;
     port.look_due = now + look_interval;
     for (const ranged &read : done.ranges)
         if (const int error = done.error_of(read))
             return take_failure(port, error);
     port.failures = 0;
     port.answered_at = now;
-    note_access(0);
+    note_access(port, 0);
     if (port.where == stage::empty) {
         set_presence(port, module_presence::not_ready);
         begin_identity(port, port.was_looked_at ? duration(insertion_time) : duration(0));
@@ -381,6 +397,9 @@ void module_poller::take_identity(polled &port, const task &done)
             break; /* made again with the next task */
         } else if (step != plan.end() && step->optional) {
             port.refused.push_back(read.range);
+        } else if (is_unheard(error)) {
+            port.identity_due = now + reader_interval;
+            return take_failure(port, error);
         } else {
             retry_identity(port);
             return take_failure(port, error);
@@ -388,7 +407,7 @@ void module_poller::take_identity(polled &port, const task &done)
     }
     port.failures = 0;
     port.answered_at = now;
-    note_access(0);
+    note_access(port, 0);
     if (make_task(port).pieces.empty())
         finish_identity(port);
 }
@@ -465,12 +484,6 @@ void module_poller::take_diagnostics(polled &port, const task &done)
     listener_.module_read(port.number, decode_module(port.memory), now);
 }
 
-static bool says_empty(int error)
-{
-    return error == ENXIO || error == ENODEV || error == ENOENT || error == EREMOTEIO ||
-           error == EOPNOTSUPP;
-}
-
 /* What was known counts for a while. */
 void module_poller::note_silence(polled &port)
 {
@@ -478,22 +491,14 @@ void module_poller::note_silence(polled &port)
         set_presence(port, module_presence::not_ready);
 }
 
-void module_poller::lose_access(int error)
-{
-    note_access(error);
-    access_from_ = now_() + reader_interval;
-    for (auto &[number, port] : ports_)
-        note_silence(port);
-}
-
 void module_poller::take_failure(polled &port, int error)
 {
     const time_point now = now_();
-    if (error == ENOTCONN || error == EPERM || error == EACCES)
-        return lose_access(error);
-    if (error == ESTALE)
+    if (is_unheard(error)) {
+        note_access(port, error == ESTALE ? 0 : error);
         return note_silence(port);
-    note_access(0);
+    }
+    note_access(port, 0);
     port.was_looked_at = true;
     if (error == EOPNOTSUPP || error == ENOENT) {
         remove_module(port);
@@ -541,9 +546,9 @@ void module_poller::announce_settled(time_point now)
     }
 }
 
-void module_poller::note_access(int error)
+void module_poller::note_access(const polled &port, int error)
 {
-    if (access_error_ == error)
+    if (!port.by_reader || access_error_ == error)
         return;
     access_error_ = error;
     listener_.module_access_changed(error);

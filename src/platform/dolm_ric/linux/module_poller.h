@@ -56,8 +56,8 @@ class module_poller
     module_poller(module_access &access, module_listener &listener, clock now);
     ~module_poller();
 
-    /* A port whose module is to be polled, from now on. */
-    void add(uint32_t port);
+    /* A port whose module is to be polled, from now on; by a reader that may be missing, or not. */
+    void add(uint32_t port, bool by_reader);
 
     /* The interface of a port: its index, or 0 while it isn't there; the port has no module then.
        Bytes that another interface gave are not taken, those of no interface are. */
@@ -99,21 +99,19 @@ class module_poller
     void use_module(polled &port, const module_contents &contents);
     void take_failure(polled &port, int error);
     void note_silence(polled &port);
-    void lose_access(int error);
     void remove_module(polled &port);
     void set_presence(polled &port, module_presence now);
     void announce_settled(time_point now);
-    void note_access(int error);
+    void note_access(const polled &port, int error);
 
     module_access &access_;
     module_listener &listener_;
     clock now_;
     std::map<uint32_t, polled> ports_;
-    queue prompt_queue_;          /* ports that answer in time */
-    queue apart_queue_;           /* ports that were never read, are slow, or fail */
-    queue settling_;              /* presences that are reported once more at that time */
-    time_point apart_from_ = {};  /* no port that is set apart is read before */
-    time_point access_from_ = {}; /* nothing is read before, as there was no reader */
+    queue prompt_queue_;         /* ports that answer in time */
+    queue apart_queue_;          /* ports that were never read, are slow, or fail */
+    queue settling_;             /* presences that are reported once more at that time */
+    time_point apart_from_ = {}; /* no port that is set apart is read before */
     int access_error_ = 0;
 };
 

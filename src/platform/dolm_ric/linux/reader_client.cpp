@@ -49,9 +49,19 @@ void reader_client::disconnect()
 
 int reader_client::connect_reader()
 {
-    sockaddr_un address = {};
+    const auto now = std::chrono::steady_clock::now();
     if (fd_ >= 0)
         return 0;
+    if (now >= connect_from_)
+        connect_error_ = connect_now();
+    if (fd_ < 0 && now >= connect_from_)
+        connect_from_ = now + std::chrono::seconds(1);
+    return connect_error_;
+}
+
+int reader_client::connect_now()
+{
+    sockaddr_un address = {};
     if (where_.starts_with(inherited_prefix) || where_.size() >= sizeof(address.sun_path))
         return ENOTCONN;
     address.sun_family = AF_UNIX;

@@ -24,18 +24,21 @@ class reader_client final : public module_access
     reader_client(const reader_client &) = delete;
     reader_client &operator=(const reader_client &) = delete;
 
-    /* Connects if need be. ENOTCONN if there is no reader, EACCES if it may not be used, ETIMEDOUT
-       if it doesn't answer. */
+    /* Connects if need be; after a failure not again for a second. ENOTCONN if there is no reader,
+       EACCES if it may not be used, ETIMEDOUT if it doesn't answer. */
     void read(std::span<piece> pieces) override;
 
   private:
     int connect_reader();
+    int connect_now();
     int exchange(std::span<piece> pieces);
     void disconnect();
 
     std::string where_;
     int stop_fd_;
     int fd_ = -1;
+    int connect_error_ = 0;
+    std::chrono::steady_clock::time_point connect_from_ = {};
 };
 
 } // namespace linux_board
