@@ -17,16 +17,16 @@
 #include <sys/socket.h>
 #include <vector>
 
-namespace
-{
-
 using linux_board::link_report;
 using linux_board::link_table;
 using linux_board::link_values;
 using linux_board::parse_link;
 using std::chrono::milliseconds;
 
-constexpr unsigned up_flags = IFF_UP | IFF_LOWER_UP | IFF_RUNNING;
+static constexpr unsigned up_flags = IFF_UP | IFF_LOWER_UP | IFF_RUNNING;
+
+namespace
+{
 
 /* Events as text: s(topped), d(own), u(p); i and the index for another interface. */
 class recorder final : public linux_board::link_listener
@@ -86,7 +86,9 @@ class link_table_test : public testing::Test
     link_table table{events};
 };
 
-netlink::message message_of(netlink::request &question, std::vector<uint8_t> &storage)
+} // namespace
+
+static netlink::message message_of(netlink::request &question, std::vector<uint8_t> &storage)
 {
     const netlink::byte_view bytes = question.finish(9);
     storage.assign(bytes.begin(), bytes.end());
@@ -309,5 +311,3 @@ TEST_F(link_table_test, a_speed_is_shown_while_the_link_is_operational)
     take(report(2, 1, 2));
     EXPECT_EQ(0x1000u, events.speed);
 }
-
-} // namespace

@@ -15,9 +15,6 @@
 #include <string_view>
 #include <vector>
 
-namespace
-{
-
 using linux_board::module_contents;
 using linux_board::module_poller;
 using linux_board::module_presence;
@@ -26,7 +23,10 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using time_point = module_poller::time_point;
 
-constexpr int32_t index_of_port_0 = 100;
+static constexpr int32_t index_of_port_0 = 100;
+
+namespace
+{
 
 struct cage {
     std::optional<module_images::image> module = {};
@@ -151,6 +151,8 @@ class linux_modules_test : public testing::Test, public linux_board::module_list
     module_poller::duration oldest{0};
     std::vector<int> accesses;
 };
+
+} // namespace
 
 TEST_F(linux_modules_test, a_module_comes_is_replaced_between_two_looks_and_goes)
 {
@@ -349,5 +351,3 @@ TEST_F(linux_modules_test, half_of_512_ports_may_fail_and_the_others_stay_fresh)
         EXPECT_LE(oldest, seconds(5) + bad.cost) << bad.error << " " << bad.cost.count();
     }
 }
-
-} // namespace

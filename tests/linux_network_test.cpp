@@ -24,15 +24,15 @@
 #include <thread>
 #include <unistd.h>
 
-namespace
-{
-
 using linux_board::link_report;
 using linux_board::link_values;
 
-constexpr uint32_t stopped = DOLM_RICRILINKSTATE_STOPPED;
-constexpr uint32_t down = DOLM_RICRILINKSTATE_NOOPERATION;
-constexpr uint32_t up = DOLM_RICRILINKSTATE_OPERATIONAL;
+static constexpr uint32_t stopped = DOLM_RICRILINKSTATE_STOPPED;
+static constexpr uint32_t down = DOLM_RICRILINKSTATE_NOOPERATION;
+static constexpr uint32_t up = DOLM_RICRILINKSTATE_OPERATIONAL;
+
+namespace
+{
 
 /* What a follower reports of one port; its events as in "sdu". */
 class watcher final : public linux_board::follower_listener
@@ -121,6 +121,8 @@ class linux_network_test : public testing::Test
     std::unique_ptr<linux_board::link_follower> follower;
 };
 
+} // namespace
+
 TEST_F(linux_network_test, every_flap_of_a_tap_is_counted_though_the_kernel_merges_them)
 {
     const auto tap = make_tap("t0");
@@ -205,6 +207,9 @@ TEST_F(linux_network_test, a_read_asks_the_kernel_afresh)
     EXPECT_TRUE(testkit::sanitized || taken < std::chrono::milliseconds(500));
 }
 
+namespace
+{
+
 /* The executable as it ships, on the library of the Linux board. */
 class linux_server_test : public linux_network_test
 {
@@ -274,6 +279,8 @@ class linux_server_test : public linux_network_test
     pid_t server = -1;
 };
 
+} // namespace
+
 TEST_F(linux_server_test, a_module_in_a_file_is_inserted_replaced_and_removed)
 {
     add_started_pair();
@@ -320,5 +327,3 @@ TEST_F(linux_server_test, clients_see_the_true_state_after_any_storm_of_flaps)
     net->start("b0");
     EXPECT_EQ("2@100", next()) << "the server knew that the link was down";
 }
-
-} // namespace

@@ -40,14 +40,6 @@ namespace
 
 using module_reader::reader_ports;
 
-/* The first socket that systemd passes. */
-constexpr int systemd_socket = 3;
-
-/* tesk-server is one client; others wait in the queue of the socket. */
-constexpr size_t most_clients = 4;
-
-constexpr int wrong_usage = 2;
-
 enum class task : uint8_t { serve, print_ports };
 
 struct options {
@@ -63,6 +55,14 @@ struct endpoint {
 };
 
 } // namespace
+
+/* The first socket that systemd passes. */
+static constexpr int systemd_socket = 3;
+
+/* tesk-server is one client; others wait in the queue of the socket. */
+static constexpr size_t most_clients = 4;
+
+static constexpr int wrong_usage = 2;
 
 static void print_usage()
 {

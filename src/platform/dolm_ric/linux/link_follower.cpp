@@ -111,15 +111,15 @@ bool link_follower::drain()
             continue;
         }
         netlink::byte_view rest = next.datagram;
-        while (const auto message = netlink::take_message(rest))
-            take(*message);
+        while (const auto notice = netlink::take_message(rest))
+            take(*notice);
     }
     return false;
 }
 
-void link_follower::take(const netlink::message &message)
+void link_follower::take(const netlink::message &notice)
 {
-    if (const auto report = parse_link(message))
+    if (const auto report = parse_link(notice))
         take_report(*report, link_table::origin::notice);
 }
 

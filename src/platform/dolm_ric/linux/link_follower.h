@@ -60,7 +60,7 @@ class link_follower
   private:
     void run();
     bool drain();
-    void take(const netlink::message &message);
+    void take(const netlink::message &notice);
     void take_report(const link_report &report, link_table::origin from);
     void read_all();
     void ask_about(int32_t index);

@@ -29,7 +29,7 @@ struct link_report {
 
 /* Nothing for a message about anything else, such as the copies that a bridge sends of its ports:
    those lack the counters. */
-std::optional<link_report> parse_link(const netlink::message &message);
+std::optional<link_report> parse_link(const netlink::message &from);
 
 /* A question for one interface; for all with an index of 0. */
 netlink::request link_question(int32_t index);
