@@ -35,7 +35,6 @@ class recorder final : public linux_board::link_listener
     void link_changed(uint32_t, const link_values &now) override
     {
         events += "sdu"[now.state];
-        speed = now.speed;
     }
     void link_fell(uint32_t, uint32_t count) override
     {
@@ -50,7 +49,6 @@ class recorder final : public linux_board::link_listener
         return std::exchange(events, {});
     }
     std::string events;
-    uint32_t speed = 0;
     uint64_t falls = 0;
 };
 
@@ -116,21 +114,6 @@ TEST(netlink_test, messages_and_attributes_end_where_a_length_is_wrong)
         EXPECT_TRUE(netlink::find_attribute(bad, IFLA_IFNAME).empty()) << length;
     }
     EXPECT_EQ("eth0", netlink::read_text(netlink::find_attribute(attributes, IFLA_IFNAME)));
-}
-
-TEST(netlink_test, an_error_report_gives_its_number_whatever_it_holds)
-{
-    struct row {
-        std::vector<uint8_t> body;
-        int error;
-    };
-    const row rows[] = {{{0, 0, 0, 0}, 0},
-                        {{0xea, 0xff, 0xff, 0xff, 9, 9}, EINVAL},
-                        {{1, 0, 0, 0}, EBADMSG},
-                        {{0, 0, 0, 0x80}, EBADMSG},
-                        {{0, 0, 0}, EBADMSG}};
-    for (const row &one : rows)
-        EXPECT_EQ(one.error, netlink::error_of({NLMSG_ERROR, 0, 0, one.body}));
 }
 
 TEST(link_report_test, a_link_is_operational_only_while_carrier_and_kernel_say_so)
@@ -296,18 +279,4 @@ TEST_F(link_table_test, a_burst_is_announced_once_more_when_it_has_settled)
     table.announce_settled(now + link_table::settle_time);
     EXPECT_EQ("d", events.take());
     EXPECT_FALSE(table.next_settling());
-}
-
-TEST_F(link_table_test, a_speed_is_shown_while_the_link_is_operational)
-{
-    take(report(2, 0, 1));
-    table.take_speed(7, 0x1000, 1, now);
-    EXPECT_EQ("u", events.take());
-    EXPECT_EQ(0x1000u, events.speed);
-    take(report(1, 1, 1));
-    EXPECT_EQ(0u, events.speed);
-    table.take_speed(8, 5, 1, now);
-    EXPECT_EQ("", events.take()) << "no port's interface";
-    take(report(2, 1, 2));
-    EXPECT_EQ(0x1000u, events.speed);
 }
