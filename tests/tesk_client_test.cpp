@@ -5,11 +5,14 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <mbx.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -406,6 +409,67 @@ TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)
     tesk_client_read_capabilities(session, &capability, 1, &count); // takes the wake-up first
     EXPECT_EQ(tesk_client_run(session, -1), TESK_CLIENT_OK);
     EXPECT_EQ(tesk_client_run(session, 0), TESK_CLIENT_OK);
+}
+
+TEST(port_map, is_read_whole_or_its_wrong_line_is_named)
+{
+    char folder[] = "/tmp/port-map-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string path = std::string(folder) + "/ports", link = path + ".link",
+                      fifo = path + ".fifo";
+    ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::string read;
+    const auto each = [](uint32_t port_no, const char *name, void *user) {
+        *static_cast<std::string *>(user) += std::to_string(port_no) + "=" + name + " ";
+    };
+    auto expect = [&](const std::string &file, tesk_client_result result, const std::string &text) {
+        read.clear();
+        EXPECT_EQ(tesk_client_read_port_map(file.c_str(), each, &read), result) << text;
+        if (result == TESK_CLIENT_OK)
+            EXPECT_EQ(read, text);
+        else
+            EXPECT_TRUE(read.empty() && strstr(tesk_client_error(), text.c_str()) != nullptr)
+                << read << tesk_client_error() << " and not " << text;
+    };
+    expect(path, TESK_CLIENT_NO_PORT_MAP, path);
+    const std::string head = "# tesk-ports 1\n";
+    const struct {
+        std::string content;
+        tesk_client_result result;
+        std::string text;
+    } cases[] = {
+        {head, TESK_CLIENT_OK, ""},
+        {head + "0\teth0\n7\ta\\\x1b\t\xff\n65534\tx\n", TESK_CLIENT_OK,
+         "0=eth0 7=a\\\\\\x1b\\x09\\xff 65534=x "},
+        {head + std::string("1\ta\0b\n", 6), TESK_CLIENT_OK, "1=a\\x00b "},
+        {"", TESK_CLIENT_BAD_PORT_MAP, "line 1: "},
+        {"# tesk-ports 2\n0\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 1: "},
+        {head + "0\ta\n1 b\n", TESK_CLIENT_BAD_PORT_MAP, "line 3: "},
+        {head + "0\ta\n0\tb\n", TESK_CLIENT_BAD_PORT_MAP, "line 3: port 0 must"},
+        {head + "2\ta\n1\tb\n", TESK_CLIENT_BAD_PORT_MAP, "line 3: port 1 must"},
+        {head + "65535\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
+        {head + "-1\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
+        {head + "99999999999\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
+        {head + "\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
+        {head + "1\t\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
+        {head + "1\ta\n2\tb", TESK_CLIENT_BAD_PORT_MAP, "line 3: has no end"},
+        {head + "1\t" + std::string((4 << 20) - head.size() - 3, 'x') + "\n", TESK_CLIENT_OK,
+         "1=" + std::string((4 << 20) - head.size() - 3, 'x') + " "},
+        {head + "1\t" + std::string(4 << 20, 'x') + "\n", TESK_CLIENT_BAD_PORT_MAP, "4 MiB"},
+    };
+    for (const auto &row : cases) {
+        std::ofstream(path) << row.content;
+        expect(path, row.result, row.text);
+    }
+    setenv("DOLM_RIC_PORT_MAP", path.c_str(), 1);
+    EXPECT_EQ(tesk_client_read_port_map(nullptr, each, &read), TESK_CLIENT_BAD_PORT_MAP);
+    unsetenv("DOLM_RIC_PORT_MAP");
+    expect(link, TESK_CLIENT_BAD_PORT_MAP, "link");
+    expect(fifo, TESK_CLIENT_BAD_PORT_MAP, "regular");
+    expect("/dev/zero", TESK_CLIENT_BAD_PORT_MAP, "regular");
+    EXPECT_EQ(tesk_client_read_port_map(path.c_str(), nullptr, &read), TESK_CLIENT_MISUSE);
+    std::filesystem::remove_all(folder);
 }
 
 } // namespace

@@ -27,14 +27,16 @@ typedef struct tesk_client_session tesk_client_session;
 
 typedef enum tesk_client_result {
     TESK_CLIENT_OK = 0,
-    TESK_CLIENT_REJECTED = 1,  /* the server refused and gave a text */
-    TESK_CLIENT_MISUSE = 2,    /* a wrong argument, thread or moment; nothing was sent */
-    TESK_CLIENT_NO_SERVER = 3, /* nobody answers to the server's name */
-    TESK_CLIENT_NO_ACCESS = 4, /* the server's mailbox is there, but not for this user */
-    TESK_CLIENT_TIMEOUT = 5,   /* no answer before the deadline; what the server did is unknown */
-    TESK_CLIENT_LOST = 6,      /* the server went away before it answered */
-    TESK_CLIENT_CANCELLED = 7, /* the session was closed before the answer came */
-    TESK_CLIENT_FAILED = 8,    /* the system or the mailbox library failed */
+    TESK_CLIENT_REJECTED = 1,    /* the server refused and gave a text */
+    TESK_CLIENT_MISUSE = 2,      /* a wrong argument, thread or moment; nothing was sent */
+    TESK_CLIENT_NO_SERVER = 3,   /* nobody answers to the server's name */
+    TESK_CLIENT_NO_ACCESS = 4,   /* the server's mailbox or the port map is not for this user */
+    TESK_CLIENT_TIMEOUT = 5,     /* no answer before the deadline; what the server did is unknown */
+    TESK_CLIENT_LOST = 6,        /* the server went away before it answered */
+    TESK_CLIENT_CANCELLED = 7,   /* the session was closed before the answer came */
+    TESK_CLIENT_FAILED = 8,      /* the system or the mailbox library failed */
+    TESK_CLIENT_NO_PORT_MAP = 9, /* the port map isn't there */
+    TESK_CLIENT_BAD_PORT_MAP = 10, /* it is not a port map; tesk_client_error says which line */
 } tesk_client_result;
 
 /* The enumerations of the server. Fields that hold them are plain words, since a newer server may
@@ -302,6 +304,18 @@ typedef void (*tesk_client_answered)(const tesk_client_answer *answer, void *use
 tesk_client_result tesk_client_request(tesk_client_session *session,
                                        tesk_client_request_type request, uint32_t port_no,
                                        tesk_client_answered answered, void *user);
+
+/* Receives a port of the port map. The name is escaped: printable ASCII, a backslash doubled, every
+   other byte as \xNN. It is good until the callback returns. */
+typedef void (*tesk_client_port_named)(uint32_t port_no, const char *name, void *user);
+
+/* Reads the file in which the board library names its ports, in ascending order of their numbers.
+   A null `path` stands for the environment's DOLM_RIC_PORT_MAP, else /run/dolm_ric/ports. The whole
+   file is read and checked first: on failure `each` is never called. Needs no session and no
+   server; any thread. `each` must not throw. TESK_CLIENT_NO_PORT_MAP where there is no such file.
+ */
+tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_named each,
+                                             void *user);
 
 /* What went wrong in the calling thread's last call that failed: for TESK_CLIENT_REJECTED the
    server's words. Good until its next call. Never null. */

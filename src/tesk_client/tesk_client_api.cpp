@@ -5,9 +5,11 @@
    at the latest, and the loop doesn't end before.
 
    C callers see no exceptions. Only connecting opens descriptors, and so can fail by one. */
+#include "tesk_client/tesk_client_port_map.h"
 #include "tesk_client/tesk_client_session.h"
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <system_error>
 
 namespace
@@ -200,6 +202,17 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
         /* Oldest first: the newest are at the end. */
         std::copy_n(answer.history + (answer.count - *count), *count, records);
     });
+}
+
+tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_named each,
+                                             void *user)
+try {
+    if (each == nullptr)
+        return fail(TESK_CLIENT_MISUSE, "no function for the ports");
+    const outcome read = read_port_map(path, each, user);
+    return read.result == TESK_CLIENT_OK ? TESK_CLIENT_OK : fail(read.result, read.text);
+} catch (const std::bad_alloc &) {
+    return fail(TESK_CLIENT_FAILED);
 }
 
 const char *tesk_client_error(void)

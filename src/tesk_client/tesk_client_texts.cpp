@@ -17,8 +17,10 @@ constexpr const char *result_texts[] = {
     "the server went away",
     "cancelled",
     "the system failed",
+    "there is no port map",
+    "the port map is wrong",
 };
-static_assert(std::size(result_texts) == TESK_CLIENT_FAILED + 1);
+static_assert(std::size(result_texts) == TESK_CLIENT_BAD_PORT_MAP + 1);
 
 constexpr const char *sfp_type_texts[] = {"not present", "electrical", "optical", "unknown"};
 constexpr const char *link_texts[] = {"stopped", "not operational", "operational"};

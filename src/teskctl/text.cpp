@@ -43,19 +43,6 @@ std::vector<std::string> wrap(std::string_view text, size_t width)
 
 } // namespace
 
-std::string escape(std::string_view bytes)
-{
-    std::string text;
-    for (const char byte : bytes)
-        if (byte == '\\')
-            text += "\\\\";
-        else if (byte >= ' ' && byte <= '~')
-            text += byte;
-        else
-            text += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
-    return text;
-}
-
 std::string paint(const std::string &text, tint shade, bool enabled)
 {
     static constexpr const char *codes[] = {"", "32", "33", "31", "2", "1"};

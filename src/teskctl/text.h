@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tesk_client/tesk_client.h"
+#include "util/escape.h"
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -10,9 +11,6 @@
 #include <vector>
 
 using json_object = nlohmann::ordered_json; /* keys stay in the order in which they are set */
-
-/* Printable ASCII as it is, a backslash doubled, every other byte as \xNN. */
-std::string escape(std::string_view bytes);
 
 enum class tint { none, green, yellow, red, dim, bold };
 std::string paint(const std::string &text, tint shade, bool enabled);
