@@ -24,7 +24,9 @@ static constexpr uint32_t deadline_ms = 2000;
 static constexpr milliseconds first_pause{100};
 static constexpr milliseconds longest_pause{2000};
 static constexpr uint32_t probed_ports = 128; /* where nothing says which there are */
-static constexpr int32_t no_such_port = 2;    /* the server's error code */
+/* A port that was refused though its number was given is asked for again every so many rounds: the
+   server writes a trace for each refusal. */
+static constexpr uint64_t rounds_between_tries = 20;
 
 static milliseconds until(steady_time end)
 {
@@ -59,6 +61,7 @@ collector::port_map collector::wanted_ports()
     bool has_map = false;
     const auto names = interface_names(has_map);
     port_map wanted;
+    is_probing_ = !settings_.ports && !has_map;
     if (settings_.ports)
         for (const uint32_t port_no : *settings_.ports)
             wanted[port_no];
@@ -137,14 +140,24 @@ void collector::update_ports()
             subscribe(port_no);
 }
 
+void collector::renew_subscription(uint32_t port_no, followed &port)
+{
+    const bool is_tried_again =
+        port.is_absent && !is_probing_ && rounds_ % rounds_between_tries == 0;
+    if (!port.is_unsure && !is_tried_again)
+        return;
+    port.is_unsure = port.is_absent = false;
+    resubscribe(port_no);
+}
+
 void collector::begin_round()
 {
     is_in_round_ = true;
+    rounds_++;
     to_read_.clear(); /* of a round that is slower than the interval */
     for (auto &[port_no, port] : ports_) {
         to_read_.push_back(port_no);
-        if (std::exchange(port.is_unsure, false))
-            resubscribe(port_no);
+        renew_subscription(port_no, port);
     }
     read_next();
 }
@@ -155,7 +168,8 @@ void collector::read_next()
         const uint32_t port_no = to_read_.front();
         to_read_.pop_front();
         const auto port = ports_.find(port_no);
-        if (port == ports_.end() || port->second.is_reading || port->second.is_absent)
+        if (port == ports_.end() || port->second.is_reading || port->second.is_absent ||
+            port->second.is_empty)
             continue;
         port->second.is_reading = true;
         request(TESK_CLIENT_REQUEST_PM, port_no);
@@ -164,20 +178,13 @@ void collector::read_next()
         facts_.post(round_fact{});
 }
 
-static bool is_unknown_port(const tesk_client_answer &answer)
-{
-    return answer.result == TESK_CLIENT_REJECTED && answer.error_code == no_such_port;
-}
-
 void collector::subscription_answered(const tesk_client_answer &answer, followed &port)
 {
     const bool subscribes = answer.request == TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO ||
                             answer.request == TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS;
-    if (!subscribes)
-        return;
-    if (answer.result == TESK_CLIENT_TIMEOUT)
+    if (subscribes && answer.result == TESK_CLIENT_TIMEOUT)
         port.is_unsure = true;
-    if (is_unknown_port(answer) && !std::exchange(port.is_absent, true))
+    if (subscribes && answer.result == TESK_CLIENT_REJECTED && !std::exchange(port.is_absent, true))
         facts_.post(gone_fact{answer.port_no});
 }
 
@@ -188,13 +195,24 @@ void collector::read_answered(const tesk_client_answer &answer, const sent_reque
     if (port == ports_.end())
         return;
     port->second.is_reading = false;
-    if (is_unknown_port(answer) && !std::exchange(port->second.is_gone, true))
-        facts_.post(gone_fact{answer.port_no});
-    if (answer.pm == nullptr)
+    if (answer.pm != nullptr)
+        facts_.post(reading_fact{*answer.pm});
+}
+
+void collector::read_at_once(uint32_t port_no)
+{
+    to_read_.push_front(port_no);
+    read_next();
+}
+
+void collector::take(const tesk_client_sfp_info &info)
+{
+    facts_.post(info);
+    const auto port = ports_.find(info.port_no);
+    if (port == ports_.end())
         return;
-    facts_.post(reading_fact{*answer.pm});
-    if (std::exchange(port->second.is_gone, false))
-        resubscribe(answer.port_no);
+    port->second.is_empty = info.type == TESK_CLIENT_SFP_NOT_PRESENT;
+    read_at_once(info.port_no);
 }
 
 void collector::answered(const tesk_client_answer &answer, const sent_request &sent)
@@ -216,13 +234,12 @@ bool collector::connect()
     options.deadline_ms = deadline_ms;
     options.user = this;
     options.on_sfp_info = [](const tesk_client_sfp_info *info, void *user) {
-        static_cast<collector *>(user)->facts_.post(*info);
+        static_cast<collector *>(user)->take(*info);
     };
     options.on_port_status = [](const tesk_client_port_status *status, void *user) {
         auto *self = static_cast<collector *>(user);
         self->facts_.post(*status);
-        self->to_read_.push_front(status->port_no);
-        self->read_next();
+        self->read_at_once(status->port_no);
     };
     if (tesk_client_connect(&options, &session_) == TESK_CLIENT_OK)
         return true;
@@ -259,6 +276,7 @@ void collector::run()
             ports_.clear();
             to_read_.clear();
             is_in_round_ = false;
+            rounds_ = 0;
             tesk_client_close(std::exchange(session_, nullptr));
         }
         thread_.wait(-1, pause);

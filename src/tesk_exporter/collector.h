@@ -36,8 +36,8 @@ class collector
     struct followed {
         std::string interface;
         bool is_reading = false; /* a request for its values is under way */
-        bool is_absent = false;  /* refused as unknown: it isn't asked for again */
-        bool is_gone = false;    /* it was there once, and is looked for in each round */
+        bool is_empty = false;   /* without a module, and so without values to read */
+        bool is_absent = false;  /* the server refused to subscribe to it */
         bool is_unsure = false;  /* a subscription was not answered in time */
     };
     /* A request under way; the callback owns it. */
@@ -53,6 +53,9 @@ class collector
     void follow();
     port_map wanted_ports();
     std::map<uint32_t, std::string> interface_names(bool &has_map);
+    void take(const tesk_client_sfp_info &info);
+    void read_at_once(uint32_t port_no);
+    void renew_subscription(uint32_t port_no, followed &port);
     void update_ports();
     void subscribe(uint32_t port_no);
     void unsubscribe(uint32_t port_no);
@@ -72,8 +75,10 @@ class collector
     size_t reads_ = 0;         /* under way */
     size_t subscriptions_ = 0; /* requests for them under way */
     bool is_in_round_ = false;
-    std::string map_error_; /* the last one, which is written once */
-    worker thread_;         /* the last: it uses all the others */
+    uint64_t rounds_ = 0;     /* of this connection */
+    bool is_probing_ = false; /* nothing says which ports there are */
+    std::string map_error_;   /* the last one, which is written once */
+    worker thread_;           /* the last: it uses all the others */
 };
 
 } // namespace exporter

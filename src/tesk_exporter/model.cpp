@@ -76,17 +76,21 @@ static std::string labels_of(uint32_t number, const std::string &interface)
     return labels;
 }
 
-port_state &model::port(uint32_t number)
+/* The port, made where it is new; null where it isn't followed any more, since a report may have
+   been under way. */
+port_state *model::wanted(uint32_t number)
 {
+    const auto interface = interfaces_.find(number);
+    if (interface == interfaces_.end())
+        return nullptr;
     const auto [found, is_new] = ports_.try_emplace(number);
     port_state &port = found->second;
     if (is_new) {
         port.number = number;
-        if (const auto name = interfaces_.find(number); name != interfaces_.end())
-            port.interface = name->second;
+        port.interface = interface->second;
         port.labels = labels_of(number, port.interface);
     }
-    return port;
+    return &port;
 }
 
 void model::take(const ports_fact &reported, const moment &)
@@ -120,7 +124,10 @@ void model::take(const connection_fact &reported, const moment &now)
 
 void model::take(const tesk_client_sfp_info &info, const moment &now)
 {
-    port_state &known = port(info.port_no);
+    port_state *const found = wanted(info.port_no);
+    if (found == nullptr)
+        return;
+    port_state &known = *found;
     known.sfp_indications++;
     const bool is_initial = std::exchange(known.is_info_initial, false) || !known.info;
     const bool is_other = !known.info || !is_same(*known.info, info);
@@ -140,7 +147,10 @@ void model::take(const tesk_client_sfp_info &info, const moment &now)
 
 void model::take(const tesk_client_port_status &status, const moment &now)
 {
-    port_state &known = port(status.port_no);
+    port_state *const found = wanted(status.port_no);
+    if (found == nullptr)
+        return;
+    port_state &known = *found;
     known.status_indications++;
     known.graded_at = now.steady;
     known.graded_values.reset(); /* the collector reads the port right now */
@@ -158,7 +168,10 @@ void model::take(const tesk_client_port_status &status, const moment &now)
 
 void model::take(const reading_fact &reported, const moment &now)
 {
-    port_state &known = port(reported.pm.port_no);
+    port_state *const found = wanted(reported.pm.port_no);
+    if (found == nullptr)
+        return;
+    port_state &known = *found;
     known.reading = reported.pm;
     known.read_at = now.steady;
     if (!known.graded_values)

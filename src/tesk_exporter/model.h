@@ -108,11 +108,11 @@ class model
     void take(const request_fact &reported, const moment &now);
     void take(const gone_fact &reported, const moment &now);
     void take(const round_fact &reported, const moment &now);
-    port_state &port(uint32_t number);
+    port_state *wanted(uint32_t number);
 
     event_ring &events_;
     std::map<uint32_t, port_state> ports_;
-    std::map<uint32_t, std::string> interfaces_;
+    std::map<uint32_t, std::string> interfaces_; /* of the ports that are followed */
     bool is_connected_ = false;
     bool is_answering_ = false;
     bool is_read_ = false;
