@@ -56,9 +56,10 @@ stop_service() { # NAME
     local as_root=()
     [ "$(id -u)" -eq 0 ] || as_root=(sudo)
     if [ -d /run/systemd/system ]; then
-        "${as_root[@]}" systemctl disable --now "$1" >/dev/null 2>&1
+        "${as_root[@]}" systemctl disable --now "$1" >/dev/null 2>&1 ||
+            say "could not stop $1"
     else
-        "${as_root[@]}" service "$1" stop >/dev/null 2>&1
+        "${as_root[@]}" service "$1" stop >/dev/null 2>&1 || say "could not stop $1"
     fi
 }
 

@@ -2,6 +2,7 @@
 #include "tesk_exporter/listener.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <netdb.h>
 #include <stdexcept>
@@ -45,6 +46,11 @@ static int open_inet(const std::string &where)
     std::string host = where.substr(0, colon);
     if (host.front() == '[' && host.back() == ']')
         host = host.substr(1, host.size() - 2);
+    uint16_t port = 0; /* getaddrinfo takes larger numbers, and cuts them */
+    const auto [end, error] =
+        std::from_chars(where.data() + colon + 1, where.data() + where.size(), port);
+    if (error != std::errc{} || end != where.data() + where.size())
+        fail(where, "is no numeric address and port");
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;

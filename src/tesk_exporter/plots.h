@@ -2,8 +2,8 @@
 /* plots - the measured values of one port over the last day in fixed memory. Main thread only.
 
    The last hour is kept in slots of 15 s, which hold the last value that was read in them; the last
-   day in slots of 5 minutes, which hold the least and the greatest one, so that a short dip is
-   still there. Values are 16-bit: 10 bytes a short slot, 20 a long one, 8160 for a port, which are
+   day in slots of 10 minutes, which hold the least and the greatest one, so that a short dip is
+   still there. Values are 16-bit: 10 bytes a short slot, 20 a long one, 5280 for a port, which are
    taken when its first value comes. */
 #pragma once
 
@@ -32,9 +32,9 @@ class plots
   public:
     static constexpr int16_t absent = INT16_MIN;
     static constexpr uint64_t hour_step_s = 15;
-    static constexpr uint64_t day_step_s = 300;
+    static constexpr uint64_t day_step_s = 600;
     static constexpr size_t hour_slots = 240;
-    static constexpr size_t day_slots = 288;
+    static constexpr size_t day_slots = 144;
 
     using slot = std::array<int16_t, plotted_values>;
     struct range {
