@@ -3,7 +3,7 @@
    sockets when run() is called. A stream that has been given all events is suspended; an event, or
    the comment that shows whether its reader is still there, resumes it.
 
-   While a connection is suspended the library doesn't notice its end, so look_at_readers() does.
+   While a connection is suspended the library doesn't notice its end, so end_gone_readers() does.
 
    Rendering takes the most time, so that its results are shared for a short while: a thousand
    scrapes a second cost a few renderings. A body lives for as long as its slowest reader; while as
@@ -135,24 +135,38 @@ void http_server::drop_old_bodies(steady_time now)
             MHD_destroy_response(std::exchange(body.response, nullptr));
 }
 
+void http_server::resume(event_reader &reader)
+{
+    if (!std::exchange(reader.from->is_waiting, false))
+        return;
+    reader.from->since = steady_clock::now();
+    MHD_resume_connection(reader.http);
+}
+
 void http_server::continue_streams()
 {
     for (event_reader *reader : readers_)
-        if (std::exchange(reader->from->is_waiting, false)) {
-            reader->from->since = steady_clock::now();
-            MHD_resume_connection(reader->http);
-        }
+        resume(*reader);
 }
 
-/* Ends the readers that have closed their side, and has the others written a comment, so that those
-   whose machine is gone are noticed, too. */
-void http_server::look_at_readers()
+/* Those who have closed their side. */
+void http_server::end_gone_readers()
 {
     for (event_reader *reader : readers_) {
         pollfd polled{reader->from->fd, POLLRDHUP, 0};
-        reader->is_gone = poll(&polled, 1, 0) > 0;
-        reader->events.request_comment();
+        if (poll(&polled, 1, 0) > 0) {
+            reader->is_gone = true;
+            resume(*reader);
+        }
     }
+}
+
+/* The others are written a comment: it shows whether their machine is still there. */
+void http_server::look_at_readers()
+{
+    end_gone_readers();
+    for (event_reader *reader : readers_)
+        reader->events.request_comment();
     continue_streams();
 }
 
@@ -445,7 +459,7 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
     const bool is_route = found != std::end(routes);
     const place kind = is_route ? found->kind : place::page;
     if (kind == place::stream && connections_.taken(kind) >= places[static_cast<size_t>(kind)])
-        look_at_readers(); /* some of them may have gone; their places are free in a moment */
+        end_gone_readers(); /* their places are free in a moment */
     if (!connections_.take_place(request.from, kind, request.now.steady))
         return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "all places are taken");
     return is_route ? (this->*found->handle)(request) : send_file(request, path);

@@ -84,7 +84,9 @@ class http_server
     MHD_Result send_readiness(const http_request &request);
     MHD_Result send_file(const http_request &request, std::string_view path);
     const port_state *port_of(const http_request &request, unsigned &status) const;
+    void end_gone_readers();
     void look_at_readers();
+    void resume(event_reader &reader);
     void drop_old_bodies(steady_time now);
 
     const settings &settings_;
