@@ -9,7 +9,8 @@ packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gco
               mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu g++-s390x-linux-gnu
               prometheus)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
-                libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler)
+                libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler
+                prometheus-node-exporter)
 
 say() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
