@@ -26,3 +26,13 @@ function(tesk_export_only target)
   target_link_options(${target} PRIVATE LINKER:--version-script=${map})
   set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map} INSTALL_RPATH "$ORIGIN")
 endfunction()
+
+# tesk_install_man(PAGE COMPONENT..): installs a manual page with the version of the project in it.
+function(tesk_install_man page)
+  cmake_path(GET page FILENAME name)
+  cmake_path(GET page EXTENSION LAST_ONLY section)
+  string(SUBSTRING ${section} 1 -1 section)
+  configure_file(${page} ${CMAKE_CURRENT_BINARY_DIR}/man/${name} @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/${name}
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} ${ARGN})
+endfunction()

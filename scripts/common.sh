@@ -1,13 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
-# Sourced by the commands at the top of the tree, by those of scripts, and by the tests of what is
-# installed: what they all need before they can do their own work.
+# shellcheck shell=bash disable=SC2034 # sourced; the lists are for those who source it
+# What the commands of the tree share: packages, builds, messages. Sourced by them and by the tests of
+# what is installed.
 
 # The packages by what needs them. Everything comes from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
                 libfmt-dev nlohmann-json3-dev)
 packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
-              mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu g++-s390x-linux-gnu)
+              shellcheck pyflakes3 mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu g++-s390x-linux-gnu)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
                 libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler)
 
@@ -20,7 +21,7 @@ fail() {
     exit 1
 }
 
-# Installs what of the given packages is missing; says what it does, since that takes a while.
+# Installs those of the given packages that are missing.
 require_packages() {
     local missing=() package
     for package in "$@"; do
@@ -48,15 +49,32 @@ require_packages() {
     rm -f "$log"
 }
 
-# configure_and_build PRESET [cmake option..]: quiet when all goes well.
+# Follows a build on standard error: how far it is, [n/m], in place on a terminal, else every 15 s.
+show_progress() {
+    local line next=$((SECONDS + 15))
+    while IFS= read -r line; do
+        [[ $line =~ ^\[[0-9]+/[0-9]+\] ]] || continue
+        if [ -t 2 ]; then
+            printf '\r%s: %.70s\033[K' "${0##*/}" "$line" >&2
+        elif [ "$SECONDS" -ge "$next" ]; then
+            say "${line%%]*}]"
+            next=$((SECONDS + 15))
+        fi
+    done
+    [ ! -t 2 ] || printf '\r\033[K' >&2
+}
+
+# configure_and_build PRESET [cmake option..]: the log stands in build/PRESET.log.
 configure_and_build() {
     local preset=$1
     shift
     local log=build/$preset.log
     mkdir -p build
-    say "building preset $preset in build/$preset (the first time takes a minute or two)"
-    if ! { cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
+    say "building preset $preset in build/$preset"
+    if ! { cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } 2>&1 |
+        tee "$log" | show_progress; then
         grep -E 'error|FAILED|Error' "$log" | head -n 20 >&2
         fail "the build of preset $preset failed: see $log"
     fi
+    ! grep -q 'ninja: no work to do' "$log" || say "preset $preset is up to date"
 }
