@@ -2,10 +2,16 @@
 /* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
    codes and reconnection against the real server on the simulated board. */
 #include "testkit/processes/processes.h"
-#include "tools/teskctl/port_list.h"
-#include "tools/teskctl/tool.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/json_records.h"
+#include "tools/common/port_list.h"
+#include "tools/common/units.h"
+#include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_view.h"
+#include "tools/teskctl/words.h"
+#include "util/escape.h"
 
+#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +40,8 @@ TEST(teskctl, units_are_those_of_a_data_sheet)
     EXPECT_EQ(dbm(1000) + milliwatts(1000), "0.00 dBm1.000 mW");
     EXPECT_EQ(dbm(501), "-3.00 dBm");
     EXPECT_EQ(dbm(0), "< -30.00 dBm");
+    EXPECT_EQ(celsius(-399), "-39.9 C");
+    setlocale(LC_CTYPE, "C.UTF-8");
     EXPECT_EQ(celsius(-399), "-39.9 °C");
     EXPECT_EQ(volts(33000) + " " + milliamperes(601), "3.3000 V 6.01 mA");
     EXPECT_EQ(gbps(101), "10.1 Gbps");

@@ -5,6 +5,8 @@
    until their deadline, and so count as lost; watch's subscriptions are renewed by the session, and
    the first indications of the renewal tell what has changed meanwhile. */
 #include "tools/teskctl/commands.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
 
 #include <algorithm>
@@ -61,11 +63,11 @@ struct ping_statistics {
 
 } // namespace
 
-static void report_answer(const settings &settings, const reporter &report, uint64_t sequence,
+static void report_answer(const settings &common, const reporter &report, uint64_t sequence,
                           const tesk_client_answer &answer, double time)
 {
     const bool answered = answer.result == TESK_CLIENT_OK;
-    if (settings.json) {
+    if (common.json) {
         json_object object = {{"event", answered ? "answer" : "no answer"}, {"seq", sequence}};
         if (answered)
             object["time_ms"] = time;
@@ -79,7 +81,7 @@ static void report_answer(const settings &settings, const reporter &report, uint
     }
 }
 
-static void report_statistics(const settings &settings, const reporter &report,
+static void report_statistics(const settings &common, const reporter &report,
                               const ping_statistics &seen)
 {
     /* A request that is still on its way when the user ends it is neither answered nor lost. */
@@ -87,7 +89,7 @@ static void report_statistics(const settings &settings, const reporter &report,
     const double loss =
         done == 0 ? 0 : 100 * static_cast<double>(done - seen.answered) / static_cast<double>(done);
     const bool any = seen.answered > 0;
-    if (settings.json) {
+    if (common.json) {
         auto if_any = [any](double value) {
             return any ? json_object(value) : json_object(nullptr);
         };
@@ -108,28 +110,28 @@ static void report_statistics(const settings &settings, const reporter &report,
                                 seen.shortest, seen.average(), seen.longest, seen.deviation()));
 }
 
-exit_code run_ping(const settings &settings, const ping_options &options)
+exit_code run_ping(const settings &common, const ping_options &options)
 {
     event_loop loop;
-    const reporter report(settings);
+    const reporter report(common);
     ping_statistics seen;
     /* Stands behind what its callbacks capture, and so is closed before that goes. */
-    session session(settings, {{}, {}, [&](const auto &event) { report.heard(event); }}, true);
+    session server(common, {{}, {}, [&](const auto &event) { report.heard(event); }}, true);
     auto send = [&] {
         const uint64_t sequence = ++seen.sent;
         const steady_time start = steady_clock::now();
         seen.open++;
-        session.request(TESK_CLIENT_REQUEST_CAPABILITIES, 0,
-                        [&settings, &report, &seen, sequence, start](const auto &answer) {
-                            const std::chrono::duration<double, std::milli> time =
-                                steady_clock::now() - start;
-                            if (answer.result == TESK_CLIENT_CANCELLED)
-                                return; /* we are on the way out, and the statistics are written */
-                            seen.open--;
-                            if (answer.result == TESK_CLIENT_OK)
-                                seen.add(time.count());
-                            report_answer(settings, report, sequence, answer, time.count());
-                        });
+        server.request(TESK_CLIENT_REQUEST_CAPABILITIES, 0,
+                       [&common, &report, &seen, sequence, start](const auto &answer) {
+                           const std::chrono::duration<double, std::milli> time =
+                               steady_clock::now() - start;
+                           if (answer.result == TESK_CLIENT_CANCELLED)
+                               return; /* we are on the way out, and the statistics are written */
+                           seen.open--;
+                           if (answer.result == TESK_CLIENT_OK)
+                               seen.add(time.count());
+                           report_answer(common, report, sequence, answer, time.count());
+                       });
     };
     /* From due time to due time, not from answer to answer: a slow server is asked as often. */
     steady_time next = steady_clock::now();
@@ -141,17 +143,17 @@ exit_code run_ping(const settings &settings, const ping_options &options)
                 std::chrono::duration<double>(options.interval));
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
-        if (loop.wait(session, end) == event_loop::wake::signal)
+        if (loop.wait(server, end) == event_loop::wake::signal)
             break;
     }
-    report_statistics(settings, report, seen);
-    return seen.answered > 0 ? exit_done : exit_no_answer;
+    report_statistics(common, report, seen);
+    return seen.answered > 0 ? exit_code::done : exit_code::no_answer;
 }
 
-exit_code run_watch(const settings &settings, const watch_options &options)
+exit_code run_watch(const settings &common, const watch_options &options)
 {
     event_loop loop;
-    const reporter report(settings);
+    const reporter report(common);
     /* One dispatch can bring several indications: those beyond the limit are not shown. */
     uint64_t heard = 0;
     auto more_wanted = [&] { return options.count == 0 || heard < options.count; };
@@ -161,24 +163,24 @@ exit_code run_watch(const settings &settings, const watch_options &options)
             report.heard(record);
         }
     };
-    session session(settings, {show, show, [&](const auto &event) { report.heard(event); }}, true);
+    session server(common, {show, show, [&](const auto &event) { report.heard(event); }}, true);
 
-    exit_code code = exit_done;
+    exit_code code = exit_code::done;
     std::vector<port_request> wanted =
         requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, options.sfp);
     std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, options.status),
                       std::back_inserter(wanted));
     const auto end = limit(options.seconds);
-    const auto held = subscribe_all(loop, session, wanted, [&](const tesk_client_answer &answer) {
+    const auto held = subscribe_all(loop, server, wanted, [&](const tesk_client_answer &answer) {
         report.failed(answer);
         code = std::max(code, exit_code_of(answer.result));
     });
     /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
            (!end || steady_clock::now() < *end))
-        loop.wait(session, end);
+        loop.wait(server, end);
     /* The server drops what a client held that has gone, but notices it only a moment later. */
-    if (session.connected())
-        request_all(loop, session, held, [](const tesk_client_answer &) {});
+    if (server.connected())
+        request_all(loop, server, held, [](const tesk_client_answer &) {});
     return code;
 }

@@ -5,8 +5,9 @@
    function is to run. It runs after all words are read, since options may stand behind it. Whatever
    goes wrong comes out as a tool_error, so that one place ends the command: with a line on standard
    error, an object for programs, and the exit code. */
+#include "tools/common/output.h"
+#include "tools/common/port_list.h"
 #include "tools/teskctl/commands.h"
-#include "tools/teskctl/port_list.h"
 #include "tools/teskctl/report.h"
 
 #include <CLI/CLI.hpp>
@@ -42,14 +43,14 @@ namespace
 class command_line
 {
   public:
-    /* Writes into `settings` what the options say. */
-    explicit command_line(settings &settings) : settings_(settings)
+    /* Writes into `common` what the options say. */
+    explicit command_line(settings &common) : common_(common)
     {
         app_.require_subcommand(1);
         app_.fallthrough();
         app_.set_version_flag("--version", "teskctl " TESK_VERSION);
         app_.footer(footer);
-        app_.add_flag("--json", settings_.json, "Write one JSON object a line");
+        app_.add_flag("--json", common_.json, "Write one JSON object a line");
         app_.add_option("--timeout", timeout_, "Wait so long for each answer")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.001, 86400.0).description(""))
@@ -58,21 +59,21 @@ class command_line
         add_following_commands();
     }
 
-    int run(int argc, char **argv)
+    exit_code run(int argc, char **argv)
     {
         try {
             app_.parse(argc, argv);
         } catch (const CLI::ParseError &error) {
-            return app_.exit(error) == 0 ? exit_done : exit_usage;
+            return app_.exit(error) == 0 ? exit_code::done : exit_code::usage;
         }
-        settings_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
+        common_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
         /* Finding the server is the mailbox library's part of a connection, with a time of its own
            that no call can set. It gets the same as each answer, unless the environment says more
            or less: who has set it means it. */
-        setenv("MBX_LOCATE_MS", std::to_string(settings_.timeout_ms).c_str(), 0);
-        settings_.terminal = isatty(STDOUT_FILENO) != 0;
+        setenv("MBX_LOCATE_MS", std::to_string(common_.timeout_ms).c_str(), 0);
+        common_.on_terminal = isatty(STDOUT_FILENO) != 0;
         const char *no_colour = std::getenv("NO_COLOR");
-        settings_.colour = settings_.terminal && (no_colour == nullptr || *no_colour == '\0');
+        common_.coloured = common_.on_terminal && (no_colour == nullptr || *no_colour == '\0');
         return command_();
     }
 
@@ -87,27 +88,27 @@ class command_line
     void add_reading_commands()
     {
         add("capabilities", "Show what the server says it can do",
-            [this] { return run_capabilities(settings_); });
+            [this] { return run_capabilities(common_); });
         add_ports(add("pm", "Read the measured values of ports",
-                      [this] { return run_pm(settings_, parse_ports(ports_)); }),
+                      [this] { return run_pm(common_, parse_ports(ports_)); }),
                   "PORTS", ports_, "Which ports")
             ->required();
         add_ports(add("sfp", "Show which modules are in ports",
                       [this] {
-                          return run_first_indication(settings_, TESK_CLIENT_SFP_INFO,
+                          return run_first_indication(common_, TESK_CLIENT_SFP_INFO,
                                                       parse_ports(ports_));
                       }),
                   "PORTS", ports_, "Which ports")
             ->required();
         add_ports(add("status", "Show link and levels of ports",
                       [this] {
-                          return run_first_indication(settings_, TESK_CLIENT_PORT_STATUS,
+                          return run_first_indication(common_, TESK_CLIENT_PORT_STATUS,
                                                       parse_ports(ports_));
                       }),
                   "PORTS", ports_, "Which ports")
             ->required();
         add("history", "Show what the server remembers",
-            [this] { return run_history(settings_, history_); })
+            [this] { return run_history(common_, history_); })
             ->add_option("KIND", history_, "status, sfp or actions; all of them without it")
             ->check(CLI::IsMember({"status", "sfp", "actions"}));
     }
@@ -115,7 +116,7 @@ class command_line
     void add_following_commands()
     {
         CLI::App *ping = add("ping", "Measure how long the server takes to answer",
-                             [this] { return run_ping(settings_, ping_); });
+                             [this] { return run_ping(common_, ping_); });
         ping->add_option("-c,--count", ping_.count, "End after so many requests");
         add_seconds(ping, "-i,--interval", ping_.interval, "Between two requests")
             ->capture_default_str();
@@ -124,8 +125,8 @@ class command_line
             watch_.sfp = parse_ports(sfp_);
             watch_.status = parse_ports(status_);
             if (watch_.sfp.empty() && watch_.status.empty())
-                throw tool_error(exit_usage, "watch what? Name ports with --sfp or --status");
-            return run_watch(settings_, watch_);
+                throw tool_error(exit_code::usage, "watch what? Name ports with --sfp or --status");
+            return run_watch(common_, watch_);
         });
         add_ports(watch, "--sfp", sfp_, "Watch the modules in these ports");
         add_ports(watch, "--status", status_, "Watch link and levels of these ports");
@@ -134,7 +135,7 @@ class command_line
 
         CLI::App *top = add("top", "Show ports live; q ends", [this] {
             top_.ports = parse_ports(ports_);
-            return run_top(settings_, top_);
+            return run_top(common_, top_);
         });
         add_ports(top, "PORTS", ports_, "Which ports")->required();
         add_seconds(top, "--interval", top_.interval, "Between two reads of the measured values")
@@ -151,7 +152,7 @@ class command_line
     }
 
     CLI::App app_{"Talks to tesk-server: what is in its ports, how they are, what they measure."};
-    settings &settings_;
+    settings &common_;
     double timeout_ = 2;
     std::function<exit_code()> command_;
     ports_text ports_, sfp_, status_;
@@ -165,17 +166,17 @@ class command_line
 
 int main(int argc, char **argv)
 {
-    settings settings;
+    settings common;
+    setlocale(LC_CTYPE, ""); /* units asks whether the degree sign can be shown */
     try {
-        const int code = command_line(settings).run(argc, argv);
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-            throw tool_error(exit_no_output, "output could not be written: is the disk full?");
-        return code;
+        const exit_code code = command_line(common).run(argc, argv);
+        check_output();
+        return static_cast<int>(code);
     } catch (const tool_error &error) {
-        reporter(settings).failed(error.code(), error.what());
-        return error.code();
+        reporter(common).failed(error.code(), error.what());
+        return static_cast<int>(error.code());
     } catch (const std::exception &error) {
-        reporter(settings).failed(exit_fault, fmt::format("unexpected: {}", error.what()));
-        return exit_fault;
+        reporter(common).failed(exit_code::fault, fmt::format("unexpected: {}", error.what()));
+        return static_cast<int>(exit_code::fault);
     }
 }

@@ -6,18 +6,20 @@
    indication, so sfp and status subscribe, take the first one, and unsubscribe.
 
    A table can be laid out only when all rows are there; objects are written as they come. */
+#include "tools/common/clock.h"
+#include "tools/common/output.h"
+#include "tools/common/units.h"
 #include "tools/teskctl/commands.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/layout.h"
+#include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
+#include "tools/teskctl/screen.h"
+#include "tools/teskctl/words.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <map>
-
-/* No exception where it fails: main looks at the stream in the end. */
-static void write(const std::string &text)
-{
-    std::fputs(text.c_str(), stdout);
-}
 
 [[noreturn]] static void fail(tesk_client_result result)
 {
@@ -77,63 +79,63 @@ static std::vector<std::string> row(const tesk_client_port_status &status)
     return {std::to_string(status.port_no), describe(status)};
 }
 
-exit_code run_capabilities(const settings &settings)
+exit_code run_capabilities(const settings &common)
 {
-    session session(settings, {}, false);
+    session server(common, {}, false);
     tesk_client_capability capabilities[64];
     size_t count = 0;
     const tesk_client_result result =
-        tesk_client_read_capabilities(session.get(), capabilities, std::size(capabilities), &count);
+        tesk_client_read_capabilities(server.get(), capabilities, std::size(capabilities), &count);
     if (result != TESK_CLIENT_OK)
         fail(result);
     table shown({"CAPABILITY", "VALUE"});
     for (size_t i = 0; i < count; i++) {
-        if (settings.json)
-            reporter(settings).line(
+        if (common.json)
+            reporter(common).line(
                 json_object{{"id", capabilities[i].id}, {"value", capabilities[i].value}}.dump());
         shown.add({std::to_string(capabilities[i].id), std::to_string(capabilities[i].value)});
     }
-    if (!settings.json)
-        write(shown.text(terminal_width(settings)));
-    return exit_done;
+    if (!common.json)
+        write_text(shown.text(terminal_width(common)));
+    return exit_code::done;
 }
 
-exit_code run_pm(const settings &settings, const std::vector<uint32_t> &ports)
+exit_code run_pm(const settings &common, const std::vector<uint32_t> &ports)
 {
     event_loop loop;
-    session session(settings, {}, false);
-    const reporter report(settings);
-    exit_code code = exit_done;
-    request_all(loop, session, requests_for(TESK_CLIENT_REQUEST_PM, ports),
+    session server(common, {}, false);
+    const reporter report(common);
+    exit_code code = exit_code::done;
+    request_all(loop, server, requests_for(TESK_CLIENT_REQUEST_PM, ports),
                 [&](const tesk_client_answer &answer) {
                     if (answer.result != TESK_CLIENT_OK) {
                         report.failed(answer);
                         code = std::max(code, exit_code_of(answer.result));
-                    } else if (settings.json) {
+                    } else if (common.json) {
                         report.heard(*answer.pm);
                     } else {
-                        write(pm_block(*answer.pm));
+                        write_text(pm_block(*answer.pm));
                     }
                 });
-    return loop.signal() == 0 ? code : exit_no_answer;
+    return loop.signal() == 0 ? code : exit_code::no_answer;
 }
 
-exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
+exit_code run_first_indication(const settings &common, tesk_client_kind kind,
                                const std::vector<uint32_t> &ports)
 {
     event_loop loop;
-    const reporter report(settings);
+    const reporter report(common);
     std::map<uint32_t, std::vector<std::string>> rows;
     auto take = [&](const auto &record) {
         const bool first = rows.try_emplace(record.port_no, row(record)).second;
-        if (first && settings.json)
+        if (first && common.json)
             report.heard(record);
     };
-    session session(settings, {take, take, {}}, false);
+    session server(common, {take, take, {}}, false);
 
-    exit_code code = exit_done;
+    exit_code code = exit_code::done;
     const bool sfp = kind == TESK_CLIENT_SFP_INFO;
-    const auto held = subscribe_all(loop, session,
+    const auto held = subscribe_all(loop, server,
                                     requests_for(sfp ? TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO
                                                      : TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
                                                  ports),
@@ -142,30 +144,31 @@ exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
                                         code = std::max(code, exit_code_of(answer.result));
                                     });
     const steady_time end =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(settings.timeout_ms);
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(common.timeout_ms);
     /* The first indication follows its confirmation, but as a signal of its own. */
     while (rows.size() < held.size() && std::chrono::steady_clock::now() < end &&
-           loop.wait(session, end) != event_loop::wake::signal) {
+           loop.wait(server, end) != event_loop::wake::signal) {
     }
-    request_all(loop, session, held, [](const tesk_client_answer &) {});
+    request_all(loop, server, held, [](const tesk_client_answer &) {});
     if (rows.size() < held.size())
-        throw tool_error(exit_no_answer, "the server confirmed, but sent no indication in time");
+        throw tool_error(exit_code::no_answer,
+                         "the server confirmed, but sent no indication in time");
     table shown({"PORT", sfp ? "MODULE" : "STATUS"});
     for (const auto &[port, cells] : rows)
         shown.add(cells);
-    if (!settings.json && !rows.empty())
-        write(shown.text(terminal_width(settings)));
+    if (!common.json && !rows.empty())
+        write_text(shown.text(terminal_width(common)));
     return code;
 }
 
-exit_code run_history(const settings &settings, const std::string &kind)
+exit_code run_history(const settings &common, const std::string &kind)
 {
     static constexpr const char *names[] = {"status", "sfp", "actions"};
     struct entry {
         tesk_client_history_kind kind;
         tesk_client_history_record record;
     };
-    session session(settings, {}, false);
+    session server(common, {}, false);
     /* The server keeps three histories, each by time; together they tell what led to what. */
     std::vector<entry> entries;
     for (size_t i = 0; i < std::size(names); i++) {
@@ -175,7 +178,7 @@ exit_code run_history(const settings &settings, const std::string &kind)
         tesk_client_history_record records[TESK_CLIENT_HISTORY_LENGTH];
         size_t count = 0;
         const tesk_client_result result =
-            tesk_client_read_history(session.get(), wanted, records, std::size(records), &count);
+            tesk_client_read_history(server.get(), wanted, records, std::size(records), &count);
         if (result != TESK_CLIENT_OK)
             fail(result);
         for (size_t j = 0; j < count; j++)
@@ -185,12 +188,12 @@ exit_code run_history(const settings &settings, const std::string &kind)
     std::ranges::stable_sort(entries, {}, [](const entry &each) { return each.record.time_us; });
     table shown({"TIME", "PORT", "WHAT"});
     for (const entry &each : entries) {
-        if (settings.json)
-            reporter(settings).line(to_json(each.record, each.kind).dump());
+        if (common.json)
+            reporter(common).line(to_json(each.record, each.kind).dump());
         shown.add({date_and_time(each.record.time_us), std::to_string(each.record.port_no),
                    what_happened(each.record, each.kind)});
     }
-    if (!settings.json)
-        write(shown.text(terminal_width(settings)));
-    return exit_done;
+    if (!common.json)
+        write_text(shown.text(terminal_width(common)));
+    return exit_code::done;
 }

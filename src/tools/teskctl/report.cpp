@@ -2,19 +2,17 @@
 /* The time before a line is that of its writing: neither indications nor answers carry one. */
 #include "tools/teskctl/report.h"
 
-#include <cstdio>
-#include <fmt/format.h>
+#include "tools/common/clock.h"
+#include "tools/common/output.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/words.h"
+#include "util/escape.h"
 
-static void complain(const std::string &text)
-{
-    std::fflush(stdout); /* what was written before comes before, where both go to one place */
-    std::fputs(fmt::format("teskctl: {}\n", text).c_str(), stderr);
-}
+#include <fmt/format.h>
 
 void reporter::line(const std::string &text) const
 {
-    std::puts(text.c_str());
-    std::fflush(stdout); /* whoever reads a pipe wants it now */
+    write_now(text + "\n");
 }
 
 void reporter::object(const json_object &object) const
@@ -22,8 +20,7 @@ void reporter::object(const json_object &object) const
     /* Built around the object, so that the time is its first key. */
     json_object stamped = {{"time", iso_time(now_us())}};
     stamped.update(object);
-    /* Bytes that are no text can still come from the environment, as in the name of a directory. */
-    line(stamped.dump(-1, ' ', false, json_object::error_handler_t::replace));
+    line(to_line(stamped));
 }
 
 void reporter::port_line(uint32_t port_no, const char *what, const std::string &text) const
@@ -33,18 +30,17 @@ void reporter::port_line(uint32_t port_no, const char *what, const std::string &
 
 void reporter::heard(const tesk_client_sfp_info &info) const
 {
-    settings_.json ? object(to_json(info)) : port_line(info.port_no, "sfp", describe(info));
+    common_.json ? object(to_json(info)) : port_line(info.port_no, "sfp", describe(info));
 }
 
 void reporter::heard(const tesk_client_port_status &status) const
 {
-    settings_.json ? object(to_json(status))
-                   : port_line(status.port_no, "status", describe(status));
+    common_.json ? object(to_json(status)) : port_line(status.port_no, "status", describe(status));
 }
 
 void reporter::heard(const tesk_client_pm &pm) const
 {
-    settings_.json ? object(to_json(pm)) : port_line(pm.port_no, "pm", describe(pm));
+    common_.json ? object(to_json(pm)) : port_line(pm.port_no, "pm", describe(pm));
 }
 
 void reporter::heard(const tesk_client_event &event) const
@@ -58,7 +54,7 @@ void reporter::heard(const tesk_client_event &event) const
     };
     const bool subscription = event.type == TESK_CLIENT_EVENT_SUBSCRIPTION_LOST;
     const char *kind = event.kind == TESK_CLIENT_SFP_INFO ? "sfp" : "status";
-    if (settings_.json) {
+    if (common_.json) {
         json_object described = {{"event", names[event.type]}};
         if (subscription) {
             described["port"] = event.port_no;
@@ -78,19 +74,19 @@ void reporter::failed(const tesk_client_answer &answer) const
 {
     const std::string name = request_name(answer.request);
     const bool rejected = answer.result == TESK_CLIENT_REJECTED;
-    if (settings_.json)
+    if (common_.json)
         object({{"event", rejected ? "rejected" : "failed"},
                 {"request", name},
                 {"port", answer.port_no},
                 {"code", rejected ? json_object(answer.error_code) : json_object(nullptr)},
                 {"text", escape(answer.text)}});
-    complain(
-        fmt::format("port {}: {}: {}", answer.port_no, name, explain(answer.result, answer.text)));
+    complain("teskctl", fmt::format("port {}: {}: {}", answer.port_no, name,
+                                    explain(answer.result, answer.text)));
 }
 
 void reporter::failed(exit_code code, const std::string &text) const
 {
-    if (settings_.json && code != exit_no_output)
+    if (common_.json && code != exit_code::no_output)
         object({{"event", "error"}, {"exit_code", code}, {"text", text}});
-    complain(text);
+    complain("teskctl", text);
 }

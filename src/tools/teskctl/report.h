@@ -3,13 +3,15 @@
    objects with --json. */
 #pragma once
 
-#include "tools/teskctl/text.h"
-#include "tools/teskctl/tool.h"
+#include "tesk_client/tesk_client.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/json_records.h"
+#include "tools/teskctl/settings.h"
 
 class reporter
 {
   public:
-    explicit reporter(const settings &settings) : settings_(settings)
+    explicit reporter(const settings &common) : common_(common)
     {
     }
     void heard(const tesk_client_sfp_info &info) const;
@@ -29,5 +31,5 @@ class reporter
   private:
     void port_line(uint32_t port_no, const char *what, const std::string &text) const;
 
-    const settings &settings_;
+    const settings &common_;
 };

@@ -7,6 +7,13 @@
 #include <termios.h>
 #include <vector>
 
+struct settings;
+
+/* The columns of the terminal; 0 where output goes elsewhere and lines may be of any length. Asked
+   each time, since a window changes. */
+size_t terminal_width(const settings &common);
+size_t terminal_height();
+
 class screen
 {
   public:

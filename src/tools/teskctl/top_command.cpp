@@ -2,7 +2,10 @@
 /* top: subscribes to both kinds on all its ports, since a module's coming and going reaches a port
    only while somebody holds its SFP info, and reads the measured values at an interval. On a
    terminal it draws a page after whatever came in; elsewhere it writes a line for each. */
+#include "tools/common/clock.h"
 #include "tools/teskctl/commands.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/screen.h"
 #include "tools/teskctl/top_view.h"
@@ -25,10 +28,10 @@ namespace
 class top
 {
   public:
-    top(const settings &settings, const top_options &options)
-        : settings_(settings), options_(options), report_(settings), view_(options.ports),
+    top(const settings &common, const top_options &options)
+        : common_(common), options_(options), report_(common), view_(options.ports),
           loop_({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGWINCH}),
-          session_(settings,
+          session_(common,
                    {[this](const auto &info) { hear(info); },
                     [this](const auto &status) { hear(status); },
                     [this](const auto &event) { hear_event(event); }},
@@ -53,7 +56,7 @@ class top
   private:
     bool on_screen() const
     {
-        return settings_.terminal && !settings_.json;
+        return common_.on_terminal && !common_.json;
     }
 
     template <typename record_type>
@@ -67,7 +70,7 @@ class top
     /* On a page, the loss of the server is part of its title for as long as it lasts. */
     void hear_event(const tesk_client_event &event)
     {
-        const std::string time = clock_time(now_us()).substr(0, 8);
+        const std::string time = clock_seconds(now_us());
         if (event.type == TESK_CLIENT_EVENT_LOST)
             state_ = fmt::format("away since {}, waiting for it", time);
         else if (event.type == TESK_CLIENT_EVENT_RESTORED)
@@ -136,7 +139,7 @@ class top
             }
             if (page) {
                 const size_t height = terminal_height();
-                page->draw(view_.lines(terminal_width(settings_), height, settings_.colour, state_),
+                page->draw(view_.lines(terminal_width(common_), height, common_.coloured, state_),
                            height);
             }
             /* The ages grow all the time: the page is drawn at each read, if nothing else comes. */
@@ -148,12 +151,12 @@ class top
         }
     }
 
-    const settings &settings_;
+    const settings &common_;
     const top_options &options_;
     reporter report_;
     top_view view_;
     std::string state_;
-    exit_code code_ = exit_done;
+    exit_code code_ = exit_code::done;
     std::optional<steady_time> end_;
     event_loop loop_;
     session session_; /* the last, so that it is closed before what its callbacks touch */
@@ -161,7 +164,7 @@ class top
 
 } // namespace
 
-exit_code run_top(const settings &settings, const top_options &options)
+exit_code run_top(const settings &common, const top_options &options)
 {
-    return top(settings, options).run();
+    return top(common, options).run();
 }

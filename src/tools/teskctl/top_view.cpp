@@ -8,6 +8,11 @@
    are read at an interval of their own. So a letter can be older than its value: AGE tells. */
 #include "tools/teskctl/top_view.h"
 
+#include "tools/common/clock.h"
+#include "tools/common/units.h"
+#include "tools/teskctl/layout.h"
+#include "tools/teskctl/words.h"
+
 #include <algorithm>
 #include <fmt/format.h>
 
@@ -228,8 +233,7 @@ static std::string port_line(const std::vector<column> &shown, uint32_t port_no,
 /* The clock and the count of the ports give way to what is to be said of the connection. */
 static std::string title_line(size_t width, size_t ports, bool coloured, const std::string &state)
 {
-    std::string title =
-        fmt::format("tesk-server  {}  {} ports  ", clock_time(now_us()).substr(0, 8), ports);
+    std::string title = fmt::format("tesk-server  {}  {} ports  ", clock_seconds(now_us()), ports);
     if (title.size() + state.size() > width)
         title = "tesk-server  ";
     const size_t taken = std::min(width, title.size());
@@ -252,7 +256,7 @@ top_view::top_view(const std::vector<uint32_t> &ports)
 void top_view::note_event(port_view &view, const std::string &what)
 {
     view.changes++;
-    view.last_event = clock_time(now_us()).substr(0, 8) + " " + what;
+    view.last_event = clock_seconds(now_us()) + " " + what;
 }
 
 void top_view::heard(const tesk_client_port_status &status)

@@ -3,7 +3,7 @@
    session: given records in, lines out. */
 #pragma once
 
-#include "tools/teskctl/text.h"
+#include "tesk_client/tesk_client.h"
 
 #include <chrono>
 #include <map>

@@ -7,5 +7,5 @@
 #include <vector>
 
 /* The ports of all the lists together, in ascending order, each once. A list that can't be read is
-   a tool_error of exit_usage. */
+   a tool_error of exit_code::usage. */
 std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists);

@@ -1,29 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Values come in the protocol's whole numbers and leave as on a data sheet, with as many places as
-   the numbers have. Widths count columns of the terminal: all text from outside is escaped to ASCII
-   before it comes here, so that only our own characters are longer than a byte. */
-#include "tools/teskctl/text.h"
+/* Widths count columns of the terminal: text from outside is escaped to ASCII before it comes here,
+   so that only our own characters, such as the degree sign, are longer than a byte. */
+#include "tools/teskctl/layout.h"
 
 #include <algorithm>
-#include <chrono>
-#include <cmath>
-#include <ctime>
 #include <fmt/format.h>
-
-/* Local time by a format of strftime. */
-static std::string local(uint64_t time_us, const char *format)
-{
-    const auto seconds = static_cast<time_t>(time_us / 1'000'000);
-    tm broken_down{};
-    localtime_r(&seconds, &broken_down);
-    char text[64];
-    return std::string(text, std::strftime(text, sizeof(text), format, &broken_down));
-}
-
-static std::string with_milliseconds(uint64_t time_us, const char *format)
-{
-    return fmt::format("{}.{:03}", local(time_us, format), time_us / 1000 % 1000);
-}
+#include <utility>
 
 /* Breaks a text at blanks into lines of at most `width` columns; a longer word is cut. */
 static std::vector<std::string> wrap(std::string_view text, size_t width)
@@ -64,68 +46,6 @@ std::string fit(std::string_view text, size_t width)
     while (display_width(text) > width)
         text.remove_suffix(1);
     return std::string(text);
-}
-
-std::string milliwatts(uint32_t microwatts)
-{
-    return fmt::format("{:.3f} mW", microwatts / 1000.0);
-}
-
-std::optional<double> to_dbm(uint32_t microwatts)
-{
-    if (microwatts == 0)
-        return std::nullopt;
-    return 10 * std::log10(microwatts / 1000.0);
-}
-
-std::string dbm(uint32_t microwatts)
-{
-    const auto value = to_dbm(microwatts);
-    return value ? fmt::format("{:.2f} dBm", *value) : "< -30.00 dBm";
-}
-
-std::string celsius(int32_t tenths)
-{
-    return fmt::format("{:.1f} °C", tenths / 10.0);
-}
-
-std::string volts(uint32_t tenths_of_millivolts)
-{
-    return fmt::format("{:.4f} V", tenths_of_millivolts / 10000.0);
-}
-
-std::string milliamperes(uint32_t hundredths)
-{
-    return fmt::format("{:.2f} mA", hundredths / 100.0);
-}
-
-std::string gbps(uint32_t tenths)
-{
-    return fmt::format("{:.1f} Gbps", tenths / 10.0);
-}
-
-uint64_t now_us()
-{
-    using namespace std::chrono;
-    return static_cast<uint64_t>(
-        duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
-}
-
-std::string clock_time(uint64_t time_us)
-{
-    return with_milliseconds(time_us, "%H:%M:%S");
-}
-
-std::string date_and_time(uint64_t time_us)
-{
-    return with_milliseconds(time_us, "%Y-%m-%d %H:%M:%S");
-}
-
-std::string iso_time(uint64_t time_us)
-{
-    const std::string zone = local(time_us, "%z"); /* +0100 */
-    return fmt::format("{}.{:06}{}:{}", local(time_us, "%Y-%m-%dT%H:%M:%S"), time_us % 1'000'000,
-                       zone.substr(0, 3), zone.substr(3));
 }
 
 std::string table::text(size_t width) const

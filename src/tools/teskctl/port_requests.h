@@ -1,0 +1,27 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* port_requests - the same request for many ports. */
+#pragma once
+
+#include "tools/teskctl/event_loop.h"
+
+#include <vector>
+
+struct port_request {
+    tesk_client_request_type type;
+    uint32_t port_no;
+};
+
+/* One request of this type for each port. */
+std::vector<port_request> requests_for(tesk_client_request_type type,
+                                       const std::vector<uint32_t> &ports);
+
+/* Makes all requests at once and waits for their answers. A process signal ends the wait;
+   `answered` hears of nothing after that. */
+void request_all(event_loop &loop, session &server, const std::vector<port_request> &requests,
+                 const session::answered &answered);
+
+/* Subscribes to all of them and gives the requests that end what succeeded. `failed` hears of the
+   others. */
+std::vector<port_request> subscribe_all(event_loop &loop, session &server,
+                                        const std::vector<port_request> &wanted,
+                                        const session::answered &failed);

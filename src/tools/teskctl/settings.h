@@ -1,0 +1,15 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* settings - the options that hold for every command of teskctl. */
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+struct settings {
+    bool json = false;
+    bool coloured = false;
+    bool on_terminal = false; /* standard output is a terminal */
+    uint32_t timeout_ms = 2000;
+    /* How long to wait for a server that isn't there, in seconds. */
+    std::optional<double> wait_seconds;
+};
