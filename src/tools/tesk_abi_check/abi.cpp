@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A name counts only in the library to which it belongs, even though the loader would find it for
-   the server in any of the four: clients load libmbx alone. */
+/* Each name must be in its own library, although the loader would find it for the server in any of
+   the four: clients load libmbx alone. */
 #include "tools/tesk_abi_check/abi.h"
 
 #include "tools/tesk_abi_check/elf_names.h"
@@ -58,7 +58,7 @@ static constexpr needed_library needed[] = {
     {"libdolm_ric.so.0", dolm_ric_names},
 };
 
-/* The one name that is no function. */
+/* The only name that is not a function. */
 static constexpr std::string_view per_thread_block = "procInfo";
 static constexpr uint64_t per_thread_block_size = 8 * sizeof(uint32_t);
 

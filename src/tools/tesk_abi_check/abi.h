@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* abi - what tesk-server and its clients need of the four libraries of a board, and what of it is
-   not there. No state. */
+/* abi - checks that the four libraries of a board export all names that tesk-server and its clients
+   use. No state. */
 #pragma once
 
 #include <string>
@@ -8,9 +8,10 @@
 
 struct abi_problem {
     std::string library;
-    std::string name; /* empty where the library as a whole is meant */
-    std::string text; /* goes behind the name or, without one, behind the library's */
+    std::string name; /* empty: the library as a whole */
+    std::string text; /* continues the name, or the library where there is none */
 };
 
-/* Of the libraries in a directory, in the order of the table of names. Empty: all is there. */
+/* Checks the libraries in a directory. Problems come in the order of the table of names; empty if
+   everything is there. */
 std::vector<abi_problem> check_abi(const std::string &directory);

@@ -5,14 +5,12 @@
    function is to run. It runs after all words are read, since options may stand behind it. Whatever
    goes wrong comes out as a tool_error, so that one place ends the command: with a line on standard
    error, an object for programs, and the exit code. */
-#include "tools/common/output.h"
 #include "tools/common/port_list.h"
+#include "tools/common/run_tool.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/report.h"
 
 #include <CLI/CLI.hpp>
-#include <clocale>
-#include <cstdio>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -164,19 +162,22 @@ class command_line
 
 } // namespace
 
-int main(int argc, char **argv)
+/* With --json a program that reads the output gets the error as an object, too. */
+static exit_code run_and_report(int argc, char **argv)
 {
     settings common;
-    setlocale(LC_CTYPE, ""); /* units asks whether the degree sign can be shown */
     try {
-        const exit_code code = command_line(common).run(argc, argv);
-        check_output();
-        return static_cast<int>(code);
+        return command_line(common).run(argc, argv);
     } catch (const tool_error &error) {
-        reporter(common).failed(error.code(), error.what());
-        return static_cast<int>(error.code());
+        reporter(common).error_object(error.code(), error.what());
+        throw;
     } catch (const std::exception &error) {
-        reporter(common).failed(exit_code::fault, fmt::format("unexpected: {}", error.what()));
-        return static_cast<int>(exit_code::fault);
+        reporter(common).error_object(exit_code::fault, error.what());
+        throw;
     }
+}
+
+int main(int argc, char **argv)
+{
+    return run_tool("teskctl", [&] { return run_and_report(argc, argv); });
 }

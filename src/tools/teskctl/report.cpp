@@ -84,9 +84,8 @@ void reporter::failed(const tesk_client_answer &answer) const
                                     explain(answer.result, answer.text)));
 }
 
-void reporter::failed(exit_code code, const std::string &text) const
+void reporter::error_object(exit_code code, const std::string &text) const
 {
     if (common_.json && code != exit_code::no_output)
-        object({{"event", "error"}, {"exit_code", code}, {"text", text}});
-    complain("teskctl", text);
+        object({{"event", "error"}, {"exit_code", static_cast<int>(code)}, {"text", text}});
 }

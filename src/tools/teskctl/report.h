@@ -19,10 +19,10 @@ class reporter
     void heard(const tesk_client_pm &pm) const;
     void heard(const tesk_client_event &event) const;
 
-    /* A request that failed, and a command that did as a whole: words on standard error, and with
-       --json an object before them. */
+    /* A request that failed: a line on standard error, and with --json an object before it. */
     void failed(const tesk_client_answer &answer) const;
-    void failed(exit_code code, const std::string &text) const;
+    /* With --json the object for an error that ends the command. */
+    void error_object(exit_code code, const std::string &text) const;
 
     /* A line as it is, and an object with the time as its first key. */
     void line(const std::string &text) const;
