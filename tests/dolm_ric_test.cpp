@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <thread>
 
 namespace
@@ -157,19 +158,45 @@ TEST_F(dolm_ric_test, after_shutdown_the_last_event_comes_and_nothing_else_works
 
 TEST_F(dolm_ric_test, only_a_dead_boards_socket_is_taken_over)
 {
+    using std::filesystem::perms, std::filesystem::exists, std::filesystem::status;
+    const std::string lock_path = socket_path + ".lock";
     ASSERT_EQ(0, start());
+    EXPECT_EQ(perms{0600}, status(lock_path).permissions()) << "the group can't hold it";
     ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
-    close(peer_of_board(::bind)); /* as a dead one leaves it */
-    const int lock = open((socket_path + ".lock").c_str(), O_RDWR);
+    EXPECT_FALSE(exists(lock_path) || exists(socket_path));
+    close(peer_of_board(::bind)); /* as a dead board leaves it */
+    const int lock = open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0660);
     ASSERT_EQ(0, flock(lock, LOCK_EX)) << "as a living board would hold it";
-    ASSERT_EQ(0, start()) << "works all the same";
+    ASSERT_EQ(0, start()) << "works without control";
     EXPECT_EQ(-1, peer_of_board());
     ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
+    EXPECT_TRUE(exists(lock_path)) << "it is another board's";
     close(lock);
     ASSERT_EQ(0, start());
     EXPECT_EQ(0u, ask("board").find("ok"));
-    using std::filesystem::perms;
-    EXPECT_EQ(perms{0660}, std::filesystem::status(socket_path).permissions());
+    EXPECT_EQ(perms{0600}, status(lock_path).permissions()) << "of an older version, too";
+    EXPECT_EQ(perms{0660}, status(socket_path).permissions());
+}
+
+TEST_F(dolm_ric_test, the_control_socket_belongs_to_the_group_of_its_directory)
+{
+    std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)) + 1, 4242);
+    if (geteuid() != 0)
+        groups.resize(
+            static_cast<size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
+    std::erase(groups, getegid());
+    if (groups.empty())
+        GTEST_SKIP() << "this user has one group only";
+    const std::filesystem::path directory = std::filesystem::path(socket_path).parent_path();
+    std::filesystem::create_directory(directory);
+    ASSERT_EQ(0, chown(directory.c_str(), static_cast<uid_t>(-1), groups.back()));
+    const mode_t before = umask(0777);
+    EXPECT_EQ(0, start());
+    umask(before);
+    struct stat found = {};
+    ASSERT_EQ(0, lstat(socket_path.c_str(), &found));
+    EXPECT_EQ(groups.back(), found.st_gid);
+    EXPECT_EQ(0660u, found.st_mode & 0777);
 }
 
 TEST_F(dolm_ric_test, a_board_file_says_what_is_there)

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
-#include "platform/dolm_ric/dolm_ric_board.h"
+#include "platform/dolm_ric/simulator/control_protocol.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,40 +1,41 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The thirteen operations. Each looks up whether somebody ordered it to fail, then does its work on
-   the desk (events, subscriptions) and the port source (what ports report) behind it.
+/* The thirteen operations of every libdolm_ric: each checks its handle and id, then works on the
+   core (events, subscriptions) and on the port source (what the ports report).
 
-   There is one board in a process at a time. Its handle is a number that no other board of the
-   process ever had, so that a stale handle is found out. The desk outlives every board: the event
-   thread may still sit on it, and give its last event back, while the main thread shuts down. The
-   control thread is started and ended without the desk's lock, since it takes that lock itself. */
+   There is one board in a process at a time. A handle is a number that no other board of the
+   process ever had, so that a stale handle is detected. The core outlives every board: the event
+   thread may still be in dolm_ric_waitevent, or free its last event, while the main thread shuts
+   the board down. Sources are made, started and stopped without the core's lock, as their threads
+   take that lock. */
 #include "platform/dolm_ric/dolm_ric.h"
 
-#include "platform/dolm_ric/desk.h"
-#include "platform/dolm_ric/dolm_ric_board.h"
-#include "platform/dolm_ric/simulator/board_control.h"
-#include "platform/dolm_ric/simulator/board_file.h"
-#include "platform/dolm_ric/simulator/simulated_ports.h"
+#include "platform/dolm_ric/core.h"
 
-#include <cstdlib>
+#include <cstdio>
+#include <utility>
 
 using board::operation;
 
 namespace
 {
 
+/* All members are guarded by the core's lock. */
 struct library {
-    board::desk desk;
-    uintptr_t handle = 0;                          /* of the latest board; guarded by desk.lock */
-    std::unique_ptr<board::simulated_ports> ports; /* null once the board is shut down */
-    std::unique_ptr<board::board_control> control; /* null if the board can't be played */
+    board::core core;
+    uintptr_t handle = 0; /* of the current board, also after its shutdown; 0 while one starts */
+    uintptr_t last_handle = 0;
+    /* Null without a board. Shared by a refresh that is under way while the board shuts down. */
+    std::shared_ptr<board::port_source> source;
+    bool is_starting = false;
 };
 
 } // namespace
 
 /* Never destroyed: threads that use it may outlive main(). */
-static library &self()
+static library &get_library()
 {
-    static library &the_one = *new library;
-    return the_one;
+    static library &only = *new library;
+    return only;
 }
 
 /* Nothing but result codes leaves an operation. */
@@ -50,34 +51,57 @@ static int32_t result_of(work &&run) noexcept
     }
 }
 
-/* Runs the work of an operation on the board with that handle. The work has the desk's lock, and
-   the guard of it, as it may have to give it up for a while. */
+/* Runs the work of an operation with the core's lock held. The work gets the guard, too, so that it
+   can release the lock for a while. */
 template <typename work>
 static int32_t on_board(operation op, uintptr_t handle, work &&run) noexcept
 {
     return result_of([&]() -> int32_t {
-        library &lib = self();
-        std::unique_lock guard(lib.desk.lock);
+        library &lib = get_library();
+        auto guard = lib.core.lock();
         if (handle == 0 || handle != lib.handle)
             return DOLM_RICERR_INVALID;
-        lib.desk.count_call(op);
+        lib.core.call_begins(op);
         return run(lib, guard);
     });
 }
 
-/* Runs the work of an operation on a port, unless it is to fail. */
+static bool has_port(const library &lib, uint32_t id)
+{
+    const uint32_t port = id & 0xffff;
+    return id == (board::id_of_port_0 | port) && port < board::max_ports &&
+           lib.source->has_port(port);
+}
+
+/* Runs the work of an operation on a port, unless a fault is injected. */
 template <typename work>
 static int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) noexcept
 {
     return on_board(op, handle, [&](library &lib, auto &) -> int32_t {
-        if (!lib.desk.is_open())
+        if (!lib.core.is_open())
             return DOLM_RICERR_SHUTDOWN;
-        const uint32_t port = id & 0xffff;
-        if (const int32_t code = lib.desk.ordered_failure(op, port))
-            return code;
-        if (id != (board::id_of_port_0 | port) || port >= lib.ports->ports())
+        if (!has_port(lib, id))
             return DOLM_RICERR_NODEV;
+        const uint32_t port = id & 0xffff;
+        if (const int32_t code = lib.core.injected_fault(op, port))
+            return code;
         return run(lib, port);
+    });
+}
+
+/* Lets the source bring its copy of the status up to date, without the lock. A wrong handle or id
+   is left to the read that follows. */
+static int32_t refresh(uintptr_t handle, uint32_t id) noexcept
+{
+    return result_of([&]() -> int32_t {
+        library &lib = get_library();
+        auto guard = lib.core.lock();
+        if (handle == 0 || handle != lib.handle || !lib.core.is_open() || !has_port(lib, id))
+            return DOLM_RICERR_OK;
+        const std::shared_ptr<board::port_source> source = lib.source;
+        guard.unlock();
+        source->refresh(id & 0xffff);
+        return DOLM_RICERR_OK;
     });
 }
 
@@ -86,25 +110,32 @@ static int32_t read_port(operation op, uintptr_t handle, uint32_t id, record *ou
 {
     if (out == nullptr)
         return DOLM_RICERR_INVALID;
-    return on_port(op, handle, id, [out](library &lib, uint32_t port) {
-        const board::port_source &source = *lib.ports;
-        return source.read(port, *out);
+    return on_port(op, handle, id, [out](const library &lib, uint32_t port) {
+        return lib.source->read(port, *out);
     });
 }
 
-/* The subscription and the status that goes with it are taken under one lock: no change falls
-   between them. */
+template <typename record>
+static int32_t read_status(operation op, uintptr_t handle, uint32_t id, record *out) noexcept
+{
+    const int32_t result = refresh(handle, id);
+    return result != DOLM_RICERR_OK ? result : read_port(op, handle, id, out);
+}
+
+/* The status is read under the same lock as the subscription is made: no change falls between
+   them. */
 template <typename record>
 static int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscription_kind kind,
                          record *out) noexcept
 {
     if (out == nullptr)
         return DOLM_RICERR_INVALID;
+    if (const int32_t result = refresh(handle, id))
+        return result;
     return on_port(op, handle, id, [kind, out](library &lib, uint32_t port) {
-        const board::port_source &source = *lib.ports;
-        const int32_t result = source.read(port, *out);
+        const int32_t result = lib.source->read(port, *out);
         if (result == DOLM_RICERR_OK)
-            lib.desk.subscribe(port, kind);
+            lib.core.subscribe(port, kind);
         return result;
     });
 }
@@ -113,73 +144,82 @@ static int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
                            board::subscription_kind kind) noexcept
 {
     return on_port(op, handle, id, [kind](library &lib, uint32_t port) {
-        return lib.desk.unsubscribe(port, kind) ? DOLM_RICERR_OK : DOLM_RICERR_INVALID;
+        return lib.core.unsubscribe(port, kind) ? DOLM_RICERR_OK : DOLM_RICERR_INVALID;
     });
 }
 
-/* A set-uid program isn't steered by whoever starts it. */
-static const char *environment(const char *name, const char *otherwise)
+/* Claims the library for a new board; from here on no older handle is valid. */
+static bool begin_start(library &lib)
 {
-    const char *value = secure_getenv(name);
-    return value != nullptr && *value != '\0' ? value : otherwise;
+    const auto guard = lib.core.lock();
+    if (lib.source || lib.is_starting)
+        return false;
+    lib.is_starting = true;
+    lib.handle = 0;
+    lib.core.open();
+    return true;
 }
 
-/* A board that nobody can play is still a board. */
-static void start_control(library &lib)
+/* An injected fault can only come from the simulator's board file here. */
+static int32_t start_source(library &lib, const std::shared_ptr<board::port_source> &source)
 {
-    const char *path = environment(DOLM_RIC_BOARD_SOCKET_ENV, DOLM_RIC_BOARD_SOCKET);
-    try {
-        lib.control = std::make_unique<board::board_control>(
-            path, board::stage{.events = lib.desk, .ports = *lib.ports});
-    } catch (const std::exception &error) {
-        fprintf(stderr, "libdolm_ric: teskboard can't play this board: %s\n", error.what());
+    {
+        const auto guard = lib.core.lock();
+        lib.core.call_begins(operation::init);
+        if (const int32_t code = lib.core.injected_fault(operation::init, 0))
+            return code;
     }
+    source->start();
+    return DOLM_RICERR_OK;
 }
 
-/* The handle is a new one even if the start fails, so that no older one can reach what was begun.
-   An ordered failure can only come from the board file here. */
+static int32_t start_board(library &lib, std::shared_ptr<board::port_source> &source) noexcept
+{
+    return result_of([&]() -> int32_t {
+        try {
+            source = board::make_port_source(lib.core);
+            return start_source(lib, source);
+        } catch (const board::board_error &error) {
+            fprintf(stderr, "libdolm_ric: %s\n", error.what());
+            return DOLM_RICERR_INVALID;
+        }
+    });
+}
+
 int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
 {
+    if (handle == nullptr)
+        return DOLM_RICERR_INVALID;
     return result_of([handle]() -> int32_t {
-        library &lib = self();
-        if (handle == nullptr)
-            return DOLM_RICERR_INVALID;
-        {
-            const std::lock_guard guard(lib.desk.lock);
-            if (lib.ports)
-                return DOLM_RICERR_BUSY;
-            lib.handle++;
-            try {
-                lib.ports =
-                    board::make_board(environment(DOLM_RIC_BOARD_FILE_ENV, nullptr), lib.desk);
-            } catch (const board::board_error &error) {
-                fprintf(stderr, "libdolm_ric: %s\n", error.what());
-                return DOLM_RICERR_INVALID;
-            }
-            lib.desk.count_call(operation::init);
-            if (const int32_t code = lib.desk.ordered_failure(operation::init, 0)) {
-                lib.ports.reset();
-                return code;
-            }
-            *handle = lib.handle;
-        }
-        start_control(lib);
+        library &lib = get_library();
+        if (!begin_start(lib))
+            return DOLM_RICERR_BUSY;
+        std::shared_ptr<board::port_source> source;
+        const int32_t result = start_board(lib, source);
+        const auto guard = lib.core.lock();
+        lib.is_starting = false;
+        if (result != DOLM_RICERR_OK)
+            return result;
+        lib.source = std::move(source);
+        *handle = lib.handle = ++lib.last_handle;
         return DOLM_RICERR_OK;
     });
 }
 
-/* Ends the board even if it is to fail: the caller could do nothing but wait for ever. */
+/* Shuts the board down even if a fault is injected: its caller could do nothing but wait for ever.
+   The source is destroyed without the lock. */
 int32_t dolm_ric_shutdown(uintptr_t handle, uint32_t)
 {
     return on_board(operation::shutdown, handle, [](library &lib, auto &guard) -> int32_t {
-        if (!lib.desk.is_open())
+        if (!lib.core.is_open())
             return DOLM_RICERR_SHUTDOWN;
-        const int32_t code = lib.desk.ordered_failure(operation::shutdown, 0);
-        lib.desk.close();
+        const int32_t code = lib.core.injected_fault(operation::shutdown, 0);
+        lib.core.close();
         guard.unlock();
-        lib.control.reset();
+        lib.source->stop();
         guard.lock();
-        lib.ports.reset();
+        const std::shared_ptr<board::port_source> source = std::exchange(lib.source, nullptr);
+        guard.unlock();
         return code;
     });
 }
@@ -189,26 +229,26 @@ int32_t dolm_ric_waitevent(uintptr_t handle, dolm_ric_event **event)
     if (event == nullptr)
         return DOLM_RICERR_INVALID;
     return on_board(operation::waitevent, handle, [event](library &lib, auto &guard) {
-        return lib.desk.wait_event(guard, *event);
+        return lib.core.wait_event(guard, *event);
     });
 }
 
-/* Takes the event back even if it is to fail, so that an ordered failure costs no memory. */
+/* Frees the event even if a fault is injected, so that the fault costs no memory. */
 int32_t dolm_ric_freeevent(uintptr_t handle, dolm_ric_event **event)
 {
     if (event == nullptr)
         return DOLM_RICERR_INVALID;
     return on_board(operation::freeevent, handle, [event](library &lib, auto &) -> int32_t {
-        const bool was_out = lib.desk.free_event(*event);
+        const bool was_outstanding = lib.core.free_event(*event);
         *event = nullptr;
-        const int32_t code = lib.desk.ordered_failure(operation::freeevent, 0);
-        return code != 0 || was_out ? code : DOLM_RICERR_INVALID;
+        const int32_t code = lib.core.injected_fault(operation::freeevent, 0);
+        return code != 0 || was_outstanding ? code : DOLM_RICERR_INVALID;
     });
 }
 
 int32_t dolm_ric_ri_getportstatus(uintptr_t handle, uint32_t id, dolm_ric_port_status *out)
 {
-    return read_port(operation::getportstatus, handle, id, out);
+    return read_status(operation::getportstatus, handle, id, out);
 }
 
 int32_t dolm_ric_ri_subsport(uintptr_t handle, uint32_t id, dolm_ric_port_status *out)
@@ -233,7 +273,7 @@ int32_t dolm_ric_ri_unsubslink(uintptr_t handle, uint32_t id)
 
 int32_t dolm_ric_ri_getlinkstatus(uintptr_t handle, uint32_t id, dolm_ric_link_status *out)
 {
-    return read_port(operation::getlinkstatus, handle, id, out);
+    return read_status(operation::getlinkstatus, handle, id, out);
 }
 
 int32_t dolm_ric_ri_getmoduleinfo(uintptr_t handle, uint32_t id, dolm_ric_module_info *out)

@@ -10,8 +10,6 @@
 #include <set>
 #include <string_view>
 
-static constexpr uint32_t highest_port = 65534;
-
 static uint32_t parse_port(std::string_view text, const std::string &list)
 {
     uint32_t port = 0;
@@ -19,7 +17,7 @@ static uint32_t parse_port(std::string_view text, const std::string &list)
     if (text.empty() || error != std::errc{} || end != text.data() + text.size() ||
         port > highest_port) {
         throw tool_error(exit_code::usage,
-                         fmt::format("\"{}\" is no list of ports: write them as 0-3,7; they go "
+                         fmt::format("\"{}\" is not a list of ports: write them as 0-3,7; they go "
                                      "from 0 to {}",
                                      list, highest_port));
     }
@@ -52,4 +50,18 @@ std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists)
         } while (comma != std::string_view::npos);
     }
     return {ports.begin(), ports.end()};
+}
+
+std::string format_ports(const std::vector<uint32_t> &ports)
+{
+    std::string text;
+    for (size_t first = 0, last = 0; first < ports.size(); first = last + 1) {
+        last = first;
+        while (last + 1 < ports.size() && ports[last + 1] == ports[last] + 1)
+            last++;
+        text += fmt::format("{}{}", text.empty() ? "" : ",", ports[first]);
+        if (last > first)
+            text += fmt::format("-{}", ports[last]);
+    }
+    return text;
 }

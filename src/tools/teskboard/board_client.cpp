@@ -3,7 +3,7 @@
    packets whole, so no code here reassembles them. */
 #include "tools/teskboard/board_client.h"
 
-#include "platform/dolm_ric/dolm_ric_board.h"
+#include "platform/dolm_ric/simulator/control_protocol.h"
 #include "tools/common/exit_code.h"
 #include "tools/common/socket_group.h"
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tools/teskboard/command.h"
 
-#include "platform/dolm_ric/dolm_ric_board.h"
+#include "platform/dolm_ric/simulator/control_protocol.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -2,7 +2,7 @@
 /* command - what the words of a command line, or of a line of a scene, ask for. */
 #pragma once
 
-#include "platform/dolm_ric/simulator/board_text.h"
+#include "platform/dolm_ric/simulator/vocabulary.h"
 
 #include <CLI/CLI.hpp>
 #include <string>

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tools/teskboard/view.h"
 
-#include "platform/dolm_ric/simulator/board_text.h"
+#include "platform/dolm_ric/simulator/vocabulary.h"
 #include "tools/common/units.h"
 
 #include <algorithm>

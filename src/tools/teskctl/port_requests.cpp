@@ -3,6 +3,10 @@
 
 #include <memory>
 
+/* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made at
+   once would expire in the queue. */
+static constexpr size_t most_open = 64;
+
 std::vector<port_request> requests_for(tesk_client_request_type type,
                                        const std::vector<uint32_t> &ports)
 {
@@ -13,27 +17,37 @@ std::vector<port_request> requests_for(tesk_client_request_type type,
     return requests;
 }
 
+namespace
+{
+
+/* A process signal or a failed request ends the call before all answers are there; the rest arrive
+   when the session is closed. The callbacks hold the batch weakly, so that they find nothing once
+   the call is over. */
+struct batch {
+    size_t open;
+    const session::answered &answered;
+};
+
+} // namespace
+
 void request_all(event_loop &loop, session &server, const std::vector<port_request> &requests,
                  const session::answered &answered)
 {
-    /* A process signal or a failed request ends this call before all answers are there: they come
-       later, the last of them when the session is closed. The callbacks hold what they touch
-       weakly, so that they find nothing once this call is over. */
-    struct batch {
-        size_t open;
-        const session::answered &answered;
+    const auto all = std::make_shared<batch>(batch{0, answered});
+    const auto count_answer = [weak = std::weak_ptr(all)](const tesk_client_answer &answer) {
+        const auto waiting = weak.lock();
+        if (!waiting)
+            return;
+        waiting->open--;
+        waiting->answered(answer);
     };
-    const auto all = std::make_shared<batch>(batch{requests.size(), answered});
-    for (const port_request &request : requests)
-        server.request(request.type, request.port_no,
-                       [weak = std::weak_ptr(all)](const tesk_client_answer &answer) {
-                           const auto waiting = weak.lock();
-                           if (!waiting)
-                               return;
-                           --waiting->open;
-                           waiting->answered(answer);
-                       });
-    while (all->open > 0 && loop.wait(server, std::nullopt) != event_loop::wake::signal) {
+    for (size_t next = 0; next < requests.size() || all->open > 0;) {
+        for (; next < requests.size() && all->open < most_open; next++) {
+            server.request(requests[next].type, requests[next].port_no, count_answer);
+            all->open++;
+        }
+        if (loop.wait(server, std::nullopt) == event_loop::wake::signal)
+            return;
     }
 }
 
@@ -44,7 +58,7 @@ std::vector<port_request> subscribe_all(event_loop &loop, session &server,
     std::vector<port_request> held;
     request_all(loop, server, wanted, [&](const tesk_client_answer &answer) {
         if (answer.result == TESK_CLIENT_OK) {
-            /* Each unsubscribe stands behind its subscribe. */
+            /* The type of each unsubscribe follows that of its subscribe. */
             held.push_back(
                 {static_cast<tesk_client_request_type>(answer.request + 1), answer.port_no});
         } else {

@@ -15,13 +15,13 @@ struct port_request {
 std::vector<port_request> requests_for(tesk_client_request_type type,
                                        const std::vector<uint32_t> &ports);
 
-/* Makes all requests at once and waits for their answers. A process signal ends the wait;
-   `answered` hears of nothing after that. */
+/* Makes all requests and waits for their answers. A process signal ends the wait; `answered` isn't
+   called after that. */
 void request_all(event_loop &loop, session &server, const std::vector<port_request> &requests,
                  const session::answered &answered);
 
-/* Subscribes to all of them and gives the requests that end what succeeded. `failed` hears of the
-   others. */
+/* Makes subscribe requests and returns the unsubscribe requests for those that were confirmed.
+   `failed` is called for the others. */
 std::vector<port_request> subscribe_all(event_loop &loop, session &server,
                                         const std::vector<port_request> &wanted,
                                         const session::answered &failed);

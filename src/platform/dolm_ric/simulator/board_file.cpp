@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A board file has no language of its own: each line is a request of the control protocol, so
-   whatever can be played can also stand at the start. Only the first line is another thing, as it
-   says how many ports there are.
+/* A board file has no language of its own: each line is a command of the control protocol. Only its
+   first line differs, as it gives the number of ports. The built-in board is such a file, too.
 
-   The built-in board is such a file, too. What the file says wrong is told with the line's number,
-   and no board comes of it: a board that is not quite what was meant would be found out much later.
- */
+   An error ends the start of the board and names its line: a board that differs from what was meant
+   would be noticed much later. */
 #include "platform/dolm_ric/simulator/board_file.h"
+
+#include "platform/dolm_ric/simulator/commands.h"
 
 #include <cerrno>
 #include <cstring>
@@ -16,7 +16,7 @@
 namespace board
 {
 
-/* Something of each kind, so that whatever a client may meet is there without a file. */
+/* A port of each kind, so that a client can meet all of them without a file. */
 static constexpr char built_in[] = R"(ports 16
 insert 0-3 lc-own link=up speed=9.8
 set 1 vendor_sn=EX10G0002 temperature=38.2C
@@ -34,7 +34,8 @@ insert 12 unreadable
 set 15 started=no link=stopped
 )";
 
-/* The whole file; what can't be read counts as empty, which no board file is. */
+/* The whole file. One that can't be read, such as a directory, counts as empty, which is an error
+   later. */
 static std::string read_text(const char *path)
 {
     if (path == nullptr)
@@ -47,8 +48,8 @@ static std::string read_text(const char *path)
     return text.str();
 }
 
-/* The line that the others need: what they name must exist. */
-static std::unique_ptr<simulated_ports> make_ports(std::string_view line, desk &events)
+/* The first line. The others need it, as they may name only ports that exist. */
+static std::unique_ptr<simulator> make_ports(std::string_view line, core &events)
 {
     const auto words = split_words(line);
     if (words.size() != 2 || words[0] != "ports")
@@ -56,41 +57,41 @@ static std::unique_ptr<simulated_ports> make_ports(std::string_view line, desk &
     const auto count = static_cast<uint32_t>(parse_number(words[1], max_ports));
     if (count == 0)
         throw board_error("a board has one port at least");
-    events.open(count);
-    return std::make_unique<simulated_ports>(count, events);
+    return std::make_unique<simulator>(count, events);
 }
 
-/* Nobody subscribes yet, so no event comes of it. */
-static void carry_out(std::string_view line, const stage &on)
+/* No port is subscribed yet, so only a raw event can be queued. */
+static void run_line(std::string_view line, simulator &board)
 {
-    condition never;
-    const std::string answer = answer_request(line, on, never);
+    condition pending;
+    const auto guard = board.events.lock();
+    const std::string answer = run_command(line, board, pending);
     if (!answer.starts_with("ok"))
-        throw board_error(never ? "nobody waits in a board file"
-                                : answer.substr(answer.find(' ') + 1));
+        throw board_error(pending ? "a board file can't wait"
+                                  : answer.substr(answer.find(' ') + 1));
 }
 
-std::unique_ptr<simulated_ports> make_board(const char *path, desk &events)
+std::unique_ptr<simulator> make_board(const char *path, core &events)
 {
     std::istringstream text(read_text(path));
-    std::unique_ptr<simulated_ports> ports;
+    std::unique_ptr<simulator> board;
     std::string line;
     for (int number = 1; std::getline(text, line); number++) {
         if (split_words(line).empty() || line.starts_with('#'))
             continue;
         try {
-            if (ports)
-                carry_out(line, {events, *ports});
+            if (board)
+                run_line(line, *board);
             else
-                ports = make_ports(line, events);
+                board = make_ports(line, events);
         } catch (const board_error &error) {
             throw board_error((path != nullptr ? path : "built-in board") +
                               (":" + std::to_string(number)) + ": " + error.what());
         }
     }
-    if (!ports)
+    if (!board)
         throw board_error(std::string(path) + ": a board has one port at least");
-    return ports;
+    return board;
 }
 
 } // namespace board

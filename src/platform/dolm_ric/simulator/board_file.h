@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* board_file - what a board is at its start: a text file of requests from dolm_ric_board.h, one a
-   line, that are carried out before anybody sees the board. Lines that begin with # are comments.
+/* board_file - the initial state of a simulated board: a text file of commands of
+   control_protocol.h, one a line, that are carried out before the library's caller has the board.
+   Lines that begin with # are comments.
 
      ports 32                                  comes first: 1 to 65535
      insert 0-3 lc-own link=up speed=9.8       a cage without a module is empty, its link down
@@ -8,15 +9,15 @@
      fail subslink busy 2 */
 #pragma once
 
-#include "platform/dolm_ric/simulator/board_requests.h"
+#include "platform/dolm_ric/simulator/simulator.h"
 
 #include <memory>
 
 namespace board
 {
 
-/* Opens the desk for the board in the file of that name, or for the built-in one if it is null, and
-   makes its ports. A board_error names the file and the line. The caller holds the desk's lock. */
-std::unique_ptr<simulated_ports> make_board(const char *path, desk &events);
+/* Makes the board of the file of that name, or with null the built-in one. Throws a board_error
+   that names the file and the line. Takes the core's lock. */
+std::unique_ptr<simulator> make_board(const char *path, core &events);
 
 } // namespace board

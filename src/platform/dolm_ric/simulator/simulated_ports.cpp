@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What a port itself reports is held by value; its module is shared and never written. A change of
-   the module puts a changed copy in its place, one copy for all ports of a request that had the
-   same module, so that a board of 65,535 ports alike stays small after a change to all of them too.
- */
+/* A port's own values are held by value. Its module is shared and never written: a change of the
+   module replaces it by a changed copy, one copy for all ports of a command that had the same
+   module. So a board of 65,535 equal ports stays small even after a change to all of them. */
 #include "platform/dolm_ric/simulator/simulated_ports.h"
 
 #include <cstddef>
@@ -12,7 +11,7 @@
 namespace board
 {
 
-/* From an empty cage, by the settings of its kind. */
+/* Applies the settings of the kind to an empty cage. */
 static module_values make_module(const module_kind &kind)
 {
     module_values module;
@@ -22,24 +21,28 @@ static module_values make_module(const module_kind &kind)
     return module;
 }
 
-/* One module of zeros stands for the empty cage in all slots: a slot has always a module to read.
- */
+/* All empty cages share one module of zeros, so that a slot always has a module to read. */
 simulated_ports::simulated_ports(uint32_t count, port_events &events)
-    : listener(events), no_module(std::make_shared<const module_values>())
+    : events_(events), no_module_(std::make_shared<const module_values>())
 {
     const port_values started = {.status = DOLM_RICRIPORT_STARTED,
                                  .link_state = DOLM_RICRILINKSTATE_NOOPERATION};
-    slots.assign(count, {started, no_module});
+    slots_.assign(count, {started, no_module_});
 }
 
-uint32_t simulated_ports::ports() const
+uint32_t simulated_ports::count() const
 {
-    return static_cast<uint32_t>(slots.size());
+    return static_cast<uint32_t>(slots_.size());
+}
+
+bool simulated_ports::has_port(uint32_t port) const
+{
+    return port < count();
 }
 
 int32_t simulated_ports::read(uint32_t port, dolm_ric_port_status &out) const
 {
-    out = {.id = id_of_port_0 | port, .status = slots[port].values.status, .reserved = {}};
+    out = {.id = id_of_port_0 | port, .status = slots_[port].values.status, .reserved = {}};
     return DOLM_RICERR_OK;
 }
 
@@ -47,32 +50,32 @@ int32_t simulated_ports::read(uint32_t port, dolm_ric_link_status &out) const
 {
     out = {};
     out.id = id_of_port_0 | port;
-    out.state = slots[port].values.link_state;
-    out.speed = slots[port].values.link_speed;
+    out.state = slots_[port].values.link_state;
+    out.speed = slots_[port].values.link_speed;
     return DOLM_RICERR_OK;
 }
 
 int32_t simulated_ports::read(uint32_t port, dolm_ric_module_info &out) const
 {
-    if (!inserted(port) || !slots[port].module->readable)
+    if (!is_inserted(port) || !slots_[port].module->readable)
         return DOLM_RICERR_NOTAVAIL;
-    out = slots[port].module->info;
+    out = slots_[port].module->info;
     return DOLM_RICERR_OK;
 }
 
-/* The status word is the cage's own: it is there even where the module's memory can't be read. */
+/* The status word belongs to the cage: it is there even if the module's memory can't be read. */
 int32_t simulated_ports::read(uint32_t port, dolm_ric_module_status &out) const
 {
-    if (!inserted(port))
+    if (!is_inserted(port))
         return DOLM_RICERR_NOTAVAIL;
-    out = slots[port].module->status;
+    out = slots_[port].module->status;
     return DOLM_RICERR_OK;
 }
 
 int32_t simulated_ports::read(uint32_t port, dolm_ric_module_diag &out) const
 {
-    const module_values &module = *slots[port].module;
-    if (!inserted(port) || !module.readable)
+    const module_values &module = *slots_[port].module;
+    if (!is_inserted(port) || !module.readable)
         return DOLM_RICERR_NOTAVAIL;
     if (!module.has_diagnostics)
         return DOLM_RICERR_UNSUPPORTED;
@@ -80,60 +83,60 @@ int32_t simulated_ports::read(uint32_t port, dolm_ric_module_diag &out) const
     return DOLM_RICERR_OK;
 }
 
-bool simulated_ports::inserted(uint32_t port) const
+bool simulated_ports::is_inserted(uint32_t port) const
 {
-    return (slots[port].values.status & DOLM_RICRIPORT_MODINSERTED) != 0;
+    return (slots_[port].values.status & DOLM_RICRIPORT_MODINSERTED) != 0;
 }
 
 void simulated_ports::require(const port_list &list) const
 {
     for (const port_range &range : list)
-        if (range.last >= ports())
+        if (range.last >= count())
             throw board_error("there is no port " + std::to_string(range.last) +
-                              ": this board has the ports 0 to " + std::to_string(ports() - 1));
+                              ": this board has the ports 0 to " + std::to_string(count() - 1));
 }
 
-/* An event carries what a read at the same moment gives. */
+/* A report carries what a read at the same moment gives. */
 template <typename record>
-void simulated_ports::tell(uint32_t port, void (port_events::*changed)(const record &))
+void simulated_ports::report(uint32_t port, void (port_events::*changed)(const record &))
 {
     record now;
     read(port, now);
-    (listener.*changed)(now);
+    (events_.*changed)(now);
 }
 
-/* Each port is told of once per kind, however many of its values a request changes. */
+/* One report per port and kind, however many values a command changes. */
 template <typename edit>
-void simulated_ports::change(const port_list &list, told_anyway anyway, edit &&apply)
+void simulated_ports::change(const port_list &list, forced_reports forced, edit &&apply)
 {
     require(list);
     for (const port_range &range : list) {
         for (uint32_t port = range.first; port <= range.last; port++) {
-            const port_values before = slots[port].values;
-            apply(slots[port]);
-            const port_values &now = slots[port].values;
-            if (anyway.port || now.status != before.status)
-                tell(port, &port_events::port_changed);
-            if (anyway.link || now.link_state != before.link_state ||
+            const port_values before = slots_[port].values;
+            apply(slots_[port]);
+            const port_values &now = slots_[port].values;
+            if (forced.port || now.status != before.status)
+                report(port, &port_events::port_changed);
+            if (forced.link || now.link_state != before.link_state ||
                 now.link_speed != before.link_speed)
-                tell(port, &port_events::link_changed);
+                report(port, &port_events::link_changed);
         }
     }
 }
 
-/* Writes settings to ports. The map keeps the old modules alive while it lasts, so that no new one
-   can be mistaken for them. */
+/* Writes settings to ports. The map keeps the old modules alive for as long as it exists, so that
+   no new module can have the address of an old one. */
 class simulated_ports::writer
 {
   public:
-    explicit writer(const std::vector<setting> &wanted) : settings(wanted)
+    explicit writer(const std::vector<setting> &settings) : settings_(settings)
     {
     }
 
     void operator()(port_slot &slot)
     {
         bool touches_module = false;
-        for (const setting &value : settings) {
+        for (const setting &value : settings_) {
             touches_module |= value.target->in_module;
             if (!value.target->in_module)
                 write_setting(value, &slot.values);
@@ -145,47 +148,49 @@ class simulated_ports::writer
   private:
     module_ptr changed(const module_ptr &before)
     {
-        module_ptr &copy = copies[before];
+        module_ptr &copy = copies_[before];
         if (copy)
             return copy;
-        auto fresh = std::make_shared<module_values>(*before);
-        for (const setting &value : settings)
+        auto changed_copy = std::make_shared<module_values>(*before);
+        for (const setting &value : settings_)
             if (value.target->in_module)
-                write_setting(value, fresh.get());
-        return copy = std::move(fresh);
+                write_setting(value, changed_copy.get());
+        return copy = std::move(changed_copy);
     }
 
-    const std::vector<setting> &settings;
-    std::map<module_ptr, module_ptr> copies;
+    const std::vector<setting> &settings_;
+    std::map<module_ptr, module_ptr> copies_;
 };
 
-void simulated_ports::set(const port_list &list, const std::vector<setting> &settings, bool again)
+void simulated_ports::set(const port_list &list, const std::vector<setting> &settings,
+                          bool is_forced)
 {
-    /* An event tells of the port's status or of its link. The values of a module have none. */
-    told_anyway anyway;
+    /* A value belongs to the port's status or to its link; a module's values have no event. */
+    forced_reports forced;
     for (const setting &value : settings) {
         const bool of_status = value.target->offset == offsetof(port_values, status);
-        anyway.port |= again && !value.target->in_module && of_status;
-        anyway.link |= again && !value.target->in_module && !of_status;
+        forced.port |= is_forced && !value.target->in_module && of_status;
+        forced.link |= is_forced && !value.target->in_module && !of_status;
     }
-    change(list, anyway, writer(settings));
+    change(list, forced, writer(settings));
 }
 
-/* A module comes ready, unless the settings say otherwise. They are written last. */
+/* An inserted module is ready, unless the settings, which are written last, say otherwise. */
 void simulated_ports::insert(const port_list &list, const module_kind *kind,
                              const std::vector<setting> &settings)
 {
     const auto fresh = std::make_shared<const module_values>(
         make_module(kind != nullptr ? *kind : parse_module_kind("lc")));
     change(list, {}, [&, write = writer(settings)](port_slot &slot) mutable {
-        if (kind != nullptr || slot.module == no_module)
+        if (kind != nullptr || slot.module == no_module_)
             slot.module = fresh;
         slot.values.status |= DOLM_RICRIPORT_MODINSERTED | DOLM_RICRIPORT_MODREADY;
         write(slot);
     });
 }
 
-/* The port stays started and remembers the module, but a link without one can't be up. */
+/* The port stays started and keeps the module for the next insertion. A link without a module
+   can't be up. */
 void simulated_ports::remove(const port_list &list)
 {
     change(list, {}, [](port_slot &slot) {
@@ -197,7 +202,7 @@ void simulated_ports::remove(const port_list &list)
 
 std::string simulated_ports::value_of(uint32_t port, const field &source) const
 {
-    const port_slot &slot = slots[port];
+    const port_slot &slot = slots_[port];
     return source.in_module ? read_field(source, slot.module.get())
                             : read_field(source, &slot.values);
 }

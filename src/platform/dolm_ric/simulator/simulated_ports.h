@@ -1,39 +1,43 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* simulated_ports - a port source that is nothing but memory.
+/* simulated_ports - ports that consist of values in memory. All methods are called with the core's
+   lock held.
 
-   A port that nobody touched costs a few words: what its module reports is shared by all ports that
-   report the same, until one of them is changed. */
+   Modules with the same values are shared by their ports until one of them is changed, so that an
+   untouched port costs a few words. */
 #pragma once
 
 #include "platform/dolm_ric/port_source.h"
-#include "platform/dolm_ric/simulator/board_text.h"
+#include "platform/dolm_ric/simulator/vocabulary.h"
 
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace board
 {
 
-class simulated_ports final : public port_source
+class simulated_ports : public port_source
 {
   public:
-    /* Empty cages, started, links down. `listener` hears of all later changes. */
-    simulated_ports(uint32_t count, port_events &listener);
+    /* `count` empty cages, numbered from 0, started, with links down. Later changes are reported to
+       `events`. */
+    simulated_ports(uint32_t count, port_events &events);
 
-    uint32_t ports() const override;
+    uint32_t count() const;
+    bool has_port(uint32_t port) const override;
     int32_t read(uint32_t port, dolm_ric_port_status &out) const override;
     int32_t read(uint32_t port, dolm_ric_link_status &out) const override;
     int32_t read(uint32_t port, dolm_ric_module_info &out) const override;
     int32_t read(uint32_t port, dolm_ric_module_status &out) const override;
     int32_t read(uint32_t port, dolm_ric_module_diag &out) const override;
 
-    /* Throws a board_error for a list that holds a port which the board doesn't have. */
+    /* Throws a board_error if the list contains a port that the board doesn't have. */
     void require(const port_list &list) const;
 
-    /* The changes touch all ports of the list or, with a board_error, none. With `again` the
-       listener hears of the values that are set even where they stay what they were. */
-    void set(const port_list &list, const std::vector<setting> &settings, bool again);
-    /* Puts in a fresh module of that kind, or with null the one that was there last, else an lc. */
+    /* These change all ports of the list or, with a board_error, none. With `is_forced` the values
+       that are set are reported even where they don't change. */
+    void set(const port_list &list, const std::vector<setting> &settings, bool is_forced);
+    /* Inserts a new module of that kind; with null the port's previous module, else an lc. */
     void insert(const port_list &list, const module_kind *kind,
                 const std::vector<setting> &settings);
     void remove(const port_list &list);
@@ -47,22 +51,23 @@ class simulated_ports final : public port_source
         port_values values;
         module_ptr module;
     };
-    struct told_anyway {
+    /* The reports that are made even if nothing has changed. */
+    struct forced_reports {
         bool port = false;
         bool link = false;
     };
 
     class writer;
 
-    bool inserted(uint32_t port) const;
+    bool is_inserted(uint32_t port) const;
     template <typename edit>
-    void change(const port_list &list, told_anyway anyway, edit &&apply);
+    void change(const port_list &list, forced_reports forced, edit &&apply);
     template <typename record>
-    void tell(uint32_t port, void (port_events::*changed)(const record &));
+    void report(uint32_t port, void (port_events::*changed)(const record &));
 
-    std::vector<port_slot> slots;
-    port_events &listener;
-    const module_ptr no_module;
+    std::vector<port_slot> slots_;
+    port_events &events_;
+    const module_ptr no_module_;
 };
 
 } // namespace board

@@ -2,7 +2,7 @@
 /* Everything that has a name stands in a table: operations, codes, words for values, units, values
    and kinds of modules. What is read, what is printed and what an error offers instead all come
    from the same rows, so that a new value or module is one more row. */
-#include "platform/dolm_ric/simulator/board_text.h"
+#include "platform/dolm_ric/simulator/vocabulary.h"
 
 #include <algorithm>
 #include <array>

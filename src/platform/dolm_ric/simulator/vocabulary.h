@@ -1,30 +1,22 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* board_text - the vocabulary that the board file, the control protocol and teskboard share: lists
+/* vocabulary - the words that the board file, the control protocol and teskboard share: lists
    of ports, operations and result codes, kinds of modules, and the keys of all values that a port
-   reports. Pure functions; what they can't read they throw as board_error, with a text for people.
- */
+   reports. Pure functions. Text that can't be parsed gives a board_error. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
+#include "platform/dolm_ric/operation.h"
 
 #include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace board
 {
-
-struct board_error : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-constexpr uint32_t max_ports = 65535;
-constexpr uint32_t id_of_port_0 = 0x00020000;
 
 /* Ports in the order in which they were named. */
 struct port_range {
@@ -37,24 +29,6 @@ using port_list = std::vector<port_range>;
 port_list parse_ports(std::string_view text);
 std::string format_ports(const port_list &ports);
 bool contains(const port_list &ports, uint32_t port);
-
-/* The thirteen operations, named without the prefix that all of them bear. */
-enum class operation : uint8_t {
-    init,
-    shutdown,
-    waitevent,
-    freeevent,
-    getportstatus,
-    subsport,
-    unsubsport,
-    subslink,
-    unsubslink,
-    getlinkstatus,
-    getmoduleinfo,
-    getmodstatus,
-    getmodulediag,
-};
-constexpr size_t operation_count = 13;
 
 /* The short name; operation_names() has all of them, in the order of the enumeration. */
 std::string_view operation_name(operation op);

@@ -1,0 +1,58 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* control_server - serves the control protocol of a simulated board on a thread of its own.
+   Commands are carried out under the core's lock, between two calls of the library. */
+#pragma once
+
+#include "platform/dolm_ric/simulator/simulator.h"
+#include "util/descriptor.h"
+
+#include <atomic>
+#include <functional>
+#include <pthread.h>
+#include <span>
+#include <string>
+#include <vector>
+
+struct pollfd;
+
+namespace board
+{
+
+class control_server
+{
+  public:
+    /* Listens at that path and starts the thread; throws a board_error with the reason if it can't.
+       Neither this nor the destructor, which ends the thread, is called with the core's lock held.
+     */
+    control_server(const std::string &path, simulator &board);
+    ~control_server();
+    control_server(const control_server &) = delete;
+    control_server &operator=(const control_server &) = delete;
+
+  private:
+    struct peer {
+        util::descriptor socket;
+        std::function<bool()> pending = {}; /* the condition of its "wait" */
+        bool is_dropped = false;            /* closed at the end of the current pass */
+    };
+
+    static void *run(void *argument);
+    void serve();
+    bool accept_peer();
+    void serve_peers(std::span<const pollfd> polled);
+    bool serve_peer(peer &known, bool is_readable);
+    bool receive_command(peer &from);
+
+    const std::string path_;
+    simulator &board_;
+    util::descriptor lock_;
+    util::descriptor listener_;
+    util::descriptor wakeup_;
+    std::vector<peer> peers_;
+    bool can_accept_ = true;
+    std::vector<char> command_;
+    std::atomic<bool> is_ending_ = false;
+    pthread_t thread_ = {};
+};
+
+} // namespace board

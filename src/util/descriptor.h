@@ -1,0 +1,57 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* descriptor - owns a file descriptor and closes it. */
+#pragma once
+
+#include <unistd.h>
+#include <utility>
+
+namespace util
+{
+
+class descriptor
+{
+  public:
+    /* Takes ownership; a negative number is no descriptor. */
+    explicit descriptor(int number = -1) noexcept : number_(number)
+    {
+    }
+    descriptor(descriptor &&other) noexcept : number_(other.release())
+    {
+    }
+    descriptor &operator=(descriptor &&other) noexcept
+    {
+        if (this != &other)
+            reset(other.release());
+        return *this;
+    }
+    ~descriptor()
+    {
+        reset();
+    }
+
+    int get() const noexcept
+    {
+        return number_;
+    }
+    bool is_open() const noexcept
+    {
+        return number_ >= 0;
+    }
+    /* Gives up ownership. */
+    int release() noexcept
+    {
+        return std::exchange(number_, -1);
+    }
+    /* Closes the descriptor and owns another one. */
+    void reset(int number = -1) noexcept
+    {
+        const int closed = std::exchange(number_, number);
+        if (closed >= 0)
+            close(closed);
+    }
+
+  private:
+    int number_;
+};
+
+} // namespace util

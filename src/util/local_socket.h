@@ -1,0 +1,67 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* local_socket - sockets in the file system. A result that isn't open leaves the reason in errno;
+   a path that is too long for a socket address gives ENAMETOOLONG. All sockets are close-on-exec.
+ */
+#pragma once
+
+#include "util/descriptor.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+namespace util
+{
+
+/* False, with errno, if the path is empty or too long. */
+inline bool make_local_address(std::string_view path, sockaddr_un &address)
+{
+    address = {.sun_family = AF_UNIX, .sun_path = {}};
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+        errno = path.empty() ? ENOENT : ENAMETOOLONG;
+        return false;
+    }
+    memcpy(address.sun_path, path.data(), path.size());
+    return true;
+}
+
+/* `type` is SOCK_STREAM or SOCK_SEQPACKET, with SOCK_NONBLOCK if wanted. */
+inline descriptor connect_to(std::string_view path, int type)
+{
+    sockaddr_un address;
+    if (!make_local_address(path, address))
+        return descriptor();
+    descriptor connection(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    if (!connection.is_open() ||
+        connect(connection.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)))
+        connection.reset();
+    return connection;
+}
+
+/* Listens at a path that doesn't exist yet, for the owner and the group of that number. Nobody can
+   connect before the group and the mode are set. A caller who isn't a member of the group leaves
+   the socket's own group. A symbolic link that somebody puts in the socket's place is not followed;
+   a system without /proc can't promise that, and there the umask applies to the mode. */
+inline descriptor listen_at(std::string_view path, int type, mode_t mode, gid_t group, int backlog)
+{
+    sockaddr_un address;
+    if (!make_local_address(path, address))
+        return descriptor();
+    descriptor listener(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    if (!listener.is_open() || fchmod(listener.get(), mode) != 0 ||
+        bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
+        return descriptor();
+    [[maybe_unused]] const bool has_group =
+        group == getegid() || lchown(address.sun_path, static_cast<uid_t>(-1), group) == 0;
+    [[maybe_unused]] const bool has_mode =
+        fchmodat(AT_FDCWD, address.sun_path, mode, AT_SYMLINK_NOFOLLOW) == 0;
+    if (::listen(listener.get(), backlog) != 0)
+        listener.reset();
+    return listener;
+}
+
+} // namespace util

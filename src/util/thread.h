@@ -1,0 +1,51 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* thread - threads of a library inside somebody else's process. */
+#pragma once
+
+#include <csignal>
+#include <cstddef>
+#include <pthread.h>
+
+namespace util
+{
+
+/* Blocks all signals of the calling thread while it exists; threads made meanwhile inherit that. */
+class blocked_signals
+{
+  public:
+    blocked_signals() noexcept
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~blocked_signals()
+    {
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    blocked_signals(const blocked_signals &) = delete;
+    blocked_signals &operator=(const blocked_signals &) = delete;
+
+  private:
+    sigset_t before_{};
+};
+
+/* Starts a joinable thread that runs `run(argument)`. All its signals are blocked from its first
+   instruction, as the handlers of the program expect to run on the program's own threads. The
+   stack also holds the thread-local storage of all libraries. Returns 0 or an error number. */
+inline int start_thread(pthread_t &thread, size_t stack_size, void *(*run)(void *), void *argument)
+{
+    pthread_attr_t attributes;
+    if (const int error = pthread_attr_init(&attributes))
+        return error;
+    pthread_attr_setstacksize(&attributes, stack_size);
+    int error = 0;
+    {
+        const blocked_signals blocked;
+        error = pthread_create(&thread, &attributes, run, argument);
+    }
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+} // namespace util
