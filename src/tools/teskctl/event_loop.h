@@ -3,48 +3,53 @@
 #pragma once
 
 #include "tools/teskctl/session.h"
+#include "util/descriptor.h"
 
 #include <chrono>
 #include <csignal>
 #include <optional>
+#include <string>
 #include <vector>
 
 using steady_time = std::chrono::steady_clock::time_point;
 
-/* Blocks the signals that end a command, or that it must hear of, and takes them from a descriptor:
-   no handler runs anywhere. Made before the session. */
+/* Blocks the given signals and reads them from a descriptor: no signal handler runs anywhere. Must
+   be constructed before the session. */
 class event_loop
 {
   public:
     enum class wake { session, signal, key, time };
 
     explicit event_loop(const std::vector<int> &signals = {SIGINT, SIGTERM, SIGHUP});
-    ~event_loop();
-    event_loop(const event_loop &) = delete;
-    event_loop &operator=(const event_loop &) = delete;
 
     /* Lets keys of standard input wake the loop. */
     void watch_keys()
     {
-        keys_ = true;
+        has_keys_ = true;
     }
 
-    /* Waits for one thing, for a session's work that is done at once, or until `end`. */
+    /* Waits for one event or until `end`. Work of the session is dispatched here. */
     wake wait(const session &server, std::optional<steady_time> end);
 
-    /* Of the last wake of that kind. */
+    /* Waits without a session; false if a process signal came. */
+    bool sleep(std::chrono::milliseconds duration);
+
+    /* The signal of the last wake::signal, 0 if there was none. */
     int signal() const
     {
         return signal_;
     }
-    char key() const
+    /* The bytes of the last wake::key. */
+    const std::string &keys() const
     {
-        return key_;
+        return keys_;
     }
 
   private:
-    int signal_fd_;
-    bool keys_ = false;
+    bool read_signal();
+
+    util::descriptor signals_;
+    bool has_keys_ = false;
     int signal_ = 0;
-    char key_ = 0;
+    std::string keys_;
 };

@@ -6,8 +6,7 @@
 
 #include <cstdlib>
 #include <fmt/format.h>
-
-static constexpr char server_name[] = "tesk-server";
+#include <unistd.h>
 
 exit_code exit_code_of(tesk_client_result result)
 {
@@ -25,18 +24,47 @@ exit_code exit_code_of(tesk_client_result result)
     }
 }
 
+std::string mailbox_directory()
+{
+    const char *directory = std::getenv("MBX_DIR");
+    return directory != nullptr && *directory != '\0' ? directory : default_mailbox_directory;
+}
+
+std::string unit_file()
+{
+    static constexpr const char *folders[] = {"/etc/systemd/system", "/run/systemd/system",
+                                              "/usr/local/lib/systemd/system",
+                                              "/usr/lib/systemd/system", "/lib/systemd/system"};
+    if (access("/run/systemd/system", F_OK) != 0)
+        return ""; /* systemd doesn't run, or not as the first process */
+    for (const char *folder : folders)
+        if (const std::string file = fmt::format("{}/{}.service", folder, server_name);
+            access(file.c_str(), F_OK) == 0)
+            return file;
+    return "";
+}
+
+std::string start_command()
+{
+    const std::string directory = mailbox_directory();
+    if (directory == default_mailbox_directory && !unit_file().empty())
+        return fmt::format("systemctl start {}", server_name);
+    return fmt::format("MBX_DIR={} {}", escape(directory), server_name);
+}
+
 std::string explain(tesk_client_result result, const std::string &text)
 {
+    const std::string directory = mailbox_directory();
     switch (result) {
     case TESK_CLIENT_NO_SERVER:
-        return fmt::format("no server: nobody answers to the name \"{0}\" in {1}; start it with "
-                           "\"MBX_DIR={1} {0}\", or set MBX_DIR to the directory of the one that "
-                           "runs",
-                           server_name, mailbox_directory());
+        return fmt::format("no server: no process has the name \"{}\" in {}; start it with \"{}\", "
+                           "or set MBX_DIR to the directory of the one that runs; "
+                           "\"teskctl doctor\" looks for the cause",
+                           server_name, escape(directory), start_command());
     case TESK_CLIENT_NO_ACCESS:
         return fmt::format("no access to \"{}\" in {}: become a member of group {}, or use sudo",
-                           server_name, mailbox_directory(),
-                           socket_group(mailbox_directory() + "/" + server_name));
+                           server_name, escape(directory),
+                           socket_group(directory + "/" + server_name));
     case TESK_CLIENT_TIMEOUT:
         return fmt::format("{}: is {} stopped or busy? --timeout gives it longer", text,
                            server_name);
@@ -47,8 +75,9 @@ std::string explain(tesk_client_result result, const std::string &text)
     }
 }
 
-std::string mailbox_directory()
+std::string explain(const tesk_client_answer &answer)
 {
-    const char *directory = std::getenv("MBX_DIR");
-    return directory != nullptr && *directory != '\0' ? directory : "/run/mbx";
+    if (answer.rejection == TESK_CLIENT_REJECTION_NO_PORT)
+        return "no such port";
+    return explain(answer.result, answer.text);
 }

@@ -32,7 +32,7 @@ std::string paint(const std::string &text, tint shade, bool enabled)
 
 size_t display_width(std::string_view text)
 {
-    /* One column a character: the only ones beyond ASCII are our own, like that of degrees. */
+    /* One column for each character: those beyond ASCII are our own, such as the degree sign. */
     return static_cast<size_t>(std::ranges::count_if(
         text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) != 0x80; }));
 }
@@ -42,7 +42,7 @@ std::string fit(std::string_view text, size_t width)
     const size_t taken = display_width(text);
     if (taken <= width)
         return std::string(text) + std::string(width - taken, ' ');
-    /* Goes on until the first byte of a character is off, which is the one that counts. */
+    /* Only the first byte of a character counts: the loop removes whole characters. */
     while (display_width(text) > width)
         text.remove_suffix(1);
     return std::string(text);
@@ -59,7 +59,7 @@ std::string table::text(size_t width) const
             widths[i] = std::max(widths[i], display_width(row[i]));
         indent += widths[i] + gap;
     }
-    /* In a window too narrow even for that, lines wrap, rather than lose what they tell. */
+    /* In a window too narrow even for that, the terminal wraps the lines: nothing is lost. */
     const size_t room = width == 0 ? 0 : std::max(width, indent + narrowest) - indent;
     std::string text;
     for (const auto &row : rows_) {

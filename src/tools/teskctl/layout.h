@@ -9,12 +9,12 @@
 enum class tint { none, green, yellow, red, dim, bold };
 std::string paint(const std::string &text, tint shade, bool enabled);
 
-/* How many columns a text takes on the terminal. */
+/* The number of columns that a text takes on the terminal. */
 size_t display_width(std::string_view text);
-/* The text in exactly so many columns: padded, or cut. */
+/* The text in exactly `width` columns: padded, or cut. */
 std::string fit(std::string_view text, size_t width);
 
-/* A table whose last column takes the room that is left and goes on in the lines below. */
+/* A table whose last column takes the remaining width and continues on the lines below. */
 class table
 {
   public:
@@ -25,7 +25,7 @@ class table
     {
         rows_.push_back(std::move(row));
     }
-    /* `width` 0: as wide as it likes. */
+    /* `width` 0 means no limit. */
     std::string text(size_t width) const;
 
   private:

@@ -3,8 +3,8 @@
 
 #include <memory>
 
-/* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made at
-   once would expire in the queue. */
+/* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made
+   at once would expire in the queue. */
 static constexpr size_t most_open = 64;
 
 std::vector<port_request> requests_for(tesk_client_request_type type,
@@ -66,4 +66,16 @@ std::vector<port_request> subscribe_all(event_loop &loop, session &server,
         }
     });
     return held;
+}
+
+std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer)
+{
+    if (answer.pm != nullptr)
+        return *answer.pm;
+    if (answer.rejection != TESK_CLIENT_REJECTION_NO_MODULE)
+        return std::nullopt;
+    tesk_client_pm none{};
+    none.port_no = answer.port_no;
+    none.sfp_type = TESK_CLIENT_SFP_NOT_PRESENT;
+    return none;
 }

@@ -25,3 +25,7 @@ void request_all(event_loop &loop, session &server, const std::vector<port_reque
 std::vector<port_request> subscribe_all(event_loop &loop, session &server,
                                         const std::vector<port_request> &wanted,
                                         const session::answered &failed);
+
+/* The measured values that an answer brings: for a port without a module a record without values,
+   nothing if the request failed. */
+std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer);

@@ -15,9 +15,9 @@ using ports_text = std::vector<std::string>;
    list is reported before anything else. */
 void check_ports(const ports_text &text);
 
-/* The ports in ascending order, each once. "all" are those of the port map; without a map those that
-   exist among the first 128, found by requests that leave no history. Throws a tool_error if none is
-   found. Empty if a process signal came. */
+/* The ports in ascending order, each once. "all" are those of the port map; without a map those
+   that exist among the first 128, found by requests that leave no history. Throws a tool_error if
+   none is found. Empty if a process signal came. */
 std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text);
 
 /* The interface names by port number, as far as the port map has them; escaped. A map that is wrong

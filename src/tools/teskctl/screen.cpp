@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The page is drawn over the one before, line by line; clearing it as a whole would flicker. A line
-   is cleared before it is written: behind one that fills the window, clearing would take its last
-   character. A frame is put together first and goes out at once.
+/* A page is drawn over the previous one, line by line; clearing it as a whole would flicker. Each
+   line is cleared before it is written: after a line as wide as the window, clearing would remove
+   its last character. A page is written at once.
 
-   No handler puts the terminal back: the signals that end or stop the program are taken from a
-   descriptor by the loop, which leaves the scope of the screen or calls suspend. */
+   No signal handler restores the terminal: the loop reads the signals that end or stop the program
+   from a descriptor, and leaves the scope of the screen or calls suspend. */
 #include "tools/teskctl/screen.h"
 
 #include "tools/common/output.h"
@@ -15,7 +15,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-/* The other page of the terminal, without a cursor, and back. */
+/* Switches to the terminal's alternate screen without a cursor, and back. */
 static constexpr char enter_sequence[] = "\x1b[?1049h\x1b[?25l\x1b[2J";
 static constexpr char leave_sequence[] = "\x1b[?25h\x1b[?1049l";
 static constexpr char clear_line[] = "\x1b[K";

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* screen - the terminal as a page that is drawn again and again; it is put back as it was when the
-   object goes. */
+/* screen - the terminal as a page that is drawn repeatedly. The destructor restores the terminal.
+ */
 #pragma once
 
 #include <string>
@@ -22,14 +22,14 @@ class screen
     screen(const screen &) = delete;
     screen &operator=(const screen &) = delete;
 
-    /* Replaces what stands there; lines beyond the height are left out. */
+    /* Replaces the page; lines beyond the height are left out. */
     void draw(const std::vector<std::string> &lines, size_t height) const;
 
-    /* Gives the terminal back, stops the process as Ctrl-Z does, and takes the terminal again when
-       the process goes on. */
+    /* Restores the terminal, stops the process as Ctrl-Z does, and takes the terminal again when
+       the process continues. */
     void suspend();
 
-    /* Whether keys can be read. */
+    /* False if standard input is not a terminal. */
     bool has_keys() const
     {
         return has_keys_;

@@ -3,18 +3,40 @@
    client library promises for each request, at the latest as cancelled when the session closes. */
 #include "tools/teskctl/session.h"
 
+#include "tools/teskctl/event_loop.h"
 #include "tools/teskctl/explain.h"
 
 #include <memory>
 
-session::session(const settings &common, handlers called, bool reconnect)
+using std::chrono::steady_clock;
+
+static constexpr std::chrono::milliseconds retry_interval{100};
+
+/* Connects, and retries while there is no server and time is left. */
+static tesk_client_result connect(event_loop &loop, const settings &common,
+                                  const tesk_client_options &options, tesk_client_session **made)
+{
+    const double wait_seconds = common.wait_seconds;
+    const steady_time end =
+        steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(
+                                  std::chrono::duration<double>(wait_seconds));
+    while (true) {
+        const tesk_client_result result = tesk_client_connect(&options, made);
+        const bool is_away = result == TESK_CLIENT_NO_SERVER || result == TESK_CLIENT_TIMEOUT ||
+                             result == TESK_CLIENT_LOST;
+        if (!is_away || steady_clock::now() >= end || !loop.sleep(retry_interval))
+            return result;
+    }
+}
+
+session::session(event_loop &loop, const settings &common, handlers called, bool reconnect)
     : handlers_(std::move(called))
 {
     tesk_client_options options{};
     options.deadline_ms = common.timeout_ms;
     options.reconnect = reconnect;
     options.user = &handlers_;
-    /* C callbacks know only a pointer; it leads to the functions of this object. */
+    /* C callbacks have only a pointer, which leads to the functions of this object. */
     options.on_sfp_info = [](const tesk_client_sfp_info *info, void *user) {
         if (auto *to = static_cast<session::handlers *>(user); to->sfp_info)
             to->sfp_info(*info);
@@ -27,13 +49,13 @@ session::session(const settings &common, handlers called, bool reconnect)
         if (auto *to = static_cast<session::handlers *>(user); to->event)
             to->event(*event);
     };
-    const tesk_client_result result = tesk_client_connect(&options, &session_);
+    const tesk_client_result result = connect(loop, common, options, &session_);
     if (result != TESK_CLIENT_OK)
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
 }
 
-/* Closing cancels what is open, and those who asked hear of it; the handlers' owner is already on
-   its way out and hears of nothing more. */
+/* Closing cancels open requests, whose functions are called. The handlers are not: their owner is
+   being destroyed. */
 session::~session()
 {
     handlers_ = {};
@@ -52,5 +74,5 @@ void session::request(tesk_client_request_type type, uint32_t port_no, answered 
         owned.get());
     if (result != TESK_CLIENT_OK)
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
-    static_cast<void>(owned.release()); /* the callback has it now */
+    static_cast<void>(owned.release()); /* the callback owns it now */
 }

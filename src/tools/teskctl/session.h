@@ -8,6 +8,8 @@
 
 #include <functional>
 
+class event_loop;
+
 class session
 {
   public:
@@ -17,8 +19,9 @@ class session
         std::function<void(const tesk_client_event &)> event;
     };
 
-    /* Throws a tool_error where there is no server. With `reconnect` it comes back by itself. */
-    session(const settings &common, handlers called, bool reconnect);
+    /* Throws a tool_error if there is no server; with --wait only after that time, or when a
+       process signal comes to the loop. With `reconnect` the session reconnects after a loss. */
+    session(event_loop &loop, const settings &common, handlers called, bool reconnect);
     ~session();
     session(const session &) = delete;
     session &operator=(const session &) = delete;
@@ -27,13 +30,13 @@ class session
     {
         return session_;
     }
-    bool connected() const
+    bool is_connected() const
     {
         return tesk_client_connected(session_);
     }
 
-    /* `called` is called once, at the latest when the session goes: what it captures by reference
-       must be older than the session. */
+    /* `called` is called once, when the session closes at the latest: what it captures by reference
+       must outlive the session. It must not throw. */
     using answered = std::function<void(const tesk_client_answer &)>;
     void request(tesk_client_request_type type, uint32_t port_no, answered called);
 

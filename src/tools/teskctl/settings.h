@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 
 struct settings {
     bool json = false;
@@ -11,5 +10,5 @@ struct settings {
     bool on_terminal = false; /* standard output is a terminal */
     uint32_t timeout_ms = 2000;
     /* How long to wait for a server that isn't there, in seconds. */
-    std::optional<double> wait_seconds;
+    double wait_seconds = 0;
 };
