@@ -69,6 +69,8 @@ check=$work/usr/bin/tesk-abi-check
 expect 1 "libzel.so.0 is missing" "$check" "$board"
 cp "$libraries"/lib{mbx,zel,tesktmo}.so.? "$board"
 expect 0 "everything" "$check" "$board"
+expect 0 "everything" "$check" --library "$board/libzel.so.0"
+expect 2 "must begin with" "$check" --library "$board/../CMakeCache.txt"
 printf 'int mbx_init; void mbx_exit(void) {}\n' >"$work/bad.c"
 printf 'unsigned procInfo[8]; int zel_init(void) { return 0; }\n' >"$work/bad_zel.c"
 cc -shared -fPIC -o "$board/libmbx.so.1" "$work/bad.c"

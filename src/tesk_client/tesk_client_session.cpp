@@ -66,12 +66,6 @@ static int remaining_ms(steady_clock::time_point end)
     return static_cast<int>(std::max<int64_t>(left.count(), 0));
 }
 
-owned_fd::~owned_fd()
-{
-    if (fd_ >= 0)
-        close(fd_);
-}
-
 tesk_client_session::tesk_client_session(const tesk_client_options &options)
     : options_(with_defaults(options)), epoll_(checked(epoll_create1(EPOLL_CLOEXEC))),
       timer_(checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))),

@@ -4,6 +4,7 @@
 
 #include "tesk_client/tesk_client.h"
 #include "tesk_client/tesk_client_decode.h"
+#include "util/descriptor.h"
 
 #include <chrono>
 #include <deque>
@@ -16,26 +17,6 @@
 #include <vector>
 
 using steady_clock = std::chrono::steady_clock;
-
-/* A descriptor that closes itself. */
-class owned_fd
-{
-  public:
-    explicit owned_fd(int fd) : fd_(fd)
-    {
-    }
-    ~owned_fd();
-    owned_fd(const owned_fd &) = delete;
-    owned_fd &operator=(const owned_fd &) = delete;
-
-    int get() const
-    {
-        return fd_;
-    }
-
-  private:
-    int fd_;
-};
 
 /* The signals of one type of request; tesk_client_requests.cpp has the table. */
 struct request_row {
@@ -187,9 +168,9 @@ struct tesk_client_session {
 
     const tesk_client_options options_;
     const std::thread::id owner_ = std::this_thread::get_id();
-    const owned_fd epoll_;
-    const owned_fd timer_;
-    const owned_fd stop_event_;
+    const util::descriptor epoll_;
+    const util::descriptor timer_;
+    const util::descriptor stop_event_;
 
     state state_ = state::idle;
     steady_clock::time_point phase_end_{};

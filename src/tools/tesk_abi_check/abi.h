@@ -3,6 +3,7 @@
    use. No state. */
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,3 +16,7 @@ struct abi_problem {
 /* Checks the libraries in a directory. Problems come in the order of the table of names; empty if
    everything is there. */
 std::vector<abi_problem> check_abi(const std::string &directory);
+
+/* Checks one library, whichever of the four its file name begins with, such as "libmbx.so.1.2".
+   Nothing if it begins with none of them. */
+std::optional<std::vector<abi_problem>> check_library(const std::string &path);

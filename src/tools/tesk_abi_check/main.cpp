@@ -24,31 +24,49 @@ static void report(const abi_problem &problem, bool as_json)
     }
 }
 
+static std::vector<abi_problem> check(const std::string &directory, const std::string &library)
+{
+    if (library.empty())
+        return check_abi(directory);
+    const auto problems = check_library(library);
+    if (!problems)
+        throw tool_error(exit_code::usage, library +
+                                               ": the name must begin with libmbx.so, libzel.so, "
+                                               "libtesktmo.so or libdolm_ric.so");
+    return *problems;
+}
+
 static exit_code run(int argc, char **argv)
 {
-    CLI::App app(
-        "Tells which names tesk-server would miss in the four libraries of a board.\n"
-        "Exits with 0 when nothing is missing, 1 when something is, 2 on wrong usage, 5 when\n"
-        "the output could not be written, 70 on a fault of its own.");
-    std::string directory;
+    CLI::App app("Lists the names that tesk-server needs and the libraries of a board lack.\n"
+                 "Exit codes: 0 nothing is missing, 1 something is, 2 wrong usage,\n"
+                 "5 output could not be written, 70 a fault of tesk-abi-check itself.");
+    std::string directory, library;
     bool as_json = false;
-    app.add_option("DIR", directory,
-                   "Holds libmbx.so.1, libzel.so.0, libtesktmo.so.0 and libdolm_ric.so.0")
-        ->required()
-        ->check(CLI::ExistingDirectory);
+    CLI::Option *in_directory =
+        app.add_option("DIR", directory,
+                       "Holds libmbx.so.1, libzel.so.0, libtesktmo.so.0 and libdolm_ric.so.0")
+            ->check(CLI::ExistingDirectory);
+    app.add_option("--library", library, "Check only this one of the four")
+        ->type_name("FILE")
+        ->excludes(in_directory);
     app.add_flag("--json", as_json, "One object for each problem: library, name, text");
     app.set_version_flag("--version", "tesk-abi-check " TESK_VERSION);
     try {
         app.parse(argc, argv);
+        if (directory.empty() && library.empty())
+            throw CLI::RequiredError("DIR or --library");
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? exit_code::done : exit_code::usage;
     }
 
-    const auto problems = check_abi(directory);
+    const auto problems = check(directory, library);
     for (const abi_problem &problem : problems)
         report(problem, as_json);
     if (problems.empty() && !as_json)
-        write_text("All four libraries offer everything that tesk-server needs.\n");
+        write_text(library.empty()
+                       ? "All four libraries export everything that tesk-server needs.\n"
+                       : library + " exports everything that tesk-server needs of it.\n");
     return problems.empty() ? exit_code::done : exit_code::rejected;
 }
 

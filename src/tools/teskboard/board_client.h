@@ -2,6 +2,8 @@
 /* board_client - one connection to the simulated board inside a running server. */
 #pragma once
 
+#include "util/descriptor.h"
+
 #include <chrono>
 #include <string>
 #include <string_view>
@@ -19,9 +21,6 @@ class board_client
 {
   public:
     explicit board_client(const std::string &path);
-    ~board_client();
-    board_client(const board_client &) = delete;
-    board_client &operator=(const board_client &) = delete;
 
     /* Sends a request and waits for its answer. Throws a tool_error. After exit_code::no_answer the
        connection must not be used again: a late answer would be taken for that of the next
@@ -29,7 +28,7 @@ class board_client
     answer ask(const std::string &request, std::chrono::duration<double> deadline);
 
   private:
-    int socket_;
+    util::descriptor socket_;
 };
 
 } // namespace teskboard

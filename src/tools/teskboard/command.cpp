@@ -2,6 +2,7 @@
 #include "tools/teskboard/command.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
+#include "tools/common/known_command.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -70,6 +71,62 @@ static std::string setting_words(const std::vector<std::string> &texts)
     for (const std::string &text : texts)
         words += " " + setting_word(text);
     return words;
+}
+
+/* A number would be a code of the library's records, so that "7" could only be a mistake. */
+static std::string is_speed(const std::string &text)
+{
+    for (const char *speed : {"1.2", "2.5", "4.9", "9.8", "10.1", "10"})
+        if (text == speed)
+            return "";
+    return text.starts_with("0x") ? ""
+                                  : text + " is not a speed: 1.2, 2.5, 4.9, 9.8, 10.1 or 10, or a "
+                                           "code 0x...";
+}
+
+/* What the values of a kind of field look like. */
+static const char *example_of(board::field_kind kind)
+{
+    using enum board::field_kind;
+    switch (kind) {
+    case flag:
+        return "yes or no";
+    case link_state:
+        return "up, down, stopped";
+    case speed:
+        return "1.2, 2.5, 4.9, 9.8, 10.1, 10";
+    case connector:
+        return "unspec, lc, rj45, other";
+    case eth_speed:
+        return "unspec, 1000mb, 10gb";
+    case temperature:
+        return "71.5C";
+    case voltage:
+        return "3.3V, mV, uV";
+    case current:
+        return "6.0mA, A, uA";
+    case power:
+        return "0.5mW, W, uW, -3dBm";
+    case text:
+        return "bytes; \\xNN for those that are no text";
+    default:
+        return "a whole number";
+    }
+}
+
+static bool is_threshold(std::string_view name)
+{
+    return name.ends_with("_warn") || name.ends_with("_alarm");
+}
+
+/* The keys of `set`, by the board's own table. */
+static std::string keys_help()
+{
+    std::string text = "Keys and their values:\n";
+    for (const board::field &field : board::fields())
+        if (!is_threshold(field.name))
+            text += fmt::format("  {:<17} {}\n", field.name, example_of(field.kind));
+    return text + "Thresholds: KEY_low_alarm, KEY_low_warn, KEY_high_warn, KEY_high_alarm.";
 }
 
 namespace
@@ -209,13 +266,15 @@ class command_parser
         takes_ports(link);
         link->add_option("STATE", given_.state, "up, down or stopped")->required();
         link->add_option("--speed", given_.speed,
-                         "In Gbps: 1.2 2.5 4.9 9.8 10.1 10, or a code 0x...");
+                         "In Gbps: 1.2 2.5 4.9 9.8 10.1 10, or a code 0x...")
+            ->check(is_speed);
         takes_again(link);
         CLI::App *set_values =
             add("set", "Change anything that a port reports", [this] { set(given_.settings); });
         takes_ports(set_values);
         set_values->add_option("KEY=VALUE", given_.settings, "Such as temperature=71.5C")
             ->required();
+        set_values->footer(keys_help());
         takes_again(set_values);
     }
 
@@ -313,26 +372,15 @@ class command_parser
 
 } // namespace
 
-/* CLI11 would only say that a subcommand is required. Options before the command are left to it. */
-static void require_known(const CLI::App &app, const std::string &name)
-{
-    std::string known;
-    for (const CLI::App *sub : app.get_subcommands({})) {
-        if (name.starts_with('-') || sub->get_name() == name)
-            return;
-        known += (known.empty() ? "" : ", ") + sub->get_name();
-    }
-    throw board::board_error(fmt::format("no command is called '{}': there are {}", name, known));
-}
-
 command parse_command(std::vector<std::string> words, settings *global, CLI::App &app)
 {
     command result;
     command_parser parser(app, result);
     if (global != nullptr)
         parser.add_global(*global);
-    if (!words.empty())
-        require_known(app, words[0]);
+    if (words.size() > 1 && words[0] == "help" && global != nullptr)
+        words = {words[1], "--help"};
+    require_known_command(app, words);
     std::reverse(words.begin(), words.end()); /* CLI11 takes them from the end of a vector */
     app.parse(std::move(words));
     return result;

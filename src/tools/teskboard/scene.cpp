@@ -85,6 +85,8 @@ std::vector<scene_step> read_scene(const std::string &path)
             throw error_at(where, error);
         } catch (const CLI::Error &error) {
             throw error_at(where, error);
+        } catch (const tool_error &error) {
+            throw error_at(where, error);
         }
     }
     return steps;

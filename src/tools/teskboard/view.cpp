@@ -102,6 +102,9 @@ static nlohmann::ordered_json json_value(const std::string &key, const std::stri
     if (known->kind == field_kind::flag)
         return raw != "0";
     const std::string shown = is_measure(*known) ? raw : format_value(*known, raw);
+    if (known->kind == field_kind::speed) /* null for a code without a speed */
+        return shown == raw ? nlohmann::ordered_json(nullptr)
+                            : nlohmann::ordered_json(std::strtod(shown.c_str(), nullptr));
     if (known->kind == field_kind::text || shown != raw)
         return shown;
     return number_of(raw);

@@ -49,8 +49,9 @@ class command_line
             ->type_name("SECONDS")
             ->check(CLI::Range(0.001, 86400.0).description(""))
             ->capture_default_str();
-        app_.add_flag("--wait{1000000}", common_.wait_seconds,
-                      "Wait for a server that isn't there yet; --wait=SECONDS sets a limit")
+        app_.add_option("--wait", common_.wait_seconds,
+                        "Wait for a server that isn't there yet; --wait=SECONDS sets a limit")
+            ->type_name("[=SECONDS]")
             ->check(CLI::Range(0.0, 1e6).description(""));
         add_reading_commands();
         add_following_commands();
@@ -60,6 +61,8 @@ class command_line
     {
         try {
             std::vector<std::string> words(argv + 1, argv + argc);
+            /* CLI11 would take the next word as the value of an option whose value is optional. */
+            std::ranges::replace(words, "--wait", "--wait=1000000");
             require_known_command(app_, words);
             if (words.size() > 1 && words.front() == "help")
                 words = {words[1], "--help"};
