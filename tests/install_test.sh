@@ -37,8 +37,26 @@ LD_LIBRARY_PATH=$libraries expect 0 "port 0: link" "$work/outside/by_pkgconfig" 
 expect 0 "degrees" "$work/outside/by_cmake" 1 1
 stop_server
 
+# Pages and examples are where a reader looks for them, and every example compiles as installed.
+doc=$work/usr/share/doc
+for link in $(grep -ohE '\]\([^)#:]+' "$doc/tesk-server/README.md" | cut -c3-); do
+    case $link in
+    docs/* | CHANGELOG.md) [ -f "$doc/tesk-server/$link" ] || fail "README.md leads to $link, which is not installed" ;;
+    esac
+done
+for example in "$doc"/libtesk-client-dev/examples/*.c*; do
+    case $example in
+    *.cpp) compiler=c++ ;;
+    *) compiler=cc ;;
+    esac
+    "$compiler" -I"$work/usr/include" -o "$work/compiled" "$example" -L"$libraries" -ltesk_client -lmbx
+done
+[ -f "$doc/tesk-tools/examples/scenes/warm-up.scene" ] || fail "no scenes are installed"
+[ -f "$work/usr/share/man/man3/tesk_client.3" ] || fail "tesk_client(3) is not installed"
+
 # The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
-cmake -G Ninja -S "$source/examples/board" -B "$work/example" >/dev/null
+cmake -G Ninja -S "$doc/tesk-platform-sim/examples/board" -B "$work/example" \
+    -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
 cmake --build "$work/example" >/dev/null
 board=$work/example/board
 mkdir "$EXAMPLE_BOARD"

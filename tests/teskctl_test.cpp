@@ -111,7 +111,7 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
         {80, 5, "\n 4     "},
         {80, 1, "2 of 2 ports not shown"},
         {60, 24, " PORT  LINK MODULE           TX dBm   RX dBm   TEMP °C"},
-        {40, 24, "\n>3     up   optical          A 95.2 "},
+        {40, 24, "\n>3     up   o        A 95.2 "},
         {40, 24, "\nport 3: "},
         {4, 24, "\n>3  \n"},
     };
@@ -189,7 +189,6 @@ TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
     expect_in("\x1b[B", 24, "\n>0 ");
     view.show(status_of(412)); /* the alarm is over, and its row below the window */
     expect_in("", 24, "outside of the window 1 port changed, last port 412: ");
-    expect_in("", 5, "rows 1-1 of 500");
     expect_in("\x1b[6~", 24, "\n>20 ");
     expect_in("\x1b[", 24, "\n>20 "); /* one sequence in two reads */
     expect_in("B", 24, "\n>21 ");
@@ -199,6 +198,7 @@ TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
     expect_in("\x1b", 24, "of 500");
     expect_in("/port, \x7f\x7f\x7f\x7f\x7f\x7fLOW ALARM", 24, "0 ports; Enter keeps");
     expect_in("\x1b", 24, "of 500");
+    expect_in("", 5, "rows 1-1 of 500");
     expect_in("?", 24, "g         read the grades");
     EXPECT_EQ(view.press({key_code::letter, 'q'}), top_view::action::quit);
 }
@@ -293,7 +293,7 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("ports", 0, {"\n0     optical", "\n15    no module"});
     expect("ports --numbers", 0, {"\n14\n15\n"});
     expect("pm all | grep -c ^port", 0, {"16\n"});
-    expect("pm 0-65534 | grep -c ^port", 0, {"16\n"});
+    expect("pm 0-9999 | grep -c ^port", 0, {"16\n"});
     expect("ports --status 0", 0, {"LINK", "up 9.8 Gbps  ok"});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
     EXPECT_EQ(run("--version; " TESK_BIN_DIR "/tesk-abi-check " TESK_LIB_DIR " > /dev/full"), 5);
@@ -380,11 +380,11 @@ TEST_F(teskctl_system, ports_are_named_by_the_port_map)
     setenv("DOLM_RIC_PORT_MAP", map.c_str(), 1);
     testkit::run("printf '# tesk-ports 1\n3\teth3\n7\tx\033[2J\n' >" + map, output);
     server.emplace();
-    expect("ports", 0, {"3     eth3        optical", "7     x\\x1b[2J"});
+    expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  optical"});
     expect("--json ports 3", 0, {"\"port\":3,\"name\":\"eth3\","});
     expect("pm all | grep -c ^port", 0, {"2\n"});
     testkit::run("echo wrong >" + map, output);
-    expect("pm all | grep -c ^port", 0, {"port map ignored: ", "line 1", "16\n"});
+    expect("ports", 0, {"port map ignored: ", "line 1", "\n15 "});
     unsetenv("DOLM_RIC_PORT_MAP");
 }
 
@@ -399,9 +399,9 @@ TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
     EXPECT_STREQ(std::fgets(line, sizeof(line), waiting), "port 0: optical\n");
     pclose(waiting);
     expect("doctor", 0, {"ok     server     process"});
-    chmod(directory.path.c_str(), 0777);
+    chmod((directory.path + "/mbx").c_str(), 0777);
     expect("doctor", 1, {"every user can take", "chmod o-w"});
-    chmod(directory.path.c_str(), 0700);
+    chmod((directory.path + "/mbx").c_str(), 0700);
     kill(server->pid, SIGSTOP);
     expect("--timeout 0.1 doctor", 3, {"has the server's name, but"});
     kill(server->pid, SIGCONT);

@@ -266,7 +266,8 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
     rows_ = most_rows;
     arrange(most_rows);
     /* Where ports are hidden, one line is for what changes there. */
-    if ((order_.size() > rows_ || order_.size() < ports_.size()) && rows_ > 1) {
+    const bool has_hidden = order_.size() > rows_ || order_.size() < ports_.size();
+    if (has_hidden && rows_ > 1) {
         rows_--;
         arrange(most_rows);
     }
@@ -278,7 +279,7 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
                        (has_events ? fit(port.last_event, width - taken) : ""));
     }
     const std::string newest = news(has_events);
-    if (!newest.empty() && page.size() + 1 < height)
+    if ((has_hidden || !newest.empty()) && page.size() + 1 < height)
         page.push_back(paint(fit(newest, width), tint::yellow, coloured));
     page.push_back(paint(fit(footer(), width), tint::dim, coloured));
     page.resize(std::min(page.size(), height));
