@@ -1,0 +1,15 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* base_t_modules - modules for twisted pair that say they are optical. */
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace linux_board
+{
+
+/* The speed, in 0.1 Gb/s, of the module of this maker and part number, both without padding, where
+   it is known to be for twisted pair whatever else its memory says; 0 for all others. */
+uint32_t speed_of_base_t(std::string_view vendor, std::string_view part);
+
+} // namespace linux_board

@@ -1,0 +1,86 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_contents - what a module's memory says, decoded but neither rounded nor graded. */
+#pragma once
+
+#include "platform/dolm_ric/dolm_ric.h"
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace linux_board
+{
+
+/* The module's own alarm and warning flags of one value. Modules clear them when they are read, so
+   another reader may have taken them: they are shown to developers only, and grade nothing. */
+enum measurement_flag : uint8_t {
+    LOW_WARNING_FLAG = 1,
+    HIGH_WARNING_FLAG = 2,
+    LOW_ALARM_FLAG = 4,
+    HIGH_ALARM_FLAG = 8,
+};
+
+/* In the unit of the values that they belong to. */
+struct measurement_limits {
+    double high_alarm;
+    double low_alarm;
+    double high_warning;
+    double low_warning;
+
+    /* Limits in any other order, all zeros among them, are nonsense. */
+    bool are_in_order() const
+    {
+        return low_alarm <= low_warning && low_warning < high_warning && high_warning <= high_alarm;
+    }
+};
+
+struct lane_value {
+    uint8_t lane; /* from 0 */
+    double value;
+    uint8_t flags; /* measurement_flag */
+};
+
+/* Temperatures and voltages have one lane. Without lanes it isn't measured. Limits that are not in
+   order stay here as they are; module_decode.h says what becomes of them. */
+struct measurement {
+    std::vector<lane_value> lanes;
+    std::optional<measurement_limits> limits;
+};
+
+enum class module_family : uint8_t { unknown, sfp, qsfp, cmis };
+
+enum class diagnostics_state : uint8_t {
+    none,     /* the module says that it has none, or none that can be reached */
+    not_read, /* it should have them, but they have not been read or make no sense */
+    available,
+};
+
+struct module_contents {
+    module_family family = module_family::unknown;
+    /* The identity has been read and its checksums are right. Nothing else is valid without. */
+    bool ready = false;
+    diagnostics_state diagnostics = diagnostics_state::none;
+    /* Of copper: no measured value of it is light. */
+    bool copper = false;
+    bool externally_calibrated = false;
+    bool has_average_power = false; /* otherwise rx power is the modulation amplitude (OMA) */
+    bool has_flags = false;
+    /* Bit n: lane n. */
+    uint32_t rx_los_lanes = 0;
+    uint32_t tx_fault_lanes = 0;
+
+    dolm_sfp_info identity = {};
+
+    /* In the units of dolm_ric_module_diag: 0.001 degrees Celsius, microvolts, microamperes and
+       microwatts. */
+    measurement temperature;
+    measurement voltage;
+    measurement tx_bias;
+    measurement tx_power;
+    measurement rx_power;
+
+    /* Constant texts, each with something that was found wrong. */
+    std::vector<const char *> doubts;
+};
+
+} // namespace linux_board

@@ -1,0 +1,140 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_family - what the decoders of the three layouts of module memory share, and the layouts'
+   parts behind module_decode.h and reading_plan(). */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_contents.h"
+#include "platform/dolm_ric/linux/module_memory.h"
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <span>
+
+namespace linux_board
+{
+
+/* The sfp_eth_compliance bits. */
+enum eth_compliance : uint32_t {
+    ETHCOMP_10GBASE_ER = 0x001,
+    ETHCOMP_10GBASE_LRM = 0x002,
+    ETHCOMP_10GBASE_LR = 0x004,
+    ETHCOMP_10GBASE_SR = 0x008,
+    ETHCOMP_1000BASE_T = 0x010,
+    ETHCOMP_1000BASE_CX = 0x020,
+    ETHCOMP_1000BASE_LX = 0x040,
+    ETHCOMP_1000BASE_SX = 0x080,
+    ETHCOMP_1000BASE_BX = 0x100,
+};
+
+/* A step of a layout's plan, and whether a module whose memory has been read so far needs it. */
+struct plan_row {
+    reading_step step;
+    bool (*is_wanted)(const module_memory &memory);
+};
+
+inline bool always(const module_memory &)
+{
+    return true;
+}
+
+/* A layout: where its modules' identity is, all that is to be read, in order, and its decoder,
+   which fills contents that are as they begin. */
+struct module_layout {
+    module_family family;
+    std::span<const plan_row> plan;
+    void (*decode)(const module_memory &memory, module_contents &contents);
+};
+
+extern const module_layout sfp_layout;
+extern const module_layout qsfp_layout;
+extern const module_layout cmis_layout;
+
+/* The layout that the identifier in byte 0 stands for; nullptr for one that isn't known, or that
+   has not been read. */
+const module_layout *layout_of(const module_memory &memory);
+
+/* The first byte of all memories, which says what the rest is. */
+constexpr memory_range identifier_range = {identity_address, 0, 0, 0, 1};
+
+/* The bytes of one range, by the offsets that the memory itself has for them. 16 bits and more are
+   big-endian. The offsets must be in the range, and the range must have been read. */
+class memory_view
+{
+  public:
+    memory_view(const module_memory &memory, const memory_range &range)
+        : bytes_(memory.bytes(range)), start_(range.offset)
+    {
+    }
+    bool was_read() const
+    {
+        return !bytes_.empty();
+    }
+    uint8_t u8(size_t offset) const
+    {
+        return bytes_[offset - start_];
+    }
+    uint16_t u16(size_t offset) const
+    {
+        return static_cast<uint16_t>(u8(offset) << 8 | u8(offset + 1));
+    }
+    int16_t s16(size_t offset) const
+    {
+        return static_cast<int16_t>(u16(offset));
+    }
+    float f32(size_t offset) const;
+    std::span<const uint8_t> bytes(size_t offset, size_t length) const
+    {
+        return bytes_.subspan(offset - start_, length);
+    }
+
+  private:
+    std::span<const uint8_t> bytes_;
+    size_t start_;
+};
+
+/* Whether the low byte of the sum of `length` bytes is the byte behind them. */
+bool is_sum_right(const memory_view &view, size_t offset, size_t length);
+
+/* Whether they are all 0x00 or all 0xff, as of a bus or a page that isn't there. */
+bool are_blank(std::span<const uint8_t> bytes);
+
+/* Converts a raw number: the polynomial of `coefficients` (the constant one first), times
+   multiplier / divisor. The calculation is exact for all that is linear, so a value that lies
+   half-way stays there until it is rounded. */
+struct conversion {
+    std::array<double, 5> coefficients = {0, 1, 0, 0, 0};
+    double multiplier = 1;
+    double divisor = 1;
+
+    double operator()(double raw) const;
+};
+
+/* 1/256 degree, 100 uV, 2 uA and 0.1 uW: the steps of all three layouts. */
+constexpr conversion temperature_steps = {.multiplier = 1000, .divisor = 256};
+constexpr conversion voltage_steps = {.multiplier = 100};
+constexpr conversion bias_steps = {.multiplier = 2};
+constexpr conversion power_steps = {.divisor = 10};
+
+/* The four limits at `offset`: high alarm, low alarm, high warning, low warning. */
+measurement_limits limits_at(const memory_view &view, size_t offset, const conversion &convert);
+measurement_limits signed_limits_at(const memory_view &view, size_t offset,
+                                    const conversion &convert);
+
+/* Of dolm_sfp_connector, by the connector code of SFF-8024. */
+uint8_t connector_of(uint8_t code);
+
+/* Copies a text without its padding, which is spaces with most makers and NUL or 0xff with some.
+   Bytes that aren't printable ASCII become '?'. The rest of the field is NUL. */
+template <size_t size>
+void copy_text(char (&field)[size], std::span<const uint8_t> bytes)
+{
+    static_assert(size > 1);
+    while (!bytes.empty() && (bytes.back() == ' ' || bytes.back() == 0 || bytes.back() == 0xff))
+        bytes = bytes.first(bytes.size() - 1);
+    memset(field, 0, size);
+    for (size_t at = 0; at < bytes.size() && at + 1 < size; at++)
+        field[at] = bytes[at] >= ' ' && bytes[at] <= '~' ? static_cast<char>(bytes[at]) : '?';
+}
+
+} // namespace linux_board

@@ -1,0 +1,91 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_memory - what has been read of one module's memory so far, and what to read next. Pure
+   data: the poller of the modules makes the readings and stores them here, the decoder looks at
+   them. Not safe for use by several threads at once. */
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace linux_board
+{
+
+/* The I2C addresses of a module's memory. SFP modules keep their diagnostics at the second one. */
+constexpr uint8_t identity_address = 0x50;
+constexpr uint8_t diagnostics_address = 0x51;
+
+/* `length` bytes (1 to 128) from `offset` on. Offsets below 128 are in the lower memory, where
+   `page` and `bank` are 0; those of a page are 128 to 255. A range never crosses byte 128. */
+struct memory_range {
+    uint8_t address;
+    uint8_t bank;
+    uint8_t page;
+    uint8_t offset;
+    uint8_t length;
+
+    bool operator==(const memory_range &) const = default;
+};
+
+/* When a range is to be read. Each range of the plan is read once after the insertion, in the
+   order of the plan. */
+enum class reading_time : uint8_t {
+    once,        /* then never again, until another module is found */
+    presence,    /* again each second: other bytes than before are another module */
+    diagnostics, /* again as often as measured values are wanted, in one go with its neighbours */
+};
+
+/* An optional range that the module refuses (a NAK, a page that it lacks) is left out and the
+   module stays in use. Any other range that can't be read makes the module "not ready". A range
+   may be read in pieces of an even length; a 16-bit value starts at an even offset and must not
+   be torn apart. */
+struct reading_step {
+    memory_range range;
+    reading_time when;
+    bool optional;
+};
+
+class module_memory
+{
+  public:
+    using time_point = std::chrono::steady_clock::time_point;
+
+    /* Keeps the bytes of `range`, `range.length` of them at least, in place of those that were
+       kept for the same range. */
+    void store(const memory_range &range, std::span<const uint8_t> bytes, time_point read_at);
+
+    /* The kept bytes of `range`: those stored for exactly this range, else those of the newest
+       stored range that it lies within; empty where it has not been read. Valid until the next
+       change. */
+    std::span<const uint8_t> bytes(const memory_range &range) const;
+
+    /* When the bytes that `bytes` gives were read. */
+    std::optional<time_point> read_at(const memory_range &range) const;
+
+    /* Drops what is kept of `range`, as after a reading that failed. */
+    void drop(const memory_range &range);
+
+    /* Forgets everything, as for another module. */
+    void clear();
+
+  private:
+    struct reading {
+        memory_range range;
+        time_point read_at;
+        std::vector<uint8_t> bytes;
+    };
+    const reading *find(const memory_range &range) const;
+
+    std::vector<reading> readings_;
+};
+
+/* What to read of the module whose memory has been read so far as `memory` says, in order. The
+   plan of an empty memory has one step, which tells the kind of module; the plan grows as the
+   bytes that decide about further pages have been stored, and its earlier steps stay as they are.
+   So: carry out the steps whose ranges have not been read, and ask again until nothing is new.
+   Identity bytes that make no sense end the plan with themselves. */
+std::vector<reading_step> reading_plan(const module_memory &memory);
+
+} // namespace linux_board

@@ -1,0 +1,38 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_speed - speeds of links and modules and their codes. All speeds are in 0.1 Gb/s, 0 for an
+   unknown one. The numbers of the tables are those of the SNIA's list of codes, SFF-8024. */
+#pragma once
+
+#include <cstdint>
+
+namespace linux_board
+{
+
+/* Codes of speeds that dolm_ric.h has no other code for: this upper half, and the speed. */
+constexpr uint32_t other_speed_code = 0x54530000;
+
+/* The codes of dolm_ric_link_status.speed and of dolm_sfp_info.sfp_eth_speed. */
+uint32_t link_speed_code(uint32_t tenth_gbps);
+uint32_t module_speed_code(uint32_t tenth_gbps);
+
+/* The kernel gives Mb/s, with 0xffffffff for an unknown speed. */
+uint32_t tenth_gbps_of(uint32_t megabits);
+
+/* Of one lane, by its nominal signalling rate. PAM4 carries two bits a symbol. */
+uint32_t speed_of_rate(uint32_t megabaud, bool is_pam4);
+
+enum class medium : uint8_t { light, copper_cable, twisted_pair };
+
+/* What an extended compliance code stands for: the speed of an SFP module and that of a QSFP module
+   with it, and what carries the signal. Unknown codes have no speed and count as light. */
+struct compliance_meaning {
+    uint16_t sfp_speed;
+    uint16_t qsfp_speed;
+    medium carrier;
+};
+compliance_meaning meaning_of_compliance(uint8_t extended_code);
+
+/* By the host interface of a CMIS application. */
+uint32_t speed_of_host_interface(uint8_t code);
+
+} // namespace linux_board

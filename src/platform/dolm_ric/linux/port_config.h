@@ -1,0 +1,68 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* port_config - the file that says which port is which interface. One line for each port:
+
+     NUMBER INTERFACE [module=FILE|i2c=BUS|poll=off]     # a comment
+
+   NUMBER is 0 to 65534. INTERFACE is a name, an alternative name, or PARENT/PORTNAME: the device
+   that the interface belongs to and its name for the port, such as 0000:03:00.0/p1s2. PORTNAME is
+   empty where the device has one interface without such a name: 0000:03:00.0/ .
+
+   A module's memory is read through the interface, unless the line says otherwise: from FILE (an
+   absolute path), from the I2C bus BUS (a number), or not at all.
+
+   Words are separated by spaces or tabs; a word that begins with # begins a comment. A wrong line
+   gives a message and is left out; the other lines stand. */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+namespace linux_board
+{
+
+enum class module_source : uint8_t { interface, file, i2c_bus, none };
+
+struct configured_port {
+    uint32_t number = 0;
+    std::string interface; /* a name or an alternative name; empty with a parent */
+    std::string parent;
+    std::string port_name;
+    module_source source = module_source::interface;
+    std::string file;
+    uint32_t i2c_bus = 0;
+};
+
+/* Ports by number; each message is one line without its end, "FILE:LINE: REASON". */
+struct port_config {
+    std::vector<configured_port> ports;
+    std::vector<std::string> messages;
+};
+
+/* No larger file is read, and no more messages are made: the last one counts those left out. */
+constexpr size_t max_port_config_size = 4u << 20;
+constexpr size_t max_port_config_messages = 20;
+
+/* The value of DOLM_RIC_PORTS, or /etc/tesk/ports. */
+std::string port_config_path();
+
+/* `name` is the file's name in the messages. */
+port_config parse_port_config(std::string_view text, std::string_view name);
+
+/* Opens the file for read_port_config without waiting, whatever kind of file it is. A descriptor
+   that the caller closes, or -1 with errno. */
+int open_port_config(const std::string &path);
+
+/* Reads and parses what is open at `descriptor`, from its beginning on. A file that can't be read
+   as a whole, or that is no regular file, gives one message and no port. */
+port_config read_port_config(int descriptor, std::string_view name);
+
+/* nullptr where the file open at `descriptor` can be trusted to say what a process with more
+   rights than its writers may read: a regular file of `owner` that neither its group nor others
+   can write. Otherwise the reason, a constant text that goes behind the file's name. Checked on the
+   descriptor, so that the file that is read is the one that was checked. */
+const char *reason_not_trusted(int descriptor, uid_t owner = 0);
+
+} // namespace linux_board

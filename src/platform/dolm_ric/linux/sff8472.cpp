@@ -1,0 +1,318 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The memory of SFP modules, SFF-8472: identity at 0x50, diagnostics at 0x51. 16 bits big-endian;
+   offsets are decimal as there.
+
+   Externally calibrated modules give raw numbers and constants: slope (unsigned 8.8) and offset
+   (signed) for four of the measurements, a polynomial of the fourth degree for rx power, whose
+   result counts 0.1 uW as all powers do. Limits are raw numbers of the same kind. */
+#include "platform/dolm_ric/linux/base_t_modules.h"
+#include "platform/dolm_ric/linux/module_family.h"
+#include "platform/dolm_ric/linux/module_speed.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace linux_board
+{
+namespace
+{
+
+/* Byte 92. */
+enum diagnostics_type : uint8_t {
+    HAS_DIAGNOSTICS = 0x40,
+    INTERNALLY_CALIBRATED = 0x20,
+    EXTERNALLY_CALIBRATED = 0x10,
+    AVERAGE_POWER = 0x08,
+    ADDRESS_CHANGE = 0x04,
+};
+
+/* Byte 110. */
+enum status : uint8_t {
+    DATA_NOT_READY = 0x01,
+    RX_LOS = 0x02,
+    TX_FAULT = 0x04,
+};
+
+/* Of one module; internal calibration is the same with constants that change nothing. */
+struct sfp_conversions {
+    conversion temperature = temperature_steps;
+    conversion voltage = voltage_steps;
+    conversion tx_bias = bias_steps;
+    conversion tx_power = power_steps;
+    conversion rx_power = power_steps;
+};
+
+} // namespace
+
+/* Bytes 96 and up of the identity belong to the maker. Those behind the flags at 0x51 hold nothing
+   that is needed. */
+static constexpr memory_range identity_range = {identity_address, 0, 0, 0, 96};
+static constexpr memory_range serial_range = {identity_address, 0, 0, 68, 28};
+static constexpr memory_range constants_range = {diagnostics_address, 0, 0, 0, 96};
+static constexpr memory_range values_range = {diagnostics_address, 0, 0, 96, 22};
+
+/* The first sum is over what the standard calls base fields, the second over the extended ones. */
+static bool is_identity_right(const memory_view &identity)
+{
+    return identity.was_read() && is_sum_right(identity, 0, 63) && is_sum_right(identity, 64, 31);
+}
+
+/* Diagnostics behind an address change can't be reached: the two memories answer at one address,
+   and which one does is changed by a sequence that the kernel doesn't offer. */
+static bool has_diagnostics(const memory_view &identity)
+{
+    return (identity.u8(92) & (HAS_DIAGNOSTICS | ADDRESS_CHANGE)) == HAS_DIAGNOSTICS;
+}
+
+static bool is_serial_wanted(const module_memory &memory)
+{
+    return is_identity_right(memory_view(memory, identity_range));
+}
+
+static bool are_diagnostics_wanted(const module_memory &memory)
+{
+    const memory_view identity(memory, identity_range);
+    return is_identity_right(identity) && has_diagnostics(identity);
+}
+
+static constexpr plan_row sfp_plan[] = {
+    {{identity_range, reading_time::once, false}, always},
+    {{serial_range, reading_time::presence, false}, is_serial_wanted},
+    {{constants_range, reading_time::once, true}, are_diagnostics_wanted},
+    {{values_range, reading_time::diagnostics, true}, are_diagnostics_wanted},
+};
+
+static uint32_t compliance_of(const memory_view &identity)
+{
+    static constexpr struct {
+        uint8_t offset;
+        uint8_t bit;
+        uint32_t meaning;
+    } bits[] = {{3, 0x80, ETHCOMP_10GBASE_ER},  {3, 0x40, ETHCOMP_10GBASE_LRM},
+                {3, 0x20, ETHCOMP_10GBASE_LR},  {3, 0x10, ETHCOMP_10GBASE_SR},
+                {6, 0x08, ETHCOMP_1000BASE_T},  {6, 0x04, ETHCOMP_1000BASE_CX},
+                {6, 0x02, ETHCOMP_1000BASE_LX}, {6, 0x01, ETHCOMP_1000BASE_SX},
+                {6, 0x40, ETHCOMP_1000BASE_BX}};
+
+    uint32_t compliance = 0;
+    for (const auto &row : bits)
+        if (identity.u8(row.offset) & row.bit)
+            compliance |= row.meaning;
+    return compliance;
+}
+
+/* The codes first: a rate is a figure of the maker's choice. */
+static uint32_t speed_of(const memory_view &identity)
+{
+    constexpr uint8_t any_10g = 0xf0;
+    constexpr uint8_t any_1g = 0x4f;
+    constexpr uint8_t any_100m = 0x30;
+
+    if (const auto speed = meaning_of_compliance(identity.u8(36)).sfp_speed)
+        return speed;
+    if (identity.u8(3) & any_10g)
+        return 100;
+    if (identity.u8(6) & any_1g)
+        return 10;
+    if (identity.u8(6) & any_100m)
+        return 1;
+    /* 255 stands for a rate that 8 bits can't hold: byte 66 then has it, in larger steps. */
+    const uint32_t rate = identity.u8(12) == 255 ? identity.u8(66) * 250u : identity.u8(12) * 100u;
+    return speed_of_rate(rate, identity.u8(11) == 0x08);
+}
+
+/* Active cables are of copper if they end in copper; optical ones have the same bit. */
+static bool is_copper(const memory_view &identity)
+{
+    constexpr uint8_t copper_pigtail = 0x21;
+    constexpr uint8_t rj45 = 0x22;
+    const uint8_t cable = identity.u8(8);
+    const bool is_passive = (cable & 0x04) != 0;
+    const bool is_active = (cable & 0x08) != 0;
+
+    return is_passive || (is_active && identity.u8(2) == copper_pigtail) ||
+           identity.u8(2) == rj45 ||
+           (compliance_of(identity) & (ETHCOMP_1000BASE_T | ETHCOMP_1000BASE_CX)) != 0 ||
+           meaning_of_compliance(identity.u8(36)).carrier != medium::light;
+}
+
+static void fill_identity(const memory_view &from, module_contents &contents)
+{
+    dolm_sfp_info &sfp = contents.identity;
+
+    sfp.sfp_connector = connector_of(from.u8(2));
+    sfp.sfp_eth_compliance = compliance_of(from);
+    sfp.sfp_eth_speed = module_speed_code(speed_of(from));
+    sfp.sfp_nom_bitrate = from.u8(12);
+    copy_text(sfp.sfp_vendor_name, from.bytes(20, 16));
+    memcpy(sfp.sfp_vendor_oui, from.bytes(37, 3).data(), 3);
+    copy_text(sfp.sfp_vendor_pn, from.bytes(40, 16));
+    copy_text(sfp.sfp_vendor_rev, from.bytes(56, 4));
+    copy_text(sfp.sfp_vendor_sn, from.bytes(68, 16));
+    copy_text(sfp.sfp_date_code, from.bytes(84, 8));
+    contents.copper = is_copper(from);
+
+    if (const uint32_t speed = speed_of_base_t(sfp.sfp_vendor_name, sfp.sfp_vendor_pn)) {
+        sfp.sfp_connector = DOLM_SFP_CONNECTOR_RJ45;
+        sfp.sfp_eth_compliance = 0;
+        sfp.sfp_eth_speed = module_speed_code(speed);
+        contents.copper = true;
+    }
+}
+
+/* A slope and, behind it, an offset. */
+static void calibrate(const memory_view &constants, size_t offset, conversion &convert)
+{
+    convert.coefficients[1] = constants.u16(offset) / 256.0;
+    convert.coefficients[0] = constants.s16(offset + 2);
+}
+
+/* The constants of rx power begin with that of the highest power. */
+static sfp_conversions external_conversions(const memory_view &constants)
+{
+    sfp_conversions convert;
+    calibrate(constants, 76, convert.tx_bias);
+    calibrate(constants, 80, convert.tx_power);
+    calibrate(constants, 84, convert.temperature);
+    calibrate(constants, 88, convert.voltage);
+    for (size_t power = 0; power < convert.rx_power.coefficients.size(); power++)
+        convert.rx_power.coefficients[power] = constants.f32(72 - 4 * power);
+    return convert;
+}
+
+/* Two bits each for the alarm and the warning, from `bit` on: the low one is the lower. */
+static uint8_t flags_at(const memory_view &values, size_t offset, int bit)
+{
+    const int alarm = values.u8(offset) >> bit & 3;
+    const int warning = values.u8(offset + 4) >> bit & 3;
+    return static_cast<uint8_t>(alarm << 2 | warning);
+}
+
+/* The polynomial may lead anywhere; no receiver stands more than 0.1 W. */
+static void limit_rx_power(measurement &rx_power)
+{
+    const auto limit = [](double &value) { value = std::clamp(value, 0.0, 100'000.0); };
+
+    for (lane_value &lane : rx_power.lanes)
+        limit(lane.value);
+    if (rx_power.limits) {
+        limit(rx_power.limits->high_alarm);
+        limit(rx_power.limits->low_alarm);
+        limit(rx_power.limits->high_warning);
+        limit(rx_power.limits->low_warning);
+    }
+}
+
+/* Limits are converted as the values are, so with a polynomial that falls somewhere they may come
+   out in another order, and are then nonsense like any other. */
+static void fill_light(const memory_view &constants, const memory_view &values,
+                       const sfp_conversions &convert, module_contents &contents)
+{
+    contents.tx_bias = {{{0, convert.tx_bias(values.u16(100)), flags_at(values, 112, 2)}},
+                        limits_at(constants, 16, convert.tx_bias)};
+    contents.tx_power = {{{0, convert.tx_power(values.u16(102)), flags_at(values, 112, 0)}},
+                         limits_at(constants, 24, convert.tx_power)};
+    const auto &coefficients = convert.rx_power.coefficients;
+    if (!std::ranges::all_of(coefficients, [](double value) { return std::isfinite(value); })) {
+        contents.doubts.push_back("the constants of rx power are no numbers");
+        return;
+    }
+    contents.rx_power = {{{0, convert.rx_power(values.u16(104)), flags_at(values, 113, 6)}},
+                         limits_at(constants, 32, convert.rx_power)};
+    limit_rx_power(contents.rx_power);
+}
+
+/* Of a module of copper only what it measures of itself. Loss of signal and fault are of its only
+   lane. */
+static void fill_measurements(const memory_view &constants, const memory_view &values,
+                              module_contents &contents)
+{
+    const sfp_conversions convert =
+        contents.externally_calibrated ? external_conversions(constants) : sfp_conversions{};
+
+    contents.diagnostics = diagnostics_state::available;
+    contents.rx_los_lanes = (values.u8(110) & RX_LOS) ? 1 : 0;
+    contents.tx_fault_lanes = (values.u8(110) & TX_FAULT) ? 1 : 0;
+    contents.temperature = {{{0, convert.temperature(values.s16(96)), flags_at(values, 112, 6)}},
+                            signed_limits_at(constants, 0, convert.temperature)};
+    contents.voltage = {{{0, convert.voltage(values.u16(98)), flags_at(values, 112, 4)}},
+                        limits_at(constants, 8, convert.voltage)};
+    if (!contents.copper)
+        fill_light(constants, values, convert, contents);
+}
+
+static void forget_limits(module_contents &contents)
+{
+    for (measurement *its : {&contents.temperature, &contents.voltage, &contents.tx_bias,
+                             &contents.tx_power, &contents.rx_power})
+        its->limits.reset();
+}
+
+/* nullptr, or why these bytes can't be what they should. Drivers and modules without a second
+   memory answer with the first one, or with nothing but zeros or ones. */
+static const char *reason_to_refuse(const module_contents &contents, const memory_view &identity,
+                                    const memory_view &constants, const memory_view &values)
+{
+    if (std::ranges::equal(identity.bytes(0, 96), constants.bytes(0, 96)))
+        return "the diagnostics repeat the identity";
+    if (are_blank(values.bytes(96, 10)))
+        return "the measured values are blank";
+    if (!contents.externally_calibrated)
+        return nullptr;
+    if (!is_sum_right(constants, 0, 95))
+        return "the checksum of the calibration is wrong";
+    return are_blank(constants.bytes(0, 95)) ? "the calibration is blank" : nullptr;
+}
+
+/* Constants of calibration are refused with a wrong sum, as they would make any number of a value.
+   Without them a wrong sum costs the limits only. */
+static void decode_diagnostics(const memory_view &identity, const memory_view &constants,
+                               const memory_view &values, module_contents &contents)
+{
+    contents.diagnostics = diagnostics_state::not_read;
+    if (!constants.was_read() || !values.was_read())
+        return;
+    if (const char *reason = reason_to_refuse(contents, identity, constants, values)) {
+        contents.doubts.push_back(reason);
+        return;
+    }
+    if (values.u8(110) & DATA_NOT_READY)
+        return;
+    fill_measurements(constants, values, contents);
+    if (!is_sum_right(constants, 0, 95)) {
+        contents.doubts.push_back("the checksum of the limits is wrong");
+        forget_limits(contents);
+    }
+}
+
+static void decode_sfp(const module_memory &memory, module_contents &contents)
+{
+    const memory_view identity(memory, identity_range);
+    if (!identity.was_read())
+        return;
+    if (!is_identity_right(identity)) {
+        contents.doubts.push_back("a checksum of the identity is wrong");
+        return;
+    }
+    contents.ready = true;
+    fill_identity(identity, contents);
+
+    const uint8_t type = identity.u8(92);
+    contents.has_flags = (identity.u8(93) & 0x80) != 0;
+    contents.has_average_power = (type & AVERAGE_POWER) != 0;
+    if (!has_diagnostics(identity)) {
+        if ((type & HAS_DIAGNOSTICS) != 0)
+            contents.doubts.push_back("the diagnostics need a change of address");
+        return;
+    }
+    const int calibration = type & (INTERNALLY_CALIBRATED | EXTERNALLY_CALIBRATED);
+    contents.externally_calibrated = calibration == EXTERNALLY_CALIBRATED;
+    if (!contents.externally_calibrated && calibration != INTERNALLY_CALIBRATED)
+        contents.doubts.push_back("both calibrations are named, or none: taken as internal");
+    decode_diagnostics(identity, memory_view(memory, constants_range),
+                       memory_view(memory, values_range), contents);
+}
+
+const module_layout sfp_layout = {module_family::sfp, sfp_plan, decode_sfp};
+
+} // namespace linux_board

@@ -1,0 +1,18 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_text - all that was decoded of a module, in the words and units of `ethtool -m`, so that
+   the two can be compared line by line. */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_contents.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+/* Each line without blanks, as their number differs, and without what ethtool adds behind a slash:
+   "Modulevoltage:3.2689V". Nothing for a module that isn't ready. */
+std::vector<std::string> module_text(const linux_board::module_contents &contents);
+
+/* A text of ethtool's in the same form. Only what module_text has as well: identity, values,
+   limits and flags. */
+std::vector<std::string> comparable_text(std::string_view ethtool);

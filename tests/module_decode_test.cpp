@@ -1,0 +1,455 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The decoder of module memory: numbers worked out by hand, and memories that lie. */
+#include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/module_speed.h"
+#include "testkit/modules/module_images.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <string>
+
+using namespace linux_board;
+using namespace module_images;
+using numbers = std::vector<int64_t>;
+
+static constexpr uint32_t all_five = 0x1f;
+static constexpr uint32_t not_light = DOLM_SFP_DIAGCAP_TEMP | DOLM_SFP_DIAGCAP_VOLTAGE;
+
+static module_contents contents_of(const image &from)
+{
+    return decode_module(from.read());
+}
+
+static module_records records_of(const image &from, const port_view &port = {})
+{
+    return make_records(contents_of(from), port);
+}
+
+/* Of each measurement: low and high warning, low and high alarm, value. */
+static numbers words_of(const module_records &records)
+{
+    int32_t words[25];
+    memcpy(words, &records.diag.temperature_low_warn, sizeof(words));
+    return {std::begin(words), std::end(words)};
+}
+
+static numbers values_of(const module_records &records)
+{
+    const numbers words = words_of(records);
+    return {words[4], words[9], words[14], words[19], words[24]};
+}
+
+TEST(sfp_values, internal_calibration)
+{
+    const module_records records = records_of(sfp());
+    const dolm_sfp_info &info = records.info.sfp;
+
+    ASSERT_EQ(records.diag_result, DOLM_RICERR_OK);
+    EXPECT_EQ(records.diag.diag_cap, all_five);
+    EXPECT_EQ(words_of(records),
+              (numbers{-8000,   73000, -13000, 78000, 25719, 3000000, 3600000, 2900000, 3700000,
+                       3301200, 2500,  12500,  2000,  13000, 7176,    126,     794,     100,
+                       1000,    585,   16,     794,   10,    1000,    432}));
+    EXPECT_STREQ(info.sfp_vendor_name, "EXAMPLE");
+    EXPECT_STREQ(info.sfp_vendor_pn, "EX-10G");
+    EXPECT_STREQ(info.sfp_vendor_rev, "A");
+    EXPECT_STREQ(info.sfp_vendor_sn, "0001");
+    EXPECT_STREQ(info.sfp_date_code, "240115");
+    EXPECT_EQ(std::string(info.sfp_vendor_oui, 3), std::string("\x00\x90\x65", 3));
+    EXPECT_EQ(info.sfp_connector, DOLM_SFP_CONNECTOR_LC);
+    EXPECT_EQ(info.sfp_eth_compliance, 0x008u);
+    EXPECT_EQ(info.sfp_nom_bitrate, 103);
+    EXPECT_EQ(records_of(sfp(0x60)).diag.rxpower, 432u) << "OMA has the same steps";
+}
+
+TEST(sfp_values, external_calibration)
+{
+    EXPECT_EQ(words_of(records_of(external_sfp())),
+              (numbers{-9000,   77063, -14313, 82375, -11125, 2980000, 3580000, 2880000, 3680000,
+                       3280000, 3013,  14263,  2450,  14825,  6950,    247,     1584,    195,
+                       1995,    495,   8,      460,   5,      600,     51}));
+    EXPECT_NEAR(contents_of(external_sfp()).rx_power.lanes[0].value, 51.2, 1e-5);
+
+    image fourth = external_sfp(); /* C4 1e-12, C3 2e-9 */
+    put16(fourth.a2, 56, 0x2b8c), put16(fourth.a2, 58, 0xbccc);
+    put16(fourth.a2, 60, 0x3109), put16(fourth.a2, 62, 0x705f);
+    put_sum(fourth.a2, 0, 95);
+    EXPECT_NEAR(contents_of(fourth).rx_power.lanes[0].value, 51.5, 1e-5);
+
+    /* C1 of -2, 2^23, infinity and NaN: no light below 0, no receiver beyond 0.1 W. */
+    const std::pair<int, double> ends[] = {
+        {0xc000, 0}, {0x4b00, 100000}, {0x7f80, -1}, {0x7fc0, -1}};
+    for (const auto &[upper, expected] : ends) {
+        image end = external_sfp();
+        put16(end.a2, 68, upper), put_sum(end.a2, 0, 95);
+        const auto lanes = contents_of(end).rx_power.lanes;
+        EXPECT_EQ(lanes.empty() ? -1 : lanes[0].value, expected) << upper;
+    }
+}
+
+TEST(sfp_values, halves_are_rounded_away_from_zero)
+{
+    const struct {
+        std::array<int, 5> raw;
+        numbers values;
+    } cases[] = {
+        {{-16, 1, 1, 5, 15}, {-63, 100, 2, 1, 2}}, /* -62.5, 0.5 and 1.5 */
+        {{16, 65535, 65535, 4, 14}, {63, 6553500, 131070, 0, 1}},
+        {{-32768, 33000, 3000, 65535, 65535}, {-128000, 3300000, 6000, 6554, 6554}},
+        {{-1, 33000, 3000, 24, 25}, {-4, 3300000, 6000, 2, 3}},
+    };
+    for (const auto &its : cases) {
+        image made = sfp();
+        for (size_t n = 0; n < 5; n++)
+            put16(made.a2, 96 + 2 * n, its.raw[n]);
+        EXPECT_EQ(values_of(records_of(made)), its.values);
+    }
+}
+
+/* Limits and value of rx power: high alarm, low alarm, high warning, low warning, value. */
+static dolm_ric_module_diag with_rx_power(const std::array<int, 5> &raw)
+{
+    image made = sfp();
+    for (size_t n = 0; n < 4; n++)
+        put16(made.a2, 32 + 2 * n, raw[n]);
+    put_sum(made.a2, 0, 95);
+    put16(made.a2, 104, raw[4]);
+    return records_of(made).diag;
+}
+
+TEST(limits, that_make_no_sense_are_left_open)
+{
+    const std::array<int, 4> nonsense[] = {{0, 0, 0, 0},
+                                           {100, 10000, 158, 7943},
+                                           {7943, 158, 10000, 100},
+                                           {10000, 100, 158, 158},
+                                           {65535, 65535, 65535, 65535}};
+    for (const auto &[high_alarm, low_alarm, high_warning, low_warning] : nonsense) {
+        const auto diag = with_rx_power({high_alarm, low_alarm, high_warning, low_warning, 4321});
+        EXPECT_EQ(diag.diag_cap, all_five);
+        EXPECT_EQ(diag.rxpower, 432u);
+        EXPECT_EQ(diag.rxpower_low_alarm + diag.rxpower_low_warn, 0u);
+        EXPECT_GT(std::min(diag.rxpower_high_warn, diag.rxpower_high_alarm), 1'000'000'000u);
+        EXPECT_EQ(diag.txpower_low_alarm, 100u) << "the others keep theirs";
+        /* 0 can't be shown without an alarm. */
+        EXPECT_EQ(with_rx_power({high_alarm, low_alarm, high_warning, low_warning, 4}).diag_cap,
+                  all_five & ~uint32_t{DOLM_SFP_DIAGCAP_RXPOWER});
+    }
+    image made = sfp();
+    put16(made.a2, 0, -100), put_sum(made.a2, 0, 95); /* of temperature */
+    EXPECT_LT(records_of(made).diag.temperature_low_warn, -1'000'000'000);
+    EXPECT_GT(records_of(made).diag.temperature_high_warn, 1'000'000'000);
+    image wrong_sum = sfp();
+    wrong_sum.a2[95] ^= 1;
+    EXPECT_EQ(records_of(wrong_sum).diag.voltage, 3301200u);
+    EXPECT_EQ(records_of(wrong_sum).diag.voltage_low_alarm, 0u);
+}
+
+TEST(limits, stay_on_their_side_of_the_exact_value)
+{
+    const struct {
+        int low_alarm, low_warning, value;
+        numbers expected; /* low alarm, low warning, value, high warning */
+    } cases[] = {
+        {1000, 1003, 1004, {99, 99, 100, 794}},   {1000, 1003, 1003, {99, 100, 100, 794}},
+        {1000, 1003, 1000, {100, 100, 100, 794}}, {1000, 1259, 7942, {100, 126, 794, 795}},
+        {1000, 1259, 7943, {100, 126, 794, 794}}, {4, 8, 4, {0, 1, 0, 794}},
+    };
+    for (const auto &its : cases) {
+        const auto d = with_rx_power({10000, its.low_alarm, 7943, its.low_warning, its.value});
+        EXPECT_EQ(
+            (numbers{d.rxpower_low_alarm, d.rxpower_low_warn, d.rxpower, d.rxpower_high_warn}),
+            its.expected);
+    }
+    EXPECT_EQ(with_rx_power({10000, 1, 7943, 2, 4}).diag_cap & DOLM_SFP_DIAGCAP_RXPOWER, 0u);
+}
+
+TEST(limits, of_a_stopped_port_let_the_laser_be_off)
+{
+    image dark = sfp();
+    put16(dark.a2, 100, 0), put16(dark.a2, 102, 20), put16(dark.a2, 104, 0);
+    EXPECT_EQ(records_of(dark).diag.diag_cap, all_five);
+    const dolm_ric_module_diag stopped = records_of(dark, {.stopped = true}).diag;
+    EXPECT_EQ(stopped.diag_cap, not_light | DOLM_SFP_DIAGCAP_TXPOWER);
+    EXPECT_LT(stopped.txpower_low_warn, stopped.txpower);
+    EXPECT_EQ(stopped.txpower_high_warn, 794u);
+}
+
+TEST(refused, memories_that_can_not_be_true)
+{
+    constexpr int32_t ok = DOLM_RICERR_OK, none = DOLM_RICERR_UNSUPPORTED;
+    constexpr int32_t missing = DOLM_RICERR_NOTAVAIL;
+    const struct {
+        const char *what;
+        bytes image::*memory;
+        size_t first, last;
+        uint8_t byte;
+        bool ready;
+        int32_t diag_result, external_result;
+    } cases[] = {
+        {"first sum", &image::a0, 25, 25, '!', false, missing, missing},
+        {"second sum", &image::a0, 70, 70, '!', false, missing, missing},
+        {"all ones", &image::a0, 0, 255, 0xff, false, missing, missing},
+        {"all zeros", &image::a0, 0, 255, 0, false, missing, missing},
+        {"zeros but for the kind", &image::a0, 1, 255, 0, false, missing, missing},
+        {"an unknown kind", &image::a0, 0, 0, 6, false, missing, missing},
+        {"A2h of zeros", &image::a2, 0, 255, 0, true, missing, missing},
+        {"A2h of ones", &image::a2, 0, 255, 0xff, true, missing, missing},
+        {"values of ones", &image::a2, 96, 255, 0xff, true, missing, missing},
+        {"values not ready", &image::a2, 110, 110, 1, true, missing, missing},
+        {"no diagnostics", &image::a0, 92, 92, 0, true, none, none},
+        {"address change", &image::a0, 92, 92, 0x6c, true, none, none},
+        {"both calibrations", &image::a0, 92, 92, 0x78, true, ok, ok},
+        {"third sum", &image::a2, 95, 95, 0xee, true, ok, missing},
+        {"constants of zeros", &image::a2, 0, 95, 0, true, ok, missing},
+    };
+    for (const auto &its : cases) {
+        for (const bool is_external : {false, true}) {
+            image made = is_external ? external_sfp() : sfp();
+            std::fill_n((made.*its.memory).begin() + static_cast<long>(its.first),
+                        its.last - its.first + 1, its.byte);
+            if (its.first == 92)
+                put_sum(made.a0, 64, 95);
+            const module_records records = records_of(made);
+            const int32_t expected = is_external ? its.external_result : its.diag_result;
+            EXPECT_EQ(records.ready, its.ready) << its.what;
+            EXPECT_EQ(records.info_result, its.ready ? ok : missing) << its.what;
+            EXPECT_EQ(records.diag_result, expected) << its.what;
+            EXPECT_EQ(records.diag.diag_cap, expected == ok ? all_five : 0) << its.what;
+        }
+    }
+    image copied = sfp(), absent = sfp();
+    std::fill(copied.a0.begin() + 96, copied.a0.end(), uint8_t{0x50}); /* of the maker's own */
+    copied.a2 = copied.a0;
+    absent.a2.clear();
+    EXPECT_EQ(records_of(copied).diag_result, missing);
+    EXPECT_EQ(records_of(absent).diag_result, missing);
+    EXPECT_FALSE(make_records(decode_module({}), {}).ready);
+    for (image made : {qsfp(), cmis()}) {
+        EXPECT_EQ(records_of(made).diag.diag_cap, all_five);
+        std::fill(made.a0.begin() + 10, made.a0.begin() + 60, uint8_t{0xff});
+        EXPECT_EQ(records_of(made).diag_result, missing);
+        made.a0[128 + 25] ^= 1;
+        EXPECT_FALSE(records_of(made).ready);
+    }
+}
+
+/* The flags that are set, each as lane, measurement and flag. */
+static std::string flags_of(const image &from)
+{
+    const module_contents contents = contents_of(from);
+    std::string found;
+    size_t name = 0;
+    for (const auto its : {&contents.temperature, &contents.voltage, &contents.tx_bias,
+                           &contents.tx_power, &contents.rx_power}) {
+        for (const lane_value &lane : its->lanes)
+            if (lane.flags != 0)
+                found += std::to_string(lane.lane) + "tvbxr"[name] + std::to_string(lane.flags);
+        name++;
+    }
+    return found;
+}
+
+TEST(flags, each_bit_belongs_to_one_limit)
+{
+    for (size_t place = 0; place < 20; place++) { /* two bytes of alarms, then of warnings */
+        const size_t bit = place % 10;
+        image made = sfp();
+        made.a2[112 + place / 10 * 4 + bit / 8] = static_cast<uint8_t>(0x80 >> bit % 8);
+        const char flag = "8421"[place / 10 * 2 + bit % 2];
+        EXPECT_EQ(flags_of(made), std::string("0") + "tvbxr"[bit / 2] + flag);
+    }
+    const struct {
+        size_t byte;
+        int bit;
+        const char *flag;
+    } in_qsfp[] = {{6, 7, "0t8"},  {6, 4, "0t1"},  {7, 6, "0v4"},  {9, 7, "0r8"},
+                   {9, 3, "1r8"},  {10, 4, "2r1"}, {10, 2, "3r4"}, {11, 5, "0b2"},
+                   {12, 1, "3b2"}, {13, 0, "1x1"}, {14, 6, "2x4"}},
+      in_cmis[] = {{9, 0, "0t8"},   {9, 1, "0t4"},    {9, 2, "0t2"},    {9, 3, "0t1"},
+                   {9, 4, "0v8"},   {9, 7, "0v1"},    {139, 0, "8x8"},  {140, 7, "15x4"},
+                   {143, 1, "9b8"}, {146, 2, "10b1"}, {149, 3, "11r8"}, {151, 4, "12r2"}};
+    for (const auto &its : in_qsfp) {
+        image made = qsfp();
+        made.a0[its.byte] = static_cast<uint8_t>(1 << its.bit);
+        EXPECT_EQ(flags_of(made), its.flag);
+    }
+    for (const auto &its : in_cmis) { /* lanes of the second bank */
+        image made = cmis();
+        (its.byte < 128 ? made.a0 : made.lanes[1])[its.byte] = static_cast<uint8_t>(1 << its.bit);
+        EXPECT_EQ(flags_of(made), its.flag);
+    }
+}
+
+TEST(status, tells_los_and_fault_of_the_port_s_own_lanes)
+{
+    const std::pair<uint8_t, uint32_t> bits[] = {{0, 0}, {2, 1}, {4, 2}, {6, 3}, {0x80, 0}};
+    for (const auto &[byte, status] : bits) {
+        image made = sfp();
+        made.a2[110] = byte;
+        EXPECT_EQ(records_of(made).status.status, status);
+    }
+    image four = qsfp(), banks = cmis();
+    four.a0[3] = 0x14, four.a0[4] = 0x08; /* LOS of lane 2, and at the far end; fault of lane 3 */
+    banks.lanes[1][135] = 0x01, banks.lanes[1][147] = 0x80;
+    EXPECT_EQ(records_of(four).status.status, 3u);
+    EXPECT_EQ(records_of(four, {.lanes = 0x3}).status.status, 0u);
+    EXPECT_EQ(records_of(four, {.lanes = 0x4}).status.status, 1u);
+    EXPECT_EQ(records_of(banks, {.lanes = 0x0100}).status.status, 2u);
+    EXPECT_EQ(records_of(banks, {.lanes = 0x8000}).status.status, 1u);
+}
+
+TEST(lanes, the_one_that_is_worst_off_stands_for_all)
+{
+    const struct {
+        std::array<int, 4> tx; /* in uW; limits 500, 1000, 3500, 3600 */
+        uint32_t lanes, expected;
+    } cases[] = {
+        {{1500, 1600, 1400, 2000}, 0, 1400}, {{1500, 3300, 1400, 2000}, 0, 3300},
+        {{900, 1500, 3450, 1500}, 0, 900},   {{900, 4000, 700, 1500}, 0, 4000},
+        {{450, 600, 3900, 100}, 0, 100},     {{900, 4000, 700, 1500}, 0x8, 1500},
+        {{900, 4000, 700, 1500}, 0x5, 700},  {{900, 4000, 700, 1500}, 0xf0, 0},
+        {{600, 3600, 1500, 1500}, 0, 3600},  {{600, 3550, 1500, 1500}, 0, 600},
+    };
+    for (const auto &its : cases) {
+        image made = qsfp();
+        for (size_t lane = 0; lane < 4; lane++)
+            put16(made.a0, 50 + 2 * lane, 10 * its.tx[lane]);
+        EXPECT_EQ(records_of(made, {.lanes = its.lanes}).diag.txpower, its.expected);
+        EXPECT_EQ(records_of(made, {.lanes = its.lanes}).diag.temperature, 29000);
+    }
+    image flat = qsfp(); /* without limits: the lowest */
+    flat.a0[2] = 4, put16(flat.a0, 38, 40);
+    EXPECT_EQ(records_of(flat).diag.rxpower, 4u);
+    flat.a0[113] = 0x04; /* that lane isn't there */
+    EXPECT_EQ(records_of(flat).diag.rxpower, 500u);
+}
+
+TEST(lanes, of_banks_and_of_modules_that_do_not_run)
+{
+    image made = cmis();
+    put16(made.lanes[1], 170 + 6, 400);
+    EXPECT_EQ(values_of(records_of(made)), (numbers{57930, 3305700, 3200, 1000, 1000}));
+    EXPECT_EQ(records_of(made).diag.txbias_low_warn, 5600u) << "scaled as the values are";
+    EXPECT_EQ(records_of(made, {.lanes = 0xff}).diag.txbias, 8000u);
+    made.a0[210] = 0xf0, put_sum(made.a0, 128, 222); /* lanes of the first bank */
+    EXPECT_EQ(contents_of(made).tx_power.lanes.size(), 12u);
+    made.a0[128 + 160] = 0x12; /* measures tx power only */
+    EXPECT_EQ(records_of(made).diag.diag_cap, not_light | DOLM_SFP_DIAGCAP_TXPOWER);
+    made.a0[3] = 0x02; /* low power */
+    EXPECT_EQ(records_of(made).diag.diag_cap, not_light);
+    made.a0[2] = 0x80; /* flat */
+    EXPECT_EQ(records_of(made).diag.temperature, 57930);
+    put16(made.a0, 14, 0), put16(made.a0, 16, 0);
+    EXPECT_EQ(records_of(made).diag_result, DOLM_RICERR_UNSUPPORTED);
+
+    const struct {
+        const char *name;
+        uint32_t lanes, mask;
+    } names[] = {{"p1s2", 0, 4},  {"p12s0", 1, 1}, {"p1s1", 4, 0xf0},      {"p1s0", 32, UINT32_MAX},
+                 {"p1s32", 0, 0}, {"p1", 1, 0},    {"pf0sf1", 1, 0},       {"", 1, 0},
+                 {"p1s", 1, 0},   {"s1", 1, 0},    {"p1s3", UINT32_MAX, 0}};
+    for (const auto &its : names)
+        EXPECT_EQ(lanes_of_port(its.name, its.lanes), its.mask) << its.name;
+}
+
+TEST(identity, copper_has_no_light)
+{
+    const struct {
+        size_t at;
+        uint8_t byte, connector;
+        bool is_copper;
+        uint8_t told;
+    } cases[] = {
+        {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},  /* passive cable */
+        {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},  /* active cable */
+        {8, 0x08, 0x23, false, DOLM_SFP_CONNECTOR_OTHER}, /* active optical cable */
+        {6, 0x08, 0x00, true, DOLM_SFP_CONNECTOR_UNSPEC}, /* 1000BASE-T */
+        {8, 0x00, 0x22, true, DOLM_SFP_CONNECTOR_RJ45},
+        {36, 0x1c, 0x07, true, DOLM_SFP_CONNECTOR_LC}, /* 10GBASE-T */
+        {36, 0x0c, 0x07, true, DOLM_SFP_CONNECTOR_LC}, /* 25GBASE-CR */
+        {36, 0x02, 0x07, false, DOLM_SFP_CONNECTOR_LC},
+        {55, '-', 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* by its name */
+    };
+    for (const auto &its : cases) {
+        image made = sfp();
+        if (its.at == 55)
+            put_text(made.a0, 20, 16, "OEM"), put_text(made.a0, 40, 16, "SFP-10G-T");
+        else
+            made.a0[its.at] = its.byte;
+        made.a0[2] = its.connector, put_sum(made.a0, 0, 63);
+        EXPECT_EQ(records_of(made).diag.diag_cap, its.is_copper ? not_light : all_five) << its.at;
+        EXPECT_EQ(records_of(made).info.sfp.sfp_connector, its.told) << its.at;
+    }
+    image cable = qsfp();
+    cable.a0[147] = 0xa0, put_sum(cable.a0, 128, 191);
+    EXPECT_EQ(records_of(cable).diag_result, DOLM_RICERR_UNSUPPORTED);
+}
+
+TEST(identity, speeds_have_codes)
+{
+    const struct {
+        uint8_t ten_gig, one_gig, encoding, rate, extended; /* bytes 3, 6, 11, 12, 36 */
+        uint32_t code;
+    } modules[] = {{0x20, 0, 6, 103, 0, 2},
+                   {0, 0x01, 1, 21, 0, 1},
+                   {0, 0x20, 2, 1, 0, 0x54530001},
+                   {0, 0, 3, 13, 0, 1},
+                   {0, 0, 6, 25, 0, 0x54530019},
+                   {0, 0, 6, 42, 0, 0},
+                   {0, 0, 8, 255, 0x41, 0x545301f4},
+                   {0, 0, 8, 250, 0, 0x545301f4},
+                   {0x10, 0, 6, 0, 5, 2}};
+    for (const auto &its : modules) {
+        image made = sfp();
+        made.a0[3] = its.ten_gig, made.a0[6] = its.one_gig, made.a0[11] = its.encoding;
+        made.a0[12] = its.rate, made.a0[36] = its.extended, put_sum(made.a0, 0, 63);
+        EXPECT_EQ(records_of(made).info.sfp.sfp_eth_speed, its.code);
+    }
+    EXPECT_EQ(records_of(qsfp()).info.sfp.sfp_eth_speed, 0x545303e8u);
+    EXPECT_EQ(records_of(cmis()).info.sfp.sfp_eth_speed, 0x54531f40u);
+    const std::pair<uint32_t, uint32_t> links[] = {
+        {10, 0},         {100, 0x54530001},   {1000, 0x5453000a},   {2500, 0x0002},
+        {10000, 0x1000}, {25000, 0x545300fa}, {800000, 0x54531f40}, {UINT32_MAX - 1, 0}};
+    for (const auto &[megabits, code] : links)
+        EXPECT_EQ(link_speed_code(tenth_gbps_of(megabits)), code) << megabits;
+    EXPECT_EQ(tenth_gbps_of(UINT32_MAX), 0u);
+}
+
+TEST(plan, reads_what_the_module_has_and_nothing_else)
+{
+    image plain = sfp(), garbled = sfp(), flat = qsfp();
+    plain.a0[92] = 0, put_sum(plain.a0, 64, 95);
+    garbled.a0[20] ^= 1;
+    flat.a0[2] = 4;
+    const std::pair<image, size_t> sizes[] = {{garbled, 1 + 96},
+                                              {plain, 1 + 96 + 28},
+                                              {sfp(), 1 + 96 + 28 + 118},
+                                              {flat, 1 + 96 + 28 + 1 + 58},
+                                              {qsfp(), 1 + 96 + 28 + 1 + 58 + 72},
+                                              {cmis(), 1 + 95 + 24 + 32 + 18 + 19 + 72 + 2 * 68}};
+    for (const auto &[module, expected] : sizes) {
+        size_t size = 0;
+        for (const reading_step &step : reading_plan(module.read()))
+            size += step.range.length;
+        EXPECT_EQ(size, expected);
+    }
+}
+
+TEST(memory, gives_the_bytes_of_a_range)
+{
+    const auto time = [](int n) { return module_memory::time_point(std::chrono::seconds(n)); };
+    const memory_range whole = {0x50, 0, 0, 0, 96}, part = {0x50, 0, 0, 68, 28};
+    module_memory memory;
+    memory.store(whole, bytes(96, 1), time(1));
+    EXPECT_EQ(memory.bytes(part)[0], 1);
+    EXPECT_TRUE(memory.bytes({0x51, 0, 0, 68, 28}).empty());
+    EXPECT_TRUE(memory.bytes({0x50, 0, 0, 90, 7}).empty());
+    memory.store(part, bytes(28, 2), time(2));
+    EXPECT_EQ(memory.bytes(part)[27], 2);
+    EXPECT_EQ(memory.read_at(part), time(2));
+    memory.store(part, bytes(27, 3), time(3)); /* too few: as if it had failed */
+    EXPECT_EQ(memory.read_at(part), time(1));
+    memory.clear();
+    EXPECT_TRUE(memory.bytes(whole).empty());
+}
