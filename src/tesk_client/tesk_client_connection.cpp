@@ -147,11 +147,10 @@ void tesk_client_session::receive_establishment(const mbx_signal *signal)
         return;
     if (signal->number == TESK_CONN_ESTABLISH_REJ) {
         const auto rej = host_copy_of<tesk_conn_establish_rej>(signal);
-        if (rej && rej->procedure_ref == last_procedure_ref_) {
-            retry_later();
-            establishment_ =
-                failure(TESK_CLIENT_REJECTED, decode_error_text(rej->error_description));
-        }
+        if (!rej || rej->procedure_ref != last_procedure_ref_)
+            return;
+        retry_later();
+        establishment_ = failure(TESK_CLIENT_REJECTED, decode_error_text(rej->error_description));
         return;
     }
     const auto cfm = host_copy_of<tesk_conn_establish_cfm>(signal);

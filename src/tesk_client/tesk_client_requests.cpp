@@ -174,7 +174,7 @@ void tesk_client_session::send_request(pending_request request)
     try {
         /* Known from here on: the first indication may be handled before the confirmation. */
         const auto effect = effect_of(request.type);
-        if (effect && effect->subscribes)
+        if (effect.has_value() && effect->subscribes)
             subscriptions_.try_emplace({effect->kind, request.port_no}, false);
     } catch (...) {
         sent_.pop_back();

@@ -8,7 +8,7 @@
 /* The same in teskctl, teskboard and tesk-abi-check, so that a script needs to know one list. */
 enum class exit_code : int {
     done = 0,
-    rejected = 1, /* the server or the board refused, or something is wrong with what was checked */
+    rejected = 1, /* refused by the server or the board, or a check found a fault */
     usage = 2,
     no_server = 3, /* no server or board, or no access to it */
     no_answer = 4,

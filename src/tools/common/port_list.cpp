@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A set takes the ranges, which may overlap. The limits are looked at before a range is walked: a
-   slip such as 0-4294967295 is told and costs nothing. */
+/* Ranges may overlap, so they are collected in a set. Limits are checked before a range is
+   expanded: a mistake such as 0-4294967295 is reported at once. */
 #include "tools/common/port_list.h"
 
 #include "tools/common/exit_code.h"

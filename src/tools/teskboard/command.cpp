@@ -84,7 +84,7 @@ static std::string is_speed(const std::string &text)
                                            "code 0x...";
 }
 
-/* What the values of a kind of field look like. */
+/* Examples of the values of a kind of field, for the help. */
 static const char *example_of(board::field_kind kind)
 {
     using enum board::field_kind;
@@ -123,9 +123,9 @@ static bool is_threshold(std::string_view name)
 static std::string keys_help()
 {
     std::string text = "Keys and their values:\n";
-    for (const board::field &field : board::fields())
-        if (!is_threshold(field.name))
-            text += fmt::format("  {:<17} {}\n", field.name, example_of(field.kind));
+    for (const board::field &each : board::fields())
+        if (!is_threshold(each.name))
+            text += fmt::format("  {:<17} {}\n", each.name, example_of(each.kind));
     return text + "Thresholds: KEY_low_alarm, KEY_low_warn, KEY_high_warn, KEY_high_alarm.";
 }
 
@@ -139,7 +139,7 @@ class command_parser
     command_parser(CLI::App &app, command &result) : app_(app), result_(result)
     {
         app_.require_subcommand(1);
-        app_.fallthrough(); /* the common options may stand behind a command's own */
+        app_.fallthrough(); /* the global options may follow those of a command */
         app_.add_option("--timeout", result_.timeout, "Seconds to wait for an answer")
             ->check(CLI::Range(0.0, 86400.0))
             ->capture_default_str();

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* command - what the words of a command line, or of a line of a scene, ask for. */
+/* command - parses a command line, or a line of a scene. */
 #pragma once
 
 #include "platform/dolm_ric/simulator/vocabulary.h"

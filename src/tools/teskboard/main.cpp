@@ -60,7 +60,7 @@ static void show(board_client &board, const command &what, bool json)
     }
 }
 
-/* `played` stands before what a step of a scene answers. */
+/* `played` precedes the answer to a step of a scene. */
 static void run(board_client &board, const command &what, bool json, const answer &played = {})
 {
     if (what.what == action::show)

@@ -93,7 +93,7 @@ static std::string format_subscriptions(const answer &port)
                        value_of(port, "subscribed_link"));
 }
 
-/* Measured values stay raw, for programs; what has a name is given by it. */
+/* Measured values stay raw, for programs; other values have their names. */
 static nlohmann::ordered_json json_value(const std::string &key, const std::string &raw)
 {
     const field *known = find_field(key);
@@ -133,7 +133,7 @@ std::string format_table_row(const answer &port)
                        format_subscriptions(port));
 }
 
-/* The thresholds of a measured value stand below it. */
+/* The thresholds of a measured value follow it. */
 std::string format_port(const answer &port)
 {
     std::string text = fmt::format("port {}\n", value_of(port, "port"));

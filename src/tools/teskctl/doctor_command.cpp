@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* doctor: a check for each thing on the way from this user to the server, in that order. Each is
-   independent of the others, works without systemd, dpkg and permissions, and names the command
-   that mends what is wrong. */
+/* doctor: checks the path from this user to the server, one step after the other. The checks are
+   independent, work without systemd, dpkg and permissions, and name the command that corrects a
+   fault. */
 #include "tools/common/output.h"
 #include "tools/common/socket_group.h"
 #include "tools/teskctl/commands.h"
@@ -29,14 +29,14 @@ struct finding {
     const char *topic;
     verdict state;
     std::string text;
-    std::string remedy; /* a command, or what else to do; empty unless wrong */
+    std::string remedy; /* a command or an instruction; empty unless wrong */
 };
 
 using findings = std::vector<finding>;
 
 } // namespace
 
-/* What a command writes; empty if it can't be run or takes longer than 5 s. */
+/* The output of a command; empty if it can't be run or takes longer than 5 s. */
 static std::string output_of(const std::string &command)
 {
     FILE *pipe = popen(("LC_ALL=C timeout 5 " + command + " 2>/dev/null").c_str(), "r");

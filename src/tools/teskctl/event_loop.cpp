@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A command is one thread and one loop: nothing happens outside of event_loop::wait. A signalfd
-   stands in place of signal handlers. */
+   replaces signal handlers. */
 #include "tools/teskctl/event_loop.h"
 
 #include "tools/common/exit_code.h"

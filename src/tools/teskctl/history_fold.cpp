@@ -10,8 +10,8 @@
 #include <set>
 #include <unistd.h>
 
-/* One event's records are written within a millisecond or so; two events of one port that are
-   closer than this can't be told from one. */
+/* The records of one event are written within about a millisecond. Two events of one port within
+   this time look like one. */
 static constexpr uint64_t together_us = 10'000;
 
 namespace

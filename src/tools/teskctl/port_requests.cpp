@@ -25,21 +25,21 @@ namespace
    the call is over. */
 struct batch {
     size_t open;
-    const session::answered &answered;
+    const session::answered &take;
 };
 
 } // namespace
 
 void request_all(event_loop &loop, session &server, const std::vector<port_request> &requests,
-                 const session::answered &answered)
+                 const session::answered &take)
 {
-    const auto all = std::make_shared<batch>(batch{0, answered});
+    const auto all = std::make_shared<batch>(batch{0, take});
     const auto count_answer = [weak = std::weak_ptr(all)](const tesk_client_answer &answer) {
         const auto waiting = weak.lock();
         if (!waiting)
             return;
         waiting->open--;
-        waiting->answered(answer);
+        waiting->take(answer);
     };
     for (size_t next = 0; next < requests.size() || all->open > 0;) {
         for (; next < requests.size() && all->open < most_open; next++) {

@@ -15,10 +15,10 @@ struct port_request {
 std::vector<port_request> requests_for(tesk_client_request_type type,
                                        const std::vector<uint32_t> &ports);
 
-/* Makes all requests and waits for their answers. A process signal ends the wait; `answered` isn't
+/* Makes all requests and waits for their answers. A process signal ends the wait; `take` isn't
    called after that. */
 void request_all(event_loop &loop, session &server, const std::vector<port_request> &requests,
-                 const session::answered &answered);
+                 const session::answered &take);
 
 /* Makes subscribe requests and returns the unsubscribe requests for those that were confirmed.
    `failed` is called for the others. */

@@ -5,9 +5,9 @@
    subscribe. They don't unsubscribe: the server drops the subscriptions with the connection, which
    leaves one record less in its history of 30 actions.
 
-   Neither indication tells an empty port from all others: a port status calls an empty port
-   "electrical", and an SFP info says "not present" of a module that isn't ready, too. A read of the
-   measured values completes the picture, and leaves no record. */
+   No indication identifies an empty port: the port status of one has the type "electrical", and the
+   SFP info "not present" includes modules that aren't ready. A read of the measured values
+   distinguishes them, and leaves no record. */
 #include "tools/common/output.h"
 #include "tools/common/units.h"
 #include "tools/teskctl/commands.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* report - what a command writes while it runs, one line each, at once: words for people, objects
-   with --json. */
+/* report - the output of a running command, one line at a time: words for people, objects with
+   --json. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"

@@ -34,7 +34,7 @@ class top
                    {[this](const auto &info) { take_record(info); },
                     [this](const auto &status) {
                         take_record(status);
-                        read_value(status.port_no); /* the values that the grades stand for */
+                        read_value(status.port_no); /* for the values that were graded */
                     },
                     [this](const auto &event) { take_event(event); }},
                    true)

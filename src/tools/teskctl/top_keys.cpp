@@ -23,7 +23,7 @@ static constexpr sequence sequences[] = {
     {"\b", key_code::backspace},
 };
 
-/* The length of an escape sequence; nothing if it goes on behind the bytes. */
+/* The length of an escape sequence; nothing if it is incomplete. */
 static std::optional<size_t> sequence_length(std::string_view bytes)
 {
     if (bytes.size() < 2)

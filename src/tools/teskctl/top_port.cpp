@@ -69,8 +69,8 @@ void take(top_port &port, const tesk_client_pm &pm)
 
 uint32_t module_of(const top_port &port)
 {
-    /* Only the SFP info follows a module that comes or goes; only the measured values tell an empty
-       port from one whose module isn't ready. */
+    /* Only the SFP info reports insertion and removal; only the measured values distinguish an
+       empty port from a module that isn't ready. */
     if (port.sfp && port.sfp->type != TESK_CLIENT_SFP_NOT_PRESENT)
         return port.sfp->type;
     const bool is_none = port.pm && port.pm->sfp_type == TESK_CLIENT_SFP_NOT_PRESENT;

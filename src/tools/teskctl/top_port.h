@@ -24,8 +24,7 @@ struct top_port {
    it is the first. */
 std::string take(top_port &port, const tesk_client_port_status &status);
 std::string take(top_port &port, const tesk_client_sfp_info &info);
-/* The first values after a status are those that its grades stand for, as closely as can be known.
- */
+/* The first values after a status are taken as those that the server graded. */
 void take(top_port &port, const tesk_client_pm &pm);
 
 /* The module's state: one of tesk_client_sfp_type, or module_not_ready. */
