@@ -9,7 +9,7 @@
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_view.h"
-#include "tools/teskctl/words.h"
+#include "tools/common/words.h"
 #include "util/escape.h"
 
 #include <clocale>

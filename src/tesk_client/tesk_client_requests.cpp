@@ -156,12 +156,12 @@ static void fill_request(mbx_signal *signal, const request_row &row, const pendi
         record->procedure_ref = request.procedure_ref;
         record->connection_ref = client_id;
         record->port_no = request.port_no;
-        tesk_turn(*record);
+        tesk_swap_byte_order(*record);
     } else if (row.has_reference) {
         auto *record = reinterpret_cast<tesk_header *>(signal);
         record->procedure_ref = request.procedure_ref;
         record->connection_ref = client_id;
-        tesk_turn(*record);
+        tesk_swap_byte_order(*record);
     }
 }
 

@@ -2,7 +2,7 @@
 #include "tools/teskctl/history_fold.h"
 
 #include "tools/common/port_list.h"
-#include "tools/teskctl/words.h"
+#include "tools/common/words.h"
 
 #include <algorithm>
 #include <fmt/format.h>

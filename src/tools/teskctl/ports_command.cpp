@@ -3,12 +3,12 @@
    server's history. */
 #include "tools/common/output.h"
 #include "tools/common/units.h"
+#include "tools/common/words.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/screen.h"
-#include "tools/teskctl/words.h"
 
 #include <map>
 

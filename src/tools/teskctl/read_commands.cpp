@@ -10,13 +10,13 @@
    distinguishes them, and leaves no record. */
 #include "tools/common/output.h"
 #include "tools/common/units.h"
+#include "tools/common/words.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/screen.h"
-#include "tools/teskctl/words.h"
 
 #include <fmt/format.h>
 #include <map>

@@ -5,8 +5,8 @@
 #include "tools/common/clock.h"
 #include "tools/common/output.h"
 #include "tools/common/port_list.h"
+#include "tools/common/words.h"
 #include "tools/teskctl/explain.h"
-#include "tools/teskctl/words.h"
 #include "util/escape.h"
 
 #include <algorithm>

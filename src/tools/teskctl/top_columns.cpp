@@ -8,7 +8,7 @@
 #include "tools/teskctl/top_columns.h"
 
 #include "tools/common/units.h"
-#include "tools/teskctl/words.h"
+#include "tools/common/words.h"
 
 #include <algorithm>
 #include <fmt/format.h>

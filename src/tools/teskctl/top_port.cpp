@@ -2,7 +2,7 @@
 #include "tools/teskctl/top_port.h"
 
 #include "tools/common/clock.h"
-#include "tools/teskctl/words.h"
+#include "tools/common/words.h"
 
 #include <cmath>
 #include <cstdlib>

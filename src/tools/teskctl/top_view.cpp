@@ -7,9 +7,9 @@
 #include "tools/common/clock.h"
 #include "tools/common/exit_code.h"
 #include "tools/common/port_list.h"
+#include "tools/common/words.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_columns.h"
-#include "tools/teskctl/words.h"
 
 #include <algorithm>
 #include <cctype>
