@@ -54,6 +54,18 @@ done
 [ -f "$doc/tesk-tools/examples/scenes/warm-up.scene" ] || fail "no scenes are installed"
 [ -f "$work/usr/share/man/man3/tesk_client.3" ] || fail "tesk_client(3) is not installed"
 
+# Completion, as installed, beside a server.
+completed() { # TOOL WORD.. ENDS_WITH: what is offered for the last word
+    PATH=$work/usr/bin:$PATH bash -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
+        "_$1"; echo "${COMPREPLY[*]}"' _ "$work/usr/share/bash-completion/completions/$1" "$@" 2>/dev/null
+}
+start_server
+expect 0 "14 15 all" completed teskctl pm ""
+expect 0 "0-14 0-15" completed teskctl pm 0-1
+expect 0 "temperature=" completed teskboard set 3 temp
+expect 0 "71.5C" completed teskboard set 3 temperature = ""
+stop_server
+
 # The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
 cmake -G Ninja -S "$doc/tesk-platform-sim/examples/board" -B "$work/example" \
     -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
