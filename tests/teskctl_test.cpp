@@ -6,10 +6,10 @@
 #include "tools/common/json_records.h"
 #include "tools/common/port_list.h"
 #include "tools/common/units.h"
+#include "tools/common/words.h"
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_view.h"
-#include "tools/common/words.h"
 #include "util/escape.h"
 
 #include <clocale>
@@ -251,6 +251,12 @@ namespace
 class teskctl_system : public testing::Test
 {
   protected:
+    /* Without a port map, unless a test writes one. */
+    teskctl_system()
+    {
+        setenv("DOLM_RIC_PORT_MAP", (directory.path + "/none/ports").c_str(), 1);
+    }
+
     testkit::directory directory;
     std::optional<testkit::server> server;
     std::string output;
@@ -289,6 +295,8 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("pm 0-15", 0, {"port 0: optical\n", "port 12: no module\n"});
     expect("pm 12,20-22,24", 1, {"port 12: no module\n", "ports 20-22,24: pm: no such port\n"});
     expect("sfp 7,12", 0, {"\n7     module not ready\n", "\n12    no module\n"});
+    expect("--json sfp 7", 0, {"\"module\":\"not ready\""});
+    expect("--timeout 9 statsu 0", 2, {"did you mean 'status'"});
     expect("status 12", 0, {"\n12    not operational, no module\n"});
     expect("ports", 0, {"\n0     optical", "\n15    no module"});
     expect("ports --numbers", 0, {"\n14\n15\n"});
@@ -385,7 +393,6 @@ TEST_F(teskctl_system, ports_are_named_by_the_port_map)
     expect("pm all | grep -c ^port", 0, {"2\n"});
     testkit::run("echo wrong >" + map, output);
     expect("ports", 0, {"port map ignored: ", "line 1", "\n15 "});
-    unsetenv("DOLM_RIC_PORT_MAP");
 }
 
 TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
