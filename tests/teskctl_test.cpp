@@ -385,9 +385,9 @@ TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
 TEST_F(teskctl_system, ports_are_named_by_the_port_map)
 {
     const std::string map = directory.path + "/ports";
+    server.emplace(); /* writes a map of its own elsewhere */
     setenv("DOLM_RIC_PORT_MAP", map.c_str(), 1);
     testkit::run("printf '# tesk-ports 1\n3\teth3\n7\tx\033[2J\n' >" + map, output);
-    server.emplace();
     expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  optical"});
     expect("--json ports 3", 0, {"\"port\":3,\"name\":\"eth3\","});
     expect("pm all | grep -c ^port", 0, {"2\n"});
