@@ -276,7 +276,7 @@ class teskctl_system : public testing::Test
 
 } // namespace
 
-TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
+TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
 {
     expect("--help", 0, {"history"});
     expect("--version", 0, {"teskctl 1."});
@@ -311,7 +311,7 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     kill(server->pid, SIGCONT);
 }
 
-TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_keys)
+TEST_F(teskctl_system, every_command_writes_objects_with_the_documented_keys)
 {
     server.emplace();
     run("watch --sfp 0 --status 0 --count 4 & PATH=" TESK_BIN_DIR ":$PATH; teskboard wait 0 "
@@ -371,6 +371,26 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     EXPECT_FALSE(wait_for("any more"));
     EXPECT_EQ(WEXITSTATUS(pclose(watch)), 0);
     expect("history actions", 0, {"sfp info unsubscribed", "port status unsubscribed"});
+}
+
+TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
+{
+    server.emplace();
+    FILE *ping = popen("exec " TESK_BIN_DIR "/teskctl ping --json -i 0.02 -c 100", "r");
+    char line[512];
+    std::string all;
+    for (size_t lines = 0; std::fgets(line, sizeof(line), ping) != nullptr; lines++) {
+        all += line;
+        if (lines == 5) {
+            server.reset();
+            server.emplace();
+        }
+    }
+    EXPECT_EQ(WEXITSTATUS(pclose(ping)), 0);
+    EXPECT_NE(all.find("waited for a new connection"), std::string::npos) << all;
+    const auto summary = json_object::parse(all.substr(all.rfind("{\"time\"")));
+    EXPECT_EQ(summary["requests"], 100);
+    EXPECT_LT(summary["answers"], 100);
 }
 
 TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
