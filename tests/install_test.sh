@@ -39,11 +39,9 @@ stop_server
 
 # Pages and examples are where a reader looks for them, and every example compiles as installed.
 doc=$work/usr/share/doc
-for link in $(grep -ohE '\]\([^)#:]+' "$doc/tesk-server/README.md" | cut -c3-); do
-    case $link in
-    docs/* | CHANGELOG.md) [ -f "$doc/tesk-server/$link" ] || fail "README.md leads to $link, which is not installed" ;;
-    esac
-done
+while read -r link; do
+    [ -f "$doc/tesk-server/$link" ] || fail "README.md leads to $link, which is not installed"
+done < <(grep -ohE '\]\((docs/|CHANGELOG)[^)#]+' "$doc/tesk-server/README.md" | cut -c3-)
 for example in "$doc"/libtesk-client-dev/examples/*.c*; do
     case $example in
     *.cpp) compiler=c++ ;;
