@@ -75,7 +75,9 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
     } link_speeds[] = {{0x0001, 12},  {0x0002, 25},  {0x0008, 49}, {0x0020, 98},
                        {0x0040, 101}, {0x1000, 100}, {0x0000, 0},  {0x0004, 0},
                        {0x0003, 0},   {0x0080, 0},   {0x2000, 0},  {highest, 0}},
-      module_speeds[] = {{0, 0}, {1, 10}, {2, 100}, {3, 0}, {highest, 0}};
+      module_speeds[] = {{0, 0}, {1, 10}, {2, 100}, {3, 0}, {highest, 0}},
+      both_speeds[] = {{0x5453000a, 10}, {0x5453ffff, 65535}, {0x54530000, 0},
+                       {0x5452000a, 0},  {0x5454000a, 0},     {0xd453000a, 0}};
     static const std::pair<uint8_t, uint32_t> connectors[] = {{0, 3}, {1, 2},    {2, 1},
                                                               {3, 3}, {0x7f, 3}, {0xff, 3}};
     static const std::pair<uint32_t, uint32_t> module_status[] = {{0, 0}, {1, 0}, {2, 1},
@@ -104,6 +106,16 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
         port.module.sfp.sfp_eth_speed = speed.code;
         get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
         EXPECT_EQ(info.sfp_speed, speed.tenth_gbps) << speed.code;
+    }
+    for (const auto &speed : both_speeds) {
+        tesk_sfp_info info = {};
+        tesk_port_info port_info;
+        port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
+        port.speed = port.module.sfp.sfp_eth_speed = speed.code;
+        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
+        get_port_info(1, &port_info);
+        EXPECT_EQ(info.sfp_speed, speed.tenth_gbps) << speed.code;
+        EXPECT_EQ(port_info.link_speed, speed.tenth_gbps) << speed.code;
     }
     for (const auto &[connector, type] : connectors) {
         tesk_sfp_info info = {};

@@ -13,6 +13,7 @@
 #include "tesk_server/tesk_dolm_ric_internal.h"
 #include "tesk_server/tesk_event_queue.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -23,7 +24,9 @@
 
 static constexpr char event_thread_name[] = "tesk-s-dolm-e";
 
-static constexpr struct timespec retry_pause = {.tv_sec = 0, .tv_nsec = 5'000'000};
+static constexpr uint32_t quick_retries = 10;
+static constexpr long shortest_pause_ms = 5;
+static constexpr long longest_pause_ms = 100;
 
 uintptr_t dolm_ric_handle;
 
@@ -144,9 +147,23 @@ static bool handle_event(const dolm_ric_event *event)
     }
 }
 
+/* Before the wait is repeated after so many failures in a row: a short one at first, as the failure
+   may be temporary, then doubled up to the longest, so that a library that has failed for good
+   costs hardly any CPU time and ten traces a second. */
+static void pause_after_failures(uint32_t failures)
+{
+    long pause_ms = shortest_pause_ms;
+
+    for (uint32_t count = quick_retries; count < failures && pause_ms < longest_pause_ms; count++)
+        pause_ms = std::min(pause_ms * 2, longest_pause_ms);
+    const struct timespec pause = {.tv_sec = 0, .tv_nsec = pause_ms * 1'000'000};
+    nanosleep(&pause, nullptr);
+}
+
 static void *dolm_ric_event_main(void *)
 {
     bool running = true;
+    uint32_t failures = 0; /* of the wait, in a row */
 
     /* The names are for diagnostics only; the thread works without them. */
     if (prctl(PR_SET_NAME, event_thread_name, 0, 0, 0) != 0)
@@ -160,10 +177,12 @@ static void *dolm_ric_event_main(void *)
             tesk_trace(TESK_TRACE_ERROR, "dolm_ric_waitevent: %d (%s)", result,
                        dolm_ric_result_text(result));
             running = !stopping;
+            failures += failures < UINT32_MAX;
             if (running)
-                nanosleep(&retry_pause, nullptr);
+                pause_after_failures(failures);
             continue;
         }
+        failures = 0;
         running = handle_event(event);
         dolm_ric_freeevent(dolm_ric_handle, &event);
     }

@@ -152,14 +152,15 @@ struct speed_row {
     uint32_t tenth_gbps;
 };
 
-/* Codes that aren't listed have no speed in the protocol: 0. */
+/* A code that isn't listed has the speed itself in its lower half, or no speed in the protocol: 0.
+ */
 template <size_t rows>
 static uint32_t speed_of_code(const speed_row (&table)[rows], uint32_t code)
 {
     for (const speed_row &row : table)
         if (row.code == code)
             return row.tenth_gbps;
-    return 0;
+    return (code & 0xffff0000) == DOLM_RIC_SPEED_CODE(0) ? code & 0xffff : 0;
 }
 
 static uint32_t sfp_eth_speed_to_speed(uint32_t eth_speed)
