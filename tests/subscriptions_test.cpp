@@ -280,6 +280,7 @@ TEST_F(subscriptions, an_unsubscription_ends_the_one_subscription_that_it_names)
             handle_events({port_event(other, DOLM_RICRIPORT_STARTED)});
             EXPECT_EQ(sent.size(), 2u);
             EXPECT_EQ(sent.at(0).word(12), other);
+            EXPECT_EQ(sent.at(0).word(4), 9u) << "the reference of the unsubscription";
             handle_events({port_event(other, DOLM_RICRIPORT_MODREADY)});
         }
     }
