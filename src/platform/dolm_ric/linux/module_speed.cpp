@@ -10,7 +10,7 @@ namespace linux_board
 /* The lower half holds up to 6.5 Tb/s; more counts as unknown. */
 static uint32_t other_code(uint32_t tenth_gbps)
 {
-    return tenth_gbps == 0 || tenth_gbps > 0xffff ? 0 : other_speed_code | tenth_gbps;
+    return tenth_gbps == 0 || tenth_gbps > 0xffff ? 0 : DOLM_RIC_SPEED_CODE(tenth_gbps);
 }
 
 uint32_t link_speed_code(uint32_t tenth_gbps)

@@ -8,9 +8,6 @@
 namespace linux_board
 {
 
-/* Codes of speeds that dolm_ric.h has no other code for: this upper half, and the speed. */
-constexpr uint32_t other_speed_code = 0x54530000;
-
 /* The codes of dolm_ric_link_status.speed and of dolm_sfp_info.sfp_eth_speed. */
 uint32_t link_speed_code(uint32_t tenth_gbps);
 uint32_t module_speed_code(uint32_t tenth_gbps);

@@ -1,0 +1,218 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "platform/dolm_ric/linux/link_table.h"
+
+#include "platform/dolm_ric/dolm_ric.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace linux_board
+{
+
+/* A fall is always announced from an operational link: one that was announced as down must have
+   risen before it could fall. */
+std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t after)
+{
+    constexpr uint32_t up = DOLM_RICRILINKSTATE_OPERATIONAL;
+    std::vector<uint32_t> states;
+    uint32_t state = before;
+    for (uint32_t left = std::min(falls, max_falls); left > 0; left--) {
+        if (state != up)
+            states.push_back(up);
+        const bool last = left == 1 && after != up;
+        state = last ? after : uint32_t{DOLM_RICRILINKSTATE_NOOPERATION};
+        states.push_back(state);
+    }
+    if (state != after)
+        states.push_back(after);
+    return states;
+}
+
+static uint32_t state_of(const link_report &report)
+{
+    if (!report.started)
+        return DOLM_RICRILINKSTATE_STOPPED;
+    return report.operational ? DOLM_RICRILINKSTATE_OPERATIONAL : DOLM_RICRILINKSTATE_NOOPERATION;
+}
+
+/* How much a counter that wraps has grown; negative if `now` is the older value. */
+static int32_t growth(uint32_t before, uint32_t now)
+{
+    return static_cast<int32_t>(now - before);
+}
+
+/* Drivers drop the carrier when an administrator stops the port, or set it anew when he starts it.
+   The announcement of the stop has counted that fall. */
+static uint32_t falls_between(const link_report &before, const link_report &now)
+{
+    const auto falls = static_cast<uint32_t>(growth(before.falls, now.falls));
+    const bool by_stop = falls > 0 && !before.started && before.has_carrier;
+    return !before.started && !now.started ? 0 : falls - (by_stop ? 1 : 0);
+}
+
+link_table::link_table(link_listener &listener) : listener_(listener)
+{
+}
+
+void link_table::add(uint32_t port, port_filter fits)
+{
+    links_[port] = {.number = port,
+                    .fits = std::move(fits),
+                    .parent = {},
+                    .port_name = {},
+                    .last = {},
+                    .announced = {DOLM_RICRILINKSTATE_NOOPERATION, 0, 0},
+                    .settles_at = {}};
+}
+
+/* The port of an interface; a port without one takes it if it fits. */
+link_table::port_link *link_table::bind(const link_report &report)
+{
+    const auto known = ports_.find(report.index);
+    if (known != ports_.end())
+        return &links_.at(known->second);
+    for (auto &[number, link] : links_) {
+        if (link.index != 0 || !link.fits(report))
+            continue;
+        if (link.was_bound && (link.parent != report.parent || link.port_name != report.port_name))
+            continue;
+        link.index = report.index;
+        link.parent = report.parent;
+        link.port_name = report.port_name;
+        ports_[report.index] = number;
+        return &link;
+    }
+    return nullptr;
+}
+
+/* An answer whose counters went back is of another interface that got the same index. */
+void link_table::take(const link_report &report, origin from, time_point now)
+{
+    reported_.insert(report.index);
+    if (report.deleted) {
+        forget(report.index, now);
+        return;
+    }
+    port_link *link = bind(report);
+    if (link == nullptr)
+        return;
+    const bool known = link->last.index == report.index;
+    const bool older = known && (growth(link->last.rises, report.rises) < 0 ||
+                                 growth(link->last.falls, report.falls) < 0);
+    if (older && from == origin::notice)
+        return;
+    if (older)
+        announce(*link, link_transitions(link->announced.state, 0, DOLM_RICRILINKSTATE_NOOPERATION),
+                 now);
+    update(*link, report, known && !older, now);
+}
+
+void link_table::update(port_link &link, const link_report &report, bool is_same, time_point now)
+{
+    const uint32_t falls = is_same ? falls_between(link.last, report) : 0;
+    const bool named_anew = link.last.name != report.name;
+    link.last = report;
+    link.was_bound = true;
+    if (named_anew)
+        listener_.interface_changed(link.number, &link.last);
+    if (falls > 0)
+        listener_.link_fell(link.number, falls);
+    announce(link, link_transitions(link.announced.state, falls, state_of(report)), now);
+}
+
+void link_table::take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_point now)
+{
+    const auto known = ports_.find(index);
+    if (known == ports_.end())
+        return;
+    port_link &link = links_.at(known->second);
+    link.speed = speed;
+    link.lanes = lanes != 0 ? lanes : link.lanes;
+    if (values_of(link, link.announced.state) != link.announced)
+        announce(link, {link.announced.state}, now);
+}
+
+void link_table::forget(int32_t index, time_point now)
+{
+    const auto known = ports_.find(index);
+    if (known == ports_.end())
+        return;
+    port_link &link = links_.at(known->second);
+    ports_.erase(known);
+    link.index = 0;
+    link.last = {};
+    announce(link, link_transitions(link.announced.state, 0, DOLM_RICRILINKSTATE_NOOPERATION), now);
+    listener_.interface_changed(link.number, nullptr);
+}
+
+void link_table::begin_dump()
+{
+    reported_.clear();
+}
+
+void link_table::end_dump(time_point now)
+{
+    std::vector<int32_t> gone;
+    for (const auto &[index, port] : ports_)
+        if (!reported_.contains(index))
+            gone.push_back(index);
+    for (const int32_t index : gone)
+        forget(index, now);
+    reported_.clear();
+}
+
+link_values link_table::values_of(const port_link &link, uint32_t state)
+{
+    return {state, state == DOLM_RICRILINKSTATE_OPERATIONAL ? link.speed : 0, link.lanes};
+}
+
+/* Events that follow each other closely may be handled in one go, and so in another order. An event
+   for which there is no memory is made up for when the link has settled. */
+void link_table::announce(port_link &link, const std::vector<uint32_t> &states, time_point now)
+{
+    if (states.empty())
+        return;
+    const bool is_burst =
+        link.settles_at.has_value() || states.size() > 1 || now - link.announced_at < settle_time;
+    link.settles_at = now + settle_time;
+    link.announced_at = now;
+    for (const uint32_t state : states) {
+        link.announced = values_of(link, state);
+        listener_.link_changed(link.number, link.announced);
+    }
+    if (!is_burst)
+        link.settles_at.reset();
+}
+
+std::optional<link_table::time_point> link_table::next_settling() const
+{
+    std::optional<time_point> next;
+    for (const auto &[port, link] : links_)
+        if (link.settles_at && (!next || *link.settles_at < *next))
+            next = link.settles_at;
+    return next;
+}
+
+void link_table::announce_settled(time_point now)
+{
+    for (auto &[port, link] : links_) {
+        if (!link.settles_at || *link.settles_at > now)
+            continue;
+        listener_.link_changed(port, link.announced);
+        link.settles_at.reset();
+    }
+}
+
+int32_t link_table::index_of(uint32_t port) const
+{
+    const auto found = links_.find(port);
+    return found == links_.end() ? 0 : found->second.index;
+}
+
+std::optional<uint32_t> link_table::port_of(int32_t index) const
+{
+    const auto found = ports_.find(index);
+    return found == ports_.end() ? std::nullopt : std::optional(found->second);
+}
+
+} // namespace linux_board

@@ -1,0 +1,82 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* linux_ports - the network interfaces of this machine as ports.
+
+   Reads are answered from a copy, which two threads keep: one follows the links, one polls the
+   modules. The copy is guarded by the core's lock. */
+#pragma once
+
+#include "platform/dolm_ric/linux/link_follower.h"
+#include "platform/dolm_ric/linux/module_contents.h"
+#include "platform/dolm_ric/linux/module_follower.h"
+#include "platform/dolm_ric/linux/module_poller.h"
+#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/dolm_ric/port_source.h"
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace linux_board
+{
+
+class linux_ports final : public board::port_source, follower_listener, module_listener
+{
+  public:
+    /* Measured values that are older aren't given out. Polling renews them every 4 s; they grow old
+       only if the reader or the module doesn't answer. */
+    static constexpr std::chrono::seconds longest_age{15};
+
+    /* `reader` as reader_client takes it. Throws a std::system_error. */
+    linux_ports(board::port_events &events, std::string reader);
+
+    /* The ports of a configuration, before start(). */
+    void add(const std::vector<configured_port> &ports);
+    /* The ports of a machine without one, before start(): those that the reader has, or without a
+       reader all interfaces on a device. Throws a std::system_error. */
+    void add_default_ports();
+
+    void start() override;
+    void stop() noexcept override;
+    void refresh(uint32_t port) override;
+    bool has_port(uint32_t port) const override;
+    int32_t read(uint32_t port, dolm_ric_port_status &out) const override;
+    int32_t read(uint32_t port, dolm_ric_link_status &out) const override;
+    int32_t read(uint32_t port, dolm_ric_module_info &out) const override;
+    int32_t read(uint32_t port, dolm_ric_module_status &out) const override;
+    int32_t read(uint32_t port, dolm_ric_module_diag &out) const override;
+
+  private:
+    using time_point = std::chrono::steady_clock::time_point;
+
+    struct port_copy {
+        std::string name;      /* of its interface, or as configured while it has none */
+        std::string port_name; /* the kernel's, of the cage's part */
+        link_values link;
+        module_presence presence = module_presence::absent;
+        module_contents contents = {};
+        time_point read_at = {};
+    };
+
+    void add_port(uint32_t number, const std::string &name, link_table::port_filter fits);
+    void add_interface(uint32_t number, const link_report &interface,
+                       const std::vector<link_report> &all);
+    std::map<uint32_t, link_report> default_ports(std::vector<link_report> all);
+
+    void link_changed(uint32_t number, const link_values &now) override;
+    void interface_changed(uint32_t number, const link_report *now) override;
+    void reports_taken() override;
+    void module_read(uint32_t number, const module_contents &contents, time_point at) override;
+    void module_presence_changed(uint32_t number, module_presence now) override;
+    void module_access_changed(int error) override;
+
+    board::port_events &events_;
+    const std::string reader_;
+    std::map<uint32_t, port_copy> ports_;
+    bool is_map_old_ = true; /* the thread that follows the links */
+    mutable module_follower modules_;
+    link_follower links_; /* last: it uses all others */
+};
+
+} // namespace linux_board

@@ -1,0 +1,38 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_access - the seam between the poller of the modules and whatever their memories are read
+   with: the process tesk-module-reader, a file, or a test. */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_memory.h"
+#include "tesk_module_reader/reader_protocol.h"
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+namespace linux_board
+{
+
+/* No reading is longer: the kernel's lock is held meanwhile, and nobody should wait long for it. */
+constexpr uint8_t longest_piece = READER_LONGEST_READ;
+
+/* One short reading, and what came of it. */
+struct piece {
+    uint32_t port;
+    memory_range range;
+    int error = 0;         /* errno; ENOTCONN if there is no reader at all */
+    int32_t interface = 0; /* index of the interface whose module was read; 0 if of none */
+    std::array<uint8_t, longest_piece> bytes = {};
+};
+
+/* No more pieces go to a module_access at once. */
+constexpr size_t most_pieces = READER_MOST_REQUESTS;
+
+struct module_access {
+    virtual ~module_access() = default;
+    /* Makes the readings in their order. After one that fails, later ones of the same port are not
+       made and fail with ECANCELED. */
+    virtual void read(std::span<piece> pieces) = 0;
+};
+
+} // namespace linux_board

@@ -1,0 +1,99 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "platform/dolm_ric/linux/module_files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <span>
+#include <unistd.h>
+#include <utility>
+
+namespace linux_board
+{
+
+static bool is_same_version(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+/* One byte more than a file may have, so that one that grows is found out. */
+static int read_all(int fd, std::vector<uint8_t> &bytes)
+{
+    bytes.assign(largest_module_file + 1, 0);
+    size_t length = 0;
+    while (length < bytes.size()) {
+        const ssize_t count = ::read(fd, bytes.data() + length, bytes.size() - length);
+        if (count < 0)
+            return errno;
+        if (count == 0)
+            break;
+        length += static_cast<size_t>(count);
+    }
+    bytes.resize(length);
+    bytes.shrink_to_fit();
+    return length > largest_module_file ? EIO : 0;
+}
+
+/* Opened without waiting: a FIFO in the file's place must not block the thread. */
+int module_files::load(recorded &file)
+{
+    struct stat status = {};
+    if (stat(file.path.c_str(), &status) != 0)
+        return errno == ENOENT || errno == ENOTDIR ? ENXIO : EIO;
+    if (!file.bytes.empty() && is_same_version(status, file.status))
+        return 0;
+    file.bytes.clear();
+    const int fd = open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return errno == ENOENT ? ENXIO : EIO;
+    int error = EIO;
+    if (fstat(fd, &file.status) == 0 && S_ISREG(file.status.st_mode))
+        error = read_all(fd, file.bytes);
+    close(fd);
+    if (error != 0)
+        file.bytes.clear();
+    return error;
+}
+
+/* By the first byte of the memory, SFP modules are 0x02, 0x03 and 0x0b. */
+static bool is_sfp(uint8_t identifier)
+{
+    return identifier == 0x02 || identifier == 0x03 || identifier == 0x0b;
+}
+
+static int copy_bytes(const std::vector<uint8_t> &file, piece &wanted)
+{
+    const memory_range &range = wanted.range;
+    const bool second = range.address == diagnostics_address;
+    if (file.empty() || (second && !is_sfp(file[0])))
+        return ENXIO;
+    const size_t at = (second ? 256u : 0u) + range.page * 128u + range.offset;
+    if (at + range.length > file.size())
+        return ENXIO;
+    std::copy_n(file.begin() + static_cast<ptrdiff_t>(at), range.length, wanted.bytes.begin());
+    return 0;
+}
+
+void module_files::add(uint32_t port, std::string path)
+{
+    files_[port] = {.path = std::move(path)};
+}
+
+bool module_files::has(uint32_t port) const
+{
+    return files_.contains(port);
+}
+
+void module_files::read(std::span<piece> pieces)
+{
+    for (piece &wanted : pieces) {
+        recorded &file = files_.at(wanted.port);
+        wanted.error = load(file);
+        if (wanted.error == 0)
+            wanted.error = copy_bytes(file.bytes, wanted);
+    }
+}
+
+} // namespace linux_board

@@ -1,0 +1,43 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_files - modules whose memory is a file: recorded ones, for replay and tests. A file has
+   the layout that ethtool writes ("ethtool -m IF raw on"): the 128 lower bytes and then the pages
+   in order; of an SFP module the 256 bytes of address 0x50 and then those of 0x51. One thread. */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_access.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace linux_board
+{
+
+constexpr size_t largest_module_file = 65536;
+
+class module_files final : public module_access
+{
+  public:
+    void add(uint32_t port, std::string path);
+    bool has(uint32_t port) const;
+
+    /* ENXIO without a file, as with an empty cage, and for a range behind the end of the file. EIO
+       for a file that can't be read, isn't a regular one or is too long. A file that was replaced
+       or changed is read again. */
+    void read(std::span<piece> pieces) override;
+
+  private:
+    struct recorded {
+        std::string path;
+        struct stat status = {}; /* of the bytes */
+        std::vector<uint8_t> bytes = {};
+    };
+
+    static int load(recorded &file);
+
+    std::map<uint32_t, recorded> files_;
+};
+
+} // namespace linux_board

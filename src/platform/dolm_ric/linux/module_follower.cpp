@@ -1,0 +1,163 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The kernel announces the sensors of a module that has diagnostics when it comes or goes. Modules
+   without them are found by polling alone, so such an announcement only says: look now. */
+#include "platform/dolm_ric/linux/module_follower.h"
+
+#include <algorithm>
+#include <poll.h>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace linux_board
+{
+
+static constexpr uint32_t kernel_uevents = 1; /* multicast group */
+
+module_follower::module_follower(module_listener &listener, std::string reader)
+    : reader_(std::move(reader), thread_.stop_fd()),
+      poller_(*this, listener, std::chrono::steady_clock::now)
+{
+    try {
+        hints_.emplace(NETLINK_KOBJECT_UEVENT);
+        hints_->join(kernel_uevents);
+    } catch (const std::system_error &) {
+        hints_.reset(); /* polling does without */
+    }
+}
+
+/* The thread ends before anything that it uses. */
+module_follower::~module_follower()
+{
+    stop();
+}
+
+void module_follower::stop()
+{
+    thread_.stop();
+}
+
+void module_follower::post(order what)
+{
+    {
+        const std::lock_guard guard(lock_);
+        orders_.push_back(std::move(what));
+    }
+    thread_.wake();
+}
+
+void module_follower::add(uint32_t port, const std::string &file)
+{
+    post([this, port, file] {
+        if (!file.empty())
+            files_.add(port, file);
+        poller_.add(port, file.empty());
+    });
+}
+
+void module_follower::set_interface(uint32_t port, int32_t index)
+{
+    post([this, port, index] { poller_.set_interface(port, index); });
+}
+
+void module_follower::link_changed(uint32_t port)
+{
+    post([this, port] { poller_.link_changed(port); });
+}
+
+void module_follower::diagnostics_wanted(uint32_t port)
+{
+    post([this, port] { poller_.diagnostics_wanted(port); });
+}
+
+void module_follower::start(std::chrono::milliseconds patience)
+{
+    thread_.start("dolm-ric-module", [this] { run(); });
+    std::unique_lock guard(lock_);
+    looked_.wait_for(guard, patience, [this] { return has_looked_; });
+}
+
+int32_t module_follower::interface_at_reader(uint32_t port, int &error)
+{
+    piece first = {.port = port, .range = {identity_address, 0, 0, 0, 1}};
+    reader_.read({&first, 1});
+    error = first.error;
+    return first.interface;
+}
+
+/* Pieces of files are read one by one; runs of others go to the reader together. */
+void module_follower::read(std::span<piece> pieces)
+{
+    while (!pieces.empty()) {
+        const bool in_file = files_.has(pieces.front().port);
+        const auto end = std::find_if(pieces.begin(), pieces.end(), [&](const piece &one) {
+            return files_.has(one.port) != in_file;
+        });
+        const auto run = pieces.first(static_cast<size_t>(end - pieces.begin()));
+        if (in_file)
+            files_.read(run);
+        else
+            reader_.read(run);
+        pieces = pieces.subspan(run.size());
+    }
+}
+
+void module_follower::run()
+{
+    while (!thread_.is_stopping()) {
+        try {
+            carry_out_orders();
+            poller_.step();
+        } catch (const std::bad_alloc &) {
+            /* what couldn't be done is still due */
+        }
+        if (poller_.is_first_look_over()) {
+            const std::lock_guard guard(lock_);
+            has_looked_ = true;
+            looked_.notify_all();
+        }
+        await_work();
+    }
+}
+
+void module_follower::carry_out_orders()
+{
+    std::vector<order> orders;
+    {
+        const std::lock_guard guard(lock_);
+        orders.swap(orders_);
+    }
+    for (const order &next : orders)
+        next();
+}
+
+void module_follower::await_work()
+{
+    const auto now = std::chrono::steady_clock::now();
+    const auto due = poller_.next_due();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+        std::min<module_poller::duration>(due - now, std::chrono::minutes(1)));
+    pollfd wanted[] = {{thread_.wake_fd(), POLLIN, 0}, {hints_ ? hints_->fd() : -1, POLLIN, 0}};
+    const auto timeout = static_cast<int>(std::max<int64_t>(left.count(), 0));
+    poll(wanted, std::size(wanted), timeout);
+    thread_.clear_wake();
+    if (take_hints())
+        poller_.hint();
+}
+
+bool module_follower::take_hints()
+{
+    static constexpr std::string_view sensors = "SUBSYSTEM=hwmon";
+    bool found = false;
+    while (hints_) {
+        const netlink::connection::received next = hints_->receive();
+        if (next.error == EAGAIN)
+            return found;
+        const std::string_view text(reinterpret_cast<const char *>(next.datagram.data()),
+                                    next.datagram.size());
+        found |= next.error != 0 || text.find(sensors) != std::string_view::npos;
+    }
+    return false;
+}
+
+} // namespace linux_board

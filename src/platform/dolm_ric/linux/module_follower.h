@@ -1,0 +1,71 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_follower - the thread that runs the poller of the modules. What it is told by other
+   threads it takes up between two readings. */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_files.h"
+#include "platform/dolm_ric/linux/module_poller.h"
+#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/dolm_ric/linux/reader_client.h"
+#include "platform/dolm_ric/linux/worker.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace linux_board
+{
+
+class module_follower final : module_access
+{
+  public:
+    /* `reader` as reader_client takes it. The listener is called on the follower's thread. Throws a
+       std::system_error. */
+    module_follower(module_listener &listener, std::string reader);
+    ~module_follower() override;
+
+    /* A port whose module is to be polled; one with a `file` has its module there. */
+    void add(uint32_t port, const std::string &file);
+    void set_interface(uint32_t port, int32_t index);
+    void link_changed(uint32_t port);
+    void diagnostics_wanted(uint32_t port);
+
+    /* Starts the thread and waits until each module has been looked at, at most so long. Throws a
+       std::system_error. */
+    void start(std::chrono::milliseconds patience);
+
+    /* Ends the thread, also out of a reading that takes long. */
+    void stop();
+
+    /* Before start(): the index of the interface that the reader has under this number, or 0.
+       `error` becomes that of the reading, ENOENT behind the last number. */
+    int32_t interface_at_reader(uint32_t port, int &error);
+
+  private:
+    using order = std::function<void()>;
+
+    void read(std::span<piece> pieces) override;
+    void post(order what);
+    void run();
+    void carry_out_orders();
+    void await_work();
+    bool take_hints();
+
+    worker thread_;
+    module_files files_;
+    reader_client reader_;
+    module_poller poller_;
+    std::optional<netlink::connection> hints_;
+
+    std::mutex lock_;
+    std::condition_variable looked_;
+    bool has_looked_ = false;
+    std::vector<order> orders_;
+};
+
+} // namespace linux_board

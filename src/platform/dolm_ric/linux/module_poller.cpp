@@ -1,0 +1,276 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A port is empty, or its module is being identified, or the module is in use. One task at a time
+   is made for a port, the one that is due; up to 16 short readings of several ports travel
+   together, which saves most of the switches between the two processes.
+
+   A port whose identity bytes changed goes back to being identified, while its old module stays
+   reported: the change may have been a disturbed reading. Only when another identity has been read,
+   or nothing sensible for a second, is the old module reported as removed. */
+#include "platform/dolm_ric/linux/module_poller.h"
+
+#include "platform/dolm_ric/linux/module_poller_internal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace linux_board
+{
+
+using namespace std::chrono_literals;
+
+static constexpr auto hint_spacing = 200ms; /* between two looks, however many hints come */
+static constexpr auto after_link_change = 500ms;
+static constexpr auto slow_piece = 25ms; /* 32 bytes need 3.5 ms at 100 kHz */
+
+/* False if the range doesn't fit any more. */
+bool module_poller::task::add(const reading_step &step)
+{
+    const memory_range &range = step.range;
+    const size_t count = (range.length + longest_piece - 1u) / longest_piece;
+    if (pieces.size() + count > most_pieces)
+        return false;
+    ranges.push_back({range, pieces.size(), count});
+    for (size_t done = 0; done < range.length; done += longest_piece) {
+        memory_range part = range;
+        part.offset = static_cast<uint8_t>(range.offset + done);
+        part.length = static_cast<uint8_t>(std::min<size_t>(longest_piece, range.length - done));
+        pieces.push_back({.port = port->number, .range = part});
+    }
+    return true;
+}
+
+int module_poller::task::error_of(const ranged &read) const
+{
+    for (size_t i = read.first; i < read.first + read.count; i++) {
+        const piece &part = pieces[i];
+        if (part.error != 0)
+            return part.error;
+        if (part.interface != 0 && part.interface != port->interface)
+            return ESTALE;
+    }
+    return 0;
+}
+
+std::vector<uint8_t> module_poller::task::bytes_of(const ranged &read) const
+{
+    std::vector<uint8_t> bytes;
+    for (size_t i = read.first; i < read.first + read.count; i++)
+        bytes.insert(bytes.end(), pieces[i].bytes.begin(),
+                     pieces[i].bytes.begin() + pieces[i].range.length);
+    return bytes;
+}
+
+module_poller::module_poller(module_access &access, module_listener &listener, clock now)
+    : access_(access), listener_(listener), now_(std::move(now))
+{
+}
+
+module_poller::~module_poller() = default;
+
+void module_poller::add(uint32_t port, bool by_reader)
+{
+    polled &added = ports_[port];
+    added.number = port;
+    added.by_reader = by_reader;
+    schedule(added);
+}
+
+void module_poller::set_interface(uint32_t port, int32_t index)
+{
+    const auto found = ports_.find(port);
+    if (found == ports_.end() || found->second.interface == index)
+        return;
+    polled &changed = found->second;
+    if (changed.interface != 0)
+        remove_module(changed);
+    changed.interface = index;
+    changed.was_looked_at = false;
+    changed.look_due = now_();
+    schedule(changed);
+}
+
+void module_poller::hint()
+{
+    const time_point now = now_();
+    for (auto &[number, port] : ports_) {
+        if (port.is_apart)
+            continue;
+        port.look_due = std::min(port.look_due, std::max(now, port.looked_at + hint_spacing));
+        schedule(port);
+    }
+}
+
+void module_poller::link_changed(uint32_t port)
+{
+    const auto found = ports_.find(port);
+    if (found == ports_.end())
+        return;
+    const time_point due = now_() + after_link_change;
+    found->second.diagnostics_due = std::min(found->second.diagnostics_due, due);
+    schedule(found->second);
+}
+
+void module_poller::diagnostics_wanted(uint32_t port)
+{
+    const auto found = ports_.find(port);
+    const time_point now = now_();
+    if (found == ports_.end() || now - found->second.diagnostics_at < wanted_age)
+        return;
+    found->second.diagnostics_due = std::min(found->second.diagnostics_due, now);
+    schedule(found->second);
+}
+
+/* A port is in one queue, by the earliest of what it has to do; in none while it has no interface.
+ */
+void module_poller::schedule(polled &port)
+{
+    if (port.queued_at) {
+        prompt_queue_.erase({*port.queued_at, port.number});
+        apart_queue_.erase({*port.queued_at, port.number});
+        port.queued_at.reset();
+    }
+    if (port.interface == 0)
+        return;
+    time_point due = port.look_due;
+    if (port.where == stage::identifying)
+        due = std::min(due, port.identity_due);
+    if (port.where == stage::in_use)
+        due = std::min(due, port.diagnostics_due);
+    port.queued_at = due;
+    (port.is_apart ? apart_queue_ : prompt_queue_).insert({due, port.number});
+}
+
+module_poller::time_point module_poller::next_due() const
+{
+    time_point due = time_point::max();
+    if (!prompt_queue_.empty())
+        due = prompt_queue_.begin()->first;
+    if (!apart_queue_.empty())
+        due = std::min(due, std::max(apart_queue_.begin()->first, apart_from_));
+    return settling_.empty() ? due : std::min(due, settling_.begin()->first);
+}
+
+bool module_poller::is_first_look_over() const
+{
+    return std::all_of(ports_.begin(), ports_.end(), [this](const auto &entry) {
+        const polled &port = entry.second;
+        return port.was_looked_at || port.interface == 0 || (port.by_reader && access_error_ != 0);
+    });
+}
+
+static bool is_in(const std::vector<memory_range> &ranges, const memory_range &range)
+{
+    return std::find(ranges.begin(), ranges.end(), range) != ranges.end();
+}
+
+/* Diagnostics come before the identity bytes, which so vouch for them. */
+module_poller::task module_poller::make_task(polled &port) const
+{
+    const time_point now = now_();
+    task made = {.port = &port, .kind = task_kind::look};
+    if (port.where == stage::identifying && port.identity_due <= now)
+        made.kind = task_kind::identity;
+    if (port.where == stage::in_use && port.diagnostics_due <= now)
+        made.kind = task_kind::diagnostics;
+    const bool in_use = port.where == stage::in_use;
+    const std::vector<reading_step> plan =
+        made.kind == task_kind::look && !in_use ? reading_plan({}) : reading_plan(port.memory);
+    const auto add_if = [&](auto &&wanted) {
+        for (const reading_step &step : plan)
+            if (wanted(step) && !is_in(port.refused, step.range) && !made.add(step))
+                return;
+    };
+    if (made.kind == task_kind::identity)
+        add_if([&](const reading_step &step) { return !port.memory.read_at(step.range); });
+    else if (!in_use)
+        add_if([](const reading_step &) { return true; });
+    if (made.kind == task_kind::diagnostics)
+        add_if([](const reading_step &s) { return s.when == reading_time::diagnostics; });
+    if (in_use)
+        add_if([](const reading_step &s) { return s.when == reading_time::presence; });
+    return made;
+}
+
+/* Ports that are set apart are read one at a time, so that what they cost is known. */
+std::vector<module_poller::task> module_poller::choose_tasks(time_point now)
+{
+    std::vector<task> tasks;
+    if (!apart_queue_.empty() && apart_queue_.begin()->first <= now && apart_from_ <= now) {
+        tasks.push_back(make_task(ports_.at(apart_queue_.begin()->second)));
+        return tasks;
+    }
+    size_t pieces = 0;
+    for (const auto &[due, number] : prompt_queue_) {
+        if (due > now)
+            break;
+        task next = make_task(ports_.at(number));
+        pieces += next.pieces.size();
+        if (pieces > most_pieces)
+            break;
+        tasks.push_back(std::move(next));
+    }
+    return tasks;
+}
+
+void module_poller::step()
+{
+    const time_point begin = now_();
+    announce_settled(begin);
+    std::vector<task> tasks = choose_tasks(begin);
+    if (tasks.empty())
+        return;
+    std::vector<piece> pieces;
+    for (const task &one : tasks)
+        pieces.insert(pieces.end(), one.pieces.begin(), one.pieces.end());
+    if (!pieces.empty())
+        access_.read(pieces);
+    size_t next = 0;
+    for (task &one : tasks)
+        for (piece &part : one.pieces)
+            part = pieces[next++];
+    take_results(tasks, now_() - begin);
+}
+
+void module_poller::take_results(std::vector<task> &tasks, duration cost)
+{
+    size_t count = 0;
+    for (const task &one : tasks)
+        count += one.pieces.size();
+    const bool slow = cost > slow_piece * static_cast<int64_t>(std::max<size_t>(count, 1));
+    for (task &done : tasks) {
+        polled &port = *done.port;
+        const bool was_known = port.was_looked_at;
+        take_result(done);
+        const bool fails = port.failures >= failures_when_broken ||
+                           (port.failures > 0 && port.where == stage::empty);
+        port.is_apart = slow || fails;
+        if (port.is_apart && tasks.size() == 1)
+            pause_apart(port, was_known, cost);
+        schedule(port);
+    }
+}
+
+void module_poller::take_result(const task &done)
+{
+    switch (done.kind) {
+    case task_kind::look:
+        return take_look(*done.port, done);
+    case task_kind::identity:
+        return take_identity(*done.port, done);
+    case task_kind::diagnostics:
+        return take_diagnostics(*done.port, done);
+    }
+}
+
+/* The ports that are set apart wait in proportion to what a reading cost: briefly until each has
+   been looked at once, longest for one that is known to have nothing. */
+void module_poller::pause_apart(polled &port, bool was_known, duration cost)
+{
+    const int share = !was_known ? 1 : port.where == stage::in_use ? 3 : 9;
+    apart_from_ = now_() + cost * share;
+    if (port.failures >= failures_when_broken)
+        port.look_due = std::max(port.look_due, now_() + unlikely_interval);
+}
+
+} // namespace linux_board

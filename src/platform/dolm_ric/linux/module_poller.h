@@ -1,0 +1,118 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_poller - decides when which bytes of which module are read, and what that says about the
+   presence of modules. State with a clock and an access passed in; one thread.
+
+   Each second a few bytes of the identity are read: they tell that a module came, went or was
+   replaced. A replaced module is reported as a removal and an insertion. Diagnostics are read every
+   few seconds and sooner on demand, always with the identity bytes behind them, so that no value is
+   taken for that of another module.
+
+   Readings are made one at a time. A reading that fails slowly costs all ports time, so a port that
+   fails so, or fails again and again, is set apart: such ports get a small share of the time. */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_access.h"
+#include "platform/dolm_ric/linux/module_contents.h"
+#include "platform/dolm_ric/linux/module_memory.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace linux_board
+{
+
+enum class module_presence : uint8_t { absent, not_ready, ready };
+
+struct module_listener {
+    virtual ~module_listener() = default;
+    /* `contents` is what the module holds now, read at that time. */
+    virtual void module_read(uint32_t port, const module_contents &contents,
+                             std::chrono::steady_clock::time_point read_at) = 0;
+    /* Reported on each change, after the contents of a module that is ready. When one change
+       followed another closely the last is reported once more after a while, for a caller that
+       handles queued events in another order. */
+    virtual void module_presence_changed(uint32_t port, module_presence now) = 0;
+    /* Readings have begun to fail for want of a reader or of the right to read, or work again (0).
+       Called once per change. */
+    virtual void module_access_changed(int error) = 0;
+};
+
+class module_poller
+{
+  public:
+    using time_point = std::chrono::steady_clock::time_point;
+    using duration = std::chrono::steady_clock::duration;
+    using clock = std::function<time_point()>;
+
+    /* Values that are older are read anew when somebody wants them. */
+    static constexpr std::chrono::seconds wanted_age{1};
+
+    module_poller(module_access &access, module_listener &listener, clock now);
+    ~module_poller();
+
+    /* A port whose module is to be polled, from now on; by a reader that may be missing, or not. */
+    void add(uint32_t port, bool by_reader);
+
+    /* The interface of a port: its index, or 0 while it isn't there; the port has no module then.
+       Bytes that another interface gave are not taken, those of no interface are. */
+    void set_interface(uint32_t port, int32_t index);
+
+    /* A module may have come or gone somewhere: look at all ports soon. */
+    void hint();
+    /* The link of a port changed, so its measured values did, too. */
+    void link_changed(uint32_t port);
+    /* Somebody reads the measured values. */
+    void diagnostics_wanted(uint32_t port);
+
+    /* When step() has something to do. */
+    time_point next_due() const;
+    /* Makes what is due most urgently, at most most_pieces readings. */
+    void step();
+
+    /* Whether each port has been looked at once, with the module that was found there read. */
+    bool is_first_look_over() const;
+
+  private:
+    struct polled;
+    struct task;
+    using queue = std::set<std::pair<time_point, uint32_t>>;
+
+    void schedule(polled &port);
+    task make_task(polled &port) const;
+    std::vector<task> choose_tasks(time_point now);
+    void take_results(std::vector<task> &tasks, duration cost);
+    void take_result(const task &done);
+    void pause_apart(polled &port, bool was_known, duration cost);
+
+    void take_look(polled &port, const task &done);
+    void take_identity(polled &port, const task &done);
+    void take_diagnostics(polled &port, const task &done);
+    void finish_identity(polled &port);
+    void retry_identity(polled &port);
+    void begin_identity(polled &port, duration wait);
+    void use_module(polled &port, const module_contents &contents);
+    void take_failure(polled &port, int error);
+    void note_silence(polled &port);
+    void remove_module(polled &port);
+    void set_presence(polled &port, module_presence now);
+    void announce_settled(time_point now);
+    void note_access(const polled &port, int error);
+
+    module_access &access_;
+    module_listener &listener_;
+    clock now_;
+    std::map<uint32_t, polled> ports_;
+    queue prompt_queue_;         /* ports that answer in time */
+    queue apart_queue_;          /* ports that were never read, are slow, or fail */
+    queue settling_;             /* presences that are reported once more at that time */
+    time_point apart_from_ = {}; /* no port that is set apart is read before */
+    int access_error_ = 0;
+};
+
+} // namespace linux_board

@@ -1,0 +1,44 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* reader_client - the modules that tesk-module-reader reads. One thread. */
+#pragma once
+
+#include "platform/dolm_ric/linux/module_access.h"
+
+#include <chrono>
+#include <string>
+
+namespace linux_board
+{
+
+class reader_client final : public module_access
+{
+  public:
+    /* A reading on a slow bus takes a few milliseconds, a driver's own time limit a second or two.
+     */
+    static constexpr std::chrono::seconds patience{10};
+
+    /* `where` is the path of the reader's socket, or "fd:N" for a connected one that was inherited.
+       Readings end at once when `stop_fd` becomes readable. Nothing is connected yet. */
+    reader_client(std::string where, int stop_fd);
+    ~reader_client();
+    reader_client(const reader_client &) = delete;
+    reader_client &operator=(const reader_client &) = delete;
+
+    /* Connects if need be; after a failure not again for a second. ENOTCONN if there is no reader,
+       EACCES if it may not be used, ETIMEDOUT if it doesn't answer. */
+    void read(std::span<piece> pieces) override;
+
+  private:
+    int connect_reader();
+    int connect_now();
+    int exchange(std::span<piece> pieces);
+    void disconnect();
+
+    std::string where_;
+    int stop_fd_;
+    int fd_ = -1;
+    int connect_error_ = 0;
+    std::chrono::steady_clock::time_point connect_from_ = {};
+};
+
+} // namespace linux_board

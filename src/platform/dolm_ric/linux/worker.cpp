@@ -1,0 +1,72 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "platform/dolm_ric/linux/worker.h"
+
+#include <cerrno>
+#include <csignal>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace linux_board
+{
+
+worker::worker()
+    : wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      stop_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    if (wake_fd_ >= 0 && stop_fd_ >= 0)
+        return;
+    const int error = errno;
+    close(wake_fd_);
+    close(stop_fd_);
+    throw std::system_error(error, std::generic_category(), "eventfd");
+}
+
+worker::~worker()
+{
+    stop();
+    close(wake_fd_);
+    close(stop_fd_);
+}
+
+/* The mask is inherited, so that no signal can hit the thread before it blocks them. */
+void worker::start(const char *name, std::function<void()> run)
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        thread_ = std::thread(std::move(run));
+        pthread_setname_np(thread_.native_handle(), name);
+    } catch (...) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        throw;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void worker::stop()
+{
+    if (!thread_.joinable())
+        return;
+    stopping_ = true;
+    eventfd_write(stop_fd_, 1);
+    wake();
+    thread_.join();
+}
+
+void worker::wake()
+{
+    eventfd_write(wake_fd_, 1);
+}
+
+void worker::clear_wake()
+{
+    eventfd_t count;
+    eventfd_read(wake_fd_, &count);
+}
+
+} // namespace linux_board

@@ -1,0 +1,53 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* worker - a thread that blocks all signals, with one eventfd that wakes it and one that tells it
+   to end. */
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+namespace linux_board
+{
+
+class worker
+{
+  public:
+    /* Throws a std::system_error. */
+    worker();
+    ~worker();
+    worker(const worker &) = delete;
+    worker &operator=(const worker &) = delete;
+
+    /* Starts `run` under that name (at most 15 characters). It returns soon after is_stopping() has
+       become true. Throws a std::system_error. */
+    void start(const char *name, std::function<void()> run);
+    /* Tells the thread to end, and waits for that. Harmless before the start. */
+    void stop();
+
+    bool is_stopping() const
+    {
+        return stopping_;
+    }
+    /* Readable from the beginning of stop() on. */
+    int stop_fd() const
+    {
+        return stop_fd_;
+    }
+    /* Makes wake_fd() readable. Any thread. */
+    void wake();
+    int wake_fd() const
+    {
+        return wake_fd_;
+    }
+    /* Takes the wake-ups. The worker's thread. */
+    void clear_wake();
+
+  private:
+    int wake_fd_;
+    int stop_fd_;
+    std::atomic<bool> stopping_{false};
+    std::thread thread_;
+};
+
+} // namespace linux_board

@@ -1,0 +1,16 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* confinement - what the process gives up before it takes the first request. */
+#pragma once
+
+namespace module_reader
+{
+
+/* Keeps CAP_NET_ADMIN, if the process has it, and no other right; no program that it might start
+   gets any. Throws a std::system_error. */
+void keep_net_admin_only();
+
+/* From now on the process can talk over the sockets and to the buses that it has open, and end. Any
+   other system call ends it. Throws a std::system_error. */
+void allow_requests_only();
+
+} // namespace module_reader

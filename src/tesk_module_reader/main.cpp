@@ -1,0 +1,276 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* tesk-module-reader - reads the memories of pluggable modules for tesk-server, which so needs no
+   right of its own.
+
+   The process is started with a socket: by systemd with a listening one, or with a connected one as
+   descriptor N. It reads the configuration, opens what it will need, gives up all other rights and
+   answers requests, one at a time. It ends with the last client; systemd starts it anew, with a
+   fresh look at the configuration, for the next one. */
+#include "platform/dolm_ric/linux/port_config.h"
+#include "tesk_module_reader/confinement.h"
+#include "tesk_module_reader/reader_ports.h"
+#include "tesk_module_reader/requests.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <fcntl.h>
+#include <getopt.h>
+#include <memory>
+#include <optional>
+#include <poll.h>
+#include <span>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+using module_reader::reader_ports;
+
+enum class task : uint8_t { serve, print_ports };
+
+struct options {
+    task what = task::serve;
+    int connected_fd = -1;
+};
+
+/* Where requests come from. */
+struct endpoint {
+    int listener = -1;
+    uid_t owner = 0; /* the only user whose processes are let in */
+    std::vector<int> clients = {};
+};
+
+} // namespace
+
+/* The first socket that systemd passes. */
+static constexpr int systemd_socket = 3;
+
+/* tesk-server is one client; others wait in the queue of the socket. */
+static constexpr size_t most_clients = 4;
+
+static constexpr int wrong_usage = 2;
+
+static void print_usage()
+{
+    fputs(
+        "Usage: tesk-module-reader [--fd N | --print-ports]\n"
+        "\n"
+        "Reads the memories of pluggable modules for tesk-server. Started by systemd for the\n"
+        "socket /run/tesk-module-reader/socket.\n"
+        "\n"
+        "  --fd N         serve the connected socket that was inherited as descriptor N\n"
+        "  --print-ports  write the configuration that keeps the numbers that the ports have now\n"
+        "  --help         show this text\n"
+        "  --version      show the version\n"
+        "\n"
+        "The ports are those of /etc/tesk/ports, or of the file in DOLM_RIC_PORTS, which must\n"
+        "belong to root and be writable by nobody else. Without that file they are all network\n"
+        "interfaces whose module can be read.\n",
+        stdout);
+}
+
+static std::optional<int> parse_descriptor(std::string_view text)
+{
+    int number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < 0)
+        return std::nullopt;
+    return number;
+}
+
+/* Nothing where the process has done all that was asked for; `status` is its exit status then. */
+static std::optional<options> parse_options(int argc, char **argv, int &status)
+{
+    static constexpr option names[] = {{"fd", required_argument, nullptr, 'f'},
+                                       {"print-ports", no_argument, nullptr, 'p'},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, 'v'},
+                                       {}};
+    options chosen;
+    status = EXIT_SUCCESS;
+    for (int name; (name = getopt_long(argc, argv, "", names, nullptr)) != -1;) {
+        switch (name) {
+        case 'f':
+            chosen.connected_fd = parse_descriptor(optarg).value_or(-1);
+            if (chosen.connected_fd >= 0)
+                continue;
+            fprintf(stderr, "tesk-module-reader: --fd takes the number of a descriptor, not %s\n",
+                    optarg);
+            break;
+        case 'p':
+            chosen.what = task::print_ports;
+            continue;
+        case 'h':
+            print_usage();
+            return std::nullopt;
+        case 'v':
+            puts("tesk-module-reader " TESK_VERSION);
+            return std::nullopt;
+        default:
+            break;
+        }
+        status = wrong_usage;
+        return std::nullopt;
+    }
+    if (optind < argc) {
+        fprintf(stderr, "tesk-module-reader: there is no argument %s; see --help\n", argv[optind]);
+        status = wrong_usage;
+        return std::nullopt;
+    }
+    return chosen;
+}
+
+/* Nothing without a file. A file that can't be trusted gives no port at all: the ports must not
+   silently become others than it says. */
+static std::optional<linux_board::port_config> read_config()
+{
+    const char *named = secure_getenv("DOLM_RIC_PORTS");
+    const std::string path = named != nullptr && *named != '\0' ? named : "/etc/tesk/ports";
+    const int fd = linux_board::open_port_config(path);
+    if (fd < 0 && errno == ENOENT)
+        return std::nullopt;
+    linux_board::port_config config;
+    if (fd < 0)
+        config.messages.push_back(path + ": " + strerror(errno));
+    else if (const char *reason = linux_board::reason_not_trusted(fd))
+        config.messages.push_back(path + " " + reason + ": no module is read");
+    else
+        config = linux_board::read_port_config(fd, path);
+    for (const std::string &message : config.messages)
+        fprintf(stderr, "tesk-module-reader: %s\n", message.c_str());
+    if (fd >= 0)
+        close(fd);
+    return config;
+}
+
+/* systemd makes the socket file and gives it to the user of the one service that may ask. */
+static uid_t owner_of_socket(int listener)
+{
+    sockaddr_un address = {};
+    socklen_t length = sizeof(address) - 1;
+    struct stat status = {};
+    if (getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) != 0 ||
+        address.sun_family != AF_UNIX || stat(address.sun_path, &status) != 0)
+        throw std::system_error(errno, std::generic_category(), "listening socket");
+    return status.st_uid;
+}
+
+/* Of an inherited socket the process that passed it has decided who is at the other end. */
+static endpoint find_endpoint(const options &chosen)
+{
+    endpoint found;
+    if (chosen.connected_fd >= 0) {
+        if (fcntl(chosen.connected_fd, F_SETFD, FD_CLOEXEC) != 0)
+            throw std::system_error(errno, std::generic_category(), "descriptor of --fd");
+        found.clients.push_back(chosen.connected_fd);
+        return found;
+    }
+    const char *count = getenv("LISTEN_FDS");
+    const char *process = getenv("LISTEN_PID");
+    if (count == nullptr || process == nullptr || std::string_view(count) != "1" ||
+        std::to_string(getpid()) != process)
+        throw std::runtime_error("there is no socket: start tesk-module-reader.socket, or see "
+                                 "--help");
+    found.listener = systemd_socket;
+    found.owner = owner_of_socket(found.listener);
+    return found;
+}
+
+static void accept_client(endpoint &where)
+{
+    const int fd = accept4(where.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0)
+        return;
+    ucred peer = {};
+    socklen_t length = sizeof(peer);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == where.owner) {
+        where.clients.push_back(fd);
+        return;
+    }
+    fprintf(stderr, "tesk-module-reader: user %u is not allowed to ask\n", peer.uid);
+    close(fd);
+}
+
+/* False when the client is to be dropped: it left, broke the protocol or doesn't take its answers.
+ */
+static bool serve_client(int fd, reader_ports &ports)
+{
+    std::array<uint8_t, sizeof(reader_request) * READER_MOST_REQUESTS + 1> packet;
+    const ssize_t size = recv(fd, packet.data(), packet.size(), MSG_DONTWAIT);
+    if (size < 0)
+        return errno == EAGAIN || errno == EINTR;
+    const std::vector<reader_answer> answers = module_reader::answer_packet(
+        std::span(packet).first(static_cast<size_t>(size)),
+        [&](const reader_request &request) { return ports.read(request); });
+    const size_t length = answers.size() * sizeof(reader_answer);
+    return !answers.empty() && send(fd, answers.data(), length, MSG_DONTWAIT | MSG_NOSIGNAL) ==
+                                   static_cast<ssize_t>(length);
+}
+
+/* Until the last client has left. A listener passed by systemd has one waiting. */
+static void serve(endpoint &where, reader_ports &ports)
+{
+    do {
+        std::vector<pollfd> wanted;
+        for (const int client : where.clients)
+            wanted.push_back({client, POLLIN, 0});
+        const bool has_room = where.clients.size() < most_clients;
+        wanted.push_back({has_room ? where.listener : -1, POLLIN, 0});
+        poll(wanted.data(), wanted.size(), -1);
+        if (wanted.back().revents != 0)
+            accept_client(where);
+        for (const pollfd &ready : std::span(wanted).first(wanted.size() - 1)) {
+            if (ready.revents == 0 || serve_client(ready.fd, ports))
+                continue;
+            close(ready.fd);
+            std::erase(where.clients, ready.fd);
+        }
+    } while (!where.clients.empty());
+}
+
+static void run(const options &chosen)
+{
+    endpoint where;
+    if (chosen.what == task::serve)
+        where = find_endpoint(chosen);
+    reader_ports ports(read_config());
+    if (chosen.what == task::print_ports) {
+        const std::string text = ports.as_configuration();
+        if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)
+            throw std::system_error(errno, std::generic_category(), "standard output");
+        return;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    module_reader::keep_net_admin_only();
+    module_reader::allow_requests_only();
+    serve(where, ports);
+}
+
+int main(int argc, char **argv)
+{
+    int status = EXIT_SUCCESS;
+    const std::optional<options> chosen = parse_options(argc, argv, status);
+    if (!chosen)
+        return status;
+    try {
+        run(*chosen);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "tesk-module-reader: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}

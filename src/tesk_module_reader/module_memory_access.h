@@ -1,0 +1,44 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_memory_access - reads bytes of a module's memory in the three ways that the kernel offers.
+   Each reading is short and checked before; each function returns 0 or an errno. */
+#pragma once
+
+#include "platform/dolm_ric/linux/netlink.h"
+#include "tesk_module_reader/reader_protocol.h"
+
+#include <cstdint>
+#include <span>
+
+namespace module_reader
+{
+
+/* Through the driver of a network interface: by netlink, or by the older ioctl where the kernel
+   doesn't have that message (before Linux 5.13). */
+class interface_modules
+{
+  public:
+    /* Throws a std::system_error. */
+    interface_modules();
+    ~interface_modules();
+    interface_modules(const interface_modules &) = delete;
+    interface_modules &operator=(const interface_modules &) = delete;
+
+    int read(int32_t index, const reader_request &range, std::span<uint8_t> out);
+
+  private:
+    int read_by_netlink(int32_t index, const reader_request &range, std::span<uint8_t> out);
+    int read_by_ioctl(int32_t index, const reader_request &range, std::span<uint8_t> out);
+
+    netlink::connection generic_;
+    uint16_t family_; /* 0: the ioctl */
+    int socket_;
+};
+
+/* Opens an I2C bus. Returns the descriptor, or minus an errno. */
+int open_bus(uint32_t bus);
+
+/* Straight from an I2C bus, where the kernel knows of no cage. The only byte ever written is the
+   offset, so pages other than 0 can't be reached: EOPNOTSUPP. */
+int read_from_bus(int fd, const reader_request &range, std::span<uint8_t> out);
+
+} // namespace module_reader

@@ -1,0 +1,156 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A port keeps the interface that was first found for it while that exists, whatever it is called
+   by then. */
+#include "tesk_module_reader/reader_ports.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <string>
+#include <unistd.h>
+
+namespace module_reader
+{
+
+using linux_board::configured_port;
+using linux_board::link_report;
+using linux_board::module_source;
+
+reader_ports::reader_ports(const std::optional<linux_board::port_config> &config)
+    : route_(NETLINK_ROUTE)
+{
+    if (!config) {
+        find_default_ports();
+        return;
+    }
+    for (const configured_port &one : config->ports) {
+        port &added = ports_[one.number];
+        added.config = one;
+        if (one.source != module_source::i2c_bus)
+            continue;
+        added.bus = open_bus(one.i2c_bus);
+        if (added.bus < 0)
+            fprintf(stderr, "tesk-module-reader: port %u: /dev/i2c-%u: %s\n", one.number,
+                    one.i2c_bus, strerror(-added.bus));
+    }
+}
+
+reader_ports::~reader_ports()
+{
+    for (const auto &[number, one] : ports_)
+        if (one.bus >= 0)
+            close(one.bus);
+}
+
+/* Each interface is asked for the first byte of its module's memory. */
+void reader_ports::find_default_ports()
+{
+    std::vector<link_report> all = linux_board::list_interfaces(route_);
+    linux_board::sort_interfaces(all);
+    static constexpr reader_request first_byte = {
+        .port = 0, .address = 0x50, .bank = 0, .page = 0, .offset = 0, .length = 1, .zero = 0};
+    uint32_t number = 0;
+    for (const link_report &interface : all) {
+        std::array<uint8_t, 1> byte;
+        const int error = modules_.read(interface.index, first_byte, byte);
+        const bool may_not = error == EPERM || error == EACCES;
+        if (error == EOPNOTSUPP || (may_not && interface.parent.empty()))
+            continue;
+        port &added = ports_[number];
+        added.config.number = number++;
+        added.config.interface = interface.name;
+        added.index = interface.index;
+    }
+}
+
+bool reader_ports::is_taken(int32_t index) const
+{
+    return std::any_of(ports_.begin(), ports_.end(),
+                       [index](const auto &entry) { return entry.second.index == index; });
+}
+
+bool reader_ports::find_interface(port &wanted)
+{
+    if (wanted.index != 0)
+        return true;
+    for (const link_report &interface : linux_board::list_interfaces(route_)) {
+        if (!linux_board::is_interface_of(wanted.config, interface) || is_taken(interface.index))
+            continue;
+        wanted.index = interface.index;
+        return true;
+    }
+    return false;
+}
+
+/* The kernel says ENODEV for an interface that is gone, but some drivers say it for a module that
+   isn't there. */
+int reader_ports::read_interface(port &wanted, const reader_request &request, reader_answer &answer)
+{
+    for (int tries = 0; tries < 2 && find_interface(wanted); tries++) {
+        const int error =
+            modules_.read(wanted.index, request, std::span(answer.bytes).first(request.length));
+        link_report there;
+        answer.interface = wanted.index;
+        if (error != ENODEV || linux_board::ask_interface(route_, wanted.index, there) != ENODEV)
+            return error;
+        wanted.index = answer.interface = 0;
+    }
+    return ENODEV;
+}
+
+reader_answer reader_ports::read(const reader_request &request)
+{
+    reader_answer answer = {};
+    const auto found = ports_.find(request.port);
+    answer.error = ENOENT;
+    if (found == ports_.end())
+        return answer;
+    port &wanted = found->second;
+    if (wanted.config.source == module_source::interface)
+        answer.error = read_interface(wanted, request, answer);
+    if (wanted.config.source == module_source::i2c_bus)
+        answer.error =
+            wanted.bus < 0
+                ? -wanted.bus
+                : read_from_bus(wanted.bus, request, std::span(answer.bytes).first(request.length));
+    return answer;
+}
+
+static std::string options_of(const configured_port &port)
+{
+    switch (port.source) {
+    case module_source::file:
+        return " module=" + port.file;
+    case module_source::i2c_bus:
+        return " i2c=" + std::to_string(port.i2c_bus);
+    case module_source::none:
+        return " poll=off";
+    case module_source::interface:
+        break;
+    }
+    return {};
+}
+
+/* A configured port that has no interface now keeps its line. */
+std::string reader_ports::as_configuration()
+{
+    const std::vector<link_report> all = linux_board::list_interfaces(route_);
+    std::string text;
+    for (auto &[number, one] : ports_) {
+        find_interface(one);
+        const auto interface = std::find_if(all.begin(), all.end(), [&](const link_report &report) {
+            return report.index == one.index;
+        });
+        std::string name =
+            one.config.parent.empty() ? one.config.interface : one.config.parent + "/" + one.config.port_name;
+        if (interface != all.end())
+            name = linux_board::permanent_name(*interface, all);
+        text += std::to_string(number) + " " + name + options_of(one.config) + "\n";
+    }
+    return text;
+}
+
+} // namespace module_reader

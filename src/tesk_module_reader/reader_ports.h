@@ -1,0 +1,54 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* reader_ports - which module each port's number stands for, and the reading of it. Everything that
+   has to be opened is opened by the constructor; later no file is. */
+#pragma once
+
+#include "platform/dolm_ric/linux/interfaces.h"
+#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/dolm_ric/linux/port_config.h"
+#include "tesk_module_reader/module_memory_access.h"
+#include "tesk_module_reader/reader_protocol.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace module_reader
+{
+
+class reader_ports
+{
+  public:
+    /* Without a configuration the ports are the interfaces whose module can be read, in the order
+       of their places; without the right to read, those on a device. Throws a std::system_error. */
+    explicit reader_ports(const std::optional<linux_board::port_config> &config);
+    ~reader_ports();
+    reader_ports(const reader_ports &) = delete;
+    reader_ports &operator=(const reader_ports &) = delete;
+
+    /* One reading that keeps the rules of the protocol. */
+    reader_answer read(const reader_request &request);
+
+    /* The configuration that gives the ports the numbers that they have now. */
+    std::string as_configuration();
+
+  private:
+    struct port {
+        linux_board::configured_port config;
+        int32_t index = 0; /* of its interface, since it was first found */
+        int bus = -1;      /* a descriptor; negative if it can't be opened */
+    };
+
+    void find_default_ports();
+    bool is_taken(int32_t index) const;
+    bool find_interface(port &wanted);
+    int read_interface(port &wanted, const reader_request &request, reader_answer &answer);
+
+    interface_modules modules_;
+    netlink::connection route_;
+    std::map<uint32_t, port> ports_;
+};
+
+} // namespace module_reader

@@ -1,0 +1,65 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tesk_module_reader/requests.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace module_reader
+{
+
+static constexpr uint8_t first_address = 0x50;
+static constexpr uint8_t second_address = 0x51;
+static constexpr unsigned page_begin = 128;
+static constexpr unsigned memory_end = 256;
+
+static bool is_valid(const reader_request &request)
+{
+    const unsigned end = unsigned{request.offset} + request.length;
+    const bool in_lower = request.offset < page_begin;
+    const bool has_page = request.page != 0 || request.bank != 0;
+    if (request.address != first_address && request.address != second_address)
+        return false;
+    if (request.length == 0 || request.length > READER_LONGEST_READ || request.zero != 0)
+        return false;
+    if (end > (in_lower ? page_begin : memory_end))
+        return false;
+    return !has_page || (!in_lower && request.address == first_address);
+}
+
+/* No byte of an answer that failed is set. */
+static reader_answer failed(int error, int32_t interface = 0)
+{
+    reader_answer answer = {};
+    answer.error = error;
+    answer.interface = interface;
+    return answer;
+}
+
+std::vector<reader_answer> answer_packet(std::span<const uint8_t> packet, const reading &read)
+{
+    std::vector<reader_answer> answers;
+    std::vector<uint16_t> failing; /* ports */
+    const size_t count = packet.size() / sizeof(reader_request);
+    if (packet.size() % sizeof(reader_request) != 0 || count > READER_MOST_REQUESTS)
+        return answers;
+    for (size_t i = 0; i < count; i++) {
+        reader_request request;
+        memcpy(&request, packet.data() + i * sizeof(request), sizeof(request));
+        if (!is_valid(request)) {
+            answers.push_back(failed(EINVAL));
+            continue;
+        }
+        if (std::find(failing.begin(), failing.end(), request.port) != failing.end()) {
+            answers.push_back(failed(ECANCELED));
+            continue;
+        }
+        const reader_answer answer = read(request);
+        if (answer.error != 0)
+            failing.push_back(request.port);
+        answers.push_back(answer.error == 0 ? answer : failed(answer.error, answer.interface));
+    }
+    return answers;
+}
+
+} // namespace module_reader

@@ -1,0 +1,23 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* requests - a packet from a client: checked, carried out and answered. Pure but for the reading
+   that is passed in. */
+#pragma once
+
+#include "tesk_module_reader/reader_protocol.h"
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <vector>
+
+namespace module_reader
+{
+
+/* Makes one reading that keeps the rules of reader_protocol.h. */
+using reading = std::function<reader_answer(const reader_request &)>;
+
+/* One answer for each request. Empty for a packet that isn't a whole number of requests, has none
+   or too many: such a client isn't talked to. */
+std::vector<reader_answer> answer_packet(std::span<const uint8_t> packet, const reading &read);
+
+} // namespace module_reader

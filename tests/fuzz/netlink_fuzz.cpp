@@ -1,0 +1,62 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Any datagram as one from the kernel: it is taken apart without a byte beyond its end, and
+   whatever it reports the table of links announces a bounded number of events that end in the true
+   state. */
+#include "platform/dolm_ric/linux/link_report.h"
+#include "platform/dolm_ric/linux/link_table.h"
+#include "tests/fuzz/fuzz_input.h"
+
+#include <chrono>
+
+using namespace linux_board;
+
+namespace
+{
+
+struct counter final : link_listener {
+    void link_changed(uint32_t, const link_values &now) override
+    {
+        events++;
+        state = now.state;
+        assert(state <= 2);
+    }
+    void interface_changed(uint32_t, const link_report *) override
+    {
+    }
+    size_t events = 0;
+    uint32_t state = 1;
+};
+
+} // namespace
+
+static void take(link_table &table, counter &counted, const link_report &report)
+{
+    counted.events = 0;
+    table.take(report,
+               report.rises % 2 == 0 ? link_table::origin::notice : link_table::origin::answer, {});
+    assert(counted.events <= 2 * max_falls + 2);
+    if (report.deleted)
+        assert(!table.port_of(report.index) && table.index_of(1) != report.index);
+    else if (report.rises % 2 != 0 && table.port_of(report.index))
+        assert(counted.state == (!report.started ? 0u : report.operational ? 2u : 1u));
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    counter counted;
+    link_table table(counted);
+    table.add(1, [](const link_report &report) { return report.name.size() != 1; });
+    netlink::byte_view rest(data, size);
+    while (const auto message = netlink::take_message(rest)) {
+        assert(netlink::error_of(*message) >= 0);
+        assert(netlink::generic_attributes(*message).size() <= message->body.size());
+        if (const auto report = parse_link(*message)) {
+            assert(report->index > 0 && (!report->operational || report->started));
+            take(table, counted, *report);
+        }
+    }
+    assert(rest.empty());
+    table.announce_settled(link_table::time_point::max());
+    assert(!table.next_settling());
+    return 0;
+}

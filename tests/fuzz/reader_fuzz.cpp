@@ -1,0 +1,32 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Any packet as one of a client of tesk-module-reader: only short readings of a module's memory are
+   made, each request gets one answer, and no byte gets out with an error. The first byte says which
+   readings fail. */
+#include "tesk_module_reader/requests.h"
+#include "tests/fuzz/fuzz_input.h"
+
+#include <algorithm>
+#include <cerrno>
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    fuzz_input in = {data, data + size};
+    const uint8_t failing = in.byte();
+    const std::span<const uint8_t> packet(in.at, in.end);
+    size_t readings = 0;
+    const auto answers = module_reader::answer_packet(packet, [&](const reader_request &asked) {
+        const unsigned end = asked.offset + unsigned{asked.length};
+        assert(asked.address == 0x50 || asked.address == 0x51);
+        assert(asked.length >= 1 && asked.length <= 32);
+        assert(asked.offset < 128 ? end <= 128 && asked.page == 0 && asked.bank == 0 : end <= 256);
+        assert(asked.address == 0x50 || (asked.page == 0 && asked.bank == 0));
+        reader_answer answer = {.error = 0, .interface = 7, .bytes = {1, 2, 3}};
+        answer.error = (failing >> readings++ % 8 & 1) != 0 ? EIO : 0;
+        return answer;
+    });
+    const bool is_whole = packet.size() % 8 == 0 && packet.size() <= 8 * 16;
+    assert(answers.size() == (is_whole ? packet.size() / 8 : 0));
+    for (const reader_answer &answer : answers)
+        assert(answer.error == 0 || std::count(answer.bytes, answer.bytes + 32, 0) == 32);
+    return 0;
+}

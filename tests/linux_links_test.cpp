@@ -1,0 +1,282 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Links of the Linux board without a kernel: netlink messages, and the events that reports give. */
+#include "platform/dolm_ric/linux/link_report.h"
+#include "platform/dolm_ric/linux/link_table.h"
+#include "platform/dolm_ric/linux/netlink.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <linux/if.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <optional>
+#include <string>
+#include <sys/socket.h>
+#include <vector>
+
+using linux_board::link_report;
+using linux_board::link_table;
+using linux_board::link_values;
+using linux_board::parse_link;
+using std::chrono::milliseconds;
+
+static constexpr unsigned up_flags = IFF_UP | IFF_LOWER_UP | IFF_RUNNING;
+
+namespace
+{
+
+/* Events as text: s(topped), d(own), u(p); i and the index for another interface. */
+class recorder final : public linux_board::link_listener
+{
+  public:
+    void link_changed(uint32_t, const link_values &now) override
+    {
+        events += "sdu"[now.state];
+    }
+    void link_fell(uint32_t, uint32_t count) override
+    {
+        falls += count;
+    }
+    void interface_changed(uint32_t, const link_report *now) override
+    {
+        events += "i" + std::to_string(now == nullptr ? 0 : now->index);
+    }
+    std::string take()
+    {
+        return std::exchange(events, {});
+    }
+    std::string events;
+    uint64_t falls = 0;
+};
+
+class link_table_test : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        table.add(4, [](const link_report &report) { return report.name == "eth0"; });
+    }
+    /* The events of one report. */
+    std::string take(const link_report &report,
+                     link_table::origin from = link_table::origin::notice)
+    {
+        now += milliseconds(1000);
+        table.take(report, from, now);
+        return events.take();
+    }
+    static link_report report(uint32_t state, uint32_t falls, uint32_t rises, int32_t index = 7)
+    {
+        link_report made;
+        made.index = index;
+        made.name = "eth0";
+        made.started = state != 0;
+        made.has_carrier = made.operational = state == 2;
+        made.falls = falls;
+        made.rises = rises;
+        return made;
+    }
+
+    link_table::time_point now{std::chrono::hours(1)};
+    recorder events;
+    link_table table{events};
+};
+
+} // namespace
+
+static netlink::message message_of(netlink::request &question, std::vector<uint8_t> &storage)
+{
+    const netlink::byte_view bytes = question.finish(9);
+    storage.assign(bytes.begin(), bytes.end());
+    netlink::byte_view rest = storage;
+    return netlink::take_message(rest).value();
+}
+
+TEST(netlink_test, messages_and_attributes_end_where_a_length_is_wrong)
+{
+    netlink::request question(RTM_NEWLINK, 0, ifinfomsg{});
+    question.put(IFLA_CARRIER_DOWN_COUNT, uint32_t{5});
+    question.put_text(IFLA_IFNAME, "eth0");
+    const netlink::byte_view whole = question.finish(3);
+    for (size_t cut = 0; cut < whole.size(); cut++) {
+        netlink::byte_view part = whole.first(cut);
+        EXPECT_FALSE(netlink::take_message(part)) << cut;
+        EXPECT_TRUE(part.empty());
+    }
+    const netlink::byte_view attributes =
+        netlink::without_header(whole.subspan(sizeof(nlmsghdr)), sizeof(ifinfomsg));
+    for (const uint16_t length : std::array<uint16_t, 3>{0, 3, 200}) {
+        std::vector<uint8_t> bad(attributes.begin(), attributes.end());
+        memcpy(&bad[8], &length, sizeof(length)); /* of the second attribute */
+        EXPECT_EQ(4u, netlink::find_attribute(bad, IFLA_CARRIER_DOWN_COUNT).size());
+        EXPECT_TRUE(netlink::find_attribute(bad, IFLA_IFNAME).empty()) << length;
+    }
+    EXPECT_EQ("eth0", netlink::read_text(netlink::find_attribute(attributes, IFLA_IFNAME)));
+}
+
+TEST(link_report_test, a_link_is_operational_only_while_carrier_and_kernel_say_so)
+{
+    struct row {
+        unsigned flags;
+        bool started, operational;
+    };
+    for (const row &one : {row{up_flags, true, true}, row{IFF_UP | IFF_LOWER_UP, true, false},
+                           row{IFF_UP | IFF_RUNNING, true, false},
+                           row{IFF_LOWER_UP | IFF_RUNNING, false, false}, row{0, false, false}}) {
+        ifinfomsg info = {};
+        info.ifi_index = 3;
+        info.ifi_flags = one.flags;
+        netlink::request made(RTM_NEWLINK, 0, info);
+        std::vector<uint8_t> storage;
+        const auto parsed = parse_link(message_of(made, storage));
+        ASSERT_TRUE(parsed);
+        EXPECT_EQ(one.started, parsed->started) << one.flags;
+        EXPECT_EQ(one.operational, parsed->operational) << one.flags;
+    }
+}
+
+TEST(link_report_test, names_counters_and_place_are_read_and_a_bridges_copy_is_not)
+{
+    ifinfomsg info = {};
+    info.ifi_index = 3;
+    for (const unsigned char family : std::array<unsigned char, 2>{AF_UNSPEC, AF_BRIDGE}) {
+        info.ifi_family = family;
+        netlink::request made(RTM_DELLINK, 0, info);
+        made.put_text(IFLA_IFNAME, "eth0");
+        made.put_text(IFLA_PARENT_DEV_NAME, "0000:03:00.0");
+        made.put_text(IFLA_PHYS_PORT_NAME, "p1s2");
+        const size_t names = made.begin_nest(IFLA_PROP_LIST);
+        made.put_text(IFLA_ALT_IFNAME, "uplink");
+        made.put_text(IFLA_ALT_IFNAME, "enp3s0");
+        made.end_nest(names);
+        made.put(IFLA_CARRIER_UP_COUNT, UINT32_MAX);
+        made.put(IFLA_CARRIER_DOWN_COUNT, uint32_t{8});
+        std::vector<uint8_t> storage;
+        const auto parsed = parse_link(message_of(made, storage));
+        ASSERT_EQ(family == AF_UNSPEC, parsed.has_value());
+        if (!parsed)
+            continue;
+        EXPECT_TRUE(parsed->deleted);
+        EXPECT_EQ("eth0 0000:03:00.0 p1s2",
+                  parsed->name + " " + parsed->parent + " " + parsed->port_name);
+        EXPECT_EQ((std::vector<std::string>{"uplink", "enp3s0"}), parsed->alternative_names);
+        EXPECT_EQ(UINT32_MAX, parsed->rises);
+        EXPECT_EQ(8u, parsed->falls);
+    }
+}
+
+TEST(link_transitions_test, falls_become_events_up_to_the_cap_and_end_in_the_true_state)
+{
+    struct row {
+        uint32_t before, falls, after;
+        const char *events;
+    };
+    static constexpr row rows[] = {
+        {2, 0, 2, ""},
+        {2, 0, 1, "d"},
+        {1, 0, 2, "u"},
+        {2, 1, 2, "du"},
+        {2, 1, 1, "d"},
+        {1, 1, 1, "ud"},
+        {1, 1, 2, "udu"},
+        {2, 2, 1, "dud"},
+        {2, 1, 0, "s"},
+        {2, 2, 0, "dus"},
+        {2, 0, 0, "s"},
+        {0, 0, 2, "u"},
+        {0, 0, 1, "d"},
+        {1, 0, 0, "s"},
+        {2, 5, 2, "dududududu"},
+        {2, 6, 2, "dududududu"},
+        {1, 200000, 1, "ududududud"},
+        {2, UINT32_MAX, 1,
+         "dududu"
+         "dud"},
+    };
+    for (const row &one : rows) {
+        std::string states;
+        for (const uint32_t state : linux_board::link_transitions(one.before, one.falls, one.after))
+            states += "sdu"[state];
+        EXPECT_EQ(one.events, states) << one.before << one.falls << one.after;
+    }
+}
+
+TEST_F(link_table_test, falls_are_counted_by_the_counters_and_not_by_the_messages)
+{
+    EXPECT_EQ("i7u", take(report(2, 10, 11)));
+    EXPECT_EQ("", take(report(2, 10, 11)));
+    EXPECT_EQ("dudu", take(report(2, 12, 13)));
+    EXPECT_EQ("", take(report(1, 11, 12))) << "an older notice";
+    EXPECT_EQ("d", take(report(1, 13, 13)));
+    EXPECT_EQ("udu", take(report(2, 14, 15), link_table::origin::answer));
+    EXPECT_EQ(4u, events.falls);
+}
+
+TEST_F(link_table_test, counters_wrap)
+{
+    take(report(2, UINT32_MAX, UINT32_MAX));
+    EXPECT_EQ("dudu", take(report(2, 1, 1)));
+    EXPECT_EQ("", take(report(1, UINT32_MAX, 1))) << "an older notice";
+}
+
+TEST_F(link_table_test, an_administrator_who_stops_and_starts_a_port_makes_one_fall)
+{
+    struct step {
+        link_report report;
+        const char *events;
+    };
+    link_report stopping = report(0, 3, 4);
+    stopping.has_carrier = true;
+    const step steps[] = {{report(2, 3, 4), "i7u"}, {stopping, "s"},        {report(0, 4, 4), ""},
+                          {report(1, 4, 4), "d"},   {report(2, 4, 5), "u"}, {report(0, 5, 5), "s"},
+                          {report(2, 5, 6), "u"},   {report(2, 6, 7), "du"}};
+    for (const step &one : steps)
+        EXPECT_EQ(one.events, take(one.report));
+}
+
+TEST_F(link_table_test, a_port_follows_its_interface_and_takes_another_only_when_that_is_gone)
+{
+    EXPECT_EQ("i7u", take(report(2, 0, 1)));
+    link_report renamed = report(2, 0, 1);
+    renamed.name = "wan";
+    EXPECT_EQ("i7", take(renamed));
+    EXPECT_EQ("", take(report(1, 0, 0, 8))) << "another interface got the old name";
+    EXPECT_EQ(7, table.index_of(4));
+
+    renamed.deleted = true;
+    EXPECT_EQ("di0", take(renamed));
+    link_report elsewhere = report(2, 50, 51, 9);
+    elsewhere.parent = "0000:05:00.0";
+    EXPECT_EQ("", take(elsewhere)) << "the name has moved to another device";
+    EXPECT_EQ("i10u", take(report(2, 70, 71, 10))) << "counters begin anew";
+    EXPECT_EQ("", take(report(1, 0, 0, 8)));
+}
+
+TEST_F(link_table_test, what_a_dump_lacks_is_gone_and_an_index_may_be_used_again)
+{
+    take(report(2, 5, 6));
+    EXPECT_EQ("du", take(report(2, 1, 2), link_table::origin::answer));
+    EXPECT_EQ("", take(report(2, 1, 2)));
+    table.begin_dump();
+    table.end_dump(now);
+    EXPECT_EQ("di0", events.take());
+    EXPECT_EQ(0, table.index_of(4));
+}
+
+TEST_F(link_table_test, a_burst_is_announced_once_more_when_it_has_settled)
+{
+    take(report(2, 0, 1));
+    EXPECT_FALSE(table.next_settling()) << "one event alone";
+    EXPECT_EQ("du", take(report(2, 1, 2)));
+    ASSERT_TRUE(table.next_settling());
+    table.announce_settled(now + link_table::settle_time - milliseconds(1));
+    EXPECT_EQ("", events.take());
+    table.take(report(1, 2, 2), link_table::origin::notice, now += milliseconds(100));
+    EXPECT_EQ("d", events.take());
+    EXPECT_EQ(now + link_table::settle_time, *table.next_settling()) << "the last event counts";
+    table.announce_settled(now + link_table::settle_time);
+    EXPECT_EQ("d", events.take());
+    EXPECT_FALSE(table.next_settling());
+}

@@ -1,0 +1,419 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The poller of the Linux board's modules, on modules and a clock of the test's own. */
+
+#include "platform/dolm_ric/linux/module_files.h"
+#include "platform/dolm_ric/linux/module_poller.h"
+#include "platform/dolm_ric/linux/reader_client.h"
+#include "platform/dolm_ric/linux/worker.h"
+#include "testkit/modules/module_images.h"
+#include "testkit/processes/processes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using linux_board::module_contents;
+using linux_board::module_poller;
+using linux_board::module_presence;
+using linux_board::piece;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using time_point = module_poller::time_point;
+
+static constexpr int32_t index_of_port_0 = 100;
+
+namespace
+{
+
+struct cage {
+    std::optional<module_images::image> module = {};
+    int error = 0;        /* of every reading */
+    int errors_left = 0;  /* ENXIO, so often */
+    int garbled_left = 0; /* other bytes, so often */
+    milliseconds cost{0}; /* of a reading */
+    int32_t moved = 0;    /* the interface has another index, by so much */
+    uint32_t readings = 0;
+};
+
+class cages final : public linux_board::module_access
+{
+  public:
+    void read(std::span<piece> pieces) override
+    {
+        EXPECT_LE(pieces.size(), linux_board::most_pieces);
+        std::vector<uint32_t> failing;
+        for (piece &wanted : pieces) {
+            if (std::find(failing.begin(), failing.end(), wanted.port) != failing.end())
+                wanted.error = ECANCELED;
+            else
+                read(ports[wanted.port], wanted);
+            if (wanted.error != 0)
+                failing.push_back(wanted.port);
+        }
+    }
+    std::map<uint32_t, cage> ports;
+    time_point now{std::chrono::hours(1)};
+
+  private:
+    void read(cage &from, piece &wanted)
+    {
+        const linux_board::memory_range &range = wanted.range;
+        EXPECT_TRUE(range.length >= 1 && range.length <= 32);
+        EXPECT_TRUE(range.offset >= 128 || range.offset + range.length <= 128);
+        now += from.cost;
+        from.readings++;
+        wanted.interface = index_of_port_0 + static_cast<int32_t>(wanted.port) + from.moved;
+        wanted.error = from.error;
+        if (wanted.error == 0 && from.errors_left > 0)
+            from.errors_left--, wanted.error = ENXIO;
+        const auto bytes = from.module ? from.module->at(range) : std::span<const uint8_t>();
+        if (wanted.error == 0 && bytes.empty())
+            wanted.error = ENXIO;
+        if (wanted.error != 0)
+            return;
+        std::copy(bytes.begin(), bytes.end(), wanted.bytes.begin());
+        if (from.garbled_left > 0)
+            from.garbled_left--, wanted.bytes.fill(0xff);
+    }
+};
+
+class linux_modules_test : public testing::Test, public linux_board::module_listener
+{
+  protected:
+    static module_images::image module_with_serial(std::string_view serial)
+    {
+        module_images::image made = module_images::sfp();
+        module_images::put_text(made.a0, 68, 16, serial);
+        module_images::put_sum(made.a0, 64, 95);
+        return made;
+    }
+    void add(uint32_t port)
+    {
+        poller.add(port, true);
+        poller.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
+    }
+    /* Carries out what is due in that time. */
+    void pass(module_poller::duration time)
+    {
+        const time_point end = modules.now + time;
+        for (time_point due; (due = poller.next_due()) <= end;) {
+            modules.now = std::max(modules.now, due);
+            poller.step();
+            check_ages();
+        }
+        modules.now = std::max(modules.now, end);
+    }
+    /* What was reported meanwhile: a(bsent), n(ot ready), r(eady), then the serial number. */
+    std::string news_in(module_poller::duration time)
+    {
+        news.clear();
+        pass(time);
+        return news;
+    }
+    std::string begin_with(const module_images::image &module)
+    {
+        modules.ports[0].module = module;
+        add(0);
+        return news_in(seconds(3));
+    }
+
+    void module_read(uint32_t port, const module_contents &contents, time_point at) override
+    {
+        serials[port] = contents.identity.sfp_vendor_sn;
+        values[port] = contents.temperature.lanes.empty() ? 0 : contents.temperature.lanes[0].value;
+        read_at[port] = at;
+    }
+    void module_presence_changed(uint32_t port, module_presence now) override
+    {
+        news += "anr"[static_cast<int>(now)];
+        if (now == module_presence::ready)
+            news += serials[port].substr(0, 4);
+    }
+    void module_access_changed(int error) override
+    {
+        accesses.push_back(error);
+    }
+    void check_ages()
+    {
+        for (const auto &[port, at] : read_at)
+            oldest = std::max(oldest, modules.now - at);
+    }
+
+    cages modules;
+    module_poller poller{modules, *this, [this] { return modules.now; }};
+    std::string news;
+    std::map<uint32_t, std::string> serials;
+    std::map<uint32_t, double> values;
+    std::map<uint32_t, time_point> read_at;
+    module_poller::duration oldest{0};
+    std::vector<int> accesses;
+};
+
+} // namespace
+
+TEST_F(linux_modules_test, a_module_comes_is_replaced_between_two_looks_and_goes)
+{
+    modules.ports[0] = {};
+    add(0);
+    EXPECT_EQ("", news_in(seconds(5)));
+    EXPECT_TRUE(poller.is_first_look_over());
+    modules.ports[0].module = module_with_serial("0001");
+    EXPECT_EQ("n", news_in(milliseconds(1200))) << "found within a second, and given time";
+    EXPECT_EQ("r0001", news_in(milliseconds(200)));
+    EXPECT_EQ("", news_in(seconds(20)));
+    modules.ports[0].module = module_with_serial("0002");
+    EXPECT_EQ("ar0002r0002", news_in(seconds(2))) << "and once more, when it has settled";
+    modules.ports[0].module.reset();
+    EXPECT_EQ("a", news_in(milliseconds(1200)));
+}
+
+TEST_F(linux_modules_test, a_disturbed_reading_is_no_news)
+{
+    ASSERT_EQ("nr0001r0001", begin_with(module_with_serial("0001")));
+    for (const auto &[garbled, errors] : {std::pair(1, 0), {3, 0}, {0, 1}}) {
+        modules.ports[0].garbled_left = garbled;
+        modules.ports[0].errors_left = errors;
+        EXPECT_EQ("", news_in(seconds(3))) << garbled << errors;
+        EXPECT_EQ(0, modules.ports[0].garbled_left + modules.ports[0].errors_left);
+    }
+}
+
+TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_read)
+{
+    module_images::image garbled = module_with_serial("0001");
+    garbled.a0[70] ^= 1;
+    EXPECT_EQ("n", begin_with(garbled));
+    EXPECT_TRUE(poller.is_first_look_over());
+    EXPECT_EQ("", news_in(seconds(120)));
+    EXPECT_TRUE(read_at.empty());
+    modules.ports[0].readings = 0;
+    pass(seconds(600));
+    EXPECT_LT(modules.ports[0].readings, 600u + 10u * 9u) << "a look a second, an attempt a minute";
+    modules.ports[0].module = module_with_serial("0001");
+    EXPECT_EQ("r0001", news_in(seconds(61)));
+}
+
+TEST_F(linux_modules_test, a_module_that_turns_into_nonsense_is_reported_after_a_second)
+{
+    ASSERT_EQ("nr0001r0001", begin_with(module_with_serial("0001")));
+    modules.ports[0].module->a0[70] ^= 1;
+    EXPECT_EQ("", news_in(milliseconds(900)));
+    EXPECT_EQ("ann", news_in(seconds(3)));
+}
+
+TEST_F(linux_modules_test, values_of_another_module_are_not_taken)
+{
+    begin_with(module_with_serial("0001"));
+    pass(seconds(4));
+    const double before = values[0];
+    module_images::image other = module_with_serial("0002");
+    module_images::put16(other.a2, 96, 90 * 256);
+    other.a0[0] = 0; /* nor is the other one ready yet */
+    modules.ports[0].module = other;
+    pass(milliseconds(1000));
+    poller.diagnostics_wanted(0);
+    pass(seconds(10));
+    EXPECT_EQ(before, values[0]);
+    EXPECT_EQ("0001", serials[0].substr(0, 4));
+}
+
+TEST_F(linux_modules_test, values_are_read_in_time_on_demand_and_after_a_link_change)
+{
+    begin_with(module_with_serial("0001"));
+    oldest = {};
+    pass(seconds(60));
+    EXPECT_LE(oldest, seconds(5));
+    const time_point last = read_at[0];
+    modules.now = last + milliseconds(900);
+    poller.diagnostics_wanted(0);
+    pass(milliseconds(0));
+    EXPECT_EQ(last, read_at[0]) << "young enough";
+    modules.now = last + milliseconds(1100);
+    poller.diagnostics_wanted(0);
+    pass(milliseconds(0));
+    EXPECT_EQ(modules.now, read_at[0]);
+    const time_point change = modules.now;
+    poller.link_changed(0);
+    pass(seconds(1));
+    EXPECT_GT(read_at[0], change);
+}
+
+TEST_F(linux_modules_test, optional_ranges_may_be_refused)
+{
+    module_images::image bare = module_with_serial("0001");
+    bare.a2.clear();
+    begin_with(bare);
+    EXPECT_EQ("0001", serials[0].substr(0, 4));
+    EXPECT_EQ("", news_in(seconds(30)));
+}
+
+TEST_F(linux_modules_test, without_a_reader_things_stay_for_a_while_and_come_back)
+{
+    begin_with(module_with_serial("0001"));
+    EXPECT_TRUE(accesses.empty());
+    modules.ports[0].error = ENOTCONN;
+    modules.ports[0].readings = 0;
+    EXPECT_EQ("", news_in(seconds(14)));
+    EXPECT_LE(modules.ports[0].readings, 16u) << "asked for once a second";
+    EXPECT_EQ("n", news_in(seconds(10)));
+    modules.ports[0].error = 0;
+    EXPECT_EQ("r0001", news_in(seconds(5)));
+    EXPECT_EQ((std::vector<int>{ENOTCONN, 0}), accesses);
+    EXPECT_LE(modules.now - read_at[0], seconds(5));
+}
+
+TEST_F(linux_modules_test, a_missing_reader_doesnt_touch_modules_without_one)
+{
+    modules.ports[0].error = ENOTCONN;
+    modules.ports[1].module = module_with_serial("0001");
+    add(0);
+    poller.add(1, false);
+    poller.set_interface(1, index_of_port_0 + 1);
+    EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
+    EXPECT_TRUE(poller.is_first_look_over());
+    EXPECT_EQ(std::vector<int>{ENOTCONN}, accesses);
+    EXPECT_LE(modules.now - read_at[1], seconds(5));
+}
+
+TEST_F(linux_modules_test, hints_make_looks_sooner_but_not_without_end)
+{
+    begin_with(module_with_serial("0001"));
+    modules.ports[0].readings = 0;
+    for (int hint = 0; hint < 1000; hint++) {
+        poller.hint();
+        pass(milliseconds(1));
+    }
+    EXPECT_GE(modules.ports[0].readings, 4u);
+    EXPECT_LE(modules.ports[0].readings, 10u);
+}
+
+TEST_F(linux_modules_test, bytes_of_another_interface_are_not_taken)
+{
+    modules.ports[0].module = module_with_serial("0001");
+    modules.ports[0].moved = 1;
+    add(0);
+    EXPECT_EQ("", news_in(seconds(30)));
+    poller.set_interface(0, index_of_port_0 + 1);
+    EXPECT_EQ("nr0001", news_in(milliseconds(0)));
+    poller.set_interface(0, 0);
+    EXPECT_EQ("nr0001a", news) << "no interface, no module";
+    modules.ports[0].readings = 0;
+    pass(seconds(30));
+    EXPECT_EQ(0u, modules.ports[0].readings);
+}
+
+TEST_F(linux_modules_test, a_file_that_is_no_memory_of_a_module_is_an_error)
+{
+    const testkit::directory place;
+    const std::string path = place.path + "/module";
+    linux_board::module_files files;
+    files.add(0, path);
+    const auto error_at = [&](uint8_t address, uint8_t offset) {
+        piece wanted = {.port = 0, .range = {address, 0, 0, offset, 2}};
+        files.read({&wanted, 1});
+        return wanted.error;
+    };
+    const auto write = [&](size_t size, char first) {
+        std::filesystem::remove_all(path);
+        std::ofstream(path) << std::string(size, first);
+    };
+    EXPECT_EQ(ENXIO, error_at(0x50, 0)) << "no file";
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+    EXPECT_EQ(EIO, error_at(0x50, 0));
+    write(linux_board::largest_module_file + 1, 3);
+    EXPECT_EQ(EIO, error_at(0x50, 0));
+    write(linux_board::largest_module_file, 3);
+    EXPECT_EQ(0, error_at(0x51, 254));
+    write(512, 0x11);
+    EXPECT_EQ(0, error_at(0x50, 254));
+    EXPECT_EQ(ENXIO, error_at(0x51, 0)) << "a QSFP module has one address";
+    write(257, 3);
+    EXPECT_EQ(ENXIO, error_at(0x51, 0)) << "the file ends in the middle";
+}
+
+TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
+{
+    const testkit::directory place;
+    const std::string path = place.path + "/reader";
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)));
+    ASSERT_EQ(0, listen(listener, 1));
+    linux_board::worker stopped;
+    linux_board::reader_client client(path, stopped.stop_fd());
+    const auto ask = [&](size_t answer_size) {
+        std::thread reader([&] {
+            const int peer = accept(listener, nullptr, nullptr);
+            reader_request asked[2] = {};
+            EXPECT_EQ(ssize_t{sizeof(asked)}, recv(peer, asked, sizeof(asked), 0));
+            reader_answer answers[2] = {{EIO, 5, {}}, {0, asked[1].port, {7, asked[1].offset}}};
+            send(peer, answers, answer_size, MSG_NOSIGNAL);
+            close(peer);
+        });
+        piece pieces[2] = {{.port = 1, .range = {0x50, 0, 0, 0, 2}},
+                           {.port = 300, .range = {0x50, 0, 0, 96, 2}}};
+        client.read(pieces);
+        reader.join();
+        return std::to_string(pieces[0].error) + " " + std::to_string(pieces[1].error) + " " +
+               std::to_string(pieces[1].interface) + " " + std::to_string(pieces[1].bytes[1]);
+    };
+    EXPECT_EQ("5 0 300 96", ask(2 * sizeof(reader_answer)));
+    piece hung_up = {.port = 1, .range = {0x50, 0, 0, 0, 2}};
+    client.read({&hung_up, 1});
+    EXPECT_EQ(ENOTCONN, hung_up.error);
+    EXPECT_EQ("107 107 0 0", ask(sizeof(reader_answer))) << "half an answer is none";
+    close(listener);
+}
+
+TEST_F(linux_modules_test, half_of_512_ports_may_fail_and_the_others_stay_fresh)
+{
+    struct row {
+        int error;
+        milliseconds cost;
+        seconds discovery;
+    };
+    for (const row &bad :
+         {row{EIO, milliseconds(0), seconds(5)}, row{EIO, milliseconds(20), seconds(20)},
+          row{ETIMEDOUT, milliseconds(300), seconds(180)},
+          row{ENXIO, milliseconds(200), seconds(120)}}) {
+        cages own;
+        modules = own;
+        module_poller fresh(modules, *this, [this] { return modules.now; });
+        read_at.clear();
+        for (uint32_t port = 0; port < 512; port++) {
+            modules.ports[port].module = module_with_serial("0001");
+            if (port % 2 == 0)
+                modules.ports[port].error = bad.error, modules.ports[port].cost = bad.cost;
+            fresh.add(port, true);
+            fresh.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
+        }
+        const auto run = [&](seconds time) {
+            for (const time_point end = modules.now + time; fresh.next_due() <= end;) {
+                modules.now = std::max(modules.now, fresh.next_due());
+                fresh.step();
+                check_ages();
+            }
+        };
+        run(bad.discovery);
+        EXPECT_EQ(256u, read_at.size()) << bad.error << " " << bad.cost.count();
+        oldest = {};
+        run(seconds(30));
+        EXPECT_LE(oldest, seconds(5) + bad.cost) << bad.error << " " << bad.cost.count();
+    }
+}

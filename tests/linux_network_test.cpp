@@ -1,0 +1,329 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The Linux board on real network interfaces, in a network namespace of each test's own. Tests are
+   skipped where the system doesn't permit one, and those of taps without /dev/net/tun. */
+#include "platform/dolm_ric/dolm_ric.h"
+#include "platform/dolm_ric/linux/link_follower.h"
+#include "tesk_server/tesk_signals.h"
+#include "testkit/modules/module_images.h"
+#include "testkit/network/network.h"
+#include "testkit/processes/processes.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+using linux_board::link_report;
+using linux_board::link_values;
+
+static constexpr uint32_t stopped = DOLM_RICRILINKSTATE_STOPPED;
+static constexpr uint32_t down = DOLM_RICRILINKSTATE_NOOPERATION;
+static constexpr uint32_t up = DOLM_RICRILINKSTATE_OPERATIONAL;
+
+namespace
+{
+
+/* What a follower reports of one port; its events as in "sdu". */
+class watcher final : public linux_board::follower_listener
+{
+  public:
+    void link_changed(uint32_t, const link_values &now) override
+    {
+        const std::lock_guard guard(lock);
+        values = now;
+        events += "sdu"[now.state];
+        changed.notify_all();
+    }
+    void link_fell(uint32_t, uint32_t count) override
+    {
+        const std::lock_guard guard(lock);
+        falls += count;
+    }
+    void interface_changed(uint32_t, const link_report *now) override
+    {
+        const std::lock_guard guard(lock);
+        name = now == nullptr ? "" : now->name;
+        changed.notify_all();
+    }
+    void reports_taken() override
+    {
+    }
+    template <typename condition>
+    void await(condition &&fulfilled)
+    {
+        std::unique_lock guard(lock);
+        ASSERT_TRUE(changed.wait_until(guard, std::chrono::system_clock::now() + testkit::deadline,
+                                       fulfilled))
+            << "events " << events.substr(0, 200) << ", interface " << name;
+    }
+    void await_state(uint32_t state)
+    {
+        await([&] { return values.state == state; });
+    }
+    std::string take_events()
+    {
+        const std::lock_guard guard(lock);
+        return std::exchange(events, {});
+    }
+
+    std::mutex lock;
+    std::condition_variable changed;
+    link_values values = {down, 0, 0};
+    std::string events, name;
+    uint64_t falls = 0;
+};
+
+class linux_network_test : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        if (!testkit::enter_own_network())
+            GTEST_SKIP() << "no namespaces of its own for this user";
+        net = std::make_unique<testkit::network>();
+    }
+    /* A pair whose first is port 1. */
+    void follow(const std::string &name, int buffer = 1 << 20)
+    {
+        follower = std::make_unique<linux_board::link_follower>(seen, buffer);
+        follower->add(1, [name](const link_report &report) { return report.name == name; });
+        follower->start();
+    }
+    void add_started_pair()
+    {
+        net->add_pair("a0", "a1");
+        net->start("a0");
+        net->start("a1");
+    }
+    std::unique_ptr<testkit::tap> make_tap(const std::string &name)
+    {
+        try {
+            return std::make_unique<testkit::tap>(name);
+        } catch (const std::system_error &error) {
+            std::cerr << error.what() << '\n';
+            return nullptr;
+        }
+    }
+
+    std::unique_ptr<testkit::network> net;
+    watcher seen;
+    std::unique_ptr<linux_board::link_follower> follower;
+};
+
+} // namespace
+
+TEST_F(linux_network_test, every_flap_of_a_tap_is_counted_though_the_kernel_merges_them)
+{
+    const auto tap = make_tap("t0");
+    if (!tap)
+        GTEST_SKIP() << "no taps for this user";
+    net->start("t0");
+    follow("t0");
+    seen.await_state(up);
+    const uint64_t flaps = testkit::sanitized ? 20000 : 200000;
+    seen.take_events();
+    for (uint64_t flap = 0; flap < flaps; flap++) {
+        tap->set_carrier(false);
+        tap->set_carrier(true);
+    }
+    tap->set_carrier(false);
+    seen.await([&] { return seen.falls == flaps + 1 && seen.values.state == down; });
+    const std::string events = seen.take_events();
+    EXPECT_LE(events.size(), 100u) << "a few messages with at most five pairs each";
+    EXPECT_GE(events.size(), 9u);
+}
+
+TEST_F(linux_network_test, no_flap_is_lost_when_the_socket_overruns)
+{
+    add_started_pair();
+    follow("a0", 1); /* the smallest buffer there is */
+    seen.await_state(up);
+    constexpr uint64_t flaps = 2000;
+    for (uint64_t flap = 0; flap < flaps; flap++) {
+        net->start("a1", false);
+        net->start("a1");
+    }
+    seen.await([&] { return seen.falls == flaps && seen.values.state == up; });
+    EXPECT_GT(follower->losses(), 0u);
+}
+
+TEST_F(linux_network_test, a_port_follows_what_is_done_to_its_interface)
+{
+    net->add_pair("a0", "a1");
+    net->start("a1");
+    follow("a0");
+    EXPECT_EQ("s", seen.take_events());
+    net->start("a0");
+    seen.await_state(up);
+    net->start("a1", false);
+    seen.await_state(down);
+    net->start("a0", false);
+    seen.await_state(stopped);
+    net->rename("a0", "b0");
+    seen.await([&] { return seen.name == "b0"; });
+    net->add_pair("a0", "c1");
+    net->start("c1");
+    net->start("a0"); /* another interface, which is no port's */
+    net->start("b0");
+    seen.await_state(down);
+    net->start("a1");
+    seen.await_state(up);
+    net->remove("b0"); /* now the name is free for the other one */
+    seen.await([&] { return seen.name.empty(); });
+    net->start("a0", false);
+    net->start("a0");
+    seen.await([&] { return seen.name == "a0" && seen.values.state == up; });
+}
+
+TEST_F(linux_network_test, a_read_asks_the_kernel_afresh)
+{
+    const auto tap = make_tap("t0");
+    if (!tap)
+        GTEST_SKIP() << "no taps for this user";
+    net->start("t0");
+    follow("t0");
+    seen.await_state(up);
+    /* The kernel has just sent a message, and holds the next one back for up to a second. */
+    tap->set_carrier(false);
+    seen.await_state(down);
+    tap->set_carrier(true);
+    seen.await_state(up);
+    const auto begin = std::chrono::steady_clock::now();
+    tap->set_carrier(false);
+    follower->refresh(1);
+    seen.await_state(down);
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    EXPECT_TRUE(testkit::sanitized || taken < std::chrono::milliseconds(500));
+}
+
+namespace
+{
+
+/* The executable as it ships, on the library of the Linux board. */
+class linux_server_test : public linux_network_test
+{
+  protected:
+    ~linux_server_test() override
+    {
+        if (server < 0)
+            return;
+        kill(server, SIGTERM);
+        EXPECT_EQ(0, testkit::wait_for_end(server));
+    }
+    void start_server(const std::string &config)
+    {
+        std::ofstream(place.path + "/ports") << config;
+        server = testkit::start({TESK_BIN_DIR "/tesk-server"},
+                                {"LD_LIBRARY_PATH=" TESK_LIB_DIR "/linux",
+                                 "DOLM_RIC_PORTS=" + place.path + "/ports",
+                                 "DOLM_RIC_PORT_MAP=" + map(), "DOLM_RIC_READER=/nobody"});
+        do {
+            client = std::make_unique<testkit::test_client>();
+        } while (client->located != 0); /* the mailbox isn't there yet */
+        reference = client->connect(77);
+    }
+    void subscribe(uint32_t number, uint32_t port)
+    {
+        std::vector<uint32_t> words = {1, reference, port, 0};
+        words.resize(number == TESK_SUBSCRIBE_PORT_STATUS_REQ ? 4 : 3);
+        ASSERT_EQ(number + 1, client->ask(number, words).number());
+    }
+    /* The next module indication, as TYPE/SERIAL; then of links, as CONN_STATUS@SPEED. */
+    std::string next()
+    {
+        const testkit::message told = client->receive();
+        if (told.number() == TESK_SFP_INFO_IND)
+            return std::to_string(told.word(16)) + "/" + told.text(97);
+        return std::to_string(told.word(16)) + "@" + std::to_string(told.word(24));
+    }
+    /* Written beside and renamed, so that no half of it is read. */
+    void write_module(const module_images::image &module) const
+    {
+        std::ofstream file(place.path + "/new", std::ios::binary);
+        for (const auto *bytes : {&module.a0, &module.a2})
+            file.write(reinterpret_cast<const char *>(bytes->data()),
+                       static_cast<std::streamsize>(bytes->size()));
+        file.close();
+        std::filesystem::rename(place.path + "/new", module_file());
+    }
+    static module_images::image module_with_serial(std::string_view serial)
+    {
+        module_images::image made = module_images::sfp();
+        module_images::put_text(made.a0, 68, 16, serial);
+        module_images::put_sum(made.a0, 64, 95);
+        return made;
+    }
+    std::string module_file() const
+    {
+        return place.path + "/module";
+    }
+    std::string map() const
+    {
+        return place.path + "/map";
+    }
+
+    testkit::directory place;
+    std::unique_ptr<testkit::test_client> client;
+    uint32_t reference = 0;
+    pid_t server = -1;
+};
+
+} // namespace
+
+TEST_F(linux_server_test, a_module_in_a_file_is_inserted_replaced_and_removed)
+{
+    add_started_pair();
+    write_module(module_with_serial("0001"));
+    start_server("3 a0 module=" + module_file() + "\n");
+    subscribe(TESK_SUBSCRIBE_SFP_INFO_REQ, 3);
+    EXPECT_EQ("2/0001", next()) << "there from the start, so not reported as inserted later";
+    write_module(module_with_serial("0002"));
+    EXPECT_EQ("0/", next()) << "a swap is a removal and an insertion";
+    EXPECT_EQ("2/0002", next());
+    std::filesystem::remove(module_file());
+    EXPECT_EQ("0/", next());
+    write_module(module_with_serial("0001"));
+    std::string news = next();
+    if (news == "3/") /* present, not ready yet */
+        news = next();
+    EXPECT_EQ("2/0001", news);
+}
+
+TEST_F(linux_server_test, clients_see_the_true_state_after_any_storm_of_flaps)
+{
+    add_started_pair();
+    start_server("0 a0\n5 later\nrubbish\n");
+    subscribe(TESK_SUBSCRIBE_PORT_STATUS_REQ, 5);
+    EXPECT_EQ("1@0", next()) << "an interface that isn't there yet";
+    net->add_pair("b0", "later");
+    net->start("b0");
+    net->start("later");
+    EXPECT_EQ("2@100", next());
+    std::ifstream lines(map());
+    const std::string text{std::istreambuf_iterator<char>(lines), {}};
+    EXPECT_EQ("# tesk-ports 1\n0\ta0\n5\tlater\n", text);
+    for (int flap = 0; flap < 1000; flap++) {
+        net->start("b0", false);
+        net->start("b0");
+    }
+    net->start("b0", false);
+    /* The filter is full; seconds later it opens, and the state of that moment is reported. */
+    const auto end = std::chrono::steady_clock::now();
+    std::string last = next();
+    while (std::chrono::steady_clock::now() - end < std::chrono::seconds(3))
+        last = next();
+    EXPECT_EQ("1@0", last);
+    net->start("b0");
+    EXPECT_EQ("2@100", next()) << "the server knew that the link was down";
+}
