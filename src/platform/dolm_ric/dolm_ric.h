@@ -69,9 +69,7 @@ enum dolm_ric_link_speed {
     DOLM_RICRISPEED_10_1G = 0x0040,
     DOLM_RICRISPEED_10G = 0x1000,
 };
-#define DOLM_RIC_SPEED_TENTH_GBPS 0x54530000u
-#define DOLM_RIC_SPEED_RANGE_MASK 0xffff0000u
-#define DOLM_RIC_SPEED_CODE(tenth_gbps) (DOLM_RIC_SPEED_TENTH_GBPS | (tenth_gbps))
+#define DOLM_RIC_SPEED_CODE(tenth_gbps) (0x54530000u | (tenth_gbps))
 
 enum dolm_ric_event_type {
     DOLM_RICEVT_SHUTDOWN = 0,
