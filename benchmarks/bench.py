@@ -6,6 +6,7 @@ import sys
 import time
 
 sys.dont_write_bytecode = True
+from exporter import measure_exporter  # noqa: E402
 from lab import Failed, Lab  # noqa: E402
 from measure import Bench  # noqa: E402
 from report import print_report, write_report  # noqa: E402
@@ -14,8 +15,10 @@ ITEMS = {
     "requests": lambda bench: bench.requests(),
     "fan-out": lambda bench: [bench.fan_out(count) for count in (1, 10, 100, 1000)],
     "growth": lambda bench: bench.growth(),
+    "python": lambda bench: bench.python(),
     "costs": lambda bench: bench.costs(),
     "traces": lambda bench: (bench.instructions(), bench.traces_on()),
+    "exporter": measure_exporter,
 }
 
 

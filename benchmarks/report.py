@@ -5,6 +5,7 @@ import os
 import platform
 import subprocess
 
+import exporter
 from lab import ROOT, SYSTEMS, Tesk
 from pictures import draw_growth, draw_latencies
 
@@ -82,9 +83,17 @@ def cost_goals(series):
                   start.value(Tesk.name) - start.value("floor"), 10, "ms")
 
 
+def exporter_goals(series):
+    for key, limit, unit in (("exporter cpu", 10, "ms"), ("exporter memory", 12288, "KiB"),
+                             ("exporter idle", 0.5, "%"), ("exporter event", 50, "ms")):
+        yield at_most("exporter with 512 ports: " + series[key].title,
+                      series[key].value("exporter"), limit, unit)
+
+
 def all_goals(series):
     parts = (("trip capabilities, 1 core", request_goals), ("fan cpu 100", fan_out_goals),
-             ("growth loss 100", growth_goals), ("cost idle", cost_goals))
+             ("growth loss 100", growth_goals), ("cost idle", cost_goals),
+             ("exporter cpu", exporter_goals))
     for key, goals in parts:
         if key in series:
             yield from goals(series)
@@ -101,6 +110,16 @@ def table_of_systems(series, *prefixes):
         title = f"{each.title}, {each.unit}" if each.unit else each.title
         rows.append([title, *(f"{number(each.value(system.name))} ({each.ratio(system.name):.2f})"
                               for system in SYSTEMS)])
+    return rows
+
+
+def table_of_python(series):
+    """A row for each client: its medians, and their ratio to the C library's."""
+    measures = [series[key] for key in ("python trip", "python p99") if key in series]
+    rows = [["", *(f"{each.title}, {each.unit}" for each in measures)]]
+    for name in measures[0].rounds if measures else ():
+        rows.append([name, *(f"{number(each.value(name))} ({each.ratio(name, 'libtesk_client'):.2f})"
+                             for each in measures)])
     return rows
 
 
@@ -153,6 +172,15 @@ def table_of_traces(series):
     return rows
 
 
+def table_of_exporter(series):
+    rows = [["", *exporter.SYSTEMS.values()]]
+    for each in series.values():
+        if each.key.startswith("exporter"):
+            rows.append([each.title, *(with_unit(each.value(name), each.unit)
+                                       if name in each.rounds else "" for name in exporter.SYSTEMS)])
+    return rows
+
+
 def table_of_goals(goals):
     return [["", "measure", "reached", "goal"],
             *([goal.mark, goal.title, goal.reached, goal.wanted] for goal in goals)]
@@ -166,10 +194,13 @@ def sections(bench):
     yield ("Fan-out: median of the rounds, and its ratio to the bare socket",
            table_of_systems(series, "fan"))
     yield "Growth: whole operations", table_of_growth(series)
+    yield ("Python: PM counters, median of the rounds, and its ratio to the C library",
+           table_of_python(series))
     yield "Cost", table_of_costs(series)
     yield "Instructions of the server's own modules", table_of_instructions(series)
     yield "Instructions of the mailbox library, in user space", table_of_mbx_instructions(series)
     yield "Traces", table_of_traces(series)
+    yield f"The exporter with {exporter.PORTS} ports", table_of_exporter(series)
 
 
 def print_table(rows):

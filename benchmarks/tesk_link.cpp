@@ -49,8 +49,8 @@ void tesk_link::establish()
     auto *request = reinterpret_cast<tesk_conn_establish_req *>(signal);
     request->number_of_rev = 1;
     request->protocol_rev[0] = TESK_PROTOCOL_REVISION;
-    tesk_turn_words(request->protocol_rev[0]);
-    tesk_turn(*request);
+    tesk_swap_words(request->protocol_rev[0]);
+    tesk_swap_byte_order(*request);
     mbx_send(&signal, server, MBX_OWN_MAILBOX);
     await(TESK_CONN_ESTABLISH_CFM);
 }
@@ -68,10 +68,10 @@ void tesk_link::send(uint32_t number, uint32_t port)
     mbx_signal *signal = mbx_alloc(size, number);
     auto *request = reinterpret_cast<tesk_port_signal *>(signal);
     request->connection_ref = connection_ref;
-    tesk_turn_words(request->procedure_ref, request->connection_ref);
+    tesk_swap_words(request->procedure_ref, request->connection_ref);
     if (size > sizeof(tesk_get_capabilities_req)) {
         request->port_no = port;
-        tesk_turn_words(request->port_no);
+        tesk_swap_words(request->port_no);
     }
     mbx_send(&signal, server, MBX_OWN_MAILBOX);
 }
@@ -87,7 +87,7 @@ uint32_t tesk_link::receive()
         fail("the server has refused a request");
     if (number == TESK_CONN_ESTABLISH_CFM) {
         auto *answer = reinterpret_cast<tesk_conn_establish_cfm *>(signal);
-        tesk_turn(*answer);
+        tesk_swap_byte_order(*answer);
         connection_ref = answer->connection_ref;
     }
     mbx_free(&signal);

@@ -5,12 +5,14 @@
 
 # The packages by what needs them. Everything comes from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
-                libfmt-dev nlohmann-json3-dev)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq)
+                libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev)
+packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
-              shellcheck pyflakes3 mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu g++-s390x-linux-gnu)
+              shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
+              g++-s390x-linux-gnu prometheus)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
-                libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler)
+                libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler
+                python3-redis python3-hiredis prometheus-node-exporter)
 
 say() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
@@ -47,6 +49,21 @@ require_packages() {
         fail "could not install ${missing[*]}: see the lines above"
     fi
     rm -f "$log"
+    for package in "${missing[@]}"; do
+        [[ $package != prometheus* ]] || stop_service "$package"
+    done
+}
+
+# Debian starts the services that it installs; of these we want the programs only.
+stop_service() { # NAME
+    local as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    if [ -d /run/systemd/system ]; then
+        "${as_root[@]}" systemctl disable --now "$1" >/dev/null 2>&1 ||
+            say "could not stop $1"
+    else
+        "${as_root[@]}" service "$1" stop >/dev/null 2>&1 || say "could not stop $1"
+    fi
 }
 
 # Follows a build on standard error: how far it is, [n/m], in place on a terminal, else every 15 s.

@@ -1,10 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* libdolm_ric: the operations, and the board behind them played through its own protocol. */
 #include "testkit/board/board_fixture.h"
+#include "testkit/processes/processes.h"
 
 #include <array>
 #include <cstring>
 #include <fcntl.h>
+#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
@@ -92,10 +94,15 @@ TEST_F(dolm_ric_test, values_arrive_in_the_units_of_the_records)
     EXPECT_EQ(41500, diag.temperature) << "another module of the kind is untouched";
 }
 
-TEST_F(dolm_ric_test, ordered_failures_hit_what_they_name)
+TEST_F(dolm_ric_test, injected_faults_hit_the_calls_that_they_name)
 {
     ASSERT_EQ(0, start());
     dolm_ric_link_status link;
+    ask("fail getlinkstatus internal 1");
+    for (const uint32_t unknown : {id_of(16), id_of(65535), 0x00030003u, 3u})
+        EXPECT_EQ(DOLM_RICERR_NODEV, dolm_ric_ri_getlinkstatus(handle, unknown, &link));
+    EXPECT_EQ(DOLM_RICERR_INTERNAL, dolm_ric_ri_getlinkstatus(handle, id_of(3), &link));
+    EXPECT_EQ(0, dolm_ric_ri_getlinkstatus(handle, id_of(3), &link));
     ask("fail dolm_ric_ri_getlinkstatus busy always 3-4");
     ask("fail getlinkstatus -77 2 4");
     const int32_t of_port_4[] = {-77, -77, DOLM_RICERR_BUSY, DOLM_RICERR_BUSY};
@@ -141,8 +148,9 @@ TEST_F(dolm_ric_test, a_request_that_is_wrong_changes_nothing)
 TEST_F(dolm_ric_test, after_shutdown_the_last_event_comes_and_nothing_else_works)
 {
     ASSERT_EQ(0, start());
-    EXPECT_EQ(DOLM_RICERR_BUSY, dolm_ric_init(&handle, 0));
     const uintptr_t old = handle;
+    EXPECT_EQ(DOLM_RICERR_BUSY, dolm_ric_init(&handle, 0));
+    EXPECT_EQ(old, handle);
     std::thread event_thread([this] { EXPECT_EQ("0 0 0", next_event()); });
     EXPECT_EQ(0, dolm_ric_shutdown(handle, 0));
     event_thread.join();
@@ -164,7 +172,7 @@ TEST_F(dolm_ric_test, only_a_dead_boards_socket_is_taken_over)
     EXPECT_EQ(perms{0600}, status(lock_path).permissions()) << "the group can't hold it";
     ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
     EXPECT_FALSE(exists(lock_path) || exists(socket_path));
-    close(peer_of_board(::bind)); /* as a dead board leaves it */
+    util::listen_at(socket_path, SOCK_SEQPACKET, 0660, getegid(), 1); /* as a dead board's */
     const int lock = open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0660);
     ASSERT_EQ(0, flock(lock, LOCK_EX)) << "as a living board would hold it";
     ASSERT_EQ(0, start()) << "works without control";
@@ -176,6 +184,21 @@ TEST_F(dolm_ric_test, only_a_dead_boards_socket_is_taken_over)
     EXPECT_EQ(0u, ask("board").find("ok"));
     EXPECT_EQ(perms{0600}, status(lock_path).permissions()) << "of an older version, too";
     EXPECT_EQ(perms{0660}, status(socket_path).permissions());
+}
+
+TEST_F(dolm_ric_test, the_port_map_is_there_while_the_board_is)
+{
+    const std::filesystem::path map = std::filesystem::path(socket_path).parent_path() / "ports";
+    const auto text = [&map] { return (std::ostringstream() << std::ifstream(map).rdbuf()).str(); };
+    ASSERT_EQ(0, start("ports 2\n"));
+    EXPECT_EQ("# tesk-ports 1\n0\tport0\n1\tport1\n", text());
+    EXPECT_EQ(std::filesystem::perms{0640}, std::filesystem::status(map).permissions());
+    ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
+    EXPECT_EQ("", text());
+    const util::descriptor other(open((socket_path + ".lock").c_str(), O_RDWR | O_CREAT, 0600));
+    ASSERT_EQ(0, flock(other.get(), LOCK_EX));
+    ASSERT_EQ(0, start());
+    EXPECT_EQ("", text()) << "the socket, and so the map, is another board's";
 }
 
 TEST_F(dolm_ric_test, the_control_socket_belongs_to_the_group_of_its_directory)
@@ -211,10 +234,38 @@ TEST_F(dolm_ric_test, a_board_file_says_what_is_there)
     EXPECT_EQ("ok\nports=65535\nevents=65535", ask("set 0-65534 link=down"));
     EXPECT_EQ("3 20000 1", next_event());
     ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
-    const std::pair<const char *, int32_t> failing[] = {
-        {"ports 4\nfail init -11\n", -11}, {"ports 4\nset 4 link=up\n", -1}, {"ports 0\n", -1},
-        {"set 3 link=up\n", -1},           {"ports 4\nwait idle\n", -1},     {"#\n", -1},
+    const std::tuple<const char *, int32_t, const char *> failing[] = {
+        {"ports 4\nfail init -11\n", -11, "libdolm_ric: the board file lets dolm_ric_init fail\n"},
+        {"ports 4\nset 4 link=up\n", -1,
+         ":2: there is no port 4: this board has the ports 0 to 3\n"},
+        {"ports 0\n", -1, ":1: a board has one port at least\n"},
+        {"set 3 link=up\n", -1, ":1: the first line is: ports COUNT\n"},
+        {"ports 4\nwait idle\n", -1, ":2: a board file can't wait\n"},
+        {"#\n", -1, ": a board has one port at least\n"},
     };
-    for (const auto &[text, code] : failing)
+    for (const auto &[text, code, reason] : failing) {
+        testing::internal::CaptureStderr();
         EXPECT_EQ(code, start(text)) << text;
+        EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(reason)) << reason;
+    }
+}
+
+TEST(dolm_ric_in_the_server, waits_that_fail_are_retried_ever_more_slowly_until_one_succeeds)
+{
+    const testkit::directory place;
+    testkit::server server;
+    auto await_calls = [calls = uint64_t{0}](uint64_t more) mutable {
+        calls =
+            (calls == 0 ? std::stoull(testkit::board("board")["calls.waitevent"]) : calls) + more;
+        testkit::board("wait calls waitevent " + std::to_string(calls));
+    };
+    testkit::board("fail waitevent internal always");
+    await_calls(16); /* ten failures at 5 ms, then 10, 20, 40 and 80 ms */
+    const auto begin = std::chrono::steady_clock::now();
+    await_calls(6);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+    testkit::board("heal");
+    testkit::board("wait idle");
+    testkit::board("fail waitevent internal always");
+    EXPECT_EQ(0, server.stop());
 }

@@ -4,33 +4,231 @@
 #include "tesk_server/tesk_portsub.h"
 #include "testkit/fake_platform/server_fixture.h"
 
+#include <chrono>
+#include <utility>
+
 using fake_platform::ports;
 
 using hardware = server_fixture;
 
+static constexpr uint32_t highest = 0xffffffffu;
+
 TEST_F(hardware, a_level_is_graded_at_and_beyond_each_threshold)
 {
-    static const std::pair<uint32_t, uint32_t> grades[] = {
-        {0, 3},  {10, 3}, {11, 1}, {20, 1}, {21, 0},         {79, 0},
-        {80, 2}, {89, 2}, {90, 4}, {91, 4}, {0xffffffffu, 4}};
-    for (const auto &[value, level] : grades) {
+    static const struct {
+        uint32_t low_alarm, low_warn, high_warn, high_alarm, value, level;
+    } cases[] = {
+        {10, 20, 80, 90, 0, 3},       {10, 20, 80, 90, 10, 3},
+        {10, 20, 80, 90, 11, 1},      {10, 20, 80, 90, 20, 1},
+        {10, 20, 80, 90, 21, 0},      {10, 20, 80, 90, 79, 0},
+        {10, 20, 80, 90, 80, 2},      {10, 20, 80, 90, 89, 2},
+        {10, 20, 80, 90, 90, 4},      {10, 20, 80, 90, 91, 4},
+        {0, 0, 0, 0, 0, 3},           {0, 0, 0, 0, 5, 4},
+        {10, 20, 80, 90, highest, 4}, {10, 20, highest, highest, 0x80000000, 0},
+    };
+    for (const auto &grade : cases) {
         dolm_ric_module_diag &diag = ports[1].diag;
-        diag.diag_cap = DOLM_SFP_DIAGCAP_RXPOWER | DOLM_SFP_DIAGCAP_LASERTEMP;
-        diag.rxpower_low_alarm = 10;
-        diag.rxpower_low_warn = 20;
-        diag.rxpower_high_warn = 80;
-        diag.rxpower_high_alarm = 90;
-        diag.rxpower = value;
+        diag.diag_cap =
+            DOLM_SFP_DIAGCAP_RXPOWER | DOLM_SFP_DIAGCAP_LASERTEMP | DOLM_SFP_DIAGCAP_TECCURRENT;
+        diag.rxpower_low_alarm = grade.low_alarm;
+        diag.rxpower_low_warn = grade.low_warn;
+        diag.rxpower_high_warn = grade.high_warn;
+        diag.rxpower_high_alarm = grade.high_alarm;
+        diag.rxpower = grade.value;
         tesk_port_info info;
         get_port_info(1, &info);
-        EXPECT_EQ(info.rx_power_fault_level, level) << value;
+        EXPECT_EQ(info.rx_power_fault_level, grade.level) << grade.value;
         EXPECT_EQ(info.tx_power_fault_level, uint32_t{TESK_FAULT_NOT_MEASURED});
         EXPECT_EQ(info.laser_temp_fault_level, uint32_t{TESK_FAULT_NOT_SUPPORTED});
-        EXPECT_EQ(info.env_status, 0u);
+        EXPECT_EQ(info.tec_fault_level, uint32_t{TESK_FAULT_NOT_SUPPORTED});
     }
 }
 
-TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
+/* Each measurement has its own bit, its own thresholds and its own level. */
+TEST_F(hardware, a_measurement_is_graded_only_if_its_bit_is_set)
+{
+    static const struct {
+        uint32_t bit;
+        uint32_t tesk_port_info::*level;
+        uint32_t expected;
+    } cases[] = {{DOLM_SFP_DIAGCAP_TEMP, &tesk_port_info::temp_fault_level, 0},
+                 {DOLM_SFP_DIAGCAP_VOLTAGE, &tesk_port_info::vcc_fault_level, 1},
+                 {DOLM_SFP_DIAGCAP_TXBIAS, &tesk_port_info::tx_bias_fault_level, 2},
+                 {DOLM_SFP_DIAGCAP_TXPOWER, &tesk_port_info::tx_power_fault_level, 3},
+                 {DOLM_SFP_DIAGCAP_RXPOWER, &tesk_port_info::rx_power_fault_level, 4}};
+    ports[1].diag = {0,  1,  0,  -30000, 80000, -40000, 90000, -5000, 20, 80, 10, 90, 15, 20, 80,
+                     10, 90, 85, 20,     80,    10,     90,    5,     20, 80, 10, 90, 95, {}};
+    for (const auto &set : cases) {
+        ports[1].diag.diag_cap = set.bit;
+        tesk_port_info info;
+        get_port_info(1, &info);
+        for (const auto &other : cases)
+            EXPECT_EQ(info.*other.level, &other == &set ? set.expected : 5u) << set.bit;
+        EXPECT_EQ(info.reserved_fault_level, 5u);
+    }
+}
+
+TEST_F(hardware, each_code_has_its_value_in_the_protocol)
+{
+    static const struct {
+        uint32_t code, tenth_gbps;
+    } link_speeds[] = {{0x0001, 12},  {0x0002, 25},  {0x0008, 49}, {0x0020, 98},
+                       {0x0040, 101}, {0x1000, 100}, {0x0000, 0},  {0x0004, 0},
+                       {0x0003, 0},   {0x0080, 0},   {0x2000, 0},  {highest, 0}},
+      module_speeds[] = {{0, 0}, {1, 10}, {2, 100}, {3, 0}, {highest, 0}},
+      both_speeds[] = {{0x5453000a, 10}, {0x5453ffff, 65535}, {0x54530000, 0},
+                       {0x5452000a, 0},  {0x5454000a, 0},     {0xd453000a, 0}};
+    static const std::pair<uint8_t, uint32_t> connectors[] = {{0, 3}, {1, 2},    {2, 1},
+                                                              {3, 3}, {0x7f, 3}, {0xff, 3}};
+    static const std::pair<uint32_t, uint32_t> module_status[] = {{0, 0}, {1, 0}, {2, 1},
+                                                                  {3, 0}, {6, 0}, {highest, 0}};
+    fake_platform::port &port = ports[1];
+    port.module.mode_type = 1;
+    for (const auto &speed : link_speeds) {
+        tesk_port_info info;
+        port.speed = speed.code;
+        port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
+        trace({12});
+        get_port_info(1, &info);
+        EXPECT_EQ(info.link_speed, speed.tenth_gbps) << speed.code;
+        EXPECT_EQ(fake_platform::take_log().at(2),
+                  "[12] Link speed -> " + std::to_string(speed.code));
+        /* Not read on any other link. */
+        for (uint32_t state : {0u, 1u, 3u}) {
+            port.link_state = state;
+            get_port_info(1, &info);
+            EXPECT_EQ(info.conn_status, 1u);
+            EXPECT_EQ(info.link_speed, 0u);
+        }
+    }
+    for (const auto &speed : module_speeds) {
+        tesk_sfp_info info = {};
+        port.module.sfp.sfp_eth_speed = speed.code;
+        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
+        EXPECT_EQ(info.sfp_speed, speed.tenth_gbps) << speed.code;
+    }
+    for (const auto &speed : both_speeds) {
+        tesk_sfp_info info = {};
+        tesk_port_info port_info;
+        port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
+        port.speed = port.module.sfp.sfp_eth_speed = speed.code;
+        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
+        get_port_info(1, &port_info);
+        EXPECT_EQ(info.sfp_speed, speed.tenth_gbps) << speed.code;
+        EXPECT_EQ(port_info.link_speed, speed.tenth_gbps) << speed.code;
+    }
+    for (const auto &[connector, type] : connectors) {
+        tesk_sfp_info info = {};
+        tesk_port_info port_info;
+        tesk_pm_counters counters = {};
+        port.module.sfp.sfp_connector = connector;
+        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
+        get_port_info(1, &port_info);
+        counters.port_no = 1;
+        EXPECT_EQ(read_pm_counters(&counters), 0);
+        EXPECT_EQ(info.type, type) << int{connector};
+        EXPECT_EQ(port_info.sfp_type, type) << int{connector};
+        EXPECT_EQ(counters.pm_sfp_type, type) << int{connector};
+    }
+    for (const auto &[status, env_status] : module_status) {
+        tesk_port_info info;
+        port.module_status.status = status;
+        get_port_info(1, &info);
+        EXPECT_EQ(info.env_status, env_status) << status;
+    }
+}
+
+TEST_F(hardware, each_wrapper_traces_each_result_with_its_own_texts)
+{
+    static const struct {
+        const char *call;
+        uint32_t (*wrapper)(uint32_t port_no);
+        uint32_t good, unknown_port, failed;
+        std::string course, unknown_text, failed_text;
+    } cases[] = {
+        {"getportstatus", [](uint32_t port) { return uint32_t{get_dolm_sfp_presence(port)}; },
+         SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN,
+         "get_dolm_sfp_presence(): dolm_ric_ri_getportstatus resulted with %d and port_status %u",
+         "ABN: dolm_ric_ri_getportstatus: port 1(dolm_ric_id 131073)",
+         "dolm_ric_ri_getportstatus: port 1(dolm_ric_id 131073)"},
+        {"subsport", [](uint32_t port) { return uint32_t{subscribe_sfp_info(port)}; },
+         SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN,
+         "subscribe_sfp_info(): dolm_ric_ri_subsport resulted with %d and port_status %u",
+         "ABN: dolm_ric_ri_portstatus: port 1 (dolm_ric_id 131073)",
+         "dolm_ric_ri_portstatus: port 1(dolm_ric_id 131073)"},
+        {"subslink", [](uint32_t port) { return uint32_t(subscribe_port_status(port)); }, 0, 1, 1,
+         "subscribe_port_status(): dolm_ric_ri_subslink resulted with %d and link_status %u",
+         "ABN: dolm_ric_ri_subslink: port 1 (dolm_ric_id 131073)",
+         "dolm_ric_ri_subslink: port 1(dolm_ric_id 131073)"},
+        {"unsubsport", [](uint32_t port) { return uint32_t(unsubscribe_sfp_info(port)); }, 0, 1, 1,
+         "unsubscribe_sfp_info(): successfully unsubscribed from port 1",
+         "ABN: dolm_ric_ri_unsubsport: port 1(dolm_ric_id 131073)",
+         "dolm_ric_ri_unsubsport: port 1(dolm_ric_id 131073)"},
+        {"unsubslink", [](uint32_t port) { return uint32_t(unsubscribe_port_status(port)); }, 0, 1,
+         1, "unsubscribe_port_status(): successfully unsubscribed from port 1",
+         "ABN: dolm_ric_ri_unsubslink: port 1(dolm_ric_id 131073)",
+         "dolm_ric_ri_unsubslink: port 1(dolm_ric_id 131073)"},
+    };
+    ports[1].status = 0x8;
+    ports[1].link_state = 8;
+    for (const auto &wrapped : cases) {
+        const bool always = wrapped.course.find('%') != std::string::npos;
+        for (int32_t code : {0, -3, -8}) {
+            fake_platform::failing = {{wrapped.call, code}};
+            trace({1, 4, 12});
+            const uint32_t result = wrapped.wrapper(1);
+            EXPECT_EQ(result, code == 0    ? wrapped.good
+                              : code == -3 ? wrapped.unknown_port
+                                           : wrapped.failed);
+            log expected = {std::string(wrapped.call) + " 0x20001"};
+            if (always || code == 0) {
+                char course[120];
+                // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): both formats stand above
+                snprintf(course, sizeof(course), wrapped.course.c_str(), code, code == 0 ? 8u : 0u);
+                expected.push_back(std::string("[12] ") + course);
+            }
+            if (code == -3)
+                expected.push_back("[4] " + wrapped.unknown_text +
+                                   ", -3 (no device (e.g. port ID is unknown))");
+            if (code == -8)
+                expected.push_back("[1] " + wrapped.failed_text + ", -8 (resource busy)");
+            EXPECT_EQ(fake_platform::take_log(), expected);
+        }
+    }
+}
+
+TEST_F(hardware, each_value_has_its_text)
+{
+    static const char *const unknown = "unknown ric error code";
+    static const std::map<int32_t, std::string> results = {
+        {1, unknown},
+        {0, "no error"},
+        {-1, "invalid parameter(s)"},
+        {-2, "no memory"},
+        {-3, "no device (e.g. port ID is unknown)"},
+        {-4, "not available (e.g. SFP EEPROM is not available)"},
+        {-5, unknown},
+        {-6, "unsupported operation"},
+        {-7, unknown},
+        {-8, "resource busy"},
+        {-9, unknown},
+        {-10, "interface shutdown"},
+        {-11, "internal error"},
+        {-12, unknown}};
+    for (const auto &[result, text] : results)
+        EXPECT_EQ(dolm_ric_result_text(result), text) << result;
+    static const char *const presences[] = {"SFP_NOT_PRESENT",       "SFP_PRESENT_NOT_READY",
+                                            "SFP_PRESENT_AND_READY", "SFP_UNKNOWN",
+                                            "UNSUPPORTED_PORT",      "UNSUPPORTED_SFP_PRESENCE"};
+    for (uint32_t presence = 0; presence < std::size(presences); presence++)
+        EXPECT_STREQ(tesk_sfp_presence_str(presence), presences[presence]);
+    static const char *const states[] = {"PORTSTATE_UP", "PORTSTATE_DOWN", "PORTSTATE_UNKNOWN",
+                                         "UNSUPPORTED_STATE"};
+    for (uint32_t state = 0; state < std::size(states); state++)
+        EXPECT_STREQ(tesk_port_state_str(state), states[state]);
+}
+
+TEST_F(hardware, a_value_that_could_not_be_read_keeps_its_start_value)
 {
     static const struct {
         const char *call;
@@ -38,12 +236,20 @@ TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
         uint32_t conn, type, level, env;
         const char *last_line;
     } cases[] = {
+        {"getlinkstatus", -8, 1, 3, 5, 5,
+         "[1] dolm_ric_ri_getlinkstatus failed, for port 1 (dolm_ric_id 131073), err=resource "
+         "busy"},
         {"getlinkstatus", -3, 1, 3, 5, 5,
          "[1] dolm_ric_ri_getlinkstatus failed, for port 1 (dolm_ric_id 131073), err=no device "
          "(e.g. port ID is unknown)"},
         {"getmoduleinfo", -1, 2, 3, 5, 5,
          "[1] dolm_ric_ri_getmoduleinfo: -1 (invalid parameter(s))"},
+        {"getmoduleinfo", -3, 2, 3, 5, 5,
+         "[4] dolm_ric_ri_getmoduleinfo: -3 (no device (e.g. port ID is unknown))"},
         {"getmoduleinfo", -4, 2, 1, 0, 1, "getmodstatus 0x20001"},
+        {"getmoduleinfo", -6, 2, 3, 5, 5,
+         "[4] dolm_ric_ri_getmoduleinfo: -6 (unsupported operation)"},
+        {"getmodulediag", -11, 2, 2, 5, 5, "[1] dolm_ric_ri_getmodulediag: -11 (internal error)"},
         {"getmodulediag", -4, 2, 2, 5, 5,
          "[4] dolm_ric_ri_getmodulediag: -4 (not available (e.g. SFP EEPROM is not available))"},
         {"getmodstatus", -2, 2, 2, 0, 5,
@@ -70,53 +276,44 @@ TEST_F(hardware, what_could_not_be_read_keeps_a_value_that_says_so)
     }
 }
 
-TEST_F(hardware, a_code_without_a_row_of_its_own_may_hold_the_speed)
+TEST_F(hardware, a_module_is_read_only_if_one_can_be_expected)
 {
-    static const struct {
-        uint32_t code, link_speed, module_speed;
-    } cases[] = {{0x0001, 12, 10},     {0x0002, 25, 100},        {0x1000, 100, 0},
-                 {0x5453000a, 10, 10}, {0x54531f40, 8000, 8000}, {0x5453ffff, 65535, 65535},
-                 {0x54530000, 0, 0},   {0x5452000a, 0, 0},       {0x5454000a, 0, 0},
-                 {0xd453000a, 0, 0},   {0x0000000a, 0, 0}};
-    ports[1].link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
-    ports[1].module.mode_type = DOLM_RIC_MODE_SFP;
-    for (const auto &its : cases) {
-        tesk_port_info port;
-        tesk_sfp_info module = {};
-        ports[1].speed = ports[1].module.sfp.sfp_eth_speed = its.code;
-        get_port_info(1, &port);
-        get_sfp_info(1, SFP_PRESENT_AND_READY, &module);
-        EXPECT_EQ(port.link_speed, its.link_speed) << its.code;
-        EXPECT_EQ(module.sfp_speed, its.module_speed) << its.code;
-    }
-}
-
-TEST_F(hardware, a_module_is_read_only_where_one_may_be)
-{
+    static const char *const read = "getmoduleinfo 0x20001";
     static const struct {
         uint32_t presence;
         int32_t code;
         uint32_t mode, result, type;
-        size_t lines;
+        log traces;
     } cases[] = {
-        {SFP_NOT_PRESENT, 0, 1, SFP_NOT_PRESENT, 0, 0},
-        {SFP_PRESENT_NOT_READY, 0, 1, SFP_NOT_PRESENT, 0, 0},
-        {UNSUPPORTED_PORT, 0, 1, SFP_NOT_PRESENT, 0, 0},
-        {SFP_UNKNOWN, 0, 1, SFP_PRESENT_AND_READY, 3, 1},
-        {SFP_PRESENT_AND_READY, 0, 2, SFP_PRESENT_AND_READY, 1, 2},
-        {SFP_PRESENT_AND_READY, -3, 1, UNSUPPORTED_PORT, 0, 1},
-        {SFP_PRESENT_AND_READY, -4, 1, SFP_NOT_PRESENT, 0, 1},
-        {SFP_UNKNOWN, -8, 1, SFP_UNKNOWN, 0, 2},
+        {SFP_NOT_PRESENT, 0, 1, SFP_NOT_PRESENT, 0, {}},
+        {SFP_PRESENT_NOT_READY, 0, 1, SFP_NOT_PRESENT, 0, {}},
+        {UNSUPPORTED_PORT, 0, 1, SFP_NOT_PRESENT, 0, {}},
+        {SFP_UNKNOWN, 0, 1, SFP_PRESENT_AND_READY, 3, {read}},
+        {SFP_PRESENT_AND_READY, 0, 1, SFP_PRESENT_AND_READY, 3, {read}},
+        {SFP_PRESENT_AND_READY,
+         0,
+         2,
+         SFP_PRESENT_AND_READY,
+         1,
+         {read, "[4] dolm_ric_ri_getmoduleinfo returned result 0 with mode_type 2!"}},
+        {SFP_PRESENT_AND_READY, -3, 1, UNSUPPORTED_PORT, 0, {read}},
+        {SFP_PRESENT_AND_READY, -4, 1, SFP_NOT_PRESENT, 0, {read}},
+        {SFP_UNKNOWN,
+         -8,
+         1,
+         SFP_UNKNOWN,
+         0,
+         {read, "[4] WARNING: dolm_ric_ri_getmoduleinfo returned result -8!"}},
     };
-    for (const auto &read : cases) {
+    for (const auto &row : cases) {
         tesk_sfp_info info = {};
-        ports[1].module.mode_type = read.mode;
+        ports[1].module.mode_type = row.mode;
         ports[1].module.sfp.sfp_connector = DOLM_SFP_CONNECTOR_OTHER;
-        fake_platform::failing = {{"getmoduleinfo", read.code}};
+        fake_platform::failing = {{"getmoduleinfo", row.code}};
         trace({1, 4});
-        EXPECT_EQ(get_sfp_info(1, read.presence, &info), read.result);
-        EXPECT_EQ(info.type, read.type);
-        EXPECT_EQ(fake_platform::take_log().size(), read.lines);
+        EXPECT_EQ(get_sfp_info(1, row.presence, &info), row.result);
+        EXPECT_EQ(info.type, row.type);
+        EXPECT_EQ(fake_platform::take_log(), row.traces);
     }
 }
 
@@ -125,9 +322,9 @@ TEST_F(hardware, only_an_optical_module_without_identity_of_its_own_is_renamed)
     static const struct {
         uint8_t connector, morvaine;
         const char *rdh;
-    } cases[] = {{DOLM_SFP_CONNECTOR_LC, 0, "Non-Morvaine"},
-                 {DOLM_SFP_CONNECTOR_LC, 1, "RDH"},
-                 {DOLM_SFP_CONNECTOR_RJ45, 0, "RDH"},
+    } cases[] = {{DOLM_SFP_CONNECTOR_LC, 0, "Non-Morvaine"}, {DOLM_SFP_CONNECTOR_LC, 1, "RDH"},
+                 {DOLM_SFP_CONNECTOR_LC, 2, "Non-Morvaine"}, {DOLM_SFP_CONNECTOR_RJ45, 0, "RDH"},
+                 {DOLM_SFP_CONNECTOR_RJ45, 1, "RDH"},        {DOLM_SFP_CONNECTOR_RJ45, 2, "RDH"},
                  {DOLM_SFP_CONNECTOR_OTHER, 0, "RDH"}};
     for (const auto &module : cases) {
         tesk_sfp_info info = {};
@@ -169,14 +366,66 @@ TEST_F(hardware, a_presence_that_cannot_be_read_does_not_stop_a_port_status_subs
     EXPECT_EQ(get_sfp_presence(1), SFP_NOT_PRESENT);
 }
 
-TEST_F(hardware, the_event_thread_survives_a_wait_that_fails_and_events_that_mean_nothing)
+TEST_F(hardware, the_event_thread_translates_events_and_survives_a_wait_that_fails)
 {
-    ports[1] = {};
-    EXPECT_EQ(tesk_portsub_add_sfp_info(1), 0);
+    static const char *const link =
+        "[12] dolm_ric_event_main(): DOLM_RICEVT_RILINKSTATUS received "
+        "for port 65535, link_status.state = %u(0 = "
+        "DOLM_RICRILINKSTATE_STOPPED, 1 = DOLM_RICRILINKSTATE_NOOPERATION, "
+        "2 = DOLM_RICRILINKSTATE_OPERATIONAL)";
+    static const char *const port =
+        "[12] dolm_ric_event_main(): DOLM_RICEVT_RIPORTSTATUS received "
+        "for port 1, port_status.status = %u(bitset of states: 0x01 = "
+        "DOLM_RICRIPORT_STARTED, 0x02 = DOLM_RICRIPORT_MODREADY, 0x04 = "
+        "DOLM_RICRIPORT_POWERFAULT, 0x08 = DOLM_RICRIPORT_MODINSERTED)";
+    const auto text = [](const char *format, uint32_t value) {
+        char line[400];
+        // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): the two formats above
+        snprintf(line, sizeof(line), format, value);
+        return std::string(line);
+    };
+    tesk_server_shutdown();
+    start({1, 12});
     dolm_ric_event other = {};
     other.type = 2;
-    for (int32_t code : {DOLM_RICERR_SHUTDOWN, DOLM_RICERR_INTERNAL})
-        fake_platform::fail_wait(code);
-    handle_events({other, port_event(1, DOLM_RICRIPORT_MODREADY)});
-    EXPECT_EQ(get_sfp_presence(1), SFP_PRESENT_AND_READY);
+    fake_platform::fail_wait(DOLM_RICERR_SHUTDOWN);
+    fake_platform::fail_wait(DOLM_RICERR_INTERNAL);
+    raise({other, link_event(65535, 2), link_event(65535, 1), link_event(65535, 0),
+           port_event(1, 0xf3), port_event(1, 0x44)});
+    EXPECT_EQ(fake_platform::take_log(),
+              (log{"[1] dolm_ric_waitevent: -10 (interface shutdown)",
+                   "[1] dolm_ric_waitevent: -11 (internal error)",
+                   "[12] dolm_ric_event_main(): unexpected dolm event(2) received", text(link, 2),
+                   text(link, 1), text(link, 0), text(port, 0xf3), text(port, 0x44),
+                   "[12] dolm_ric_event_main(): unhandled port_status(68) received"}));
+    static const uint32_t queued[][3] = {{TESK_HW_EVENT_SFP, 1, SFP_UNKNOWN},
+                                         {TESK_HW_EVENT_SFP, 1, SFP_PRESENT_AND_READY},
+                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
+                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
+                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_UP}};
+    tesk_hw_event *event = tesk_event_queue_take_all();
+    for (const auto &[type, port_no, state] : queued) {
+        ASSERT_NE(event, nullptr);
+        EXPECT_EQ(event->type, type);
+        EXPECT_EQ(event->port_no, port_no);
+        EXPECT_EQ(event->state, state);
+        free(std::exchange(event, event->next));
+    }
+    EXPECT_EQ(event, nullptr);
+}
+
+/* One of a few tries is enough: the machine may be busy. */
+TEST_F(hardware, a_failed_wait_is_retried_within_100_ms_and_not_at_once)
+{
+    using clock = std::chrono::steady_clock;
+    auto shortest = clock::duration::max();
+    for (int tries = 0; tries < 20 && shortest >= std::chrono::milliseconds(100); tries++) {
+        const auto start = clock::now();
+        fake_platform::fail_wait(DOLM_RICERR_INTERNAL);
+        raise({port_event(1, 0)});
+        shortest = std::min(shortest, clock::now() - start);
+        EXPECT_GE(shortest, std::chrono::milliseconds(2)) << "it doesn't spin";
+        free(tesk_event_queue_take_all());
+    }
+    EXPECT_LT(shortest, std::chrono::milliseconds(100));
 }

@@ -8,12 +8,14 @@
 #include <set>
 
 struct leaky_bucket : testing::Test {
-    ~leaky_bucket() override
+    leaky_bucket()
     {
         fake_platform::reset();
-        for (int32_t id = 1; id < 300; id++)
-            if (leaky_bucket_find(id) != nullptr)
-                leaky_bucket_remove(id);
+        leaky_bucket_init();
+    }
+    ~leaky_bucket() override
+    {
+        leaky_bucket_shutdown();
     }
 };
 
@@ -43,6 +45,7 @@ TEST_F(leaky_bucket, refuses_sizes_that_cannot_work)
 {
     fake_platform::reset({1});
     EXPECT_EQ(leaky_bucket_add(0, 50), -1);
+    EXPECT_EQ(leaky_bucket_add(0, -1), -1);
     EXPECT_EQ(leaky_bucket_add(100, 0), -1);
     EXPECT_EQ(leaky_bucket_add(49, 50), -1);
     EXPECT_EQ(fake_platform::take_log().back(), "[1] Invalid params for adding new leaky bucket: "
@@ -50,7 +53,7 @@ TEST_F(leaky_bucket, refuses_sizes_that_cannot_work)
     EXPECT_EQ(leaky_bucket_add(50, 50), 1);
 }
 
-TEST_F(leaky_bucket, keeps_its_level_within_limits_and_tells_the_state)
+TEST_F(leaky_bucket, keeps_its_level_within_limits_and_returns_the_state)
 {
     static const struct {
         int32_t delta, level;
@@ -70,6 +73,36 @@ TEST_F(leaky_bucket, keeps_its_level_within_limits_and_tells_the_state)
         EXPECT_EQ(fake_platform::take_log().back(),
                   "[13] Bucket(1) level-> " + std::to_string(step.level));
     }
+}
+
+TEST_F(leaky_bucket, is_reinserted_under_its_id_and_with_its_level)
+{
+    for (int32_t id = 1; id <= 3; id++)
+        ASSERT_EQ(leaky_bucket_add(100 + id, 50), id);
+    leaky_bucket_update(2, 70);
+    leaky_bucket_data *bucket = leaky_bucket_take_out(2);
+    EXPECT_EQ(leaky_bucket_find(2), nullptr);
+    leaky_bucket_reinsert(bucket);
+    EXPECT_EQ(leaky_bucket_find(2), bucket);
+    EXPECT_EQ(bucket->level, 70);
+    EXPECT_EQ(bucket->bucket_size, 102);
+    EXPECT_EQ(leaky_bucket_add(100, 50), 4);
+    /* With equal limits any level below the full one is below the filter level. */
+    const int32_t equal = leaky_bucket_add(30, 30);
+    EXPECT_EQ(leaky_bucket_update(equal, 29), LEAKY_BUCKET_BELOW_LEVEL);
+    EXPECT_EQ(leaky_bucket_get_state(equal), LEAKY_BUCKET_BELOW_LEVEL);
+    EXPECT_EQ(leaky_bucket_update(equal, 1), LEAKY_BUCKET_LEVEL_REACHED);
+    EXPECT_EQ(leaky_bucket_get_state(equal), LEAKY_BUCKET_LEVEL_REACHED);
+}
+
+TEST_F(leaky_bucket, traces_its_insertion_and_removal)
+{
+    fake_platform::reset({1, 13});
+    EXPECT_EQ(leaky_bucket_add(100, 50), 1);
+    leaky_bucket_remove(1);
+    EXPECT_EQ(fake_platform::take_log(),
+              (std::vector<std::string>{"[13] Bucket(1) inserted to the list",
+                                        "[13] Bucket(1) removed from the list"}));
 }
 
 TEST_F(leaky_bucket, traces_an_id_that_it_does_not_have)

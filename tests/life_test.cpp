@@ -2,10 +2,15 @@
 /* Start, failed starts, stop: the unchanged executable on scripted libraries, and the ends of a
    process that a broken mutex brings about. */
 #include "tesk_server/tesk_client_data.h"
-#include "testkit/fake_platform/server_fixture.h"
+#include "testkit/fake_platform/client_fixture.h"
 
+#include <algorithm>
 #include <csignal>
+#include <deque>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,9 +27,35 @@ struct outcome {
     int status;
 };
 
-/* Runs the executable. `stop_at`: SIGTERM is sent when this line and that of the event thread,
-   which may be the one that it hits, have come. */
-static outcome run_server(const char *failing, const std::string &stop_at, bool pending = false)
+/* The threads of a process by name, and the signals that each has blocked. */
+static std::map<std::string, std::pair<pid_t, uint64_t>> threads_of(pid_t process)
+{
+    std::map<std::string, std::pair<pid_t, uint64_t>> threads;
+    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+    for (const auto &task : std::filesystem::directory_iterator(tasks)) {
+        std::ifstream status(task.path() / "status");
+        std::string word, name;
+        while (status >> word) {
+            if (word == "Name:")
+                status >> name;
+            if (word == "SigBlk:") {
+                status >> word;
+                threads[name] = {std::stoi(task.path().filename()), std::stoull(word, nullptr, 16)};
+            }
+        }
+    }
+    return threads;
+}
+
+static void stop_process(pid_t process)
+{
+    kill(process, SIGTERM);
+}
+
+/* Runs the executable. `stop` is called when the line `stop_at` and that of the event thread, which
+   may be the one that a signal hits, have come. */
+static outcome run_server(const char *failing, const std::string &stop_at, bool pending = false,
+                          void (*stop)(pid_t process) = stop_process)
 {
     int out[2];
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
@@ -36,10 +67,10 @@ static outcome run_server(const char *failing, const std::string &stop_at, bool 
         dup2(out[1], STDOUT_FILENO);
         dup2(out[1], STDERR_FILENO);
         if (pending) {
-            sigset_t stop;
-            sigemptyset(&stop);
-            sigaddset(&stop, SIGTERM);
-            sigprocmask(SIG_BLOCK, &stop, nullptr);
+            sigset_t blocked;
+            sigemptyset(&blocked);
+            sigaddset(&blocked, SIGTERM);
+            sigprocmask(SIG_BLOCK, &blocked, nullptr);
             raise(SIGTERM);
         }
         execl(TESK_BIN_DIR "/tesk-server", "tesk-server", nullptr);
@@ -57,7 +88,7 @@ static outcome run_server(const char *failing, const std::string &stop_at, bool 
         else
             result.log.push_back(text);
         if (thread_started && !result.log.empty() && result.log.back() == stop_at)
-            kill(child, SIGTERM);
+            stop(child);
     }
     fclose(stream);
     int status;
@@ -72,7 +103,7 @@ static lines operator+(lines left, const lines &right)
     return left;
 }
 
-TEST(life, starts_and_stops_in_order)
+TEST(process, starts_and_stops_in_order)
 {
     const lines signalled = {"[4] Received signal 15, terminating..."};
     const outcome run = run_server("", "[4] TESK server started!");
@@ -80,7 +111,33 @@ TEST(life, starts_and_stops_in_order)
     EXPECT_EQ(run.status, 0);
 }
 
-TEST(life, a_stop_that_came_before_the_start_is_an_orderly_stop)
+/* Only SIGTERM and SIGINT are open, in both threads, and the event thread may be the one to handle
+   them. */
+TEST(process, a_stop_signal_to_the_event_thread_alone_stops_the_server)
+{
+    for (const auto stop :
+         {+[](pid_t process) {
+              const auto threads = threads_of(process);
+              ASSERT_EQ(threads.count("tesk-server"), 1u);
+              ASSERT_EQ(threads.count("tesk-s-dolm-e"), 1u);
+              for (const auto &[name, thread] : threads)
+                  for (int number :
+                       {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGTERM,
+                        SIGCHLD, SIGTSTP, SIGWINCH, SIGIO, SIGRTMIN, SIGRTMAX})
+                      EXPECT_EQ(thread.second >> (number - 1) & 1,
+                                number != SIGINT && number != SIGTERM)
+                          << name << ", " << number;
+              syscall(SYS_tgkill, process, threads.at("tesk-s-dolm-e").first, SIGTERM);
+          },
+          +[](pid_t process) { kill(process, SIGINT); }}) {
+        const outcome run = run_server("", "[4] TESK server started!", false, stop);
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.log.size(), starting.size() + 1 + stopping.size());
+        EXPECT_EQ(run.log.at(starting.size()).substr(0, 20), "[4] Received signal ");
+    }
+}
+
+TEST(process, a_stop_signal_from_before_the_start_stops_the_server_cleanly)
 {
     const outcome run = run_server("", "", true);
     EXPECT_EQ(run.status, 0);
@@ -89,7 +146,7 @@ TEST(life, a_stop_that_came_before_the_start_is_an_orderly_stop)
     EXPECT_EQ(run.log.back(), stopping.back());
 }
 
-TEST(life, a_failed_start_says_why_and_ends_in_the_same_order)
+TEST(process, a_failed_start_reports_the_reason_and_ends_in_order)
 {
     const lines without_hardware = {"tmo_service_stop", "mbx_delete_mailbox", "mbx_exit",
                                     "[4] TESK server terminated"};
@@ -113,14 +170,14 @@ TEST(life, a_failed_start_says_why_and_ends_in_the_same_order)
         const lines begun(starting.begin(), starting.begin() + static_cast<long>(failure.started));
         lines expected =
             begun + failure.said + (failure.status == 255 ? stopping : without_hardware);
-        if (failure.started == 1) /* the trace library has not told a mask yet */
+        if (failure.started == 1) /* the mask is not set yet */
             expected.pop_back();
         EXPECT_EQ(run.log, expected);
         EXPECT_EQ(run.status, failure.status);
     }
 }
 
-TEST(life, a_timer_service_that_fails_does_not_stop_the_start)
+TEST(process, a_timer_service_that_fails_does_not_stop_the_start)
 {
     const outcome run = run_server("tmo_service_init", "[4] TESK server started!");
     EXPECT_EQ(run.log.at(6), "[1] Timer Service failed to start!");
@@ -130,12 +187,17 @@ TEST(life, a_timer_service_that_fails_does_not_stop_the_start)
 
 /* The linker sends the server's own calls here. */
 static bool lock_fails, unlock_fails;
+static bool was_queue_open_at_join;
+static std::deque<int (*)(epoll_event *events)> wake_ups;
 
 extern "C" {
 int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
 int __real_pthread_mutex_unlock(pthread_mutex_t *mutex);
 int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex);
 int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex);
+int __real_pthread_join(pthread_t thread, void **result);
+int __wrap_pthread_join(pthread_t thread, void **result);
+int __wrap_epoll_wait(int fd, epoll_event *events, int size, int timeout);
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex)
 {
@@ -146,19 +208,105 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex)
 {
     return unlock_fails ? EPERM : __real_pthread_mutex_unlock(mutex);
 }
+
+int __wrap_pthread_join(pthread_t thread, void **result)
+{
+    const int code = __real_pthread_join(thread, result);
+    was_queue_open_at_join = fcntl(tesk_event_queue_get_fd(), F_GETFD) != -1;
+    return code;
 }
 
-TEST(life, a_broken_mutex_ends_the_process)
+int __wrap_epoll_wait(int, epoll_event *events, int size, int timeout)
+{
+    EXPECT_TRUE(size == 2 && timeout == -1);
+    const auto wake_up = wake_ups.front();
+    wake_ups.pop_front();
+    return wake_up(events);
+}
+}
+
+class life : public client_fixture
+{
+};
+
+TEST_F(life, a_broken_mutex_ends_the_process)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     static void (*const uses[])() = {
         [] { tesk_client_find(0, 0); },
         [] { tesk_client_find_by_sender(0); },
+        [] { tesk_client_add(7, 7); },
+        [] { tesk_client_remove(tesk_client_first()); },
         [] { tesk_client_data_reset(); },
+        [] {
+            tesk_event_queue_put(static_cast<tesk_hw_event *>(calloc(1, sizeof(tesk_hw_event))));
+        },
+        [] { tesk_event_queue_take_all(); },
         [] { tesk_event_queue_shutdown(); },
     };
+    connect(alice);
+    tesk_event_queue_put(static_cast<tesk_hw_event *>(calloc(1, sizeof(tesk_hw_event))));
     for (const auto use : uses) {
         EXPECT_EXIT((lock_fails = true, use()), testing::ExitedWithCode(255), "");
         EXPECT_EXIT((unlock_fails = true, use()), testing::ExitedWithCode(254), "");
     }
+    /* Neither is held when an operation has returned. */
+    tesk_client_data_reset();
+    free(tesk_event_queue_take_all());
+}
+
+/* While the library shuts down, its thread still has a queue to put events into. */
+TEST_F(life, the_queue_outlives_the_event_thread)
+{
+    fake_platform::last_events = {port_event(3, 1), link_event(3, 2)};
+    fake_platform::take_log();
+    tesk_server_shutdown();
+    EXPECT_EQ(fake_platform::freed_events(), 3);
+    EXPECT_TRUE(was_queue_open_at_join);
+    EXPECT_EQ(tesk_event_queue_get_fd(), -1);
+    start({});
+    pollfd fd = {tesk_event_queue_get_fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&fd, 1, 0), 0) << "nothing is left of the events at the end";
+    /* A wait that fails while the library stops ends the thread, too. */
+    fake_platform::last_wait = DOLM_RICERR_SHUTDOWN;
+    tesk_server_shutdown();
+    EXPECT_EQ(fake_platform::freed_events(), 0);
+}
+
+/* An interrupted wait is repeated; of the two events of one wake-up the second is not handled once
+   the first has stopped the server. */
+TEST_F(life, the_loop_ends_with_the_exit_signal_and_handles_nothing_after_it)
+{
+    tesk_server_shutdown();
+    fake_platform::reset({1, 4});
+    sigset_t mask;
+    struct sigaction terminate, interrupt;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    sigaction(SIGTERM, nullptr, &terminate);
+    sigaction(SIGINT, nullptr, &interrupt);
+    fake_platform::failing["zel_init"] = 4;
+    wake_ups = {};
+    wake_ups.push_back([](epoll_event *) { return -1; });
+    wake_ups.push_back([](epoll_event *events) {
+        fake_platform::deliver(stranger, TESK_EXIT_SIGNAL, {});
+        events[0] = {.events = EPOLLIN, .data = {.u32 = 1}};
+        return 1;
+    });
+    wake_ups.push_back([](epoll_event *events) {
+        auto *event = static_cast<tesk_hw_event *>(calloc(1, sizeof(tesk_hw_event)));
+        event->type = 7;
+        tesk_event_queue_put(event);
+        fake_platform::deliver(fake_platform::own_mailbox, TESK_EXIT_SIGNAL, {});
+        events[0] = {.events = EPOLLIN, .data = {.u32 = 1}};
+        events[1] = {.events = EPOLLIN, .data = {.u32 = 0}};
+        return 2;
+    });
+    EXPECT_EQ(tesk_run(), 0);
+    EXPECT_TRUE(wake_ups.empty());
+    const auto found = fake_platform::take_log();
+    EXPECT_EQ(std::ranges::count(found, "[1] Unknown event: 7"), 0);
+    EXPECT_EQ(std::ranges::count(found, "[4] TESK server terminated"), 1);
+    sigaction(SIGTERM, &terminate, nullptr);
+    sigaction(SIGINT, &interrupt, nullptr);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }

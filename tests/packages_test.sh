@@ -54,9 +54,12 @@ say "using"
 start_server
 expect 0 "operational" as nobody:tesk teskctl status 0
 expect 3 'group "tesk"' as nobody:nogroup teskctl status 0
+expect 0 "41.5" as nobody:tesk python3 -c \
+    'import tesk_client; print(tesk_client.Session().pm(0).temperature_c)'
 expect 0 "" as nobody:tesk teskboard link 0 down
 expect 0 '"link":"not operational"' as nobody:tesk teskctl --json status 0
 expect 0 "everything" as nobody:nogroup tesk-abi-check "/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)"
+expect 0 "tesk-exporter 1." as nobody:tesk tesk-exporter --version
 kill -9 "$server"
 wait "$server" 2>/dev/null || true
 start_server
@@ -75,7 +78,7 @@ expect 0 "rc " chroot "$root" dpkg-query -W -f '${db:Status-Abbrev}' tesk-platfo
 expect 0 "ii " chroot "$root" dpkg-query -W -f '${db:Status-Abbrev}' tesk-server
 
 say "purging"
-apt purge 'tesk-*' 'libtesk-*'
+apt purge 'tesk-*' 'libtesk-*' 'python3-tesk-*'
 rm -r "$root/packages"
 left=$(
     find "$root" -xdev -iname '*tesk*' -o -iname '*mbx*' -o -iname '*dolm_ric*' -o -name 'libzel*'
@@ -83,4 +86,11 @@ left=$(
     grep -rs --exclude='*-' tesk "$root/etc" "$root/var/lib/systemd" "$root/var/lib/dpkg/status"
 ) || true
 [ -z "$left" ] || fail "left behind: $left"
+say "keeping an account that is not ours"
+chroot "$root" useradd --system --user-group --comment tesk-server tesk
+mkdir "$root/packages"
+cp build/packages/*.deb "$root/packages/"
+apt install "${packages[@]#"$root"}"
+apt purge 'tesk-*' 'libtesk-*'
+expect 0 "tesk:" as root:root getent passwd tesk
 say "installed, used, replaced and purged"

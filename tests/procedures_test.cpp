@@ -1,138 +1,195 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The client's procedures on a scripted board: bytes, order of checks, library calls and traces. */
-#include "testkit/fake_platform/server_fixture.h"
-
-#include <cstring>
+/* The requests of clients: bytes, order of the checks, library calls and traces. */
+#include "testkit/fake_platform/client_fixture.h"
 
 using fake_platform::ports;
 using fake_platform::sent;
 
-static constexpr uint32_t alice = 0x71, bob = 0x72, carol = 0x73, stranger = 0x99;
-static constexpr uint32_t subscribe_info = TESK_SUBSCRIBE_SFP_INFO_REQ,
-                          unsubscribe_info = TESK_UNSUBSCRIBE_SFP_INFO_REQ,
-                          subscribe_status = TESK_SUBSCRIBE_PORT_STATUS_REQ,
-                          unsubscribe_status = TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
-                          get_counters = TESK_GET_PM_COUNTERS_REQ;
+using procedures = client_fixture;
 
-/* `digits` are hexadecimal; spaces group them for the reader. */
-static void expect_bytes(const fake_platform::sent_signal &signal, size_t from, std::string digits)
+using texts = std::vector<std::string>;
+
+static texts signal_texts(const std::vector<fake_platform::trace_record> &records)
 {
-    std::string found;
-    char pair[3];
-    std::erase(digits, ' ');
-    for (size_t at = from; at < from + digits.size() / 2; found += pair, at++)
-        snprintf(pair, sizeof(pair), "%02x", signal.bytes.at(at));
-    EXPECT_EQ(found, digits);
+    texts found;
+    for (const auto &record : records) {
+        char signal[40];
+        snprintf(signal, sizeof(signal), "0x%x to 0x%x: ", record.signal.number,
+                 record.signal.receiver);
+        found.push_back(signal + record.text);
+    }
+    return found;
 }
 
-static void copy(char *field, const char *text)
+static void append(texts &to, const texts &more)
 {
-    memcpy(field, text, strlen(text));
+    to.insert(to.end(), more.begin(), more.end());
 }
 
-/* A module whose texts fill their fields to the last byte. */
-static fake_platform::port optical_port()
+/* The identity of optical_port; the text of the revision differs between two procedures. */
+static texts identity_traces(const std::string &revision)
 {
-    fake_platform::port port;
-    port.status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODINSERTED | DOLM_RICRIPORT_MODREADY;
-    port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
-    port.speed = 0x0040;
-    port.module.mode_type = 1;
-    dolm_sfp_info &sfp = port.module.sfp;
-    sfp.sfp_connector = DOLM_SFP_CONNECTOR_LC;
-    sfp.sfp_eth_speed = DOLM_SFP_ETHSPEED_10GB;
-    sfp.sfp_morvaine = DOLM_SFP_MORVAINE_MONI;
-    copy(sfp.sfp_vendor_name, "ABCDEFGHIJKLMNOPQ");
-    copy(sfp.sfp_vendor_oui, "xyz");
-    copy(sfp.sfp_vendor_pn, "PN-1");
-    copy(sfp.sfp_vendor_rev, "R1234");
-    copy(sfp.sfp_vendor_sn, "SN-1");
-    copy(sfp.sfp_date_code, "20260101WXYZ");
-    copy(sfp.sfp_morvaine_rdh, "RDH 123456789AB");
-    copy(sfp.sfp_morvaine_rdh_ext, "EXT456");
-    port.module_status.status = 2;
-    /* Low and high bound that warns, low and high one that alarms, value; the bounds of the voltage
-       are beyond the signed range. */
-    port.diag = {0,    1,          0x1f, -30000,     80000,   -40000, 90000, -5000, //
-                 0,    0x80000000, 0,    0x90000000, 3300000,                       //
-                 7000, 0,          0,    0,          6005,                          //
-                 0,    400,        0,    500,        500,                           //
-                 0,    600,        0,    700,        600,     {}};
-    return port;
+    return {"[12] Values for sfp_connector: DOLM_SFP_CONNECTOR_UNSPEC = 0x0, "
+            "DOLM_SFP_CONNECTOR_LC = 0x1, DOLM_SFP_CONNECTOR_RJ45 = 0x2, "
+            "DOLM_SFP_CONNECTOR_OTHER = 0xff",
+            "[12] Values for sfp_eth_speed: DOLM_SFP_ETHSPEED_UNSPEC = 0x0, "
+            "DOLM_SFP_ETHSPEED_1000MB = 0x1, DOLM_SFP_ETHSPEED_10GB = 0x2",
+            "[12] Values for sfp_eth_compliance: DOLM_SFP_ETHCOMP_UNSPEC = 0x000, "
+            "DOLM_SFP_ETHCOMP_10GBASE_ER = 0x001, DOLM_SFP_ETHCOMP_10GBASE_LRM = 0x002, "
+            "DOLM_SFP_ETHCOMP_10GBASE_LR = 0x004, DOLM_SFP_ETHCOMP_10GBASE_SR = 0x008, "
+            "DOLM_SFP_ETHCOMP_1000BASE_T = 0x010, DOLM_SFP_ETHCOMP_1000BASE_CX = 0x020, "
+            "DOLM_SFP_ETHCOMP_1000BASE_LX = 0x040, DOLM_SFP_ETHCOMP_1000BASE_SX = 0x080, "
+            "DOLM_SFP_ETHCOMP_1000BASE_BX = 0x100, DOLM_SFP_ETHCOMP_1000BASE_ZX = 0x200",
+            "[12] Values for sfp_morvaine: DOLM_SFP_MORVAINE_NONE = 0x0, "
+            "DOLM_SFP_MORVAINE_MONI = 0x1",
+            "[12] Values for sfp_type: DOLM_SFP_TYPE_UNKNOWN = 0x0, DOLM_SFP_TYPE_OPTICAL = 0x1, "
+            "DOLM_SFP_TYPE_BASET = 0x2, DOLM_SFP_TYPE_DAC_PASSIVE = 0x3, "
+            "DOLM_SFP_TYPE_DAC_ACTIVE = 0x4",
+            "[12] sfp->sfp_connector = 1, sfp_eth_speed = 2, sfp_eth_compliance = 68, "
+            "sfp_nom_bitrate = 103, sfp_vendor_name = ABCDEFGHIJKLMNOPQ",
+            "[12] sfp_vendor_oui = xyz, sfp_vendor_pn = PN-1, sfp_vendor_rev = " + revision +
+                "sfp_vendor_sn = SN-1, sfp_date_code = 20260101WXYZ, sfp_morvaine = 1",
+            "[12] sfp_morvaine_rdh = RDH 123456789AB"};
 }
 
-class procedures : public server_fixture
+/* The traces of received signals are in host order, as are those of sent ones, which the fake
+   platform compares with the signal. */
+TEST_F(procedures, each_signal_is_traced_with_its_number_receiver_and_text)
 {
-  protected:
-    void SetUp() override
-    {
-        server_fixture::SetUp();
-        ports[3] = optical_port();
+    static const struct {
+        uint32_t number;
+        std::vector<uint32_t> words;
+        log traces;
+    } steps[] = {
+        {TESK_CONN_ESTABLISH_REQ,
+         {9, 1113, 2, 7, 1},
+         {"0x1648400 to 0x0: Received TESK_CONN_ESTABLISH_REQ: sender: 0x71, connection_ref: 1113, "
+          "procedure_ref: 9, number_of_rev = 2",
+          "0x1648400 to 0x0: protocol_rev[0] = 7\n", "0x1648400 to 0x0: protocol_rev[1] = 1\n",
+          "0x1648401 to 0x71: Sent signal TESK_CONN_ESTABLISH_CFM:connection_ref: 0 procedure_ref: "
+          "9protocol_rev: 1 mbox: 0x71"}},
+        {TESK_CONN_ESTABLISH_REQ,
+         {0xffffffff, 8, 0},
+         {"0x1648400 to 0x0: Received TESK_CONN_ESTABLISH_REQ: sender: 0x71, connection_ref: 8, "
+          "procedure_ref: 4294967295, number_of_rev = 0",
+          "0x1648402 to 0x71: Sent signal TESK_CONN_ESTABLISH_REJ:connection_ref: 0 procedure_ref: "
+          "-1 error_code: 1, error_description: client id 0 has already established connection, "
+          "mbox: 0x71"}},
+        {TESK_GET_CAPABILITIES_REQ,
+         {77, 0},
+         {"0x1648403 to 0x0: Received TESK_GET_CAPABILITIES_REQ: sender: 0x71, procedure_ref: 77, "
+          "connection_ref: 0",
+          "0x1648404 to 0x71: Sent signal TESK_GET_CAPABILITIES_CFM:connection_ref: 1113 "
+          "procedure_ref: 77 number_of_capabilities: 3 sender id: 0x71"}},
+        {subscribe_info,
+         {5, 0, 3},
+         {"0x1648406 to 0x0: Received TESK_SUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: 5, "
+          "connection_ref: 0, port: 3",
+          "0x1648407 to 0x71: Sent signal TESK_SUBSCRIBE_SFP_INFO_CFM:procedure_ref: 5, "
+          "connection_ref: 1113, mbox: 0x71, port_no: 3",
+          "0x1648409 to 0x71: Sent signal TESK_SFP_INFO_IND:procedure_ref: 5, connection_ref: "
+          "1113, "
+          "mbox: 0x71, port_no: 3, type: Present Optical"}},
+        {subscribe_info,
+         {6, 0, 65535},
+         {"0x1648406 to 0x0: Received TESK_SUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: 6, "
+          "connection_ref: 0, port: 65535",
+          "0x1648408 to 0x71: Sent signal TESK_SUBSCRIBE_SFP_INFO_REJ:procedure_ref: 6, "
+          "connection_ref: 1113, error_code: 2, error_description: invalid port, mbox: 0x71, "
+          "port_no: 65535"}},
+        {get_counters,
+         {7, 0, 3},
+         {"0x164840a to 0x0: Received TESK_GET_PM_COUNTERS_REQ:sender:0x71, procedure_ref: 7, "
+          "connection_ref: 0, port: 3",
+          "0x164840b to 0x71: Sent signal TESK_GET_PM_COUNTERS_CFM: procedure_ref: 7, "
+          "connection_ref: 1113, mbox: 0x71, port_no: 3, pm_sfp_type: 2, "
+          "has_pm_loss_of_frame_count: 0, pm_loss_of_frame_count: 0, has_pm_loss_of_signal_count: "
+          "1, pm_loss_of_signal_count: 3, has_pm_bit_error_count: 0, ber_level10_8: 0, "
+          "ber_level10_7: 0, ber_level10_6: 0, ber_level10_5: 0, ber_level10_4: 0, ber_level10_3: "
+          "0has_pm_sfp_tx_power: 1, pm_sfp_tx_power: 500, has_pm_sfp_rx_power: 1, "
+          "pm_sfp_rx_power: 600, has_pm_sfp_temperature: 1, pm_sfp_temperature: 4294967247, "
+          "has_pm_sfp_voltage: 1, pm_sfp_voltage: 33000, has_pm_sfp_tx_bias: 1, pm_sfp_tx_bias: "
+          "601"}},
+        {get_counters,
+         {8, 0, 4},
+         {"0x164840a to 0x0: Received TESK_GET_PM_COUNTERS_REQ:sender:0x71, procedure_ref: 8, "
+          "connection_ref: 0, port: 4",
+          "0x164840c to 0x71: Sent signal TESK_GET_PM_COUNTERS_REJ:procedure_ref: 8, "
+          "connection_ref: 1113, error_code: 1, error_description: no device (e.g. port ID is "
+          "unknown), mbox: 0x71, port_no: 4"}},
+        {unsubscribe_info,
+         {9, 0, 3},
+         {"0x164840d to 0x0: Received TESK_UNSUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: "
+          "9, connection_ref: 0, port: 3",
+          "0x164840e to 0x71: Sent signal TESK_UNSUBSCRIBE_SFP_INFO_CFM:procedure_ref: 9, "
+          "connection_ref: 1113, mbox: 0x71, port_no: 3"}},
+        {unsubscribe_info,
+         {10, 0, 3},
+         {"0x164840d to 0x0: Received TESK_UNSUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: "
+          "10, connection_ref: 0, port: 3",
+          "0x164840f to 0x71: Sent signal TESK_UNSUBSCRIBE_SFP_INFO_REJ:procedure_ref: 10, "
+          "connection_ref: 1113, error_code: 1, error_description: client is not subscribed, mbox: "
+          "0x71, port_no: 3"}},
+        {subscribe_status,
+         {11, 0, 3, 0x01020304},
+         {"0x1648410 to 0x0: Received TESK_SUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, procedure_ref: "
+          "11, connection_ref: 0, port: 3",
+          "0x1648411 to 0x71: Sent signal TESK_SUBSCRIBE_PORT_STATUS_CFM:procedure_ref: 11, "
+          "connection_ref: 1113, mbox: 0x71, port_no: 3",
+          "0x1648413 to 0x71: Sent signal TESK_PORT_STATUS_IND:procedure_ref: 11, connection_ref: "
+          "1113, mbox: 0x71, port_no: 3, conn_status: OPERATIONAL, link_speed: 10.1 Gbps"}},
+        {subscribe_status,
+         {12, 0, 3, 0},
+         {"0x1648410 to 0x0: Received TESK_SUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, procedure_ref: "
+          "12, connection_ref: 0, port: 3",
+          "0x1648412 to 0x71: Sent signal TESK_SUBSCRIBE_PORT_STATUS_REJ:procedure_ref: 12, "
+          "connection_ref: 1113, error_code: 1, error_description: already subscribed, mbox: 0x71, "
+          "port_no: 3"}},
+        {unsubscribe_status,
+         {13, 0, 3},
+         {"0x1648414 to 0x0: Received TESK_UNSUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, "
+          "procedure_ref: 13, connection_ref: 0, port: 3",
+          "0x1648415 to 0x71: Sent signal TESK_UNSUBSCRIBE_PORT_STATUS_CFM:procedure_ref: 13, "
+          "connection_ref: 1113, mbox: 0x71, port_no: 3"}},
+        {unsubscribe_status,
+         {14, 0, 3},
+         {"0x1648414 to 0x0: Received TESK_UNSUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, "
+          "procedure_ref: 14, connection_ref: 0, port: 3",
+          "0x1648416 to 0x71: Sent signal TESK_UNSUBSCRIBE_PORT_STATUS_REJ:procedure_ref: 14, "
+          "connection_ref: 1113, error_code: 1, error_description: client is not subscribed, mbox: "
+          "0x71, port_no: 3"}},
+        {MBX_MONITOR_DEFAULT_NO,
+         {},
+         {"0x1901001 to 0x0: Received MBX_MONITOR_DEFAULT_NO: sender: 0x71"}},
+    };
+    ports[3].module_status.status = 3;
+    trace({17, 18});
+    for (const auto &step : steps) {
+        send(alice, step.number, step.words);
+        const auto records = fake_platform::take_traces();
+        EXPECT_EQ(signal_texts(records), step.traces);
+        for (size_t word = 0; word < step.words.size(); word++)
+            EXPECT_EQ(records.at(0).signal.host_word(4 + 4 * word), step.words[word]) << word;
     }
-    static void subscribe(uint32_t client, uint32_t reference, uint32_t port, uint32_t kind,
-                          uint32_t procedure = 5)
-    {
-        if (kind == TESK_SUBSCRIBE_PORT_STATUS_REQ)
-            send(client, kind, {procedure, reference, port, 0});
-        else
-            send(client, kind, {procedure, reference, port});
-        ASSERT_EQ(sent.at(0).number, kind + 1);
-    }
-    static void expect_log(const log &expected, int line = __builtin_LINE())
-    {
-        EXPECT_EQ(fake_platform::take_log(), expected) << "line " << line;
-    }
-    /* The reference of a client that has just connected and subscribed. */
-    static uint32_t subscriber(uint32_t client, uint32_t port, uint32_t kind)
-    {
-        const uint32_t reference = connect(client);
-        subscribe(client, reference, port, kind);
-        return reference;
-    }
-    /* Number and receiver of each signal that went out. */
-    using numbers = std::vector<std::pair<uint32_t, uint32_t>>;
-    static numbers told()
-    {
-        numbers pairs;
-        for (const auto &signal : sent)
-            pairs.emplace_back(signal.number, signal.receiver);
-        return pairs;
-    }
-    static void lose(uint32_t client)
-    {
-        fake_platform::deliver_host(client, MBX_MONITOR_DEFAULT_NO, {});
-        tesk_handle_mailbox();
-    }
-    static void expect_rejection(uint32_t number, uint32_t code, const std::string &text)
-    {
-        ASSERT_EQ(sent.size(), 1u);
-        EXPECT_EQ(sent[0].number, number);
-        const bool establishment = number == TESK_CONN_ESTABLISH_REJ;
-        EXPECT_EQ(sent[0].bytes.size(), establishment ? 272u : 276u);
-        EXPECT_EQ(sent[0].word(establishment ? 12 : 16), code);
-        EXPECT_EQ(sent[0].text(establishment ? 16 : 20), text);
-        EXPECT_EQ(sent[0].bytes.back(), 0);
-    }
-};
+}
 
-TEST_F(procedures, a_connection_is_given_the_servers_reference)
+TEST_F(procedures, a_connection_gets_the_servers_reference)
 {
-    trace({12, 17, 18});
+    trace({12, 17});
     send(alice, TESK_CONN_ESTABLISH_REQ, {9, 7, 3, 7, 1, 9});
     ASSERT_EQ(sent.size(), 1u);
     expect_bytes(sent[0], 0, "0184640100000009 00000000 00000001");
+    EXPECT_EQ(sent[0].bytes.size(), 16u);
     expect_log({"[17] Received TESK_CONN_ESTABLISH_REQ: sender: 0x71, connection_ref: 7, "
                 "procedure_ref: 9, number_of_rev = 3",
                 "[17] protocol_rev[0] = 7\n", "[17] protocol_rev[1] = 1\n",
                 "[17] protocol_rev[2] = 9\n", "[12] Starting monitoring of client 0",
-                "monitor 0x71",
-                "[18] Sent signal TESK_CONN_ESTABLISH_CFM:connection_ref: 0 procedure_ref: "
-                "9protocol_rev: 1 mbox: 0x71",
-                "send 0x1648401 to 0x71"});
+                "monitor 0x71", "send 0x1648401 to 0x71"});
     EXPECT_EQ(connect(bob), 1u);
+    /* Its connection comes first, whatever it offers. */
     send(alice, TESK_CONN_ESTABLISH_REQ, {3, 8, 1, 2});
     expect_rejection(TESK_CONN_ESTABLISH_REJ, 1, "client id 0 has already established connection");
-    EXPECT_EQ(sent[0].word(8), 0u);
+    expect_bytes(sent[0], 4, "00000003 00000000");
 }
 
 TEST_F(procedures, revisions_count_only_as_far_as_the_signal_reaches)
@@ -210,21 +267,25 @@ TEST_F(procedures, a_request_that_matches_no_client_is_only_traced)
 
 TEST_F(procedures, capabilities_are_the_same_forty_bytes)
 {
-    const uint32_t reference = connect(alice);
+    const uint32_t reference = subscriber(alice, 3, subscribe_status);
     send(alice, TESK_GET_CAPABILITIES_REQ, {77, reference});
     EXPECT_EQ(sent.at(0).bytes.size(), 40u);
     expect_bytes(sent.at(0), 0,
                  "04846401 0000004d 00000459 00000003 0000000100000008 0000000200000008 "
                  "0000000300000008");
+    send(alice, get_counters, {78, reference, 3});
+    handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
+    EXPECT_EQ(sent.at(0).word(4), 5u) << "neither request changes the stored reference";
 }
 
-TEST_F(procedures, a_module_is_told_as_120_bytes)
+TEST_F(procedures, a_module_is_reported_in_120_bytes)
 {
     ports[0x1234] = optical_port();
     const uint32_t reference = connect(alice);
-    trace({12, 17, 18});
+    trace({12});
     send(alice, subscribe_info, {0x0a0b0c0d, reference, 0x1234});
-    EXPECT_EQ(told(), (numbers{{TESK_SUBSCRIBE_SFP_INFO_CFM, alice}, {TESK_SFP_INFO_IND, alice}}));
+    EXPECT_EQ(sent_numbers(),
+              (numbers{{TESK_SUBSCRIBE_SFP_INFO_CFM, alice}, {TESK_SFP_INFO_IND, alice}}));
     expect_bytes(sent[0], 0, "07846401 0a0b0c0d 00000459 00001234");
     expect_bytes(sent[1], 0,
                  "09846401 0a0b0c0d 00000459 00001234 00000002 00000001 "
@@ -232,25 +293,19 @@ TEST_F(procedures, a_module_is_told_as_120_bytes)
                  "4142434445464748494a4b4c4d4e4f50 00 504e2d31 00000000000000000000000000 "
                  "5231323334 00 3230323630313031575859 00 534e2d31 "
                  "00000000000000000000000000 0000 00000064");
-    const auto lines = fake_platform::take_log();
-    ASSERT_EQ(lines.size(), 18u);
-    EXPECT_EQ(lines[0], "[17] Received TESK_SUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: "
-                        "168496141, connection_ref: 0, port: 4660");
-    EXPECT_EQ(lines[1], "subsport 0x21234");
-    EXPECT_EQ(lines[2],
-              "[12] subscribe_sfp_info(): dolm_ric_ri_subsport resulted with 0 and port_status 11");
-    EXPECT_EQ(lines[3], "[12] Successfully subscribed for sfp info on port 4660 with sfp_presence "
-                        "SFP_PRESENT_AND_READY");
-    EXPECT_EQ(lines[4], "[12] SFP info subscription contains sfp presence SFP_PRESENT_AND_READY");
-    EXPECT_EQ(lines[5], "getmoduleinfo 0x21234");
-    EXPECT_EQ(lines[12], "[12] sfp_vendor_oui = xyz, sfp_vendor_pn = PN-1, sfp_vendor_rev = "
-                         "R1234sfp_vendor_sn = SN-1, sfp_date_code = 20260101WXYZ, "
-                         "sfp_morvaine = 1");
-    EXPECT_EQ(lines[16], "[18] Sent signal TESK_SFP_INFO_IND:procedure_ref: 168496141, "
-                         "connection_ref: 1113, mbox: 0x71, port_no: 4660, type: Present Optical");
+    log expected = {"subsport 0x21234",
+                    "[12] subscribe_sfp_info(): dolm_ric_ri_subsport resulted with 0 and "
+                    "port_status 11",
+                    "[12] Successfully subscribed for sfp info on port 4660 with sfp_presence "
+                    "SFP_PRESENT_AND_READY",
+                    "[12] SFP info subscription contains sfp presence SFP_PRESENT_AND_READY",
+                    "getmoduleinfo 0x21234"};
+    append(expected, identity_traces("R1234"));
+    append(expected, {"send 0x1648407 to 0x71", "send 0x1648409 to 0x71"});
+    expect_log(expected);
 }
 
-TEST_F(procedures, a_port_is_told_as_96_bytes)
+TEST_F(procedures, a_port_is_reported_in_96_bytes)
 {
     const uint32_t reference = connect(alice);
     trace({12, 18});
@@ -324,7 +379,7 @@ TEST_F(procedures, refusals_come_in_the_order_of_the_checks)
     }
 }
 
-TEST_F(procedures, a_port_unknown_to_the_read_gives_its_count_back_before_the_rejection)
+TEST_F(procedures, a_port_unknown_to_the_read_is_uncounted_before_the_rejection)
 {
     const uint32_t first = subscriber(alice, 3, subscribe_info);
     const uint32_t second = connect(bob);
@@ -338,199 +393,6 @@ TEST_F(procedures, a_port_unknown_to_the_read_gives_its_count_back_before_the_re
     send(bob, subscribe_info, {8, second, 3});
     expect_log({"subsport 0x20003", "getmoduleinfo 0x20003", "unsubsport 0x20003",
                 "send 0x1648408 to 0x72"});
-}
-
-TEST_F(procedures, the_hardware_sees_one_subscription_however_many_clients_hold_it)
-{
-    const uint32_t first = subscriber(alice, 3, subscribe_status);
-    trace({});
-    const uint32_t second = subscriber(bob, 3, subscribe_status);
-    expect_log({"monitor 0x72", "send 0x1648401 to 0x72", "send 0x1648411 to 0x72",
-                "getlinkstatus 0x20003", "getmoduleinfo 0x20003", "getmodulediag 0x20003",
-                "getmodstatus 0x20003", "send 0x1648413 to 0x72"});
-    send(alice, unsubscribe_status, {8, first, 3});
-    expect_log({"send 0x1648415 to 0x71"});
-    handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
-    EXPECT_EQ(told(), (numbers{{TESK_PORT_STATUS_IND, bob}}));
-    fake_platform::take_log();
-    send(bob, unsubscribe_status, {8, second, 3});
-    expect_log({"unsubslink 0x20003", "send 0x1648415 to 0x72"});
-    handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
-    expect_log({});
-}
-
-TEST_F(procedures, a_refused_last_unsubscribe_keeps_the_record_and_gives_it_a_live_bucket)
-{
-    const uint32_t reference = subscriber(alice, 3, subscribe_status);
-    handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
-    EXPECT_EQ(leaky_bucket_find(1)->level, 20);
-    fake_platform::failing["unsubslink"] = DOLM_RICERR_INTERNAL;
-    trace({1, 13});
-    send(alice, unsubscribe_status, {8, reference, 3});
-    expect_log({"[13] Bucket(1) removed from the list", "unsubslink 0x20003",
-                "[1] dolm_ric_ri_unsubslink: port 3(dolm_ric_id 131075), -11 (internal error)",
-                "[1] dolm_unsubslink: port3, 1 (unknown ric error code)",
-                "[13] Bucket(1) inserted to the list", "send 0x1648416 to 0x71"});
-    handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
-    EXPECT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].word(4), 5u) << "a refusal leaves the stored procedure_ref alone";
-}
-
-TEST_F(procedures, the_filter_holds_back_and_tells_the_summary)
-{
-    static const struct {
-        char event; /* u p, d own, t ick */
-        int32_t level;
-        bool is_sent, armed;
-    } steps[] = {
-        {'d', 20, true, true},   {'u', 20, true, false}, {'d', 40, true, false},
-        {'u', 40, true, false},  {'d', 60, true, false}, {'u', 60, false, false},
-        {'d', 80, false, false}, {'t', 70, false, true}, {'t', 60, false, true},
-        {'t', 50, false, true},  {'t', 40, true, true},  {'t', 30, false, true},
-        {'t', 20, false, true},  {'t', 10, false, true}, {'t', 0, false, false},
-        {'t', 0, false, false},  {'d', 0, false, false}, /* a repeated state */
-        {'u', 0, true, false},
-    };
-    subscriber(alice, 3, subscribe_status);
-    for (const auto &step : steps) {
-        fake_platform::ticks.clear();
-        if (step.event == 't')
-            tick(1, 3);
-        else
-            handle_events({link_event(3, step.event == 'u' ? 2 : 1)});
-        EXPECT_EQ(leaky_bucket_find(1)->level, step.level);
-        EXPECT_EQ(sent.size(), step.is_sent ? 1u : 0u);
-        EXPECT_EQ(fake_platform::ticks.size(), step.armed ? 1u : 0u);
-    }
-}
-
-TEST_F(procedures, a_tick_that_outlives_its_bucket_meets_the_next_one_with_its_id)
-{
-    ports[9] = optical_port();
-    const uint32_t reference = subscriber(alice, 3, subscribe_status);
-    handle_events({link_event(3, 1)});
-    send(alice, unsubscribe_status, {8, reference, 3});
-    fake_platform::ticks.clear();
-    tick(1, 3);
-    EXPECT_TRUE(fake_platform::ticks.empty());
-    subscribe(alice, reference, 9, subscribe_status);
-    tick(1, 3);
-    EXPECT_EQ(leaky_bucket_find(1)->level, 0);
-    EXPECT_TRUE(fake_platform::ticks.empty());
-    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
-        handle_events({link_event(9, state)});
-    tick(1, 3);
-    fake_platform::take_log();
-    tick(1, 3);
-    EXPECT_EQ(fake_platform::take_log().at(0), "getlinkstatus 0x20003")
-        << "the port that it carries";
-}
-
-TEST_F(procedures, events_queued_together_are_handled_newest_first)
-{
-    subscriber(alice, 3, subscribe_status);
-    handle_events({link_event(3, 1), link_event(3, 2)});
-    EXPECT_EQ(sent.size(), 1u) << "the up repeats the baseline, the down is news";
-    handle_events({link_event(3, 2), link_event(3, 1)});
-    EXPECT_EQ(sent.size(), 1u) << "the down repeats, the older up stays stored";
-}
-
-TEST_F(procedures, indications_go_out_newest_client_first_and_module_before_port)
-{
-    for (uint32_t client : {alice, bob, carol}) {
-        const uint32_t reference = connect(client);
-        subscribe(client, reference, 3, subscribe_info);
-        if (client != bob)
-            subscribe(client, reference, 3, subscribe_status, 40 + client);
-    }
-    ports[3].status = DOLM_RICRIPORT_STARTED;
-    handle_events({port_event(3, DOLM_RICRIPORT_STARTED)});
-    EXPECT_EQ(told(), (numbers{{TESK_SFP_INFO_IND, carol},
-                               {TESK_SFP_INFO_IND, bob},
-                               {TESK_SFP_INFO_IND, alice},
-                               {TESK_PORT_STATUS_IND, carol},
-                               {TESK_PORT_STATUS_IND, alice}}));
-    EXPECT_EQ(sent[0].word(4), 40 + carol) << "the latest procedure_ref of either kind";
-    EXPECT_EQ(sent[0].word(16), uint32_t{TESK_SFP_NOT_PRESENT});
-    handle_events({port_event(3, DOLM_RICRIPORT_STARTED)});
-    EXPECT_EQ(sent.size(), 0u) << "a repeated presence";
-    handle_events({port_event(3, DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODINSERTED)});
-    EXPECT_EQ(sent.size(), 0u) << "a module on its way";
-    handle_events({port_event(3, DOLM_RICRIPORT_MODREADY)});
-    EXPECT_EQ(sent.size(), 5u);
-}
-
-TEST_F(procedures, two_records_that_disagree_make_the_server_ask_the_hardware)
-{
-    ports[3].status = DOLM_RICRIPORT_STARTED;
-    subscriber(alice, 3, subscribe_status); /* records that there is no module */
-    ports[3] = optical_port(); /* told to nobody, as nobody holds the port's SFP info */
-    trace({1});
-    subscriber(bob, 3, subscribe_info);
-    EXPECT_EQ(sent.at(1).word(16), uint32_t{TESK_SFP_OPTICAL});
-    EXPECT_EQ(fake_platform::take_log().at(3),
-              "[1] get_sfp_presence: failed to get sfp presence for port 3. Missmatch in presence "
-              "for port subscription(SFP_NOT_PRESENT) and sfp subscription(SFP_PRESENT_AND_READY)");
-    handle_events({port_event(3, DOLM_RICRIPORT_MODREADY)});
-    EXPECT_EQ(sent.size(), 2u) << "an event that only one record didn't hold is a change";
-}
-
-TEST_F(procedures, the_two_decodings_of_a_port_differ_where_nothing_is_known)
-{
-    for (uint32_t status = 0; status < 16; status++) {
-        const uint32_t other = status & DOLM_RICRIPORT_MODREADY ? 8 : 2;
-        uint32_t by_event = status & DOLM_RICRIPORT_MODREADY      ? 2
-                            : status & DOLM_RICRIPORT_MODINSERTED ? 1
-                            : status & DOLM_RICRIPORT_STARTED     ? 0
-                                                                  : 3;
-        ports[status] = optical_port();
-        ports[status].status = other;
-        subscriber(200 + status, status, subscribe_info);
-        handle_events({port_event(status, status)});
-        EXPECT_EQ(sent.size(), by_event == 1 ? 0u : 1u);
-        EXPECT_EQ(send(stranger, TESK_SHELL_GET_SFP_INFO_CACHE_REQ, {1, 2}), 0);
-        const size_t last = 8 + 16 * status;
-        EXPECT_EQ(sent.at(0).bytes.size(), last + 20);
-        EXPECT_EQ(sent[0].host_word(last + 4), by_event);
-
-        ports[100 + status] = optical_port();
-        ports[100 + status].status = status;
-        subscriber(100 + status, 100 + status, subscribe_info);
-        const bool read = (status & DOLM_RICRIPORT_MODREADY) != 0;
-        EXPECT_EQ(sent.at(1).word(16), read ? 2u : 0u);
-    }
-}
-
-TEST_F(procedures, a_lost_client_gives_its_ports_back_in_the_order_of_its_list)
-{
-    for (uint32_t port : {1u, 2u, 3u, 4u})
-        ports[port] = optical_port();
-    const uint32_t reference = subscriber(alice, 1, subscribe_status);
-    subscribe(alice, reference, 2, subscribe_info);
-    subscribe(alice, reference, 3, subscribe_status);
-    subscribe(alice, reference, 1, subscribe_info);
-    subscriber(bob, 3, subscribe_status);
-    send(alice, unsubscribe_info, {8, reference, 2}); /* the last takes its place */
-    subscribe(alice, reference, 4, subscribe_status);
-    fake_platform::failing["unsubsport"] = DOLM_RICERR_NODEV;
-    trace({1, 4, 12, 17});
-    lose(alice);
-    expect_log({"[17] Received MBX_MONITOR_DEFAULT_NO: sender: 0x71",
-                "[4] ABN: client lost - remove its' data ", "unsubslink 0x20001",
-                "[12] unsubscribe_port_status(): successfully unsubscribed from port 1",
-                "unsubsport 0x20001",
-                "[4] ABN: dolm_ric_ri_unsubsport: port 1(dolm_ric_id 131073), -3 (no device "
-                "(e.g. port ID is unknown))",
-                "[1] dolm_unsubsport: port1, 1 (unknown ric error code)",
-                "[12] Error while unsubscribing client: 0 on port 1 for SFP_INFO subscription",
-                "unsubslink 0x20004",
-                "[12] unsubscribe_port_status(): successfully unsubscribed from port 4",
-                "[12] Removing clients data: 0"});
-    lose(alice);
-    EXPECT_EQ(fake_platform::take_log().size(), 2u) << "nobody any more";
-    EXPECT_EQ(connect(alice), 2u);
-    send(alice, subscribe_status, {1, reference, 3, 0});
-    EXPECT_EQ(sent.size(), 0u) << "the old reference is gone";
 }
 
 TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
@@ -554,6 +416,32 @@ TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
          "0000000000000000 0000000000000000"},
     };
     const uint32_t reference = connect(alice);
+    trace({12});
+    send(alice, get_counters, {1, reference, 3});
+    log expected = {
+        "getmoduleinfo 0x20003",
+        "getmodstatus 0x20003",
+        "getmodulediag 0x20003",
+        "[12] diag_cap: 31. Values for diag_cap: DOLM_SFP_DIAGCAP_TEMP = 0x01, "
+        "DOLM_SFP_DIAGCAP_VOLTAGE = 0x02, DOLM_SFP_DIAGCAP_TXBIAS = 0x04, "
+        "DOLM_SFP_DIAGCAP_TXPOWERv0x08, DOLM_SFP_DIAGCAP_RXPOWER = 0x10, "
+        "DOLM_SFP_DIAGCAP_LASERTEMP = 0x20, DOLM_SFP_DIAGCAP_TECCURRENT = 0x40",
+        "[12] temperature_low_warn = -299[* 0.1 C], temperature_high_warn = 800[* 0.1 C], "
+        "temperature_low_alarm = -399[* 0.1 C], temperature_high_alarm = 900[* 0.1 C], "
+        "temperature = -49[* 0.1 C]",
+        "[12] voltage_low_warn = 0[* 0.0001 V], voltage_high_warn = 21474836[* 0.0001 V], "
+        "voltage_low_alarm = 0[* 0.0001 V], voltage_high_alarm = 24159191[* 0.0001 V], voltage = "
+        "33000[* 0.0001 V]",
+        "[12] txbias_low_warn = 700[* 0.01 mA], txbias_high_warn = 800[* 0.01 mA], "
+        "txbias_low_alarm = 600[* 0.01 mA], txbias_high_alarm = 900[* 0.01 mA], txbias = 601[* "
+        "0.01 mA]",
+        "[12] txpower_low_warn = 100[uW], txpower_high_warn = 400[uW], txpower_low_alarm = 50[uW], "
+        "txpower_high_alarm = 500[uW], txpower = 500[uW]",
+        "[12] rxpower_low_warn = 110[uW], rxpower_high_warn = 600[uW], rxpower_low_alarm = 60[uW], "
+        "rxpower_high_alarm = 700[uW], rxpower = 600[uW]"};
+    append(expected, identity_traces("R1234, "));
+    append(expected, {"send 0x164840b to 0x71"});
+    expect_log(expected);
     for (const auto &value : cases) {
         ports[3] = optical_port();
         ports[3].diag.temperature = value.temperature;
@@ -568,7 +456,7 @@ TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
     }
 }
 
-TEST_F(procedures, a_snapshot_fails_where_the_hardware_does_and_not_where_it_has_nothing_to_say)
+TEST_F(procedures, a_read_fails_with_the_hardware_but_not_for_missing_diagnostics)
 {
     static const struct {
         const char *call;
@@ -587,7 +475,17 @@ TEST_F(procedures, a_snapshot_fails_where_the_hardware_does_and_not_where_it_has
          "no device (e.g. port ID is unknown)"},
         {"getmodulediag", -10, "[1] dolm_ric_ri_getmodulediag: -10 (interface shutdown)",
          "interface shutdown"},
+        {"getmoduleinfo", -4,
+         "[4] dolm_ric_ri_getmoduleinfo: -4 (not available (e.g. SFP EEPROM is not available))",
+         "not available (e.g. SFP EEPROM is not available)"},
+        {"getmodstatus", -4,
+         "[4] dolm_ric_ri_getmodstatus: port 3 (dolm_ric_id 131075), -4 (not available (e.g. SFP "
+         "EEPROM is not available))",
+         "not available (e.g. SFP EEPROM is not available)"},
         {"getmodulediag", -6, "[4] dolm_ric_ri_getmodulediag: -6 (unsupported operation)", nullptr},
+        {"getmodulediag", -4,
+         "[4] dolm_ric_ri_getmodulediag: -4 (not available (e.g. SFP EEPROM is not available))",
+         nullptr},
     };
     const uint32_t reference = connect(alice);
     for (const auto &failure : cases) {
@@ -608,37 +506,4 @@ TEST_F(procedures, a_snapshot_fails_where_the_hardware_does_and_not_where_it_has
     EXPECT_EQ(fake_platform::take_log().at(3),
               "[4] moddiag: unknown SFP module on port 3(dolm_ric_id 131075)");
     expect_bytes(sent.at(0), 64, std::string(80, '0'));
-}
-
-TEST_F(procedures, the_history_rolls_over_at_thirty_and_any_mailbox_reads_it)
-{
-    send(stranger, TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, {});
-    EXPECT_EQ(sent.at(0).bytes.size(), 12u);
-    subscriber(alice, 3, subscribe_status);
-    for (uint32_t event = 0; event < 31; event++)
-        handle_events({link_event(3, event % 2 == 0 ? 1 : 2)});
-    struct {
-        uint32_t request;
-        size_t size;
-    } const readings[] = {{TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, 1452},
-                          {TESK_SHELL_GET_ACTIONS_CACHE_REQ, 12 + 24 * 7},
-                          {TESK_SHELL_GET_SFP_INFO_CACHE_REQ, 12}};
-    fake_platform::sent.clear();
-    for (const auto &reading : readings) {
-        fake_platform::deliver(stranger, reading.request, {0, 0, 0});
-        tesk_handle_mailbox();
-        EXPECT_EQ(sent.back().number, reading.request + 1);
-        EXPECT_EQ(sent.back().bytes.size(), reading.size);
-    }
-    /* The first of 31 is gone; the oldest left is an up, level 20, shell value 1; then a down. */
-    const std::pair<size_t, uint32_t> expected[] = {{4, 30},
-                                                    {8 + 4, 20},
-                                                    {8 + 8, 1},
-                                                    {8 + 48 + 8, 2},
-                                                    {8 + 29 * 48 + 4, 100},
-                                                    {8 + 12, TESK_FAULT_HIGH_ALARM}};
-    for (const auto &[at, value] : expected)
-        EXPECT_EQ(sent[0].host_word(at), value) << at;
-    expect_bytes(sent[1], 8, "03000000 00000000 59040000 01000000");
-    EXPECT_EQ(sent[1].host_word(8 + 24 + 12), 5u);
 }

@@ -9,13 +9,19 @@ command -v systemd-analyze >/dev/null || exit 77
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-sed "s|=.*/tesk-server$|=$build/bin/tesk-server|; s|/[^ ]*/teskctl|$build/bin/teskctl|" \
-    "$build/packaging/tesk-server.service" >"$work/tesk-server.service"
-said=$(systemd-analyze verify --man=no "$work/tesk-server.service" 2>&1) || fail "the unit: $said"
-[ -z "$said" ] || fail "the unit: $said"
-# In tenths of the scale from 0 to 10.
-systemd-analyze security --offline=true --no-pager --threshold=5 "$work/tesk-server.service" |
-    tail -n 1
+check_unit() { # UNIT EXPOSURE, in tenths of the scale from 0 to 10
+    sed "s|=/[^ ]*/\(tesk-[a-z]*\)|=$build/bin/\1|; s|/[^ ]*/teskctl|$build/bin/teskctl|" \
+        "$build/packaging/$1" >"$work/$1"
+    said=$(systemd-analyze verify --man=no "$work/$1" 2>&1) || fail "$1: $said"
+    [ -z "$said" ] || fail "$1: $said"
+    systemd-analyze security --offline=true --no-pager --threshold="$2" "$work/$1" | tail -n 1
+}
+check_unit tesk-server.service 5
+check_unit tesk-exporter.service 12
+for setting in LogRateLimitIntervalSec=0 MemoryMax=256M TasksMax=64 \
+    'Environment=ZEL_SINK=stderr ZEL_GROUPS=1'; do
+    grep -qx "$setting" "$work/tesk-server.service" || fail "the unit: $setting is missing"
+done
 
 [ "$(id -u)" -eq 0 ] || exit 0
 mkdir -p "$work/root/etc" "$work/root/run"

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesktmo: order, receiver and life of timers, on a scripted mailbox library: every block that the
+/* tesktmo: order, receiver and life of timers, on a fake mailbox library: every block that the
    service takes is either sent or freed. */
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
@@ -7,7 +7,9 @@
 
 #include <array>
 #include <condition_variable>
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <new>
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
@@ -19,6 +21,31 @@ static signals sent;
 static std::vector<uint32_t> freed;
 static uint32_t own_mailbox;
 static mbx_signal blocks[] = {{0}, {1}, {2}, {3}, {4}, {5}};
+
+static thread_local bool is_memory_exhausted;
+
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+{
+    return is_memory_exhausted ? nullptr : malloc(size);
+}
+
+void *operator new(size_t size)
+{
+    void *block = operator new(size, std::nothrow);
+    if (block == nullptr)
+        throw std::bad_alloc();
+    return block;
+}
+
+void operator delete(void *block) noexcept
+{
+    free(block);
+}
+
+void operator delete(void *block, size_t) noexcept
+{
+    free(block);
+}
 
 extern "C" uint32_t mbx_own_mailbox(void)
 {
@@ -66,6 +93,24 @@ TEST(tesktmo, ticks_come_in_order_of_expiry_and_of_request_never_early_and_from_
         EXPECT_TRUE(has_stalled ||
                     got == (signals{{1, 7, 7}, {2, 8, 8}, {3, 7, 7}, {4, 7, 7}, {5, 7, 7}}));
     }
+    tmo_service_stop();
+}
+
+TEST(tesktmo, exhausted_memory_frees_the_block_or_fails_the_start)
+{
+    freed.reserve(8);
+    is_memory_exhausted = true;
+    EXPECT_FALSE(tmo_service_init());
+    is_memory_exhausted = false;
+    ASSERT_TRUE(tmo_service_init());
+    is_memory_exhausted = true;
+    mbx_signal *signal = &blocks[5];
+    own_mailbox = 7;
+    tmo_request_sig(0, &signal);
+    is_memory_exhausted = false;
+    EXPECT_EQ(std::exchange(freed, {}), std::vector<uint32_t>{5});
+    request(0, 1);
+    EXPECT_EQ(wait_for_sent(1), (signals{{1, 7, 7}}));
     tmo_service_stop();
 }
 

@@ -1,19 +1,25 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel: settings and the mask that follows, lines of text and their file, formatted texts under
-   signal handlers, and LTTng from the trace call to what babeltrace2 prints. The library reads its
-   settings once, so each case runs in a child process. */
+/* zel: settings and the mask that follows, lines of text and their file, floods and outputs that
+   stall, formatted texts under signal handlers, and LTTng from the trace call to the print of
+   babeltrace2. The library reads its settings once, so each case runs in a child process. */
 #include "platform/zel/zel.h"
+#include "tesk_server/tesk_signals.h"
+#include "testkit/processes/processes.h"
+#include "util/deadline.h"
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <thread>
 #include <unistd.h>
@@ -33,9 +39,9 @@ class zel : public testing::Test
     }
 };
 
-static std::string read_file(const std::filesystem::path &path)
+static std::string read_file(const std::filesystem::path &file)
 {
-    return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
+    return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
 }
 
 static void format_and_trace(int)
@@ -84,6 +90,7 @@ TEST_F(zel, the_settings_decide_the_mask_of_every_thread_and_whether_lttng_is_lo
         {{{"ZEL_SINK", "stderr"}, {"ZEL_GROUPS", "1,32"}}, "^libzel: ZEL_GROUPS=1,32: .*\n12 0 12"},
         {{{"ZEL_SINK", "no\nne"}}, "^libzel: ZEL_SINK=no\\\\nne: .*\n0 0 0 0"},
         {{{"ZEL_SINK", "file:/nowhere/x"}}, "^libzel: ZEL_SINK=file:/nowhere/x: .*\n0 0 0 0"},
+        {{{"ZEL_RATE", "-1"}, {"ZEL_SINK", "stdout"}}, "^libzel: ZEL_RATE=-1: .*\n12 0 12 0$"},
         {{{"ZEL_FILE_SIZE", "9k"}, {"ZEL_SINK", "file:/dev/null"}},
          "^libzel: ZEL_FILE_SIZE=9k: .*\n12"},
         {{{"ZEL_SINK", "lttng"}}, "^12 0 12 2$"},
@@ -148,6 +155,163 @@ TEST_F(zel, a_full_file_rolls_over_and_only_the_oldest_lines_are_lost)
     EXPECT_EQ(older.size(), lines_in_full_file * line_size);
     EXPECT_EQ(newer.size(), 500 % lines_in_full_file * line_size);
     EXPECT_TRUE(newer.ends_with(" line 499\n"));
+}
+
+/* Reads all there is now. */
+static std::string drain(int reader)
+{
+    std::string text(1 << 20, '\0');
+    size_t size = 0;
+    for (ssize_t got; (got = read(reader, &text[size], text.size() - size)) > 0;)
+        size += static_cast<size_t>(got);
+    text.resize(size);
+    return text;
+}
+
+/* The sum of the numbers that follow `before` in the text. */
+static uint64_t sum_after(const std::string &text, const std::string &before)
+{
+    uint64_t sum = 0;
+    for (size_t at = 0; (at = text.find(before, at)) != text.npos;)
+        sum += strtoull(&text[at += before.size()], nullptr, 10);
+    return sum;
+}
+
+static size_t count_of(const std::string &text, const std::string &part)
+{
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size())
+        ++count;
+    return count;
+}
+
+/* Without a limit, so that the output fills up. Handlers trace in the middle of it. Exits with 0 if
+   each line was either written or counted as lost. */
+static void fill_output(const settings &environment, int reader)
+{
+    constexpr int lines = 3000, handled = 200;
+    start(environment);
+    lttngZelTrace(4, "f", 1, "first", procInfo);
+    for (int i = 0; i < lines; ++i) {
+        lttngZelTrace(4, "f", 2, formatStr("flood %d of many lines in a pipe", i), procInfo);
+        if (i % (lines / handled) == 0)
+            raise(SIGUSR1);
+    }
+    lttngZelTrace(1, "f", 3, "error", procInfo);
+    std::string got = drain(reader);
+    const bool has_stalled = count_of(got, ": flood") < lines;
+    lttngZelTrace(4, "f", 4, "last", procInfo);
+    got += drain(reader);
+    const uint64_t counted =
+        count_of(got, ": flood") + count_of(got, ": handler") + sum_after(got, "output:0: ");
+    fprintf(stderr, "stalled %d, counted %d too few%s%s%s", has_stalled,
+            lines + handled - static_cast<int>(counted),
+            got.find(": first\n") < 99 ? "" : ", no begin",
+            got.ends_with(": last\n") ? "" : ", no end",
+            got.find(": error\n") != got.npos ? "" : ", no error");
+    exit(0);
+}
+
+TEST_F(zel, an_output_whose_reader_stalls_holds_up_nobody_and_each_line_is_counted)
+{
+    int anonymous[2], pair[2];
+    ASSERT_EQ(0, pipe2(anonymous, O_CLOEXEC));
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+    ASSERT_EQ(0, mkfifo(file.c_str(), 0600));
+    const settings to_stdout{{"ZEL_SINK", "stdout"}, {"ZEL_RATE", "0"}};
+    const char *all = "^stalled 1, counted 0 too few$";
+    const auto on_stdout = [&](int writer, int reader, uid_t user) {
+        dup2(writer, STDOUT_FILENO);
+        close(writer);
+        fcntl(reader, F_SETFL, O_NONBLOCK);
+        if (user != 0 && setresuid(user, user, user) != 0)
+            exit(1);
+        fill_output(to_stdout, reader);
+    };
+    EXPECT_EXIT(on_stdout(anonymous[1], anonymous[0], 0), is_well, all);
+    EXPECT_EXIT(on_stdout(pair[1], pair[0], 0), is_well, all);
+    if (geteuid() == 0) {
+        EXPECT_EXIT(on_stdout(anonymous[1], anonymous[0], 65534), is_well, all)
+            << "a pipe that can't be opened anew";
+    }
+    const auto on_fifo = [&] {
+        start({{"ZEL_SINK", "file:" + file}, {"ZEL_RATE", "0"}});
+        fill_output({}, open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    };
+    EXPECT_EXIT(on_fifo(), is_well, all);
+}
+
+static void flood_with_limit()
+{
+    start({{"ZEL_SINK", "stdout"}, {"ZEL_GROUPS", "1,4,12"}});
+    for (int i = 0; i < 5000; ++i)
+        lttngZelTrace(4, "flood", 1, formatStr("line %d", i), procInfo);
+    for (int i = 0; i < 500; ++i)
+        lttngZelTrace(12, "same", 2, "again", procInfo);
+    for (uint32_t line = 0; line < 2000; ++line)
+        lttngZelTrace(4, "many", line, formatStr("line %u", line), procInfo);
+    lttngZelTrace(4, "quiet", 3, "may be left out", procInfo);
+    lttngZelTrace(1, "error", 4, "is seen", procInfo);
+}
+
+/* Waits until the count of the flood is reported by the line of another place. */
+static void flood_and_wait(int reader)
+{
+    fcntl(reader, F_SETFL, O_NONBLOCK);
+    fcntl(reader, F_SETPIPE_SZ, 1 << 20);
+    flood_with_limit();
+    const util::deadline end{testkit::deadline};
+    std::string text = drain(reader);
+    const std::string report = "libzel 4 flood:1: repeated 0 times, ";
+    for (int i = 0; text.find(report) == text.npos && !end.has_passed(); ++i) {
+        lttngZelTrace(1, "later", 5, formatStr("%d", i), procInfo);
+        text += drain(reader);
+    }
+    fprintf(stderr, "%zu", count_of(text, " flood:1: line ") + sum_after(text, report));
+    _exit(0);
+}
+
+TEST_F(zel, a_flood_is_bounded_folded_and_counted_and_errors_have_a_share_of_their_own)
+{
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    const auto to_pipe = [&] {
+        struct stat status = {};
+        fstat(ends[1], &status);
+        const std::string journal =
+            std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+        setenv("JOURNAL_STREAM", journal.c_str(), 1);
+        fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);
+        dup2(ends[1], STDOUT_FILENO);
+        flood_with_limit();
+        exit(0);
+    };
+    EXPECT_EXIT((dup2(ends[1], STDOUT_FILENO), flood_and_wait(ends[0])), is_well, "^5000$");
+
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    EXPECT_EXIT(to_pipe(), is_well, "");
+    close(ends[1]);
+    const std::string text = drain(ends[0]);
+    EXPECT_LE(count_of(text, " flood:1: line "), 303u) << "a tenth a second, in at most 3 seconds";
+    EXPECT_EQ(5000u, count_of(text, "<5>zel_test 4 flood:1: line ") +
+                         sum_after(text, "<5>libzel 4 flood:1: repeated 0 times, "));
+    EXPECT_EQ(1u, count_of(text, "<7>zel_test 12 same:2: again\n"));
+    EXPECT_EQ(1u, count_of(text, "<7>libzel 12 same:2: repeated 499 times, 0 more"));
+    EXPECT_EQ(1u, count_of(text, "<3>zel_test 1 error:4: is seen\n"));
+    EXPECT_LE(count_of(text, "zel_test 4 "), 3000u) << "all places but errors, in 3 seconds";
+    EXPECT_FALSE(std::regex_search(text, std::regex("(^|\n)[^<]"))) << "each has its priority";
+}
+
+TEST_F(zel, a_server_whose_traces_nobody_reads_starts_serves_and_stops)
+{
+    ASSERT_EQ(0, mkfifo(file.c_str(), 0600));
+    testkit::directory place;
+    testkit::server server{{"ZEL_SINK=file:" + file, "ZEL_GROUPS=all", "ZEL_RATE=0"}};
+    testkit::test_client client;
+    const uint32_t reference = client.connect(7);
+    for (int i = 0; i < 300; ++i)
+        client.ask(TESK_GET_CAPABILITIES_REQ, {7, reference});
+    EXPECT_EQ(0, server.stop());
 }
 
 /* Handlers that trace on top of threads that trace, into a file that rolls over all the while. No

@@ -84,17 +84,20 @@ static const char *bytes_at(const mbx_signal *signal, size_t offset)
 template <typename record_type>
 static std::optional<answer_payload> decode_history(const mbx_signal *signal)
 {
-    std::optional<tesk_shell_cfm> frame = copy_of<tesk_shell_cfm>(signal);
-    if (!frame)
-        return std::nullopt;
-    const size_t fixed = sizeof(tesk_shell_cfm) + shell_trailer_size;
+    using shell_cfm = tesk_shell_cfm<record_type>;
+    const size_t fixed = sizeof(shell_cfm) + shell_trailer_size;
     const size_t size = mbx_size(signal);
-    if (size < fixed || frame->count > (size - fixed) / sizeof(record_type))
+    if (size < fixed)
+        return std::nullopt;
+    uint32_t count = 0;
+    std::memcpy(&count, bytes_at(signal, offsetof(shell_cfm, count)), sizeof(count));
+    if (count > (size - fixed) / sizeof(record_type))
         return std::nullopt;
     answer_payload payload;
-    for (size_t i = 0; i < frame->count; i++) {
+    for (size_t i = 0; i < count; i++) {
         record_type record;
-        std::memcpy(&record, bytes_at(signal, sizeof(*frame) + i * sizeof(record)), sizeof(record));
+        std::memcpy(&record, bytes_at(signal, sizeof(shell_cfm) + i * sizeof(record)),
+                    sizeof(record));
         payload.history.push_back(to_history(record));
     }
     return payload;
@@ -106,13 +109,11 @@ static std::optional<answer_payload> decode_capabilities(const mbx_signal *signa
     const size_t size = mbx_size(signal);
     if (size < entries)
         return std::nullopt;
-    /* The record is declared with its first entry, so that it can't be copied whole when it has
-     * none. */
     uint32_t count = 0;
     std::memcpy(&count,
                 bytes_at(signal, offsetof(tesk_get_capabilities_cfm, number_of_capabilities)),
                 sizeof(count));
-    tesk_turn_words(count);
+    tesk_swap_words(count);
     if (count > (size - entries) / sizeof(tesk_capability))
         return std::nullopt;
     answer_payload payload;
@@ -120,7 +121,7 @@ static std::optional<answer_payload> decode_capabilities(const mbx_signal *signa
         tesk_capability capability;
         std::memcpy(&capability, bytes_at(signal, entries + i * sizeof(capability)),
                     sizeof(capability));
-        tesk_turn(capability);
+        tesk_swap_byte_order(capability);
         payload.capabilities.push_back({capability.capability_id, capability.capability_value});
     }
     return payload;

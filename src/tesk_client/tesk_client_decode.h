@@ -30,7 +30,7 @@ std::optional<record_type> host_copy_of(const mbx_signal *signal)
 {
     std::optional<record_type> record = copy_of<record_type>(signal);
     if (record)
-        tesk_turn(*record);
+        tesk_swap_byte_order(*record);
     return record;
 }
 

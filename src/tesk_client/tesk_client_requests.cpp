@@ -215,12 +215,12 @@ void tesk_client_session::send_request(pending_request request)
         record->procedure_ref = request.procedure_ref;
         record->connection_ref = client_id_;
         record->port_no = request.port_no;
-        tesk_turn(*record);
+        tesk_swap_byte_order(*record);
     } else if (row.has_reference) {
         auto *record = reinterpret_cast<tesk_header *>(signal);
         record->procedure_ref = request.procedure_ref;
         record->connection_ref = client_id_;
-        tesk_turn(*record);
+        tesk_swap_byte_order(*record);
     }
     /* From now on, since the first indication must not be dropped should it be looked at before the
        confirmation is. */

@@ -148,8 +148,8 @@ outcome tesk_client_session::begin_connection()
     request->connection_ref = conn_ref_;
     request->number_of_rev = 1;
     request->protocol_rev[0] = TESK_PROTOCOL_REVISION;
-    tesk_turn(*request);
-    tesk_turn_words(request->protocol_rev[0]);
+    tesk_swap_byte_order(*request);
+    tesk_swap_words(request->protocol_rev[0]);
     mbx_send(&signal, server_, MBX_OWN_MAILBOX);
 
     state_ = state::establishing;

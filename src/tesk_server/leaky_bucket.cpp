@@ -1,31 +1,25 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The buckets stand in a list that is sorted by id, and a new one gets the lowest id that is free.
-   To find the id and the place in the list by walking would cost the more the more ports are
-   subscribed to, and each tick and each change of a port looks its bucket up. So two things stand
-   beside the list: the bucket of each id, which is a lookup and also leads to the place of a new
-   one, and a heap of the ids that have been given back.
+/* The buckets are found through a table by id, since every tick and every port state change looks
+   one up. A new bucket gets the lowest free id. The table never shrinks: with a slot for each id
+   that was ever assigned, a removal needs no memory, and neither does a bucket that returns.
 
-   An id that comes back is given out again at once. A tick that is still on its way to a bucket
-   that has been removed can therefore reach another one, which then drains by two chains of ticks
-   until it is empty. */
+   The id of a removed bucket is assigned again at once. A tick that is still outstanding for the
+   removed bucket can therefore reach the new one, which then has two chains of ticks until it is
+   empty. */
 #include "tesk_server/leaky_bucket.h"
 
-#include "tesk_server/tesk_list.h"
 #include "tesk_server/tesk_trace.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <functional>
-#include <glib.h>
 
-/* Sorted by ascending id. */
-static leaky_bucket_data *bucket_head;
+static constexpr int32_t smallest_table = 64;
 
-/* The bucket of each id ever given, at id - 1; null while the id is free. */
-static GPtrArray *buckets_by_id;
+/* The bucket of each id, at id - 1; null while the id is free. */
+static leaky_bucket_data **buckets;
+static int32_t table_size;
 
-/* Those of them that are free, as a heap with the lowest on top. */
-static GArray *free_ids;
+/* All ids below this one are assigned. */
+static int32_t lowest_candidate = 1;
 
 static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
 {
@@ -33,42 +27,49 @@ static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
                                                 : LEAKY_BUCKET_LEVEL_REACHED;
 }
 
-static int32_t take_free_id()
+/* False when memory is exhausted; the table is then as it was. */
+static bool grow_table()
 {
-    if (buckets_by_id == nullptr) {
-        buckets_by_id = g_ptr_array_new();
-        free_ids = g_array_new(FALSE, FALSE, sizeof(int32_t));
-    }
-    /* With none given back, the ids in use are 1 to the highest without a gap. */
-    if (free_ids->len == 0) {
-        g_ptr_array_add(buckets_by_id, nullptr);
-        return static_cast<int32_t>(buckets_by_id->len);
-    }
-    auto *ids = reinterpret_cast<int32_t *>(free_ids->data);
-    std::pop_heap(ids, ids + free_ids->len, std::greater<>());
-    const int32_t lowest = ids[free_ids->len - 1];
-    g_array_set_size(free_ids, free_ids->len - 1);
-    return lowest;
+    const int32_t size = table_size == 0 ? smallest_table : table_size * 2;
+    auto *table = static_cast<leaky_bucket_data **>(
+        realloc(buckets, static_cast<size_t>(size) * sizeof(leaky_bucket_data *)));
+
+    if (table == nullptr)
+        return false;
+    for (int32_t slot = table_size; slot < size; slot++)
+        table[slot] = nullptr;
+    buckets = table;
+    table_size = size;
+    return true;
 }
 
-static void give_id_back(int32_t id)
+/* The lowest free id, or 0 when memory for its slot is exhausted. */
+static int32_t find_free_id()
 {
-    buckets_by_id->pdata[id - 1] = nullptr;
-    g_array_append_val(free_ids, id);
-    auto *ids = reinterpret_cast<int32_t *>(free_ids->data);
-    std::push_heap(ids, ids + free_ids->len, std::greater<>());
+    while (lowest_candidate <= table_size && buckets[lowest_candidate - 1] != nullptr)
+        lowest_candidate++;
+    return lowest_candidate <= table_size || grow_table() ? lowest_candidate : 0;
 }
 
-/* All ids below the lowest free one are taken, so the bucket that comes before the new one in the
-   list has the next lower id, and no walk is needed to find it. */
 static void leaky_bucket_insert(leaky_bucket_data *bucket)
 {
-    bucket->id = take_free_id();
-    buckets_by_id->pdata[bucket->id - 1] = bucket;
-
-    leaky_bucket_data *before = leaky_bucket_find(bucket->id - 1);
-    tesk_list_insert(before == nullptr ? &bucket_head : &before->next, bucket);
+    buckets[bucket->id - 1] = bucket;
     tesk_trace(TESK_TRACE_BUCKET, "Bucket(%d) inserted to the list", bucket->id);
+}
+
+void leaky_bucket_init()
+{
+    grow_table();
+}
+
+void leaky_bucket_shutdown()
+{
+    for (int32_t slot = 0; slot < table_size; slot++)
+        free(buckets[slot]);
+    free(buckets);
+    buckets = nullptr;
+    table_size = 0;
+    lowest_candidate = 1;
 }
 
 int32_t leaky_bucket_add(int32_t bucket_size, int32_t filter_level)
@@ -81,29 +82,41 @@ int32_t leaky_bucket_add(int32_t bucket_size, int32_t filter_level)
         return -1;
     }
 
-    auto *bucket = static_cast<leaky_bucket_data *>(calloc(1, sizeof(leaky_bucket_data)));
+    const int32_t id = find_free_id();
+    auto *bucket =
+        id == 0 ? nullptr : static_cast<leaky_bucket_data *>(calloc(1, sizeof(leaky_bucket_data)));
     if (bucket == nullptr) {
         tesk_trace(TESK_TRACE_ERROR, "Allocation failed for leaky_bucket_data");
         return -1;
     }
-    bucket->bucket_size = bucket_size;
-    bucket->filter_level = filter_level;
+    *bucket = {.id = id, .bucket_size = bucket_size, .filter_level = filter_level, .level = 0};
     leaky_bucket_insert(bucket);
-    return bucket->id;
+    return id;
 }
 
-void leaky_bucket_remove(int32_t id)
+leaky_bucket_data *leaky_bucket_take_out(int32_t id)
 {
     leaky_bucket_data *bucket = leaky_bucket_find(id);
 
     if (bucket == nullptr) {
         tesk_trace(TESK_TRACE_ERROR, "Cannot remove leaky bucket: id %d not found", id);
-        return;
+        return nullptr;
     }
-    tesk_list_remove(bucket);
-    give_id_back(id);
-    free(bucket);
+    buckets[id - 1] = nullptr;
+    if (id < lowest_candidate)
+        lowest_candidate = id;
     tesk_trace(TESK_TRACE_BUCKET, "Bucket(%u) removed from the list", static_cast<unsigned>(id));
+    return bucket;
+}
+
+void leaky_bucket_reinsert(leaky_bucket_data *bucket)
+{
+    leaky_bucket_insert(bucket);
+}
+
+void leaky_bucket_remove(int32_t id)
+{
+    free(leaky_bucket_take_out(id));
 }
 
 leaky_bucket_state leaky_bucket_get_state(int32_t id)
@@ -126,8 +139,8 @@ leaky_bucket_state leaky_bucket_update(int32_t id, int32_t delta)
         return LEAKY_BUCKET_NOT_FOUND;
     }
 
-    /* The top is looked at first. A level that comes to exactly 0 has not been emptied by this: it
-       is a level like any other below the filter level. */
+    /* The upper limit is tested first. A level of exactly 0 does not count as emptied: it is a
+       level like any other below the filter level. */
     bucket->level += delta;
     bool emptied = false;
     if (bucket->level >= bucket->bucket_size) {
@@ -143,7 +156,5 @@ leaky_bucket_state leaky_bucket_update(int32_t id, int32_t delta)
 
 leaky_bucket_data *leaky_bucket_find(int32_t id)
 {
-    if (buckets_by_id == nullptr || id < 1 || static_cast<guint>(id) > buckets_by_id->len)
-        return nullptr;
-    return static_cast<leaky_bucket_data *>(buckets_by_id->pdata[id - 1]);
+    return id >= 1 && id <= table_size ? buckets[id - 1] : nullptr;
 }

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Three arrays that roll over independently, so that a burst of indications pushes out old actions
-   only. A full array gives up its oldest record by moving the 29 others, which keeps it in the
-   order in which it is read.
+/* Three arrays that roll over independently, so that a burst of indications removes old actions
+   only. A full array drops its oldest record by moving the other 29, which keeps the records in
+   the order in which they are read.
 
-   The records are kept without the entry's type, as an array has one type only. An add that is
-   refused is no reason for a procedure to stop. */
+   An array holds records of one type, so they are stored without the entry's type. Each array is
+   created with room for all its records: an add needs no memory. */
 #include "tesk_server/tesk_cache.h"
 
 #include "tesk_server/tesk_trace.h"
@@ -14,7 +14,7 @@
 #include <cstring>
 #include <glib.h>
 
-/* Each holds records without their entry's type; index 0 is the oldest. */
+/* Index 0 is the oldest record. */
 static GArray *sfp_info_cache;
 static GArray *port_status_cache;
 static GArray *action_cache;
@@ -53,7 +53,7 @@ int tesk_cache_add(const tesk_cache_entry *entry)
         return 1;
     if (cache->len + 1 > TESK_CACHE_LIMIT)
         g_array_remove_index(cache, 0);
-    /* The records of the union all start at the same place. */
+    /* All members of the union start at the same address. */
     g_array_append_vals(cache, &entry->port_status, 1);
     return 0;
 }
@@ -64,8 +64,7 @@ int tesk_cache_read(uint32_t type, uint32_t *count, tesk_cache_entry **entries)
 
     if (cache == nullptr)
         return 1;
-    /* An empty cache gets a slot too, since a null of malloc(0) would look like a lack of memory.
-     */
+    /* At least one slot, since malloc(0) may return null without a lack of memory. */
     auto *copy = static_cast<tesk_cache_entry *>(
         malloc(std::max<size_t>(cache->len, 1) * sizeof(tesk_cache_entry)));
     if (copy == nullptr) {
@@ -83,26 +82,16 @@ int tesk_cache_read(uint32_t type, uint32_t *count, tesk_cache_entry **entries)
     return 0;
 }
 
-void tesk_cache_add_action(tesk_cache_action action, const char *failure, uint32_t port_no,
-                           uint32_t client_id, uint32_t conn_ref)
+static GArray *make_cache(guint record_size)
 {
-    tesk_cache_entry entry = {};
-
-    entry.type = TESK_CACHE_ACTION;
-    entry.action.port_no = port_no;
-    entry.action.client_id = client_id;
-    entry.action.conn_ref = conn_ref;
-    entry.action.action = action;
-    gettimeofday(&entry.action.timestamp, nullptr);
-    if (tesk_cache_add(&entry) != 0)
-        tesk_trace(TESK_TRACE_NOTABLE, failure, port_no, client_id, conn_ref);
+    return g_array_sized_new(FALSE, FALSE, record_size, TESK_CACHE_LIMIT);
 }
 
 void tesk_cache_init()
 {
-    sfp_info_cache = g_array_new(FALSE, FALSE, sizeof(tesk_cache_sfp_info_record));
-    port_status_cache = g_array_new(FALSE, FALSE, sizeof(tesk_cache_port_status_record));
-    action_cache = g_array_new(FALSE, FALSE, sizeof(tesk_cache_action_record));
+    sfp_info_cache = make_cache(sizeof(tesk_cache_sfp_info_record));
+    port_status_cache = make_cache(sizeof(tesk_cache_port_status_record));
+    action_cache = make_cache(sizeof(tesk_cache_action_record));
 }
 
 void tesk_cache_shutdown()

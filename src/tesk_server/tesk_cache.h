@@ -1,7 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_cache - the history: the last 30 port state events, presence changes and actions towards
    clients, in memory, for diagnostics only. Nothing in the server's behaviour depends on it. Main
-   thread only. */
+   thread only.
+
+   Exhausted memory: tesk_cache_read traces it and ends the process by abort; tesk_cache_init ends
+   it in GLib; nothing else allocates. */
 #pragma once
 
 #include "tesk_server/tesk_types.h"
@@ -63,21 +66,16 @@ struct tesk_cache_entry {
     };
 };
 
-/* Makes the three caches, empty. */
+/* Creates the three caches, empty. */
 void tesk_cache_init();
 
-/* Copies the entry, the timestamp included, into its cache; the oldest record of a full one goes. 0
+/* Copies the entry, the timestamp included, into its cache; a full cache drops its oldest record. 0
    when stored; 1, with a trace, for null or an unknown type. */
 int tesk_cache_add(const tesk_cache_entry *entry);
 
-/* Hands out all records of a cache, oldest first, in an array that the caller frees with free. 0;
-   or 1, with a trace and nothing handed out, for an unknown type. */
+/* Copies all records of a cache, oldest first, to a new array that the caller releases with free.
+   0; or 1, with a trace and both outputs untouched, for an unknown type. */
 int tesk_cache_read(uint32_t type, uint32_t *count, tesk_cache_entry **entries);
 
-/* Stamps an action with the time of its handling and adds it. When it is refused, `failure` is
-   traced: a format that may name the port, the client's id and its conn_ref, in this order. */
-void tesk_cache_add_action(tesk_cache_action action, const char *failure, uint32_t port_no,
-                           uint32_t client_id, uint32_t conn_ref);
-
-/* Frees the caches. */
+/* Frees the caches. Harmless if tesk_cache_init never ran. */
 void tesk_cache_shutdown();

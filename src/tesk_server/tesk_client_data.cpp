@@ -1,16 +1,19 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Beside the list of clients stand three indexes, so that no lookup grows with the number of
-   clients or of their subscriptions: the client of a mailbox, the subscriber of a client, port and
-   kind, and the subscribers of a port and kind. The functions that change the list or a client's
-   subscriptions keep them in step.
+/* Three indexes accompany the list of clients, so that no lookup grows with the number of clients
+   or of their subscriptions: the client of a mailbox, the subscriber of a client, port and kind,
+   and the subscribers of a port and kind. The functions that change the list or a client's
+   subscriptions update them.
 
-   A new client goes to the head of the list, and all that is sent to many goes out in the order of
-   the list, newest client first. The lists of subscribers must give that same order, whenever each
-   of the clients subscribed. They are kept sorted by falling client_id, which is the order of the
-   list, as ids are given out in the order of the connections.
+   A new client is inserted at the head of the list, and indications to several clients are sent in
+   the order of the list, newest client first. A port's list of subscribers has the same order,
+   whatever the order of the subscriptions: it is sorted by descending client_id, and client ids are
+   assigned in the order of the connections.
 
-   The mutex guards the list, the next id and the indexes, though only the main thread comes here;
-   nothing is called out to while it is held. Subscriptions are changed without it. */
+   The client of a mailbox is found in a table of fixed size, so that adding a client allocates
+   nothing but its record, and a lack of memory is a result. Subscribing has no such result.
+
+   The mutex guards the list, the next client_id and the indexes, although only the main thread uses
+   them; it is never held across a call to another module. Subscriptions are changed without it. */
 #include "tesk_server/tesk_client_data.h"
 
 #include "tesk_server/tesk_list.h"
@@ -22,16 +25,51 @@ static pthread_mutex_t client_mutex = PTHREAD_MUTEX_INITIALIZER;
 static tesk_client *client_head;
 static uint32_t next_client_id;
 
-/* A mailbox has one client at most: a second connection of it is rejected. */
-static GHashTable *clients_by_mailbox;
+/* The clients by mailbox, each chain linked by next_in_index. A mailbox has at most one client: its
+   second connection is rejected. With 1,000 clients a chain has less than one on average. */
+static constexpr uint32_t index_bits = 12;
+static tesk_client *clients_by_mailbox[1u << index_bits];
 
-/* A set of tesk_subscriber, equal by client and subscription. */
+/* A set of tesk_subscriber, equal by client and subscription; null before the first one. */
 static GHashTable *subscribers;
 
-/* Heads of the lists of subscribers. A port that nobody subscribes to costs nothing: its page is
-   never touched. */
+/* The lists of subscribers. A page without a subscribed port is never touched, and takes no memory.
+ */
 static constexpr uint32_t number_of_kinds = 2;
 static tesk_subscriber *port_subscribers[number_of_kinds][TESK_NUMBER_OF_PORTS];
+
+/* The start of the mailbox's chain. The multiplication spreads ids that differ in few bits. */
+static tesk_client **chain_of(uint32_t mbox)
+{
+    return &clients_by_mailbox[(mbox * 0x9e3779b1u) >> (32 - index_bits)];
+}
+
+/* Called with the mutex locked, as are the two below. */
+static tesk_client *find_by_mailbox(uint32_t mbox)
+{
+    tesk_client *client = *chain_of(mbox);
+
+    while (client != nullptr && client->mbox != mbox)
+        client = client->next_in_index;
+    return client;
+}
+
+static void add_to_index(tesk_client *client)
+{
+    tesk_client **chain = chain_of(client->mbox);
+
+    client->next_in_index = *chain;
+    *chain = client;
+}
+
+static void remove_from_index(const tesk_client *client)
+{
+    tesk_client **link = chain_of(client->mbox);
+
+    while (*link != client)
+        link = &(*link)->next_in_index;
+    *link = client->next_in_index;
+}
 
 static guint hash_subscriber(gconstpointer key)
 {
@@ -51,10 +89,11 @@ static gboolean equal_subscribers(gconstpointer left, gconstpointer right)
            one->subscription.kind == other->subscription.kind;
 }
 
-/* A subscriber is its own key, so one is made up to look for. There are clients, and so there is a
-   set to look in. */
+/* A subscriber is its own key, so the lookup needs one with the wanted values. */
 static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
+    if (subscribers == nullptr)
+        return nullptr;
     const tesk_subscriber sought = {.client = const_cast<tesk_client *>(client),
                                     .subscription = {port_no, kind},
                                     .index = 0,
@@ -64,8 +103,8 @@ static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port
     return static_cast<tesk_subscriber *>(g_hash_table_lookup(subscribers, &sought));
 }
 
-/* The head of a port's list; null for a port or kind that cannot be subscribed to. Kinds start at
-   1, so that kind 0 wraps around and is refused by the same test as one that is too high. */
+/* The head of a port's list; null for a port or kind out of range. Kinds start at 1: kind 0 wraps
+   around, so that one comparison covers both ends. */
 static tesk_subscriber **subscribers_of_port(uint32_t port_no, uint32_t kind)
 {
     if (port_no >= TESK_NUMBER_OF_PORTS || kind - 1 >= number_of_kinds)
@@ -73,7 +112,7 @@ static tesk_subscriber **subscribers_of_port(uint32_t port_no, uint32_t kind)
     return &port_subscribers[kind - 1][port_no];
 }
 
-/* Behind the subscribers that connected later than its client. */
+/* Inserts it behind the subscribers with newer clients. */
 static void link_subscriber(tesk_subscriber *subscriber)
 {
     const tesk_client_subscription &held = subscriber->subscription;
@@ -84,7 +123,7 @@ static void link_subscriber(tesk_subscriber *subscriber)
     tesk_list_insert(link, subscriber);
 }
 
-static void forget_subscriber(tesk_subscriber *subscriber)
+static void free_subscriber(tesk_subscriber *subscriber)
 {
     tesk_list_remove(subscriber);
     g_hash_table_remove(subscribers, subscriber);
@@ -96,6 +135,18 @@ static const tesk_client_subscription *subscription_at(const tesk_client *client
     return &g_array_index(client->subscriptions, tesk_client_subscription, index);
 }
 
+/* The array is freed whole, so its elements need not be removed one by one. */
+static void free_subscriptions(tesk_client *client)
+{
+    if (client->subscriptions == nullptr)
+        return;
+    for (guint index = 0; index < client->subscriptions->len; index++) {
+        const tesk_client_subscription *held = subscription_at(client, index);
+        free_subscriber(find_subscriber(client, held->port_no, held->kind));
+    }
+    g_array_free(client->subscriptions, TRUE);
+}
+
 tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref)
 {
     auto *client = static_cast<tesk_client *>(malloc(sizeof(tesk_client)));
@@ -104,18 +155,14 @@ tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref)
         return nullptr;
     client->mbox = mbox;
     client->monitor_ref = 0;
-    client->subscriptions = g_array_new(FALSE, FALSE, sizeof(tesk_client_subscription));
+    client->subscriptions = nullptr;
     client->conn_ref = conn_ref;
     client->procedure_ref = 0;
 
     tesk_mutex_lock(&client_mutex);
     client->client_id = next_client_id++;
     tesk_list_insert(&client_head, client);
-    if (clients_by_mailbox == nullptr) {
-        clients_by_mailbox = g_hash_table_new(nullptr, nullptr);
-        subscribers = g_hash_table_new(hash_subscriber, equal_subscribers);
-    }
-    g_hash_table_insert(clients_by_mailbox, GUINT_TO_POINTER(mbox), client);
+    add_to_index(client);
     tesk_mutex_unlock(&client_mutex);
     return client;
 }
@@ -128,24 +175,10 @@ void tesk_client_remove(tesk_client *client)
     }
     tesk_mutex_lock(&client_mutex);
     tesk_list_remove(client);
-    g_hash_table_remove(clients_by_mailbox, GUINT_TO_POINTER(client->mbox));
-    /* The array is freed as a whole, so that its subscriptions need not be taken out one by one. */
-    for (guint index = 0; index < client->subscriptions->len; index++) {
-        const tesk_client_subscription *held = subscription_at(client, index);
-        forget_subscriber(find_subscriber(client, held->port_no, held->kind));
-    }
-    g_array_free(client->subscriptions, TRUE);
+    remove_from_index(client);
+    free_subscriptions(client);
     free(client);
     tesk_mutex_unlock(&client_mutex);
-}
-
-/* With the mutex held. Before the first client there is no index at all. */
-static tesk_client *find_by_mailbox(uint32_t mbox)
-{
-    if (clients_by_mailbox == nullptr)
-        return nullptr;
-    return static_cast<tesk_client *>(
-        g_hash_table_lookup(clients_by_mailbox, GUINT_TO_POINTER(mbox)));
 }
 
 tesk_client *tesk_client_find_by_sender(uint32_t mbox)
@@ -177,8 +210,12 @@ int32_t tesk_client_find_subscription(const tesk_client *client, uint32_t port_n
 
 void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_t kind)
 {
-    auto *subscriber = g_new(tesk_subscriber, 1);
+    if (subscribers == nullptr)
+        subscribers = g_hash_table_new(hash_subscriber, equal_subscribers);
+    if (client->subscriptions == nullptr)
+        client->subscriptions = g_array_new(FALSE, FALSE, sizeof(tesk_client_subscription));
 
+    auto *subscriber = g_new(tesk_subscriber, 1);
     subscriber->client = client;
     subscriber->subscription = {port_no, kind};
     subscriber->index = client->subscriptions->len;
@@ -192,9 +229,9 @@ void tesk_client_remove_subscription(tesk_client *client, int32_t index)
     const auto removed = static_cast<guint>(index);
     const tesk_client_subscription *held = subscription_at(client, removed);
 
-    forget_subscriber(find_subscriber(client, held->port_no, held->kind));
+    free_subscriber(find_subscriber(client, held->port_no, held->kind));
     g_array_remove_index_fast(client->subscriptions, removed);
-    /* What was the last subscription stands here now, and its subscriber must know. */
+    /* The last subscription is here now: its subscriber needs the new index. */
     if (removed < client->subscriptions->len) {
         held = subscription_at(client, removed);
         find_subscriber(client, held->port_no, held->kind)->index = removed;
@@ -208,28 +245,12 @@ const tesk_subscriber *tesk_client_first_subscriber(uint32_t port_no, uint32_t k
     return head == nullptr ? nullptr : *head;
 }
 
-/* The records of a thousand subscribers have left the caches since the last event. So those of the
-   next but one are fetched here, while the signal to the next one is on its way. */
-const tesk_subscriber *tesk_client_next_subscriber(const tesk_subscriber *subscriber)
-{
-    const tesk_subscriber *next = subscriber->next;
-
-    if (next != nullptr && next->next != nullptr) {
-        __builtin_prefetch(next->next->client);
-        __builtin_prefetch(next->next->next);
-    }
-    return next;
-}
-
 void tesk_client_data_reset()
 {
     tesk_mutex_lock(&client_mutex);
     next_client_id = 0;
-    if (clients_by_mailbox != nullptr) {
-        g_hash_table_destroy(clients_by_mailbox);
+    if (subscribers != nullptr)
         g_hash_table_destroy(subscribers);
-    }
-    clients_by_mailbox = nullptr;
     subscribers = nullptr;
     tesk_mutex_unlock(&client_mutex);
 }

@@ -1,7 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_client_data - the registry: one record for each client that has established a connection,
-   with the subscriptions that it holds. Main thread only, in spite of the mutex. A pointer to a
-   record is good until control returns to the main loop. */
+   with the subscriptions that it holds. Main thread only. A pointer to a record is valid until
+   control returns to the main loop.
+
+   Exhausted memory: tesk_client_add returns null; tesk_client_add_subscription ends the process in
+   GLib; nothing else allocates. */
 #pragma once
 
 #include <cstdint>
@@ -18,20 +21,22 @@ struct tesk_client_subscription {
 };
 static_assert(sizeof(tesk_client_subscription) == 8);
 
-/* One client. A client_id is never given out twice, so that a request that was meant for a client
-   of the past finds nobody. */
+/* One client. A client_id is never assigned twice, so that a request with the client_id of a former
+   client matches no client. */
 struct tesk_client {
     uint32_t client_id;     /* the server's reference: connection_ref of the client's requests */
-    uint32_t conn_ref;      /* the client's reference: connection_ref of all that is sent to it */
-    uint32_t procedure_ref; /* of the latest change to its subscriptions; sent in indications */
+    uint32_t conn_ref;      /* the client's reference: connection_ref of all signals to it */
+    uint32_t procedure_ref; /* of the latest change of its subscriptions; sent in indications */
     uint32_t mbox;          /* the client's mailbox */
     uint32_t monitor_ref;   /* 0 until the mailbox is monitored */
-    GArray *subscriptions; /* of tesk_client_subscription, at most one a port and kind, unordered */
+    GArray *subscriptions;  /* of tesk_client_subscription, at most one for each port and kind,
+                               unordered; null before the first one */
     tesk_client *next;
     tesk_client **prev_link;
+    tesk_client *next_in_index; /* for the registry's own use */
 };
 
-/* One client's subscription as the port sees it. */
+/* A client's subscription as an element of the port's list of subscribers. */
 struct tesk_subscriber {
     tesk_client *client;
     tesk_client_subscription subscription;
@@ -41,11 +46,11 @@ struct tesk_subscriber {
 };
 
 /* Registers a new client at the head of the list, with the next client_id. Null when memory is
-   out. */
+   exhausted. */
 tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref);
 
-/* Unregisters and frees. Neither the port subscription table nor the monitor is touched. Null is
-   traced. */
+/* Unregisters and frees the client. Neither the port subscription table nor the monitor is changed.
+   Null is traced. */
 void tesk_client_remove(tesk_client *client);
 
 /* The client of a mailbox, or null. */
@@ -54,22 +59,22 @@ tesk_client *tesk_client_find_by_sender(uint32_t mbox);
 /* The client of a request: its client_id is `connection_ref` and its mailbox `mbox`; or null. */
 tesk_client *tesk_client_find(uint32_t connection_ref, uint32_t mbox);
 
-/* The newest client, its `next` leading to the older ones; or null. */
+/* The newest client, whose `next` leads to the older ones; or null. */
 tesk_client *tesk_client_first();
 
-/* The index of the client's subscription, or -1. */
+/* The index of the client's subscription in its array, or -1. */
 int32_t tesk_client_find_subscription(const tesk_client *client, uint32_t port_no, uint32_t kind);
 
-/* Appends a subscription that the client doesn't hold. */
+/* Appends a subscription that the client doesn't hold. `port_no` is below TESK_NUMBER_OF_PORTS and
+   `kind` is a tesk_subscription_kind. */
 void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_t kind);
 
 /* Removes the subscription at `index`; the last one takes its place. */
 void tesk_client_remove_subscription(tesk_client *client, int32_t index);
 
-/* The subscriber of a port and kind that connected last, or null; and the one that connected before
-   it, or null. */
+/* The subscriber of a port and kind whose client is the newest, whose `next` leads to the older
+   ones; null without subscribers, and for a port or kind out of range. */
 const tesk_subscriber *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind);
-const tesk_subscriber *tesk_client_next_subscriber(const tesk_subscriber *subscriber);
 
-/* The next client_id is 0 again. There are no clients any more. */
+/* Called when no client is left: the next client_id is 0 again. */
 void tesk_client_data_reset();

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A mailbox has one connection at most, and whether it has one is asked first: a client that is
-   connected already is told so, whatever it offers. The revisions decide next: the client offers a
-   list, and the server takes the one that it speaks, wherever it stands.
+/* A mailbox has at most one connection. This is checked first: a connected client is rejected for
+   that reason whatever revisions it offers. Then the server looks for its own revision anywhere in
+   the client's list.
 
-   The two sides swap references here. What the client gives as connection_ref comes back to it in
-   all that the server sends, and the client_id of the CFM is what it has to put into the same field
-   of its requests. A rejection bears 0, since no reference has been agreed. */
+   The two sides exchange references. The client's connection_ref is that of all later signals to
+   it; the client_id in the CFM is the connection_ref of all its later requests. A rejection has
+   connection_ref 0, since there is no connection. */
 #include "tesk_server/tesk_conn_establish.h"
 
 #include "tesk_server/tesk_client_data.h"
@@ -17,13 +17,13 @@
 #include <cstdio>
 #include <cstring>
 
-/* How many entries of protocol_rev the signal really holds, whatever it says. The dispatch has seen
-   to it that the part before them is there. */
-static uint32_t held_revisions(const mbx_signal *signal, uint32_t number_of_rev)
+/* The number of entries of protocol_rev that the received block contains, at most number_of_rev.
+   The dispatch has checked that it contains the part before them. */
+static uint32_t contained_revisions(const mbx_signal *signal, uint32_t number_of_rev)
 {
-    const size_t room = mbx_size(signal) - sizeof(tesk_conn_establish_req);
+    const size_t available = mbx_size(signal) - sizeof(tesk_conn_establish_req);
 
-    return static_cast<uint32_t>(std::min<size_t>(number_of_rev, room / sizeof(uint32_t)));
+    return static_cast<uint32_t>(std::min<size_t>(number_of_rev, available / sizeof(uint32_t)));
 }
 
 static void tesk_send_conn_establish_cfm(uint32_t mbox, uint32_t procedure_ref,
@@ -39,7 +39,7 @@ static void tesk_send_conn_establish_cfm(uint32_t mbox, uint32_t procedure_ref,
                     "Sent signal TESK_CONN_ESTABLISH_CFM:connection_ref: %u procedure_ref: "
                     "%uprotocol_rev: %u mbox: 0x%x",
                     cfm->connection_ref, cfm->procedure_ref, cfm->protocol_rev, mbox);
-    tesk_turn(*cfm);
+    tesk_swap_byte_order(*cfm);
     mbx_send(&signal, mbox, MBX_OWN_MAILBOX);
 }
 
@@ -59,11 +59,11 @@ static void tesk_send_conn_establish_rej(uint32_t mbox, uint32_t procedure_ref, 
                     static_cast<int32_t>(rej->connection_ref),
                     static_cast<int32_t>(rej->procedure_ref), rej->error_code,
                     rej->error_description, mbox);
-    tesk_turn(*rej);
+    tesk_swap_byte_order(*rej);
     mbx_send(&signal, mbox, MBX_OWN_MAILBOX);
 }
 
-/* Whether the establishment may go on; if not, error_code and error_description tell why. The
+/* True when the establishment may continue, otherwise error_code and error_description are set. The
    request is in host order, with `revisions` entries of protocol_rev. */
 static bool tesk_conn_establish_validate(const tesk_conn_establish_req *request, uint32_t sender,
                                          uint32_t revisions, int32_t *error_code,
@@ -109,11 +109,11 @@ void tesk_handle_conn_establish_req(mbx_signal *signal)
     int32_t error_code = 0;
     char error_description[TESK_ERROR_DESCRIPTION_SIZE];
 
-    /* The count must be in host order before anybody can tell where the list ends. */
-    tesk_turn(*request);
-    const uint32_t revisions = held_revisions(signal, request->number_of_rev);
+    /* number_of_rev must be in host order before the entries can be counted. */
+    tesk_swap_byte_order(*request);
+    const uint32_t revisions = contained_revisions(signal, request->number_of_rev);
     for (uint32_t index = 0; index < revisions; index++)
-        tesk_turn_words(request->protocol_rev[index]);
+        tesk_swap_words(request->protocol_rev[index]);
     tesk_trace_received(signal,
                         "Received TESK_CONN_ESTABLISH_REQ: sender: 0x%x, connection_ref: %u, "
                         "procedure_ref: %u, number_of_rev = %u",
@@ -129,8 +129,8 @@ void tesk_handle_conn_establish_req(mbx_signal *signal)
         tesk_send_conn_establish_rej(sender, request->procedure_ref, error_code, error_description);
         return;
     }
-    /* The monitor stands before the client hears that it is connected: whenever it goes, it is
-       missed. A mailbox that has gone by now is told as dead at once. */
+    /* The monitor is started before the CFM is sent, so that no loss of the client is missed. For a
+       mailbox that is dead already the monitor signal arrives at once. */
     tesk_trace(TESK_TRACE_COURSE, "Starting monitoring of client %d",
                static_cast<int32_t>(client->client_id));
     client->monitor_ref = mbx_monitor(sender, nullptr);

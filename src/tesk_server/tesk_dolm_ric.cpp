@@ -1,18 +1,19 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Start and stop of the hardware library, and the hardware event thread.
 
-   The thread waits in the library, turns each event into a record of the event queue and gives the
-   event back at once. It decides nothing and reads nothing of the hardware: whether a change
-   matters to anybody is for the main thread, which also makes every other call of the library. The
-   two share the handle, written before the thread exists, and the queue.
+   The thread waits in the library, converts each event to a record of the event queue and frees the
+   event at once. It makes no decision and reads nothing from the hardware: the main thread decides
+   whether a change concerns a client, and makes all other calls of the library. The two threads
+   share the handle, which is written before the thread exists, and the queue.
 
-   The library's shutdown event ends the thread. A wait that fails doesn't, as the library may get
-   over it; it is taken up again after a pause of 5 ms, so that a library that fails for good costs
-   next to nothing, and events that come again are late by no more than that. Once the server stops,
-   though, a failed wait ends the thread too, or the join might never come back. */
+   The library's shutdown event ends the thread. A failed wait doesn't, as the failure may be
+   temporary. It is repeated after a pause of 5 ms: a permanent failure then uses hardly any CPU
+   time, and an event after a temporary one is delayed by 5 ms at most. While the server stops,
+   however, a failed wait ends the thread, as the join might otherwise never return. */
 #include "tesk_server/tesk_dolm_ric_internal.h"
 #include "tesk_server/tesk_event_queue.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -23,7 +24,9 @@
 
 static constexpr char event_thread_name[] = "tesk-s-dolm-e";
 
-static constexpr struct timespec retry_pause = {.tv_sec = 0, .tv_nsec = 5'000'000};
+static constexpr uint32_t quick_retries = 10;
+static constexpr long shortest_pause_ms = 5;
+static constexpr long longest_pause_ms = 100;
 
 uintptr_t dolm_ric_handle;
 
@@ -31,7 +34,7 @@ static bool library_started;
 static bool thread_started;
 static pthread_t event_thread;
 
-/* Set before the library is stopped, so that the thread can't miss it on a wait that the stop makes
+/* Set before the library is stopped, so that it is visible to the thread when the stop makes a wait
    fail. */
 static std::atomic<bool> stopping;
 
@@ -72,18 +75,16 @@ void *alloc_or_abort(size_t size)
     return block;
 }
 
-static void queue_event(tesk_hw_event_type type, uint32_t port_no, uint32_t state)
+static tesk_hw_event *make_event(tesk_hw_event_type type, uint32_t port_no)
 {
     auto *event = static_cast<tesk_hw_event *>(alloc_or_abort(sizeof(tesk_hw_event)));
 
     event->type = type;
     event->port_no = port_no;
-    event->state = state;
-    tesk_event_queue_put(event);
+    return event;
 }
 
-/* Any state but operational is down to the server: a link that is stopped carries as little as one
-   that fails. */
+/* All states but operational are PORTSTATE_DOWN. */
 static void handle_link_status(const dolm_ric_link_status *link)
 {
     const uint32_t port_no = dolm_ric_port_no(link->id);
@@ -93,11 +94,12 @@ static void handle_link_status(const dolm_ric_link_status *link)
                "link_status.state = %u(0 = DOLM_RICRILINKSTATE_STOPPED, 1 = "
                "DOLM_RICRILINKSTATE_NOOPERATION, 2 = DOLM_RICRILINKSTATE_OPERATIONAL)",
                port_no, link->state);
-    queue_event(TESK_HW_EVENT_PORT_STATE, port_no,
-                link->state == DOLM_RICRILINKSTATE_OPERATIONAL ? PORTSTATE_UP : PORTSTATE_DOWN);
+    tesk_hw_event *event = make_event(TESK_HW_EVENT_PORT_STATE, port_no);
+    event->state = link->state == DOLM_RICRILINKSTATE_OPERATIONAL ? PORTSTATE_UP : PORTSTATE_DOWN;
+    tesk_event_queue_put(event);
 }
 
-/* Unlike a read, an event of a port that isn't even started says that the presence is unknown. */
+/* Unlike a read, an event of a port that isn't started gives an unknown presence. */
 static tesk_sfp_presence presence_of_event(uint32_t status)
 {
     if (status & DOLM_RICRIPORT_MODREADY)
@@ -121,10 +123,12 @@ static void handle_port_status(const dolm_ric_port_status *port)
                "DOLM_RICRIPORT_MODREADY, 0x04 = DOLM_RICRIPORT_POWERFAULT, 0x08 = "
                "DOLM_RICRIPORT_MODINSERTED)",
                port_no, port->status);
-    queue_event(TESK_HW_EVENT_SFP, port_no, presence_of_event(port->status));
+    tesk_hw_event *event = make_event(TESK_HW_EVENT_SFP, port_no);
+    event->state = presence_of_event(port->status);
+    tesk_event_queue_put(event);
 }
 
-/* Whether the thread goes on. */
+/* False when the thread is to end. */
 static bool handle_event(const dolm_ric_event *event)
 {
     switch (event->type) {
@@ -143,11 +147,25 @@ static bool handle_event(const dolm_ric_event *event)
     }
 }
 
+/* Before the wait is repeated after so many failures in a row: a short one at first, as the failure
+   may be temporary, then doubled up to the longest, so that a library that has failed for good
+   costs hardly any CPU time and ten traces a second. */
+static void pause_after_failures(uint32_t failures)
+{
+    long pause_ms = shortest_pause_ms;
+
+    for (uint32_t count = quick_retries; count < failures && pause_ms < longest_pause_ms; count++)
+        pause_ms = std::min(pause_ms * 2, longest_pause_ms);
+    const struct timespec pause = {.tv_sec = 0, .tv_nsec = pause_ms * 1'000'000};
+    nanosleep(&pause, nullptr);
+}
+
 static void *dolm_ric_event_main(void *)
 {
     bool running = true;
+    uint32_t failures = 0; /* of the wait, in a row */
 
-    /* Both names serve people who look at the process; the thread works without them. */
+    /* The names are for diagnostics only; the thread works without them. */
     if (prctl(PR_SET_NAME, event_thread_name, 0, 0, 0) != 0)
         tesk_trace(TESK_TRACE_NOTABLE, "Failed to register tesk-s-dolm-e name!");
     zel_register_thread_name(event_thread_name);
@@ -159,10 +177,12 @@ static void *dolm_ric_event_main(void *)
             tesk_trace(TESK_TRACE_ERROR, "dolm_ric_waitevent: %d (%s)", result,
                        dolm_ric_result_text(result));
             running = !stopping;
+            failures += failures < UINT32_MAX;
             if (running)
-                nanosleep(&retry_pause, nullptr);
+                pause_after_failures(failures);
             continue;
         }
+        failures = 0;
         running = handle_event(event);
         dolm_ric_freeevent(dolm_ric_handle, &event);
     }
@@ -190,8 +210,8 @@ int32_t tesk_dolm_ric_init()
     return 0;
 }
 
-/* A failed start comes here too, so what never began is not ended. The library is stopped first:
-   that is what makes the thread end. */
+/* Also called after a failed start, so each part is ended only if it was started. The library is
+   stopped first, which ends the thread. */
 void tesk_dolm_ric_shutdown()
 {
     if (library_started) {

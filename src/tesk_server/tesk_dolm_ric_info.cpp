@@ -1,31 +1,38 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The library's subscriptions, and the reads of a port and of its module. Nothing is kept between
-   calls: a client is always told what the hardware says at that moment, not what an event said.
+/* The library's subscriptions, and the reads of a port and of its module. Nothing is stored between
+   calls: a client gets the values of the hardware at that moment, not those of an event.
 
-   A failed read is no failure of the server. get_sfp_info leaves its record as it was, and
-   get_port_info starts from values that say "not read" and stops at the first read that fails, so
-   that a client sees as much of the port as could be told. */
+   A failed read is not a failure of the server. get_sfp_info leaves its record as it was.
+   get_port_info starts from the values for "not read" and stops at the first failed read, so that a
+   client gets as much of the port as could be read. */
 #include "tesk_server/tesk_dolm_ric_internal.h"
 #include "tesk_server/tesk_text.h"
 
 #include <cstdlib>
 #include <cstring>
 
-/* A port that the library doesn't know is a client's mistake, any other failure is an error. Both
-   texts take the port, its id, the result and the result's text. */
-static void trace_port_failure(const char *unknown_port, const char *failure, uint32_t port_no,
-                               int32_t result)
+/* The names of a library operation in the traces. */
+struct operation_names {
+    const char *course;  /* in the trace of its course */
+    const char *failure; /* in the traces of a failure */
+    const char *gap;     /* between port and id in the trace for an unknown port */
+};
+
+/* A port that the library doesn't know is a client's mistake; any other failure is an error. */
+static void trace_port_failure(const operation_names &names, uint32_t port_no, int32_t result)
 {
+    const uint32_t id = dolm_ric_id(port_no);
+    const char *text = dolm_ric_result_text(result);
+
     if (result == DOLM_RICERR_NODEV)
-        tesk_trace(TESK_TRACE_NOTABLE, unknown_port, port_no, dolm_ric_id(port_no), result,
-                   dolm_ric_result_text(result));
+        tesk_trace(TESK_TRACE_NOTABLE, "ABN: %s: port %u%s(dolm_ric_id %u), %d (%s)", names.failure,
+                   port_no, names.gap, id, result, text);
     else
-        tesk_trace(TESK_TRACE_ERROR, failure, port_no, dolm_ric_id(port_no), result,
-                   dolm_ric_result_text(result));
+        tesk_trace(TESK_TRACE_ERROR, "%s: port %u(dolm_ric_id %u), %d (%s)", names.failure, port_no,
+                   id, result, text);
 }
 
-/* A port that isn't started counts as empty here. The event of such a port says that its presence
-   is unknown. */
+/* A port that isn't started counts as empty here, whereas its event gives an unknown presence. */
 static tesk_sfp_presence presence_of_read(int32_t result, uint32_t status)
 {
     if (result == DOLM_RICERR_NODEV)
@@ -39,113 +46,92 @@ static tesk_sfp_presence presence_of_read(int32_t result, uint32_t status)
     return SFP_NOT_PRESENT;
 }
 
-/* A read of the presence: the operation that gives it, the trace of its answer, which takes the
-   result and the status, and the two texts of a failure. */
-struct presence_read {
-    int32_t (*read)(uintptr_t handle, uint32_t id, dolm_ric_port_status *out);
-    const char *answer;
-    const char *unknown_port;
-    const char *failure;
-};
+using presence_operation = int32_t(uintptr_t handle, uint32_t id, dolm_ric_port_status *out);
 
-static tesk_sfp_presence read_presence(uint32_t port_no, const presence_read &its)
+static tesk_sfp_presence read_presence(uint32_t port_no, presence_operation *read,
+                                       const operation_names &names)
 {
     dolm_ric_port_status port = {};
-    const int32_t result = its.read(dolm_ric_handle, dolm_ric_id(port_no), &port);
+    const int32_t result = read(dolm_ric_handle, dolm_ric_id(port_no), &port);
 
-    tesk_trace(TESK_TRACE_COURSE, its.answer, result, port.status);
+    tesk_trace(TESK_TRACE_COURSE, "%s resulted with %d and port_status %u", names.course, result,
+               port.status);
     if (result != DOLM_RICERR_OK)
-        trace_port_failure(its.unknown_port, its.failure, port_no, result);
+        trace_port_failure(names, port_no, result);
     return presence_of_read(result, port.status);
 }
 
 tesk_sfp_presence get_dolm_sfp_presence(uint32_t port_no)
 {
-    static constexpr presence_read its = {
-        .read = dolm_ric_ri_getportstatus,
-        .answer = "get_dolm_sfp_presence(): dolm_ric_ri_getportstatus resulted with %d and "
-                  "port_status %u",
-        .unknown_port = "ABN: dolm_ric_ri_getportstatus: port %u(dolm_ric_id %u), %d (%s)",
-        .failure = "dolm_ric_ri_getportstatus: port %u(dolm_ric_id %u), %d (%s)",
+    static constexpr operation_names names = {
+        .course = "get_dolm_sfp_presence(): dolm_ric_ri_getportstatus",
+        .failure = "dolm_ric_ri_getportstatus",
+        .gap = "",
     };
 
-    return read_presence(port_no, its);
+    return read_presence(port_no, dolm_ric_ri_getportstatus, names);
 }
 
 tesk_sfp_presence subscribe_sfp_info(uint32_t port_no)
 {
-    static constexpr presence_read its = {
-        .read = dolm_ric_ri_subsport,
-        .answer = "subscribe_sfp_info(): dolm_ric_ri_subsport resulted with %d and port_status %u",
-        .unknown_port = "ABN: dolm_ric_ri_portstatus: port %u (dolm_ric_id %u), %d (%s)",
-        .failure = "dolm_ric_ri_portstatus: port %u(dolm_ric_id %u), %d (%s)",
+    static constexpr operation_names names = {
+        .course = "subscribe_sfp_info(): dolm_ric_ri_subsport",
+        .failure = "dolm_ric_ri_portstatus",
+        .gap = " ",
     };
 
-    return read_presence(port_no, its);
+    return read_presence(port_no, dolm_ric_ri_subsport, names);
 }
 
-/* The status that comes with this subscription is only traced: whoever subscribes reads the port as
-   a whole afterwards. */
+/* The link status that this call returns is only traced: the caller reads the port afterwards. */
 int32_t subscribe_port_status(uint32_t port_no)
 {
+    static constexpr operation_names names = {
+        .course = "subscribe_port_status(): dolm_ric_ri_subslink",
+        .failure = "dolm_ric_ri_subslink",
+        .gap = " ",
+    };
     dolm_ric_link_status link = {};
     const int32_t result = dolm_ric_ri_subslink(dolm_ric_handle, dolm_ric_id(port_no), &link);
 
-    tesk_trace(TESK_TRACE_COURSE,
-               "subscribe_port_status(): dolm_ric_ri_subslink resulted with %d and link_status %u",
-               result, link.state);
+    tesk_trace(TESK_TRACE_COURSE, "%s resulted with %d and link_status %u", names.course, result,
+               link.state);
     if (result != DOLM_RICERR_OK) {
-        trace_port_failure("ABN: dolm_ric_ri_subslink: port %u (dolm_ric_id %u), %d (%s)",
-                           "dolm_ric_ri_subslink: port %u(dolm_ric_id %u), %d (%s)", port_no,
-                           result);
+        trace_port_failure(names, port_no, result);
         return 1;
     }
     return 0;
 }
 
-/* The end of a subscription: the operation, the trace of its success, which takes the port, and the
-   two texts of a failure. */
-struct subscription_end {
-    int32_t (*end)(uintptr_t handle, uint32_t id);
-    const char *success;
-    const char *unknown_port;
-    const char *failure;
-};
+using end_operation = int32_t(uintptr_t handle, uint32_t id);
 
-static int32_t end_subscription(uint32_t port_no, const subscription_end &its)
+static int32_t end_subscription(uint32_t port_no, end_operation *end, const operation_names &names)
 {
-    const int32_t result = its.end(dolm_ric_handle, dolm_ric_id(port_no));
+    const int32_t result = end(dolm_ric_handle, dolm_ric_id(port_no));
 
     if (result != DOLM_RICERR_OK) {
-        trace_port_failure(its.unknown_port, its.failure, port_no, result);
+        trace_port_failure(names, port_no, result);
         return 1;
     }
-    tesk_trace(TESK_TRACE_COURSE, its.success, port_no);
+    tesk_trace(TESK_TRACE_COURSE, "%s: successfully unsubscribed from port %u", names.course,
+               port_no);
     return 0;
 }
 
 int32_t unsubscribe_sfp_info(uint32_t port_no)
 {
-    static constexpr subscription_end its = {
-        .end = dolm_ric_ri_unsubsport,
-        .success = "unsubscribe_sfp_info(): successfully unsubscribed from port %u",
-        .unknown_port = "ABN: dolm_ric_ri_unsubsport: port %u(dolm_ric_id %u), %d (%s)",
-        .failure = "dolm_ric_ri_unsubsport: port %u(dolm_ric_id %u), %d (%s)",
-    };
+    static constexpr operation_names names = {
+        .course = "unsubscribe_sfp_info()", .failure = "dolm_ric_ri_unsubsport", .gap = ""};
 
-    return end_subscription(port_no, its);
+    return end_subscription(port_no, dolm_ric_ri_unsubsport, names);
 }
 
 int32_t unsubscribe_port_status(uint32_t port_no)
 {
-    static constexpr subscription_end its = {
-        .end = dolm_ric_ri_unsubslink,
-        .success = "unsubscribe_port_status(): successfully unsubscribed from port %u",
-        .unknown_port = "ABN: dolm_ric_ri_unsubslink: port %u(dolm_ric_id %u), %d (%s)",
-        .failure = "dolm_ric_ri_unsubslink: port %u(dolm_ric_id %u), %d (%s)",
-    };
+    static constexpr operation_names names = {
+        .course = "unsubscribe_port_status()", .failure = "dolm_ric_ri_unsubslink", .gap = ""};
 
-    return end_subscription(port_no, its);
+    return end_subscription(port_no, dolm_ric_ri_unsubslink, names);
 }
 
 uint32_t sfp_connector_to_type(uint8_t connector)
@@ -160,42 +146,40 @@ uint32_t sfp_connector_to_type(uint8_t connector)
     }
 }
 
-/* Codes that hold the speed itself; 0 for all others, which have no speed in the protocol. */
-static uint32_t speed_in_code(uint32_t code)
+/* A speed code of the library and the protocol's value for it. */
+struct speed_row {
+    uint32_t code;
+    uint32_t tenth_gbps;
+};
+
+/* A code that isn't listed has the speed itself in its lower half, or no speed in the protocol: 0.
+ */
+template <size_t rows>
+static uint32_t speed_of_code(const speed_row (&table)[rows], uint32_t code)
 {
-    const bool has_speed = (code & DOLM_RIC_SPEED_RANGE_MASK) == DOLM_RIC_SPEED_TENTH_GBPS;
-    return has_speed ? code & ~DOLM_RIC_SPEED_RANGE_MASK : 0;
+    for (const speed_row &row : table)
+        if (row.code == code)
+            return row.tenth_gbps;
+    return (code & 0xffff0000) == DOLM_RIC_SPEED_CODE(0) ? code & 0xffff : 0;
 }
 
-/* In units of 0.1 Gbps. */
 static uint32_t sfp_eth_speed_to_speed(uint32_t eth_speed)
 {
-    switch (eth_speed) {
-    case DOLM_SFP_ETHSPEED_1000MB:
-        return 10;
-    case DOLM_SFP_ETHSPEED_10GB:
-        return 100;
-    default:
-        return speed_in_code(eth_speed);
-    }
+    static constexpr speed_row speeds[] = {{DOLM_SFP_ETHSPEED_1000MB, 10},
+                                           {DOLM_SFP_ETHSPEED_10GB, 100}};
+
+    return speed_of_code(speeds, eth_speed);
 }
 
-/* The listed codes are single bits of which the library gives one. */
 static uint32_t link_speed_to_tenth_gbps(uint32_t speed)
 {
-    static constexpr struct {
-        uint32_t code;
-        uint32_t tenth_gbps;
-    } speeds[] = {{0x0001, 12}, {0x0002, 25},  {0x0008, 49},
-                  {0x0020, 98}, {0x0040, 101}, {0x1000, 100}};
+    static constexpr speed_row speeds[] = {{0x0001, 12}, {0x0002, 25},  {0x0008, 49},
+                                           {0x0020, 98}, {0x0040, 101}, {0x1000, 100}};
 
-    for (const auto &entry : speeds)
-        if (entry.code == speed)
-            return entry.tenth_gbps;
-    return speed_in_code(speed);
+    return speed_of_code(speeds, speed);
 }
 
-/* The texts of a module's memory, each with a terminator of our own. */
+/* The texts of a module's memory with room for a terminator, which they may lack there. */
 struct module_texts {
     char vendor_name[sizeof(dolm_sfp_info::sfp_vendor_name) + 1];
     char vendor_oui[sizeof(dolm_sfp_info::sfp_vendor_oui) + 1];
@@ -206,7 +190,7 @@ struct module_texts {
     char rdh[sizeof(dolm_sfp_info::sfp_morvaine_rdh) + 1];
 };
 
-/* Seven texts are copied before anything is traced, so the group is asked once for all of it. */
+/* The group is tested once, before the texts are copied for the traces. */
 void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
 {
     if (!tesk_trace_enabled(TESK_TRACE_COURSE))
@@ -221,8 +205,8 @@ void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
     tesk_copy_bounded(texts.date_code, sfp->sfp_date_code);
     tesk_copy_bounded(texts.rdh, sfp->sfp_morvaine_rdh);
 
-    /* What the numbers below mean goes with them, so that a trace can be read without the library's
-       documents at hand. */
+    /* The values of the constants are traced, too, so that the traces can be read without the
+       library's documentation. */
     tesk_trace(TESK_TRACE_COURSE,
                "Values for sfp_connector: DOLM_SFP_CONNECTOR_UNSPEC = 0x0, DOLM_SFP_CONNECTOR_LC "
                "= 0x1, DOLM_SFP_CONNECTOR_RJ45 = 0x2, DOLM_SFP_CONNECTOR_OTHER = 0xff");
@@ -260,8 +244,8 @@ static void fill_sfp_info(const dolm_sfp_info *sfp, tesk_sfp_info *info)
     trace_module_identity(sfp, "");
     info->type = sfp_connector_to_type(sfp->sfp_connector);
     info->sfp_speed = sfp_eth_speed_to_speed(sfp->sfp_eth_speed);
-    /* Only an optical module is asked whether it is one of ours. What others hold in the place of
-       the text goes to the client as it is. */
+    /* sfp_morvaine is tested for optical modules only. The text of any other module is copied
+       whatever its sfp_morvaine. */
     if (info->type == TESK_SFP_OPTICAL && sfp->sfp_morvaine != DOLM_SFP_MORVAINE_MONI)
         tesk_copy_text(info->sfp_morvaine_rdh, "Non-Morvaine");
     else
@@ -276,8 +260,7 @@ static void fill_sfp_info(const dolm_sfp_info *sfp, tesk_sfp_info *info)
 
 tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_info *info)
 {
-    /* A module that isn't ready has nothing to say yet, and a presence that nobody knows can only
-       be found out by reading. */
+    /* A module that isn't ready cannot be read, and only a read resolves an unknown presence. */
     if (presence != SFP_PRESENT_AND_READY && presence != SFP_UNKNOWN)
         return SFP_NOT_PRESENT;
 
@@ -297,7 +280,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
         return SFP_UNKNOWN;
     }
 
-    /* Whatever is in the port and is no SFP module goes as an electrical one without texts. */
+    /* Anything other than an SFP module is reported as an electrical module without texts. */
     if (module.mode_type != DOLM_RIC_MODE_SFP) {
         info->type = TESK_SFP_ELECTRICAL;
         tesk_trace(TESK_TRACE_NOTABLE,
@@ -306,7 +289,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
         return SFP_PRESENT_AND_READY;
     }
 
-    /* Without memory for the copy the process ends before anything of the module is traced. */
+    /* If memory for the copy is exhausted, the process ends before the module is traced. */
     auto *sfp = static_cast<dolm_sfp_info *>(alloc_or_abort(sizeof(dolm_sfp_info)));
     *sfp = module.sfp;
     fill_sfp_info(sfp, info);
@@ -314,9 +297,9 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
     return SFP_PRESENT_AND_READY;
 }
 
-/* Signed and unsigned measurements alike fit the wide type, so one comparison serves both. A value
-   on a threshold counts as beyond it. The order of the tests decides where a module's thresholds
-   coincide, as the zeros of one that has none do. */
+/* The wide type holds the signed and the unsigned measurements, so the same comparisons apply to
+   both. A value equal to a threshold counts as beyond it. If thresholds are equal, as the zeros of
+   a module without thresholds, the order of the tests decides. */
 static uint32_t fault_level(int64_t value, int64_t low_warn, int64_t high_warn, int64_t low_alarm,
                             int64_t high_alarm)
 {
@@ -358,8 +341,7 @@ static void fill_fault_levels(const dolm_ric_module_diag *diag, tesk_port_info *
                    info->port_no, id, dolm_ric_result_text(result));
         return;
     }
-    /* Two readers, two readings of this word: here it is the value 2 that counts, and for the PM
-       counters it is the bit 0x01. */
+    /* This word is tested for the value 2 here, but for its bit 0x01 by the PM counters. */
     info->env_status = module.status == 2 ? TESK_ENV_RAISED : TESK_ENV_OTHER;
 }
 
@@ -376,8 +358,8 @@ static bool read_link(uint32_t port_no, tesk_port_info *info)
                    port_no, id, dolm_ric_result_text(result));
         return false;
     }
-    /* A link that is stopped is told as one that doesn't work: the protocol's value for stopped is
-       never used. */
+    /* A stopped link is reported as not operational: the protocol's value for stopped is not used.
+     */
     if (link.state == DOLM_RICRILINKSTATE_OPERATIONAL)
         info->conn_status = TESK_CONN_OPERATIONAL;
     tesk_trace(TESK_TRACE_COURSE, "get_port_info(): port_no=%u, conn_status=%u", port_no,
@@ -389,8 +371,8 @@ static bool read_link(uint32_t port_no, tesk_port_info *info)
     return true;
 }
 
-/* False when the module can't be read. A memory that isn't available stands for an electrical
-   module, whose diagnostics may still be. */
+/* False when the module can't be read. A module whose memory isn't available counts as electrical;
+   its diagnostics may still be available. */
 static bool read_module_type(uint32_t port_no, tesk_port_info *info)
 {
     dolm_ric_module_info module = {};

@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The read of a port's measured values, in the units of the protocol.
 
-   The identity comes first, since a port without a readable module has no values at all, and its
-   failure is what the client is told. Diagnostics are what many modules lack: their absence leaves
-   the values out, and the rest of the answer stands. The three reads are made one after the other
-   and need not show the same instant. */
+   The identity is read first, since a port without a readable module has no values; the result of
+   that read is the reason in the rejection. Many modules lack diagnostics: the answer is then sent
+   without their values. The three reads follow each other, so the values may be from different
+   moments. */
 #include "tesk_server/tesk_dolm_ric_internal.h"
 
-/* Integer arithmetic only. The added half may wrap at the width of its type, which is meant: there
-   is no error result. A negative temperature is cut toward zero after the addition. */
+/* Integer arithmetic only. The sum wraps at the width of its type, by intention: there is no error
+   result. For a negative temperature the quotient is truncated toward zero. */
 static int32_t convert_temperature(int32_t milli_degrees)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(milli_degrees) + 50u) / 100;
@@ -29,7 +29,7 @@ static uint32_t as_measured(uint32_t value)
     return value;
 }
 
-/* One line a measurement: its thresholds and its value, converted, each with the unit. */
+/* One line for each measurement: its thresholds and its value, converted, each with the unit. */
 #define TRACE_MEASUREMENT(diag, name, convert, unit)                                               \
     tesk_trace(TESK_TRACE_COURSE,                                                                  \
                #name "_low_warn = %d[%s], " #name "_high_warn = %d[%s], " #name                    \
@@ -42,7 +42,8 @@ static uint32_t as_measured(uint32_t value)
 
 static void trace_measurements(const dolm_ric_module_diag *diag)
 {
-    /* The text of DOLM_SFP_DIAGCAP_TXPOWER is known to readers of traces as it stands. */
+    /* Readers of traces expect this text unchanged, with "v" in that of DOLM_SFP_DIAGCAP_TXPOWER.
+     */
     tesk_trace(TESK_TRACE_COURSE,
                "diag_cap: %u. Values for diag_cap: DOLM_SFP_DIAGCAP_TEMP = 0x01, "
                "DOLM_SFP_DIAGCAP_VOLTAGE = 0x02, DOLM_SFP_DIAGCAP_TXBIAS = 0x04, "
@@ -85,8 +86,7 @@ static void fill_pm_sfp_diag(tesk_pm_counters *counters, const dolm_ric_module_d
     }
 }
 
-/* The bit that says that the status word counts as a loss of signal. The client then gets the whole
-   word. */
+/* If this bit of the module status is set, the client gets the whole word as a loss of signal. */
 static constexpr uint32_t loss_of_signal_bit = 0x01;
 
 static int32_t read_loss_of_signal(uint32_t id, tesk_pm_counters *counters)
@@ -107,7 +107,7 @@ static int32_t read_loss_of_signal(uint32_t id, tesk_pm_counters *counters)
     return DOLM_RICERR_OK;
 }
 
-/* A module without diagnostics is no failure: its values are absent. */
+/* A module without diagnostics is not a failure: its values are absent. */
 static int32_t read_diagnostics(uint32_t id, tesk_pm_counters *counters)
 {
     dolm_ric_module_diag diag = {};
@@ -142,8 +142,7 @@ int32_t read_pm_counters(tesk_pm_counters *counters)
     if (result != DOLM_RICERR_OK)
         return result;
 
-    /* The module has been read for its connector alone; whether it is an SFP is for the diagnostics
-       to say. */
+    /* Only the connector is used: mode_type is tested in the diagnostics. */
     trace_module_identity(&module.sfp, ", ");
     counters->pm_sfp_type = sfp_connector_to_type(module.sfp.sfp_connector);
     return DOLM_RICERR_OK;

@@ -2,9 +2,8 @@
 /* The mutex guards the list head and the eventfd's read and write together. The counter is
    therefore never 0 while the list isn't empty, and the blocking read returns at once.
 
-   Events come out newest first, and nothing turns them round: of two that waited together the older
-   one is handled last, and the state that it bears is the one that the server keeps until the
-   port's next event. */
+   Events are taken newest first, and nothing reverses the order: of two queued events of a port the
+   older one is handled last, and its state is stored until the port's next event. */
 #include "tesk_server/tesk_event_queue.h"
 
 #include "tesk_server/tesk_mutex.h"
@@ -43,7 +42,7 @@ void tesk_event_queue_put(tesk_hw_event *event)
     tesk_mutex_lock(&queue_mutex);
     event->next = queue_head;
     queue_head = event;
-    /* After a failed write the event goes out with the next one that wakes the main thread. */
+    /* After a failed write the event is handled with the next one that wakes the main thread. */
     [[maybe_unused]] ssize_t written = write(queue_fd, &one, sizeof(one));
     tesk_mutex_unlock(&queue_mutex);
 }
@@ -55,7 +54,7 @@ tesk_hw_event *tesk_event_queue_take_all()
     tesk_mutex_lock(&queue_mutex);
     tesk_hw_event *events = queue_head;
     queue_head = nullptr;
-    /* One read takes back all wakes, however many events they stood for. */
+    /* One read resets the counter, however many events it stands for. */
     if (read(queue_fd, &count, sizeof(count)) < 0)
         tesk_trace(TESK_TRACE_ERROR, "read: %u (%s)", static_cast<unsigned>(errno),
                    strerror(errno));

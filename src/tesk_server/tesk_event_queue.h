@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_event_queue - carries hardware events from the hardware event thread to the main thread: a
-   stack under a mutex, paired with an eventfd that the main loop waits on. It has no bound but
-   memory: a bound would mean to lose events, and each is small. */
+/* tesk_event_queue - passes hardware events from the hardware event thread to the main thread: a
+   stack guarded by a mutex, with an eventfd that the main loop waits for. Its size is not limited,
+   since a limit would lose events; an event takes 24 bytes. Nothing here allocates. */
 #pragma once
 
 #include <cstdint>
@@ -18,18 +18,20 @@ struct tesk_hw_event {
     tesk_hw_event *next;
 };
 
-/* Makes the eventfd. 0, or TESK_FAILURE with a trace. Main thread. */
+/* Creates the eventfd. 0, or TESK_FAILURE with a trace. Main thread. */
 int tesk_event_queue_init();
 
-/* The descriptor that is readable while events wait. Main thread. */
+/* The descriptor, readable while events are queued. Main thread. */
 int tesk_event_queue_get_fd();
 
-/* Takes over `event`, a malloc block with all but `next` set. Hardware event thread. */
+/* Takes ownership of `event`, a block from malloc with all fields but `next` set. Hardware event
+   thread. */
 void tesk_event_queue_put(tesk_hw_event *event);
 
-/* Hands out all events, newest first; the caller frees each with free. Null when there are none.
-   Called only while the descriptor is readable. Main thread. */
+/* Removes all events from the queue and returns them, newest first; the caller releases each with
+   free. Null when there are none. Called only while the descriptor is readable. Main thread. */
 tesk_hw_event *tesk_event_queue_take_all();
 
-/* Closes the descriptor and frees what is still queued. The producer has ended by then. */
+/* Closes the descriptor and frees the events that are still queued. Called when the hardware event
+   thread has ended. */
 void tesk_event_queue_shutdown();

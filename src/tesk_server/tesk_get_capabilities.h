@@ -4,4 +4,5 @@
 
 #include "platform/mbx/mbx.h"
 
+/* The caller frees the signal. */
 void tesk_handle_get_capabilities_req(mbx_signal *signal);

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_list - lists whose links are members of the records: `next`, and `prev_link`, which leads to
-   the place that points at the record, be it the head of the list or the `next` of the record
-   before. With that place at hand a record leaves its list without a walk, and nobody has to know
-   whether it stood first. Whoever owns a list guards it. */
+/* tesk_list - lists whose links are members of the records: `next`, and `prev_link`, the address of
+   the pointer to the record (the list head, or `next` of the record before). A record is therefore
+   removed without a walk and without a special case for the first one. The list's owner provides
+   the locking. */
 #pragma once
 
-/* Puts the record at the place `link`, and what stood there behind it. */
+/* Inserts the record at the place `link`; the record that was there becomes its successor. */
 template <typename record_type>
 static inline void tesk_list_insert(record_type **link, record_type *record)
 {
@@ -16,7 +16,7 @@ static inline void tesk_list_insert(record_type **link, record_type *record)
     *link = record;
 }
 
-/* The record's own links keep what they were. */
+/* The links of the removed record keep their values. */
 template <typename record_type>
 static inline void tesk_list_remove(record_type *record)
 {

@@ -2,18 +2,19 @@
 /* One epoll loop over two level-triggered sources: the mailbox and the event queue. A signal or a
    queued event is handled to its end before the next one is looked at.
 
-   The order of the start is one of dependence: whoever is started finds what it uses, the signal
-   handler a mailbox and the hardware event thread a queue. The end goes the other way, but for the
-   clients, who go first. An end also follows a start that failed, and cannot know how far that
-   came, so each step of it is harmless where nothing was begun.
+   The order of the start follows the dependencies: the signal handler needs a mailbox, the hardware
+   event thread a queue. Shut-down has the reverse order, except that the clients are removed first.
+   It also runs after a failed start without knowing how far that came, so each of its steps is
+   harmless for a module that was not started.
 
-   The stop is a signal too. SIGTERM or SIGINT makes the handler send TESK_EXIT_SIGNAL to the
-   server's own mailbox, and the dispatch ends the loop when the sender is that mailbox: nobody else
-   can. */
+   The stop is a signal, too. On SIGTERM or SIGINT the handler sends TESK_EXIT_SIGNAL to the
+   server's own mailbox, and the dispatch ends the loop when the sender is that mailbox: no other
+   process can stop the server this way. */
 #include "tesk_server/tesk_main.h"
 
 #include "platform/mbx/mbx.h"
 #include "platform/tesktmo/tesktmo.h"
+#include "tesk_server/leaky_bucket.h"
 #include "tesk_server/tesk_cache.h"
 #include "tesk_server/tesk_client_data.h"
 #include "tesk_server/tesk_conn_establish.h"
@@ -40,7 +41,7 @@
 #include <iterator>
 #include <unistd.h>
 
-/* What the main loop waits on, as the data word of the registrations tells it. */
+/* The sources of the main loop, as the data word of their registrations. */
 enum tesk_epoll_tag : uint32_t {
     TESK_EPOLL_EVENT_QUEUE = 0,
     TESK_EPOLL_MAILBOX = 1,
@@ -50,18 +51,8 @@ static constexpr int number_of_sources = 2;
 /* Written once, before the signal handler can run. */
 static uint32_t own_mailbox = MBX_NO_MAILBOX;
 
-/* Whether the signal in hand stops the server. */
-static bool stop_requested;
-
-/* From another mailbox it does nothing at all. */
-static void tesk_handle_exit_signal(mbx_signal *signal)
-{
-    if (mbx_sender(signal) == own_mailbox)
-        stop_requested = true;
-}
-
-/* The whole of the server's interface but the history. No handler sees a signal shorter than its
-   row says. */
+/* The signals that are handled by a procedure. A handler is called only if the signal is at least
+   as long as its row says. */
 struct dispatch_row {
     uint32_t number;
     uint32_t smallest_size;
@@ -82,45 +73,40 @@ static constexpr dispatch_row dispatch[] = {
     {TESK_PORT_STATUS_FILTER_TICK, sizeof(tesk_port_status_filter_tick),
      tesk_handle_port_status_filter_timeout},
     {MBX_MONITOR_DEFAULT_NO, sizeof(mbx_signal), tesk_handle_client_lost},
-    {TESK_EXIT_SIGNAL, sizeof(mbx_signal), tesk_handle_exit_signal},
 };
+static_assert(std::ranges::is_sorted(dispatch, {}, &dispatch_row::number));
 
-static constexpr bool row_before(const dispatch_row &row, const dispatch_row &other)
+/* 1 when the server is to stop, else 0. */
+static int tesk_dispatch(mbx_signal *signal)
 {
-    return row.number < other.number;
-}
-static_assert(std::is_sorted(std::begin(dispatch), std::end(dispatch), row_before));
+    /* From another mailbox the exit signal has no effect. */
+    if (signal->number == TESK_EXIT_SIGNAL)
+        return mbx_sender(signal) == own_mailbox ? 1 : 0;
 
-static void tesk_dispatch(mbx_signal *signal)
-{
-    const dispatch_row sought = {signal->number, 0, nullptr};
-    const auto *row =
-        std::lower_bound(std::begin(dispatch), std::end(dispatch), sought, row_before);
+    const auto *row = std::ranges::lower_bound(dispatch, signal->number, {}, &dispatch_row::number);
 
     if (row == std::end(dispatch) || row->number != signal->number) {
         tesk_trace(TESK_TRACE_ERROR, "Received unknown message 0x%08x", signal->number);
-        return;
+        return 0;
     }
     const uint32_t size = mbx_size(signal);
     if (size < row->smallest_size) {
         tesk_trace(TESK_TRACE_ERROR, "Received message 0x%08x is too short: %u bytes",
                    signal->number, size);
-        return;
+        return 0;
     }
     row->handle(signal);
+    return 0;
 }
 
 int tesk_handle_mailbox()
 {
-    stop_requested = false;
-
-    /* Doesn't wait, as the mailbox was found ready. Further signals keep it ready for the next
-       pass, so that hardware events get their turn between them. */
+    /* Doesn't wait, as the mailbox is readable. Further signals keep it readable for the next pass
+       of the loop, so that hardware events are handled between them. */
     mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
-    if (!tesk_shell_client_handle(signal))
-        tesk_dispatch(signal);
+    const int stop = tesk_shell_client_handle(signal) ? 0 : tesk_dispatch(signal);
     mbx_free(&signal);
-    return stop_requested ? 1 : 0;
+    return stop;
 }
 
 static void tesk_handle_port_state_event(uint32_t port_no, uint32_t port_state)
@@ -137,19 +123,19 @@ static void tesk_handle_port_state_event(uint32_t port_no, uint32_t port_state)
 
 static void tesk_handle_sfp_event(uint32_t port_no, uint32_t sfp_presence)
 {
-    /* Stored first: what the two sides do next already stands on the new presence. */
+    /* Stored first, as both sides below use the stored presence. */
     if (!tesk_portsub_update_sfp_presence(port_no, sfp_presence)) {
         tesk_trace(TESK_TRACE_COURSE, "No need to handle this SFP event, no change for port %u",
                    port_no);
         return;
     }
-    /* Who follows both hears which module it is before it hears how the port does with it. */
+    /* SFP info is sent first: a client subscribed to both learns the module before its status. */
     tesk_handle_sfp_presence_change(port_no, sfp_presence);
     tesk_handle_port_status_sfp_presence_change(port_no, sfp_presence);
 }
 
-/* An event of a port without a subscriber of its kind is dropped in silence: one may have been
-   under way when the last of them left. */
+/* An event of a port without a subscriber of its kind is dropped without a trace: it may have been
+   queued before the last subscriber left. */
 static void handle_hw_event(const tesk_hw_event *event)
 {
     switch (event->type) {
@@ -203,7 +189,7 @@ static void tesk_send_exit_signal()
     mbx_send(&signal, own_mailbox, MBX_OWN_MAILBOX);
 }
 
-/* Runs on whichever thread the process signal hits, in the middle of anything. */
+/* Runs on the thread that receives the process signal, between any two instructions. */
 static void tesk_signal_handler(int signal_number)
 {
     const int saved_errno = errno;
@@ -217,8 +203,8 @@ static void tesk_signal_handler(int signal_number)
     errno = saved_errno;
 }
 
-/* At the start this comes before any library has started a thread, and threads inherit it: none of
-   theirs takes a stop signal while there is no mailbox to send to. */
+/* At the start this precedes all threads of the libraries, which inherit the mask: none of them
+   receives a stop signal before there is a mailbox to send to. */
 static void tesk_block_all_signals()
 {
     sigset_t all;
@@ -227,8 +213,8 @@ static void tesk_block_all_signals()
     pthread_sigmask(SIG_SETMASK, &all, nullptr);
 }
 
-/* The handlers stand before the signals are let in: one that waits from before the start is an
-   orderly stop, too. */
+/* The handlers are installed before the signals are unblocked, so that a signal that is pending
+   since before the start stops the server cleanly, too. */
 static void tesk_setup_signal_handling()
 {
     struct sigaction action = {};
@@ -245,7 +231,7 @@ static void tesk_setup_signal_handling()
     pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
 }
 
-/* For the time before there are traces. */
+/* For failures before there are traces. */
 static int init_failure(const char *line)
 {
     fwrite(line, 1, strlen(line), stderr);
@@ -257,13 +243,13 @@ int tesk_server_init()
     tesk_block_all_signals();
     if (mbx_init(5, 0, 0, 0, 0) != 0)
         return init_failure("Unable to initialize MBX!\n");
-    /* Both results mean that the library can be used. */
+    /* Both 0 and 4 mean that the library is usable. */
     const int zel_result = zel_init();
     if (zel_result != 0 && zel_result != 4)
         return init_failure("Unable to initialize ZEL!\n");
     zel_register_thread_name("tesk-server");
 
-    /* Until the mailbox is there the stop signals wait: their handler sends to it. */
+    /* The stop signals stay blocked until the mailbox exists, as their handler sends to it. */
     own_mailbox = mbx_create_mailbox(TESK_SERVER_NAME, 0);
     if (own_mailbox == MBX_NO_MAILBOX) {
         tesk_trace(TESK_TRACE_ERROR, "Unable to create TESK-server mailbox!");
@@ -278,14 +264,15 @@ int tesk_server_init()
     }
     result = tesk_dolm_ric_init();
     if (result != 0) {
-        /* The text is known to readers of traces as it stands, whichever of the two has failed;
-           what it was has been traced by then. */
+        /* Readers of traces expect this text, whichever call has failed; tesk_dolm_ric_init has
+           traced which one it was. */
         tesk_trace(TESK_TRACE_ERROR, "pthread_create: %d (%s)", result, strerror(result));
         return TESK_FAILURE;
     }
-    /* Without timers a filtered port stays filtered, and all else works. */
+    /* Without timers a filtered port stays filtered; everything else works. */
     if (!tmo_service_init())
         tesk_trace(TESK_TRACE_ERROR, "Timer Service failed to start!");
+    leaky_bucket_init();
     tesk_portsub_init();
     tesk_cache_init();
     return 0;
@@ -293,20 +280,21 @@ int tesk_server_init()
 
 void tesk_server_shutdown()
 {
-    /* Nobody is told, and no subscription is given back one by one: the hardware library forgets
-       them all when it stops. */
+    /* No client is notified, and no subscription is ended by itself: the hardware library drops all
+       of them when it stops. */
     while (tesk_client *client = tesk_client_first()) {
         mbx_unmonitor(client->monitor_ref);
         tesk_client_remove(client);
     }
     tesk_client_data_reset();
     tesk_portsub_shutdown();
+    leaky_bucket_shutdown();
     tesk_cache_shutdown();
     tmo_service_stop();
-    /* The thread fills the queue until it is joined. */
+    /* The hardware event thread uses the queue until it is joined here. */
     tesk_dolm_ric_shutdown();
     tesk_event_queue_shutdown();
-    /* From here on the signal handler has no mailbox to send to. */
+    /* From here on the signal handler would have no mailbox to send to. */
     tesk_block_all_signals();
     mbx_delete_mailbox(own_mailbox);
     mbx_exit();
@@ -326,22 +314,22 @@ static bool add_source(int epoll_fd, int fd, tesk_epoll_tag tag)
     return true;
 }
 
-/* Until the exit signal comes. A wait that fails, as one that a process signal interrupts does,
-   yields no events and is taken up again. */
+/* Runs until the exit signal is received. A failed wait, for example one that a process signal
+   interrupts, gives no events and is repeated. */
 static void run_loop(int epoll_fd)
 {
     struct epoll_event events[number_of_sources];
 
     for (;;) {
         const int count = epoll_wait(epoll_fd, events, number_of_sources, -1);
-        /* After the stop the other source of the same pass isn't looked at. */
+        /* After the stop the other source of the same wake-up is not handled. */
         for (int index = 0; index < count; index++)
             if (tesk_handle_epoll_event(events[index]) == 1)
                 return;
     }
 }
 
-/* Start-up, loop; what the process ends with. */
+/* Start-up and main loop. Returns the exit status of the process. */
 static int serve(int *epoll_fd)
 {
     const int result = tesk_server_init();

@@ -1,19 +1,18 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A client that dies gives up what it holds as if it had unsubscribed from all of it, but for the
-   history and the answers: nobody is there to be told. The last subscriber of a port thus gives the
-   hardware subscription back however it leaves.
+/* The subscriptions of a lost client are ended as if it had unsubscribed, but without answers and
+   without entries in the history. Each hardware subscription is therefore ended with its last
+   subscriber, however that leaves.
 
-   A refusal of the hardware doesn't hold the clean-up: the client has gone, whatever its ports say.
- */
+   If the hardware refuses, the clean-up continues: the client is gone in any case. */
 #include "tesk_server/tesk_mbx_monitor.h"
 
 #include "tesk_server/tesk_client_data.h"
 #include "tesk_server/tesk_portsub.h"
 #include "tesk_server/tesk_trace.h"
 
-/* Gives up the client's share of one subscription. A refusal is traced and leaves the port with a
-   subscriber that no client stands for. */
-static void give_up(const tesk_client *client, const tesk_client_subscription *subscription)
+/* A refusal is traced and leaves the port with a subscriber for which there is no client. */
+static void end_subscription(const tesk_client *client,
+                             const tesk_client_subscription *subscription)
 {
     const uint32_t port_no = subscription->port_no;
 
@@ -46,10 +45,12 @@ void tesk_handle_client_lost(mbx_signal *signal)
     if (client == nullptr)
         return;
 
-    /* The monitor has done its work and isn't ended: there is nothing left of it. The subscriptions
-       go with the client below, so that the walk sees them stand still. */
-    for (guint index = 0; index < client->subscriptions->len; index++)
-        give_up(client, &g_array_index(client->subscriptions, tesk_client_subscription, index));
+    /* The monitor ended when it delivered its signal. The walk doesn't change the array:
+       tesk_client_remove frees it whole. */
+    const guint count = client->subscriptions == nullptr ? 0 : client->subscriptions->len;
+    for (guint index = 0; index < count; index++)
+        end_subscription(client,
+                         &g_array_index(client->subscriptions, tesk_client_subscription, index));
     tesk_trace(TESK_TRACE_COURSE, "Removing clients data: %d",
                static_cast<int32_t>(client->client_id));
     tesk_client_remove(client);

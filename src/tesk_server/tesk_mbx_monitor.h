@@ -4,5 +4,5 @@
 
 #include "platform/mbx/mbx.h"
 
-/* The dead mailbox is the signal's sender. */
+/* Handles MBX_MONITOR_DEFAULT_NO, whose sender is the dead mailbox; the caller frees the signal. */
 void tesk_handle_client_lost(mbx_signal *signal);

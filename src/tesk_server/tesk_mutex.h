@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_mutex - a mutex that cannot be taken or given back ends the process: nothing that it guards
-   can be trusted any more. */
+/* tesk_mutex - a mutex that cannot be locked or unlocked ends the process, since the data that it
+   guards can no longer be trusted. Any thread. */
 #pragma once
 
 #include <cstdlib>

@@ -1,28 +1,29 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Two tables, one for each kind of subscription, with one record for each port that has
-   subscribers. An index by port stands beside each table, since every hardware event asks for its
-   port's record, and most ports have none.
+   subscribers. Each table has an index by port, since every hardware event looks up its port's
+   record, and most ports have none.
 
-   A record stands for the hardware subscription of its port and kind: it is made when the library
-   has accepted that, and goes when the library has taken it back. So a refusal is answered by
-   putting everything back to where it was: no subscription without a record that will end it one
-   day, and no record whose events have stopped coming.
+   A record represents the hardware subscription of its port and kind: it is added when the library
+   has accepted the subscription, and removed when the library has ended it. If the library refuses,
+   everything is restored: there is no subscription without a record that can end it, and no record
+   without a subscription.
 
-   Both records of a port hold the presence of its module. It answers get_sfp_presence without a
-   hardware call and tells a new presence from a repeated one. An update writes both. They part only
-   where a first SFP info subscriber joins a port whose port status record has missed the module's
-   changes, as SFP events come with the subscription to SFP info alone; the next one of them brings
-   the two together again. */
+   Both records of a port contain the presence of its module. It answers get_sfp_presence without a
+   hardware call, and distinguishes a new presence from a repeated one. An update writes both. They
+   differ only when a first SFP info subscriber joins a port whose port status record has missed
+   changes of the module, since SFP events come with the SFP info subscription only; the next event
+   makes them equal again. */
 #include "tesk_server/tesk_portsub.h"
 
 #include "tesk_server/leaky_bucket.h"
 #include "tesk_server/tesk_dolm_ric.h"
 #include "tesk_server/tesk_trace.h"
 
+#include <cstdlib>
 #include <glib.h>
 
-/* Five changes to down with no tick between them fill a bucket, and the third one reaches the level
-   from which on changes are held back. */
+/* Five changes to down without a tick between them fill a bucket; the third one reaches the filter
+   level. */
 static constexpr int32_t bucket_size = 100;
 static constexpr int32_t bucket_filter_level = 50;
 
@@ -43,8 +44,8 @@ struct tesk_portsub_sfp_info {
 static GArray *port_status_table;
 static GArray *sfp_info_table;
 
-/* Where a port's record stands in its table, plus 1; 0 without one. A port that nobody subscribes
-   to costs nothing: its page is never touched. */
+/* The index of a port's record in its table, plus 1; 0 without a record. A page without a
+   subscribed port is never touched, and takes no memory. */
 using port_index = uint32_t[TESK_NUMBER_OF_PORTS];
 static port_index port_status_index;
 static port_index sfp_info_index;
@@ -76,8 +77,8 @@ static void append_record(GArray *table, port_index &index, const record_type &r
     index[record.port_no] = table->len;
 }
 
-/* The last record takes the removed one's place. Where they are one and the same, its index is
-   written and then cleared: the order of the last two lines matters. */
+/* The last record takes the removed one's place. If the two are the same, its index is written and
+   then cleared: the order of the last two lines matters. */
 template <typename record_type>
 static void remove_record(GArray *table, port_index &index, uint32_t port_no)
 {
@@ -89,7 +90,7 @@ static void remove_record(GArray *table, port_index &index, uint32_t port_no)
     index[port_no] = 0;
 }
 
-/* The index is cleared port by port: to clear it as a whole would touch all its pages. */
+/* The index is cleared port by port: clearing it whole would touch all its pages. */
 template <typename record_type>
 static void free_table(GArray **table, port_index &index)
 {
@@ -101,8 +102,8 @@ static void free_table(GArray **table, port_index &index)
     *table = nullptr;
 }
 
-/* Counts one subscriber less. True when it was the last, so that the hardware subscription is to be
-   given back; otherwise *result is what the removal gives. */
+/* Counts one subscriber less. True when it was the last one, so that the hardware subscription is
+   to be ended; otherwise *result is the result of the removal. */
 template <typename record_type>
 static bool count_down(record_type *record, uint32_t port_no, int32_t *result)
 {
@@ -115,12 +116,12 @@ static bool count_down(record_type *record, uint32_t port_no, int32_t *result)
     return --record->subscribers == 0;
 }
 
-/* The library keeps the subscription, so its record stays, with the subscriber that it had;
-   `format` takes the port, the result and the result's text. */
+/* Traces that the library refused to end the subscription, and restores the record's count. */
 template <typename record_type>
-static void keep_record(record_type *record, const char *format, int32_t result)
+static void keep_record(record_type *record, const char *operation, int32_t result)
 {
-    tesk_trace(TESK_TRACE_ERROR, format, record->port_no, result, dolm_ric_result_text(result));
+    tesk_trace(TESK_TRACE_ERROR, "%s: port%u, %d (%s)", operation, record->port_no, result,
+               dolm_ric_result_text(result));
     record->subscribers++;
 }
 
@@ -134,8 +135,8 @@ static int32_t add_bucket(uint32_t port_no)
     return bucket_id;
 }
 
-/* The presence from memory, or else from the hardware. A good answer of the hardware is stored: the
-   port's SFP info record, if there is one, has just said that it doesn't know. */
+/* The presence from the records, or else from the hardware. The hardware's answer is stored, since
+   the port's SFP info record, if there is one, contains SFP_UNKNOWN. */
 static tesk_sfp_presence tesk_portsub_resolve_sfp_presence(uint32_t port_no)
 {
     tesk_sfp_presence presence = get_sfp_presence(port_no);
@@ -177,7 +178,7 @@ int32_t tesk_portsub_add_sfp_info(uint32_t port_no)
         record->subscribers++;
         return 0;
     }
-    /* The presence comes with the subscription, so that no change falls between the two. */
+    /* The presence is read in the same call, so that no change is missed between the two. */
     const tesk_sfp_presence presence = subscribe_sfp_info(port_no);
     if (presence == UNSUPPORTED_PORT || presence == SFP_UNKNOWN)
         return TESK_FAILURE;
@@ -202,13 +203,13 @@ int32_t tesk_portsub_add_port_status(uint32_t port_no)
         return TESK_FAILURE;
     const int32_t bucket_id = add_bucket(port_no);
     if (bucket_id == -1) {
-        /* No record will speak for the subscription that has just been taken. */
+        /* Without a record nothing would end the new hardware subscription. */
         unsubscribe_port_status(port_no);
         return TESK_FAILURE;
     }
-    /* The new record is not in the table yet: only the port's SFP info record can answer from
-       memory. That nobody can tell the presence does not stop the subscription, which is about the
-       link. The port's state stays unknown here until the first read of the port sets it. */
+    /* The new record is not in the table yet: only the port's SFP info record can provide the
+       presence without a hardware call. An unknown presence does not prevent the subscription,
+       which concerns the link. The port state is unknown until the first read of the port. */
     const tesk_sfp_presence presence = tesk_portsub_resolve_sfp_presence(port_no);
     const tesk_portsub_port_status added = {.port_no = port_no,
                                             .subscribers = 1,
@@ -231,7 +232,7 @@ int32_t tesk_portsub_remove_sfp_info(uint32_t port_no)
         return result;
     result = unsubscribe_sfp_info(port_no);
     if (result != 0) {
-        keep_record(record, "dolm_unsubsport: port%u, %d (%s)", result);
+        keep_record(record, "dolm_unsubsport", result);
         return TESK_FAILURE;
     }
     remove_record<tesk_portsub_sfp_info>(sfp_info_table, sfp_info_index, port_no);
@@ -245,15 +246,16 @@ int32_t tesk_portsub_remove_port_status(uint32_t port_no)
 
     if (!count_down(record, port_no, &result))
         return result;
-    leaky_bucket_remove(record->bucket_id);
+    leaky_bucket_data *bucket = leaky_bucket_take_out(record->bucket_id);
     result = unsubscribe_port_status(port_no);
     if (result != 0) {
-        keep_record(record, "dolm_unsubslink: port%u, %d (%s)", result);
-        /* The bucket has gone already. A record whose bucket can't be found loses all changes of
-           its port in silence, so it gets a fresh one, and the filter starts from empty. */
-        record->bucket_id = add_bucket(port_no);
+        keep_record(record, "dolm_unsubslink", result);
+        /* The filter continues with its level; no tick is requested, as the one of the bucket is
+           still outstanding. */
+        leaky_bucket_reinsert(bucket);
         return TESK_FAILURE;
     }
+    free(bucket);
     remove_record<tesk_portsub_port_status>(port_status_table, port_status_index, port_no);
     return 0;
 }
@@ -292,8 +294,8 @@ tesk_sfp_presence get_sfp_presence(uint32_t port_no)
         tesk_trace(TESK_TRACE_COURSE, "SFP info subscription contains sfp presence %s",
                    tesk_sfp_presence_str(sfp_info->sfp_presence));
 
-    /* Where the two differ, nothing here says which of them is right. The callers ask
-       the hardware on an unknown presence, which settles it. */
+    /* If the two differ, either may be outdated. The callers read the hardware when the presence is
+       unknown. */
     if (port_status != nullptr && sfp_info != nullptr &&
         port_status->sfp_presence != sfp_info->sfp_presence) {
         tesk_trace(TESK_TRACE_ERROR,
@@ -343,10 +345,17 @@ const char *tesk_sfp_presence_str(uint32_t presence)
     return presence < G_N_ELEMENTS(names) ? names[presence] : "UNSUPPORTED_SFP_PRESENCE";
 }
 
+/* With room for a record of every port, so that adding one needs no memory. The room is address
+   space only: pages without a record are never touched. */
+static GArray *make_table(guint record_size)
+{
+    return g_array_sized_new(FALSE, FALSE, record_size, TESK_NUMBER_OF_PORTS);
+}
+
 void tesk_portsub_init()
 {
-    port_status_table = g_array_new(FALSE, FALSE, sizeof(tesk_portsub_port_status));
-    sfp_info_table = g_array_new(FALSE, FALSE, sizeof(tesk_portsub_sfp_info));
+    port_status_table = make_table(sizeof(tesk_portsub_port_status));
+    sfp_info_table = make_table(sizeof(tesk_portsub_sfp_info));
 }
 
 void tesk_portsub_shutdown()

@@ -1,46 +1,54 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_portsub - who is subscribed, port by port: a count of clients for each kind, what is known
-   of the port, and the port's leaky bucket. The hardware library sees one subscription a port and
-   kind however many clients hold it. A record exists exactly while that subscription is held. Main
-   thread only. */
+/* tesk_portsub - the port subscription table: for each port and kind the number of subscribed
+   clients, the last known values of the port, and the port's leaky bucket. The hardware library has
+   one subscription for each port and kind, however many clients share it. A record exists exactly
+   while that subscription does. Main thread only.
+
+   Port numbers passed to the add functions are below TESK_NUMBER_OF_PORTS: the records are indexed
+   by port. All other functions accept any number.
+
+   Exhausted memory: without memory for its bucket a port status subscription fails as described
+   below; tesk_portsub_init ends the process in GLib; nothing else allocates. */
 #pragma once
 
 #include "tesk_server/tesk_types.h"
 
 #include <cstdint>
 
-/* Makes the two tables. Nothing is added before. */
+/* Creates the two tables, before anything else is called. */
 void tesk_portsub_init();
 
-/* Frees the tables, and touches neither hardware subscriptions nor buckets. */
+/* Frees the tables; hardware subscriptions and buckets are left alone. Harmless if
+   tesk_portsub_init never ran. */
 void tesk_portsub_shutdown();
 
-/* The index of the port's record, good until the next change of the table, or -1. */
+/* The index of the port's record, valid until the next change of the table, or -1. */
 int32_t tesk_portsub_find_port_status(uint32_t port_no);
 int32_t tesk_portsub_find_sfp_info(uint32_t port_no);
 
-/* The port's bucket; 0 when the port has no port status record. */
+/* The id of the port's bucket; 0 when the port has no port status record. */
 int32_t tesk_portsub_get_bucket_id(uint32_t port_no);
 
-/* One subscriber more; the first takes the hardware subscription. 0, or TESK_FAILURE with nothing
-   changed. */
+/* Adds a subscriber; the first one makes the hardware subscription. 0, or TESK_FAILURE with nothing
+   changed: the hardware refused, or memory for the bucket is exhausted. */
 int32_t tesk_portsub_add_sfp_info(uint32_t port_no);
 int32_t tesk_portsub_add_port_status(uint32_t port_no);
 
-/* One subscriber less; the last gives the hardware subscription back. 0, or TESK_FAILURE with the
-   count as before: no record, or the hardware refused. */
+/* Removes a subscriber; the last one ends the hardware subscription. 0, or TESK_FAILURE with
+   nothing changed: there is no record, or the hardware refused. */
 int32_t tesk_portsub_remove_sfp_info(uint32_t port_no);
 int32_t tesk_portsub_remove_port_status(uint32_t port_no);
 
-/* Stores a presence in the records of the port. Whether it was news to any of them. */
+/* Stores a presence in the records of the port. True if at least one of them had another value. */
 bool tesk_portsub_update_sfp_presence(uint32_t port_no, uint32_t presence);
 
-/* The recorded presence; SFP_UNKNOWN when nothing usable is recorded. Doesn't read the hardware. */
+/* The recorded presence; SFP_UNKNOWN without a record, or when the port's two records differ.
+   Doesn't read the hardware. */
 tesk_sfp_presence get_sfp_presence(uint32_t port_no);
 
-/* Stores a port state. Whether it differs from the one before. */
+/* Stores a port state. True if it differs from the old one. */
 bool tesk_portsub_update_port_state(uint32_t port_no, uint32_t new_state);
 
-/* The constant's own name, for traces; never null, whatever the value is. */
+/* The name of the constant, for traces; never null, whatever the value. */
 const char *tesk_port_state_str(uint32_t state);
 const char *tesk_sfp_presence_str(uint32_t presence);

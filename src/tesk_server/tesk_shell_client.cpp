@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A protocol of its own for a diagnostic tool on the same board: any mailbox may ask, nothing is
-   turned to network order, there is no rejection, and no trace shows its signals. It is looked for
-   before the dispatch, which knows nothing of it.
+/* A separate protocol for a diagnostic tool on the same board: requests from any mailbox are
+   answered, all words are in host order, there is no rejection, and its signals are not traced. It
+   is handled before the dispatch.
 
-   The three answers have one frame and differ in type, record, mapping and failure text. The
-   enumerations of the shell protocol are its own: they are mapped, not copied, so that the server's
-   own values can change without a change of the tool. */
+   The three answers have the same layout and differ in cache, record, mapping and failure text. The
+   shell protocol has its own enumerations: values are mapped, not copied, so that the server's can
+   change without a change of the tool. */
 #include "tesk_server/tesk_shell_client.h"
 
 #include "tesk_server/tesk_cache.h"
@@ -14,7 +14,7 @@
 
 #include <cstdlib>
 
-/* Behind the records, with no meaning; readers of the protocol count on them. */
+/* Reserved bytes behind the records; they are part of the protocol. */
 static constexpr size_t trailing_bytes = 4;
 
 static uint32_t shell_port_state(uint32_t state)
@@ -29,7 +29,7 @@ static uint32_t shell_port_state(uint32_t state)
     }
 }
 
-/* The same numbers for what is known today, and unknown for whatever else there may be one day. */
+/* The values of the two enumerations are equal; any other value is unknown. */
 static uint32_t shell_sfp_presence(uint32_t presence)
 {
     return presence <= UNSUPPORTED_PORT ? presence : uint32_t{SFP_UNKNOWN};
@@ -43,7 +43,7 @@ static uint32_t shell_action(uint32_t action)
                : 0;
 }
 
-/* The shell protocol carries 32 bits of either half. */
+/* The shell protocol has 32 bits for each half. */
 static void fill_timestamp(const struct timeval *timestamp, uint32_t *tv_sec, uint32_t *tv_usec)
 {
     *tv_sec = static_cast<uint32_t>(timestamp->tv_sec);
@@ -87,9 +87,10 @@ static void fill_record(const tesk_cache_entry *entry, tesk_shell_action_record 
     fill_timestamp(&cached->timestamp, &out->tv_sec, &out->tv_usec);
 }
 
+/* `cache_text` names the cache in the failure trace. */
 template <typename record_type>
 static void send_cache(const mbx_signal *request, tesk_cache_entry_type type, uint32_t answer,
-                       const char *failure)
+                       const char *cache_text)
 {
     const uint32_t sender = mbx_sender(request);
     tesk_cache_entry *entries;
@@ -97,16 +98,17 @@ static void send_cache(const mbx_signal *request, tesk_cache_entry_type type, ui
 
     const int result = tesk_cache_read(type, &count, &entries);
     if (result != 0) {
-        tesk_trace(TESK_TRACE_ERROR, failure, static_cast<unsigned>(result));
+        tesk_trace(TESK_TRACE_ERROR, "Cannot read %s %u", cache_text,
+                   static_cast<unsigned>(result));
         return;
     }
+    using shell_cfm = tesk_shell_cfm<record_type>;
     mbx_signal *signal =
-        mbx_alloc(sizeof(tesk_shell_cfm) + sizeof(record_type) * count + trailing_bytes, answer);
-    auto *cfm = reinterpret_cast<tesk_shell_cfm *>(signal);
-    auto *records = reinterpret_cast<record_type *>(cfm + 1);
+        mbx_alloc(sizeof(shell_cfm) + sizeof(record_type) * count + trailing_bytes, answer);
+    auto *cfm = reinterpret_cast<shell_cfm *>(signal);
     cfm->count = count;
     for (uint32_t index = 0; index < count; index++)
-        fill_record(&entries[index], &records[index]);
+        fill_record(&entries[index], &cfm->records[index]);
     free(entries);
     mbx_send(&signal, sender, MBX_OWN_MAILBOX);
 }
@@ -115,21 +117,21 @@ static void tesk_shell_send_port_status_cache(const mbx_signal *request)
 {
     send_cache<tesk_shell_port_status_record>(request, TESK_CACHE_PORT_STATUS,
                                               TESK_SHELL_GET_PORT_STATUS_CACHE_CFM,
-                                              "Cannot read port status cache, result code: %u");
+                                              "port status cache, result code:");
 }
 
 static void tesk_shell_send_sfp_info_cache(const mbx_signal *request)
 {
     send_cache<tesk_shell_sfp_info_record>(request, TESK_CACHE_SFP_INFO,
                                            TESK_SHELL_GET_SFP_INFO_CACHE_CFM,
-                                           "Cannot read sfp info cache, result code: %u");
+                                           "sfp info cache, result code:");
 }
 
 static void tesk_shell_send_actions_cache(const mbx_signal *request)
 {
     send_cache<tesk_shell_action_record>(request, TESK_CACHE_ACTION,
                                          TESK_SHELL_GET_ACTIONS_CACHE_CFM,
-                                         "Cannot read actions cache, result code. %u");
+                                         "actions cache, result code.");
 }
 
 bool tesk_shell_client_handle(mbx_signal *signal)

@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_signals - every signal of the server: numbers, sizes, records and the turn to and from
-   network byte order. A record is laid over a received or allocated block that is at least as long.
-   The first word of every signal, its number, stays in host order; the records that the server
-   keeps to itself and those of the shell protocol are in host order as a whole. No state, any
-   thread. */
+/* tesk_signals - all signals of the server: numbers, sizes, records, and the conversion between
+   host and network byte order. A record overlays a received or allocated block that is at least as
+   long. The first word of every signal, its number, stays in host order; the internal signals and
+   those of the shell protocol are in host order throughout. No state, no allocation, any thread. */
 #pragma once
 
 #include <bit>
@@ -13,7 +12,7 @@
 static_assert(std::endian::native == std::endian::little,
               "tesk-server runs on little-endian processors only: its protocol swaps every word");
 
-/* The mailbox that clients talk to. */
+/* The mailbox that receives the requests of clients. */
 inline constexpr char TESK_SERVER_NAME[] = "tesk-server";
 
 inline constexpr uint32_t TESK_PROTOCOL_REVISION = 1;
@@ -83,16 +82,16 @@ enum tesk_fault_level : uint32_t {
     TESK_FAULT_NOT_SUPPORTED = 6,
 };
 
-/* env_status of a port: what the module's status word says. */
+/* env_status of a port, derived from the module's status word. */
 enum tesk_env_status : uint32_t {
     TESK_ENV_OTHER = 0,
     TESK_ENV_RAISED = 1,
     TESK_ENV_NOT_READ = 5,
 };
 
-/* What every client signal starts with. The records below name these three words once more instead
-   of holding them as a member or a base: so their fields are all at hand by one name, and a record
-   stays plain, with offsets that the compiler may be asked about. */
+/* The first three words of every client signal. The records below repeat them instead of having
+   them as a member or a base class: so each field is accessed by one name, and a record keeps the
+   standard layout that offsetof requires. */
 struct tesk_header {
     uint32_t number;
     uint32_t procedure_ref;
@@ -139,9 +138,9 @@ struct tesk_get_capabilities_cfm {
     uint32_t procedure_ref;
     uint32_t connection_ref;
     uint32_t number_of_capabilities;
-    tesk_capability capabilities[1]; /* number_of_capabilities entries */
+    tesk_capability capabilities[]; /* number_of_capabilities entries */
 };
-static_assert(sizeof(tesk_get_capabilities_cfm) == 24);
+static_assert(sizeof(tesk_get_capabilities_cfm) == 16);
 static_assert(offsetof(tesk_get_capabilities_cfm, capabilities) == 16);
 
 /* The requests and confirmations with a port. */
@@ -174,9 +173,9 @@ struct tesk_port_rej {
 static_assert(sizeof(tesk_port_rej) == 276);
 static_assert(offsetof(tesk_port_rej, error_description) == 20);
 
-/* What a read of a module yields, as TESK_SFP_INFO_IND carries it: a read fills it as it will lie
-   in the signal, so that it is copied in one piece. The widths of the texts count a zero at the end
-   and leave the words behind them aligned only with the two reserved bytes. */
+/* The result of a read of a module, in the layout of TESK_SFP_INFO_IND, so that it is copied whole.
+   The width of a text includes its terminator; the two reserved bytes align the word behind the
+   texts. */
 struct tesk_sfp_info {
     uint32_t port_no;
     uint32_t type; /* tesk_sfp_type */
@@ -209,7 +208,7 @@ static_assert(offsetof(tesk_sfp_info_ind, info.sfp_date_code) == 85);
 static_assert(offsetof(tesk_sfp_info_ind, info.sfp_vendor_sn) == 97);
 static_assert(offsetof(tesk_sfp_info_ind, info.sfp_speed) == 116);
 
-/* What a read of a port yields, as TESK_PORT_STATUS_IND carries it. */
+/* The result of a read of a port, in the layout of TESK_PORT_STATUS_IND. */
 struct tesk_port_info {
     uint32_t port_no;
     uint32_t conn_status; /* tesk_conn_status */
@@ -238,8 +237,8 @@ static_assert(sizeof(tesk_port_status_ind) == 96);
 static_assert(offsetof(tesk_port_status_ind, info.link_speed) == 24);
 static_assert(offsetof(tesk_port_status_ind, info.env_status) == 60);
 
-/* One snapshot of a port's measured values. A value without its has_ flag is 0, which may also be a
-   measured value: the flag alone tells. */
+/* One snapshot of a port's measured values. A value without its has_ flag is 0, which can also be a
+   measured value: only the flag distinguishes the two. */
 struct tesk_pm_counters {
     uint32_t port_no;
     uint32_t pm_sfp_type; /* tesk_sfp_type */
@@ -278,7 +277,7 @@ static_assert(offsetof(tesk_get_pm_counters_cfm, counters.has_pm_sfp_tx_power) =
 static_assert(offsetof(tesk_get_pm_counters_cfm, counters.pm_sfp_temperature) == 84);
 static_assert(offsetof(tesk_get_pm_counters_cfm, counters.pm_sfp_tx_bias) == 100);
 
-/* The filter's tick: from the server through the timer service back to the server. */
+/* The tick of the filter, sent by the server to itself through the timer service. */
 struct tesk_port_status_filter_tick {
     uint32_t number;
     uint32_t bucket_id;
@@ -286,13 +285,13 @@ struct tesk_port_status_filter_tick {
 };
 static_assert(sizeof(tesk_port_status_filter_tick) == 12);
 
-/* The frame of the three answers of the shell protocol; `count` records stand between it and the
-   four reserved bytes at the end. */
+/* The layout of the three answers of the shell protocol. Four reserved bytes follow the records. */
+template <typename record_type>
 struct tesk_shell_cfm {
     uint32_t number;
     uint32_t count;
+    record_type records[]; /* `count` entries */
 };
-static_assert(sizeof(tesk_shell_cfm) == 8);
 
 struct tesk_shell_port_status_record {
     uint32_t port_no;
@@ -328,77 +327,79 @@ struct tesk_shell_action_record {
     uint32_t tv_usec;
 };
 static_assert(sizeof(tesk_shell_action_record) == 24);
+static_assert(sizeof(tesk_shell_cfm<tesk_shell_action_record>) == 8);
 
-/* A block holds whole words, and no record asks for a stricter alignment. */
+/* Blocks are aligned to words, and no record requires more. */
 static_assert(alignof(tesk_sfp_info_ind) == alignof(uint32_t));
 static_assert(alignof(tesk_get_pm_counters_cfm) == alignof(uint32_t));
 
-/* Turns words from host to network byte order, or back: the turn is its own inverse. */
+/* Swaps the byte order of words, from host to network byte order or back: the swap is its own
+   inverse. */
 template <typename... word_type>
-constexpr void tesk_turn_words(word_type &...word)
+constexpr void tesk_swap_words(word_type &...word)
 {
     static_assert(((sizeof(word_type) == sizeof(uint32_t)) && ...));
     ((word = static_cast<word_type>(__builtin_bswap32(static_cast<uint32_t>(word)))), ...);
 }
 
-/* Turns the fixed part alone: the entries of protocol_rev are turned by whoever knows how many of
-   them the signal holds. */
-constexpr void tesk_turn(tesk_conn_establish_req &signal)
+/* Swaps the fixed part only: the caller swaps the entries of protocol_rev, as it knows how many of
+   them the block contains. */
+constexpr void tesk_swap_byte_order(tesk_conn_establish_req &signal)
 {
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.number_of_rev);
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, signal.number_of_rev);
 }
 
-constexpr void tesk_turn(tesk_conn_establish_cfm &signal)
+constexpr void tesk_swap_byte_order(tesk_conn_establish_cfm &signal)
 {
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.protocol_rev);
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, signal.protocol_rev);
 }
 
-constexpr void tesk_turn(tesk_conn_establish_rej &signal)
+constexpr void tesk_swap_byte_order(tesk_conn_establish_rej &signal)
 {
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.error_code);
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, signal.error_code);
 }
 
-constexpr void tesk_turn(tesk_header &signal)
+constexpr void tesk_swap_byte_order(tesk_header &signal)
 {
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref);
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref);
 }
 
-constexpr void tesk_turn(tesk_capability &capability)
+constexpr void tesk_swap_byte_order(tesk_capability &capability)
 {
-    tesk_turn_words(capability.capability_id, capability.capability_value);
+    tesk_swap_words(capability.capability_id, capability.capability_value);
 }
 
-constexpr void tesk_turn(tesk_port_signal &signal)
+constexpr void tesk_swap_byte_order(tesk_port_signal &signal)
 {
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.port_no);
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, signal.port_no);
 }
 
-constexpr void tesk_turn(tesk_port_rej &signal)
+constexpr void tesk_swap_byte_order(tesk_port_rej &signal)
 {
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, signal.port_no, signal.error_code);
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, signal.port_no, signal.error_code);
 }
 
-constexpr void tesk_turn(tesk_sfp_info_ind &signal)
+constexpr void tesk_swap_byte_order(tesk_sfp_info_ind &signal)
 {
     tesk_sfp_info &info = signal.info;
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, info.port_no, info.type,
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, info.port_no, info.type,
                     info.is_optical, info.sfp_speed);
 }
 
-constexpr void tesk_turn(tesk_port_status_ind &signal)
+constexpr void tesk_swap_byte_order(tesk_port_status_ind &signal)
 {
     tesk_port_info &info = signal.info;
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, info.port_no, info.conn_status,
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, info.port_no, info.conn_status,
                     info.sfp_type, info.link_speed, info.reserved_fault_level,
                     info.tx_power_fault_level, info.rx_power_fault_level, info.tx_bias_fault_level,
                     info.vcc_fault_level, info.temp_fault_level, info.laser_temp_fault_level,
                     info.tec_fault_level, info.env_status);
 }
 
-constexpr void tesk_turn(tesk_get_pm_counters_cfm &signal)
+constexpr void tesk_swap_byte_order(tesk_get_pm_counters_cfm &signal)
 {
     tesk_pm_counters &pm = signal.counters;
-    tesk_turn_words(signal.procedure_ref, signal.connection_ref, pm.port_no, pm.pm_sfp_type,
+    tesk_swap_words(signal.procedure_ref, signal.connection_ref, pm.port_no, pm.pm_sfp_type,
                     pm.has_pm_loss_of_frame_count, pm.pm_loss_of_frame_count,
                     pm.has_pm_loss_of_signal_count, pm.pm_loss_of_signal_count,
                     pm.has_pm_bit_error_count, pm.ber_level10_8, pm.ber_level10_7, pm.ber_level10_6,

@@ -1,16 +1,17 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The order of the steps is what a client can rely on. A refusal comes before anything is changed:
-   the checks that cost nothing first, the hardware last. After that the subscription is recorded
-   before the history is written and the CFM goes out last, so that what a CFM says is true when it
-   arrives, and the first indication, which the handlers send, never overtakes it.
+/* Clients rely on the order of the steps. All checks come before any change: those within the
+   server first, the hardware last. Then the subscription is recorded, the history is written and
+   the CFM is sent, so that the CFM's contents are true when it arrives. The handlers send the first
+   indication after the CFM.
 
-   The client's procedure_ref follows the change, not the request: it is stored once the port
-   subscription table has accepted, so that indications bear the latest change that it took. */
+   The client's procedure_ref is stored once the port subscription table has accepted the change, so
+   that indications carry that of the latest accepted change. */
 #include "tesk_server/tesk_subscription.h"
 
+#include "tesk_server/tesk_history.h"
 #include "tesk_server/tesk_signals.h"
 
-bool tesk_subscribe_accept(const tesk_subscribe_procedure *procedure, mbx_signal *signal,
+bool tesk_subscribe_accept(const tesk_subscription_procedure *procedure, mbx_signal *signal,
                            tesk_port_request *request)
 {
     if (!tesk_port_request_read(&procedure->request, signal, request))
@@ -21,7 +22,7 @@ bool tesk_subscribe_accept(const tesk_subscribe_procedure *procedure, mbx_signal
         tesk_port_request_reject(request, TESK_ERROR_REJECTED, "already subscribed");
         return false;
     }
-    if (procedure->add(request->port_no) != 0) {
+    if (procedure->change(request->port_no) != 0) {
         tesk_port_request_reject(request, TESK_ERROR_REJECTED, "invalid port");
         return false;
     }
@@ -29,18 +30,15 @@ bool tesk_subscribe_accept(const tesk_subscribe_procedure *procedure, mbx_signal
     return true;
 }
 
-void tesk_subscribe_confirm(const tesk_subscribe_procedure *procedure,
+void tesk_subscribe_confirm(const tesk_subscription_procedure *procedure,
                             const tesk_port_request *request)
 {
-    tesk_client *client = request->client;
-
-    tesk_client_add_subscription(client, request->port_no, procedure->kind);
-    procedure->cache(client->client_id, client->conn_ref, request->port_no);
-    procedure->send_cfm(request->sender, request->procedure_ref, client->conn_ref,
-                        request->port_no);
+    tesk_client_add_subscription(request->client, request->port_no, procedure->kind);
+    tesk_history_add_action(procedure->action, request->port_no, request->client);
+    tesk_port_request_confirm(request, procedure->cfm);
 }
 
-void tesk_unsubscribe(const tesk_unsubscribe_procedure *procedure, mbx_signal *signal)
+void tesk_unsubscribe(const tesk_subscription_procedure *procedure, mbx_signal *signal)
 {
     tesk_port_request request;
 
@@ -52,12 +50,12 @@ void tesk_unsubscribe(const tesk_unsubscribe_procedure *procedure, mbx_signal *s
         tesk_port_request_reject(&request, TESK_ERROR_REJECTED, "client is not subscribed");
         return;
     }
-    if (procedure->remove(request.port_no) != 0) {
+    if (procedure->change(request.port_no) != 0) {
         tesk_port_request_reject(&request, TESK_ERROR_REJECTED, "failed to unsubscribe");
         return;
     }
     client->procedure_ref = request.procedure_ref;
     tesk_client_remove_subscription(client, index);
-    procedure->cache(request.port_no, client->client_id, client->conn_ref);
-    procedure->send_cfm(request.sender, request.procedure_ref, client->conn_ref, request.port_no);
+    tesk_history_add_action(procedure->action, request.port_no, client);
+    tesk_port_request_confirm(&request, procedure->cfm);
 }

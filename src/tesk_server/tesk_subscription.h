@@ -1,41 +1,34 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_subscription - the course that subscribing to the two kinds shares, and unsubscribing from
-   them. What differs stands in a record beside each handler; where a kind does something of its own
-   in the middle, its handler does it between two of these steps. Main thread only.
+/* tesk_subscription - the steps that subscribing to the two kinds has in common, and those of
+   unsubscribing. The differences are data, in a record beside each handler; steps of one kind only
+   are made by its handler, between tesk_subscribe_accept and tesk_subscribe_confirm. Main thread
+   only.
 
-   The two members called `cache` take their arguments in different orders, which are those of the
-   functions behind them; all three are plain numbers, so the compiler tells nobody who mixes them
-   up. */
+   Exhausted memory: recording the subscription ends the process in GLib, an answer in mbx_alloc. */
 #pragma once
 
+#include "tesk_server/tesk_cache.h"
 #include "tesk_server/tesk_port_request.h"
 
-struct tesk_subscribe_procedure {
+struct tesk_subscription_procedure {
     tesk_port_procedure request;
+    tesk_port_answer cfm;
     tesk_subscription_kind kind;
-    int32_t (*add)(uint32_t port_no); /* to the port subscription table; 0 on success */
-    void (*cache)(uint32_t client_id, uint32_t conn_ref, uint32_t port_no);
-    void (*send_cfm)(uint32_t mbox, uint32_t procedure_ref, uint32_t conn_ref, uint32_t port_no);
-};
-
-struct tesk_unsubscribe_procedure {
-    tesk_port_procedure request;
-    tesk_subscription_kind kind;
-    int32_t (*remove)(uint32_t port_no); /* from the port subscription table; 0 on success */
-    void (*cache)(uint32_t port_no, uint32_t client_id, uint32_t conn_ref);
-    void (*send_cfm)(uint32_t mbox, uint32_t procedure_ref, uint32_t conn_ref, uint32_t port_no);
+    tesk_cache_action action;            /* the entry of the history */
+    int32_t (*change)(uint32_t port_no); /* adds the client to the port subscription table, or
+                                            removes it; 0 on success */
 };
 
 /* Reads and checks the request and counts the client in the port subscription table. False when the
-   request is over: rejected, or from nobody that is known. After true the client's procedure_ref is
-   the request's, and tesk_subscribe_confirm or a rejection that gives the count back must follow.
- */
-bool tesk_subscribe_accept(const tesk_subscribe_procedure *procedure, mbx_signal *signal,
+   request has been rejected or its client is unknown. After true the client's procedure_ref is that
+   of the request, and the caller either calls tesk_subscribe_confirm, or removes the client from
+   the table again and rejects the request. */
+bool tesk_subscribe_accept(const tesk_subscription_procedure *procedure, mbx_signal *signal,
                            tesk_port_request *request);
 
 /* Records the subscription, writes the history and sends the CFM. */
-void tesk_subscribe_confirm(const tesk_subscribe_procedure *procedure,
+void tesk_subscribe_confirm(const tesk_subscription_procedure *procedure,
                             const tesk_port_request *request);
 
 /* The whole of an unsubscription. */
-void tesk_unsubscribe(const tesk_unsubscribe_procedure *procedure, mbx_signal *signal);
+void tesk_unsubscribe(const tesk_subscription_procedure *procedure, mbx_signal *signal);

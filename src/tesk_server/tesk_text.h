@@ -6,8 +6,8 @@
 #include <cstring>
 
 /* Fills the field with the first `length` bytes of the text, or as many as leave room for the
-   terminator, and with zeros behind them: a field goes out as a whole, and nothing of what the
-   memory held before goes out with it. */
+   terminator. The rest of the field is zeroed: it is sent whole, and must not disclose what the
+   memory held before. */
 template <size_t size>
 static inline void tesk_fill_text(char (&field)[size], const char *text, size_t length)
 {
@@ -24,7 +24,7 @@ static inline void tesk_copy_text(char (&field)[size], const char *text)
     tesk_fill_text(field, text, strlen(text));
 }
 
-/* Fills the field with a text that need not be terminated inside its own bytes. */
+/* Fills the field with a text that may lack a terminator within its own field. */
 template <size_t size, size_t source_size>
 static inline void tesk_copy_bounded(char (&field)[size], const char (&source)[source_size])
 {

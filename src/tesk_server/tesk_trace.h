@@ -1,14 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_trace - the server's way into the trace library. Any thread, also in a signal handler.
+/* tesk_trace - the server's interface to the trace library. Any thread, also in a signal handler.
+   No function here allocates.
 
-   A text is formatted only where its group is enabled. The mask is read at each trace, since it can
+   A text is formatted only if its group is enabled. The mask is read at each trace, since it can
    change while the server runs.
 
-   Traces stand in the middle of everything and are off nearly always, so a trace that is off must
-   cost no more than the test of its bit. What happens when it is on therefore stands in functions
-   of its own: written out at each place, its calls would make the compiler keep registers free for
-   them and save those of its caller, whether the trace is on or not. Only formatStr stays at the
-   place of the trace, where the compiler can compare the arguments with the format. */
+   Nearly all traces are off nearly always, so a trace that is off should cost the test of its bit
+   only. The calls for an enabled trace are therefore in cold functions. Written out at each place
+   they would make the compiler reserve and save registers for them in the caller, whether the trace
+   is on or not. Only formatStr is called at the place of the trace, where the compiler can check
+   the arguments against the format. */
 #pragma once
 
 #include "platform/zel/zel.h"
@@ -29,8 +30,8 @@ static inline bool tesk_trace_enabled(uint32_t group)
     return __builtin_expect((procInfo[3] & (1u << group)) != 0, 0);
 }
 
-/* The trace calls behind the three macros; each takes the place of the trace and the text of
-   formatStr, which is good until the next formatStr of the thread. */
+/* The trace calls behind the three macros. Each takes the source position of the trace and the text
+   from formatStr, which is valid until the thread's next formatStr. */
 [[gnu::cold, gnu::noinline]] inline void tesk_write_trace(uint32_t group, const char *path,
                                                           uint32_t line, const char *text)
 {

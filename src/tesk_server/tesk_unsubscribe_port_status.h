@@ -5,4 +5,5 @@
 
 #include "platform/mbx/mbx.h"
 
+/* Handles TESK_UNSUBSCRIBE_PORT_STATUS_REQ; the caller frees the signal. */
 void tesk_handle_unsubscribe_port_status_req(mbx_signal *signal);

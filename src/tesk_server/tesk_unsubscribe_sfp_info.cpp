@@ -1,50 +1,25 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Nothing here but what tells this procedure from its sibling: the course is tesk_unsubscribe. The
-   last SFP info subscriber of a port takes the port's SFP events along, so that those who follow
-   its status hear of no presence from then on. No indication follows the CFM. */
+/* The procedure is tesk_unsubscribe. SFP events come with the SFP info subscription only: after its
+   last subscriber has left, the port's status subscribers learn of no presence change. No
+   indication follows the CFM. */
 #include "tesk_server/tesk_unsubscribe_sfp_info.h"
 
-#include "tesk_server/tesk_cache.h"
 #include "tesk_server/tesk_portsub.h"
 #include "tesk_server/tesk_signals.h"
 #include "tesk_server/tesk_subscription.h"
-#include "tesk_server/tesk_trace.h"
 
-static void tesk_sfp_info_cache_unsubscribe(uint32_t port_no, uint32_t client_id, uint32_t conn_ref)
-{
-    tesk_cache_add_action(TESK_CACHE_ACTION_SFP_INFO_UNSUBSCRIBE,
-                          "Failed to cache sfp info unsubscribe for port %u, client %u", port_no,
-                          client_id, conn_ref);
-}
-
-static void tesk_send_unsubscribe_sfp_info_cfm(uint32_t mbox, uint32_t procedure_ref,
-                                               uint32_t conn_ref, uint32_t port_no)
-{
-    tesk_send_port_cfm(TESK_UNSUBSCRIBE_SFP_INFO_CFM, "TESK_UNSUBSCRIBE_SFP_INFO_CFM", mbox,
-                       procedure_ref, conn_ref, port_no);
-}
-
-static void tesk_send_unsubscribe_sfp_info_rej(uint32_t mbox, uint32_t procedure_ref,
-                                               uint32_t conn_ref, int32_t error_code,
-                                               const char *error_description, uint32_t port_no)
-{
-    tesk_send_port_rej(TESK_UNSUBSCRIBE_SFP_INFO_REJ, "TESK_UNSUBSCRIBE_SFP_INFO_REJ", mbox,
-                       procedure_ref, conn_ref, error_code, error_description, port_no);
-}
-
-static constexpr tesk_unsubscribe_procedure procedure = {
+static constexpr tesk_subscription_procedure procedure = {
     .request =
         {
-            .received = "Received TESK_UNSUBSCRIBE_SFP_INFO_REQ: sender: 0x%x, procedure_ref: %u, "
-                        "connection_ref: %u, port: %u",
+            .received = "TESK_UNSUBSCRIBE_SFP_INFO_REQ: sender: ",
             .unknown_group = TESK_TRACE_ERROR,
             .unknown = "Unknown sender, ignoring TESK_UNSUBSCRIBE_SFP_INFO_REQ",
-            .send_rej = tesk_send_unsubscribe_sfp_info_rej,
+            .rej = TESK_PORT_ANSWER(TESK_UNSUBSCRIBE_SFP_INFO_REJ),
         },
+    .cfm = TESK_PORT_ANSWER(TESK_UNSUBSCRIBE_SFP_INFO_CFM),
     .kind = TESK_SUBSCRIPTION_SFP_INFO,
-    .remove = tesk_portsub_remove_sfp_info,
-    .cache = tesk_sfp_info_cache_unsubscribe,
-    .send_cfm = tesk_send_unsubscribe_sfp_info_cfm,
+    .action = TESK_CACHE_ACTION_SFP_INFO_UNSUBSCRIBE,
+    .change = tesk_portsub_remove_sfp_info,
 };
 
 void tesk_handle_unsubscribe_sfp_info_req(mbx_signal *signal)

@@ -4,4 +4,5 @@
 
 #include "platform/mbx/mbx.h"
 
+/* Handles TESK_UNSUBSCRIBE_SFP_INFO_REQ; the caller frees the signal. */
 void tesk_handle_unsubscribe_sfp_info_req(mbx_signal *signal);

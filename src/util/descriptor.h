@@ -2,6 +2,7 @@
 /* descriptor - owns a file descriptor and closes it. */
 #pragma once
 
+#include <cerrno>
 #include <unistd.h>
 #include <utility>
 
@@ -42,12 +43,15 @@ class descriptor
     {
         return std::exchange(number_, -1);
     }
-    /* Closes the descriptor and owns another one. */
+    /* Closes the descriptor and owns another one. Keeps errno, so that the reason for closing
+       survives. */
     void reset(int number = -1) noexcept
     {
+        const int kept_errno = errno;
         const int closed = std::exchange(number_, number);
         if (closed >= 0)
             close(closed);
+        errno = kept_errno;
     }
 
   private:

@@ -4,6 +4,7 @@
 
 #include "platform/dolm_ric/dolm_ric.h"
 #include "platform/dolm_ric/simulator/control_protocol.h"
+#include "util/local_socket.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,7 +12,6 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 constexpr uint32_t id_of(uint32_t port)
@@ -36,6 +36,7 @@ class board_fixture : public testing::Test
         if (handle != 0)
             dolm_ric_shutdown(handle, 0);
         std::filesystem::remove_all(folder);
+        unsetenv(DOLM_RIC_BOARD_FILE_ENV);
     }
 
     std::string write_file(const std::string &name, const std::string &text)
@@ -51,13 +52,10 @@ class board_fixture : public testing::Test
         return dolm_ric_init(&handle, 0);
     }
 
-    /* A socket that is connected, or bound, where the board listens; -1 if it can't be. */
-    int peer_of_board(decltype(connect) *act = connect) const
+    /* A socket that is connected to the board; -1 if it can't be. */
+    int peer_of_board() const
     {
-        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-        socket_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        const int peer = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        return act(peer, reinterpret_cast<sockaddr *>(&address), sizeof(address)) ? -1 : peer;
+        return util::connect_to(socket_path, SOCK_SEQPACKET).release();
     }
 
     static std::string receive(int peer)

@@ -6,6 +6,7 @@
 #include "platform/mbx/mbx_local.h"
 #include "platform/tesktmo/tesktmo.h"
 #include "platform/zel/zel.h"
+#include "testkit/fake_platform/fake_board.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -27,31 +28,25 @@ __thread uint32_t procInfo[8];
 namespace fake_platform
 {
 
-std::map<uint32_t, port> ports;
 std::map<std::string, int32_t> failing;
 std::vector<sent_signal> sent;
 int live_blocks;
-std::vector<std::pair<uint32_t, uint32_t>> ticks;
+std::vector<tick> ticks;
 void (*observer)(const char *operation, uint32_t port_no, int32_t code);
 
 struct block {
     uint32_t size;
     uint32_t sender;
+    bool is_traced;
     mbx_signal signal;
 };
 
-struct wait_result {
-    int32_t code;
-    dolm_ric_event event;
-};
-
 static std::mutex script_mutex;
-static std::condition_variable event_raised;
-static std::condition_variable thread_idle;
-static bool idle;
-static std::deque<wait_result> waiting;
-static int freed;
 static std::vector<std::string> lines;
+static std::vector<trace_record> trace_records;
+static std::vector<std::string> violations;
+static block *latest;   /* the block that was allocated last, until it is sent */
+static block *received; /* the block that was received last, until it is freed */
 static uint32_t mask;
 static uint32_t monitors;
 static int mailbox[2] = {-1, -1};
@@ -75,8 +70,9 @@ static void log_line(const std::string &line)
     lines.push_back(line);
 }
 
-/* A signal handler may be who traces, so that a line for the process's output is made without the
-   heap. */
+/* Traces may come from a signal handler, so a line for the process's output is made without the
+ * heap.
+ */
 static void log_trace(uint32_t group, const char *text)
 {
     char line[2200];
@@ -89,7 +85,22 @@ static void log_trace(uint32_t group, const char *text)
     [[maybe_unused]] ssize_t written = write(STDOUT_FILENO, line, static_cast<size_t>(size) + 1);
 }
 
-static int32_t result_of(const char *call)
+void note(const std::string &line)
+{
+    log_line(line);
+}
+
+void expect(bool holds, const char *violated)
+{
+    if (holds)
+        return;
+    if (to_stdout())
+        log_line(std::string("violation: ") + violated);
+    std::lock_guard<std::mutex> lock(script_mutex);
+    violations.emplace_back(violated);
+}
+
+int32_t result_of(const char *call)
 {
     if (to_stdout()) {
         const char *fail = getenv("SCRIPTED_FAIL");
@@ -99,7 +110,7 @@ static int32_t result_of(const char *call)
     return found == failing.end() ? 0 : found->second;
 }
 
-static int32_t logged(const char *call)
+int32_t logged(const char *call)
 {
     log_line(call);
     return result_of(call);
@@ -127,7 +138,7 @@ static std::atomic<unsigned> smallest_taken;
 static block *take_smallest(uint32_t number, uint32_t sender)
 {
     block *taken = &smallest[smallest_taken++ % std::size(smallest)];
-    *taken = {sizeof(mbx_signal), sender, {number}};
+    *taken = {sizeof(mbx_signal), sender, false, {number}};
     return taken;
 }
 
@@ -136,6 +147,45 @@ static void give_back(block *made)
     live_blocks--;
     if (made < std::begin(smallest) || made >= std::end(smallest))
         delete[] reinterpret_cast<char *>(made);
+}
+
+static std::vector<uint8_t> bytes_of(const block *made)
+{
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&made->signal);
+    return {bytes, bytes + made->size};
+}
+
+/* What holds for all traces: they are guarded by the mask and carry a source position and procInfo.
+ */
+static void check_trace(uint32_t group, const char *file, uint32_t line, const void *proc_info)
+{
+    expect((procInfo[3] & 1u << group) != 0, "a trace of a group that is off");
+    expect(strchr(file, '/') == nullptr && strstr(file, ".cpp") != nullptr && line > 0,
+           "a trace without its source position");
+    expect(proc_info == procInfo, "a trace without procInfo");
+}
+
+/* True for the sink of tests in this process, which keeps traces whole. */
+static bool keeps_traces()
+{
+    return observer == nullptr && !to_stdout();
+}
+
+static void keep_trace(trace_record record)
+{
+    std::lock_guard<std::mutex> lock(script_mutex);
+    trace_records.push_back(std::move(record));
+}
+
+/* The trace of a sent signal named its number and receiver, and showed it in host order. */
+static void check_traced_signal(const sent_signal &signal)
+{
+    std::lock_guard<std::mutex> lock(script_mutex);
+    const sent_signal &traced = trace_records.back().signal;
+    if (trace_records.back().group != 18 || traced.number != signal.number ||
+        traced.receiver != signal.receiver || traced.host_word(4) != signal.word(4) ||
+        traced.host_word(8) != signal.word(8))
+        violations.emplace_back("the trace of a sent signal");
 }
 
 static void put(block *made)
@@ -163,16 +213,16 @@ std::string sent_signal::text(size_t offset) const
 
 void reset(std::initializer_list<uint32_t> groups)
 {
-    ports.clear();
+    reset_board();
     failing.clear();
     sent.clear();
     ticks.clear();
-    waiting.clear();
     lines.clear();
+    trace_records.clear();
+    violations.clear();
+    latest = received = nullptr;
     live_blocks = 0;
     monitors = 0;
-    freed = 0;
-    idle = false;
     mask = 0;
     for (uint32_t group : groups)
         mask |= 1u << group;
@@ -183,6 +233,18 @@ std::vector<std::string> take_log()
 {
     std::lock_guard<std::mutex> lock(script_mutex);
     return std::exchange(lines, {});
+}
+
+std::vector<trace_record> take_traces()
+{
+    std::lock_guard<std::mutex> lock(script_mutex);
+    return std::exchange(trace_records, {});
+}
+
+std::vector<std::string> take_violations()
+{
+    std::lock_guard<std::mutex> lock(script_mutex);
+    return std::exchange(violations, {});
 }
 
 void deliver_bytes(uint32_t sender, uint32_t number, const void *payload, size_t size)
@@ -201,11 +263,11 @@ void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> 
 
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words)
 {
-    std::vector<uint32_t> turned;
-    turned.reserve(words.size());
+    std::vector<uint32_t> swapped;
+    swapped.reserve(words.size());
     for (uint32_t word : words)
-        turned.push_back(htonl(word));
-    deliver_host(sender, number, turned);
+        swapped.push_back(htonl(word));
+    deliver_host(sender, number, swapped);
 }
 
 bool mailbox_has_signal()
@@ -214,70 +276,15 @@ bool mailbox_has_signal()
     return poll(&fd, 1, 0) == 1;
 }
 
-static void raise_result(const wait_result &result)
-{
-    {
-        std::lock_guard<std::mutex> lock(script_mutex);
-        waiting.push_back(result);
-    }
-    event_raised.notify_one();
-}
-
-void await_event_thread()
-{
-    std::unique_lock<std::mutex> lock(script_mutex);
-    thread_idle.wait(lock, [] { return idle && waiting.empty(); });
-}
-
-void raise_event(const dolm_ric_event &event)
-{
-    raise_result({DOLM_RICERR_OK, event});
-}
-
-void fail_wait(int32_t code)
-{
-    raise_result({code, {}});
-}
-
-int freed_events()
-{
-    std::lock_guard<std::mutex> lock(script_mutex);
-    return freed;
-}
-
-/* What an operation on a port answers: its code, and from the port what `fill` takes. */
-template <typename fill_type>
-static int32_t answer(const char *name, uint32_t id, fill_type fill)
-{
-    if (const int32_t code = result_of(name); code != 0)
-        return code;
-    const auto found = ports.find(id & 0xffff);
-    if (found == ports.end())
-        return DOLM_RICERR_NODEV;
-    fill(found->second);
-    return DOLM_RICERR_OK;
-}
-
-template <typename fill_type>
-static int32_t operation(const char *name, uint32_t id, fill_type fill)
-{
-    char line[64];
-    snprintf(line, sizeof(line), "%s 0x%x", name, id);
-    log_line(line);
-    const int32_t code = answer(name, id, fill);
-    if (observer != nullptr)
-        observer(name, id & 0xffff, code);
-    return code;
-}
-
 } // namespace fake_platform
 
 using namespace fake_platform;
 
 extern "C" {
 
-int mbx_init(int, int, int, int, int)
+int mbx_init(int version, int a, int b, int c, int d)
 {
+    expect(version == 5 && a == 0 && b == 0 && c == 0 && d == 0, "mbx_init");
     if (logged("mbx_init") != 0)
         return -1;
     return mailbox[0] == -1 ? pipe(mailbox) : 0;
@@ -288,14 +295,16 @@ void mbx_exit()
     log_line("mbx_exit");
 }
 
-uint32_t mbx_create_mailbox(const char *name, uint32_t)
+uint32_t mbx_create_mailbox(const char *name, uint32_t flags)
 {
+    expect(flags == 0, "mbx_create_mailbox");
     log_line(std::string("mbx_create_mailbox ") + name);
     return result_of("mbx_create_mailbox") != 0 ? MBX_NO_MAILBOX : own_mailbox;
 }
 
-void mbx_delete_mailbox(uint32_t)
+void mbx_delete_mailbox(uint32_t deleted)
 {
+    expect(deleted == own_mailbox || deleted == MBX_NO_MAILBOX, "mbx_delete_mailbox");
     log_line("mbx_delete_mailbox");
 }
 
@@ -311,13 +320,15 @@ mbx_signal *mbx_alloc(size_t size, uint32_t number)
                                              : make_block(size, number, own_mailbox);
     /* The server counts on nothing about the other bytes. */
     memset(&made->signal + 1, 0xa5, size - sizeof(mbx_signal));
+    latest = made;
     return &made->signal;
 }
 
-void mbx_send(mbx_signal **signal, uint32_t receiver, uint32_t)
+void mbx_send(mbx_signal **signal, uint32_t receiver, uint32_t sender)
 {
     block *made = block_of(*signal);
     *signal = nullptr;
+    expect(sender == MBX_OWN_MAILBOX, "the sender of mbx_send");
     if (receiver == own_mailbox) {
         put(made);
         return;
@@ -325,16 +336,19 @@ void mbx_send(mbx_signal **signal, uint32_t receiver, uint32_t)
     char line[64];
     snprintf(line, sizeof(line), "send 0x%x to 0x%x", made->signal.number, receiver);
     log_line(line);
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&made->signal);
-    sent.push_back({made->signal.number, receiver, {bytes, bytes + made->size}});
+    sent.push_back({made->signal.number, receiver, bytes_of(made)});
+    if (made->is_traced && keeps_traces())
+        check_traced_signal(sent.back());
     give_back(made);
 }
 
-mbx_signal *mbx_receive(const uint32_t *, int, uint32_t)
+mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
 {
     block *made = nullptr;
+    expect(filter == nullptr && timeout_ms == -1 && sender == MBX_ANY_SENDER, "mbx_receive");
     // NOLINTNEXTLINE(bugprone-sizeof-expression): as in put
     [[maybe_unused]] ssize_t got = read(mailbox[0], &made, sizeof(made));
+    received = made;
     return &made->signal;
 }
 
@@ -354,8 +368,9 @@ uint32_t mbx_size(const mbx_signal *signal)
     return block_of(signal)->size;
 }
 
-uint32_t mbx_monitor(uint32_t watched, mbx_signal **)
+uint32_t mbx_monitor(uint32_t watched, mbx_signal **signal)
 {
+    expect(signal == nullptr, "the signal of mbx_monitor");
     char line[64];
     snprintf(line, sizeof(line), "monitor 0x%x", watched);
     log_line(line);
@@ -401,20 +416,34 @@ const char *short_fname(const char *path)
     return slash == nullptr ? path : slash + 1;
 }
 
-void lttngZelTrace(uint32_t group, const char *, uint32_t, const char *text, const void *)
+void lttngZelTrace(uint32_t group, const char *file, uint32_t line, const char *text,
+                   const void *proc_info)
 {
+    check_trace(group, file, line, proc_info);
     log_trace(group, text);
+    if (keeps_traces())
+        keep_trace({group, file, line, text, {}});
 }
 
-void lttngZelRecSigTrace(const char *, uint32_t, const mbx_signal *, const char *text, const void *)
+void lttngZelRecSigTrace(const char *file, uint32_t line, const mbx_signal *signal,
+                         const char *text, const void *proc_info)
 {
+    check_trace(17, file, line, proc_info);
     log_trace(17, text);
+    expect(received != nullptr && signal == &received->signal, "a trace of another signal");
+    if (keeps_traces())
+        keep_trace({17, file, line, text, {signal->number, 0, bytes_of(block_of(signal))}});
 }
 
-void lttngZelSendSigTrace(const char *, uint32_t, uint32_t, uint32_t, const char *text,
-                          const void *)
+void lttngZelSendSigTrace(const char *file, uint32_t line, uint32_t number, uint32_t receiver,
+                          const char *text, const void *proc_info)
 {
+    check_trace(18, file, line, proc_info);
     log_trace(18, text);
+    if (!keeps_traces())
+        return;
+    latest->is_traced = true;
+    keep_trace({18, file, line, text, {number, receiver, bytes_of(latest)}});
 }
 
 bool tmo_service_init()
@@ -430,97 +459,11 @@ void tmo_service_stop()
 void tmo_request_sig(uint32_t interval, mbx_signal **signal)
 {
     const auto *words = reinterpret_cast<const uint32_t *>(*signal);
-    ticks.emplace_back(words[1], words[2]);
+    expect(mbx_size(*signal) == 12 && words[0] == 0x1648501, "the signal of tmo_request_sig");
+    ticks.push_back({words[1], words[2], interval});
     char line[64];
     snprintf(line, sizeof(line), "tick in %u for bucket %u port %u", interval, words[1], words[2]);
     log_line(line);
     mbx_free(signal);
-}
-
-int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
-{
-    *handle = 0x1234;
-    return logged("dolm_ric_init");
-}
-
-int32_t dolm_ric_shutdown(uintptr_t, uint32_t)
-{
-    log_line("dolm_ric_shutdown");
-    dolm_ric_event stop = {};
-    raise_event(stop);
-    return DOLM_RICERR_OK;
-}
-
-int32_t dolm_ric_waitevent(uintptr_t, dolm_ric_event **event)
-{
-    std::unique_lock<std::mutex> lock(script_mutex);
-    idle = waiting.empty();
-    thread_idle.notify_all();
-    event_raised.wait(lock, [] { return !waiting.empty(); });
-    const wait_result result = waiting.front();
-    waiting.pop_front();
-    if (result.code == DOLM_RICERR_OK)
-        *event = new dolm_ric_event(result.event);
-    return result.code;
-}
-
-int32_t dolm_ric_freeevent(uintptr_t, dolm_ric_event **event)
-{
-    std::lock_guard<std::mutex> lock(script_mutex);
-    delete *event;
-    *event = nullptr;
-    freed++;
-    return DOLM_RICERR_OK;
-}
-
-int32_t dolm_ric_ri_getportstatus(uintptr_t, uint32_t id, dolm_ric_port_status *out)
-{
-    return operation("getportstatus", id, [out](const port &p) { out->status = p.status; });
-}
-
-int32_t dolm_ric_ri_subsport(uintptr_t, uint32_t id, dolm_ric_port_status *out)
-{
-    return operation("subsport", id, [out](const port &p) { out->status = p.status; });
-}
-
-int32_t dolm_ric_ri_unsubsport(uintptr_t, uint32_t id)
-{
-    return operation("unsubsport", id, [](const port &) {});
-}
-
-static void fill_link(dolm_ric_link_status *out, const port &p)
-{
-    out->state = p.link_state;
-    out->speed = p.speed;
-}
-
-int32_t dolm_ric_ri_subslink(uintptr_t, uint32_t id, dolm_ric_link_status *out)
-{
-    return operation("subslink", id, [out](const port &p) { fill_link(out, p); });
-}
-
-int32_t dolm_ric_ri_unsubslink(uintptr_t, uint32_t id)
-{
-    return operation("unsubslink", id, [](const port &) {});
-}
-
-int32_t dolm_ric_ri_getlinkstatus(uintptr_t, uint32_t id, dolm_ric_link_status *out)
-{
-    return operation("getlinkstatus", id, [out](const port &p) { fill_link(out, p); });
-}
-
-int32_t dolm_ric_ri_getmoduleinfo(uintptr_t, uint32_t id, dolm_ric_module_info *out)
-{
-    return operation("getmoduleinfo", id, [out](const port &p) { *out = p.module; });
-}
-
-int32_t dolm_ric_ri_getmodstatus(uintptr_t, uint32_t id, dolm_ric_module_status *out)
-{
-    return operation("getmodstatus", id, [out](const port &p) { *out = p.module_status; });
-}
-
-int32_t dolm_ric_ri_getmodulediag(uintptr_t, uint32_t id, dolm_ric_module_diag *out)
-{
-    return operation("getmodulediag", id, [out](const port &p) { *out = p.diag; });
 }
 }

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The four board libraries as a script: every call and every trace is logged in order, what is sent
-   is kept as bytes, and the board says what the test tells it to say. */
+/* fake_platform - the four board libraries as a script: every call and every trace is logged in
+   order, sent signals are kept as bytes, and the board answers as the test has set it. A call with
+   arguments other than those the server has to pass is recorded as a violation. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -14,12 +15,13 @@
 namespace fake_platform
 {
 
+/* A signal that was sent, or one at the moment of its trace, which is then in host order. */
 struct sent_signal {
     uint32_t number;
     uint32_t receiver;
     std::vector<uint8_t> bytes;
 
-    /* The word at an offset, in network and in host byte order. */
+    /* The word at an offset that is in network byte order, or in host byte order. */
     uint32_t word(size_t offset) const;
     uint32_t host_word(size_t offset) const;
     std::string text(size_t offset) const;
@@ -34,6 +36,19 @@ struct port {
     dolm_ric_module_diag diag = {};
 };
 
+/* A trace with all that it was given. Of a received signal the receiver is 0. */
+struct trace_record {
+    uint32_t group;
+    std::string file;
+    uint32_t line;
+    std::string text;
+    sent_signal signal; /* of groups 17 and 18 */
+};
+
+struct tick {
+    uint32_t bucket, port, interval;
+};
+
 inline constexpr uint32_t own_mailbox = 0x51;
 
 /* The board; a port that isn't here is unknown to it. An operation named in `failing`, without the
@@ -45,17 +60,22 @@ extern std::map<std::string, int32_t> failing;
 extern std::vector<sent_signal> sent;
 extern int live_blocks;
 
-/* The ticks that the timer service holds, as (bucket, port). */
-extern std::vector<std::pair<uint32_t, uint32_t>> ticks;
+/* The ticks that have been requested from the timer service. */
+extern std::vector<tick> ticks;
 
-/* Where set, it is told what each operation on a port gave, and nothing is logged any more. */
+/* Where set, it is called with the result of each operation on a port, and nothing is logged. */
 extern void (*observer)(const char *operation, uint32_t port_no, int32_t code);
 
-/* Everything as at process start; only the given groups are traced. */
+/* Resets everything to the state at process start; only the given groups are traced. */
 void reset(std::initializer_list<uint32_t> groups = {});
 
-/* The log since the last look. */
+/* The log, the traces and the violations since the last call. */
 std::vector<std::string> take_log();
+std::vector<trace_record> take_traces();
+std::vector<std::string> take_violations();
+
+/* Adds a line to the log. */
+void note(const std::string &line);
 
 /* Puts a signal into the own mailbox; payload words in network order, or as they stand. */
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
@@ -63,14 +83,20 @@ void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> 
 void deliver_bytes(uint32_t sender, uint32_t number, const void *payload, size_t size);
 bool mailbox_has_signal();
 
-/* Returns when a thread sits in dolm_ric_waitevent with nothing to take. */
+/* Returns when a thread waits in dolm_ric_waitevent and no event is left. */
 void await_event_thread();
 
-/* Hands an event to the thread in dolm_ric_waitevent, or makes that fail once. */
+/* Passes an event to the thread in dolm_ric_waitevent, or makes that call fail once. */
 void raise_event(const dolm_ric_event &event);
 void fail_wait(int32_t code);
 
-/* How many events went back. */
+/* What dolm_ric_waitevent gives after dolm_ric_shutdown, before the shutdown event: an event of a
+   port, or a failure in place of the shutdown event. */
+extern std::vector<dolm_ric_event> last_events;
+extern int32_t last_wait;
+
+/* The number of events that have been freed, and that of calls of dolm_ric_waitevent. */
 int freed_events();
+int waits();
 
 } // namespace fake_platform

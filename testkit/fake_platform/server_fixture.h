@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A server that has started on the scripted libraries, fresh for each test. */
+/* server_fixture - a server on the fake platform, started anew for each test. */
 #pragma once
 
 #include "platform/zel/zel.h"
@@ -19,7 +19,14 @@ class server_fixture : public testing::Test
 
     void SetUp() override
     {
-        fake_platform::reset();
+        start({});
+    }
+
+    /* The groups are traced by both threads from the start; `trace` changes the calling one only.
+     */
+    static void start(std::initializer_list<uint32_t> groups)
+    {
+        fake_platform::reset(groups);
         ASSERT_EQ(tesk_server_init(), 0);
         fake_platform::await_event_thread();
         fake_platform::take_log();
@@ -28,10 +35,8 @@ class server_fixture : public testing::Test
     void TearDown() override
     {
         tesk_server_shutdown();
-        for (int32_t id = 1; id < 10; id++)
-            if (leaky_bucket_find(id) != nullptr)
-                leaky_bucket_remove(id);
         EXPECT_EQ(fake_platform::live_blocks, 0);
+        EXPECT_EQ(fake_platform::take_violations(), log{});
     }
 
     static void trace(std::initializer_list<uint32_t> groups)
@@ -40,6 +45,7 @@ class server_fixture : public testing::Test
         for (uint32_t group : groups)
             procInfo[3] |= 1u << group;
         fake_platform::take_log();
+        fake_platform::take_traces();
     }
 
     /* One signal through the mailbox and the dispatch. The answers stand in fake_platform::sent. */
@@ -65,26 +71,33 @@ class server_fixture : public testing::Test
         tesk_handle_mailbox();
     }
 
-    /* Raises events at the board and handles them as one batch. */
-    static void handle_events(const std::vector<dolm_ric_event> &events)
+    /* Raises events at the board; returns when the event thread has freed them. */
+    static void raise(const std::vector<dolm_ric_event> &events)
     {
         const int already = fake_platform::freed_events();
 
-        fake_platform::sent.clear();
         for (const auto &event : events)
             fake_platform::raise_event(event);
         while (fake_platform::freed_events() < already + static_cast<int>(events.size()))
             sched_yield();
+    }
+
+    /* Raises events and handles them as one batch. */
+    static void handle_events(const std::vector<dolm_ric_event> &events)
+    {
+        fake_platform::sent.clear();
+        raise(events);
         pollfd fd = {tesk_event_queue_get_fd(), POLLIN, 0};
         ASSERT_EQ(poll(&fd, 1, 0), 1);
         tesk_handle_queued_events();
+        ASSERT_EQ(poll(&fd, 1, 0), 0) << "one read takes the whole counter";
     }
 
     static dolm_ric_event link_event(uint32_t port, uint32_t state)
     {
         dolm_ric_event event = {};
         event.type = DOLM_RICEVT_RILINKSTATUS;
-        event.link_status.id = 0x00020000 | port;
+        event.link_status.id = 0xffff0000 | port;
         event.link_status.state = state;
         return event;
     }

@@ -121,7 +121,7 @@ inline image qsfp()
 {
     image made;
     bytes &a0 = made.a0;
-    a0.resize(128 * 5);
+    a0.resize(640);
     a0[0] = a0[128] = 0x11;
     put16(a0, 22, 7424), put16(a0, 26, 33000);
     for (size_t lane = 0; lane < 4; lane++)
@@ -149,7 +149,7 @@ inline image cmis()
 {
     image made;
     bytes &a0 = made.a0;
-    a0.resize(128 * 4);
+    a0.resize(512);
     a0[0] = a0[128] = 0x19, a0[3] = 0x06;
     put16(a0, 14, 14830), put16(a0, 16, 33057);
     a0[86] = 0x4f, a0[90] = 0x51, a0[94] = 0xff;

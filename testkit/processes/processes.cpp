@@ -2,6 +2,7 @@
 #include "testkit/processes/processes.h"
 
 #include "tesk_server/tesk_signals.h"
+#include "util/local_socket.h"
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -16,7 +17,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -164,16 +164,7 @@ long processor_ms(pid_t process)
 
 int connect_to(const std::string &path)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0)
-        return fd;
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return -1;
+    return util::connect_to(path, SOCK_SEQPACKET).release();
 }
 
 void await_line(const std::string &file, const std::string &text, size_t &from)

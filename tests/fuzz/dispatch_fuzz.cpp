@@ -57,7 +57,6 @@ struct book {
     bool held = false;    /* the board's subscription, as the board sees it */
     unsigned orphans = 0; /* shares of clients that are gone, which the board didn't take back */
     bool stray = false;   /* held for nobody: given back for want of a bucket, and refused */
-    bool bucket_lost = false; /* there was no memory for a new one */
     int32_t bucket_id = 0;
 };
 
@@ -84,11 +83,11 @@ static void on_operation(const char *operation, uint32_t port_no, int32_t code)
             continue;
         assert(entry.held);
         entry.held = code != 0;
-        entry.stray = entry.bucket_lost = false;
+        entry.stray = false;
         if (code != 0)
             refused.emplace_back(port_no, index);
-        /* The bucket is gone, or a fresh one has its id by now. */
-        tainted.insert(entry.bucket_id);
+        else /* the bucket is gone, and another one may get its id */
+            tainted.insert(entry.bucket_id);
     }
 }
 
@@ -96,7 +95,8 @@ static void on_operation(const char *operation, uint32_t port_no, int32_t code)
 static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     int32_t place = -1;
-    for (guint index = 0; index < client->subscriptions->len; index++) {
+    const guint count = client->subscriptions == nullptr ? 0 : client->subscriptions->len;
+    for (guint index = 0; index < count; index++) {
         const auto &held = g_array_index(client->subscriptions, tesk_client_subscription, index);
         if (held.port_no != port_no || held.kind != kind)
             continue;
@@ -127,14 +127,12 @@ static void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
 {
     entry.bucket_id = tesk_portsub_get_bucket_id(port_no);
     const leaky_bucket_data *bucket = leaky_bucket_find(entry.bucket_id);
-    assert((bucket == nullptr) == entry.bucket_lost);
-    if (bucket == nullptr)
-        return;
+    assert(bucket != nullptr);
     assert(live.insert(bucket->id).second);
     assert(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
     const auto chains = std::count_if(
         fake_platform::ticks.begin(), fake_platform::ticks.end(),
-        [bucket](const auto &tick) { return static_cast<int32_t>(tick.first) == bucket->id; });
+        [bucket](const auto &tick) { return static_cast<int32_t>(tick.bucket) == bucket->id; });
     if (chains == (bucket->level > 0 ? 1 : 0))
         tainted.erase(bucket->id);
     else
@@ -156,9 +154,9 @@ static void check_books()
     for (int32_t id = -1; id < 16; id++)
         assert((leaky_bucket_find(id) != nullptr) == live.contains(id));
     /* A tick that outlives its bucket may meet the next bucket of that id. */
-    for (const auto &[id, port_no] : fake_platform::ticks)
-        if (!live.contains(static_cast<int32_t>(id)))
-            tainted.insert(static_cast<int32_t>(id));
+    for (const auto &tick : fake_platform::ticks)
+        if (!live.contains(static_cast<int32_t>(tick.bucket)))
+            tainted.insert(static_cast<int32_t>(tick.bucket));
     for (const tesk_client *client = tesk_client_first(); client != nullptr;
          client = client->next) {
         assert(tesk_client_find_by_sender(client->mbox) == client);
@@ -261,10 +259,11 @@ static void tick(fuzz_input &in)
         return;
     const auto due =
         fake_platform::ticks.begin() + in.byte() % static_cast<int>(fake_platform::ticks.size());
-    const auto [bucket_id, port_no] = *due;
+    const auto [bucket_id, port_no, interval] = *due;
     fake_platform::ticks.erase(due);
     fake_platform::deliver_host(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK,
                                 {bucket_id, port_no});
+    assert(interval == 10);
     dispatch(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK);
 }
 
@@ -327,6 +326,7 @@ static void (*const steps[])(fuzz_input &in) = {
 /* On fresh tables and a fresh board; the mailbox and the event thread stay. */
 static void begin()
 {
+    leaky_bucket_init();
     tesk_portsub_init();
     tesk_cache_init();
     for (uint32_t port_no : port_numbers)
@@ -350,6 +350,7 @@ static void end()
         tesk_client_remove(client);
     tesk_client_data_reset();
     tesk_portsub_shutdown();
+    leaky_bucket_shutdown();
     tesk_cache_shutdown();
     fake_platform::ports.clear();
     fake_platform::ticks.clear();
@@ -371,6 +372,7 @@ static bool start_server()
     sigaction(SIGINT, &interrupt, nullptr);
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     tesk_portsub_shutdown();
+    leaky_bucket_shutdown();
     tesk_cache_shutdown();
     fake_platform::observer = on_operation;
     return atexit(tesk_server_shutdown) == 0;
@@ -385,9 +387,6 @@ void *__wrap_calloc(size_t count, size_t size)
     if (!memory_ends || size != sizeof(leaky_bucket_data))
         return __real_calloc(count, size);
     memory_ends = false;
-    /* Either the one of a port that was refused just now, or there is no port yet. */
-    if (!refused.empty())
-        books[refused.back().first][refused.back().second].bucket_lost = true;
     return nullptr;
 }
 

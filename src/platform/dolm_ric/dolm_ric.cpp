@@ -12,6 +12,8 @@
 #include "platform/dolm_ric/core.h"
 
 #include <cstdio>
+#include <exception>
+#include <new>
 #include <utility>
 
 using board::operation;
@@ -160,6 +162,13 @@ static bool begin_start(library &lib)
     return true;
 }
 
+/* Each failure is one line on standard error, as the caller learns only its code. */
+static int32_t explain(const char *reason, int32_t result)
+{
+    fprintf(stderr, "libdolm_ric: %s\n", reason);
+    return result;
+}
+
 /* An injected fault can only come from the simulator's board file here. */
 static int32_t start_source(library &lib, const std::shared_ptr<board::port_source> &source)
 {
@@ -167,35 +176,41 @@ static int32_t start_source(library &lib, const std::shared_ptr<board::port_sour
         const auto guard = lib.core.lock();
         lib.core.call_begins(operation::init);
         if (const int32_t code = lib.core.injected_fault(operation::init, 0))
-            return code;
+            return explain("the board file lets dolm_ric_init fail", code);
     }
     source->start();
     return DOLM_RICERR_OK;
 }
 
-static int32_t start_board(library &lib, std::shared_ptr<board::port_source> &source) noexcept
+static int32_t start_board(library &lib, std::shared_ptr<board::port_source> &source)
 {
-    return result_of([&]() -> int32_t {
-        try {
-            source = board::make_port_source(lib.core);
-            return start_source(lib, source);
-        } catch (const board::board_error &error) {
-            fprintf(stderr, "libdolm_ric: %s\n", error.what());
-            return DOLM_RICERR_INVALID;
-        }
-    });
+    source = board::make_port_source(lib.core);
+    return start_source(lib, source);
+}
+
+static int32_t try_start_board(library &lib, std::shared_ptr<board::port_source> &source) noexcept
+{
+    try {
+        return start_board(lib, source);
+    } catch (const board::board_error &error) {
+        return explain(error.what(), DOLM_RICERR_INVALID);
+    } catch (const std::bad_alloc &) {
+        return explain("the board can't start: memory is exhausted", DOLM_RICERR_NOMEM);
+    } catch (const std::exception &error) {
+        return explain(error.what(), DOLM_RICERR_INTERNAL);
+    }
 }
 
 int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
 {
     if (handle == nullptr)
-        return DOLM_RICERR_INVALID;
+        return explain("dolm_ric_init needs the address of a handle", DOLM_RICERR_INVALID);
     return result_of([handle]() -> int32_t {
         library &lib = get_library();
         if (!begin_start(lib))
-            return DOLM_RICERR_BUSY;
+            return explain("this process has a board already", DOLM_RICERR_BUSY);
         std::shared_ptr<board::port_source> source;
-        const int32_t result = start_board(lib, source);
+        const int32_t result = try_start_board(lib, source);
         const auto guard = lib.core.lock();
         lib.is_starting = false;
         if (result != DOLM_RICERR_OK)

@@ -1,38 +1,39 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesktmo - timers that deliver a signal.
+/* Pending timers are in a map, ordered by expiry and, for equal expiries, by request. A timerfd is
+   always set to the first of them, as a point in time: a point that has already passed makes it
+   readable at once, and no expiry is lost when it is set again. The service's one thread sleeps in
+   a read of that descriptor. A request that comes before all others sets the descriptor, and so
+   does a stop, to a time long past.
 
-   Pending timers stand in a map, ordered by the time at which they expire and, where that is the
-   same, by the order of the requests. A timerfd is always set to the first of them, as a point in
-   time, so that a point that has passed already makes it readable at once and none is lost by
-   setting it again. The service's one thread sleeps in a read of that descriptor: whoever requests
-   a timer that comes before all others just sets the descriptor anew, and to stop the thread it is
-   set to a time long past.
-
-   A tick is sent without the lock held. The service's state is on the heap and belongs to no
-   destructor: a process that exits without stopping the service may do so under the running thread.
+   A tick is sent with the lock released. The service's state is on the heap and has no destructor
+   that runs at exit: a process may exit without stopping the service while the thread runs.
 
    Setting: TESKTMO_UNIT_MS, the unit in milliseconds, 1 to 100; a set-uid program has none. */
 #include "platform/tesktmo/tesktmo.h"
 
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
+#include "util/thread.h"
 
 #include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <new>
 #include <pthread.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 static constexpr uint64_t ns_per_ms = 1'000'000, ns_per_s = 1'000'000'000;
 static constexpr uint64_t longest_unit_ms = 100;
-/* Enough for a send, and a small part of what a thread gets without asking. */
+/* Enough for a send; the default of several MiB is wasted here. */
 static constexpr size_t stack_size = size_t{128} * 1024;
+
+namespace
+{
 
 struct pending_timer {
     mbx_signal *signal;
@@ -48,9 +49,11 @@ struct timer_service {
     std::multimap<uint64_t, pending_timer> timers = {};
 };
 
-/* Guards what follows and everything in it. Null while no service runs. */
+} // namespace
+
+/* Guards the pointer and the service. The pointer is null while no service runs. */
 static std::mutex service_lock;
-static timer_service *service;
+static timer_service *running;
 
 static uint64_t read_unit_ns()
 {
@@ -74,88 +77,78 @@ static uint64_t now_ns()
     return static_cast<uint64_t>(now.tv_sec) * ns_per_s + static_cast<uint64_t>(now.tv_nsec);
 }
 
-static void wake_at(const timer_service &its, uint64_t time_ns)
+static void wake_at(const timer_service &service, uint64_t time_ns)
 {
     itimerspec when{};
     when.it_value.tv_sec = static_cast<time_t>(time_ns / ns_per_s);
     when.it_value.tv_nsec = static_cast<long>(time_ns % ns_per_s);
-    timerfd_settime(its.timer_fd, TFD_TIMER_ABSTIME, &when, nullptr);
+    timerfd_settime(service.timer_fd, TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
-/* Takes out the first timer if it has expired. If none has, sets the descriptor to the next one, if
-   there is one, and gives a null signal. */
-static pending_timer take_expired(timer_service &its)
+/* Removes and returns the first timer if it has expired. If not, sets the descriptor to it, if
+   there is one, and returns a null signal. */
+static pending_timer take_expired(timer_service &service)
 {
-    const auto first = its.timers.begin();
-    if (first == its.timers.end())
+    const auto first = service.timers.begin();
+    if (first == service.timers.end())
         return {nullptr, MBX_NO_MAILBOX};
     if (first->first > now_ns()) {
-        wake_at(its, first->first);
+        wake_at(service, first->first);
         return {nullptr, MBX_NO_MAILBOX};
     }
-    return its.timers.extract(first).mapped();
+    return service.timers.extract(first).mapped();
 }
 
 static void *run_service(void *argument)
 {
-    auto &its = *static_cast<timer_service *>(argument);
+    auto &service = *static_cast<timer_service *>(argument);
     pthread_setname_np(pthread_self(), "tesktmo");
     uint64_t expirations = 0;
     while (true) {
         std::unique_lock locked(service_lock);
-        if (its.is_stopping)
+        if (service.is_stopping)
             return nullptr;
         /* One at a time: between two of them the service can be stopped. */
-        pending_timer expired = take_expired(its);
+        pending_timer expired = take_expired(service);
         locked.unlock();
         if (expired.signal != nullptr)
             mbx_send(&expired.signal, expired.mailbox, expired.mailbox);
-        else if (read(its.timer_fd, &expirations, sizeof(expirations)) < 0)
+        else if (read(service.timer_fd, &expirations, sizeof(expirations)) < 0)
             return nullptr;
     }
 }
 
-/* Starts the thread with all signals blocked, as a thread of a library must be: a handler of the
-   program may not run where the program doesn't know of a thread. */
-static bool start_thread(timer_service &its)
+/* Null if there is no memory, descriptor or thread for it. */
+static timer_service *start_service()
 {
-    pthread_attr_t attributes;
-    sigset_t all, before;
-    sigfillset(&all);
-    if (pthread_attr_init(&attributes) != 0)
-        return false;
-    pthread_attr_setstacksize(&attributes, stack_size);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int error = pthread_create(&its.thread, &attributes, run_service, &its);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    pthread_attr_destroy(&attributes);
-    return error == 0;
+    const int timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    if (timer_fd < 0)
+        return nullptr;
+    auto *service =
+        new (std::nothrow) timer_service{.unit_ns = read_unit_ns(), .timer_fd = timer_fd};
+    if (service != nullptr &&
+        util::start_thread(service->thread, stack_size, run_service, service) == 0)
+        return service;
+    delete service;
+    close(timer_fd);
+    return nullptr;
 }
 
 bool tmo_service_init(void)
 {
     const std::lock_guard locked(service_lock);
-    if (service != nullptr)
-        return true;
-    const int timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
-    if (timer_fd < 0)
-        return false;
-    service = new timer_service{.unit_ns = read_unit_ns(), .timer_fd = timer_fd};
-    if (start_thread(*service))
-        return true;
-    close(timer_fd);
-    delete service;
-    service = nullptr;
-    return false;
+    if (running == nullptr)
+        running = start_service();
+    return running != nullptr;
 }
 
 void tmo_service_stop(void)
 {
     std::unique_lock locked(service_lock);
-    timer_service *stopped = service;
+    timer_service *stopped = running;
     if (stopped == nullptr)
         return;
-    service = nullptr;
+    running = nullptr;
     stopped->is_stopping = true;
     /* Not 0, which would disarm the descriptor. */
     wake_at(*stopped, 1);
@@ -167,21 +160,29 @@ void tmo_service_stop(void)
     delete stopped;
 }
 
+/* False if the timer can't be added, because no service runs or memory is exhausted. */
+static bool add_timer(uint32_t interval, const pending_timer &added)
+{
+    const std::lock_guard locked(service_lock);
+    if (running == nullptr)
+        return false;
+    try {
+        const auto timer = running->timers.emplace(now_ns() + interval * running->unit_ns, added);
+        /* The descriptor is already set to a timer that comes before this one. */
+        if (timer == running->timers.begin())
+            wake_at(*running, timer->first);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+}
+
 void tmo_request_sig(uint32_t interval, mbx_signal **signal)
 {
-    /* Asked of the caller's thread, and before the lock, as it is the mailbox library's business.
-     */
+    /* Before the lock, as it is a call of another library. */
     const uint32_t mailbox = mbx_own_mailbox();
-    std::unique_lock locked(service_lock);
-    if (service == nullptr || mailbox == MBX_NO_MAILBOX) {
-        locked.unlock();
+    if (mailbox != MBX_NO_MAILBOX && add_timer(interval, {*signal, mailbox}))
+        *signal = nullptr;
+    else
         mbx_free(signal);
-        return;
-    }
-    const auto timer = service->timers.emplace(now_ns() + interval * service->unit_ns,
-                                               pending_timer{*signal, mailbox});
-    *signal = nullptr;
-    /* Any other one is waited for already, behind those that come before it. */
-    if (timer == service->timers.begin())
-        wake_at(*service, timer->first);
 }

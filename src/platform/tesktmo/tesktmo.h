@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* libtesktmo - timers that deliver a signal. One service serves the process, on a thread of its own
-   that takes none of the process's signals. Everything here has C linkage and may be called on any
-   thread, but not in a signal handler. */
+   with all process signals blocked. Everything here has C linkage and may be called on any thread,
+   but not in a signal handler. */
 #ifndef TESKTMO_H
 #define TESKTMO_H
 
@@ -14,16 +14,16 @@ extern "C" {
 
 struct mbx_signal;
 
-/* Starts the service; true when it runs, also when it did before. */
+/* Starts the service. True if it runs, also if it did before; false if there is no memory,
+   descriptor or thread for it. */
 bool tmo_service_init(void);
 
-/* Harmless when it never started. Signals that are still pending are freed; none is delivered after
-   the return. */
+/* Harmless if no service runs. Pending signals are freed; none is delivered after the return. */
 void tmo_service_stop(void);
 
 /* Takes the block over and sets the pointer to null. Delivers it once to the calling thread's
-   mailbox, with that mailbox as sender, after `interval` units of 100 ms. Without a running service
-   the block is freed. */
+   mailbox, with that mailbox as sender, after `interval` units of 100 ms. The block is freed if no
+   service runs, the thread has no mailbox, or memory is exhausted. */
 void tmo_request_sig(uint32_t interval, struct mbx_signal **signal);
 
 #ifdef __cplusplus

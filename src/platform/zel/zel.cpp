@@ -1,42 +1,43 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel - settings, the group mask, formatted texts and the trace calls.
+/* Settings, the group mask, formatted texts and the trace calls.
 
    Settings, read once by the first zel_init; a set-uid program has none:
-     ZEL_SINK        lttng, stderr, stdout or file:PATH; nothing is traced without it
-     ZEL_GROUPS      the groups to trace, as in 1,4,12, or all; 1,4 without it
-     ZEL_FILE_SIZE   the bytes after which a file rolls over; 4194304 without it
+     ZEL_SINK        lttng, stderr, stdout or file:PATH; without it nothing is traced
+     ZEL_GROUPS      the groups to trace, as in 1,4,12, or all; without it 1,4
+     ZEL_FILE_SIZE   the bytes after which a file rolls over; without it 4194304
+     ZEL_RATE        lines per second of text, 0 for no limit; see zel_text.h for the default
 
-   The mask. Callers test procInfo[3] of their thread before they call anything of ours, so it has
-   to stand there beforehand. zel_init sets it for its own thread, zel_register_thread_name for any
-   other; a thread that never registers is not traced.
+   The mask. Callers test procInfo[3] of their thread before they call this library, so it is set
+   beforehand: zel_init sets it for its own thread, zel_register_thread_name for any other. A thread
+   that never registers is not traced.
 
    Formatted texts. A signal handler may call formatStr at any instruction of a formatStr of the
-   same thread, or before the text of that one has been traced. So each thread has several texts,
-   and a text is taken until a trace call has written it. formatStr takes the one that has been left
-   alone for the longest, a free one before a taken one. What a handler takes between our choice and
-   our mark is done with when we go on, since the handler has ended by then. Nothing of this needs
-   more than the order that one thread sees.
+   same thread, or before that one's text has been traced. So each thread has several texts, and a
+   text is taken until a trace call has written it. formatStr takes the least recently used one, a
+   free one before a taken one. A text that a handler takes between the choice and the mark is no
+   longer in use when the interrupted call continues, since the handler has ended by then. All this
+   needs no more than the order that one thread sees.
 
-   Nothing behind formatStr and the trace calls locks or allocates, and all keep errno. vsnprintf is
-   not promised to be safe in a handler, but in glibc it is for what is formatted here: integers,
-   characters, pointers and strings; floating point and positional arguments may allocate. */
+   The code behind formatStr and the trace calls neither locks nor allocates, and keeps errno.
+   vsnprintf is not guaranteed to be safe in a handler, but in glibc it is for integers, characters,
+   pointers and strings; floating point and positional arguments may allocate. */
 #include "platform/zel/zel.h"
 
 #include "platform/zel/zel_record.h"
 #include "platform/zel/zel_text.h"
+#include "util/thread.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <csignal>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <sys/prctl.h>
 #include <tuple>
@@ -46,14 +47,19 @@ static constexpr uint32_t errors_and_notable = 1u << 1 | 1u << 4;
 static constexpr uint32_t received_group = 17, sent_group = 18;
 static constexpr uint64_t default_file_cap = 4 << 20;
 
+namespace
+{
+
 struct formatted_text {
     bool is_taken;
     uint64_t last_use;
     char text[2048];
 };
 
-/* One for ordinary code, one for each of the two handlers that can lie on top of it and of each
-   other, and one to spare for a caller that formats without tracing. */
+} // namespace
+
+/* One for ordinary code, one for each of the two handlers that can interrupt it and each other, and
+   a spare one for a caller that formats without tracing. */
 static constexpr int texts_per_thread = 4;
 
 #define ZEL_THREAD_LOCAL static __thread __attribute__((tls_model("initial-exec")))
@@ -64,12 +70,12 @@ ZEL_THREAD_LOCAL char thread_name[32];
 
 __thread uint32_t procInfo[8];
 
-/* The mask is written before the sink is, and read by threads that have seen the sink. */
+/* The mask is written before the sink, and read by threads that have loaded the sink. */
 static std::atomic<const zel_sink *> sink;
 static uint32_t group_mask;
 
-/* One line on stderr about a setting that can't be followed. */
-static void complain(const char *setting, const char *value, const char *what)
+/* One line on standard error about a setting that can't be used. */
+static void complain(const char *setting, const char *value, const char *reason)
 {
     text_line line;
     line.escape("libzel: ");
@@ -77,8 +83,8 @@ static void complain(const char *setting, const char *value, const char *what)
     line.escape("=");
     line.escape(value);
     line.escape(": ");
-    line.escape(what);
-    line.write_to(STDERR_FILENO);
+    line.escape(reason);
+    line.write_to({STDERR_FILENO, zel_output::method::polled}, true);
 }
 
 static std::optional<uint64_t> parse_number(std::string_view text)
@@ -130,25 +136,39 @@ static uint64_t wanted_file_cap()
     return default_file_cap;
 }
 
-/* Loads the provider from where this library lies, so that the two are always of one build. LTTng's
-   threads inherit the signal mask, and none of them is for the program's signals. It stays loaded:
-   its threads can't be ended. */
+/* Null for the default. */
+static const uint32_t *wanted_rate()
+{
+    static uint32_t rate;
+    const char *text = secure_getenv("ZEL_RATE");
+    if (text == nullptr)
+        return nullptr;
+    const auto number = parse_number(text);
+    if (!number || *number > INT32_MAX) {
+        complain("ZEL_RATE", text, "give lines per second, 0 for no limit; the default is used");
+        return nullptr;
+    }
+    rate = static_cast<uint32_t>(*number);
+    return &rate;
+}
+
+/* Loads the provider from the directory of this library, so that the two are always of one build.
+   LTTng's threads inherit the signal mask: they must not run the program's handlers. The provider
+   stays loaded, as its threads can't be ended. Null with dlerror() if it can't be loaded. */
 static const zel_sink *load_lttng()
 {
-    Dl_info here{};
+    Dl_info here = {};
     dladdr(reinterpret_cast<const void *>(zel_init), &here);
-    const std::string_view library = here.dli_fname;
-    const std::string provider =
-        std::string(library.substr(0, library.rfind('/') + 1)) + "libzel-lttng.so";
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    void *handle = dlopen(provider.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    const char *library = here.dli_fname;
+    const auto directory_size = static_cast<int>(short_fname(library) - library);
+    char provider[PATH_MAX];
+    snprintf(provider, sizeof(provider), "%.*slibzel-lttng.so", directory_size, library);
+    const util::blocked_signals blocked;
+    void *handle = dlopen(provider, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     return handle ? static_cast<const zel_sink *>(dlsym(handle, "zel_lttng_sink")) : nullptr;
 }
 
-/* Null when nothing is to be traced. */
+/* Null if nothing is to be traced. */
 static const zel_sink *open_sink()
 {
     const char *setting = secure_getenv("ZEL_SINK");
@@ -157,7 +177,7 @@ static const zel_sink *open_sink()
     if (name.empty())
         return nullptr;
     if (name == "stderr" || name == "stdout")
-        return zel_text_to_stream(name == "stderr" ? STDERR_FILENO : STDOUT_FILENO);
+        return zel_text_to_stream(name == "stderr" ? STDERR_FILENO : STDOUT_FILENO, wanted_rate());
     if (name == "lttng") {
         const zel_sink *lttng = load_lttng();
         if (lttng == nullptr)
@@ -165,7 +185,8 @@ static const zel_sink *open_sink()
         return lttng;
     }
     if (name.starts_with(file) && name != file) {
-        const zel_sink *opened = zel_text_to_file(setting + file.size(), wanted_file_cap());
+        const zel_sink *opened =
+            zel_text_to_file(setting + file.size(), wanted_file_cap(), wanted_rate());
         if (opened == nullptr)
             complain("ZEL_SINK", setting, strerror(errno));
         return opened;
@@ -174,7 +195,7 @@ static const zel_sink *open_sink()
     return nullptr;
 }
 
-/* The mask comes last: from then on a signal handler may trace here. */
+/* The mask is set last: from then on a signal handler may trace on this thread. */
 static void enter_thread()
 {
     const zel_sink *used = sink.load(std::memory_order_acquire);
@@ -221,13 +242,13 @@ static formatted_text &take_text()
     });
     text.is_taken = true;
     text.last_use = ++text_uses;
-    /* The marks are in memory before the first byte of the text is. */
+    /* The marks are in memory before the first byte of the text. */
     std::atomic_signal_fence(std::memory_order_seq_cst);
     return text;
 }
 
-/* A text that isn't ours is nobody's to give back: a caller need not have used formatStr. */
-static void give_back(const char *traced)
+/* A text that isn't from formatStr is left alone. */
+static void release_text(const char *traced)
 {
     std::atomic_signal_fence(std::memory_order_seq_cst);
     for (formatted_text &text : texts)
@@ -256,7 +277,7 @@ const char *short_fname(const char *path)
     return slash ? slash + 1 : path;
 }
 
-/* Does nothing where the mask hides the group, and so nothing without a sink. */
+/* Writes nothing if the mask hides the group, and so nothing without a sink. */
 static void trace(zel_record record)
 {
     const int kept_errno = errno;
@@ -264,7 +285,7 @@ static void trace(zel_record record)
     const zel_sink *used = sink.load(std::memory_order_acquire);
     if (used && record.group < 32 && (procInfo[3] >> record.group & 1)) {
         char kernel_name[16] = "";
-        /* A thread that never gave a name has the one that the kernel knows. */
+        /* A thread without a registered name has its name in the kernel. */
         if (thread_name[0] == '\0')
             prctl(PR_GET_NAME, kernel_name);
         record.thread = thread_name[0] != '\0' ? thread_name : kernel_name;
@@ -272,7 +293,7 @@ static void trace(zel_record record)
         record.text = record.text ? record.text : "";
         used->write(record);
     }
-    give_back(text);
+    release_text(text);
     errno = kept_errno;
 }
 

@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel_lttng - traces as LTTng events.
+/* Traces as LTTng events.
 
-   A shared object of its own, which libzel loads only where the setting asks for it: LTTng starts
-   threads and maps memory in every process that it is loaded into. Its tracepoints may be hit in a
-   signal handler, on a thread that lttng_ust_init_thread has made ready: a thread that was not
-   would allocate its thread-local data at its first event. */
+   A shared object of its own, which libzel loads only if it is the sink: LTTng starts threads and
+   maps memory in every process that loads it. A tracepoint in a signal handler is safe on a thread
+   prepared by lttng_ust_init_thread; on others the first event allocates thread-local data. */
 #define LTTNG_UST_TRACEPOINT_CREATE_PROBES
 #define LTTNG_UST_TRACEPOINT_DEFINE
 #include "platform/zel/zel_tracepoints.h"

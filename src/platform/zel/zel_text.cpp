@@ -1,33 +1,38 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel_text - traces as lines of text.
-
-   Everything here but the two openers runs in signal handlers, on top of any of its own lines. So
+/* All functions but the two openers run in signal handlers, which may interrupt any of them. So
    there is no lock, no allocation and no call that takes a lock in the C library: localtime_r and
    gmtime_r do, which is why the time zone is read ahead into a table. vsnprintf neither locks nor
-   allocates in glibc for integers and short strings, which is all that is asked of it here.
+   allocates in glibc for integers and short strings, the only arguments here.
 
    Each line is one write to a descriptor in append mode, so lines of several threads, and of
-   several processes that share the file, stand one after the other.
+   several processes that share the file, are not mixed. A line that the output doesn't take is
+   counted, and the count is written before the next line.
 
-   Roll-over. The file's descriptor keeps its number for good: the new file is put under it by dup3,
-   which swaps the two in one step, so that nobody ever writes to a closed descriptor. One thread
-   rolls at a time. Whoever needs to meanwhile - perhaps a handler on that very thread - must not
-   wait, and writes where the descriptor leads at that moment: the old file may end a few lines
-   above its cap. */
+   Roll-over. The file's descriptor keeps its number: dup3 puts the new file under it in one step,
+   so that no thread ever writes to a closed descriptor. One thread rolls at a time. Another one, or
+   a handler on the same thread, must not wait for it and writes to the descriptor as it is: the old
+   file may end a few lines above its cap. */
 #include "platform/zel/zel_text.h"
+
+#include "platform/zel/zel_limit.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace
+{
 
 /* From this second on local time is this far ahead of UTC. */
 struct utc_offset {
@@ -35,24 +40,28 @@ struct utc_offset {
     long seconds;
 };
 
+} // namespace
+
 static std::array<utc_offset, 64> utc_offsets;
 static size_t utc_offset_count;
 
-static int out_descriptor;
+static zel_output output;
+static bool is_journal;
 static char file_path[PATH_MAX];
 static char old_path[PATH_MAX + 2];
-static uint64_t file_cap;
+static uint64_t file_cap; /* 0 for streams, which have none */
 static std::atomic_flag is_rolling;
+static std::atomic<uint64_t> lost_lines;
 
 void text_line::add(std::string_view piece)
 {
     constexpr size_t end_size = 4; /* "...\n" */
-    if (is_cut || length + piece.size() > sizeof(bytes) - end_size) {
-        is_cut = true;
+    if (is_cut_ || length_ + piece.size() > sizeof(bytes_) - end_size) {
+        is_cut_ = true;
         return;
     }
-    memcpy(bytes + length, piece.data(), piece.size());
-    length += piece.size();
+    memcpy(bytes_ + length_, piece.data(), piece.size());
+    length_ += piece.size();
 }
 
 void text_line::format(const char *format, ...)
@@ -67,11 +76,11 @@ void text_line::format(const char *format, ...)
         add({piece, std::min(static_cast<size_t>(size), sizeof(piece) - 1)});
 }
 
-/* The bytes of the printable character that `text` starts with, 0 where none does. */
+/* The size in bytes of the printable character at the start of `text`, or 0. */
 static size_t printable_size(const unsigned char *text)
 {
-    /* The well-formed sequences: first byte, second byte, length. U+0080 to U+009F are controls,
-       and so the first row starts above them. */
+    /* The well-formed sequences: first byte, second byte, length. The first row starts above U+0080
+       to U+009F, which are controls. */
     struct form {
         unsigned char first_min, first_max, second_min, second_max, size;
     };
@@ -82,15 +91,15 @@ static size_t printable_size(const unsigned char *text)
     };
     if (text[0] < 0x80)
         return text[0] >= 0x20 && text[0] != 0x7f;
-    for (const form &form : forms) {
-        if (text[0] < form.first_min || text[0] > form.first_max)
+    for (const form &row : forms) {
+        if (text[0] < row.first_min || text[0] > row.first_max)
             continue;
-        if (text[1] < form.second_min || text[1] > form.second_max)
+        if (text[1] < row.second_min || text[1] > row.second_max)
             return 0;
-        for (size_t i = 2; i < form.size; ++i)
+        for (size_t i = 2; i < row.size; ++i)
             if ((text[i] & 0xc0) != 0x80)
                 return 0;
-        return form.size;
+        return row.size;
     }
     return 0;
 }
@@ -98,7 +107,7 @@ static size_t printable_size(const unsigned char *text)
 void text_line::escape(const char *text)
 {
     static constexpr std::string_view plain = "\\\n\r\t", letters = "\\nrt";
-    while (*text != '\0' && !is_cut) {
+    while (*text != '\0' && !is_cut_) {
         const size_t size = printable_size(reinterpret_cast<const unsigned char *>(text));
         const size_t known = plain.find(*text);
         if (known != plain.npos)
@@ -113,15 +122,13 @@ void text_line::escape(const char *text)
 
 size_t text_line::size_with_end() const
 {
-    return length + (is_cut ? 4 : 1);
+    return length_ + (is_cut_ ? 4 : 1);
 }
 
-void text_line::write_to(int descriptor)
+bool text_line::write_to(const zel_output &to, bool is_error)
 {
-    memcpy(bytes + length, is_cut ? "...\n" : "\n", size_with_end() - length);
-    /* A stream that takes nothing, or only a part, has lost the line: tracing holds nobody up. */
-    while (write(descriptor, bytes, size_with_end()) < 0 && errno == EINTR) {
-    }
+    memcpy(bytes_ + length_, is_cut_ ? "...\n" : "\n", size_with_end() - length_);
+    return zel_write(to, bytes_, size_with_end(), is_error);
 }
 
 static long utc_offset_of(time_t time)
@@ -131,7 +138,7 @@ static long utc_offset_of(time_t time)
     return local.tm_gmtoff;
 }
 
-/* Looks ten years ahead, day by day, for the seconds at which the clocks are changed. */
+/* Searches the next ten years, day by day, for the seconds at which local time changes. */
 static void read_time_zone()
 {
     constexpr time_t day = time_t{24} * 60 * 60;
@@ -171,9 +178,25 @@ static void add_time(text_line &line)
                 static_cast<int>(clock.seconds().count()), static_cast<int>(now.tv_nsec / 1000));
 }
 
+/* Journal priorities: error, notice and debug. */
+static int priority_of(uint32_t group)
+{
+    switch (group) {
+    case 1:
+        return 3;
+    case 4:
+        return 5;
+    default:
+        return 7;
+    }
+}
+
 static void fill_line(text_line &line, const zel_record &record)
 {
-    add_time(line);
+    if (is_journal)
+        line.format("<%d>", priority_of(record.group));
+    else
+        add_time(line);
     line.escape(record.thread);
     line.format(" %u ", record.group);
     line.escape(record.file);
@@ -185,77 +208,151 @@ static void fill_line(text_line &line, const zel_record &record)
     line.escape(record.text);
 }
 
-static void write_to_stream(const zel_record &record)
-{
-    text_line line;
-    fill_line(line, record);
-    line.write_to(out_descriptor);
-}
-
-static int open_file()
-{
-    return open(file_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0640);
-}
-
-/* What is no regular file, as a pipe, never fills up. */
+/* Streams, FIFOs and devices have no size. */
 static bool has_room(size_t size)
 {
-    struct stat status {
-    };
-    return fstat(out_descriptor, &status) == 0 &&
-           (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) + size <= file_cap);
+    struct stat status = {};
+    return file_cap == 0 ||
+           (fstat(output.descriptor, &status) == 0 &&
+            (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) + size <= file_cap));
 }
 
-/* Renames the file only if it is still ours: another process that shares it may have rolled it over
-   already, and then only the new one has to be opened. */
+/* Renames the file only if the path still leads to it: another process that shares it may have
+   rolled it over already, and then only the new one has to be opened. */
 static void roll_over()
 {
-    struct stat ours {
-    };
-    struct stat named {
-    };
-    if (fstat(out_descriptor, &ours) == 0 && stat(file_path, &named) == 0 &&
+    struct stat ours = {};
+    struct stat named = {};
+    if (fstat(output.descriptor, &ours) == 0 && stat(file_path, &named) == 0 &&
         ours.st_dev == named.st_dev && ours.st_ino == named.st_ino)
         rename(file_path, old_path);
-    const int fresh = open_file();
-    if (fresh < 0)
+    const zel_output opened = zel_open_file(file_path);
+    if (opened.descriptor < 0)
         return;
-    dup3(fresh, out_descriptor, O_CLOEXEC);
-    close(fresh);
+    dup3(opened.descriptor, output.descriptor, O_CLOEXEC);
+    close(opened.descriptor);
 }
 
-/* False when the line must be dropped, since the full file could not be replaced. */
+/* False if the full file could not be replaced. */
 static bool make_room(size_t size)
 {
-    /* Somebody else rolls, or this thread does, under a handler: the line goes where it can. */
+    /* A roll-over is in progress on another thread, or on this one below a handler. */
     if (is_rolling.test_and_set(std::memory_order_acquire))
         return true;
     if (!has_room(size))
         roll_over();
-    const bool made = has_room(size);
+    const bool was_made = has_room(size);
     is_rolling.clear(std::memory_order_release);
-    return made;
+    return was_made;
 }
 
-static void write_to_file(const zel_record &record)
+/* An error may use the part of the output's buffer that is kept free for errors. */
+static bool write_line(const zel_record &record, bool is_error)
 {
     text_line line;
     fill_line(line, record);
-    if (has_room(line.size_with_end()) || make_room(line.size_with_end()))
-        line.write_to(out_descriptor);
+    const size_t size = line.size_with_end();
+    return (has_room(size) || make_room(size)) && line.write_to(output, is_error);
 }
 
-const zel_sink *zel_text_to_stream(int descriptor)
+/* Writes a line of the library's own about lines that are missing. */
+static bool write_note(uint32_t group, const char *file, uint32_t line, const char *text,
+                       bool is_error)
 {
-    static constexpr zel_sink sink{write_to_stream, nullptr};
+    return write_line({.kind = zel_kind::trace,
+                       .group = group,
+                       .file = file,
+                       .line = line,
+                       .number = 0,
+                       .receiver = 0,
+                       .text = text,
+                       .thread = "libzel"},
+                      is_error);
+}
+
+/* Before a line that may be an error. False if the output still doesn't take anything. */
+static bool report_lost_lines(bool is_error)
+{
+    const uint64_t lost = lost_lines.exchange(0, std::memory_order_relaxed);
+    if (lost == 0)
+        return true;
+    char text[64];
+    snprintf(text, sizeof(text), "%" PRIu64 " lines lost: the output did not take them", lost);
+    if (write_note(1, "output", 0, text, is_error))
+        return true;
+    lost_lines.fetch_add(lost, std::memory_order_relaxed);
+    return false;
+}
+
+/* The counts stay for a later report if the output doesn't take this one. */
+static void report_place(zel_place &place)
+{
+    const uint64_t repeated = place.repeated.exchange(0, std::memory_order_relaxed);
+    const uint64_t left_out = place.left_out.exchange(0, std::memory_order_relaxed);
+    if (repeated + left_out == 0)
+        return;
+    char text[96];
+    snprintf(text, sizeof(text), "repeated %" PRIu64 " times, %" PRIu64 " more lines left out",
+             repeated, left_out);
+    if (write_note(place.group, place.file, place.line, text, place.group == 1))
+        return;
+    place.repeated.fetch_add(repeated, std::memory_order_relaxed);
+    place.left_out.fetch_add(left_out, std::memory_order_relaxed);
+}
+
+static void write_record(const zel_record &record)
+{
+    zel_place *place = zel_limit_admit(record);
+    zel_limit_sweep(false, report_place);
+    if (place == nullptr)
+        return;
+    report_place(*place);
+    const bool is_error = record.group == 1;
+    const bool has_room_for_note = report_lost_lines(is_error);
+    if (!(has_room_for_note || is_error) || !write_line(record, is_error))
+        lost_lines.fetch_add(1, std::memory_order_relaxed);
+}
+
+/* At the end of the process, as no later line will report the counts. */
+__attribute__((destructor)) static void report_all()
+{
+    if (output.descriptor < 0)
+        return;
+    zel_limit_sweep(true, report_place);
+    report_lost_lines(true);
+}
+
+static void set_limit(const uint32_t *share)
+{
+    const uint32_t standard = zel_is_regular_file(output) ? 0 : default_share;
+    zel_limit_set(share != nullptr ? *share : standard);
+}
+
+/* systemd names the journal's connection by device and inode. */
+static bool is_journal_stream(int descriptor)
+{
+    const char *setting = secure_getenv("JOURNAL_STREAM");
+    struct stat status = {};
+    char name[64];
+    if (setting == nullptr || fstat(descriptor, &status) != 0)
+        return false;
+    snprintf(name, sizeof(name), "%ju:%ju", uintmax_t{status.st_dev}, uintmax_t{status.st_ino});
+    return strcmp(name, setting) == 0;
+}
+
+static constexpr zel_sink text_sink{write_record, nullptr};
+
+const zel_sink *zel_text_to_stream(int descriptor, const uint32_t *share)
+{
     read_time_zone();
-    out_descriptor = descriptor;
-    return &sink;
+    is_journal = is_journal_stream(descriptor);
+    output = zel_open_stream(descriptor);
+    set_limit(share);
+    return &text_sink;
 }
 
-const zel_sink *zel_text_to_file(const char *path, uint64_t cap)
+const zel_sink *zel_text_to_file(const char *path, uint64_t cap, const uint32_t *share)
 {
-    static constexpr zel_sink sink{write_to_file, nullptr};
     /* Absolute, so that a program that changes its directory later still rolls over in place. */
     char directory[PATH_MAX] = "";
     if (path[0] != '/' && getcwd(directory, sizeof(directory)) == nullptr)
@@ -267,10 +364,11 @@ const zel_sink *zel_text_to_file(const char *path, uint64_t cap)
         return nullptr;
     }
     snprintf(old_path, sizeof(old_path), "%s.1", file_path);
-    out_descriptor = open_file();
-    if (out_descriptor < 0)
+    output = zel_open_file(file_path);
+    if (output.descriptor < 0)
         return nullptr;
     read_time_zone();
     file_cap = cap;
-    return &sink;
+    set_limit(share);
+    return &text_sink;
 }

@@ -29,6 +29,8 @@ struct lane_fields {
 
 } // namespace
 
+/* The sum of the identity, at 222, is the last byte that is read of page 00h. Of page 01h the bytes
+   142 (banks) and 160 (monitors) are needed. */
 static constexpr memory_range state_range = {identity_address, 0, 0, 0, 18};
 static constexpr memory_range applications_range = {identity_address, 0, 0, 86, 32};
 static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 95};
@@ -55,6 +57,7 @@ static bool is_identity_right(const memory_view &identity)
     return identity.was_read() && is_sum_right(identity, 128, 94);
 }
 
+/* Codes of the media technology: 0x0a to 0x0f are cables of copper, passive or with electronics. */
 static bool is_copper(const memory_view &identity)
 {
     const uint8_t technology = identity.u8(212);
@@ -68,6 +71,8 @@ static bool is_running(const memory_view &state)
     return (state.u8(3) >> 1 & 7) == ready_state;
 }
 
+/* Two bits: one, two or four banks; the fourth code is reserved and counts as one. Without page 01h
+   nothing is known of the lanes. */
 static uint8_t bank_count(const memory_view &features)
 {
     static constexpr uint8_t counts[] = {1, 2, max_banks, 1};
@@ -186,6 +191,7 @@ static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_la
         add_lanes(lanes, rx_power_fields, bank, missing_lanes, power_steps, contents.rx_power);
 }
 
+/* A bank that could not be read, or is blank, leaves its lanes out; the others stand. */
 static void fill_lanes(const module_memory &memory, const memory_view &features,
                        uint8_t missing_lanes, module_contents &contents)
 {
@@ -215,6 +221,7 @@ static void fill_state(const memory_view &state, module_contents &contents)
     contents.voltage.lanes = {{0, voltage_steps(state.u16(16)), module_flags(state.u8(9), 4)}};
 }
 
+/* A cable that measures nothing leaves temperature and voltage at 0. */
 static void decode_diagnostics(const module_memory &memory, uint8_t missing_lanes,
                                module_contents &contents)
 {

@@ -40,7 +40,8 @@ struct lane_value {
     uint8_t flags; /* measurement_flag */
 };
 
-/* Temperatures and voltages have one lane. Without lanes it isn't measured. */
+/* Temperatures and voltages have one lane. Without lanes it isn't measured. Limits that are not in
+   order stay here as they are; module_decode.h says what becomes of them. */
 struct measurement {
     std::vector<lane_value> lanes;
     std::optional<measurement_limits> limits;

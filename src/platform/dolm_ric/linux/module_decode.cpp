@@ -1,4 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* The caller of the library grades a value by comparing it with the limits in the same record:
+   above both low limits and below both high ones is right, on a limit counts as beyond it. So what
+   must not be graded can only be kept from it by limits that no value reaches. */
 #include "platform/dolm_ric/linux/module_decode.h"
 
 #include "platform/dolm_ric/linux/module_family.h"
@@ -64,6 +67,7 @@ static auto margin_of(double value, const measurement_limits &limits)
     return std::tuple(alarm ? 0 : warning ? 1 : 2, distance, value);
 }
 
+/* What has one lane is the whole module's, so it counts for each of its ports. */
 static std::optional<double> worst_value(const measurement &its, const measurement_limits &limits,
                                          uint32_t lanes)
 {
@@ -152,6 +156,7 @@ static dolm_ric_module_diag make_diag(const module_contents &from, const port_vi
     return diag;
 }
 
+/* "Unsupported" is for good; "not available" may change with the next reading. */
 static int32_t diagnostics_result(diagnostics_state state)
 {
     switch (state) {

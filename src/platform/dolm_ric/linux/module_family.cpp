@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* The numbers of connectors and kinds of modules are those of SFF-8024. */
 #include "platform/dolm_ric/linux/module_family.h"
 
 #include <algorithm>
@@ -92,6 +93,7 @@ const module_layout *layout_of(const module_memory &memory)
     }
 }
 
+/* A row is wanted or not by what earlier rows have read, so the plan grows from its end only. */
 std::vector<reading_step> reading_plan(const module_memory &memory)
 {
     std::vector<reading_step> plan = {{identifier_range, reading_time::once, false}};

@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Codes that aren't listed are of other networks than Ethernet, or reserved. */
 #include "platform/dolm_ric/linux/module_speed.h"
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -6,9 +7,10 @@
 namespace linux_board
 {
 
+/* The lower half holds up to 6.5 Tb/s; more counts as unknown. */
 static uint32_t other_code(uint32_t tenth_gbps)
 {
-    return tenth_gbps == 0 || tenth_gbps > 0xffff ? 0 : DOLM_RIC_SPEED_TENTH_GBPS | tenth_gbps;
+    return tenth_gbps == 0 || tenth_gbps > 0xffff ? 0 : DOLM_RIC_SPEED_CODE(tenth_gbps);
 }
 
 uint32_t link_speed_code(uint32_t tenth_gbps)

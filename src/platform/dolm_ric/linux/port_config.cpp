@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* The file is text of people's making, read by two processes, one of which has more rights than
+   its users: every size is bounded, and what it contains never reaches a terminal as it is. */
 #include "platform/dolm_ric/linux/port_config.h"
 
 #include <algorithm>
@@ -35,6 +37,7 @@ static constexpr size_t max_line_length = 4096 + 512; /* the longest path and wh
 static constexpr size_t max_interface_length = 127;   /* of an alternative name */
 static constexpr size_t max_parent_length = 255;
 
+/* Carriage returns count as blanks, so that files from other systems work. */
 static std::vector<std::string_view> split_words(std::string_view line)
 {
     constexpr std::string_view blanks = " \t\r";
@@ -75,6 +78,8 @@ static std::string quoted(std::string_view word)
     return "\"" + text + (word.size() > longest ? "...\"" : "\"");
 }
 
+/* No interface has a slash in its name, so the last one of a word separates the port's name from
+   the parent, which may have more of them. */
 static reason parse_interface(std::string_view word, configured_port &port)
 {
     const size_t slash = word.rfind('/');
@@ -95,6 +100,7 @@ static reason parse_interface(std::string_view word, configured_port &port)
     return std::nullopt;
 }
 
+/* The process that opens FILE may have any working directory, hence the absolute path. */
 static reason parse_option(std::string_view word, configured_port &port)
 {
     if (word == "poll=off") {

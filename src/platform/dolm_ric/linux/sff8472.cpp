@@ -44,11 +44,14 @@ struct sfp_conversions {
 
 } // namespace
 
+/* Bytes 96 and up of the identity belong to the maker. Those behind the flags at 0x51 hold nothing
+   that is needed. */
 static constexpr memory_range identity_range = {identity_address, 0, 0, 0, 96};
 static constexpr memory_range serial_range = {identity_address, 0, 0, 68, 28};
 static constexpr memory_range constants_range = {diagnostics_address, 0, 0, 0, 96};
 static constexpr memory_range values_range = {diagnostics_address, 0, 0, 96, 22};
 
+/* The first sum is over what the standard calls base fields, the second over the extended ones. */
 static bool is_identity_right(const memory_view &identity)
 {
     return identity.was_read() && is_sum_right(identity, 0, 63) && is_sum_right(identity, 64, 31);
@@ -113,6 +116,7 @@ static uint32_t speed_of(const memory_view &identity)
         return 10;
     if (identity.u8(6) & any_100m)
         return 1;
+    /* 255 stands for a rate that 8 bits can't hold: byte 66 then has it, in larger steps. */
     const uint32_t rate = identity.u8(12) == 255 ? identity.u8(66) * 250u : identity.u8(12) * 100u;
     return speed_of_rate(rate, identity.u8(11) == 0x08);
 }
@@ -163,6 +167,7 @@ static void calibrate(const memory_view &constants, size_t offset, conversion &c
     convert.coefficients[0] = constants.s16(offset + 2);
 }
 
+/* The constants of rx power begin with that of the highest power. */
 static sfp_conversions external_conversions(const memory_view &constants)
 {
     sfp_conversions convert;
@@ -198,6 +203,8 @@ static void limit_rx_power(measurement &rx_power)
     }
 }
 
+/* Limits are converted as the values are, so with a polynomial that falls somewhere they may come
+   out in another order, and are then nonsense like any other. */
 static void fill_light(const memory_view &constants, const memory_view &values,
                        const sfp_conversions &convert, module_contents &contents)
 {
@@ -215,6 +222,8 @@ static void fill_light(const memory_view &constants, const memory_view &values,
     limit_rx_power(contents.rx_power);
 }
 
+/* Of a module of copper only what it measures of itself. Loss of signal and fault are of its only
+   lane. */
 static void fill_measurements(const memory_view &constants, const memory_view &values,
                               module_contents &contents)
 {
@@ -255,6 +264,8 @@ static const char *reason_to_refuse(const module_contents &contents, const memor
     return are_blank(constants.bytes(0, 95)) ? "the calibration is blank" : nullptr;
 }
 
+/* Constants of calibration are refused with a wrong sum, as they would make any number of a value.
+   Without them a wrong sum costs the limits only. */
 static void decode_diagnostics(const memory_view &identity, const memory_view &constants,
                                const memory_view &values, module_contents &contents)
 {

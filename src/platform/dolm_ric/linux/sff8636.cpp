@@ -23,6 +23,7 @@ enum diagnostics_type : uint8_t {
 
 } // namespace
 
+/* The lower half of byte 113 names the lanes that one end of a split cable lacks. */
 static constexpr memory_range values_range = {identity_address, 0, 0, 0, 58};
 static constexpr memory_range lanes_range = {identity_address, 0, 0, 113, 1};
 static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 96};
@@ -31,12 +32,14 @@ static constexpr memory_range limits_range = {identity_address, 0, 3, 128, 72};
 
 static constexpr uint8_t lane_count = 4;
 
+/* The first sum is over the base fields, the second over the extended ones. */
 static bool is_identity_right(const memory_view &identity)
 {
     return identity.was_read() && is_sum_right(identity, 128, 63) &&
            is_sum_right(identity, 192, 31);
 }
 
+/* The extended code counts only where the ordinary byte refers to it. */
 static compliance_meaning compliance_of(const memory_view &identity)
 {
     constexpr uint8_t is_extended = 0x80;
@@ -77,6 +80,7 @@ static constexpr plan_row qsfp_plan[] = {
     {{limits_range, reading_time::once, true}, are_limits_wanted},
 };
 
+/* Rates are those of one lane. Modules for 10 Gb/s are four of them in one, as for 40 Gb/s. */
 static uint32_t speed_of(const memory_view &identity)
 {
     constexpr uint8_t any_40g_or_10g = 0x7f;
@@ -147,6 +151,7 @@ static void fill_limits(const memory_view &limits, module_contents &contents)
     contents.tx_power.limits = limits_at(limits, 192, power_steps);
 }
 
+/* Without page 03h, which a module may lack and an old driver doesn't show, there are no limits. */
 static void decode_diagnostics(const module_memory &memory, bool has_tx_power,
                                module_contents &contents)
 {

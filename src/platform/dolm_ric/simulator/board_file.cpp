@@ -7,6 +7,7 @@
 #include "platform/dolm_ric/simulator/board_file.h"
 
 #include "platform/dolm_ric/simulator/commands.h"
+#include "platform/dolm_ric/simulator/control_protocol.h"
 
 #include <cerrno>
 #include <cstring>
@@ -43,7 +44,8 @@ static std::string read_text(const char *path)
     std::ifstream file(path);
     std::ostringstream text;
     if (!file)
-        throw board_error(std::string(path) + ": " + std::strerror(errno));
+        throw board_error(std::string(path) + ": " + std::strerror(errno) + "; " +
+                          DOLM_RIC_BOARD_FILE_ENV + " names it");
     text << file.rdbuf();
     return text.str();
 }

@@ -34,6 +34,9 @@
 /* The file that describes the board; without it there are 16 ports with different modules. */
 #define DOLM_RIC_BOARD_FILE_ENV "DOLM_RIC_BOARD"
 
+/* The port map, see port_map.h; without it "ports" in the directory of the socket. */
+#define DOLM_RIC_PORT_MAP_ENV "DOLM_RIC_PORT_MAP"
+
 /* The longest command or answer. */
 #define DOLM_RIC_BOARD_PACKET_MAX 65536
 

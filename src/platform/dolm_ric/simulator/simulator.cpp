@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "platform/dolm_ric/simulator/simulator.h"
 
+#include "platform/dolm_ric/port_map.h"
 #include "platform/dolm_ric/simulator/board_file.h"
 #include "platform/dolm_ric/simulator/control_protocol.h"
 #include "platform/dolm_ric/simulator/control_server.h"
@@ -8,6 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <map>
+#include <unistd.h>
 
 namespace board
 {
@@ -34,16 +38,32 @@ simulator::~simulator()
 
 void simulator::start()
 {
+    const std::string socket = setting_or(DOLM_RIC_BOARD_SOCKET_ENV, DOLM_RIC_BOARD_SOCKET);
     try {
-        control_ = std::make_unique<control_server>(
-            setting_or(DOLM_RIC_BOARD_SOCKET_ENV, DOLM_RIC_BOARD_SOCKET), *this);
+        control_ = std::make_unique<control_server>(socket, *this);
+        write_map(socket);
     } catch (const std::exception &error) {
         fprintf(stderr, "libdolm_ric: teskboard can't control this board: %s\n", error.what());
     }
 }
 
+/* Beside the socket by default, so that a board at another socket doesn't replace the map of the
+   machine's own board. */
+void simulator::write_map(const std::string &socket)
+{
+    std::map<uint32_t, std::string> names;
+    for (uint32_t port = 0; port < count(); port++)
+        names.emplace(port, "port" + std::to_string(port));
+    const std::string standard = std::filesystem::path(socket).parent_path() / "ports";
+    const std::string path = setting_or(DOLM_RIC_PORT_MAP_ENV, standard.c_str());
+    if (write_port_map(path, names))
+        map_path_ = path;
+}
+
 void simulator::stop() noexcept
 {
+    if (!map_path_.empty())
+        unlink(map_path_.c_str());
     control_.reset();
 }
 

@@ -8,6 +8,7 @@
 #include "platform/dolm_ric/simulator/simulated_ports.h"
 
 #include <memory>
+#include <string>
 
 namespace board
 {
@@ -21,8 +22,8 @@ class simulator final : public simulated_ports
     simulator(uint32_t port_count, core &events_of);
     ~simulator() override;
 
-    /* The control server. A board without one still works: what keeps it from starting is one line
-       on standard error. */
+    /* The control server and the port map, which belongs to the board that has the socket. A board
+       without them still works: the reason is one line on standard error. */
     void start() override;
     void stop() noexcept override;
 
@@ -30,7 +31,10 @@ class simulator final : public simulated_ports
     fault_injector faults; /* as the core's hook */
 
   private:
+    void write_map(const std::string &socket);
+
     std::unique_ptr<control_server> control_;
+    std::string map_path_; /* empty without a map */
 };
 
 } // namespace board

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Everything that has a name stands in a table: operations, codes, words for values, units, values
-   and kinds of modules. What is read, what is printed and what an error offers instead all come
-   from the same rows, so that a new value or module is one more row. */
+/* All names are in tables: operations, codes, words for values, units, fields and kinds of modules.
+   Parsing, printing and the choices that an error lists use the same rows, so that a new field or
+   module is one more row. */
 #include "platform/dolm_ric/simulator/vocabulary.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@ static constexpr std::array<std::string_view, operation_count> op_names = {
 namespace
 {
 
-/* The result codes by the last part of their names. */
+/* A result code and the last part of its name. */
 struct named_code {
     std::string_view name;
     int32_t code;
@@ -51,7 +51,7 @@ namespace
 
 using kind = field_kind;
 
-/* Words for raw values. A speed of 10 is the word, not the code 10: codes are written as 0x... */
+/* A word for a raw value. A speed of 10 is the word; the code 10 is written as 0xa. */
 struct named_value {
     field_kind of;
     std::string_view name;
@@ -66,12 +66,20 @@ static constexpr named_value named_values[] = {
     {kind::link_state, "stopped", DOLM_RICRILINKSTATE_STOPPED},
     {kind::link_state, "down", DOLM_RICRILINKSTATE_NOOPERATION},
     {kind::link_state, "up", DOLM_RICRILINKSTATE_OPERATIONAL},
-    {kind::speed, "1.2", 0x0001},
-    {kind::speed, "2.5", 0x0002},
-    {kind::speed, "4.9", 0x0008},
-    {kind::speed, "9.8", 0x0020},
-    {kind::speed, "10.1", 0x0040},
-    {kind::speed, "10", 0x1000},
+    {kind::speed, "1.2", DOLM_RICRISPEED_1_2G},
+    {kind::speed, "2.5", DOLM_RICRISPEED_2_5G},
+    {kind::speed, "4.9", DOLM_RICRISPEED_4_9G},
+    {kind::speed, "9.8", DOLM_RICRISPEED_9_8G},
+    {kind::speed, "10.1", DOLM_RICRISPEED_10_1G},
+    {kind::speed, "10", DOLM_RICRISPEED_10G},
+    {kind::speed, "1", DOLM_RIC_SPEED_CODE(10)},
+    {kind::speed, "25", DOLM_RIC_SPEED_CODE(250)},
+    {kind::speed, "40", DOLM_RIC_SPEED_CODE(400)},
+    {kind::speed, "50", DOLM_RIC_SPEED_CODE(500)},
+    {kind::speed, "100", DOLM_RIC_SPEED_CODE(1000)},
+    {kind::speed, "200", DOLM_RIC_SPEED_CODE(2000)},
+    {kind::speed, "400", DOLM_RIC_SPEED_CODE(4000)},
+    {kind::speed, "800", DOLM_RIC_SPEED_CODE(8000)},
     {kind::connector, "unspec", DOLM_SFP_CONNECTOR_UNSPEC},
     {kind::connector, "lc", DOLM_SFP_CONNECTOR_LC},
     {kind::connector, "rj45", DOLM_SFP_CONNECTOR_RJ45},
@@ -79,12 +87,14 @@ static constexpr named_value named_values[] = {
     {kind::eth_speed, "unspec", DOLM_SFP_ETHSPEED_UNSPEC},
     {kind::eth_speed, "1000mb", DOLM_SFP_ETHSPEED_1000MB},
     {kind::eth_speed, "10gb", DOLM_SFP_ETHSPEED_10GB},
+    {kind::eth_speed, "25gb", DOLM_RIC_SPEED_CODE(250)},
+    {kind::eth_speed, "100gb", DOLM_RIC_SPEED_CODE(1000)},
 };
 
 namespace
 {
 
-/* Units, each with what one of it is in the unit of the record. */
+/* A unit and its size in the unit of the record. */
 struct unit {
     field_kind of;
     std::string_view name;
@@ -106,10 +116,8 @@ static constexpr field make_field(std::string_view name, field_kind of, bool in_
     return {name, of, in_module, static_cast<uint16_t>(offset), static_cast<uint16_t>(size), mask};
 }
 
-/* One row a value: its name, its kind, the member that holds it, and of a flag its bit in there,
-   else 0.
-   The rows need macros, since only the preprocessor can give one member to offsetof and to sizeof.
- */
+/* One row per field: its name, its kind, the member that holds it, and the bit of a flag, else 0.
+   Macros, as only the preprocessor can pass one member to offsetof and to sizeof. */
 #define PORT(name, of_kind, member, mask)                                                          \
     make_field(name, of_kind, false, offsetof(port_values, member), sizeof(port_values::member),   \
                mask)
@@ -117,8 +125,7 @@ static constexpr field make_field(std::string_view name, field_kind of, bool in_
     make_field(name, of_kind, true, offsetof(module_values, member),                               \
                sizeof(module_values{}.member), mask)
 
-/* Five rows: the library measures five things, each against four thresholds that are named after
-   it. */
+/* Five rows: a measurement and its four thresholds. */
 #define MEASUREMENT(name, of_kind)                                                                 \
     MODULE(#name, of_kind, diag.name, 0),                                                          \
         MODULE(#name "_low_warn", of_kind, diag.name##_low_warn, 0),                               \
@@ -164,8 +171,7 @@ constexpr field all_fields[] = {
 #undef MODULE
 #undef MEASUREMENT
 
-/* Modules are written down as the settings that make them from an empty cage. What several of them
-   have in common stands in pieces of its own. */
+/* The settings of each kind of module. Common ones are parts of their own. */
 static constexpr std::string_view sfp =
     "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX";
 static constexpr std::string_view measured =
@@ -205,12 +211,7 @@ static constexpr module_kind all_module_kinds[] = {
     throw board_error(text);
 }
 
-static std::string quoted(std::string_view text)
-{
-    return "'" + escape(text, false) + "'";
-}
-
-/* What there is to choose from, for errors. */
+/* The choices, for errors. */
 template <typename table>
 static std::string list_of_names(const table &entries)
 {
@@ -220,47 +221,7 @@ static std::string list_of_names(const table &entries)
     return names;
 }
 
-/* Undoes escape(). A lone backslash is refused, as it is more likely a slip than meant. */
-static std::string unescape(std::string_view text)
-{
-    std::string bytes;
-    for (size_t at = 0; at < text.size(); at++) {
-        if (text[at] != '\\') {
-            bytes += text[at];
-            continue;
-        }
-        const std::string_view rest = text.substr(at + 1);
-        unsigned value = 0;
-        if (rest.starts_with('\\')) {
-            bytes += '\\';
-            at += 1;
-        } else if (rest.size() >= 3 && rest[0] == 'x' &&
-                   std::from_chars(&rest[1], &rest[1] + 2, value, 16).ptr == &rest[1] + 2) {
-            bytes += static_cast<char>(value);
-            at += 3;
-        } else {
-            fail(quoted(text) + ": after a backslash comes xNN or another backslash");
-        }
-    }
-    return bytes;
-}
-
-/* A decimal or 0x number with an optional sign; nothing if the text is none. */
-static std::optional<int64_t> read_integer(std::string_view text)
-{
-    const bool negative = text.starts_with('-');
-    std::string_view digits = text.substr(negative ? 1 : 0);
-    const bool hex = digits.starts_with("0x");
-    digits.remove_prefix(hex ? 2 : 0);
-    uint64_t value = 0;
-    const auto [end, error] =
-        std::from_chars(digits.data(), digits.data() + digits.size(), value, hex ? 16 : 10);
-    if (error != std::errc() || end != digits.data() + digits.size() || value > INT64_MAX)
-        return std::nullopt;
-    return negative ? -static_cast<int64_t>(value) : static_cast<int64_t>(value);
-}
-
-/* "3.3V", "-2.4dBm" in the unit of the record. */
+/* Parses "3.3V" or "-2.4dBm" into the unit of the record. */
 static std::optional<double> read_measure(field_kind of, std::string_view text)
 {
     double value = 0;
@@ -268,7 +229,7 @@ static std::optional<double> read_measure(field_kind of, std::string_view text)
     if (error != std::errc())
         return std::nullopt;
     const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
-    /* The one unit that isn't a scale: decibels over a milliwatt. */
+    /* The one unit that is not linear: decibels relative to a milliwatt. */
     if (of == field_kind::power && name == "dBm")
         return std::pow(10.0, value / 10) * 1e3;
     for (const unit &known : units)
@@ -277,8 +238,8 @@ static std::optional<double> read_measure(field_kind of, std::string_view text)
     return std::nullopt;
 }
 
-/* For errors: whoever mistypes a value sees what would have been right. */
-static std::string what_it_takes(field_kind of)
+/* The values that a field of this kind takes, for errors. */
+static std::string values_of(field_kind of)
 {
     std::string words;
     for (const named_value &known : named_values)
@@ -292,28 +253,28 @@ static std::string what_it_takes(field_kind of)
     return words + "a whole number";
 }
 
-/* A word comes before a number, and a number without a unit before one with: the raw value. */
+/* Tries a word first, then a raw number, then one with a unit. */
 static uint32_t parse_value(const field &target, std::string_view text)
 {
     for (const named_value &known : named_values)
         if (known.of == target.kind && known.name == text)
             return known.value;
     std::optional<double> value;
-    if (const auto raw = read_integer(text))
+    if (const auto raw = parse_integer(text))
         value = static_cast<double>(*raw);
     else
         value = read_measure(target.kind, text);
     if (!value || !std::isfinite(*value))
         fail(std::string(target.name) + " can't be " + quoted(text) + ": it takes " +
-             what_it_takes(target.kind));
-    /* All values fit a double exactly, so that one check of the range does for all kinds. */
+             values_of(target.kind));
+    /* A double holds all values exactly, so that one range check serves all kinds. */
     const bool is_signed = target.kind == field_kind::temperature;
     const double lowest = is_signed ? INT32_MIN : 0;
     const double highest = target.kind == field_kind::flag ? 1
                            : target.size == 1              ? UINT8_MAX
                            : is_signed                     ? INT32_MAX
                                                            : UINT32_MAX;
-    /* A measure such as 3.3V hardly ever comes out as a whole number of its unit. */
+    /* A measure such as 3.3V is rarely an exact number of its unit. */
     const double rounded = std::round(*value);
     if (rounded < lowest || rounded > highest)
         fail(std::string(target.name) + " can't be " + quoted(text) + ": out of range");
@@ -328,58 +289,6 @@ static const field &parse_field(std::string_view name)
     return *found;
 }
 
-static uint32_t parse_port(std::string_view text, std::string_view list)
-{
-    const auto port = read_integer(text);
-    if (!port || *port < 0 || *port >= max_ports)
-        fail(quoted(list) + " is no list of ports: it looks like 0-3,7, and the highest is " +
-             std::to_string(max_ports - 1));
-    return static_cast<uint32_t>(*port);
-}
-
-/* The ports are counted on the way, so that a list which names a port many times over can't make a
-   board work on millions of them. */
-port_list parse_ports(std::string_view text)
-{
-    port_list ports;
-    uint32_t count = 0;
-    /* Up to the end and once more there: an empty part, such as that behind a last comma, is no
-     * port.
-     */
-    for (size_t at = 0; at <= text.size();) {
-        const std::string_view part = text.substr(at, text.find(',', at) - at);
-        const size_t dash = part.find('-');
-        const uint32_t first = parse_port(part.substr(0, dash), text);
-        const uint32_t last = dash == part.npos ? first : parse_port(part.substr(dash + 1), text);
-        if (last < first)
-            fail(quoted(text) + " is no list of ports: a range goes upwards");
-        count += last - first + 1;
-        if (count > max_ports)
-            fail("more ports are listed than a board can have");
-        ports.push_back({first, last});
-        at += part.size() + 1;
-    }
-    return ports;
-}
-
-std::string format_ports(const port_list &ports)
-{
-    std::string text;
-    for (const port_range &range : ports) {
-        text += (text.empty() ? "" : ",") + std::to_string(range.first);
-        if (range.last != range.first)
-            text += "-" + std::to_string(range.last);
-    }
-    return text;
-}
-
-bool contains(const port_list &ports, uint32_t port)
-{
-    return std::ranges::any_of(ports, [port](const port_range &range) {
-        return range.first <= port && port <= range.last;
-    });
-}
-
 std::string_view operation_name(operation op)
 {
     return op_names[static_cast<size_t>(op)];
@@ -390,7 +299,7 @@ std::span<const std::string_view> operation_names()
     return op_names;
 }
 
-/* "dolm_ric_ri_subslink", "ri_subslink" and "subslink" are one operation. */
+/* "dolm_ric_ri_subslink", "ri_subslink" and "subslink" are the same operation. */
 operation parse_operation(std::string_view text)
 {
     std::string_view name = text;
@@ -411,19 +320,11 @@ int32_t parse_code(std::string_view text)
     const auto *known = std::ranges::find(codes, text, &named_code::name);
     if (known != std::end(codes))
         return known->code;
-    const auto code = read_integer(text);
+    const auto code = parse_integer(text);
     if (!code || *code == 0 || *code < INT32_MIN || *code > INT32_MAX)
         fail(quoted(text) + " is no failure: it takes a number other than 0, or " +
              list_of_names(codes));
     return static_cast<int32_t>(*code);
-}
-
-uint64_t parse_number(std::string_view text, uint64_t highest)
-{
-    const auto number = read_integer(text);
-    if (!number || *number < 0 || static_cast<uint64_t>(*number) > highest)
-        fail(quoted(text) + " is no number from 0 to " + std::to_string(highest));
-    return static_cast<uint64_t>(*number);
 }
 
 std::span<const field> fields()
@@ -455,7 +356,7 @@ std::vector<setting> parse_settings(std::span<const std::string_view> words)
     return settings;
 }
 
-/* Values are copied, not pointed to: the records make no promise about alignment. */
+/* Copies bytes, as fields may be unaligned. */
 uint32_t read_number(const field &source, const void *values)
 {
     const auto *from = static_cast<const std::byte *>(values) + source.offset;
@@ -466,7 +367,7 @@ uint32_t read_number(const field &source, const void *values)
     return source.kind == field_kind::flag ? (number & source.mask) != 0 : number;
 }
 
-/* A text fills its field to the end with zeros; a flag leaves the bits beside it alone. */
+/* A text is padded with zeros; a flag keeps the other bits of its word. */
 void write_setting(const setting &value, void *values)
 {
     const field &target = *value.target;
@@ -488,8 +389,7 @@ void write_setting(const setting &value, void *values)
     std::memcpy(to, &number, sizeof(number));
 }
 
-/* The zeros behind a text are its padding; a speed is written as a code, as "10" would be a word.
- */
+/* Trailing zeros of a text are padding. A speed is written as a code, as "10" would be a word. */
 std::string read_field(const field &source, const void *values)
 {
     if (source.kind == field_kind::text) {
@@ -528,34 +428,6 @@ const module_kind &parse_module_kind(std::string_view name)
         fail("no module is called " + quoted(name) + ": there are " +
              list_of_names(all_module_kinds));
     return *found;
-}
-
-std::vector<std::string_view> split_words(std::string_view text)
-{
-    constexpr std::string_view blanks = " \t\r";
-    std::vector<std::string_view> words;
-    for (size_t at = text.find_first_not_of(blanks); at != text.npos;
-         at = text.find_first_not_of(blanks, at)) {
-        words.push_back(text.substr(at, text.find_first_of(blanks, at) - at));
-        at += words.back().size();
-    }
-    return words;
-}
-
-std::string escape(std::string_view bytes, bool spaces_too)
-{
-    constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const char byte : bytes) {
-        const auto value = static_cast<unsigned char>(byte);
-        if (byte == '\\')
-            text += "\\\\";
-        else if (value >= 0x7f || value < ' ' || (spaces_too && value == ' '))
-            text += {'\\', 'x', digits[value >> 4], digits[value & 15]};
-        else
-            text += byte;
-    }
-    return text;
 }
 
 } // namespace board

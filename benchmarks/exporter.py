@@ -1,0 +1,133 @@
+# SPDX-License-Identifier: Apache-2.0
+"""exporter - what tesk-exporter costs with 512 ports, beside node_exporter's textfile collector with
+the same series."""
+import http.client
+import pathlib
+import re
+import socket
+import subprocess
+import threading
+import time
+
+from lab import BIN, THEIRS, Tesk, tasks, wait_until
+
+PORTS = 512
+SHARED_FOR = 0.3  # seconds; the exporter gives a body that is younger to more than one scraper
+SYSTEMS = {"exporter": "tesk-exporter", "node_exporter": "node_exporter, textfile"}
+
+
+def free_address():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return f"127.0.0.1:{probe.getsockname()[1]}"
+
+
+def get(address, path):
+    connection = http.client.HTTPConnection(address, timeout=20)
+    connection.request("GET", path)
+    answer = connection.getresponse()
+    body = answer.read()
+    connection.close()
+    return answer.status, body
+
+
+def answers(address, path):
+    try:
+        return get(address, path)[0] == 200
+    except OSError:
+        return False
+
+
+def cpu_ms(pid):
+    return sum(int((task / "schedstat").read_text().split()[0]) for task in tasks(pid)) / 1e6
+
+
+def status_kib(pid, key):
+    text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(rf"{key}:\s+(\d+)", text)[1])
+
+
+def measure_exporter(bench):
+    lab = bench.lab
+    server = Tesk(lab, THEIRS, ports=PORTS)
+    address = {name: free_address() for name in SYSTEMS}
+    program = {"exporter": lab.run(
+        [BIN / "tesk-exporter", "--listen", address["exporter"], "--ports", f"0-{PORTS - 1}"],
+        THEIRS, server.env)}
+    wait_until(lambda: answers(address["exporter"], "/readyz"), "the exporter is ready")
+    idle_share(bench, program["exporter"].pid)
+    folder = lab.new_folder()
+    body = get(address["exporter"], "/metrics")[1].decode()
+    # node_exporter has the series of the process itself.
+    (folder / "tesk.prom").write_text(re.sub(r"^(# \w+ )?process_.*\n", "", body, flags=re.M))
+    program["node_exporter"] = lab.run(
+        ["prometheus-node-exporter", "--collector.disable-defaults", "--collector.textfile",
+         f"--collector.textfile.directory={folder}",
+         f"--web.listen-address={address['node_exporter']}"], THEIRS, stderr=subprocess.DEVNULL)
+    wait_until(lambda: answers(address["node_exporter"], "/metrics"), "node_exporter serves")
+    for number in range(3 * bench.rounds):
+        time.sleep(SHARED_FOR)
+        for name in list(SYSTEMS)[:: 1 if number % 2 else -1]:
+            scrape(bench, name, program[name].pid, address[name])
+    for name in SYSTEMS:
+        time.sleep(1)
+        bench.add("exporter memory", "resident memory, between scrapes", "KiB", name,
+                  status_kib(program[name].pid, "VmRSS"))
+        bench.add("exporter peak", "resident memory, at most", "KiB", name,
+                  status_kib(program[name].pid, "VmHWM"))
+    for _ in range(bench.rounds):
+        event(bench, server, address["exporter"])
+    lab.end_all()
+
+
+def scrape(bench, name, pid, address):
+    before, start = cpu_ms(pid), time.monotonic()
+    body = get(address, "/metrics")[1]
+    bench.add("exporter scrape", "a scrape: time", "ms", name, 1000 * (time.monotonic() - start))
+    bench.add("exporter cpu", "a scrape: processor time", "ms", name, cpu_ms(pid) - before)
+    bench.add("exporter series", "series", "", name,
+              sum(not line.startswith(b"#") for line in body.splitlines()))
+
+
+def idle_share(bench, pid):
+    """Two intervals of reads and nothing else."""
+    time.sleep(1)
+    before, start = cpu_ms(pid), time.monotonic()
+    time.sleep(30)
+    share = (cpu_ms(pid) - before) / (1000 * (time.monotonic() - start))
+    bench.add("exporter idle", "idle: share of a core", "%", "exporter", 100 * share)
+
+
+def event(bench, server, address):
+    """A module is pulled and put back; how much later than teskctl a reader of events has it."""
+    seen = {}
+
+    def read(name, lines):
+        for line in lines:
+            if b'"removed"' in line or b'"not present"' in line:
+                seen[name] = time.monotonic()
+                return
+
+    watch = subprocess.Popen([BIN / "teskctl", "--json", "watch", "--sfp", "7"],
+                             env=server.env, stdout=subprocess.PIPE)
+    stream = http.client.HTTPConnection(address, timeout=20)
+    stream.request("GET", "/events")
+    events = stream.getresponse()
+    while not events.readline().startswith(b"id: "):
+        pass
+    watch.stdout.readline()
+    readers = [threading.Thread(target=read, args=each)
+               for each in (("teskctl", watch.stdout), ("events", iter(events.readline, b"")))]
+    for reader in readers:
+        reader.start()
+    subprocess.run([BIN / "teskboard", "remove", "7"], env=server.env, check=True,
+                   stdout=subprocess.DEVNULL)
+    for reader in readers:
+        reader.join(20)
+    watch.kill()
+    watch.wait()
+    stream.close()
+    subprocess.run([BIN / "teskboard", "insert", "7", "link=up"],
+                   env=server.env, check=True, stdout=subprocess.DEVNULL)
+    bench.add("exporter event", "a change in /events later than in teskctl's line", "ms",
+              "exporter", 1000 * (seen["events"] - seen["teskctl"]))

@@ -1,0 +1,124 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Long lists are written element by element: as one object they would take many times their text.
+ */
+#include "tesk_exporter/api.h"
+
+#include "teskctl/text.h"
+
+#include <cmath>
+
+namespace exporter
+{
+
+template <typename record_type>
+static json_object object_or_null(const std::optional<record_type> &record)
+{
+    return record ? to_json(*record) : json_object(nullptr);
+}
+
+static json_object age_or_null(bool has, steady_time since, steady_time now)
+{
+    if (!has)
+        return nullptr;
+    return std::round(std::chrono::duration<double>(now - since).count() * 10) / 10;
+}
+
+static json_object port_to_json(const port_state &port, steady_time now)
+{
+    return {
+        {"port", port.number},
+        {"interface", port.interface.empty() ? json_object(nullptr) : json_object(port.interface)},
+        {"sfp", object_or_null(port.info)},
+        {"status", object_or_null(port.status)},
+        {"pm", object_or_null(port.reading)},
+        {"reading_age_s", age_or_null(port.reading.has_value(), port.read_at, now)},
+        {"grade_age_s", age_or_null(port.status.has_value(), port.graded_at, now)},
+        {"link_changes", port.link_changes},
+        {"last_change",
+         port.changed_us == 0 ? json_object(nullptr) : json_object(iso_time(port.changed_us))}};
+}
+
+/* An object whose last key is a list that is still open. */
+static std::string open_list(const json_object &head, const char *key)
+{
+    std::string text = head.dump();
+    text.pop_back();
+    return text + ",\"" + key + "\":[";
+}
+
+std::string ports_json(const model &board, std::chrono::milliseconds interval, const moment &now)
+{
+    std::string text = open_list({{"time", iso_time(now.wall_us)},
+                                  {"version", TESK_VERSION},
+                                  {"up", board.is_up()},
+                                  {"trouble", board.trouble()},
+                                  {"interval_s", std::chrono::duration<double>(interval).count()}},
+                                 "ports");
+    const char *separator = "";
+    for (const auto &[number, port] : board.ports()) {
+        text.append(separator).append(port_to_json(port, now.steady).dump());
+        separator = ",";
+    }
+    return text + "]}\n";
+}
+
+static std::string stored_text(plotted value, int16_t stored)
+{
+    return json_object(plots::in_unit(value, stored)).dump();
+}
+
+static std::string hour_point(const plots::slot &slot, plotted value)
+{
+    return slot[value] == plots::absent ? "null" : stored_text(value, slot[value]);
+}
+
+static std::string day_point(const plots::range &range, plotted value)
+{
+    if (range.least[value] == plots::absent)
+        return "null";
+    return "[" + stored_text(value, range.least[value]) + "," +
+           stored_text(value, range.greatest[value]) + "]";
+}
+
+std::string plot_json(const port_state &port, bool is_day, const moment &now)
+{
+    static constexpr const char *keys[] = {"tx_power_dbm", "rx_power_dbm", "temperature_c",
+                                           "voltage_v", "tx_bias_ma"};
+    const auto since_start = now.steady.time_since_epoch();
+    const auto now_s = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
+    const size_t slots = is_day ? plots::day_slots : plots::hour_slots;
+    std::string text = json_object{{"port", port.number},
+                                   {"range", is_day ? "day" : "hour"},
+                                   {"step_s", is_day ? plots::day_step_s : plots::hour_step_s},
+                                   {"end", now.wall_us / 1'000'000}}
+                           .dump();
+    text.pop_back();
+    for (size_t i = 0; i < plotted_values; i++) {
+        const auto value = static_cast<plotted>(i);
+        text.append(",\"").append(keys[i]).append("\":[");
+        for (size_t age = slots; age-- > 0;) {
+            text += is_day ? day_point(port.values.day(now_s, age), value)
+                           : hour_point(port.values.hour(now_s, age), value);
+            text += age > 0 ? "," : "]";
+        }
+    }
+    return text + "}\n";
+}
+
+std::string events_json(const event_ring &events, uint32_t port_no)
+{
+    json_object head;
+    head["port"] = port_no;
+    std::string text = open_list(head, "events");
+    const char *separator = "";
+    for (uint64_t number = events.first(); number < events.next(); number++) {
+        if (port_of(events.at(number)) != port_no)
+            continue;
+        text.append(separator).append(to_json_line(events.at(number)));
+        separator = ",";
+    }
+    return text + "]}\n";
+}
+
+} // namespace exporter

@@ -1,0 +1,55 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* api - what the page asks for, as JSON. Objects of ports have teskctl --json's keys. No state.
+
+   GET /api/ports
+     {"time": "2026-03-01T14:02:11.123456+01:00",   now
+      "version": "1.0.0",
+      "up": true,                    tesk-server is connected and answers in time
+      "trouble": "",                 what is wrong with it; while it is away the ports are as they
+   were last "interval_s": 15,              between two reads of the measured values "ports": [ in
+   ascending order
+        {"port": 3,
+         "interface": "eth3",        null where no name is known
+         "sfp": {..} or null,        teskctl's object "sfp", without "time"
+         "status": {..} or null,     teskctl's object "status": link, levels (the grades)
+         "pm": {..} or null,         teskctl's object "pm": the measured values
+         "reading_age_s": 3.2,       age of pm; null without it
+         "grade_age_s": 120.5,       age of the levels in status; null without it
+         "link_changes": 4,          seen since the exporter runs
+         "last_change": "2026-.."}   null where nothing has changed since
+      ]}
+
+   GET /api/plot?port=3&range=hour   and range=day
+     {"port": 3, "range": "hour", "step_s": 15, "end": 1772370131, the last point, seconds since
+   1970 "tx_power_dbm": [..], "rx_power_dbm": [..], "temperature_c": [..], "voltage_v": [..],
+   "tx_bias_ma": [..]} 240 points of an hour, oldest first, null where nothing was read or no light
+   was there. Of a day 288 points of 300 s, and each of them is a pair [least, greatest] or null.
+
+   GET /api/events?port=3
+     {"port": 3, "events": [..]}: what the ring still has of this port, oldest first; each is the
+     object that /events sends.
+
+   GET /events (see event_stream.h) sends one object a message, in the message's data, with ids:
+     {"time", "event": "sfp" | "status", .. teskctl's keys .., "change": ..}
+        change of sfp: "initial", "inserted", "removed", "replaced"
+        change of status: "initial", "up", "down", "stopped", "grades" (the link is as before)
+     {"time", "event": "lost"}       tesk-server went away
+     {"time", "event": "restored"}   and is back; initial states of its ports follow
+     {"time", "event": "missed"}     events are missing here; initial states of all ports follow
+
+   Errors are text: 400 for a wrong argument, 404 for a port that isn't there. */
+#pragma once
+
+#include "tesk_exporter/model.h"
+
+#include <optional>
+#include <string>
+
+namespace exporter
+{
+
+std::string ports_json(const model &board, std::chrono::milliseconds interval, const moment &now);
+std::string plot_json(const port_state &port, bool is_day, const moment &now);
+std::string events_json(const event_ring &events, uint32_t port_no);
+
+} // namespace exporter

@@ -1,0 +1,74 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The HTTP library owns the sockets and has no call that ends a connection. Shutting a socket down
+   makes the library find its end at the next look. */
+#include "tesk_exporter/connections.h"
+
+#include <algorithm>
+#include <sys/socket.h>
+
+namespace exporter
+{
+
+void connection_table::end(connection &peer)
+{
+    peer.is_ended = true;
+    ended_++;
+    shutdown(peer.fd, SHUT_RDWR);
+}
+
+void connection_table::end_oldest_idle()
+{
+    connection *oldest = nullptr;
+    for (connection &open : connections_)
+        if (open.held == place::none && !open.is_ended &&
+            (oldest == nullptr || open.since < oldest->since))
+            oldest = &open;
+    if (oldest != nullptr)
+        end(*oldest);
+}
+
+connection *connection_table::add(int fd, steady_time now)
+{
+    connections_.push_back({fd, now});
+    if (connections_.size() > crowded_connections)
+        end_oldest_idle();
+    return &connections_.back();
+}
+
+void connection_table::remove(const connection *removed)
+{
+    const auto found = std::ranges::find(connections_, removed, [](auto &one) { return &one; });
+    if (found == connections_.end())
+        return;
+    leave_place(*found, found->since);
+    connections_.erase(found);
+}
+
+bool connection_table::take_place(connection &peer, place kind, steady_time now)
+{
+    const auto index = static_cast<size_t>(kind);
+    peer.since = now;
+    if (taken_[index] >= places[index])
+        return false;
+    taken_[index]++;
+    peer.held = kind;
+    return true;
+}
+
+void connection_table::leave_place(connection &peer, steady_time now)
+{
+    if (peer.held != place::none)
+        taken_[static_cast<size_t>(peer.held)]--;
+    peer.held = place::none;
+    peer.is_waiting = false;
+    peer.since = now;
+}
+
+void connection_table::end_overdue(steady_time now)
+{
+    for (connection &open : connections_)
+        if (!open.is_ended && !open.is_waiting && now - open.since >= patience)
+            end(open);
+}
+
+} // namespace exporter

@@ -1,0 +1,77 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tesk_exporter/event_ring.h"
+
+#include "teskctl/text.h"
+
+#include <charconv>
+
+namespace exporter
+{
+
+const char *change_text(change kind)
+{
+    /* In the order of the enumeration. */
+    static constexpr const char *texts[] = {"initial", "inserted", "removed", "replaced",
+                                            "up",      "down",     "stopped", "grades"};
+    return texts[static_cast<size_t>(kind)];
+}
+
+std::optional<uint32_t> port_of(const event &happened)
+{
+    if (const auto *info = std::get_if<tesk_client_sfp_info>(&happened.record))
+        return info->port_no;
+    if (const auto *status = std::get_if<tesk_client_port_status>(&happened.record))
+        return status->port_no;
+    return std::nullopt;
+}
+
+static json_object record_to_json(const event &happened)
+{
+    if (const auto *info = std::get_if<tesk_client_sfp_info>(&happened.record))
+        return to_json(*info);
+    if (const auto *status = std::get_if<tesk_client_port_status>(&happened.record))
+        return to_json(*status);
+    const bool connected = std::get<server_change>(happened.record).connected;
+    return {{"event", connected ? "restored" : "lost"}};
+}
+
+std::string to_json_line(const event &happened)
+{
+    json_object line = {{"time", iso_time(happened.time_us)}};
+    line.update(record_to_json(happened));
+    if (port_of(happened))
+        line["change"] = change_text(happened.kind);
+    return line.dump();
+}
+
+void event_ring::add(event added)
+{
+    added.number = next_;
+    if (events_.size() < capacity_)
+        events_.push_back(std::move(added));
+    else
+        events_[(next_ - 1) % capacity_] = std::move(added);
+    next_++;
+}
+
+std::string event_ring::id(uint64_t number) const
+{
+    return epoch_ + "-" + std::to_string(number);
+}
+
+std::optional<uint64_t> event_ring::after(std::string_view id) const
+{
+    if (id.size() <= epoch_.size() + 1 || !id.starts_with(epoch_) || id[epoch_.size()] != '-')
+        return std::nullopt;
+    id.remove_prefix(epoch_.size() + 1);
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), number);
+    if (error != std::errc{} || end != id.data() + id.size())
+        return std::nullopt;
+    /* The event itself may be gone, as long as the ones behind it are there. */
+    if (number >= next_ || number + 1 < first())
+        return std::nullopt;
+    return number + 1;
+}
+
+} // namespace exporter

@@ -1,0 +1,91 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* event_ring - the last changes, numbered, for readers that come back and ask what they missed.
+   Fixed memory. Main thread only. */
+#pragma once
+
+#include "tesk_client/tesk_client.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace exporter
+{
+
+/* What an event says about its record. */
+enum class change {
+    initial,  /* found there after a connection: nobody knows since when */
+    inserted, /* a module */
+    removed,
+    replaced, /* another module, or the same one read again with other texts */
+    up,       /* a link */
+    down,
+    stopped,
+    grades, /* grades or the environment; the link is as before */
+};
+
+const char *change_text(change kind);
+
+/* The server went away, or is back. */
+struct server_change {
+    bool connected;
+};
+
+struct event {
+    uint64_t number;
+    uint64_t time_us; /* wall clock, since 1970 */
+    change kind;      /* for the first two records */
+    std::variant<tesk_client_sfp_info, tesk_client_port_status, server_change> record;
+    std::string interface;
+};
+
+/* The port of an event; nothing where it is the server's. */
+std::optional<uint32_t> port_of(const event &happened);
+
+/* A line as teskctl --json writes it, with the key "change" at its end where there is a port. */
+std::string to_json_line(const event &happened);
+
+class event_ring
+{
+  public:
+    /* The epoch tells the numbers of this process from those of another. */
+    event_ring(size_t capacity, std::string epoch) : capacity_(capacity), epoch_(std::move(epoch))
+    {
+    }
+
+    /* Numbers the event and keeps it; the oldest one may have to go. */
+    void add(event added);
+
+    /* The oldest number that is kept, and the number of the next event to come. They are equal in
+       an empty ring. */
+    uint64_t first() const
+    {
+        return next_ - events_.size();
+    }
+    uint64_t next() const
+    {
+        return next_;
+    }
+    /* `number` is from first() on and before next(). */
+    const event &at(uint64_t number) const
+    {
+        return events_[(number - 1) % capacity_];
+    }
+
+    /* "EPOCH-NUMBER", the id of an event. */
+    std::string id(uint64_t number) const;
+    /* The number after the event that an id names, from which a reader goes on. Nothing where the
+       id is of another epoch, is none, or its successors are not kept any more. */
+    std::optional<uint64_t> after(std::string_view id) const;
+
+  private:
+    const size_t capacity_;
+    const std::string epoch_;
+    std::vector<event> events_; /* at (number - 1) % capacity_ */
+    uint64_t next_ = 1;         /* so that 0 stands for "before the first" */
+};
+
+} // namespace exporter

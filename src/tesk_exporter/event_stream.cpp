@@ -1,0 +1,96 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The present state bears no ids, but for one behind it: a reader whose connection ends before that
+   has no id of it, and gets the whole state again. */
+#include "tesk_exporter/event_stream.h"
+
+#include "teskctl/text.h"
+
+#include <cstring>
+
+namespace exporter
+{
+
+/* Browsers come back after 3 seconds unless they are told. */
+static constexpr char preface[] = "retry: 2000\n\n";
+
+static std::string data(const std::string &line)
+{
+    return "data: " + line + "\n\n";
+}
+
+event_stream::event_stream(const event_ring &events, const model &board, std::string_view last_id)
+    : events_(events), model_(board), text_(preface)
+{
+    if (const auto next = events.after(last_id)) {
+        next_ = *next;
+        return;
+    }
+    begin_state();
+    if (!last_id.empty())
+        text_ += data(json_object{{"time", iso_time(now_us())}, {"event", "missed"}}.dump());
+}
+
+/* Events that come while the state is being written follow it. */
+void event_stream::begin_state()
+{
+    next_ = events_.next();
+    at_port_ = 0;
+}
+
+std::string event_stream::event_text(const event &happened) const
+{
+    return "id: " + events_.id(happened.number) + "\n" + data(to_json_line(happened));
+}
+
+std::string event_stream::next_of_state()
+{
+    const auto port = model_.ports().lower_bound(*at_port_);
+    std::string text;
+    if (*at_port_ == 0 && !model_.is_connected())
+        text = data(to_json_line({0, now_us(), change::initial, server_change{false}, ""}));
+    if (port == model_.ports().end()) {
+        at_port_.reset();
+        return text + "id: " + events_.id(next_ - 1) + "\n\n";
+    }
+    const port_state &state = port->second;
+    at_port_ = state.number + 1;
+    if (state.info)
+        text += data(to_json_line({0, now_us(), change::initial, *state.info, ""}));
+    if (state.status)
+        text += data(to_json_line({0, now_us(), change::initial, *state.status, ""}));
+    return text;
+}
+
+std::string event_stream::next_text()
+{
+    while (at_port_)
+        if (std::string text = next_of_state(); !text.empty())
+            return text;
+    if (next_ < events_.first()) {
+        begin_state();
+        return data(json_object{{"time", iso_time(now_us())}, {"event", "missed"}}.dump());
+    }
+    if (next_ < events_.next())
+        return event_text(events_.at(next_++));
+    return std::exchange(needs_comment_, false) ? ":\n\n" : "";
+}
+
+size_t event_stream::read(char *buffer, size_t size)
+{
+    size_t used = 0;
+    while (used < size) {
+        if (written_ == text_.size()) {
+            text_ = next_text();
+            written_ = 0;
+            if (text_.empty())
+                break;
+        }
+        const size_t part = std::min(size - used, text_.size() - written_);
+        std::memcpy(buffer + used, text_.data() + written_, part);
+        used += part;
+        written_ += part;
+    }
+    return used;
+}
+
+} // namespace exporter

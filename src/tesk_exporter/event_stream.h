@@ -1,0 +1,49 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* event_stream - the text of one reader's server-sent events. Main thread only.
+
+   A reader that comes for the first time gets the present state of all ports as "initial", then
+   each event as it comes. One that comes back with the id of its last event gets those behind it;
+   where they aren't kept any more, or the id is of another process, it gets an object with the
+   event "missed" and the present state. A reader that is too slow for the ring is treated in the
+   same way, so that it costs no memory. */
+#pragma once
+
+#include "tesk_exporter/model.h"
+
+#include <optional>
+#include <string>
+
+namespace exporter
+{
+
+class event_stream
+{
+  public:
+    /* `last_id` is what the reader says that it had last; empty the first time. */
+    event_stream(const event_ring &events, const model &board, std::string_view last_id);
+
+    /* Writes what there is, up to `size` bytes. 0: nothing, until something happens. */
+    size_t read(char *buffer, size_t size);
+    /* Lets the next read write at least a comment, which shows whether the reader is still there.
+     */
+    void request_comment()
+    {
+        needs_comment_ = true;
+    }
+
+  private:
+    std::string next_text();
+    std::string next_of_state();
+    std::string event_text(const event &happened) const;
+    void begin_state();
+
+    const event_ring &events_;
+    const model &model_;
+    uint64_t next_ = 0;               /* the number of the next event to write */
+    std::optional<uint32_t> at_port_; /* the next port of the state to write; nothing: none */
+    std::string text_;                /* begun; written up to written_ */
+    size_t written_ = 0;
+    bool needs_comment_ = false;
+};
+
+} // namespace exporter

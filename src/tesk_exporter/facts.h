@@ -1,0 +1,98 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* facts - the reports of the threads that talk to the server, and the queue that carries them to
+   the main thread. Nothing but facts crosses the threads, so no other module needs a lock. */
+#pragma once
+
+#include "tesk_client/tesk_client.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace exporter
+{
+
+using steady_clock = std::chrono::steady_clock;
+using steady_time = steady_clock::time_point;
+
+/* The ports that are followed from now on, in ascending order. Ports that are missing are gone. */
+struct ports_fact {
+    struct port {
+        uint32_t number;
+        std::string interface; /* escaped; empty where the port map has no name */
+    };
+    std::vector<port> ports;
+};
+
+/* The connection came up or was lost. */
+struct connection_fact {
+    bool connected;
+    std::string text; /* why it isn't; empty where it is */
+};
+
+/* Measured values. */
+struct reading_fact {
+    tesk_client_pm pm;
+};
+
+/* The grades of a port, taken again by the refresher. */
+struct grades_fact {
+    uint32_t port_no;
+    bool succeeded;
+    tesk_client_port_status status; /* where it succeeded */
+};
+
+/* A request was answered, or was not. */
+struct request_fact {
+    tesk_client_result result;
+    std::chrono::nanoseconds latency;
+};
+
+/* A port turned out not to exist. */
+struct gone_fact {
+    uint32_t port_no;
+};
+
+/* The measured values of all ports have been asked for once. */
+struct round_fact {
+};
+
+using fact =
+    std::variant<ports_fact, connection_fact, tesk_client_sfp_info, tesk_client_port_status,
+                 reading_fact, grades_fact, request_fact, gone_fact, round_fact>;
+
+/* A bounded queue. The descriptor is readable while it holds something. */
+class fact_queue
+{
+  public:
+    fact_queue(); /* throws std::system_error */
+    ~fact_queue();
+    fact_queue(const fact_queue &) = delete;
+    fact_queue &operator=(const fact_queue &) = delete;
+
+    /* Any thread. Waits while the queue is full; once it is closed, does nothing. */
+    void post(fact reported);
+    /* The main thread. Takes all that is there, in the order of arrival. */
+    std::vector<fact> take();
+    /* Releases those who wait, so that their threads can end. */
+    void close();
+    int fd() const
+    {
+        return fd_;
+    }
+
+  private:
+    static constexpr size_t capacity = 8192;
+
+    const int fd_;
+    std::mutex mutex_;
+    std::condition_variable taken_;
+    std::vector<fact> facts_;
+    bool closed_ = false;
+};
+
+} // namespace exporter

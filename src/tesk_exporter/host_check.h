@@ -1,0 +1,21 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* host_check - whether a request was meant for us. A page of somebody else whose name is made to
+   lead to this machine sends that name in the Host header: refusing it keeps such pages from
+   reading what only local users may see. No state. */
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <vector>
+
+namespace exporter
+{
+
+/* Whether `host`, the header's value, is the address and port at which the connection arrived,
+   "localhost" where that is a loopback address or a local socket, or one of `names`, with any port.
+ */
+bool is_host_allowed(std::string_view host, const sockaddr_storage &local,
+                     const std::vector<std::string> &names);
+
+} // namespace exporter

@@ -1,0 +1,468 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The HTTP library works without threads of its own: it has one epoll descriptor, and looks at its
+   sockets when run() is called. A stream that has been given all events is suspended; an event, or
+   the comment that shows whether its reader is still there, resumes it.
+
+   While a connection is suspended the library doesn't notice its end, so end_gone_readers() does.
+
+   Rendering takes the most time, so that its results are shared for a short while: a thousand
+   scrapes a second cost a few renderings. A body lives for as long as its slowest reader; while as
+   many as `most_bodies` live, the newest one is given again, however old it is. */
+#include "tesk_exporter/http.h"
+
+#include "tesk_exporter/host_check.h"
+#include "tesk_exporter/listener.h"
+#include "teskctl/text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/socket.h>
+
+namespace exporter
+{
+
+static constexpr size_t connection_memory = 16384; /* of the library for one, headers included */
+static constexpr size_t stream_block = 4096;
+static constexpr std::chrono::milliseconds shared_for{250};
+static constexpr std::chrono::seconds look_pause{5};
+static constexpr size_t most_bodies = 8;
+
+/* How many shared bodies live. The library releases the last of them from inside its calls. */
+static size_t live_bodies;
+
+static constexpr std::pair<const char *, const char *> headers_of_all[] = {
+    {"Content-Security-Policy",
+     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
+     "font-src 'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; "
+     "frame-ancestors 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+    {"Cross-Origin-Opener-Policy", "same-origin"},
+    {"Cache-Control", "no-cache"},
+};
+
+struct http_server::route {
+    std::string_view path;
+    place kind;
+    handler handle;
+};
+
+static void add_header(MHD_Response *response, const char *name, const char *value)
+{
+    MHD_add_response_header(response, name, value);
+}
+
+static MHD_Response *copy_of(const std::string &text, const char *type)
+{
+    MHD_Response *response = MHD_create_response_from_buffer(
+        text.size(), const_cast<char *>(text.data()), MHD_RESPMEM_MUST_COPY);
+    if (response != nullptr)
+        add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
+    return response;
+}
+
+http_server::http_server(const settings &given, const model &board, const event_ring &events,
+                         exporter_figures &figures)
+    : settings_(given), model_(board), events_(events), figures_(figures), files_(given.web)
+{
+    const int listener = open_listener(given.listen);
+    daemon_ = MHD_start_daemon(
+        MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &handle, this,
+        MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT, most_connections,
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_memory, MHD_OPTION_STRICT_FOR_CLIENT, 1,
+        MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_NOTIFY_COMPLETED, &completed, this,
+        MHD_OPTION_NOTIFY_CONNECTION, &connected, this, MHD_OPTION_END);
+    if (daemon_ == nullptr)
+        throw std::runtime_error("the HTTP library doesn't start: too many open files?");
+}
+
+/* Suspended connections must be resumed before the library can end them. */
+http_server::~http_server()
+{
+    for (event_reader *reader : readers_)
+        reader->is_gone = true;
+    continue_streams();
+    MHD_run(daemon_);
+    MHD_stop_daemon(daemon_);
+    for (const shared_body &body : bodies_)
+        if (body.response != nullptr)
+            MHD_destroy_response(body.response);
+    remove_listener(settings_.listen);
+}
+
+int http_server::fd() const
+{
+    return MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+}
+
+std::optional<steady_time> http_server::next_run() const
+{
+    MHD_UNSIGNED_LONG_LONG timeout = 0;
+    if (MHD_get_timeout(daemon_, &timeout) == MHD_YES)
+        return steady_clock::now() + std::chrono::milliseconds(timeout);
+    const bool has_bodies =
+        std::ranges::any_of(bodies_, [](const auto &body) { return body.response != nullptr; });
+    if (has_bodies)
+        return steady_clock::now() + shared_for;
+    return connections_.size() > 0 ? std::optional(next_look_) : std::nullopt;
+}
+
+void http_server::run()
+{
+    const steady_time now = steady_clock::now();
+    if (now >= next_look_) {
+        next_look_ = now + look_pause;
+        connections_.end_overdue(now);
+        look_at_readers();
+    }
+    MHD_run(daemon_);
+    drop_old_bodies(now);
+    figures_.connections = connections_.size();
+    figures_.streams = readers_.size();
+    figures_.ended_connections = connections_.ended();
+}
+
+void http_server::drop_old_bodies(steady_time now)
+{
+    for (shared_body &body : bodies_)
+        if (body.response != nullptr && now - body.made >= shared_for && live_bodies < most_bodies)
+            MHD_destroy_response(std::exchange(body.response, nullptr));
+}
+
+void http_server::resume(event_reader &reader)
+{
+    if (!std::exchange(reader.from->is_waiting, false))
+        return;
+    reader.from->since = steady_clock::now();
+    MHD_resume_connection(reader.http);
+}
+
+void http_server::continue_streams()
+{
+    for (event_reader *reader : readers_)
+        resume(*reader);
+}
+
+/* Those who have closed their side. */
+void http_server::end_gone_readers()
+{
+    for (event_reader *reader : readers_) {
+        pollfd polled{reader->from->fd, POLLRDHUP, 0};
+        if (poll(&polled, 1, 0) > 0) {
+            reader->is_gone = true;
+            resume(*reader);
+        }
+    }
+}
+
+/* The others are written a comment: it shows whether their machine is still there. */
+void http_server::look_at_readers()
+{
+    end_gone_readers();
+    for (event_reader *reader : readers_)
+        reader->events.request_comment();
+    continue_streams();
+}
+
+void http_server::connected(void *server, MHD_Connection *http, void **context,
+                            MHD_ConnectionNotificationCode code)
+{
+    auto *self = static_cast<http_server *>(server);
+    if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
+        self->connections_.remove(static_cast<connection *>(*context));
+        return;
+    }
+    const int fd = MHD_get_connection_info(http, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    *context = self->connections_.add(fd, steady_clock::now());
+}
+
+static connection *connection_of(MHD_Connection *http)
+{
+    const auto *info = MHD_get_connection_info(http, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return static_cast<connection *>(info->socket_context);
+}
+
+void http_server::completed(void *server, MHD_Connection *http, void **, MHD_RequestTerminationCode)
+{
+    auto *self = static_cast<http_server *>(server);
+    self->connections_.leave_place(*connection_of(http), steady_clock::now());
+}
+
+/* The library calls this once with the headers, then for each part of a body, which nobody wants,
+   and once with nothing more: then the request is answered. Other methods than ours are refused at
+   once, before their body comes. */
+MHD_Result http_server::handle(void *server, MHD_Connection *http, const char *url,
+                               const char *method, const char *, const char *, size_t *upload_size,
+                               void **state)
+try {
+    auto *self = static_cast<http_server *>(server);
+    const bool is_read = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0 ||
+                         std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
+    if (*state == nullptr && is_read) {
+        *state = self;
+        return MHD_YES;
+    }
+    if (*upload_size > 0) {
+        *upload_size = 0;
+        return MHD_YES;
+    }
+    const http_request request{http, *connection_of(http), {steady_clock::now(), now_us()}};
+    return self->answer(request, is_read ? method : nullptr, url);
+} catch (const std::bad_alloc &) {
+    return MHD_NO; /* ends the connection */
+}
+
+static std::optional<std::string> only_host(MHD_Connection *http)
+{
+    std::vector<std::string> hosts;
+    const auto each = [](void *found, MHD_ValueKind, const char *name, const char *value) {
+        if (strcasecmp(name, MHD_HTTP_HEADER_HOST) == 0)
+            static_cast<std::vector<std::string> *>(found)->emplace_back(value ? value : "");
+        return MHD_YES;
+    };
+    MHD_get_connection_values(http, MHD_HEADER_KIND, each, &hosts);
+    return hosts.size() == 1 ? std::optional(hosts.front()) : std::nullopt;
+}
+
+bool http_server::is_meant_for_us(const http_request &request) const
+{
+    sockaddr_storage local{};
+    socklen_t size = sizeof(local);
+    const auto host = only_host(request.http);
+    return host && getsockname(request.from.fd, reinterpret_cast<sockaddr *>(&local), &size) == 0 &&
+           is_host_allowed(*host, local, settings_.hosts);
+}
+
+/* Takes over the response. */
+MHD_Result http_server::send(const http_request &request, unsigned status, MHD_Response *response)
+{
+    if (response == nullptr)
+        return MHD_NO;
+    figures_.responses[status]++;
+    const MHD_Result result = MHD_queue_response(request.http, status, response);
+    MHD_destroy_response(response);
+    return result;
+}
+
+static MHD_Response *with_common_headers(MHD_Response *response)
+{
+    for (const auto &[name, value] : headers_of_all)
+        if (response != nullptr)
+            add_header(response, name, value);
+    return response;
+}
+
+MHD_Result http_server::send_text(const http_request &request, unsigned status,
+                                  const std::string &text)
+{
+    MHD_Response *response = with_common_headers(copy_of(text + "\n", "text/plain; charset=utf-8"));
+    if (response != nullptr && status == MHD_HTTP_METHOD_NOT_ALLOWED)
+        add_header(response, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    if (response != nullptr && status == MHD_HTTP_SERVICE_UNAVAILABLE)
+        add_header(response, MHD_HTTP_HEADER_RETRY_AFTER, "2");
+    return send(request, status, response);
+}
+
+MHD_Result http_server::send_json(const http_request &request, const std::string &text)
+{
+    return send(request, MHD_HTTP_OK, with_common_headers(copy_of(text, "application/json")));
+}
+
+static MHD_Response *shared_response(std::string text, const char *type)
+{
+    auto body = std::make_unique<std::string>(std::move(text));
+    MHD_Response *response = MHD_create_response_from_buffer_with_free_callback_cls(
+        body->size(), body->data(),
+        [](void *owned) {
+            delete static_cast<std::string *>(owned);
+            live_bodies--;
+        },
+        body.get());
+    if (response == nullptr)
+        return nullptr;
+    static_cast<void>(body.release()); /* the response has it now */
+    live_bodies++;
+    add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
+    return with_common_headers(response);
+}
+
+template <typename make_type>
+MHD_Result http_server::send_shared(const http_request &request, shared_body &body,
+                                    const char *type, make_type make)
+{
+    const bool is_old = request.now.steady - body.made >= shared_for && live_bodies < most_bodies;
+    if (body.response == nullptr || is_old) {
+        MHD_Response *made = shared_response(make(), type);
+        if (made == nullptr)
+            return MHD_NO;
+        if (body.response != nullptr)
+            MHD_destroy_response(body.response);
+        body = {made, request.now.steady};
+    }
+    figures_.responses[MHD_HTTP_OK]++;
+    return MHD_queue_response(request.http, MHD_HTTP_OK, body.response);
+}
+
+MHD_Result http_server::send_metrics(const http_request &request)
+{
+    const char *accept =
+        MHD_lookup_connection_value(request.http, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT);
+    const text_format format = choose_format(accept == nullptr ? "" : accept);
+    return send_shared(request, bodies_[static_cast<size_t>(format)], content_type(format), [&] {
+        figures_.events = events_.next() - 1;
+        return render_metrics(model_, figures_, format, request.now.steady);
+    });
+}
+
+MHD_Result http_server::send_ports(const http_request &request)
+{
+    return send_shared(request, bodies_[2], "application/json",
+                       [&] { return ports_json(model_, settings_.interval, request.now); });
+}
+
+/* The port that the argument names; null with the status for the refusal. */
+const port_state *http_server::port_of(const http_request &request, unsigned &status) const
+{
+    const char *text = MHD_lookup_connection_value(request.http, MHD_GET_ARGUMENT_KIND, "port");
+    const std::string_view digits = text == nullptr ? "" : text;
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    status = MHD_HTTP_BAD_REQUEST;
+    if (error != std::errc{} || end != digits.data() + digits.size())
+        return nullptr;
+    status = MHD_HTTP_NOT_FOUND;
+    const auto found = model_.ports().find(number);
+    return found == model_.ports().end() ? nullptr : &found->second;
+}
+
+static const char *port_fault(unsigned status)
+{
+    return status == MHD_HTTP_NOT_FOUND ? "there is no such port" : "name a port: ?port=NUMBER";
+}
+
+MHD_Result http_server::send_plot(const http_request &request)
+{
+    unsigned status = 0;
+    const port_state *port = port_of(request, status);
+    if (port == nullptr)
+        return send_text(request, status, port_fault(status));
+    const char *range = MHD_lookup_connection_value(request.http, MHD_GET_ARGUMENT_KIND, "range");
+    const std::string_view wanted = range == nullptr ? "hour" : range;
+    if (wanted != "hour" && wanted != "day")
+        return send_text(request, MHD_HTTP_BAD_REQUEST, "range is hour or day");
+    return send_json(request, plot_json(*port, wanted == "day", request.now));
+}
+
+MHD_Result http_server::send_events(const http_request &request)
+{
+    unsigned status = 0;
+    const port_state *port = port_of(request, status);
+    if (port == nullptr)
+        return send_text(request, status, port_fault(status));
+    return send_json(request, events_json(events_, port->number));
+}
+
+ssize_t http_server::read_events(void *reader_of, uint64_t, char *buffer, size_t size)
+try {
+    auto *self = static_cast<event_reader *>(reader_of);
+    if (self->is_gone)
+        return MHD_CONTENT_READER_END_WITH_ERROR;
+    const size_t read = self->events.read(buffer, size);
+    if (read > 0)
+        return static_cast<ssize_t>(read);
+    self->from->is_waiting = true;
+    MHD_suspend_connection(self->http);
+    return 0;
+} catch (const std::bad_alloc &) {
+    return MHD_CONTENT_READER_END_WITH_ERROR;
+}
+
+void http_server::forget_reader(void *reader_of)
+{
+    auto *self = static_cast<event_reader *>(reader_of);
+    self->server.readers_.remove(self);
+    delete self;
+}
+
+MHD_Result http_server::send_stream(const http_request &request)
+{
+    const char *last_id =
+        MHD_lookup_connection_value(request.http, MHD_HEADER_KIND, MHD_HTTP_HEADER_LAST_EVENT_ID);
+    auto made = std::make_unique<event_reader>(
+        event_reader{*this, request.http, &request.from,
+                     event_stream(events_, model_, last_id == nullptr ? "" : last_id)});
+    readers_.push_back(made.get());
+    MHD_Response *response = MHD_create_response_from_callback(
+        MHD_SIZE_UNKNOWN, stream_block, &read_events, made.get(), &forget_reader);
+    if (response == nullptr) {
+        readers_.pop_back();
+        return MHD_NO;
+    }
+    static_cast<void>(made.release()); /* the response has it now */
+    add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/event-stream");
+    return send(request, MHD_HTTP_OK, with_common_headers(response));
+}
+
+/* That this is answered says that the exporter works. */
+MHD_Result http_server::send_health(const http_request &request)
+{
+    const std::string trouble = model_.trouble();
+    return send_text(request, MHD_HTTP_OK, trouble.empty() ? "ok" : "ok, but: " + trouble);
+}
+
+MHD_Result http_server::send_readiness(const http_request &request)
+{
+    return model_.is_ready() ? send_text(request, MHD_HTTP_OK, "ok")
+                             : send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, model_.trouble());
+}
+
+MHD_Result http_server::send_file(const http_request &request, std::string_view path)
+{
+    const auto file = files_.open(path);
+    if (!file && path == "/")
+        return send_text(request, MHD_HTTP_NOT_FOUND, "there is no page in " + settings_.web);
+    if (!file)
+        return send_text(request, MHD_HTTP_NOT_FOUND, "there is nothing at this path");
+    MHD_Response *response = MHD_create_response_from_fd64(file->size, file->fd);
+    if (response == nullptr) {
+        close(file->fd);
+        return MHD_NO;
+    }
+    add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, file->type);
+    return send(request, MHD_HTTP_OK, with_common_headers(response));
+}
+
+MHD_Result http_server::answer(const http_request &request, const char *method,
+                               std::string_view path)
+{
+    static constexpr route routes[] = {
+        {"/metrics", place::metrics, &http_server::send_metrics},
+        {"/healthz", place::metrics, &http_server::send_health},
+        {"/readyz", place::metrics, &http_server::send_readiness},
+        {"/events", place::stream, &http_server::send_stream},
+        {"/api/ports", place::page, &http_server::send_ports},
+        {"/api/plot", place::page, &http_server::send_plot},
+        {"/api/events", place::page, &http_server::send_events},
+    };
+    if (method == nullptr)
+        return send_text(request, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD are answered");
+    if (!is_meant_for_us(request))
+        return send_text(request, MHD_HTTP_MISDIRECTED_REQUEST,
+                         "the Host header names somebody else; --host NAME accepts a name");
+    const auto *found = std::ranges::find(routes, path, &route::path);
+    const bool is_route = found != std::end(routes);
+    const place kind = is_route ? found->kind : place::page;
+    if (kind == place::stream && connections_.taken(kind) >= places[static_cast<size_t>(kind)])
+        end_gone_readers(); /* their places are free in a moment */
+    if (!connections_.take_place(request.from, kind, request.now.steady))
+        return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "all places are taken");
+    return is_route ? (this->*found->handle)(request) : send_file(request, path);
+}
+
+} // namespace exporter

@@ -1,0 +1,104 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* http - answers by HTTP what model and events know, in the main thread, whose loop waits for fd()
+   and calls run(). Nothing here waits: a reader that doesn't read is ended after a while, one that
+   doesn't write as well, and what all of them together can take is bounded. */
+#pragma once
+
+#include "tesk_exporter/api.h"
+#include "tesk_exporter/connections.h"
+#include "tesk_exporter/event_stream.h"
+#include "tesk_exporter/metrics.h"
+#include "tesk_exporter/options.h"
+#include "tesk_exporter/web_files.h"
+
+#include <microhttpd.h>
+#include <optional>
+
+namespace exporter
+{
+
+class http_server
+{
+  public:
+    /* What is given must outlive it. Throws std::runtime_error with a text that says what to do. */
+    http_server(const settings &given, const model &board, const event_ring &events,
+                exporter_figures &figures);
+    ~http_server();
+    http_server(const http_server &) = delete;
+    http_server &operator=(const http_server &) = delete;
+
+    int fd() const;
+    /* When run() has something to do though nothing came in; nothing where it hasn't. */
+    std::optional<steady_time> next_run() const;
+    void run();
+    /* New events are in the ring. */
+    void continue_streams();
+
+  private:
+    /* A reader of events; owned by its response. */
+    struct event_reader {
+        http_server &server;
+        MHD_Connection *http;
+        connection *from;
+        event_stream events;
+        bool is_gone = false;
+    };
+    /* A body that many readers may get at once, as one scraper in a hurry or many would. */
+    struct shared_body {
+        MHD_Response *response = nullptr;
+        steady_time made{};
+    };
+    struct http_request {
+        MHD_Connection *http;
+        connection &from;
+        moment now;
+    };
+    using handler = MHD_Result (http_server::*)(const http_request &);
+    struct route;
+
+    static MHD_Result handle(void *server, MHD_Connection *http, const char *url,
+                             const char *method, const char *version, const char *upload,
+                             size_t *upload_size, void **state);
+    static void completed(void *server, MHD_Connection *http, void **state,
+                          MHD_RequestTerminationCode code);
+    static void connected(void *server, MHD_Connection *http, void **context,
+                          MHD_ConnectionNotificationCode code);
+    static ssize_t read_events(void *reader, uint64_t position, char *buffer, size_t size);
+    static void forget_reader(void *reader);
+
+    void start();
+    MHD_Result answer(const http_request &request, const char *method, std::string_view path);
+    bool is_meant_for_us(const http_request &request) const;
+    MHD_Result send(const http_request &request, unsigned status, MHD_Response *response);
+    MHD_Result send_text(const http_request &request, unsigned status, const std::string &text);
+    MHD_Result send_json(const http_request &request, const std::string &text);
+    template <typename make_type>
+    MHD_Result send_shared(const http_request &request, shared_body &body, const char *type,
+                           make_type make);
+    MHD_Result send_metrics(const http_request &request);
+    MHD_Result send_ports(const http_request &request);
+    MHD_Result send_plot(const http_request &request);
+    MHD_Result send_events(const http_request &request);
+    MHD_Result send_stream(const http_request &request);
+    MHD_Result send_health(const http_request &request);
+    MHD_Result send_readiness(const http_request &request);
+    MHD_Result send_file(const http_request &request, std::string_view path);
+    const port_state *port_of(const http_request &request, unsigned &status) const;
+    void end_gone_readers();
+    void look_at_readers();
+    void resume(event_reader &reader);
+    void drop_old_bodies(steady_time now);
+
+    const settings &settings_;
+    const model &model_;
+    const event_ring &events_;
+    exporter_figures &figures_;
+    const web_files files_;
+    connection_table connections_;
+    std::list<event_reader *> readers_;
+    shared_body bodies_[3]; /* by text_format, and the ports as JSON */
+    steady_time next_look_{};
+    MHD_Daemon *daemon_ = nullptr;
+};
+
+} // namespace exporter

@@ -1,0 +1,50 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* journal - writes events to the journal as structured records. The journal's socket may be full
+   and block, so that a thread of its own writes; what it can't take in time is lost and counted. */
+#pragma once
+
+#include "tesk_exporter/event_ring.h"
+#include "tesk_exporter/worker.h"
+
+#include <atomic>
+#include <deque>
+#include <mutex>
+
+namespace exporter
+{
+
+/* The fields of a record, "NAME=value" each: MESSAGE, PRIORITY, and TESK_ with the name of each key
+   of the event's object, but TESK_STATE for the link and TESK_GRADE_ with its name for each grade.
+ */
+std::vector<std::string> journal_fields(const event &happened);
+
+class journal
+{
+  public:
+    journal(); /* throws std::system_error */
+    ~journal();
+    journal(const journal &) = delete;
+    journal &operator=(const journal &) = delete;
+
+    /* The main thread. */
+    void write(const event &happened);
+    /* Records that were lost so far. */
+    uint64_t lost() const
+    {
+        return lost_;
+    }
+
+  private:
+    void run();
+    bool write_next();
+
+    static constexpr size_t capacity = 1024;
+
+    const int wake_fd_;
+    std::mutex mutex_;
+    std::deque<event> waiting_;
+    std::atomic<uint64_t> lost_{0};
+    worker thread_; /* the last: it uses all the others */
+};
+
+} // namespace exporter

@@ -1,0 +1,18 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* listener - the socket that the exporter listens on. */
+#pragma once
+
+#include <string>
+
+namespace exporter
+{
+
+/* Opens a listening socket at "ADDRESS:PORT", with IPv6 addresses in brackets, or "unix:PATH".
+   Throws std::runtime_error with a text that says what to do. A socket file that nobody serves any
+   more is replaced; its successor has mode 0660. */
+int open_listener(const std::string &where);
+
+/* Removes the socket file of "unix:PATH". */
+void remove_listener(const std::string &where);
+
+} // namespace exporter

@@ -1,0 +1,151 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* tesk-exporter - serves what tesk-server knows about its ports by HTTP.
+
+   The main thread holds the whole state, answers by HTTP, and waits for nothing but descriptors.
+   Two threads talk to the server, each with a session of its own, and report to it; a third one
+   writes to the journal where that is wanted. */
+#include "tesk_exporter/collector.h"
+#include "tesk_exporter/http.h"
+#include "tesk_exporter/journal.h"
+#include "tesk_exporter/options.h"
+#include "tesk_exporter/refresh_rules.h"
+#include "tesk_exporter/refresher.h"
+#include "teskctl/text.h"
+#include "teskctl/tool.h"
+
+#include <csignal>
+#include <fmt/format.h>
+#include <malloc.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+
+namespace exporter
+{
+
+static constexpr size_t ring_size = 2048;
+
+/* A number of a process that had the same start time would be another one. */
+static std::string new_epoch()
+{
+    return fmt::format("{:x}{:x}", now_us(), getpid());
+}
+
+/* Large blocks go back to the system as soon as they are free, and all threads share one arena. */
+static void bound_memory()
+{
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+}
+
+static int blocked_signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+/* Everything, in the order in which it is made; it ends the other way round. */
+class service
+{
+  public:
+    explicit service(const settings &given)
+        : settings_(given), http_(given, model_, events_, figures_), refresher_(facts_),
+          collector_({given.ports, given.interval}, facts_)
+    {
+        figures_.started_us = now_us();
+        if (given.journal)
+            journal_.emplace();
+    }
+
+    ~service()
+    {
+        facts_.close(); /* so that no thread waits for room in it */
+        collector_.stop();
+        refresher_.stop();
+    }
+
+    void run(int signal_fd)
+    {
+        pollfd polled[] = {
+            {signal_fd, POLLIN, 0}, {facts_.fd(), POLLIN, 0}, {http_.fd(), POLLIN, 0}};
+        while (polled[0].revents == 0) {
+            http_.run();
+            take_facts();
+            refresh();
+            poll(polled, std::size(polled), timeout());
+        }
+    }
+
+  private:
+    void take_facts()
+    {
+        const uint64_t seen = events_.next();
+        for (const fact &reported : facts_.take())
+            model_.apply(reported, {steady_clock::now(), now_us()});
+        if (events_.next() == seen)
+            return;
+        /* A burst may be longer than the ring. */
+        for (uint64_t number = std::max(seen, events_.first()); journal_ && number < events_.next();
+             number++)
+            journal_->write(events_.at(number));
+        figures_.lost_journal_records = journal_ ? journal_->lost() : 0;
+        http_.continue_streams();
+    }
+
+    void refresh()
+    {
+        if (!settings_.refresh)
+            return;
+        if (const auto port_no = model_.choose_refresh(steady_clock::now()))
+            refresher_.request(*port_no);
+    }
+
+    int timeout() const
+    {
+        const auto next = http_.next_run();
+        if (!next)
+            return -1;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - steady_clock::now());
+        return static_cast<int>(std::clamp<int64_t>(left.count(), 0, 60'000));
+    }
+
+    const settings &settings_;
+    event_ring events_{ring_size, new_epoch()};
+    model model_{events_};
+    exporter_figures figures_;
+    fact_queue facts_;
+    std::optional<journal> journal_;
+    http_server http_;
+    refresher refresher_;
+    collector collector_;
+};
+
+static int run(int argc, char **argv)
+{
+    settings given;
+    if (const auto code = read_options(argc, argv, given))
+        return *code;
+    bound_memory();
+    /* Finding a server that doesn't move shall not hold up the end of the program for longer. */
+    setenv("MBX_LOCATE_MS", "1000", 0);
+    const int signals = blocked_signals();
+    service(given).run(signals);
+    return exit_done;
+}
+
+} // namespace exporter
+
+int main(int argc, char **argv)
+{
+    try {
+        return exporter::run(argc, argv);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "tesk-exporter: %s\n", error.what());
+        return 1;
+    }
+}

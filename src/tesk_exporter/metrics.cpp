@@ -1,0 +1,354 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* One row for each family, and one function that writes its samples for a port. Values of a server
+   that is away are left out, since nobody knows them; what only grows, counts and ages, stays. */
+#include "tesk_exporter/metrics.h"
+
+#include "teskctl/text.h"
+
+#include <cmath>
+#include <dirent.h>
+#include <fstream>
+#include <memory>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace exporter
+{
+
+namespace
+{
+/* What a port's samples are written with. */
+struct scrape {
+    metrics_writer &writer;
+    steady_time now;
+};
+
+struct port_family {
+    family described;
+    bool needs_server; /* it says how things are, and so only while the server says so */
+    void (*write)(const scrape &to, const port_state &port);
+};
+} // namespace
+
+static double seconds_since(steady_time then, steady_time now)
+{
+    return std::round(std::chrono::duration<double>(now - then).count() * 100) / 100;
+}
+
+static void write_if(const scrape &to, const port_state &port, bool has, double value)
+{
+    if (has)
+        to.writer.sample(port.labels, value);
+}
+
+static void write_dbm(const scrape &to, const port_state &port, bool has, uint32_t microwatts)
+{
+    const auto dbm = has ? to_dbm(microwatts) : std::nullopt;
+    write_if(to, port, dbm.has_value(), std::round(100 * dbm.value_or(0)) / 100);
+}
+
+static void write_link_states(const scrape &to, const port_state &port)
+{
+    static constexpr const char *labels[] = {"state=\"stopped\"", "state=\"not_operational\"",
+                                             "state=\"operational\""};
+    for (uint32_t link = 0; port.status && link < std::size(labels); link++)
+        to.writer.sample(port.labels, labels[link], port.status->link == link);
+}
+
+static std::string with_underscores(std::string text)
+{
+    for (char &letter : text)
+        letter = letter == ' ' ? '_' : letter;
+    return text;
+}
+
+/* The labels of all grades once: measurement="rx_power",grade="low_alarm". A value that a module
+   doesn't support has no grade. */
+static const std::string &grade_labels(uint32_t measurement, uint32_t level)
+{
+    static constexpr uint32_t levels = TESK_CLIENT_LEVEL_NOT_SUPPORTED;
+    static const auto labels = [] {
+        std::array<std::string, TESK_CLIENT_MEASUREMENTS * levels> made;
+        for (uint32_t i = 0; i < made.size(); i++)
+            made[i] = "measurement=\"" +
+                      with_underscores(tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i / levels)) +
+                      "\",grade=\"" +
+                      with_underscores(tesk_client_text(TESK_CLIENT_TEXT_LEVEL, i % levels)) + "\"";
+        return made;
+    }();
+    return labels[measurement * levels + level];
+}
+
+static void write_grades(const scrape &to, const port_state &port)
+{
+    if (!port.status || port.module_labels.empty())
+        return;
+    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++) {
+        const uint32_t graded = port.status->level[i];
+        if (graded == TESK_CLIENT_LEVEL_NOT_SUPPORTED)
+            continue;
+        for (uint32_t level = 0; level < TESK_CLIENT_LEVEL_NOT_SUPPORTED; level++)
+            to.writer.sample(port.labels, grade_labels(i, level), graded == level);
+    }
+}
+
+static constexpr port_family port_families[] = {
+    {{"tesk_port_link_up", metric_type::gauge, "", "Whether the link is operational."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.status.has_value(),
+                  port.status && port.status->link == TESK_CLIENT_LINK_OPERATIONAL);
+     }},
+    {{"tesk_port_link_state", metric_type::gauge, "",
+      "The state of the link: 1 for the one that it is in. A stopped port was stopped by "
+      "somebody."},
+     true,
+     write_link_states},
+    {{"tesk_port_link_speed_bytes_per_second", metric_type::gauge, "bytes_per_second",
+      "Speed of the link, where there is one and it is known."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         const uint32_t tenths = port.status ? port.status->link_speed : 0;
+         write_if(to, port, tenths != 0, tenths * 1e8 / 8);
+     }},
+    {{"tesk_port_link_changes", metric_type::counter, "", "Changes of the link that were seen."},
+     false,
+     [](const scrape &to, const port_state &port) {
+         to.writer.sample(port.labels, static_cast<double>(port.link_changes));
+     }},
+    {{"tesk_port_indications", metric_type::counter, "", "Reports of the server, by their kind."},
+     false,
+     [](const scrape &to, const port_state &port) {
+         to.writer.sample(port.labels, "kind=\"sfp\"", static_cast<double>(port.sfp_indications));
+         to.writer.sample(port.labels, "kind=\"status\"",
+                          static_cast<double>(port.status_indications));
+     }},
+    {{"tesk_port_module_present", metric_type::gauge, "", "Whether a module is in the port."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.info.has_value(), !port.module_labels.empty());
+     }},
+    {{"tesk_port_module", metric_type::info, "",
+      "The module in the port. Bytes that are no printable ASCII are written as \\\\xNN."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         if (!port.module_labels.empty())
+             to.writer.sample(port.labels, port.module_labels, 1);
+     }},
+    {{"tesk_port_transmit_power_watts", metric_type::gauge, "watts", "Transmitted light."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.reading && port.reading->has_tx_power,
+                  port.reading ? port.reading->tx_power / 1e6 : 0);
+     }},
+    {{"tesk_port_transmit_power_dbm", metric_type::gauge, "dbm",
+      "Transmitted light in dBm; absent without light."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         if (port.reading)
+             write_dbm(to, port, port.reading->has_tx_power, port.reading->tx_power);
+     }},
+    {{"tesk_port_receive_power_watts", metric_type::gauge, "watts", "Received light."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.reading && port.reading->has_rx_power,
+                  port.reading ? port.reading->rx_power / 1e6 : 0);
+     }},
+    {{"tesk_port_receive_power_dbm", metric_type::gauge, "dbm",
+      "Received light in dBm; absent without light."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         if (port.reading)
+             write_dbm(to, port, port.reading->has_rx_power, port.reading->rx_power);
+     }},
+    {{"tesk_port_transmit_bias_amperes", metric_type::gauge, "amperes",
+      "Bias current of the laser."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.reading && port.reading->has_tx_bias,
+                  port.reading ? port.reading->tx_bias / 1e5 : 0);
+     }},
+    {{"tesk_port_voltage_volts", metric_type::gauge, "volts", "Supply voltage of the module."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.reading && port.reading->has_voltage,
+                  port.reading ? port.reading->voltage / 1e4 : 0);
+     }},
+    {{"tesk_port_temperature_celsius", metric_type::gauge, "celsius", "Temperature of the module."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.reading && port.reading->has_temperature,
+                  port.reading ? port.reading->temperature / 10.0 : 0);
+     }},
+    {{"tesk_port_signal_lost", metric_type::gauge, "",
+      "Whether the module says that it has lost its signal."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.reading && !port.module_labels.empty(),
+                  port.reading && port.reading->has_loss_of_signal);
+     }},
+    {{"tesk_port_grade", metric_type::gauge, "",
+      "How a measured value stands against the module's thresholds: 1 for the grade that it has."},
+     true,
+     write_grades},
+    {{"tesk_port_environment_set", metric_type::gauge, "",
+      "Whether the module's status word reports its environment; absent where it can't be read."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         const uint32_t environment =
+             port.status ? port.status->environment : uint32_t{TESK_CLIENT_ENVIRONMENT_NOT_READ};
+         write_if(to, port, environment <= TESK_CLIENT_ENVIRONMENT_SET,
+                  environment == TESK_CLIENT_ENVIRONMENT_SET);
+     }},
+    {{"tesk_port_reading_age_seconds", metric_type::gauge, "seconds",
+      "Time since the measured values were read."},
+     false,
+     [](const scrape &to, const port_state &port) {
+         if (port.reading)
+             to.writer.sample(port.labels, seconds_since(port.read_at, to.now));
+     }},
+    {{"tesk_port_grade_age_seconds", metric_type::gauge, "seconds",
+      "Time since the server graded the values."},
+     false,
+     [](const scrape &to, const port_state &port) {
+         if (port.status)
+             to.writer.sample(port.labels, seconds_since(port.graded_at, to.now));
+     }},
+};
+
+static void write_one(metrics_writer &writer, const family &described, double value)
+{
+    writer.begin(described);
+    writer.sample("", value);
+}
+
+static void write_latency(metrics_writer &writer, const latency_histogram &latency)
+{
+    writer.begin({"tesk_request_duration_seconds", metric_type::histogram, "seconds",
+                  "Round trips of the exporter's reads of measured values."});
+    uint64_t count = 0;
+    for (size_t i = 0; i < latency.buckets.size(); i++) {
+        count += latency.buckets[i];
+        char limit[32] = "+Inf";
+        if (i < std::size(latency_histogram::limits))
+            snprintf(limit, sizeof(limit), "%g", latency_histogram::limits[i]);
+        writer.sample("_bucket", "", std::string("le=\"") + limit + "\"",
+                      static_cast<double>(count));
+    }
+    writer.sample("_sum", "", "", latency.sum);
+    writer.sample("_count", "", "", static_cast<double>(count));
+}
+
+static void write_server(metrics_writer &writer, const model &board)
+{
+    write_one(writer,
+              {"tesk_up", metric_type::gauge, "",
+               "Whether tesk-server is connected and answers in time."},
+              board.is_up());
+    write_one(writer,
+              {"tesk_connections", metric_type::counter, "",
+               "Connections to tesk-server that were established; all but the first are "
+               "reconnections."},
+              static_cast<double>(board.connections));
+    write_one(writer, {"tesk_ports", metric_type::gauge, "", "Ports that are followed."},
+              static_cast<double>(board.ports().size()));
+    write_latency(writer, board.latency);
+    writer.begin({"tesk_failed_reads", metric_type::counter, "",
+                  "Reads of measured values without a result, by the reason."});
+    for (const auto &[result, reason] :
+         {std::pair{TESK_CLIENT_REJECTED, "rejected"}, std::pair{TESK_CLIENT_TIMEOUT, "timeout"},
+          std::pair{TESK_CLIENT_LOST, "lost"}})
+        writer.sample("", std::string("reason=\"") + reason + "\"",
+                      static_cast<double>(board.failed_reads[result]));
+    writer.begin({"tesk_exporter_grade_refreshes", metric_type::counter, "",
+                  "Grades that were taken again because a value had moved."});
+    writer.sample("", "result=\"done\"", static_cast<double>(board.refreshes));
+    writer.sample("", "result=\"failed\"", static_cast<double>(board.failed_refreshes));
+}
+
+static double open_descriptors()
+{
+    const std::unique_ptr<DIR, int (*)(DIR *)> folder(opendir("/proc/self/fd"), closedir);
+    double count = 0;
+    while (folder && readdir(folder.get()) != nullptr)
+        count++;
+    return count - 3; /* ".", ".." and the folder itself */
+}
+
+/* By the names that all exporters give these. */
+static void write_process(metrics_writer &writer, const exporter_figures &figures)
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval &time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    write_one(writer,
+              {"process_cpu_seconds", metric_type::counter, "seconds",
+               "Processor time of the exporter, user and system."},
+              seconds(usage.ru_utime) + seconds(usage.ru_stime));
+    double pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    write_one(writer,
+              {"process_resident_memory_bytes", metric_type::gauge, "bytes",
+               "Resident memory of the exporter."},
+              resident * static_cast<double>(sysconf(_SC_PAGESIZE)));
+    write_one(writer,
+              {"process_start_time_seconds", metric_type::gauge, "seconds",
+               "Start of the exporter since 1970."},
+              static_cast<double>(figures.started_us) / 1e6);
+    write_one(writer, {"process_open_fds", metric_type::gauge, "", "Open descriptors."},
+              open_descriptors());
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    write_one(writer, {"process_max_fds", metric_type::gauge, "", "The limit of open descriptors."},
+              static_cast<double>(limit.rlim_cur));
+}
+
+static void write_exporter(metrics_writer &writer, const exporter_figures &figures)
+{
+    writer.begin({"tesk_exporter_build", metric_type::info, "", "The version of the exporter."});
+    writer.sample("version=\"" TESK_VERSION "\"", 1);
+    writer.begin({"tesk_exporter_http_responses", metric_type::counter, "",
+                  "Responses of the exporter, by their status."});
+    for (const auto &[code, count] : figures.responses)
+        writer.sample("", "code=\"" + std::to_string(code) + "\"", static_cast<double>(count));
+    write_one(writer,
+              {"tesk_exporter_http_connections", metric_type::gauge, "", "Open connections."},
+              static_cast<double>(figures.connections));
+    write_one(writer,
+              {"tesk_exporter_http_ended_connections", metric_type::counter, "",
+               "Connections that the exporter ended: too slow, or idle where places were short."},
+              static_cast<double>(figures.ended_connections));
+    write_one(writer,
+              {"tesk_exporter_event_streams", metric_type::gauge, "", "Open streams of events."},
+              static_cast<double>(figures.streams));
+    write_one(writer, {"tesk_exporter_events", metric_type::counter, "", "Events so far."},
+              static_cast<double>(figures.events));
+    write_one(writer,
+              {"tesk_exporter_lost_journal_records", metric_type::counter, "",
+               "Records that the journal did not take in time."},
+              static_cast<double>(figures.lost_journal_records));
+}
+
+std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
+                           steady_time now)
+{
+    metrics_writer writer(format);
+    /* About what it becomes: growing would copy megabytes. */
+    writer.reserve(16384 + board.ports().size() * 5120);
+    write_server(writer, board);
+    const scrape to{writer, now};
+    for (const port_family &row : port_families) {
+        writer.begin(row.described);
+        if (row.needs_server && !board.is_connected())
+            continue;
+        for (const auto &[number, port] : board.ports())
+            row.write(to, port);
+    }
+    write_exporter(writer, figures);
+    write_process(writer, figures);
+    return writer.finish();
+}
+
+} // namespace exporter

@@ -1,0 +1,71 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* metrics_text - the two text formats of metrics: Prometheus 0.0.4 and OpenMetrics 1.0.0. Series
+   have the same names and labels in both. No state. */
+#pragma once
+
+#include "tesk_client/tesk_client.h"
+
+#include <string>
+#include <string_view>
+
+namespace exporter
+{
+
+enum class text_format { prometheus, open_metrics };
+
+/* The format that an Accept header prefers; the former where it has no preference. */
+text_format choose_format(std::string_view accept);
+const char *content_type(text_format format);
+
+/* A label's value, without its quotes. */
+std::string label_value(std::string_view text);
+/* The labels of a module: its texts without the blanks at their ends, escaped as in teskctl's
+   objects first, so that any bytes are valid text. */
+std::string module_labels(const tesk_client_sfp_info &info);
+
+enum class metric_type { gauge, counter, info, histogram };
+
+/* One metric family. The name has neither "_total" nor "_info"; a unit is its end. */
+struct family {
+    const char *name;
+    metric_type type;
+    const char *unit; /* "" where there is none */
+    const char *help;
+};
+
+class metrics_writer
+{
+  public:
+    explicit metrics_writer(text_format format) : format_(format)
+    {
+    }
+    /* Begins a family: what follows belongs to it. */
+    void begin(const family &described);
+    /* A sample. Each part is a list of labels, or empty. */
+    void sample(std::string_view labels, double value)
+    {
+        sample(suffix_, labels, {}, value);
+    }
+    void sample(std::string_view labels, std::string_view more_labels, double value)
+    {
+        sample(suffix_, labels, more_labels, value);
+    }
+    void sample(std::string_view suffix, std::string_view labels, std::string_view more_labels,
+                double value);
+    /* The whole text. */
+    std::string finish();
+    void reserve(size_t size)
+    {
+        text_.reserve(size);
+    }
+
+  private:
+    void header(std::string_view keyword, std::string_view content);
+
+    const text_format format_;
+    std::string_view name_;
+    std::string_view suffix_;
+    std::string text_;
+};
+
+} // namespace exporter

@@ -1,0 +1,125 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* model - the latest state of the board as the facts describe it, with the age of each part, and
+   what counts as a change. No clock of its own: each fact comes with its time. Main thread only. */
+#pragma once
+
+#include "tesk_exporter/event_ring.h"
+#include "tesk_exporter/facts.h"
+#include "tesk_exporter/plots.h"
+
+#include <array>
+#include <map>
+#include <optional>
+
+namespace exporter
+{
+
+/* The two clocks of a fact. */
+struct moment {
+    steady_time steady;
+    uint64_t wall_us; /* since 1970 */
+};
+
+struct port_state {
+    uint32_t number;
+    std::string interface;     /* escaped; empty where it isn't known */
+    std::string labels;        /* port="3",interface="eth0" */
+    std::string module_labels; /* vendor="...",... of the module that is in it; empty without one */
+
+    std::optional<tesk_client_sfp_info> info;
+    std::optional<tesk_client_port_status> status;
+    std::optional<tesk_client_pm> reading;
+    steady_time read_at;
+    steady_time graded_at;
+    /* The values that the grades were given for: those of the first reading after them. */
+    std::optional<tesk_client_pm> graded_values;
+    steady_time refreshed_at; /* when a refresh was last asked for */
+
+    /* The next indication is the first one since the connection. */
+    bool is_info_initial = true;
+    bool is_status_initial = true;
+
+    uint64_t link_changes = 0; /* that were seen */
+    uint64_t sfp_indications = 0;
+    uint64_t status_indications = 0;
+    uint64_t changed_us = 0; /* the last change, wall clock; 0: none */
+    plots values;
+};
+
+/* Round trips of reads. */
+struct latency_histogram {
+    /* Upper limits in seconds; one more bucket has no limit. */
+    static constexpr double limits[] = {0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005,
+                                        0.01,   0.025,   0.05,   0.1,   0.25,   0.5};
+    std::array<uint64_t, std::size(limits) + 1> buckets{}; /* not cumulative */
+    double sum = 0;
+
+    void add(double seconds);
+};
+
+class model
+{
+  public:
+    explicit model(event_ring &events) : events_(events)
+    {
+    }
+
+    /* Takes a fact in; changes go into the ring of events. */
+    void apply(const fact &reported, const moment &now);
+
+    /* The port whose grades are to be refreshed now, if any: by the rules of refresh_rules.h. The
+       model counts on it that the caller asks for the refresh. */
+    std::optional<uint32_t> choose_refresh(steady_time now);
+
+    const std::map<uint32_t, port_state> &ports() const
+    {
+        return ports_;
+    }
+    /* Connected, and the last read was answered. */
+    bool is_up() const
+    {
+        return is_connected_ && is_answering_;
+    }
+    bool is_connected() const
+    {
+        return is_connected_;
+    }
+    /* All ports have been read since the connection. */
+    bool is_ready() const
+    {
+        return is_up() && is_read_;
+    }
+    /* What is wrong with the server; empty where nothing is. */
+    std::string trouble() const;
+
+    uint64_t connections = 0;
+    uint64_t refreshes = 0;
+    uint64_t failed_refreshes = 0;
+    std::array<uint64_t, TESK_CLIENT_FAILED + 1> failed_reads{}; /* by tesk_client_result */
+    latency_histogram latency;
+
+  private:
+    void take(const ports_fact &reported, const moment &now);
+    void take(const connection_fact &reported, const moment &now);
+    void take(const tesk_client_sfp_info &info, const moment &now);
+    void take(const tesk_client_port_status &status, const moment &now);
+    void take(const reading_fact &reported, const moment &now);
+    void take(const grades_fact &reported, const moment &now);
+    void take(const request_fact &reported, const moment &now);
+    void take(const gone_fact &reported, const moment &now);
+    void take(const round_fact &reported, const moment &now);
+    port_state *wanted(uint32_t number);
+
+    event_ring &events_;
+    std::map<uint32_t, port_state> ports_;
+    std::map<uint32_t, std::string> interfaces_; /* of the ports that are followed */
+    bool is_connected_ = false;
+    bool is_answering_ = false;
+    bool is_read_ = false;
+    bool was_connected_ = false;
+    std::string trouble_ = "not connected yet";
+    steady_time next_refresh_{};
+    bool is_refreshing_ = false;
+};
+
+} // namespace exporter

@@ -1,0 +1,28 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* options - the command line. */
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace exporter
+{
+
+struct settings {
+    std::string listen = "127.0.0.1:9816";      /* ADDRESS:PORT or unix:PATH */
+    std::vector<std::string> hosts;             /* further names that the Host header may have */
+    std::optional<std::vector<uint32_t>> ports; /* nothing: by the port map, or those that answer */
+    std::chrono::milliseconds interval{15000};
+    bool refresh = true;
+    bool journal = false;
+    std::string web = TESK_WEB_DIR;
+};
+
+/* Reads the command line into `read`. A result is the exit code of a program that has nothing more
+   to do, as after --help; what was wrong is on standard error then. */
+std::optional<int> read_options(int argc, char **argv, settings &read);
+
+} // namespace exporter

@@ -1,0 +1,46 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* refresher - has the server grade a port again: it subscribes to the port's status on a session of
+   its own, takes the first indication, and unsubscribes. The session belongs to a thread of its
+   own, since a thread has at most one. */
+#pragma once
+
+#include "tesk_exporter/facts.h"
+#include "tesk_exporter/worker.h"
+
+#include <atomic>
+
+namespace exporter
+{
+
+class refresher
+{
+  public:
+    /* Starts at once. `facts` must outlive it. */
+    explicit refresher(fact_queue &facts);
+    ~refresher();
+    refresher(const refresher &) = delete;
+    refresher &operator=(const refresher &) = delete;
+
+    /* Asks for the grades of a port, one port at a time: a grades_fact follows, whatever happens.
+     */
+    void request(uint32_t port_no);
+    /* As that of the collector. */
+    void stop()
+    {
+        thread_.stop();
+    }
+
+  private:
+    void run();
+    bool connect();
+    grades_fact refresh(uint32_t port_no);
+
+    fact_queue &facts_;
+    const int wake_fd_;
+    std::atomic<uint32_t> wanted_port_{0};
+    tesk_client_session *session_ = nullptr;
+    grades_fact result_{};
+    worker thread_; /* the last: it uses all the others */
+};
+
+} // namespace exporter

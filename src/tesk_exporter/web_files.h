@@ -1,0 +1,42 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* web_files - the files of the page, from one folder. They are listed once, at the start: only what
+   is listed can be asked for, so that no path leads out of the folder. */
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace exporter
+{
+
+class web_files
+{
+  public:
+    struct file {
+        int fd; /* the caller closes it */
+        uint64_t size;
+        const char *type; /* of the content */
+    };
+
+    /* Lists the regular files of a folder that have a type which pages use; subfolders are left
+       alone. A folder that can't be read has none. */
+    explicit web_files(const std::string &folder);
+    ~web_files();
+    web_files(const web_files &) = delete;
+    web_files &operator=(const web_files &) = delete;
+
+    bool empty() const
+    {
+        return types_.empty();
+    }
+    /* Opens the file of a request's path: "/" is index.html. Nothing where there is none. */
+    std::optional<file> open(std::string_view path) const;
+
+  private:
+    int folder_fd_;
+    std::map<std::string, const char *, std::less<>> types_; /* by name */
+};
+
+} // namespace exporter

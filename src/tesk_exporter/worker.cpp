@@ -1,0 +1,57 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tesk_exporter/worker.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace exporter
+{
+
+static bool is_readable(pollfd *polled, nfds_t count, int timeout)
+{
+    return poll(polled, count, timeout) > 0;
+}
+
+worker::worker() : stop_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+{
+    if (stop_fd_ < 0)
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+}
+
+worker::~worker()
+{
+    stop();
+    close(stop_fd_);
+}
+
+void worker::start(std::function<void()> body)
+{
+    thread_ = std::thread(std::move(body));
+}
+
+/* The descriptor stays readable: whoever waits for it again is stopped again. */
+void worker::stop()
+{
+    eventfd_write(stop_fd_, 1);
+    if (thread_.joinable())
+        thread_.join();
+}
+
+bool worker::must_stop() const
+{
+    pollfd polled{stop_fd_, POLLIN, 0};
+    return is_readable(&polled, 1, 0);
+}
+
+bool worker::wait(int fd, std::chrono::milliseconds at_most) const
+{
+    pollfd polled[] = {{stop_fd_, POLLIN, 0}, {fd, POLLIN, 0}};
+    const auto timeout = static_cast<int>(std::clamp<int64_t>(at_most.count(), 0, 3'600'000));
+    return is_readable(polled, std::size(polled), timeout) && polled[1].revents != 0;
+}
+
+} // namespace exporter

@@ -1,0 +1,37 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* worker - a thread that waits for descriptors and is stopped through one. */
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+namespace exporter
+{
+
+/* Runs `body` on a thread of its own from start() on, until the body returns; the destructor asks
+   for the end and waits for it. The body must return soon after must_stop(). */
+class worker
+{
+  public:
+    worker(); /* throws std::system_error */
+    ~worker();
+    worker(const worker &) = delete;
+    worker &operator=(const worker &) = delete;
+
+    void start(std::function<void()> body);
+    /* Any thread. Asks for the end, and waits for it. Harmless a second time. */
+    void stop();
+
+    /* The rest is for the body. */
+    bool must_stop() const;
+    /* Waits until `fd` is readable (-1: none), until the time is over, or for the stop. True where
+       the descriptor is readable. */
+    bool wait(int fd, std::chrono::milliseconds at_most) const;
+
+  private:
+    const int stop_fd_;
+    std::thread thread_;
+};
+
+} // namespace exporter

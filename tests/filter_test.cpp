@@ -1,0 +1,209 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Port state changes: the filter, its ticks and its traces, and what a link event means. */
+#include "tesk_server/tesk_subscribe_port_status.h"
+#include "tesk_server/tesk_types.h"
+#include "testkit/fake_platform/client_fixture.h"
+
+#include <array>
+
+using fake_platform::ports;
+using fake_platform::sent;
+using fake_platform::ticks;
+
+using filter = client_fixture;
+
+TEST_F(filter, a_refused_last_unsubscribe_keeps_the_filter_as_it_is)
+{
+    const uint32_t reference = subscriber(alice, 3, subscribe_status);
+    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
+        handle_events({link_event(3, state)});
+    ticks.clear();
+    fake_platform::failing["unsubslink"] = DOLM_RICERR_INTERNAL;
+    trace({1, 4, 12, 13});
+    send(alice, unsubscribe_status, {8, reference, 3});
+    expect_log({"[13] Bucket(1) removed from the list", "unsubslink 0x20003",
+                "[1] dolm_ric_ri_unsubslink: port 3(dolm_ric_id 131075), -11 (internal error)",
+                "[1] dolm_unsubslink: port3, 1 (unknown ric error code)",
+                "[13] Bucket(1) inserted to the list", "send 0x1648416 to 0x71"});
+    EXPECT_EQ(leaky_bucket_find(1)->level, 60);
+    EXPECT_TRUE(ticks.empty()) << "the tick of the bucket is still outstanding";
+    handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
+    EXPECT_EQ(sent.size(), 0u) << "held back";
+    /* The same for a lost client: the subscription without a client keeps its filter. */
+    lose(alice);
+    tick(1, 3);
+    EXPECT_EQ(leaky_bucket_find(1)->level, 50);
+    subscriber(bob, 3, subscribe_status);
+    tick(1, 3);
+    EXPECT_EQ(sent_numbers(), (numbers{{TESK_PORT_STATUS_IND, bob}}));
+    EXPECT_EQ(ticks.size(), 2u);
+    fake_platform::failing.clear();
+    handle_events({link_event(3, DOLM_RICRILINKSTATE_STOPPED)});
+    EXPECT_EQ(leaky_bucket_find(1)->level, 60);
+}
+
+TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
+{
+    static const struct {
+        char event; /* u p, d own, t ick */
+        int32_t level;
+        bool is_sent, armed;
+    } steps[] = {
+        {'d', 20, true, true},   {'u', 20, true, false}, {'d', 40, true, false},
+        {'u', 40, true, false},  {'d', 60, true, false}, {'u', 60, false, false},
+        {'d', 80, false, false}, {'t', 70, false, true}, {'t', 60, false, true},
+        {'t', 50, false, true},  {'t', 40, true, true},  {'t', 30, false, true},
+        {'t', 20, false, true},  {'t', 10, false, true}, {'t', 0, false, false},
+        {'t', 0, false, false},  {'d', 0, false, false}, /* a repeated state */
+        {'u', 0, true, false},
+    };
+    subscriber(alice, 3, subscribe_status);
+    for (const auto &step : steps) {
+        ticks.clear();
+        if (step.event == 't')
+            tick(1, 3);
+        else
+            handle_events({link_event(3, step.event == 'u' ? 2 : 1)});
+        EXPECT_EQ(leaky_bucket_find(1)->level, step.level);
+        EXPECT_EQ(sent.size(), step.is_sent ? 1u : 0u);
+        EXPECT_EQ(ticks.size(), step.armed ? 1u : 0u);
+        for (const auto &armed : ticks)
+            EXPECT_EQ((std::array{armed.bucket, armed.port, armed.interval}),
+                      (std::array{1u, 3u, 10u}));
+    }
+    /* What was held back is in the history, too, and so is the repeated state. */
+    static const std::pair<uint32_t, uint32_t> levels_and_states[] = {
+        {20, 2}, {20, 1}, {40, 2}, {40, 1}, {60, 2}, {60, 1}, {80, 2}, {0, 2}, {0, 1}};
+    const auto cached = history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ);
+    ASSERT_EQ(cached.host_word(4), std::size(levels_and_states));
+    size_t at = 8;
+    for (const auto &[level, state] : levels_and_states) {
+        EXPECT_EQ(cached.host_word(at + 4), level) << at;
+        EXPECT_EQ(cached.host_word(at + 8), state) << at;
+        at += 48;
+    }
+}
+
+TEST_F(filter, the_filter_traces_its_decisions)
+{
+    subscriber(alice, 3, subscribe_status);
+    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
+        handle_events({link_event(3, state)});
+    trace({1, 12, 13});
+    handle_events({link_event(3, 1)});
+    auto lines = fake_platform::take_log();
+    EXPECT_EQ(lines.at(0),
+              "[12] DOLM port state event received. Port 3, port_state: PORTSTATE_DOWN");
+    EXPECT_EQ(lines.at(lines.size() - 2), "[12] port_state change for port 3: "
+                                          "new_state(PORTSTATE_DOWN) prev_state(PORTSTATE_DOWN)");
+    EXPECT_EQ(lines.back(), "[12] Port 3 port_state not changed, no need to handle");
+    handle_events({link_event(3, 2)});
+    lines = fake_platform::take_log();
+    EXPECT_EQ(lines.at(0), "[12] DOLM port state event received. Port 3, port_state: PORTSTATE_UP");
+    EXPECT_EQ(lines.back(), "[13] Leaky bucket level reached, indication not send");
+    trace({1, 4, 13});
+    handle_events({link_event(3, 1)});
+    lines = fake_platform::take_log();
+    EXPECT_EQ(lines.at(lines.size() - 2), "[13] Bucket(1) level-> 80");
+    EXPECT_EQ(lines.back(), "[13] Leaky bucket level reached, indication not send");
+    tick(1, 3);
+    expect_log({"[13] Bucket(1) level-> 70", "tick in 10 for bucket 1 port 3"});
+    /* A presence change is reported whatever the level, and does not change it. */
+    subscriber(bob, 3, subscribe_info);
+    handle_events({port_event(3, DOLM_RICRIPORT_STARTED)});
+    EXPECT_EQ(sent_numbers(), (numbers{{TESK_SFP_INFO_IND, bob}, {TESK_PORT_STATUS_IND, alice}}));
+    EXPECT_EQ(leaky_bucket_find(1)->level, 70);
+    EXPECT_EQ(history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ).host_word(4), 8u);
+}
+
+TEST_F(filter, a_link_that_changed_unseen_is_new_to_a_second_subscriber_only)
+{
+    subscriber(alice, 3, subscribe_status);
+    ports[3].link_state = DOLM_RICRILINKSTATE_NOOPERATION;
+    trace({12});
+    subscriber(bob, 3, subscribe_status);
+    EXPECT_EQ(sent_numbers(),
+              (numbers{{TESK_SUBSCRIBE_PORT_STATUS_CFM, bob}, {TESK_PORT_STATUS_IND, bob}}));
+    EXPECT_EQ(sent.at(1).word(16), 1u);
+    EXPECT_EQ(sent.at(1).word(24), 0u);
+    const auto lines = fake_platform::take_log();
+    EXPECT_EQ(lines.at(lines.size() - 2), "[12] port_state change for port 3: "
+                                          "new_state(PORTSTATE_DOWN) prev_state(PORTSTATE_UP)");
+    handle_events({link_event(3, DOLM_RICRILINKSTATE_NOOPERATION)});
+    EXPECT_EQ(sent.size(), 0u);
+    EXPECT_EQ(leaky_bucket_find(1)->level, 0);
+    handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
+    EXPECT_EQ(sent.size(), 2u);
+}
+
+TEST_F(filter, an_event_that_means_nothing_is_traced_and_freed)
+{
+    static const struct {
+        tesk_hw_event event;
+        log traces;
+    } cases[] = {
+        {{TESK_HW_EVENT_PORT_STATE, 3, PORTSTATE_UNKNOWN, nullptr},
+         {"[1] Unknown port state(PORTSTATE_UNKNOWN) in dolm event, port 3"}},
+        {{TESK_HW_EVENT_PORT_STATE, 3, 7, nullptr},
+         {"[1] Unknown port state(UNSUPPORTED_STATE) in dolm event, port 3"}},
+        {{2, 3, 0, nullptr}, {"[1] Unknown event: 2"}},
+        {{TESK_HW_EVENT_SFP, 3, SFP_PRESENT_AND_READY, nullptr},
+         {"[12] No need to handle this SFP event, no change for port 3"}},
+    };
+    const uint32_t reference = subscriber(alice, 3, subscribe_status);
+    subscribe(alice, reference, 3, subscribe_info);
+    trace({1, 4, 12});
+    for (const auto &meaningless : cases) {
+        auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
+        *event = meaningless.event;
+        tesk_event_queue_put(event);
+        sent.clear();
+        tesk_handle_queued_events();
+        expect_log(meaningless.traces);
+        EXPECT_EQ(sent.size(), 0u);
+    }
+    /* Behind that check: the state is stored, and nothing else happens. */
+    tesk_handle_port_state_change(3, PORTSTATE_UNKNOWN);
+    EXPECT_EQ(fake_platform::take_log().back(), "[1] Unknown port state");
+    trace({1, 12});
+    tesk_handle_port_state_change(4, PORTSTATE_DOWN);
+    EXPECT_EQ(fake_platform::take_log().back(), "[1] Failed to found bucket for port 4");
+    EXPECT_TRUE(sent.empty() && ticks.empty());
+    EXPECT_EQ(tesk_handle_epoll_event({.events = EPOLLIN, .data = {.u32 = 2}}), 0);
+    expect_log({"[1] Unknown event: 2"});
+    EXPECT_EQ(tesk_handle_epoll_event({.events = EPOLLERR | EPOLLHUP, .data = {.u32 = 1}}), 0);
+    EXPECT_EQ(tesk_handle_epoll_event({.events = EPOLLERR, .data = {.u32 = 0}}), 0);
+    expect_log({});
+    EXPECT_EQ(history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ).host_word(4), 0u);
+}
+
+TEST_F(filter, a_tick_that_outlives_its_bucket_acts_on_the_next_one_with_its_id)
+{
+    ports[9] = optical_port();
+    const uint32_t reference = subscriber(alice, 3, subscribe_status);
+    handle_events({link_event(3, 1)});
+    send(alice, unsubscribe_status, {8, reference, 3});
+    ticks.clear();
+    tick(1, 3);
+    EXPECT_TRUE(ticks.empty());
+    subscribe(alice, reference, 9, subscribe_status);
+    tick(1, 3);
+    EXPECT_EQ(leaky_bucket_find(1)->level, 0);
+    EXPECT_TRUE(ticks.empty());
+    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
+        handle_events({link_event(9, state)});
+    tick(1, 3);
+    fake_platform::take_log();
+    tick(1, 3);
+    EXPECT_EQ(fake_platform::take_log().at(0), "getlinkstatus 0x20003")
+        << "the port that it carries";
+}
+
+TEST_F(filter, events_queued_together_are_handled_newest_first)
+{
+    subscriber(alice, 3, subscribe_status);
+    handle_events({link_event(3, 1), link_event(3, 2)});
+    EXPECT_EQ(sent.size(), 1u) << "the up repeats the baseline, the down is news";
+    handle_events({link_event(3, 2), link_event(3, 1)});
+    EXPECT_EQ(sent.size(), 1u) << "the down repeats, the older up stays stored";
+}
