@@ -90,10 +90,19 @@ def exporter_goals(series):
                       series[key].value("exporter"), limit, unit)
 
 
+def linux_goals(series):
+    for key, limit in (("event", 1.2), ("flaps", 1.2), ("pm", 1.2), ("status", 1.2)):
+        each = series[f"linux {key}"]
+        yield at_most(each.title, each.ratio("linux"), limit, "times the reference")
+    for key, limit in (("cpu", 1), ("memory", 4096)):
+        each = series[f"linux idle {key}"]
+        yield at_most(each.title, each.value("linux"), limit, each.unit)
+
+
 def all_goals(series):
     parts = (("trip capabilities, 1 core", request_goals), ("fan cpu 100", fan_out_goals),
              ("growth loss 100", growth_goals), ("cost idle", cost_goals),
-             ("exporter cpu", exporter_goals))
+             ("exporter cpu", exporter_goals), ("linux event", linux_goals))
     for key, goals in parts:
         if key in series:
             yield from goals(series)
@@ -181,6 +190,18 @@ def table_of_exporter(series):
     return rows
 
 
+def table_of_linux(series):
+    """The reference is a bare listener, few flaps, or the simulated board."""
+    rows = [["", "reference", "Linux board", "ratio"]]
+    for each in series.values():
+        if each.key.startswith("linux"):
+            has_floor = "floor" in each.rounds
+            rows.append([each.title, with_unit(each.value("floor"), each.unit) if has_floor else "",
+                         with_unit(each.value("linux"), each.unit),
+                         f"{each.ratio('linux'):.2f}" if has_floor else ""])
+    return rows
+
+
 def table_of_goals(goals):
     return [["", "measure", "reached", "goal"],
             *([goal.mark, goal.title, goal.reached, goal.wanted] for goal in goals)]
@@ -201,6 +222,7 @@ def sections(bench):
     yield "Instructions of the mailbox library, in user space", table_of_mbx_instructions(series)
     yield "Traces", table_of_traces(series)
     yield f"The exporter with {exporter.PORTS} ports", table_of_exporter(series)
+    yield "The board library for Linux", table_of_linux(series)
 
 
 def print_table(rows):
