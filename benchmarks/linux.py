@@ -7,6 +7,7 @@ import fcntl
 import os
 import pathlib
 import select
+import signal
 import socket
 import struct
 import subprocess
@@ -14,7 +15,8 @@ import sys
 import time
 
 from exporter import cpu_ms
-from lab import BIN, OURS, ROOT, THEIRS, Failed, Server, Tesk, anonymous_bytes, can_connect, libc, wait_until
+from lab import (BIN, OURS, ROOT, THEIRS, Failed, Server, Tesk, anonymous_bytes, can_connect, libc,
+                 wait_until)
 
 PORTS = 512
 FLAPS = 200_000
@@ -24,7 +26,9 @@ MODULE = ROOT / "examples/modules/sfp-10g-sr.bin"
 CLONE_NEWNET, CLONE_NEWUSER = 0x40000000, 0x10000000
 TUNSETIFF, TUNSETCARRIER = 0x400454CA, 0x400454E2
 IFF_TAP, IFF_NO_PI = 2, 0x1000
-QUIET = 1.2  # seconds; the kernel reports a fall so late if it has just reported another one
+LATE = 1.2  # seconds; the kernel reports a fall so late if it has just reported another one
+QUIET = 0.4  # seconds without a line, after which none will come any more
+MOST_ROUNDS = 3
 
 
 class LinuxBoard(Server):
@@ -91,9 +95,29 @@ def measure_linux(bench):
     idle(bench)
 
 
+def next_line(listener, patience):
+    """Everything that there is to read, at most after so long; empty if nothing came."""
+    ready, _, _ = select.select([listener], [], [], patience)
+    return os.read(listener.fileno(), 65536) if ready else b""
+
+
 def await_quiet(listener):
-    while select.select([listener], [], [], QUIET)[0]:
-        os.read(listener.fileno(), 65536)
+    while next_line(listener, QUIET):
+        pass
+
+
+def time_rise(tap, listener):
+    """From our call into the kernel to the line, in microseconds."""
+    tap.set(0)
+    next_line(listener, 2 * LATE)
+    await_quiet(listener)
+    start = time.monotonic()
+    tap.set(1)
+    if not next_line(listener, 20):
+        raise Failed("a link came up, and no line says so")
+    took = time.monotonic() - start
+    await_quiet(listener)
+    return 1e6 * took
 
 
 def links(bench):
@@ -102,36 +126,35 @@ def links(bench):
     server = LinuxBoard(lab, THEIRS, interfaces=["bench0"])
     watch = lab.run([BIN / "teskctl", "--json", "watch", "--status", "0"], THEIRS, server.env)
     watch.read_line()
-    for _ in range(bench.rounds):
-        for name, listener in (("floor", bare.process.stdout), ("linux", watch.process.stdout)):
-            others = [watch, server.processes[0]] if name == "floor" else [bare]
+    followers = {"floor": [bare], "linux": [watch, *server.processes]}
+    for _ in range(min(bench.rounds, MOST_ROUNDS)):
+        for name, processes in followers.items():
+            listener = processes[0].process.stdout
+            others = [each for other in followers if other != name for each in followers[other]]
+            # One at a time, as both would be woken at once.
             for each in others:
-                each.process.send_signal(19)
-            for _ in range(3):
-                tap.set(0)
-                await_quiet(listener)
-                start = time.monotonic()
-                tap.set(1)
-                if not select.select([listener], [], [], 20)[0]:
-                    raise Failed(f"{name} doesn't report a link")
+                each.process.send_signal(signal.SIGSTOP)
+            await_quiet(listener)
+            for _ in range(4):
                 bench.add("linux event", "a rise of the link to the subscriber's line", "µs", name,
-                          1e6 * (time.monotonic() - start))
-                await_quiet(listener)
+                          time_rise(tap, listener))
             for each in others:
-                each.process.send_signal(18)
+                each.process.send_signal(signal.SIGCONT)
     lab.end(watch)
     lab.end(bare)
-    pid = server.processes[0].pid
-    for _ in range(bench.rounds):
+    flaps(bench, tap, server.processes[0].pid)
+    server.end()
+
+
+def flaps(bench, tap, pid):
+    for _ in range(min(bench.rounds, MOST_ROUNDS)):
         for name, times in (("floor", CAPPED_PAIRS), ("linux", FLAPS)):
-            time.sleep(2 * QUIET)
-            before, start = cpu_ms(pid), time.monotonic()
+            time.sleep(LATE)
+            before, end = cpu_ms(pid), time.monotonic() + 2 * LATE
             tap.flap(times)
-            took = time.monotonic() - start
-            time.sleep(max(0, 2 * QUIET - took))
+            time.sleep(max(LATE, end - time.monotonic()))
             bench.add("linux flaps", f"server CPU for {FLAPS:,} flaps, beside {CAPPED_PAIRS}", "ms",
                       name, cpu_ms(pid) - before)
-    server.end()
 
 
 def slow_module(bench):
@@ -140,7 +163,7 @@ def slow_module(bench):
     servers = [Tesk(lab, THEIRS), LinuxBoard(lab, THEIRS, interfaces=["slow0"], read_ms=SFP_READ_MS)]
     for server in servers:
         wait_until(lambda: b"rx power" in output_of(server, "pm"), "the module is measured")
-    for number in range(4 * bench.rounds):
+    for number in range(4 * min(bench.rounds, MOST_ROUNDS)):
         for server in servers[:: 1 if number % 2 else -1]:
             for command in ("pm", "status"):
                 start = time.monotonic()
@@ -159,7 +182,7 @@ def output_of(server, command):
 
 def idle(bench):
     """One stretch of time and nothing else. The bytes are those that would come from the modules."""
-    lab, seconds = bench.lab, 10 if bench.quick else 30
+    lab, seconds = bench.lab, 10 if bench.quick else 20
     pairs = [(f"idle{number}", f"idle{number + 1}") for number in range(0, PORTS, 2)]
     run_ip(*(f"link add {a} type veth peer name {b}" for a, b in pairs),
            *(f"link set {name} up" for pair in pairs for name in pair))
@@ -168,7 +191,7 @@ def idle(bench):
                         reader=[BIN / "tesk-module-reader"])
     pids = {"simulated": simulated.processes[0].pid, "library": server.processes[0].pid,
             "reader": server.reader_pid}
-    time.sleep(10)
+    time.sleep(5)
     before, begin = {name: cpu_ms(pid) for name, pid in pids.items()}, time.monotonic()
     requests, read = server.reader.ask("count")
     time.sleep(seconds)
