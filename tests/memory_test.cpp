@@ -197,6 +197,7 @@ TEST_F(memory, a_block_is_freed_exactly_once)
     });
     const int32_t id = leaky_bucket_add(100, 50);
     expect_freed(leaky_bucket_find(id), [id] { leaky_bucket_remove(id); });
+    expect_freed(leaky_bucket_find(1), [] { send(alice, unsubscribe_status, {9, 0, 3}); });
     const tesk_client *client = tesk_client_find_by_sender(alice);
     expect_freed(client, [] { lose(alice); });
     connect(bob);
