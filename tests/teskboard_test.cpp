@@ -58,7 +58,7 @@ TEST_F(teskboard_test, every_command_works_on_a_board)
     });
 }
 
-TEST_F(teskboard_test, errors_have_their_exit_codes)
+TEST_F(teskboard_test, each_failure_has_its_message_and_exit_code)
 {
     ASSERT_EQ(0, start());
     expect({
