@@ -11,7 +11,7 @@
 #include "tesk_exporter/options.h"
 #include "tesk_exporter/refresh_rules.h"
 #include "tesk_exporter/web_files.h"
-#include "teskctl/text.h"
+#include "tools/teskctl/text.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

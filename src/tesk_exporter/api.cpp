@@ -3,7 +3,7 @@
  */
 #include "tesk_exporter/api.h"
 
-#include "teskctl/text.h"
+#include "tools/teskctl/text.h"
 
 #include <cmath>
 

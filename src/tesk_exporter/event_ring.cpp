@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tesk_exporter/event_ring.h"
 
-#include "teskctl/text.h"
+#include "tools/teskctl/text.h"
 
 #include <charconv>
 

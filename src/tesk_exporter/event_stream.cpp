@@ -3,7 +3,7 @@
    has no id of it, and gets the whole state again. */
 #include "tesk_exporter/event_stream.h"
 
-#include "teskctl/text.h"
+#include "tools/teskctl/text.h"
 
 #include <cstring>
 

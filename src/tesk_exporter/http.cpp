@@ -12,7 +12,7 @@
 
 #include "tesk_exporter/host_check.h"
 #include "tesk_exporter/listener.h"
-#include "teskctl/text.h"
+#include "tools/teskctl/text.h"
 
 #include <algorithm>
 #include <charconv>

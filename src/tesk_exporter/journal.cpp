@@ -2,7 +2,7 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
 #include "tesk_exporter/journal.h"
 
-#include "teskctl/text.h"
+#include "tools/teskctl/text.h"
 
 #include <algorithm>
 #include <cctype>

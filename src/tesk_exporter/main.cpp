@@ -10,8 +10,8 @@
 #include "tesk_exporter/options.h"
 #include "tesk_exporter/refresh_rules.h"
 #include "tesk_exporter/refresher.h"
-#include "teskctl/text.h"
-#include "teskctl/tool.h"
+#include "tools/teskctl/text.h"
+#include "tools/teskctl/tool.h"
 
 #include <csignal>
 #include <fmt/format.h>

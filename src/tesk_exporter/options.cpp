@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tesk_exporter/options.h"
 
-#include "teskctl/port_list.h"
-#include "teskctl/tool.h"
+#include "tools/teskctl/port_list.h"
+#include "tools/teskctl/tool.h"
 
 #include <CLI/CLI.hpp>
 
