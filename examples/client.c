@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Shows a port as it changes: client [PORT [SECONDS]]. */
+/* Shows a port's status and its changes: client [PORT [SECONDS]]. */
 #include "tesk_client/tesk_client.h"
 
 #include <stdio.h>
@@ -8,8 +8,11 @@
 static void show(const tesk_client_port_status *status, void *user)
 {
     (void)user;
-    printf("port %u: link %s, %.1f Gbps, temperature %s\n", status->port_no,
-           tesk_client_text(TESK_CLIENT_TEXT_LINK, status->link), status->link_speed / 10.0,
+    printf("port %u: link %s", status->port_no,
+           tesk_client_text(TESK_CLIENT_TEXT_LINK, status->link));
+    if (status->link_speed != 0)
+        printf(" at %.1f Gbps", status->link_speed / 10.0);
+    printf(", temperature %s\n",
            tesk_client_text(TESK_CLIENT_TEXT_LEVEL, status->level[TESK_CLIENT_TEMPERATURE]));
 }
 

@@ -1,7 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Talks to tesk-server without the client library and shows each signal as bytes: exchange [PORT].
    It is the exchange of docs/protocol.md. */
+#if __has_include(<tesk_platform/mbx.h>)
+#include <tesk_platform/mbx.h> /* installed */
+#else
 #include "platform/mbx/mbx.h"
+#endif
 
 #include <arpa/inet.h>
 #include <stdbool.h>

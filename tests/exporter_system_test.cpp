@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk-exporter against the real server on the simulated board, asked by HTTP as others would, well
    and badly. */
-#include "system.h"
+#include "testkit/processes/processes.h"
 
 #include <arpa/inet.h>
 #include <chrono>
@@ -52,7 +52,7 @@ class http_client
     /* Reads on until the text has come, or all of it where that is empty. */
     std::string read_until(const std::string &text)
     {
-        const auto end = steady_clock::now() + rig::deadline;
+        const auto end = steady_clock::now() + testkit::deadline;
         char part[65536];
         while (text.empty() || read_.find(text) == std::string::npos) {
             pollfd polled{fd_, POLLIN, 0};
@@ -77,10 +77,10 @@ class http_client
 class exporter_system : public testing::Test
 {
   protected:
-    rig::directory directory;
+    testkit::directory directory;
     std::string socket_path = directory.path + "/http";
     std::string map_path = directory.path + "/ports";
-    std::optional<rig::server> server;
+    std::optional<testkit::server> server;
     pid_t exporter = -1;
 
     void start(const strings &options = {})
@@ -90,13 +90,13 @@ class exporter_system : public testing::Test
         strings words = {TESK_BIN_DIR "/tesk-exporter", "--listen", "unix:" + socket_path,
                          "--interval", "0.2"};
         words.insert(words.end(), options.begin(), options.end());
-        exporter = rig::start(words);
+        exporter = testkit::start(words);
     }
     void TearDown() override
     {
         if (exporter != -1) {
             kill(exporter, SIGTERM);
-            EXPECT_EQ(rig::wait_for_end(exporter), 0);
+            EXPECT_EQ(testkit::wait_for_end(exporter), 0);
             EXPECT_NE(access(socket_path.c_str(), F_OK), 0);
         }
     }
@@ -109,7 +109,7 @@ class exporter_system : public testing::Test
     /* Asks until the answer has the text, or, with `wanted` false, hasn't. */
     bool await(const std::string &path, const std::string &text, bool wanted = true)
     {
-        const auto end = steady_clock::now() + rig::deadline;
+        const auto end = steady_clock::now() + testkit::deadline;
         std::string answer;
         do {
             answer = get(path);
@@ -133,7 +133,7 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
     const std::string state = stream.read_until("\n\nid: ");
     EXPECT_NE(state.find("text/event-stream"), std::string::npos);
     EXPECT_NE(state.find("\"serial\":\"EX10G0001\""), std::string::npos);
-    rig::board("remove 0");
+    testkit::board("remove 0");
     const std::string seen = stream.read_until("\"change\":\"removed\"}");
     EXPECT_EQ(seen.find("inserted"), std::string::npos);
     EXPECT_TRUE(await("/metrics", "tesk_port_module_present{port=\"0\",interface=\"eth0\"} 0\n"));
@@ -181,7 +181,7 @@ TEST_F(exporter_system, a_laser_that_warms_up_is_graded_again)
     server.emplace();
     start({"--ports", "1"});
     ASSERT_TRUE(await("/readyz", "200 OK"));
-    rig::board("set 1 temperature=90C");
+    testkit::board("set 1 temperature=90C");
     EXPECT_TRUE(
         await("/metrics", "{port=\"1\",measurement=\"temperature\",grade=\"high_alarm\"} 1\n"));
     EXPECT_TRUE(await("/metrics", "grade_refreshes_total{result=\"done\"} 1\n"));
@@ -234,7 +234,7 @@ TEST_F(exporter_system, a_crowd_and_slow_readers_keep_nobody_from_the_metrics)
     start();
     ASSERT_TRUE(await("/readyz", "200 OK"));
     get("/metrics");
-    const long before = rig::status_of(exporter, "VmRSS");
+    const long before = testkit::status_of(exporter, "VmRSS");
     std::vector<std::unique_ptr<http_client>> crowd;
     /* 64 readers that never read, and those for whom there is no place. */
     for (int i = 0; i < 64; i++) {
@@ -255,17 +255,17 @@ TEST_F(exporter_system, a_crowd_and_slow_readers_keep_nobody_from_the_metrics)
     for (int i = 0; i < 10; i++)
         EXPECT_NE(get("/metrics").find("tesk_up 1\n"), std::string::npos);
     for (int i = 0; i < 50; i++) {
-        rig::board("set 0 link=down");
-        rig::board("set 0 link=up");
+        testkit::board("set 0 link=down");
+        testkit::board("set 0 link=up");
     }
     EXPECT_NE(get("/metrics").find("tesk_up 1\n"), std::string::npos);
-    EXPECT_LE(rig::descriptors_of(exporter), 300u);
-    const long most = rig::sanitized ? 1 << 20 : 8192;
-    EXPECT_LE(rig::status_of(exporter, "VmRSS") - before, most);
+    EXPECT_LE(testkit::descriptors_of(exporter), 300u);
+    const long most = testkit::sanitized ? 1 << 20 : 8192;
+    EXPECT_LE(testkit::status_of(exporter, "VmRSS") - before, most);
     /* Their places are found again once they have gone. */
     crowd.clear();
     EXPECT_TRUE(await("/healthz", "ok"));
-    const auto deadline = steady_clock::now() + rig::deadline;
+    const auto deadline = steady_clock::now() + testkit::deadline;
     std::string first;
     do {
         http_client stream(socket_path);
@@ -277,7 +277,7 @@ TEST_F(exporter_system, a_crowd_and_slow_readers_keep_nobody_from_the_metrics)
 
 TEST(exporter_tool, wrong_usage_says_what_to_do)
 {
-    rig::directory directory;
+    testkit::directory directory;
     std::ofstream(directory.path + "/file") << "kept";
     const std::string program = TESK_BIN_DIR "/tesk-exporter ";
     const std::tuple<std::string, int, const char *> cases[] = {
@@ -294,7 +294,7 @@ TEST(exporter_tool, wrong_usage_says_what_to_do)
     };
     for (const auto &[arguments, code, text] : cases) {
         std::string output;
-        EXPECT_EQ(rig::run(program + arguments, output), code) << arguments << output;
+        EXPECT_EQ(testkit::run(program + arguments, output), code) << arguments << output;
         EXPECT_NE(output.find(text), std::string::npos) << arguments << "\n" << output;
     }
 }

@@ -11,7 +11,7 @@
 #include "tesk_exporter/options.h"
 #include "tesk_exporter/refresh_rules.h"
 #include "tesk_exporter/web_files.h"
-#include "tools/teskctl/text.h"
+#include "tools/common/json_records.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -503,25 +503,31 @@ TEST(exporter_http, places_are_counted_and_the_slow_and_the_oldest_idle_go)
     for (auto &pair : pairs) {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
         peers.push_back(table.add(pair[0], now));
-        if (peers.size() <= 33) {
-            EXPECT_EQ(table.take_place(*peers.back(), place::metrics, now), peers.size() <= 32);
+        if (peers.size() <= 65) {
+            EXPECT_EQ(table.take_place(*peers.back(), place::stream, now), peers.size() <= 64);
         }
     }
-    /* 0 to 31 hold places; the oldest two of the others had to go. */
-    EXPECT_TRUE(is_ended(32) && is_ended(33));
-    EXPECT_FALSE(is_ended(0) || is_ended(34));
-    EXPECT_TRUE(table.take_place(*peers[40], place::page, now));
+    /* 0 to 63 are streams; the oldest two of the others had to go. */
+    EXPECT_TRUE(is_ended(64) && is_ended(65));
+    EXPECT_FALSE(is_ended(0) || is_ended(66));
+    for (size_t i = 70; i <= 102; i++)
+        EXPECT_TRUE(table.take_place(*peers[i], place::metrics, now + seconds(i)));
+    EXPECT_TRUE(is_ended(70)); /* it gave way */
+    EXPECT_FALSE(is_ended(71));
+    EXPECT_EQ(table.taken(place::metrics), 32u);
+    table.leave_place(*peers[70], now);
+    EXPECT_EQ(table.taken(place::metrics), 32u); /* and is counted once */
     table.leave_place(*peers[0], now);
-    EXPECT_TRUE(table.take_place(*peers[0], place::metrics, now));
+    EXPECT_TRUE(table.take_place(*peers[103], place::stream, now));
     peers[1]->is_waiting = true;
     now += patience - seconds(1);
-    table.take_place(*peers[50], place::stream, now);
+    table.take_place(*peers[104], place::page, now);
     table.end_overdue(now);
-    EXPECT_EQ(table.ended(), 2u);
+    EXPECT_EQ(table.ended(), 3u);
     now += seconds(1);
     table.end_overdue(now);
-    EXPECT_FALSE(is_ended(1) || is_ended(50));
-    EXPECT_TRUE(is_ended(0) && is_ended(40) && is_ended(100));
+    EXPECT_FALSE(is_ended(1) || is_ended(104) || is_ended(71));
+    EXPECT_TRUE(is_ended(0) && is_ended(2) && is_ended(110));
     for (size_t i = 0; i < pairs.size(); i++) {
         table.remove(peers[i]);
         close(pairs[i][0]);

@@ -37,8 +37,38 @@ LD_LIBRARY_PATH=$libraries expect 0 "port 0: link" "$work/outside/by_pkgconfig" 
 expect 0 "degrees" "$work/outside/by_cmake" 1 1
 stop_server
 
+# Pages and examples are where a reader looks for them, and every example compiles as installed.
+doc=$work/usr/share/doc
+for link in $(grep -ohE '\]\([^)#:]+' "$doc/tesk-server/README.md" | cut -c3-); do
+    case $link in
+    docs/* | CHANGELOG.md) [ -f "$doc/tesk-server/$link" ] || fail "README.md leads to $link, which is not installed" ;;
+    esac
+done
+for example in "$doc"/libtesk-client-dev/examples/*.c*; do
+    case $example in
+    *.cpp) compiler=c++ ;;
+    *) compiler=cc ;;
+    esac
+    "$compiler" -I"$work/usr/include" -o "$work/compiled" "$example" -L"$libraries" -ltesk_client -lmbx
+done
+[ -f "$doc/tesk-tools/examples/scenes/warm-up.scene" ] || fail "no scenes are installed"
+[ -f "$work/usr/share/man/man3/tesk_client.3" ] || fail "tesk_client(3) is not installed"
+
+# Completion, as installed, beside a server.
+completed() { # TOOL WORD.. ENDS_WITH: what is offered for the last word
+    PATH=$work/usr/bin:$PATH bash -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
+        "_$1"; echo "${COMPREPLY[*]}"' _ "$work/usr/share/bash-completion/completions/$1" "$@" 2>/dev/null
+}
+start_server
+expect 0 "14 15 all" completed teskctl pm ""
+expect 0 "0-14 0-15" completed teskctl pm 0-1
+expect 0 "temperature=" completed teskboard set 3 temp
+expect 0 "71.5C" completed teskboard set 3 temperature = ""
+stop_server
+
 # The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
-cmake -G Ninja -S "$source/examples/board" -B "$work/example" >/dev/null
+cmake -G Ninja -S "$doc/tesk-platform-sim/examples/board" -B "$work/example" \
+    -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
 cmake --build "$work/example" >/dev/null
 board=$work/example/board
 mkdir "$EXAMPLE_BOARD"
@@ -69,6 +99,8 @@ check=$work/usr/bin/tesk-abi-check
 expect 1 "libzel.so.0 is missing" "$check" "$board"
 cp "$libraries"/lib{mbx,zel,tesktmo}.so.? "$board"
 expect 0 "everything" "$check" "$board"
+expect 0 "everything" "$check" --library "$board/libzel.so.0"
+expect 2 "must begin with" "$check" --library "$board/../CMakeCache.txt"
 printf 'int mbx_init; void mbx_exit(void) {}\n' >"$work/bad.c"
 printf 'unsigned procInfo[8]; int zel_init(void) { return 0; }\n' >"$work/bad_zel.c"
 cc -shared -fPIC -o "$board/libmbx.so.1" "$work/bad.c"

@@ -12,6 +12,7 @@
 # "python FILE" is that file. The commands of a block "sh" can't be run here: each must be one of the
 # excused.
 set -u
+export LC_ALL=C.UTF-8 # the degree sign
 
 declare -A excused=(
     [./test]="runs all tests, this one among them" [cmake]="builds the tree"

@@ -137,7 +137,7 @@ TEST_F(subscriptions, two_records_that_differ_make_the_server_read_the_hardware)
 {
     ports[3].status = DOLM_RICRIPORT_STARTED;
     subscriber(alice, 3, subscribe_status); /* records that there is no module */
-    ports[3] = optical_port(); /* no event: no client has the SFP info subscription */
+    ports[3] = optical_port();              /* no event: no client has the SFP info subscription */
     trace({1});
     subscriber(bob, 3, subscribe_info);
     EXPECT_EQ(sent.at(1).word(16), uint32_t{TESK_SFP_OPTICAL});

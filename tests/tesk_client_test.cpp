@@ -4,7 +4,9 @@
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <filesystem>
@@ -13,12 +15,46 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <mbx.h>
+#include <new>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 static constexpr uint32_t server = 7, stranger = 8, client_id = 41;
 static const uint32_t own_ref = static_cast<uint32_t>(getpid());
+
+static thread_local long allocations_left = -1; // no limit
+
+void *operator new(size_t size)
+{
+    if (allocations_left == 0)
+        throw std::bad_alloc();
+    allocations_left -= allocations_left > 0;
+    return std::malloc(size);
+}
+void operator delete(void *block) noexcept
+{
+    std::free(block);
+}
+void operator delete(void *block, size_t) noexcept
+{
+    std::free(block);
+}
+
+namespace
+{
+
+// The scripted mbx and the callbacks are not what is starved.
+struct without_limit {
+    ~without_limit()
+    {
+        allocations_left = left;
+    }
+    long left = std::exchange(allocations_left, -1);
+};
+
+} // namespace
+
 namespace
 {
 
@@ -35,6 +71,7 @@ struct scripted_mbx {
     // Words behind the number go out in network order, as the server sends them, then a text.
     void deliver(words_of words, size_t size = 0, const char *text = "", uint32_t sender = server)
     {
+        const without_limit unlimited;
         for (size_t i = 1; i < words.size() && words[0] >= 0x1000; i++)
             words[i] = __builtin_bswap32(words[i]);
         const size_t known = words.size() * sizeof(uint32_t);
@@ -101,6 +138,7 @@ int mbx_get_fd()
 }
 mbx_signal *mbx_alloc(size_t size, uint32_t number)
 {
+    const without_limit unlimited;
     auto *made = static_cast<mbx_signal *>(std::calloc(1, size));
     made->number = number;
     mbx.live[made] = {size, server};
@@ -113,6 +151,7 @@ void mbx_free(mbx_signal **signal)
 }
 void mbx_send(mbx_signal **signal, uint32_t receiver, uint32_t)
 {
+    const without_limit unlimited;
     words_of words(mbx_size(*signal) / sizeof(uint32_t));
     std::memcpy(words.data(), *signal, mbx_size(*signal));
     for (size_t i = 1; i < words.size(); i++)
@@ -165,6 +204,7 @@ static strings heard; // by the callbacks: "status 3 2", "4 why", "lost"
 
 static void on_answer(const tesk_client_answer *answer, void *)
 {
+    const without_limit unlimited;
     heard.push_back(std::to_string(answer->port_no) + " " + answer->text);
 }
 
@@ -178,10 +218,12 @@ struct client : testing::Test {
         mbx.react = obliging_server;
         heard.clear();
         options.on_port_status = [](const tesk_client_port_status *status, void *) {
+            const without_limit unlimited;
             heard.push_back("status " + std::to_string(status->port_no) + " " +
                             std::to_string(status->link));
         };
         options.on_event = [](const tesk_client_event *event, void *) {
+            const without_limit unlimited;
             const char *names[] = {"lost", "restored", "subscription lost: "};
             heard.push_back(names[event->type]);
             if (event->type == TESK_CLIENT_EVENT_SUBSCRIPTION_LOST)
@@ -411,6 +453,71 @@ TEST_F(client, a_session_that_ends_answers_its_requests_and_a_callback_cannot_wa
     tesk_client_request(session, TESK_CLIENT_REQUEST_PM, 1, nested, session);
     tesk_client_close(std::exchange(session, nullptr));
     EXPECT_EQ(heard, strings{"end"});
+}
+
+TEST_F(client, a_lack_of_memory_is_a_result_and_loses_no_request)
+{
+    options.deadline_ms = 30;
+    options.reconnect = true;
+    long failed = 1;
+    for (long left = 0; failed > 0; left++) {
+        heard.clear();
+        mbx.react = obliging_server;
+        allocations_left = left;
+        failed = connect() == TESK_CLIENT_OK ? 0 : 1;
+        allocations_left = -1;
+        ASSERT_EQ(session == nullptr, failed == 1);
+        if (failed == 1)
+            continue;
+        allocations_left = left / 4; // each step by itself, too
+        const long accepted = request(TESK_CLIENT_REQUEST_PM, 1) == TESK_CLIENT_OK ? 1 : 0;
+        failed += 1 - accepted;
+        failed += tesk_client_subscribe(session, TESK_CLIENT_PORT_STATUS, 2) != TESK_CLIENT_OK;
+        failed += read_history() != TESK_CLIENT_OK;
+        {
+            const without_limit unlimited;
+            mbx.deliver({MBX_MONITOR_DEFAULT_NO});
+        }
+        failed += tesk_client_run(session, 5) != TESK_CLIENT_OK;
+        allocations_left = -1;
+        for (int i = 0; i < 100 && !tesk_client_connected(session); i++)
+            tesk_client_run(session, 10);
+        EXPECT_TRUE(tesk_client_connected(session)) << left;
+        tesk_client_close(std::exchange(session, nullptr));
+        EXPECT_EQ(accepted,
+                  std::ranges::count_if(
+                      heard, [](const std::string &text) { return text.starts_with("1 "); }))
+            << left;
+        EXPECT_TRUE(mbx.live.empty()) << left;
+    }
+}
+
+TEST_F(client, a_rejection_is_known_by_its_text)
+{
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    static std::pair<uint32_t, const char *> rejected;
+    mbx.react = [](const auto &request) {
+        mbx.deliver({TESK_GET_PM_COUNTERS_REJ, request[1], own_ref, request[3], rejected.first},
+                    sizeof(tesk_port_rej), rejected.second);
+    };
+    const std::tuple<uint32_t, const char *, tesk_client_rejection> cases[] = {
+        {2, "anything", TESK_CLIENT_REJECTION_NO_PORT},
+        {1, "invalid port", TESK_CLIENT_REJECTION_NO_PORT},
+        {1, "no device (e.g. port ID is unknown)", TESK_CLIENT_REJECTION_NO_PORT},
+        {1, "not available (e.g. SFP EEPROM is not available)", TESK_CLIENT_REJECTION_NO_MODULE},
+        {1, "already subscribed", TESK_CLIENT_REJECTION_SUBSCRIBED},
+        {1, "client is not subscribed", TESK_CLIENT_REJECTION_NOT_SUBSCRIBED},
+        {1, "invalid port number", TESK_CLIENT_REJECTION_OTHER},
+        {1, "", TESK_CLIENT_REJECTION_OTHER},
+    };
+    for (const auto &[code, text, rejection] : cases) {
+        rejected = {code, text};
+        EXPECT_EQ(tesk_client_read_pm(session, 1, &pm), TESK_CLIENT_REJECTED);
+        EXPECT_EQ(tesk_client_error_rejection(), rejection) << text;
+        EXPECT_STREQ(tesk_client_error(), text);
+    }
+    EXPECT_EQ(tesk_client_read_pm(nullptr, 1, &pm), TESK_CLIENT_MISUSE);
+    EXPECT_EQ(tesk_client_error_rejection(), TESK_CLIENT_REJECTION_NONE);
 }
 
 TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)

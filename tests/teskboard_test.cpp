@@ -38,6 +38,8 @@ TEST_F(teskboard_test, every_command_works_on_a_board)
     ASSERT_EQ(0, start());
     expect({
         {"link 3 up --speed 10.1", 0, "^0 events\n$"},
+        {"show 3 --json", 0, R"("speed":10.1,)"},
+        {"set 3 speed=0x55; " TESK_BIN_DIR "/teskboard show 3 --json", 0, R"("speed":null,)"},
         {"link 3 up --json --again", 0, R"(^\{"ports":1,"events":0\}\n$)"},
         {"insert 13-14 --module lc --vendor 'A B\\x01' temperature=71.5C", 0, "^0 events"},
         {"set 13 vendor_pn=X voltage=3.4V module_status=2", 0, "events"},
@@ -64,6 +66,9 @@ TEST_F(teskboard_test, what_goes_wrong_is_told_with_its_exit_code)
         {"set 3 temperature=5kV", 2, "it takes a number with C"},
         {"lnk 3 up", 2, "no command is called 'lnk'.*link"},
         {"insert 3 --module duck", 2, "lc-own"},
+        {"link 3 up --speed 7", 2, "7 is not a speed: 1.2, 2.5, 4.9, 9.8, 10.1 or 10"},
+        {"link 3 up --speed=-1", 2, "not a speed"},
+        {"set --help", 0, "temperature +71.5C\n(.*\n)*Thresholds"},
         {"link 3", 2, "STATE is required"},
         {"show > /dev/full", 5, ""},
         {"--help > /dev/full", 5, ""},

@@ -2,15 +2,23 @@
 /* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
    codes and reconnection against the real server on the simulated board. */
 #include "testkit/processes/processes.h"
-#include "tools/teskctl/port_list.h"
-#include "tools/teskctl/tool.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/json_records.h"
+#include "tools/common/port_list.h"
+#include "tools/common/units.h"
+#include "tools/teskctl/history_fold.h"
+#include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_view.h"
+#include "tools/common/words.h"
+#include "util/escape.h"
 
+#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <optional>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace
@@ -34,6 +42,8 @@ TEST(teskctl, units_are_those_of_a_data_sheet)
     EXPECT_EQ(dbm(1000) + milliwatts(1000), "0.00 dBm1.000 mW");
     EXPECT_EQ(dbm(501), "-3.00 dBm");
     EXPECT_EQ(dbm(0), "< -30.00 dBm");
+    EXPECT_EQ(celsius(-399), "-39.9 C");
+    setlocale(LC_CTYPE, "C.UTF-8");
     EXPECT_EQ(celsius(-399), "-39.9 °C");
     EXPECT_EQ(volts(33000) + " " + milliamperes(601), "3.3000 V 6.01 mA");
     EXPECT_EQ(gbps(101), "10.1 Gbps");
@@ -63,39 +73,175 @@ TEST(teskctl, a_table_fits_its_width_and_loses_nothing)
     EXPECT_EQ(shown.text(0), "PORT  WHAT\n12    one two three four five six\n");
 }
 
+static std::string page_text(const strings &page)
+{
+    std::string text;
+    for (const std::string &line : page)
+        text += line + "\n";
+    return text;
+}
+
+static tesk_client_port_status status_of(uint32_t port_no)
+{
+    tesk_client_port_status status{};
+    status.port_no = port_no;
+    status.link = TESK_CLIENT_LINK_OPERATIONAL;
+    status.link_speed = 101;
+    status.sfp_type = TESK_CLIENT_SFP_OPTICAL;
+    return status;
+}
+
 TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
 {
     top_view view({3, 4});
-    tesk_client_port_status status{};
-    status.port_no = 3;
-    status.link = TESK_CLIENT_LINK_OPERATIONAL;
-    status.link_speed = 101;
-    view.heard(status);
+    tesk_client_port_status status = status_of(3);
+    view.show(status);
     status.level[TESK_CLIENT_TEMPERATURE] = TESK_CLIENT_LEVEL_HIGH_ALARM;
-    view.heard(status);
+    view.show(status);
     tesk_client_pm pm{};
+    pm.port_no = 3;
+    pm.sfp_type = TESK_CLIENT_SFP_OPTICAL;
     pm.has_temperature = true;
     pm.temperature = 952;
-    view.port(3).pm = pm;
+    view.show(pm);
     const std::tuple<size_t, size_t, const char *> windows[] = {
         {120, 24, " A 95.2 "},
         {120, 24, " temperature high alarm"},
-        {80, 24, "AGE TX dBm   RX dBm   BIAS mA  VCC V   TEMP °C CHG"},
-        {80, 5, "\n4     "},
+        {80, 24, "AGE TX dBm   RX dBm   BIAS mA  TEMP °C CHG"},
+        {80, 5, "\n 4     "},
         {80, 1, "2 of 2 ports not shown"},
-        {60, 24, "PORT  LINK SPEED MODULE     AGE TX dBm   RX dBm   TEMP °C"},
-        {40, 24, "\n3     up   none       o        A 95.2 "},
-        {4, 24, "\n3   \n"},
+        {60, 24, " PORT  LINK MODULE           TX dBm   RX dBm   TEMP °C"},
+        {40, 24, "\n>3     up   o        A 95.2 "},
+        {40, 24, "\nport 3: "},
+        {4, 24, "\n>3  \n"},
     };
     for (const auto &[width, height, shown] : windows) {
         const strings page = view.lines(width, height, false, "away since 12:00:00, waiting");
         EXPECT_LE(page.size(), height);
-        std::string text;
-        for (const std::string &line : page) {
+        for (const std::string &line : page)
             EXPECT_LE(display_width(line), width) << line;
-            text += line + "\n";
+        EXPECT_NE(page_text(page).find(shown), std::string::npos) << shown << "\n"
+                                                                  << page_text(page);
+    }
+}
+
+TEST(teskctl, top_marks_a_grade_whose_value_has_moved_since)
+{
+    const struct {
+        tesk_client_measurement measurement;
+        uint32_t then, now;
+        bool moved;
+    } cases[] = {
+        {TESK_CLIENT_TX_POWER, 1000, 1258, false},  {TESK_CLIENT_TX_POWER, 1000, 1260, true},
+        {TESK_CLIENT_RX_POWER, 1000, 800, false},   {TESK_CLIENT_RX_POWER, 1000, 790, true},
+        {TESK_CLIENT_RX_POWER, 1, 0, false},        {TESK_CLIENT_RX_POWER, 0, 2, true},
+        {TESK_CLIENT_TEMPERATURE, 400, 449, false}, {TESK_CLIENT_TEMPERATURE, 400, 350, true},
+        {TESK_CLIENT_VCC, 33000, 33659, false},     {TESK_CLIENT_VCC, 33000, 32340, true},
+        {TESK_CLIENT_TX_BIAS, 600, 659, false},     {TESK_CLIENT_TX_BIAS, 600, 540, true},
+        {TESK_CLIENT_TX_BIAS, 0, 0, false},         {TESK_CLIENT_TX_BIAS, 0, 1, true},
+    };
+    for (const auto &[measurement, then, now, moved] : cases) {
+        auto values = [](uint32_t value) {
+            tesk_client_pm pm{};
+            pm.sfp_type = TESK_CLIENT_SFP_OPTICAL;
+            pm.has_tx_power = pm.has_rx_power = pm.has_temperature = pm.has_voltage = true;
+            pm.has_tx_bias = true;
+            pm.tx_power = pm.rx_power = pm.voltage = pm.tx_bias = value;
+            pm.temperature = static_cast<int32_t>(value);
+            return pm;
+        };
+        top_port port;
+        take(port, status_of(0));
+        take(port, values(then));
+        take(port, values(now));
+        EXPECT_EQ(has_moved(port, measurement), moved) << measurement << " " << now;
+        take(port, status_of(0)); /* graded anew */
+        take(port, values(now));
+        EXPECT_FALSE(has_moved(port, measurement));
+    }
+}
+
+TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
+{
+    std::vector<uint32_t> ports(500);
+    for (uint32_t i = 0; i < 500; i++)
+        ports[i] = i;
+    top_view view(ports);
+    for (const uint32_t port_no : ports)
+        view.show(status_of(port_no));
+    key_parser parser;
+    auto page_after = [&](const char *bytes, size_t height) {
+        for (const key &pressed : parser.parse(bytes))
+            view.press(pressed);
+        const strings page = view.lines(80, height, false, "");
+        EXPECT_LE(page.size(), height);
+        return page_text(page);
+    };
+    auto expect_in = [&](const char *bytes, size_t height, const char *shown) {
+        const std::string text = page_after(bytes, height);
+        EXPECT_NE(text.find(shown), std::string::npos) << bytes << shown << "\n" << text;
+    };
+    expect_in("", 24, "\n>0 ");
+    auto alarm = status_of(412);
+    alarm.level[TESK_CLIENT_TX_BIAS] = TESK_CLIENT_LEVEL_LOW_ALARM;
+    view.show(alarm);
+    expect_in("", 24, "\n>412 ");
+    expect_in("\x1b[B", 24, "\n>0 ");
+    view.show(status_of(412)); /* the alarm is over, and its row below the window */
+    expect_in("", 24, "outside of the window 1 port changed, last port 412: ");
+    expect_in("\x1b[6~", 24, "\n>20 ");
+    expect_in("\x1b[", 24, "\n>20 "); /* one sequence in two reads */
+    expect_in("B", 24, "\n>21 ");
+    expect_in("\x1b[F", 24, "rows 481-500 of 500");
+    expect_in("s\x1b[H", 24, "\n>0 ");
+    expect_in("/410-412\r", 24, "\n 412 ");
+    expect_in("\x1b", 24, "of 500");
+    expect_in("/port, \x7f\x7f\x7f\x7f\x7f\x7fLOW ALARM", 24, "0 ports; Enter keeps");
+    expect_in("\x1b", 24, "of 500");
+    expect_in("", 5, "rows 1-1 of 500");
+    expect_in("?", 24, "g         read the grades");
+    EXPECT_EQ(view.press({key_code::letter, 'q'}), top_view::action::quit);
+}
+
+TEST(teskctl, a_history_is_folded_only_where_records_belong_together)
+{
+    struct action {
+        uint64_t time_us;
+        uint32_t port_no, client_id, kind;
+    };
+    const std::pair<std::vector<action>, strings> cases[] = {
+        /* three clients are notified of one change */
+        {{{1, 5, 1, 5}, {2, 5, 2, 5}, {3, 5, 3, 5}},
+         {"5 port status indication for clients 1 (reference 0), 2 (reference 0), 3 (reference "
+          "0)"}},
+        /* one client subscribes to three ports, with the indications between */
+        {{{1, 5, 1, 1}, {1, 5, 1, 5}, {2, 6, 1, 1}, {2, 6, 1, 5}, {3, 8, 1, 1}},
+         {"5-6,8 port status subscribed for client 1 (reference 0)",
+          "5-6 port status indication for client 1 (reference 0)"}},
+        /* the same again, other clients and ports, and later ones are events of their own */
+        {{{1, 5, 1, 5}, {2, 5, 1, 5}},
+         strings(2, "5 port status indication for client 1 (reference 0)")},
+        {{{1, 5, 1, 5}, {2, 6, 2, 5}},
+         {"5 port status indication for client 1 (reference 0)",
+          "6 port status indication for client 2 (reference 0)"}},
+        {{{1, 5, 1, 5}, {10'002, 5, 2, 5}},
+         {"5 port status indication for client 1 (reference 0)",
+          "5 port status indication for client 2 (reference 0)"}},
+    };
+    for (const auto &[actions, expected] : cases) {
+        std::vector<history_entry> entries;
+        for (const auto &[time_us, port_no, client_id, kind] : actions) {
+            tesk_client_history_record record{};
+            record.time_us = time_us;
+            record.port_no = port_no;
+            record.client_id = client_id;
+            record.action = kind;
+            entries.push_back({TESK_CLIENT_HISTORY_ACTIONS, record});
         }
-        EXPECT_NE(text.find(shown), std::string::npos) << shown << "\n" << text;
+        strings folded;
+        for (const folded_entry &each : fold(entries))
+            folded.push_back(each.ports + " " + each.what);
+        EXPECT_EQ(folded, expected);
     }
 }
 
@@ -129,6 +275,9 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("--help", 0, {"history"});
     expect("--version", 0, {"teskctl 1."});
     expect("", 2, {"subcommand"});
+    expect("statsu 0", 2, {"'statsu'", "did you mean 'status'"});
+    expect("help status", 0, {"teskctl status"});
+    expect("ping --count 0", 2, {"--count"});
     expect("pm", 2, {"required"});
     expect("pm 3-1", 2, {"comes before"});
     expect("watch", 2, {"--sfp"});
@@ -137,6 +286,15 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("--json pm 0", 3, {"\"event\":\"error\",\"exit_code\":3,", "teskctl: no server"});
     server.emplace();
     expect("--json pm 0,900", 1, {"_dbm", "\"event\":\"rejected\"", "teskctl: port 900: pm: "});
+    expect("pm 0-15", 0, {"port 0: optical\n", "port 12: no module\n"});
+    expect("pm 12,20-22,24", 1, {"port 12: no module\n", "ports 20-22,24: pm: no such port\n"});
+    expect("sfp 7,12", 0, {"\n7     module not ready\n", "\n12    no module\n"});
+    expect("status 12", 0, {"\n12    not operational, no module\n"});
+    expect("ports", 0, {"\n0     optical", "\n15    no module"});
+    expect("ports --numbers", 0, {"\n14\n15\n"});
+    expect("pm all | grep -c ^port", 0, {"16\n"});
+    expect("pm 0-9999 | grep -c ^port", 0, {"16\n"});
+    expect("ports --status 0", 0, {"LINK", "up 9.8 Gbps  ok"});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
     EXPECT_EQ(run("--version; " TESK_BIN_DIR "/tesk-abi-check " TESK_LIB_DIR " > /dev/full"), 5);
     setenv("MBX_LOCATE_MS", "100", 1);
@@ -164,6 +322,10 @@ TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_k
         {"ping -c 1 | tail -1", "time event requests answers loss_percent min_ms avg_ms max_ms "
                                 "mdev_ms"},
         {"status 900", "time event request port code text"},
+        {"ports --status 0", "time event port name module tx_power_mw tx_power_dbm rx_power_mw "
+                             "rx_power_dbm temperature_c voltage_v tx_bias_ma loss_of_signal "
+                             "loss_of_frame bit_errors link speed_gbps worst_level"},
+        {"doctor", "check state text remedy"},
         {"top 0 --for 0.3", "time event port module speed_gbps vendor part revision serial "
                             "date_code product product_ext"},
     };
@@ -201,6 +363,49 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     EXPECT_FALSE(wait_for("any more"));
     EXPECT_EQ(WEXITSTATUS(pclose(watch)), 0);
     expect("history actions", 0, {"sfp info unsubscribed", "port status unsubscribed"});
+}
+
+TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
+{
+    server.emplace();
+    run("pm all; " TESK_BIN_DIR "/teskctl ports; " TESK_BIN_DIR "/teskctl --json history");
+    expect("history", 0, {"TIME  PORT  WHAT\n"});
+    run("status 0; " TESK_BIN_DIR "/teskctl sfp 0; " TESK_BIN_DIR "/teskctl ports --status 0");
+    expect("--json history actions | grep -c action", 0, {"6\n"});
+}
+
+TEST_F(teskctl_system, ports_are_named_by_the_port_map)
+{
+    const std::string map = directory.path + "/ports";
+    setenv("DOLM_RIC_PORT_MAP", map.c_str(), 1);
+    testkit::run("printf '# tesk-ports 1\n3\teth3\n7\tx\033[2J\n' >" + map, output);
+    server.emplace();
+    expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  optical"});
+    expect("--json ports 3", 0, {"\"port\":3,\"name\":\"eth3\","});
+    expect("pm all | grep -c ^port", 0, {"2\n"});
+    testkit::run("echo wrong >" + map, output);
+    expect("ports", 0, {"port map ignored: ", "line 1", "\n15 "});
+    unsetenv("DOLM_RIC_PORT_MAP");
+}
+
+TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
+{
+    expect("--wait=0.2 pm 0", 3, {"no server"});
+    expect("doctor", 3, {"wrong  server     no process", "-> MBX_DIR="});
+    std::string waited;
+    FILE *waiting = popen(TESK_BIN_DIR "/teskctl --wait pm 0", "r");
+    server.emplace();
+    char line[64];
+    EXPECT_STREQ(std::fgets(line, sizeof(line), waiting), "port 0: optical\n");
+    pclose(waiting);
+    expect("doctor", 0, {"ok     server     process"});
+    chmod((directory.path + "/mbx").c_str(), 0777);
+    expect("doctor", 1, {"every user can take", "chmod o-w"});
+    chmod((directory.path + "/mbx").c_str(), 0700);
+    kill(server->pid, SIGSTOP);
+    setenv("MBX_LOCATE_MS", "100", 1);
+    expect("--timeout 0.1 doctor", 3, {"has the server's name, but"});
+    kill(server->pid, SIGCONT);
 }
 
 TEST_F(teskctl_system, the_examples_work)

@@ -81,7 +81,7 @@ class CAnswer(ctypes.Structure):
     _fields_ = [
         ("request", c_int), ("port_no", c_uint32), ("result", c_int), ("error_code", c_int32),
         ("text", c_char_p), ("pm", POINTER(CPm)), ("capabilities", POINTER(CCapability)),
-        ("history", POINTER(CHistoryRecord)), ("count", c_size_t),
+        ("history", POINTER(CHistoryRecord)), ("count", c_size_t), ("rejection", c_int),
     ]
 
 

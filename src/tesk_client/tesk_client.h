@@ -1,18 +1,23 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_client - talks to tesk-server for a program, in C or C++.
+/* tesk_client - the client library of tesk-server, for programs in C or C++.
 
-   A session is one program's connection to the server. It belongs to the thread that connected it,
-   a thread has at most one, and every call on it comes from that thread, but for tesk_client_stop.
-   The library has no threads and no signal handlers of its own: it works inside the calls that are
-   made to it. A program either lets tesk_client_run wait, or polls tesk_client_fd in a loop of its
-   own and calls tesk_client_dispatch when it is readable.
+   A session is one program's connection to the server. It belongs to the thread that connected it:
+   a thread has at most one session, and all calls on it except tesk_client_stop must come from that
+   thread. The library has no threads and no signal handlers of its own; it works only inside calls
+   to it. A program either lets tesk_client_run wait, or polls tesk_client_fd in its own loop and
+   calls tesk_client_dispatch when the descriptor is readable.
 
-   Calls that answer (subscribe, unsubscribe, the read_ calls) wait for the server; callbacks go on
-   meanwhile. They can't be made inside a callback; tesk_client_request can, and waits for nothing.
-   Each request has a deadline: whatever the server does, it is answered, failed or timed out.
+   Blocking calls (subscribe, unsubscribe, the read_ calls) wait for the server's answer; callbacks
+   are called meanwhile. A callback can't make a blocking call, but it can call tesk_client_request,
+   which never waits. Each request has a deadline and always completes: answered, failed or timed
+   out.
 
-   Numbers are in host order. A text is bytes from a module's memory: terminated inside its array,
-   but with anything in it; escape it before it goes to a terminal. */
+   No exception crosses this interface. Where memory is exhausted, a call returns TESK_CLIENT_FAILED
+   and the session stays usable; only a signal that libmbx can't allocate ends the process, with one
+   line on standard error.
+
+   Numbers are in host byte order. Texts come from a module's memory: they are terminated inside
+   their arrays, but may contain any bytes; escape them before they go to a terminal. */
 #ifndef TESK_CLIENT_H
 #define TESK_CLIENT_H
 
@@ -29,8 +34,8 @@ typedef struct tesk_client_session tesk_client_session;
 typedef enum tesk_client_result {
     TESK_CLIENT_OK = 0,
     TESK_CLIENT_REJECTED = 1,    /* the server refused and gave a text */
-    TESK_CLIENT_MISUSE = 2,      /* a wrong argument, thread or moment; nothing was sent */
-    TESK_CLIENT_NO_SERVER = 3,   /* nobody answers to the server's name */
+    TESK_CLIENT_MISUSE = 2,      /* a wrong argument, or a call that isn't allowed here */
+    TESK_CLIENT_NO_SERVER = 3,   /* no process owns the server's mailbox name */
     TESK_CLIENT_NO_ACCESS = 4,   /* the server's mailbox or the port map is not for this user */
     TESK_CLIENT_TIMEOUT = 5,     /* no answer before the deadline; what the server did is unknown */
     TESK_CLIENT_LOST = 6,        /* the server went away before it answered */
@@ -40,8 +45,18 @@ typedef enum tesk_client_result {
     TESK_CLIENT_BAD_PORT_MAP = 10, /* it is not a port map; tesk_client_error says which line */
 } tesk_client_result;
 
+/* Why the server rejected a request, as far as its text says. */
+typedef enum tesk_client_rejection {
+    TESK_CLIENT_REJECTION_NONE = 0,           /* it did not reject */
+    TESK_CLIENT_REJECTION_OTHER = 1,          /* any reason that isn't listed here: see the text */
+    TESK_CLIENT_REJECTION_NO_PORT = 2,        /* the port doesn't exist */
+    TESK_CLIENT_REJECTION_NO_MODULE = 3,      /* no module in the port, or none that can be read */
+    TESK_CLIENT_REJECTION_SUBSCRIBED = 4,     /* this session is subscribed already */
+    TESK_CLIENT_REJECTION_NOT_SUBSCRIBED = 5, /* this session is not subscribed */
+} tesk_client_rejection;
+
 /* The enumerations of the server. Fields that hold them are plain words, since a newer server may
-   send values that aren't here; tesk_client_text has a text for those, too. */
+   send values that aren't listed here; tesk_client_text has a text for those, too. */
 enum tesk_client_sfp_type {
     TESK_CLIENT_SFP_NOT_PRESENT = 0,
     TESK_CLIENT_SFP_ELECTRICAL = 1,
@@ -55,7 +70,7 @@ enum tesk_client_link {
     TESK_CLIENT_LINK_OPERATIONAL = 2,
 };
 
-/* How a measured value stands against the thresholds of its module. */
+/* The grade of a measured value against the thresholds of its module. */
 enum tesk_client_level {
     TESK_CLIENT_LEVEL_OK = 0,
     TESK_CLIENT_LEVEL_LOW_WARNING = 1,
@@ -66,7 +81,7 @@ enum tesk_client_level {
     TESK_CLIENT_LEVEL_NOT_SUPPORTED = 6,
 };
 
-/* Which value a level grades: the index into the arrays of levels. */
+/* The measured value that a level belongs to: the index into the arrays of levels. */
 enum tesk_client_measurement {
     TESK_CLIENT_TX_POWER,
     TESK_CLIENT_RX_POWER,
@@ -108,11 +123,11 @@ enum tesk_client_action {
     TESK_CLIENT_ACTION_SFP_INDICATION = 6,
 };
 
-/* Which module is in a port. All texts are empty where no module could be read. */
+/* The module in a port. All texts are empty if no module could be read. */
 typedef struct tesk_client_sfp_info {
     uint32_t port_no;
     uint32_t type;         /* tesk_client_sfp_type */
-    char morvaine_rdh[15]; /* the maker's product text */
+    char morvaine_rdh[15]; /* product text of the manufacturer */
     char morvaine_rdh_ext[6];
     char vendor_name[17];
     char vendor_pn[17];
@@ -122,17 +137,17 @@ typedef struct tesk_client_sfp_info {
     uint32_t speed; /* nominal, in 0.1 Gbps; 0: not given */
 } tesk_client_sfp_info;
 
-/* How a port is. */
+/* The state of a port. */
 typedef struct tesk_client_port_status {
     uint32_t port_no;
-    uint32_t link;       /* tesk_client_link */
-    uint32_t sfp_type;   /* tesk_client_sfp_type */
-    uint32_t link_speed; /* in 0.1 Gbps; 0 without a link or where it isn't known */
+    uint32_t link;                            /* tesk_client_link */
+    uint32_t sfp_type;                        /* tesk_client_sfp_type */
+    uint32_t link_speed;                      /* in 0.1 Gbps; 0 without a link or if not known */
     uint32_t level[TESK_CLIENT_MEASUREMENTS]; /* tesk_client_level */
     uint32_t environment;                     /* tesk_client_environment */
 } tesk_client_port_status;
 
-/* The measured values of a port. A value counts where its has_ flag is set and is 0 elsewhere. */
+/* The measured values of a port. A value is valid if its has_ flag is set, and 0 otherwise. */
 typedef struct tesk_client_pm {
     uint32_t port_no;
     uint32_t sfp_type; /* tesk_client_sfp_type */
@@ -159,27 +174,27 @@ typedef struct tesk_client_capability {
     uint32_t value;
 } tesk_client_capability;
 
-/* One record of the server's history. The fields behind port_no are those of its kind; the others
-   are 0. */
+/* One record of the server's history. After port_no only the fields of the record's kind are set;
+   the others are 0. */
 typedef struct tesk_client_history_record {
     uint64_t time_us; /* wall clock, microseconds since 1970 */
     uint32_t port_no;
     /* port status */
-    uint32_t port_state;                      /* tesk_client_port_state */
-    int32_t filter_level;                     /* 0 to 100; indications stay back from 50 on */
+    uint32_t port_state;  /* tesk_client_port_state */
+    int32_t filter_level; /* 0 to 100; from 50 on the filter holds indications back */
     uint32_t level[TESK_CLIENT_MEASUREMENTS]; /* tesk_client_level */
     /* SFP info */
     uint32_t presence; /* tesk_client_presence */
     /* actions */
     uint32_t action;    /* tesk_client_action */
-    uint32_t client_id; /* the server's number of the client */
-    uint32_t conn_ref;  /* the client's own; a program that uses this library gives its pid */
+    uint32_t client_id; /* the server's number for the client */
+    uint32_t conn_ref;  /* the client's own reference; this library uses the process id */
 } tesk_client_history_record;
 
 /* How many records the server keeps of each kind. */
 #define TESK_CLIENT_HISTORY_LENGTH 30
 
-/* What can be subscribed to on a port. */
+/* The kinds of subscription to a port. */
 typedef enum tesk_client_kind {
     TESK_CLIENT_SFP_INFO,
     TESK_CLIENT_PORT_STATUS,
@@ -191,7 +206,7 @@ typedef enum tesk_client_history_kind {
     TESK_CLIENT_HISTORY_ACTIONS,
 } tesk_client_history_kind;
 
-/* What happens to a session as a whole. */
+/* Events of the session as a whole. */
 typedef enum tesk_client_event_type {
     TESK_CLIENT_EVENT_LOST,              /* the server went away */
     TESK_CLIENT_EVENT_RESTORED,          /* it is back; the subscriptions are being renewed */
@@ -200,69 +215,71 @@ typedef enum tesk_client_event_type {
 
 typedef struct tesk_client_event {
     tesk_client_event_type type;
-    tesk_client_kind kind; /* of the lost subscription, and so the three below */
+    /* The fields below are those of the lost subscription. */
+    tesk_client_kind kind;
     uint32_t port_no;
     tesk_client_result result;
-    const char *text; /* the server's or the library's; good during the callback */
+    const char *text; /* the server's or the library's; valid during the callback */
 } tesk_client_event;
 
-/* How a session works. 0 and null stand for the default. Callbacks run inside the calls that are
-   made on the session, never elsewhere; they may make requests, must not throw, and what they are
-   given is good until they return. */
+/* Options of a session. 0 and null select the default. Callbacks are called only inside calls on
+   the session. They may make requests and must not throw; their arguments are valid until they
+   return. */
 typedef struct tesk_client_options {
-    uint32_t deadline_ms;      /* of each request, from the call on; 2000 */
-    uint32_t window;           /* requests on their way to the server at once; 16; others queue */
-    bool reconnect;            /* look for the server again when it has gone, and subscribe again */
-    uint32_t retry_ms;         /* before the first look, doubled for each next one; 100 */
-    uint32_t longest_retry_ms; /* where the doubling ends; 2000 */
+    uint32_t deadline_ms;      /* of each request, from the call on; default 2000 */
+    uint32_t window;           /* requests in flight at most, others are queued; default 16 */
+    bool reconnect;            /* after a loss: look for the server again, and subscribe again */
+    uint32_t retry_ms;         /* delay before the first retry, doubled each time; default 100 */
+    uint32_t longest_retry_ms; /* upper limit of that delay; default 2000 */
     void (*on_sfp_info)(const tesk_client_sfp_info *info, void *user);
     void (*on_port_status)(const tesk_client_port_status *status, void *user);
     void (*on_event)(const tesk_client_event *event, void *user);
-    void *user; /* handed to the three callbacks */
+    void *user; /* passed to the three callbacks */
 } tesk_client_options;
 
-/* Connects to the server. `options` may be null. On success gives a session, which
-   tesk_client_close ends; on failure a null pointer. Looks for the server's name for as long as
-   libmbx does, and waits for its answer until the deadline. */
+/* Connects to the server. `options` may be null. On success `*session` must be closed with
+   tesk_client_close; on failure it is null. Locating the server's name takes as long as libmbx
+   allows; the server's answer is awaited until the deadline. */
 tesk_client_result tesk_client_connect(const tesk_client_options *options,
                                        tesk_client_session **session);
 
-/* Ends a session. The server drops its subscriptions. Requests without an answer end as
-   TESK_CLIENT_CANCELLED. Harmless on null; does nothing inside a callback. */
+/* Closes a session. The server drops its subscriptions. Requests without an answer complete with
+   TESK_CLIENT_CANCELLED. Null is allowed; inside a callback the call does nothing. */
 void tesk_client_close(tesk_client_session *session);
 
-/* False while the server is away. */
+/* False while there is no connection to the server. */
 bool tesk_client_connected(const tesk_client_session *session);
 
-/* A descriptor that is readable when tesk_client_dispatch has work, a deadline that has passed
-   included. It stays the same for the life of the session and belongs to it. */
+/* A descriptor that is readable when tesk_client_dispatch has work to do, including an expired
+   deadline. The session owns it and never changes it. */
 int tesk_client_fd(const tesk_client_session *session);
 
-/* Does what is to be done and calls the callbacks. Waits for nothing, but for libmbx where a
-   session that reconnects looks for a server that is there and doesn't move. TESK_CLIENT_LOST when
-   the server has gone and the session doesn't look for it: its descriptor is silent then. */
+/* Processes received signals and deadlines, and calls the callbacks. Doesn't wait, except that
+   libmbx waits when a session reconnects to a server that is stopped. Returns TESK_CLIENT_LOST if
+   the server is gone and the session doesn't reconnect: the descriptor then stays silent. */
 tesk_client_result tesk_client_dispatch(tesk_client_session *session);
 
-/* Waits and dispatches until tesk_client_stop or for timeout_ms, -1 for no limit: TESK_CLIENT_OK,
-   or TESK_CLIENT_LOST as above. */
+/* Waits and dispatches until tesk_client_stop is called or timeout_ms has passed; -1 means no
+   limit. Returns TESK_CLIENT_OK, or TESK_CLIENT_LOST as above. */
 tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms);
 
-/* Makes tesk_client_run return, the next one if none runs. Any thread, and in signal handlers. */
+/* Makes the running tesk_client_run return, or else the next one. May be called in any thread and
+   in signal handlers. */
 void tesk_client_stop(tesk_client_session *session);
 
-/* Subscribes to a port. The first indication follows the answer, further ones come as the port
-   changes, until the unsubscribe. */
+/* Subscribes to a port. The first indication follows the answer; further ones report changes until
+   the unsubscribe. */
 tesk_client_result tesk_client_subscribe(tesk_client_session *session, tesk_client_kind kind,
                                          uint32_t port_no);
 tesk_client_result tesk_client_unsubscribe(tesk_client_session *session, tesk_client_kind kind,
                                            uint32_t port_no);
 
-/* Reads the measured values of a port. `pm` is left alone on failure. */
+/* Reads the measured values of a port. `pm` is unchanged on failure. */
 tesk_client_result tesk_client_read_pm(tesk_client_session *session, uint32_t port_no,
                                        tesk_client_pm *pm);
 
-/* These two fill at most `capacity` elements and give their number in `count`, 0 on failure. The
-   history comes oldest first; where it doesn't fit, the newest records are given. */
+/* Both calls fill at most `capacity` elements and store their number in `count`, 0 on failure. The
+   history is sorted oldest first; if it doesn't fit, only the newest records are stored. */
 tesk_client_result tesk_client_read_capabilities(tesk_client_session *session,
                                                  tesk_client_capability *capabilities,
                                                  size_t capacity, size_t *count);
@@ -271,7 +288,7 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
                                             tesk_client_history_record *records, size_t capacity,
                                             size_t *count);
 
-/* The requests without waiting. */
+/* The types of request for tesk_client_request. */
 typedef enum tesk_client_request_type {
     TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO,
     TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO,
@@ -288,20 +305,23 @@ typedef struct tesk_client_answer {
     tesk_client_request_type request;
     uint32_t port_no; /* of the request */
     tesk_client_result result;
-    int32_t error_code; /* the server's, 2 for a port that doesn't exist; 0 unless it rejected */
-    const char *text;   /* why the result isn't TESK_CLIENT_OK: the server's or the library's */
-    /* The one that the request asked for, null otherwise. */
+    int32_t error_code; /* the server's error code; 0 unless it rejected */
+    const char *text;   /* the reason if the result isn't TESK_CLIENT_OK: the server's or the
+                           library's */
+    /* The payload that was requested; the other pointers are null. */
     const tesk_client_pm *pm;
     const tesk_client_capability *capabilities;
     const tesk_client_history_record *history;
     size_t count; /* of capabilities or history */
+    tesk_client_rejection rejection;
 } tesk_client_answer;
 
 typedef void (*tesk_client_answered)(const tesk_client_answer *answer, void *user);
 
-/* Sends a request, or queues it behind the window. On TESK_CLIENT_OK `answered`, which may be null,
-   is called exactly once, later; on anything else never. While a session that reconnects has no
-   server, requests wait for it until their deadline. `port_no` counts for the first five. */
+/* Sends a request, or queues it while the window is full. On TESK_CLIENT_OK `answered`, which may
+   be null, is called exactly once, later; on any other result never. While a reconnecting session
+   has no server, requests wait for it until their deadline. `port_no` is used by the first five
+   types only. */
 tesk_client_result tesk_client_request(tesk_client_session *session,
                                        tesk_client_request_type request, uint32_t port_no,
                                        tesk_client_answered answered, void *user);
@@ -318,14 +338,21 @@ typedef void (*tesk_client_port_named)(uint32_t port_no, const char *name, void 
 tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_named each,
                                              void *user);
 
-/* What went wrong in the calling thread's last call that failed: for TESK_CLIENT_REJECTED the
-   server's words. Good until its next call. Never null. */
+/* The error text of the calling thread's last failed call; for TESK_CLIENT_REJECTED the server's
+   text. Valid until the thread's next call. Never null. */
 const char *tesk_client_error(void);
 
-/* A result in a few words. Never null. */
+/* The reason for the same call, TESK_CLIENT_REJECTION_NONE unless its result is
+   TESK_CLIENT_REJECTED. */
+tesk_client_rejection tesk_client_error_rejection(void);
+
+/* The version of the library, such as "1.1.0". Never null. */
+const char *tesk_client_version(void);
+
+/* A short text for a result. Never null. */
 const char *tesk_client_result_text(tesk_client_result result);
 
-/* The enumeration that a word comes from. */
+/* The enumerations that have texts. */
 typedef enum tesk_client_enumeration {
     TESK_CLIENT_TEXT_SFP_TYPE,
     TESK_CLIENT_TEXT_LINK,
@@ -337,7 +364,7 @@ typedef enum tesk_client_enumeration {
     TESK_CLIENT_TEXT_ACTION,
 } tesk_client_enumeration;
 
-/* The text of a value: "low warning". "unknown" where there is none. Never null. */
+/* The text of a value, such as "low warning"; "unknown" if it has none. Never null. */
 const char *tesk_client_text(tesk_client_enumeration enumeration, uint32_t value);
 
 #ifdef __cplusplus

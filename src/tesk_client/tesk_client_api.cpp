@@ -1,25 +1,37 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_client_api - the C functions: they check the caller and leave the work to the session.
+/* tesk_client_api - the C functions: they check the caller and pass the call on to the session. No
+   exception leaves them.
 
-   A call that answers is a request whose callback fills a place on the caller's stack, and a loop
-   that dispatches until it has. The place can't be left behind: each request ends by its deadline
-   at the latest, and the loop doesn't end before.
-
-   C callers see no exceptions. Only connecting opens descriptors, and so can fail by one. */
+   A blocking call is a request whose callback writes to the caller's stack, and a loop that
+   dispatches until the callback was called, at the latest at the request's deadline. */
 #include "tesk_client/tesk_client_port_map.h"
 #include "tesk_client/tesk_client_session.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <memory>
 #include <new>
-#include <system_error>
 
-/* Per thread, as a session is, and not in the session: a failed connect leaves none. */
-static thread_local std::string last_error;
-
-static tesk_client_result fail(tesk_client_result result, std::string text)
+namespace
 {
-    last_error = std::move(text);
+
+/* The last failure. Not in the session, since a failed connect leaves none; per thread, as a
+   session is. A fixed size, so that reporting a lack of memory needs none. */
+struct last_failure {
+    char text[1024];
+    tesk_client_rejection rejection;
+};
+
+} // namespace
+
+static thread_local last_failure last_error;
+
+static tesk_client_result fail(tesk_client_result result, const char *text,
+                               tesk_client_rejection rejection = TESK_CLIENT_REJECTION_NONE)
+{
+    snprintf(last_error.text, sizeof(last_error.text), "%s", text);
+    last_error.rejection = rejection;
     return result;
 }
 
@@ -28,64 +40,93 @@ static tesk_client_result fail(tesk_client_result result)
     return fail(result, tesk_client_result_text(result));
 }
 
-/* The mailbox library serves the whole process, which may use it beside us, so it is started once
-   and never ended here. */
+/* Calls a function whose exceptions must not reach C callers. */
+template <typename function_type>
+static tesk_client_result guarded(function_type function)
+{
+    try {
+        return function();
+    } catch (const std::bad_alloc &) {
+        return fail(TESK_CLIENT_FAILED, "out of memory");
+    } catch (const std::exception &error) {
+        return fail(TESK_CLIENT_FAILED, error.what());
+    }
+}
+
+/* The program may use the mailbox library itself, so it is started once and never ended here. */
 static int start_mailbox_library()
 {
     static const int started = mbx_init(5, 0, 0, 0, 0);
     return started;
 }
 
-/* TESK_CLIENT_OK where the caller may work on the session. A dispatch within a dispatch would hand
-   out signals in the wrong order, so what waits is refused inside a callback. */
-static tesk_client_result check_caller(const tesk_client_session *session, bool waits)
+/* TESK_CLIENT_OK if the caller may use the session. Blocking calls are refused inside a callback: a
+   nested dispatch would handle signals in the wrong order. */
+static tesk_client_result check_caller(const tesk_client_session *session, bool blocks)
 {
     if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no session");
     if (!session->belongs_to_caller())
         return fail(TESK_CLIENT_MISUSE, "the session belongs to another thread");
-    if (waits && session->in_callback())
+    if (blocks && session->in_callback())
         return fail(TESK_CLIENT_MISUSE, "a callback can't wait: use tesk_client_request");
     return TESK_CLIENT_OK;
 }
 
-/* Leaves the text of a result for tesk_client_error. */
+/* Stores the text of a result for tesk_client_error. */
 static tesk_client_result noted(tesk_client_result result)
 {
     return result == TESK_CLIENT_OK ? result : fail(result);
 }
 
-/* Makes a request and waits for its answer, which `take` gets to see if it is a confirmation. */
+namespace
+{
+
+/* A blocking call: its function for the answer's payload, and how the answer ended it. */
+template <typename take_type>
+struct blocking_call {
+    take_type &take;
+    bool is_done = false;
+    tesk_client_result result = TESK_CLIENT_OK;
+    tesk_client_rejection rejection = TESK_CLIENT_REJECTION_NONE;
+    char text[TESK_ERROR_DESCRIPTION_SIZE] = "";
+
+    static void answered(const tesk_client_answer *answer, void *user)
+    {
+        auto *call = static_cast<blocking_call *>(user);
+        call->is_done = true;
+        call->result = answer->result;
+        call->rejection = answer->rejection;
+        snprintf(call->text, sizeof(call->text), "%s", answer->text);
+        if (answer->result == TESK_CLIENT_OK)
+            call->take(*answer);
+    }
+};
+
+} // namespace
+
+/* Makes a request and waits for its answer; `take` receives it if it is a confirmation. */
 template <typename take_type>
 static tesk_client_result call_and_wait(tesk_client_session *session, tesk_client_request_type type,
                                         uint32_t port_no, take_type take)
 {
-    struct call_state {
-        take_type &take;
-        bool done = false;
-        tesk_client_result result = TESK_CLIENT_OK;
-        std::string text{};
-    } state{take};
-
-    auto answered = [](const tesk_client_answer *answer, void *user) {
-        auto *call = static_cast<call_state *>(user);
-        call->done = true;
-        call->result = answer->result;
-        call->text = answer->text;
-        if (answer->result == TESK_CLIENT_OK)
-            call->take(*answer);
-    };
     tesk_client_result result = check_caller(session, true);
     if (result != TESK_CLIENT_OK)
         return result;
-    result = session->request(type, port_no, answered, &state);
+    blocking_call<take_type> call{take};
+    result = guarded([&] {
+        return noted(session->request(type, port_no, blocking_call<take_type>::answered, &call));
+    });
     if (result != TESK_CLIENT_OK)
-        return fail(result);
-    while (!state.done) { /* its deadline sees to it */
+        return result;
+    /* Ends by the request's deadline at the latest. A dispatch that runs out of memory is repeated,
+       since the request refers to this function's stack. */
+    while (!call.is_done) {
         session->wait(-1);
-        session->dispatch();
+        guarded([&] { return session->dispatch(); });
     }
-    return state.result == TESK_CLIENT_OK ? TESK_CLIENT_OK : fail(state.result, state.text);
+    return call.result == TESK_CLIENT_OK ? TESK_CLIENT_OK
+                                         : fail(call.result, call.text, call.rejection);
 }
 
 static void ignore_answer(const tesk_client_answer &)
@@ -94,33 +135,34 @@ static void ignore_answer(const tesk_client_answer &)
 
 tesk_client_result tesk_client_connect(const tesk_client_options *options,
                                        tesk_client_session **session)
-try {
+{
     if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no place for the session");
     *session = nullptr;
     if (start_mailbox_library() != 0)
         return fail(TESK_CLIENT_FAILED, "the mailbox library doesn't start");
-    auto made = std::make_unique<tesk_client_session>(options ? *options : tesk_client_options{});
-    const outcome connected = made->connect();
-    if (connected.result != TESK_CLIENT_OK)
-        return fail(connected.result, connected.text);
-    *session = made.release();
-    return TESK_CLIENT_OK;
-} catch (const std::system_error &error) {
-    return fail(TESK_CLIENT_FAILED, error.what());
+    return guarded([&] {
+        auto made =
+            std::make_unique<tesk_client_session>(options ? *options : tesk_client_options{});
+        const outcome connected = made->connect();
+        if (connected.result != TESK_CLIENT_OK)
+            return fail(connected.result, connected.text.c_str());
+        *session = made.release();
+        return TESK_CLIENT_OK;
+    });
 }
 
 void tesk_client_close(tesk_client_session *session)
 {
     if (session == nullptr || check_caller(session, true) != TESK_CLIENT_OK)
         return;
-    session->cancel(); /* its callbacks may still look at the session */
+    session->cancel(); /* its callbacks may still use the session */
     delete session;
 }
 
 bool tesk_client_connected(const tesk_client_session *session)
 {
-    return session->connected();
+    return session->is_connected();
 }
 
 int tesk_client_fd(const tesk_client_session *session)
@@ -131,16 +173,17 @@ int tesk_client_fd(const tesk_client_session *session)
 tesk_client_result tesk_client_dispatch(tesk_client_session *session)
 {
     const tesk_client_result result = check_caller(session, true);
-    return result == TESK_CLIENT_OK ? noted(session->dispatch()) : result;
+    return result == TESK_CLIENT_OK ? guarded([&] { return noted(session->dispatch()); }) : result;
 }
 
 tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms)
 {
     const tesk_client_result result = check_caller(session, true);
-    return result == TESK_CLIENT_OK ? noted(session->run(timeout_ms)) : result;
+    return result == TESK_CLIENT_OK ? guarded([&] { return noted(session->run(timeout_ms)); })
+                                    : result;
 }
 
-/* The one call for any thread: no check of the caller, and no text, which would belong to it. */
+/* Allowed in any thread: doesn't check the caller and stores no error text. */
 void tesk_client_stop(tesk_client_session *session)
 {
     session->stop();
@@ -151,8 +194,9 @@ tesk_client_result tesk_client_request(tesk_client_session *session,
                                        tesk_client_answered answered, void *user)
 {
     const tesk_client_result result = check_caller(session, false);
-    return result == TESK_CLIENT_OK ? noted(session->request(request, port_no, answered, user))
-                                    : result;
+    if (result != TESK_CLIENT_OK)
+        return result;
+    return guarded([&] { return noted(session->request(request, port_no, answered, user)); });
 }
 
 tesk_client_result tesk_client_subscribe(tesk_client_session *session, tesk_client_kind kind,
@@ -196,23 +240,34 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
         TESK_CLIENT_REQUEST_HISTORY_PORT_STATUS + static_cast<int>(kind));
     return call_and_wait(session, type, 0, [=](const tesk_client_answer &answer) {
         *count = std::min(answer.count, capacity);
-        /* Oldest first: the newest are at the end. */
+        /* Sorted oldest first: the newest are at the end. */
         std::copy_n(answer.history + (answer.count - *count), *count, records);
     });
 }
 
 tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_named each,
                                              void *user)
-try {
+{
     if (each == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no function for the ports");
-    const outcome read = read_port_map(path, each, user);
-    return read.result == TESK_CLIENT_OK ? TESK_CLIENT_OK : fail(read.result, read.text);
-} catch (const std::bad_alloc &) {
-    return fail(TESK_CLIENT_FAILED);
+    return guarded([&] {
+        const outcome read = read_port_map(path, each, user);
+        return read.result == TESK_CLIENT_OK ? TESK_CLIENT_OK
+                                             : fail(read.result, read.text.c_str());
+    });
 }
 
 const char *tesk_client_error(void)
 {
-    return last_error.c_str();
+    return last_error.text;
+}
+
+tesk_client_rejection tesk_client_error_rejection(void)
+{
+    return last_error.rejection;
+}
+
+const char *tesk_client_version(void)
+{
+    return TESK_VERSION;
 }

@@ -1,24 +1,24 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A signal is copied into a record of the wire, turned to host order, and copied field by field
-   into a public record: programs are built against tesk_client.h alone, which stays as it is when
-   the wire gets fields. A signal may be longer than its record, as a newer server may send it; one
-   that is shorter, or counts more entries than it holds, is none.
+/* A signal is copied into a wire record, converted to host byte order, and copied field by field
+   into a public record, so that the public header doesn't change when the wire gets new fields. A
+   signal may be longer than its record, as from a newer server; one that is shorter, or that counts
+   more entries than it contains, is rejected.
 
-   The history's signals are in host order already: that protocol was made for one machine. */
+   The history's signals are in host byte order: that protocol is for one machine only. */
 #include "tesk_client/tesk_client_decode.h"
 
 #include <algorithm>
 
-/* The public enumerations are the server's, so that words pass through unchanged. */
+/* The public enumerations have the server's values, so that they need no conversion. */
 static_assert(TESK_CLIENT_SFP_UNKNOWN == static_cast<int>(TESK_SFP_UNKNOWN));
 static_assert(TESK_CLIENT_LINK_OPERATIONAL == static_cast<int>(TESK_CONN_OPERATIONAL));
 static_assert(TESK_CLIENT_LEVEL_NOT_SUPPORTED == static_cast<int>(TESK_FAULT_NOT_SUPPORTED));
 static_assert(TESK_CLIENT_ENVIRONMENT_NOT_READ == static_cast<int>(TESK_ENV_NOT_READ));
 
-/* A word behind the records, however many there are. */
+/* A reserved word after the records. */
 static constexpr size_t shell_trailer_size = 4;
 
-/* The public texts are as wide as the server's. It ends each of them; we don't count on it. */
+/* The public texts are as wide as the server's. A terminator is not relied on. */
 template <size_t width>
 static void copy_text(char (&to)[width], const char (&from)[width])
 {
@@ -31,7 +31,7 @@ static uint64_t to_microseconds(uint32_t seconds, uint32_t microseconds)
     return uint64_t{seconds} * 1'000'000 + microseconds;
 }
 
-/* Both signals that carry levels name them alike. */
+/* Both records with levels use the same names. */
 template <typename record_type>
 static void copy_levels(uint32_t (&level)[TESK_CLIENT_MEASUREMENTS], const record_type &record)
 {
@@ -80,7 +80,7 @@ static const char *bytes_at(const mbx_signal *signal, size_t offset)
     return reinterpret_cast<const char *>(signal) + offset;
 }
 
-/* The count comes from outside: the signal must hold as many records as it says. */
+/* The count is untrusted: the signal must be long enough for all of its records. */
 template <typename record_type>
 static std::optional<answer_payload> decode_history(const mbx_signal *signal)
 {
@@ -136,7 +136,7 @@ static std::optional<answer_payload> decode_pm(const mbx_signal *signal)
     tesk_client_pm pm{};
     pm.port_no = from.port_no;
     pm.sfp_type = from.pm_sfp_type;
-    /* What isn't there is 0 for our callers, whatever the server left in the field. */
+    /* A value that isn't present is 0, whatever the field contains. */
     auto take = [](uint32_t has, const auto &value, bool &flag, auto &to) {
         flag = has != 0;
         if (flag)

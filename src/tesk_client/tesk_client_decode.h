@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_client_decode - from received signals to the public records. A signal is bytes from outside:
-   each function checks that it is as long as what it reads, and gives nothing where it isn't. No
-   state. */
+/* tesk_client_decode - converts received signals to the public records. Signals are untrusted: each
+   function checks the length first and returns nothing if the signal is too short. No state. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"
@@ -13,7 +12,7 @@
 #include <string>
 #include <vector>
 
-/* The record at the start of a signal as it stands there, whatever follows behind it. */
+/* The record at the start of a signal, unconverted; the signal may be longer. */
 template <typename record_type>
 std::optional<record_type> copy_of(const mbx_signal *signal)
 {
@@ -24,7 +23,7 @@ std::optional<record_type> copy_of(const mbx_signal *signal)
     return record;
 }
 
-/* The same in host order. */
+/* The same in host byte order. */
 template <typename record_type>
 std::optional<record_type> host_copy_of(const mbx_signal *signal)
 {
@@ -34,7 +33,7 @@ std::optional<record_type> host_copy_of(const mbx_signal *signal)
     return record;
 }
 
-/* What a confirmation carries, for as long as the callback needs it. */
+/* The payload of a confirmation; lives until the callback returns. */
 struct answer_payload {
     std::optional<tesk_client_pm> pm;
     std::vector<tesk_client_capability> capabilities;
@@ -44,8 +43,8 @@ struct answer_payload {
 std::optional<tesk_client_sfp_info> decode_sfp_info(const mbx_signal *signal);
 std::optional<tesk_client_port_status> decode_port_status(const mbx_signal *signal);
 
-/* The payload of a confirmation, empty where it has none; nothing if the signal is too short. */
+/* The payload of a confirmation, which may be empty; nothing if the signal is too short. */
 std::optional<answer_payload> decode_confirmation(const mbx_signal *signal);
 
-/* The text of a rejection, ended at the field's width. */
+/* The text of a rejection, at most as long as its field. */
 std::string decode_error_text(const char (&field)[TESK_ERROR_DESCRIPTION_SIZE]);

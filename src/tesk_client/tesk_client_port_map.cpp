@@ -7,6 +7,7 @@
    is handed out, so that a caller never works with half a map. */
 #include "tesk_client/tesk_client_port_map.h"
 
+#include "util/descriptor.h"
 #include "util/escape.h"
 
 #include <cerrno>
@@ -82,7 +83,7 @@ static bool read_all(int fd, std::string &content)
 
 static outcome load(const std::string &path, std::string &content)
 {
-    const owned_fd file(
+    const util::descriptor file(
         open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (file.get() < 0)
         return open_failure(path, errno);

@@ -1,16 +1,20 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A request waits in `waiting_` until the connection stands and the window has room, then in
-   `sent_` until its answer, its deadline or the loss of the server. Both are in the order of the
-   calls.
+/* A request is in `waiting_` until there is a connection and room in the window, then in `sent_`
+   until its answer, its deadline or the loss of the server. Both are in the order of the calls.
 
-   An answer is matched by its procedure_ref, and then its number and port must be those of the
-   request. The history's answers carry no reference: the server answers in order, so the oldest
-   request of that type is meant. For this one that has timed out keeps its place without a
-   callback, until its answer or that of any later request shows that it has had its turn. */
+   An answer is matched by its procedure_ref; its number and port must also be those of the request.
+   The history's answers carry no reference, but the server answers in order: such an answer belongs
+   to the oldest request of its type. A history request that timed out therefore keeps its place,
+   without a callback, until its own answer or that of a later request arrives.
+
+   A lack of memory never loses a request: completing one allocates nothing, and one that can't be
+   sent stays in `waiting_`. */
+#include "tesk_client/tesk_client_rejection.h"
 #include "tesk_client/tesk_client_session.h"
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 
 /* In the order of tesk_client_request_type. */
 static constexpr request_row rows[] = {
@@ -39,65 +43,6 @@ static const request_row &row_of(const pending_request &request)
     return rows[request.type];
 }
 
-namespace
-{
-
-/* What a request means for the subscriptions, which the session remembers to renew them and to know
-   which indications were asked for. */
-struct subscription_effect {
-    tesk_client_kind kind;
-    bool subscribes;
-};
-
-} // namespace
-
-static std::optional<subscription_effect> effect_of(tesk_client_request_type type)
-{
-    switch (type) {
-    case TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO:
-        return subscription_effect{TESK_CLIENT_SFP_INFO, true};
-    case TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO:
-        return subscription_effect{TESK_CLIENT_SFP_INFO, false};
-    case TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS:
-        return subscription_effect{TESK_CLIENT_PORT_STATUS, true};
-    case TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS:
-        return subscription_effect{TESK_CLIENT_PORT_STATUS, false};
-    default:
-        return std::nullopt;
-    }
-}
-
-static outcome plain_outcome(tesk_client_result result)
-{
-    outcome plain;
-    plain.result = result;
-    plain.text = tesk_client_result_text(result);
-    return plain;
-}
-
-/* A rejection's outcome; nothing if the signal is too short for one. */
-static std::optional<outcome> rejection(const mbx_signal *signal)
-{
-    const auto rej = host_copy_of<tesk_port_rej>(signal);
-    if (!rej)
-        return std::nullopt;
-    outcome rejected;
-    rejected.result = TESK_CLIENT_REJECTED;
-    rejected.error_code = rej->error_code;
-    rejected.text = decode_error_text(rej->error_description);
-    return rejected;
-}
-
-static std::optional<outcome> confirmation(const mbx_signal *signal)
-{
-    std::optional<answer_payload> payload = decode_confirmation(signal);
-    if (!payload)
-        return std::nullopt;
-    outcome confirmed;
-    confirmed.payload = std::move(*payload);
-    return confirmed;
-}
-
 static bool answers(const mbx_signal *signal, const pending_request &request, uint32_t conn_ref)
 {
     const request_row &row = row_of(request);
@@ -124,64 +69,51 @@ size_t tesk_client_session::in_flight() const
 std::optional<steady_clock::time_point> tesk_client_session::next_deadline() const
 {
     std::optional<steady_clock::time_point> next;
-    /* An abandoned request waits for nothing that time could bring. */
+    /* An abandoned request has no deadline any more. */
     auto consider = [&next](const pending_request &request) {
         if (!request.abandoned && (!next || request.deadline < *next))
             next = request.deadline;
     };
     std::ranges::for_each(sent_, consider);
     if (!waiting_.empty())
-        consider(waiting_.front()); /* they all have the same time to live */
+        consider(waiting_.front()); /* all have the same timeout, so the first expires first */
     return next;
 }
 
-void tesk_client_session::note_subscription(const pending_request &request, const outcome &outcome)
+/* A renewal's failure is an event. A loss is not reported: the next connection renews again. */
+void tesk_client_session::complete_renewal(const pending_request &request, const completion &end)
 {
-    const auto effect = effect_of(request.type);
-    const auto found =
-        effect ? subscriptions_.find({effect->kind, request.port_no}) : subscriptions_.end();
-    if (found == subscriptions_.end())
+    if (end.result != TESK_CLIENT_REJECTED && end.result != TESK_CLIENT_TIMEOUT)
         return;
-    const bool confirmed = outcome.result == TESK_CLIENT_OK;
-    if (!effect->subscribes) {
-        if (confirmed)
-            subscriptions_.erase(found);
-    } else if (confirmed) {
-        found->second = true;
-    } else if (outcome.result == TESK_CLIENT_REJECTED && (request.renewal || !found->second)) {
-        /* A second subscribe is rejected as well, and takes nothing from the first. */
-        subscriptions_.erase(found);
-    }
+    tesk_client_event event{};
+    event.type = TESK_CLIENT_EVENT_SUBSCRIPTION_LOST;
+    event.kind = effect_of(request.type)->kind;
+    event.port_no = request.port_no;
+    event.result = end.result;
+    event.text = end.text;
+    report(event);
 }
 
-/* Tells whoever asked. A renewal is nobody's request: its failure is an event, but not where the
-   server has gone once more, since the next connection renews it again. */
-void tesk_client_session::complete(const pending_request &request, const outcome &outcome)
+void tesk_client_session::complete(const pending_request &request, const completion &end)
 {
-    note_subscription(request, outcome);
-    if (request.renewal) {
-        if (outcome.result == TESK_CLIENT_REJECTED || outcome.result == TESK_CLIENT_TIMEOUT) {
-            tesk_client_event event{};
-            event.type = TESK_CLIENT_EVENT_SUBSCRIPTION_LOST;
-            event.kind = effect_of(request.type)->kind;
-            event.port_no = request.port_no;
-            event.result = outcome.result;
-            event.text = outcome.text.c_str();
-            tell(event);
-        }
-        return;
-    }
-    const answer_payload &payload = outcome.payload;
+    note_subscription(request, end.result);
+    if (request.renewal)
+        return complete_renewal(request, end);
     tesk_client_answer answer{};
     answer.request = request.type;
     answer.port_no = request.port_no;
-    answer.result = outcome.result;
-    answer.error_code = outcome.error_code;
-    answer.text = outcome.text.c_str();
-    answer.pm = payload.pm ? &*payload.pm : nullptr;
-    answer.capabilities = payload.capabilities.empty() ? nullptr : payload.capabilities.data();
-    answer.history = payload.history.empty() ? nullptr : payload.history.data();
-    answer.count = payload.capabilities.size() + payload.history.size();
+    answer.result = end.result;
+    answer.error_code = end.error_code;
+    answer.text = end.text;
+    if (end.result == TESK_CLIENT_REJECTED)
+        answer.rejection = rejection_of(end.error_code, end.text);
+    if (const answer_payload *payload = end.payload; payload != nullptr) {
+        answer.pm = payload->pm ? &*payload->pm : nullptr;
+        answer.capabilities =
+            payload->capabilities.empty() ? nullptr : payload->capabilities.data();
+        answer.history = payload->history.empty() ? nullptr : payload->history.data();
+        answer.count = payload->capabilities.size() + payload->history.size();
+    }
     call(request.answered, &answer, request.user);
 }
 
@@ -191,116 +123,153 @@ void tesk_client_session::receive_answer(const mbx_signal *signal)
         sent_, [&](const pending_request &request) { return answers(signal, request, conn_ref_); });
     if (found == sent_.end())
         return;
-    std::optional<outcome> result =
-        signal->number == row_of(*found).cfm ? confirmation(signal) : rejection(signal);
-    if (!result)
-        return;
-    /* Taken out before the callback, which may make requests and so move the others. */
+    completion end{TESK_CLIENT_OK, ""};
+    std::optional<answer_payload> payload;
+    std::optional<tesk_port_rej> rejected;
+    if (signal->number == row_of(*found).cfm) {
+        payload = decode_confirmation(signal);
+        if (!payload)
+            return;
+        end.payload = &*payload;
+    } else {
+        rejected = host_copy_of<tesk_port_rej>(signal);
+        if (!rejected)
+            return;
+        rejected->error_description[sizeof(rejected->error_description) - 1] = '\0';
+        end = {TESK_CLIENT_REJECTED, rejected->error_description, rejected->error_code};
+    }
+    /* Removed before the callback, which may make requests and so move the others. */
     const pending_request request = *found;
     sent_.erase(found);
     std::erase_if(sent_, [&](const pending_request &earlier) {
         return earlier.abandoned && earlier.procedure_ref < request.procedure_ref;
     });
     if (!request.abandoned)
-        complete(request, *result);
+        complete(request, end);
 }
 
-void tesk_client_session::send_request(pending_request request)
+static void fill_request(mbx_signal *signal, const request_row &row, const pending_request &request,
+                         uint32_t client_id)
 {
-    const request_row &row = row_of(request);
-    request.procedure_ref = ++last_procedure_ref_;
-    mbx_signal *signal = mbx_alloc(row.size, row.req);
     if (row.has_port) {
         auto *record = reinterpret_cast<tesk_port_signal *>(signal);
         record->procedure_ref = request.procedure_ref;
-        record->connection_ref = client_id_;
+        record->connection_ref = client_id;
         record->port_no = request.port_no;
         tesk_swap_byte_order(*record);
     } else if (row.has_reference) {
         auto *record = reinterpret_cast<tesk_header *>(signal);
         record->procedure_ref = request.procedure_ref;
-        record->connection_ref = client_id_;
+        record->connection_ref = client_id;
         tesk_swap_byte_order(*record);
     }
-    /* From now on, since the first indication must not be dropped should it be looked at before the
-       confirmation is. */
-    const auto effect = effect_of(request.type);
-    if (effect && effect->subscribes)
-        subscriptions_.try_emplace({effect->kind, request.port_no}, false);
+}
+
+/* Sends nothing and changes nothing if it throws for a lack of memory. */
+void tesk_client_session::send_request(pending_request request)
+{
+    const request_row &row = row_of(request);
+    request.procedure_ref = last_procedure_ref_ + 1;
     sent_.push_back(request);
+    try {
+        /* Known from here on: the first indication may be handled before the confirmation. */
+        const auto effect = effect_of(request.type);
+        if (effect.has_value() && effect->subscribes)
+            subscriptions_.try_emplace({effect->kind, request.port_no}, false);
+    } catch (...) {
+        sent_.pop_back();
+        throw;
+    }
+    last_procedure_ref_ = request.procedure_ref;
+    mbx_signal *signal = mbx_alloc(row.size, row.req);
+    fill_request(signal, row, request, client_id_);
     mbx_send(&signal, server_, MBX_OWN_MAILBOX);
 }
 
-/* Renewals go first, so that what was asked for while the server was away finds the subscriptions
-   that it counts on. */
+/* Renewals go first: requests that were made while the server was away may rely on the
+   subscriptions. */
 void tesk_client_session::send_what_fits()
 {
     while (state_ == state::connected && in_flight() < options_.window) {
-        if (!renewals_.empty()) {
-            const auto [kind, port_no] = renewals_.front();
-            renewals_.pop_front();
+        const auto before = last_renewal_;
+        if (const auto key = next_renewal()) {
             pending_request renewal{};
-            renewal.type = subscribe_request(kind);
-            renewal.port_no = port_no;
+            renewal.type = subscribe_request(key->first);
+            renewal.port_no = key->second;
             renewal.renewal = true;
             renewal.deadline =
                 steady_clock::now() + std::chrono::milliseconds(options_.deadline_ms);
-            send_request(renewal);
+            try {
+                send_request(renewal);
+            } catch (...) {
+                last_renewal_ = before;
+                throw;
+            }
         } else if (!waiting_.empty()) {
-            const pending_request next = waiting_.front();
+            send_request(waiting_.front());
             waiting_.pop_front();
-            send_request(next);
         } else {
             return;
         }
     }
 }
 
-/* First all are marked or taken out, then the callbacks run: those may make requests. */
-void tesk_client_session::expire_requests(steady_clock::time_point now)
+/* Completes one expired request; false if there is none. One at a time, since the callback may make
+   requests. */
+bool tesk_client_session::expire_one(steady_clock::time_point now)
 {
-    std::vector<pending_request> expired;
-    for (pending_request &request : sent_) {
-        if (!request.abandoned && request.deadline <= now) {
-            request.abandoned = true;
-            expired.push_back(request);
-        }
-    }
-    std::erase_if(sent_, [](const pending_request &request) {
-        return request.abandoned && row_of(request).has_reference;
+    const completion end{TESK_CLIENT_TIMEOUT, tesk_client_result_text(TESK_CLIENT_TIMEOUT)};
+    const auto found = std::ranges::find_if(sent_, [now](const pending_request &request) {
+        return !request.abandoned && request.deadline <= now;
     });
-    while (!waiting_.empty() && waiting_.front().deadline <= now) {
-        expired.push_back(waiting_.front());
-        waiting_.pop_front();
+    if (found != sent_.end()) {
+        const pending_request request = *found;
+        if (row_of(request).has_reference)
+            sent_.erase(found);
+        else
+            found->abandoned = true;
+        complete(request, end);
+        return true;
     }
-    for (const pending_request &request : expired)
-        complete(request, plain_outcome(TESK_CLIENT_TIMEOUT));
+    if (waiting_.empty() || waiting_.front().deadline > now)
+        return false;
+    const pending_request request = waiting_.front();
+    waiting_.pop_front();
+    complete(request, end);
+    return true;
 }
 
-/* Subscriptions that the server never confirmed go with their requests. Requests that wait go on
-   waiting where the session looks for the server again. */
+/* Completes all requests that were sent and, in a session that has ended, those that wait. Without
+   copies, which could run out of memory. */
+void tesk_client_session::complete_all(tesk_client_result result)
+{
+    const completion end{result, tesk_client_result_text(result)};
+    std::vector<pending_request> sent;
+    sent.swap(sent_);
+    for (const pending_request &request : sent)
+        if (!request.abandoned)
+            complete(request, end);
+    while (state_ == state::ended && !waiting_.empty()) {
+        const pending_request request = waiting_.front();
+        waiting_.pop_front();
+        complete(request, end);
+    }
+}
+
+/* Unconfirmed subscriptions end with their requests. Waiting requests stay if the session
+   reconnects. */
 void tesk_client_session::fail_sent_requests()
 {
-    std::vector<pending_request> failed = std::exchange(sent_, {});
-    if (state_ == state::ended) {
-        std::ranges::copy(std::exchange(waiting_, {}), std::back_inserter(failed));
+    if (state_ == state::ended)
         subscriptions_.clear();
-    }
-    std::erase_if(subscriptions_, [](const auto &entry) { return !entry.second; });
-    renewals_.clear();
-    for (const pending_request &request : failed)
-        if (!request.abandoned)
-            complete(request, plain_outcome(TESK_CLIENT_LOST));
+    forget_unconfirmed_subscriptions();
+    complete_all(TESK_CLIENT_LOST);
 }
 
 void tesk_client_session::cancel()
 {
-    std::vector<pending_request> open = std::exchange(sent_, {});
-    std::ranges::copy(std::exchange(waiting_, {}), std::back_inserter(open));
-    state_ = state::ended; /* a callback's new requests are refused */
-    for (const pending_request &request : open)
-        if (!request.abandoned)
-            complete(request, plain_outcome(TESK_CLIENT_CANCELLED));
+    state_ = state::ended; /* the callbacks' new requests are refused */
+    complete_all(TESK_CLIENT_CANCELLED);
 }
 
 tesk_client_result tesk_client_session::request(tesk_client_request_type type, uint32_t port_no,
@@ -317,7 +286,11 @@ tesk_client_result tesk_client_session::request(tesk_client_request_type type, u
     request.answered = answered;
     request.user = user;
     waiting_.push_back(request);
-    send_what_fits();
+    try {
+        send_what_fits();
+    } catch (const std::bad_alloc &) {
+        /* It stays queued: the next dispatch sends it. */
+    }
     arm_timer();
     return TESK_CLIENT_OK;
 }

@@ -4,6 +4,7 @@
 
 #include "tesk_client/tesk_client.h"
 #include "tesk_client/tesk_client_decode.h"
+#include "util/descriptor.h"
 
 #include <chrono>
 #include <deque>
@@ -17,34 +18,14 @@
 
 using steady_clock = std::chrono::steady_clock;
 
-/* A descriptor that closes itself. */
-class owned_fd
-{
-  public:
-    explicit owned_fd(int fd) : fd_(fd)
-    {
-    }
-    ~owned_fd();
-    owned_fd(const owned_fd &) = delete;
-    owned_fd &operator=(const owned_fd &) = delete;
-
-    int get() const
-    {
-        return fd_;
-    }
-
-  private:
-    int fd_;
-};
-
-/* What the wire says about one type of request; one row for each in tesk_client_requests.cpp. */
+/* The signals of one type of request; tesk_client_requests.cpp has the table. */
 struct request_row {
     uint32_t req;
     uint32_t cfm;
-    uint32_t rej; /* 0: it can't be rejected */
+    uint32_t rej; /* 0: can't be rejected */
     uint32_t size;
     bool has_port;
-    bool has_reference; /* false for the shell protocol, whose answers come in order */
+    bool has_reference; /* false for the history's requests, which are answered in order */
 };
 
 struct pending_request {
@@ -54,17 +35,33 @@ struct pending_request {
     steady_clock::time_point deadline;
     tesk_client_answered answered;
     void *user;
-    bool renewal;   /* our own, of a subscription after a reconnection */
-    bool abandoned; /* timed out, and kept so that its late answer isn't taken for the next one's */
+    bool renewal;   /* made by the session itself, after a reconnection */
+    bool abandoned; /* timed out; kept so that a late answer isn't taken for that of the next */
 };
 
-/* What an answer came to, before it has the form that the callback sees. */
+/* The result of a connection, or of another step that allocates its text. */
 struct outcome {
     tesk_client_result result = TESK_CLIENT_OK;
-    int32_t error_code = 0;
     std::string text;
-    answer_payload payload;
 };
+
+/* How a request ended. Allocates nothing, so that a request always completes. */
+struct completion {
+    tesk_client_result result;
+    const char *text; /* valid for as long as the callback runs */
+    int32_t error_code = 0;
+    const answer_payload *payload = nullptr;
+};
+
+/* The effect of a request on the subscriptions. */
+struct subscription_effect {
+    tesk_client_kind kind;
+    bool subscribes;
+};
+std::optional<subscription_effect> effect_of(tesk_client_request_type type);
+
+/* Makes the descriptor wake the epoll descriptor; -1 with errno. */
+int add_to_epoll(int epoll, int fd);
 
 constexpr tesk_client_request_type subscribe_request(tesk_client_kind kind)
 {
@@ -85,7 +82,7 @@ struct tesk_client_session {
     explicit tesk_client_session(const tesk_client_options &options);
     ~tesk_client_session();
 
-    /* Waits until the server has answered the first establishment. */
+    /* Waits for the answer to the first establishment. */
     outcome connect();
 
     tesk_client_result dispatch();
@@ -98,7 +95,7 @@ struct tesk_client_session {
     /* Waits for work for at most timeout_ms; false when there was none. */
     bool wait(int timeout_ms) const;
 
-    /* Ends all requests that have no answer. */
+    /* Completes all open requests as cancelled. */
     void cancel();
 
     bool belongs_to_caller() const
@@ -109,7 +106,7 @@ struct tesk_client_session {
     {
         return callbacks_ > 0;
     }
-    bool connected() const
+    bool is_connected() const
     {
         return state_ == state::connected;
     }
@@ -121,33 +118,41 @@ struct tesk_client_session {
   private:
     enum class state {
         idle,
-        establishing, /* phase_end_: when the server must have answered */
+        establishing, /* phase_end_: deadline of the server's answer */
         connected,
-        waiting, /* phase_end_: the next look for the server */
+        waiting, /* phase_end_: time of the next attempt */
         ended,
     };
 
-    /* The connection: tesk_client_session.cpp */
+    /* tesk_client_connection.cpp */
     outcome begin_connection();
     void end_connection();
     void lose_server();
     void retry_later();
-    void receive(const mbx_signal *signal);
     void receive_establishment(const mbx_signal *signal);
+    void report(const tesk_client_event &event);
+
+    /* tesk_client_session.cpp */
+    void receive(const mbx_signal *signal);
     void receive_indication(const mbx_signal *signal);
     void handle_time();
     void arm_timer();
-    void tell(const tesk_client_event &event);
-    bool holds(tesk_client_kind kind, uint32_t port_no) const;
 
-    /* The requests: tesk_client_requests.cpp */
+    /* tesk_client_subscriptions.cpp */
+    bool is_subscribed(tesk_client_kind kind, uint32_t port_no) const;
+    void note_subscription(const pending_request &request, tesk_client_result result);
+    std::optional<subscription_key> next_renewal();
+    void forget_unconfirmed_subscriptions();
+
+    /* tesk_client_requests.cpp */
     void receive_answer(const mbx_signal *signal);
     void send_what_fits();
     void send_request(pending_request request);
-    void expire_requests(steady_clock::time_point now);
+    bool expire_one(steady_clock::time_point now);
     void fail_sent_requests();
-    void complete(const pending_request &request, const outcome &outcome);
-    void note_subscription(const pending_request &request, const outcome &outcome);
+    void complete_all(tesk_client_result result);
+    void complete(const pending_request &request, const completion &end);
+    void complete_renewal(const pending_request &request, const completion &end);
     size_t in_flight() const;
     std::optional<steady_clock::time_point> next_deadline() const;
 
@@ -163,14 +168,14 @@ struct tesk_client_session {
 
     const tesk_client_options options_;
     const std::thread::id owner_ = std::this_thread::get_id();
-    const owned_fd epoll_;
-    const owned_fd timer_;
-    const owned_fd stop_event_;
+    const util::descriptor epoll_;
+    const util::descriptor timer_;
+    const util::descriptor stop_event_;
 
     state state_ = state::idle;
     steady_clock::time_point phase_end_{};
     std::chrono::milliseconds retry_;
-    outcome establishment_; /* how the last one ended */
+    outcome establishment_; /* result of the last attempt */
     uint32_t mailbox_ = MBX_NO_MAILBOX;
     int mailbox_fd_ = -1;
     uint32_t server_ = MBX_NO_MAILBOX;
@@ -181,8 +186,9 @@ struct tesk_client_session {
 
     std::deque<pending_request> waiting_;
     std::vector<pending_request> sent_;
-    std::map<subscription_key, bool> subscriptions_; /* true once the server has confirmed it */
-    std::deque<subscription_key> renewals_;
+    std::map<subscription_key, bool> subscriptions_; /* true: confirmed by the server */
+    bool renewing_ = false;
+    std::optional<subscription_key> last_renewal_; /* those up to this one have been renewed */
 
     std::optional<steady_clock::time_point> armed_;
     bool stopped_ = false;

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_client_texts - results and enumerations in words, each the index into its table. Programs
-   show these texts and compare them (teskctl's objects bear them), so they are as fixed as the
-   values. */
+/* tesk_client_texts - the texts of results and enumerations; the value is the index into its table.
+   Programs compare these texts (teskctl's JSON contains them), so they must not change. */
 #include "tesk_client/tesk_client.h"
 
 #include <span>

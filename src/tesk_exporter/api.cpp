@@ -3,7 +3,8 @@
  */
 #include "tesk_exporter/api.h"
 
-#include "tools/teskctl/text.h"
+#include "tools/common/clock.h"
+#include "tools/common/json_records.h"
 
 #include <cmath>
 

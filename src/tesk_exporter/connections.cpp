@@ -9,29 +9,34 @@
 namespace exporter
 {
 
+/* Its place is free at once. */
 void connection_table::end(connection &peer)
 {
+    leave_place(peer, peer.since);
     peer.is_ended = true;
     ended_++;
     shutdown(peer.fd, SHUT_RDWR);
 }
 
-void connection_table::end_oldest_idle()
+/* Of those that hold such a place, or none. False where there is nobody to end. */
+bool connection_table::end_oldest(place held)
 {
     connection *oldest = nullptr;
     for (connection &open : connections_)
-        if (open.held == place::none && !open.is_ended &&
+        if (open.held == held && !open.is_ended &&
             (oldest == nullptr || open.since < oldest->since))
             oldest = &open;
-    if (oldest != nullptr)
-        end(*oldest);
+    if (oldest == nullptr)
+        return false;
+    end(*oldest);
+    return true;
 }
 
 connection *connection_table::add(int fd, steady_time now)
 {
     connections_.push_back({fd, now});
     if (connections_.size() > crowded_connections)
-        end_oldest_idle();
+        end_oldest(place::none);
     return &connections_.back();
 }
 
@@ -48,7 +53,7 @@ bool connection_table::take_place(connection &peer, place kind, steady_time now)
 {
     const auto index = static_cast<size_t>(kind);
     peer.since = now;
-    if (taken_[index] >= places[index])
+    if (taken_[index] >= places[index] && (kind == place::stream || !end_oldest(kind)))
         return false;
     taken_[index]++;
     peer.held = kind;

@@ -2,9 +2,11 @@
 /* connections - who is connected by HTTP, for how long, and who has to go. Main thread only.
 
    A connection whose request is being answered holds a place of the request's kind, and each kind
-   has its own number of them, so that streams and pages can't take those of /metrics. Connections
-   without a place cost little, but are bounded as well: where too many are open, the oldest of them
-   is ended, so that there is always room for one that asks for something. */
+   has its own number of them, so that streams and pages can't take those of /metrics. Where all are
+   taken a further stream is refused; for the others the oldest answer is ended: one that is read
+   takes milliseconds, so that it meets those who don't read. Connections without a place cost
+   little, but are bounded in the same way, so that there is always room for one that asks for
+   something. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -37,7 +39,7 @@ class connection_table
     connection *add(int fd, steady_time now);
     void remove(const connection *left);
 
-    /* False where all places of the kind are taken. */
+    /* False where all places of the kind are taken by others that may stay. */
     bool take_place(connection &peer, place kind, steady_time now);
     /* Releases the place that it holds, if any. */
     void leave_place(connection &peer, steady_time now);
@@ -60,7 +62,7 @@ class connection_table
 
   private:
     void end(connection &peer);
-    void end_oldest_idle();
+    bool end_oldest(place held);
 
     std::list<connection> connections_; /* in the order of their arrival */
     std::array<size_t, places.size()> taken_{};

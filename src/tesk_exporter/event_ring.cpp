@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tesk_exporter/event_ring.h"
 
-#include "tools/teskctl/text.h"
+#include "tools/common/clock.h"
+#include "tools/common/json_records.h"
 
 #include <charconv>
 

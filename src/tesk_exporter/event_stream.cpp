@@ -3,7 +3,8 @@
    has no id of it, and gets the whole state again. */
 #include "tesk_exporter/event_stream.h"
 
-#include "tools/teskctl/text.h"
+#include "tools/common/clock.h"
+#include "tools/common/json_records.h"
 
 #include <cstring>
 

@@ -12,11 +12,12 @@
 
 #include "tesk_exporter/host_check.h"
 #include "tesk_exporter/listener.h"
-#include "tools/teskctl/text.h"
+#include "tools/common/clock.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <malloc.h>
 #include <memory>
 #include <new>
 #include <poll.h>
@@ -110,7 +111,7 @@ std::optional<steady_time> http_server::next_run() const
         std::ranges::any_of(bodies_, [](const auto &body) { return body.response != nullptr; });
     if (has_bodies)
         return steady_clock::now() + shared_for;
-    return connections_.size() > 0 ? std::optional(next_look_) : std::nullopt;
+    return connections_.size() > 0 || was_crowded_ ? std::optional(next_look_) : std::nullopt;
 }
 
 void http_server::run()
@@ -120,12 +121,22 @@ void http_server::run()
         next_look_ = now + look_pause;
         connections_.end_overdue(now);
         look_at_readers();
+        give_memory_back();
     }
     MHD_run(daemon_);
     drop_old_bodies(now);
     figures_.connections = connections_.size();
     figures_.streams = readers_.size();
     figures_.ended_connections = connections_.ended();
+}
+
+/* What a crowd has taken lies between what stays, so that it isn't given back by itself. */
+void http_server::give_memory_back()
+{
+    const bool is_crowded = connections_.size() > 32;
+    if (was_crowded_ && !is_crowded)
+        malloc_trim(0);
+    was_crowded_ = is_crowded;
 }
 
 void http_server::drop_old_bodies(steady_time now)

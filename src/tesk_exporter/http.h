@@ -88,6 +88,7 @@ class http_server
     void look_at_readers();
     void resume(event_reader &reader);
     void drop_old_bodies(steady_time now);
+    void give_memory_back();
 
     const settings &settings_;
     const model &model_;
@@ -98,6 +99,7 @@ class http_server
     std::list<event_reader *> readers_;
     shared_body bodies_[3]; /* by text_format, and the ports as JSON */
     steady_time next_look_{};
+    bool was_crowded_ = false;
     MHD_Daemon *daemon_ = nullptr;
 };
 

@@ -2,7 +2,8 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
 #include "tesk_exporter/journal.h"
 
-#include "tools/teskctl/text.h"
+#include "tools/common/json_records.h"
+#include "tools/common/words.h"
 
 #include <algorithm>
 #include <cctype>

@@ -38,7 +38,7 @@ class journal
     void run();
     bool write_next();
 
-    static constexpr size_t capacity = 1024;
+    static constexpr size_t capacity = 4096;
 
     const int wake_fd_;
     std::mutex mutex_;

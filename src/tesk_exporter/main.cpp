@@ -10,8 +10,8 @@
 #include "tesk_exporter/options.h"
 #include "tesk_exporter/refresh_rules.h"
 #include "tesk_exporter/refresher.h"
-#include "tools/teskctl/text.h"
-#include "tools/teskctl/tool.h"
+#include "tools/common/clock.h"
+#include "tools/common/exit_code.h"
 
 #include <csignal>
 #include <fmt/format.h>
@@ -135,7 +135,7 @@ static int run(int argc, char **argv)
     setenv("MBX_LOCATE_MS", "1000", 0);
     const int signals = blocked_signals();
     service(given).run(signals);
-    return exit_done;
+    return static_cast<int>(exit_code::done);
 }
 
 } // namespace exporter

@@ -3,7 +3,7 @@
    that is away are left out, since nobody knows them; what only grows, counts and ages, stays. */
 #include "tesk_exporter/metrics.h"
 
-#include "tools/teskctl/text.h"
+#include "tools/common/units.h"
 
 #include <cmath>
 #include <dirent.h>

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tesk_exporter/options.h"
 
-#include "tools/teskctl/port_list.h"
-#include "tools/teskctl/tool.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/port_list.h"
 
 #include <CLI/CLI.hpp>
 
@@ -33,10 +33,10 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         if (!ports.empty())
             read.ports = parse_ports(ports);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? exit_done : exit_usage;
+        return static_cast<int>(app.exit(error) == 0 ? exit_code::done : exit_code::usage);
     } catch (const tool_error &error) {
         std::fprintf(stderr, "tesk-exporter: --ports: %s\n", error.what());
-        return exit_usage;
+        return static_cast<int>(exit_code::usage);
     }
     read.interval = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
     read.refresh = !no_refresh;

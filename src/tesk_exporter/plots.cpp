@@ -3,7 +3,7 @@
    the ring's size. Slots in which nothing is read are emptied when the next value comes. */
 #include "tesk_exporter/plots.h"
 
-#include "tools/teskctl/text.h"
+#include "tools/common/units.h"
 
 #include <algorithm>
 #include <cmath>

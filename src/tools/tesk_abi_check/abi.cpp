@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A name counts only in the library to which it belongs, even though the loader would find it for
-   the server in any of the four: clients load libmbx alone. */
+/* Each name must be in its own library, although the loader would find it for the server in any of
+   the four: clients load libmbx alone. */
 #include "tools/tesk_abi_check/abi.h"
 
 #include "tools/tesk_abi_check/elf_names.h"
@@ -58,7 +58,7 @@ static constexpr needed_library needed[] = {
     {"libdolm_ric.so.0", dolm_ric_names},
 };
 
-/* The one name that is no function. */
+/* The only name that is not a function. */
 static constexpr std::string_view per_thread_block = "procInfo";
 static constexpr uint64_t per_thread_block_size = 8 * sizeof(uint32_t);
 
@@ -80,27 +80,57 @@ static std::optional<std::string> fault_of(const elf_library &library, const std
     return std::nullopt;
 }
 
+/* Appends what is wrong with the names of a library. */
+static void check_names(const needed_library &wanted, const elf_library &library,
+                        std::vector<abi_problem> &problems)
+{
+    for (const char *name : wanted.names)
+        if (const auto fault = fault_of(library, name))
+            problems.push_back({wanted.file, name, *fault});
+}
+
 std::vector<abi_problem> check_abi(const std::string &directory)
 {
     std::vector<abi_problem> problems;
     std::optional<elf_library> first;
-    for (const auto &[file, names] : needed) {
+    for (const needed_library &wanted : needed) {
         try {
-            const auto library = read_elf_library(directory + "/" + file);
+            const auto library = read_elf_library(directory + "/" + wanted.file);
             if (!library) {
-                problems.push_back({file, "", "is missing"});
+                problems.push_back({wanted.file, "", "is missing"});
                 continue;
             }
             if (!first)
                 first = library;
             if (library->machine != first->machine || library->is_64_bit != first->is_64_bit)
-                problems.push_back({file, "", "is for another processor than the ones before it"});
-            for (const char *name : names)
-                if (const auto fault = fault_of(*library, name))
-                    problems.push_back({file, name, *fault});
+                problems.push_back(
+                    {wanted.file, "", "is for another processor than the ones before it"});
+            check_names(wanted, *library, problems);
         } catch (const elf_error &error) {
-            problems.push_back({file, "", error.what()});
+            problems.push_back({wanted.file, "", error.what()});
         }
     }
     return problems;
+}
+
+std::optional<std::vector<abi_problem>> check_library(const std::string &path)
+{
+    const std::string file = path.substr(path.find_last_of('/') + 1);
+    for (const needed_library &wanted : needed) {
+        const std::string_view stem = wanted.file;
+        if (!file.starts_with(stem.substr(0, stem.find(".so") + 3)))
+            continue;
+        std::vector<abi_problem> problems;
+        try {
+            const auto library = read_elf_library(path);
+            if (library)
+                check_names(wanted, *library, problems);
+            else
+                problems.push_back({wanted.file, "", "is missing"});
+        } catch (const elf_error &error) {
+            problems.push_back({wanted.file, "", error.what()});
+        }
+        return problems;
+    }
+    return std::nullopt;
 }

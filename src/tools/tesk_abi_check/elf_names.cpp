@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The dynamic symbol table is found through the section headers, which every linker writes and
-   strip keeps. The file is the word of a stranger: every record is copied out of it by a function
-   that looks at the bounds first. */
+   strip keeps. The file is untrusted input: every record is copied out of it by a function that
+   checks the bounds first. */
 #include "tools/tesk_abi_check/elf_names.h"
 
 #include <cstring>
@@ -59,7 +59,7 @@ static symbol_kind kind_of(unsigned char type)
 
 /* The fields and their encodings are the same in both layouts. */
 template <typename symbol>
-static bool is_offered(const symbol &entry)
+static bool is_exported(const symbol &entry)
 {
     const auto binding = ELF64_ST_BIND(entry.st_info);
     const auto visibility = ELF64_ST_VISIBILITY(entry.st_other);
@@ -87,7 +87,7 @@ static elf_library parse(const std::string &bytes)
         const section texts = section_at(table.sh_link);
         for (uint64_t at = 0; at + sizeof(symbol) <= table.sh_size; at += sizeof(symbol)) {
             const auto entry = record_at<symbol>(bytes, table.sh_offset + at);
-            if (is_offered(entry))
+            if (is_exported(entry))
                 library.names[text_at(bytes, texts.sh_offset + entry.st_name)] = {
                     kind_of(ELF64_ST_TYPE(entry.st_info)), entry.st_size};
         }

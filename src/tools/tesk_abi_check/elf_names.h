@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* elf_names - the names that a shared library offers to others, read from its file. Nothing of the
-   library runs, so it may be for another processor and lack what it depends on. No state. */
+/* elf_names - the names that a shared library exports, read from its file. No code of the library
+   runs, so it may be for another processor and its dependencies may be missing. No state. */
 #pragma once
 
 #include <cstdint>
@@ -22,12 +22,13 @@ struct elf_library {
     std::map<std::string, elf_symbol> names;
 };
 
-/* Why a file can't be used, in words that go behind the file's name. */
+/* Why a file can't be used, as words that continue the file's name. */
 class elf_error : public std::runtime_error
 {
   public:
     using std::runtime_error::runtime_error;
 };
 
-/* Throws an elf_error for what is no little-endian shared library. Nothing where no file is. */
+/* Throws an elf_error if the file is not a little-endian shared library. Empty if there is no
+   file. */
 std::optional<elf_library> read_elf_library(const std::string &path);

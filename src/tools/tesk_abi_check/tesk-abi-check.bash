@@ -5,7 +5,7 @@ _tesk_abi_check()
     local cur=${COMP_WORDS[COMP_CWORD]}
     compopt -o filenames
     if [[ $cur == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W '--json --help --version' -- "$cur")
+        mapfile -t COMPREPLY < <(compgen -W '--json --library --help --version' -- "$cur")
     else
         mapfile -t COMPREPLY < <(compgen -d -- "$cur")
     fi

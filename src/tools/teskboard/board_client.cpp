@@ -1,23 +1,23 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The board's protocol is text in packets: one packet asks, one answers. The socket keeps packets
-   whole, so nothing here puts pieces together or looks for ends. */
+/* The board's protocol is text in packets: one packet asks, one answers. The socket keeps
+   packets whole, so no code here reassembles them. */
 #include "tools/teskboard/board_client.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
+#include "tools/common/exit_code.h"
 #include "tools/common/socket_group.h"
+#include "util/local_socket.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace teskboard
 {
 
-/* Nobody listens, or nobody may connect: what helps differs. */
+/* Without a listener and without a permission different things help. */
 static std::string what_to_do(int error, const std::string &path)
 {
     if (error == EACCES || error == EPERM)
@@ -51,41 +51,33 @@ std::string_view value_of(const answer &lines, std::string_view key)
 }
 
 board_client::board_client(const std::string &path)
-    : socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
+    : socket_(util::connect_to(path, SOCK_SEQPACKET))
 {
-    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-    if (path.size() >= sizeof(address.sun_path))
-        throw failed(exit_code::wrong_usage, fmt::format("{}: too long for a socket", path));
-    path.copy(address.sun_path, path.size());
-    if (socket < 0 ||
-        connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
-        throw failed(exit_code::no_board, what_to_do(errno, path));
-}
-
-board_client::~board_client()
-{
-    close(socket);
+    if (!socket_.is_open() && errno == ENAMETOOLONG)
+        throw tool_error(exit_code::usage, fmt::format("{}: too long for a socket", path));
+    if (!socket_.is_open())
+        throw tool_error(exit_code::no_server, what_to_do(errno, path));
 }
 
 answer board_client::ask(const std::string &request, std::chrono::duration<double> deadline)
 {
-    if (send(socket, request.data(), request.size(), MSG_NOSIGNAL) < 0)
-        throw failed(exit_code::no_board,
-                     fmt::format("the board is gone: {}", std::strerror(errno)));
+    if (send(socket_.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0)
+        throw tool_error(exit_code::no_server,
+                         fmt::format("the board is gone: {}", std::strerror(errno)));
     /* The answer comes in one packet, so that one wait is enough. */
-    pollfd readable = {.fd = socket, .events = POLLIN, .revents = 0};
+    pollfd readable = {.fd = socket_.get(), .events = POLLIN, .revents = 0};
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(deadline).count();
     if (poll(&readable, 1, static_cast<int>(milliseconds)) == 0)
-        throw failed(
+        throw tool_error(
             exit_code::no_answer,
             fmt::format("no answer within {:g} s: allow more with --timeout", deadline.count()));
     std::string text(DOLM_RIC_BOARD_PACKET_MAX, '\0');
-    const ssize_t length = recv(socket, text.data(), text.size(), 0);
+    const ssize_t length = recv(socket_.get(), text.data(), text.size(), 0);
     if (length <= 0)
-        throw failed(exit_code::no_board, "the board is gone: has tesk-server ended?");
+        throw tool_error(exit_code::no_server, "the board is gone: has tesk-server ended?");
     text.resize(static_cast<size_t>(length));
     if (text.starts_with("error "))
-        throw failed(exit_code::refused, text.substr(6));
+        throw tool_error(exit_code::rejected, text.substr(6));
     return split_answer(text);
 }
 

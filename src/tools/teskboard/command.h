@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* command - what the words of a command line, or of a line of a scene, ask for. */
+/* command - parses a command line, or a line of a scene. */
 #pragma once
 
 #include "platform/dolm_ric/simulator/vocabulary.h"
@@ -27,8 +27,8 @@ struct settings {
     bool json = false;
 };
 
-/* Reads the words. With `whole` null they are those of a scene, where another scene can't be
-   played. Throws CLI::Error, also for --help, and board::board_error. */
-command parse_command(std::vector<std::string> words, settings *whole, CLI::App &app);
+/* Reads the words. With `global` null they are those of a scene, which can't
+   play another scene. Throws CLI::Error, also for --help, and board::board_error. */
+command parse_command(std::vector<std::string> words, settings *global, CLI::App &app);
 
 } // namespace teskboard

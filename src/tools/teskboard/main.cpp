@@ -1,22 +1,26 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* teskboard - plays the simulated board of a running tesk-server.
 
-   A command becomes one request to the board, or, for a table, one for each port. A scene is read
-   and checked as a whole, and then its steps are commands like any other, over one connection.
-   Whatever goes wrong is thrown and ends the program at one place, with a line on standard error
-   and an exit code of its own. */
+   A command becomes one request to the board, or, for a table, one for each port. A scene is parsed
+   and checked as a whole; then each of its steps is carried out like a command, over one
+   connection. Errors are thrown and end the program in one place, with a line on standard error and
+   an exit code of their own. */
+#include "tools/common/clock.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/output.h"
+#include "tools/common/run_tool.h"
 #include "tools/teskboard/board_client.h"
 #include "tools/teskboard/command.h"
 #include "tools/teskboard/scene.h"
 #include "tools/teskboard/view.h"
 
 #include <algorithm>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <iterator>
 #include <thread>
 
 using namespace teskboard;
+
 namespace
 {
 
@@ -24,23 +28,12 @@ using seconds = std::chrono::duration<double>;
 
 } // namespace
 
-/* At once, since a scene's lines are read while it is played. */
+/* Flushes, since the lines of a scene are read while it is played, and ends the tool where that
+   fails: a scene must not go on unseen. */
 static void print(const std::string &text)
 {
-    std::fputs(text.c_str(), stdout);
-    if (std::fflush(stdout) != 0)
-        throw failed(exit_code::no_output, "output could not be written: is the disk full?");
-}
-
-/* The clock's time, which also the server's clients show. */
-static std::string clock_time()
-{
-    const auto now = std::chrono::system_clock::now();
-    const auto milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
-        1000;
-    return fmt::format("{:%H:%M:%S}.{:03}",
-                       fmt::localtime(std::chrono::system_clock::to_time_t(now)), milliseconds);
+    write_text(text);
+    check_output();
 }
 
 static uint32_t count_ports(board_client &board, seconds deadline)
@@ -49,7 +42,7 @@ static uint32_t count_ports(board_client &board, seconds deadline)
     return static_cast<uint32_t>(std::stoul(count));
 }
 
-/* Without named ports a table of all, with some each in full. */
+/* Without PORTS a table of all ports; named ports are shown in full. */
 static void show(board_client &board, const command &what, bool json)
 {
     const seconds deadline(what.timeout);
@@ -67,7 +60,7 @@ static void show(board_client &board, const command &what, bool json)
     }
 }
 
-/* `played` stands before what a step of a scene answers. */
+/* `played` precedes the answer to a step of a scene. */
 static void run(board_client &board, const command &what, bool json, const answer &played = {})
 {
     if (what.what == action::show)
@@ -86,14 +79,14 @@ static void check_ports(const std::vector<scene_step> &steps, uint32_t count)
     for (const scene_step &step : steps)
         for (const board::port_range &range : step.what.ports)
             if (range.last >= count)
-                throw failed(
-                    exit_code::wrong_usage,
+                throw tool_error(
+                    exit_code::usage,
                     fmt::format("{}: there is no port {}: this board has the ports 0 to {}",
                                 step.where, range.last, count - 1));
 }
 
-/* A pause counts from when the step before was due, so that a scene takes as long each time; but
-   after a step that waited, from its end. */
+/* A pause begins when the previous step was due, so that a scene always takes the same time; after
+   a "wait" it begins at that step's end. */
 static void play(board_client &board, const std::vector<scene_step> &steps, const command &whole,
                  bool json)
 {
@@ -106,11 +99,11 @@ static void play(board_client &board, const std::vector<scene_step> &steps, cons
         std::this_thread::sleep_until(due);
         const std::string time = fmt::format("{:.3f}", seconds(clock::now() - start).count());
         if (!json)
-            print(fmt::format("{}  {:>7}  {}: ", clock_time(), "+" + time, step.text));
+            print(fmt::format("{}  {:>7}  {}: ", clock_time(now_us()), "+" + time, step.text));
         try {
             run(board, step.what, json, {{"time", time}, {"step", step.text}});
-        } catch (const failed &error) {
-            throw failed(error.code, fmt::format("{}: {}", step.where, error.what()));
+        } catch (const tool_error &error) {
+            throw tool_error(error.code(), fmt::format("{}: {}", step.where, error.what()));
         }
         if (step.what.what == action::wait)
             due = clock::now();
@@ -123,13 +116,13 @@ static void carry_out(const command &what, const settings &whole)
         board_client board(whole.socket);
         return run(board, what, whole.json);
     }
-    /* First of all: a scene that is wrong is told without a board, too. */
+    /* Before connecting: a wrong scene is reported without a board, too. */
     const std::vector<scene_step> steps = read_scene(what.scene);
     board_client board(whole.socket);
     play(board, steps, what, whole.json);
 }
 
-/* CLI11 tells of --help and --version by exceptions too, and gives them the code 0. */
+/* CLI11 reports --help and --version by exceptions, too, with the code 0. */
 static exit_code run_command_line(int count, char **words)
 {
     CLI::App app("Plays the simulated board of a running tesk-server.", "teskboard");
@@ -138,29 +131,14 @@ static exit_code run_command_line(int count, char **words)
         const command what = parse_command({words + 1, words + count}, &whole, app);
         carry_out(what, whole);
     } catch (const CLI::ParseError &error) {
-        const bool told = app.exit(error) == 0;
-        print(""); /* CLI11 has written, but not looked whether it could */
-        return told ? exit_code::done : exit_code::wrong_usage;
+        return app.exit(error) == 0 ? exit_code::done : exit_code::usage;
     } catch (const board::board_error &error) {
-        throw failed(exit_code::wrong_usage, error.what());
+        throw tool_error(exit_code::usage, error.what());
     }
     return exit_code::done;
 }
 
-static int complain(const std::exception &error, exit_code code)
-{
-    std::fflush(stdout); /* what was written before comes before, where both go to one place */
-    std::fprintf(stderr, "teskboard: %s\n", error.what());
-    return static_cast<int>(code);
-}
-
 int main(int count, char **words)
 {
-    try {
-        return static_cast<int>(run_command_line(count, words));
-    } catch (const failed &error) {
-        return complain(error, error.code);
-    } catch (const std::exception &error) {
-        return complain(error, exit_code::fault);
-    }
+    return run_tool("teskboard", [&] { return run_command_line(count, words); });
 }

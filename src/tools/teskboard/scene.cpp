@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each step is read with the same code as a command line, so that both take the same words, and a
-   scene's slip is found as early as a wrong option: before anything has been changed on the board.
-   Which ports there are only the board knows; whoever plays the scene checks those. */
+/* Each step is parsed with the same code as a command line, so that both accept the same words and
+   an error in a scene is found before anything has been changed on the board. Only the board knows
+   which ports exist: main.cpp checks those before it plays the scene. */
 #include "tools/teskboard/scene.h"
 
-#include "tools/teskboard/board_client.h"
+#include "tools/common/exit_code.h"
 
 #include <cerrno>
 #include <charconv>
@@ -17,7 +17,7 @@
 namespace teskboard
 {
 
-/* "+0.5"; a million seconds is more likely a slip than meant. */
+/* "+0.5"; a pause of a million seconds is taken for a mistake. */
 static std::chrono::duration<double> parse_pause(const std::string &word)
 {
     double seconds = 0;
@@ -61,16 +61,16 @@ static scene_step parse_step(std::vector<std::string> words)
     return step;
 }
 
-static failed slip_at(const std::string &where, const std::exception &error)
+static tool_error error_at(const std::string &where, const std::exception &error)
 {
-    return {exit_code::wrong_usage, fmt::format("{}: {}", where, error.what())};
+    return {exit_code::usage, fmt::format("{}: {}", where, error.what())};
 }
 
 std::vector<scene_step> read_scene(const std::string &path)
 {
     std::ifstream file(path);
     if (!file)
-        throw failed(exit_code::wrong_usage, fmt::format("{}: {}", path, std::strerror(errno)));
+        throw tool_error(exit_code::usage, fmt::format("{}: {}", path, std::strerror(errno)));
     std::vector<scene_step> steps;
     std::string line;
     for (int number = 1; std::getline(file, line); number++) {
@@ -82,9 +82,11 @@ std::vector<scene_step> read_scene(const std::string &path)
             steps.push_back(parse_step(std::move(words)));
             steps.back().where = where;
         } catch (const board::board_error &error) {
-            throw slip_at(where, error);
+            throw error_at(where, error);
         } catch (const CLI::Error &error) {
-            throw slip_at(where, error);
+            throw error_at(where, error);
+        } catch (const tool_error &error) {
+            throw error_at(where, error);
         }
     }
     return steps;

@@ -23,7 +23,7 @@ struct scene_step {
     command what;
 };
 
-/* Reads the whole file. Throws `failed` for the first line that can't be played. */
+/* Reads the whole file. Throws a tool_error for the first line that can't be played. */
 std::vector<scene_step> read_scene(const std::string &path);
 
 } // namespace teskboard

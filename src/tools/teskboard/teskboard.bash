@@ -21,7 +21,18 @@ _teskboard()
                 '') words="$commands --help --version --socket --timeout --json" ;;
                 insert) words='--module --vendor --pn --rev --sn --date --rdh --rdh-ext --not-ready' ;;
                 link) words='up down stopped --speed --again' ;;
-                set) words='--again' ;;
+                set)
+                    words=$(teskboard set --help | awk '/^Keys/ {k = 1; next} /^Thresholds/ {k = 0} k {print $1 "="}')
+                    [[ $word == *=* ]] || compopt -o nospace
+                    if [[ ${COMP_WORDS[COMP_CWORD - 1]} == = || $word == = ]]; then
+                        local key=${COMP_WORDS[COMP_CWORD - 2]}
+                        [[ $word == = ]] && key=${COMP_WORDS[COMP_CWORD - 1]} && word=''
+                        words=$(teskboard set --help | awk -v key="$key" '$1 == key {
+                            $1 = ""; gsub(/ or |, /, " "); print }')
+                    else
+                        words+=' --again'
+                    fi
+                    ;;
                 ready | not-ready) words='--again' ;;
                 fail) words='invalid nomem nodev notavail unsupported busy shutdown internal --port --count' ;;
                 event) words='--port --id --value --speed' ;;

@@ -2,6 +2,7 @@
 #include "tools/teskboard/view.h"
 
 #include "platform/dolm_ric/simulator/vocabulary.h"
+#include "tools/common/units.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,8 +10,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-/* Answers bear raw values under the board's keys. The board's own table of values says what kind
-   each is, and so how it is shown; a key that isn't in it is a count. */
+/* Answers hold raw values under the board's keys. The board's own table of fields gives the kind of
+   each value, and so the way in which it is shown; a key that isn't in the table is a count. */
 
 namespace teskboard
 {
@@ -25,7 +26,7 @@ static const field *find_field(std::string_view name)
     return found == all.end() ? nullptr : &*found;
 }
 
-/* The measured kinds stand together in the board's table of kinds. */
+/* The kinds of measured values are adjacent in the enumeration. */
 static bool is_measure(const field &known)
 {
     return known.kind >= field_kind::temperature && known.kind <= field_kind::power;
@@ -34,7 +35,7 @@ static bool is_measure(const field &known)
 /* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
 static constexpr auto table_row = "{:>4}  {:<14} {:<8}{:<6}{:<7}{:>9} {:>8} {:>8}  {:<17}{}\n";
 
-/* Decimal or 0x. The board wrote it, so nothing is checked here. */
+/* Decimal or 0x. Not checked: the board wrote it. */
 static int64_t number_of(std::string_view text)
 {
     return std::strtoll(std::string(text).c_str(), nullptr, 0);
@@ -46,7 +47,7 @@ static std::string format_measure(field_kind kind, std::string_view raw)
     const auto value = static_cast<double>(number_of(raw));
     switch (kind) {
     case field_kind::temperature:
-        return fmt::format("{:g} °C", value / 1e3);
+        return fmt::format("{:g} {}", value / 1e3, celsius_unit());
     case field_kind::voltage:
         return fmt::format("{:g} V", value / 1e6);
     case field_kind::current:
@@ -92,7 +93,7 @@ static std::string format_subscriptions(const answer &port)
                        value_of(port, "subscribed_link"));
 }
 
-/* Measured values stay raw, for programs; what has a name is given by it. */
+/* Measured values stay raw, for programs; other values have their names. */
 static nlohmann::ordered_json json_value(const std::string &key, const std::string &raw)
 {
     const field *known = find_field(key);
@@ -101,6 +102,9 @@ static nlohmann::ordered_json json_value(const std::string &key, const std::stri
     if (known->kind == field_kind::flag)
         return raw != "0";
     const std::string shown = is_measure(*known) ? raw : format_value(*known, raw);
+    if (known->kind == field_kind::speed) /* null for a code without a speed */
+        return shown == raw ? nlohmann::ordered_json(nullptr)
+                            : nlohmann::ordered_json(std::strtod(shown.c_str(), nullptr));
     if (known->kind == field_kind::text || shown != raw)
         return shown;
     return number_of(raw);
@@ -114,8 +118,8 @@ std::string format_table_head()
 
 std::string format_table_row(const answer &port)
 {
-    /* The board keeps what isn't there: the speed of a link that is down, the values of a module
-       that was taken out. The table shows what counts. */
+    /* The board also has values without meaning: the speed of a link that is down, the measurements
+       of a module that was removed. The table leaves them out. */
     const bool up = value_of(port, "link") == "2";
     const bool there = value_of(port, "inserted") != "0";
     const bool measured = there && value_of(port, "diagnostics") != "0";
@@ -129,7 +133,7 @@ std::string format_table_row(const answer &port)
                        format_subscriptions(port));
 }
 
-/* The thresholds of a measured value stand below it. */
+/* The thresholds of a measured value follow it. */
 std::string format_port(const answer &port)
 {
     std::string text = fmt::format("port {}\n", value_of(port, "port"));

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* view - what teskboard prints: tables for people, or JSON with one object a line. */
+/* view - the output of teskboard: tables for people, or JSON with one object a line. */
 #pragma once
 
 #include "tools/teskboard/board_client.h"
@@ -19,8 +19,8 @@ std::string format_board(const answer &board);
 /* How far a change reached. */
 std::string format_change(const answer &change);
 
-/* Any of these as JSON, under the board's keys. What repeats in an answer becomes a list, and what
-   has two parts an object: failures, and the calls of each operation. */
+/* Any of these as JSON, under the board's keys. Failures become a list, and the
+   calls of the operations an object. */
 std::string to_json(const answer &lines);
 
 } // namespace teskboard

@@ -1,38 +1,54 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* commands - one function a command; each gives the exit code, or throws a tool_error. A port that
-   fails is reported and counts in the exit code; what fails as a whole is thrown. */
+/* commands - one function for each command. Each returns the exit code, or throws a tool_error if
+   the command fails as a whole. Ports that fail are reported and determine the exit code. */
 #pragma once
 
-#include "tools/teskctl/tool.h"
+#include "tools/common/exit_code.h"
+#include "tools/teskctl/port_selection.h"
+#include "tools/teskctl/settings.h"
 
-exit_code run_capabilities(const settings &settings);
-/* One block or object a port, as the answers come. */
-exit_code run_pm(const settings &settings, const std::vector<uint32_t> &ports);
-/* Subscribes, takes the first indication, and unsubscribes. */
-exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
-                               const std::vector<uint32_t> &ports);
-/* "status", "sfp", "actions", or "" for all of them by time. */
-exit_code run_history(const settings &settings, const std::string &kind);
+#include <cstdint>
+#include <string>
+
+exit_code run_capabilities(const settings &common);
+exit_code run_pm(const settings &common, const ports_text &ports);
+/* Both subscribe and take the first indication; the subscriptions end with the connection. */
+exit_code run_sfp(const settings &common, const ports_text &ports);
+exit_code run_status(const settings &common, const ports_text &ports);
+
+struct ports_options {
+    ports_text ports = {"all"};
+    bool has_status = false;   /* subscribes to the port status, too */
+    bool numbers_only = false; /* for the completion */
+};
+exit_code run_ports(const settings &common, const ports_options &options);
+
+/* `kind` is "status", "sfp", "actions", or "" for all of them by time. */
+exit_code run_history(const settings &common, const std::string &kind);
 
 struct ping_options {
     uint64_t count = 0;  /* 0: no limit */
     double interval = 1; /* seconds */
 };
-/* exit_no_answer when nothing was answered at all. */
-exit_code run_ping(const settings &settings, const ping_options &options);
+/* exit_code::no_answer if no request was answered. */
+exit_code run_ping(const settings &common, const ping_options &options);
 
 struct watch_options {
-    std::vector<uint32_t> sfp;
-    std::vector<uint32_t> status;
+    ports_text sfp;
+    ports_text status;
     double seconds = 0; /* 0: no limit */
     uint64_t count = 0; /* of indications; 0: no limit */
 };
-/* Ends with exit_done on a process signal, too: that is how people end it. */
-exit_code run_watch(const settings &settings, const watch_options &options);
+/* A process signal is the usual end, so that it gives exit_code::done. */
+exit_code run_watch(const settings &common, const watch_options &options);
 
 struct top_options {
-    std::vector<uint32_t> ports;
+    ports_text ports;
     double interval = 2; /* seconds between two reads of the measured values */
     double seconds = 0;  /* 0: no limit */
 };
-exit_code run_top(const settings &settings, const top_options &options);
+exit_code run_top(const settings &common, const top_options &options);
+
+/* exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is
+   wrong. */
+exit_code run_doctor(const settings &common);

@@ -1,10 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The commands that go on until a limit or a process signal: watch and ping.
+/* The commands that run until a limit or a process signal: watch and ping.
 
-   Both let the session look for the server again when it goes away. ping's requests wait for it
-   until their deadline, and so count as lost; watch's subscriptions are renewed by the session, and
-   the first indications of the renewal tell what has changed meanwhile. */
+   The session of both reconnects when the server goes away. A request of ping that waits for a
+   connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
+   the session, and the first indications after that show the changes of the meantime. */
 #include "tools/teskctl/commands.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
 
 #include <algorithm>
@@ -27,7 +29,7 @@ static std::optional<steady_time> limit(double seconds)
 namespace
 {
 
-/* What ping has seen so far; round-trip times in milliseconds. */
+/* The statistics of ping; round-trip times in milliseconds. */
 struct ping_statistics {
     uint64_t sent = 0;
     uint64_t answered = 0;
@@ -61,33 +63,32 @@ struct ping_statistics {
 
 } // namespace
 
-static void report_answer(const settings &settings, const reporter &report, uint64_t sequence,
-                          const tesk_client_answer &answer, double time)
+static void report_answer(const settings &common, const reporter &report, uint64_t sequence,
+                          bool answered, const char *text, double time)
 {
-    const bool answered = answer.result == TESK_CLIENT_OK;
-    if (settings.json) {
+    if (common.json) {
         json_object object = {{"event", answered ? "answer" : "no answer"}, {"seq", sequence}};
         if (answered)
             object["time_ms"] = time;
         else
-            object["text"] = answer.text;
+            object["text"] = text;
         report.object(object);
     } else if (answered) {
         report.line(fmt::format("answer from tesk-server: seq={} time={:.3f} ms", sequence, time));
     } else {
-        report.line(fmt::format("no answer: seq={} {}", sequence, answer.text));
+        report.line(fmt::format("no answer: seq={} {}", sequence, text));
     }
 }
 
-static void report_statistics(const settings &settings, const reporter &report,
+static void report_statistics(const settings &common, const reporter &report,
                               const ping_statistics &seen)
 {
-    /* A request that is still on its way when the user ends it is neither answered nor lost. */
+    /* A request that is in flight when the user ends ping is neither answered nor lost. */
     const uint64_t done = seen.sent - seen.open;
     const double loss =
         done == 0 ? 0 : 100 * static_cast<double>(done - seen.answered) / static_cast<double>(done);
     const bool any = seen.answered > 0;
-    if (settings.json) {
+    if (common.json) {
         auto if_any = [any](double value) {
             return any ? json_object(value) : json_object(nullptr);
         };
@@ -108,30 +109,44 @@ static void report_statistics(const settings &settings, const reporter &report,
                                 seen.shortest, seen.average(), seen.longest, seen.deviation()));
 }
 
-exit_code run_ping(const settings &settings, const ping_options &options)
+exit_code run_ping(const settings &common, const ping_options &options)
 {
     event_loop loop;
-    const reporter report(settings);
+    reporter report(common);
     ping_statistics seen;
-    /* Stands behind what its callbacks capture, and so is closed before that goes. */
-    session session(settings, {{}, {}, [&](const auto &event) { report.heard(event); }}, true);
+    uint64_t losses = 0; /* of the connection */
+    /* Declared after what its callbacks capture, and so closed first. */
+    session server(loop, common,
+                   {{},
+                    {},
+                    [&](const auto &event) {
+                        losses += event.type == TESK_CLIENT_EVENT_LOST ? 1 : 0;
+                        report.show(event);
+                    }},
+                   true);
     auto send = [&] {
         const uint64_t sequence = ++seen.sent;
         const steady_time start = steady_clock::now();
+        const bool was_connected = server.is_connected();
         seen.open++;
-        session.request(TESK_CLIENT_REQUEST_CAPABILITIES, 0,
-                        [&settings, &report, &seen, sequence, start](const auto &answer) {
-                            const std::chrono::duration<double, std::milli> time =
-                                steady_clock::now() - start;
-                            if (answer.result == TESK_CLIENT_CANCELLED)
-                                return; /* we are on the way out, and the statistics are written */
-                            seen.open--;
-                            if (answer.result == TESK_CLIENT_OK)
-                                seen.add(time.count());
-                            report_answer(settings, report, sequence, answer, time.count());
-                        });
+        server.request(
+            TESK_CLIENT_REQUEST_CAPABILITIES, 0,
+            [&, sequence, start, was_connected, before = losses](const auto &answer) {
+                const std::chrono::duration<double, std::milli> time = steady_clock::now() - start;
+                if (answer.result == TESK_CLIENT_CANCELLED)
+                    return; /* after the summary */
+                seen.open--;
+                const bool is_round_trip = was_connected && losses == before;
+                const bool answered = answer.result == TESK_CLIENT_OK && is_round_trip;
+                if (answered)
+                    seen.add(time.count());
+                report_answer(common, report, sequence, answered,
+                              answer.result == TESK_CLIENT_OK ? "waited for a new connection"
+                                                              : answer.text,
+                              time.count());
+            });
     };
-    /* From due time to due time, not from answer to answer: a slow server is asked as often. */
+    /* From due time to due time, so that a slow server gets as many requests. */
     steady_time next = steady_clock::now();
     auto all_sent = [&] { return options.count != 0 && seen.sent >= options.count; };
     while (!all_sent() || seen.open > 0) {
@@ -141,44 +156,47 @@ exit_code run_ping(const settings &settings, const ping_options &options)
                 std::chrono::duration<double>(options.interval));
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
-        if (loop.wait(session, end) == event_loop::wake::signal)
+        if (loop.wait(server, end) == event_loop::wake::signal)
             break;
     }
-    report_statistics(settings, report, seen);
-    return seen.answered > 0 ? exit_done : exit_no_answer;
+    report_statistics(common, report, seen);
+    return seen.answered > 0 ? exit_code::done : exit_code::no_answer;
 }
 
-exit_code run_watch(const settings &settings, const watch_options &options)
+exit_code run_watch(const settings &common, const watch_options &options)
 {
     event_loop loop;
-    const reporter report(settings);
+    reporter report(common);
     /* One dispatch can bring several indications: those beyond the limit are not shown. */
-    uint64_t heard = 0;
-    auto more_wanted = [&] { return options.count == 0 || heard < options.count; };
+    uint64_t shown = 0;
+    auto more_wanted = [&] { return options.count == 0 || shown < options.count; };
     auto show = [&](const auto &record) {
         if (more_wanted()) {
-            heard++;
-            report.heard(record);
+            shown++;
+            report.show(record);
         }
     };
-    session session(settings, {show, show, [&](const auto &event) { report.heard(event); }}, true);
+    session server(loop, common, {show, show, [&](const auto &event) { report.show(event); }},
+                   true);
 
-    exit_code code = exit_done;
+    const auto ports_of = [&](const ports_text &text) {
+        return text.empty() ? std::vector<uint32_t>() : select_ports(loop, server, text);
+    };
     std::vector<port_request> wanted =
-        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, options.sfp);
-    std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, options.status),
-                      std::back_inserter(wanted));
+        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, ports_of(options.sfp));
+    std::ranges::copy(
+        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, ports_of(options.status)),
+        std::back_inserter(wanted));
     const auto end = limit(options.seconds);
-    const auto held = subscribe_all(loop, session, wanted, [&](const tesk_client_answer &answer) {
-        report.failed(answer);
-        code = std::max(code, exit_code_of(answer.result));
-    });
+    const auto held =
+        subscribe_all(loop, server, wanted, [&](const auto &answer) { report.failed(answer); });
+    report.write_failures();
     /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
            (!end || steady_clock::now() < *end))
-        loop.wait(session, end);
-    /* The server drops what a client held that has gone, but notices it only a moment later. */
-    if (session.connected())
-        request_all(loop, session, held, [](const tesk_client_answer &) {});
-    return code;
+        loop.wait(server, end);
+    /* The server would drop the subscriptions with the connection, but only a moment later. */
+    if (server.is_connected())
+        request_all(loop, server, held, [](const tesk_client_answer &) {});
+    return report.code();
 }

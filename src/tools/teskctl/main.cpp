@@ -1,33 +1,28 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* teskctl - the command line of tesk-server.
 
-   CLI11 reads the words into the fields of command_line; a subcommand's callback only notes which
-   function is to run. It runs after all words are read, since options may stand behind it. Whatever
-   goes wrong comes out as a tool_error, so that one place ends the command: with a line on standard
-   error, an object for programs, and the exit code. */
+   CLI11 parses the words into the fields of command_line; a subcommand's callback only selects the
+   function, which runs once all words are parsed. Every failure is a tool_error and ends the
+   command in one place: with a line on standard error, an object for programs, and the exit code.
+ */
+#include "tools/common/exit_code.h"
+#include "tools/common/known_command.h"
+#include "tools/common/run_tool.h"
 #include "tools/teskctl/commands.h"
-#include "tools/teskctl/port_list.h"
 #include "tools/teskctl/report.h"
 
 #include <CLI/CLI.hpp>
-#include <clocale>
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <unistd.h>
 
 static constexpr char footer[] =
-    "PORTS are lists like 0-3,7; several may be given.\n"
+    "PORTS are lists like 0-3,7, several of them, or \"all\".\n"
+    "\"teskctl help COMMAND\" explains a command.\n"
     "Exit codes: 0 done, 1 rejected by the server, 2 wrong usage,\n"
     "3 no server or no access, 4 no answer in time, 5 output could not be written,\n"
     "70 a fault of teskctl itself.";
-
-namespace
-{
-
-using ports_text = std::vector<std::string>;
-
-} // namespace
 
 static CLI::Option *add_ports(CLI::App *command, const std::string &name, ports_text &ports,
                               const std::string &help)
@@ -38,41 +33,53 @@ static CLI::Option *add_ports(CLI::App *command, const std::string &name, ports_
 namespace
 {
 
-/* The command line, and the command that it asks for. */
+/* The command line, and the command that it selects. */
 class command_line
 {
   public:
-    /* Writes into `settings` what the options say. */
-    explicit command_line(settings &settings) : settings_(settings)
+    /* Stores the global options in `common`. */
+    explicit command_line(settings &common) : common_(common)
     {
         app_.require_subcommand(1);
         app_.fallthrough();
         app_.set_version_flag("--version", "teskctl " TESK_VERSION);
         app_.footer(footer);
-        app_.add_flag("--json", settings_.json, "Write one JSON object a line");
+        app_.add_flag("--json", common_.json, "Write one JSON object a line");
         app_.add_option("--timeout", timeout_, "Wait so long for each answer")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.001, 86400.0).description(""))
             ->capture_default_str();
+        app_.add_option("--wait", common_.wait_seconds,
+                        "Wait for a server that isn't there yet; --wait=SECONDS sets a limit")
+            ->type_name("[=SECONDS]")
+            ->check(CLI::Range(0.0, 1e6).description(""));
         add_reading_commands();
         add_following_commands();
     }
 
-    int run(int argc, char **argv)
+    exit_code run(int argc, char **argv)
     {
         try {
-            app_.parse(argc, argv);
+            std::vector<std::string> words(argv + 1, argv + argc);
+            /* CLI11 would take the next word as the value of an option whose value is optional. */
+            std::ranges::replace(words, "--wait", "--wait=1000000");
+            require_known_command(app_, words);
+            if (words.size() > 1 && words.front() == "help")
+                words = {words[1], "--help"};
+            else if (!words.empty() && words.front() == "help")
+                words = {"--help"};
+            std::ranges::reverse(words); /* the order in which CLI11 takes a vector */
+            app_.parse(std::move(words));
         } catch (const CLI::ParseError &error) {
-            return app_.exit(error) == 0 ? exit_done : exit_usage;
+            return app_.exit(error) == 0 ? exit_code::done : exit_code::usage;
         }
-        settings_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
-        /* Finding the server is the mailbox library's part of a connection, with a time of its own
-           that no call can set. It gets the same as each answer, unless the environment says more
-           or less: who has set it means it. */
-        setenv("MBX_LOCATE_MS", std::to_string(settings_.timeout_ms).c_str(), 0);
-        settings_.terminal = isatty(STDOUT_FILENO) != 0;
+        common_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
+        /* Locating the server is done by the mailbox library, whose timeout only the environment
+           can set. It gets that of an answer unless the user has set it. */
+        setenv("MBX_LOCATE_MS", std::to_string(common_.timeout_ms).c_str(), 0);
+        common_.on_terminal = isatty(STDOUT_FILENO) != 0;
         const char *no_colour = std::getenv("NO_COLOR");
-        settings_.colour = settings_.terminal && (no_colour == nullptr || *no_colour == '\0');
+        common_.coloured = common_.on_terminal && (no_colour == nullptr || *no_colour == '\0');
         return command_();
     }
 
@@ -80,66 +87,85 @@ class command_line
     CLI::App *add(const char *name, const char *help, std::function<exit_code()> run)
     {
         CLI::App *command = app_.add_subcommand(name, help);
+        /* Only noted here: options of all commands may follow. */
         command->callback([this, run = std::move(run)] { command_ = run; });
         return command;
     }
 
+    /* A command whose only argument is PORTS. */
+    void add_port_command(const char *name, const char *help,
+                          exit_code (*function)(const settings &, const ports_text &))
+    {
+        CLI::App *command = add(name, help, [this, function] {
+            check_ports(ports_);
+            return function(common_, ports_);
+        });
+        add_ports(command, "PORTS", ports_, "Which ports")->required();
+    }
+
     void add_reading_commands()
     {
-        add("capabilities", "Show what the server says it can do",
-            [this] { return run_capabilities(settings_); });
-        add_ports(add("pm", "Read the measured values of ports",
-                      [this] { return run_pm(settings_, parse_ports(ports_)); }),
-                  "PORTS", ports_, "Which ports")
-            ->required();
-        add_ports(add("sfp", "Show which modules are in ports",
-                      [this] {
-                          return run_first_indication(settings_, TESK_CLIENT_SFP_INFO,
-                                                      parse_ports(ports_));
-                      }),
-                  "PORTS", ports_, "Which ports")
-            ->required();
-        add_ports(add("status", "Show link and levels of ports",
-                      [this] {
-                          return run_first_indication(settings_, TESK_CLIENT_PORT_STATUS,
-                                                      parse_ports(ports_));
-                      }),
-                  "PORTS", ports_, "Which ports")
-            ->required();
-        add("history", "Show what the server remembers",
-            [this] { return run_history(settings_, history_); })
+        add("capabilities", "Show the capabilities that the server declares",
+            [this] { return run_capabilities(common_); });
+        add("doctor", "Check the installation, the service and the access to the server",
+            [this] { return run_doctor(common_); });
+        add("history", "Show the server's history of events and actions",
+            [this] { return run_history(common_, history_); })
             ->add_option("KIND", history_, "status, sfp or actions; all of them without it")
             ->check(CLI::IsMember({"status", "sfp", "actions"}));
+        add_port_command("pm", "Read the measured values of ports", run_pm);
+        CLI::App *ports =
+            add("ports", "List the ports with module, values and interface name", [this] {
+                check_ports(listed_.ports);
+                return run_ports(common_, listed_);
+            });
+        add_ports(ports, "PORTS", listed_.ports, "Only these ports");
+        ports->add_flag(
+            "--status", listed_.has_status,
+            "Add link and worst grade; leaves two records for each port in the server's "
+            "history of 30 actions");
+        ports->add_flag("--numbers", listed_.numbers_only, "Write the numbers only, for scripts");
+        add_port_command("sfp", "Show the modules in ports", run_sfp);
+        add_port_command("status", "Show link and grades of ports", run_status);
     }
 
     void add_following_commands()
     {
         CLI::App *ping = add("ping", "Measure how long the server takes to answer",
-                             [this] { return run_ping(settings_, ping_); });
-        ping->add_option("-c,--count", ping_.count, "End after so many requests");
+                             [this] { return run_ping(common_, ping_); });
+        add_count(ping, "-c,--count", ping_.count, "End after so many requests");
         add_seconds(ping, "-i,--interval", ping_.interval, "Between two requests")
             ->capture_default_str();
 
-        CLI::App *watch = add("watch", "Print what changes, as it changes", [this] {
-            watch_.sfp = parse_ports(sfp_);
-            watch_.status = parse_ports(status_);
-            if (watch_.sfp.empty() && watch_.status.empty())
-                throw tool_error(exit_usage, "watch what? Name ports with --sfp or --status");
-            return run_watch(settings_, watch_);
+        CLI::App *top = add("top", "Show ports live; q ends, ? helps", [this] {
+            check_ports(top_.ports);
+            return run_top(common_, top_);
         });
-        add_ports(watch, "--sfp", sfp_, "Watch the modules in these ports");
-        add_ports(watch, "--status", status_, "Watch link and levels of these ports");
-        add_seconds(watch, "--for", watch_.seconds, "End after so long");
-        watch->add_option("--count", watch_.count, "End after so many indications");
-
-        CLI::App *top = add("top", "Show ports live; q ends", [this] {
-            top_.ports = parse_ports(ports_);
-            return run_top(settings_, top_);
-        });
-        add_ports(top, "PORTS", ports_, "Which ports")->required();
+        add_ports(top, "PORTS", top_.ports, "Which ports")->required();
         add_seconds(top, "--interval", top_.interval, "Between two reads of the measured values")
             ->capture_default_str();
         add_seconds(top, "--for", top_.seconds, "End after so long");
+
+        CLI::App *watch = add("watch", "Print changes as they come", [this] {
+            if (watch_.sfp.empty() && watch_.status.empty())
+                throw tool_error(exit_code::usage, "watch what? Name ports with --sfp or --status");
+            for (const ports_text *ports : {&watch_.sfp, &watch_.status})
+                if (!ports->empty())
+                    check_ports(*ports);
+            return run_watch(common_, watch_);
+        });
+        add_ports(watch, "--sfp", watch_.sfp, "Watch the modules in these ports");
+        add_ports(watch, "--status", watch_.status, "Watch link and grades of these ports");
+        add_seconds(watch, "--for", watch_.seconds, "End after so long");
+        add_count(watch, "--count", watch_.count, "End after so many indications");
+    }
+
+    static void add_count(CLI::App *command, const std::string &name, uint64_t &value,
+                          const std::string &help)
+    {
+        command->add_option(name, value, help)
+            ->type_name("N")
+            ->check(CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX}).description(""));
     }
 
     static CLI::Option *add_seconds(CLI::App *command, const std::string &name, double &value,
@@ -150,12 +176,13 @@ class command_line
             ->check(CLI::Range(0.001, 1e6).description(""));
     }
 
-    CLI::App app_{"Talks to tesk-server: what is in its ports, how they are, what they measure."};
-    settings &settings_;
+    CLI::App app_{"Shows the SFP ports of a board as tesk-server sees them.", "teskctl"};
+    settings &common_;
     double timeout_ = 2;
     std::function<exit_code()> command_;
-    ports_text ports_, sfp_, status_;
+    ports_text ports_;
     std::string history_;
+    ports_options listed_;
     ping_options ping_;
     watch_options watch_;
     top_options top_;
@@ -163,19 +190,22 @@ class command_line
 
 } // namespace
 
+/* With --json a program that reads the output gets the error as an object, too. */
+static exit_code run_and_report(int argc, char **argv)
+{
+    settings common;
+    try {
+        return command_line(common).run(argc, argv);
+    } catch (const tool_error &error) {
+        reporter(common).error_object(error.code(), error.what());
+        throw;
+    } catch (const std::exception &error) {
+        reporter(common).error_object(exit_code::fault, error.what());
+        throw;
+    }
+}
+
 int main(int argc, char **argv)
 {
-    settings settings;
-    try {
-        const int code = command_line(settings).run(argc, argv);
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-            throw tool_error(exit_no_output, "output could not be written: is the disk full?");
-        return code;
-    } catch (const tool_error &error) {
-        reporter(settings).failed(error.code(), error.what());
-        return error.code();
-    } catch (const std::exception &error) {
-        reporter(settings).failed(exit_fault, fmt::format("unexpected: {}", error.what()));
-        return exit_fault;
-    }
+    return run_tool("teskctl", [&] { return run_and_report(argc, argv); });
 }

@@ -1,33 +1,31 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The commands that ask once and end: capabilities, pm, sfp, status, history.
+/* The commands that read once and end: capabilities, pm, sfp, status.
 
-   Those with ports ask for all at once, and one port's failure doesn't keep the others from being
-   shown: it makes the exit code, of several the highest. Nothing tells how a port is now but an
-   indication, so sfp and status subscribe, take the first one, and unsubscribe.
+   The current state of a port comes only with a subscription's first indication, so sfp and status
+   subscribe. They don't unsubscribe: the server drops the subscriptions with the connection, which
+   leaves one record less in its history of 30 actions.
 
-   A table can be laid out only when all rows are there; objects are written as they come. */
+   No indication identifies an empty port: the port status of one has the type "electrical", and the
+   SFP info "not present" includes modules that aren't ready. A read of the measured values
+   distinguishes them, and leaves no record. */
+#include "tools/common/output.h"
+#include "tools/common/units.h"
+#include "tools/common/words.h"
 #include "tools/teskctl/commands.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/layout.h"
+#include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
+#include "tools/teskctl/screen.h"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <map>
 
-/* No exception where it fails: main looks at the stream in the end. */
-static void write(const std::string &text)
-{
-    std::fputs(text.c_str(), stdout);
-}
-
-[[noreturn]] static void fail(tesk_client_result result)
-{
-    throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
-}
-
 static std::string pm_block(const tesk_client_pm &pm)
 {
-    std::string text = fmt::format("port {}: {}\n", pm.port_no,
-                                   tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, pm.sfp_type));
+    std::string text = fmt::format("port {}: {}\n", pm.port_no, module_text(pm.sfp_type));
+    if (pm.sfp_type == TESK_CLIENT_SFP_NOT_PRESENT)
+        return text;
     auto add = [&text](const char *label, bool has, const std::string &value) {
         text += fmt::format("  {:<15} {:>11}\n", label, has ? value : "absent");
     };
@@ -48,149 +46,130 @@ static std::string pm_block(const tesk_client_pm &pm)
     return text;
 }
 
-/* What the history table says of a record. */
-static std::string what_happened(const tesk_client_history_record &record,
-                                 tesk_client_history_kind kind)
+exit_code run_capabilities(const settings &common)
 {
-    switch (kind) {
-    case TESK_CLIENT_HISTORY_PORT_STATUS:
-        return fmt::format("port {}, filter at {}; {}",
-                           tesk_client_text(TESK_CLIENT_TEXT_PORT_STATE, record.port_state),
-                           record.filter_level, describe_levels(record.level));
-    case TESK_CLIENT_HISTORY_SFP_INFO:
-        return fmt::format("module {}",
-                           tesk_client_text(TESK_CLIENT_TEXT_PRESENCE, record.presence));
-    default:
-        return fmt::format("{} for client {} (its reference {})",
-                           tesk_client_text(TESK_CLIENT_TEXT_ACTION, record.action),
-                           record.client_id, record.conn_ref);
-    }
-}
-
-static std::vector<std::string> row(const tesk_client_sfp_info &info)
-{
-    return {std::to_string(info.port_no), describe(info)};
-}
-
-static std::vector<std::string> row(const tesk_client_port_status &status)
-{
-    return {std::to_string(status.port_no), describe(status)};
-}
-
-exit_code run_capabilities(const settings &settings)
-{
-    session session(settings, {}, false);
+    event_loop loop;
+    session server(loop, common, {}, false);
     tesk_client_capability capabilities[64];
     size_t count = 0;
     const tesk_client_result result =
-        tesk_client_read_capabilities(session.get(), capabilities, std::size(capabilities), &count);
+        tesk_client_read_capabilities(server.get(), capabilities, std::size(capabilities), &count);
     if (result != TESK_CLIENT_OK)
-        fail(result);
+        throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
     table shown({"CAPABILITY", "VALUE"});
     for (size_t i = 0; i < count; i++) {
-        if (settings.json)
-            reporter(settings).line(
+        if (common.json)
+            reporter(common).line(
                 json_object{{"id", capabilities[i].id}, {"value", capabilities[i].value}}.dump());
         shown.add({std::to_string(capabilities[i].id), std::to_string(capabilities[i].value)});
     }
-    if (!settings.json)
-        write(shown.text(terminal_width(settings)));
-    return exit_done;
+    if (!common.json)
+        write_text("The numbers that the server declares to its clients:\n" +
+                   shown.text(terminal_width(common)));
+    return exit_code::done;
 }
 
-exit_code run_pm(const settings &settings, const std::vector<uint32_t> &ports)
+exit_code run_pm(const settings &common, const ports_text &ports)
 {
     event_loop loop;
-    session session(settings, {}, false);
-    const reporter report(settings);
-    exit_code code = exit_done;
-    request_all(loop, session, requests_for(TESK_CLIENT_REQUEST_PM, ports),
+    session server(loop, common, {}, false);
+    reporter report(common);
+    request_all(loop, server,
+                requests_for(TESK_CLIENT_REQUEST_PM, select_ports(loop, server, ports)),
                 [&](const tesk_client_answer &answer) {
-                    if (answer.result != TESK_CLIENT_OK) {
+                    const auto pm = pm_of(answer);
+                    if (!pm)
                         report.failed(answer);
-                        code = std::max(code, exit_code_of(answer.result));
-                    } else if (settings.json) {
-                        report.heard(*answer.pm);
-                    } else {
-                        write(pm_block(*answer.pm));
-                    }
+                    else if (common.json)
+                        report.show(*pm);
+                    else
+                        write_text(pm_block(*pm));
                 });
-    return loop.signal() == 0 ? code : exit_no_answer;
+    report.write_failures();
+    return loop.signal() == 0 ? report.code() : exit_code::no_answer;
 }
 
-exit_code run_first_indication(const settings &settings, tesk_client_kind kind,
-                               const std::vector<uint32_t> &ports)
+/* Waits for the indications that follow the confirmations as signals of their own. */
+template <typename record_type>
+static void await_indications(const settings &common, event_loop &loop, const session &server,
+                              const std::map<uint32_t, record_type> &received, size_t expected)
+{
+    const steady_time end =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(common.timeout_ms);
+    while (received.size() < expected && std::chrono::steady_clock::now() < end &&
+           loop.wait(server, end) != event_loop::wake::signal) {
+    }
+    if (received.size() < expected)
+        throw tool_error(exit_code::no_answer,
+                         "the server confirmed, but sent no indication in time");
+}
+
+template <typename record_type>
+static void show_all(const settings &common, reporter &report, const char *heading,
+                     const std::map<uint32_t, record_type> &records)
+{
+    table shown({"PORT", heading});
+    for (const auto &[port_no, record] : records) {
+        if (common.json)
+            report.show(record);
+        else
+            shown.add({std::to_string(port_no), describe(record)});
+    }
+    if (!common.json && !records.empty())
+        write_text(shown.text(terminal_width(common)));
+    report.write_failures();
+}
+
+static std::vector<port_request> pm_requests(const std::vector<uint32_t> &ports)
+{
+    return requests_for(TESK_CLIENT_REQUEST_PM, ports);
+}
+
+exit_code run_sfp(const settings &common, const ports_text &ports)
 {
     event_loop loop;
-    const reporter report(settings);
-    std::map<uint32_t, std::vector<std::string>> rows;
-    auto take = [&](const auto &record) {
-        const bool first = rows.try_emplace(record.port_no, row(record)).second;
-        if (first && settings.json)
-            report.heard(record);
-    };
-    session session(settings, {take, take, {}}, false);
-
-    exit_code code = exit_done;
-    const bool sfp = kind == TESK_CLIENT_SFP_INFO;
-    const auto held = subscribe_all(loop, session,
-                                    requests_for(sfp ? TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO
-                                                     : TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
-                                                 ports),
-                                    [&](const tesk_client_answer &answer) {
-                                        report.failed(answer);
-                                        code = std::max(code, exit_code_of(answer.result));
-                                    });
-    const steady_time end =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(settings.timeout_ms);
-    /* The first indication follows its confirmation, but as a signal of its own. */
-    while (rows.size() < held.size() && std::chrono::steady_clock::now() < end &&
-           loop.wait(session, end) != event_loop::wake::signal) {
-    }
-    request_all(loop, session, held, [](const tesk_client_answer &) {});
-    if (rows.size() < held.size())
-        throw tool_error(exit_no_answer, "the server confirmed, but sent no indication in time");
-    table shown({"PORT", sfp ? "MODULE" : "STATUS"});
-    for (const auto &[port, cells] : rows)
-        shown.add(cells);
-    if (!settings.json && !rows.empty())
-        write(shown.text(terminal_width(settings)));
-    return code;
+    reporter report(common);
+    std::map<uint32_t, tesk_client_sfp_info> infos;
+    session server(loop, common,
+                   {[&](const auto &info) { infos.try_emplace(info.port_no, info); }, {}, {}},
+                   false);
+    const auto held = subscribe_all(
+        loop, server,
+        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, select_ports(loop, server, ports)),
+        [&](const auto &answer) { report.failed(answer); });
+    await_indications(common, loop, server, infos, held.size());
+    std::vector<uint32_t> without;
+    for (const auto &[port_no, info] : infos)
+        if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
+            without.push_back(port_no);
+    request_all(loop, server, pm_requests(without), [&](const tesk_client_answer &answer) {
+        if (answer.pm != nullptr)
+            infos[answer.port_no].type = module_not_ready;
+    });
+    show_all(common, report, "MODULE", infos);
+    return report.code();
 }
 
-exit_code run_history(const settings &settings, const std::string &kind)
+exit_code run_status(const settings &common, const ports_text &ports)
 {
-    static constexpr const char *names[] = {"status", "sfp", "actions"};
-    struct entry {
-        tesk_client_history_kind kind;
-        tesk_client_history_record record;
-    };
-    session session(settings, {}, false);
-    /* The server keeps three histories, each by time; together they tell what led to what. */
-    std::vector<entry> entries;
-    for (size_t i = 0; i < std::size(names); i++) {
-        if (!kind.empty() && kind != names[i])
-            continue;
-        const auto wanted = static_cast<tesk_client_history_kind>(i);
-        tesk_client_history_record records[TESK_CLIENT_HISTORY_LENGTH];
-        size_t count = 0;
-        const tesk_client_result result =
-            tesk_client_read_history(session.get(), wanted, records, std::size(records), &count);
-        if (result != TESK_CLIENT_OK)
-            fail(result);
-        for (size_t j = 0; j < count; j++)
-            entries.push_back({wanted, records[j]});
-    }
-    /* Stable, so that records of one microsecond keep the order of their history. */
-    std::ranges::stable_sort(entries, {}, [](const entry &each) { return each.record.time_us; });
-    table shown({"TIME", "PORT", "WHAT"});
-    for (const entry &each : entries) {
-        if (settings.json)
-            reporter(settings).line(to_json(each.record, each.kind).dump());
-        shown.add({date_and_time(each.record.time_us), std::to_string(each.record.port_no),
-                   what_happened(each.record, each.kind)});
-    }
-    if (!settings.json)
-        write(shown.text(terminal_width(settings)));
-    return exit_done;
+    event_loop loop;
+    reporter report(common);
+    std::map<uint32_t, tesk_client_port_status> statuses;
+    session server(
+        loop, common,
+        {{}, [&](const auto &status) { statuses.try_emplace(status.port_no, status); }, {}}, false);
+    const auto held = subscribe_all(
+        loop, server,
+        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, select_ports(loop, server, ports)),
+        [&](const auto &answer) { report.failed(answer); });
+    await_indications(common, loop, server, statuses, held.size());
+    std::vector<uint32_t> known;
+    for (const auto &[port_no, status] : statuses)
+        known.push_back(port_no);
+    request_all(loop, server, pm_requests(known), [&](const tesk_client_answer &answer) {
+        if (answer.rejection == TESK_CLIENT_REJECTION_NO_MODULE)
+            statuses[answer.port_no].sfp_type = TESK_CLIENT_SFP_NOT_PRESENT;
+    });
+    show_all(common, report, "STATUS", statuses);
+    return report.code();
 }

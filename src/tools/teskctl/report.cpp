@@ -2,19 +2,20 @@
 /* The time before a line is that of its writing: neither indications nor answers carry one. */
 #include "tools/teskctl/report.h"
 
-#include <cstdio>
-#include <fmt/format.h>
+#include "tools/common/clock.h"
+#include "tools/common/output.h"
+#include "tools/common/port_list.h"
+#include "tools/common/words.h"
+#include "tools/teskctl/explain.h"
+#include "util/escape.h"
 
-static void complain(const std::string &text)
-{
-    std::fflush(stdout); /* what was written before comes before, where both go to one place */
-    std::fputs(fmt::format("teskctl: {}\n", text).c_str(), stderr);
-}
+#include <algorithm>
+#include <fmt/format.h>
+#include <utility>
 
 void reporter::line(const std::string &text) const
 {
-    std::puts(text.c_str());
-    std::fflush(stdout); /* whoever reads a pipe wants it now */
+    write_now(text + "\n");
 }
 
 void reporter::object(const json_object &object) const
@@ -22,32 +23,40 @@ void reporter::object(const json_object &object) const
     /* Built around the object, so that the time is its first key. */
     json_object stamped = {{"time", iso_time(now_us())}};
     stamped.update(object);
-    /* Bytes that are no text can still come from the environment, as in the name of a directory. */
-    line(stamped.dump(-1, ' ', false, json_object::error_handler_t::replace));
+    line(to_line(stamped));
 }
 
-void reporter::port_line(uint32_t port_no, const char *what, const std::string &text) const
+/* A line with the date precedes the first one of a new day. */
+void reporter::timed_line(const std::string &text)
 {
-    line(fmt::format("{}  port {:<3} {:<6}  {}", clock_time(now_us()), port_no, what, text));
+    const uint64_t now = now_us();
+    const std::string before = std::exchange(day_, date(now));
+    if (!before.empty() && before != day_)
+        line(day_);
+    line(fmt::format("{}  {}", clock_time(now), text));
 }
 
-void reporter::heard(const tesk_client_sfp_info &info) const
+void reporter::port_line(uint32_t port_no, const char *what, const std::string &text)
 {
-    settings_.json ? object(to_json(info)) : port_line(info.port_no, "sfp", describe(info));
+    timed_line(fmt::format("port {:<3} {:<6}  {}", port_no, what, text));
 }
 
-void reporter::heard(const tesk_client_port_status &status) const
+void reporter::show(const tesk_client_sfp_info &info)
 {
-    settings_.json ? object(to_json(status))
-                   : port_line(status.port_no, "status", describe(status));
+    common_.json ? object(to_json(info)) : port_line(info.port_no, "sfp", describe(info));
 }
 
-void reporter::heard(const tesk_client_pm &pm) const
+void reporter::show(const tesk_client_port_status &status)
 {
-    settings_.json ? object(to_json(pm)) : port_line(pm.port_no, "pm", describe(pm));
+    common_.json ? object(to_json(status)) : port_line(status.port_no, "status", describe(status));
 }
 
-void reporter::heard(const tesk_client_event &event) const
+void reporter::show(const tesk_client_pm &pm)
+{
+    common_.json ? object(to_json(pm)) : port_line(pm.port_no, "pm", describe(pm));
+}
+
+void reporter::show(const tesk_client_event &event)
 {
     /* In the order of tesk_client_event_type. */
     static constexpr const char *names[] = {"lost", "restored", "subscription lost"};
@@ -56,41 +65,47 @@ void reporter::heard(const tesk_client_event &event) const
         "tesk-server is back; subscribing again",
         "could not subscribe again",
     };
-    const bool subscription = event.type == TESK_CLIENT_EVENT_SUBSCRIPTION_LOST;
+    const bool is_subscription = event.type == TESK_CLIENT_EVENT_SUBSCRIPTION_LOST;
     const char *kind = event.kind == TESK_CLIENT_SFP_INFO ? "sfp" : "status";
-    if (settings_.json) {
+    if (common_.json) {
         json_object described = {{"event", names[event.type]}};
-        if (subscription) {
+        if (is_subscription) {
             described["port"] = event.port_no;
             described["kind"] = kind;
             described["text"] = escape(event.text);
         }
         object(described);
-    } else if (subscription) {
+    } else if (is_subscription) {
         port_line(event.port_no, kind,
                   fmt::format("{}: {}", words[event.type], escape(event.text)));
     } else {
-        line(fmt::format("{}  {}", clock_time(now_us()), words[event.type]));
+        timed_line(words[event.type]);
     }
 }
 
-void reporter::failed(const tesk_client_answer &answer) const
+void reporter::failed(const tesk_client_answer &answer)
 {
     const std::string name = request_name(answer.request);
-    const bool rejected = answer.result == TESK_CLIENT_REJECTED;
-    if (settings_.json)
-        object({{"event", rejected ? "rejected" : "failed"},
+    const bool is_rejected = answer.result == TESK_CLIENT_REJECTED;
+    code_ = std::max(code_, exit_code_of(answer.result));
+    failures_[fmt::format("{}: {}", name, explain(answer))].insert(answer.port_no);
+    if (common_.json)
+        object({{"event", is_rejected ? "rejected" : "failed"},
                 {"request", name},
                 {"port", answer.port_no},
-                {"code", rejected ? json_object(answer.error_code) : json_object(nullptr)},
+                {"code", is_rejected ? json_object(answer.error_code) : json_object(nullptr)},
                 {"text", escape(answer.text)}});
-    complain(
-        fmt::format("port {}: {}: {}", answer.port_no, name, explain(answer.result, answer.text)));
 }
 
-void reporter::failed(exit_code code, const std::string &text) const
+void reporter::write_failures()
 {
-    if (settings_.json && code != exit_no_output)
-        object({{"event", "error"}, {"exit_code", code}, {"text", text}});
-    complain(text);
+    for (const auto &[text, ports] : std::exchange(failures_, {}))
+        complain("teskctl", fmt::format("port{} {}: {}", ports.size() == 1 ? "" : "s",
+                                        format_ports({ports.begin(), ports.end()}), text));
+}
+
+void reporter::error_object(exit_code code, const std::string &text) const
+{
+    if (common_.json && code != exit_code::no_output)
+        object({{"event", "error"}, {"exit_code", static_cast<int>(code)}, {"text", text}});
 }

@@ -1,33 +1,53 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* report - writes what is heard, one line each and at once: words with the time before them, or
-   objects with --json. */
+/* report - the output of a running command, one line at a time: words for people, objects with
+   --json. */
 #pragma once
 
-#include "tools/teskctl/text.h"
-#include "tools/teskctl/tool.h"
+#include "tesk_client/tesk_client.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/json_records.h"
+#include "tools/teskctl/settings.h"
+
+#include <map>
+#include <set>
+#include <string>
 
 class reporter
 {
   public:
-    explicit reporter(const settings &settings) : settings_(settings)
+    explicit reporter(const settings &common) : common_(common)
     {
     }
-    void heard(const tesk_client_sfp_info &info) const;
-    void heard(const tesk_client_port_status &status) const;
-    void heard(const tesk_client_pm &pm) const;
-    void heard(const tesk_client_event &event) const;
 
-    /* A request that failed, and a command that did as a whole: words on standard error, and with
-       --json an object before them. */
-    void failed(const tesk_client_answer &answer) const;
-    void failed(exit_code code, const std::string &text) const;
+    /* Received records and events, words with the time in front. */
+    void show(const tesk_client_sfp_info &info);
+    void show(const tesk_client_port_status &status);
+    void show(const tesk_client_pm &pm);
+    void show(const tesk_client_event &event);
+
+    /* A failed request: with --json an object at once. The lines for people come with
+       write_failures, one for all ports that failed alike. */
+    void failed(const tesk_client_answer &answer);
+    void write_failures();
+    /* That of the worst failure so far. */
+    exit_code code() const
+    {
+        return code_;
+    }
+
+    /* With --json the object for an error that ends the command. */
+    void error_object(exit_code code, const std::string &text) const;
 
     /* A line as it is, and an object with the time as its first key. */
     void line(const std::string &text) const;
     void object(const json_object &object) const;
 
   private:
-    void port_line(uint32_t port_no, const char *what, const std::string &text) const;
+    void timed_line(const std::string &text);
+    void port_line(uint32_t port_no, const char *what, const std::string &text);
 
-    const settings &settings_;
+    const settings &common_;
+    exit_code code_ = exit_code::done;
+    std::map<std::string, std::set<uint32_t>> failures_; /* ports by text */
+    std::string day_;                                    /* of the last line */
 };

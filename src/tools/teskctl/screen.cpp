@@ -1,27 +1,46 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The page is drawn over the one before, line by line; clearing it as a whole would flicker. A line
-   is cleared before it is written: behind one that fills the window, clearing would take its last
-   character. A frame is put together first and goes out at once.
+/* A page is drawn over the previous one, line by line; clearing it as a whole would flicker. Each
+   line is cleared before it is written: after a line as wide as the window, clearing would remove
+   its last character. A page is written at once.
 
-   No handler puts the terminal back: the signals that end or stop the program are taken from a
-   descriptor by the loop, which leaves the scope of the screen or calls suspend. */
+   No signal handler restores the terminal: the loop reads the signals that end or stop the program
+   from a descriptor, and leaves the scope of the screen or calls suspend. */
 #include "tools/teskctl/screen.h"
+
+#include "tools/common/output.h"
+#include "tools/teskctl/settings.h"
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
-/* The other page of the terminal, without a cursor, and back. */
+/* Switches to the terminal's alternate screen without a cursor, and back. */
 static constexpr char enter_sequence[] = "\x1b[?1049h\x1b[?25l\x1b[2J";
 static constexpr char leave_sequence[] = "\x1b[?25h\x1b[?1049l";
 static constexpr char clear_line[] = "\x1b[K";
 static constexpr char clear_below[] = "\x1b[J";
 
-static void write_out(const std::string &text)
+/* A terminal on a serial line reports no size: the usual size is assumed. */
+static winsize window()
 {
-    std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
+    winsize size{};
+    ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+    if (size.ws_col == 0)
+        size.ws_col = 80;
+    if (size.ws_row == 0)
+        size.ws_row = 24;
+    return size;
+}
+
+size_t terminal_width(const settings &common)
+{
+    return common.on_terminal ? window().ws_col : 0;
+}
+
+size_t terminal_height()
+{
+    return window().ws_row;
 }
 
 screen::screen() : has_keys_(tcgetattr(STDIN_FILENO, &saved_) == 0)
@@ -41,12 +60,12 @@ void screen::enter()
         raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &raw);
     }
-    write_out(enter_sequence);
+    write_now(enter_sequence);
 }
 
 void screen::leave()
 {
-    write_out(leave_sequence);
+    write_now(leave_sequence);
     if (has_keys_)
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
 }
@@ -65,5 +84,5 @@ void screen::draw(const std::vector<std::string> &lines, size_t height) const
         frame += (i == 0 ? "" : "\r\n") + (clear_line + lines[i]);
     if (lines.size() < height)
         frame += std::string("\r\n") + clear_below;
-    write_out(frame);
+    write_now(frame);
 }

@@ -1,21 +1,35 @@
 # bash completion for teskctl
 
+# The ports that exist, and "all"; behind a comma or a dash the list goes on.
+_teskctl_ports()
+{
+    local cur=$1 before='' numbers
+    [[ $cur == *[,-]* ]] && before=${cur%"${cur##*[,-]}"}
+    numbers=$(timeout 1 teskctl --timeout 0.5 ports --numbers 2>/dev/null)
+    [[ -n $before ]] || numbers+=' all'
+    mapfile -t COMPREPLY < <(compgen -P "$before" -W "$numbers" -- "${cur#"$before"}")
+}
+
 _teskctl()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-    local commands='capabilities history ping pm sfp status top watch'
-    local options='--json --timeout --help' command='' word
+    local commands='capabilities doctor history ping pm ports sfp status top watch'
+    local options='--json --timeout --wait --help' command='' word
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-        [[ " $commands " == *" $word "* ]] && { command=$word; break; }
+        [[ " $commands help " == *" $word "* ]] && { command=$word; break; }
     done
     case $previous in
-    --timeout | --for | --count | --interval | --sfp | --status | -c | -i) return ;;
+    --timeout | --for | --count | --interval | -c | -i) return ;;
+    --sfp | --status) [[ $command == watch ]] && { _teskctl_ports "$cur"; return; } ;;
     esac
     case $command in
-    '') options+=" --version $commands" ;;
+    '') options+=" --version help $commands" ;;
+    help) options=$commands ;;
     history) [[ $cur == -* ]] || options='status sfp actions' ;;
     ping) options+=' --count --interval' ;;
-    top) options+=' --interval --for' ;;
+    pm | sfp | status) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; } ;;
+    ports) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --status --numbers' ;;
+    top) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --interval --for' ;;
     watch) options+=' --sfp --status --for --count' ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

@@ -1,8 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* top: subscribes to both kinds on all its ports, since a module's coming and going reaches a port
-   only while somebody holds its SFP info, and reads the measured values at an interval. On a
-   terminal it draws a page after whatever came in; elsewhere it writes a line for each. */
+/* top: subscribes to both kinds on all its ports, since the server reports a module's insertion and
+   removal only with a subscription to SFP info, and reads the measured values at an interval. On a
+   terminal it draws a page after each event; elsewhere it writes a line for each record. */
+#include "tools/common/clock.h"
 #include "tools/teskctl/commands.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/screen.h"
 #include "tools/teskctl/top_view.h"
@@ -20,18 +23,20 @@ static steady_clock::duration seconds(double count)
 namespace
 {
 
-/* Asked for by a view that is drawn anew: a page shows all that is known, at any time. So nothing
-   here keeps track of what has changed since the last one. */
+/* The page is drawn anew from everything that is known, so that no change needs to be tracked. */
 class top
 {
   public:
-    top(const settings &settings, const top_options &options)
-        : settings_(settings), options_(options), report_(settings), view_(options.ports),
+    top(const settings &common, const top_options &options)
+        : common_(common), options_(options), report_(common),
           loop_({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGWINCH}),
-          session_(settings,
-                   {[this](const auto &info) { hear(info); },
-                    [this](const auto &status) { hear(status); },
-                    [this](const auto &event) { hear_event(event); }},
+          session_(loop_, common,
+                   {[this](const auto &info) { take_record(info); },
+                    [this](const auto &status) {
+                        take_record(status);
+                        read_value(status.port_no); /* for the values that were graded */
+                    },
+                    [this](const auto &event) { take_event(event); }},
                    true)
     {
     }
@@ -41,86 +46,132 @@ class top
         const steady_time start = steady_clock::now();
         if (options_.seconds > 0)
             end_ = start + seconds(options_.seconds);
+        ports_ = select_ports(loop_, session_, options_.ports);
+        view_ = top_view(ports_);
         const std::vector<port_request> held = subscribe();
+        report_.write_failures();
         if (!held.empty()) {
             follow();
-            if (session_.connected())
+            if (session_.is_connected())
                 request_all(loop_, session_, held, [](const tesk_client_answer &) {});
         }
-        return code_;
+        return report_.code();
     }
 
   private:
-    bool on_screen() const
+    bool is_on_screen() const
     {
-        return settings_.terminal && !settings_.json;
+        return common_.on_terminal && !common_.json;
     }
 
     template <typename record_type>
-    void hear(const record_type &record)
+    void take_record(const record_type &record)
     {
-        view_.heard(record);
-        if (!on_screen())
-            report_.heard(record);
+        view_.show(record);
+        if (!is_on_screen())
+            report_.show(record);
     }
 
-    /* On a page, the loss of the server is part of its title for as long as it lasts. */
-    void hear_event(const tesk_client_event &event)
+    /* On a page, the loss of the server is part of its title. */
+    void take_event(const tesk_client_event &event)
     {
-        const std::string time = clock_time(now_us()).substr(0, 8);
+        const std::string time = clock_seconds(now_us());
         if (event.type == TESK_CLIENT_EVENT_LOST)
             state_ = fmt::format("away since {}, waiting for it", time);
         else if (event.type == TESK_CLIENT_EVENT_RESTORED)
             state_ = fmt::format("back since {}", time);
-        if (!on_screen())
-            report_.heard(event);
+        if (!is_on_screen())
+            report_.show(event);
     }
 
     std::vector<port_request> subscribe()
     {
-        auto wanted = requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, options_.ports);
-        std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, options_.ports),
+        auto wanted = requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, ports_);
+        std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, ports_),
                           std::back_inserter(wanted));
-        return subscribe_all(loop_, session_, wanted, [this](const tesk_client_answer &answer) {
-            report_.failed(answer);
-            code_ = std::max(code_, exit_code_of(answer.result));
+        return subscribe_all(loop_, session_, wanted,
+                             [this](const tesk_client_answer &answer) { report_.failed(answer); });
+    }
+
+    void read_value(uint32_t port_no)
+    {
+        top_port &port = view_.port(port_no);
+        /* A server that is slower than the interval gets one request at a time for a port. */
+        if (port.is_reading || !session_.is_connected())
+            return;
+        port.is_reading = true;
+        session_.request(TESK_CLIENT_REQUEST_PM, port_no, [this](const tesk_client_answer &answer) {
+            top_port &read = view_.port(answer.port_no);
+            read.is_reading = false;
+            if (const auto pm = pm_of(answer))
+                take(read, *pm);
+            else
+                read.pm.reset();
+            if (answer.pm != nullptr && !is_on_screen())
+                report_.show(*answer.pm);
         });
     }
 
-    void read_values()
+    /* A new subscription brings an indication with the grades of this moment. */
+    void grade(std::optional<uint32_t> port_no)
     {
-        for (const uint32_t port_no : options_.ports) {
-            port_view &view = view_.port(port_no);
-            if (view.reading || !session_.connected())
-                continue;
-            /* A server that is slower than the interval is not asked twice for a port. */
-            view.reading = true;
-            session_.request(
-                TESK_CLIENT_REQUEST_PM, port_no, [this, &view](const tesk_client_answer &answer) {
-                    view.reading = false;
-                    view.pm = answer.pm != nullptr ? std::optional(*answer.pm) : std::nullopt;
-                    if (view.pm && !on_screen())
-                        report_.heard(*view.pm);
-                });
-        }
+        if (!port_no || !session_.is_connected())
+            return;
+        session_.request(TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS, *port_no,
+                         [this](const tesk_client_answer &answer) {
+                             if (answer.result == TESK_CLIENT_OK)
+                                 session_.request(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
+                                                  answer.port_no,
+                                                  [this](const auto &end) { note_grading(end); });
+                             else
+                                 note_grading(answer);
+                         });
     }
 
-    /* False when the command is to end. */
+    void note_grading(const tesk_client_answer &answer)
+    {
+        state_ = answer.result == TESK_CLIENT_OK
+                     ? fmt::format("port {} graded at {}", answer.port_no, clock_seconds(now_us()))
+                     : fmt::format("port {} not graded: {}", answer.port_no, explain(answer));
+    }
+
+    /* False if the command is to end. */
+    bool handle_keys()
+    {
+        for (const key &pressed : keys_.parse(loop_.keys())) {
+            const top_view::action action = view_.press(pressed);
+            if (action == top_view::action::quit)
+                return false;
+            if (action == top_view::action::grade)
+                grade(view_.selected());
+        }
+        return true;
+    }
+
+    /* False if the command is to end. */
     bool handle_signal(std::optional<screen> &page)
     {
         if (loop_.signal() == SIGWINCH) /* the next page is drawn for the new size */
             return true;
         if (loop_.signal() != SIGTSTP)
             return false;
-        /* Elsewhere there is no page to give back. */
-        page ? page->suspend() : void(raise(SIGSTOP));
+        if (page)
+            page->suspend();
+        else
+            raise(SIGSTOP);
         return true;
+    }
+
+    void draw(const screen &page)
+    {
+        const size_t height = terminal_height();
+        page.draw(view_.lines(terminal_width(common_), height, common_.coloured, state_), height);
     }
 
     void follow()
     {
         std::optional<screen> page;
-        if (on_screen()) {
+        if (is_on_screen()) {
             page.emplace();
             if (page->has_keys())
                 loop_.watch_keys();
@@ -131,37 +182,36 @@ class top
             if (end_ && now >= *end_)
                 return;
             if (now >= next_read) {
-                read_values();
+                for (const uint32_t port_no : ports_)
+                    read_value(port_no);
                 next_read = now + seconds(options_.interval);
             }
-            if (page) {
-                const size_t height = terminal_height();
-                page->draw(view_.lines(terminal_width(settings_), height, settings_.colour, state_),
-                           height);
-            }
-            /* The ages grow all the time: the page is drawn at each read, if nothing else comes. */
+            if (page)
+                draw(*page);
+            /* Drawn at each read at least, since the ages grow. */
             const auto wake = loop_.wait(session_, end_ ? std::min(*end_, next_read) : next_read);
             if (wake == event_loop::wake::signal && !handle_signal(page))
                 return;
-            if (wake == event_loop::wake::key && (loop_.key() == 'q' || loop_.key() == 'Q'))
+            if (wake == event_loop::wake::key && !handle_keys())
                 return;
         }
     }
 
-    const settings &settings_;
+    const settings &common_;
     const top_options &options_;
     reporter report_;
-    top_view view_;
+    std::vector<uint32_t> ports_;
+    top_view view_{{}};
+    key_parser keys_;
     std::string state_;
-    exit_code code_ = exit_done;
     std::optional<steady_time> end_;
     event_loop loop_;
-    session session_; /* the last, so that it is closed before what its callbacks touch */
+    session session_; /* the last, so that it closes before what its callbacks use */
 };
 
 } // namespace
 
-exit_code run_top(const settings &settings, const top_options &options)
+exit_code run_top(const settings &common, const top_options &options)
 {
-    return top(settings, options).run();
+    return top(common, options).run();
 }

@@ -1,247 +1,33 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A column is one row of a table: its head, its width, when it goes in a narrow window, and how to
-   show it of a port. So that a line never wraps, columns are left out until the others fit, the
-   least important first; and a page never has more lines than the window, but says how many ports
-   it leaves out.
-
-   The letters are the server's grades, which come with indications alone; the values beside them
-   are read at an interval of their own. So a letter can be older than its value: AGE tells. */
+/* A page never has more lines than the window, and no line wraps. In a low window the title goes
+   first, then the head, then the rows; the last line remains. The worst ports come first if there
+   are more than the window has rows, and a line reports what changes outside of it. */
 #include "tools/teskctl/top_view.h"
 
+#include "tools/common/clock.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/port_list.h"
+#include "tools/common/words.h"
+#include "tools/teskctl/layout.h"
+#include "tools/teskctl/top_columns.h"
+
 #include <algorithm>
+#include <cctype>
 #include <fmt/format.h>
-
-static const char *link_word(uint32_t link)
-{
-    switch (link) {
-    case TESK_CLIENT_LINK_OPERATIONAL:
-        return "up";
-    case TESK_CLIENT_LINK_NOT_OPERATIONAL:
-        return "down";
-    default:
-        return "?";
-    }
-}
-
-static const char *module_word(const port_view &view)
-{
-    /* Both kinds tell it. Only the SFP info follows a module that comes or goes. */
-    const uint32_t type = view.sfp      ? view.sfp->type
-                          : view.status ? view.status->sfp_type
-                                        : static_cast<uint32_t>(TESK_CLIENT_SFP_UNKNOWN);
-    return type == TESK_CLIENT_SFP_NOT_PRESENT ? "none"
-                                               : tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, type);
-}
-
-/* What is different, in words; empty if nothing is. */
-static std::string difference(const tesk_client_port_status &before,
-                              const tesk_client_port_status &now)
-{
-    std::vector<std::string> parts;
-    if (before.link != now.link || before.link_speed != now.link_speed) {
-        parts.push_back(fmt::format("link {}", link_word(now.link)));
-        if (now.link_speed != 0)
-            parts.back() += " " + gbps(now.link_speed);
-    }
-    if (before.sfp_type != now.sfp_type)
-        parts.push_back(
-            fmt::format("module {}", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, now.sfp_type)));
-    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++)
-        if (before.level[i] != now.level[i])
-            parts.push_back(fmt::format("{} {}", tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i),
-                                        tesk_client_text(TESK_CLIENT_TEXT_LEVEL, now.level[i])));
-    if (before.environment != now.environment)
-        parts.push_back(fmt::format(
-            "environment {}", tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, now.environment)));
-    return fmt::format("{}", fmt::join(parts, ", "));
-}
-
-static char level_letter(uint32_t level)
-{
-    constexpr char letters[] = "owWaA-.";
-    return level < sizeof(letters) - 1 ? letters[level] : '?';
-}
-
-static tint level_tint(uint32_t level)
-{
-    switch (level) {
-    case TESK_CLIENT_LEVEL_OK:
-        return tint::green;
-    case TESK_CLIENT_LEVEL_LOW_WARNING:
-    case TESK_CLIENT_LEVEL_HIGH_WARNING:
-        return tint::yellow;
-    case TESK_CLIENT_LEVEL_LOW_ALARM:
-    case TESK_CLIENT_LEVEL_HIGH_ALARM:
-        return tint::red;
-    default:
-        return tint::dim;
-    }
-}
-
-static std::string age_text(std::chrono::steady_clock::duration age)
-{
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(age).count();
-    if (seconds < 60)
-        return fmt::format("{}s", seconds);
-    if (seconds < 3600)
-        return fmt::format("{}m", seconds / 60);
-    if (seconds < 86400)
-        return fmt::format("{}h", seconds / 3600);
-    return fmt::format("{}d", seconds / 86400);
-}
-
-namespace
-{
-
-struct cell {
-    std::string text;
-    tint shade = tint::none;
-};
-
-} // namespace
-
-/* The letter of the level, and the value as far as one was read. */
-template <tesk_client_measurement measurement, auto has, auto value, auto write>
-static cell measured(uint32_t, const port_view &view)
-{
-    const uint32_t level =
-        view.status ? view.status->level[measurement] : uint32_t{TESK_CLIENT_LEVEL_NOT_MEASURED};
-    std::string text(1, level_letter(level));
-    if (view.pm && (*view.pm).*has)
-        text += " " + write((*view.pm).*value);
-    return {text, level_tint(level)};
-}
-
-/* The numbers alone: their units stand in the heads. */
-static std::string dbm_number(uint32_t microwatts)
-{
-    const auto value = to_dbm(microwatts);
-    return value ? fmt::format("{:.2f}", *value) : "<-30";
-}
-
-static std::string milliampere_number(uint32_t hundredths)
-{
-    return fmt::format("{:.2f}", hundredths / 100.0);
-}
-
-static std::string volt_number(uint32_t tenths_of_millivolts)
-{
-    return fmt::format("{:.3f}", tenths_of_millivolts / 10000.0);
-}
-
-static std::string celsius_number(int32_t tenths)
-{
-    return fmt::format("{:.1f}", tenths / 10.0);
-}
-
-static cell link_cell(uint32_t, const port_view &view)
-{
-    return {view.status ? link_word(view.status->link) : ""};
-}
-
-static cell speed_cell(uint32_t, const port_view &view)
-{
-    const bool known = view.status && view.status->link_speed != 0;
-    return {known ? fmt::format("{:.1f}G", view.status->link_speed / 10.0) : ""};
-}
-
-static cell age_cell(uint32_t, const port_view &view)
-{
-    return {view.status ? age_text(std::chrono::steady_clock::now() - view.status_time) : ""};
-}
-
-namespace
-{
-
-struct column {
-    const char *head;
-    size_t width;
-    int leaves; /* of those that are shown, the one with the lowest number leaves first */
-    cell (*show)(uint32_t port_no, const port_view &view);
-};
-
-using pm = tesk_client_pm;
-
-} // namespace
-
-static constexpr column columns[] = {
-    {"PORT", 6, 11,
-     [](uint32_t port_no, const port_view &) { return cell{std::to_string(port_no)}; }},
-    {"LINK", 5, 10, link_cell},
-    {"SPEED", 6, 5, speed_cell},
-    {"MODULE", 11, 7, [](uint32_t, const port_view &view) { return cell{module_word(view)}; }},
-    {"AGE", 4, 4, age_cell},
-    {"TX dBm", 9, 6, measured<TESK_CLIENT_TX_POWER, &pm::has_tx_power, &pm::tx_power, dbm_number>},
-    {"RX dBm", 9, 8, measured<TESK_CLIENT_RX_POWER, &pm::has_rx_power, &pm::rx_power, dbm_number>},
-    {"BIAS mA", 9, 2,
-     measured<TESK_CLIENT_TX_BIAS, &pm::has_tx_bias, &pm::tx_bias, milliampere_number>},
-    {"VCC V", 8, 1, measured<TESK_CLIENT_VCC, &pm::has_voltage, &pm::voltage, volt_number>},
-    {"TEMP °C", 8, 9,
-     measured<TESK_CLIENT_TEMPERATURE, &pm::has_temperature, &pm::temperature, celsius_number>},
-    {"CHG", 4, 3,
-     [](uint32_t, const port_view &view) { return cell{std::to_string(view.changes)}; }},
-};
 
 static constexpr size_t narrowest_event = 20;
 
-/* What a narrow window cuts off is what the manual has, too: how to get out comes first. */
-static constexpr char legend[] =
-    "q quits  o ok  w/W low/high warning  a/A low/high alarm  - not measured";
-
-static size_t width_of(const std::vector<column> &shown)
-{
-    size_t width = 0;
-    for (const column &each : shown)
-        width += each.width;
-    return width;
-}
-
-/* PORT stays however narrow the window is. */
-static std::vector<column> columns_that_fit(size_t width)
-{
-    std::vector<column> shown(std::begin(columns), std::end(columns));
-    while (shown.size() > 1 && width_of(shown) > width)
-        shown.erase(std::ranges::min_element(shown, {}, &column::leaves));
-    shown.front().width = std::min(shown.front().width, width);
-    return shown;
-}
-
-static std::string head_line(const std::vector<column> &shown)
-{
-    std::string line;
-    for (const column &each : shown)
-        line += fit(each.head, each.width);
-    return line;
-}
-
-static std::string port_line(const std::vector<column> &shown, uint32_t port_no,
-                             const port_view &view, bool coloured)
-{
-    std::string line;
-    for (const column &each : shown) {
-        const cell content = each.show(port_no, view);
-        line += paint(fit(content.text, each.width), content.shade, coloured);
-    }
-    return line;
-}
-
-/* The clock and the count of the ports give way to what is to be said of the connection. */
-static std::string title_line(size_t width, size_t ports, bool coloured, const std::string &state)
-{
-    std::string title =
-        fmt::format("tesk-server  {}  {} ports  ", clock_time(now_us()).substr(0, 8), ports);
-    if (title.size() + state.size() > width)
-        title = "tesk-server  ";
-    const size_t taken = std::min(width, title.size());
-    return paint(fit(title, taken), tint::bold, coloured) +
-           paint(fit(state, width - taken), tint::yellow, coloured);
-}
-
-/* Kept free: the legend, and as long as ports are left, the line that would say so. */
-static size_t lines_behind(size_t left)
-{
-    return left > 0 ? 2 : 1;
-}
+static constexpr const char *help[] = {
+    "q         quit                      up down   move the cursor",
+    "s         sort: worst first, port   pages     page up and down, Home, End",
+    "/         filter: 0-3,7 or a text   g         read the grades of the port anew",
+    "?         this page                 Esc       remove the filter",
+    "",
+    "Letters are the server's grades: o ok, w W low and high warning, a A low and high alarm,",
+    "- not measured. They come only with a change of link or module; AGE is their age.",
+    "Grey with ? : the value has moved since (1 dB, 5 degrees, 2 % of voltage, 10 % of bias).",
+    "g subscribes anew, which leaves three records in the server's history of 30 actions.",
+};
 
 top_view::top_view(const std::vector<uint32_t> &ports)
 {
@@ -249,63 +35,253 @@ top_view::top_view(const std::vector<uint32_t> &ports)
         ports_[port_no];
 }
 
-void top_view::note_event(port_view &view, const std::string &what)
+static std::string lower(std::string text)
 {
-    view.changes++;
-    view.last_event = clock_time(now_us()).substr(0, 8) + " " + what;
+    for (char &letter : text)
+        letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    return text;
 }
 
-void top_view::heard(const tesk_client_port_status &status)
+/* The numbers in a filter such as "0-3,7"; nothing if it isn't a list. */
+static std::optional<std::set<uint32_t>> numbers_in(const std::string &filter)
 {
-    port_view &view = port(status.port_no);
-    /* The first one is no event: it tells how the port is. So are those after a reconnection,
-       unless something has changed meanwhile. */
-    if (view.status) {
-        const std::string what = difference(*view.status, status);
-        if (!what.empty())
-            note_event(view, what);
+    try {
+        const auto ports = parse_ports({filter});
+        return std::set<uint32_t>(ports.begin(), ports.end());
+    } catch (const tool_error &) {
+        return std::nullopt;
     }
-    view.status = status;
-    view.status_time = std::chrono::steady_clock::now();
 }
 
-void top_view::heard(const tesk_client_sfp_info &info)
+static std::string searched_text(const top_port &port)
 {
-    port_view &view = port(info.port_no);
-    if (view.sfp && describe(*view.sfp) != describe(info))
-        note_event(view, info.type == TESK_CLIENT_SFP_NOT_PRESENT ? "module out"
-                                                                  : "module in: " + describe(info));
-    view.sfp = info;
+    std::string text = module_text(module_of(port));
+    if (port.sfp)
+        text += " " + describe(*port.sfp);
+    if (port.status)
+        text += " " + link_text(*port.status) + " " + describe_levels(port.status->level);
+    return lower(text + " " + port.last_event);
+}
+
+bool top_view::is_by_rank(size_t height) const
+{
+    return by_rank_.value_or(ports_.size() > height);
+}
+
+/* Filters and sorts the ports, and moves the window so that the cursor is in it. */
+void top_view::arrange(size_t height)
+{
+    const auto numbers = numbers_in(filter_);
+    const std::string text = lower(filter_);
+    order_.clear();
+    for (const auto &[port_no, port] : ports_)
+        if (filter_.empty() || (numbers ? numbers->contains(port_no)
+                                        : searched_text(port).find(text) != std::string::npos))
+            order_.push_back(port_no);
+    was_by_rank_ = is_by_rank(height);
+    if (was_by_rank_)
+        std::ranges::stable_sort(order_, std::ranges::greater{},
+                                 [this](uint32_t port_no) { return rank(ports_[port_no]); });
+    const auto at = cursor_ ? std::ranges::find(order_, *cursor_) : order_.begin();
+    if (at == order_.end())
+        cursor_.reset();
+    const auto row = cursor_ ? static_cast<size_t>(at - order_.begin()) : 0;
+    first_ = std::min(first_, order_.size() - std::min(order_.size(), rows_));
+    if (row < first_ || !cursor_)
+        first_ = row;
+    else if (row >= first_ + rows_)
+        first_ = row + 1 - std::max<size_t>(rows_, 1);
+}
+
+std::optional<uint32_t> top_view::selected() const
+{
+    if (cursor_)
+        return cursor_;
+    return order_.empty() ? std::nullopt : std::optional(order_.front());
+}
+
+void top_view::move(ptrdiff_t rows)
+{
+    if (order_.empty())
+        return;
+    const auto now = cursor_ ? std::ranges::find(order_, *cursor_) - order_.begin() : 0;
+    const auto last = static_cast<ptrdiff_t>(order_.size()) - 1;
+    const ptrdiff_t row = std::clamp<ptrdiff_t>(now + rows, 0, last);
+    /* At the top it stays with the row, so that the worst port remains in sight. */
+    cursor_ = row == 0 ? std::nullopt : std::optional(order_[static_cast<size_t>(row)]);
+}
+
+void top_view::edit_filter(const key &pressed)
+{
+    switch (pressed.code) {
+    case key_code::letter:
+        filter_ += pressed.letter;
+        break;
+    case key_code::backspace:
+        if (!filter_.empty())
+            filter_.pop_back();
+        break;
+    case key_code::escape:
+        filter_.clear();
+        is_editing_ = false;
+        break;
+    case key_code::enter:
+        is_editing_ = false;
+        break;
+    default:
+        break;
+    }
+}
+
+top_view::action top_view::press(const key &pressed)
+{
+    const auto page = static_cast<ptrdiff_t>(std::max<size_t>(rows_, 1));
+    const auto all = static_cast<ptrdiff_t>(ports_.size());
+    if (is_editing_ && (pressed.code == key_code::letter || pressed.code >= key_code::enter)) {
+        edit_filter(pressed);
+        return action::none;
+    }
+    switch (pressed.code) {
+    case key_code::up:
+        move(-1);
+        break;
+    case key_code::down:
+        move(1);
+        break;
+    case key_code::page_up:
+        move(-page);
+        break;
+    case key_code::page_down:
+        move(page);
+        break;
+    case key_code::home:
+        move(-all);
+        break;
+    case key_code::end:
+        move(all);
+        break;
+    case key_code::escape:
+        filter_.clear();
+        has_help_ = false;
+        break;
+    default:
+        break;
+    }
+    if (pressed.code != key_code::letter)
+        return action::none;
+    switch (pressed.letter) {
+    case 'q':
+    case 'Q':
+        return action::quit;
+    case 'g':
+        return action::grade;
+    case 's':
+        by_rank_ = !was_by_rank_;
+        cursor_.reset();
+        break;
+    case '/':
+        is_editing_ = true;
+        has_help_ = false;
+        break;
+    case '?':
+        has_help_ = !has_help_;
+        break;
+    default:
+        break;
+    }
+    return action::none;
+}
+
+/* The clock and the number of ports make room for the state of the connection. */
+std::string top_view::title(size_t width, bool coloured, const std::string &state) const
+{
+    std::string text = fmt::format("tesk-server  {}  {} ports{}  ", clock_seconds(now_us()),
+                                   ports_.size(), was_by_rank_ ? ", worst first" : "");
+    if (text.size() + state.size() > width)
+        text = "tesk-server  ";
+    const size_t taken = std::min(width, text.size());
+    return paint(fit(text, taken), tint::bold, coloured) +
+           paint(fit(state, width - taken), tint::yellow, coloured);
+}
+
+std::string top_view::footer() const
+{
+    if (is_editing_)
+        return fmt::format("/{}_  {} ports; Enter keeps the filter, Esc removes it", filter_,
+                           order_.size());
+    std::string text;
+    const size_t hidden = order_.size() - std::min(order_.size(), rows_);
+    if (rows_ == 0 && hidden > 0)
+        return fmt::format("{} of {} ports not shown: window too low", hidden, ports_.size());
+    if (hidden > 0)
+        text = fmt::format("rows {}-{} of {}  ", first_ + 1, first_ + rows_, order_.size());
+    if (!filter_.empty())
+        text += fmt::format("filter \"{}\"  ", filter_);
+    return text + "q quit  ? help  o ok  w/W low/high warning  a/A low/high alarm  - not measured";
+}
+
+/* The newest change outside of the window; in a narrow one, which has no room for events beside the
+   rows, otherwise the newest of all. */
+std::string top_view::news(bool has_events_beside) const
+{
+    size_t unseen = 0;
+    const std::pair<const uint32_t, top_port> *hidden = nullptr, *newest = nullptr;
+    for (const auto &entry : ports_) {
+        const top_port &port = entry.second;
+        if (newest == nullptr || newest->second.last_event < port.last_event)
+            newest = &entry;
+        if (!port.is_unseen)
+            continue;
+        unseen++;
+        if (hidden == nullptr || hidden->second.last_event < port.last_event)
+            hidden = &entry;
+    }
+    if (hidden != nullptr)
+        return fmt::format("outside of the window {} port{} changed, last port {}: {}", unseen,
+                           unseen == 1 ? "" : "s", hidden->first, hidden->second.last_event);
+    if (has_events_beside || newest == nullptr || newest->second.last_event.empty())
+        return "";
+    return fmt::format("port {}: {}", newest->first, newest->second.last_event);
 }
 
 std::vector<std::string> top_view::lines(size_t width, size_t height, bool coloured,
-                                         const std::string &state) const
+                                         const std::string &state)
 {
-    const std::vector<column> shown = columns_that_fit(width);
-    const size_t taken = width_of(shown);
-    const bool beside = width >= taken + narrowest_event;
-    std::vector<std::string> page = {
-        title_line(width, ports_.size(), coloured, state),
-        paint(fit(head_line(shown) + (beside ? "LAST EVENT" : ""), width), tint::bold, coloured)};
-    size_t left = ports_.size();
-    for (const auto &[port_no, view] : ports_) {
-        if (page.size() + 1 + lines_behind(left - 1) > height)
-            break;
-        left--;
-        page.push_back(port_line(shown, port_no, view, coloured) +
-                       (beside ? fit(view.last_event, width - taken) : ""));
-        /* In a narrow window the last event has a line of its own, if there is one left. */
-        if (!beside && !view.last_event.empty() && page.size() + 1 + lines_behind(left) <= height)
-            page.push_back(paint(fit("      " + view.last_event, width), tint::dim, coloured));
+    const top_columns columns(width);
+    const size_t taken = columns.width();
+    const bool has_events = width >= taken + narrowest_event;
+    std::vector<std::string> page;
+    if (height >= 4)
+        page.push_back(title(width, coloured, state));
+    if (has_help_) {
+        for (const char *line : help)
+            page.push_back(fit(line, width));
+        page.resize(std::min(page.size(), height));
+        return page;
     }
-    if (left > 0)
-        page.push_back(fit(
-            fmt::format("{} of {} ports not shown: window too low", left, ports_.size()), width));
-    page.push_back(paint(fit(legend, width), tint::dim, coloured));
-    /* Where not even the frame has room, the line about the ports is the last to go. */
-    if (page.size() > height)
-        page.pop_back();
-    if (page.size() > height)
-        page.erase(page.begin(), page.end() - static_cast<std::ptrdiff_t>(height));
+    if (height >= 3)
+        page.push_back(paint(fit(columns.head() + (has_events ? "LAST EVENT" : ""), width),
+                             tint::bold, coloured));
+    const size_t most_rows = height - std::min(height, page.size() + 1);
+    rows_ = most_rows;
+    arrange(most_rows);
+    /* Where ports are hidden, one line is for what changes there. */
+    const bool has_hidden = order_.size() > rows_ || order_.size() < ports_.size();
+    if (has_hidden && rows_ > 1) {
+        rows_--;
+        arrange(most_rows);
+    }
+    for (size_t i = first_; i < std::min(first_ + rows_, order_.size()); i++) {
+        const uint32_t port_no = order_[i];
+        top_port &port = ports_[port_no];
+        port.is_unseen = false;
+        page.push_back(columns.row(port_no, port, selected() == port_no, coloured) +
+                       (has_events ? fit(port.last_event, width - taken) : ""));
+    }
+    const std::string newest = news(has_events);
+    if ((has_hidden || !newest.empty()) && page.size() + 1 < height)
+        page.push_back(paint(fit(newest, width), tint::yellow, coloured));
+    page.push_back(paint(fit(footer(), width), tint::dim, coloured));
+    page.resize(std::min(page.size(), height));
     return page;
 }

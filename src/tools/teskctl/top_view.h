@@ -1,47 +1,60 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* top_view - what `teskctl top` knows of its ports, and the lines that show it. No terminal, no
-   session: given records in, lines out. */
+/* top_view - the page of `teskctl top`: its ports, the cursor, sorting and filter. No terminal, no
+   session: records and keys in, lines out. */
 #pragma once
 
-#include "tools/teskctl/text.h"
+#include "tools/teskctl/top_keys.h"
+#include "tools/teskctl/top_port.h"
 
-#include <chrono>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
-
-using steady_time = std::chrono::steady_clock::time_point;
-
-struct port_view {
-    std::optional<tesk_client_port_status> status;
-    steady_time status_time{};
-    std::optional<tesk_client_sfp_info> sfp;
-    std::optional<tesk_client_pm> pm;
-    bool reading = false; /* a read of the measured values is on its way */
-    uint64_t changes = 0;
-    std::string last_event; /* with its time */
-};
 
 class top_view
 {
   public:
+    enum class action : uint8_t { none, quit, grade };
+
     explicit top_view(const std::vector<uint32_t> &ports);
 
-    void heard(const tesk_client_port_status &status);
-    void heard(const tesk_client_sfp_info &info);
-    port_view &port(uint32_t port_no)
+    template <typename record_type>
+    void show(const record_type &record)
+    {
+        take(ports_[record.port_no], record);
+    }
+    top_port &port(uint32_t port_no)
     {
         return ports_[port_no];
     }
 
-    /* The page: at most `height` lines, none wider than `width`. `state` is what to say of the
-       connection, empty if all is well. */
+    /* action::grade is for the port under the cursor. */
+    action press(const key &pressed);
+    std::optional<uint32_t> selected() const;
+
+    /* The page: at most `height` lines, none wider than `width`. `state` describes the connection,
+       empty if all is well. */
     std::vector<std::string> lines(size_t width, size_t height, bool coloured,
-                                   const std::string &state) const;
+                                   const std::string &state);
 
   private:
-    void note_event(port_view &view, const std::string &what);
+    void edit_filter(const key &pressed);
+    void move(ptrdiff_t rows);
+    void arrange(size_t height);
+    std::string title(size_t width, bool coloured, const std::string &state) const;
+    std::string footer() const;
+    std::string news(bool has_events_beside) const;
+    bool is_by_rank(size_t height) const;
 
-    std::map<uint32_t, port_view> ports_;
+    std::map<uint32_t, top_port> ports_;
+    std::vector<uint32_t> order_;    /* of the ports that the filter passes */
+    size_t first_ = 0;               /* the first row of the window */
+    size_t rows_ = 0;                /* of the window */
+    std::optional<uint32_t> cursor_; /* none: the first row, whichever port that is */
+    std::optional<bool> by_rank_;    /* none: if there are more ports than rows */
+    bool was_by_rank_ = false;       /* of the last page */
+    std::string filter_;
+    bool is_editing_ = false;
+    bool has_help_ = false;
 };

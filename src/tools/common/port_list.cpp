@@ -1,16 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A set takes the ranges, which may overlap. The limits are looked at before a range is walked: a
-   slip such as 0-4294967295 is told and costs nothing. */
-#include "tools/teskctl/port_list.h"
+/* Ranges may overlap, so they are collected in a set. Limits are checked before a range is
+   expanded: a mistake such as 0-4294967295 is reported at once. */
+#include "tools/common/port_list.h"
 
-#include "tools/teskctl/tool.h"
+#include "tools/common/exit_code.h"
 
 #include <charconv>
 #include <fmt/format.h>
 #include <set>
 #include <string_view>
-
-static constexpr uint32_t highest_port = 65534;
 
 static uint32_t parse_port(std::string_view text, const std::string &list)
 {
@@ -18,8 +16,8 @@ static uint32_t parse_port(std::string_view text, const std::string &list)
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
     if (text.empty() || error != std::errc{} || end != text.data() + text.size() ||
         port > highest_port) {
-        throw tool_error(exit_usage,
-                         fmt::format("\"{}\" is no list of ports: write them as 0-3,7; they go "
+        throw tool_error(exit_code::usage,
+                         fmt::format("\"{}\" is not a list of ports: write them as 0-3,7; they go "
                                      "from 0 to {}",
                                      list, highest_port));
     }
@@ -33,7 +31,8 @@ static void add_range(std::string_view range, const std::string &list, std::set<
     const uint32_t last =
         dash == std::string_view::npos ? first : parse_port(range.substr(dash + 1), list);
     if (last < first)
-        throw tool_error(exit_usage, fmt::format("\"{}\": {} comes before {}", list, last, first));
+        throw tool_error(exit_code::usage,
+                         fmt::format("\"{}\": {} comes before {}", list, last, first));
     for (uint32_t port = first; port <= last; port++)
         ports.insert(port);
 }
@@ -51,4 +50,18 @@ std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists)
         } while (comma != std::string_view::npos);
     }
     return {ports.begin(), ports.end()};
+}
+
+std::string format_ports(const std::vector<uint32_t> &ports)
+{
+    std::string text;
+    for (size_t first = 0, last = 0; first < ports.size(); first = last + 1) {
+        last = first;
+        while (last + 1 < ports.size() && ports[last + 1] == ports[last] + 1)
+            last++;
+        text += fmt::format("{}{}", text.empty() ? "" : ",", ports[first]);
+        if (last > first)
+            text += fmt::format("-{}", ports[last]);
+    }
+    return text;
 }

@@ -1,0 +1,65 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The session remembers its subscriptions in order to renew them after a reconnection and to pass
+   on only indications that were asked for. A renewal walks the map from the first key to the last;
+   new subscriptions are sent only after it, so that none is renewed twice. */
+#include "tesk_client/tesk_client_session.h"
+
+std::optional<subscription_effect> effect_of(tesk_client_request_type type)
+{
+    switch (type) {
+    case TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO:
+        return subscription_effect{TESK_CLIENT_SFP_INFO, true};
+    case TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO:
+        return subscription_effect{TESK_CLIENT_SFP_INFO, false};
+    case TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS:
+        return subscription_effect{TESK_CLIENT_PORT_STATUS, true};
+    case TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS:
+        return subscription_effect{TESK_CLIENT_PORT_STATUS, false};
+    default:
+        return std::nullopt;
+    }
+}
+
+bool tesk_client_session::is_subscribed(tesk_client_kind kind, uint32_t port_no) const
+{
+    return subscriptions_.contains({kind, port_no});
+}
+
+void tesk_client_session::note_subscription(const pending_request &request,
+                                            tesk_client_result result)
+{
+    const auto effect = effect_of(request.type);
+    const auto found =
+        effect ? subscriptions_.find({effect->kind, request.port_no}) : subscriptions_.end();
+    if (found == subscriptions_.end())
+        return;
+    const bool is_confirmed = result == TESK_CLIENT_OK;
+    if (!effect->subscribes) {
+        if (is_confirmed)
+            subscriptions_.erase(found);
+    } else if (is_confirmed) {
+        found->second = true;
+    } else if (result == TESK_CLIENT_REJECTED && (request.renewal || !found->second)) {
+        /* A second subscribe is rejected as well, and leaves the first subscription as it is. */
+        subscriptions_.erase(found);
+    }
+}
+
+/* The next subscription to renew; the renewal is over if there is none. */
+std::optional<subscription_key> tesk_client_session::next_renewal()
+{
+    if (!renewing_)
+        return std::nullopt;
+    const auto next =
+        last_renewal_ ? subscriptions_.upper_bound(*last_renewal_) : subscriptions_.begin();
+    renewing_ = next != subscriptions_.end();
+    last_renewal_ = renewing_ ? std::optional(next->first) : std::nullopt;
+    return last_renewal_;
+}
+
+void tesk_client_session::forget_unconfirmed_subscriptions()
+{
+    std::erase_if(subscriptions_, [](const auto &entry) { return !entry.second; });
+    renewing_ = false;
+    last_renewal_.reset();
+}

@@ -1,0 +1,22 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* json_records - the client library's records as JSON objects: the same keys each time, in the same
+   order, and null where there is no value. teskctl(1) lists the keys. Texts of modules and of the
+   server are escaped to ASCII, blanks included. No state. */
+#pragma once
+
+#include "tesk_client/tesk_client.h"
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+
+using json_object = nlohmann::ordered_json; /* keys stay in the order in which they are set */
+
+json_object to_json(const tesk_client_sfp_info &info);
+json_object to_json(const tesk_client_port_status &status);
+json_object to_json(const tesk_client_pm &pm);
+json_object to_json(const tesk_client_history_record &record, tesk_client_history_kind kind);
+
+/* One line, without its end. Bytes that are not UTF-8, as a directory's name can have them, are
+   replaced instead of thrown about. */
+std::string to_line(const json_object &object);

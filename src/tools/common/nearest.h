@@ -1,0 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* nearest - the known word that is most like a mistyped one. No state. */
+#pragma once
+
+#include <string>
+#include <vector>
+
+/* The one with the fewest insertions, deletions and replacements of a letter; of several the first.
+   `known` must not be empty. */
+std::string nearest(const std::string &word, const std::vector<std::string> &known);

@@ -1,0 +1,14 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* output - standard output and standard error of all tools. */
+#pragma once
+
+#include <string>
+
+/* Writes to standard output. A failure shows in check_output. */
+void write_text(const std::string &text);
+/* Writes a text and flushes, for output that another program reads while the tool runs. */
+void write_now(const std::string &text);
+/* Flushes; throws a tool_error with exit_code::no_output if anything could not be written. */
+void check_output();
+/* One line on standard error, "TOOL: TEXT", after what was written before. */
+void complain(const char *tool, const std::string &text);

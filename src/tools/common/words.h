@@ -1,0 +1,29 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* words - the client library's records as text for people, in one line. No state. */
+#pragma once
+
+#include "tesk_client/tesk_client.h"
+
+#include <string>
+
+/* The module of a port, in every command in the same words. `type` is one of tesk_client_sfp_type,
+   or module_not_ready. */
+inline constexpr uint32_t module_not_ready = 0x100; /* of no enumeration of the server */
+const char *module_text(uint32_t type);
+
+std::string describe(const tesk_client_sfp_info &info);
+/* "not operational, no module": without a module the rest has no meaning. */
+std::string describe(const tesk_client_port_status &status);
+std::string describe(const tesk_client_pm &pm);
+std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS]);
+
+/* "up 9.8 Gbps", "down", "up, speed not known". */
+std::string link_text(const tesk_client_port_status &status);
+
+/* The worst of the levels: alarms before warnings, "ok" before those that are not measured. */
+uint32_t worst_level(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS]);
+/* 0 for the best level, ascending with how bad it is. */
+uint32_t severity(uint32_t level);
+
+/* The name of a request's type: "subscribe status". */
+std::string request_name(tesk_client_request_type type);

@@ -1,0 +1,72 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A command is one thread and one loop: nothing happens outside of event_loop::wait. A signalfd
+   replaces signal handlers. */
+#include "tools/teskctl/event_loop.h"
+
+#include "tools/common/exit_code.h"
+
+#include <algorithm>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+static int new_signalfd(const std::vector<int> &signals)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : signals)
+        sigaddset(&set, number);
+    /* Threads inherit the mask: those that a mailbox library starts later take none of them. */
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+event_loop::event_loop(const std::vector<int> &signals) : signals_(new_signalfd(signals))
+{
+    if (!signals_.is_open())
+        throw tool_error(exit_code::no_server, "signalfd failed: too many open files?");
+}
+
+bool event_loop::read_signal()
+{
+    signalfd_siginfo info{};
+    if (read(signals_.get(), &info, sizeof(info)) != sizeof(info))
+        return false;
+    signal_ = static_cast<int>(info.ssi_signo);
+    return true;
+}
+
+event_loop::wake event_loop::wait(const session &server, std::optional<steady_time> end)
+{
+    pollfd polled[] = {{tesk_client_fd(server.get()), POLLIN, 0},
+                       {signals_.get(), POLLIN, 0},
+                       {has_keys_ ? STDIN_FILENO : -1, POLLIN, 0}};
+    int timeout = -1;
+    if (end) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(*end - std::chrono::steady_clock::now());
+        /* At most an hour, since poll takes an int: the caller checks the time again. */
+        timeout = static_cast<int>(std::clamp<int64_t>(left.count(), 0, 3'600'000));
+    }
+    if (poll(polled, std::size(polled), timeout) <= 0)
+        return wake::time;
+    /* Signals and keys first: a busy session must not delay them for ever. */
+    if (polled[1].revents != 0 && read_signal())
+        return wake::signal;
+    if (polled[2].revents != 0) {
+        char bytes[64];
+        const ssize_t count = read(STDIN_FILENO, bytes, sizeof(bytes));
+        /* At its end standard input would stay readable. */
+        has_keys_ = count > 0;
+        keys_.assign(bytes, has_keys_ ? static_cast<size_t>(count) : 0);
+        return has_keys_ ? wake::key : wake::session;
+    }
+    tesk_client_dispatch(server.get());
+    return wake::session;
+}
+
+bool event_loop::sleep(std::chrono::milliseconds duration)
+{
+    pollfd polled = {signals_.get(), POLLIN, 0};
+    return poll(&polled, 1, static_cast<int>(duration.count())) <= 0 || !read_signal();
+}

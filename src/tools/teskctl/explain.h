@@ -1,0 +1,28 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* explain - results of the client library as exit codes and as advice. No state. */
+#pragma once
+
+#include "tesk_client/tesk_client.h"
+#include "tools/common/exit_code.h"
+
+#include <string>
+
+inline constexpr char server_name[] = "tesk-server";
+inline constexpr char default_mailbox_directory[] = "/run/mbx";
+
+exit_code exit_code_of(tesk_client_result result);
+
+/* What is wrong and what to do about it, for one line on standard error. `text` is the library's or
+   the server's. */
+std::string explain(tesk_client_result result, const std::string &text);
+/* The same for a request; a port that doesn't exist is called so in every command. */
+std::string explain(const tesk_client_answer &answer);
+
+/* The directory in which the client library looks for the server. */
+std::string mailbox_directory();
+
+/* The command that starts the server: by systemctl if its unit is installed and serves this
+   directory. */
+std::string start_command();
+/* The file of the server's unit; empty if there is none, or no systemd. */
+std::string unit_file();

@@ -1,0 +1,81 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tools/teskctl/port_requests.h"
+
+#include <memory>
+
+/* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made
+   at once would expire in the queue. */
+static constexpr size_t most_open = 64;
+
+std::vector<port_request> requests_for(tesk_client_request_type type,
+                                       const std::vector<uint32_t> &ports)
+{
+    std::vector<port_request> requests;
+    requests.reserve(ports.size());
+    for (const uint32_t port : ports)
+        requests.push_back({type, port});
+    return requests;
+}
+
+namespace
+{
+
+/* A process signal or a failed request ends the call before all answers are there; the rest arrive
+   when the session is closed. The callbacks hold the batch weakly, so that they find nothing once
+   the call is over. */
+struct batch {
+    size_t open;
+    const session::answered &take;
+};
+
+} // namespace
+
+void request_all(event_loop &loop, session &server, const std::vector<port_request> &requests,
+                 const session::answered &take)
+{
+    const auto all = std::make_shared<batch>(batch{0, take});
+    const auto count_answer = [weak = std::weak_ptr(all)](const tesk_client_answer &answer) {
+        const auto waiting = weak.lock();
+        if (!waiting)
+            return;
+        waiting->open--;
+        waiting->take(answer);
+    };
+    for (size_t next = 0; next < requests.size() || all->open > 0;) {
+        for (; next < requests.size() && all->open < most_open; next++) {
+            server.request(requests[next].type, requests[next].port_no, count_answer);
+            all->open++;
+        }
+        if (loop.wait(server, std::nullopt) == event_loop::wake::signal)
+            return;
+    }
+}
+
+std::vector<port_request> subscribe_all(event_loop &loop, session &server,
+                                        const std::vector<port_request> &wanted,
+                                        const session::answered &failed)
+{
+    std::vector<port_request> held;
+    request_all(loop, server, wanted, [&](const tesk_client_answer &answer) {
+        if (answer.result == TESK_CLIENT_OK) {
+            /* The type of each unsubscribe follows that of its subscribe. */
+            held.push_back(
+                {static_cast<tesk_client_request_type>(answer.request + 1), answer.port_no});
+        } else {
+            failed(answer);
+        }
+    });
+    return held;
+}
+
+std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer)
+{
+    if (answer.pm != nullptr)
+        return *answer.pm;
+    if (answer.rejection != TESK_CLIENT_REJECTION_NO_MODULE)
+        return std::nullopt;
+    tesk_client_pm none{};
+    none.port_no = answer.port_no;
+    none.sfp_type = TESK_CLIENT_SFP_NOT_PRESENT;
+    return none;
+}

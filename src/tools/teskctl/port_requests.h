@@ -1,0 +1,31 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* port_requests - the same request for many ports. */
+#pragma once
+
+#include "tools/teskctl/event_loop.h"
+
+#include <vector>
+
+struct port_request {
+    tesk_client_request_type type;
+    uint32_t port_no;
+};
+
+/* One request of this type for each port. */
+std::vector<port_request> requests_for(tesk_client_request_type type,
+                                       const std::vector<uint32_t> &ports);
+
+/* Makes all requests and waits for their answers. A process signal ends the wait; `take` isn't
+   called after that. */
+void request_all(event_loop &loop, session &server, const std::vector<port_request> &requests,
+                 const session::answered &take);
+
+/* Makes subscribe requests and returns the unsubscribe requests for those that were confirmed.
+   `failed` is called for the others. */
+std::vector<port_request> subscribe_all(event_loop &loop, session &server,
+                                        const std::vector<port_request> &wanted,
+                                        const session::answered &failed);
+
+/* The measured values that an answer brings: for a port without a module a record without values,
+   nothing if the request failed. */
+std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer);

@@ -1,0 +1,74 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tools/teskctl/port_selection.h"
+
+#include "tools/common/exit_code.h"
+#include "tools/common/output.h"
+#include "tools/common/port_list.h"
+#include "tools/teskctl/explain.h"
+#include "tools/teskctl/port_requests.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <numeric>
+
+static constexpr uint32_t probed_ports = 128;
+
+static bool is_all(const ports_text &text)
+{
+    return text.size() == 1 && text.front() == "all";
+}
+
+void check_ports(const ports_text &text)
+{
+    if (!is_all(text))
+        parse_ports(text);
+}
+
+/* Reading measured values is the only request for a port that the server keeps no history of. */
+static std::vector<uint32_t> probe(event_loop &loop, session &server)
+{
+    std::vector<uint32_t> candidates(probed_ports), found;
+    std::iota(candidates.begin(), candidates.end(), 0U);
+    tesk_client_result failure = TESK_CLIENT_OK;
+    request_all(loop, server, requests_for(TESK_CLIENT_REQUEST_PM, candidates),
+                [&](const tesk_client_answer &answer) {
+                    if (answer.result != TESK_CLIENT_OK && answer.result != TESK_CLIENT_REJECTED)
+                        failure = answer.result;
+                    if (answer.rejection != TESK_CLIENT_REJECTION_NO_PORT)
+                        found.push_back(answer.port_no);
+                });
+    if (failure != TESK_CLIENT_OK)
+        throw tool_error(exit_code_of(failure), explain(failure, tesk_client_result_text(failure)));
+    std::ranges::sort(found);
+    return found;
+}
+
+std::map<uint32_t, std::string> port_names()
+{
+    std::map<uint32_t, std::string> names;
+    const tesk_client_result result = tesk_client_read_port_map(
+        nullptr,
+        [](uint32_t port_no, const char *name, void *user) {
+            static_cast<std::map<uint32_t, std::string> *>(user)->emplace(port_no, name);
+        },
+        &names);
+    if (result != TESK_CLIENT_OK && result != TESK_CLIENT_NO_PORT_MAP)
+        complain("teskctl", fmt::format("port map ignored: {}", tesk_client_error()));
+    return names;
+}
+
+std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text)
+{
+    if (!is_all(text))
+        return parse_ports(text);
+    std::vector<uint32_t> ports;
+    for (const auto &[port_no, name] : port_names())
+        ports.push_back(port_no);
+    if (ports.empty())
+        ports = probe(loop, server);
+    if (ports.empty() && loop.signal() == 0)
+        throw tool_error(exit_code::rejected,
+                         fmt::format("the server knows no port from 0 to {}: name ports beyond",
+                                     probed_ports - 1));
+    return ports;
+}

@@ -1,0 +1,25 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* port_selection - the ports that a command line names, or all that exist. */
+#pragma once
+
+#include "tools/teskctl/event_loop.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+/* PORTS as given: lists such as "0-3,7", or "all". */
+using ports_text = std::vector<std::string>;
+
+/* Throws a tool_error with exit_code::usage if the text is wrong. Needs no server, so that a wrong
+   list is reported before anything else. */
+void check_ports(const ports_text &text);
+
+/* The ports in ascending order, each once. "all" are those of the port map; without a map those
+   that exist among the first 128, found by requests that leave no history. Throws a tool_error if
+   none is found. Empty if a process signal came. */
+std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text);
+
+/* The interface names by port number, as far as the port map has them; escaped. A map that is wrong
+   or can't be read is reported on standard error, and ignored. */
+std::map<uint32_t, std::string> port_names();

@@ -1,0 +1,14 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* settings - the options that hold for every command of teskctl. */
+#pragma once
+
+#include <cstdint>
+
+struct settings {
+    bool json = false;
+    bool coloured = false;
+    bool on_terminal = false; /* standard output is a terminal */
+    uint32_t timeout_ms = 2000;
+    /* How long to wait for a server that isn't there, in seconds. */
+    double wait_seconds = 0;
+};

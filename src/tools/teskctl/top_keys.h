@@ -1,0 +1,37 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* top_keys - bytes from the terminal as keys. */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum class key_code : uint8_t {
+    letter, /* any printable ASCII */
+    up,
+    down,
+    page_up,
+    page_down,
+    home,
+    end,
+    enter,
+    backspace,
+    escape,
+};
+
+struct key {
+    key_code code;
+    char letter = 0;
+};
+
+class key_parser
+{
+  public:
+    /* The keys in these bytes. An escape sequence may be split between two calls; a lone escape at
+       the end counts as the key. Unknown sequences are dropped. */
+    std::vector<key> parse(std::string_view bytes);
+
+  private:
+    std::string rest_; /* of an incomplete sequence */
+};

@@ -1,0 +1,127 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tools/teskctl/top_port.h"
+
+#include "tools/common/clock.h"
+#include "tools/common/words.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <vector>
+
+static std::string difference(const tesk_client_port_status &before,
+                              const tesk_client_port_status &now)
+{
+    std::vector<std::string> parts;
+    if (before.link != now.link || before.link_speed != now.link_speed)
+        parts.push_back("link " + link_text(now));
+    if (before.sfp_type != now.sfp_type)
+        parts.push_back(fmt::format("module {}", module_text(now.sfp_type)));
+    for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++)
+        if (before.level[i] != now.level[i])
+            parts.push_back(fmt::format("{} {}", tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i),
+                                        tesk_client_text(TESK_CLIENT_TEXT_LEVEL, now.level[i])));
+    if (before.environment != now.environment)
+        parts.push_back(fmt::format(
+            "environment {}", tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, now.environment)));
+    return fmt::format("{}", fmt::join(parts, ", "));
+}
+
+static void note_event(top_port &port, const std::string &what)
+{
+    if (what.empty())
+        return;
+    port.changes++;
+    port.is_unseen = true;
+    port.last_event = clock_seconds(now_us()) + " " + what;
+}
+
+std::string take(top_port &port, const tesk_client_port_status &status)
+{
+    /* The first one shows the state and is no event. So do those after a reconnection, unless
+       something has changed in the meantime. */
+    const std::string what = port.status ? difference(*port.status, status) : "";
+    note_event(port, what);
+    port.status = status;
+    port.status_time = std::chrono::steady_clock::now();
+    port.graded.reset();
+    return what;
+}
+
+std::string take(top_port &port, const tesk_client_sfp_info &info)
+{
+    std::string what;
+    if (port.sfp && describe(*port.sfp) != describe(info))
+        what = info.type == TESK_CLIENT_SFP_NOT_PRESENT ? "module out"
+                                                        : "module in: " + describe(info);
+    note_event(port, what);
+    port.sfp = info;
+    return what;
+}
+
+void take(top_port &port, const tesk_client_pm &pm)
+{
+    port.pm = pm;
+    if (port.status && !port.graded)
+        port.graded = pm;
+}
+
+uint32_t module_of(const top_port &port)
+{
+    /* Only the SFP info reports insertion and removal; only the measured values distinguish an
+       empty port from a module that isn't ready. */
+    if (port.sfp && port.sfp->type != TESK_CLIENT_SFP_NOT_PRESENT)
+        return port.sfp->type;
+    const bool is_none = port.pm && port.pm->sfp_type == TESK_CLIENT_SFP_NOT_PRESENT;
+    if (port.sfp)
+        return port.pm && !is_none ? module_not_ready : uint32_t{TESK_CLIENT_SFP_NOT_PRESENT};
+    if (is_none)
+        return TESK_CLIENT_SFP_NOT_PRESENT;
+    return port.status ? port.status->sfp_type : uint32_t{TESK_CLIENT_SFP_UNKNOWN};
+}
+
+/* 0 is below the smallest value that the protocol can express, -30 dBm. */
+static double decibels(uint32_t microwatts)
+{
+    return 10 * std::log10(std::max(microwatts, 1U));
+}
+
+static bool moved_by_share(uint32_t before, uint32_t now, double share)
+{
+    return std::abs(static_cast<double>(now) - before) >= share * before && now != before;
+}
+
+bool has_moved(const top_port &port, tesk_client_measurement measurement)
+{
+    if (!port.pm || !port.graded)
+        return false;
+    const tesk_client_pm &now = *port.pm, &then = *port.graded;
+    switch (measurement) {
+    case TESK_CLIENT_TX_POWER:
+        return now.has_tx_power != then.has_tx_power ||
+               std::abs(decibels(now.tx_power) - decibels(then.tx_power)) >= 1;
+    case TESK_CLIENT_RX_POWER:
+        return now.has_rx_power != then.has_rx_power ||
+               std::abs(decibels(now.rx_power) - decibels(then.rx_power)) >= 1;
+    case TESK_CLIENT_TEMPERATURE:
+        return now.has_temperature != then.has_temperature ||
+               std::abs(int64_t{now.temperature} - then.temperature) >= 50;
+    case TESK_CLIENT_VCC:
+        return now.has_voltage != then.has_voltage ||
+               moved_by_share(then.voltage, now.voltage, 0.02);
+    case TESK_CLIENT_TX_BIAS:
+        return now.has_tx_bias != then.has_tx_bias ||
+               moved_by_share(then.tx_bias, now.tx_bias, 0.1);
+    default:
+        return false; /* has a level, but no value */
+    }
+}
+
+uint32_t rank(const top_port &port)
+{
+    if (!port.status || module_of(port) == TESK_CLIENT_SFP_NOT_PRESENT)
+        return 0;
+    const bool is_down = port.status->link != TESK_CLIENT_LINK_OPERATIONAL;
+    return 2 * severity(worst_level(port.status->level)) + (is_down ? 1 : 0);
+}
