@@ -39,6 +39,8 @@ function write_all() {
   write_summary(ports);
   if (ports.has(chosen))
     write_port(ports.get(chosen), age_of);
+  else if (chosen !== null)
+    set_text(by_id("port-title"), `Port ${chosen} isn't followed`);
 }
 
 /* One drawing for all events of one batch. */
