@@ -51,16 +51,16 @@ for (const element of document.body.querySelectorAll("*")) {
 }
 return worst;"""
 
-# Notes when the link of a port is first shown in another way.
+# Notes when the link of a port is shown in another way.
 WATCH = """
-const cell = document.querySelector('tr[data-port="1"] td');
+const rows = ports.tBodies[0].rows, links = () => [...rows].map((row) => [row, row.cells[1].textContent]);
+const last = new Map(links());
 window.seen = [];
-let last = cell.textContent;
 new MutationObserver(() => {
-  if (cell.textContent !== last)
-    window.seen.push((performance.timeOrigin + performance.now()) / 1000);
-  last = cell.textContent;
-}).observe(cell, {subtree: true, childList: true, characterData: true});"""
+  for (const [row, text] of links())
+    if (last.get(row) !== text && last.set(row, text))
+      seen.push((performance.timeOrigin + performance.now()) / 1000);
+}).observe(ports.tBodies[0], {subtree: true, childList: true, characterData: true});"""
 
 
 class Board:
@@ -148,6 +148,7 @@ def changes_appear(board, page):
     page.shows("#latest", "module inserted")
     board.play("set", "4", "temperature=91C")
     board.play("link", "4", "down")
+    page.shows('#ports tr[data-port="4"]', "down") # or the server sees both at once
     board.play("link", "4", "up")
     page.shows('#ports tr[data-port="4"]', "high alarm: temperature")
     await_true(lambda: page.order()[0] == 4, "the alarm on top")
@@ -168,9 +169,6 @@ def module_texts_stay_texts(board, page):
         page.shows("#identity", text)
     assert page.run("return document.querySelectorAll('main :is(img, script, i)').length") == 0
     page.run("location.hash = ''")
-    policy = http.client.HTTPConnection("127.0.0.1", board.port)
-    policy.request("GET", "/")
-    assert "default-src 'none'" in policy.getresponse().headers["Content-Security-Policy"]
 
 
 def keys_are_enough(page):
@@ -201,31 +199,31 @@ def can_be_read(page):
 
 
 def arrives_in_time(board, page):
-    """Within 50 ms of teskctl's line. The best of nine is what is required, because the machine of a test
-    is busy with others; the median is told."""
-    teskctl = board.start("teskctl", "--json", "watch", "--status", "1", stdout=subprocess.PIPE, text=True)
+    """Within 50 ms of teskctl's line. The best of twelve is what is required, because the machine of a test
+    is busy with others; the median is told. Each link changes twice only, or the server's filter holds it."""
+    up = [0, 1, 2, 8, 9, 10]
+    teskctl = board.start("teskctl", "--json", "watch", "--status", ",".join(map(str, up)), stdout=subprocess.PIPE, text=True)
     stream = http.client.HTTPConnection("127.0.0.1", board.port)
     stream.request("GET", "/events")
     lines, events = [], []
+    pattern = re.compile(r'"event":"status","port":(0|1|2|8|9|10),')
 
-    def follow(source, times, pattern):
-        times += (time.time() for line in source if re.search(pattern, line))
+    def follow(source, times):
+        times += (time.time() for line in source if pattern.search(line))
 
-    threading.Thread(target=follow, args=(teskctl.stdout, lines, '"status"'), daemon=True).start()
+    threading.Thread(target=follow, args=(teskctl.stdout, lines), daemon=True).start()
     answer = (line.decode() for line in stream.getresponse())
-    threading.Thread(target=follow, args=(answer, events, '"status","port":1,'), daemon=True).start()
-    await_true(lambda: lines and events, "the initial states")
+    threading.Thread(target=follow, args=(answer, events), daemon=True).start()
+    await_true(lambda: min(len(lines), len(events)) == len(up), "the initial states")
     page.run(WATCH)
     del lines[:], events[:]
-    states = ["down", "up"] * 5
-    for count, state in enumerate(states[:9], 1):
-        board.play("link", "1", state)
+    for count, (state, port) in enumerate([(state, port) for state in ("down", "up") for port in up], 1):
+        board.play("link", str(port), state)
         await_true(lambda: min(len(lines), len(events), page.run("return seen.length")) >= count, f"change {count}")
-        time.sleep(1.2)  # not to wait for an event: the server's filter holds back a link that flaps
     for name, times in ("/events", events), ("the page", page.run("return seen")):
         late_ms = [1000 * (there - line) for there, line in zip(times, lines)]
         print(f"{name}: {statistics.median(late_ms):.1f} ms after teskctl's line (median), best {min(late_ms):.1f} ms")
-        assert min(late_ms) < 50, late_ms
+        assert min(late_ms) < 50 and len(times) == len(lines), (late_ms, "or a change was shown twice")
     board.kill("teskctl")
 
 

@@ -90,12 +90,21 @@ async function read_ports() {
   return reading;
 }
 
+/* An event may overtake an answer that was made before it: then what the event said stays, or a link
+   would be seen to change back. Both times are of the exporter's clock. */
+function newer_of(shown, answered, time) {
+  if (!shown?.told || shown.told <= time)
+    return answered;
+  return { ...shown, reading_age_s: age_of(shown.reading_age_s), grade_age_s: age_of(shown.grade_age_s) };
+}
+
 function take_ports(answer) {
-  read_at = performance.now();
-  interval_s = answer.interval_s;
+  const before = new Map(ports);
   ports.clear();
   for (const port of answer.ports)
-    ports.set(port.port, port);
+    ports.set(port.port, newer_of(before.get(port.port), port, answer.time));
+  read_at = performance.now();
+  interval_s = answer.interval_s;
   set_text(by_id("version"), answer.version);
   set_trouble("server", answer.up ? "" : `tesk-server is away (${answer.trouble}).`);
   if (stream.readyState === EventSource.OPEN)
@@ -104,7 +113,7 @@ function take_ports(answer) {
   load_plots();
 }
 
-/* An answer that was on its way when an event came may be older than the event: read once more. */
+/* What an event doesn't carry, such as the values of another module, comes a little later. */
 let later = 0;
 function read_soon() {
   clearTimeout(later);
@@ -116,6 +125,7 @@ function take_record(event) {
   if (!port)
     return;
   const { time, change, ...record } = event;
+  port.told = time;
   if (event.event === "sfp") {
     port.sfp = record;
     if (change !== "initial")
