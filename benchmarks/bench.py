@@ -14,6 +14,7 @@ ITEMS = {
     "requests": lambda bench: bench.requests(),
     "fan-out": lambda bench: [bench.fan_out(count) for count in (1, 10, 100, 1000)],
     "growth": lambda bench: bench.growth(),
+    "python": lambda bench: bench.python(),
     "costs": lambda bench: bench.costs(),
     "traces": lambda bench: (bench.instructions(), bench.traces_on()),
 }

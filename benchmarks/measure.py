@@ -9,7 +9,7 @@ import sys
 import time
 
 from callgrind import count_instructions, run_cases, trace_test
-from lab import (BIN, OURS, SYSTEMS, THEIRS, Tesk, TraceSession, anonymous_bytes,
+from lab import (BIN, OURS, ROOT, SYSTEMS, THEIRS, Redis, Tesk, TraceSession, anonymous_bytes,
                  count_system_calls, tasks)
 
 CAPABILITIES, PM_COUNTERS = 0, 1
@@ -113,6 +113,28 @@ class Bench:
                  count / time_ns * 1e6)
         self.add(f"cpu flight {what}", f"64 in flight, {what}: server CPU per request", "µs",
                  server.name, cpu / count / 1000)
+
+    def python(self):
+        """A request's round trip in Python, beside the same by the C libraries. All on one core."""
+        tesk, redis = Tesk(self.lab, THEIRS), Redis(self.lab, THEIRS)
+        script = ["/usr/bin/python3", ROOT / "benchmarks/python_client.py"]
+        env = {**tesk.env, "PYTHONPATH": str(ROOT / "python"),
+               "LD_LIBRARY_PATH": str(BIN.parent / "lib")}
+        clients = [
+            ("libtesk_client", self.lab.run([BIN / "bench_library", "client", "-"], THEIRS, env)),
+            ("tesk_client in Python", self.lab.run([*script, "tesk"], THEIRS, env)),
+            ("the same, asyncio", self.lab.run([*script, "asyncio"], THEIRS, env)),
+            ("hiredis", redis.client(THEIRS)),
+            ("redis-py", self.lab.run([*script, "redis", redis.address], THEIRS))]
+        for _, client in clients:
+            client.ask("calls", PM_COUNTERS, 200)
+        for number in range(self.rounds):
+            turn = number % len(clients)
+            for name, client in clients[turn:] + clients[:turn]:
+                times = client.ask("calls", PM_COUNTERS, self.calls)
+                self.add("python trip", "round trip, median", "µs", name, median(times) / 1000)
+                self.add("python p99", "round trip, p99", "µs", name, percentile(times, 99) / 1000)
+        self.lab.end_all()
 
     def fan_out(self, subscribers):
         processes = subscribers if subscribers <= 100 else 4

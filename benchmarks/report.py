@@ -104,6 +104,16 @@ def table_of_systems(series, *prefixes):
     return rows
 
 
+def table_of_python(series):
+    """A row for each client: its medians, and their ratio to the C library's."""
+    measures = [series[key] for key in ("python trip", "python p99") if key in series]
+    rows = [["", *(f"{each.title}, {each.unit}" for each in measures)]]
+    for name in measures[0].rounds if measures else ():
+        rows.append([name, *(f"{number(each.value(name))} ({each.ratio(name, 'libtesk_client'):.2f})"
+                             for each in measures)])
+    return rows
+
+
 def table_of_growth(series):
     rows = [["", "smallest case", "this case", "ratio"]]
     for each in series.values():
@@ -166,6 +176,8 @@ def sections(bench):
     yield ("Fan-out: median of the rounds, and its ratio to the bare socket",
            table_of_systems(series, "fan"))
     yield "Growth: whole operations", table_of_growth(series)
+    yield ("Python: PM counters, median of the rounds, and its ratio to the C library",
+           table_of_python(series))
     yield "Cost", table_of_costs(series)
     yield "Instructions of the server's own modules", table_of_instructions(series)
     yield "Instructions of the mailbox library, in user space", table_of_mbx_instructions(series)

@@ -6,11 +6,13 @@
 # The packages by what needs them. Everything comes from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
                 libfmt-dev nlohmann-json3-dev)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq)
+packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
-              shellcheck pyflakes3 mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu g++-s390x-linux-gnu)
+              shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
+              g++-s390x-linux-gnu)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
-                libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler)
+                libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler
+                python3-redis python3-hiredis)
 
 say() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2

@@ -54,6 +54,8 @@ say "using"
 start_server
 expect 0 "operational" as nobody:tesk teskctl status 0
 expect 3 'group "tesk"' as nobody:nogroup teskctl status 0
+expect 0 "41.5" as nobody:tesk python3 -c \
+    'import tesk_client; print(tesk_client.Session().pm(0).temperature_c)'
 expect 0 "" as nobody:tesk teskboard link 0 down
 expect 0 '"link":"not operational"' as nobody:tesk teskctl --json status 0
 expect 0 "everything" as nobody:nogroup tesk-abi-check "/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)"
@@ -75,7 +77,7 @@ expect 0 "rc " chroot "$root" dpkg-query -W -f '${db:Status-Abbrev}' tesk-platfo
 expect 0 "ii " chroot "$root" dpkg-query -W -f '${db:Status-Abbrev}' tesk-server
 
 say "purging"
-apt purge 'tesk-*' 'libtesk-*'
+apt purge 'tesk-*' 'libtesk-*' 'python3-tesk-*'
 rm -r "$root/packages"
 left=$(
     find "$root" -xdev -iname '*tesk*' -o -iname '*mbx*' -o -iname '*dolm_ric*' -o -name 'libzel*'

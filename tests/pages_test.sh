@@ -8,8 +8,9 @@
 # or the next one is "echo $?". What it writes must have the shape that is shown: a number stands
 # for any number, blanks for any blanks, a line "..." for any lines; "console exactly" takes numbers
 # as they are. What a command with & writes is shown under the command at which it comes, in any
-# order. Of a man page the EXAMPLES are run and their status is looked at. A block "c FILE" is that
-# file. The commands of a block "sh" can't be run here: each must be one of the excused.
+# order. Of a man page the EXAMPLES are run and their status is looked at. A block "c FILE" or
+# "python FILE" is that file. The commands of a block "sh" can't be run here: each must be one of the
+# excused.
 set -u
 
 declare -A excused=(
@@ -116,7 +117,7 @@ check_page() {
             ;;
         *:'```') block='' ;;
         console:*) expected+=${expected:+$'\n'}$line ;;
-        c:*) [ -z "$mode" ] || printf '%s\n' "$line" >>"$mode" ;;
+        c:* | python:*) [ -z "$mode" ] || printf '%s\n' "$line" >>"$mode" ;;
         sh:[!\#\ ]*)
             read -r word _ <<<"${line#ZEL_GROUPS=all }"
             [ -n "${excused[$word]-}" ] || fail "neither run nor excused: $word"
@@ -137,7 +138,7 @@ for page in "$@"; do
         log=$place/log
         mkdir -p "$place/here/build" "$place/bin"
         cd "$place/here" || exit 1
-        ln -s "$source"/{run,scripts,examples,src,docs} .
+        ln -s "$source"/{run,scripts,examples,python,src,docs} .
         ln -s "$build" build/release && ln -s "$build" build/example
         : >"$log"
         ln -s /bin/true "$place/bin/cmake" # what ./run would build is built

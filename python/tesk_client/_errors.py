@@ -1,0 +1,87 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The exceptions: one class for each result of the C library, with its text or the server's."""
+from __future__ import annotations
+
+from ._enums import Result
+
+
+class TeskError(Exception):
+    """A call failed. `text` says why, in the server's words where it refused; `error_code` is the
+    server's number then, else 0."""
+
+    result = Result.FAILED
+
+    def __init__(self, text: str, error_code: int = 0) -> None:
+        super().__init__(text)
+        self.text = text
+        self.error_code = error_code
+
+    def __str__(self) -> str:
+        return self.text
+
+    def __reduce__(self) -> tuple[type[TeskError], tuple[str, int]]:
+        return type(self), (self.text, self.error_code)
+
+
+class RejectedError(TeskError):
+    """The server refused and gave a text."""
+
+    result = Result.REJECTED
+
+
+class MisuseError(TeskError):
+    """A wrong thread, process, event loop or moment; nothing was sent."""
+
+    result = Result.MISUSE
+
+
+class NoServerError(TeskError, ConnectionRefusedError):
+    """Nobody answers to the server's name."""
+
+    result = Result.NO_SERVER
+
+
+class NoAccessError(TeskError, PermissionError):
+    """The server or the port map is there, but not for this user."""
+
+    result = Result.NO_ACCESS
+
+
+class DeadlineError(TeskError, TimeoutError):
+    """No answer before the deadline; what the server did is unknown."""
+
+    result = Result.TIMEOUT
+
+
+class LostError(TeskError, ConnectionResetError):
+    """The server went away before it answered."""
+
+    result = Result.LOST
+
+
+class ClosedError(TeskError):
+    """The session is closed, or was before the answer came."""
+
+    result = Result.CANCELLED
+
+
+class NoPortMapError(TeskError, FileNotFoundError):
+    """The port map isn't there."""
+
+    result = Result.NO_PORT_MAP
+
+
+class BadPortMapError(TeskError, ValueError):
+    """The file is no port map; the text says which line."""
+
+    result = Result.BAD_PORT_MAP
+
+
+_BY_RESULT: dict[int, type[TeskError]] = {kind.result: kind for kind in (
+    RejectedError, MisuseError, NoServerError, NoAccessError, DeadlineError, LostError, ClosedError,
+    NoPortMapError, BadPortMapError)}
+
+
+def error_of(result: int, text: str, error_code: int = 0) -> TeskError:
+    """The exception for a result of the C library; a result of a newer one is a TeskError."""
+    return _BY_RESULT.get(result, TeskError)(text, error_code)

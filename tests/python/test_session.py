@@ -1,0 +1,210 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The session for scripts, against the real server."""
+import concurrent.futures
+import ctypes
+import gc
+import os
+import signal
+import subprocess
+import weakref
+
+import pytest
+
+import tesk_client as tesk
+from tesk_client import _core
+from tesk_client._library import printable
+
+PATIENCE = 20
+
+
+def connect(**options):
+    return tesk.Session(**{"deadline_s": PATIENCE, **options})
+
+
+def until(watch, kind, **values):
+    """Takes changes until one is of this kind and has these values."""
+    while not isinstance(change := watch.next(PATIENCE), kind) or any(
+            getattr(change, name) != value for name, value in values.items()):
+        assert change is not None
+
+
+def test_values_have_their_units_and_what_is_unknown_is_harmless(server):
+    server.board("set", "0", "rxpower=0uW", "txpower=2mW", "temperature=-5.5C", "voltage=3.2501V",
+                 "txbias=31.99mA")
+    values = dict(rx_power_uw=0, rx_power_dbm=None, tx_power_uw=2000, tx_power_dbm=3.0103,
+                  temperature_c=-5.4, voltage_v=3.2501, tx_bias_ma=31.99, bit_errors=None)
+    with connect() as session:
+        pm = session.pm(0)
+    assert {name: getattr(pm, name) for name in values} == pytest.approx(values)
+    assert printable(b"a\\b\x1b[31m\xff") == "a\\\\b\\x1b[31m\\xff"
+    assert tesk.Level(77).name == "UNKNOWN_77" and tesk.Level(77).text == "unknown"
+    assert tesk.Level.HIGH_ALARM.text == "high alarm"
+
+
+def test_a_refusal_has_the_server_s_text_and_leaves_nothing_subscribed(server):
+    with connect() as session:
+        with pytest.raises(tesk.RejectedError, match="no device") as refused:
+            session.pm(4000)
+        assert refused.value.error_code != 0 and refused.value.result == tesk.Result.REJECTED
+        with pytest.raises(tesk.RejectedError, match="invalid port"):
+            session.watch(status=[0, 1, 4000], sfp=[2])
+        server.await_unsubscribed("0-2")
+        assert session.watch(status=[0]).next(PATIENCE).port == 0
+
+
+def test_bad_arguments_are_refused_before_anything_is_sent(server):
+    with connect() as session:
+        for call in (lambda: session.pm(-1), lambda: session.pm(2**32), lambda: session.pm(True),
+                     lambda: session.watch(status=["0"]), lambda: session.watch(),
+                     lambda: session.history(7), lambda: tesk.Session(deadline_s=0)):
+            with pytest.raises((ValueError, TypeError)):
+                call()
+        assert session.pm(0).port == 0
+
+
+def test_watches_share_a_subscription_and_the_last_one_ends_it(server):
+    with connect() as session:
+        first = session.watch(status=[0], sfp=[0])
+        assert {type(first.next(PATIENCE)) for _ in range(2)} == {tesk.SfpInfo, tesk.PortStatus}
+        with session.watch(status=[0]) as second:
+            assert second.next(PATIENCE).link == tesk.Link.OPERATIONAL  # though not the first
+        server.board("link", "0", "down")
+        until(first, tesk.PortStatus, link=tesk.Link.NOT_OPERATIONAL)
+        del first
+        # The answer to the unsubscribe is still on its way.
+        again = session.watch(status=[0])
+        assert again.next(PATIENCE).link == tesk.Link.NOT_OPERATIONAL
+        server.board("link", "0", "up")
+        until(again, tesk.PortStatus, link=tesk.Link.OPERATIONAL)
+        again.close()
+        assert list(again) == []
+        server.await_unsubscribed("0")
+        actions = [record.action for record in session.history(tesk.HistoryKind.ACTIONS)]
+        assert actions.count(tesk.Action.STATUS_SUBSCRIBE) == 2
+
+
+def test_the_deadline_holds_whatever_the_server_does(server):
+    with connect(deadline_s=0.5) as session:
+        assert session.pm(0).port == 0
+        server.signal(signal.SIGSTOP)
+        for call in (lambda: session.pm(0), session.history, lambda: session.watch(status=[1])):
+            with pytest.raises(tesk.DeadlineError):
+                call()
+        server.signal(signal.SIGCONT)
+        server.await_unsubscribed("1")
+        assert session.watch(status=[1]).next(PATIENCE).port == 1
+
+
+def test_a_session_reconnects_and_renews_what_can_be_renewed(server, tmp_path):
+    small = tmp_path / "board"
+    small.write_text("ports 2\ninsert 0-1 lc link=down\n")
+    with connect(retry_s=0.01) as session, session.watch(status=[0, 3]) as watch:
+        until(watch, tesk.PortStatus, port=3)
+        other = session.watch(status=[3])
+        server.kill()
+        until(watch, tesk.ServerLost)
+        server.start(DOLM_RIC_BOARD=str(small))
+        assert watch.next(PATIENCE) == tesk.ServerRestored() and session.connected
+        changes = {type(change): change for change in (watch.next(PATIENCE), watch.next(PATIENCE))}
+        status, lost = changes[tesk.PortStatus], changes[tesk.SubscriptionLost]
+        assert (status.port, status.link) == (0, tesk.Link.NOT_OPERATIONAL)
+        assert (lost.kind, lost.port) == (tesk.Kind.PORT_STATUS, 3)
+        assert isinstance(lost.error, tesk.RejectedError) and list(other)[-1] == lost
+        server.board("link", "0", "up")
+        until(watch, tesk.PortStatus, link=tesk.Link.OPERATIONAL)
+
+
+def test_threads_and_children_are_kept_out(server):
+    with connect() as session:
+        def use():
+            for call in (lambda: session.pm(0), session.close, lambda: session.connected):
+                with pytest.raises(tesk.MisuseError, match="another thread"):
+                    call()
+            with connect() as own:
+                return own.pm(1).port
+
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            assert pool.submit(use).result(PATIENCE) == 1
+        if (child := os.fork()) == 0:
+            try:
+                for call in (lambda: session.pm(0), tesk.Session):
+                    with pytest.raises(tesk.MisuseError, match="forked"):
+                        call()
+                session.close()
+                os._exit(0)
+            finally:
+                os._exit(1)
+        assert os.waitpid(child, 0)[1] == 0
+        assert session.watch(status=[0]).next(PATIENCE).port == 0
+
+
+def test_closing_in_any_order_is_safe_and_nothing_leaks(server):
+    tesk.Session().close()
+    gc.disable()
+    before, cores = len(os.listdir("/proc/self/fd")), []
+    for _ in range(50):
+        session = connect()
+        watch = session.watch(status=[0], sfp=[1])
+        cores.append(weakref.ref(session._core))
+        for close in (session.close, watch.close, session.close):
+            close()
+        with pytest.raises(tesk.ClosedError):
+            session.pm(0)
+        del session, watch, close
+    with pytest.warns(ResourceWarning, match="not closed"):
+        (watch := connect().watch(status=[0])).next(PATIENCE)
+        cores.append(weakref.ref(watch._core))
+        del watch
+    assert len(os.listdir("/proc/self/fd")) == before and not any(core() for core in cores)
+    gc.enable()
+
+
+def test_no_exception_of_a_signal_handler_vanishes(server, tmp_path, monkeypatch):
+    """The signal comes in the C library, right before it calls back, so that Python raises in the
+    callback's first instruction, which no try can hold."""
+    Interrupt = type("Interrupt", (BaseException,), {})
+
+    def interrupt(*_):
+        raise Interrupt
+
+    (tmp_path / "raise.c").write_text(
+        "#include <signal.h>\nint tesk_client_dispatch(void *);\n"
+        "int raising(void *s) { raise(SIGUSR1); return tesk_client_dispatch(s); }\n")
+    subprocess.run(["cc", "-shared", "-fPIC", tmp_path / "raise.c", "-o", tmp_path / "raise.so",
+                    f"-L{os.environ['TESK_BUILD_DIR']}/lib", "-ltesk_client"], check=True)
+    raising = ctypes.CDLL(tmp_path / "raise.so").raising
+    raising.argtypes = [ctypes.c_void_p]
+    previous = signal.signal(signal.SIGUSR1, interrupt)
+    with connect() as session:
+        (watch := session.watch(status=[0])).next(PATIENCE)
+        monkeypatch.setattr(_core._library, "tesk_client_dispatch", raising)
+        for call in [lambda: session.pm(0), lambda: session.watch(status=[1])] * 20:
+            with pytest.raises(Interrupt):
+                call()
+        monkeypatch.undo()
+        assert isinstance(watch.next(PATIENCE), tesk.Missed)
+        assert session.pm(0).port == 0
+        assert session.watch(status=[1]).next(PATIENCE).port == 1
+    signal.signal(signal.SIGUSR1, previous)
+
+
+def test_a_watch_that_nobody_reads_is_bounded_and_keeps_each_port_s_last_state():
+    feed = _core.Feed([], lambda: None)
+    changes = [tesk.SfpInfo(5 if number == 7 else 0, *[number] * 9)
+               for number in range(10 * _core.BACKLOG)]
+    for change in changes:
+        feed.put(change)
+    taken = list(iter(feed.take, None))
+    assert len(taken) <= _core.BACKLOG + 1 and taken[-1] == changes[-1] and taken[1] == changes[7]
+    assert taken[0] == tesk.Missed(len(changes) - len(taken) + 1)
+
+
+def test_the_port_map_names_the_ports(tmp_path):
+    path = tmp_path / "ports"
+    path.write_bytes(b"# tesk-ports 1\n0\teth0\n7\tsfp\xff\n")
+    assert tesk.ports(path) == {0: "eth0", 7: "sfp\\xff"}
+    path.write_text("# tesk-ports 1\nnonsense\n")
+    with pytest.raises(tesk.BadPortMapError, match="2"):
+        tesk.ports(str(path))
+    with pytest.raises(tesk.NoPortMapError):
+        tesk.ports(tmp_path / "none")
