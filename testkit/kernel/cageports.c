@@ -194,8 +194,11 @@ static ssize_t memory_read(struct file *f, char __user *to, size_t n, loff_t *at
 	return simple_read_from_buffer(to, n, at, f->private_data, MEMORY_LENGTH);
 }
 
+/* What is written from the start on is the whole memory, with zeros behind it. */
 static ssize_t memory_write(struct file *f, const char __user *from, size_t n, loff_t *at)
 {
+	if (*at == 0)
+		memset(f->private_data, 0, MEMORY_LENGTH);
 	return simple_write_to_buffer(f->private_data, MEMORY_LENGTH, at, from, n);
 }
 
