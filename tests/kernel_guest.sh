@@ -93,12 +93,13 @@ stop_reader() {
 
 start_server() {
     as $server_user "" tesk-server 2>/run/server.log &
-    server=$!
+    server_shell=$!
     await teskctl --timeout 1 ping -c 1 || {
         echo "FAILED the server starts"
         cat /run/server.log
         exit 99
     }
+    server=$(pidof tesk-server)
 }
 
 begin() {
@@ -328,7 +329,7 @@ compare_with_ethtool
 without_the_right
 check "a module that failed again and again comes back" comes_back
 kill $server
-check "the server ends in order" wait $server
+check "the server ends in order" wait $server_shell
 echo "the server said:"
 cat /run/server.log
 cat /run/reader.log
