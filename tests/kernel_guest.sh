@@ -261,7 +261,7 @@ reader_is_confined() {
 not() { ! "$@"; }
 
 compare() { # INTERFACE IMAGE PORT..
-    ethtool -m "$1" >/tmp/ethtool 2>&1
+    ethtool -m "$1" >/tmp/ethtool || return 1
     shift
     as $server_user "" compare_module "$@" </tmp/ethtool
 }
@@ -297,8 +297,8 @@ compare_with_ethtool() {
         put $cages/cage4 $image
         check "$image, by the ioctl" compare cage4 $image 5
     done
-    put $cages/cage4 made-cmis
-    check "pages can't be reached by the ioctl" not compare cage4 made-cmis 5
+    check "nothing was left out" says "port 5: 95 lines of ours, 95 of ethtool" \
+        compare cage4 made-qsfp 5
 }
 
 without_the_right() {
