@@ -157,6 +157,7 @@ inline image cmis()
     a0[86] = 0x4f, a0[90] = 0x51, a0[94] = 0xff;
     put_text(a0, 129, 16, "EXAMPLE");
     put_text(a0, 148, 16, "EX-800G");
+    put_text(a0, 164, 2, "A");
     put_text(a0, 166, 16, "C001");
     put_text(a0, 182, 8, "240117");
     a0[203] = 7, a0[212] = 6;
