@@ -278,6 +278,9 @@ compare_image() { # IMAGE
     cat /tmp/check
 }
 
+# It has asked the kernel what it can do, and confined itself.
+reader_is_ready() { grep -q "Seccomp:	2" "/proc/$(pidof tesk-module-reader)/status"; }
+
 compare_with_ethtool() {
     set_cage 2 present 1
     set_cage 4 present 1
