@@ -5,12 +5,16 @@
 
 # The packages by what needs them. Everything comes from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
-                libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev)
+                libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev libjs-dygraphs)
 packages_run_linux=(iproute2)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq python3-pytest)
+packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
-              g++-s390x-linux-gnu prometheus)
+              g++-s390x-linux-gnu prometheus prometheus-node-exporter chromium chromium-driver
+              python3-selenium)
+# For a real kernel in an emulated machine; the kernel itself is fetched and not installed.
+packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
+                 libssl3)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
                 libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler
                 python3-redis python3-hiredis prometheus-node-exporter)
