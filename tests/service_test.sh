@@ -24,6 +24,7 @@ mkdir "$work/tesk-server.service.d"
 cp "$source/packaging/linux-board.conf" "$work/tesk-server.service.d"
 check_unit tesk-server.service 7
 said=$(systemd-analyze verify --man=no "$work/tesk-module-reader.socket" 2>&1) || fail "the socket: $said"
+[ -z "$said" ] || fail "the socket: $said"
 for setting in LogRateLimitIntervalSec=0 MemoryMax=256M TasksMax=64 \
     'Environment=ZEL_SINK=stderr ZEL_GROUPS=1'; do
     grep -qx "$setting" "$work/tesk-server.service" || fail "the unit: $setting is missing"
