@@ -24,8 +24,9 @@ apt() { # ARGUMENT..
         fail "apt-get $* failed: see $root.log"
 }
 
+# The root has no /proc, so the umask applies to the mode of the board's socket.
 start_server() {
-    chroot --userspec=tesk:tesk "$root" tesk-server &
+    (umask 007 && exec chroot --userspec=tesk:tesk "$root" tesk-server) &
     server=$!
     await $server as nobody:tesk teskctl ping -c 1
 }
