@@ -1,8 +1,8 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The mailbox library between real processes: order, exactness of the descriptor, fairness, deaths,
    bounds, names, fork, and what strangers may try. The test's own process is the server mostly. */
-#include "mbx.h"
-
-#include "platform/mbx/mbx_socket.h"
+#include "platform/mbx/mbx.h"
+#include "testkit/raw_peer.h"
 
 #include <atomic>
 #include <csignal>
@@ -175,29 +175,16 @@ owned_fd raw_socket(const std::string &path, decltype(connect) *act = connect)
     return fd;
 }
 
-/* Greets as a client would; the answer's sending end goes to `tx`. All the while there must be no
-   signal for us. */
-owned_fd raw_client(const std::string &path, owned_fd &tx)
+/* Greets as a client would. All the while there must be no signal for us. */
+raw_peer raw_client(const std::string &path)
 {
-    owned_fd control = raw_socket(path);
-    datagram_pair pair = make_datagram_pair();
-    EXPECT_TRUE(send_greeting(control.get(), greeting_kind::hello, make_token(), pair.tx.get()));
-    pollfd wanted[] = {{control.get(), POLLIN, 0}, {mbx_get_fd(), POLLIN, 0}};
+    raw_peer peer(path);
+    peer.say_hello();
+    pollfd wanted[] = {{peer.control.get(), POLLIN, 0}, {mbx_get_fd(), POLLIN, 0}};
     EXPECT_GT(poll(wanted, 2, patience_ms), 0);
     EXPECT_EQ(wanted[1].revents, 0);
-    greeting answer = receive_greeting(control.get()).value();
-    EXPECT_TRUE(answer.kind == greeting_kind::welcome);
-    tx = std::move(answer.tx);
-    return control;
-}
-
-/* Greets with something that no signal can be sent into. */
-void greet_in_vain(int connection, int fd)
-{
-    char byte;
-    send_greeting(connection, greeting_kind::hello, make_token(), fd);
-    EXPECT_TRUE(readable(connection));
-    EXPECT_EQ(recv(connection, &byte, 1, 0), 0) << "was not turned away";
+    EXPECT_TRUE(peer.take_answer());
+    return peer;
 }
 
 TEST_F(mbx, signals_arrive_whole_in_order_and_once)
@@ -227,49 +214,54 @@ TEST_F(mbx, signals_arrive_whole_in_order_and_once)
     expect_nothing();
 }
 
+/* Its next message must be the end of the connection. */
+void expect_end(raw_peer &peer)
+{
+    char byte;
+    EXPECT_TRUE(readable(peer.control.get()));
+    EXPECT_LE(recv(peer.control.get(), &byte, 1, 0), 0) << "was not turned away";
+}
+
 TEST_F(mbx, a_stranger_never_wakes_the_owner)
 {
     join("server");
     const std::string path = dir + "/server";
     const owned_fd silent = raw_socket(path);
-    /* What may be done to a fresh connection, to a greeted one, and to the end that it got. */
-    const std::function<void(int fresh, int greeted, int tx)> acts[] = {
-        [](int fresh, int, int) { send(fresh, "nonsense", 8, MSG_NOSIGNAL); },
-        [](int fresh, int, int) { send(fresh, "", 0, MSG_NOSIGNAL); },
-        [](int fresh, int, int) { greet_in_vain(fresh, -1); },
-        [](int fresh, int, int) { greet_in_vain(fresh, STDERR_FILENO); },
-        [](int fresh, int greeted, int) { greet_in_vain(fresh, greeted); },
-        [](int fresh, int, int) {
-            greet_in_vain(fresh, owned_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)).get());
+    /* What may be done to a fresh connection, and to a greeted one. */
+    const std::function<void(raw_peer & fresh, raw_peer & greeted)> acts[] = {
+        [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "nonsense", 8, MSG_NOSIGNAL); },
+        [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "", 0, MSG_NOSIGNAL); },
+        [](raw_peer &fresh, raw_peer &) { fresh.pass({STDERR_FILENO}), expect_end(fresh); },
+        [](raw_peer &fresh, raw_peer &) { fresh.say_hello({}), fresh.take_answer(); },
+        [](raw_peer &, raw_peer &greeted) { send(greeted.control.get(), "more", 4, 0); },
+        [](raw_peer &, raw_peer &greeted) { send(greeted.control.get(), "r", 1, 0); },
+        [](raw_peer &, raw_peer &greeted) { greeted.pass({STDERR_FILENO}); },
+        [](raw_peer &, raw_peer &greeted) { shutdown(greeted.control.get(), SHUT_RDWR); },
+        [](raw_peer &, raw_peer &greeted) { /* the bell back and forth before the first ring */
+                                            const uint64_t one = 1;
+                                            EXPECT_EQ(write(greeted.near_bell.get(), &one, 8), -1);
+                                            greeted.area.reset();
         },
-        [](int, int greeted, int) { send(greeted, "more", 4, 0); },
-        [](int, int greeted, int) { shutdown(greeted, SHUT_RDWR); },
-        [](int, int, int tx) { shutdown(tx, SHUT_RDWR); },
-        [](int, int, int tx) { /* turns it towards itself and away again */
-                               const sockaddr none{AF_UNSPEC, {}};
-                               sockaddr_un me{AF_UNIX, {}};
-                               socklen_t length = sizeof me;
-                               bind(tx, reinterpret_cast<sockaddr *>(&me), sizeof(sa_family_t));
-                               getsockname(tx, reinterpret_cast<sockaddr *>(&me), &length);
-                               connect(tx, &none, sizeof none);
-                               EXPECT_EQ(connect(tx, reinterpret_cast<sockaddr *>(&me), length), 0);
-                               send(tx, "loop", 4, 0);
-                               connect(tx, &none, sizeof none);
+        [](raw_peer &, raw_peer &greeted) { /* heard only by the owner's side of the other ring */
+                                            greeted.from_mailbox().armed = 1;
+                                            greeted.from_mailbox().tail = 0x7ffffff8;
+                                            greeted.from_mailbox().hungry = 7;
         },
     };
     for (int round = 0; round < 5; round++)
         for (const auto &act : acts) {
-            owned_fd tx, greeted = raw_client(path, tx), fresh = raw_socket(path);
-            act(fresh.get(), greeted.get(), tx.get());
-            fresh.reset(), greeted.reset(), tx.reset();
+            {
+                raw_peer greeted = raw_client(path), fresh(path);
+                act(fresh, greeted);
+            }
             /* Another's greeting is answered when what came before it has been looked at. */
-            greeted = raw_client(path, tx);
+            raw_client(path);
             EXPECT_FALSE(readable(mbx_get_fd(), 0)) << "act " << &act - acts;
         }
     /* What is too short for a number is a signal, too. */
     for (const std::string bytes : {"", "abc"}) {
-        owned_fd tx, greeted = raw_client(path, tx);
-        send(tx.get(), bytes.data(), bytes.size(), 0);
+        raw_peer peer = raw_client(path);
+        peer.send_signal(bytes.data(), static_cast<uint32_t>(bytes.size()));
         const received r = next();
         EXPECT_EQ(r.size, 4u);
         EXPECT_EQ(r.number, bytes.empty() ? 0u : 0x636261u);
@@ -358,7 +350,7 @@ TEST_F(mbx, a_killed_mailbox_is_told_after_its_last_signal_though_a_child_of_it_
     }
 }
 
-TEST_F(mbx, each_monitor_counts_once_and_a_late_one_is_told_at_once)
+TEST_F(mbx, the_last_monitor_of_a_peer_counts_and_a_late_one_is_told_at_once)
 {
     client a([](int line, uint32_t) { hear(line); });
     join("server");
@@ -367,8 +359,7 @@ TEST_F(mbx, each_monitor_counts_once_and_a_late_one_is_told_at_once)
     mbx_monitor(id, &own_notice);
     mbx_unmonitor(ended);
     say(a.line.get(), 1);
-    const std::multiset<uint32_t> notices{next().number, next().number};
-    EXPECT_EQ(notices, (std::multiset<uint32_t>{77, MBX_MONITOR_DEFAULT_NO}));
+    EXPECT_EQ(next().number, 77u);
     expect_nothing();
     for (uint32_t dead : {id, 12345u}) {
         mbx_monitor(dead, nullptr);
@@ -439,8 +430,8 @@ TEST_F(mbx, who_never_reads_is_given_up_at_the_bound_and_misses_nothing_before_i
     while (!readable(mbx_get_fd(), 0) && sent < 5000)
         send_number(id, numbered, sent++, 40000);
     expect_notice(next(), id);
-    EXPECT_GT(sent * 40000u, 8u << 20);
-    EXPECT_LT(sent * 40000u, 9u << 20);
+    EXPECT_GT(sent * 40000u, 7u << 20);
+    EXPECT_LE(sent * 40000u, 8u << 20);
     say(a.line.get(), 1);
 }
 

@@ -137,11 +137,12 @@ class ring_sender
     {
         return capacity_ - (head_ - tail_);
     }
-    /* A position that can't be is ignored: the ring stays as full as it was. */
+    /* The receiver's position only goes forward, up to ours. Anything else is ignored, so that the
+       ring stays as full as it was and each look that finds room leads to progress. */
     void look()
     {
         const uint32_t tail = atomics::load(words_->tail, orders::reuse);
-        if (head_ - tail <= capacity_)
+        if (tail - tail_ <= head_ - tail_)
             tail_ = tail;
     }
 
