@@ -161,6 +161,7 @@ void disturb(fuzz_input &in)
     case 4: { /* the bells' counts and flags, which both sides share */
         const uint64_t much = UINT64_MAX - 1 - choice;
         const int bell = choice % 16 > 7 ? peer.far_bell.get() : peer.near_bell.get();
+        fcntl(bell, F_SETFL, O_NONBLOCK);
         [[maybe_unused]] const ssize_t n = write(bell, &much, sizeof(much));
         fcntl(bell, F_SETFL, choice % 32 > 15 ? O_NONBLOCK : 0);
         break;
