@@ -90,7 +90,9 @@ void greet(fuzz_input &in)
         send(s.peer->control.get(), name, sizeof(name), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (how % 16 == 15)
         s.peer->pass({STDERR_FILENO, STDERR_FILENO});
-    if (std::exchange(s.said_hello, true)) /* a second one ends the connection; what is written later is for nobody */
+    if (std::exchange(
+            s.said_hello,
+            true)) /* a second one ends the connection; what is written later is for nobody */
         journals[s.key].spoiled = true;
     const auto kind = static_cast<greeting_kind>(how % 16 == 14 ? in.byte() : 1);
     send_greeting(s.peer->control.get(), kind, {how % 16 == 0 ? 1 : s.key, 0});
@@ -191,7 +193,9 @@ void send_as(uint32_t number, uint32_t receiver, size_t size)
 /* Neither the owner nor a client nor a stranger that has done nothing else has sent that. */
 bool is_odd(uint32_t origin)
 {
-    return origin < from_owner || (origin >= from_key && journals[origin - from_key].spoiled);
+    const auto j = journals.find(origin - from_key);
+    return origin < from_owner ||
+           (origin >= from_key && (j == journals.end() || j->second.spoiled));
 }
 
 /* From one that has spoiled its ring. If it can be told which one, all that comes is its own. */
