@@ -111,7 +111,10 @@ void send_signals(fuzz_input &in)
 {
     static std::vector<uint32_t> data(MBX_LARGEST_SIGNAL / 4 + 1);
     stranger &s = one_who_is_there(in);
-    const uint32_t size_index = in.byte() % std::size(sizes);
+    const uint32_t size_index = in.byte() % uint32_t{std::size(sizes)};
+    pollfd control = {s.peer->control.get(), POLLRDHUP, 0};
+    if (poll(&control, 1, 0) != 0) /* given up, because it does not read */
+        return;
     for (int count = in.byte() % 8 == 0 ? 300 : 1; count > 0 && s.peer->area; count--) {
         data[0] = next_number(s.key, size_index);
         if (s.peer->send_signal(data.data(), sizes[size_index]) == record_sender::outcome::full)

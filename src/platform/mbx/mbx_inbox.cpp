@@ -134,8 +134,10 @@ void inbox::take_events(const epoll_event *events, int count)
     for (int i = 0; i < count; i++) {
         const uint32_t id = events[i].data.u32;
         source *s = id == local_id ? &local_source_ : sources_.find(id);
-        if (s && !s->is_in_line && !s->is_ended)
-            fresh.push_back(*s);
+        if (!s || s->is_in_line)
+            continue;
+        leaving_ -= s->is_ended;
+        fresh.push_back(*s);
     }
     line_.prepend(fresh);
 }
@@ -159,6 +161,26 @@ bool inbox::may_skip_look()
         return false;
     unlooked_--;
     return true;
+}
+
+void inbox::remove(source &s)
+{
+    if (s.is_watched)
+        epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr);
+    sources_.remove(s.id);
+}
+
+/* A source that ended at rest may have rung just before, for nothing, and woken the owner, who must
+   then receive something. So its bell stays in the epoll until the owner is here, and is looked at
+   once more: a ring from then on is one that has not brought the owner here. */
+void inbox::remove_leaving()
+{
+    look();
+    sources_.for_each([&](source &s) {
+        if (s.is_ended && !s.is_in_line)
+            remove(s);
+    });
+    leaving_ = 0;
 }
 
 bool inbox::has_local() const
@@ -251,7 +273,7 @@ block *inbox::take_ended(source &s)
     if (s.ring.unread() > 0 || !s.notices.is_empty())
         line_.push_back(s);
     else
-        sources_.remove(s.id);
+        remove(s);
     return b;
 }
 
@@ -352,6 +374,7 @@ void inbox::close(bool is_child)
     });
     sources_.clear();
     line_ = {};
+    leaving_ = 0;
     local_source_.is_in_line = false;
     round_ = 0;
     is_raised_ = false;
@@ -384,7 +407,10 @@ bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side,
 bool inbox::watch(uint32_t id)
 {
     source *s = sources_.find(id);
-    return s && !s->is_ended && add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id);
+    if (!s || s->is_ended || !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
+        return false;
+    s->is_watched = true;
+    return true;
 }
 
 int inbox::bell(uint32_t id) const
@@ -408,8 +434,6 @@ void inbox::end(uint32_t id, block *notice)
             block_give(notice);
         return;
     }
-    epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s->bell.get(), nullptr);
-    s->bell.reset();
     s->is_ended = true;
     s->ring.finish();
     s->held.set(s->ring.unread());
@@ -417,8 +441,10 @@ void inbox::end(uint32_t id, block *notice)
         s->notices.push(notice);
     if (s->ring.unread() > 0 || notice)
         enter(*s);
+    else if (s->is_watched && !s->is_in_line)
+        leaving_++;
     else if (!s->is_in_line)
-        sources_.remove(id);
+        remove(*s);
 }
 
 bool inbox::add_notice(uint32_t id, block *notice)
@@ -426,6 +452,7 @@ bool inbox::add_notice(uint32_t id, block *notice)
     source *s = sources_.find(id);
     if (!s)
         return false;
+    leaving_ -= !s->is_in_line;
     s->notices.push(notice);
     enter(*s);
     return true;
@@ -464,6 +491,8 @@ block *inbox::receive(std::unique_lock<std::mutex> &hold, const uint32_t *filter
     if (timeout_ms > 0)
         deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
+        if (leaving_ > 0)
+            remove_leaving();
         block *b = take_matching(filter, sender, timeout_ms != 0);
         const int left = timeout_ms > 0 ? milliseconds_until(deadline) : timeout_ms;
         if (b || left == 0) {

@@ -24,7 +24,8 @@ struct source {
     uint32_t id = 0; /* the sender of its signals */
     bool is_in_line = false;
     bool is_ended = false;
-    source *next = nullptr; /* in the line */
+    bool is_watched = false; /* its bell is in the epoll */
+    source *next = nullptr;  /* in the line */
     record_receiver ring;
     block_queue notices; /* for the time after its last signal */
     std::shared_ptr<mapped_area> area;
@@ -124,6 +125,8 @@ class inbox
     void take_events(const epoll_event *events, int count);
     void look();
     bool may_skip_look();
+    void remove(source &s);
+    void remove_leaving();
     block *take_local();
     bool has_local() const;
     block *end_liar(source &s);
@@ -148,6 +151,7 @@ class inbox
     source local_source_;
     id_table<source> sources_;
     turn_line line_;
+    size_t leaving_ = 0;    /* sources that have ended and may have been rung for nothing */
     size_t round_ = 0;      /* turns until the next look for others */
     uint32_t unlooked_ = 0; /* signals of the only source until the next look */
     block_queue set_aside_; /* passed over by a filter */
