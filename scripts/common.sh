@@ -6,7 +6,8 @@ packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev
                 libfmt-dev nlohmann-json3-dev)
 packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
-              mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu g++-s390x-linux-gnu)
+              mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu g++-s390x-linux-gnu
+              relacy-dev)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
                 libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler)
 

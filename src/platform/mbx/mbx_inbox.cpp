@@ -134,10 +134,8 @@ void inbox::take_events(const epoll_event *events, int count)
     for (int i = 0; i < count; i++) {
         const uint32_t id = events[i].data.u32;
         source *s = id == local_id ? &local_source_ : sources_.find(id);
-        if (!s || s->is_in_line)
-            continue;
-        leaving_ -= s->is_ended;
-        fresh.push_back(*s);
+        if (s && !s->is_in_line)
+            fresh.push_back(*s);
     }
     line_.prepend(fresh);
 }
@@ -168,19 +166,6 @@ void inbox::remove(source &s)
     if (s.is_watched)
         epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr);
     sources_.remove(s.id);
-}
-
-/* A source that ended at rest may have rung just before, for nothing, and woken the owner, who must
-   then receive something. So its bell stays in the epoll until the owner is here, and is looked at
-   once more: a ring from then on is one that has not brought the owner here. */
-void inbox::remove_leaving()
-{
-    look();
-    sources_.for_each([&](source &s) {
-        if (s.is_ended && !s.is_in_line)
-            remove(s);
-    });
-    leaving_ = 0;
 }
 
 bool inbox::has_local() const
@@ -374,7 +359,8 @@ void inbox::close(bool is_child)
     });
     sources_.clear();
     line_ = {};
-    leaving_ = 0;
+    departed_ = 0;
+    is_polled_ = false;
     local_source_.is_in_line = false;
     round_ = 0;
     is_raised_ = false;
@@ -426,6 +412,9 @@ void inbox::wake(uint32_t id)
         enter(*s);
 }
 
+/* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
+   an empty signal for it. A ring between the look and the removal from the epoll can only be
+   guessed: the owner may have seen it, so the next receive doesn't wait (departed_). */
 void inbox::end(uint32_t id, block *notice)
 {
     source *s = sources_.find(id);
@@ -439,11 +428,17 @@ void inbox::end(uint32_t id, block *notice)
     s->held.set(s->ring.unread());
     if (notice)
         s->notices.push(notice);
-    if (s->ring.unread() > 0 || notice)
+    const bool has_something = s->ring.unread() > 0 || notice;
+    if (has_something) {
         enter(*s);
-    else if (s->is_watched && !s->is_in_line)
-        leaving_++;
-    else if (!s->is_in_line)
+        return;
+    }
+    if (s->is_watched) {
+        look();
+        show();
+        departed_ = id;
+    }
+    if (!s->is_in_line)
         remove(*s);
 }
 
@@ -452,7 +447,6 @@ bool inbox::add_notice(uint32_t id, block *notice)
     source *s = sources_.find(id);
     if (!s)
         return false;
-    leaving_ -= !s->is_in_line;
     s->notices.push(notice);
     enter(*s);
     return true;
@@ -490,10 +484,12 @@ block *inbox::receive(std::unique_lock<std::mutex> &hold, const uint32_t *filter
     time_point deadline{};
     if (timeout_ms > 0)
         deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    const uint32_t departed = std::exchange(departed_, 0);
+    const bool may_be_woken_in_vain = departed != 0 && is_polled_;
     for (;;) {
-        if (leaving_ > 0)
-            remove_leaving();
-        block *b = take_matching(filter, sender, timeout_ms != 0);
+        block *b = take_matching(filter, sender, timeout_ms != 0 && !may_be_woken_in_vain);
+        if (!b && may_be_woken_in_vain && timeout_ms < 0)
+            b = empty_signal(departed);
         const int left = timeout_ms > 0 ? milliseconds_until(deadline) : timeout_ms;
         if (b || left == 0) {
             show();

@@ -75,8 +75,10 @@ class inbox
     /* Gives everything back. `is_child`: in a forked child the epoll and the rings are the
      * parent's. */
     void close(bool is_child = false);
-    int fd() const
+    /* For the owner to wait at. */
+    int fd()
     {
+        is_polled_ = true;
         return poll_.get();
     }
 
@@ -126,7 +128,6 @@ class inbox
     void look();
     bool may_skip_look();
     void remove(source &s);
-    void remove_leaving();
     block *take_local();
     bool has_local() const;
     block *end_liar(source &s);
@@ -151,8 +152,9 @@ class inbox
     source local_source_;
     id_table<source> sources_;
     turn_line line_;
-    size_t leaving_ = 0;    /* sources that have ended and may have been rung for nothing */
-    size_t round_ = 0;      /* turns until the next look for others */
-    uint32_t unlooked_ = 0; /* signals of the only source until the next look */
+    size_t round_ = 0;                   /* turns until the next look for others */
+    uint32_t unlooked_ = 0;              /* signals of the only source until the next look */
+    std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor before it receives */
+    uint32_t departed_ = 0; /* a source that may have woken the owner for nothing and is gone */
     block_queue set_aside_; /* passed over by a filter */
 };

@@ -16,7 +16,7 @@
    receiver that has rested must not look at the ring before it is rung.
 
    Waking the sender. A sender that finds no room sets `hungry` and looks at `tail` once more. A
-   receiver that has taken something looks at `hungry` when little is left, clears it, and reports.
+   receiver that has emptied the ring and rests looks at `hungry`, clears it, and reports.
 
    Both are the same pattern: a store, a full fence, and a load of what the other side stores before
    its own fence, so that at least one of the two sees the other's store.
@@ -60,18 +60,20 @@ struct process_atomics {
 
 /* Every order that the protocol needs. All other accesses are relaxed. */
 struct ring_orders {
-    static constexpr auto publish =
-        std::memory_order_release;                          /* head, after the bytes are written */
-    static constexpr auto find = std::memory_order_acquire; /* head, before the bytes are read */
-    static constexpr auto release = std::memory_order_release; /* tail, after the bytes are read */
-    static constexpr auto reuse = std::memory_order_acquire; /* tail, before they are overwritten */
-    static constexpr auto before_armed = std::memory_order_seq_cst; /* sender: head, then armed */
-    static constexpr auto before_resting =
-        std::memory_order_seq_cst; /* receiver: armed, then head */
-    static constexpr auto before_waiting =
-        std::memory_order_seq_cst; /* sender: hungry, then tail */
-    static constexpr auto before_hungry =
-        std::memory_order_seq_cst; /* receiver: tail, then hungry */
+    /* The sender stores head after it has written the bytes. */
+    static constexpr auto publish = std::memory_order_release;
+    /* The receiver loads head before it reads the bytes. */
+    static constexpr auto find = std::memory_order_acquire;
+    /* The receiver stores tail after it has read the bytes. */
+    static constexpr auto release = std::memory_order_release;
+    /* The sender loads tail before it writes over the bytes. */
+    static constexpr auto reuse = std::memory_order_acquire;
+    /* The sender's fence between head and armed. */
+    static constexpr auto before_armed = std::memory_order_seq_cst;
+    /* The receiver's fence between armed and tail on one side, head and hungry on the other. */
+    static constexpr auto before_resting = std::memory_order_seq_cst;
+    /* The sender's fence between hungry and tail. */
+    static constexpr auto before_waiting = std::memory_order_seq_cst;
 };
 
 /* In shared memory, all 0 at first. What the sender writes often and what the receiver writes often
@@ -192,10 +194,10 @@ class ring_receiver
                !atomics::replace(words_->armed, armed, 0, std::memory_order_relaxed);
     }
     /* Whether the sender waits for room, there is plenty, and the caller is the one to report it.
-       To be asked after each consume() that says so, and when the ring is empty. */
+       To be asked after each rest(), whose fence stands between tail and hungry; and after a
+       consume() that says so, where a request that is missed is seen at the next rest(). */
     bool has_hungry_sender()
     {
-        atomics::fence(orders::before_hungry);
         return atomics::load(words_->hungry, std::memory_order_relaxed) != 0 &&
                atomics::load(words_->head, std::memory_order_relaxed) - tail_ <= capacity_ / 4 &&
                atomics::replace(words_->hungry, 1, 0, std::memory_order_relaxed);
