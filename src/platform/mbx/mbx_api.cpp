@@ -69,33 +69,38 @@ static void before_fork() /* in the order of the locks */
     lock_closer();
 }
 
-static void unlock_all()
+static void unlock_mailboxes()
 {
-    unlock_closer();
-    unlock_shares();
     for_each_mailbox([](mailbox &m) { m.lock.unlock(); });
     registry_lock.unlock();
     helper_lock.unlock();
 }
 
+static void after_fork_in_parent()
+{
+    unlock_closer();
+    unlock_shares();
+    unlock_mailboxes();
+}
+
 static void after_fork_in_child()
 {
+    unlock_closer();
+    unlock_shares();
+    forget_closer();
     forget_helper();
     end_accepting(true);
-    forget_closer();
-    unlock_shares();
     for_each_mailbox(forget_mailbox);
-    lock_shares();
     forget_shares();
     is_initialized = false;
-    unlock_all();
+    unlock_mailboxes();
 }
 
 static bool register_fork_handlers()
 {
     static bool registered; /* guarded by registry_lock */
     if (!registered)
-        registered = pthread_atfork(before_fork, unlock_all, after_fork_in_child) == 0;
+        registered = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
     return registered;
 }
 

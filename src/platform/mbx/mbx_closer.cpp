@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The thread starts with the first thing to close and stays. It is never joined: a close may last
-   until the process ends, and the kernel ends the thread with the process. */
+/* The thread runs while there is something to close. It is never joined: a close may last until the
+   process ends, and the kernel ends the thread with the process. */
 #include "platform/mbx/mbx_closer.h"
 
-#include <condition_variable>
 #include <csignal>
 #include <deque>
 #include <mutex>
@@ -14,7 +13,6 @@ namespace
 
 struct closer {
     std::mutex lock;
-    std::condition_variable filled;
     std::deque<to_close> waiting; /* the first one is being closed */
     bool is_running = false;
 };
@@ -32,14 +30,16 @@ static void *run(void *argument)
     closer &c = *static_cast<closer *>(argument);
     pthread_setname_np(pthread_self(), "mbx-closer");
     std::unique_lock hold(c.lock);
-    for (;;) {
-        c.filled.wait(hold, [&] { return !c.waiting.empty(); });
-        std::vector<owned_fd> fds = std::move(c.waiting.front().fds);
-        hold.unlock();
-        fds.clear();
+    while (!c.waiting.empty()) {
+        {
+            const std::vector<owned_fd> fds = std::move(c.waiting.front().fds);
+            const share held = std::move(c.waiting.front().held);
+            hold.unlock();
+        }
         hold.lock();
         c.waiting.pop_front();
     }
+    c.is_running = false;
     return nullptr;
 }
 
@@ -67,7 +67,6 @@ void close_later(to_close &&what)
     c.waiting.push_back(std::move(what));
     if (!c.is_running)
         c.is_running = start_thread(c);
-    c.filled.notify_one();
 }
 
 bool is_closing_too_many(const peer_identity &peer)
@@ -95,5 +94,4 @@ void unlock_closer()
 void forget_closer()
 {
     the_closer = new closer;
-    the_closer->lock.lock();
 }

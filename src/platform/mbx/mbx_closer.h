@@ -29,7 +29,7 @@ void close_later(to_close &&what);
 /* Whether too many wait, and something that this process has passed is among them. */
 bool is_closing_too_many(const peer_identity &peer);
 
-/* Around a fork, and in the child, which has copies of the descriptors only. */
+/* Around a fork; and in the child, unlocked, which has copies of the descriptors only. */
 void lock_closer();
 void unlock_closer();
 void forget_closer();

@@ -57,7 +57,7 @@ class share
     bool is_held_ = false;
 };
 
-/* In a forked child, around the fork: the shares are nobody's there. */
+/* Around a fork; and in the child, unlocked, where the shares are nobody's. */
 void lock_shares();
 void unlock_shares();
 void forget_shares();
