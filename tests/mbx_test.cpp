@@ -8,13 +8,18 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <set>
 #include <stdexcept>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -504,5 +509,227 @@ TEST_F(mbx, of_two_connections_that_cross_one_survives)
     actor b([&](int line) { play(line, "b", "a"); });
     play(b.line.get(), "a", "b");
 }
+
+/* Receives until the descriptor is quiet; all of it must come from that sender, and fit. Returns
+   how many there were. */
+size_t receive_all_from(uint32_t sender)
+{
+    size_t count = 0;
+    for (; readable(mbx_get_fd(), 0); count++) {
+        const received r = next();
+        EXPECT_EQ(r.sender, sender);
+        EXPECT_LE(r.size, MBX_LARGEST_SIGNAL);
+    }
+    return count;
+}
+
+/* A signal from that peer, received. Returns its sender. */
+uint32_t heard_from(raw_peer &peer, uint32_t number)
+{
+    peer.send_signal(&number, sizeof(number));
+    const received r = next();
+    EXPECT_EQ(r.number, number);
+    return r.sender;
+}
+
+TEST_F(mbx, what_a_peer_does_to_the_shared_memory_and_the_bell_harms_only_itself)
+{
+    join("server");
+    const std::string path = dir + "/server";
+    raw_peer witness = raw_client(path);
+    const uint32_t witness_id = heard_from(witness, 1);
+    struct row {
+        const char *what;
+        void (*act)(raw_peer &);
+        bool ends; /* the connection, with an empty signal */
+    };
+    const row rows[] = {
+        {"head too far", [](raw_peer &p) { p.to_mailbox().head += ring_bytes + 8, p.ring(); },
+         true},
+        {"head back", [](raw_peer &p) { p.to_mailbox().head -= 8, p.ring(); }, true},
+        {"head within a record", [](raw_peer &p) { p.to_mailbox().head += 4, p.ring(); }, true},
+        {"rung for nothing", [](raw_peer &p) { p.ring(); }, true},
+        {"armed taken", [](raw_peer &p) { p.to_mailbox().armed = 0; }, false},
+        {"tails that cannot be",
+         [](raw_peer &p) {
+             p.from_mailbox().tail = 0x80000000;
+             p.from_mailbox().hungry = 1;
+             p.from_mailbox().armed = 0xffffffff;
+         },
+         false},
+        {"holes",
+         [](raw_peer &p) { EXPECT_EQ(madvise(p.area->ring(0), area_bytes, MADV_REMOVE), 0); },
+         false},
+        {"another size",
+         [](raw_peer &p) {
+             EXPECT_EQ(ftruncate(p.answer.fds[0].get(), 0), -1);
+             EXPECT_EQ(errno, EPERM);
+         },
+         false},
+        {"a full bell that blocks",
+         [](raw_peer &p) {
+             const uint64_t much = UINT64_MAX - 1;
+             EXPECT_EQ(write(p.near_bell.get(), &much, sizeof(much)), -1);
+             fcntl(p.near_bell.get(), F_SETFL, 0);
+             fcntl(p.far_bell.get(), F_SETFL, 0);
+         },
+         false},
+        {"a forged notice",
+         [](raw_peer &p) {
+             const uint32_t forged = MBX_MONITOR_DEFAULT_NO;
+             p.send_signal(&forged, sizeof(forged));
+         },
+         true},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        raw_peer peer = raw_client(path);
+        const uint32_t id = heard_from(peer, 2);
+        r.act(peer);
+        EXPECT_EQ(receive_all_from(id), r.ends ? 1u : 0u);
+        for (uint32_t i = 0; i < 20; i++)
+            send_number(id, numbered, i, 40000); /* must not wait */
+        EXPECT_EQ(heard_from(witness, 3), witness_id);
+        char byte;
+        EXPECT_EQ(recv(peer.control.get(), &byte, 1, MSG_DONTWAIT), r.ends ? 0 : -1);
+    }
+    expect_nothing();
+}
+
+TEST_F(mbx, a_peer_may_change_every_word_at_any_time)
+{
+    join("server");
+    const std::string path = dir + "/server";
+    for (unsigned round = 0; round < 20; round++) {
+        raw_peer peer = raw_client(path);
+        const uint32_t id = heard_from(peer, 2);
+        std::atomic<bool> stop = false;
+        std::thread scribbler([&] {
+            for (unsigned state = round; !stop;) {
+                state = state * 1664525 + 1013904223;
+                const size_t offset =
+                    state % 4 == 0 ? state / 4 % 4096 / 4 * 4 : state / 4 % 40 * 4;
+                auto *ring = reinterpret_cast<unsigned char *>(peer.area->ring(state / 4096 % 2));
+                const uint32_t word = state % 8 < 4 ? state >> 16 & 0xff8 : state;
+                __atomic_store_n(reinterpret_cast<uint32_t *>(ring + offset), word,
+                                 __ATOMIC_RELAXED);
+            }
+        });
+        for (uint32_t i = 0; i < 200; i++) {
+            const uint32_t words[8] = {numbered, i};
+            peer.send_signal(words, sizeof(words));
+            receive_all_from(id);
+            send_number(id, numbered, i, 3000);
+        }
+        stop = true;
+        scribbler.join();
+        peer.control.reset();
+        receive_all_from(id);
+    }
+    raw_peer witness = raw_client(path);
+    heard_from(witness, 3);
+}
+
+TEST_F(mbx, a_client_that_does_not_monitor_its_server_is_told_of_its_end)
+{
+    client a([](int line, uint32_t server) {
+        hear(line);
+        received r;
+        uint32_t expected = 0;
+        while ((r = next()).number == numbered)
+            EXPECT_EQ(r.value, expected++);
+        expect_notice(r, server);
+    });
+    join("server");
+    const uint32_t id = a.admit();
+    for (uint32_t sent = 0; !readable(mbx_get_fd(), 0) && sent < 5000; sent++)
+        send_number(id, numbered, sent, 40000);
+    say(a.line.get(), 1);
+}
+
+/* As on a kernel or in a sandbox that does not read an eventfd in this way. */
+void refuse_to_ring()
+{
+    sock_filter filter[] = {
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_preadv2},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EOPNOTSUPP},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+    };
+    const sock_fprog program{std::size(filter), filter};
+    EXPECT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    EXPECT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST_F(mbx, a_side_that_cannot_ring_wakes_the_other_in_another_way)
+{
+    client a([](int, uint32_t server) {
+        for (uint32_t i = 0; i < 500; i++) {
+            const received r = next();
+            EXPECT_EQ(r.value, i);
+            if (i == 0)
+                refuse_to_ring();
+            send_number(server, numbered, i);
+        }
+    });
+    join("server");
+    const uint32_t id = a.admit();
+    for (uint32_t i = 0; i < 500; i++) {
+        send_number(id, numbered, i);
+        EXPECT_EQ(next().value, i);
+    }
+    expect_notice(next(), id);
+    expect_nothing();
+}
+
+#ifdef MBX_OF_1_0_0
+/* The library of 1.0.0, beside ours. */
+struct old_library {
+    void *handle = dlopen(MBX_OF_1_0_0, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
+    template <typename function>
+    function *find(function *, const char *name)
+    {
+        return reinterpret_cast<function *>(dlsym(handle, name));
+    }
+    uint32_t join(const char *name)
+    {
+        EXPECT_EQ(find(mbx_init, "mbx_init")(5, 0, 0, 0, 0), 0);
+        return find(mbx_create_mailbox, "mbx_create_mailbox")(name, 0);
+    }
+};
+
+TEST_F(mbx, of_two_wires_the_new_side_says_so_and_the_old_one_is_refused)
+{
+    setenv("MBX_LOCATE_MS", "1000", 1);
+    actor old_client([](int line) {
+        old_library old;
+        hear(line);
+        EXPECT_NE(old.join(nullptr), MBX_NO_MAILBOX);
+        EXPECT_EQ(old.find(mbx_locate, "mbx_locate")("server"), MBX_NO_MAILBOX);
+        say(line, static_cast<uint32_t>(errno));
+    });
+    actor old_server([](int line) {
+        old_library old;
+        hear(line);
+        EXPECT_NE(old.join("old"), MBX_NO_MAILBOX);
+        say(line, 1);
+        hear(line);
+    });
+    join("server");
+    testing::internal::CaptureStderr();
+    say(old_client.line.get(), 1);
+    EXPECT_EQ(hear(old_client.line.get()), uint32_t{ETIMEDOUT});
+    const std::string client_wire = testing::internal::GetCapturedStderr();
+    EXPECT_NE(client_wire.find("speaks the wire of libmbx 1.0.0"), std::string::npos);
+    say(old_server.line.get(), 1);
+    hear(old_server.line.get());
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(mbx_locate("old"), MBX_NO_MAILBOX);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    const std::string server_wire = testing::internal::GetCapturedStderr();
+    EXPECT_NE(server_wire.find("libmbx 1.0.0"), std::string::npos);
+    expect_nothing();
+}
+#endif
 
 } // namespace
