@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
@@ -645,6 +646,70 @@ TEST_F(mbx, a_client_that_does_not_monitor_its_server_is_told_of_its_end)
     for (uint32_t sent = 0; !readable(mbx_get_fd(), 0) && sent < 5000; sent++)
         send_number(id, numbered, sent, 40000);
     say(a.line.get(), 1);
+}
+
+/* Memory that is really ours at the moment, in KiB. */
+long resident()
+{
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (status >> word && word != "VmRSS:") {
+    }
+    long kib = 0;
+    status >> kib;
+    return kib;
+}
+
+TEST_F(mbx, full_rings_deaf_receivers_and_their_end_are_bounded_and_leave_nothing)
+{
+    constexpr int peers = 400;
+    const std::string path = dir + "/server";
+    actor crowd([&](int line) {
+        hear(line);
+        std::deque<raw_peer> all;
+        std::vector<uint32_t> signal(250, numbered);
+        for (int i = 0; i < peers; i++) {
+            all.emplace_back(path);
+            if (!all.back().greet())
+                break;
+            while (all.back().send_signal(signal.data(), 1000) != record_sender::outcome::full) {
+            }
+        }
+        say(line, static_cast<uint32_t>(all.size()));
+        hear(line);
+    });
+    join("server");
+    const long idle = resident();
+    long most = 0;
+    say(crowd.line.get(), 1);
+    EXPECT_EQ(hear(crowd.line.get()), uint32_t{peers});
+    std::set<uint32_t> senders;
+    for (int i = 0; i < peers * 50; i++) {
+        senders.insert(next().sender);
+        if (i % 100 == 0)
+            most = std::max(most, resident());
+    }
+    EXPECT_EQ(senders.size(), size_t{peers});
+    constexpr size_t sizes[] = {200, 1000, 5000, 20000, 60000};
+    for (size_t size : sizes)
+        for (uint32_t id : senders) {
+            for (size_t bytes = 0; bytes < 300000; bytes += size + 8)
+                send_number(id, numbered, 0, size);
+            most = std::max(most, resident());
+        }
+    crowd.shoot();
+    int count = 0;
+    while (readable(mbx_get_fd(), 300)) {
+        next();
+        if (count++ % 100 == 0)
+            most = std::max(most, resident());
+    }
+    EXPECT_LT(most, 80 * 1024);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (resident() > idle + 2048 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_LE(resident(), idle + 2048);
+    printf("idle %ld KiB, at most %ld, in the end %ld\n", idle, most, resident());
 }
 
 /* As on a kernel or in a sandbox that does not read an eventfd in this way. */

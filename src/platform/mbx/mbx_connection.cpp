@@ -40,10 +40,12 @@ void set_up(connection &c, connection_parts &&parts)
         c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
 }
 
-/* What was passed over the control connection is not closed here. */
+/* The area stays mapped while the inbox has something to take from its other ring. What was passed
+   over the control connection is not closed here. */
 connection::~connection()
 {
     set_monitor(*this, nullptr, 0);
+    ring.leave(is_peer_gone);
     if (control)
         hang_up(std::move(control), {}, peer, std::move(place));
 }

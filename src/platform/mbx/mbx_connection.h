@@ -35,6 +35,7 @@ struct alignas(64) connection {
     owned_fd far_bell; /* wakes the receiver */
     bool awaits_room = false;
     bool was_located = false;
+    bool is_peer_gone = false;
     record_sender ring;
 
     backlog waiting;

@@ -26,7 +26,7 @@ static constexpr int events_at_once = 64;
 static constexpr uint32_t unlooked_at_most = 7; /* signals of the only source */
 /* Beyond this, pages that were read are unmapped when a ring is empty; beyond twice this at once.
  */
-static constexpr size_t mapped_at_most = size_t{8} << 20;
+static constexpr size_t mapped_at_most = size_t{4} << 20;
 
 void turn_line::push_back(source &s)
 {

@@ -197,7 +197,7 @@ static size_t largest_in(mailbox &m, uint32_t &id)
 /* Looked for without the sender's lock, because it may be another mailbox's. */
 void shed()
 {
-    while (held_in_all > held_in_all_at_most) {
+    while (held_in_all + mapped_in_all > held_in_all_at_most) {
         mailbox *owner = nullptr;
         uint32_t largest = 0;
         size_t bytes = 0;
@@ -268,6 +268,7 @@ static bool take_control(mailbox &m, uint32_t id)
     case control_event::end:
         break;
     }
+    c->is_peer_gone = true;
     end_connection(m, id);
     return false;
 }
@@ -282,7 +283,11 @@ static void handle_control(uint32_t slot, uint32_t id)
 
 static void handle_life(uint32_t slot, uint32_t id)
 {
-    with_mailbox(slot, [&](mailbox &m) { end_connection(m, id); });
+    with_mailbox(slot, [&](mailbox &m) {
+        if (connection *c = m.connections.find(id))
+            c->is_peer_gone = true;
+        end_connection(m, id);
+    });
 }
 
 static void handle_first_ring(uint32_t slot, uint32_t id)

@@ -35,6 +35,14 @@ static size_t pages_up_to(uint32_t place)
     return (place - first_page + page_bytes - 1) / page_bytes * page_bytes;
 }
 
+/* A read maps the pages around it as well, where there are some. */
+static size_t mapped_up_to(uint32_t place)
+{
+    constexpr size_t around = 16 * page_bytes;
+    const size_t pages = pages_up_to(place);
+    return std::min(pages == 0 ? 0 : (pages + around) / around * around, ring_span - page_bytes);
+}
+
 static void advise(shared_ring *ring, size_t touched, int advice)
 {
     if (touched > 0)
@@ -75,6 +83,12 @@ void record_sender::trim()
     touched_ = 0;
 }
 
+void record_sender::leave(bool is_receiver_gone)
+{
+    advise(ring_, touched_, is_receiver_gone ? MADV_REMOVE : MADV_DONTNEED);
+    touched_ = 0;
+}
+
 record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
 {
     const uint32_t there = available();
@@ -98,7 +112,7 @@ record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
     out = block_take(std::max<size_t>(size, sizeof(mbx_signal)));
     out->signal()->number = 0;
     std::memcpy(static_cast<void *>(out->signal()), ring_->data + place + head_bytes, size);
-    touched_ = std::max(touched_, pages_up_to(place + record_bytes(size)));
+    touched_ = std::max(touched_, mapped_up_to(place + record_bytes(size)));
     asks = end_.consume(skip + record_bytes(size));
     return outcome::signal;
 }

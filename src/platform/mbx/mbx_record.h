@@ -43,6 +43,8 @@ class record_sender
     /* Gives the memory beyond the first page back to the system, unless the receiver still has
        something to take. */
     void trim();
+    /* At the end: unmaps that memory, and where the receiver is gone gives it back. */
+    void leave(bool is_receiver_gone);
     /* Where the next record goes, to be fetched ahead. */
     const unsigned char *place() const
     {

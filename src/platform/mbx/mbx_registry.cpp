@@ -198,6 +198,7 @@ void forget_mailbox(mailbox &m)
     m.name.lock.reset();
     m.name.name.clear();
     m.connections.for_each([](connection &c) {
+        c.ring = {};
         c.area->forget();
         c.control.reset();
     });
