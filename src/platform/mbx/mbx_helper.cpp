@@ -31,7 +31,7 @@ static constexpr size_t stack_bytes = size_t{128} * 1024;
 
 static std::array<helper_call, helper_kinds> calls;
 static std::array<helper_timer, helper_timers> timers;
-static helper *running; /* guarded by registry_lock */
+static std::atomic<helper *> running;
 /* Of the same thread, for those who hold other locks only. */
 static std::atomic<int> helper_poll{-1};
 static std::atomic<int> helper_event{-1};
@@ -147,12 +147,7 @@ bool start_helper()
 
 void stop_helper()
 {
-    extern std::mutex registry_lock;
-    helper *h;
-    {
-        std::lock_guard registry(registry_lock);
-        h = std::exchange(running, nullptr);
-    }
+    helper *h = running.exchange(nullptr);
     if (!h)
         return;
     h->should_stop = true;
@@ -165,7 +160,7 @@ void stop_helper()
 void forget_helper()
 {
     helper_poll = helper_event = -1;
-    delete std::exchange(running, nullptr);
+    delete running.exchange(nullptr);
 }
 
 bool helper_watch(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id)

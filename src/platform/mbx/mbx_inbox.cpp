@@ -28,48 +28,6 @@ static constexpr uint32_t unlooked_at_most = 7; /* signals of the only source */
  */
 static constexpr size_t mapped_at_most = size_t{4} << 20;
 
-void turn_line::push_back(source &s)
-{
-    s.is_in_line = true;
-    s.next = nullptr;
-    (last_ ? last_->next : first_) = &s;
-    last_ = &s;
-    size_++;
-}
-
-void turn_line::push_front(source &s)
-{
-    s.is_in_line = true;
-    s.next = first_;
-    first_ = &s;
-    if (!last_)
-        last_ = &s;
-    size_++;
-}
-
-source &turn_line::pop_front()
-{
-    source &s = *first_;
-    first_ = s.next;
-    if (!first_)
-        last_ = nullptr;
-    s.is_in_line = false;
-    size_--;
-    return s;
-}
-
-void turn_line::prepend(turn_line &other)
-{
-    if (other.is_empty())
-        return;
-    other.last_->next = first_;
-    if (!last_)
-        last_ = other.last_;
-    first_ = other.first_;
-    size_ += other.size_;
-    other = {};
-}
-
 static block *empty_signal(uint32_t sender)
 {
     block *b = block_take(sizeof(mbx_signal));
@@ -250,6 +208,7 @@ block *inbox::take_ended(source &s)
             s.ring.drop();
         }
         s.held.set(s.ring.unread());
+        count_mapped(s, s.ring.unread() == 0);
     } else {
         b = s.notices.pop();
     }
