@@ -65,7 +65,7 @@ def measure_exporter(bench):
          f"--collector.textfile.directory={folder}",
          f"--web.listen-address={address['node_exporter']}"], THEIRS, stderr=subprocess.DEVNULL)
     wait_until(lambda: answers(address["node_exporter"], "/metrics"), "node_exporter serves")
-    for number in range(3 * bench.rounds):
+    for number in range(2 * bench.rounds):
         time.sleep(SHARED_FOR)
         for name in list(SYSTEMS)[:: 1 if number % 2 else -1]:
             scrape(bench, name, program[name].pid, address[name])
@@ -90,10 +90,10 @@ def scrape(bench, name, pid, address):
 
 
 def idle_share(bench, pid):
-    """Two intervals of reads and nothing else."""
+    """One interval of reads and nothing else."""
     time.sleep(1)
     before, start = cpu_ms(pid), time.monotonic()
-    time.sleep(30)
+    time.sleep(15)
     share = (cpu_ms(pid) - before) / (1000 * (time.monotonic() - start))
     bench.add("exporter idle", "idle: share of a core", "%", "exporter", 100 * share)
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* libdolm_ric: the operations, and the board behind them played through its own protocol. */
+/* libdolm_ric: the operations, on a simulated board that is controlled by its own protocol. */
 #include "testkit/board/board_fixture.h"
 #include "testkit/processes/processes.h"
 
@@ -17,7 +17,7 @@ namespace
 class dolm_ric_test : public board_fixture
 {
   protected:
-    /* The next event as "type id first-word"; the test's time limit is the deadline. */
+    /* The next event as "type id value"; the time limit of the test is the deadline. */
     std::string next_event()
     {
         dolm_ric_event *event = nullptr;
@@ -66,7 +66,7 @@ TEST_F(dolm_ric_test, events_reach_subscribers_only_and_keep_their_order)
     for (int held = 0; held < 2; held++)
         EXPECT_EQ(0, dolm_ric_ri_unsubslink(handle, id_of(3)));
     EXPECT_EQ(DOLM_RICERR_INVALID, dolm_ric_ri_unsubslink(handle, id_of(3)));
-    EXPECT_EQ("1 20003 15", next_event()) << "the link event before it was given up";
+    EXPECT_EQ("1 20003 15", next_event()) << "the link event was queued before the unsubscription";
     EXPECT_EQ("ok\nports=1\nevents=1", ask("remove 3"));
     EXPECT_EQ("1 20003 1", next_event());
 }
@@ -124,7 +124,7 @@ TEST_F(dolm_ric_test, injected_faults_hit_the_calls_that_they_name)
     blocked.join();
 }
 
-TEST_F(dolm_ric_test, a_request_that_is_wrong_changes_nothing)
+TEST_F(dolm_ric_test, a_command_with_an_error_changes_nothing)
 {
     ASSERT_EQ(0, start());
     const std::string before = ask("show 3");
@@ -145,7 +145,7 @@ TEST_F(dolm_ric_test, a_request_that_is_wrong_changes_nothing)
     EXPECT_EQ(before, ask("show 3"));
 }
 
-TEST_F(dolm_ric_test, after_shutdown_the_last_event_comes_and_nothing_else_works)
+TEST_F(dolm_ric_test, shutdown_delivers_the_last_event_and_ends_all_else)
 {
     ASSERT_EQ(0, start());
     const uintptr_t old = handle;
@@ -222,7 +222,7 @@ TEST_F(dolm_ric_test, the_control_socket_belongs_to_the_group_of_its_directory)
     EXPECT_EQ(0660u, found.st_mode & 0777);
 }
 
-TEST_F(dolm_ric_test, a_board_file_says_what_is_there)
+TEST_F(dolm_ric_test, a_board_file_describes_the_board_or_the_start_fails_with_a_reason)
 {
     EXPECT_EQ(0, start("# all alike\nports 65535\ninsert 0-65534 lc link=up speed=10\n"
                        "set 65534 temperature=80C\n"));

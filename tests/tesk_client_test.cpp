@@ -266,7 +266,7 @@ struct client : testing::Test {
 
 } // namespace
 
-TEST_F(client, what_keeps_from_connecting_is_told_apart)
+TEST_F(client, the_reasons_of_a_failed_connect_are_distinguished)
 {
     options.reconnect = true;
     const std::pair<int, tesk_client_result> cases[] = {{ENOENT, TESK_CLIENT_NO_SERVER},

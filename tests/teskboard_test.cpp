@@ -58,7 +58,7 @@ TEST_F(teskboard_test, every_command_works_on_a_board)
     });
 }
 
-TEST_F(teskboard_test, what_goes_wrong_is_told_with_its_exit_code)
+TEST_F(teskboard_test, each_failure_has_its_message_and_exit_code)
 {
     ASSERT_EQ(0, start());
     expect({
@@ -77,7 +77,7 @@ TEST_F(teskboard_test, what_goes_wrong_is_told_with_its_exit_code)
     });
 }
 
-TEST_F(teskboard_test, a_scene_is_found_right_before_its_first_step)
+TEST_F(teskboard_test, a_scene_is_checked_before_its_first_step)
 {
     ASSERT_EQ(0, start());
     write_file("good", "#\n# flap\n+0 link 3 up # now\n\n+0.01 set 3 vendor_name='A B'\n");

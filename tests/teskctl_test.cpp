@@ -6,10 +6,10 @@
 #include "tools/common/json_records.h"
 #include "tools/common/port_list.h"
 #include "tools/common/units.h"
+#include "tools/common/words.h"
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_view.h"
-#include "tools/common/words.h"
 #include "util/escape.h"
 
 #include <clocale>
@@ -251,6 +251,12 @@ namespace
 class teskctl_system : public testing::Test
 {
   protected:
+    /* Without a port map, unless a test writes one. */
+    teskctl_system()
+    {
+        setenv("DOLM_RIC_PORT_MAP", (directory.path + "/none/ports").c_str(), 1);
+    }
+
     testkit::directory directory;
     std::optional<testkit::server> server;
     std::string output;
@@ -270,7 +276,7 @@ class teskctl_system : public testing::Test
 
 } // namespace
 
-TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
+TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
 {
     expect("--help", 0, {"history"});
     expect("--version", 0, {"teskctl 1."});
@@ -289,6 +295,8 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     expect("pm 0-15", 0, {"port 0: optical\n", "port 12: no module\n"});
     expect("pm 12,20-22,24", 1, {"port 12: no module\n", "ports 20-22,24: pm: no such port\n"});
     expect("sfp 7,12", 0, {"\n7     module not ready\n", "\n12    no module\n"});
+    expect("--json sfp 7", 0, {"\"module\":\"not ready\""});
+    expect("--timeout 9 statsu 0", 2, {"did you mean 'status'"});
     expect("status 12", 0, {"\n12    not operational, no module\n"});
     expect("ports", 0, {"\n0     optical", "\n15    no module"});
     expect("ports --numbers", 0, {"\n14\n15\n"});
@@ -303,7 +311,7 @@ TEST_F(teskctl_system, exit_codes_tell_what_went_wrong_and_the_text_what_to_do)
     kill(server->pid, SIGCONT);
 }
 
-TEST_F(teskctl_system, every_command_writes_objects_that_bear_their_documented_keys)
+TEST_F(teskctl_system, every_command_writes_objects_with_the_documented_keys)
 {
     server.emplace();
     run("watch --sfp 0 --status 0 --count 4 & PATH=" TESK_BIN_DIR ":$PATH; teskboard wait 0 "
@@ -365,6 +373,26 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     expect("history actions", 0, {"sfp info unsubscribed", "port status unsubscribed"});
 }
 
+TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
+{
+    server.emplace();
+    FILE *ping = popen("exec " TESK_BIN_DIR "/teskctl ping --json -i 0.02 -c 100", "r");
+    char line[512];
+    std::string all;
+    for (size_t lines = 0; std::fgets(line, sizeof(line), ping) != nullptr; lines++) {
+        all += line;
+        if (lines == 5) {
+            server.reset();
+            server.emplace();
+        }
+    }
+    EXPECT_EQ(WEXITSTATUS(pclose(ping)), 0);
+    EXPECT_NE(all.find("waited for a new connection"), std::string::npos) << all;
+    const auto summary = json_object::parse(all.substr(all.rfind("{\"time\"")));
+    EXPECT_EQ(summary["requests"], 100);
+    EXPECT_LT(summary["answers"], 100);
+}
+
 TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
 {
     server.emplace();
@@ -377,15 +405,14 @@ TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
 TEST_F(teskctl_system, ports_are_named_by_the_port_map)
 {
     const std::string map = directory.path + "/ports";
+    server.emplace(); /* writes a map of its own elsewhere */
     setenv("DOLM_RIC_PORT_MAP", map.c_str(), 1);
     testkit::run("printf '# tesk-ports 1\n3\teth3\n7\tx\033[2J\n' >" + map, output);
-    server.emplace();
     expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  optical"});
     expect("--json ports 3", 0, {"\"port\":3,\"name\":\"eth3\","});
     expect("pm all | grep -c ^port", 0, {"2\n"});
     testkit::run("echo wrong >" + map, output);
     expect("ports", 0, {"port map ignored: ", "line 1", "\n15 "});
-    unsetenv("DOLM_RIC_PORT_MAP");
 }
 
 TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)

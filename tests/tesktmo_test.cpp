@@ -83,7 +83,7 @@ TEST(tesktmo, ticks_come_in_order_of_expiry_and_of_request_never_early_and_from_
 {
     setenv("TESKTMO_UNIT_MS", "1", 1);
     ASSERT_TRUE(tmo_service_init() && tmo_service_init());
-    /* On a machine that stalls between the requests another order is right: once more, then. */
+    /* If the machine stalls between the requests, another order is right: repeat. */
     for (bool has_stalled = true; has_stalled;) {
         const auto begin = steady_clock::now();
         request(400, 5), request(200, 2, 8), request(200, 3), request(300, 4), request(0, 1);
@@ -114,7 +114,7 @@ TEST(tesktmo, exhausted_memory_frees_the_block_or_fails_the_start)
     tmo_service_stop();
 }
 
-TEST(tesktmo, what_cannot_be_delivered_is_freed_and_a_wrong_unit_gives_the_usual_one)
+TEST(tesktmo, undeliverable_blocks_are_freed_and_a_wrong_unit_gives_the_default)
 {
     for (const char *unit : {"0", "101", "1ms", "", "1"}) {
         setenv("TESKTMO_UNIT_MS", unit, 1);

@@ -58,8 +58,8 @@ static void start(const settings &environment)
     zel_init();
 }
 
-/* The masks of the first thread and of a later one before and after it registers; whether LTTng is
-   there, with all signals blocked in all of its threads. */
+/* Prints the masks of the first thread and of another one before and after it registers, and
+   whether LTTng is loaded, with all signals blocked in all of its threads. */
 static void print_state(const settings &environment)
 {
     start(environment);
@@ -314,7 +314,7 @@ TEST_F(zel, a_server_whose_traces_nobody_reads_starts_serves_and_stops)
     EXPECT_EQ(0, server.stop());
 }
 
-/* Handlers that trace on top of threads that trace, into a file that rolls over all the while. No
+/* Handlers trace while they interrupt threads that trace, into a file that rolls over meanwhile. No
    text is free, as some are never traced; a text holds 2 KiB. */
 TEST_F(zel, a_storm_of_signals_leaves_every_line_and_text_whole)
 {
@@ -365,7 +365,7 @@ TEST_F(zel, babeltrace2_reads_what_was_traced_with_lttng)
     /* Root's session daemon has a fixed place, so root gets one of its own by a mount. */
     const std::string mount = "unshare --mount sh -c 'mkdir -p /run/lttng &&"
                               " mount -t tmpfs none /run/lttng && exec \"$@\"' sh ";
-    /* A command is recorded, and then what runs already, until Enter. */
+    /* A command is recorded, and then running programs, until Enter. */
     const std::string command =
         "cd " + directory.string() + " && P=/proc/" + std::to_string(getpid()) + "/exe F=" + file +
         " LTTNG_HOME=$PWD timeout 50 " + (geteuid() == 0 ? mount : "") +

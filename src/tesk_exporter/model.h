@@ -116,7 +116,6 @@ class model
     bool is_connected_ = false;
     bool is_answering_ = false;
     bool is_read_ = false;
-    bool was_connected_ = false;
     std::string trouble_ = "not connected yet";
     steady_time next_refresh_{};
     bool is_refreshing_ = false;

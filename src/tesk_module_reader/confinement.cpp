@@ -52,6 +52,8 @@ void keep_net_admin_only()
 static constexpr uint32_t own_architecture = AUDIT_ARCH_X86_64;
 #elif defined(__aarch64__)
 static constexpr uint32_t own_architecture = AUDIT_ARCH_AARCH64;
+#else
+#error "name this processor's AUDIT_ARCH here"
 #endif
 
 static constexpr uint32_t allowed_calls[] = {

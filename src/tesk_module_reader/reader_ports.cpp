@@ -139,7 +139,8 @@ std::string reader_ports::as_configuration()
 {
     const std::vector<link_report> all = linux_board::list_interfaces(route_);
     std::string text;
-    for (auto &[number, one] : ports_) {
+    for (auto &entry : ports_) {
+        port &one = entry.second;
         find_interface(one);
         const auto interface = std::find_if(all.begin(), all.end(), [&](const link_report &report) {
             return report.index == one.index;
@@ -148,7 +149,7 @@ std::string reader_ports::as_configuration()
             one.config.parent.empty() ? one.config.interface : one.config.parent + "/" + one.config.port_name;
         if (interface != all.end())
             name = linux_board::permanent_name(*interface, all);
-        text += std::to_string(number) + " " + name + options_of(one.config) + "\n";
+        text += std::to_string(one.config.number) + " " + name + options_of(one.config) + "\n";
     }
     return text;
 }

@@ -31,8 +31,9 @@ static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
 static bool grow_table()
 {
     const int32_t size = table_size == 0 ? smallest_table : table_size * 2;
-    auto *table = static_cast<leaky_bucket_data **>(
-        realloc(buckets, static_cast<size_t>(size) * sizeof(leaky_bucket_data *)));
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the table consists of pointers
+    const size_t bytes = static_cast<size_t>(size) * sizeof(leaky_bucket_data *);
+    auto *table = static_cast<leaky_bucket_data **>(realloc(buckets, bytes));
 
     if (table == nullptr)
         return false;

@@ -8,8 +8,9 @@
    Nearly all traces are off nearly always, so a trace that is off should cost the test of its bit
    only. The calls for an enabled trace are therefore in cold functions. Written out at each place
    they would make the compiler reserve and save registers for them in the caller, whether the trace
-   is on or not. Only formatStr is called at the place of the trace, where the compiler can check
-   the arguments against the format. */
+   is on or not: 1 to 4 % more instructions for each procedure with all traces off. Only formatStr
+   is called at the place of the trace, where the compiler can check the arguments against the
+   format. */
 #pragma once
 
 #include "platform/zel/zel.h"

@@ -394,8 +394,9 @@ int zel_register_thread_name(const char *name)
     /* ThreadSanitizer makes a thread's record of signals when it is first needed, and loses a
        signal that comes while it is being made. */
     raise(0);
-    log_line(std::string("thread ") + name);
+    /* The mask first: the line tells a test that the thread may be sent a process signal. */
     procInfo[3] = to_stdout() ? (1u << 1 | 1u << 4) : mask;
+    log_line(std::string("thread ") + name);
     return 0;
 }
 

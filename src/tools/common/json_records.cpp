@@ -3,6 +3,7 @@
 
 #include "tools/common/clock.h"
 #include "tools/common/units.h"
+#include "tools/common/words.h"
 #include "util/escape.h"
 
 #include <cmath>
@@ -54,9 +55,12 @@ static json_object speed_or_null(uint32_t tenths)
 
 json_object to_json(const tesk_client_sfp_info &info)
 {
+    const char *module = info.type == module_not_ready
+                             ? "not ready"
+                             : tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type);
     return {{"event", "sfp"},
             {"port", info.port_no},
-            {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type)},
+            {"module", module},
             {"speed_gbps", speed_or_null(info.speed)},
             {"vendor", all_bytes(info.vendor_name)},
             {"part", all_bytes(info.vendor_pn)},

@@ -7,21 +7,22 @@
 #include "tools/common/nearest.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <string>
 #include <vector>
 
-/* Throws a tool_error with exit_code::usage if the first word that isn't an option is not a command
-   of the app. Such a word behind an option may be the option's value: it is left to CLI11. */
+/* Throws a tool_error with exit_code::usage if the first word that is neither an option of the app
+   nor its value is not a command. */
 inline void require_known_command(const CLI::App &app, const std::vector<std::string> &words)
 {
     size_t at = 0;
-    while (at < words.size() && (words[at] == "--json" || words[at].starts_with("--wait")))
-        at++;
-    const bool is_help = at < words.size() && words[at] == "help";
-    at += is_help ? 1 : 0;
-    if (at == words.size() || words[at].starts_with('-'))
+    while (at < words.size() && (words[at].starts_with('-') || words[at] == "help")) {
+        const CLI::Option *option = app.get_option_no_throw(words[at]);
+        at += option != nullptr && option->get_items_expected_max() > 0 ? 2 : 1;
+    }
+    if (at >= words.size())
         return;
     std::vector<std::string> known;
     for (const CLI::App *command : app.get_subcommands({}))

@@ -16,7 +16,7 @@ namespace netlink
 {
 
 /* The kernel fills parts of a dump up to 32 KiB; a single message may be longer. */
-static constexpr size_t receive_size = 64 * 1024;
+static constexpr size_t receive_size = size_t{64} * 1024;
 
 static constexpr uint8_t generic_version = 1;
 

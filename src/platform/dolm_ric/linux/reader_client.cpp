@@ -98,7 +98,7 @@ static int await_answer(int fd, int stop_fd)
     const int count = poll(wanted, std::size(wanted), static_cast<int>(limit));
     if (count == 0)
         return ETIMEDOUT;
-    return wanted[1].revents != 0 ? ENOTCONN : 0;
+    return wanted[1].revents != 0 ? ECANCELED : 0;
 }
 
 int reader_client::exchange(std::span<piece> pieces)
