@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # A real Prometheus scrapes tesk-exporter: a laser warms up on the board, an alert fires with the labels
-# of its port, the laser cools down, the alert resolves. Called with the build folder; 77 says that there
-# is no Prometheus here.
+# of its port, the laser cools down, the alert resolves. Called with the build folder; exits with 77
+# without Prometheus.
 set -euo pipefail
 build=$1
 . "$(dirname "$0")/../scripts/common.sh"
@@ -38,7 +38,7 @@ prometheus --config.file="$work/prometheus.yml" --storage.tsdb.path="$work/data"
     --web.listen-address="$prometheus" --log.level=error &
 monitor=$!
 
-says() { # TEXT QUERY
+shows() { # TEXT QUERY
     promtool query instant "http://$prometheus" "$2" 2>/dev/null | grep -qF "$1"
 }
 is_empty() { # QUERY
@@ -46,15 +46,15 @@ is_empty() { # QUERY
     answer=$(promtool query instant "http://$prometheus" "$1" 2>&1) && [ -z "$answer" ]
 }
 firing='ALERTS{alertstate="firing"}'
-await $monitor says '=> 1 @' 'up{job="tesk"} == 1 and on(instance) tesk_up == 1'
-await $monitor says 'interface="eth1"' 'tesk_port_temperature_celsius{port="1"}'
+await $monitor shows '=> 1 @' 'up{job="tesk"} == 1 and on(instance) tesk_up == 1'
+await $monitor shows 'interface="eth1"' 'tesk_port_temperature_celsius{port="1"}'
 is_empty "$firing" || fail "an alert fires before anything has happened"
 "$build/bin/teskboard" set 1 temperature=90C
-await $monitor says 'alertname="ModuleInAlarm"' "$firing"
+await $monitor shows 'alertname="ModuleInAlarm"' "$firing"
 for label in 'grade="high_alarm"' 'interface="eth1"' 'measurement="temperature"' 'port="1"'; do
-    says "$label" "$firing" || fail "the alert has no $label"
+    shows "$label" "$firing" || fail "the alert has no $label"
 done
-# Grades are taken anew at most once a minute: a change of the link brings them at once.
+# Grades are read once a minute; a change of the link reads them at once.
 "$build/bin/teskboard" set 1 temperature=40C
 "$build/bin/teskboard" link 1 down
 await $monitor is_empty "$firing"
