@@ -5,12 +5,13 @@
 
 # The packages, by purpose. All come from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
-                libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev)
+                libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev libjs-dygraphs)
 packages_run_linux=(iproute2)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq python3-pytest)
+packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
-              g++-s390x-linux-gnu prometheus)
+              g++-s390x-linux-gnu prometheus prometheus-node-exporter chromium chromium-driver
+              python3-selenium)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
                 libhiredis-dev libgrpc++-dev libprotobuf-dev protobuf-compiler-grpc protobuf-compiler
                 python3-redis python3-hiredis prometheus-node-exporter)

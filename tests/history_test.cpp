@@ -22,12 +22,14 @@ TEST_F(history_cache, the_history_rolls_over_at_thirty_and_any_mailbox_reads_it)
                           {TESK_SHELL_GET_ACTIONS_CACHE_REQ, 12 + 24 * 7},
                           {TESK_SHELL_GET_SFP_INFO_CACHE_REQ, 12}};
     fake_platform::sent.clear();
+    trace({1, 4, 12, 17, 18});
     for (const auto &reading : readings) {
         fake_platform::deliver(stranger, reading.request, {0, 0, 0});
         tesk_handle_mailbox();
         EXPECT_EQ(sent.back().number, reading.request + 1);
         EXPECT_EQ(sent.back().bytes.size(), reading.size);
     }
+    expect_log({"send 0x118 to 0x99", "send 0x11c to 0x99", "send 0x11a to 0x99"});
     /* The first of 31 is gone; the oldest left is an up, level 20, shell value 1; then a down. */
     const std::pair<size_t, uint32_t> expected[] = {{4, 30},
                                                     {8 + 4, 20},

@@ -72,7 +72,7 @@ board=$work/example/board
 mkdir "$EXAMPLE_BOARD"
 start_server "$board"
 expect 0 '"module":"not present"' "$teskctl" --json sfp 0
-expect 1 "rejected" "$teskctl" status 2
+expect 1 "no such port" "$teskctl" status 2
 exec 3< <(timeout 30 "$teskctl" --json watch --sfp 0 --status 0)
 watch=$!
 await_indications() { # TEXT..: waits until the next indications contain all of them, in any order

@@ -15,6 +15,7 @@ using fake_platform::sent;
 static size_t failing_size; /* allocations of this size fail; those that would have are noted */
 static bool is_noting;
 static bool is_cache_refusing;
+static size_t watched_size; /* the block of the next allocation of this size is watched */
 static const void *watched;
 static int watched_frees;
 
@@ -42,7 +43,12 @@ int __wrap__Z14tesk_cache_addPK16tesk_cache_entry(const tesk_cache_entry *entry)
 
 void *__wrap_malloc(size_t size)
 {
-    return fails(size) ? nullptr : __real_malloc(size);
+    void *block = fails(size) ? nullptr : __real_malloc(size);
+    if (size == watched_size) {
+        watched = block;
+        watched_size = 0;
+    }
+    return block;
 }
 
 void *__wrap_calloc(size_t count, size_t size)
@@ -197,8 +203,18 @@ TEST_F(memory, a_block_is_freed_exactly_once)
     });
     const int32_t id = leaky_bucket_add(100, 50);
     expect_freed(leaky_bucket_find(id), [id] { leaky_bucket_remove(id); });
+    expect_freed(leaky_bucket_find(1), [] { send(alice, unsubscribe_status, {9, 0, 3}); });
     const tesk_client *client = tesk_client_find_by_sender(alice);
     expect_freed(client, [] { lose(alice); });
+    expect_freed(nullptr, [] {
+        watched_size = sizeof(tesk_cache_entry); /* of an empty cache */
+        history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ);
+    });
+    expect_freed(nullptr, [] {
+        tesk_sfp_info info = {};
+        watched_size = sizeof(dolm_sfp_info);
+        get_sfp_info(3, SFP_PRESENT_AND_READY, &info);
+    });
     connect(bob);
     leaky_bucket_add(100, 50);
     expect_freed(leaky_bucket_find(1), [] { tesk_server_shutdown(); });

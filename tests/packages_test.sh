@@ -59,6 +59,7 @@ expect 0 "" as nobody:tesk teskboard link 0 down
 expect 0 '"link":"not operational"' as nobody:tesk teskctl --json status 0
 expect 0 "everything" as nobody:nogroup tesk-abi-check "/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)"
 expect 0 "tesk-exporter 1." as nobody:tesk tesk-exporter --version
+expect 0 "dygraph.min.js" as nobody:tesk ls /usr/share/tesk-exporter/web/index.html /usr/share/tesk-exporter/web
 kill -9 "$server"
 wait "$server" 2>/dev/null || true
 start_server

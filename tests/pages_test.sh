@@ -15,6 +15,8 @@ export LC_ALL=C.UTF-8 # the degree sign
 
 declare -A excused=(
     [./test]="runs all tests, this one among them" [cmake]="builds the tree"
+    [promtool]="run by monitoring_test.py" [prometheus]="as in exporter_prometheus_test.sh"
+    [./run]="ends with Ctrl-C" [scripts/fleet-trial]="takes long"
     [./bench]="takes long" [./soak]="takes long" [./fuzz]="takes long"
     [scripts/build-packages]="builds the tree" [scripts/arm64-sysroot]="takes long" [gdb]="needs a terminal"
     [apt-get]="changes the machine" [adduser]="changes the machine" [ldconfig]="changes the machine"
@@ -138,11 +140,11 @@ for page in "$@"; do
         log=$place/log
         mkdir -p "$place/here/build" "$place/bin"
         cd "$place/here" || exit 1
-        ln -s "$source"/{run,scripts,examples,python,src,docs} .
+        ln -s "$source"/{run,scripts,examples,python,src,docs,contrib} .
         ln -s "$build" build/release && ln -s "$build" build/example
         : >"$log"
         ln -s /bin/true "$place/bin/cmake" # the programs of ./run are built already
-        export MBX_DIR=$place/mbx DOLM_RIC_SOCKET=$place/board.sock PATH=$place/bin:$build/bin:$PATH
+        export MBX_DIR=$place/mbx DOLM_RIC_SOCKET=$place/board.sock DOLM_RIC_PORT_MAP=$place/ports PATH=$place/bin:$build/bin:$PATH
         if ! grep -q '^\$ .*tesk-server.*&$' "$page"; then
             tesk-server &
             wait_for teskboard ports || exit 1

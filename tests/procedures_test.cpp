@@ -373,10 +373,13 @@ TEST_F(procedures, refusals_come_in_the_order_of_the_checks)
         EXPECT_EQ(fake_platform::sent[0].word(8), 1000 + alice);
     }
     fake_platform::failing.clear();
+    trace({});
     for (uint32_t request : {unsubscribe_info, unsubscribe_status}) {
         send(alice, request, {8, reference, 3});
         EXPECT_EQ(sent.at(0).number, request + 1);
     }
+    expect_log({"unsubsport 0x20003", "send 0x164840e to 0x71", "unsubslink 0x20003",
+                "send 0x1648415 to 0x71"});
 }
 
 TEST_F(procedures, a_port_unknown_to_the_read_is_uncounted_before_the_rejection)
@@ -411,6 +414,18 @@ TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
         {-149, 49, 4, 1, 0x07,
          "0000000100000001 0000000000000000 0000000000000000 0000000100000000 "
          "0000000100000000 0000000100000000"},
+        {0, 0, 0, 0, 0x08,
+         "0000000000000000 00000001000001f4 0000000000000000 0000000000000000 "
+         "0000000000000000 0000000000000000"},
+        {0, 0, 0, 0, 0x10,
+         "0000000000000000 0000000000000000 0000000100000258 0000000000000000 "
+         "0000000000000000 0000000000000000"},
+        {0, 3300000, 0, 0, 0x02,
+         "0000000000000000 0000000000000000 0000000000000000 0000000000000000 "
+         "00000001000080e8 0000000000000000"},
+        {0, 0, 6005, 0, 0x04,
+         "0000000000000000 0000000000000000 0000000000000000 0000000000000000 "
+         "0000000000000000 0000000100000259"},
         {-150, 50, 5, 0, 0x61,
          "0000000000000000 0000000000000000 0000000000000000 00000001ffffffff "
          "0000000000000000 0000000000000000"},
@@ -498,6 +513,8 @@ TEST_F(procedures, a_read_fails_with_the_hardware_but_not_for_missing_diagnostic
             expect_rejection(TESK_GET_PM_COUNTERS_REJ, 1, failure.text);
         else
             expect_bytes(sent.at(0), 64, std::string(80, '0'));
+        EXPECT_EQ(sent.at(0).number,
+                  failure.text != nullptr ? TESK_GET_PM_COUNTERS_REJ : TESK_GET_PM_COUNTERS_CFM);
     }
     fake_platform::failing.clear();
     ports[3].diag.mode_type = 2;

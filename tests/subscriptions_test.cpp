@@ -289,6 +289,21 @@ TEST_F(subscriptions, an_unsubscription_ends_the_one_subscription_that_it_names)
         EXPECT_EQ(tesk_portsub_find_port_status(port), -1);
 }
 
+TEST_F(subscriptions,
+       an_unknown_presence_is_resolved_and_stored_by_the_next_port_status_subscription)
+{
+    const uint32_t reference = subscriber(alice, 3, subscribe_info);
+    handle_events({port_event(3, 0)});
+    trace({1, 12});
+    subscribe(alice, reference, 3, subscribe_status);
+    const auto lines = fake_platform::take_log();
+    EXPECT_EQ(lines.at(2), "[12] SFP info subscription contains sfp presence SFP_UNKNOWN");
+    EXPECT_EQ(lines.at(3), "getportstatus 0x20003");
+    EXPECT_EQ(lines.at(5), "[12] Updated sfp info presence from SFP_UNKNOWN to "
+                           "SFP_PRESENT_AND_READY");
+    EXPECT_EQ(get_sfp_presence(3), SFP_PRESENT_AND_READY);
+}
+
 TEST_F(subscriptions, the_records_of_a_port_agree_after_an_event)
 {
     ports[3].status = DOLM_RICRIPORT_STARTED;

@@ -23,6 +23,7 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
+#include <utility>
 
 namespace exporter
 {

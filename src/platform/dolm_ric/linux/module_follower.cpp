@@ -37,37 +37,32 @@ void module_follower::stop()
     thread_.stop();
 }
 
-void module_follower::post(order what)
-{
-    {
-        const std::lock_guard guard(lock_);
-        orders_.push_back(std::move(what));
-    }
-    thread_.wake();
-}
-
 void module_follower::add(uint32_t port, const std::string &file)
 {
-    post([this, port, file] {
-        if (!file.empty())
-            files_.add(port, file);
-        poller_.add(port, file.empty());
-    });
+    const std::lock_guard guard(lock_);
+    orders_.added[port] = file;
+    thread_.wake();
 }
 
 void module_follower::set_interface(uint32_t port, int32_t index)
 {
-    post([this, port, index] { poller_.set_interface(port, index); });
+    const std::lock_guard guard(lock_);
+    orders_.interfaces[port] = index;
+    thread_.wake();
 }
 
 void module_follower::link_changed(uint32_t port)
 {
-    post([this, port] { poller_.link_changed(port); });
+    const std::lock_guard guard(lock_);
+    if (orders_.links_changed.insert(port).second)
+        thread_.wake();
 }
 
 void module_follower::diagnostics_wanted(uint32_t port)
 {
-    post([this, port] { poller_.diagnostics_wanted(port); });
+    const std::lock_guard guard(lock_);
+    if (orders_.diagnostics_wanted.insert(port).second)
+        thread_.wake();
 }
 
 void module_follower::start(std::chrono::milliseconds patience)
@@ -122,13 +117,22 @@ void module_follower::run()
 
 void module_follower::carry_out_orders()
 {
-    std::vector<order> orders;
+    order_book orders;
     {
         const std::lock_guard guard(lock_);
-        orders.swap(orders_);
+        std::swap(orders, orders_);
     }
-    for (const order &next : orders)
-        next();
+    for (const auto &[port, file] : orders.added) {
+        if (!file.empty())
+            files_.add(port, file);
+        poller_.add(port, file.empty());
+    }
+    for (const auto &[port, index] : orders.interfaces)
+        poller_.set_interface(port, index);
+    for (const uint32_t port : orders.links_changed)
+        poller_.link_changed(port);
+    for (const uint32_t port : orders.diagnostics_wanted)
+        poller_.diagnostics_wanted(port);
 }
 
 void module_follower::await_work()

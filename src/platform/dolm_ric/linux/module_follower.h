@@ -12,11 +12,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace linux_board
 {
@@ -47,10 +47,16 @@ class module_follower final : module_access
     int32_t interface_at_reader(uint32_t port, int &error);
 
   private:
-    using order = std::function<void()>;
+    /* What other threads have told since it was taken up; no more than one thing of a kind for each
+       port, however often it was told. */
+    struct order_book {
+        std::map<uint32_t, std::string> added; /* with the file, if the module has one */
+        std::map<uint32_t, int32_t> interfaces;
+        std::set<uint32_t> links_changed;
+        std::set<uint32_t> diagnostics_wanted;
+    };
 
     void read(std::span<piece> pieces) override;
-    void post(order what);
     void run();
     void carry_out_orders();
     void await_work();
@@ -65,7 +71,7 @@ class module_follower final : module_access
     std::mutex lock_;
     std::condition_variable looked_;
     bool has_looked_ = false;
-    std::vector<order> orders_;
+    order_book orders_;
 };
 
 } // namespace linux_board

@@ -1,0 +1,142 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* What a port's record means: its rank, its badges, its texts. No state, no document. */
+
+/* By how urgent they are; `sign` says what the colour does. */
+const grades = {
+  "high alarm": { rank: 0, tone: "bad", sign: "▲" },
+  "low alarm": { rank: 0, tone: "bad", sign: "▼" },
+  "high warning": { rank: 2, tone: "warn", sign: "△" },
+  "low warning": { rank: 2, tone: "warn", sign: "▽" },
+  "ok": { rank: 4, tone: "good", sign: "✓" },
+};
+const no_grade = { rank: 7, tone: "none", sign: "–" };
+
+/* Each measured value: its key among the grades, its key in the record, how it is written. */
+export const measurements = [
+  { grade: "rx_power", value: "rx_power_dbm", unit: "dBm", digits: 2, name: "receive power" },
+  { grade: "tx_power", value: "tx_power_dbm", unit: "dBm", digits: 2, name: "transmit power" },
+  { grade: "temperature", value: "temperature_c", unit: "°C", digits: 1, name: "temperature" },
+  { grade: "vcc", value: "voltage_v", unit: "V", digits: 3, name: "voltage" },
+  { grade: "tx_bias", value: "tx_bias_ma", unit: "mA", digits: 2, name: "laser bias" },
+  { grade: "laser_temperature", name: "laser temperature" },
+  { grade: "tec", name: "cooler" },
+];
+
+export function has_module(port) {
+  return Boolean(port.sfp) && port.sfp.module !== "not present";
+}
+
+/* A badge: {text, tone, sign}. */
+export function grade_badge(text) {
+  return { text, ...(grades[text] ?? no_grade) };
+}
+
+/* The worst grade with the values that have it; null where none is given. */
+export function worst_grade(port) {
+  if (!port.status || !has_module(port))
+    return null;
+  let worst = null;
+  for (const { grade, name } of measurements) {
+    const text = port.status.levels[grade];
+    if (!(text in grades))
+      continue;
+    if (!worst || grades[text].rank < grades[worst.text].rank)
+      worst = { text, names: [] };
+    if (text === worst.text)
+      worst.names.push(name);
+  }
+  return worst;
+}
+
+/* "low alarm: receive power". */
+export function worst_text(worst) {
+  return worst.text === "ok" ? "ok" : `${worst.text}: ${worst.names.join(", ")}`;
+}
+
+export function link_badge(port) {
+  switch (port.status?.link) {
+  case "operational":
+    return { text: "up", tone: "good", sign: "●" };
+  case "not operational":
+    return { text: "down", tone: has_module(port) ? "bad" : "none", sign: "○" };
+  case "stopped":
+    return { text: "stopped", tone: "none", sign: "■" };
+  default:
+    return { text: "unknown", tone: "none", sign: "?" };
+  }
+}
+
+export function is_unexpectedly_down(port) {
+  return port.status?.link === "not operational" && has_module(port);
+}
+
+/* Smaller is worse: alarms, ports that are down though a module is there, warnings, the others,
+   stopped ports, empty ones. */
+export function rank(port) {
+  const worst = worst_grade(port);
+  const by_grade = worst ? grades[worst.text].rank : 5;
+  const by_link = is_unexpectedly_down(port) ? 1 : has_module(port) ? 4 : 6;
+  return Math.min(by_grade, by_link);
+}
+
+export function module_text(port) {
+  if (!port.sfp)
+    return "not known yet";
+  if (!has_module(port))
+    return "no module";
+  const names = [port.sfp.vendor.trim(), port.sfp.part.trim()].filter(Boolean);
+  return names.join(" · ") || port.sfp.module;
+}
+
+export function value_text(port, { value, unit, digits }) {
+  const number = port.pm?.[value];
+  return number === null || number === undefined ? "–" : number.toFixed(digits) + " " + unit;
+}
+
+/* All that the filter looks in, in lower case. */
+export function searched_text(port) {
+  const sfp = port.sfp ?? {};
+  const worst = worst_grade(port);
+  return ["port " + port.port, port.interface, link_badge(port).text, module_text(port), sfp.module,
+          sfp.serial, sfp.product, sfp.date_code, worst ? worst_text(worst) : ""]
+    .filter(Boolean).join(" ").toLowerCase();
+}
+
+export function age_text(seconds) {
+  if (seconds === null || seconds === undefined)
+    return "never";
+  if (seconds < 60)
+    return Math.max(0, Math.round(seconds)) + " s";
+  if (seconds < 3600)
+    return Math.floor(seconds / 60) + " min";
+  if (seconds < 172800)
+    return Math.floor(seconds / 3600) + " h";
+  return Math.floor(seconds / 86400) + " days";
+}
+
+/* With the date where it isn't today's. */
+export function time_text(iso) {
+  const time = new Date(iso);
+  const is_today = time.toDateString() === new Date().toDateString();
+  return is_today ? time.toLocaleTimeString() : time.toLocaleString();
+}
+
+/* The event as a sentence of a list. */
+export function event_text(event) {
+  switch (event.event) {
+  case "lost": return "tesk-server went away";
+  case "restored": return "tesk-server is back";
+  case "missed": return "some changes were missed";
+  case "sfp":
+    return event.change === "removed" ? "module removed"
+      : `module ${event.change}: ${module_text({ sfp: event })}`;
+  }
+  const worst = worst_grade({ sfp: { module: event.module }, status: event });
+  const grade = worst && worst.text !== "ok" ? `, ${worst_text(worst)}` : "";
+  return `link ${link_badge({ status: event }).text}`
+    + (event.change === "grades" ? " as before, new grades" : "") + grade;
+}
+
+export function title_of(number, interface_name) {
+  return interface_name ? `Port ${number} (${interface_name})` : `Port ${number}`;
+}
