@@ -32,6 +32,7 @@ static int64_t time_first_answer(char *const *command)
     const int64_t begin = now_ns();
     const pid_t pid = start(command);
     tesk_link link(waiting::in_epoll, patience_ns);
+    link.connect();
     link.send(TESK_GET_CAPABILITIES_REQ);
     link.await(TESK_GET_CAPABILITIES_CFM);
     const int64_t time = now_ns() - begin;

@@ -2,7 +2,8 @@
 /* growth - many clients of the real server with many subscriptions, to measure how the cost of one
    operation grows: growth BOARD, then lines on stdin. Client 0 connected first.
 
-     threads COUNT           starts the threads of COUNT clients, which do not connect yet
+     threads COUNT           starts the threads of COUNT clients, without mailboxes
+     locate COUNT            their mailboxes locate the server, but do not connect yet
      clients COUNT           connects clients until there are COUNT
      exchange COUNT          each client: COUNT capabilities requests
      hold FIRST LAST COUNT   subscribes to these ports, both kinds, port P by client P modulo COUNT
@@ -59,8 +60,8 @@ class worker
         pthread_join(thread_, nullptr);
     }
 
-    /* Runs the work on the client's thread, which connects before its first work. finish() must be
-       called before the next start(). */
+    /* Runs the work on the client's thread, which locates the server before its first work.
+       finish() must be called before the next start(). */
     void start(work what)
     {
         const std::lock_guard guard(lock_);
@@ -162,6 +163,8 @@ class bench_clients
         const std::string &what = words.at(0);
         if (what == "threads")
             add_threads(number(1));
+        else if (what == "locate")
+            locate(number(1));
         else if (what == "clients")
             grow(number(1));
         else if (what == "exchange")
@@ -188,12 +191,19 @@ class bench_clients
             clients_.push_back(std::make_unique<worker>());
     }
 
-    /* Any work connects. */
+    /* Any work locates the server. */
+    void locate(uint32_t count)
+    {
+        add_threads(count);
+        for (uint32_t index = connected_; index < count; index++)
+            clients_[index]->carry_out([](tesk_link &) {});
+    }
+
     void grow(uint32_t count)
     {
         add_threads(count);
         while (connected_ < count)
-            clients_[connected_++]->carry_out([](tesk_link &) {});
+            clients_[connected_++]->carry_out([](tesk_link &link) { link.connect(); });
     }
 
     void exchange(uint32_t times)

@@ -102,7 +102,7 @@ static std::vector<int64_t> time_connections(const measured_system &system,
     for (int64_t &time : times) {
         const int64_t start = now_ns();
         const std::unique_ptr<client> added = system.connect(address, how);
-        added->call(request_kind::capabilities);
+        added->confirm();
         time = now_ns() - start;
     }
     return times;
@@ -250,6 +250,11 @@ void client::call(request_kind kind)
 {
     send(kind);
     receive();
+}
+
+void client::confirm()
+{
+    call(request_kind::capabilities);
 }
 
 receipts::receipts(const std::string &path)

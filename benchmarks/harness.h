@@ -9,7 +9,7 @@
      client ADDRESS WAITING    one client, which carries out the lines of stdin:
                                  calls KIND COUNT            one after the other
                                  flight KIND COUNT WINDOW    WINDOW of them unanswered at a time
-                                 connect COUNT               a new connection and its first call
+                                 connect COUNT               new connections
                                KIND is 0 for capabilities and 1 for PM counters. The answer is one
                                line: a list of nanoseconds, of each call or connection, or in all
      subscribe ADDRESS WAITING RECEIPTS P N
@@ -78,6 +78,8 @@ class client
     virtual void receive() = 0;
     /* One request and its answer. */
     virtual void call(request_kind kind);
+    /* Returns once the server has answered on this connection; by default after a first call. */
+    virtual void confirm();
 };
 
 /* The number of subscribers that are ready or have received an event, and the time of the last

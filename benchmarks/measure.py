@@ -95,7 +95,7 @@ class Bench:
             self.system_calls(server, clients[server.name], waits)
             server.pin(SERVER_CORE)
         self.in_turns(servers, lambda server: self.add(
-            f"connect {waits}", "connecting, with the first answer", "µs", server.name,
+            f"connect {waits}", "connecting, until the server's first answer", "µs", server.name,
             median(clients[server.name].ask("connect", CONNECTIONS)) / 1000))
         for client in clients.values():
             self.launcher.end(client)
@@ -314,11 +314,12 @@ class Bench:
         program.ask("clients", 1)
         program.ask("threads", CLIENTS_IN_MEMORY)
         before = memory_of(*pids)
-        program.ask("clients", CLIENTS_IN_MEMORY)
+        program.ask("locate", CLIENTS_IN_MEMORY)
         connected = memory_of(*pids) - before
+        program.ask("clients", CLIENTS_IN_MEMORY)
         program.ask("exchange", 4)
         exchanged = memory_of(*pids) - before
-        for key, title, held in (("connected", "connected", connected),
+        for key, title, held in (("connected", "mailboxes connected", connected),
                                  ("exchanged", "after requests and answers", exchanged)):
             self.note(f"cost memory {key}", f"memory per client, both sides and kernel: {title}",
                       "KiB", held / (CLIENTS_IN_MEMORY - 1) / 1024)

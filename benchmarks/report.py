@@ -288,7 +288,8 @@ tables.
 With "1 core" client and server share a core, as in all fan-outs and when connecting. Round trips
 across two cores do not repeat on virtual machines and are no goal. Server CPU is that of all processes
 that serve: the daemon and the service of D-Bus, the server and the publisher of Redis. The board's
-thread is left out everywhere. Connecting includes the first request and its answer.
+thread is left out everywhere. Connecting lasts until the server's first answer: with tesk-server the
+confirmation of the connection, else the answer to a first request.
 
 Memory per client is the private and shared memory of both sides, their page tables, and the growth of
 the kernel's slabs, which other work of the machine changes, too.

@@ -15,6 +15,7 @@ class tesk_client : public client
   public:
     explicit tesk_client(waiting how) : link_(how)
     {
+        link_.connect();
     }
 
     void send(request_kind kind) override
@@ -26,6 +27,11 @@ class tesk_client : public client
     void receive() override
     {
         link_.receive();
+    }
+
+    /* The constructor has received the server's confirmation. */
+    void confirm() override
+    {
     }
 
   private:
@@ -42,6 +48,7 @@ static std::unique_ptr<client> connect(const std::string &, waiting how)
 static void subscribe(const std::string &, waiting how, receipts &record)
 {
     tesk_link link(how);
+    link.connect();
     for (uint32_t port = 0; port < event_ports; port++)
         link.subscribe_port_status(port);
     record.note_ready();

@@ -39,10 +39,9 @@ tesk_link::tesk_link(waiting how, int64_t patience_ns)
         usleep(100);
     if (server_ == MBX_NO_MAILBOX)
         fail(std::string("the server can't be reached: ") + std::strerror(errno));
-    establish();
 }
 
-void tesk_link::establish()
+void tesk_link::connect()
 {
     mbx_signal *signal =
         mbx_alloc(sizeof(tesk_conn_establish_req) + sizeof(uint32_t), TESK_CONN_ESTABLISH_REQ);

@@ -12,12 +12,15 @@ namespace bench
 class tesk_link
 {
   public:
-    /* Connects to the server; throws unless it is up within that time. */
+    /* Locates the server; throws unless it is up within that time. */
     explicit tesk_link(waiting how = waiting::in_epoll, int64_t patience_ns = 0);
     /* Deletes the mailbox, which ends the connection. */
     ~tesk_link();
     tesk_link(const tesk_link &) = delete;
     tesk_link &operator=(const tesk_link &) = delete;
+
+    /* Establishes the connection; everything below needs it. */
+    void connect();
 
     /* Sends any request but TESK_CONN_ESTABLISH_REQ; the port is used where the request has one. */
     void send(uint32_t number, uint32_t port = 0);
@@ -31,8 +34,6 @@ class tesk_link
     void subscribe_sfp_info(uint32_t port);
 
   private:
-    void establish();
-
     uint32_t own_ = MBX_NO_MAILBOX;
     uint32_t server_;
     uint32_t connection_ref_ = 0;
