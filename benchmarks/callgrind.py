@@ -48,8 +48,8 @@ def run_cases(program, *args):
 def count_instructions(program):
     """Instructions of each procedure, as a dictionary."""
     with tempfile.TemporaryDirectory(prefix="tesk-bench-") as folder:
-        # What jumps through the linker's table spends there would else be the caller's, also from
-        # before the count.
+        # Else the instructions of the linker's jump table would be counted as the caller's, including
+        # those before the count.
         command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={folder}/out.%p",
                    "--skip-plt=no", "--quiet", BIN / program]
         done = subprocess.run(command, capture_output=True, text=True, timeout=300,

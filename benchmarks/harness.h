@@ -45,7 +45,7 @@ constexpr size_t answer_size(request_kind kind)
 constexpr size_t event_size = 96;
 constexpr size_t largest_size = 128;
 
-/* Where a client waits for its next signal: in one blocking read or receive call, or in epoll_wait
+/* How a client waits for its next signal: in one blocking read or receive call, or in epoll_wait
    on the library's descriptor, followed by a read or receive that returns at once. A library that
    waits on threads of its own has one way only and ignores this. */
 enum class waiting { in_read, in_epoll };

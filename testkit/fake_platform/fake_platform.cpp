@@ -109,8 +109,7 @@ static std::vector<uint8_t> bytes_of(const mbx_signal *signal)
     return {bytes, bytes + mbx_size(signal)};
 }
 
-/* What holds for all traces: they are guarded by the mask and carry a source position and procInfo.
- */
+/* All traces are guarded by the mask and have a source position and procInfo. */
 static void check_trace(uint32_t group, const char *file, uint32_t line, const void *proc_info)
 {
     expect((procInfo[3] & 1u << group) != 0, "a trace of a group that is off");

@@ -64,7 +64,7 @@ extern std::vector<sent_signal> sent;
 /* The ticks that have been requested from the timer service. */
 extern std::vector<tick> ticks;
 
-/* Where set, it is called with the result of each operation on a port, and nothing is logged. */
+/* If set, it is called with the result of each operation on a port, and nothing is logged. */
 extern void (*observer)(const char *operation, uint32_t port_no, int32_t code);
 
 /* Resets everything to the state at process start; only the given groups are traced. */
@@ -89,7 +89,7 @@ void await_event_thread();
 void raise_event(const dolm_ric_event &event);
 void fail_wait(int32_t code);
 
-/* What dolm_ric_waitevent gives after dolm_ric_shutdown, before the shutdown event: an event of a
+/* The result of dolm_ric_waitevent after dolm_ric_shutdown, before the shutdown event: an event of a
    port, or a failure in place of the shutdown event. */
 extern std::vector<dolm_ric_event> last_events;
 extern int32_t last_wait;
