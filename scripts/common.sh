@@ -11,7 +11,10 @@ packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytes
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
               g++-s390x-linux-gnu prometheus prometheus-node-exporter chromium chromium-driver
-              python3-selenium)
+              python3-selenium relacy-dev)
+# For a real kernel in an emulated machine; the kernel itself is fetched and not installed.
+packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
+                 libssl3)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
                 libhiredis-dev libgrpc++-dev libprotobuf-dev protobuf-compiler-grpc protobuf-compiler
                 python3-redis python3-hiredis prometheus-node-exporter)

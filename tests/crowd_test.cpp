@@ -2,9 +2,9 @@
 /* Many clients, hostile peers and misbehaviour, in real processes: they cost a bounded amount and
    delay no other client. TESK_LONG=1 runs the counts that take minutes. */
 #include "platform/mbx/mbx.h"
-#include "platform/mbx/mbx_socket.h"
 #include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
+#include "testkit/raw_peer.h"
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -62,31 +62,25 @@ struct client : testkit::test_client {
     }
 };
 
-/* A peer that uses the server's socket without the mailbox library. */
-struct stranger {
-    owned_fd control{testkit::connect_to(std::string(getenv("MBX_DIR")) + "/tesk-server")};
-    datagram_pair pair = make_datagram_pair();
-    owned_fd tx; /* for signals to the server, after the greeting */
-
-    void greet()
+/* A peer that uses the server's socket without the mailbox library's rules. */
+struct stranger : raw_peer {
+    stranger() : raw_peer(std::string(getenv("MBX_DIR")) + "/tesk-server")
     {
-        send_greeting(control.get(), greeting_kind::hello, make_token(), pair.tx.get());
-        testkit::await(control.get(), "answer to the greeting");
-        tx = std::move(receive_greeting(control.get()).value().tx);
     }
     void send(std::vector<uint32_t> words)
     {
         for (size_t index = 1; index < words.size(); index++)
             words[index] = htonl(words[index]);
-        ::send(tx.get(), words.data(), 4 * words.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        send_signal(words.data(), static_cast<uint32_t>(4 * words.size()));
     }
     /* The third word of the next signal. */
     uint32_t receive()
     {
-        uint32_t words[128] = {};
-        testkit::await(pair.rx.get(), "signal");
-        recv(pair.rx.get(), words, sizeof(words), 0);
-        return ntohl(words[2]);
+        block *b = nullptr;
+        bool asks;
+        while (in.pop(b, asks) == record_receiver::outcome::nothing)
+            std::this_thread::yield();
+        return ntohl(reinterpret_cast<uint32_t *>(b->signal())[2]);
     }
 };
 
@@ -234,19 +228,16 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
     static constexpr std::pair<const char *, act> acts[] = {
         {"says nothing", [](stranger &) {}},
         {"talks nonsense", [](stranger &s) { ::send(s.control.get(), "hello", 5, 0); }},
-        {"passes no socket",
-         [](stranger &s) { send_greeting(s.control.get(), greeting_kind::hello, {1}, 0); }},
-        {"shuts its sending end", [](stranger &s) { s.greet(), shutdown(s.tx.get(), SHUT_RDWR); }},
-        {"re-connects it",
-         [](stranger &s) {
-             const sockaddr none = {};
-             s.greet(), connect(s.tx.get(), &none, sizeof(none));
-         }},
+        {"passes a descriptor", [](stranger &s) { s.pass({0}); }},
+        {"passes one later", [](stranger &s) { s.greet(), s.pass({0}); }},
+        {"rings without a signal", [](stranger &s) { s.greet(), s.ring(); }},
+        {"claims what can't be",
+         [](stranger &s) { s.greet(), s.to_mailbox().head = 13, s.ring(); }},
         {"shuts its socket", [](stranger &s) { s.greet(), shutdown(s.control.get(), SHUT_RDWR); }},
-        {"sends nothing at all", [](stranger &s) { s.greet(), ::send(s.tx.get(), "", 0, 0); }},
+        {"sends nothing at all", [](stranger &s) { s.greet(), s.send_signal("", 0); }},
         {"takes no answer",
          [](stranger &s) {
-             s.greet(), s.pair.rx.reset(), s.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
+             s.greet(), s.near_bell.reset(), s.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
          }},
         {"forges the exit signal", [](stranger &s) { s.greet(), s.send({TESK_EXIT_SIGNAL}); }},
         {"forges a death", [](stranger &s) { s.greet(), s.send({MBX_MONITOR_DEFAULT_NO}); }},

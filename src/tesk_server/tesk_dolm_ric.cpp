@@ -7,9 +7,8 @@
    share the handle, which is written before the thread exists, and the queue.
 
    The library's shutdown event ends the thread. A failed wait doesn't, as the failure may be
-   temporary. It is repeated after 5 ms, from the eleventh failure in a row on after pauses that
-   double up to 100 ms, by which an event can be late. While the server stops, however, a failed
-   wait ends the thread, as the join might otherwise never return. */
+   temporary: it is repeated after a pause. While the server stops, however, a failed wait ends the
+   thread, as the join might otherwise never return. */
 #include "tesk_server/tesk_dolm_ric_internal.h"
 #include "tesk_server/tesk_event_queue.h"
 

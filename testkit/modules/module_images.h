@@ -77,6 +77,7 @@ inline image sfp(uint8_t diagnostics_type = 0x68)
     a0[37] = 0x00, a0[38] = 0x90, a0[39] = 0x65;
     put_text(a0, 40, 16, "EX-10G");
     put_text(a0, 56, 4, "A");
+    a0[65] = 0x1a; /* it has the lines LOS, TX_FAULT and TX_DISABLE */
     put_text(a0, 68, 16, "0001");
     put_text(a0, 84, 8, "240115");
     a0[92] = diagnostics_type, a0[93] = 0xf0, a0[94] = 8;
@@ -130,6 +131,7 @@ inline image qsfp()
     a0[130] = 7, a0[131] = 0x80, a0[140] = 0xff, a0[192] = 0x03, a0[222] = 103;
     put_text(a0, 148, 16, "EXAMPLE");
     put_text(a0, 168, 16, "EX-100G");
+    put_text(a0, 184, 2, "A");
     put_text(a0, 196, 16, "Q001");
     put_text(a0, 212, 8, "240116");
     a0[220] = 0x0c;
@@ -155,6 +157,7 @@ inline image cmis()
     a0[86] = 0x4f, a0[90] = 0x51, a0[94] = 0xff;
     put_text(a0, 129, 16, "EXAMPLE");
     put_text(a0, 148, 16, "EX-800G");
+    put_text(a0, 164, 2, "A");
     put_text(a0, 166, 16, "C001");
     put_text(a0, 182, 8, "240117");
     a0[203] = 7, a0[212] = 6;

@@ -73,14 +73,17 @@ class Copy:
                                 CMAKE_C_COMPILER_LAUNCHER="ccache")
 
     def prepare(self):
-        shutil.rmtree(self.tree, ignore_errors=True)
-        self.tree.mkdir(parents=True)
         listed = subprocess.run(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
                                 cwd=ROOT, capture_output=True, text=True, check=True).stdout
         for name in filter(None, listed.split("\0")):
-            if (ROOT / name).is_file():
-                (self.tree / name).parent.mkdir(parents=True, exist_ok=True)
-                shutil.copy2(ROOT / name, self.tree / name)
+            source, copied = ROOT / name, self.tree / name
+            if not source.is_file():
+                continue
+            # A changed file gets the time of now, so that it is built again, and no other file does.
+            if not copied.exists() or copied.read_bytes() != source.read_bytes():
+                copied.parent.mkdir(parents=True, exist_ok=True)
+                shutil.copyfile(source, copied)
+                shutil.copymode(source, copied)
         self.run(["cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, "-DCMAKE_BUILD_TYPE=None",
                   "-DCMAKE_CXX_FLAGS=-O0"])
         self.run(["cmake", "--build", self.build, "--target", *self.targets()])

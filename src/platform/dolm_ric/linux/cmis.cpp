@@ -20,6 +20,11 @@ enum monitors : uint8_t {
     HAS_RX_POWER = 0x04,
 };
 
+/* Byte 151 of page 01h. */
+enum measurement_types : uint8_t {
+    AVERAGE_POWER = 0x10,
+};
+
 /* Where page 11h has a measurement's values, of 16 bits a lane, and its flags: four bytes, of one
    bit a lane, for high alarm, low alarm, high warning and low warning. */
 struct lane_fields {
@@ -239,7 +244,7 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
     }
     contents.diagnostics = diagnostics_state::available;
     contents.has_flags = !is_flat;
-    contents.has_average_power = true;
+    contents.has_average_power = features.was_read() && (features.u8(151) & AVERAGE_POWER) != 0;
     fill_state(state, contents);
     if (is_flat)
         return;

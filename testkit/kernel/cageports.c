@@ -1,0 +1,397 @@
+// SPDX-License-Identifier: GPL-2.0-only
+/*
+ * cageports - network ports with a cage for a module, in memory, for tests.
+ *
+ *   insmod cageports.ko ports=5 ioctl_only=1
+ *
+ * makes cage0 to cage4. The last `ioctl_only` ports offer their module's memory by the operations
+ * of older drivers only (get_module_info, get_module_eeprom), the others by page.
+ *
+ * debugfs, cageports/cageN:
+ *   a0, a2        the memory at I2C addresses 0x50 and 0x51: 128 lower bytes, then pages of 128
+ *   bank1..bank3  the pages of address 0x50 in that bank, laid out as in a0
+ *   present       0: reads fail with ENODEV
+ *   error         an errno: reads fail with it
+ *   delay_us      how long each byte takes to read
+ *   carrier       0 or 1
+ *   flap          N: the carrier falls and rises N times
+ *   speed, lanes  of the link
+ *   reads, bytes  what was read so far; can be written
+ *   reading       1 while a read goes on
+ *
+ * debugfs, cageports/no_netlink: 1: the kernel says that it has no generic netlink families, as one
+ * that is too old to read modules by netlink.
+ */
+#include <linux/debugfs.h>
+#include <linux/delay.h>
+#include <linux/etherdevice.h>
+#include <linux/ethtool.h>
+#include <linux/kprobes.h>
+#include <linux/module.h>
+#include <linux/netdevice.h>
+#include <linux/rtnetlink.h>
+#include <linux/vmalloc.h>
+
+#define PAGE_LENGTH 128
+#define MEMORY_LENGTH (PAGE_LENGTH * 257)
+#define MAX_PORTS 512
+
+enum { A0, A2, BANK1, BANK2, BANK3, MEMORIES };
+
+static unsigned int ports = 4;
+module_param(ports, uint, 0444);
+static unsigned int ioctl_only = 1;
+module_param(ioctl_only, uint, 0444);
+
+struct cage {
+	struct net_device *dev;
+	unsigned int number;
+	u8 *memory[MEMORIES];
+	u32 present, error, delay_us, speed, lanes, reads, bytes, reading;
+};
+
+static struct cage **cages;
+static struct dentry *root;
+static u32 no_netlink;
+
+static struct cage *cage_of(struct net_device *dev)
+{
+	return *(struct cage **)netdev_priv(dev);
+}
+
+static int module_state(const struct cage *c)
+{
+	if (!READ_ONCE(c->present))
+		return -ENODEV;
+	return -(int)READ_ONCE(c->error);
+}
+
+static int read_memory(struct cage *c, int memory, u32 at, u32 length, u8 *to)
+{
+	u32 left;
+	int r = module_state(c);
+
+	if (r)
+		return r;
+	if (at + length > MEMORY_LENGTH)
+		return -EINVAL;
+	WRITE_ONCE(c->reading, 1);
+	for (left = length * READ_ONCE(c->delay_us); left; left -= min(left, 10000U))
+		usleep_range(min(left, 10000U), min(left, 10000U) + 20);
+	memcpy(to, c->memory[memory] + at, length);
+	c->reads++;
+	c->bytes += length;
+	WRITE_ONCE(c->reading, 0);
+	return module_state(c);
+}
+
+static int get_module_eeprom_by_page(struct net_device *dev, const struct ethtool_module_eeprom *p,
+				     struct netlink_ext_ack *extack)
+{
+	u32 at = p->offset < PAGE_LENGTH ? p->offset : PAGE_LENGTH * p->page + p->offset;
+	int memory, r;
+
+	if (p->i2c_address == 0x50 && p->bank <= BANK3 - A2)
+		memory = p->bank ? A2 + p->bank : A0;
+	else if (p->i2c_address == 0x51 && !p->bank)
+		memory = A2;
+	else
+		return -EINVAL;
+	r = read_memory(cage_of(dev), memory, at, p->length, p->data);
+	return r ? r : p->length;
+}
+
+static bool is_sfp(const struct cage *c)
+{
+	u8 identifier = c->memory[A0][0];
+
+	return identifier == 0x02 || identifier == 0x03 || identifier == 0x0b;
+}
+
+static int get_module_info(struct net_device *dev, struct ethtool_modinfo *m)
+{
+	const struct cage *c = cage_of(dev);
+	const u8 *a0 = c->memory[A0];
+
+	if (!is_sfp(c)) {
+		m->type = a0[0] == 0x11 ? ETH_MODULE_SFF_8636 : ETH_MODULE_SFF_8436;
+		m->eeprom_len = ETH_MODULE_SFF_8636_MAX_LEN;
+	} else if (a0[94] && !(a0[92] & 0x04)) {
+		m->type = ETH_MODULE_SFF_8472;
+		m->eeprom_len = ETH_MODULE_SFF_8472_LEN;
+	} else {
+		m->type = ETH_MODULE_SFF_8079;
+		m->eeprom_len = ETH_MODULE_SFF_8079_LEN;
+	}
+	return module_state(c);
+}
+
+/* One row of bytes: an SFP module's two memories, or the lower memory and the pages. */
+static int get_module_eeprom(struct net_device *dev, struct ethtool_eeprom *e, u8 *to)
+{
+	struct cage *c = cage_of(dev);
+	u32 first = e->len;
+	int r;
+
+	if (!is_sfp(c))
+		return read_memory(c, A0, e->offset, e->len, to);
+	if (e->offset >= 256)
+		return read_memory(c, A2, e->offset - 256, e->len, to);
+	if (e->offset + e->len > 256)
+		first = 256 - e->offset;
+	r = read_memory(c, A0, e->offset, first, to);
+	if (r || first == e->len)
+		return r;
+	return read_memory(c, A2, 0, e->len - first, to + first);
+}
+
+static int get_link_ksettings(struct net_device *dev, struct ethtool_link_ksettings *k)
+{
+	const struct cage *c = cage_of(dev);
+	bool is_up = netif_carrier_ok(dev);
+
+	k->base.speed = is_up ? c->speed : SPEED_UNKNOWN;
+	k->base.duplex = is_up ? DUPLEX_FULL : DUPLEX_UNKNOWN;
+	k->base.port = PORT_FIBRE;
+	k->base.autoneg = AUTONEG_DISABLE;
+	k->lanes = c->lanes;
+	return 0;
+}
+
+static const struct ethtool_ops ops_by_page = {
+	.cap_link_lanes_supported = true,
+	.get_link = ethtool_op_get_link,
+	.get_link_ksettings = get_link_ksettings,
+	.get_module_eeprom_by_page = get_module_eeprom_by_page,
+};
+
+static const struct ethtool_ops ops_by_ioctl = {
+	.get_link = ethtool_op_get_link,
+	.get_link_ksettings = get_link_ksettings,
+	.get_module_info = get_module_info,
+	.get_module_eeprom = get_module_eeprom,
+};
+
+static netdev_tx_t start_xmit(struct sk_buff *skb, struct net_device *dev)
+{
+	dev_kfree_skb(skb);
+	return NETDEV_TX_OK;
+}
+
+static int get_phys_port_name(struct net_device *dev, char *name, size_t length)
+{
+	snprintf(name, length, "p%u", cage_of(dev)->number + 1);
+	return 0;
+}
+
+static const struct net_device_ops netdev_ops = {
+	.ndo_start_xmit = start_xmit,
+	.ndo_get_phys_port_name = get_phys_port_name,
+};
+
+static ssize_t memory_read(struct file *f, char __user *to, size_t n, loff_t *at)
+{
+	return simple_read_from_buffer(to, n, at, f->private_data, MEMORY_LENGTH);
+}
+
+/* What is written from the start on is the whole memory, with zeros behind it. */
+static ssize_t memory_write(struct file *f, const char __user *from, size_t n, loff_t *at)
+{
+	if (*at == 0)
+		memset(f->private_data, 0, MEMORY_LENGTH);
+	return simple_write_to_buffer(f->private_data, MEMORY_LENGTH, at, from, n);
+}
+
+static const struct file_operations memory_fops = {
+	.owner = THIS_MODULE,
+	.open = simple_open,
+	.read = memory_read,
+	.write = memory_write,
+	.llseek = default_llseek,
+};
+
+static int carrier_set(void *data, u64 value)
+{
+	struct cage *c = data;
+
+	rtnl_lock();
+	if (value)
+		netif_carrier_on(c->dev);
+	else
+		netif_carrier_off(c->dev);
+	rtnl_unlock();
+	return 0;
+}
+
+static int carrier_get(void *data, u64 *value)
+{
+	*value = netif_carrier_ok(((struct cage *)data)->dev);
+	return 0;
+}
+DEFINE_DEBUGFS_ATTRIBUTE(carrier_fops, carrier_get, carrier_set, "%llu\n");
+
+static int flap_set(void *data, u64 value)
+{
+	struct cage *c = data;
+
+	while (value--) {
+		netif_carrier_off(c->dev);
+		netif_carrier_on(c->dev);
+		cond_resched();
+	}
+	return 0;
+}
+DEFINE_DEBUGFS_ATTRIBUTE(flap_fops, NULL, flap_set, "%llu\n");
+
+static void cage_show(struct cage *c)
+{
+	static const char *const memories[] = { "a0", "a2", "bank1", "bank2", "bank3" };
+	const struct {
+		const char *name;
+		u32 *value;
+	} numbers[] = {
+		{ "present", &c->present }, { "error", &c->error },   { "delay_us", &c->delay_us },
+		{ "speed", &c->speed },	    { "lanes", &c->lanes },   { "reads", &c->reads },
+		{ "bytes", &c->bytes },	    { "reading", &c->reading },
+	};
+	struct dentry *dir = debugfs_create_dir(c->dev->name, root);
+	int i;
+
+	for (i = 0; i < MEMORIES; i++)
+		debugfs_create_file(memories[i], 0600, dir, c->memory[i], &memory_fops);
+	for (i = 0; i < ARRAY_SIZE(numbers); i++)
+		debugfs_create_u32(numbers[i].name, 0600, dir, numbers[i].value);
+	debugfs_create_file("carrier", 0600, dir, c, &carrier_fops);
+	debugfs_create_file("flap", 0200, dir, c, &flap_fops);
+}
+
+static void cage_free(struct cage *c)
+{
+	int i;
+
+	if (!c)
+		return;
+	if (c->dev) {
+		unregister_netdev(c->dev);
+		free_netdev(c->dev);
+	}
+	for (i = 0; i < MEMORIES; i++)
+		vfree(c->memory[i]);
+	kfree(c);
+}
+
+static struct net_device *netdev_make(struct cage *c)
+{
+	struct net_device *dev = alloc_etherdev(sizeof(c));
+
+	if (!dev)
+		return NULL;
+	*(struct cage **)netdev_priv(dev) = c;
+	snprintf(dev->name, IFNAMSIZ, "cage%u", c->number);
+	dev->netdev_ops = &netdev_ops;
+	dev->ethtool_ops = c->number < ports - ioctl_only ? &ops_by_page : &ops_by_ioctl;
+	eth_hw_addr_random(dev);
+	netif_carrier_off(dev);
+	if (register_netdev(dev)) {
+		free_netdev(dev);
+		return NULL;
+	}
+	return dev;
+}
+
+static struct cage *cage_make(unsigned int number)
+{
+	struct cage *c = kzalloc(sizeof(*c), GFP_KERNEL);
+	int i;
+
+	if (!c)
+		return NULL;
+	c->number = number;
+	c->speed = SPEED_10000;
+	c->lanes = 1;
+	for (i = 0; i < MEMORIES; i++) {
+		c->memory[i] = vzalloc(MEMORY_LENGTH);
+		if (!c->memory[i])
+			goto failed;
+	}
+	c->dev = netdev_make(c);
+	if (!c->dev)
+		goto failed;
+	cage_show(c);
+	return c;
+
+failed:
+	cage_free(c);
+	return NULL;
+}
+
+static int no_family(struct sk_buff *skb, struct genl_info *info)
+{
+	return -ENOENT;
+}
+
+/* Runs instead of the function that looks for a family, with the same arguments. */
+static int replace_ctrl_getfamily(struct kprobe *probe, struct pt_regs *regs)
+{
+	if (!READ_ONCE(no_netlink))
+		return 0;
+	instruction_pointer_set(regs, (unsigned long)no_family);
+	return 1;
+}
+
+/* A probe with one may change where the processor goes on. */
+static void after_ctrl_getfamily(struct kprobe *probe, struct pt_regs *regs, unsigned long flags)
+{
+}
+
+static struct kprobe getfamily_probe = {
+	.symbol_name = "ctrl_getfamily",
+	.pre_handler = replace_ctrl_getfamily,
+	.post_handler = after_ctrl_getfamily,
+};
+
+static void cages_free(void)
+{
+	unsigned int i;
+
+	debugfs_remove(root);
+	for (i = 0; i < ports; i++)
+		cage_free(cages[i]);
+	kfree(cages);
+}
+
+static int __init cageports_init(void)
+{
+	unsigned int i;
+	int r;
+
+	if (ports < 1 || ports > MAX_PORTS || ioctl_only > ports)
+		return -EINVAL;
+	cages = kcalloc(ports, sizeof(*cages), GFP_KERNEL);
+	if (!cages)
+		return -ENOMEM;
+	root = debugfs_create_dir("cageports", NULL);
+	debugfs_create_u32("no_netlink", 0600, root, &no_netlink);
+	for (i = 0; i < ports; i++) {
+		cages[i] = cage_make(i);
+		if (!cages[i]) {
+			cages_free();
+			return -ENOMEM;
+		}
+	}
+	r = register_kprobe(&getfamily_probe);
+	if (r)
+		cages_free();
+	return r;
+}
+
+static void __exit cageports_exit(void)
+{
+	unregister_kprobe(&getfamily_probe);
+	cages_free();
+}
+
+module_init(cageports_init);
+module_exit(cageports_exit);
+MODULE_LICENSE("GPL");
+MODULE_DESCRIPTION("Network ports with a cage, in memory");

@@ -1,0 +1,340 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck disable=SC2086,SC2317 # no path here has a blank; functions are called by name
+# The part of kernel_test.sh that runs inside the emulated machine: the server as it ships, the reader
+# and teskctl as users of their own, on ports that the kernel has. Each line of the result is "ok" or
+# "FAILED"; the status is the number of failures, 99 at most.
+server_user=900 reader_user=901
+socket=/run/tesk-module-reader/socket
+cages=/sys/kernel/debug/cageports sfps=/sys/kernel/debug/cagesfp
+failures=0
+export MBX_DIR=/run/mbx
+
+as() { # USER CAPABILITIES COMMAND..
+    user=$1 capabilities=$2
+    shift 2
+    /bin/setpriv --reuid "$user" --regid "$user" --clear-groups --bounding-set "-all$capabilities" \
+        --inh-caps "-all$capabilities" --ambient-caps "-all$capabilities" "$@"
+}
+
+check() { # NAME COMMAND..
+    name=$1
+    shift
+    if "$@" >/tmp/check 2>&1; then
+        echo "ok $name"
+    else
+        failures=$((failures + 1))
+        echo "FAILED $name: $*"
+        cat /tmp/check
+    fi
+}
+
+# Until the command succeeds, for 20 s.
+await() {
+    end=$(($(cut -d . -f 1 /proc/uptime) + 20))
+    until "$@" >/tmp/await 2>&1; do
+        if [ "$(cut -d . -f 1 /proc/uptime)" -ge $end ]; then
+            cat /tmp/await
+            return 1
+        fi
+        usleep 20000
+    done
+}
+
+says() { # TEXT COMMAND..: the command's output has the text
+    text=$1
+    shift
+    output=$("$@" 2>&1)
+    case $output in
+    *"$text"*) true ;;
+    *)
+        echo "no $text in: $output"
+        false
+        ;;
+    esac
+}
+
+set_cage() { echo "$3" >"$cages/cage$1/$2"; } # NUMBER WHAT VALUE
+set_sfp() { echo "$3" >"$sfps/sfp$1/$2"; }
+
+put() { # FOLDER IMAGE
+    for memory in a0 a2 bank1; do
+        [ ! -f "/t/images/$2.$memory" ] || cat "/t/images/$2.$memory" >"$1/$memory"
+    done
+}
+
+shows_serial() { says "\"serial\":\"$2\"" teskctl --json sfp "$1"; } # PORT SERIAL
+shows_link() { says "\"link\":\"$2\"" teskctl --json status "$1"; }  # PORT STATE
+shows_none() { says '"module":"not present"' teskctl --json sfp "$1"; }
+
+# The reader ends with its last client; what systemd does with tesk-module-reader.socket.
+serve_reader() { # CAPABILITIES
+    while :; do
+        rm -f $socket
+        systemd-socket-activate --seqpacket -l $socket /bin/setpriv --reuid $reader_user \
+            --regid $reader_user --clear-groups --bounding-set "-all$1" --inh-caps "-all$1" \
+            --ambient-caps "-all$1" tesk-module-reader 2>>/run/reader.log
+    done
+}
+
+start_reader() { # CAPABILITIES
+    serve_reader "$1" &
+    reader_loop=$!
+    until [ -S $socket ]; do usleep 10000; done
+    chown $server_user $socket
+}
+
+stop_reader() {
+    kill $reader_loop
+    killall systemd-socket-activate tesk-module-reader 2>/dev/null
+    wait $reader_loop 2>/dev/null
+    rm -f $socket
+}
+
+start_server() {
+    as $server_user "" tesk-server 2>/run/server.log &
+    server_shell=$!
+    await teskctl --timeout 1 ping -c 1 || {
+        echo "FAILED the server starts"
+        cat /run/server.log
+        exit 99
+    }
+    server=$(pidof tesk-server)
+}
+
+begin() {
+    cd /modules || exit 1
+    insmod cageports.ko ports=5 ioctl_only=1
+    for module in i2c-dev libphy phylink mdio-i2c cagesfp sfp; do
+        insmod $module.ko || exit 1
+    done
+    bus=$(cat $sfps/sfp1/bus)
+    mkdir -p /etc/tesk /run/mbx /run/dolm_ric /run/tesk-module-reader
+    chown $server_user /run/mbx /run/dolm_ric
+    chown $reader_user "/dev/i2c-$bus"
+    cat >/etc/tesk/ports <<END
+0 cage0
+1 cage1
+2 cage2
+3 sfp0
+4 sfp1 i2c=$bus
+5 cage4
+6 cage3 # slow
+7 elsewhere
+END
+    for port in cage0 cage1 cage2 cage3 cage4 sfp0 sfp1; do ip link set $port up; done
+    for port in 0 3; do
+        put $cages/cage$port made-sfp
+        set_cage $port present 1
+        set_cage $port carrier 1
+    done
+    for port in 0 1; do
+        put $sfps/sfp$port made-sfp
+        set_sfp $port present 1
+    done
+    await grep -q 1 /sys/class/net/sfp0/carrier
+}
+
+modules_come_and_go() {
+    teskctl --json watch --sfp 0-5 >/run/watched 2>&1 &
+    watcher=$!
+    for port in 0 3 4; do check "port $port has its module" await shows_serial $port 0001; done
+    check "an empty cage is empty" shows_none 1
+    put $cages/cage1 made-sfp
+    set_cage 1 present 1
+    check "an insertion is seen" await shows_serial 1 0001
+    check "and is in the history" await says '"port":1,"presence":"present and ready"' teskctl --json history sfp
+    for port in 0 3 4; do
+        check "port $port's module was there, not inserted" \
+            says 0 sh -c "teskctl --json history sfp | grep -c '\"port\":$port,'"
+    done
+
+    : >/run/watched
+    set_cage 0 present 0
+    put $cages/cage0 made-other-sfp
+    set_cage 0 present 1
+    check "a swap between two polls is seen" await shows_serial 0 0002
+    check "as a removal and an insertion" await swap_was_told
+    set_cage 1 present 0
+    check "a removal is seen" await shows_none 1
+    kill $watcher
+}
+
+swap_was_told() {
+    [ "$(grep '"port":0' /run/watched | sed 's/.*"module":"\([^"]*\)".*"serial":\([^,]*\),.*/\1 \2/' |
+        tr '\n' ,)" = 'not present "",optical "0002",' ] || { cat /run/watched; false; }
+}
+
+sfp_driver_is_followed() {
+    check "the kernel's sfp driver raises the link" await shows_link 3 operational
+    set_sfp 0 los 1
+    check "LOS takes the link down" await shows_link 3 "not operational"
+    set_sfp 0 los 0
+    check "and back" await shows_link 3 operational
+    set_sfp 0 nak 1
+    check "a module that answers nothing is no module" await shows_none 3
+    set_sfp 0 nak 0
+    check "until it answers" await shows_serial 3 0001
+    set_sfp 0 present 0
+    check "a removal takes the link down" await shows_link 3 "not operational"
+    check "and the module" await shows_none 3
+    set_sfp 0 present 1
+    check "all is back" await shows_serial 3 0001
+    ip link set sfp0 down
+    check "a port that was stopped is down" await shows_link 3 "not operational"
+    ip link set sfp0 up
+    check "and is started again" await shows_link 3 operational
+}
+
+# The answer has come while one and the same reading of the slow module went on.
+answers_meanwhile() { # COMMAND..
+    until grep -q 1 $cages/cage3/reading; do usleep 1000; done
+    before=$(cat $cages/cage3/reads)
+    "$@" && [ "$(cat $cages/cage3/reads)" = "$before" ] && grep -q 1 $cages/cage3/reading
+}
+
+nobody_waits_for_a_bus() {
+    check "the slow port has its module" await shows_serial 6 0001
+    set_cage 3 delay_us 40000 # 1.28 s for 32 bytes
+    for command in "pm 6" "pm 0" "status 0" "sfp 0"; do
+        check "teskctl $command meanwhile" await answers_meanwhile teskctl $command
+    done
+    set_cage 0 present 0
+    check "another port's removal is seen" await shows_none 0
+    set_cage 0 present 1
+    set_cage 3 delay_us 0
+
+    set_sfp 0 khz 100
+    before=$(cat $sfps/sfp0/bytes)
+    check "a bus of 100 kHz gives values" await says 25.7 teskctl pm 3
+    check "which are read again and again" await bytes_were_read "$before"
+    set_sfp 0 khz 0
+}
+
+bytes_were_read() { [ "$(cat $sfps/sfp0/bytes)" -gt $(($1 + 100)) ]; }
+
+errors_stay_where_they_are() {
+    check "port 0 has its module" await shows_serial 0 0002
+    set_cage 0 error 5
+    check "a module that can't be read goes" await shows_none 0
+    check "port 3 has its values" says 25.7 teskctl pm 3
+    set_cage 0 error 0 # and read again within a minute
+}
+
+comes_back() { await shows_serial 0 0002 || await shows_serial 0 0002 || await shows_serial 0 0002; }
+
+falls() { teskctl --json history status | grep -c "\"port\":$1,\"state\":\"down\""; }
+
+falls_are() { says "$2" falls "$1"; }
+
+flaps_are_counted() {
+    teskctl --json watch --status 0-2 >/dev/null 2>&1 &
+    watcher=$!
+    check "port 0 is up" await shows_link 0 operational
+    before=$(falls 0)
+    set_cage 0 flap 3
+    check "three flaps in one message are three" await falls_are 0 $((before + 3))
+    set_cage 0 flap 100000
+    set_cage 0 carrier 0
+    check "after 100000 more the link is down" await shows_link 0 "not operational"
+    check "and the kernel has seen them all" says 100004 cat /sys/class/net/cage0/carrier_down_count
+    set_cage 0 carrier 1
+    check "and up again" await shows_link 0 operational
+    kill $watcher
+}
+
+reader_is_confined() {
+    process=$(pidof tesk-module-reader)
+    for line in "Uid:	$reader_user" "CapPrm:	0000000000001000" "CapEff:	0000000000001000" \
+        "CapInh:	0000000000000000" "CapAmb:	0000000000000000" "CapBnd:	0000000000001000" \
+        "NoNewPrivs:	1" "Seccomp:	2"; do
+        check "the reader has $line" says "$line" cat "/proc/$process/status"
+    done
+    check "the server has no right" says "CapEff:	0000000000000000" cat /proc/$server/status
+    check "the server is no root" says "Uid:	$server_user" cat /proc/$server/status
+    ethtool -m cage0 >/tmp/ethtool
+    check "the user of the server may ask" as $server_user "" compare_module made-other-sfp 0 \
+        </tmp/ethtool
+    check "no other user may" not as 902 "" compare_module made-other-sfp 0 </tmp/ethtool
+}
+
+not() { ! "$@"; }
+
+compare() { # INTERFACE IMAGE PORT..
+    ethtool -m "$1" >/tmp/ethtool || return 1
+    shift
+    as $server_user "" compare_module "$@" </tmp/ethtool
+}
+
+# Ports 2 and 5 have the same module, the one by page, the other by the operations of older drivers,
+# which reach no pages beyond 3.
+compare_image() { # IMAGE
+    put $cages/cage2 "$1"
+    put $cages/cage4 "$1"
+    case $(hexdump -n 1 -e '"%02x"' $cages/cage2/a0) in
+    18 | 19 | 1e) check "$1" compare cage2 "$1" 2 ;;
+    *) check "$1" compare cage2 "$1" 2 5 ;;
+    esac
+    cat /tmp/check
+}
+
+# It has asked the kernel what it can do, and confined itself.
+reader_is_ready() { grep -q "Seccomp:	2" "/proc/$(pidof tesk-module-reader)/status"; }
+
+compare_with_ethtool() {
+    set_cage 2 present 1
+    set_cage 4 present 1
+    for image in /t/images/*.a0; do
+        image=${image##*/}
+        compare_image "${image%.a0}"
+    done
+    check "beside the sfp driver, by i2c-dev" compare sfp1 made-sfp 4
+
+    # A kernel that can't read modules by netlink: the reader turns to the ioctl.
+    echo 1 >$cages/no_netlink
+    stop_reader
+    start_reader ,+net_admin
+    check "a reader on an older kernel" await reader_is_ready
+    echo 0 >$cages/no_netlink
+    for image in made-sfp made-external made-qsfp; do
+        put $cages/cage4 $image
+        check "$image, by the ioctl" compare cage4 $image 5
+    done
+    check "nothing was left out" says "port 5: 95 lines of ours, 95 of ethtool" \
+        compare cage4 made-qsfp 5
+}
+
+without_the_right() {
+    stop_reader
+    start_reader ""
+    check "the lack of the right is said" await grep -q "lacks CAP_NET_ADMIN" /run/server.log
+    set_cage 0 carrier 0
+    check "links go on" await shows_link 0 "not operational"
+    set_cage 0 carrier 1
+    check "up as well" await shows_link 0 operational
+    check "it is said once" says 1 grep -c CAP_NET_ADMIN /run/server.log
+    stop_reader
+    start_reader ,+net_admin
+    check "with the right modules are read again" await grep -q "read again" /run/server.log
+}
+
+begin
+start_reader ,+net_admin
+start_server
+check "a port map is there" says "6	cage3" cat /run/dolm_ric/ports
+modules_come_and_go
+sfp_driver_is_followed
+nobody_waits_for_a_bus
+errors_stay_where_they_are
+flaps_are_counted
+reader_is_confined
+compare_with_ethtool
+without_the_right
+check "a module that failed again and again comes back" comes_back
+kill $server
+check "the server ends in order" wait $server_shell
+echo "the server said:"
+cat /run/server.log
+cat /run/reader.log
+[ $failures -lt 99 ] || failures=99
+exit $failures
