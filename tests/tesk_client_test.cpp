@@ -23,7 +23,8 @@ static const uint32_t own_ref = static_cast<uint32_t>(getpid());
 
 static thread_local long allocations_left = -1; // no limit
 
-void *operator new(size_t size)
+/* Not inlined: g++ would take the pair of malloc and free in one function for a mismatch. */
+[[gnu::noinline]] void *operator new(size_t size)
 {
     if (allocations_left == 0)
         throw std::bad_alloc();

@@ -153,13 +153,13 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
     struct without_##order : ring_orders {                                                         \
         static constexpr auto order = std::memory_order_relaxed;                                   \
     }
-static WEAKENED(publish);
-static WEAKENED(find);
-static WEAKENED(release);
-static WEAKENED(reuse);
-static WEAKENED(before_armed);
-static WEAKENED(before_resting);
-static WEAKENED(before_waiting);
+WEAKENED(publish);
+WEAKENED(find);
+WEAKENED(release);
+WEAKENED(reuse);
+WEAKENED(before_armed);
+WEAKENED(before_resting);
+WEAKENED(before_waiting);
 
 template <typename orders>
 static bool is_right()
