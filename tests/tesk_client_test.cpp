@@ -31,7 +31,6 @@ static thread_local long allocations_left = -1; // no limit
     allocations_left -= allocations_left > 0;
     return std::malloc(size);
 }
-// Not inlined: the compiler would see a call of free() for a block of operator new.
 [[gnu::noinline]] void operator delete(void *block) noexcept
 {
     std::free(block);
