@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Crowds, strangers and misbehaviour, in real processes: what they may cost and whom they may not
-   hold up. TESK_LONG=1 runs the counts that take minutes. */
+/* Many clients, hostile peers and misbehaviour, in real processes: they cost a bounded amount and
+   delay no other client. TESK_LONG=1 runs the counts that take minutes. */
 #include "platform/mbx/mbx.h"
 #include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
@@ -62,7 +62,7 @@ struct client : testkit::test_client {
     }
 };
 
-/* Somebody who speaks to the server's socket without our library's rules. */
+/* A peer that uses the server's socket without the mailbox library's rules. */
 struct stranger : raw_peer {
     stranger() : raw_peer(std::string(getenv("MBX_DIR")) + "/tesk-server")
     {
@@ -102,8 +102,8 @@ class crowd : public testing::Test
         testkit::board("set 0-15 link=up inserted=yes ready=yes readable=yes connector=lc");
     }
 
-    /* The board is as if nobody had ever subscribed, and there are no more descriptors than before
-       (fewer, when those who looked for the server were not forgotten yet). */
+    /* The board has no subscriptions, and there are at most as many descriptors as before (fewer if
+       the server had not yet removed processes that located it). */
     static void expect_nothing_left(const testkit::server &server, size_t descriptors)
     {
         testkit::board("wait unsubscribed 0-15 port");
@@ -112,7 +112,7 @@ class crowd : public testing::Test
     }
 };
 
-TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
+TEST_F(crowd, a_thousand_clients_receive_indications_and_leave_nothing_behind)
 {
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -148,7 +148,7 @@ TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
     printf("%ld KiB resident and %zu descriptors with all clients\n", memory, used);
 }
 
-TEST_F(crowd, clients_that_die_anywhere_leave_nothing_behind)
+TEST_F(crowd, clients_that_die_at_any_moment_leave_nothing_behind)
 {
     testkit::server server;
     const size_t descriptors = testkit::descriptors_of(server.pid);
@@ -180,9 +180,9 @@ TEST_F(crowd, clients_that_die_anywhere_leave_nothing_behind)
     EXPECT_EQ(server.stop(), 0);
 }
 
-/* One never reads and fills what may wait for him; another is stopped for as long, but has fewer
-   subscriptions; a third is told everything at once all the while. */
-TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
+/* One client never reads and fills its backlog; another is stopped for as long, but has fewer
+   subscriptions; a third receives all its indications at once meanwhile. */
+TEST_F(crowd, a_client_that_never_reads_is_disconnected_and_a_stopped_one_misses_nothing)
 {
     testkit::server server(traced("1,4"));
     equip_ports();
@@ -209,7 +209,7 @@ TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
         const char *state = flaps % 2 == 0 ? "no" : "yes";
         testkit::board(std::string("set 0-15 inserted=") + state + " ready=" + state);
         expect_flap(other, flaps++);
-        ASSERT_LT(flaps, 3000) << "he is not given up";
+        ASSERT_LT(flaps, 3000) << "it is not disconnected";
     }
     testkit::board("wait unsubscribed 0-15 link");
     const long cost = testkit::status_of(server.pid, "VmHWM") - before;
@@ -219,10 +219,10 @@ TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
         expect_flap(stopped, flap);
     EXPECT_TRUE(stopped.is_answered());
     EXPECT_EQ(server.stop(), 0);
-    printf("given up after %d signals; both cost %ld KiB\n", flaps * 32, cost);
+    printf("disconnected after %d signals; both cost %ld KiB\n", flaps * 32, cost);
 }
 
-TEST_F(crowd, a_stranger_harms_nobody)
+TEST_F(crowd, a_hostile_peer_affects_no_client)
 {
     using act = void (*)(stranger &);
     static constexpr std::pair<const char *, act> acts[] = {
@@ -254,7 +254,7 @@ TEST_F(crowd, a_stranger_harms_nobody)
                 perform(*all.back());
                 ASSERT_TRUE(witness.is_answered()) << "a stranger that " << what;
             }
-        for (int index = 0; index < 3; index++) /* those who said nothing are shown out */
+        for (int index = 0; index < 3; index++) /* silent peers are disconnected */
             testkit::await(all[static_cast<size_t>(index)]->control.get(), "end of a silent one");
     }
     expect_nothing_left(server, descriptors);
@@ -281,7 +281,7 @@ TEST_F(crowd, a_million_unknown_signals_cost_nothing)
     printf("%u unknown signals in %.1f s, at a cost of %ld KiB\n", number, took.count(), cost);
 }
 
-TEST_F(crowd, without_descriptors_the_clients_there_are_go_on)
+TEST_F(crowd, without_descriptors_connected_clients_are_served)
 {
     constexpr long probe_ms = 2000;
     const auto probe = [] {
@@ -321,7 +321,7 @@ TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
     for (client *one : {&first, &second})
         EXPECT_EQ(one->receive().number(), MBX_MONITOR_DEFAULT_NO);
     server = std::make_unique<testkit::server>();
-    first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to nobody */
+    first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to a dead server */
     client third;
     EXPECT_EQ(third.id, 0u);
     EXPECT_TRUE(third.is_answered());
@@ -329,7 +329,7 @@ TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
     EXPECT_EQ(server->stop(), 0);
 }
 
-TEST_F(crowd, of_servers_started_together_one_stays)
+TEST_F(crowd, of_servers_started_together_one_runs)
 {
     for (int round = 0; round < 10; round++) {
         const pid_t servers[] = {testkit::start({executable}), testkit::start({executable})};
@@ -348,7 +348,7 @@ TEST_F(crowd, of_servers_started_together_one_stays)
     }
 }
 
-TEST_F(crowd, a_directory_that_is_full_read_only_or_gone_is_told)
+TEST_F(crowd, a_directory_that_is_full_read_only_or_missing_ends_the_start)
 {
     const std::string output = directory.path + "/output";
     const auto expect_refusal = [&] {
@@ -383,8 +383,9 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_gone_is_told)
     EXPECT_EQ(testkit::server().stop(), 0);
 }
 
-/* Signals wait from everybody when the server goes on: how often was each handled before ours? */
-TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_end)
+/* All peers have a backlog when the server continues: counts the signals of each that are handled
+   before the request. */
+TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_server_stops)
 {
     for (const size_t neighbours : {8u, 90u}) {
         testkit::server server(traced("4,17,18"));
@@ -418,12 +419,13 @@ TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_en
         const duration<double, std::milli> took = steady_clock::now() - began;
         EXPECT_LT(took, seconds(count_of(5, 1))); /* a machine of any speed runs the usual one */
         testkit::await_line(traces, "TESK server terminated", seen);
-        printf("of %zu neighbours %.1f had their turn before ours; ended within %.0f ms\n",
+        printf("of %zu neighbours %.1f had a signal handled before the request; ended within %.0f "
+               "ms\n",
                neighbours, static_cast<double>(turns) / 20, took.count());
     }
 }
 
-TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
+TEST_F(crowd, stop_signals_on_both_threads_shut_it_down_cleanly)
 {
     for (int run = count_of(15, 200); run > 0 && !HasFailure(); run--) {
         testkit::server server(traced("1,4"));
@@ -446,7 +448,7 @@ TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
     }
 }
 
-/* What a process of another user may do, by hand: nothing. */
+/* Tries, as a process of another user, each way in: none may succeed. */
 static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t server)
 {
     const std::string socket = names + "/tesk-server";
@@ -467,7 +469,7 @@ static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t
     return testkit::wait_for_end(child) == 0;
 }
 
-TEST_F(crowd, who_is_not_in_the_group_is_kept_out)
+TEST_F(crowd, a_user_outside_the_group_is_kept_out)
 {
     constexpr uid_t user = 54321;
     constexpr gid_t group = 54322;

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# The Debian packages in a root of their own, which has nothing but the base system: installed, used,
-# killed and started again, replaced by another board's, purged. Needs root and Debian's mirror;
-# nothing is mounted.
+# The Debian packages in a root of their own with the base system only: installed, used, killed and
+# restarted, replaced by another board's, purged. Needs root and Debian's mirror; mounts nothing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/common.sh
@@ -33,7 +32,7 @@ scripts/build-packages >/dev/null
 if [ ! -f "$base" ]; then
     say "fetching a base system (once, takes some minutes)"
     timeout 900 mmdebstrap --quiet --format=tar --variant=minbase bookworm "$base.new" ||
-        fail "there is no base system to be had"
+        fail "the base system could not be fetched"
     rm -rf "$base"
     mv "$base.new" "$base"
 fi
@@ -83,11 +82,11 @@ apt purge 'tesk-*' 'libtesk-*' 'python3-tesk-*'
 rm -r "$root/packages"
 left=$(
     find "$root" -xdev -iname '*tesk*' -o -iname '*mbx*' -o -iname '*dolm_ric*' -o -name 'libzel*'
-    # Files that end in - are the system's own backups of the accounts.
+    # Files that end in - are backups of the accounts.
     grep -rs --exclude='*-' tesk "$root/etc" "$root/var/lib/systemd" "$root/var/lib/dpkg/status"
 ) || true
 [ -z "$left" ] || fail "left behind: $left"
-say "keeping an account that is not ours"
+say "keeping an account that the packages did not create"
 chroot "$root" useradd --system --user-group --comment tesk-server tesk
 mkdir "$root/packages"
 cp build/packages/*.deb "$root/packages/"
