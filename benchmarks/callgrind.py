@@ -7,9 +7,9 @@ import re
 import subprocess
 import tempfile
 
-from lab import BIN, Failed
+from launcher import BIN, Failed
 
-# Whose instructions a program counts.
+# The sources whose instructions are counted, for each program.
 OWN_SOURCES = {"bench_instructions": "/src/tesk_server/", "bench_untraced": "/src/tesk_server/",
                "bench_mbx_instructions": "/src/platform/mbx/"}
 COST_LINE = re.compile(r"^(?:[+\-*]?\d*) (\d+)$")
@@ -17,14 +17,14 @@ NAMED = re.compile(r"^(fl|fi|fe|fn|ob|cfi|cfl|cfn|cob)=\((\d+)\)(?: (.*))?$")
 
 
 def own_instructions(profile, sources):
-    """The name of the counted part, and what the functions of our sources spent themselves in it,
-    with what was inlined into them."""
+    """The name of the counted part, and the instructions of the functions of our sources in it,
+    including inlined ones, without their callees."""
     files, own, spent, trigger, skip = {}, False, 0, "", False
     for line in profile.read_text().splitlines():
         if line.startswith("desc: Trigger: Client Request: "):
             trigger = line.partition("Request: ")[2]
         elif line.startswith("calls="):
-            skip = True  # the next line is what the callee spent
+            skip = True  # the next line is the cost of the callee
         elif match := NAMED.match(line):
             position, number, name = match.groups()
             if position in ("fl", "fi", "fe", "cfi", "cfl") and name is not None:
@@ -48,8 +48,8 @@ def run_cases(program, *args):
 def count_instructions(program):
     """Instructions of each procedure, as a dictionary."""
     with tempfile.TemporaryDirectory(prefix="tesk-bench-") as folder:
-        # What jumps through the linker's table spends there would else be the caller's, also from
-        # before the count.
+        # Else the instructions of the linker's jump table would be counted as the caller's, including
+        # those before the count.
         command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={folder}/out.%p",
                    "--skip-plt=no", "--quiet", BIN / program]
         done = subprocess.run(command, capture_output=True, text=True, timeout=300,

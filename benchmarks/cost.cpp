@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* cost - what there is to compare the server's own costs with:
+/* cost - programs that the server's own costs are compared with:
 
      nothing          does nothing and waits to be killed
      board            the same with a simulated board, whose memory is no cost of the server
-     start COMMAND    runs the server, and prints the nanoseconds until it has given a client its
-                      first answer
+     start COMMAND    starts the server, and prints the nanoseconds until a client has its first
+                      answer
      run COMMAND      runs a program to its end, and prints the nanoseconds
      empty            ends at once */
 #include "benchmarks/tesk_link.h"
@@ -31,7 +31,8 @@ static int64_t time_first_answer(char *const *command)
 {
     const int64_t begin = now_ns();
     const pid_t pid = start(command);
-    tesk_link link(tesk_link::waits::on_epoll, patience_ns);
+    tesk_link link(waiting::in_epoll, patience_ns);
+    link.connect();
     link.send(TESK_GET_CAPABILITIES_REQ);
     link.await(TESK_GET_CAPABILITIES_CFM);
     const int64_t time = now_ns() - begin;

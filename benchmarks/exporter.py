@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""exporter - what tesk-exporter costs with 512 ports, beside node_exporter's textfile collector with
+"""exporter - the cost of tesk-exporter with 512 ports, beside node_exporter's textfile collector with
 the same series."""
 import http.client
 import pathlib
@@ -9,10 +9,10 @@ import subprocess
 import threading
 import time
 
-from lab import BIN, THEIRS, Tesk, tasks, wait_until
+from launcher import BIN, SERVER_CORE, Tesk, tasks, wait_until
 
 PORTS = 512
-SHARED_FOR = 0.3  # seconds; the exporter gives a body that is younger to more than one scraper
+SHARED_FOR = 0.3  # seconds; the exporter reuses a body that is younger
 SYSTEMS = {"exporter": "tesk-exporter", "node_exporter": "node_exporter, textfile"}
 
 
@@ -48,22 +48,22 @@ def status_kib(pid, key):
 
 
 def measure_exporter(bench):
-    lab = bench.lab
-    server = Tesk(lab, THEIRS, ports=PORTS)
+    launcher = bench.launcher
+    server = Tesk(launcher, SERVER_CORE, ports=PORTS)
     address = {name: free_address() for name in SYSTEMS}
-    program = {"exporter": lab.run(
+    program = {"exporter": launcher.run(
         [BIN / "tesk-exporter", "--listen", address["exporter"], "--ports", f"0-{PORTS - 1}"],
-        THEIRS, server.env)}
+        SERVER_CORE, server.env)}
     wait_until(lambda: answers(address["exporter"], "/readyz"), "the exporter is ready")
     idle_share(bench, program["exporter"].pid)
-    folder = lab.new_folder()
+    folder = launcher.new_folder()
     body = get(address["exporter"], "/metrics")[1].decode()
     # node_exporter has the series of the process itself.
     (folder / "tesk.prom").write_text(re.sub(r"^(# \w+ )?process_.*\n", "", body, flags=re.M))
-    program["node_exporter"] = lab.run(
+    program["node_exporter"] = launcher.run(
         ["prometheus-node-exporter", "--collector.disable-defaults", "--collector.textfile",
          f"--collector.textfile.directory={folder}",
-         f"--web.listen-address={address['node_exporter']}"], THEIRS, stderr=subprocess.DEVNULL)
+         f"--web.listen-address={address['node_exporter']}"], SERVER_CORE, stderr=subprocess.DEVNULL)
     wait_until(lambda: answers(address["node_exporter"], "/metrics"), "node_exporter serves")
     for number in range(2 * bench.rounds):
         time.sleep(SHARED_FOR)
@@ -77,7 +77,7 @@ def measure_exporter(bench):
                   status_kib(program[name].pid, "VmHWM"))
     for _ in range(bench.rounds):
         event(bench, server, address["exporter"])
-    lab.end_all()
+    launcher.end_all()
 
 
 def scrape(bench, name, pid, address):
@@ -90,7 +90,7 @@ def scrape(bench, name, pid, address):
 
 
 def idle_share(bench, pid):
-    """One interval of reads and nothing else."""
+    """Over one interval of reads, without scrapes."""
     time.sleep(1)
     before, start = cpu_ms(pid), time.monotonic()
     time.sleep(15)
@@ -99,7 +99,7 @@ def idle_share(bench, pid):
 
 
 def event(bench, server, address):
-    """A module is pulled and put back; how much later than teskctl a reader of events has it."""
+    """A module is pulled and put back: the delay of /events behind teskctl."""
     seen = {}
 
     def read(name, lines):
@@ -129,5 +129,5 @@ def event(bench, server, address):
     stream.close()
     subprocess.run([BIN / "teskboard", "insert", "7", "link=up"],
                    env=server.env, check=True, stdout=subprocess.DEVNULL)
-    bench.add("exporter event", "a change in /events later than in teskctl's line", "ms",
+    bench.add("exporter event", "delay of a change in /events behind teskctl watch", "ms",
               "exporter", 1000 * (seen["events"] - seen["teskctl"]))

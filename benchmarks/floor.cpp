@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* floor - what no service can be below: a bare SOCK_SEQPACKET connection for each client, one epoll
-   loop on both sides, and signals of the sizes of ours with nothing in them but their kind. */
+/* floor - the bare socket that all systems are compared with: a SOCK_SEQPACKET connection for each
+   client, a server with one epoll loop, and signals of the same sizes that hold their kind only. */
 #include "benchmarks/harness.h"
 
 #include <sys/epoll.h>
@@ -20,48 +20,55 @@ struct message {
 class floor_client : public client
 {
   public:
-    explicit floor_client(const std::string &address)
-        : connection(connect_to(address)), epoll(watch(connection))
+    floor_client(const std::string &address, waiting how)
+        : connection_(connect_to(address)),
+          epoll_(how == waiting::in_epoll ? watch(connection_) : -1)
     {
+    }
+
+    ~floor_client() override
+    {
+        if (epoll_ != -1)
+            close(epoll_);
+        close(connection_);
     }
 
     void send(request_kind kind) override
     {
-        signal.kind = kind;
-        need(static_cast<int>(::send(connection, &signal, request_size(kind), MSG_NOSIGNAL)),
+        signal_.kind = kind;
+        need(static_cast<int>(::send(connection_, &signal_, request_size(kind), MSG_NOSIGNAL)),
              "send");
     }
 
     void receive() override
     {
-        epoll_event event;
-        while (epoll_wait(epoll, &event, 1, -1) != 1) {
-        }
-        if (recv(connection, &signal, sizeof(signal), MSG_DONTWAIT) <= 0)
+        if (epoll_ != -1)
+            await_ready(epoll_);
+        if (recv(connection_, &signal_, sizeof(signal_), epoll_ != -1 ? MSG_DONTWAIT : 0) <= 0)
             fail("the server is gone");
     }
 
   private:
-    int connection;
-    int epoll;
-    message signal = {};
+    int connection_;
+    int epoll_;
+    message signal_ = {};
 };
 
 } // namespace
 
-static std::unique_ptr<client> connect(const std::string &address)
+static std::unique_ptr<client> connect(const std::string &address, waiting how)
 {
-    return std::make_unique<floor_client>(address);
+    return std::make_unique<floor_client>(address, how);
 }
 
-static void subscribe(const std::string &address, receipts &told)
+static void subscribe(const std::string &address, waiting how, receipts &record)
 {
-    floor_client connection(address);
+    floor_client connection(address, how);
     connection.call(request_kind::subscribe);
-    told.note_ready();
+    record.note_ready();
     for (;;) {
         connection.receive();
-        told.note_told();
+        record.note_receipt();
     }
 }
 
@@ -72,16 +79,16 @@ class server
 {
   public:
     server(const std::string &address, board &on)
-        : events(on), listener(listen_at(address)), epoll(watch(listener)), wakeup(on.start())
+        : events_(on), listener_(listen_at(address)), epoll_(watch(listener_)), wakeup_(on.start())
     {
-        watch_also(epoll, wakeup);
+        watch_also(epoll_, wakeup_);
     }
 
     [[noreturn]] void serve()
     {
         for (;;) {
             epoll_event ready[16];
-            const int count = epoll_wait(epoll, ready, std::size(ready), -1);
+            const int count = epoll_wait(epoll_, ready, std::size(ready), -1);
             for (int index = 0; index < count; index++)
                 handle(ready[index].data.fd);
         }
@@ -90,10 +97,10 @@ class server
   private:
     void handle(int fd)
     {
-        if (fd == listener)
-            watch_also(epoll, need(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept"));
-        else if (fd == wakeup)
-            tell_subscribers(events.take());
+        if (fd == listener_)
+            watch_also(epoll_, need(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC), "accept"));
+        else if (fd == wakeup_)
+            notify_subscribers(events_.take());
         else
             answer(fd);
     }
@@ -102,28 +109,28 @@ class server
     {
         message signal;
         if (recv(fd, &signal, sizeof(signal), MSG_DONTWAIT) <= 0) {
-            std::erase(subscribers, fd);
+            std::erase(subscribers_, fd);
             close(fd);
             return;
         }
         if (signal.kind == request_kind::subscribe)
-            subscribers.push_back(fd);
+            subscribers_.push_back(fd);
         send(fd, &signal, answer_size(signal.kind), MSG_DONTWAIT | MSG_NOSIGNAL);
     }
 
-    void tell_subscribers(uint32_t count)
+    void notify_subscribers(uint32_t count)
     {
         const message signal = {};
         while (count-- > 0)
-            for (const int fd : subscribers)
+            for (const int fd : subscribers_)
                 send(fd, &signal, event_size, MSG_DONTWAIT | MSG_NOSIGNAL);
     }
 
-    board &events;
-    int listener;
-    int epoll;
-    int wakeup;
-    std::vector<int> subscribers;
+    board &events_;
+    int listener_;
+    int epoll_;
+    int wakeup_;
+    std::vector<int> subscribers_;
 };
 
 } // namespace

@@ -1,34 +1,42 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* growth - clients of the real server, by the hundred, to see what an operation costs when there
-   are many of them and many subscriptions: growth BOARD, then lines on stdin. Client 0 is the
-   oldest.
+/* growth - many clients of the real server with many subscriptions, to measure how the cost of one
+   operation grows: growth BOARD, then lines on stdin. Client 0 connected first.
 
-     clients COUNT           as many clients as that, in all
-     hold FIRST LAST COUNT   subscribes these ports, both kinds, port P by client P modulo COUNT
-     drop FIRST LAST COUNT   and unsubscribes them
+     threads COUNT           starts the threads of COUNT clients, without mailboxes
+     locate COUNT            their mailboxes locate the server, but do not connect yet
+     clients COUNT           connects clients until there are COUNT
+     exchange COUNT          each client: COUNT capabilities requests
+     hold FIRST LAST COUNT   subscribes to these ports, both kinds, port P by client P modulo COUNT
+     drop FIRST LAST COUNT   unsubscribes from them
      request TIMES           client 0: nanoseconds of each capabilities request
-     cycle TIMES             client 0 on port 0, which nobody holds and nobody does afterwards:
+     cycle TIMES             client 0 on port 0, to which no client is subscribed before or after:
                              nanoseconds of subscribing to SFP info, subscribing to port status,
-   four link events, unsubscribing from SFP info and from port status; eight numbers a time lose
-   CLIENT             ends that client and waits until nothing of it is left at the board. */
+                             four link events, unsubscribing from SFP info and from port status;
+                             eight numbers for each time
+     lose CLIENT             ends that client and waits until the board has none of its
+                             subscriptions */
 #include "benchmarks/tesk_link.h"
 
+#include <cstring>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <pthread.h>
 #include <sys/socket.h>
 
 using namespace bench;
 
-/* How many requests of a client are on their way when it gets its subscriptions. */
+/* The unanswered requests that a client has at most while it subscribes. */
 static constexpr uint32_t window = 32;
 static constexpr uint32_t cycle_port = 0;
 static constexpr uint32_t events_a_cycle = 4;
+static constexpr size_t stack_size = 64 * 1024;
+static constexpr size_t used_stack = 24 * 1024; /* more than a connection and its requests use */
 
 namespace
 {
 
-/* A client with its thread, to which a mailbox is bound. */
+/* A client on a thread of its own, as a mailbox belongs to a thread. */
 class worker
 {
   public:
@@ -38,8 +46,8 @@ class worker
     {
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);
-        pthread_attr_setstacksize(&attributes, 64 * 1024);
-        const int error = pthread_create(&thread, &attributes, run, this);
+        pthread_attr_setstacksize(&attributes, stack_size);
+        const int error = pthread_create(&thread_, &attributes, run, this);
         pthread_attr_destroy(&attributes);
         if (error != 0)
             fail("pthread_create");
@@ -49,24 +57,25 @@ class worker
     ~worker()
     {
         start(nullptr);
-        pthread_join(thread, nullptr);
+        pthread_join(thread_, nullptr);
     }
 
-    /* Has the work done on the client's thread. One thing at a time; finish() waits for it. */
+    /* Runs the work on the client's thread, which locates the server before its first work.
+       finish() must be called before the next start(). */
     void start(work what)
     {
-        const std::lock_guard guard(lock);
-        to_do = std::move(what);
-        busy = true;
-        changed.notify_one();
+        const std::lock_guard guard(lock_);
+        to_do_ = std::move(what);
+        busy_ = true;
+        changed_.notify_one();
     }
 
     void finish()
     {
-        std::unique_lock guard(lock);
-        changed.wait(guard, [this] { return !busy; });
-        if (!failure.empty())
-            fail(failure);
+        std::unique_lock guard(lock_);
+        changed_.wait(guard, [this] { return !busy_; });
+        if (!failure_.empty())
+            fail(failure_);
     }
 
     void carry_out(work what)
@@ -82,32 +91,43 @@ class worker
         return nullptr;
     }
 
+    /* So that the stack's pages do not count as memory of a connection. */
+    [[gnu::noinline]] static void touch_stack()
+    {
+        char pages[used_stack];
+        memset(pages, 0, sizeof(pages));
+        asm volatile("" : : "r"(pages) : "memory");
+    }
+
     void serve()
     {
-        std::unique_lock guard(lock);
+        std::unique_lock guard(lock_);
         try {
-            tesk_link link;
+            touch_stack();
+            std::optional<tesk_link> link;
             for (;;) {
-                busy = false;
-                changed.notify_one();
-                changed.wait(guard, [this] { return busy; });
-                if (!to_do)
+                busy_ = false;
+                changed_.notify_one();
+                changed_.wait(guard, [this] { return busy_; });
+                if (!to_do_)
                     return;
-                to_do(link);
+                if (!link)
+                    link.emplace();
+                to_do_(*link);
             }
         } catch (const std::exception &error) {
-            failure = error.what();
-            busy = false;
-            changed.notify_one();
+            failure_ = error.what();
+            busy_ = false;
+            changed_.notify_one();
         }
     }
 
-    pthread_t thread;
-    std::mutex lock;
-    std::condition_variable changed;
-    work to_do;
-    bool busy = true;
-    std::string failure;
+    pthread_t thread_;
+    std::mutex lock_;
+    std::condition_variable changed_;
+    work to_do_;
+    bool busy_ = true;
+    std::string failure_;
 };
 
 struct procedure {
@@ -131,7 +151,7 @@ namespace
 class bench_clients
 {
   public:
-    explicit bench_clients(const std::string &board_path) : board_socket(connect_to(board_path))
+    explicit bench_clients(const std::string &board_path) : board_socket_(connect_to(board_path))
     {
     }
 
@@ -141,8 +161,14 @@ class bench_clients
             return static_cast<uint32_t>(std::stoul(words.at(at)));
         };
         const std::string &what = words.at(0);
-        if (what == "clients")
+        if (what == "threads")
+            add_threads(number(1));
+        else if (what == "locate")
+            locate(number(1));
+        else if (what == "clients")
             grow(number(1));
+        else if (what == "exchange")
+            exchange(number(1));
         else if (what == "hold")
             on_ports(number(1), number(2), number(3), {subscribe_sfp, subscribe_status});
         else if (what == "drop")
@@ -154,24 +180,50 @@ class bench_clients
         else if (what == "lose")
             lose(number(1));
         else
-            fail(what + ": no such thing to do");
+            fail("unknown command: " + what);
         return {};
     }
 
   private:
-    void grow(uint32_t count)
+    void add_threads(uint32_t count)
     {
-        while (clients.size() < count)
-            clients.push_back(std::make_unique<worker>());
+        while (clients_.size() < count)
+            clients_.push_back(std::make_unique<worker>());
     }
 
-    /* The clients take turns in starting, and each works through its ports on its own. */
+    /* Any work locates the server. */
+    void locate(uint32_t count)
+    {
+        add_threads(count);
+        for (uint32_t index = connected_; index < count; index++)
+            clients_[index]->carry_out([](tesk_link &) {});
+    }
+
+    void grow(uint32_t count)
+    {
+        add_threads(count);
+        while (connected_ < count)
+            clients_[connected_++]->carry_out([](tesk_link &link) { link.connect(); });
+    }
+
+    void exchange(uint32_t times)
+    {
+        for (const auto &each : clients_)
+            each->carry_out([times](tesk_link &link) {
+                for (uint32_t done = 0; done < times; done++) {
+                    link.send(TESK_GET_CAPABILITIES_REQ);
+                    link.await(TESK_GET_CAPABILITIES_CFM);
+                }
+            });
+    }
+
+    /* The clients are started in turn, and each works through its own ports. */
     void on_ports(uint32_t first, uint32_t last, uint32_t count,
                   const std::vector<procedure> &procedures)
     {
         grow(count);
         for (uint32_t index = 0; index < count; index++)
-            clients[index]->start([=](tesk_link &link) {
+            clients_[index]->start([=](tesk_link &link) {
                 std::deque<uint32_t> ports;
                 for (uint32_t port = first + (index + count - first % count) % count; port <= last;
                      port += count)
@@ -180,7 +232,7 @@ class bench_clients
                     work_through(link, ports, each);
             });
         for (uint32_t index = 0; index < count; index++)
-            clients[index]->finish();
+            clients_[index]->finish();
     }
 
     static void work_through(tesk_link &link, const std::deque<uint32_t> &ports,
@@ -196,7 +248,7 @@ class bench_clients
     std::vector<int64_t> time_requests(uint32_t times)
     {
         std::vector<int64_t> taken(times);
-        clients.at(0)->carry_out([&](tesk_link &link) {
+        clients_.at(0)->carry_out([&](tesk_link &link) {
             for (int64_t &time : taken)
                 time = time_one([&] {
                     link.send(TESK_GET_CAPABILITIES_REQ);
@@ -217,7 +269,7 @@ class bench_clients
     std::vector<int64_t> time_cycles(uint32_t times)
     {
         std::vector<int64_t> taken;
-        clients.at(0)->carry_out([&](tesk_link &link) {
+        clients_.at(0)->carry_out([&](tesk_link &link) {
             const auto timed = [&](const procedure &each) {
                 taken.push_back(time_one([&] {
                     link.send(each.request, cycle_port);
@@ -240,7 +292,7 @@ class bench_clients
     {
         const std::string request = "set " + std::to_string(cycle_port) + " link=" + state;
         const int64_t time = time_one([&] {
-            need(static_cast<int>(send(board_socket, request.data(), request.size(), 0)), "board");
+            need(static_cast<int>(send(board_socket_, request.data(), request.size(), 0)), "board");
             link.await(TESK_PORT_STATUS_IND);
         });
         await_board();
@@ -250,7 +302,7 @@ class bench_clients
     std::string await_board()
     {
         std::string answer(4096, '\0');
-        const ssize_t size = recv(board_socket, answer.data(), answer.size(), 0);
+        const ssize_t size = recv(board_socket_, answer.data(), answer.size(), 0);
         answer.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
         if (!answer.starts_with("ok"))
             fail("the board: " + answer);
@@ -259,24 +311,26 @@ class bench_clients
 
     bool board_has_subscriptions()
     {
-        send(board_socket, "board", 5, 0);
+        send(board_socket_, "board", 5, 0);
         const std::string answer = await_board();
         return answer.find("\nsubscribed_port=0\n") == std::string::npos ||
                answer.find("\nsubscribed_link=0\n") == std::string::npos;
     }
 
-    /* A loss is handled at one go, so a request is answered before or after it. The client that is
-       lost must be the only one with subscriptions. */
+    /* The server handles a client's end without interruption, so a request is answered before or
+       after it. The client must be the only one with subscriptions. */
     void lose(uint32_t index)
     {
-        std::swap(clients.at(index), clients.back());
-        clients.pop_back();
+        std::swap(clients_.at(index), clients_.back());
+        clients_.pop_back();
+        connected_--;
         while (board_has_subscriptions())
             time_requests(1);
     }
 
-    int board_socket;
-    std::vector<std::unique_ptr<worker>> clients;
+    int board_socket_;
+    std::vector<std::unique_ptr<worker>> clients_;
+    uint32_t connected_ = 0; /* of the clients; the first ones */
 };
 
 } // namespace

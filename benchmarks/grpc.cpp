@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* grpc - gRPC over a Unix socket with the callback interface, which its documentation advises for
    servers; a subscription is a stream of answers. Each client has a channel of its own, as clients
-   in processes of their own have. */
+   in processes of their own have. The library waits on its own threads, whatever WAITING says. */
 #include "benchmarks/harness.h"
 #include "grpc.grpc.pb.h"
 
@@ -39,7 +39,7 @@ namespace
 class grpc_client : public client
 {
   public:
-    explicit grpc_client(const std::string &address) : stub(connect_stub(address))
+    explicit grpc_client(const std::string &address) : stub_(connect_stub(address))
     {
     }
 
@@ -48,7 +48,7 @@ class grpc_client : public client
         grpc::ClientContext context;
         context.set_wait_for_ready(true);
         Answer answer;
-        check(stub->Call(&context, make_request(kind), &answer));
+        check(stub_->Call(&context, make_request(kind), &answer));
     }
 
     void send(request_kind kind) override
@@ -60,34 +60,34 @@ class grpc_client : public client
         };
         auto *call = new one_call;
         call->request = make_request(kind);
-        stub->async()->Call(&call->context, &call->request, &call->answer,
-                            [this, call](const grpc::Status &status) {
-                                if (!status.ok())
-                                    abort();
-                                delete call;
-                                answered.release();
-                            });
+        stub_->async()->Call(&call->context, &call->request, &call->answer,
+                             [this, call](const grpc::Status &status) {
+                                 if (!status.ok())
+                                     abort();
+                                 delete call;
+                                 answered_.release();
+                             });
     }
 
     void receive() override
     {
-        answered.acquire();
+        answered_.acquire();
     }
 
   private:
-    std::unique_ptr<Board::Stub> stub;
-    std::counting_semaphore<> answered{0};
+    std::unique_ptr<Board::Stub> stub_;
+    std::counting_semaphore<> answered_{0};
 };
 
 } // namespace
 
-static std::unique_ptr<client> connect(const std::string &address)
+static std::unique_ptr<client> connect(const std::string &address, waiting)
 {
     return std::make_unique<grpc_client>(address);
 }
 
-/* The server sends a first answer when the stream stands. */
-static void subscribe(const std::string &address, receipts &told)
+/* The server sends a first answer when the stream is open. */
+static void subscribe(const std::string &address, waiting, receipts &record)
 {
     const std::unique_ptr<Board::Stub> stub = connect_stub(address);
     grpc::ClientContext context;
@@ -95,30 +95,30 @@ static void subscribe(const std::string &address, receipts &told)
     Answer answer;
     const auto stream = stub->Subscribe(&context, make_request(request_kind::subscribe));
     if (stream->Read(&answer))
-        told.note_ready();
+        record.note_ready();
     while (stream->Read(&answer))
-        told.note_told();
+        record.note_receipt();
     check(stream->Finish());
 }
 
 namespace
 {
 
-/* One subscriber's stream, which takes one answer at a time. */
+/* One subscriber's stream; one answer is written at a time. */
 class stream : public grpc::ServerWriteReactor<Answer>
 {
   public:
-    void tell()
+    void notify()
     {
-        const std::lock_guard guard(lock);
-        if (to_write++ == 0)
+        const std::lock_guard guard(lock_);
+        if (to_write_++ == 0)
             write();
     }
 
     void OnWriteDone(bool) override
     {
-        const std::lock_guard guard(lock);
-        if (--to_write > 0)
+        const std::lock_guard guard(lock_);
+        if (--to_write_ > 0)
             write();
     }
 
@@ -137,8 +137,8 @@ class stream : public grpc::ServerWriteReactor<Answer>
         StartWrite(&answer);
     }
 
-    std::mutex lock;
-    uint32_t to_write = 0;
+    std::mutex lock_;
+    uint32_t to_write_ = 0;
 };
 
 /* Streams stay until the process ends. */
@@ -159,22 +159,22 @@ class service : public Board::CallbackService
                                                 const Request *) override
     {
         auto *added = new stream;
-        const std::lock_guard guard(lock);
-        streams.push_back(added);
-        added->tell();
+        const std::lock_guard guard(lock_);
+        streams_.push_back(added);
+        added->notify();
         return added;
     }
 
-    void tell_all()
+    void notify_all()
     {
-        const std::lock_guard guard(lock);
-        for (stream *subscriber : streams)
-            subscriber->tell();
+        const std::lock_guard guard(lock_);
+        for (stream *subscriber : streams_)
+            subscriber->notify();
     }
 
   private:
-    std::mutex lock;
-    std::vector<stream *> streams;
+    std::mutex lock_;
+    std::vector<stream *> streams_;
 };
 
 } // namespace
@@ -192,7 +192,7 @@ static void serve(const std::string &address, board &events)
         if (epoll_wait(epoll, &event, 1, -1) != 1)
             continue;
         for (uint32_t count = events.take(); count > 0; count--)
-            offered.tell_all();
+            offered.notify_all();
     }
 }
 

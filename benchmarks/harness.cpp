@@ -29,8 +29,9 @@
 namespace bench
 {
 
-/* Nothing that is measured takes as long: something is broken. */
+/* No measured operation takes that long: past it, something is broken. */
 static constexpr timespec patience = {60, 0};
+static constexpr useconds_t pause_us = 2000;
 
 static sockaddr_un address_of(const std::string &path)
 {
@@ -66,7 +67,7 @@ static void await(std::atomic<uint32_t> &word, uint32_t count)
     for (uint32_t seen = word; seen < count; seen = word)
         if (futex(word, FUTEX_WAIT, seen) != 0 && errno == ETIMEDOUT)
             fail("only " + std::to_string(seen) + " of " + std::to_string(count) +
-                 " subscribers were heard of");
+                 " subscribers are ready");
 }
 
 static std::vector<int64_t> time_calls(client &caller, request_kind kind, uint32_t count)
@@ -93,24 +94,51 @@ static int64_t time_flight(client &caller, request_kind kind, uint32_t count, ui
     return now_ns() - start;
 }
 
-static void be_client(client &caller)
+/* The end of a connection is not timed: the server handles it during the pause. */
+static std::vector<int64_t> time_connections(const measured_system &system,
+                                             const std::string &address, waiting how,
+                                             uint32_t count)
 {
+    std::vector<int64_t> times(count);
+    for (int64_t &time : times) {
+        usleep(pause_us);
+        const int64_t start = now_ns();
+        const std::unique_ptr<client> added = system.connect(address, how);
+        added->confirm();
+        time = now_ns() - start;
+    }
+    return times;
+}
+
+/* The client connects for its first calls: "connect" works without it, as a thread may have one
+   connection only. */
+static void be_client(const measured_system &system, const std::string &address, waiting how)
+{
+    std::unique_ptr<client> caller;
     answer_lines([&](const std::vector<std::string> &words) -> std::vector<int64_t> {
-        const auto kind = static_cast<request_kind>(std::stoul(words.at(1)));
-        const auto count = static_cast<uint32_t>(std::stoul(words.at(2)));
+        const auto number = [&](size_t at) {
+            return static_cast<uint32_t>(std::stoul(words.at(at)));
+        };
+        if (words.at(0) == "connect") {
+            caller.reset();
+            return time_connections(system, address, how, number(1));
+        }
+        if (!caller)
+            caller = system.connect(address, how);
+        const auto kind = static_cast<request_kind>(number(1));
         if (words.at(0) == "calls")
-            return time_calls(caller, kind, count);
-        return {time_flight(caller, kind, count, static_cast<uint32_t>(std::stoul(words.at(3))))};
+            return time_calls(*caller, kind, number(2));
+        return {time_flight(*caller, kind, number(2), number(3))};
     });
 }
 
 /* Subscribers are threads with small stacks, since there may be many. */
-static void be_subscribers(const measured_system &system, const std::string &address,
-                           receipts &told, uint32_t count)
+static void be_subscribers(const measured_system &system, const std::string &address, waiting how,
+                           receipts &record, uint32_t count)
 {
     auto subscribe = [&] {
         try {
-            system.subscribe(address, told);
+            system.subscribe(address, how, record);
         } catch (const std::exception &error) {
             fprintf(stderr, "a subscriber: %s\n", error.what());
             _exit(1);
@@ -122,23 +150,30 @@ static void be_subscribers(const measured_system &system, const std::string &add
     subscribe();
 }
 
-/* The children go when their parent goes. */
-static void fork_subscribers(const measured_system &system, const std::string &address,
+/* The children are killed when their parent ends. */
+static void fork_subscribers(const measured_system &system, const std::string &address, waiting how,
                              const std::string &path, uint32_t processes, uint32_t each)
 {
-    receipts told(path);
+    receipts record(path);
     for (uint32_t index = 0; index < processes; index++) {
         if (need(fork(), "fork") != 0)
             continue;
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        be_subscribers(system, address, told, each);
+        be_subscribers(system, address, how, record, each);
         _exit(1);
     }
-    told.await_ready(processes * each);
+    record.await_ready(processes * each);
     std::puts("ready");
     std::fflush(stdout);
     wait(nullptr);
     fail("a process of the subscribers has ended");
+}
+
+static waiting parse_waiting(const std::string &word)
+{
+    if (word != "read" && word != "epoll")
+        fail("a client waits in 'read' or 'epoll', not in '" + word + "'");
+    return word == "read" ? waiting::in_read : waiting::in_epoll;
 }
 
 static int play_role(const measured_system &system, std::span<char *> words)
@@ -147,13 +182,15 @@ static int play_role(const measured_system &system, std::span<char *> words)
     if (args.size() == 3 && args[0] == "serve" && system.serve != nullptr) {
         board events(args[2]);
         system.serve(args[1], events);
-    } else if (args.size() == 2 && args[0] == "client") {
-        be_client(*system.connect(args[1]));
-    } else if (args.size() == 5 && args[0] == "subscribe") {
-        fork_subscribers(system, args[1], args[2], static_cast<uint32_t>(std::stoul(args[3])),
-                         static_cast<uint32_t>(std::stoul(args[4])));
+    } else if (args.size() == 3 && args[0] == "client") {
+        be_client(system, args[1], parse_waiting(args[2]));
+    } else if (args.size() == 6 && args[0] == "subscribe") {
+        fork_subscribers(system, args[1], parse_waiting(args[2]), args[3],
+                         static_cast<uint32_t>(std::stoul(args[4])),
+                         static_cast<uint32_t>(std::stoul(args[5])));
     } else {
-        fail("serve ADDRESS BOARD | client ADDRESS | subscribe ADDRESS RECEIPTS PROCESSES EACH");
+        fail("serve ADDRESS BOARD | client ADDRESS WAITING | "
+             "subscribe ADDRESS WAITING RECEIPTS PROCESSES EACH");
     }
     return 0;
 }
@@ -204,10 +241,22 @@ int watch(int fd)
     return epoll;
 }
 
+void await_ready(int epoll)
+{
+    epoll_event event;
+    while (epoll_wait(epoll, &event, 1, -1) != 1) {
+    }
+}
+
 void client::call(request_kind kind)
 {
     send(kind);
     receive();
+}
+
+void client::confirm()
+{
+    call(request_kind::capabilities);
 }
 
 receipts::receipts(const std::string &path)
@@ -218,98 +267,98 @@ receipts::receipts(const std::string &path)
     close(fd);
     if (memory == MAP_FAILED)
         fail("mmap");
-    shared = static_cast<shared_part *>(memory);
+    shared_ = static_cast<shared_part *>(memory);
 }
 
 void receipts::note_ready()
 {
-    count_up(shared->ready);
+    count_up(shared_->ready);
 }
 
-void receipts::note_told()
+void receipts::note_receipt()
 {
     const int64_t now = now_ns();
-    int64_t last = shared->last;
-    while (last < now && !shared->last.compare_exchange_weak(last, now)) {
+    int64_t last = shared_->last;
+    while (last < now && !shared_->last.compare_exchange_weak(last, now)) {
     }
-    /* Whoever raised the event reads the time once all have counted. It looks now and then rather
-       than being woken up by each of them, which would be work within what is measured. */
-    shared->told.fetch_add(1);
+    /* The process that raised the event polls this count: a wake-up by each subscriber would be
+       work within the measured time. */
+    shared_->received.fetch_add(1);
 }
 
 void receipts::begin()
 {
-    shared->told = 0;
-    shared->last = 0;
+    shared_->received = 0;
+    shared_->last = 0;
 }
 
-int64_t receipts::await_told(uint32_t count)
+int64_t receipts::await_receipts(uint32_t count)
 {
     const int64_t deadline = now_ns() + patience.tv_sec * 1'000'000'000;
-    while (shared->told < count) {
+    while (shared_->received < count) {
         if (now_ns() > deadline)
-            fail("only " + std::to_string(shared->told) + " of " + std::to_string(count) +
-                 " subscribers were told");
+            fail("only " + std::to_string(shared_->received) + " of " + std::to_string(count) +
+                 " subscribers have received an event");
         usleep(100);
     }
-    return shared->last;
+    return shared_->last;
 }
 
 void receipts::await_ready(uint32_t count)
 {
-    await(shared->ready, count);
+    await(shared_->ready, count);
 }
 
-board::board(const std::string &where)
-    : path(where), wakeup(need(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd"))
+board::board(const std::string &path)
+    : path_(path), wakeup_(need(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd"))
 {
 }
 
 int board::start()
 {
-    const int listener = listen_at(path);
+    const int listener = listen_at(path_);
     std::thread([this, listener] {
-        /* What the board costs is no part of its server; by this name it is told apart. */
+        /* The board is no part of the server: its processor time is left out by this name. */
         pthread_setname_np(pthread_self(), "dolm-ric-board");
-        hear(listener);
+        receive_events(listener);
     }).detach();
-    std::thread([this] { wait_for_events(); }).detach();
-    return wakeup;
+    std::thread([this] { queue_events(); }).detach();
+    return wakeup_;
 }
 
-void board::hear(int listener)
+void board::receive_events(int listener)
 {
     char request[largest_size];
     for (;;) {
         const int peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         while (recv(peer, request, sizeof(request), 0) > 0) {
             {
-                const std::lock_guard guard(lock);
-                waiting++;
+                const std::lock_guard guard(lock_);
+                pending_++;
             }
-            raised.notify_one();
+            raised_.notify_one();
             send(peer, "ok", 2, MSG_NOSIGNAL);
         }
         close(peer);
     }
 }
 
-void board::wait_for_events()
+void board::queue_events()
 {
-    std::unique_lock guard(lock);
+    std::unique_lock guard(lock_);
     for (;;) {
-        raised.wait(guard, [this] { return waiting > 0; });
-        queued += std::exchange(waiting, 0);
-        eventfd_write(wakeup, 1);
+        raised_.wait(guard, [this] { return pending_ > 0; });
+        queued_ += std::exchange(pending_, 0);
+        eventfd_write(wakeup_, 1);
     }
 }
 
 uint32_t board::take()
 {
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(lock_);
     eventfd_t count;
-    eventfd_read(wakeup, &count);
-    return std::exchange(queued, 0);
+    eventfd_read(wakeup_, &count);
+    return std::exchange(queued_, 0);
 }
 
 std::vector<std::string> split_words(const std::string &line)

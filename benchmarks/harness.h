@@ -1,20 +1,23 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* harness - what all measured systems share: how a system is described, the programs' roles and
-   command lines, the stand-in for the board, and the record of who was told of an event when.
+/* harness - the parts that all measured systems share: the description of a system, the roles and
+   command lines of its program, the substitute for the board, and the record of receipts.
 
    Each measured system is one source file that describes itself as a `measured_system` and hands it
    to run_system(). The program then has these roles:
 
-     serve ADDRESS BOARD               serves until it is killed; BOARD is the path of the stand-in
-     client ADDRESS                    one client, told by lines on stdin what to do:
-                                         calls KIND COUNT            one after the other
-                                         flight KIND COUNT WINDOW    WINDOW of them on their way
-                                       KIND is 0 for capabilities and 1 for PM counters; it answers
-                                       with one line: a list of nanoseconds, of each call or in all
-     subscribe ADDRESS RECEIPTS P N    P processes with N subscribers each, every subscriber a
-   thread with a connection of its own; says "ready" once all of them are subscribed
+     serve ADDRESS BOARD       serves until it is killed; BOARD is the path of the substitute board
+     client ADDRESS WAITING    one client, which carries out the lines of stdin:
+                                 calls KIND COUNT            one after the other
+                                 flight KIND COUNT WINDOW    WINDOW of them unanswered at a time
+                                 connect COUNT               new connections
+                               KIND is 0 for capabilities and 1 for PM counters. The answer is one
+                               line: a list of nanoseconds, of each call or connection, or in all
+     subscribe ADDRESS WAITING RECEIPTS P N
+                               P processes with N subscribers each, every subscriber a thread with a
+                               connection of its own; prints "ready" once all are subscribed
 
-   A program that can't go on says why on stderr and ends with 1. */
+   WAITING is "read" or "epoll", see `waiting`. A program that cannot go on prints the reason on
+   stderr and ends with 1. */
 #pragma once
 
 #include <atomic>
@@ -42,10 +45,15 @@ constexpr size_t answer_size(request_kind kind)
 constexpr size_t event_size = 96;
 constexpr size_t largest_size = 128;
 
+/* How a client waits for its next signal: in one blocking read or receive call, or in epoll_wait
+   on the library's descriptor, followed by a read or receive that returns at once. A library that
+   waits on threads of its own has one way only and ignores this. */
+enum class waiting { in_read, in_epoll };
+
 /* The monotonic clock, which all processes of the machine share. */
 int64_t now_ns();
 
-/* Throws with errno's text unless the result is one of success. */
+/* Throws with errno's text if the result is negative. */
 int need(int result, const char *what);
 [[noreturn]] void fail(const std::string &what);
 
@@ -56,78 +64,86 @@ int connect_to(const std::string &path);
 /* An epoll instance over the one descriptor. */
 int watch(int fd);
 void watch_also(int epoll, int fd);
+/* Returns when a descriptor of the epoll instance is ready. */
+void await_ready(int epoll);
 
-/* One client that sends requests. Ordinary systems implement send and receive alone. */
+/* One client that sends requests. The destructor ends its connection. Most systems implement send
+   and receive only. */
 class client
 {
   public:
     virtual ~client() = default;
     virtual void send(request_kind kind) = 0;
-    /* Waits for one answer to what was sent. */
+    /* Waits for the next answer. */
     virtual void receive() = 0;
-    /* A request and its answer. */
+    /* One request and its answer. */
     virtual void call(request_kind kind);
+    /* Returns once the server has answered on this connection; by default after a first call. */
+    virtual void confirm();
 };
 
-/* Who was told of an event when: in memory that the subscribers of all processes share. */
+/* The number of subscribers that are ready or have received an event, and the time of the last
+   receipt; in memory that all processes share. */
 class receipts
 {
   public:
     explicit receipts(const std::string &path);
-    /* By a subscriber: it is subscribed; it was told of an event. */
+    /* Called by a subscriber: its subscription is confirmed; it has received an event. */
     void note_ready();
-    void note_told();
-    /* By whoever starts subscribers or raises events: waits until that many have been noted since
-       the last begin(). The first gives the moment of the last receipt. */
+    void note_receipt();
+    /* Called by the process that starts subscribers or raises events: waits until that many have
+       been noted since the last begin(). await_receipts returns the time of the last receipt. */
     void begin();
-    int64_t await_told(uint32_t count);
+    int64_t await_receipts(uint32_t count);
     void await_ready(uint32_t count);
 
   private:
     struct shared_part {
         std::atomic<uint32_t> ready;
-        std::atomic<uint32_t> told;
+        std::atomic<uint32_t> received;
         std::atomic<int64_t> last;
     };
-    shared_part *shared;
+    shared_part *shared_;
 };
 
-/* The stand-in for the board and its library, for servers that don't have the real one: as there,
-   one thread hears of an event from outside, a second one waits for it as in a call of the library,
-   puts it into a queue and wakes the server's own thread through an eventfd. */
+/* The substitute for the board and its library, for servers that do not use the real one. As there,
+   one thread receives events from outside; a second one waits for them as in a call of the library,
+   queues them and wakes the server's own thread through an eventfd. */
 class board
 {
   public:
     explicit board(const std::string &path);
-    /* Called by the server once it serves: from here on events come, and the board's socket tells
-       others that all is ready. Returns a descriptor that is readable while an event waits. */
+    /* Called by the server once it serves: listens on the board's socket, which also shows other
+       processes that the server is ready. Returns a descriptor, readable while events are queued.
+     */
     int start();
-    /* Takes all events out of the queue, and says how many there were. */
+    /* Empties the queue and returns the number of its events. */
     uint32_t take();
 
   private:
-    void hear(int listener);
-    void wait_for_events();
+    void receive_events(int listener);
+    void queue_events();
 
-    const std::string path;
-    const int wakeup;
-    std::mutex lock;
-    std::condition_variable raised;
-    uint32_t waiting = 0; /* in the library */
-    uint32_t queued = 0;
+    const std::string path_;
+    const int wakeup_;
+    std::mutex lock_;
+    std::condition_variable raised_;
+    uint32_t pending_ = 0; /* received, not yet queued */
+    uint32_t queued_ = 0;
 };
 
 struct measured_system {
-    std::unique_ptr<client> (*connect)(const std::string &address);
-    /* On a thread of its own: subscribes, notes that, and notes each event; returns never. */
-    void (*subscribe)(const std::string &address, receipts &told);
-    /* Returns never. Null for a system that brings its own server. */
+    std::unique_ptr<client> (*connect)(const std::string &address, waiting how);
+    /* Runs on a thread of its own: subscribes, notes that, and notes each event. Never returns. */
+    void (*subscribe)(const std::string &address, waiting how, receipts &record);
+    /* Never returns. Null for a system whose server is a program of its own. */
     void (*serve)(const std::string &address, board &events);
 };
 
 int run_system(const measured_system &system, int count, char **words);
 
-/* Carries out the lines of stdin with `answer`, whose result is printed as a list in one line. */
+/* Calls `answer` with the words of each line of stdin and prints its result as a list in one line.
+ */
 std::vector<std::string> split_words(const std::string &line);
 template <typename function>
 void answer_lines(function &&answer);
@@ -144,7 +160,7 @@ void answer_lines(function &&answer)
     }
 }
 
-/* Runs a main function and reports what it throws. */
+/* Runs a main function; an exception is printed and becomes exit status 1. */
 int report_failures(int (*run)(std::span<char *> words), int count, char **words);
 
 } // namespace bench

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* instructions - the server's procedures one by one, on the scripted libraries, for callgrind to
-   count the instructions of the server's own modules. Everything comes in the same order each time,
-   so the counts repeat to the instruction.
+/* instructions - the server's procedures one by one, on the fake platform, for callgrind to count
+   the instructions of the server's own modules. The order is the same each time, so the counts
+   repeat to the instruction.
 
-   Prints, as JSON, how often each procedure ran and how many traces it passed; those are counted
-   when the groups are on, which the argument "traces" does. Callgrind writes one profile for each
-   procedure, triggered by its name. */
+   Prints, as JSON, how often each procedure ran and how many traces it passed; the argument
+   "traces" enables the groups, without which no trace is counted. Callgrind writes one profile for
+   each procedure, triggered by its name. */
 #include "tesk_server/tesk_event_queue.h"
 #include "tesk_server/tesk_main.h"
 #include "tesk_server/tesk_portsub.h"
@@ -84,7 +84,7 @@ static long count_traces()
                          [](const std::string &line) { return line.starts_with('['); });
 }
 
-/* Runs it with 0, 1, ... and has that counted. */
+/* Calls `run` with 0, 1, ... and dumps a profile of it. */
 static void count(const char *name, const std::function<void(uint32_t)> &run)
 {
     fake_platform::take_log();
@@ -118,7 +118,7 @@ static void drop_ports(uint32_t client, uint32_t first, uint32_t last)
     }
 }
 
-/* The client's number is its mailbox's, so numbers that were spent on lost clients are skipped. */
+/* A client's number gives its mailbox: the numbers of clients that have ended are skipped. */
 static void count_all()
 {
     count("establish a connection", connect);

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* library - a client by libtesk_client, as most programs are, one call after the other. */
+/* library - a client of libtesk_client that makes one call after the other. It waits in the
+   library's own calls, whatever WAITING says. */
 #include "benchmarks/harness.h"
 #include "tesk_client/tesk_client.h"
 
@@ -54,7 +55,7 @@ class library_client : public client
 
 } // namespace
 
-static std::unique_ptr<client> connect(const std::string &)
+static std::unique_ptr<client> connect(const std::string &, waiting)
 {
     return std::make_unique<library_client>();
 }

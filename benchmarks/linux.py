@@ -16,8 +16,8 @@ import sys
 import time
 
 from exporter import cpu_ms
-from lab import (BIN, OURS, ROOT, THEIRS, Failed, Server, Tesk, anonymous_bytes, can_connect, libc,
-                 wait_until)
+from launcher import (BIN, OURS, ROOT, THEIRS, Failed, Server, Tesk, anonymous_bytes, can_connect, libc,
+                      wait_until)
 
 PORTS = 512
 FLAPS = 200_000
@@ -41,10 +41,10 @@ class LinuxBoard(Server):
         self.env = {"MBX_DIR": str(self.folder / "mbx"), "DOLM_RIC_PORTS": str(ports),
                     "DOLM_RIC_PORT_MAP": str(self.folder / "map"), "TESKTMO_UNIT_MS": "10",
                     "DOLM_RIC_READER": str(self.folder / "reader")}
-        self.reader = self.lab.run([sys.executable, ROOT / "benchmarks/slow_reader.py",
+        self.reader = self.launcher.run([sys.executable, ROOT / "benchmarks/slow_reader.py",
                                     self.folder / "reader", ports, MODULE, read_ms, *reader], OURS)
         self.reader_pid = int(self.reader.read_line())
-        self.processes.append(self.lab.run([BIN / "tesk-server"], core, {
+        self.processes.append(self.launcher.run([BIN / "tesk-server"], core, {
             **self.env, "LD_LIBRARY_PATH": str(ROOT / "build/release/lib/linux")}))
         name = self.folder / "mbx/tesk-server"
         wait_until(lambda: can_connect(name, socket.SOCK_SEQPACKET), "tesk-server serves",
@@ -52,7 +52,7 @@ class LinuxBoard(Server):
 
     def end(self):
         super().end()
-        self.lab.end(self.reader)
+        self.launcher.end(self.reader)
         if self.reader_pid:
             wait_until(lambda: not os.path.exists(f"/proc/{self.reader_pid}"), "the reader has ended")
 
@@ -122,10 +122,10 @@ def time_rise(tap, listener):
 
 
 def links(bench):
-    lab, tap = bench.lab, Tap("bench0")
-    bare = lab.run([BIN / "bench_link_listener"], THEIRS)
-    server = LinuxBoard(lab, THEIRS, interfaces=["bench0"])
-    watch = lab.run([BIN / "teskctl", "--json", "watch", "--status", "0"], THEIRS, server.env)
+    launcher, tap = bench.launcher, Tap("bench0")
+    bare = launcher.run([BIN / "bench_link_listener"], THEIRS)
+    server = LinuxBoard(launcher, THEIRS, interfaces=["bench0"])
+    watch = launcher.run([BIN / "teskctl", "--json", "watch", "--status", "0"], THEIRS, server.env)
     watch.read_line()
     followers = {"floor": [bare], "linux": [watch, *server.processes]}
     for _ in range(min(bench.rounds, MOST_ROUNDS)):
@@ -141,8 +141,8 @@ def links(bench):
                           time_rise(tap, listener))
             for each in others:
                 each.process.send_signal(signal.SIGCONT)
-    lab.end(watch)
-    lab.end(bare)
+    launcher.end(watch)
+    launcher.end(bare)
     flaps(bench, tap, server.processes[0].pid)
     server.end()
 
@@ -159,9 +159,9 @@ def flaps(bench, tap, pid):
 
 
 def slow_module(bench):
-    lab = bench.lab
+    launcher = bench.launcher
     run_ip("link add slow0 type veth peer name slow1", "link set slow0 up", "link set slow1 up")
-    servers = [Tesk(lab, THEIRS), LinuxBoard(lab, THEIRS, interfaces=["slow0"], read_ms=SFP_READ_MS)]
+    servers = [Tesk(launcher, THEIRS), LinuxBoard(launcher, THEIRS, interfaces=["slow0"], read_ms=SFP_READ_MS)]
     for server in servers:
         wait_until(lambda: b"rx power" in output_of(server, "pm"), "the module is measured")
     for number in range(4 * min(bench.rounds, MOST_ROUNDS)):
@@ -183,12 +183,12 @@ def output_of(server, command):
 
 def idle(bench):
     """One stretch of time and nothing else. The bytes are those that would come from the modules."""
-    lab, seconds = bench.lab, 10 if bench.quick else 20
+    launcher, seconds = bench.launcher, 10 if bench.quick else 20
     pairs = [(f"idle{number}", f"idle{number + 1}") for number in range(0, PORTS, 2)]
     run_ip(*(f"link add {a} type veth peer name {b}" for a, b in pairs),
            *(f"link set {name} up" for pair in pairs for name in pair))
-    simulated = Tesk(lab, THEIRS, ports=PORTS)
-    server = LinuxBoard(lab, THEIRS, interfaces=[name for pair in pairs for name in pair],
+    simulated = Tesk(launcher, THEIRS, ports=PORTS)
+    server = LinuxBoard(launcher, THEIRS, interfaces=[name for pair in pairs for name in pair],
                         reader=[BIN / "tesk-module-reader"])
     pids = {"simulated": simulated.processes[0].pid, "library": server.processes[0].pid,
             "reader": server.reader_pid}

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_instructions - what libmbx spends in user space on a signal, for callgrind to count: a
-   server's mailbox and some clients in processes of their own, which answer each signal with one,
-   so that everything comes in the same order each time. Prints, as JSON, how often each thing was
-   done; callgrind writes one profile for each. */
+/* mbx_instructions - the instructions of libmbx in user space for a signal, counted by callgrind: a
+   server's mailbox, and clients in processes of their own that answer each signal with one, so that
+   the order is the same each time. Prints, as JSON, how often each case ran; callgrind writes one
+   profile for each. */
 #include "benchmarks/harness.h"
 #include "platform/mbx/mbx.h"
 
@@ -37,7 +37,7 @@ struct received {
 
 } // namespace
 
-/* As a server does: it is called when the descriptor is readable, and for any signal. */
+/* Receives as a server does: any signal, once the descriptor is readable. */
 static received receive()
 {
     pollfd wanted = {mbx_get_fd(), POLLIN, 0};
@@ -70,7 +70,7 @@ static void add_client()
 
 static void count(const char *what, const std::function<void()> &run)
 {
-    run(); /* what is done once only */
+    run(); /* includes work that is done once only */
     CALLGRIND_ZERO_STATS;
     for (uint32_t index = 0; index < times; index++)
         run();

@@ -34,7 +34,7 @@ def label(value):
 
 
 def draw_panel(title, x_axis, y_axis, x_labels, lines):
-    """`lines` are lists of points; `x_labels` are pairs of a place and what stands there."""
+    """`lines` are lists of points; `x_labels` are pairs of a place and its text."""
     parts = [text(x_axis / 2, -14, title, more='font-weight="bold"')]
     for mark in y_axis.marks:
         y = PANEL_HEIGHT - y_axis.place(mark)
@@ -73,7 +73,7 @@ def draw(panels, legend):
 
 
 def draw_latencies(latencies, labels):
-    """For each measure, what share of the times is below which time."""
+    """For each measure, the share of the times below each time."""
     percents = [0, 10, 25, 50, 75, 90, 95, 99]
     wanted = ["round trip, capabilities, 1 core", "round trip, capabilities, 2 cores",
               "event to last receipt, 10 subscribers", "event to last receipt, 100 subscribers",
@@ -95,7 +95,7 @@ def draw_latencies(latencies, labels):
 
 
 def draw_growth(series):
-    """For one and for many holders: the ratio to the smallest case over the number of ports."""
+    """For one and for many clients: the ratio to the smallest case over the number of ports."""
     curves = {}
     for each in series.values():
         if match := re.match(r"growth (\D+) ([\d,]+) ports?, ([\d,]+) client", each.key):

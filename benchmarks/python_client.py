@@ -1,15 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 """A client in Python that is measured: python_client.py tesk | asyncio | redis ADDRESS
 
-Is told by lines as the other clients are, see harness.h, but for calls alone: KIND is that of the
-request, and it answers with the nanoseconds of each call."""
+Carries out the lines "calls KIND COUNT" of stdin as the other clients do, see harness.h, and prints
+the nanoseconds of each call."""
 import asyncio
 import sys
 import time
 
 
 def requests():
-    """The lines: a kind and how many calls of it."""
+    """Of each line, the kind and a range of the calls."""
     for line in sys.stdin:
         _, kind, count = line.split()
         yield int(kind), range(int(count))
@@ -20,7 +20,7 @@ def print_times(marks):
 
 
 def serve_calls(calls):
-    """Makes one call after the other; what stands between two of them is a look at the clock."""
+    """Makes one call after the other and reads the clock between them."""
     now = time.monotonic_ns
     for kind, times in requests():
         call = calls[kind]

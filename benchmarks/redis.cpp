@@ -1,10 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* redis - Redis through hiredis: a request is a GET of what would be answered, many are pipelined,
-   an event is a PUBLISH by a process of its own. ADDRESS is the path of redis-server's socket. */
+/* redis - Redis through hiredis: a request is a GET of a value of the answer's size, requests in
+   flight are pipelined, an event is a PUBLISH by a process of its own. ADDRESS is the path of
+   redis-server's socket. */
 #include "benchmarks/harness.h"
 
 #include <hiredis/hiredis.h>
 #include <sys/epoll.h>
+#include <unistd.h>
 
 using namespace bench;
 
@@ -16,6 +18,13 @@ static redisContext *connect_redis(const std::string &path)
     return context;
 }
 
+static void check(const redisContext *context, int result)
+{
+    if (result != REDIS_OK)
+        fail(std::string("Redis: ") + context->errstr);
+}
+
+/* Frees a reply, which must be no error. */
 static void free_good(void *reply)
 {
     if (reply == nullptr || static_cast<redisReply *>(reply)->type == REDIS_REPLY_ERROR)
@@ -29,51 +38,75 @@ namespace
 class redis_client : public client
 {
   public:
-    explicit redis_client(const std::string &address) : context(connect_redis(address))
+    redis_client(const std::string &address, waiting how)
+        : context_(connect_redis(address)),
+          epoll_(how == waiting::in_epoll ? watch(context_->fd) : -1)
     {
     }
 
-    void call(request_kind kind) override
+    ~redis_client() override
     {
-        free_good(redisCommand(context, "GET %d", static_cast<int>(kind)));
+        if (epoll_ != -1)
+            close(epoll_);
+        redisFree(context_);
     }
 
     void send(request_kind kind) override
     {
-        redisAppendCommand(context, "GET %d", static_cast<int>(kind));
+        redisAppendCommand(context_, "GET %d", static_cast<int>(kind));
     }
 
     void receive() override
     {
         void *reply = nullptr;
-        redisGetReply(context, &reply);
+        if (epoll_ == -1)
+            redisGetReply(context_, &reply);
+        else
+            reply = await_reply();
         free_good(reply);
     }
 
     void subscribe()
     {
-        free_good(redisCommand(context, "SUBSCRIBE events"));
+        free_good(redisCommand(context_, "SUBSCRIBE events"));
     }
 
   private:
-    redisContext *context;
+    /* As redisGetReply, with epoll_wait before each read: commands are written once no reply is
+       left in the buffer. */
+    void *await_reply()
+    {
+        void *reply = nullptr;
+        check(context_, redisGetReplyFromReader(context_, &reply));
+        for (int done = reply != nullptr; done == 0;)
+            check(context_, redisBufferWrite(context_, &done));
+        while (reply == nullptr) {
+            await_ready(epoll_);
+            check(context_, redisBufferRead(context_));
+            check(context_, redisGetReplyFromReader(context_, &reply));
+        }
+        return reply;
+    }
+
+    redisContext *context_;
+    int epoll_;
 };
 
 } // namespace
 
-static std::unique_ptr<client> connect(const std::string &address)
+static std::unique_ptr<client> connect(const std::string &address, waiting how)
 {
-    return std::make_unique<redis_client>(address);
+    return std::make_unique<redis_client>(address, how);
 }
 
-static void subscribe(const std::string &address, receipts &told)
+static void subscribe(const std::string &address, waiting how, receipts &record)
 {
-    redis_client connection(address);
+    redis_client connection(address, how);
     connection.subscribe();
-    told.note_ready();
+    record.note_ready();
     for (;;) {
         connection.receive();
-        told.note_told();
+        record.note_receipt();
     }
 }
 

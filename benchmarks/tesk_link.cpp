@@ -25,24 +25,23 @@ static bool is_rejection(uint32_t number)
            number == TESK_SUBSCRIBE_PORT_STATUS_REJ || number == TESK_UNSUBSCRIBE_PORT_STATUS_REJ;
 }
 
-tesk_link::tesk_link(waits where, int64_t patience_ns)
+tesk_link::tesk_link(waiting how, int64_t patience_ns)
 {
     const int64_t deadline = now_ns() + patience_ns;
     if (mbx_init(5, 0, 0, 0, 0) == 0)
-        own = mbx_create_mailbox(nullptr, 0);
-    if (own == MBX_NO_MAILBOX)
+        own_ = mbx_create_mailbox(nullptr, 0);
+    if (own_ == MBX_NO_MAILBOX)
         fail("no mailbox");
-    if (where == waits::on_epoll)
-        epoll = watch(mbx_get_fd());
-    while ((server = mbx_locate(TESK_SERVER_NAME)) == MBX_NO_MAILBOX && errno == ENOENT &&
+    if (how == waiting::in_epoll)
+        epoll_ = watch(mbx_get_fd());
+    while ((server_ = mbx_locate(TESK_SERVER_NAME)) == MBX_NO_MAILBOX && errno == ENOENT &&
            now_ns() < deadline)
         usleep(100);
-    if (server == MBX_NO_MAILBOX)
+    if (server_ == MBX_NO_MAILBOX)
         fail(std::string("the server can't be reached: ") + std::strerror(errno));
-    establish();
 }
 
-void tesk_link::establish()
+void tesk_link::connect()
 {
     mbx_signal *signal =
         mbx_alloc(sizeof(tesk_conn_establish_req) + sizeof(uint32_t), TESK_CONN_ESTABLISH_REQ);
@@ -51,15 +50,15 @@ void tesk_link::establish()
     request->protocol_rev[0] = TESK_PROTOCOL_REVISION;
     tesk_swap_words(request->protocol_rev[0]);
     tesk_swap_byte_order(*request);
-    mbx_send(&signal, server, MBX_OWN_MAILBOX);
+    mbx_send(&signal, server_, MBX_OWN_MAILBOX);
     await(TESK_CONN_ESTABLISH_CFM);
 }
 
 tesk_link::~tesk_link()
 {
-    if (epoll != -1)
-        close(epoll);
-    mbx_delete_mailbox(own);
+    if (epoll_ != -1)
+        close(epoll_);
+    mbx_delete_mailbox(own_);
 }
 
 void tesk_link::send(uint32_t number, uint32_t port)
@@ -67,20 +66,19 @@ void tesk_link::send(uint32_t number, uint32_t port)
     const uint32_t size = size_of(number);
     mbx_signal *signal = mbx_alloc(size, number);
     auto *request = reinterpret_cast<tesk_port_signal *>(signal);
-    request->connection_ref = connection_ref;
+    request->connection_ref = connection_ref_;
     tesk_swap_words(request->procedure_ref, request->connection_ref);
     if (size > sizeof(tesk_get_capabilities_req)) {
         request->port_no = port;
         tesk_swap_words(request->port_no);
     }
-    mbx_send(&signal, server, MBX_OWN_MAILBOX);
+    mbx_send(&signal, server_, MBX_OWN_MAILBOX);
 }
 
 uint32_t tesk_link::receive()
 {
-    epoll_event event;
-    while (epoll != -1 && epoll_wait(epoll, &event, 1, -1) != 1) {
-    }
+    if (epoll_ != -1)
+        await_ready(epoll_);
     mbx_signal *signal = mbx_receive(nullptr, -1, MBX_ANY_SENDER);
     const uint32_t number = signal->number;
     if (is_rejection(number))
@@ -88,7 +86,7 @@ uint32_t tesk_link::receive()
     if (number == TESK_CONN_ESTABLISH_CFM) {
         auto *answer = reinterpret_cast<tesk_conn_establish_cfm *>(signal);
         tesk_swap_byte_order(*answer);
-        connection_ref = answer->connection_ref;
+        connection_ref_ = answer->connection_ref;
     }
     mbx_free(&signal);
     return number;

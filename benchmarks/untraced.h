@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* untraced - put before the server's sources: to them no trace group is ever on, so that the
-   compiler leaves the traces out. */
+/* untraced - included before the server's sources: all trace groups are constantly off, so that the
+   compiler removes the traces. */
 #pragma once
 
 #include "platform/zel/zel.h"

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# tesk_options: the warnings and sanitizers that all our sources are built with.
+# tesk_options: the warnings and sanitizers of all our sources.
 set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 option(TESK_COVERAGE "Build for a line coverage report" OFF)
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Reads the temperature of some ports, all at once: example_client_cpp PORT... */
+/* Reads the temperatures of ports, with all requests sent at once: example_client_cpp PORT... */
 #include "tesk_client/tesk_client.h"
 
 #include <cstdio>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Talks to tesk-server without the client library and shows each signal as bytes: exchange [PORT].
-   It is the exchange of docs/protocol.md. */
+/* Exchanges signals with tesk-server without the client library and shows each as bytes: exchange
+   [PORT]. docs/protocol.md shows its output. */
 #if __has_include(<tesk_platform/mbx.h>)
 #include <tesk_platform/mbx.h> /* installed */
 #else
@@ -29,7 +29,7 @@ static void show(const char *direction, const mbx_signal *signal)
         const uint32_t width = size - at < 16 ? size - at : 16;
         const bool were_zeros = zeros;
         zeros = bytes[at] == 0 && memcmp(bytes + at, bytes + at + 1, width - 1) == 0;
-        if (zeros && were_zeros) /* a run of zeros is shown by its first line alone */
+        if (zeros && were_zeros) /* only the first line of a run of zeros is shown */
             continue;
         printf("%5u ", at);
         for (uint32_t byte = 0; byte < width; byte++)
@@ -38,7 +38,7 @@ static void show(const char *direction, const mbx_signal *signal)
     }
 }
 
-/* Sends the number and the words behind it, which go in network byte order. */
+/* Sends a signal with that number; the words are put into network byte order. */
 static void ask(uint32_t server, uint32_t number, const uint32_t *words, uint32_t count)
 {
     mbx_signal *signal = mbx_alloc(4 + 4 * count, number);
@@ -50,8 +50,8 @@ static void ask(uint32_t server, uint32_t number, const uint32_t *words, uint32_
     mbx_send(&signal, server, MBX_OWN_MAILBOX);
 }
 
-/* Shows the next signal of the server and gives its connection_ref. */
-static uint32_t hear(uint32_t server)
+/* Shows the next signal of the server and returns its connection_ref. */
+static uint32_t receive(uint32_t server)
 {
     mbx_signal *signal = mbx_receive(NULL, 2000, server);
     if (signal == NULL) {
@@ -77,14 +77,14 @@ int main(int argc, char **argv)
 
     /* procedure_ref 1, our own reference 7, one revision: 1 */
     ask(server, TESK_CONN_ESTABLISH_REQ, (const uint32_t[]){1, 7, 1, 1}, 4);
-    const uint32_t client_id = hear(server);
+    const uint32_t client_id = receive(server);
     ask(server, TESK_SUBSCRIBE_PORT_STATUS_REQ, (const uint32_t[]){2, client_id, port_no, 0}, 4);
-    hear(server); /* the confirmation */
-    hear(server); /* the first indication */
+    receive(server); /* the confirmation */
+    receive(server); /* the first indication */
     ask(server, TESK_UNSUBSCRIBE_PORT_STATUS_REQ, (const uint32_t[]){3, client_id, port_no}, 3);
-    hear(server);
+    receive(server);
     ask(server, TESK_UNSUBSCRIBE_PORT_STATUS_REQ, (const uint32_t[]){4, client_id, port_no}, 3);
-    hear(server); /* a rejection */
+    receive(server); /* a rejection */
     mbx_exit();
     return 0;
 }

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-# shellcheck shell=bash disable=SC2034 # sourced; the lists are for those who source it
-# What the commands of the tree share: packages, builds, messages. Sourced by them and by the tests of
-# what is installed.
+# shellcheck shell=bash disable=SC2034 # sourced; the lists are for the scripts that source it
+# Functions and lists that the commands of the tree share: packages, builds, messages. Sourced by them
+# and by the tests of the installation.
 
-# The packages by what needs them. Everything comes from Debian.
+# The packages, by purpose. All come from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
                 libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev libjs-dygraphs)
 packages_run_linux=(iproute2)
@@ -11,12 +11,12 @@ packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytes
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
               g++-s390x-linux-gnu prometheus prometheus-node-exporter chromium chromium-driver
-              python3-selenium)
+              python3-selenium relacy-dev)
 # For a real kernel in an emulated machine; the kernel itself is fetched and not installed.
 packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
                  libssl3)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
-                libhiredis-dev libgrpc++-dev protobuf-compiler-grpc protobuf-compiler
+                libhiredis-dev libgrpc++-dev libprotobuf-dev protobuf-compiler-grpc protobuf-compiler
                 python3-redis python3-hiredis prometheus-node-exporter)
 
 say() {
@@ -59,7 +59,7 @@ require_packages() {
     done
 }
 
-# Debian starts the services that it installs; of these we want the programs only.
+# Debian starts the services that it installs; only the programs are needed.
 stop_service() { # NAME
     local as_root=()
     [ "$(id -u)" -eq 0 ] || as_root=(sudo)
@@ -71,7 +71,7 @@ stop_service() { # NAME
     fi
 }
 
-# Follows a build on standard error: how far it is, [n/m], in place on a terminal, else every 15 s.
+# Shows the progress of a build on standard error, [n/m], in place on a terminal, else every 15 s.
 show_progress() {
     local line next=$((SECONDS + 15))
     while IFS= read -r line; do
@@ -86,7 +86,7 @@ show_progress() {
     [ ! -t 2 ] || printf '\r\033[K' >&2
 }
 
-# configure_and_build PRESET [cmake option..]: the log stands in build/PRESET.log.
+# configure_and_build PRESET [cmake option..]: the log is build/PRESET.log.
 configure_and_build() {
     local preset=$1
     shift

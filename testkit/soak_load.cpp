@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The mixed load of ./soak: for a number of seconds, cycles of busy clients, a flood, lives that
-   end anywhere and ports that flap, each followed by quiet. What the server takes in the quiet is
-   compared: the second quarter of the time, when everything has been seen once, with the last. */
+/* The mixed load of ./soak: for a number of seconds, cycles of busy clients, a flood, clients that
+   are killed at any moment and flapping ports, each followed by an idle phase. Memory and
+   descriptors are measured in the idle phase, answer times in both; the second quarter of the time,
+   after every kind of load has occurred, is compared with the last. */
 #include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
 
@@ -18,13 +19,13 @@ using clock_type = std::chrono::steady_clock;
 
 static constexpr int busy_clients = 12, short_lives = 40, flaps = 60, answers = 400;
 
-/* Flat: no descriptor more, no more memory than this, and answers that take no longer than others'
-   work on the machine explains. */
+/* Flat: no more descriptors, at most this growth of memory, and answers slower by no more than
+   other work on the machine explains. */
 static constexpr double more_resident = 1.02, more_resident_kib = 128;
 static constexpr double slower = 1.5, slower_us = 100;
 
 struct figures {
-    double resident_kib, descriptors, quiet_us, loaded_us;
+    double resident_kib, descriptors, idle_us, loaded_us;
 };
 
 static double median(std::vector<double> values)
@@ -49,12 +50,12 @@ class soak
             for (auto &one : load)
                 one =
                     std::make_unique<testkit::test_client>(&one == &load.back() ? "flood" : "load");
-            live_and_die();
+            kill_clients();
             flap();
             found.loaded_us = answer_us();
         }
-        await_quiet();
-        found.quiet_us = answer_us();
+        await_idle();
+        found.idle_us = answer_us();
         found.resident_kib = static_cast<double>(testkit::status_of(server_.pid, "VmRSS"));
         found.descriptors = static_cast<double>(testkit::descriptors_of(server_.pid));
         return found;
@@ -66,7 +67,7 @@ class soak
     }
 
   private:
-    void live_and_die()
+    void kill_clients()
     {
         for (int life = 0; life < short_lives; life++) {
             const pid_t client = testkit::start({TESK_BIN_DIR "/test_client", "load"});
@@ -98,9 +99,9 @@ class soak
         return median(took);
     }
 
-    /* All clients but the witness are forgotten: the board shows it first, then the descriptors,
-       which go down until they stay. */
-    void await_quiet()
+    /* Waits until the server has removed all clients but the witness: first the board's
+       subscriptions end, then the number of descriptors falls until it is constant. */
+    void await_idle()
     {
         testkit::board("wait unsubscribed 0-15 port");
         testkit::board("wait unsubscribed 0-15 link");
@@ -135,11 +136,11 @@ struct row {
 static constexpr row rows[] = {
     {"resident memory, KiB", &figures::resident_kib, more_resident, more_resident_kib},
     {"descriptors", &figures::descriptors, 1, 0},
-    {"answer in the quiet, us", &figures::quiet_us, slower, slower_us},
+    {"answer when idle, us", &figures::idle_us, slower, slower_us},
     {"answer under load, us", &figures::loaded_us, slower, 10 * slower_us},
 };
 
-/* Whether it is flat. */
+/* Prints the table and returns whether all figures are flat. */
 static bool report(const std::vector<figures> &all)
 {
     const size_t quarter = all.size() / 4;

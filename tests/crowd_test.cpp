@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Crowds, strangers and misbehaviour, in real processes: what they may cost and whom they may not
-   hold up. TESK_LONG=1 runs the counts that take minutes. */
+/* Many clients, hostile peers and misbehaviour, in real processes: they cost a bounded amount and
+   delay no other client. TESK_LONG=1 runs the counts that take minutes. */
 #include "platform/mbx/mbx.h"
-#include "platform/mbx/mbx_socket.h"
 #include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
+#include "testkit/raw_peer.h"
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -62,31 +62,25 @@ struct client : testkit::test_client {
     }
 };
 
-/* Somebody who speaks to the server's socket without our library. */
-struct stranger {
-    owned_fd control{testkit::connect_to(std::string(getenv("MBX_DIR")) + "/tesk-server")};
-    datagram_pair pair = make_datagram_pair();
-    owned_fd tx; /* what we send signals into, after the greeting */
-
-    void greet()
+/* A peer that uses the server's socket without the mailbox library's rules. */
+struct stranger : raw_peer {
+    stranger() : raw_peer(std::string(getenv("MBX_DIR")) + "/tesk-server")
     {
-        send_greeting(control.get(), greeting_kind::hello, make_token(), pair.tx.get());
-        testkit::await(control.get(), "answer to the greeting");
-        tx = std::move(receive_greeting(control.get()).value().tx);
     }
     void send(std::vector<uint32_t> words)
     {
         for (size_t index = 1; index < words.size(); index++)
             words[index] = htonl(words[index]);
-        ::send(tx.get(), words.data(), 4 * words.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        send_signal(words.data(), static_cast<uint32_t>(4 * words.size()));
     }
     /* The third word of the next signal. */
     uint32_t receive()
     {
-        uint32_t words[128] = {};
-        testkit::await(pair.rx.get(), "signal");
-        recv(pair.rx.get(), words, sizeof(words), 0);
-        return ntohl(words[2]);
+        block *b = nullptr;
+        bool asks;
+        while (in.pop(b, asks) == record_receiver::outcome::nothing)
+            std::this_thread::yield();
+        return ntohl(reinterpret_cast<uint32_t *>(b->signal())[2]);
     }
 };
 
@@ -108,8 +102,8 @@ class crowd : public testing::Test
         testkit::board("set 0-15 link=up inserted=yes ready=yes readable=yes connector=lc");
     }
 
-    /* The board is as if nobody had ever subscribed, and there are no more descriptors than before
-       (fewer, when those who looked for the server were not forgotten yet). */
+    /* The board has no subscriptions, and there are at most as many descriptors as before (fewer if
+       the server had not yet removed processes that located it). */
     static void expect_nothing_left(const testkit::server &server, size_t descriptors)
     {
         testkit::board("wait unsubscribed 0-15 port");
@@ -118,7 +112,7 @@ class crowd : public testing::Test
     }
 };
 
-TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
+TEST_F(crowd, a_thousand_clients_receive_indications_and_leave_nothing_behind)
 {
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -154,7 +148,7 @@ TEST_F(crowd, a_thousand_clients_are_told_and_forgotten)
     printf("%ld KiB resident and %zu descriptors with all clients\n", memory, used);
 }
 
-TEST_F(crowd, clients_that_die_anywhere_leave_nothing_behind)
+TEST_F(crowd, clients_that_die_at_any_moment_leave_nothing_behind)
 {
     testkit::server server;
     const size_t descriptors = testkit::descriptors_of(server.pid);
@@ -186,9 +180,9 @@ TEST_F(crowd, clients_that_die_anywhere_leave_nothing_behind)
     EXPECT_EQ(server.stop(), 0);
 }
 
-/* One never reads and fills what may wait for him; another is stopped for as long, but has fewer
-   subscriptions; a third is told everything at once all the while. */
-TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
+/* One client never reads and fills its backlog; another is stopped for as long, but has fewer
+   subscriptions; a third receives all its indications at once meanwhile. */
+TEST_F(crowd, a_client_that_never_reads_is_disconnected_and_a_stopped_one_misses_nothing)
 {
     testkit::server server(traced("1,4"));
     equip_ports();
@@ -215,7 +209,7 @@ TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
         const char *state = flaps % 2 == 0 ? "no" : "yes";
         testkit::board(std::string("set 0-15 inserted=") + state + " ready=" + state);
         expect_flap(other, flaps++);
-        ASSERT_LT(flaps, 3000) << "he is not given up";
+        ASSERT_LT(flaps, 3000) << "it is not disconnected";
     }
     testkit::board("wait unsubscribed 0-15 link");
     const long cost = testkit::status_of(server.pid, "VmHWM") - before;
@@ -225,28 +219,25 @@ TEST_F(crowd, who_never_reads_is_given_up_and_who_is_stopped_misses_nothing)
         expect_flap(stopped, flap);
     EXPECT_TRUE(stopped.is_answered());
     EXPECT_EQ(server.stop(), 0);
-    printf("given up after %d signals; both cost %ld KiB\n", flaps * 32, cost);
+    printf("disconnected after %d signals; both cost %ld KiB\n", flaps * 32, cost);
 }
 
-TEST_F(crowd, a_stranger_harms_nobody)
+TEST_F(crowd, a_hostile_peer_affects_no_client)
 {
     using act = void (*)(stranger &);
     static constexpr std::pair<const char *, act> acts[] = {
         {"says nothing", [](stranger &) {}},
         {"talks nonsense", [](stranger &s) { ::send(s.control.get(), "hello", 5, 0); }},
-        {"passes no socket",
-         [](stranger &s) { send_greeting(s.control.get(), greeting_kind::hello, {1}, 0); }},
-        {"shuts its sending end", [](stranger &s) { s.greet(), shutdown(s.tx.get(), SHUT_RDWR); }},
-        {"re-connects it",
-         [](stranger &s) {
-             const sockaddr none = {};
-             s.greet(), connect(s.tx.get(), &none, sizeof(none));
-         }},
+        {"passes a descriptor", [](stranger &s) { s.pass({0}); }},
+        {"passes one later", [](stranger &s) { s.greet(), s.pass({0}); }},
+        {"rings without a signal", [](stranger &s) { s.greet(), s.ring(); }},
+        {"claims what can't be",
+         [](stranger &s) { s.greet(), s.to_mailbox().head = 13, s.ring(); }},
         {"shuts its socket", [](stranger &s) { s.greet(), shutdown(s.control.get(), SHUT_RDWR); }},
-        {"sends nothing at all", [](stranger &s) { s.greet(), ::send(s.tx.get(), "", 0, 0); }},
+        {"sends nothing at all", [](stranger &s) { s.greet(), s.send_signal("", 0); }},
         {"takes no answer",
          [](stranger &s) {
-             s.greet(), s.pair.rx.reset(), s.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
+             s.greet(), s.near_bell.reset(), s.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
          }},
         {"forges the exit signal", [](stranger &s) { s.greet(), s.send({TESK_EXIT_SIGNAL}); }},
         {"forges a death", [](stranger &s) { s.greet(), s.send({MBX_MONITOR_DEFAULT_NO}); }},
@@ -263,7 +254,7 @@ TEST_F(crowd, a_stranger_harms_nobody)
                 perform(*all.back());
                 ASSERT_TRUE(witness.is_answered()) << "a stranger that " << what;
             }
-        for (int index = 0; index < 3; index++) /* those who said nothing are shown out */
+        for (int index = 0; index < 3; index++) /* silent peers are disconnected */
             testkit::await(all[static_cast<size_t>(index)]->control.get(), "end of a silent one");
     }
     expect_nothing_left(server, descriptors);
@@ -290,7 +281,7 @@ TEST_F(crowd, a_million_unknown_signals_cost_nothing)
     printf("%u unknown signals in %.1f s, at a cost of %ld KiB\n", number, took.count(), cost);
 }
 
-TEST_F(crowd, without_descriptors_the_clients_there_are_go_on)
+TEST_F(crowd, without_descriptors_connected_clients_are_served)
 {
     constexpr long probe_ms = 2000;
     const auto probe = [] {
@@ -330,7 +321,7 @@ TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
     for (client *one : {&first, &second})
         EXPECT_EQ(one->receive().number(), MBX_MONITOR_DEFAULT_NO);
     server = std::make_unique<testkit::server>();
-    first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to nobody */
+    first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to a dead server */
     client third;
     EXPECT_EQ(third.id, 0u);
     EXPECT_TRUE(third.is_answered());
@@ -338,7 +329,7 @@ TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
     EXPECT_EQ(server->stop(), 0);
 }
 
-TEST_F(crowd, of_servers_started_together_one_stays)
+TEST_F(crowd, of_servers_started_together_one_runs)
 {
     for (int round = 0; round < 10; round++) {
         const pid_t servers[] = {testkit::start({executable}), testkit::start({executable})};
@@ -357,7 +348,7 @@ TEST_F(crowd, of_servers_started_together_one_stays)
     }
 }
 
-TEST_F(crowd, a_directory_that_is_full_read_only_or_gone_is_told)
+TEST_F(crowd, a_directory_that_is_full_read_only_or_missing_ends_the_start)
 {
     const std::string output = directory.path + "/output";
     const auto expect_refusal = [&] {
@@ -392,8 +383,9 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_gone_is_told)
     EXPECT_EQ(testkit::server().stop(), 0);
 }
 
-/* Signals wait from everybody when the server goes on: how often was each handled before ours? */
-TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_end)
+/* All peers have a backlog when the server continues: counts the signals of each that are handled
+   before the request. */
+TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_server_stops)
 {
     for (const size_t neighbours : {8u, 90u}) {
         testkit::server server(traced("4,17,18"));
@@ -427,12 +419,13 @@ TEST_F(crowd, a_flood_gives_way_to_a_request_after_one_signal_each_and_to_the_en
         const duration<double, std::milli> took = steady_clock::now() - began;
         EXPECT_LT(took, seconds(count_of(5, 1))); /* a machine of any speed runs the usual one */
         testkit::await_line(traces, "TESK server terminated", seen);
-        printf("of %zu neighbours %.1f had their turn before ours; ended within %.0f ms\n",
+        printf("of %zu neighbours %.1f had a signal handled before the request; ended within %.0f "
+               "ms\n",
                neighbours, static_cast<double>(turns) / 20, took.count());
     }
 }
 
-TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
+TEST_F(crowd, stop_signals_on_both_threads_shut_it_down_cleanly)
 {
     for (int run = count_of(15, 200); run > 0 && !HasFailure(); run--) {
         testkit::server server(traced("1,4"));
@@ -455,7 +448,7 @@ TEST_F(crowd, stop_signals_on_both_threads_end_it_orderly)
     }
 }
 
-/* What a process of another user may do, by hand: nothing. */
+/* Tries, as a process of another user, each way in: none may succeed. */
 static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t server)
 {
     const std::string socket = names + "/tesk-server";
@@ -476,7 +469,7 @@ static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t
     return testkit::wait_for_end(child) == 0;
 }
 
-TEST_F(crowd, who_is_not_in_the_group_is_kept_out)
+TEST_F(crowd, a_user_outside_the_group_is_kept_out)
 {
     constexpr uid_t user = 54321;
     constexpr gid_t group = 54322;

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# A real Prometheus scrapes tesk-exporter with the rules of contrib/prometheus, which don't wait here: a
+# A real Prometheus scrapes tesk-exporter with the rules of contrib/prometheus, here without delays: a
 # laser warms up on the board, the alert fires with the labels of its port, the laser cools down, the
-# alert resolves; the server is killed, which is another alert. Called with the build folder; 77 says
-# that there is no Prometheus here.
+# alert resolves; the server is killed, which fires another alert. Called with the build folder; exits
+# with 77 without Prometheus.
 set -euo pipefail
 build=$1
 . "$(dirname "$0")/../scripts/common.sh"
@@ -35,7 +35,7 @@ prometheus --config.file="$work/prometheus.yml" --storage.tsdb.path="$work/data"
     --web.listen-address="$prometheus" --log.level=error &
 monitor=$!
 
-says() { # TEXT QUERY
+shows() { # TEXT QUERY
     promtool query instant "http://$prometheus" "$2" 2>/dev/null | grep -qF "$1"
 }
 is_empty() { # QUERY
@@ -43,21 +43,21 @@ is_empty() { # QUERY
     answer=$(promtool query instant "http://$prometheus" "$1" 2>&1) && [ -z "$answer" ]
 }
 firing='ALERTS{alertstate="firing"}'
-await $monitor says '=> 1 @' 'up{job="tesk"} == 1 and on(instance) tesk_up == 1'
-await $monitor says 'interface="port1"' 'tesk_port_temperature_celsius{port="1"}'
-await $monitor is_empty "$firing" # while they started, the server was away
+await $monitor shows '=> 1 @' 'up{job="tesk"} == 1 and on(instance) tesk_up == 1'
+await $monitor shows 'interface="port1"' 'tesk_port_temperature_celsius{port="1"}'
+await $monitor is_empty "$firing" # it may fire while the server starts
 "$build/bin/teskboard" set 1 temperature=90C
-await $monitor says 'alertname="TeskModuleInAlarm"' "$firing"
+await $monitor shows 'alertname="TeskModuleInAlarm"' "$firing"
 for label in 'grade="high_alarm"' 'interface="port1"' 'measurement="temperature"' 'port="1"' 'severity="critical"'; do
-    says "$label" "$firing" || fail "the alert has no $label"
+    shows "$label" "$firing" || fail "the alert has no $label"
 done
-# Grades are taken anew at most once a minute: a change of the link brings them at once.
+# Grades are read once a minute; a change of the link reads them at once.
 "$build/bin/teskboard" set 1 temperature=40C
 "$build/bin/teskboard" link 1 down
-await $monitor says 'alertname="TeskPortDown"' "$firing"
+await $monitor shows 'alertname="TeskPortDown"' "$firing"
 await $monitor is_empty 'ALERTS{alertname="TeskModuleInAlarm"}'
 "$build/bin/teskboard" link 1 up
 await $monitor is_empty "$firing"
 kill -KILL $server
-await $monitor says 'alertname="TeskServerDown"' "$firing"
+await $monitor shows 'alertname="TeskServerDown"' "$firing"
 echo "the alerts fired and resolved"

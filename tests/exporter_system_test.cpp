@@ -182,8 +182,9 @@ TEST_F(exporter_system, a_laser_that_warms_up_is_graded_again)
     start({"--ports", "1"});
     ASSERT_TRUE(await("/readyz", "200 OK"));
     testkit::board("set 1 temperature=90C");
-    EXPECT_TRUE(
-        await("/metrics", "{port=\"1\",measurement=\"temperature\",grade=\"high_alarm\"} 1\n"));
+    EXPECT_TRUE(await(
+        "/metrics",
+        "{port=\"1\",interface=\"port1\",measurement=\"temperature\",grade=\"high_alarm\"} 1\n"));
     EXPECT_TRUE(await("/metrics", "grade_refreshes_total{result=\"done\"} 1\n"));
     EXPECT_TRUE(await("/api/events?port=1", "\"change\":\"grades\"}"));
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs into a folder of its own, and there: a project from outside the tree, the example board
-# under the unchanged server, tesk-abi-check. Called with the source and the build folder.
+# Installs into a folder of its own and uses it: a project from outside the tree, the example board with
+# the unchanged server, tesk-abi-check. Called with the source and the build folder.
 set -euo pipefail
 source=$1 build=$2
 . "$source/scripts/common.sh"
@@ -27,7 +27,7 @@ cmake --install "$build" --prefix "$work/usr" >/dev/null
 teskctl=$work/usr/bin/teskctl
 libraries=$(dirname "$(find "$work/usr" -name libmbx.so.1)")
 
-# From outside the tree, also after the whole has been moved.
+# From outside the tree, also after the installation has been moved.
 mv "$work/usr" "$work/moved" && ln -s moved "$work/usr"
 PKG_CONFIG_PATH=$libraries/pkgconfig cmake -G Ninja -S "$source/tests/outside" -B "$work/outside" \
     -DCMAKE_PREFIX_PATH="$work/usr" -DEXAMPLES="$source/examples" >/dev/null
@@ -37,10 +37,10 @@ LD_LIBRARY_PATH=$libraries expect 0 "port 0: link" "$work/outside/by_pkgconfig" 
 expect 0 "degrees" "$work/outside/by_cmake" 1 1
 stop_server
 
-# Pages and examples are where a reader looks for them, and every example compiles as installed.
+# Pages and examples are installed, the links of the pages are valid, and every example compiles.
 doc=$work/usr/share/doc
 while read -r link; do
-    [ -f "$doc/tesk-server/$link" ] || fail "README.md leads to $link, which is not installed"
+    [ -f "$doc/tesk-server/$link" ] || fail "README.md links to $link, which is not installed"
 done < <(grep -ohE '\]\((docs/|CHANGELOG)[^)#]+' "$doc/tesk-server/README.md" | cut -c3-)
 for example in "$doc"/libtesk-client-dev/examples/*.c*; do
     case $example in
@@ -52,8 +52,8 @@ done
 [ -f "$doc/tesk-tools/examples/scenes/warm-up.scene" ] || fail "no scenes are installed"
 [ -f "$work/usr/share/man/man3/tesk_client.3" ] || fail "tesk_client(3) is not installed"
 
-# Completion, as installed, beside a server.
-completed() { # TOOL WORD.. ENDS_WITH: what is offered for the last word
+# The installed completion, with a running server.
+completed() { # TOOL WORD..: prints the completions of the last word
     PATH=$work/usr/bin:$PATH bash -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
         "_$1"; echo "${COMPREPLY[*]}"' _ "$work/usr/share/bash-completion/completions/$1" "$@" 2>/dev/null
 }
@@ -75,7 +75,7 @@ expect 0 '"module":"not present"' "$teskctl" --json sfp 0
 expect 1 "no such port" "$teskctl" status 2
 exec 3< <(timeout 30 "$teskctl" --json watch --sfp 0 --status 0)
 watch=$!
-told() { # TEXT..: all of them among the next indications, in any order
+await_indications() { # TEXT..: waits until the next indications contain all of them, in any order
     local line lines='' missing
     while read -r line <&3; do
         lines+=$line$'\n' missing=
@@ -84,12 +84,12 @@ told() { # TEXT..: all of them among the next indications, in any order
         done
         [ -n "$missing" ] || return 0
     done
-    fail "wanted $*, was told: $lines"
+    fail "wanted $*, received: $lines"
 }
-told '"link":"not operational"' '"module":"not present"'
+await_indications '"link":"not operational"' '"module":"not present"'
 mkdir "$work/part" && touch "$work/part/link" "$work/part/module"
 mv "$work/part" "$EXAMPLE_BOARD/port0"
-told '"link":"operational","speed_gbps":10.0' '"vendor":"EXAMPLE"'
+await_indications '"link":"operational","speed_gbps":10.0' '"vendor":"EXAMPLE"'
 kill "$watch"
 stop_server
 
@@ -112,4 +112,4 @@ done
 expect 1 '{"library":"libmbx.so.1","name":"mbx_alloc","text":"is missing"}' "$check" --json "$board"
 expect 2 "--help" "$check" "$work/nowhere"
 expect 0 "tesk-abi-check 1." "$check" --version
-echo "all is where it belongs"
+echo "the installation is complete"

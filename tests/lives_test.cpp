@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A few hundred random client lives against the real server. A model says what each answer, each
-   indication, the board's subscriptions and the history must be. */
+/* A few hundred random clients of the real server. A model predicts each answer, each indication,
+   the board's subscriptions and the history. */
 #include "tesk_server/tesk_cache.h"
 #include "tesk_server/tesk_client_data.h"
 #include "tesk_server/tesk_signals.h"
@@ -19,7 +19,7 @@ using action = std::array<uint32_t, 4>;             /* port, client_id, conn_ref
 static constexpr uint32_t ports = 4, absent_port = 40, clients = 5, lives_at_least = 300;
 
 struct kind_numbers {
-    uint32_t subscribe, unsubscribe, indication, subscribed, unsubscribed, told;
+    uint32_t subscribe, unsubscribe, indication, subscribed, unsubscribed, indicated;
     const char *field;
 };
 static constexpr kind_numbers kinds[] = {
@@ -105,14 +105,14 @@ class lives : public testing::Test
     /* An indication that this client must get now. */
     void expect_indication(life &of, uint32_t port, uint32_t kind)
     {
-        const testkit::message told = of.client->receive();
-        ASSERT_EQ(told.number(), kinds[kind].indication);
-        EXPECT_EQ(told.word(4), of.procedure_ref);
-        EXPECT_EQ(told.word(8), of.conn_ref);
-        EXPECT_EQ(told.word(12), port);
-        EXPECT_EQ(told.word(16),
+        const testkit::message received = of.client->receive();
+        ASSERT_EQ(received.number(), kinds[kind].indication);
+        EXPECT_EQ(received.word(4), of.procedure_ref);
+        EXPECT_EQ(received.word(8), of.conn_ref);
+        EXPECT_EQ(received.word(12), port);
+        EXPECT_EQ(received.word(16),
                   kind == TESK_SUBSCRIPTION_PORT_STATUS ? 1u + up[port] : 2u * ready[port]);
-        note(port, of, kinds[kind].told);
+        note(port, of, kinds[kind].indicated);
     }
 
     void subscribe(life &of, uint32_t port, uint32_t kind)
@@ -144,7 +144,7 @@ class lives : public testing::Test
         forget_empty_filters();
     }
 
-    /* Those who hold it, newest first. */
+    /* The subscribers, newest first. */
     std::vector<life *> holders(uint32_t port, uint32_t kind)
     {
         std::vector<life *> found;
@@ -211,7 +211,7 @@ class lives : public testing::Test
     void flip_link(uint32_t port)
     {
         if (holders(port, TESK_SUBSCRIPTION_PORT_STATUS).empty() || (up[port] && downs[port] == 2))
-            return; /* the filter is another test's */
+            return; /* another test checks the filter */
         up[port] = !up[port];
         downs[port] += up[port] ? 0 : 1;
         testkit::board("set " + std::to_string(port) + (up[port] ? " link=up" : " link=down"));
@@ -242,7 +242,7 @@ class lives : public testing::Test
     }
 };
 
-TEST_F(lives, leave_everything_as_it_must_be)
+TEST_F(lives, clients_answers_indications_and_history_are_as_the_model_predicts)
 {
     for (uint32_t port = 0; port < ports; port++)
         testkit::board("set " + std::to_string(port) +

@@ -63,7 +63,7 @@ fi
 if [ ! -f "$base" ]; then
     say "fetching a base system (once, takes some minutes)"
     timeout 900 mmdebstrap --quiet --format=tar --variant=minbase bookworm "$base.new" ||
-        fail "there is no base system to be had"
+        fail "the base system could not be fetched"
     rm -rf "$base"
     mv "$base.new" "$base"
 fi
@@ -149,7 +149,7 @@ expect 0 "rc " state_of tesk-platform-sim
 expect 0 "tesk-platform-linux" chroot "$root" dpkg -S libdolm_ric.so.0
 purge_all
 
-say "keeping an account that is not ours"
+say "keeping an account that the packages did not create"
 chroot "$root" useradd --system --user-group --comment tesk-server tesk
 apt install "${with_simulator[@]}"
 apt purge 'tesk-*' 'libtesk-*'

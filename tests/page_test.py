@@ -254,6 +254,20 @@ def picture(board, page):
     page.browser.save_screenshot(str(SOURCE / "docs/page.png"))
 
 
+def run_shows_it(place):
+    """./run --page tells an address where the page is, ends with Ctrl-C, and leaves nothing behind."""
+    for folder in "bin", "tmp":
+        Path(place, folder).mkdir()
+    Path(place, "bin/cmake").symlink_to("/bin/true")  # what it would build is built
+    env = {**os.environ, "PATH": f"{place}/bin:{os.environ['PATH']}", "TMPDIR": f"{place}/tmp"}
+    run = subprocess.Popen([SOURCE / "run", "--page"], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                           text=True, start_new_session=True)
+    port = next(found for line in run.stderr if (found := re.search(r"http://127.0.0.1:(\d+)/", line)))[1]
+    await_true(lambda: not socket.socket().connect_ex(("127.0.0.1", int(port))), "the page of ./run")
+    os.killpg(run.pid, signal.SIGINT)
+    assert run.wait(DEADLINE_S) == 130 and not os.listdir(f"{place}/tmp"), (run.returncode, os.listdir(f"{place}/tmp"))
+
+
 def main():
     with tempfile.TemporaryDirectory() as place:
         board = Board(place)
@@ -274,6 +288,7 @@ def main():
             complaints = page.browser.get_log("browser")
             assert not complaints, json.dumps(complaints)
             loss_is_told(board, page)
+            run_shows_it(place)
         finally:
             if page:
                 page.browser.quit()

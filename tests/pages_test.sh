@@ -1,16 +1,15 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Does what the pages say: pages_test.sh BUILD_DIR PAGE..
+# Runs the commands of the pages and compares their output: pages_test.sh BUILD_DIR PAGE..
 #
 # A block "console" of a page is a session: each line that begins with "$ " is a command, the lines
-# under it are what it writes. All such blocks of a page are one session in one shell, in a private
+# under it are its output. All such blocks of a page are one session in one shell, in a private
 # folder, with a server of their own unless the page starts one. A command must end with status 0,
-# or the next one is "echo $?". What it writes must have the shape that is shown: a number stands
-# for any number, blanks for any blanks, a line "..." for any lines; "console exactly" takes numbers
-# as they are. What a command with & writes is shown under the command at which it comes, in any
-# order. Of a man page the EXAMPLES are run and their status is looked at. A block "c FILE" or
-# "python FILE" is that file. The commands of a block "sh" can't be run here: each must be one of the
-# excused.
+# unless the next one is "echo $?". Its output must match the page: a number matches any number,
+# blanks match any blanks, a line "..." matches any lines; in "console exactly" numbers must be equal.
+# The output of a command with & is shown under the command during which it is written, in any order.
+# The EXAMPLES of a man page are run and their status is checked. A block "c FILE" or "python FILE"
+# becomes that file. The commands of a block "sh" can't be run here: each must be one of the excused.
 set -u
 export LC_ALL=C.UTF-8 # the degree sign
 
@@ -19,7 +18,7 @@ declare -A excused=(
     [promtool]="run by monitoring_test.py" [prometheus]="as in exporter_prometheus_test.sh"
     [./run]="ends with Ctrl-C" [scripts/fleet-trial]="takes long"
     [./bench]="takes long" [./soak]="takes long" [./fuzz]="takes long"
-    [scripts/build-packages]="builds the tree" [scripts/arm64-sysroot]="takes long" [gdb]="wants a terminal"
+    [scripts/build-packages]="builds the tree" [scripts/arm64-sysroot]="takes long" [gdb]="needs a terminal"
     [apt-get]="changes the machine" [adduser]="changes the machine" [ldconfig]="changes the machine"
     [tesk-module-reader]="shows this machine's ports"
     [systemctl]="needs the installed service" [journalctl]="needs the installed service"
@@ -32,7 +31,7 @@ shape() {
         if [ "$mode" = exactly ]; then cat; else sed -E 's/-?[0-9]+([.:][0-9]+)*/N/g'; fi
 }
 
-# As a glob pattern.
+# The shape as a glob pattern.
 pattern() {
     shape | sed 's/[][\\*?]/\\&/g; s/^\.\.\.$/*/'
 }
@@ -67,7 +66,7 @@ as_shown() {
     [ -n "$jobs" ] && [[ $(sort <<<"$actual") == $(sort <<<"$shown") ]]
 }
 
-# Ends a command that would go on, as Ctrl-C does, once it has written something.
+# Interrupts a command that does not end by itself, as Ctrl-C does, once it has written something.
 interrupted() {
     eval "$1 &"
     wait_for has_written || return 1
@@ -79,7 +78,7 @@ run() {
     [ -n "$command" ] || return 0
     local mode=$mode
     [ "$command" = 'echo $?' ] && mode=exactly
-    [ "$status" = 0 ] || [ "$command" = 'echo $?' ] || fail "status $status of what stands before"
+    [ "$status" = 0 ] || [ "$command" = 'echo $?' ] || fail "status $status of the command before"
     if [[ $command =~ ^teskctl.*\ (watch|top|ping)\  && ! $command =~ \ (--for|--count|-c)\  ]]; then
         interrupted "$command" >>"$log" 2>&1 </dev/null
     else
@@ -145,7 +144,7 @@ for page in "$@"; do
         ln -s "$source"/{run,scripts,examples,python,src,docs,contrib} .
         ln -s "$build" build/release && ln -s "$build" build/example
         : >"$log"
-        ln -s /bin/true "$place/bin/cmake" # what ./run would build is built
+        ln -s /bin/true "$place/bin/cmake" # the programs of ./run are built already
         export MBX_DIR=$place/mbx DOLM_RIC_SOCKET=$place/board.sock DOLM_RIC_PORT_MAP=$place/ports PATH=$place/bin:$build/bin:$PATH
         if ! grep -q '^\$ .*tesk-server.*&$' "$page"; then
             tesk-server &

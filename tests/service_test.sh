@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# The systemd unit and its companions as systemd's own tools see them. Called with the source and
-# the build folder; 77 says that there is no systemd here.
+# Checks the systemd units, sysusers and tmpfiles with systemd's own tools. Called with the source and
+# the build folder; exits with 77 without systemd.
 set -euo pipefail
 source=$1 build=$2
 . "$source/scripts/common.sh"

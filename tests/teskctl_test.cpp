@@ -93,6 +93,7 @@ static tesk_client_port_status status_of(uint32_t port_no)
 
 TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
 {
+    setlocale(LC_CTYPE, "C.UTF-8");
     top_view view({3, 4});
     tesk_client_port_status status = status_of(3);
     view.show(status);

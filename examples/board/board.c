@@ -1,14 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The smallest hardware library that works: a starting point for the library of a board.
 
-   The hardware is a directory (EXAMPLE_BOARD, by default /tmp/example_board), as a driver would
-   show it: port N has a module while the file portN/module is there, and its link is up while
-   portN/link is. Put your own accesses into the three functions below "the hardware"; the rest can
-   stay.
+   The hardware is a directory (EXAMPLE_BOARD, by default /tmp/example_board), as a driver might
+   provide it: port N has a module while the file portN/module exists, and its link is up while
+   portN/link exists. Replace the three functions below "the hardware"; the rest need not change.
 
-   There is no interrupt, so the event thread itself looks at the ports, ten times a second, while
-   it waits. A change is told for ports to which somebody subscribes. What was told last is kept per
-   port, so that no change is lost and none is told twice, however slow the event thread is. */
+   There is no interrupt, so the event thread polls the ports ten times a second while it waits.
+   Changes are reported for subscribed ports. The status reported last is kept for each port, so
+   that no change is lost or reported twice, however slow the event thread is. */
 #include "dolm_ric.h"
 
 #include <pthread.h>
@@ -21,35 +20,35 @@
 
 #define EXPORT __attribute__((visibility("default")))
 
-enum { PORTS = 2, LOOK_EVERY_MS = 100 };
+enum { PORTS = 2, POLL_INTERVAL_MS = 100 };
 
 /* ---- the hardware ---- */
 
-static bool there(uint32_t port, const char *what)
+static bool exists(uint32_t port, const char *file)
 {
     const char *board = getenv("EXAMPLE_BOARD");
     char path[256];
-    snprintf(path, sizeof(path), "%s/port%u/%s", board ? board : "/tmp/example_board", port, what);
+    snprintf(path, sizeof(path), "%s/port%u/%s", board ? board : "/tmp/example_board", port, file);
     return access(path, F_OK) == 0;
 }
 
 static uint32_t read_port_status(uint32_t port)
 {
     const uint32_t module = DOLM_RICRIPORT_MODINSERTED | DOLM_RICRIPORT_MODREADY;
-    return DOLM_RICRIPORT_STARTED | (there(port, "module") ? module : 0);
+    return DOLM_RICRIPORT_STARTED | (exists(port, "module") ? module : 0);
 }
 
 static uint32_t read_link_state(uint32_t port)
 {
-    return there(port, "module") && there(port, "link") ? DOLM_RICRILINKSTATE_OPERATIONAL
-                                                        : DOLM_RICRILINKSTATE_NOOPERATION;
+    return exists(port, "module") && exists(port, "link") ? DOLM_RICRILINKSTATE_OPERATIONAL
+                                                          : DOLM_RICRILINKSTATE_NOOPERATION;
 }
 
-/* ---- what the library keeps ---- */
+/* ---- the library's state ---- */
 
 struct port {
     bool port_subscribed, link_subscribed;
-    uint32_t told_status, told_link;
+    uint32_t reported_status, reported_link;
 };
 
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
@@ -57,7 +56,7 @@ static pthread_cond_t stopped = PTHREAD_COND_INITIALIZER;
 static struct port ports[PORTS];
 static bool running;
 
-/* An id is 0x00020000 | port; the answer to any other is "no device". */
+/* An id is 0x00020000 | port; calls with any other return "no device". */
 static bool known(uint32_t id)
 {
     return id >> 16 == 2 && (id & 0xffff) < PORTS;
@@ -78,7 +77,7 @@ static void fill_link_status(dolm_ric_link_status *out, uint32_t id, uint32_t st
     out->speed = 0x1000; /* 10 Gbps */
 }
 
-/* ---- life and events ---- */
+/* ---- start, stop and events ---- */
 
 EXPORT int32_t dolm_ric_init(uintptr_t *handle, uint32_t flags)
 {
@@ -99,27 +98,27 @@ EXPORT int32_t dolm_ric_shutdown(uintptr_t handle, uint32_t flags)
     return DOLM_RICERR_OK;
 }
 
-/* Fills in the next change that nobody has been told of. */
+/* Fills in the next change that has not been reported. */
 static bool take_change(dolm_ric_event *event)
 {
     for (uint32_t i = 0; i < PORTS; i++) {
         struct port *port = &ports[i];
         const uint32_t status = read_port_status(i), link = read_link_state(i);
-        if (port->port_subscribed && status != port->told_status) {
+        if (port->port_subscribed && status != port->reported_status) {
             event->type = DOLM_RICEVT_RIPORTSTATUS;
-            fill_port_status(&event->port_status, 0x20000 | i, port->told_status = status);
+            fill_port_status(&event->port_status, 0x20000 | i, port->reported_status = status);
             return true;
         }
-        if (port->link_subscribed && link != port->told_link) {
+        if (port->link_subscribed && link != port->reported_link) {
             event->type = DOLM_RICEVT_RILINKSTATUS;
-            fill_link_status(&event->link_status, 0x20000 | i, port->told_link = link);
+            fill_link_status(&event->link_status, 0x20000 | i, port->reported_link = link);
             return true;
         }
     }
     return false;
 }
 
-/* The only call that waits, on a thread of its own; the others go on meanwhile. */
+/* The only call that blocks; the server calls it on a thread of its own. */
 EXPORT int32_t dolm_ric_waitevent(uintptr_t handle, dolm_ric_event **event)
 {
     (void)handle;
@@ -130,7 +129,7 @@ EXPORT int32_t dolm_ric_waitevent(uintptr_t handle, dolm_ric_event **event)
     while (running && !take_change(*event)) {
         struct timespec until;
         clock_gettime(CLOCK_REALTIME, &until);
-        until.tv_nsec += LOOK_EVERY_MS * 1000000L;
+        until.tv_nsec += POLL_INTERVAL_MS * 1000000L;
         until.tv_sec += until.tv_nsec / 1000000000L;
         until.tv_nsec %= 1000000000L;
         pthread_cond_timedwait(&stopped, &lock, &until);
@@ -169,14 +168,14 @@ EXPORT int32_t dolm_ric_ri_getlinkstatus(uintptr_t handle, uint32_t id, dolm_ric
     return DOLM_RICERR_OK;
 }
 
-/* What a subscription answers counts as told. */
+/* The status that a subscription returns counts as reported. */
 EXPORT int32_t dolm_ric_ri_subsport(uintptr_t handle, uint32_t id, dolm_ric_port_status *out)
 {
     pthread_mutex_lock(&lock);
     const int32_t result = dolm_ric_ri_getportstatus(handle, id, out);
     if (result == DOLM_RICERR_OK) {
         ports[id & 0xffff].port_subscribed = true;
-        ports[id & 0xffff].told_status = out->status;
+        ports[id & 0xffff].reported_status = out->status;
     }
     pthread_mutex_unlock(&lock);
     return result;
@@ -188,7 +187,7 @@ EXPORT int32_t dolm_ric_ri_subslink(uintptr_t handle, uint32_t id, dolm_ric_link
     const int32_t result = dolm_ric_ri_getlinkstatus(handle, id, out);
     if (result == DOLM_RICERR_OK) {
         ports[id & 0xffff].link_subscribed = true;
-        ports[id & 0xffff].told_link = out->state;
+        ports[id & 0xffff].reported_link = out->state;
     }
     pthread_mutex_unlock(&lock);
     return result;
@@ -223,7 +222,7 @@ EXPORT int32_t dolm_ric_ri_getmoduleinfo(uintptr_t handle, uint32_t id, dolm_ric
     (void)handle;
     if (!known(id))
         return DOLM_RICERR_NODEV;
-    if (!there(id & 0xffff, "module"))
+    if (!exists(id & 0xffff, "module"))
         return DOLM_RICERR_NOTAVAIL;
     memset(out, 0, sizeof(*out));
     out->mode_type = DOLM_RIC_MODE_SFP;
@@ -243,7 +242,7 @@ EXPORT int32_t dolm_ric_ri_getmodstatus(uintptr_t handle, uint32_t id, dolm_ric_
     return DOLM_RICERR_OK;
 }
 
-/* These modules measure nothing. */
+/* These modules have no measured values. */
 EXPORT int32_t dolm_ric_ri_getmodulediag(uintptr_t handle, uint32_t id, dolm_ric_module_diag *out)
 {
     (void)handle, (void)out;

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """Records the receive power of ports in a table, by default once a minute for a day, and draws it
-where matplotlib is installed (python3-matplotlib). Ctrl-C ends it early, and what is there is drawn.
+where matplotlib is installed (python3-matplotlib). Ctrl-C ends it early and draws the readings so far.
 
     rx_power.py 0 3 --table rx_power.csv --plot rx_power.svg
 """
@@ -22,7 +22,7 @@ def say(text: str) -> None:
 
 
 def port_names(numbers: list[int]) -> list[str]:
-    """As the board names them, else by their numbers."""
+    """The names of the port map, else the numbers."""
     try:
         names = tesk_client.ports()
     except tesk_client.NoPortMapError:
@@ -31,7 +31,7 @@ def port_names(numbers: list[int]) -> list[str]:
 
 
 async def read(session: tesk_client.AsyncSession, port: int) -> float | None:
-    """In dBm; None without light, without a module and without an answer."""
+    """In dBm; None without light, a module or an answer."""
     try:
         return (await session.pm(port)).rx_power_dbm
     except tesk_client.TeskError as error:
@@ -40,7 +40,7 @@ async def read(session: tesk_client.AsyncSession, port: int) -> float | None:
 
 
 async def record(ports: list[int], table: pathlib.Path, every_s: float, hours: float) -> None:
-    """Writes a line for each reading of all ports. A server that restarts leaves a gap only."""
+    """Writes a line for each reading of all ports. A restart of the server only leaves a gap."""
     loop = asyncio.get_running_loop()
     end = loop.time() + hours * 3600
     with table.open("x", newline="", encoding="ascii") as file:
@@ -87,7 +87,7 @@ def main() -> None:
     parser.add_argument("--every", type=float, default=60.0, help="seconds between readings; 60")
     parser.add_argument("--table", type=pathlib.Path, default=pathlib.Path("rx_power.csv"))
     parser.add_argument("--plot", type=pathlib.Path, default=pathlib.Path("rx_power.svg"),
-                        help="its name says the format: .svg, .png, .pdf")
+                        help="the file; its name gives the format: .svg, .png, .pdf")
     options = parser.parse_args()
     try:
         asyncio.run(record(options.ports, options.table, options.every, options.hours))

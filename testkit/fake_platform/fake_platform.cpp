@@ -3,10 +3,10 @@
    write a line, and SCRIPTED_FAIL names the one call that fails. */
 #include "testkit/fake_platform/fake_platform.h"
 
-#include "platform/mbx/mbx_local.h"
 #include "platform/tesktmo/tesktmo.h"
 #include "platform/zel/zel.h"
 #include "testkit/fake_platform/fake_board.h"
+#include "testkit/fake_platform/fake_mailbox.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -15,9 +15,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <mutex>
-#include <poll.h>
 #include <unistd.h>
 #include <utility>
 
@@ -30,26 +28,15 @@ namespace fake_platform
 
 std::map<std::string, int32_t> failing;
 std::vector<sent_signal> sent;
-int live_blocks;
 std::vector<tick> ticks;
 void (*observer)(const char *operation, uint32_t port_no, int32_t code);
-
-struct block {
-    uint32_t size;
-    uint32_t sender;
-    bool is_traced;
-    mbx_signal signal;
-};
 
 static std::mutex script_mutex;
 static std::vector<std::string> lines;
 static std::vector<trace_record> trace_records;
 static std::vector<std::string> violations;
-static block *latest;   /* the block that was allocated last, until it is sent */
-static block *received; /* the block that was received last, until it is freed */
+static const mbx_signal *traced_block; /* the block of the latest trace of a signal to send */
 static uint32_t mask;
-static uint32_t monitors;
-static int mailbox[2] = {-1, -1};
 
 static bool to_stdout()
 {
@@ -116,47 +103,13 @@ int32_t logged(const char *call)
     return result_of(call);
 }
 
-static block *block_of(const mbx_signal *signal)
+static std::vector<uint8_t> bytes_of(const mbx_signal *signal)
 {
-    auto *bytes = reinterpret_cast<char *>(const_cast<mbx_signal *>(signal));
-    return reinterpret_cast<block *>(bytes - offsetof(block, signal));
+    const auto *bytes = reinterpret_cast<const uint8_t *>(signal);
+    return {bytes, bytes + mbx_size(signal)};
 }
 
-static block *make_block(size_t size, uint32_t number, uint32_t sender)
-{
-    auto *made = reinterpret_cast<block *>(new char[offsetof(block, signal) + size]());
-    made->size = static_cast<uint32_t>(size);
-    made->sender = sender;
-    made->signal.number = number;
-    return made;
-}
-
-/* The smallest signals come from a signal handler, too: theirs aren't made, and stay. */
-static block smallest[16];
-static std::atomic<unsigned> smallest_taken;
-
-static block *take_smallest(uint32_t number, uint32_t sender)
-{
-    block *taken = &smallest[smallest_taken++ % std::size(smallest)];
-    *taken = {sizeof(mbx_signal), sender, false, {number}};
-    return taken;
-}
-
-static void give_back(block *made)
-{
-    live_blocks--;
-    if (made < std::begin(smallest) || made >= std::end(smallest))
-        delete[] reinterpret_cast<char *>(made);
-}
-
-static std::vector<uint8_t> bytes_of(const block *made)
-{
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&made->signal);
-    return {bytes, bytes + made->size};
-}
-
-/* What holds for all traces: they are guarded by the mask and carry a source position and procInfo.
- */
+/* All traces are guarded by the mask and have a source position and procInfo. */
 static void check_trace(uint32_t group, const char *file, uint32_t line, const void *proc_info)
 {
     expect((procInfo[3] & 1u << group) != 0, "a trace of a group that is off");
@@ -188,10 +141,20 @@ static void check_traced_signal(const sent_signal &signal)
         violations.emplace_back("the trace of a sent signal");
 }
 
-static void put(block *made)
+static bool logged_call(const char *name, const char *text)
 {
-    // NOLINTNEXTLINE(bugprone-sizeof-expression): it is the address that goes through the pipe
-    [[maybe_unused]] ssize_t written = write(mailbox[1], &made, sizeof(made));
+    log_line(text);
+    return result_of(name) == 0;
+}
+
+static void log_sent(const mbx_signal *signal, uint32_t receiver)
+{
+    char line[64];
+    snprintf(line, sizeof(line), "send 0x%x to 0x%x", signal->number, receiver);
+    log_line(line);
+    sent.push_back({signal->number, receiver, bytes_of(signal)});
+    if (signal == std::exchange(traced_block, nullptr) && keeps_traces())
+        check_traced_signal(sent.back());
 }
 
 uint32_t sent_signal::host_word(size_t offset) const
@@ -220,9 +183,8 @@ void reset(std::initializer_list<uint32_t> groups)
     lines.clear();
     trace_records.clear();
     violations.clear();
-    latest = received = nullptr;
-    live_blocks = 0;
-    monitors = 0;
+    traced_block = nullptr;
+    fake_mailbox::reset();
     mask = 0;
     for (uint32_t group : groups)
         mask |= 1u << group;
@@ -247,18 +209,9 @@ std::vector<std::string> take_violations()
     return std::exchange(violations, {});
 }
 
-void deliver_bytes(uint32_t sender, uint32_t number, const void *payload, size_t size)
-{
-    block *made = make_block(sizeof(mbx_signal) + size, number, sender);
-    if (size > 0)
-        memcpy(&made->signal + 1, payload, size);
-    live_blocks++;
-    put(made);
-}
-
 void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words)
 {
-    deliver_bytes(sender, number, words.data(), words.size() * sizeof(words[0]));
+    fake_mailbox::deliver(sender, number, words.data(), words.size() * sizeof(words[0]));
 }
 
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words)
@@ -270,117 +223,14 @@ void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &word
     deliver_host(sender, number, swapped);
 }
 
-bool mailbox_has_signal()
-{
-    pollfd fd = {mailbox[0], POLLIN, 0};
-    return poll(&fd, 1, 0) == 1;
-}
-
 } // namespace fake_platform
 
 using namespace fake_platform;
 
+const fake_mailbox::hooks fake_mailbox::script = {logged_call, fake_platform::expect, log_sent,
+                                                  nullptr, -1};
+
 extern "C" {
-
-int mbx_init(int version, int a, int b, int c, int d)
-{
-    expect(version == 5 && a == 0 && b == 0 && c == 0 && d == 0, "mbx_init");
-    if (logged("mbx_init") != 0)
-        return -1;
-    return mailbox[0] == -1 ? pipe(mailbox) : 0;
-}
-
-void mbx_exit()
-{
-    log_line("mbx_exit");
-}
-
-uint32_t mbx_create_mailbox(const char *name, uint32_t flags)
-{
-    expect(flags == 0, "mbx_create_mailbox");
-    log_line(std::string("mbx_create_mailbox ") + name);
-    return result_of("mbx_create_mailbox") != 0 ? MBX_NO_MAILBOX : own_mailbox;
-}
-
-void mbx_delete_mailbox(uint32_t deleted)
-{
-    expect(deleted == own_mailbox || deleted == MBX_NO_MAILBOX, "mbx_delete_mailbox");
-    log_line("mbx_delete_mailbox");
-}
-
-int mbx_get_fd()
-{
-    return logged("mbx_get_fd") != 0 ? -1 : mailbox[0];
-}
-
-mbx_signal *mbx_alloc(size_t size, uint32_t number)
-{
-    live_blocks++;
-    block *made = size == sizeof(mbx_signal) ? take_smallest(number, own_mailbox)
-                                             : make_block(size, number, own_mailbox);
-    /* The server counts on nothing about the other bytes. */
-    memset(&made->signal + 1, 0xa5, size - sizeof(mbx_signal));
-    latest = made;
-    return &made->signal;
-}
-
-void mbx_send(mbx_signal **signal, uint32_t receiver, uint32_t sender)
-{
-    block *made = block_of(*signal);
-    *signal = nullptr;
-    expect(sender == MBX_OWN_MAILBOX, "the sender of mbx_send");
-    if (receiver == own_mailbox) {
-        put(made);
-        return;
-    }
-    char line[64];
-    snprintf(line, sizeof(line), "send 0x%x to 0x%x", made->signal.number, receiver);
-    log_line(line);
-    sent.push_back({made->signal.number, receiver, bytes_of(made)});
-    if (made->is_traced && keeps_traces())
-        check_traced_signal(sent.back());
-    give_back(made);
-}
-
-mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
-{
-    block *made = nullptr;
-    expect(filter == nullptr && timeout_ms == -1 && sender == MBX_ANY_SENDER, "mbx_receive");
-    // NOLINTNEXTLINE(bugprone-sizeof-expression): as in put
-    [[maybe_unused]] ssize_t got = read(mailbox[0], &made, sizeof(made));
-    received = made;
-    return &made->signal;
-}
-
-void mbx_free(mbx_signal **signal)
-{
-    give_back(block_of(*signal));
-    *signal = nullptr;
-}
-
-uint32_t mbx_sender(const mbx_signal *signal)
-{
-    return block_of(signal)->sender;
-}
-
-uint32_t mbx_size(const mbx_signal *signal)
-{
-    return block_of(signal)->size;
-}
-
-uint32_t mbx_monitor(uint32_t watched, mbx_signal **signal)
-{
-    expect(signal == nullptr, "the signal of mbx_monitor");
-    char line[64];
-    snprintf(line, sizeof(line), "monitor 0x%x", watched);
-    log_line(line);
-    return ++monitors;
-}
-
-void mbx_unmonitor(uint32_t reference)
-{
-    log_line("unmonitor " + std::to_string(reference));
-}
 
 int zel_init()
 {
@@ -431,9 +281,9 @@ void lttngZelRecSigTrace(const char *file, uint32_t line, const mbx_signal *sign
 {
     check_trace(17, file, line, proc_info);
     log_trace(17, text);
-    expect(received != nullptr && signal == &received->signal, "a trace of another signal");
+    expect(signal != nullptr && signal == fake_mailbox::received, "a trace of another signal");
     if (keeps_traces())
-        keep_trace({17, file, line, text, {signal->number, 0, bytes_of(block_of(signal))}});
+        keep_trace({17, file, line, text, {signal->number, 0, bytes_of(signal)}});
 }
 
 void lttngZelSendSigTrace(const char *file, uint32_t line, uint32_t number, uint32_t receiver,
@@ -443,8 +293,8 @@ void lttngZelSendSigTrace(const char *file, uint32_t line, uint32_t number, uint
     log_trace(18, text);
     if (!keeps_traces())
         return;
-    latest->is_traced = true;
-    keep_trace({18, file, line, text, {number, receiver, bytes_of(latest)}});
+    traced_block = fake_mailbox::allocated;
+    keep_trace({18, file, line, text, {number, receiver, bytes_of(traced_block)}});
 }
 
 bool tmo_service_init()

@@ -6,6 +6,7 @@
 
 #include "platform/dolm_ric/dolm_ric.h"
 #include "platform/mbx/mbx.h"
+#include "testkit/fake_platform/fake_mailbox.h"
 
 #include <cstdint>
 #include <map>
@@ -49,21 +50,21 @@ struct tick {
     uint32_t bucket, port, interval;
 };
 
-inline constexpr uint32_t own_mailbox = 0x51;
+using fake_mailbox::live_blocks;
+using fake_mailbox::own_mailbox;
 
 /* The board; a port that isn't here is unknown to it. An operation named in `failing`, without the
    prefix dolm_ric_, gives that code, for the ABI calls of the other libraries any code but 0. */
 extern std::map<uint32_t, port> ports;
 extern std::map<std::string, int32_t> failing;
 
-/* What has been sent to others than the own mailbox, and blocks that are neither freed nor sent. */
+/* The signals that have been sent to other mailboxes. */
 extern std::vector<sent_signal> sent;
-extern int live_blocks;
 
 /* The ticks that have been requested from the timer service. */
 extern std::vector<tick> ticks;
 
-/* Where set, it is called with the result of each operation on a port, and nothing is logged. */
+/* If set, it is called with the result of each operation on a port, and nothing is logged. */
 extern void (*observer)(const char *operation, uint32_t port_no, int32_t code);
 
 /* Resets everything to the state at process start; only the given groups are traced. */
@@ -80,8 +81,6 @@ void note(const std::string &line);
 /* Puts a signal into the own mailbox; payload words in network order, or as they stand. */
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
 void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
-void deliver_bytes(uint32_t sender, uint32_t number, const void *payload, size_t size);
-bool mailbox_has_signal();
 
 /* Returns when a thread waits in dolm_ric_waitevent and no event is left. */
 void await_event_thread();
@@ -90,7 +89,7 @@ void await_event_thread();
 void raise_event(const dolm_ric_event &event);
 void fail_wait(int32_t code);
 
-/* What dolm_ric_waitevent gives after dolm_ric_shutdown, before the shutdown event: an event of a
+/* The result of dolm_ric_waitevent after dolm_ric_shutdown, before the shutdown event: an event of a
    port, or a failure in place of the shutdown event. */
 extern std::vector<dolm_ric_event> last_events;
 extern int32_t last_wait;

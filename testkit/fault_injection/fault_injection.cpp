@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Preloaded: each function here goes on to the one that it hides, but for the one call that the
-   plan lets fail. All of them take words and give a word, so that they can be written alike. */
+/* A preloaded library: each function here calls the function that it hides, except for the one call
+   that the plan makes fail. All take and return words, so that one macro defines them. */
 #include "testkit/fault_injection/fault_plan.h"
 
 #include <cerrno>
@@ -26,7 +26,7 @@ __attribute__((constructor)) static void read_plan()
         plan = static_cast<fault_plan *>(page);
 }
 
-/* The headers of a program stand at its begin. */
+/* The program headers are at the beginning of the executable. */
 static bool is_in_program(const void *address)
 {
     Dl_info object = {};
@@ -34,7 +34,8 @@ static bool is_in_program(const void *address)
            getauxval(AT_PHDR) - reinterpret_cast<uintptr_t>(object.dli_fbase) < 4096;
 }
 
-/* Whose call it is, is told by where it comes from, or by the mutex that it is about. */
+/* `from` is the caller's address, or that of the mutex: it shows whether the program itself calls.
+ */
 static bool fails(const char *call, const void *from)
 {
     if (plan == nullptr || !plan->armed || strcmp(plan->call, call) != 0)
@@ -46,8 +47,8 @@ static bool fails(const char *call, const void *from)
 
 using any_call = long (*)(void *, long, long, long, long, long);
 
-/* What a failure of `name` gives, and errno then; `find` finds the real one, which is called all
-   the same when the failure is `late`. */
+/* `failure` and `error` are result and errno of a failing call of `name`. `find` finds the real
+   function; a `late` failure calls it, too. */
 #define FAULT_OF(name, from, find, failure, error, late)                                           \
     extern "C" __attribute__((visibility("default"))) long fault_##name(                           \
         void *a, long b, long c, long d, long e, long f) __asm__(#name);                           \
@@ -66,14 +67,14 @@ using any_call = long (*)(void *, long, long, long, long, long);
     }
 #define FAULT(name, failure, error)                                                                \
     FAULT_OF(name, __builtin_return_address(0), dlsym(RTLD_NEXT, #name), failure, error, false)
-/* Of a call whose work nobody can do without: it says that it failed. */
+/* For a call whose work is needed: it is done, and reported as failed. */
 #define LATE_FAULT(name, failure)                                                                  \
     FAULT_OF(name, __builtin_return_address(0), dlsym(RTLD_NEXT, #name), failure, 0, true)
 #define MUTEX_FAULT(name, failure) FAULT_OF(name, a, dlsym(RTLD_NEXT, #name), failure, 0, false)
 #define MEMORY_FAULT(name)                                                                         \
     FAULT_OF(name, __builtin_return_address(0), __libc_##name, 0, ENOMEM, false)
 
-/* dlsym itself may want memory. */
+/* Not by dlsym, which may itself allocate. */
 extern "C" long __libc_malloc(void *, long, long, long, long, long);
 extern "C" long __libc_calloc(void *, long, long, long, long, long);
 extern "C" long __libc_realloc(void *, long, long, long, long, long);
@@ -94,16 +95,15 @@ FAULT(read, -1, EIO)
 FAULT(write, -1, EIO)
 FAULT(open, -1, EMFILE)
 FAULT(socket, -1, EMFILE)
-FAULT(socketpair, -1, EMFILE)
+FAULT(memfd_create, -1, EMFILE)
+FAULT(ftruncate, -1, ENOSPC)
+FAULT(fstatfs, -1, ENOMEM)
 FAULT(bind, -1, EACCES)
 FAULT(listen, -1, EADDRINUSE)
 FAULT(accept4, -1, EMFILE)
 FAULT(setsockopt, -1, ENOMEM)
-FAULT(send, -1, ENOBUFS)
 FAULT(sendmsg, -1, ENOBUFS)
-FAULT(recv, -1, ENOMEM)
 FAULT(recvmsg, -1, ENOMEM)
-FAULT(recvmmsg, -1, ENOMEM)
 FAULT(mbx_init, -1, 0)
 FAULT(mbx_create_mailbox, -1, 0)
 FAULT(mbx_get_fd, -1, 0)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fault_plan - what the preloaded library shares with the test: a page of the file that FAULTS
-   names in the environment of the process that is to suffer. */
+/* fault_plan - shared by the preloaded library and the test: a page of the file that FAULTS names
+   in the environment of the tested process. */
 #pragma once
 
 #include <atomic>
@@ -8,8 +8,8 @@
 
 struct fault_plan {
     char call[32];
-    uint32_t nth;               /* the call that fails, from 1 on; 0 for none */
-    bool by_program_only;       /* calls that libraries make don't count */
-    std::atomic<bool> armed;    /* calls count only now */
-    std::atomic<uint32_t> seen; /* how many have been counted */
+    uint32_t nth;               /* the call that fails, counted from 1; 0 for none */
+    bool by_program_only;       /* calls made by libraries are not counted */
+    std::atomic<bool> armed;    /* calls are counted only while it is set */
+    std::atomic<uint32_t> seen; /* counted calls */
 };

@@ -3,12 +3,12 @@
 """plant - plants faults in copies of the tree and runs the server's module tests on each; ./mutate
 says how. A fault is three or four parts of the file of faults:
 
-    == FILE: what it breaks
+    == FILE: the effect
     survives: the reason why no test can notice it (only where that is so)
     - a line of the old text, which occurs exactly once in the file
     + a line of the new text
 
-FILE is below src/tesk_server. "-" and "+" stand before each line as it is, without a blank."""
+FILE is below src/tesk_server. "-" and "+" precede each line without a blank."""
 import argparse
 import concurrent.futures
 import os

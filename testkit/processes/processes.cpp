@@ -37,7 +37,7 @@ directory::directory()
     path = mkdtemp(name);
     setenv("MBX_DIR", (path + "/mbx").c_str(), 1);
     setenv("DOLM_RIC_SOCKET", (path + "/board.sock").c_str(), 1);
-    /* A machine that is busy with other things is no reason to give up. */
+    /* The machine may be busy. */
     setenv("MBX_LOCATE_MS", "20000", 1);
 }
 
@@ -58,7 +58,7 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     const pid_t child = fork();
     if (child != 0)
         return child;
-    /* Nothing outlives the test, whichever way it ends. */
+    /* The process ends with the test. */
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (const std::string &setting : environment)
         putenv(const_cast<char *>(setting.c_str()));
@@ -102,15 +102,15 @@ server::server(const std::vector<std::string> &environment, const std::vector<st
     : pid(start(program, environment))
 {
     const auto until = std::chrono::steady_clock::now() + deadline;
-    /* The mailbox is there before the board is. */
+    /* The mailbox exists before the board's socket. */
     int board_fd = -1;
     while (test_client().located != 0 || (board_fd = connect_to_board()) == -1)
         if (std::chrono::steady_clock::now() > until)
             throw std::runtime_error("the server does not come up");
     close(board_fd);
     board("wait calls waitevent 1");
-    /* Whoever is answered has been heard by the main loop: the start is over. This one is refused,
-       so that nothing is left of it. */
+    /* An answer shows that the main loop runs: the start is over. A request without a revision is
+       rejected, so it leaves no client behind. */
     test_client().ask(TESK_CONN_ESTABLISH_REQ, {1, 1, 0});
 }
 
@@ -241,7 +241,7 @@ test_client::test_client(const std::string &argument, std::vector<std::string> p
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
         throw std::runtime_error("no socket pair");
-    socket = pair[0];
+    socket_ = pair[0];
     program.push_back(argument);
     pid = start(program, {}, pair[1]);
     close(pair[1]);
@@ -259,14 +259,14 @@ void test_client::kill()
         return;
     ::kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
-    close(socket);
+    close(socket_);
     pid = -1;
 }
 
 void test_client::send_raw(const void *bytes, size_t size)
 {
-    if (::send(socket, bytes, size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
-        throw std::runtime_error("the client does not take a signal");
+    if (::send(socket_, bytes, size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
+        throw std::runtime_error("the client does not receive a signal");
 }
 
 void test_client::send(uint32_t number, const std::vector<uint32_t> &words)
@@ -280,10 +280,10 @@ void test_client::send(uint32_t number, const std::vector<uint32_t> &words)
 message test_client::receive()
 {
     static char packet[65536];
-    await(socket, "signal");
-    const ssize_t size = recv(socket, packet, sizeof(packet), 0);
+    await(socket_, "signal");
+    const ssize_t size = recv(socket_, packet, sizeof(packet), 0);
     if (size <= 0)
-        throw std::runtime_error("the client is gone");
+        throw std::runtime_error("the client has ended");
     return {{packet, packet + size}};
 }
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Real processes for system tests: the server in a private directory, clients that do as they are
-   told, and the board behind its own protocol. Everything waits with a deadline and throws past it.
+/* Real processes for system tests: the server in a private directory, clients that carry out a
+   test's commands, and the board by its own protocol. All waits have a deadline and throw past it.
  */
 #pragma once
 
@@ -17,14 +17,15 @@ namespace testkit
 
 inline constexpr std::chrono::seconds deadline{20};
 
-/* What the tests ask of a program that is slowed down: less. */
+/* Whether the sanitizers slow the programs down; tests then use smaller counts. */
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool sanitized = true;
 #else
 inline constexpr bool sanitized = false;
 #endif
 
-/* A directory of its own, gone with it, and the environment that makes all our programs use it. */
+/* A directory that is removed with the object, and the environment that makes all programs use it.
+ */
 struct directory {
     directory();
     ~directory();
@@ -37,7 +38,7 @@ struct directory {
 pid_t start(const std::vector<std::string> &words, const std::vector<std::string> &environment = {},
             int kept = -1, const std::string &output = {});
 
-/* Runs a command of the shell to its end: the exit status, with all that it has written. */
+/* Runs a shell command to its end: its exit status, and in `output` both of its streams. */
 int run(const std::string &command, std::string &output);
 
 /* The exit status, or minus the signal that ended it. */
@@ -52,37 +53,37 @@ class server
     ~server();
     server(const server &) = delete;
     server &operator=(const server &) = delete;
-    /* SIGTERM, and what the process ended with. */
+    /* Sends SIGTERM and returns the exit status, or minus the signal that ended the process. */
     int stop();
     pid_t pid = -1;
 };
 
-/* What /proc tells of a process: a line of its status such as "VmRSS", in its unit; how many
-   descriptors are open; the milliseconds of processor time that it has had. */
+/* From /proc: a line of the process's status such as "VmRSS", in its unit; the number of its open
+   descriptors; its processor time in milliseconds. */
 long status_of(pid_t process, const std::string &line);
 size_t descriptors_of(pid_t process);
-/* Waits until no more than so many are open, and tells how many are. */
+/* Waits until at most that many are open, up to the deadline; returns the number. */
 size_t await_descriptors(pid_t process, size_t at_most);
 long processor_ms(pid_t process);
 
 /* Connects to a listening SEQPACKET socket; -1 with errno. */
 int connect_to(const std::string &path);
 
-/* Throws unless it is readable, or has ended, before the deadline. */
+/* Throws unless the descriptor is readable or has ended before the deadline. */
 void await(int fd, const char *what);
 
-/* Returns when a line of a growing file holds the text; `from` moves behind that line. */
+/* Returns when a line of a growing file contains the text; `from` is then behind that line. */
 void await_line(const std::string &file, const std::string &text, size_t &from);
 
-/* One request to the board: the lines of its answer. Throws its error. */
+/* Sends a request to the board and returns the lines of its answer. Throws its error. */
 std::map<std::string, std::string> board(const std::string &request);
 
-/* A signal as a client gets it. */
+/* A signal as a client has received it. */
 struct message {
     std::vector<uint8_t> bytes;
     uint32_t number() const;
     uint32_t word(size_t offset) const;      /* network order */
-    uint32_t host_word(size_t offset) const; /* as it stands */
+    uint32_t host_word(size_t offset) const; /* host order */
     std::string text(size_t offset) const;
 };
 
@@ -99,17 +100,17 @@ class test_client
     void send_raw(const void *bytes, size_t size);
     /* The next signal. */
     message receive();
-    /* Sends and receives. */
+    /* Sends a request and returns the next signal. */
     message ask(uint32_t number, const std::vector<uint32_t> &words);
-    /* Establishes a connection; the server's reference. */
+    /* Establishes a connection and returns the server's reference. */
     uint32_t connect(uint32_t own_reference);
-    /* kill -9, and the process is gone when it returns. */
+    /* Sends SIGKILL and waits for the end of the process. */
     void kill();
     int located = 0;
     pid_t pid = -1;
 
   private:
-    int socket = -1;
+    int socket_ = -1;
 };
 
 } // namespace testkit

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A client that does what a test tells it. Descriptor 3 is one end of a SEQPACKET pair: each packet
-   from the test is a signal to send, each packet to the test a signal received; the first says how
-   locating the server went (0 or errno). By its argument it is another kind of client instead, that
-   goes on until it is killed or the server ends:
+/* A client that a test controls. Descriptor 3 is one end of a SEQPACKET pair: each packet from the
+   test is a signal to send, each packet to the test a received signal. The first packet is the
+   result of locating the server: 0 or errno. An argument selects another kind of client, which runs
+   until it is killed or the server ends:
 
-     deaf     does as it is told, but never reads its mailbox
-     load     one random request after the other; its second packet says that it is connected
-     flood    unknown signals, a batch always waiting at the server; each packet says how many
-     crave    the same with requests of somebody whom the server does not know */
+     deaf     sends the test's signals, but never reads its mailbox
+     load     one random request after the other; the second packet is its client id
+     flood    unknown signals, of which the server always has a backlog; each packet is their number
+     crave    the same with requests of a client that has not connected */
 #include "platform/mbx/mbx.h"
 #include "tesk_server/tesk_signals.h"
 
@@ -25,7 +25,7 @@ static constexpr int test = 3;
 static constexpr uint32_t unknown_number = 0x0badf00d;
 static uint32_t server;
 
-static void tell_test(uint32_t value)
+static void report_to_test(uint32_t value)
 {
     send(test, &value, sizeof(value), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
@@ -39,7 +39,7 @@ static void request(uint32_t number, std::initializer_list<uint32_t> words)
     mbx_send(&signal, server, MBX_OWN_MAILBOX);
 }
 
-/* The third word of the next signal that is no indication. */
+/* Returns the third word of the next signal that is not an indication. */
 static uint32_t await_answer()
 {
     for (;;) {
@@ -65,7 +65,7 @@ static uint32_t await_answer()
     srand(static_cast<unsigned>(getpid()));
     request(TESK_CONN_ESTABLISH_REQ, {0, 1, 1, 1});
     const uint32_t id = await_answer();
-    tell_test(id);
+    report_to_test(id);
     for (;;) {
         const auto random = static_cast<uint32_t>(rand());
         request(numbers[random % std::size(numbers)], {random, id, random / 7 % 16, 0});
@@ -82,11 +82,11 @@ static uint32_t await_answer()
         request(TESK_SHELL_GET_ACTIONS_CACHE_REQ, {});
         if (sent != 0)
             await_answer();
-        tell_test(sent);
+        report_to_test(sent);
     }
 }
 
-static void obey(bool deaf)
+static void exchange_signals(bool deaf)
 {
     pollfd sources[] = {{test, POLLIN, 0}, {deaf ? -1 : mbx_get_fd(), POLLIN, 0}};
     static char packet[MBX_LARGEST_SIGNAL];
@@ -120,12 +120,12 @@ int main(int argc, char **argv)
     const int located = server == MBX_NO_MAILBOX ? errno : 0;
     if (located == 0)
         mbx_monitor(server, nullptr);
-    tell_test(static_cast<uint32_t>(located));
+    report_to_test(static_cast<uint32_t>(located));
     if (located == 0 && kind == "load")
         load();
     if (located == 0 && (kind == "flood" || kind == "crave"))
         flood(kind == "flood" ? unknown_number : uint32_t{TESK_GET_CAPABILITIES_REQ});
-    obey(kind == "deaf");
+    exchange_signals(kind == "deaf");
     mbx_exit();
     return 0;
 }

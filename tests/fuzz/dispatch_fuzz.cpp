@@ -181,7 +181,7 @@ static void settle_refusals(uint32_t number)
 /* Handles what the server has sent to itself. */
 static void drain()
 {
-    while (fake_platform::mailbox_has_signal())
+    while (fake_mailbox::has_signal())
         assert(tesk_handle_mailbox() == 0);
 }
 
@@ -248,7 +248,7 @@ static void raw_signal(fuzz_input &in)
         memcpy(&bucket_id, payload.data(), sizeof(bucket_id));
         tainted.insert(bucket_id);
     }
-    fake_platform::deliver_bytes(sender, number, payload.data(), payload.size());
+    fake_mailbox::deliver(sender, number, payload.data(), payload.size());
     dispatch(sender, number);
 }
 

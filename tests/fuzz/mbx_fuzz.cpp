@@ -1,33 +1,35 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Strangers at a mailbox of the real library: they connect, greet well, badly or not at all, pass
-   descriptors of every kind, and use what they are handed in any way; the owner receives, answers
-   and monitors meanwhile. What is received must be what was sent, whole, in order, once and under
-   one sender; the descriptor is readable exactly while something is there; a death is told once,
-   last; and a well-behaved client is served whatever the others do. */
+   descriptors, and do to the shared memory, the bells and the control connection whatever a process
+   can do; the owner receives, answers and monitors meanwhile. What is received must be what was
+   sent, whole, in order, once and under one sender; the descriptor is readable exactly while
+   something is there; a death is reported once, last; and a well-behaved client is served whatever
+   the others do. Of a stranger that has spoiled its own ring, anything may come, but under its own
+   id only. */
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
-#include "platform/mbx/mbx_name.h"
-#include "platform/mbx/mbx_socket.h"
+#include "testkit/raw_peer.h"
 #include "tests/fuzz/fuzz_input.h"
 
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <map>
+#include <optional>
 #include <poll.h>
 #include <set>
 #include <string>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 static constexpr char name[] = "fuzzed";
 static constexpr int patience_ms = 10000;
-static constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, MBX_LARGEST_SIGNAL + 1,
-                                     0, 3};
-static constexpr uint32_t good_sizes = 6; /* the first ones, which hold a number */
+static constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3};
+static constexpr uint32_t good_sizes = 5; /* the first ones, which hold a number */
 
 namespace
 {
@@ -37,18 +39,17 @@ namespace
 enum origin : uint32_t { from_owner = 0x2000, from_client, from_key = 0x4000 };
 
 struct stranger {
-    owned_fd control = {};
-    owned_fd rx = {};    /* what the mailbox sends comes out here */
-    owned_fd tx = {};    /* handed over by the mailbox */
-    uint32_t key = 0;    /* a new one for each connection */
-    bool astray = false; /* tx leads elsewhere by now */
+    std::optional<raw_peer> peer = {};
+    uint32_t key = 0; /* a new one for each connection */
+    bool said_hello = false;
 };
 
-/* One sender's signals: what the kernel has taken, and what the owner has got. */
+/* One sender's signals: what it has sent, and what the owner has got. */
 struct journal {
     uint32_t sent = 0;
     uint32_t received = 0;
     uint32_t sender = 0;
+    bool spoiled = false; /* the ring holds anything by now */
 };
 
 } // namespace
@@ -58,9 +59,7 @@ static std::map<uint32_t, journal> journals; /* by key */
 static std::map<uint32_t, uint32_t> key_of;  /* by the sender's mailbox */
 static std::set<uint32_t> monitored, told;
 static uint32_t own, last_key;
-static sockaddr_un victim_address;
-static owned_fd victim;  /* whoever is made to write there is abused */
-static bool some_astray; /* a stranger may connect what is his to it once he is let in */
+static std::string directory;
 
 static bool is_readable(int fd, int timeout_ms)
 {
@@ -72,42 +71,13 @@ static bool is_readable(int fd, int timeout_ms)
     return count == 1;
 }
 
-static bool connect_to_victim(int fd, sa_family_t family)
-{
-    sockaddr_un address = victim_address;
-    address.sun_family = family;
-    return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
-}
-
-static owned_fd good_end(stranger &s)
-{
-    datagram_pair pair = make_datagram_pair();
-    s.rx = std::move(pair.rx);
-    return std::move(pair.tx);
-}
-
-static owned_fd bad_end(stranger &s, uint8_t choice)
-{
-    static constexpr int types[] = {SOCK_STREAM, SOCK_SEQPACKET, SOCK_DGRAM};
-    owned_fd end(socket(choice % 2 == 0 ? AF_UNIX : AF_INET, types[choice / 2 % 3], 0));
-    switch (choice / 8 % 4) {
-    case 0:
-        return owned_fd(eventfd(0, 0));
-    case 1:
-        return owned_fd(dup(s.tx ? s.tx.get() : s.control.get()));
-    case 2:
-        connect_to_victim(end.get(), AF_UNIX);
-    }
-    return end;
-}
-
 static stranger &one_who_is_there(fuzz_input &in)
 {
     stranger &s = strangers[in.byte() % strangers.size()];
-    if (s.control)
+    if (s.peer)
         return s;
-    s = stranger{};
-    s.control = connect_to_name(name, time_point::max());
+    s.peer.emplace(directory + "/" + name);
+    s.said_hello = false;
     s.key = last_key = last_key % 0xfff + 1;
     return s;
 }
@@ -117,18 +87,21 @@ static void greet(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
     const uint8_t how = in.byte();
-    const owned_fd end = how < 192 ? good_end(s) : bad_end(s, in.byte());
+    const bool greeted = s.peer->area != nullptr;
     if (how % 32 == 31)
-        send(s.control.get(), name, sizeof(name), MSG_DONTWAIT | MSG_NOSIGNAL);
-    const auto kind = static_cast<greeting_kind>(how % 16 == 15 ? in.byte() : 1);
-    send_greeting(s.control.get(), kind, {how % 16 == 0 ? 1 : s.key, 0}, end.get());
-    if (how % 8 == 1)
+        send(s.peer->control.get(), name, sizeof(name), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (how % 16 == 15)
+        s.peer->pass({STDERR_FILENO, STDERR_FILENO});
+    if (std::exchange(
+            s.said_hello,
+            true)) /* a second one ends the connection; what is written later is for nobody */
+        journals[s.key].spoiled = true;
+    const auto kind = static_cast<greeting_kind>(how % 16 == 14 ? in.byte() : 1);
+    send_greeting(s.peer->control.get(), kind, {how % 16 == 0 ? 1 : s.key, 0});
+    if (how % 8 == 1 || greeted)
         return;
-    assert(is_readable(s.control.get(), patience_ms));
-    if (auto answer = receive_greeting(s.control.get())) {
-        s.tx = std::move(answer->tx);
-        s.astray = false;
-    }
+    assert(is_readable(s.peer->control.get(), patience_ms));
+    s.peer->take_answer(patience_ms);
 }
 
 static uint32_t next_number(uint32_t key, uint32_t size_index)
@@ -140,39 +113,79 @@ static void send_signals(fuzz_input &in)
 {
     static std::vector<uint32_t> data(MBX_LARGEST_SIGNAL / 4 + 1);
     stranger &s = one_who_is_there(in);
-    const uint32_t size_index = in.byte() % std::size(sizes);
-    for (int count = in.byte() % 8 == 0 ? 300 : 1; count > 0 && s.tx; count--) {
+    const uint32_t size_index = in.byte() % uint32_t{std::size(sizes)};
+    pollfd control = {s.peer->control.get(), POLLRDHUP, 0};
+    if (poll(&control, 1, 0) != 0) /* given up, because it does not read */
+        return;
+    for (int count = in.byte() % 8 == 0 ? 300 : 1; count > 0 && s.peer->area; count--) {
         data[0] = next_number(s.key, size_index);
-        if (send(s.tx.get(), data.data(), sizes[size_index], MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+        if (s.peer->send_signal(data.data(), sizes[size_index]) == record_sender::outcome::full)
             return;
-        if (!s.astray && size_index < good_sizes)
+        if (size_index < good_sizes)
             journals[s.key].sent++;
+        else
+            journals[s.key].spoiled = true;
     }
+}
+
+/* Any word of the shared memory, mostly one of those that are in use. */
+static void scribble(raw_peer &peer, fuzz_input &in)
+{
+    const uint8_t where = in.byte();
+    static constexpr size_t words_in_use[] = {0, 4, 64, 68}; /* head, armed, tail, hungry */
+    const size_t next_record = static_cast<size_t>(peer.out.place() - peer.bytes());
+    const size_t offset = where < 128 ? words_in_use[where % 4]
+                                      : offsetof(shared_ring, data) + next_record % 4096 / 4 * 4;
+    auto *words = reinterpret_cast<unsigned char *>(peer.area->ring(where % 2));
+    uint32_t word = in.byte();
+    word |= static_cast<uint32_t>(in.byte()) << (in.byte() % 4 * 8);
+    __atomic_store_n(reinterpret_cast<uint32_t *>(words + offset), word, __ATOMIC_RELAXED);
 }
 
 static void disturb(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
-    const int choice = in.byte();
-    switch (in.byte() % 6) {
+    raw_peer &peer = *s.peer;
+    const uint8_t choice = in.byte();
+    if (!peer.area) {
+        s.peer.reset();
+        return;
+    }
+    journal &j = journals[s.key];
+    switch (choice % 8) {
     case 0:
-        shutdown(choice % 2 == 0 ? s.control.get() : s.tx.get(), choice / 2 % 3);
-        break;
     case 1:
-        if (connect_to_victim(s.tx.get(), choice % 2 == 0 ? AF_UNIX : AF_UNSPEC))
-            s.astray = some_astray = true;
-        break;
     case 2:
-        setsockopt(s.tx.get(), SOL_SOCKET, SO_SNDBUF, &choice, sizeof(choice));
+        j.spoiled = true;
+        scribble(peer, in);
+        if (choice % 16 > 7)
+            peer.ring();
         break;
     case 3:
-        (choice % 2 == 0 ? s.rx : s.tx).reset();
+        j.spoiled = true;
+        peer.ring();
         break;
-    case 4: /* too long for a signal: what it carries is for nobody */
-        send_greeting(s.control.get(), greeting_kind::known, {}, s.rx.get());
+    case 4: { /* the bells' counts and flags, which both sides share */
+        const uint64_t much = UINT64_MAX - 1 - choice;
+        const int bell = choice % 16 > 7 ? peer.far_bell.get() : peer.near_bell.get();
+        fcntl(bell, F_SETFL, O_NONBLOCK);
+        [[maybe_unused]] const ssize_t n = write(bell, &much, sizeof(much));
+        fcntl(bell, F_SETFL, choice % 32 > 15 ? O_NONBLOCK : 0);
         break;
+    }
+    case 5:
+        j.spoiled = true;
+        madvise(peer.bytes() + page_bytes - 128, 4 * page_bytes, MADV_REMOVE);
+        break;
+    case 6: {
+        std::vector<owned_fd> passed;
+        send(peer.control.get(), choice % 16 > 7 ? "r" : "b", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+        j.spoiled |= choice % 16 <= 7;
+        receive_wake(peer.control.get(), passed);
+        break;
+    }
     default:
-        s = stranger{};
+        s.peer.reset();
     }
 }
 
@@ -180,6 +193,24 @@ static void send_as(uint32_t number, uint32_t receiver, size_t size)
 {
     mbx_signal *signal = mbx_alloc(size, number);
     mbx_send(&signal, receiver, MBX_OWN_MAILBOX);
+}
+
+/* Neither the owner nor a client nor a stranger that has done nothing else has sent that. */
+static bool is_odd(uint32_t origin)
+{
+    const auto j = journals.find(origin - from_key);
+    return origin < from_owner ||
+           (origin >= from_key && (j == journals.end() || j->second.spoiled));
+}
+
+/* From one that has spoiled its ring. If it can be told which one, all that comes is its own. */
+static void take_anything(uint32_t sender, uint32_t key)
+{
+    if (key_of.contains(sender))
+        return;
+    const auto j = journals.find(key);
+    if (j != journals.end() && j->second.spoiled)
+        key_of[sender] = key;
 }
 
 /* One that is there; a client is answered. What upper half its number had. */
@@ -195,7 +226,14 @@ static uint32_t receive_one()
         told.insert(sender);
         return origin;
     }
-    assert(!told.contains(sender) && (key == 0) == (sender == own));
+    assert(!told.contains(sender));
+    const auto known = key_of.find(sender);
+    if (sender != own &&
+        (known == key_of.end() ? is_odd(origin) : journals[known->second].spoiled)) {
+        take_anything(sender, key);
+        return 0;
+    }
+    assert((key == 0) == (sender == own));
     if (origin == from_client)
         send_as(from_owner << 16, sender, sizes[0]);
     if (origin < from_key)
@@ -256,7 +294,7 @@ static uint32_t await_one()
 static bool something_is_missing()
 {
     for (const auto &[key, j] : journals)
-        if (j.received < j.sent)
+        if (!j.spoiled && j.received < j.sent)
             return true;
     return !monitored.empty();
 }
@@ -277,10 +315,6 @@ static void end()
     while (mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER))
         mbx_free(&signal);
     assert(!is_readable(mbx_get_fd(), 0));
-    char byte;
-    while (recv(victim.get(), &byte, 1, MSG_DONTWAIT) != -1)
-        assert(some_astray);
-    some_astray = false;
     journals.clear();
     key_of.clear();
     told.clear();
@@ -289,21 +323,16 @@ static void end()
 static void clean_up()
 {
     mbx_exit();
-    unlink(victim_address.sun_path);
-    rmdir(getenv("MBX_DIR"));
+    rmdir(directory.c_str());
 }
 
 static bool start()
 {
     char path[] = "/tmp/mbx-fuzz-XXXXXX";
-    setenv("MBX_DIR", mkdtemp(path), 1);
+    directory = mkdtemp(path);
+    setenv("MBX_DIR", directory.c_str(), 1);
     mbx_init(5, 0, 0, 0, 0);
     own = mbx_create_mailbox(name, 0);
-    victim_address.sun_family = AF_UNIX;
-    snprintf(victim_address.sun_path, sizeof(victim_address.sun_path), "%s/victim", path);
-    victim = owned_fd(socket(AF_UNIX, SOCK_DGRAM, 0));
-    const auto *address = reinterpret_cast<const sockaddr *>(&victim_address);
-    assert(bind(victim.get(), address, sizeof(victim_address)) == 0);
     return atexit(clean_up) == 0;
 }
 

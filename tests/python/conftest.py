@@ -22,6 +22,14 @@ atexit.register(folder.cleanup)
 libc = ctypes.CDLL(None)
 
 
+def await_descriptors(count):
+    """Waits until so many are open: the mailbox library closes a connection's on a thread of its own."""
+    deadline = time.monotonic() + PATIENCE
+    while (still := len(os.listdir("/proc/self/fd"))) != count:
+        assert time.monotonic() < deadline, f"{still} descriptors, not {count}"
+        time.sleep(0.001)
+
+
 class Server:
     """tesk-server, which doesn't outlive the test, and the board that it stands on."""
 

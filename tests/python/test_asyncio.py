@@ -7,6 +7,7 @@ import signal
 import pytest
 
 import tesk_client as tesk
+from conftest import await_descriptors
 
 PATIENCE = 20
 
@@ -110,7 +111,7 @@ def test_a_forgotten_session_leaves_the_loop_usable(server):
             with pytest.warns(ResourceWarning, match="not closed"):
                 await (session := tesk.AsyncSession()).pm(0)
                 del session
-        assert len(os.listdir("/proc/self/fd")) == before
+        await_descriptors(before)
         late = tesk.AsyncSession()
         await next_of(late.watch(sfp=[0]))
         return late

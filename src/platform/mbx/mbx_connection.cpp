@@ -1,296 +1,107 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The connections of a mailbox: made, written to, supervised, ended.
+#include "platform/mbx/mbx_connection.h"
 
-   Of each connection we hold the control socket, whose end tells the peer's death, the receiving
-   end of our pair, and the sending end of the peer's. A process can leave its end of the control
-   socket to a child that it made behind the library's back, so there is a pidfd too. A send goes
-   straight to the kernel. What the kernel does not take is queued, and from then on everything for
-   that receiver goes behind it; the helper hands it on as the receiver reads. The queues are
-   bounded: past the bound the connection ends for both sides, so that a receiver sees a death but
-   never a gap.
-
-   A monitor is its notice, a block that waits for the death: of a mailbox elsewhere with the
-   connection to it, of one in this process with the mailbox itself (its `watchers`), and of one
-   that is dead already it goes on its way at once. The reference of a monitor is in the block's
-   word. The first monitor of a connection bears the connection's id, so that the usual one, a
-   single monitor of each client, is given up without a search.
-
-   When a connection ends, our receiving end is shut first, so that nothing can follow; what the
-   kernel had taken is read into memory, the notices go behind it, and the descriptors are closed at
-   once. From then on a dead connection is memory only. */
-#include "platform/mbx/mbx_helper.h"
-#include "platform/mbx/mbx_mailbox.h"
-
-#include <cerrno>
-#include <sys/epoll.h>
-#include <sys/socket.h>
+#include <algorithm>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace
+/* Whether the kernel can ring a bell is known after the first attempt. */
+static void wake_receiver(connection &c)
 {
-
-constexpr size_t queued_at_most = size_t{8} << 20;         /* for one receiver */
-constexpr size_t queued_in_all_at_most = size_t{64} << 20; /* in the process */
-
-std::atomic<size_t> queued_in_all;
-
-enum class outcome { sent, full, broken };
-
-/* Memory that the kernel is short of counts as a receiver that is full: it is tried again. */
-outcome try_send(connection &c, block *b)
-{
-    if (send(c.tx.get(), b->signal(), b->size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
-        return outcome::sent;
-    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? outcome::full : outcome::broken;
+    if (!ring_bell(c.far_bell.get()))
+        send_wake(c.control.get(), wake::bell);
 }
 
-/* What a waiting signal counts for: the memory that it fills, not that of its size class. */
-size_t cost_of(const block *b)
+static bool push(connection &c, const void *signal, uint32_t size)
 {
-    return sizeof(*b) + b->size;
+    const record_sender::outcome result = c.ring.push(signal, size);
+    if (result == record_sender::outcome::to_ring)
+        wake_receiver(c);
+    return result != record_sender::outcome::full;
 }
 
-/* Takes the next block off the queue and out of the accounts. */
-block *unqueue(connection &c)
+static void count_held(connection &c)
 {
-    block *b = c.out.pop();
-    if (b) {
-        c.out_bytes -= cost_of(b);
-        queued_in_all -= cost_of(b);
-    }
-    return b;
+    c.held.set(c.ring.touched() + c.waiting.memory());
 }
-
-/* The first signal that waits wakes the helper's interest. Ends the connection when the queue is
-   past its bound, or when nobody would ever hand it on. */
-void enqueue(mailbox &m, connection &c, block *b)
-{
-    const size_t cost = cost_of(b);
-    c.out.push(b);
-    c.out_bytes += cost;
-    queued_in_all += cost;
-    if (!c.watched)
-        c.watched = helper_watch_connection(watch_kind::writable, c.tx.get(), m, c.id);
-    if (!c.watched || c.out_bytes > queued_at_most)
-        end_connection(m, c);
-}
-
-/* Ends the connection with the longest queue of the process until all of them fit. Called without
-   the sender's lock, because the longest queue may be another mailbox's. */
-void shed_queues()
-{
-    while (queued_in_all > queued_in_all_at_most) {
-        mailbox *owner = nullptr;
-        uint32_t longest = 0;
-        size_t bytes = 0;
-        std::lock_guard registry(registry_lock);
-        for_each_mailbox([&](mailbox &m) {
-            std::lock_guard hold(m.lock);
-            m.connections.for_each([&](const connection &c) {
-                if (c.out_bytes > bytes) {
-                    owner = &m;
-                    longest = c.id;
-                    bytes = c.out_bytes;
-                }
-            });
-        });
-        if (!owner)
-            return;
-        std::lock_guard hold(owner->lock);
-        if (connection *c = owner->connections.find(longest))
-            end_connection(*owner, *c);
-    }
-}
-
-void release_descriptors(connection &c)
-{
-    /* A copy of a descriptor in somebody's child must neither keep the connection open nor our
-       epoll entries alive: so these steps, before the close. */
-    shutdown(c.control.get(), SHUT_RDWR);
-    helper_unwatch(c.control.get());
-    if (c.watched)
-        helper_unwatch(c.tx.get());
-    c.watched = false;
-    if (c.life)
-        helper_unwatch(c.life.get());
-    c.control.reset();
-    c.life.reset();
-    c.tx.reset();
-    c.rx.reset();
-}
-
-/* Many receivers of the same news are told in the same order each time, and of a thousand each
-   one's connection has left the caches meanwhile. So the next one's is fetched while this one's
-   signal is sent. */
-void expect_next(mailbox &m, connection &c)
-{
-    if (connection *before = m.connections.find(m.sent_last))
-        before->next = c.id;
-    m.sent_last = c.id;
-    m.connections.expect(c.next);
-}
-
-block *find_monitor(block_queue &monitors, uint32_t reference)
-{
-    block *b = monitors.head;
-    while (b && b->word.load(std::memory_order_relaxed) != reference)
-        b = b->next;
-    return b;
-}
-
-} // namespace
 
 /* Without a pidfd, which an old kernel may not have, the control connection does alone. */
-connection *add_connection(mailbox &m, owned_fd control, owned_fd rx, owned_fd tx,
-                           const mailbox_token &peer)
+void set_up(connection &c, connection_parts &&parts)
 {
-    make_room_for_turns(m);
-    connection &c = m.connections.add();
-    c.process = peer_process(control.get());
-    c.peer = peer;
-    c.control = std::move(control);
-    c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.process, 0)));
-    if (c.life)
-        helper_watch_connection(watch_kind::control, c.life.get(), m, c.id);
-    c.rx = std::move(rx);
-    c.tx = std::move(tx);
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u32 = c.id;
-    if (epoll_ctl(m.poll.get(), EPOLL_CTL_ADD, c.rx.get(), &event) == 0 &&
-        helper_watch_connection(watch_kind::control, c.control.get(), m, c.id))
-        return &c;
-    const int error = errno;
-    end_connection(m, c);
-    errno = error;
-    return nullptr;
+    c.ring = record_sender(parts.area->ring(1 - parts.side));
+    c.area = std::move(parts.area);
+    c.far_bell = std::move(parts.far_bell);
+    c.control = std::move(parts.control);
+    c.token = parts.token;
+    c.peer = parts.peer;
+    c.place = std::move(parts.held);
+    c.was_located = parts.was_located;
+    if (c.peer.process > 0)
+        c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
 }
 
-/* A token alone proves nothing, because those who were told it could repeat it: the process, which
-   the kernel vouches for, must be the same too. */
-connection *find_peer(mailbox &m, const mailbox_token &peer, pid_t process)
+/* The area stays mapped while the inbox has something to take from its other ring. What was passed
+   over the control connection is not closed here. */
+connection::~connection()
 {
-    connection *found = nullptr;
-    m.connections.for_each([&](connection &c) {
-        if (c.alive() && c.peer == peer && c.process == process)
-            found = &c;
-    });
-    return found;
+    set_monitor(*this, nullptr, 0);
+    ring.leave(is_peer_gone);
+    if (control)
+        hang_up(std::move(control), {}, peer, std::move(place));
 }
 
-void end_connection(mailbox &m, connection &c)
+bool deliver(connection &c, const block *b)
 {
-    if (!c.alive())
-        return;
-    if (c.rx && m.id != 0) {
-        /* Shut, it counts as readable: the owner must not see that. */
-        epoll_ctl(m.poll.get(), EPOLL_CTL_DEL, c.rx.get(), nullptr);
-        shutdown(c.rx.get(), SHUT_RD);
-        read_all(m, c);
-    }
-    release_descriptors(c);
-    while (block *b = unqueue(c))
-        block_give(b);
-    while (block *notice = c.monitors.pop()) {
-        notice->sender = c.id;
-        queue_ahead(m, c, notice);
-    }
-    if (c.ahead.empty())
-        m.connections.remove(c.id);
-}
-
-void forget_connections(mailbox &m)
-{
-    m.connections.for_each([](connection &c) {
-        c.ahead.give_all();
-        c.monitors.give_all();
-        while (block *b = unqueue(c))
-            block_give(b);
-    });
-    m.connections.clear();
-}
-
-void flush_connection(mailbox &m, connection &c, int at_most)
-{
-    while (at_most-- > 0 && !c.out.empty()) {
-        switch (try_send(c, c.out.head)) {
-        case outcome::sent:
-            block_give(unqueue(c));
-            break;
-        case outcome::full:
-            return;
-        case outcome::broken:
-            end_connection(m, c);
-            return;
-        }
-    }
-    if (!c.out.empty())
-        return;
-    helper_unwatch(c.tx.get());
-    c.watched = false;
-    /* The mailbox is deleted, and this was what it still had to hand over. */
-    if (m.id == 0)
-        end_connection(m, c);
-}
-
-void send_to_connection(mailbox &m, uint32_t id, uint32_t receiver, block *b)
-{
-    {
-        std::lock_guard hold(m.lock);
-        connection *c = m.id == id ? m.connections.find(receiver) : nullptr;
-        if (!c || !c->alive() || b->size > MBX_LARGEST_SIGNAL) {
-            block_give(b);
-            return;
-        }
-        expect_next(m, *c);
-        const outcome result = c->out.empty() ? try_send(*c, b) : outcome::full;
-        if (result == outcome::full) {
-            enqueue(m, *c, b);
-        } else {
-            block_give(b);
-            if (result == outcome::broken)
-                end_connection(m, *c);
-            return;
-        }
-    }
-    shed_queues();
-}
-
-uint32_t monitor_connection(mailbox &m, uint32_t id, uint32_t target, block *notice)
-{
-    std::unique_lock hold(m.lock);
-    connection *c = m.id == id ? m.connections.find(target) : nullptr;
-    const bool first = c && c->alive() && !find_monitor(c->monitors, target);
-    const uint32_t reference = first ? target : next_connection_id();
-    notice->word.store(reference, std::memory_order_relaxed);
-    notice->sender = target;
-    if (c && c->alive())
-        c->monitors.push(notice);
-    else if (c)
-        queue_ahead(m, *c, notice);
-    else
-        push_local(id, notice, target);
-    return reference;
-}
-
-bool unmonitor_connection(mailbox &m, uint32_t id, uint32_t reference)
-{
-    const auto remove = [&](connection &c) {
-        block *before = nullptr;
-        for (block *b = c.monitors.head; b; before = b, b = b->next)
-            if (b->word.load(std::memory_order_relaxed) == reference) {
-                block_give(c.monitors.remove_after(before));
-                return true;
-            }
+    const void *signal = b + 1;
+    const bool is_sent = c.waiting.is_empty() && push(c, signal, b->size);
+    if (!is_sent && !c.waiting.push(signal, b->size))
         return false;
-    };
-    std::lock_guard hold(m.lock);
-    if (m.id != id)
-        return false;
-    if (connection *c = m.connections.find(reference); c && remove(*c))
+    if (!is_sent || c.ring.touched() > 0)
+        count_held(c);
+    if (is_sent)
         return true;
-    bool removed = false;
-    m.connections.for_each([&](connection &c) { removed = removed || remove(c); });
-    return removed;
+    if (!c.awaits_room)
+        while (flush(c) == flushing::goes_on) {
+        }
+    return c.held.get() <= held_for_one_at_most;
+}
+
+/* With plenty of room, any signal fits: so each call makes progress, or the receiver reports. */
+flushing flush(connection &c)
+{
+    size_t budget = ring_bytes;
+    bool is_full = false;
+    while (!c.waiting.is_empty() && budget > 0 && !is_full) {
+        uint32_t size;
+        const void *signal = c.waiting.front(size);
+        is_full = !push(c, signal, size);
+        if (!is_full)
+            c.waiting.pop();
+        budget -= std::min<size_t>(budget, size + 8);
+    }
+    count_held(c);
+    c.awaits_room = !c.waiting.is_empty();
+    if (!c.awaits_room)
+        return flushing::done;
+    return is_full && c.ring.wait_for_room() ? flushing::waits : flushing::goes_on;
+}
+
+void report_room(const connection &c)
+{
+    send_wake(c.control.get(), wake::room);
+}
+
+bool trim(connection &c)
+{
+    c.ring.trim();
+    count_held(c);
+    return c.ring.touched() > 0;
+}
+
+void set_monitor(connection &c, block *notice, uint32_t reference)
+{
+    if (c.notice)
+        block_give(c.notice);
+    c.notice = notice;
+    c.monitor = reference;
 }

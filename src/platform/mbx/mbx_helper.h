@@ -1,33 +1,40 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_helper - the one thread that the library runs in a process. It accepts connections, reads
-   greetings, notices the end of connections, and hands on what the kernel did not take at once.
-   It blocks all signals. */
+/* mbx_helper - the one thread that serves the library in a process: it waits for descriptors and
+   points in time, and calls functions. It knows nothing of what they are for, and blocks all
+   process signals. */
 #pragma once
 
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_fd.h"
 
 #include <mutex>
 
-enum class watch_kind : uint8_t {
-    stop,
-    listener, /* of a mailbox */
-    greeting, /* a connection that has not greeted yet */
-    control,  /* a connection: anything on it ends it */
-    writable, /* a connection with a queue: its receiver has room again */
-};
-
-/* What the thread holds while it works, but not while it waits. Comes before all other locks. */
+/* Held while a function is called, but not while the thread waits. Comes before all other locks. */
 extern std::mutex helper_lock;
 
-/* With registry_lock held. Starts the thread unless it runs. False, with errno, on failure. */
+/* What a descriptor is watched for: the kind chooses the function, `slot` (24 bits) and `id` tell
+   it what the event is about. It looks that up again, because it may have ended meanwhile. */
+constexpr size_t helper_kinds = 8;
+using helper_call = void (*)(uint32_t slot, uint32_t id);
+/* Does what is due at `now`; returns when it is to be called next, at the latest. */
+using helper_timer = time_point (*)(time_point now);
+constexpr size_t helper_timers = 2;
+
+/* To be set before the helper starts. Kinds from 1. */
+void helper_set_call(size_t kind, helper_call call);
+void helper_set_timer(size_t which, helper_timer timer);
+
+/* Starts the thread unless it runs; one caller at a time. False, with errno, on failure. */
 bool start_helper();
-/* Ends the thread and what it had in work. Harmless if it doesn't run. Without any lock. */
+/* Ends the thread. Harmless if it doesn't run. Without any lock of those that functions take. */
 void stop_helper();
-/* In a forked child, with all locks held: there is no such thread here. */
+/* In a forked child: there is no such thread here. */
 void forget_helper();
 
-/* From any thread. False, with errno, on failure. */
-bool helper_watch_listener(int listener, uint32_t mailbox_id);
-bool helper_watch_connection(watch_kind kind, int fd, const mailbox &m, uint32_t connection_id);
+/* From any thread. `events` as for epoll_ctl. False, with errno, on failure. */
+bool helper_watch(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
+/* The same for a descriptor that is watched. */
+bool helper_watch_again(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
 /* To be called before the descriptor is closed. Harmless if it isn't watched. */
 void helper_unwatch(int fd);
+/* Lets all timers be called soon. */
+void helper_wake();

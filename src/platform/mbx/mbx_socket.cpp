@@ -1,96 +1,80 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A peer is handed the sending end of a datagram pair and nothing else. It may do to that end
-   whatever it likes: shut it down, connect it elsewhere, pass it on. None of that shows on the
-   receiving end, which is readable exactly while a datagram waits in it, and every datagram is
-   received as a signal. */
+/* Every receive has room for all the descriptors that one message can carry, so that the kernel
+   never closes any inside the call. */
 #include "platform/mbx/mbx_socket.h"
 
-#include "platform/mbx/mbx.h"
-
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/random.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+
+#ifndef SO_PASSRIGHTS
+#define SO_PASSRIGHTS 83
+#endif
 
 namespace
 {
-
-/* What the kernel takes for one receiver; it doubles the number for its own overhead. */
-constexpr int send_buffer = 106496;
-constexpr uint32_t greeting_magic = 0x3178626d;
 
 struct greeting_record {
     uint32_t magic;
     greeting_kind kind;
     mailbox_token token;
 };
-static_assert(sizeof(greeting_record) == 24);
-
-/* Room for exactly one descriptor: the kernel closes what more is passed. */
-union one_descriptor {
-    cmsghdr header;
-    char bytes[CMSG_SPACE(sizeof(int))];
-};
-constexpr size_t one_descriptor_length = CMSG_LEN(sizeof(int));
-
-int socket_option(int fd, int option)
-{
-    int value = -1;
-    socklen_t length = sizeof(value);
-    return getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
-}
-
-/* Whether what a peer passed may be written to: one end of a datagram pair. A socket whose other
-   end has an address belongs to a third party. The buffer is set anew, because its size would be
-   the peer's choice and the memory ours. */
-bool accept_sending_end(int tx)
-{
-    if (socket_option(tx, SO_DOMAIN) != AF_UNIX || socket_option(tx, SO_TYPE) != SOCK_DGRAM)
-        return false;
-    sockaddr_un peer;
-    socklen_t length = sizeof(peer);
-    if (getpeername(tx, reinterpret_cast<sockaddr *>(&peer), &length) != 0 ||
-        length > sizeof(sa_family_t))
-        return false;
-    return setsockopt(tx, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer)) == 0;
-}
-
-/* What was passed is ours from here on, and closes itself if it is not wanted. */
-owned_fd passed_descriptor(msghdr &message)
-{
-    cmsghdr *header = CMSG_FIRSTHDR(&message);
-    if (!header || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS ||
-        header->cmsg_len != one_descriptor_length)
-        return {};
-    int fd;
-    std::memcpy(&fd, CMSG_DATA(header), sizeof(fd));
-    return owned_fd(fd);
-}
 
 } // namespace
 
-void owned_fd::reset()
-{
-    if (fd_ >= 0)
-        close(std::exchange(fd_, -1));
-}
+static_assert(sizeof(greeting_record) == 24);
 
-int milliseconds_until(time_point deadline)
-{
-    using namespace std::chrono;
-    const auto left = ceil<milliseconds>(deadline - steady_clock::now()).count();
-    return static_cast<int>(std::clamp<long long>(left, 0, INT32_MAX));
-}
+static constexpr size_t fds_at_most = 253; /* in one message */
 
-datagram_pair make_datagram_pair()
+namespace
 {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) != 0)
-        return {};
-    return {owned_fd(ends[0]), owned_fd(ends[1])};
+
+union fd_room {
+    cmsghdr header;
+    char bytes[CMSG_SPACE(fds_at_most * sizeof(int)) + CMSG_SPACE(sizeof(ucred))];
+};
+
+} // namespace
+
+static constexpr uint32_t greeting_magic = 0x3278626d;     /* "mbx2" */
+static constexpr uint32_t old_greeting_magic = 0x3178626d; /* "mbx1" */
+static constexpr int control_send_buffer = 4608;           /* the least that the kernel gives */
+
+/* Returns as recvmsg does. `is_message` tells an empty message from the end of the connection: a
+   message has control data at least, the sender's credentials (prepare_control). */
+static ssize_t receive(int control, void *data, size_t size, std::vector<owned_fd> &fds,
+                       bool &is_message)
+{
+    fds.reserve(fds_at_most); /* memory that is out now loses none of them */
+    fd_room room;
+    iovec into{data, size};
+    msghdr message{};
+    message.msg_iov = &into;
+    message.msg_iovlen = 1;
+    message.msg_control = &room;
+    message.msg_controllen = sizeof(room);
+    ssize_t length;
+    do {
+        length = recvmsg(control, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    } while (length < 0 && errno == EINTR);
+    is_message = length > 0 || (length == 0 && message.msg_controllen > 0);
+    if (length < 0)
+        return length;
+    for (cmsghdr *header = CMSG_FIRSTHDR(&message); header;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
+            continue;
+        const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; i++) {
+            int fd;
+            std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(fd), sizeof(fd));
+            fds.emplace_back(fd);
+        }
+    }
+    if (message.msg_flags & MSG_TRUNC)
+        return static_cast<ssize_t>(size) + 1;
+    return length;
 }
 
 /* Early in a system's life the call may be interrupted: then it is repeated. */
@@ -102,53 +86,104 @@ mailbox_token make_token()
     return token;
 }
 
-bool send_greeting(int control, greeting_kind kind, const mailbox_token &token, int tx)
+bool send_greeting(int control, greeting_kind kind, const mailbox_token &token, const int *fds)
 {
     greeting_record record{greeting_magic, kind, token};
     iovec data{&record, sizeof(record)};
-    one_descriptor room{};
+    fd_room room{};
     msghdr message{};
     message.msg_iov = &data;
     message.msg_iovlen = 1;
-    if (tx >= 0) {
+    if (fds) {
         message.msg_control = &room;
-        message.msg_controllen = one_descriptor_length;
+        message.msg_controllen = CMSG_SPACE(welcome_fds * sizeof(int));
         room.header.cmsg_level = SOL_SOCKET;
         room.header.cmsg_type = SCM_RIGHTS;
-        room.header.cmsg_len = one_descriptor_length;
-        std::memcpy(CMSG_DATA(&room.header), &tx, sizeof(tx));
+        room.header.cmsg_len = CMSG_LEN(welcome_fds * sizeof(int));
+        std::memcpy(CMSG_DATA(&room.header), fds, welcome_fds * sizeof(int));
     }
     return sendmsg(control, &message, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof(record);
 }
 
-std::optional<greeting> receive_greeting(int control)
+greeting receive_greeting(int control)
 {
+    greeting got;
     greeting_record record{};
-    iovec data{&record, sizeof(record)};
-    one_descriptor room{};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = &room;
-    message.msg_controllen = one_descriptor_length;
-    const ssize_t length = recvmsg(control, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    bool is_message;
+    const ssize_t length = receive(control, &record, sizeof(record), got.fds, is_message);
+    got.what = heard::nonsense;
     if (length < 0)
-        return {};
-    owned_fd tx = passed_descriptor(message);
-    errno = EPROTO;
-    if (length != sizeof(record) || (message.msg_flags & MSG_TRUNC) ||
-        record.magic != greeting_magic)
-        return {};
-    if (record.kind != greeting_kind::known && !(tx && accept_sending_end(tx.get()))) {
-        errno = EPROTO;
-        return {};
-    }
-    return greeting{record.kind, record.token, std::move(tx)};
+        got.what = errno == EAGAIN ? heard::nothing : heard::end;
+    else if (!is_message)
+        got.what = heard::end;
+    else if (length == sizeof(record) && record.magic == old_greeting_magic)
+        got.what = heard::old_wire;
+    else if (length == sizeof(record) && record.magic == greeting_magic &&
+             got.fds.size() == (record.kind == greeting_kind::welcome ? welcome_fds : 0))
+        got.what = heard::greeting;
+    got.kind = record.kind;
+    got.token = record.token;
+    return got;
 }
 
-pid_t peer_process(int control)
+/* A queue that is full has such a byte in it already. */
+void send_wake(int control, wake what)
+{
+    const int saved = errno;
+    send(control, &what, sizeof(what), MSG_DONTWAIT | MSG_NOSIGNAL);
+    errno = saved;
+}
+
+control_event receive_wake(int control, std::vector<owned_fd> &fds)
+{
+    wake what{};
+    bool is_message;
+    const ssize_t length = receive(control, &what, sizeof(what), fds, is_message);
+    if (!fds.empty())
+        return control_event::passed;
+    if (length < 0 && errno == EAGAIN)
+        return control_event::nothing;
+    if (length == 1 && what == wake::room)
+        return control_event::room;
+    if (length == 1 && what == wake::bell)
+        return control_event::bell;
+    return control_event::end;
+}
+
+void prepare_control(int control)
+{
+    const int yes = 1;
+    setsockopt(control, SOL_SOCKET, SO_PASSCRED, &yes, sizeof(yes));
+}
+
+void restrict_control(int control)
+{
+    const int no = 0;
+    setsockopt(control, SOL_SOCKET, SO_PASSRIGHTS, &no, sizeof(no));
+    setsockopt(control, SOL_SOCKET, SO_SNDBUF, &control_send_buffer, sizeof(control_send_buffer));
+}
+
+/* Once it is shut down nothing more can be queued in it, and what is in it is looked through: the
+   close of a socket closes what was passed and not received. */
+void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer, share held)
+{
+    shutdown(control.get(), SHUT_RDWR);
+    bool is_message = true;
+    while (is_message && passed.empty()) {
+        unsigned char byte;
+        receive(control.get(), &byte, sizeof(byte), passed, is_message);
+    }
+    if (passed.empty())
+        return;
+    passed.push_back(std::move(control));
+    close_later({std::move(passed), peer, std::move(held)});
+}
+
+peer_identity peer_of(int control)
 {
     ucred peer{};
     socklen_t length = sizeof(peer);
-    return getsockopt(control, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : -1;
+    if (getsockopt(control, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return {};
+    return {peer.pid, peer.uid};
 }

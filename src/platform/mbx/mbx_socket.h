@@ -1,84 +1,80 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_socket - descriptors that close themselves, datagram pairs, and the greeting of a control
-   connection. No state. */
+/* mbx_socket - what is said on a control connection: the greeting, and bytes that wake. No state.
+
+   The connecting side says hello; the accepting side answers with a welcome, which carries the
+   memory and the two bells, or tells that it has no more to say. After that each side may send
+   single bytes. Anything else ends the connection. */
 #pragma once
 
+#include "platform/mbx/mbx_closer.h"
+#include "platform/mbx/mbx_fd.h"
+#include "platform/mbx/mbx_share.h"
+
 #include <array>
-#include <chrono>
 #include <cstdint>
-#include <optional>
-#include <sys/types.h>
-#include <utility>
-
-class owned_fd
-{
-  public:
-    owned_fd() = default;
-    explicit owned_fd(int fd) : fd_(fd)
-    {
-    }
-    owned_fd(owned_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1))
-    {
-    }
-    owned_fd &operator=(owned_fd &&other) noexcept
-    {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~owned_fd()
-    {
-        reset();
-    }
-    void reset();
-    int get() const
-    {
-        return fd_;
-    }
-    explicit operator bool() const
-    {
-        return fd_ >= 0;
-    }
-
-  private:
-    int fd_ = -1;
-};
-
-using time_point = std::chrono::steady_clock::time_point;
-
-/* Whole milliseconds until then, rounded up, 0 when it is past: what poll and epoll_wait take. */
-int milliseconds_until(time_point deadline);
-
-/* One direction of a connection: signals put into `tx` come out of `rx`. */
-struct datagram_pair {
-    owned_fd rx;
-    owned_fd tx;
-};
-
-/* Both ends are empty, and errno tells why, when the pair can't be made. */
-datagram_pair make_datagram_pair();
+#include <vector>
 
 /* Which mailbox somebody claims to be. Random, and told to peers only. */
 using mailbox_token = std::array<uint64_t, 2>;
 mailbox_token make_token();
 
 enum class greeting_kind : uint32_t {
-    hello = 1, /* the one who connects; carries a sending end */
-    welcome,   /* the answer; carries a sending end */
+    hello = 1, /* the one who connects */
+    welcome,   /* the answer; carries welcome_fds descriptors */
     known,     /* the answer when the two are connected already */
+    refused,   /* the answer when there can be no connection now */
+};
+
+/* In this order: the memory, the accepting side's bell, the connecting side's bell. */
+constexpr size_t welcome_fds = 3;
+
+/* False, with errno, when it can't be sent at once. A welcome has welcome_fds descriptors at `fds`.
+ */
+bool send_greeting(int control, greeting_kind kind, const mailbox_token &token,
+                   const int *fds = nullptr);
+
+enum class heard {
+    nothing,  /* nothing has come yet */
+    greeting, /* a proper one */
+    old_wire, /* the greeting of libmbx 1.0.0 */
+    end,      /* the other side is gone, without a word */
+    nonsense, /* anything else */
 };
 
 struct greeting {
-    greeting_kind kind;
-    mailbox_token token;
-    owned_fd tx;
+    heard what = heard::nothing;
+    greeting_kind kind = greeting_kind::hello;
+    mailbox_token token{};
+    /* Whatever was passed, up to all that a message can carry. With a proper greeting as many as
+       its kind has. The receiver sees to it that the others go to close_later. */
+    std::vector<owned_fd> fds;
 };
 
-/* False, with errno, when it can't be sent at once. `tx` may be -1. */
-bool send_greeting(int control, greeting_kind kind, const mailbox_token &token, int tx);
+/* Reads one message. */
+greeting receive_greeting(int control);
 
-/* Empty with errno EAGAIN when nothing has come yet, with another errno when the other side is gone
-   or did not greet properly: the connection is of no use then. */
-std::optional<greeting> receive_greeting(int control);
+/* The bytes of a greeted connection. */
+enum class wake : unsigned char {
+    room = 'r', /* what waits in you for me has room again */
+    bell = 'b', /* a signal for you, from a side that can't ring */
+};
+void send_wake(int control, wake what);
 
-/* The process at the other end, as the kernel noted it when the connection was made. */
-pid_t peer_process(int control);
+enum class control_event { nothing, room, bell, end, passed };
+
+/* Reads one message. `passed`: it carried descriptors, which are in `fds` now. */
+control_event receive_wake(int control, std::vector<owned_fd> &fds);
+
+/* For a fresh control connection: what receive_greeting and receive_wake need. */
+void prepare_control(int control);
+/* From now on the kernel lets nobody pass a descriptor to this socket (since Linux 6.16; nothing
+   happens before), and little waits in it for a peer who does not read. */
+void restrict_control(int control);
+
+/* Ends a control connection for both sides and closes it. It returns at once: where something was
+   passed, in `passed` or still unread, the closing thread does the rest. */
+void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
+             share held = {});
+
+/* Empty identity (process -1) when the kernel can't tell. */
+peer_identity peer_of(int control);

@@ -1,97 +1,104 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_table - the connections of a mailbox by their ids. Guarded by the mailbox's lock.
+/* mbx_table - records by the ids of connections. Guarded by the table's owner.
 
    A send to one of a thousand receivers finds everything of its connection cold, so the way there
    is one look at a table of pointers. The place is the id's low bits: since we give the ids, we
    give none whose place is taken, and nothing ever collides. */
 #pragma once
 
-#include "platform/mbx/mbx_block.h"
-#include "platform/mbx/mbx_socket.h"
-
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
-
-/* A connection to another mailbox. It has descriptors while it lives. A dead one stays while
-   signals that were read from it wait for the owner. What each signal needs comes first, in one
-   line of the cache. */
-struct alignas(64) connection {
-    uint32_t id = 0; /* what the other mailbox is called here; never used twice */
-    owned_fd control;
-    owned_fd tx;
-    owned_fd rx;
-    block_queue out;     /* what the kernel did not take */
-    block_queue ahead;   /* what was read and not yet received */
-    uint64_t served = 0; /* when the owner took a signal last */
-    uint32_t batch = 1;  /* how many signals to read at once */
-    uint32_t next = 0;   /* the connection that was sent to after this one */
-
-    uint32_t calm = 0;    /* receptions until the next try to read more than one */
-    bool watched = false; /* the helper waits until tx takes more */
-    uint64_t look = 0;    /* which look at the sources gave it a turn last */
-    block_queue monitors;
-    size_t out_bytes = 0;
-    owned_fd life; /* a pidfd of the process at the other end, where there can be one */
-    pid_t process = 0;
-    mailbox_token peer{};
-
-    bool alive() const
-    {
-        return static_cast<bool>(control);
-    }
-};
 
 /* Set in the ids of our own mailboxes only. */
 constexpr uint32_t mailbox_id_bit = 0x80000000u;
 
 /* Counts up, so that an id comes back after two thousand million connections at the earliest. The
-   lowest numbers are left to other sources of signals. */
+   lowest numbers are left to other sources of signals. Any thread. */
 uint32_t next_connection_id();
 
-class connection_table
+/* `record` has a member `id`. */
+template <typename record>
+class id_table
 {
   public:
     size_t size() const
     {
         return size_;
     }
-    bool empty() const
+    bool is_empty() const
     {
         return size_ == 0;
     }
-    /* The connection that is called so, or null. */
-    connection *find(uint32_t id) const
+    /* The record of that id, or null. */
+    record *find(uint32_t id) const
     {
-        connection *c = places_[place(id)].get();
-        return c && c->id == id ? c : nullptr;
+        record *found = at_place_of(id);
+        return found && found->id == id ? found : nullptr;
     }
-    /* Soon the connection will be looked for. */
-    void expect(uint32_t id) const
+    /* What stands at the id's place: its record, another one, or null. */
+    record *at_place_of(uint32_t id) const
     {
-        __builtin_prefetch(places_[place(id)].get());
+        return places_[place_of(id)].get();
     }
-    /* Makes one, with an id of its own. */
-    connection &add();
-    void remove(uint32_t id);
-    void clear();
+    /* Whether a record with this id can be added. */
+    bool has_place_for(uint32_t id) const
+    {
+        return !at_place_of(id);
+    }
+    /* Makes a record with an id for which there is a place. It may grow the table first, so the
+       place is to be checked after make_room. */
+    record &add(uint32_t id)
+    {
+        auto made = std::make_unique<record>();
+        made->id = id;
+        size_++;
+        return *(places_[place_of(id)] = std::move(made));
+    }
+    /* Room for one more record, at half use at most. */
+    void make_room()
+    {
+        if (2 * (size_ + 1) > places_.size())
+            grow();
+    }
+    void remove(uint32_t id)
+    {
+        places_[place_of(id)].reset();
+        size_--;
+    }
+    void clear()
+    {
+        places_ = places(least);
+        size_ = 0;
+    }
     /* Calls the function with each; it may remove the one that it is called with. */
     template <typename function>
     void for_each(function &&call)
     {
-        for (std::unique_ptr<connection> &c : places_)
-            if (c)
-                call(*c);
+        for (std::unique_ptr<record> &one : places_)
+            if (one)
+                call(*one);
     }
 
   private:
-    size_t place(uint32_t id) const
+    using places = std::vector<std::unique_ptr<record>>;
+    static constexpr size_t least = 4;
+
+    size_t place_of(uint32_t id) const
     {
         return id & (places_.size() - 1);
     }
-    void grow();
+    /* Ids that differ in their low bits differ in more of them. */
+    void grow()
+    {
+        places more(2 * places_.size());
+        more.swap(places_);
+        for (std::unique_ptr<record> &one : more)
+            if (one)
+                places_[place_of(one->id)] = std::move(one);
+    }
 
     size_t size_ = 0;
-    std::vector<std::unique_ptr<connection>> places_{
-        4}; /* a power of two of them, half in use at most */
+    places places_ = places(least); /* a power of two of them */
 };

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""lab - starts what is measured, pins it, talks to it, and leaves nothing behind."""
+"""launcher - starts the measured programs, pins them to a core, talks to them and ends them."""
 import ctypes
 import json
 import os
@@ -14,12 +14,12 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BIN = ROOT / "build/release/bin"
-PATIENCE = 60.0  # seconds; nothing that is measured takes as long
+PATIENCE = 60.0  # seconds; no measured operation takes as long
 
-# What is measured runs on one core or on both, we ourselves on the other one.
-OURS, THEIRS = min(os.sched_getaffinity(0)), max(os.sched_getaffinity(0))
+# Measured programs run on SERVER_CORE or on both cores, this script on DRIVER_CORE.
+DRIVER_CORE, SERVER_CORE = min(os.sched_getaffinity(0)), max(os.sched_getaffinity(0))
 
-# A thread of this name plays the board, which is no part of the server.
+# The thread of this name is the board's, which is no part of the server.
 BOARD_THREAD = "dolm-ric-board"
 
 PR_SET_PDEATHSIG = 1
@@ -27,8 +27,8 @@ libc = ctypes.CDLL(None, use_errno=True)
 
 
 def set_priority(nice):
-    """Other work on this machine shall not decide about ours, where we may say so. The order among
-    what is measured stays as it is: all of it has the same priority."""
+    """Puts the benchmark before other work of the machine, where that is permitted. All measured
+    programs have the same priority."""
     try:
         os.setpriority(os.PRIO_PROCESS, 0, nice)
         pathlib.Path("/proc/self/autogroup").write_text(str(nice))
@@ -47,12 +47,12 @@ def wait_until(condition, what, needed=()):
             if program.process.poll() is not None:
                 raise Failed(f"{program.name} has ended")
         if time.monotonic() > deadline:
-            raise Failed(f"waited in vain until {what}")
+            raise Failed(f"timeout: waited until {what}")
         time.sleep(0.002)
 
 
 class Program:
-    """A process that is asked by lines and answers each with a line."""
+    """A process that answers each line with a line."""
 
     def __init__(self, args, core, env=None, **more):
         def prepare():
@@ -103,9 +103,22 @@ def is_asleep(task):
 
 
 def anonymous_bytes(pid):
-    """The memory that is the process's own: no file's page as it is in the file."""
-    lines = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()
-    return 1024 * next(int(line.split()[1]) for line in lines if line.startswith("Anonymous:"))
+    """Memory of the process alone: unmodified pages of files do not count."""
+    return sum_of_lines(f"/proc/{pid}/smaps_rollup", "Anonymous")
+
+
+def sum_of_lines(file, *keys):
+    """The sum of these lines of a file in /proc, in bytes; a line that is missing counts as 0."""
+    lines = (line.split() for line in pathlib.Path(file).read_text().splitlines())
+    return 1024 * sum(int(words[1]) for words in lines if words[0].rstrip(":") in keys)
+
+
+def memory_of(*pids):
+    """Bytes of these processes together: private memory, memory that they share, page tables, and
+    the kernel's objects, which are counted for the whole machine."""
+    return sum_of_lines("/proc/meminfo", "Slab") + sum(
+        sum_of_lines(f"/proc/{pid}/smaps_rollup", "Anonymous", "Pss_Shmem") +
+        sum_of_lines(f"/proc/{pid}/status", "VmPTE") for pid in pids)
 
 
 def can_connect(path, kind):
@@ -114,14 +127,14 @@ def can_connect(path, kind):
 
 
 class Server:
-    """The processes of one system's server side. Subclasses say how they start."""
+    """The processes of one system's server side. Subclasses define how they start."""
 
     name = label = ""
     client_program = ""
 
-    def __init__(self, lab, core, **options):
-        self.lab = lab
-        self.folder = lab.new_folder()
+    def __init__(self, launcher, core, **options):
+        self.launcher = launcher
+        self.folder = launcher.new_folder()
         self.address = self.folder / "socket"
         self.board = self.folder / "board"
         self.env = {}
@@ -129,7 +142,7 @@ class Server:
         self.start(core, **options)
 
     def run(self, args, core, **more):
-        self.processes.append(self.lab.run(args, core, self.env, **more))
+        self.processes.append(self.launcher.run(args, core, self.env, **more))
 
     def start(self, core):
         self.run([BIN / self.client_program, "serve", self.address, self.board], core)
@@ -149,26 +162,27 @@ class Server:
                 os.sched_setaffinity(int(task.name), {core})
 
     def cpu_ns(self):
-        """What the server has used, read once it has come to rest."""
+        """Processor time of the server, read once all its threads sleep."""
         counted = self.counted_tasks()
         wait_until(lambda: all(map(is_asleep, counted)), f"{self.label} is idle")
         return sum(int((task / "schedstat").read_text().split()[0]) for task in counted)
 
-    def client(self, core):
-        return self.lab.run([BIN / self.client_program, "client", self.address], core, self.env)
+    def client(self, core, waits="epoll"):
+        return self.launcher.run([BIN / self.client_program, "client", self.address, waits], core,
+                                 self.env)
 
-    def subscribers(self, processes, each, core):
-        """Starts them; the file of their receipts."""
-        path = self.folder / "receipts"
-        program = self.lab.run([BIN / self.client_program, "subscribe", self.address, path,
-                                processes, each], core, self.env)
+    def subscribers(self, processes, each, core, waits):
+        """Starts them and returns the file of their receipts."""
+        path = self.folder / f"receipts-{waits}"
+        program = self.launcher.run([BIN / self.client_program, "subscribe", self.address, waits,
+                                     path, processes, each], core, self.env)
         if program.read_line() != "ready\n":
             raise Failed(f"the subscribers of {self.label} are not ready")
         return path
 
     def end(self):
         for process in self.processes:
-            self.lab.end(process)
+            self.launcher.end(process)
 
 
 class Floor(Server):
@@ -240,14 +254,14 @@ class Grpc(Server):
 SYSTEMS = [Floor, Tesk, Redis, SdBusPeer, DBus, Grpc]
 
 
-class Lab:
-    """Everything that was started ends with it."""
+class Launcher:
+    """All programs that were started; they end with it."""
 
     def __enter__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="tesk-bench-"))
         self.programs = []
         set_priority(-15)
-        os.sched_setaffinity(0, {OURS})
+        os.sched_setaffinity(0, {DRIVER_CORE})
         return self
 
     def __exit__(self, *_):
@@ -268,45 +282,45 @@ class Lab:
         self.programs.remove(program)
 
     def start_growth(self, options):
-        """A server and the program that plays its clients, on one core."""
-        server = Tesk(self, THEIRS, **options)
-        return server, self.run([BIN / "bench_growth", server.board], THEIRS, server.env)
+        """A server and the program with its clients, on one core."""
+        server = Tesk(self, SERVER_CORE, **options)
+        return server, self.run([BIN / "bench_growth", server.board], SERVER_CORE, server.env)
 
     def end_growth(self, pair):
         self.end(pair[1])
         pair[0].end()
 
     def end_all(self):
-        # Clients first: they complain when their server goes.
+        # Clients first: they print an error when their server ends.
         for program in reversed(self.programs):
             program.end()
         self.programs = []
 
 
 def count_system_calls(server, work):
-    """How many calls the server's processes make while the work is done."""
+    """The number of calls that the server's processes make during the work."""
     pids = [process.pid for process in server.processes]
     summary = server.folder / "strace"
     args = ["strace", "-f", "-q", "-c", "-o", summary]
     for pid in pids:
         args += ["-p", pid]
-    tracer = server.lab.run(args, OURS, stderr=subprocess.DEVNULL)
+    tracer = server.launcher.run(args, DRIVER_CORE, stderr=subprocess.DEVNULL)
     wait_until(lambda: all("TracerPid:\t0\n" not in (task / "status").read_text()
                            for pid in pids for task in tasks(pid)), "strace is attached")
     work()
     tracer.process.send_signal(signal.SIGINT)
     tracer.process.wait(PATIENCE)
-    server.lab.end(tracer)
+    server.launcher.end(tracer)
     total = [line.split() for line in summary.read_text().splitlines() if line.endswith(" total")]
     return int(total[0][3]) if total else 0
 
 
 class TraceSession:
-    """An LTTng session that records all there is. `works` is false where that can't be had."""
+    """An LTTng session that records all events. `works` is false where LTTng cannot be used."""
 
-    def __init__(self, lab):
+    def __init__(self, launcher):
         self.name = f"tesk-bench-{os.getpid()}"
-        self.output = lab.new_folder()
+        self.output = launcher.new_folder()
         self.daemon = None
 
     def lttng(self, *words):
@@ -324,7 +338,7 @@ class TraceSession:
         return self
 
     def start_daemon(self):
-        """It puts itself into the background once it serves, so it is found by its pid file."""
+        """The daemon goes into the background once it serves; its pid file tells which process it is."""
         pid_file = self.output / "pid"
         self.works = subprocess.run(
             ["lttng-sessiond", "--daemonize", "--no-kernel", f"--pidfile={pid_file}"],

@@ -1,0 +1,249 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* How connections to our named mailboxes are accepted, on the helper's thread.
+
+   A client says hello and is answered with the memory and the bells, or told that the two mailboxes
+   are connected already, or that it can't be now; only then may signals flow. A connection that
+   does not greet is closed after two seconds, and one process may have a few such at a time.
+
+   When descriptors have run out, accepting would fail for as long as that lasts and the listener
+   would stay readable: it is left alone for a moment and tried again. The same is done while the
+   closing thread has too much to do: a process that passes descriptors which do not close comes in
+   slowly. */
+#include "platform/mbx/mbx_helper.h"
+#include "platform/mbx/mbx_mailbox.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <sys/socket.h>
+#include <vector>
+
+namespace
+{
+
+struct newcomer {
+    uint32_t number;
+    uint32_t mailbox_id;
+    time_point deadline;
+    peer_identity peer;
+    owned_fd control;
+};
+
+} // namespace
+
+using namespace std::chrono_literals;
+
+static constexpr auto time_to_greet = 2s;
+static constexpr auto time_to_retry = 100ms;
+static constexpr auto time_to_complain = 10s;
+static constexpr size_t ungreeted_at_most = 16; /* of one process */
+static constexpr int accepts_at_once = 64;
+
+/* Guarded by helper_lock. */
+static std::vector<newcomer> newcomers; /* in the order of their deadlines */
+static uint32_t last_number;
+static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
+static time_point retry;
+
+static void complain_about_old_wire(const peer_identity &peer)
+{
+    static time_point next;
+    const time_point now = std::chrono::steady_clock::now();
+    if (now < next)
+        return;
+    next = now + time_to_complain;
+    fprintf(
+        stderr,
+        "libmbx: process %d speaks the wire of libmbx 1.0.0, which this version does not: update "
+        "its library and start it again\n",
+        static_cast<int>(peer.process));
+}
+
+/* Everything of a new connection on our side. Empty, with errno, when it can't be made. */
+static std::optional<connection_parts> make_parts(const greeting &hello, const peer_identity &peer,
+                                                  owned_fd &memory)
+{
+    connection_parts parts;
+    parts.held = share::take(peer);
+    if (!parts.held.is_held())
+        return {};
+    memory = make_area_memory();
+    if (!memory)
+        return {};
+    parts.area = mapped_area::map(memory.get());
+    parts.near_bell = make_bell();
+    parts.far_bell = make_bell();
+    if (!parts.area || !parts.near_bell || !parts.far_bell)
+        return {};
+    parts.token = hello.token;
+    parts.peer = peer;
+    return parts;
+}
+
+/* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
+   signal finds it. Takes the control connection over, unless it is refused. */
+static void answer(mailbox &m, newcomer &n, const greeting &hello)
+{
+    const int control = n.control.get();
+    if (hello.token == m.token || find_peer(m, hello.token, n.peer)) {
+        send_greeting(control, greeting_kind::known, m.token);
+        return;
+    }
+    owned_fd memory;
+    std::optional<connection_parts> parts = make_parts(hello, n.peer, memory);
+    if (!parts) {
+        send_greeting(control, greeting_kind::refused, m.token);
+        return;
+    }
+    const int fds[welcome_fds] = {memory.get(), parts->near_bell.get(), parts->far_bell.get()};
+    parts->control = std::move(n.control);
+    const uint32_t id = add_connection(m, std::move(*parts));
+    if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds))
+        end_connection(m, id);
+}
+
+/* The other side of a greeting that is well. */
+static void welcome(newcomer &n, const greeting &hello)
+{
+    restrict_control(n.control.get());
+    if (is_closing_too_many(n.peer)) {
+        send_greeting(n.control.get(), greeting_kind::refused, {});
+        return;
+    }
+    mailbox *m = find_mailbox(n.mailbox_id);
+    if (!m)
+        return;
+    std::lock_guard hold(m->lock);
+    if (m->id == n.mailbox_id)
+        answer(*m, n, hello);
+}
+
+/* Returns whether it is settled: answered, or of no use. Then there is no control connection left.
+ */
+static bool try_greeting(newcomer &n)
+{
+    greeting hello = receive_greeting(n.control.get());
+    if (hello.what == heard::nothing)
+        return false;
+    helper_unwatch(n.control.get());
+    if (hello.what == heard::old_wire)
+        complain_about_old_wire(n.peer);
+    if (hello.what == heard::greeting && hello.kind == greeting_kind::hello)
+        welcome(n, hello);
+    if (n.control)
+        hang_up(std::move(n.control), std::move(hello.fds), n.peer);
+    return true;
+}
+
+static bool may_wait(const newcomer &n)
+{
+    return static_cast<size_t>(
+               std::count_if(newcomers.begin(), newcomers.end(), [&](const newcomer &other) {
+                   return other.peer.key() == n.peer.key();
+               })) < ungreeted_at_most;
+}
+
+/* A client greets as soon as it is connected, so that mostly the greeting is there already and the
+   connection never counts among those that are silent. */
+static void handle_newcomer(owned_fd control, uint32_t mailbox_id)
+{
+    newcomer n{++last_number, mailbox_id, std::chrono::steady_clock::now() + time_to_greet,
+               peer_of(control.get()), std::move(control)};
+    prepare_control(n.control.get());
+    if (try_greeting(n))
+        return;
+    if (may_wait(n) && helper_watch(watch_greeting, n.control.get(), EPOLLIN, 0, n.number))
+        newcomers.push_back(std::move(n));
+    else
+        hang_up(std::move(n.control), {}, n.peer);
+}
+
+static void handle_greeting(uint32_t, uint32_t number)
+{
+    const auto n = std::find_if(newcomers.begin(), newcomers.end(),
+                                [&](const newcomer &other) { return other.number == number; });
+    if (n != newcomers.end() && try_greeting(*n))
+        newcomers.erase(n);
+}
+
+/* The wait for the next try is short enough for a client and long enough not to count. */
+static void rest_listener(int listener, uint32_t mailbox_id)
+{
+    helper_watch_again(watch_listener, listener, 0, slot_of(mailbox_id), mailbox_id);
+    resting.push_back(mailbox_id);
+    retry = std::chrono::steady_clock::now() + time_to_retry;
+}
+
+/* Empty when nobody else wants to connect, or nobody can now. */
+static owned_fd accept_one(uint32_t mailbox_id)
+{
+    mailbox *m = find_mailbox(mailbox_id);
+    if (!m)
+        return {};
+    std::lock_guard hold(m->lock);
+    if (m->id != mailbox_id || !m->name.listener)
+        return {};
+    const int listener = m->name.listener.get();
+    owned_fd control(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const bool is_out = !control && errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
+    if (is_out || (control && is_closing_too_many(peer_of(control.get()))))
+        rest_listener(listener, mailbox_id);
+    return control;
+}
+
+static void handle_listener(uint32_t, uint32_t mailbox_id)
+{
+    for (int i = 0; i < accepts_at_once; i++) {
+        owned_fd control = accept_one(mailbox_id);
+        if (!control)
+            return;
+        handle_newcomer(std::move(control), mailbox_id);
+    }
+}
+
+static void wake_listeners()
+{
+    for (uint32_t id : std::exchange(resting, {})) {
+        mailbox *m = find_mailbox(id);
+        if (!m)
+            continue;
+        std::lock_guard hold(m->lock);
+        if (m->id == id)
+            helper_watch_again(watch_listener, m->name.listener.get(), EPOLLIN, slot_of(id), id);
+    }
+}
+
+static time_point keep_time(time_point now)
+{
+    while (!newcomers.empty() && newcomers.front().deadline <= now) {
+        newcomer &late = newcomers.front();
+        helper_unwatch(late.control.get());
+        hang_up(std::move(late.control), {}, late.peer);
+        newcomers.erase(newcomers.begin());
+    }
+    if (!resting.empty() && retry <= now)
+        wake_listeners();
+    time_point next = time_point::max();
+    if (!newcomers.empty())
+        next = newcomers.front().deadline;
+    if (!resting.empty())
+        next = std::min(next, retry);
+    return next;
+}
+
+void set_up_accepting()
+{
+    helper_set_call(watch_greeting, handle_greeting);
+    helper_set_call(watch_listener, handle_listener);
+    helper_set_timer(1, keep_time);
+}
+
+void end_accepting(bool is_child)
+{
+    for (newcomer &n : newcomers)
+        if (!is_child)
+            hang_up(std::move(n.control), {}, n.peer);
+    newcomers.clear();
+    resting.clear();
+}

@@ -1,0 +1,76 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_area - the memory that the two sides of a connection share, and the bells by which they wake
+   each other. No state. Any thread.
+
+   The accepting side makes both; the connecting side checks what it is passed before it uses it.
+
+   A bell is an eventfd in semaphore mode whose count is as high as it can be. It is rung by reading
+   it: a read of a semaphore wakes those who wait until it is writable, takes one off a count that
+   cannot run out, and by RWF_NOWAIT cannot be blocked by anything that the other side may do to the
+   description that both share (its O_NONBLOCK flag, its count). A write could be blocked. */
+#pragma once
+
+#include "platform/mbx/mbx_fd.h"
+#include "platform/mbx/mbx_ring.h"
+
+#include <cstddef>
+#include <memory>
+
+constexpr uint32_t ring_bytes = 256 * 1024; /* a power of two, more than twice the largest signal */
+constexpr size_t page_bytes = 4096;
+
+/* One direction, in shared memory. */
+struct shared_ring {
+    ring_words<process_atomics> words;
+    alignas(64) unsigned char data[ring_bytes];
+};
+
+/* Each ring begins on a page of its own, so that one may be given back without the other. */
+constexpr size_t ring_span = (sizeof(shared_ring) + page_bytes - 1) / page_bytes * page_bytes;
+constexpr size_t area_bytes = 2 * ring_span;
+
+/* A memory file for an area: sealed against a change of its size. Empty, with errno, when the
+   system refuses it; the first time it says so on standard error. */
+owned_fd make_area_memory();
+
+/* An area that is mapped here. */
+class mapped_area
+{
+  public:
+    /* Maps the memory. Null, with errno EPROTO, unless it is what make_area_memory makes: the file
+       system, the size and the seals are checked. */
+    static std::shared_ptr<mapped_area> map(int memory);
+
+    explicit mapped_area(unsigned char *start) : start_(start)
+    {
+    }
+    mapped_area(const mapped_area &) = delete;
+    mapped_area &operator=(const mapped_area &) = delete;
+    ~mapped_area();
+
+    /* 0: what the accepting side receives from; 1: what the connecting side receives from. */
+    shared_ring *ring(int side) const
+    {
+        return reinterpret_cast<shared_ring *>(start_ + static_cast<size_t>(side) * ring_span);
+    }
+    /* In a forked child, where the memory is not mapped. */
+    void forget()
+    {
+        start_ = nullptr;
+    }
+
+  private:
+    unsigned char *start_;
+};
+
+/* Empty, with errno, on failure. */
+owned_fd make_bell();
+
+/* Whether a descriptor that was passed can be watched without harm: a file of the kernel's own, as
+   an eventfd is, which no other process can make slow, and not an epoll, which could lead to one.
+ */
+bool may_be_bell(int fd);
+
+/* False when the kernel cannot read an eventfd with RWF_NOWAIT (before Linux 5.8): the caller then
+   wakes the other side over the control connection. Keeps errno. */
+bool ring_bell(int bell);

@@ -1,0 +1,80 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_connection - the sending half of a connection to another mailbox, and what keeps it alive.
+   The receiving half is a source of the inbox, with the same id. Guarded by the mailbox's lock.
+
+   A send goes straight into the ring. What the ring has no room for waits in a backlog, and from
+   then on everything goes behind it, until the receiver reports room over the control connection.
+ */
+#pragma once
+
+#include "platform/mbx/mbx_backlog.h"
+#include "platform/mbx/mbx_block.h"
+#include "platform/mbx/mbx_record.h"
+#include "platform/mbx/mbx_share.h"
+#include "platform/mbx/mbx_socket.h"
+
+#include <memory>
+
+/* What makes a connection, once both sides have greeted. */
+struct connection_parts {
+    owned_fd control;
+    std::shared_ptr<mapped_area> area;
+    int side = 0; /* which ring of the area is received from */
+    owned_fd near_bell;
+    owned_fd far_bell;
+    mailbox_token token{}; /* the peer's */
+    peer_identity peer;
+    share held;
+    bool was_located = false; /* we looked for it */
+};
+
+/* What each send needs comes first, in one line of the cache. */
+struct alignas(64) connection {
+    uint32_t id = 0;   /* what the other mailbox is called here; never used twice */
+    uint32_t next = 0; /* the connection that was sent to after this one */
+    owned_fd far_bell; /* wakes the receiver */
+    bool awaits_room = false;
+    bool was_located = false;
+    bool is_peer_gone = false;
+    record_sender ring;
+
+    backlog waiting;
+    counted_bytes<held_in_all> held;
+    std::shared_ptr<mapped_area> area;
+    owned_fd control;        /* its end is the peer's death */
+    owned_fd life;           /* a pidfd of the peer's process, where there can be one */
+    block *notice = nullptr; /* the monitor */
+    uint32_t monitor = 0;    /* its reference */
+    mailbox_token token{};
+    peer_identity peer;
+    share place;
+
+    connection() = default;
+    connection(const connection &) = delete;
+    connection &operator=(const connection &) = delete;
+    ~connection();
+};
+
+/* Takes over all of the parts but the near bell. */
+void set_up(connection &c, connection_parts &&parts);
+
+/* Hands a signal over, or keeps it. False when that would hold more than held_for_one_at_most for
+   this receiver, or memory is out: the connection must end. */
+bool deliver(connection &c, const block *b);
+
+enum class flushing {
+    done,   /* nothing waits any more */
+    waits,  /* the receiver will report room */
+    goes_on /* call it again, after others had the lock */
+};
+/* Hands on what waits, about one ring full at most. */
+flushing flush(connection &c);
+
+/* Tells the peer that it may send again. */
+void report_room(const connection &c);
+
+/* Gives pages of the ring back that are not in use. Returns whether some are left. */
+bool trim(connection &c);
+
+/* Replaces the monitor. Null removes it. */
+void set_monitor(connection &c, block *notice, uint32_t reference);

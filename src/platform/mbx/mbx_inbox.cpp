@@ -1,0 +1,460 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Turns go round: each source in the line gives one signal and goes to the end of the line if it
+   has more. When all that were in the line have had their turn, one look at the epoll finds those
+   that have something since, and they go to the front. So between a signal's arrival and its
+   reception every other source is served at most once before the look and not at all after it.
+
+   The look costs as much as a signal. It is spared where there is nobody to be fair to: of the only
+   source a few signals are taken before the next look; and a caller that is going to wait looks by
+   waiting.
+
+   Each ring of a bell comes with a signal, and a source that rests is not looked at before it is
+   rung (mbx_ring.h). So a source in the line always has something to give. If it has not, its
+   sender has lied; the owner may have been woken, so it gets a signal with the number 0 from it. */
+#include "platform/mbx/mbx_inbox.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+/* Sources of the epoll that are not connections. */
+static constexpr uint32_t local_id = 0;
+static constexpr uint32_t raised_id = 1;
+
+static constexpr int events_at_once = 64;
+static constexpr uint32_t unlooked_at_most = 7; /* signals of the only source */
+/* Beyond this, pages that were read are unmapped when a ring is empty; beyond twice this at once.
+ */
+static constexpr size_t mapped_at_most = size_t{4} << 20;
+
+static block *empty_signal(uint32_t sender)
+{
+    block *b = block_take(sizeof(mbx_signal));
+    b->signal()->number = 0;
+    b->sender = sender;
+    return b;
+}
+
+/* A number that only this library gives out: no connection can make a notice. */
+static bool is_forged(const block *b)
+{
+    return b->number() == MBX_MONITOR_DEFAULT_NO;
+}
+
+static bool matches(const block *b, const uint32_t *filter, uint32_t sender)
+{
+    if (sender != MBX_ANY_SENDER && b->sender != sender)
+        return false;
+    if (!filter || filter[0] == 0)
+        return true;
+    const uint32_t *end = filter + 1 + filter[0];
+    return std::find(filter + 1, end, b->number()) != end;
+}
+
+bool inbox::add_event(int fd, uint32_t events, uint32_t id)
+{
+    epoll_event event{};
+    event.events = events;
+    event.data.u32 = id;
+    return epoll_ctl(poll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+/* Under the lock, so that the event agrees with what everybody finds who holds it. */
+void inbox::raise(bool wanted)
+{
+    if (wanted == is_raised_ || !raised_event_)
+        return;
+    is_raised_ = wanted;
+    uint64_t word = 1;
+    [[maybe_unused]] const ssize_t n = wanted ? write(raised_event_.get(), &word, sizeof(word))
+                                              : read(raised_event_.get(), &word, sizeof(word));
+}
+
+void inbox::show()
+{
+    raise(!line_.is_empty() || !set_aside_.is_empty());
+}
+
+/* For a source that has something now: its turn comes before the next look. */
+void inbox::enter(source &s)
+{
+    if (s.is_in_line)
+        return;
+    line_.push_front(s);
+    round_++;
+    show();
+}
+
+void inbox::take_events(const epoll_event *events, int count)
+{
+    turn_line fresh;
+    for (int i = 0; i < count; i++) {
+        const uint32_t id = events[i].data.u32;
+        source *s = id == local_id ? &local_source_ : sources_.find(id);
+        if (s && !s->is_in_line)
+            fresh.push_back(*s);
+    }
+    line_.prepend(fresh);
+}
+
+/* As often as it takes to find all that are ready; senders that go on ringing don't hold it up. */
+void inbox::look()
+{
+    size_t left = sources_.size() / (events_at_once - 2) + 1;
+    int count;
+    do {
+        epoll_event events[events_at_once];
+        count = epoll_wait(poll_.get(), events, events_at_once, 0);
+        take_events(events, std::max(count, 0));
+    } while (count == events_at_once && left-- > 0);
+    unlooked_ = unlooked_at_most;
+}
+
+bool inbox::may_skip_look()
+{
+    if (line_.is_empty() || sources_.size() != 1 || has_local() || unlooked_ == 0)
+        return false;
+    unlooked_--;
+    return true;
+}
+
+void inbox::remove(source &s)
+{
+    if (s.is_watched)
+        epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr);
+    sources_.remove(s.id);
+}
+
+bool inbox::has_local() const
+{
+    return !local_.is_empty() || pushed_.load(std::memory_order_relaxed) != nullptr;
+}
+
+/* The semaphore first: whoever has taken a count finds a block. The stack, which has the latest on
+   top, is turned round as a whole when the queue is used up. */
+block *inbox::take_local()
+{
+    uint64_t one;
+    if (read(local_event_.get(), &one, sizeof(one)) != sizeof(one))
+        return nullptr;
+    if (local_.is_empty()) {
+        block *oldest = nullptr;
+        for (block *b = pushed_.exchange(nullptr, std::memory_order_acquire); b;) {
+            block *older = b->next;
+            b->next = oldest;
+            oldest = b;
+            b = older;
+        }
+        while (oldest)
+            local_.push(std::exchange(oldest, oldest->next));
+    }
+    block *b = local_.pop();
+    if (has_local())
+        line_.push_back(local_source_);
+    return b;
+}
+
+/* The source may be gone on return. */
+block *inbox::end_liar(source &s)
+{
+    const uint32_t id = s.id;
+    s.ring.drop();
+    owner_.end_connection(owner_.self, id);
+    return empty_signal(id);
+}
+
+void inbox::count_mapped(source &s, bool is_empty)
+{
+    s.mapped.set(s.ring.touched());
+    if (mapped_in_all > (is_empty ? mapped_at_most : 2 * mapped_at_most)) {
+        s.ring.trim();
+        s.mapped.set(0);
+    }
+}
+
+block *inbox::take_living(source &s)
+{
+    block *b = nullptr;
+    bool asks = false;
+    const bool is_signal = s.ring.pop(b, asks) == record_receiver::outcome::signal;
+    if (!is_signal || is_forged(b)) {
+        if (b)
+            block_give(b);
+        return end_liar(s);
+    }
+    b->sender = s.id;
+    const bool is_empty = s.ring.is_empty();
+    if (!is_empty || !s.ring.rest())
+        line_.push_back(s);
+    if ((is_empty || asks) && s.ring.has_hungry_sender())
+        owner_.report_room(owner_.self, s.id);
+    if (s.ring.touched() > 0)
+        count_mapped(s, is_empty);
+    return b;
+}
+
+block *inbox::take_ended(source &s)
+{
+    block *b = nullptr;
+    bool asks;
+    if (s.ring.unread() > 0) {
+        if (s.ring.pop(b, asks) == record_receiver::outcome::signal && !is_forged(b)) {
+            b->sender = s.id;
+        } else {
+            if (b)
+                block_give(b);
+            b = empty_signal(s.id);
+            s.ring.drop();
+        }
+        s.held.set(s.ring.unread());
+        count_mapped(s, s.ring.unread() == 0);
+    } else {
+        b = s.notices.pop();
+    }
+    if (!b)
+        b = empty_signal(s.id);
+    if (s.ring.unread() > 0 || !s.notices.is_empty())
+        line_.push_back(s);
+    else
+        remove(s);
+    return b;
+}
+
+block *inbox::take_from(source &s)
+{
+    if (&s == &local_source_)
+        return take_local();
+    return s.is_ended ? take_ended(s) : take_living(s);
+}
+
+/* Null when nothing is there, or when the caller is going to wait and nothing is known to be. */
+block *inbox::next(bool waits)
+{
+    for (;;) {
+        if (round_ == 0 || line_.is_empty()) {
+            if (waits && line_.is_empty())
+                return nullptr;
+            if (!may_skip_look())
+                look();
+            round_ = line_.size();
+            if (round_ == 0)
+                return nullptr;
+        }
+        round_--;
+        if (block *b = take_from(line_.pop_front()))
+            return b;
+    }
+}
+
+block *inbox::take_set_aside(const uint32_t *filter, uint32_t sender)
+{
+    block *before = nullptr;
+    for (block *b = set_aside_.head; b; before = b, b = b->next)
+        if (matches(b, filter, sender))
+            return set_aside_.remove_after(before);
+    return nullptr;
+}
+
+/* What does not match stays in the mailbox, in its order and before all that comes later. */
+block *inbox::take_matching(const uint32_t *filter, uint32_t sender, bool waits)
+{
+    if (block *b = take_set_aside(filter, sender))
+        return b;
+    for (;;) {
+        block *b = next(waits);
+        if (!b || matches(b, filter, sender))
+            return b;
+        set_aside_.push(b);
+    }
+}
+
+/* False when the inbox was closed meanwhile. The signals that were passed over would keep the wait
+   from waiting, so the event is lowered for it. */
+bool inbox::wait(std::unique_lock<std::mutex> &hold, int timeout_ms)
+{
+    epoll_event events[events_at_once];
+    const int poll = poll_.get();
+    const uint32_t opening = openings_;
+    raise(!line_.is_empty());
+    hold.unlock();
+    const int count = epoll_wait(poll, events, events_at_once, timeout_ms);
+    hold.lock();
+    if (opening != openings_)
+        return false;
+    take_events(events, std::max(count, 0));
+    round_ = line_.size();
+    unlooked_ = unlooked_at_most;
+    return true;
+}
+
+bool inbox::open(const inbox_owner &owner)
+{
+    owner_ = owner;
+    poll_ = owned_fd(epoll_create1(EPOLL_CLOEXEC));
+    local_event_ = owned_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE));
+    raised_event_ = owned_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (poll_ && local_event_ && raised_event_ &&
+        add_event(local_event_.get(), EPOLLIN, local_id) &&
+        add_event(raised_event_.get(), EPOLLIN, raised_id))
+        return true;
+    const int error = errno;
+    close();
+    errno = error;
+    return false;
+}
+
+void inbox::close(bool is_child)
+{
+    openings_++;
+    for (block *b = pushed_.exchange(nullptr); b;)
+        block_give(std::exchange(b, b->next));
+    local_.give_all();
+    set_aside_.give_all();
+    sources_.for_each([&](source &s) {
+        s.notices.give_all();
+        if (is_child)
+            s.area->forget();
+    });
+    sources_.clear();
+    line_ = {};
+    departed_ = 0;
+    is_polled_ = false;
+    local_source_.is_in_line = false;
+    round_ = 0;
+    is_raised_ = false;
+    poll_.reset();
+    local_event_.reset();
+    raised_event_.reset();
+}
+
+void inbox::push(block *b)
+{
+    b->next = pushed_.load(std::memory_order_relaxed);
+    while (!pushed_.compare_exchange_weak(b->next, b, std::memory_order_release,
+                                          std::memory_order_relaxed)) {
+    }
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = write(local_event_.get(), &one, sizeof(one));
+}
+
+bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
+{
+    source &s = sources_.add(id);
+    s.area = area;
+    s.bell = std::move(bell);
+    s.ring = record_receiver(area->ring(side));
+    return s.ring.rest();
+}
+
+/* One of reading and writing is always possible at a bell, so that a ring, reported once, can't be
+   taken back by the other side. */
+bool inbox::watch(uint32_t id)
+{
+    source *s = sources_.find(id);
+    if (!s || s->is_ended || !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
+        return false;
+    s->is_watched = true;
+    return true;
+}
+
+int inbox::bell(uint32_t id) const
+{
+    const source *s = sources_.find(id);
+    return s ? s->bell.get() : -1;
+}
+
+void inbox::wake(uint32_t id)
+{
+    source *s = sources_.find(id);
+    if (s && !s->is_ended)
+        enter(*s);
+}
+
+/* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
+   an empty signal for it. A ring between the look and the removal from the epoll can only be
+   guessed: the owner may have seen it, so the next receive doesn't wait (departed_). */
+void inbox::end(uint32_t id, block *notice)
+{
+    source *s = sources_.find(id);
+    if (!s || s->is_ended) {
+        if (notice)
+            block_give(notice);
+        return;
+    }
+    s->is_ended = true;
+    s->ring.finish();
+    s->held.set(s->ring.unread());
+    if (notice)
+        s->notices.push(notice);
+    const bool has_something = s->ring.unread() > 0 || notice;
+    if (has_something) {
+        enter(*s);
+        return;
+    }
+    if (s->is_watched) {
+        look();
+        show();
+        departed_ = id;
+    }
+    if (!s->is_in_line)
+        remove(*s);
+}
+
+bool inbox::add_notice(uint32_t id, block *notice)
+{
+    source *s = sources_.find(id);
+    if (!s)
+        return false;
+    s->notices.push(notice);
+    enter(*s);
+    return true;
+}
+
+const source *inbox::largest_ended()
+{
+    const source *largest = nullptr;
+    sources_.for_each([&](const source &s) {
+        if (s.is_ended && s.held.get() > (largest ? largest->held.get() : 0))
+            largest = &s;
+    });
+    return largest;
+}
+
+void inbox::drop_unread(uint32_t id)
+{
+    if (source *s = sources_.find(id)) {
+        s->ring.drop();
+        s->held.set(0);
+    }
+}
+
+void inbox::trim()
+{
+    sources_.for_each([](source &s) {
+        s.ring.trim();
+        s.mapped.set(0);
+    });
+}
+
+block *inbox::receive(std::unique_lock<std::mutex> &hold, const uint32_t *filter, int timeout_ms,
+                      uint32_t sender)
+{
+    time_point deadline{};
+    if (timeout_ms > 0)
+        deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    const uint32_t departed = std::exchange(departed_, 0);
+    const bool may_be_woken_in_vain = departed != 0 && is_polled_;
+    for (;;) {
+        block *b = take_matching(filter, sender, timeout_ms != 0 && !may_be_woken_in_vain);
+        if (!b && may_be_woken_in_vain && timeout_ms < 0)
+            b = empty_signal(departed);
+        const int left = timeout_ms > 0 ? milliseconds_until(deadline) : timeout_ms;
+        if (b || left == 0) {
+            show();
+            return b;
+        }
+        if (!wait(hold, left))
+            return nullptr;
+    }
+}

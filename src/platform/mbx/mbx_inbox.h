@@ -1,0 +1,121 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_inbox - what a mailbox receives, and whose turn it is. Guarded by the mailbox's lock, except
+   for push().
+
+   Signals come from sources: one for each connection, whose signals come out of a ring, and one for
+   what is sent within the process. The descriptor is an epoll over the bells of the rings, a
+   semaphore that counts what was sent within the process, and an event that is up while signals are
+   known to be there. It is readable exactly while receive() would return at once.
+
+   A source that ends stays until its last signal, and the notices behind it, are taken. */
+#pragma once
+
+#include "platform/mbx/mbx_fd.h"
+#include "platform/mbx/mbx_source.h"
+#include "platform/mbx/mbx_table.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <sys/epoll.h>
+
+/* What an inbox asks of its mailbox, with the lock held. */
+struct inbox_owner {
+    void *self;
+    /* The sender with that id waits for room in its ring, and there is some. */
+    void (*report_room)(void *self, uint32_t id);
+    /* It has written what can't be, or rung without a signal: its connection must end now. */
+    void (*end_connection)(void *self, uint32_t id);
+};
+
+class inbox
+{
+  public:
+    /* False, with errno, on failure. */
+    bool open(const inbox_owner &owner);
+    /* Gives everything back. `is_child`: in a forked child the epoll and the rings are the
+     * parent's. */
+    void close(bool is_child = false);
+    /* For the owner to wait at. */
+    int fd()
+    {
+        is_polled_ = true;
+        return poll_.get();
+    }
+
+    /* Takes the block over. Any thread, and signal handlers, while the inbox is open. */
+    void push(block *b);
+
+    bool has_place_for(uint32_t id) const
+    {
+        return sources_.has_place_for(id);
+    }
+    void make_room()
+    {
+        sources_.make_room();
+    }
+    /* A source whose signals come out of one ring of the area. It is at rest: true when nothing
+       needs to be done until its bell rings; false when watch() should be called at once. */
+    bool add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
+    /* To be called when the bell has rung for the first time. Until then the bell must not be in
+       the epoll, because there it would count as rung at once. False, with errno, on failure. */
+    bool watch(uint32_t id);
+    /* Of a source that has not ended; -1 if there is none. */
+    int bell(uint32_t id) const;
+    /* The same as a ring of the bell, from a sender that can't ring. */
+    void wake(uint32_t id);
+    /* Nothing more comes from that source but the notice, which may be null. */
+    void end(uint32_t id, block *notice);
+    /* One more notice from a source that has ended. False when it is gone. */
+    bool add_notice(uint32_t id, block *notice);
+    /* The ended source that holds most memory, with its bytes; or null. */
+    const source *largest_ended();
+    /* What is unread in that source's ring is lost. */
+    void drop_unread(uint32_t id);
+    /* Gives back what is mapped of rings beyond their first pages. */
+    void trim();
+
+    /* As mbx_receive. `hold` is the lock, which is released for the wait. Null, too, when the inbox
+       is closed meanwhile. */
+    block *receive(std::unique_lock<std::mutex> &hold, const uint32_t *filter, int timeout_ms,
+                   uint32_t sender);
+
+  private:
+    bool add_event(int fd, uint32_t events, uint32_t id);
+    void raise(bool wanted);
+    void show();
+    void enter(source &s);
+    void take_events(const epoll_event *events, int count);
+    void look();
+    bool may_skip_look();
+    void remove(source &s);
+    block *take_local();
+    bool has_local() const;
+    block *end_liar(source &s);
+    void count_mapped(source &s, bool is_empty);
+    block *take_living(source &s);
+    block *take_ended(source &s);
+    block *take_from(source &s);
+    block *next(bool waits);
+    block *take_set_aside(const uint32_t *filter, uint32_t sender);
+    block *take_matching(const uint32_t *filter, uint32_t sender, bool waits);
+    bool wait(std::unique_lock<std::mutex> &hold, int timeout_ms);
+
+    inbox_owner owner_{};
+    owned_fd poll_;
+    owned_fd local_event_;  /* a semaphore: one count for each block on pushed_ or in local_ */
+    owned_fd raised_event_; /* readable while is_raised_ */
+    bool is_raised_ = false;
+    uint32_t openings_ = 0;
+
+    std::atomic<block *> pushed_{nullptr}; /* the latest first */
+    block_queue local_;                    /* taken off pushed_, the oldest first */
+    source local_source_;
+    id_table<source> sources_;
+    turn_line line_;
+    size_t round_ = 0;                   /* turns until the next look for others */
+    uint32_t unlooked_ = 0;              /* signals of the only source until the next look */
+    std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor before it receives */
+    uint32_t departed_ = 0; /* a source that may have woken the owner for nothing and is gone */
+    block_queue set_aside_; /* passed over by a filter */
+};

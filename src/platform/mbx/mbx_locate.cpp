@@ -1,0 +1,168 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* How a mailbox of ours connects to a named one, on the caller's thread. What the other side passes
+   is checked before it is used, and never closed here or under a lock. */
+#include "platform/mbx/mbx_locate.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <poll.h>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+static constexpr int locate_ms = 5000;
+static constexpr auto locate_pause = 5ms;
+/* A server of libmbx 1.0.0 hangs up without a word, each time. One of ours answers, unless it ends.
+ */
+static constexpr int unanswered_at_most = 40;
+
+namespace
+{
+
+enum class attempt {
+    done,
+    again,      /* nothing came of it */
+    unanswered, /* the other side hung up without a word */
+    failed      /* errno tells why */
+};
+
+/* One attempt: the connection as far as it is made. */
+struct call {
+    owned_fd control;
+    peer_identity peer;
+    greeting answer;
+
+    ~call()
+    {
+        if (control || !answer.fds.empty())
+            hang_up(std::move(control), std::move(answer.fds), peer);
+    }
+};
+
+} // namespace
+
+/* A server answers from its helper, so that a busy one is located as fast as an idle one; the limit
+   is for one that is stopped or overloaded. */
+static time_point locate_deadline()
+{
+    const char *set = secure_getenv("MBX_LOCATE_MS");
+    const long ms = set ? strtol(set, nullptr, 10) : 0;
+    return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms > 0 ? ms : locate_ms);
+}
+
+/* The connection itself has no time-out for reading, because a closed one is readable as well. */
+static greeting await_greeting(int control, time_point deadline)
+{
+    pollfd wanted{control, POLLIN, 0};
+    int n;
+    do {
+        n = poll(&wanted, 1, milliseconds_until(deadline));
+    } while (n < 0 && errno == EINTR);
+    return n > 0 ? receive_greeting(control) : greeting{};
+}
+
+/* Of what was passed. Empty, with errno, unless it is as it must be. */
+static std::optional<connection_parts> check_parts(call &c)
+{
+    connection_parts parts;
+    std::vector<owned_fd> &fds = c.answer.fds;
+    errno = EPROTO;
+    if (fds.size() != welcome_fds || !may_be_bell(fds[1].get()) || !may_be_bell(fds[2].get()))
+        return {};
+    parts.area = mapped_area::map(fds[0].get());
+    if (!parts.area)
+        return {};
+    parts.side = 1;
+    parts.far_bell = std::move(fds[1]);
+    parts.near_bell = std::move(fds[2]);
+    parts.control = std::move(c.control);
+    parts.token = c.answer.token;
+    parts.peer = c.peer;
+    parts.was_located = true;
+    return parts;
+}
+
+/* Takes in the answer. Of two connections that crossed, the one made by the mailbox with the
+   smaller token survives; both sides compare alike, and the other one is closed by its maker before
+   it has carried anything. MBX_NO_MAILBOX when nothing has come of it. */
+static uint32_t settle(mailbox &m, uint32_t own, call &c)
+{
+    std::lock_guard hold(m.lock);
+    if (m.id != own)
+        return MBX_NO_MAILBOX;
+    if (c.answer.token == m.token)
+        return own;
+    connection *existing = find_peer(m, c.answer.token, c.peer);
+    if (existing && (c.answer.kind == greeting_kind::known || c.answer.token < m.token)) {
+        existing->was_located = true;
+        return existing->id;
+    }
+    if (c.answer.kind != greeting_kind::welcome)
+        return MBX_NO_MAILBOX;
+    std::optional<connection_parts> parts = check_parts(c);
+    const uint32_t id = parts ? add_connection(m, std::move(*parts)) : 0;
+    return id != 0 ? id : MBX_NO_MAILBOX;
+}
+
+static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_point deadline,
+                             uint32_t &out)
+{
+    call c;
+    c.control = connect_to_name(name, deadline);
+    if (!c.control)
+        return attempt::failed;
+    prepare_control(c.control.get());
+    c.peer = peer_of(c.control.get());
+    if (!send_greeting(c.control.get(), greeting_kind::hello, m.token))
+        return attempt::again;
+    c.answer = await_greeting(c.control.get(), deadline);
+    if (c.answer.what == heard::end)
+        return attempt::unanswered;
+    if (c.answer.what != heard::greeting || c.answer.kind == greeting_kind::hello)
+        return attempt::again;
+    restrict_control(c.control.get());
+    out = settle(m, own, c);
+    return out == MBX_NO_MAILBOX ? attempt::again : attempt::done;
+}
+
+static void complain_about_old_wire(const char *name)
+{
+    fprintf(
+        stderr,
+        "libmbx: the owner of %s hangs up on each greeting, as one with libmbx 1.0.0 does, whose "
+        "wire this version does not speak: update its library and start it again\n",
+        name);
+}
+
+/* Somebody listened but nothing has come of it (it ends, or has no descriptors left): it is tried
+   again until the deadline. */
+uint32_t locate(mailbox &m, uint32_t own, const char *name)
+{
+    const time_point deadline = locate_deadline();
+    int unanswered = 0;
+    for (;;) {
+        uint32_t out = MBX_NO_MAILBOX;
+        switch (try_to_locate(m, own, name, deadline, out)) {
+        case attempt::done:
+            return out;
+        case attempt::failed:
+            return MBX_NO_MAILBOX;
+        case attempt::unanswered:
+            unanswered++;
+            break;
+        case attempt::again:
+            unanswered = 0;
+            break;
+        }
+        const bool is_old = unanswered >= unanswered_at_most;
+        if (is_old)
+            complain_about_old_wire(name);
+        if (is_old || milliseconds_until(deadline) == 0) {
+            errno = ETIMEDOUT;
+            return MBX_NO_MAILBOX;
+        }
+        std::this_thread::sleep_for(locate_pause);
+    }
+}

@@ -1,0 +1,365 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The connections of a mailbox: made, written to, supervised, ended.
+
+   The end of the control connection is the peer's death. A process can leave its end to a child
+   that it made behind the library's back, so there is a pidfd too. When a connection ends, what the
+   peer has written into its ring stays there for the owner, and the monitor's notice comes behind
+   it; everything else is closed at once. A peer that we have located and do not monitor is reported
+   in the same way, because the owner waits for its signals and would not learn that there are none.
+
+   A monitor is its notice, a block that waits for the death: of a mailbox elsewhere with the
+   connection to it, of one in this process with the mailbox itself (its `watchers`); of one that is
+   dead already it is sent at once. The first monitor of a connection has the connection's id as its
+   reference, so that the usual one is removed without a search. */
+#include "platform/mbx/mbx_helper.h"
+#include "platform/mbx/mbx_mailbox.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <vector>
+
+static constexpr auto time_to_trim = std::chrono::seconds(2);
+
+static std::atomic<bool> is_trim_wanted;
+static time_point trim_time = time_point::max(); /* guarded by helper_lock */
+
+/* Pages of rings that traffic needed are given back when it is over. */
+static void want_trim()
+{
+    if (!is_trim_wanted.load(std::memory_order_relaxed) && !is_trim_wanted.exchange(true))
+        helper_wake();
+}
+
+/* Many receivers of the same news are told in the same order each time, and of a thousand each
+   one's connection has left the caches meanwhile. So the next one's ring is fetched while this
+   one's signal is sent, and the record of the one after that. */
+static void expect_next(mailbox &m, connection &c)
+{
+    if (connection *before = m.connections.find(m.sent_last))
+        before->next = c.id;
+    m.sent_last = c.id;
+    const connection *soon = m.connections.at_place_of(c.next);
+    if (!soon || soon == &c)
+        return;
+    __builtin_prefetch(soon->ring.words(), 1);
+    __builtin_prefetch(soon->ring.place(), 1);
+    if (const connection *later = m.connections.at_place_of(soon->next)) {
+        __builtin_prefetch(later, 1);
+        __builtin_prefetch(reinterpret_cast<const char *>(later) + 64, 1);
+    }
+}
+
+/* An id with a place in both tables. */
+static uint32_t free_id(mailbox &m)
+{
+    m.in.make_room();
+    m.connections.make_room();
+    uint32_t id;
+    do {
+        id = next_connection_id();
+    } while (!m.in.has_place_for(id) || !m.connections.has_place_for(id));
+    return id;
+}
+
+/* In the order that lets no ring be missed: the source arms its ring; then the bell is watched, by
+   the helper until it has rung, which is what makes it join the mailbox's epoll. A fresh bell is
+   not writable, so that this watch reports the first ring and nothing before. */
+uint32_t add_connection(mailbox &m, connection_parts &&parts)
+{
+    const uint32_t id = free_id(m);
+    connection &c = m.connections.add(id);
+    const int bell = parts.near_bell.get();
+    const bool is_at_rest = m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
+    set_up(c, std::move(parts));
+    if (helper_watch(watch_control, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
+        (!c.life || helper_watch(watch_life, c.life.get(), EPOLLIN, m.slot, id)) &&
+        (is_at_rest ? helper_watch(watch_first_ring, bell, EPOLLOUT | EPOLLET, m.slot, id)
+                    : m.in.watch(id)))
+        return id;
+    const int error = errno;
+    c.was_located = false;
+    end_connection(m, id);
+    errno = error;
+    return 0;
+}
+
+/* A token alone proves nothing, because those who were told it could repeat it: the process, which
+   the kernel vouches for, must be the same too. */
+connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer)
+{
+    connection *found = nullptr;
+    m.connections.for_each([&](connection &c) {
+        if (c.token == token && c.peer.process == peer.process)
+            found = &c;
+    });
+    return found;
+}
+
+static block *plain_notice()
+{
+    block *b = block_take(sizeof(mbx_signal));
+    b->signal()->number = MBX_MONITOR_DEFAULT_NO;
+    return b;
+}
+
+/* A copy of a descriptor in somebody's child must neither keep the connection open nor our epoll
+   entries: so they are removed before the close. */
+void end_connection(mailbox &m, uint32_t id)
+{
+    connection *c = m.connections.find(id);
+    if (!c)
+        return;
+    helper_unwatch(c->control.get());
+    if (c->life)
+        helper_unwatch(c->life.get());
+    if (m.id != 0) {
+        helper_unwatch(m.in.bell(id));
+        block *notice = std::exchange(c->notice, nullptr);
+        if (!notice && c->was_located && c->monitor == 0)
+            notice = plain_notice();
+        if (notice)
+            notice->sender = id;
+        m.in.end(id, notice);
+    }
+    m.connections.remove(id);
+}
+
+void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b)
+{
+    {
+        std::lock_guard hold(m.lock);
+        connection *c = m.id == own ? m.connections.find(receiver) : nullptr;
+        if (c && b->size <= MBX_LARGEST_SIGNAL && b->number() != MBX_MONITOR_DEFAULT_NO) {
+            expect_next(m, *c);
+            if (!deliver(*c, b))
+                end_connection(m, receiver);
+            else if (c->held.get() > 0)
+                want_trim();
+        }
+    }
+    block_give(b);
+    shed();
+}
+
+uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice)
+{
+    notice->sender = target;
+    std::lock_guard hold(m.lock);
+    connection *c = m.id == own ? m.connections.find(target) : nullptr;
+    if (!c) {
+        if (m.id != own || !m.in.add_notice(target, notice))
+            push_local(own, notice, target);
+        return next_connection_id();
+    }
+    const uint32_t reference = c->monitor == 0 ? target : next_connection_id();
+    set_monitor(*c, notice, reference);
+    return reference;
+}
+
+bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference)
+{
+    std::lock_guard hold(m.lock);
+    if (m.id != own)
+        return false;
+    connection *found = m.connections.find(reference);
+    if (!found || found->monitor != reference) {
+        found = nullptr;
+        m.connections.for_each([&](connection &c) {
+            if (c.monitor == reference)
+                found = &c;
+        });
+    }
+    if (!found || !found->notice)
+        return false;
+    block_give(std::exchange(found->notice, nullptr));
+    return true;
+}
+
+/* The largest holder of one mailbox. */
+static size_t largest_in(mailbox &m, uint32_t &id)
+{
+    size_t bytes = 0;
+    std::lock_guard hold(m.lock);
+    m.connections.for_each([&](const connection &c) {
+        if (c.held.get() > bytes) {
+            bytes = c.held.get();
+            id = c.id;
+        }
+    });
+    const source *ended = m.in.largest_ended();
+    if (ended && ended->held.get() > bytes) {
+        bytes = ended->held.get();
+        id = ended->id;
+    }
+    return bytes;
+}
+
+/* Looked for without the sender's lock, because it may be another mailbox's. */
+void shed()
+{
+    while (held_in_all + mapped_in_all > held_in_all_at_most) {
+        mailbox *owner = nullptr;
+        uint32_t largest = 0;
+        size_t bytes = 0;
+        std::lock_guard registry(registry_lock);
+        for_each_mailbox([&](mailbox &m) {
+            uint32_t id = 0;
+            const size_t most = largest_in(m, id);
+            if (most > bytes) {
+                bytes = most;
+                largest = id;
+                owner = &m;
+            }
+        });
+        if (!owner)
+            return;
+        std::lock_guard hold(owner->lock);
+        if (owner->connections.find(largest))
+            end_connection(*owner, largest);
+        else
+            owner->in.drop_unread(largest);
+    }
+}
+
+/* Calls the function with the mailbox locked, and keeps the bounds. */
+template <typename function>
+static void with_mailbox(uint32_t slot, function &&call)
+{
+    if (mailbox *m = mailbox_in_slot(slot)) {
+        std::lock_guard hold(m->lock);
+        call(*m);
+    }
+    shed();
+}
+
+/* Returns whether there is more to hand on. A deleted mailbox's connection ends when all that
+   waited is handed over. */
+static bool flush_some(mailbox &m, uint32_t id)
+{
+    connection *c = m.connections.find(id);
+    if (!c)
+        return false;
+    const flushing result = flush(*c);
+    if (result == flushing::done && m.id == 0)
+        end_connection(m, id);
+    return result == flushing::goes_on;
+}
+
+/* Reads one message. Returns whether the peer has room again. */
+static bool take_control(mailbox &m, uint32_t id)
+{
+    connection *c = m.connections.find(id);
+    if (!c)
+        return false;
+    std::vector<owned_fd> passed;
+    switch (receive_wake(c->control.get(), passed)) {
+    case control_event::nothing:
+        return false;
+    case control_event::room:
+        return true;
+    case control_event::bell:
+        if (m.id != 0)
+            m.in.wake(id);
+        return false;
+    case control_event::passed:
+        helper_unwatch(c->control.get());
+        hang_up(std::move(c->control), std::move(passed), c->peer, std::move(c->place));
+        break;
+    case control_event::end:
+        break;
+    }
+    c->is_peer_gone = true;
+    end_connection(m, id);
+    return false;
+}
+
+static void handle_control(uint32_t slot, uint32_t id)
+{
+    bool has_room = false;
+    with_mailbox(slot, [&](mailbox &m) { has_room = take_control(m, id); });
+    while (has_room)
+        with_mailbox(slot, [&](mailbox &m) { has_room = flush_some(m, id); });
+}
+
+static void handle_life(uint32_t slot, uint32_t id)
+{
+    with_mailbox(slot, [&](mailbox &m) {
+        if (connection *c = m.connections.find(id))
+            c->is_peer_gone = true;
+        end_connection(m, id);
+    });
+}
+
+static void handle_first_ring(uint32_t slot, uint32_t id)
+{
+    with_mailbox(slot, [&](mailbox &m) {
+        if (m.id == 0 || !m.connections.find(id))
+            return;
+        helper_unwatch(m.in.bell(id));
+        if (!m.in.watch(id))
+            end_connection(m, id);
+    });
+}
+
+/* Returns whether something is left for the next time. */
+static bool trim_all()
+{
+    bool is_left = false;
+    for_each_mailbox([&](mailbox &m) {
+        std::lock_guard hold(m.lock);
+        m.connections.for_each([&](connection &c) { is_left |= trim(c); });
+        m.in.trim();
+    });
+    return is_left;
+}
+
+static time_point trim_in_time(time_point now)
+{
+    if (trim_time <= now) {
+        is_trim_wanted = false;
+        trim_time = time_point::max();
+        if (trim_all())
+            is_trim_wanted = true;
+    }
+    if (is_trim_wanted && trim_time == time_point::max())
+        trim_time = now + time_to_trim;
+    return trim_time;
+}
+
+void set_up_peers()
+{
+    helper_set_call(watch_control, handle_control);
+    helper_set_call(watch_life, handle_life);
+    helper_set_call(watch_first_ring, handle_first_ring);
+    helper_set_timer(0, trim_in_time);
+}
+
+/* Each of the deleted mailboxes' connections, with its mailbox locked. */
+template <typename function>
+static void for_each_lingering(function &&call)
+{
+    for_each_mailbox([&](mailbox &m) {
+        std::lock_guard hold(m.lock);
+        m.connections.for_each([&](connection &c) { call(m, c.id); });
+    });
+}
+
+/* The helper has ended, so this thread reads the control connections. */
+void linger(time_point deadline)
+{
+    for (;;) {
+        std::vector<pollfd> waiting;
+        for_each_lingering([&](mailbox &m, uint32_t id) {
+            if (take_control(m, id))
+                while (flush_some(m, id)) {
+                }
+            if (const connection *c = m.connections.find(id))
+                waiting.push_back({c->control.get(), POLLIN, 0});
+        });
+        const int left = milliseconds_until(deadline);
+        if (waiting.empty() || left == 0)
+            break;
+        poll(waiting.data(), waiting.size(), left);
+    }
+    for_each_lingering([](mailbox &m, uint32_t id) { end_connection(m, id); });
+}

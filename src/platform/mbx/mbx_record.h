@@ -1,0 +1,117 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_record - signals as records in a ring (mbx_ring.h). Each end belongs to whoever guards it.
+
+   A record is a head of 8 bytes, whose first word is the signal's size, and the signal, padded to a
+   multiple of 8. It lies in one piece: where it would cross the end of the ring, a mark in place of
+   a size sends the receiver to the start.
+
+   A ring that keeps running empty stays within its first page. Pages beyond that are counted, and
+   can be given back: by the sender when everything has been taken, by the receiver at any time.
+
+   The receiver reads each word once, checks it, and copies a signal out before it looks at it. */
+#pragma once
+
+#include "platform/mbx/mbx_area.h"
+#include "platform/mbx/mbx_block.h"
+
+class record_sender
+{
+  public:
+    enum class outcome {
+        full,   /* nothing was written */
+        sent,   /* the receiver is awake, or will be woken by someone else's ring */
+        to_ring /* sent, and the caller must ring */
+    };
+
+    record_sender() = default;
+    explicit record_sender(shared_ring *ring) : ring_(ring), end_(&ring->words, ring_bytes)
+    {
+    }
+
+    /* `size` is at most MBX_LARGEST_SIGNAL. */
+    outcome push(const void *signal, uint32_t size);
+    /* See ring_sender. */
+    bool wait_for_room()
+    {
+        return end_.wait_for_room();
+    }
+    /* Bytes of memory in use beyond the first page. */
+    size_t touched() const
+    {
+        return touched_;
+    }
+    /* Gives the memory beyond the first page back to the system, unless the receiver still has
+       something to take. */
+    void trim();
+    /* At the end: unmaps that memory, and where the receiver is gone gives it back. */
+    void leave(bool is_receiver_gone);
+    /* Where the next record goes, to be fetched ahead. */
+    const unsigned char *place() const
+    {
+        return ring_->data + end_.position() % ring_bytes;
+    }
+    const void *words() const
+    {
+        return ring_;
+    }
+
+  private:
+    shared_ring *ring_ = nullptr;
+    ring_sender<process_atomics> end_;
+    size_t touched_ = 0;
+};
+
+class record_receiver
+{
+  public:
+    enum class outcome { signal, nothing, lie };
+
+    record_receiver() = default;
+    explicit record_receiver(shared_ring *ring) : ring_(ring), end_(&ring->words, ring_bytes)
+    {
+    }
+
+    /* With `signal`, a new block that has no sender yet. Shorter ones than a number are filled up
+       with 0. `asks` is set when has_hungry_sender should be asked. */
+    outcome pop(block *&out, bool &asks);
+    bool is_empty() const
+    {
+        return available() == 0;
+    }
+    bool rest()
+    {
+        return end_.rest();
+    }
+    bool has_hungry_sender()
+    {
+        return end_.has_hungry_sender();
+    }
+    /* The sender is gone: what is in the ring now is all that comes out of it. */
+    void finish();
+    /* Nothing more comes out of it. */
+    void drop();
+    /* After finish(): bytes that are still to be taken. */
+    size_t unread() const
+    {
+        return is_finished_ ? available() : 0;
+    }
+    /* Bytes of memory beyond the first page that are mapped here since the last trim. */
+    size_t touched() const
+    {
+        return touched_;
+    }
+    /* Unmaps them from this process; the content stays. */
+    void trim();
+
+  private:
+    uint32_t available() const
+    {
+        return is_finished_ ? last_ - end_.position() : end_.available();
+    }
+
+    shared_ring *ring_ = nullptr;
+    ring_receiver<process_atomics> end_;
+    size_t touched_ = 0;
+    uint32_t last_ = 0; /* the position at which it ends, once it is finished */
+    bool is_finished_ = false;
+};

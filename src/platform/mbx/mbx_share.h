@@ -1,0 +1,63 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_share - how many connections one process, and one user, may have to this process. Any thread.
+
+   A connection takes four descriptors of ours. A process gets at most a quarter of the descriptors,
+   a user other than root and our own at most half. */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <sys/types.h>
+#include <utility>
+
+constexpr size_t fds_per_connection = 4;
+
+/* The process and the user at the other end of a connection, as the kernel noted them when it was
+   made. `process` is 0 for one outside our pid namespace. */
+struct peer_identity {
+    pid_t process = -1;
+    uid_t user = 0;
+
+    /* For tables: processes that we can't tell apart count by user. */
+    int64_t key() const
+    {
+        return process > 0 ? process : -1 - int64_t{user};
+    }
+};
+
+/* One connection's place in the shares, given back with the object. */
+class share
+{
+  public:
+    share() = default;
+    share(share &&other) noexcept
+        : peer_(other.peer_), is_held_(std::exchange(other.is_held_, false))
+    {
+    }
+    share &operator=(share &&other) noexcept
+    {
+        std::swap(peer_, other.peer_);
+        std::swap(is_held_, other.is_held_);
+        return *this;
+    }
+    ~share();
+    /* Takes one. Check is_held(): false when the share is used up, or memory is out. */
+    static share take(const peer_identity &peer);
+    bool is_held() const
+    {
+        return is_held_;
+    }
+    const peer_identity &peer() const
+    {
+        return peer_;
+    }
+
+  private:
+    peer_identity peer_;
+    bool is_held_ = false;
+};
+
+/* Around a fork; and in the child, unlocked, where the shares are nobody's. */
+void lock_shares();
+void unlock_shares();
+void forget_shares();

@@ -1,0 +1,106 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* raw_peer - a peer of a mailbox that uses the modules of libmbx but none of its rules: for tests
+   that do to the shared memory, the bells and the control connection what a hostile process could
+   do. */
+#pragma once
+
+#include "platform/mbx/mbx_record.h"
+#include "platform/mbx/mbx_socket.h"
+
+#include <cstring>
+#include <memory>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+struct raw_peer {
+    owned_fd control;
+    std::shared_ptr<mapped_area> area;
+    record_sender out;
+    record_receiver in;
+    owned_fd far_bell;  /* rings the mailbox */
+    owned_fd near_bell; /* the mailbox rings it */
+    greeting answer;
+
+    /* Connects to the socket at that path. */
+    explicit raw_peer(const std::string &path)
+        : control(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{AF_UNIX, {}};
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        if (connect(control.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+            throw std::runtime_error("cannot connect to " + path);
+        prepare_control(control.get());
+    }
+    void say_hello(const mailbox_token &token = make_token())
+    {
+        send_greeting(control.get(), greeting_kind::hello, token);
+    }
+    /* Waits for the answer to the hello. Returns whether it is a welcome. */
+    bool take_answer(int timeout_ms = 20000)
+    {
+        pollfd wanted{control.get(), POLLIN, 0};
+        if (poll(&wanted, 1, timeout_ms) != 1)
+            throw std::runtime_error("no answer to the greeting");
+        answer = receive_greeting(control.get());
+        if (answer.what != heard::greeting || answer.kind != greeting_kind::welcome)
+            return false;
+        area = mapped_area::map(answer.fds[0].get());
+        out = record_sender(area->ring(0));
+        in = record_receiver(area->ring(1));
+        far_bell = std::move(answer.fds[1]);
+        near_bell = std::move(answer.fds[2]);
+        return true;
+    }
+    bool greet()
+    {
+        say_hello();
+        return take_answer();
+    }
+    /* As the library does it. */
+    record_sender::outcome send_signal(const void *signal, uint32_t size)
+    {
+        const record_sender::outcome result = out.push(signal, size);
+        if (result == record_sender::outcome::to_ring)
+            ring();
+        return result;
+    }
+    void ring()
+    {
+        ring_bell(far_bell.get());
+    }
+    /* The words of the ring into the mailbox, and of the one out of it. */
+    ring_words<process_atomics> &to_mailbox()
+    {
+        return area->ring(0)->words;
+    }
+    ring_words<process_atomics> &from_mailbox()
+    {
+        return area->ring(1)->words;
+    }
+    unsigned char *bytes()
+    {
+        return area->ring(0)->data;
+    }
+    /* Passes descriptors with a message of one byte. Returns as sendmsg does. */
+    ssize_t pass(std::initializer_list<int> fds, std::string_view bytes = "r")
+    {
+        union {
+            cmsghdr header;
+            char room[CMSG_SPACE(8 * sizeof(int))];
+        } buffer{};
+        iovec data{const_cast<char *>(bytes.data()), bytes.size()};
+        msghdr message{};
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = &buffer;
+        message.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
+        buffer.header.cmsg_level = SOL_SOCKET;
+        buffer.header.cmsg_type = SCM_RIGHTS;
+        buffer.header.cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+        std::memcpy(CMSG_DATA(&buffer.header), fds.begin(), fds.size() * sizeof(int));
+        return sendmsg(control.get(), &message, MSG_NOSIGNAL);
+    }
+};

@@ -1,0 +1,380 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The modules of libmbx by themselves, with plain memory and eventfds: records in a ring, backlogs,
+   the inbox and whose turn it is, shares, and the closing thread. */
+#include "platform/mbx/mbx_inbox.h"
+#include "platform/mbx/mbx_share.h"
+#include "platform/mbx/mbx_socket.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <netinet/in.h>
+#include <poll.h>
+#include <random>
+#include <set>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+struct ring : testing::Test {
+    std::shared_ptr<mapped_area> area = mapped_area::map(make_area_memory().get());
+    record_sender out{area->ring(0)};
+    record_receiver in{area->ring(0)};
+    std::vector<unsigned char> data = std::vector<unsigned char>(MBX_LARGEST_SIGNAL);
+
+    bool push(uint32_t value, uint32_t size)
+    {
+        std::memcpy(data.data(), &value, sizeof(value));
+        data[size - 1] ^= size > 4 ? 0x5a : 0;
+        const bool is_sent = out.push(data.data(), size) != record_sender::outcome::full;
+        data[size - 1] ^= size > 4 ? 0x5a : 0;
+        return is_sent;
+    }
+    /* The size of the next one, which must bear that value; 0 if there is none. */
+    uint32_t pop(uint32_t value)
+    {
+        block *b = nullptr;
+        bool asks;
+        if (in.pop(b, asks) != record_receiver::outcome::signal)
+            return 0;
+        const uint32_t size = b->size;
+        EXPECT_EQ(b->number(), value);
+        block_give(b);
+        return size;
+    }
+};
+
+} // namespace
+
+TEST_F(ring, records_of_all_sizes_come_out_as_they_went_in)
+{
+    std::mt19937 engine(1);
+    const auto random = [&] { return static_cast<uint32_t>(engine()); };
+    std::map<uint32_t, uint32_t> sizes;
+    uint32_t sent = 0, got = 0;
+    while (got < 20000) {
+        const uint32_t size =
+            random() % 8 == 0 ? 4 + random() % (MBX_LARGEST_SIGNAL - 3) : 4 + random() % 200;
+        if (push(sent, size))
+            sizes[sent++] = size;
+        else
+            ASSERT_NE(sent, got) << "an empty ring has no room";
+        for (uint32_t count = random() % 3; count > 0 && got < sent; count--, got++)
+            ASSERT_EQ(pop(got), sizes[got]);
+    }
+}
+
+TEST_F(ring, one_that_keeps_running_empty_stays_in_its_first_page)
+{
+    for (uint32_t i = 0; i < 10000; i++) {
+        ASSERT_TRUE(push(i, 4 + i % 1000));
+        ASSERT_EQ(pop(i), 4 + i % 1000);
+    }
+    EXPECT_EQ(out.touched(), 0u);
+    EXPECT_EQ(in.touched(), 0u);
+    ASSERT_TRUE(push(1, MBX_LARGEST_SIGNAL));
+    EXPECT_GT(out.touched(), 0u);
+    out.trim();
+    EXPECT_GT(out.touched(), 0u) << "given back before it was taken";
+    EXPECT_EQ(pop(1), MBX_LARGEST_SIGNAL);
+    out.trim();
+    EXPECT_EQ(out.touched(), 0u);
+    ASSERT_TRUE(push(2, 100));
+    EXPECT_EQ(pop(2), 100u);
+}
+
+TEST_F(ring, an_ended_one_gives_what_was_in_it_then_and_nothing_that_comes_later)
+{
+    for (uint32_t i = 0; i < 3; i++)
+        push(i, 40);
+    in.finish();
+    push(3, 40);
+    for (uint32_t i = 0; i < 3; i++)
+        EXPECT_EQ(pop(i), 40u);
+    EXPECT_EQ(pop(3), 0u);
+    EXPECT_TRUE(in.is_empty());
+}
+
+TEST_F(ring, what_cannot_be_is_a_lie)
+{
+    struct lie {
+        uint32_t head, size;
+    };
+    for (const lie &l : {lie{4, 8},
+                         {ring_bytes + 8, 8},
+                         {0u - 8u, 8},
+                         {16, 9},
+                         {16, UINT32_MAX - 1},
+                         {MBX_LARGEST_SIGNAL + 64, MBX_LARGEST_SIGNAL + 1},
+                         {16, UINT32_MAX},
+                         {ring_bytes, UINT32_MAX}}) {
+        area->ring(0)->words.head = l.head;
+        std::memcpy(area->ring(0)->data, &l.size, sizeof(l.size));
+        block *b = nullptr;
+        bool asks;
+        EXPECT_EQ(in.pop(b, asks), record_receiver::outcome::lie) << l.head << ", " << l.size;
+    }
+}
+
+TEST_F(ring, a_receiver_that_takes_back_what_it_has_taken_changes_nothing)
+{
+    while (push(0, 1000)) {
+    }
+    for (uint32_t tail : {8u, ring_bytes, 0u - 8u, 0x80000000u}) {
+        area->ring(0)->words.tail = tail; /* only the first is possible */
+        EXPECT_FALSE(push(0, 1000)) << tail;
+    }
+}
+
+TEST(area, is_taken_only_as_it_is_made)
+{
+    const owned_fd good = make_area_memory();
+    EXPECT_NE(mapped_area::map(good.get()), nullptr);
+    EXPECT_EQ(ftruncate(good.get(), 0), -1);
+    const owned_fd unsealed(memfd_create("x", MFD_CLOEXEC | MFD_ALLOW_SEALING)),
+        small(memfd_create("x", MFD_CLOEXEC | MFD_ALLOW_SEALING)), null(open("/dev/null", O_RDWR));
+    EXPECT_EQ(ftruncate(unsealed.get(), area_bytes), 0);
+    EXPECT_EQ(fcntl(small.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL), 0);
+    for (const owned_fd *bad : {&unsealed, &small, &null})
+        EXPECT_EQ(mapped_area::map(bad->get()), nullptr);
+    const owned_fd bell = make_bell(), epoll(epoll_create1(EPOLL_CLOEXEC)),
+                   socket(::socket(AF_UNIX, SOCK_DGRAM, 0));
+    EXPECT_TRUE(may_be_bell(bell.get()));
+    for (const owned_fd *bad : {&epoll, &socket, &null, &good})
+        EXPECT_FALSE(may_be_bell(bad->get()));
+}
+
+TEST(a_backlog, keeps_the_order_and_gives_its_memory_back)
+{
+    backlog waiting;
+    std::vector<unsigned char> data(MBX_LARGEST_SIGNAL);
+    const auto size = [](uint32_t i) { return i % 50 == 0 ? MBX_LARGEST_SIGNAL : 4 + i % 300; };
+    size_t bytes = 0;
+    for (uint32_t i = 0; i < 2000; i++) {
+        std::memcpy(data.data(), &i, sizeof(i));
+        ASSERT_TRUE(waiting.push(data.data(), size(i)));
+        bytes += size(i);
+    }
+    EXPECT_LT(waiting.memory(), 2 * bytes);
+    for (uint32_t i = 0; i < 2000; i++) {
+        uint32_t got = 0, value;
+        std::memcpy(&value, waiting.front(got), sizeof(value));
+        ASSERT_EQ(value, i);
+        ASSERT_EQ(got, size(i));
+        waiting.pop();
+    }
+    EXPECT_TRUE(waiting.is_empty());
+    EXPECT_EQ(waiting.memory(), 0u);
+}
+
+namespace
+{
+
+/* An inbox with senders that ring by hand. */
+struct turns : testing::Test {
+    struct sender {
+        std::shared_ptr<mapped_area> area = mapped_area::map(make_area_memory().get());
+        record_sender ring{area->ring(0)};
+        owned_fd bell = make_bell();
+        bool is_watched = false;
+    };
+    inbox in;
+    std::map<uint32_t, sender> senders;
+    std::mutex lock;
+
+    turns()
+    {
+        EXPECT_TRUE(in.open(
+            {this, [](void *, uint32_t) {},
+             [](void *self, uint32_t id) { static_cast<turns *>(self)->in.end(id, nullptr); }}));
+    }
+    ~turns() override
+    {
+        in.close();
+    }
+    sender &add(uint32_t id)
+    {
+        in.make_room();
+        EXPECT_TRUE(in.add(id, senders[id].area, 0, owned_fd(dup(senders[id].bell.get()))));
+        return senders[id];
+    }
+    void send(uint32_t id, uint32_t count = 1)
+    {
+        for (; count > 0; count--)
+            if (senders[id].ring.push(&id, sizeof(id)) == record_sender::outcome::to_ring) {
+                ring_bell(senders[id].bell.get());
+                if (!std::exchange(senders[id].is_watched, true))
+                    in.watch(id);
+            }
+    }
+    /* The sender of the next signal, 0 if there is none. The descriptor must agree. */
+    uint32_t next()
+    {
+        pollfd wanted{in.fd(), POLLIN, 0};
+        const bool is_readable = poll(&wanted, 1, 0) == 1;
+        std::unique_lock hold(lock);
+        block *b = in.receive(hold, nullptr, 0, MBX_ANY_SENDER);
+        EXPECT_EQ(is_readable, b != nullptr);
+        const uint32_t from = b ? b->sender : 0;
+        if (b)
+            block_give(b);
+        return from;
+    }
+};
+
+} // namespace
+
+TEST_F(turns, a_newcomer_waits_for_one_signal_of_each_other_source_at_most)
+{
+    for (uint32_t id : {16u, 17u, 18u, 19u})
+        add(id);
+    send(16, 100), send(17, 100), send(18, 100);
+    for (int offset = 0; offset < 12; offset++) {
+        for (int i = 0; i <= offset % 5; i++)
+            EXPECT_NE(next(), 0u);
+        send(19);
+        std::multiset<uint32_t> before;
+        for (uint32_t id; (id = next()) != 19;)
+            before.insert(id);
+        for (uint32_t id : {16u, 17u, 18u})
+            EXPECT_LE(before.count(id), 1u) << "offset " << offset;
+    }
+}
+
+TEST_F(turns, a_rung_bell_cannot_be_taken_back)
+{
+    const sender &s = add(16);
+    send(16);
+    EXPECT_EQ(next(), 16u);
+    send(16);
+    uint64_t count = 1;
+    fcntl(s.bell.get(), F_SETFL, O_NONBLOCK);
+    while (write(s.bell.get(), &count, sizeof(count)) == sizeof(count)) {
+    }
+    fcntl(s.bell.get(), F_SETFL, 0);
+    EXPECT_EQ(next(), 16u);
+    EXPECT_EQ(next(), 0u);
+    send(16); /* with a full count, and a description that blocks */
+    EXPECT_EQ(next(), 16u);
+}
+
+TEST_F(turns, a_ring_without_a_signal_gives_an_empty_one_and_ends_the_source)
+{
+    const sender &s = add(16);
+    send(16);
+    EXPECT_EQ(next(), 16u);
+    ring_bell(s.bell.get());
+    EXPECT_EQ(next(), 16u);
+    EXPECT_EQ(next(), 0u);
+    ring_bell(s.bell.get());
+    EXPECT_EQ(next(), 0u) << "heard after its end";
+}
+
+TEST_F(turns, who_rings_and_leaves_at_once_does_not_leave_the_owner_waiting)
+{
+    const sender &s = add(16);
+    send(16);
+    EXPECT_EQ(next(), 16u);
+    ring_bell(s.bell.get());
+    in.end(16, nullptr);
+    EXPECT_EQ(next(), 16u);
+    EXPECT_EQ(next(), 0u);
+}
+
+TEST_F(turns, notices_come_after_the_last_signal)
+{
+    add(16);
+    send(16, 3);
+    block *notice = block_take(4);
+    notice->sender = 99;
+    in.end(16, notice);
+    for (uint32_t expected : {16u, 16u, 16u, 99u, 0u})
+        EXPECT_EQ(next(), expected);
+}
+
+TEST(shares, one_process_gets_a_quarter_and_another_user_half)
+{
+    rlimit before, limit;
+    getrlimit(RLIMIT_NOFILE, &before);
+    limit = before;
+    limit.rlim_cur = 64 * fds_per_connection;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    std::vector<share> all;
+    const auto take = [&](pid_t process, uid_t user) {
+        size_t got = 0;
+        for (share s; (s = share::take({process, user})).is_held(); got++)
+            all.push_back(std::move(s));
+        return got;
+    };
+    EXPECT_EQ(take(101, geteuid()), 16u);
+    EXPECT_EQ(take(102, 4711), 16u);
+    EXPECT_EQ(take(103, 4711), 16u);
+    EXPECT_EQ(take(104, 4711), 0u);
+    EXPECT_EQ(take(104, 4712), 16u);
+    all.clear();
+    EXPECT_EQ(take(104, 4711), 16u);
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
+/* A TCP socket with data that its peer does not read, whose close takes a quarter of a minute. */
+static owned_fd lingering(owned_fd &other)
+{
+    const owned_fd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *any = reinterpret_cast<sockaddr *>(&address);
+    EXPECT_EQ(bind(listener.get(), any, length), 0);
+    EXPECT_EQ(listen(listener.get(), 1), 0);
+    getsockname(listener.get(), any, &length);
+    owned_fd slow(socket(AF_INET, SOCK_STREAM, 0));
+    EXPECT_EQ(connect(slow.get(), any, length), 0);
+    other = owned_fd(accept(listener.get(), nullptr, nullptr));
+    const ::linger wait{1, 15};
+    setsockopt(slow.get(), SOL_SOCKET, SO_LINGER, &wait, sizeof(wait));
+    const std::vector<char> much(100000);
+    while (send(slow.get(), much.data(), much.size(), MSG_DONTWAIT) > 0) {
+    }
+    return slow;
+}
+
+TEST(the_closer, lets_nobody_wait_and_refuses_those_who_pass_too_much)
+{
+    const auto began = std::chrono::steady_clock::now();
+    owned_fd others[20];
+    const peer_identity peer{77, 0}, witness{78, 0};
+    for (owned_fd &other : others) {
+        EXPECT_EQ(is_closing_too_many(peer), &other - others > 16);
+        int ends[2];
+        socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);
+        owned_fd control(ends[0]), far_end(ends[1]);
+        prepare_control(control.get());
+        send(far_end.get(), "", 0, 0); /* looks like the end of the connection */
+        owned_fd slow = lingering(other);
+        msghdr message{};
+        union {
+            cmsghdr header;
+            char room[CMSG_SPACE(sizeof(int))];
+        } buffer{};
+        iovec data{&buffer, 1};
+        message.msg_iov = &data, message.msg_iovlen = 1;
+        message.msg_control = &buffer, message.msg_controllen = sizeof(buffer);
+        buffer.header = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+        *reinterpret_cast<int *>(CMSG_DATA(&buffer.header)) = slow.get();
+        EXPECT_EQ(sendmsg(far_end.get(), &message, 0), 1);
+        slow = owned_fd();
+        hang_up(std::move(control), {}, peer);
+    }
+    EXPECT_TRUE(is_closing_too_many(peer));
+    EXPECT_FALSE(is_closing_too_many(witness));
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
+}
