@@ -99,6 +99,7 @@ void module_follower::read(std::span<piece> pieces)
 
 void module_follower::run()
 {
+    bool is_looked_at = false; /* then the ports are not asked again */
     while (!thread_.is_stopping()) {
         try {
             carry_out_orders();
@@ -106,7 +107,8 @@ void module_follower::run()
         } catch (const std::bad_alloc &) {
             /* what couldn't be done is still due */
         }
-        if (poller_.is_first_look_over()) {
+        if (!is_looked_at && poller_.is_first_look_over()) {
+            is_looked_at = true;
             const std::lock_guard guard(lock_);
             has_looked_ = true;
             looked_.notify_all();
