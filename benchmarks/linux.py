@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""linux - what the board library for Linux costs, in a network namespace of the benchmark's own: links
-against a bare listener, and modules on a slow bus, played by slow_reader.py, and many idle ports against
-the simulated board. The real reader gets the requests of the idle ports, too; its kernel answers that there
-is no module, so what a driver and a bus add is not in its share."""
+"""linux - the cost of the board library for Linux, in a network namespace of the benchmark's own:
+links against a bare listener, modules on a slow bus, which slow_reader.py stands in for, and many idle
+ports against the simulated board. The real reader gets the requests of the idle ports, too; its kernel
+answers that there is no module, so the share leaves out what a driver and a bus add."""
 import ctypes
 import fcntl
 import os
@@ -41,8 +41,9 @@ class LinuxBoard(Server):
         self.env = {"MBX_DIR": str(self.folder / "mbx"), "DOLM_RIC_PORTS": str(ports),
                     "DOLM_RIC_PORT_MAP": str(self.folder / "map"), "TESKTMO_UNIT_MS": "10",
                     "DOLM_RIC_READER": str(self.folder / "reader")}
-        self.reader = self.launcher.run([sys.executable, ROOT / "benchmarks/slow_reader.py",
-                                    self.folder / "reader", ports, MODULE, read_ms, *reader], DRIVER_CORE)
+        self.reader = self.launcher.run(
+            [sys.executable, ROOT / "benchmarks/slow_reader.py", self.folder / "reader", ports,
+             MODULE, read_ms, *reader], DRIVER_CORE)
         self.reader_pid = int(self.reader.read_line())
         self.processes.append(self.launcher.run([BIN / "tesk-server"], core, {
             **self.env, "LD_LIBRARY_PATH": str(ROOT / "build/release/lib/linux")}))
