@@ -8,6 +8,7 @@ import time
 sys.dont_write_bytecode = True
 from exporter import measure_exporter  # noqa: E402
 from launcher import Failed, Launcher  # noqa: E402
+from linux import measure_linux  # noqa: E402
 from measure import WAITS, Bench  # noqa: E402
 from report import print_report, write_report  # noqa: E402
 
@@ -20,6 +21,7 @@ ITEMS = {
     "costs": lambda bench: bench.costs(),
     "traces": lambda bench: (bench.instructions(), bench.traces_on()),
     "exporter": measure_exporter,
+    "linux": measure_linux,  # the last, as it leaves the network
 }
 
 

@@ -107,8 +107,20 @@ def exporter_goals(series):
                       series[key].value("exporter"), limit, unit)
 
 
+def linux_goals(series):
+    if "linux event" not in series:
+        return
+    for key, limit in (("event", 1.2), ("flaps", 1.2), ("pm", 1.2), ("status", 1.2)):
+        each = series[f"linux {key}"]
+        yield at_most(each.title, each.ratio("linux"), limit, "times the reference")
+    for key, limit in (("cpu", 1), ("memory", 4096)):
+        each = series[f"linux idle {key}"]
+        yield at_most(each.title, each.value("linux"), limit, each.unit)
+
+
 def all_goals(series):
-    for goals in (floor_goals, redis_goals, peer_goals, growth_goals, cost_goals, exporter_goals):
+    for goals in (floor_goals, redis_goals, peer_goals, growth_goals, cost_goals, exporter_goals,
+                  linux_goals):
         yield from goals(series)
     if test := series.get("trace test"):
         yield at_most(test.title, test.value(Tesk.name), 3, "instructions")
@@ -210,6 +222,18 @@ def table_of_exporter(series):
     return rows
 
 
+def table_of_linux(series):
+    """The reference is a bare listener, few flaps, or the simulated board."""
+    rows = [["", "reference", "Linux board", "ratio"]]
+    for each in series.values():
+        if each.key.startswith("linux"):
+            has_floor = "floor" in each.rounds
+            rows.append([each.title, with_unit(each.value("floor"), each.unit) if has_floor else "",
+                         with_unit(each.value("linux"), each.unit),
+                         f"{each.ratio('linux'):.2f}" if has_floor else ""])
+    return rows
+
+
 def table_of_goals(goals):
     return [["", "measure", "reached", "goal"],
             *([goal.mark, goal.title, goal.reached, goal.wanted] for goal in goals)]
@@ -232,6 +256,7 @@ def sections(bench):
     yield "Instructions of the mailbox library, in user space", table_of_mbx_instructions(series)
     yield "Traces", table_of_traces(series)
     yield f"The exporter with {exporter.PORTS} ports", table_of_exporter(series)
+    yield "The board library for Linux", table_of_linux(series)
     yield "Goals", table_of_goals(all_goals(series))
 
 

@@ -64,8 +64,8 @@ expect 0 "temperature=" completed teskboard set 3 temp
 expect 0 "71.5C" completed teskboard set 3 temperature = ""
 stop_server
 
-# The example board, built alone. The server uses its library only; tesk-abi-check gets all four.
-cmake -G Ninja -S "$doc/tesk-platform-sim/examples/board" -B "$work/example" \
+# The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
+cmake -G Ninja -S "$doc/tesk-platform-base/examples/board" -B "$work/example" \
     -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
 cmake --build "$work/example" >/dev/null
 board=$work/example/board

@@ -276,6 +276,19 @@ TEST_F(linux_modules_test, without_a_reader_things_stay_for_a_while_and_come_bac
     EXPECT_LE(modules.now - read_at[0], seconds(5));
 }
 
+TEST_F(linux_modules_test, a_missing_right_is_reported_once_beside_a_module_that_needs_none)
+{
+    modules.ports[0].module = modules.ports[1].module = module_with_serial("0001");
+    modules.ports[0].error = EPERM;
+    add(0);
+    add(1);
+    EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
+    EXPECT_EQ(std::vector<int>{EPERM}, accesses);
+    modules.ports[0].error = 0;
+    EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
+    EXPECT_EQ((std::vector<int>{EPERM, 0}), accesses);
+}
+
 TEST_F(linux_modules_test, a_missing_reader_doesnt_touch_modules_without_one)
 {
     modules.ports[0].error = ENOTCONN;

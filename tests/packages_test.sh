@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# The Debian packages in a root of their own with the base system only: installed, used, killed and
-# restarted, replaced by another board's, purged. Needs root and Debian's mirror; mounts nothing.
+# The Debian packages in a root of their own, which has nothing but the base system: installed, used,
+# killed and started again, one board replaced by another, upgraded from version 1.0.0, purged. Needs
+# root, Debian's mirror and the tree's history; nothing is mounted.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/common.sh
@@ -9,6 +10,7 @@ cd "$(dirname "$0")/.."
 
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive
 base=$PWD/build/clean-root.tar root=$PWD/build/clean-root server=
+first=build/1.0.0 first_commit=1e6842f
 [ "$(id -u)" -eq 0 ] || fail "root is needed to install packages elsewhere"
 require_packages mmdebstrap
 trap '[ -z "$server" ] || kill -9 "$server" 2>/dev/null; rm -rf "$root"' EXIT
@@ -22,13 +24,42 @@ apt() { # ARGUMENT..
         fail "apt-get $* failed: see $root.log"
 }
 
+# The root has no /proc, so the umask applies to the mode of the board's socket.
 start_server() {
-    chroot --userspec=tesk:tesk "$root" tesk-server &
+    (umask 007 && exec chroot --userspec=tesk:tesk "$root" tesk-server) &
     server=$!
     await $server as nobody:tesk teskctl ping -c 1
 }
 
+stop_server() {
+    kill "$server"
+    wait "$server" || fail "the server ended with $?"
+    server=
+}
+
+state_of() { # PACKAGE
+    chroot "$root" dpkg-query -W -f '${db:Status-Abbrev}' "$1"
+}
+
+purge_all() {
+    apt purge 'tesk-*' 'libtesk-*' 'python3-tesk-*'
+    local left
+    left=$(
+        find "$root" -xdev -path "$root/packages" -prune -o \
+            \( -iname '*tesk*' -o -iname '*mbx*' -o -iname '*dolm_ric*' -o -name 'libzel*' \) -print
+        # Files that end in - are the system's own backups of the accounts.
+        grep -rs --exclude='*-' tesk "$root/etc" "$root/var/lib/systemd" "$root/var/lib/dpkg/status"
+    ) || true
+    [ -z "$left" ] || fail "left behind: $left"
+}
+
 scripts/build-packages >/dev/null
+if ! ls "$first"/build/packages/*.deb >/dev/null 2>&1; then
+    say "building version 1.0.0 (once)"
+    mkdir -p "$first"
+    git archive "$first_commit" | tar -C "$first" -x || fail "the tree's history lacks $first_commit"
+    "$first/scripts/build-packages" >/dev/null
+fi
 if [ ! -f "$base" ]; then
     say "fetching a base system (once, takes some minutes)"
     timeout 900 mmdebstrap --quiet --format=tar --variant=minbase bookworm "$base.new" ||
@@ -40,13 +71,20 @@ rm -rf "$root" "$root.log"
 mkdir "$root"
 tar -C "$root" -xf "$base"
 cp /etc/resolv.conf "$root/etc/"
-mkdir "$root/packages"
+mkdir -p "$root/packages/1.0.0"
 cp build/packages/*.deb "$root/packages/"
+cp "$first"/build/packages/*.deb "$root/packages/1.0.0/"
+shopt -s extglob nullglob
+inside() { # FILE..: as the root sees them
+    printf '%s\n' "${@#"$root"}"
+}
+mapfile -t with_simulator < <(inside "$root"/packages/!(*-linux_*).deb)
+mapfile -t with_linux < <(inside "$root"/packages/!(*-sim_*).deb)
+mapfile -t version_1 < <(inside "$root"/packages/1.0.0/*.deb)
 
 say "installing"
 apt update
-packages=("$root"/packages/*.deb)
-apt install "${packages[@]#"$root"}"
+apt install "${with_simulator[@]}"
 expect 0 "750 tesk:tesk" as root:root stat -c '%a %U:%G' /run/mbx
 
 say "using"
@@ -63,34 +101,57 @@ expect 0 "dygraph.min.js" as nobody:tesk ls /usr/share/tesk-exporter/web/index.h
 kill -9 "$server"
 wait "$server" 2>/dev/null || true
 start_server
-kill "$server"
-wait "$server" || fail "the server ended with $?"
-server=
+stop_server
 
-say "replacing the board"
+say "the board for Linux in the simulated one's place"
+apt install "${with_linux[@]}"
+expect 0 "rc " state_of tesk-platform-sim
+cp examples/modules/sfp-10g-sr.bin "$root/packages/module"
+printf '%s\n' '0 lo module=/packages/module' '1 nowhere' wrong >"$root/etc/tesk/ports"
+start_server 2>"$root.errors"
+expect 0 "optical, 10.0 Gbps" as nobody:tesk teskctl sfp 0
+expect 0 "no module" as nobody:tesk teskctl status 1
+expect 0 "1 nowhere" as root:root tesk-module-reader --print-ports
+expect 0 "ports:3: a line is: NUMBER INTERFACE" cat "$root.errors"
+apt purge tesk-platform-sim
+expect 0 "1	nowhere" as nobody:tesk cat /run/dolm_ric/ports
+stop_server
+expect 0 "ii " state_of tesk-platform-linux
+
+say "a board of before, with all four libraries"
 mkdir -p "$root/packages/other/DEBIAN"
 printf '%s\n' 'Package: tesk-platform-other' 'Version: 1' 'Architecture: all' 'Maintainer: nobody' \
     'Provides: tesk-platform' 'Conflicts: tesk-platform' 'Replaces: tesk-platform' 'Description: none' \
     >"$root/packages/other/DEBIAN/control"
 chroot "$root" dpkg-deb -b /packages/other /packages/other.deb >/dev/null
 apt install /packages/other.deb
-expect 0 "rc " chroot "$root" dpkg-query -W -f '${db:Status-Abbrev}' tesk-platform-sim
-expect 0 "ii " chroot "$root" dpkg-query -W -f '${db:Status-Abbrev}' tesk-server
+expect 0 "rc " state_of tesk-platform-linux
+expect 0 "ii " state_of tesk-server
+purge_all
 
-say "purging"
-apt purge 'tesk-*' 'libtesk-*' 'python3-tesk-*'
-rm -r "$root/packages"
-left=$(
-    find "$root" -xdev -iname '*tesk*' -o -iname '*mbx*' -o -iname '*dolm_ric*' -o -name 'libzel*'
-    # Files that end in - are backups of the accounts.
-    grep -rs --exclude='*-' tesk "$root/etc" "$root/var/lib/systemd" "$root/var/lib/dpkg/status"
-) || true
-[ -z "$left" ] || fail "left behind: $left"
+say "upgrading from 1.0.0"
+apt install "${version_1[@]}"
+expect 0 "tesk-platform-sim" chroot "$root" dpkg -S libmbx.so.1
+chroot "$root" dpkg --auto-deconfigure -i "${with_simulator[@]}" >>"$root.log" 2>&1 ||
+    fail "dpkg -i failed: see $root.log"
+expect 0 "tesk-platform-base" chroot "$root" dpkg -S libmbx.so.1
+expect 0 "tesk-platform-sim" chroot "$root" dpkg -S libdolm_ric.so.0
+[ -z "$(chroot "$root" dpkg --audit)" ] || fail "dpkg --audit complains"
+start_server
+expect 0 "operational" as nobody:tesk teskctl status 0
+stop_server
+purge_all
+
+say "upgrading from 1.0.0 to the board for Linux"
+apt install "${version_1[@]}"
+apt install "${with_linux[@]}"
+expect 0 "rc " state_of tesk-platform-sim
+expect 0 "tesk-platform-linux" chroot "$root" dpkg -S libdolm_ric.so.0
+purge_all
+
 say "keeping an account that the packages did not create"
 chroot "$root" useradd --system --user-group --comment tesk-server tesk
-mkdir "$root/packages"
-cp build/packages/*.deb "$root/packages/"
-apt install "${packages[@]#"$root"}"
+apt install "${with_simulator[@]}"
 apt purge 'tesk-*' 'libtesk-*'
 expect 0 "tesk:" as root:root getent passwd tesk
-say "installed, used, replaced and purged"
+say "installed, used, replaced, upgraded and purged"

@@ -20,6 +20,7 @@ declare -A excused=(
     [./bench]="takes long" [./soak]="takes long" [./fuzz]="takes long"
     [scripts/build-packages]="builds the tree" [scripts/arm64-sysroot]="takes long" [gdb]="needs a terminal"
     [apt-get]="changes the machine" [adduser]="changes the machine" [ldconfig]="changes the machine"
+    [tesk-module-reader]="shows this machine's ports"
     [systemctl]="needs the installed service" [journalctl]="needs the installed service"
     [scripts/trace-session]="run by zel_test in each of these forms, with a session daemon"
     [lttng]="as scripts/trace-session does" [babeltrace2]="as scripts/trace-session does"

@@ -228,7 +228,7 @@ static finding check_versions()
     bool differ = library != TESK_VERSION;
     const std::string packages = output_of(
         "dpkg-query -W -f '${Package} ${Version}\\n' tesk-server tesk-tools libtesk-client0 "
-        "libtesk-client-dev tesk-platform-sim");
+        "libtesk-client-dev tesk-platform-base tesk-platform-sim tesk-platform-linux");
     std::string first;
     for (size_t at = 0; at < packages.size();) {
         const std::string line = packages.substr(at, packages.find('\n', at) - at);

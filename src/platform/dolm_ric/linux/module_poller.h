@@ -102,7 +102,7 @@ class module_poller
     void remove_module(polled &port);
     void set_presence(polled &port, module_presence now);
     void announce_settled(time_point now);
-    void note_access(const polled &port, int error);
+    void note_access(polled &port, int error);
 
     module_access &access_;
     module_listener &listener_;

@@ -26,6 +26,7 @@ enum class task_kind : uint8_t { look, identity, diagnostics };
 struct module_poller::polled {
     uint32_t number = 0;
     bool by_reader = true;
+    bool was_denied = false; /* the reader lacked the right to read it */
     int32_t interface = 0;
     stage where = stage::empty;
     module_presence reported = module_presence::absent;

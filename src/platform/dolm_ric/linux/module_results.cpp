@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace linux_board
 {
@@ -236,9 +237,14 @@ void module_poller::announce_settled(time_point now)
     }
 }
 
-void module_poller::note_access(const polled &port, int error)
+/* A missing right concerns the ports whose modules are read through their interface. What a port on
+   a bus of its own answers says nothing about it. */
+void module_poller::note_access(polled &port, int error)
 {
+    const bool was_denied = std::exchange(port.was_denied, error == EPERM);
     if (!port.by_reader || access_error_ == error)
+        return;
+    if (error == 0 && access_error_ == EPERM && !was_denied)
         return;
     access_error_ = error;
     listener_.module_access_changed(error);
