@@ -15,8 +15,8 @@ import sys
 import time
 
 from exporter import cpu_ms
-from launcher import (BIN, OURS, ROOT, THEIRS, Failed, Server, Tesk, anonymous_bytes, can_connect, libc,
-                      wait_until)
+from launcher import (BIN, DRIVER_CORE, ROOT, SERVER_CORE, Failed, Server, Tesk, anonymous_bytes,
+                      can_connect, libc, wait_until)
 
 PORTS = 512
 FLAPS = 200_000
@@ -41,7 +41,7 @@ class LinuxBoard(Server):
                     "DOLM_RIC_PORT_MAP": str(self.folder / "map"), "TESKTMO_UNIT_MS": "10",
                     "DOLM_RIC_READER": str(self.folder / "reader")}
         self.reader = self.launcher.run([sys.executable, ROOT / "benchmarks/slow_reader.py",
-                                    self.folder / "reader", ports, MODULE, read_ms, *reader], OURS)
+                                    self.folder / "reader", ports, MODULE, read_ms, *reader], DRIVER_CORE)
         self.reader_pid = int(self.reader.read_line())
         self.processes.append(self.launcher.run([BIN / "tesk-server"], core, {
             **self.env, "LD_LIBRARY_PATH": str(ROOT / "build/release/lib/linux")}))
@@ -122,9 +122,9 @@ def time_rise(tap, listener):
 
 def links(bench):
     launcher, tap = bench.launcher, Tap("bench0")
-    bare = launcher.run([BIN / "bench_link_listener"], THEIRS)
-    server = LinuxBoard(launcher, THEIRS, interfaces=["bench0"])
-    watch = launcher.run([BIN / "teskctl", "--json", "watch", "--status", "0"], THEIRS, server.env)
+    bare = launcher.run([BIN / "bench_link_listener"], SERVER_CORE)
+    server = LinuxBoard(launcher, SERVER_CORE, interfaces=["bench0"])
+    watch = launcher.run([BIN / "teskctl", "--json", "watch", "--status", "0"], SERVER_CORE, server.env)
     watch.read_line()
     followers = {"floor": [bare], "linux": [watch, *server.processes]}
     for _ in range(min(bench.rounds, MOST_ROUNDS)):
@@ -160,7 +160,7 @@ def flaps(bench, tap, pid):
 def slow_module(bench):
     launcher = bench.launcher
     run_ip("link add slow0 type veth peer name slow1", "link set slow0 up", "link set slow1 up")
-    servers = [Tesk(launcher, THEIRS), LinuxBoard(launcher, THEIRS, interfaces=["slow0"], read_ms=SFP_READ_MS)]
+    servers = [Tesk(launcher, SERVER_CORE), LinuxBoard(launcher, SERVER_CORE, interfaces=["slow0"], read_ms=SFP_READ_MS)]
     for server in servers:
         wait_until(lambda: b"rx power" in output_of(server, "pm"), "the module is measured")
     for number in range(4 * min(bench.rounds, MOST_ROUNDS)):
@@ -186,8 +186,8 @@ def idle(bench):
     pairs = [(f"idle{number}", f"idle{number + 1}") for number in range(0, PORTS, 2)]
     run_ip(*(f"link add {a} type veth peer name {b}" for a, b in pairs),
            *(f"link set {name} up" for pair in pairs for name in pair))
-    simulated = Tesk(launcher, THEIRS, ports=PORTS)
-    server = LinuxBoard(launcher, THEIRS, interfaces=[name for pair in pairs for name in pair],
+    simulated = Tesk(launcher, SERVER_CORE, ports=PORTS)
+    server = LinuxBoard(launcher, SERVER_CORE, interfaces=[name for pair in pairs for name in pair],
                         reader=[BIN / "tesk-module-reader"])
     pids = {"simulated": simulated.processes[0].pid, "library": server.processes[0].pid,
             "reader": server.reader_pid}
