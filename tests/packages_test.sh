@@ -12,7 +12,7 @@ export PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive
 base=$PWD/build/clean-root.tar root=$PWD/build/clean-root server=
 first=build/1.0.0 first_commit=1e6842f
 [ "$(id -u)" -eq 0 ] || fail "root is needed to install packages elsewhere"
-require_packages mmdebstrap
+require_packages mmdebstrap dpkg-dev
 trap '[ -z "$server" ] || kill -9 "$server" 2>/dev/null; rm -rf "$root"' EXIT
 
 as() { # USER:GROUP COMMAND..
@@ -154,4 +154,17 @@ chroot "$root" useradd --system --user-group --comment tesk-server tesk
 apt install "${with_simulator[@]}"
 apt purge 'tesk-*' 'libtesk-*'
 expect 0 "tesk:" as root:root getent passwd tesk
+
+say "what the names bring"
+(cd "$root/packages" && dpkg-scanpackages --multiversion . >Packages 2>/dev/null)
+echo 'deb [trusted=yes] file:/packages ./' >"$root/etc/apt/sources.list.d/packages.list"
+apt update
+brings() { # PLATFORMS PACKAGE..: what is installed of tesk-platform-* with the packages
+    local found
+    found=$(as root:root apt-get -s install "${@:2}" | sed -n 's/^Inst \(tesk-platform-[a-z]*\) .*/\1/p' | sort | xargs)
+    [ "$found" = "$1" ] || fail "apt-get install ${*:2} brings $found, not $1"
+}
+brings "tesk-platform-base" libtesk-client-dev
+brings "tesk-platform-base tesk-platform-sim" tesk-server
+brings "tesk-platform-base tesk-platform-linux" tesk-server tesk-platform-linux
 say "installed, used, replaced, upgraded and purged"
