@@ -57,7 +57,8 @@ def count_instructions(program):
         if done.returncode != 0:
             raise Failed(f"callgrind can't run {program}: {done.stderr}")
         cases = json.loads(done.stdout)
-        counted = dict(own_instructions(path, OWN_SOURCES[program]) for path in pathlib.Path(folder).glob("out.*"))
+        counted = dict(own_instructions(path, OWN_SOURCES[program])
+                       for path in pathlib.Path(folder).glob("out.*"))
     return {name: counted[name] / case["times"] for name, case in cases.items()}
 
 

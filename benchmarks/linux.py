@@ -16,8 +16,8 @@ import sys
 import time
 
 from exporter import cpu_ms
-from launcher import (BIN, DRIVER_CORE, ROOT, SERVER_CORE, Failed, Server, Tesk, anonymous_bytes, can_connect, libc,
-                      wait_until)
+from launcher import (BIN, DRIVER_CORE, ROOT, SERVER_CORE, Failed, Server, Tesk, anonymous_bytes,
+                      can_connect, libc, wait_until)
 
 PORTS = 512
 FLAPS = 200_000

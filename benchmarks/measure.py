@@ -138,7 +138,8 @@ class Bench:
         env = {**tesk.env, "PYTHONPATH": str(ROOT / "python"),
                "LD_LIBRARY_PATH": str(BIN.parent / "lib")}
         clients = [
-            ("libtesk_client", self.launcher.run([BIN / "bench_library", "client", "-", "read"], SERVER_CORE, env)),
+            ("libtesk_client", self.launcher.run([BIN / "bench_library", "client", "-", "read"],
+                                                 SERVER_CORE, env)),
             ("tesk_client in Python", self.launcher.run([*script, "tesk"], SERVER_CORE, env)),
             ("the same, asyncio", self.launcher.run([*script, "asyncio"], SERVER_CORE, env)),
             ("hiredis", redis.client(SERVER_CORE, "read")),
@@ -300,8 +301,10 @@ class Bench:
         program.ask("clients", clients)
         more_memory, more_files = now()
         program.ask("hold", 0, ports - 1, clients)
-        self.note("cost client", "server's own memory per client", "B", (more_memory - memory) / (clients - 1))
-        self.note("cost files", "server's descriptors per client", "", (more_files - files) / (clients - 1))
+        self.note("cost client", "server's own memory per client", "B",
+                  (more_memory - memory) / (clients - 1))
+        self.note("cost files", "server's descriptors per client", "",
+                  (more_files - files) / (clients - 1))
         self.note("cost subscription", "server's own memory per subscription", "B",
                   (now()[0] - more_memory) / ports / 2)
         self.launcher.end_growth((server, program))

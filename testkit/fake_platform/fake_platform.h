@@ -89,8 +89,8 @@ void await_event_thread();
 void raise_event(const dolm_ric_event &event);
 void fail_wait(int32_t code);
 
-/* The result of dolm_ric_waitevent after dolm_ric_shutdown, before the shutdown event: an event of a
-   port, or a failure in place of the shutdown event. */
+/* The result of dolm_ric_waitevent after dolm_ric_shutdown, before the shutdown event: an event of
+   a port, or a failure in place of the shutdown event. */
 extern std::vector<dolm_ric_event> last_events;
 extern int32_t last_wait;
 
