@@ -153,7 +153,7 @@ static void handle_newcomer(owned_fd control, uint32_t mailbox_id)
     prepare_control(n.control.get());
     if (try_greeting(n))
         return;
-    if (may_wait(n) && helper_watch(watch_greeting, n.control.get(), EPOLLIN, 0, n.number))
+    if (may_wait(n) && helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number))
         newcomers.push_back(std::move(n));
     else
         hang_up(std::move(n.control), {}, n.peer);
@@ -170,7 +170,7 @@ static void handle_greeting(uint32_t, uint32_t number)
 /* The wait for the next try is short enough for a client and long enough not to count. */
 static void rest_listener(int listener, uint32_t mailbox_id)
 {
-    helper_watch_again(watch_listener, listener, 0, slot_of(mailbox_id), mailbox_id);
+    helper_watch_again(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
     resting.push_back(mailbox_id);
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
@@ -210,7 +210,7 @@ static void wake_listeners()
             continue;
         std::lock_guard hold(m->lock);
         if (m->id == id)
-            helper_watch_again(watch_listener, m->name.listener.get(), EPOLLIN, slot_of(id), id);
+            helper_watch_again(WATCH_LISTENER, m->name.listener.get(), EPOLLIN, slot_of(id), id);
     }
 }
 
@@ -234,8 +234,8 @@ static time_point keep_time(time_point now)
 
 void set_up_accepting()
 {
-    helper_set_call(watch_greeting, handle_greeting);
-    helper_set_call(watch_listener, handle_listener);
+    helper_set_call(WATCH_GREETING, handle_greeting);
+    helper_set_call(WATCH_LISTENER, handle_listener);
     helper_set_timer(1, keep_time);
 }
 

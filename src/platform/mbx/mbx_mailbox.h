@@ -40,11 +40,11 @@ extern std::mutex registry_lock;
 
 /* The kinds of descriptors that the helper watches for mailboxes. */
 enum watch_kind : size_t {
-    watch_listener = 1, /* slot and id: of the mailbox */
-    watch_greeting,     /* id: of a connection that has not greeted yet */
-    watch_control,      /* slot: of the mailbox; id: of the connection */
-    watch_life,         /* the same */
-    watch_first_ring,   /* the same */
+    WATCH_LISTENER = 1, /* slot and id: of the mailbox */
+    WATCH_GREETING,     /* id: of a connection that has not greeted yet */
+    WATCH_CONTROL,      /* slot: of the mailbox; id: of the connection */
+    WATCH_LIFE,         /* the same */
+    WATCH_FIRST_RING,   /* the same */
 };
 
 /* Tells the helper what to call. Before it starts. */

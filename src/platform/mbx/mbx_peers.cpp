@@ -71,9 +71,9 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     const int bell = parts.near_bell.get();
     const bool is_at_rest = m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
     set_up(c, std::move(parts));
-    if (helper_watch(watch_control, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        (!c.life || helper_watch(watch_life, c.life.get(), EPOLLIN, m.slot, id)) &&
-        (is_at_rest ? helper_watch(watch_first_ring, bell, EPOLLOUT | EPOLLET, m.slot, id)
+    if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
+        (!c.life || helper_watch(WATCH_LIFE, c.life.get(), EPOLLIN, m.slot, id)) &&
+        (is_at_rest ? helper_watch(WATCH_FIRST_RING, bell, EPOLLOUT | EPOLLET, m.slot, id)
                     : m.in.watch(id)))
         return id;
     const int error = errno;
@@ -328,9 +328,9 @@ static time_point trim_in_time(time_point now)
 
 void set_up_peers()
 {
-    helper_set_call(watch_control, handle_control);
-    helper_set_call(watch_life, handle_life);
-    helper_set_call(watch_first_ring, handle_first_ring);
+    helper_set_call(WATCH_CONTROL, handle_control);
+    helper_set_call(WATCH_LIFE, handle_life);
+    helper_set_call(WATCH_FIRST_RING, handle_first_ring);
     helper_set_timer(0, trim_in_time);
 }
 

@@ -101,7 +101,7 @@ static int open_to_others(mailbox &m, const char *name, uint32_t id)
     const int error = take_name(name, m.name);
     if (error != 0)
         return error;
-    if (helper_watch(watch_listener, m.name.listener.get(), EPOLLIN, slot_of(id), id))
+    if (helper_watch(WATCH_LISTENER, m.name.listener.get(), EPOLLIN, slot_of(id), id))
         return 0;
     const int reason = errno;
     give_name(m.name);
