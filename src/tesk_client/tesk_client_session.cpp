@@ -150,7 +150,7 @@ void tesk_client_session::arm_timer()
     if (next) {
         /* A setting of 0 would disarm: an expired time becomes one nanosecond. */
         const auto since_boot =
-            std::max<int64_t>(std::chrono::nanoseconds(next->time_since_epoch()).count(), 1);
+            std::max<int64_t>(std::chrono::nanoseconds{next->time_since_epoch()}.count(), 1);
         setting.it_value.tv_sec = since_boot / 1'000'000'000;
         setting.it_value.tv_nsec = since_boot % 1'000'000'000;
     }
