@@ -68,7 +68,7 @@ static const std::string &grade_labels(uint32_t measurement, uint32_t level)
 {
     static constexpr uint32_t levels = TESK_CLIENT_LEVEL_NOT_SUPPORTED;
     static const auto labels = [] {
-        std::array<std::string, TESK_CLIENT_MEASUREMENTS * levels> made;
+        std::array<std::string, size_t{TESK_CLIENT_MEASUREMENTS} * levels> made;
         for (uint32_t i = 0; i < made.size(); i++)
             made[i] = "measurement=\"" +
                       with_underscores(tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i / levels)) +
