@@ -38,7 +38,7 @@ std::string unit_file()
     if (access("/run/systemd/system", F_OK) != 0)
         return ""; /* systemd doesn't run, or not as the first process */
     for (const char *folder : folders)
-        if (const std::string file = fmt::format("{}/{}.service", folder, server_name);
+        if (std::string file = fmt::format("{}/{}.service", folder, server_name);
             access(file.c_str(), F_OK) == 0)
             return file;
     return "";

@@ -51,6 +51,7 @@ static bool is_process(uint32_t reference)
 static std::string clients_text(const std::set<client_key> &clients)
 {
     std::vector<std::string> texts;
+    texts.reserve(clients.size());
     for (const auto &[client_id, conn_ref] : clients)
         texts.push_back(fmt::format("{} ({} {})", client_id,
                                     is_process(conn_ref) ? "process id" : "reference", conn_ref));
@@ -86,6 +87,7 @@ std::vector<folded_entry> fold(const std::vector<history_entry> &entries)
         target.clients.insert({entry.record.client_id, entry.record.conn_ref});
     }
     std::vector<folded_entry> folded;
+    folded.reserve(groups.size());
     for (const group &each : groups)
         folded.push_back({each.first, format_ports({each.ports.begin(), each.ports.end()}),
                           what_happened(each)});
