@@ -75,6 +75,7 @@ std::vector<text_difference> compare_with_ethtool(const std::string &module,
     auto lines = missing(theirs, ours, '-');
     std::ranges::move(missing(ours, theirs, '+'), std::back_inserter(lines));
     std::vector<text_difference> differing;
+    differing.reserve(lines.size());
     for (const std::string &line : lines)
         differing.push_back({line, why_ethtool_is_wrong(module, line)});
     return differing;

@@ -164,6 +164,7 @@ exit_code run_status(const settings &common, const ports_text &ports)
         [&](const auto &answer) { report.failed(answer); });
     await_indications(common, loop, server, statuses, held.size());
     std::vector<uint32_t> known;
+    known.reserve(statuses.size());
     for (const auto &[port_no, status] : statuses)
         known.push_back(port_no);
     request_all(loop, server, pm_requests(known), [&](const tesk_client_answer &answer) {

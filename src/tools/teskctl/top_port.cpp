@@ -41,7 +41,7 @@ std::string take(top_port &port, const tesk_client_port_status &status)
 {
     /* The first one shows the state and is no event. So do those after a reconnection, unless
        something has changed in the meantime. */
-    const std::string what = port.status ? difference(*port.status, status) : "";
+    std::string what = port.status ? difference(*port.status, status) : "";
     note_event(port, what);
     port.status = status;
     port.status_time = std::chrono::steady_clock::now();
