@@ -20,7 +20,7 @@
 
 static constexpr int failed_start = 242, bad_lock = 255, bad_unlock = 254, bad_source = 255;
 
-enum phase { starting, serving, ending };
+enum class phase { starting, serving, ending };
 
 struct sweep {
     std::vector<const char *> calls;
@@ -150,7 +150,7 @@ class faults : public testing::Test
         plan->nth = nth;
         plan->by_program_only = what.by_program_only;
         plan->seen = 0;
-        plan->armed = what.when == starting;
+        plan->armed = what.when == phase::starting;
         said.clear();
         traces = open(traces_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         const pid_t server = testkit::start({TESK_BIN_DIR "/tesk-server"},
@@ -160,12 +160,12 @@ class faults : public testing::Test
         std::string trouble;
         if (await_trace("TESK server started!")) {
             /* An answer of the board: its thread has made its own first allocations by then. */
-            if (what.when == serving)
+            if (what.when == phase::serving)
                 testkit::board("board");
-            plan->armed = what.when == serving;
-            if (what.when != starting)
+            plan->armed = what.when == phase::serving;
+            if (what.when != phase::starting)
                 trouble = serve_and_look(server);
-            plan->armed = what.when == ending;
+            plan->armed = what.when == phase::ending;
             kill(server, SIGTERM);
         }
         const int end = testkit::wait_for_end(server);
@@ -182,7 +182,7 @@ class faults : public testing::Test
             EXPECT_TRUE(std::filesystem::is_empty(directory.path + "/mbx"));
             EXPECT_FALSE(std::filesystem::exists(directory.path + "/board.sock"));
         } else
-            EXPECT_EQ(run("none", 0, {{}, false, starting, {}}), 0);
+            EXPECT_EQ(run("none", 0, {{}, false, phase::starting, {}}), 0);
     }
 
     /* Lets the first call fail, then the second, and so on. */
@@ -217,10 +217,10 @@ TEST_F(faults, a_start_that_fails_says_so_with_its_status)
         {{"mbx_init", "zel_init", "mbx_create_mailbox", "eventfd", "dolm_ric_init",
           "pthread_create", "epoll_create1"},
          true,
-         starting,
+         phase::starting,
          {failed_start}},
-        {{"mbx_get_fd", "epoll_ctl"}, true, starting, {bad_source}},
-        {{"tmo_service_init"}, true, starting, {0}},
+        {{"mbx_get_fd", "epoll_ctl"}, true, phase::starting, {bad_source}},
+        {{"tmo_service_init"}, true, phase::starting, {0}},
     });
 }
 
@@ -229,11 +229,11 @@ TEST_F(faults, a_start_on_failing_libraries_ends_or_goes_on)
     try_all({
         {{"pthread_create", "eventfd", "epoll_create1", "open", "socket", "bind", "listen"},
          false,
-         starting,
+         phase::starting,
          {0, failed_start}},
-        {{"epoll_ctl"}, false, starting, {0, failed_start, bad_source}},
-        {{"timerfd_create"}, false, starting, {0}},
-        {{"malloc"}, false, starting, {0, failed_start, -SIGABRT, -SIGTRAP}},
+        {{"epoll_ctl"}, false, phase::starting, {0, failed_start, bad_source}},
+        {{"timerfd_create"}, false, phase::starting, {0}},
+        {{"malloc"}, false, phase::starting, {0, failed_start, -SIGABRT, -SIGTRAP}},
     });
 }
 
@@ -245,29 +245,29 @@ TEST_F(faults, procedures_survive_or_end_the_process_as_described)
           "dolm_ric_ri_unsubslink", "dolm_ric_ri_getportstatus", "dolm_ric_ri_getlinkstatus",
           "dolm_ric_ri_getmoduleinfo", "dolm_ric_ri_getmodstatus", "dolm_ric_ri_getmodulediag"},
          true,
-         serving,
+         phase::serving,
          {0}},
-        {{"malloc"}, true, serving, {0, -SIGABRT}},
-        {{"pthread_mutex_lock"}, true, serving, {bad_lock}},
-        {{"pthread_mutex_unlock"}, true, serving, {bad_unlock}},
+        {{"malloc"}, true, phase::serving, {0, -SIGABRT}},
+        {{"pthread_mutex_lock"}, true, phase::serving, {bad_lock}},
+        {{"pthread_mutex_unlock"}, true, phase::serving, {bad_unlock}},
         {{"epoll_ctl", "epoll_wait", "accept4", "memfd_create", "ftruncate", "fstatfs", "eventfd",
           "setsockopt", "sendmsg", "recvmsg"},
          false,
-         serving,
+         phase::serving,
          {0}},
-        {{"malloc", "realloc", "mmap"}, false, serving, {0, -SIGABRT, -SIGTRAP}},
+        {{"malloc", "realloc", "mmap"}, false, phase::serving, {0, -SIGABRT, -SIGTRAP}},
     });
 }
 
 TEST_F(faults, the_end_is_orderly_or_tells_what_broke)
 {
     try_all({
-        {{"pthread_mutex_lock"}, true, ending, {bad_lock}},
-        {{"pthread_mutex_unlock"}, true, ending, {bad_unlock}},
+        {{"pthread_mutex_lock"}, true, phase::ending, {bad_lock}},
+        {{"pthread_mutex_unlock"}, true, phase::ending, {bad_unlock}},
         {{"epoll_wait", "dolm_ric_shutdown", "dolm_ric_freeevent", "pthread_join"},
          true,
-         ending,
+         phase::ending,
          {0}},
-        {{"malloc"}, false, ending, {0, -SIGABRT, -SIGTRAP}},
+        {{"malloc"}, false, phase::ending, {0, -SIGABRT, -SIGTRAP}},
     });
 }

@@ -173,7 +173,7 @@ TEST_F(reader_process_test, a_configuration_that_others_can_write_gives_no_port)
     if (!testkit::enter_own_network())
         GTEST_SKIP() << "no namespaces of its own for this user";
     write_config("0 lo\n");
-    std::filesystem::permissions(place.path + "/ports", std::filesystem::perms(0664));
+    std::filesystem::permissions(place.path + "/ports", std::filesystem::perms{0664});
     start_on_pair();
     EXPECT_EQ(ENOENT, ask(0));
     EXPECT_NE(std::string::npos, log_text().find("can be written by others"));

@@ -4,6 +4,7 @@
 
 #include "testkit/fake_platform/server_fixture.h"
 
+#include <algorithm>
 #include <cstring>
 
 inline constexpr uint32_t alice = 0x71, bob = 0x72, carol = 0x73, stranger = 0x99;
@@ -26,7 +27,7 @@ inline void expect_bytes(const fake_platform::sent_signal &signal, size_t from, 
 
 inline void copy_text(char *field, const char *text)
 {
-    memcpy(field, text, strlen(text));
+    std::copy_n(text, strlen(text), field);
 }
 
 /* A module whose texts fill their fields to the last byte. */

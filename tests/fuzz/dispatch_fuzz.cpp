@@ -9,7 +9,8 @@
 #include "tesk_server/tesk_client_data.h"
 #include "tesk_server/tesk_event_queue.h"
 #include "tesk_server/tesk_main.h"
-#include "tesk_server/tesk_portsub.cpp" /* for its counts, which nobody else is told */
+/* For its counts, which it exports to no module. */
+#include "tesk_server/tesk_portsub.cpp" // NOLINT(bugprone-suspicious-include)
 #include "tesk_server/tesk_signals.h"
 #include "testkit/fake_platform/fake_platform.h"
 #include "tests/fuzz/fuzz_input.h"

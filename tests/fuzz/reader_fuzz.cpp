@@ -24,7 +24,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         answer.error = (failing >> readings++ % 8 & 1) != 0 ? EIO : 0;
         return answer;
     });
-    const bool is_whole = packet.size() % 8 == 0 && packet.size() <= 8 * 16;
+    const bool is_whole = packet.size() % 8 == 0 && packet.size() <= size_t{8} * 16;
     assert(answers.size() == (is_whole ? packet.size() / 8 : 0));
     for (const reader_answer &answer : answers)
         assert(answer.error == 0 || std::count(answer.bytes, answer.bytes + 32, 0) == 32);
