@@ -68,8 +68,9 @@ static constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, fake_pla
 
 static std::map<uint32_t, book[kind_count]> books;
 static std::vector<std::pair<uint32_t, int>> refused; /* give-backs in this step: port and kind */
-static std::set<int32_t> tainted; /* buckets that may have more chains than one */
-static bool memory_ends;          /* for the next bucket */
+static std::set<int32_t> tainted;      /* buckets that may have more chains than one */
+static bool memory_ends;               /* for the next bucket */
+static std::vector<uint32_t> monitors; /* the watched mailbox of each that has not ended */
 
 static void on_operation(const char *operation, uint32_t port_no, int32_t code)
 {
@@ -158,12 +159,15 @@ static void check_books()
     for (const auto &tick : fake_platform::ticks)
         if (!live.contains(static_cast<int32_t>(tick.bucket)))
             tainted.insert(static_cast<int32_t>(tick.bucket));
+    size_t clients = 0;
     for (const tesk_client *client = tesk_client_first(); client != nullptr;
-         client = client->next) {
+         client = client->next, clients++) {
+        assert(std::count(monitors.begin(), monitors.end(), client->mbox) == 1);
         assert(tesk_client_find_by_sender(client->mbox) == client);
         assert(tesk_client_find(client->client_id, client->mbox) == client);
         assert(tesk_client_find(client->client_id + 1, client->mbox) == nullptr);
     }
+    assert(monitors.size() == clients);
     assert(fake_platform::live_blocks == 0);
 }
 
@@ -189,6 +193,8 @@ static void drain()
 /* Handles what has been delivered. */
 static void dispatch(uint32_t sender, uint32_t number)
 {
+    if (number == MBX_MONITOR_DEFAULT_NO) /* which ends the monitor */
+        std::erase(monitors, sender);
     const bool stops = number == TESK_EXIT_SIGNAL && sender == fake_platform::own_mailbox;
     assert(tesk_handle_mailbox() == (stops ? 1 : 0));
     settle_refusals(number);
@@ -356,6 +362,7 @@ static void end()
     fake_platform::ports.clear();
     fake_platform::ticks.clear();
     books.clear();
+    monitors.clear();
     tainted.clear();
 }
 
@@ -389,6 +396,15 @@ void *__wrap_calloc(size_t count, size_t size)
         return __real_calloc(count, size);
     memory_ends = false;
     return nullptr;
+}
+
+extern "C" uint32_t __real_mbx_monitor(uint32_t watched, mbx_signal **signal);
+extern "C" uint32_t __wrap_mbx_monitor(uint32_t watched, mbx_signal **signal);
+
+uint32_t __wrap_mbx_monitor(uint32_t watched, mbx_signal **signal)
+{
+    monitors.push_back(watched);
+    return __real_mbx_monitor(watched, signal);
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
