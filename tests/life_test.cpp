@@ -33,6 +33,7 @@ static std::map<std::string, std::pair<pid_t, uint64_t>> threads_of(pid_t proces
     std::map<std::string, std::pair<pid_t, uint64_t>> threads;
     const std::string tasks = "/proc/" + std::to_string(process) + "/task";
     for (const auto &task : std::filesystem::directory_iterator(tasks)) {
+        const int id = std::stoi(task.path().filename());
         std::ifstream status(task.path() / "status");
         std::string word, name;
         while (status >> word) {
@@ -40,7 +41,9 @@ static std::map<std::string, std::pair<pid_t, uint64_t>> threads_of(pid_t proces
                 status >> name;
             if (word == "SigBlk:") {
                 status >> word;
-                threads[name] = {std::stoi(task.path().filename()), std::stoull(word, nullptr, 16)};
+                /* ThreadSanitizer has a thread of its own, with the name of the process. */
+                if (name != "tesk-server" || id == process)
+                    threads[name] = {id, std::stoull(word, nullptr, 16)};
             }
         }
     }
