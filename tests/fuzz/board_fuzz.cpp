@@ -45,7 +45,8 @@ static void take_events(board::core &events)
         if (result == DOLM_RICERR_SHUTDOWN)
             return;
         assert((result == DOLM_RICERR_OK) == (event != nullptr));
-        assert(event == nullptr || events.free_event(event));
+        const bool was_out = event == nullptr || events.free_event(event);
+        assert(was_out);
     }
 }
 

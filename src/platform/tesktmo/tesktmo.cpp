@@ -126,6 +126,7 @@ static timer_service *start_service()
         return nullptr;
     auto *service =
         new (std::nothrow) timer_service{.unit_ns = read_unit_ns(), .timer_fd = timer_fd};
+    /* cppcheck-suppress legacyUninitvar */
     if (service != nullptr &&
         util::start_thread(service->thread, stack_size, run_service, service) == 0)
         return service;

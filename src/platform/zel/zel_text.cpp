@@ -336,7 +336,8 @@ static bool is_journal_stream(int descriptor)
     char name[64];
     if (setting == nullptr || fstat(descriptor, &status) != 0)
         return false;
-    snprintf(name, sizeof(name), "%ju:%ju", uintmax_t{status.st_dev}, uintmax_t{status.st_ino});
+    snprintf(name, sizeof(name), "%ju:%ju", static_cast<uintmax_t>(status.st_dev),
+             static_cast<uintmax_t>(status.st_ino));
     return strcmp(name, setting) == 0;
 }
 
