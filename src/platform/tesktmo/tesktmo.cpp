@@ -124,9 +124,9 @@ static timer_service *start_service()
     const int timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
     if (timer_fd < 0)
         return nullptr;
+    /* cppcheck-suppress legacyUninitvar */
     auto *service =
         new (std::nothrow) timer_service{.unit_ns = read_unit_ns(), .timer_fd = timer_fd};
-    /* cppcheck-suppress legacyUninitvar */
     if (service != nullptr &&
         util::start_thread(service->thread, stack_size, run_service, service) == 0)
         return service;
