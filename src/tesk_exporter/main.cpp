@@ -74,9 +74,11 @@ class service
         pollfd polled[] = {
             {signal_fd, POLLIN, 0}, {facts_.fd(), POLLIN, 0}, {http_.fd(), POLLIN, 0}};
         while (polled[0].revents == 0) {
-            http_.run();
             take_facts();
             refresh();
+            /* Behind the facts: a stream that they continue is written now, not at the next
+             * wake-up. */
+            http_.run();
             poll(polled, std::size(polled), timeout());
         }
     }
