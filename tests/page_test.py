@@ -199,8 +199,8 @@ def can_be_read(page):
 
 
 def arrives_in_time(board, page):
-    """Within 50 ms of teskctl's line. The best of twelve is what is required, because the machine of a test
-    is busy with others; the median is told. Each link changes twice only, or the server's filter holds it."""
+    """Within 50 ms of teskctl's line. The best of twelve is required, because the machine of a test is busy
+    with others, and that none waits for the exporter's next look at its readers, 5 s later. Each link changes twice only, or the server's filter holds it."""
     up = [0, 1, 2, 8, 9, 10]
     teskctl = board.start("teskctl", "--json", "watch", "--status", ",".join(map(str, up)), stdout=subprocess.PIPE, text=True)
     stream = http.client.HTTPConnection("127.0.0.1", board.port)
@@ -223,7 +223,7 @@ def arrives_in_time(board, page):
     for name, times in ("/events", events), ("the page", page.run("return seen")):
         late_ms = [1000 * (there - line) for there, line in zip(times, lines)]
         print(f"{name}: {statistics.median(late_ms):.1f} ms after teskctl's line (median), best {min(late_ms):.1f} ms")
-        assert min(late_ms) < 50 and len(times) == len(lines), (late_ms, "or a change was shown twice")
+        assert min(late_ms) < 50 and max(late_ms) < 3000 and len(times) == len(lines), (late_ms, "or a change was shown twice")
     board.kill("teskctl")
 
 
