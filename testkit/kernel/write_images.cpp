@@ -23,7 +23,7 @@ static void write_file(const std::string &path, const bytes &content)
 /* Lower memory and pages, the last being 11h of a bank. */
 static bytes with_lanes(bytes memory, const bytes &lanes)
 {
-    memory.resize(128 * 0x12);
+    memory.resize(std::size_t{128} * 0x12);
     memory.insert(memory.end(), lanes.begin() + 128, lanes.end());
     return memory;
 }
