@@ -62,7 +62,9 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (const std::string &setting : environment)
         putenv(const_cast<char *>(setting.c_str()));
-    if (kept != -1)
+    if (kept == 3)
+        fcntl(kept, F_SETFD, 0); /* dup2 would leave it to be closed */
+    else if (kept != -1)
         dup2(kept, 3);
     if (!output.empty()) {
         const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
