@@ -36,7 +36,7 @@ static std::string path_or_default(const char *path)
 {
     if (path != nullptr)
         return path;
-    const char *set = std::getenv("DOLM_RIC_PORT_MAP");
+    const char *set = secure_getenv("DOLM_RIC_PORT_MAP");
     return set != nullptr && *set != '\0' ? set : default_path;
 }
 

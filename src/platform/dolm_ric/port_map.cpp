@@ -16,7 +16,7 @@ namespace board
 
 std::string port_map_path()
 {
-    const char *path = getenv("DOLM_RIC_PORT_MAP");
+    const char *path = secure_getenv("DOLM_RIC_PORT_MAP");
     return path != nullptr && *path != '\0' ? path : "/run/dolm_ric/ports";
 }
 
@@ -89,7 +89,7 @@ bool write_port_map(const std::string &path, const std::map<uint32_t, std::strin
 {
     if (replace_file(path, text_of(names)))
         return true;
-    fprintf(stderr, "dolm_ric: cannot write the port map %s: %s; tools show numbers only\n",
+    fprintf(stderr, "libdolm_ric: cannot write the port map %s: %s; tools show numbers only\n",
             path.c_str(), strerror(errno));
     return false;
 }

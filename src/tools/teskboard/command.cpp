@@ -153,7 +153,7 @@ class command_parser
     /* Options and commands that a line of a scene can't have. */
     void add_global(settings &global)
     {
-        const char *path = std::getenv(DOLM_RIC_BOARD_SOCKET_ENV);
+        const char *path = secure_getenv(DOLM_RIC_BOARD_SOCKET_ENV);
         global.socket = path != nullptr && *path != '\0' ? path : DOLM_RIC_BOARD_SOCKET;
         app_.set_version_flag("--version", "teskboard " TESK_VERSION);
         app_.add_option("--socket", global.socket, "Where the board listens")

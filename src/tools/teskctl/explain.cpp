@@ -26,7 +26,7 @@ exit_code exit_code_of(tesk_client_result result)
 
 std::string mailbox_directory()
 {
-    const char *directory = std::getenv("MBX_DIR");
+    const char *directory = secure_getenv("MBX_DIR");
     return directory != nullptr && *directory != '\0' ? directory : default_mailbox_directory;
 }
 

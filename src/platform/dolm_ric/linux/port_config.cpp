@@ -197,7 +197,7 @@ port_config parse_port_config(std::string_view text, std::string_view name)
 
 std::string port_config_path()
 {
-    const char *path = getenv("DOLM_RIC_PORTS");
+    const char *path = secure_getenv("DOLM_RIC_PORTS");
     return path != nullptr && *path != '\0' ? path : "/etc/tesk/ports";
 }
 
