@@ -147,6 +147,7 @@ apt install "${version_1[@]}"
 apt install "${with_linux[@]}"
 expect 0 "rc " state_of tesk-platform-sim
 expect 0 "tesk-platform-linux" chroot "$root" dpkg -S libdolm_ric.so.0
+expect 0 "ok     versions" as nobody:tesk sh -c 'teskctl doctor | grep versions'
 purge_all
 
 say "keeping an account that the packages did not create"

@@ -227,15 +227,18 @@ static finding check_versions()
     std::string text = fmt::format("teskctl {}, libtesk_client {}", TESK_VERSION, library);
     bool differ = library != TESK_VERSION;
     const std::string packages = output_of(
-        "dpkg-query -W -f '${Package} ${Version}\\n' tesk-server tesk-tools libtesk-client0 "
-        "libtesk-client-dev tesk-platform-base tesk-platform-sim tesk-platform-linux");
+        "dpkg-query -W -f '${db:Status-Status} ${Package} ${Version}\\n' tesk-server tesk-tools "
+        "libtesk-client0 libtesk-client-dev tesk-platform-base tesk-platform-sim "
+        "tesk-platform-linux");
     std::string first;
     for (size_t at = 0; at < packages.size();) {
-        const std::string line = packages.substr(at, packages.find('\n', at) - at);
+        std::string line = packages.substr(at, packages.find('\n', at) - at);
         at += line.size() + 1;
-        const std::string version = line.substr(std::min(line.size(), line.find(' ') + 1));
-        if (version.empty())
-            continue; /* known to dpkg, but not installed */
+        static constexpr std::string_view installed = "installed ";
+        if (!line.starts_with(installed))
+            continue; /* known to dpkg, perhaps by what is left of its configuration */
+        line.erase(0, installed.size());
+        const std::string version = line.substr(line.find(' ') + 1);
         text += ", package " + line;
         differ = differ || (!first.empty() && version != first);
         first = version;
