@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <optional>
+#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -391,6 +392,10 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     client.read({&hung_up, 1});
     EXPECT_EQ(ENOTCONN, hung_up.error);
     EXPECT_EQ("107 107 0 0", ask(sizeof(reader_answer))) << "half an answer is none";
+    client.read({&hung_up, 1});
+    EXPECT_EQ(ENOTCONN, hung_up.error);
+    pollfd waiting = {listener, POLLIN, 0};
+    EXPECT_EQ(0, poll(&waiting, 1, 0)) << "no third try at once";
     close(listener);
 }
 

@@ -60,29 +60,43 @@ void link_table::add(uint32_t port, port_filter fits)
                     .fits = std::move(fits),
                     .parent = {},
                     .port_name = {},
+                    .last_name = {},
                     .last = {},
                     .announced = {DOLM_RICRILINKSTATE_NOOPERATION, 0, 0},
                     .settles_at = {}};
 }
 
-/* The port of an interface; a port without one takes it if it fits. */
+/* A port without an interface whose place this is. One that the name fits comes before one whose
+   interface was called so last, since that name may have been given to it by hand. */
+link_table::port_link *link_table::find_free(const link_report &report)
+{
+    port_link *returned_to = nullptr;
+    for (auto &[number, link] : links_) {
+        if (link.index != 0 || (link.was_bound && (link.parent != report.parent ||
+                                                   link.port_name != report.port_name)))
+            continue;
+        if (link.fits(report))
+            return &link;
+        if (returned_to == nullptr && link.was_bound && link.last_name == report.name)
+            returned_to = &link;
+    }
+    return returned_to;
+}
+
+/* The port of an interface; a port without one takes it. */
 link_table::port_link *link_table::bind(const link_report &report)
 {
     const auto known = ports_.find(report.index);
     if (known != ports_.end())
         return &links_.at(known->second);
-    for (auto &[number, link] : links_) {
-        if (link.index != 0 || !link.fits(report))
-            continue;
-        if (link.was_bound && (link.parent != report.parent || link.port_name != report.port_name))
-            continue;
-        link.index = report.index;
-        link.parent = report.parent;
-        link.port_name = report.port_name;
-        ports_[report.index] = number;
-        return &link;
-    }
-    return nullptr;
+    port_link *link = find_free(report);
+    if (link == nullptr)
+        return nullptr;
+    link->index = report.index;
+    link->parent = report.parent;
+    link->port_name = report.port_name;
+    ports_[report.index] = link->number;
+    return link;
 }
 
 /* An answer whose counters went back is of another interface that got the same index. */
@@ -94,8 +108,10 @@ void link_table::take(const link_report &report, origin from, time_point now)
         return;
     }
     port_link *link = bind(report);
-    if (link == nullptr)
+    if (link == nullptr) {
+        listener_.interface_left_out(report);
         return;
+    }
     const bool known = link->last.index == report.index;
     const bool older = known && (growth(link->last.rises, report.rises) < 0 ||
                                  growth(link->last.falls, report.falls) < 0);
@@ -112,6 +128,7 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
     const uint32_t falls = is_same ? falls_between(link.last, report) : 0;
     const bool named_anew = link.last.name != report.name;
     link.last = report;
+    link.last_name = report.name;
     link.was_bound = true;
     if (named_anew)
         listener_.interface_changed(link.number, &link.last);

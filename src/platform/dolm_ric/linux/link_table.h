@@ -3,8 +3,9 @@
    interfaces give. Pure state with the time passed in. One thread.
 
    A port is bound to the first interface that fits its name. From then on it follows that interface
-   by the kernel's index, through renames, until the interface is deleted. Later it takes only an
-   interface with the same name, parent device and port name: the number of a port never moves.
+   by the kernel's index, through renames, until the interface is deleted or moved to another
+   namespace. Later it takes only an interface with the same parent device and port name, and with
+   a name that fits or the one that its interface had last: the number of a port never moves.
 
    The kernel merges its messages, so falls are counted by its carrier counters. A caller that fills
    a filter by events gets as many falls as the counters, at most `max_falls` for one report, and
@@ -52,6 +53,10 @@ struct link_listener {
     }
     /* A port got an interface, that interface got another name, or the port lost it (nullptr). */
     virtual void interface_changed(uint32_t port, const link_report *now) = 0;
+    /* A report is about an interface that no port has or takes. */
+    virtual void interface_left_out(const link_report & /*report*/)
+    {
+    }
 };
 
 class link_table
@@ -99,6 +104,7 @@ class link_table
         int32_t index = 0;
         bool was_bound = false;
         std::string parent, port_name; /* of the first interface */
+        std::string last_name;         /* of the interface that it has or had */
         link_report last;
         uint32_t speed = 0; /* as it was taken last */
         uint32_t lanes = 0;
@@ -108,6 +114,7 @@ class link_table
     };
 
     static link_values values_of(const port_link &link, uint32_t state);
+    port_link *find_free(const link_report &report);
     port_link *bind(const link_report &report);
     void update(port_link &link, const link_report &report, bool is_same, time_point now);
     void announce(port_link &link, const std::vector<uint32_t> &states, time_point now);

@@ -5,6 +5,7 @@
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/port_map.h"
+#include "util/escape.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,11 +15,19 @@
 #include <memory>
 #include <optional>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
 namespace linux_board
 {
+
+/* A reader that ends with the last server refuses this one, and is started anew for its next try.
+ */
+static constexpr std::chrono::milliseconds reader_restart{1000};
+
+/* Interfaces that appeared later and were told of. */
+static constexpr size_t most_left_out = 20;
 
 /* How long a start waits for the first look at all modules, so that what is there is no news. */
 static constexpr std::chrono::seconds first_look_patience{3};
@@ -65,7 +74,11 @@ std::map<uint32_t, link_report> linux_ports::default_ports(std::vector<link_repo
     std::map<uint32_t, link_report> ports;
     int error = 0;
     for (uint32_t number = 0; number < board::max_ports; number++) {
-        const int32_t index = modules_.interface_at_reader(number, error);
+        int32_t index = modules_.interface_at_reader(number, error);
+        if (error == ENOTCONN && access(reader_.c_str(), F_OK) == 0) {
+            std::this_thread::sleep_for(reader_restart);
+            index = modules_.interface_at_reader(number, error);
+        }
         if (error == ENOENT)
             return ports;
         if (error == ENOTCONN || error == EACCES)
@@ -88,6 +101,9 @@ void linux_ports::add_default_ports()
     const std::vector<link_report> all = list_interfaces(route);
     for (const auto &[number, interface] : default_ports(all))
         add_interface(number, interface, all);
+    for (const link_report &interface : all)
+        seen_at_start_.insert(interface.index);
+    has_default_ports_ = true;
 }
 
 /* The links come first, since the modules are looked for on the interfaces that were found. */
@@ -211,6 +227,18 @@ void linux_ports::interface_changed(uint32_t number, const link_report *now)
     }
     is_map_old_ = true;
     modules_.set_interface(number, now == nullptr ? 0 : now->index);
+}
+
+/* Interfaces without a device, as those of containers, are no news. */
+void linux_ports::interface_left_out(const link_report &report)
+{
+    if (!has_default_ports_ || report.parent.empty() || seen_at_start_.contains(report.index) ||
+        left_out_.size() >= most_left_out || !left_out_.insert(report.name).second)
+        return;
+    fprintf(stderr,
+            "libdolm_ric: %s appeared after the start and is no port: restart the server, or write "
+            "%s, which may name interfaces that will come\n",
+            escape(report.name).c_str(), port_config_path().c_str());
 }
 
 /* The map is for people's tools; a port without an interface keeps the name that it had last. */

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,9 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     /* The ports of a configuration, before start(). */
     void add(const std::vector<configured_port> &ports);
     /* The ports of a machine without one, before start(): those that the reader has, or without a
-       reader all interfaces on a device. Throws a std::system_error. */
+       reader all interfaces on a device. One that appears later has no port, since a reader that is
+       started anew could number it otherwise; a line on stderr says so. Throws a std::system_error.
+     */
     void add_default_ports();
 
     void start() override;
@@ -66,6 +69,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
 
     void link_changed(uint32_t number, const link_values &now) override;
     void interface_changed(uint32_t number, const link_report *now) override;
+    void interface_left_out(const link_report &report) override;
     void reports_taken() override;
     void module_read(uint32_t number, const module_contents &contents, time_point at) override;
     void module_presence_changed(uint32_t number, module_presence now) override;
@@ -74,7 +78,10 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     board::port_events &events_;
     const std::string reader_;
     std::map<uint32_t, port_copy> ports_;
-    bool is_map_old_ = true; /* the thread that follows the links */
+    bool is_map_old_ = true; /* the thread that follows the links; the next ones, too */
+    bool has_default_ports_ = false;
+    std::set<int32_t> seen_at_start_;
+    std::set<std::string> left_out_; /* names that were told of */
     mutable module_follower modules_;
     link_follower links_; /* last: it uses all others */
 };

@@ -18,6 +18,8 @@
 namespace linux_board
 {
 
+static constexpr int longest_pause_log2 = 5; /* in seconds */
+
 static constexpr std::string_view inherited_prefix = "fd:";
 
 /* The number in "fd:N", or -1. */
@@ -52,10 +54,11 @@ int reader_client::connect_reader()
     const auto now = std::chrono::steady_clock::now();
     if (fd_ >= 0)
         return 0;
-    if (now >= connect_from_)
-        connect_error_ = connect_now();
-    if (fd_ < 0 && now >= connect_from_)
-        connect_from_ = now + std::chrono::seconds(1);
+    if (now < connect_from_)
+        return connect_error_;
+    connect_error_ = connect_now();
+    if (fd_ < 0 || lost_ > 0)
+        connect_from_ = now + std::chrono::seconds(1 << std::min(lost_, longest_pause_log2));
     return connect_error_;
 }
 
@@ -126,8 +129,14 @@ int reader_client::exchange(std::span<piece> pieces)
 void reader_client::read(std::span<piece> pieces)
 {
     const int error = exchange(pieces);
-    if (error == 0)
+    if (error == 0) {
+        lost_ = 0;
         return;
+    }
+    if (fd_ >= 0) {
+        lost_++;
+        connect_error_ = ENOTCONN;
+    }
     disconnect();
     for (piece &wanted : pieces)
         wanted.error = error;

@@ -24,8 +24,11 @@ class reader_client final : public module_access
     reader_client(const reader_client &) = delete;
     reader_client &operator=(const reader_client &) = delete;
 
-    /* Connects if need be; after a failure not again for a second. ENOTCONN if there is no reader,
-       EACCES if it may not be used, ETIMEDOUT if it doesn't answer. */
+    /* Connects if need be; after a failure not again for a second, and more and more seldom, at
+       last each 32 s, where a reader is there and leaves without an answer: each try starts a
+       process. ENOTCONN if there is no reader, EACCES if it may not be used, ETIMEDOUT if it
+       doesn't answer.
+     */
     void read(std::span<piece> pieces) override;
 
   private:
@@ -38,6 +41,7 @@ class reader_client final : public module_access
     int stop_fd_;
     int fd_ = -1;
     int connect_error_ = 0;
+    int lost_ = 0; /* connections since the last answer */
     std::chrono::steady_clock::time_point connect_from_ = {};
 };
 
