@@ -250,8 +250,13 @@ TEST_F(link_table_test, a_port_follows_its_interface_and_takes_another_only_when
     link_report elsewhere = report(2, 50, 51, 9);
     elsewhere.parent = "0000:05:00.0";
     EXPECT_EQ("", take(elsewhere)) << "the name has moved to another device";
-    EXPECT_EQ("i10u", take(report(2, 70, 71, 10))) << "counters begin anew";
-    EXPECT_EQ("", take(report(1, 0, 0, 8)));
+    renamed = report(2, 70, 71, 10);
+    renamed.name = "wan";
+    EXPECT_EQ("i10u", take(renamed)) << "it is back with its last name, and counters begin anew";
+    table.forget(10, now);
+    EXPECT_EQ("di0", events.take());
+    EXPECT_EQ("i8", take(report(1, 0, 0, 8)));
+    EXPECT_EQ("", take(renamed));
 }
 
 TEST_F(link_table_test, what_a_dump_lacks_is_gone_and_an_index_may_be_used_again)

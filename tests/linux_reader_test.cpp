@@ -105,8 +105,10 @@ class reader_process_test : public testing::Test
         int ends[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends));
         client = ends[0];
-        process = testkit::start({program, "--fd", "3"},
-                                 {"DOLM_RIC_PORTS=" + place.path + "/ports"}, ends[1], log());
+        process = testkit::start(
+            {program, "--fd", "3"},
+            {"DOLM_RIC_PORTS=" + place.path + "/ports", "RUNTIME_DIRECTORY=" + place.path}, ends[1],
+            log());
         close(ends[1]);
     }
     /* The error of a one-byte reading; -1 if the reader hangs up. */
@@ -168,6 +170,33 @@ TEST_F(reader_process_test, it_serves_its_ports_keeps_one_right_and_ends_with_it
     EXPECT_EQ(0, testkit::wait_for_end(process));
 }
 
+TEST_F(reader_process_test, interfaces_are_handed_on_to_the_next_reader_of_the_same_server)
+{
+    if (!testkit::enter_own_network())
+        GTEST_SKIP() << "no namespaces of its own for this user";
+    testkit::network net;
+    net.add_pair("a0", "a1");
+    write_config("0 a0\n");
+    start_on_pair();
+    EXPECT_EQ(EOPNOTSUPP, ask(0));
+    net.rename("a0", "wan");
+    struct row {
+        int ended_by;
+        const char *config;
+        int error;
+    };
+    for (const row &one : {row{SIGKILL, "0 a0\n", EOPNOTSUPP},
+                           row{SIGTERM, "1 lo\n0 a0\n", EOPNOTSUPP}, row{SIGKILL, "0 a2\n", ENODEV},
+                           row{SIGKILL, "0 a0\n", EOPNOTSUPP}, row{0, "0 a0\n", ENODEV}}) {
+        kill(process, one.ended_by);
+        close(client);
+        testkit::wait_for_end(process);
+        write_config(one.config);
+        start_on_pair();
+        EXPECT_EQ(one.error, ask(0)) << one.ended_by << one.config;
+    }
+}
+
 TEST_F(reader_process_test, a_configuration_that_others_can_write_gives_no_port)
 {
     if (!testkit::enter_own_network())
@@ -187,7 +216,7 @@ TEST_F(reader_process_test, a_passed_socket_lets_in_its_owner_alone)
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        const int listener = socket(AF_UNIX, SOCK_SEQPACKET, 0); /* may be 3 already */
+        const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)));
         ASSERT_EQ(0, listen(listener, 4));
         if (chown(path.c_str(), owner, static_cast<gid_t>(-1)) != 0)

@@ -8,6 +8,7 @@
    fresh look at the configuration, for the next one. */
 #include "platform/dolm_ric/linux/port_config.h"
 #include "tesk_module_reader/confinement.h"
+#include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/reader_ports.h"
 #include "tesk_module_reader/requests.h"
 
@@ -138,8 +139,7 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
    silently become others than it says. */
 static std::optional<linux_board::port_config> read_config()
 {
-    const char *named = secure_getenv("DOLM_RIC_PORTS");
-    const std::string path = named != nullptr && *named != '\0' ? named : "/etc/tesk/ports";
+    const std::string path = linux_board::port_config_path();
     const int fd = linux_board::open_port_config(path);
     if (fd < 0 && errno == ENOENT)
         return std::nullopt;
@@ -221,7 +221,9 @@ static bool serve_client(int fd, reader_ports &ports)
                                    static_cast<ssize_t>(length);
 }
 
-/* Until the last client has left. A listener passed by systemd has one waiting. */
+/* Until the last client has left. A listener passed by systemd has one waiting. A client that comes
+   while the last one leaves is not let in: it is a server that was started anew, perhaps with
+   another configuration, and gets a reader that was started anew. */
 static void serve(endpoint &where, reader_ports &ports)
 {
     do {
@@ -231,14 +233,16 @@ static void serve(endpoint &where, reader_ports &ports)
         const bool has_room = where.clients.size() < most_clients;
         wanted.push_back({has_room ? where.listener : -1, POLLIN, 0});
         poll(wanted.data(), wanted.size(), -1);
-        if (wanted.back().revents != 0)
-            accept_client(where);
+        bool is_left = false;
         for (const pollfd &ready : std::span(wanted).first(wanted.size() - 1)) {
             if (ready.revents == 0 || serve_client(ready.fd, ports))
                 continue;
             close(ready.fd);
             std::erase(where.clients, ready.fd);
+            is_left = where.clients.empty();
         }
+        if (wanted.back().revents != 0 && !is_left)
+            accept_client(where);
     } while (!where.clients.empty());
 }
 
@@ -247,7 +251,9 @@ static void run(const options &chosen)
     endpoint where;
     if (chosen.what == task::serve)
         where = find_endpoint(chosen);
-    reader_ports ports(read_config());
+    const char *directory = secure_getenv("RUNTIME_DIRECTORY"); /* the unit's */
+    module_reader::known_interfaces known(directory != nullptr ? directory : "");
+    reader_ports ports(read_config(), known);
     if (chosen.what == task::print_ports) {
         const std::string text = ports.as_configuration();
         if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)
@@ -258,6 +264,7 @@ static void run(const options &chosen)
     module_reader::keep_net_admin_only();
     module_reader::allow_requests_only();
     serve(where, ports);
+    known.forget();
 }
 
 int main(int argc, char **argv)

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <span>
 #include <string>
 #include <unistd.h>
@@ -19,8 +20,14 @@ using linux_board::configured_port;
 using linux_board::link_report;
 using linux_board::module_source;
 
-reader_ports::reader_ports(const std::optional<linux_board::port_config> &config)
-    : route_(NETLINK_ROUTE)
+static std::string name_of(const configured_port &port)
+{
+    return port.parent.empty() ? port.interface : port.parent + "/" + port.port_name;
+}
+
+reader_ports::reader_ports(const std::optional<linux_board::port_config> &config,
+                           known_interfaces &known)
+    : known_(known), is_configured_(config.has_value()), route_(NETLINK_ROUTE)
 {
     if (!config) {
         find_default_ports();
@@ -29,6 +36,7 @@ reader_ports::reader_ports(const std::optional<linux_board::port_config> &config
     for (const configured_port &one : config->ports) {
         port &added = ports_[one.number];
         added.config = one;
+        added.index = known_.find(one.number, name_of(one));
         if (one.source != module_source::i2c_bus)
             continue;
         added.bus = open_bus(one.i2c_bus);
@@ -45,24 +53,36 @@ reader_ports::~reader_ports()
             close(one.bus);
 }
 
-/* Each interface is asked for the first byte of its module's memory. */
+/* Each interface is asked for the first byte of its module's memory. Numbers that an earlier reader
+   gave, to interfaces that are gone as well, are not given anew. */
 void reader_ports::find_default_ports()
 {
     std::vector<link_report> all = linux_board::list_interfaces(route_);
     linux_board::sort_interfaces(all);
     static constexpr reader_request first_byte = {
         .port = 0, .address = 0x50, .bank = 0, .page = 0, .offset = 0, .length = 1, .zero = 0};
-    uint32_t number = 0;
+    std::map<int32_t, uint32_t> known;
+    uint32_t next = 0;
+    for (uint32_t number = 0; number < known_interfaces::most_ports; number++)
+        if (const int32_t index = known_.find(number, {}); index != 0) {
+            known[index] = number;
+            next = number + 1;
+        }
     for (const link_report &interface : all) {
         std::array<uint8_t, 1> byte;
         const int error = modules_.read(interface.index, first_byte, byte);
         const bool may_not = error == EPERM || error == EACCES;
         if (error == EOPNOTSUPP || (may_not && interface.parent.empty()))
             continue;
+        const auto had = known.find(interface.index);
+        const uint32_t number = had != known.end() ? had->second : next++;
+        if (number >= known_interfaces::most_ports)
+            return;
         port &added = ports_[number];
-        added.config.number = number++;
+        added.config.number = number;
         added.config.interface = interface.name;
         added.index = interface.index;
+        known_.set(number, {}, interface.index);
     }
 }
 
@@ -76,13 +96,22 @@ bool reader_ports::find_interface(port &wanted)
 {
     if (wanted.index != 0)
         return true;
+    int32_t found = 0;
     for (const link_report &interface : linux_board::list_interfaces(route_)) {
-        if (!linux_board::is_interface_of(wanted.config, interface) || is_taken(interface.index))
+        if (is_taken(interface.index))
             continue;
-        wanted.index = interface.index;
-        return true;
+        if (linux_board::is_interface_of(wanted.config, interface)) {
+            found = interface.index;
+            break;
+        }
+        if (interface.index == wanted.lost)
+            found = interface.index;
     }
-    return false;
+    if (found == 0)
+        return false;
+    wanted.index = found;
+    known_.set(wanted.config.number, is_configured_ ? name_of(wanted.config) : "", found);
+    return true;
 }
 
 /* The kernel says ENODEV for an interface that is gone, but some drivers say it for a module that
@@ -96,6 +125,7 @@ int reader_ports::read_interface(port &wanted, const reader_request &request, re
         answer.interface = wanted.index;
         if (error != ENODEV || linux_board::ask_interface(route_, wanted.index, there) != ENODEV)
             return error;
+        wanted.lost = wanted.index;
         wanted.index = answer.interface = 0;
     }
     return ENODEV;
@@ -145,8 +175,7 @@ std::string reader_ports::as_configuration()
         const auto interface = std::find_if(all.begin(), all.end(), [&](const link_report &report) {
             return report.index == one.index;
         });
-        std::string name =
-            one.config.parent.empty() ? one.config.interface : one.config.parent + "/" + one.config.port_name;
+        std::string name = name_of(one.config);
         if (interface != all.end())
             name = linux_board::permanent_name(*interface, all);
         text += std::to_string(one.config.number) + " " + name + options_of(one.config) + "\n";

@@ -6,6 +6,7 @@
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/port_config.h"
+#include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/module_memory_access.h"
 #include "tesk_module_reader/reader_protocol.h"
 
@@ -22,8 +23,10 @@ class reader_ports
 {
   public:
     /* Without a configuration the ports are the interfaces whose module can be read, in the order
-       of their places; without the right to read, those on a device. Throws a std::system_error. */
-    explicit reader_ports(const std::optional<linux_board::port_config> &config);
+       of their places; without the right to read, those on a device. A port keeps the interface
+       that an earlier reader had for it. `known` outlives the object. Throws a std::system_error.
+     */
+    reader_ports(const std::optional<linux_board::port_config> &config, known_interfaces &known);
     ~reader_ports();
     reader_ports(const reader_ports &) = delete;
     reader_ports &operator=(const reader_ports &) = delete;
@@ -38,6 +41,7 @@ class reader_ports
     struct port {
         linux_board::configured_port config;
         int32_t index = 0; /* of its interface, since it was first found */
+        int32_t lost = 0;  /* index of the last interface, which may return from a namespace */
         int bus = -1;      /* a descriptor; negative if it can't be opened */
     };
 
@@ -46,6 +50,8 @@ class reader_ports
     bool find_interface(port &wanted);
     int read_interface(port &wanted, const reader_request &request, reader_answer &answer);
 
+    known_interfaces &known_;
+    const bool is_configured_;
     interface_modules modules_;
     netlink::connection route_;
     std::map<uint32_t, port> ports_;
