@@ -334,6 +334,8 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
     EXPECT_EQ(records_of(made, {.lanes = 0xff}).diag.txbias, 8000u);
     made.a0[210] = 0xf0, put_sum(made.a0, 128, 222); /* lanes of the first bank */
     EXPECT_EQ(contents_of(made).tx_power.lanes.size(), 12u);
+    made.a0[128 + 160] |= 0x18; /* a scale of bias that nobody knows */
+    EXPECT_TRUE(contents_of(made).tx_bias.lanes.empty());
     made.a0[128 + 160] = 0x12; /* measures tx power only */
     EXPECT_EQ(records_of(made).diag.diag_cap, not_light | DOLM_SFP_DIAGCAP_TXPOWER);
     made.a0[3] = 0x02; /* low power */

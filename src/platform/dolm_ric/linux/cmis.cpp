@@ -170,11 +170,20 @@ static void add_lanes(const memory_view &lanes, const lane_fields &fields, uint8
                                 lane_flags(lanes, fields.flags, lane)});
 }
 
-/* Values and limits of bias are scaled by the module's own factor, 1, 2 or 4. */
+/* Steps of bias are 2 uA times the module's own factor, 1, 2 or 4, for values and limits alike:
+   whoever ignores or divides by it shows half or a quarter of a current, or less. The fourth code
+   is reserved: nothing is known of such values. */
+static int bias_scale_code(const memory_view &features)
+{
+    return features.u8(160) >> 3 & 3;
+}
+
+static constexpr int reserved_bias_scale = 3;
+
 static conversion bias_conversion(const memory_view &features)
 {
     conversion bias = bias_steps;
-    bias.multiplier *= 1 << (features.u8(160) >> 3 & 3);
+    bias.multiplier *= 1 << bias_scale_code(features);
     return bias;
 }
 
@@ -187,7 +196,7 @@ static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_la
     const uint32_t present = static_cast<uint8_t>(~missing_lanes);
     contents.tx_fault_lanes |= (lanes.u8(135) & present) << first;
     contents.rx_los_lanes |= (lanes.u8(147) & present) << first;
-    if (has & HAS_TX_BIAS)
+    if ((has & HAS_TX_BIAS) && bias_scale_code(features) != reserved_bias_scale)
         add_lanes(lanes, tx_bias_fields, bank, missing_lanes, bias_conversion(features),
                   contents.tx_bias);
     if (has & HAS_TX_POWER)
