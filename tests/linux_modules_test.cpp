@@ -347,9 +347,14 @@ TEST_F(linux_modules_test, a_file_that_is_no_memory_of_a_module_is_an_error)
     };
     EXPECT_EQ(ENXIO, error_at(0x50, 0)) << "no file";
     ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+    testing::internal::CaptureStderr();
     EXPECT_EQ(EIO, error_at(0x50, 0));
+    EXPECT_EQ(EIO, error_at(0x50, 1));
     write(linux_board::largest_module_file + 1, 3);
     EXPECT_EQ(EIO, error_at(0x50, 0));
+    EXPECT_EQ("libdolm_ric: port 0: " + path +
+                  ": not a regular file\nlibdolm_ric: port 0: " + path + ": larger than 64 KiB\n",
+              testing::internal::GetCapturedStderr());
     write(linux_board::largest_module_file, 3);
     EXPECT_EQ(0, error_at(0x51, 254));
     write(512, 0x11);

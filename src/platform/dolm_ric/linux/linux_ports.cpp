@@ -304,8 +304,12 @@ static std::optional<port_config> read_config()
 {
     const std::string path = port_config_path();
     const int fd = open_port_config(path);
-    if (fd < 0 && errno == ENOENT)
+    if (fd < 0 && errno == ENOENT) {
+        if (path != default_port_config)
+            fprintf(stderr, "libdolm_ric: %s: no such file; the ports are all interfaces\n",
+                    escape(path).c_str());
         return std::nullopt;
+    }
     if (fd < 0)
         throw board::board_error(path + ": " + strerror(errno));
     port_config config = read_port_config(fd, path);

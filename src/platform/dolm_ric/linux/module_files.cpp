@@ -1,8 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "platform/dolm_ric/linux/module_files.h"
 
+#include "util/descriptor.h"
+#include "util/escape.h"
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <span>
 #include <unistd.h>
@@ -18,43 +23,60 @@ static bool is_same_version(const struct stat &a, const struct stat &b)
            a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
-/* One byte more than a file may have, so that one that grows is found out. */
-static int read_all(int fd, std::vector<uint8_t> &bytes)
+/* Nothing, or why not. One byte more than a file may have is read, so that one that grows is found
+   out. */
+static std::string read_all(int fd, std::vector<uint8_t> &bytes)
 {
     bytes.assign(largest_module_file + 1, 0);
     size_t length = 0;
     while (length < bytes.size()) {
         const ssize_t count = ::read(fd, bytes.data() + length, bytes.size() - length);
         if (count < 0)
-            return errno;
+            return strerror(errno);
         if (count == 0)
             break;
         length += static_cast<size_t>(count);
     }
     bytes.resize(length);
     bytes.shrink_to_fit();
-    return length > largest_module_file ? EIO : 0;
+    return length > largest_module_file ? "larger than 64 KiB" : "";
 }
 
-/* Opened without waiting: a FIFO in the file's place must not block the thread. */
-int module_files::load(recorded &file)
+/* A device is not even opened, since that alone may do something; and nothing is opened with
+   waiting, as a FIFO that took the file's place must not block the thread. */
+static std::string read_file(const std::string &path, struct stat &status,
+                             std::vector<uint8_t> &bytes)
+{
+    if (!S_ISREG(status.st_mode))
+        return "not a regular file";
+    const util::descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file.is_open() || fstat(file.get(), &status) != 0)
+        return strerror(errno);
+    return S_ISREG(status.st_mode) ? read_all(file.get(), bytes) : "not a regular file";
+}
+
+/* A missing file is an empty cage; another fault is told once. */
+int module_files::load(uint32_t port, recorded &file)
 {
     struct stat status = {};
-    if (stat(file.path.c_str(), &status) != 0)
-        return errno == ENOENT || errno == ENOTDIR ? ENXIO : EIO;
-    if (!file.bytes.empty() && is_same_version(status, file.status))
+    std::string fault;
+    const int error = stat(file.path.c_str(), &status) == 0 ? 0 : errno;
+    if (error == 0 && !file.bytes.empty() && is_same_version(status, file.status))
         return 0;
     file.bytes.clear();
-    const int fd = open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0)
-        return errno == ENOENT ? ENXIO : EIO;
-    int error = EIO;
-    if (fstat(fd, &file.status) == 0 && S_ISREG(file.status.st_mode))
-        error = read_all(fd, file.bytes);
-    close(fd);
-    if (error != 0)
+    if (error == 0)
+        fault = read_file(file.path, status, file.bytes);
+    else if (error != ENOENT && error != ENOTDIR)
+        fault = strerror(error);
+    if (!fault.empty()) {
         file.bytes.clear();
-    return error;
+        if (fault != file.fault)
+            fprintf(stderr, "libdolm_ric: port %u: %s: %s\n", port, escape(file.path).c_str(),
+                    fault.c_str());
+    }
+    file.fault = fault;
+    file.status = status;
+    return error != 0 && fault.empty() ? ENXIO : fault.empty() ? 0 : EIO;
 }
 
 /* By the first byte of the memory, SFP modules are 0x02, 0x03 and 0x0b. */
@@ -90,7 +112,7 @@ void module_files::read(std::span<piece> pieces)
 {
     for (piece &wanted : pieces) {
         recorded &file = files_.at(wanted.port);
-        wanted.error = load(file);
+        wanted.error = load(wanted.port, file);
         if (wanted.error == 0)
             wanted.error = copy_bytes(file.bytes, wanted);
     }

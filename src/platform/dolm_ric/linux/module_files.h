@@ -24,8 +24,8 @@ class module_files final : public module_access
     bool has(uint32_t port) const;
 
     /* ENXIO without a file, as with an empty cage, and for a range behind the end of the file. EIO
-       for a file that can't be read, isn't a regular one or is too long. A file that was replaced
-       or changed is read again. */
+       for a file that can't be read, isn't a regular one or is too long; a line on stderr says
+       that, once. A file that was replaced or changed is read again. */
     void read(std::span<piece> pieces) override;
 
   private:
@@ -33,9 +33,10 @@ class module_files final : public module_access
         std::string path;
         struct stat status = {}; /* of the bytes */
         std::vector<uint8_t> bytes = {};
+        std::string fault = {}; /* that was told of */
     };
 
-    static int load(recorded &file);
+    static int load(uint32_t port, recorded &file);
 
     std::map<uint32_t, recorded> files_;
 };

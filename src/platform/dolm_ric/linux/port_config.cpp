@@ -198,7 +198,7 @@ port_config parse_port_config(std::string_view text, std::string_view name)
 std::string port_config_path()
 {
     const char *path = secure_getenv("DOLM_RIC_PORTS");
-    return path != nullptr && *path != '\0' ? path : "/etc/tesk/ports";
+    return path != nullptr && *path != '\0' ? path : default_port_config;
 }
 
 int open_port_config(const std::string &path)

@@ -45,8 +45,10 @@ struct port_config {
 constexpr size_t max_port_config_size = 4u << 20;
 constexpr size_t max_port_config_messages = 20;
 
-/* The value of DOLM_RIC_PORTS, or /etc/tesk/ports. A program with more rights than its caller takes
-   no settings from him. */
+constexpr char default_port_config[] = "/etc/tesk/ports";
+
+/* The value of DOLM_RIC_PORTS, or default_port_config. A program with more rights than its caller
+   takes no settings from him. */
 std::string port_config_path();
 
 /* `name` is the file's name in the messages. */
