@@ -263,20 +263,13 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
         fill_limits(limits, features, contents);
 }
 
-static void decode_cmis(const module_memory &memory, module_contents &contents)
+static void decode_cmis(const module_memory &memory, const memory_view &identity,
+                        module_contents &contents)
 {
-    const memory_view identity(memory, identity_range);
-    if (!identity.was_read())
-        return;
-    if (!is_identity_right(identity)) {
-        contents.doubts.push_back("the checksum of the identity is wrong");
-        return;
-    }
-    contents.ready = true;
     fill_identity(identity, speed_of(memory_view(memory, applications_range)), contents);
     decode_diagnostics(memory, identity.u8(210), contents);
 }
 
-const module_layout cmis_layout = {module_family::cmis, cmis_plan, decode_cmis};
+const module_layout cmis_layout = {module_family::cmis, cmis_plan, is_identity_right, decode_cmis};
 
 } // namespace linux_board

@@ -36,15 +36,25 @@ static constexpr double open_limit = 2'000'000'000.0;
 static constexpr double infinity = std::numeric_limits<double>::infinity();
 static constexpr measurement_limits open_limits = {infinity, -infinity, infinity, -infinity};
 
+static void decode_layout(const module_layout &layout, const module_memory &memory,
+                          module_contents &contents)
+{
+    const memory_view identity(memory, layout.plan.front().step.range);
+    contents.family = layout.family;
+    contents.ready = layout.is_identity_right(identity);
+    if (contents.ready)
+        layout.decode(memory, identity, contents);
+    else if (identity.was_read())
+        contents.doubts.push_back("a checksum of the identity is wrong");
+}
+
 module_contents decode_module(const module_memory &memory)
 {
     module_contents contents;
-    if (const module_layout *layout = layout_of(memory)) {
-        contents.family = layout->family;
-        layout->decode(memory, contents);
-    } else if (!memory.bytes(identifier_range).empty()) {
+    if (const module_layout *layout = layout_of(memory))
+        decode_layout(*layout, memory, contents);
+    else if (!memory.bytes(identifier_range).empty())
         contents.doubts.push_back("the kind of module is unknown");
-    }
     return contents;
 }
 

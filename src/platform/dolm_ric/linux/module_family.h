@@ -38,12 +38,17 @@ inline bool always(const module_memory &)
     return true;
 }
 
+class memory_view;
+
 /* A layout: where its modules' identity is, all that is to be read, in order, and its decoder,
    which fills contents that are as they begin. */
 struct module_layout {
     module_family family;
-    std::span<const plan_row> plan;
-    void (*decode)(const module_memory &memory, module_contents &contents);
+    std::span<const plan_row> plan; /* the identity first */
+    bool (*is_identity_right)(const memory_view &identity);
+    /* Only for an identity that is right. */
+    void (*decode)(const module_memory &memory, const memory_view &identity,
+                   module_contents &contents);
 };
 
 extern const module_layout sfp_layout;

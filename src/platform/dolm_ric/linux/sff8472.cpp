@@ -285,16 +285,9 @@ static void decode_diagnostics(const memory_view &identity, const memory_view &c
     }
 }
 
-static void decode_sfp(const module_memory &memory, module_contents &contents)
+static void decode_sfp(const module_memory &memory, const memory_view &identity,
+                       module_contents &contents)
 {
-    const memory_view identity(memory, identity_range);
-    if (!identity.was_read())
-        return;
-    if (!is_identity_right(identity)) {
-        contents.doubts.push_back("a checksum of the identity is wrong");
-        return;
-    }
-    contents.ready = true;
     fill_identity(identity, contents);
 
     const uint8_t type = identity.u8(92);
@@ -313,6 +306,6 @@ static void decode_sfp(const module_memory &memory, module_contents &contents)
                        memory_view(memory, values_range), contents);
 }
 
-const module_layout sfp_layout = {module_family::sfp, sfp_plan, decode_sfp};
+const module_layout sfp_layout = {module_family::sfp, sfp_plan, is_identity_right, decode_sfp};
 
 } // namespace linux_board

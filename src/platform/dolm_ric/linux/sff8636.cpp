@@ -172,16 +172,9 @@ static void decode_diagnostics(const module_memory &memory, bool has_tx_power,
         fill_limits(limits, contents);
 }
 
-static void decode_qsfp(const module_memory &memory, module_contents &contents)
+static void decode_qsfp(const module_memory &memory, const memory_view &identity,
+                        module_contents &contents)
 {
-    const memory_view identity(memory, identity_range);
-    if (!identity.was_read())
-        return;
-    if (!is_identity_right(identity)) {
-        contents.doubts.push_back("a checksum of the identity is wrong");
-        return;
-    }
-    contents.ready = true;
     contents.has_flags = true;
     contents.has_average_power = (identity.u8(220) & AVERAGE_POWER) != 0;
     fill_identity(identity, contents);
@@ -189,6 +182,6 @@ static void decode_qsfp(const module_memory &memory, module_contents &contents)
         decode_diagnostics(memory, (identity.u8(220) & HAS_TX_POWER) != 0, contents);
 }
 
-const module_layout qsfp_layout = {module_family::qsfp, qsfp_plan, decode_qsfp};
+const module_layout qsfp_layout = {module_family::qsfp, qsfp_plan, is_identity_right, decode_qsfp};
 
 } // namespace linux_board
