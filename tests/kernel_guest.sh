@@ -2,12 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck disable=SC2086,SC2317 # no path here has a blank; functions are called by name
 # The part of kernel_test.sh that runs inside the emulated machine: the server as it ships, the reader
-# and teskctl as users of their own, on ports that the kernel has. Each line of the result is "ok" or
-# "FAILED"; the status is the number of failures, 99 at most.
+# and teskctl as users of their own, on ports that the kernel has.
 server_user=900 reader_user=901
 socket=/run/tesk-module-reader/socket
 cages=/sys/kernel/debug/cageports sfps=/sys/kernel/debug/cagesfp
-failures=0
+# shellcheck source=testkit/kernel/guest.sh
+. /t/guest.sh
 export MBX_DIR=/run/mbx
 
 as() { # USER CAPABILITIES COMMAND..
@@ -15,43 +15,6 @@ as() { # USER CAPABILITIES COMMAND..
     shift 2
     /bin/setpriv --reuid "$user" --regid "$user" --clear-groups --bounding-set "-all$capabilities" \
         --inh-caps "-all$capabilities" --ambient-caps "-all$capabilities" "$@"
-}
-
-check() { # NAME COMMAND..
-    name=$1
-    shift
-    if "$@" >/tmp/check 2>&1; then
-        echo "ok $name"
-    else
-        failures=$((failures + 1))
-        echo "FAILED $name: $*"
-        cat /tmp/check
-    fi
-}
-
-# Until the command succeeds, for 20 s.
-await() {
-    end=$(($(cut -d . -f 1 /proc/uptime) + 20))
-    until "$@" >/tmp/await 2>&1; do
-        if [ "$(cut -d . -f 1 /proc/uptime)" -ge $end ]; then
-            cat /tmp/await
-            return 1
-        fi
-        usleep 20000
-    done
-}
-
-says() { # TEXT COMMAND..: the command's output has the text
-    text=$1
-    shift
-    output=$("$@" 2>&1)
-    case $output in
-    *"$text"*) true ;;
-    *)
-        echo "no $text in: $output"
-        false
-        ;;
-    esac
 }
 
 set_cage() { echo "$3" >"$cages/cage$1/$2"; } # NUMBER WHAT VALUE
@@ -258,8 +221,6 @@ reader_is_confined() {
     check "no other user may" not as 902 "" compare_module made-other-sfp 0 </tmp/ethtool
 }
 
-not() { ! "$@"; }
-
 compare() { # INTERFACE IMAGE PORT..
     ethtool -m "$1" >/tmp/ethtool || return 1
     shift
@@ -336,5 +297,4 @@ check "the server ends in order" wait $server_shell
 echo "the server said:"
 cat /run/server.log
 cat /run/reader.log
-[ $failures -lt 99 ] || failures=99
-exit $failures
+end

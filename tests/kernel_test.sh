@@ -27,7 +27,7 @@ fi
 
 status=0
 LD_LIBRARY_PATH=$PWD/build/release/lib/linux testkit/kernel/emulate --limit "${TESK_KERNEL_LIMIT:-300}" \
-    tests/kernel_guest.sh "${programs[@]/#/build/release/bin/}" "$images" \
+    tests/kernel_guest.sh testkit/kernel/guest.sh "${programs[@]/#/build/release/bin/}" "$images" \
     /usr/sbin/ethtool /usr/bin/setpriv /usr/bin/systemd-socket-activate >"$log" || status=$?
 [ "$status" -ne 77 ] || exit 0 # emulate has said what is missing
 grep -A 12 '^FAILED' "$log" >&2 || true

@@ -1,0 +1,49 @@
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=sh
+# Sourced by the scripts of emulated machines. Each line of the result is "ok" or "FAILED"; the status
+# is the number of failures, 99 at most.
+failures=0
+
+check() { # NAME COMMAND..
+    name=$1
+    shift
+    if "$@" >/tmp/check 2>&1; then
+        echo "ok $name"
+    else
+        failures=$((failures + 1))
+        echo "FAILED $name: $*"
+        cat /tmp/check
+    fi
+}
+
+# Until the command succeeds, for 20 s.
+await() {
+    end=$(($(cut -d . -f 1 /proc/uptime) + 20))
+    until "$@" >/tmp/await 2>&1; do
+        if [ "$(cut -d . -f 1 /proc/uptime)" -ge $end ]; then
+            cat /tmp/await
+            return 1
+        fi
+        sleep 0.02
+    done
+}
+
+says() { # TEXT COMMAND..: the command's output has the text
+    text=$1
+    shift
+    output=$("$@" 2>&1)
+    case $output in
+    *"$text"*) true ;;
+    *)
+        echo "no $text in: $output"
+        false
+        ;;
+    esac
+}
+
+not() { ! "$@"; }
+
+end() {
+    [ $failures -lt 99 ] || failures=99
+    exit $failures
+}

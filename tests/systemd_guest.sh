@@ -1,0 +1,91 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck disable=SC2086,SC2317 # no path here has a blank; functions are called by name
+# The part of systemd_test.sh that runs inside the emulated machine, when it has started all services.
+# shellcheck source=testkit/kernel/guest.sh
+. /t/guest.sh
+cage=/sys/kernel/debug/cageports/cage0
+
+as() { # USER GROUP COMMAND..
+    user=$1 group=$2
+    shift 2
+    setpriv --reuid $user --regid $group --clear-groups "$@"
+}
+
+member() { as nobody tesk "$@"; }
+process_of() { systemctl show -p MainPID --value $1; }
+owner_of() { stat -c '%a %U:%G' "$1"; }
+has_module() { says '"serial":"0001"' member teskctl --json sfp 0; }
+is_another() { [ "$(process_of $1)" != "$2" ] && [ "$(process_of $1)" != 0 ]; } # UNIT PROCESS
+metrics() {
+    bash -c 'exec 3<>/dev/tcp/127.0.0.1/9816 && printf "GET /metrics HTTP/1.0\r\nHost: localhost:9816\r\n\r\n" >&3 && cat <&3'
+}
+
+units_are_up() {
+    for unit in tesk-server.service tesk-module-reader.socket tesk-exporter.service; do
+        check "$unit is up after the boot" says active systemctl is-active $unit
+    done
+    check "/run/mbx" says "750 tesk:tesk" owner_of /run/mbx
+    check "the mailbox" says "660 tesk:tesk" owner_of /run/mbx/tesk-server
+    check "/run/dolm_ric" says "750 tesk:tesk" owner_of /run/dolm_ric
+    check "the port map" says "640 tesk:tesk" owner_of /run/dolm_ric/ports
+    check "the reader's directory" says "755 root:root" owner_of /run/tesk-module-reader
+    check "the reader's socket" says "600 tesk:" owner_of /run/tesk-module-reader/socket
+    check "the doctor finds nothing" teskctl doctor
+    check "a wrong line is an error of the server" says "ports:3: " journalctl -b -u tesk-server -p err -o cat
+}
+
+ports_come_to_life() {
+    insmod /modules/cageports.ko ports=2 ioctl_only=0
+    for memory in a0 a2; do cat /t/images/made-sfp.$memory >$cage/$memory; done
+    echo 1 >$cage/present
+    check "a port that appears has its module" await has_module
+    check "a wrong line is an error of the reader" says "ports:3: " journalctl -b -u tesk-module-reader -p err -o cat
+    check "a member sees the names" says "cage0" member teskctl ports
+    check "nobody else does" not as nobody nogroup cat /run/dolm_ric/ports
+    check "the exporter sees the port" await says 'interface="cage0"' metrics
+}
+
+# The reader knows the interface, though its name is another than that of the configuration.
+killed_units_come_back() {
+    ip link set cage0 name wan
+    check "a new name is seen" await says wan cat /run/dolm_ric/ports
+    reader=$(process_of tesk-module-reader)
+    kill -9 "$reader"
+    check "the reader is started anew" await is_another tesk-module-reader "$reader"
+    echo 0 >$cage/present
+    check "it reads: a removal" await says '"module":"not present"' member teskctl --json sfp 0
+    echo 1 >$cage/present
+    check "and an insertion" await has_module
+    check "what it hands on is its own" says "700 " owner_of /run/private/tesk-module-reader-known
+    ip link set wan name cage0
+    server=$(process_of tesk-server)
+    kill -9 "$server"
+    check "the server is started anew" await is_another tesk-server "$server"
+    check "and has the module" await has_module
+}
+
+units_stop() {
+    systemctl stop tesk-server
+    check "the reader ends with the server" await says inactive systemctl is-active tesk-module-reader
+    check "the server starts" systemctl start tesk-server
+    check "with the module" await has_module
+    check "no system call was refused with a signal" says 0 sh -c "journalctl -b | grep -c -e SIGSYS -e 31/SYS"
+    check "no unit has failed" says 0 sh -c "systemctl --failed --no-legend | wc -l"
+}
+
+leaves_nothing() {
+    dpkg --purge tesk-exporter tesk-server tesk-tools tesk-platform-linux libtesk-client0 tesk-platform-base
+    check "a purge stops all units" not pgrep tesk
+    check "and leaves nothing" says "" no_trace
+}
+
+no_trace() { [ -z "$(find /etc /run /usr /var -iname '*tesk*')" ]; }
+
+units_are_up
+ports_come_to_life
+killed_units_come_back
+units_stop
+leaves_nothing
+journalctl -b -u 'tesk-*' -o short-monotonic
+end
