@@ -228,9 +228,13 @@ TEST_F(reader_process_test, a_passed_socket_lets_in_its_owner_alone)
             {"/bin/sh", "-c", std::string("LISTEN_FDS=1 LISTEN_PID=$$ exec ") + program},
             {"DOLM_RIC_PORTS=" + place.path + "/ports"}, listener, log());
         EXPECT_EQ(owner == getuid() ? ENOENT : -1, ask(0));
+        kill(process, SIGSTOP);
+        close(client);
+        client = testkit::connect_to(path);
+        kill(process, SIGCONT); /* and is not let in by a reader whose last client has left */
+        EXPECT_EQ(0, testkit::wait_for_end(process));
         close(std::exchange(client, -1));
         close(listener);
-        EXPECT_EQ(0, testkit::wait_for_end(process));
     }
     EXPECT_NE(std::string::npos, log_text().find("is not allowed to ask"));
 }

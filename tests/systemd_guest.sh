@@ -32,6 +32,17 @@ units_are_up() {
     check "the reader's directory" says "755 root:root" owner_of /run/tesk-module-reader
     check "the reader's socket" says "600 tesk:" owner_of /run/tesk-module-reader/socket
     check "the doctor finds nothing" teskctl doctor
+}
+
+numbers_without_a_configuration() {
+    for module in i2c-dev libphy phylink mdio-i2c cagesfp sfp; do insmod /modules/$module.ko; done
+    check "an interface that comes late is told of" await says "sfp1 appeared after the start" \
+        journalctl -b -u tesk-server -p err -o cat
+    check "and has no port" says "# tesk-ports 1" sed -n '$p' /run/dolm_ric/ports
+    check "until the next start" systemctl restart tesk-server
+    check "with the second number" says "1	sfp1" cat /run/dolm_ric/ports
+    printf '%s\n' '0 cage0' '1 cage1 poll=off' wrong >/etc/tesk/ports
+    systemctl restart tesk-server
     check "a wrong line is an error of the server" says "ports:3: " journalctl -b -u tesk-server -p err -o cat
 }
 
@@ -83,6 +94,7 @@ leaves_nothing() {
 no_trace() { [ -z "$(find /etc /run /usr /var -iname '*tesk*')" ]; }
 
 units_are_up
+numbers_without_a_configuration
 ports_come_to_life
 killed_units_come_back
 units_stop

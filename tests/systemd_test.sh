@@ -29,7 +29,6 @@ shopt -s extglob
 cp build/packages/!(*-sim_*|*-dev_*|python3-*).deb "$root/packages/"
 chroot "$root" sh -c 'dpkg -i /packages/*' >"$log" 2>&1 || fail "the packages were not installed: see $log"
 rm -r "$root/packages"
-printf '%s\n' '0 cage0' '1 cage1 poll=off' wrong >"$root/etc/tesk/ports"
 images=$root/t/images
 mkdir -p "$images"
 cmake --preset release -DTESK_BUILD_TESTS=ON >/dev/null

@@ -16,7 +16,7 @@
 namespace module_reader
 {
 
-static constexpr size_t table_size = known_interfaces::most_ports * 2 * sizeof(int32_t);
+static constexpr size_t table_size = size_t{known_interfaces::most_ports} * 2 * sizeof(int32_t);
 
 /* A descriptor, or -1 after a message: then readers have nothing to hand on. */
 static util::descriptor open_table(const std::string &directory)
