@@ -84,6 +84,9 @@ mapfile -t version_1 < <(inside "$root"/packages/1.0.0/*.deb)
 
 say "installing"
 apt update
+mapfile -t exporter < <(inside "$root"/packages/@(tesk-exporter|libtesk-client0|tesk-platform-base)_*.deb)
+apt install "${exporter[@]}"
+expect 0 "tesk:" as root:root getent group tesk
 apt install "${with_simulator[@]}"
 expect 0 "750 tesk:tesk" as root:root stat -c '%a %U:%G' /run/mbx
 
