@@ -4,7 +4,7 @@
 # The part of systemd_test.sh that runs inside the emulated machine, when it has started all services.
 # shellcheck source=testkit/kernel/guest.sh
 . /t/guest.sh
-cage=/sys/kernel/debug/cageports/cage0
+cage=/sys/kernel/debug/cageports/cage0 sfp=/sys/kernel/debug/cagesfp/sfp1
 
 as() { # USER GROUP COMMAND..
     user=$1 group=$2
@@ -15,7 +15,14 @@ as() { # USER GROUP COMMAND..
 member() { as nobody tesk "$@"; }
 process_of() { systemctl show -p MainPID --value $1; }
 owner_of() { stat -c '%a %U:%G' "$1"; }
-has_module() { says '"serial":"0001"' member teskctl --json sfp 0; }
+has_module() { says '"serial":"0001"' member teskctl --json sfp ${1-0}; } # [PORT]
+has_none() { says '"module":"not present"' member teskctl --json sfp ${1-0}; }
+put() { for memory in a0 a2; do cat /t/images/made-sfp.$memory >"$1/$memory"; done; } # FOLDER
+kill_reader() {
+    reader=$(process_of tesk-module-reader)
+    kill -9 "$reader"
+    check "the reader is started anew" await is_another tesk-module-reader "$reader"
+}
 is_another() { [ "$(process_of $1)" != "$2" ] && [ "$(process_of $1)" != 0 ]; } # UNIT PROCESS
 metrics() {
     bash -c 'exec 3<>/dev/tcp/127.0.0.1/9816 && printf "GET /metrics HTTP/1.0\r\nHost: localhost:9816\r\n\r\n" >&3 && cat <&3'
@@ -41,6 +48,16 @@ numbers_without_a_configuration() {
     check "and has no port" says "# tesk-ports 1" sed -n '$p' /run/dolm_ric/ports
     check "until the next start" systemctl restart tesk-server
     check "with the second number" says "1	sfp1" cat /run/dolm_ric/ports
+    put $sfp
+    echo 1 >$sfp/present
+    check "and its module" await has_module 1
+    ip netns add away
+    ip link set sfp0 netns away
+    kill_reader
+    echo 0 >$sfp/present
+    check "a reader after the first one has gone reads the second: a removal" await has_none 1
+    echo 1 >$sfp/present
+    check "and an insertion" await has_module 1
     printf '%s\n' '0 cage0' '1 cage1 poll=off' wrong >/etc/tesk/ports
     systemctl restart tesk-server
     check "a wrong line is an error of the server" says "ports:3: " journalctl -b -u tesk-server -p err -o cat
@@ -48,7 +65,7 @@ numbers_without_a_configuration() {
 
 ports_come_to_life() {
     insmod /modules/cageports.ko ports=2 ioctl_only=0
-    for memory in a0 a2; do cat /t/images/made-sfp.$memory >$cage/$memory; done
+    put $cage
     echo 1 >$cage/present
     check "a port that appears has its module" await has_module
     check "a wrong line is an error of the reader" says "ports:3: " journalctl -b -u tesk-module-reader -p err -o cat
@@ -61,11 +78,9 @@ ports_come_to_life() {
 killed_units_come_back() {
     ip link set cage0 name wan
     check "a new name is seen" await says wan cat /run/dolm_ric/ports
-    reader=$(process_of tesk-module-reader)
-    kill -9 "$reader"
-    check "the reader is started anew" await is_another tesk-module-reader "$reader"
+    kill_reader
     echo 0 >$cage/present
-    check "it reads: a removal" await says '"module":"not present"' member teskctl --json sfp 0
+    check "it reads: a removal" await has_none
     echo 1 >$cage/present
     check "and an insertion" await has_module
     check "what it hands on is its own" says "700 " owner_of /run/private/tesk-module-reader-known
