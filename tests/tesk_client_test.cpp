@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <new>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 static constexpr uint32_t server = 7, stranger = 8, client_id = 41;
@@ -22,6 +23,7 @@ static constexpr uint32_t reserved = 0xa5a5a5a5; // as mbx_alloc left it: may ha
 static const uint32_t own_ref = static_cast<uint32_t>(getpid());
 
 static thread_local long allocations_left = -1; // no limit
+static thread_local size_t largest_allocation;  // while there is one
 
 /* Not inlined: g++ would take the pair of malloc and free in one function for a mismatch. */
 [[gnu::noinline]] void *operator new(size_t size)
@@ -29,6 +31,8 @@ static thread_local long allocations_left = -1; // no limit
     if (allocations_left == 0)
         throw std::bad_alloc();
     allocations_left -= allocations_left > 0;
+    if (allocations_left > 0)
+        largest_allocation = std::max(largest_allocation, size);
     return std::malloc(size);
 }
 [[gnu::noinline]] void operator delete(void *block) noexcept
@@ -133,8 +137,16 @@ static uint32_t locate_server()
     return mbx.locate_error ? MBX_NO_MAILBOX : server;
 }
 
+static int starts; // of the mailbox library
+
+static bool note_start(const char *call, const char *)
+{
+    starts += strcmp(call, "mbx_init") == 0;
+    return true;
+}
+
 const fake_mailbox::hooks fake_mailbox::script = {
-    nullptr, [](bool holds, const char *violated) { EXPECT_TRUE(holds) << violated; },
+    note_start, [](bool holds, const char *violated) { EXPECT_TRUE(holds) << violated; },
     receive_at_server, locate_server, 0};
 
 namespace
@@ -338,6 +350,70 @@ TEST_F(client, a_request_without_an_answer_ends_at_its_deadline_and_makes_room)
     EXPECT_EQ(reported.at(3), "status 0 2");
 }
 
+TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_one)
+{
+    const auto confirm = [](const words_of &request) {
+        mbx.deliver({request[0] + 1, request[1], own_ref, request[3]});
+    };
+    const auto reject = [](const words_of &request) {
+        mbx.deliver({request[0] + 2, request[1], own_ref, request[3], 1}, 276, "no");
+    };
+    const auto subscribe = TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
+               unsubscribe = TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS;
+    const struct {
+        std::vector<tesk_client_request_type> requests; // after a first subscribe
+        std::vector<std::function<void(const words_of &)>> answers;
+        bool is_subscribed;
+    } cases[] = {
+        {{unsubscribe, subscribe}, {confirm, confirm}, true},
+        {{unsubscribe, subscribe}, {confirm, reject}, false},
+        {{unsubscribe, subscribe}, {reject, reject}, true},
+        {{subscribe, unsubscribe}, {reject, confirm}, false},
+        {{unsubscribe, subscribe, unsubscribe}, {confirm, confirm, confirm}, false},
+        {{unsubscribe, subscribe, unsubscribe, subscribe},
+         {confirm, reject, reject, confirm},
+         true},
+    };
+    for (const auto &row : cases) {
+        mbx.react = answering_server;
+        ASSERT_EQ(connect(), TESK_CLIENT_OK);
+        ASSERT_EQ(tesk_client_subscribe(session, TESK_CLIENT_PORT_STATUS, 3), TESK_CLIENT_OK);
+        mbx.react = silent_server;
+        for (const auto type : row.requests)
+            EXPECT_EQ(request(type, 3), TESK_CLIENT_OK);
+        const size_t first = mbx.sent.size() - row.requests.size();
+        for (size_t i = 0; i < row.answers.size(); i++)
+            row.answers[i](mbx.sent.at(first + i));
+        reported.clear();
+        run_until_reported(row.requests.size());
+        reported.clear();
+        mbx.indicate(3, 1);
+        EXPECT_EQ(tesk_client_run(session, 0), TESK_CLIENT_OK);
+        EXPECT_EQ(reported, row.is_subscribed ? strings{"status 3 1"} : strings{})
+            << "row " << &row - cases;
+        tesk_client_close(std::exchange(session, nullptr));
+    }
+}
+
+TEST_F(client, histories_that_are_never_answered_cost_no_memory_and_are_not_mixed_up)
+{
+    options.deadline_ms = 1;
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    mbx.react = silent_server;
+    largest_allocation = 0;
+    allocations_left = 1000000;
+    for (int i = 0; i < 200; i++)
+        EXPECT_EQ(read_history(), TESK_CLIENT_TIMEOUT);
+    allocations_left = -1;
+    EXPECT_LT(largest_allocation, 4096u);
+    mbx.react = [](const auto &request) { // first those that it still owes
+        for (uint32_t port = 1; port <= 201; port++)
+            mbx.deliver({request[0] + 1, 1, port, 2, 1000, 7, 0});
+    };
+    EXPECT_EQ(read_history(), TESK_CLIENT_OK);
+    EXPECT_EQ(record.port_no, 201u);
+}
+
 TEST_F(client, without_reconnection_the_loss_of_the_server_ends_everything)
 {
     options.window = 1;
@@ -434,6 +510,24 @@ TEST_F(client, a_lack_of_memory_is_a_result_and_loses_no_request)
             << left;
         EXPECT_EQ(fake_mailbox::live_blocks, 0) << left;
     }
+}
+
+TEST_F(client, a_forked_child_cannot_use_the_session_but_starts_the_library_for_its_own)
+{
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    const pid_t child = fork();
+    if (child == 0) {
+        starts = 0;
+        const bool is_refused = tesk_client_read_pm(session, 1, &pm) == TESK_CLIENT_MISUSE &&
+                                tesk_client_dispatch(session) == TESK_CLIENT_MISUSE;
+        tesk_client_close(session); // would end the parent's
+        const bool is_whole = fake_mailbox::is_open();
+        _exit(is_refused && is_whole && connect() != TESK_CLIENT_MISUSE && starts == 1 ? 0 : 1);
+    }
+    int status = 1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(tesk_client_read_capabilities(session, &capability, 1, &count), TESK_CLIENT_OK);
 }
 
 TEST_F(client, a_rejection_is_known_by_its_text)

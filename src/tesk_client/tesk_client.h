@@ -3,9 +3,10 @@
 
    A session is one program's connection to the server. It belongs to the thread that connected it:
    a thread has at most one session, and all calls on it except tesk_client_stop must come from that
-   thread. The library has no threads and no signal handlers of its own; it works only inside calls
-   to it. A program either lets tesk_client_run wait, or polls tesk_client_fd in its own loop and
-   calls tesk_client_dispatch when the descriptor is readable.
+   thread. A forked child can't use or close it, but can connect a session of its own. The library
+   has no threads and no signal handlers of its own; it works only inside calls to it. A program
+   either lets tesk_client_run wait, or polls tesk_client_fd in its own loop and calls
+   tesk_client_dispatch when the descriptor is readable.
 
    Blocking calls (subscribe, unsubscribe, the read_ calls) wait for the server's answer; callbacks
    are called meanwhile. A callback can't make a blocking call, but it can call tesk_client_request,
@@ -305,7 +306,8 @@ typedef struct tesk_client_answer {
     tesk_client_request_type request;
     uint32_t port_no; /* of the request */
     tesk_client_result result;
-    int32_t error_code; /* the server's error code; 0 unless it rejected */
+    int32_t error_code; /* 0 unless the server rejected. Most unknown ports have 1, as all other
+                           reasons; only those over 65534 always have 2: see rejection */
     const char *text;   /* the reason if the result isn't TESK_CLIENT_OK: the server's or the
                            library's */
     /* The payload that was requested; the other pointers are null. */

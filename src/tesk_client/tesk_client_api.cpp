@@ -53,13 +53,6 @@ static tesk_client_result guarded(function_type function)
     }
 }
 
-/* The program may use the mailbox library itself, so it is started once and never ended here. */
-static int start_mailbox_library()
-{
-    static const int started = mbx_init(5, 0, 0, 0, 0);
-    return started;
-}
-
 /* TESK_CLIENT_OK if the caller may use the session. Blocking calls are refused inside a callback: a
    nested dispatch would handle signals in the wrong order. */
 static tesk_client_result check_caller(const tesk_client_session *session, bool blocks)
@@ -67,7 +60,7 @@ static tesk_client_result check_caller(const tesk_client_session *session, bool 
     if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no session");
     if (!session->belongs_to_caller())
-        return fail(TESK_CLIENT_MISUSE, "the session belongs to another thread");
+        return fail(TESK_CLIENT_MISUSE, "the session belongs to another thread or process");
     if (blocks && session->in_callback())
         return fail(TESK_CLIENT_MISUSE, "a callback can't wait: use tesk_client_request");
     return TESK_CLIENT_OK;
@@ -139,7 +132,9 @@ tesk_client_result tesk_client_connect(const tesk_client_options *options,
     if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "no place for the session");
     *session = nullptr;
-    if (start_mailbox_library() != 0)
+    /* The program may use the mailbox library itself, so it is never ended here. Where it is
+       started this does nothing; in a forked child it is not. */
+    if (mbx_init(5, 0, 0, 0, 0) != 0)
         return fail(TESK_CLIENT_FAILED, "the mailbox library doesn't start");
     return guarded([&] {
         auto made =

@@ -5,7 +5,8 @@
    An answer is matched by its procedure_ref; its number and port must also be those of the request.
    The history's answers carry no reference, but the server answers in order: such an answer belongs
    to the oldest request of its type. A history request that timed out therefore keeps its place,
-   without a callback, until its own answer or that of a later request arrives.
+   without a callback, until its own answer or that of a later request arrives. All such requests of
+   a type share one place, so that a server that answers none costs no memory.
 
    A lack of memory never loses a request: completing one allocates nothing, and one that can't be
    sent stays in `waiting_`. */
@@ -63,7 +64,7 @@ static bool answers(const mbx_signal *signal, const pending_request &request, ui
 size_t tesk_client_session::in_flight() const
 {
     return static_cast<size_t>(
-        std::ranges::count_if(sent_, [](const pending_request &r) { return !r.abandoned; }));
+        std::ranges::count_if(sent_, [](const pending_request &r) { return r.abandoned == 0; }));
 }
 
 std::optional<steady_clock::time_point> tesk_client_session::next_deadline() const
@@ -71,7 +72,7 @@ std::optional<steady_clock::time_point> tesk_client_session::next_deadline() con
     std::optional<steady_clock::time_point> next;
     /* An abandoned request has no deadline any more. */
     auto consider = [&next](const pending_request &request) {
-        if (!request.abandoned && (!next || request.deadline < *next))
+        if (request.abandoned == 0 && (!next || request.deadline < *next))
             next = request.deadline;
     };
     std::ranges::for_each(sent_, consider);
@@ -138,14 +139,28 @@ void tesk_client_session::receive_answer(const mbx_signal *signal)
         rejected->error_description[sizeof(rejected->error_description) - 1] = '\0';
         end = {TESK_CLIENT_REJECTED, rejected->error_description, rejected->error_code};
     }
+    if (found->abandoned > 1) {
+        found->abandoned--;
+        return;
+    }
     /* Removed before the callback, which may make requests and so move the others. */
     const pending_request request = *found;
     sent_.erase(found);
     std::erase_if(sent_, [&](const pending_request &earlier) {
-        return earlier.abandoned && earlier.procedure_ref < request.procedure_ref;
+        return earlier.abandoned > 0 && earlier.procedure_ref < request.procedure_ref;
     });
-    if (!request.abandoned)
+    if (request.abandoned == 0)
         complete(request, end);
+}
+
+/* The request that has timed out gives its place to an earlier one of its type, or is that one. */
+static void abandon(std::vector<pending_request> &sent, std::vector<pending_request>::iterator at)
+{
+    const auto first = std::ranges::find(sent, at->type, &pending_request::type);
+    first->abandoned++;
+    first->procedure_ref = at->procedure_ref;
+    if (first != at)
+        sent.erase(at);
 }
 
 static void fill_request(mbx_signal *signal, const request_row &row, const pending_request &request,
@@ -175,7 +190,7 @@ void tesk_client_session::send_request(pending_request request)
         /* Known from here on: the first indication may be handled before the confirmation. */
         const auto effect = effect_of(request.type);
         if (effect.has_value() && effect->subscribes)
-            subscriptions_.try_emplace({effect->kind, request.port_no}, false);
+            subscriptions_[{effect->kind, request.port_no}].procedure_ref = request.procedure_ref;
     } catch (...) {
         sent_.pop_back();
         throw;
@@ -220,14 +235,14 @@ bool tesk_client_session::expire_one(steady_clock::time_point now)
 {
     const completion end{TESK_CLIENT_TIMEOUT, tesk_client_result_text(TESK_CLIENT_TIMEOUT)};
     const auto found = std::ranges::find_if(sent_, [now](const pending_request &request) {
-        return !request.abandoned && request.deadline <= now;
+        return request.abandoned == 0 && request.deadline <= now;
     });
     if (found != sent_.end()) {
         const pending_request request = *found;
         if (row_of(request).has_reference)
             sent_.erase(found);
         else
-            found->abandoned = true;
+            abandon(sent_, found);
         complete(request, end);
         return true;
     }
@@ -247,7 +262,7 @@ void tesk_client_session::complete_all(tesk_client_result result)
     std::vector<pending_request> sent;
     sent.swap(sent_);
     for (const pending_request &request : sent)
-        if (!request.abandoned)
+        if (request.abandoned == 0)
             complete(request, end);
     while (state_ == state::ended && !waiting_.empty()) {
         const pending_request request = waiting_.front();

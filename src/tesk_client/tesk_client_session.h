@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -35,8 +36,10 @@ struct pending_request {
     steady_clock::time_point deadline;
     tesk_client_answered answered;
     void *user;
-    bool renewal;   /* made by the session itself, after a reconnection */
-    bool abandoned; /* timed out; kept so that a late answer isn't taken for that of the next */
+    bool renewal; /* made by the session itself, after a reconnection */
+    /* Not 0: a history's request that timed out, kept so that a late answer isn't taken for that of
+       the next one. It stands for so many, of which procedure_ref is that of the last one. */
+    uint32_t abandoned;
 };
 
 /* The result of a connection, or of another step that allocates its text. */
@@ -77,6 +80,13 @@ constexpr tesk_client_request_type unsubscribe_request(tesk_client_kind kind)
 
 using subscription_key = std::pair<tesk_client_kind, uint32_t>;
 
+/* The procedure_ref tells whether a late answer is about this subscription or about the one that
+   the port had before. */
+struct subscription {
+    bool confirmed;         /* by the server */
+    uint32_t procedure_ref; /* of the subscribe that was sent last */
+};
+
 struct tesk_client_session {
   public:
     explicit tesk_client_session(const tesk_client_options &options);
@@ -100,7 +110,7 @@ struct tesk_client_session {
 
     bool belongs_to_caller() const
     {
-        return owner_ == std::this_thread::get_id();
+        return owner_ == std::this_thread::get_id() && conn_ref_ == static_cast<uint32_t>(getpid());
     }
     bool in_callback() const
     {
@@ -180,13 +190,13 @@ struct tesk_client_session {
     int mailbox_fd_ = -1;
     uint32_t server_ = MBX_NO_MAILBOX;
     uint32_t monitor_ = 0;
-    uint32_t conn_ref_;
+    const uint32_t conn_ref_; /* the process */
     uint32_t client_id_ = 0;
     uint32_t last_procedure_ref_ = 0;
 
     std::deque<pending_request> waiting_;
     std::vector<pending_request> sent_;
-    std::map<subscription_key, bool> subscriptions_; /* true: confirmed by the server */
+    std::map<subscription_key, subscription> subscriptions_;
     bool renewing_ = false;
     std::optional<subscription_key> last_renewal_; /* those up to this one have been renewed */
 

@@ -34,12 +34,18 @@ void tesk_client_session::note_subscription(const pending_request &request,
     if (found == subscriptions_.end())
         return;
     const bool is_confirmed = result == TESK_CLIENT_OK;
+    subscription &held = found->second;
     if (!effect->subscribes) {
-        if (is_confirmed)
+        /* A later subscribe of the port has been sent already: its answer decides. */
+        const bool is_renewed = held.procedure_ref > request.procedure_ref;
+        if (is_confirmed && is_renewed)
+            held.confirmed = false;
+        else if (is_confirmed)
             subscriptions_.erase(found);
     } else if (is_confirmed) {
-        found->second = true;
-    } else if (result == TESK_CLIENT_REJECTED && (request.renewal || !found->second)) {
+        held.confirmed = true;
+    } else if (result == TESK_CLIENT_REJECTED && held.procedure_ref == request.procedure_ref &&
+               (request.renewal || !held.confirmed)) {
         /* A second subscribe is rejected as well, and leaves the first subscription as it is. */
         subscriptions_.erase(found);
     }
@@ -59,7 +65,7 @@ std::optional<subscription_key> tesk_client_session::next_renewal()
 
 void tesk_client_session::forget_unconfirmed_subscriptions()
 {
-    std::erase_if(subscriptions_, [](const auto &entry) { return !entry.second; });
+    std::erase_if(subscriptions_, [](const auto &entry) { return !entry.second.confirmed; });
     renewing_ = false;
     last_renewal_.reset();
 }
