@@ -115,27 +115,26 @@ TEST_F(history_cache, the_values_of_the_history_are_mapped_and_a_refused_entry_c
                                                actions[] = {{0, 0}, {1, 1}, {2, 2}, {3, 3},
                                                             {4, 4}, {5, 5}, {6, 6}, {7, 0}};
     tesk_cache_entry entry = {};
-    /* The word at `at` of the newest record of `size` bytes, once the entry is added. */
-    const auto shown = [&entry](uint32_t type, uint32_t request, size_t size, size_t at) {
-        entry.type = type;
-        EXPECT_EQ(tesk_cache_add(&entry), 0);
-        const auto answer = history(request);
-        return answer.host_word(answer.bytes.size() - 4 - size + at);
-    };
-    for (const auto &[cached, value] : states) {
+    for (const auto &[cached, shown] : states) {
+        entry.type = TESK_CACHE_PORT_STATUS;
         entry.port_status.port_state = cached;
-        EXPECT_EQ(shown(TESK_CACHE_PORT_STATUS, TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, 48, 8), value)
-            << cached;
+        EXPECT_EQ(tesk_cache_add(&entry), 0);
+        const auto answer = history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ);
+        EXPECT_EQ(answer.host_word(answer.bytes.size() - 4 - 48 + 8), shown) << cached;
     }
-    for (const auto &[cached, value] : presences) {
+    for (const auto &[cached, shown] : presences) {
+        entry.type = TESK_CACHE_SFP_INFO;
         entry.sfp_info.sfp_presence = cached;
-        EXPECT_EQ(shown(TESK_CACHE_SFP_INFO, TESK_SHELL_GET_SFP_INFO_CACHE_REQ, 16, 4), value)
-            << cached;
+        EXPECT_EQ(tesk_cache_add(&entry), 0);
+        const auto answer = history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ);
+        EXPECT_EQ(answer.host_word(answer.bytes.size() - 4 - 16 + 4), shown) << cached;
     }
-    for (const auto &[cached, value] : actions) {
+    for (const auto &[cached, shown] : actions) {
+        entry.type = TESK_CACHE_ACTION;
         entry.action.action = cached;
-        EXPECT_EQ(shown(TESK_CACHE_ACTION, TESK_SHELL_GET_ACTIONS_CACHE_REQ, 24, 12), value)
-            << cached;
+        EXPECT_EQ(tesk_cache_add(&entry), 0);
+        const auto answer = history(TESK_SHELL_GET_ACTIONS_CACHE_REQ);
+        EXPECT_EQ(answer.host_word(answer.bytes.size() - 4 - 24 + 12), shown) << cached;
     }
     trace({1});
     EXPECT_EQ(tesk_cache_add(nullptr), 1);

@@ -33,6 +33,17 @@ struct subscription_kind {
     const char *unsubscribe;
 };
 
+/* The expected state of one kind of subscription to a port. `orphans` are counts of removed
+   clients, which remain because the board refused to unsubscribe. `stray` is a subscription of the
+   board without a count: there was no memory for its bucket, and the board refused to unsubscribe.
+ */
+struct expected_state {
+    bool held = false;
+    unsigned orphans = 0;
+    bool stray = false;
+    int32_t bucket_id = 0;
+};
+
 } // namespace
 
 template <auto find>
@@ -50,22 +61,6 @@ static const subscription_kind kinds[kind_count] = {
     {TESK_SUBSCRIPTION_PORT_STATUS, count_of<find_port_status>, tesk_portsub_remove_port_status,
      "subslink", "unsubslink"},
 };
-
-namespace
-{
-
-/* The expected state of one kind of subscription to a port. `orphans` are counts of removed
-   clients, which remain because the board refused to unsubscribe. `stray` is a subscription of the
-   board without a count: there was no memory for its bucket, and the board refused to unsubscribe.
- */
-struct expected_state {
-    bool held = false;
-    unsigned orphans = 0;
-    bool stray = false;
-    int32_t bucket_id = 0;
-};
-
-} // namespace
 
 static constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
 static constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, fake_platform::own_mailbox};
