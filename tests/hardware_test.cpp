@@ -4,6 +4,7 @@
 #include "tesk_server/tesk_portsub.h"
 #include "testkit/fake_platform/server_fixture.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <utility>
@@ -72,26 +73,34 @@ TEST_F(hardware, a_measurement_is_graded_only_if_its_bit_is_set)
 TEST_F(hardware, each_code_has_its_value_in_the_protocol)
 {
     static const struct {
-        uint32_t code, tenth_gbps;
-    } link_speeds[] = {{0x0001, 12},  {0x0002, 25},  {0x0008, 49}, {0x0020, 98},
-                       {0x0040, 101}, {0x1000, 100}, {0x0000, 0},  {0x0004, 0},
-                       {0x0003, 0},   {0x0080, 0},   {0x2000, 0},  {highest, 0}},
-      module_speeds[] = {{0, 0}, {1, 10}, {2, 100}, {3, 0}, {highest, 0}},
-      both_speeds[] = {{0x5453000a, 10}, {0x5453ffff, 65535}, {0x54530000, 0},
-                       {0x5452000a, 0},  {0x5454000a, 0},     {0xd453000a, 0}};
+        uint32_t code, of_link, of_module; /* speeds in 0.1 Gbps */
+    } speeds[] = {
+        {0x0000, 0, 0},       {0x0001, 12, 10},
+        {0x0002, 25, 100},    {0x0003, 0, 0},
+        {0x0004, 0, 0},       {0x0008, 49, 0},
+        {0x0020, 98, 0},      {0x0040, 101, 0},
+        {0x0080, 0, 0},       {0x1000, 100, 0},
+        {0x2000, 0, 0},       {highest, 0, 0},
+        {0x5453000a, 10, 10}, {0x5453ffff, 65535, 65535},
+        {0x54530000, 0, 0},   {0x5452000a, 0, 0},
+        {0x5454000a, 0, 0},   {0xd453000a, 0, 0},
+    };
     static const std::pair<uint8_t, uint32_t> connectors[] = {{0, 3}, {1, 2},    {2, 1},
                                                               {3, 3}, {0x7f, 3}, {0xff, 3}};
     static const std::pair<uint32_t, uint32_t> module_status[] = {{0, 0}, {1, 0}, {2, 1},
                                                                   {3, 0}, {6, 0}, {highest, 0}};
     fake_platform::port &port = ports[1];
     port.module.mode_type = 1;
-    for (const auto &speed : link_speeds) {
+    for (const auto &speed : speeds) {
         tesk_port_info info;
-        port.speed = speed.code;
+        tesk_sfp_info sfp_info = {};
+        port.speed = port.module.sfp.sfp_eth_speed = speed.code;
         port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
+        get_sfp_info(1, SFP_PRESENT_AND_READY, &sfp_info);
+        EXPECT_EQ(sfp_info.sfp_speed, speed.of_module) << speed.code;
         trace({12});
         get_port_info(1, &info);
-        EXPECT_EQ(info.link_speed, speed.tenth_gbps) << speed.code;
+        EXPECT_EQ(info.link_speed, speed.of_link) << speed.code;
         EXPECT_EQ(fake_platform::take_log().at(2),
                   "[12] Link speed -> " + std::to_string(speed.code));
         /* Not read on any other link. */
@@ -101,22 +110,6 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
             EXPECT_EQ(info.conn_status, 1u);
             EXPECT_EQ(info.link_speed, 0u);
         }
-    }
-    for (const auto &speed : module_speeds) {
-        tesk_sfp_info info = {};
-        port.module.sfp.sfp_eth_speed = speed.code;
-        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
-        EXPECT_EQ(info.sfp_speed, speed.tenth_gbps) << speed.code;
-    }
-    for (const auto &speed : both_speeds) {
-        tesk_sfp_info info = {};
-        tesk_port_info port_info;
-        port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
-        port.speed = port.module.sfp.sfp_eth_speed = speed.code;
-        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
-        get_port_info(1, &port_info);
-        EXPECT_EQ(info.sfp_speed, speed.tenth_gbps) << speed.code;
-        EXPECT_EQ(port_info.link_speed, speed.tenth_gbps) << speed.code;
     }
     for (const auto &[connector, type] : connectors) {
         tesk_sfp_info info = {};
@@ -260,7 +253,7 @@ TEST_F(hardware, a_value_that_could_not_be_read_keeps_its_start_value)
          "[1] dolm_ric_ri_getmodstatus failed, for port 1 (dolm_ric_id 131073), err=no memory"},
     };
     ports[1].link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
-    ports[1].speed = 0x0004;
+    ports[1].speed = 0x0004; /* an unknown code, so the speed is 0 */
     ports[1].module.sfp.sfp_connector = DOLM_SFP_CONNECTOR_LC;
     ports[1].module_status.status = 2;
     ports[1].diag.diag_cap = DOLM_SFP_DIAGCAP_TXBIAS;
@@ -271,11 +264,9 @@ TEST_F(hardware, a_value_that_could_not_be_read_keeps_its_start_value)
         fake_platform::failing = {{failure.call, failure.code}};
         trace({1, 4});
         get_port_info(1, &info);
-        EXPECT_EQ(info.conn_status, failure.conn);
-        EXPECT_EQ(info.sfp_type, failure.type);
-        EXPECT_EQ(info.link_speed, 0u) << "an unknown speed code";
-        EXPECT_EQ(info.tx_bias_fault_level, failure.level);
-        EXPECT_EQ(info.env_status, failure.env);
+        EXPECT_EQ((std::array{info.conn_status, info.sfp_type, info.link_speed,
+                              info.tx_bias_fault_level, info.env_status}),
+                  (std::array{failure.conn, failure.type, 0u, failure.level, failure.env}));
         EXPECT_EQ(fake_platform::take_log().back(), failure.last_line);
     }
 }
@@ -402,17 +393,17 @@ TEST_F(hardware, the_event_thread_translates_events_and_survives_a_wait_that_fai
                    "[12] dolm_ric_event_main(): unexpected dolm event(2) received", text(link, 2),
                    text(link, 1), text(link, 0), text(port, 0xf3), text(port, 0x44),
                    "[12] dolm_ric_event_main(): unhandled port_status(68) received"}));
-    static const uint32_t queued[][3] = {{TESK_HW_EVENT_SFP, 1, SFP_UNKNOWN},
-                                         {TESK_HW_EVENT_SFP, 1, SFP_PRESENT_AND_READY},
-                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
-                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
-                                         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_UP}};
+    static const std::array<uint32_t, 3> queued[] = {
+        {TESK_HW_EVENT_SFP, 1, SFP_UNKNOWN},
+        {TESK_HW_EVENT_SFP, 1, SFP_PRESENT_AND_READY},
+        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
+        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
+        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_UP},
+    };
     tesk_hw_event *event = tesk_event_queue_take_all();
-    for (const auto &[type, port_no, state] : queued) {
+    for (const auto &expected : queued) {
         ASSERT_NE(event, nullptr);
-        EXPECT_EQ(event->type, type);
-        EXPECT_EQ(event->port_no, port_no);
-        EXPECT_EQ(event->state, state);
+        EXPECT_EQ((std::array{event->type, event->port_no, event->state}), expected);
         free(std::exchange(event, event->next));
     }
     EXPECT_EQ(event, nullptr);

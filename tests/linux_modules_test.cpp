@@ -34,6 +34,7 @@ using linux_board::piece;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using time_point = module_poller::time_point;
+using module_images::module_with_serial;
 
 static constexpr int32_t index_of_port_0 = 100;
 
@@ -95,26 +96,20 @@ class cages final : public linux_board::module_access
 class linux_modules_test : public testing::Test, public linux_board::module_listener
 {
   protected:
-    static module_images::image module_with_serial(std::string_view serial)
-    {
-        module_images::image made = module_images::sfp();
-        module_images::put_text(made.a0, 68, 16, serial);
-        module_images::put_sum(made.a0, 64, 95);
-        return made;
-    }
     void add(uint32_t port)
     {
-        poller.add(port, true);
-        poller.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
+        active->add(port, true);
+        active->set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
     }
     /* Carries out what is due in that time. */
     void pass(module_poller::duration time)
     {
         const time_point end = modules.now + time;
-        for (time_point due; (due = poller.next_due()) <= end;) {
+        for (time_point due; (due = active->next_due()) <= end;) {
             modules.now = std::max(modules.now, due);
-            poller.step();
-            check_ages();
+            active->step();
+            for (const auto &[port, at] : read_at)
+                oldest = std::max(oldest, modules.now - at);
         }
         modules.now = std::max(modules.now, end);
     }
@@ -148,14 +143,10 @@ class linux_modules_test : public testing::Test, public linux_board::module_list
     {
         accesses.push_back(error);
     }
-    void check_ages()
-    {
-        for (const auto &[port, at] : read_at)
-            oldest = std::max(oldest, modules.now - at);
-    }
 
     cages modules;
     module_poller poller{modules, *this, [this] { return modules.now; }};
+    module_poller *active = &poller; /* a test may put another one in its place */
     std::string news;
     std::map<uint32_t, std::string> serials;
     std::map<uint32_t, double> values;
@@ -415,28 +406,20 @@ TEST_F(linux_modules_test, half_of_512_ports_may_fail_and_the_others_stay_fresh)
          {row{EIO, milliseconds(0), seconds(5)}, row{EIO, milliseconds(20), seconds(20)},
           row{ETIMEDOUT, milliseconds(300), seconds(180)},
           row{ENXIO, milliseconds(200), seconds(120)}}) {
-        cages own;
-        modules = own;
+        modules = cages();
         module_poller fresh(modules, *this, [this] { return modules.now; });
+        active = &fresh;
         read_at.clear();
         for (uint32_t port = 0; port < 512; port++) {
             modules.ports[port].module = module_with_serial("0001");
             if (port % 2 == 0)
                 modules.ports[port].error = bad.error, modules.ports[port].cost = bad.cost;
-            fresh.add(port, true);
-            fresh.set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
+            add(port);
         }
-        const auto run = [&](seconds time) {
-            for (const time_point end = modules.now + time; fresh.next_due() <= end;) {
-                modules.now = std::max(modules.now, fresh.next_due());
-                fresh.step();
-                check_ages();
-            }
-        };
-        run(bad.discovery);
+        pass(bad.discovery);
         EXPECT_EQ(256u, read_at.size()) << bad.error << " " << bad.cost.count();
         oldest = {};
-        run(seconds(30));
+        pass(seconds(30));
         EXPECT_LE(oldest, seconds(5) + bad.cost) << bad.error << " " << bad.cost.count();
     }
 }

@@ -26,6 +26,7 @@
 
 using linux_board::link_report;
 using linux_board::link_values;
+using module_images::module_with_serial;
 
 static constexpr uint32_t stopped = DOLM_RICRILINKSTATE_STOPPED;
 static constexpr uint32_t down = DOLM_RICRILINKSTATE_NOOPERATION;
@@ -257,13 +258,6 @@ class linux_server_test : public linux_network_test
                        static_cast<std::streamsize>(bytes->size()));
         file.close();
         std::filesystem::rename(place.path + "/new", module_file());
-    }
-    static module_images::image module_with_serial(std::string_view serial)
-    {
-        module_images::image made = module_images::sfp();
-        module_images::put_text(made.a0, 68, 16, serial);
-        module_images::put_sum(made.a0, 64, 95);
-        return made;
     }
     std::string module_file() const
     {

@@ -199,8 +199,9 @@ def can_be_read(page):
 
 
 def arrives_in_time(board, page):
-    """Within 50 ms of teskctl's line. The best of twelve is required, because the machine of a test is busy
-    with others, and that none waits for the exporter's next look at its readers, 5 s later. Each link changes twice only, or the server's filter holds it."""
+    """The fastest of twelve changes appears within 50 ms of teskctl's line; the machine may be busy with other
+    tests. The slowest doesn't wait for the exporter's next look at its readers, which is up to 5 s later. Each
+    link changes only twice, because the server's filter holds back further changes."""
     up = [0, 1, 2, 8, 9, 10]
     teskctl = board.start("teskctl", "--json", "watch", "--status", ",".join(map(str, up)), stdout=subprocess.PIPE, text=True)
     stream = http.client.HTTPConnection("127.0.0.1", board.port)

@@ -56,11 +56,6 @@ struct without_limit {
     long left = std::exchange(allocations_left, -1);
 };
 
-} // namespace
-
-namespace
-{
-
 using words_of = std::vector<uint32_t>; // of a signal, in host order
 
 // The peer of the fake mailbox, and what it has received.
@@ -149,12 +144,7 @@ const fake_mailbox::hooks fake_mailbox::script = {
     note_start, [](bool holds, const char *violated) { EXPECT_TRUE(holds) << violated; },
     receive_at_server, locate_server, 0};
 
-namespace
-{
-
 using strings = std::vector<std::string>;
-
-} // namespace
 
 static strings reported; // by the callbacks: "status 3 2", "4 why", "lost"
 

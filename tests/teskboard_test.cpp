@@ -26,12 +26,7 @@ static void expect(const std::vector<expectation> &all)
     }
 }
 
-namespace
-{
-
 using teskboard_test = board_fixture;
-
-} // namespace
 
 TEST_F(teskboard_test, every_command_works_on_a_board)
 {

@@ -21,12 +21,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-namespace
-{
-
 using strings = std::vector<std::string>;
-
-} // namespace
 
 TEST(teskctl, port_lists_are_read_whole_or_not_at_all)
 {

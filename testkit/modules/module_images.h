@@ -100,6 +100,14 @@ inline image sfp(uint8_t diagnostics_type = 0x68)
     return made;
 }
 
+inline image module_with_serial(std::string_view serial)
+{
+    image made = sfp();
+    put_text(made.a0, 68, 16, serial);
+    put_sum(made.a0, 64, 95);
+    return made;
+}
+
 /* With constants that change everything; the raw values of T, vcc, bias, tx and rx power. */
 inline image external_sfp(std::array<int, 5> raw = {-2560, 33000, 3000, 2500, 1000})
 {

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Commands to the simulated board, one a line: each has an answer or a condition, one with an error
-   changes nothing, and all values that can be shown can be set. */
+/* Runs each line of the input as a command to the simulated board: a command returns an answer or a
+   condition to wait for, a command with an error changes nothing, and each value that is shown can
+   be parsed again. */
 #include "platform/dolm_ric/simulator/commands.h"
 #include "platform/dolm_ric/simulator/control_protocol.h"
 #include "tests/fuzz/fuzz_input.h"
@@ -34,7 +35,8 @@ static void run_line(const std::string &line, board::simulator &board)
         assert(state_of(board) == before);
 }
 
-/* Injected faults of waitevent may never end: a few tries are enough for all events of an input. */
+/* An injected failure of waitevent may be permanent, so the number of tries is limited. It is
+   enough for all events of an input. */
 static void take_events(board::core &events)
 {
     auto guard = events.lock();

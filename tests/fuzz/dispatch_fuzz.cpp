@@ -1,15 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Signals, hardware events and ticks into the server's real dispatch, on a board and a memory that
-   fail where the input says so. After every step the server's books are compared with the board's
-   and with those kept here; at the end of an input each port is given back until nothing is left.
-   The blocks of signals end where the signal ends, so that the sanitizer sees a read past it. */
+/* Sends signals, hardware events and ticks through the server's dispatch. The input decides which
+   board operations and allocations fail. After every step, the server's subscription counts are
+   compared with the board's subscriptions and with the expected state kept here. At the end of an
+   input, every subscription is removed. The block of a signal ends with its last byte, so that the
+   sanitizer detects a read past it. */
 #include "platform/zel/zel.h"
 #include "tesk_server/leaky_bucket.h"
 #include "tesk_server/tesk_cache.h"
 #include "tesk_server/tesk_client_data.h"
 #include "tesk_server/tesk_event_queue.h"
 #include "tesk_server/tesk_main.h"
-/* For its counts, which it exports to no module. */
+/* Included for its subscription counts, which are static. */
 #include "tesk_server/tesk_portsub.cpp" // NOLINT(bugprone-suspicious-include)
 #include "tesk_server/tesk_signals.h"
 #include "testkit/fake_platform/fake_platform.h"
@@ -29,7 +30,18 @@ struct subscription_kind {
     uint32_t (*count)(uint32_t port_no);
     int32_t (*remove)(uint32_t port_no);
     const char *subscribe;
-    const char *give_back;
+    const char *unsubscribe;
+};
+
+/* The expected state of one kind of subscription to a port. `orphans` are counts of removed
+   clients, which remain because the board refused to unsubscribe. `stray` is a subscription of the
+   board without a count: there was no memory for its bucket, and the board refused to unsubscribe.
+ */
+struct expected_state {
+    bool held = false;
+    unsigned orphans = 0;
+    bool stray = false;
+    int32_t bucket_id = 0;
 };
 
 } // namespace
@@ -50,50 +62,38 @@ static const subscription_kind kinds[kind_count] = {
      "subslink", "unsubslink"},
 };
 
-namespace
-{
-
-/* What ought to be, a port and kind. */
-struct book {
-    bool held = false;    /* the board's subscription, as the board sees it */
-    unsigned orphans = 0; /* shares of clients that are gone, which the board didn't take back */
-    bool stray = false;   /* held for nobody: given back for want of a bucket, and refused */
-    int32_t bucket_id = 0;
-};
-
-} // namespace
-
 static constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
 static constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, fake_platform::own_mailbox};
 
-static std::map<uint32_t, book[kind_count]> books;
-static std::vector<std::pair<uint32_t, int>> refused; /* give-backs in this step: port and kind */
-static std::set<int32_t> tainted;      /* buckets that may have more chains than one */
-static bool memory_ends;               /* for the next bucket */
-static std::vector<uint32_t> monitors; /* the watched mailbox of each that has not ended */
+static std::map<uint32_t, expected_state[kind_count]> expected;
+static std::vector<std::pair<uint32_t, int>> refused; /* in this step: port and kind */
+static std::set<int32_t> tainted;      /* buckets that may have several pending ticks */
+static bool memory_ends;               /* the next allocation of a bucket fails */
+static std::vector<uint32_t> monitors; /* mailboxes that are monitored */
 
 static void on_operation(const char *operation, uint32_t port_no, int32_t code)
 {
     for (int index = 0; index < kind_count; index++) {
-        book &entry = books[port_no][index];
+        expected_state &entry = expected[port_no][index];
         if (strcmp(operation, kinds[index].subscribe) == 0 && code == 0) {
             assert(!entry.held || entry.stray);
             entry.held = true;
             entry.stray = false;
         }
-        if (strcmp(operation, kinds[index].give_back) != 0)
+        if (strcmp(operation, kinds[index].unsubscribe) != 0)
             continue;
         assert(entry.held);
         entry.held = code != 0;
         entry.stray = false;
         if (code != 0)
             refused.emplace_back(port_no, index);
-        else /* the bucket is gone, and another one may get its id */
+        else /* the bucket is removed, and a new one may get its id while a tick is pending */
             tainted.insert(entry.bucket_id);
     }
 }
 
-/* By a walk over all that a client holds, which the index has to agree with; or -1. */
+/* The place of a subscription in the client's array, or -1. It is searched without the server's
+   index, whose result must be the same. */
 static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     int32_t place = -1;
@@ -109,7 +109,8 @@ static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t ki
     return place;
 }
 
-/* How many clients hold it; the port knows the same ones, in the order of the list. */
+/* The number of clients with a subscription of the kind. The port's list of subscribers must
+   contain the same clients in the order of the client list. */
 static unsigned holders(uint32_t port_no, uint32_t kind)
 {
     const tesk_subscriber *known = tesk_client_first_subscriber(port_no, kind);
@@ -125,7 +126,7 @@ static unsigned holders(uint32_t port_no, uint32_t kind)
     return count;
 }
 
-static void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
+static void check_bucket(uint32_t port_no, expected_state &entry, std::set<int32_t> &live)
 {
     entry.bucket_id = tesk_portsub_get_bucket_id(port_no);
     const leaky_bucket_data *bucket = leaky_bucket_find(entry.bucket_id);
@@ -141,12 +142,12 @@ static void check_bucket(uint32_t port_no, book &entry, std::set<int32_t> &live)
         assert(tainted.contains(bucket->id));
 }
 
-static void check_books()
+static void check_state()
 {
     std::set<int32_t> live;
-    for (auto &[port_no, entries] : books)
+    for (auto &[port_no, entries] : expected)
         for (int index = 0; index < kind_count; index++) {
-            book &entry = entries[index];
+            expected_state &entry = entries[index];
             const uint32_t count = kinds[index].count(port_no);
             assert(count == holders(port_no, kinds[index].kind) + entry.orphans);
             assert(entry.held == (count > 0 || entry.stray) && !(count > 0 && entry.stray));
@@ -155,7 +156,7 @@ static void check_books()
         }
     for (int32_t id = -1; id < 16; id++)
         assert((leaky_bucket_find(id) != nullptr) == live.contains(id));
-    /* A tick that outlives its bucket may meet the next bucket of that id. */
+    /* A tick that is pending after its bucket's removal acts on the next bucket with that id. */
     for (const auto &tick : fake_platform::ticks)
         if (!live.contains(static_cast<int32_t>(tick.bucket)))
             tainted.insert(static_cast<int32_t>(tick.bucket));
@@ -171,33 +172,33 @@ static void check_books()
     assert(fake_platform::live_blocks == 0);
 }
 
-/* A client that unsubscribes keeps the share that the board refused to take back; one that is gone
-   or was turned away leaves it. */
-static void settle_refusals(uint32_t number)
+/* When the board refuses to unsubscribe, a client that asked for it keeps its subscription. The
+   count of a client that is lost, or whose subscription was rejected, remains without a client. */
+static void note_refusals(uint32_t number)
 {
     for (const auto &[port_no, index] : refused)
         if (number == MBX_MONITOR_DEFAULT_NO || number == TESK_SUBSCRIBE_SFP_INFO_REQ)
-            books[port_no][index].orphans++;
+            expected[port_no][index].orphans++;
         else if (number == TESK_SUBSCRIBE_PORT_STATUS_REQ)
-            books[port_no][index].stray = true;
+            expected[port_no][index].stray = true;
     refused.clear();
 }
 
-/* Handles what the server has sent to itself. */
+/* Handles the signals that the server has sent to its own mailbox. */
 static void drain()
 {
     while (fake_mailbox::has_signal())
         assert(tesk_handle_mailbox() == 0);
 }
 
-/* Handles what has been delivered. */
+/* Handles the delivered signal. */
 static void dispatch(uint32_t sender, uint32_t number)
 {
-    if (number == MBX_MONITOR_DEFAULT_NO) /* which ends the monitor */
+    if (number == MBX_MONITOR_DEFAULT_NO) /* a monitor ends with its signal */
         std::erase(monitors, sender);
     const bool stops = number == TESK_EXIT_SIGNAL && sender == fake_platform::own_mailbox;
     assert(tesk_handle_mailbox() == (stops ? 1 : 0));
-    settle_refusals(number);
+    note_refusals(number);
     drain();
     for (const auto &signal : fake_platform::sent)
         assert(signal.receiver == sender || tesk_client_find_by_sender(signal.receiver) != nullptr);
@@ -209,14 +210,15 @@ static constexpr uint32_t requests[] = {
     TESK_GET_PM_COUNTERS_REQ,
 };
 
-/* A client's own reference, or another one of a few. */
+/* The client's reference if the choice is 4 or more, else the choice itself. */
 static uint32_t connection_ref(uint32_t sender, uint8_t choice)
 {
     const tesk_client *client = tesk_client_find_by_sender(sender);
     return choice >= 4 && client != nullptr ? client->client_id : choice;
 }
 
-/* A request is answered once, by the next number or the one after, unless nobody knows who asks. */
+/* A request of a known client is answered once, with number + 1 or number + 2. One of an unknown
+   client is not answered. */
 static void request(fuzz_input &in)
 {
     const uint32_t number = in.one_of(requests);
@@ -234,7 +236,7 @@ static void request(fuzz_input &in)
     assert(sender == fake_platform::own_mailbox || answers == (answered ? 1 : 0));
 }
 
-/* At these numbers and shortly behind them lie the signals that mean something. */
+/* All numbers that the server handles are at most 7 above one of these. */
 static constexpr uint32_t numbers[] = {0x117,     0x1648400, 0x1648408,  0x1648410,
                                        0x1648501, 0x1901001, 0xdeadbeaf, 0xffffffff};
 
@@ -259,7 +261,7 @@ static void raw_signal(fuzz_input &in)
     dispatch(sender, number);
 }
 
-/* One that the server has asked for, in any order. */
+/* Delivers one of the requested ticks; the input chooses which. */
 static void tick(fuzz_input &in)
 {
     if (fake_platform::ticks.empty())
@@ -274,7 +276,7 @@ static void tick(fuzz_input &in)
     dispatch(fake_platform::own_mailbox, TESK_PORT_STATUS_FILTER_TICK);
 }
 
-/* Events that wait together. */
+/* Up to three events that are handled together. */
 static void hardware_events(fuzz_input &in)
 {
     for (int count = in.byte() % 3; count >= 0; count--) {
@@ -330,7 +332,7 @@ static void (*const steps[])(fuzz_input &in) = {
     request, request, raw_signal, order_failure,   change_port,
 };
 
-/* On fresh tables and a fresh board; the mailbox and the event thread stay. */
+/* Empties the tables and the board; the mailbox and the event thread are kept. */
 static void begin()
 {
     leaky_bucket_init();
@@ -340,12 +342,12 @@ static void begin()
         fake_platform::ports[port_no].status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODREADY;
 }
 
-/* Gives every port back until nothing is left. */
+/* Removes all subscriptions and clients. */
 static void end()
 {
     memory_ends = false;
     fake_platform::failing.clear();
-    for (auto &[port_no, entries] : books) {
+    for (auto &[port_no, entries] : expected) {
         fake_platform::ports[port_no];
         for (int index = 0; index < kind_count; index++) {
             while (kinds[index].count(port_no) > 0)
@@ -361,12 +363,12 @@ static void end()
     tesk_cache_shutdown();
     fake_platform::ports.clear();
     fake_platform::ticks.clear();
-    books.clear();
+    expected.clear();
     monitors.clear();
     tainted.clear();
 }
 
-/* Once; the fuzzer keeps its own signals. */
+/* Runs once, and restores the fuzzer's signal handlers and signal mask. */
 static bool start_server()
 {
     sigset_t mask;
@@ -386,7 +388,7 @@ static bool start_server()
     return atexit(tesk_server_shutdown) == 0;
 }
 
-/* The linker sends the server's calls here, of which all are for buckets. */
+/* The linker redirects the server's calls of calloc here. Only those for buckets can fail. */
 extern "C" void *__real_calloc(size_t count, size_t size);
 extern "C" void *__wrap_calloc(size_t count, size_t size);
 
@@ -418,7 +420,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         fake_platform::sent.clear();
         in.one_of(steps)(in);
         assert(refused.empty());
-        check_books();
+        check_state();
     }
     end();
     return 0;

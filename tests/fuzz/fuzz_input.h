@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fuzz_input - an input as a byte-code; behind its end every byte is 0. Asserts stay in. */
+/* fuzz_input - reads an input value by value; past its end, every byte is 0. Assertions are
+   enabled in all builds. */
 #pragma once
 
 #undef NDEBUG
@@ -17,7 +18,7 @@ struct fuzz_input {
     {
         return at == end ? uint8_t{0} : *at++;
     }
-    /* Of so many bytes. */
+    /* A number of `bytes` bytes, the highest first. */
     uint32_t number(int bytes)
     {
         uint32_t value = 0;

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Any memory as a module's: the plan stays within bounds, and the records say no more than the
-   contents do.
+/* Decodes random module memory: the reading plan stays within the memory, and the records agree
+   with the decoded contents.
 
-   An input is a byte of options, the lanes of the port (4 bytes), and the bytes of the ranges of
-   the plan, in its order. Options: 1 puts the sums right, 2 a stopped port, 4 and 8 a range that
-   the module refuses. */
+   An input is a byte of options, the lanes of the port (4 bytes), and the bytes of the plan's
+   ranges in their order. Option 1 corrects the checksums, 2 stops the port, 4 and 8 choose a range
+   that can't be read. */
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "tests/fuzz/fuzz_input.h"
 
@@ -51,7 +51,7 @@ static module_memory read_memory(fuzz_input &input, uint8_t options)
     return memory;
 }
 
-/* As clients are told it. */
+/* The grade that the server computes from a record. */
 template <typename number>
 static int level(number value, number low_warning, number high_warning, number low_alarm,
                  number high_alarm)

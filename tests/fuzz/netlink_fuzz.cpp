@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Any datagram as one from the kernel: it is taken apart without a byte beyond its end, and
-   whatever it reports the table of links announces a bounded number of events that end in the true
+/* Parses random datagrams as messages of the kernel: no byte past the end is read, and for each
+   report the table of links announces a limited number of events, the last of which is the reported
    state. */
 #include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Any text as the configuration of the ports: what is understood is sound, and the messages can go
-   to a terminal. */
+/* Parses random text as the configuration of the ports: each accepted port is valid, and each
+   message is short and printable. */
 #include "platform/dolm_ric/linux/port_config.h"
 #include "tests/fuzz/fuzz_input.h"
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Any packet as one of a client of tesk-module-reader: only short readings of a module's memory are
-   made, each request gets one answer, and no byte gets out with an error. The first byte says which
-   readings fail. */
+/* Handles random packets as requests to tesk-module-reader: each reading is within a module's
+   memory and at most 32 bytes long, each request has one answer, and an answer with an error
+   contains no bytes of the module. The bits of the first byte choose the readings that fail. */
 #include "tesk_module_reader/requests.h"
 #include "tests/fuzz/fuzz_input.h"
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Runs each file of a folder through a fuzz target, with any compiler, and so many random inputs,
-   the same ones each time. */
+/* Runs a fuzz target on each file of a folder, then on a number of random inputs, which are the
+   same in each run. Unlike the fuzzer, this builds with any compiler. */
 #include "tests/fuzz/fuzz_input.h"
 
 #include <algorithm>

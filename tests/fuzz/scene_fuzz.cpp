@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Any bytes as a scene of teskboard: it is read whole, or refused with the file and the line. */
+/* Reads random bytes as a scene of teskboard: the whole scene is valid, or the error names the file
+   and the line. */
 #include "tests/fuzz/fuzz_input.h"
 #include "tools/common/exit_code.h"
 #include "tools/teskboard/scene.h"

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Texts of unknown origin in a line of traces: it stays one line that a pipe takes as a whole, and
-   shows every byte. */
+/* Escapes random text for a line of traces: the result is one line of at most PIPE_BUF bytes
+   without unprintable bytes, and the text can be restored from it, except for a marked end that is
+   cut. */
 #include "platform/zel/zel_text.h"
 #include "tests/fuzz/fuzz_input.h"
 
