@@ -1,0 +1,111 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The whole server, with its own trace sink, where its surroundings are hostile: a reader of its
+   traces that stalls, and a process-id namespace in which it sees none of its peers. */
+#include "tesk_server/tesk_signals.h"
+#include "testkit/processes/processes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+using namespace std::chrono;
+
+static constexpr char executable[] = TESK_BIN_DIR "/tesk-server";
+
+static milliseconds time_of(const auto &action)
+{
+    const auto began = steady_clock::now();
+    action();
+    return duration_cast<milliseconds>(steady_clock::now() - began);
+}
+
+static void expect_answer(testkit::test_client &client, uint32_t id)
+{
+    EXPECT_EQ(client.ask(TESK_GET_CAPABILITIES_REQ, {1, id}).number(),
+              uint32_t{TESK_GET_CAPABILITIES_CFM});
+}
+
+/* Reads until the text comes; throws past the deadline. */
+static void await_text(int fd, const std::string &text)
+{
+    std::string all;
+    char part[4096];
+    while (all.find(text) == all.npos) {
+        testkit::await(fd, text.c_str());
+        const ssize_t size = read(fd, part, sizeof(part));
+        all.append(part, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    }
+}
+
+/* Leaves no room in the pipe. */
+static void fill(int pipe)
+{
+    while (write(pipe, "x", 1) == 1) {
+    }
+    ASSERT_EQ(errno, EAGAIN);
+}
+
+/* The unit's groups, and all that a flood of requests produces. */
+TEST(hostile, a_stalled_reader_of_the_traces_holds_up_nobody)
+{
+    for (const char *groups : {"1", "1,4,17,18"}) {
+        const testkit::directory directory;
+        const std::string path = directory.path + "/traces";
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        const int reader = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        fcntl(reader, F_SETPIPE_SZ, 4096);
+        testkit::server server({"ZEL_SINK=stderr", std::string("ZEL_GROUPS=") + groups},
+                               {"/bin/sh", "-c", "exec \"$0\" 2>\"$1\"", executable, path});
+        testkit::test_client witness;
+        const uint32_t id = witness.connect(1);
+        fill(reader);
+        testkit::test_client floods[] = {testkit::test_client("flood"),
+                                         testkit::test_client("crave")};
+        for (testkit::test_client &flood : floods)
+            for (int batch = 0; batch < 20; batch++)
+                flood.receive();
+        const milliseconds answer = time_of([&] { expect_answer(witness, id); });
+        EXPECT_LT(answer, seconds(5));
+        await_text(reader, "lines lost: the output did not take them");
+        fill(reader);
+        const milliseconds end = time_of([&] { EXPECT_EQ(server.stop(), 0); });
+        EXPECT_LT(end, seconds(5));
+        printf("groups %s: an answer in %ld ms, the end in %ld ms\n", groups,
+               static_cast<long>(answer.count()), static_cast<long>(end.count()));
+        close(reader);
+    }
+}
+
+/* To the server all its peers are then one process: they share a quarter of its descriptors. */
+TEST(hostile, in_a_namespace_of_its_own_the_server_knows_its_peers_apart)
+{
+    if (getuid() != 0)
+        GTEST_SKIP() << "a namespace of process ids needs root";
+    const testkit::directory directory;
+    testkit::server parent({}, {"/usr/bin/unshare", "-pf", executable});
+    pid_t server = 0;
+    const std::string id = std::to_string(parent.pid);
+    std::ifstream("/proc/" + id + "/task/" + id + "/children") >> server;
+    ASSERT_GT(server, 0);
+    const size_t before = testkit::descriptors_of(server);
+    {
+        std::vector<std::unique_ptr<testkit::test_client>> all;
+        for (uint32_t index = 0; index < 20; index++) {
+            all.push_back(std::make_unique<testkit::test_client>());
+            expect_answer(*all.back(), all.back()->connect(index));
+        }
+        all.front()->kill();
+        expect_answer(*all.back(), 19);
+    }
+    EXPECT_LE(testkit::await_descriptors(server, before), before);
+    kill(server, SIGTERM);
+    EXPECT_EQ(testkit::wait_for_end(parent.pid), 0);
+    parent.pid = -1;
+}
