@@ -3,9 +3,9 @@
    for push().
 
    Signals come from sources: one for each connection, whose signals come out of a ring, and one for
-   what is sent within the process. The descriptor is an epoll over the bells of the rings, a
-   semaphore that counts what was sent within the process, and an event that is up while signals are
-   known to be there. It is readable exactly while receive() would return at once.
+   what is sent within the process. The descriptor is an epoll over the bells of the rings and a
+   semaphore that counts what was sent within the process; it is kept up while signals are known to
+   be there. It is readable exactly while receive() would return at once.
 
    A source that ends stays until its last signal, and the notices behind it, are taken. */
 #pragma once
@@ -103,9 +103,8 @@ class inbox
 
     inbox_owner owner_{};
     owned_fd poll_;
-    owned_fd local_event_;  /* a semaphore: one count for each block on pushed_ or in local_ */
-    owned_fd raised_event_; /* readable while is_raised_ */
-    bool is_raised_ = false;
+    owned_fd local_event_;   /* a semaphore: one count for each block on pushed_ or in local_ */
+    bool is_raised_ = false; /* it is watched for being writable, too */
     uint32_t openings_ = 0;
 
     std::atomic<block *> pushed_{nullptr}; /* the latest first */
