@@ -207,7 +207,8 @@ struct turns : testing::Test {
     sender &add(uint32_t id)
     {
         in.make_room();
-        EXPECT_TRUE(in.add(id, senders[id].area, 0, owned_fd(dup(senders[id].bell.get()))));
+        in.add(id, senders[id].area, 0, owned_fd(dup(senders[id].bell.get())));
+        EXPECT_TRUE(in.rest(id));
         return senders[id];
     }
     void send(uint32_t id, uint32_t count = 1)

@@ -50,8 +50,8 @@ struct mapped_ring {
    system refuses it; the first time it says so on standard error. */
 owned_fd make_area_memory();
 
-/* Whether a descriptor that was passed is what make_area_memory makes: file system, size and seals
-   are checked. The close of such a file does not wait for anybody. */
+/* Whether a descriptor that was passed is what make_area_memory makes: kind, size and seals are
+   checked. The close of such a file does not wait for anybody. */
 bool is_area_memory(int memory);
 
 /* An area that is mapped here. */

@@ -337,13 +337,12 @@ void inbox::push(block *b)
     [[maybe_unused]] const ssize_t n = write(local_event_.get(), &one, sizeof(one));
 }
 
-bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
+void inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
 {
     source &s = sources_.add(id);
     s.area = area;
     s.bell = std::move(bell);
     s.ring = record_receiver(area->ring(side));
-    return s.ring.rest();
 }
 
 /* One of reading and writing is always possible at a bell, so that a ring, reported once, can't be
@@ -354,6 +353,28 @@ bool inbox::watch(uint32_t id)
     if (!s || s->is_ended || !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
         return false;
     s->is_watched = true;
+    return true;
+}
+
+bool inbox::rest(uint32_t id)
+{
+    source *s = sources_.find(id);
+    return s && s->ring.rest();
+}
+
+/* What the epoll reports of the bell at once is passed over, as of a source that is in the line;
+   nobody rings for it before the source rests. */
+bool inbox::watch_quietly(uint32_t id)
+{
+    source *s = sources_.find(id);
+    if (!watch(id))
+        return false;
+    s->is_in_line = true;
+    look();
+    s->is_in_line = false;
+    if (!s->ring.rest())
+        enter(*s);
+    show();
     return true;
 }
 

@@ -54,12 +54,17 @@ class inbox
     {
         sources_.make_room();
     }
-    /* A source whose signals come out of one ring of the area. It is at rest: true when nothing
-       needs to be done until its bell rings; false when watch() should be called at once. */
-    bool add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
-    /* To be called when the bell has rung for the first time. Until then the bell must not be in
-       the epoll, because there it would count as rung at once. False, with errno, on failure. */
+    /* A source whose signals come out of one ring of the area. Then either rest() or
+       watch_quietly() must be called. */
+    void add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
+    /* True when nothing needs to be done until the bell rings, and watch() then; false when watch()
+       should be called at once. Until then the bell must not be in the epoll, because there it
+       would count as rung, and wake the owner. */
+    bool rest(uint32_t id);
+    /* False, with errno, on failure. */
     bool watch(uint32_t id);
+    /* The same in one, on the owner's thread: it does not wait at the descriptor meanwhile. */
+    bool watch_quietly(uint32_t id);
     /* Of a source that has not ended; -1 if there is none. */
     int bell(uint32_t id) const;
     /* The same as a ring of the bell, from a sender that can't ring. */
