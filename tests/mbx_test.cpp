@@ -590,6 +590,19 @@ TEST_F(mbx, what_a_peer_does_to_the_shared_memory_and_the_bell_harms_only_itself
              fcntl(p.far_bell.get(), F_SETFL, 0);
          },
          false},
+        {"reports of room that it does not read",
+         [](raw_peer &p) {
+             for (uint32_t i = 0; i < 1000; i++) {
+                 p.to_mailbox().hungry = 1;
+                 heard_from(p, 2);
+             }
+             int waiting = 0;
+             for (char byte; recv(p.control.get(), &byte, 1, MSG_DONTWAIT) == 1; waiting++)
+                 EXPECT_EQ(byte, 'r');
+             EXPECT_GT(waiting, 0);
+             EXPECT_LT(waiting, 16) << "what a peer does not read takes memory";
+         },
+         false},
         {"a forged notice",
          [](raw_peer &p) {
              const uint32_t forged = MBX_MONITOR_DEFAULT_NO;
