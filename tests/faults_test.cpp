@@ -250,7 +250,7 @@ TEST_F(faults, procedures_survive_or_end_the_process_as_described)
         {{"malloc"}, true, phase::serving, {0, -SIGABRT}},
         {{"pthread_mutex_lock"}, true, phase::serving, {bad_lock}},
         {{"pthread_mutex_unlock"}, true, phase::serving, {bad_unlock}},
-        {{"epoll_ctl", "epoll_wait", "accept4", "memfd_create", "ftruncate", "fstatfs", "eventfd",
+        {{"epoll_ctl", "epoll_wait", "accept4", "memfd_create", "ftruncate", "eventfd",
           "setsockopt", "sendmsg", "recvmsg"},
          false,
          phase::serving,

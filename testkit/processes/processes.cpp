@@ -4,6 +4,7 @@
 #include "tesk_server/tesk_signals.h"
 #include "util/local_socket.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
@@ -98,6 +99,21 @@ static int connect_to_board()
     return connect_to(path == nullptr ? "" : path);
 }
 
+/* The mailbox library makes the parts of the next connection a moment after each one: from then on
+   the process has as many descriptors as it keeps without clients. */
+static void await_prepared(pid_t process)
+{
+    const std::string folder = "/proc/" + std::to_string(process) + "/fd";
+    const auto until = std::chrono::steady_clock::now() + deadline;
+    std::error_code gone;
+    const auto is_memory = [&](const std::filesystem::directory_entry &entry) {
+        return std::filesystem::read_symlink(entry, gone).string().starts_with("/memfd:mbx");
+    };
+    while (std::none_of(std::filesystem::directory_iterator(folder, gone), {}, is_memory) &&
+           std::chrono::steady_clock::now() < until)
+        usleep(1000);
+}
+
 server::server(const std::vector<std::string> &environment, const std::vector<std::string> &program)
     : pid(start(program, environment))
 {
@@ -112,6 +128,7 @@ server::server(const std::vector<std::string> &environment, const std::vector<st
     /* An answer shows that the main loop runs: the start is over. A request without a revision is
        rejected, so it leaves no client behind. */
     test_client().ask(TESK_CONN_ESTABLISH_REQ, {1, 1, 0});
+    await_prepared(pid);
 }
 
 server::~server()

@@ -83,6 +83,13 @@ static std::optional<offer> make_offer()
     return made;
 }
 
+static void prepare()
+{
+    prepare_time = time_point::max();
+    if (!prepared)
+        prepared = make_offer();
+}
+
 /* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
    signal finds it. Takes the control connection over, unless it is refused. */
 static void answer(mailbox &m, newcomer &n, const greeting &hello)
@@ -238,17 +245,20 @@ static time_point keep_time(time_point now)
     }
     if (!resting.empty() && retry <= now)
         wake_listeners();
-    if (prepare_time <= now) {
-        prepare_time = time_point::max();
-        if (!prepared)
-            prepared = make_offer();
-    }
+    if (prepare_time <= now)
+        prepare();
     time_point next = prepare_time;
     if (!newcomers.empty())
         next = std::min(next, newcomers.front().deadline);
     if (!resting.empty())
         next = std::min(next, retry);
     return next;
+}
+
+void prepare_to_accept()
+{
+    const std::lock_guard hold(helper_lock);
+    prepare();
 }
 
 void set_up_accepting()

@@ -50,6 +50,8 @@ enum watch_kind : size_t {
 /* Tells the helper what to call. Before it starts. */
 void set_up_peers();
 void set_up_accepting();
+/* Without any lock: makes what the next connection consists of, so that it stands sooner. */
+void prepare_to_accept();
 /* Without a helper: drops the connections that have not greeted. In a forked child they are the
    parent's, and only the copies are closed. */
 void end_accepting(bool is_child);
