@@ -135,7 +135,7 @@ class faults : public testing::Test
     /* What went wrong, if only that the server has ended. */
     std::string serve_and_look(pid_t server)
     try {
-        const size_t descriptors = testkit::descriptors_of(server);
+        const size_t descriptors = testkit::idle_descriptors_of(server);
         serve();
         plan->armed = false;
         expect_nothing_kept(server, descriptors);

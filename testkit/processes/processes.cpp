@@ -99,21 +99,6 @@ static int connect_to_board()
     return connect_to(path == nullptr ? "" : path);
 }
 
-/* The mailbox library makes the parts of the next connection a moment after each one: from then on
-   the process has as many descriptors as it keeps without clients. */
-static void await_prepared(pid_t process)
-{
-    const std::string folder = "/proc/" + std::to_string(process) + "/fd";
-    const auto until = std::chrono::steady_clock::now() + deadline;
-    std::error_code gone;
-    const auto is_memory = [&](const std::filesystem::directory_entry &entry) {
-        return std::filesystem::read_symlink(entry, gone).string().starts_with("/memfd:mbx");
-    };
-    while (std::none_of(std::filesystem::directory_iterator(folder, gone), {}, is_memory) &&
-           std::chrono::steady_clock::now() < until)
-        usleep(1000);
-}
-
 server::server(const std::vector<std::string> &environment, const std::vector<std::string> &program)
     : pid(start(program, environment))
 {
@@ -128,7 +113,6 @@ server::server(const std::vector<std::string> &environment, const std::vector<st
     /* An answer shows that the main loop runs: the start is over. A request without a revision is
        rejected, so it leaves no client behind. */
     test_client().ask(TESK_CONN_ESTABLISH_REQ, {1, 1, 0});
-    await_prepared(pid);
 }
 
 server::~server()
@@ -160,6 +144,20 @@ size_t descriptors_of(pid_t process)
 {
     const std::filesystem::directory_iterator all("/proc/" + std::to_string(process) + "/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+size_t idle_descriptors_of(pid_t server)
+{
+    const std::string folder = "/proc/" + std::to_string(server) + "/fd";
+    const auto until = std::chrono::steady_clock::now() + deadline;
+    std::error_code gone;
+    const auto is_memory = [&](const std::filesystem::directory_entry &entry) {
+        return std::filesystem::read_symlink(entry, gone).string().starts_with("/memfd:mbx");
+    };
+    while (std::none_of(std::filesystem::directory_iterator(folder, gone), {}, is_memory) &&
+           std::chrono::steady_clock::now() < until)
+        usleep(1000);
+    return descriptors_of(server);
 }
 
 size_t await_descriptors(pid_t process, size_t at_most)
