@@ -6,7 +6,6 @@
 #pragma GCC visibility pop
 
 #include "platform/mbx/mbx_helper.h"
-#include "platform/mbx/mbx_locate.h"
 #include "platform/mbx/mbx_mailbox.h"
 
 #include <algorithm>

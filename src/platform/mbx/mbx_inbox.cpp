@@ -134,7 +134,8 @@ bool inbox::has_local() const
     return !local_.is_empty() || pushed_.load(std::memory_order_relaxed) != nullptr;
 }
 
-/* The semaphore first: whoever has taken a count finds a block. The stack, which has the latest on
+/* The semaphore first: whoever has taken a count finds a block, but not the other way round, so the
+   next look tells whether there is another one. The stack, which has the latest on
    top, is turned round as a whole when the queue is used up. */
 block *inbox::take_local()
 {
@@ -152,10 +153,7 @@ block *inbox::take_local()
         while (oldest)
             local_.push(std::exchange(oldest, oldest->next));
     }
-    block *b = local_.pop();
-    if (has_local())
-        line_.push_back(local_source_);
-    return b;
+    return local_.pop();
 }
 
 /* The source may be gone on return. */

@@ -94,12 +94,8 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
    the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer)
 {
-    connection *found = nullptr;
-    m.connections.for_each([&](connection &c) {
-        if (c.token == token && c.peer.process == peer.process)
-            found = &c;
-    });
-    return found;
+    return m.connections.find_if(
+        [&](const connection &c) { return c.token == token && c.peer.process == peer.process; });
 }
 
 static block *plain_notice()
@@ -169,13 +165,8 @@ bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference)
     if (m.id != own)
         return false;
     connection *found = m.connections.find(reference);
-    if (!found || found->monitor != reference) {
-        found = nullptr;
-        m.connections.for_each([&](connection &c) {
-            if (c.monitor == reference)
-                found = &c;
-        });
-    }
+    if (!found || found->monitor != reference)
+        found = m.connections.find_if([&](const connection &c) { return c.monitor == reference; });
     if (!found || !found->notice)
         return false;
     block_give(std::exchange(found->notice, nullptr));
