@@ -737,7 +737,7 @@ TEST_F(mbx, full_rings_deaf_receivers_and_their_end_are_bounded_and_leave_nothin
         if (count++ % 100 == 0)
             most = std::max(most, resident());
     }
-    EXPECT_LT(most, idle + 76 * 1024);
+    EXPECT_LT(most, idle + 76L * 1024);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (resident() > idle + 2048 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();

@@ -2,6 +2,7 @@
 #include "platform/mbx/mbx_area.h"
 
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -56,7 +57,7 @@ bool is_area_memory(int memory)
 /* A child that was made behind the library's back must not keep it. */
 static unsigned char *map_part(int memory, size_t begin, size_t bytes, int flags, uintptr_t wish)
 {
-    void *start = mmap(reinterpret_cast<void *>(wish), bytes, PROT_READ | PROT_WRITE,
+    void *start = mmap(std::bit_cast<void *>(wish), bytes, PROT_READ | PROT_WRITE,
                        MAP_SHARED | flags, memory, static_cast<off_t>(begin));
     if (start == MAP_FAILED)
         return nullptr;
