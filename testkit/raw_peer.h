@@ -74,15 +74,11 @@ struct raw_peer {
     /* The words of the ring into the mailbox, and of the one out of it. */
     ring_words<process_atomics> &to_mailbox()
     {
-        return area->ring(0)->words;
+        return *area->ring(0).words;
     }
     ring_words<process_atomics> &from_mailbox()
     {
-        return area->ring(1)->words;
-    }
-    unsigned char *bytes()
-    {
-        return area->ring(0)->data;
+        return *area->ring(1).words;
     }
     /* Passes descriptors with a message of one byte. Returns as sendmsg does. */
     ssize_t pass(std::initializer_list<int> fds, std::string_view bytes = "r")

@@ -122,7 +122,7 @@ TEST_F(crowd, a_thousand_clients_receive_indications_and_leave_nothing_behind)
     setrlimit(RLIMIT_NOFILE, &limit);
 
     testkit::server server({}, {"/bin/sh", "-c", "ulimit -Sn 1024; exec \"$0\"", executable});
-    const size_t descriptors = testkit::descriptors_of(server.pid);
+    const size_t descriptors = testkit::idle_descriptors_of(server.pid);
     equip_ports();
     std::vector<std::unique_ptr<testkit::test_client>> all(1000);
     for (auto &one : all)
@@ -151,7 +151,7 @@ TEST_F(crowd, a_thousand_clients_receive_indications_and_leave_nothing_behind)
 TEST_F(crowd, clients_that_die_at_any_moment_leave_nothing_behind)
 {
     testkit::server server;
-    const size_t descriptors = testkit::descriptors_of(server.pid);
+    const size_t descriptors = testkit::idle_descriptors_of(server.pid);
     equip_ports();
     std::mt19937 random{5};
     const auto any_moment = [&] { usleep(static_cast<useconds_t>(random() % 3000)); };
@@ -244,7 +244,7 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
     };
     testkit::server server;
     client witness;
-    const size_t descriptors = testkit::descriptors_of(server.pid);
+    const size_t descriptors = testkit::idle_descriptors_of(server.pid);
     {
         testkit::test_client flood("flood");
         std::vector<std::unique_ptr<stranger>> all;
@@ -384,7 +384,7 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_missing_ends_the_start)
 }
 
 /* All peers have a backlog when the server continues: counts the signals of each that are handled
-   before the request. */
+   before the request. The first one may have been received before the server stopped. */
 TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_server_stops)
 {
     for (const size_t neighbours : {8u, 90u}) {
@@ -414,7 +414,9 @@ TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_
             const std::string ours = "procedure_ref: " + std::to_string(mark);
             for (std::string line; std::getline(lines, line) && line.find(ours) == line.npos;)
                 if (const size_t at = line.find("sender: "); at != line.npos) {
-                    EXPECT_EQ(++handled[line.substr(at, line.find(',', at) - at)], 1) << line;
+                    const bool is_first = handled.empty();
+                    int &count = handled[line.substr(at, line.find(',', at) - at)];
+                    EXPECT_LE(count += is_first ? 0 : 1, 1) << line;
                 }
             turns += handled.size();
         }

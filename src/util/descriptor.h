@@ -12,8 +12,9 @@ namespace util
 class descriptor
 {
   public:
+    descriptor() = default;
     /* Takes ownership; a negative number is no descriptor. */
-    explicit descriptor(int number = -1) noexcept : number_(number)
+    explicit descriptor(int number) noexcept : number_(number)
     {
     }
     descriptor(descriptor &&other) noexcept : number_(other.release())
@@ -38,6 +39,10 @@ class descriptor
     {
         return number_ >= 0;
     }
+    explicit operator bool() const noexcept
+    {
+        return is_open();
+    }
     /* Gives up ownership. */
     int release() noexcept
     {
@@ -55,7 +60,7 @@ class descriptor
     }
 
   private:
-    int number_;
+    int number_ = -1;
 };
 
 } // namespace util

@@ -4,6 +4,7 @@
 #include "tesk_server/tesk_signals.h"
 #include "util/local_socket.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
@@ -145,6 +146,20 @@ size_t descriptors_of(pid_t process)
 {
     const std::filesystem::directory_iterator all("/proc/" + std::to_string(process) + "/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+size_t idle_descriptors_of(pid_t server)
+{
+    const std::string folder = "/proc/" + std::to_string(server) + "/fd";
+    const auto until = std::chrono::steady_clock::now() + deadline;
+    std::error_code gone;
+    const auto is_memory = [&](const std::filesystem::directory_entry &entry) {
+        return std::filesystem::read_symlink(entry, gone).string().starts_with("/memfd:mbx");
+    };
+    while (std::none_of(std::filesystem::directory_iterator(folder, gone), {}, is_memory) &&
+           std::chrono::steady_clock::now() < until)
+        usleep(1000);
+    return descriptors_of(server);
 }
 
 size_t await_descriptors(pid_t process, size_t at_most)

@@ -133,13 +133,12 @@ static void scribble(raw_peer &peer, fuzz_input &in)
 {
     const uint8_t where = in.byte();
     static constexpr size_t words_in_use[] = {0, 4, 64, 68}; /* head, armed, tail, hungry */
-    const size_t next_record = static_cast<size_t>(peer.out.place() - peer.bytes());
-    const size_t offset = where < 128 ? words_in_use[where % 4]
-                                      : offsetof(shared_ring, data) + next_record % 4096 / 4 * 4;
-    auto *words = reinterpret_cast<unsigned char *>(peer.area->ring(where % 2));
+    auto *words = reinterpret_cast<unsigned char *>(peer.area->ring(where / 4 % 2).words);
+    unsigned char *target = where < 128 ? words + words_in_use[where % 4]
+                                        : const_cast<unsigned char *>(peer.out.place());
     uint32_t word = in.byte();
     word |= static_cast<uint32_t>(in.byte()) << (in.byte() % 4 * 8);
-    __atomic_store_n(reinterpret_cast<uint32_t *>(words + offset), word, __ATOMIC_RELAXED);
+    __atomic_store_n(reinterpret_cast<uint32_t *>(target), word, __ATOMIC_RELAXED);
 }
 
 static void disturb(fuzz_input &in)
@@ -175,7 +174,9 @@ static void disturb(fuzz_input &in)
     }
     case 5:
         j.spoiled = true;
-        madvise(peer.bytes() + page_bytes - 128, 4 * page_bytes, MADV_REMOVE);
+        madvise(peer.area->ring(0).rest, 4 * page_bytes, MADV_REMOVE);
+        if (choice % 16 > 7)
+            madvise(peer.area->ring(0).words, page_bytes, MADV_REMOVE);
         break;
     case 6: {
         std::vector<owned_fd> passed;

@@ -22,12 +22,21 @@
 namespace
 {
 
+/* What a new connection is made of on this side, and passed to the other. */
+struct offer {
+    owned_fd memory;
+    std::shared_ptr<mapped_area> area;
+    owned_fd near_bell;
+    owned_fd far_bell;
+};
+
 struct newcomer {
-    uint32_t number;
     uint32_t mailbox_id;
-    time_point deadline;
-    peer_identity peer;
     owned_fd control;
+    peer_identity peer;
+    uint32_t number = 0; /* these once it waits for the greeting */
+    time_point deadline{};
+    bool is_watched = false;
 };
 
 } // namespace
@@ -37,14 +46,17 @@ using namespace std::chrono_literals;
 static constexpr auto time_to_greet = 2s;
 static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
+static constexpr auto time_to_prepare = 1ms;
 static constexpr size_t ungreeted_at_most = 16; /* of one process */
-static constexpr int accepts_at_once = 64;
 
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_number;
 static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
 static time_point retry;
+/* For the next connection, made when there is nobody to answer. */
+static std::optional<offer> prepared;
+static time_point prepare_time = time_point::max();
 
 static void complain_about_old_wire(const peer_identity &peer)
 {
@@ -60,25 +72,22 @@ static void complain_about_old_wire(const peer_identity &peer)
         static_cast<int>(peer.process));
 }
 
-/* Everything of a new connection on our side. Empty, with errno, when it can't be made. */
-static std::optional<connection_parts> make_parts(const greeting &hello, const peer_identity &peer,
-                                                  owned_fd &memory)
+/* Empty, with errno, when the system refuses a part. */
+static std::optional<offer> make_offer()
 {
-    connection_parts parts;
-    parts.held = share::take(peer);
-    if (!parts.held.is_held())
+    offer made{make_area_memory(), nullptr, make_bell(), make_bell()};
+    if (made.memory && made.near_bell && made.far_bell)
+        made.area = mapped_area::map(made.memory.get());
+    if (!made.area)
         return {};
-    memory = make_area_memory();
-    if (!memory)
-        return {};
-    parts.area = mapped_area::map(memory.get());
-    parts.near_bell = make_bell();
-    parts.far_bell = make_bell();
-    if (!parts.area || !parts.near_bell || !parts.far_bell)
-        return {};
-    parts.token = hello.token;
-    parts.peer = peer;
-    return parts;
+    return made;
+}
+
+static void prepare()
+{
+    prepare_time = time_point::max();
+    if (!prepared)
+        prepared = make_offer();
 }
 
 /* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
@@ -90,15 +99,24 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         send_greeting(control, greeting_kind::known, m.token);
         return;
     }
-    owned_fd memory;
-    std::optional<connection_parts> parts = make_parts(hello, n.peer, memory);
-    if (!parts) {
+    connection_parts parts;
+    parts.held = share::take(n.peer);
+    std::optional<offer> made;
+    if (parts.held.is_held())
+        made = prepared ? std::exchange(prepared, {}) : make_offer();
+    if (!made) {
         send_greeting(control, greeting_kind::refused, m.token);
         return;
     }
-    const int fds[welcome_fds] = {memory.get(), parts->near_bell.get(), parts->far_bell.get()};
-    parts->control = std::move(n.control);
-    const uint32_t id = add_connection(m, std::move(*parts));
+    prepare_time = std::chrono::steady_clock::now() + time_to_prepare;
+    const int fds[welcome_fds] = {made->memory.get(), made->near_bell.get(), made->far_bell.get()};
+    parts.control = std::move(n.control);
+    parts.area = std::move(made->area);
+    parts.near_bell = std::move(made->near_bell);
+    parts.far_bell = std::move(made->far_bell);
+    parts.token = hello.token;
+    parts.peer = n.peer;
+    const uint32_t id = add_connection(m, std::move(parts));
     if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds))
         end_connection(m, id);
 }
@@ -126,7 +144,8 @@ static bool try_greeting(newcomer &n)
     greeting hello = receive_greeting(n.control.get());
     if (hello.what == heard::nothing)
         return false;
-    helper_unwatch(n.control.get());
+    if (n.is_watched)
+        helper_unwatch(n.control.get());
     if (hello.what == heard::old_wire)
         complain_about_old_wire(n.peer);
     if (hello.what == heard::greeting && hello.kind == greeting_kind::hello)
@@ -146,14 +165,16 @@ static bool may_wait(const newcomer &n)
 
 /* A client greets as soon as it is connected, so that mostly the greeting is there already and the
    connection never counts among those that are silent. */
-static void handle_newcomer(owned_fd control, uint32_t mailbox_id)
+static void handle_newcomer(newcomer &&n)
 {
-    newcomer n{++last_number, mailbox_id, std::chrono::steady_clock::now() + time_to_greet,
-               peer_of(control.get()), std::move(control)};
     prepare_control(n.control.get());
     if (try_greeting(n))
         return;
-    if (may_wait(n) && helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number))
+    n.number = ++last_number;
+    n.deadline = std::chrono::steady_clock::now() + time_to_greet;
+    n.is_watched =
+        may_wait(n) && helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number);
+    if (n.is_watched)
         newcomers.push_back(std::move(n));
     else
         hang_up(std::move(n.control), {}, n.peer);
@@ -175,31 +196,31 @@ static void rest_listener(int listener, uint32_t mailbox_id)
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
 
-/* Empty when nobody else wants to connect, or nobody can now. */
-static owned_fd accept_one(uint32_t mailbox_id)
+/* No control connection when nobody wants to connect, or nobody can now. */
+static newcomer accept_one(uint32_t mailbox_id)
 {
+    newcomer n{mailbox_id, {}, {}};
     mailbox *m = find_mailbox(mailbox_id);
     if (!m)
-        return {};
+        return n;
     std::lock_guard hold(m->lock);
     if (m->id != mailbox_id || !m->name.listener)
-        return {};
+        return n;
     const int listener = m->name.listener.get();
-    owned_fd control(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    const bool is_out = !control && errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
-    if (is_out || (control && is_closing_too_many(peer_of(control.get()))))
+    n.control = owned_fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const bool is_out = !n.control && errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
+    if (n.control)
+        n.peer = peer_of(n.control.get());
+    if (is_out || (n.control && is_closing_too_many(n.peer)))
         rest_listener(listener, mailbox_id);
-    return control;
+    return n;
 }
 
 static void handle_listener(uint32_t, uint32_t mailbox_id)
 {
-    for (int i = 0; i < accepts_at_once; i++) {
-        owned_fd control = accept_one(mailbox_id);
-        if (!control)
-            return;
-        handle_newcomer(std::move(control), mailbox_id);
-    }
+    newcomer n = accept_one(mailbox_id);
+    if (n.control)
+        handle_newcomer(std::move(n));
 }
 
 static void wake_listeners()
@@ -224,12 +245,20 @@ static time_point keep_time(time_point now)
     }
     if (!resting.empty() && retry <= now)
         wake_listeners();
-    time_point next = time_point::max();
+    if (prepare_time <= now)
+        prepare();
+    time_point next = prepare_time;
     if (!newcomers.empty())
-        next = newcomers.front().deadline;
+        next = std::min(next, newcomers.front().deadline);
     if (!resting.empty())
         next = std::min(next, retry);
     return next;
+}
+
+void prepare_to_accept()
+{
+    const std::lock_guard hold(helper_lock);
+    prepare();
 }
 
 void set_up_accepting()
@@ -246,4 +275,8 @@ void end_accepting(bool is_child)
             hang_up(std::move(n.control), {}, n.peer);
     newcomers.clear();
     resting.clear();
+    if (prepared && is_child)
+        prepared->area->forget();
+    prepared.reset();
+    prepare_time = time_point::max();
 }

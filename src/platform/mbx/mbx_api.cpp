@@ -6,7 +6,6 @@
 #pragma GCC visibility pop
 
 #include "platform/mbx/mbx_helper.h"
-#include "platform/mbx/mbx_locate.h"
 #include "platform/mbx/mbx_mailbox.h"
 
 #include <algorithm>
@@ -176,12 +175,16 @@ void mbx_exit(void)
 
 uint32_t mbx_create_mailbox(const char *name, uint32_t)
 try {
-    std::lock_guard registry(registry_lock);
+    std::unique_lock registry(registry_lock);
     if (!is_initialized || own_mailbox() != MBX_NO_MAILBOX) {
         errno = is_initialized ? EEXIST : EINVAL;
         return MBX_NO_MAILBOX;
     }
-    return start_helper() ? create_mailbox(name) : MBX_NO_MAILBOX;
+    const uint32_t id = start_helper() ? create_mailbox(name) : MBX_NO_MAILBOX;
+    registry.unlock();
+    if (id != MBX_NO_MAILBOX && name)
+        prepare_to_accept();
+    return id;
 } catch (const std::bad_alloc &) {
     errno = ENOMEM;
     return MBX_NO_MAILBOX;

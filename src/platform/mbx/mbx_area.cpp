@@ -2,18 +2,17 @@
 #include "platform/mbx/mbx_area.h"
 
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <sys/vfs.h>
 
 static constexpr int seals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 /* An eventfd with this count is readable and not writable, and after one read it is both. */
@@ -43,38 +42,57 @@ owned_fd make_area_memory()
     return {};
 }
 
-/* A file of another kind could block at each access, or end below its size. Huge pages would make
-   the memory of one connection many times as large. */
-static bool is_area_memory(int memory)
+/* A file of another kind could block at each access, or end below its size. Only files in memory
+   have seals, and those that consist of huge pages have other sizes. */
+bool is_area_memory(int memory)
 {
+    static_assert(area_bytes % (size_t{64} * 1024) != 0, "not a multiple of any huge page");
     struct stat status {
-    };
-    struct statfs system {
     };
     const int sealed = fcntl(memory, F_GET_SEALS);
     return sealed >= 0 && (sealed & seals) == seals && fstat(memory, &status) == 0 &&
-           status.st_size == static_cast<off_t>(area_bytes) && fstatfs(memory, &system) == 0 &&
-           system.f_type == TMPFS_MAGIC;
+           status.st_size == static_cast<off_t>(area_bytes);
+}
+
+/* A child that was made behind the library's back must not keep it. */
+static unsigned char *map_part(int memory, size_t begin, size_t bytes, int flags, uintptr_t wish)
+{
+    void *start = mmap(std::bit_cast<void *>(wish), bytes, PROT_READ | PROT_WRITE,
+                       MAP_SHARED | flags, memory, static_cast<off_t>(begin));
+    if (start == MAP_FAILED)
+        return nullptr;
+    madvise(start, bytes, MADV_DONTFORK);
+    return static_cast<unsigned char *>(start);
+}
+
+/* The kernel puts small mappings next to each other, so that the first pages of some hundred
+   connections share a page of page tables, if nothing lies between them: the rests are wished for
+   far below, each in the place that belongs to its first page. */
+static uintptr_t place_of_rest(const unsigned char *page)
+{
+    static constexpr uintptr_t below = uintptr_t{1} << 37;
+    static constexpr uintptr_t places = uintptr_t{1} << 18;
+    static const uintptr_t first = reinterpret_cast<uintptr_t>(page);
+    return first - below - reinterpret_cast<uintptr_t>(page) / page_bytes % places * 2 * rest_span;
 }
 
 std::shared_ptr<mapped_area> mapped_area::map(int memory)
 {
-    if (!is_area_memory(memory)) {
-        errno = EPROTO;
+    auto area = std::make_shared<mapped_area>();
+    unsigned char *page = map_part(memory, 0, page_bytes, MAP_POPULATE, 0);
+    if (!page)
         return nullptr;
-    }
-    void *start = mmap(nullptr, area_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory, 0);
-    if (start == MAP_FAILED)
-        return nullptr;
-    /* A child that was made behind the library's back must not keep it. */
-    madvise(start, area_bytes, MADV_DONTFORK);
-    return std::make_shared<mapped_area>(static_cast<unsigned char *>(start));
+    area->page_ = reinterpret_cast<shared_page *>(page);
+    area->rest_ = map_part(memory, page_bytes, 2 * rest_span, 0, place_of_rest(page));
+    return area->rest_ ? area : nullptr;
 }
 
 mapped_area::~mapped_area()
 {
-    if (start_)
-        munmap(start_, area_bytes);
+    if (page_)
+        munmap(page_, page_bytes);
+    if (rest_)
+        munmap(rest_, 2 * rest_span);
 }
 
 owned_fd make_bell()
@@ -85,19 +103,28 @@ owned_fd make_bell()
     return bell;
 }
 
-/* Files of the kernel's own share one inode, except those that have a reason not to. */
-bool may_be_bell(int fd)
+/* Files of the kernel's own share one inode, except those that have a reason not to. Which one is
+   found out once. */
+static bool is_kernels_own(int fd)
 {
-    const owned_fd own(eventfd(0, EFD_CLOEXEC));
-    struct stat ours {
+    static std::atomic<dev_t> device;
+    static std::atomic<ino_t> inode;
+    struct stat found {
     };
-    struct stat theirs {
-    };
-    if (!own || fstat(own.get(), &ours) != 0 || fstat(fd, &theirs) != 0)
-        return false;
-    const bool is_kernels_own = ours.st_dev == theirs.st_dev && ours.st_ino == theirs.st_ino;
-    const bool is_epoll = epoll_ctl(fd, EPOLL_CTL_DEL, own.get(), nullptr) == 0 || errno != EINVAL;
-    return is_kernels_own && !is_epoll;
+    if (inode == 0) {
+        const owned_fd own(eventfd(0, EFD_CLOEXEC));
+        if (!own || fstat(own.get(), &found) != 0)
+            return false;
+        device = found.st_dev;
+        inode = found.st_ino;
+    }
+    return fstat(fd, &found) == 0 && found.st_dev == device && found.st_ino == inode;
+}
+
+bool may_be_bell(int fd, int socket)
+{
+    return is_kernels_own(fd) && epoll_ctl(fd, EPOLL_CTL_DEL, socket, nullptr) != 0 &&
+           errno == EINVAL;
 }
 
 /* The call by its number: the library function is a point of cancellation. A count of 0, which only

@@ -19,48 +19,69 @@
 constexpr uint32_t ring_bytes = 256 * 1024; /* a power of two, more than twice the largest signal */
 constexpr size_t page_bytes = 4096;
 
-/* One direction, in shared memory. */
-struct shared_ring {
-    ring_words<process_atomics> words;
-    alignas(64) unsigned char data[ring_bytes];
+/* The first page of the memory: the positions in both rings, and the first bytes of each ring. A
+   connection whose rings keep running empty uses no other page. */
+constexpr uint32_t home_bytes = page_bytes / 2 - sizeof(ring_words<process_atomics>);
+struct shared_page {
+    ring_words<process_atomics> words[2];
+    unsigned char home[2][home_bytes];
 };
+static_assert(sizeof(shared_page) == page_bytes);
 
-/* Each ring begins on a page of its own, so that one may be given back without the other. */
-constexpr size_t ring_span = (sizeof(shared_ring) + page_bytes - 1) / page_bytes * page_bytes;
-constexpr size_t area_bytes = 2 * ring_span;
+/* Behind it, the rest of each ring on pages of its own, so that one may be given back without the
+   other. */
+constexpr size_t rest_span = (ring_bytes - home_bytes + page_bytes - 1) / page_bytes * page_bytes;
+constexpr size_t area_bytes = page_bytes + 2 * rest_span;
+
+/* One direction, as it is mapped here. */
+struct mapped_ring {
+    ring_words<process_atomics> *words = nullptr;
+    unsigned char *home = nullptr;
+    unsigned char *rest = nullptr;
+
+    /* From there on, the bytes up to the end of the home, or of the ring, lie in one piece. */
+    unsigned char *at(uint32_t place) const
+    {
+        return place < home_bytes ? home + place : rest + (place - home_bytes);
+    }
+};
 
 /* A memory file for an area: sealed against a change of its size. Empty, with errno, when the
    system refuses it; the first time it says so on standard error. */
 owned_fd make_area_memory();
 
+/* Whether a descriptor that was passed is what make_area_memory makes: kind, size and seals are
+   checked. The close of such a file does not wait for anybody. */
+bool is_area_memory(int memory);
+
 /* An area that is mapped here. */
 class mapped_area
 {
   public:
-    /* Maps the memory. Null, with errno EPROTO, unless it is what make_area_memory makes: the file
-       system, the size and the seals are checked. */
+    /* Null, with errno, on failure. */
     static std::shared_ptr<mapped_area> map(int memory);
 
-    explicit mapped_area(unsigned char *start) : start_(start)
-    {
-    }
+    mapped_area() = default;
     mapped_area(const mapped_area &) = delete;
     mapped_area &operator=(const mapped_area &) = delete;
     ~mapped_area();
 
     /* 0: what the accepting side receives from; 1: what the connecting side receives from. */
-    shared_ring *ring(int side) const
+    mapped_ring ring(int side) const
     {
-        return reinterpret_cast<shared_ring *>(start_ + static_cast<size_t>(side) * ring_span);
+        return {&page_->words[side], page_->home[side],
+                rest_ + static_cast<size_t>(side) * rest_span};
     }
     /* In a forked child, where the memory is not mapped. */
     void forget()
     {
-        start_ = nullptr;
+        page_ = nullptr;
+        rest_ = nullptr;
     }
 
   private:
-    unsigned char *start_;
+    shared_page *page_ = nullptr;
+    unsigned char *rest_ = nullptr;
 };
 
 /* Empty, with errno, on failure. */
@@ -68,8 +89,8 @@ owned_fd make_bell();
 
 /* Whether a descriptor that was passed can be watched without harm: a file of the kernel's own, as
    an eventfd is, which no other process can make slow, and not an epoll, which could lead to one.
- */
-bool may_be_bell(int fd);
+   `socket` is any socket. */
+bool may_be_bell(int fd, int socket);
 
 /* False when the kernel cannot read an eventfd with RWF_NOWAIT (before Linux 5.8): the caller then
    wakes the other side over the control connection. Keeps errno. */

@@ -3,10 +3,10 @@
    process ends, and the kernel ends the thread with the process. */
 #include "platform/mbx/mbx_closer.h"
 
-#include <csignal>
+#include "util/thread.h"
+
 #include <deque>
 #include <mutex>
-#include <pthread.h>
 
 namespace
 {
@@ -46,18 +46,8 @@ static void *run(void *argument)
 /* Without memory for a thread the descriptors wait for the next attempt. */
 static bool start_thread(closer &c)
 {
-    pthread_attr_t attributes;
-    sigset_t all;
-    sigfillset(&all);
-    if (pthread_attr_init(&attributes) != 0)
-        return false;
-    pthread_attr_setstacksize(&attributes, stack_bytes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
-    const bool is_started = pthread_attr_setsigmask_np(&attributes, &all) == 0 &&
-                            pthread_create(&thread, &attributes, run, &c) == 0;
-    pthread_attr_destroy(&attributes);
-    return is_started;
+    return util::start_thread(thread, stack_bytes, run, &c) == 0 && pthread_detach(thread) == 0;
 }
 
 void close_later(to_close &&what)

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "platform/mbx/mbx_helper.h"
 
+#include "util/thread.h"
+
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <memory>
 #include <new>
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
@@ -101,19 +101,8 @@ static void *run(void *argument)
 
 static bool start_thread(helper &h)
 {
-    pthread_attr_t attributes;
-    sigset_t all;
-    sigfillset(&all);
-    int error = pthread_attr_init(&attributes);
-    if (error == 0) {
-        pthread_attr_setstacksize(&attributes, stack_bytes);
-        error = pthread_attr_setsigmask_np(&attributes, &all);
-        if (error == 0)
-            error = pthread_create(&h.thread, &attributes, run, &h);
-        pthread_attr_destroy(&attributes);
-    }
-    errno = error;
-    return error == 0;
+    errno = util::start_thread(h.thread, stack_bytes, run, &h);
+    return errno == 0;
 }
 
 void helper_set_call(size_t kind, helper_call call)

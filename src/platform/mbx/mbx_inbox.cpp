@@ -18,9 +18,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-/* Sources of the epoll that are not connections. */
+/* The source of the epoll that is not a connection. */
 static constexpr uint32_t local_id = 0;
-static constexpr uint32_t raised_id = 1;
 
 static constexpr int events_at_once = 64;
 static constexpr uint32_t unlooked_at_most = 7; /* signals of the only source */
@@ -60,15 +59,17 @@ bool inbox::add_event(int fd, uint32_t events, uint32_t id)
     return epoll_ctl(poll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* Under the lock, so that the event agrees with what everybody finds who holds it. */
+/* Under the lock, so that the descriptor agrees with what everybody finds who holds it. An event
+   can be written at any time: while it is watched for that, the descriptor is readable. */
 void inbox::raise(bool wanted)
 {
-    if (wanted == is_raised_ || !raised_event_)
+    if (wanted == is_raised_)
         return;
     is_raised_ = wanted;
-    uint64_t word = 1;
-    [[maybe_unused]] const ssize_t n = wanted ? write(raised_event_.get(), &word, sizeof(word))
-                                              : read(raised_event_.get(), &word, sizeof(word));
+    epoll_event event{};
+    event.events = wanted ? EPOLLIN | EPOLLOUT : EPOLLIN;
+    event.data.u32 = local_id;
+    epoll_ctl(poll_.get(), EPOLL_CTL_MOD, local_event_.get(), &event);
 }
 
 void inbox::show()
@@ -91,7 +92,9 @@ void inbox::take_events(const epoll_event *events, int count)
     turn_line fresh;
     for (int i = 0; i < count; i++) {
         const uint32_t id = events[i].data.u32;
-        source *s = id == local_id ? &local_source_ : sources_.find(id);
+        source *s = sources_.find(id);
+        if (id == local_id && (events[i].events & EPOLLIN))
+            s = &local_source_;
         if (s && !s->is_in_line)
             fresh.push_back(*s);
     }
@@ -101,7 +104,7 @@ void inbox::take_events(const epoll_event *events, int count)
 /* As often as it takes to find all that are ready; senders that go on ringing don't hold it up. */
 void inbox::look()
 {
-    size_t left = sources_.size() / (events_at_once - 2) + 1;
+    size_t left = sources_.size() / (events_at_once - 1) + 1;
     int count;
     do {
         epoll_event events[events_at_once];
@@ -131,7 +134,8 @@ bool inbox::has_local() const
     return !local_.is_empty() || pushed_.load(std::memory_order_relaxed) != nullptr;
 }
 
-/* The semaphore first: whoever has taken a count finds a block. The stack, which has the latest on
+/* The semaphore first: whoever has taken a count finds a block, but not the other way round, so the
+   next look tells whether there is another one. The stack, which has the latest on
    top, is turned round as a whole when the queue is used up. */
 block *inbox::take_local()
 {
@@ -149,10 +153,7 @@ block *inbox::take_local()
         while (oldest)
             local_.push(std::exchange(oldest, oldest->next));
     }
-    block *b = local_.pop();
-    if (has_local())
-        line_.push_back(local_source_);
-    return b;
+    return local_.pop();
 }
 
 /* The source may be gone on return. */
@@ -293,10 +294,7 @@ bool inbox::open(const inbox_owner &owner)
     owner_ = owner;
     poll_ = owned_fd(epoll_create1(EPOLL_CLOEXEC));
     local_event_ = owned_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE));
-    raised_event_ = owned_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (poll_ && local_event_ && raised_event_ &&
-        add_event(local_event_.get(), EPOLLIN, local_id) &&
-        add_event(raised_event_.get(), EPOLLIN, raised_id))
+    if (poll_ && local_event_ && add_event(local_event_.get(), EPOLLIN, local_id))
         return true;
     const int error = errno;
     close();
@@ -325,7 +323,6 @@ void inbox::close(bool is_child)
     is_raised_ = false;
     poll_.reset();
     local_event_.reset();
-    raised_event_.reset();
 }
 
 void inbox::push(block *b)
@@ -338,13 +335,12 @@ void inbox::push(block *b)
     [[maybe_unused]] const ssize_t n = write(local_event_.get(), &one, sizeof(one));
 }
 
-bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
+void inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
 {
     source &s = sources_.add(id);
     s.area = area;
     s.bell = std::move(bell);
     s.ring = record_receiver(area->ring(side));
-    return s.ring.rest();
 }
 
 /* One of reading and writing is always possible at a bell, so that a ring, reported once, can't be
@@ -355,6 +351,28 @@ bool inbox::watch(uint32_t id)
     if (!s || s->is_ended || !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
         return false;
     s->is_watched = true;
+    return true;
+}
+
+bool inbox::rest(uint32_t id)
+{
+    source *s = sources_.find(id);
+    return s && s->ring.rest();
+}
+
+/* What the epoll reports of the bell at once is passed over, as of a source that is in the line;
+   nobody rings for it before the source rests. */
+bool inbox::watch_quietly(uint32_t id)
+{
+    source *s = sources_.find(id);
+    if (!watch(id))
+        return false;
+    s->is_in_line = true;
+    look();
+    s->is_in_line = false;
+    if (!s->ring.rest())
+        enter(*s);
+    show();
     return true;
 }
 

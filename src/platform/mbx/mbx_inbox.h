@@ -3,9 +3,9 @@
    for push().
 
    Signals come from sources: one for each connection, whose signals come out of a ring, and one for
-   what is sent within the process. The descriptor is an epoll over the bells of the rings, a
-   semaphore that counts what was sent within the process, and an event that is up while signals are
-   known to be there. It is readable exactly while receive() would return at once.
+   what is sent within the process. The descriptor is an epoll over the bells of the rings and a
+   semaphore that counts what was sent within the process; it is kept up while signals are known to
+   be there. It is readable exactly while receive() would return at once.
 
    A source that ends stays until its last signal, and the notices behind it, are taken. */
 #pragma once
@@ -54,12 +54,17 @@ class inbox
     {
         sources_.make_room();
     }
-    /* A source whose signals come out of one ring of the area. It is at rest: true when nothing
-       needs to be done until its bell rings; false when watch() should be called at once. */
-    bool add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
-    /* To be called when the bell has rung for the first time. Until then the bell must not be in
-       the epoll, because there it would count as rung at once. False, with errno, on failure. */
+    /* A source whose signals come out of one ring of the area. Then either rest() or
+       watch_quietly() must be called. */
+    void add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
+    /* True when nothing needs to be done until the bell rings, and watch() then; false when watch()
+       should be called at once. Until then the bell must not be in the epoll, because there it
+       would count as rung, and wake the owner. */
+    bool rest(uint32_t id);
+    /* False, with errno, on failure. */
     bool watch(uint32_t id);
+    /* The same in one, on the owner's thread: it does not wait at the descriptor meanwhile. */
+    bool watch_quietly(uint32_t id);
     /* Of a source that has not ended; -1 if there is none. */
     int bell(uint32_t id) const;
     /* The same as a ring of the bell, from a sender that can't ring. */
@@ -103,9 +108,8 @@ class inbox
 
     inbox_owner owner_{};
     owned_fd poll_;
-    owned_fd local_event_;  /* a semaphore: one count for each block on pushed_ or in local_ */
-    owned_fd raised_event_; /* readable while is_raised_ */
-    bool is_raised_ = false;
+    owned_fd local_event_;   /* a semaphore: one count for each block on pushed_ or in local_ */
+    bool is_raised_ = false; /* it is watched for being writable, too */
     uint32_t openings_ = 0;
 
     std::atomic<block *> pushed_{nullptr}; /* the latest first */

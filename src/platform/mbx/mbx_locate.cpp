@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* How a mailbox of ours connects to a named one, on the caller's thread. What the other side passes
    is checked before it is used, and never closed here or under a lock. */
-#include "platform/mbx/mbx_locate.h"
+#include "platform/mbx/mbx_mailbox.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -69,7 +69,8 @@ static std::optional<connection_parts> check_parts(call &c)
     connection_parts parts;
     std::vector<owned_fd> &fds = c.answer.fds;
     errno = EPROTO;
-    if (fds.size() != welcome_fds || !may_be_bell(fds[1].get()) || !may_be_bell(fds[2].get()))
+    if (fds.size() != welcome_fds || !is_area_memory(fds[0].get()) ||
+        !may_be_bell(fds[1].get(), c.control.get()) || !may_be_bell(fds[2].get(), c.control.get()))
         return {};
     parts.area = mapped_area::map(fds[0].get());
     if (!parts.area)
@@ -81,6 +82,7 @@ static std::optional<connection_parts> check_parts(call &c)
     parts.token = c.answer.token;
     parts.peer = c.peer;
     parts.was_located = true;
+    fds.clear(); /* the memory, whose close waits for nobody */
     return parts;
 }
 

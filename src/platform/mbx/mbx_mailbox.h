@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_mailbox - the mailboxes of this process: their registry (mbx_registry.cpp), their connections
-   (mbx_peers.cpp), and how those are accepted (mbx_accept.cpp).
+   (mbx_peers.cpp), and how those are accepted (mbx_accept.cpp) and made (mbx_locate.cpp).
 
    Locks, in the order in which they may be taken: the helper's (mbx_helper.h), registry_lock, one
    mailbox's lock, then those of shares and closer. A mailbox record is never freed, so one may be
@@ -50,6 +50,8 @@ enum watch_kind : size_t {
 /* Tells the helper what to call. Before it starts. */
 void set_up_peers();
 void set_up_accepting();
+/* Without any lock: makes what the next connection consists of, so that it stands sooner. */
+void prepare_to_accept();
 /* Without a helper: drops the connections that have not greeted. In a forked child they are the
    parent's, and only the copies are closed. */
 void end_accepting(bool is_child);
@@ -85,6 +87,10 @@ void forget_mailbox(mailbox &m);
 /* Puts a block into a mailbox of this process and takes it over. Never waits. Safe in a signal
    handler. */
 void push_local(uint32_t receiver, block *b, uint32_t sender);
+
+/* As mbx_locate, for the mailbox whose id is `own`. Without any lock. Throws std::bad_alloc. Stands
+   in mbx_locate.cpp. */
+uint32_t locate(mailbox &m, uint32_t own, const char *name);
 
 /* What follows stands in mbx_peers.cpp, and wants the mailbox's lock held unless said otherwise. */
 

@@ -61,20 +61,27 @@ static uint32_t free_id(mailbox &m)
     return id;
 }
 
-/* In the order that lets no ring be missed: the source arms its ring; then the bell is watched, by
-   the helper until it has rung, which is what makes it join the mailbox's epoll. A fresh bell is
-   not writable, so that this watch reports the first ring and nothing before. */
+/* Its bell joins the mailbox's epoll at once where the owner's own thread makes the connection.
+   Else the helper watches it until it has rung: a fresh bell is not writable, so that this watch
+   reports the first ring and nothing before. */
+static bool watch_bell(mailbox &m, uint32_t id)
+{
+    if (own_mailbox() == m.id)
+        return m.in.watch_quietly(id);
+    if (!m.in.rest(id))
+        return m.in.watch(id);
+    return helper_watch(WATCH_FIRST_RING, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
+}
+
 uint32_t add_connection(mailbox &m, connection_parts &&parts)
 {
     const uint32_t id = free_id(m);
     connection &c = m.connections.add(id);
-    const int bell = parts.near_bell.get();
-    const bool is_at_rest = m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
+    m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
     set_up(c, std::move(parts));
     if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
         (!c.life || helper_watch(WATCH_LIFE, c.life.get(), EPOLLIN, m.slot, id)) &&
-        (is_at_rest ? helper_watch(WATCH_FIRST_RING, bell, EPOLLOUT | EPOLLET, m.slot, id)
-                    : m.in.watch(id)))
+        watch_bell(m, id))
         return id;
     const int error = errno;
     c.was_located = false;
@@ -87,12 +94,8 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
    the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer)
 {
-    connection *found = nullptr;
-    m.connections.for_each([&](connection &c) {
-        if (c.token == token && c.peer.process == peer.process)
-            found = &c;
-    });
-    return found;
+    return m.connections.find_if(
+        [&](const connection &c) { return c.token == token && c.peer.process == peer.process; });
 }
 
 static block *plain_notice()
@@ -162,13 +165,8 @@ bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference)
     if (m.id != own)
         return false;
     connection *found = m.connections.find(reference);
-    if (!found || found->monitor != reference) {
-        found = nullptr;
-        m.connections.for_each([&](connection &c) {
-            if (c.monitor == reference)
-                found = &c;
-        });
-    }
+    if (!found || found->monitor != reference)
+        found = m.connections.find_if([&](const connection &c) { return c.monitor == reference; });
     if (!found || !found->notice)
         return false;
     block_give(std::exchange(found->notice, nullptr));

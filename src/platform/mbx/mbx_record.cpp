@@ -6,11 +6,12 @@
 #include <sys/mman.h>
 
 static constexpr uint32_t head_bytes = 8;
-static constexpr uint32_t wrap_mark = UINT32_MAX;
-/* The part of the ring that lies in the first page. */
-static constexpr uint32_t first_page = page_bytes - offsetof(shared_ring, data);
+static constexpr uint32_t skip_mark = UINT32_MAX; /* in the head's second word: the bytes */
+/* Room for a mark is left there, because one behind it would touch a page of the rest. */
+static constexpr uint32_t home_end = home_bytes - head_bytes;
 
-static_assert(ring_bytes > 2 * (head_bytes + MBX_LARGEST_SIGNAL), "an empty ring takes any signal");
+static_assert(ring_bytes > 2 * (head_bytes + MBX_LARGEST_SIGNAL) + home_bytes,
+              "an empty ring takes any signal");
 
 static constexpr uint32_t record_bytes(uint32_t size)
 {
@@ -27,12 +28,12 @@ static void store_word(unsigned char *to, uint32_t word)
     __atomic_store_n(reinterpret_cast<uint32_t *>(to), word, __ATOMIC_RELAXED);
 }
 
-/* What the use of the ring up to `place` adds to the pages beyond the first one. */
+/* The pages of the rest that the use of the ring up to `place` touches. */
 static size_t pages_up_to(uint32_t place)
 {
-    if (place <= first_page)
+    if (place <= home_bytes)
         return 0;
-    return (place - first_page + page_bytes - 1) / page_bytes * page_bytes;
+    return (place - home_bytes + page_bytes - 1) / page_bytes * page_bytes;
 }
 
 /* A read maps the pages around it as well, where there are some. */
@@ -40,23 +41,28 @@ static size_t mapped_up_to(uint32_t place)
 {
     constexpr size_t around = 16 * page_bytes;
     const size_t pages = pages_up_to(place);
-    return std::min(pages == 0 ? 0 : (pages + around) / around * around, ring_span - page_bytes);
+    return std::min(pages == 0 ? 0 : (pages + around) / around * around, rest_span);
 }
 
-static void advise(shared_ring *ring, size_t touched, int advice)
+static void advise(const mapped_ring &ring, size_t touched, int advice)
 {
     if (touched > 0)
-        madvise(reinterpret_cast<unsigned char *>(ring) + page_bytes, touched, advice);
+        madvise(ring.rest, touched, advice);
 }
 
 /* How many bytes to leave out before a record, so that it lies in one piece, and, in a ring that
-   has run empty, in the first page if it fits there. */
+   has run empty, in the home if it fits there. */
 static uint32_t bytes_to_skip(ring_sender<process_atomics> &end, uint32_t bytes)
 {
     const uint32_t place = end.position() % ring_bytes;
-    const bool crosses_end = place + bytes > ring_bytes;
-    const bool leaves_page = place + bytes > first_page && bytes <= place;
-    return crosses_end || (leaves_page && end.is_drained()) ? ring_bytes - place : 0;
+    const bool is_home = place < home_bytes;
+    const bool fits_home = bytes <= home_end;
+    const uint32_t to_home = ring_bytes - place;
+    if (place + bytes <= (is_home ? home_end : ring_bytes))
+        return !is_home && fits_home && end.is_drained() ? to_home : 0;
+    if (fits_home && (!is_home || (bytes <= place && end.is_drained())))
+        return to_home;
+    return is_home ? home_bytes - place : to_home + home_bytes;
 }
 
 record_sender::outcome record_sender::push(const void *signal, uint32_t size)
@@ -65,11 +71,17 @@ record_sender::outcome record_sender::push(const void *signal, uint32_t size)
     const uint32_t skip = bytes_to_skip(end_, bytes);
     if (!end_.has_room(skip + bytes))
         return outcome::full;
-    if (skip > 0)
-        store_word(ring_->data + end_.position() % ring_bytes, wrap_mark);
-    const uint32_t place = (end_.position() + skip) % ring_bytes;
-    store_word(ring_->data + place, size);
-    std::memcpy(ring_->data + place + head_bytes, signal, size);
+    uint32_t place = end_.position() % ring_bytes;
+    if (skip > 0) {
+        unsigned char *mark = ring_.at(place);
+        store_word(mark, skip_mark);
+        store_word(mark + 4, skip);
+        touched_ = std::max(touched_, pages_up_to(place + head_bytes));
+        place = (place + skip) % ring_bytes;
+    }
+    unsigned char *record = ring_.at(place);
+    store_word(record, size);
+    std::memcpy(record + head_bytes, signal, size);
     touched_ = std::max(touched_, pages_up_to(place + bytes));
     return end_.publish(skip + bytes) ? outcome::to_ring : outcome::sent;
 }
@@ -97,21 +109,24 @@ record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
     uint32_t place = end_.position() % ring_bytes;
     if (there > ring_bytes || there < head_bytes)
         return outcome::lie;
-    uint32_t size = load_word(ring_->data + place);
+    const unsigned char *record = ring_.at(place);
+    uint32_t size = load_word(record);
     uint32_t skip = 0;
-    if (size == wrap_mark) {
-        skip = ring_bytes - place;
-        place = 0;
-        if (there < skip + head_bytes)
+    if (size == skip_mark) {
+        skip = load_word(record + 4);
+        if (skip % 8 != 0 || skip > there - head_bytes)
             return outcome::lie;
-        size = load_word(ring_->data);
+        place = (place + skip) % ring_bytes;
+        record = ring_.at(place);
+        size = load_word(record);
     }
+    const uint32_t end = place < home_bytes ? home_bytes : ring_bytes;
     if (size > MBX_LARGEST_SIGNAL || record_bytes(size) > there - skip ||
-        record_bytes(size) > ring_bytes - place)
+        record_bytes(size) > end - place)
         return outcome::lie;
     out = block_take(std::max<size_t>(size, sizeof(mbx_signal)));
     out->signal()->number = 0;
-    std::memcpy(static_cast<void *>(out->signal()), ring_->data + place + head_bytes, size);
+    std::memcpy(static_cast<void *>(out->signal()), record + head_bytes, size);
     touched_ = std::max(touched_, mapped_up_to(place + record_bytes(size)));
     asks = end_.consume(skip + record_bytes(size));
     return outcome::signal;

@@ -2,11 +2,13 @@
 /* mbx_record - signals as records in a ring (mbx_ring.h). Each end belongs to whoever guards it.
 
    A record is a head of 8 bytes, whose first word is the signal's size, and the signal, padded to a
-   multiple of 8. It lies in one piece: where it would cross the end of the ring, a mark in place of
-   a size sends the receiver to the start.
+   multiple of 8. It lies in one piece, in the home of the ring (mbx_area.h) or in its rest: where
+   it would not, a head with a mark in place of the size tells how many bytes the receiver leaves
+   out.
 
-   A ring that keeps running empty stays within its first page. Pages beyond that are counted, and
-   can be given back: by the sender when everything has been taken, by the receiver at any time.
+   A ring that keeps running empty stays within its home, if its signals take up to half of it. The
+   pages of the rest are counted, and can be given back: by the sender when everything has been
+   taken, by the receiver at any time.
 
    The receiver reads each word once, checks it, and copies a signal out before it looks at it. */
 #pragma once
@@ -24,7 +26,7 @@ class record_sender
     };
 
     record_sender() = default;
-    explicit record_sender(shared_ring *ring) : ring_(ring), end_(&ring->words, ring_bytes)
+    explicit record_sender(const mapped_ring &ring) : ring_(ring), end_(ring.words, ring_bytes)
     {
     }
 
@@ -35,12 +37,12 @@ class record_sender
     {
         return end_.wait_for_room();
     }
-    /* Bytes of memory in use beyond the first page. */
+    /* Bytes of the rest's pages that are in use. */
     size_t touched() const
     {
         return touched_;
     }
-    /* Gives the memory beyond the first page back to the system, unless the receiver still has
+    /* Gives the memory of the rest back to the system, unless the receiver still has
        something to take. */
     void trim();
     /* At the end: unmaps that memory, and where the receiver is gone gives it back. */
@@ -48,15 +50,15 @@ class record_sender
     /* Where the next record goes, to be fetched ahead. */
     const unsigned char *place() const
     {
-        return ring_->data + end_.position() % ring_bytes;
+        return ring_.at(end_.position() % ring_bytes);
     }
     const void *words() const
     {
-        return ring_;
+        return ring_.words;
     }
 
   private:
-    shared_ring *ring_ = nullptr;
+    mapped_ring ring_;
     ring_sender<process_atomics> end_;
     size_t touched_ = 0;
 };
@@ -67,7 +69,7 @@ class record_receiver
     enum class outcome { signal, nothing, lie };
 
     record_receiver() = default;
-    explicit record_receiver(shared_ring *ring) : ring_(ring), end_(&ring->words, ring_bytes)
+    explicit record_receiver(const mapped_ring &ring) : ring_(ring), end_(ring.words, ring_bytes)
     {
     }
 
@@ -95,7 +97,7 @@ class record_receiver
     {
         return is_finished_ ? available() : 0;
     }
-    /* Bytes of memory beyond the first page that are mapped here since the last trim. */
+    /* Bytes of the rest's pages that are mapped here since the last trim. */
     size_t touched() const
     {
         return touched_;
@@ -109,7 +111,7 @@ class record_receiver
         return is_finished_ ? last_ - end_.position() : end_.available();
     }
 
-    shared_ring *ring_ = nullptr;
+    mapped_ring ring_;
     ring_receiver<process_atomics> end_;
     size_t touched_ = 0;
     uint32_t last_ = 0; /* the position at which it ends, once it is finished */

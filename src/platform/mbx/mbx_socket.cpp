@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <sys/random.h>
 #include <sys/socket.h>
 
@@ -41,12 +42,26 @@ static constexpr uint32_t greeting_magic = 0x3278626d;     /* "mbx2" */
 static constexpr uint32_t old_greeting_magic = 0x3178626d; /* "mbx1" */
 static constexpr int control_send_buffer = 4608;           /* the least that the kernel gives */
 
+/* Without memory for them they are closed here. */
+static void take_fds(const unsigned char *data, size_t count, std::vector<owned_fd> &fds)
+{
+    std::array<int, fds_at_most> numbers;
+    std::memcpy(numbers.data(), data, count * sizeof(int));
+    try {
+        fds.reserve(fds.size() + count);
+    } catch (const std::bad_alloc &) {
+        std::for_each_n(numbers.begin(), count, close);
+        throw;
+    }
+    for (size_t i = 0; i < count; i++)
+        fds.emplace_back(numbers[i]);
+}
+
 /* Returns as recvmsg does. `is_message` tells an empty message from the end of the connection: a
    message has control data at least, the sender's credentials (prepare_control). */
 static ssize_t receive(int control, void *data, size_t size, std::vector<owned_fd> &fds,
                        bool &is_message)
 {
-    fds.reserve(fds_at_most); /* memory that is out now loses none of them */
     fd_room room;
     iovec into{data, size};
     msghdr message{};
@@ -61,17 +76,9 @@ static ssize_t receive(int control, void *data, size_t size, std::vector<owned_f
     is_message = length > 0 || (length == 0 && message.msg_controllen > 0);
     if (length < 0)
         return length;
-    for (cmsghdr *header = CMSG_FIRSTHDR(&message); header;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
-            continue;
-        const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; i++) {
-            int fd;
-            std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(fd), sizeof(fd));
-            fds.emplace_back(fd);
-        }
-    }
+    for (cmsghdr *header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header))
+        if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS)
+            take_fds(CMSG_DATA(header), (header->cmsg_len - CMSG_LEN(0)) / sizeof(int), fds);
     if (message.msg_flags & MSG_TRUNC)
         return static_cast<ssize_t>(size) + 1;
     return length;

@@ -37,6 +37,15 @@ class id_table
         record *found = at_place_of(id);
         return found && found->id == id ? found : nullptr;
     }
+    /* A record for which the question is answered with yes, or null. */
+    template <typename question>
+    record *find_if(question &&is_wanted) const
+    {
+        for (const std::unique_ptr<record> &one : places_)
+            if (one && is_wanted(*one))
+                return one.get();
+        return nullptr;
+    }
     /* What stands at the id's place: its record, another one, or null. */
     record *at_place_of(uint32_t id) const
     {
