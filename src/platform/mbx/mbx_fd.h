@@ -36,6 +36,11 @@ class owned_fd
     {
         return fd_;
     }
+    /* The caller closes it. */
+    int release()
+    {
+        return std::exchange(fd_, -1);
+    }
     explicit operator bool() const
     {
         return fd_ >= 0;

@@ -131,7 +131,7 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b)
         connection *c = m.id == own ? m.connections.find(receiver) : nullptr;
         if (c && b->size <= MBX_LARGEST_SIGNAL && b->number() != MBX_MONITOR_DEFAULT_NO) {
             expect_next(m, *c);
-            if (!deliver(*c, b))
+            if (!deliver(*c, b, m.run))
                 end_connection(m, receiver);
             else if (c->held.get() > 0)
                 want_trim();
