@@ -10,11 +10,13 @@ static void wake_receiver(connection &c, fan_out *run)
 {
     if (run && run->includes(c.met) && ring_later(c.far_bell.get()))
         return;
-    if (ring_bell(c.far_bell.get()))
-        return;
-    if (run)
-        run->end();
-    send_wake(c.control.get(), wake::bell);
+    if (c.is_bell_own) {
+        ring_own_bell(c.far_bell.get());
+    } else if (!ring_bell(c.far_bell.get())) {
+        if (run)
+            run->end();
+        send_wake(c.control.get(), wake::bell);
+    }
 }
 
 static bool push(connection &c, const void *signal, uint32_t size, fan_out *run)
@@ -41,6 +43,7 @@ void set_up(connection &c, connection_parts &&parts)
     c.peer = parts.peer;
     c.place = std::move(parts.held);
     c.was_located = parts.was_located;
+    c.is_bell_own = parts.side == 0;
     if (c.peer.process > 0)
         c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
 }

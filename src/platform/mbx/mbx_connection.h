@@ -9,6 +9,7 @@
 
 #include "platform/mbx/mbx_backlog.h"
 #include "platform/mbx/mbx_block.h"
+#include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_record.h"
 #include "platform/mbx/mbx_share.h"
 #include "platform/mbx/mbx_socket.h"
@@ -31,10 +32,11 @@ struct connection_parts {
 
 /* What each send needs comes first, in one line of the cache. */
 struct alignas(64) connection {
-    uint32_t id = 0;   /* what the other mailbox is called here; never used twice */
-    uint32_t next = 0; /* the connection that was sent to after this one */
-    owned_fd far_bell; /* wakes the receiver */
-    uint32_t met = 0;  /* its mark for fan_out */
+    uint32_t id = 0;          /* what the other mailbox is called here; never used twice */
+    uint32_t next = 0;        /* the connection that was sent to after this one */
+    owned_fd far_bell;        /* wakes the receiver */
+    uint32_t met = 0;         /* its mark for fan_out */
+    bool is_bell_own = false; /* made in this process */
     bool awaits_room = false;
     bool was_located = false;
     bool is_peer_gone = false;

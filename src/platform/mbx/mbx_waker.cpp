@@ -1,70 +1,27 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The system calls of io_uring are few and used here alone, so no library stands between. */
 #include "platform/mbx/mbx_waker.h"
 
 #include "platform/mbx/mbx_area.h"
+#include "platform/mbx/mbx_uring.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <linux/io_uring.h>
 #include <mutex>
 #include <new>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <sys/uio.h>
 #include <vector>
 
-static constexpr uint32_t rung_at_once = 12;    /* wake-ups of a run that the sender rings itself */
-static constexpr int64_t longest_pause_ms = 20; /* within a run */
+static constexpr uint32_t rung_at_once = 12; /* wake-ups of a run that the sender rings itself */
 static constexpr size_t due_at_most = 1024;
-static constexpr uint32_t reads_at_once = 256; /* a power of two */
 static constexpr size_t stack_bytes = size_t{64} * 1024;
 
 namespace
 {
-
-struct due_bell {
-    int fd;
-    bool is_retired; /* to be closed when it is rung */
-};
-
-/* An io_uring for reads that never wait. */
-class bell_reader
-{
-  public:
-    bell_reader() = default;
-    bell_reader(const bell_reader &) = delete;
-    bell_reader &operator=(const bell_reader &) = delete;
-    /* False when the system refuses it. For the thread that will read. */
-    bool open();
-    void close();
-    /* Reads up to reads_at_once bells; rings those that can't be read so. False when it is of no
-       use any more. */
-    bool read(const due_bell *bells, uint32_t count);
-
-  private:
-    uint32_t *word(uint32_t offset) const
-    {
-        return reinterpret_cast<uint32_t *>(rings_ + offset);
-    }
-    void ring_failed(const due_bell *bells);
-
-    owned_fd fd_;
-    io_uring_params layout_{};
-    unsigned char *rings_ = nullptr;
-    size_t ring_bytes_ = 0;
-    io_uring_sqe *entries_ = nullptr;
-    uint64_t sink_ = 0; /* the counts that are read */
-};
 
 struct waker {
     std::mutex lock;
@@ -84,82 +41,6 @@ struct waker {
 /* Never destroyed: its thread uses it until the process ends. A forked child makes itself another.
  */
 static waker *the_waker = new waker;
-
-void bell_reader::close()
-{
-    if (entries_)
-        munmap(std::exchange(entries_, nullptr), reads_at_once * sizeof(io_uring_sqe));
-    if (rings_)
-        munmap(std::exchange(rings_, nullptr), ring_bytes_);
-    fd_.reset();
-}
-
-template <typename pointer>
-static bool map(pointer &to, int fd, size_t bytes, uint64_t what)
-{
-    void *start =
-        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(what));
-    if (start == MAP_FAILED)
-        return false;
-    to = static_cast<pointer>(start);
-    return true;
-}
-
-/* A kernel that takes these flags (6.1) has all else that is used here. */
-bool bell_reader::open()
-{
-    layout_ = {};
-    layout_.flags =
-        IORING_SETUP_SUBMIT_ALL | IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN;
-    fd_ = owned_fd(static_cast<int>(syscall(SYS_io_uring_setup, reads_at_once, &layout_)));
-    if (!fd_ || layout_.sq_entries != reads_at_once)
-        return false;
-    ring_bytes_ = std::max(layout_.sq_off.array + layout_.sq_entries * sizeof(uint32_t),
-                           layout_.cq_off.cqes + layout_.cq_entries * sizeof(io_uring_cqe));
-    if (!map(rings_, fd_.get(), ring_bytes_, IORING_OFF_SQ_RING) ||
-        !map(entries_, fd_.get(), reads_at_once * sizeof(io_uring_sqe), IORING_OFF_SQES))
-        return false;
-    for (uint32_t i = 0; i < reads_at_once; i++)
-        word(layout_.sq_off.array)[i] = i;
-    return true;
-}
-
-/* Only reads that fail are reported. */
-void bell_reader::ring_failed(const due_bell *bells)
-{
-    const auto *reports = reinterpret_cast<const io_uring_cqe *>(rings_ + layout_.cq_off.cqes);
-    const uint32_t end = __atomic_load_n(word(layout_.cq_off.tail), __ATOMIC_ACQUIRE);
-    uint32_t *head = word(layout_.cq_off.head);
-    for (uint32_t at = *head; at != end; at++)
-        ring_bell(bells[reports[at % layout_.cq_entries].user_data].fd);
-    __atomic_store_n(head, end, __ATOMIC_RELEASE);
-}
-
-/* All has been read, or has failed, when the call returns. */
-bool bell_reader::read(const due_bell *bells, uint32_t count)
-{
-    uint32_t *tail = word(layout_.sq_off.tail);
-    for (uint32_t i = 0; i < count; i++) {
-        io_uring_sqe &entry = entries_[(*tail + i) % reads_at_once];
-        entry = {};
-        entry.opcode = IORING_OP_READ;
-        entry.flags = IOSQE_CQE_SKIP_SUCCESS;
-        entry.fd = bells[i].fd;
-        entry.off = UINT64_MAX;
-        entry.addr = reinterpret_cast<uintptr_t>(&sink_);
-        entry.len = sizeof(sink_);
-        entry.rw_flags = RWF_NOWAIT;
-        entry.user_data = i;
-    }
-    __atomic_store_n(tail, *tail + count, __ATOMIC_RELEASE);
-    const long taken =
-        syscall(SYS_io_uring_enter, fd_.get(), count, 0, IORING_ENTER_GETEVENTS, nullptr, 0);
-    ring_failed(bells);
-    const uint32_t done = taken > 0 ? static_cast<uint32_t>(taken) : 0;
-    for (uint32_t i = done; i < count; i++)
-        ring_bell(bells[i].fd);
-    return done == count;
-}
 
 /* A thread of this kind preempts nobody when it wakes up, and is preempted at once. One that has
    inherited a priority keeps it, so as not to starve behind its sender. */
@@ -243,35 +124,6 @@ try {
     return is_started;
 } catch (const std::bad_alloc &) {
     return false;
-}
-
-static int64_t now_ms()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-/* The clock is looked at only when a run is long enough to matter. */
-bool fan_out::includes(uint32_t &met)
-{
-    if (std::exchange(met, number_) == number_)
-        end();
-    met = number_;
-    if (++count_ < rung_at_once)
-        return false;
-    const int64_t before = std::exchange(last_ms_, now_ms());
-    if (count_ == rung_at_once)
-        return false;
-    if (last_ms_ - before > longest_pause_ms)
-        end();
-    return count_ > 0;
-}
-
-void fan_out::end()
-{
-    number_++;
-    count_ = 0;
 }
 
 bool ring_later(int bell)

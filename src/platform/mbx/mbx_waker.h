@@ -8,34 +8,14 @@
 
    A ring comes with each wake-up, exactly once: bells that the kernel doesn't read in this way are
    rung one by one. Until then the receiver sleeps, so a wake-up may come after mbx_send has
-   returned. Where the system has no io_uring (before Linux 6.1, a sandbox, MBX_IO_URING=0), or
+   returned. Where the system has no io_uring (before Linux 5.18, a sandbox, MBX_IO_URING=0), or
    there is no memory for the thread, senders ring themselves.
 
    The thread starts with the first fan-out, ends with stop_waker(), blocks all process signals, and
-   waits for nothing that a peer can hold up: a bell is read with RWF_NOWAIT, which the kernel
-   answers at once and never hands to a worker of its own. */
+   waits for nothing that a peer can hold up. */
 #pragma once
 
 #include "platform/mbx/mbx_fd.h"
-
-#include <cstdint>
-
-/* Finds the fan-outs of one sender among its other traffic. Guarded by the sender's owner. */
-class fan_out
-{
-  public:
-    /* To be called for each receiver to be woken; `met` is the receiver's own mark, 0 at first.
-       Returns whether the sender is in a fan-out: the last few wake-ups were for different
-       receivers, one soon after the other. */
-    bool includes(uint32_t &met);
-    /* Something else has happened: what is sent next may be an answer to it. */
-    void end();
-
-  private:
-    uint32_t number_ = 1; /* of this run of wake-ups */
-    uint32_t count_ = 0;
-    int64_t last_ms_ = 0;
-};
 
 /* Whether the bell will be rung by the waker; else the caller must. From then on the bell has to
    stay open until it is given to retire_bell. */
