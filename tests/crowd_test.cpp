@@ -397,13 +397,18 @@ TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_
         asker.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
         const uint32_t id = asker.receive();
         size_t turns = 0;
-        for (uint32_t mark = 77001; mark <= 77020; mark++) {
+        /* It writes traces as fast as they can be read: they are read while it is stopped. */
+        const auto suspend = [&] {
             kill(server.pid, SIGSTOP);
             waitpid(server.pid, nullptr, WUNTRACED);
+        };
+        suspend();
+        for (uint32_t mark = 77001; mark <= 77020; mark++) {
             const size_t position = fs::file_size(traces);
             asker.send({TESK_GET_CAPABILITIES_REQ, mark, id});
             kill(server.pid, SIGCONT);
             asker.receive();
+            suspend();
             std::istringstream lines(read_from(traces, position));
             std::map<std::string, int> handled;
             const std::string ours = "procedure_ref: " + std::to_string(mark);
@@ -413,6 +418,7 @@ TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_
                 }
             turns += handled.size();
         }
+        kill(server.pid, SIGCONT);
         EXPECT_GT(turns, neighbours) << "the neighbours sent too little to show anything";
         const auto began = steady_clock::now();
         EXPECT_EQ(server.stop(), 0);
