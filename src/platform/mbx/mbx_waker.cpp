@@ -97,6 +97,10 @@ static void *run(void *argument)
         finish(w, hold);
     }
     w.reader.close();
+    if (!w.should_stop) { /* nobody joins it */
+        w.is_started = false;
+        pthread_detach(pthread_self());
+    }
     return nullptr;
 }
 
@@ -132,7 +136,7 @@ bool ring_later(int bell)
     if (w.is_refused.load(std::memory_order_relaxed))
         return false;
     std::unique_lock hold(w.lock);
-    if (!w.is_started) {
+    if (!w.is_started && !w.is_refused) {
         w.is_started = is_wanted() && start_thread(w);
         w.is_refused = !w.is_started;
     }
