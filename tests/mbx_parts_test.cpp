@@ -477,7 +477,7 @@ TEST(a_fan_out, is_a_row_of_many_different_receivers)
         }
         return receivers - included;
     };
-    for (size_t few : {1, 2, 10})
+    for (size_t few : {1u, 2u, 10u})
         for (int time = 0; time < 50; time++)
             EXPECT_EQ(wake(few, false), few);
     EXPECT_EQ(wake(100, true), 100u) << "answers";

@@ -807,8 +807,9 @@ struct audience {
     /* All who are there are rung once. */
     void expect_all(uint32_t value)
     {
-        for (size_t left = peers.size() - std::count(peers.begin(), peers.end(), nullptr); left > 0;
-             left--) {
+        auto left =
+            std::count_if(peers.begin(), peers.end(), [](auto &peer) { return peer != nullptr; });
+        for (; left > 0; left--) {
             epoll_event event;
             ASSERT_EQ(epoll_wait(poll.get(), &event, 1, patience_ms), 1) << left << " not woken";
             expect_signal(event.data.u64, value);
