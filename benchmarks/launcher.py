@@ -251,7 +251,17 @@ class Grpc(Server):
     name, label, client_program = "grpc", "gRPC", "bench_grpc"
 
 
+class TeskWithoutUring(Tesk):
+    """As on a system that has no io_uring or refuses it."""
+
+    name, label = "plain", "tesk-server without io_uring"
+
+    def start(self, core):
+        super().start(core, env={"MBX_IO_URING": "0"})
+
+
 SYSTEMS = [Floor, Tesk, Redis, SdBusPeer, DBus, Grpc]
+FAN_OUT_SYSTEMS = [Floor, Tesk, TeskWithoutUring, Redis, SdBusPeer, DBus, Grpc]
 
 
 class Launcher:

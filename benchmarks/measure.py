@@ -9,8 +9,8 @@ import sys
 import time
 
 from callgrind import count_instructions, run_cases, trace_test
-from launcher import (BIN, DRIVER_CORE, ROOT, SERVER_CORE, SYSTEMS, Redis, Tesk, TraceSession,
-                      anonymous_bytes, count_system_calls, memory_of, tasks)
+from launcher import (BIN, DRIVER_CORE, FAN_OUT_SYSTEMS, ROOT, SERVER_CORE, SYSTEMS, Redis, Tesk,
+                      TraceSession, anonymous_bytes, count_system_calls, memory_of, tasks)
 
 CAPABILITIES, PM_COUNTERS = 0, 1
 EVENTS_A_BATCH = 16
@@ -158,7 +158,7 @@ class Bench:
         processes = subscribers if subscribers <= 100 else 4
         each = subscribers // processes
         servers, raisers = [], {}
-        for system in SYSTEMS:
+        for system in FAN_OUT_SYSTEMS:
             server = system(self.launcher, SERVER_CORE)
             receipts = server.subscribers(processes, each, SERVER_CORE, waits)
             servers.append(server)
@@ -175,14 +175,14 @@ class Bench:
             before = server.cpu_ns()
             times = raisers[server.name].ask("events", EVENTS_A_BATCH)
             cpu = server.cpu_ns() - before
-            if server.name == Tesk.name:
+            if isinstance(server, Tesk):
                 rested = time.monotonic() + FILTER_REST
             what = count_of(subscribers, "subscriber")
             self.add(f"fan cpu {subscribers} {waits}", f"{what}: server CPU per indication", "µs",
                      server.name, cpu / EVENTS_A_BATCH / subscribers / 1000)
             self.add(f"fan time {subscribers} {waits}", f"{what}: event to last receipt", "µs",
                      server.name, median(times) / 1000)
-            if waits == "epoll":
+            if waits == "epoll" and type(server) in SYSTEMS:
                 self.latencies.setdefault(f"event to last receipt, {what}", {}).setdefault(
                     server.name, []).extend(times)
 

@@ -1,12 +1,17 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The modules of libmbx by themselves, with plain memory and eventfds: records in a ring, backlogs,
-   the inbox and whose turn it is, shares, and the closing thread. */
+   the inbox and whose turn it is, shares, the closing thread, and the waker. */
+#include "platform/mbx/mbx_connection.h"
+#include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_inbox.h"
 #include "platform/mbx/mbx_share.h"
 #include "platform/mbx/mbx_socket.h"
+#include "platform/mbx/mbx_waker.h"
 
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
@@ -18,6 +23,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -382,4 +388,107 @@ TEST(the_closer, lets_nobody_wait_and_refuses_those_who_pass_too_much)
     EXPECT_TRUE(is_closing_too_many(peer));
     EXPECT_FALSE(is_closing_too_many(witness));
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
+}
+
+/* How often a bell of make_bell has been rung. */
+static uint64_t rings_of(int bell)
+{
+    std::ifstream info("/proc/self/fdinfo/" + std::to_string(bell));
+    for (std::string word; info >> word;)
+        if (word == "eventfd-count:" && info >> word)
+            return UINT64_MAX - 1 - std::stoull(word, nullptr, 16);
+    return UINT64_MAX;
+}
+
+static size_t open_fds()
+{
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(open), end(open)));
+}
+
+TEST(the_waker, rings_each_bell_once_and_waits_for_none)
+{
+    const size_t before = open_fds();
+    for (int round = 0; round < 10; round++) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        const owned_fd pipe_in(ends[0]), pipe_out(ends[1]), empty(eventfd(0, EFD_SEMAPHORE));
+        std::vector<owned_fd> bells(600);
+        std::vector<owned_fd> copies;
+        for (size_t i = 0; i < bells.size(); i++) {
+            bells[i] = make_bell();
+            copies.emplace_back(dup(bells[i].get()));
+            fcntl(bells[i].get(), F_SETFL, i % 3 == 0 ? 0 : O_NONBLOCK);
+            if (!ring_later(bells[i].get()))
+                ring_bell(bells[i].get());
+            for (int slow : {pipe_in.get(), empty.get()})
+                if (i % 50 == 7 && !ring_later(slow))
+                    ring_bell(slow);
+            if (i % 2 == 0)
+                retire_bell(std::move(bells[i]));
+        }
+        if (round % 2 == 0)
+            stop_waker();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        for (const owned_fd &copy : copies)
+            while (rings_of(copy.get()) == 0 && std::chrono::steady_clock::now() < deadline)
+                std::this_thread::yield();
+        const uint64_t one = 1; /* which no read that was left behind may take */
+        EXPECT_EQ(write(empty.get(), &one, sizeof(one)), ssize_t{sizeof(one)});
+        stop_waker();
+        EXPECT_EQ(UINT64_MAX - 1 - rings_of(empty.get()), one);
+        for (const owned_fd &copy : copies)
+            EXPECT_EQ(rings_of(copy.get()), 1u);
+    }
+    EXPECT_LE(open_fds(), before); /* the closer may still be at work */
+}
+
+TEST(the_waker, rings_for_connections_that_end_meanwhile)
+{
+    for (int round = 0; round < 20; round++) {
+        std::vector<owned_fd> copies;
+        std::vector<std::unique_ptr<connection>> all;
+        block *b = block_take(8);
+        fan_out run;
+        for (int i = 0; i < 60; i++) {
+            connection_parts parts;
+            parts.area = mapped_area::map(make_area_memory().get());
+            parts.far_bell = make_bell();
+            copies.emplace_back(dup(parts.far_bell.get()));
+            EXPECT_TRUE(record_receiver(parts.area->ring(1)).rest());
+            all.push_back(std::make_unique<connection>());
+            set_up(*all.back(), std::move(parts));
+        }
+        for (auto &c : all)
+            EXPECT_TRUE(deliver(*c, b, run));
+        all.clear();
+        stop_waker();
+        for (const owned_fd &copy : copies)
+            EXPECT_EQ(rings_of(copy.get()), 1u);
+        block_give(b);
+    }
+}
+
+TEST(a_fan_out, is_a_row_of_many_different_receivers)
+{
+    fan_out run;
+    std::vector<uint32_t> met(100);
+    const auto wake = [&](size_t receivers, bool receives) {
+        size_t included = 0;
+        for (size_t i = 0; i < receivers; i++) {
+            included += run.includes(met[i]);
+            if (receives)
+                run.end();
+        }
+        return receivers - included;
+    };
+    for (size_t few : {1u, 2u, 10u})
+        for (int time = 0; time < 50; time++)
+            EXPECT_EQ(wake(few, false), few);
+    EXPECT_EQ(wake(100, true), 100u) << "answers";
+    EXPECT_EQ(wake(100, false), left_out_at_first);
+    EXPECT_LT(wake(100, false), left_out_at_first) << "another one is expected";
+    EXPECT_LT(wake(100, false), left_out_at_first);
+    wake(10, false);
+    EXPECT_EQ(wake(10, false), 10u);
 }

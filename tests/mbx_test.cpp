@@ -4,6 +4,7 @@
 #include "platform/mbx/mbx.h"
 #include "testkit/raw_peer.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstring>
@@ -19,6 +20,7 @@
 #include <poll.h>
 #include <set>
 #include <stdexcept>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -747,12 +749,12 @@ TEST_F(mbx, full_rings_deaf_receivers_and_their_end_are_bounded_and_leave_nothin
 
 #endif
 
-/* As on a kernel or in a sandbox that does not read an eventfd in this way. */
-static void refuse_to_ring()
+/* As on an old kernel or in a sandbox. */
+static void refuse_call(uint32_t call)
 {
     sock_filter filter[] = {
         {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_preadv2},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, call},
         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EOPNOTSUPP},
         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
     };
@@ -768,7 +770,7 @@ TEST_F(mbx, a_side_that_cannot_ring_wakes_the_other_in_another_way)
             const received r = next();
             EXPECT_EQ(r.value, i);
             if (i == 0)
-                refuse_to_ring();
+                refuse_call(SYS_preadv2);
             send_number(server, numbered, i);
         }
     });
@@ -780,6 +782,144 @@ TEST_F(mbx, a_side_that_cannot_ring_wakes_the_other_in_another_way)
     }
     expect_notice(next(), id);
     expect_nothing();
+}
+
+namespace
+{
+
+/* Peers that receive by the rules and notice each ring of their bells. */
+struct audience {
+    owned_fd poll{epoll_create1(EPOLL_CLOEXEC)};
+    std::vector<std::unique_ptr<raw_peer>> peers;
+
+    /* Puts a new peer in a place. A fresh bell is not writable, so its first ring is an event. */
+    void seat(size_t place, const std::string &path)
+    {
+        peers.resize(std::max(peers.size(), place + 1));
+        raw_peer &p = *(peers[place] = std::make_unique<raw_peer>(path));
+        EXPECT_TRUE(p.greet());
+        EXPECT_TRUE(p.in.rest());
+        epoll_event event{EPOLLOUT | EPOLLET, {}};
+        event.data.u64 = place;
+        EXPECT_EQ(epoll_ctl(poll.get(), EPOLL_CTL_ADD, p.near_bell.get(), &event), 0);
+        EXPECT_NE(p.send_signal(&hello, sizeof(hello)), record_sender::outcome::full);
+    }
+    void expect_signal(size_t place, uint32_t value)
+    {
+        block *b = nullptr;
+        bool asks;
+        ASSERT_EQ(peers[place]->in.pop(b, asks), record_receiver::outcome::signal);
+        uint32_t got;
+        memcpy(&got, b->signal() + 1, sizeof(got));
+        EXPECT_EQ(got, value);
+        block_give(b);
+        EXPECT_TRUE(peers[place]->in.rest());
+    }
+    void leave(size_t place)
+    {
+        epoll_ctl(poll.get(), EPOLL_CTL_DEL, peers[place]->near_bell.get(), nullptr);
+        peers[place].reset();
+    }
+    /* All who are there are rung once. */
+    void expect_all(uint32_t value)
+    {
+        auto left =
+            std::count_if(peers.begin(), peers.end(), [](auto &peer) { return peer != nullptr; });
+        for (; left > 0; left--) {
+            epoll_event event;
+            ASSERT_EQ(epoll_wait(poll.get(), &event, 1, patience_ms), 1) << left << " not woken";
+            expect_signal(event.data.u64, value);
+        }
+    }
+};
+
+} // namespace
+
+static void expect_a_child_can_do_the_same()
+{
+#ifndef __SANITIZE_THREAD__ /* which allows no thread after a fork with several */
+    const pid_t child = fork();
+    if (child == 0) {
+        join("child");
+        audience all;
+        for (size_t place = 0; place < 20; place++)
+            all.seat(place, getenv("MBX_DIR") + std::string("/child"));
+        std::vector<uint32_t> everybody(20);
+        for (uint32_t &id : everybody)
+            id = next().sender;
+        for (uint32_t id : everybody)
+            send_number(id, numbered, 0);
+        all.expect_all(0);
+        mbx_exit();
+        _exit(testing::Test::HasFailure());
+    }
+    int status;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+#endif
+}
+
+/* Each time lets in as many as it is told, less one, and sends to all that ever were. In the end it
+   exits right after the last send. */
+static void fan_out_as_told(int line)
+{
+    join("server");
+    std::vector<uint32_t> everybody;
+    say(line, 1);
+    for (uint32_t value = 0, word = 1; word != 0; value++) {
+        word = hear(line);
+        for (uint32_t i = 1; i < word; i++)
+            everybody.push_back(next().sender);
+        for (uint32_t id : everybody)
+            send_number(id, numbered, value);
+        if (value == 2)
+            expect_a_child_can_do_the_same();
+    }
+}
+
+TEST_F(mbx, a_fan_out_wakes_each_receiver_once_with_and_without_io_uring)
+{
+    const std::pair<const char *, void (*)()> systems[] = {
+        {"io_uring", [] {}},
+        {"not wanted", [] { setenv("MBX_IO_URING", "0", 1); }},
+        {"refused at the start", [] { refuse_call(SYS_io_uring_setup); }},
+        {"refused later", [] { refuse_call(SYS_io_uring_enter); }},
+        {"no class for batches", [] { refuse_call(SYS_sched_setscheduler); }},
+    };
+    constexpr size_t seats = 40, first_to_die = 15, deaths = 10;
+    for (const auto &[what, prepare] : systems) {
+        SCOPED_TRACE(what);
+        actor server([prepare = prepare](int line) {
+            prepare();
+            fan_out_as_told(line);
+        });
+        EXPECT_EQ(hear(server.line.get()), 1u);
+        audience all;
+        for (size_t place = 0; place < seats; place++)
+            all.seat(place, dir + "/server");
+        const int hostile = all.peers[30]->near_bell.get();
+        fcntl(hostile, F_SETFL, 0);
+        const uint64_t one = 1;
+        uint32_t value = 0;
+        for (uint32_t newcomers = seats; value < 40 && !HasFatalFailure(); newcomers = deaths) {
+            say(server.line.get(), 1 + newcomers);
+            all.expect_all(value++);
+            EXPECT_EQ(write(hostile, &one, sizeof(one)), ssize_t{sizeof(one)}); /* full again */
+            say(server.line.get(), 1);
+            for (size_t place = first_to_die; place < first_to_die + deaths; place++)
+                all.leave(place);
+            all.expect_all(value++);
+            EXPECT_EQ(write(hostile, &one, sizeof(one)), ssize_t{sizeof(one)});
+            for (size_t place = first_to_die; place < first_to_die + deaths; place++)
+                all.seat(place, dir + "/server"); /* some get descriptors of those who died */
+        }
+        say(server.line.get(), 1 + deaths);
+        all.expect_all(value++);
+        shutdown(server.line.get(), SHUT_WR); /* the last time: it exits right after it */
+        EXPECT_EQ(server.end(), 0);
+        for (size_t place = 0; place < seats; place++)
+            all.expect_signal(place, value);
+    }
 }
 
 #ifdef MBX_OF_1_0_0

@@ -1,8 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* preadv2 for programs under QEMU's user emulation, which does not have this call: preloaded, it
-   makes of it a readv. The tests keep the descriptors readable, so that nothing waits. */
+   makes of it a readv that does not wait. */
+#include <cerrno>
 #include <cstdarg>
 #include <dlfcn.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -16,8 +18,14 @@ extern "C" long syscall(long number, ...) noexcept
     for (long &word : words)
         word = va_arg(list, long);
     va_end(list);
-    if (number == SYS_preadv2)
+    if (number == SYS_preadv2) {
+        pollfd wanted{static_cast<int>(words[0]), POLLIN, 0};
+        if (poll(&wanted, 1, 0) != 1) {
+            errno = EAGAIN;
+            return -1;
+        }
         return readv(static_cast<int>(words[0]), reinterpret_cast<const iovec *>(words[1]),
                      static_cast<int>(words[2]));
+    }
     return next(number, words[0], words[1], words[2], words[3], words[4], words[5]);
 }

@@ -66,6 +66,7 @@ static void before_fork() /* in the order of the locks */
     for_each_mailbox([](mailbox &m) { m.lock.lock(); });
     lock_shares();
     lock_closer();
+    lock_waker();
 }
 
 static void unlock_mailboxes()
@@ -77,6 +78,7 @@ static void unlock_mailboxes()
 
 static void after_fork_in_parent()
 {
+    unlock_waker();
     unlock_closer();
     unlock_shares();
     unlock_mailboxes();
@@ -84,8 +86,10 @@ static void after_fork_in_parent()
 
 static void after_fork_in_child()
 {
+    unlock_waker();
     unlock_closer();
     unlock_shares();
+    forget_waker();
     forget_closer();
     forget_helper();
     end_accepting(true);
@@ -171,6 +175,7 @@ void mbx_exit(void)
     stop_helper();
     end_accepting(false);
     linger(std::chrono::steady_clock::now() + linger_time);
+    stop_waker();
 }
 
 uint32_t mbx_create_mailbox(const char *name, uint32_t)
@@ -238,6 +243,7 @@ mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
         return nullptr;
     }
     std::unique_lock hold(m->lock);
+    m->run.end();
     block *b = m->id == id ? m->in.receive(hold, filter, timeout_ms, sender) : nullptr;
     return b ? b->signal() : nullptr;
 }

@@ -127,8 +127,8 @@ bool may_be_bell(int fd, int socket)
            errno == EINVAL;
 }
 
-/* The call by its number: the library function is a point of cancellation. A count of 0, which only
-   a bell that was not made by make_bell can have, wakes nobody and blocks nobody. */
+/* The calls by their numbers: the library functions are points of cancellation. A count of 0, which
+   only a bell that was not made by make_bell can have, wakes nobody and blocks nobody. */
 bool ring_bell(int bell)
 {
     const int saved = errno;
@@ -138,4 +138,12 @@ bool ring_bell(int bell)
     const bool can_ring = n >= 0 || errno == EAGAIN;
     errno = saved;
     return can_ring;
+}
+
+void ring_own_bell(int bell)
+{
+    const int saved = errno;
+    uint64_t count;
+    syscall(SYS_read, bell, &count, sizeof(count));
+    errno = saved;
 }

@@ -5,9 +5,10 @@
    The accepting side makes both; the connecting side checks what it is passed before it uses it.
 
    A bell is an eventfd in semaphore mode whose count is as high as it can be. It is rung by reading
-   it: a read of a semaphore wakes those who wait until it is writable, takes one off a count that
-   cannot run out, and by RWF_NOWAIT cannot be blocked by anything that the other side may do to the
-   description that both share (its O_NONBLOCK flag, its count). A write could be blocked. */
+   it: a read of a semaphore wakes those who wait until it is writable, and takes one off a count
+   that cannot run out. A write could be blocked by what the other side may do to the description
+   that both share (its O_NONBLOCK flag, its count). So could a read of something else that was
+   passed as a bell: the connecting side reads by RWF_NOWAIT, which never waits. */
 #pragma once
 
 #include "platform/mbx/mbx_fd.h"
@@ -95,3 +96,6 @@ bool may_be_bell(int fd, int socket);
 /* False when the kernel cannot read an eventfd with RWF_NOWAIT (before Linux 5.8): the caller then
    wakes the other side over the control connection. Keeps errno. */
 bool ring_bell(int bell);
+/* The same for one that make_bell has made in this process, which can always be read: a plain read
+   costs a fifth less. */
+void ring_own_bell(int bell);

@@ -5,18 +5,25 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/* Whether the kernel can ring a bell is known after the first attempt. */
-static void wake_receiver(connection &c)
+/* Without a fan-out, which only a sender that can ring is in, the receiver is woken at once. */
+static void wake_receiver(connection &c, fan_out *run)
 {
-    if (!ring_bell(c.far_bell.get()))
+    if (run && run->includes(c.met) && ring_later(c.far_bell.get()))
+        return;
+    if (c.is_bell_own) {
+        ring_own_bell(c.far_bell.get());
+    } else if (!ring_bell(c.far_bell.get())) {
+        if (run)
+            run->end();
         send_wake(c.control.get(), wake::bell);
+    }
 }
 
-static bool push(connection &c, const void *signal, uint32_t size)
+static bool push(connection &c, const void *signal, uint32_t size, fan_out *run)
 {
     const record_sender::outcome result = c.ring.push(signal, size);
     if (result == record_sender::outcome::to_ring)
-        wake_receiver(c);
+        wake_receiver(c, run);
     return result != record_sender::outcome::full;
 }
 
@@ -36,6 +43,7 @@ void set_up(connection &c, connection_parts &&parts)
     c.peer = parts.peer;
     c.place = std::move(parts.held);
     c.was_located = parts.was_located;
+    c.is_bell_own = parts.side == 0;
     if (c.peer.process > 0)
         c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
 }
@@ -46,14 +54,15 @@ connection::~connection()
 {
     set_monitor(*this, nullptr, 0);
     ring.leave(is_peer_gone);
+    retire_bell(std::move(far_bell));
     if (control)
         hang_up(std::move(control), {}, peer, std::move(place));
 }
 
-bool deliver(connection &c, const block *b)
+bool deliver(connection &c, const block *b, fan_out &run)
 {
     const void *signal = b + 1;
-    const bool is_sent = c.waiting.is_empty() && push(c, signal, b->size);
+    const bool is_sent = c.waiting.is_empty() && push(c, signal, b->size, &run);
     if (!is_sent && !c.waiting.push(signal, b->size))
         return false;
     if (!is_sent || c.ring.touched() > 0)
@@ -74,7 +83,7 @@ flushing flush(connection &c)
     while (!c.waiting.is_empty() && budget > 0 && !is_full) {
         uint32_t size;
         const void *signal = c.waiting.front(size);
-        is_full = !push(c, signal, size);
+        is_full = !push(c, signal, size, nullptr);
         if (!is_full)
             c.waiting.pop();
         budget -= std::min<size_t>(budget, size + 8);

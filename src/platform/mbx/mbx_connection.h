@@ -9,9 +9,11 @@
 
 #include "platform/mbx/mbx_backlog.h"
 #include "platform/mbx/mbx_block.h"
+#include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_record.h"
 #include "platform/mbx/mbx_share.h"
 #include "platform/mbx/mbx_socket.h"
+#include "platform/mbx/mbx_waker.h"
 
 #include <memory>
 
@@ -30,9 +32,11 @@ struct connection_parts {
 
 /* What each send needs comes first, in one line of the cache. */
 struct alignas(64) connection {
-    uint32_t id = 0;   /* what the other mailbox is called here; never used twice */
-    uint32_t next = 0; /* the connection that was sent to after this one */
-    owned_fd far_bell; /* wakes the receiver */
+    uint32_t id = 0;          /* what the other mailbox is called here; never used twice */
+    uint32_t next = 0;        /* the connection that was sent to after this one */
+    owned_fd far_bell;        /* wakes the receiver */
+    uint32_t met = 0;         /* its mark for fan_out */
+    bool is_bell_own = false; /* made in this process */
     bool awaits_room = false;
     bool was_located = false;
     bool is_peer_gone = false;
@@ -59,8 +63,8 @@ struct alignas(64) connection {
 void set_up(connection &c, connection_parts &&parts);
 
 /* Hands a signal over, or keeps it. False when that would hold more than held_for_one_at_most for
-   this receiver, or memory is out: the connection must end. */
-bool deliver(connection &c, const block *b);
+   this receiver, or memory is out: the connection must end. `run`: the sender's. */
+bool deliver(connection &c, const block *b, fan_out &run);
 
 enum class flushing {
     done,   /* nothing waits any more */

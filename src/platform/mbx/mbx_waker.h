@@ -1,0 +1,32 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_waker - rings many bells in one system call, on a thread of its own. Any thread.
+
+   To ring a bell costs a sender a system call, and, where receivers share its core, a switch to
+   each receiver and back. In a fan-out, which sends to one receiver after the other, the bells are
+   left to the waker: it runs when the sender has nothing more to do, or on another core, and reads
+   all bells that are due by one submission to an io_uring.
+
+   A ring comes with each wake-up, exactly once: bells that the kernel doesn't read in this way are
+   rung one by one. Until then the receiver sleeps, so a wake-up may come after mbx_send has
+   returned. Where the system has no io_uring (before Linux 5.18, a sandbox, MBX_IO_URING=0), or
+   there is no memory for the thread, senders ring themselves.
+
+   The thread starts with the first fan-out, ends with stop_waker(), blocks all process signals, and
+   waits for nothing that a peer can hold up. */
+#pragma once
+
+#include "platform/mbx/mbx_fd.h"
+
+/* Whether the bell will be rung by the waker; else the caller must. From then on the bell has to
+   stay open until it is given to retire_bell. */
+bool ring_later(int bell);
+/* Closes a bell, once it is rung if that is due. */
+void retire_bell(owned_fd bell);
+
+/* Rings what is due and ends the thread. Harmless if it doesn't run. Without any lock. */
+void stop_waker();
+
+/* Around a fork; and in the child, unlocked, where there is no such thread. */
+void lock_waker();
+void unlock_waker();
+void forget_waker();
