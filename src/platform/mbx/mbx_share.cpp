@@ -48,9 +48,10 @@ share share::take(const peer_identity &peer)
 try {
     share taken;
     const size_t most = connections_at_most();
+    const size_t most_of_process = most / (peer.process > 0 ? 4 : 2);
     const bool is_trusted_user = peer.user == 0 || peer.user == geteuid();
     std::lock_guard hold(all.lock);
-    if (count_of(all.processes, peer.key()) >= most / 4 ||
+    if (count_of(all.processes, peer.key()) >= most_of_process ||
         (!is_trusted_user && count_of(all.users, peer.user) >= most / 2))
         return taken;
     size_t &of_user = all.users[peer.user];
