@@ -57,6 +57,8 @@ class cages final : public linux_board::module_access
     void read(std::span<piece> pieces) override
     {
         EXPECT_LE(pieces.size(), linux_board::most_pieces);
+        packets++;
+        requests += pieces.size();
         std::vector<uint32_t> failing;
         for (piece &wanted : pieces) {
             if (std::find(failing.begin(), failing.end(), wanted.port) != failing.end())
@@ -69,6 +71,8 @@ class cages final : public linux_board::module_access
     }
     std::map<uint32_t, cage> ports;
     time_point now{std::chrono::hours(1)};
+    size_t packets = 0;
+    size_t requests = 0;
 
   private:
     void read(cage &from, piece &wanted)
@@ -393,6 +397,20 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     pollfd waiting = {listener, POLLIN, 0};
     EXPECT_EQ(0, poll(&waiting, 1, 0)) << "no third try at once";
     close(listener);
+}
+
+TEST_F(linux_modules_test, ports_that_are_due_at_different_times_share_packets)
+{
+    for (uint32_t port = 0; port < 512; port++) {
+        modules.ports[port].module = module_with_serial("0001");
+        add(port);
+        pass(milliseconds(3));
+    }
+    pass(seconds(10));
+    modules.packets = modules.requests = 0;
+    pass(seconds(10));
+    EXPECT_GE(modules.requests, 12 * modules.packets);
+    EXPECT_LE(oldest, seconds(5));
 }
 
 TEST_F(linux_modules_test, half_of_512_ports_may_fail_and_the_others_stay_fresh)

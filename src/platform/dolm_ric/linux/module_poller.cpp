@@ -23,6 +23,9 @@ static constexpr auto hint_spacing = 200ms; /* between two looks, however many h
 static constexpr auto after_link_change = 500ms;
 static constexpr auto slow_piece = 25ms; /* 32 bytes need 3.5 ms at 100 kHz */
 
+/* What is due so soon is made along with what is due now, which saves wake-ups. */
+static constexpr auto early_by = 50ms;
+
 /* False if the range doesn't fit any more. */
 bool module_poller::task::add(const reading_step &step)
 {
@@ -171,7 +174,7 @@ module_poller::task module_poller::make_task(polled &port) const
     task made = {.port = &port, .kind = task_kind::look};
     if (port.where == stage::identifying && port.identity_due <= now)
         made.kind = task_kind::identity;
-    if (port.where == stage::in_use && port.diagnostics_due <= now)
+    if (port.where == stage::in_use && port.diagnostics_due <= now + early_by)
         made.kind = task_kind::diagnostics;
     const bool in_use = port.where == stage::in_use;
     const std::vector<reading_step> plan =
@@ -201,9 +204,13 @@ std::vector<module_poller::task> module_poller::choose_tasks(time_point now)
         return tasks;
     }
     size_t pieces = 0;
+    if (prompt_queue_.empty() || prompt_queue_.begin()->first > now)
+        return tasks;
     for (const auto &[due, number] : prompt_queue_) {
-        if (due > now)
+        if (due > now + early_by)
             break;
+        if (due > now && ports_.at(number).where == stage::identifying)
+            continue; /* a module that was just inserted needs the whole time */
         task next = make_task(ports_.at(number));
         pieces += next.pieces.size();
         if (pieces > most_pieces)
