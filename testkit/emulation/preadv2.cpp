@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* preadv2 for programs under QEMU's user emulation, which does not have this call: preloaded, it
    makes of it a readv that does not wait. */
+#include <bit>
 #include <cerrno>
 #include <cstdarg>
 #include <dlfcn.h>
@@ -24,7 +25,7 @@ extern "C" long syscall(long number, ...) noexcept
             errno = EAGAIN;
             return -1;
         }
-        return readv(static_cast<int>(words[0]), reinterpret_cast<const iovec *>(words[1]),
+        return readv(static_cast<int>(words[0]), std::bit_cast<const iovec *>(words[1]),
                      static_cast<int>(words[2]));
     }
     return next(number, words[0], words[1], words[2], words[3], words[4], words[5]);
