@@ -261,8 +261,9 @@ def run_shows_it(place):
         Path(place, folder).mkdir()
     Path(place, "bin/cmake").symlink_to("/bin/true")  # what it would build is built
     env = {**os.environ, "PATH": f"{place}/bin:{os.environ['PATH']}", "TMPDIR": f"{place}/tmp"}
-    run = subprocess.Popen([SOURCE / "run", "--page"], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                           text=True, start_new_session=True)
+    # A shell can't take a signal that was ignored when it was started, as in a job in the background.
+    run = subprocess.Popen(["env", "--default-signal=INT", SOURCE / "run", "--page"], env=env, text=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
     port = next(found for line in run.stderr if (found := re.search(r"http://127.0.0.1:(\d+)/", line)))[1]
     await_true(lambda: not socket.socket().connect_ex(("127.0.0.1", int(port))), "the page of ./run")
     os.killpg(run.pid, signal.SIGINT)
