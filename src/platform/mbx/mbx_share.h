@@ -2,8 +2,8 @@
 /* mbx_share - how many connections one process, and one user, may have to this process. Any thread.
 
    A connection takes four descriptors of ours. A process gets at most a quarter of the descriptors,
-   a user other than root and our own at most half. Processes outside our pid namespace can't be told
-   apart: those of one user get at most half together. */
+   a user other than root and our own at most half. Processes outside our pid namespace can't be
+   told apart: those of one user get at most half together. */
 #pragma once
 
 #include <cstddef>
