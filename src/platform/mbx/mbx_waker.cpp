@@ -16,7 +16,6 @@
 #include <sched.h>
 #include <vector>
 
-static constexpr uint32_t rung_at_once = 12; /* wake-ups of a run that the sender rings itself */
 static constexpr size_t due_at_most = 1024;
 static constexpr size_t stack_bytes = size_t{64} * 1024;
 
