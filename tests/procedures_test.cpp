@@ -2,24 +2,15 @@
 /* The requests of clients: bytes, order of the checks, library calls and traces. */
 #include "testkit/fake_platform/client_fixture.h"
 
+#include <array>
+#include <optional>
+
 using fake_platform::ports;
 using fake_platform::sent;
 
 using procedures = client_fixture;
 
 using texts = std::vector<std::string>;
-
-static texts signal_texts(const std::vector<fake_platform::trace_record> &records)
-{
-    texts found;
-    for (const auto &record : records) {
-        char signal[40];
-        snprintf(signal, sizeof(signal), "0x%x to 0x%x: ", record.signal.number,
-                 record.signal.receiver);
-        found.push_back(signal + record.text);
-    }
-    return found;
-}
 
 static void append(texts &to, const texts &more)
 {
@@ -52,124 +43,115 @@ static texts identity_traces(const std::string &revision)
             "[12] sfp_morvaine_rdh = RDH 123456789AB"};
 }
 
-/* The traces of received signals are in host order, as are those of sent ones, which the fake
-   platform compares with the signal. */
-TEST_F(procedures, each_signal_is_traced_with_its_number_receiver_and_text)
+static std::string heading(uint32_t number, uint32_t receiver)
 {
-    static const struct {
-        uint32_t number;
-        std::vector<uint32_t> words;
-        log traces;
-    } steps[] = {
-        {TESK_CONN_ESTABLISH_REQ,
-         {9, 1113, 2, 7, 1},
-         {"0x1648400 to 0x0: Received TESK_CONN_ESTABLISH_REQ: sender: 0x71, connection_ref: 1113, "
-          "procedure_ref: 9, number_of_rev = 2",
-          "0x1648400 to 0x0: protocol_rev[0] = 7\n", "0x1648400 to 0x0: protocol_rev[1] = 1\n",
-          "0x1648401 to 0x71: Sent signal TESK_CONN_ESTABLISH_CFM:connection_ref: 0 procedure_ref: "
-          "9protocol_rev: 1 mbox: 0x71"}},
-        {TESK_CONN_ESTABLISH_REQ,
-         {0xffffffff, 8, 0},
-         {"0x1648400 to 0x0: Received TESK_CONN_ESTABLISH_REQ: sender: 0x71, connection_ref: 8, "
-          "procedure_ref: 4294967295, number_of_rev = 0",
-          "0x1648402 to 0x71: Sent signal TESK_CONN_ESTABLISH_REJ:connection_ref: 0 procedure_ref: "
-          "-1 error_code: 1, error_description: client id 0 has already established connection, "
-          "mbox: 0x71"}},
-        {TESK_GET_CAPABILITIES_REQ,
-         {77, 0},
-         {"0x1648403 to 0x0: Received TESK_GET_CAPABILITIES_REQ: sender: 0x71, procedure_ref: 77, "
-          "connection_ref: 0",
-          "0x1648404 to 0x71: Sent signal TESK_GET_CAPABILITIES_CFM:connection_ref: 1113 "
-          "procedure_ref: 77 number_of_capabilities: 3 sender id: 0x71"}},
-        {subscribe_info,
-         {5, 0, 3},
-         {"0x1648406 to 0x0: Received TESK_SUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: 5, "
-          "connection_ref: 0, port: 3",
-          "0x1648407 to 0x71: Sent signal TESK_SUBSCRIBE_SFP_INFO_CFM:procedure_ref: 5, "
-          "connection_ref: 1113, mbox: 0x71, port_no: 3",
-          "0x1648409 to 0x71: Sent signal TESK_SFP_INFO_IND:procedure_ref: 5, connection_ref: "
-          "1113, "
-          "mbox: 0x71, port_no: 3, type: Present Optical"}},
-        {subscribe_info,
-         {6, 0, 65535},
-         {"0x1648406 to 0x0: Received TESK_SUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: 6, "
-          "connection_ref: 0, port: 65535",
-          "0x1648408 to 0x71: Sent signal TESK_SUBSCRIBE_SFP_INFO_REJ:procedure_ref: 6, "
-          "connection_ref: 1113, error_code: 2, error_description: invalid port, mbox: 0x71, "
-          "port_no: 65535"}},
-        {get_counters,
-         {7, 0, 3},
-         {"0x164840a to 0x0: Received TESK_GET_PM_COUNTERS_REQ:sender:0x71, procedure_ref: 7, "
-          "connection_ref: 0, port: 3",
-          "0x164840b to 0x71: Sent signal TESK_GET_PM_COUNTERS_CFM: procedure_ref: 7, "
-          "connection_ref: 1113, mbox: 0x71, port_no: 3, pm_sfp_type: 2, "
-          "has_pm_loss_of_frame_count: 0, pm_loss_of_frame_count: 0, has_pm_loss_of_signal_count: "
-          "1, pm_loss_of_signal_count: 3, has_pm_bit_error_count: 0, ber_level10_8: 0, "
-          "ber_level10_7: 0, ber_level10_6: 0, ber_level10_5: 0, ber_level10_4: 0, ber_level10_3: "
-          "0has_pm_sfp_tx_power: 1, pm_sfp_tx_power: 500, has_pm_sfp_rx_power: 1, "
-          "pm_sfp_rx_power: 600, has_pm_sfp_temperature: 1, pm_sfp_temperature: 4294967247, "
-          "has_pm_sfp_voltage: 1, pm_sfp_voltage: 33000, has_pm_sfp_tx_bias: 1, pm_sfp_tx_bias: "
-          "601"}},
-        {get_counters,
-         {8, 0, 4},
-         {"0x164840a to 0x0: Received TESK_GET_PM_COUNTERS_REQ:sender:0x71, procedure_ref: 8, "
-          "connection_ref: 0, port: 4",
-          "0x164840c to 0x71: Sent signal TESK_GET_PM_COUNTERS_REJ:procedure_ref: 8, "
-          "connection_ref: 1113, error_code: 1, error_description: no device (e.g. port ID is "
-          "unknown), mbox: 0x71, port_no: 4"}},
-        {unsubscribe_info,
-         {9, 0, 3},
-         {"0x164840d to 0x0: Received TESK_UNSUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: "
-          "9, connection_ref: 0, port: 3",
-          "0x164840e to 0x71: Sent signal TESK_UNSUBSCRIBE_SFP_INFO_CFM:procedure_ref: 9, "
-          "connection_ref: 1113, mbox: 0x71, port_no: 3"}},
-        {unsubscribe_info,
-         {10, 0, 3},
-         {"0x164840d to 0x0: Received TESK_UNSUBSCRIBE_SFP_INFO_REQ: sender: 0x71, procedure_ref: "
-          "10, connection_ref: 0, port: 3",
-          "0x164840f to 0x71: Sent signal TESK_UNSUBSCRIBE_SFP_INFO_REJ:procedure_ref: 10, "
-          "connection_ref: 1113, error_code: 1, error_description: client is not subscribed, mbox: "
-          "0x71, port_no: 3"}},
-        {subscribe_status,
-         {11, 0, 3, 0x01020304},
-         {"0x1648410 to 0x0: Received TESK_SUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, procedure_ref: "
-          "11, connection_ref: 0, port: 3",
-          "0x1648411 to 0x71: Sent signal TESK_SUBSCRIBE_PORT_STATUS_CFM:procedure_ref: 11, "
-          "connection_ref: 1113, mbox: 0x71, port_no: 3",
-          "0x1648413 to 0x71: Sent signal TESK_PORT_STATUS_IND:procedure_ref: 11, connection_ref: "
-          "1113, mbox: 0x71, port_no: 3, conn_status: OPERATIONAL, link_speed: 10.1 Gbps"}},
-        {subscribe_status,
-         {12, 0, 3, 0},
-         {"0x1648410 to 0x0: Received TESK_SUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, procedure_ref: "
-          "12, connection_ref: 0, port: 3",
-          "0x1648412 to 0x71: Sent signal TESK_SUBSCRIBE_PORT_STATUS_REJ:procedure_ref: 12, "
-          "connection_ref: 1113, error_code: 1, error_description: already subscribed, mbox: 0x71, "
-          "port_no: 3"}},
-        {unsubscribe_status,
-         {13, 0, 3},
-         {"0x1648414 to 0x0: Received TESK_UNSUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, "
-          "procedure_ref: 13, connection_ref: 0, port: 3",
-          "0x1648415 to 0x71: Sent signal TESK_UNSUBSCRIBE_PORT_STATUS_CFM:procedure_ref: 13, "
-          "connection_ref: 1113, mbox: 0x71, port_no: 3"}},
-        {unsubscribe_status,
-         {14, 0, 3},
-         {"0x1648414 to 0x0: Received TESK_UNSUBSCRIBE_PORT_STATUS_REQ: sender: 0x71, "
-          "procedure_ref: 14, connection_ref: 0, port: 3",
-          "0x1648416 to 0x71: Sent signal TESK_UNSUBSCRIBE_PORT_STATUS_REJ:procedure_ref: 14, "
-          "connection_ref: 1113, error_code: 1, error_description: client is not subscribed, mbox: "
-          "0x71, port_no: 3"}},
-        {MBX_MONITOR_DEFAULT_NO,
-         {},
-         {"0x1901001 to 0x0: Received MBX_MONITOR_DEFAULT_NO: sender: 0x71"}},
-    };
+    char text[40];
+    snprintf(text, sizeof(text), "0x%x to 0x%x: ", number, receiver);
+    return text;
+}
+
+class signal_traces : public client_fixture
+{
+  protected:
+    /* The traces of received signals are in host order, as are those of sent ones, which the fake
+       platform compares with the signal. */
+    static void expect(uint32_t number, const std::vector<uint32_t> &words, const texts &expected)
+    {
+        send(alice, number, words);
+        const auto records = fake_platform::take_traces();
+        texts found;
+        for (const auto &[group, file, line, text, signal] : records)
+            found.push_back(heading(signal.number, signal.receiver) + text);
+        EXPECT_EQ(found, expected);
+        for (size_t word = 0; word < words.size(); word++)
+            EXPECT_EQ(records.at(0).signal.host_word(4 + 4 * word), words[word]) << word;
+    }
+};
+
+TEST_F(signal_traces, have_its_number_receiver_and_text)
+{
     ports[3].module_status.status = 3;
     trace({17, 18});
-    for (const auto &step : steps) {
-        send(alice, step.number, step.words);
-        const auto records = fake_platform::take_traces();
-        EXPECT_EQ(signal_texts(records), step.traces);
-        for (size_t word = 0; word < step.words.size(); word++)
-            EXPECT_EQ(records.at(0).signal.host_word(4 + 4 * word), step.words[word]) << word;
+    expect(TESK_CONN_ESTABLISH_REQ, {9, 1113, 2, 7, 1},
+           {"0x1648400 to 0x0: Received TESK_CONN_ESTABLISH_REQ: sender: 0x71, connection_ref: "
+            "1113, procedure_ref: 9, number_of_rev = 2",
+            "0x1648400 to 0x0: protocol_rev[0] = 7\n", "0x1648400 to 0x0: protocol_rev[1] = 1\n",
+            "0x1648401 to 0x71: Sent signal TESK_CONN_ESTABLISH_CFM:connection_ref: 0 "
+            "procedure_ref: 9protocol_rev: 1 mbox: 0x71"});
+    expect(TESK_CONN_ESTABLISH_REQ, {0xffffffff, 8, 0},
+           {"0x1648400 to 0x0: Received TESK_CONN_ESTABLISH_REQ: sender: 0x71, connection_ref: 8, "
+            "procedure_ref: 4294967295, number_of_rev = 0",
+            "0x1648402 to 0x71: Sent signal TESK_CONN_ESTABLISH_REJ:connection_ref: 0 "
+            "procedure_ref: -1 error_code: 1, error_description: client id 0 has already "
+            "established connection, mbox: 0x71"});
+    expect(TESK_GET_CAPABILITIES_REQ, {77, 0},
+           {"0x1648403 to 0x0: Received TESK_GET_CAPABILITIES_REQ: sender: 0x71, procedure_ref: "
+            "77, connection_ref: 0",
+            "0x1648404 to 0x71: Sent signal TESK_GET_CAPABILITIES_CFM:connection_ref: 1113 "
+            "procedure_ref: 77 number_of_capabilities: 3 sender id: 0x71"});
+    expect(get_counters, {7, 0, 3},
+           {"0x164840a to 0x0: Received TESK_GET_PM_COUNTERS_REQ:sender:0x71, procedure_ref: 7, "
+            "connection_ref: 0, port: 3",
+            "0x164840b to 0x71: Sent signal TESK_GET_PM_COUNTERS_CFM: procedure_ref: 7, "
+            "connection_ref: 1113, mbox: 0x71, port_no: 3, pm_sfp_type: 2, "
+            "has_pm_loss_of_frame_count: 0, pm_loss_of_frame_count: 0, "
+            "has_pm_loss_of_signal_count: 1, pm_loss_of_signal_count: 3, "
+            "has_pm_bit_error_count: 0, ber_level10_8: 0, ber_level10_7: 0, ber_level10_6: 0, "
+            "ber_level10_5: 0, ber_level10_4: 0, ber_level10_3: 0has_pm_sfp_tx_power: 1, "
+            "pm_sfp_tx_power: 500, has_pm_sfp_rx_power: 1, pm_sfp_rx_power: 600, "
+            "has_pm_sfp_temperature: 1, pm_sfp_temperature: 4294967247, has_pm_sfp_voltage: 1, "
+            "pm_sfp_voltage: 33000, has_pm_sfp_tx_bias: 1, pm_sfp_tx_bias: 601"});
+    expect(get_counters, {8, 0, 4},
+           {"0x164840a to 0x0: Received TESK_GET_PM_COUNTERS_REQ:sender:0x71, procedure_ref: 8, "
+            "connection_ref: 0, port: 4",
+            "0x164840c to 0x71: Sent signal TESK_GET_PM_COUNTERS_REJ:procedure_ref: 8, "
+            "connection_ref: 1113, error_code: 1, error_description: no device (e.g. port ID is "
+            "unknown), mbox: 0x71, port_no: 4"});
+    expect(MBX_MONITOR_DEFAULT_NO, {},
+           {"0x1901001 to 0x0: Received MBX_MONITOR_DEFAULT_NO: sender: 0x71"});
+}
+
+TEST_F(signal_traces, of_subscriptions_are_alike)
+{
+    static const struct {
+        std::string of;
+        uint32_t request, port;
+        std::string refusal, indication; /* one of them or none */
+    } steps[] = {
+        {"SUBSCRIBE_SFP_INFO", 0x1648406, 3, "", ", type: Present Optical"},
+        {"SUBSCRIBE_SFP_INFO", 0x1648406, 65535, "2, error_description: invalid port", ""},
+        {"UNSUBSCRIBE_SFP_INFO", 0x164840d, 3, "", ""},
+        {"UNSUBSCRIBE_SFP_INFO", 0x164840d, 3, "1, error_description: client is not subscribed",
+         ""},
+        {"SUBSCRIBE_PORT_STATUS", 0x1648410, 3, "",
+         ", conn_status: OPERATIONAL, link_speed: 10.1 Gbps"},
+        {"SUBSCRIBE_PORT_STATUS", 0x1648410, 3, "1, error_description: already subscribed", ""},
+        {"UNSUBSCRIBE_PORT_STATUS", 0x1648414, 3, "", ""},
+        {"UNSUBSCRIBE_PORT_STATUS", 0x1648414, 3, "1, error_description: client is not subscribed",
+         ""},
+    };
+    connect(alice);
+    trace({17, 18});
+    for (uint32_t procedure = 5; const auto &[of, request, port, refusal, indication] : steps) {
+        const std::string where = std::to_string(port),
+                          reference = "procedure_ref: " + std::to_string(++procedure),
+                          about = ":" + reference + ", connection_ref: 1113, ",
+                          to = "mbox: 0x71, port_no: " + where;
+        texts expected = {heading(request, 0) + "Received TESK_" + of + "_REQ: sender: 0x71, " +
+                          reference + ", connection_ref: 0, port: " + where};
+        if (refusal.empty())
+            expected.push_back(heading(request + 1, alice) + "Sent signal TESK_" + of + "_CFM" +
+                               about + to);
+        else
+            expected.push_back(heading(request + 2, alice) + "Sent signal TESK_" + of + "_REJ" +
+                               about + "error_code: " + refusal + ", " + to);
+        if (!indication.empty())
+            expected.push_back(heading(request + 3, alice) + "Sent signal TESK_" + of.substr(10) +
+                               "_IND" + about + to + indication);
+        std::vector<uint32_t> words = {procedure, 0, port};
+        if (request == subscribe_status)
+            words.push_back(0x01020304);
+        expect(request, words, expected);
     }
 }
 
@@ -396,35 +378,21 @@ TEST_F(procedures, a_port_unknown_to_the_read_is_uncounted_before_the_rejection)
 
 TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
 {
+    static constexpr std::nullopt_t none = std::nullopt;
     static const struct {
         int32_t temperature;
         uint32_t voltage, bias, status, cap;
-        const char *values; /* from has_pm_loss_of_signal_count on, without the ber words */
+        /* Loss of signal, powers (transmit, receive), temperature, voltage, bias. */
+        std::array<std::optional<int>, 6> values;
     } cases[] = {
-        {-40000, 3300000, 6004, 2, 0x1f,
-         "0000000000000000 00000001000001f4 0000000100000258 00000001fffffe71 "
-         "00000001000080e8 0000000100000258"},
-        {25050, 4294967295u, 6005, 3, 0x1f,
-         "0000000100000003 00000001000001f4 0000000100000258 00000001000000fb "
-         "0000000100000000 0000000100000259"},
-        {-149, 49, 4, 1, 0x07,
-         "0000000100000001 0000000000000000 0000000000000000 0000000100000000 "
-         "0000000100000000 0000000100000000"},
-        {0, 0, 0, 0, 0x08,
-         "0000000000000000 00000001000001f4 0000000000000000 0000000000000000 "
-         "0000000000000000 0000000000000000"},
-        {0, 0, 0, 0, 0x10,
-         "0000000000000000 0000000000000000 0000000100000258 0000000000000000 "
-         "0000000000000000 0000000000000000"},
-        {0, 3300000, 0, 0, 0x02,
-         "0000000000000000 0000000000000000 0000000000000000 0000000000000000 "
-         "00000001000080e8 0000000000000000"},
-        {0, 0, 6005, 0, 0x04,
-         "0000000000000000 0000000000000000 0000000000000000 0000000000000000 "
-         "0000000000000000 0000000100000259"},
-        {-150, 50, 5, 0, 0x61,
-         "0000000000000000 0000000000000000 0000000000000000 00000001ffffffff "
-         "0000000000000000 0000000000000000"},
+        {-40000, 3300000, 6004, 2, 0x1f, {{none, 500, 600, -399, 33000, 600}}},
+        {25050, 4294967295u, 6005, 3, 0x1f, {{3, 500, 600, 251, 0, 601}}},
+        {-149, 49, 4, 1, 0x07, {{1, none, none, 0, 0, 0}}},
+        {0, 0, 0, 0, 0x08, {{none, 500, none, none, none, none}}},
+        {0, 0, 0, 0, 0x10, {{none, none, 600, none, none, none}}},
+        {0, 3300000, 0, 0, 0x02, {{none, none, none, none, 33000, none}}},
+        {0, 0, 6005, 0, 0x04, {{none, none, none, none, none, 601}}},
+        {-150, 50, 5, 0, 0x61, {{none, none, none, -1, none, none}}},
     };
     const uint32_t reference = connect(alice);
     trace({12});
@@ -463,54 +431,51 @@ TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
         send(alice, get_counters, {1, reference, 3});
         ASSERT_EQ(sent.at(0).bytes.size(), 104u);
         expect_bytes(sent[0], 12, "00000003 00000002 0000000000000000");
-        expect_bytes(sent[0], 28, std::string(value.values).insert(17, std::string(56, '0')));
+        std::string expected_bytes;
+        for (const auto &field : value.values) {
+            char has_and_value[17];
+            snprintf(has_and_value, sizeof(has_and_value), "%08x%08x", field.has_value(),
+                     field.value_or(0));
+            expected_bytes += has_and_value;
+        }
+        expect_bytes(sent[0], 28, expected_bytes.insert(16, std::string(56, '0')));
     }
 }
 
 TEST_F(procedures, a_read_fails_with_the_hardware_but_not_for_missing_diagnostics)
 {
     static const struct {
-        const char *call;
+        std::string group, call;
         int32_t code;
-        const char *trace, *text; /* a null text: confirmed, without values */
+        std::string text;
+        bool is_rejected; /* or confirmed, without values */
     } cases[] = {
-        {"getmoduleinfo", -6, "[4] dolm_ric_ri_getmoduleinfo: -6 (unsupported operation)",
-         "unsupported operation"},
-        {"getmoduleinfo", -5, "[1] dolm_ric_ri_getmoduleinfo: -5 (unknown ric error code)",
-         "unknown ric error code"},
-        {"getmodstatus", -8,
-         "[4] dolm_ric_ri_getmodstatus: port 3 (dolm_ric_id 131075), -8 (resource busy)",
-         "resource busy"},
-        {"getmodulediag", -3,
-         "[4] dolm_ric_ri_getmodulediag: -3 (no device (e.g. port ID is unknown))",
-         "no device (e.g. port ID is unknown)"},
-        {"getmodulediag", -10, "[1] dolm_ric_ri_getmodulediag: -10 (interface shutdown)",
-         "interface shutdown"},
-        {"getmoduleinfo", -4,
-         "[4] dolm_ric_ri_getmoduleinfo: -4 (not available (e.g. SFP EEPROM is not available))",
-         "not available (e.g. SFP EEPROM is not available)"},
-        {"getmodstatus", -4,
-         "[4] dolm_ric_ri_getmodstatus: port 3 (dolm_ric_id 131075), -4 (not available (e.g. SFP "
-         "EEPROM is not available))",
-         "not available (e.g. SFP EEPROM is not available)"},
-        {"getmodulediag", -6, "[4] dolm_ric_ri_getmodulediag: -6 (unsupported operation)", nullptr},
-        {"getmodulediag", -4,
-         "[4] dolm_ric_ri_getmodulediag: -4 (not available (e.g. SFP EEPROM is not available))",
-         nullptr},
+        {"[4]", "moduleinfo", -6, "unsupported operation", true},
+        {"[1]", "moduleinfo", -5, "unknown ric error code", true},
+        {"[4]", "modstatus", -8, "resource busy", true},
+        {"[4]", "modulediag", -3, "no device (e.g. port ID is unknown)", true},
+        {"[1]", "modulediag", -10, "interface shutdown", true},
+        {"[4]", "moduleinfo", -4, "not available (e.g. SFP EEPROM is not available)", true},
+        {"[4]", "modstatus", -4, "not available (e.g. SFP EEPROM is not available)", true},
+        {"[4]", "modulediag", -6, "unsupported operation", false},
+        {"[4]", "modulediag", -4, "not available (e.g. SFP EEPROM is not available)", false},
     };
     const uint32_t reference = connect(alice);
-    for (const auto &failure : cases) {
-        fake_platform::failing = {{failure.call, failure.code}};
+    for (const auto &[group, call, code, text, is_rejected] : cases) {
+        fake_platform::failing = {{"get" + call, code}};
         trace({1, 4});
         send(alice, get_counters, {1, reference, 3});
         const auto lines = fake_platform::take_log();
-        EXPECT_EQ(lines.at(lines.size() - 2), failure.trace);
-        if (failure.text != nullptr)
-            expect_rejection(TESK_GET_PM_COUNTERS_REJ, 1, failure.text);
-        else
-            expect_bytes(sent.at(0), 64, std::string(80, '0'));
-        EXPECT_EQ(sent.at(0).number,
-                  failure.text != nullptr ? TESK_GET_PM_COUNTERS_REJ : TESK_GET_PM_COUNTERS_CFM);
+        EXPECT_EQ(lines.at(lines.size() - 2),
+                  group + " dolm_ric_ri_get" + call +
+                      (call == "modstatus" ? ": port 3 (dolm_ric_id 131075), " : ": ") +
+                      std::to_string(code) + " (" + text + ")");
+        if (is_rejected) {
+            expect_rejection(TESK_GET_PM_COUNTERS_REJ, 1, text);
+            continue;
+        }
+        EXPECT_EQ(sent.at(0).number, TESK_GET_PM_COUNTERS_CFM);
+        expect_bytes(sent.at(0), 64, std::string(80, '0'));
     }
     fake_platform::failing.clear();
     ports[3].diag.mode_type = 2;
