@@ -6,14 +6,29 @@
 
 #include "platform/mbx/mbx_record.h"
 #include "platform/mbx/mbx_socket.h"
+#include "util/local_socket.h"
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
-#include <sys/un.h>
+
+/* For an event that must come; the machine may be busy. */
+inline constexpr int patience_ms = 20000;
+
+/* Whether it becomes so in time; an interrupted wait begins anew. */
+inline bool is_readable(int fd, int timeout_ms = patience_ms)
+{
+    pollfd wanted = {fd, POLLIN, 0};
+    int count;
+    do
+        count = poll(&wanted, 1, timeout_ms);
+    while (count == -1 && errno == EINTR);
+    return count == 1;
+}
 
 struct raw_peer {
     owned_fd control;
@@ -25,12 +40,9 @@ struct raw_peer {
     greeting answer;
 
     /* Connects to the socket at that path. */
-    explicit raw_peer(const std::string &path)
-        : control(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
+    explicit raw_peer(const std::string &path) : control(util::connect_to(path, SOCK_SEQPACKET))
     {
-        sockaddr_un address{AF_UNIX, {}};
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        if (connect(control.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+        if (!control)
             throw std::runtime_error("cannot connect to " + path);
         prepare_control(control.get());
     }
@@ -39,10 +51,9 @@ struct raw_peer {
         send_greeting(control.get(), greeting_kind::hello, token);
     }
     /* Waits for the answer to the hello. Returns whether it is a welcome. */
-    bool take_answer(int timeout_ms = 20000)
+    bool take_answer()
     {
-        pollfd wanted{control.get(), POLLIN, 0};
-        if (poll(&wanted, 1, timeout_ms) != 1)
+        if (!is_readable(control.get()))
             throw std::runtime_error("no answer to the greeting");
         answer = receive_greeting(control.get());
         if (answer.what != heard::greeting || answer.kind != greeting_kind::welcome)
@@ -66,6 +77,13 @@ struct raw_peer {
         if (result == record_sender::outcome::to_ring)
             ring();
         return result;
+    }
+    /* The next signal, or null. The caller gives the block back. */
+    block *receive()
+    {
+        block *b = nullptr;
+        bool asks;
+        return in.pop(b, asks) == record_receiver::outcome::signal ? b : nullptr;
     }
     void ring()
     {

@@ -76,9 +76,8 @@ struct stranger : raw_peer {
     /* The third word of the next signal. */
     uint32_t receive()
     {
-        block *b = nullptr;
-        bool asks;
-        while (in.pop(b, asks) == record_receiver::outcome::nothing)
+        block *b;
+        while ((b = raw_peer::receive()) == nullptr)
             std::this_thread::yield();
         return ntohl(reinterpret_cast<uint32_t *>(b->signal())[2]);
     }

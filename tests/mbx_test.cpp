@@ -3,13 +3,13 @@
    bounds, names, fork, and what strangers may try. The test's own process is the server mostly. */
 #include "platform/mbx/mbx.h"
 #include "testkit/raw_peer.h"
+#include "util/local_socket.h"
 
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -25,19 +25,11 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
-static constexpr int patience_ms = 30000;
 static constexpr uint32_t hello = 1, numbered = 2;
-
-static bool readable(int fd, int timeout_ms = patience_ms)
-{
-    pollfd wanted{fd, POLLIN, 0};
-    return poll(&wanted, 1, timeout_ms) == 1;
-}
 
 /* A word to and from another process; the end of it counts as 0. */
 static void say(int fd, uint32_t word)
@@ -48,7 +40,7 @@ static void say(int fd, uint32_t word)
 static uint32_t hear(int fd)
 {
     uint32_t word = 0;
-    EXPECT_TRUE(readable(fd));
+    EXPECT_TRUE(is_readable(fd));
     return recv(fd, &word, sizeof(word), 0) == sizeof(word) ? word : 0;
 }
 
@@ -118,7 +110,7 @@ struct received {
 static received next()
 {
     mbx_signal *s = nullptr;
-    if (!readable(mbx_get_fd()) || !(s = mbx_receive(nullptr, 0, MBX_ANY_SENDER)))
+    if (!is_readable(mbx_get_fd()) || !(s = mbx_receive(nullptr, 0, MBX_ANY_SENDER)))
         throw std::runtime_error("nothing to receive");
     received r{s->number, mbx_sender(s), mbx_size(s), 0};
     if (r.size >= 8)
@@ -136,7 +128,7 @@ static void expect_notice(const received &r, uint32_t of)
 
 static void expect_nothing()
 {
-    EXPECT_FALSE(readable(mbx_get_fd(), 0));
+    EXPECT_FALSE(is_readable(mbx_get_fd(), 0));
     EXPECT_EQ(mbx_receive(nullptr, 0, MBX_ANY_SENDER), nullptr);
 }
 
@@ -155,6 +147,10 @@ struct mbx : testing::Test {
     {
         mbx_exit();
         std::filesystem::remove_all(std::filesystem::path(dir).parent_path());
+    }
+    owned_fd listen_at(const std::string &name, int backlog) const
+    {
+        return util::listen_at(dir + "/" + name, SOCK_SEQPACKET, 0600, getegid(), backlog);
     }
     std::string dir;
 };
@@ -184,16 +180,6 @@ struct client : actor {
 };
 
 } // namespace
-
-/* Connects, or binds, without the library, as anybody can who may open the socket. */
-static owned_fd raw_socket(const std::string &path, decltype(connect) *act = connect)
-{
-    owned_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address{AF_UNIX, {}};
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    EXPECT_EQ(act(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    return fd;
-}
 
 /* Greets as a client would. All the while there must be no signal for us. */
 static raw_peer raw_client(const std::string &path)
@@ -238,7 +224,7 @@ TEST_F(mbx, signals_arrive_whole_in_order_and_once)
 static void expect_end(raw_peer &peer)
 {
     char byte;
-    EXPECT_TRUE(readable(peer.control.get()));
+    EXPECT_TRUE(is_readable(peer.control.get()));
     EXPECT_LE(recv(peer.control.get(), &byte, 1, 0), 0) << "was not turned away";
 }
 
@@ -246,7 +232,7 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
 {
     join("server");
     const std::string path = dir + "/server";
-    const owned_fd silent = raw_socket(path);
+    const owned_fd silent = util::connect_to(path, SOCK_SEQPACKET);
     /* What may be done to a fresh connection, and to a greeted one. */
     const std::function<void(raw_peer & fresh, raw_peer & greeted)> acts[] = {
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "nonsense", 8, MSG_NOSIGNAL); },
@@ -276,7 +262,7 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
             }
             /* Another's greeting is answered when what came before it has been looked at. */
             raw_client(path);
-            EXPECT_FALSE(readable(mbx_get_fd(), 0)) << "act " << &act - acts;
+            EXPECT_FALSE(is_readable(mbx_get_fd(), 0)) << "act " << &act - acts;
         }
     /* What is too short for a number is a signal, too. */
     for (const std::string bytes : {"", "abc"}) {
@@ -287,45 +273,6 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
         EXPECT_EQ(r.number, bytes.empty() ? 0u : 0x636261u);
     }
     expect_nothing();
-}
-
-TEST_F(mbx, ready_mailboxes_are_served_in_turn_and_so_is_the_own)
-{
-    std::deque<client> clients;
-    for (int i = 0; i < 3; i++)
-        clients.emplace_back([](int line, uint32_t server) {
-            while (uint32_t count = hear(line)) {
-                for (uint32_t k = 0; k < count; k++)
-                    send_number(server, numbered, k);
-                say(line, 1);
-            }
-        });
-    const auto send_from = [](actor &a, uint32_t count) {
-        say(a.line.get(), count);
-        hear(a.line.get());
-    };
-    const uint32_t own = join("server"), flooder = clients[0].admit();
-    send_from(clients[0], 40);
-    for (int i = 0; i < 20; i++) { /* alone */
-        EXPECT_EQ(next().sender, flooder);
-        send_number(own, numbered);
-        EXPECT_NE(next().sender, next().sender);
-    }
-    clients[1].admit(), clients[2].admit();
-    send_from(clients[0], 500);
-    for (int i = 0; i < 20; i++) {
-        for (int k = 0; k < 5; k++)
-            EXPECT_EQ(next().sender, flooder);
-        /* Whoever has a few, from now on, waits for one signal of each other at most. */
-        send_from(clients[1], 3), send_from(clients[2], 3);
-        for (uint32_t k = 0; k < 3; k++)
-            send_number(own, numbered);
-        for (int k = 0; k < 3; k++) {
-            const std::set<uint32_t> senders{next().sender, next().sender, next().sender,
-                                             next().sender};
-            EXPECT_EQ(senders.size(), 4u) << "round " << i;
-        }
-    }
 }
 
 TEST_F(mbx, a_killed_mailbox_is_told_after_its_last_signal_though_a_child_of_it_lives)
@@ -424,8 +371,8 @@ TEST_F(mbx, a_signal_handler_may_send_to_the_own_mailbox_whatever_it_interrupts)
         done = true;
     });
     uint32_t got[3] = {};
-    while (!done || readable(mbx_get_fd(), 0))
-        if (readable(mbx_get_fd(), 10))
+    while (!done || is_readable(mbx_get_fd(), 0))
+        if (is_readable(mbx_get_fd(), 10))
             got[next().number]++;
     thrower.join();
     EXPECT_EQ(got[numbered], storm_sent);
@@ -434,25 +381,31 @@ TEST_F(mbx, a_signal_handler_may_send_to_the_own_mailbox_whatever_it_interrupts)
 
 TEST_F(mbx, who_never_reads_is_given_up_at_the_bound_and_misses_nothing_before_it)
 {
-    client a([](int line, uint32_t server) {
-        mbx_monitor(server, nullptr);
-        hear(line);
-        received r;
-        uint32_t expected = 0;
-        while ((r = next()).number == numbered)
-            EXPECT_EQ(r.value, expected++);
-        expect_notice(r, server);
-        EXPECT_GT(expected, 0u);
-    });
+    const auto never_read = [](bool monitors) {
+        return [monitors](int line, uint32_t server) {
+            if (monitors)
+                mbx_monitor(server, nullptr);
+            hear(line);
+            received r;
+            uint32_t expected = 0;
+            while ((r = next()).number == numbered)
+                EXPECT_EQ(r.value, expected++);
+            expect_notice(r, server);
+            EXPECT_GT(expected, 0u);
+        };
+    };
+    client clients[] = {client(never_read(true)), client(never_read(false))};
     join("server");
-    const uint32_t id = a.admit();
-    uint32_t sent = 0;
-    while (!readable(mbx_get_fd(), 0) && sent < 5000)
-        send_number(id, numbered, sent++, 40000);
-    expect_notice(next(), id);
-    EXPECT_GT(sent * 40000u, 7u << 20);
-    EXPECT_LE(sent * 40000u, 8u << 20);
-    say(a.line.get(), 1);
+    for (client &a : clients) {
+        const uint32_t id = a.admit();
+        uint32_t sent = 0;
+        while (!is_readable(mbx_get_fd(), 0) && sent < 5000)
+            send_number(id, numbered, sent++, 40000);
+        expect_notice(next(), id);
+        EXPECT_GT(sent * 40000u, 7u << 20);
+        EXPECT_LE(sent * 40000u, 8u << 20);
+        say(a.line.get(), 1);
+    }
 }
 
 TEST_F(mbx, of_many_that_take_a_dead_ones_name_over_one_gets_it)
@@ -490,12 +443,9 @@ TEST_F(mbx, of_many_that_take_a_dead_ones_name_over_one_gets_it)
 TEST_F(mbx, who_cannot_be_located_is_told_why)
 {
     join("server");
-    const owned_fd silent = raw_socket(dir + "/silent", ::bind),
-                   full = raw_socket(dir + "/full", ::bind);
-    raw_socket(dir + "/dead", ::bind);
-    listen(silent.get(), 5);
-    listen(full.get(), 0);
-    const owned_fd filler = raw_socket(dir + "/full");
+    const owned_fd silent = listen_at("silent", 5), full = listen_at("full", 0),
+                   filler = util::connect_to(dir + "/full", SOCK_SEQPACKET);
+    listen_at("dead", 5);
     setenv("MBX_LOCATE_MS", "50", 1);
     const std::string too_long(200, 'x');
     for (const std::string name :
@@ -530,7 +480,7 @@ TEST_F(mbx, of_two_connections_that_cross_one_survives)
 static size_t receive_all_from(uint32_t sender)
 {
     size_t count = 0;
-    for (; readable(mbx_get_fd(), 0); count++) {
+    for (; is_readable(mbx_get_fd(), 0); count++) {
         const received r = next();
         EXPECT_EQ(r.sender, sender);
         EXPECT_LE(r.size, MBX_LARGEST_SIGNAL);
@@ -664,35 +614,14 @@ TEST_F(mbx, a_peer_may_change_every_word_at_any_time)
 
 #endif
 
-TEST_F(mbx, a_client_that_does_not_monitor_its_server_is_told_of_its_end)
-{
-    client a([](int line, uint32_t server) {
-        hear(line);
-        received r;
-        uint32_t expected = 0;
-        while ((r = next()).number == numbered)
-            EXPECT_EQ(r.value, expected++);
-        expect_notice(r, server);
-    });
-    join("server");
-    const uint32_t id = a.admit();
-    for (uint32_t sent = 0; !readable(mbx_get_fd(), 0) && sent < 5000; sent++)
-        send_number(id, numbered, sent, 40000);
-    say(a.line.get(), 1);
-}
-
 #if !defined(__SANITIZE_ADDRESS__) &&                                                              \
     !defined(__SANITIZE_THREAD__) /* which take memory themselves */
 /* Memory that is really ours at the moment, in KiB. */
 static long resident()
 {
-    std::ifstream status("/proc/self/status");
-    std::string word;
-    while (status >> word && word != "VmRSS:") {
-    }
-    long kib = 0;
-    status >> kib;
-    return kib;
+    long size, pages;
+    std::ifstream("/proc/self/statm") >> size >> pages;
+    return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 TEST_F(mbx, full_rings_deaf_receivers_and_their_end_are_bounded_and_leave_nothing)
@@ -734,7 +663,7 @@ TEST_F(mbx, full_rings_deaf_receivers_and_their_end_are_bounded_and_leave_nothin
         }
     crowd.shoot();
     int count = 0;
-    while (readable(mbx_get_fd(), 300)) {
+    while (is_readable(mbx_get_fd(), 300)) {
         next();
         if (count++ % 100 == 0)
             most = std::max(most, resident());
@@ -806,9 +735,8 @@ struct audience {
     }
     void expect_signal(size_t place, uint32_t value)
     {
-        block *b = nullptr;
-        bool asks;
-        ASSERT_EQ(peers[place]->in.pop(b, asks), record_receiver::outcome::signal);
+        block *b = peers[place]->receive();
+        ASSERT_NE(b, nullptr);
         uint32_t got;
         memcpy(&got, b->signal() + 1, sizeof(got));
         EXPECT_EQ(got, value);
@@ -922,57 +850,29 @@ TEST_F(mbx, a_fan_out_wakes_each_receiver_once_with_and_without_io_uring)
     }
 }
 
-#ifdef MBX_OF_1_0_0
-namespace
-{
-
-/* The library of 1.0.0, beside ours. */
-struct old_library {
-    void *handle = dlopen(MBX_OF_1_0_0, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
-    template <typename function>
-    function *find(function *, const char *name)
-    {
-        return reinterpret_cast<function *>(dlsym(handle, name));
-    }
-    uint32_t join(const char *name)
-    {
-        EXPECT_EQ(find(mbx_init, "mbx_init")(5, 0, 0, 0, 0), 0);
-        return find(mbx_create_mailbox, "mbx_create_mailbox")(name, 0);
-    }
-};
-
-} // namespace
-
+/* The one before hangs up on our greeting. */
 TEST_F(mbx, of_two_wires_the_new_side_says_so_and_the_old_one_is_refused)
 {
-    setenv("MBX_LOCATE_MS", "1000", 1);
-    actor old_client([](int line) {
-        old_library old;
-        hear(line);
-        EXPECT_NE(old.join(nullptr), MBX_NO_MAILBOX);
-        EXPECT_EQ(old.find(mbx_locate, "mbx_locate")("server"), MBX_NO_MAILBOX);
-        say(line, static_cast<uint32_t>(errno));
-    });
-    actor old_server([](int line) {
-        old_library old;
-        hear(line);
-        EXPECT_NE(old.join("old"), MBX_NO_MAILBOX);
-        say(line, 1);
-        hear(line);
-    });
     join("server");
     testing::internal::CaptureStderr();
-    say(old_client.line.get(), 1);
-    EXPECT_EQ(hear(old_client.line.get()), uint32_t{ETIMEDOUT});
-    const std::string client_wire = testing::internal::GetCapturedStderr();
-    EXPECT_NE(client_wire.find("speaks the wire of libmbx 1.0.0"), std::string::npos);
-    say(old_server.line.get(), 1);
-    hear(old_server.line.get());
+    const uint32_t old_hello[6] = {0x3178626d, 1};
+    raw_peer old_client(dir + "/server");
+    send(old_client.control.get(), old_hello, sizeof(old_hello), 0);
+    expect_end(old_client);
+    const std::string of_client = testing::internal::GetCapturedStderr();
+    EXPECT_NE(of_client.find("speaks the wire of libmbx 1.0.0"), std::string::npos);
+
+    const owned_fd old_server = listen_at("old", 5);
+    std::thread hang_up([&] {
+        while (const owned_fd peer{accept(old_server.get(), nullptr, nullptr)})
+            hear(peer.get());
+    });
     testing::internal::CaptureStderr();
     EXPECT_EQ(mbx_locate("old"), MBX_NO_MAILBOX);
     EXPECT_EQ(errno, ETIMEDOUT);
-    const std::string server_wire = testing::internal::GetCapturedStderr();
-    EXPECT_NE(server_wire.find("libmbx 1.0.0"), std::string::npos);
+    const std::string of_server = testing::internal::GetCapturedStderr();
+    EXPECT_NE(of_server.find("libmbx 1.0.0"), std::string::npos);
+    shutdown(old_server.get(), SHUT_RDWR);
+    hang_up.join();
     expect_nothing();
 }
-#endif

@@ -27,7 +27,6 @@
 #include <vector>
 
 static constexpr char name[] = "fuzzed";
-static constexpr int patience_ms = 10000;
 static constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3};
 static constexpr uint32_t good_sizes = 5; /* the first ones, which hold a number */
 
@@ -61,16 +60,6 @@ static std::set<uint32_t> monitored, told;
 static uint32_t own, last_key;
 static std::string directory;
 
-static bool is_readable(int fd, int timeout_ms)
-{
-    pollfd wanted = {fd, POLLIN, 0};
-    int count;
-    do {
-        count = poll(&wanted, 1, timeout_ms); /* the fuzzer's alarm interrupts it */
-    } while (count == -1 && errno == EINTR);
-    return count == 1;
-}
-
 static stranger &one_who_is_there(fuzz_input &in)
 {
     stranger &s = strangers[in.byte() % strangers.size()];
@@ -100,8 +89,8 @@ static void greet(fuzz_input &in)
     send_greeting(s.peer->control.get(), kind, {how % 16 == 0 ? 1 : s.key, 0});
     if (how % 8 == 1 || greeted)
         return;
-    assert(is_readable(s.peer->control.get(), patience_ms));
-    s.peer->take_answer(patience_ms);
+    assert(is_readable(s.peer->control.get()));
+    s.peer->take_answer();
 }
 
 static uint32_t next_number(uint32_t key, uint32_t size_index)
@@ -288,7 +277,7 @@ static void be_a_client()
 
 static uint32_t await_one()
 {
-    assert(is_readable(mbx_get_fd(), patience_ms));
+    assert(is_readable(mbx_get_fd()));
     return receive_one();
 }
 
