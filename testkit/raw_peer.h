@@ -30,6 +30,35 @@ inline bool is_readable(int fd, int timeout_ms = patience_ms)
     return count == 1;
 }
 
+/* Passes up to eight descriptors with a message of one byte. Returns as sendmsg does. */
+inline ssize_t pass_fds(int socket, std::initializer_list<int> fds)
+{
+    union {
+        cmsghdr header;
+        char room[CMSG_SPACE(8 * sizeof(int))];
+    } buffer{};
+    char byte = 'r';
+    iovec data{&byte, 1};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = &buffer;
+    message.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
+    buffer.header.cmsg_level = SOL_SOCKET;
+    buffer.header.cmsg_type = SCM_RIGHTS;
+    buffer.header.cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+    std::memcpy(CMSG_DATA(&buffer.header), fds.begin(), fds.size() * sizeof(int));
+    return sendmsg(socket, &message, MSG_NOSIGNAL);
+}
+
+/* The next signal, or null. The caller gives the block back. */
+inline block *receive_block(record_receiver &in)
+{
+    block *b = nullptr;
+    bool asks;
+    return in.pop(b, asks) == record_receiver::outcome::signal ? b : nullptr;
+}
+
 struct raw_peer {
     owned_fd control;
     std::shared_ptr<mapped_area> area;
@@ -78,13 +107,6 @@ struct raw_peer {
             ring();
         return result;
     }
-    /* The next signal, or null. The caller gives the block back. */
-    block *receive()
-    {
-        block *b = nullptr;
-        bool asks;
-        return in.pop(b, asks) == record_receiver::outcome::signal ? b : nullptr;
-    }
     void ring()
     {
         ring_bell(far_bell.get());
@@ -98,23 +120,8 @@ struct raw_peer {
     {
         return *area->ring(1).words;
     }
-    /* Passes descriptors with a message of one byte. Returns as sendmsg does. */
-    ssize_t pass(std::initializer_list<int> fds, std::string_view bytes = "r")
+    ssize_t pass(std::initializer_list<int> fds)
     {
-        union {
-            cmsghdr header;
-            char room[CMSG_SPACE(8 * sizeof(int))];
-        } buffer{};
-        iovec data{const_cast<char *>(bytes.data()), bytes.size()};
-        msghdr message{};
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = &buffer;
-        message.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
-        buffer.header.cmsg_level = SOL_SOCKET;
-        buffer.header.cmsg_type = SCM_RIGHTS;
-        buffer.header.cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
-        std::memcpy(CMSG_DATA(&buffer.header), fds.begin(), fds.size() * sizeof(int));
-        return sendmsg(control.get(), &message, MSG_NOSIGNAL);
+        return pass_fds(control.get(), fds);
     }
 };

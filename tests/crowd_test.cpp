@@ -77,7 +77,7 @@ struct stranger : raw_peer {
     uint32_t receive()
     {
         block *b;
-        while ((b = raw_peer::receive()) == nullptr)
+        while ((b = receive_block(in)) == nullptr)
             std::this_thread::yield();
         return ntohl(reinterpret_cast<uint32_t *>(b->signal())[2]);
     }

@@ -735,7 +735,7 @@ struct audience {
     }
     void expect_signal(size_t place, uint32_t value)
     {
-        block *b = peers[place]->receive();
+        block *b = receive_block(peers[place]->in);
         ASSERT_NE(b, nullptr);
         uint32_t got;
         memcpy(&got, b->signal() + 1, sizeof(got));
