@@ -132,125 +132,91 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
     }
 }
 
+template <auto wrapper>
+static uint32_t call(uint32_t port_no)
+{
+    return static_cast<uint32_t>(wrapper(port_no));
+}
+
 TEST_F(hardware, each_wrapper_traces_each_result_with_its_own_texts)
 {
     static const struct {
-        const char *call;
+        std::string call, name, blank; /* the last two in traces of failures, before "(" */
         uint32_t (*wrapper)(uint32_t port_no);
+        std::string function,
+            state; /* traced with each result, or, without state, with a good one */
         uint32_t good, unknown_port, failed;
-        std::string course, unknown_text, failed_text;
     } cases[] = {
-        {"getportstatus", [](uint32_t port) { return uint32_t{get_dolm_sfp_presence(port)}; },
-         SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN,
-         "get_dolm_sfp_presence(): dolm_ric_ri_getportstatus resulted with %d and port_status %u",
-         "ABN: dolm_ric_ri_getportstatus: port 1(dolm_ric_id 131073)",
-         "dolm_ric_ri_getportstatus: port 1(dolm_ric_id 131073)"},
-        {"subsport", [](uint32_t port) { return uint32_t{subscribe_sfp_info(port)}; },
-         SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN,
-         "subscribe_sfp_info(): dolm_ric_ri_subsport resulted with %d and port_status %u",
-         "ABN: dolm_ric_ri_portstatus: port 1 (dolm_ric_id 131073)",
-         "dolm_ric_ri_portstatus: port 1(dolm_ric_id 131073)"},
-        {"subslink",
-         [](uint32_t port) { return static_cast<uint32_t>(subscribe_port_status(port)); }, 0, 1, 1,
-         "subscribe_port_status(): dolm_ric_ri_subslink resulted with %d and link_status %u",
-         "ABN: dolm_ric_ri_subslink: port 1 (dolm_ric_id 131073)",
-         "dolm_ric_ri_subslink: port 1(dolm_ric_id 131073)"},
-        {"unsubsport",
-         [](uint32_t port) { return static_cast<uint32_t>(unsubscribe_sfp_info(port)); }, 0, 1, 1,
-         "unsubscribe_sfp_info(): successfully unsubscribed from port 1",
-         "ABN: dolm_ric_ri_unsubsport: port 1(dolm_ric_id 131073)",
-         "dolm_ric_ri_unsubsport: port 1(dolm_ric_id 131073)"},
-        {"unsubslink",
-         [](uint32_t port) { return static_cast<uint32_t>(unsubscribe_port_status(port)); }, 0, 1,
-         1, "unsubscribe_port_status(): successfully unsubscribed from port 1",
-         "ABN: dolm_ric_ri_unsubslink: port 1(dolm_ric_id 131073)",
-         "dolm_ric_ri_unsubslink: port 1(dolm_ric_id 131073)"},
+        {"getportstatus", "getportstatus", "", call<get_dolm_sfp_presence>, "get_dolm_sfp_presence",
+         "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN},
+        {"subsport", "portstatus", " ", call<subscribe_sfp_info>, "subscribe_sfp_info",
+         "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN},
+        {"subslink", "subslink", " ", call<subscribe_port_status>, "subscribe_port_status",
+         "link_status", 0, 1, 1},
+        {"unsubsport", "unsubsport", "", call<unsubscribe_sfp_info>, "unsubscribe_sfp_info", "", 0,
+         1, 1},
+        {"unsubslink", "unsubslink", "", call<unsubscribe_port_status>, "unsubscribe_port_status",
+         "", 0, 1, 1},
     };
     ports[1].status = 0x8;
     ports[1].link_state = 8;
-    for (const auto &wrapped : cases) {
-        const bool always = wrapped.course.find('%') != std::string::npos;
+    for (const auto &wrapped : cases)
         for (int32_t code : {0, -3, -8}) {
             fake_platform::failing = {{wrapped.call, code}};
             trace({1, 4, 12});
-            const uint32_t result = wrapped.wrapper(1);
-            EXPECT_EQ(result, code == 0    ? wrapped.good
-                              : code == -3 ? wrapped.unknown_port
-                                           : wrapped.failed);
-            log expected = {std::string(wrapped.call) + " 0x20001"};
-            if (always || code == 0) {
-                char course[120];
-                // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): both formats stand above
-                snprintf(course, sizeof(course), wrapped.course.c_str(), code, code == 0 ? 8u : 0u);
-                expected.push_back(std::string("[12] ") + course);
-            }
+            EXPECT_EQ(wrapped.wrapper(1), code == 0    ? wrapped.good
+                                          : code == -3 ? wrapped.unknown_port
+                                                       : wrapped.failed);
+            log expected = {wrapped.call + " 0x20001"};
+            if (!wrapped.state.empty())
+                expected.push_back("[12] " + wrapped.function + "(): dolm_ric_ri_" + wrapped.call +
+                                   " resulted with " + std::to_string(code) + " and " +
+                                   wrapped.state + (code == 0 ? " 8" : " 0"));
+            else if (code == 0)
+                expected.push_back("[12] " + wrapped.function +
+                                   "(): successfully unsubscribed from port 1");
+            const std::string name = "dolm_ric_ri_" + wrapped.name + ": port 1",
+                              id = "(dolm_ric_id 131073), ";
             if (code == -3)
-                expected.push_back("[4] " + wrapped.unknown_text +
-                                   ", -3 (no device (e.g. port ID is unknown))");
+                expected.push_back("[4] ABN: " + name + wrapped.blank + id +
+                                   "-3 (no device (e.g. port ID is unknown))");
             if (code == -8)
-                expected.push_back("[1] " + wrapped.failed_text + ", -8 (resource busy)");
+                expected.push_back("[1] " + name + id + "-8 (resource busy)");
             EXPECT_EQ(fake_platform::take_log(), expected);
         }
-    }
 }
 
-TEST_F(hardware, each_value_has_its_text)
+/* The other texts are in the traces of failing calls. */
+TEST_F(hardware, a_value_without_a_meaning_has_a_text)
 {
-    static const char *const unknown = "unknown ric error code";
-    static const std::map<int32_t, std::string> results = {
-        {1, unknown},
-        {0, "no error"},
-        {-1, "invalid parameter(s)"},
-        {-2, "no memory"},
-        {-3, "no device (e.g. port ID is unknown)"},
-        {-4, "not available (e.g. SFP EEPROM is not available)"},
-        {-5, unknown},
-        {-6, "unsupported operation"},
-        {-7, unknown},
-        {-8, "resource busy"},
-        {-9, unknown},
-        {-10, "interface shutdown"},
-        {-11, "internal error"},
-        {-12, unknown}};
-    for (const auto &[result, text] : results)
-        EXPECT_EQ(dolm_ric_result_text(result), text) << result;
-    static const char *const presences[] = {"SFP_NOT_PRESENT",       "SFP_PRESENT_NOT_READY",
-                                            "SFP_PRESENT_AND_READY", "SFP_UNKNOWN",
-                                            "UNSUPPORTED_PORT",      "UNSUPPORTED_SFP_PRESENCE"};
-    for (uint32_t presence = 0; presence < std::size(presences); presence++)
-        EXPECT_STREQ(tesk_sfp_presence_str(presence), presences[presence]);
-    static const char *const states[] = {"PORTSTATE_UP", "PORTSTATE_DOWN", "PORTSTATE_UNKNOWN",
-                                         "UNSUPPORTED_STATE"};
-    for (uint32_t state = 0; state < std::size(states); state++)
-        EXPECT_STREQ(tesk_port_state_str(state), states[state]);
+    EXPECT_STREQ(dolm_ric_result_text(0), "no error");
+    for (int32_t result : {1, -5, -7, -9, -12})
+        EXPECT_STREQ(dolm_ric_result_text(result), "unknown ric error code") << result;
+    EXPECT_STREQ(tesk_sfp_presence_str(UNSUPPORTED_PORT), "UNSUPPORTED_PORT");
+    EXPECT_STREQ(tesk_sfp_presence_str(5), "UNSUPPORTED_SFP_PRESENCE");
 }
 
 TEST_F(hardware, a_value_that_could_not_be_read_keeps_its_start_value)
 {
     static const struct {
-        const char *call;
+        std::string call;
         int32_t code;
         uint32_t conn, type, level, env;
-        const char *last_line;
+        std::string last_line;
     } cases[] = {
-        {"getlinkstatus", -8, 1, 3, 5, 5,
-         "[1] dolm_ric_ri_getlinkstatus failed, for port 1 (dolm_ric_id 131073), err=resource "
-         "busy"},
-        {"getlinkstatus", -3, 1, 3, 5, 5,
-         "[1] dolm_ric_ri_getlinkstatus failed, for port 1 (dolm_ric_id 131073), err=no device "
-         "(e.g. port ID is unknown)"},
-        {"getmoduleinfo", -1, 2, 3, 5, 5,
-         "[1] dolm_ric_ri_getmoduleinfo: -1 (invalid parameter(s))"},
-        {"getmoduleinfo", -3, 2, 3, 5, 5,
-         "[4] dolm_ric_ri_getmoduleinfo: -3 (no device (e.g. port ID is unknown))"},
-        {"getmoduleinfo", -4, 2, 1, 0, 1, "getmodstatus 0x20001"},
-        {"getmoduleinfo", -6, 2, 3, 5, 5,
-         "[4] dolm_ric_ri_getmoduleinfo: -6 (unsupported operation)"},
-        {"getmodulediag", -11, 2, 2, 5, 5, "[1] dolm_ric_ri_getmodulediag: -11 (internal error)"},
-        {"getmodulediag", -4, 2, 2, 5, 5,
-         "[4] dolm_ric_ri_getmodulediag: -4 (not available (e.g. SFP EEPROM is not available))"},
-        {"getmodstatus", -2, 2, 2, 0, 5,
-         "[1] dolm_ric_ri_getmodstatus failed, for port 1 (dolm_ric_id 131073), err=no memory"},
+        {"linkstatus", -8, 1, 3, 5, 5,
+         "[1]@ failed, for port 1 (dolm_ric_id 131073), err=resource busy"},
+        {"linkstatus", -3, 1, 3, 5, 5,
+         "[1]@ failed, for port 1 (dolm_ric_id 131073), err=no device (e.g. port ID is unknown)"},
+        {"moduleinfo", -1, 2, 3, 5, 5, "[1]@: -1 (invalid parameter(s))"},
+        {"moduleinfo", -3, 2, 3, 5, 5, "[4]@: -3 (no device (e.g. port ID is unknown))"},
+        {"moduleinfo", -4, 2, 1, 0, 1, "getmodstatus 0x20001"},
+        {"moduleinfo", -6, 2, 3, 5, 5, "[4]@: -6 (unsupported operation)"},
+        {"modulediag", -11, 2, 2, 5, 5, "[1]@: -11 (internal error)"},
+        {"modulediag", -4, 2, 2, 5, 5,
+         "[4]@: -4 (not available (e.g. SFP EEPROM is not available))"},
+        {"modstatus", -2, 2, 2, 0, 5,
+         "[1]@ failed, for port 1 (dolm_ric_id 131073), err=no memory"},
     };
     ports[1].link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
     ports[1].speed = 0x0004; /* an unknown code, so the speed is 0 */
@@ -261,44 +227,39 @@ TEST_F(hardware, a_value_that_could_not_be_read_keeps_its_start_value)
     ports[1].diag.txbias_high_warn = ports[1].diag.txbias_high_alarm = 9;
     for (const auto &failure : cases) {
         tesk_port_info info;
-        fake_platform::failing = {{failure.call, failure.code}};
+        fake_platform::failing = {{"get" + failure.call, failure.code}};
         trace({1, 4});
         get_port_info(1, &info);
         EXPECT_EQ((std::array{info.conn_status, info.sfp_type, info.link_speed,
                               info.tx_bias_fault_level, info.env_status}),
                   (std::array{failure.conn, failure.type, 0u, failure.level, failure.env}));
-        EXPECT_EQ(fake_platform::take_log().back(), failure.last_line);
+        std::string last_line = failure.last_line;
+        if (const size_t at = last_line.find('@'); at != last_line.npos)
+            last_line.replace(at, 1, " dolm_ric_ri_get" + failure.call);
+        EXPECT_EQ(fake_platform::take_log().back(), last_line);
     }
 }
 
 TEST_F(hardware, a_module_is_read_only_if_one_can_be_expected)
 {
-    static const char *const read = "getmoduleinfo 0x20001";
     static const struct {
         uint32_t presence;
         int32_t code;
         uint32_t mode, result, type;
-        log traces;
+        bool is_read;
+        const char *trace = nullptr;
     } cases[] = {
-        {SFP_NOT_PRESENT, 0, 1, SFP_NOT_PRESENT, 0, {}},
-        {SFP_PRESENT_NOT_READY, 0, 1, SFP_NOT_PRESENT, 0, {}},
-        {UNSUPPORTED_PORT, 0, 1, SFP_NOT_PRESENT, 0, {}},
-        {SFP_UNKNOWN, 0, 1, SFP_PRESENT_AND_READY, 3, {read}},
-        {SFP_PRESENT_AND_READY, 0, 1, SFP_PRESENT_AND_READY, 3, {read}},
-        {SFP_PRESENT_AND_READY,
-         0,
-         2,
-         SFP_PRESENT_AND_READY,
-         1,
-         {read, "[4] dolm_ric_ri_getmoduleinfo returned result 0 with mode_type 2!"}},
-        {SFP_PRESENT_AND_READY, -3, 1, UNSUPPORTED_PORT, 0, {read}},
-        {SFP_PRESENT_AND_READY, -4, 1, SFP_NOT_PRESENT, 0, {read}},
-        {SFP_UNKNOWN,
-         -8,
-         1,
-         SFP_UNKNOWN,
-         0,
-         {read, "[4] WARNING: dolm_ric_ri_getmoduleinfo returned result -8!"}},
+        {SFP_NOT_PRESENT, 0, 1, SFP_NOT_PRESENT, 0, false},
+        {SFP_PRESENT_NOT_READY, 0, 1, SFP_NOT_PRESENT, 0, false},
+        {UNSUPPORTED_PORT, 0, 1, SFP_NOT_PRESENT, 0, false},
+        {SFP_UNKNOWN, 0, 1, SFP_PRESENT_AND_READY, 3, true},
+        {SFP_PRESENT_AND_READY, 0, 1, SFP_PRESENT_AND_READY, 3, true},
+        {SFP_PRESENT_AND_READY, 0, 2, SFP_PRESENT_AND_READY, 1, true,
+         "[4] dolm_ric_ri_getmoduleinfo returned result 0 with mode_type 2!"},
+        {SFP_PRESENT_AND_READY, -3, 1, UNSUPPORTED_PORT, 0, true},
+        {SFP_PRESENT_AND_READY, -4, 1, SFP_NOT_PRESENT, 0, true},
+        {SFP_UNKNOWN, -8, 1, SFP_UNKNOWN, 0, true,
+         "[4] WARNING: dolm_ric_ri_getmoduleinfo returned result -8!"},
     };
     for (const auto &row : cases) {
         tesk_sfp_info info = {};
@@ -308,7 +269,10 @@ TEST_F(hardware, a_module_is_read_only_if_one_can_be_expected)
         trace({1, 4});
         EXPECT_EQ(get_sfp_info(1, row.presence, &info), row.result);
         EXPECT_EQ(info.type, row.type);
-        EXPECT_EQ(fake_platform::take_log(), row.traces);
+        log expected(row.is_read ? 1 : 0, "getmoduleinfo 0x20001");
+        if (row.trace != nullptr)
+            expected.emplace_back(row.trace);
+        EXPECT_EQ(fake_platform::take_log(), expected);
     }
 }
 
