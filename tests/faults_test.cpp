@@ -21,13 +21,7 @@
 static constexpr int failed_start = 242, bad_lock = 255, bad_unlock = 254, bad_source = 255;
 
 enum class phase { starting, serving, ending };
-
-struct sweep {
-    std::vector<const char *> calls;
-    bool by_program_only;
-    phase when;
-    std::vector<int> ends; /* exit statuses, and minus the signals, that may follow */
-};
+enum class made_by { program, anybody };
 
 class faults : public testing::Test
 {
@@ -76,8 +70,7 @@ class faults : public testing::Test
     }
 
     /* As far as the server lets it; only silence is a fault. */
-    template <typename act>
-    static void attempt(const act &perform)
+    static void attempt(const auto &perform)
     {
         try {
             perform();
@@ -116,9 +109,8 @@ class faults : public testing::Test
             });
     }
 
-    /* The server has no more descriptors than before (fewer, when those who looked for it were not
-       forgotten yet), and of the board no subscription; but a
-       share that the board refused to take back for good stays. Throws if the server is gone. */
+    /* No more descriptors than before (fewer, when those who looked for it were not forgotten
+       yet), and no subscription but one that the board refused to end. Throws if it is gone. */
     void expect_nothing_kept(pid_t server, size_t descriptors)
     {
         const bool refused = strncmp(plan->call, "dolm_ric_ri_unsubs", 18) == 0 && plan->nth != 0 &&
@@ -144,13 +136,13 @@ class faults : public testing::Test
         return error.what();
     }
 
-    int run(const char *call, uint32_t nth, const sweep &what)
+    int run(const char *call, uint32_t nth, phase when, made_by caller)
     {
         strncpy(plan->call, call, sizeof(plan->call) - 1);
         plan->nth = nth;
-        plan->by_program_only = what.by_program_only;
+        plan->by_program_only = caller == made_by::program;
         plan->seen = 0;
-        plan->armed = what.when == phase::starting;
+        plan->armed = when == phase::starting;
         said.clear();
         traces = open(traces_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         const pid_t server = testkit::start({TESK_BIN_DIR "/tesk-server"},
@@ -160,12 +152,12 @@ class faults : public testing::Test
         std::string trouble;
         if (await_trace("TESK server started!")) {
             /* An answer of the board: its thread has made its own first allocations by then. */
-            if (what.when == phase::serving)
+            if (when == phase::serving)
                 testkit::board("board");
-            plan->armed = what.when == phase::serving;
-            if (what.when != phase::starting)
+            plan->armed = when == phase::serving;
+            if (when != phase::starting)
                 trouble = serve_and_look(server);
-            plan->armed = what.when == phase::ending;
+            plan->armed = when == phase::ending;
             kill(server, SIGTERM);
         }
         const int end = testkit::wait_for_end(server);
@@ -182,92 +174,76 @@ class faults : public testing::Test
             EXPECT_TRUE(std::filesystem::is_empty(directory.path + "/mbx"));
             EXPECT_FALSE(std::filesystem::exists(directory.path + "/board.sock"));
         } else
-            EXPECT_EQ(run("none", 0, {{}, false, phase::starting, {}}), 0);
+            EXPECT_EQ(run("none", 0, phase::starting, made_by::anybody), 0);
     }
 
-    /* Lets the first call fail, then the second, and so on. */
-    void try_every(const char *call, const sweep &what)
+    /* Lets the first call fail, then the second, and so on. `ends` are the exit statuses, and minus
+       the signals, that may follow. */
+    void try_every(const char *call, phase when, made_by caller, const std::vector<int> &ends)
     {
-        ASSERT_EQ(run(call, 0, what), 0) << call;
+        ASSERT_EQ(run(call, 0, when, caller), 0) << call;
         const uint32_t count = plan->seen;
         EXPECT_GT(count, 0u) << call;
         for (uint32_t nth = 1; nth <= count; nth++) {
             SCOPED_TRACE(std::string(call) + ", call " + std::to_string(nth));
-            const int end = run(call, nth, what);
+            const int end = run(call, nth, when, caller);
             /* A run may get by with a call less than the one before. */
             if (plan->seen < nth)
                 EXPECT_EQ(end, 0);
             else
-                EXPECT_EQ(std::count(what.ends.begin(), what.ends.end(), end), 1) << end;
+                EXPECT_EQ(std::count(ends.begin(), ends.end(), end), 1) << end;
             expect_a_way_back(end);
         }
     }
 
-    void try_all(const std::vector<sweep> &sweeps)
+    void try_all(phase when, made_by caller, const std::vector<int> &ends,
+                 const std::vector<const char *> &calls)
     {
-        for (const sweep &what : sweeps)
-            for (const char *call : what.calls)
-                try_every(call, what);
+        for (const char *call : calls)
+            try_every(call, when, caller, ends);
     }
 };
 
 TEST_F(faults, a_start_that_fails_says_so_with_its_status)
 {
-    try_all({
-        {{"mbx_init", "zel_init", "mbx_create_mailbox", "eventfd", "dolm_ric_init",
-          "pthread_create", "epoll_create1"},
-         true,
-         phase::starting,
-         {failed_start}},
-        {{"mbx_get_fd", "epoll_ctl"}, true, phase::starting, {bad_source}},
-        {{"tmo_service_init"}, true, phase::starting, {0}},
-    });
+    try_all(phase::starting, made_by::program, {failed_start},
+            {"mbx_init", "zel_init", "mbx_create_mailbox", "eventfd", "dolm_ric_init",
+             "pthread_create", "epoll_create1"});
+    try_all(phase::starting, made_by::program, {bad_source}, {"mbx_get_fd", "epoll_ctl"});
+    try_all(phase::starting, made_by::program, {0}, {"tmo_service_init"});
 }
 
 TEST_F(faults, a_start_on_failing_libraries_ends_or_goes_on)
 {
-    try_all({
-        {{"pthread_create", "eventfd", "epoll_create1", "open", "socket", "bind", "listen"},
-         false,
-         phase::starting,
-         {0, failed_start}},
-        {{"epoll_ctl"}, false, phase::starting, {0, failed_start, bad_source}},
-        {{"timerfd_create"}, false, phase::starting, {0}},
-        {{"malloc"}, false, phase::starting, {0, failed_start, -SIGABRT, -SIGTRAP}},
-    });
+    try_all(phase::starting, made_by::anybody, {0, failed_start},
+            {"pthread_create", "eventfd", "epoll_create1", "open", "socket", "bind", "listen"});
+    try_all(phase::starting, made_by::anybody, {0, failed_start, bad_source}, {"epoll_ctl"});
+    try_all(phase::starting, made_by::anybody, {0}, {"timerfd_create"});
+    try_all(phase::starting, made_by::anybody, {0, failed_start, -SIGABRT, -SIGTRAP}, {"malloc"});
 }
 
 TEST_F(faults, procedures_survive_or_end_the_process_as_described)
 {
-    try_all({
-        {{"calloc", "epoll_wait", "read", "write", "dolm_ric_waitevent", "dolm_ric_freeevent",
-          "dolm_ric_ri_subsport", "dolm_ric_ri_unsubsport", "dolm_ric_ri_subslink",
-          "dolm_ric_ri_unsubslink", "dolm_ric_ri_getportstatus", "dolm_ric_ri_getlinkstatus",
-          "dolm_ric_ri_getmoduleinfo", "dolm_ric_ri_getmodstatus", "dolm_ric_ri_getmodulediag"},
-         true,
-         phase::serving,
-         {0}},
-        {{"malloc"}, true, phase::serving, {0, -SIGABRT}},
-        {{"pthread_mutex_lock"}, true, phase::serving, {bad_lock}},
-        {{"pthread_mutex_unlock"}, true, phase::serving, {bad_unlock}},
-        {{"epoll_ctl", "epoll_wait", "accept4", "memfd_create", "ftruncate", "eventfd",
-          "setsockopt", "sendmsg", "recvmsg"},
-         false,
-         phase::serving,
-         {0}},
-        {{"malloc", "realloc", "mmap"}, false, phase::serving, {0, -SIGABRT, -SIGTRAP}},
-    });
+    try_all(phase::serving, made_by::program, {0},
+            {"calloc", "epoll_wait", "read", "write", "dolm_ric_waitevent", "dolm_ric_freeevent",
+             "dolm_ric_ri_subsport", "dolm_ric_ri_unsubsport", "dolm_ric_ri_subslink",
+             "dolm_ric_ri_unsubslink", "dolm_ric_ri_getportstatus", "dolm_ric_ri_getlinkstatus",
+             "dolm_ric_ri_getmoduleinfo", "dolm_ric_ri_getmodstatus", "dolm_ric_ri_getmodulediag"});
+    try_all(phase::serving, made_by::program, {0, -SIGABRT}, {"malloc"});
+    try_all(phase::serving, made_by::program, {bad_lock}, {"pthread_mutex_lock"});
+    try_all(phase::serving, made_by::program, {bad_unlock}, {"pthread_mutex_unlock"});
+    try_all(phase::serving, made_by::anybody, {0},
+            {"epoll_ctl", "epoll_wait", "accept4", "memfd_create", "ftruncate", "eventfd",
+             "setsockopt", "sendmsg", "recvmsg"});
+    try_all(phase::serving, made_by::anybody, {0, -SIGABRT, -SIGTRAP},
+            {"malloc", "realloc", "mmap"});
 }
 
 TEST_F(faults, the_end_is_orderly_or_tells_what_broke)
 {
-    try_all({
-        {{"pthread_mutex_lock"}, true, phase::ending, {bad_lock}},
-        {{"pthread_mutex_unlock"}, true, phase::ending, {bad_unlock}},
-        {{"epoll_wait", "dolm_ric_shutdown", "dolm_ric_freeevent", "pthread_join"},
-         true,
-         phase::ending,
-         {0}},
-        {{"malloc"}, false, phase::ending, {0, -SIGABRT, -SIGTRAP}},
-    });
+    try_all(phase::ending, made_by::program, {bad_lock}, {"pthread_mutex_lock"});
+    try_all(phase::ending, made_by::program, {bad_unlock}, {"pthread_mutex_unlock"});
+    try_all(phase::ending, made_by::program, {0},
+            {"epoll_wait", "dolm_ric_shutdown", "dolm_ric_freeevent", "pthread_join"});
+    try_all(phase::ending, made_by::anybody, {0, -SIGABRT, -SIGTRAP}, {"malloc"});
 }
