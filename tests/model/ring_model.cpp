@@ -8,11 +8,10 @@
    before the ring.
 
    `ring_model` checks the orders that ship; `ring_model NAME` the same with one order weakened, and
-   fails if the checker finds nothing wrong. Names: see `weakened` below. */
+   fails if the checker finds nothing wrong. Names: see `names` below. */
 #include "platform/mbx/mbx_ring.h"
 
 #include <cstring>
-#include <map>
 #include <relacy/relacy.hpp>
 #include <string>
 
@@ -28,21 +27,15 @@ static constexpr uint32_t slots = 4; /* the ring's capacity */
 static constexpr uint32_t signals = 6;
 static constexpr int iterations = 30000;
 
+/* The two enumerations have the same members in the same order. */
 static constexpr rl::memory_order translate(std::memory_order order)
 {
-    switch (order) {
-    case std::memory_order_acquire:
-        return rl::mo_acquire;
-    case std::memory_order_release:
-        return rl::mo_release;
-    case std::memory_order_acq_rel:
-        return rl::mo_acq_rel;
-    case std::memory_order_seq_cst:
-        return rl::mo_seq_cst;
-    default:
-        return rl::mo_relaxed;
-    }
+    return static_cast<rl::memory_order>(order);
 }
+static_assert(translate(std::memory_order_relaxed) == rl::mo_relaxed &&
+              translate(std::memory_order_acquire) == rl::mo_acquire &&
+              translate(std::memory_order_release) == rl::mo_release &&
+              translate(std::memory_order_seq_cst) == rl::mo_seq_cst);
 
 namespace
 {
@@ -70,31 +63,7 @@ struct checked_atomics {
     }
 };
 
-/* What the kernel does for a bell. */
-class bell
-{
-  public:
-    void ring()
-    {
-        lock_.lock($);
-        count_++;
-        rung_.notify_one($);
-        lock_.unlock($);
-    }
-    void await()
-    {
-        lock_.lock($);
-        while (count_ == 0)
-            rung_.wait(lock_, $);
-        count_--;
-        lock_.unlock($);
-    }
-
-  private:
-    rl::mutex lock_;
-    rl::condition_variable_any rung_;
-    int count_ = 0;
-};
+using bell = rl::semaphore<struct of_the_ring>;
 
 template <typename orders>
 struct ring_test : rl::test_suite<ring_test<orders>, 2> {
@@ -106,6 +75,13 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
     {
         for (auto *word : {&words.head, &words.armed, &words.tail, &words.hungry})
             word->store(0, rl::mo_relaxed, $);
+        for (bell *one : {&to_receiver, &to_sender})
+            one->init(false, 0, 2 * signals, $);
+    }
+    void after()
+    {
+        for (bell *one : {&to_receiver, &to_sender})
+            one->deinit($);
     }
 
     void send()
@@ -114,10 +90,10 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
         for (uint32_t i = 1; i <= signals; i++) {
             while (!ring.has_room(slot_bytes))
                 if (ring.wait_for_room())
-                    to_sender.await();
+                    to_sender.wait(false, false, $);
             data[ring.position() / slot_bytes % slots]($) = i;
             if (ring.publish(slot_bytes))
-                to_receiver.ring();
+                to_receiver.signal($);
         }
     }
 
@@ -127,7 +103,7 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
         bool rests = ring.rest();
         for (uint32_t i = 1; i <= signals; i++) {
             if (rests)
-                to_receiver.await();
+                to_receiver.wait(false, false, $);
             const uint32_t there = ring.available();
             RL_ASSERT(there >= slot_bytes && there <= slots * slot_bytes);
             const uint32_t got = data[ring.position() / slot_bytes % slots]($);
@@ -136,7 +112,7 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
             const bool is_empty = ring.available() == 0;
             rests = is_empty && i < signals && ring.rest();
             if ((asks || is_empty) && ring.has_hungry_sender())
-                to_sender.ring();
+                to_sender.signal($);
         }
     }
 
@@ -146,48 +122,49 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
     }
 };
 
+/* ring_orders with one of them, by its index in `names`, or none weakened. */
+template <int weakened>
+struct weakened_orders {
+    static constexpr std::memory_order pick(int index, std::memory_order order)
+    {
+        return index == weakened ? std::memory_order_relaxed : order;
+    }
+    static constexpr auto publish = pick(0, ring_orders::publish),
+                          find = pick(1, ring_orders::find),
+                          release = pick(2, ring_orders::release),
+                          reuse = pick(3, ring_orders::reuse),
+                          before_armed = pick(4, ring_orders::before_armed),
+                          before_resting = pick(5, ring_orders::before_resting),
+                          before_waiting = pick(6, ring_orders::before_waiting);
+};
+
 } // namespace
 
-/* The name, and the orders with that one weakened. */
-#define WEAKENED(order)                                                                            \
-    struct without_##order : ring_orders {                                                         \
-        static constexpr auto order = std::memory_order_relaxed;                                   \
-    }
-WEAKENED(publish);
-WEAKENED(find);
-WEAKENED(release);
-WEAKENED(reuse);
-WEAKENED(before_armed);
-WEAKENED(before_resting);
-WEAKENED(before_waiting);
+static constexpr const char *names[] = {"publish",      "find",           "release",       "reuse",
+                                        "before_armed", "before_resting", "before_waiting"};
 
-template <typename orders>
+template <int weakened>
 static bool is_right()
 {
     rl::test_params params;
     params.iteration_count = iterations;
     params.search_type = rl::random_scheduler_type;
-    return rl::simulate<ring_test<orders>>(params);
+    return rl::simulate<ring_test<weakened_orders<weakened>>>(params);
 }
 
-static const std::map<std::string, bool (*)()> weakened = {
-    {"publish", is_right<without_publish>},
-    {"find", is_right<without_find>},
-    {"release", is_right<without_release>},
-    {"reuse", is_right<without_reuse>},
-    {"before_armed", is_right<without_before_armed>},
-    {"before_resting", is_right<without_before_resting>},
-    {"before_waiting", is_right<without_before_waiting>},
-};
+static constexpr bool (*without[])() = {is_right<0>, is_right<1>, is_right<2>, is_right<3>,
+                                        is_right<4>, is_right<5>, is_right<6>};
+static_assert(std::size(without) == std::size(names));
 
 int main(int count, char **arguments)
 {
     if (count == 1)
-        return is_right<ring_orders>() ? 0 : 1;
-    if (std::string(arguments[1]) == "--list") {
-        for (const auto &[name, check] : weakened)
-            printf("%s\n", name.c_str());
-        return 0;
-    }
-    return weakened.at(arguments[1])() ? 1 : 0;
+        return is_right<-1>() ? 0 : 1;
+    const std::string wanted = arguments[1];
+    for (size_t index = 0; index < std::size(names); index++)
+        if (wanted == "--list")
+            printf("%s\n", names[index]);
+        else if (wanted == names[index])
+            return without[index]() ? 1 : 0;
+    return wanted == "--list" ? 0 : 1;
 }
