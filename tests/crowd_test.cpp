@@ -53,13 +53,6 @@ struct client : testkit::test_client {
         const testkit::message answer = ask(TESK_GET_CAPABILITIES_REQ, {++next, id});
         return answer.number() == TESK_GET_CAPABILITIES_CFM && answer.word(4) == next;
     }
-    /* To the modules; takes the first indication. */
-    void subscribe(uint32_t port)
-    {
-        const testkit::message answer = ask(TESK_SUBSCRIBE_SFP_INFO_REQ, {1, id, port});
-        EXPECT_EQ(answer.number(), uint32_t{TESK_SUBSCRIBE_SFP_INFO_CFM});
-        receive();
-    }
 };
 
 /* A peer that uses the server's socket without the mailbox library's rules. */
@@ -195,8 +188,10 @@ TEST_F(crowd, a_client_that_never_reads_is_disconnected_and_a_stopped_one_misses
     client stopped;
     client other;
     for (uint32_t port = 0; port < 16; port++)
-        for (client *one : {&stopped, &other})
-            one->subscribe(port);
+        for (client *one : {&stopped, &other}) {
+            one->ask(TESK_SUBSCRIBE_SFP_INFO_REQ, {1, one->id, port});
+            EXPECT_EQ(one->receive().number(), uint32_t{TESK_SFP_INFO_IND});
+        }
     const auto expect_flap = [](client &one, int count) {
         for (int port = 0; port < 16; port++)
             ASSERT_EQ(one.receive().word(16) != TESK_SFP_NOT_PRESENT, count % 2 == 1);
@@ -223,8 +218,7 @@ TEST_F(crowd, a_client_that_never_reads_is_disconnected_and_a_stopped_one_misses
 
 TEST_F(crowd, a_hostile_peer_affects_no_client)
 {
-    using act = void (*)(stranger &);
-    static constexpr std::pair<const char *, act> acts[] = {
+    static constexpr std::pair<const char *, void (*)(stranger &)> acts[] = {
         {"says nothing", [](stranger &) {}},
         {"talks nonsense", [](stranger &s) { ::send(s.control.get(), "hello", 5, 0); }},
         {"passes a descriptor", [](stranger &s) { s.pass({0}); }},
@@ -307,44 +301,6 @@ TEST_F(crowd, without_descriptors_connected_clients_are_served)
     EXPECT_TRUE(client().is_answered());
     unsetenv("MBX_LOCATE_MS");
     EXPECT_EQ(server.stop(), 0);
-}
-
-TEST_F(crowd, a_killed_server_is_noticed_and_the_next_one_takes_its_place)
-{
-    auto server = std::make_unique<testkit::server>();
-    equip_ports();
-    client first;
-    client second;
-    first.subscribe(3);
-    server.reset();
-    for (client *one : {&first, &second})
-        EXPECT_EQ(one->receive().number(), MBX_MONITOR_DEFAULT_NO);
-    server = std::make_unique<testkit::server>();
-    first.send(TESK_GET_CAPABILITIES_REQ, {1, 0}); /* to a dead server */
-    client third;
-    EXPECT_EQ(third.id, 0u);
-    EXPECT_TRUE(third.is_answered());
-    EXPECT_EQ(testkit::board("board").at("subscribed_port"), "0");
-    EXPECT_EQ(server->stop(), 0);
-}
-
-TEST_F(crowd, of_servers_started_together_one_runs)
-{
-    for (int round = 0; round < 10; round++) {
-        const pid_t servers[] = {testkit::start({executable}), testkit::start({executable})};
-        int status;
-        const pid_t ended = waitpid(-1, &status, 0);
-        const pid_t stays = servers[ended == servers[0] ? 1 : 0];
-        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 242);
-        const auto until = steady_clock::now() + testkit::deadline;
-        while (testkit::test_client().located != 0 && steady_clock::now() < until) {
-        }
-        client of_it;
-        EXPECT_EQ(testkit::wait_for_end(testkit::start({executable})), 242);
-        EXPECT_TRUE(of_it.is_answered());
-        kill(stays, SIGTERM);
-        EXPECT_EQ(testkit::wait_for_end(stays), 0);
-    }
 }
 
 TEST_F(crowd, a_directory_that_is_full_read_only_or_missing_ends_the_start)

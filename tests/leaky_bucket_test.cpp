@@ -41,16 +41,22 @@ TEST_F(leaky_bucket, gives_the_lowest_free_id_whatever_was_removed)
     }
 }
 
-TEST_F(leaky_bucket, refuses_sizes_that_cannot_work)
+TEST_F(leaky_bucket, traces_sizes_that_cannot_work_and_ids_that_it_does_not_have)
 {
     fake_platform::reset({1});
-    EXPECT_EQ(leaky_bucket_add(0, 50), -1);
-    EXPECT_EQ(leaky_bucket_add(0, -1), -1);
-    EXPECT_EQ(leaky_bucket_add(100, 0), -1);
-    EXPECT_EQ(leaky_bucket_add(49, 50), -1);
-    EXPECT_EQ(fake_platform::take_log().back(), "[1] Invalid params for adding new leaky bucket: "
-                                                "bucket_size = 49, filter_level = 50");
-    EXPECT_EQ(leaky_bucket_add(50, 50), 1);
+    std::vector<std::string> expected;
+    for (const auto &[size, level] : {std::pair{0, 50}, {0, -1}, {100, 0}, {49, 50}}) {
+        EXPECT_EQ(leaky_bucket_add(size, level), -1);
+        expected.push_back("[1] Invalid params for adding new leaky bucket: bucket_size = " +
+                           std::to_string(size) + ", filter_level = " + std::to_string(level));
+    }
+    EXPECT_EQ(leaky_bucket_update(7, 20), LEAKY_BUCKET_NOT_FOUND);
+    EXPECT_EQ(leaky_bucket_get_state(7), LEAKY_BUCKET_NOT_FOUND);
+    leaky_bucket_remove(7);
+    EXPECT_EQ(leaky_bucket_find(7), nullptr);
+    for (const char *act : {"update leaky bucket", "get leaky bucket state", "remove leaky bucket"})
+        expected.push_back("[1] Cannot " + std::string(act) + ": id 7 not found");
+    EXPECT_EQ(fake_platform::take_log(), expected);
 }
 
 TEST_F(leaky_bucket, keeps_its_level_within_limits_and_returns_the_state)
@@ -89,31 +95,9 @@ TEST_F(leaky_bucket, is_reinserted_under_its_id_and_with_its_level)
     EXPECT_EQ(leaky_bucket_add(100, 50), 4);
     /* With equal limits any level below the full one is below the filter level. */
     const int32_t equal = leaky_bucket_add(30, 30);
-    EXPECT_EQ(leaky_bucket_update(equal, 29), LEAKY_BUCKET_BELOW_LEVEL);
-    EXPECT_EQ(leaky_bucket_get_state(equal), LEAKY_BUCKET_BELOW_LEVEL);
-    EXPECT_EQ(leaky_bucket_update(equal, 1), LEAKY_BUCKET_LEVEL_REACHED);
-    EXPECT_EQ(leaky_bucket_get_state(equal), LEAKY_BUCKET_LEVEL_REACHED);
-}
-
-TEST_F(leaky_bucket, traces_its_insertion_and_removal)
-{
-    fake_platform::reset({1, 13});
-    EXPECT_EQ(leaky_bucket_add(100, 50), 1);
-    leaky_bucket_remove(1);
-    EXPECT_EQ(fake_platform::take_log(),
-              (std::vector<std::string>{"[13] Bucket(1) inserted to the list",
-                                        "[13] Bucket(1) removed from the list"}));
-}
-
-TEST_F(leaky_bucket, traces_an_id_that_it_does_not_have)
-{
-    fake_platform::reset({1});
-    EXPECT_EQ(leaky_bucket_update(7, 20), LEAKY_BUCKET_NOT_FOUND);
-    EXPECT_EQ(leaky_bucket_get_state(7), LEAKY_BUCKET_NOT_FOUND);
-    leaky_bucket_remove(7);
-    EXPECT_EQ(leaky_bucket_find(7), nullptr);
-    EXPECT_EQ(fake_platform::take_log(),
-              (std::vector<std::string>{"[1] Cannot update leaky bucket: id 7 not found",
-                                        "[1] Cannot get leaky bucket state: id 7 not found",
-                                        "[1] Cannot remove leaky bucket: id 7 not found"}));
+    for (const auto &[delta, state] :
+         {std::pair{29, LEAKY_BUCKET_BELOW_LEVEL}, {1, LEAKY_BUCKET_LEVEL_REACHED}}) {
+        EXPECT_EQ(leaky_bucket_update(equal, delta), state);
+        EXPECT_EQ(leaky_bucket_get_state(equal), state);
+    }
 }

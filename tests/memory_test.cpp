@@ -30,18 +30,14 @@ static bool fails(size_t size)
 }
 
 extern "C" {
-void *__real_malloc(size_t size);
-void *__wrap_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__real_realloc(void *block, size_t size);
-void *__wrap_realloc(void *block, size_t size);
-void __real_free(void *block);
-void __wrap_free(void *block);
-int __real__Z14tesk_cache_addPK16tesk_cache_entry(const tesk_cache_entry *entry);
-int __wrap__Z14tesk_cache_addPK16tesk_cache_entry(const tesk_cache_entry *entry);
+decltype(malloc) __real_malloc, __wrap_malloc;
+decltype(calloc) __real_calloc, __wrap_calloc;
+decltype(realloc) __real_realloc, __wrap_realloc;
+decltype(free) __real_free, __wrap_free;
+decltype(tesk_cache_add) __real__Z14tesk_cache_addPK16tesk_cache_entry,
+    __wrap__Z14tesk_cache_addPK16tesk_cache_entry;
 
-void *__wrap_malloc(size_t size)
+void *__wrap_malloc(size_t size) noexcept
 {
     void *block = fails(size) ? nullptr : __real_malloc(size);
     if (size == watched_size) {
@@ -51,17 +47,17 @@ void *__wrap_malloc(size_t size)
     return block;
 }
 
-void *__wrap_calloc(size_t count, size_t size)
+void *__wrap_calloc(size_t count, size_t size) noexcept
 {
     return fails(count * size) ? nullptr : __real_calloc(count, size);
 }
 
-void *__wrap_realloc(void *block, size_t size)
+void *__wrap_realloc(void *block, size_t size) noexcept
 {
     return fails(size) ? nullptr : __real_realloc(block, size);
 }
 
-void __wrap_free(void *block)
+void __wrap_free(void *block) noexcept
 {
     if (block != nullptr && block == watched)
         watched_frees++;
@@ -74,15 +70,12 @@ int __wrap__Z14tesk_cache_addPK16tesk_cache_entry(const tesk_cache_entry *entry)
 }
 }
 
-class memory : public client_fixture
-{
-  protected:
+struct memory : client_fixture {
     ~memory() override
     {
         failing_size = 0;
         is_noting = is_cache_refusing = false;
         watched = nullptr;
-        watched_frees = 0;
     }
 };
 
@@ -237,11 +230,10 @@ TEST_F(memory, a_refused_entry_of_the_history_is_traced_and_nothing_else)
          {"[4] Failed to cache port status unsubscribe data for port 3, client 0"}},
         {unsubscribe_info, {"[4] Failed to cache sfp info unsubscribe for port 3, client 0"}},
     };
-    const auto only_refused = [](log lines) {
+    const auto refused_of = [](log lines) {
         std::erase_if(lines, [](const auto &line) { return !line.starts_with("[4]"); });
         return lines;
     };
-    const auto refused = [&] { return only_refused(fake_platform::take_log()); };
     const uint32_t reference = connect(alice);
     is_cache_refusing = true;
     for (const auto &step : steps) {
@@ -253,14 +245,16 @@ TEST_F(memory, a_refused_entry_of_the_history_is_traced_and_nothing_else)
         const auto answer = std::ranges::find_if(
             lines, [](const auto &line) { return line.starts_with("send 0x"); });
         EXPECT_EQ(std::count(lines.begin(), answer, step.traces.at(0)), 1);
-        EXPECT_EQ(only_refused(lines), step.traces);
+        EXPECT_EQ(refused_of(lines), step.traces);
         if (step.request != subscribe_status)
             continue;
         handle_events({link_event(3, 1)});
         EXPECT_EQ(sent.size(), 1u);
-        EXPECT_EQ(refused().at(0), "[4] Failed to cache port status change for port 3, state 1");
+        EXPECT_EQ(refused_of(fake_platform::take_log()).at(0),
+                  "[4] Failed to cache port status change for port 3, state 1");
         handle_events({port_event(3, 1)});
         EXPECT_EQ(sent.size(), 2u);
-        EXPECT_EQ(refused().at(0), "[4] Failed to cache sfp info for port 3, presence 0");
+        EXPECT_EQ(refused_of(fake_platform::take_log()).at(0),
+                  "[4] Failed to cache sfp info for port 3, presence 0");
     }
 }
