@@ -4,6 +4,8 @@
 #include "tesk_server/tesk_history.h"
 #include "testkit/fake_platform/client_fixture.h"
 
+#include <chrono>
+
 using fake_platform::sent;
 
 using history_cache = client_fixture;
@@ -43,38 +45,24 @@ TEST_F(history_cache, the_history_rolls_over_at_thirty_and_any_mailbox_reads_it)
     EXPECT_EQ(sent[1].host_word(8 + 24 + 12), 5u);
 }
 
-/* The stamp at `at` of a history lies between the two times. */
-static void expect_stamp(const fake_platform::sent_signal &cached, size_t at, timeval from)
+static int64_t now_us()
 {
-    timeval until;
-    gettimeofday(&until, nullptr);
-    const auto micros = [](uint64_t seconds, uint64_t rest) { return seconds * 1000000 + rest; };
-    const uint64_t stamp = micros(cached.host_word(at), cached.host_word(at + 4));
-    EXPECT_GE(stamp,
-              micros(static_cast<uint64_t>(from.tv_sec), static_cast<uint64_t>(from.tv_usec)));
-    EXPECT_LE(stamp,
-              micros(static_cast<uint64_t>(until.tv_sec), static_cast<uint64_t>(until.tv_usec)));
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
+/* The stamp at `at` of a history lies between that time and now. */
+static void expect_stamp(const fake_platform::sent_signal &cached, size_t at, int64_t from)
+{
+    const int64_t stamp = cached.host_word(at) * int64_t{1000000} + cached.host_word(at + 4);
+    EXPECT_TRUE(stamp >= from && stamp <= now_us()) << stamp << ", " << from;
     EXPECT_LT(cached.host_word(at + 4), 1000000u);
 }
 
 TEST_F(history_cache, the_history_has_every_field_and_the_time)
 {
-    timeval from;
-    gettimeofday(&from, nullptr);
-    const tesk_port_info info = {.port_no = 0x11,
-                                 .conn_status = 1,
-                                 .sfp_type = 2,
-                                 .link_speed = 3,
-                                 .reserved_fault_level = 4,
-                                 .tx_power_fault_level = 0x21,
-                                 .rx_power_fault_level = 0x22,
-                                 .tx_bias_fault_level = 0x23,
-                                 .vcc_fault_level = 0x24,
-                                 .temp_fault_level = 0x25,
-                                 .laser_temp_fault_level = 0x26,
-                                 .tec_fault_level = 0x27,
-                                 .env_status = 5,
-                                 .reserved = {}};
+    const int64_t from = now_us();
+    const tesk_port_info info = {0x11, 1, 2, 3, 4, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 5, {}};
     tesk_history_add_port_state(&info, -0x10, PORTSTATE_DOWN);
     auto cached = history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ);
     ASSERT_EQ(cached.bytes.size(), 60u);
@@ -109,33 +97,25 @@ TEST_F(history_cache, the_history_has_every_field_and_the_time)
 
 TEST_F(history_cache, the_values_of_the_history_are_mapped_and_a_refused_entry_changes_nothing)
 {
-    static const std::pair<uint32_t, uint32_t> states[] = {{0, 1}, {1, 2}, {2, 0}, {3, 0}},
-                                               presences[] = {{0, 0}, {1, 1}, {2, 2},
-                                                              {3, 3}, {4, 4}, {5, 3}},
-                                               actions[] = {{0, 0}, {1, 1}, {2, 2}, {3, 3},
-                                                            {4, 4}, {5, 5}, {6, 6}, {7, 0}};
+    static const struct {
+        uint32_t type, request;
+        size_t from_end;             /* of the value in the last record */
+        std::vector<uint32_t> shown; /* for the values 0, 1, ... */
+    } kinds[] = {
+        {TESK_CACHE_PORT_STATUS, TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, 44, {1, 2, 0, 0}},
+        {TESK_CACHE_SFP_INFO, TESK_SHELL_GET_SFP_INFO_CACHE_REQ, 16, {0, 1, 2, 3, 4, 3}},
+        {TESK_CACHE_ACTION, TESK_SHELL_GET_ACTIONS_CACHE_REQ, 16, {0, 1, 2, 3, 4, 5, 6, 0}}};
     tesk_cache_entry entry = {};
-    for (const auto &[cached, shown] : states) {
-        entry.type = TESK_CACHE_PORT_STATUS;
-        entry.port_status.port_state = cached;
-        EXPECT_EQ(tesk_cache_add(&entry), 0);
-        const auto answer = history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ);
-        EXPECT_EQ(answer.host_word(answer.bytes.size() - 4 - 48 + 8), shown) << cached;
-    }
-    for (const auto &[cached, shown] : presences) {
-        entry.type = TESK_CACHE_SFP_INFO;
-        entry.sfp_info.sfp_presence = cached;
-        EXPECT_EQ(tesk_cache_add(&entry), 0);
-        const auto answer = history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ);
-        EXPECT_EQ(answer.host_word(answer.bytes.size() - 4 - 16 + 4), shown) << cached;
-    }
-    for (const auto &[cached, shown] : actions) {
-        entry.type = TESK_CACHE_ACTION;
-        entry.action.action = cached;
-        EXPECT_EQ(tesk_cache_add(&entry), 0);
-        const auto answer = history(TESK_SHELL_GET_ACTIONS_CACHE_REQ);
-        EXPECT_EQ(answer.host_word(answer.bytes.size() - 4 - 24 + 12), shown) << cached;
-    }
+    for (const auto &[type, request, from_end, shown] : kinds)
+        for (uint32_t value = 0; value < shown.size(); value++) {
+            entry.type = type;
+            (type == TESK_CACHE_PORT_STATUS ? entry.port_status.port_state
+             : type == TESK_CACHE_SFP_INFO  ? entry.sfp_info.sfp_presence
+                                            : entry.action.action) = value;
+            EXPECT_EQ(tesk_cache_add(&entry), 0);
+            const auto answer = history(request);
+            EXPECT_EQ(answer.host_word(answer.bytes.size() - from_end), shown[value]) << value;
+        }
     trace({1});
     EXPECT_EQ(tesk_cache_add(nullptr), 1);
     expect_log({"[1] Trying to add null value as cache entry"});
