@@ -254,26 +254,6 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
     EXPECT_EQ(server.stop(), 0);
 }
 
-TEST_F(crowd, a_million_unknown_signals_cost_nothing)
-{
-    const uint32_t number = testkit::sanitized ? 100000 : 1000000;
-    testkit::server server;
-    client witness;
-    testkit::test_client flood("flood");
-    flood.receive();
-    const long before = testkit::status_of(server.pid, "VmRSS");
-    const auto began = steady_clock::now();
-    for (uint32_t sent = 0; sent < number; sent = flood.receive().host_word(0))
-        if (sent / 256 % 64 == 0) {
-            ASSERT_TRUE(witness.is_answered());
-        }
-    const long cost = testkit::status_of(server.pid, "VmRSS") - before;
-    EXPECT_LT(cost, testkit::sanitized ? 200000 : 1024);
-    EXPECT_EQ(server.stop(), 0);
-    const duration<double> took = steady_clock::now() - began;
-    printf("%u unknown signals in %.1f s, at a cost of %ld KiB\n", number, took.count(), cost);
-}
-
 TEST_F(crowd, without_descriptors_connected_clients_are_served)
 {
     constexpr long probe_ms = 2000;
@@ -385,29 +365,6 @@ TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_
         printf("of %zu neighbours %.1f had a signal handled before the request; ended within %.0f "
                "ms\n",
                neighbours, static_cast<double>(turns) / 20, took.count());
-    }
-}
-
-TEST_F(crowd, stop_signals_on_both_threads_shut_it_down_cleanly)
-{
-    for (int run = count_of(15, 200); run > 0 && !HasFailure(); run--) {
-        testkit::server server(traced("1,4"));
-        equip_ports();
-        testkit::test_client loads[] = {testkit::test_client("load"), testkit::test_client("load")};
-        for (testkit::test_client &load : loads)
-            load.receive();
-        std::vector<pid_t> threads = {server.pid};
-        const std::string tasks = "/proc/" + std::to_string(server.pid) + "/task";
-        for (const auto &task : fs::directory_iterator(tasks))
-            if (read_from(task.path() / "comm", 0) == "tesk-s-dolm-e\n")
-                threads.push_back(std::stoi(task.path().filename()));
-        ASSERT_EQ(threads.size(), 2u);
-        for (size_t index = 0; index < 20; index++)
-            syscall(SYS_tgkill, server.pid, threads[index % 2], index % 4 < 2 ? SIGTERM : SIGINT);
-        EXPECT_EQ(testkit::wait_for_end(server.pid), 0);
-        server.pid = -1;
-        testkit::await_line(traces, "TESK server terminated", seen);
-        EXPECT_TRUE(fs::is_empty(names));
     }
 }
 

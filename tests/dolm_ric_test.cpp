@@ -11,9 +11,6 @@
 #include <sys/stat.h>
 #include <thread>
 
-namespace
-{
-
 class dolm_ric_test : public board_fixture
 {
   protected:
@@ -42,8 +39,6 @@ class dolm_ric_test : public board_fixture
         EXPECT_EQ(id_of(port), link.id);
     }
 };
-
-} // namespace
 
 TEST_F(dolm_ric_test, events_reach_subscribers_only_and_keep_their_order)
 {

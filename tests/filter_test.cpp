@@ -4,19 +4,23 @@
 #include "tesk_server/tesk_types.h"
 #include "testkit/fake_platform/client_fixture.h"
 
-#include <array>
-
 using fake_platform::ports;
 using fake_platform::sent;
 using fake_platform::ticks;
 
-using filter = client_fixture;
+struct filter : client_fixture {
+    /* Five changes, after which the level is 60: changes are held back. */
+    static void reach_level(uint32_t port)
+    {
+        for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
+            handle_events({link_event(port, state)});
+    }
+};
 
 TEST_F(filter, a_refused_last_unsubscribe_keeps_the_filter_as_it_is)
 {
     const uint32_t reference = subscriber(alice, 3, subscribe_status);
-    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
-        handle_events({link_event(3, state)});
+    reach_level(3);
     ticks.clear();
     fake_platform::failing["unsubslink"] = DOLM_RICERR_INTERNAL;
     trace({1, 4, 12, 13});
@@ -67,17 +71,15 @@ TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
         EXPECT_EQ(leaky_bucket_find(1)->level, step.level);
         EXPECT_EQ(sent.size(), step.is_sent ? 1u : 0u);
         EXPECT_EQ(ticks.size(), step.armed ? 1u : 0u);
-        for (const auto &armed : ticks)
-            EXPECT_EQ((std::array{armed.bucket, armed.port, armed.interval}),
-                      (std::array{1u, 3u, 10u}));
+        for (const auto &[bucket, port, interval] : ticks)
+            EXPECT_TRUE(bucket == 1 && port == 3 && interval == 10);
     }
     /* What was held back is in the history, too, and so is the repeated state. */
     static const std::pair<uint32_t, uint32_t> levels_and_states[] = {
         {20, 2}, {20, 1}, {40, 2}, {40, 1}, {60, 2}, {60, 1}, {80, 2}, {0, 2}, {0, 1}};
     const auto cached = history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ);
     ASSERT_EQ(cached.host_word(4), std::size(levels_and_states));
-    size_t at = 8;
-    for (const auto &[level, state] : levels_and_states) {
+    for (size_t at = 8; const auto &[level, state] : levels_and_states) {
         EXPECT_EQ(cached.host_word(at + 4), level) << at;
         EXPECT_EQ(cached.host_word(at + 8), state) << at;
         at += 48;
@@ -87,8 +89,7 @@ TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
 TEST_F(filter, the_filter_traces_its_decisions)
 {
     subscriber(alice, 3, subscribe_status);
-    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
-        handle_events({link_event(3, state)});
+    reach_level(3);
     trace({1, 12, 13});
     handle_events({link_event(3, 1)});
     auto lines = fake_platform::take_log();
@@ -101,11 +102,10 @@ TEST_F(filter, the_filter_traces_its_decisions)
     lines = fake_platform::take_log();
     EXPECT_EQ(lines.at(0), "[12] DOLM port state event received. Port 3, port_state: PORTSTATE_UP");
     EXPECT_EQ(lines.back(), "[13] Leaky bucket level reached, indication not send");
-    trace({1, 4, 13});
     handle_events({link_event(3, 1)});
     lines = fake_platform::take_log();
     EXPECT_EQ(lines.at(lines.size() - 2), "[13] Bucket(1) level-> 80");
-    EXPECT_EQ(lines.back(), "[13] Leaky bucket level reached, indication not send");
+    trace({1, 4, 13});
     tick(1, 3);
     expect_log({"[13] Bucket(1) level-> 70", "tick in 10 for bucket 1 port 3"});
     /* A presence change is reported whatever the level, and does not change it. */
@@ -138,28 +138,24 @@ TEST_F(filter, a_link_that_changed_unseen_is_new_to_a_second_subscriber_only)
 
 TEST_F(filter, an_event_that_means_nothing_is_traced_and_freed)
 {
-    static const struct {
-        tesk_hw_event event;
-        log traces;
-    } cases[] = {
+    static const std::pair<tesk_hw_event, const char *> cases[] = {
         {{TESK_HW_EVENT_PORT_STATE, 3, PORTSTATE_UNKNOWN, nullptr},
-         {"[1] Unknown port state(PORTSTATE_UNKNOWN) in dolm event, port 3"}},
+         "[1] Unknown port state(PORTSTATE_UNKNOWN) in dolm event, port 3"},
         {{TESK_HW_EVENT_PORT_STATE, 3, 7, nullptr},
-         {"[1] Unknown port state(UNSUPPORTED_STATE) in dolm event, port 3"}},
-        {{2, 3, 0, nullptr}, {"[1] Unknown event: 2"}},
+         "[1] Unknown port state(UNSUPPORTED_STATE) in dolm event, port 3"},
+        {{2, 3, 0, nullptr}, "[1] Unknown event: 2"},
         {{TESK_HW_EVENT_SFP, 3, SFP_PRESENT_AND_READY, nullptr},
-         {"[12] No need to handle this SFP event, no change for port 3"}},
-    };
+         "[12] No need to handle this SFP event, no change for port 3"}};
     const uint32_t reference = subscriber(alice, 3, subscribe_status);
     subscribe(alice, reference, 3, subscribe_info);
     trace({1, 4, 12});
-    for (const auto &meaningless : cases) {
+    for (const auto &[meaningless, traced] : cases) {
         auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
-        *event = meaningless.event;
+        *event = meaningless;
         tesk_event_queue_put(event);
         sent.clear();
         tesk_handle_queued_events();
-        expect_log(meaningless.traces);
+        expect_log({traced});
         EXPECT_EQ(sent.size(), 0u);
     }
     /* Behind that check: the state is stored, and nothing else happens. */
@@ -190,8 +186,7 @@ TEST_F(filter, a_tick_that_outlives_its_bucket_acts_on_the_next_one_with_its_id)
     tick(1, 3);
     EXPECT_EQ(leaky_bucket_find(1)->level, 0);
     EXPECT_TRUE(ticks.empty());
-    for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
-        handle_events({link_event(9, state)});
+    reach_level(9);
     tick(1, 3);
     fake_platform::take_log();
     tick(1, 3);

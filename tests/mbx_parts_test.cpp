@@ -25,9 +25,6 @@
 #include <unistd.h>
 #include <vector>
 
-namespace
-{
-
 struct ring : testing::Test {
     std::shared_ptr<mapped_area> area = mapped_area::map(make_area_memory().get());
     record_sender out{area->ring(0)};
@@ -54,8 +51,6 @@ struct ring : testing::Test {
         return size;
     }
 };
-
-} // namespace
 
 TEST_F(ring, records_of_all_sizes_come_out_as_they_went_in)
 {
@@ -184,9 +179,6 @@ TEST(a_backlog, keeps_the_order_and_gives_its_memory_back_each_time)
     }
 }
 
-namespace
-{
-
 /* An inbox with senders that ring by hand. */
 struct turns : testing::Test {
     struct sender {
@@ -243,8 +235,6 @@ struct turns : testing::Test {
         return from;
     }
 };
-
-} // namespace
 
 TEST_F(turns, a_newcomer_waits_for_one_signal_of_each_other_source_at_most)
 {

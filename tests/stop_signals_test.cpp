@@ -15,17 +15,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace
-{
-
 /* The places of a run, in stops at the entry and the exit of the main thread's system calls. */
 struct places {
     long masked = 0;  /* the entry that blocks all signals: one that is sent there comes after it */
     long waiting = 0; /* the first one in the main loop's wait */
     long last = 0;
 };
-
-} // namespace
 
 class stop_signals : public testing::Test
 {

@@ -66,7 +66,7 @@ TEST_F(subscriptions, the_highest_port_and_an_odd_module_are_like_any_other)
     static const struct {
         uint8_t connector;
         uint32_t mode_type, type, is_optical;
-        const char *text;
+        std::string text;
     } cases[] = {{DOLM_SFP_CONNECTOR_OTHER, 1, 3, 0, "Unknown"},
                  {DOLM_SFP_CONNECTOR_RJ45, 1, 1, 0, "Present Electrical"},
                  {DOLM_SFP_CONNECTOR_LC, 1, 2, 1, "Present Optical"},
@@ -85,10 +85,7 @@ TEST_F(subscriptions, the_highest_port_and_an_odd_module_are_like_any_other)
         EXPECT_EQ(sent[1].text(45), module.mode_type == 1 ? "ABCDEFGHIJKLMNOP" : "");
         const auto lines = fake_platform::take_log();
         EXPECT_EQ(lines.at(0), "subsport 0x2fffe");
-        EXPECT_EQ(lines.at(4), std::string("[18] Sent signal TESK_SFP_INFO_IND:procedure_ref: 5, "
-                                           "connection_ref: 1113, mbox: 0x71, port_no: 65534, "
-                                           "type: ") +
-                                   module.text);
+        EXPECT_TRUE(lines.at(4).ends_with("port_no: 65534, type: " + module.text)) << lines.at(4);
         send(alice, unsubscribe_info, {5, reference, 65534});
     }
     subscribe(alice, reference, 65534, subscribe_status);
@@ -103,9 +100,8 @@ TEST_F(subscriptions, the_highest_port_and_an_odd_module_are_like_any_other)
     ports[65534].link_state = DOLM_RICRILINKSTATE_STOPPED;
     handle_events({link_event(65534, 0)});
     const auto lines = fake_platform::take_log();
-    EXPECT_EQ(lines.at(lines.size() - 2),
-              "[18] Sent signal TESK_PORT_STATUS_IND:procedure_ref: 5, connection_ref: 1113, mbox: "
-              "0x71, port_no: 65534, conn_status: NOT OPERATIONAL, link_speed: 0.0 Gbps");
+    EXPECT_TRUE(lines.at(lines.size() - 2)
+                    .ends_with("65534, conn_status: NOT OPERATIONAL, link_speed: 0.0 Gbps"));
 }
 
 TEST_F(subscriptions, indications_go_out_newest_client_first_and_module_before_port)
@@ -151,26 +147,23 @@ TEST_F(subscriptions, two_records_that_differ_make_the_server_read_the_hardware)
 TEST_F(subscriptions, an_event_and_a_read_decode_an_unknown_port_differently)
 {
     for (uint32_t status = 0; status < 16; status++) {
-        const uint32_t other = status & DOLM_RICRIPORT_MODREADY ? 8 : 2;
-        uint32_t by_event = status & DOLM_RICRIPORT_MODREADY      ? 2
-                            : status & DOLM_RICRIPORT_MODINSERTED ? 1
-                            : status & DOLM_RICRIPORT_STARTED     ? 0
-                                                                  : 3;
-        ports[status] = optical_port();
-        ports[status].status = other;
-        subscriber(200 + status, status, subscribe_info);
+        const bool is_ready = (status & DOLM_RICRIPORT_MODREADY) != 0;
+        const uint32_t by_event = is_ready                              ? 2
+                                  : status & DOLM_RICRIPORT_MODINSERTED ? 1
+                                  : status & DOLM_RICRIPORT_STARTED     ? 0
+                                                                        : 3;
+        for (const auto &[port, read] :
+             {std::pair{status, is_ready ? 8u : 2u}, {100 + status, status}}) {
+            ports[port] = optical_port();
+            ports[port].status = read;
+            subscriber(200 + port, port, subscribe_info);
+        }
+        EXPECT_EQ(sent.at(1).word(16), is_ready ? 2u : 0u);
         handle_events({port_event(status, status)});
         EXPECT_EQ(sent.size(), by_event == 1 ? 0u : 1u);
-        EXPECT_EQ(send(stranger, TESK_SHELL_GET_SFP_INFO_CACHE_REQ, {1, 2}), 0);
-        const size_t last = 8 + 16 * status;
-        EXPECT_EQ(sent.at(0).bytes.size(), last + 20);
-        EXPECT_EQ(sent[0].host_word(last + 4), by_event);
-
-        ports[100 + status] = optical_port();
-        ports[100 + status].status = status;
-        subscriber(100 + status, 100 + status, subscribe_info);
-        const bool read = (status & DOLM_RICRIPORT_MODREADY) != 0;
-        EXPECT_EQ(sent.at(1).word(16), read ? 2u : 0u);
+        const auto cached = history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ);
+        ASSERT_EQ(cached.bytes.size(), 28 + 16 * status);
+        EXPECT_EQ(cached.host_word(12 + 16 * status), by_event);
     }
 }
 
@@ -259,28 +252,26 @@ TEST_F(subscriptions, an_unsubscription_ends_the_one_subscription_that_it_names)
 {
     static constexpr uint32_t count = 5;
     const uint32_t reference = connect(alice);
+    std::set<uint32_t> left;
     for (uint32_t port = 0; port < count; port++) {
         ports[port] = optical_port();
         subscribe(alice, reference, port, subscribe_info);
         subscribe(alice, reference, port, subscribe_status);
+        left.insert(port);
     }
-    std::set<uint32_t> left = {0, 1, 2, 3, 4};
     for (uint32_t port : {1u, 4u, 0u, 3u, 2u}) {
         send(alice, unsubscribe_info, {9, reference, port});
-        EXPECT_EQ(sent.at(0).number, TESK_UNSUBSCRIBE_SFP_INFO_CFM);
         left.erase(port);
         for (uint32_t other = 0; other < count; other++) {
             EXPECT_EQ(tesk_portsub_find_sfp_info(other) != -1, left.contains(other));
             EXPECT_NE(tesk_portsub_find_port_status(other), -1);
         }
-        /* Every other port still has its events. */
-        ports[port].status = DOLM_RICRIPORT_STARTED;
+        /* Every other port still has its events, with the reference of the unsubscription. */
         for (uint32_t other : left) {
-            ports[other].module.sfp.sfp_connector ^= 3;
             handle_events({port_event(other, DOLM_RICRIPORT_STARTED)});
             EXPECT_EQ(sent.size(), 2u);
             EXPECT_EQ(sent.at(0).word(12), other);
-            EXPECT_EQ(sent.at(0).word(4), 9u) << "the reference of the unsubscription";
+            EXPECT_EQ(sent.at(0).word(4), 9u);
             handle_events({port_event(other, DOLM_RICRIPORT_MODREADY)});
         }
     }
@@ -289,8 +280,7 @@ TEST_F(subscriptions, an_unsubscription_ends_the_one_subscription_that_it_names)
         EXPECT_EQ(tesk_portsub_find_port_status(port), -1);
 }
 
-TEST_F(subscriptions,
-       an_unknown_presence_is_resolved_and_stored_by_the_next_port_status_subscription)
+TEST_F(subscriptions, an_unknown_presence_is_resolved_by_the_next_port_status_subscription)
 {
     const uint32_t reference = subscriber(alice, 3, subscribe_info);
     handle_events({port_event(3, 0)});
@@ -315,10 +305,9 @@ TEST_F(subscriptions, the_records_of_a_port_agree_after_an_event)
     handle_events({port_event(3, DOLM_RICRIPORT_MODINSERTED)});
     auto lines = fake_platform::take_log();
     lines.erase(lines.begin(), lines.end() - 2);
-    EXPECT_EQ(lines, (log{"[12] Updated port status sfp presence from SFP_UNKNOWN to "
-                          "SFP_PRESENT_NOT_READY",
-                          "[12] Updated sfp info presence from SFP_NOT_PRESENT to "
-                          "SFP_PRESENT_NOT_READY"}));
+    const std::string to = " to SFP_PRESENT_NOT_READY";
+    EXPECT_EQ(lines, (log{"[12] Updated port status sfp presence from SFP_UNKNOWN" + to,
+                          "[12] Updated sfp info presence from SFP_NOT_PRESENT" + to}));
     EXPECT_EQ(sent.size(), 0u);
     handle_events({port_event(3, 0)});
     lines = fake_platform::take_log();

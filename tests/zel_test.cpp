@@ -3,7 +3,6 @@
    stall, formatted texts under signal handlers, and LTTng from the trace call to the print of
    babeltrace2. The library reads its settings once, so each case runs in a child process. */
 #include "platform/zel/zel.h"
-#include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
 #include "util/deadline.h"
 
@@ -300,18 +299,6 @@ TEST_F(zel, a_flood_is_bounded_folded_and_counted_and_errors_have_a_share_of_the
     EXPECT_EQ(1u, count_of(text, "<3>zel_test 1 error:4: is seen\n"));
     EXPECT_LE(count_of(text, "zel_test 4 "), 3000u) << "all places but errors, in 3 seconds";
     EXPECT_FALSE(std::regex_search(text, std::regex("(^|\n)[^<]"))) << "each has its priority";
-}
-
-TEST_F(zel, a_server_whose_traces_nobody_reads_starts_serves_and_stops)
-{
-    ASSERT_EQ(0, mkfifo(file.c_str(), 0600));
-    testkit::directory place;
-    testkit::server server{{"ZEL_SINK=file:" + file, "ZEL_GROUPS=all", "ZEL_RATE=0"}};
-    testkit::test_client client;
-    const uint32_t reference = client.connect(7);
-    for (int i = 0; i < 300; ++i)
-        client.ask(TESK_GET_CAPABILITIES_REQ, {7, reference});
-    EXPECT_EQ(0, server.stop());
 }
 
 /* Handlers trace while they interrupt threads that trace, into a file that rolls over meanwhile. No

@@ -22,9 +22,6 @@
 #include <pthread.h>
 #include <set>
 
-namespace
-{
-
 struct subscription_kind {
     uint32_t kind;
     uint32_t (*count)(uint32_t port_no);
@@ -43,8 +40,6 @@ struct expected_state {
     bool stray = false;
     int32_t bucket_id = 0;
 };
-
-} // namespace
 
 template <auto find>
 static uint32_t count_of(uint32_t port_no)

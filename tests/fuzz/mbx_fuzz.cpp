@@ -30,9 +30,6 @@ static constexpr char name[] = "fuzzed";
 static constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3};
 static constexpr uint32_t good_sizes = 5; /* the first ones, which hold a number */
 
-namespace
-{
-
 /* The upper half of a signal's number tells who made it: FROM_KEY is added to the stranger's key, 0
    for the owner himself. */
 enum origin : uint32_t { FROM_OWNER = 0x2000, FROM_CLIENT, FROM_KEY = 0x4000 };
@@ -50,8 +47,6 @@ struct journal {
     uint32_t sender = 0;
     bool spoiled = false; /* the ring holds anything by now */
 };
-
-} // namespace
 
 static std::array<stranger, 8> strangers;
 static std::map<uint32_t, journal> journals; /* by key */

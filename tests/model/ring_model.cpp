@@ -37,9 +37,6 @@ static_assert(translate(std::memory_order_relaxed) == rl::mo_relaxed &&
               translate(std::memory_order_release) == rl::mo_release &&
               translate(std::memory_order_seq_cst) == rl::mo_seq_cst);
 
-namespace
-{
-
 /* A weakened fence is no fence. */
 struct checked_atomics {
     using word = rl::atomic<uint32_t>;
@@ -137,8 +134,6 @@ struct weakened_orders {
                           before_resting = pick(5, ring_orders::before_resting),
                           before_waiting = pick(6, ring_orders::before_waiting);
 };
-
-} // namespace
 
 static constexpr const char *names[] = {"publish",      "find",           "release",       "reuse",
                                         "before_armed", "before_resting", "before_waiting"};
