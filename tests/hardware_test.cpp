@@ -15,59 +15,52 @@ using hardware = server_fixture;
 
 static constexpr uint32_t highest = 0xffffffffu;
 
-TEST_F(hardware, a_level_is_graded_at_and_beyond_each_threshold)
-{
-    static const struct {
-        uint32_t low_alarm, low_warn, high_warn, high_alarm, value, level;
-    } cases[] = {
-        {10, 20, 80, 90, 0, 3},       {10, 20, 80, 90, 10, 3},
-        {10, 20, 80, 90, 11, 1},      {10, 20, 80, 90, 20, 1},
-        {10, 20, 80, 90, 21, 0},      {10, 20, 80, 90, 79, 0},
-        {10, 20, 80, 90, 80, 2},      {10, 20, 80, 90, 89, 2},
-        {10, 20, 80, 90, 90, 4},      {10, 20, 80, 90, 91, 4},
-        {0, 0, 0, 0, 0, 3},           {0, 0, 0, 0, 5, 4},
-        {10, 20, 80, 90, highest, 4}, {10, 20, highest, highest, 0x80000000, 0},
-    };
-    for (const auto &grade : cases) {
-        dolm_ric_module_diag &diag = ports[1].diag;
-        diag.diag_cap =
-            DOLM_SFP_DIAGCAP_RXPOWER | DOLM_SFP_DIAGCAP_LASERTEMP | DOLM_SFP_DIAGCAP_TECCURRENT;
-        diag.rxpower_low_alarm = grade.low_alarm;
-        diag.rxpower_low_warn = grade.low_warn;
-        diag.rxpower_high_warn = grade.high_warn;
-        diag.rxpower_high_alarm = grade.high_alarm;
-        diag.rxpower = grade.value;
-        tesk_port_info info;
-        get_port_info(1, &info);
-        EXPECT_EQ(info.rx_power_fault_level, grade.level) << grade.value;
-        EXPECT_EQ(info.tx_power_fault_level, uint32_t{TESK_FAULT_NOT_MEASURED});
-        EXPECT_EQ(info.laser_temp_fault_level, uint32_t{TESK_FAULT_NOT_SUPPORTED});
-        EXPECT_EQ(info.tec_fault_level, uint32_t{TESK_FAULT_NOT_SUPPORTED});
-    }
-}
-
 /* Each measurement has its own bit, its own thresholds and its own level. */
-TEST_F(hardware, a_measurement_is_graded_only_if_its_bit_is_set)
+TEST_F(hardware, a_measurement_whose_bit_is_set_is_graded_at_and_beyond_each_threshold)
 {
+    using info_word = uint32_t tesk_port_info::*;
+    /* In the order of the bits, and of the records of five words each in the diagnostics. */
+    static constexpr info_word levels[] = {
+        &tesk_port_info::temp_fault_level, &tesk_port_info::vcc_fault_level,
+        &tesk_port_info::tx_bias_fault_level, &tesk_port_info::tx_power_fault_level,
+        &tesk_port_info::rx_power_fault_level};
+    static constexpr uint32_t all = 0x1f, unsigned_ones = 0x1e, temperature = 0x01;
     static const struct {
-        uint32_t bit;
-        uint32_t tesk_port_info::*level;
-        uint32_t expected;
-    } cases[] = {{DOLM_SFP_DIAGCAP_TEMP, &tesk_port_info::temp_fault_level, 0},
-                 {DOLM_SFP_DIAGCAP_VOLTAGE, &tesk_port_info::vcc_fault_level, 1},
-                 {DOLM_SFP_DIAGCAP_TXBIAS, &tesk_port_info::tx_bias_fault_level, 2},
-                 {DOLM_SFP_DIAGCAP_TXPOWER, &tesk_port_info::tx_power_fault_level, 3},
-                 {DOLM_SFP_DIAGCAP_RXPOWER, &tesk_port_info::rx_power_fault_level, 4}};
-    ports[1].diag = {0,  1,  0,  -30000, 80000, -40000, 90000, -5000, 20, 80, 10, 90, 15, 20, 80,
-                     10, 90, 85, 20,     80,    10,     90,    5,     20, 80, 10, 90, 95, {}};
-    for (const auto &set : cases) {
-        ports[1].diag.diag_cap = set.bit;
-        tesk_port_info info;
-        get_port_info(1, &info);
-        for (const auto &other : cases)
-            EXPECT_EQ(info.*other.level, &other == &set ? set.expected : 5u) << set.bit;
-        EXPECT_EQ(info.reserved_fault_level, 5u);
-    }
+        uint32_t low_warn, high_warn, low_alarm, high_alarm, value, level, bits;
+    } cases[] = {
+        {20, 80, 10, 90, 0, 3, all},
+        {20, 80, 10, 90, 10, 3, all},
+        {20, 80, 10, 90, 11, 1, all},
+        {20, 80, 10, 90, 20, 1, all},
+        {20, 80, 10, 90, 21, 0, all},
+        {20, 80, 10, 90, 79, 0, all},
+        {20, 80, 10, 90, 80, 2, all},
+        {20, 80, 10, 90, 89, 2, all},
+        {20, 80, 10, 90, 90, 4, all},
+        {20, 80, 10, 90, 91, 4, all},
+        {0, 0, 0, 0, 0, 3, all},
+        {0, 0, 0, 0, 5, 4, all},
+        {20, 80, 10, 90, highest, 4, unsigned_ones},
+        {20, highest, 10, highest, 0x80000000, 0, unsigned_ones},
+        {0u - 30000, 80000, 0u - 40000, 90000, 0u - 5000, 0, temperature},
+    };
+    dolm_ric_module_diag &diag = ports[1].diag;
+    for (const auto &grade : cases)
+        for (size_t index = 0; index < std::size(levels); index++) {
+            if ((grade.bits >> index & 1) == 0)
+                continue;
+            diag = {};
+            diag.diag_cap = 1u << index | DOLM_SFP_DIAGCAP_LASERTEMP | DOLM_SFP_DIAGCAP_TECCURRENT;
+            memcpy(&diag.temperature_low_warn + 5 * index, &grade, 5 * sizeof(uint32_t));
+            tesk_port_info info;
+            get_port_info(1, &info);
+            for (info_word level : levels)
+                EXPECT_EQ(info.*level,
+                          level == levels[index] ? grade.level : uint32_t{TESK_FAULT_NOT_MEASURED});
+            EXPECT_EQ(info.reserved_fault_level, uint32_t{TESK_FAULT_NOT_MEASURED});
+            EXPECT_EQ(info.laser_temp_fault_level, uint32_t{TESK_FAULT_NOT_SUPPORTED});
+            EXPECT_EQ(info.tec_fault_level, uint32_t{TESK_FAULT_NOT_SUPPORTED});
+        }
 }
 
 TEST_F(hardware, each_code_has_its_value_in_the_protocol)

@@ -282,18 +282,6 @@ TEST_F(turns, a_rung_bell_cannot_be_taken_back)
     EXPECT_EQ(next(), 16u);
 }
 
-TEST_F(turns, a_ring_without_a_signal_gives_an_empty_one_and_ends_the_source)
-{
-    const sender &s = add(16);
-    send(16);
-    EXPECT_EQ(next(), 16u);
-    ring_bell(s.bell.get());
-    EXPECT_EQ(next(), 16u);
-    EXPECT_EQ(next(), 0u);
-    ring_bell(s.bell.get());
-    EXPECT_EQ(next(), 0u) << "heard after its end";
-}
-
 TEST_F(turns, who_rings_and_leaves_at_once_does_not_leave_the_owner_waiting)
 {
     const sender &s = add(16);
@@ -303,17 +291,6 @@ TEST_F(turns, who_rings_and_leaves_at_once_does_not_leave_the_owner_waiting)
     in.end(16, nullptr);
     EXPECT_EQ(next(), 16u);
     EXPECT_EQ(next(), 0u);
-}
-
-TEST_F(turns, notices_come_after_the_last_signal)
-{
-    add(16);
-    send(16, 3);
-    block *notice = block_take(4);
-    notice->sender = 99;
-    in.end(16, notice);
-    for (uint32_t expected : {16u, 16u, 16u, 99u, 0u})
-        EXPECT_EQ(next(), expected);
 }
 
 TEST(shares, one_process_gets_a_quarter_and_another_user_half)
