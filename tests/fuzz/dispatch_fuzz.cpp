@@ -21,6 +21,7 @@
 #include <cstring>
 #include <pthread.h>
 #include <set>
+#include <utility>
 
 struct subscription_kind {
     uint32_t kind;
@@ -30,14 +31,11 @@ struct subscription_kind {
     const char *unsubscribe;
 };
 
-/* The expected state of one kind of subscription to a port. `orphans` are counts of removed
-   clients, which remain because the board refused to unsubscribe. `stray` is a subscription of the
-   board without a count: there was no memory for its bucket, and the board refused to unsubscribe.
- */
+/* The expected state of one kind of subscription to a port. */
 struct expected_state {
     bool held = false;
-    unsigned orphans = 0;
-    bool stray = false;
+    unsigned orphans = 0; /* counts of removed clients: the board refused to unsubscribe */
+    bool stray = false;   /* held without a count: the same, when a bucket had no memory */
     int32_t bucket_id = 0;
 };
 
@@ -70,19 +68,16 @@ static void on_operation(const char *operation, uint32_t port_no, int32_t code)
 {
     for (int index = 0; index < kind_count; index++) {
         expected_state &entry = expected[port_no][index];
-        if (strcmp(operation, kinds[index].subscribe) == 0 && code == 0) {
-            assert(!entry.held || entry.stray);
-            entry.held = true;
-            entry.stray = false;
-        }
-        if (strcmp(operation, kinds[index].unsubscribe) != 0)
+        const bool subscribes = strcmp(operation, kinds[index].subscribe) == 0;
+        if ((!subscribes && strcmp(operation, kinds[index].unsubscribe) != 0) ||
+            (subscribes && code != 0))
             continue;
-        assert(entry.held);
-        entry.held = code != 0;
+        assert(subscribes ? !entry.held || entry.stray : entry.held);
+        entry.held = subscribes || code != 0;
         entry.stray = false;
         if (code != 0)
             refused.emplace_back(port_no, index);
-        else /* the bucket is removed, and a new one may get its id while a tick is pending */
+        else if (!subscribes) /* a new bucket may get the old one's id while a tick is pending */
             tainted.insert(entry.bucket_id);
     }
 }
@@ -95,10 +90,8 @@ static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t ki
     const guint count = client->subscriptions == nullptr ? 0 : client->subscriptions->len;
     for (guint index = 0; index < count; index++) {
         const auto &held = g_array_index(client->subscriptions, tesk_client_subscription, index);
-        if (held.port_no != port_no || held.kind != kind)
-            continue;
-        assert(place == -1);
-        place = static_cast<int32_t>(index);
+        if (held.port_no == port_no && held.kind == kind)
+            assert(std::exchange(place, static_cast<int32_t>(index)) == -1);
     }
     assert(tesk_client_find_subscription(client, port_no, kind) == place);
     return place;
@@ -128,9 +121,8 @@ static void check_bucket(uint32_t port_no, expected_state &entry, std::set<int32
     assert(bucket != nullptr);
     assert(live.insert(bucket->id).second);
     assert(bucket->level >= 0 && bucket->level <= 100 && bucket->level % 10 == 0);
-    const auto chains = std::count_if(
-        fake_platform::ticks.begin(), fake_platform::ticks.end(),
-        [bucket](const auto &tick) { return static_cast<int32_t>(tick.bucket) == bucket->id; });
+    const auto chains = std::ranges::count(fake_platform::ticks, static_cast<uint32_t>(bucket->id),
+                                           &fake_platform::tick::bucket);
     if (chains == (bucket->level > 0 ? 1 : 0))
         tainted.erase(bucket->id);
     else
@@ -223,11 +215,9 @@ static void request(fuzz_input &in)
     const uint32_t word = number == TESK_CONN_ESTABLISH_REQ ? in.byte() : in.one_of(port_numbers);
     fake_platform::deliver(sender, number, {in.byte(), ref, word, in.byte() % 3u});
     dispatch(sender, number);
-    const auto answers =
-        std::count_if(fake_platform::sent.begin(), fake_platform::sent.end(),
-                      [number, sender](const auto &signal) {
-                          return signal.receiver == sender && signal.number - number - 1 < 2;
-                      });
+    const auto answers = std::ranges::count_if(fake_platform::sent, [&](const auto &signal) {
+        return signal.receiver == sender && signal.number - number - 1 < 2;
+    });
     assert(sender == fake_platform::own_mailbox || answers == (answered ? 1 : 0));
 }
 
@@ -337,6 +327,13 @@ static void begin()
         fake_platform::ports[port_no].status = DOLM_RICRIPORT_STARTED | DOLM_RICRIPORT_MODREADY;
 }
 
+static void empty_tables()
+{
+    tesk_portsub_shutdown();
+    leaky_bucket_shutdown();
+    tesk_cache_shutdown();
+}
+
 /* Removes all subscriptions and clients. */
 static void end()
 {
@@ -353,9 +350,7 @@ static void end()
     while (tesk_client *client = tesk_client_first())
         tesk_client_remove(client);
     tesk_client_data_reset();
-    tesk_portsub_shutdown();
-    leaky_bucket_shutdown();
-    tesk_cache_shutdown();
+    empty_tables();
     fake_platform::ports.clear();
     fake_platform::ticks.clear();
     expected.clear();
@@ -376,18 +371,15 @@ static bool start_server()
     sigaction(SIGTERM, &terminate, nullptr);
     sigaction(SIGINT, &interrupt, nullptr);
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-    tesk_portsub_shutdown();
-    leaky_bucket_shutdown();
-    tesk_cache_shutdown();
+    empty_tables();
     fake_platform::observer = on_operation;
     return atexit(tesk_server_shutdown) == 0;
 }
 
 /* The linker redirects the server's calls of calloc here. Only those for buckets can fail. */
-extern "C" void *__real_calloc(size_t count, size_t size);
-extern "C" void *__wrap_calloc(size_t count, size_t size);
+extern "C" decltype(calloc) __real_calloc, __wrap_calloc;
 
-void *__wrap_calloc(size_t count, size_t size)
+void *__wrap_calloc(size_t count, size_t size) noexcept
 {
     if (!memory_ends || size != sizeof(leaky_bucket_data))
         return __real_calloc(count, size);
@@ -395,8 +387,7 @@ void *__wrap_calloc(size_t count, size_t size)
     return nullptr;
 }
 
-extern "C" uint32_t __real_mbx_monitor(uint32_t watched, mbx_signal **signal);
-extern "C" uint32_t __wrap_mbx_monitor(uint32_t watched, mbx_signal **signal);
+extern "C" decltype(mbx_monitor) __real_mbx_monitor, __wrap_mbx_monitor;
 
 uint32_t __wrap_mbx_monitor(uint32_t watched, mbx_signal **signal)
 {

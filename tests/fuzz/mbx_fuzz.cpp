@@ -12,14 +12,12 @@
 #include "tests/fuzz/fuzz_input.h"
 
 #include <array>
-#include <cerrno>
 #include <fcntl.h>
 #include <map>
 #include <optional>
 #include <poll.h>
 #include <set>
 #include <string>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <thread>
@@ -76,9 +74,8 @@ static void greet(fuzz_input &in)
         send(s.peer->control.get(), name, sizeof(name), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (how % 16 == 15)
         s.peer->pass({STDERR_FILENO, STDERR_FILENO});
-    if (std::exchange(
-            s.said_hello,
-            true)) /* a second one ends the connection; what is written later is for nobody */
+    /* A second one ends the connection; what is written later is for nobody. */
+    if (std::exchange(s.said_hello, true))
         journals[s.key].spoiled = true;
     const auto kind = static_cast<greeting_kind>(how % 16 == 14 ? in.byte() : 1);
     send_greeting(s.peer->control.get(), kind, {how % 16 == 0 ? 1 : s.key, 0});
@@ -135,37 +132,35 @@ static void disturb(fuzz_input &in)
         return;
     }
     journal &j = journals[s.key];
+    const bool is_high = choice % 16 > 7;
+    j.spoiled |= choice % 8 <= 3 || choice % 8 == 5 || (choice % 8 == 6 && !is_high);
     switch (choice % 8) {
     case 0:
     case 1:
     case 2:
-        j.spoiled = true;
         scribble(peer, in);
-        if (choice % 16 > 7)
+        if (is_high)
             peer.ring();
         break;
     case 3:
-        j.spoiled = true;
         peer.ring();
         break;
     case 4: { /* the bells' counts and flags, which both sides share */
         const uint64_t much = UINT64_MAX - 1 - choice;
-        const int bell = choice % 16 > 7 ? peer.far_bell.get() : peer.near_bell.get();
+        const int bell = is_high ? peer.far_bell.get() : peer.near_bell.get();
         fcntl(bell, F_SETFL, O_NONBLOCK);
         [[maybe_unused]] const ssize_t n = write(bell, &much, sizeof(much));
         fcntl(bell, F_SETFL, choice % 32 > 15 ? O_NONBLOCK : 0);
         break;
     }
     case 5:
-        j.spoiled = true;
         madvise(peer.area->ring(0).rest, 4 * page_bytes, MADV_REMOVE);
-        if (choice % 16 > 7)
+        if (is_high)
             madvise(peer.area->ring(0).words, page_bytes, MADV_REMOVE);
         break;
     case 6: {
         std::vector<owned_fd> passed;
-        send(peer.control.get(), choice % 16 > 7 ? "r" : "b", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
-        j.spoiled |= choice % 16 <= 7;
+        send(peer.control.get(), is_high ? "r" : "b", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
         receive_wake(peer.control.get(), passed);
         break;
     }
