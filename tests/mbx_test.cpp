@@ -219,7 +219,8 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
     const std::string path = dir + "/server";
     const owned_fd silent = util::connect_to(path, SOCK_SEQPACKET);
     /* What may be done to a fresh connection, and to a greeted one. */
-    const std::function<void(raw_peer & fresh, raw_peer & greeted)> acts[] = {
+    using deed = void(raw_peer & fresh, raw_peer & greeted);
+    static deed *const acts[] = {
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "nonsense", 8, MSG_NOSIGNAL); },
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "", 0, MSG_NOSIGNAL); },
         [](raw_peer &fresh, raw_peer &) { fresh.pass({STDERR_FILENO}), expect_end(fresh); },
@@ -228,12 +229,12 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
         [](raw_peer &, raw_peer &greeted) { send(greeted.control.get(), "r", 1, 0); },
         [](raw_peer &, raw_peer &greeted) { greeted.pass({STDERR_FILENO}); },
         [](raw_peer &, raw_peer &greeted) { shutdown(greeted.control.get(), SHUT_RDWR); },
-        [](raw_peer &, raw_peer &greeted) { /* the bell back and forth before the first ring */
-                                            const uint64_t one = 1;
-                                            EXPECT_EQ(write(greeted.near_bell.get(), &one, 8), -1);
-                                            greeted.area.reset();
+        [](raw_peer &, raw_peer &greeted) {
+            const uint64_t back_and_forth = 1; /* before the first ring */
+            EXPECT_EQ(write(greeted.near_bell.get(), &back_and_forth, 8), -1);
+            greeted.area.reset();
         },
-        [](raw_peer &, raw_peer &greeted) { /* heard only by the owner's side of the other ring */
+        [](raw_peer &, raw_peer &greeted) { /* seen only by the sender into the other ring */
                                             greeted.from_mailbox().armed = 1;
                                             greeted.from_mailbox().tail = 0x7ffffff8;
                                             greeted.from_mailbox().hungry = 7;
@@ -564,14 +565,12 @@ TEST_F(mbx, a_peer_may_change_every_word_at_any_time)
         const uint32_t id = heard_from(peer, 2);
         std::atomic<bool> stop = false;
         std::thread scribbler([&] {
+            auto *words = reinterpret_cast<uint32_t *>(peer.area->ring(0).words);
             for (unsigned state = round; !stop;) {
                 state = state * 1664525 + 1013904223;
-                const size_t offset =
-                    state % 4 == 0 ? state / 4 % 4096 / 4 * 4 : state / 4 % 80 * 4;
-                auto *page = reinterpret_cast<unsigned char *>(peer.area->ring(0).words);
+                const size_t index = state / 4 % (state % 4 == 0 ? 1024 : 80);
                 const uint32_t word = state % 8 < 4 ? state >> 16 & 0xff8 : state;
-                __atomic_store_n(reinterpret_cast<uint32_t *>(page + offset), word,
-                                 __ATOMIC_RELAXED);
+                __atomic_store_n(words + index, word, __ATOMIC_RELAXED);
             }
         });
         for (uint32_t i = 0; i < 200; i++) {
@@ -734,24 +733,19 @@ struct audience {
 static void expect_a_child_can_do_the_same()
 {
 #ifndef __SANITIZE_THREAD__ /* which allows no thread after a fork with several */
-    const pid_t child = fork();
-    if (child == 0) {
+    const actor child([](int) {
         join("child");
         audience all;
-        for (size_t place = 0; place < 20; place++)
-            all.seat(place, getenv("MBX_DIR") + std::string("/child"));
         std::vector<uint32_t> everybody(20);
+        for (size_t place = 0; place < everybody.size(); place++)
+            all.seat(place, getenv("MBX_DIR") + std::string("/child"));
         for (uint32_t &id : everybody)
             id = next().sender;
         for (uint32_t id : everybody)
             send_number(id, numbered, 0);
         all.expect_all(0);
         mbx_exit();
-        _exit(testing::Test::HasFailure());
-    }
-    int status;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    });
 #endif
 }
 
