@@ -233,8 +233,7 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
              s.greet(), s.near_bell.reset(), s.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
          }},
         {"forges the exit signal", [](stranger &s) { s.greet(), s.send({TESK_EXIT_SIGNAL}); }},
-        {"forges a death", [](stranger &s) { s.greet(), s.send({MBX_MONITOR_DEFAULT_NO}); }},
-    };
+        {"forges a death", [](stranger &s) { s.greet(), s.send({MBX_MONITOR_DEFAULT_NO}); }}};
     testkit::server server;
     client witness;
     const size_t descriptors = testkit::idle_descriptors_of(server.pid);

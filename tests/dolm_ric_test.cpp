@@ -130,8 +130,7 @@ TEST_F(dolm_ric_test, a_command_with_an_error_changes_nothing)
         {"set 3 link=up nom_bitrate=256", "out of range"},
         {"set 3 vendor_rev=123456", "holds 5 bytes at most"},
         {"fail lookup -1", "no operation is called 'lookup'"},
-        {"\x01", "no request is called '\\x01'"},
-    };
+        {"\x01", "no request is called '\\x01'"}};
     for (const auto &[request, reason] : refused) {
         const std::string answer = ask(request);
         EXPECT_EQ(0u, answer.find("error ")) << request;
@@ -236,8 +235,7 @@ TEST_F(dolm_ric_test, a_board_file_describes_the_board_or_the_start_fails_with_a
         {"ports 0\n", -1, ":1: a board has one port at least\n"},
         {"set 3 link=up\n", -1, ":1: the first line is: ports COUNT\n"},
         {"ports 4\nwait idle\n", -1, ":2: a board file can't wait\n"},
-        {"#\n", -1, ": a board has one port at least\n"},
-    };
+        {"#\n", -1, ": a board has one port at least\n"}};
     for (const auto &[text, code, reason] : failing) {
         testing::internal::CaptureStderr();
         EXPECT_EQ(code, start(text)) << text;

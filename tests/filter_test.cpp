@@ -52,15 +52,13 @@ TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
         char event; /* u p, d own, t ick */
         int32_t level;
         bool is_sent, armed;
-    } steps[] = {
-        {'d', 20, true, true},   {'u', 20, true, false}, {'d', 40, true, false},
-        {'u', 40, true, false},  {'d', 60, true, false}, {'u', 60, false, false},
-        {'d', 80, false, false}, {'t', 70, false, true}, {'t', 60, false, true},
-        {'t', 50, false, true},  {'t', 40, true, true},  {'t', 30, false, true},
-        {'t', 20, false, true},  {'t', 10, false, true}, {'t', 0, false, false},
-        {'t', 0, false, false},  {'d', 0, false, false}, /* a repeated state */
-        {'u', 0, true, false},
-    };
+    } steps[] = {{'d', 20, true, true},   {'u', 20, true, false}, {'d', 40, true, false},
+                 {'u', 40, true, false},  {'d', 60, true, false}, {'u', 60, false, false},
+                 {'d', 80, false, false}, {'t', 70, false, true}, {'t', 60, false, true},
+                 {'t', 50, false, true},  {'t', 40, true, true},  {'t', 30, false, true},
+                 {'t', 20, false, true},  {'t', 10, false, true}, {'t', 0, false, false},
+                 {'t', 0, false, false},  {'d', 0, false, false}, /* a repeated state */
+                 {'u', 0, true, false}};
     subscriber(alice, 3, subscribe_status);
     for (const auto &step : steps) {
         ticks.clear();

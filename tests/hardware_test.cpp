@@ -24,26 +24,19 @@ TEST_F(hardware, a_measurement_whose_bit_is_set_is_graded_at_and_beyond_each_thr
         &tesk_port_info::temp_fault_level, &tesk_port_info::vcc_fault_level,
         &tesk_port_info::tx_bias_fault_level, &tesk_port_info::tx_power_fault_level,
         &tesk_port_info::rx_power_fault_level};
-    static constexpr uint32_t all = 0x1f, unsigned_ones = 0x1e, temperature = 0x01;
+    static constexpr uint32_t all = 0x1f, temp = 0x01, rest = 0x1e;
+    static constexpr int32_t half = INT32_MIN;
     static const struct {
-        uint32_t low_warn, high_warn, low_alarm, high_alarm, value, level, bits;
-    } cases[] = {
-        {20, 80, 10, 90, 0, 3, all},
-        {20, 80, 10, 90, 10, 3, all},
-        {20, 80, 10, 90, 11, 1, all},
-        {20, 80, 10, 90, 20, 1, all},
-        {20, 80, 10, 90, 21, 0, all},
-        {20, 80, 10, 90, 79, 0, all},
-        {20, 80, 10, 90, 80, 2, all},
-        {20, 80, 10, 90, 89, 2, all},
-        {20, 80, 10, 90, 90, 4, all},
-        {20, 80, 10, 90, 91, 4, all},
-        {0, 0, 0, 0, 0, 3, all},
-        {0, 0, 0, 0, 5, 4, all},
-        {20, 80, 10, 90, highest, 4, unsigned_ones},
-        {20, highest, 10, highest, 0x80000000, 0, unsigned_ones},
-        {0u - 30000, 80000, 0u - 40000, 90000, 0u - 5000, 0, temperature},
-    };
+        int32_t low_warn, high_warn, low_alarm, high_alarm, value;
+        uint32_t level, bits;
+    } cases[] = {{20, 80, 10, 90, 0, 3, all},    {20, 80, 10, 90, 10, 3, all},
+                 {20, 80, 10, 90, 11, 1, all},   {20, 80, 10, 90, 20, 1, all},
+                 {20, 80, 10, 90, 21, 0, all},   {20, 80, 10, 90, 79, 0, all},
+                 {20, 80, 10, 90, 80, 2, all},   {20, 80, 10, 90, 89, 2, all},
+                 {20, 80, 10, 90, 90, 4, all},   {20, 80, 10, 90, 91, 4, all},
+                 {0, 0, 0, 0, 0, 3, all},        {0, 0, 0, 0, 5, 4, all},
+                 {20, 80, 10, 90, -1, 4, rest},  {20, -1, 10, -1, half, 0, rest},
+                 {-30, 80, -40, 90, -5, 0, temp}};
     dolm_ric_module_diag &diag = ports[1].diag;
     for (const auto &grade : cases)
         for (size_t index = 0; index < std::size(levels); index++) {
@@ -67,17 +60,15 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
 {
     static const struct {
         uint32_t code, of_link, of_module; /* speeds in 0.1 Gbps */
-    } speeds[] = {
-        {0x0000, 0, 0},       {0x0001, 12, 10},
-        {0x0002, 25, 100},    {0x0003, 0, 0},
-        {0x0004, 0, 0},       {0x0008, 49, 0},
-        {0x0020, 98, 0},      {0x0040, 101, 0},
-        {0x0080, 0, 0},       {0x1000, 100, 0},
-        {0x2000, 0, 0},       {highest, 0, 0},
-        {0x5453000a, 10, 10}, {0x5453ffff, 65535, 65535},
-        {0x54530000, 0, 0},   {0x5452000a, 0, 0},
-        {0x5454000a, 0, 0},   {0xd453000a, 0, 0},
-    };
+    } speeds[] = {{0x0000, 0, 0},       {0x0001, 12, 10},
+                  {0x0002, 25, 100},    {0x0003, 0, 0},
+                  {0x0004, 0, 0},       {0x0008, 49, 0},
+                  {0x0020, 98, 0},      {0x0040, 101, 0},
+                  {0x0080, 0, 0},       {0x1000, 100, 0},
+                  {0x2000, 0, 0},       {highest, 0, 0},
+                  {0x5453000a, 10, 10}, {0x5453ffff, 65535, 65535},
+                  {0x54530000, 0, 0},   {0x5452000a, 0, 0},
+                  {0x5454000a, 0, 0},   {0xd453000a, 0, 0}};
     static const std::pair<uint8_t, uint32_t> connectors[] = {{0, 3}, {1, 2},    {2, 1},
                                                               {3, 3}, {0x7f, 3}, {0xff, 3}};
     static const std::pair<uint32_t, uint32_t> module_status[] = {{0, 0}, {1, 0}, {2, 1},
@@ -139,18 +130,17 @@ TEST_F(hardware, each_wrapper_traces_each_result_with_its_own_texts)
         std::string function,
             state; /* traced with each result, or, without state, with a good one */
         uint32_t good, unknown_port, failed;
-    } cases[] = {
-        {"getportstatus", "getportstatus", "", call<get_dolm_sfp_presence>, "get_dolm_sfp_presence",
-         "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN},
-        {"subsport", "portstatus", " ", call<subscribe_sfp_info>, "subscribe_sfp_info",
-         "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN},
-        {"subslink", "subslink", " ", call<subscribe_port_status>, "subscribe_port_status",
-         "link_status", 0, 1, 1},
-        {"unsubsport", "unsubsport", "", call<unsubscribe_sfp_info>, "unsubscribe_sfp_info", "", 0,
-         1, 1},
-        {"unsubslink", "unsubslink", "", call<unsubscribe_port_status>, "unsubscribe_port_status",
-         "", 0, 1, 1},
-    };
+    } cases[] = {{"getportstatus", "getportstatus", "", call<get_dolm_sfp_presence>,
+                  "get_dolm_sfp_presence", "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT,
+                  SFP_UNKNOWN},
+                 {"subsport", "portstatus", " ", call<subscribe_sfp_info>, "subscribe_sfp_info",
+                  "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN},
+                 {"subslink", "subslink", " ", call<subscribe_port_status>, "subscribe_port_status",
+                  "link_status", 0, 1, 1},
+                 {"unsubsport", "unsubsport", "", call<unsubscribe_sfp_info>,
+                  "unsubscribe_sfp_info", "", 0, 1, 1},
+                 {"unsubslink", "unsubslink", "", call<unsubscribe_port_status>,
+                  "unsubscribe_port_status", "", 0, 1, 1}};
     ports[1].status = 0x8;
     ports[1].link_state = 8;
     for (const auto &wrapped : cases)
@@ -209,8 +199,7 @@ TEST_F(hardware, a_value_that_could_not_be_read_keeps_its_start_value)
         {"modulediag", -4, 2, 2, 5, 5,
          "[4]@: -4 (not available (e.g. SFP EEPROM is not available))"},
         {"modstatus", -2, 2, 2, 0, 5,
-         "[1]@ failed, for port 1 (dolm_ric_id 131073), err=no memory"},
-    };
+         "[1]@ failed, for port 1 (dolm_ric_id 131073), err=no memory"}};
     ports[1].link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
     ports[1].speed = 0x0004; /* an unknown code, so the speed is 0 */
     ports[1].module.sfp.sfp_connector = DOLM_SFP_CONNECTOR_LC;
@@ -241,19 +230,17 @@ TEST_F(hardware, a_module_is_read_only_if_one_can_be_expected)
         uint32_t mode, result, type;
         bool is_read;
         const char *trace = nullptr;
-    } cases[] = {
-        {SFP_NOT_PRESENT, 0, 1, SFP_NOT_PRESENT, 0, false},
-        {SFP_PRESENT_NOT_READY, 0, 1, SFP_NOT_PRESENT, 0, false},
-        {UNSUPPORTED_PORT, 0, 1, SFP_NOT_PRESENT, 0, false},
-        {SFP_UNKNOWN, 0, 1, SFP_PRESENT_AND_READY, 3, true},
-        {SFP_PRESENT_AND_READY, 0, 1, SFP_PRESENT_AND_READY, 3, true},
-        {SFP_PRESENT_AND_READY, 0, 2, SFP_PRESENT_AND_READY, 1, true,
-         "[4] dolm_ric_ri_getmoduleinfo returned result 0 with mode_type 2!"},
-        {SFP_PRESENT_AND_READY, -3, 1, UNSUPPORTED_PORT, 0, true},
-        {SFP_PRESENT_AND_READY, -4, 1, SFP_NOT_PRESENT, 0, true},
-        {SFP_UNKNOWN, -8, 1, SFP_UNKNOWN, 0, true,
-         "[4] WARNING: dolm_ric_ri_getmoduleinfo returned result -8!"},
-    };
+    } cases[] = {{SFP_NOT_PRESENT, 0, 1, SFP_NOT_PRESENT, 0, false},
+                 {SFP_PRESENT_NOT_READY, 0, 1, SFP_NOT_PRESENT, 0, false},
+                 {UNSUPPORTED_PORT, 0, 1, SFP_NOT_PRESENT, 0, false},
+                 {SFP_UNKNOWN, 0, 1, SFP_PRESENT_AND_READY, 3, true},
+                 {SFP_PRESENT_AND_READY, 0, 1, SFP_PRESENT_AND_READY, 3, true},
+                 {SFP_PRESENT_AND_READY, 0, 2, SFP_PRESENT_AND_READY, 1, true,
+                  "[4] dolm_ric_ri_getmoduleinfo returned result 0 with mode_type 2!"},
+                 {SFP_PRESENT_AND_READY, -3, 1, UNSUPPORTED_PORT, 0, true},
+                 {SFP_PRESENT_AND_READY, -4, 1, SFP_NOT_PRESENT, 0, true},
+                 {SFP_UNKNOWN, -8, 1, SFP_UNKNOWN, 0, true,
+                  "[4] WARNING: dolm_ric_ri_getmoduleinfo returned result -8!"}};
     for (const auto &row : cases) {
         tesk_sfp_info info = {};
         ports[1].module.mode_type = row.mode;
@@ -355,8 +342,7 @@ TEST_F(hardware, the_event_thread_translates_events_and_survives_a_wait_that_fai
         {TESK_HW_EVENT_SFP, 1, SFP_PRESENT_AND_READY},
         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
         {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
-        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_UP},
-    };
+        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_UP}};
     tesk_hw_event *event = tesk_event_queue_take_all();
     for (const auto &expected : queued) {
         ASSERT_NE(event, nullptr);

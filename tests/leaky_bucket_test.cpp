@@ -64,13 +64,11 @@ TEST_F(leaky_bucket, keeps_its_level_within_limits_and_returns_the_state)
     static const struct {
         int32_t delta, level;
         leaky_bucket_state state;
-    } steps[] = {
-        {20, 20, LEAKY_BUCKET_BELOW_LEVEL},    {29, 49, LEAKY_BUCKET_BELOW_LEVEL},
-        {1, 50, LEAKY_BUCKET_LEVEL_REACHED},   {50, 100, LEAKY_BUCKET_LEVEL_REACHED},
-        {20, 100, LEAKY_BUCKET_LEVEL_REACHED}, {-60, 40, LEAKY_BUCKET_BELOW_LEVEL},
-        {-40, 0, LEAKY_BUCKET_BELOW_LEVEL},    {-10, 0, LEAKY_BUCKET_EMPTIED},
-        {-1, 0, LEAKY_BUCKET_EMPTIED},
-    };
+    } steps[] = {{20, 20, LEAKY_BUCKET_BELOW_LEVEL},    {29, 49, LEAKY_BUCKET_BELOW_LEVEL},
+                 {1, 50, LEAKY_BUCKET_LEVEL_REACHED},   {50, 100, LEAKY_BUCKET_LEVEL_REACHED},
+                 {20, 100, LEAKY_BUCKET_LEVEL_REACHED}, {-60, 40, LEAKY_BUCKET_BELOW_LEVEL},
+                 {-40, 0, LEAKY_BUCKET_BELOW_LEVEL},    {-10, 0, LEAKY_BUCKET_EMPTIED},
+                 {-1, 0, LEAKY_BUCKET_EMPTIED}};
     ASSERT_EQ(leaky_bucket_add(100, 50), 1);
     fake_platform::reset({13});
     for (const auto &step : steps) {

@@ -152,8 +152,7 @@ TEST(process, starts_and_stops_in_order_or_reports_why_it_ends)
          5,
          {"[1] dolm_ric_init: -11 (internal error)", "[1] pthread_create: -11 (Unknown error -11)"},
          242},
-        {"mbx_get_fd", 7, {"[1] epoll_ctl: 9 (Bad file descriptor)"}, 255},
-    };
+        {"mbx_get_fd", 7, {"[1] epoll_ctl: 9 (Bad file descriptor)"}, 255}};
     for (const auto &[call, started, said, status] : cases) {
         const outcome run = run_server(call, starting.back());
         const auto failed = starting.begin() + static_cast<long>(started);
@@ -221,8 +220,7 @@ TEST_F(life, a_broken_mutex_ends_the_process)
             tesk_event_queue_put(static_cast<tesk_hw_event *>(calloc(1, sizeof(tesk_hw_event))));
         },
         [] { tesk_event_queue_take_all(); },
-        [] { tesk_event_queue_shutdown(); },
-    };
+        [] { tesk_event_queue_shutdown(); }};
     connect(alice);
     tesk_event_queue_put(static_cast<tesk_hw_event *>(calloc(1, sizeof(tesk_hw_event))));
     for (const auto use : uses) {

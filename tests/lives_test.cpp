@@ -29,8 +29,7 @@ static constexpr kind_numbers kinds[] = {
      TESK_CACHE_ACTION_SFP_INFO_IND, "subscribed_port"},
     {TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_UNSUBSCRIBE_PORT_STATUS_REQ, TESK_PORT_STATUS_IND,
      TESK_CACHE_ACTION_PORT_STATUS_SUBSCRIBE, TESK_CACHE_ACTION_PORT_STATUS_UNSUBSCRIBE,
-     TESK_CACHE_ACTION_PORT_STATUS_IND, "subscribed_link"},
-};
+     TESK_CACHE_ACTION_PORT_STATUS_IND, "subscribed_link"}};
 
 struct life {
     std::unique_ptr<testkit::test_client> client;

@@ -106,17 +106,18 @@ TEST_F(ring, what_cannot_be_is_a_lie)
     struct lie {
         uint32_t head, size, skip = 0;
     };
-    for (const lie &l : {lie{4, 8},
-                         {ring_bytes + 8, 8},
-                         {0u - 8u, 8},
-                         {16, 9},
-                         {16, UINT32_MAX - 1},
-                         {MBX_LARGEST_SIGNAL + 64, MBX_LARGEST_SIGNAL + 1},
-                         {ring_bytes, home_bytes - 7},
-                         {16, UINT32_MAX, 0},
-                         {ring_bytes, UINT32_MAX, 12},
-                         {64, UINT32_MAX, 64},
-                         {ring_bytes, UINT32_MAX, UINT32_MAX - 7}}) {
+    static const lie lies[] = {{4, 8},
+                               {ring_bytes + 8, 8},
+                               {0u - 8u, 8},
+                               {16, 9},
+                               {16, UINT32_MAX - 1},
+                               {MBX_LARGEST_SIGNAL + 64, MBX_LARGEST_SIGNAL + 1},
+                               {ring_bytes, home_bytes - 7},
+                               {16, UINT32_MAX, 0},
+                               {ring_bytes, UINT32_MAX, 12},
+                               {64, UINT32_MAX, 64},
+                               {ring_bytes, UINT32_MAX, UINT32_MAX - 7}};
+    for (const lie &l : lies) {
         area->ring(0).words->head = l.head;
         std::memcpy(area->ring(0).home, &l.size, 2 * sizeof(uint32_t));
         block *b = nullptr;
@@ -154,7 +155,8 @@ TEST(area, is_taken_only_as_it_is_made)
         EXPECT_FALSE(may_be_bell(bad->get(), other.get()));
 }
 
-/* Of signals of 8 bytes, the last one of a piece of memory would end 8 bytes behind it. */
+/* Of signals of 8 bytes, the last one of a piece of memory would end 8 bytes behind it, in the
+   piece before. */
 TEST(a_backlog, keeps_the_order_and_gives_its_memory_back_each_time)
 {
     backlog waiting;
@@ -164,12 +166,12 @@ TEST(a_backlog, keeps_the_order_and_gives_its_memory_back_each_time)
             return !is_mixed ? 8 : i % 50 == 0 ? MBX_LARGEST_SIGNAL : 4 + i % 300;
         };
         size_t bytes = 0;
-        for (uint32_t i = 0; i < 9000; bytes += size(i++) + 8) {
+        for (uint32_t i = 0; i < 20000; bytes += size(i++) + 8) {
             data[0] = i;
             ASSERT_TRUE(waiting.push(data.data(), size(i)));
         }
         EXPECT_LT(waiting.memory(), 2 * bytes);
-        for (uint32_t i = 0; i < 9000; i++, waiting.pop()) {
+        for (uint32_t i = 0; i < 20000; i++, waiting.pop()) {
             uint32_t got = 0;
             ASSERT_EQ(*static_cast<const uint32_t *>(waiting.front(got)), i);
             ASSERT_EQ(got, size(i));

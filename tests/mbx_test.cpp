@@ -238,8 +238,7 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
                                             greeted.from_mailbox().armed = 1;
                                             greeted.from_mailbox().tail = 0x7ffffff8;
                                             greeted.from_mailbox().hungry = 7;
-        },
-    };
+        }};
     for (int round = 0; round < 5; round++)
         for (const auto &act : acts) {
             {
@@ -538,8 +537,7 @@ TEST_F(mbx, what_a_peer_does_to_the_shared_memory_and_the_bell_harms_only_itself
              EXPECT_TRUE(waiting > 0 && waiting < 16) << "what it does not read takes memory";
          }},
         {"a forged notice", true,
-         [&forged](raw_peer &p) { p.send_signal(&forged, sizeof(forged)); }},
-    };
+         [&forged](raw_peer &p) { p.send_signal(&forged, sizeof(forged)); }}};
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
         raw_peer peer = raw_client(path);
@@ -653,12 +651,10 @@ TEST_F(mbx, full_rings_deaf_receivers_and_their_end_are_bounded_and_leave_nothin
 /* As on an old kernel or in a sandbox. */
 static void refuse_call(uint32_t call)
 {
-    sock_filter filter[] = {
-        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, call},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EOPNOTSUPP},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-    };
+    sock_filter filter[] = {{BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+                            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, call},
+                            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EOPNOTSUPP},
+                            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW}};
     const sock_fprog program{std::size(filter), filter};
     EXPECT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
     EXPECT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
@@ -774,8 +770,7 @@ TEST_F(mbx, a_fan_out_wakes_each_receiver_once_with_and_without_io_uring)
         {"not wanted", [] { setenv("MBX_IO_URING", "0", 1); }},
         {"refused at the start", [] { refuse_call(SYS_io_uring_setup); }},
         {"refused later", [] { refuse_call(SYS_io_uring_enter); }},
-        {"no class for batches", [] { refuse_call(SYS_sched_setscheduler); }},
-    };
+        {"no class for batches", [] { refuse_call(SYS_sched_setscheduler); }}};
     constexpr size_t seats = 40, first_to_die = 15, deaths = 10;
     for (const auto &[what, prepare] : systems) {
         SCOPED_TRACE(what);

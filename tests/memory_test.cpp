@@ -228,8 +228,7 @@ TEST_F(memory, a_refused_entry_of_the_history_is_traced_and_nothing_else)
           "[4] Failed to cache port status ind for port 3, client id 0, conn ref 1113"}},
         {unsubscribe_status,
          {"[4] Failed to cache port status unsubscribe data for port 3, client 0"}},
-        {unsubscribe_info, {"[4] Failed to cache sfp info unsubscribe for port 3, client 0"}},
-    };
+        {unsubscribe_info, {"[4] Failed to cache sfp info unsubscribe for port 3, client 0"}}};
     const auto refused_of = [](log lines) {
         std::erase_if(lines, [](const auto &line) { return !line.starts_with("[4]"); });
         return lines;

@@ -128,8 +128,7 @@ TEST_F(signal_traces, of_subscriptions_are_alike)
         {"SUBSCRIBE_PORT_STATUS", 0x1648410, 3, "1, error_description: already subscribed", ""},
         {"UNSUBSCRIBE_PORT_STATUS", 0x1648414, 3, "", ""},
         {"UNSUBSCRIBE_PORT_STATUS", 0x1648414, 3, "1, error_description: client is not subscribed",
-         ""},
-    };
+         ""}};
     connect(alice);
     trace({17, 18});
     for (uint32_t procedure = 5; const auto &[of, request, port, refusal, indication] : steps) {
@@ -227,8 +226,7 @@ TEST_F(procedures, a_request_that_matches_no_client_is_only_traced)
         {unsubscribe_info, "[1] Unknown sender, ignoring TESK_UNSUBSCRIBE_SFP_INFO_REQ"},
         {get_counters, "[17] Unknown sender, ignoring TESK_GET_PM_COUNTERS_REQ"},
         {subscribe_status, "[12] Unknown sender/client, ignoring TESK_SUBSCRIBE_PORT_STATUS_REQ"},
-        {unsubscribe_status, "[1] Unknown sender, ignoring TESK_UNSUBSCRIBE_PORT_STATUS_REQ"},
-    };
+        {unsubscribe_status, "[1] Unknown sender, ignoring TESK_UNSUBSCRIBE_PORT_STATUS_REQ"}};
     connect(alice);
     for (const auto &request : requests) {
         trace({1, 4, 12, 17});
@@ -325,18 +323,16 @@ TEST_F(procedures, refusals_come_in_the_order_of_the_checks)
     static const struct {
         uint32_t request, port, code;
         const char *text;
-    } cases[] = {
-        {subscribe_info, 65535, 2, "invalid port"},
-        {subscribe_info, 3, 1, "already subscribed"},
-        {subscribe_info, 4, 1, "invalid port"},
-        {subscribe_status, 0xffffffff, 2, "invalid port"},
-        {subscribe_status, 3, 1, "already subscribed"},
-        {subscribe_status, 4, 1, "invalid port"},
-        {unsubscribe_info, 65535, 1, "client is not subscribed"},
-        {unsubscribe_status, 4, 1, "client is not subscribed"},
-        {get_counters, 65535, 2, "invalid port"},
-        {get_counters, 4, 1, "no device (e.g. port ID is unknown)"},
-    };
+    } cases[] = {{subscribe_info, 65535, 2, "invalid port"},
+                 {subscribe_info, 3, 1, "already subscribed"},
+                 {subscribe_info, 4, 1, "invalid port"},
+                 {subscribe_status, 0xffffffff, 2, "invalid port"},
+                 {subscribe_status, 3, 1, "already subscribed"},
+                 {subscribe_status, 4, 1, "invalid port"},
+                 {unsubscribe_info, 65535, 1, "client is not subscribed"},
+                 {unsubscribe_status, 4, 1, "client is not subscribed"},
+                 {get_counters, 65535, 2, "invalid port"},
+                 {get_counters, 4, 1, "no device (e.g. port ID is unknown)"}};
     for (const auto &refused : cases) {
         SCOPED_TRACE(refused.request);
         send(alice, refused.request, {8, reference, refused.port, 0});
@@ -384,16 +380,14 @@ TEST_F(procedures, measured_values_come_in_the_units_of_the_protocol)
         uint32_t voltage, bias, status, cap;
         /* Loss of signal, powers (transmit, receive), temperature, voltage, bias. */
         std::array<std::optional<int>, 6> values;
-    } cases[] = {
-        {-40000, 3300000, 6004, 2, 0x1f, {{none, 500, 600, -399, 33000, 600}}},
-        {25050, 4294967295u, 6005, 3, 0x1f, {{3, 500, 600, 251, 0, 601}}},
-        {-149, 49, 4, 1, 0x07, {{1, none, none, 0, 0, 0}}},
-        {0, 0, 0, 0, 0x08, {{none, 500, none, none, none, none}}},
-        {0, 0, 0, 0, 0x10, {{none, none, 600, none, none, none}}},
-        {0, 3300000, 0, 0, 0x02, {{none, none, none, none, 33000, none}}},
-        {0, 0, 6005, 0, 0x04, {{none, none, none, none, none, 601}}},
-        {-150, 50, 5, 0, 0x61, {{none, none, none, -1, none, none}}},
-    };
+    } cases[] = {{-40000, 3300000, 6004, 2, 0x1f, {{none, 500, 600, -399, 33000, 600}}},
+                 {25050, 4294967295u, 6005, 3, 0x1f, {{3, 500, 600, 251, 0, 601}}},
+                 {-149, 49, 4, 1, 0x07, {{1, none, none, 0, 0, 0}}},
+                 {0, 0, 0, 0, 0x08, {{none, 500, none, none, none, none}}},
+                 {0, 0, 0, 0, 0x10, {{none, none, 600, none, none, none}}},
+                 {0, 3300000, 0, 0, 0x02, {{none, none, none, none, 33000, none}}},
+                 {0, 0, 6005, 0, 0x04, {{none, none, none, none, none, 601}}},
+                 {-150, 50, 5, 0, 0x61, {{none, none, none, -1, none, none}}}};
     const uint32_t reference = connect(alice);
     trace({12});
     send(alice, get_counters, {1, reference, 3});
@@ -458,8 +452,7 @@ TEST_F(procedures, a_read_fails_with_the_hardware_but_not_for_missing_diagnostic
         {"[4]", "moduleinfo", -4, "not available (e.g. SFP EEPROM is not available)", true},
         {"[4]", "modstatus", -4, "not available (e.g. SFP EEPROM is not available)", true},
         {"[4]", "modulediag", -6, "unsupported operation", false},
-        {"[4]", "modulediag", -4, "not available (e.g. SFP EEPROM is not available)", false},
-    };
+        {"[4]", "modulediag", -4, "not available (e.g. SFP EEPROM is not available)", false}};
     const uint32_t reference = connect(alice);
     for (const auto &[group, call, code, text, is_rejected] : cases) {
         fake_platform::failing = {{"get" + call, code}};

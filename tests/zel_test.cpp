@@ -92,8 +92,7 @@ TEST_F(zel, the_settings_decide_the_mask_of_every_thread_and_whether_lttng_is_lo
         {{{"ZEL_RATE", "-1"}, {"ZEL_SINK", "stdout"}}, "^libzel: ZEL_RATE=-1: .*\n12 0 12 0$"},
         {{{"ZEL_FILE_SIZE", "9k"}, {"ZEL_SINK", "file:/dev/null"}},
          "^libzel: ZEL_FILE_SIZE=9k: .*\n12"},
-        {{{"ZEL_SINK", "lttng"}}, "^12 0 12 2$"},
-    };
+        {{{"ZEL_SINK", "lttng"}}, "^12 0 12 2$"}};
     for (const auto &[environment, expected] : cases)
         EXPECT_EXIT(print_state(environment), is_well, expected);
 }

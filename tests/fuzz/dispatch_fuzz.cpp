@@ -52,8 +52,7 @@ static const subscription_kind kinds[kind_count] = {
     {TESK_SUBSCRIPTION_SFP_INFO, count_of<find_sfp_info>, tesk_portsub_remove_sfp_info, "subsport",
      "unsubsport"},
     {TESK_SUBSCRIPTION_PORT_STATUS, count_of<find_port_status>, tesk_portsub_remove_port_status,
-     "subslink", "unsubslink"},
-};
+     "subslink", "unsubslink"}};
 
 static constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
 static constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, fake_platform::own_mailbox};
@@ -194,8 +193,7 @@ static void dispatch(uint32_t sender, uint32_t number)
 static constexpr uint32_t requests[] = {
     TESK_CONN_ESTABLISH_REQ,        TESK_GET_CAPABILITIES_REQ,     TESK_SUBSCRIBE_SFP_INFO_REQ,
     TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
-    TESK_GET_PM_COUNTERS_REQ,
-};
+    TESK_GET_PM_COUNTERS_REQ};
 
 /* The client's reference if the choice is 4 or more, else the choice itself. */
 static uint32_t connection_ref(uint32_t sender, uint8_t choice)
@@ -314,8 +312,7 @@ static void change_port(fuzz_input &in)
 
 static void (*const steps[])(fuzz_input &in) = {
     request, request, raw_signal, hardware_events, tick,
-    request, request, raw_signal, order_failure,   change_port,
-};
+    request, request, raw_signal, order_failure,   change_port};
 
 /* Empties the tables and the board; the mailbox and the event thread are kept. */
 static void begin()
