@@ -336,7 +336,7 @@ able to wake a server before it has sent anything.
 In a fan-out libmbx leaves most wake-ups to a second thread of the sender, which makes them all by one
 system call through io_uring when the sender has sent to all. Without io_uring (before Linux 5.18, in a
 sandbox that refuses it, with `MBX_IO_URING=0`) the sender makes them one by one: the fan-outs have a
-column for that. Up to twelve receivers are always woken one by one.
+column for that. Up to twelve receivers are woken one by one.
 
 The goals of fan-outs were set with subscribers that block in a receive, beside a bare socket whose
 subscribers wait in epoll_wait. Each is listed for both ways of waiting of ours; the second table has the

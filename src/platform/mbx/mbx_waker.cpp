@@ -25,8 +25,7 @@ struct waker {
     std::condition_variable changed;
     std::vector<due_bell> due;
     std::vector<due_bell> ringing; /* written by the thread, under the lock */
-    std::vector<due_bell> rung;    /* the thread's */
-    bell_reader reader;            /* the same */
+    bell_reader reader;            /* the thread's */
     bool was_started = false;      /* with or without success */
     bool is_running = false;
     bool should_stop = false;
@@ -54,18 +53,7 @@ static bool may_use_uring()
     return !set || strcmp(set, "0") != 0;
 }
 
-/* A bell that is off the lists is the thread's to close. */
-static void finish(waker &w, std::unique_lock<std::mutex> &hold)
-{
-    w.rung.swap(w.ringing);
-    hold.unlock();
-    for (const due_bell &bell : w.rung)
-        if (bell.is_retired)
-            close(bell.fd);
-    w.rung.clear();
-    hold.lock();
-}
-
+/* The close of a bell, which is a file of the kernel's own, waits for nobody. */
 static void *run(void *argument)
 {
     waker &w = *static_cast<waker *>(argument);
@@ -80,7 +68,10 @@ static void *run(void *argument)
         hold.unlock();
         w.reader.ring(w.ringing);
         hold.lock();
-        finish(w, hold);
+        for (const due_bell &bell : w.ringing)
+            if (bell.is_retired)
+                close(bell.fd);
+        w.ringing.clear();
     }
     return nullptr;
 }
@@ -92,7 +83,6 @@ try {
         return false;
     w.due.reserve(due_at_most);
     w.ringing.reserve(due_at_most);
-    w.rung.reserve(due_at_most);
     return util::start_thread(w.thread, stack_bytes, run, &w) == 0;
 } catch (const std::bad_alloc &) {
     return false;
