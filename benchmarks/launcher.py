@@ -260,8 +260,19 @@ class TeskWithoutUring(Tesk):
         super().start(core, env={"MBX_IO_URING": "0"})
 
 
+class FloorInEpoll(Floor):
+    """Its subscribers wait in epoll_wait, whichever way those of the others do."""
+
+    name, label = "floor in epoll", "bare socket, in epoll_wait"
+
+    def subscribers(self, processes, each, core, waits):
+        return super().subscribers(processes, each, core, "epoll")
+
+
 SYSTEMS = [Floor, Tesk, Redis, SdBusPeer, DBus, Grpc]
-FAN_OUT_SYSTEMS = [Floor, Tesk, TeskWithoutUring, Redis, SdBusPeer, DBus, Grpc]
+# By the way in which the subscribers wait.
+FAN_OUT_SYSTEMS = {"epoll": [Floor, Tesk, TeskWithoutUring, *SYSTEMS[2:]],
+                   "read": [Floor, FloorInEpoll, Tesk, TeskWithoutUring, *SYSTEMS[2:]]}
 
 
 class Launcher:

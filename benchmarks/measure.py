@@ -158,7 +158,7 @@ class Bench:
         processes = subscribers if subscribers <= 100 else 4
         each = subscribers // processes
         servers, raisers = [], {}
-        for system in FAN_OUT_SYSTEMS:
+        for system in FAN_OUT_SYSTEMS[waits]:
             server = system(self.launcher, SERVER_CORE)
             receipts = server.subscribers(processes, each, SERVER_CORE, waits)
             servers.append(server)

@@ -2,9 +2,9 @@
 /* mbx_fan_out - finds the fan-outs of one sender among its other traffic. Guarded by the sender's
    owner.
 
-   In a fan-out the sender wakes many different receivers, one soon after the other, and takes
-   nothing in between. The first few wake-ups don't count, because they may be all; after a long
-   fan-out another one is expected, and fewer of them are left out. */
+   In a fan-out the sender wakes many different receivers and receives nothing in between. The first
+   few wake-ups don't count, because they may be all; after a long fan-out another one is expected,
+   and fewer of them are left out: twelve each time cost the sender of 100 some 2 % more. */
 #pragma once
 
 #include <cstdint>
@@ -25,5 +25,4 @@ class fan_out
     uint32_t number_ = 1; /* of this run of wake-ups */
     uint32_t count_ = 0;  /* wake-ups in it */
     uint32_t left_out_ = left_out_at_first;
-    int64_t last_ms_ = 0;
 };

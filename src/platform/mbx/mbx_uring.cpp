@@ -34,20 +34,21 @@ bool bell_reader::open()
     layout_ = {};
     layout_.flags = IORING_SETUP_SUBMIT_ALL;
     fd_ = owned_fd(static_cast<int>(syscall(SYS_io_uring_setup, reads_at_once, &layout_)));
-    if (!fd_ || layout_.sq_entries != reads_at_once)
-        return false;
     ring_bytes_ = std::max(layout_.sq_off.array + layout_.sq_entries * sizeof(uint32_t),
                            layout_.cq_off.cqes + layout_.cq_entries * sizeof(io_uring_cqe));
-    if (!map(rings_, fd_.get(), ring_bytes_, IORING_OFF_SQ_RING) ||
-        !map(entries_, fd_.get(), reads_at_once * sizeof(io_uring_sqe), IORING_OFF_SQES))
+    if (!fd_ || layout_.sq_entries != reads_at_once ||
+        !map(rings_, fd_.get(), ring_bytes_, IORING_OFF_SQ_RING) ||
+        !map(entries_, fd_.get(), reads_at_once * sizeof(io_uring_sqe), IORING_OFF_SQES)) {
+        close();
         return false;
+    }
     for (uint32_t i = 0; i < reads_at_once; i++)
         word(layout_.sq_off.array)[i] = i;
     return true;
 }
 
 /* Only reads that fail are reported. */
-void bell_reader::ring_failed(const due_bell *bells)
+void bell_reader::ring_failed(std::span<const due_bell> bells)
 {
     const auto *reports = reinterpret_cast<const io_uring_cqe *>(rings_ + layout_.cq_off.cqes);
     const uint32_t end = __atomic_load_n(word(layout_.cq_off.tail), __ATOMIC_ACQUIRE);
@@ -57,9 +58,10 @@ void bell_reader::ring_failed(const due_bell *bells)
     __atomic_store_n(head, end, __ATOMIC_RELEASE);
 }
 
-/* All has been read, or has failed, when the call returns. */
-bool bell_reader::read(const due_bell *bells, uint32_t count)
+/* All that were taken have been read, or have failed, when the call returns. */
+size_t bell_reader::read(std::span<const due_bell> bells)
 {
+    const auto count = static_cast<uint32_t>(bells.size());
     uint32_t *tail = word(layout_.sq_off.tail);
     for (uint32_t i = 0; i < count; i++) {
         io_uring_sqe &entry = entries_[(*tail + i) % reads_at_once];
@@ -77,8 +79,17 @@ bool bell_reader::read(const due_bell *bells, uint32_t count)
     const long taken =
         syscall(SYS_io_uring_enter, fd_.get(), count, 0, IORING_ENTER_GETEVENTS, nullptr, 0);
     ring_failed(bells);
-    const uint32_t done = taken > 0 ? static_cast<uint32_t>(taken) : 0;
-    for (uint32_t i = done; i < count; i++)
-        ring_bell(bells[i].fd);
-    return done == count;
+    if (taken != count)
+        close();
+    return taken > 0 ? static_cast<size_t>(taken) : 0;
+}
+
+void bell_reader::ring(std::span<const due_bell> bells)
+{
+    while (!bells.empty()) {
+        const auto some = bells.first(std::min<size_t>(bells.size(), reads_at_once));
+        for (const due_bell &bell : some.subspan(fd_ ? read(some) : 0))
+            ring_bell(bell.fd);
+        bells = bells.subspan(some.size());
+    }
 }

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <linux/io_uring.h>
+#include <span>
 
 constexpr uint32_t reads_at_once = 256; /* a power of two */
 
@@ -25,19 +26,21 @@ class bell_reader
     bell_reader() = default;
     bell_reader(const bell_reader &) = delete;
     bell_reader &operator=(const bell_reader &) = delete;
-    /* False when the system refuses it. For the thread that will read. */
+    /* False when the system refuses it. */
     bool open();
     void close();
-    /* Reads up to reads_at_once bells; rings those that can't be read so. False when it is of no
-       use any more. */
-    bool read(const due_bell *bells, uint32_t count);
+    /* Rings all, those that can't be read through an io_uring one by one. */
+    void ring(std::span<const due_bell> bells);
 
   private:
     uint32_t *word(uint32_t offset) const
     {
         return reinterpret_cast<uint32_t *>(rings_ + offset);
     }
-    void ring_failed(const due_bell *bells);
+    /* Up to reads_at_once. Returns how many are rung; fewer than all if it is of no use any more.
+     */
+    size_t read(std::span<const due_bell> bells);
+    void ring_failed(std::span<const due_bell> bells);
 
     owned_fd fd_;
     io_uring_params layout_{};
