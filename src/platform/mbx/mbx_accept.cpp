@@ -46,7 +46,7 @@ using namespace std::chrono_literals;
 static constexpr auto time_to_greet = 2s;
 static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
-static constexpr auto time_to_prepare = 1ms;
+static constexpr auto time_to_answer = 1ms;
 static constexpr size_t ungreeted_at_most = 16; /* of one process */
 
 /* Guarded by helper_lock. */
@@ -54,9 +54,10 @@ static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_number;
 static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
 static time_point retry;
-/* For the next connection, made when there is nobody to answer. */
+/* For the next connection. */
 static std::optional<offer> prepared;
-static time_point prepare_time = time_point::max();
+static std::vector<std::pair<uint32_t, uint32_t>> accepted; /* mailbox's slot, connection */
+static time_point later = time_point::max();                /* when these two are seen to */
 
 static void complain_about_old_wire(const peer_identity &peer)
 {
@@ -83,9 +84,12 @@ static std::optional<offer> make_offer()
     return made;
 }
 
-static void prepare()
+/* What clients need not wait for. */
+static void do_later()
 {
-    prepare_time = time_point::max();
+    later = time_point::max();
+    for (const auto &[slot, id] : std::exchange(accepted, {}))
+        watch_life_of(slot, id);
     if (!prepared)
         prepared = make_offer();
 }
@@ -108,7 +112,7 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         send_greeting(control, greeting_kind::refused, m.token);
         return;
     }
-    prepare_time = std::chrono::steady_clock::now() + time_to_prepare;
+    accepted.reserve(accepted.size() + 1);
     const int fds[welcome_fds] = {made->memory.get(), made->near_bell.get(), made->far_bell.get()};
     parts.control = std::move(n.control);
     parts.area = std::move(made->area);
@@ -117,6 +121,8 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     parts.token = hello.token;
     parts.peer = n.peer;
     const uint32_t id = add_connection(m, std::move(parts));
+    accepted.emplace_back(m.slot, id);
+    later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
     if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds))
         end_connection(m, id);
 }
@@ -167,7 +173,6 @@ static bool may_wait(const newcomer &n)
    connection never counts among those that are silent. */
 static void handle_newcomer(newcomer &&n)
 {
-    prepare_control(n.control.get());
     if (try_greeting(n))
         return;
     n.number = ++last_number;
@@ -245,9 +250,9 @@ static time_point keep_time(time_point now)
     }
     if (!resting.empty() && retry <= now)
         wake_listeners();
-    if (prepare_time <= now)
-        prepare();
-    time_point next = prepare_time;
+    if (later <= now)
+        do_later();
+    time_point next = later;
     if (!newcomers.empty())
         next = std::min(next, newcomers.front().deadline);
     if (!resting.empty())
@@ -258,7 +263,7 @@ static time_point keep_time(time_point now)
 void prepare_to_accept()
 {
     const std::lock_guard hold(helper_lock);
-    prepare();
+    do_later();
 }
 
 void set_up_accepting()
@@ -278,5 +283,6 @@ void end_accepting(bool is_child)
     if (prepared && is_child)
         prepared->area->forget();
     prepared.reset();
-    prepare_time = time_point::max();
+    accepted.clear();
+    later = time_point::max();
 }

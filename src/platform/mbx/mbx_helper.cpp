@@ -57,6 +57,14 @@ static bool control(int operation, int fd, uint32_t events, uint64_t word)
     return epoll_ctl(helper_poll, operation, fd, &event) == 0;
 }
 
+/* Without memory it is called again soon. */
+static time_point run_timer(helper_timer timer, time_point now)
+try {
+    return timer(now);
+} catch (const std::bad_alloc &) {
+    return now + std::chrono::milliseconds(100);
+}
+
 /* Returns when the next timer is due. */
 static time_point run_timers()
 {
@@ -64,7 +72,7 @@ static time_point run_timers()
     const time_point now = std::chrono::steady_clock::now();
     for (helper_timer timer : timers)
         if (timer)
-            next = std::min(next, timer(now));
+            next = std::min(next, run_timer(timer, now));
     return next;
 }
 

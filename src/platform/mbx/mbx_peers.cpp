@@ -16,6 +16,8 @@
 
 #include <cerrno>
 #include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
 
 static constexpr auto time_to_trim = std::chrono::seconds(2);
@@ -74,6 +76,15 @@ static bool watch_bell(mailbox &m, uint32_t id)
     return helper_watch(WATCH_FIRST_RING, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
 }
 
+/* Without a pidfd, which an old kernel may not have, the control connection does alone. */
+static bool watch_life(mailbox &m, connection &c)
+{
+    if (c.peer.process <= 0)
+        return true;
+    c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
+    return c.life ? helper_watch(WATCH_LIFE, c.life.get(), EPOLLIN, m.slot, c.id) : errno != ESRCH;
+}
+
 uint32_t add_connection(mailbox &m, connection_parts &&parts)
 {
     const uint32_t id = free_id(m);
@@ -81,8 +92,7 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
     set_up(c, std::move(parts));
     if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        (!c.life || helper_watch(WATCH_LIFE, c.life.get(), EPOLLIN, m.slot, id)) &&
-        watch_bell(m, id))
+        (!c.was_located || watch_life(m, c)) && watch_bell(m, id))
         return id;
     const int error = errno;
     c.was_located = false;
@@ -278,6 +288,18 @@ static void handle_control(uint32_t slot, uint32_t id)
     with_mailbox(slot, [&](mailbox &m) { has_room = take_control(m, id); });
     while (has_room)
         with_mailbox(slot, [&](mailbox &m) { has_room = flush_some(m, id); });
+}
+
+/* A process that is gone already has left its end of the control connection to somebody else. */
+void watch_life_of(uint32_t slot, uint32_t id)
+{
+    with_mailbox(slot, [&](mailbox &m) {
+        connection *c = m.connections.find(id);
+        if (!c || watch_life(m, *c))
+            return;
+        c->is_peer_gone = true;
+        end_connection(m, id);
+    });
 }
 
 static void handle_life(uint32_t slot, uint32_t id)
