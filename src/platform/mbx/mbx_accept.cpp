@@ -22,12 +22,10 @@
 namespace
 {
 
-/* What a new connection is made of on this side, and passed to the other. */
+/* What a new connection is made of on this side, with the memory that the other maps, too. */
 struct offer {
     owned_fd memory;
-    std::shared_ptr<mapped_area> area;
-    owned_fd near_bell;
-    owned_fd far_bell;
+    connection_parts parts;
 };
 
 struct newcomer {
@@ -76,10 +74,12 @@ static void complain_about_old_wire(const peer_identity &peer)
 /* Empty, with errno, when the system refuses a part. */
 static std::optional<offer> make_offer()
 {
-    offer made{make_area_memory(), nullptr, make_bell(), make_bell()};
-    if (made.memory && made.near_bell && made.far_bell)
-        made.area = mapped_area::map(made.memory.get());
-    if (!made.area)
+    offer made{make_area_memory(), {}};
+    made.parts.near_bell = make_bell();
+    made.parts.far_bell = make_bell();
+    if (made.memory && made.parts.near_bell && made.parts.far_bell)
+        made.parts.area = mapped_area::map(made.memory.get());
+    if (!made.parts.area)
         return {};
     return made;
 }
@@ -103,23 +103,21 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         send_greeting(control, greeting_kind::known, m.token);
         return;
     }
-    connection_parts parts;
-    parts.held = share::take(n.peer);
+    share held = share::take(n.peer);
     std::optional<offer> made;
-    if (parts.held.is_held())
+    if (held.is_held())
         made = prepared ? std::exchange(prepared, {}) : make_offer();
     if (!made) {
         send_greeting(control, greeting_kind::refused, m.token);
         return;
     }
     accepted.reserve(accepted.size() + 1);
-    const int fds[welcome_fds] = {made->memory.get(), made->near_bell.get(), made->far_bell.get()};
+    connection_parts &parts = made->parts;
+    const int fds[welcome_fds] = {made->memory.get(), parts.near_bell.get(), parts.far_bell.get()};
     parts.control = std::move(n.control);
-    parts.area = std::move(made->area);
-    parts.near_bell = std::move(made->near_bell);
-    parts.far_bell = std::move(made->far_bell);
     parts.token = hello.token;
     parts.peer = n.peer;
+    parts.held = std::move(held);
     const uint32_t id = add_connection(m, std::move(parts));
     accepted.emplace_back(m.slot, id);
     later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
@@ -196,7 +194,7 @@ static void handle_greeting(uint32_t, uint32_t number)
 /* The wait for the next try is short enough for a client and long enough not to count. */
 static void rest_listener(int listener, uint32_t mailbox_id)
 {
-    helper_watch_again(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
+    helper_watch(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
     resting.push_back(mailbox_id);
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
@@ -236,7 +234,7 @@ static void wake_listeners()
             continue;
         std::lock_guard hold(m->lock);
         if (m->id == id)
-            helper_watch_again(WATCH_LISTENER, m->name.listener.get(), EPOLLIN, slot_of(id), id);
+            helper_watch(WATCH_LISTENER, m->name.listener.get(), EPOLLIN, slot_of(id), id);
     }
 }
 
@@ -281,7 +279,7 @@ void end_accepting(bool is_child)
     newcomers.clear();
     resting.clear();
     if (prepared && is_child)
-        prepared->area->forget();
+        prepared->parts.area->forget();
     prepared.reset();
     accepted.clear();
     later = time_point::max();

@@ -90,11 +90,6 @@ flushing flush(connection &c)
     return is_full && c.ring.wait_for_room() ? flushing::waits : flushing::goes_on;
 }
 
-void report_room(const connection &c)
-{
-    send_wake(c.control.get(), wake::room);
-}
-
 bool trim(connection &c)
 {
     c.ring.trim();

@@ -30,10 +30,9 @@ void stop_helper();
 /* In a forked child: there is no such thread here. */
 void forget_helper();
 
-/* From any thread. `events` as for epoll_ctl. False, with errno, on failure. */
+/* From any thread. `events` as for epoll_ctl; they replace those of a descriptor that is watched
+   already. False, with errno, on failure. */
 bool helper_watch(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
-/* The same for a descriptor that is watched. */
-bool helper_watch_again(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
 /* To be called before the descriptor is closed. Harmless if it isn't watched. */
 void helper_unwatch(int fd);
 /* Lets all timers be called soon. */

@@ -82,7 +82,7 @@ void for_each_mailbox(function &&call)
    only connections in which something waits for its receiver. */
 uint32_t create_mailbox(const char *name);
 void delete_mailbox(mailbox &m);
-/* In a forked child, with all locks held: closes everything and forgets it. */
+/* In a forked child: closes everything and forgets it. */
 void forget_mailbox(mailbox &m);
 
 /* Puts a block into a mailbox of this process and takes it over. Never waits. Safe in a signal

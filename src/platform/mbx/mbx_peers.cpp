@@ -94,10 +94,9 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
         (!c.was_located || watch_life(m, c)) && watch_bell(m, id))
         return id;
-    const int error = errno;
+    const errno_keeper keeper;
     c.was_located = false;
     end_connection(m, id);
-    errno = error;
     return 0;
 }
 
@@ -107,13 +106,6 @@ connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identit
 {
     return m.connections.find_if(
         [&](const connection &c) { return c.token == token && c.peer.process == peer.process; });
-}
-
-static block *plain_notice()
-{
-    block *b = block_take(sizeof(mbx_signal));
-    b->signal()->number = MBX_MONITOR_DEFAULT_NO;
-    return b;
 }
 
 /* A copy of a descriptor in somebody's child must neither keep the connection open nor our epoll
@@ -130,7 +122,7 @@ void end_connection(mailbox &m, uint32_t id)
         helper_unwatch(m.in.bell(id));
         block *notice = std::exchange(c->notice, nullptr);
         if (!notice && c->was_located && c->monitor == 0)
-            notice = plain_notice();
+            notice = block_take_number(MBX_MONITOR_DEFAULT_NO);
         if (notice)
             notice->sender = id;
         m.in.end(id, notice);
