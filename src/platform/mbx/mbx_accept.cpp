@@ -87,11 +87,14 @@ static std::optional<offer> make_offer()
 /* What clients need not wait for. */
 static void do_later()
 {
-    later = time_point::max();
-    for (const auto &[slot, id] : std::exchange(accepted, {}))
+    while (!accepted.empty()) {
+        const auto [slot, id] = accepted.back();
+        accepted.pop_back();
         watch_life_of(slot, id);
+    }
     if (!prepared)
         prepared = make_offer();
+    later = time_point::max();
 }
 
 /* With the mailbox's lock held. The connection stands before the answer goes out, so that the first

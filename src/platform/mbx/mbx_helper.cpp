@@ -79,12 +79,6 @@ static void *run(void *)
     return nullptr;
 }
 
-static void close_all()
-{
-    const owned_fd poll(helper_poll.exchange(-1));
-    const owned_fd event(helper_event.exchange(-1));
-}
-
 void helper_set_call(size_t kind, helper_call call)
 {
     calls[kind] = call;
@@ -93,6 +87,12 @@ void helper_set_call(size_t kind, helper_call call)
 void helper_set_timer(size_t which, helper_timer timer)
 {
     timers[which] = timer;
+}
+
+void forget_helper()
+{
+    const owned_fd poll(helper_poll.exchange(-1));
+    const owned_fd event(helper_event.exchange(-1));
 }
 
 bool start_helper()
@@ -108,7 +108,7 @@ bool start_helper()
         if (errno == 0)
             return true;
     }
-    close_all();
+    forget_helper();
     return false;
 }
 
@@ -119,12 +119,7 @@ void stop_helper()
     should_stop = true;
     helper_wake();
     pthread_join(thread, nullptr);
-    close_all();
-}
-
-void forget_helper()
-{
-    close_all();
+    forget_helper();
 }
 
 bool helper_watch(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id)
