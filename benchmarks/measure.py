@@ -256,7 +256,8 @@ class Bench:
     def costs(self):
         self.idle_cost()
         self.growing_cost()
-        self.client_memory()
+        for _ in range(self.rounds):
+            self.client_memory()
         server = Tesk(self.launcher, SERVER_CORE)
         server.end()
         cost = BIN / "bench_cost"
@@ -297,21 +298,24 @@ class Bench:
             return anonymous_bytes(pid), len(os.listdir(f"/proc/{pid}/fd"))
 
         program.ask("clients", 1)
-        memory, files = now()
+        memory, _ = now()
+        program.ask("clients", clients // 2)
+        _, files = now()
         program.ask("clients", clients)
         more_memory, more_files = now()
         program.ask("hold", 0, ports - 1, clients)
         self.note("cost client", "server's own memory per client", "B",
                   (more_memory - memory) / (clients - 1))
         self.note("cost files", "server's descriptors per client", "",
-                  (more_files - files) / (clients - 1))
+                  (more_files - files) / (clients - clients // 2))
         self.note("cost subscription", "server's own memory per subscription", "B",
                   (now()[0] - more_memory) / ports / 2)
         self.launcher.end_growth((server, program))
 
     def client_memory(self):
         """Memory per client, of server, client and kernel together. The clients are threads, which
-        exist before they connect: a client of one thread only pays for its connection."""
+        exist before they connect: a client of one thread only pays for its connection. Once a round,
+        because other work of the machine makes the kernel keep objects, too."""
         server, program = self.launcher.start_growth({"ports": 16})
         pids = (server.processes[0].pid, program.pid)
         program.ask("clients", 1)

@@ -22,12 +22,10 @@
 namespace
 {
 
-/* What a new connection is made of on this side, and passed to the other. */
+/* What a new connection is made of on this side, with the memory that the other maps, too. */
 struct offer {
     owned_fd memory;
-    std::shared_ptr<mapped_area> area;
-    owned_fd near_bell;
-    owned_fd far_bell;
+    connection_parts parts;
 };
 
 struct newcomer {
@@ -46,7 +44,7 @@ using namespace std::chrono_literals;
 static constexpr auto time_to_greet = 2s;
 static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
-static constexpr auto time_to_prepare = 1ms;
+static constexpr auto time_to_answer = 1ms;
 static constexpr size_t ungreeted_at_most = 16; /* of one process */
 
 /* Guarded by helper_lock. */
@@ -54,9 +52,10 @@ static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_number;
 static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
 static time_point retry;
-/* For the next connection, made when there is nobody to answer. */
+/* For the next connection. */
 static std::optional<offer> prepared;
-static time_point prepare_time = time_point::max();
+static std::vector<std::pair<uint32_t, uint32_t>> accepted; /* mailbox's slot, connection */
+static time_point later = time_point::max();                /* when these two are seen to */
 
 static void complain_about_old_wire(const peer_identity &peer)
 {
@@ -76,21 +75,27 @@ static void complain_about_old_wire(const peer_identity &peer)
 static std::optional<offer> make_offer()
 {
     offer made;
-    made.near_bell = make_bell();
-    made.far_bell = make_bell();
+    made.parts.near_bell = make_bell();
+    made.parts.far_bell = make_bell();
     made.memory = make_area_memory();
-    if (made.memory && made.near_bell && made.far_bell)
-        made.area = mapped_area::map(made.memory.get());
-    if (!made.area)
+    if (made.memory && made.parts.near_bell && made.parts.far_bell)
+        made.parts.area = mapped_area::map(made.memory.get());
+    if (!made.parts.area)
         return {};
     return made;
 }
 
-static void prepare()
+/* What clients need not wait for. */
+static void do_later()
 {
-    prepare_time = time_point::max();
+    while (!accepted.empty()) {
+        const auto [slot, id] = accepted.back();
+        accepted.pop_back();
+        watch_life_of(slot, id);
+    }
     if (!prepared)
         prepared = make_offer();
+    later = time_point::max();
 }
 
 /* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
@@ -102,24 +107,24 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         send_greeting(control, greeting_kind::known, m.token);
         return;
     }
-    connection_parts parts;
-    parts.held = share::take(n.peer);
+    share held = share::take(n.peer);
     std::optional<offer> made;
-    if (parts.held.is_held())
+    if (held.is_held())
         made = prepared ? std::exchange(prepared, {}) : make_offer();
     if (!made) {
         send_greeting(control, greeting_kind::refused, m.token);
         return;
     }
-    prepare_time = std::chrono::steady_clock::now() + time_to_prepare;
-    const int fds[welcome_fds] = {made->memory.get(), made->near_bell.get(), made->far_bell.get()};
+    accepted.reserve(accepted.size() + 1);
+    connection_parts &parts = made->parts;
+    const int fds[welcome_fds] = {made->memory.get(), parts.near_bell.get(), parts.far_bell.get()};
     parts.control = std::move(n.control);
-    parts.area = std::move(made->area);
-    parts.near_bell = std::move(made->near_bell);
-    parts.far_bell = std::move(made->far_bell);
     parts.token = hello.token;
     parts.peer = n.peer;
+    parts.held = std::move(held);
     const uint32_t id = add_connection(m, std::move(parts));
+    accepted.emplace_back(m.slot, id);
+    later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
     if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds))
         end_connection(m, id);
 }
@@ -170,7 +175,6 @@ static bool may_wait(const newcomer &n)
    connection never counts among those that are silent. */
 static void handle_newcomer(newcomer &&n)
 {
-    prepare_control(n.control.get());
     if (try_greeting(n))
         return;
     n.number = ++last_number;
@@ -194,7 +198,7 @@ static void handle_greeting(uint32_t, uint32_t number)
 /* The wait for the next try is short enough for a client and long enough not to count. */
 static void rest_listener(int listener, uint32_t mailbox_id)
 {
-    helper_watch_again(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
+    helper_watch(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
     resting.push_back(mailbox_id);
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
@@ -234,7 +238,7 @@ static void wake_listeners()
             continue;
         std::lock_guard hold(m->lock);
         if (m->id == id)
-            helper_watch_again(WATCH_LISTENER, m->name.listener.get(), EPOLLIN, slot_of(id), id);
+            helper_watch(WATCH_LISTENER, m->name.listener.get(), EPOLLIN, slot_of(id), id);
     }
 }
 
@@ -248,9 +252,9 @@ static time_point keep_time(time_point now)
     }
     if (!resting.empty() && retry <= now)
         wake_listeners();
-    if (prepare_time <= now)
-        prepare();
-    time_point next = prepare_time;
+    if (later <= now)
+        do_later();
+    time_point next = later;
     if (!newcomers.empty())
         next = std::min(next, newcomers.front().deadline);
     if (!resting.empty())
@@ -261,7 +265,7 @@ static time_point keep_time(time_point now)
 void prepare_to_accept()
 {
     const std::lock_guard hold(helper_lock);
-    prepare();
+    do_later();
 }
 
 void set_up_accepting()
@@ -279,7 +283,8 @@ void end_accepting(bool is_child)
     newcomers.clear();
     resting.clear();
     if (prepared && is_child)
-        prepared->area->forget();
+        prepared->parts.area->forget();
     prepared.reset();
-    prepare_time = time_point::max();
+    accepted.clear();
+    later = time_point::max();
 }

@@ -22,27 +22,6 @@ static constexpr auto linger_time = std::chrono::seconds(1);
 
 static bool is_initialized; /* guarded by registry_lock */
 
-namespace
-{
-
-/* Code that is interrupted by a signal handler which calls us finds its errno again. */
-class errno_keeper
-{
-  public:
-    errno_keeper() = default;
-    errno_keeper(const errno_keeper &) = delete;
-    errno_keeper &operator=(const errno_keeper &) = delete;
-    ~errno_keeper()
-    {
-        errno = saved_;
-    }
-
-  private:
-    int saved_ = errno;
-};
-
-} // namespace
-
 /* The kernel stalls a process with several threads while it grows the table of descriptors, so it
    is grown now. */
 static void make_room_for_descriptors()
@@ -64,31 +43,24 @@ static void before_fork() /* in the order of the locks */
     helper_lock.lock();
     registry_lock.lock();
     for_each_mailbox([](mailbox &m) { m.lock.lock(); });
-    lock_shares();
-    lock_closer();
+    shares_lock.lock();
+    closer_lock.lock();
     lock_waker();
 }
 
-static void unlock_mailboxes()
+static void after_fork()
 {
+    unlock_waker();
+    closer_lock.unlock();
+    shares_lock.unlock();
     for_each_mailbox([](mailbox &m) { m.lock.unlock(); });
     registry_lock.unlock();
     helper_lock.unlock();
 }
 
-static void after_fork_in_parent()
-{
-    unlock_waker();
-    unlock_closer();
-    unlock_shares();
-    unlock_mailboxes();
-}
-
 static void after_fork_in_child()
 {
-    unlock_waker();
-    unlock_closer();
-    unlock_shares();
+    after_fork();
     forget_waker();
     forget_closer();
     forget_helper();
@@ -96,14 +68,13 @@ static void after_fork_in_child()
     for_each_mailbox(forget_mailbox);
     forget_shares();
     is_initialized = false;
-    unlock_mailboxes();
 }
 
 static bool register_fork_handlers()
 {
     static bool registered; /* guarded by registry_lock */
     if (!registered)
-        registered = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
+        registered = pthread_atfork(before_fork, after_fork, after_fork_in_child) == 0;
     return registered;
 }
 
@@ -268,10 +239,8 @@ uint32_t mbx_size(const mbx_signal *signal)
 uint32_t mbx_monitor(uint32_t target, mbx_signal **signal)
 {
     block *notice = take_over(signal);
-    if (!notice) {
-        mbx_signal *plain = mbx_alloc(sizeof(mbx_signal), MBX_MONITOR_DEFAULT_NO);
-        notice = block_of(plain);
-    }
+    if (!notice)
+        notice = block_take_number(MBX_MONITOR_DEFAULT_NO);
     const uint32_t id = own_or_first_mailbox();
     mailbox *m = find_mailbox(id);
     if (!m) {

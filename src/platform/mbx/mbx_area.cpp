@@ -34,11 +34,9 @@ owned_fd make_area_memory()
     if (memory && ftruncate(memory.get(), area_bytes) == 0 &&
         fcntl(memory.get(), F_ADD_SEALS, seals) == 0)
         return memory;
-    const int error = errno;
-    if (error != EMFILE && error != ENFILE && error != ENOMEM)
-        complain_about_memory(error);
-    memory.reset();
-    errno = error;
+    const errno_keeper keeper;
+    if (errno != EMFILE && errno != ENFILE && errno != ENOMEM)
+        complain_about_memory(errno);
     return {};
 }
 
@@ -131,19 +129,16 @@ bool may_be_bell(int fd, int socket)
    only a bell that was not made by make_bell can have, wakes nobody and blocks nobody. */
 bool ring_bell(int bell)
 {
-    const int saved = errno;
+    const errno_keeper keeper;
     uint64_t count;
     const iovec into{&count, sizeof(count)};
     const long n = syscall(SYS_preadv2, bell, &into, 1, -1L, -1L, RWF_NOWAIT);
-    const bool can_ring = n >= 0 || errno == EAGAIN;
-    errno = saved;
-    return can_ring;
+    return n >= 0 || errno == EAGAIN;
 }
 
 void ring_own_bell(int bell)
 {
-    const int saved = errno;
+    const errno_keeper keeper;
     uint64_t count;
     syscall(SYS_read, bell, &count, sizeof(count));
-    errno = saved;
 }

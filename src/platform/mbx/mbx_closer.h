@@ -10,6 +10,7 @@
 #include "platform/mbx/mbx_fd.h"
 #include "platform/mbx/mbx_share.h"
 
+#include <mutex>
 #include <vector>
 
 /* Beyond so many that wait, their processes get no more connections. */
@@ -29,7 +30,7 @@ void close_later(to_close &&what);
 /* Whether too many wait, and something that this process has passed is among them. */
 bool is_closing_too_many(const peer_identity &peer);
 
-/* Around a fork; and in the child, unlocked, which has copies of the descriptors only. */
-void lock_closer();
-void unlock_closer();
+/* Held around a fork. */
+extern std::mutex closer_lock;
+/* In the child, which has copies of the descriptors only. */
 void forget_closer();

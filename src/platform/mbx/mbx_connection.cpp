@@ -2,8 +2,6 @@
 #include "platform/mbx/mbx_connection.h"
 
 #include <algorithm>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 /* Without a fan-out, which only a sender that can ring is in, the receiver is woken at once. */
 static void wake_receiver(connection &c, fan_out *run)
@@ -32,7 +30,6 @@ static void count_held(connection &c)
     c.held.set(c.ring.touched() + c.waiting.memory());
 }
 
-/* Without a pidfd, which an old kernel may not have, the control connection does alone. */
 void set_up(connection &c, connection_parts &&parts)
 {
     c.ring = record_sender(parts.area->ring(1 - parts.side));
@@ -44,8 +41,6 @@ void set_up(connection &c, connection_parts &&parts)
     c.place = std::move(parts.held);
     c.was_located = parts.was_located;
     c.is_bell_own = parts.side == 0;
-    if (c.peer.process > 0)
-        c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
 }
 
 /* The area stays mapped while the inbox has something to take from its other ring. What was passed
@@ -93,11 +88,6 @@ flushing flush(connection &c)
     if (!c.awaits_room)
         return flushing::done;
     return is_full && c.ring.wait_for_room() ? flushing::waits : flushing::goes_on;
-}
-
-void report_room(const connection &c)
-{
-    send_wake(c.control.get(), wake::room);
 }
 
 bool trim(connection &c)

@@ -74,9 +74,6 @@ enum class flushing {
 /* Hands on what waits, about one ring full at most. */
 flushing flush(connection &c);
 
-/* Tells the peer that it may send again. */
-void report_room(const connection &c);
-
 /* Gives pages of the ring back that are not in use. Returns whether some are left. */
 bool trim(connection &c);
 

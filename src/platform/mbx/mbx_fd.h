@@ -1,14 +1,32 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_fd - descriptors that close themselves, and points in time. No state. */
+/* mbx_fd - descriptors that close themselves, errno that is kept, and points in time. No state. */
 #pragma once
 
 #include "util/descriptor.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 
 using owned_fd = util::descriptor;
+
+/* Keeps errno while it exists: code that a signal handler interrupts, and which calls us, finds its
+   own again, and a caller finds the reason of a failure behind what had to be undone. */
+class errno_keeper
+{
+  public:
+    errno_keeper() = default;
+    errno_keeper(const errno_keeper &) = delete;
+    errno_keeper &operator=(const errno_keeper &) = delete;
+    ~errno_keeper()
+    {
+        errno = saved_;
+    }
+
+  private:
+    int saved_ = errno;
+};
 
 using time_point = std::chrono::steady_clock::time_point;
 

@@ -23,17 +23,16 @@ constexpr size_t helper_timers = 2;
 void helper_set_call(size_t kind, helper_call call);
 void helper_set_timer(size_t which, helper_timer timer);
 
+/* In a forked child: there is no such thread here. */
+void forget_helper();
 /* Starts the thread unless it runs; one caller at a time. False, with errno, on failure. */
 bool start_helper();
 /* Ends the thread. Harmless if it doesn't run. Without any lock of those that functions take. */
 void stop_helper();
-/* In a forked child: there is no such thread here. */
-void forget_helper();
 
-/* From any thread. `events` as for epoll_ctl. False, with errno, on failure. */
+/* From any thread. `events` as for epoll_ctl; they replace those of a descriptor that is watched
+   already. False, with errno, on failure. */
 bool helper_watch(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
-/* The same for a descriptor that is watched. */
-bool helper_watch_again(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
 /* To be called before the descriptor is closed. Harmless if it isn't watched. */
 void helper_unwatch(int fd);
 /* Lets all timers be called soon. */

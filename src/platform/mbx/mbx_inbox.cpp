@@ -29,8 +29,7 @@ static constexpr size_t mapped_at_most = size_t{4} << 20;
 
 static block *empty_signal(uint32_t sender)
 {
-    block *b = block_take(sizeof(mbx_signal));
-    b->signal()->number = 0;
+    block *b = block_take_number(0);
     b->sender = sender;
     return b;
 }

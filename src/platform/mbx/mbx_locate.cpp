@@ -143,21 +143,12 @@ static void complain_about_old_wire(const char *name)
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
     const time_point deadline = locate_deadline();
-    int unanswered = 0;
-    for (;;) {
+    for (int unanswered = 0;;) {
         uint32_t out = MBX_NO_MAILBOX;
-        switch (try_to_locate(m, own, name, deadline, out)) {
-        case attempt::done:
+        const attempt result = try_to_locate(m, own, name, deadline, out);
+        if (result == attempt::done || result == attempt::failed)
             return out;
-        case attempt::failed:
-            return MBX_NO_MAILBOX;
-        case attempt::unanswered:
-            unanswered++;
-            break;
-        case attempt::again:
-            unanswered = 0;
-            break;
-        }
+        unanswered = result == attempt::unanswered ? unanswered + 1 : 0;
         const bool is_old = unanswered >= unanswered_at_most;
         if (is_old)
             complain_about_old_wire(name);

@@ -82,7 +82,7 @@ void for_each_mailbox(function &&call)
    only connections in which something waits for its receiver. */
 uint32_t create_mailbox(const char *name);
 void delete_mailbox(mailbox &m);
-/* In a forked child, with all locks held: closes everything and forgets it. */
+/* In a forked child: closes everything and forgets it. */
 void forget_mailbox(mailbox &m);
 
 /* Puts a block into a mailbox of this process and takes it over. Never waits. Safe in a signal
@@ -95,7 +95,8 @@ uint32_t locate(mailbox &m, uint32_t own, const char *name);
 
 /* What follows stands in mbx_peers.cpp, and wants the mailbox's lock held unless said otherwise. */
 
-/* Makes a connection from its parts and returns its id. 0 with errno on failure. */
+/* Makes a connection from its parts and returns its id. 0 with errno on failure. One that we have
+   not located wants watch_life_of() soon. */
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
 /* The connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer);
@@ -108,6 +109,8 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b);
 uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice);
 /* Takes the lock itself. False if there is no such monitor. */
 bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference);
+/* Takes the lock itself. Lets the end of the peer's process end the connection, too. */
+void watch_life_of(uint32_t slot, uint32_t id);
 /* Without any lock: ends the connections that hold most, until the bounds are kept. */
 void shed();
 /* Without any lock: hands on what still waits in deleted mailboxes, until the deadline. */

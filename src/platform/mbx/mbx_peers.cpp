@@ -16,6 +16,8 @@
 
 #include <cerrno>
 #include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
 
 static constexpr auto time_to_trim = std::chrono::seconds(2);
@@ -74,6 +76,15 @@ static bool watch_bell(mailbox &m, uint32_t id)
     return helper_watch(WATCH_FIRST_RING, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
 }
 
+/* Without a pidfd, which an old kernel may not have, the control connection does alone. */
+static bool watch_life(mailbox &m, connection &c)
+{
+    if (c.peer.process <= 0)
+        return true;
+    c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
+    return c.life ? helper_watch(WATCH_LIFE, c.life.get(), EPOLLIN, m.slot, c.id) : errno != ESRCH;
+}
+
 uint32_t add_connection(mailbox &m, connection_parts &&parts)
 {
     const uint32_t id = free_id(m);
@@ -81,13 +92,11 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
     set_up(c, std::move(parts));
     if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        (!c.life || helper_watch(WATCH_LIFE, c.life.get(), EPOLLIN, m.slot, id)) &&
-        watch_bell(m, id))
+        (!c.was_located || watch_life(m, c)) && watch_bell(m, id))
         return id;
-    const int error = errno;
+    const errno_keeper keeper;
     c.was_located = false;
     end_connection(m, id);
-    errno = error;
     return 0;
 }
 
@@ -97,13 +106,6 @@ connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identit
 {
     return m.connections.find_if(
         [&](const connection &c) { return c.token == token && c.peer.process == peer.process; });
-}
-
-static block *plain_notice()
-{
-    block *b = block_take(sizeof(mbx_signal));
-    b->signal()->number = MBX_MONITOR_DEFAULT_NO;
-    return b;
 }
 
 /* A copy of a descriptor in somebody's child must neither keep the connection open nor our epoll
@@ -120,7 +122,7 @@ void end_connection(mailbox &m, uint32_t id)
         helper_unwatch(m.in.bell(id));
         block *notice = std::exchange(c->notice, nullptr);
         if (!notice && c->was_located && c->monitor == 0)
-            notice = plain_notice();
+            notice = block_take_number(MBX_MONITOR_DEFAULT_NO);
         if (notice)
             notice->sender = id;
         m.in.end(id, notice);
@@ -278,6 +280,18 @@ static void handle_control(uint32_t slot, uint32_t id)
     with_mailbox(slot, [&](mailbox &m) { has_room = take_control(m, id); });
     while (has_room)
         with_mailbox(slot, [&](mailbox &m) { has_room = flush_some(m, id); });
+}
+
+/* A process that is gone already has left its end of the control connection to somebody else. */
+void watch_life_of(uint32_t slot, uint32_t id)
+{
+    with_mailbox(slot, [&](mailbox &m) {
+        connection *c = m.connections.find(id);
+        if (!c || watch_life(m, *c))
+            return;
+        c->is_peer_gone = true;
+        end_connection(m, id);
+    });
 }
 
 static void handle_life(uint32_t slot, uint32_t id)

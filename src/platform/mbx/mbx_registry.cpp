@@ -90,22 +90,21 @@ static inbox_owner owner_of(mailbox &m)
     return {&m,
             [](void *self, uint32_t id) {
                 if (connection *c = static_cast<mailbox *>(self)->connections.find(id))
-                    report_room(*c);
+                    send_wake(c->control.get(), wake::room);
             },
             [](void *self, uint32_t id) { end_connection(*static_cast<mailbox *>(self), id); }};
 }
 
-/* With the lock held. Returns 0 or an errno value. */
-static int open_to_others(mailbox &m, const char *name, uint32_t id)
+/* With the lock held. False, with errno, on failure. */
+static bool open_to_others(mailbox &m, const char *name, uint32_t id)
 {
-    const int error = take_name(name, m.name);
-    if (error != 0)
-        return error;
+    if (!take_name(name, m.name))
+        return false;
     if (helper_watch(WATCH_LISTENER, m.name.listener.get(), EPOLLIN, slot_of(id), id))
-        return 0;
-    const int reason = errno;
+        return true;
+    const errno_keeper keeper;
     give_name(m.name);
-    return reason;
+    return false;
 }
 
 mailbox *mailbox_in_slot(uint32_t slot)
@@ -151,9 +150,9 @@ uint32_t create_mailbox(const char *name)
     m->token = make_token();
     m->generation = (m->generation + 1) % generations;
     const uint32_t id = mailbox_id_bit | m->generation << slot_bits | slot;
-    if (const int error = is_named ? open_to_others(*m, name, id) : 0) {
+    if (is_named && !open_to_others(*m, name, id)) {
+        const errno_keeper keeper;
         m->in.close();
-        errno = error;
         return MBX_NO_MAILBOX;
     }
     m->born = ++births;

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "platform/mbx/mbx_share.h"
 
-#include <mutex>
 #include <new>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -11,15 +10,15 @@ namespace
 {
 
 struct counts {
-    std::mutex lock;
     std::unordered_map<int64_t, size_t> processes; /* by peer_identity::key */
     std::unordered_map<uid_t, size_t> users;
 };
 
 } // namespace
 
+std::mutex shares_lock;
 /* Never destroyed: the helper may outlive main(). */
-static counts &all = *new counts;
+static counts &all = *new counts; /* guarded by shares_lock */
 
 static size_t connections_at_most()
 {
@@ -50,7 +49,7 @@ try {
     const size_t most = connections_at_most();
     const size_t most_of_process = most / (peer.process > 0 ? 4 : 2);
     const bool is_trusted_user = peer.user == 0 || peer.user == geteuid();
-    std::lock_guard hold(all.lock);
+    std::lock_guard hold(shares_lock);
     if (count_of(all.processes, peer.key()) >= most_of_process ||
         (!is_trusted_user && count_of(all.users, peer.user) >= most / 2))
         return taken;
@@ -68,19 +67,9 @@ share::~share()
 {
     if (!is_held_)
         return;
-    std::lock_guard hold(all.lock);
+    std::lock_guard hold(shares_lock);
     count_down(all.processes, peer_.key());
     count_down(all.users, peer_.user);
-}
-
-void lock_shares()
-{
-    all.lock.lock();
-}
-
-void unlock_shares()
-{
-    all.lock.unlock();
 }
 
 void forget_shares()

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <sys/types.h>
 #include <utility>
 
@@ -48,17 +49,13 @@ class share
     {
         return is_held_;
     }
-    const peer_identity &peer() const
-    {
-        return peer_;
-    }
 
   private:
     peer_identity peer_;
     bool is_held_ = false;
 };
 
-/* Around a fork; and in the child, unlocked, where the shares are nobody's. */
-void lock_shares();
-void unlock_shares();
+/* Held around a fork. */
+extern std::mutex shares_lock;
+/* In the child, where the shares are nobody's. */
 void forget_shares();

@@ -13,6 +13,8 @@
 #define SO_PASSRIGHTS 83
 #endif
 
+static constexpr size_t fds_at_most = 253; /* in one message */
+
 namespace
 {
 
@@ -21,15 +23,7 @@ struct greeting_record {
     greeting_kind kind;
     mailbox_token token;
 };
-
-} // namespace
-
 static_assert(sizeof(greeting_record) == 24);
-
-static constexpr size_t fds_at_most = 253; /* in one message */
-
-namespace
-{
 
 union fd_room {
     cmsghdr header;
@@ -136,9 +130,8 @@ greeting receive_greeting(int control)
 /* A queue that is full has such a byte in it already. */
 void send_wake(int control, wake what)
 {
-    const int saved = errno;
+    const errno_keeper keeper;
     send(control, &what, sizeof(what), MSG_DONTWAIT | MSG_NOSIGNAL);
-    errno = saved;
 }
 
 control_event receive_wake(int control, std::vector<owned_fd> &fds)

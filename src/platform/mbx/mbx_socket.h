@@ -65,7 +65,8 @@ enum class control_event { nothing, room, bell, end, passed };
 /* Reads one message. `passed`: it carried descriptors, which are in `fds` now. */
 control_event receive_wake(int control, std::vector<owned_fd> &fds);
 
-/* For a fresh control connection: what receive_greeting and receive_wake need. */
+/* For a fresh control connection, or a listener, which passes it on to those that it accepts: what
+   receive_greeting and receive_wake need. */
 void prepare_control(int control);
 /* From now on the kernel lets nobody pass a descriptor to this socket (since Linux 6.16; nothing
    happens before), and little waits in it for a peer who does not read. */

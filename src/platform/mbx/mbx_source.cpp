@@ -10,16 +10,6 @@ void turn_line::push_back(source &s)
     size_++;
 }
 
-void turn_line::push_front(source &s)
-{
-    s.is_in_line = true;
-    s.next = first_;
-    first_ = &s;
-    if (!last_)
-        last_ = &s;
-    size_++;
-}
-
 source &turn_line::pop_front()
 {
     source &s = *first_;
@@ -41,4 +31,11 @@ void turn_line::prepend(turn_line &other)
     first_ = other.first_;
     size_ += other.size_;
     other = {};
+}
+
+void turn_line::push_front(source &s)
+{
+    turn_line front;
+    front.push_back(s);
+    prepend(front);
 }

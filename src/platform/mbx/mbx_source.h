@@ -36,10 +36,10 @@ class turn_line
         return size_;
     }
     void push_back(source &s);
-    void push_front(source &s);
     source &pop_front();
     /* Puts all of another line, which is empty then, in front. */
     void prepend(turn_line &other);
+    void push_front(source &s);
 
   private:
     source *first_ = nullptr;
