@@ -126,29 +126,41 @@ def links(bench):
     launcher, tap = bench.launcher, Tap("bench0")
     bare = launcher.run([BIN / "bench_link_listener"], SERVER_CORE)
     server = LinuxBoard(launcher, SERVER_CORE, interfaces=["bench0"])
+    subscriber = launcher.run([BIN / "bench_link_subscriber"], SERVER_CORE, server.env)
     watch = launcher.run([BIN / "teskctl", "--json", "watch", "--status", "0"], SERVER_CORE, server.env)
-    watch.read_line()
-    followers = {"floor": [bare], "linux": [watch, *server.processes]}
+    for program in (subscriber, watch):
+        program.read_line()
+    followers = {"floor": [bare], "linux": [subscriber, *server.processes],
+                 "teskctl": [watch, *server.processes]}
+    programs = {program for processes in followers.values() for program in processes}
     for _ in range(min(bench.rounds, MOST_ROUNDS)):
         for name, processes in followers.items():
-            listener = processes[0].process.stdout
-            others = [each for other in followers if other != name for each in followers[other]]
-            # One at a time, as both would be woken at once.
+            listener, others = processes[0].process.stdout, programs.difference(processes)
+            # One at a time, as all would be woken at once.
             for each in others:
                 each.process.send_signal(signal.SIGSTOP)
             await_quiet(listener)
             for _ in range(4):
-                bench.add("linux event", "a rise of the link to the subscriber's line", "µs", name,
-                          time_rise(tap, listener))
+                add_rise(bench, name, time_rise(tap, listener))
             for each in others:
                 each.process.send_signal(signal.SIGCONT)
-    launcher.end(watch)
-    launcher.end(bare)
+    for program in (watch, bare):
+        launcher.end(program)
     flaps(bench, tap, server.processes[0].pid)
+    launcher.end(subscriber)
     server.end()
 
 
+def add_rise(bench, name, took):
+    if name != "teskctl":
+        bench.add("linux event", "a rise of the link to the subscriber's line", "µs", name, took)
+    if name != "linux":
+        bench.add("linux line", "the same to the line of `teskctl --json watch`", "µs",
+                  "floor" if name == "floor" else "linux", took)
+
+
 def flaps(bench, tap, pid):
+    """With a subscriber: each event that the server gets makes it read the link."""
     for _ in range(min(bench.rounds, MOST_ROUNDS)):
         for name, times in (("floor", CAPPED_PAIRS), ("linux", FLAPS)):
             time.sleep(LATE)

@@ -36,6 +36,10 @@ class recorder final : public linux_board::link_listener
     {
         events += "sdu"[now.state];
     }
+    void link_known(uint32_t, const link_values &now) override
+    {
+        known = now.state;
+    }
     void link_fell(uint32_t, uint32_t count) override
     {
         falls += count;
@@ -49,6 +53,7 @@ class recorder final : public linux_board::link_listener
         return std::exchange(events, {});
     }
     std::string events;
+    uint32_t known = 0;
     uint64_t falls = 0;
 };
 
@@ -284,4 +289,37 @@ TEST_F(link_table_test, a_burst_is_announced_once_more_when_it_has_settled)
     table.announce_settled(now + link_table::settle_time);
     EXPECT_EQ("d", events.take());
     EXPECT_FALSE(table.next_settling());
+}
+
+TEST_F(link_table_test, a_storm_is_announced_as_five_falls_and_then_as_one_each_settle_time)
+{
+    const auto settle = [&] {
+        table.announce_settled(now += link_table::settle_time);
+        return events.take();
+    };
+    const auto storm = [&](uint32_t state, uint32_t falls) {
+        table.take(report(state, falls, falls + 1), link_table::origin::answer, now);
+        return events.take();
+    };
+    take(report(2, 0, 1));
+    EXPECT_EQ("dudu", take(report(2, 2, 3)));
+    EXPECT_EQ("dududu", storm(2, 9));
+    EXPECT_EQ("", storm(2, 100));
+    EXPECT_EQ("", storm(1, 201));
+    EXPECT_EQ(1u, events.known) << "a read gets the state that is held back";
+    EXPECT_EQ("d", settle());
+    EXPECT_EQ("", storm(1, 300));
+    EXPECT_EQ("", storm(0, 300));
+    table.take_speed(7, 1, 1, now);
+    EXPECT_EQ(0u, events.known);
+    EXPECT_EQ("us", settle());
+    EXPECT_EQ("s", settle()) << "it is over";
+    EXPECT_FALSE(table.next_settling());
+    EXPECT_EQ("udududu", take(report(2, 303, 304)));
+    EXPECT_EQ("dudu", storm(2, 400));
+    EXPECT_EQ("", storm(1, 401));
+    table.forget(7, now);
+    EXPECT_EQ("di0", events.take());
+    EXPECT_EQ("d", settle());
+    EXPECT_EQ(401u, events.falls);
 }

@@ -26,6 +26,9 @@ namespace linux_board
 /* The kernel answers at once or holds its lock; a lost answer is asked for again. */
 static constexpr std::chrono::seconds kernel_patience{5};
 
+/* Before then a caller that reads the link because of its rise has asked for the speed. */
+static constexpr std::chrono::milliseconds speed_patience{20};
+
 /* Notices taken in one go, before the questions of others get their turn. */
 static constexpr int datagrams_at_once = 256;
 
@@ -71,13 +74,16 @@ void link_follower::run()
     while (!thread_.is_stopping()) {
         pollfd wanted[] = {{notices_.fd(), POLLIN, 0}, {thread_.wake_fd(), POLLIN, 0}};
         poll(wanted, std::size(wanted), poll_timeout());
-        thread_.clear_wake();
+        if (wanted[1].revents != 0)
+            thread_.clear_wake();
         try {
             if (drain() && is_behind_)
                 read_all();
             answer_refreshes();
-            ask_speeds();
-            table_.announce_settled(std::chrono::steady_clock::now());
+            const auto now = std::chrono::steady_clock::now();
+            if (now >= speeds_due_)
+                ask_speeds();
+            table_.announce_settled(now);
             listener_.reports_taken();
         } catch (const std::exception &) {
             is_behind_ = true; /* no memory, or no answer: read all again */
@@ -90,7 +96,9 @@ int link_follower::poll_timeout() const
     static constexpr int retry_ms = 100;
     if (is_behind_)
         return retry_ms;
-    const auto next = table_.next_settling();
+    auto next = table_.next_settling();
+    if (!speeds_wanted_.empty())
+        next = std::min(next.value_or(speeds_due_), speeds_due_);
     if (!next)
         return -1;
     const auto left =
@@ -126,9 +134,13 @@ void link_follower::take(const netlink::message &notice)
 /* The speed is known only once the link is up, and after each rise it may be another. */
 void link_follower::take_report(const link_report &report, link_table::origin from)
 {
-    table_.take(report, from, std::chrono::steady_clock::now());
-    if (report.operational)
-        speeds_wanted_.insert(report.index);
+    const auto now = std::chrono::steady_clock::now();
+    table_.take(report, from, now);
+    if (!report.operational)
+        return;
+    if (speeds_wanted_.empty())
+        speeds_due_ = now + speed_patience;
+    speeds_wanted_.insert(report.index);
 }
 
 void link_follower::read_all()
@@ -170,12 +182,17 @@ void link_follower::ask_speed(int32_t index)
                       std::chrono::steady_clock::now());
 }
 
+void link_follower::ask_speed_if_wanted(int32_t index)
+{
+    if (ethtool_family_ != 0 && table_.is_speed_wanted(index, std::chrono::steady_clock::now()))
+        ask_speed(index);
+}
+
 void link_follower::ask_speeds()
 {
     const std::set<int32_t> wanted = std::exchange(speeds_wanted_, {});
     for (const int32_t index : wanted)
-        if (ethtool_family_ != 0 && table_.port_of(index))
-            ask_speed(index);
+        ask_speed_if_wanted(index);
 }
 
 /* The caller waits for its own port only if nobody's question is stuck in the kernel; a board of
@@ -185,7 +202,9 @@ void link_follower::refresh(uint32_t port)
     std::unique_lock guard(refresh_lock_);
     refresh_ports_.insert(port);
     const uint64_t ticket = ++refreshes_asked_;
+    guard.unlock(); /* the thread that is woken takes the lock */
     thread_.wake();
+    guard.lock();
     if (!is_stuck_)
         is_stuck_ =
             !refreshed_.wait_for(guard, read_patience, [&] { return refreshes_done_ >= ticket; });
@@ -202,13 +221,17 @@ void link_follower::answer_refreshes()
     }
     if (ports.empty())
         return;
-    for (const uint32_t port : ports)
-        if (const int32_t index = table_.index_of(port); index != 0)
+    for (const uint32_t port : ports) {
+        if (const int32_t index = table_.index_of(port); index != 0) {
             ask_about(index);
-    ask_speeds();
-    const std::lock_guard guard(refresh_lock_);
-    refreshes_done_ = ticket;
-    is_stuck_ = false;
+            ask_speed_if_wanted(index);
+        }
+    }
+    {
+        const std::lock_guard guard(refresh_lock_);
+        refreshes_done_ = ticket;
+        is_stuck_ = false;
+    }
     refreshed_.notify_all();
 }
 

@@ -66,6 +66,7 @@ class link_follower
     void ask_about(int32_t index);
     void answer_refreshes();
     void ask_speed(int32_t index);
+    void ask_speed_if_wanted(int32_t index);
     void ask_speeds();
     int poll_timeout() const;
 
@@ -76,6 +77,7 @@ class link_follower
     netlink::connection ethtool_;
     uint16_t ethtool_family_ = 0;
     std::set<int32_t> speeds_wanted_;
+    link_table::time_point speeds_due_ = {};
     bool is_behind_ = false; /* messages were lost since all interfaces were read */
     std::atomic<uint64_t> losses_{0};
 

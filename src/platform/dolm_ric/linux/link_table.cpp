@@ -127,6 +127,8 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
 {
     const uint32_t falls = is_same ? falls_between(link.last, report) : 0;
     const bool named_anew = link.last.name != report.name;
+    if (!is_same || link.last.rises != report.rises || !report.operational)
+        link.speed_at.reset();
     link.last = report;
     link.last_name = report.name;
     link.was_bound = true;
@@ -134,7 +136,24 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
         listener_.interface_changed(link.number, &link.last);
     if (falls > 0)
         listener_.link_fell(link.number, falls);
-    announce(link, link_transitions(link.announced.state, falls, state_of(report)), now);
+    announce_or_hold(link, falls, now);
+}
+
+/* A full filter has room for one fall at most when the hold ends, however many there were. */
+void link_table::announce_or_hold(port_link &link, uint32_t falls, time_point now)
+{
+    if (!link.settles_at && now - link.announced_at >= settle_time)
+        link.falls_left = max_falls;
+    const uint32_t state = state_of(link.last);
+    if (link.settles_at && link.falls_left == 0) {
+        link.is_held = true;
+        link.falls_held = std::max(link.falls_held, std::min(falls, 1U));
+        listener_.link_known(link.number, values_of(link, state));
+        return;
+    }
+    const uint32_t announced = std::min(falls, link.falls_left);
+    link.falls_left -= announced;
+    announce(link, link_transitions(link.announced.state, announced, state), now);
 }
 
 void link_table::take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_point now)
@@ -145,8 +164,22 @@ void link_table::take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_
     port_link &link = links_.at(known->second);
     link.speed = speed;
     link.lanes = lanes != 0 ? lanes : link.lanes;
-    if (values_of(link, link.announced.state) != link.announced)
+    link.speed_at = now;
+    const link_values now_known =
+        values_of(link, link.is_held ? state_of(link.last) : link.announced.state);
+    if (link.is_held || now_known.speed == link.announced.speed)
+        listener_.link_known(link.number, now_known);
+    else
         announce(link, {link.announced.state}, now);
+}
+
+bool link_table::is_speed_wanted(int32_t index, time_point now) const
+{
+    const auto known = ports_.find(index);
+    if (known == ports_.end())
+        return false;
+    const port_link &link = links_.at(known->second);
+    return link.last.operational && (!link.speed_at || now - *link.speed_at >= speed_age);
 }
 
 void link_table::forget(int32_t index, time_point now)
@@ -187,6 +220,10 @@ link_values link_table::values_of(const port_link &link, uint32_t state)
    for which there is no memory is made up for when the link has settled. */
 void link_table::announce(port_link &link, const std::vector<uint32_t> &states, time_point now)
 {
+    const bool was_held = std::exchange(link.is_held, false);
+    link.falls_held = 0;
+    if (states.empty() && was_held)
+        listener_.link_known(link.number, values_of(link, link.announced.state));
     if (states.empty())
         return;
     const bool is_burst =
@@ -210,14 +247,27 @@ std::optional<link_table::time_point> link_table::next_settling() const
     return next;
 }
 
+/* After what was held back is announced, the burst goes on and nothing of it is left to announce.
+ */
+void link_table::settle(port_link &link, time_point now)
+{
+    std::vector<uint32_t> states;
+    if (link.is_held)
+        states = link_transitions(link.announced.state, link.falls_held, state_of(link.last));
+    announce(link, states, now);
+    if (!states.empty())
+        return;
+    link.announced = values_of(link, link.announced.state);
+    listener_.link_changed(link.number, link.announced);
+    link.falls_left = max_falls;
+    link.settles_at.reset();
+}
+
 void link_table::announce_settled(time_point now)
 {
-    for (auto &[port, link] : links_) {
-        if (!link.settles_at || *link.settles_at > now)
-            continue;
-        listener_.link_changed(port, link.announced);
-        link.settles_at.reset();
-    }
+    for (auto &[port, link] : links_)
+        if (link.settles_at && *link.settles_at <= now)
+            settle(link, now);
 }
 
 int32_t link_table::index_of(uint32_t port) const

@@ -8,8 +8,10 @@
    a name that fits or the one that its interface had last: the number of a port never moves.
 
    The kernel merges its messages, so falls are counted by its carrier counters. A caller that fills
-   a filter by events gets as many falls as the counters, at most `max_falls` for one report, and
-   then the true state. */
+   a filter by events gets as many falls as the counters, at most `max_falls` in one burst. The
+   changes that follow in the burst are held back until it is over or has lasted for another
+   `settle_time`: one fall and the true state are announced then. A caller that reads the link for
+   each event, while each read may find as many falls again, so ends up with a few events. */
 #pragma once
 
 #include "platform/dolm_ric/linux/link_report.h"
@@ -35,7 +37,8 @@ struct link_values {
     bool operator==(const link_values &) const = default;
 };
 
-/* The server's filter is full after so many falls. */
+/* The server's filter is full after so many falls, and has room for one more after settle_time at
+   the earliest. */
 constexpr uint32_t max_falls = 5;
 
 /* The states to announce for a link that was announced as `before`, fell so often and is now as
@@ -45,7 +48,13 @@ std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t
 /* Called in the thread that passes the reports in. */
 struct link_listener {
     virtual ~link_listener() = default;
+    /* An event. Reads are answered with its values from now on. */
     virtual void link_changed(uint32_t port, const link_values &now) = 0;
+    /* Reads are answered with these values from now on; the event is held back, or there is none.
+     */
+    virtual void link_known(uint32_t /*port*/, const link_values & /*now*/)
+    {
+    }
     /* The link fell so often since the report before, by the kernel's counters; before the events.
      */
     virtual void link_fell(uint32_t /*port*/, uint32_t /*falls*/)
@@ -69,6 +78,9 @@ class link_table
        a caller that handles queued events in another order ends with the true state, too. */
     static constexpr std::chrono::milliseconds settle_time{200};
 
+    /* A speed that was taken so long ago is old, even if the link hasn't risen since. */
+    static constexpr std::chrono::milliseconds speed_age{50};
+
     /* A notice was sent by the kernel of its own accord and may be older than an answer, which is
        always the state of that moment. */
     enum class origin : uint8_t { notice, answer };
@@ -81,6 +93,8 @@ class link_table
     void take(const link_report &report, origin from, time_point now);
     /* The speed of an interface, as a code, and its lanes (0 if they aren't known). */
     void take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_point now);
+    /* Whether a port's link is operational and its speed isn't known, or is old. */
+    bool is_speed_wanted(int32_t index, time_point now) const;
     /* The interface is gone. */
     void forget(int32_t index, time_point now);
 
@@ -108,8 +122,12 @@ class link_table
         link_report last;
         uint32_t speed = 0; /* as it was taken last */
         uint32_t lanes = 0;
+        std::optional<time_point> speed_at = {}; /* nothing if the link has risen since */
         link_values announced;
         time_point announced_at = {};
+        uint32_t falls_left = max_falls; /* of this burst */
+        uint32_t falls_held = 0;
+        bool is_held = false; /* an event */
         std::optional<time_point> settles_at;
     };
 
@@ -117,7 +135,9 @@ class link_table
     port_link *find_free(const link_report &report);
     port_link *bind(const link_report &report);
     void update(port_link &link, const link_report &report, bool is_same, time_point now);
+    void announce_or_hold(port_link &link, uint32_t falls, time_point now);
     void announce(port_link &link, const std::vector<uint32_t> &states, time_point now);
+    void settle(port_link &link, time_point now);
 
     link_listener &listener_;
     std::map<uint32_t, port_link> links_;

@@ -217,6 +217,12 @@ void linux_ports::link_changed(uint32_t number, const link_values &now)
     modules_.link_changed(number);
 }
 
+void linux_ports::link_known(uint32_t number, const link_values &now)
+{
+    const auto guard = events_.lock();
+    ports_.at(number).link = now;
+}
+
 void linux_ports::interface_changed(uint32_t number, const link_report *now)
 {
     if (now != nullptr) {

@@ -68,6 +68,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     std::map<uint32_t, link_report> default_ports(std::vector<link_report> all);
 
     void link_changed(uint32_t number, const link_values &now) override;
+    void link_known(uint32_t number, const link_values &now) override;
     void interface_changed(uint32_t number, const link_report *now) override;
     void interface_left_out(const link_report &report) override;
     void reports_taken() override;

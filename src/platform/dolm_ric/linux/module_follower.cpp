@@ -55,7 +55,7 @@ void module_follower::link_changed(uint32_t port)
 {
     const std::lock_guard guard(lock_);
     if (orders_.links_changed.insert(port).second)
-        thread_.wake();
+        thread_.wake_later();
 }
 
 void module_follower::diagnostics_wanted(uint32_t port)
@@ -143,7 +143,9 @@ void module_follower::await_work()
     const auto due = poller_.next_due();
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(
         std::min<module_poller::duration>(due - now, std::chrono::minutes(1)));
-    pollfd wanted[] = {{thread_.wake_fd(), POLLIN, 0}, {hints_ ? hints_->fd() : -1, POLLIN, 0}};
+    pollfd wanted[] = {{thread_.wake_fd(), POLLIN, 0},
+                       {thread_.later_fd(), POLLIN, 0},
+                       {hints_ ? hints_->fd() : -1, POLLIN, 0}};
     const auto timeout = static_cast<int>(std::max<int64_t>(left.count(), 0));
     poll(wanted, std::size(wanted), timeout);
     thread_.clear_wake();

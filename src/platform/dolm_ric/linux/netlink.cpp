@@ -203,16 +203,18 @@ static int await_readable(int fd, std::chrono::steady_clock::time_point deadline
     return 0;
 }
 
-/* Answers to questions that timed out bear older sequence numbers and are skipped. */
+/* The kernel mostly has answered before the question is sent. Answers to questions that timed out
+   bear older sequence numbers and are skipped. */
 int connection::await_answer(std::chrono::steady_clock::time_point deadline, const taker &take)
 {
     bool was_interrupted = false;
     for (;;) {
-        if (const int error = await_readable(fd_, deadline))
-            return error;
         const received next = receive();
-        if (next.error == EAGAIN)
+        if (next.error == EAGAIN) {
+            if (const int error = await_readable(fd_, deadline))
+                return error;
             continue;
+        }
         if (next.error != 0)
             return next.error;
         byte_view rest = next.datagram;

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -14,20 +15,23 @@ namespace linux_board
 
 worker::worker()
     : wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      later_fd_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       stop_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-    if (wake_fd_ >= 0 && stop_fd_ >= 0)
+    if (wake_fd_ >= 0 && later_fd_ >= 0 && stop_fd_ >= 0)
         return;
     const int error = errno;
     close(wake_fd_);
+    close(later_fd_);
     close(stop_fd_);
-    throw std::system_error(error, std::generic_category(), "eventfd");
+    throw std::system_error(error, std::generic_category(), "eventfd or timerfd");
 }
 
 worker::~worker()
 {
     stop();
     close(wake_fd_);
+    close(later_fd_);
     close(stop_fd_);
 }
 
@@ -63,10 +67,19 @@ void worker::wake()
     eventfd_write(wake_fd_, 1);
 }
 
+void worker::wake_later()
+{
+    constexpr long delay_ns = 20'000'000;
+    const itimerspec once = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = delay_ns}};
+    timerfd_settime(later_fd_, 0, &once, nullptr);
+}
+
+/* A timerfd is read like an eventfd. */
 void worker::clear_wake()
 {
     eventfd_t count;
     eventfd_read(wake_fd_, &count);
+    eventfd_read(later_fd_, &count);
 }
 
 } // namespace linux_board

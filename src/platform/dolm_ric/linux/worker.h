@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* worker - a thread that blocks all signals, with one eventfd that wakes it and one that tells it
-   to end. */
+/* worker - a thread that blocks all signals, with an eventfd and a timer that wake it and an
+   eventfd that tells it to end. */
 #pragma once
 
 #include <atomic>
@@ -40,11 +40,19 @@ class worker
     {
         return wake_fd_;
     }
-    /* Takes the wake-ups. The worker's thread. */
+    /* Makes later_fd() readable in 20 ms, so that what isn't urgent takes no time from the threads
+       that handle the same event. Any thread. */
+    void wake_later();
+    int later_fd() const
+    {
+        return later_fd_;
+    }
+    /* Takes the wake-ups of both kinds. The worker's thread. */
     void clear_wake();
 
   private:
     int wake_fd_;
+    int later_fd_;
     int stop_fd_;
     std::atomic<bool> stopping_{false};
     std::thread thread_;
