@@ -59,7 +59,7 @@ class LinuxBoard(Server):
 
 
 class Tap:
-    """An interface whose carrier we set."""
+    """An interface whose carrier the benchmark sets."""
 
     def __init__(self, name):
         self.file = open("/dev/net/tun", "r+b", buffering=0)
@@ -98,7 +98,8 @@ def measure_linux(bench):
 
 
 def next_line(listener, patience):
-    """Everything that there is to read, at most after so long; empty if nothing came."""
+    """Returns what the program has written, as soon as there is some; empty after `patience`
+    seconds."""
     ready, _, _ = select.select([listener], [], [], patience)
     return os.read(listener.fileno(), 65536) if ready else b""
 
@@ -133,7 +134,7 @@ def links(bench):
         for name, processes in followers.items():
             listener = processes[0].process.stdout
             others = [each for other in followers if other != name for each in followers[other]]
-            # One at a time, as both would be woken at once.
+            # One at a time, as the kernel wakes both for the same change.
             for each in others:
                 each.process.send_signal(signal.SIGSTOP)
             await_quiet(listener)
@@ -184,7 +185,7 @@ def output_of(server, command):
 
 
 def idle(bench):
-    """One stretch of time and nothing else. The bytes are those that would come from the modules."""
+    """Measures all boards over the same idle time. The bytes are those that modules would send."""
     launcher, seconds = bench.launcher, 10 if bench.quick else 20
     pairs = [(f"idle{number}", f"idle{number + 1}") for number in range(0, PORTS, 2)]
     run_ip(*(f"link add {a} type veth peer name {b}" for a, b in pairs),

@@ -15,7 +15,8 @@ const plotted = [
 const identity = [["Kind", "module"], ["Vendor", "vendor"], ["Part", "part"], ["Revision", "revision"],
                   ["Serial", "serial"], ["Date code", "date_code"], ["Product", "product"],
                   ["Extension", "product_ext"]];
-/* Its legend wants inline styles, which our policy forbids; what it would say stands above a plot. */
+/* Its legend needs inline styles, which our policy forbids; a line above the plot shows the
+   same. */
 Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => String(plugin.prototype) !== "Legend Plugin");
 let plots = [];
 let range = "hour";

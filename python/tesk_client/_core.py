@@ -6,13 +6,13 @@ program takes them from. The callbacks are three functions of this module, not o
 a session holds no reference to itself; they find it in `_thread`, since they run only inside a
 dispatch or a close, in the thread that made it.
 
-A port's subscription is shared by all watches that want it: the server takes one of a kind for each
-port. It moves through four states, by answers alone:
+A port's subscription is shared by all watches of the port: the server accepts one of a kind from
+each client. It moves through four states, by answers alone:
 
     NONE -> ASKING -> HELD -> LEAVING -> NONE
 
 It is UNKNOWN where an answer was late, and then it is unsubscribed until the server answers that,
-before it is subscribed again: so no watch waits for a subscription that nobody holds."""
+before it is subscribed again: so no watch waits for a subscription that doesn't exist."""
 from __future__ import annotations
 
 import ctypes
@@ -34,14 +34,15 @@ from ._records import (Capability, Change, HistoryRecord, Missed, Pm, PortStatus
 
 Key = tuple[Kind, int]
 
-# What a request came to; None for those that are only confirmed.
+# The outcome of a request; None for a request that is only confirmed.
 Outcome = Union[None, Pm, list[Capability], list[HistoryRecord], BaseException]
 
-# Who gets an outcome: a caller's function, or the subscription of a key, and whether it was asked for
-# or ended. The latter isn't a function, which would hold the session and so keep it alive.
+# The receiver of an outcome: a caller's function, or the key of a subscription with True for a
+# subscribe and False for an unsubscribe. The pair isn't a function, as that would keep the session
+# alive.
 Taker = Union[Callable[[Outcome], None], tuple[Key, bool]]
 
-# How many changes a watch keeps for a program that doesn't take them, beside four for each port.
+# The backlog of a watch whose changes the program doesn't take, beside four for each port.
 BACKLOG = 1000
 
 _library = c.library
@@ -50,7 +51,7 @@ _session_pid = 0  # the process that made the first session
 
 
 def port_number(port: int) -> int:
-    """A port number that is one; ctypes would cut others to size without a word."""
+    """Returns the checked port number; ctypes would truncate a wrong one silently."""
     if isinstance(port, bool) or not isinstance(port, int):
         raise TypeError(f"a port is an int, not {port!r}")
     if not 0 <= port <= 0xFFFFFFFF:
@@ -75,7 +76,7 @@ def _check_process() -> None:
 
 
 class Feed:
-    """What a watch reads: the changes of its ports, in their order, bounded in number."""
+    """The queue that a watch reads: the changes of its ports, in their order, bounded in number."""
 
     def __init__(self, keys: Iterable[Key], wake: Callable[[], None]) -> None:
         self.keys = set(keys)
@@ -113,8 +114,8 @@ class Feed:
         self._wake()
 
     def fail(self, error: TeskError) -> None:
-        """Ends the feed. A watch that isn't whole yet fails at once; else what is there comes
-        first."""
+        """Ends the feed. A watch that isn't ready yet fails at once; otherwise the queued changes
+        come first."""
         if self.open_keys:
             self._queue.clear()
             self._missed = 0
@@ -123,7 +124,7 @@ class Feed:
 
     @property
     def has_failed(self) -> bool:
-        """An error ends it."""
+        """True if an error has ended the feed."""
         return self._error is not None
 
     @property
@@ -133,7 +134,7 @@ class Feed:
 
     @property
     def is_over(self) -> bool:
-        """Nothing is here and nothing will come."""
+        """True if no change is queued and none can follow."""
         return not self._queue and not self._missed and (self.closed or not self.keys)
 
     def take(self) -> Change | None:
@@ -175,8 +176,8 @@ class _Subscription:
 
 
 class Core:
-    """A C session. Every call comes from the thread that made it, but for those of a dying watch,
-    which may be collected anywhere."""
+    """A C session. Every call comes from the thread that made it, except those of a watch that is
+    being destroyed: the garbage collector runs in any thread."""
 
     def __init__(self, deadline_s: float, window: int, reconnect: bool, retry_s: float,
                  longest_retry_s: float) -> None:
@@ -218,11 +219,11 @@ class Core:
 
     @property
     def belongs_to_caller(self) -> bool:
-        """The calling thread is the one that made the session, and this process too."""
+        """True if this thread and process made the session."""
         return self._owner == (os.getpid(), threading.get_ident())
 
     def check_caller(self) -> int:
-        """The C session, where the caller may use it."""
+        """Returns the C session; raises if it is closed or the caller may not use it."""
         if self._session is None:
             raise ClosedError("the session is closed")
         if not self.belongs_to_caller:
@@ -233,7 +234,7 @@ class Core:
 
     @property
     def is_closed(self) -> bool:
-        """The session is closed."""
+        """True if the session is closed."""
         return self._session is None
 
     @property
@@ -242,8 +243,8 @@ class Core:
         return bool(_library.tesk_client_connected(self.check_caller()))
 
     def request(self, request: int, port: int, taker: Taker) -> None:
-        """Sends a request. `taker` gets what it came to exactly once, later: by its deadline, or
-        when the session is closed."""
+        """Sends a request. `taker` gets the outcome exactly once, later: by the request's deadline,
+        or when the session is closed."""
         session = self.check_caller()
         self._last_request = number = self._last_request + 1
         self._requests[number] = taker
@@ -253,8 +254,8 @@ class Core:
             raise error_of(result, c.last_error())
 
     def wait(self, timeout_s: float | None) -> None:
-        """Waits for work and does it. A signal handler of Python runs during the wait, and what it
-        raises ends it."""
+        """Waits until the descriptor is readable, and dispatches. Python's signal handlers run
+        during the wait, and an exception of theirs ends it."""
         self.check_caller()
         if self._poll.poll(None if timeout_s is None else max(0, timeout_s * 1000)):
             self.dispatch()
@@ -299,8 +300,9 @@ class Core:
         Python runs signal handlers at the start of a function, and so may raise KeyboardInterrupt
         in a callback before its first line, or in a __del__ that the garbage collector calls then.
         Python hands that to sys.unraisablehook, from which it is fetched. Only the main thread runs
-        signal handlers, so nobody else changes the hook."""
-        # The outer one is a session whose callback made the collector find this one.
+        signal handlers, so no other thread changes the hook."""
+        # Set while a callback of another session runs, in which the garbage collector destroys this
+        # one.
         outer = getattr(_thread, "core", None)
         _thread.core = self
         previous = sys.unraisablehook
@@ -324,13 +326,13 @@ class Core:
                 sys.unraisablehook = previous
 
     def note_failure(self, error: BaseException) -> None:
-        """Keeps what a callback raised until its C function returns."""
+        """Keeps the exception of a callback until the C function returns."""
         if self._failure is None:
             self._failure = error
 
     def _raise_failure(self) -> None:
-        """Which answer or change got lost isn't known: all open requests fail, and all watches
-        miss a change."""
+        """An unknown answer or change was lost: all open requests fail, and all watches miss a
+        change."""
         failure, self._failure = self._failure, None
         for feed in self._feeds:
             feed.miss()
@@ -340,7 +342,7 @@ class Core:
             raise failure
 
     def answered(self, number: int, outcome: Outcome) -> None:
-        """Hands an outcome to whoever asked."""
+        """Delivers the outcome of a request to its taker."""
         taker = self._requests.pop(number, None)
         if isinstance(taker, tuple):
             key, subscribes = taker
@@ -460,7 +462,7 @@ class Core:
                 feed.put(change)
 
     def receive_event(self, event: c.CEvent) -> None:
-        """What happens to the session as a whole."""
+        """Handles an event of the session as a whole."""
         if event.type == c.EVENT_SUBSCRIPTION_LOST:
             key = (Kind(event.kind), event.port_no)
             held = self._subscriptions.get(key)
@@ -483,8 +485,8 @@ class Core:
         self._settle(key)
 
 
-# What C calls. A record is good during the callback only, so it is converted here. `_thread.core`
-# is there, since the session calls back inside its own calls alone.
+# The callbacks of the C library. A record is valid during the callback only, so it is converted
+# here. `_thread.core` is set, since the library calls back only inside a call on the session.
 
 def _convert(answer: c.CAnswer) -> Outcome:
     if answer.result != Result.OK:

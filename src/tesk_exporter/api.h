@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* api - what the page asks for, as JSON. Objects of ports have teskctl --json's keys. No state.
+/* api - the JSON that the page requests. Objects of ports have teskctl --json's keys. No state.
 
    GET /api/ports
      {"time": "2026-03-01T14:02:11.123456+01:00",   now
@@ -20,10 +20,12 @@
       ]}
 
    GET /api/plot?port=3&range=hour   and range=day
-     {"port": 3, "range": "hour", "step_s": 15, "end": 1772370131, the last point, seconds since
-   1970 "tx_power_dbm": [..], "rx_power_dbm": [..], "temperature_c": [..], "voltage_v": [..],
-   "tx_bias_ma": [..]} 240 points of an hour, oldest first, null where nothing was read or no light
-   was there. Of a day 288 points of 300 s, and each of them is a pair [least, greatest] or null.
+     {"port": 3, "range": "hour", "step_s": 15,
+      "end": 1772370131,   the last point, in seconds since 1970
+      "tx_power_dbm": [..], "rx_power_dbm": [..], "temperature_c": [..], "voltage_v": [..],
+      "tx_bias_ma": [..]}
+     The hour has 240 points, oldest first, null where nothing was read or there was no light. The
+     day has 144 points of 600 s, each of them a pair [least, greatest] or null.
 
    GET /api/events?port=3
      {"port": 3, "events": [..]}: what the ring still has of this port, oldest first; each is the

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* event_ring - the last changes, numbered, for readers that come back and ask what they missed.
+/* event_ring - the last changes, numbered, so that a reader that reconnects gets those it missed.
    Fixed memory. Main thread only. */
 #pragma once
 
@@ -15,9 +15,9 @@
 namespace exporter
 {
 
-/* What an event says about its record. */
+/* The kind of change that an event reports. */
 enum class change {
-    initial,  /* found there after a connection: nobody knows since when */
+    initial,  /* the state found after connecting, of unknown age */
     inserted, /* a module */
     removed,
     replaced, /* another module, or the same one read again with other texts */
@@ -51,12 +51,12 @@ std::string to_json_line(const event &happened);
 class event_ring
 {
   public:
-    /* The epoch tells the numbers of this process from those of another. */
+    /* The epoch distinguishes the numbers of this process from those of another. */
     event_ring(size_t capacity, std::string epoch) : capacity_(capacity), epoch_(std::move(epoch))
     {
     }
 
-    /* Numbers the event and keeps it; the oldest one may have to go. */
+    /* Numbers the event and keeps it; a full ring drops its oldest one. */
     void add(event added);
 
     /* The oldest number that is kept, and the number of the next event to come. They are equal in

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* journal - writes events to the journal as structured records. The journal's socket may be full
-   and block, so that a thread of its own writes; what it can't take in time is lost and counted. */
+/* journal - writes events to the journal as structured records. A write blocks while the journal's
+   socket is full, so a separate thread writes; a record for which there is no room in the queue is
+   dropped and counted. */
 #pragma once
 
 #include "tesk_exporter/event_ring.h"

@@ -28,8 +28,8 @@ static std::string_view take(std::string_view &text, char separator)
     return trim(taken);
 }
 
-/* The quality of one entry of an Accept header, 1 unless it says; nothing for a version that we
-   don't write. */
+/* The quality of one entry of an Accept header, 1 by default; nothing for a version that isn't
+   supported. */
 static std::optional<double> quality(std::string_view parameters, std::string_view version)
 {
     double found = 1;

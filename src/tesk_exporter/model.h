@@ -68,7 +68,7 @@ class model
     void apply(const fact &reported, const moment &now);
 
     /* The port whose grades are to be refreshed now, if any: by the rules of refresh_rules.h. The
-       model counts on it that the caller asks for the refresh. */
+       caller must then request it, as the model notes the refresh as made. */
     std::optional<uint32_t> choose_refresh(steady_time now);
 
     const std::map<uint32_t, port_state> &ports() const

@@ -26,8 +26,8 @@ namespace module_reader
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/* What isn't permitted already stays so. Dropping what a program started later might get needs a
-   right of its own and may fail; PR_SET_NO_NEW_PRIVS covers that. */
+/* Drops all rights but a permitted CAP_NET_ADMIN. Reducing the bounding set, which limits programs
+   started later, needs a right of its own and may fail; PR_SET_NO_NEW_PRIVS covers that case. */
 void keep_net_admin_only()
 {
     __user_cap_header_struct head = {.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk-module-reader - reads the memories of pluggable modules for tesk-server, which so needs no
-   right of its own.
+/* tesk-module-reader - reads the memories of pluggable modules for tesk-server, which therefore
+   needs no special right.
 
    The process is started with a socket: by systemd with a listening one, or with a connected one as
    descriptor N. It reads the configuration, opens what it will need, gives up all other rights and
@@ -51,7 +51,7 @@ struct options {
 /* Where requests come from. */
 struct endpoint {
     int listener = -1;
-    uid_t owner = 0; /* the only user whose processes are let in */
+    uid_t owner = 0; /* the only user whose processes may connect */
     std::vector<int> clients = {};
 };
 
@@ -60,7 +60,7 @@ struct endpoint {
 /* The first socket that systemd passes. */
 static constexpr int systemd_socket = 3;
 
-/* tesk-server is one client; others wait in the queue of the socket. */
+/* tesk-server is the one client; others wait in the backlog of the socket. */
 static constexpr size_t most_clients = 4;
 
 static constexpr int wrong_usage = 2;
@@ -135,8 +135,8 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
     return chosen;
 }
 
-/* Nothing without a file. A file that can't be trusted gives no port at all: the ports must not
-   silently become others than it says. */
+/* Nothing without a file. A file that can't be trusted gives no ports: numbering them without it
+   would silently give other ports. */
 static std::optional<linux_board::port_config> read_config()
 {
     const std::string path = linux_board::port_config_path();
@@ -169,7 +169,7 @@ static uid_t owner_of_socket(int listener)
     return status.st_uid;
 }
 
-/* Of an inherited socket the process that passed it has decided who is at the other end. */
+/* The peer of an inherited socket isn't checked: the process that passed it has chosen the peer. */
 static endpoint find_endpoint(const options &chosen)
 {
     endpoint found;
@@ -221,9 +221,9 @@ static bool serve_client(int fd, reader_ports &ports)
                                    static_cast<ssize_t>(length);
 }
 
-/* Until the last client has left. A listener passed by systemd has one waiting. A client that comes
-   while the last one leaves is not let in: it is a server that was started anew, perhaps with
-   another configuration, and gets a reader that was started anew. */
+/* Serves until the last client has disconnected. A listener passed by systemd has a client waiting.
+   A client that connects while the last one disconnects is refused: it is a restarted server,
+   perhaps with another configuration, and gets a new reader. */
 static void serve(endpoint &where, reader_ports &ports)
 {
     do {

@@ -63,7 +63,8 @@ static greeting await_greeting(int control, time_point deadline)
     return n > 0 ? receive_greeting(control) : greeting{};
 }
 
-/* Of what was passed. Empty, with errno, unless it is as it must be. */
+/* Makes the parts from the descriptors that were passed, if they pass the checks. Empty with errno
+   otherwise. */
 static std::optional<connection_parts> check_parts(call &c)
 {
     connection_parts parts;
@@ -138,8 +139,8 @@ static void complain_about_old_wire(const char *name)
         name);
 }
 
-/* Somebody listened but nothing has come of it (it ends, or has no descriptors left): it is tried
-   again until the deadline. */
+/* The peer accepted but did not greet (it is stopping, or has no descriptors left): retry until the
+   deadline. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
     const time_point deadline = locate_deadline();

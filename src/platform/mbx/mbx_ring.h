@@ -184,7 +184,8 @@ class ring_receiver
         return ((before ^ tail_) & (capacity_ / 2)) != 0;
     }
     /* To be called when nothing is available. True: from now on the receiver is rung for the next
-       signal, and must not look before. False: something has come that nobody rings for. */
+       signal, and must not look before. False: a signal has arrived for which the sender doesn't
+       ring. */
     bool rest()
     {
         const uint32_t armed = tail_ | 1;

@@ -26,7 +26,7 @@ struct peer_identity {
     }
 };
 
-/* One connection's place in the shares, given back with the object. */
+/* One connection's place in the shares; the destructor releases it. */
 class share
 {
   public:

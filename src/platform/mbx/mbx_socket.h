@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <vector>
 
-/* Which mailbox somebody claims to be. Random, and told to peers only. */
+/* The identity of a mailbox: random, and sent to peers only. */
 using mailbox_token = std::array<uint64_t, 2>;
 mailbox_token make_token();
 

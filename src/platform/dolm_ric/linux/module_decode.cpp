@@ -166,7 +166,7 @@ static dolm_ric_module_diag make_diag(const module_contents &from, const port_vi
     return diag;
 }
 
-/* "Unsupported" is for good; "not available" may change with the next reading. */
+/* "Unsupported" never changes; "not available" may change with the next reading. */
 static int32_t diagnostics_result(diagnostics_state state)
 {
     switch (state) {

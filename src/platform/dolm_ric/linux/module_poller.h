@@ -50,7 +50,7 @@ class module_poller
     using duration = std::chrono::steady_clock::duration;
     using clock = std::function<time_point()>;
 
-    /* Values that are older are read anew when somebody wants them. */
+    /* Older values are read again when a client reads them. */
     static constexpr std::chrono::seconds wanted_age{1};
 
     module_poller(module_access &access, module_listener &listener, clock now);
@@ -67,7 +67,7 @@ class module_poller
     void hint();
     /* The link of a port changed, so its measured values did, too. */
     void link_changed(uint32_t port);
-    /* Somebody reads the measured values. */
+    /* A client reads the measured values of the port: reads the module again if they are older. */
     void diagnostics_wanted(uint32_t port);
 
     /* When step() has something to do. */
