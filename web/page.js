@@ -114,7 +114,8 @@ function take_ports(answer) {
   load_plots();
 }
 
-/* What an event doesn't carry, such as the values of another module, comes a little later. */
+/* Data that an event doesn't carry, such as the values of another module, is read a little
+   later. */
 let later = 0;
 function read_soon() {
   clearTimeout(later);

@@ -89,7 +89,7 @@ class model
     {
         return is_up() && is_read_;
     }
-    /* What is wrong with the server; empty where nothing is. */
+    /* The reason why is_ready() is false; empty while it is true. */
     std::string trouble() const;
 
     uint64_t connections = 0;

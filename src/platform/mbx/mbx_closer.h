@@ -15,8 +15,8 @@
 /* Beyond so many that wait, their processes get no more connections. */
 constexpr size_t closing_at_most = 16;
 
-/* What one message, or one connection, leaves to be closed. It holds the connection's place in the
-   shares until that is done. */
+/* The descriptors of one message, or of one connection, that are to be closed. It holds the
+   connection's place in the shares until that is done. */
 struct to_close {
     std::vector<owned_fd> fds;
     peer_identity peer;

@@ -48,8 +48,8 @@ void set_up(connection &c, connection_parts &&parts)
         c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
 }
 
-/* The area stays mapped while the inbox has something to take from its other ring. What was passed
-   over the control connection is not closed here. */
+/* The area stays mapped while the inbox has something to take from its other ring. Descriptors
+   passed over the control connection are not closed here. */
 connection::~connection()
 {
     set_monitor(*this, nullptr, 0);

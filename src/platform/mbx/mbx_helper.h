@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_helper - the one thread that serves the library in a process: it waits for descriptors and
-   points in time, and calls functions. It knows nothing of what they are for, and blocks all
-   process signals. */
+   points in time, and calls functions. It is independent of their purpose, and blocks all process
+   signals. */
 #pragma once
 
 #include "platform/mbx/mbx_fd.h"

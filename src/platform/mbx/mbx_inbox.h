@@ -19,7 +19,7 @@
 #include <mutex>
 #include <sys/epoll.h>
 
-/* What an inbox asks of its mailbox, with the lock held. */
+/* The calls of an inbox to its mailbox, made with the lock held. */
 struct inbox_owner {
     void *self;
     /* The sender with that id waits for room in its ring, and there is some. */
@@ -75,7 +75,7 @@ class inbox
     bool add_notice(uint32_t id, block *notice);
     /* The ended source that holds most memory, with its bytes; or null. */
     const source *largest_ended();
-    /* What is unread in that source's ring is lost. */
+    /* Drops the unread signals in that source's ring. */
     void drop_unread(uint32_t id);
     /* Gives back what is mapped of rings beyond their first pages. */
     void trim();

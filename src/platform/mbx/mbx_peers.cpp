@@ -30,9 +30,9 @@ static void want_trim()
         helper_wake();
 }
 
-/* Many receivers of the same news are told in the same order each time, and of a thousand each
-   one's connection has left the caches meanwhile. So the next one's ring is fetched while this
-   one's signal is sent, and the record of the one after that. This saves 1 to 5 % of the sender's
+/* An indication to many receivers is sent in the same order each time, and of a thousand each one's
+   connection has left the caches meanwhile. So the next one's ring is fetched while this one's
+   signal is sent, and the record of the one after that. This saves 1 to 5 % of the sender's
    time. */
 static void expect_next(mailbox &m, connection &c)
 {
@@ -91,7 +91,7 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     return 0;
 }
 
-/* A token alone proves nothing, because those who were told it could repeat it: the process, which
+/* A token alone proves nothing, because any peer that received it could send it: the process, which
    the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer)
 {
@@ -106,8 +106,8 @@ static block *plain_notice()
     return b;
 }
 
-/* A copy of a descriptor in somebody's child must neither keep the connection open nor our epoll
-   entries: so they are removed before the close. */
+/* A copy of a descriptor in a child process must keep neither the connection nor our epoll entries:
+   so they are removed before the close. */
 void end_connection(mailbox &m, uint32_t id)
 {
     connection *c = m.connections.find(id);

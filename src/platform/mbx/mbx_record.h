@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_record - signals as records in a ring (mbx_ring.h). Each end belongs to whoever guards it.
+/* mbx_record - signals as records in a ring (mbx_ring.h). Each end is guarded by its owner.
 
    A record is a head of 8 bytes, whose first word is the signal's size, and the signal, padded to a
    multiple of 8. It lies in one piece, in the home of the ring (mbx_area.h) or in its rest: where

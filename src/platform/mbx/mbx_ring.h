@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_ring - one direction of a connection in memory that two processes share: the positions of
-   sender and receiver, and the rules by which one wakes the other. What the bytes between the two
-   positions mean is left to mbx_record.h.
+   sender and receiver, and the rules by which one wakes the other. The meaning of the bytes between
+   the two positions is defined in mbx_record.h.
 
    Positions count bytes since the connection was made, modulo 2^32, and are multiples of 8. Each
    side keeps its own position in private memory and only publishes it; of the other side's words it
-   believes what the rules allow and nothing else.
+   accepts only values that the rules allow.
 
    Waking the receiver. A receiver that finds the ring empty stores its position, with the lowest
    bit set, in `armed` and looks at `head` once more. A sender that has published looks at `armed`,
@@ -76,8 +76,8 @@ struct ring_orders {
     static constexpr auto before_waiting = std::memory_order_seq_cst;
 };
 
-/* In shared memory, all 0 at first. What the sender writes often and what the receiver writes often
-   stand in different cache lines. */
+/* In shared memory, all 0 at first. The words that the sender writes often and those that the
+   receiver writes often are in different cache lines. */
 template <typename atomics>
 struct ring_words {
     alignas(64) typename atomics::word head; /* the sender's position */

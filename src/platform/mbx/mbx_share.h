@@ -58,7 +58,7 @@ class share
     bool is_held_ = false;
 };
 
-/* Around a fork; and in the child, unlocked, where the shares are nobody's. */
+/* Around a fork; and in the child, unlocked, where no connection has a share. */
 void lock_shares();
 void unlock_shares();
 void forget_shares();

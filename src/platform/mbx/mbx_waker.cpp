@@ -41,7 +41,7 @@ struct waker {
  */
 static waker *the_waker = new waker;
 
-/* A thread of this kind preempts nobody when it wakes up, and is preempted at once. One that has
+/* A thread of this class preempts no other when it wakes up, and is preempted at once. One that has
    inherited a priority keeps it, so as not to starve behind its sender. */
 static void give_way()
 {
@@ -96,7 +96,7 @@ static void *run(void *argument)
         finish(w, hold);
     }
     w.reader.close();
-    if (!w.should_stop) { /* nobody joins it */
+    if (!w.should_stop) { /* not joined in this case */
         w.is_started = false;
         pthread_detach(pthread_self());
     }

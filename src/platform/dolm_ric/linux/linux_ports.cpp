@@ -26,7 +26,7 @@ namespace linux_board
    retry. */
 static constexpr std::chrono::milliseconds reader_restart{1000};
 
-/* Interfaces that appeared later and were told of. */
+/* Interfaces that appeared later and were reported. */
 static constexpr size_t most_left_out = 20;
 
 /* How long a start waits until all modules have been read once, so that present ones give no

@@ -81,11 +81,11 @@ class module_memory
     std::vector<reading> readings_;
 };
 
-/* What to read of the module whose memory has been read so far as `memory` says, in order. The
-   plan of an empty memory has one step, which tells the kind of module; the plan grows as the
-   bytes that decide about further pages have been stored, and its earlier steps stay as they are.
-   So: carry out the steps whose ranges have not been read, and ask again until nothing is new.
-   Identity bytes that make no sense end the plan with themselves. */
+/* The ranges to read of a module, in order, given what `memory` has of it so far. The plan of an
+   empty memory has one step, which tells the kind of module; the plan grows as the bytes that
+   decide about further pages have been stored, and its earlier steps stay as they are. So: carry
+   out the steps whose ranges have not been read, and ask again until nothing is new. Identity bytes
+   that make no sense end the plan with themselves. */
 std::vector<reading_step> reading_plan(const module_memory &memory);
 
 } // namespace linux_board

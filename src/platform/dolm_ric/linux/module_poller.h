@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_poller - decides when which bytes of which module are read, and what that says about the
-   presence of modules. State with a clock and an access passed in; one thread.
+/* module_poller - schedules the readings of all modules, and derives the presence of modules from
+   them. State with a clock and an access passed in; one thread.
 
    Each second a few bytes of the identity are read: they tell that a module came, went or was
    replaced. A replaced module is reported as a removal and an insertion. Diagnostics are read every
