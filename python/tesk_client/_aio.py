@@ -10,9 +10,10 @@ from types import TracebackType
 from typing import Any
 
 from . import _library as c
-from ._core import Core, Key, Outcome, port_number
+from ._core import Core, Outcome, port_number
 from ._enums import HistoryKind
 from ._errors import MisuseError
+from ._feed import Key
 from ._records import Capability, Change, HistoryRecord, Pm
 from ._session import history_requests, merged, watch_keys
 

@@ -9,7 +9,8 @@ from types import TracebackType
 from typing import Any
 
 from . import _library as c
-from ._core import Core, Feed, Key, Outcome, port_number
+from ._core import Core, Outcome, port_number
+from ._feed import Feed, Key
 from ._enums import HistoryKind, Kind
 from ._records import Capability, Change, HistoryRecord, Pm
 

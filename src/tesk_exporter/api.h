@@ -5,9 +5,9 @@
      {"time": "2026-03-01T14:02:11.123456+01:00",   now
       "version": "1.0.0",
       "up": true,                    tesk-server is connected and answers in time
-      "trouble": "",                 what is wrong with it; while it is away the ports are as they
-   were last "interval_s": 15,              between two reads of the measured values "ports": [ in
-   ascending order
+      "trouble": "",                 what is wrong; without "up" the ports are as last known
+      "interval_s": 15,              between two reads of the measured values
+      "ports": [                     in ascending order
         {"port": 3,
          "interface": "eth3",        null where no name is known
          "sfp": {..} or null,        teskctl's object "sfp", without "time"
@@ -50,6 +50,7 @@
 namespace exporter
 {
 
+/* The bodies of /api/ports, /api/plot and /api/events. */
 std::string ports_json(const model &board, std::chrono::milliseconds interval, const moment &now);
 std::string plot_json(const port_state &port, bool is_day, const moment &now);
 std::string events_json(const event_ring &events, uint32_t port_no);

@@ -37,7 +37,10 @@ struct connection {
 class connection_table
 {
   public:
+    /* Adds an accepted connection, which holds no place yet; the record is valid until remove().
+       Above crowded_connections the oldest idle connection is ended. */
     connection *add(int fd, steady_time now);
+    /* Removes a connection that the HTTP library has closed. Harmless on one that isn't there. */
     void remove(const connection *left);
 
     /* Gives the connection a place of that kind, and ends another one for it if need be. False if
@@ -46,7 +49,7 @@ class connection_table
     /* Releases the place that it holds, if any. */
     void leave_place(connection &peer, steady_time now);
 
-    /* Ends the connections that exceed the time limit. */
+    /* Ends the connections that exceed the time limit; waiting streams have none. */
     void end_overdue(steady_time now);
 
     size_t size() const

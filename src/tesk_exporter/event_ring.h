@@ -27,6 +27,7 @@ enum class change {
     grades, /* grades or the environment; the link is as before */
 };
 
+/* The word of the objects for it, such as "replaced". Never null. */
 const char *change_text(change kind);
 
 /* The server went away, or is back. */
@@ -39,7 +40,7 @@ struct event {
     uint64_t time_us; /* wall clock, since 1970 */
     change kind;      /* for the first two records */
     std::variant<tesk_client_sfp_info, tesk_client_port_status, server_change> record;
-    std::string interface;
+    std::string interface; /* escaped; empty where it isn't known */
 };
 
 /* The port of an event; nothing where it is the server's. */

@@ -27,10 +27,12 @@ class http_server
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
 
+    /* Readable when run() must be called. */
     int fd() const;
     /* The time at which run() must be called even if fd() isn't readable; nothing if there is
        none. */
     std::optional<steady_time> next_run() const;
+    /* Serves what is ready, without waiting. */
     void run();
     /* Writes the new events of the ring to the streams. */
     void continue_streams();

@@ -27,7 +27,7 @@ class journal
     journal(const journal &) = delete;
     journal &operator=(const journal &) = delete;
 
-    /* The main thread. */
+    /* The main thread. Queues a record of the event. */
     void write(const event &happened);
     /* Records that were lost so far. */
     uint64_t lost() const

@@ -22,6 +22,7 @@ struct exporter_figures {
     uint64_t started_us = 0; /* wall clock */
 };
 
+/* The whole text of /metrics at the time `now`. */
 std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
                            steady_time now);
 

@@ -45,7 +45,7 @@ class plots
     /* Takes values in. `now_s` is any clock that never goes back. */
     void add(const tesk_client_pm &pm, uint64_t now_s);
 
-    /* The slot that ends up `age` slots before the one of `now_s`; absent values where nothing was
+    /* The slot that is `age` slots older than the one of `now_s`; absent values where nothing was
        read in it, or where it is too old. */
     slot hour(uint64_t now_s, size_t age) const;
     range day(uint64_t now_s, size_t age) const;

@@ -26,8 +26,9 @@ class known_interfaces
 
     /* The interface that a port had when it was configured under this name, or 0. */
     int32_t find(uint32_t port, const std::string &name) const;
+    /* Stores the interface of a port that is configured under this name. */
     void set(uint32_t port, const std::string &name, int32_t index);
-    /* The server has ended. */
+    /* Clears the file: called when the server has ended. */
     void forget();
 
     static constexpr uint32_t most_ports = 65535;
