@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One port: badges, values, plots, identity, history. The plots and the history are asked for when the
-   port is chosen, and again when something about it is new. */
+/* One port: badges, values, plots, identity, history. The plots and the history are asked for when
+   the port is chosen, and again after each change of it. */
 import { by_id, make, make_badge, make_event, set_text } from "./document.js";
 import { age_text, event_text, grade_badge, has_module, link_badge, measurements, time_text,
          title_of, value_text } from "./ports.js";

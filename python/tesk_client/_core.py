@@ -291,8 +291,8 @@ class Core:
                 break
 
     def drop_feed(self, feed: Feed) -> None:
-        """Ends a feed, and the subscriptions that were its alone. Waits for nothing. In a thread
-        that isn't the session's it only marks the feed, and the next change finds that."""
+        """Ends a feed, and the subscriptions that no other feed uses, without waiting. In a thread
+        that isn't the session's it only marks the feed, which is removed at the next change."""
         feed.closed = True
         if self._session is not None and self.belongs_to_caller:
             self._release(feed)

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each connection begins anew: the port map is read again, and every port subscribed to. So the
-   session doesn't reconnect by itself, and a connection after a loss goes the same way as the
-   first.
+/* For each connection the port map is read again, and every port is subscribed to. The session
+   therefore doesn't reconnect by itself: a connection after a loss is made as the first one.
 
    At most `reads_at_once` reads are under way, fewer than the session's window, and none while
    subscriptions are: a read then never waits in the session, and its latency is that of the server.

@@ -78,8 +78,8 @@ class event_ring
 
     /* "EPOCH-NUMBER", the id of an event. */
     std::string id(uint64_t number) const;
-    /* The number after the event that an id names, from which a reader goes on. Nothing where the
-       id is of another epoch, is none, or its successors are not kept any more. */
+    /* The number after the event that an id names, at which a reader continues. Nothing where the
+       id is of another epoch, is malformed, or its successors are not kept any more. */
     std::optional<uint64_t> after(std::string_view id) const;
 
   private:

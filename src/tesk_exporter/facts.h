@@ -57,7 +57,7 @@ struct gone_fact {
     uint32_t port_no;
 };
 
-/* The measured values of all ports have been asked for once. */
+/* The measured values of all ports have been requested once. */
 struct round_fact {
 };
 

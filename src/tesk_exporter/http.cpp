@@ -469,7 +469,7 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
         return send_text(request, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD are answered");
     if (!is_meant_for_us(request))
         return send_text(request, MHD_HTTP_MISDIRECTED_REQUEST,
-                         "the Host header names somebody else; --host NAME accepts a name");
+                         "the Host header names another host; --host NAME accepts it");
     const auto *found = std::ranges::find(routes, path, &route::path);
     const bool is_route = found != std::end(routes);
     const place kind = is_route ? found->kind : place::page;

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk-exporter - serves the state of tesk-server's ports by HTTP.
 
-   The main thread holds the whole state, answers by HTTP, and waits for nothing but descriptors.
-   Two threads talk to the server, each with a session of its own, and report to it; a third one
-   writes to the journal where that is wanted. */
+   The main thread holds the whole state, answers by HTTP, and waits for descriptors only. Two
+   threads talk to the server, each with a session of its own, and report to it; a third one writes
+   to the journal where that is wanted. */
 #include "tesk_exporter/collector.h"
 #include "tesk_exporter/http.h"
 #include "tesk_exporter/journal.h"

@@ -33,7 +33,7 @@ struct port_state {
     steady_time graded_at;
     /* The values that the grades were given for: those of the first reading after them. */
     std::optional<tesk_client_pm> graded_values;
-    steady_time refreshed_at; /* when a refresh was last asked for */
+    steady_time refreshed_at; /* when a refresh was last requested */
 
     /* The next indication is the first one since the connection. */
     bool is_info_initial = true;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The filter looks at the number of the system call and, for ioctl, at the command, a 32-bit number
-   in the lower half of the second argument. It can't look at what a pointer leads to: which ethtool
-   command or which address on a bus is for the code alone. */
+/* The filter checks the number of the system call and, for ioctl, the command, a 32-bit number in
+   the lower half of the second argument. It can't read memory behind a pointer: the ethtool command
+   and the address on a bus are checked by the code only. */
 #include "tesk_module_reader/confinement.h"
 
 #include <cerrno>

@@ -93,7 +93,7 @@ static std::optional<int> parse_descriptor(std::string_view text)
     return number;
 }
 
-/* Nothing where the process has done all that was asked for; `status` is its exit status then. */
+/* Nothing if the process is to end, as after --help; `status` is its exit status then. */
 static std::optional<options> parse_options(int argc, char **argv, int &status)
 {
     static constexpr option names[] = {{"fd", required_argument, nullptr, 'f'},
@@ -201,12 +201,14 @@ static void accept_client(endpoint &where)
         where.clients.push_back(fd);
         return;
     }
-    fprintf(stderr, "tesk-module-reader: user %u is not allowed to ask\n", peer.uid);
+    fprintf(stderr,
+            "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u\n",
+            peer.uid, where.owner);
     close(fd);
 }
 
-/* False when the client is to be dropped: it left, broke the protocol or doesn't take its answers.
- */
+/* False when the client is to be disconnected: it has disconnected, broke the protocol or doesn't
+   take its answers. */
 static bool serve_client(int fd, reader_ports &ports)
 {
     std::array<uint8_t, sizeof(reader_request) * READER_MOST_REQUESTS + 1> packet;

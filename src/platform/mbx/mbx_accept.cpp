@@ -191,7 +191,8 @@ static void handle_greeting(uint32_t, uint32_t number)
         newcomers.erase(n);
 }
 
-/* The wait for the next try is short enough for a client and long enough not to count. */
+/* Stops watching a listener for a while, which is short enough for a client and long enough to cost
+   little CPU time. */
 static void rest_listener(int listener, uint32_t mailbox_id)
 {
     helper_watch_again(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
@@ -199,7 +200,7 @@ static void rest_listener(int listener, uint32_t mailbox_id)
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
 
-/* No control connection when nobody wants to connect, or nobody can now. */
+/* No control connection if no client is waiting, or none can be accepted now. */
 static newcomer accept_one(uint32_t mailbox_id)
 {
     newcomer n{mailbox_id, {}, {}};

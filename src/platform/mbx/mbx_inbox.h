@@ -77,7 +77,7 @@ class inbox
     const source *largest_ended();
     /* Drops the unread signals in that source's ring. */
     void drop_unread(uint32_t id);
-    /* Gives back what is mapped of rings beyond their first pages. */
+    /* Unmaps the pages of rings beyond their first ones. */
     void trim();
 
     /* As mbx_receive. `hold` is the lock, which is released for the wait. Null, too, when the inbox
@@ -120,6 +120,7 @@ class inbox
     size_t round_ = 0;                   /* turns until the next look for others */
     uint32_t unlooked_ = 0;              /* signals of the only source until the next look */
     std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor before it receives */
-    uint32_t departed_ = 0; /* a source that may have woken the owner for nothing and is gone */
+    uint32_t departed_ = 0; /* a source that may have woken the owner without a signal, and has been
+                               removed */
     block_queue set_aside_; /* passed over by a filter */
 };

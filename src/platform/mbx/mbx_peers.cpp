@@ -23,7 +23,7 @@ static constexpr auto time_to_trim = std::chrono::seconds(2);
 static std::atomic<bool> is_trim_wanted;
 static time_point trim_time = time_point::max(); /* guarded by helper_lock */
 
-/* Pages of rings that traffic needed are given back when it is over. */
+/* Pages of rings that a burst needed are unmapped after it. */
 static void want_trim()
 {
     if (!is_trim_wanted.load(std::memory_order_relaxed) && !is_trim_wanted.exchange(true))

@@ -169,7 +169,8 @@ class ring_receiver
     {
         return tail_;
     }
-    /* How many bytes from the position on may be read. More than the capacity is a lie. */
+    /* How many bytes from the position on may be read. A number above the capacity shows that the
+       sender breaks the protocol. */
     uint32_t available() const
     {
         return atomics::load(words_->head, orders::find) - tail_;

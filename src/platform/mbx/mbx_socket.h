@@ -45,8 +45,8 @@ struct greeting {
     heard what = heard::nothing;
     greeting_kind kind = greeting_kind::hello;
     mailbox_token token{};
-    /* Whatever was passed, up to all that a message can carry. With a proper greeting as many as
-       its kind has. The receiver sees to it that the others go to close_later. */
+    /* The descriptors of the message, as many as a message can carry; of a proper greeting as many
+       as its kind has. The receiver passes the others to close_later. */
     std::vector<owned_fd> fds;
 };
 

@@ -3,7 +3,7 @@
 
    The session of both reconnects when the server goes away. A request of ping that waits for a
    connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
-   the session, and the first indications after that show the changes of the meantime. */
+   the session, and the first indications after that show changes made since the loss. */
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/port_requests.h"

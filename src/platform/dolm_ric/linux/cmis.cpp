@@ -77,7 +77,7 @@ static bool is_running(const memory_view &state)
 }
 
 /* Two bits: one, two or four banks; the fourth code is reserved and counts as one. Without page 01h
-   nothing is known of the lanes. */
+   the lanes are unknown. */
 static uint8_t bank_count(const memory_view &features)
 {
     static constexpr uint8_t counts[] = {1, 2, max_banks, 1};

@@ -130,8 +130,8 @@ bool linux_ports::has_port(uint32_t port) const
     return ports_.contains(port);
 }
 
-/* The cage is at work whatever its link does: an event that lacks the bit would say that nothing is
-   known about the module. */
+/* STARTED is set whatever the link's state: an event without the bit would report the module as
+   unknown. */
 static dolm_ric_port_status port_record(uint32_t number, module_presence presence)
 {
     uint32_t status = DOLM_RICRIPORT_STARTED;

@@ -41,7 +41,7 @@ struct lane_value {
 };
 
 /* Temperatures and voltages have one lane. Without lanes it isn't measured. Limits that are not in
-   order stay here as they are; module_decode.h says what becomes of them. */
+   order stay here as they are; module_decode.h has the rule for them. */
 struct measurement {
     std::vector<lane_value> lanes;
     std::optional<measurement_limits> limits;
