@@ -348,7 +348,8 @@ class TraceSession:
         return self
 
     def start_daemon(self):
-        """The daemon goes into the background once it serves; its pid file tells which process it is."""
+        """The daemon goes into the background once it serves; its pid file contains the process
+        id."""
         pid_file = self.output / "pid"
         self.works = subprocess.run(
             ["lttng-sessiond", "--daemonize", "--no-kernel", f"--pidfile={pid_file}"],

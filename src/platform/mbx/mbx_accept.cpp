@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* How connections to our named mailboxes are accepted, on the helper's thread.
 
-   A client says hello and is answered with the memory and the bells, or told that the two mailboxes
-   are connected already, or that it can't be now; only then may signals flow. A connection that
-   does not greet is closed after two seconds, and one process may have a few such at a time.
+   A client sends a hello. The answer is a welcome with the memory and the bells, or a refusal: the
+   two mailboxes are connected already, or there can be no connection now. Signals flow only after
+   a welcome. A connection that does not greet is closed after two seconds, and one process may have
+   a few such at a time.
 
    When descriptors have run out, accepting would fail for as long as that lasts and the listener
    would stay readable: it is left alone for a moment and tried again. The same is done while the
@@ -22,7 +23,7 @@
 namespace
 {
 
-/* What a new connection is made of on this side, and passed to the other. */
+/* The parts of a new connection on this side, and those that are passed to the other. */
 struct offer {
     owned_fd memory;
     std::shared_ptr<mapped_area> area;

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_closer - closes what others have passed to us, on a thread of its own. Any thread.
+/* mbx_closer - closes the descriptors that peers have passed to us, on a thread of its own. Any
+   thread.
 
    The close of a descriptor can take as long as the process that passed it likes: a socket lingers,
    a file system of a process of its own does not answer. So nothing that was passed is closed by a

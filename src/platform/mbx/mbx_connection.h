@@ -75,7 +75,7 @@ enum class flushing {
 /* Hands on what waits, about one ring full at most. */
 flushing flush(connection &c);
 
-/* Tells the peer that it may send again. */
+/* Reports to the peer that its ring has room. */
 void report_room(const connection &c);
 
 /* Gives pages of the ring back that are not in use. Returns whether some are left. */

@@ -15,7 +15,7 @@ static int64_t now_ms()
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-/* The clock is looked at only when a run is long enough to matter. */
+/* The clock is read only when a run is long enough to matter. */
 bool fan_out::includes(uint32_t &met)
 {
     if (met == number_)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_inbox - what a mailbox receives, and whose turn it is. Guarded by the mailbox's lock, except
-   for push().
+/* mbx_inbox - the signals that a mailbox receives, and the order of their senders. Guarded by the
+   mailbox's lock, except for push().
 
    Signals come from sources: one for each connection, whose signals come out of a ring, and one for
    what is sent within the process. The descriptor is an epoll over the bells of the rings and a

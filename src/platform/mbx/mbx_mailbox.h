@@ -48,7 +48,7 @@ enum watch_kind : size_t {
     WATCH_FIRST_RING,   /* the same */
 };
 
-/* Tells the helper what to call. Before it starts. */
+/* Registers the functions that the helper calls, before it starts. */
 void set_up_peers();
 void set_up_accepting();
 /* Without any lock: makes what the next connection consists of, so that it stands sooner. */

@@ -19,7 +19,7 @@ struct peer_identity {
     pid_t process = -1;
     uid_t user = 0;
 
-    /* For tables: processes that we can't tell apart count by user. */
+    /* For tables: processes that can't be distinguished count by user. */
     int64_t key() const
     {
         return process > 0 ? process : -1 - int64_t{user};

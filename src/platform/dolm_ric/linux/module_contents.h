@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_contents - what a module's memory says, decoded but neither rounded nor graded. */
+/* module_contents - the content of a module's memory, decoded but neither rounded nor graded. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_memory - what has been read of one module's memory so far, and what to read next. Pure
-   data: the poller of the modules makes the readings and stores them here, the decoder looks at
-   them. Not safe for use by several threads at once. */
+/* module_memory - the parts of one module's memory that have been read, and those to read next.
+   Pure data: the poller of the modules makes the readings and stores them here, the decoder looks
+   at them. Not safe for use by several threads at once. */
 #pragma once
 
 #include <chrono>
@@ -38,9 +38,9 @@ enum class reading_time : uint8_t {
 };
 
 /* An optional range that the module refuses (a NAK, a page that it lacks) is left out and the
-   module stays in use. Any other range that can't be read makes the module "not ready". A range
-   may be read in pieces of an even length; a 16-bit value starts at an even offset and must not
-   be torn apart. */
+   module stays in use. Any other range that can't be read makes the module "not ready". A range may
+   be read in pieces of an even length; a 16-bit value starts at an even offset and must not be
+   split. */
 struct reading_step {
     memory_range range;
     reading_time when;

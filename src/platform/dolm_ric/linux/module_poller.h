@@ -2,10 +2,10 @@
 /* module_poller - schedules the readings of all modules, and derives the presence of modules from
    them. State with a clock and an access passed in; one thread.
 
-   Each second a few bytes of the identity are read: they tell that a module came, went or was
-   replaced. A replaced module is reported as a removal and an insertion. Diagnostics are read every
-   few seconds and sooner on demand, always with the identity bytes behind them, so that no value is
-   taken for that of another module.
+   Each second a few bytes of the identity are read: they show whether a module was inserted,
+   removed or replaced. A replaced module is reported as a removal and an insertion. Diagnostics are
+   read every few seconds and sooner on demand, always with the identity bytes behind them, so that
+   no value is taken for that of another module.
 
    Readings are made one at a time. A reading that fails slowly costs all ports time, so a port that
    fails so, or fails again and again, is set apart: such ports get a small share of the time. */
@@ -38,8 +38,8 @@ struct module_listener {
        followed another closely the last is reported once more after a while, for a caller that
        handles queued events in another order. */
     virtual void module_presence_changed(uint32_t port, module_presence now) = 0;
-    /* Readings have begun to fail for want of a reader or of the right to read, or work again (0).
-       Called once per change. */
+    /* Readings fail because there is no reader or no right to read, or work again (0). Called once
+       per change. */
     virtual void module_access_changed(int error) = 0;
 };
 
