@@ -95,6 +95,7 @@ struct tesk_client_session {
     /* Waits for the answer to the first establishment. */
     outcome connect();
 
+    /* As the functions of tesk_client.h, which have checked the caller. */
     tesk_client_result dispatch();
     tesk_client_result run(int timeout_ms);
     void stop();

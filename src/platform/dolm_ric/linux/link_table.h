@@ -69,7 +69,7 @@ class link_table
        a caller that handles queued events in another order ends with the true state, too. */
     static constexpr std::chrono::milliseconds settle_time{200};
 
-    /* A notice was sent by the kernel of its own accord and may be older than an answer, which is
+    /* A notice is sent by the kernel without a request and may be older than an answer, which is
        always the state of that moment. */
     enum class origin : uint8_t { notice, answer };
 

@@ -51,7 +51,7 @@ enum class module_family : uint8_t { unknown, sfp, qsfp, cmis };
 
 enum class diagnostics_state : uint8_t {
     none,     /* the module says that it has none, or none that can be reached */
-    not_read, /* it should have them, but they have not been read or make no sense */
+    not_read, /* expected of this module, but not read yet, or invalid */
     available,
 };
 
