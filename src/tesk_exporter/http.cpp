@@ -301,7 +301,7 @@ static MHD_Response *shared_response(std::string text, const char *type)
         body.get());
     if (response == nullptr)
         return nullptr;
-    static_cast<void>(body.release()); /* the response has it now */
+    static_cast<void>(body.release()); /* owned by the response now */
     live_bodies++;
     add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
     return with_common_headers(response);
@@ -419,7 +419,7 @@ MHD_Result http_server::send_stream(const http_request &request)
         readers_.pop_back();
         return MHD_NO;
     }
-    static_cast<void>(made.release()); /* the response has it now */
+    static_cast<void>(made.release()); /* owned by the response now */
     add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/event-stream");
     return send(request, MHD_HTTP_OK, with_common_headers(response));
 }

@@ -24,7 +24,7 @@ class worker
     /* Any thread. Requests the stop and joins the thread. Harmless a second time. */
     void stop();
 
-    /* The rest is for the body. */
+    /* The functions below are called by the body. */
     bool must_stop() const;
     /* Waits until `fd` is readable (-1: none), until the time is over, or for the stop. True where
        the descriptor is readable. */

@@ -231,7 +231,7 @@ block *inbox::take_from(source &s)
     return s.is_ended ? take_ended(s) : take_living(s);
 }
 
-/* Null when nothing is there, or when the caller is going to wait and nothing is known to be. */
+/* Null without a signal, or, when the caller is going to wait, without a known one. */
 block *inbox::next(bool waits)
 {
     for (;;) {

@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 
 static constexpr int locate_ms = 5000;
 static constexpr auto locate_pause = 5ms;
-/* A server of libmbx 1.0.0 hangs up without a word, each time. One of ours answers, unless it ends.
- */
+/* A server of libmbx 1.0.0 closes the connection each time without an answer. This version answers,
+   unless it is ending. */
 static constexpr int unanswered_at_most = 40;
 
 namespace
@@ -24,7 +24,7 @@ namespace
 enum class attempt {
     done,
     again,      /* nothing came of it */
-    unanswered, /* the other side hung up without a word */
+    unanswered, /* the other side closed the connection without an answer */
     failed      /* errno tells why */
 };
 

@@ -37,7 +37,7 @@ enum class heard {
     nothing,  /* nothing has come yet */
     greeting, /* a proper one */
     old_wire, /* the greeting of libmbx 1.0.0 */
-    end,      /* the other side is gone, without a word */
+    end,      /* the other side has closed the connection */
     nonsense, /* anything else */
 };
 

@@ -272,7 +272,7 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
     const size_t most_rows = height - std::min(height, page.size() + 1);
     rows_ = most_rows;
     arrange(most_rows);
-    /* Where ports are hidden, one line is for what changes there. */
+    /* If some ports are not on the page, one line shows changes of those. */
     const bool has_hidden = order_.size() > rows_ || order_.size() < ports_.size();
     if (has_hidden && rows_ > 1) {
         rows_--;
