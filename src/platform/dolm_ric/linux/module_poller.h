@@ -63,7 +63,7 @@ class module_poller
        Bytes that another interface gave are not taken, those of no interface are. */
     void set_interface(uint32_t port, int32_t index);
 
-    /* A module may have come or gone somewhere: look at all ports soon. */
+    /* A module may have been inserted or removed in some port: look at all ports soon. */
     void hint();
     /* The link of a port changed, so its measured values did, too. */
     void link_changed(uint32_t port);
