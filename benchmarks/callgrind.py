@@ -65,7 +65,8 @@ def count_instructions(program):
 def trace_test():
     """How many instructions the test of a trace has in the executable, on average: a test of the
     mask in memory and a jump, or a load, a test and a jump; and its share in the loads of the
-    block's address, which the traces of a function have in common. And how many of them load."""
+    block's address, which the traces of a function have in common. Also returns the number of
+    traces that load."""
     listing = subprocess.run(["objdump", "-d", "--no-show-raw-insn", BIN / "tesk-server"],
                              capture_output=True, text=True, check=True).stdout
     tests = len(re.findall(r"\ttest[bwl] +\$\w+,%fs:0x[c-f]\(", listing))

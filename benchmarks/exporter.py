@@ -90,7 +90,7 @@ def scrape(bench, name, pid, address):
 
 
 def idle_share(bench, pid):
-    """Over one interval of reads, without scrapes."""
+    """Adds the processor time over one interval of reads, without scrapes."""
     time.sleep(1)
     before, start = cpu_ms(pid), time.monotonic()
     time.sleep(15)
@@ -99,7 +99,7 @@ def idle_share(bench, pid):
 
 
 def event(bench, server, address):
-    """A module is pulled and put back: the delay of /events behind teskctl."""
+    """Removes a module and adds the time from teskctl's line to that of /events."""
     seen = {}
 
     def read(name, lines):

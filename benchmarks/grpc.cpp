@@ -7,7 +7,6 @@
 
 #include <grpcpp/grpcpp.h>
 #include <semaphore>
-#include <sys/epoll.h>
 
 using namespace bench;
 
@@ -186,14 +185,7 @@ static void serve(const std::string &address, board &events)
     builder.AddListeningPort("unix:" + address, grpc::InsecureServerCredentials());
     builder.RegisterService(&offered);
     const std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
-    const int epoll = watch(events.start());
-    for (;;) {
-        epoll_event event;
-        if (epoll_wait(epoll, &event, 1, -1) != 1)
-            continue;
-        for (uint32_t count = events.take(); count > 0; count--)
-            offered.notify_all();
-    }
+    events.serve([&] { offered.notify_all(); });
 }
 
 int main(int count, char **words)

@@ -361,6 +361,16 @@ uint32_t board::take()
     return std::exchange(queued_, 0);
 }
 
+void board::serve(const std::function<void()> &notify)
+{
+    const int epoll = watch(start());
+    for (;;) {
+        await_ready(epoll);
+        for (uint32_t count = take(); count > 0; count--)
+            notify();
+    }
+}
+
 std::vector<std::string> split_words(const std::string &line)
 {
     std::istringstream text(line);

@@ -23,6 +23,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -119,6 +120,9 @@ class board
     int start();
     /* Empties the queue and returns the number of its events. */
     uint32_t take();
+    /* For a server whose library has threads of its own: starts, and calls `notify` once for each
+       event. */
+    [[noreturn]] void serve(const std::function<void()> &notify);
 
   private:
     void receive_events(int listener);

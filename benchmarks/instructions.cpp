@@ -118,32 +118,37 @@ static void drop_ports(uint32_t client, uint32_t first, uint32_t last)
     }
 }
 
-/* A client's number gives its mailbox: the numbers of clients that have ended are skipped. */
-static void count_all()
+static void count_link_events(const char *name)
 {
-    count("establish a connection", connect);
-    count("lose a client", [](uint32_t index) { lose(times - 1 - index); });
-    const uint32_t alice = times;
+    count(name, [](uint32_t port) { raise_link_event(port, DOLM_RICRILINKSTATE_NOOPERATION); });
+}
+
+static void count_single_client(uint32_t alice)
+{
     connect(alice);
     count_for("get capabilities", alice, TESK_GET_CAPABILITIES_REQ);
     count_for("get PM counters", alice, TESK_GET_PM_COUNTERS_REQ);
     count_for("subscribe to SFP info", alice, TESK_SUBSCRIBE_SFP_INFO_REQ);
     count_for("subscribe to port status", alice, TESK_SUBSCRIBE_PORT_STATUS_REQ);
-    count("link event, 1 subscriber",
-          [](uint32_t port) { raise_link_event(port, DOLM_RICRILINKSTATE_NOOPERATION); });
+    count_link_events("link event, 1 subscriber");
     count("filter tick", tick);
     count_for("unsubscribe from port status", alice, TESK_UNSUBSCRIBE_PORT_STATUS_REQ);
     count_for("unsubscribe from SFP info", alice, TESK_UNSUBSCRIBE_SFP_INFO_REQ);
+}
 
+static void count_fan_out(uint32_t alice)
+{
     for (uint32_t client = 1; client <= 100; client++) {
         connect(alice + client);
         hold_ports(alice + client, 0, times);
     }
-    count("link event, 100 subscribers",
-          [](uint32_t port) { raise_link_event(port, DOLM_RICRILINKSTATE_NOOPERATION); });
+    count_link_events("link event, 100 subscribers");
     for (uint32_t client = 1; client <= 100; client++)
         drop_ports(alice + client, 0, times);
+}
 
+static void count_many_clients(uint32_t alice)
+{
     for (uint32_t client = 101; client < many; client++)
         connect(alice + client);
     hold_ports(alice, times, many + times);
@@ -153,14 +158,24 @@ static void count_all()
     count_for("subscribe to SFP info, 1000 clients and ports", alice, TESK_SUBSCRIBE_SFP_INFO_REQ);
     count_for("subscribe to port status, 1000 clients and ports", alice,
               TESK_SUBSCRIBE_PORT_STATUS_REQ);
-    count("link event, 1 subscriber, 1000 clients and ports",
-          [](uint32_t port) { raise_link_event(port, DOLM_RICRILINKSTATE_NOOPERATION); });
+    count_link_events("link event, 1 subscriber, 1000 clients and ports");
     count_for("unsubscribe from port status, 1000 clients and ports", alice,
               TESK_UNSUBSCRIBE_PORT_STATUS_REQ);
     count_for("unsubscribe from SFP info, 1000 clients and ports", alice,
               TESK_UNSUBSCRIBE_SFP_INFO_REQ);
     count("lose a client, 20 subscriptions, 1000 clients and ports",
           [=](uint32_t index) { lose(alice + many - 1 - index); });
+}
+
+/* A client's number gives its mailbox: the numbers of clients that have ended are skipped. */
+static void count_all()
+{
+    count("establish a connection", connect);
+    count("lose a client", [](uint32_t index) { lose(times - 1 - index); });
+    const uint32_t alice = times;
+    count_single_client(alice);
+    count_fan_out(alice);
+    count_many_clients(alice);
 }
 
 int main(int, char **words)

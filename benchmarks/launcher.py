@@ -27,8 +27,8 @@ libc = ctypes.CDLL(None, use_errno=True)
 
 
 def set_priority(nice):
-    """Puts the benchmark before other work of the machine, where that is permitted. All measured
-    programs have the same priority."""
+    """Raises the benchmark's priority, where that is permitted. All measured programs have the same
+    priority."""
     try:
         os.setpriority(os.PRIO_PROCESS, 0, nice)
         pathlib.Path("/proc/self/autogroup").write_text(str(nice))
@@ -359,7 +359,8 @@ class TraceSession:
         return self
 
     def start_daemon(self):
-        """The daemon goes into the background once it serves; its pid file tells which process it is."""
+        """The daemon goes into the background once it serves; its pid file contains the process
+        id."""
         pid_file = self.output / "pid"
         self.works = subprocess.run(
             ["lttng-sessiond", "--daemonize", "--no-kernel", f"--pidfile={pid_file}"],

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* link_listener - the least that a program does which follows links: it waits for the kernel's
-   messages and prints a line for each. */
+/* link_listener - a minimal program that follows links: it waits for the kernel's messages and
+   prints a line for each. */
 #include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/netlink.h"
 

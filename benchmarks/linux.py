@@ -59,7 +59,7 @@ class LinuxBoard(Server):
 
 
 class Tap:
-    """An interface whose carrier we set."""
+    """An interface whose carrier the benchmark sets."""
 
     def __init__(self, name):
         self.file = open("/dev/net/tun", "r+b", buffering=0)
@@ -98,7 +98,8 @@ def measure_linux(bench):
 
 
 def next_line(listener, patience):
-    """Everything that there is to read, at most after so long; empty if nothing came."""
+    """Returns what the program has written, as soon as there is some; empty after `patience`
+    seconds."""
     ready, _, _ = select.select([listener], [], [], patience)
     return os.read(listener.fileno(), 65536) if ready else b""
 
@@ -196,7 +197,7 @@ def output_of(server, command):
 
 
 def idle(bench):
-    """One stretch of time and nothing else. The bytes are those that would come from the modules."""
+    """Measures all boards over the same idle time. The bytes are those that modules would send."""
     launcher, seconds = bench.launcher, 10 if bench.quick else 20
     pairs = [(f"idle{number}", f"idle{number + 1}") for number in range(0, PORTS, 2)]
     run_ip(*(f"link add {a} type veth peer name {b}" for a, b in pairs),

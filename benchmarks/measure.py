@@ -167,7 +167,8 @@ class Bench:
         rested = 0.0
 
         def rest():
-            """Before a round, in which the first system finds the caches cold: each has its turn."""
+            """Waits before a round until the filters are empty. The next system then finds cold
+            caches; each round begins with another one."""
             time.sleep(max(0, rested - time.monotonic()))
 
         def one_batch(server):

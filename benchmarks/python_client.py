@@ -9,7 +9,7 @@ import time
 
 
 def requests():
-    """Of each line, the kind and a range of the calls."""
+    """Yields, for each line of stdin, the kind of the calls and a range as long as their number."""
     for line in sys.stdin:
         _, kind, count = line.split()
         yield int(kind), range(int(count))

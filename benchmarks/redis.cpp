@@ -5,7 +5,6 @@
 #include "benchmarks/harness.h"
 
 #include <hiredis/hiredis.h>
-#include <sys/epoll.h>
 #include <unistd.h>
 
 using namespace bench;
@@ -117,14 +116,8 @@ static void serve(const std::string &address, board &events)
     for (const request_kind kind : {request_kind::capabilities, request_kind::pm_counters})
         free_good(
             redisCommand(context, "SET %d %b", static_cast<int>(kind), payload, answer_size(kind)));
-    const int epoll = watch(events.start());
-    for (;;) {
-        epoll_event event;
-        if (epoll_wait(epoll, &event, 1, -1) != 1)
-            continue;
-        for (uint32_t count = events.take(); count > 0; count--)
-            free_good(redisCommand(context, "PUBLISH events %b", payload, event_size));
-    }
+    events.serve(
+        [&] { free_good(redisCommand(context, "PUBLISH events %b", payload, event_size)); });
 }
 
 int main(int count, char **words)

@@ -173,16 +173,18 @@ def table_of_python(series):
     return rows
 
 
+def compared(each, name, reference):
+    """A row with a figure beside its reference, where it has one."""
+    has_reference = reference in each.rounds
+    return [each.title, with_unit(each.value(reference), each.unit) if has_reference else "",
+            with_unit(each.value(name), each.unit),
+            f"{each.ratio(name, reference):.2f}" if has_reference else ""]
+
+
 def table_of_growth(series):
-    rows = [["", "smallest case", "this case", "ratio"]]
-    for each in series.values():
-        if not each.key.startswith("growth"):
-            continue
-        smallest = "small" in each.rounds
-        rows.append([each.title, with_unit(each.value("small"), each.unit) if smallest else "",
-                     with_unit(each.value("grown"), each.unit),
-                     f"{each.ratio('grown', 'small'):.2f}" if smallest else ""])
-    return rows
+    return [["", "smallest case", "this case", "ratio"],
+            *(compared(each, "grown", "small")
+              for each in series.values() if each.key.startswith("growth"))]
 
 
 def table_of_costs(series):
@@ -233,14 +235,9 @@ def table_of_exporter(series):
 
 def table_of_linux(series):
     """The reference is a bare listener, few flaps, or the simulated board."""
-    rows = [["", "reference", "Linux board", "ratio"]]
-    for each in series.values():
-        if each.key.startswith("linux"):
-            has_floor = "floor" in each.rounds
-            rows.append([each.title, with_unit(each.value("floor"), each.unit) if has_floor else "",
-                         with_unit(each.value("linux"), each.unit),
-                         f"{each.ratio('linux'):.2f}" if has_floor else ""])
-    return rows
+    return [["", "reference", "Linux board", "ratio"],
+            *(compared(each, "linux", "floor")
+              for each in series.values() if each.key.startswith("linux"))]
 
 
 def table_of_goals(goals):

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One port: badges, values, plots, identity, history. The plots and the history are asked for when the
-   port is chosen, and again when something about it is new. */
+/* One port: badges, values, plots, identity, history. The plots and the history are asked for when
+   the port is chosen, and again after each change of it. */
 import { by_id, make, make_badge, make_event, set_text } from "./document.js";
 import { age_text, event_text, grade_badge, has_module, link_badge, measurements, time_text,
          title_of, value_text } from "./ports.js";
@@ -15,7 +15,8 @@ const plotted = [
 const identity = [["Kind", "module"], ["Vendor", "vendor"], ["Part", "part"], ["Revision", "revision"],
                   ["Serial", "serial"], ["Date code", "date_code"], ["Product", "product"],
                   ["Extension", "product_ext"]];
-/* Its legend wants inline styles, which our policy forbids; what it would say stands above a plot. */
+/* Its legend needs inline styles, which our policy forbids; a line above the plot shows the
+   same. */
 Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => String(plugin.prototype) !== "Legend Plugin");
 let plots = [];
 let range = "hour";

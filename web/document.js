@@ -5,7 +5,7 @@ import { time_text } from "./ports.js";
 
 export const by_id = (id) => document.getElementById(id);
 
-/* Only where it is another text, so that a selection and what a screen reader reads survive. */
+/* Only if the text differs, so that a selection and a screen reader are not disturbed. */
 export function set_text(element, text) {
   if (element.textContent !== text)
     element.textContent = text;

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The state of the page and its two sources. /events brings changes as they happen; /api/ports brings
-   everything, measured values included, at the interval in which they are read, and at once where an
-   event says that more is new than it carries. The server is away when either says so. */
+/* The state of the page and its two sources. /events brings changes as they happen; /api/ports
+   brings everything, measured values included, at the interval in which they are read, and at once
+   after an event whose change includes data that it doesn't carry. The server counts as away if
+   either of them reports it. */
 import { by_id, make_event, set_text } from "./document.js";
 import { choose_port, load_history, load_plots, write_ages, write_port } from "./detail.js";
 import { event_text, title_of } from "./ports.js";
@@ -25,7 +26,7 @@ function write_trouble() {
   by_id("connection").dataset.tone = text ? "bad" : "good";
 }
 
-/* The time stands in the text from the beginning of a trouble on. */
+/* The text keeps the time at which the trouble began. */
 function set_trouble(source, text) {
   if (!text)
     troubles[source] = "";
@@ -55,7 +56,7 @@ function request_writing() {
   });
 }
 
-/* Screen readers are told of changes together, a second apart. */
+/* Changes are announced to screen readers together, at most once a second. */
 const to_announce = [];
 let announcing = 0;
 function announce(text) {
@@ -90,10 +91,10 @@ async function read_ports() {
   return reading;
 }
 
-/* An event may overtake an answer that was made before it: then what the event said stays, or a link
-   would be seen to change back. Both times are of the exporter's clock. */
+/* An event may overtake an answer that was made before it: then the event's values are kept, or a
+   link would seem to change back. Both times are of the exporter's clock. */
 function newer_of(shown, answered, time) {
-  if (!shown?.told || shown.told <= time)
+  if (!shown?.event_time || shown.event_time <= time)
     return answered;
   return { ...shown, reading_age_s: age_of(shown.reading_age_s), grade_age_s: age_of(shown.grade_age_s) };
 }
@@ -113,7 +114,8 @@ function take_ports(answer) {
   load_plots();
 }
 
-/* What an event doesn't carry, such as the values of another module, comes a little later. */
+/* Data that an event doesn't carry, such as the values of another module, is read a little
+   later. */
 let later = 0;
 function read_soon() {
   clearTimeout(later);
@@ -125,7 +127,7 @@ function take_record(event) {
   if (!port)
     return;
   const { time, change, ...record } = event;
-  port.told = time;
+  port.event_time = time;
   if (event.event === "sfp") {
     port.sfp = record;
     if (change !== "initial")
@@ -162,7 +164,7 @@ function take_event(message) {
     read_soon();
 }
 
-/* The browser comes back by itself, with the id of the last event, unless it was refused. */
+/* The browser reconnects by itself, with the id of the last event, unless it was refused. */
 let stream;
 function follow() {
   stream = new EventSource("events");

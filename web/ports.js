@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What a port's record means: its rank, its badges, its texts. No state, no document. */
+/* The presentation of a port's record: its rank, badges and texts. No state, no document. */
 
-/* By how urgent they are; `sign` says what the colour does. */
+/* The tones by urgency; `sign` has the same meaning as the colour. */
 const grades = {
   "high alarm": { rank: 0, tone: "bad", sign: "▲" },
   "low alarm": { rank: 0, tone: "bad", sign: "▼" },

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The table of all ports. A row belongs to its port for good: only what changed is written, and a row
-   that keeps its place isn't touched, so that focus and selection stay. */
+/* The table of all ports. A row always belongs to the same port: only what changed is written, and
+   a row that keeps its place isn't touched, so that focus and selection stay. */
 import { by_id, make, set_badge, set_text } from "./document.js";
 import { age_text, grade_badge, is_unexpectedly_down, link_badge, measurements, module_text, rank,
          searched_text, time_text, value_text, worst_grade, worst_text } from "./ports.js";
@@ -53,7 +53,7 @@ function write_row(made, port, age_of) {
   set_text(made.change, port.last_change ? time_text(port.last_change) : "–");
 }
 
-/* Moves only rows that are out of order; the focused element would lose the focus by that. */
+/* Moves only rows that are out of order, since a moved element loses the focus. */
 function put_in_order(sorted) {
   const focused = body.contains(document.activeElement) ? document.activeElement : null;
   let place = body.firstElementChild;

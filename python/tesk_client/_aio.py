@@ -10,9 +10,10 @@ from types import TracebackType
 from typing import Any
 
 from . import _library as c
-from ._core import Core, Key, Outcome, port_number
+from ._core import Core, Outcome, port_number
 from ._enums import HistoryKind
 from ._errors import MisuseError
+from ._feed import Key
 from ._records import Capability, Change, HistoryRecord, Pm
 from ._session import history_requests, merged, watch_keys
 
@@ -21,10 +22,10 @@ class AsyncSession:
     """A Session for asyncio, with the same options and promises. It is made where an event loop
     runs, and belongs to that loop.
 
-    Making one waits for the server in the loop's thread, since the connection belongs to it:
-    well under a millisecond where the server runs, never longer than the deadline behind the time
-    that the mailbox library looks for it (MBX_LOCATE_MS). So does a session that reconnects to a
-    server that is there and doesn't move. Everything else waits for nothing.
+    Making one waits for the server in the loop's thread, since the connection belongs to it: well
+    under a millisecond where the server runs, never longer than the deadline behind the time that
+    the mailbox library looks for it (MBX_LOCATE_MS). So does a session that reconnects to a server
+    that runs and doesn't respond. Nothing else blocks the loop.
 
     Cancelling a task that waits for an answer is safe: the answer is dropped when it comes."""
 
@@ -32,7 +33,8 @@ class AsyncSession:
                  retry_s: float = 0.1, longest_retry_s: float = 2.0) -> None:
         self._loop = asyncio.get_running_loop()
         self._core = Core(deadline_s, window, reconnect, retry_s, longest_retry_s)
-        # The core doesn't hold the session, which so can be forgotten while the loop holds the core.
+        # The core has no reference to the session, so the session can be collected while the loop
+        # has the core.
         self._loop.add_reader(self._core.fd, self._core.dispatch)
 
     async def __aenter__(self) -> AsyncSession:
@@ -43,8 +45,8 @@ class AsyncSession:
         self.close()
 
     def close(self) -> None:
-        """Ends the session: what waits for an answer or a change gets ClosedError. Waits for
-        nothing. Harmless on one that is closed, and after its loop."""
+        """Ends the session, without waiting: calls that wait for an answer or a change raise
+        ClosedError. Harmless on one that is closed, and after its loop."""
         if self._core.is_closed:
             return
         if self._core.belongs_to_caller:
@@ -102,8 +104,8 @@ class AsyncSession:
 
     def watch(self, *, status: Iterable[int] = (), sfp: Iterable[int] = ()) -> AsyncWatch:
         """Subscribes to the status and the SFP info of ports, and gives an asynchronous iterator
-        over the changes, which begins with how each port is. What goes wrong with one of them is
-        raised by the iteration, and then none is left subscribed."""
+        over the changes, which begins with how each port is. If one of the subscriptions fails, the
+        iteration raises its error, and none of them is kept."""
         self._check_loop()
         return AsyncWatch(self, watch_keys(status, sfp))
 

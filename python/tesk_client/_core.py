@@ -6,13 +6,13 @@ program takes them from. The callbacks are three functions of this module, not o
 a session holds no reference to itself; they find it in `_thread`, since they run only inside a
 dispatch or a close, in the thread that made it.
 
-A port's subscription is shared by all watches that want it: the server takes one of a kind for each
-port. It moves through four states, by answers alone:
+A port's subscription is shared by all watches of the port: the server accepts one of a kind from
+each client. It moves through four states, by answers alone:
 
     NONE -> ASKING -> HELD -> LEAVING -> NONE
 
 It is UNKNOWN where an answer was late, and then it is unsubscribed until the server answers that,
-before it is subscribed again: so no watch waits for a subscription that nobody holds."""
+before it is subscribed again: so no watch waits for a subscription that doesn't exist."""
 from __future__ import annotations
 
 import ctypes
@@ -22,34 +22,29 @@ import select
 import sys
 import threading
 import warnings
-from collections import deque
-from collections.abc import Callable, Iterable
+from collections.abc import Callable
 from typing import Any, Union
 
 from . import _library as c
 from ._enums import HistoryKind, Kind, Result
 from ._errors import ClosedError, LostError, MisuseError, RejectedError, TeskError, error_of
-from ._records import (Capability, Change, HistoryRecord, Missed, Pm, PortStatus, ServerLost,
+from ._feed import Feed, Key
+from ._records import (Capability, Change, HistoryRecord, Pm, PortStatus, ServerLost,
                        ServerRestored, SfpInfo, SubscriptionLost, history_record)
 
-Key = tuple[Kind, int]
-
-# What a request came to; None for those that are only confirmed.
+# The outcome of a request; None for a request that is only confirmed.
 Outcome = Union[None, Pm, list[Capability], list[HistoryRecord], BaseException]
 
-# Who gets an outcome: a caller's function, or the subscription of a key, and whether it was asked for
-# or ended. The latter isn't a function, which would hold the session and so keep it alive.
+# The receiver of an outcome: a caller's function, or the key of a subscription with True for a
+# subscribe and False for an unsubscribe: a function would keep the session alive.
 Taker = Union[Callable[[Outcome], None], tuple[Key, bool]]
-
-# How many changes a watch keeps for a program that doesn't take them, beside four for each port.
-BACKLOG = 1000
 
 _library = c.library
 _thread = threading.local()
 
 
 def port_number(port: int) -> int:
-    """A port number that is one; ctypes would cut others to size without a word."""
+    """Returns the checked port number; ctypes would truncate a wrong one silently."""
     if isinstance(port, bool) or not isinstance(port, int):
         raise TypeError(f"a port is an int, not {port!r}")
     if not 0 <= port <= 0xFFFFFFFF:
@@ -62,87 +57,6 @@ def milliseconds(name: str, seconds: float) -> int:
     if not 0.001 <= seconds <= 4_000_000:
         raise ValueError(f"{name} must be from 0.001 to 4,000,000 seconds, not {seconds!r}")
     return round(seconds * 1000)
-
-
-class Feed:
-    """What a watch reads: the changes of its ports, in their order, bounded in number."""
-
-    def __init__(self, keys: Iterable[Key], wake: Callable[[], None]) -> None:
-        self.keys = set(keys)
-        self.open_keys = set(self.keys)  # the server hasn't confirmed these yet
-        self.closed = False
-        self._wake = wake
-        self._error: TeskError | None = None
-        self._missed = 0
-        self._queue: deque[Change] = deque()
-        self._limit = BACKLOG + 4 * len(self.keys)
-
-    def put(self, change: Change) -> None:
-        """Adds a change."""
-        if len(self._queue) >= self._limit:
-            self._compact()
-        self._queue.append(change)
-        self._wake()
-
-    def _compact(self) -> None:
-        """Keeps the latest of each port and kind only, so that no port's last state is lost."""
-        latest = {(type(change), getattr(change, "kind", None), getattr(change, "port", None)):
-                  place for place, change in enumerate(self._queue)}
-        kept = [self._queue[place] for place in sorted(latest.values())]
-        self._missed += len(self._queue) - len(kept)
-        self._queue = deque(kept)
-
-    def miss(self) -> None:
-        """Notes that a change was lost."""
-        self._missed += 1
-        self._wake()
-
-    def confirm(self, key: Key) -> None:
-        """Notes that the server has confirmed a subscription."""
-        self.open_keys.discard(key)
-        self._wake()
-
-    def fail(self, error: TeskError) -> None:
-        """Ends the feed. A watch that isn't whole yet fails at once; else what is there comes
-        first."""
-        if self.open_keys:
-            self._queue.clear()
-            self._missed = 0
-        self._error = self._error or error
-        self._wake()
-
-    @property
-    def has_failed(self) -> bool:
-        """An error ends it."""
-        return self._error is not None
-
-    @property
-    def is_ready(self) -> bool:
-        """All subscriptions are confirmed, or one of them failed."""
-        return not self.open_keys or self.has_failed or self.closed
-
-    @property
-    def is_over(self) -> bool:
-        """Nothing is here and nothing will come."""
-        return not self._queue and not self._missed and (self.closed or not self.keys)
-
-    def take(self) -> Change | None:
-        """The next change, None while there is none."""
-        if not self.is_ready:
-            return None
-        if self._missed:
-            missed, self._missed = self._missed, 0
-            return Missed(missed)
-        if self._queue:
-            return self._queue.popleft()
-        if not self.closed:
-            self.check()
-        return None
-
-    def check(self) -> None:
-        """Raises the error that has ended it, if one has."""
-        if self._error is not None:
-            raise self._error.with_traceback(None)
 
 
 class _State(enum.Enum):
@@ -165,8 +79,8 @@ class _Subscription:
 
 
 class Core:
-    """A C session. Every call comes from the thread that made it, but for those of a dying watch,
-    which may be collected anywhere."""
+    """A C session. Every call comes from the thread that made it, except those of a watch that is
+    being destroyed: the garbage collector runs in any thread."""
 
     def __init__(self, deadline_s: float, window: int, reconnect: bool, retry_s: float,
                  longest_retry_s: float) -> None:
@@ -207,11 +121,11 @@ class Core:
 
     @property
     def belongs_to_caller(self) -> bool:
-        """The calling thread is the one that made the session, and this process too."""
+        """True if this thread and process made the session."""
         return self._owner == (os.getpid(), threading.get_ident())
 
     def check_caller(self) -> int:
-        """The C session, where the caller may use it."""
+        """Returns the C session; raises if it is closed or the caller may not use it."""
         if self._session is None:
             raise ClosedError("the session is closed")
         if not self.belongs_to_caller:
@@ -222,7 +136,7 @@ class Core:
 
     @property
     def is_closed(self) -> bool:
-        """The session is closed."""
+        """True if the session is closed."""
         return self._session is None
 
     @property
@@ -231,8 +145,8 @@ class Core:
         return bool(_library.tesk_client_connected(self.check_caller()))
 
     def request(self, request: int, port: int, taker: Taker) -> None:
-        """Sends a request. `taker` gets what it came to exactly once, later: by its deadline, or
-        when the session is closed."""
+        """Sends a request. `taker` gets the outcome exactly once, later: by the request's deadline,
+        or when the session is closed."""
         session = self.check_caller()
         self._last_request = number = self._last_request + 1
         self._requests[number] = taker
@@ -242,8 +156,8 @@ class Core:
             raise error_of(result, c.last_error())
 
     def wait(self, timeout_s: float | None) -> None:
-        """Waits for work and does it. A signal handler of Python runs during the wait, and what it
-        raises ends it."""
+        """Waits until the descriptor is readable, and dispatches. Python's signal handlers run
+        during the wait, and an exception of theirs ends it."""
         self.check_caller()
         if self._poll.poll(None if timeout_s is None else max(0, timeout_s * 1000)):
             self.dispatch()
@@ -288,8 +202,9 @@ class Core:
         Python runs signal handlers at the start of a function, and so may raise KeyboardInterrupt
         in a callback before its first line, or in a __del__ that the garbage collector calls then.
         Python hands that to sys.unraisablehook, from which it is fetched. Only the main thread runs
-        signal handlers, so nobody else changes the hook."""
-        # The outer one is a session whose callback made the collector find this one.
+        signal handlers, so no other thread changes the hook."""
+        # Set while a callback of another session runs, in which the garbage collector destroys this
+        # one.
         outer = getattr(_thread, "core", None)
         _thread.core = self
         previous = sys.unraisablehook
@@ -313,13 +228,13 @@ class Core:
                 sys.unraisablehook = previous
 
     def note_failure(self, error: BaseException) -> None:
-        """Keeps what a callback raised until its C function returns."""
+        """Keeps the exception of a callback until the C function returns."""
         if self._failure is None:
             self._failure = error
 
     def _raise_failure(self) -> None:
-        """Which answer or change got lost isn't known: all open requests fail, and all watches
-        miss a change."""
+        """An unknown answer or change was lost: all open requests fail, and all watches miss a
+        change."""
         failure, self._failure = self._failure, None
         for feed in self._feeds:
             feed.miss()
@@ -329,7 +244,7 @@ class Core:
             raise failure
 
     def answered(self, number: int, outcome: Outcome) -> None:
-        """Hands an outcome to whoever asked."""
+        """Delivers the outcome of a request to its taker."""
         taker = self._requests.pop(number, None)
         if isinstance(taker, tuple):
             key, subscribes = taker
@@ -365,8 +280,8 @@ class Core:
                 break
 
     def drop_feed(self, feed: Feed) -> None:
-        """Ends a feed, and the subscriptions that were its alone. Waits for nothing. In a thread
-        that isn't the session's it only marks the feed, and the next change finds that."""
+        """Ends a feed, and the subscriptions that no other feed uses, without waiting. In a thread
+        that isn't the session's it only marks the feed, which is removed at the next change."""
         feed.closed = True
         if self._session is not None and self.belongs_to_caller:
             self._release(feed)
@@ -449,7 +364,7 @@ class Core:
                 feed.put(change)
 
     def receive_event(self, event: c.CEvent) -> None:
-        """What happens to the session as a whole."""
+        """Handles an event of the session as a whole."""
         if event.type == c.EVENT_SUBSCRIPTION_LOST:
             key = (Kind(event.kind), event.port_no)
             held = self._subscriptions.get(key)
@@ -472,8 +387,8 @@ class Core:
         self._settle(key)
 
 
-# What C calls. A record is good during the callback only, so it is converted here. `_thread.core`
-# is there, since the session calls back inside its own calls alone.
+# The callbacks of the C library. A record is valid during the callback only, so it is converted
+# here. `_thread.core` is set, since the library calls back only inside a call on the session.
 
 def _convert(answer: c.CAnswer) -> Outcome:
     if answer.result != Result.OK:

@@ -11,7 +11,7 @@ class Word(enum.IntEnum):
 
     @classmethod
     def _missing_(cls, value: object) -> Word | None:
-        # Not kept, so that a server which sends nonsense costs no memory.
+        # Not stored, so that a server that sends many unknown values takes no memory.
         if not isinstance(value, int) or not 0 <= value <= 0xFFFFFFFF:
             return None
         member = int.__new__(cls, value)
@@ -29,7 +29,7 @@ class Word(enum.IntEnum):
 
 
 class SfpType(Word):
-    """What kind of module is in a port."""
+    """The kind of the module in a port."""
 
     NOT_PRESENT = 0
     ELECTRICAL = 1
@@ -38,7 +38,7 @@ class SfpType(Word):
 
 
 class Link(Word):
-    """How a port's link is."""
+    """The link state of a port."""
 
     STOPPED = 0
     NOT_OPERATIONAL = 1
@@ -46,7 +46,7 @@ class Link(Word):
 
 
 class Level(Word):
-    """How a measured value stands against the thresholds of its module."""
+    """The grade of a measured value against the thresholds of its module."""
 
     OK = 0
     LOW_WARNING = 1
@@ -58,7 +58,7 @@ class Level(Word):
 
 
 class Measurement(Word):
-    """Which value a level grades."""
+    """The measured value that a level grades."""
 
     TX_POWER = 0
     RX_POWER = 1
@@ -78,7 +78,7 @@ class Environment(Word):
 
 
 class PortState(Word):
-    """What the history says of a port."""
+    """The state of a port in the history."""
 
     UNKNOWN = 0
     UP = 1
@@ -86,7 +86,7 @@ class PortState(Word):
 
 
 class Presence(Word):
-    """What the history says of a port's module."""
+    """The presence of a port's module in the history."""
 
     NONE = 0
     NOT_READY = 1
@@ -96,7 +96,7 @@ class Presence(Word):
 
 
 class Action(Word):
-    """What the server did for a client."""
+    """An action of the server towards a client."""
 
     UNKNOWN = 0
     STATUS_SUBSCRIBE = 1
@@ -108,14 +108,14 @@ class Action(Word):
 
 
 class Kind(enum.IntEnum):
-    """What can be subscribed to on a port."""
+    """The kinds of subscription to a port."""
 
     SFP_INFO = 0
     PORT_STATUS = 1
 
 
 class HistoryKind(enum.IntEnum):
-    """Which of the server's histories."""
+    """The server's histories."""
 
     PORT_STATUS = 0
     SFP_INFO = 1
@@ -123,7 +123,7 @@ class HistoryKind(enum.IntEnum):
 
 
 class Result(enum.IntEnum):
-    """Why a call failed."""
+    """The result of a call."""
 
     OK = 0
     REJECTED = 1

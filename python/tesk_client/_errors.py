@@ -6,8 +6,8 @@ from ._enums import Result
 
 
 class TeskError(Exception):
-    """A call failed. `text` says why, in the server's words where it refused; `error_code` is the
-    server's number then, else 0."""
+    """A call failed. `text` is the reason: the server's text if it refused, else the library's;
+    `error_code` is the server's number then, else 0."""
 
     result = Result.FAILED
 
@@ -30,19 +30,19 @@ class RejectedError(TeskError):
 
 
 class MisuseError(TeskError):
-    """A wrong thread, process, event loop or moment; nothing was sent."""
+    """The call isn't allowed in this thread, process, event loop or state; nothing was sent."""
 
     result = Result.MISUSE
 
 
 class NoServerError(TeskError, ConnectionRefusedError):
-    """Nobody answers to the server's name."""
+    """No process owns the server's mailbox name."""
 
     result = Result.NO_SERVER
 
 
 class NoAccessError(TeskError, PermissionError):
-    """The server or the port map is there, but not for this user."""
+    """The server or the port map exists, but this user has no access to it."""
 
     result = Result.NO_ACCESS
 
@@ -66,13 +66,13 @@ class ClosedError(TeskError):
 
 
 class NoPortMapError(TeskError, FileNotFoundError):
-    """The port map isn't there."""
+    """The port map doesn't exist."""
 
     result = Result.NO_PORT_MAP
 
 
 class BadPortMapError(TeskError, ValueError):
-    """The file is no port map; the text says which line."""
+    """The file isn't a valid port map; the text names the line."""
 
     result = Result.BAD_PORT_MAP
 

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The C library through ctypes: its structures, functions and constants, as tesk_client.h has them.
 
-ctypes needs no compiler and no package beside the interpreter, and it lets go of the interpreter's
+ctypes needs no compiler and no package beside the interpreter, and it releases the interpreter's
 lock during each call. A test compares every size, offset and value with the C header."""
 import ctypes
 from ctypes import CFUNCTYPE, POINTER, c_bool, c_char, c_char_p, c_int, c_int32, c_size_t

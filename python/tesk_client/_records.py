@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What a session gives out: immutable records with the units in the names.
+"""The records of a session: immutable, with the units in the names.
 
 A value that the module doesn't measure is None. Texts of modules are printable ASCII with the
 escapes of teskctl, since a module's memory may hold any bytes."""
@@ -50,7 +50,7 @@ class Levels:
 
 @dataclass(frozen=True, slots=True)
 class SfpInfo:
-    """Which module is in a port. All texts are empty where no module could be read."""
+    """The module in a port. All texts are empty where no module could be read."""
 
     port: int
     type: SfpType
@@ -74,7 +74,7 @@ class SfpInfo:
 
 @dataclass(frozen=True, slots=True)
 class PortStatus:
-    """How a port is. The speed is None without a link, or where it isn't known."""
+    """The state of a port. The speed is None without a link, or where it isn't known."""
 
     port: int
     link: Link
@@ -107,13 +107,13 @@ class Pm:
 
     @property
     def tx_power_dbm(self) -> float | None:
-        """None where it isn't measured, and without light: 0 uW is less than the -30 dBm that
-        1 uW is, by an amount that nobody knows."""
+        """None where it isn't measured, and at 0 uW, which stands for any power below 1 uW (-30
+        dBm)."""
         return _dbm(self.tx_power_uw)
 
     @property
     def rx_power_dbm(self) -> float | None:
-        """None where it isn't measured, and without light, as of tx_power_dbm."""
+        """None where it isn't measured, and at 0 uW, as tx_power_dbm."""
         return _dbm(self.rx_power_uw)
 
     @classmethod
@@ -147,7 +147,7 @@ class HistoryRecord:
 
 @dataclass(frozen=True, slots=True)
 class PortStatusRecord(HistoryRecord):
-    """A port changed. The filter keeps indications back from a level of 50 on."""
+    """A link changed. The filter holds indications back from a level of 50 on."""
 
     state: PortState
     filter_level: int
@@ -163,8 +163,8 @@ class SfpInfoRecord(HistoryRecord):
 
 @dataclass(frozen=True, slots=True)
 class ActionRecord(HistoryRecord):
-    """The server did something for a client: its own number of it, and the client's reference,
-    which is the process id for users of this library."""
+    """An action of the server towards a client. `client_id` is the server's number for the client,
+    `conn_ref` the client's own reference, which is the process id for users of this library."""
 
     action: Action
     client_id: int
@@ -172,7 +172,7 @@ class ActionRecord(HistoryRecord):
 
 
 def history_record(kind: HistoryKind, record: CHistoryRecord) -> HistoryRecord:
-    """A C record of a kind."""
+    """Converts a C record of that kind."""
     time, port = _EPOCH + timedelta(microseconds=record.time_us), record.port_no
     if kind == HistoryKind.PORT_STATUS:
         return PortStatusRecord(time, port, PortState(record.port_state), record.filter_level,
@@ -184,7 +184,8 @@ def history_record(kind: HistoryKind, record: CHistoryRecord) -> HistoryRecord:
 
 @dataclass(frozen=True, slots=True)
 class ServerLost:
-    """The server went away; the session looks for it. What was known of the ports is old now."""
+    """The server went away; the session looks for it. The last known states of the ports may be out
+    of date."""
 
 
 @dataclass(frozen=True, slots=True)
@@ -194,7 +195,7 @@ class ServerRestored:
 
 @dataclass(frozen=True, slots=True)
 class SubscriptionLost:
-    """A subscription could not be renewed, for the reason in `error`: nothing more comes of it."""
+    """A subscription could not be renewed, for the reason in `error`: no further changes follow."""
 
     kind: Kind
     port: int
@@ -203,7 +204,7 @@ class SubscriptionLost:
 
 @dataclass(frozen=True, slots=True)
 class Missed:
-    """So many of the oldest changes were dropped, since the program didn't take them in time."""
+    """`count` of the oldest changes were dropped, since the program didn't take them in time."""
 
     count: int
 

@@ -9,14 +9,15 @@ from types import TracebackType
 from typing import Any
 
 from . import _library as c
-from ._core import Core, Feed, Key, Outcome, port_number
+from ._core import Core, Outcome, port_number
+from ._feed import Feed, Key
 from ._enums import HistoryKind, Kind
 from ._records import Capability, Change, HistoryRecord, Pm
 
 
 def watch_keys(status: Iterable[int], sfp: Iterable[int]) -> list[Key]:
-    """What a watch subscribes to. SFP info goes first, so that a program knows a module before it
-    learns how the port does with it."""
+    """The subscriptions of a watch. SFP info goes first, so that a program gets the module before
+    its status."""
     keys = [(kind, port_number(port))
             for kind, ports in ((Kind.SFP_INFO, sfp), (Kind.PORT_STATUS, status)) for port in ports]
     if not keys:
@@ -39,12 +40,12 @@ class Session:
     """One program's connection to tesk-server. It belongs to the thread that made it, and a thread
     has at most one. Use it as a context manager, or close it.
 
-    Each request is answered, fails or raises DeadlineError within `deadline_s`. With `reconnect`,
-    a session whose server goes away looks for it after `retry_s`, doubled up to `longest_retry_s`,
+    Each request is answered, fails or raises DeadlineError within `deadline_s`. With `reconnect`, a
+    session whose server goes away looks for it after `retry_s`, doubled up to `longest_retry_s`,
     and renews its subscriptions; requests wait for it until their deadline. Without, every call
-    raises LostError then. `window` requests at most are on their way at once.
+    raises LostError then. At most `window` requests are in flight.
 
-    Making one waits for the server, which must be there: NoServerError, NoAccessError, or
+    Making one waits for the server, which must be running: NoServerError, NoAccessError, or
     RejectedError with the server's text. Not for use in signal handlers. A child that was forked
     can't use it, but can make one of its own."""
 
@@ -70,7 +71,7 @@ class Session:
 
     def fileno(self) -> int:
         """A descriptor that is readable when a watch may have a change, for select and its like.
-        Watch.next(0) gives what there is."""
+        Watch.next(0) returns a change that is there, or None."""
         self._core.check_caller()
         return self._core.fd
 
@@ -103,8 +104,8 @@ class Session:
 
     def watch(self, *, status: Iterable[int] = (), sfp: Iterable[int] = ()) -> Watch:
         """Subscribes to the status and the SFP info of ports, waits until all are confirmed, and
-        gives an iterator over the changes, which begins with how each port is. Raises what went
-        wrong with one of them, and then none is left subscribed."""
+        gives an iterator over the changes, which begins with how each port is. If one of the
+        subscriptions fails, raises its error and keeps none of them."""
         watch = Watch(self, watch_keys(status, sfp))
         watch._open()
         return watch
@@ -114,8 +115,8 @@ class Watch:
     """An iterator over the changes of some ports. Iteration waits; it ends when the watch is
     closed, or none of its subscriptions is left. Leaving it unsubscribes.
 
-    Changes that nobody takes are kept: 1000, and four for each port. Beyond that the older ones of
-    each port go, and Missed says how many."""
+    Changes that the program doesn't take are kept: 1000, and four for each port. Beyond that the
+    older ones of each port are dropped, and Missed has their number."""
 
     def __init__(self, session: Session, keys: list[Key]) -> None:
         self._session = session  # lives as long as its watches
@@ -148,7 +149,7 @@ class Watch:
         return change
 
     def next(self, timeout_s: float | None = None) -> Change | None:
-        """The next change. None when none came in this time, or none will come any more."""
+        """The next change. None if none came within `timeout_s`, or if none can follow."""
         end = None if timeout_s is None else time.monotonic() + timeout_s
         left = timeout_s
         while True:
@@ -157,7 +158,7 @@ class Watch:
                 return change
             self._core.wait(left)
             if end is not None:
-                # Looks at what has come once more before it gives up, with a time below 0.
+                # A time below 0: takes a change that arrived at the timeout, and returns.
                 left = end - time.monotonic()
 
     def close(self) -> None:

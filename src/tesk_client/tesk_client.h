@@ -42,7 +42,7 @@ typedef enum tesk_client_result {
     TESK_CLIENT_LOST = 6,        /* the server went away before it answered */
     TESK_CLIENT_CANCELLED = 7,   /* the session was closed before the answer came */
     TESK_CLIENT_FAILED = 8,      /* the system or the mailbox library failed */
-    TESK_CLIENT_NO_PORT_MAP = 9, /* the port map isn't there */
+    TESK_CLIENT_NO_PORT_MAP = 9, /* the port map doesn't exist */
     TESK_CLIENT_BAD_PORT_MAP = 10, /* it is not a port map; tesk_client_error says which line */
 } tesk_client_result;
 
@@ -329,7 +329,7 @@ tesk_client_result tesk_client_request(tesk_client_session *session,
                                        tesk_client_answered answered, void *user);
 
 /* Receives a port of the port map. The name is escaped: printable ASCII, a backslash doubled, every
-   other byte as \xNN. It is good until the callback returns. */
+   other byte as \xNN. It is valid until the callback returns. */
 typedef void (*tesk_client_port_named)(uint32_t port_no, const char *name, void *user);
 
 /* Reads the file in which the board library names its ports, in ascending order of their numbers.

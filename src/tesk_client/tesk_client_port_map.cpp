@@ -124,7 +124,7 @@ static std::optional<named_port> parse_line(std::string_view line)
     return port;
 }
 
-/* What is wrong with the content, with its line; empty when nothing is. */
+/* The first error in the content, with its line; empty if there is none. */
 static std::string parse(std::string_view text, std::vector<named_port> &ports)
 {
     if (take_line(text) != first_line)

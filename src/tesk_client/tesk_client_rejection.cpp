@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The protocol has one error code for nearly all rejections, and the same reason under both codes:
-   only the text tells them apart. The texts are part of the protocol, so this is the one place that
-   compares them. */
+   only the text distinguishes them. The texts are part of the protocol, so this is the one place
+   that compares them. */
 #include "tesk_client/tesk_client_rejection.h"
 
 #include "tesk_server/tesk_signals.h"

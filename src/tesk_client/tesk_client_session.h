@@ -80,7 +80,7 @@ constexpr tesk_client_request_type unsubscribe_request(tesk_client_kind kind)
 
 using subscription_key = std::pair<tesk_client_kind, uint32_t>;
 
-/* The procedure_ref tells whether a late answer is about this subscription or about the one that
+/* The procedure_ref shows whether a late answer is about this subscription or about the one that
    the port had before. */
 struct subscription {
     bool confirmed;         /* by the server */
@@ -95,6 +95,7 @@ struct tesk_client_session {
     /* Waits for the answer to the first establishment. */
     outcome connect();
 
+    /* As the functions of tesk_client.h, which have checked the caller. */
     tesk_client_result dispatch();
     tesk_client_result run(int timeout_ms);
     void stop();

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* api - what the page asks for, as JSON. Objects of ports have teskctl --json's keys. No state.
+/* api - the JSON that the page requests. Objects of ports have teskctl --json's keys. No state.
 
    GET /api/ports
      {"time": "2026-03-01T14:02:11.123456+01:00",   now
       "version": "1.0.0",
       "up": true,                    tesk-server is connected and answers in time
-      "trouble": "",                 what is wrong with it; while it is away the ports are as they
-   were last "interval_s": 15,              between two reads of the measured values "ports": [ in
-   ascending order
+      "trouble": "",                 what is wrong; without "up" the ports are as last known
+      "interval_s": 15,              between two reads of the measured values
+      "ports": [                     in ascending order
         {"port": 3,
          "interface": "eth3",        null where no name is known
          "sfp": {..} or null,        teskctl's object "sfp", without "time"
@@ -20,10 +20,12 @@
       ]}
 
    GET /api/plot?port=3&range=hour   and range=day
-     {"port": 3, "range": "hour", "step_s": 15, "end": 1772370131, the last point, seconds since
-   1970 "tx_power_dbm": [..], "rx_power_dbm": [..], "temperature_c": [..], "voltage_v": [..],
-   "tx_bias_ma": [..]} 240 points of an hour, oldest first, null where nothing was read or no light
-   was there. Of a day 288 points of 300 s, and each of them is a pair [least, greatest] or null.
+     {"port": 3, "range": "hour", "step_s": 15,
+      "end": 1772370131,   the last point, in seconds since 1970
+      "tx_power_dbm": [..], "rx_power_dbm": [..], "temperature_c": [..], "voltage_v": [..],
+      "tx_bias_ma": [..]}
+     The hour has 240 points, oldest first, null where nothing was read or there was no light. The
+     day has 144 points of 600 s, each of them a pair [least, greatest] or null.
 
    GET /api/events?port=3
      {"port": 3, "events": [..]}: what the ring still has of this port, oldest first; each is the
@@ -48,6 +50,7 @@
 namespace exporter
 {
 
+/* The bodies of /api/ports, /api/plot and /api/events. */
 std::string ports_json(const model &board, std::chrono::milliseconds interval, const moment &now);
 std::string plot_json(const port_state &port, bool is_day, const moment &now);
 std::string events_json(const event_ring &events, uint32_t port_no);

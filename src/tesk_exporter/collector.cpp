@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each connection begins anew: the port map is read again, and every port subscribed to. So the
-   session doesn't reconnect by itself, and a connection after a loss goes the same way as the
-   first.
+/* For each connection the port map is read again, and every port is subscribed to. The session
+   therefore doesn't reconnect by itself: a connection after a loss is made as the first one.
 
    At most `reads_at_once` reads are under way, fewer than the session's window, and none while
    subscriptions are: a read then never waits in the session, and its latency is that of the server.
@@ -23,8 +22,8 @@ static constexpr size_t reads_at_once = 8;
 static constexpr uint32_t deadline_ms = 2000;
 static constexpr milliseconds first_pause{100};
 static constexpr milliseconds longest_pause{2000};
-static constexpr uint32_t probed_ports = 128; /* where nothing says which there are */
-/* A port that was refused though its number was given is asked for again every so many rounds: the
+static constexpr uint32_t probed_ports = 128; /* without --ports and port map */
+/* The rounds after which a port of the command line that was refused is subscribed to again: the
    server writes a trace for each refusal. */
 static constexpr uint64_t rounds_between_tries = 20;
 
@@ -87,7 +86,7 @@ void collector::request(tesk_client_request_type type, uint32_t port_no)
     };
     if (tesk_client_request(session_, type, port_no, called, owned.get()) != TESK_CLIENT_OK)
         return;                         /* the session has ended */
-    static_cast<void>(owned.release()); /* the callback has it now */
+    static_cast<void>(owned.release()); /* owned by the callback now */
     (type == TESK_CLIENT_REQUEST_PM ? reads_ : subscriptions_)++;
 }
 
@@ -104,8 +103,7 @@ void collector::unsubscribe(uint32_t port_no)
     request(TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO, port_no);
 }
 
-/* A subscribe that was not answered may have reached the server, and a second one would be refused.
- */
+/* An unanswered subscribe may have reached the server, which would refuse a second one. */
 void collector::resubscribe(uint32_t port_no)
 {
     unsubscribe(port_no);
@@ -154,7 +152,7 @@ void collector::begin_round()
 {
     is_in_round_ = true;
     rounds_++;
-    to_read_.clear(); /* of a round that is slower than the interval */
+    to_read_.clear(); /* left of a round slower than the interval */
     for (auto &[port_no, port] : ports_) {
         to_read_.push_back(port_no);
         renew_subscription(port_no, port);
@@ -247,7 +245,7 @@ bool collector::connect()
     return false;
 }
 
-/* Until the server is lost, or the end. */
+/* Follows the ports until the server is lost or the thread is stopped. */
 void collector::follow()
 {
     facts_.post(connection_fact{true, ""});

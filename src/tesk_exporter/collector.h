@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* collector - follows the ports through a session of its own thread and reports facts: indications
-   as they come, measured values at the interval. A server that is gone or doesn't move holds up
-   this thread and no other. */
+   as they come, measured values at the interval. A server that is gone or doesn't respond blocks
+   this thread only. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -25,8 +25,8 @@ class collector
     /* Starts at once. `facts` must outlive it. */
     collector(collector_settings given, fact_queue &facts);
 
-    /* Ends the thread; within the deadline of a request where the server doesn't move. Close the
-       queue before. */
+    /* Ends the thread; takes up to the deadline of a request if the server doesn't respond. The
+       queue must be closed before. */
     void stop()
     {
         thread_.stop();
@@ -76,7 +76,7 @@ class collector
     size_t subscriptions_ = 0; /* requests for them under way */
     bool is_in_round_ = false;
     uint64_t rounds_ = 0;     /* of this connection */
-    bool is_probing_ = false; /* nothing says which ports there are */
+    bool is_probing_ = false; /* there are no --ports and no port map */
     std::string map_error_;   /* the last one, which is written once */
     worker thread_;           /* the last: it uses all the others */
 };

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The HTTP library owns the sockets and has no call that ends a connection. Shutting a socket down
-   makes the library find its end at the next look. */
+/* The HTTP library owns the sockets and has no call that ends a connection. It finds a socket that
+   has been shut down at its next poll, and closes it. */
 #include "tesk_exporter/connections.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 namespace exporter
 {
 
-/* Its place is free at once. */
+/* Ends a connection. Its place is free at once. */
 void connection_table::end(connection &peer)
 {
     leave_place(peer, peer.since);
@@ -18,7 +18,7 @@ void connection_table::end(connection &peer)
     shutdown(peer.fd, SHUT_RDWR);
 }
 
-/* Of those that hold such a place, or none. False where there is nobody to end. */
+/* Ends the oldest of the connections that hold a place of that kind. False if there is none. */
 bool connection_table::end_oldest(place held)
 {
     connection *oldest = nullptr;

@@ -1,12 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* connections - who is connected by HTTP, for how long, and who has to go. Main thread only.
+/* connections - the HTTP connections, their limits, and the choice of those to end. Main thread
+   only.
 
    A connection whose request is being answered holds a place of the request's kind, and each kind
-   has its own number of them, so that streams and pages can't take those of /metrics. Where all are
-   taken a further stream is refused; for the others the oldest answer is ended: one that is read
-   takes milliseconds, so that it meets those who don't read. Connections without a place cost
-   little, but are bounded in the same way, so that there is always room for one that asks for
-   something. */
+   has its own number of them, so that streams and pages can't take those of /metrics. If all places
+   of a kind are taken, a further stream is refused; for the other kinds the oldest answer is ended:
+   an answer whose client reads takes milliseconds, so the oldest belongs to a client that doesn't
+   read. Connections without a place cost little, but are bounded in the same way, so that there is
+   always room for a new request. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -21,30 +22,34 @@ enum class place { none, metrics, page, stream };
 
 inline constexpr std::array<size_t, 4> places = {0, 32, 64, 64}; /* by kind */
 inline constexpr unsigned most_connections = 256;
-inline constexpr size_t crowded_connections = 192; /* from here on the idle ones go */
-/* In this time a request must have arrived, an answer be taken, a stream have moved. */
+inline constexpr size_t crowded_connections = 192; /* above it the oldest idle one is ended */
+/* The time limit for receiving a request, for sending an answer, and for progress of a stream. */
 inline constexpr std::chrono::seconds patience{30};
 
 struct connection {
     int fd;
-    steady_time since; /* the begin of what it is doing now */
+    steady_time since; /* start of its request, answer or idle time */
     place held = place::none;
-    bool is_waiting = false; /* a stream that has been given everything */
+    bool is_waiting = false; /* a stream with nothing left to write */
     bool is_ended = false;
 };
 
 class connection_table
 {
   public:
+    /* Adds an accepted connection, which holds no place yet; the record is valid until remove().
+       Above crowded_connections the oldest idle connection is ended. */
     connection *add(int fd, steady_time now);
+    /* Removes a connection that the HTTP library has closed. Harmless on one that isn't there. */
     void remove(const connection *left);
 
-    /* False where all places of the kind are taken by others that may stay. */
+    /* Gives the connection a place of that kind, and ends another one for it if need be. False if
+       all places are taken by streams, which are not ended. */
     bool take_place(connection &peer, place kind, steady_time now);
     /* Releases the place that it holds, if any. */
     void leave_place(connection &peer, steady_time now);
 
-    /* Ends the connections that took too long. */
+    /* Ends the connections that exceed the time limit; waiting streams have none. */
     void end_overdue(steady_time now);
 
     size_t size() const

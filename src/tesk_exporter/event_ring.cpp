@@ -69,7 +69,7 @@ std::optional<uint64_t> event_ring::after(std::string_view id) const
     const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), number);
     if (error != std::errc{} || end != id.data() + id.size())
         return std::nullopt;
-    /* The event itself may be gone, as long as the ones behind it are there. */
+    /* The event itself may have been dropped, as long as its successors are kept. */
     if (number >= next_ || number + 1 < first())
         return std::nullopt;
     return number + 1;

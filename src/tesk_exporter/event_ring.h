@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* event_ring - the last changes, numbered, for readers that come back and ask what they missed.
+/* event_ring - the last changes, numbered, so that a reader that reconnects gets those it missed.
    Fixed memory. Main thread only. */
 #pragma once
 
@@ -15,9 +15,9 @@
 namespace exporter
 {
 
-/* What an event says about its record. */
+/* The kind of change that an event reports. */
 enum class change {
-    initial,  /* found there after a connection: nobody knows since when */
+    initial,  /* the state found after connecting, of unknown age */
     inserted, /* a module */
     removed,
     replaced, /* another module, or the same one read again with other texts */
@@ -27,6 +27,7 @@ enum class change {
     grades, /* grades or the environment; the link is as before */
 };
 
+/* The word of the objects for it, such as "replaced". Never null. */
 const char *change_text(change kind);
 
 /* The server went away, or is back. */
@@ -39,7 +40,7 @@ struct event {
     uint64_t time_us; /* wall clock, since 1970 */
     change kind;      /* for the first two records */
     std::variant<tesk_client_sfp_info, tesk_client_port_status, server_change> record;
-    std::string interface;
+    std::string interface; /* escaped; empty where it isn't known */
 };
 
 /* The port of an event; nothing where it is the server's. */
@@ -51,12 +52,12 @@ std::string to_json_line(const event &happened);
 class event_ring
 {
   public:
-    /* The epoch tells the numbers of this process from those of another. */
+    /* The epoch distinguishes the numbers of this process from those of another. */
     event_ring(size_t capacity, std::string epoch) : capacity_(capacity), epoch_(std::move(epoch))
     {
     }
 
-    /* Numbers the event and keeps it; the oldest one may have to go. */
+    /* Numbers the event and keeps it; a full ring drops its oldest one. */
     void add(event added);
 
     /* The oldest number that is kept, and the number of the next event to come. They are equal in
@@ -77,8 +78,8 @@ class event_ring
 
     /* "EPOCH-NUMBER", the id of an event. */
     std::string id(uint64_t number) const;
-    /* The number after the event that an id names, from which a reader goes on. Nothing where the
-       id is of another epoch, is none, or its successors are not kept any more. */
+    /* The number after the event that an id names, at which a reader continues. Nothing where the
+       id is of another epoch, is malformed, or its successors are not kept any more. */
     std::optional<uint64_t> after(std::string_view id) const;
 
   private:

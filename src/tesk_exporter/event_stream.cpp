@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The present state bears no ids, but for one behind it: a reader whose connection ends before that
-   has no id of it, and gets the whole state again. */
+/* The present state has one id, at its end: a reader whose connection ends before that has no id of
+   it, and gets the whole state again. */
 #include "tesk_exporter/event_stream.h"
 
 #include "tools/common/clock.h"
@@ -11,7 +11,7 @@
 namespace exporter
 {
 
-/* Browsers come back after 3 seconds unless they are told. */
+/* The delay before a browser reconnects, which would otherwise be 3 seconds. */
 static constexpr char preface[] = "retry: 2000\n\n";
 
 static std::string data(const std::string &line)

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* event_stream - the text of one reader's server-sent events. Main thread only.
 
-   A reader that comes for the first time gets the present state of all ports as "initial", then
-   each event as it comes. One that comes back with the id of its last event gets those behind it;
-   where they aren't kept any more, or the id is of another process, it gets an object with the
-   event "missed" and the present state. A reader that is too slow for the ring is treated in the
-   same way, so that it costs no memory. */
+   A reader that connects for the first time gets the present state of all ports as "initial", then
+   each event as it occurs. One that reconnects with the id of its last event gets the later ones;
+   if they aren't kept any more, or the id is of another process, it gets an object with the event
+   "missed" and the present state. A reader that is too slow for the ring is treated in the same
+   way, so that it costs no memory. */
 #pragma once
 
 #include "tesk_exporter/model.h"
@@ -19,10 +19,11 @@ namespace exporter
 class event_stream
 {
   public:
-    /* `last_id` is what the reader says that it had last; empty the first time. */
+    /* `last_id` is the id of the last event that the reader received; empty the first time. */
     event_stream(const event_ring &events, const model &board, std::string_view last_id);
 
-    /* Writes what there is, up to `size` bytes. 0: nothing, until something happens. */
+    /* Writes the text that is due, up to `size` bytes, and returns its length; 0 if there is none
+       until the next event. */
     size_t read(char *buffer, size_t size);
     /* Lets the next read write at least a comment, which shows whether the reader is still there.
      */

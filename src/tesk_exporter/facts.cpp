@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The main thread takes everything at once and waits for nothing but its descriptors, so that the
-   queue is full only while a burst lasts. */
+/* The main thread takes all facts at once and waits for its descriptors only, so that the queue is
+   full only during a burst. */
 #include "tesk_exporter/facts.h"
 
 #include <cerrno>

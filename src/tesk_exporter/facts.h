@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* facts - the reports of the threads that talk to the server, and the queue that carries them to
-   the main thread. Nothing but facts crosses the threads, so no other module needs a lock. */
+   the main thread. The threads exchange nothing else, so no other module needs a lock. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"
@@ -31,7 +31,7 @@ struct ports_fact {
 /* The connection came up or was lost. */
 struct connection_fact {
     bool connected;
-    std::string text; /* why it isn't; empty where it is */
+    std::string text; /* the reason of the loss; empty while connected */
 };
 
 /* Measured values. */
@@ -39,14 +39,14 @@ struct reading_fact {
     tesk_client_pm pm;
 };
 
-/* The grades of a port, taken again by the refresher. */
+/* The grades of a port that the refresher has requested anew. */
 struct grades_fact {
     uint32_t port_no;
     bool succeeded;
-    tesk_client_port_status status; /* where it succeeded */
+    tesk_client_port_status status; /* valid if it succeeded */
 };
 
-/* A request was answered, or was not. */
+/* A request completed: answered, failed or timed out. */
 struct request_fact {
     tesk_client_result result;
     std::chrono::nanoseconds latency;
@@ -57,7 +57,7 @@ struct gone_fact {
     uint32_t port_no;
 };
 
-/* The measured values of all ports have been asked for once. */
+/* The measured values of all ports have been requested once. */
 struct round_fact {
 };
 
@@ -78,7 +78,7 @@ class fact_queue
     void post(fact reported);
     /* The main thread. Takes all that is there, in the order of arrival. */
     std::vector<fact> take();
-    /* Releases those who wait, so that their threads can end. */
+    /* Wakes the threads that wait in post(), so that they can end. */
     void close();
     int fd() const
     {

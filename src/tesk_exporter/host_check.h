@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* host_check - whether a request was meant for us. A page of somebody else whose name is made to
-   lead to this machine sends that name in the Host header: refusing it keeps such pages from
-   reading what only local users may see. No state. */
+/* host_check - protects from DNS rebinding. A foreign web page whose host name is made to resolve
+   to this machine sends that name in the Host header: refusing it keeps such pages from reading
+   data that only local users may see. No state. */
 #pragma once
 
 #include <string>

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The HTTP library works without threads of its own: it has one epoll descriptor, and looks at its
-   sockets when run() is called. A stream that has been given all events is suspended; an event, or
-   the comment that shows whether its reader is still there, resumes it.
+   sockets when run() is called. A stream without further events is suspended; an event, or the
+   comment that detects a dead reader, resumes it.
 
    While a connection is suspended the library doesn't notice its end, so end_gone_readers() does.
 
-   Rendering takes the most time, so that its results are shared for a short while: a thousand
-   scrapes a second cost a few renderings. A body lives for as long as its slowest reader; while as
-   many as `most_bodies` live, the newest one is given again, however old it is. */
+   Rendering takes the most time, so its results are shared for a short while: a thousand scrapes a
+   second need a few renderings. A body exists until its slowest reader has received it; while
+   `most_bodies` exist, the newest one is sent again, however old it is. */
 #include "tesk_exporter/http.h"
 
 #include "tesk_exporter/host_check.h"
@@ -34,7 +34,8 @@ static constexpr std::chrono::milliseconds shared_for{250};
 static constexpr std::chrono::seconds look_pause{5};
 static constexpr size_t most_bodies = 8;
 
-/* How many shared bodies live. The library releases the last of them from inside its calls. */
+/* The number of shared bodies that exist. The library releases the last of them inside its
+   calls. */
 static size_t live_bodies;
 
 static constexpr std::pair<const char *, const char *> headers_of_all[] = {
@@ -131,7 +132,8 @@ void http_server::run()
     figures_.ended_connections = connections_.ended();
 }
 
-/* What a crowd has taken lies between what stays, so that it isn't given back by itself. */
+/* The freed memory of many connections lies between blocks in use, so malloc doesn't return it by
+   itself. */
 void http_server::give_memory_back()
 {
     const bool is_crowded = connections_.size() > 32;
@@ -161,7 +163,7 @@ void http_server::continue_streams()
         resume(*reader);
 }
 
-/* Those who have closed their side. */
+/* Ends the streams whose readers have closed their side. */
 void http_server::end_gone_readers()
 {
     for (event_reader *reader : readers_) {
@@ -173,7 +175,8 @@ void http_server::end_gone_readers()
     }
 }
 
-/* The others are written a comment: it shows whether their machine is still there. */
+/* Ends the closed streams and sends a comment to the others: a reader whose machine has gone
+   doesn't acknowledge it. */
 void http_server::look_at_readers()
 {
     end_gone_readers();
@@ -206,9 +209,9 @@ void http_server::completed(void *server, MHD_Connection *http, void **, MHD_Req
     self->connections_.leave_place(*connection_of(http), steady_clock::now());
 }
 
-/* The library calls this once with the headers, then for each part of a body, which nobody wants,
-   and once with nothing more: then the request is answered. Other methods than ours are refused at
-   once, before their body comes. */
+/* The library calls this once with the headers, then for each part of a body, which is ignored, and
+   once at the end: then the request is answered. Other methods are refused at once, before their
+   body is received. */
 MHD_Result http_server::handle(void *server, MHD_Connection *http, const char *url,
                                const char *method, const char *, const char *, size_t *upload_size,
                                void **state)
@@ -298,7 +301,7 @@ static MHD_Response *shared_response(std::string text, const char *type)
         body.get());
     if (response == nullptr)
         return nullptr;
-    static_cast<void>(body.release()); /* the response has it now */
+    static_cast<void>(body.release()); /* owned by the response now */
     live_bodies++;
     add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
     return with_common_headers(response);
@@ -416,12 +419,12 @@ MHD_Result http_server::send_stream(const http_request &request)
         readers_.pop_back();
         return MHD_NO;
     }
-    static_cast<void>(made.release()); /* the response has it now */
+    static_cast<void>(made.release()); /* owned by the response now */
     add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/event-stream");
     return send(request, MHD_HTTP_OK, with_common_headers(response));
 }
 
-/* That this is answered says that the exporter works. */
+/* Any answer shows that the exporter works, so the status is always 200. */
 MHD_Result http_server::send_health(const http_request &request)
 {
     const std::string trouble = model_.trouble();
@@ -466,12 +469,12 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
         return send_text(request, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD are answered");
     if (!is_meant_for_us(request))
         return send_text(request, MHD_HTTP_MISDIRECTED_REQUEST,
-                         "the Host header names somebody else; --host NAME accepts a name");
+                         "the Host header names another host; --host NAME accepts it");
     const auto *found = std::ranges::find(routes, path, &route::path);
     const bool is_route = found != std::end(routes);
     const place kind = is_route ? found->kind : place::page;
     if (kind == place::stream && connections_.taken(kind) >= places[static_cast<size_t>(kind)])
-        end_gone_readers(); /* their places are free in a moment */
+        end_gone_readers(); /* frees the places of readers that are gone */
     if (!connections_.take_place(request.from, kind, request.now.steady))
         return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "all places are taken");
     return is_route ? (this->*found->handle)(request) : send_file(request, path);

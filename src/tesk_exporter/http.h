@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* http - answers by HTTP what model and events know, in the main thread, whose loop waits for fd()
-   and calls run(). Nothing here waits: a reader that doesn't read is ended after a while, one that
-   doesn't write as well, and what all of them together can take is bounded. */
+/* http - serves model and events by HTTP, in the main thread, whose loop waits for fd() and calls
+   run(). Nothing here waits: a client that doesn't send its request or doesn't read its answer is
+   disconnected after a time limit, and the memory for all clients is bounded. */
 #pragma once
 
 #include "tesk_exporter/api.h"
@@ -20,18 +20,21 @@ namespace exporter
 class http_server
 {
   public:
-    /* What is given must outlive it. Throws std::runtime_error with a text that says what to do. */
+    /* The arguments must outlive it. Throws std::runtime_error with a text that says what to do. */
     http_server(const settings &given, const model &board, const event_ring &events,
                 exporter_figures &figures);
     ~http_server();
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
 
+    /* Readable when run() must be called. */
     int fd() const;
-    /* When run() has something to do though nothing came in; nothing where it hasn't. */
+    /* The time at which run() must be called even if fd() isn't readable; nothing if there is
+       none. */
     std::optional<steady_time> next_run() const;
+    /* Serves what is ready, without waiting. */
     void run();
-    /* New events are in the ring. */
+    /* Writes the new events of the ring to the streams. */
     void continue_streams();
 
   private:
@@ -43,7 +46,7 @@ class http_server
         event_stream events;
         bool is_gone = false;
     };
-    /* A body that many readers may get at once, as one scraper in a hurry or many would. */
+    /* A body that is shared by the answers of a short while. */
     struct shared_body {
         MHD_Response *response = nullptr;
         steady_time made{};

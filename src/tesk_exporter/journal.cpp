@@ -59,7 +59,7 @@ static bool has_alarm(const event &happened)
            });
 }
 
-/* 4 is a warning, 6 informs. */
+/* Journal priorities: 4 is a warning, 6 is information. */
 static int priority(const event &happened)
 {
     const auto *server = std::get_if<server_change>(&happened.record);
@@ -111,7 +111,7 @@ void journal::write(const event &happened)
     eventfd_write(wake_fd_, 1);
 }
 
-/* False where nothing waits. */
+/* Writes the oldest record; false if there is none. */
 bool journal::write_next()
 {
     event next;

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* journal - writes events to the journal as structured records. The journal's socket may be full
-   and block, so that a thread of its own writes; what it can't take in time is lost and counted. */
+/* journal - writes events to the journal as structured records. A write blocks while the journal's
+   socket is full, so a separate thread writes; a record for which there is no room in the queue is
+   dropped and counted. */
 #pragma once
 
 #include "tesk_exporter/event_ring.h"
@@ -26,7 +27,7 @@ class journal
     journal(const journal &) = delete;
     journal &operator=(const journal &) = delete;
 
-    /* The main thread. */
+    /* The main thread. Queues a record of the event. */
     void write(const event &happened);
     /* Records that were lost so far. */
     uint64_t lost() const

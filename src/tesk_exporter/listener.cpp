@@ -17,7 +17,7 @@ namespace exporter
 
 static constexpr int backlog = 128;
 static constexpr std::string_view unix_prefix = "unix:";
-/* Bounds what the kernel keeps for a reader that doesn't read. Accepted sockets inherit it. */
+/* Bounds the kernel's memory for a client that doesn't read. Accepted sockets inherit it. */
 static constexpr int send_buffer = 256 * 1024;
 
 [[noreturn]] static void fail(const std::string &where, const std::string &why)
@@ -65,7 +65,7 @@ static int open_inet(const std::string &where)
     return listening(fd, reinterpret_cast<const sockaddr *>(&address), size, where);
 }
 
-/* Removes a socket that nobody listens on, and nothing else. */
+/* Removes a socket on which no process listens; any other file stays. */
 static void remove_dead_socket(const sockaddr_un &address)
 {
     struct stat status = {};
@@ -90,8 +90,7 @@ static int open_unix(const std::string &where)
     std::memcpy(address.sun_path, path.data(), path.size());
     remove_dead_socket(address);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    /* By the mask, so that nobody else can connect for a moment either. No other thread runs yet.
-     */
+    /* By the mask, so that the mode is right from the start. No other thread runs yet. */
     const mode_t former = umask(0117);
     try {
         listening(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address), where);

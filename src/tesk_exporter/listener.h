@@ -8,8 +8,8 @@ namespace exporter
 {
 
 /* Opens a listening socket at "ADDRESS:PORT", with IPv6 addresses in brackets, or "unix:PATH".
-   Throws std::runtime_error with a text that says what to do. A socket file that nobody serves any
-   more is replaced; its successor has mode 0660. */
+   Throws std::runtime_error with a text that says what to do. A socket file on which no process
+   listens is replaced. The file has mode 0660. */
 int open_listener(const std::string &where);
 
 /* Removes the socket file of "unix:PATH". */

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk-exporter - serves what tesk-server knows about its ports by HTTP.
+/* tesk-exporter - serves the state of tesk-server's ports by HTTP.
 
-   The main thread holds the whole state, answers by HTTP, and waits for nothing but descriptors.
-   Two threads talk to the server, each with a session of its own, and report to it; a third one
-   writes to the journal where that is wanted. */
+   The main thread holds the whole state, answers by HTTP, and waits for descriptors only. Two
+   threads talk to the server, each with a session of its own, and report to it; a third one writes
+   to the journal where that is wanted. */
 #include "tesk_exporter/collector.h"
 #include "tesk_exporter/http.h"
 #include "tesk_exporter/journal.h"
@@ -24,7 +24,7 @@ namespace exporter
 
 static constexpr size_t ring_size = 2048;
 
-/* A number of a process that had the same start time would be another one. */
+/* The process id alone could be that of an earlier process; with the start time it is unique. */
 static std::string new_epoch()
 {
     return fmt::format("{:x}{:x}", now_us(), getpid());
@@ -49,7 +49,7 @@ static int blocked_signals()
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
-/* Everything, in the order in which it is made; it ends the other way round. */
+/* All parts in the order of their construction; they are destroyed in reverse order. */
 class service
 {
   public:
@@ -64,7 +64,7 @@ class service
 
     ~service()
     {
-        facts_.close(); /* so that no thread waits for room in it */
+        facts_.close(); /* else a thread that waits for room could not end */
         collector_.stop();
         refresher_.stop();
     }
@@ -133,7 +133,8 @@ static int run(int argc, char **argv)
     if (const auto code = read_options(argc, argv, given))
         return *code;
     bound_memory();
-    /* Finding a server that doesn't move shall not hold up the end of the program for longer. */
+    /* Bounds the time that locating a server that doesn't respond can delay the end of the
+       program. */
     setenv("MBX_LOCATE_MS", "1000", 0);
     const int signals = blocked_signals();
     service(given).run(signals);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One row for each family, and one function that writes its samples for a port. Values of a server
-   that is away are left out, since nobody knows them; what only grows, counts and ages, stays. */
+/* One row for each family, and one function that writes its samples for a port. While the server is
+   away its values are left out, since they are unknown; counters and ages stay. */
 #include "tesk_exporter/metrics.h"
 
 #include "tools/common/units.h"
@@ -17,7 +17,7 @@ namespace exporter
 
 namespace
 {
-/* What a port's samples are written with. */
+/* The data from which a port's samples are written. */
 struct scrape {
     metrics_writer &writer;
     steady_time now;
@@ -25,7 +25,7 @@ struct scrape {
 
 struct port_family {
     family described;
-    bool needs_server; /* it says how things are, and so only while the server says so */
+    bool needs_server; /* a present state: left out while the server is away */
     void (*write)(const scrape &to, const port_state &port);
 };
 } // namespace
@@ -335,7 +335,7 @@ std::string render_metrics(const model &board, const exporter_figures &figures, 
                            steady_time now)
 {
     metrics_writer writer(format);
-    /* About what it becomes: growing would copy megabytes. */
+    /* About the final size, as growing would copy megabytes. */
     writer.reserve(16384 + board.ports().size() * 5120);
     write_server(writer, board);
     const scrape to{writer, now};

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* metrics - what /metrics says: the board by the model, and the exporter itself. No state. */
+/* metrics - the content of /metrics: the board's state from the model, and the exporter's own
+   figures. No state. */
 #pragma once
 
 #include "tesk_exporter/metrics_text.h"
@@ -15,12 +16,13 @@ struct exporter_figures {
     std::map<unsigned, uint64_t> responses; /* by HTTP status */
     uint64_t connections = 0;               /* open now */
     uint64_t streams = 0;                   /* of events, open now */
-    uint64_t ended_connections = 0;         /* by us: too slow, or idle where places were short */
+    uint64_t ended_connections = 0;         /* too slow, or idle while there were too many */
     uint64_t events = 0;
     uint64_t lost_journal_records = 0;
     uint64_t started_us = 0; /* wall clock */
 };
 
+/* The whole text of /metrics at the time `now`. */
 std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
                            steady_time now);
 

@@ -19,7 +19,7 @@ static std::string_view trim(std::string_view text)
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-/* Takes what stands before the separator off the text. */
+/* Removes the part before the separator from the text, and returns it. */
 static std::string_view take(std::string_view &text, char separator)
 {
     const size_t end = text.find(separator);
@@ -28,8 +28,8 @@ static std::string_view take(std::string_view &text, char separator)
     return trim(taken);
 }
 
-/* The quality of one entry of an Accept header, 1 unless it says; nothing for a version that we
-   don't write. */
+/* The quality of one entry of an Accept header, 1 by default; nothing for a version that isn't
+   supported. */
 static std::optional<double> quality(std::string_view parameters, std::string_view version)
 {
     double found = 1;

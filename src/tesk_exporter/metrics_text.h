@@ -15,9 +15,10 @@ enum class text_format { prometheus, open_metrics };
 
 /* The format that an Accept header prefers; the former where it has no preference. */
 text_format choose_format(std::string_view accept);
+/* The value of the Content-Type header. */
 const char *content_type(text_format format);
 
-/* A label's value, without its quotes. */
+/* A text as a label's value: escaped, without the quotes. */
 std::string label_value(std::string_view text);
 /* The labels of a module: its texts without the blanks at their ends, escaped as in teskctl's
    objects first, so that any bytes are valid text. */
@@ -41,7 +42,8 @@ class metrics_writer
     }
     /* Begins a family: what follows belongs to it. */
     void begin(const family &described);
-    /* A sample. Each part is a list of labels, or empty. */
+    /* A sample of the family. Each part of the labels is a list, or empty. `suffix` follows the
+       name of the family, by default that of its type. */
     void sample(std::string_view labels, double value)
     {
         sample(suffix_, labels, {}, value);

@@ -33,7 +33,7 @@ struct port_state {
     steady_time graded_at;
     /* The values that the grades were given for: those of the first reading after them. */
     std::optional<tesk_client_pm> graded_values;
-    steady_time refreshed_at; /* when a refresh was last asked for */
+    steady_time refreshed_at; /* when a refresh was last requested */
 
     /* The next indication is the first one since the connection. */
     bool is_info_initial = true;
@@ -68,7 +68,7 @@ class model
     void apply(const fact &reported, const moment &now);
 
     /* The port whose grades are to be refreshed now, if any: by the rules of refresh_rules.h. The
-       model counts on it that the caller asks for the refresh. */
+       caller must then request it, as the model notes the refresh as made. */
     std::optional<uint32_t> choose_refresh(steady_time now);
 
     const std::map<uint32_t, port_state> &ports() const
@@ -89,7 +89,7 @@ class model
     {
         return is_up() && is_read_;
     }
-    /* What is wrong with the server; empty where nothing is. */
+    /* The reason why is_ready() is false; empty while it is true. */
     std::string trouble() const;
 
     uint64_t connections = 0;

@@ -2,9 +2,9 @@
 /* plots - the measured values of one port over the last day in fixed memory. Main thread only.
 
    The last hour is kept in slots of 15 s, which hold the last value that was read in them; the last
-   day in slots of 10 minutes, which hold the least and the greatest one, so that a short dip is
-   still there. Values are 16-bit: 10 bytes a short slot, 20 a long one, 5280 for a port, which are
-   taken when its first value comes. */
+   day in slots of 10 minutes, which hold the least and the greatest one, so that a short dip
+   remains visible. Values are 16-bit: 10 bytes a short slot, 20 a long one, 5280 for a port, which
+   are taken when its first value comes. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"
@@ -45,7 +45,7 @@ class plots
     /* Takes values in. `now_s` is any clock that never goes back. */
     void add(const tesk_client_pm &pm, uint64_t now_s);
 
-    /* The slot that ends up `age` slots before the one of `now_s`; absent values where nothing was
+    /* The slot that is `age` slots older than the one of `now_s`; absent values where nothing was
        read in it, or where it is too old. */
     slot hour(uint64_t now_s, size_t age) const;
     range day(uint64_t now_s, size_t age) const;

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* refresh_rules - when the grades of a port are to be taken again. The server grades a port when it
-   reports on it, that is with a change of link or module; a value that creeps away changes no
-   grade. Each refresh costs three records of the server's action history, of thirty: so they are
-   few. No state. */
+   reports on it, that is at a change of link or module; a value that drifts changes no grade. Each
+   refresh takes three of the thirty records in the server's action history, so refreshes are rare.
+   No state. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"

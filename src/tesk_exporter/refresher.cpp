@@ -34,7 +34,8 @@ void refresher::request(uint32_t port_no)
 
 bool refresher::connect()
 {
-    /* Nobody looks at the session between two refreshes: the server may be another one by now. */
+    /* The session isn't dispatched between two refreshes: the server may have been restarted
+       since. */
     if (session_ != nullptr && tesk_client_dispatch(session_) == TESK_CLIENT_OK)
         return true;
     tesk_client_close(std::exchange(session_, nullptr));
@@ -58,7 +59,7 @@ grades_fact refresher::refresh(uint32_t port_no)
     if (!connect() ||
         tesk_client_subscribe(session_, TESK_CLIENT_PORT_STATUS, port_no) != TESK_CLIENT_OK)
         return result_;
-    /* In a loop, since a stop that comes when nothing runs ends the next run. */
+    /* In a loop, since a stop that was requested while nothing ran ends the next run. */
     const steady_time end = steady_clock::now() + std::chrono::milliseconds(deadline_ms);
     while (!result_.succeeded && tesk_client_connected(session_) && steady_clock::now() < end)
         tesk_client_run(session_, deadline_ms);

@@ -21,8 +21,7 @@ class refresher
     refresher(const refresher &) = delete;
     refresher &operator=(const refresher &) = delete;
 
-    /* Asks for the grades of a port, one port at a time: a grades_fact follows, whatever happens.
-     */
+    /* Requests the grades of a port, one port at a time: a grades_fact follows in any case. */
     void request(uint32_t port_no);
     /* As that of the collector. */
     void stop()

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* web_files - the files of the page, from one folder. They are listed once, at the start: only what
-   is listed can be asked for, so that no path leads out of the folder. */
+/* web_files - the files of the page, from one folder. They are listed once, at the start: only
+   listed files can be requested, so that no path leads out of the folder. */
 #pragma once
 
 #include <map>

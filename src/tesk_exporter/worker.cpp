@@ -33,7 +33,7 @@ void worker::start(std::function<void()> body)
     thread_ = std::thread(std::move(body));
 }
 
-/* The descriptor stays readable: whoever waits for it again is stopped again. */
+/* The descriptor stays readable, so that every later wait returns at once. */
 void worker::stop()
 {
     eventfd_write(stop_fd_, 1);

@@ -9,8 +9,9 @@
 namespace exporter
 {
 
-/* Runs `body` on a thread of its own from start() on, until the body returns; the destructor asks
-   for the end and waits for it. The body must return soon after must_stop(). */
+/* Runs `body` on a thread of its own from start() on, until the body returns; the destructor
+   requests the stop and joins the thread. The body must return soon after must_stop() has become
+   true. */
 class worker
 {
   public:
@@ -20,10 +21,10 @@ class worker
     worker &operator=(const worker &) = delete;
 
     void start(std::function<void()> body);
-    /* Any thread. Asks for the end, and waits for it. Harmless a second time. */
+    /* Any thread. Requests the stop and joins the thread. Harmless a second time. */
     void stop();
 
-    /* The rest is for the body. */
+    /* The functions below are called by the body. */
     bool must_stop() const;
     /* Waits until `fd` is readable (-1: none), until the time is over, or for the stop. True where
        the descriptor is readable. */

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The filter looks at the number of the system call and, for ioctl, at the command, a 32-bit number
-   in the lower half of the second argument. It can't look at what a pointer leads to: which ethtool
-   command or which address on a bus is for the code alone. */
+/* The filter checks the number of the system call and, for ioctl, the command, a 32-bit number in
+   the lower half of the second argument. It can't read memory behind a pointer: the ethtool command
+   and the address on a bus are checked by the code only. */
 #include "tesk_module_reader/confinement.h"
 
 #include <cerrno>
@@ -26,8 +26,8 @@ namespace module_reader
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/* What isn't permitted already stays so. Dropping what a program started later might get needs a
-   right of its own and may fail; PR_SET_NO_NEW_PRIVS covers that. */
+/* Drops all rights but a permitted CAP_NET_ADMIN. Reducing the bounding set, which limits programs
+   started later, needs a right of its own and may fail; PR_SET_NO_NEW_PRIVS covers that case. */
 void keep_net_admin_only()
 {
     __user_cap_header_struct head = {.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};

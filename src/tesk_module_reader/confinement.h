@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* confinement - what the process gives up before it takes the first request. */
+/* confinement - drops the process's rights before it takes the first request. */
 #pragma once
 
 namespace module_reader
@@ -9,8 +9,8 @@ namespace module_reader
    gets any. Throws a std::system_error. */
 void keep_net_admin_only();
 
-/* From now on the process can talk over the sockets and to the buses that it has open, and end. Any
-   other system call ends it. Throws a std::system_error. */
+/* From now on the process can use the sockets and buses that it has open, and exit. The kernel ends
+   it at any other system call. Throws a std::system_error. */
 void allow_requests_only();
 
 } // namespace module_reader

@@ -18,7 +18,8 @@ namespace module_reader
 
 static constexpr size_t table_size = size_t{known_interfaces::most_ports} * 2 * sizeof(int32_t);
 
-/* A descriptor, or -1 after a message: then readers have nothing to hand on. */
+/* A descriptor, or -1 after a message: then a later reader has no record of this one's
+   interfaces. */
 static util::descriptor open_table(const std::string &directory)
 {
     const std::string path = directory + "/interfaces";

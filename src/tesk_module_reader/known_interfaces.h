@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* known_interfaces - which interface each port has, by the kernel's index, handed on from a reader
-   to the next one while the same server runs: an interface may have another name by then, and
-   without a configuration its number may have been another's. Not to the next server, which looks
-   for the names of its own configuration.
+/* known_interfaces - a file with the interface of each port, by the kernel's index. A reader that
+   is started again while the same server runs takes the interfaces from it: an interface may have
+   been renamed since, and without a configuration the ports could be numbered otherwise. The next
+   server doesn't use it, as its configuration may have changed.
 
    The indices stand in a file of the service's own directory, mapped into memory, since a reader
-   that answers requests opens and writes no file. Nobody but root and the service can write it. */
+   that answers requests opens and writes no file. Only root and the service can write it. */
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ namespace module_reader
 class known_interfaces
 {
   public:
-    /* Without a directory nothing is handed on. Throws a std::system_error. */
+    /* Without a directory nothing is kept. Throws a std::system_error. */
     explicit known_interfaces(const std::string &directory);
     ~known_interfaces();
     known_interfaces(const known_interfaces &) = delete;
@@ -26,8 +26,9 @@ class known_interfaces
 
     /* The interface that a port had when it was configured under this name, or 0. */
     int32_t find(uint32_t port, const std::string &name) const;
+    /* Stores the interface of a port that is configured under this name. */
     void set(uint32_t port, const std::string &name, int32_t index);
-    /* The server has ended. */
+    /* Clears the file: called when the server has ended. */
     void forget();
 
     static constexpr uint32_t most_ports = 65535;

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk-module-reader - reads the memories of pluggable modules for tesk-server, which so needs no
-   right of its own.
+/* tesk-module-reader - reads the memories of pluggable modules for tesk-server, which therefore
+   needs no special right.
 
    The process is started with a socket: by systemd with a listening one, or with a connected one as
    descriptor N. It reads the configuration, opens what it will need, gives up all other rights and
@@ -51,7 +51,7 @@ struct options {
 /* Where requests come from. */
 struct endpoint {
     int listener = -1;
-    uid_t owner = 0; /* the only user whose processes are let in */
+    uid_t owner = 0; /* the only user whose processes may connect */
     std::vector<int> clients = {};
 };
 
@@ -60,7 +60,7 @@ struct endpoint {
 /* The first socket that systemd passes. */
 static constexpr int systemd_socket = 3;
 
-/* tesk-server is one client; others wait in the queue of the socket. */
+/* tesk-server is the one client; others wait in the backlog of the socket. */
 static constexpr size_t most_clients = 4;
 
 static constexpr int wrong_usage = 2;
@@ -93,7 +93,7 @@ static std::optional<int> parse_descriptor(std::string_view text)
     return number;
 }
 
-/* Nothing where the process has done all that was asked for; `status` is its exit status then. */
+/* Nothing if the process is to end, as after --help; `status` is its exit status then. */
 static std::optional<options> parse_options(int argc, char **argv, int &status)
 {
     static constexpr option names[] = {{"fd", required_argument, nullptr, 'f'},
@@ -135,8 +135,8 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
     return chosen;
 }
 
-/* Nothing without a file. A file that can't be trusted gives no port at all: the ports must not
-   silently become others than it says. */
+/* Nothing without a file. A file that can't be trusted gives no ports: numbering them without it
+   would silently give other ports. */
 static std::optional<linux_board::port_config> read_config()
 {
     const std::string path = linux_board::port_config_path();
@@ -169,7 +169,7 @@ static uid_t owner_of_socket(int listener)
     return status.st_uid;
 }
 
-/* Of an inherited socket the process that passed it has decided who is at the other end. */
+/* The peer of an inherited socket isn't checked: the process that passed it has chosen the peer. */
 static endpoint find_endpoint(const options &chosen)
 {
     endpoint found;
@@ -201,12 +201,14 @@ static void accept_client(endpoint &where)
         where.clients.push_back(fd);
         return;
     }
-    fprintf(stderr, "tesk-module-reader: user %u is not allowed to ask\n", peer.uid);
+    fprintf(stderr,
+            "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u\n",
+            peer.uid, where.owner);
     close(fd);
 }
 
-/* False when the client is to be dropped: it left, broke the protocol or doesn't take its answers.
- */
+/* False when the client is to be disconnected: it has disconnected, broke the protocol or doesn't
+   take its answers. */
 static bool serve_client(int fd, reader_ports &ports)
 {
     std::array<uint8_t, sizeof(reader_request) * READER_MOST_REQUESTS + 1> packet;
@@ -221,9 +223,9 @@ static bool serve_client(int fd, reader_ports &ports)
                                    static_cast<ssize_t>(length);
 }
 
-/* Until the last client has left. A listener passed by systemd has one waiting. A client that comes
-   while the last one leaves is not let in: it is a server that was started anew, perhaps with
-   another configuration, and gets a reader that was started anew. */
+/* Serves until the last client has disconnected. A listener passed by systemd has a client waiting.
+   A client that connects while the last one disconnects is refused: it is a restarted server,
+   perhaps with another configuration, and gets a new reader. */
 static void serve(endpoint &where, reader_ports &ports)
 {
     do {

@@ -75,8 +75,8 @@ static int ethtool_ioctl(int fd, ifreq &request, void *command)
     return ioctl(fd, SIOCETHTOOL, &request) == 0 ? 0 : errno;
 }
 
-/* The older interface has one row of bytes: lower memory and pages, or 0x50 and then 0x51. A driver
-   that says it has no second address must not be asked for it. */
+/* The older interface has one row of bytes: lower memory and pages, or 0x50 and then 0x51. The
+   second address must not be read from a driver that reports none. */
 static int place_in_row(const ethtool_modinfo &module, const reader_request &range, uint32_t &at)
 {
     at = range.page * 128u + range.offset;
@@ -141,7 +141,7 @@ static int read_combined(int fd, const reader_request &range, std::span<uint8_t>
     return ioctl(fd, I2C_RDWR, &transfer) < 0 ? errno : 0;
 }
 
-/* Controllers that know the SMBus alone read blocks, which may be shorter than asked for. */
+/* Controllers for the SMBus only read blocks, which may be shorter than requested. */
 static int read_blocks(int fd, const reader_request &range, std::span<uint8_t> out)
 {
     if (ioctl(fd, I2C_SLAVE_FORCE, static_cast<long>(range.address)) < 0)

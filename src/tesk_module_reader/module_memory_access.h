@@ -23,6 +23,7 @@ class interface_modules
     interface_modules(const interface_modules &) = delete;
     interface_modules &operator=(const interface_modules &) = delete;
 
+    /* Reads `range` from the module of the interface with that index. `out` has its length. */
     int read(int32_t index, const reader_request &range, std::span<uint8_t> out);
 
   private:
@@ -38,7 +39,7 @@ class interface_modules
 int open_bus(uint32_t bus);
 
 /* Straight from an I2C bus, where the kernel knows of no cage. The only byte ever written is the
-   offset, so pages other than 0 can't be reached: EOPNOTSUPP. */
+   offset, so pages other than 0 can't be reached: EOPNOTSUPP. `out` has the length of the range. */
 int read_from_bus(int fd, const reader_request &range, std::span<uint8_t> out);
 
 } // namespace module_reader

@@ -53,8 +53,8 @@ reader_ports::~reader_ports()
             close(one.bus);
 }
 
-/* Each interface is asked for the first byte of its module's memory. Numbers that an earlier reader
-   gave, to interfaces that are gone as well, are not given anew. */
+/* Reads the first byte of each interface's module. Numbers that an earlier reader assigned are not
+   assigned to other interfaces, even if their own are gone. */
 void reader_ports::find_default_ports()
 {
     std::vector<link_report> all = linux_board::list_interfaces(route_);

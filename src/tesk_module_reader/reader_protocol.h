@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* reader_protocol - what libdolm_ric and tesk-module-reader say to each other over a SOCK_SEQPACKET
+/* reader_protocol - the protocol between libdolm_ric and tesk-module-reader over a SOCK_SEQPACKET
    socket: one packet of requests, then one packet with as many answers, in the same order. Both
    processes run on the same machine, so numbers are in its byte order. */
 #ifndef READER_PROTOCOL_H

@@ -17,7 +17,7 @@ namespace module_reader
 using reading = std::function<reader_answer(const reader_request &)>;
 
 /* One answer for each request. Empty for a packet that isn't a whole number of requests, has none
-   or too many: such a client isn't talked to. */
+   or too many: such a client is disconnected without an answer. */
 std::vector<reader_answer> answer_packet(std::span<const uint8_t> packet, const reading &read);
 
 } // namespace module_reader

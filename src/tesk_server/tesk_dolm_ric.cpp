@@ -147,8 +147,8 @@ static bool handle_event(const dolm_ric_event *event)
 }
 
 /* Before the wait is repeated after so many failures in a row: a short one at first, as the failure
-   may be temporary, then doubled up to the longest, so that a library that has failed for good
-   costs hardly any CPU time and ten traces a second. */
+   may be temporary, then doubled up to the longest, so that a library that fails permanently costs
+   hardly any CPU time and ten traces a second. */
 static void pause_after_failures(uint32_t failures)
 {
     long pause_ms = shortest_pause_ms;

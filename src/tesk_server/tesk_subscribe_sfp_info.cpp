@@ -2,8 +2,8 @@
 /* The module is read before the CFM, since the library may report only then that it doesn't know
    the port. At that point the port subscription table has counted the client, but the client holds
    no subscription that an unsubscription or its loss could end. The client is therefore removed
-   from the table before the rejection; otherwise the hardware subscription would stay for good. A
-   port status subscription has no such case and reads its port after the CFM.
+   from the table before the rejection; otherwise the hardware subscription would never end. A port
+   status subscription has no such case and reads its port after the CFM.
 
    The module is read once for all subscribers of a port, and they are notified in the order of the
    registry, newest client first. */

@@ -43,7 +43,7 @@ class descriptor
     {
         return is_open();
     }
-    /* Gives up ownership. */
+    /* Releases ownership. */
     int release() noexcept
     {
         return std::exchange(number_, -1);

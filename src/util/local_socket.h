@@ -42,10 +42,11 @@ inline descriptor connect_to(std::string_view path, int type)
     return connection;
 }
 
-/* Listens at a path that doesn't exist yet, for the owner and the group of that number. Nobody can
-   connect before the group and the mode are set. A caller who isn't a member of the group leaves
-   the socket's own group. A symbolic link that somebody puts in the socket's place is not followed;
-   a system without /proc can't promise that, and there the umask applies to the mode. */
+/* Listens at a path that doesn't exist yet, for the owner and the group of that number. No process
+   can connect before the group and the mode are set. A caller who isn't a member of the group
+   leaves the socket's own group. A symbolic link that another process puts in the socket's place is
+   not followed; a system without /proc can't promise that, and there the umask applies to the
+   mode. */
 inline descriptor listen_at(std::string_view path, int type, mode_t mode, gid_t group, int backlog)
 {
     sockaddr_un address;

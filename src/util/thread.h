@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* thread - threads of a library inside somebody else's process. */
+/* thread - threads of a library in the process of another program. */
 #pragma once
 
 #include <csignal>

@@ -244,7 +244,7 @@ int zel_register_thread_name(const char *name)
     /* ThreadSanitizer makes a thread's record of signals when it is first needed, and loses a
        signal that comes while it is being made. */
     raise(0);
-    /* The mask first: the line tells a test that the thread may be sent a process signal. */
+    /* The mask first: the line shows a test that the thread can receive a process signal. */
     procInfo[3] = to_stdout() ? (1u << 1 | 1u << 4) : mask;
     log_line(std::string("thread ") + name);
     return 0;

@@ -354,7 +354,7 @@ static struct platform_driver driver = {
 	},
 };
 
-/* There is no exit: what the sfp driver holds can't be taken from it. */
+/* There is no exit: the sfp driver's references can't be taken from it. */
 static int __init cagesfp_init(void)
 {
 	root = debugfs_create_dir("cagesfp", NULL);

@@ -12,7 +12,7 @@ import pytest
 
 import tesk_client as tesk
 from conftest import await_descriptors
-from tesk_client import _core
+from tesk_client import _core, _feed
 from tesk_client._library import printable
 
 PATIENCE = 20
@@ -192,13 +192,13 @@ def test_no_exception_of_a_signal_handler_vanishes(server, tmp_path, monkeypatch
 
 
 def test_a_watch_that_nobody_reads_is_bounded_and_keeps_each_port_s_last_state():
-    feed = _core.Feed([], lambda: None)
+    feed = _feed.Feed([], lambda: None)
     changes = [tesk.SfpInfo(5 if number == 7 else 0, *[number] * 9)
-               for number in range(10 * _core.BACKLOG)]
+               for number in range(10 * _feed.BACKLOG)]
     for change in changes:
         feed.put(change)
     taken = list(iter(feed.take, None))
-    assert len(taken) <= _core.BACKLOG + 1 and taken[-1] == changes[-1] and taken[1] == changes[7]
+    assert len(taken) <= _feed.BACKLOG + 1 and taken[-1] == changes[-1] and taken[1] == changes[7]
     assert taken[0] == tesk.Missed(len(changes) - len(taken) + 1)
 
 

@@ -226,7 +226,7 @@ typedef struct dolm_ric_module_diag {
 } dolm_ric_module_diag;
 
 /* Starts the library and stores its handle; `flags` is 0. After a failure nothing is running, and
-   one line on standard error has said why. */
+   one line on standard error states the reason. */
 int32_t dolm_ric_init(uintptr_t *handle, uint32_t flags);
 
 /* Shuts the library down, whatever it returns; `flags` is 0. The thread in dolm_ric_waitevent, or

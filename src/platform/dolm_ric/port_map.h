@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* port_map - tells programs on this machine which port has which name. Both board libraries write
+/* port_map - writes the names of the ports to a file for other programs. Both board libraries write
    the same file: "# tesk-ports 1", then one line for each port, NUMBER<TAB>NAME, by number. */
 #pragma once
 

@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* How connections to our named mailboxes are accepted, on the helper's thread.
 
-   A client says hello and is answered with the memory and the bells, or told that the two mailboxes
-   are connected already, or that it can't be now; only then may signals flow. A connection that
-   does not greet is closed after two seconds, and one process may have a few such at a time.
+   A client sends a hello. The answer is a welcome with the memory and the bells, or a refusal: the
+   two mailboxes are connected already, or there can be no connection now. Signals flow only after
+   a welcome. A connection that does not greet is closed after two seconds, and one process may have
+   a few such at a time.
 
    When descriptors have run out, accepting would fail for as long as that lasts and the listener
    would stay readable: it is left alone for a moment and tried again. The same is done while the
@@ -195,7 +196,8 @@ static void handle_greeting(uint32_t, uint32_t number)
         newcomers.erase(n);
 }
 
-/* The wait for the next try is short enough for a client and long enough not to count. */
+/* Stops watching a listener for a while, which is short enough for a client and long enough to cost
+   little CPU time. */
 static void rest_listener(int listener, uint32_t mailbox_id)
 {
     helper_watch(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
@@ -203,7 +205,7 @@ static void rest_listener(int listener, uint32_t mailbox_id)
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
 
-/* No control connection when nobody wants to connect, or nobody can now. */
+/* No control connection if no client is waiting, or none can be accepted now. */
 static newcomer accept_one(uint32_t mailbox_id)
 {
     newcomer n{mailbox_id, {}, {}};

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The functions of mbx.h: what they are given is checked here, the work is done elsewhere. */
+/* The functions of mbx.h: they check their arguments and call the other modules. */
 #pragma GCC visibility push(default)
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
@@ -37,7 +37,7 @@ static void make_room_for_descriptors()
     const owned_fd highest(fcntl(any.get(), F_DUPFD_CLOEXEC, last));
 }
 
-/* A fork is made while nobody is inside, and the child drops what it has a copy of. */
+/* A fork holds all locks, and the child drops its copies. */
 static void before_fork() /* in the order of the locks */
 {
     helper_lock.lock();
@@ -85,7 +85,8 @@ static block *take_over(mbx_signal **signal)
     return block_of(std::exchange(*signal, nullptr));
 }
 
-/* A mailbox of the same process has no connection to watch: it tells its watchers when it goes. */
+/* A mailbox of the same process has no connection to watch: it notifies its watchers when it is
+   deleted. */
 static uint32_t monitor_local(mailbox &target, uint32_t id, uint32_t watcher, block *notice)
 {
     const uint32_t reference = next_connection_id();

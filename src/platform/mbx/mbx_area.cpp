@@ -126,7 +126,7 @@ bool may_be_bell(int fd, int socket)
 }
 
 /* The calls by their numbers: the library functions are points of cancellation. A count of 0, which
-   only a bell that was not made by make_bell can have, wakes nobody and blocks nobody. */
+   only a bell that was not made by make_bell can have, wakes no thread and blocks none. */
 bool ring_bell(int bell)
 {
     const errno_keeper keeper;

@@ -67,7 +67,7 @@ class mapped_area
     mapped_area &operator=(const mapped_area &) = delete;
     ~mapped_area();
 
-    /* 0: what the accepting side receives from; 1: what the connecting side receives from. */
+    /* 0: the ring from which the accepting side receives; 1: that of the connecting side. */
     mapped_ring ring(int side) const
     {
         return {&page_->words[side], page_->home[side],

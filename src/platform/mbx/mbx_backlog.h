@@ -23,7 +23,7 @@ extern std::atomic<size_t> held_in_all;
 /* Bytes of rings' pages that are mapped here because signals were read from them. */
 extern std::atomic<size_t> mapped_in_all;
 
-/* One part of a sum, which leaves it with the object. */
+/* One part of a sum; the destructor subtracts it. */
 template <std::atomic<size_t> &sum>
 class counted_bytes
 {

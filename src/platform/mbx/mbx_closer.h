@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_closer - closes what others have passed to us, on a thread of its own. Any thread.
+/* mbx_closer - closes the descriptors that peers have passed to us, on a thread of its own. Any
+   thread.
 
    The close of a descriptor can take as long as the process that passed it likes: a socket lingers,
    a file system of a process of its own does not answer. So nothing that was passed is closed by a
@@ -16,8 +17,8 @@
 /* Beyond so many that wait, their processes get no more connections. */
 constexpr size_t closing_at_most = 16;
 
-/* What one message, or one connection, leaves to be closed. It holds the connection's place in the
-   shares until that is done. */
+/* The descriptors of one message, or of one connection, that are to be closed. It holds the
+   connection's place in the shares until that is done. */
 struct to_close {
     std::vector<owned_fd> fds;
     peer_identity peer;

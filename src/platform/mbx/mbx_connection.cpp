@@ -43,8 +43,8 @@ void set_up(connection &c, connection_parts &&parts)
     c.is_bell_own = parts.side == 0;
 }
 
-/* The area stays mapped while the inbox has something to take from its other ring. What was passed
-   over the control connection is not closed here. */
+/* The area stays mapped while the inbox has something to take from its other ring. Descriptors
+   passed over the control connection are not closed here. */
 connection::~connection()
 {
     set_monitor(*this, nullptr, 0);

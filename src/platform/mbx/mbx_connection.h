@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_connection - the sending half of a connection to another mailbox, and what keeps it alive.
-   The receiving half is a source of the inbox, with the same id. Guarded by the mailbox's lock.
+/* mbx_connection - the sending half of a connection to another mailbox, and the resources of both
+   halves. The receiving half is a source of the inbox, with the same id. Guarded by the mailbox's
+   lock.
 
-   A send goes straight into the ring. What the ring has no room for waits in a backlog, and from
-   then on everything goes behind it, until the receiver reports room over the control connection.
- */
+   A send goes straight into the ring. A signal for which the ring has no room waits in a backlog,
+   and from then on everything goes behind it, until the receiver reports room over the control
+   connection. */
 #pragma once
 
 #include "platform/mbx/mbx_backlog.h"
@@ -17,7 +18,7 @@
 
 #include <memory>
 
-/* What makes a connection, once both sides have greeted. */
+/* The parts of a connection, once both sides have greeted. */
 struct connection_parts {
     owned_fd control;
     std::shared_ptr<mapped_area> area;
@@ -30,9 +31,9 @@ struct connection_parts {
     bool was_located = false; /* we looked for it */
 };
 
-/* What each send needs comes first, in one line of the cache. */
+/* The members that each send needs come first, in one line of the cache. */
 struct alignas(64) connection {
-    uint32_t id = 0;          /* what the other mailbox is called here; never used twice */
+    uint32_t id = 0;          /* this process's id of the other mailbox; never used twice */
     uint32_t next = 0;        /* the connection that was sent to after this one */
     owned_fd far_bell;        /* wakes the receiver */
     uint32_t met = 0;         /* its mark for fan_out */

@@ -12,7 +12,7 @@ bool fan_out::includes(uint32_t &met)
     return ++count_ > left_out_;
 }
 
-/* A run of two tells nothing. */
+/* A run of two predicts nothing. */
 void fan_out::end()
 {
     if (count_ > 2)

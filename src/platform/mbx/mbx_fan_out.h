@@ -18,7 +18,8 @@ class fan_out
     /* To be called for each receiver that has to be woken; `met` is the receiver's own mark, 0 at
        first. Returns whether it belongs to a fan-out. */
     bool includes(uint32_t &met);
-    /* Something else has happened: what is sent next may be an answer to it. */
+    /* Ends the run of wake-ups: called at any other event, as the next signal may be an answer to
+       it. */
     void end();
 
   private:

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_helper - the one thread that serves the library in a process: it waits for descriptors and
-   points in time, and calls functions. It knows nothing of what they are for, and blocks all
-   process signals. */
+   points in time, and calls functions. It is independent of their purpose, and blocks all process
+   signals. */
 #pragma once
 
 #include "platform/mbx/mbx_fd.h"
@@ -11,8 +11,9 @@
 /* Held while a function is called, but not while the thread waits. Comes before all other locks. */
 extern std::mutex helper_lock;
 
-/* What a descriptor is watched for: the kind chooses the function, `slot` (24 bits) and `id` tell
-   it what the event is about. It looks that up again, because it may have ended meanwhile. */
+/* The purpose of a watched descriptor: the kind chooses the function, `slot` (24 bits) and `id`
+   identify the object of the event, which the function looks up again, because it may have ended
+   meanwhile. */
 constexpr size_t helper_kinds = 8;
 using helper_call = void (*)(uint32_t slot, uint32_t id);
 /* Does what is due at `now`; returns when it is to be called next, at the latest. */

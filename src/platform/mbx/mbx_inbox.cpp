@@ -4,13 +4,14 @@
    that have something since, and they go to the front. So between a signal's arrival and its
    reception every other source is served at most once before the look and not at all after it.
 
-   The look costs as much as a signal. It is spared where there is nobody to be fair to: of the only
-   source a few signals are taken before the next look; and a caller that is going to wait looks by
-   waiting.
+   The look costs as much as a signal. It is skipped where no other source can be waiting: of the
+   only source a few signals are taken before the next look; and a caller that is going to wait
+   looks by waiting.
 
    Each ring of a bell comes with a signal, and a source that rests is not looked at before it is
    rung (mbx_ring.h). So a source in the line always has something to give. If it has not, its
-   sender has lied; the owner may have been woken, so it gets a signal with the number 0 from it. */
+   sender breaks the protocol; the owner may have been woken, so it gets a signal with the number 0
+   from it. */
 #include "platform/mbx/mbx_inbox.h"
 
 #include <algorithm>
@@ -58,8 +59,9 @@ bool inbox::add_event(int fd, uint32_t events, uint32_t id)
     return epoll_ctl(poll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* Under the lock, so that the descriptor agrees with what everybody finds who holds it. An event
-   can be written at any time: while it is watched for that, the descriptor is readable. */
+/* Under the lock, so that the descriptor agrees with the state that the next holder of the lock
+   finds. An event can be written at any time: while it is watched for that, the descriptor is
+   readable. */
 void inbox::raise(bool wanted)
 {
     if (wanted == is_raised_)
@@ -228,7 +230,7 @@ block *inbox::take_from(source &s)
     return s.is_ended ? take_ended(s) : take_living(s);
 }
 
-/* Null when nothing is there, or when the caller is going to wait and nothing is known to be. */
+/* Null without a signal, or, when the caller is going to wait, without a known one. */
 block *inbox::next(bool waits)
 {
     for (;;) {
@@ -256,7 +258,7 @@ block *inbox::take_set_aside(const uint32_t *filter, uint32_t sender)
     return nullptr;
 }
 
-/* What does not match stays in the mailbox, in its order and before all that comes later. */
+/* Signals that don't match stay in the mailbox, in their order and before all later ones. */
 block *inbox::take_matching(const uint32_t *filter, uint32_t sender, bool waits)
 {
     if (block *b = take_set_aside(filter, sender))
@@ -360,7 +362,7 @@ bool inbox::rest(uint32_t id)
 }
 
 /* What the epoll reports of the bell at once is passed over, as of a source that is in the line;
-   nobody rings for it before the source rests. */
+   its sender doesn't ring before the source rests. */
 bool inbox::watch_quietly(uint32_t id)
 {
     source *s = sources_.find(id);

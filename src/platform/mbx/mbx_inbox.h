@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_inbox - what a mailbox receives, and whose turn it is. Guarded by the mailbox's lock, except
-   for push().
+/* mbx_inbox - the signals that a mailbox receives, and the order of their senders. Guarded by the
+   mailbox's lock, except for push().
 
    Signals come from sources: one for each connection, whose signals come out of a ring, and one for
    what is sent within the process. The descriptor is an epoll over the bells of the rings and a
@@ -19,7 +19,7 @@
 #include <mutex>
 #include <sys/epoll.h>
 
-/* What an inbox asks of its mailbox, with the lock held. */
+/* The calls of an inbox to its mailbox, made with the lock held. */
 struct inbox_owner {
     void *self;
     /* The sender with that id waits for room in its ring, and there is some. */
@@ -75,9 +75,9 @@ class inbox
     bool add_notice(uint32_t id, block *notice);
     /* The ended source that holds most memory, with its bytes; or null. */
     const source *largest_ended();
-    /* What is unread in that source's ring is lost. */
+    /* Drops the unread signals in that source's ring. */
     void drop_unread(uint32_t id);
-    /* Gives back what is mapped of rings beyond their first pages. */
+    /* Unmaps the pages of rings beyond their first ones. */
     void trim();
 
     /* As mbx_receive. `hold` is the lock, which is released for the wait. Null, too, when the inbox
@@ -120,6 +120,7 @@ class inbox
     size_t round_ = 0;                   /* turns until the next look for others */
     uint32_t unlooked_ = 0;              /* signals of the only source until the next look */
     std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor before it receives */
-    uint32_t departed_ = 0; /* a source that may have woken the owner for nothing and is gone */
+    uint32_t departed_ = 0; /* a source that may have woken the owner without a signal, and has been
+                               removed */
     block_queue set_aside_; /* passed over by a filter */
 };

@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 
 static constexpr int locate_ms = 5000;
 static constexpr auto locate_pause = 5ms;
-/* A server of libmbx 1.0.0 hangs up without a word, each time. One of ours answers, unless it ends.
- */
+/* A server of libmbx 1.0.0 closes the connection each time without an answer. This version answers,
+   unless it is ending. */
 static constexpr int unanswered_at_most = 40;
 
 namespace
@@ -24,7 +24,7 @@ namespace
 enum class attempt {
     done,
     again,      /* nothing came of it */
-    unanswered, /* the other side hung up without a word */
+    unanswered, /* the other side closed the connection without an answer */
     failed      /* errno tells why */
 };
 
@@ -63,7 +63,8 @@ static greeting await_greeting(int control, time_point deadline)
     return n > 0 ? receive_greeting(control) : greeting{};
 }
 
-/* Of what was passed. Empty, with errno, unless it is as it must be. */
+/* Makes the parts from the descriptors that were passed, if they pass the checks. Empty with errno
+   otherwise. */
 static std::optional<connection_parts> check_parts(call &c)
 {
     connection_parts parts;
@@ -138,8 +139,8 @@ static void complain_about_old_wire(const char *name)
         name);
 }
 
-/* Somebody listened but nothing has come of it (it ends, or has no descriptors left): it is tried
-   again until the deadline. */
+/* The peer accepted but did not greet (it is stopping, or has no descriptors left): retry until the
+   deadline. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
     const time_point deadline = locate_deadline();

@@ -48,7 +48,7 @@ enum watch_kind : size_t {
     WATCH_FIRST_RING,   /* the same */
 };
 
-/* Tells the helper what to call. Before it starts. */
+/* Registers the functions that the helper calls, before it starts. */
 void set_up_peers();
 void set_up_accepting();
 /* Without any lock: makes what the next connection consists of, so that it stands sooner. */
@@ -93,15 +93,15 @@ void push_local(uint32_t receiver, block *b, uint32_t sender);
    in mbx_locate.cpp. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name);
 
-/* What follows stands in mbx_peers.cpp, and wants the mailbox's lock held unless said otherwise. */
+/* The functions below are in mbx_peers.cpp, and need the mailbox's lock held unless they say
+   otherwise. */
 
 /* Makes a connection from its parts and returns its id. 0 with errno on failure. One that we have
    not located wants watch_life_of() soon. */
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
 /* The connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer);
-/* Ends it. What the peer has sent is kept for the owner, and behind it comes the monitor's notice.
- */
+/* Ends it. The peer's unread signals are kept for the owner, followed by the monitor's notice. */
 void end_connection(mailbox &m, uint32_t id);
 /* Takes the lock itself. Takes the block over. `own` is the id that the mailbox must have. */
 void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b);

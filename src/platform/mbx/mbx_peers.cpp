@@ -25,16 +25,16 @@ static constexpr auto time_to_trim = std::chrono::seconds(2);
 static std::atomic<bool> is_trim_wanted;
 static time_point trim_time = time_point::max(); /* guarded by helper_lock */
 
-/* Pages of rings that traffic needed are given back when it is over. */
+/* Pages of rings that a burst needed are unmapped after it. */
 static void want_trim()
 {
     if (!is_trim_wanted.load(std::memory_order_relaxed) && !is_trim_wanted.exchange(true))
         helper_wake();
 }
 
-/* Many receivers of the same news are told in the same order each time, and of a thousand each
-   one's connection has left the caches meanwhile. So the next one's ring is fetched while this
-   one's signal is sent, and the record of the one after that. This saves 1 to 5 % of the sender's
+/* An indication to many receivers is sent in the same order each time, and of a thousand each one's
+   connection has left the caches meanwhile. So the next one's ring is fetched while this one's
+   signal is sent, and the record of the one after that. This saves 1 to 5 % of the sender's
    time. */
 static void expect_next(mailbox &m, connection &c)
 {
@@ -100,7 +100,7 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     return 0;
 }
 
-/* A token alone proves nothing, because those who were told it could repeat it: the process, which
+/* A token alone proves nothing, because any peer that received it could send it: the process, which
    the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer)
 {

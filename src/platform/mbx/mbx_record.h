@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_record - signals as records in a ring (mbx_ring.h). Each end belongs to whoever guards it.
+/* mbx_record - signals as records in a ring (mbx_ring.h). Each end is guarded by its owner.
 
    A record is a head of 8 bytes, whose first word is the signal's size, and the signal, padded to a
    multiple of 8. It lies in one piece, in the home of the ring (mbx_area.h) or in its rest: where
-   it would not, a head with a mark in place of the size tells how many bytes the receiver leaves
-   out.
+   it would not, a head with a mark in place of the size tells how many bytes the receiver skips.
 
    A ring that keeps running empty stays within its home, if its signals take up to half of it. The
    pages of the rest are counted, and can be given back: by the sender when everything has been

@@ -3,7 +3,7 @@
 
    A sender puts its block into the receiver's inbox without a lock. A pin keeps the inbox open
    between the look at the id and the push: delete_mailbox takes the id away first and then waits
-   until nobody has the mailbox pinned, which lasts a few instructions. */
+   until no thread has the mailbox pinned, which lasts a few instructions. */
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_mailbox.h"
 
@@ -163,8 +163,8 @@ uint32_t create_mailbox(const char *name)
     return id;
 }
 
-/* The other way round: nobody finds it, nobody is about to put something in, then it is emptied. A
-   connection in which something waits for the receiver stays until that is handed over. */
+/* In reverse order: first the mailbox can't be found any more, then no sender has it pinned, then
+   it is emptied. A connection whose receiver has a backlog stays until that is sent. */
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = m.id.exchange(0);

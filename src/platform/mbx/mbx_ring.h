@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_ring - one direction of a connection in memory that two processes share: the positions of
-   sender and receiver, and the rules by which one wakes the other. What the bytes between the two
-   positions mean is left to mbx_record.h.
+   sender and receiver, and the rules by which one wakes the other. The meaning of the bytes between
+   the two positions is defined in mbx_record.h.
 
    Positions count bytes since the connection was made, modulo 2^32, and are multiples of 8. Each
    side keeps its own position in private memory and only publishes it; of the other side's words it
-   believes what the rules allow and nothing else.
+   accepts only values that the rules allow.
 
    Waking the receiver. A receiver that finds the ring empty stores its position, with the lowest
    bit set, in `armed` and looks at `head` once more. A sender that has published looks at `armed`,
@@ -76,8 +76,8 @@ struct ring_orders {
     static constexpr auto before_waiting = std::memory_order_seq_cst;
 };
 
-/* In shared memory, all 0 at first. What the sender writes often and what the receiver writes often
-   stand in different cache lines. */
+/* In shared memory, all 0 at first. The words that the sender writes often and those that the
+   receiver writes often are in different cache lines. */
 template <typename atomics>
 struct ring_words {
     alignas(64) typename atomics::word head; /* the sender's position */
@@ -169,7 +169,8 @@ class ring_receiver
     {
         return tail_;
     }
-    /* How many bytes from the position on may be read. More than the capacity is a lie. */
+    /* How many bytes from the position on may be read. A number above the capacity shows that the
+       sender breaks the protocol. */
     uint32_t available() const
     {
         return atomics::load(words_->head, orders::find) - tail_;
@@ -184,7 +185,8 @@ class ring_receiver
         return ((before ^ tail_) & (capacity_ / 2)) != 0;
     }
     /* To be called when nothing is available. True: from now on the receiver is rung for the next
-       signal, and must not look before. False: something has come that nobody rings for. */
+       signal, and must not look before. False: a signal has arrived for which the sender doesn't
+       ring. */
     bool rest()
     {
         const uint32_t armed = tail_ | 1;

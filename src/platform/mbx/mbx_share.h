@@ -20,14 +20,14 @@ struct peer_identity {
     pid_t process = -1;
     uid_t user = 0;
 
-    /* For tables: processes that we can't tell apart count by user. */
+    /* For tables: processes that can't be distinguished count by user. */
     int64_t key() const
     {
         return process > 0 ? process : -1 - int64_t{user};
     }
 };
 
-/* One connection's place in the shares, given back with the object. */
+/* One connection's place in the shares; the destructor releases it. */
 class share
 {
   public:

@@ -51,8 +51,8 @@ static void take_fds(const unsigned char *data, size_t count, std::vector<owned_
         fds.emplace_back(numbers[i]);
 }
 
-/* Returns as recvmsg does. `is_message` tells an empty message from the end of the connection: a
-   message has control data at least, the sender's credentials (prepare_control). */
+/* Returns as recvmsg does. `is_message` distinguishes an empty message from the end of the
+   connection: a message has control data at least, the sender's credentials (prepare_control). */
 static ssize_t receive(int control, void *data, size_t size, std::vector<owned_fd> &fds,
                        bool &is_message)
 {

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_socket - what is said on a control connection: the greeting, and bytes that wake. No state.
+/* mbx_socket - the messages on a control connection: the greeting, and bytes that wake. No state.
 
    The connecting side says hello; the accepting side answers with a welcome, which carries the
-   memory and the two bells, or tells that it has no more to say. After that each side may send
-   single bytes. Anything else ends the connection. */
+   memory and the two bells, or with one of the two refusals. After that each side may send single
+   bytes. Anything else ends the connection. */
 #pragma once
 
 #include "platform/mbx/mbx_closer.h"
@@ -14,12 +14,12 @@
 #include <cstdint>
 #include <vector>
 
-/* Which mailbox somebody claims to be. Random, and told to peers only. */
+/* The identity of a mailbox: random, and sent to peers only. */
 using mailbox_token = std::array<uint64_t, 2>;
 mailbox_token make_token();
 
 enum class greeting_kind : uint32_t {
-    hello = 1, /* the one who connects */
+    hello = 1, /* of the connecting side */
     welcome,   /* the answer; carries welcome_fds descriptors */
     known,     /* the answer when the two are connected already */
     refused,   /* the answer when there can be no connection now */
@@ -37,7 +37,7 @@ enum class heard {
     nothing,  /* nothing has come yet */
     greeting, /* a proper one */
     old_wire, /* the greeting of libmbx 1.0.0 */
-    end,      /* the other side is gone, without a word */
+    end,      /* the other side has closed the connection */
     nonsense, /* anything else */
 };
 
@@ -45,8 +45,8 @@ struct greeting {
     heard what = heard::nothing;
     greeting_kind kind = greeting_kind::hello;
     mailbox_token token{};
-    /* Whatever was passed, up to all that a message can carry. With a proper greeting as many as
-       its kind has. The receiver sees to it that the others go to close_later. */
+    /* The descriptors of the message, as many as a message can carry; of a proper greeting as many
+       as its kind has. The receiver passes the others to close_later. */
     std::vector<owned_fd> fds;
 };
 
@@ -55,8 +55,8 @@ greeting receive_greeting(int control);
 
 /* The bytes of a greeted connection. */
 enum class wake : unsigned char {
-    room = 'r', /* what waits in you for me has room again */
-    bell = 'b', /* a signal for you, from a side that can't ring */
+    room = 'r', /* the ring has room for the receiver's backlog */
+    bell = 'b', /* a signal was sent by a side that can't ring */
 };
 void send_wake(int control, wake what);
 
@@ -68,8 +68,8 @@ control_event receive_wake(int control, std::vector<owned_fd> &fds);
 /* For a fresh control connection, or a listener, which passes it on to those that it accepts: what
    receive_greeting and receive_wake need. */
 void prepare_control(int control);
-/* From now on the kernel lets nobody pass a descriptor to this socket (since Linux 6.16; nothing
-   happens before), and little waits in it for a peer who does not read. */
+/* From now on the kernel refuses descriptors for this socket (since Linux 6.16; no effect before),
+   and keeps little for a peer that does not read. */
 void restrict_control(int control);
 
 /* Ends a control connection for both sides and closes it. It returns at once: where something was

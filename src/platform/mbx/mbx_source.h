@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_source - one sender of an inbox, and the line in which those stand that have something.
-   Guarded by whoever guards the inbox. */
+/* mbx_source - one sender of an inbox, and the queue of the sources that have a signal. Guarded as
+   the inbox. */
 #pragma once
 
 #include "platform/mbx/mbx_backlog.h"

@@ -46,7 +46,7 @@ class id_table
                 return one.get();
         return nullptr;
     }
-    /* What stands at the id's place: its record, another one, or null. */
+    /* The record at the id's place: its own, another one, or null. */
     record *at_place_of(uint32_t id) const
     {
         return places_[place_of(id)].get();

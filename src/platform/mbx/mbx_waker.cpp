@@ -38,7 +38,7 @@ struct waker {
  */
 static waker *the_waker = new waker;
 
-/* A thread of this kind preempts nobody when it wakes up, and is preempted at once. One that has
+/* A thread of this class preempts no other when it wakes up, and is preempted at once. One that has
    inherited a priority keeps it, so as not to starve behind its sender. */
 static void give_way()
 {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-uint64_t now_us();
+uint64_t now_us();                           /* the present time */
 std::string clock_time(uint64_t time_us);    /* 14:02:11.123 */
 std::string clock_seconds(uint64_t time_us); /* 14:02:11 */
 std::string date(uint64_t time_us);          /* 2026-03-01 */

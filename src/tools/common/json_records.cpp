@@ -26,7 +26,7 @@ static std::string key_of(uint32_t measurement)
     return key;
 }
 
-/* Always all of them, as the server sends them. */
+/* All of them, with "not measured" and the like, as the server sends them. */
 static json_object levels_to_json(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 {
     json_object levels;
@@ -41,7 +41,7 @@ static json_object value_or_null(bool has, value_type value)
     return has ? json_object(value) : json_object(nullptr);
 }
 
-/* To the hundredth, as people read it. */
+/* Rounded to hundredths, which are precise enough for people. */
 static json_object dbm_or_null(bool has, uint32_t microwatts)
 {
     const auto value = has ? to_dbm(microwatts) : std::nullopt;

@@ -18,5 +18,5 @@ json_object to_json(const tesk_client_pm &pm);
 json_object to_json(const tesk_client_history_record &record, tesk_client_history_kind kind);
 
 /* One line, without its end. Bytes that are not UTF-8, as a directory's name can have them, are
-   replaced instead of thrown about. */
+   replaced; they cause no exception. */
 std::string to_line(const json_object &object);

@@ -11,10 +11,13 @@
 inline constexpr uint32_t module_not_ready = 0x100; /* of no enumeration of the server */
 const char *module_text(uint32_t type);
 
+/* The kind and the texts of the module. */
 std::string describe(const tesk_client_sfp_info &info);
 /* "not operational, no module": without a module the rest has no meaning. */
 std::string describe(const tesk_client_port_status &status);
+/* The values that the module measures. */
 std::string describe(const tesk_client_pm &pm);
+/* The levels with their measurements, the worst first. */
 std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS]);
 
 /* "up 9.8 Gbps", "down", "up, speed not known". */

@@ -15,11 +15,13 @@ namespace teskboard
 
 /* The lines of an answer, in the board's order. */
 using answer = std::vector<std::pair<std::string, std::string>>;
+/* The value of a line; empty if there is no line of that key. */
 std::string_view value_of(const answer &lines, std::string_view key);
 
 class board_client
 {
   public:
+    /* Connects to the board at that path. Throws a tool_error. */
     explicit board_client(const std::string &path);
 
     /* Sends a request and waits for its answer. Throws a tool_error. After exit_code::no_answer the

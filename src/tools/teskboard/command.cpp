@@ -187,7 +187,7 @@ class command_parser
         return given_.ports;
     }
 
-    /* Most changes of a port come down to this request. */
+    /* Most commands that change a port make this request. */
     void set(const std::vector<std::string> &texts)
     {
         result_.request =

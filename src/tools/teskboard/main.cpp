@@ -29,7 +29,7 @@ using seconds = std::chrono::duration<double>;
 } // namespace
 
 /* Flushes, since the lines of a scene are read while it is played, and ends the tool where that
-   fails: a scene must not go on unseen. */
+   fails: a scene must not continue without output. */
 static void print(const std::string &text)
 {
     write_text(text);

@@ -41,7 +41,8 @@ static int64_t number_of(std::string_view text)
     return std::strtoll(std::string(text).c_str(), nullptr, 0);
 }
 
-/* As on a data sheet. The board holds thousandths and millionths; a power of nothing has no dBm. */
+/* As on a data sheet. The board holds thousandths and millionths; a power of 0 has no value in
+   dBm. */
 static std::string format_measure(field_kind kind, std::string_view raw)
 {
     const auto value = static_cast<double>(number_of(raw));

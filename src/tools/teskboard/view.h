@@ -16,7 +16,7 @@ std::string format_table_row(const answer &port);
 std::string format_port(const answer &port);
 /* The answer to "board". */
 std::string format_board(const answer &board);
-/* How far a change reached. */
+/* The numbers of ports and events of a change. */
 std::string format_change(const answer &change);
 
 /* Any of these as JSON, under the board's keys. Failures become a list, and the

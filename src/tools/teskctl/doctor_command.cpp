@@ -140,7 +140,7 @@ static finding check_socket()
     return {"socket", verdict::ok, text, ""};
 }
 
-/* The process behind the socket; 0 if it can't be told. */
+/* The process that owns the socket; 0 if it can't be determined. */
 static pid_t server_process()
 {
     const util::descriptor connection =

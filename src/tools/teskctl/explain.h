@@ -10,10 +10,11 @@
 inline constexpr char server_name[] = "tesk-server";
 inline constexpr char default_mailbox_directory[] = "/run/mbx";
 
+/* The exit code of a command whose request or connection had this result. */
 exit_code exit_code_of(tesk_client_result result);
 
-/* What is wrong and what to do about it, for one line on standard error. `text` is the library's or
-   the server's. */
+/* The error and its remedy, for one line on standard error. `text` is the library's or the
+   server's. */
 std::string explain(tesk_client_result result, const std::string &text);
 /* The same for a request; a port that doesn't exist is called so in every command. */
 std::string explain(const tesk_client_answer &answer);

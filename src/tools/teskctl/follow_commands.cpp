@@ -3,7 +3,7 @@
 
    The session of both reconnects when the server goes away. A request of ping that waits for a
    connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
-   the session, and the first indications after that show the changes of the meantime. */
+   the session, and the first indications after that show changes made since the loss. */
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/port_requests.h"
@@ -15,15 +15,15 @@
 
 using std::chrono::steady_clock;
 
-static steady_time after(double seconds)
+static steady_clock::duration from_seconds(double seconds)
 {
-    return steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(
-                                     std::chrono::duration<double>(seconds));
+    return std::chrono::duration_cast<steady_clock::duration>(
+        std::chrono::duration<double>(seconds));
 }
 
 static std::optional<steady_time> limit(double seconds)
 {
-    return seconds > 0 ? std::optional(after(seconds)) : std::nullopt;
+    return seconds > 0 ? std::optional(steady_clock::now() + from_seconds(seconds)) : std::nullopt;
 }
 
 namespace
@@ -59,6 +59,17 @@ struct ping_statistics {
         /* Of equal times it can come out a little below 0. */
         return std::sqrt(std::max(mean_of_squares - mean * mean, 0.0));
     }
+};
+
+struct ping_run {
+    explicit ping_run(const settings &given) : common(given), report(given)
+    {
+    }
+
+    const settings &common;
+    reporter report;
+    ping_statistics seen;
+    uint64_t losses = 0; /* of the connection */
 };
 
 } // namespace
@@ -109,58 +120,57 @@ static void report_statistics(const settings &common, const reporter &report,
                                 seen.shortest, seen.average(), seen.longest, seen.deviation()));
 }
 
+static void send_ping(ping_run &run, session &server)
+{
+    const uint64_t sequence = ++run.seen.sent;
+    const steady_time start = steady_clock::now();
+    const bool was_connected = server.is_connected();
+    run.seen.open++;
+    server.request(TESK_CLIENT_REQUEST_CAPABILITIES, 0,
+                   [&run, sequence, start, was_connected, before = run.losses](const auto &answer) {
+                       const std::chrono::duration<double, std::milli> time =
+                           steady_clock::now() - start;
+                       if (answer.result == TESK_CLIENT_CANCELLED)
+                           return; /* after the summary */
+                       run.seen.open--;
+                       const bool is_round_trip = was_connected && run.losses == before;
+                       const bool answered = answer.result == TESK_CLIENT_OK && is_round_trip;
+                       if (answered)
+                           run.seen.add(time.count());
+                       report_answer(run.common, run.report, sequence, answered,
+                                     answer.result == TESK_CLIENT_OK ? "waited for a new connection"
+                                                                     : answer.text,
+                                     time.count());
+                   });
+}
+
 exit_code run_ping(const settings &common, const ping_options &options)
 {
     event_loop loop;
-    reporter report(common);
-    ping_statistics seen;
-    uint64_t losses = 0; /* of the connection */
+    ping_run run(common);
     /* Declared after what its callbacks capture, and so closed first. */
     session server(loop, common,
                    {{},
                     {},
                     [&](const auto &event) {
-                        losses += event.type == TESK_CLIENT_EVENT_LOST ? 1 : 0;
-                        report.show(event);
+                        run.losses += event.type == TESK_CLIENT_EVENT_LOST ? 1 : 0;
+                        run.report.show(event);
                     }},
                    true);
-    auto send = [&] {
-        const uint64_t sequence = ++seen.sent;
-        const steady_time start = steady_clock::now();
-        const bool was_connected = server.is_connected();
-        seen.open++;
-        server.request(
-            TESK_CLIENT_REQUEST_CAPABILITIES, 0,
-            [&, sequence, start, was_connected, before = losses](const auto &answer) {
-                const std::chrono::duration<double, std::milli> time = steady_clock::now() - start;
-                if (answer.result == TESK_CLIENT_CANCELLED)
-                    return; /* after the summary */
-                seen.open--;
-                const bool is_round_trip = was_connected && losses == before;
-                const bool answered = answer.result == TESK_CLIENT_OK && is_round_trip;
-                if (answered)
-                    seen.add(time.count());
-                report_answer(common, report, sequence, answered,
-                              answer.result == TESK_CLIENT_OK ? "waited for a new connection"
-                                                              : answer.text,
-                              time.count());
-            });
-    };
     /* From due time to due time, so that a slow server gets as many requests. */
     steady_time next = steady_clock::now();
-    auto all_sent = [&] { return options.count != 0 && seen.sent >= options.count; };
-    while (!all_sent() || seen.open > 0) {
+    auto all_sent = [&] { return options.count != 0 && run.seen.sent >= options.count; };
+    while (!all_sent() || run.seen.open > 0) {
         if (!all_sent() && steady_clock::now() >= next) {
-            send();
-            next += std::chrono::duration_cast<steady_clock::duration>(
-                std::chrono::duration<double>(options.interval));
+            send_ping(run, server);
+            next += from_seconds(options.interval);
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
         if (loop.wait(server, end) == event_loop::wake::signal)
             break;
     }
-    report_statistics(common, report, seen);
-    return seen.answered > 0 ? exit_code::done : exit_code::no_answer;
+    report_statistics(common, run.report, run.seen);
+    return run.seen.answered > 0 ? exit_code::done : exit_code::no_answer;
 }
 
 exit_code run_watch(const settings &common, const watch_options &options)

@@ -7,6 +7,7 @@
 #include <vector>
 
 enum class tint { none, green, yellow, red, dim, bold };
+/* The text between the escape sequences of the colour; unchanged unless `enabled`. */
 std::string paint(const std::string &text, tint shade, bool enabled);
 
 /* The number of columns that a text takes on the terminal. */

@@ -13,6 +13,7 @@ class top_columns
     /* Leaves out columns until the others fit, the least important first. PORT always stays. */
     explicit top_columns(size_t width);
 
+    /* The columns of the terminal that a line takes, and the lines: head and rows. */
     size_t width() const;
     std::string head() const;
     std::string row(uint32_t port_no, const top_port &port, bool is_selected, bool coloured) const;

@@ -23,7 +23,7 @@ static steady_clock::duration seconds(double count)
 namespace
 {
 
-/* The page is drawn anew from everything that is known, so that no change needs to be tracked. */
+/* Each page is drawn from the whole state, so that no change needs to be tracked. */
 class top
 {
   public:

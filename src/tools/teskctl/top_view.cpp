@@ -133,43 +133,32 @@ void top_view::edit_filter(const key &pressed)
     }
 }
 
-top_view::action top_view::press(const key &pressed)
+/* The rows by which a cursor key moves, upwards if negative; 0 for any other key. */
+ptrdiff_t top_view::rows_of(key_code code) const
 {
     const auto page = static_cast<ptrdiff_t>(std::max<size_t>(rows_, 1));
     const auto all = static_cast<ptrdiff_t>(ports_.size());
-    if (is_editing_ && (pressed.code == key_code::letter || pressed.code >= key_code::enter)) {
-        edit_filter(pressed);
-        return action::none;
-    }
-    switch (pressed.code) {
+    switch (code) {
     case key_code::up:
-        move(-1);
-        break;
+        return -1;
     case key_code::down:
-        move(1);
-        break;
+        return 1;
     case key_code::page_up:
-        move(-page);
-        break;
+        return -page;
     case key_code::page_down:
-        move(page);
-        break;
+        return page;
     case key_code::home:
-        move(-all);
-        break;
+        return -all;
     case key_code::end:
-        move(all);
-        break;
-    case key_code::escape:
-        filter_.clear();
-        has_help_ = false;
-        break;
+        return all;
     default:
-        break;
+        return 0;
     }
-    if (pressed.code != key_code::letter)
-        return action::none;
-    switch (pressed.letter) {
+}
+
+top_view::action top_view::press_letter(char letter)
+{
+    switch (letter) {
     case 'q':
     case 'Q':
         return action::quit;
@@ -189,6 +178,24 @@ top_view::action top_view::press(const key &pressed)
     default:
         break;
     }
+    return action::none;
+}
+
+top_view::action top_view::press(const key &pressed)
+{
+    const bool is_letter = pressed.code == key_code::letter;
+    if (is_editing_ && (is_letter || pressed.code >= key_code::enter)) {
+        edit_filter(pressed);
+        return action::none;
+    }
+    if (is_letter)
+        return press_letter(pressed.letter);
+    if (pressed.code == key_code::escape) {
+        filter_.clear();
+        has_help_ = false;
+    }
+    if (const ptrdiff_t rows = rows_of(pressed.code); rows != 0)
+        move(rows);
     return action::none;
 }
 
@@ -265,7 +272,7 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
     const size_t most_rows = height - std::min(height, page.size() + 1);
     rows_ = most_rows;
     arrange(most_rows);
-    /* Where ports are hidden, one line is for what changes there. */
+    /* If some ports are not on the page, one line shows changes of those. */
     const bool has_hidden = order_.size() > rows_ || order_.size() < ports_.size();
     if (has_hidden && rows_ > 1) {
         rows_--;

@@ -40,6 +40,8 @@ class top_view
 
   private:
     void edit_filter(const key &pressed);
+    ptrdiff_t rows_of(key_code code) const;
+    action press_letter(char letter);
     void move(ptrdiff_t rows);
     void arrange(size_t height);
     std::string title(size_t width, bool coloured, const std::string &state) const;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* base_t_modules - modules for twisted pair that say they are optical. */
+/* base_t_modules - modules for twisted pair whose memory describes an optical one. */
 #pragma once
 
 #include <cstdint>

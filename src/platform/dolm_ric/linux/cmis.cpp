@@ -77,7 +77,7 @@ static bool is_running(const memory_view &state)
 }
 
 /* Two bits: one, two or four banks; the fourth code is reserved and counts as one. Without page 01h
-   nothing is known of the lanes. */
+   the lanes are unknown. */
 static uint8_t bank_count(const memory_view &features)
 {
     static constexpr uint8_t counts[] = {1, 2, max_banks, 1};
@@ -170,9 +170,9 @@ static void add_lanes(const memory_view &lanes, const lane_fields &fields, uint8
                                 lane_flags(lanes, fields.flags, lane)});
 }
 
-/* Steps of bias are 2 uA times the module's own factor, 1, 2 or 4, for values and limits alike:
-   whoever ignores or divides by it shows half or a quarter of a current, or less. The fourth code
-   is reserved: nothing is known of such values. */
+/* Steps of bias are 2 uA times the module's own factor, 1, 2 or 4, for values and limits alike: a
+   decoder that ignores it or divides by it shows half or a quarter of a current, or less. The
+   fourth code is reserved: nothing is known of such values. */
 static int bias_scale_code(const memory_view &features)
 {
     return features.u8(160) >> 3 & 3;

@@ -13,7 +13,7 @@ namespace linux_board
 /* The kernel answers at once or holds its lock. */
 static constexpr std::chrono::seconds kernel_patience{5};
 
-/* A list that changed while it was made is made again, so many times. */
+/* How often a list that changed while it was read is read again. */
 static constexpr int list_tries = 10;
 
 std::vector<link_report> list_interfaces(netlink::connection &route)

@@ -26,8 +26,8 @@ bool is_interface_of(const configured_port &port, const link_report &interface);
 /* Sorts by parent device, port name and name; numbers in them count as numbers. */
 void sort_interfaces(std::vector<link_report> &interfaces);
 
-/* How the configuration names this interface for good: by its place, or, if that isn't unique among
-   `all` or it has none, by its name. */
+/* The name in the configuration that stays valid: the interface's place, or, if that isn't unique
+   among `all` or it has none, its name. */
 std::string permanent_name(const link_report &interface, const std::vector<link_report> &all);
 
 } // namespace linux_board

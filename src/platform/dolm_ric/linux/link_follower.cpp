@@ -195,7 +195,7 @@ void link_follower::ask_speeds()
         ask_speed_if_wanted(index);
 }
 
-/* The caller waits for its own port only if nobody's question is stuck in the kernel; a board of
+/* The caller waits for its own port only if no earlier question is stuck in the kernel; a board of
    many ports would else wait once for each of them. */
 void link_follower::refresh(uint32_t port)
 {

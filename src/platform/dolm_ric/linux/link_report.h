@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* link_report - what one rtnetlink message says of one network interface. Pure functions. */
+/* link_report - the content of one rtnetlink message about one network interface. Pure
+   functions. */
 #pragma once
 
 #include "platform/dolm_ric/linux/netlink.h"

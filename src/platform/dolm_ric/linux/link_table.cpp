@@ -41,8 +41,8 @@ static int32_t growth(uint32_t before, uint32_t now)
     return static_cast<int32_t>(now - before);
 }
 
-/* Drivers drop the carrier when an administrator stops the port, or set it anew when he starts it.
-   The announcement of the stop has counted that fall. */
+/* Drivers drop the carrier when an administrator stops the port, or set it when the port is started
+   again. The announcement of the stop has counted that fall. */
 static uint32_t falls_between(const link_report &before, const link_report &now)
 {
     const auto falls = static_cast<uint32_t>(growth(before.falls, now.falls));

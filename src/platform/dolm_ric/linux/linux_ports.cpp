@@ -22,14 +22,15 @@
 namespace linux_board
 {
 
-/* A reader that ends with the last server refuses this one, and is started anew for its next try.
- */
+/* A reader that is ending with the last server refuses this one; systemd starts another for the
+   retry. */
 static constexpr std::chrono::milliseconds reader_restart{1000};
 
-/* Interfaces that appeared later and were told of. */
+/* Interfaces that appeared later and were reported. */
 static constexpr size_t most_left_out = 20;
 
-/* How long a start waits for the first look at all modules, so that what is there is no news. */
+/* How long a start waits until all modules have been read once, so that present ones give no
+   event. */
 static constexpr std::chrono::seconds first_look_patience{3};
 
 linux_ports::linux_ports(board::port_events &events, std::string reader)
@@ -129,8 +130,8 @@ bool linux_ports::has_port(uint32_t port) const
     return ports_.contains(port);
 }
 
-/* The cage is at work whatever its link does: an event that lacks the bit would say that nothing is
-   known about the module. */
+/* STARTED is set whatever the link's state: an event without the bit would report the module as
+   unknown. */
 static dolm_ric_port_status port_record(uint32_t number, module_presence presence)
 {
     uint32_t status = DOLM_RICRIPORT_STARTED;
@@ -190,7 +191,8 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_status &out) const
     return DOLM_RICERR_OK;
 }
 
-/* Whoever reads once will soon read again, and then gets values that were read because of him. */
+/* A client that reads once will soon read again: the answer to that read has the values that this
+   one requests. */
 int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
 {
     const port_copy &wanted = ports_.at(number);
@@ -235,7 +237,7 @@ void linux_ports::interface_changed(uint32_t number, const link_report *now)
     modules_.set_interface(number, now == nullptr ? 0 : now->index);
 }
 
-/* Interfaces without a device, as those of containers, are no news. */
+/* Interfaces without a device, as those of containers, are not reported. */
 void linux_ports::interface_left_out(const link_report &report)
 {
     if (!has_default_ports_ || report.parent.empty() || seen_at_start_.contains(report.index) ||

@@ -82,7 +82,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     bool is_map_old_ = true; /* the thread that follows the links; the next ones, too */
     bool has_default_ports_ = false;
     std::set<int32_t> seen_at_start_;
-    std::set<std::string> left_out_; /* names that were told of */
+    std::set<std::string> left_out_; /* names that were reported */
     mutable module_follower modules_;
     link_follower links_; /* last: it uses all others */
 };

@@ -13,7 +13,8 @@
 namespace linux_board
 {
 
-/* No reading is longer: the kernel's lock is held meanwhile, and nobody should wait long for it. */
+/* No reading is longer: the kernel's lock is held meanwhile, and no other caller should wait long
+   for it. */
 constexpr uint8_t longest_piece = READER_LONGEST_READ;
 
 /* One short reading, and what came of it. */

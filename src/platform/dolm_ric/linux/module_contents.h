@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_contents - what a module's memory says, decoded but neither rounded nor graded. */
+/* module_contents - the content of a module's memory, decoded but neither rounded nor graded. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -41,7 +41,7 @@ struct lane_value {
 };
 
 /* Temperatures and voltages have one lane. Without lanes it isn't measured. Limits that are not in
-   order stay here as they are; module_decode.h says what becomes of them. */
+   order stay here as they are; module_decode.h has the rule for them. */
 struct measurement {
     std::vector<lane_value> lanes;
     std::optional<measurement_limits> limits;
@@ -51,7 +51,7 @@ enum class module_family : uint8_t { unknown, sfp, qsfp, cmis };
 
 enum class diagnostics_state : uint8_t {
     none,     /* the module says that it has none, or none that can be reached */
-    not_read, /* it should have them, but they have not been read or make no sense */
+    not_read, /* expected of this module, but not read yet, or invalid */
     available,
 };
 

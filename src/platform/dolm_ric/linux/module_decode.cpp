@@ -77,7 +77,7 @@ static auto margin_of(double value, const measurement_limits &limits)
     return std::tuple(alarm ? 0 : warning ? 1 : 2, distance, value);
 }
 
-/* What has one lane is the whole module's, so it counts for each of its ports. */
+/* A measurement of one lane is the whole module's, so it counts for each of its ports. */
 static std::optional<double> worst_value(const measurement &its, const measurement_limits &limits,
                                          uint32_t lanes)
 {
@@ -166,7 +166,7 @@ static dolm_ric_module_diag make_diag(const module_contents &from, const port_vi
     return diag;
 }
 
-/* "Unsupported" is for good; "not available" may change with the next reading. */
+/* "Unsupported" never changes; "not available" may change with the next reading. */
 static int32_t diagnostics_result(diagnostics_state state)
 {
     switch (state) {

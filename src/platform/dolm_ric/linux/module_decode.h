@@ -15,11 +15,11 @@ namespace linux_board
    wrong, the contents are not `ready`. */
 module_contents decode_module(const module_memory &memory);
 
-/* What the port that a module is in adds to the meaning of its values. */
+/* The properties of the module's port that affect the meaning of its values. */
 struct port_view {
     /* Bit n: lane n of the module belongs to this port. 0: all of them. */
     uint32_t lanes = 0;
-    /* By the administrator. Its laser may be off and nobody may send to it: no low level of bias
+    /* By the administrator. Its laser may be off and the far end may not send: no low level of bias
        or power is a fault then. */
     bool stopped = false;
 };

@@ -23,8 +23,7 @@ static bool is_same_version(const struct stat &a, const struct stat &b)
            a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
-/* Nothing, or why not. One byte more than a file may have is read, so that one that grows is found
-   out. */
+/* Nothing, or why not. One byte more than a file may have is read, so that growth is noticed. */
 static std::string read_all(int fd, std::vector<uint8_t> &bytes)
 {
     bytes.assign(largest_module_file + 1, 0);
@@ -55,7 +54,7 @@ static std::string read_file(const std::string &path, struct stat &status,
     return S_ISREG(status.st_mode) ? read_all(file.get(), bytes) : "not a regular file";
 }
 
-/* A missing file is an empty cage; another fault is told once. */
+/* A missing file is an empty cage; any other fault is reported once. */
 int module_files::load(uint32_t port, recorded &file)
 {
     struct stat status = {};

@@ -33,7 +33,7 @@ class module_files final : public module_access
         std::string path;
         struct stat status = {}; /* of the bytes */
         std::vector<uint8_t> bytes = {};
-        std::string fault = {}; /* that was told of */
+        std::string fault = {}; /* the last one reported */
     };
 
     static int load(uint32_t port, recorded &file);

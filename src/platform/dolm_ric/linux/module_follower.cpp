@@ -22,7 +22,7 @@ module_follower::module_follower(module_listener &listener, std::string reader)
         hints_.emplace(NETLINK_KOBJECT_UEVENT);
         hints_->join(kernel_uevents);
     } catch (const std::system_error &) {
-        hints_.reset(); /* polling does without */
+        hints_.reset(); /* modules are then found by polling alone */
     }
 }
 

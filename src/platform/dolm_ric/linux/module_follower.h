@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_follower - the thread that runs the poller of the modules. What it is told by other
-   threads it takes up between two readings. */
+/* module_follower - the thread that runs the poller of the modules. It handles the notes of other
+   threads between two readings. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_files.h"
@@ -47,8 +47,8 @@ class module_follower final : module_access
     int32_t interface_at_reader(uint32_t port, int &error);
 
   private:
-    /* What other threads have told since it was taken up; no more than one thing of a kind for each
-       port, however often it was told. */
+    /* The notes of other threads that are not yet handled: at most one of a kind for each port,
+       however often it was made. */
     struct order_book {
         std::map<uint32_t, std::string> added; /* with the file, if the module has one */
         std::map<uint32_t, int32_t> interfaces;

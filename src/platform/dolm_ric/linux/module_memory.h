@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_memory - what has been read of one module's memory so far, and what to read next. Pure
-   data: the poller of the modules makes the readings and stores them here, the decoder looks at
-   them. Not safe for use by several threads at once. */
+/* module_memory - the parts of one module's memory that have been read, and those to read next.
+   Pure data: the poller of the modules makes the readings and stores them here, the decoder looks
+   at them. Not safe for use by several threads at once. */
 #pragma once
 
 #include <chrono>
@@ -38,9 +38,9 @@ enum class reading_time : uint8_t {
 };
 
 /* An optional range that the module refuses (a NAK, a page that it lacks) is left out and the
-   module stays in use. Any other range that can't be read makes the module "not ready". A range
-   may be read in pieces of an even length; a 16-bit value starts at an even offset and must not
-   be torn apart. */
+   module stays in use. Any other range that can't be read makes the module "not ready". A range may
+   be read in pieces of an even length; a 16-bit value starts at an even offset and must not be
+   split. */
 struct reading_step {
     memory_range range;
     reading_time when;
@@ -81,11 +81,11 @@ class module_memory
     std::vector<reading> readings_;
 };
 
-/* What to read of the module whose memory has been read so far as `memory` says, in order. The
-   plan of an empty memory has one step, which tells the kind of module; the plan grows as the
-   bytes that decide about further pages have been stored, and its earlier steps stay as they are.
-   So: carry out the steps whose ranges have not been read, and ask again until nothing is new.
-   Identity bytes that make no sense end the plan with themselves. */
+/* The ranges to read of a module, in order, given what `memory` has of it so far. The plan of an
+   empty memory has one step, which tells the kind of module; the plan grows as the bytes that
+   decide about further pages have been stored, and its earlier steps stay as they are. So: carry
+   out the steps whose ranges have not been read, and ask again until nothing is new. Identity bytes
+   that make no sense end the plan with themselves. */
 std::vector<reading_step> reading_plan(const module_memory &memory);
 
 } // namespace linux_board

@@ -23,7 +23,7 @@ static constexpr auto hint_spacing = 200ms; /* between two looks, however many h
 static constexpr auto after_link_change = 500ms;
 static constexpr auto slow_piece = 25ms; /* 32 bytes need 3.5 ms at 100 kHz */
 
-/* What is due so soon is made along with what is due now, which saves wake-ups. */
+/* Readings due so soon are made together with those due now, which saves wake-ups. */
 static constexpr auto early_by = 50ms;
 
 /* False if the range doesn't fit any more. */

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_poller - decides when which bytes of which module are read, and what that says about the
-   presence of modules. State with a clock and an access passed in; one thread.
+/* module_poller - schedules the readings of all modules, and derives the presence of modules from
+   them. State with a clock and an access passed in; one thread.
 
-   Each second a few bytes of the identity are read: they tell that a module came, went or was
-   replaced. A replaced module is reported as a removal and an insertion. Diagnostics are read every
-   few seconds and sooner on demand, always with the identity bytes behind them, so that no value is
-   taken for that of another module.
+   Each second a few bytes of the identity are read: they show whether a module was inserted,
+   removed or replaced. A replaced module is reported as a removal and an insertion. Diagnostics are
+   read every few seconds and sooner on demand, always with the identity bytes behind them, so that
+   no value is taken for that of another module.
 
    Readings are made one at a time. A reading that fails slowly costs all ports time, so a port that
    fails so, or fails again and again, is set apart: such ports get a small share of the time. */
@@ -38,8 +38,8 @@ struct module_listener {
        followed another closely the last is reported once more after a while, for a caller that
        handles queued events in another order. */
     virtual void module_presence_changed(uint32_t port, module_presence now) = 0;
-    /* Readings have begun to fail for want of a reader or of the right to read, or work again (0).
-       Called once per change. */
+    /* Readings fail because there is no reader or no right to read, or work again (0). Called once
+       per change. */
     virtual void module_access_changed(int error) = 0;
 };
 
@@ -50,7 +50,7 @@ class module_poller
     using duration = std::chrono::steady_clock::duration;
     using clock = std::function<time_point()>;
 
-    /* Values that are older are read anew when somebody wants them. */
+    /* Older values are read again when a client reads them. */
     static constexpr std::chrono::seconds wanted_age{1};
 
     module_poller(module_access &access, module_listener &listener, clock now);
@@ -63,11 +63,11 @@ class module_poller
        Bytes that another interface gave are not taken, those of no interface are. */
     void set_interface(uint32_t port, int32_t index);
 
-    /* A module may have come or gone somewhere: look at all ports soon. */
+    /* A module may have been inserted or removed in some port: look at all ports soon. */
     void hint();
     /* The link of a port changed, so its measured values did, too. */
     void link_changed(uint32_t port);
-    /* Somebody reads the measured values. */
+    /* A client reads the measured values of the port: reads the module again if they are older. */
     void diagnostics_wanted(uint32_t port);
 
     /* When step() has something to do. */

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What the two sources of module_poller share: a port as the poller keeps it, and one task. */
+/* The types that the two sources of module_poller share: the record of a port, and one task. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_poller.h"

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The second half of module_poller: what a reading says about the module. */
+/* The second half of module_poller: the conclusions from a reading. */
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/linux/module_poller_internal.h"
 
@@ -43,7 +43,7 @@ void module_poller::begin_identity(polled &port, duration wait)
     port.identity_due = now_() + wait;
 }
 
-/* What is there at the first look has been there for a while. */
+/* A module found at the first look is taken to be initialised already. */
 void module_poller::take_look(polled &port, const task &done)
 {
     const time_point now = now_();
@@ -103,7 +103,7 @@ void module_poller::take_identity(polled &port, const task &done)
         finish_identity(port);
 }
 
-/* Everything that the plan wants has been read. */
+/* All ranges of the plan have been read. */
 void module_poller::finish_identity(polled &port)
 {
     port.was_looked_at = true;
@@ -175,7 +175,7 @@ void module_poller::take_diagnostics(polled &port, const task &done)
     listener_.module_read(port.number, decode_module(port.memory), now);
 }
 
-/* What was known counts for a while. */
+/* The known state is kept for a while. */
 void module_poller::note_silence(polled &port)
 {
     if (now_() - port.answered_at > lost_time && port.reported == module_presence::ready)
@@ -237,8 +237,8 @@ void module_poller::announce_settled(time_point now)
     }
 }
 
-/* A missing right concerns the ports whose modules are read through their interface. What a port on
-   a bus of its own answers says nothing about it. */
+/* A missing right concerns the ports whose modules are read through their interface. The answer of
+   a port on a bus of its own has nothing to do with it. */
 void module_poller::note_access(polled &port, int error)
 {
     const bool was_denied = std::exchange(port.was_denied, error == EPERM);

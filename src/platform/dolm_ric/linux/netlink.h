@@ -90,7 +90,7 @@ class request
     }
     /* With a NUL behind it. */
     void put_text(uint16_t number, std::string_view text);
-    /* What is put between the two calls lies inside the nest. */
+    /* Attributes that are put between the two calls lie inside the nest. */
     size_t begin_nest(uint16_t number);
     void end_nest(size_t begin);
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The file is text of people's making, read by two processes, one of which has more rights than
-   its users: every size is bounded, and what it contains never reaches a terminal as it is. */
+/* The file is written by people and read by two processes, one of which has more rights than its
+   users: every size is bounded, and bytes of the file are escaped before they are shown. */
 #include "platform/dolm_ric/linux/port_config.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ namespace linux_board
 namespace
 {
 
-/* Also what the lines before have taken. */
+/* The parser's state, with the numbers, interfaces and buses of the lines before. */
 struct parser {
     port_config config;
     std::set<uint32_t> numbers = {};

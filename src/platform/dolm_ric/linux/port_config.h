@@ -48,7 +48,7 @@ constexpr size_t max_port_config_messages = 20;
 constexpr char default_port_config[] = "/etc/tesk/ports";
 
 /* The value of DOLM_RIC_PORTS, or default_port_config. A program with more rights than its caller
-   takes no settings from him. */
+   ignores the environment. */
 std::string port_config_path();
 
 /* `name` is the file's name in the messages. */

@@ -22,7 +22,7 @@ class worker
     /* Starts `run` under that name (at most 15 characters). It returns soon after is_stopping() has
        become true. Throws a std::system_error. */
     void start(const char *name, std::function<void()> run);
-    /* Tells the thread to end, and waits for that. Harmless before the start. */
+    /* Requests the end of the thread and joins it. Harmless before the start. */
     void stop();
 
     bool is_stopping() const

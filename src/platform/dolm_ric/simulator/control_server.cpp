@@ -54,10 +54,10 @@ static bool is_file_at(int file, const std::string &name)
 }
 
 /* The owner of the lock beside the socket's path owns the path: a socket that is there already was
-   left by a board that has died. Only the directory's owner can open the lock file, as everybody
-   who can open it can lock it; root gives it to him, so that the service can replace a board that
-   root has started by hand. An orderly stop removes the file, so a lock counts only while its file
-   is the one that others will find. */
+   left by a board that has died. Only the directory's owner can open the lock file, as any process
+   that can open it can lock it; root makes that user the file's owner, so that the service can
+   replace a board that root has started by hand. A clean stop removes the file, so a lock counts
+   only while its file still has that name. */
 static util::descriptor lock_path(const std::string &path, const struct stat &directory)
 {
     const std::string name = lock_name(path);
