@@ -173,28 +173,26 @@ TEST(link_transitions_test, falls_become_events_up_to_the_cap_and_end_in_the_tru
         uint32_t before, falls, after;
         const char *events;
     };
-    static constexpr row rows[] = {
-        {2, 0, 2, ""},
-        {2, 0, 1, "d"},
-        {1, 0, 2, "u"},
-        {2, 1, 2, "du"},
-        {2, 1, 1, "d"},
-        {1, 1, 1, "ud"},
-        {1, 1, 2, "udu"},
-        {2, 2, 1, "dud"},
-        {2, 1, 0, "s"},
-        {2, 2, 0, "dus"},
-        {2, 0, 0, "s"},
-        {0, 0, 2, "u"},
-        {0, 0, 1, "d"},
-        {1, 0, 0, "s"},
-        {2, 5, 2, "dududududu"},
-        {2, 6, 2, "dududududu"},
-        {1, 200000, 1, "ududududud"},
-        {2, UINT32_MAX, 1,
-         "dududu"
-         "dud"},
-    };
+    static constexpr row rows[] = {{2, 0, 2, ""},
+                                   {2, 0, 1, "d"},
+                                   {1, 0, 2, "u"},
+                                   {2, 1, 2, "du"},
+                                   {2, 1, 1, "d"},
+                                   {1, 1, 1, "ud"},
+                                   {1, 1, 2, "udu"},
+                                   {2, 2, 1, "dud"},
+                                   {2, 1, 0, "s"},
+                                   {2, 2, 0, "dus"},
+                                   {2, 0, 0, "s"},
+                                   {0, 0, 2, "u"},
+                                   {0, 0, 1, "d"},
+                                   {1, 0, 0, "s"},
+                                   {2, 5, 2, "dududududu"},
+                                   {2, 6, 2, "dududududu"},
+                                   {1, 200000, 1, "ududududud"},
+                                   {2, UINT32_MAX, 1,
+                                    "dududu"
+                                    "dud"}};
     for (const row &one : rows) {
         std::string states;
         for (const uint32_t state : linux_board::link_transitions(one.before, one.falls, one.after))

@@ -92,12 +92,10 @@ TEST(sfp_values, halves_are_rounded_away_from_zero)
     const struct {
         std::array<int, 5> raw;
         numbers values;
-    } cases[] = {
-        {{-16, 1, 1, 5, 15}, {-63, 100, 2, 1, 2}}, /* -62.5, 0.5 and 1.5 */
-        {{16, 65535, 65535, 4, 14}, {63, 6553500, 131070, 0, 1}},
-        {{-32768, 33000, 3000, 65535, 65535}, {-128000, 3300000, 6000, 6554, 6554}},
-        {{-1, 33000, 3000, 24, 25}, {-4, 3300000, 6000, 2, 3}},
-    };
+    } cases[] = {{{-16, 1, 1, 5, 15}, {-63, 100, 2, 1, 2}}, /* -62.5, 0.5 and 1.5 */
+                 {{16, 65535, 65535, 4, 14}, {63, 6553500, 131070, 0, 1}},
+                 {{-32768, 33000, 3000, 65535, 65535}, {-128000, 3300000, 6000, 6554, 6554}},
+                 {{-1, 33000, 3000, 24, 25}, {-4, 3300000, 6000, 2, 3}}};
     for (const auto &its : cases) {
         image made = sfp();
         for (size_t n = 0; n < 5; n++)
@@ -150,11 +148,9 @@ TEST(limits, stay_on_their_side_of_the_exact_value)
     const struct {
         int low_alarm, low_warning, value;
         numbers expected; /* low alarm, low warning, value, high warning */
-    } cases[] = {
-        {1000, 1003, 1004, {99, 99, 100, 794}},   {1000, 1003, 1003, {99, 100, 100, 794}},
-        {1000, 1003, 1000, {100, 100, 100, 794}}, {1000, 1259, 7942, {100, 126, 794, 795}},
-        {1000, 1259, 7943, {100, 126, 794, 794}}, {4, 8, 4, {0, 1, 0, 794}},
-    };
+    } cases[] = {{1000, 1003, 1004, {99, 99, 100, 794}},   {1000, 1003, 1003, {99, 100, 100, 794}},
+                 {1000, 1003, 1000, {100, 100, 100, 794}}, {1000, 1259, 7942, {100, 126, 794, 795}},
+                 {1000, 1259, 7943, {100, 126, 794, 794}}, {4, 8, 4, {0, 1, 0, 794}}};
     for (const auto &its : cases) {
         const auto d = with_rx_power({10000, its.low_alarm, 7943, its.low_warning, its.value});
         EXPECT_EQ(
@@ -186,23 +182,21 @@ TEST(refused, memories_that_can_not_be_true)
         uint8_t byte;
         bool ready;
         int32_t diag_result, external_result;
-    } cases[] = {
-        {"first sum", &image::a0, 25, 25, '!', false, missing, missing},
-        {"second sum", &image::a0, 70, 70, '!', false, missing, missing},
-        {"all ones", &image::a0, 0, 255, 0xff, false, missing, missing},
-        {"all zeros", &image::a0, 0, 255, 0, false, missing, missing},
-        {"zeros but for the kind", &image::a0, 1, 255, 0, false, missing, missing},
-        {"an unknown kind", &image::a0, 0, 0, 6, false, missing, missing},
-        {"A2h of zeros", &image::a2, 0, 255, 0, true, missing, missing},
-        {"A2h of ones", &image::a2, 0, 255, 0xff, true, missing, missing},
-        {"values of ones", &image::a2, 96, 255, 0xff, true, missing, missing},
-        {"values not ready", &image::a2, 110, 110, 1, true, missing, missing},
-        {"no diagnostics", &image::a0, 92, 92, 0, true, none, none},
-        {"address change", &image::a0, 92, 92, 0x6c, true, none, none},
-        {"both calibrations", &image::a0, 92, 92, 0x78, true, ok, ok},
-        {"third sum", &image::a2, 95, 95, 0xee, true, ok, missing},
-        {"constants of zeros", &image::a2, 0, 95, 0, true, ok, missing},
-    };
+    } cases[] = {{"first sum", &image::a0, 25, 25, '!', false, missing, missing},
+                 {"second sum", &image::a0, 70, 70, '!', false, missing, missing},
+                 {"all ones", &image::a0, 0, 255, 0xff, false, missing, missing},
+                 {"all zeros", &image::a0, 0, 255, 0, false, missing, missing},
+                 {"zeros but for the kind", &image::a0, 1, 255, 0, false, missing, missing},
+                 {"an unknown kind", &image::a0, 0, 0, 6, false, missing, missing},
+                 {"A2h of zeros", &image::a2, 0, 255, 0, true, missing, missing},
+                 {"A2h of ones", &image::a2, 0, 255, 0xff, true, missing, missing},
+                 {"values of ones", &image::a2, 96, 255, 0xff, true, missing, missing},
+                 {"values not ready", &image::a2, 110, 110, 1, true, missing, missing},
+                 {"no diagnostics", &image::a0, 92, 92, 0, true, none, none},
+                 {"address change", &image::a0, 92, 92, 0x6c, true, none, none},
+                 {"both calibrations", &image::a0, 92, 92, 0x78, true, ok, ok},
+                 {"third sum", &image::a2, 95, 95, 0xee, true, ok, missing},
+                 {"constants of zeros", &image::a2, 0, 95, 0, true, ok, missing}};
     for (const auto &its : cases) {
         for (const bool is_external : {false, true}) {
             image made = is_external ? external_sfp() : sfp();
@@ -304,13 +298,11 @@ TEST(lanes, the_one_that_is_worst_off_stands_for_all)
     const struct {
         std::array<int, 4> tx; /* in uW; limits 500, 1000, 3500, 3600 */
         uint32_t lanes, expected;
-    } cases[] = {
-        {{1500, 1600, 1400, 2000}, 0, 1400}, {{1500, 3300, 1400, 2000}, 0, 3300},
-        {{900, 1500, 3450, 1500}, 0, 900},   {{900, 4000, 700, 1500}, 0, 4000},
-        {{450, 600, 3900, 100}, 0, 100},     {{900, 4000, 700, 1500}, 0x8, 1500},
-        {{900, 4000, 700, 1500}, 0x5, 700},  {{900, 4000, 700, 1500}, 0xf0, 0},
-        {{600, 3600, 1500, 1500}, 0, 3600},  {{600, 3550, 1500, 1500}, 0, 600},
-    };
+    } cases[] = {{{1500, 1600, 1400, 2000}, 0, 1400}, {{1500, 3300, 1400, 2000}, 0, 3300},
+                 {{900, 1500, 3450, 1500}, 0, 900},   {{900, 4000, 700, 1500}, 0, 4000},
+                 {{450, 600, 3900, 100}, 0, 100},     {{900, 4000, 700, 1500}, 0x8, 1500},
+                 {{900, 4000, 700, 1500}, 0x5, 700},  {{900, 4000, 700, 1500}, 0xf0, 0},
+                 {{600, 3600, 1500, 1500}, 0, 3600},  {{600, 3550, 1500, 1500}, 0, 600}};
     for (const auto &its : cases) {
         image made = qsfp();
         for (size_t lane = 0; lane < 4; lane++)

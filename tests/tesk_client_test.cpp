@@ -354,16 +354,14 @@ TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_on
         std::vector<tesk_client_request_type> requests; // after a first subscribe
         std::vector<std::function<void(const words_of &)>> answers;
         bool is_subscribed;
-    } cases[] = {
-        {{unsubscribe, subscribe}, {confirm, confirm}, true},
-        {{unsubscribe, subscribe}, {confirm, reject}, false},
-        {{unsubscribe, subscribe}, {reject, reject}, true},
-        {{subscribe, unsubscribe}, {reject, confirm}, false},
-        {{unsubscribe, subscribe, unsubscribe}, {confirm, confirm, confirm}, false},
-        {{unsubscribe, subscribe, unsubscribe, subscribe},
-         {confirm, reject, reject, confirm},
-         true},
-    };
+    } cases[] = {{{unsubscribe, subscribe}, {confirm, confirm}, true},
+                 {{unsubscribe, subscribe}, {confirm, reject}, false},
+                 {{unsubscribe, subscribe}, {reject, reject}, true},
+                 {{subscribe, unsubscribe}, {reject, confirm}, false},
+                 {{unsubscribe, subscribe, unsubscribe}, {confirm, confirm, confirm}, false},
+                 {{unsubscribe, subscribe, unsubscribe, subscribe},
+                  {confirm, reject, reject, confirm},
+                  true}};
     for (const auto &row : cases) {
         mbx.react = answering_server;
         ASSERT_EQ(connect(), TESK_CLIENT_OK);
