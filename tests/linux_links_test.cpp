@@ -190,9 +190,7 @@ TEST(link_transitions_test, falls_become_events_up_to_the_cap_and_end_in_the_tru
                                    {2, 5, 2, "dududududu"},
                                    {2, 6, 2, "dududududu"},
                                    {1, 200000, 1, "ududududud"},
-                                   {2, UINT32_MAX, 1,
-                                    "dududu"
-                                    "dud"}};
+                                   {2, UINT32_MAX, 1, "dudududud"}};
     for (const row &one : rows) {
         std::string states;
         for (const uint32_t state : linux_board::link_transitions(one.before, one.falls, one.after))

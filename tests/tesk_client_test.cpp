@@ -3,21 +3,17 @@
 // deadlines and window, and the loss and return of the server.
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
-#include "testkit/fake_platform/fake_mailbox.h"
+#include "testkit/fake_platform/server_words.h"
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
 
-#include <algorithm>
-#include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
 #include <new>
 #include <sys/stat.h>
-#include <unistd.h>
 
 static constexpr uint32_t server = 7, stranger = 8, client_id = 41;
 static constexpr uint32_t reserved = 0xa5a5a5a5; // as mbx_alloc left it: may have any value
-static const uint32_t own_ref = static_cast<uint32_t>(getpid());
 
 static thread_local long allocations_left = -1; // no limit
 static thread_local size_t largest_allocation;  // while there is one
@@ -50,8 +46,6 @@ struct without_limit {
     long left = std::exchange(allocations_left, -1);
 };
 
-using words_of = std::vector<uint32_t>; // of a signal, in host order
-
 // The peer of the fake mailbox, and what it has received.
 struct fake_peer {
     int locate_error = 0;
@@ -59,20 +53,12 @@ struct fake_peer {
     std::vector<words_of> sent;
     std::function<void(const words_of &)> react; // none: never answers
 
-    // Words after the number are put into network order, as by the server; then follows a text.
-    void deliver(words_of words, size_t size = 0, const char *text = "", uint32_t sender = server)
+    // The words, or so many bytes: cut, or continued by a text.
+    static void deliver(const words_of &words, size_t size = 0, const char *text = "",
+                        uint32_t sender = server)
     {
         const without_limit unlimited;
-        for (size_t i = 1; i < words.size() && words[0] >= 0x1000; i++)
-            words[i] = __builtin_bswap32(words[i]);
-        const size_t known = words.size() * sizeof(uint32_t);
-        std::vector<char> bytes(std::max(known, size));
-        std::memcpy(bytes.data(), words.data(), known);
-        if (size > known)
-            std::strncpy(bytes.data() + known, text, size - known);
-        bytes.resize(size ? size : known);
-        fake_mailbox::deliver(sender, words[0], bytes.data() + sizeof(uint32_t),
-                              bytes.size() - sizeof(uint32_t));
+        deliver_words(sender, words, size != 0 ? size : words.size() * sizeof(uint32_t), text);
     }
     void indicate(uint32_t port, uint32_t link, uint32_t sender = server, size_t size = 96,
                   uint32_t ref = own_ref)
@@ -104,14 +90,10 @@ static void answering_server(const words_of &request)
 static void receive_at_server(const mbx_signal *signal, uint32_t receiver)
 {
     const without_limit unlimited;
-    words_of words(mbx_size(signal) / sizeof(uint32_t));
-    std::memcpy(words.data(), signal, mbx_size(signal));
-    for (size_t i = 1; i < words.size(); i++)
-        words[i] = __builtin_bswap32(words[i]);
     ASSERT_EQ(receiver, server);
-    mbx.sent.push_back(words);
+    mbx.sent.push_back(received_words(signal));
     if (mbx.react)
-        mbx.react(words);
+        mbx.react(words_of(mbx.sent.back()));
 }
 
 static uint32_t locate_server()

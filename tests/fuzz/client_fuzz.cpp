@@ -5,17 +5,13 @@
    a heap block of its exact size. */
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
-#include "testkit/fake_platform/fake_mailbox.h"
+#include "testkit/fake_platform/server_words.h"
 #include "tests/fuzz/fuzz_input.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <deque>
 #include <map>
 #include <sys/epoll.h>
-#include <unistd.h>
-#include <vector>
 
 static constexpr uint32_t server = 7, stranger = 8, client_id = 41, port_count = 3;
 static constexpr uint32_t deadline_ms = 20;
@@ -23,8 +19,6 @@ static constexpr size_t most_requests = 400;
 
 namespace
 {
-
-using words_of = std::vector<uint32_t>; /* of a signal, in host order */
 
 struct made_request {
     tesk_client_request_type type;
@@ -51,13 +45,8 @@ static port_model ports[2][port_count];
 
 static void deliver(const words_of &words, size_t size, uint32_t sender)
 {
-    words_of wire = words;
-    for (size_t i = 1; i < wire.size() && words[0] >= 0x1000; i++)
-        wire[i] = __builtin_bswap32(wire[i]);
-    std::vector<char> bytes(size);
-    memcpy(bytes.data(), wire.data(), std::min(size, wire.size() * sizeof(uint32_t)));
     if (fake_mailbox::is_open())
-        fake_mailbox::deliver(sender, words[0], bytes.data() + 4, size - 4);
+        deliver_words(sender, words, size);
     last_delivered = words;
 }
 
@@ -104,7 +93,6 @@ static void answer_one()
         return;
     const words_of &request =
         seen[seen.size() - 1 - input.byte() % std::min<size_t>(seen.size(), 8)];
-    const uint32_t own_ref = static_cast<uint32_t>(getpid());
     const uint32_t rejects = input.byte() % 4 == 0 ? 1 : 0, number = request[0];
     if (number == TESK_CONN_ESTABLISH_REQ)
         deliver_changed({number + 1 + rejects, request[1], client_id, 1});
@@ -135,8 +123,7 @@ static void deliver_garbage()
 static void indicate()
 {
     const uint32_t number = input.byte() % 2 == 0 ? TESK_SFP_INFO_IND : TESK_PORT_STATUS_IND;
-    deliver_changed(
-        {number, 999, static_cast<uint32_t>(getpid()), input.byte() % port_count, 2, 2});
+    deliver_changed({number, 999, own_ref, input.byte() % port_count, 2, 2});
 }
 
 static void act_as_server()
@@ -159,11 +146,7 @@ static void act_as_server()
 static void receive_at_server(const mbx_signal *signal, uint32_t receiver)
 {
     assert(receiver == server);
-    words_of words(mbx_size(signal) / sizeof(uint32_t));
-    memcpy(words.data(), signal, mbx_size(signal));
-    for (size_t i = 1; i < words.size(); i++)
-        words[i] = __builtin_bswap32(words[i]);
-    seen.push_back(words);
+    seen.push_back(received_words(signal));
     act_as_server();
 }
 
