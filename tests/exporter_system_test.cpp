@@ -236,22 +236,15 @@ TEST(exporter_tool, wrong_usage_says_what_to_do)
 {
     testkit::directory directory;
     std::ofstream(directory.path + "/file") << "kept";
-    const std::string program = TESK_BIN_DIR "/tesk-exporter ";
-    const std::tuple<std::string, int, const char *> cases[] = {
-        {"--help", 0, "--no-refresh"},
-        {"--version", 0, "tesk-exporter 1."},
-        {"--interval 0", 2, "interval"},
-        {"--ports 3-1", 2, "comes before"},
-        {"extra", 2, "extra"},
-        {"--listen 9816", 1, "write ADDRESS:PORT"},
-        {"--listen host.example:80", 1, "no numeric address"},
-        {"--listen 127.0.0.1:99999", 1, "no numeric address"},
-        {"--listen unix:", 1, "a path of"},
-        {"--listen unix:" + directory.path + "/file", 1, "in use"},
-    };
-    for (const auto &[arguments, code, text] : cases) {
-        std::string output;
-        EXPECT_EQ(testkit::run(program + arguments, output), code) << arguments << output;
-        expect_parts(output, {text});
-    }
+    testkit::expect_runs(TESK_BIN_DIR "/tesk-exporter",
+                         {{"--help", 0, "--no-refresh"},
+                          {"--version", 0, "tesk-exporter 1."},
+                          {"--interval 0", 2, "interval"},
+                          {"--ports 3-1", 2, "comes before"},
+                          {"extra", 2, "extra"},
+                          {"--listen 9816", 1, "write ADDRESS:PORT"},
+                          {"--listen host.example:80", 1, "no numeric address"},
+                          {"--listen 127.0.0.1:99999", 1, "no numeric address"},
+                          {"--listen unix:", 1, "a path of"},
+                          {"--listen unix:" + directory.path + "/file", 1, "in use"}});
 }

@@ -155,22 +155,18 @@ TEST_F(reader_network_test, interfaces_are_handed_on_to_the_next_reader_of_the_s
     start_on_pair();
     EXPECT_EQ(EOPNOTSUPP, ask(0));
     net.rename("a0", "wan");
-    struct row {
-        int ended_by;
-        const char *config;
-        int error;
-    };
-    for (const row &one : {row{SIGKILL, "0 a0\n", EOPNOTSUPP},
-                           {SIGTERM, "1 lo\n0 a0\n", EOPNOTSUPP},
-                           {SIGKILL, "0 a2\n", ENODEV},
-                           {SIGKILL, "0 a0\n", EOPNOTSUPP},
-                           {0, "0 a0\n", ENODEV}}) {
-        kill(process, one.ended_by);
+    const std::tuple<int, const char *, int> rows[] = {{SIGKILL, "0 a0\n", EOPNOTSUPP},
+                                                       {SIGTERM, "1 lo\n0 a0\n", EOPNOTSUPP},
+                                                       {SIGKILL, "0 a2\n", ENODEV},
+                                                       {SIGKILL, "0 a0\n", EOPNOTSUPP},
+                                                       {0, "0 a0\n", ENODEV}};
+    for (const auto &[ended_by, text, error] : rows) {
+        kill(process, ended_by);
         close(client);
         testkit::wait_for_end(process);
-        write_config(one.config);
+        write_config(text);
         start_on_pair();
-        EXPECT_EQ(one.error, ask(0)) << one.ended_by << one.config;
+        EXPECT_EQ(error, ask(0)) << ended_by << text;
     }
 }
 
@@ -214,22 +210,13 @@ TEST_F(reader_process_test, a_passed_socket_lets_in_its_owner_alone)
 
 TEST_F(reader_process_test, options_say_what_they_do_and_wrong_ones_are_refused)
 {
-    struct row {
-        const char *arguments;
-        int status;
-        const char *text;
-    };
     write_config("7 lo\n2 nowhere module=/m\n");
     setenv("DOLM_RIC_PORTS", config.c_str(), 1);
-    for (const row &one : {row{"--help", 0, "--print-ports"},
-                           {"--version", 0, "tesk-module-reader "},
-                           {"--fd x", 2, "takes the number of a descriptor, not x"},
-                           {"--nonsense", 2, "unrecognized option"},
-                           {"port", 2, "no argument port"},
-                           {"", 1, "there is no socket"},
-                           {"--print-ports", 0, "2 nowhere module=/m\n7 lo\n"}}) {
-        std::string output;
-        EXPECT_EQ(one.status, testkit::run(std::string(program) + " " + one.arguments, output));
-        expect_parts(output, {one.text});
-    }
+    testkit::expect_runs(program, {{"--help", 0, "--print-ports"},
+                                   {"--version", 0, "tesk-module-reader "},
+                                   {"--fd x", 2, "takes the number of a descriptor, not x"},
+                                   {"--nonsense", 2, "unrecognized option"},
+                                   {"port", 2, "no argument port"},
+                                   {"", 1, "there is no socket"},
+                                   {"--print-ports", 0, "2 nowhere module=/m\n7 lo\n"}});
 }
