@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
@@ -142,22 +143,16 @@ struct exporter_board : testing::Test {
 
 TEST(exporter_text, the_format_is_the_one_that_the_header_prefers)
 {
-    const strings preferring = {"application/openmetrics-text",
-                                "application/openmetrics-text;version=1.0.0;q=0.5,"
-                                "application/openmetrics-text;version=0.0.1;q=0.4,text/"
-                                "plain;version=0.0.4;q=0.3,*/*;q=0.2"};
-    const strings others = {"",
-                            "*/*",
-                            "text/html",
-                            ",;=,;",
-                            "application/openmetrics-text; version=0.0.1",
-                            "application/openmetrics-text;q=0.2, text/plain ; q=0.9",
-                            "application/openmetrics-text;q=0",
-                            "application/openmetrics-text;q=x,text/plain"};
-    for (const std::string &accept : preferring)
+    const std::string open = "application/openmetrics-text";
+    for (const std::string &accept :
+         {open, open + ";version=1.0.0;q=0.5," + open +
+                    ";version=0.0.1;q=0.4,text/plain;version=0.0.4;q=0.3,*/*;q=0.2"})
         EXPECT_EQ(choose_format(accept), text_format::open_metrics) << accept;
-    for (const std::string &accept : others)
+    for (const char *accept : {"", "*/*", "text/html", ",;=,;"})
         EXPECT_EQ(choose_format(accept), text_format::prometheus) << accept;
+    for (const char *more :
+         {"; version=0.0.1", ";q=0.2, text/plain ; q=0.9", ";q=0", ";q=x,text/plain"})
+        EXPECT_EQ(choose_format(open + more), text_format::prometheus) << more;
 }
 
 TEST(exporter_text, any_bytes_of_a_module_are_a_label)
@@ -176,30 +171,23 @@ TEST_F(exporter_board, metrics_have_their_units_and_no_series_of_what_is_unknown
     apply(reading_fact{values_of(0, 0)});
     pass(seconds(3));
     const std::string text = metrics();
-    const std::string port_0 = "{port=\"0\",interface=\"eth0\"} ", port_7 = "{port=\"7\"} ";
-    const std::string bucket = "request_duration_seconds_bucket{le=";
-    strings lines{"up 1",
-                  "ports 2",
-                  "connections_total 1",
-                  bucket + "\"0.00025\"} 0",
-                  bucket + "\"0.0005\"} 1",
-                  bucket + "\"+Inf\"} 1",
-                  "port_link_up" + port_0 + "1",
-                  "port_link_up" + port_7 + "1",
-                  "port_link_state{port=\"7\",state=\"stopped\"} 0",
-                  "port_link_speed_bytes_per_second" + port_7 + "1.25e+09",
-                  "port_module_present" + port_7 + "0",
-                  "port_transmit_power_watts" + port_0 + "0.001",
-                  "port_transmit_power_dbm" + port_0 + "0",
-                  "port_receive_power_watts" + port_0 + "0",
-                  "port_transmit_bias_amperes" + port_0 + "0.03",
-                  "port_voltage_volts" + port_0 + "3.3",
-                  "port_temperature_celsius" + port_0 + "40",
-                  "port_grade_age_seconds" + port_7 + "3",
-                  "port_reading_age_seconds" + port_0 + "3"};
-    for (std::string &line : lines)
-        line = "\ntesk_" + line + "\n";
-    expect_parts(text, lines);
+    const auto expect_values = [&text](const std::string &labels, const char *names_and_values) {
+        std::istringstream words(names_and_values);
+        for (std::string name, value; words >> name >> value;)
+            expect_parts(text, {"\ntesk_" + name + labels + " " + value + "\n"});
+    };
+    expect_values("", "up 1 ports 2 connections_total 1");
+    expect_values("_bucket{le=\"0.00025\"}", "request_duration_seconds 0");
+    expect_values("_bucket{le=\"0.0005\"}", "request_duration_seconds 1");
+    expect_values("_bucket{le=\"+Inf\"}", "request_duration_seconds 1");
+    expect_values(
+        "{port=\"0\",interface=\"eth0\"}",
+        "port_link_up 1 port_reading_age_seconds 3 port_temperature_celsius 40 "
+        "port_voltage_volts 3.3 port_transmit_bias_amperes 0.03 port_receive_power_watts 0 "
+        "port_transmit_power_watts 0.001 port_transmit_power_dbm 0");
+    expect_values("{port=\"7\"}", "port_link_up 1 port_link_speed_bytes_per_second 1.25e+09 "
+                                  "port_module_present 0 port_grade_age_seconds 3");
+    expect_values("{port=\"7\",state=\"stopped\"}", "port_link_state 0");
     expect_parts(text, {"serial=\"S1\"", "measurement=\"rx_power\",grade=\"ok\"} 1\n",
                         "measurement=\"rx_power\",grade=\"low_alarm\"} 0\n"});
     expect_none(text,
@@ -230,10 +218,7 @@ TEST_F(exporter_board, series_end_with_their_port_and_with_the_server)
 
 TEST_F(exporter_board, what_is_found_after_a_connection_is_initial_and_only_a_change_is_an_event)
 {
-    const struct {
-        fact reported;
-        const char *changes;
-    } steps[] = {
+    const std::pair<fact, const char *> steps[] = {
         {connection_fact{true, ""}, ""},
         {ports_fact{{{0, ""}}}, ""},
         {module_in(0, "A"), "0 initial; "},
@@ -254,10 +239,10 @@ TEST_F(exporter_board, what_is_found_after_a_connection_is_initial_and_only_a_ch
         {module_in(0, "D"), "0 initial; "},
         {status_of(0, TESK_CLIENT_LINK_STOPPED), "0 initial; "},
     };
-    for (size_t i = 0; i < std::size(steps); i++) {
+    for (const auto &step : steps) {
         const uint64_t number = events.next();
-        apply(steps[i].reported);
-        EXPECT_EQ(changes(number), steps[i].changes) << "step " << i;
+        apply(step.first);
+        EXPECT_EQ(changes(number), step.second) << "step " << &step - steps;
     }
     EXPECT_EQ(board.ports().at(0).link_changes, 3u);
     EXPECT_EQ(board.connections, 2u);
