@@ -4,23 +4,12 @@
 #include "platform/dolm_ric/linux/link_table.h"
 #include "platform/dolm_ric/linux/netlink.h"
 
-#include <array>
-#include <cerrno>
-#include <cstdint>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <linux/if.h>
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <optional>
-#include <string>
 #include <sys/socket.h>
-#include <vector>
 
-using linux_board::link_report;
-using linux_board::link_table;
-using linux_board::link_values;
-using linux_board::parse_link;
+using namespace linux_board;
 using std::chrono::milliseconds;
 
 static constexpr unsigned up_flags = IFF_UP | IFF_LOWER_UP | IFF_RUNNING;
@@ -29,9 +18,7 @@ namespace
 {
 
 /* Events as text: s(topped), d(own), u(p); i and the index for another interface. */
-class recorder final : public linux_board::link_listener
-{
-  public:
+struct recorder final : link_listener {
     void link_changed(uint32_t, const link_values &now) override
     {
         events += "sdu"[now.state];
@@ -52,9 +39,7 @@ class recorder final : public linux_board::link_listener
     uint64_t falls = 0;
 };
 
-class link_table_test : public testing::Test
-{
-  protected:
+struct link_table_test : testing::Test {
     void SetUp() override
     {
         table.add(4, [](const link_report &report) { return report.name == "eth0"; });
@@ -171,7 +156,7 @@ TEST(link_transitions_test, falls_become_events_up_to_the_cap_and_end_in_the_tru
 {
     const auto events = [](uint32_t before, uint32_t falls, uint32_t after) {
         std::string states;
-        for (const uint32_t state : linux_board::link_transitions(before, falls, after))
+        for (const uint32_t state : link_transitions(before, falls, after))
             states += "sdu"[state];
         return states;
     };

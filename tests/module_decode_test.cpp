@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <string>
 
 using namespace linux_board;
 using namespace module_images;

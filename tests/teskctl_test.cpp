@@ -16,13 +16,9 @@
 
 #include <clocale>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
-#include <optional>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 using strings = std::vector<std::string>;
 
