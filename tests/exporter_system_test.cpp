@@ -162,8 +162,6 @@ TEST_F(exporter_system, bad_requests_get_their_status)
     start_with_server({"--host", "fleet.example"});
     const std::string host = "Host: localhost\r\n", end = "Connection: close\r\n\r\n";
     const std::pair<std::string, const char *> cases[] = {
-        {"GET /nothing HTTP/1.1\r\n" + host + end, " 404 "},
-        {"GET /../../etc/passwd HTTP/1.1\r\n" + host + end, " 404 "},
         {"POST /metrics HTTP/1.1\r\n" + host + "Content-Length: 9\r\n" + end, " 405 "},
         {"DELETE / HTTP/1.1\r\n" + host + end, "Allow: GET, HEAD\r\n"},
         {"HEAD /metrics HTTP/1.1\r\n" + host + end, " 200 "},
@@ -173,13 +171,6 @@ TEST_F(exporter_system, bad_requests_get_their_status)
         {"GET /metrics HTTP/1.1\r\n" + host + "Host: evil.example\r\n" + end, " 421 "},
         {"GET /metrics HTTP/1.1\r\n" + end, " 400 "},
         {"GET /metrics HTTP/1.0\r\n" + end, " 421 "},
-        {"GET /api/plot?port=1x HTTP/1.1\r\n" + host + end, " 400 "},
-        {"GET /api/plot HTTP/1.1\r\n" + host + end, " 400 "},
-        {"GET /api/plot?port=1&range=year HTTP/1.1\r\n" + host + end, " 400 "},
-        {"GET /api/events?port=99 HTTP/1.1\r\n" + host + end, " 404 "},
-        {"GET /metrics HTTP/1.1\r\n" + host + "X: " + std::string(40'000, 'x') + "\r\n" + end,
-         " 431 "},
-        {"GET /" + std::string(40'000, 'x') + " HTTP/1.1\r\n" + host + end, " 414 "},
         {"\r\n\r\nnonsense\r\n\r\n", ""},
     };
     for (const auto &[request, expected] : cases) {
@@ -190,6 +181,13 @@ TEST_F(exporter_system, bad_requests_get_their_status)
         expect_parts(answer, {expected});
         EXPECT_TRUE(!request.starts_with("HEAD") || answer.ends_with("\r\n\r\n")) << answer;
     }
+    for (const char *path : {"/nothing", "/../../etc/passwd", "/api/events?port=99"})
+        expect_parts(get(path), {" 404 "});
+    for (const char *path : {"/api/plot?port=1x", "/api/plot", "/api/plot?port=1&range=year"})
+        expect_parts(get(path), {" 400 "});
+    const std::string longest(40'000, 'x');
+    expect_parts(get("/" + longest), {" 414 "});
+    expect_parts(get("/metrics", "X: " + longest + "\r\n"), {" 431 "});
     expect_parts(get("/metrics"), {"default-src 'none'; script-src 'self'"});
 }
 

@@ -228,6 +228,8 @@ TEST(teskctl, a_history_is_folded_only_where_records_belong_together)
     }
 }
 
+static constexpr char program[] = TESK_BIN_DIR "/teskctl";
+
 struct teskctl_system : testing::Test {
     /* Without a port map, unless a test writes one. */
     teskctl_system()
@@ -243,7 +245,7 @@ struct teskctl_system : testing::Test {
 
     int run(const std::string &arguments)
     {
-        return testkit::run(TESK_BIN_DIR "/teskctl " + arguments, output);
+        return testkit::run(std::string(program) + " " + arguments, output);
     }
 
     void expect(const std::string &arguments, int code, const strings &texts)
@@ -254,7 +256,7 @@ struct teskctl_system : testing::Test {
     /* Starts teskctl, whose output goes to the log. */
     pid_t start(strings words)
     {
-        words.insert(words.begin(), TESK_BIN_DIR "/teskctl");
+        words.insert(words.begin(), program);
         return testkit::start(words, {}, -1, log);
     }
     void await(const char *text)
@@ -265,17 +267,17 @@ struct teskctl_system : testing::Test {
 
 TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
 {
-    expect("--help", 0, {"history"});
-    expect("--version", 0, {"teskctl 1."});
-    expect("", 2, {"subcommand"});
+    testkit::expect_runs(program, {{"--version", 0, "teskctl 1."},
+                                   {"--help", 0, "history"},
+                                   {"help status", 0, "teskctl status"},
+                                   {"", 2, "subcommand"},
+                                   {"pm", 2, "required"},
+                                   {"pm 3-1", 2, "comes before"},
+                                   {"watch", 2, "--sfp"},
+                                   {"ping --count 0", 2, "--count"},
+                                   {"--timeout 0 ping", 2, "timeout"},
+                                   {"history everything", 2, "status"}});
     expect("statsu 0", 2, {"'statsu'", "did you mean 'status'"});
-    expect("help status", 0, {"teskctl status"});
-    expect("ping --count 0", 2, {"--count"});
-    expect("pm", 2, {"required"});
-    expect("pm 3-1", 2, {"comes before"});
-    expect("watch", 2, {"--sfp"});
-    expect("history everything", 2, {"status"});
-    expect("--timeout 0 ping", 2, {"timeout"});
     expect("--json pm 0", 3, {"\"event\":\"error\",\"exit_code\":3,", "teskctl: no server"});
     server.emplace();
     expect("--json pm 0,900", 1, {"_dbm", "\"event\":\"rejected\"", "teskctl: port 900: pm: "});
@@ -402,12 +404,4 @@ TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
     setenv("MBX_LOCATE_MS", "100", 1);
     expect("--timeout 0.1 doctor", 3, {"has the server's name, but"});
     kill(server->pid, SIGCONT);
-}
-
-TEST_F(teskctl_system, the_examples_work)
-{
-    server.emplace();
-    expect("capabilities; " TESK_BIN_DIR "/example_client 0 2", 0, {"port 0: link operational"});
-    expect("capabilities; " TESK_BIN_DIR "/example_client_cpp 0 900", 0,
-           {"port 0: 41.5 degrees", "port 900: no device"});
 }
