@@ -38,12 +38,13 @@ static std::string summary(const configured_port &port)
 
 TEST(port_config, understands_each_spelling_and_sorts)
 {
-    const port_config config = parse_port_config("# all of them\n7 swp7\t# the last\r\n\n"
-                                                 "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"
-                                                 "1 0000:03:00.0/p1s2 i2c=12\n"
-                                                 "65534 sw/1/p2 poll=off\n"
-                                                 "3 0000:03:00.0/",
-                                                 "ports");
+    const port_config config =
+        parse_port_config("\xEF\xBB\xBF# all of them\n7 swp7\t# the last\r\n\n"
+                          "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"
+                          "1 0000:03:00.0/p1s2 i2c=12\n"
+                          "65534 sw/1/p2 poll=off\n"
+                          "3 0000:03:00.0/",
+                          "ports");
     std::string summaries;
     for (const configured_port &port : config.ports)
         summaries += summary(port) + "\n";

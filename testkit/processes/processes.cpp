@@ -168,9 +168,12 @@ size_t idle_descriptors_of(pid_t server)
 size_t await_descriptors(pid_t process, size_t at_most)
 {
     const auto until = std::chrono::steady_clock::now() + deadline;
-    while (descriptors_of(process) > at_most && std::chrono::steady_clock::now() < until)
+    size_t open = descriptors_of(process);
+    while (open > at_most && std::chrono::steady_clock::now() < until) {
         usleep(1000);
-    return descriptors_of(process);
+        open = descriptors_of(process);
+    }
+    return open;
 }
 
 long processor_ms(pid_t process)

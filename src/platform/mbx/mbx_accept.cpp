@@ -75,7 +75,10 @@ static void complain_about_old_wire(const peer_identity &peer)
 /* Empty, with errno, when the system refuses a part. */
 static std::optional<offer> make_offer()
 {
-    offer made{make_area_memory(), nullptr, make_bell(), make_bell()};
+    offer made;
+    made.near_bell = make_bell();
+    made.far_bell = make_bell();
+    made.memory = make_area_memory();
     if (made.memory && made.near_bell && made.far_bell)
         made.area = mapped_area::map(made.memory.get());
     if (!made.area)
