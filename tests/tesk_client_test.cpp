@@ -559,7 +559,7 @@ TEST(port_map, is_read_whole_or_its_wrong_line_is_named)
     setenv("DOLM_RIC_PORT_MAP", path.c_str(), 1);
     EXPECT_EQ(tesk_client_read_port_map(nullptr, each, &read), TESK_CLIENT_BAD_PORT_MAP);
     unsetenv("DOLM_RIC_PORT_MAP");
-    expect_error(link, TESK_CLIENT_BAD_PORT_MAP, "link");
+    expect_error(link, TESK_CLIENT_BAD_PORT_MAP, "is a link");
     expect_error(fifo, TESK_CLIENT_BAD_PORT_MAP, "regular");
     expect_error("/dev/zero", TESK_CLIENT_BAD_PORT_MAP, "regular");
     EXPECT_EQ(tesk_client_read_port_map(path.c_str(), nullptr, &read), TESK_CLIENT_MISUSE);
