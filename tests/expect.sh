@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
-# Sourced by the tests of the installation, after scripts/common.sh.
+# Sourced by the tests that are scripts, after scripts/common.sh.
 
 expect() { # STATUS TEXT COMMAND..: fails unless the command ends with STATUS and its output contains TEXT
     local status=0 output
@@ -16,4 +16,11 @@ await() { # PROCESS COMMAND..: repeats the command until it succeeds, up to 20 s
         sleep 0.1
     done
     fail "timeout: ${*:2}"
+}
+
+report_guest() { # STATUS LOG: of testkit/kernel/emulate, which has said what is missing if it is 77
+    [ "$1" -ne 77 ] || exit 0
+    grep -A 12 '^FAILED' "$2" >&2 || true
+    [ "$1" -eq 0 ] || fail "failed with $1: see $2"
+    say "$(grep -c '^ok ' "$2") checks passed"
 }

@@ -8,7 +8,7 @@ set -euo pipefail
 build=$1
 . "$(dirname "$0")/../scripts/common.sh"
 . "$(dirname "$0")/expect.sh"
-command -v prometheus >/dev/null && command -v python3 >/dev/null || exit 77
+type -P prometheus promtool curl python3 >/dev/null || exit 77
 work=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$work"' EXIT
 export MBX_DIR=$work/mbx DOLM_RIC_SOCKET=$work/board.sock DOLM_RIC_PORT_MAP=$work/ports
@@ -39,12 +39,12 @@ shows() { # TEXT QUERY
     promtool query instant "http://$prometheus" "$2" 2>/dev/null | grep -qF "$1"
 }
 is_empty() { # QUERY
-    local answer
-    answer=$(promtool query instant "http://$prometheus" "$1" 2>&1) && [ -z "$answer" ]
+    [ "$(promtool query instant "http://$prometheus" "$1" 2>&1 || echo failed)" = "" ]
 }
 firing='ALERTS{alertstate="firing"}'
 await $monitor shows '=> 1 @' 'up{job="tesk"} == 1 and on(instance) tesk_up == 1'
 await $monitor shows 'interface="port1"' 'tesk_port_temperature_celsius{port="1"}'
+curl -s "http://$exporter/metrics" | promtool check metrics || fail "promtool complains"
 await $monitor is_empty "$firing" # it may fire while the server starts
 "$build/bin/teskboard" set 1 temperature=90C
 await $monitor shows 'alertname="TeskModuleInAlarm"' "$firing"

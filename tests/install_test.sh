@@ -35,6 +35,7 @@ cmake --build "$work/outside" >/dev/null
 start_server
 LD_LIBRARY_PATH=$libraries expect 0 "port 0: link" "$work/outside/by_pkgconfig" 0 1
 expect 0 "degrees" "$work/outside/by_cmake" 1 1
+expect 0 "port 900: no device" "$work/outside/by_cmake" 0 900
 stop_server
 
 # Pages and examples are installed, the links of the pages are valid, and every example compiles.

@@ -4,23 +4,12 @@
 #include "platform/dolm_ric/linux/link_table.h"
 #include "platform/dolm_ric/linux/netlink.h"
 
-#include <array>
-#include <cerrno>
-#include <cstdint>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <linux/if.h>
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <optional>
-#include <string>
 #include <sys/socket.h>
-#include <vector>
 
-using linux_board::link_report;
-using linux_board::link_table;
-using linux_board::link_values;
-using linux_board::parse_link;
+using namespace linux_board;
 using std::chrono::milliseconds;
 
 static constexpr unsigned up_flags = IFF_UP | IFF_LOWER_UP | IFF_RUNNING;
@@ -29,9 +18,7 @@ namespace
 {
 
 /* Events as text: s(topped), d(own), u(p); i and the index for another interface. */
-class recorder final : public linux_board::link_listener
-{
-  public:
+struct recorder final : link_listener {
     void link_changed(uint32_t, const link_values &now) override
     {
         events += "sdu"[now.state];
@@ -57,9 +44,7 @@ class recorder final : public linux_board::link_listener
     uint64_t falls = 0;
 };
 
-class link_table_test : public testing::Test
-{
-  protected:
+struct link_table_test : testing::Test {
     void SetUp() override
     {
         table.add(4, [](const link_report &report) { return report.name == "eth0"; });
@@ -123,22 +108,22 @@ TEST(netlink_test, messages_and_attributes_end_where_a_length_is_wrong)
 
 TEST(link_report_test, a_link_is_operational_only_while_carrier_and_kernel_say_so)
 {
-    struct row {
-        unsigned flags;
-        bool started, operational;
-    };
-    for (const row &one : {row{up_flags, true, true}, row{IFF_UP | IFF_LOWER_UP, true, false},
-                           row{IFF_UP | IFF_RUNNING, true, false},
-                           row{IFF_LOWER_UP | IFF_RUNNING, false, false}, row{0, false, false}}) {
+    static const std::tuple<unsigned, bool, bool> rows[] = {
+        {up_flags, true, true},
+        {IFF_UP | IFF_LOWER_UP, true, false},
+        {IFF_UP | IFF_RUNNING, true, false},
+        {IFF_LOWER_UP | IFF_RUNNING, false, false},
+        {0, false, false}};
+    for (const auto &[flags, started, operational] : rows) {
         ifinfomsg info = {};
         info.ifi_index = 3;
-        info.ifi_flags = one.flags;
+        info.ifi_flags = flags;
         netlink::request made(RTM_NEWLINK, 0, info);
         std::vector<uint8_t> storage;
         const auto parsed = parse_link(message_of(made, storage));
         ASSERT_TRUE(parsed);
-        EXPECT_EQ(one.started, parsed->started) << one.flags;
-        EXPECT_EQ(one.operational, parsed->operational) << one.flags;
+        EXPECT_EQ(started, parsed->started) << flags;
+        EXPECT_EQ(operational, parsed->operational) << flags;
     }
 }
 
@@ -174,38 +159,22 @@ TEST(link_report_test, names_counters_and_place_are_read_and_a_bridges_copy_is_n
 
 TEST(link_transitions_test, falls_become_events_up_to_the_cap_and_end_in_the_true_state)
 {
-    struct row {
-        uint32_t before, falls, after;
-        const char *events;
-    };
-    static constexpr row rows[] = {
-        {2, 0, 2, ""},
-        {2, 0, 1, "d"},
-        {1, 0, 2, "u"},
-        {2, 1, 2, "du"},
-        {2, 1, 1, "d"},
-        {1, 1, 1, "ud"},
-        {1, 1, 2, "udu"},
-        {2, 2, 1, "dud"},
-        {2, 1, 0, "s"},
-        {2, 2, 0, "dus"},
-        {2, 0, 0, "s"},
-        {0, 0, 2, "u"},
-        {0, 0, 1, "d"},
-        {1, 0, 0, "s"},
-        {2, 5, 2, "dududududu"},
-        {2, 6, 2, "dududududu"},
-        {1, 200000, 1, "ududududud"},
-        {2, UINT32_MAX, 1,
-         "dududu"
-         "dud"},
-    };
-    for (const row &one : rows) {
+    const auto events = [](uint32_t before, uint32_t falls, uint32_t after) {
         std::string states;
-        for (const uint32_t state : linux_board::link_transitions(one.before, one.falls, one.after))
+        for (const uint32_t state : link_transitions(before, falls, after))
             states += "sdu"[state];
-        EXPECT_EQ(one.events, states) << one.before << one.falls << one.after;
-    }
+        return states;
+    };
+    static const std::tuple<uint32_t, uint32_t, uint32_t, const char *> rows[] = {
+        {2, 0, 2, ""},   {2, 0, 1, "d"},   {1, 0, 2, "u"},   {2, 1, 2, "du"}, {2, 1, 1, "d"},
+        {1, 1, 1, "ud"}, {1, 1, 2, "udu"}, {2, 2, 1, "dud"}, {2, 1, 0, "s"},  {2, 2, 0, "dus"},
+        {2, 0, 0, "s"},  {0, 0, 2, "u"},   {0, 0, 1, "d"},   {1, 0, 0, "s"}};
+    for (const auto &[before, falls, after, expected] : rows)
+        EXPECT_EQ(expected, events(before, falls, after)) << before << falls << after;
+    EXPECT_EQ("dududududu", events(2, 5, 2));
+    EXPECT_EQ("dududududu", events(2, 6, 2));
+    EXPECT_EQ("ududududud", events(1, 200000, 1));
+    EXPECT_EQ("dudududud", events(2, UINT32_MAX, 1));
 }
 
 TEST_F(link_table_test, falls_are_counted_by_the_counters_and_not_by_the_messages)
@@ -228,17 +197,14 @@ TEST_F(link_table_test, counters_wrap)
 
 TEST_F(link_table_test, an_administrator_who_stops_and_starts_a_port_makes_one_fall)
 {
-    struct step {
-        link_report report;
-        const char *events;
-    };
     link_report stopping = report(0, 3, 4);
     stopping.has_carrier = true;
-    const step steps[] = {{report(2, 3, 4), "i7u"}, {stopping, "s"},        {report(0, 4, 4), ""},
-                          {report(1, 4, 4), "d"},   {report(2, 4, 5), "u"}, {report(0, 5, 5), "s"},
-                          {report(2, 5, 6), "u"},   {report(2, 6, 7), "du"}};
-    for (const step &one : steps)
-        EXPECT_EQ(one.events, take(one.report));
+    const std::pair<link_report, const char *> steps[] = {
+        {report(2, 3, 4), "i7u"}, {stopping, "s"},        {report(0, 4, 4), ""},
+        {report(1, 4, 4), "d"},   {report(2, 4, 5), "u"}, {report(0, 5, 5), "s"},
+        {report(2, 5, 6), "u"},   {report(2, 6, 7), "du"}};
+    for (const auto &[step, expected] : steps)
+        EXPECT_EQ(expected, take(step));
 }
 
 TEST_F(link_table_test, a_port_follows_its_interface_and_takes_another_only_when_that_is_gone)

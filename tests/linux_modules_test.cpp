@@ -7,30 +7,18 @@
 #include "platform/dolm_ric/linux/worker.h"
 #include "testkit/modules/module_images.h"
 #include "testkit/processes/processes.h"
+#include "util/local_socket.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <map>
-#include <optional>
 #include <poll.h>
-#include <string>
-#include <string_view>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
+#include <set>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
-using linux_board::module_contents;
-using linux_board::module_poller;
-using linux_board::module_presence;
-using linux_board::piece;
+using namespace linux_board;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using time_point = module_poller::time_point;
@@ -51,33 +39,25 @@ struct cage {
     uint32_t readings = 0;
 };
 
-class cages final : public linux_board::module_access
-{
-  public:
+struct cages final : module_access {
     void read(std::span<piece> pieces) override
     {
-        EXPECT_LE(pieces.size(), linux_board::most_pieces);
+        EXPECT_LE(pieces.size(), most_pieces);
         packets++;
         requests += pieces.size();
-        std::vector<uint32_t> failing;
+        std::set<uint32_t> failing;
         for (piece &wanted : pieces) {
-            if (std::find(failing.begin(), failing.end(), wanted.port) != failing.end())
+            if (failing.contains(wanted.port))
                 wanted.error = ECANCELED;
             else
                 read(ports[wanted.port], wanted);
             if (wanted.error != 0)
-                failing.push_back(wanted.port);
+                failing.insert(wanted.port);
         }
     }
-    std::map<uint32_t, cage> ports;
-    time_point now{std::chrono::hours(1)};
-    size_t packets = 0;
-    size_t requests = 0;
-
-  private:
     void read(cage &from, piece &wanted)
     {
-        const linux_board::memory_range &range = wanted.range;
+        const memory_range &range = wanted.range;
         EXPECT_TRUE(range.length >= 1 && range.length <= 32);
         EXPECT_TRUE(range.offset >= 128 || range.offset + range.length <= 128);
         now += from.cost;
@@ -95,23 +75,35 @@ class cages final : public linux_board::module_access
         if (from.garbled_left > 0)
             from.garbled_left--, wanted.bytes.fill(0xff);
     }
+    std::map<uint32_t, cage> ports;
+    time_point now{std::chrono::hours(1)};
+    size_t packets = 0, requests = 0;
 };
 
-class linux_modules_test : public testing::Test, public linux_board::module_listener
-{
-  protected:
-    void add(uint32_t port)
+struct linux_modules_test : testing::Test, module_listener {
+    linux_modules_test()
     {
-        active->add(port, true);
-        active->set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
+        begin_anew();
+    }
+    void begin_anew()
+    {
+        modules = cages();
+        read_at.clear();
+        accesses.clear();
+        poller.emplace(modules, *this, [this] { return modules.now; });
+    }
+    void add(uint32_t port, bool needs_reader = true)
+    {
+        poller->add(port, needs_reader);
+        poller->set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
     }
     /* Carries out what is due in that time. */
     void pass(module_poller::duration time)
     {
         const time_point end = modules.now + time;
-        for (time_point due; (due = active->next_due()) <= end;) {
+        for (time_point due; (due = poller->next_due()) <= end;) {
             modules.now = std::max(modules.now, due);
-            active->step();
+            poller->step();
             for (const auto &[port, at] : read_at)
                 oldest = std::max(oldest, modules.now - at);
         }
@@ -149,8 +141,7 @@ class linux_modules_test : public testing::Test, public linux_board::module_list
     }
 
     cages modules;
-    module_poller poller{modules, *this, [this] { return modules.now; }};
-    module_poller *active = &poller; /* a test may put another one in its place */
+    std::optional<module_poller> poller;
     std::string news;
     std::map<uint32_t, std::string> serials;
     std::map<uint32_t, double> values;
@@ -166,7 +157,7 @@ TEST_F(linux_modules_test, a_module_comes_is_replaced_between_two_looks_and_goes
     modules.ports[0] = {};
     add(0);
     EXPECT_EQ("", news_in(seconds(5)));
-    EXPECT_TRUE(poller.is_first_look_over());
+    EXPECT_TRUE(poller->is_first_look_over());
     modules.ports[0].module = module_with_serial("0001");
     EXPECT_EQ("n", news_in(milliseconds(1200))) << "found within a second, and given time";
     EXPECT_EQ("r0001", news_in(milliseconds(200)));
@@ -193,7 +184,7 @@ TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_
     module_images::image garbled = module_with_serial("0001");
     garbled.a0[70] ^= 1;
     EXPECT_EQ("n", begin_with(garbled));
-    EXPECT_TRUE(poller.is_first_look_over());
+    EXPECT_TRUE(poller->is_first_look_over());
     EXPECT_EQ("", news_in(seconds(120)));
     EXPECT_TRUE(read_at.empty());
     modules.ports[0].readings = 0;
@@ -221,7 +212,7 @@ TEST_F(linux_modules_test, values_of_another_module_are_not_taken)
     other.a0[0] = 0; /* nor is the other one ready yet */
     modules.ports[0].module = other;
     pass(milliseconds(1000));
-    poller.diagnostics_wanted(0);
+    poller->diagnostics_wanted(0);
     pass(seconds(10));
     EXPECT_EQ(before, values[0]);
     EXPECT_EQ("0001", serials[0].substr(0, 4));
@@ -235,15 +226,15 @@ TEST_F(linux_modules_test, values_are_read_in_time_on_demand_and_after_a_link_ch
     EXPECT_LE(oldest, seconds(5));
     const time_point last = read_at[0];
     modules.now = last + milliseconds(900);
-    poller.diagnostics_wanted(0);
+    poller->diagnostics_wanted(0);
     pass(milliseconds(0));
     EXPECT_EQ(last, read_at[0]) << "young enough";
     modules.now = last + milliseconds(1100);
-    poller.diagnostics_wanted(0);
+    poller->diagnostics_wanted(0);
     pass(milliseconds(0));
     EXPECT_EQ(modules.now, read_at[0]);
     const time_point change = modules.now;
-    poller.link_changed(0);
+    poller->link_changed(0);
     pass(seconds(1));
     EXPECT_GT(read_at[0], change);
 }
@@ -272,30 +263,22 @@ TEST_F(linux_modules_test, without_a_reader_things_stay_for_a_while_and_come_bac
     EXPECT_LE(modules.now - read_at[0], seconds(5));
 }
 
-TEST_F(linux_modules_test, a_missing_right_is_reported_once_beside_a_module_that_needs_none)
+TEST_F(linux_modules_test, a_missing_right_or_reader_is_reported_once_and_touches_no_other_module)
 {
-    modules.ports[0].module = modules.ports[1].module = module_with_serial("0001");
-    modules.ports[0].error = EPERM;
-    add(0);
-    add(1);
-    EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
-    EXPECT_EQ(std::vector<int>{EPERM}, accesses);
-    modules.ports[0].error = 0;
-    EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
-    EXPECT_EQ((std::vector<int>{EPERM, 0}), accesses);
-}
-
-TEST_F(linux_modules_test, a_missing_reader_doesnt_touch_modules_without_one)
-{
-    modules.ports[0].error = ENOTCONN;
-    modules.ports[1].module = module_with_serial("0001");
-    add(0);
-    poller.add(1, false);
-    poller.set_interface(1, index_of_port_0 + 1);
-    EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
-    EXPECT_TRUE(poller.is_first_look_over());
-    EXPECT_EQ(std::vector<int>{ENOTCONN}, accesses);
-    EXPECT_LE(modules.now - read_at[1], seconds(5));
+    for (const auto &[error, needs_reader] : {std::pair(EPERM, true), {ENOTCONN, false}}) {
+        begin_anew();
+        modules.ports[0].module = modules.ports[1].module = module_with_serial("0001");
+        modules.ports[0].error = error;
+        add(0);
+        add(1, needs_reader);
+        EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
+        EXPECT_TRUE(poller->is_first_look_over());
+        EXPECT_LE(modules.now - read_at[1], seconds(5));
+        EXPECT_EQ(std::vector<int>{error}, accesses);
+        modules.ports[0].error = 0;
+        EXPECT_EQ("nr0001r0001", news_in(seconds(60)));
+        EXPECT_EQ((std::vector<int>{error, 0}), accesses);
+    }
 }
 
 TEST_F(linux_modules_test, hints_make_looks_sooner_but_not_without_end)
@@ -303,7 +286,7 @@ TEST_F(linux_modules_test, hints_make_looks_sooner_but_not_without_end)
     begin_with(module_with_serial("0001"));
     modules.ports[0].readings = 0;
     for (int hint = 0; hint < 1000; hint++) {
-        poller.hint();
+        poller->hint();
         pass(milliseconds(1));
     }
     EXPECT_GE(modules.ports[0].readings, 4u);
@@ -316,9 +299,9 @@ TEST_F(linux_modules_test, bytes_of_another_interface_are_not_taken)
     modules.ports[0].moved = 1;
     add(0);
     EXPECT_EQ("", news_in(seconds(30)));
-    poller.set_interface(0, index_of_port_0 + 1);
+    poller->set_interface(0, index_of_port_0 + 1);
     EXPECT_EQ("nr0001", news_in(milliseconds(0)));
-    poller.set_interface(0, 0);
+    poller->set_interface(0, 0);
     EXPECT_EQ("nr0001a", news) << "no interface, no module";
     modules.ports[0].readings = 0;
     pass(seconds(30));
@@ -329,7 +312,7 @@ TEST_F(linux_modules_test, a_file_that_is_no_memory_of_a_module_is_an_error)
 {
     const testkit::directory place;
     const std::string path = place.path + "/module";
-    linux_board::module_files files;
+    module_files files;
     files.add(0, path);
     const auto error_at = [&](uint8_t address, uint8_t offset) {
         piece wanted = {.port = 0, .range = {address, 0, 0, offset, 2}};
@@ -345,12 +328,12 @@ TEST_F(linux_modules_test, a_file_that_is_no_memory_of_a_module_is_an_error)
     testing::internal::CaptureStderr();
     EXPECT_EQ(EIO, error_at(0x50, 0));
     EXPECT_EQ(EIO, error_at(0x50, 1));
-    write(linux_board::largest_module_file + 1, 3);
+    write(largest_module_file + 1, 3);
     EXPECT_EQ(EIO, error_at(0x50, 0));
     EXPECT_EQ("libdolm_ric: port 0: " + path +
                   ": not a regular file\nlibdolm_ric: port 0: " + path + ": larger than 64 KiB\n",
               testing::internal::GetCapturedStderr());
-    write(linux_board::largest_module_file, 3);
+    write(largest_module_file, 3);
     EXPECT_EQ(0, error_at(0x51, 254));
     write(512, 0x11);
     EXPECT_EQ(0, error_at(0x50, 254));
@@ -363,17 +346,13 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
 {
     const testkit::directory place;
     const std::string path = place.path + "/reader";
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)));
-    ASSERT_EQ(0, listen(listener, 1));
-    linux_board::worker stopped;
-    linux_board::reader_client client(path, stopped.stop_fd());
+    const util::descriptor listener = util::listen_at(path, SOCK_SEQPACKET, 0600, getegid(), 1);
+    ASSERT_TRUE(listener.is_open());
+    worker stopped;
+    reader_client client(path, stopped.stop_fd());
     const auto ask = [&](size_t answer_size) {
         std::thread reader([&] {
-            const int peer = accept(listener, nullptr, nullptr);
+            const int peer = accept(listener.get(), nullptr, nullptr);
             reader_request asked[2] = {};
             EXPECT_EQ(ssize_t{sizeof(asked)}, recv(peer, asked, sizeof(asked), 0));
             reader_answer answers[2] = {{EIO, 5, {}}, {0, asked[1].port, {7, asked[1].offset}}};
@@ -394,9 +373,8 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     EXPECT_EQ("107 107 0 0", ask(sizeof(reader_answer))) << "half an answer is none";
     client.read({&hung_up, 1});
     EXPECT_EQ(ENOTCONN, hung_up.error);
-    pollfd waiting = {listener, POLLIN, 0};
+    pollfd waiting = {listener.get(), POLLIN, 0};
     EXPECT_EQ(0, poll(&waiting, 1, 0)) << "no third try at once";
-    close(listener);
 }
 
 TEST_F(linux_modules_test, ports_that_are_due_at_different_times_share_packets)
@@ -420,14 +398,12 @@ TEST_F(linux_modules_test, half_of_512_ports_may_fail_and_the_others_stay_fresh)
         milliseconds cost;
         seconds discovery;
     };
-    for (const row &bad :
-         {row{EIO, milliseconds(0), seconds(5)}, row{EIO, milliseconds(20), seconds(20)},
-          row{ETIMEDOUT, milliseconds(300), seconds(180)},
-          row{ENXIO, milliseconds(200), seconds(120)}}) {
-        modules = cages();
-        module_poller fresh(modules, *this, [this] { return modules.now; });
-        active = &fresh;
-        read_at.clear();
+    using ms = milliseconds;
+    for (const row &bad : {row{EIO, ms(0), seconds(5)},
+                           {EIO, ms(20), seconds(20)},
+                           {ETIMEDOUT, ms(300), seconds(180)},
+                           {ENXIO, ms(200), seconds(120)}}) {
+        begin_anew();
         for (uint32_t port = 0; port < 512; port++) {
             modules.ports[port].module = module_with_serial("0001");
             if (port % 2 == 0)

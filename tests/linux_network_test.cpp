@@ -7,22 +7,15 @@
 #include "testkit/modules/module_images.h"
 #include "testkit/network/network.h"
 #include "testkit/processes/processes.h"
+#include "testkit/texts.h"
 
-#include <chrono>
+#include <algorithm>
 #include <condition_variable>
-#include <cstdint>
-#include <cstdlib>
+#include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <map>
-#include <memory>
+#include <iostream>
 #include <mutex>
-#include <optional>
-#include <string>
-#include <system_error>
-#include <thread>
-#include <unistd.h>
 
 using linux_board::link_report;
 using linux_board::link_values;
@@ -36,9 +29,7 @@ namespace
 {
 
 /* What a follower reports of one port; its events as in "sdu". */
-class watcher final : public linux_board::follower_listener
-{
-  public:
+struct watcher final : linux_board::follower_listener {
     void link_changed(uint32_t, const link_values &now) override
     {
         const std::lock_guard guard(lock);
@@ -85,9 +76,7 @@ class watcher final : public linux_board::follower_listener
     uint64_t falls = 0;
 };
 
-class linux_network_test : public testing::Test
-{
-  protected:
+struct linux_network_test : testing::Test {
     void SetUp() override
     {
         if (!testkit::enter_own_network())
@@ -107,14 +96,20 @@ class linux_network_test : public testing::Test
         net->start("a0");
         net->start("a1");
     }
-    std::unique_ptr<testkit::tap> make_tap(const std::string &name)
+    /* A tap that is followed and up; nullptr for a user who may have none. */
+    std::unique_ptr<testkit::tap> follow_tap()
     {
+        std::unique_ptr<testkit::tap> tap;
         try {
-            return std::make_unique<testkit::tap>(name);
+            tap = std::make_unique<testkit::tap>("t0");
         } catch (const std::system_error &error) {
             std::cerr << error.what() << '\n';
             return nullptr;
         }
+        net->start("t0");
+        follow("t0");
+        seen.await_state(up);
+        return tap;
     }
 
     std::unique_ptr<testkit::network> net;
@@ -126,12 +121,9 @@ class linux_network_test : public testing::Test
 
 TEST_F(linux_network_test, every_flap_of_a_tap_is_counted_though_the_kernel_merges_them)
 {
-    const auto tap = make_tap("t0");
+    const auto tap = follow_tap();
     if (!tap)
         GTEST_SKIP() << "no taps for this user";
-    net->start("t0");
-    follow("t0");
-    seen.await_state(up);
     const uint64_t flaps = testkit::sanitized ? 20000 : 200000;
     seen.take_events();
     const auto begin = std::chrono::steady_clock::now();
@@ -194,12 +186,9 @@ TEST_F(linux_network_test, a_port_follows_what_is_done_to_its_interface)
 
 TEST_F(linux_network_test, a_read_asks_the_kernel_afresh)
 {
-    const auto tap = make_tap("t0");
+    const auto tap = follow_tap();
     if (!tap)
         GTEST_SKIP() << "no taps for this user";
-    net->start("t0");
-    follow("t0");
-    seen.await_state(up);
     /* The kernel has just sent a message, and holds the next one back for up to a second. */
     tap->set_carrier(false);
     seen.await_state(down);
@@ -217,9 +206,7 @@ namespace
 {
 
 /* The executable as it ships, on the library of the Linux board. */
-class linux_server_test : public linux_network_test
-{
-  protected:
+struct linux_server_test : linux_network_test {
     ~linux_server_test() override
     {
         if (server < 0)
@@ -233,7 +220,7 @@ class linux_server_test : public linux_network_test
         server = testkit::start({TESK_BIN_DIR "/tesk-server"},
                                 {"LD_LIBRARY_PATH=" TESK_LIB_DIR "/linux",
                                  "DOLM_RIC_PORTS=" + place.path + "/ports",
-                                 "DOLM_RIC_PORT_MAP=" + map(), "DOLM_RIC_READER=/nobody"});
+                                 "DOLM_RIC_PORT_MAP=" + map, "DOLM_RIC_READER=/nobody"});
         do {
             client = std::make_unique<testkit::test_client>();
         } while (client->located != 0); /* the mailbox isn't there yet */
@@ -258,21 +245,12 @@ class linux_server_test : public linux_network_test
     {
         std::ofstream file(place.path + "/new", std::ios::binary);
         for (const auto *bytes : {&module.a0, &module.a2})
-            file.write(reinterpret_cast<const char *>(bytes->data()),
-                       static_cast<std::streamsize>(bytes->size()));
+            std::ranges::copy(*bytes, std::ostreambuf_iterator(file));
         file.close();
-        std::filesystem::rename(place.path + "/new", module_file());
+        std::filesystem::rename(place.path + "/new", module_file);
     }
-    std::string module_file() const
-    {
-        return place.path + "/module";
-    }
-    std::string map() const
-    {
-        return place.path + "/map";
-    }
-
-    testkit::directory place;
+    const testkit::directory place;
+    const std::string module_file = place.path + "/module", map = place.path + "/map";
     std::unique_ptr<testkit::test_client> client;
     uint32_t reference = 0;
     pid_t server = -1;
@@ -284,19 +262,17 @@ TEST_F(linux_server_test, a_module_in_a_file_is_inserted_replaced_and_removed)
 {
     add_started_pair();
     write_module(module_with_serial("0001"));
-    start_server("3 a0 module=" + module_file() + "\n");
+    start_server("3 a0 module=" + module_file + "\n");
     subscribe(TESK_SUBSCRIBE_SFP_INFO_REQ, 3);
     EXPECT_EQ("2/0001", next()) << "there from the start, so not reported as inserted later";
     write_module(module_with_serial("0002"));
     EXPECT_EQ("0/", next()) << "a swap is a removal and an insertion";
     EXPECT_EQ("2/0002", next());
-    std::filesystem::remove(module_file());
+    std::filesystem::remove(module_file);
     EXPECT_EQ("0/", next());
     write_module(module_with_serial("0001"));
-    std::string news = next();
-    if (news == "3/") /* present, not ready yet */
-        news = next();
-    EXPECT_EQ("2/0001", news);
+    const std::string news = next();
+    EXPECT_EQ("2/0001", news == "3/" ? next() : news) << "3: present, not ready yet";
 }
 
 TEST_F(linux_server_test, clients_see_the_true_state_after_any_storm_of_flaps)
@@ -309,9 +285,7 @@ TEST_F(linux_server_test, clients_see_the_true_state_after_any_storm_of_flaps)
     net->start("b0");
     net->start("later");
     EXPECT_EQ("2@100", next());
-    std::ifstream lines(map());
-    const std::string text{std::istreambuf_iterator<char>(lines), {}};
-    EXPECT_EQ("# tesk-ports 1\n0\ta0\n5\tlater\n", text);
+    EXPECT_EQ("# tesk-ports 1\n0\ta0\n5\tlater\n", testkit::read_file(map));
     for (int flap = 0; flap < 1000; flap++) {
         net->start("b0", false);
         net->start("b0");

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <string>
 
 using namespace linux_board;
 using namespace module_images;
@@ -89,20 +88,16 @@ TEST(sfp_values, external_calibration)
 
 TEST(sfp_values, halves_are_rounded_away_from_zero)
 {
-    const struct {
-        std::array<int, 5> raw;
-        numbers values;
-    } cases[] = {
+    const std::pair<std::array<int, 5>, numbers> cases[] = {
         {{-16, 1, 1, 5, 15}, {-63, 100, 2, 1, 2}}, /* -62.5, 0.5 and 1.5 */
         {{16, 65535, 65535, 4, 14}, {63, 6553500, 131070, 0, 1}},
         {{-32768, 33000, 3000, 65535, 65535}, {-128000, 3300000, 6000, 6554, 6554}},
-        {{-1, 33000, 3000, 24, 25}, {-4, 3300000, 6000, 2, 3}},
-    };
-    for (const auto &its : cases) {
+        {{-1, 33000, 3000, 24, 25}, {-4, 3300000, 6000, 2, 3}}};
+    for (const auto &[raw, values] : cases) {
         image made = sfp();
         for (size_t n = 0; n < 5; n++)
-            put16(made.a2, 96 + 2 * n, its.raw[n]);
-        EXPECT_EQ(values_of(records_of(made)), its.values);
+            put16(made.a2, 96 + 2 * n, raw[n]);
+        EXPECT_EQ(values_of(records_of(made)), values);
     }
 }
 
@@ -147,19 +142,16 @@ TEST(limits, that_make_no_sense_are_left_open)
 
 TEST(limits, stay_on_their_side_of_the_exact_value)
 {
-    const struct {
-        int low_alarm, low_warning, value;
-        numbers expected; /* low alarm, low warning, value, high warning */
-    } cases[] = {
+    /* Alarm, warning and value; low alarm, low warning, value and high warning of the record. */
+    const std::tuple<int, int, int, numbers> cases[] = {
         {1000, 1003, 1004, {99, 99, 100, 794}},   {1000, 1003, 1003, {99, 100, 100, 794}},
         {1000, 1003, 1000, {100, 100, 100, 794}}, {1000, 1259, 7942, {100, 126, 794, 795}},
-        {1000, 1259, 7943, {100, 126, 794, 794}}, {4, 8, 4, {0, 1, 0, 794}},
-    };
-    for (const auto &its : cases) {
-        const auto d = with_rx_power({10000, its.low_alarm, 7943, its.low_warning, its.value});
+        {1000, 1259, 7943, {100, 126, 794, 794}}, {4, 8, 4, {0, 1, 0, 794}}};
+    for (const auto &[alarm, warning, value, expected] : cases) {
+        const auto d = with_rx_power({10000, alarm, 7943, warning, value});
         EXPECT_EQ(
             (numbers{d.rxpower_low_alarm, d.rxpower_low_warn, d.rxpower, d.rxpower_high_warn}),
-            its.expected);
+            expected);
     }
     EXPECT_EQ(with_rx_power({10000, 1, 7943, 2, 4}).diag_cap & DOLM_SFP_DIAGCAP_RXPOWER, 0u);
 }
@@ -179,45 +171,34 @@ TEST(refused, memories_that_can_not_be_true)
 {
     constexpr int32_t ok = DOLM_RICERR_OK, none = DOLM_RICERR_UNSUPPORTED;
     constexpr int32_t missing = DOLM_RICERR_NOTAVAIL;
-    const struct {
-        const char *what;
-        bytes image::*memory;
-        size_t first, last;
-        uint8_t byte;
+    static constexpr struct outcome {
         bool ready;
-        int32_t diag_result, external_result;
-    } cases[] = {
-        {"first sum", &image::a0, 25, 25, '!', false, missing, missing},
-        {"second sum", &image::a0, 70, 70, '!', false, missing, missing},
-        {"all ones", &image::a0, 0, 255, 0xff, false, missing, missing},
-        {"all zeros", &image::a0, 0, 255, 0, false, missing, missing},
-        {"zeros but for the kind", &image::a0, 1, 255, 0, false, missing, missing},
-        {"an unknown kind", &image::a0, 0, 0, 6, false, missing, missing},
-        {"A2h of zeros", &image::a2, 0, 255, 0, true, missing, missing},
-        {"A2h of ones", &image::a2, 0, 255, 0xff, true, missing, missing},
-        {"values of ones", &image::a2, 96, 255, 0xff, true, missing, missing},
-        {"values not ready", &image::a2, 110, 110, 1, true, missing, missing},
-        {"no diagnostics", &image::a0, 92, 92, 0, true, none, none},
-        {"address change", &image::a0, 92, 92, 0x6c, true, none, none},
-        {"both calibrations", &image::a0, 92, 92, 0x78, true, ok, ok},
-        {"third sum", &image::a2, 95, 95, 0xee, true, ok, missing},
-        {"constants of zeros", &image::a2, 0, 95, 0, true, ok, missing},
-    };
-    for (const auto &its : cases) {
+        int32_t diag, external; /* results */
+    } unready = {false, missing, missing}, silent = {true, missing, missing},
+      unable = {true, none, none}, sound = {true, ok, ok}, raw = {true, ok, missing};
+    constexpr auto a0 = &image::a0, a2 = &image::a2;
+    /* Memory, first and last byte, and what they become. */
+    const std::tuple<bytes image::*, size_t, size_t, uint8_t, outcome> cases[] = {
+        {a0, 25, 25, '!', unready}, {a0, 70, 70, '!', unready}, {a0, 0, 255, 0xff, unready},
+        {a0, 0, 255, 0, unready},   {a0, 1, 255, 0, unready},   {a0, 0, 0, 6, unready},
+        {a2, 0, 255, 0, silent},    {a2, 0, 255, 0xff, silent}, {a2, 96, 255, 0xff, silent},
+        {a2, 110, 110, 1, silent},  {a0, 92, 92, 0, unable},    {a0, 92, 92, 0x6c, unable},
+        {a0, 92, 92, 0x78, sound},  {a2, 95, 95, 0xee, raw},    {a2, 0, 95, 0, raw}};
+    for (const auto &[memory, first, last, byte, its] : cases)
         for (const bool is_external : {false, true}) {
+            SCOPED_TRACE(std::to_string(first) + " to " + std::to_string(last) + " is " +
+                         std::to_string(byte));
             image made = is_external ? external_sfp() : sfp();
-            std::fill_n((made.*its.memory).begin() + static_cast<long>(its.first),
-                        its.last - its.first + 1, its.byte);
-            if (its.first == 92)
+            std::fill_n(&(made.*memory)[first], last - first + 1, byte);
+            if (first == 92)
                 put_sum(made.a0, 64, 95);
             const module_records records = records_of(made);
-            const int32_t expected = is_external ? its.external_result : its.diag_result;
-            EXPECT_EQ(records.ready, its.ready) << its.what;
-            EXPECT_EQ(records.info_result, its.ready ? ok : missing) << its.what;
-            EXPECT_EQ(records.diag_result, expected) << its.what;
-            EXPECT_EQ(records.diag.diag_cap, expected == ok ? all_five : 0) << its.what;
+            const int32_t expected = is_external ? its.external : its.diag;
+            EXPECT_EQ(records.ready, its.ready);
+            EXPECT_EQ(records.info_result, its.ready ? ok : missing);
+            EXPECT_EQ(records.diag_result, expected);
+            EXPECT_EQ(records.diag.diag_cap, expected == ok ? all_five : 0);
         }
-    }
     image copied = sfp(), absent = sfp();
     std::fill(copied.a0.begin() + 96, copied.a0.end(), uint8_t{0x50}); /* of the maker's own */
     copied.a2 = copied.a0;
@@ -259,25 +240,23 @@ TEST(flags, each_bit_belongs_to_one_limit)
         const char flag = "8421"[place / 10 * 2 + bit % 2];
         EXPECT_EQ(flags_of(made), std::string("0") + "tvbxr"[bit / 2] + flag);
     }
-    const struct {
-        size_t byte;
-        int bit;
-        const char *flag;
-    } in_qsfp[] = {{6, 7, "0t8"},  {6, 4, "0t1"},  {7, 6, "0v4"},  {9, 7, "0r8"},
-                   {9, 3, "1r8"},  {10, 4, "2r1"}, {10, 2, "3r4"}, {11, 5, "0b2"},
-                   {12, 1, "3b2"}, {13, 0, "1x1"}, {14, 6, "2x4"}},
-      in_cmis[] = {{9, 0, "0t8"},   {9, 1, "0t4"},    {9, 2, "0t2"},    {9, 3, "0t1"},
-                   {9, 4, "0v8"},   {9, 7, "0v1"},    {139, 0, "8x8"},  {140, 7, "15x4"},
-                   {143, 1, "9b8"}, {146, 2, "10b1"}, {149, 3, "11r8"}, {151, 4, "12r2"}};
-    for (const auto &its : in_qsfp) {
+    using place = std::tuple<size_t, int, const char *>; /* byte, bit and flag */
+    static const place in_qsfp[] = {{6, 7, "0t8"},  {6, 4, "0t1"},  {7, 6, "0v4"},  {9, 7, "0r8"},
+                                    {9, 3, "1r8"},  {10, 4, "2r1"}, {10, 2, "3r4"}, {11, 5, "0b2"},
+                                    {12, 1, "3b2"}, {13, 0, "1x1"}, {14, 6, "2x4"}};
+    static const place in_cmis[] = {
+        {9, 0, "0t8"},    {9, 1, "0t4"},   {9, 2, "0t2"},    {9, 3, "0t1"},   {9, 4, "0v8"},
+        {9, 7, "0v1"},    {139, 0, "8x8"}, {140, 7, "15x4"}, {143, 1, "9b8"}, {146, 2, "10b1"},
+        {149, 3, "11r8"}, {151, 4, "12r2"}}; /* lanes of the second bank */
+    for (const auto &[byte, bit, flag] : in_qsfp) {
         image made = qsfp();
-        made.a0[its.byte] = static_cast<uint8_t>(1 << its.bit);
-        EXPECT_EQ(flags_of(made), its.flag);
+        made.a0[byte] = static_cast<uint8_t>(1 << bit);
+        EXPECT_EQ(flags_of(made), flag);
     }
-    for (const auto &its : in_cmis) { /* lanes of the second bank */
+    for (const auto &[byte, bit, flag] : in_cmis) {
         image made = cmis();
-        (its.byte < 128 ? made.a0 : made.lanes[1])[its.byte] = static_cast<uint8_t>(1 << its.bit);
-        EXPECT_EQ(flags_of(made), its.flag);
+        (byte < 128 ? made.a0 : made.lanes[1])[byte] = static_cast<uint8_t>(1 << bit);
+        EXPECT_EQ(flags_of(made), flag);
     }
 }
 
@@ -301,22 +280,19 @@ TEST(status, tells_los_and_fault_of_the_port_s_own_lanes)
 
 TEST(lanes, the_one_that_is_worst_off_stands_for_all)
 {
-    const struct {
-        std::array<int, 4> tx; /* in uW; limits 500, 1000, 3500, 3600 */
-        uint32_t lanes, expected;
-    } cases[] = {
+    /* tx power in uW, with the limits 500, 1000, 3500 and 3600; lanes of the port; its value */
+    const std::tuple<std::array<int, 4>, uint32_t, uint32_t> cases[] = {
         {{1500, 1600, 1400, 2000}, 0, 1400}, {{1500, 3300, 1400, 2000}, 0, 3300},
         {{900, 1500, 3450, 1500}, 0, 900},   {{900, 4000, 700, 1500}, 0, 4000},
         {{450, 600, 3900, 100}, 0, 100},     {{900, 4000, 700, 1500}, 0x8, 1500},
         {{900, 4000, 700, 1500}, 0x5, 700},  {{900, 4000, 700, 1500}, 0xf0, 0},
-        {{600, 3600, 1500, 1500}, 0, 3600},  {{600, 3550, 1500, 1500}, 0, 600},
-    };
-    for (const auto &its : cases) {
+        {{600, 3600, 1500, 1500}, 0, 3600},  {{600, 3550, 1500, 1500}, 0, 600}};
+    for (const auto &[tx, lanes, expected] : cases) {
         image made = qsfp();
         for (size_t lane = 0; lane < 4; lane++)
-            put16(made.a0, 50 + 2 * lane, 10 * its.tx[lane]);
-        EXPECT_EQ(records_of(made, {.lanes = its.lanes}).diag.txpower, its.expected);
-        EXPECT_EQ(records_of(made, {.lanes = its.lanes}).diag.temperature, 29000);
+            put16(made.a0, 50 + 2 * lane, 10 * tx[lane]);
+        EXPECT_EQ(records_of(made, {.lanes = lanes}).diag.txpower, expected);
+        EXPECT_EQ(records_of(made, {.lanes = lanes}).diag.temperature, 29000);
     }
     image flat = qsfp(); /* without limits: the lowest */
     flat.a0[2] = 4, put16(flat.a0, 38, 40);
@@ -345,24 +321,18 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
     put16(made.a0, 14, 0), put16(made.a0, 16, 0);
     EXPECT_EQ(records_of(made).diag_result, DOLM_RICERR_UNSUPPORTED);
 
-    const struct {
-        const char *name;
-        uint32_t lanes, mask;
-    } names[] = {{"p1s2", 0, 4},  {"p12s0", 1, 1}, {"p1s1", 4, 0xf0},      {"p1s0", 32, UINT32_MAX},
-                 {"p1s32", 0, 0}, {"p1", 1, 0},    {"pf0sf1", 1, 0},       {"", 1, 0},
-                 {"p1s", 1, 0},   {"s1", 1, 0},    {"p1s3", UINT32_MAX, 0}};
-    for (const auto &its : names)
-        EXPECT_EQ(lanes_of_port(its.name, its.lanes), its.mask) << its.name;
+    const std::tuple<const char *, uint32_t, uint32_t> names[] = {
+        {"p1s2", 0, 4},  {"p12s0", 1, 1}, {"p1s1", 4, 0xf0},      {"p1s0", 32, UINT32_MAX},
+        {"p1s32", 0, 0}, {"p1", 1, 0},    {"pf0sf1", 1, 0},       {"", 1, 0},
+        {"p1s", 1, 0},   {"s1", 1, 0},    {"p1s3", UINT32_MAX, 0}};
+    for (const auto &[name, lanes, mask] : names)
+        EXPECT_EQ(lanes_of_port(name, lanes), mask) << name;
 }
 
 TEST(identity, copper_has_no_light)
 {
-    const struct {
-        size_t at;
-        uint8_t byte, connector;
-        bool is_copper;
-        uint8_t told;
-    } cases[] = {
+    /* A byte and its place, the connector; whether that is copper, and the connector reported. */
+    const std::tuple<size_t, uint8_t, uint8_t, bool, uint8_t> cases[] = {
         {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},  /* passive cable */
         {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},  /* active cable */
         {8, 0x08, 0x23, false, DOLM_SFP_CONNECTOR_OTHER}, /* active optical cable */
@@ -373,15 +343,15 @@ TEST(identity, copper_has_no_light)
         {36, 0x02, 0x07, false, DOLM_SFP_CONNECTOR_LC},
         {55, '-', 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* by its name */
     };
-    for (const auto &its : cases) {
+    for (const auto &[at, byte, connector, is_copper, reported] : cases) {
         image made = sfp();
-        if (its.at == 55)
+        if (at == 55)
             put_text(made.a0, 20, 16, "OEM"), put_text(made.a0, 40, 16, "SFP-10G-T");
         else
-            made.a0[its.at] = its.byte;
-        made.a0[2] = its.connector, put_sum(made.a0, 0, 63);
-        EXPECT_EQ(records_of(made).diag.diag_cap, its.is_copper ? not_light : all_five) << its.at;
-        EXPECT_EQ(records_of(made).info.sfp.sfp_connector, its.told) << its.at;
+            made.a0[at] = byte;
+        made.a0[2] = connector, put_sum(made.a0, 0, 63);
+        EXPECT_EQ(records_of(made).diag.diag_cap, is_copper ? not_light : all_five) << at;
+        EXPECT_EQ(records_of(made).info.sfp.sfp_connector, reported) << at;
     }
     image cable = qsfp();
     cable.a0[147] = 0xa0, put_sum(cable.a0, 128, 191);
@@ -390,23 +360,22 @@ TEST(identity, copper_has_no_light)
 
 TEST(identity, speeds_have_codes)
 {
-    const struct {
-        uint8_t ten_gig, one_gig, encoding, rate, extended; /* bytes 3, 6, 11, 12, 36 */
-        uint32_t code;
-    } modules[] = {{0x20, 0, 6, 103, 0, 2},
-                   {0, 0x01, 1, 21, 0, 1},
-                   {0, 0x20, 2, 1, 0, 0x54530001},
-                   {0, 0, 3, 13, 0, 1},
-                   {0, 0, 6, 25, 0, 0x54530019},
-                   {0, 0, 6, 42, 0, 0},
-                   {0, 0, 8, 255, 0x41, 0x545301f4},
-                   {0, 0, 8, 250, 0, 0x545301f4},
-                   {0x10, 0, 6, 0, 5, 2}};
-    for (const auto &its : modules) {
+    /* The bytes 3, 6, 11, 12 and 36. */
+    const std::tuple<uint8_t, uint8_t, uint8_t, uint8_t, uint8_t, uint32_t> modules[] = {
+        {0x20, 0, 6, 103, 0, 2},
+        {0, 1, 1, 21, 0, 1},
+        {0, 0x20, 2, 1, 0, 0x54530001},
+        {0, 0, 3, 13, 0, 1},
+        {0, 0, 6, 25, 0, 0x54530019},
+        {0, 0, 6, 42, 0, 0},
+        {0, 0, 8, 255, 0x41, 0x545301f4},
+        {0, 0, 8, 250, 0, 0x545301f4},
+        {0x10, 0, 6, 0, 5, 2}};
+    for (const auto &[ten_gig, one_gig, encoding, rate, extended, code] : modules) {
         image made = sfp();
-        made.a0[3] = its.ten_gig, made.a0[6] = its.one_gig, made.a0[11] = its.encoding;
-        made.a0[12] = its.rate, made.a0[36] = its.extended, put_sum(made.a0, 0, 63);
-        EXPECT_EQ(records_of(made).info.sfp.sfp_eth_speed, its.code);
+        made.a0[3] = ten_gig, made.a0[6] = one_gig, made.a0[11] = encoding;
+        made.a0[12] = rate, made.a0[36] = extended, put_sum(made.a0, 0, 63);
+        EXPECT_EQ(records_of(made).info.sfp.sfp_eth_speed, code);
     }
     EXPECT_EQ(records_of(qsfp()).info.sfp.sfp_eth_speed, 0x545303e8u);
     EXPECT_EQ(records_of(cmis()).info.sfp.sfp_eth_speed, 0x54531f40u);

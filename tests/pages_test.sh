@@ -1,15 +1,10 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Runs the commands of the pages and compares their output: pages_test.sh BUILD_DIR PAGE..
-#
-# A block "console" of a page is a session: each line that begins with "$ " is a command, the lines
-# under it are its output. All such blocks of a page are one session in one shell, in a private
-# folder, with a server of their own unless the page starts one. A command must end with status 0,
-# unless the next one is "echo $?". Its output must match the page: a number matches any number,
-# blanks match any blanks, a line "..." matches any lines; in "console exactly" numbers must be equal.
-# The output of a command with & is shown under the command during which it is written, in any order.
-# The EXAMPLES of a man page are run and their status is checked. A block "c FILE" or "python FILE"
-# becomes that file. The commands of a block "sh" can't be run here: each must be one of the excused.
+# CONTRIBUTING.md says how a page is written. Its console blocks run in one shell, in a private folder,
+# with a server of their own unless the page starts one. A command must end with status 0, unless the
+# next one is "echo $?"; the output of one with & is shown under the command during which it is
+# written, in any order. Of a man page the EXAMPLES are run, and their status is checked.
 set -u
 export LC_ALL=C.UTF-8 # the degree sign
 

@@ -2,40 +2,30 @@
 /* The file that says which port is which interface, and the map that the board library writes. */
 #include "platform/dolm_ric/linux/port_config.h"
 #include "platform/dolm_ric/port_map.h"
+#include "testkit/processes/processes.h"
+#include "testkit/texts.h"
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 using namespace linux_board;
+using testkit::read_file;
 
-/* A folder of its own for each test, and a file in it. */
 struct port_files : testing::Test {
-    ~port_files() override
-    {
-        std::filesystem::remove_all(folder);
-    }
     std::string write(const std::string &text, mode_t mode = 0644) const
     {
         std::ofstream(folder / "ports") << text;
         chmod((folder / "ports").c_str(), mode);
         return folder / "ports";
     }
-    static std::string read(const std::filesystem::path &from)
-    {
-        std::ifstream file(from);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    char name[32] = "/tmp/port_files.XXXXXX";
-    std::filesystem::path folder = mkdtemp(name);
+    const testkit::directory place;
+    const std::filesystem::path folder = place.path;
 };
 
 static std::string summary(const configured_port &port)
@@ -48,55 +38,45 @@ static std::string summary(const configured_port &port)
 
 TEST(port_config, understands_each_spelling_and_sorts)
 {
-    const port_config config = parse_port_config("\xEF\xBB\xBF# all of them\n"
-                                                 "7 swp7\t# the last\r\n"
-                                                 "\n"
-                                                 "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"
-                                                 "1 0000:03:00.0/p1s2 i2c=12\n"
-                                                 "65534 sw/1/p2 poll=off\n"
-                                                 "3 0000:03:00.0/",
-                                                 "ports");
-    const char *expected[] = {"0 enp1s0f0np0|| module=/var/lib/a.bin",
-                              "1 |0000:03:00.0|p1s2 i2c=12", "3 |0000:03:00.0| ", "7 swp7|| ",
-                              "65534 |sw/1|p2 off"};
-    ASSERT_EQ(config.messages, std::vector<std::string>());
-    ASSERT_EQ(config.ports.size(), std::size(expected));
-    for (size_t n = 0; n < std::size(expected); n++)
-        EXPECT_EQ(summary(config.ports[n]), expected[n]);
+    const port_config config =
+        parse_port_config("\xEF\xBB\xBF# all of them\n7 swp7\t# the last\r\n\n"
+                          "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"
+                          "1 0000:03:00.0/p1s2 i2c=12\n"
+                          "65534 sw/1/p2 poll=off\n"
+                          "3 0000:03:00.0/",
+                          "ports");
+    std::string summaries;
+    for (const configured_port &port : config.ports)
+        summaries += summary(port) + "\n";
+    EXPECT_EQ(config.messages, std::vector<std::string>());
+    EXPECT_EQ(summaries, "0 enp1s0f0np0|| module=/var/lib/a.bin\n"
+                         "1 |0000:03:00.0|p1s2 i2c=12\n3 |0000:03:00.0| \n7 swp7|| \n"
+                         "65534 |sw/1|p2 off\n");
 }
 
 TEST(port_config, a_wrong_line_costs_itself_only)
 {
-    const std::string longest(128, 'e');
-    const std::pair<std::string, const char *> lines[] = {
-        {"1", "a line is:"},
-        {"1 a poll=off poll=off", "a line is:"},
-        {"-1 a", "number from 0 to 65534"},
-        {"65535 a", "number from 0 to 65534"},
-        {"4294967297 a", "number from 0 to 65534"},
-        {"0x1 a", "number from 0 to 65534"},
-        {"1 a poll=on", "\"poll=on\" is not one of"},
-        {"1 a module=relative", "absolute path"},
-        {"1 a module=", "absolute path"},
-        {"1 a i2c=/dev/i2c-1", "number of a bus"},
-        {"1 a i2c=", "number of a bus"},
-        {"1 a i2c=65536", "number of a bus"},
-        {"1 /p1", "lacks the parent"},
-        {"1 " + longest, "too long"},
-        {"1 a\x01\x1b[31m", "not \"a??[31m\""},
-        {std::string("1 a module=/a\0b", 15), "NUL"},
-        {"5 b", "port 5 is there already"},
-        {"6 a", "\"a\" is another port already"},
-        {"6 c i2c=3", "the bus 3 belongs to another port"},
-        {std::string(5000, ' ') + "1 d", "too long"},
-    };
-    for (const auto &[line, reason] : lines) {
-        const auto config = parse_port_config("5 a i2c=3\n" + line + "\n9 z\n", "/etc/tesk/ports");
-        ASSERT_EQ(config.messages.size(), 1u) << line;
-        EXPECT_TRUE(config.messages[0].starts_with("/etc/tesk/ports:2: ")) << config.messages[0];
-        EXPECT_NE(config.messages[0].find(reason), std::string::npos) << config.messages[0];
-        ASSERT_EQ(config.ports.size(), 2u) << line;
-    }
+    const std::pair<const char *, std::vector<std::string>> reasons[] = {
+        {"a line is:", {"1", "1 a poll=off poll=off"}},
+        {"number from 0 to 65534", {"-1 a", "65535 a", "4294967297 a", "0x1 a"}},
+        {"\"poll=on\" is not one of", {"1 a poll=on"}},
+        {"absolute path", {"1 a module=relative", "1 a module="}},
+        {"number of a bus", {"1 a i2c=/dev/i2c-1", "1 a i2c=", "1 a i2c=65536"}},
+        {"lacks the parent", {"1 /p1"}},
+        {"too long", {"1 " + std::string(128, 'e'), std::string(5000, ' ') + "1 d"}},
+        {"not \"a??[31m\"", {"1 a\x01\x1b[31m"}},
+        {"NUL", {std::string("1 a module=/a\0b", 15)}},
+        {"port 5 is there already", {"5 b"}},
+        {"\"a\" is another port already", {"6 a"}},
+        {"the bus 3 belongs to another port", {"6 c i2c=3"}}};
+    for (const auto &[reason, lines] : reasons)
+        for (const std::string &line : lines) {
+            const auto config = parse_port_config("5 a i2c=3\n" + line + "\n9 z\n", "/etc/ports");
+            ASSERT_EQ(config.messages.size(), 1u) << line;
+            EXPECT_TRUE(config.messages[0].starts_with("/etc/ports:2: ")) << config.messages[0];
+            testkit::expect_parts(config.messages[0], {reason});
+            ASSERT_EQ(config.ports.size(), 2u) << line;
+        }
     std::string wrong;
     for (int line = 0; line < 100000; line++)
         wrong += "?\n";
@@ -150,15 +130,15 @@ TEST_F(port_files, the_map_is_replaced_as_a_whole)
 {
     const std::string path = folder / "map";
     ASSERT_TRUE(board::write_port_map(path, {{10, "swp10"}, {9, "a\tb\nc\x7f"}, {0, "eth0"}}));
-    EXPECT_EQ(read(path), "# tesk-ports 1\n0\teth0\n9\ta?b?c?\n10\tswp10\n");
+    EXPECT_EQ(read_file(path), "# tesk-ports 1\n0\teth0\n9\ta?b?c?\n10\tswp10\n");
     EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0640});
 
     /* A link that stands where the temporary file goes is replaced, not followed. */
     std::filesystem::create_symlink(write("untouched"), path + ".new");
     std::ifstream reader(path);
     ASSERT_TRUE(board::write_port_map(path, {{1, "a"}}));
-    EXPECT_EQ(read(path), "# tesk-ports 1\n1\ta\n");
-    EXPECT_EQ(read(folder / "ports"), "untouched");
+    EXPECT_EQ(read_file(path), "# tesk-ports 1\n1\ta\n");
+    EXPECT_EQ(read_file(folder / "ports"), "untouched");
     const std::string old{std::istreambuf_iterator<char>(reader), {}};
     EXPECT_TRUE(old.ends_with("10\tswp10\n")) << "a reader of the old map sees it to its end";
 }
@@ -175,7 +155,7 @@ TEST_F(port_files, a_map_that_can_not_be_written_leaves_the_old_one)
     const bool was_written = board::write_port_map(path, {{2, "b"}});
     setrlimit(RLIMIT_FSIZE, &unlimited);
     EXPECT_FALSE(was_written);
-    EXPECT_EQ(read(path), "# tesk-ports 1\n1\ta\n");
+    EXPECT_EQ(read_file(path), "# tesk-ports 1\n1\ta\n");
     testing::internal::CaptureStderr();
     EXPECT_FALSE(board::write_port_map(folder / "none" / "map", {}));
     std::filesystem::create_directory(folder / "taken");

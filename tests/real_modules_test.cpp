@@ -4,14 +4,10 @@
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "testkit/modules/ethtool_comparison.h"
 #include "testkit/modules/module_images.h"
+#include "testkit/texts.h"
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
-#include <map>
-#include <string>
 
 using namespace linux_board;
 
@@ -34,26 +30,10 @@ static const std::map<std::string, const char *> told = {
     {"qsfp28-lit", "545303e8 1 0 1f 28590 3320900 33408 1147 1726"},
 };
 
-static std::string read_file(const std::filesystem::path &from)
+static module_images::bytes read_bytes(const std::string &path)
 {
-    std::ifstream file(from, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-static module_images::image read_image(const std::filesystem::path &stem)
-{
-    module_images::image made;
-    const std::string a0 = read_file(stem.string() + ".a0"), a2 = read_file(stem.string() + ".a2");
-    made.a0.assign(a0.begin(), a0.end());
-    made.a2.assign(a2.begin(), a2.end());
-    return made;
-}
-
-static void expect_what_ethtool_says(const std::string &name, const module_contents &contents,
-                                     const std::string &ethtool)
-{
-    for (const text_difference &its : compare_with_ethtool(name, contents, ethtool))
-        EXPECT_NE(its.why_ethtool_is_wrong, nullptr) << name << ": " << its.line;
+    const std::string text = testkit::read_file(path);
+    return {text.begin(), text.end()};
 }
 
 static std::string summary(const module_records &records)
@@ -82,9 +62,14 @@ TEST(real_modules, say_what_ethtool_says_and_what_was_worked_out)
             if (entry.path().extension() != ".a0")
                 continue;
             const std::string name = entry.path().stem();
-            const module_contents contents = decode_module(read_image(images / name).read());
-            expect_what_ethtool_says(name, contents,
-                                     read_file(folder / "ethtool-6.1" / (name + ".txt")));
+            const std::string stem = images / name;
+            const module_images::image image = {
+                read_bytes(stem + ".a0"), read_bytes(stem + ".a2"), {}};
+            const module_contents contents = decode_module(image.read());
+            const std::string ethtool =
+                testkit::read_file(folder / "ethtool-6.1" / (name + ".txt"));
+            for (const text_difference &its : compare_with_ethtool(name, contents, ethtool))
+                EXPECT_NE(its.why_ethtool_is_wrong, nullptr) << name << ": " << its.line;
             compared++;
             if (const auto expected = told.find(name); expected != told.end()) {
                 EXPECT_EQ(summary(make_records(contents, {})), expected->second) << name;

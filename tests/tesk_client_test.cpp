@@ -3,24 +3,17 @@
 // deadlines and window, and the loss and return of the server.
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
-#include "testkit/fake_platform/fake_mailbox.h"
+#include "testkit/fake_platform/server_words.h"
+#include "testkit/processes/processes.h"
+#include "testkit/texts.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <new>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 static constexpr uint32_t server = 7, stranger = 8, client_id = 41;
 static constexpr uint32_t reserved = 0xa5a5a5a5; // as mbx_alloc left it: may have any value
-static const uint32_t own_ref = static_cast<uint32_t>(getpid());
 
 static thread_local long allocations_left = -1; // no limit
 static thread_local size_t largest_allocation;  // while there is one
@@ -44,9 +37,6 @@ static thread_local size_t largest_allocation;  // while there is one
     std::free(block);
 }
 
-namespace
-{
-
 // The fake mailbox and the callbacks may allocate; only the library is limited.
 struct without_limit {
     ~without_limit()
@@ -56,29 +46,19 @@ struct without_limit {
     long left = std::exchange(allocations_left, -1);
 };
 
-using words_of = std::vector<uint32_t>; // of a signal, in host order
-
 // The peer of the fake mailbox, and what it has received.
 struct fake_peer {
     int locate_error = 0;
     uint32_t locates = 0;
     std::vector<words_of> sent;
-    std::function<void(const words_of &)> react;
+    std::function<void(const words_of &)> react; // none: never answers
 
-    // Words after the number are put into network order, as by the server; then follows a text.
-    void deliver(words_of words, size_t size = 0, const char *text = "", uint32_t sender = server)
+    // The words, or so many bytes: cut, or continued by a text.
+    static void deliver(const words_of &words, size_t size = 0, const char *text = "",
+                        uint32_t sender = server)
     {
         const without_limit unlimited;
-        for (size_t i = 1; i < words.size() && words[0] >= 0x1000; i++)
-            words[i] = __builtin_bswap32(words[i]);
-        const size_t known = words.size() * sizeof(uint32_t);
-        std::vector<char> bytes(std::max(known, size));
-        std::memcpy(bytes.data(), words.data(), known);
-        if (size > known)
-            std::strncpy(bytes.data() + known, text, size - known);
-        bytes.resize(size ? size : known);
-        fake_mailbox::deliver(sender, words[0], bytes.data() + sizeof(uint32_t),
-                              bytes.size() - sizeof(uint32_t));
+        deliver_words(sender, words, size != 0 ? size : words.size() * sizeof(uint32_t), text);
     }
     void indicate(uint32_t port, uint32_t link, uint32_t sender = server, size_t size = 96,
                   uint32_t ref = own_ref)
@@ -87,8 +67,6 @@ struct fake_peer {
                 sender);
     }
 };
-
-} // namespace
 
 static fake_peer mbx;
 
@@ -109,20 +87,13 @@ static void answering_server(const words_of &request)
     }
 }
 
-static void silent_server(const words_of &)
-{
-}
-
 static void receive_at_server(const mbx_signal *signal, uint32_t receiver)
 {
     const without_limit unlimited;
-    words_of words(mbx_size(signal) / sizeof(uint32_t));
-    std::memcpy(words.data(), signal, mbx_size(signal));
-    for (size_t i = 1; i < words.size(); i++)
-        words[i] = __builtin_bswap32(words[i]);
     ASSERT_EQ(receiver, server);
-    mbx.sent.push_back(words);
-    mbx.react(words);
+    mbx.sent.push_back(received_words(signal));
+    if (mbx.react)
+        mbx.react(words_of(mbx.sent.back()));
 }
 
 static uint32_t locate_server()
@@ -134,15 +105,13 @@ static uint32_t locate_server()
 
 static int starts; // of the mailbox library
 
-static bool note_start(const char *call, const char *)
-{
-    starts += strcmp(call, "mbx_init") == 0;
-    return true;
-}
-
 const fake_mailbox::hooks fake_mailbox::script = {
-    note_start, [](bool holds, const char *violated) { EXPECT_TRUE(holds) << violated; },
-    receive_at_server, locate_server, 0};
+    [](const char *call, const char *) {
+        starts += strcmp(call, "mbx_init") == 0;
+        return true;
+    },
+    [](bool holds, const char *violated) { EXPECT_TRUE(holds) << violated; }, receive_at_server,
+    locate_server, 0};
 
 using strings = std::vector<std::string>;
 
@@ -153,9 +122,6 @@ static void on_answer(const tesk_client_answer *answer, void *)
     const without_limit unlimited;
     reported.push_back(std::to_string(answer->port_no) + " " + answer->text);
 }
-
-namespace
-{
 
 struct client : testing::Test {
     client()
@@ -210,8 +176,6 @@ struct client : testing::Test {
     size_t count = 1;
 };
 
-} // namespace
-
 TEST_F(client, the_reasons_of_a_failed_connect_are_distinguished)
 {
     options.reconnect = true;
@@ -232,7 +196,7 @@ TEST_F(client, the_reasons_of_a_failed_connect_are_distinguished)
     };
     EXPECT_EQ(connect(), TESK_CLIENT_REJECTED);
     EXPECT_STREQ(tesk_client_error(), "no!");
-    mbx.react = silent_server;
+    mbx.react = nullptr;
     options.deadline_ms = 10;
     EXPECT_EQ(connect(), TESK_CLIENT_TIMEOUT);
 }
@@ -312,7 +276,7 @@ TEST_F(client, requests_beyond_the_window_wait_for_an_answer)
 {
     options.window = 2;
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
-    mbx.react = silent_server;
+    mbx.react = nullptr;
     for (uint32_t port = 0; port < 5; port++)
         EXPECT_EQ(request(TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO, port), TESK_CLIENT_OK);
     EXPECT_EQ(mbx.sent.size(), 3u); // the establishment and two
@@ -328,7 +292,7 @@ TEST_F(client, a_request_without_an_answer_ends_at_its_deadline_and_makes_room)
     options.window = 2;
     options.deadline_ms = 20;
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
-    mbx.react = silent_server;
+    mbx.react = nullptr;
     for (uint32_t port = 0; port < 3; port++)
         EXPECT_EQ(request(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, port), TESK_CLIENT_OK);
     run_until_reported(3); // the one that waited, too
@@ -342,45 +306,35 @@ TEST_F(client, a_request_without_an_answer_ends_at_its_deadline_and_makes_room)
 
 TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_one)
 {
-    const auto confirm = [](const words_of &request) {
-        mbx.deliver({request[0] + 1, request[1], own_ref, request[3]});
-    };
-    const auto reject = [](const words_of &request) {
-        mbx.deliver({request[0] + 2, request[1], own_ref, request[3], 1}, 276, "no");
-    };
-    const auto subscribe = TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
-               unsubscribe = TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS;
-    const struct {
-        std::vector<tesk_client_request_type> requests; // after a first subscribe
-        std::vector<std::function<void(const words_of &)>> answers;
-        bool is_subscribed;
-    } cases[] = {
-        {{unsubscribe, subscribe}, {confirm, confirm}, true},
-        {{unsubscribe, subscribe}, {confirm, reject}, false},
-        {{unsubscribe, subscribe}, {reject, reject}, true},
-        {{subscribe, unsubscribe}, {reject, confirm}, false},
-        {{unsubscribe, subscribe, unsubscribe}, {confirm, confirm, confirm}, false},
-        {{unsubscribe, subscribe, unsubscribe, subscribe},
-         {confirm, reject, reject, confirm},
-         true},
-    };
-    for (const auto &row : cases) {
+    // After a first subscribe: s(ubscribe) and u(nsubscribe), each confirmed (y) or rejected (n).
+    static const std::tuple<std::string, std::string, bool> cases[] = {
+        {"us", "yy", true},  {"us", "yn", false},   {"us", "nn", true},
+        {"su", "ny", false}, {"usu", "yyy", false}, {"usus", "ynny", true}};
+    for (const auto &[requests, answers, is_subscribed] : cases) {
+        SCOPED_TRACE(requests + " " + answers);
         mbx.react = answering_server;
         ASSERT_EQ(connect(), TESK_CLIENT_OK);
         ASSERT_EQ(tesk_client_subscribe(session, TESK_CLIENT_PORT_STATUS, 3), TESK_CLIENT_OK);
-        mbx.react = silent_server;
-        for (const auto type : row.requests)
-            EXPECT_EQ(request(type, 3), TESK_CLIENT_OK);
-        const size_t first = mbx.sent.size() - row.requests.size();
-        for (size_t i = 0; i < row.answers.size(); i++)
-            row.answers[i](mbx.sent.at(first + i));
+        mbx.react = nullptr;
+        for (const char what : requests)
+            EXPECT_EQ(request(what == 's' ? TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS
+                                          : TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS,
+                              3),
+                      TESK_CLIENT_OK);
+        const size_t first = mbx.sent.size() - requests.size();
+        for (size_t i = 0; i < answers.size(); i++) {
+            const words_of &sent = mbx.sent.at(first + i);
+            if (answers[i] == 'y')
+                mbx.deliver({sent[0] + 1, sent[1], own_ref, sent[3]});
+            else
+                mbx.deliver({sent[0] + 2, sent[1], own_ref, sent[3], 1}, 276, "no");
+        }
         reported.clear();
-        run_until_reported(row.requests.size());
+        run_until_reported(requests.size());
         reported.clear();
         mbx.indicate(3, 1);
         EXPECT_EQ(tesk_client_run(session, 0), TESK_CLIENT_OK);
-        EXPECT_EQ(reported, row.is_subscribed ? strings{"status 3 1"} : strings{})
-            << "row " << &row - cases;
+        EXPECT_EQ(reported, is_subscribed ? strings{"status 3 1"} : strings{});
         tesk_client_close(std::exchange(session, nullptr));
     }
 }
@@ -389,7 +343,7 @@ TEST_F(client, histories_that_are_never_answered_cost_no_memory_and_are_not_mixe
 {
     options.deadline_ms = 1;
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
-    mbx.react = silent_server;
+    mbx.react = nullptr;
     largest_allocation = 0;
     allocations_left = 1000000;
     for (int i = 0; i < 200; i++)
@@ -428,7 +382,7 @@ TEST_F(client, after_a_reconnection_the_confirmed_subscriptions_are_renewed_befo
     run_until_reported(2);
     reported.clear();
     mbx.locate_error = ENOENT;
-    mbx.react = silent_server;
+    mbx.react = nullptr;
     request(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, 5); // never confirmed
     mbx.deliver({MBX_MONITOR_DEFAULT_NO});
     run_until_reported(2);
@@ -451,7 +405,7 @@ TEST_F(client, after_a_reconnection_the_confirmed_subscriptions_are_renewed_befo
 TEST_F(client, a_session_that_ends_answers_its_requests_and_a_callback_cannot_wait)
 {
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
-    mbx.react = silent_server;
+    mbx.react = nullptr;
     const auto nested = [](const tesk_client_answer *answer, void *user) {
         auto *ending = static_cast<tesk_client_session *>(user);
         tesk_client_pm unread;
@@ -514,9 +468,7 @@ TEST_F(client, a_forked_child_cannot_use_the_session_but_starts_the_library_for_
         const bool is_whole = fake_mailbox::is_open();
         _exit(is_refused && is_whole && connect() != TESK_CLIENT_MISUSE && starts == 1 ? 0 : 1);
     }
-    int status = 1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(testkit::wait_for_end(child), 0);
     EXPECT_EQ(tesk_client_read_capabilities(session, &capability, 1, &count), TESK_CLIENT_OK);
 }
 
@@ -559,61 +511,56 @@ TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)
 
 TEST(port_map, is_read_whole_or_its_wrong_line_is_named)
 {
-    char folder[] = "/tmp/port-map-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    const std::string path = std::string(folder) + "/ports", link = path + ".link",
-                      fifo = path + ".fifo";
+    const testkit::directory folder;
+    const std::string path = folder.path + "/ports", link = path + ".link", fifo = path + ".fifo";
     ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     std::string read;
     const auto each = [](uint32_t port_no, const char *name, void *user) {
         *static_cast<std::string *>(user) += std::to_string(port_no) + "=" + name + " ";
     };
-    auto expect = [&](const std::string &file, tesk_client_result result, const std::string &text) {
+    const auto expect_error = [&](const std::string &file, tesk_client_result result,
+                                  const std::string &text) {
         read.clear();
         EXPECT_EQ(tesk_client_read_port_map(file.c_str(), each, &read), result) << text;
-        if (result == TESK_CLIENT_OK)
-            EXPECT_EQ(read, text);
-        else
-            EXPECT_TRUE(read.empty() && strstr(tesk_client_error(), text.c_str()) != nullptr)
-                << read << tesk_client_error() << " and not " << text;
+        testkit::expect_parts(tesk_client_error(), {text});
+        EXPECT_EQ(read, "");
     };
-    expect(path, TESK_CLIENT_NO_PORT_MAP, path);
-    const std::string head = "# tesk-ports 1\n";
-    const struct {
-        std::string content;
-        tesk_client_result result;
-        std::string text;
-    } cases[] = {
-        {head, TESK_CLIENT_OK, ""},
-        {head + "0\teth0\n7\ta\\\x1b\t\xff\n65534\tx\n", TESK_CLIENT_OK,
-         "0=eth0 7=a\\\\\\x1b\\x09\\xff 65534=x "},
-        {head + std::string("1\ta\0b\n", 6), TESK_CLIENT_OK, "1=a\\x00b "},
-        {"", TESK_CLIENT_BAD_PORT_MAP, "line 1: "},
-        {"# tesk-ports 2\n0\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 1: "},
-        {head + "0\ta\n1 b\n", TESK_CLIENT_BAD_PORT_MAP, "line 3: "},
-        {head + "0\ta\n0\tb\n", TESK_CLIENT_BAD_PORT_MAP, "line 3: port 0 must"},
-        {head + "2\ta\n1\tb\n", TESK_CLIENT_BAD_PORT_MAP, "line 3: port 1 must"},
-        {head + "65535\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
-        {head + "-1\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
-        {head + "99999999999\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
-        {head + "\ta\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
-        {head + "1\t\n", TESK_CLIENT_BAD_PORT_MAP, "line 2: "},
-        {head + "1\ta\n2\tb", TESK_CLIENT_BAD_PORT_MAP, "line 3: has no end"},
-        {head + "1\t" + std::string((4 << 20) - head.size() - 3, 'x') + "\n", TESK_CLIENT_OK,
-         "1=" + std::string((4 << 20) - head.size() - 3, 'x') + " "},
-        {head + "1\t" + std::string(4 << 20, 'x') + "\n", TESK_CLIENT_BAD_PORT_MAP, "4 MiB"},
-    };
-    for (const auto &row : cases) {
-        std::ofstream(path) << row.content;
-        expect(path, row.result, row.text);
+    expect_error(path, TESK_CLIENT_NO_PORT_MAP, path);
+    const std::string head = "# tesk-ports 1\n", most((4 << 20) - head.size() - 3, 'x');
+    const std::pair<std::string, std::string> maps[] = {
+        {"", ""},
+        {"0\teth0\n7\ta\\\x1b\t\xff\n65534\tx\n", "0=eth0 7=a\\\\\\x1b\\x09\\xff 65534=x "},
+        {std::string("1\ta\0b\n", 6), "1=a\\x00b "},
+        {"1\t" + most + "\n", "1=" + most + " "}};
+    for (const auto &[lines, expected] : maps) {
+        read.clear();
+        std::ofstream(path) << head << lines;
+        EXPECT_EQ(tesk_client_read_port_map(path.c_str(), each, &read), TESK_CLIENT_OK);
+        EXPECT_EQ(read, expected);
+    }
+    const std::pair<std::string, const char *> wrong[] = {
+        {"", "line 1: "},
+        {"# tesk-ports 2\n0\ta\n", "line 1: "},
+        {head + "0\ta\n1 b\n", "line 3: "},
+        {head + "0\ta\n0\tb\n", "line 3: port 0 must"},
+        {head + "2\ta\n1\tb\n", "line 3: port 1 must"},
+        {head + "65535\ta\n", "line 2: "},
+        {head + "-1\ta\n", "line 2: "},
+        {head + "99999999999\ta\n", "line 2: "},
+        {head + "\ta\n", "line 2: "},
+        {head + "1\t\n", "line 2: "},
+        {head + "1\ta\n2\tb", "line 3: has no end"},
+        {head + "1\t" + most + "x\n", "4 MiB"}};
+    for (const auto &[content, text] : wrong) {
+        std::ofstream(path) << content;
+        expect_error(path, TESK_CLIENT_BAD_PORT_MAP, text);
     }
     setenv("DOLM_RIC_PORT_MAP", path.c_str(), 1);
     EXPECT_EQ(tesk_client_read_port_map(nullptr, each, &read), TESK_CLIENT_BAD_PORT_MAP);
     unsetenv("DOLM_RIC_PORT_MAP");
-    expect(link, TESK_CLIENT_BAD_PORT_MAP, "link");
-    expect(fifo, TESK_CLIENT_BAD_PORT_MAP, "regular");
-    expect("/dev/zero", TESK_CLIENT_BAD_PORT_MAP, "regular");
+    expect_error(link, TESK_CLIENT_BAD_PORT_MAP, "is a link");
+    expect_error(fifo, TESK_CLIENT_BAD_PORT_MAP, "regular");
+    expect_error("/dev/zero", TESK_CLIENT_BAD_PORT_MAP, "regular");
     EXPECT_EQ(tesk_client_read_port_map(path.c_str(), nullptr, &read), TESK_CLIENT_MISUSE);
-    std::filesystem::remove_all(folder);
 }

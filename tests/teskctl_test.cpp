@@ -2,8 +2,10 @@
 /* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
    codes and reconnection against the real server on the simulated board. */
 #include "testkit/processes/processes.h"
+#include "testkit/texts.h"
 #include "tools/common/exit_code.h"
 #include "tools/common/json_records.h"
+#include "tools/common/moved_values.h"
 #include "tools/common/port_list.h"
 #include "tools/common/units.h"
 #include "tools/common/words.h"
@@ -14,12 +16,9 @@
 
 #include <clocale>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
-#include <optional>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 using strings = std::vector<std::string>;
 
@@ -70,10 +69,7 @@ TEST(teskctl, a_table_fits_its_width_and_loses_nothing)
 
 static std::string page_text(const strings &page)
 {
-    std::string text;
-    for (const std::string &line : page)
-        text += line + "\n";
-    return text;
+    return fmt::format("{}\n", fmt::join(page, "\n"));
 }
 
 static tesk_client_port_status status_of(uint32_t port_no)
@@ -116,44 +112,45 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
         EXPECT_LE(page.size(), height);
         for (const std::string &line : page)
             EXPECT_LE(display_width(line), width) << line;
-        EXPECT_NE(page_text(page).find(shown), std::string::npos) << shown << "\n"
-                                                                  << page_text(page);
+        testkit::expect_parts(page_text(page), {shown});
     }
 }
 
-TEST(teskctl, top_marks_a_grade_whose_value_has_moved_since)
+TEST(teskctl, a_value_has_moved_at_its_limit_and_not_before)
 {
-    const struct {
-        tesk_client_measurement measurement;
-        uint32_t then, now;
-        bool moved;
-    } cases[] = {
-        {TESK_CLIENT_TX_POWER, 1000, 1258, false},  {TESK_CLIENT_TX_POWER, 1000, 1260, true},
-        {TESK_CLIENT_RX_POWER, 1000, 800, false},   {TESK_CLIENT_RX_POWER, 1000, 790, true},
+    const std::tuple<tesk_client_measurement, uint32_t, uint32_t, bool> cases[] = {
+        {TESK_CLIENT_TX_POWER, 1000, 1258, false},  {TESK_CLIENT_TX_POWER, 1000, 1259, true},
+        {TESK_CLIENT_RX_POWER, 1000, 795, false},   {TESK_CLIENT_RX_POWER, 1000, 794, true},
         {TESK_CLIENT_RX_POWER, 1, 0, false},        {TESK_CLIENT_RX_POWER, 0, 2, true},
         {TESK_CLIENT_TEMPERATURE, 400, 449, false}, {TESK_CLIENT_TEMPERATURE, 400, 350, true},
         {TESK_CLIENT_VCC, 33000, 33659, false},     {TESK_CLIENT_VCC, 33000, 32340, true},
-        {TESK_CLIENT_TX_BIAS, 600, 659, false},     {TESK_CLIENT_TX_BIAS, 600, 540, true},
-        {TESK_CLIENT_TX_BIAS, 0, 0, false},         {TESK_CLIENT_TX_BIAS, 0, 1, true},
+        {TESK_CLIENT_TX_BIAS, 3000, 2701, false},   {TESK_CLIENT_TX_BIAS, 3000, 3300, true},
+        {TESK_CLIENT_TX_BIAS, 0, 0, false},         {TESK_CLIENT_TX_BIAS, 0, 1, true}};
+    const auto values = [](uint32_t value) {
+        tesk_client_pm pm{};
+        pm.has_tx_power = pm.has_rx_power = pm.has_temperature = pm.has_voltage = pm.has_tx_bias =
+            true;
+        pm.tx_power = pm.rx_power = pm.voltage = pm.tx_bias = value;
+        pm.temperature = static_cast<int32_t>(value);
+        return pm;
     };
-    for (const auto &[measurement, then, now, moved] : cases) {
-        auto values = [](uint32_t value) {
-            tesk_client_pm pm{};
-            pm.sfp_type = TESK_CLIENT_SFP_OPTICAL;
-            pm.has_tx_power = pm.has_rx_power = pm.has_temperature = pm.has_voltage = true;
-            pm.has_tx_bias = true;
-            pm.tx_power = pm.rx_power = pm.voltage = pm.tx_bias = value;
-            pm.temperature = static_cast<int32_t>(value);
-            return pm;
-        };
+    for (const auto &[measurement, then, now, expected] : cases) {
         top_port port;
         take(port, status_of(0));
         take(port, values(then));
         take(port, values(now));
-        EXPECT_EQ(has_moved(port, measurement), moved) << measurement << " " << now;
+        EXPECT_EQ(has_moved(port, measurement), expected) << measurement << " " << now;
         take(port, status_of(0)); /* graded anew */
         take(port, values(now));
         EXPECT_FALSE(has_moved(port, measurement));
+    }
+    EXPECT_FALSE(has_moved(values(1), values(1)));
+    using pm = tesk_client_pm;
+    for (const auto has : {&pm::has_tx_power, &pm::has_rx_power, &pm::has_temperature,
+                           &pm::has_voltage, &pm::has_tx_bias}) {
+        pm absent = values(1);
+        absent.*has = false;
+        EXPECT_TRUE(has_moved(values(1), absent));
     }
 }
 
@@ -166,16 +163,13 @@ TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
     for (const uint32_t port_no : ports)
         view.show(status_of(port_no));
     key_parser parser;
-    auto page_after = [&](const char *bytes, size_t height) {
+    auto expect_in = [&](const char *bytes, size_t height, const char *shown) {
+        SCOPED_TRACE(bytes);
         for (const key &pressed : parser.parse(bytes))
             view.press(pressed);
         const strings page = view.lines(80, height, false, "");
         EXPECT_LE(page.size(), height);
-        return page_text(page);
-    };
-    auto expect_in = [&](const char *bytes, size_t height, const char *shown) {
-        const std::string text = page_after(bytes, height);
-        EXPECT_NE(text.find(shown), std::string::npos) << bytes << shown << "\n" << text;
+        testkit::expect_parts(page_text(page), {shown});
     };
     expect_in("", 24, "\n>0 ");
     auto alarm = status_of(412);
@@ -208,45 +202,35 @@ TEST(teskctl, a_history_is_folded_only_where_records_belong_together)
     const std::pair<std::vector<action>, strings> cases[] = {
         /* three clients are notified of one change */
         {{{1, 5, 1, 5}, {2, 5, 2, 5}, {3, 5, 3, 5}},
-         {"5 port status indication for clients 1 (reference 0), 2 (reference 0), 3 (reference "
-          "0)"}},
+         {"5 indication for clients 1 (reference 0), 2 (reference 0), 3 (reference 0)"}},
         /* one client subscribes to three ports, with the indications between */
         {{{1, 5, 1, 1}, {1, 5, 1, 5}, {2, 6, 1, 1}, {2, 6, 1, 5}, {3, 8, 1, 1}},
-         {"5-6,8 port status subscribed for client 1 (reference 0)",
-          "5-6 port status indication for client 1 (reference 0)"}},
+         {"5-6,8 subscribed for client 1 (reference 0)",
+          "5-6 indication for client 1 (reference 0)"}},
         /* the same again, other clients and ports, and later ones are events of their own */
-        {{{1, 5, 1, 5}, {2, 5, 1, 5}},
-         strings(2, "5 port status indication for client 1 (reference 0)")},
+        {{{1, 5, 1, 5}, {2, 5, 1, 5}}, strings(2, "5 indication for client 1 (reference 0)")},
         {{{1, 5, 1, 5}, {2, 6, 2, 5}},
-         {"5 port status indication for client 1 (reference 0)",
-          "6 port status indication for client 2 (reference 0)"}},
+         {"5 indication for client 1 (reference 0)", "6 indication for client 2 (reference 0)"}},
         {{{1, 5, 1, 5}, {10'002, 5, 2, 5}},
-         {"5 port status indication for client 1 (reference 0)",
-          "5 port status indication for client 2 (reference 0)"}},
-    };
+         {"5 indication for client 1 (reference 0)", "5 indication for client 2 (reference 0)"}}};
     for (const auto &[actions, expected] : cases) {
         std::vector<history_entry> entries;
-        for (const auto &[time_us, port_no, client_id, kind] : actions) {
-            tesk_client_history_record record{};
-            record.time_us = time_us;
-            record.port_no = port_no;
-            record.client_id = client_id;
-            record.action = kind;
-            entries.push_back({TESK_CLIENT_HISTORY_ACTIONS, record});
-        }
+        for (const auto &[time_us, port_no, client_id, kind] : actions)
+            entries.push_back(
+                {TESK_CLIENT_HISTORY_ACTIONS, {time_us, port_no, 0, 0, {}, 0, kind, client_id, 0}});
         strings folded;
-        for (const folded_entry &each : fold(entries))
-            folded.push_back(each.ports + " " + each.what);
+        for (const folded_entry &each : fold(entries)) {
+            const std::string_view what = each.what, status = "port status ";
+            EXPECT_TRUE(what.starts_with(status)) << what;
+            folded.push_back(each.ports + " " + each.what.substr(status.size()));
+        }
         EXPECT_EQ(folded, expected);
     }
 }
 
-namespace
-{
+static constexpr char program[] = TESK_BIN_DIR "/teskctl";
 
-class teskctl_system : public testing::Test
-{
-  protected:
+struct teskctl_system : testing::Test {
     /* Without a port map, unless a test writes one. */
     teskctl_system()
     {
@@ -255,36 +239,45 @@ class teskctl_system : public testing::Test
 
     testkit::directory directory;
     std::optional<testkit::server> server;
+    const std::string log = directory.path + "/log";
+    size_t log_end = 0;
     std::string output;
 
     int run(const std::string &arguments)
     {
-        return testkit::run(TESK_BIN_DIR "/teskctl " + arguments, output);
+        return testkit::run(std::string(program) + " " + arguments, output);
     }
 
-    void expect(const std::string &arguments, int code, const std::vector<const char *> &texts)
+    void expect(const std::string &arguments, int code, const strings &texts)
     {
         EXPECT_EQ(run(arguments), code) << arguments;
-        for (const char *text : texts)
-            EXPECT_NE(output.find(text), std::string::npos) << arguments << "\n" << output;
+        testkit::expect_parts(output, texts);
+    }
+    /* Starts teskctl, whose output goes to the log. */
+    pid_t start(strings words)
+    {
+        words.insert(words.begin(), program);
+        return testkit::start(words, {}, -1, log);
+    }
+    void await(const char *text)
+    {
+        testkit::await_line(log, text, log_end);
     }
 };
 
-} // namespace
-
 TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
 {
-    expect("--help", 0, {"history"});
-    expect("--version", 0, {"teskctl 1."});
-    expect("", 2, {"subcommand"});
+    testkit::expect_runs(program, {{"--version", 0, "teskctl 1."},
+                                   {"--help", 0, "history"},
+                                   {"help status", 0, "teskctl status"},
+                                   {"", 2, "subcommand"},
+                                   {"pm", 2, "required"},
+                                   {"pm 3-1", 2, "comes before"},
+                                   {"watch", 2, "--sfp"},
+                                   {"ping --count 0", 2, "--count"},
+                                   {"--timeout 0 ping", 2, "timeout"},
+                                   {"history everything", 2, "status"}});
     expect("statsu 0", 2, {"'statsu'", "did you mean 'status'"});
-    expect("help status", 0, {"teskctl status"});
-    expect("ping --count 0", 2, {"--count"});
-    expect("pm", 2, {"required"});
-    expect("pm 3-1", 2, {"comes before"});
-    expect("watch", 2, {"--sfp"});
-    expect("history everything", 2, {"status"});
-    expect("--timeout 0 ping", 2, {"timeout"});
     expect("--json pm 0", 3, {"\"event\":\"error\",\"exit_code\":3,", "teskctl: no server"});
     server.emplace();
     expect("--json pm 0,900", 1, {"_dbm", "\"event\":\"rejected\"", "teskctl: port 900: pm: "});
@@ -346,44 +339,28 @@ TEST_F(teskctl_system, every_command_writes_objects_with_the_documented_keys)
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)
 {
     server.emplace();
-    FILE *watch =
-        popen("echo $$; exec " TESK_BIN_DIR "/teskctl watch --json --sfp 0 --status 0", "r");
-    char line[512];
-    auto wait_for = [&](const char *text) {
-        while (std::fgets(line, sizeof(line), watch) != nullptr)
-            if (std::strstr(line, text) != nullptr)
-                return true;
-        return false;
-    };
-    std::fgets(line, sizeof(line), watch);
-    const pid_t pid = std::atoi(line);
-    ASSERT_TRUE(wait_for("status"));
+    const pid_t watch = start({"watch", "--json", "--sfp", "0", "--status", "0"});
+    await("status");
     server.reset();
-    ASSERT_TRUE(wait_for("\"event\":\"lost\"}"));
+    await("\"event\":\"lost\"}");
     server.emplace();
-    ASSERT_TRUE(wait_for("\"event\":\"restored\"}"));
-    ASSERT_TRUE(wait_for("status"));
-    kill(pid, SIGINT);
-    EXPECT_FALSE(wait_for("any more"));
-    EXPECT_EQ(WEXITSTATUS(pclose(watch)), 0);
+    await("\"event\":\"restored\"}");
+    await("status");
+    kill(watch, SIGINT);
+    EXPECT_EQ(testkit::wait_for_end(watch), 0);
     expect("history actions", 0, {"sfp info unsubscribed", "port status unsubscribed"});
 }
 
 TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
 {
     server.emplace();
-    FILE *ping = popen("exec " TESK_BIN_DIR "/teskctl ping --json -i 0.02 -c 100", "r");
-    char line[512];
-    std::string all;
-    for (size_t lines = 0; std::fgets(line, sizeof(line), ping) != nullptr; lines++) {
-        all += line;
-        if (lines == 5) {
-            server.reset();
-            server.emplace();
-        }
-    }
-    EXPECT_EQ(WEXITSTATUS(pclose(ping)), 0);
-    EXPECT_NE(all.find("waited for a new connection"), std::string::npos) << all;
+    const pid_t ping = start({"ping", "--json", "-i", "0.02", "-c", "100"});
+    await("\"seq\":5");
+    server.reset();
+    server.emplace();
+    EXPECT_EQ(testkit::wait_for_end(ping), 0);
+    const std::string all = testkit::read_file(log);
+    testkit::expect_parts(all, {"waited for a new connection"});
     const auto summary = json_object::parse(all.substr(all.rfind("{\"time\"")));
     EXPECT_EQ(summary["requests"], 100);
     EXPECT_LT(summary["answers"], 100);
@@ -415,12 +392,10 @@ TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
 {
     expect("--wait=0.2 pm 0", 3, {"no server"});
     expect("doctor", 3, {"wrong  server     no process", "-> MBX_DIR="});
-    std::string waited;
-    FILE *waiting = popen(TESK_BIN_DIR "/teskctl --wait pm 0", "r");
+    const pid_t waiting = start({"--wait", "pm", "0"});
     server.emplace();
-    char line[64];
-    EXPECT_STREQ(std::fgets(line, sizeof(line), waiting), "port 0: optical\n");
-    pclose(waiting);
+    EXPECT_EQ(testkit::wait_for_end(waiting), 0);
+    EXPECT_TRUE(testkit::read_file(log).starts_with("port 0: optical\n"));
     expect("doctor", 0, {"ok     server     process"});
     chmod((directory.path + "/mbx").c_str(), 0777);
     expect("doctor", 1, {"every user can take", "chmod o-w"});
@@ -429,12 +404,4 @@ TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
     setenv("MBX_LOCATE_MS", "100", 1);
     expect("--timeout 0.1 doctor", 3, {"has the server's name, but"});
     kill(server->pid, SIGCONT);
-}
-
-TEST_F(teskctl_system, the_examples_work)
-{
-    server.emplace();
-    expect("capabilities; " TESK_BIN_DIR "/example_client 0 2", 0, {"port 0: link operational"});
-    expect("capabilities; " TESK_BIN_DIR "/example_client_cpp 0 900", 0,
-           {"port 0: 41.5 degrees", "port 900: no device"});
 }

@@ -6,6 +6,7 @@
 
 #include "tesk_exporter/metrics_text.h"
 #include "tesk_exporter/refresh_rules.h"
+#include "tools/common/moved_values.h"
 #include "util/escape.h"
 
 #include <algorithm>

@@ -56,7 +56,11 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
+    const int out =
+        output.empty() ? -1 : open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     const pid_t child = fork();
+    if (child != 0 && out != -1)
+        close(out);
     if (child != 0)
         return child;
     /* The process ends with the test. */
@@ -67,8 +71,7 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
         fcntl(kept, F_SETFD, 0); /* dup2 would leave it to be closed */
     else if (kept != -1)
         dup2(kept, 3);
-    if (!output.empty()) {
-        const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (out != -1) {
         dup2(out, STDOUT_FILENO);
         dup2(out, STDERR_FILENO);
     }

@@ -34,7 +34,8 @@ struct directory {
     std::string path;
 };
 
-/* Starts a program; `environment` is NAME=VALUE, `kept` becomes descriptor 3. */
+/* Starts a program; `environment` is NAME=VALUE, `kept` becomes descriptor 3. The file `output` is
+   there when the function returns. */
 pid_t start(const std::vector<std::string> &words, const std::vector<std::string> &environment = {},
             int kept = -1, const std::string &output = {});
 

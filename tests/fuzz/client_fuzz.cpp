@@ -5,16 +5,13 @@
    a heap block of its exact size. */
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
-#include "testkit/fake_platform/fake_mailbox.h"
+#include "testkit/fake_platform/server_words.h"
 #include "tests/fuzz/fuzz_input.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <deque>
+#include <map>
 #include <sys/epoll.h>
-#include <unistd.h>
-#include <vector>
 
 static constexpr uint32_t server = 7, stranger = 8, client_id = 41, port_count = 3;
 static constexpr uint32_t deadline_ms = 20;
@@ -22,8 +19,6 @@ static constexpr size_t most_requests = 400;
 
 namespace
 {
-
-using words_of = std::vector<uint32_t>; /* of a signal, in host order */
 
 struct made_request {
     tesk_client_request_type type;
@@ -50,39 +45,27 @@ static port_model ports[2][port_count];
 
 static void deliver(const words_of &words, size_t size, uint32_t sender)
 {
-    words_of wire = words;
-    for (size_t i = 1; i < wire.size() && words[0] >= 0x1000; i++)
-        wire[i] = __builtin_bswap32(wire[i]);
-    std::vector<char> bytes(size);
-    memcpy(bytes.data(), wire.data(), std::min(size, wire.size() * sizeof(uint32_t)));
     if (fake_mailbox::is_open())
-        fake_mailbox::deliver(sender, words[0], bytes.data() + 4, size - 4);
+        deliver_words(sender, words, size);
     last_delivered = words;
 }
 
 /* The size of a proper signal of that number. */
 static size_t size_of(uint32_t number)
 {
-    switch (number) {
-    case TESK_CONN_ESTABLISH_REJ:
-        return sizeof(tesk_conn_establish_rej);
-    case TESK_CONN_ESTABLISH_CFM:
-        return sizeof(tesk_conn_establish_cfm);
-    case TESK_SFP_INFO_IND:
-        return sizeof(tesk_sfp_info_ind);
-    case TESK_PORT_STATUS_IND:
-        return sizeof(tesk_port_status_ind);
-    case TESK_GET_PM_COUNTERS_CFM:
-        return sizeof(tesk_get_pm_counters_cfm);
-    case TESK_GET_PM_COUNTERS_REJ:
-    case TESK_SUBSCRIBE_SFP_INFO_REJ:
-    case TESK_UNSUBSCRIBE_SFP_INFO_REJ:
-    case TESK_SUBSCRIBE_PORT_STATUS_REJ:
-    case TESK_UNSUBSCRIBE_PORT_STATUS_REJ:
-        return sizeof(tesk_port_rej);
-    default:
-        return 24;
-    }
+    static const std::map<uint32_t, size_t> sizes = {
+        {TESK_CONN_ESTABLISH_REJ, sizeof(tesk_conn_establish_rej)},
+        {TESK_CONN_ESTABLISH_CFM, sizeof(tesk_conn_establish_cfm)},
+        {TESK_SFP_INFO_IND, sizeof(tesk_sfp_info_ind)},
+        {TESK_PORT_STATUS_IND, sizeof(tesk_port_status_ind)},
+        {TESK_GET_PM_COUNTERS_CFM, sizeof(tesk_get_pm_counters_cfm)},
+        {TESK_GET_PM_COUNTERS_REJ, sizeof(tesk_port_rej)},
+        {TESK_SUBSCRIBE_SFP_INFO_REJ, sizeof(tesk_port_rej)},
+        {TESK_UNSUBSCRIBE_SFP_INFO_REJ, sizeof(tesk_port_rej)},
+        {TESK_SUBSCRIBE_PORT_STATUS_REJ, sizeof(tesk_port_rej)},
+        {TESK_UNSUBSCRIBE_PORT_STATUS_REJ, sizeof(tesk_port_rej)}};
+    const auto found = sizes.find(number);
+    return found == sizes.end() ? 24 : found->second;
 }
 
 /* Mostly as it should be; else with a word, the size or the sender changed. */
@@ -110,7 +93,6 @@ static void answer_one()
         return;
     const words_of &request =
         seen[seen.size() - 1 - input.byte() % std::min<size_t>(seen.size(), 8)];
-    const uint32_t own_ref = static_cast<uint32_t>(getpid());
     const uint32_t rejects = input.byte() % 4 == 0 ? 1 : 0, number = request[0];
     if (number == TESK_CONN_ESTABLISH_REQ)
         deliver_changed({number + 1 + rejects, request[1], client_id, 1});
@@ -141,44 +123,30 @@ static void deliver_garbage()
 static void indicate()
 {
     const uint32_t number = input.byte() % 2 == 0 ? TESK_SFP_INFO_IND : TESK_PORT_STATUS_IND;
-    deliver_changed(
-        {number, 999, static_cast<uint32_t>(getpid()), input.byte() % port_count, 2, 2});
+    deliver_changed({number, 999, own_ref, input.byte() % port_count, 2, 2});
 }
 
 static void act_as_server()
 {
-    switch (input.byte() % 16) {
-    case 0:
-        return deliver({MBX_MONITOR_DEFAULT_NO}, 4, server);
-    case 1:
-        return deliver_garbage();
-    case 2:
-        if (!last_delivered.empty())
-            deliver_changed(words_of(last_delivered));
-        return;
-    case 3:
+    const uint8_t act = input.byte() % 16;
+    if (act == 0)
+        deliver({MBX_MONITOR_DEFAULT_NO}, 4, server);
+    else if (act == 1)
+        deliver_garbage();
+    else if (act == 2 && !last_delivered.empty())
+        deliver_changed(words_of(last_delivered));
+    else if (act == 3)
         now_ms += input.byte() % 32;
-        return;
-    case 4:
-    case 5:
-    case 6:
-        return indicate();
-    case 7:
-    case 8:
-        return;
-    default:
-        return answer_one();
-    }
+    else if (act >= 4 && act <= 6)
+        indicate();
+    else if (act > 8)
+        answer_one();
 }
 
 static void receive_at_server(const mbx_signal *signal, uint32_t receiver)
 {
     assert(receiver == server);
-    words_of words(mbx_size(signal) / sizeof(uint32_t));
-    memcpy(words.data(), signal, mbx_size(signal));
-    for (size_t i = 1; i < words.size(); i++)
-        words[i] = __builtin_bswap32(words[i]);
-    seen.push_back(words);
+    seen.push_back(received_words(signal));
     act_as_server();
 }
 
@@ -313,24 +281,19 @@ static void expect_indicated(tesk_client_kind kind, uint32_t port)
 
 static void act_as_client()
 {
-    switch (input.byte() % 8) {
-    case 0:
-        return call_and_wait();
-    case 1:
+    const uint8_t act = input.byte() % 8;
+    if (act == 0)
+        call_and_wait();
+    else if (act == 1)
         tesk_client_stop(session);
-        return;
-    case 2:
+    else if (act == 2)
         tesk_client_run(session, input.byte() % 8);
-        return;
-    case 3:
+    else if (act == 3)
         act_as_server();
-        return;
-    case 4:
+    else if (act == 4)
         tesk_client_dispatch(session);
-        return;
-    default:
-        return request_something();
-    }
+    else
+        request_something();
 }
 
 /* Nothing is left open once the last deadline has passed and all signals have been read. */

@@ -2,10 +2,9 @@
 #include "tools/teskctl/top_port.h"
 
 #include "tools/common/clock.h"
+#include "tools/common/moved_values.h"
 #include "tools/common/words.h"
 
-#include <cmath>
-#include <cstdlib>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <vector>
@@ -81,41 +80,9 @@ uint32_t module_of(const top_port &port)
     return port.status ? port.status->sfp_type : uint32_t{TESK_CLIENT_SFP_UNKNOWN};
 }
 
-/* 0 is below the smallest value that the protocol can express, -30 dBm. */
-static double decibels(uint32_t microwatts)
-{
-    return 10 * std::log10(std::max(microwatts, 1U));
-}
-
-static bool moved_by_share(uint32_t before, uint32_t now, double share)
-{
-    return std::abs(static_cast<double>(now) - before) >= share * before && now != before;
-}
-
 bool has_moved(const top_port &port, tesk_client_measurement measurement)
 {
-    if (!port.pm || !port.graded)
-        return false;
-    const tesk_client_pm &now = *port.pm, &then = *port.graded;
-    switch (measurement) {
-    case TESK_CLIENT_TX_POWER:
-        return now.has_tx_power != then.has_tx_power ||
-               std::abs(decibels(now.tx_power) - decibels(then.tx_power)) >= 1;
-    case TESK_CLIENT_RX_POWER:
-        return now.has_rx_power != then.has_rx_power ||
-               std::abs(decibels(now.rx_power) - decibels(then.rx_power)) >= 1;
-    case TESK_CLIENT_TEMPERATURE:
-        return now.has_temperature != then.has_temperature ||
-               std::abs(int64_t{now.temperature} - then.temperature) >= 50;
-    case TESK_CLIENT_VCC:
-        return now.has_voltage != then.has_voltage ||
-               moved_by_share(then.voltage, now.voltage, 0.02);
-    case TESK_CLIENT_TX_BIAS:
-        return now.has_tx_bias != then.has_tx_bias ||
-               moved_by_share(then.tx_bias, now.tx_bias, 0.1);
-    default:
-        return false; /* has a level, but no value */
-    }
+    return port.pm && port.graded && has_moved(*port.graded, *port.pm, measurement);
 }
 
 uint32_t rank(const top_port &port)

@@ -30,8 +30,7 @@ void take(top_port &port, const tesk_client_pm &pm);
 /* The module's state: one of tesk_client_sfp_type, or module_not_ready. */
 uint32_t module_of(const top_port &port);
 
-/* True if the value has moved since it was graded, so that the grade may be wrong: by 1 dB, 5
-   degrees, 2 % of the voltage or 10 % of the bias current. */
+/* True if the value has moved since it was graded: by the rule of tools/common/moved_values.h. */
 bool has_moved(const top_port &port, tesk_client_measurement measurement);
 
 /* For sorting, the worst port has the highest rank: by its worst level, then links that are down.
