@@ -108,6 +108,8 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b);
 uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice);
 /* Takes the lock itself. False if there is no such monitor. */
 bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference);
+/* Any lock. Pages of rings that traffic needed are given back when it is over. */
+void want_trim();
 /* Without any lock: ends the connections that hold most, until the bounds are kept. */
 void shed();
 /* Without any lock: hands on what still waits in deleted mailboxes, until the deadline. */

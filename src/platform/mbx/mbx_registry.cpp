@@ -92,7 +92,8 @@ static inbox_owner owner_of(mailbox &m)
                 if (connection *c = static_cast<mailbox *>(self)->connections.find(id))
                     report_room(*c);
             },
-            [](void *self, uint32_t id) { end_connection(*static_cast<mailbox *>(self), id); }};
+            [](void *self, uint32_t id) { end_connection(*static_cast<mailbox *>(self), id); },
+            [](void *) { want_trim(); }};
 }
 
 /* With the lock held. Returns 0 or an errno value. */

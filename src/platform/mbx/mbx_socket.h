@@ -67,8 +67,10 @@ control_event receive_wake(int control, std::vector<owned_fd> &fds);
 
 /* For a fresh control connection: what receive_greeting and receive_wake need. */
 void prepare_control(int control);
-/* From now on the kernel lets nobody pass a descriptor to this socket (since Linux 6.16; nothing
-   happens before), and little waits in it for a peer who does not read. */
+/* From now on the kernel lets nobody pass a descriptor to this socket, nor to one that a listener
+   accepts (since Linux 6.16; nothing happens before). */
+void refuse_descriptors(int socket);
+/* The same, and little waits in it for a peer who does not read. */
 void restrict_control(int control);
 
 /* Ends a control connection for both sides and closes it. It returns at once: where something was
