@@ -198,7 +198,8 @@ struct turns : testing::Test {
     {
         EXPECT_TRUE(in.open(
             {this, [](void *, uint32_t) {},
-             [](void *self, uint32_t id) { static_cast<turns *>(self)->in.end(id, nullptr); }}));
+             [](void *self, uint32_t id) { static_cast<turns *>(self)->in.end(id, nullptr); },
+             [](void *) {}}));
     }
     ~turns() override
     {

@@ -47,6 +47,7 @@ static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
 static constexpr auto time_to_answer = 1ms;
 static constexpr size_t ungreeted_at_most = 16; /* of one process */
+static constexpr int wordless_at_most = 20;     /* in a row, of one process */
 
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
@@ -70,6 +71,19 @@ static void complain_about_old_wire(const peer_identity &peer)
         "libmbx: process %d speaks the wire of libmbx 1.0.0, which this version does not: update "
         "its library and start it again\n",
         static_cast<int>(peer.process));
+}
+
+/* Where the kernel refuses the descriptor in its greeting, a client with libmbx 1.0.0 hangs up
+   without a word, and tries again. */
+static bool is_old_wire(const newcomer &n, heard what)
+{
+    static int64_t last;
+    static int times;
+    if (what != heard::end)
+        return what == heard::old_wire;
+    times = n.peer.key() == last ? times + 1 : 1;
+    last = n.peer.key();
+    return times >= wordless_at_most;
 }
 
 /* Empty, with errno, when the system refuses a part. */
@@ -155,7 +169,7 @@ static bool try_greeting(newcomer &n)
         return false;
     if (n.is_watched)
         helper_unwatch(n.control.get());
-    if (hello.what == heard::old_wire)
+    if (is_old_wire(n, hello.what))
         complain_about_old_wire(n.peer);
     if (hello.what == heard::greeting && hello.kind == greeting_kind::hello)
         welcome(n, hello);

@@ -81,6 +81,7 @@ std::shared_ptr<mapped_area> mapped_area::map(int memory)
     if (!page)
         return nullptr;
     area->page_ = reinterpret_cast<shared_page *>(page);
+    area->counted_.set(page_bytes);
     area->rest_ = map_part(memory, page_bytes, 2 * rest_span, 0, place_of_rest(page));
     return area->rest_ ? area : nullptr;
 }

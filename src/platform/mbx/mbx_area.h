@@ -11,6 +11,7 @@
    passed as a bell: the connecting side reads by RWF_NOWAIT, which never waits. */
 #pragma once
 
+#include "platform/mbx/mbx_backlog.h"
 #include "platform/mbx/mbx_fd.h"
 #include "platform/mbx/mbx_ring.h"
 
@@ -83,6 +84,7 @@ class mapped_area
   private:
     shared_page *page_ = nullptr;
     unsigned char *rest_ = nullptr;
+    counted_bytes<areas_in_all> counted_;
 };
 
 /* Empty, with errno, on failure. */

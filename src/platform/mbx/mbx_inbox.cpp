@@ -168,6 +168,8 @@ block *inbox::end_liar(source &s)
 
 void inbox::count_mapped(source &s, bool is_empty)
 {
+    if (s.mapped.get() == 0)
+        owner_.want_trim(owner_.self);
     s.mapped.set(s.ring.touched());
     if (mapped_in_all > (is_empty ? mapped_at_most : 2 * mapped_at_most)) {
         s.ring.trim();
@@ -209,7 +211,7 @@ block *inbox::take_ended(source &s)
             b = empty_signal(s.id);
             s.ring.drop();
         }
-        s.held.set(s.ring.unread());
+        s.left.set(s.ring.unread());
         count_mapped(s, s.ring.unread() == 0);
     } else {
         b = s.notices.pop();
@@ -390,6 +392,17 @@ void inbox::wake(uint32_t id)
         enter(*s);
 }
 
+/* Beyond the bound, what lies in the home of a ring is kept, so that a crowd that is killed does
+   not take the last signals of others with it. */
+static void keep_unread(source &s)
+{
+    s.ring.finish();
+    const size_t unread = s.ring.unread();
+    if (unread > home_bytes && left_in_all + unread > left_in_all_at_most)
+        s.ring.drop();
+    s.left.set(s.ring.unread());
+}
+
 /* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
    an empty signal for it. A ring between the look and the removal from the epoll can only be
    guessed: the owner may have seen it, so the next receive doesn't wait (departed_). */
@@ -402,8 +415,7 @@ void inbox::end(uint32_t id, block *notice)
         return;
     }
     s->is_ended = true;
-    s->ring.finish();
-    s->held.set(s->ring.unread());
+    keep_unread(*s);
     if (notice)
         s->notices.push(notice);
     const bool has_something = s->ring.unread() > 0 || notice;
@@ -428,24 +440,6 @@ bool inbox::add_notice(uint32_t id, block *notice)
     s->notices.push(notice);
     enter(*s);
     return true;
-}
-
-const source *inbox::largest_ended()
-{
-    const source *largest = nullptr;
-    sources_.for_each([&](const source &s) {
-        if (s.is_ended && s.held.get() > (largest ? largest->held.get() : 0))
-            largest = &s;
-    });
-    return largest;
-}
-
-void inbox::drop_unread(uint32_t id)
-{
-    if (source *s = sources_.find(id)) {
-        s->ring.drop();
-        s->held.set(0);
-    }
 }
 
 void inbox::trim()

@@ -26,6 +26,8 @@ struct inbox_owner {
     void (*report_room)(void *self, uint32_t id);
     /* It has written what can't be, or rung without a signal: its connection must end now. */
     void (*end_connection)(void *self, uint32_t id);
+    /* Pages are mapped from now on that trim() would give back. */
+    void (*want_trim)(void *self);
 };
 
 class inbox
@@ -73,10 +75,6 @@ class inbox
     void end(uint32_t id, block *notice);
     /* One more notice from a source that has ended. False when it is gone. */
     bool add_notice(uint32_t id, block *notice);
-    /* The ended source that holds most memory, with its bytes; or null. */
-    const source *largest_ended();
-    /* Drops the unread signals in that source's ring. */
-    void drop_unread(uint32_t id);
     /* Unmaps the pages of rings beyond their first ones. */
     void trim();
 

@@ -111,6 +111,8 @@ uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *no
 bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference);
 /* Takes the lock itself. Lets the end of the peer's process end the connection, too. */
 void watch_life_of(uint32_t slot, uint32_t id);
+/* Any lock. Pages of rings that a burst needed are unmapped after it. */
+void want_trim();
 /* Without any lock: ends the connections that hold most, until the bounds are kept. */
 void shed();
 /* Without any lock: hands on what still waits in deleted mailboxes, until the deadline. */

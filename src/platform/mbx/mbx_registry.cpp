@@ -92,7 +92,8 @@ static inbox_owner owner_of(mailbox &m)
                 if (connection *c = static_cast<mailbox *>(self)->connections.find(id))
                     send_wake(c->control.get(), wake::room);
             },
-            [](void *self, uint32_t id) { end_connection(*static_cast<mailbox *>(self), id); }};
+            [](void *self, uint32_t id) { end_connection(*static_cast<mailbox *>(self), id); },
+            [](void *) { want_trim(); }};
 }
 
 /* With the lock held. False, with errno, on failure. */

@@ -156,10 +156,15 @@ void prepare_control(int control)
     setsockopt(control, SOL_SOCKET, SO_PASSCRED, &yes, sizeof(yes));
 }
 
-void restrict_control(int control)
+void refuse_descriptors(int socket)
 {
     const int no = 0;
-    setsockopt(control, SOL_SOCKET, SO_PASSRIGHTS, &no, sizeof(no));
+    setsockopt(socket, SOL_SOCKET, SO_PASSRIGHTS, &no, sizeof(no));
+}
+
+void restrict_control(int control)
+{
+    refuse_descriptors(control);
     setsockopt(control, SOL_SOCKET, SO_SNDBUF, &control_send_buffer, sizeof(control_send_buffer));
 }
 

@@ -68,8 +68,10 @@ control_event receive_wake(int control, std::vector<owned_fd> &fds);
 /* For a fresh control connection, or a listener, which passes it on to those that it accepts: what
    receive_greeting and receive_wake need. */
 void prepare_control(int control);
-/* From now on the kernel refuses descriptors for this socket (since Linux 6.16; no effect before),
-   and keeps little for a peer that does not read. */
+/* From now on the kernel refuses descriptors for this socket, and for those that a listener accepts
+   (since Linux 6.16; no effect before). */
+void refuse_descriptors(int socket);
+/* The same, and the kernel keeps little for a peer that does not read. */
 void restrict_control(int control);
 
 /* Ends a control connection for both sides and closes it. It returns at once: where something was

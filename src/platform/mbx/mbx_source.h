@@ -20,7 +20,7 @@ struct source {
     std::shared_ptr<mapped_area> area;
     owned_fd bell;
     counted_bytes<mapped_in_all> mapped;
-    counted_bytes<held_in_all> held; /* once it has ended */
+    counted_bytes<left_in_all> left; /* once it has ended */
 };
 
 /* The sources that have something, in the order of their turns. */
