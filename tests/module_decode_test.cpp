@@ -212,6 +212,8 @@ TEST(refused, memories_that_can_not_be_true)
         EXPECT_EQ(records_of(made).diag_result, missing);
         made.a0[128 + 25] ^= 1;
         EXPECT_FALSE(records_of(made).ready);
+        std::fill(made.a0.begin() + 128, made.a0.begin() + 256, uint8_t{0}); /* sums are right */
+        EXPECT_FALSE(records_of(made).ready);
     }
 }
 
@@ -262,10 +264,12 @@ TEST(flags, each_bit_belongs_to_one_limit)
 
 TEST(status, tells_los_and_fault_of_the_port_s_own_lanes)
 {
-    const std::pair<uint8_t, uint32_t> bits[] = {{0, 0}, {2, 1}, {4, 2}, {6, 3}, {0x80, 0}};
-    for (const auto &[byte, status] : bits) {
+    const std::array<uint8_t, 3> bits[] = {{0xf0, 0, 0}, {0xf0, 2, 1}, {0xf0, 4, 2},
+                                           {0x30, 6, 3}, {0x10, 6, 1}, {0xf0, 0x80, 0},
+                                           {0x20, 6, 2}};
+    for (const auto &[options, byte, status] : bits) {
         image made = sfp();
-        made.a2[110] = byte;
+        made.a0[93] = options, made.a2[110] = byte, put_sum(made.a0, 64, 95);
         EXPECT_EQ(records_of(made).status.status, status);
     }
     image four = qsfp(), banks = cmis();
@@ -274,6 +278,8 @@ TEST(status, tells_los_and_fault_of_the_port_s_own_lanes)
     EXPECT_EQ(records_of(four).status.status, 3u);
     EXPECT_EQ(records_of(four, {.lanes = 0x3}).status.status, 0u);
     EXPECT_EQ(records_of(four, {.lanes = 0x4}).status.status, 1u);
+    four.a0[113] = 0x04; /* that lane isn't there */
+    EXPECT_EQ(records_of(four).status.status, 2u);
     EXPECT_EQ(records_of(banks, {.lanes = 0x0100}).status.status, 2u);
     EXPECT_EQ(records_of(banks, {.lanes = 0x8000}).status.status, 1u);
 }
@@ -320,6 +326,8 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
     EXPECT_EQ(records_of(made).diag.temperature, 57930);
     put16(made.a0, 14, 0), put16(made.a0, 16, 0);
     EXPECT_EQ(records_of(made).diag_result, DOLM_RICERR_UNSUPPORTED);
+    made.a0[2] = 0, put16(made.a0, 14, 1); /* paged, and no voltage is measured */
+    EXPECT_EQ(records_of(made).diag.diag_cap, uint32_t{DOLM_SFP_DIAGCAP_TEMP});
 
     const std::tuple<const char *, uint32_t, uint32_t> names[] = {
         {"p1s2", 0, 4},  {"p12s0", 1, 1}, {"p1s1", 4, 0xf0},      {"p1s0", 32, UINT32_MAX},
@@ -333,8 +341,9 @@ TEST(identity, copper_has_no_light)
 {
     /* A byte and its place, the connector; whether that is copper, and the connector reported. */
     const std::tuple<size_t, uint8_t, uint8_t, bool, uint8_t> cases[] = {
-        {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},  /* passive cable */
-        {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},  /* active cable */
+        {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_OTHER}, /* passive cable */
+        {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_OTHER}, /* active cable */
+        {8, 0x00, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},
         {8, 0x08, 0x23, false, DOLM_SFP_CONNECTOR_OTHER}, /* active optical cable */
         {6, 0x08, 0x00, true, DOLM_SFP_CONNECTOR_UNSPEC}, /* 1000BASE-T */
         {8, 0x00, 0x22, true, DOLM_SFP_CONNECTOR_RJ45},
@@ -353,9 +362,11 @@ TEST(identity, copper_has_no_light)
         EXPECT_EQ(records_of(made).diag.diag_cap, is_copper ? not_light : all_five) << at;
         EXPECT_EQ(records_of(made).info.sfp.sfp_connector, reported) << at;
     }
-    image cable = qsfp();
-    cable.a0[147] = 0xa0, put_sum(cable.a0, 128, 191);
-    EXPECT_EQ(records_of(cable).diag_result, DOLM_RICERR_UNSUPPORTED);
+    for (const size_t at : {147u, 131u}) { /* technology, 40GBASE-CR4 */
+        image cable = qsfp();
+        cable.a0[at] = 0xa8, put_sum(cable.a0, 128, 191);
+        EXPECT_EQ(records_of(cable).diag_result, DOLM_RICERR_UNSUPPORTED);
+    }
 }
 
 TEST(identity, speeds_have_codes)
@@ -365,6 +376,9 @@ TEST(identity, speeds_have_codes)
         {0x20, 0, 6, 103, 0, 2},
         {0, 1, 1, 21, 0, 1},
         {0, 0x20, 2, 1, 0, 0x54530001},
+        {0, 0x40, 2, 1, 0, 0x54530001},
+        {0, 0x40, 1, 13, 0, 1},
+        {0, 0, 8, 255, 0x3f, 0x545303e8},
         {0, 0, 3, 13, 0, 1},
         {0, 0, 6, 25, 0, 0x54530019},
         {0, 0, 6, 42, 0, 0},

@@ -13,6 +13,12 @@ namespace linux_board
 namespace
 {
 
+/* Byte 159 of page 01h. */
+enum module_monitors : uint8_t {
+    HAS_TEMPERATURE = 0x01,
+    HAS_VOLTAGE = 0x02,
+};
+
 /* Byte 160 of page 01h. */
 enum monitors : uint8_t {
     HAS_TX_BIAS = 0x01,
@@ -35,7 +41,7 @@ struct lane_fields {
 } // namespace
 
 /* The sum of the identity, at 222, is the last byte that is read of page 00h. Of page 01h the bytes
-   142 (banks) and 160 (monitors) are needed. */
+   142 (banks) and 159 and 160 (monitors) are needed. */
 static constexpr memory_range state_range = {identity_address, 0, 0, 0, 18};
 static constexpr memory_range applications_range = {identity_address, 0, 0, 86, 32};
 static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 95};
@@ -57,9 +63,11 @@ static constexpr lane_fields tx_power_fields = {154, 139};
 static constexpr lane_fields tx_bias_fields = {170, 143};
 static constexpr lane_fields rx_power_fields = {186, 149};
 
+/* The sum of a page of zeros is right. */
 static bool is_identity_right(const memory_view &identity)
 {
-    return identity.was_read() && is_sum_right(identity, 128, 94);
+    return identity.was_read() && is_sum_right(identity, 128, 94) &&
+           !are_blank(identity.bytes(128, 95));
 }
 
 /* Codes of the media technology: 0x0a to 0x0f are cables of copper, passive or with electronics. */
@@ -227,12 +235,18 @@ static void fill_limits(const memory_view &limits, const memory_view &features,
         contents.tx_bias.limits = limits_at(limits, 184, bias_conversion(features));
 }
 
-/* What all modules measure, if anything. Many cables leave both at 0. */
-static void fill_state(const memory_view &state, module_contents &contents)
+/* A value of 0 that the module doesn't claim to measure is none. Without page 01h it claims
+   nothing and denies nothing. */
+static void fill_state(const memory_view &state, const memory_view &features,
+                       module_contents &contents)
 {
-    contents.temperature.lanes = {
-        {0, temperature_steps(state.s16(14)), module_flags(state.u8(9), 0)}};
-    contents.voltage.lanes = {{0, voltage_steps(state.u16(16)), module_flags(state.u8(9), 4)}};
+    const int claimed = features.was_read() ? features.u8(159) : HAS_TEMPERATURE | HAS_VOLTAGE;
+
+    if ((claimed & HAS_TEMPERATURE) || state.u16(14) != 0)
+        contents.temperature.lanes = {
+            {0, temperature_steps(state.s16(14)), module_flags(state.u8(9), 0)}};
+    if ((claimed & HAS_VOLTAGE) || state.u16(16) != 0)
+        contents.voltage.lanes = {{0, voltage_steps(state.u16(16)), module_flags(state.u8(9), 4)}};
 }
 
 /* A cable that measures nothing leaves temperature and voltage at 0. */
@@ -254,7 +268,7 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
     contents.diagnostics = diagnostics_state::available;
     contents.has_flags = !is_flat;
     contents.has_average_power = features.was_read() && (features.u8(151) & AVERAGE_POWER) != 0;
-    fill_state(state, contents);
+    fill_state(state, features, contents);
     if (is_flat)
         return;
     if (is_running(state) && !contents.copper)

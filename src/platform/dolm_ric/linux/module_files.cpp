@@ -88,7 +88,7 @@ static int copy_bytes(const std::vector<uint8_t> &file, piece &wanted)
 {
     const memory_range &range = wanted.range;
     const bool second = range.address == diagnostics_address;
-    if (file.empty() || (second && !is_sfp(file[0])))
+    if (file.empty() || range.bank != 0 || (second && !is_sfp(file[0])))
         return ENXIO;
     const size_t at = (second ? 256u : 0u) + range.page * 128u + range.offset;
     if (at + range.length > file.size())

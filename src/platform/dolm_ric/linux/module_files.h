@@ -23,7 +23,8 @@ class module_files final : public module_access
     void add(uint32_t port, std::string path);
     bool has(uint32_t port) const;
 
-    /* ENXIO without a file, as with an empty cage, and for a range behind the end of the file. EIO
+    /* ENXIO without a file, as with an empty cage, for a range behind the end of the file, and for
+       a bank other than 0, which the layout has no place for. EIO
        for a file that can't be read, isn't a regular one or is too long; a line on stderr says
        that, once. A file that was replaced or changed is read again. */
     void read(std::span<piece> pieces) override;

@@ -26,6 +26,13 @@ enum diagnostics_type : uint8_t {
     ADDRESS_CHANGE = 0x04,
 };
 
+/* Byte 93: which of the bits of byte 110 the module has. */
+enum options : uint8_t {
+    HAS_FLAGS = 0x80,
+    HAS_TX_FAULT = 0x20,
+    HAS_RX_LOS = 0x10,
+};
+
 /* Byte 110. */
 enum status : uint8_t {
     DATA_NOT_READY = 0x01,
@@ -82,6 +89,20 @@ static constexpr plan_row sfp_plan[] = {
     {{values_range, reading_time::diagnostics, true}, are_diagnostics_wanted},
 };
 
+/* In MBd. 255 stands for a rate that 8 bits can't hold: byte 66 then has it, in larger steps. */
+static uint32_t rate_of(const memory_view &identity)
+{
+    return identity.u8(12) == 255 ? identity.u8(66) * 250u : identity.u8(12) * 100u;
+}
+
+/* The code of BX10 is the same for 100 Mb/s and 1 Gb/s: the rate tells them apart. */
+static bool is_slow_bx(const memory_view &identity)
+{
+    constexpr uint8_t bx10 = 0x40;
+    const uint32_t rate = rate_of(identity);
+    return (identity.u8(6) & bx10) != 0 && rate != 0 && rate <= 200;
+}
+
 static uint32_t compliance_of(const memory_view &identity)
 {
     static constexpr struct {
@@ -98,39 +119,35 @@ static uint32_t compliance_of(const memory_view &identity)
     for (const auto &row : bits)
         if (identity.u8(row.offset) & row.bit)
             compliance |= row.meaning;
-    return compliance;
+    return is_slow_bx(identity) ? compliance & ~uint32_t{ETHCOMP_1000BASE_BX} : compliance;
 }
 
 /* The codes first: a rate is a figure of the maker's choice. */
 static uint32_t speed_of(const memory_view &identity)
 {
     constexpr uint8_t any_10g = 0xf0;
-    constexpr uint8_t any_1g = 0x4f;
+    constexpr uint8_t any_1g = 0x0f;
     constexpr uint8_t any_100m = 0x30;
 
     if (const auto speed = meaning_of_compliance(identity.u8(36)).sfp_speed)
         return speed;
     if (identity.u8(3) & any_10g)
         return 100;
-    if (identity.u8(6) & any_1g)
+    if ((identity.u8(6) & any_1g) || (compliance_of(identity) & ETHCOMP_1000BASE_BX))
         return 10;
-    if (identity.u8(6) & any_100m)
+    if ((identity.u8(6) & any_100m) || is_slow_bx(identity))
         return 1;
-    /* 255 stands for a rate that 8 bits can't hold: byte 66 then has it, in larger steps. */
-    const uint32_t rate = identity.u8(12) == 255 ? identity.u8(66) * 250u : identity.u8(12) * 100u;
-    return speed_of_rate(rate, identity.u8(11) == 0x08);
+    return speed_of_rate(rate_of(identity), identity.u8(11) == 0x08);
 }
 
-/* Active cables are of copper if they end in copper; optical ones have the same bit. */
+/* The bit of active cables says nothing: optical ones have it, too. */
 static bool is_copper(const memory_view &identity)
 {
     constexpr uint8_t copper_pigtail = 0x21;
     constexpr uint8_t rj45 = 0x22;
-    const uint8_t cable = identity.u8(8);
-    const bool is_passive = (cable & 0x04) != 0;
-    const bool is_active = (cable & 0x08) != 0;
+    constexpr uint8_t passive_cable = 0x04;
 
-    return is_passive || (is_active && identity.u8(2) == copper_pigtail) ||
+    return (identity.u8(8) & passive_cable) != 0 || identity.u8(2) == copper_pigtail ||
            identity.u8(2) == rj45 ||
            (compliance_of(identity) & (ETHCOMP_1000BASE_T | ETHCOMP_1000BASE_CX)) != 0 ||
            meaning_of_compliance(identity.u8(36)).carrier != medium::light;
@@ -222,8 +239,14 @@ static void fill_light(const memory_view &constants, const memory_view &values,
     limit_rx_power(contents.rx_power);
 }
 
-/* Of a module of copper only what it measures of itself. Loss of signal and fault are of its only
-   lane. */
+/* Loss of signal and fault are of the only lane. */
+static void fill_status(uint8_t options, uint8_t status, module_contents &contents)
+{
+    contents.rx_los_lanes = (options & HAS_RX_LOS) && (status & RX_LOS) ? 1 : 0;
+    contents.tx_fault_lanes = (options & HAS_TX_FAULT) && (status & TX_FAULT) ? 1 : 0;
+}
+
+/* Of a module of copper only what it measures of itself. */
 static void fill_measurements(const memory_view &constants, const memory_view &values,
                               module_contents &contents)
 {
@@ -231,8 +254,6 @@ static void fill_measurements(const memory_view &constants, const memory_view &v
         contents.externally_calibrated ? external_conversions(constants) : sfp_conversions{};
 
     contents.diagnostics = diagnostics_state::available;
-    contents.rx_los_lanes = (values.u8(110) & RX_LOS) ? 1 : 0;
-    contents.tx_fault_lanes = (values.u8(110) & TX_FAULT) ? 1 : 0;
     contents.temperature = {{{0, convert.temperature(values.s16(96)), flags_at(values, 112, 6)}},
                             signed_limits_at(constants, 0, convert.temperature)};
     contents.voltage = {{{0, convert.voltage(values.u16(98)), flags_at(values, 112, 4)}},
@@ -278,6 +299,7 @@ static void decode_diagnostics(const memory_view &identity, const memory_view &c
     }
     if (values.u8(110) & DATA_NOT_READY)
         return;
+    fill_status(identity.u8(93), values.u8(110), contents);
     fill_measurements(constants, values, contents);
     if (!is_sum_right(constants, 0, 95)) {
         contents.doubts.push_back("the checksum of the limits is wrong");
@@ -291,7 +313,7 @@ static void decode_sfp(const module_memory &memory, const memory_view &identity,
     fill_identity(identity, contents);
 
     const uint8_t type = identity.u8(92);
-    contents.has_flags = (identity.u8(93) & 0x80) != 0;
+    contents.has_flags = (identity.u8(93) & HAS_FLAGS) != 0;
     contents.has_average_power = (type & AVERAGE_POWER) != 0;
     if (!has_diagnostics(identity)) {
         if ((type & HAS_DIAGNOSTICS) != 0)

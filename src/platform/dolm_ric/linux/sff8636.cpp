@@ -32,11 +32,12 @@ static constexpr memory_range limits_range = {identity_address, 0, 3, 128, 72};
 
 static constexpr uint8_t lane_count = 4;
 
-/* The first sum is over the base fields, the second over the extended ones. */
+/* The first sum is over the base fields, the second over the extended ones. Those of a page of
+   zeros are right. */
 static bool is_identity_right(const memory_view &identity)
 {
     return identity.was_read() && is_sum_right(identity, 128, 63) &&
-           is_sum_right(identity, 192, 31);
+           is_sum_right(identity, 192, 31) && !are_blank(identity.bytes(128, 96));
 }
 
 /* The extended code counts only where the ordinary byte refers to it. */
@@ -51,7 +52,9 @@ static compliance_meaning compliance_of(const memory_view &identity)
 static bool is_copper(const memory_view &identity)
 {
     constexpr int first_copper_technology = 0x0a;
+    constexpr uint8_t is_40gbase_cr4 = 0x08;
     return identity.u8(147) >> 4 >= first_copper_technology ||
+           (identity.u8(131) & is_40gbase_cr4) != 0 ||
            compliance_of(identity).carrier != medium::light;
 }
 
@@ -132,8 +135,9 @@ static void fill_measurements(const memory_view &values, uint8_t missing_lanes, 
                               module_contents &contents)
 {
     contents.diagnostics = diagnostics_state::available;
-    contents.rx_los_lanes = values.u8(3) & 0x0f;
-    contents.tx_fault_lanes = values.u8(4) & 0x0f;
+    const int present = ~missing_lanes & 0x0f;
+    contents.rx_los_lanes = static_cast<uint32_t>(values.u8(3) & present);
+    contents.tx_fault_lanes = static_cast<uint32_t>(values.u8(4) & present);
     contents.temperature.lanes = {{0, temperature_steps(values.s16(22)), flags_at(values, 6, 0)}};
     contents.voltage.lanes = {{0, voltage_steps(values.u16(26)), flags_at(values, 7, 0)}};
     contents.rx_power = lanes_at(values, 34, 9, missing_lanes, power_steps);
