@@ -145,8 +145,9 @@ TEST(exporter_text, the_format_is_the_one_that_the_header_prefers)
 {
     const std::string open = "application/openmetrics-text";
     for (const std::string &accept :
-         {open, open + ",text/plain", open + ";version=1.0.0;q=0.5," + open +
-                    ";version=0.0.1;q=0.4,text/plain;version=0.0.4;q=0.3,*/*;q=0.2"})
+         {open, open + ",text/plain",
+          open + ";version=1.0.0;q=0.5," + open +
+              ";version=0.0.1;q=0.4,text/plain;version=0.0.4;q=0.3,*/*;q=0.2"})
         EXPECT_EQ(choose_format(accept), text_format::open_metrics) << accept;
     for (const char *accept : {"", "*/*", "text/html", ",;=,;"})
         EXPECT_EQ(choose_format(accept), text_format::prometheus) << accept;

@@ -224,7 +224,10 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
     static deed *const acts[] = {
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "nonsense", 8, MSG_NOSIGNAL); },
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "", 0, MSG_NOSIGNAL); },
-        [](raw_peer &fresh, raw_peer &) { fresh.pass({STDERR_FILENO}), expect_end(fresh); },
+        [](raw_peer &fresh, raw_peer &) {
+            if (fresh.pass({STDERR_FILENO}) > 0) /* a new kernel refuses it */
+                expect_end(fresh);
+        },
         [](raw_peer &fresh, raw_peer &) { fresh.say_hello({}), fresh.take_answer(); },
         [](raw_peer &, raw_peer &greeted) { send(greeted.control.get(), "more", 4, 0); },
         [](raw_peer &, raw_peer &greeted) { send(greeted.control.get(), "r", 1, 0); },
@@ -303,6 +306,50 @@ TEST_F(mbx, a_killed_mailbox_is_told_after_its_last_signal_though_a_child_of_it_
         send_number(id, numbered);
         expect_nothing();
     }
+}
+
+static long processor_ms()
+{
+    timespec used;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+}
+
+/* Takes a signal by its numbers, each a filter's, and its sender; 0 when none comes in time. */
+static uint32_t take(std::vector<uint32_t> numbers, int timeout_ms, uint32_t sender)
+{
+    numbers.insert(numbers.begin(), static_cast<uint32_t>(numbers.size()));
+    mbx_signal *s = mbx_receive(numbers.size() > 1 ? numbers.data() : nullptr, timeout_ms, sender);
+    const uint32_t number = s ? s->number : 0;
+    if (s)
+        mbx_free(&s);
+    return number;
+}
+
+TEST_F(mbx, what_a_filter_passes_over_stays_readable_and_in_order)
+{
+    client a([](int line, uint32_t server) {
+        hear(line);
+        for (uint32_t number : {7, 8, 7})
+            send_number(server, number);
+        say(line, 1);
+        hear(line);
+    });
+    const uint32_t own = join("server"), id = a.admit();
+    say(a.line.get(), 1);
+    EXPECT_EQ(hear(a.line.get()), 1u);
+    send_number(own, 8);
+    EXPECT_EQ(take({}, patience_ms, own), 8u);
+    EXPECT_TRUE(is_readable(mbx_get_fd(), 0));
+    const long used = processor_ms();
+    EXPECT_EQ(take({5, 9}, 200, MBX_ANY_SENDER), 0u);
+    EXPECT_EQ(take({8}, 200, own), 0u);
+    EXPECT_LT(processor_ms() - used, 200) << "a wait that spins";
+    EXPECT_TRUE(is_readable(mbx_get_fd(), 0));
+    EXPECT_EQ(take({5, 8}, 0, id), 8u);
+    EXPECT_EQ(next().number, 7u);
+    EXPECT_EQ(next().number, 7u);
+    expect_nothing();
 }
 
 TEST_F(mbx, the_last_monitor_of_a_peer_counts_and_a_late_one_is_told_at_once)
