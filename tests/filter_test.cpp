@@ -52,12 +52,18 @@ TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
         char event; /* u p, d own, t ick */
         int32_t level;
         bool is_sent, armed;
-    } steps[] = {{'d', 20, true, true},   {'u', 20, true, false}, {'d', 40, true, false},
-                 {'u', 40, true, false},  {'d', 60, true, false}, {'u', 60, false, false},
-                 {'d', 80, false, false}, {'t', 70, false, true}, {'t', 60, false, true},
-                 {'t', 50, false, true},  {'t', 40, true, true},  {'t', 30, false, true},
-                 {'t', 20, false, true},  {'t', 10, false, true}, {'t', 0, false, false},
-                 {'t', 0, false, false},  {'d', 0, false, false}, /* a repeated state */
+    } steps[] = {{'d', 20, true, true},    {'u', 20, true, false},
+                 {'d', 40, true, false},   {'u', 40, true, false},
+                 {'d', 60, true, false},   {'u', 60, false, false},
+                 {'d', 80, false, false},  {'u', 80, false, false},
+                 {'d', 100, false, false}, {'u', 100, false, false},
+                 {'d', 100, false, false}, /* full */
+                 {'t', 90, false, true},   {'t', 80, false, true},
+                 {'t', 70, false, true},   {'t', 60, false, true},
+                 {'t', 50, false, true},   {'t', 40, true, true},
+                 {'t', 30, false, true},   {'t', 20, false, true},
+                 {'t', 10, false, true},   {'t', 0, false, false},
+                 {'t', 0, false, false},   {'d', 0, false, false}, /* a repeated state */
                  {'u', 0, true, false}};
     subscriber(alice, 3, subscribe_status);
     for (const auto &step : steps) {
@@ -74,7 +80,8 @@ TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
     }
     /* What was held back is in the history, too, and so is the repeated state. */
     static const std::pair<uint32_t, uint32_t> levels_and_states[] = {
-        {20, 2}, {20, 1}, {40, 2}, {40, 1}, {60, 2}, {60, 1}, {80, 2}, {0, 2}, {0, 1}};
+        {20, 2}, {20, 1},  {40, 2},  {40, 1},  {60, 2}, {60, 1}, {80, 2},
+        {80, 1}, {100, 2}, {100, 1}, {100, 2}, {0, 2},  {0, 1}};
     const auto cached = history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ);
     ASSERT_EQ(cached.host_word(4), std::size(levels_and_states));
     for (size_t at = 8; const auto &[level, state] : levels_and_states) {
