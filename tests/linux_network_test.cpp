@@ -229,7 +229,8 @@ class linux_server_test : public linux_network_test
         server = testkit::start({TESK_BIN_DIR "/tesk-server"},
                                 {"LD_LIBRARY_PATH=" TESK_LIB_DIR "/linux",
                                  "DOLM_RIC_PORTS=" + place.path + "/ports",
-                                 "DOLM_RIC_PORT_MAP=" + map(), "DOLM_RIC_READER=/nobody"});
+                                 "DOLM_RIC_PORT_MAP=" + map(), "DOLM_RIC_READER=/nobody"},
+                                -1, journal());
         do {
             client = std::make_unique<testkit::test_client>();
         } while (client->located != 0); /* the mailbox isn't there yet */
@@ -267,6 +268,10 @@ class linux_server_test : public linux_network_test
     {
         return place.path + "/map";
     }
+    std::string journal() const
+    {
+        return place.path + "/journal";
+    }
 
     testkit::directory place;
     std::unique_ptr<testkit::test_client> client;
@@ -293,6 +298,14 @@ TEST_F(linux_server_test, a_module_in_a_file_is_inserted_replaced_and_removed)
     if (news == "3/") /* present, not ready yet */
         news = next();
     EXPECT_EQ("2/0001", news);
+
+    module_images::image module = module_images::sfp(0x78);
+    size_t from = 0;
+    write_module(module);
+    testkit::await_line(journal(), "port 3: both calibrations are named, or none", from);
+    module.a0[70] ^= 1;
+    write_module(module);
+    testkit::await_line(journal(), "port 3: a checksum of the identity is wrong", from);
 }
 
 TEST_F(linux_server_test, clients_see_the_true_state_after_any_storm_of_flaps)
