@@ -48,7 +48,7 @@ static std::string summary(const configured_port &port)
 
 TEST(port_config, understands_each_spelling_and_sorts)
 {
-    const port_config config = parse_port_config("# all of them\n"
+    const port_config config = parse_port_config("\xEF\xBB\xBF# all of them\n"
                                                  "7 swp7\t# the last\r\n"
                                                  "\n"
                                                  "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"

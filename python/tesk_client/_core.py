@@ -46,7 +46,6 @@ BACKLOG = 1000
 
 _library = c.library
 _thread = threading.local()
-_session_pid = 0  # the process that made the first session
 
 
 def port_number(port: int) -> int:
@@ -63,15 +62,6 @@ def milliseconds(name: str, seconds: float) -> int:
     if not 0.001 <= seconds <= 4_000_000:
         raise ValueError(f"{name} must be from 0.001 to 4,000,000 seconds, not {seconds!r}")
     return round(seconds * 1000)
-
-
-def _check_process() -> None:
-    """The mailbox library is started once for a process, and a forked child can't start it anew."""
-    global _session_pid
-    if _session_pid not in (0, os.getpid()):
-        raise MisuseError("this process was forked from one that had made a session: start it with "
-                          "subprocess, or with the method spawn of multiprocessing")
-    _session_pid = os.getpid()
 
 
 class Feed:
@@ -187,7 +177,6 @@ class Core:
                              milliseconds("retry_s", retry_s),
                              milliseconds("longest_retry_s", longest_retry_s),
                              _on_sfp_info, _on_port_status, _on_event, None)
-        _check_process()
         self._owner = (os.getpid(), threading.get_ident())
         self._is_main_thread = threading.current_thread() is threading.main_thread()
         self._requests: dict[int, Taker] = {}

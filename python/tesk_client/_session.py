@@ -46,8 +46,7 @@ class Session:
 
     Making one waits for the server, which must be there: NoServerError, NoAccessError, or
     RejectedError with the server's text. Not for use in signal handlers. A child that was forked
-    can neither use it nor make one of its own: start the child with subprocess, or with the method
-    spawn of multiprocessing."""
+    can't use it, but can make one of its own."""
 
     def __init__(self, *, deadline_s: float = 2.0, window: int = 16, reconnect: bool = True,
                  retry_s: float = 0.1, longest_retry_s: float = 2.0) -> None:

@@ -36,6 +36,7 @@ static constexpr uint32_t last_i2c_bus = 0xffff;
 static constexpr size_t max_line_length = 4096 + 512; /* the longest path and what is around it */
 static constexpr size_t max_interface_length = 127;   /* of an alternative name */
 static constexpr size_t max_parent_length = 255;
+static constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF"; /* of some editors' UTF-8 */
 
 /* Carriage returns count as blanks, so that files from other systems work. */
 static std::vector<std::string_view> split_words(std::string_view line)
@@ -177,6 +178,8 @@ port_config parse_port_config(std::string_view text, std::string_view name)
     auto &messages = state.config.messages;
     size_t left_out = 0;
 
+    if (text.starts_with(byte_order_mark))
+        text.remove_prefix(byte_order_mark.size());
     for (size_t number = 1; !text.empty(); number++) {
         const size_t end = std::min(text.find('\n'), text.size());
         if (reason wrong = parse_line(state, text.substr(0, end))) {
