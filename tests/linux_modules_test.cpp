@@ -129,6 +129,10 @@ struct linux_modules_test : testing::Test, module_listener {
         values[port] = contents.temperature.lanes.empty() ? 0 : contents.temperature.lanes[0].value;
         read_at[port] = at;
     }
+    void module_doubted(uint32_t, const std::vector<const char *> &reasons) override
+    {
+        doubts.insert(doubts.end(), reasons.begin(), reasons.end());
+    }
     void module_presence_changed(uint32_t port, module_presence now) override
     {
         news += "anr"[static_cast<int>(now)];
@@ -146,6 +150,7 @@ struct linux_modules_test : testing::Test, module_listener {
     std::map<uint32_t, std::string> serials;
     std::map<uint32_t, double> values;
     std::map<uint32_t, time_point> read_at;
+    std::vector<std::string> doubts;
     module_poller::duration oldest{0};
     std::vector<int> accesses;
 };
@@ -187,6 +192,7 @@ TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_
     EXPECT_TRUE(poller->is_first_look_over());
     EXPECT_EQ("", news_in(seconds(120)));
     EXPECT_TRUE(read_at.empty());
+    EXPECT_EQ(std::vector<std::string>{"a checksum of the identity is wrong"}, doubts);
     modules.ports[0].readings = 0;
     pass(seconds(600));
     EXPECT_LT(modules.ports[0].readings, 600u + 10u * 9u) << "a look a second, an attempt a minute";

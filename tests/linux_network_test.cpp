@@ -220,7 +220,8 @@ struct linux_server_test : linux_network_test {
         server = testkit::start({TESK_BIN_DIR "/tesk-server"},
                                 {"LD_LIBRARY_PATH=" TESK_LIB_DIR "/linux",
                                  "DOLM_RIC_PORTS=" + place.path + "/ports",
-                                 "DOLM_RIC_PORT_MAP=" + map, "DOLM_RIC_READER=/nobody"});
+                                 "DOLM_RIC_PORT_MAP=" + map, "DOLM_RIC_READER=/nobody"},
+                                -1, journal);
         do {
             client = std::make_unique<testkit::test_client>();
         } while (client->located != 0); /* the mailbox isn't there yet */
@@ -250,7 +251,8 @@ struct linux_server_test : linux_network_test {
         std::filesystem::rename(place.path + "/new", module_file);
     }
     const testkit::directory place;
-    const std::string module_file = place.path + "/module", map = place.path + "/map";
+    const std::string module_file = place.path + "/module", map = place.path + "/map",
+                      journal = place.path + "/journal";
     std::unique_ptr<testkit::test_client> client;
     uint32_t reference = 0;
     pid_t server = -1;
@@ -273,6 +275,14 @@ TEST_F(linux_server_test, a_module_in_a_file_is_inserted_replaced_and_removed)
     write_module(module_with_serial("0001"));
     const std::string news = next();
     EXPECT_EQ("2/0001", news == "3/" ? next() : news) << "3: present, not ready yet";
+
+    module_images::image module = module_images::sfp(0x78);
+    size_t from = 0;
+    write_module(module);
+    testkit::await_line(journal, "port 3: both calibrations are named, or none", from);
+    module.a0[70] ^= 1;
+    write_module(module);
+    testkit::await_line(journal, "port 3: a checksum of the identity is wrong", from);
 }
 
 TEST_F(linux_server_test, clients_see_the_true_state_after_any_storm_of_flaps)

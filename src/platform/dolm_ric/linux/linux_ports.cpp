@@ -265,16 +265,33 @@ void linux_ports::reports_taken()
 
 void linux_ports::module_read(uint32_t number, const module_contents &contents, time_point at)
 {
-    const auto guard = events_.lock();
-    port_copy &changed = ports_.at(number);
-    changed.contents = contents;
-    changed.read_at = at;
+    {
+        const auto guard = events_.lock();
+        port_copy &changed = ports_.at(number);
+        changed.contents = contents;
+        changed.read_at = at;
+    }
+    module_doubted(number, contents.doubts);
+}
+
+/* Each reason is printed once for a module, however often its memory is read. */
+void linux_ports::module_doubted(uint32_t number, const std::vector<const char *> &reasons)
+{
+    std::vector<const char *> &reported = ports_.at(number).reported_doubts;
+    for (const char *reason : reasons) {
+        if (std::find(reported.begin(), reported.end(), reason) != reported.end())
+            continue;
+        reported.push_back(reason);
+        fprintf(stderr, "libdolm_ric: port %u: %s\n", number, reason);
+    }
 }
 
 void linux_ports::module_presence_changed(uint32_t number, module_presence now)
 {
     const auto guard = events_.lock();
     ports_.at(number).presence = now;
+    if (now == module_presence::absent)
+        ports_.at(number).reported_doubts.clear();
     events_.port_changed(port_record(number, now));
 }
 

@@ -59,6 +59,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
         link_values link;
         module_presence presence = module_presence::absent;
         module_contents contents = {};
+        std::vector<const char *> reported_doubts = {}; /* the thread that reads modules */
         time_point read_at = {};
     };
 
@@ -73,6 +74,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     void interface_left_out(const link_report &report) override;
     void reports_taken() override;
     void module_read(uint32_t number, const module_contents &contents, time_point at) override;
+    void module_doubted(uint32_t number, const std::vector<const char *> &reasons) override;
     void module_presence_changed(uint32_t number, module_presence now) override;
     void module_access_changed(int error) override;
 

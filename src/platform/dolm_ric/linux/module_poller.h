@@ -34,6 +34,9 @@ struct module_listener {
     /* `contents` is what the module holds now, read at that time. */
     virtual void module_read(uint32_t port, const module_contents &contents,
                              std::chrono::steady_clock::time_point read_at) = 0;
+    /* What is wrong with the identity of a module that doesn't become ready, once for each module:
+       constant texts. */
+    virtual void module_doubted(uint32_t port, const std::vector<const char *> &reasons) = 0;
     /* Reported on each change, after the contents of a module that is ready. When one change
        followed another closely the last is reported once more after a while, for a caller that
        handles queued events in another order. */

@@ -103,13 +103,18 @@ void module_poller::take_identity(polled &port, const task &done)
         finish_identity(port);
 }
 
-/* All ranges of the plan have been read. */
+/* All ranges of the plan have been read. A module may need a second until its identity is right, so
+   what is wrong with it is reported after that only. */
 void module_poller::finish_identity(polled &port)
 {
     port.was_looked_at = true;
     const module_contents contents = decode_module(port.memory);
-    if (!contents.ready)
-        return retry_identity(port);
+    if (!contents.ready) {
+        retry_identity(port);
+        if (port.tries == fast_tries)
+            listener_.module_doubted(port.number, contents.doubts);
+        return;
+    }
     const bool is_same = port.old_identity && memcmp(&*port.old_identity, &contents.identity,
                                                      sizeof(contents.identity)) == 0;
     if (port.old_identity && !is_same)
