@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
+#include <deque>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -251,6 +252,127 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
     }
     expect_nothing_left(server, descriptors);
     EXPECT_EQ(server.stop(), 0);
+}
+
+/* A connected client that reads nothing after that. */
+struct deaf : stranger {
+    deaf()
+    {
+        greet();
+        send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
+        reference = receive();
+    }
+    uint32_t reference;
+};
+
+/* All requests that have an answer, as words; each is answered with another size. */
+static std::vector<uint32_t> answered_request(size_t index, uint32_t reference)
+{
+    const std::vector<uint32_t> all[] = {
+        {TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 2},
+        {TESK_GET_CAPABILITIES_REQ, 1, reference},
+        {TESK_GET_PM_COUNTERS_REQ, 1, reference, 0},
+        {TESK_SUBSCRIBE_SFP_INFO_REQ, 1, reference, 70000},
+        {TESK_SHELL_GET_PORT_STATUS_CACHE_REQ},
+        {TESK_SHELL_GET_SFP_INFO_CACHE_REQ},
+        {TESK_SHELL_GET_ACTIONS_CACHE_REQ},
+    };
+    return all[index % std::size(all)];
+}
+
+/* Within the time that is promised, and the little that tables keep. */
+static void expect_memory_returned(const testkit::server &server, long idle)
+{
+    const auto until = steady_clock::now() + seconds(10);
+    while (testkit::status_of(server.pid, "VmRSS") > idle + 2048 && steady_clock::now() < until)
+        std::this_thread::yield();
+    EXPECT_LE(testkit::status_of(server.pid, "VmRSS"),
+              idle + 2048 + (testkit::sanitized ? 1 << 20 : 0));
+}
+
+TEST_F(crowd, deaf_clients_with_answers_of_all_sizes_cost_a_bounded_amount)
+{
+    testkit::server server;
+    equip_ports();
+    client witness;
+    const long idle = testkit::status_of(server.pid, "VmRSS");
+    std::deque<deaf> all(28);
+    /* Until some have been disconnected for what they have not read. */
+    for (bool is_over = false; !is_over;) {
+        for (size_t index = 0; index < all.size(); index++)
+            for (int times = 0; times < 100; times++)
+                all[index].send(answered_request(index, all[index].reference));
+        ASSERT_TRUE(witness.is_answered());
+        is_over = std::ranges::count_if(all, [](const deaf &one) {
+                      pollfd polled{one.control.get(), POLLRDHUP, 0};
+                      return poll(&polled, 1, 0) > 0;
+                  }) >= 3;
+    }
+    const long most = testkit::status_of(server.pid, "VmHWM");
+    all.clear();
+    expect_memory_returned(server, idle);
+    EXPECT_LT(most, testkit::sanitized ? 1 << 20 : 80 * 1024);
+    EXPECT_EQ(server.stop(), 0);
+    printf("idle %ld KiB, at most %ld\n", idle, most);
+}
+
+/* Plays as many clients that read no answer; then waits for its end. */
+static void play_full_connections(int count, int ready)
+{
+    constexpr int requests = 24;
+    alarm(120);
+    std::deque<deaf> all;
+    for (int index = 0; index < count; index++)
+        for (int times = (all.emplace_back(), 0); times < requests; times++)
+            all.back().send({TESK_SUBSCRIBE_SFP_INFO_REQ, 1, all.back().reference, 70000});
+    for (stranger &one : all)
+        while (one.from_mailbox().head < requests * sizeof(tesk_port_rej))
+            std::this_thread::yield();
+    std::vector<unsigned char> unknown(60000);
+    for (stranger &one : all)
+        while (one.send_signal(unknown.data(), 60000) != record_sender::outcome::full) {
+        }
+    (void)!write(ready, "r", 1);
+    pause();
+}
+
+TEST_F(crowd, full_connections_that_end_at_once_hold_up_nobody_and_leave_nothing)
+{
+    constexpr int processes = 4;
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const int each = std::min(count_of(100, 750), static_cast<int>(limit.rlim_max) / 16 - 20);
+    testkit::server server;
+    client witness;
+    const size_t descriptors = testkit::idle_descriptors_of(server.pid);
+    const long idle = testkit::status_of(server.pid, "VmRSS");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    std::vector<pid_t> players(processes);
+    for (pid_t &player : players)
+        if ((player = fork()) == 0)
+            play_full_connections(each, ready[1]);
+    for (char byte; pid_t player : players) {
+        testkit::await(ready[0], "full connections");
+        EXPECT_EQ(read(ready[0], &byte, 1), 1) << player;
+    }
+    for (pid_t player : players)
+        kill(player, SIGKILL);
+    duration<double, std::milli> longest{};
+    while (testkit::descriptors_of(server.pid) > descriptors) {
+        const auto began = steady_clock::now();
+        ASSERT_TRUE(witness.is_answered());
+        longest = std::max(longest, decltype(longest)(steady_clock::now() - began));
+    }
+    for (pid_t player : players)
+        testkit::wait_for_end(player);
+    EXPECT_LT(longest, seconds(10));
+    expect_memory_returned(server, idle);
+    EXPECT_EQ(server.stop(), 0);
+    printf("%d connections ended, an answer meanwhile within %.0f ms\n", processes * each,
+           longest.count());
 }
 
 TEST_F(crowd, without_descriptors_connected_clients_are_served)

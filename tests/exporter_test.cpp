@@ -503,6 +503,9 @@ TEST(exporter_journal, a_record_has_the_fields_of_its_event)
     }
     while (written.lost() == 0)
         std::this_thread::yield();
+    for (const event &bad : {event{1, 0, change::down, status_of(3, 1), ""},
+                             event{1, 0, change::removed, module_in(3, ""), ""}})
+        expect_parts(lines_of(journal_fields(bad)), {"\nPRIORITY=4\n"});
     const event inserted{1, 0, change::inserted, module_in(4, "X\n1"), ""};
     expect_parts(lines_of(journal_fields(inserted)),
                  {"\nPRIORITY=6\n", "\nTESK_SERIAL=X\\x0a1\n", "\nTESK_CHANGE=inserted\n"});

@@ -330,7 +330,7 @@ TEST_F(mbx, what_a_filter_passes_over_stays_readable_and_in_order)
 {
     client a([](int line, uint32_t server) {
         hear(line);
-        for (uint32_t number : {7, 8, 7})
+        for (uint32_t number : {7u, 8u, 7u})
             send_number(server, number);
         say(line, 1);
         hear(line);

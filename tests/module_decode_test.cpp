@@ -391,6 +391,10 @@ TEST(identity, speeds_have_codes)
         made.a0[12] = rate, made.a0[36] = extended, put_sum(made.a0, 0, 63);
         EXPECT_EQ(records_of(made).info.sfp.sfp_eth_speed, code);
     }
+    image fast = sfp(); /* 255: the rate stands in byte 66 */
+    fast.a0[3] = 0, fast.a0[12] = 255, fast.a0[66] = 103;
+    put_sum(fast.a0, 0, 63), put_sum(fast.a0, 64, 95);
+    EXPECT_EQ(records_of(fast).info.sfp.sfp_eth_speed, 0x545300fau);
     EXPECT_EQ(records_of(qsfp()).info.sfp.sfp_eth_speed, 0x545303e8u);
     EXPECT_EQ(records_of(cmis()).info.sfp.sfp_eth_speed, 0x54531f40u);
     const std::pair<uint32_t, uint32_t> links[] = {
