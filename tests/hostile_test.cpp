@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The whole server, with its own trace sink, where its surroundings are hostile: a reader of its
-   traces that stalls, and a process-id namespace in which it sees none of its peers. */
+   traces that stalls, outputs that take nothing, and a process-id namespace in which it sees none
+   of its peers. */
 #include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
 
@@ -11,6 +12,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -78,6 +81,34 @@ TEST(hostile, a_stalled_reader_of_the_traces_holds_up_nobody)
     printf("an answer in %ld ms, the end in %ld ms\n", static_cast<long>(answer.count()),
            static_cast<long>(end.count()));
     close(reader);
+}
+
+/* It starts, answers and ends where its outputs take nothing. */
+TEST(hostile, a_full_disk_and_a_fifo_without_reader_hold_up_nobody)
+{
+    const testkit::directory directory;
+    const std::string full = directory.path + "/full", fifo = directory.path + "/fifo";
+    ASSERT_EQ(mkdir(full.c_str(), 0700), 0);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const auto expect_service = [](const std::vector<std::string> &outputs) {
+        testkit::server server(outputs);
+        testkit::test_client flood("flood");
+        testkit::test_client witness;
+        const uint32_t id = witness.connect(1);
+        for (int batch = 0; batch < 20; batch++)
+            flood.receive();
+        EXPECT_LT(time_of([&] { expect_answer(witness, id); }), seconds(5)) << outputs[0];
+        EXPECT_LT(time_of([&] { EXPECT_EQ(server.stop(), 0); }), seconds(5)) << outputs[0];
+    };
+    expect_service({"ZEL_SINK=file:" + fifo, "ZEL_GROUPS=1,4,17,18"});
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_PRIVATE | MS_REC, nullptr) != 0 ||
+        mount("tesk", full.c_str(), "tmpfs", 0, "size=64k") != 0)
+        GTEST_SKIP() << "a full disk needs root and a mount of our own";
+    std::ofstream(full + "/fill") << std::string(size_t{1} << 20, ' ');
+    expect_service({"ZEL_SINK=file:" + full + "/traces", "ZEL_GROUPS=1,4,17,18",
+                    "DOLM_RIC_PORT_MAP=" + full + "/ports"});
+    EXPECT_NE(access((full + "/ports").c_str(), F_OK), 0);
+    umount(full.c_str());
 }
 
 /* It sees no process id of its peers then. Twelve of one process would need more than its quarter
