@@ -198,11 +198,13 @@ TEST_F(link_table_test, counters_wrap)
 TEST_F(link_table_test, an_administrator_who_stops_and_starts_a_port_makes_one_fall)
 {
     link_report stopping = report(0, 3, 4);
-    stopping.has_carrier = true;
+    link_report again = report(0, 6, 7);
+    stopping.has_carrier = again.has_carrier = true;
     const std::pair<link_report, const char *> steps[] = {
-        {report(2, 3, 4), "i7u"}, {stopping, "s"},        {report(0, 4, 4), ""},
-        {report(1, 4, 4), "d"},   {report(2, 4, 5), "u"}, {report(0, 5, 5), "s"},
-        {report(2, 5, 6), "u"},   {report(2, 6, 7), "du"}};
+        {report(2, 3, 4), "i7u"}, {stopping, "s"},         {report(0, 4, 4), ""},
+        {report(1, 4, 4), "d"},   {report(2, 4, 5), "u"},  {report(0, 5, 5), "s"},
+        {report(2, 5, 6), "u"},   {report(2, 6, 7), "du"}, {again, "s"},
+        {report(2, 7, 8), "u"}};
     for (const auto &[step, expected] : steps)
         EXPECT_EQ(expected, take(step));
 }
