@@ -181,6 +181,31 @@ TEST(a_backlog, keeps_the_order_and_gives_its_memory_back_each_time)
     }
 }
 
+TEST(bound_of_all, counts_first_pages_and_leaves_a_little_however_many_there_are)
+{
+    constexpr size_t mib = size_t{1} << 20;
+    constexpr struct {
+        size_t held, left, mapped, areas;
+        bool is_passed;
+    } cases[] = {{56, 0, 0, 0, false}, {55, 1, 1, 0, true},   {30, 0, 0, 26, false},
+                 {30, 0, 0, 27, true}, {0, 0, 0, 200, false}, {8, 0, 0, 200, false},
+                 {7, 1, 1, 200, true}};
+    for (const auto &one : cases) {
+        counted_bytes<held_in_all> held;
+        counted_bytes<left_in_all> left;
+        counted_bytes<mapped_in_all> mapped;
+        counted_bytes<areas_in_all> areas;
+        held.set(one.held * mib);
+        left.set(one.left * mib);
+        mapped.set(one.mapped * mib);
+        areas.set(one.areas * mib);
+        EXPECT_EQ(is_too_much_held(), one.is_passed) << &one - cases;
+    }
+    const size_t before = areas_in_all;
+    const auto area = mapped_area::map(make_area_memory().get());
+    EXPECT_EQ(areas_in_all, before + page_bytes);
+}
+
 /* An inbox with senders that ring by hand. */
 struct turns : testing::Test {
     struct sender {

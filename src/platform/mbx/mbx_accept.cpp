@@ -79,11 +79,10 @@ static bool is_old_wire(const newcomer &n, heard what)
 {
     static int64_t last;
     static int times;
-    if (what != heard::end)
-        return what == heard::old_wire;
-    times = n.peer.key() == last ? times + 1 : 1;
+    if (n.peer.key() != last || what != heard::end)
+        times = 0;
     last = n.peer.key();
-    return times >= wordless_at_most;
+    return what == heard::old_wire || (what == heard::end && ++times >= wordless_at_most);
 }
 
 /* Empty, with errno, when the system refuses a part. */
