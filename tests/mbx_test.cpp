@@ -225,10 +225,9 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "nonsense", 8, MSG_NOSIGNAL); },
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "", 0, MSG_NOSIGNAL); },
         [](raw_peer &fresh, raw_peer &) {
-            int may_pass = 1; /* a kernel that knows the option refuses */
-            socklen_t size = sizeof(may_pass);
+            const int may_pass = 1; /* a kernel that knows the option refuses */
             const bool is_refused =
-                getsockopt(fresh.control.get(), SOL_SOCKET, 83, &may_pass, &size) == 0;
+                setsockopt(fresh.control.get(), SOL_SOCKET, 83, &may_pass, sizeof(may_pass)) == 0;
             EXPECT_EQ(fresh.pass({STDERR_FILENO}) < 0, is_refused);
             if (!is_refused)
                 expect_end(fresh);
