@@ -203,7 +203,8 @@ static void check_history(const tesk_client *client, uint32_t number, uint32_t p
                  TESK_CACHE_ACTION_PORT_STATUS_IND},
                 {TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_CACHE_ACTION_SFP_INFO_UNSUBSCRIBE, 0},
                 {TESK_UNSUBSCRIBE_PORT_STATUS_REQ, TESK_CACHE_ACTION_PORT_STATUS_UNSUBSCRIBE, 0}};
-    const auto *row = std::ranges::find(rows, number, [](const auto &each) { return each.request; });
+    const auto *row =
+        std::ranges::find(rows, number, [](const auto &each) { return each.request; });
     if (row == std::end(rows))
         return;
     uint32_t count = 0;
