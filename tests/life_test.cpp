@@ -1,5 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Start, failed starts, stop: the unchanged executable on scripted libraries. */
+/* Start, failed starts, stop: the unchanged executable on scripted libraries, and the ends of a
+   process that a broken mutex brings about. */
+#include "tesk_server/tesk_client_data.h"
 #include "testkit/fake_platform/client_fixture.h"
 
 #include <algorithm>
@@ -167,12 +169,25 @@ TEST(process, starts_and_stops_in_order_or_reports_why_it_ends)
 }
 
 /* The linker sends the server's own calls here. */
+static bool lock_fails, unlock_fails;
 static bool was_queue_open_at_join;
 static std::deque<int (*)(epoll_event *events)> wake_ups;
 
 extern "C" {
+decltype(pthread_mutex_lock) __real_pthread_mutex_lock, __wrap_pthread_mutex_lock;
+decltype(pthread_mutex_unlock) __real_pthread_mutex_unlock, __wrap_pthread_mutex_unlock;
 decltype(pthread_join) __real_pthread_join, __wrap_pthread_join;
 decltype(epoll_wait) __wrap_epoll_wait;
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) noexcept
+{
+    return lock_fails ? EINVAL : __real_pthread_mutex_lock(mutex);
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) noexcept
+{
+    return unlock_fails ? EPERM : __real_pthread_mutex_unlock(mutex);
+}
 
 int __wrap_pthread_join(pthread_t thread, void **result)
 {
@@ -191,6 +206,31 @@ int __wrap_epoll_wait(int, epoll_event *events, int size, int timeout)
 }
 
 using life = client_fixture;
+
+TEST_F(life, a_broken_mutex_ends_the_process)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    static void (*const uses[])() = {
+        [] { tesk_client_find(0, 0); },
+        [] { tesk_client_find_by_sender(0); },
+        [] { tesk_client_add(7, 7); },
+        [] { tesk_client_remove(tesk_client_first()); },
+        [] { tesk_client_data_reset(); },
+        [] {
+            tesk_event_queue_put(static_cast<tesk_hw_event *>(calloc(1, sizeof(tesk_hw_event))));
+        },
+        [] { tesk_event_queue_take_all(); },
+        [] { tesk_event_queue_shutdown(); }};
+    connect(alice);
+    tesk_event_queue_put(static_cast<tesk_hw_event *>(calloc(1, sizeof(tesk_hw_event))));
+    for (const auto use : uses) {
+        EXPECT_EXIT((lock_fails = true, use()), testing::ExitedWithCode(255), "");
+        EXPECT_EXIT((unlock_fails = true, use()), testing::ExitedWithCode(254), "");
+    }
+    /* Neither is held when an operation has returned. */
+    tesk_client_data_reset();
+    free(tesk_event_queue_take_all());
+}
 
 /* While the library shuts down, its thread still has a queue to put events into. */
 TEST_F(life, the_queue_outlives_the_event_thread)

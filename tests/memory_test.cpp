@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Exhausted memory and refused entries of the history: the linker sends the server's calls of the
-   allocator and of the cache here. */
+/* Exhausted memory, refused entries of the history, and blocks that are freed exactly once: the
+   linker sends the server's calls of the allocator and of the cache here. */
 #include "tesk_server/tesk_cache.h"
 #include "tesk_server/tesk_client_data.h"
 #include "tesk_server/tesk_dolm_ric.h"
@@ -14,6 +14,9 @@ using fake_platform::sent;
 
 static size_t failing_size; /* allocations of this size fail */
 static bool is_cache_refusing;
+static size_t watched_size; /* the block of the next allocation of this size is watched */
+static const void *watched;
+static int watched_frees;
 
 static bool fails(size_t size)
 {
@@ -27,12 +30,18 @@ extern "C" {
 decltype(malloc) __real_malloc, __wrap_malloc;
 decltype(calloc) __real_calloc, __wrap_calloc;
 decltype(realloc) __real_realloc, __wrap_realloc;
+decltype(free) __real_free, __wrap_free;
 decltype(tesk_cache_add) __real__Z14tesk_cache_addPK16tesk_cache_entry,
     __wrap__Z14tesk_cache_addPK16tesk_cache_entry;
 
 void *__wrap_malloc(size_t size) noexcept
 {
-    return fails(size) ? nullptr : __real_malloc(size);
+    void *block = fails(size) ? nullptr : __real_malloc(size);
+    if (size == watched_size) {
+        watched = block;
+        watched_size = 0;
+    }
+    return block;
 }
 
 void *__wrap_calloc(size_t count, size_t size) noexcept
@@ -43,6 +52,13 @@ void *__wrap_calloc(size_t count, size_t size) noexcept
 void *__wrap_realloc(void *block, size_t size) noexcept
 {
     return fails(size) ? nullptr : __real_realloc(block, size);
+}
+
+void __wrap_free(void *block) noexcept
+{
+    if (block != nullptr && block == watched)
+        watched_frees++;
+    __real_free(block);
 }
 
 int __wrap__Z14tesk_cache_addPK16tesk_cache_entry(const tesk_cache_entry *entry)
@@ -56,6 +72,7 @@ struct memory : client_fixture {
     {
         failing_size = 0;
         is_cache_refusing = false;
+        watched = nullptr;
     }
 };
 
@@ -133,6 +150,51 @@ TEST_F(memory, a_read_without_memory_traces_it_and_aborts)
         };
         EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "");
     }
+}
+
+/* Of an event, by handling and at the end; of a bucket, a client and a copy, at their ends. */
+TEST_F(memory, a_block_is_freed_exactly_once)
+{
+    static const auto expect_freed = [](const void *block, auto act) {
+        watched = block;
+        watched_frees = 0;
+        act();
+        EXPECT_EQ(watched_frees, 1);
+    };
+    static const auto put_event = [](uint32_t type, uint32_t port) {
+        auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
+        *event = {type, port, PORTSTATE_DOWN, nullptr};
+        tesk_event_queue_put(event);
+        return event;
+    };
+    subscriber(alice, 3, subscribe_status);
+    for (uint32_t type : {0u, 1u, 2u})
+        for (uint32_t port : {3u, 4u})
+            expect_freed(put_event(type, port), [] { tesk_handle_queued_events(); });
+    expect_freed(put_event(0, 3), [] {
+        put_event(0, 3);
+        tesk_event_queue_shutdown();
+        EXPECT_EQ(tesk_event_queue_get_fd(), -1);
+        tesk_event_queue_init();
+    });
+    const int32_t id = leaky_bucket_add(100, 50);
+    expect_freed(leaky_bucket_find(id), [id] { leaky_bucket_remove(id); });
+    expect_freed(leaky_bucket_find(1), [] { send(alice, unsubscribe_status, {9, 0, 3}); });
+    const tesk_client *client = tesk_client_find_by_sender(alice);
+    expect_freed(client, [] { lose(alice); });
+    expect_freed(nullptr, [] {
+        watched_size = sizeof(tesk_cache_entry); /* of an empty cache */
+        history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ);
+    });
+    expect_freed(nullptr, [] {
+        tesk_sfp_info info = {};
+        watched_size = sizeof(dolm_sfp_info);
+        get_sfp_info(3, SFP_PRESENT_AND_READY, &info);
+    });
+    connect(bob);
+    leaky_bucket_add(100, 50);
+    expect_freed(leaky_bucket_find(1), [] { tesk_server_shutdown(); });
+    EXPECT_EQ(leaky_bucket_find(1), nullptr);
 }
 
 TEST_F(memory, a_refused_entry_of_the_history_is_traced_and_nothing_else)
