@@ -12,8 +12,7 @@
 
 using fake_platform::sent;
 
-static size_t failing_size; /* allocations of this size fail; those that would have are noted */
-static bool is_noting;
+static size_t failing_size; /* allocations of this size fail */
 static bool is_cache_refusing;
 static size_t watched_size; /* the block of the next allocation of this size is watched */
 static const void *watched;
@@ -21,8 +20,6 @@ static int watched_frees;
 
 static bool fails(size_t size)
 {
-    if (is_noting && size == sizeof(tesk_hw_event))
-        fake_platform::note("event allocated");
     if (failing_size == 0 || size != failing_size)
         return false;
     errno = ENOMEM;
@@ -74,7 +71,7 @@ struct memory : client_fixture {
     ~memory() override
     {
         failing_size = 0;
-        is_noting = is_cache_refusing = false;
+        is_cache_refusing = false;
         watched = nullptr;
     }
 };
@@ -153,20 +150,6 @@ TEST_F(memory, a_read_without_memory_traces_it_and_aborts)
         };
         EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "");
     }
-}
-
-TEST_F(memory, an_event_is_allocated_before_the_trace_of_an_unknown_status)
-{
-    tesk_server_shutdown();
-    start({12});
-    is_noting = true;
-    raise({port_event(1, 0)});
-    is_noting = false;
-    const auto lines = fake_platform::take_log();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines.at(1), "event allocated");
-    EXPECT_EQ(lines.at(2), "[12] dolm_ric_event_main(): unhandled port_status(0) received");
-    free(tesk_event_queue_take_all());
 }
 
 /* Of an event, by handling and at the end; of a bucket, a client and a copy, at their ends. */

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Sends signals, hardware events and ticks through the server's dispatch. The input decides which
    board operations and allocations fail. After every step, the server's subscription counts are
-   compared with the board's subscriptions and with the expected state kept here. At the end of an
+   compared with the board's subscriptions and with the expected state kept here, and a confirmed
+   change of a subscription with the history. At the end of an
    input, every subscription is removed. The block of a signal ends with its last byte, so that the
    sanitizer detects a read past it. */
 #include "platform/zel/zel.h"
@@ -190,6 +191,34 @@ static void dispatch(uint32_t sender, uint32_t number)
         assert(signal.receiver == sender || tesk_client_find_by_sender(signal.receiver) != nullptr);
 }
 
+/* A confirmed change of a subscription is the client's newest action in the history, but for the
+   indication that a new subscription may cause. */
+static void check_history(const tesk_client *client, uint32_t number, uint32_t port_no)
+{
+    static constexpr struct {
+        uint32_t request, action, follows;
+    } rows[] = {{TESK_SUBSCRIBE_SFP_INFO_REQ, TESK_CACHE_ACTION_SFP_INFO_SUBSCRIBE,
+                 TESK_CACHE_ACTION_SFP_INFO_IND},
+                {TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_CACHE_ACTION_PORT_STATUS_SUBSCRIBE,
+                 TESK_CACHE_ACTION_PORT_STATUS_IND},
+                {TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_CACHE_ACTION_SFP_INFO_UNSUBSCRIBE, 0},
+                {TESK_UNSUBSCRIBE_PORT_STATUS_REQ, TESK_CACHE_ACTION_PORT_STATUS_UNSUBSCRIBE, 0}};
+    const auto *row =
+        std::ranges::find(rows, number, [](const auto &each) { return each.request; });
+    if (row == std::end(rows))
+        return;
+    uint32_t count = 0;
+    tesk_cache_entry *entries = nullptr;
+    tesk_cache_read(TESK_CACHE_ACTION, &count, &entries);
+    assert(count > 0 && count <= TESK_CACHE_LIMIT);
+    const tesk_cache_action_record *newest = &entries[count - 1].action;
+    if (row->follows != 0 && newest->action == row->follows && newest->port_no == port_no)
+        newest = &entries[count - 2].action;
+    assert(newest->action == row->action && newest->port_no == port_no &&
+           newest->client_id == client->client_id && newest->conn_ref == client->conn_ref);
+    free(entries);
+}
+
 static constexpr uint32_t requests[] = {
     TESK_CONN_ESTABLISH_REQ,        TESK_GET_CAPABILITIES_REQ,     TESK_SUBSCRIBE_SFP_INFO_REQ,
     TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_UNSUBSCRIBE_SFP_INFO_REQ, TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
@@ -200,6 +229,13 @@ static uint32_t connection_ref(uint32_t sender, uint8_t choice)
 {
     const tesk_client *client = tesk_client_find_by_sender(sender);
     return choice >= 4 && client != nullptr ? client->client_id : choice;
+}
+
+static bool sent_to(uint32_t receiver, uint32_t number)
+{
+    return std::ranges::any_of(fake_platform::sent, [&](const auto &signal) {
+        return signal.receiver == receiver && signal.number == number;
+    });
 }
 
 /* A request of a known client is answered once, with number + 1 or number + 2. One of an unknown
@@ -217,6 +253,8 @@ static void request(fuzz_input &in)
         return signal.receiver == sender && signal.number - number - 1 < 2;
     });
     assert(sender == fake_platform::own_mailbox || answers == (answered ? 1 : 0));
+    if (answers == 1 && sent_to(sender, number + 1))
+        check_history(tesk_client_find_by_sender(sender), number, word);
 }
 
 /* All numbers that the server handles are at most 7 above one of these. */
