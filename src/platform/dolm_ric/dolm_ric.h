@@ -77,7 +77,9 @@ enum dolm_ric_event_type {
     DOLM_RICEVT_RILINKSTATUS = 3,
 };
 
-/* LC is reported as an optical module, RJ45 as an electrical one, any other as unknown. */
+/* LC is reported as an optical module, RJ45 as an electrical one, any other as unknown. So give LC
+   for every module that sends light, whatever its plug, RJ45 for all copper, cables among it, and
+   OTHER only where the module's memory doesn't tell. */
 enum dolm_sfp_connector {
     DOLM_SFP_CONNECTOR_UNSPEC = 0x0,
     DOLM_SFP_CONNECTOR_LC = 0x1,
