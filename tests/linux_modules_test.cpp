@@ -193,8 +193,8 @@ TEST_F(linux_modules_test, an_error_in_an_empty_cage_is_no_broken_port)
         for (const bool logs_failures : {false, true}) {
             begin_anew();
             modules.ports[0].error = error;
-            poller->add(0, true);
-            poller->set_interface(0, index_of_port_0, logs_failures);
+            add(0);
+            poller->expect_logging(0, logs_failures);
             pass(seconds(1000));
             EXPECT_EQ(logs_failures, modules.ports[0].readings == 1) << error;
             modules.ports[0] = {.module = module_with_serial("0001")};
@@ -257,8 +257,8 @@ TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_
     EXPECT_EQ("r0001", news_in(seconds(61)));
     begin_anew();
     modules.ports[0].module = garbled;
-    poller->add(0, true, true);
-    poller->set_interface(0, index_of_port_0);
+    add(0);
+    poller->trust_sums(0, true);
     EXPECT_EQ("nr0011", news_in(seconds(1)).substr(0, 6)) << "its owner trusts it";
 }
 

@@ -94,16 +94,33 @@ module_poller::module_poller(module_access &access, module_listener &listener, c
 
 module_poller::~module_poller() = default;
 
-void module_poller::add(uint32_t port, bool by_reader, bool trusts_sums)
+void module_poller::add(uint32_t port, bool by_reader)
 {
     polled &added = ports_[port];
     added.number = port;
     added.by_reader = by_reader;
-    added.memory.trust_sums(trusts_sums);
     schedule(added);
 }
 
-void module_poller::set_interface(uint32_t port, int32_t index, bool logs_failures)
+void module_poller::trust_sums(uint32_t port, bool trusted)
+{
+    const auto found = ports_.find(port);
+    if (found == ports_.end() || found->second.memory.trusts_sums() == trusted)
+        return;
+    polled &changed = found->second;
+    changed.memory.trust_sums(trusted);
+    if (changed.where != stage::empty)
+        begin_identity(changed, duration(0));
+    schedule(changed);
+}
+
+void module_poller::expect_logging(uint32_t port, bool logs_failures)
+{
+    if (const auto found = ports_.find(port); found != ports_.end())
+        found->second.logs_failures = logs_failures;
+}
+
+void module_poller::set_interface(uint32_t port, int32_t index)
 {
     const auto found = ports_.find(port);
     if (found == ports_.end() || found->second.interface == index)
@@ -112,7 +129,6 @@ void module_poller::set_interface(uint32_t port, int32_t index, bool logs_failur
     if (changed.interface != 0)
         remove_module(changed);
     changed.interface = index;
-    changed.logs_failures = logs_failures;
     changed.has_answered = false;
     changed.lost_at.reset();
     changed.was_looked_at = false;

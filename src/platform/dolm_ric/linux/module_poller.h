@@ -65,14 +65,17 @@ class module_poller
     module_poller(module_access &access, module_listener &listener, clock now);
     ~module_poller();
 
-    /* A port whose module is to be polled, from now on; by a reader that may be missing, or not. Wrong
-       checksums of its modules may be trusted. */
-    void add(uint32_t port, bool by_reader, bool trusts_sums = false);
+    /* A port whose module is to be polled, from now on; by a reader that may be missing, or not. */
+    void add(uint32_t port, bool by_reader);
+    /* Wrong checksums of the port's modules are taken for right ones, or not any more. */
+    void trust_sums(uint32_t port, bool trusted);
+    /* The driver of the port's interface logs each reading that fails, or not: it is asked about an
+       empty cage only when there is a reason. */
+    void expect_logging(uint32_t port, bool logs_failures);
 
     /* The interface of a port: its index, or 0 while it isn't there; the port has no module then.
-       Bytes that another interface gave are not taken, those of no interface are. A driver that
-       logs each reading that fails is asked for an empty cage only when there is a reason. */
-    void set_interface(uint32_t port, int32_t index, bool logs_failures = false);
+       Bytes that another interface gave are not taken, those of no interface are. */
+    void set_interface(uint32_t port, int32_t index);
 
     /* A module may have been inserted or removed in some port: look at all ports soon. */
     void hint();
