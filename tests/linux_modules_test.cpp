@@ -32,6 +32,7 @@ namespace
 struct cage {
     std::optional<module_images::image> module = {};
     int error = 0;        /* of every reading */
+    int a2_error = 0;     /* of every reading at 0x51 */
     int errors_left = 0;  /* ENXIO, so often */
     int garbled_left = 0; /* other bytes, so often */
     milliseconds cost{0}; /* of a reading */
@@ -64,6 +65,8 @@ struct cages final : module_access {
         from.readings++;
         wanted.interface = index_of_port_0 + static_cast<int32_t>(wanted.port) + from.moved;
         wanted.error = from.error;
+        if (wanted.error == 0 && range.address == diagnostics_address)
+            wanted.error = from.a2_error;
         if (wanted.error == 0 && from.errors_left > 0)
             from.errors_left--, wanted.error = ENXIO;
         const auto bytes = from.module ? from.module->at(range) : std::span<const uint8_t>();
@@ -184,6 +187,60 @@ TEST_F(linux_modules_test, a_disturbed_reading_is_no_news)
     }
 }
 
+TEST_F(linux_modules_test, an_error_in_an_empty_cage_is_no_broken_port)
+{
+    for (const int error : {EIO, EINVAL, EBUSY, ETIMEDOUT, EOPNOTSUPP})
+        for (const bool logs_failures : {false, true}) {
+            begin_anew();
+            modules.ports[0].error = error;
+            add(0);
+            poller->expect_logging(0, logs_failures);
+            pass(seconds(1000));
+            EXPECT_EQ(logs_failures, modules.ports[0].readings == 1) << error;
+            modules.ports[0] = {.module = module_with_serial("0001")};
+            if (logs_failures)
+                poller->look_now(0);
+            EXPECT_EQ("nr0001", news_in(milliseconds(2500))) << error;
+            pass(seconds(10));
+            for (const auto &[time, told] : {std::pair(1500, ""), {4500, ""}, {6500, "a"}}) {
+                modules.ports[0].error = error == EOPNOTSUPP ? EIO : error;
+                EXPECT_EQ(told, news_in(milliseconds(time))) << error;
+                modules.ports[0].error = 0;
+                EXPECT_EQ(*told ? "nr0001" : "",
+                          news_in(logs_failures ? seconds(11) : seconds(2)).substr(0, 6));
+            }
+        }
+}
+
+TEST_F(linux_modules_test, what_can_not_be_read_once_or_is_blank_is_tried_again)
+{
+    for (const int error : {ENOTCONN, ETIMEDOUT, EBUSY, EIO, ENXIO, 0}) {
+        begin_anew();
+        values.clear();
+        module_images::image module = module_with_serial("0001"), blank = module;
+        std::fill_n(&blank.a2[96], 8, uint8_t{0});
+        modules.ports[0].a2_error = error;
+        begin_with(error == 0 ? blank : module);
+        EXPECT_EQ(0, values[0]) << error;
+        modules.ports[0] = {.module = module};
+        pass(seconds(5));
+        EXPECT_NEAR(25719, values[0], 1) << error;
+        const time_point last = read_at[0];
+        modules.ports[0] = {.module = error == 0 ? blank : module, .a2_error = error};
+        news.clear();
+        for (int request = 0; request < 100; request++) {
+            poller->diagnostics_wanted(0);
+            pass(milliseconds(100));
+        }
+        EXPECT_EQ("", news) << error;
+        EXPECT_LE(read_at[0], last + seconds(5)) << "and so gets too old";
+        EXPECT_NEAR(25719, values[0], 1) << error;
+        modules.ports[0] = {.module = module};
+        pass(seconds(5));
+        EXPECT_LE(modules.now - read_at[0], seconds(5)) << error;
+    }
+}
+
 TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_read)
 {
     module_images::image garbled = module_with_serial("0001");
@@ -198,6 +255,11 @@ TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_
     EXPECT_LT(modules.ports[0].readings, 600u + 10u * 9u) << "a look a second, an attempt a minute";
     modules.ports[0].module = module_with_serial("0001");
     EXPECT_EQ("r0001", news_in(seconds(61)));
+    begin_anew();
+    modules.ports[0].module = garbled;
+    add(0);
+    poller->trust_sums(0, true);
+    EXPECT_EQ("nr0011", news_in(seconds(1)).substr(0, 6)) << "its owner trusts it";
 }
 
 TEST_F(linux_modules_test, a_module_that_turns_into_nonsense_is_reported_after_a_second)

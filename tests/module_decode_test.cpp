@@ -75,9 +75,9 @@ TEST(sfp_values, external_calibration)
     put_sum(fourth.a2, 0, 95);
     EXPECT_NEAR(contents_of(fourth).rx_power.lanes[0].value, 51.5, 1e-5);
 
-    /* C1 of -2, 2^23, infinity and NaN: no light below 0, no receiver beyond 0.1 W. */
+    /* C1 of -0.5, -2, 2^23, infinity and NaN: a little below 0 is 0, and no receiver stands 0.1 W. */
     const std::pair<int, double> ends[] = {
-        {0xc000, 0}, {0x4b00, 100000}, {0x7f80, -1}, {0x7fc0, -1}};
+        {0xbf00, 0}, {0xc000, -1}, {0x4b00, -1}, {0x7f80, -1}, {0x7fc0, -1}};
     for (const auto &[upper, expected] : ends) {
         image end = external_sfp();
         put16(end.a2, 68, upper), put_sum(end.a2, 0, 95);
@@ -182,7 +182,7 @@ TEST(refused, memories_that_can_not_be_true)
         {a0, 25, 25, '!', unready}, {a0, 70, 70, '!', unready}, {a0, 0, 255, 0xff, unready},
         {a0, 0, 255, 0, unready},   {a0, 1, 255, 0, unready},   {a0, 0, 0, 6, unready},
         {a2, 0, 255, 0, silent},    {a2, 0, 255, 0xff, silent}, {a2, 96, 255, 0xff, silent},
-        {a2, 110, 110, 1, silent},  {a0, 92, 92, 0, unable},    {a0, 92, 92, 0x6c, unable},
+        {a2, 110, 110, 1, silent},  {a2, 96, 103, 0, silent},  {a0, 92, 92, 0, unable},    {a0, 92, 92, 0x6c, unable},
         {a0, 92, 92, 0x78, sound},  {a2, 95, 95, 0xee, raw},    {a2, 0, 95, 0, raw}};
     for (const auto &[memory, first, last, byte, its] : cases)
         for (const bool is_external : {false, true}) {
@@ -206,9 +206,17 @@ TEST(refused, memories_that_can_not_be_true)
     EXPECT_EQ(records_of(copied).diag_result, missing);
     EXPECT_EQ(records_of(absent).diag_result, missing);
     EXPECT_FALSE(make_records(decode_module({}), {}).ready);
+    image wrong_sum = sfp();
+    wrong_sum.a0[63] ^= 1;
+    module_memory trusted = wrong_sum.read();
+    trusted.trust_sums(true);
+    EXPECT_TRUE(decode_module(trusted).ready && decode_module(trusted).has_trusted_sum);
     for (image made : {qsfp(), cmis()}) {
         EXPECT_EQ(records_of(made).diag.diag_cap, all_five);
         std::fill(made.a0.begin() + 10, made.a0.begin() + 60, uint8_t{0xff});
+        EXPECT_EQ(records_of(made).diag_result, missing);
+        put16(made.a0, 14, 1), put16(made.a0, 16, 0), put16(made.a0, 26, 0); /* 0 V */
+        made.a0[2] = 0, made.a0[128 + 159] = 2, put_page_sums(made.a0);
         EXPECT_EQ(records_of(made).diag_result, missing);
         made.a0[128 + 25] ^= 1;
         EXPECT_FALSE(records_of(made).ready);
@@ -300,6 +308,10 @@ TEST(lanes, the_one_that_is_worst_off_stands_for_all)
         EXPECT_EQ(records_of(made, {.lanes = lanes}).diag.txpower, expected);
         EXPECT_EQ(records_of(made, {.lanes = lanes}).diag.temperature, 29000);
     }
+    image off = qsfp(); /* a dark lane that the host has switched off */
+    put16(off.a0, 50, 0), put16(off.a0, 42, 0), off.a0[4] = 1, off.a0[86] = 1;
+    EXPECT_EQ(records_of(off).diag.txpower, 2000u);
+    EXPECT_EQ(records_of(off).status.status, 0u);
     image flat = qsfp(); /* without limits: the lowest */
     flat.a0[2] = 4, put16(flat.a0, 38, 40);
     EXPECT_EQ(records_of(flat).diag.rxpower, 4u);
@@ -316,9 +328,9 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
     EXPECT_EQ(records_of(made, {.lanes = 0xff}).diag.txbias, 8000u);
     made.a0[210] = 0xf0, put_sum(made.a0, 128, 222); /* lanes of the first bank */
     EXPECT_EQ(contents_of(made).tx_power.lanes.size(), 12u);
-    made.a0[128 + 160] |= 0x18; /* a scale of bias that nobody knows */
+    made.a0[128 + 160] |= 0x18, put_page_sums(made.a0); /* a scale of bias that nobody knows */
     EXPECT_TRUE(contents_of(made).tx_bias.lanes.empty());
-    made.a0[128 + 160] = 0x12; /* measures tx power only */
+    made.a0[128 + 160] = 0x12, put_page_sums(made.a0); /* measures tx power only */
     EXPECT_EQ(records_of(made).diag.diag_cap, not_light | DOLM_SFP_DIAGCAP_TXPOWER);
     made.a0[3] = 0x02; /* low power */
     EXPECT_EQ(records_of(made).diag.diag_cap, not_light);
@@ -328,6 +340,29 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
     EXPECT_EQ(records_of(made).diag_result, DOLM_RICERR_UNSUPPORTED);
     made.a0[2] = 0, put16(made.a0, 14, 1); /* paged, and no voltage is measured */
     EXPECT_EQ(records_of(made).diag.diag_cap, uint32_t{DOLM_SFP_DIAGCAP_TEMP});
+
+    /* Lanes of the host of a port: the lowest tx power of its lanes of light, 1 uW more each. */
+    const auto power_of = [](const image &from, uint32_t host_lanes) {
+        return records_of(from, {.host_lanes = host_lanes}).diag.txpower;
+    };
+    image halves = cmis();
+    for (size_t lane = 0; lane < 8; lane++)
+        put16(halves.lanes[0], 154 + 2 * lane, 10000 + 10 * static_cast<int>(lane));
+    halves.a0[88] = 0x84, halves.a0[89] = 1; /* 8 lanes of the host on 4 of light */
+    EXPECT_EQ((numbers{power_of(halves, 0x0f), power_of(halves, 0xf0)}), (numbers{1000, 1002}));
+    halves.a0[92] = 0x42, halves.a0[93] = 0x11, halves.a0[128 + 177] = 0x11; /* 4 on 2, from 4 on */
+    put_page_sums(halves.a0), std::fill_n(&halves.lanes[0][210], 4, uint8_t{0x28});
+    EXPECT_EQ((numbers{power_of(halves, 0x0f), power_of(halves, 0xf0)}), (numbers{1000, 1004}));
+    halves.a0.resize(2304), halves.a0[2048 + 130] = 0x10; /* the host has switched lane 4 off */
+    EXPECT_EQ(power_of(halves, 0xf0), 1005u);
+    halves.lanes[0][130] = halves.lanes[0][131] = 0x11; /* and those data paths */
+    halves.lanes[0][147] = 0x30;                        /* LOS */
+    EXPECT_EQ(records_of(halves, {.host_lanes = 0xf0}).diag.diag_cap, not_light);
+    EXPECT_EQ(records_of(halves, {.host_lanes = 0xf0}).status.status, 0u);
+    halves.a0[511] ^= 1; /* the sum of the limits */
+    EXPECT_EQ(records_of(halves).diag.voltage_low_alarm, 0u);
+    halves.a0[383] ^= 1; /* and of what it measures */
+    EXPECT_EQ(records_of(halves).diag.diag_cap, not_light);
 
     const std::tuple<const char *, uint32_t, uint32_t> names[] = {
         {"p1s2", 0, 4},  {"p12s0", 1, 1}, {"p1s1", 4, 0xf0},      {"p1s0", 32, UINT32_MAX},
@@ -341,15 +376,15 @@ TEST(identity, copper_has_no_light)
 {
     /* A byte and its place, the connector; whether that is copper, and the connector reported. */
     const std::tuple<size_t, uint8_t, uint8_t, bool, uint8_t> cases[] = {
-        {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_OTHER}, /* passive cable */
-        {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_OTHER}, /* active cable */
-        {8, 0x00, 0x21, true, DOLM_SFP_CONNECTOR_OTHER},
-        {8, 0x08, 0x23, false, DOLM_SFP_CONNECTOR_OTHER}, /* active optical cable */
-        {6, 0x08, 0x00, true, DOLM_SFP_CONNECTOR_UNSPEC}, /* 1000BASE-T */
+        {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_RJ45}, /* passive cable */
+        {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_RJ45}, /* active cable */
+        {3, 0x00, 0x23, false, DOLM_SFP_CONNECTOR_OTHER}, /* nothing tells */
+        {8, 0x08, 0x23, false, DOLM_SFP_CONNECTOR_LC},  /* active optical cable */
+        {6, 0x08, 0x00, true, DOLM_SFP_CONNECTOR_RJ45}, /* 1000BASE-T */
         {8, 0x00, 0x22, true, DOLM_SFP_CONNECTOR_RJ45},
-        {36, 0x1c, 0x07, true, DOLM_SFP_CONNECTOR_LC}, /* 10GBASE-T */
-        {36, 0x0c, 0x07, true, DOLM_SFP_CONNECTOR_LC}, /* 25GBASE-CR */
-        {36, 0x02, 0x07, false, DOLM_SFP_CONNECTOR_LC},
+        {36, 0x1c, 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* 10GBASE-T */
+        {36, 0x0c, 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* 25GBASE-CR */
+        {36, 0x02, 0x01, false, DOLM_SFP_CONNECTOR_LC},
         {55, '-', 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* by its name */
     };
     for (const auto &[at, byte, connector, is_copper, reported] : cases) {
@@ -365,6 +400,8 @@ TEST(identity, copper_has_no_light)
     for (const size_t at : {147u, 131u}) { /* technology, 40GBASE-CR4 */
         image cable = qsfp();
         cable.a0[at] = 0xa8, put_sum(cable.a0, 128, 191);
+        EXPECT_EQ(records_of(cable).diag.diag_cap, not_light);
+        std::fill_n(&cable.a0[22], 36, uint8_t{0});
         EXPECT_EQ(records_of(cable).diag_result, DOLM_RICERR_UNSUPPORTED);
     }
 }
@@ -414,9 +451,9 @@ TEST(plan, reads_what_the_module_has_and_nothing_else)
     const std::pair<image, size_t> sizes[] = {{garbled, 1 + 96},
                                               {plain, 1 + 96 + 28},
                                               {sfp(), 1 + 96 + 28 + 118},
-                                              {flat, 1 + 96 + 28 + 1 + 58},
-                                              {qsfp(), 1 + 96 + 28 + 1 + 58 + 72},
-                                              {cmis(), 1 + 95 + 24 + 32 + 18 + 19 + 72 + 2 * 68}};
+                                              {flat, 1 + 96 + 28 + 1 + 58 + 1},
+                                              {qsfp(), 1 + 96 + 28 + 1 + 58 + 1 + 72},
+                                              {cmis(), 1 + 95 + 24 + 34 + 18 + 2 * 128 + 2 * 87}};
     for (const auto &[module, expected] : sizes) {
         size_t size = 0;
         for (const reading_step &step : reading_plan(module.read()))

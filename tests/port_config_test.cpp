@@ -30,10 +30,8 @@ struct port_files : testing::Test {
 
 static std::string summary(const configured_port &port)
 {
-    static constexpr const char *sources[] = {"", "module=", "i2c=", "off"};
     return std::to_string(port.number) + " " + port.interface + "|" + port.parent + "|" +
-           port.port_name + " " + sources[static_cast<int>(port.source)] + port.file +
-           (port.source == module_source::i2c_bus ? std::to_string(port.i2c_bus) : "");
+           port.port_name + options_of(port);
 }
 
 TEST(port_config, understands_each_spelling_and_sorts)
@@ -42,7 +40,7 @@ TEST(port_config, understands_each_spelling_and_sorts)
         parse_port_config("\xEF\xBB\xBF# all of them\n7 swp7\t# the last\r\n\n"
                           "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"
                           "1 0000:03:00.0/p1s2 i2c=12\n"
-                          "65534 sw/1/p2 poll=off\n"
+                          "65534 sw/1/p2 poll=off\n4 a lanes=32\n5 b checksum=ignore lanes=2-3 i2c=4\n"
                           "3 0000:03:00.0/",
                           "ports");
     std::string summaries;
@@ -50,14 +48,16 @@ TEST(port_config, understands_each_spelling_and_sorts)
         summaries += summary(port) + "\n";
     EXPECT_EQ(config.messages, std::vector<std::string>());
     EXPECT_EQ(summaries, "0 enp1s0f0np0|| module=/var/lib/a.bin\n"
-                         "1 |0000:03:00.0|p1s2 i2c=12\n3 |0000:03:00.0| \n7 swp7|| \n"
-                         "65534 |sw/1|p2 off\n");
+                         "1 |0000:03:00.0|p1s2 i2c=12\n3 |0000:03:00.0|\n4 a|| lanes=32-32\n"
+                         "5 b|| i2c=4 lanes=2-3 checksum=ignore\n7 swp7||\n"
+                         "65534 |sw/1|p2 poll=off\n");
 }
 
 TEST(port_config, a_wrong_line_costs_itself_only)
 {
     const std::pair<const char *, std::vector<std::string>> reasons[] = {
-        {"a line is:", {"1", "1 a poll=off poll=off"}},
+        {"a line is:", {"1", "1 a poll=off poll=off", "1 a i2c=1 checksum=ignore checksum=ignore"}},
+        {"lanes= takes", {"1 a lanes=0", "1 a lanes=3-2", "1 a lanes=33", "1 a lanes=1-", "1 a lanes="}},
         {"number from 0 to 65534", {"-1 a", "65535 a", "4294967297 a", "0x1 a"}},
         {"\"poll=on\" is not one of", {"1 a poll=on"}},
         {"absolute path", {"1 a module=relative", "1 a module="}},

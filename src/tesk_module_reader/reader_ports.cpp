@@ -149,21 +149,6 @@ reader_answer reader_ports::read(const reader_request &request)
     return answer;
 }
 
-static std::string options_of(const configured_port &port)
-{
-    switch (port.source) {
-    case module_source::file:
-        return " module=" + port.file;
-    case module_source::i2c_bus:
-        return " i2c=" + std::to_string(port.i2c_bus);
-    case module_source::none:
-        return " poll=off";
-    case module_source::interface:
-        break;
-    }
-    return {};
-}
-
 /* A configured port that has no interface now keeps its line. */
 std::string reader_ports::as_configuration()
 {

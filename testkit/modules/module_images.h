@@ -36,6 +36,12 @@ inline void put_sum(bytes &image, size_t first, size_t at)
         image[at] = static_cast<uint8_t>(image[at] + image[n]);
 }
 
+/* Those of the pages 01h and 02h of a CMIS module. */
+inline void put_page_sums(bytes &image)
+{
+    put_sum(image, 128 + 130, 128 + 255), put_sum(image, 256 + 128, 256 + 255);
+}
+
 /* Both memories and, by bank, page 11h of a module. */
 struct image {
     bytes a0 = bytes(256);
@@ -178,6 +184,7 @@ inline image cmis()
     for (size_t group = 0; group < 5; group++)
         for (size_t n = 0; n < 4; n++)
             put16(a0, 256 + places[group] + 2 * n, limits[4 * group + n]);
+    put_page_sums(a0);
     for (uint8_t bank = 0; bank < 2; bank++) {
         bytes &page = made.lanes[bank];
         page.resize(256);

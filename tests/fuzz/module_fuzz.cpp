@@ -20,7 +20,8 @@ static void put_sums_right(const memory_range &range, std::vector<uint8_t> &byte
         size_t first, last;
     } sums[] = {{{0x50, 0, 0, 0, 96}, 0, 63},    {{0x50, 0, 0, 0, 96}, 64, 95},
                 {{0x51, 0, 0, 0, 96}, 0, 95},    {{0x50, 0, 0, 128, 96}, 0, 63},
-                {{0x50, 0, 0, 128, 96}, 64, 95}, {{0x50, 0, 0, 128, 95}, 0, 94}};
+                {{0x50, 0, 0, 128, 96}, 64, 95}, {{0x50, 0, 0, 128, 95}, 0, 94},
+                {{0x50, 0, 1, 128, 128}, 2, 127}, {{0x50, 0, 2, 128, 128}, 0, 127}};
     for (const auto &sum : sums)
         if (sum.range == range)
             bytes[sum.last] = static_cast<uint8_t>(

@@ -35,9 +35,10 @@ enum dolm_ric_result {
     DOLM_RICERR_INVALID = -1,     /* a wrong handle or pointer, or a port that isn't subscribed */
     DOLM_RICERR_NOMEM = -2,       /* memory is exhausted */
     DOLM_RICERR_NODEV = -3,       /* the board has no such port */
-    DOLM_RICERR_NOTAVAIL = -4,    /* no module, or its memory can't be read */
+    DOLM_RICERR_NOTAVAIL = -4,    /* no module; or its diagnostics weren't read */
     DOLM_RICERR_UNSUPPORTED = -6, /* the module lacks this */
-    DOLM_RICERR_BUSY = -8,        /* from dolm_ric_init: the library has been started already */
+    DOLM_RICERR_BUSY = -8,        /* from dolm_ric_init: the library has been started already; from
+                                     a read of a module: it is there and can't be read at present */
     DOLM_RICERR_SHUTDOWN = -10,   /* the library has been shut down */
     DOLM_RICERR_INTERNAL = -11,   /* any other failure */
 };
@@ -77,7 +78,9 @@ enum dolm_ric_event_type {
     DOLM_RICEVT_RILINKSTATUS = 3,
 };
 
-/* LC is reported as an optical module, RJ45 as an electrical one, any other as unknown. */
+/* LC is reported as an optical module, RJ45 as an electrical one, any other as unknown. So give LC
+   for every module that sends light, whatever its plug, RJ45 for all copper, cables among it, and
+   OTHER only where the module's memory doesn't tell. */
 enum dolm_sfp_connector {
     DOLM_SFP_CONNECTOR_UNSPEC = 0x0,
     DOLM_SFP_CONNECTOR_LC = 0x1,
@@ -254,7 +257,8 @@ int32_t dolm_ric_ri_subslink(uintptr_t handle, uint32_t id, dolm_ric_link_status
 int32_t dolm_ric_ri_unsubslink(uintptr_t handle, uint32_t id);
 int32_t dolm_ric_ri_getlinkstatus(uintptr_t handle, uint32_t id, dolm_ric_link_status *out);
 
-/* The module. DOLM_RICERR_NOTAVAIL without a module, and where its memory can't be read. */
+/* The module. DOLM_RICERR_NOTAVAIL without one; DOLM_RICERR_BUSY while it is there and its memory
+   can't be read or makes no sense, and for a status that is not known. */
 int32_t dolm_ric_ri_getmoduleinfo(uintptr_t handle, uint32_t id, dolm_ric_module_info *out);
 int32_t dolm_ric_ri_getmodstatus(uintptr_t handle, uint32_t id, dolm_ric_module_status *out);
 /* DOLM_RICERR_UNSUPPORTED or DOLM_RICERR_NOTAVAIL where the module has no diagnostics. */

@@ -7,6 +7,7 @@
 #include "platform/dolm_ric/linux/module_speed.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace linux_board
 {
@@ -31,6 +32,22 @@ enum measurement_types : uint8_t {
     AVERAGE_POWER = 0x10,
 };
 
+/* Byte 85. The kind 4 is an active cable, of either medium. */
+enum media_kind : uint8_t { MULTI_MODE = 1, SINGLE_MODE = 2, PASSIVE_COPPER = 3, BASE_T = 5 };
+
+/* Of a data path. It sends while it is activated; it receives in the last four. The code 0 is that
+   of modules that don't tell. */
+enum class path_state : uint8_t {
+    untold,
+    deactivated,
+    starting,
+    ending,
+    activated,
+    turning_on,
+    turning_off,
+    initialized
+};
+
 /* Where page 11h has a measurement's values, of 16 bits a lane, and its flags: four bytes, of one
    bit a lane, for high alarm, low alarm, high warning and low warning. */
 struct lane_fields {
@@ -40,21 +57,28 @@ struct lane_fields {
 
 } // namespace
 
-/* The sum of the identity, at 222, is the last byte that is read of page 00h. Of page 01h the bytes
-   142 (banks) and 159 and 160 (monitors) are needed. */
+/* The sum of the identity, at 222, is the last byte that is read of page 00h. The pages 01h and 02h
+   are read as a whole for theirs. Page 11h begins with the states of the data paths and ends with
+   the applications that they have. */
 static constexpr memory_range state_range = {identity_address, 0, 0, 0, 18};
-static constexpr memory_range applications_range = {identity_address, 0, 0, 86, 32};
+static constexpr memory_range applications_range = {identity_address, 0, 0, 84, 34};
 static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 95};
 static constexpr memory_range serial_range = {identity_address, 0, 0, 166, 24};
-static constexpr memory_range features_range = {identity_address, 0, 0x01, 142, 19};
-static constexpr memory_range limits_range = {identity_address, 0, 0x02, 128, 72};
+static constexpr memory_range features_range = {identity_address, 0, 0x01, 128, 128};
+static constexpr memory_range limits_range = {identity_address, 0, 0x02, 128, 128};
 
 static constexpr uint8_t lanes_of_bank = 8;
 static constexpr uint8_t max_banks = 4;
 
 static constexpr memory_range lanes_range(uint8_t bank)
 {
-    return {identity_address, bank, 0x11, 134, 68};
+    return {identity_address, bank, 0x11, 128, 86};
+}
+
+/* The lanes of light whose transmitter the host has switched off. */
+static constexpr memory_range off_range(uint8_t bank)
+{
+    return {identity_address, bank, 0x10, 130, 1};
 }
 
 static constexpr uint8_t flat_memory = 0x80; /* byte 2 */
@@ -70,11 +94,24 @@ static bool is_identity_right(const memory_view &identity)
            !are_blank(identity.bytes(128, 95));
 }
 
-/* Codes of the media technology: 0x0a to 0x0f are cables of copper, passive or with electronics. */
-static bool is_copper(const memory_view &identity)
+/* Codes of the media technology: 0x0a to 0x0f are cables of copper, passive or with electronics; 0
+   is a laser of 850 nm, and what an empty byte says. */
+static bool is_copper_technology(uint8_t technology)
 {
-    const uint8_t technology = identity.u8(212);
     return technology >= 0x0a && technology <= 0x0f;
+}
+
+static medium medium_of(const module_memory &memory, const memory_view &identity)
+{
+    const memory_view applications(memory, applications_range);
+    const int kind = applications.was_read() ? applications.u8(85) : 0;
+    const medium plug = medium_of_connector(identity.u8(203));
+    const uint8_t technology = identity.u8(212);
+
+    return medium_by(is_copper_technology(technology) || plug == medium::copper ||
+                         kind == PASSIVE_COPPER || kind == BASE_T,
+                     technology != 0 || plug == medium::light || kind == MULTI_MODE ||
+                         kind == SINGLE_MODE);
 }
 
 /* Of the lasers: in any other state they may be off, and their values are no faults. */
@@ -84,12 +121,28 @@ static bool is_running(const memory_view &state)
     return (state.u8(3) >> 1 & 7) == ready_state;
 }
 
-/* Two bits: one, two or four banks; the fourth code is reserved and counts as one. Without page 01h
-   the lanes are unknown. */
+/* The first two bytes of page 01h are those of the firmware and not in its sum. */
+static bool are_features_right(const memory_view &features)
+{
+    return is_sum_right(features, 130, 125);
+}
+
+static bool are_limits_right(const memory_view &limits)
+{
+    return is_sum_right(limits, 128, 127);
+}
+
+/* Without a page 01h that is right the lanes are unknown. */
+static bool are_features_known(const memory_view &features)
+{
+    return features.was_read() && are_features_right(features);
+}
+
+/* Two bits: one, two or four banks; the fourth code is reserved and counts as one. */
 static uint8_t bank_count(const memory_view &features)
 {
     static constexpr uint8_t counts[] = {1, 2, max_banks, 1};
-    return features.was_read() ? counts[features.u8(142) & 3] : uint8_t{0};
+    return are_features_known(features) ? counts[features.u8(142) & 3] : uint8_t{0};
 }
 
 static bool is_more_wanted(const module_memory &memory)
@@ -106,21 +159,26 @@ static bool are_pages_wanted(const module_memory &memory)
 template <uint8_t bank>
 static bool is_bank_wanted(const module_memory &memory)
 {
-    return are_pages_wanted(memory) && !is_copper(memory_view(memory, identity_range)) &&
+    return are_pages_wanted(memory) &&
+           medium_of(memory, memory_view(memory, identity_range)) != medium::copper &&
            bank < bank_count(memory_view(memory, features_range));
 }
 
+/* One round of values fits into one packet to the reader, so the switches of the third and fourth
+   bank are left out. */
 static constexpr plan_row cmis_plan[] = {
     {{identity_range, reading_time::once, false}, always},
     {{serial_range, reading_time::presence, false}, is_more_wanted},
     {{applications_range, reading_time::once, true}, is_more_wanted},
     {{state_range, reading_time::diagnostics, true}, is_more_wanted},
-    {{features_range, reading_time::once, true}, are_pages_wanted},
-    {{limits_range, reading_time::once, true}, are_pages_wanted},
+    {{features_range, reading_time::once, true}, are_pages_wanted, are_features_right},
+    {{limits_range, reading_time::once, true}, are_pages_wanted, are_limits_right},
     {{lanes_range(0), reading_time::diagnostics, true}, is_bank_wanted<0>},
     {{lanes_range(1), reading_time::diagnostics, true}, is_bank_wanted<1>},
     {{lanes_range(2), reading_time::diagnostics, true}, is_bank_wanted<2>},
     {{lanes_range(3), reading_time::diagnostics, true}, is_bank_wanted<3>},
+    {{off_range(0), reading_time::diagnostics, true}, is_bank_wanted<0>},
+    {{off_range(1), reading_time::diagnostics, true}, is_bank_wanted<1>},
 };
 
 /* The fastest of the applications; four bytes each, the host interface first, up to one of 0xff. */
@@ -135,11 +193,12 @@ static uint32_t speed_of(const memory_view &applications)
     return fastest;
 }
 
-static void fill_identity(const memory_view &from, uint32_t speed, module_contents &contents)
+static void fill_identity(const memory_view &from, uint32_t speed, medium carrier,
+                          module_contents &contents)
 {
     dolm_sfp_info &sfp = contents.identity;
 
-    sfp.sfp_connector = connector_of(from.u8(203));
+    sfp.sfp_connector = connector_of(carrier);
     sfp.sfp_eth_speed = module_speed_code(speed);
     copy_text(sfp.sfp_vendor_name, from.bytes(129, 16));
     memcpy(sfp.sfp_vendor_oui, from.bytes(145, 3).data(), 3);
@@ -147,7 +206,7 @@ static void fill_identity(const memory_view &from, uint32_t speed, module_conten
     copy_text(sfp.sfp_vendor_rev, from.bytes(164, 2));
     copy_text(sfp.sfp_vendor_sn, from.bytes(166, 16));
     copy_text(sfp.sfp_date_code, from.bytes(182, 8));
-    contents.copper = is_copper(from);
+    contents.copper = carrier == medium::copper;
 }
 
 /* Of the whole module: four bits from `bit` on, high alarm, low alarm, high warning, low warning.
@@ -213,14 +272,85 @@ static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_la
         add_lanes(lanes, rx_power_fields, bank, missing_lanes, power_steps, contents.rx_power);
 }
 
+/* The lanes of light, within the bank, that carry lane `lane` of the host. By the descriptor of the
+   application that the lane has, or else of the first one: so many lanes of the host, from one of
+   the first lanes in `host_starts` on, stand for so many of light, from the one in `media_starts`
+   on that has the same place. Where that is unknown each lane carries its own. */
+static uint32_t lanes_of_light(const memory_view &applications, const memory_view &features,
+                               const memory_view &lanes, int lane)
+{
+    constexpr int descriptors = 8;
+    const int selected = lanes.u8(206 + static_cast<size_t>(lane)) >> 4;
+    const int code = selected == 0 ? 1 : selected;
+    if (!applications.was_read() || code > descriptors)
+        return 1u << lane;
+    const auto descriptor = static_cast<size_t>(86 + 4 * (code - 1));
+    const int host = applications.u8(descriptor + 2) >> 4;
+    const int media = applications.u8(descriptor + 2) & 0x0f;
+    if (applications.u8(descriptor) == 0xff || host == 0 || media == 0 || host > lanes_of_bank)
+        return 1u << lane;
+
+    const int first = selected == 0 ? lane / host * host
+                                    : lanes.u8(206 + static_cast<size_t>(lane)) >> 1 & 7;
+    const uint32_t host_starts = applications.u8(descriptor + 3);
+    int place = std::popcount(host_starts & ((1u << first) - 1));
+    int start = place * media;
+    uint32_t starts = features.u8(175 + static_cast<size_t>(code));
+    for (; place > 0; place--)
+        starts &= starts - 1;
+    if (starts != 0)
+        start = std::countr_zero(starts);
+    const int offset = lane - first;
+    if (offset < 0 || offset >= host)
+        return 1u << lane;
+    uint32_t found = 0;
+    for (int at = offset * media / host; at <= ((offset + 1) * media - 1) / host; at++)
+        found |= 1u << (start + at);
+    return found & 0xff;
+}
+
+static path_state state_of_path(const memory_view &lanes, int lane)
+{
+    const int both = lanes.u8(128 + static_cast<size_t>(lane / 2));
+    return static_cast<path_state>((lane % 2 == 0 ? both : both >> 4) & 7);
+}
+
+/* A lane of light is off if the host has switched it off, or all data paths that it carries. */
+static void fill_paths(const module_memory &memory, const memory_view &lanes, uint8_t bank,
+                       const memory_view &features, module_contents &contents)
+{
+    const memory_view applications(memory, applications_range);
+    const memory_view off(memory, off_range(bank));
+    const int first = bank * lanes_of_bank;
+    uint32_t carrying = 0;
+    uint32_t sending = 0;
+    uint32_t receiving = 0;
+
+    contents.lanes_of_host.resize(static_cast<size_t>(first));
+    for (int lane = 0; lane < lanes_of_bank; lane++) {
+        const uint32_t light = lanes_of_light(applications, features, lanes, lane);
+        const path_state state = state_of_path(lanes, lane);
+        const bool is_sending = state == path_state::untold || state == path_state::activated;
+        carrying |= light;
+        sending |= is_sending ? light : 0;
+        receiving |= is_sending || state >= path_state::turning_on ? light : 0;
+        contents.lanes_of_host.push_back(light << first);
+    }
+    const uint32_t switched_off = off.was_read() ? off.u8(130) : 0;
+    contents.tx_off_lanes |= (switched_off | (carrying & ~sending)) << first;
+    contents.rx_off_lanes |= (carrying & ~receiving) << first;
+}
+
 /* A bank that could not be read, or is blank, leaves its lanes out; the others stand. */
 static void fill_lanes(const module_memory &memory, const memory_view &features,
                        uint8_t missing_lanes, module_contents &contents)
 {
     for (uint8_t bank = 0; bank < bank_count(features); bank++) {
         const memory_view lanes(memory, lanes_range(bank));
-        if (lanes.was_read() && !are_blank(lanes.bytes(154, 48)))
-            fill_bank(lanes, bank, bank == 0 ? missing_lanes : uint8_t{0}, features, contents);
+        if (!lanes.was_read() || are_blank(lanes.bytes(154, 48)))
+            continue;
+        fill_bank(lanes, bank, bank == 0 ? missing_lanes : uint8_t{0}, features, contents);
+        fill_paths(memory, lanes, bank, features, contents);
     }
 }
 
@@ -231,7 +361,7 @@ static void fill_limits(const memory_view &limits, const memory_view &features,
     contents.voltage.limits = limits_at(limits, 136, voltage_steps);
     contents.tx_power.limits = limits_at(limits, 176, power_steps);
     contents.rx_power.limits = limits_at(limits, 192, power_steps);
-    if (features.was_read())
+    if (are_features_known(features))
         contents.tx_bias.limits = limits_at(limits, 184, bias_conversion(features));
 }
 
@@ -240,7 +370,8 @@ static void fill_limits(const memory_view &limits, const memory_view &features,
 static void fill_state(const memory_view &state, const memory_view &features,
                        module_contents &contents)
 {
-    const int claimed = features.was_read() ? features.u8(159) : HAS_TEMPERATURE | HAS_VOLTAGE;
+    const int claimed =
+        are_features_known(features) ? features.u8(159) : HAS_TEMPERATURE | HAS_VOLTAGE;
 
     if ((claimed & HAS_TEMPERATURE) || state.u16(14) != 0)
         contents.temperature.lanes = {
@@ -265,22 +396,32 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
         contents.diagnostics = is_flat ? diagnostics_state::none : diagnostics_state::not_read;
         return;
     }
+    if (!is_flat && state.u16(16) == 0 && are_features_known(features) &&
+        (features.u8(159) & HAS_VOLTAGE) != 0) {
+        contents.doubts.push_back(no_voltage);
+        return;
+    }
     contents.diagnostics = diagnostics_state::available;
     contents.has_flags = !is_flat;
-    contents.has_average_power = features.was_read() && (features.u8(151) & AVERAGE_POWER) != 0;
+    contents.has_average_power = are_features_known(features) && (features.u8(151) & AVERAGE_POWER) != 0;
     fill_state(state, features, contents);
     if (is_flat)
         return;
     if (is_running(state) && !contents.copper)
         fill_lanes(memory, features, missing_lanes, contents);
-    if (limits.was_read())
+    if (!are_features_known(features) && features.was_read())
+        contents.doubts.push_back("the checksum of page 01h is wrong");
+    if (limits.was_read() && !are_limits_right(limits))
+        contents.doubts.push_back("the checksum of the limits is wrong");
+    else if (limits.was_read())
         fill_limits(limits, features, contents);
 }
 
 static void decode_cmis(const module_memory &memory, const memory_view &identity,
                         module_contents &contents)
 {
-    fill_identity(identity, speed_of(memory_view(memory, applications_range)), contents);
+    fill_identity(identity, speed_of(memory_view(memory, applications_range)),
+                  medium_of(memory, identity), contents);
     decode_diagnostics(memory, identity.u8(210), contents);
 }
 

@@ -2,6 +2,7 @@
 #include "platform/dolm_ric/linux/linux_ports.h"
 
 #include "platform/dolm_ric/core.h"
+#include "platform/dolm_ric/linux/driver_logs.h"
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/port_map.h"
@@ -51,8 +52,11 @@ void linux_ports::add(const std::vector<configured_port> &ports)
         const std::string place = one.parent + "/" + one.port_name;
         add_port(one.number, one.parent.empty() ? one.interface : place,
                  [one](const link_report &report) { return is_interface_of(one, report); });
-        if (one.source != module_source::none)
-            modules_.add(one.number, one.file);
+        ports_.at(one.number).lanes = one.lanes;
+        if (one.source == module_source::none)
+            continue;
+        modules_.add(one.number, one.file);
+        modules_.trust_sums(one.number, one.ignores_checksum);
     }
 }
 
@@ -151,9 +155,11 @@ static dolm_ric_link_status link_record(uint32_t number, const link_values &link
     return record;
 }
 
-static port_view view_of(const link_values &link, const std::string &port_name)
+/* The lanes of a link are those between host and module. */
+port_view linux_ports::port_copy::view() const
 {
-    return {.lanes = lanes_of_port(port_name, link.lanes),
+    return {.lanes = lanes,
+            .host_lanes = lanes_of_port(port_name, link.lanes),
             .stopped = link.state == DOLM_RICRILINKSTATE_STOPPED};
 }
 
@@ -169,13 +175,18 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_link_status &out) const
     return DOLM_RICERR_OK;
 }
 
+/* So the server tells an empty cage from a module that can't be read. */
+static int32_t result_without_module(module_presence presence)
+{
+    return presence == module_presence::absent ? DOLM_RICERR_NOTAVAIL : DOLM_RICERR_BUSY;
+}
+
 int32_t linux_ports::read(uint32_t number, dolm_ric_module_info &out) const
 {
     const port_copy &wanted = ports_.at(number);
     if (wanted.presence != module_presence::ready)
-        return DOLM_RICERR_NOTAVAIL;
-    const module_records records =
-        make_records(wanted.contents, view_of(wanted.link, wanted.port_name));
+        return result_without_module(wanted.presence);
+    const module_records records = make_records(wanted.contents, wanted.view());
     out = records.info;
     return records.info_result;
 }
@@ -183,11 +194,14 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_info &out) const
 int32_t linux_ports::read(uint32_t number, dolm_ric_module_status &out) const
 {
     const port_copy &wanted = ports_.at(number);
-    if (wanted.presence == module_presence::absent)
-        return DOLM_RICERR_NOTAVAIL;
-    out = {};
-    if (wanted.presence == module_presence::ready)
-        out = make_records(wanted.contents, view_of(wanted.link, wanted.port_name)).status;
+    if (wanted.presence != module_presence::ready)
+        return result_without_module(wanted.presence);
+    const bool is_old = std::chrono::steady_clock::now() - wanted.read_at > longest_age;
+    if (is_old || wanted.contents.diagnostics == diagnostics_state::not_read) {
+        modules_.diagnostics_wanted(number);
+        return DOLM_RICERR_BUSY;
+    }
+    out = make_records(wanted.contents, wanted.view()).status;
     return DOLM_RICERR_OK;
 }
 
@@ -198,13 +212,12 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
     const port_copy &wanted = ports_.at(number);
     const auto age = std::chrono::steady_clock::now() - wanted.read_at;
     if (wanted.presence != module_presence::ready)
-        return DOLM_RICERR_NOTAVAIL;
+        return result_without_module(wanted.presence);
     if (age > module_poller::wanted_age)
         modules_.diagnostics_wanted(number);
     if (age > longest_age)
         return DOLM_RICERR_NOTAVAIL;
-    const module_records records =
-        make_records(wanted.contents, view_of(wanted.link, wanted.port_name));
+    const module_records records = make_records(wanted.contents, wanted.view());
     out = records.diag;
     return records.diag_result;
 }
@@ -217,12 +230,16 @@ void linux_ports::link_changed(uint32_t number, const link_values &now)
         events_.link_changed(link_record(number, now));
     }
     modules_.link_changed(number);
+    modules_.look_now(number);
 }
 
 void linux_ports::link_known(uint32_t number, const link_values &now)
 {
-    const auto guard = events_.lock();
-    ports_.at(number).link = now;
+    {
+        const auto guard = events_.lock();
+        ports_.at(number).link = now;
+    }
+    modules_.look_now(number);
 }
 
 void linux_ports::interface_changed(uint32_t number, const link_report *now)
@@ -234,6 +251,8 @@ void linux_ports::interface_changed(uint32_t number, const link_report *now)
         changed.port_name = now->port_name;
     }
     is_map_old_ = true;
+    modules_.expect_logging(number, now != nullptr && logs_failed_readings(now->parent));
+    modules_.look_now(number);
     modules_.set_interface(number, now == nullptr ? 0 : now->index);
 }
 

@@ -7,6 +7,7 @@
 
 #include "platform/dolm_ric/linux/link_follower.h"
 #include "platform/dolm_ric/linux/module_contents.h"
+#include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/linux/module_follower.h"
 #include "platform/dolm_ric/linux/module_poller.h"
 #include "platform/dolm_ric/linux/port_config.h"
@@ -56,11 +57,14 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     struct port_copy {
         std::string name;      /* of its interface, or as configured while it has none */
         std::string port_name; /* the kernel's, of the cage's part */
+        uint32_t lanes = 0;    /* by the configuration; bit n: lane n */
         link_values link;
         module_presence presence = module_presence::absent;
         module_contents contents = {};
         std::vector<const char *> reported_doubts = {}; /* the thread that reads modules */
         time_point read_at = {};
+
+        port_view view() const;
     };
 
     void add_port(uint32_t number, const std::string &name, link_table::port_filter fits);

@@ -65,9 +65,15 @@ struct module_contents {
     bool externally_calibrated = false;
     bool has_average_power = false; /* otherwise rx power is the modulation amplitude (OMA) */
     bool has_flags = false;
-    /* Bit n: lane n. */
+    bool has_trusted_sum = false; /* a checksum is wrong, and the owner trusts the module */
+    /* Bit n: lane n. Lanes that are off are dark on purpose: the host has switched off their
+       transmitters, or both directions. They have values and count for no grade. */
     uint32_t rx_los_lanes = 0;
     uint32_t tx_fault_lanes = 0;
+    uint32_t tx_off_lanes = 0;
+    uint32_t rx_off_lanes = 0;
+    /* By lane of the host, the lanes of light that carry it. Empty: each carries its own. */
+    std::vector<uint32_t> lanes_of_host = {};
 
     dolm_sfp_info identity = {};
 

@@ -28,6 +28,12 @@ struct graded_value {
 
 enum class sign : uint8_t { any, never_negative };
 
+/* Bit n: lane n. Those of the port, and those that are dark on purpose. */
+struct lane_choice {
+    uint32_t own;
+    uint32_t off;
+};
+
 } // namespace
 
 /* Beyond all values, with either calibration, and well within the words of the record. */
@@ -42,9 +48,12 @@ static void decode_layout(const module_layout &layout, const module_memory &memo
     const memory_view identity(memory, layout.plan.front().step.range);
     contents.family = layout.family;
     contents.ready = layout.is_identity_right(identity);
-    if (contents.ready)
+    if (contents.ready) {
         layout.decode(memory, identity, contents);
-    else if (identity.was_read())
+        contents.has_trusted_sum = memory.trusts_sums() && !layout.is_identity_right(identity.strict());
+        if (contents.has_trusted_sum)
+            contents.doubts.push_back("a checksum of the identity is wrong, and ignored");
+    } else if (identity.was_read())
         contents.doubts.push_back("a checksum of the identity is wrong");
 }
 
@@ -79,12 +88,12 @@ static auto margin_of(double value, const measurement_limits &limits)
 
 /* A measurement of one lane is the whole module's, so it counts for each of its ports. */
 static std::optional<double> worst_value(const measurement &its, const measurement_limits &limits,
-                                         uint32_t lanes)
+                                         const lane_choice &lanes)
 {
     std::optional<double> worst;
     for (const lane_value &lane : its.lanes) {
-        const bool has_lanes = its.lanes.size() > 1 && lanes != 0;
-        if (has_lanes && (lanes >> lane.lane & 1) == 0)
+        const bool is_other = its.lanes.size() > 1 && (lanes.own >> lane.lane & 1) == 0;
+        if (is_other || (lanes.off >> lane.lane & 1) != 0)
             continue;
         if (!worst || margin_of(lane.value, limits) < margin_of(*worst, limits))
             worst = lane.value;
@@ -98,12 +107,12 @@ static int64_t rounded(double value, double lowest)
 }
 
 /* Nothing where no record can give the level that the exact values have. */
-static std::optional<graded_value> grade(const measurement &its, const port_view &port, sign signs,
-                                         bool has_low_limits)
+static std::optional<graded_value> grade(const measurement &its, const lane_choice &lanes,
+                                         sign signs, bool has_low_limits)
 {
     const double lowest = signs == sign::any ? -open_limit : 0;
     const measurement_limits limits = usable_limits(its, has_low_limits);
-    const std::optional<double> exact = worst_value(its, limits, port.lanes);
+    const std::optional<double> exact = worst_value(its, limits, lanes);
     if (!exact)
         return std::nullopt;
 
@@ -138,29 +147,30 @@ static uint32_t fill_words(const std::optional<graded_value> &from, uint32_t cap
     return capability;
 }
 
-static dolm_ric_module_diag make_diag(const module_contents &from, const port_view &port)
+static dolm_ric_module_diag make_diag(const module_contents &from, uint32_t lanes, bool stopped)
 {
     dolm_ric_module_diag diag = {};
-    const auto light = [&](const measurement &its) {
-        return grade(its, port, sign::never_negative, !port.stopped);
+    const lane_choice whole = {lanes, 0};
+    const auto light = [&](const measurement &its, uint32_t off) {
+        return grade(its, {lanes, off}, sign::never_negative, !stopped);
     };
 
     diag.mode_type = DOLM_RIC_MODE_SFP;
     diag.diag_cap |=
-        fill_words(grade(from.temperature, port, sign::any, true), DOLM_SFP_DIAGCAP_TEMP,
+        fill_words(grade(from.temperature, whole, sign::any, true), DOLM_SFP_DIAGCAP_TEMP,
                    diag.temperature_low_warn, diag.temperature_high_warn,
                    diag.temperature_low_alarm, diag.temperature_high_alarm, diag.temperature);
     diag.diag_cap |=
-        fill_words(grade(from.voltage, port, sign::never_negative, true), DOLM_SFP_DIAGCAP_VOLTAGE,
+        fill_words(grade(from.voltage, whole, sign::never_negative, true), DOLM_SFP_DIAGCAP_VOLTAGE,
                    diag.voltage_low_warn, diag.voltage_high_warn, diag.voltage_low_alarm,
                    diag.voltage_high_alarm, diag.voltage);
-    diag.diag_cap |= fill_words(light(from.tx_bias), DOLM_SFP_DIAGCAP_TXBIAS, diag.txbias_low_warn,
+    diag.diag_cap |= fill_words(light(from.tx_bias, from.tx_off_lanes), DOLM_SFP_DIAGCAP_TXBIAS, diag.txbias_low_warn,
                                 diag.txbias_high_warn, diag.txbias_low_alarm,
                                 diag.txbias_high_alarm, diag.txbias);
-    diag.diag_cap |= fill_words(light(from.tx_power), DOLM_SFP_DIAGCAP_TXPOWER,
+    diag.diag_cap |= fill_words(light(from.tx_power, from.tx_off_lanes), DOLM_SFP_DIAGCAP_TXPOWER,
                                 diag.txpower_low_warn, diag.txpower_high_warn,
                                 diag.txpower_low_alarm, diag.txpower_high_alarm, diag.txpower);
-    diag.diag_cap |= fill_words(light(from.rx_power), DOLM_SFP_DIAGCAP_RXPOWER,
+    diag.diag_cap |= fill_words(light(from.rx_power, from.rx_off_lanes), DOLM_SFP_DIAGCAP_RXPOWER,
                                 diag.rxpower_low_warn, diag.rxpower_high_warn,
                                 diag.rxpower_low_alarm, diag.rxpower_high_alarm, diag.rxpower);
     return diag;
@@ -179,24 +189,36 @@ static int32_t diagnostics_result(diagnostics_state state)
     }
 }
 
+/* Bit n: the port's own lane n. */
+static uint32_t own_lanes(const module_contents &contents, const port_view &port)
+{
+    if (port.lanes != 0 || port.host_lanes == 0)
+        return port.lanes != 0 ? port.lanes : UINT32_MAX;
+    uint32_t lanes = 0;
+    for (size_t host = 0; host < contents.lanes_of_host.size(); host++)
+        if (port.host_lanes >> host & 1)
+            lanes |= contents.lanes_of_host[host];
+    return contents.lanes_of_host.empty() ? port.host_lanes : lanes;
+}
+
 module_records make_records(const module_contents &contents, const port_view &port)
 {
     module_records records;
     if (!contents.ready)
         return records;
-    const uint32_t lanes = port.lanes != 0 ? port.lanes : UINT32_MAX;
+    const uint32_t lanes = own_lanes(contents, port);
 
     records.ready = true;
     records.info_result = DOLM_RICERR_OK;
     records.info.mode_type = DOLM_RIC_MODE_SFP;
     records.info.sfp = contents.identity;
-    if (contents.rx_los_lanes & lanes)
+    if (contents.rx_los_lanes & lanes & ~contents.rx_off_lanes)
         records.status.status |= RX_LOS_STATUS;
-    if (contents.tx_fault_lanes & lanes)
+    if (contents.tx_fault_lanes & lanes & ~contents.tx_off_lanes)
         records.status.status |= TX_FAULT_STATUS;
     records.diag_result = diagnostics_result(contents.diagnostics);
     if (records.diag_result == DOLM_RICERR_OK)
-        records.diag = make_diag(contents, port);
+        records.diag = make_diag(contents, lanes, port.stopped);
     return records;
 }
 

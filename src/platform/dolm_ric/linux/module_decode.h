@@ -19,6 +19,9 @@ module_contents decode_module(const module_memory &memory);
 struct port_view {
     /* Bit n: lane n of the module belongs to this port. 0: all of them. */
     uint32_t lanes = 0;
+    /* The same by the lanes between host and module, which counts if `lanes` is 0: several of them
+       may share a lane of light. */
+    uint32_t host_lanes = 0;
     /* By the administrator. Its laser may be off and the far end may not send: no low level of bias
        or power is a fault then. */
     bool stopped = false;

@@ -17,7 +17,8 @@ float memory_view::f32(size_t offset) const
 bool is_sum_right(const memory_view &view, size_t offset, size_t length)
 {
     const auto bytes = view.bytes(offset, length);
-    return (std::accumulate(bytes.begin(), bytes.end(), 0u) & 0xff) == view.u8(offset + length);
+    return view.trusts_sums() ||
+           (std::accumulate(bytes.begin(), bytes.end(), 0u) & 0xff) == view.u8(offset + length);
 }
 
 bool are_blank(std::span<const uint8_t> bytes)
@@ -52,14 +53,32 @@ measurement_limits signed_limits_at(const memory_view &view, size_t offset,
             .low_warning = convert(view.s16(offset + 6))};
 }
 
-uint8_t connector_of(uint8_t code)
+medium medium_of_connector(uint8_t code)
 {
-    switch (code) {
-    case 0x00:
-        return DOLM_SFP_CONNECTOR_UNSPEC;
-    case 0x07:
+    static constexpr struct {
+        uint8_t first;
+        uint8_t last;
+        medium carrier;
+    } codes[] = {
+        {0x01, 0x01, medium::light},  /* SC */
+        {0x02, 0x05, medium::copper}, /* Fibre Channel on copper, BNC or TNC, coaxial */
+        {0x06, 0x0d, medium::light},  /* from the fibre jack to MPO, LC among them */
+        {0x20, 0x22, medium::copper}, /* HSSDC II, copper pigtail, RJ45 */
+        {0x24, 0x28, medium::light},  /* MXC, CS, SN, MPO */
+    };
+
+    for (const auto &row : codes)
+        if (code >= row.first && code <= row.last)
+            return row.carrier;
+    return medium::unknown;
+}
+
+uint8_t connector_of(medium carrier)
+{
+    switch (carrier) {
+    case medium::light:
         return DOLM_SFP_CONNECTOR_LC;
-    case 0x22:
+    case medium::copper:
         return DOLM_SFP_CONNECTOR_RJ45;
     default:
         return DOLM_SFP_CONNECTOR_OTHER;
@@ -91,6 +110,17 @@ const module_layout *layout_of(const module_memory &memory)
     default:
         return nullptr;
     }
+}
+
+bool is_range_right(const module_memory &memory, const memory_range &range)
+{
+    const module_layout *layout = layout_of(memory);
+    const memory_view view(memory, range);
+    if (layout == nullptr || !view.was_read())
+        return true;
+    const auto row = std::ranges::find_if(
+        layout->plan, [&](const plan_row &one) { return one.step.range == range; });
+    return row == layout->plan.end() || row->is_right == nullptr || row->is_right(view);
 }
 
 /* A row is wanted or not by what earlier rows have read, so the plan grows from its end only. */

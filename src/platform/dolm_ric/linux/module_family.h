@@ -5,6 +5,7 @@
 
 #include "platform/dolm_ric/linux/module_contents.h"
 #include "platform/dolm_ric/linux/module_memory.h"
+#include "platform/dolm_ric/linux/module_speed.h"
 
 #include <array>
 #include <cstddef>
@@ -27,18 +28,20 @@ enum eth_compliance : uint32_t {
     ETHCOMP_1000BASE_BX = 0x100,
 };
 
-/* A step of a layout's plan, and whether a module whose memory has been read so far needs it. */
+class memory_view;
+
+/* A step of a layout's plan, whether a module whose memory has been read so far needs it, and, for
+   a range that may be wrong without being refused, whether its bytes can be true. */
 struct plan_row {
     reading_step step;
     bool (*is_wanted)(const module_memory &memory);
+    bool (*is_right)(const memory_view &bytes) = nullptr;
 };
 
 inline bool always(const module_memory &)
 {
     return true;
 }
-
-class memory_view;
 
 /* A layout: where its modules' identity is, all that is to be read, in order, and its decoder,
    which fills contents that are as they begin. */
@@ -68,7 +71,7 @@ class memory_view
 {
   public:
     memory_view(const module_memory &memory, const memory_range &range)
-        : bytes_(memory.bytes(range)), start_(range.offset)
+        : bytes_(memory.bytes(range)), start_(range.offset), trusts_sums_(memory.trusts_sums())
     {
     }
     bool was_read() const
@@ -88,6 +91,18 @@ class memory_view
         return static_cast<int16_t>(u16(offset));
     }
     float f32(size_t offset) const;
+    /* The owner of the module has said that its wrong checksums don't matter. */
+    bool trusts_sums() const
+    {
+        return trusts_sums_;
+    }
+    /* The same bytes, whose checksums do matter. */
+    memory_view strict() const
+    {
+        memory_view view = *this;
+        view.trusts_sums_ = false;
+        return view;
+    }
     std::span<const uint8_t> bytes(size_t offset, size_t length) const
     {
         return bytes_.subspan(offset - start_, length);
@@ -96,10 +111,15 @@ class memory_view
   private:
     std::span<const uint8_t> bytes_;
     size_t start_;
+    bool trusts_sums_;
 };
 
-/* Whether the low byte of the sum of `length` bytes is the byte behind them. */
+/* Whether the low byte of the sum of `length` bytes is the byte behind them, or nobody minds. */
 bool is_sum_right(const memory_view &view, size_t offset, size_t length);
+
+/* The doubt about a reading in which the module has no supply: it answers, so it has one. Some
+   drivers give zeros for what they could not read. */
+constexpr char no_voltage[] = "the voltage reads as zero";
 
 /* Whether they are all 0x00 or all 0xff, as of a bus or a page that isn't there. */
 bool are_blank(std::span<const uint8_t> bytes);
@@ -126,8 +146,18 @@ measurement_limits limits_at(const memory_view &view, size_t offset, const conve
 measurement_limits signed_limits_at(const memory_view &view, size_t offset,
                                     const conversion &convert);
 
-/* Of dolm_sfp_connector, by the connector code of SFF-8024. */
-uint8_t connector_of(uint8_t code);
+/* What a plug carries, by the connector code of SFF-8024. */
+medium medium_of_connector(uint8_t code);
+
+/* Copper that names a laser, too, copies the memory of another module. */
+constexpr medium medium_by(bool is_copper, bool is_light)
+{
+    return is_copper ? medium::copper : is_light ? medium::light : medium::unknown;
+}
+
+/* Of dolm_sfp_connector, which the server takes for the kind of the module: LC for all that send
+   light, whatever their plug, RJ45 for copper, OTHER where the memory doesn't tell. */
+uint8_t connector_of(medium carrier);
 
 /* Copies a text without its padding, which is spaces with most makers and NUL or 0xff with some.
    Bytes that aren't printable ASCII become '?'. The rest of the field is NUL. */

@@ -65,6 +65,27 @@ void module_follower::diagnostics_wanted(uint32_t port)
         thread_.wake();
 }
 
+void module_follower::look_now(uint32_t port)
+{
+    const std::lock_guard guard(lock_);
+    if (orders_.looks_wanted.insert(port).second)
+        thread_.wake_later();
+}
+
+void module_follower::trust_sums(uint32_t port, bool trusted)
+{
+    const std::lock_guard guard(lock_);
+    orders_.trusting[port] = trusted;
+    thread_.wake();
+}
+
+void module_follower::expect_logging(uint32_t port, bool logs_failures)
+{
+    const std::lock_guard guard(lock_);
+    orders_.logging[port] = logs_failures;
+    thread_.wake();
+}
+
 void module_follower::start(std::chrono::milliseconds patience)
 {
     thread_.start("dolm-ric-module", [this] { run(); });
@@ -135,6 +156,12 @@ void module_follower::carry_out_orders()
         poller_.link_changed(port);
     for (const uint32_t port : orders.diagnostics_wanted)
         poller_.diagnostics_wanted(port);
+    for (const uint32_t port : orders.looks_wanted)
+        poller_.look_now(port);
+    for (const auto &[port, trusted] : orders.trusting)
+        poller_.trust_sums(port, trusted);
+    for (const auto &[port, logs_failures] : orders.logging)
+        poller_.expect_logging(port, logs_failures);
 }
 
 void module_follower::await_work()

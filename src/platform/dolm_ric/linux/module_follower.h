@@ -34,6 +34,10 @@ class module_follower final : module_access
     void set_interface(uint32_t port, int32_t index);
     void link_changed(uint32_t port);
     void diagnostics_wanted(uint32_t port);
+    /* As module_poller has them. */
+    void look_now(uint32_t port);
+    void trust_sums(uint32_t port, bool trusted);
+    void expect_logging(uint32_t port, bool logs_failures);
 
     /* Starts the thread and waits until each module has been looked at, at most so long. Throws a
        std::system_error. */
@@ -54,6 +58,9 @@ class module_follower final : module_access
         std::map<uint32_t, int32_t> interfaces;
         std::set<uint32_t> links_changed;
         std::set<uint32_t> diagnostics_wanted;
+        std::set<uint32_t> looks_wanted;
+        std::map<uint32_t, bool> trusting;
+        std::map<uint32_t, bool> logging;
     };
 
     void read(std::span<piece> pieces) override;

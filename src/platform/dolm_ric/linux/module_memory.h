@@ -37,14 +37,15 @@ enum class reading_time : uint8_t {
     diagnostics, /* again as often as measured values are wanted, in one go with its neighbours */
 };
 
-/* An optional range that the module refuses (a NAK, a page that it lacks) is left out and the
-   module stays in use. Any other range that can't be read makes the module "not ready". A range may
+/* An optional range that the module refuses (a NAK, a page that it lacks) is left out, the module
+   stays in use, and the range is tried again later. Any other range that can't be read makes the module "not ready". A range may
    be read in pieces of an even length; a 16-bit value starts at an even offset and must not be
    split. */
 struct reading_step {
     memory_range range;
     reading_time when;
     bool optional;
+    uint8_t longest_piece = 32; /* no reading of it may be longer */
 };
 
 class module_memory
@@ -67,8 +68,18 @@ class module_memory
     /* Drops what is kept of `range`, as after a reading that failed. */
     void drop(const memory_range &range);
 
-    /* Forgets everything, as for another module. */
+    /* Forgets everything that was read, as for another module. */
     void clear();
+
+    /* Wrong checksums of this port's modules are to be taken for right ones. */
+    void trust_sums(bool trusted)
+    {
+        trusts_sums_ = trusted;
+    }
+    bool trusts_sums() const
+    {
+        return trusts_sums_;
+    }
 
   private:
     struct reading {
@@ -79,6 +90,7 @@ class module_memory
     const reading *find(const memory_range &range) const;
 
     std::vector<reading> readings_;
+    bool trusts_sums_ = false;
 };
 
 /* The ranges to read of a module, in order, given what `memory` has of it so far. The plan of an
@@ -87,5 +99,9 @@ class module_memory
    out the steps whose ranges have not been read, and ask again until nothing is new. Identity bytes
    that make no sense end the plan with themselves. */
 std::vector<reading_step> reading_plan(const module_memory &memory);
+
+/* False for a range that was read and can't be true, as with a wrong checksum: it is of no use, and
+   worth another try. */
+bool is_range_right(const module_memory &memory, const memory_range &range);
 
 } // namespace linux_board

@@ -22,25 +22,48 @@ using namespace std::chrono_literals;
 static constexpr auto hint_spacing = 200ms; /* between two looks, however many hints come */
 static constexpr auto after_link_change = 500ms;
 static constexpr auto slow_piece = 25ms; /* 32 bytes need 3.5 ms at 100 kHz */
+static constexpr auto cheap_piece = 1ms; /* a failure that costs less needs no bus */
 
 /* Readings due so soon are made together with those due now, which saves wake-ups. */
 static constexpr auto early_by = 50ms;
+
+refused_range *module_poller::polled::find_refused(const memory_range &range)
+{
+    const auto found = std::ranges::find(refused, range, &refused_range::range);
+    return found == refused.end() ? nullptr : &*found;
+}
+
+module_poller::time_point module_poller::polled::due_of(const reading_step &step) const
+{
+    const auto found = std::ranges::find(refused, step.range, &refused_range::range);
+    if (found != refused.end())
+        return found->due;
+    return memory.read_at(step.range) ? time_point::max() : time_point{};
+}
 
 /* False if the range doesn't fit any more. */
 bool module_poller::task::add(const reading_step &step)
 {
     const memory_range &range = step.range;
-    const size_t count = (range.length + longest_piece - 1u) / longest_piece;
+    const size_t most = std::min(longest_piece, step.longest_piece);
+    const size_t count = (range.length + most - 1) / most;
     if (pieces.size() + count > most_pieces)
         return false;
     ranges.push_back({range, pieces.size(), count});
-    for (size_t done = 0; done < range.length; done += longest_piece) {
+    for (size_t done = 0; done < range.length; done += most) {
         memory_range part = range;
         part.offset = static_cast<uint8_t>(range.offset + done);
-        part.length = static_cast<uint8_t>(std::min<size_t>(longest_piece, range.length - done));
+        part.length = static_cast<uint8_t>(std::min(most, range.length - done));
         pieces.push_back({.port = port->number, .range = part});
     }
     return true;
+}
+
+module_poller::task module_poller::task::behind(size_t count) const
+{
+    task rest = *this;
+    rest.ranges.erase(rest.ranges.begin(), rest.ranges.begin() + static_cast<ptrdiff_t>(count));
+    return rest;
 }
 
 int module_poller::task::error_of(const ranged &read) const
@@ -79,6 +102,24 @@ void module_poller::add(uint32_t port, bool by_reader)
     schedule(added);
 }
 
+void module_poller::trust_sums(uint32_t port, bool trusted)
+{
+    const auto found = ports_.find(port);
+    if (found == ports_.end() || found->second.memory.trusts_sums() == trusted)
+        return;
+    polled &changed = found->second;
+    changed.memory.trust_sums(trusted);
+    if (changed.where != stage::empty)
+        begin_identity(changed, duration(0));
+    schedule(changed);
+}
+
+void module_poller::expect_logging(uint32_t port, bool logs_failures)
+{
+    if (const auto found = ports_.find(port); found != ports_.end())
+        found->second.logs_failures = logs_failures;
+}
+
 void module_poller::set_interface(uint32_t port, int32_t index)
 {
     const auto found = ports_.find(port);
@@ -88,6 +129,8 @@ void module_poller::set_interface(uint32_t port, int32_t index)
     if (changed.interface != 0)
         remove_module(changed);
     changed.interface = index;
+    changed.has_answered = false;
+    changed.lost_at.reset();
     changed.was_looked_at = false;
     changed.look_due = now_();
     schedule(changed);
@@ -97,11 +140,22 @@ void module_poller::hint()
 {
     const time_point now = now_();
     for (auto &[number, port] : ports_) {
-        if (port.is_apart)
-            continue;
         port.look_due = std::min(port.look_due, std::max(now, port.looked_at + hint_spacing));
         schedule(port);
     }
+}
+
+void module_poller::look_now(uint32_t port)
+{
+    const auto found = ports_.find(port);
+    if (found == ports_.end() ||
+        (found->second.where == stage::in_use && found->second.failures == 0))
+        return;
+    polled &its = found->second;
+    const time_point soon = std::max(now_(), its.looked_at + hint_spacing);
+    its.look_due = std::min(its.look_due, soon);
+    its.identity_due = std::min(its.identity_due, soon);
+    schedule(its);
 }
 
 void module_poller::link_changed(uint32_t port)
@@ -118,7 +172,8 @@ void module_poller::diagnostics_wanted(uint32_t port)
 {
     const auto found = ports_.find(port);
     const time_point now = now_();
-    if (found == ports_.end() || now - found->second.diagnostics_at < wanted_age)
+    if (found == ports_.end() || now - found->second.diagnostics_at < wanted_age ||
+        now - found->second.diagnostics_tried_at < wanted_age)
         return;
     found->second.diagnostics_due = std::min(found->second.diagnostics_due, now);
     schedule(found->second);
@@ -139,7 +194,7 @@ void module_poller::schedule(polled &port)
     if (port.where == stage::identifying)
         due = std::min(due, port.identity_due);
     if (port.where == stage::in_use)
-        due = std::min(due, port.diagnostics_due);
+        due = std::min({due, port.diagnostics_due, port.missing_due});
     port.queued_at = due;
     (port.is_apart ? apart_queue_ : prompt_queue_).insert({due, port.number});
 }
@@ -162,12 +217,8 @@ bool module_poller::is_first_look_over() const
     });
 }
 
-static bool is_in(const std::vector<memory_range> &ranges, const memory_range &range)
-{
-    return std::find(ranges.begin(), ranges.end(), range) != ranges.end();
-}
-
-/* Diagnostics come before the identity bytes, which so vouch for them. */
+/* Measured values and what was missing come before the identity bytes, which so vouch for them. Of
+   what is missing one range is read at a time, as one that fails ends the task. */
 module_poller::task module_poller::make_task(polled &port) const
 {
     const time_point now = now_();
@@ -177,19 +228,31 @@ module_poller::task module_poller::make_task(polled &port) const
     if (port.where == stage::in_use && port.diagnostics_due <= now + early_by)
         made.kind = task_kind::diagnostics;
     const bool in_use = port.where == stage::in_use;
+    if (in_use && made.kind == task_kind::look && port.missing_due <= now)
+        made.kind = task_kind::missing;
     const std::vector<reading_step> plan =
         made.kind == task_kind::look && !in_use ? reading_plan({}) : reading_plan(port.memory);
     const auto add_if = [&](auto &&wanted) {
         for (const reading_step &step : plan)
-            if (wanted(step) && !is_in(port.refused, step.range) && !made.add(step))
+            if (wanted(step) && !made.add(step))
                 return;
     };
+    const auto is_refused = [&](const reading_step &s) {
+        return port.find_refused(s.range) != nullptr;
+    };
     if (made.kind == task_kind::identity)
-        add_if([&](const reading_step &step) { return !port.memory.read_at(step.range); });
+        add_if([&](const reading_step &s) { return !port.memory.read_at(s.range) && !is_refused(s); });
     else if (!in_use)
         add_if([](const reading_step &) { return true; });
     if (made.kind == task_kind::diagnostics)
-        add_if([](const reading_step &s) { return s.when == reading_time::diagnostics; });
+        add_if([&](const reading_step &s) {
+            return s.when == reading_time::diagnostics && port.memory.read_at(s.range) &&
+                   !is_refused(s);
+        });
+    if (made.kind == task_kind::missing)
+        add_if([&](const reading_step &s) {
+            return made.ranges.empty() && port.due_of(s) <= now;
+        });
     if (in_use)
         add_if([](const reading_step &s) { return s.when == reading_time::presence; });
     return made;
@@ -244,16 +307,18 @@ void module_poller::take_results(std::vector<task> &tasks, duration cost)
     size_t count = 0;
     for (const task &one : tasks)
         count += one.pieces.size();
-    const bool slow = cost > slow_piece * static_cast<int64_t>(std::max<size_t>(count, 1));
+    const auto pieces = static_cast<int64_t>(std::max<size_t>(count, 1));
+    const bool slow = cost > slow_piece * pieces;
+    const bool cheap = cost < cheap_piece * pieces;
     for (task &done : tasks) {
         polled &port = *done.port;
         const bool was_known = port.was_looked_at;
         take_result(done);
         const bool fails = port.failures >= failures_when_broken ||
                            (port.failures > 0 && port.where == stage::empty);
-        port.is_apart = slow || fails;
+        port.is_apart = slow || (fails && !cheap);
         if (port.is_apart && tasks.size() == 1)
-            pause_apart(port, was_known, cost);
+            pause_apart(port, was_known, slow, cost);
         schedule(port);
     }
 }
@@ -267,16 +332,20 @@ void module_poller::take_result(const task &done)
         return take_identity(*done.port, done);
     case task_kind::diagnostics:
         return take_diagnostics(*done.port, done);
+    case task_kind::missing:
+        return take_missing(*done.port, done);
     }
 }
 
 /* The ports that are set apart wait in proportion to what a reading cost: briefly until each has
-   been looked at once, longest for one that is known to have nothing. */
-void module_poller::pause_apart(polled &port, bool was_known, duration cost)
+   been looked at once, longest for one that is known to have nothing. A slow one that only fails is
+   asked rarely, since the kernel's lock is held meanwhile. */
+void module_poller::pause_apart(polled &port, bool was_known, bool slow, duration cost)
 {
     const int share = !was_known ? 1 : port.where == stage::in_use ? 3 : 9;
     apart_from_ = now_() + cost * share;
-    if (port.failures >= failures_when_broken)
+    if (slow && port.failures >= failures_when_broken && port.where == stage::empty &&
+        !port.was_lost_lately(now_()))
         port.look_due = std::max(port.look_due, now_() + unlikely_interval);
 }
 

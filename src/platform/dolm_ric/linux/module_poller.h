@@ -7,8 +7,14 @@
    read every few seconds and sooner on demand, always with the identity bytes behind them, so that
    no value is taken for that of another module.
 
+   Drivers answer for an empty cage with any error. So a port that never answered counts as an empty
+   cage, and one that had a module keeps it for some seconds, unless the driver says that there is
+   none. No client's read counts for that.
+
+   An optional range that can't be read or can't be true is tried again, after pauses that grow.
+
    Readings are made one at a time. A reading that fails slowly costs all ports time, so a port that
-   fails so, or fails again and again, is set apart: such ports get a small share of the time. */
+   fails so is set apart: such ports get a small share of the time. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
@@ -61,6 +67,11 @@ class module_poller
 
     /* A port whose module is to be polled, from now on; by a reader that may be missing, or not. */
     void add(uint32_t port, bool by_reader);
+    /* Wrong checksums of the port's modules are taken for right ones, or not any more. */
+    void trust_sums(uint32_t port, bool trusted);
+    /* The driver of the port's interface logs each reading that fails, or not: it is asked about an
+       empty cage only when there is a reason. */
+    void expect_logging(uint32_t port, bool logs_failures);
 
     /* The interface of a port: its index, or 0 while it isn't there; the port has no module then.
        Bytes that another interface gave are not taken, those of no interface are. */
@@ -68,6 +79,9 @@ class module_poller
 
     /* A module may have been inserted or removed in some port: look at all ports soon. */
     void hint();
+    /* The same for one port, as after any message about its interface: looks at once if it has no
+       module that answers. */
+    void look_now(uint32_t port);
     /* The link of a port changed, so its measured values did, too. */
     void link_changed(uint32_t port);
     /* A client reads the measured values of the port: reads the module again if they are older. */
@@ -91,16 +105,22 @@ class module_poller
     std::vector<task> choose_tasks(time_point now);
     void take_results(std::vector<task> &tasks, duration cost);
     void take_result(const task &done);
-    void pause_apart(polled &port, bool was_known, duration cost);
+    void pause_apart(polled &port, bool was_known, bool slow, duration cost);
 
     void take_look(polled &port, const task &done);
     void take_identity(polled &port, const task &done);
     void take_diagnostics(polled &port, const task &done);
+    void take_missing(polled &port, const task &done);
     void finish_identity(polled &port);
-    void retry_identity(polled &port);
+    void retry_identity(polled &port, duration patience);
     void begin_identity(polled &port, duration wait);
     void use_module(polled &port, const module_contents &contents);
+    void publish(polled &port, const module_contents &contents);
+    void refuse(polled &port, const memory_range &range);
+    void find_missing(polled &port);
     void take_failure(polled &port, int error);
+    duration pace_of_empty(const polled &port, int error) const;
+    void note_answer(polled &port);
     void note_silence(polled &port);
     void remove_module(polled &port);
     void set_presence(polled &port, module_presence now);

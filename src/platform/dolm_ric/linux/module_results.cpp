@@ -22,16 +22,37 @@ static constexpr auto lost_time = 15s; /* a module that can't be read for so lon
 static constexpr int fast_tries = 10;
 static constexpr int medium_tries = 12;
 
+/* A range that was refused is tried again after the first pause, and then after longer ones. */
+static constexpr auto first_pause = 1s;
+static constexpr auto longest_pause = 1024s;
+static constexpr auto pause_of_loggers = 60s; /* at least, where the driver logs each failure */
+
+/* A reading without values is made again at once, so often. */
+static constexpr uint32_t most_repeats = 3;
+
+/* Looks at a cage that answers with an error which doesn't say "empty". */
+static constexpr auto cage_interval = 2s;
+static constexpr auto lost_interval_of_loggers = 10s;
+static constexpr auto rare_interval_of_loggers = 600s;
+
 /* Errors that say nothing about the module. */
 static bool is_unheard(int error)
 {
     return error == ENOTCONN || error == EPERM || error == EACCES || error == ESTALE;
 }
 
+/* Nothing answers, or the driver knows that there is nothing. All other errors may be those of a
+   module that is reset or updated, or of another user of the bus. */
 static bool says_empty(int error)
 {
     return error == ENXIO || error == ENODEV || error == ENOENT || error == EREMOTEIO ||
-           error == EOPNOTSUPP;
+           error == ENOMEDIUM || error == EOPNOTSUPP;
+}
+
+/* The driver has no way to read the module, for now or for ever. */
+static bool says_unreadable(int error)
+{
+    return error == EOPNOTSUPP || error == ENOENT;
 }
 
 void module_poller::begin_identity(polled &port, duration wait)
@@ -39,7 +60,9 @@ void module_poller::begin_identity(polled &port, duration wait)
     port.where = stage::identifying;
     port.memory.clear();
     port.refused.clear();
+    port.missing_due = time_point::max();
     port.tries = 0;
+    port.identity_since = now_();
     port.identity_due = now_() + wait;
 }
 
@@ -52,9 +75,7 @@ void module_poller::take_look(polled &port, const task &done)
     for (const ranged &read : done.ranges)
         if (const int error = done.error_of(read))
             return take_failure(port, error);
-    port.failures = 0;
-    port.answered_at = now;
-    note_access(port, 0);
+    note_answer(port);
     if (port.where == stage::empty) {
         set_presence(port, module_presence::not_ready);
         begin_identity(port, port.was_looked_at ? duration(insertion_time) : duration(0));
@@ -86,19 +107,17 @@ void module_poller::take_identity(polled &port, const task &done)
             port.memory.store(read.range, done.bytes_of(read), now);
         } else if (error == ECANCELED) {
             break; /* made again with the next task */
-        } else if (step != plan.end() && step->optional) {
-            port.refused.push_back(read.range);
         } else if (is_unheard(error)) {
             port.identity_due = now + reader_interval;
             return take_failure(port, error);
+        } else if (step != plan.end() && step->optional) {
+            refuse(port, read.range);
         } else {
-            retry_identity(port);
+            retry_identity(port, says_empty(error) ? duration(0) : keep_time);
             return take_failure(port, error);
         }
     }
-    port.failures = 0;
-    port.answered_at = now;
-    note_access(port, 0);
+    note_answer(port);
     if (make_task(port).pieces.empty())
         finish_identity(port);
 }
@@ -110,7 +129,7 @@ void module_poller::finish_identity(polled &port)
     port.was_looked_at = true;
     const module_contents contents = decode_module(port.memory);
     if (!contents.ready) {
-        retry_identity(port);
+        retry_identity(port, duration(0));
         if (port.tries == fast_tries)
             listener_.module_doubted(port.number, contents.doubts);
         return;
@@ -120,6 +139,7 @@ void module_poller::finish_identity(polled &port)
     if (port.old_identity && !is_same)
         set_presence(port, module_presence::absent);
     port.old_identity.reset();
+    port.has_values = port.has_values && is_same;
     use_module(port, contents);
 }
 
@@ -129,13 +149,59 @@ void module_poller::use_module(polled &port, const module_contents &contents)
     port.where = stage::in_use;
     port.look_due = now + look_interval;
     port.diagnostics_due = now + diagnostics_interval;
-    port.diagnostics_at = now;
-    listener_.module_read(port.number, contents, now);
+    port.blank_readings = 0;
+    port.has_answered = true;
+    for (const reading_step &step : reading_plan(port.memory))
+        if (!is_range_right(port.memory, step.range) && port.find_refused(step.range) == nullptr)
+            refuse(port, step.range);
+    publish(port, contents);
+    find_missing(port);
     set_presence(port, module_presence::ready);
 }
 
-/* Something answers, but not as a module. */
-void module_poller::retry_identity(polled &port)
+/* A reading without values takes the place of none that has some: those get older, and are not given
+   out any more when they are too old. It is made again, since drivers give zeros for readings that
+   failed, and modules do while they measure. */
+void module_poller::publish(polled &port, const module_contents &contents)
+{
+    const time_point now = now_();
+    const bool is_blank = contents.diagnostics == diagnostics_state::not_read;
+    port.blank_readings = is_blank ? port.blank_readings + 1 : 0;
+    if (is_blank && port.blank_readings <= most_repeats)
+        port.diagnostics_due = now + confirm_time;
+    if (is_blank && port.has_values) {
+        if (port.blank_readings > most_repeats)
+            listener_.module_doubted(port.number, contents.doubts);
+        return;
+    }
+    port.has_values = contents.diagnostics == diagnostics_state::available;
+    port.diagnostics_at = now;
+    listener_.module_read(port.number, contents, now);
+}
+
+void module_poller::refuse(polled &port, const memory_range &range)
+{
+    refused_range *known = port.find_refused(range);
+    if (known == nullptr)
+        known = &port.refused.emplace_back(refused_range{
+            range, is_range_right(port.memory, range) && port.memory.read_at(range), {}, {}});
+    const bool is_logged = port.logs_failures && !known->was_there;
+    const duration shortest = is_logged ? duration(pause_of_loggers) : first_pause;
+    const duration longest = known->was_there ? diagnostics_interval : duration(longest_pause);
+    known->pause = std::max(shortest, std::min(2 * known->pause, longest));
+    known->due = now_() + known->pause;
+}
+
+void module_poller::find_missing(polled &port)
+{
+    port.missing_due = time_point::max();
+    for (const reading_step &step : reading_plan(port.memory))
+        port.missing_due = std::min(port.missing_due, port.due_of(step));
+}
+
+/* Something answers, but not as a module, or not for the whole of its identity. A module that was
+   there before is given up when it has been so for a second, and as long as `patience`. */
+void module_poller::retry_identity(polled &port, duration patience)
 {
     port.tries++;
     port.was_looked_at = true;
@@ -147,37 +213,75 @@ void module_poller::retry_identity(polled &port)
     else if (port.tries <= fast_tries + medium_tries)
         wait = 5s;
     port.identity_due = now_() + wait;
-    if (port.tries < fast_tries || !port.old_identity)
+    if (port.tries < fast_tries || !port.old_identity || now_() - port.identity_since < patience)
         return;
     port.old_identity.reset();
     set_presence(port, module_presence::absent);
     set_presence(port, module_presence::not_ready);
 }
 
-/* Values are taken only with the identity bytes that were read behind them. */
+/* Values are taken only with the identity bytes that were read behind them. A failure tells nothing
+   of the module's presence, since it may have come because a client asked: the next look does. */
 void module_poller::take_diagnostics(polled &port, const task &done)
 {
     const time_point now = now_();
-    const std::vector<reading_step> plan = reading_plan(port.memory);
-    task look = done;
-    std::erase_if(look.ranges, [&](const ranged &read) {
-        return std::any_of(plan.begin(), plan.end(), [&](const reading_step &step) {
-            return step.range == read.range && step.when == reading_time::diagnostics;
-        });
-    });
+    port.diagnostics_tried_at = now;
     port.diagnostics_due = now + diagnostics_interval;
-    for (const ranged &read : done.ranges)
-        if (const int error = done.error_of(read); error != 0 && error != ECANCELED) {
+    for (const ranged &read : done.ranges) {
+        const int error = done.error_of(read);
+        if (is_unheard(error)) {
             port.look_due = now + look_interval;
             return take_failure(port, error);
         }
-    take_look(port, look);
+        if (error == 0)
+            continue;
+        port.look_due = std::min(port.look_due, now + confirm_time);
+        if (read.range != done.ranges.back().range) {
+            refuse(port, read.range);
+            port.memory.drop(read.range);
+            port.diagnostics_due = now + confirm_time;
+        }
+        return find_missing(port);
+    }
+    take_look(port, done.behind(done.ranges.size() - 1));
     if (port.where != stage::in_use)
         return;
     for (const ranged &read : done.ranges)
         port.memory.store(read.range, done.bytes_of(read), now);
-    port.diagnostics_at = now;
-    listener_.module_read(port.number, decode_module(port.memory), now);
+    publish(port, decode_module(port.memory));
+}
+
+/* The range before the identity bytes was missing. */
+void module_poller::take_missing(polled &port, const task &done)
+{
+    const memory_range range = done.ranges.front().range;
+    if (const int error = done.error_of(done.ranges.front())) {
+        if (is_unheard(error)) {
+            port.missing_due = now_() + reader_interval;
+            return take_failure(port, error);
+        }
+        refuse(port, range);
+        port.look_due = std::min(port.look_due, now_() + confirm_time);
+        return find_missing(port);
+    }
+    take_look(port, done.behind(1));
+    if (port.where != stage::in_use || port.failures != 0)
+        return;
+    port.memory.store(range, done.bytes_of(done.ranges.front()), now_());
+    if (is_range_right(port.memory, range))
+        std::erase_if(port.refused, [&](const refused_range &one) { return one.range == range; });
+    else
+        refuse(port, range);
+    publish(port, decode_module(port.memory));
+    find_missing(port);
+}
+
+void module_poller::note_answer(polled &port)
+{
+    port.failures = port.empty_answers = 0;
+    port.failing_since.reset();
+    port.answered_at = now_();
+    note_access(port, 0);
 }
 
 /* The known state is kept for a while. */
@@ -196,17 +300,41 @@ void module_poller::take_failure(polled &port, int error)
     }
     note_access(port, 0);
     port.was_looked_at = true;
-    if (error == EOPNOTSUPP || error == ENOENT) {
-        remove_module(port);
-        port.look_due = now + unlikely_interval;
+    const bool is_empty = says_empty(error);
+    if (is_empty && port.where == stage::empty) {
+        port.look_due = now + pace_of_empty(port, error);
         return;
     }
-    if (says_empty(error) && port.where == stage::empty)
-        return;
     port.failures++;
-    port.look_due = std::min(port.look_due, now + confirm_time);
-    if (port.failures >= (says_empty(error) ? failures_when_empty : failures_when_broken))
-        remove_module(port);
+    port.empty_answers = is_empty ? port.empty_answers + 1 : 0;
+    port.failing_since = port.failing_since.value_or(now);
+    if (port.where == stage::empty) {
+        port.look_due = now + pace_of_empty(port, error);
+        return;
+    }
+    if (is_empty || port.failures == 1)
+        port.look_due = std::min(port.look_due, now + confirm_time);
+    const bool is_lost = !is_empty && now - *port.failing_since >= keep_time;
+    if (!is_lost && port.empty_answers < answers_when_empty)
+        return;
+    remove_module(port);
+    if (is_lost)
+        port.lost_at = now;
+}
+
+/* Until the next look at a port without a module. One that never had a module may be a cage whose
+   driver has its own error for "empty". A driver that logs each failure is then not asked at all
+   without a reason, and rarely where a module was given up, which may be back. */
+module_poller::duration module_poller::pace_of_empty(const polled &port, int error) const
+{
+    const bool was_lost = port.was_lost_lately(now_());
+    if (says_empty(error) && !says_unreadable(error))
+        return look_interval;
+    if (!port.logs_failures)
+        return was_lost ? duration(look_interval) : cage_interval;
+    if (was_lost)
+        return lost_interval_of_loggers;
+    return port.has_answered ? duration(rare_interval_of_loggers) : time_point::max() - now_();
 }
 
 void module_poller::remove_module(polled &port)
@@ -215,8 +343,10 @@ void module_poller::remove_module(polled &port)
     port.memory.clear();
     port.refused.clear();
     port.old_identity.reset();
-    if (port.failures < failures_when_broken)
-        port.failures = 0;
+    port.has_values = false;
+    port.missing_due = time_point::max();
+    port.failures = port.empty_answers = 0;
+    port.failing_since.reset();
     port.look_due = now_() + look_interval;
     set_presence(port, module_presence::absent);
 }

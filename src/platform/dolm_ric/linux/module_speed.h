@@ -18,10 +18,10 @@ uint32_t tenth_gbps_of(uint32_t megabits);
 /* Of one lane, by its nominal signalling rate. PAM4 carries two bits a symbol. */
 uint32_t speed_of_rate(uint32_t megabaud, bool is_pam4);
 
-enum class medium : uint8_t { light, copper_cable, twisted_pair };
+enum class medium : uint8_t { unknown, light, copper };
 
 /* What an extended compliance code stands for: the speed of an SFP module and that of a QSFP module
-   with it, and what carries the signal. Unknown codes have no speed and count as light. */
+   with it, and what carries the signal. Unknown codes have no speed and no medium. */
 struct compliance_meaning {
     uint16_t sfp_speed;
     uint16_t qsfp_speed;

@@ -10,7 +10,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <optional>
+#include <bit>
 #include <set>
+#include <span>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +38,8 @@ static constexpr uint32_t last_i2c_bus = 0xffff;
 static constexpr size_t max_line_length = 4096 + 512; /* the longest path and what is around it */
 static constexpr size_t max_interface_length = 127;   /* of an alternative name */
 static constexpr size_t max_parent_length = 255;
+static constexpr char line_form[] = "a line is: NUMBER INTERFACE [module=FILE|i2c=BUS|poll=off] "
+                                    "[lanes=A-B] [checksum=ignore]";
 static constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF"; /* of some editors' UTF-8 */
 
 /* Carriage returns count as blanks, so that files from other systems work. */
@@ -122,20 +126,54 @@ static reason parse_option(std::string_view word, configured_port &port)
         port.i2c_bus = bus.value_or(0);
         return bus ? reason() : "i2c= takes the number of a bus, not " + quoted(word.substr(4));
     }
-    return quoted(word) + " is not one of module=FILE, i2c=BUS, poll=off";
+    return quoted(word) +
+           " is not one of module=FILE, i2c=BUS, poll=off, lanes=A-B, checksum=ignore";
+}
+
+static reason parse_lanes(std::string_view word, configured_port &port)
+{
+    constexpr uint32_t most_lanes = 32;
+    const size_t dash = word.find('-');
+    const auto first = parse_number(word.substr(0, dash), most_lanes);
+    const auto last =
+        dash == std::string_view::npos ? first : parse_number(word.substr(dash + 1), most_lanes);
+    if (!first || !last || *first == 0 || *first > *last)
+        return "lanes= takes a lane from 1 to 32, or two as in 1-2, not " + quoted(word);
+    port.lanes = (UINT32_MAX >> (most_lanes - *last)) & (UINT32_MAX << (*first - 1));
+    return std::nullopt;
+}
+
+/* The three ways to the module exclude each other; every word stands once. */
+static reason parse_options(std::span<const std::string_view> words, configured_port &port)
+{
+    static constexpr std::string_view lanes = "lanes=";
+    for (const std::string_view word : words) {
+        reason wrong;
+        if (word.starts_with(lanes) && port.lanes == 0)
+            wrong = parse_lanes(word.substr(lanes.size()), port);
+        else if (word == "checksum=ignore" && !port.ignores_checksum)
+            port.ignores_checksum = true;
+        else if (port.source == module_source::interface)
+            wrong = parse_option(word, port);
+        else
+            wrong = line_form;
+        if (wrong)
+            return wrong;
+    }
+    return std::nullopt;
 }
 
 static reason parse_words(const std::vector<std::string_view> &words, configured_port &port)
 {
-    if (words.size() < 2 || words.size() > 3)
-        return "a line is: NUMBER INTERFACE [module=FILE|i2c=BUS|poll=off]";
+    if (words.size() < 2)
+        return line_form;
     const auto number = parse_number(words[0], last_port);
     if (!number)
         return "a port has a number from 0 to 65534, not " + quoted(words[0]);
     port.number = *number;
     if (reason wrong = parse_interface(words[1], port))
         return wrong;
-    return words.size() == 3 ? parse_option(words[2], port) : reason();
+    return parse_options(std::span(words).subspan(2), port);
 }
 
 /* Takes number, interface and bus for the port, or none of them. */
@@ -196,6 +234,30 @@ port_config parse_port_config(std::string_view text, std::string_view name)
                            " more wrong lines");
     std::ranges::sort(state.config.ports, {}, &configured_port::number);
     return std::move(state.config);
+}
+
+static std::string source_of(const configured_port &port)
+{
+    switch (port.source) {
+    case module_source::file:
+        return " module=" + port.file;
+    case module_source::i2c_bus:
+        return " i2c=" + std::to_string(port.i2c_bus);
+    case module_source::none:
+        return " poll=off";
+    case module_source::interface:
+        break;
+    }
+    return {};
+}
+
+std::string options_of(const configured_port &port)
+{
+    std::string words = source_of(port);
+    if (port.lanes != 0)
+        words += " lanes=" + std::to_string(std::countr_zero(port.lanes) + 1) + "-" +
+                 std::to_string(std::bit_width(port.lanes));
+    return port.ignores_checksum ? words + " checksum=ignore" : words;
 }
 
 std::string port_config_path()

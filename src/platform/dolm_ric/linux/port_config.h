@@ -1,14 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* port_config - the file that says which port is which interface. One line for each port:
 
-     NUMBER INTERFACE [module=FILE|i2c=BUS|poll=off]     # a comment
+     NUMBER INTERFACE [module=FILE|i2c=BUS|poll=off] [lanes=A-B] [checksum=ignore]   # a comment
 
    NUMBER is 0 to 65534. INTERFACE is a name, an alternative name, or PARENT/PORTNAME: the device
    that the interface belongs to and its name for the port, such as 0000:03:00.0/p1s2. PORTNAME is
    empty where the device has one interface without such a name: 0000:03:00.0/ .
 
    A module's memory is read through the interface, unless the line says otherwise: from FILE (an
-   absolute path), from the I2C bus BUS (a number), or not at all.
+   absolute path), from the I2C bus BUS (a number), or not at all. lanes= names the lanes of the
+   module that belong to the port, counted from 1, where several interfaces share one module without
+   names for their parts; checksum=ignore says that the module's checksums don't matter.
 
    Words are separated by spaces or tabs; a word that begins with # begins a comment. A wrong line
    gives a message and is left out; the other lines stand. */
@@ -33,7 +35,12 @@ struct configured_port {
     module_source source = module_source::interface;
     std::string file;
     uint32_t i2c_bus = 0;
+    uint32_t lanes = 0; /* bit n: lane n + 1; 0: all that the kernel's name for the port stands for */
+    bool ignores_checksum = false;
 };
+
+/* The words behind the interface, each with a space before it. */
+std::string options_of(const configured_port &port);
 
 /* Ports by number; each message is one line without its end, "FILE:LINE: REASON". */
 struct port_config {

@@ -82,10 +82,16 @@ static bool are_diagnostics_wanted(const module_memory &memory)
     return is_identity_right(identity) && has_diagnostics(identity);
 }
 
+/* A reading that failed in the driver gives zeros or a wrong sum. */
+static bool are_constants_right(const memory_view &constants)
+{
+    return is_sum_right(constants, 0, 95) && !are_blank(constants.bytes(0, 95));
+}
+
 static constexpr plan_row sfp_plan[] = {
     {{identity_range, reading_time::once, false}, always},
     {{serial_range, reading_time::presence, false}, is_serial_wanted},
-    {{constants_range, reading_time::once, true}, are_diagnostics_wanted},
+    {{constants_range, reading_time::once, true}, are_diagnostics_wanted, are_constants_right},
     {{values_range, reading_time::diagnostics, true}, are_diagnostics_wanted},
 };
 
@@ -143,21 +149,43 @@ static uint32_t speed_of(const memory_view &identity)
 /* The bit of active cables says nothing: optical ones have it, too. */
 static bool is_copper(const memory_view &identity)
 {
-    constexpr uint8_t copper_pigtail = 0x21;
-    constexpr uint8_t rj45 = 0x22;
     constexpr uint8_t passive_cable = 0x04;
 
-    return (identity.u8(8) & passive_cable) != 0 || identity.u8(2) == copper_pigtail ||
-           identity.u8(2) == rj45 ||
+    return (identity.u8(8) & passive_cable) != 0 ||
+           medium_of_connector(identity.u8(2)) == medium::copper ||
            (compliance_of(identity) & (ETHCOMP_1000BASE_T | ETHCOMP_1000BASE_CX)) != 0 ||
-           meaning_of_compliance(identity.u8(36)).carrier != medium::light;
+           meaning_of_compliance(identity.u8(36)).carrier == medium::copper;
+}
+
+/* Codes that name a laser or a fibre. The wavelength counts but for cables, which have other bits
+   in its place. */
+static bool is_light(const memory_view &identity)
+{
+    static constexpr uint8_t bits_of_light[] = {0xfc, 0xff, 0xff, 0xf3, 0x06, 0x70, 0x0f};
+    constexpr uint8_t any_cable = 0x0c;
+    constexpr uint16_t shortest_nm = 600;
+    constexpr uint16_t longest_nm = 1700;
+
+    for (size_t at = 0; at < std::size(bits_of_light); at++)
+        if (identity.u8(3 + at) & bits_of_light[at])
+            return true;
+    const uint16_t wavelength = (identity.u8(8) & any_cable) != 0 ? 0 : identity.u16(60);
+    return medium_of_connector(identity.u8(2)) == medium::light ||
+           meaning_of_compliance(identity.u8(36)).carrier == medium::light ||
+           (wavelength >= shortest_nm && wavelength <= longest_nm);
+}
+
+static medium medium_of(const memory_view &identity)
+{
+    return medium_by(is_copper(identity), is_light(identity));
 }
 
 static void fill_identity(const memory_view &from, module_contents &contents)
 {
     dolm_sfp_info &sfp = contents.identity;
 
-    sfp.sfp_connector = connector_of(from.u8(2));
+    const medium carrier = medium_of(from);
+    sfp.sfp_connector = connector_of(carrier);
     sfp.sfp_eth_compliance = compliance_of(from);
     sfp.sfp_eth_speed = module_speed_code(speed_of(from));
     sfp.sfp_nom_bitrate = from.u8(12);
@@ -167,7 +195,7 @@ static void fill_identity(const memory_view &from, module_contents &contents)
     copy_text(sfp.sfp_vendor_rev, from.bytes(56, 4));
     copy_text(sfp.sfp_vendor_sn, from.bytes(68, 16));
     copy_text(sfp.sfp_date_code, from.bytes(84, 8));
-    contents.copper = is_copper(from);
+    contents.copper = carrier == medium::copper;
 
     if (const uint32_t speed = speed_of_base_t(sfp.sfp_vendor_name, sfp.sfp_vendor_pn)) {
         sfp.sfp_connector = DOLM_SFP_CONNECTOR_RJ45;
@@ -205,10 +233,19 @@ static uint8_t flags_at(const memory_view &values, size_t offset, int bit)
     return static_cast<uint8_t>(alarm << 2 | warning);
 }
 
-/* The polynomial may lead anywhere; no receiver stands more than 0.1 W. */
+/* The polynomial may lead anywhere; no receiver stands more than 0.1 W, and none gets less than no
+   light by more than a little noise. */
+static constexpr double most_rx_power = 100'000;
+static constexpr double least_rx_power = -100;
+
+static bool is_rx_power(double value)
+{
+    return value >= least_rx_power && value <= most_rx_power;
+}
+
 static void limit_rx_power(measurement &rx_power)
 {
-    const auto limit = [](double &value) { value = std::clamp(value, 0.0, 100'000.0); };
+    const auto limit = [](double &value) { value = std::clamp(value, 0.0, most_rx_power); };
 
     for (lane_value &lane : rx_power.lanes)
         limit(lane.value);
@@ -229,12 +266,12 @@ static void fill_light(const memory_view &constants, const memory_view &values,
                         limits_at(constants, 16, convert.tx_bias)};
     contents.tx_power = {{{0, convert.tx_power(values.u16(102)), flags_at(values, 112, 0)}},
                          limits_at(constants, 24, convert.tx_power)};
-    const auto &coefficients = convert.rx_power.coefficients;
-    if (!std::ranges::all_of(coefficients, [](double value) { return std::isfinite(value); })) {
-        contents.doubts.push_back("the constants of rx power are no numbers");
+    const double rx_power = convert.rx_power(values.u16(104));
+    if (!is_rx_power(rx_power)) {
+        contents.doubts.push_back("the received power is beyond any module's");
         return;
     }
-    contents.rx_power = {{{0, convert.rx_power(values.u16(104)), flags_at(values, 113, 6)}},
+    contents.rx_power = {{{0, rx_power, flags_at(values, 113, 6)}},
                          limits_at(constants, 32, convert.rx_power)};
     limit_rx_power(contents.rx_power);
 }
@@ -278,6 +315,8 @@ static const char *reason_to_refuse(const module_contents &contents, const memor
         return "the diagnostics repeat the identity";
     if (are_blank(values.bytes(96, 10)))
         return "the measured values are blank";
+    if (values.u16(98) == 0)
+        return no_voltage;
     if (!contents.externally_calibrated)
         return nullptr;
     if (!is_sum_right(constants, 0, 95))

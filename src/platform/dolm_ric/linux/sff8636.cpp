@@ -4,6 +4,8 @@
 #include "platform/dolm_ric/linux/module_family.h"
 #include "platform/dolm_ric/linux/module_speed.h"
 
+#include <algorithm>
+
 namespace linux_board
 {
 namespace
@@ -23,8 +25,10 @@ enum diagnostics_type : uint8_t {
 
 } // namespace
 
-/* The lower half of byte 113 names the lanes that one end of a split cable lacks. */
+/* The lower half of byte 86 names the lanes whose transmitter the host has switched off, that of
+   byte 113 those that one end of a split cable lacks. */
 static constexpr memory_range values_range = {identity_address, 0, 0, 0, 58};
+static constexpr memory_range off_range = {identity_address, 0, 0, 86, 1};
 static constexpr memory_range lanes_range = {identity_address, 0, 0, 113, 1};
 static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 96};
 static constexpr memory_range serial_range = {identity_address, 0, 0, 196, 28};
@@ -48,14 +52,31 @@ static compliance_meaning compliance_of(const memory_view &identity)
     return meaning_of_compliance(has_code ? identity.u8(192) : uint8_t{0});
 }
 
-/* The bytes 22 to 57 of a cable of copper mean nothing. */
+static constexpr int first_copper_technology = 0x0a;
+
 static bool is_copper(const memory_view &identity)
 {
-    constexpr int first_copper_technology = 0x0a;
     constexpr uint8_t is_40gbase_cr4 = 0x08;
     return identity.u8(147) >> 4 >= first_copper_technology ||
            (identity.u8(131) & is_40gbase_cr4) != 0 ||
-           compliance_of(identity).carrier != medium::light;
+           medium_of_connector(identity.u8(130)) == medium::copper ||
+           compliance_of(identity).carrier == medium::copper;
+}
+
+/* The technology 0 is a laser of 850 nm, and what an empty byte says: it counts with a wavelength
+   only. */
+static bool is_light(const memory_view &identity)
+{
+    constexpr uint8_t any_optical = 0x77;
+    return identity.u8(147) >> 4 != 0 || identity.u16(186) != 0 ||
+           (identity.u8(131) & any_optical) != 0 ||
+           medium_of_connector(identity.u8(130)) == medium::light ||
+           compliance_of(identity).carrier == medium::light;
+}
+
+static medium medium_of(const memory_view &identity)
+{
+    return medium_by(is_copper(identity), is_light(identity));
 }
 
 static bool is_serial_wanted(const module_memory &memory)
@@ -63,24 +84,37 @@ static bool is_serial_wanted(const module_memory &memory)
     return is_identity_right(memory_view(memory, identity_range));
 }
 
-static bool are_values_wanted(const module_memory &memory)
+static bool are_lanes_wanted(const module_memory &memory)
 {
-    const memory_view identity(memory, identity_range);
-    return is_identity_right(identity) && !is_copper(identity);
+    return is_serial_wanted(memory) && !is_copper(memory_view(memory, identity_range));
 }
 
 static bool are_limits_wanted(const module_memory &memory)
 {
     const memory_view values(memory, values_range);
-    return are_values_wanted(memory) && values.was_read() && (values.u8(2) & FLAT_MEMORY) == 0;
+    return is_serial_wanted(memory) && values.was_read() && (values.u8(2) & FLAT_MEMORY) == 0;
 }
+
+/* The page has no checksum, and blocks of zeros where the driver failed. */
+static bool are_limits_right(const memory_view &limits)
+{
+    static constexpr size_t groups[] = {128, 144, 176, 184, 192};
+    return std::ranges::none_of(groups,
+                                [&](size_t at) { return are_blank(limits.bytes(at, 8)); });
+}
+
+/* Some drivers give nothing but zeros of an upper page where bit 2 of the third byte of what was
+   asked for is set, mistaking it for that of the lower memory. Readings of one of their blocks are
+   made before that. */
+static constexpr uint8_t block = 8;
 
 static constexpr plan_row qsfp_plan[] = {
     {{identity_range, reading_time::once, false}, always},
     {{serial_range, reading_time::presence, false}, is_serial_wanted},
-    {{lanes_range, reading_time::once, true}, are_values_wanted},
-    {{values_range, reading_time::diagnostics, true}, are_values_wanted},
-    {{limits_range, reading_time::once, true}, are_limits_wanted},
+    {{lanes_range, reading_time::once, true}, are_lanes_wanted},
+    {{values_range, reading_time::diagnostics, true}, is_serial_wanted},
+    {{off_range, reading_time::diagnostics, true}, are_lanes_wanted},
+    {{limits_range, reading_time::once, true, block}, are_limits_wanted, are_limits_right},
 };
 
 /* Rates are those of one lane. Modules for 10 Gb/s are four of them in one, as for 40 Gb/s. */
@@ -101,7 +135,8 @@ static void fill_identity(const memory_view &from, module_contents &contents)
 {
     dolm_sfp_info &sfp = contents.identity;
 
-    sfp.sfp_connector = connector_of(from.u8(130));
+    const medium carrier = medium_of(from);
+    sfp.sfp_connector = connector_of(carrier);
     sfp.sfp_eth_speed = module_speed_code(speed_of(from));
     sfp.sfp_nom_bitrate = from.u8(140);
     copy_text(sfp.sfp_vendor_name, from.bytes(148, 16));
@@ -110,7 +145,7 @@ static void fill_identity(const memory_view &from, module_contents &contents)
     copy_text(sfp.sfp_vendor_rev, from.bytes(184, 2));
     copy_text(sfp.sfp_vendor_sn, from.bytes(196, 16));
     copy_text(sfp.sfp_date_code, from.bytes(212, 8));
-    contents.copper = is_copper(from);
+    contents.copper = carrier == medium::copper;
 }
 
 /* Four bits each, in the order of measurement_flag: those of lane 0 and 2 in the upper halves. */
@@ -131,15 +166,21 @@ static measurement lanes_at(const memory_view &values, size_t offset, size_t fla
     return result;
 }
 
-static void fill_measurements(const memory_view &values, uint8_t missing_lanes, bool has_tx_power,
-                              module_contents &contents)
+/* A temperature that isn't measured reads as 0. */
+static void fill_module(const memory_view &values, module_contents &contents)
 {
     contents.diagnostics = diagnostics_state::available;
+    if (values.u16(22) != 0)
+        contents.temperature.lanes = {{0, temperature_steps(values.s16(22)), flags_at(values, 6, 0)}};
+    contents.voltage.lanes = {{0, voltage_steps(values.u16(26)), flags_at(values, 7, 0)}};
+}
+
+static void fill_lanes(const memory_view &values, uint8_t missing_lanes, bool has_tx_power,
+                       module_contents &contents)
+{
     const int present = ~missing_lanes & 0x0f;
     contents.rx_los_lanes = static_cast<uint32_t>(values.u8(3) & present);
     contents.tx_fault_lanes = static_cast<uint32_t>(values.u8(4) & present);
-    contents.temperature.lanes = {{0, temperature_steps(values.s16(22)), flags_at(values, 6, 0)}};
-    contents.voltage.lanes = {{0, voltage_steps(values.u16(26)), flags_at(values, 7, 0)}};
     contents.rx_power = lanes_at(values, 34, 9, missing_lanes, power_steps);
     contents.tx_bias = lanes_at(values, 42, 11, missing_lanes, bias_steps);
     if (has_tx_power)
@@ -155,23 +196,36 @@ static void fill_limits(const memory_view &limits, module_contents &contents)
     contents.tx_power.limits = limits_at(limits, 192, power_steps);
 }
 
-/* Without page 03h, which a module may lack and an old driver doesn't show, there are no limits. */
+/* Of copper only what a module measures of itself; a cable measures nothing and reads as zero.
+   Without page 03h, which a module may lack and an old driver doesn't show, there are no limits. */
 static void decode_diagnostics(const module_memory &memory, bool has_tx_power,
                                module_contents &contents)
 {
     const memory_view values(memory, values_range);
     const memory_view lanes(memory, lanes_range);
+    const memory_view off(memory, off_range);
     const memory_view limits(memory, limits_range);
 
     contents.diagnostics = diagnostics_state::not_read;
-    if (!values.was_read() || (values.u8(2) & DATA_NOT_READY) != 0)
+    if (!values.was_read())
         return;
-    if (are_blank(values.bytes(22, 36))) {
-        contents.doubts.push_back("the measured values are blank");
+    if (contents.copper && are_blank(values.bytes(22, 6))) {
+        contents.diagnostics = diagnostics_state::none;
         return;
     }
-    const uint8_t missing = lanes.was_read() ? lanes.u8(113) & 0x0f : 0;
-    fill_measurements(values, missing, has_tx_power, contents);
+    if ((values.u8(2) & DATA_NOT_READY) != 0)
+        return;
+    if (are_blank(values.bytes(22, 36)) || values.u16(26) == 0) {
+        const bool blank = are_blank(values.bytes(22, 36));
+        contents.doubts.push_back(blank ? "the measured values are blank" : no_voltage);
+        return;
+    }
+    fill_module(values, contents);
+    if (!contents.copper) {
+        const uint8_t missing = lanes.was_read() ? lanes.u8(113) & 0x0f : 0;
+        contents.tx_off_lanes = off.was_read() ? off.u8(86) & 0x0f : 0;
+        fill_lanes(values, missing, has_tx_power, contents);
+    }
     if (limits.was_read())
         fill_limits(limits, contents);
 }
@@ -182,8 +236,7 @@ static void decode_qsfp(const module_memory &memory, const memory_view &identity
     contents.has_flags = true;
     contents.has_average_power = (identity.u8(220) & AVERAGE_POWER) != 0;
     fill_identity(identity, contents);
-    if (!contents.copper)
-        decode_diagnostics(memory, (identity.u8(220) & HAS_TX_POWER) != 0, contents);
+    decode_diagnostics(memory, (identity.u8(220) & HAS_TX_POWER) != 0, contents);
 }
 
 const module_layout qsfp_layout = {module_family::qsfp, qsfp_plan, is_identity_right, decode_qsfp};
