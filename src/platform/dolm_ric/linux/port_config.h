@@ -33,12 +33,22 @@ struct configured_port {
     module_source source = module_source::interface;
     std::string file;
     uint32_t i2c_bus = 0;
+
+    bool operator==(const configured_port &) const = default;
 };
+
+/* The interface, as a line names it. */
+std::string name_of(const configured_port &port);
+
+/* In the place of a checksum: there is no file, or it can't be read. */
+constexpr uint64_t no_port_config = 0;
+constexpr uint64_t unread_port_config = 1;
 
 /* Ports by number; each message is one line without its end, "FILE:LINE: REASON". */
 struct port_config {
     std::vector<configured_port> ports;
     std::vector<std::string> messages;
+    uint64_t checksum = no_port_config; /* of the file's bytes */
 };
 
 /* No larger file is read, and no more messages are made: the last one counts those left out. */
