@@ -30,7 +30,7 @@ static constexpr std::chrono::seconds kernel_patience{5};
 static constexpr std::chrono::milliseconds speed_patience{20};
 
 /* A link may change its speed without a fall, of which the kernel has no message. */
-static constexpr std::chrono::seconds speed_round{30};
+static constexpr std::chrono::seconds round_interval{30};
 
 /* Notices and questions in one go, before the others get their turn. */
 static constexpr int datagrams_at_once = 256;
@@ -66,6 +66,23 @@ void link_follower::add(uint32_t port, link_table::port_filter fits)
     table_.add(port, std::move(fits));
 }
 
+void link_follower::also_watch(int fd, std::function<void()> look)
+{
+    watched_fd_ = fd;
+    look_ = std::move(look);
+}
+
+bool link_follower::change(uint32_t port, link_table::port_filter fits, bool is_same)
+{
+    is_reading_due_ = true;
+    return table_.change(port, std::move(fits), is_same);
+}
+
+void link_follower::take_out(uint32_t port)
+{
+    table_.take_out(port, std::chrono::steady_clock::now());
+}
+
 /* First join, then read: nothing falls between the two. */
 void link_follower::start()
 {
@@ -80,11 +97,14 @@ void link_follower::run()
     while (!thread_.is_stopping()) {
         pollfd wanted[] = {{notices_.fd(), POLLIN, 0},
                            {thread_.wake_fd(), POLLIN, 0},
-                           {thread_.later_fd(), POLLIN, 0}};
+                           {thread_.later_fd(), POLLIN, 0},
+                           {watched_fd_, POLLIN, 0}};
         poll(wanted, std::size(wanted), poll_timeout());
         const bool is_woken = wanted[1].revents != 0 || wanted[2].revents != 0;
         const bool is_later = is_woken && thread_.clear_wake();
         try {
+            if (wanted[3].revents != 0)
+                look_();
             take_turn(is_later);
         } catch (const std::exception &) {
             is_behind_ = true; /* no memory, or no answer: read all again */
@@ -99,7 +119,8 @@ void link_follower::take_turn(bool is_later)
         const std::lock_guard guard(refresh_lock_);
         has_backlog_ = !is_drained || is_behind_;
     }
-    if (is_drained && is_behind_)
+    take_round();
+    if (is_drained && (is_behind_ || is_reading_due_))
         read_all();
     answer_refreshes(is_later);
     ask_speeds();
@@ -168,7 +189,7 @@ void link_follower::take_report(const link_report &report, link_table::origin fr
 
 void link_follower::read_all()
 {
-    is_behind_ = false;
+    is_behind_ = is_reading_due_ = false;
     const std::vector<link_report> found = list_interfaces(questions_);
     table_.begin_dump();
     for (const link_report &report : found)
@@ -222,15 +243,22 @@ void link_follower::ask_speed_if_wanted(int32_t index)
         table_.take_speed(index, *speed, std::chrono::steady_clock::now());
 }
 
-void link_follower::ask_speeds()
+/* Looks at what changes without a message. */
+void link_follower::take_round()
 {
     const auto now = std::chrono::steady_clock::now();
-    if (now >= round_due_) {
-        speeds_wanted_.merge(table_.indices());
-        speeds_due_ = now;
-        round_due_ = now + speed_round;
-    }
-    if (now < speeds_due_)
+    if (now < round_due_)
+        return;
+    speeds_wanted_.merge(table_.indices());
+    speeds_due_ = now;
+    round_due_ = now + round_interval;
+    if (look_)
+        look_();
+}
+
+void link_follower::ask_speeds()
+{
+    if (std::chrono::steady_clock::now() < speeds_due_)
         return;
     for (int count = 0; count < questions_at_once && !speeds_wanted_.empty(); count++)
         ask_speed_if_wanted(speeds_wanted_.extract(speeds_wanted_.begin()).value());

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -44,6 +45,14 @@ class link_follower
 
     /* Before start(). */
     void add(uint32_t port, link_table::port_filter fits);
+    /* `look` runs on the follower's thread when `fd` becomes readable, and each 30 s. Before start().
+     */
+    void also_watch(int fd, std::function<void()> look);
+
+    /* As link_table has them; on the follower's thread. The interfaces of new ports are found soon
+       after. */
+    bool change(uint32_t port, link_table::port_filter fits, bool is_same);
+    void take_out(uint32_t port);
 
     /* Reads the state of all interfaces, then starts the thread. Throws a std::system_error. */
     void start();
@@ -67,6 +76,7 @@ class link_follower
   private:
     void run();
     void take_turn(bool is_later);
+    void take_round();
     bool drain();
     void take(const netlink::message &notice);
     void take_report(const link_report &report, link_table::origin from);
@@ -82,6 +92,8 @@ class link_follower
 
     follower_listener &listener_;
     link_table table_;
+    int watched_fd_ = -1;
+    std::function<void()> look_;
     netlink::connection notices_;
     netlink::connection questions_;
     netlink::connection ethtool_;
@@ -89,6 +101,7 @@ class link_follower
     std::set<int32_t> speeds_wanted_;
     link_table::time_point speeds_due_ = {};
     link_table::time_point round_due_ = {};
+    bool is_reading_due_ = false; /* of all interfaces */
     bool is_behind_ = false; /* messages were lost since all interfaces were read */
     int notices_taken_ = 0;  /* since the thread woke up */
     std::atomic<uint64_t> losses_{0};

@@ -59,12 +59,34 @@ void link_table::add(uint32_t port, port_filter fits)
 {
     links_[port] = {.number = port,
                     .fits = std::move(fits),
-                    .parent = {},
-                    .port_name = {},
-                    .last_name = {},
+                    .lost = {},
                     .last = {},
                     .announced = {DOLM_RICRILINKSTATE_NOOPERATION, 0, 0},
                     .settles_at = {}};
+}
+
+bool link_table::change(uint32_t port, port_filter fits, bool is_same)
+{
+    const auto found = links_.find(port);
+    if (found == links_.end()) {
+        add(port, std::move(fits));
+        return true;
+    }
+    port_link &link = found->second;
+    const link_report *const known =
+        link.index != 0 ? &link.last : link.lost ? &*link.lost : nullptr;
+    if (!is_same && known != nullptr && !fits(*known))
+        return false;
+    link.fits = std::move(fits);
+    link.is_out = false;
+    return true;
+}
+
+void link_table::take_out(uint32_t port, time_point now)
+{
+    port_link &link = links_.at(port);
+    forget(link.index, now);
+    link.is_out = true;
 }
 
 /* A port without an interface whose place this is. One that the name fits comes before one whose
@@ -73,12 +95,13 @@ link_table::port_link *link_table::find_free(const link_report &report)
 {
     port_link *returned_to = nullptr;
     for (auto &[number, link] : links_) {
-        if (link.index != 0 || (link.was_bound && (link.parent != report.parent ||
-                                                   link.port_name != report.port_name)))
+        if (link.index != 0 || link.is_out ||
+            (link.lost && (link.lost->parent != report.parent ||
+                           link.lost->port_name != report.port_name)))
             continue;
         if (link.fits(report))
             return &link;
-        if (returned_to == nullptr && link.was_bound && link.last_name == report.name)
+        if (returned_to == nullptr && link.lost && link.lost->name == report.name)
             returned_to = &link;
     }
     return returned_to;
@@ -94,8 +117,6 @@ link_table::port_link *link_table::bind(const link_report &report)
     if (link == nullptr)
         return nullptr;
     link->index = report.index;
-    link->parent = report.parent;
-    link->port_name = report.port_name;
     ports_[report.index] = link->number;
     return link;
 }
@@ -130,8 +151,6 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
     if (!is_same || link.last.rises != report.rises || !report.operational)
         link.speed_at.reset();
     link.last = report;
-    link.last_name = report.name;
-    link.was_bound = true;
     if (named_anew)
         listener_.interface_changed(link.number, &link.last);
     if (falls > 0)
@@ -196,7 +215,7 @@ void link_table::forget(int32_t index, time_point now)
     port_link &link = links_.at(known->second);
     ports_.erase(known);
     link.index = 0;
-    link.last = {};
+    link.lost = std::exchange(link.last, {});
     announce(link, 0, DOLM_RICRILINKSTATE_NOOPERATION, now);
     listener_.interface_changed(link.number, nullptr);
 }

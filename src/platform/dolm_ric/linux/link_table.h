@@ -101,6 +101,12 @@ class link_table
 
     /* A port without an interface; its link is down. */
     void add(uint32_t port, port_filter fits);
+    /* From now on that filter says which interface is the port's; a new port is added. False, and
+       nothing is changed, if the port has or had another interface; not asked where the filter is
+       the same as before. */
+    bool change(uint32_t port, port_filter fits, bool is_same);
+    /* The port keeps its number and has no interface until change() gives it its own again. */
+    void take_out(uint32_t port, time_point now);
 
     void take(const link_report &report, origin from, time_point now);
     /* The speed that an interface has now. */
@@ -130,9 +136,8 @@ class link_table
         uint32_t number;
         port_filter fits;
         int32_t index = 0;
-        bool was_bound = false;
-        std::string parent, port_name; /* of the first interface */
-        std::string last_name;         /* of the interface that it has or had */
+        bool is_out = false;
+        std::optional<link_report> lost; /* of the interface that it had */
         link_report last;
         uint32_t speed = 0; /* as it was taken last */
         uint32_t lanes = 0;
