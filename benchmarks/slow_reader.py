@@ -5,6 +5,7 @@ Answers the board library for Linux with the bytes of IMAGE, for each of the int
 takes MILLISECONDS for each, as a bus does. With READER the real reader gets the same requests, so that
 its cost can be seen. To each line on standard input it writes how many requests and bytes there were."""
 import os
+import pathlib
 import select
 import socket
 import struct
@@ -14,10 +15,20 @@ import time
 
 REQUEST, ANSWER = struct.Struct("<HBBBBBB"), struct.Struct("<ii32s")
 ENXIO = 6
+READER_ITSELF = 0  # an address: the checksum of the configuration is asked for
 
 
-def answer(request, image, indexes):
+def checksum(text):
+    value = 0xCBF29CE484222325
+    for byte in text:
+        value = (value ^ byte) * 0x100000001B3 % 2**64
+    return struct.pack("=Q", value)
+
+
+def answer(request, image, indexes, configuration):
     port, address, _, page, offset, length, _ = REQUEST.unpack(request)
+    if address == READER_ITSELF:
+        return ANSWER.pack(0, 0, configuration), 0
     start = (256 if address == 0x51 else 0) + 128 * page + offset
     if port not in indexes or start + length > len(image):
         return ANSWER.pack(ENXIO, indexes.get(port, 0), b""), 0
@@ -40,6 +51,7 @@ def main():
                    for number, name in map(str.split, lines)}
     with open(path, "rb") as file:
         image = file.read()
+    configuration = checksum(pathlib.Path(ports).read_bytes())
     listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
     listener.bind(address)
     listener.listen()
@@ -61,7 +73,7 @@ def main():
             return
         if reader:
             reader.send(packet)
-        each = [answer(packet[at:at + REQUEST.size], image, indexes)
+        each = [answer(packet[at:at + REQUEST.size], image, indexes, configuration)
                 for at in range(0, len(packet), REQUEST.size)]
         time.sleep(float(milliseconds) * len(each) / 1000)
         requests += len(each)

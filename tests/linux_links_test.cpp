@@ -168,7 +168,7 @@ TEST(link_transitions_test, falls_become_events_up_to_the_cap_and_end_in_the_tru
     static const std::tuple<uint32_t, uint32_t, uint32_t, const char *> rows[] = {
         {2, 0, 2, ""},   {2, 0, 1, "d"},   {1, 0, 2, "u"},   {2, 1, 2, "du"}, {2, 1, 1, "d"},
         {1, 1, 1, "ud"}, {1, 1, 2, "udu"}, {2, 2, 1, "dud"}, {2, 1, 0, "s"},  {2, 2, 0, "dus"},
-        {2, 0, 0, "s"},  {0, 0, 2, "u"},   {0, 0, 1, "d"},   {1, 0, 0, "s"}};
+        {2, 0, 0, "s"},  {0, 0, 2, "u"},   {0, 0, 1, ""},    {1, 0, 0, ""}};
     for (const auto &[before, falls, after, expected] : rows)
         EXPECT_EQ(expected, events(before, falls, after)) << before << falls << after;
     EXPECT_EQ("dududududu", events(2, 5, 2));
@@ -202,7 +202,7 @@ TEST_F(link_table_test, an_administrator_who_stops_and_starts_a_port_makes_one_f
     stopping.has_carrier = again.has_carrier = true;
     const std::pair<link_report, const char *> steps[] = {
         {report(2, 3, 4), "i7u"}, {stopping, "s"},         {report(0, 4, 4), ""},
-        {report(1, 4, 4), "d"},   {report(2, 4, 5), "u"},  {report(0, 5, 5), "s"},
+        {report(1, 4, 4), ""},    {report(2, 4, 5), "u"},  {report(0, 5, 5), "s"},
         {report(2, 5, 6), "u"},   {report(2, 6, 7), "du"}, {again, "s"},
         {report(2, 7, 8), "u"}};
     for (const auto &[step, expected] : steps)
@@ -230,6 +230,24 @@ TEST_F(link_table_test, a_port_follows_its_interface_and_takes_another_only_when
     EXPECT_EQ("di0", events.take());
     EXPECT_EQ("i8", take(report(1, 0, 0, 8)));
     EXPECT_EQ("", take(renamed));
+}
+
+TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_speed)
+{
+    take(report(2, 0, 1));
+    table.take_speed(7, {100, 4}, now);
+    EXPECT_EQ("du", events.take()) << "the rise was announced without it";
+    now += 3 * link_table::settle_time;
+    table.announce_settled(now);
+    EXPECT_EQ("u", events.take());
+    table.take_speed(7, {100, 4}, now);
+    EXPECT_EQ("", events.take());
+    link_report leaving = report(0, 1, 1);
+    EXPECT_EQ("s", take(leaving));
+    leaving.deleted = true;
+    EXPECT_EQ("i0", take(leaving)) << "stopped and down are one state for clients";
+    EXPECT_EQ(1u, events.known);
+    EXPECT_FALSE(table.next_settling());
 }
 
 TEST_F(link_table_test, what_a_dump_lacks_is_gone_and_an_index_may_be_used_again)
@@ -278,7 +296,7 @@ TEST_F(link_table_test, a_storm_is_announced_as_five_falls_and_then_as_one_each_
     EXPECT_EQ("d", settle());
     EXPECT_EQ("", storm(1, 300));
     EXPECT_EQ("", storm(0, 300));
-    table.take_speed(7, 1, 1, now);
+    table.take_speed(7, {1, 1}, now);
     EXPECT_EQ(0u, events.known);
     EXPECT_EQ("us", settle());
     EXPECT_EQ("s", settle()) << "it is over";

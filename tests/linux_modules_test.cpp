@@ -422,6 +422,9 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
         std::thread reader([&] {
             const int peer = accept(listener.get(), nullptr, nullptr);
             reader_request asked[2] = {};
+            EXPECT_EQ(ssize_t{sizeof(asked[0])}, recv(peer, asked, sizeof(asked), 0));
+            constexpr reader_answer no_configuration = {};
+            send(peer, &no_configuration, sizeof(no_configuration), MSG_NOSIGNAL);
             EXPECT_EQ(ssize_t{sizeof(asked)}, recv(peer, asked, sizeof(asked), 0));
             reader_answer answers[2] = {{EIO, 5, {}}, {0, asked[1].port, {7, asked[1].offset}}};
             send(peer, answers, answer_size, MSG_NOSIGNAL);

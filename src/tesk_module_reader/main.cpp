@@ -4,13 +4,15 @@
 
    The process is started with a socket: by systemd with a listening one, or with a connected one as
    descriptor N. It reads the configuration, opens what it will need, gives up all other rights and
-   answers requests, one at a time. It ends with the last client; systemd starts it anew, with a
-   fresh look at the configuration, for the next one. */
+   answers requests, one at a time. It ends with the last client, or when that says that the
+   configuration was replaced; systemd starts it anew, with a fresh look at the configuration, for
+   the next connection. */
 #include "platform/dolm_ric/linux/port_config.h"
 #include "tesk_module_reader/confinement.h"
 #include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/reader_ports.h"
 #include "tesk_module_reader/requests.h"
+#include "tesk_module_reader/saved_numbers.h"
 
 #include <algorithm>
 #include <array>
@@ -41,7 +43,7 @@ namespace
 
 using module_reader::reader_ports;
 
-enum class task : uint8_t { serve, print_ports };
+enum class task : uint8_t { serve, print_ports, write_ports };
 
 struct options {
     task what = task::serve;
@@ -53,6 +55,8 @@ struct endpoint {
     int listener = -1;
     uid_t owner = 0; /* the only user whose processes may connect */
     std::vector<int> clients = {};
+    uint64_t refused = 0;   /* connections of other users */
+    bool is_ended = false;  /* by its client, for another configuration */
 };
 
 } // namespace
@@ -63,18 +67,25 @@ static constexpr int systemd_socket = 3;
 /* tesk-server is the one client; others wait in the backlog of the socket. */
 static constexpr size_t most_clients = 4;
 
+/* Lines about connections of other users, which can make as many as they like. */
+static constexpr uint64_t most_refusals = 5;
+
+/* Where the unit keeps the numbers of ports, for those who look by hand. */
+static constexpr char default_state[] = "/var/lib/tesk-module-reader";
+
 static constexpr int wrong_usage = 2;
 
 static void print_usage()
 {
     fputs(
-        "Usage: tesk-module-reader [--fd N | --print-ports]\n"
+        "Usage: tesk-module-reader [--fd N | --print-ports | --write-ports]\n"
         "\n"
         "Reads the memories of pluggable modules for tesk-server. Started by systemd for the\n"
         "socket /run/tesk-module-reader/socket.\n"
         "\n"
         "  --fd N         serve the connected socket that was inherited as descriptor N\n"
-        "  --print-ports  write the configuration that keeps the numbers that the ports have now\n"
+        "  --print-ports  show the configuration that keeps the numbers that the ports have now\n"
+        "  --write-ports  put it into /etc/tesk/ports\n"
         "  --help         show this text\n"
         "  --version      show the version\n"
         "\n"
@@ -98,6 +109,7 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
 {
     static constexpr option names[] = {{"fd", required_argument, nullptr, 'f'},
                                        {"print-ports", no_argument, nullptr, 'p'},
+                                       {"write-ports", no_argument, nullptr, 'w'},
                                        {"help", no_argument, nullptr, 'h'},
                                        {"version", no_argument, nullptr, 'v'},
                                        {}};
@@ -114,6 +126,9 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
             break;
         case 'p':
             chosen.what = task::print_ports;
+            continue;
+        case 'w':
+            chosen.what = task::write_ports;
             continue;
         case 'h':
             print_usage();
@@ -144,12 +159,16 @@ static std::optional<linux_board::port_config> read_config()
     if (fd < 0 && errno == ENOENT)
         return std::nullopt;
     linux_board::port_config config;
-    if (fd < 0)
+    if (fd < 0) {
         config.messages.push_back(path + ": " + strerror(errno));
-    else if (const char *reason = linux_board::reason_not_trusted(fd))
-        config.messages.push_back(path + " " + reason + ": no module is read");
-    else
+        config.checksum = linux_board::unread_port_config;
+    } else {
         config = linux_board::read_port_config(fd, path);
+        if (const char *reason = linux_board::reason_not_trusted(fd)) {
+            config.ports.clear();
+            config.messages = {path + " " + reason + ": no module is read"};
+        }
+    }
     for (const std::string &message : config.messages)
         fprintf(stderr, "tesk-module-reader: %s\n", message.c_str());
     if (fd >= 0)
@@ -201,15 +220,17 @@ static void accept_client(endpoint &where)
         where.clients.push_back(fd);
         return;
     }
-    fprintf(stderr,
-            "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u\n",
-            peer.uid, where.owner);
     close(fd);
+    if (++where.refused <= most_refusals)
+        fprintf(stderr,
+                "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u%s\n",
+                peer.uid, where.owner,
+                where.refused == most_refusals ? "; no more lines about this" : "");
 }
 
 /* False when the client is to be disconnected: it has disconnected, broke the protocol or doesn't
    take its answers. */
-static bool serve_client(int fd, reader_ports &ports)
+static bool serve_client(int fd, endpoint &where, reader_ports &ports)
 {
     std::array<uint8_t, sizeof(reader_request) * READER_MOST_REQUESTS + 1> packet;
     const ssize_t size = recv(fd, packet.data(), packet.size(), MSG_DONTWAIT);
@@ -217,7 +238,10 @@ static bool serve_client(int fd, reader_ports &ports)
         return errno == EAGAIN || errno == EINTR;
     const std::vector<reader_answer> answers = module_reader::answer_packet(
         std::span(packet).first(static_cast<size_t>(size)),
-        [&](const reader_request &request) { return ports.read(request); });
+        [&](const reader_request &request) {
+            where.is_ended |= request.address == READER_ITSELF && request.offset == READER_END;
+            return ports.read(request);
+        });
     const size_t length = answers.size() * sizeof(reader_answer);
     return !answers.empty() && send(fd, answers.data(), length, MSG_DONTWAIT | MSG_NOSIGNAL) ==
                                    static_cast<ssize_t>(length);
@@ -237,7 +261,7 @@ static void serve(endpoint &where, reader_ports &ports)
         poll(wanted.data(), wanted.size(), -1);
         bool is_left = false;
         for (const pollfd &ready : std::span(wanted).first(wanted.size() - 1)) {
-            if (ready.revents == 0 || serve_client(ready.fd, ports))
+            if (ready.revents == 0 || serve_client(ready.fd, where, ports))
                 continue;
             close(ready.fd);
             std::erase(where.clients, ready.fd);
@@ -245,7 +269,33 @@ static void serve(endpoint &where, reader_ports &ports)
         }
         if (wanted.back().revents != 0 && !is_left)
             accept_client(where);
-    } while (!where.clients.empty());
+    } while (!where.clients.empty() && !where.is_ended);
+}
+
+static const char *directory_of(const char *variable, const char *otherwise)
+{
+    const char *directory = secure_getenv(variable); /* the unit's */
+    return directory != nullptr ? directory : otherwise;
+}
+
+/* A file without a port would take all ports away, so none is made. */
+static void give_ports(task what, reader_ports &ports)
+{
+    const std::string text = ports.as_configuration();
+    const std::string path = linux_board::port_config_path();
+    const bool has_file = access(path.c_str(), F_OK) == 0;
+    if (text.empty() && has_file)
+        throw std::runtime_error("there is no port: " + path + " has no right line");
+    if (text.empty())
+        throw std::runtime_error("there is no port: there is no " + path +
+                                 ", and no driver of a network interface can read a module; "
+                                 "\"ethtool -m INTERFACE\", as root, shows what it answers");
+    if (what == task::write_ports && has_file)
+        throw std::runtime_error(path + " is there already, and its numbers hold");
+    if (what == task::write_ports)
+        module_reader::replace_file(path, text, 0644);
+    else if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)
+        throw std::system_error(errno, std::generic_category(), "standard output");
 }
 
 static void run(const options &chosen)
@@ -253,20 +303,19 @@ static void run(const options &chosen)
     endpoint where;
     if (chosen.what == task::serve)
         where = find_endpoint(chosen);
-    const char *directory = secure_getenv("RUNTIME_DIRECTORY"); /* the unit's */
-    module_reader::known_interfaces known(directory != nullptr ? directory : "");
-    reader_ports ports(read_config(), known);
-    if (chosen.what == task::print_ports) {
-        const std::string text = ports.as_configuration();
-        if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)
-            throw std::system_error(errno, std::generic_category(), "standard output");
-        return;
-    }
+    const bool is_serving = chosen.what == task::serve;
+    module_reader::known_interfaces known(directory_of("RUNTIME_DIRECTORY", ""));
+    reader_ports ports(read_config(), known,
+                       directory_of("STATE_DIRECTORY", is_serving ? "" : default_state),
+                       is_serving);
+    if (!is_serving)
+        return give_ports(chosen.what, ports);
     signal(SIGPIPE, SIG_IGN);
     module_reader::keep_net_admin_only();
     module_reader::allow_requests_only();
     serve(where, ports);
-    known.forget();
+    if (!where.is_ended)
+        known.forget();
 }
 
 int main(int argc, char **argv)

@@ -3,6 +3,8 @@
    by then. */
 #include "tesk_module_reader/reader_ports.h"
 
+#include "tesk_module_reader/saved_numbers.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -20,17 +22,19 @@ using linux_board::configured_port;
 using linux_board::link_report;
 using linux_board::module_source;
 
-static std::string name_of(const configured_port &port)
-{
-    return port.parent.empty() ? port.interface : port.parent + "/" + port.port_name;
-}
+/* An interface that every namespace has, and that no module belongs to. */
+static constexpr int32_t loopback = 1;
+
+static constexpr reader_request first_byte = {
+    .port = 0, .address = 0x50, .bank = 0, .page = 0, .offset = 0, .length = 1, .zero = 0};
 
 reader_ports::reader_ports(const std::optional<linux_board::port_config> &config,
-                           known_interfaces &known)
-    : known_(known), is_configured_(config.has_value()), route_(NETLINK_ROUTE)
+                           known_interfaces &known, const std::string &saved, bool is_saving)
+    : known_(known), checksum_(config ? config->checksum : linux_board::no_port_config),
+      route_(NETLINK_ROUTE)
 {
     if (!config) {
-        find_default_ports();
+        find_default_ports(saved, is_saving);
         return;
     }
     for (const configured_port &one : config->ports) {
@@ -53,36 +57,57 @@ reader_ports::~reader_ports()
             close(one.bus);
 }
 
-/* Reads the first byte of each interface's module. Numbers that an earlier reader assigned are not
-   assigned to other interfaces, even if their own are gone. */
-void reader_ports::find_default_ports()
+/* Some drivers refuse a single interface, as that of a virtual function: it has no module then. The
+   right is missing only if it is missing where no driver could refuse. */
+int reader_ports::read_module(int32_t index, const reader_request &request, std::span<uint8_t> out)
+{
+    const int error = modules_.read(index, request, out);
+    std::array<uint8_t, 1> byte;
+    const bool is_refused = error == EPERM || error == EACCES;
+    if (!is_refused)
+        return error;
+    return modules_.read(loopback, first_byte, byte) == error ? EPERM : EOPNOTSUPP;
+}
+
+/* Behind the ports that have a number come the interfaces that answer for a module, also if they
+   only say that it isn't there. False without the right to read: then it isn't known which do. */
+bool reader_ports::add_new_ports(std::vector<configured_port> &ports,
+                                 const std::vector<link_report> &all)
+{
+    bool may_read = true;
+    uint32_t next = ports.empty() ? 0 : ports.back().number + 1;
+    for (const link_report &interface : all) {
+        std::array<uint8_t, 1> byte;
+        const bool is_known = std::any_of(ports.begin(), ports.end(), [&](const auto &one) {
+            return known_.find(one.number, name_of(one)) == interface.index ||
+                   linux_board::is_interface_of(one, interface);
+        });
+        const int error = is_known ? 0 : read_module(interface.index, first_byte, byte);
+        may_read = may_read && error != EPERM;
+        if (is_known || error == EOPNOTSUPP || (error == EPERM && interface.parent.empty()) ||
+            next >= known_interfaces::most_ports)
+            continue;
+        ports.push_back(linux_board::port_of(next++, interface, all));
+    }
+    return may_read;
+}
+
+/* A reader that is started anew beside the same server has the interface of each number in `known`,
+   whatever the interface is called by then. */
+void reader_ports::find_default_ports(const std::string &saved, bool is_saving)
 {
     std::vector<link_report> all = linux_board::list_interfaces(route_);
     linux_board::sort_interfaces(all);
-    static constexpr reader_request first_byte = {
-        .port = 0, .address = 0x50, .bank = 0, .page = 0, .offset = 0, .length = 1, .zero = 0};
-    std::map<int32_t, uint32_t> known;
-    uint32_t next = 0;
-    for (uint32_t number = 0; number < known_interfaces::most_ports; number++)
-        if (const int32_t index = known_.find(number, {}); index != 0) {
-            known[index] = number;
-            next = number + 1;
-        }
-    for (const link_report &interface : all) {
-        std::array<uint8_t, 1> byte;
-        const int error = modules_.read(interface.index, first_byte, byte);
-        const bool may_not = error == EPERM || error == EACCES;
-        if (error == EOPNOTSUPP || (may_not && interface.parent.empty()))
-            continue;
-        const auto had = known.find(interface.index);
-        const uint32_t number = had != known.end() ? had->second : next++;
-        if (number >= known_interfaces::most_ports)
-            return;
-        port &added = ports_[number];
-        added.config.number = number;
-        added.config.interface = interface.name;
-        added.index = interface.index;
-        known_.set(number, {}, interface.index);
+    std::vector<configured_port> ports = load_numbers(saved);
+    const size_t saved_count = ports.size();
+    const bool may_read = add_new_ports(ports, all);
+    if (is_saving && may_read && ports.size() > saved_count)
+        save_numbers(saved, ports);
+    for (const configured_port &one : ports) {
+        port &added = ports_[one.number];
+        added.config = one;
+        added.index = known_.find(one.number, name_of(one));
+        take_interface(added, all);
     }
 }
 
@@ -92,12 +117,12 @@ bool reader_ports::is_taken(int32_t index) const
                        [index](const auto &entry) { return entry.second.index == index; });
 }
 
-bool reader_ports::find_interface(port &wanted)
+bool reader_ports::take_interface(port &wanted, const std::vector<link_report> &all)
 {
     if (wanted.index != 0)
         return true;
     int32_t found = 0;
-    for (const link_report &interface : linux_board::list_interfaces(route_)) {
+    for (const link_report &interface : all) {
         if (is_taken(interface.index))
             continue;
         if (linux_board::is_interface_of(wanted.config, interface)) {
@@ -110,8 +135,13 @@ bool reader_ports::find_interface(port &wanted)
     if (found == 0)
         return false;
     wanted.index = found;
-    known_.set(wanted.config.number, is_configured_ ? name_of(wanted.config) : "", found);
+    known_.set(wanted.config.number, name_of(wanted.config), found);
     return true;
+}
+
+bool reader_ports::find_interface(port &wanted)
+{
+    return wanted.index != 0 || take_interface(wanted, linux_board::list_interfaces(route_));
 }
 
 /* The kernel says ENODEV for an interface that is gone, but some drivers say it for a module that
@@ -120,7 +150,7 @@ int reader_ports::read_interface(port &wanted, const reader_request &request, re
 {
     for (int tries = 0; tries < 2 && find_interface(wanted); tries++) {
         const int error =
-            modules_.read(wanted.index, request, std::span(answer.bytes).first(request.length));
+            read_module(wanted.index, request, std::span(answer.bytes).first(request.length));
         link_report there;
         answer.interface = wanted.index;
         if (error != ENODEV || linux_board::ask_interface(route_, wanted.index, there) != ENODEV)
@@ -134,6 +164,11 @@ int reader_ports::read_interface(port &wanted, const reader_request &request, re
 reader_answer reader_ports::read(const reader_request &request)
 {
     reader_answer answer = {};
+    if (request.address == READER_ITSELF) {
+        static_assert(sizeof(checksum_) == READER_CHECKSUM_LENGTH);
+        memcpy(answer.bytes, &checksum_, sizeof(checksum_));
+        return answer;
+    }
     const auto found = ports_.find(request.port);
     answer.error = ENOENT;
     if (found == ports_.end())
@@ -156,7 +191,7 @@ std::string reader_ports::as_configuration()
     std::string text;
     for (auto &entry : ports_) {
         port &one = entry.second;
-        find_interface(one);
+        take_interface(one, all);
         const auto interface = std::find_if(all.begin(), all.end(), [&](const link_report &report) {
             return report.index == one.index;
         });

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -23,18 +24,21 @@ class reader_ports
 {
   public:
     /* Without a configuration the ports are the interfaces whose module can be read, in the order
-       of their places; without the right to read, those on a device. A port keeps the interface
-       that an earlier reader had for it. `known` outlives the object. Throws a std::system_error.
-     */
-    reader_ports(const std::optional<linux_board::port_config> &config, known_interfaces &known);
+       of their places; without the right to read, those on a device. They keep the numbers that
+       stand in `saved`, a directory; with `is_saving` new ones are added there. A port keeps the
+       interface that an earlier reader had for it. `known` outlives the object. Throws a
+       std::system_error. */
+    reader_ports(const std::optional<linux_board::port_config> &config, known_interfaces &known,
+                 const std::string &saved, bool is_saving);
     ~reader_ports();
     reader_ports(const reader_ports &) = delete;
     reader_ports &operator=(const reader_ports &) = delete;
 
-    /* One reading that keeps the rules of the protocol. */
+    /* One reading, or the checksum of the configuration, by the rules of the protocol. */
     reader_answer read(const reader_request &request);
 
-    /* The configuration that gives the ports the numbers that they have now. */
+    /* The configuration that gives the ports the numbers that they have now; empty without ports.
+     */
     std::string as_configuration();
 
   private:
@@ -45,13 +49,17 @@ class reader_ports
         int bus = -1;      /* a descriptor; negative if it can't be opened */
     };
 
-    void find_default_ports();
+    void find_default_ports(const std::string &saved, bool is_saving);
+    bool add_new_ports(std::vector<linux_board::configured_port> &ports,
+                       const std::vector<linux_board::link_report> &all);
+    int read_module(int32_t index, const reader_request &request, std::span<uint8_t> out);
     bool is_taken(int32_t index) const;
+    bool take_interface(port &wanted, const std::vector<linux_board::link_report> &all);
     bool find_interface(port &wanted);
     int read_interface(port &wanted, const reader_request &request, reader_answer &answer);
 
     known_interfaces &known_;
-    const bool is_configured_;
+    const uint64_t checksum_;
     interface_modules modules_;
     netlink::connection route_;
     std::map<uint32_t, port> ports_;

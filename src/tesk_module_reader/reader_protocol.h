@@ -14,11 +14,21 @@
 #define READER_LONGEST_READ 32
 #define READER_MOST_REQUESTS 16
 
+/* An address that no module has: the request is about the reader itself, and `offset` says which.
+   The length is that of a checksum, all else is 0. */
+#define READER_ITSELF 0
+#define READER_CHECKSUM_LENGTH 8
+enum reader_question {
+    READER_CONFIGURATION = 0, /* the checksum of its configuration; 0 without one */
+    READER_END = 1,           /* the same, and it ends: the configuration was replaced. The next
+                                 reader takes over which interface each port has. */
+};
+
 /* Bytes of a module's memory. A range never crosses byte 128; below it page and bank are 0. At
    address 0x51 there are no pages. */
 struct reader_request {
     uint16_t port;
-    uint8_t address; /* 0x50 or 0x51 */
+    uint8_t address; /* 0x50 or 0x51, or READER_ITSELF */
     uint8_t bank;
     uint8_t page;
     uint8_t offset;
@@ -30,9 +40,9 @@ struct reader_request {
    EINVAL     a request that breaks the rules above
    ENOENT     a port that the configuration doesn't have, or that has no module to be read here
    ENODEV     a port whose interface isn't there; `interface` is 0 then
-   EOPNOTSUPP an interface without a module
+   EOPNOTSUPP an interface without a module, or whose driver refuses this reading
    ENXIO      no module, or one that doesn't answer
-   EPERM      the reader lacks the right
+   EPERM      the reader lacks the right, at all interfaces
    ECANCELED  not done, as an earlier request of the packet for the same port had failed */
 struct reader_answer {
     int32_t error;

@@ -13,7 +13,14 @@ static constexpr uint8_t second_address = 0x51;
 static constexpr unsigned page_begin = 128;
 static constexpr unsigned memory_end = 256;
 
-static bool is_valid(const reader_request &request)
+static bool is_about_reader(const reader_request &request)
+{
+    return request.address == READER_ITSELF && request.offset <= READER_END &&
+           request.length == READER_CHECKSUM_LENGTH && request.port == 0 && request.bank == 0 &&
+           request.page == 0 && request.zero == 0;
+}
+
+static bool is_reading(const reader_request &request)
 {
     const unsigned end = unsigned{request.offset} + request.length;
     const bool in_lower = request.offset < page_begin;
@@ -46,7 +53,7 @@ std::vector<reader_answer> answer_packet(std::span<const uint8_t> packet, const 
     for (size_t i = 0; i < count; i++) {
         reader_request request;
         memcpy(&request, packet.data() + i * sizeof(request), sizeof(request));
-        if (!is_valid(request)) {
+        if (!is_reading(request) && !is_about_reader(request)) {
             answers.push_back(failed(EINVAL));
             continue;
         }

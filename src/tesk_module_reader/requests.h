@@ -13,7 +13,8 @@
 namespace module_reader
 {
 
-/* Makes one reading that keeps the rules of reader_protocol.h. */
+/* Makes one reading, or answers about the reader; the request keeps the rules of reader_protocol.h.
+ */
 using reading = std::function<reader_answer(const reader_request &)>;
 
 /* One answer for each request. Empty for a packet that isn't a whole number of requests, has none

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Handles random packets as requests to tesk-module-reader: each reading is within a module's
    memory and at most 32 bytes long, each request has one answer, and an answer with an error
-   contains no bytes of the module. The bits of the first byte choose the readings that fail. */
+   contains no bytes of the module; questions about the reader come as they are defined. The bits of
+   the first byte choose the readings that fail. */
 #include "tesk_module_reader/requests.h"
 #include "tests/fuzz/fuzz_input.h"
 
@@ -16,6 +17,10 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     size_t readings = 0;
     const auto answers = module_reader::answer_packet(packet, [&](const reader_request &asked) {
         const unsigned end = asked.offset + unsigned{asked.length};
+        if (asked.address == READER_ITSELF) {
+            assert(asked.offset <= READER_END && asked.length == 8 && asked.port == 0);
+            return reader_answer{};
+        }
         assert(asked.address == 0x50 || asked.address == 0x51);
         assert(asked.length >= 1 && asked.length <= 32);
         assert(asked.offset < 128 ? end <= 128 && asked.page == 0 && asked.bank == 0 : end <= 256);

@@ -80,4 +80,18 @@ std::string permanent_name(const link_report &interface, const std::vector<link_
     return interface.parent + "/" + interface.port_name;
 }
 
+configured_port port_of(uint32_t number, const link_report &interface,
+                        const std::vector<link_report> &all)
+{
+    configured_port port;
+    port.number = number;
+    if (permanent_name(interface, all) == interface.name) {
+        port.interface = interface.name;
+    } else {
+        port.parent = interface.parent;
+        port.port_name = interface.port_name;
+    }
+    return port;
+}
+
 } // namespace linux_board

@@ -29,5 +29,8 @@ void sort_interfaces(std::vector<link_report> &interfaces);
 /* The name in the configuration that stays valid: the interface's place, or, if that isn't unique
    among `all` or it has none, its name. */
 std::string permanent_name(const link_report &interface, const std::vector<link_report> &all);
+/* The port with that number and name. */
+configured_port port_of(uint32_t number, const link_report &interface,
+                        const std::vector<link_report> &all);
 
 } // namespace linux_board

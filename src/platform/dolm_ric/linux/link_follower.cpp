@@ -26,11 +26,18 @@ namespace linux_board
 /* The kernel answers at once or holds its lock; a lost answer is asked for again. */
 static constexpr std::chrono::seconds kernel_patience{5};
 
-/* Before then a caller that reads the link because of its rise has asked for the speed. */
+/* A speed that couldn't be asked for when the link rose is asked for so much later. */
 static constexpr std::chrono::milliseconds speed_patience{20};
 
-/* Notices taken in one go, before the questions of others get their turn. */
+/* A link may change its speed without a fall, of which the kernel has no message. */
+static constexpr std::chrono::seconds round_interval{30};
+
+/* Notices and questions in one go, before the others get their turn. */
 static constexpr int datagrams_at_once = 256;
+static constexpr int questions_at_once = 16;
+
+/* With more notices than these in one go there are better things to do than to ask for speeds. */
+static constexpr int notices_of_a_storm = 16;
 
 static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16_t number)
 {
@@ -38,8 +45,8 @@ static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16
 }
 
 link_follower::link_follower(follower_listener &listener, int receive_buffer)
-    : listener_(listener), table_(listener), notices_(NETLINK_ROUTE, receive_buffer),
-      questions_(NETLINK_ROUTE), ethtool_(NETLINK_GENERIC)
+    : listener_(listener), table_(listener, [this](int32_t index) { return speed_of_risen(index); }),
+      notices_(NETLINK_ROUTE, receive_buffer), questions_(NETLINK_ROUTE), ethtool_(NETLINK_GENERIC)
 {
     ethtool_family_ = netlink::find_family(ethtool_, ETHTOOL_GENL_NAME);
 }
@@ -59,12 +66,28 @@ void link_follower::add(uint32_t port, link_table::port_filter fits)
     table_.add(port, std::move(fits));
 }
 
+void link_follower::also_watch(int fd, std::function<void()> look)
+{
+    watched_fd_ = fd;
+    look_ = std::move(look);
+}
+
+bool link_follower::change(uint32_t port, link_table::port_filter fits, bool is_same)
+{
+    is_reading_due_ = true;
+    return table_.change(port, std::move(fits), is_same);
+}
+
+void link_follower::take_out(uint32_t port)
+{
+    table_.take_out(port, std::chrono::steady_clock::now());
+}
+
 /* First join, then read: nothing falls between the two. */
 void link_follower::start()
 {
     notices_.join(RTNLGRP_LINK);
     read_all();
-    ask_speeds();
     listener_.reports_taken();
     thread_.start("dolm-ric-links", [this] { run(); });
 }
@@ -72,23 +95,37 @@ void link_follower::start()
 void link_follower::run()
 {
     while (!thread_.is_stopping()) {
-        pollfd wanted[] = {{notices_.fd(), POLLIN, 0}, {thread_.wake_fd(), POLLIN, 0}};
+        pollfd wanted[] = {{notices_.fd(), POLLIN, 0},
+                           {thread_.wake_fd(), POLLIN, 0},
+                           {thread_.later_fd(), POLLIN, 0},
+                           {watched_fd_, POLLIN, 0}};
         poll(wanted, std::size(wanted), poll_timeout());
-        if (wanted[1].revents != 0)
-            thread_.clear_wake();
+        const bool is_woken = wanted[1].revents != 0 || wanted[2].revents != 0;
+        const bool is_later = is_woken && thread_.clear_wake();
         try {
-            if (drain() && is_behind_)
-                read_all();
-            answer_refreshes();
-            const auto now = std::chrono::steady_clock::now();
-            if (now >= speeds_due_)
-                ask_speeds();
-            table_.announce_settled(now);
-            listener_.reports_taken();
+            if (wanted[3].revents != 0)
+                look_();
+            take_turn(is_later);
         } catch (const std::exception &) {
             is_behind_ = true; /* no memory, or no answer: read all again */
         }
     }
+}
+
+void link_follower::take_turn(bool is_later)
+{
+    const bool is_drained = drain();
+    {
+        const std::lock_guard guard(refresh_lock_);
+        has_backlog_ = !is_drained || is_behind_;
+    }
+    take_round();
+    if (is_drained && (is_behind_ || is_reading_due_))
+        read_all();
+    answer_refreshes(is_later);
+    ask_speeds();
+    table_.announce_settled(std::chrono::steady_clock::now());
+    listener_.reports_taken();
 }
 
 int link_follower::poll_timeout() const
@@ -96,19 +133,20 @@ int link_follower::poll_timeout() const
     static constexpr int retry_ms = 100;
     if (is_behind_)
         return retry_ms;
-    auto next = table_.next_settling();
+    auto next = round_due_;
     if (!speeds_wanted_.empty())
-        next = std::min(next.value_or(speeds_due_), speeds_due_);
-    if (!next)
-        return -1;
+        next = std::min(next, speeds_due_);
+    if (const auto settling = table_.next_settling())
+        next = std::min(next, *settling);
     const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(*next - std::chrono::steady_clock::now());
+        std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
     return static_cast<int>(std::max<int64_t>(left.count(), 0));
 }
 
 /* Returns whether the queue was emptied. */
 bool link_follower::drain()
 {
+    notices_taken_ = 0;
     for (int count = 0; count < datagrams_at_once; count++) {
         const netlink::connection::received next = notices_.receive();
         if (next.error == EAGAIN)
@@ -118,6 +156,7 @@ bool link_follower::drain()
             losses_++;
             continue;
         }
+        notices_taken_++;
         netlink::byte_view rest = next.datagram;
         while (const auto notice = netlink::take_message(rest))
             take(*notice);
@@ -131,12 +170,17 @@ void link_follower::take(const netlink::message &notice)
         take_report(*report, link_table::origin::notice);
 }
 
-/* The speed is known only once the link is up, and after each rise it may be another. */
+/* The port is noted as reported before its event is queued, so that the read which this event
+   causes finds it so. */
 void link_follower::take_report(const link_report &report, link_table::origin from)
 {
     const auto now = std::chrono::steady_clock::now();
+    if (const auto port = table_.port_of(report.index)) {
+        const std::lock_guard guard(refresh_lock_);
+        reported_at_[*port] = now;
+    }
     table_.take(report, from, now);
-    if (!report.operational)
+    if (!table_.is_speed_wanted(report.index, now))
         return;
     if (speeds_wanted_.empty())
         speeds_due_ = now + speed_patience;
@@ -145,7 +189,7 @@ void link_follower::take_report(const link_report &report, link_table::origin fr
 
 void link_follower::read_all()
 {
-    is_behind_ = false;
+    is_behind_ = is_reading_due_ = false;
     const std::vector<link_report> found = list_interfaces(questions_);
     table_.begin_dump();
     for (const link_report &report : found)
@@ -163,7 +207,8 @@ void link_follower::ask_about(int32_t index)
         table_.forget(index, std::chrono::steady_clock::now());
 }
 
-void link_follower::ask_speed(int32_t index)
+/* Nothing without an answer: the speed that was known is kept, and asked for again. */
+std::optional<link_speed> link_follower::speed_now(int32_t index)
 {
     netlink::request question =
         netlink::generic_request(ethtool_family_, ETHTOOL_MSG_LINKMODES_GET);
@@ -171,52 +216,94 @@ void link_follower::ask_speed(int32_t index)
     question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
     question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
     question.end_nest(header);
+    if (ethtool_family_ == 0)
+        return std::nullopt;
     uint32_t speed = UINT32_MAX;
     uint32_t lanes = 0;
-    ethtool_.ask(question, kernel_patience, [&](const netlink::message &answer) {
+    const int error = ethtool_.ask(question, kernel_patience, [&](const netlink::message &answer) {
         const netlink::byte_view values = netlink::generic_attributes(answer);
         speed = read_number(values, ETHTOOL_A_LINKMODES_SPEED).value_or(speed);
         lanes = read_number(values, ETHTOOL_A_LINKMODES_LANES).value_or(lanes);
     });
-    table_.take_speed(index, link_speed_code(tenth_gbps_of(speed)), lanes,
-                      std::chrono::steady_clock::now());
+    if (error != 0 && error != EOPNOTSUPP)
+        return std::nullopt;
+    return link_speed{.code = link_speed_code(tenth_gbps_of(speed)), .lanes = lanes};
+}
+
+std::optional<link_speed> link_follower::speed_of_risen(int32_t index)
+{
+    return notices_taken_ > notices_of_a_storm ? std::nullopt : speed_now(index);
 }
 
 void link_follower::ask_speed_if_wanted(int32_t index)
 {
-    if (ethtool_family_ != 0 && table_.is_speed_wanted(index, std::chrono::steady_clock::now()))
-        ask_speed(index);
+    if (!table_.is_speed_wanted(index, std::chrono::steady_clock::now()))
+        return;
+    if (const auto speed = speed_now(index))
+        table_.take_speed(index, *speed, std::chrono::steady_clock::now());
+}
+
+/* Looks at what changes without a message. */
+void link_follower::take_round()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (now < round_due_)
+        return;
+    speeds_wanted_.merge(table_.indices());
+    speeds_due_ = now;
+    round_due_ = now + round_interval;
+    if (look_)
+        look_();
 }
 
 void link_follower::ask_speeds()
 {
-    const std::set<int32_t> wanted = std::exchange(speeds_wanted_, {});
-    for (const int32_t index : wanted)
-        ask_speed_if_wanted(index);
+    if (std::chrono::steady_clock::now() < speeds_due_)
+        return;
+    for (int count = 0; count < questions_at_once && !speeds_wanted_.empty(); count++)
+        ask_speed_if_wanted(speeds_wanted_.extract(speeds_wanted_.begin()).value());
 }
 
-/* The caller waits for its own port only if no earlier question is stuck in the kernel; a board of
-   many ports would else wait once for each of them. */
+/* Waits are forgotten at half the pace at which time passes without one. */
+bool link_follower::is_wait_worth_it(uint32_t port, link_table::time_point now)
+{
+    waited_ = std::max(waited_ - (now - waited_at_) / 2, waited_ * 0);
+    waited_at_ = now;
+    const auto reported = reported_at_.find(port);
+    const bool is_fresh = reported != reported_at_.end() && now - reported->second < fresh_age;
+    return !is_fresh && !is_stuck_ && !has_backlog_ && waited_ < read_patience;
+}
+
 void link_follower::refresh(uint32_t port)
 {
     std::unique_lock guard(refresh_lock_);
+    const auto begin = std::chrono::steady_clock::now();
+    if (!is_wait_worth_it(port, begin)) {
+        if (later_ports_.empty())
+            thread_.wake_later();
+        later_ports_.insert(port);
+        return;
+    }
     refresh_ports_.insert(port);
     const uint64_t ticket = ++refreshes_asked_;
     guard.unlock(); /* the thread that is woken takes the lock */
     thread_.wake();
     guard.lock();
-    if (!is_stuck_)
-        is_stuck_ =
-            !refreshed_.wait_for(guard, read_patience, [&] { return refreshes_done_ >= ticket; });
+    is_stuck_ = !refreshed_.wait_for(guard, read_patience - waited_,
+                                     [&] { return refreshes_done_ >= ticket; });
+    waited_at_ = std::chrono::steady_clock::now();
+    waited_ += waited_at_ - begin;
 }
 
-void link_follower::answer_refreshes()
+void link_follower::answer_refreshes(bool is_later)
 {
     std::set<uint32_t> ports;
     uint64_t ticket = 0;
     {
         const std::lock_guard guard(refresh_lock_);
         ports.swap(refresh_ports_);
+        if (is_later)
+            ports.merge(std::exchange(later_ports_, {}));
         ticket = refreshes_asked_;
     }
     if (ports.empty())

@@ -23,7 +23,7 @@ std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t
         state = last ? after : uint32_t{DOLM_RICRILINKSTATE_NOOPERATION};
         states.push_back(state);
     }
-    if (state != after)
+    if ((state == up) != (after == up))
         states.push_back(after);
     return states;
 }
@@ -50,7 +50,8 @@ static uint32_t falls_between(const link_report &before, const link_report &now)
     return !before.started && !now.started ? 0 : falls - (by_stop ? 1 : 0);
 }
 
-link_table::link_table(link_listener &listener) : listener_(listener)
+link_table::link_table(link_listener &listener, speed_source ask_speed)
+    : listener_(listener), ask_speed_(std::move(ask_speed))
 {
 }
 
@@ -58,12 +59,34 @@ void link_table::add(uint32_t port, port_filter fits)
 {
     links_[port] = {.number = port,
                     .fits = std::move(fits),
-                    .parent = {},
-                    .port_name = {},
-                    .last_name = {},
+                    .lost = {},
                     .last = {},
                     .announced = {DOLM_RICRILINKSTATE_NOOPERATION, 0, 0},
                     .settles_at = {}};
+}
+
+bool link_table::change(uint32_t port, port_filter fits, bool is_same)
+{
+    const auto found = links_.find(port);
+    if (found == links_.end()) {
+        add(port, std::move(fits));
+        return true;
+    }
+    port_link &link = found->second;
+    const link_report *const known =
+        link.index != 0 ? &link.last : link.lost ? &*link.lost : nullptr;
+    if (!is_same && known != nullptr && !fits(*known))
+        return false;
+    link.fits = std::move(fits);
+    link.is_out = false;
+    return true;
+}
+
+void link_table::take_out(uint32_t port, time_point now)
+{
+    port_link &link = links_.at(port);
+    forget(link.index, now);
+    link.is_out = true;
 }
 
 /* A port without an interface whose place this is. One that the name fits comes before one whose
@@ -72,12 +95,13 @@ link_table::port_link *link_table::find_free(const link_report &report)
 {
     port_link *returned_to = nullptr;
     for (auto &[number, link] : links_) {
-        if (link.index != 0 || (link.was_bound && (link.parent != report.parent ||
-                                                   link.port_name != report.port_name)))
+        if (link.index != 0 || link.is_out ||
+            (link.lost && (link.lost->parent != report.parent ||
+                           link.lost->port_name != report.port_name)))
             continue;
         if (link.fits(report))
             return &link;
-        if (returned_to == nullptr && link.was_bound && link.last_name == report.name)
+        if (returned_to == nullptr && link.lost && link.lost->name == report.name)
             returned_to = &link;
     }
     return returned_to;
@@ -93,8 +117,6 @@ link_table::port_link *link_table::bind(const link_report &report)
     if (link == nullptr)
         return nullptr;
     link->index = report.index;
-    link->parent = report.parent;
-    link->port_name = report.port_name;
     ports_[report.index] = link->number;
     return link;
 }
@@ -118,8 +140,7 @@ void link_table::take(const link_report &report, origin from, time_point now)
     if (older && from == origin::notice)
         return;
     if (older)
-        announce(*link, link_transitions(link->announced.state, 0, DOLM_RICRILINKSTATE_NOOPERATION),
-                 now);
+        announce(*link, 0, DOLM_RICRILINKSTATE_NOOPERATION, now);
     update(*link, report, known && !older, now);
 }
 
@@ -130,21 +151,25 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
     if (!is_same || link.last.rises != report.rises || !report.operational)
         link.speed_at.reset();
     link.last = report;
-    link.last_name = report.name;
-    link.was_bound = true;
     if (named_anew)
         listener_.interface_changed(link.number, &link.last);
     if (falls > 0)
         listener_.link_fell(link.number, falls);
+    if (report.operational && !link.speed_at && ask_speed_)
+        if (const auto speed = ask_speed_(report.index))
+            set_speed(link, *speed, now);
     announce_or_hold(link, falls, now);
 }
 
-/* A full filter has room for one fall at most when the hold ends, however many there were. */
+/* A full filter has room for one fall at most when the hold ends, however many there were. Another
+   speed is a fall that the counters don't have. */
 void link_table::announce_or_hold(port_link &link, uint32_t falls, time_point now)
 {
     if (!link.settles_at && now - link.announced_at >= settle_time)
         link.falls_left = max_falls;
     const uint32_t state = state_of(link.last);
+    if (link.announced.state == state && link.announced.speed != values_of(link, state).speed)
+        falls = std::max(falls, 1U);
     if (link.settles_at && link.falls_left == 0) {
         link.is_held = true;
         link.falls_held = std::max(link.falls_held, std::min(falls, 1U));
@@ -153,24 +178,24 @@ void link_table::announce_or_hold(port_link &link, uint32_t falls, time_point no
     }
     const uint32_t announced = std::min(falls, link.falls_left);
     link.falls_left -= announced;
-    announce(link, link_transitions(link.announced.state, announced, state), now);
+    announce(link, announced, state, now);
 }
 
-void link_table::take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_point now)
+void link_table::set_speed(port_link &link, const link_speed &speed, time_point now)
+{
+    link.speed = speed.code;
+    link.lanes = speed.lanes != 0 ? speed.lanes : link.lanes;
+    link.speed_at = now;
+}
+
+void link_table::take_speed(int32_t index, const link_speed &speed, time_point now)
 {
     const auto known = ports_.find(index);
     if (known == ports_.end())
         return;
     port_link &link = links_.at(known->second);
-    link.speed = speed;
-    link.lanes = lanes != 0 ? lanes : link.lanes;
-    link.speed_at = now;
-    const link_values now_known =
-        values_of(link, link.is_held ? state_of(link.last) : link.announced.state);
-    if (link.is_held || now_known.speed == link.announced.speed)
-        listener_.link_known(link.number, now_known);
-    else
-        announce(link, {link.announced.state}, now);
+    set_speed(link, speed, now);
+    announce_or_hold(link, 0, now);
 }
 
 bool link_table::is_speed_wanted(int32_t index, time_point now) const
@@ -190,8 +215,8 @@ void link_table::forget(int32_t index, time_point now)
     port_link &link = links_.at(known->second);
     ports_.erase(known);
     link.index = 0;
-    link.last = {};
-    announce(link, link_transitions(link.announced.state, 0, DOLM_RICRILINKSTATE_NOOPERATION), now);
+    link.lost = std::exchange(link.last, {});
+    announce(link, 0, DOLM_RICRILINKSTATE_NOOPERATION, now);
     listener_.interface_changed(link.number, nullptr);
 }
 
@@ -216,26 +241,31 @@ link_values link_table::values_of(const port_link &link, uint32_t state)
     return {state, state == DOLM_RICRILINKSTATE_OPERATIONAL ? link.speed : 0, link.lanes};
 }
 
-/* Events that follow each other closely may be handled in one go, and so in another order. An event
-   for which there is no memory is made up for when the link has settled. */
-void link_table::announce(port_link &link, const std::vector<uint32_t> &states, time_point now)
+/* Returns whether there was an event. Events that follow each other closely may be handled in one
+   go, and so in another order. An event for which there is no memory is made up for when the link
+   has settled. */
+bool link_table::announce(port_link &link, uint32_t falls, uint32_t state, time_point now)
 {
+    const std::vector<uint32_t> states = link_transitions(link.announced.state, falls, state);
     const bool was_held = std::exchange(link.is_held, false);
     link.falls_held = 0;
-    if (states.empty() && was_held)
-        listener_.link_known(link.number, values_of(link, link.announced.state));
-    if (states.empty())
-        return;
+    if (states.empty()) {
+        const link_values before = std::exchange(link.announced, values_of(link, state));
+        if (was_held || link.announced != before)
+            listener_.link_known(link.number, link.announced);
+        return false;
+    }
     const bool is_burst =
         link.settles_at.has_value() || states.size() > 1 || now - link.announced_at < settle_time;
     link.settles_at = now + settle_time;
     link.announced_at = now;
-    for (const uint32_t state : states) {
-        link.announced = values_of(link, state);
+    for (const uint32_t next : states) {
+        link.announced = values_of(link, next);
         listener_.link_changed(link.number, link.announced);
     }
     if (!is_burst)
         link.settles_at.reset();
+    return true;
 }
 
 std::optional<link_table::time_point> link_table::next_settling() const
@@ -251,11 +281,7 @@ std::optional<link_table::time_point> link_table::next_settling() const
  */
 void link_table::settle(port_link &link, time_point now)
 {
-    std::vector<uint32_t> states;
-    if (link.is_held)
-        states = link_transitions(link.announced.state, link.falls_held, state_of(link.last));
-    announce(link, states, now);
-    if (!states.empty())
+    if (link.is_held && announce(link, link.falls_held, state_of(link.last), now))
         return;
     link.announced = values_of(link, link.announced.state);
     listener_.link_changed(link.number, link.announced);
@@ -274,6 +300,14 @@ int32_t link_table::index_of(uint32_t port) const
 {
     const auto found = links_.find(port);
     return found == links_.end() ? 0 : found->second.index;
+}
+
+std::set<int32_t> link_table::indices() const
+{
+    std::set<int32_t> all;
+    for (const auto &[index, port] : ports_)
+        all.insert(index);
+    return all;
 }
 
 std::optional<uint32_t> link_table::port_of(int32_t index) const

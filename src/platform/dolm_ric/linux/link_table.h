@@ -11,7 +11,11 @@
    a filter by events gets as many falls as the counters, at most `max_falls` in one burst. The
    changes that follow in the burst are held back until it is over or has lasted for another
    `settle_time`: one fall and the true state are announced then. A caller that reads the link for
-   each event, while each read may find as many falls again, so ends up with a few events. */
+   each event, while each read may find as many falls again, so ends up with a few events.
+
+   That caller takes "stopped" and "down" for one state, and an event without a change of state for
+   nothing to report. So the way from one of the two to the other gives no event, and a link whose
+   speed changes while it stays up is announced as one fall: it was negotiated anew. */
 #pragma once
 
 #include "platform/dolm_ric/linux/link_report.h"
@@ -42,7 +46,7 @@ struct link_values {
 constexpr uint32_t max_falls = 5;
 
 /* The states to announce for a link that was announced as `before`, fell so often and is now as
-   `after`. Each state differs from the one before it; the last is `after`. */
+   `after`: in turn operational and not; the last is `after`. */
 std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t after);
 
 /* Called in the thread that passes the reports in. */
@@ -68,11 +72,18 @@ struct link_listener {
     }
 };
 
+struct link_speed {
+    uint32_t code = 0;  /* 0 if it isn't known */
+    uint32_t lanes = 0; /* the same */
+};
+
 class link_table
 {
   public:
     using time_point = std::chrono::steady_clock::time_point;
     using port_filter = std::function<bool(const link_report &)>;
+    /* The speed of the interface with that index; nothing if it can't be asked for now. */
+    using speed_source = std::function<std::optional<link_speed>(int32_t index)>;
 
     /* After a burst of events the state is announced once more when it has been quiet for so long:
        a caller that handles queued events in another order ends with the true state, too. */
@@ -85,14 +96,21 @@ class link_table
        always the state of that moment. */
     enum class origin : uint8_t { notice, answer };
 
-    explicit link_table(link_listener &listener);
+    /* `ask_speed` is called for a link that has risen, before its rise is announced. */
+    explicit link_table(link_listener &listener, speed_source ask_speed = {});
 
     /* A port without an interface; its link is down. */
     void add(uint32_t port, port_filter fits);
+    /* From now on that filter says which interface is the port's; a new port is added. False, and
+       nothing is changed, if the port has or had another interface; not asked where the filter is
+       the same as before. */
+    bool change(uint32_t port, port_filter fits, bool is_same);
+    /* The port keeps its number and has no interface until change() gives it its own again. */
+    void take_out(uint32_t port, time_point now);
 
     void take(const link_report &report, origin from, time_point now);
-    /* The speed of an interface, as a code, and its lanes (0 if they aren't known). */
-    void take_speed(int32_t index, uint32_t speed, uint32_t lanes, time_point now);
+    /* The speed that an interface has now. */
+    void take_speed(int32_t index, const link_speed &speed, time_point now);
     /* Whether a port's link is operational and its speed isn't known, or is old. */
     bool is_speed_wanted(int32_t index, time_point now) const;
     /* The interface is gone. */
@@ -108,6 +126,8 @@ class link_table
 
     /* The interface of a port, or 0. */
     int32_t index_of(uint32_t port) const;
+    /* All interfaces that are ports. */
+    std::set<int32_t> indices() const;
     /* The port of an interface. */
     std::optional<uint32_t> port_of(int32_t index) const;
 
@@ -116,9 +136,8 @@ class link_table
         uint32_t number;
         port_filter fits;
         int32_t index = 0;
-        bool was_bound = false;
-        std::string parent, port_name; /* of the first interface */
-        std::string last_name;         /* of the interface that it has or had */
+        bool is_out = false;
+        std::optional<link_report> lost; /* of the interface that it had */
         link_report last;
         uint32_t speed = 0; /* as it was taken last */
         uint32_t lanes = 0;
@@ -132,14 +151,16 @@ class link_table
     };
 
     static link_values values_of(const port_link &link, uint32_t state);
+    static void set_speed(port_link &link, const link_speed &speed, time_point now);
     port_link *find_free(const link_report &report);
     port_link *bind(const link_report &report);
     void update(port_link &link, const link_report &report, bool is_same, time_point now);
     void announce_or_hold(port_link &link, uint32_t falls, time_point now);
-    void announce(port_link &link, const std::vector<uint32_t> &states, time_point now);
+    bool announce(port_link &link, uint32_t falls, uint32_t state, time_point now);
     void settle(port_link &link, time_point now);
 
     link_listener &listener_;
+    const speed_source ask_speed_;
     std::map<uint32_t, port_link> links_;
     std::map<int32_t, uint32_t> ports_; /* by index */
     std::set<int32_t> reported_;        /* since begin_dump */

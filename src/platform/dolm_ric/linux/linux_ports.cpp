@@ -6,6 +6,7 @@
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/port_map.h"
+#include "util/descriptor.h"
 #include "util/escape.h"
 
 #include <algorithm>
@@ -13,8 +14,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <sys/stat.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -26,6 +29,7 @@ namespace linux_board
 /* A reader that is ending with the last server refuses this one; systemd starts another for the
    retry. */
 static constexpr std::chrono::milliseconds reader_restart{1000};
+static constexpr int reader_tries = 5;
 
 /* Interfaces that appeared later and were reported. */
 static constexpr size_t most_left_out = 20;
@@ -35,68 +39,122 @@ static constexpr size_t most_left_out = 20;
 static constexpr std::chrono::seconds first_look_patience{3};
 
 linux_ports::linux_ports(board::port_events &events, std::string reader)
-    : events_(events), reader_(std::move(reader)), modules_(*this, reader_), links_(*this)
+    : events_(events), reader_(std::move(reader)), watch_(port_config_path()),
+      modules_(*this, reader_), links_(*this)
 {
 }
 
-void linux_ports::add_port(uint32_t number, const std::string &name, link_table::port_filter fits)
+/* A port that is to be polled again, or otherwise, begins as an empty one. */
+void linux_ports::set_module(port_copy &port)
 {
-    ports_[number] = {
-        .name = name, .port_name = {}, .link = {DOLM_RICRILINKSTATE_NOOPERATION, 0, 0}};
-    links_.add(number, std::move(fits));
-}
-
-void linux_ports::add(const std::vector<configured_port> &ports)
-{
-    for (const configured_port &one : ports) {
-        const std::string place = one.parent + "/" + one.port_name;
-        add_port(one.number, one.parent.empty() ? one.interface : place,
-                 [one](const link_report &report) { return is_interface_of(one, report); });
-        ports_.at(one.number).lanes = one.lanes;
-        if (one.source == module_source::none)
-            continue;
-        modules_.add(one.number, one.file);
-        modules_.trust_sums(one.number, one.ignores_checksum);
+    const bool is_polled = !port.is_out && port.config.source != module_source::none;
+    if (is_polled) {
+        modules_.add(port.config.number, port.config.file);
+        modules_.trust_sums(port.config.number, port.config.ignores_checksum);
     }
+    modules_.set_interface(port.config.number, is_polled ? port.interface : 0);
 }
 
-/* The port keeps to the interface by its place, or by its name if that isn't unique. */
-void linux_ports::add_interface(uint32_t number, const link_report &interface,
-                                const std::vector<link_report> &all)
+/* Nothing is said before the modules have been asked for by the new number. */
+void linux_ports::set_port(const configured_port &port)
 {
-    const bool by_name = permanent_name(interface, all) == interface.name;
-    add_port(number, interface.name, [interface, by_name](const link_report &report) {
-        return by_name
-                   ? report.name == interface.name
-                   : report.parent == interface.parent && report.port_name == interface.port_name;
-    });
-    modules_.add(number, {});
+    const auto found = ports_.find(port.number);
+    const bool is_new = found == ports_.end();
+    const bool is_same = !is_new && name_of(found->second.config) == name_of(port);
+    const auto fits = [port](const link_report &report) { return is_interface_of(port, report); };
+    if (!links_.change(port.number, fits, is_same)) {
+        fprintf(stderr,
+                "libdolm_ric: port %u was %s and doesn't become %s while the server runs: it is "
+                "empty until a restart\n",
+                port.number, escape(found->second.name).c_str(), escape(name_of(port)).c_str());
+        return take_out(port.number);
+    }
+    const auto guard = events_.lock();
+    port_copy &changed = ports_[port.number];
+    const bool has_module_as_before =
+        !is_new && !changed.is_out && changed.config.source == port.source &&
+        changed.config.file == port.file && changed.config.i2c_bus == port.i2c_bus &&
+        changed.config.ignores_checksum == port.ignores_checksum;
+    if (is_new || changed.interface == 0)
+        changed.name = name_of(port);
+    if (is_new)
+        changed.link = {DOLM_RICRILINKSTATE_NOOPERATION, 0, 0};
+    changed.config = port;
+    changed.is_out = false;
+    if (!has_module_as_before)
+        set_module(changed);
 }
 
-/* The reader numbers the interfaces whose module it can read; a gap is one that went away. */
-std::map<uint32_t, link_report> linux_ports::default_ports(std::vector<link_report> all)
+void linux_ports::take_out(uint32_t number)
+{
+    {
+        const auto guard = events_.lock();
+        port_copy &gone = ports_.at(number);
+        gone.is_out = true;
+        set_module(gone);
+    }
+    links_.take_out(number);
+}
+
+/* Ports are taken out first, since their interface may have got a new number. */
+void linux_ports::set(const port_config &config)
+{
+    std::set<uint32_t> listed;
+    modules_.expect(config.checksum);
+    for (const configured_port &one : config.ports)
+        listed.insert(one.number);
+    for (const auto &[number, one] : ports_)
+        if (!listed.contains(number) && !one.is_out)
+            take_out(number);
+    for (const configured_port &one : config.ports)
+        if (ports_.contains(one.number))
+            set_port(one);
+    for (const configured_port &one : config.ports)
+        if (!ports_.contains(one.number))
+            set_port(one);
+    has_default_ports_ = false;
+    is_map_old_ = true;
+}
+
+/* A gap in the numbers is an interface that went away. */
+std::map<uint32_t, link_report> linux_ports::ports_at_reader(const std::vector<link_report> &all,
+                                                             int &error)
 {
     std::map<uint32_t, link_report> ports;
-    int error = 0;
     for (uint32_t number = 0; number < board::max_ports; number++) {
-        int32_t index = modules_.interface_at_reader(number, error);
-        if (error == ENOTCONN && access(reader_.c_str(), F_OK) == 0) {
-            std::this_thread::sleep_for(reader_restart);
-            index = modules_.interface_at_reader(number, error);
-        }
-        if (error == ENOENT)
+        const int32_t index = modules_.interface_at_reader(number, error);
+        if (error == ENOENT || error == ENOTCONN || error == EACCES)
             return ports;
-        if (error == ENOTCONN || error == EACCES)
-            break;
         for (const link_report &interface : all)
             if (interface.index == index)
                 ports[number] = interface;
     }
+    return ports;
+}
+
+/* The reader numbers the interfaces whose module it can read. */
+std::map<uint32_t, link_report> linux_ports::default_ports(std::vector<link_report> all)
+{
+    int error = 0;
+    std::map<uint32_t, link_report> ports = ports_at_reader(all, error);
+    for (int tries = 1; error == ENOTCONN && tries < reader_tries; tries++) {
+        if (access(reader_.c_str(), F_OK) != 0)
+            break;
+        std::this_thread::sleep_for(reader_restart);
+        ports = ports_at_reader(all, error);
+    }
+    if (error != ENOTCONN && error != EACCES)
+        return ports;
     ports.clear();
     sort_interfaces(all);
     std::erase_if(all, [](const link_report &interface) { return interface.parent.empty(); });
     for (const link_report &interface : all)
         ports[static_cast<uint32_t>(ports.size())] = interface;
+    fprintf(stderr,
+            "libdolm_ric: tesk-module-reader at %s %s: the ports are all %zu interfaces on a "
+            "device, with or without a cage\n",
+            escape(reader_).c_str(), error == EACCES ? "may not be used" : "doesn't answer",
+            ports.size());
     return ports;
 }
 
@@ -104,8 +162,10 @@ void linux_ports::add_default_ports()
 {
     netlink::connection route(NETLINK_ROUTE);
     const std::vector<link_report> all = list_interfaces(route);
-    for (const auto &[number, interface] : default_ports(all))
-        add_interface(number, interface, all);
+    for (const auto &[number, interface] : default_ports(all)) {
+        set_port(port_of(number, interface, all));
+        ports_.at(number).name = interface.name;
+    }
     for (const link_report &interface : all)
         seen_at_start_.insert(interface.index);
     has_default_ports_ = true;
@@ -114,8 +174,10 @@ void linux_ports::add_default_ports()
 /* The links come first, since the modules are looked for on the interfaces that were found. */
 void linux_ports::start()
 {
+    links_.also_watch(watch_.fd(), [this] { look_at_config(); });
     links_.start();
     modules_.start(first_look_patience);
+    report_ports();
 }
 
 void linux_ports::stop() noexcept
@@ -158,7 +220,7 @@ static dolm_ric_link_status link_record(uint32_t number, const link_values &link
 /* The lanes of a link are those between host and module. */
 port_view linux_ports::port_copy::view() const
 {
-    return {.lanes = lanes,
+    return {.lanes = config.lanes,
             .host_lanes = lanes_of_port(port_name, link.lanes),
             .stopped = link.state == DOLM_RICRILINKSTATE_STOPPED};
 }
@@ -244,16 +306,18 @@ void linux_ports::link_known(uint32_t number, const link_values &now)
 
 void linux_ports::interface_changed(uint32_t number, const link_report *now)
 {
+    const auto guard = events_.lock();
+    port_copy &changed = ports_.at(number);
+    changed.interface = now == nullptr ? 0 : now->index;
     if (now != nullptr) {
-        const auto guard = events_.lock();
-        port_copy &changed = ports_.at(number);
         changed.name = now->name;
         changed.port_name = now->port_name;
     }
     is_map_old_ = true;
     modules_.expect_logging(number, now != nullptr && logs_failed_readings(now->parent));
     modules_.look_now(number);
-    modules_.set_interface(number, now == nullptr ? 0 : now->index);
+    if (changed.config.source != module_source::none)
+        modules_.set_interface(number, changed.interface);
 }
 
 /* Interfaces without a device, as those of containers, are not reported. */
@@ -277,7 +341,8 @@ void linux_ports::reports_taken()
     {
         const auto guard = events_.lock();
         for (const auto &[number, one] : ports_)
-            names[number] = one.name;
+            if (!one.is_out)
+                names[number] = one.name;
     }
     board::write_port_map(board::port_map_path(), names);
 }
@@ -296,13 +361,16 @@ void linux_ports::module_read(uint32_t number, const module_contents &contents, 
 /* Each reason is printed once for a module, however often its memory is read. */
 void linux_ports::module_doubted(uint32_t number, const std::vector<const char *> &reasons)
 {
-    std::vector<const char *> &reported = ports_.at(number).reported_doubts;
-    for (const char *reason : reasons) {
-        if (std::find(reported.begin(), reported.end(), reason) != reported.end())
-            continue;
-        reported.push_back(reason);
-        fprintf(stderr, "libdolm_ric: port %u: %s\n", number, reason);
+    std::vector<const char *> news;
+    {
+        const auto guard = events_.lock();
+        std::vector<const char *> &reported = ports_.at(number).reported_doubts;
+        std::copy_if(reasons.begin(), reasons.end(), std::back_inserter(news),
+                     [&](const char *reason) { return std::ranges::count(reported, reason) == 0; });
+        reported.insert(reported.end(), news.begin(), news.end());
     }
+    for (const char *reason : news)
+        fprintf(stderr, "libdolm_ric: port %u: %s\n", number, reason);
 }
 
 void linux_ports::module_presence_changed(uint32_t number, module_presence now)
@@ -343,24 +411,74 @@ static const char *reader_address()
     return value != nullptr && *value != '\0' ? value : READER_SOCKET;
 }
 
-/* Nothing without a file. */
+/* Nothing without a file. Throws a board_error if it can't be read. */
 static std::optional<port_config> read_config()
 {
     const std::string path = port_config_path();
-    const int fd = open_port_config(path);
-    if (fd < 0 && errno == ENOENT) {
-        if (path != default_port_config)
-            fprintf(stderr, "libdolm_ric: %s: no such file; the ports are all interfaces\n",
-                    escape(path).c_str());
+    const util::descriptor file(open_port_config(path));
+    if (!file.is_open() && errno == ENOENT)
         return std::nullopt;
-    }
-    if (fd < 0)
+    if (!file.is_open())
         throw board::board_error(path + ": " + strerror(errno));
-    port_config config = read_port_config(fd, path);
-    close(fd);
+    port_config config = read_port_config(file.get(), path);
     for (const std::string &message : config.messages)
         fprintf(stderr, "libdolm_ric: %s\n", message.c_str());
     return config;
+}
+
+/* A file without a port is taken for a mistake. */
+void linux_ports::look_at_config()
+{
+    if (!watch_.has_changed())
+        return;
+    const std::string path = escape(port_config_path());
+    try {
+        const auto config = read_config();
+        if (config && !config->ports.empty()) {
+            set(*config);
+            return report_ports();
+        }
+        fprintf(stderr, "libdolm_ric: %s %s: the ports stay as they are\n", path.c_str(),
+                config ? "lists no port" : "is gone");
+    } catch (const board::board_error &error) {
+        fprintf(stderr, "libdolm_ric: %s: the ports stay as they are\n", error.what());
+    }
+}
+
+/* In the journal, which systemd names by device and inode, a line that begins so is no error. */
+static const char *information_prefix()
+{
+    const char *journal = secure_getenv("JOURNAL_STREAM");
+    struct stat status = {};
+    const bool is_journal = journal != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+                            std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) ==
+                                journal;
+    return is_journal ? "<6>" : "";
+}
+
+void linux_ports::report_ports()
+{
+    const std::string path = escape(port_config_path());
+    size_t ports = 0;
+    size_t modules = 0;
+    {
+        const auto guard = events_.lock();
+        for (const auto &[number, one] : ports_) {
+            ports += one.is_out ? 0 : 1;
+            modules += one.presence == module_presence::absent ? 0 : 1;
+        }
+    }
+    if (ports == 0 && has_default_ports_)
+        fprintf(stderr,
+                "libdolm_ric: there is no port: there is no %s, and of %zu network interfaces none "
+                "has a module that its driver can read\n",
+                path.c_str(), seen_at_start_.size());
+    else if (ports == 0)
+        fprintf(stderr, "libdolm_ric: there is no port: %s has no right line\n", path.c_str());
+    else
+        fprintf(stderr, "%slibdolm_ric: %zu port%s by %s%s, %zu with a module\n",
+                information_prefix(), ports, ports == 1 ? "" : "s",
+                has_default_ports_ ? "device, as there is no " : "", path.c_str(), modules);
 }
 
 } // namespace linux_board
@@ -372,7 +490,7 @@ std::unique_ptr<board::port_source> board::make_port_source(core &events)
         auto ports =
             std::make_unique<linux_board::linux_ports>(events, linux_board::reader_address());
         if (config)
-            ports->add(config->ports);
+            ports->set(*config);
         else
             ports->add_default_ports();
         return ports;

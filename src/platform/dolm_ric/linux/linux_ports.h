@@ -5,6 +5,7 @@
    modules. The copy is guarded by the core's lock. */
 #pragma once
 
+#include "platform/dolm_ric/linux/config_watch.h"
 #include "platform/dolm_ric/linux/link_follower.h"
 #include "platform/dolm_ric/linux/module_contents.h"
 #include "platform/dolm_ric/linux/module_decode.h"
@@ -33,8 +34,10 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     /* `reader` as reader_client takes it. Throws a std::system_error. */
     linux_ports(board::port_events &events, std::string reader);
 
-    /* The ports of a configuration, before start(). */
-    void add(const std::vector<configured_port> &ports);
+    /* The ports of a configuration: before start(), and on the thread that follows the links when
+       the file was replaced. A number that has or had an interface keeps it: a line that names
+       another one, and a number without a line, leave the port without link and module. */
+    void set(const port_config &config);
     /* The ports of a machine without one, before start(): those that the reader has, or without a
        reader all interfaces on a device. One that appears later has no port, since a reader that is
        started anew could number it otherwise; a line on stderr says so. Throws a std::system_error.
@@ -55,9 +58,11 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     using time_point = std::chrono::steady_clock::time_point;
 
     struct port_copy {
+        configured_port config = {};
+        bool is_out = false;   /* of the configuration */
+        int32_t interface = 0; /* its index, or 0 */
         std::string name;      /* of its interface, or as configured while it has none */
         std::string port_name; /* the kernel's, of the cage's part */
-        uint32_t lanes = 0;    /* by the configuration; bit n: lane n */
         link_values link;
         module_presence presence = module_presence::absent;
         module_contents contents = {};
@@ -67,10 +72,14 @@ class linux_ports final : public board::port_source, follower_listener, module_l
         port_view view() const;
     };
 
-    void add_port(uint32_t number, const std::string &name, link_table::port_filter fits);
-    void add_interface(uint32_t number, const link_report &interface,
-                       const std::vector<link_report> &all);
+    void set_port(const configured_port &port);
+    void take_out(uint32_t number);
+    void set_module(port_copy &port);
     std::map<uint32_t, link_report> default_ports(std::vector<link_report> all);
+    std::map<uint32_t, link_report> ports_at_reader(const std::vector<link_report> &all,
+                                                    int &error);
+    void look_at_config();
+    void report_ports();
 
     void link_changed(uint32_t number, const link_values &now) override;
     void link_known(uint32_t number, const link_values &now) override;
@@ -88,6 +97,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     bool is_map_old_ = true; /* the thread that follows the links; the next ones, too */
     bool has_default_ports_ = false;
     std::set<int32_t> seen_at_start_;
+    config_watch watch_;
     std::set<std::string> left_out_; /* names that were reported */
     mutable module_follower modules_;
     link_follower links_; /* last: it uses all others */

@@ -99,7 +99,9 @@ static int copy_bytes(const std::vector<uint8_t> &file, piece &wanted)
 
 void module_files::add(uint32_t port, std::string path)
 {
-    files_[port] = {.path = std::move(path)};
+    files_.erase(port);
+    if (!path.empty())
+        files_[port] = {.path = std::move(path)};
 }
 
 bool module_files::has(uint32_t port) const

@@ -20,6 +20,7 @@ constexpr size_t largest_module_file = 65536;
 class module_files final : public module_access
 {
   public:
+    /* Without a path the port has no file any more. */
     void add(uint32_t port, std::string path);
     bool has(uint32_t port) const;
 

@@ -44,6 +44,13 @@ void module_follower::add(uint32_t port, const std::string &file)
     thread_.wake();
 }
 
+void module_follower::expect(uint64_t configuration)
+{
+    const std::lock_guard guard(lock_);
+    orders_.configuration = configuration;
+    thread_.wake();
+}
+
 void module_follower::set_interface(uint32_t port, int32_t index)
 {
     const std::lock_guard guard(lock_);
@@ -145,9 +152,10 @@ void module_follower::carry_out_orders()
         const std::lock_guard guard(lock_);
         std::swap(orders, orders_);
     }
+    if (orders.configuration)
+        reader_.expect(*orders.configuration);
     for (const auto &[port, file] : orders.added) {
-        if (!file.empty())
-            files_.add(port, file);
+        files_.add(port, file);
         poller_.add(port, file.empty());
     }
     for (const auto &[port, index] : orders.interfaces)

@@ -29,8 +29,12 @@ class module_follower final : module_access
     module_follower(module_listener &listener, std::string reader);
     ~module_follower() override;
 
-    /* A port whose module is to be polled; one with a `file` has its module there. */
+    /* A port whose module is to be polled; one with a `file` has its module there. Of a port that is
+       there already the module is then read so. */
     void add(uint32_t port, const std::string &file);
+    /* The checksum of the configuration that the reader must have, as reader_client::expect(). It
+       holds for all readings that begin later, and is called before the other changes. */
+    void expect(uint64_t configuration);
     void set_interface(uint32_t port, int32_t index);
     void link_changed(uint32_t port);
     void diagnostics_wanted(uint32_t port);
@@ -54,6 +58,7 @@ class module_follower final : module_access
     /* The notes of other threads that are not yet handled: at most one of a kind for each port,
        however often it was made. */
     struct order_book {
+        std::optional<uint64_t> configuration = {};
         std::map<uint32_t, std::string> added; /* with the file, if the module has one */
         std::map<uint32_t, int32_t> interfaces;
         std::set<uint32_t> links_changed;

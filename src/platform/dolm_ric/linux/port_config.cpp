@@ -210,6 +210,11 @@ static reason parse_line(parser &state, std::string_view line)
     return std::nullopt;
 }
 
+std::string name_of(const configured_port &port)
+{
+    return port.parent.empty() ? port.interface : port.parent + "/" + port.port_name;
+}
+
 port_config parse_port_config(std::string_view text, std::string_view name)
 {
     parser state;
@@ -300,12 +305,23 @@ static const char *read_text(int descriptor, std::string &text)
     return nullptr;
 }
 
+/* FNV-1a: the same in both processes, whatever library each is built with. */
+static uint64_t checksum_of(std::string_view text)
+{
+    uint64_t sum = 0xcbf29ce484222325;
+    for (const char byte : text)
+        sum = (sum ^ static_cast<uint8_t>(byte)) * 0x100000001b3;
+    return sum;
+}
+
 port_config read_port_config(int descriptor, std::string_view name)
 {
     std::string text;
     if (const char *reason_unread = read_text(descriptor, text))
-        return {{}, {std::string(name) + ": " + reason_unread}};
-    return parse_port_config(text, name);
+        return {{}, {std::string(name) + ": " + reason_unread}, unread_port_config};
+    port_config config = parse_port_config(text, name);
+    config.checksum = checksum_of(text);
+    return config;
 }
 
 const char *reason_not_trusted(int descriptor, uid_t owner)

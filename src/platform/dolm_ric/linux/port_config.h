@@ -37,15 +37,25 @@ struct configured_port {
     uint32_t i2c_bus = 0;
     uint32_t lanes = 0; /* bit n: lane n + 1; 0: all that the kernel's name for the port stands for */
     bool ignores_checksum = false;
+
+    bool operator==(const configured_port &) const = default;
 };
 
 /* The words behind the interface, each with a space before it. */
 std::string options_of(const configured_port &port);
 
+/* The interface, as a line names it. */
+std::string name_of(const configured_port &port);
+
+/* In the place of a checksum: there is no file, or it can't be read. */
+constexpr uint64_t no_port_config = 0;
+constexpr uint64_t unread_port_config = 1;
+
 /* Ports by number; each message is one line without its end, "FILE:LINE: REASON". */
 struct port_config {
     std::vector<configured_port> ports;
     std::vector<std::string> messages;
+    uint64_t checksum = no_port_config; /* of the file's bytes */
 };
 
 /* No larger file is read, and no more messages are made: the last one counts those left out. */

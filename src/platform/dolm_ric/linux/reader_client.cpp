@@ -3,10 +3,13 @@
    answer wasn't awaited is closed. */
 #include "platform/dolm_ric/linux/reader_client.h"
 
+#include "util/escape.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <string_view>
@@ -18,7 +21,15 @@
 namespace linux_board
 {
 
-static constexpr int longest_pause_log2 = 5; /* in seconds */
+/* A reader that is told to end has been replaced by then. */
+static constexpr std::chrono::seconds restart_patience{5};
+
+/* Before the next try, after so many failures in a row. */
+static std::chrono::seconds pause_after(int failures)
+{
+    constexpr int longest_log2 = 5;
+    return std::chrono::seconds(1 << std::min(failures, longest_log2));
+}
 
 static constexpr std::string_view inherited_prefix = "fd:";
 
@@ -47,6 +58,14 @@ void reader_client::disconnect()
     if (fd_ >= 0)
         close(fd_);
     fd_ = -1;
+    is_agreed_ = false;
+}
+
+void reader_client::expect(uint64_t configuration)
+{
+    expected_ = configuration;
+    is_agreed_ = false;
+    strangers_ = 0;
 }
 
 int reader_client::connect_reader()
@@ -58,7 +77,7 @@ int reader_client::connect_reader()
         return connect_error_;
     connect_error_ = connect_now();
     if (fd_ < 0 || lost_ > 0)
-        connect_from_ = now + std::chrono::seconds(1 << std::min(lost_, longest_pause_log2));
+        connect_from_ = now + pause_after(lost_);
     return connect_error_;
 }
 
@@ -104,20 +123,70 @@ static int await_answer(int fd, int stop_fd)
     return wanted[1].revents != 0 ? ECANCELED : 0;
 }
 
-int reader_client::exchange(std::span<piece> pieces)
+/* `answers` has the length of `requests`. */
+int reader_client::talk(std::span<const reader_request> requests, std::span<reader_answer> answers)
 {
-    if (const int error = connect_reader())
-        return error;
-    const auto requests = make_requests(pieces);
-    const size_t size = pieces.size() * sizeof(reader_request);
+    const size_t size = requests.size_bytes();
     if (send(fd_, requests.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
         return ENOTCONN;
     if (const int error = await_answer(fd_, stop_fd_))
         return error;
+    const ssize_t length = recv(fd_, answers.data(), answers.size_bytes(), MSG_TRUNC);
+    return length == static_cast<ssize_t>(answers.size_bytes()) ? 0 : ENOTCONN;
+}
+
+int reader_client::ask_itself(reader_question question, uint64_t &checksum)
+{
+    const reader_request request = {.port = 0,
+                                    .address = READER_ITSELF,
+                                    .bank = 0,
+                                    .page = 0,
+                                    .offset = static_cast<uint8_t>(question),
+                                    .length = READER_CHECKSUM_LENGTH,
+                                    .zero = 0};
+    reader_answer answer = {};
+    const int error = talk({&request, 1}, {&answer, 1});
+    memcpy(&checksum, answer.bytes, sizeof(checksum));
+    return error == 0 && answer.error != 0 ? ENOTCONN : error;
+}
+
+/* A second reader with another configuration has not only missed the moment of a replacement. */
+int reader_client::agree()
+{
+    uint64_t theirs = 0;
+    if (const int error = ask_itself(READER_CONFIGURATION, theirs))
+        return error;
+    is_agreed_ = theirs == expected_;
+    if (is_agreed_) {
+        strangers_ = 0;
+        return 0;
+    }
+    const bool is_inherited = where_.starts_with(inherited_prefix);
+    if (++strangers_ == (is_inherited ? 1 : 3))
+        fprintf(stderr,
+                "libdolm_ric: no module is read: the configuration of tesk-module-reader is "
+                "another than %s%s\n",
+                escape(port_config_path()).c_str(),
+                is_inherited ? "; start both anew" : "; DOLM_RIC_PORTS must be the same for both");
+    ask_itself(READER_END, theirs);
+    const auto now = std::chrono::steady_clock::now();
+    connect_from_ = now + pause_after(strangers_ - 1);
+    quiet_until_ = connect_from_ + restart_patience;
+    return ESTALE;
+}
+
+int reader_client::exchange(std::span<piece> pieces)
+{
+    if (const int error = connect_reader())
+        return error;
+    if (!is_agreed_)
+        if (const int error = agree())
+            return error;
+    const auto requests = make_requests(pieces);
     std::array<reader_answer, most_pieces> answers = {};
-    const size_t expected = pieces.size() * sizeof(reader_answer);
-    if (recv(fd_, answers.data(), sizeof(answers), 0) != static_cast<ssize_t>(expected))
-        return ENOTCONN;
+    if (const int error = talk(std::span(requests).first(pieces.size()),
+                               std::span(answers).first(pieces.size())))
+        return error;
     for (size_t i = 0; i < pieces.size(); i++) {
         pieces[i].error = answers[i].error;
         pieces[i].interface = answers[i].interface;
@@ -126,16 +195,19 @@ int reader_client::exchange(std::span<piece> pieces)
     return 0;
 }
 
+/* A reader that was told to end may still refuse connections. */
 void reader_client::read(std::span<piece> pieces)
 {
-    const int error = exchange(pieces);
+    int error = exchange(pieces);
     if (error == 0) {
         lost_ = 0;
         return;
     }
+    if (error == ENOTCONN && std::chrono::steady_clock::now() < quiet_until_)
+        error = ESTALE;
     if (fd_ >= 0) {
-        lost_++;
-        connect_error_ = ENOTCONN;
+        lost_ += error == ESTALE ? 0 : 1;
+        connect_error_ = error == ESTALE ? ESTALE : ENOTCONN;
     }
     disconnect();
     for (piece &wanted : pieces)

@@ -3,8 +3,11 @@
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
+#include "platform/dolm_ric/linux/port_config.h"
 
 #include <chrono>
+#include <cstdint>
+#include <span>
 #include <string>
 
 namespace linux_board
@@ -24,6 +27,11 @@ class reader_client final : public module_access
     reader_client(const reader_client &) = delete;
     reader_client &operator=(const reader_client &) = delete;
 
+    /* The checksum of the configuration that the reader must have; before start or on the thread of
+       read(). A reader with another one is told to end, so that the next one reads the file anew;
+       until one has this, readings fail with ESTALE. A line on stderr says if that lasts. */
+    void expect(uint64_t configuration);
+
     /* Connects if need be; after a failure not again for a second, and more and more seldom, at
        last each 32 s, where a reader is there and leaves without an answer: each try starts a
        process. ENOTCONN if there is no reader, EACCES if it may not be used, ETIMEDOUT if it
@@ -34,6 +42,9 @@ class reader_client final : public module_access
   private:
     int connect_reader();
     int connect_now();
+    int talk(std::span<const reader_request> requests, std::span<reader_answer> answers);
+    int ask_itself(reader_question question, uint64_t &checksum);
+    int agree();
     int exchange(std::span<piece> pieces);
     void disconnect();
 
@@ -42,6 +53,10 @@ class reader_client final : public module_access
     int fd_ = -1;
     int connect_error_ = 0;
     int lost_ = 0; /* connections since the last answer */
+    uint64_t expected_ = no_port_config;
+    bool is_agreed_ = false; /* with the reader that is connected */
+    int strangers_ = 0;      /* readers with another configuration since the last agreement */
+    std::chrono::steady_clock::time_point quiet_until_ = {};
     std::chrono::steady_clock::time_point connect_from_ = {};
 };
 

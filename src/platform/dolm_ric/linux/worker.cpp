@@ -75,11 +75,11 @@ void worker::wake_later()
 }
 
 /* A timerfd is read like an eventfd. */
-void worker::clear_wake()
+bool worker::clear_wake()
 {
     eventfd_t count;
     eventfd_read(wake_fd_, &count);
-    eventfd_read(later_fd_, &count);
+    return eventfd_read(later_fd_, &count) == 0;
 }
 
 } // namespace linux_board

@@ -47,8 +47,8 @@ class worker
     {
         return later_fd_;
     }
-    /* Takes the wake-ups of both kinds. The worker's thread. */
-    void clear_wake();
+    /* Takes the wake-ups of both kinds; whether one was of wake_later(). The worker's thread. */
+    bool clear_wake();
 
   private:
     int wake_fd_;
