@@ -59,8 +59,10 @@ connection::~connection()
     if (!control)
         return;
     std::shared_ptr<entry> place = area->place();
+    if (is_peer_gone || !is_bell_own)
+        area.reset();
     if (is_bell_own)
-        part(std::move(control), is_peer_gone ? nullptr : area, std::move(place), peer);
+        part(std::move(control), std::move(area), std::move(place), peer);
     else
         hang_up(std::move(control), {}, peer, std::move(place));
 }
