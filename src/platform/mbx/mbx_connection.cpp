@@ -122,9 +122,7 @@ holding weigh(const connection &c, time_point now)
 {
     static constexpr auto time_to_read = std::chrono::milliseconds(100);
     const std::shared_ptr<entry> &place = c.area->place();
-    if (!place || c.held() == 0)
-        return {};
-    return place->weigh(now - c.read > time_to_read);
+    return place ? place->weigh(now - c.read > time_to_read) : holding{};
 }
 
 void set_monitor(connection &c, block *notice, uint32_t reference)
