@@ -4,6 +4,7 @@
 #include <atomic>
 #include <bit>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -38,6 +39,27 @@ owned_fd make_area_memory()
     if (errno != EMFILE && errno != ENFILE && errno != ENOMEM)
         complain_about_memory(errno);
     return {};
+}
+
+owned_fd reopen_memory(int memory)
+{
+    char path[sizeof("/proc/self/fd/") + 3 * sizeof(memory)];
+    snprintf(path, sizeof(path), "/proc/self/fd/%d", memory);
+    owned_fd again(open(path, O_RDWR | O_CLOEXEC));
+    if (again)
+        fcntl(again.get(), F_SETSIG, SIGURG); /* see below */
+    return again;
+}
+
+/* The kernel grants a lease for writing while nobody else has the file open; a mapping counts as
+   the opening that it was made by. Who opens the file just now waits until the lease is given back,
+   and lets the kernel send a signal, which is one that does nothing by default. */
+bool is_open_elsewhere(int memory)
+{
+    if (fcntl(memory, F_SETLEASE, F_WRLCK) != 0)
+        return errno == EAGAIN;
+    fcntl(memory, F_SETLEASE, F_UNLCK);
+    return false;
 }
 
 /* A file of another kind could block at each access, or end below its size. Only files in memory
@@ -81,17 +103,29 @@ std::shared_ptr<mapped_area> mapped_area::map(int memory)
     if (!page)
         return nullptr;
     area->page_ = reinterpret_cast<shared_page *>(page);
-    area->counted_.set(page_bytes);
     area->rest_ = map_part(memory, page_bytes, 2 * rest_span, 0, place_of_rest(page));
     return area->rest_ ? area : nullptr;
 }
 
+void mapped_area::give_back_sent()
+{
+    madvise(ring(1).rest, rest_span, MADV_REMOVE);
+    count(HELD_SENT, 0);
+}
+
+static void unmap_part(void *start, size_t bytes, bool is_given_back)
+{
+    if (!start)
+        return;
+    if (is_given_back)
+        madvise(start, bytes, MADV_REMOVE);
+    munmap(start, bytes);
+}
+
 mapped_area::~mapped_area()
 {
-    if (page_)
-        munmap(page_, page_bytes);
-    if (rest_)
-        munmap(rest_, 2 * rest_span);
+    unmap_part(page_, page_bytes, is_given_back_);
+    unmap_part(rest_, 2 * rest_span, is_given_back_);
 }
 
 owned_fd make_bell()

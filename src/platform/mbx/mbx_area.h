@@ -11,7 +11,7 @@
    passed as a bell: the connecting side reads by RWF_NOWAIT, which never waits. */
 #pragma once
 
-#include "platform/mbx/mbx_backlog.h"
+#include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_fd.h"
 #include "platform/mbx/mbx_ring.h"
 
@@ -52,6 +52,12 @@ struct mapped_ring {
    system refuses it; the first time it says so on standard error. */
 owned_fd make_area_memory();
 
+/* Another opening of it. Empty where /proc is not there. */
+owned_fd reopen_memory(int memory);
+/* Whether somebody has a reopened file open, or mapped, by another opening than this one. Whoever
+   only keeps a path to it (O_PATH) is not seen. */
+bool is_open_elsewhere(int memory);
+
 /* Whether a descriptor that was passed is what make_area_memory makes: kind, size and seals are
    checked. The close of such a file does not wait for anybody. */
 bool is_area_memory(int memory);
@@ -74,6 +80,35 @@ class mapped_area
         return {&page_->words[side], page_->home[side],
                 rest_ + static_cast<size_t>(side) * rest_span};
     }
+    /* Its place in the accounts, which it holds as long as it exists; null for none. On the
+       accepting side (`is_ours`), whose first use of the pages has charged them to us, all are given
+       back in the end, whoever maps them. */
+    void hold(std::shared_ptr<entry> place, bool is_ours)
+    {
+        place_ = std::move(place);
+        is_given_back_ = is_ours;
+    }
+    const std::shared_ptr<entry> &place() const
+    {
+        return place_;
+    }
+    void count(held_kind kind, size_t bytes) const
+    {
+        if (place_)
+            place_->count(kind, bytes);
+    }
+    /* Whether the connecting side, by its word, has taken all that was sent to it. */
+    bool is_read() const
+    {
+        return page_->words[1].head == page_->words[1].tail;
+    }
+    /* What the accepting side has sent beyond the first page is lost. */
+    void give_back_sent();
+    /* The pages stay for the peer in the end. */
+    void leave_to_peer()
+    {
+        is_given_back_ = false;
+    }
     /* In a forked child, where the memory is not mapped. */
     void forget()
     {
@@ -84,7 +119,8 @@ class mapped_area
   private:
     shared_page *page_ = nullptr;
     unsigned char *rest_ = nullptr;
-    counted_bytes<areas_in_all> counted_;
+    bool is_given_back_ = false;
+    std::shared_ptr<entry> place_;
 };
 
 /* Empty, with errno, on failure. */
