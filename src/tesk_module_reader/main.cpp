@@ -193,8 +193,11 @@ static endpoint find_endpoint(const options &chosen)
 static void accept_client(endpoint &where)
 {
     const int fd = accept4(where.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0)
+    if (fd < 0) {
+        if (errno != EAGAIN && errno != ECONNABORTED && where.clients.empty())
+            throw std::system_error(errno, std::generic_category(), "accept");
         return;
+    }
     ucred peer = {};
     socklen_t length = sizeof(peer);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == where.owner) {
@@ -234,7 +237,8 @@ static void serve(endpoint &where, reader_ports &ports)
             wanted.push_back({client, POLLIN, 0});
         const bool has_room = where.clients.size() < most_clients;
         wanted.push_back({has_room ? where.listener : -1, POLLIN, 0});
-        poll(wanted.data(), wanted.size(), -1);
+        if (poll(wanted.data(), wanted.size(), -1) < 0 && errno != EINTR)
+            throw std::system_error(errno, std::generic_category(), "poll");
         bool is_left = false;
         for (const pollfd &ready : std::span(wanted).first(wanted.size() - 1)) {
             if (ready.revents == 0 || serve_client(ready.fd, ports))

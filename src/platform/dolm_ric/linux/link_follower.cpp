@@ -10,13 +10,13 @@
 
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_speed.h"
+#include "util/poll.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <linux/ethtool_netlink.h>
 #include <linux/rtnetlink.h>
 #include <optional>
-#include <poll.h>
 #include <system_error>
 #include <utility>
 
@@ -73,7 +73,7 @@ void link_follower::run()
 {
     while (!thread_.is_stopping()) {
         pollfd wanted[] = {{notices_.fd(), POLLIN, 0}, {thread_.wake_fd(), POLLIN, 0}};
-        poll(wanted, std::size(wanted), poll_timeout());
+        util::poll_or_pause(wanted, poll_timeout());
         if (wanted[1].revents != 0)
             thread_.clear_wake();
         try {

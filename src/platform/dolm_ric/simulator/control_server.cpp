@@ -11,6 +11,7 @@
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
 #include "util/local_socket.h"
+#include "util/poll.h"
 #include "util/thread.h"
 
 #include <algorithm>
@@ -19,7 +20,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -168,7 +168,7 @@ void control_server::serve()
         for (const peer &known : peers_)
             polled.push_back(
                 {known.socket.get(), static_cast<short>(known.pending ? 0 : POLLIN), 0});
-        poll(polled.data(), polled.size(), can_accept_ ? -1 : 1000);
+        util::poll_or_pause(polled, can_accept_ ? -1 : 1000);
         eventfd_t calls;
         eventfd_read(wakeup_.get(), &calls);
         serve_peers(std::span(polled).subspan(2));
