@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The modules of libmbx by themselves, with plain memory and eventfds: records in a ring, backlogs,
-   the inbox and whose turn it is, shares, the closing thread, and the waker. */
+   the inbox and whose turn it is, accounts, the closing thread, and the waker. */
+#include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_connection.h"
 #include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_inbox.h"
-#include "platform/mbx/mbx_share.h"
 #include "platform/mbx/mbx_socket.h"
 #include "platform/mbx/mbx_waker.h"
 #include "testkit/raw_peer.h"
@@ -181,31 +181,6 @@ TEST(a_backlog, keeps_the_order_and_gives_its_memory_back_each_time)
     }
 }
 
-TEST(bound_of_all, counts_first_pages_and_leaves_a_little_however_many_there_are)
-{
-    constexpr size_t mib = size_t{1} << 20;
-    constexpr struct {
-        size_t held, left, mapped, areas;
-        bool is_passed;
-    } cases[] = {{56, 0, 0, 0, false}, {55, 1, 1, 0, true},   {30, 0, 0, 26, false},
-                 {30, 0, 0, 27, true}, {0, 0, 0, 200, false}, {8, 0, 0, 200, false},
-                 {7, 1, 1, 200, true}};
-    for (const auto &one : cases) {
-        counted_bytes<held_in_all> held;
-        counted_bytes<left_in_all> left;
-        counted_bytes<mapped_in_all> mapped;
-        counted_bytes<areas_in_all> areas;
-        held.set(one.held * mib);
-        left.set(one.left * mib);
-        mapped.set(one.mapped * mib);
-        areas.set(one.areas * mib);
-        EXPECT_EQ(is_too_much_held(), one.is_passed) << &one - cases;
-    }
-    const size_t before = areas_in_all;
-    const auto area = mapped_area::map(make_area_memory().get());
-    EXPECT_EQ(areas_in_all, before + page_bytes);
-}
-
 /* An inbox with senders that ring by hand. */
 struct turns : testing::Test {
     struct sender {
@@ -321,27 +296,39 @@ TEST_F(turns, who_rings_and_leaves_at_once_does_not_leave_the_owner_waiting)
     EXPECT_EQ(next(), 0u);
 }
 
-TEST(shares, one_process_gets_a_quarter_and_another_user_half)
+TEST(accounts, leave_half_of_what_is_left_to_the_next_and_know_who_holds_most)
 {
     rlimit before, limit;
     getrlimit(RLIMIT_NOFILE, &before);
     limit = before;
-    limit.rlim_cur = 64 * fds_per_connection;
+    limit.rlim_cur = 160 * fds_per_connection;
     setrlimit(RLIMIT_NOFILE, &limit);
-    std::vector<share> all;
-    const auto take = [&](pid_t process, uid_t user) {
+    constexpr struct {
+        pid_t process;
+        uid_t user;
+        size_t gets;
+    } rows[] = {{101, 4711, 40}, {102, 4711, 20}, {103, 4711, 10}, {104, 4712, 23}, {0, 4713, 33},
+                {105, 0, 1},     {106, 4714, 8},  {107, 0, 0},     {108, 4715, 6}};
+    std::vector<std::shared_ptr<entry>> all;
+    for (const auto &row : rows) {
         size_t got = 0;
-        for (share s; (s = share::take({process, user})).is_held(); got++)
-            all.push_back(std::move(s));
-        return got;
-    };
-    EXPECT_EQ(take(101, geteuid()), 16u);
-    EXPECT_EQ(take(102, 4711), 16u);
-    EXPECT_EQ(take(103, 4711), 16u);
-    EXPECT_EQ(take(104, 4711), 0u);
-    EXPECT_EQ(take(104, 4712), 16u);
+        for (; auto one = entry::open({row.process, row.user}, false); got++)
+            all.push_back(std::move(one));
+        EXPECT_EQ(got, row.gets) << row.process;
+    }
     all.clear();
-    EXPECT_EQ(take(104, 4711), 16u);
+    EXPECT_EQ(total.connections, 0u);
+    const auto small = entry::open({101, 4711}, false), large = entry::open({102, 4711}, false),
+               other = entry::open({103, 4712}, false), more = entry::open({103, 4712}, false);
+    small->count(HELD_SENT, 3000), large->count(HELD_RECEIVED, 4000);
+    other->count(HELD_SENT, 3500), more->count(HELD_SENT, 2500);
+    for (const auto *less : {&small, &other, &more})
+        EXPECT_GT(large->weigh(false), (*less)->weigh(false)) << "of the user with most";
+    EXPECT_GT(small->weigh(true), large->weigh(false)) << "late";
+    large->count(HELD_RECEIVED, 2000);
+    for (const auto *less : {&small, &large, &more})
+        EXPECT_GT(other->weigh(false), (*less)->weigh(false));
+    EXPECT_EQ(total.bytes, 11000u);
     setrlimit(RLIMIT_NOFILE, &before);
 }
 

@@ -3,8 +3,8 @@
 
    A client sends a hello. The answer is a welcome with the memory and the bells, or a refusal: the
    two mailboxes are connected already, or there can be no connection now. Signals flow only after
-   a welcome. A connection that does not greet is closed after two seconds, and one process may have
-   a few such at a time.
+   a welcome. A connection that does not greet is closed after two seconds, and earlier when its
+   process makes more of them.
 
    When descriptors have run out, accepting would fail for as long as that lasts and the listener
    would stay readable: it is left alone for a moment and tried again. The same is done while the
@@ -46,7 +46,7 @@ static constexpr auto time_to_greet = 2s;
 static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
 static constexpr auto time_to_answer = 1ms;
-static constexpr size_t ungreeted_at_most = 16; /* of one process */
+static constexpr int ungreeted_at_most = 16; /* of one process */
 static constexpr int wordless_at_most = 20;     /* in a row, of one process */
 
 /* Guarded by helper_lock. */
@@ -121,9 +121,9 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         send_greeting(control, greeting_kind::known, m.token);
         return;
     }
-    share held = share::take(n.peer);
+    std::shared_ptr<entry> place = entry::open(n.peer, false);
     std::optional<offer> made;
-    if (held.is_held())
+    if (place)
         made = prepared ? std::exchange(prepared, {}) : make_offer();
     if (!made) {
         send_greeting(control, greeting_kind::refused, m.token);
@@ -135,7 +135,7 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     parts.control = std::move(n.control);
     parts.token = hello.token;
     parts.peer = n.peer;
-    parts.held = std::move(held);
+    parts.area->hold(std::move(place), true);
     const uint32_t id = add_connection(m, std::move(parts));
     accepted.emplace_back(m.slot, id);
     later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
@@ -177,12 +177,19 @@ static bool try_greeting(newcomer &n)
     return true;
 }
 
-static bool may_wait(const newcomer &n)
+static void drop(std::vector<newcomer>::iterator late)
 {
-    return static_cast<size_t>(
-               std::count_if(newcomers.begin(), newcomers.end(), [&](const newcomer &other) {
-                   return other.peer.key() == n.peer.key();
-               })) < ungreeted_at_most;
+    helper_unwatch(late->control.get());
+    hang_up(std::move(late->control), {}, late->peer);
+    newcomers.erase(late);
+}
+
+/* The one of them that has waited longest goes: it was the least likely to greet. */
+static void make_place_for(const newcomer &n)
+{
+    const auto is_same = [&](const newcomer &other) { return other.peer.key() == n.peer.key(); };
+    if (std::count_if(newcomers.begin(), newcomers.end(), is_same) >= ungreeted_at_most)
+        drop(std::find_if(newcomers.begin(), newcomers.end(), is_same));
 }
 
 /* A client greets as soon as it is connected, so that mostly the greeting is there already and the
@@ -193,8 +200,8 @@ static void handle_newcomer(newcomer &&n)
         return;
     n.number = ++last_number;
     n.deadline = std::chrono::steady_clock::now() + time_to_greet;
-    n.is_watched =
-        may_wait(n) && helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number);
+    make_place_for(n);
+    n.is_watched = helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number);
     if (n.is_watched)
         newcomers.push_back(std::move(n));
     else
@@ -259,12 +266,8 @@ static void wake_listeners()
 
 static time_point keep_time(time_point now)
 {
-    while (!newcomers.empty() && newcomers.front().deadline <= now) {
-        newcomer &late = newcomers.front();
-        helper_unwatch(late.control.get());
-        hang_up(std::move(late.control), {}, late.peer);
-        newcomers.erase(newcomers.begin());
-    }
+    while (!newcomers.empty() && newcomers.front().deadline <= now)
+        drop(newcomers.begin());
     if (!resting.empty() && retry <= now)
         wake_listeners();
     if (later <= now)

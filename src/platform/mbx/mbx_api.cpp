@@ -7,6 +7,7 @@
 
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_parting.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -43,7 +44,8 @@ static void before_fork() /* in the order of the locks */
     helper_lock.lock();
     registry_lock.lock();
     for_each_mailbox([](mailbox &m) { m.lock.lock(); });
-    shares_lock.lock();
+    parting_lock.lock();
+    accounts_lock.lock();
     closer_lock.lock();
     lock_waker();
 }
@@ -52,7 +54,8 @@ static void after_fork()
 {
     unlock_waker();
     closer_lock.unlock();
-    shares_lock.unlock();
+    accounts_lock.unlock();
+    parting_lock.unlock();
     for_each_mailbox([](mailbox &m) { m.lock.unlock(); });
     registry_lock.unlock();
     helper_lock.unlock();
@@ -66,7 +69,8 @@ static void after_fork_in_child()
     forget_helper();
     end_accepting(true);
     for_each_mailbox(forget_mailbox);
-    forget_shares();
+    end_parting(true);
+    forget_accounts();
     is_initialized = false;
 }
 
@@ -128,6 +132,7 @@ int mbx_init(int version, int, int, int, int)
     make_room_for_descriptors();
     set_up_peers();
     set_up_accepting();
+    set_up_parting();
     is_initialized = true;
     return 0;
 }
@@ -147,6 +152,7 @@ void mbx_exit(void)
     stop_helper();
     end_accepting(false);
     linger(std::chrono::steady_clock::now() + linger_time);
+    end_parting(false);
     stop_waker();
 }
 
@@ -217,6 +223,8 @@ mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
     std::unique_lock hold(m->lock);
     m->run.end();
     block *b = m->id == id ? m->in.receive(hold, filter, timeout_ms, sender) : nullptr;
+    hold.unlock();
+    shed();
     return b ? b->signal() : nullptr;
 }
 

@@ -81,17 +81,29 @@ std::shared_ptr<mapped_area> mapped_area::map(int memory)
     if (!page)
         return nullptr;
     area->page_ = reinterpret_cast<shared_page *>(page);
-    area->counted_.set(page_bytes);
     area->rest_ = map_part(memory, page_bytes, 2 * rest_span, 0, place_of_rest(page));
     return area->rest_ ? area : nullptr;
 }
 
+void mapped_area::give_back_sent()
+{
+    madvise(ring(1).rest, rest_span, MADV_REMOVE);
+    count(HELD_SENT, 0);
+}
+
+static void unmap_part(void *start, size_t bytes, bool is_given_back)
+{
+    if (!start)
+        return;
+    if (is_given_back)
+        madvise(start, bytes, MADV_REMOVE);
+    munmap(start, bytes);
+}
+
 mapped_area::~mapped_area()
 {
-    if (page_)
-        munmap(page_, page_bytes);
-    if (rest_)
-        munmap(rest_, 2 * rest_span);
+    unmap_part(page_, page_bytes, is_given_back_);
+    unmap_part(rest_, 2 * rest_span, is_given_back_);
 }
 
 owned_fd make_bell()

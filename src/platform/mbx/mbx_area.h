@@ -11,7 +11,7 @@
    passed as a bell: the connecting side reads by RWF_NOWAIT, which never waits. */
 #pragma once
 
-#include "platform/mbx/mbx_backlog.h"
+#include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_fd.h"
 #include "platform/mbx/mbx_ring.h"
 
@@ -74,6 +74,35 @@ class mapped_area
         return {&page_->words[side], page_->home[side],
                 rest_ + static_cast<size_t>(side) * rest_span};
     }
+    /* Its place in the accounts, which it holds as long as it exists; null for none. On the
+       accepting side (`is_ours`), whose first use of the pages has charged them to us, all are given
+       back in the end, whoever maps them. */
+    void hold(std::shared_ptr<entry> place, bool is_ours)
+    {
+        place_ = std::move(place);
+        is_given_back_ = is_ours;
+    }
+    const std::shared_ptr<entry> &place() const
+    {
+        return place_;
+    }
+    void count(held_kind kind, size_t bytes) const
+    {
+        if (place_)
+            place_->count(kind, bytes);
+    }
+    /* Whether the connecting side, by its word, has taken all that was sent to it. */
+    bool is_read() const
+    {
+        return page_->words[1].head == page_->words[1].tail;
+    }
+    /* What the accepting side has sent beyond the first page is lost. */
+    void give_back_sent();
+    /* The pages stay for the peer in the end. */
+    void leave_to_peer()
+    {
+        is_given_back_ = false;
+    }
     /* In a forked child, where the memory is not mapped. */
     void forget()
     {
@@ -84,7 +113,8 @@ class mapped_area
   private:
     shared_page *page_ = nullptr;
     unsigned char *rest_ = nullptr;
-    counted_bytes<areas_in_all> counted_;
+    bool is_given_back_ = false;
+    std::shared_ptr<entry> place_;
 };
 
 /* Empty, with errno, on failure. */

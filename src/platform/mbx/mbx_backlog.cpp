@@ -26,17 +26,6 @@ struct backlog::piece {
 static constexpr size_t piece_bytes = size_t{128} * 1024; /* more than the largest record */
 static constexpr size_t head_bytes = 8;
 
-std::atomic<size_t> held_in_all;
-std::atomic<size_t> left_in_all;
-std::atomic<size_t> mapped_in_all;
-std::atomic<size_t> areas_in_all;
-
-bool is_too_much_held()
-{
-    const size_t held = held_in_all + left_in_all + mapped_in_all;
-    return held > held_in_all_at_least && held + areas_in_all > held_in_all_at_most;
-}
-
 static size_t record_bytes(uint32_t size)
 {
     return head_bytes + ((size_t{size} + 7) & ~size_t{7});

@@ -22,7 +22,7 @@ static void *run(void *)
     while (!waiting->empty()) {
         {
             const std::vector<owned_fd> fds = std::move(waiting->front().fds);
-            const share held = std::move(waiting->front().held);
+            const std::shared_ptr<entry> place = std::move(waiting->front().place);
             hold.unlock();
         }
         hold.lock();

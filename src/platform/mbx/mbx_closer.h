@@ -8,8 +8,8 @@
    passed may still lie. */
 #pragma once
 
+#include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_fd.h"
-#include "platform/mbx/mbx_share.h"
 
 #include <mutex>
 #include <vector>
@@ -18,11 +18,11 @@
 constexpr size_t closing_at_most = 16;
 
 /* The descriptors of one message, or of one connection, that are to be closed. It holds the
-   connection's place in the shares until that is done. */
+   connection's place in the accounts until that is done. */
 struct to_close {
     std::vector<owned_fd> fds;
     peer_identity peer;
-    share held;
+    std::shared_ptr<entry> place;
 };
 
 /* Takes it over and returns at once. */

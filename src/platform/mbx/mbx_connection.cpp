@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "platform/mbx/mbx_connection.h"
 
+#include "platform/mbx/mbx_parting.h"
+
 #include <algorithm>
 
 /* Without a fan-out, which only a sender that can ring is in, the receiver is woken at once. */
@@ -27,7 +29,7 @@ static bool push(connection &c, const void *signal, uint32_t size, fan_out *run)
 
 static void count_held(connection &c)
 {
-    c.held.set(c.ring.touched() + c.waiting.memory());
+    c.area->count(HELD_SENT, c.held());
 }
 
 void set_up(connection &c, connection_parts &&parts)
@@ -38,36 +40,51 @@ void set_up(connection &c, connection_parts &&parts)
     c.control = std::move(parts.control);
     c.token = parts.token;
     c.peer = parts.peer;
-    c.place = std::move(parts.held);
     c.was_located = parts.was_located;
     c.is_bell_own = parts.side == 0;
 }
 
-/* The area stays mapped while the inbox has something to take from its other ring. Descriptors
-   passed over the control connection are not closed here. */
+/* The area stays mapped while the inbox has something to take from its other ring, and, if the peer
+   may still read, until that has closed its end. Descriptors passed over the control connection are
+   not closed here. */
 connection::~connection()
 {
     set_monitor(*this, nullptr, 0);
-    ring.leave(is_peer_gone);
+    waiting.clear();
+    if (is_peer_gone)
+        ring.leave();
+    if (area)
+        count_held(*this);
     retire_bell(std::move(far_bell));
-    if (control)
+    if (!control)
+        return;
+    std::shared_ptr<entry> place = area->place();
+    if (is_bell_own)
+        part(std::move(control), is_peer_gone ? nullptr : area, std::move(place), peer);
+    else
         hang_up(std::move(control), {}, peer, std::move(place));
 }
 
 bool deliver(connection &c, const block *b, fan_out &run)
 {
     const void *signal = b + 1;
+    if (c.ring.touched() > 0 && is_much_held())
+        c.ring.trim();
+    const bool is_first = c.held() == 0;
     const bool is_sent = c.waiting.is_empty() && push(c, signal, b->size, &run);
     if (!is_sent && !c.waiting.push(signal, b->size))
         return false;
-    if (!is_sent || c.ring.touched() > 0)
+    if (!is_sent || c.ring.touched() > 0) {
         count_held(c);
+        if (is_first)
+            c.read = std::chrono::steady_clock::now();
+    }
     if (is_sent)
         return true;
     if (!c.awaits_room)
         while (flush(c) == flushing::goes_on) {
         }
-    return c.held.get() <= held_for_one_at_most;
+    return c.held() <= held_for_one_at_most;
 }
 
 /* With plenty of room, any signal fits: so each call makes progress, or the receiver reports. */
@@ -84,6 +101,7 @@ flushing flush(connection &c)
         budget -= std::min<size_t>(budget, size + 8);
     }
     count_held(c);
+    c.read = std::chrono::steady_clock::now();
     c.awaits_room = !c.waiting.is_empty();
     if (!c.awaits_room)
         return flushing::done;
@@ -95,6 +113,16 @@ bool trim(connection &c)
     c.ring.trim();
     count_held(c);
     return c.ring.touched() > 0;
+}
+
+/* One that asks for much at once, and reads it soon, is not late. */
+holding weigh(const connection &c, time_point now)
+{
+    static constexpr auto time_to_read = std::chrono::milliseconds(100);
+    const std::shared_ptr<entry> &place = c.area->place();
+    if (!place || c.held() == 0)
+        return {};
+    return place->weigh(now - c.read > time_to_read);
 }
 
 void set_monitor(connection &c, block *notice, uint32_t reference)

@@ -12,7 +12,6 @@
 #include "platform/mbx/mbx_block.h"
 #include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_record.h"
-#include "platform/mbx/mbx_share.h"
 #include "platform/mbx/mbx_socket.h"
 #include "platform/mbx/mbx_waker.h"
 
@@ -27,7 +26,6 @@ struct connection_parts {
     owned_fd far_bell;
     mailbox_token token{}; /* the peer's */
     peer_identity peer;
-    share held;
     bool was_located = false; /* we looked for it */
 };
 
@@ -40,11 +38,11 @@ struct alignas(64) connection {
     bool is_bell_own = false; /* made in this process */
     bool awaits_room = false;
     bool was_located = false;
-    bool is_peer_gone = false;
+    bool is_peer_gone = false; /* or has lied: what is unread goes back at once */
     record_sender ring;
 
     backlog waiting;
-    counted_bytes<held_in_all> held;
+    time_point read{}; /* when the receiver is known to have read, while something waits */
     std::shared_ptr<mapped_area> area;
     owned_fd control;        /* its end is the peer's death */
     owned_fd life;           /* a pidfd of the peer's process, where there can be one */
@@ -52,12 +50,17 @@ struct alignas(64) connection {
     uint32_t monitor = 0;    /* its reference */
     mailbox_token token{};
     peer_identity peer;
-    share place;
 
     connection() = default;
     connection(const connection &) = delete;
     connection &operator=(const connection &) = delete;
     ~connection();
+
+    /* Bytes of memory that it holds for the receiver. */
+    size_t held() const
+    {
+        return ring.touched() + waiting.memory();
+    }
 };
 
 /* Takes over all of the parts but the near bell. */
@@ -77,6 +80,9 @@ flushing flush(connection &c);
 
 /* Gives pages of the ring back that are not in use. Returns whether some are left. */
 bool trim(connection &c);
+
+/* For shed(). */
+holding weigh(const connection &c, time_point now);
 
 /* Replaces the monitor. Null removes it. */
 void set_monitor(connection &c, block *notice, uint32_t reference);

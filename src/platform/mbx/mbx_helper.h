@@ -18,7 +18,7 @@ constexpr size_t helper_kinds = 8;
 using helper_call = void (*)(uint32_t slot, uint32_t id);
 /* Does what is due at `now`; returns when it is to be called next, at the latest. */
 using helper_timer = time_point (*)(time_point now);
-constexpr size_t helper_timers = 2;
+constexpr size_t helper_timers = 3;
 
 /* To be set before the helper starts. Kinds from 1. */
 void helper_set_call(size_t kind, helper_call call);

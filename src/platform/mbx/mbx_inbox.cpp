@@ -24,9 +24,10 @@ static constexpr uint32_t local_id = 0;
 
 static constexpr int events_at_once = 64;
 static constexpr uint32_t unlooked_at_most = 7; /* signals of the only source */
-/* Beyond this, pages that were read are unmapped when a ring is empty; beyond twice this at once.
- */
-static constexpr size_t mapped_at_most = size_t{4} << 20;
+/* Of what senders that are gone have left. Each signal of that is one that the owner has yet to
+   handle: with 56 MiB of short requests a server was busy for more than a minute after a crowd of
+   its clients was killed. */
+static constexpr size_t left_at_most = size_t{2} << 20;
 
 static block *empty_signal(uint32_t sender)
 {
@@ -166,15 +167,11 @@ block *inbox::end_liar(source &s)
     return empty_signal(id);
 }
 
-void inbox::count_mapped(source &s, bool is_empty)
+/* The pages may be the sender's, or holes of its making, which the read has filled at our cost. */
+void inbox::count_received(source &s)
 {
-    if (s.mapped.get() == 0)
-        owner_.want_trim(owner_.self);
-    s.mapped.set(s.ring.touched());
-    if (mapped_in_all > (is_empty ? mapped_at_most : 2 * mapped_at_most)) {
-        s.ring.trim();
-        s.mapped.set(0);
-    }
+    s.area->count(HELD_RECEIVED, s.ring.touched());
+    owner_.want_trim(owner_.self);
 }
 
 block *inbox::take_living(source &s)
@@ -194,7 +191,7 @@ block *inbox::take_living(source &s)
     if ((is_empty || asks) && s.ring.has_hungry_sender())
         owner_.report_room(owner_.self, s.id);
     if (s.ring.touched() > 0)
-        count_mapped(s, is_empty);
+        count_received(s);
     return b;
 }
 
@@ -202,7 +199,7 @@ block *inbox::take_ended(source &s)
 {
     block *b = nullptr;
     bool asks;
-    if (s.ring.unread() > 0) {
+    if (const size_t before = s.ring.unread(); before > 0) {
         if (s.ring.pop(b, asks) == record_receiver::outcome::signal && !is_forged(b)) {
             b->sender = s.id;
         } else {
@@ -211,8 +208,9 @@ block *inbox::take_ended(source &s)
             b = empty_signal(s.id);
             s.ring.drop();
         }
-        s.left.set(s.ring.unread());
-        count_mapped(s, s.ring.unread() == 0);
+        left_ -= before - s.ring.unread();
+        if (s.ring.touched() > 0)
+            count_received(s);
     } else {
         b = s.notices.pop();
     }
@@ -320,6 +318,7 @@ void inbox::close(bool is_child)
     sources_.clear();
     line_ = {};
     departed_ = 0;
+    left_ = 0;
     is_polled_ = false;
     local_source_.is_in_line = false;
     round_ = 0;
@@ -394,13 +393,16 @@ void inbox::wake(uint32_t id)
 
 /* Beyond the bound, what lies in the home of a ring is kept, so that a crowd that is killed does
    not take the last signals of others with it. */
-static void keep_unread(source &s)
+void inbox::keep_unread(source &s)
 {
     s.ring.finish();
     const size_t unread = s.ring.unread();
-    if (unread > home_bytes && left_in_all + unread > left_in_all_at_most)
+    if (unread > home_bytes && left_ + unread > left_at_most)
         s.ring.drop();
-    s.left.set(s.ring.unread());
+    left_ += s.ring.unread();
+    if (s.ring.touched() > 0)
+        s.ring.trim();
+    s.area->count(HELD_RECEIVED, s.ring.touched());
 }
 
 /* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
@@ -442,12 +444,17 @@ bool inbox::add_notice(uint32_t id, block *notice)
     return true;
 }
 
-void inbox::trim()
+bool inbox::trim()
 {
-    sources_.for_each([](source &s) {
+    bool is_left = false;
+    sources_.for_each([&](source &s) {
+        if (s.ring.touched() == 0)
+            return;
         s.ring.trim();
-        s.mapped.set(0);
+        s.area->count(HELD_RECEIVED, s.ring.touched());
+        is_left |= s.ring.touched() > 0;
     });
+    return is_left;
 }
 
 block *inbox::receive(std::unique_lock<std::mutex> &hold, const uint32_t *filter, int timeout_ms,

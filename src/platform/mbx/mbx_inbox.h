@@ -26,7 +26,7 @@ struct inbox_owner {
     void (*report_room)(void *self, uint32_t id);
     /* It has written what can't be, or rung without a signal: its connection must end now. */
     void (*end_connection)(void *self, uint32_t id);
-    /* Pages are mapped from now on that trim() would give back. */
+    /* More pages are in use from now on that trim() would give back. */
     void (*want_trim)(void *self);
 };
 
@@ -75,8 +75,9 @@ class inbox
     void end(uint32_t id, block *notice);
     /* One more notice from a source that has ended. False when it is gone. */
     bool add_notice(uint32_t id, block *notice);
-    /* Unmaps the pages of rings beyond their first ones. */
-    void trim();
+    /* Unmaps the pages of rings beyond their first ones, and looks which of them are gone. Returns
+       whether some are left. */
+    bool trim();
 
     /* As mbx_receive. `hold` is the lock, which is released for the wait. Null, too, when the inbox
        is closed meanwhile. */
@@ -95,7 +96,8 @@ class inbox
     block *take_local();
     bool has_local() const;
     block *end_liar(source &s);
-    void count_mapped(source &s, bool is_empty);
+    void count_received(source &s);
+    void keep_unread(source &s);
     block *take_living(source &s);
     block *take_ended(source &s);
     block *take_from(source &s);
@@ -115,6 +117,7 @@ class inbox
     source local_source_;
     id_table<source> sources_;
     turn_line line_;
+    size_t left_ = 0;                    /* bytes that senders that are gone have left */
     size_t round_ = 0;                   /* turns until the next look for others */
     uint32_t unlooked_ = 0;              /* signals of the only source until the next look */
     std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor before it receives */

@@ -24,6 +24,7 @@ namespace
 enum class attempt {
     done,
     again,      /* nothing came of it */
+    refused,    /* the other side has no place for us */
     unanswered, /* the other side closed the connection without an answer */
     failed      /* errno tells why */
 };
@@ -83,6 +84,7 @@ static std::optional<connection_parts> check_parts(call &c)
     parts.token = c.answer.token;
     parts.peer = c.peer;
     parts.was_located = true;
+    parts.area->hold(entry::open(c.peer, true), false);
     fds.clear(); /* the memory, whose close waits for nobody */
     return parts;
 }
@@ -126,6 +128,8 @@ static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_po
     if (c.answer.what != heard::greeting || c.answer.kind == greeting_kind::hello)
         return attempt::again;
     restrict_control(c.control.get());
+    if (c.answer.kind == greeting_kind::refused)
+        return attempt::refused;
     out = settle(m, own, c);
     return out == MBX_NO_MAILBOX ? attempt::again : attempt::done;
 }
@@ -139,8 +143,8 @@ static void complain_about_old_wire(const char *name)
         name);
 }
 
-/* The peer accepted but did not greet (it is stopping, or has no descriptors left): retry until the
-   deadline. */
+/* The peer accepted but did not greet (it is stopping, or has no descriptors left), or has no place
+   for more of us: retry until the deadline. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
     const time_point deadline = locate_deadline();
@@ -154,7 +158,7 @@ uint32_t locate(mailbox &m, uint32_t own, const char *name)
         if (is_old)
             complain_about_old_wire(name);
         if (is_old || milliseconds_until(deadline) == 0) {
-            errno = ETIMEDOUT;
+            errno = result == attempt::refused ? EUSERS : ETIMEDOUT;
             return MBX_NO_MAILBOX;
         }
         std::this_thread::sleep_for(locate_pause);

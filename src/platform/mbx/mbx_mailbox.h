@@ -3,7 +3,7 @@
    (mbx_peers.cpp), and how those are accepted (mbx_accept.cpp) and made (mbx_locate.cpp).
 
    Locks, in the order in which they may be taken: the helper's (mbx_helper.h), registry_lock, one
-   mailbox's lock, then those of shares, closer and waker. A mailbox record is never freed, so one
+   mailbox's lock, then those of parting, accounts, closer and waker. A mailbox record is never freed, so one
    may be locked first and looked at then. Functions that a signal handler may call take no lock;
    they say so. */
 #pragma once
@@ -46,6 +46,7 @@ enum watch_kind : size_t {
     WATCH_CONTROL,      /* slot: of the mailbox; id: of the connection */
     WATCH_LIFE,         /* the same */
     WATCH_FIRST_RING,   /* the same */
+    WATCH_PARTING,      /* id: of a connection that has ended here */
 };
 
 /* Registers the functions that the helper calls, before it starts. */
@@ -113,7 +114,7 @@ bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference);
 void watch_life_of(uint32_t slot, uint32_t id);
 /* Any lock. Pages of rings that a burst needed are unmapped after it. */
 void want_trim();
-/* Without any lock: ends the connections that hold most, until the bounds are kept. */
+/* Without any lock: ends connections while too much is held (mbx_account.h). */
 void shed();
 /* Without any lock: hands on what still waits in deleted mailboxes, until the deadline. */
 void linger(time_point deadline);

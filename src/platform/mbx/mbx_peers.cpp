@@ -13,6 +13,7 @@
    reference, so that the usual one is removed without a search. */
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_parting.h"
 
 #include <cerrno>
 #include <malloc.h>
@@ -146,7 +147,7 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b)
             expect_next(m, *c);
             if (!deliver(*c, b, m.run))
                 end_connection(m, receiver);
-            else if (c->held.get() > 0)
+            else if (c->held() > 0)
                 want_trim();
         }
     }
@@ -183,42 +184,55 @@ bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference)
     return true;
 }
 
-/* The largest holder of one mailbox. */
-static size_t largest_in(mailbox &m, uint32_t &id)
+/* Gives back what is read. Returns whether something is left for the next time. */
+static bool trim_all()
 {
-    size_t bytes = 0;
-    std::lock_guard hold(m.lock);
-    m.connections.for_each([&](const connection &c) {
-        if (c.held.get() > bytes) {
-            bytes = c.held.get();
-            id = c.id;
-        }
+    bool is_left = false;
+    for_each_mailbox([&](mailbox &m) {
+        std::lock_guard hold(m.lock);
+        m.connections.for_each([&](connection &c) { is_left |= trim(c); });
+        is_left |= m.in.trim();
     });
-    return bytes;
+    return is_left;
 }
 
-/* Looked for without the sender's lock, because it may be another mailbox's. */
-void shed()
+/* Ends the connection that is first to go. False when none holds anything. */
+static bool shed_one()
 {
-    while (is_too_much_held()) {
-        mailbox *owner = nullptr;
-        uint32_t largest = 0;
-        size_t bytes = 0;
-        std::lock_guard registry(registry_lock);
-        for_each_mailbox([&](mailbox &m) {
-            uint32_t id = 0;
-            const size_t most = largest_in(m, id);
-            if (most > bytes) {
-                bytes = most;
-                largest = id;
+    mailbox *owner = nullptr;
+    uint32_t id = 0;
+    holding most{};
+    const time_point now = std::chrono::steady_clock::now();
+    for_each_mailbox([&](mailbox &m) {
+        std::lock_guard hold(m.lock);
+        m.connections.for_each([&](const connection &c) {
+            const holding its = weigh(c, now);
+            if (its > most) {
+                most = its;
+                id = c.id;
                 owner = &m;
             }
         });
-        if (!owner)
-            return;
-        std::lock_guard hold(owner->lock);
-        end_connection(*owner, largest);
-    }
+    });
+    if (!owner)
+        return false;
+    std::lock_guard hold(owner->lock);
+    end_connection(*owner, id);
+    return true;
+}
+
+/* Nothing that is unread goes before all that is read has gone, and nothing of the living before
+   what the ended hold. */
+void shed()
+{
+    if (!is_too_much_held())
+        return;
+    std::lock_guard registry(registry_lock);
+    trim_all();
+    do {
+        if (is_too_much_held())
+            give_back_parting();
+    } while (is_too_much_held() && shed_one());
 }
 
 /* Calls the function with the mailbox locked, and keeps the bounds. */
@@ -262,8 +276,7 @@ static bool take_control(mailbox &m, uint32_t id)
             m.in.wake(id);
         return false;
     case control_event::passed:
-        helper_unwatch(c->control.get());
-        hang_up(std::move(c->control), std::move(passed), c->peer, std::move(c->place));
+        close_later({std::move(passed), c->peer, c->area->place()});
         break;
     case control_event::end:
         break;
@@ -313,19 +326,6 @@ static void handle_first_ring(uint32_t slot, uint32_t id)
     });
 }
 
-/* Returns whether something is left for the next time. */
-static bool trim_all()
-{
-    bool is_left = false;
-    for_each_mailbox([&](mailbox &m) {
-        std::lock_guard hold(m.lock);
-        m.connections.for_each([&](connection &c) { is_left |= trim(c); });
-        m.in.trim();
-    });
-    if (ended.exchange(0) >= crowd)
-        malloc_trim(0);
-    return is_left;
-}
 
 static time_point trim_in_time(time_point now)
 {
@@ -334,6 +334,8 @@ static time_point trim_in_time(time_point now)
         trim_time = time_point::max();
         if (trim_all())
             is_trim_wanted = true;
+        if (ended.exchange(0) >= crowd)
+            malloc_trim(0);
     }
     if (is_trim_wanted && trim_time == time_point::max())
         trim_time = now + time_to_trim;

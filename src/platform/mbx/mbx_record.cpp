@@ -28,26 +28,51 @@ static void store_word(unsigned char *to, uint32_t word)
     __atomic_store_n(reinterpret_cast<uint32_t *>(to), word, __ATOMIC_RELAXED);
 }
 
-/* The pages of the rest that the use of the ring up to `place` touches. */
-static size_t pages_up_to(uint32_t place)
+static constexpr uint32_t rest_pages = rest_span / page_bytes;
+static_assert(rest_pages == 64, "one bit each");
+
+/* The pages of the rest on which the bytes from one place to another lie, one bit each. */
+static uint64_t pages_of(uint32_t begin, uint32_t end)
 {
-    if (place <= home_bytes)
+    if (end <= home_bytes || begin >= end)
         return 0;
-    return (place - home_bytes + page_bytes - 1) / page_bytes * page_bytes;
+    const uint32_t first = begin <= home_bytes ? 0 : (begin - home_bytes) / page_bytes;
+    const uint32_t last = (end - home_bytes - 1) / page_bytes;
+    return ~uint64_t{0} << first & ~uint64_t{0} >> (rest_pages - 1 - last);
 }
 
-/* A read maps the pages around it as well, where there are some. */
-static size_t mapped_up_to(uint32_t place)
+/* Those on which the bytes between two positions lie. */
+static uint64_t pages_between(uint32_t from, uint32_t to)
 {
-    constexpr size_t around = 16 * page_bytes;
-    const size_t pages = pages_up_to(place);
-    return std::min(pages == 0 ? 0 : (pages + around) / around * around, rest_span);
+    const uint32_t begin = from % ring_bytes;
+    const uint32_t bytes = std::min(to - from, ring_bytes);
+    if (begin + bytes <= ring_bytes)
+        return pages_of(begin, begin + bytes);
+    return pages_of(begin, ring_bytes) | pages_of(0, begin + bytes - ring_bytes);
 }
 
-static void advise(const mapped_ring &ring, size_t touched, int advice)
+static void advise(const mapped_ring &ring, uint64_t pages, int advice)
 {
-    if (touched > 0)
-        madvise(ring.rest, touched, advice);
+    for (uint32_t first = 0; pages >> first != 0;) {
+        first += static_cast<uint32_t>(std::countr_zero(pages >> first));
+        const auto count = static_cast<uint32_t>(std::countr_one(pages >> first));
+        madvise(ring.rest + size_t{first} * page_bytes, size_t{count} * page_bytes, advice);
+        first += count;
+        if (first >= rest_pages)
+            break;
+    }
+}
+
+/* Those that hold something, whoever has written it. A system that does not tell says all. */
+static uint64_t pages_in_memory(const mapped_ring &ring)
+{
+    unsigned char is_there[rest_pages];
+    if (mincore(ring.rest, rest_span, is_there) != 0)
+        return ~uint64_t{0};
+    uint64_t pages = 0;
+    for (uint32_t page = 0; page < rest_pages; page++)
+        pages |= uint64_t{is_there[page] & 1u} << page;
+    return pages;
 }
 
 /* How many bytes to leave out before a record, so that it lies in one piece, and, in a ring that
@@ -76,28 +101,29 @@ record_sender::outcome record_sender::push(const void *signal, uint32_t size)
         unsigned char *mark = ring_.at(place);
         store_word(mark, skip_mark);
         store_word(mark + 4, skip);
-        touched_ = std::max(touched_, pages_up_to(place + head_bytes));
+        touched_ |= pages_of(place, place + head_bytes);
         place = (place + skip) % ring_bytes;
     }
     unsigned char *record = ring_.at(place);
     store_word(record, size);
     std::memcpy(record + head_bytes, signal, size);
-    touched_ = std::max(touched_, pages_up_to(place + bytes));
+    touched_ |= pages_of(place, place + bytes);
     return end_.publish(skip + bytes) ? outcome::to_ring : outcome::sent;
 }
 
 /* A hole reads as 0 and is filled again when it is written. */
 void record_sender::trim()
 {
-    if (touched_ == 0 || !end_.is_drained())
+    if (touched_ == 0)
         return;
-    advise(ring_, touched_, MADV_REMOVE);
-    touched_ = 0;
+    const uint64_t read = touched_ & ~pages_between(end_.taken(), end_.position());
+    advise(ring_, read, MADV_REMOVE);
+    touched_ &= ~read;
 }
 
-void record_sender::leave(bool is_receiver_gone)
+void record_sender::leave()
 {
-    advise(ring_, touched_, is_receiver_gone ? MADV_REMOVE : MADV_DONTNEED);
+    advise(ring_, touched_, MADV_REMOVE);
     touched_ = 0;
 }
 
@@ -121,13 +147,14 @@ record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
         size = load_word(record);
     }
     const uint32_t end = place < home_bytes ? home_bytes : ring_bytes;
-    if (size > MBX_LARGEST_SIGNAL || record_bytes(size) > there - skip ||
+    /* No signal is that short: there was a hole. */
+    if (size == 0 || size > MBX_LARGEST_SIGNAL || record_bytes(size) > there - skip ||
         record_bytes(size) > end - place)
         return outcome::lie;
     out = block_take(std::max<size_t>(size, sizeof(mbx_signal)));
     out->signal()->number = 0;
     std::memcpy(static_cast<void *>(out->signal()), record + head_bytes, size);
-    touched_ = std::max(touched_, mapped_up_to(place + record_bytes(size)));
+    touched_ |= pages_of(place, place + record_bytes(size));
     asks = end_.consume(skip + record_bytes(size));
     return outcome::signal;
 }
@@ -149,6 +176,12 @@ void record_receiver::drop()
 
 void record_receiver::trim()
 {
-    advise(ring_, touched_, MADV_DONTNEED);
-    touched_ = 0;
+    if (is_finished_) {
+        advise(ring_, ~pages_between(end_.position(), last_), MADV_REMOVE);
+    } else if (touched_ == 0) {
+        return;
+    } else {
+        advise(ring_, touched_, MADV_DONTNEED);
+    }
+    touched_ &= pages_in_memory(ring_);
 }

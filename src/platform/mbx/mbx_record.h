@@ -5,15 +5,18 @@
    multiple of 8. It lies in one piece, in the home of the ring (mbx_area.h) or in its rest: where
    it would not, a head with a mark in place of the size tells how many bytes the receiver skips.
 
-   A ring that keeps running empty stays within its home, if its signals take up to half of it. The
-   pages of the rest are counted, and can be given back: by the sender when everything has been
-   taken, by the receiver at any time.
+   A ring that keeps running empty stays within its home, if its signals take up to half of it. Each
+   side counts the pages of the rest that it has touched. The sender gives those back in which
+   nothing is unread. The receiver, who could only destroy what is just being written, looks whether
+   the sender has done so, and gives them back itself once the sender is gone.
 
    The receiver reads each word once, checks it, and copies a signal out before it looks at it. */
 #pragma once
 
 #include "platform/mbx/mbx_area.h"
 #include "platform/mbx/mbx_block.h"
+
+#include <bit>
 
 class record_sender
 {
@@ -39,13 +42,12 @@ class record_sender
     /* Bytes of the rest's pages that are in use. */
     size_t touched() const
     {
-        return touched_;
+        return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
     }
-    /* Gives the memory of the rest back to the system, unless the receiver still has
-       something to take. */
+    /* Gives the pages of the rest back in which the receiver has nothing to take. */
     void trim();
-    /* At the end: unmaps that memory, and where the receiver is gone gives it back. */
-    void leave(bool is_receiver_gone);
+    /* At the end, where the receiver is gone: gives all of them back. */
+    void leave();
     /* Where the next record goes, to be fetched ahead. */
     const unsigned char *place() const
     {
@@ -59,7 +61,7 @@ class record_sender
   private:
     mapped_ring ring_;
     ring_sender<process_atomics> end_;
-    size_t touched_ = 0;
+    uint64_t touched_ = 0; /* the pages of the rest, one bit each */
 };
 
 class record_receiver
@@ -96,12 +98,12 @@ class record_receiver
     {
         return is_finished_ ? available() : 0;
     }
-    /* Bytes of the rest's pages that are mapped here since the last trim. */
+    /* Bytes of the rest's pages that were read, and were there at the last trim. */
     size_t touched() const
     {
-        return touched_;
+        return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
     }
-    /* Unmaps them from this process; the content stays. */
+    /* Unmaps them from this process. The content stays, but for what was taken after finish(). */
     void trim();
 
   private:
@@ -112,7 +114,7 @@ class record_receiver
 
     mapped_ring ring_;
     ring_receiver<process_atomics> end_;
-    size_t touched_ = 0;
+    uint64_t touched_ = 0;
     uint32_t last_ = 0; /* the position at which it ends, once it is finished */
     bool is_finished_ = false;
 };

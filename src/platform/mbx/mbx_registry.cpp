@@ -3,14 +3,14 @@
 
    A sender puts its block into the receiver's inbox without a lock. A pin keeps the inbox open
    between the look at the id and the push: delete_mailbox takes the id away first and then waits
-   until no thread has the mailbox pinned, which lasts a few instructions. */
+   until no thread has the mailbox pinned, which lasts a few instructions; of those that hold it up
+   the last one wakes it, so that they may have a lower priority. */
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_mailbox.h"
 
 #include <array>
 #include <cerrno>
 #include <limits>
-#include <sched.h>
 
 std::mutex registry_lock;
 
@@ -92,7 +92,12 @@ static inbox_owner owner_of(mailbox &m)
                 if (connection *c = static_cast<mailbox *>(self)->connections.find(id))
                     send_wake(c->control.get(), wake::room);
             },
-            [](void *self, uint32_t id) { end_connection(*static_cast<mailbox *>(self), id); },
+            [](void *self, uint32_t id) {
+                mailbox &owner = *static_cast<mailbox *>(self);
+                if (connection *c = owner.connections.find(id))
+                    c->is_peer_gone = true; /* it has lied */
+                end_connection(owner, id);
+            },
             [](void *) { want_trim(); }};
 }
 
@@ -149,6 +154,11 @@ uint32_t create_mailbox(const char *name)
         return MBX_NO_MAILBOX;
     m->slot = slot;
     m->token = make_token();
+    if (m->token == mailbox_token{} || (is_named && !make_area_memory())) {
+        const errno_keeper keeper;
+        m->in.close();
+        return MBX_NO_MAILBOX;
+    }
     m->generation = (m->generation + 1) % generations;
     const uint32_t id = mailbox_id_bit | m->generation << slot_bits | slot;
     if (is_named && !open_to_others(*m, name, id)) {
@@ -169,8 +179,8 @@ uint32_t create_mailbox(const char *name)
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = m.id.exchange(0);
-    while (m.pins != 0)
-        sched_yield();
+    while (const uint32_t pins = m.pins)
+        m.pins.wait(pins);
     choose_first();
     std::lock_guard hold(m.lock);
     if (m.name.listener)
@@ -223,6 +233,8 @@ void push_local(uint32_t receiver, block *b, uint32_t sender)
         m->in.push(b);
     }
     m->pins.fetch_sub(1);
+    if (m->id != receiver)
+        m->pins.notify_all();
     if (!is_there)
         block_give(b);
 }

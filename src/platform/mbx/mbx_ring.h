@@ -114,6 +114,12 @@ class ring_sender
         look();
         return tail_ == head_;
     }
+    /* The position up to which it has. */
+    uint32_t taken()
+    {
+        look();
+        return tail_;
+    }
     /* Hands so many bytes over. Returns whether the receiver must be rung. */
     bool publish(uint32_t bytes)
     {

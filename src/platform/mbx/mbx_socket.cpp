@@ -4,8 +4,13 @@
 #include "platform/mbx/mbx_socket.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 
@@ -78,13 +83,25 @@ static ssize_t receive(int control, void *data, size_t size, std::vector<owned_f
     return length;
 }
 
-/* Early in a system's life the call may be interrupted: then it is repeated. */
+/* Early in a system's life the call may be interrupted: then it is repeated. A sandbox may refuse
+   it, or have no such device, but hardly both. */
 mailbox_token make_token()
 {
     mailbox_token token{};
-    while (getrandom(token.data(), sizeof(token), 0) != sizeof(token)) {
-    }
-    return token;
+    ssize_t length;
+    do {
+        length = getrandom(token.data(), sizeof(token), 0);
+    } while (length < 0 && errno == EINTR);
+    if (length == sizeof(token))
+        return token;
+    const int error = errno;
+    const owned_fd device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    if (device && read(device.get(), token.data(), sizeof(token)) == sizeof(token))
+        return token;
+    fprintf(stderr, "libmbx: the system gives no random numbers (getrandom: %s), which mailboxes "
+            "need: allow that call\n", strerror(error));
+    errno = error;
+    return {};
 }
 
 bool send_greeting(int control, greeting_kind kind, const mailbox_token &token, const int *fds)
@@ -170,7 +187,8 @@ void restrict_control(int control)
 
 /* Once it is shut down nothing more can be queued in it, and what is in it is looked through: the
    close of a socket closes what was passed and not received. */
-void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer, share held)
+void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
+             std::shared_ptr<entry> place)
 {
     shutdown(control.get(), SHUT_RDWR);
     bool is_message = true;
@@ -181,7 +199,20 @@ void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity
     if (passed.empty())
         return;
     passed.push_back(std::move(control));
-    close_later({std::move(passed), peer, std::move(held)});
+    close_later({std::move(passed), peer, std::move(place)});
+}
+
+/* For an end that is not shut down for reading by ourselves. */
+bool has_hung_up(int control)
+{
+    pollfd state{control, POLLRDHUP, 0};
+    return poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLRDHUP)) != 0;
+}
+
+bool has_unread(int control)
+{
+    int bytes = 0;
+    return ioctl(control, SIOCOUTQ, &bytes) == 0 && bytes > 0;
 }
 
 peer_identity peer_of(int control)

@@ -6,9 +6,9 @@
    bytes. Anything else ends the connection. */
 #pragma once
 
+#include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_closer.h"
 #include "platform/mbx/mbx_fd.h"
-#include "platform/mbx/mbx_share.h"
 
 #include <array>
 #include <cstdint>
@@ -16,6 +16,7 @@
 
 /* The identity of a mailbox: random, and sent to peers only. */
 using mailbox_token = std::array<uint64_t, 2>;
+/* All 0, with errno and after a line on standard error, where the system has no random numbers. */
 mailbox_token make_token();
 
 enum class greeting_kind : uint32_t {
@@ -77,7 +78,12 @@ void restrict_control(int control);
 /* Ends a control connection for both sides and closes it. It returns at once: where something was
    passed, in `passed` or still unread, the closing thread does the rest. */
 void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
-             share held = {});
+             std::shared_ptr<entry> place = {});
+
+/* Whether the other side has closed its end, or shut it down; and whether something that was sent
+   lies unread there. */
+bool has_hung_up(int control);
+bool has_unread(int control);
 
 /* Empty identity (process -1) when the kernel can't tell. */
 peer_identity peer_of(int control);

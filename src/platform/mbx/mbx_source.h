@@ -3,7 +3,6 @@
    the inbox. */
 #pragma once
 
-#include "platform/mbx/mbx_backlog.h"
 #include "platform/mbx/mbx_fd.h"
 #include "platform/mbx/mbx_record.h"
 
@@ -19,8 +18,6 @@ struct source {
     block_queue notices; /* for the time after its last signal */
     std::shared_ptr<mapped_area> area;
     owned_fd bell;
-    counted_bytes<mapped_in_all> mapped;
-    counted_bytes<left_in_all> left; /* once it has ended */
 };
 
 /* The sources that have something, in the order of their turns. */

@@ -1,0 +1,154 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Our end is shut down for writing only, so that the hang-up which epoll reports is the peer's. One
+   that has hung up without having read all is looked at again from time to time. */
+#include "platform/mbx/mbx_parting.h"
+
+#include "platform/mbx/mbx_helper.h"
+#include "platform/mbx/mbx_mailbox.h"
+
+#include <algorithm>
+#include <new>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <utility>
+#include <vector>
+
+static constexpr auto time_to_look = std::chrono::milliseconds(250);
+static constexpr auto time_to_read = std::chrono::seconds(4); /* the ring */
+
+namespace
+{
+
+struct parted {
+    uint32_t number;
+    owned_fd control;
+    std::shared_ptr<mapped_area> area;
+    std::shared_ptr<entry> place;
+    peer_identity peer;
+    time_point hung_up = time_point::max(); /* when the peer was seen to have done so */
+};
+
+} // namespace
+
+std::mutex parting_lock;
+/* Guarded by parting_lock. */
+static std::vector<parted> all;
+static uint32_t last_number;
+
+/* The area first, whose pages go back with it; then the place is free. */
+static void let_go(parted &&p)
+{
+    p.area.reset();
+    hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
+}
+
+/* Takes those out for which the question is answered with yes, and lets them go without the lock. */
+template <typename question>
+static void let_go_if(question &&is_over)
+{
+    std::vector<parted> over;
+    {
+        const std::lock_guard hold(parting_lock);
+        const auto first = std::partition(all.begin(), all.end(),
+                                          [&](const parted &p) { return !is_over(p); });
+        over.assign(std::make_move_iterator(first), std::make_move_iterator(all.end()));
+        all.erase(first, all.end());
+    }
+    for (parted &p : over) {
+        helper_unwatch(p.control.get());
+        let_go(std::move(p));
+    }
+}
+
+static bool has_ended(const parted &p)
+{
+    return p.hung_up != time_point::max();
+}
+
+/* Of one that has ended at the peer. */
+static bool is_over(const parted &p, time_point now)
+{
+    const bool is_ring_read = !p.area || p.area->is_read() || now - p.hung_up > time_to_read;
+    return is_ring_read && !has_unread(p.control.get());
+}
+
+/* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
+static bool keep(parted &p)
+try {
+    all.reserve(all.size() + 1);
+    p.number = ++last_number;
+    if (!helper_watch(WATCH_PARTING, p.control.get(), EPOLLRDHUP, 0, p.number))
+        return false;
+    all.push_back(std::move(p));
+    return true;
+} catch (const std::bad_alloc &) {
+    return false;
+}
+
+void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<entry> place,
+          const peer_identity &peer)
+{
+    shutdown(control.get(), SHUT_WR);
+    parted p{0, std::move(control), std::move(area), std::move(place), peer};
+    if (!has_hung_up(p.control.get()) || p.area || has_unread(p.control.get())) {
+        const std::lock_guard hold(parting_lock);
+        if (keep(p))
+            return;
+        if (p.area)
+            p.area->leave_to_peer();
+    }
+    let_go(std::move(p));
+}
+
+void give_back_parting()
+{
+    const std::lock_guard hold(parting_lock);
+    for (parted &p : all)
+        if (p.area)
+            std::exchange(p.area, nullptr)->give_back_sent();
+}
+
+static void handle_hang_up(uint32_t, uint32_t number)
+{
+    const time_point now = std::chrono::steady_clock::now();
+    {
+        const std::lock_guard hold(parting_lock);
+        const auto p = std::find_if(all.begin(), all.end(),
+                                    [&](const parted &one) { return one.number == number; });
+        if (p == all.end())
+            return;
+        p->hung_up = now;
+        helper_unwatch(p->control.get());
+    }
+    let_go_if([&](const parted &p) { return p.number == number && is_over(p, now); });
+}
+
+static time_point look_again(time_point now)
+{
+    static time_point next;
+    if (next <= now) {
+        next = now + time_to_look;
+        let_go_if([now](const parted &p) { return has_ended(p) && is_over(p, now); });
+    }
+    const std::lock_guard hold(parting_lock);
+    const bool is_needed =
+        std::any_of(all.begin(), all.end(), [](const parted &p) { return has_ended(p); });
+    return is_needed ? next : time_point::max();
+}
+
+void set_up_parting()
+{
+    helper_set_call(WATCH_PARTING, handle_hang_up);
+    helper_set_timer(2, look_again);
+}
+
+void end_parting(bool is_child)
+{
+    for (parted &p : all) {
+        if (p.area && is_child)
+            p.area->forget();
+        else if (p.area)
+            p.area->leave_to_peer();
+    }
+    all.clear();
+}

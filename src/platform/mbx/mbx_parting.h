@@ -1,0 +1,32 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_parting - accepted connections that have ended here, until they have ended at the peer. Any
+   thread; may be called with a mailbox's lock.
+
+   The kernel charges to us what the peer still has of a connection: the pages of the memory, the
+   descriptors of a welcome and the bytes that it has not read. So the entry in the accounts, and our
+   end of the control connection, are kept until the peer has closed its end and nothing of ours lies
+   unread in it. What its ring holds is kept for some seconds more: its library may notice the end
+   before its owner has received all. */
+#pragma once
+
+#include "platform/mbx/mbx_area.h"
+#include "platform/mbx/mbx_fd.h"
+
+#include <memory>
+#include <mutex>
+
+/* The peer sees the end of the connection at once. What the rings hold is kept for it where there is
+   an `area`. */
+void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<entry> place,
+          const peer_identity &peer);
+/* Gives back what rings hold for these peers; they lose it. */
+void give_back_parting();
+
+/* Registers the functions that the helper calls, before it starts. */
+void set_up_parting();
+/* Without a helper: lets all go. What peers have not read stays for them. In a forked child only the
+   copies are closed. */
+void end_parting(bool is_child);
+
+/* Held around a fork. */
+extern std::mutex parting_lock;
