@@ -190,6 +190,18 @@ static endpoint find_endpoint(const options &chosen)
     return found;
 }
 
+/* A line for the first refusals, and none after those: any user can cause them. */
+static void report_refusal(uid_t user, uid_t owner)
+{
+    static constexpr int most_lines = 10;
+    static int lines;
+    if (lines == most_lines)
+        return;
+    fprintf(stderr,
+            "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u%s\n",
+            user, owner, ++lines == most_lines ? "; further refusals are not reported" : "");
+}
+
 static void accept_client(endpoint &where)
 {
     const int fd = accept4(where.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
@@ -204,10 +216,8 @@ static void accept_client(endpoint &where)
         where.clients.push_back(fd);
         return;
     }
-    fprintf(stderr,
-            "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u\n",
-            peer.uid, where.owner);
     close(fd);
+    report_refusal(peer.uid, where.owner);
 }
 
 /* False when the client is to be disconnected: it has disconnected, broke the protocol or doesn't
