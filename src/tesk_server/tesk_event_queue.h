@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_event_queue - passes hardware events from the hardware event thread to the main thread: a
    stack guarded by a mutex, with an eventfd that the main loop waits for. Its size is not limited,
-   since a limit would lose events; the hardware event thread puts events more slowly while the queue
-   is long. An event takes 24 bytes. Nothing here allocates. */
+   since a limit would lose events; the hardware event thread puts events more slowly while the
+   queue is long. An event takes 24 bytes. Nothing here allocates. */
 #pragma once
 
 #include <cstdint>

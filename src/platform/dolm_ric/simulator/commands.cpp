@@ -226,10 +226,14 @@ struct command_kind {
 
 static constexpr size_t any_number = SIZE_MAX;
 static constexpr command_kind command_kinds[] = {
-    {"set", 2, any_number, answer_set, true}, {"insert", 2, any_number, answer_insert, true},
-    {"remove", 1, 1, answer_remove, true},    {"event", 2, 4, answer_event, true},
-    {"fail", 2, 4, answer_fail},              {"heal", 0, 1, answer_heal},
-    {"show", 1, 1, answer_show},              {"board", 0, 0, answer_board},
+    {"set", 2, any_number, answer_set, true},
+    {"insert", 2, any_number, answer_insert, true},
+    {"remove", 1, 1, answer_remove, true},
+    {"event", 2, 4, answer_event, true},
+    {"fail", 2, 4, answer_fail},
+    {"heal", 0, 1, answer_heal},
+    {"show", 1, 1, answer_show},
+    {"board", 0, 0, answer_board},
 };
 
 static std::string answer_words(std::string_view text, simulator &board, pending_answer &pending)
