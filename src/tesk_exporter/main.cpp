@@ -13,11 +13,13 @@
 #include "tools/common/clock.h"
 #include "tools/common/exit_code.h"
 
+#include <cerrno>
 #include <csignal>
 #include <fmt/format.h>
 #include <malloc.h>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <system_error>
 
 namespace exporter
 {
@@ -79,7 +81,8 @@ class service
             /* Behind the facts: a stream that they continue is written now, not at the next
              * wake-up. */
             http_.run();
-            poll(polled, std::size(polled), timeout());
+            if (poll(polled, std::size(polled), timeout()) < 0 && errno != EINTR)
+                throw std::system_error(errno, std::generic_category(), "poll");
         }
     }
 

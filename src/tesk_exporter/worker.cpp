@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tesk_exporter/worker.h"
 
+#include "util/poll.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <poll.h>
@@ -13,7 +15,7 @@ namespace exporter
 
 static bool is_readable(pollfd *polled, nfds_t count, int timeout)
 {
-    return poll(polled, count, timeout) > 0;
+    return util::poll_or_pause({polled, count}, timeout) > 0;
 }
 
 worker::worker() : stop_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))

@@ -55,7 +55,6 @@ struct endpoint {
     int listener = -1;
     uid_t owner = 0; /* the only user whose processes may connect */
     std::vector<int> clients = {};
-    uint64_t refused = 0;   /* connections of other users */
     bool is_ended = false;  /* by its client, for another configuration */
 };
 
@@ -66,9 +65,6 @@ static constexpr int systemd_socket = 3;
 
 /* tesk-server is the one client; others wait in the backlog of the socket. */
 static constexpr size_t most_clients = 4;
-
-/* Lines about connections of other users, which can make as many as they like. */
-static constexpr uint64_t most_refusals = 5;
 
 /* Where the unit keeps the numbers of ports, for those who look by hand. */
 static constexpr char default_state[] = "/var/lib/tesk-module-reader";
@@ -209,11 +205,26 @@ static endpoint find_endpoint(const options &chosen)
     return found;
 }
 
+/* A line for the first refusals, and none after those: any user can cause them. */
+static void report_refusal(uid_t user, uid_t owner)
+{
+    static constexpr int most_lines = 10;
+    static int lines;
+    if (lines == most_lines)
+        return;
+    fprintf(stderr,
+            "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u%s\n",
+            user, owner, ++lines == most_lines ? "; further refusals are not reported" : "");
+}
+
 static void accept_client(endpoint &where)
 {
     const int fd = accept4(where.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0)
+    if (fd < 0) {
+        if (errno != EAGAIN && errno != ECONNABORTED && where.clients.empty())
+            throw std::system_error(errno, std::generic_category(), "accept");
         return;
+    }
     ucred peer = {};
     socklen_t length = sizeof(peer);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == where.owner) {
@@ -221,11 +232,7 @@ static void accept_client(endpoint &where)
         return;
     }
     close(fd);
-    if (++where.refused <= most_refusals)
-        fprintf(stderr,
-                "tesk-module-reader: user %u is not allowed to ask: the socket is for user %u%s\n",
-                peer.uid, where.owner,
-                where.refused == most_refusals ? "; no more lines about this" : "");
+    report_refusal(peer.uid, where.owner);
 }
 
 /* False when the client is to be disconnected: it has disconnected, broke the protocol or doesn't
@@ -258,7 +265,8 @@ static void serve(endpoint &where, reader_ports &ports)
             wanted.push_back({client, POLLIN, 0});
         const bool has_room = where.clients.size() < most_clients;
         wanted.push_back({has_room ? where.listener : -1, POLLIN, 0});
-        poll(wanted.data(), wanted.size(), -1);
+        if (poll(wanted.data(), wanted.size(), -1) < 0 && errno != EINTR)
+            throw std::system_error(errno, std::generic_category(), "poll");
         bool is_left = false;
         for (const pollfd &ready : std::span(wanted).first(wanted.size() - 1)) {
             if (ready.revents == 0 || serve_client(ready.fd, where, ports))

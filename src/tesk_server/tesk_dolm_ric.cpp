@@ -6,6 +6,9 @@
    whether a change concerns a client, and makes all other calls of the library. The two threads
    share the handle, which is written before the thread exists, and the queue.
 
+   While the main thread is late, the thread pauses after each event: the library then notices that
+   its events aren't taken, and answers to clients wait for few events. No event is lost.
+
    The library's shutdown event ends the thread. A failed wait doesn't, as the failure may be
    temporary: it is repeated after a pause. While the server stops, however, a failed wait ends the
    thread, as the join might otherwise never return. */
@@ -26,6 +29,7 @@ static constexpr char event_thread_name[] = "tesk-s-dolm-e";
 static constexpr uint32_t quick_retries = 10;
 static constexpr long shortest_pause_ms = 5;
 static constexpr long longest_pause_ms = 100;
+static constexpr long pause_for_main_thread_ms = 1;
 
 uintptr_t dolm_ric_handle;
 
@@ -146,6 +150,13 @@ static bool handle_event(const dolm_ric_event *event)
     }
 }
 
+static void pause_for(long ms)
+{
+    const struct timespec pause = {.tv_sec = 0, .tv_nsec = ms * 1'000'000};
+
+    nanosleep(&pause, nullptr);
+}
+
 /* Before the wait is repeated after so many failures in a row: a short one at first, as the failure
    may be temporary, then doubled up to the longest, so that a library that fails permanently costs
    hardly any CPU time and ten traces a second. */
@@ -155,8 +166,7 @@ static void pause_after_failures(uint32_t failures)
 
     for (uint32_t count = quick_retries; count < failures && pause_ms < longest_pause_ms; count++)
         pause_ms = std::min(pause_ms * 2, longest_pause_ms);
-    const struct timespec pause = {.tv_sec = 0, .tv_nsec = pause_ms * 1'000'000};
-    nanosleep(&pause, nullptr);
+    pause_for(pause_ms);
 }
 
 static void *dolm_ric_event_main(void *)
@@ -184,6 +194,8 @@ static void *dolm_ric_event_main(void *)
         failures = 0;
         running = handle_event(event);
         dolm_ric_freeevent(dolm_ric_handle, &event);
+        if (running && !stopping && tesk_event_queue_is_long())
+            pause_for(pause_for_main_thread_ms);
     }
     return nullptr;
 }

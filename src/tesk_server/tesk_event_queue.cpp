@@ -10,6 +10,7 @@
 #include "tesk_server/tesk_trace.h"
 #include "tesk_server/tesk_types.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <sys/eventfd.h>
@@ -17,7 +18,11 @@
 
 static pthread_mutex_t queue_mutex = PTHREAD_MUTEX_INITIALIZER;
 static tesk_hw_event *queue_head;
+static std::atomic<uint32_t> queue_length; /* written with the mutex locked */
 static int queue_fd = -1;
+
+/* The main thread takes all of them at once, and looks at the mailbox after that. */
+static constexpr uint32_t long_queue = 256;
 
 int tesk_event_queue_init()
 {
@@ -42,9 +47,15 @@ void tesk_event_queue_put(tesk_hw_event *event)
     tesk_mutex_lock(&queue_mutex);
     event->next = queue_head;
     queue_head = event;
+    queue_length++;
     /* After a failed write the event is handled with the next one that wakes the main thread. */
     [[maybe_unused]] ssize_t written = write(queue_fd, &one, sizeof(one));
     tesk_mutex_unlock(&queue_mutex);
+}
+
+bool tesk_event_queue_is_long()
+{
+    return queue_length >= long_queue;
 }
 
 tesk_hw_event *tesk_event_queue_take_all()
@@ -54,6 +65,7 @@ tesk_hw_event *tesk_event_queue_take_all()
     tesk_mutex_lock(&queue_mutex);
     tesk_hw_event *events = queue_head;
     queue_head = nullptr;
+    queue_length = 0;
     /* One read resets the counter, however many events it stands for. */
     if (read(queue_fd, &count, sizeof(count)) < 0)
         tesk_trace(TESK_TRACE_ERROR, "read: %u (%s)", static_cast<unsigned>(errno),
@@ -74,5 +86,6 @@ void tesk_event_queue_shutdown()
         queue_head = event->next;
         free(event);
     }
+    queue_length = 0;
     tesk_mutex_unlock(&queue_mutex);
 }

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_event_queue - passes hardware events from the hardware event thread to the main thread: a
    stack guarded by a mutex, with an eventfd that the main loop waits for. Its size is not limited,
-   since a limit would lose events; an event takes 24 bytes. Nothing here allocates. */
+   since a limit would lose events; the hardware event thread puts events more slowly while the
+   queue is long. An event takes 24 bytes. Nothing here allocates. */
 #pragma once
 
 #include <cstdint>
@@ -27,6 +28,9 @@ int tesk_event_queue_get_fd();
 /* Takes ownership of `event`, a block from malloc with all fields but `next` set. Hardware event
    thread. */
 void tesk_event_queue_put(tesk_hw_event *event);
+
+/* Whether so many events are queued that the main loop is late. Hardware event thread. */
+bool tesk_event_queue_is_long();
 
 /* Removes all events from the queue and returns them, newest first; the caller releases each with
    free. Null when there are none. Called only while the descriptor is readable. Main thread. */

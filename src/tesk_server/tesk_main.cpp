@@ -39,6 +39,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <malloc.h>
 #include <unistd.h>
 
 /* The sources of the main loop, as the data word of their registrations. */
@@ -348,9 +349,19 @@ static int serve(int *epoll_fd)
     return 0;
 }
 
+/* Large blocks go back to the system as soon as they are free. Without these calls the C library
+   raises both limits to some MiB when the first large table of subscriptions is freed. */
+static void bound_memory()
+{
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+}
+
 int tesk_run()
 {
     int epoll_fd = -1;
+
+    bound_memory();
     const int result = serve(&epoll_fd);
 
     if (epoll_fd != -1)

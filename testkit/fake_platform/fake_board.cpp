@@ -2,9 +2,12 @@
 /* The hardware library: ports as the test has set them, and events that it raises. */
 #include "testkit/fake_platform/fake_board.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 
 namespace fake_platform
 {
@@ -24,6 +27,7 @@ static std::mutex script_mutex;
 /* Never destroyed: at an exit a thread may still wait for them. */
 static auto &event_raised = *new std::condition_variable;
 static auto &thread_idle = *new std::condition_variable;
+static auto &event_freed = *new std::condition_variable;
 static bool idle;
 static std::deque<wait_result> waiting;
 static int freed;
@@ -56,10 +60,23 @@ static void raise_result(const wait_result &result)
     event_raised.notify_one();
 }
 
-void await_event_thread()
+static void await(std::condition_variable &changed, const char *what, bool (*is_true)())
 {
     std::unique_lock<std::mutex> lock(script_mutex);
-    thread_idle.wait(lock, [] { return idle && waiting.empty(); });
+    if (!changed.wait_for(lock, std::chrono::seconds(20), is_true))
+        throw std::runtime_error(std::string("the event thread does not ") + what);
+}
+
+void await_event_thread()
+{
+    await(thread_idle, "wait for an event", [] { return idle && waiting.empty(); });
+}
+
+void await_freed_events(int count)
+{
+    static int wanted;
+    wanted = count;
+    await(event_freed, "free its events", [] { return freed >= wanted; });
 }
 
 void raise_event(const dolm_ric_event &event)
@@ -157,6 +174,7 @@ int32_t dolm_ric_freeevent(uintptr_t handle, dolm_ric_event **event)
     *event = nullptr;
     delivered = nullptr;
     freed++;
+    event_freed.notify_all();
     return DOLM_RICERR_OK;
 }
 

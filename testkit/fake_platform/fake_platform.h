@@ -82,8 +82,10 @@ void note(const std::string &line);
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
 void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
 
-/* Returns when a thread waits in dolm_ric_waitevent and no event is left. */
+/* Return when a thread waits in dolm_ric_waitevent and no event is left, or when that many events
+   have been freed. Throw after 20 s. */
 void await_event_thread();
+void await_freed_events(int count);
 
 /* Passes an event to the thread in dolm_ric_waitevent, or makes that call fail once. */
 void raise_event(const dolm_ric_event &event);

@@ -78,8 +78,7 @@ class server_fixture : public testing::Test
 
         for (const auto &event : events)
             fake_platform::raise_event(event);
-        while (fake_platform::freed_events() < already + static_cast<int>(events.size()))
-            sched_yield();
+        fake_platform::await_freed_events(already + static_cast<int>(events.size()));
     }
 
     /* Raises events and handles them as one batch. */

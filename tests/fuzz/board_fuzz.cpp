@@ -12,7 +12,7 @@ static constexpr uint32_t port_count = 4;
 
 static std::string state_of(board::simulator &board)
 {
-    board::condition none;
+    board::pending_answer none;
     std::string state = board::run_command("board", board, none);
     for (uint32_t port = 0; port < port_count; port++)
         state += board::run_command("show " + std::to_string(port), board, none);
@@ -22,7 +22,7 @@ static std::string state_of(board::simulator &board)
 static void run_line(const std::string &line, board::simulator &board)
 {
     const std::string before = state_of(board);
-    board::condition pending;
+    board::pending_answer pending;
     const std::string answer = board::run_command(line, board, pending);
     assert(answer.size() <= DOLM_RIC_BOARD_PACKET_MAX);
     if (pending) {

@@ -14,6 +14,9 @@
 namespace board
 {
 
+/* A burst of all ports of a usual board has room. */
+static constexpr size_t many_waiting = 1024;
+
 std::unique_lock<std::mutex> core::lock()
 {
     return std::unique_lock(mutex_);
@@ -162,6 +165,11 @@ bool core::free_event(const dolm_ric_event *event)
 event_counts core::counts() const
 {
     return {.queued = queued_count_, .waiting = queue_.size(), .outstanding = outstanding_.size()};
+}
+
+bool core::is_full() const
+{
+    return queue_.size() >= many_waiting;
 }
 
 bool core::is_idle() const

@@ -79,6 +79,8 @@ class core final : public port_events
     bool free_event(const dolm_ric_event *event);
 
     event_counts counts() const;
+    /* So many events wait that a source which can wait should queue no further one. */
+    bool is_full() const;
     /* The queue is empty, no event is outstanding, and the event thread waits. */
     bool is_idle() const;
 

@@ -229,6 +229,8 @@ int32_t dolm_ric_shutdown(uintptr_t handle, uint32_t)
         if (!lib.core.is_open())
             return DOLM_RICERR_SHUTDOWN;
         const int32_t code = lib.core.injected_fault(operation::shutdown, 0);
+        if (const size_t waiting = lib.core.counts().waiting)
+            fprintf(stderr, "libdolm_ric: %zu events wait to be taken at the stop\n", waiting);
         lib.core.close();
         guard.unlock();
         lib.source->stop();

@@ -118,10 +118,24 @@ static void *run_service(void *argument)
     }
 }
 
+/* A negative number where the system refuses a timer, or to set one. Without the second call, which
+   disarms it, a thread that can't be woken would hold up the end of the process. */
+static int open_timer()
+{
+    const itimerspec never{};
+    const int timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    if (timer_fd >= 0 && timerfd_settime(timer_fd, 0, &never, nullptr) == 0)
+        return timer_fd;
+    fprintf(stderr, "libtesktmo: the system refuses a timer: %s\n", strerror(errno));
+    if (timer_fd >= 0)
+        close(timer_fd);
+    return -1;
+}
+
 /* Null if there is no memory, descriptor or thread for it. */
 static timer_service *start_service()
 {
-    const int timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    const int timer_fd = open_timer();
     if (timer_fd < 0)
         return nullptr;
     /* cppcheck-suppress legacyUninitvar */

@@ -10,13 +10,13 @@
 
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_speed.h"
+#include "util/poll.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <linux/ethtool_netlink.h>
 #include <linux/rtnetlink.h>
 #include <optional>
-#include <poll.h>
 #include <system_error>
 #include <utility>
 
@@ -99,7 +99,7 @@ void link_follower::run()
                            {thread_.wake_fd(), POLLIN, 0},
                            {thread_.later_fd(), POLLIN, 0},
                            {watched_fd_, POLLIN, 0}};
-        poll(wanted, std::size(wanted), poll_timeout());
+        util::poll_or_pause(wanted, poll_timeout());
         const bool is_woken = wanted[1].revents != 0 || wanted[2].revents != 0;
         const bool is_later = is_woken && thread_.clear_wake();
         try {

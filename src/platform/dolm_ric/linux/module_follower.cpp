@@ -3,8 +3,9 @@
    without them are found by polling alone, so such an announcement only says: look now. */
 #include "platform/dolm_ric/linux/module_follower.h"
 
+#include "util/poll.h"
+
 #include <algorithm>
-#include <poll.h>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -182,7 +183,7 @@ void module_follower::await_work()
                        {thread_.later_fd(), POLLIN, 0},
                        {hints_ ? hints_->fd() : -1, POLLIN, 0}};
     const auto timeout = static_cast<int>(std::max<int64_t>(left.count(), 0));
-    poll(wanted, std::size(wanted), timeout);
+    util::poll_or_pause(wanted, timeout);
     thread_.clear_wake();
     if (take_hints())
         poller_.hint();

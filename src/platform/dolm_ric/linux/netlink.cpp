@@ -4,10 +4,11 @@
    type. */
 #include "platform/dolm_ric/linux/netlink.h"
 
+#include "util/poll.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <linux/genetlink.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
@@ -198,7 +199,7 @@ static int await_readable(int fd, std::chrono::steady_clock::time_point deadline
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd wanted = {fd, POLLIN, 0};
-    if (left.count() <= 0 || poll(&wanted, 1, static_cast<int>(left.count())) == 0)
+    if (left.count() <= 0 || util::poll_or_pause({&wanted, 1}, static_cast<int>(left.count())) == 0)
         return ETIMEDOUT;
     return 0;
 }

@@ -71,7 +71,8 @@ void worker::wake_later()
 {
     constexpr long delay_ns = 20'000'000;
     const itimerspec once = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = delay_ns}};
-    timerfd_settime(later_fd_, 0, &once, nullptr);
+    if (timerfd_settime(later_fd_, 0, &once, nullptr) != 0)
+        wake();
 }
 
 /* A timerfd is read like an eventfd. */

@@ -65,11 +65,11 @@ static std::unique_ptr<simulator> make_ports(std::string_view line, core &events
 /* No port is subscribed yet, so only a raw event can be queued. */
 static void run_line(std::string_view line, simulator &board)
 {
-    condition pending;
+    pending_answer pending;
     const auto guard = board.events.lock();
     const std::string answer = run_command(line, board, pending);
     if (!answer.starts_with("ok"))
-        throw board_error(pending ? "a board file can't wait"
+        throw board_error(pending ? "a board file can't wait, not even for its events to be taken"
                                   : answer.substr(answer.find(' ') + 1));
 }
 

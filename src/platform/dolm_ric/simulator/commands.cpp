@@ -177,7 +177,7 @@ static subscription_kind parse_kind(std::string_view text)
 }
 
 /* True once all the ports are subscribed, or none is. */
-static condition subscription_condition(simulator &board, bool is_wanted, words args)
+static std::function<bool()> subscription_condition(simulator &board, bool is_wanted, words args)
 {
     const port_list ports = parse_ports(args[0]);
     board.require(ports);
@@ -193,7 +193,7 @@ static condition subscription_condition(simulator &board, bool is_wanted, words 
 
 /* A condition outlives its command and is evaluated after each call of the library: it holds
    copies, no views of the command's words, and does little. */
-static condition parse_condition(simulator &board, words args)
+static std::function<bool()> parse_condition(simulator &board, words args)
 {
     const std::string_view what = args[0];
     if (what == "idle")
@@ -219,24 +219,30 @@ struct command_kind {
     size_t fewest;
     size_t most;
     std::string (*answer)(simulator &board, words args);
+    bool queues_events = false;
 };
 
 } // namespace
 
 static constexpr size_t any_number = SIZE_MAX;
 static constexpr command_kind command_kinds[] = {
-    {"set", 2, any_number, answer_set}, {"insert", 2, any_number, answer_insert},
-    {"remove", 1, 1, answer_remove},    {"event", 2, 4, answer_event},
-    {"fail", 2, 4, answer_fail},        {"heal", 0, 1, answer_heal},
-    {"show", 1, 1, answer_show},        {"board", 0, 0, answer_board},
+    {"set", 2, any_number, answer_set, true},
+    {"insert", 2, any_number, answer_insert, true},
+    {"remove", 1, 1, answer_remove, true},
+    {"event", 2, 4, answer_event, true},
+    {"fail", 2, 4, answer_fail},
+    {"heal", 0, 1, answer_heal},
+    {"show", 1, 1, answer_show},
+    {"board", 0, 0, answer_board},
 };
 
-static std::string answer_words(words command, simulator &board, condition &pending)
+static std::string answer_words(std::string_view text, simulator &board, pending_answer &pending)
 {
+    const auto command = split_words(text);
     const std::string_view verb = command.empty() ? "" : command[0];
-    const words args = command.subspan(command.empty() ? 0 : 1);
+    const words args = words(command).subspan(command.empty() ? 0 : 1);
     if (verb == "wait" && !args.empty()) {
-        pending = parse_condition(board, args);
+        pending = [is_true = parse_condition(board, args)] { return is_true() ? "ok" : ""; };
         return {};
     }
     const auto *kind = std::ranges::find(command_kinds, verb, &command_kind::verb);
@@ -244,13 +250,20 @@ static std::string answer_words(words command, simulator &board, condition &pend
         throw board_error("no request is called '" + escape(verb, false) + "'");
     if (args.size() < kind->fewest || args.size() > kind->most)
         throw board_error(std::string(verb) + ": wrong number of words");
+    if (kind->queues_events && board.events.is_full()) {
+        pending = [kept = std::string(text), &board] {
+            pending_answer none;
+            return board.events.is_full() ? "" : run_command(kept, board, none);
+        };
+        return {};
+    }
     return kind->answer(board, args);
 }
 
-std::string run_command(std::string_view command, simulator &board, condition &pending)
+std::string run_command(std::string_view command, simulator &board, pending_answer &pending)
 {
     try {
-        return answer_words(split_words(command), board, pending);
+        return answer_words(command, board, pending);
     } catch (const board_error &error) {
         return "error " + std::string(error.what());
     } catch (const std::exception &error) {

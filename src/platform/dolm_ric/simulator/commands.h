@@ -12,11 +12,13 @@
 namespace board
 {
 
-using condition = std::function<bool()>;
+/* An answer that comes later: empty until then. Called under the core's lock. */
+using pending_answer = std::function<std::string()>;
 
 /* Carries out a command and returns its answer, which begins with "ok" or "error". A command with
-   an error changes nothing. A "wait" has no answer yet: its condition is stored in `pending`, to be
-   called under the core's lock until it is true. The caller holds that lock. */
-std::string run_command(std::string_view command, simulator &board, condition &pending);
+   an error changes nothing. A "wait", and a command that would queue events while the queue is
+   full, has no answer yet: `pending` is set, to be called until it gives one. The caller holds the
+   core's lock. */
+std::string run_command(std::string_view command, simulator &board, pending_answer &pending);
 
 } // namespace board

@@ -4,7 +4,9 @@
    The board listens on a SOCK_SEQPACKET socket in the file system. One packet is one command: words
    of text with single spaces between them. One packet is its answer: "ok", followed by lines of the
    form "\nKEY=VALUE", or "error " and a sentence for people. A peer sends its next command after
-   the answer; a peer that doesn't take its answers is disconnected.
+   the answer; a peer that doesn't take its answers is disconnected. While 1,024 events or more wait
+   to be taken, a command that may queue events is not carried out. Of more than 64 peers one is
+   disconnected, of the process that has most of them.
 
      set PORTS [again] KEY=VALUE...           changes what the operations report; with "again"
                                               events are queued even if nothing changes
@@ -20,7 +22,7 @@
      wait idle                                all events taken, the event thread waits for more
                                               "wait" is answered once it is true
 
-   PORTS is a list such as 0-3,7. The keys, the units of their values, the modules and operations
+   PORTS is a list such as 0-3,7; a port that is named twice counts once. The keys, the units of their values, the modules and operations
    stand in vocabulary.cpp. In a value, non-printable and non-ASCII bytes and spaces are written as
    \xNN, a backslash as \\. A command that changes something answers with the lines "ports" and
    "events": how many ports it changed and how many events it queued. */

@@ -1,13 +1,17 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* One thread polls the listening socket, the peers and an eventfd. The eventfd wakes it to end and,
-   while a peer waits for a condition, after each call of the library, as only those calls change
-   what conditions are about. The thread never waits for a peer: one that doesn't take its answer is
-   disconnected. */
+   while a peer waits for its answer, after each call of the library, as only those calls change
+   what an answer waits for. The thread never waits for a peer: one that doesn't take its answer is
+   disconnected.
+
+   A peer whose command would queue events while the queue is full waits for its answer until the
+   library's caller has taken some; its socket isn't read meanwhile. So the queue holds no more than
+   its bound and the events of one command. */
 #include "platform/dolm_ric/simulator/control_server.h"
 
-#include "platform/dolm_ric/simulator/commands.h"
 #include "platform/dolm_ric/simulator/control_protocol.h"
 #include "util/local_socket.h"
+#include "util/poll.h"
 #include "util/thread.h"
 
 #include <algorithm>
@@ -16,7 +20,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -27,8 +30,7 @@
 namespace board
 {
 
-/* The library runs inside another program and leaves most descriptors to it. Further peers wait in
-   the listening socket's backlog. */
+/* The library runs inside another program and leaves most descriptors to it. */
 static constexpr size_t max_peers = 64;
 static constexpr int backlog = 16;
 static constexpr size_t stack_size = size_t{256} * 1024;
@@ -162,10 +164,11 @@ void control_server::serve()
     std::vector<pollfd> polled;
     while (!is_ending_) {
         polled.assign({{wakeup_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}});
-        polled[1].events = can_accept_ && peers_.size() < max_peers ? POLLIN : 0;
+        polled[1].events = can_accept_ ? POLLIN : 0;
         for (const peer &known : peers_)
-            polled.push_back({known.socket.get(), POLLIN, 0});
-        poll(polled.data(), polled.size(), can_accept_ ? -1 : 1000);
+            polled.push_back(
+                {known.socket.get(), static_cast<short>(known.pending ? 0 : POLLIN), 0});
+        util::poll_or_pause(polled, can_accept_ ? -1 : 1000);
         eventfd_t calls;
         eventfd_read(wakeup_.get(), &calls);
         serve_peers(std::span(polled).subspan(2));
@@ -180,8 +183,25 @@ bool control_server::accept_peer()
         accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.is_open())
         return errno != EMFILE && errno != ENFILE;
-    peers_.push_back({.socket = std::move(socket)});
+    ucred process = {};
+    socklen_t size = sizeof(process);
+    getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &process, &size);
+    if (peers_.size() == max_peers)
+        make_room();
+    peers_.push_back(
+        {.socket = std::move(socket), .process = process.pid, .last_command = ++last_command_});
     return true;
+}
+
+/* Disconnects a peer of the process that has most of them: the one whose last command, or whose
+   connection, is the oldest. So no process keeps others out. */
+void control_server::make_room()
+{
+    const auto order = [this](const peer &one) {
+        return std::pair(std::ranges::count(peers_, one.process, &peer::process),
+                         last_command_ - one.last_command);
+    };
+    peers_.erase(std::ranges::max_element(peers_, {}, order));
 }
 
 /* One pass under the lock over all peers. The watch is set before the lock is released, so that no
@@ -197,24 +217,26 @@ void control_server::serve_peers(std::span<const pollfd> polled)
     board_.faults.watch_calls(has_waiting ? wakeup_.get() : -1);
 }
 
-/* False if the peer is to be disconnected. A condition may hold at once. */
-bool control_server::serve_peer(peer &known, bool is_readable)
+/* False if the peer is to be disconnected. A peer that waits for its answer is ready only when it
+   has gone. The answer may be there at once. */
+bool control_server::serve_peer(peer &known, bool is_ready)
 {
-    if (is_readable && !receive_command(known))
+    if (is_ready && (known.pending || !receive_command(known)))
         return false;
-    if (!known.pending || !known.pending())
+    const std::string answer = known.pending ? known.pending() : "";
+    if (answer.empty())
         return true;
     known.pending = nullptr;
-    return send_answer(known.socket.get(), "ok");
+    return send_answer(known.socket.get(), answer);
 }
 
-/* False if the peer is to be disconnected, as is one that sends a command while it waits for an
-   answer. */
+/* False if the peer is to be disconnected. */
 bool control_server::receive_command(peer &from)
 {
     const ssize_t length = recv(from.socket.get(), command_.data(), command_.size(), MSG_TRUNC);
-    if (length <= 0 || from.pending)
+    if (length <= 0)
         return length < 0 && errno == EAGAIN;
+    from.last_command = ++last_command_;
     if (static_cast<size_t>(length) > command_.size())
         return send_answer(from.socket.get(), "error the request is too long");
     const std::string answer = run_command(

@@ -3,11 +3,12 @@
    Commands are carried out under the core's lock, between two calls of the library. */
 #pragma once
 
+#include "platform/dolm_ric/simulator/commands.h"
 #include "platform/dolm_ric/simulator/simulator.h"
 #include "util/descriptor.h"
 
 #include <atomic>
-#include <functional>
+#include <cstdint>
 #include <pthread.h>
 #include <span>
 #include <string>
@@ -32,15 +33,18 @@ class control_server
   private:
     struct peer {
         util::descriptor socket;
-        std::function<bool()> pending = {}; /* the condition of its "wait" */
-        bool is_dropped = false;            /* closed at the end of the current pass */
+        pid_t process = 0;           /* 0 if the kernel can't say */
+        uint64_t last_command = 0;   /* a smaller number is an older one */
+        pending_answer pending = {}; /* no further command is read until it is given */
+        bool is_dropped = false;     /* closed at the end of the current pass */
     };
 
     static void *run(void *argument);
     void serve();
     bool accept_peer();
+    void make_room();
     void serve_peers(std::span<const pollfd> polled);
-    bool serve_peer(peer &known, bool is_readable);
+    bool serve_peer(peer &known, bool is_ready);
     bool receive_command(peer &from);
 
     const std::string path_;
@@ -49,6 +53,7 @@ class control_server
     util::descriptor listener_;
     util::descriptor wakeup_;
     std::vector<peer> peers_;
+    uint64_t last_command_ = 0;
     bool can_accept_ = true;
     std::vector<char> command_;
     std::atomic<bool> is_ending_ = false;

@@ -8,6 +8,9 @@
 namespace board
 {
 
+/* Failures, and the ranges of ports that they name, in all. */
+static constexpr size_t max_ranges = 4096;
+
 void fault_injector::call_begins(operation op)
 {
     calls_[static_cast<size_t>(op)]++;
@@ -28,8 +31,14 @@ int32_t fault_injector::injected_fault(operation op, uint32_t port)
     return code;
 }
 
+/* Each call looks through all of them. */
 void fault_injector::add(fault added)
 {
+    size_t ranges = added.ports.size();
+    for (const fault &known : faults_)
+        ranges += 1 + known.ports.size();
+    if (ranges >= max_ranges)
+        throw board_error("the board has too many failures: withdraw some with heal");
     faults_.push_back(std::move(added));
 }
 

@@ -30,6 +30,7 @@ class fault_injector final : public call_hook
     /* The code of the latest fault for this operation and port. Uses up one of its calls. */
     int32_t injected_fault(operation op, uint32_t port) override;
 
+    /* Throws a board_error if there are too many. */
     void add(fault added);
     /* Removes the faults of one operation or of all. Returns their number. */
     size_t remove(std::optional<operation> op);

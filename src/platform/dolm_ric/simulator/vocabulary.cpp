@@ -350,6 +350,9 @@ setting parse_setting(std::string_view text)
 
 std::vector<setting> parse_settings(std::span<const std::string_view> words)
 {
+    if (words.size() > fields().size())
+        fail("more values are set than a port has: " + std::to_string(fields().size()) +
+             " at most");
     std::vector<setting> settings;
     for (const std::string_view word : words)
         settings.push_back(parse_setting(word));

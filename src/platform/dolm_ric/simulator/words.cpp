@@ -102,11 +102,27 @@ static uint32_t parse_port(std::string_view text, std::string_view list)
     return static_cast<uint32_t>(*port);
 }
 
-/* The ports are counted, so that a list that names a port many times can't cause work for millions
-   of ports. */
+/* Adds those of the range that aren't listed yet, in as many ranges as that takes. */
+static void add_range(port_list &ports, std::vector<bool> &is_listed, const port_range &added)
+{
+    bool continues = false; /* the last range of the list */
+    for (uint32_t port = added.first; port <= added.last; port++) {
+        const bool is_new = !is_listed[port];
+        if (is_new && continues)
+            ports.back().last = port;
+        else if (is_new)
+            ports.push_back({port, port});
+        continues = is_new;
+        is_listed[port] = true;
+    }
+}
+
+/* The ports are counted as they are named, so that a list that names a port many times can't cause
+   work for millions of ports. */
 port_list parse_ports(std::string_view text)
 {
     port_list ports;
+    std::vector<bool> is_listed(max_ports);
     uint32_t count = 0;
     /* Including an empty part at the end, which is an error. */
     for (size_t at = 0; at <= text.size();) {
@@ -119,7 +135,7 @@ port_list parse_ports(std::string_view text)
         count += last - first + 1;
         if (count > max_ports)
             fail("more ports are listed than a board can have");
-        ports.push_back({first, last});
+        add_range(ports, is_listed, {first, last});
         at += part.size() + 1;
     }
     return ports;

@@ -27,7 +27,7 @@ std::optional<int64_t> parse_integer(std::string_view text);
 /* A decimal or 0x number from 0 to `highest`. */
 uint64_t parse_number(std::string_view text, uint64_t highest);
 
-/* Ports in the order in which they were named. */
+/* Ports in the order in which they were named first, each once. */
 struct port_range {
     uint32_t first;
     uint32_t last;
