@@ -500,6 +500,42 @@ TEST_F(client, a_rejection_is_known_by_its_text)
     EXPECT_EQ(tesk_client_error_rejection(), TESK_CLIENT_REJECTION_NONE);
 }
 
+TEST_F(client, a_wrong_argument_is_misuse_and_sends_nothing)
+{
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    const size_t sent = mbx.sent.size();
+    auto *none = static_cast<tesk_client_session *>(nullptr);
+    for (const int wrong : {-3, -2, -1, 9, 255, INT_MIN, INT_MAX}) {
+        const auto history = static_cast<tesk_client_history_kind>(wrong);
+        const auto kind = static_cast<tesk_client_kind>(wrong == 9 ? 5 : wrong);
+        const tesk_client_result results[] = {
+            tesk_client_subscribe(session, kind, 1), tesk_client_unsubscribe(session, kind, 1),
+            tesk_client_read_history(session, history, &record, 1, &(count = 1)),
+            request(static_cast<tesk_client_request_type>(wrong))};
+        EXPECT_EQ(std::ranges::count(results, TESK_CLIENT_MISUSE), 4) << wrong;
+        EXPECT_EQ(count, 0);
+        EXPECT_STREQ(tesk_client_text(static_cast<tesk_client_enumeration>(wrong), 0), "unknown");
+    }
+    constexpr auto sfp = TESK_CLIENT_SFP_INFO;
+    constexpr auto actions = TESK_CLIENT_HISTORY_ACTIONS;
+    const tesk_client_result results[] = {
+        tesk_client_connect(&options, nullptr),
+        tesk_client_dispatch(none),
+        tesk_client_run(none, 0),
+        tesk_client_subscribe(none, sfp, 1),
+        tesk_client_unsubscribe(none, sfp, 1),
+        tesk_client_read_pm(session, 1, nullptr),
+        tesk_client_read_capabilities(session, nullptr, 1, &count),
+        tesk_client_read_capabilities(session, &capability, 1, nullptr),
+        tesk_client_read_history(session, actions, nullptr, 1, &count),
+        tesk_client_read_history(session, actions, &record, 1, nullptr),
+        tesk_client_request(none, TESK_CLIENT_REQUEST_PM, 1, on_answer, nullptr)};
+    EXPECT_EQ(std::ranges::count(results, TESK_CLIENT_MISUSE), std::ssize(results));
+    tesk_client_stop(none);
+    EXPECT_TRUE(tesk_client_fd(none) == -1 && !tesk_client_connected(none));
+    EXPECT_EQ(mbx.sent.size(), sent);
+}
+
 TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)
 {
     ASSERT_EQ(connect(), TESK_CLIENT_OK);

@@ -290,8 +290,6 @@ void tesk_client_session::cancel()
 tesk_client_result tesk_client_session::request(tesk_client_request_type type, uint32_t port_no,
                                                 tesk_client_answered answered, void *user)
 {
-    if (static_cast<size_t>(type) >= std::size(rows))
-        return TESK_CLIENT_MISUSE;
     if (state_ == state::ended)
         return TESK_CLIENT_LOST;
     pending_request request{};
