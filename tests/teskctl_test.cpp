@@ -270,10 +270,16 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     testkit::expect_runs(program, {{"--version", 0, "teskctl 1."},
                                    {"--help", 0, "history"},
                                    {"help status", 0, "teskctl status"},
-                                   {"", 2, "subcommand"},
+                                   {"", 2, "a command is missing"},
                                    {"pm", 2, "required"},
                                    {"pm 3-1", 2, "comes before"},
                                    {"watch", 2, "--sfp"},
+                                   {"watch --staus 0", 2,
+                                    "teskctl: there is no option '--staus': "
+                                    "did you mean '--status'?"},
+                                   {"--tmeout 1 pm 0", 2, "did you mean '--timeout'?"},
+                                   {"ping 3", 2, "'3' is one word too many"},
+                                   {"pm eth0", 2, "no interface names are known"},
                                    {"ping --count 0", 2, "--count"},
                                    {"--timeout 0 ping", 2, "timeout"},
                                    {"history everything", 2, "status"}});
@@ -292,6 +298,9 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("pm all | grep -c ^port", 0, {"16\n"});
     expect("pm 0-9999 | grep -c ^port", 0, {"16\n"});
     expect("ports --status 0", 0, {"LINK", "up 9.8 Gbps  ok"});
+    /* Nothing more comes: it ends with its reader, and not at the next line. */
+    expect("watch --status 0 | head -n 1", 0, {"port 0 "});
+    expect("ping -i 1000 | head -n 1", 0, {"seq=1 "});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
     EXPECT_EQ(run("--version; " TESK_BIN_DIR "/tesk-abi-check " TESK_LIB_DIR " > /dev/full"), 5);
     setenv("MBX_LOCATE_MS", "100", 1);
@@ -384,6 +393,10 @@ TEST_F(teskctl_system, ports_are_named_by_the_port_map)
     expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  optical"});
     expect("--json ports 3", 0, {"\"port\":3,\"name\":\"eth3\","});
     expect("pm all | grep -c ^port", 0, {"2\n"});
+    expect("pm eth3,7 12", 0, {"port 3: optical\n", "port 7: ", "port 12: no module\n"});
+    expect("watch --status eth3 --count 1", 0, {"port 3 "});
+    expect("pm eth33", 2, {"no port is called 'eth33': did you mean 'eth3'?"});
+    expect("ports --numbers --names", 0, {"3\neth3\n7\nx\\x1b[2J\n"});
     testkit::run("echo wrong >" + map, output);
     expect("ports", 0, {"port map ignored: ", "line 1", "\n15 "});
 }

@@ -19,7 +19,8 @@ exit_code run_status(const settings &common, const ports_text &ports);
 struct ports_options {
     ports_text ports = {"all"};
     bool has_status = false;   /* subscribes to the port status, too */
-    bool numbers_only = false; /* for the completion */
+    bool numbers_only = false; /* both for the completion */
+    bool names_only = false;
 };
 exit_code run_ports(const settings &common, const ports_options &options);
 
