@@ -50,6 +50,7 @@ struct top_options {
 };
 exit_code run_top(const settings &common, const top_options &options);
 
-/* exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is
+/* `prometheus` is the ADDRESS:PORT of one that reads the exporter.
+   exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is
    wrong. */
-exit_code run_doctor(const settings &common);
+exit_code run_doctor(const settings &common, const std::string &prometheus);

@@ -110,8 +110,11 @@ class command_line
     {
         add("capabilities", "Show the capabilities that the server declares",
             [this] { return run_capabilities(common_); });
-        add("doctor", "Check the installation, the service and the access to the server",
-            [this] { return run_doctor(common_); });
+        add("doctor", "Check the way from the ports' configuration to this user and to Prometheus",
+            [this] { return run_doctor(common_, prometheus_); })
+            ->add_option("--prometheus", prometheus_, "The one that reads the exporter")
+            ->type_name("ADDRESS:PORT")
+            ->capture_default_str();
         add("history", "Show the server's history of events and actions",
             [this] { return run_history(common_, history_); })
             ->add_option("KIND", history_, "status, sfp or actions; all of them without it")
@@ -187,6 +190,7 @@ class command_line
     std::function<exit_code()> command_;
     ports_text ports_;
     std::string history_;
+    std::string prometheus_ = "127.0.0.1:9090";
     ports_options listed_;
     ping_options ping_;
     watch_options watch_;

@@ -44,16 +44,16 @@ static std::vector<uint32_t> probe(event_loop &loop, session &server)
     return found;
 }
 
-static bool is_set(const char *variable)
+bool has_port_map()
 {
-    const char *value = secure_getenv(variable);
-    return value != nullptr && *value != '\0';
+    const char *given = secure_getenv("DOLM_RIC_PORT_MAP");
+    return mailbox_directory() == default_mailbox_directory || (given != nullptr && *given != '\0');
 }
 
 port_name_map port_names()
 {
     port_name_map names;
-    if (mailbox_directory() != default_mailbox_directory && !is_set("DOLM_RIC_PORT_MAP"))
+    if (!has_port_map())
         return names;
     const tesk_client_result result = tesk_client_read_port_map(
         nullptr,

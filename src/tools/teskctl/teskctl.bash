@@ -21,10 +21,11 @@ _teskctl()
         [[ " $commands help " == *" $word "* ]] && { command=$word; break; }
     done
     case $previous in
-    --timeout | --for | --count | --interval | -c | -i) return ;;
+    --timeout | --prometheus | --for | --count | --interval | -c | -i) return ;;
     --sfp | --status) [[ $command == watch ]] && { _teskctl_ports "$cur"; return; } ;;
     esac
     case $command in
+    doctor) options+=' --prometheus' ;;
     '') options+=" --version help $commands" ;;
     help) options=$commands ;;
     history) [[ $cur == -* ]] || options='status sfp actions' ;;
