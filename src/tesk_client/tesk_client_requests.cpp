@@ -97,7 +97,7 @@ void tesk_client_session::complete_renewal(const pending_request &request, const
 
 void tesk_client_session::complete(const pending_request &request, const completion &end)
 {
-    note_subscription(request, end.result);
+    note_subscription(request, end);
     if (request.renewal)
         return complete_renewal(request, end);
     tesk_client_answer answer{};

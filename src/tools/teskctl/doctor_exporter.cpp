@@ -76,11 +76,7 @@ static util::descriptor connect_to_address(const std::string &address)
 {
     if (address.starts_with("unix:"))
         return util::connect_to(address.substr(5), SOCK_STREAM);
-    auto [host, port] = split_address(address);
-    if (host == "localhost" || host == "0.0.0.0" || host.empty())
-        host = "127.0.0.1";
-    if (host == "::")
-        host = "::1";
+    const auto [host, port] = split_address(address);
     addrinfo hints{}, *found = nullptr;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     hints.ai_socktype = SOCK_STREAM;
@@ -96,8 +92,18 @@ static util::descriptor connect_to_address(const std::string &address)
     return connection;
 }
 
-static http_answer get(const std::string &address, const std::string &path)
+/* An address at which a listener on all addresses is reached. */
+static std::string reachable(const std::string &address)
 {
+    const auto [host, port] = split_address(address);
+    if (host == "localhost" || host == "0.0.0.0" || host.empty())
+        return "127.0.0.1:" + port;
+    return host == "::" ? "[::1]:" + port : address;
+}
+
+static http_answer get(const std::string &given, const std::string &path)
+{
+    const std::string address = reachable(given);
     const util::descriptor connection = connect_to_address(address);
     if (!connection.is_open())
         return {0, std::strerror(errno)};

@@ -12,8 +12,6 @@
 #include <numeric>
 #include <utility>
 
-static constexpr uint32_t probed_ports = 128;
-
 bool is_all(const ports_text &text)
 {
     return text.size() == 1 && text.front() == "all";

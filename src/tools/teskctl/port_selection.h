@@ -11,6 +11,9 @@
 /* PORTS as given: lists such as "0-3,7" or "eth0,eth3", or "all". */
 using ports_text = std::vector<std::string>;
 
+/* How many port numbers are tried where no port map says which exist. */
+inline constexpr uint32_t probed_ports = 128;
+
 bool is_all(const ports_text &text);
 
 /* Throws a tool_error with exit_code::usage if the text is wrong. Needs no server, so that a wrong
