@@ -308,8 +308,16 @@ TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_on
 {
     // After a first subscribe: s(ubscribe) and u(nsubscribe), each confirmed (y) or rejected (n).
     static const std::tuple<std::string, std::string, bool> cases[] = {
-        {"us", "yy", true},  {"us", "yn", false},   {"us", "nn", true},
-        {"su", "ny", false}, {"usu", "yyy", false}, {"usus", "ynny", true}};
+        {"us", "yy", true},
+        {"us", "yn", false},
+        {"us", "nn", true},
+        {"su", "ny", false},
+        {"usu", "yyy", false},
+        {"usus", "ynny", true},
+        /* without an answer; found a(lready subscribed) and g(one) at the next try */
+        {"uss", "yta", true},
+        {"uu", "tg", false}};
+    options.deadline_ms = 100;
     for (const auto &[requests, answers, is_subscribed] : cases) {
         SCOPED_TRACE(requests + " " + answers);
         mbx.react = answering_server;
@@ -326,8 +334,11 @@ TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_on
             const words_of &sent = mbx.sent.at(first + i);
             if (answers[i] == 'y')
                 mbx.deliver({sent[0] + 1, sent[1], own_ref, sent[3]});
-            else
-                mbx.deliver({sent[0] + 2, sent[1], own_ref, sent[3], 1}, 276, "no");
+            else if (answers[i] != 't')
+                mbx.deliver({sent[0] + 2, sent[1], own_ref, sent[3], 1}, 276,
+                            answers[i] == 'a'   ? "already subscribed"
+                            : answers[i] == 'g' ? "client is not subscribed"
+                                                : "no");
         }
         reported.clear();
         run_until_reported(requests.size());
@@ -498,6 +509,42 @@ TEST_F(client, a_rejection_is_known_by_its_text)
     }
     EXPECT_EQ(tesk_client_read_pm(nullptr, 1, &pm), TESK_CLIENT_MISUSE);
     EXPECT_EQ(tesk_client_error_rejection(), TESK_CLIENT_REJECTION_NONE);
+}
+
+TEST_F(client, a_wrong_argument_is_misuse_and_sends_nothing)
+{
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    const size_t sent = mbx.sent.size();
+    auto *none = static_cast<tesk_client_session *>(nullptr);
+    for (const int wrong : {-3, -2, -1, 9, 255, INT_MIN, INT_MAX}) {
+        const auto history = static_cast<tesk_client_history_kind>(wrong);
+        const auto kind = static_cast<tesk_client_kind>(wrong == 9 ? 5 : wrong);
+        const tesk_client_result results[] = {
+            tesk_client_subscribe(session, kind, 1), tesk_client_unsubscribe(session, kind, 1),
+            tesk_client_read_history(session, history, &record, 1, &(count = 1)),
+            request(static_cast<tesk_client_request_type>(wrong))};
+        EXPECT_EQ(std::ranges::count(results, TESK_CLIENT_MISUSE), 4) << wrong;
+        EXPECT_EQ(count, 0);
+        EXPECT_STREQ(tesk_client_text(static_cast<tesk_client_enumeration>(wrong), 0), "unknown");
+    }
+    constexpr auto sfp = TESK_CLIENT_SFP_INFO;
+    constexpr auto actions = TESK_CLIENT_HISTORY_ACTIONS;
+    const tesk_client_result results[] = {
+        tesk_client_connect(&options, nullptr),
+        tesk_client_dispatch(none),
+        tesk_client_run(none, 0),
+        tesk_client_subscribe(none, sfp, 1),
+        tesk_client_unsubscribe(none, sfp, 1),
+        tesk_client_read_pm(session, 1, nullptr),
+        tesk_client_read_capabilities(session, nullptr, 1, &count),
+        tesk_client_read_capabilities(session, &capability, 1, nullptr),
+        tesk_client_read_history(session, actions, nullptr, 1, &count),
+        tesk_client_read_history(session, actions, &record, 1, nullptr),
+        tesk_client_request(none, TESK_CLIENT_REQUEST_PM, 1, on_answer, nullptr)};
+    EXPECT_EQ(std::ranges::count(results, TESK_CLIENT_MISUSE), std::ssize(results));
+    tesk_client_stop(none);
+    EXPECT_TRUE(tesk_client_fd(none) == -1 && !tesk_client_connected(none));
+    EXPECT_EQ(mbx.sent.size(), sent);
 }
 
 TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)

@@ -270,10 +270,16 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     testkit::expect_runs(program, {{"--version", 0, "teskctl 1."},
                                    {"--help", 0, "history"},
                                    {"help status", 0, "teskctl status"},
-                                   {"", 2, "subcommand"},
+                                   {"", 2, "a command is missing"},
                                    {"pm", 2, "required"},
                                    {"pm 3-1", 2, "comes before"},
                                    {"watch", 2, "--sfp"},
+                                   {"watch --staus 0", 2,
+                                    "teskctl: there is no option '--staus': "
+                                    "did you mean '--status'?"},
+                                   {"--tmeout 1 pm 0", 2, "did you mean '--timeout'?"},
+                                   {"ping 3", 2, "'3' is one word too many"},
+                                   {"pm eth0", 2, "no interface names are known"},
                                    {"ping --count 0", 2, "--count"},
                                    {"--timeout 0 ping", 2, "timeout"},
                                    {"history everything", 2, "status"}});
@@ -292,6 +298,9 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("pm all | grep -c ^port", 0, {"16\n"});
     expect("pm 0-9999 | grep -c ^port", 0, {"16\n"});
     expect("ports --status 0", 0, {"LINK", "up 9.8 Gbps  ok"});
+    /* Nothing more comes: it ends with its reader, and not at the next line. */
+    expect("watch --status 0 | head -n 1", 0, {"port 0 "});
+    expect("ping -i 1000 | head -n 1", 0, {"seq=1 "});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
     EXPECT_EQ(run("--version; " TESK_BIN_DIR "/tesk-abi-check " TESK_LIB_DIR " > /dev/full"), 5);
     setenv("MBX_LOCATE_MS", "100", 1);
@@ -384,6 +393,10 @@ TEST_F(teskctl_system, ports_are_named_by_the_port_map)
     expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  optical"});
     expect("--json ports 3", 0, {"\"port\":3,\"name\":\"eth3\","});
     expect("pm all | grep -c ^port", 0, {"2\n"});
+    expect("pm eth3,7 12", 0, {"port 3: optical\n", "port 7: ", "port 12: no module\n"});
+    expect("watch --status eth3 --count 1", 0, {"port 3 "});
+    expect("pm eth33", 2, {"no port is called 'eth33': did you mean 'eth3'?"});
+    expect("ports --numbers --names", 0, {"3\neth3\n7\nx\\x1b[2J\n"});
     testkit::run("echo wrong >" + map, output);
     expect("ports", 0, {"port map ignored: ", "line 1", "\n15 "});
 }
@@ -397,11 +410,100 @@ TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
     EXPECT_EQ(testkit::wait_for_end(waiting), 0);
     EXPECT_TRUE(testkit::read_file(log).starts_with("port 0: optical\n"));
     expect("doctor", 0, {"ok     server     process"});
-    chmod((directory.path + "/mbx").c_str(), 0777);
-    expect("doctor", 1, {"every user can take", "chmod o-w"});
-    chmod((directory.path + "/mbx").c_str(), 0700);
-    kill(server->pid, SIGSTOP);
-    setenv("MBX_LOCATE_MS", "100", 1);
-    expect("--timeout 0.1 doctor", 3, {"has the server's name, but"});
-    kill(server->pid, SIGCONT);
+}
+
+/* A trouble: the shell makes it in the test's directory, with the server's process in $pid. */
+struct trouble {
+    const char *setup;
+    const char *line;   /* of the doctor, some of it */
+    const char *remedy; /* the line below it; "" for none */
+    bool is_up = true;  /* the server runs */
+    bool is_nobody = false;
+};
+
+TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "changes owners, and runs as another user";
+    /* A unit's state as systemctl shows it; units that aren't named are not installed. */
+    const std::string head =
+        "cd " + directory.path +
+        "; export MBX_DIR=$PWD/mbx MBX_LOCATE_MS=1000; s=tesk-server.service; "
+        "e=tesk-exporter.service;"
+        "r=tesk-module-reader.socket; export PATH=$PWD/bin:" TESK_BIN_DIR ":/usr/bin:/bin; "
+        "unit() { printf '%s\n' Id=$1 LoadState=$2 ActiveState=$3 SubState=$4 \"${5:-X=}\" "
+        "Group=users "
+        "Environment=\"A=1 MBX_DIR=$MBX_DIR\" '' >>units; }; as=; rm -f units; umask 022;"
+        "chown root:users . mbx mbx/* 2>/dev/null; chmod 755 . mbx; chmod 660 mbx/* 2>/dev/null;";
+    const std::string tail =
+        " :; timeout 20 $as teskctl --timeout 1 doctor "
+        "--prometheus 127.0.0.1:1 2>&1; kill -CONT $pid 2>/dev/null; kill $e_pid 2>/dev/null; "
+        "chmod 755 mbx; ";
+    testkit::run(
+        "mkdir -p " + directory.path + "/bin; cd " + directory.path +
+            "; printf "
+            "'#!/bin/sh\ncat %s/units 2>/dev/null' $PWD >bin/systemctl; chmod +x bin/systemctl",
+        output);
+    const trouble troubles[] = {
+        {"unit $s masked inactive dead", "masked, so that", "if that is not on purpose", false},
+        {"unit $s masked inactive dead", "wrong  server     no process", "see the unit", false},
+        {"unit $s loaded inactive dead", "no process has", "systemctl start tesk-server", false},
+        {"unit $s loaded failed failed Result=exit-code", "result exit-code", "journalctl", false},
+        {"unit $s loaded activating auto-restart", "activating (auto-", "journalctl -u", false},
+        {"unit $s bad-setting inactive dead", "can't load it", "systemctl status", false},
+        {":", "wrong  server     no process", "MBX_DIR=", false},
+        {"MBX_DIR=mbx", "mbx is relative", "set MBX_DIR to an absolute path", false},
+        {"MBX_DIR=$PWD/none", "No such file", "unset MBX_DIR, or mkdir", false},
+        {"touch file; MBX_DIR=$PWD/file", "is not a directory", "move it away", false},
+        {"mkdir d; touch d/tesk-server; MBX_DIR=$PWD/d", "is not a socket", "move it away, then",
+         false},
+        {"unit $s loaded inactive dead", "was started in another way", ""},
+        {"unit $s loaded active running NeedDaemonReload=yes", "changed since", "daemon-reload"},
+        {"kill -STOP $pid", "(tesk-server, T (stopped)) has", "it is stopped: kill -CONT"},
+        {"chmod 777 mbx", "every user can take", "chmod o-w"},
+        {"chown 1 mbx", "its owner can take the name", "chown root"},
+        {"chmod 700 mbx; chown nobody mbx", "can take the name", "chown root"},
+        {"chmod 700 mbx; chgrp nogroup mbx", "forbids group nogroup", "chmod g+x", true, true},
+        {"chmod 710 mbx; unit $s loaded active running", "not in the group users",
+         "adduser nobody users, then log in again; or use sudo", true, true},
+        {"unit $s loaded active running", "not in the group users", "adduser nobody", true, true},
+        {"chgrp root mbx/*", "root, which is not one for", "use sudo, or run", true, true},
+        {"chmod 710 mbx; chgrp root mbx", "root, which is not one for", "use sudo,", true, true},
+        {"chgrp nogroup mbx/*; chmod 600 mbx/*", "forbids group nogroup", "chmod g+w", true, true},
+        {"unit $r loaded failed failed Result=resources", "reader.socket: failed", "journalctl"},
+        {"unit $r loaded inactive dead", "reader.socket: inactive", "systemctl start tesk-mod"},
+        {"printf '0 lo\n1 a b c\n' >p; export DOLM_RIC_PORTS=$PWD/p", "config     ",
+         "correct it in"},
+        {"printf '0 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p", "p has no wrong line", ""},
+        {"export DOLM_RIC_PORT_MAP=$PWD/m; echo x >m", "line 1: must be", "restart tesk-server"},
+        {"export DOLM_RIC_PORT_MAP=$PWD/m; printf '# tesk-ports 1\n99\ta\n' >m",
+         "the server has no port", "journalctl -u tesk-server"},
+        {"unit $e loaded failed failed Result=exit-code", "exporter.service: failed", "journalctl"},
+        {"unit $e loaded active running MainPID=1", "listens on 127.0.0.1:9816: Connection refused",
+         "journalctl -u tesk-exporter"},
+        {"unit $e loaded active running MainPID=1", "Prometheus at 127.0.0.1:1: Conn", ""},
+        {"mkfifo f; sh -c 'read x' x --listen 0.0.0.0:1 <>f & e_pid=$!; printf "
+         "'IPAddressDeny=0.0.0.0/0\n"
+         "IPAddressAllow=127.0.0.0/8 ::1/128\n' >units; unit $e loaded active running "
+         "MainPID=$e_pid",
+         "lets only this machine's", "IPAddressAllow=NETWORK"},
+    };
+    for (const auto &[setup, line, remedy, is_up, is_nobody] : troubles) {
+        SCOPED_TRACE(setup);
+        if (is_up && !server)
+            server.emplace();
+        const std::string pid = server ? std::to_string(server->pid) : "1 2>/dev/null; pid=";
+        testkit::run(
+            head + "pid=" + pid + "; " + setup + ";" +
+                (is_nobody ? "as='setpriv --reuid nobody --regid nogroup --clear-groups';" : "") +
+                tail,
+            output);
+        const size_t at = output.find(line);
+        ASSERT_NE(at, std::string::npos) << line << "\nis missing in\n" << output;
+        const size_t next = output.find('\n', at) + 1;
+        const std::string below = output.substr(next, output.find('\n', next) - next);
+        EXPECT_EQ(testkit::contains(below, "-> "), *remedy != '\0') << output;
+        EXPECT_TRUE(testkit::contains(below, remedy)) << output;
+        testkit::expect_none(output, {"adduser nobody root", "adduser nobody nogroup", "kill -9"});
+    }
 }

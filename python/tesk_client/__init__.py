@@ -12,7 +12,8 @@ from ._aio import AsyncSession, AsyncWatch
 from ._enums import (Action, Environment, HistoryKind, Kind, Level, Link, Measurement, PortState,
                      Presence, Result, SfpType)
 from ._errors import (BadPortMapError, ClosedError, DeadlineError, LostError, MisuseError,
-                      NoAccessError, NoPortMapError, NoServerError, RejectedError, TeskError)
+                      NoAccessError, NoModuleError, NoPortError, NoPortMapError, NoServerError,
+                      RejectedError, TeskError)
 from ._port_map import ports
 from ._records import (ActionRecord, Capability, Change, HistoryRecord, Levels, Missed, Pm,
                        PortStatus, PortStatusRecord, ServerLost, ServerRestored, SfpInfo,
@@ -25,7 +26,8 @@ __all__ = [
     "Action", "ActionRecord", "AsyncSession", "AsyncWatch", "BadPortMapError", "Capability",
     "Change", "ClosedError", "DeadlineError", "Environment", "HistoryKind", "HistoryRecord", "Kind",
     "Level", "Levels", "Link", "LostError", "Measurement", "Missed", "MisuseError", "NoAccessError",
-    "NoPortMapError", "NoServerError", "Pm", "PortState", "PortStatus", "PortStatusRecord",
-    "Presence", "RejectedError", "Result", "ServerLost", "ServerRestored", "Session", "SfpInfo",
-    "SfpInfoRecord", "SfpType", "SubscriptionLost", "TeskError", "Watch", "ports",
+    "NoModuleError", "NoPortError", "NoPortMapError", "NoServerError", "Pm", "PortState",
+    "PortStatus", "PortStatusRecord", "Presence", "RejectedError", "Result", "ServerLost",
+    "ServerRestored", "Session", "SfpInfo", "SfpInfoRecord", "SfpType", "SubscriptionLost",
+    "TeskError", "Watch", "ports",
 ]

@@ -392,7 +392,8 @@ class Core:
 
 def _convert(answer: c.CAnswer) -> Outcome:
     if answer.result != Result.OK:
-        return error_of(answer.result, c.printable(answer.text), answer.error_code)
+        return error_of(answer.result, c.printable(answer.text), answer.error_code,
+                        answer.rejection)
     if answer.request == c.PM:
         return Pm._from_c(answer.pm.contents)
     if answer.request == c.CAPABILITIES:

@@ -122,6 +122,17 @@ class HistoryKind(enum.IntEnum):
     ACTIONS = 2
 
 
+class Rejection(enum.IntEnum):
+    """Why the server refused, as far as its text says."""
+
+    NONE = 0
+    OTHER = 1
+    NO_PORT = 2
+    NO_MODULE = 3
+    SUBSCRIBED = 4
+    NOT_SUBSCRIBED = 5
+
+
 class Result(enum.IntEnum):
     """The result of a call."""
 

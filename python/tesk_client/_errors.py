@@ -2,7 +2,7 @@
 """The exceptions: one class for each result of the C library, with its text or the server's."""
 from __future__ import annotations
 
-from ._enums import Result
+from ._enums import Rejection, Result
 
 
 class TeskError(Exception):
@@ -27,6 +27,14 @@ class RejectedError(TeskError):
     """The server refused and gave a text."""
 
     result = Result.REJECTED
+
+
+class NoPortError(RejectedError):
+    """The port doesn't exist."""
+
+
+class NoModuleError(RejectedError):
+    """The port has no module, or none that can be read."""
 
 
 class MisuseError(TeskError):
@@ -81,7 +89,12 @@ _BY_RESULT: dict[int, type[TeskError]] = {kind.result: kind for kind in (
     RejectedError, MisuseError, NoServerError, NoAccessError, DeadlineError, LostError, ClosedError,
     NoPortMapError, BadPortMapError)}
 
+_BY_REJECTION: dict[int, type[TeskError]] = {
+    Rejection.NO_PORT: NoPortError, Rejection.NO_MODULE: NoModuleError}
 
-def error_of(result: int, text: str, error_code: int = 0) -> TeskError:
+
+def error_of(result: int, text: str, error_code: int = 0,
+             rejection: int = Rejection.NONE) -> TeskError:
     """The exception for a result of the C library; a result of a newer one is a TeskError."""
-    return _BY_RESULT.get(result, TeskError)(text, error_code)
+    kind = _BY_RESULT.get(result, TeskError)
+    return _BY_REJECTION.get(rejection, kind)(text, error_code)

@@ -13,6 +13,9 @@
    which never waits. Each request has a deadline and always completes: answered, failed or timed
    out.
 
+   A null pointer where the call needs one, or a number that its enumeration doesn't list, is
+   TESK_CLIENT_MISUSE: nothing is sent, and nothing stored but an empty count.
+
    No exception crosses this interface. Where memory is exhausted, a call returns TESK_CLIENT_FAILED
    and the session stays usable; only a signal that libmbx can't allocate ends the process, with one
    line on standard error.
@@ -248,11 +251,11 @@ tesk_client_result tesk_client_connect(const tesk_client_options *options,
    TESK_CLIENT_CANCELLED. Null is allowed; inside a callback the call does nothing. */
 void tesk_client_close(tesk_client_session *session);
 
-/* False while there is no connection to the server. */
+/* False while there is no connection to the server, and without a session. */
 bool tesk_client_connected(const tesk_client_session *session);
 
 /* A descriptor that is readable when tesk_client_dispatch has work to do, including an expired
-   deadline. The session owns it and never changes it. */
+   deadline. The session owns it and never changes it. -1 without a session. */
 int tesk_client_fd(const tesk_client_session *session);
 
 /* Processes received signals and deadlines, and calls the callbacks. Doesn't wait, except that
@@ -265,7 +268,7 @@ tesk_client_result tesk_client_dispatch(tesk_client_session *session);
 tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms);
 
 /* Makes the running tesk_client_run return, or else the next one. May be called in any thread and
-   in signal handlers. */
+   in signal handlers. Null does nothing. */
 void tesk_client_stop(tesk_client_session *session);
 
 /* Subscribes to a port. The first indication follows the answer; further ones report changes until

@@ -66,6 +66,19 @@ static tesk_client_result check_caller(const tesk_client_session *session, bool 
     return TESK_CLIENT_OK;
 }
 
+/* A C caller can pass any number for an enumerator, and null for any pointer: what isn't listed in
+   the header must not become another request. */
+static tesk_client_result check_argument(bool is_allowed, const char *text)
+{
+    return is_allowed ? TESK_CLIENT_OK : fail(TESK_CLIENT_MISUSE, text);
+}
+
+static tesk_client_result check_kind(tesk_client_kind kind)
+{
+    return check_argument(kind == TESK_CLIENT_SFP_INFO || kind == TESK_CLIENT_PORT_STATUS,
+                          "no such kind of subscription");
+}
+
 /* Stores the text of a result for tesk_client_error. */
 static tesk_client_result noted(tesk_client_result result)
 {
@@ -157,12 +170,12 @@ void tesk_client_close(tesk_client_session *session)
 
 bool tesk_client_connected(const tesk_client_session *session)
 {
-    return session->is_connected();
+    return session != nullptr && session->is_connected();
 }
 
 int tesk_client_fd(const tesk_client_session *session)
 {
-    return session->fd();
+    return session != nullptr ? session->fd() : -1;
 }
 
 tesk_client_result tesk_client_dispatch(tesk_client_session *session)
@@ -181,14 +194,18 @@ tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms)
 /* Allowed in any thread: doesn't check the caller and stores no error text. */
 void tesk_client_stop(tesk_client_session *session)
 {
-    session->stop();
+    if (session != nullptr)
+        session->stop();
 }
 
 tesk_client_result tesk_client_request(tesk_client_session *session,
                                        tesk_client_request_type request, uint32_t port_no,
                                        tesk_client_answered answered, void *user)
 {
-    const tesk_client_result result = check_caller(session, false);
+    tesk_client_result result = check_caller(session, false);
+    if (result == TESK_CLIENT_OK)
+        result = check_argument(static_cast<size_t>(request) <= TESK_CLIENT_REQUEST_HISTORY_ACTIONS,
+                                "no such type of request");
     if (result != TESK_CLIENT_OK)
         return result;
     return guarded([&] { return noted(session->request(request, port_no, answered, user)); });
@@ -197,27 +214,47 @@ tesk_client_result tesk_client_request(tesk_client_session *session,
 tesk_client_result tesk_client_subscribe(tesk_client_session *session, tesk_client_kind kind,
                                          uint32_t port_no)
 {
-    return call_and_wait(session, subscribe_request(kind), port_no, ignore_answer);
+    const tesk_client_result result = check_kind(kind);
+    return result == TESK_CLIENT_OK
+               ? call_and_wait(session, subscribe_request(kind), port_no, ignore_answer)
+               : result;
 }
 
 tesk_client_result tesk_client_unsubscribe(tesk_client_session *session, tesk_client_kind kind,
                                            uint32_t port_no)
 {
-    return call_and_wait(session, unsubscribe_request(kind), port_no, ignore_answer);
+    const tesk_client_result result = check_kind(kind);
+    return result == TESK_CLIENT_OK
+               ? call_and_wait(session, unsubscribe_request(kind), port_no, ignore_answer)
+               : result;
 }
 
 tesk_client_result tesk_client_read_pm(tesk_client_session *session, uint32_t port_no,
                                        tesk_client_pm *pm)
 {
+    const tesk_client_result result = check_argument(pm != nullptr, "no place for the values");
+    if (result != TESK_CLIENT_OK)
+        return result;
     return call_and_wait(session, TESK_CLIENT_REQUEST_PM, port_no,
                          [pm](const tesk_client_answer &answer) { *pm = *answer.pm; });
+}
+
+/* Checks the place for a list, and stores that it is empty. */
+static tesk_client_result begin_list(const void *elements, size_t capacity, size_t *count)
+{
+    if (count != nullptr)
+        *count = 0;
+    return check_argument(count != nullptr && (elements != nullptr || capacity == 0),
+                          "no place for the answer");
 }
 
 tesk_client_result tesk_client_read_capabilities(tesk_client_session *session,
                                                  tesk_client_capability *capabilities,
                                                  size_t capacity, size_t *count)
 {
-    *count = 0;
+    const tesk_client_result result = begin_list(capabilities, capacity, count);
+    if (result != TESK_CLIENT_OK)
+        return result;
     return call_and_wait(session, TESK_CLIENT_REQUEST_CAPABILITIES, 0,
                          [=](const tesk_client_answer &answer) {
                              *count = std::min(answer.count, capacity);
@@ -230,7 +267,12 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
                                             tesk_client_history_record *records, size_t capacity,
                                             size_t *count)
 {
-    *count = 0;
+    tesk_client_result result = begin_list(records, capacity, count);
+    if (result == TESK_CLIENT_OK)
+        result = check_argument(static_cast<size_t>(kind) <= TESK_CLIENT_HISTORY_ACTIONS,
+                                "no such kind of history");
+    if (result != TESK_CLIENT_OK)
+        return result;
     const auto type = static_cast<tesk_client_request_type>(
         TESK_CLIENT_REQUEST_HISTORY_PORT_STATUS + static_cast<int>(kind));
     return call_and_wait(session, type, 0, [=](const tesk_client_answer &answer) {

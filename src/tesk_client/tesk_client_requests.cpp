@@ -97,7 +97,7 @@ void tesk_client_session::complete_renewal(const pending_request &request, const
 
 void tesk_client_session::complete(const pending_request &request, const completion &end)
 {
-    note_subscription(request, end.result);
+    note_subscription(request, end);
     if (request.renewal)
         return complete_renewal(request, end);
     tesk_client_answer answer{};
@@ -290,8 +290,6 @@ void tesk_client_session::cancel()
 tesk_client_result tesk_client_session::request(tesk_client_request_type type, uint32_t port_no,
                                                 tesk_client_answered answered, void *user)
 {
-    if (static_cast<size_t>(type) >= std::size(rows))
-        return TESK_CLIENT_MISUSE;
     if (state_ == state::ended)
         return TESK_CLIENT_LOST;
     pending_request request{};

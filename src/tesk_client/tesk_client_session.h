@@ -151,7 +151,7 @@ struct tesk_client_session {
 
     /* tesk_client_subscriptions.cpp */
     bool is_subscribed(tesk_client_kind kind, uint32_t port_no) const;
-    void note_subscription(const pending_request &request, tesk_client_result result);
+    void note_subscription(const pending_request &request, const completion &end);
     std::optional<subscription_key> next_renewal();
     void forget_unconfirmed_subscriptions();
 

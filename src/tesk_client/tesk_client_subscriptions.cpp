@@ -2,6 +2,7 @@
 /* The session remembers its subscriptions in order to renew them after a reconnection and to pass
    on only indications that were asked for. A renewal walks the map from the first key to the last;
    new subscriptions are sent only after it, so that none is renewed twice. */
+#include "tesk_client/tesk_client_rejection.h"
 #include "tesk_client/tesk_client_session.h"
 
 std::optional<subscription_effect> effect_of(tesk_client_request_type type)
@@ -25,15 +26,25 @@ bool tesk_client_session::is_subscribed(tesk_client_kind kind, uint32_t port_no)
     return subscriptions_.contains({kind, port_no});
 }
 
-void tesk_client_session::note_subscription(const pending_request &request,
-                                            tesk_client_result result)
+/* True if the server has done what the request asks for. After an answer that was late for its
+   request, the next one finds it done already, and is rejected. */
+static bool is_done(const subscription_effect &effect, const completion &end)
+{
+    if (end.result != TESK_CLIENT_REJECTED)
+        return end.result == TESK_CLIENT_OK;
+    return rejection_of(end.error_code, end.text) == (effect.subscribes
+                                                          ? TESK_CLIENT_REJECTION_SUBSCRIBED
+                                                          : TESK_CLIENT_REJECTION_NOT_SUBSCRIBED);
+}
+
+void tesk_client_session::note_subscription(const pending_request &request, const completion &end)
 {
     const auto effect = effect_of(request.type);
     const auto found =
         effect ? subscriptions_.find({effect->kind, request.port_no}) : subscriptions_.end();
     if (found == subscriptions_.end())
         return;
-    const bool is_confirmed = result == TESK_CLIENT_OK;
+    const bool is_confirmed = is_done(*effect, end);
     subscription &held = found->second;
     if (!effect->subscribes) {
         /* A later subscribe of the port has been sent already: its answer decides. */
@@ -44,9 +55,8 @@ void tesk_client_session::note_subscription(const pending_request &request,
             subscriptions_.erase(found);
     } else if (is_confirmed) {
         held.confirmed = true;
-    } else if (result == TESK_CLIENT_REJECTED && held.procedure_ref == request.procedure_ref &&
+    } else if (end.result == TESK_CLIENT_REJECTED && held.procedure_ref == request.procedure_ref &&
                (request.renewal || !held.confirmed)) {
-        /* A second subscribe is rejected as well, and leaves the first subscription as it is. */
         subscriptions_.erase(found);
     }
 }

@@ -44,8 +44,10 @@ def test_values_have_their_units_and_what_is_unknown_is_harmless(server):
 
 def test_a_refusal_has_the_server_s_text_and_leaves_nothing_subscribed(server):
     with connect() as session:
-        with pytest.raises(tesk.RejectedError, match="no device") as refused:
+        with pytest.raises(tesk.NoPortError, match="no device") as refused:
             session.pm(4000)
+        with pytest.raises(tesk.NoModuleError):
+            session.pm(12)
         assert refused.value.error_code != 0 and refused.value.result == tesk.Result.REJECTED
         with pytest.raises(tesk.RejectedError, match="invalid port"):
             session.watch(status=[0, 1, 4000], sfp=[2])

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* known_command - names an unknown command and the nearest known one, which CLI11 doesn't. Header
-   only, since not all tools use CLI11's subcommands. */
+/* known_command - errors of the command line: names an unknown command or option and the nearest
+   known one, which CLI11 doesn't. Header only, since not all tools use CLI11. */
 #pragma once
 
 #include "tools/common/exit_code.h"
@@ -8,10 +8,48 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <string>
 #include <vector>
+
+/* The command that was parsed, or the tool itself. */
+inline const CLI::App *parsed_command(const CLI::App &app)
+{
+    const auto parsed = app.get_subcommands();
+    return parsed.empty() ? &app : parsed.front();
+}
+
+/* "did you mean": all options of the command and of the tool are known. */
+inline std::string unknown_word(const CLI::App &app, const std::string &word)
+{
+    if (!word.starts_with('-'))
+        return fmt::format("'{}' is one word too many;", word);
+    std::vector<std::string> known;
+    for (const CLI::App *each : {parsed_command(app), &app})
+        for (const CLI::Option *option : each->get_options())
+            for (const std::string &name : option->get_lnames())
+                known.push_back("--" + name);
+    const std::string name = word.substr(0, word.find('='));
+    return fmt::format("there is no option '{}': did you mean '{}'?", name, nearest(name, known));
+}
+
+/* What a CLI::ParseError says, as the error that ends the tool, which names the help. */
+inline tool_error usage_error(const CLI::App &app, const CLI::ParseError &error)
+{
+    std::string text = fmt::format("{};", error.what());
+    const auto unknown = app.remaining(true);
+    if (const auto *command = parsed_command(app);
+        command == &app && app.get_require_subcommand_min() > 0)
+        text = "a command is missing;";
+    else if (!unknown.empty())
+        text = unknown_word(app, unknown.front());
+    const std::string &command =
+        parsed_command(app) == &app ? "" : parsed_command(app)->get_name() + " ";
+    return {exit_code::usage,
+            fmt::format("{} \"{} {}--help\" explains it", text, app.get_name(), command)};
+}
 
 /* Throws a tool_error with exit_code::usage if the first word that is neither an option of the app
    nor its value is not a command. */
@@ -19,8 +57,12 @@ inline void require_known_command(const CLI::App &app, const std::vector<std::st
 {
     size_t at = 0;
     while (at < words.size() && (words[at].starts_with('-') || words[at] == "help")) {
-        const CLI::Option *option = app.get_option_no_throw(words[at]);
-        at += option != nullptr && option->get_items_expected_max() > 0 ? 2 : 1;
+        const CLI::Option *option =
+            app.get_option_no_throw(words[at].substr(0, words[at].find('=')));
+        if (option == nullptr && words[at] != "help")
+            throw tool_error(exit_code::usage, unknown_word(app, words[at]));
+        const bool has_value = words[at].find('=') != std::string::npos;
+        at += option != nullptr && !has_value && option->get_items_expected_max() > 0 ? 2 : 1;
     }
     if (at >= words.size())
         return;

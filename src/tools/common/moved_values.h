@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* moved_values - whether a measured value has moved so far since the server graded it that its
    grade may be wrong: by 1 dB of power, 5 degrees, 2 % of the voltage or 10 % of the bias current,
-   or to or from "absent". No state. */
+   or to or from "not measured". No state. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"

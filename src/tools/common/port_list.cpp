@@ -4,11 +4,19 @@
 #include "tools/common/port_list.h"
 
 #include "tools/common/exit_code.h"
+#include "tools/common/nearest.h"
 
+#include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
 #include <set>
 #include <string_view>
+
+/* A name has a letter, so that no list of numbers is taken for one. */
+static bool is_name(std::string_view word)
+{
+    return word.find_first_not_of("0123456789- ") != std::string_view::npos;
+}
 
 static uint32_t parse_port(std::string_view text, const std::string &list)
 {
@@ -18,14 +26,32 @@ static uint32_t parse_port(std::string_view text, const std::string &list)
         port > highest_port) {
         throw tool_error(exit_code::usage,
                          fmt::format("\"{}\" is not a list of ports: write them as 0-3,7; they go "
-                                     "from 0 to {}",
-                                     list, highest_port));
+                                     "from 0 to {}{}",
+                                     list, highest_port,
+                                     is_name(text) ? "; no interface names are known here" : ""));
     }
     return port;
 }
 
-static void add_range(std::string_view range, const std::string &list, std::set<uint32_t> &ports)
+static uint32_t port_of(const std::string &name, const port_name_map &names)
 {
+    const auto found = std::ranges::find(names, name, &port_name_map::value_type::second);
+    if (found != names.end())
+        return found->first;
+    std::vector<std::string> known;
+    for (const auto &entry : names)
+        known.push_back(entry.second);
+    throw tool_error(exit_code::usage, fmt::format("no port is called '{}': did you mean '{}'?",
+                                                   name, nearest(name, known)));
+}
+
+static void add_range(std::string_view range, const std::string &list, const port_name_map &names,
+                      std::set<uint32_t> &ports)
+{
+    if (!names.empty() && is_name(range)) {
+        ports.insert(port_of(std::string(range), names));
+        return;
+    }
     const size_t dash = range.find('-');
     const uint32_t first = parse_port(range.substr(0, dash), list);
     const uint32_t last =
@@ -37,7 +63,7 @@ static void add_range(std::string_view range, const std::string &list, std::set<
         ports.insert(port);
 }
 
-std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists)
+std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists, const port_name_map &names)
 {
     std::set<uint32_t> ports;
     for (const std::string &list : lists) {
@@ -45,7 +71,7 @@ std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists)
         size_t comma = 0;
         do {
             comma = rest.find(',');
-            add_range(rest.substr(0, comma), list, ports);
+            add_range(rest.substr(0, comma), list, names, ports);
             rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
         } while (comma != std::string_view::npos);
     }

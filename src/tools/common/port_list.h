@@ -1,17 +1,23 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* port_list - lists of ports as text, such as "0-3,7". No state. */
+/* port_list - lists of ports as text, such as "0-3,7" or "eth0,eth3". No state. */
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
 /* Port numbers of the protocol go from 0 to this one. */
 inline constexpr uint32_t highest_port = 65534;
 
-/* The ports of all the lists together, in ascending order, each once. Throws a tool_error with
-   exit_code::usage for a text that isn't a list of ports. */
-std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists);
+/* The interface names by port number. */
+using port_name_map = std::map<uint32_t, std::string>;
+
+/* The ports of all the lists together, in ascending order, each once. A port is named by its number
+   or by its name in `names`. Throws a tool_error with exit_code::usage for a text that isn't a list
+   of ports. */
+std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists,
+                                  const port_name_map &names = {});
 
 /* The shortest list of these ports, which must be in ascending order. */
 std::string format_ports(const std::vector<uint32_t> &ports);

@@ -126,7 +126,7 @@ std::string describe(const tesk_client_pm &pm)
     if (pm.sfp_type == TESK_CLIENT_SFP_NOT_PRESENT)
         return module_text(pm.sfp_type);
     auto value = [](const char *label, bool has, const std::string &text) {
-        return fmt::format("{} {}", label, has ? text : "absent");
+        return fmt::format("{} {}", label, has ? text : "not measured");
     };
     auto power = [](uint32_t microwatts) {
         return fmt::format("{} ({})", dbm(microwatts), milliwatts(microwatts));

@@ -2,6 +2,7 @@
 /* tesk-abi-check - checks the libraries of another board before the server is started on them: all
    missing names at once, where the loader would stop at the first, and for another processor, where
    nothing can be started. */
+#include "tools/common/known_command.h"
 #include "tools/common/output.h"
 #include "tools/common/run_tool.h"
 #include "tools/tesk_abi_check/abi.h"
@@ -57,7 +58,10 @@ static exit_code run(int argc, char **argv)
         if (directory.empty() && library.empty())
             throw CLI::RequiredError("DIR or --library");
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? exit_code::done : exit_code::usage;
+        if (error.get_exit_code() != 0)
+            throw usage_error(app, error);
+        app.exit(error);
+        return exit_code::done;
     }
 
     const auto problems = check(directory, library);

@@ -7,6 +7,7 @@
    an exit code of their own. */
 #include "tools/common/clock.h"
 #include "tools/common/exit_code.h"
+#include "tools/common/known_command.h"
 #include "tools/common/output.h"
 #include "tools/common/run_tool.h"
 #include "tools/teskboard/board_client.h"
@@ -131,7 +132,9 @@ static exit_code run_command_line(int count, char **words)
         const command what = parse_command({words + 1, words + count}, &whole, app);
         carry_out(what, whole);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? exit_code::done : exit_code::usage;
+        if (error.get_exit_code() != 0)
+            throw usage_error(app, error);
+        app.exit(error);
     } catch (const board::board_error &error) {
         throw tool_error(exit_code::usage, error.what());
     }

@@ -19,7 +19,8 @@ exit_code run_status(const settings &common, const ports_text &ports);
 struct ports_options {
     ports_text ports = {"all"};
     bool has_status = false;   /* subscribes to the port status, too */
-    bool numbers_only = false; /* for the completion */
+    bool numbers_only = false; /* both for the completion */
+    bool names_only = false;
 };
 exit_code run_ports(const settings &common, const ports_options &options);
 
@@ -49,6 +50,7 @@ struct top_options {
 };
 exit_code run_top(const settings &common, const top_options &options);
 
-/* exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is
+/* `prometheus` is the ADDRESS:PORT of one that reads the exporter.
+   exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is
    wrong. */
-exit_code run_doctor(const settings &common);
+exit_code run_doctor(const settings &common, const std::string &prometheus);

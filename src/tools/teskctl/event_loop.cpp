@@ -6,6 +6,9 @@
 #include "tools/common/exit_code.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -24,7 +27,8 @@ static int new_signalfd(const std::vector<int> &signals)
 event_loop::event_loop(const std::vector<int> &signals) : signals_(new_signalfd(signals))
 {
     if (!signals_.is_open())
-        throw tool_error(exit_code::no_server, "signalfd failed: too many open files?");
+        throw tool_error(exit_code::fault,
+                         fmt::format("process signals can't be read: {}", std::strerror(errno)));
 }
 
 bool event_loop::read_signal()
@@ -36,11 +40,21 @@ bool event_loop::read_signal()
     return true;
 }
 
+/* `events` are those of standard output, of which poll reports an error or a hang-up unasked. */
+bool event_loop::has_lost_reader(short events)
+{
+    if ((events & (POLLERR | POLLHUP)) == 0)
+        return false;
+    signal_ = SIGPIPE;
+    return true;
+}
+
 event_loop::wake event_loop::wait(const session &server, std::optional<steady_time> end)
 {
     pollfd polled[] = {{tesk_client_fd(server.get()), POLLIN, 0},
                        {signals_.get(), POLLIN, 0},
-                       {has_keys_ ? STDIN_FILENO : -1, POLLIN, 0}};
+                       {has_keys_ ? STDIN_FILENO : -1, POLLIN, 0},
+                       {STDOUT_FILENO, 0, 0}};
     int timeout = -1;
     if (end) {
         const auto left =
@@ -51,7 +65,7 @@ event_loop::wake event_loop::wait(const session &server, std::optional<steady_ti
     if (poll(polled, std::size(polled), timeout) <= 0)
         return wake::time;
     /* Signals and keys first: a busy session must not delay them for ever. */
-    if (polled[1].revents != 0 && read_signal())
+    if ((polled[1].revents != 0 && read_signal()) || has_lost_reader(polled[3].revents))
         return wake::signal;
     if (polled[2].revents != 0) {
         char bytes[64];
@@ -67,6 +81,8 @@ event_loop::wake event_loop::wait(const session &server, std::optional<steady_ti
 
 bool event_loop::sleep(std::chrono::milliseconds duration)
 {
-    pollfd polled = {signals_.get(), POLLIN, 0};
-    return poll(&polled, 1, static_cast<int>(duration.count())) <= 0 || !read_signal();
+    pollfd polled[] = {{signals_.get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    if (poll(polled, std::size(polled), static_cast<int>(duration.count())) <= 0)
+        return true;
+    return !(polled[0].revents != 0 && read_signal()) && !has_lost_reader(polled[1].revents);
 }

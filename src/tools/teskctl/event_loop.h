@@ -14,7 +14,8 @@
 using steady_time = std::chrono::steady_clock::time_point;
 
 /* Blocks the given signals and reads them from a descriptor: no signal handler runs anywhere. Must
-   be constructed before the session. */
+   be constructed before the session. The end of the reader of standard output counts as SIGPIPE,
+   which the kernel would send at the next write only. */
 class event_loop
 {
   public:
@@ -47,6 +48,7 @@ class event_loop
 
   private:
     bool read_signal();
+    bool has_lost_reader(short events);
 
     util::descriptor signals_;
     bool has_keys_ = false;

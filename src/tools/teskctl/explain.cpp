@@ -30,7 +30,9 @@ std::string mailbox_directory()
     return directory != nullptr && *directory != '\0' ? directory : default_mailbox_directory;
 }
 
-std::string unit_file()
+/* The file of the server's unit, or of the link to /dev/null that masks it; empty if there is none,
+   or no systemd. */
+static std::string unit_file()
 {
     static constexpr const char *folders[] = {"/etc/systemd/system", "/run/systemd/system",
                                               "/usr/local/lib/systemd/system",
@@ -44,12 +46,19 @@ std::string unit_file()
     return "";
 }
 
-std::string start_command()
+/* What is to be done where there is no server: a masked unit was stopped on purpose. */
+static std::string how_to_start()
 {
     const std::string directory = mailbox_directory();
-    if (directory == default_mailbox_directory && !unit_file().empty())
-        return fmt::format("systemctl start {}", server_name);
-    return fmt::format("MBX_DIR={} {}", escape(directory), server_name);
+    const std::string file = directory == default_mailbox_directory ? unit_file() : "";
+    char target[16] = "";
+    if (file.empty())
+        return fmt::format("start it with \"MBX_DIR={} {}\"", escape(directory), server_name);
+    if (readlink(file.c_str(), target, sizeof(target) - 1) > 0 &&
+        std::string_view(target) == "/dev/null")
+        return fmt::format("its unit is masked: \"systemctl unmask {}\" lets it start again",
+                           server_name);
+    return fmt::format("start it with \"systemctl start {}\"", server_name);
 }
 
 std::string explain(tesk_client_result result, const std::string &text)
@@ -57,10 +66,10 @@ std::string explain(tesk_client_result result, const std::string &text)
     const std::string directory = mailbox_directory();
     switch (result) {
     case TESK_CLIENT_NO_SERVER:
-        return fmt::format("no server: no process has the name \"{}\" in {}; start it with \"{}\", "
+        return fmt::format("no server: no process has the name \"{}\" in {}; {}, "
                            "or set MBX_DIR to the directory of the one that runs; "
                            "\"teskctl doctor\" looks for the cause",
-                           server_name, escape(directory), start_command());
+                           server_name, escape(directory), how_to_start());
     case TESK_CLIENT_NO_ACCESS:
         return fmt::format("no access to \"{}\" in {}: become a member of group {}, or use sudo",
                            server_name, escape(directory),

@@ -21,9 +21,3 @@ std::string explain(const tesk_client_answer &answer);
 
 /* The directory in which the client library looks for the server. */
 std::string mailbox_directory();
-
-/* The command that starts the server: by systemctl if its unit is installed and serves this
-   directory. */
-std::string start_command();
-/* The file of the server's unit; empty if there is none, or no systemd. */
-std::string unit_file();

@@ -18,7 +18,7 @@
 #include <unistd.h>
 
 static constexpr char footer[] =
-    "PORTS are lists like 0-3,7, several of them, or \"all\".\n"
+    "PORTS are lists like 0-3,7 or eth0,eth3, several of them, or \"all\".\n"
     "\"teskctl help COMMAND\" explains a command.\n"
     "Exit codes: 0 done, 1 rejected by the server, 2 wrong usage,\n"
     "3 no server or no access, 4 no answer in time, 5 output could not be written,\n"
@@ -71,7 +71,10 @@ class command_line
             std::ranges::reverse(words); /* the order in which CLI11 takes a vector */
             app_.parse(std::move(words));
         } catch (const CLI::ParseError &error) {
-            return app_.exit(error) == 0 ? exit_code::done : exit_code::usage;
+            if (error.get_exit_code() != 0)
+                throw usage_error(app_, error);
+            app_.exit(error); /* --help or --version, which it writes */
+            return exit_code::done;
         }
         common_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
         /* Locating the server is done by the mailbox library, whose timeout only the environment
@@ -107,8 +110,11 @@ class command_line
     {
         add("capabilities", "Show the capabilities that the server declares",
             [this] { return run_capabilities(common_); });
-        add("doctor", "Check the installation, the service and the access to the server",
-            [this] { return run_doctor(common_); });
+        add("doctor", "Check the way from the ports' configuration to this user and to Prometheus",
+            [this] { return run_doctor(common_, prometheus_); })
+            ->add_option("--prometheus", prometheus_, "The one that reads the exporter")
+            ->type_name("ADDRESS:PORT")
+            ->capture_default_str();
         add("history", "Show the server's history of events and actions",
             [this] { return run_history(common_, history_); })
             ->add_option("KIND", history_, "status, sfp or actions; all of them without it")
@@ -125,6 +131,7 @@ class command_line
             "Add link and worst grade; leaves two records for each port in the server's "
             "history of 30 actions");
         ports->add_flag("--numbers", listed_.numbers_only, "Write the numbers only, for scripts");
+        ports->add_flag("--names", listed_.names_only, "Write the interface names only");
         add_port_command("sfp", "Show the modules in ports", run_sfp);
         add_port_command("status", "Show link and grades of ports", run_status);
     }
@@ -148,7 +155,8 @@ class command_line
 
         CLI::App *watch = add("watch", "Print changes as they come", [this] {
             if (watch_.sfp.empty() && watch_.status.empty())
-                throw tool_error(exit_code::usage, "watch what? Name ports with --sfp or --status");
+                throw tool_error(exit_code::usage,
+                                 "watch needs --sfp PORTS, --status PORTS, or both");
             for (const ports_text *ports : {&watch_.sfp, &watch_.status})
                 if (!ports->empty())
                     check_ports(*ports);
@@ -182,6 +190,7 @@ class command_line
     std::function<exit_code()> command_;
     ports_text ports_;
     std::string history_;
+    std::string prometheus_ = "127.0.0.1:9090";
     ports_options listed_;
     ping_options ping_;
     watch_options watch_;

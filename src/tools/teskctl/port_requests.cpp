@@ -3,10 +3,6 @@
 
 #include <memory>
 
-/* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made
-   at once would expire in the queue. */
-static constexpr size_t most_open = 64;
-
 std::vector<port_request> requests_for(tesk_client_request_type type,
                                        const std::vector<uint32_t> &ports)
 {
@@ -42,7 +38,7 @@ void request_all(event_loop &loop, session &server, const std::vector<port_reque
         waiting->take(answer);
     };
     for (size_t next = 0; next < requests.size() || all->open > 0;) {
-        for (; next < requests.size() && all->open < most_open; next++) {
+        for (; next < requests.size() && all->open < most_open_requests; next++) {
             server.request(requests[next].type, requests[next].port_no, count_answer);
             all->open++;
         }

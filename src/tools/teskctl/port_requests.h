@@ -6,6 +6,10 @@
 
 #include <vector>
 
+/* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made
+   at once would expire in the queue. */
+inline constexpr size_t most_open_requests = 64;
+
 struct port_request {
     tesk_client_request_type type;
     uint32_t port_no;

@@ -3,17 +3,16 @@
 
 #include "tools/common/exit_code.h"
 #include "tools/common/output.h"
-#include "tools/common/port_list.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/port_requests.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fmt/format.h>
 #include <numeric>
+#include <utility>
 
-static constexpr uint32_t probed_ports = 128;
-
-static bool is_all(const ports_text &text)
+bool is_all(const ports_text &text)
 {
     return text.size() == 1 && text.front() == "all";
 }
@@ -21,7 +20,7 @@ static bool is_all(const ports_text &text)
 void check_ports(const ports_text &text)
 {
     if (!is_all(text))
-        parse_ports(text);
+        parse_ports(text, port_names());
 }
 
 /* Reading measured values is the only request for a port that the server keeps no history of. */
@@ -43,16 +42,26 @@ static std::vector<uint32_t> probe(event_loop &loop, session &server)
     return found;
 }
 
-std::map<uint32_t, std::string> port_names()
+bool has_port_map()
 {
-    std::map<uint32_t, std::string> names;
+    const char *given = secure_getenv("DOLM_RIC_PORT_MAP");
+    return mailbox_directory() == default_mailbox_directory || (given != nullptr && *given != '\0');
+}
+
+port_name_map port_names()
+{
+    port_name_map names;
+    if (!has_port_map())
+        return names;
     const tesk_client_result result = tesk_client_read_port_map(
         nullptr,
         [](uint32_t port_no, const char *name, void *user) {
-            static_cast<std::map<uint32_t, std::string> *>(user)->emplace(port_no, name);
+            static_cast<port_name_map *>(user)->emplace(port_no, name);
         },
         &names);
-    if (result != TESK_CLIENT_OK && result != TESK_CLIENT_NO_PORT_MAP)
+    static bool is_reported = false;
+    if (result != TESK_CLIENT_OK && result != TESK_CLIENT_NO_PORT_MAP &&
+        !std::exchange(is_reported, true))
         complain("teskctl", fmt::format("port map ignored: {}", tesk_client_error()));
     return names;
 }
@@ -60,7 +69,7 @@ std::map<uint32_t, std::string> port_names()
 std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text)
 {
     if (!is_all(text))
-        return parse_ports(text);
+        return parse_ports(text, port_names());
     std::vector<uint32_t> ports;
     for (const auto &[port_no, name] : port_names())
         ports.push_back(port_no);

@@ -2,14 +2,19 @@
 /* port_selection - the ports that a command line names, or all that exist. */
 #pragma once
 
+#include "tools/common/port_list.h"
 #include "tools/teskctl/event_loop.h"
 
-#include <map>
 #include <string>
 #include <vector>
 
-/* PORTS as given: lists such as "0-3,7", or "all". */
+/* PORTS as given: lists such as "0-3,7" or "eth0,eth3", or "all". */
 using ports_text = std::vector<std::string>;
+
+/* How many port numbers are tried where no port map says which exist. */
+inline constexpr uint32_t probed_ports = 128;
+
+bool is_all(const ports_text &text);
 
 /* Throws a tool_error with exit_code::usage if the text is wrong. Needs no server, so that a wrong
    list is reported before anything else. */
@@ -20,6 +25,10 @@ void check_ports(const ports_text &text);
    none is found. Empty if a process signal came. */
 std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text);
 
+/* False where MBX_DIR selects another server than the system's and no port map is given for it: the
+   default map would be that of the system's server. */
+bool has_port_map();
+
 /* The interface names by port number, as far as the port map has them; escaped. A map that is wrong
-   or can't be read is reported on standard error, and ignored. */
-std::map<uint32_t, std::string> port_names();
+   or can't be read is reported on standard error once, and ignored. */
+port_name_map port_names();

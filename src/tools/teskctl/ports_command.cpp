@@ -24,7 +24,7 @@ using port_lines = std::map<uint32_t, port_line>;
 
 } // namespace
 
-static std::string name_of(const std::map<uint32_t, std::string> &names, uint32_t port_no)
+static std::string name_of(const port_name_map &names, uint32_t port_no)
 {
     const auto found = names.find(port_no);
     return found == names.end() ? "" : found->second;
@@ -75,8 +75,8 @@ static std::vector<std::string> row_of(uint32_t port_no, const std::string *name
     return row;
 }
 
-static void write_table(const settings &common, const port_lines &lines,
-                        const std::map<uint32_t, std::string> &names, bool has_status)
+static void write_table(const settings &common, const port_lines &lines, const port_name_map &names,
+                        bool has_status)
 {
     std::vector<std::string> header = {"PORT"};
     if (!names.empty())
@@ -110,16 +110,19 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     }
 }
 
-/* The numbers alone, without a request where there is a port map. */
-static exit_code write_numbers(const settings &common, const ports_text &ports)
+/* The numbers or names alone, without a request where there is a port map. */
+static exit_code write_words(const settings &common, const ports_options &options)
 {
     event_loop loop;
     std::string text;
-    for (const auto &[port_no, name] : port_names())
-        text += std::to_string(port_no) + "\n";
-    if (text.empty()) {
+    const auto known = port_names();
+    for (const auto &[port_no, name] : known) {
+        text += options.numbers_only ? std::to_string(port_no) + "\n" : "";
+        text += options.names_only ? name + "\n" : "";
+    }
+    if (known.empty() && options.numbers_only) {
         session server(loop, common, {}, false);
-        for (const uint32_t port_no : select_ports(loop, server, ports))
+        for (const uint32_t port_no : select_ports(loop, server, options.ports))
             text += std::to_string(port_no) + "\n";
     }
     write_text(text);
@@ -128,8 +131,8 @@ static exit_code write_numbers(const settings &common, const ports_text &ports)
 
 exit_code run_ports(const settings &common, const ports_options &options)
 {
-    if (options.numbers_only)
-        return write_numbers(common, options.ports);
+    if (options.numbers_only || options.names_only)
+        return write_words(common, options);
     event_loop loop;
     reporter report(common);
     port_lines lines;

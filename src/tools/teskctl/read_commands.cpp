@@ -26,23 +26,24 @@ static std::string pm_block(const tesk_client_pm &pm)
     std::string text = fmt::format("port {}: {}\n", pm.port_no, module_text(pm.sfp_type));
     if (pm.sfp_type == TESK_CLIENT_SFP_NOT_PRESENT)
         return text;
-    auto add = [&text](const char *label, bool has, const std::string &value) {
-        text += fmt::format("  {:<15} {:>11}\n", label, has ? value : "absent");
+    auto add = [&text](const char *label, bool has, const std::string &value,
+                       const char *without = "not measured") {
+        text += fmt::format("  {:<15} {:>12}\n", label, has ? value : without);
     };
     auto power = [](uint32_t microwatts) {
-        return fmt::format("{:>11}  {:>10}", dbm(microwatts), milliwatts(microwatts));
+        return fmt::format("{:>12}  {:>10}", dbm(microwatts), milliwatts(microwatts));
     };
     add("tx power", pm.has_tx_power, power(pm.tx_power));
     add("rx power", pm.has_rx_power, power(pm.rx_power));
     add("temperature", pm.has_temperature, celsius(pm.temperature));
     add("voltage", pm.has_voltage, volts(pm.voltage));
     add("tx bias", pm.has_tx_bias, milliamperes(pm.tx_bias));
-    add("loss of signal", pm.has_loss_of_signal, std::to_string(pm.loss_of_signal));
-    add("loss of frame", pm.has_loss_of_frame, std::to_string(pm.loss_of_frame));
+    add("loss of signal", pm.has_loss_of_signal, std::to_string(pm.loss_of_signal), "not counted");
+    add("loss of frame", pm.has_loss_of_frame, std::to_string(pm.loss_of_frame), "not counted");
     std::string errors;
     for (size_t i = 0; i < std::size(pm.bit_errors); i++)
         errors += fmt::format("{}1e-{}: {}", i == 0 ? "" : ", ", 8 - i, pm.bit_errors[i]);
-    add("bit errors", pm.has_bit_errors, errors);
+    add("bit errors", pm.has_bit_errors, errors, "not counted");
     return text;
 }
 

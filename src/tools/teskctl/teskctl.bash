@@ -1,13 +1,15 @@
 # bash completion for teskctl
 
-# The ports that exist, and "all"; behind a comma or a dash the list goes on.
+# The ports that exist by number and by name, and "all"; behind a comma the list goes on, and behind a
+# number and a dash the range.
 _teskctl_ports()
 {
-    local cur=$1 before='' numbers
-    [[ $cur == *[,-]* ]] && before=${cur%"${cur##*[,-]}"}
-    numbers=$(timeout 1 teskctl --timeout 0.5 ports --numbers 2>/dev/null)
-    [[ -n $before ]] || numbers+=' all'
-    mapfile -t COMPREPLY < <(compgen -P "$before" -W "$numbers" -- "${cur#"$before"}")
+    local cur=$1 before='' words
+    [[ $cur == *,* ]] && before=${cur%"${cur##*,}"}
+    [[ ${cur#"$before"} == +([0-9])-* ]] && before=${cur%"${cur##*-}"}
+    words=$(timeout 1 teskctl --timeout 0.5 ports --numbers --names 2>/dev/null)
+    [[ -n $before ]] || words+=' all'
+    mapfile -t COMPREPLY < <(compgen -P "$before" -W "$words" -- "${cur#"$before"}")
 }
 
 _teskctl()
@@ -19,16 +21,17 @@ _teskctl()
         [[ " $commands help " == *" $word "* ]] && { command=$word; break; }
     done
     case $previous in
-    --timeout | --for | --count | --interval | -c | -i) return ;;
+    --timeout | --prometheus | --for | --count | --interval | -c | -i) return ;;
     --sfp | --status) [[ $command == watch ]] && { _teskctl_ports "$cur"; return; } ;;
     esac
     case $command in
+    doctor) options+=' --prometheus' ;;
     '') options+=" --version help $commands" ;;
     help) options=$commands ;;
     history) [[ $cur == -* ]] || options='status sfp actions' ;;
     ping) options+=' --count --interval' ;;
     pm | sfp | status) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; } ;;
-    ports) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --status --numbers' ;;
+    ports) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --status --numbers --names' ;;
     top) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --interval --for' ;;
     watch) options+=' --sfp --status --for --count' ;;
     esac

@@ -61,7 +61,7 @@ struct cell {
 template <tesk_client_measurement measurement, auto has, auto value, auto write>
 static cell measured(uint32_t, const top_port &port)
 {
-    if (module_of(port) == TESK_CLIENT_SFP_NOT_PRESENT)
+    if (port.is_gone || module_of(port) == TESK_CLIENT_SFP_NOT_PRESENT)
         return {};
     const uint32_t level =
         port.status ? port.status->level[measurement] : uint32_t{TESK_CLIENT_LEVEL_NOT_MEASURED};
@@ -101,8 +101,15 @@ static cell port_cell(uint32_t port_no, const top_port &)
     return {std::to_string(port_no)};
 }
 
+static cell name_cell(uint32_t, const top_port &port)
+{
+    return {port.name};
+}
+
 static cell link_cell(uint32_t, const top_port &port)
 {
+    if (port.is_gone)
+        return {"gone"};
     if (!port.status)
         return {};
     switch (port.status->link) {
@@ -123,7 +130,7 @@ static cell speed_cell(uint32_t, const top_port &port)
 
 static cell module_cell(uint32_t, const top_port &port)
 {
-    return {module_text(module_of(port))};
+    return {port.is_gone ? "" : module_text(module_of(port))};
 }
 
 static cell age_cell(uint32_t, const top_port &port)
@@ -151,7 +158,8 @@ using pm = tesk_client_pm;
 } // namespace
 
 static constexpr column columns[] = {
-    {"PORT", 6, 11, port_cell},
+    {"PORT", 6, 12, port_cell},
+    {"NAME", 0, 11, name_cell}, /* as wide as the longest name */
     {"LINK", 5, 10, link_cell},
     {"SPEED", 6, 5, speed_cell},
     {"MODULE", 17, 7, module_cell},
@@ -167,11 +175,14 @@ static constexpr column columns[] = {
 };
 
 static constexpr size_t marker_width = 1; /* before PORT, for the cursor */
+static constexpr size_t widest_name = 15; /* of an interface; alternative names can be longer */
 
-top_columns::top_columns(size_t width)
+top_columns::top_columns(size_t width, size_t name_width)
+    : name_width_(name_width == 0 ? 0 : std::clamp<size_t>(name_width, 4, widest_name) + 1)
 {
     for (size_t i = 0; i < std::size(columns); i++)
-        shown_.push_back(i);
+        if (columns[i].show != name_cell || name_width_ > 0)
+            shown_.push_back(i);
     port_width_ = columns[0].width;
     while (shown_.size() > 1 && this->width() > width)
         shown_.erase(std::ranges::min_element(
@@ -179,11 +190,18 @@ top_columns::top_columns(size_t width)
     port_width_ = std::min(port_width_, width - std::min(width, marker_width));
 }
 
+size_t top_columns::width_of(size_t index) const
+{
+    if (columns[index].show == name_cell)
+        return name_width_;
+    return index == 0 ? port_width_ : columns[index].width;
+}
+
 size_t top_columns::width() const
 {
-    size_t width = marker_width + port_width_;
+    size_t width = marker_width;
     for (const size_t index : shown_)
-        width += index == 0 ? 0 : columns[index].width;
+        width += width_of(index);
     return width;
 }
 
@@ -194,7 +212,7 @@ std::string top_columns::head() const
         std::string head = columns[index].head;
         if (head == "TEMP")
             head += std::string(" ") + celsius_unit();
-        line += fit(head, index == 0 ? port_width_ : columns[index].width);
+        line += fit(head, width_of(index));
     }
     return line;
 }
@@ -205,8 +223,7 @@ std::string top_columns::row(uint32_t port_no, const top_port &port, bool is_sel
     std::string line(marker_width, is_selected ? '>' : ' ');
     for (const size_t index : shown_) {
         const cell content = columns[index].show(port_no, port);
-        const size_t width = index == 0 ? port_width_ : columns[index].width;
-        line += paint(fit(content.text, width), content.shade, coloured);
+        line += paint(fit(content.text, width_of(index)), content.shade, coloured);
     }
     return line;
 }

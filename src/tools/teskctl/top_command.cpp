@@ -1,16 +1,23 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* top: subscribes to both kinds on all its ports, since the server reports a module's insertion and
    removal only with a subscription to SFP info, and reads the measured values at an interval. On a
-   terminal it draws a page after each event; elsewhere it writes a line for each record. */
+   terminal it draws a page after each event; elsewhere, and on one that can't move its cursor, it
+   writes a line for each record.
+
+   The ports change while it runs, by another configuration of the board or a restart of the server.
+   A port whose values are asked for in vain, as it doesn't exist, is gone; with "all" its row goes,
+   and each interval new ports of the port map are asked for their values. Without a port map those
+   that may exist are asked after the server has come back. */
 #include "tools/common/clock.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
-#include "tools/teskctl/port_requests.h"
+#include "tools/teskctl/kept_subscriptions.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/screen.h"
 #include "tools/teskctl/top_view.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fmt/format.h>
 
 using std::chrono::steady_clock;
@@ -46,14 +53,18 @@ class top
         const steady_time start = steady_clock::now();
         if (options_.seconds > 0)
             end_ = start + seconds(options_.seconds);
-        ports_ = select_ports(loop_, session_, options_.ports);
-        view_ = top_view(ports_);
-        const std::vector<port_request> held = subscribe();
+        const auto ports = select_ports(loop_, session_, options_.ports);
+        view_ = top_view(ports);
+        const std::vector<port_request> held = subscribe(ports);
         report_.write_failures();
         if (!held.empty()) {
+            for (const uint32_t port_no : ports)
+                subscriptions_.add(port_no);
+            subscriptions_.confirm(held);
             follow();
             if (session_.is_connected())
-                request_all(loop_, session_, held, [](const tesk_client_answer &) {});
+                request_all(loop_, session_, subscriptions_.unsubscribes(),
+                            [](const tesk_client_answer &) {});
         }
         return report_.code();
     }
@@ -61,7 +72,10 @@ class top
   private:
     bool is_on_screen() const
     {
-        return common_.on_terminal && !common_.json;
+        const char *terminal = std::getenv("TERM");
+        const bool is_dumb =
+            terminal == nullptr || *terminal == '\0' || std::string_view(terminal) == "dumb";
+        return common_.on_terminal && !common_.json && !is_dumb;
     }
 
     template <typename record_type>
@@ -80,14 +94,16 @@ class top
             state_ = fmt::format("away since {}, waiting for it", time);
         else if (event.type == TESK_CLIENT_EVENT_RESTORED)
             state_ = fmt::format("back since {}", time);
+        is_restored_ |= event.type == TESK_CLIENT_EVENT_RESTORED;
+        subscriptions_.take(event);
         if (!is_on_screen())
             report_.show(event);
     }
 
-    std::vector<port_request> subscribe()
+    std::vector<port_request> subscribe(const std::vector<uint32_t> &ports)
     {
-        auto wanted = requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, ports_);
-        std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, ports_),
+        auto wanted = requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, ports);
+        std::ranges::copy(requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, ports),
                           std::back_inserter(wanted));
         return subscribe_all(loop_, session_, wanted,
                              [this](const tesk_client_answer &answer) { report_.failed(answer); });
@@ -95,21 +111,86 @@ class top
 
     void read_value(uint32_t port_no)
     {
-        top_port &port = view_.port(port_no);
+        top_port *port = view_.port(port_no);
         /* A server that is slower than the interval gets one request at a time for a port. */
-        if (port.is_reading || !session_.is_connected())
+        if (port == nullptr || port->is_reading || !session_.is_connected())
             return;
-        port.is_reading = true;
+        port->is_reading = true;
+        session_.request(TESK_CLIENT_REQUEST_PM, port_no,
+                         [this](const tesk_client_answer &answer) { take_value(answer); });
+    }
+
+    void take_value(const tesk_client_answer &answer)
+    {
+        top_port *read = view_.port(answer.port_no);
+        if (read == nullptr)
+            return;
+        read->is_reading = false;
+        if (answer.rejection == TESK_CLIENT_REJECTION_NO_PORT)
+            return lose(answer, *read);
+        if (const auto pm = pm_of(answer)) {
+            read->is_gone = false;
+            take(*read, *pm);
+        } else {
+            read->pm.reset();
+        }
+        if (answer.pm != nullptr && !is_on_screen())
+            report_.show(*answer.pm);
+    }
+
+    /* A port that was named stays, and is shown again when it is there again. */
+    void lose(const tesk_client_answer &answer, top_port &port)
+    {
+        if (!port.is_gone && is_on_screen()) {
+            state_ = fmt::format("port {} gone since {}", answer.port_no, clock_seconds(now_us()));
+        } else if (!port.is_gone) {
+            report_.failed(answer);
+            report_.write_failures();
+        }
+        take_loss(port);
+        if (!is_all(options_.ports))
+            return;
+        view_.remove(answer.port_no);
+        subscriptions_.remove(answer.port_no);
+    }
+
+    /* Asks for a port that may be new; one that exists is shown from then on. */
+    void probe(uint32_t port_no)
+    {
+        if (view_.port(port_no) != nullptr)
+            return;
         session_.request(TESK_CLIENT_REQUEST_PM, port_no, [this](const tesk_client_answer &answer) {
-            top_port &read = view_.port(answer.port_no);
-            read.is_reading = false;
-            if (const auto pm = pm_of(answer))
-                take(read, *pm);
-            else
-                read.pm.reset();
-            if (answer.pm != nullptr && !is_on_screen())
-                report_.show(*answer.pm);
+            if (!pm_of(answer))
+                return;
+            view_.add(answer.port_no);
+            subscriptions_.add(answer.port_no);
+            take_value(answer);
         });
+    }
+
+    /* The port map may be another one by now. */
+    void look_for_ports()
+    {
+        const port_name_map names = port_names();
+        view_.name(names);
+        if (!is_all(options_.ports))
+            return;
+        for (const auto &entry : names)
+            probe(entry.first);
+        for (uint32_t port_no = 0; is_restored_ && names.empty() && port_no < probed_ports;
+             port_no++)
+            probe(port_no);
+        is_restored_ = false;
+    }
+
+    void read_all()
+    {
+        if (!session_.is_connected())
+            return;
+        look_for_ports();
+        for (const uint32_t port_no : view_.all())
+            read_value(port_no);
+        subscriptions_.send_due();
     }
 
     /* A new subscription brings an indication with the grades of this moment. */
@@ -117,15 +198,7 @@ class top
     {
         if (!port_no || !session_.is_connected())
             return;
-        session_.request(TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS, *port_no,
-                         [this](const tesk_client_answer &answer) {
-                             if (answer.result == TESK_CLIENT_OK)
-                                 session_.request(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
-                                                  answer.port_no,
-                                                  [this](const auto &end) { note_grading(end); });
-                             else
-                                 note_grading(answer);
-                         });
+        subscriptions_.renew(*port_no, [this](const auto &answer) { note_grading(answer); });
     }
 
     void note_grading(const tesk_client_answer &answer)
@@ -182,8 +255,7 @@ class top
             if (end_ && now >= *end_)
                 return;
             if (now >= next_read) {
-                for (const uint32_t port_no : ports_)
-                    read_value(port_no);
+                read_all();
                 next_read = now + seconds(options_.interval);
             }
             if (page)
@@ -200,12 +272,13 @@ class top
     const settings &common_;
     const top_options &options_;
     reporter report_;
-    std::vector<uint32_t> ports_;
     top_view view_{{}};
     key_parser keys_;
     std::string state_;
+    bool is_restored_ = false; /* the server came back, perhaps with other ports */
     std::optional<steady_time> end_;
     event_loop loop_;
+    kept_subscriptions subscriptions_{session_};
     session session_; /* the last, so that it closes before what its callbacks use */
 };
 

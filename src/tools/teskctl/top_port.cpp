@@ -66,6 +66,17 @@ void take(top_port &port, const tesk_client_pm &pm)
         port.graded = pm;
 }
 
+void take_loss(top_port &port)
+{
+    if (!port.is_gone)
+        note_event(port, "port gone");
+    port.is_gone = true;
+    port.status.reset();
+    port.sfp.reset();
+    port.pm.reset();
+    port.graded.reset();
+}
+
 uint32_t module_of(const top_port &port)
 {
     /* Only the SFP info reports insertion and removal; only the measured values distinguish an
@@ -87,6 +98,8 @@ bool has_moved(const top_port &port, tesk_client_measurement measurement)
 
 uint32_t rank(const top_port &port)
 {
+    if (port.is_gone)
+        return 1;
     if (!port.status || module_of(port) == TESK_CLIENT_SFP_NOT_PRESENT)
         return 0;
     const bool is_down = port.status->link != TESK_CLIENT_LINK_OPERATIONAL;

@@ -9,6 +9,8 @@
 #include <string>
 
 struct top_port {
+    std::string name;     /* of the interface; empty if not known */
+    bool is_gone = false; /* the server doesn't know the port any more */
     std::optional<tesk_client_port_status> status;
     std::chrono::steady_clock::time_point status_time{};
     std::optional<tesk_client_sfp_info> sfp;
@@ -26,6 +28,9 @@ std::string take(top_port &port, const tesk_client_port_status &status);
 std::string take(top_port &port, const tesk_client_sfp_info &info);
 /* The first values after a status are taken as those that the server graded. */
 void take(top_port &port, const tesk_client_pm &pm);
+
+/* The server doesn't know the port: nothing that was known of it holds any more. */
+void take_loss(top_port &port);
 
 /* The module's state: one of tesk_client_sfp_type, or module_not_ready. */
 uint32_t module_of(const top_port &port);

@@ -20,7 +20,7 @@ static constexpr size_t narrowest_event = 20;
 static constexpr const char *help[] = {
     "q         quit                      up down   move the cursor",
     "s         sort: worst first, port   pages     page up and down, Home, End",
-    "/         filter: 0-3,7 or a text   g         read the grades of the port anew",
+    "/         filter: 0-3,eth7 or text  g         read the grades of the port anew",
     "?         this page                 Esc       remove the filter",
     "",
     "Letters are the server's grades: o ok, w W low and high warning, a A low and high alarm,",
@@ -35,6 +35,14 @@ top_view::top_view(const std::vector<uint32_t> &ports)
         ports_[port_no];
 }
 
+std::vector<uint32_t> top_view::all() const
+{
+    std::vector<uint32_t> ports;
+    for (const auto &entry : ports_)
+        ports.push_back(entry.first);
+    return ports;
+}
+
 static std::string lower(std::string text)
 {
     for (char &letter : text)
@@ -42,11 +50,21 @@ static std::string lower(std::string text)
     return text;
 }
 
-/* The numbers in a filter such as "0-3,7"; nothing if it isn't a list. */
-static std::optional<std::set<uint32_t>> numbers_in(const std::string &filter)
+void top_view::name(const port_name_map &names)
+{
+    names_ = names;
+    for (auto &[port_no, port] : ports_) {
+        const auto found = names.find(port_no);
+        port.name = found == names.end() ? "" : found->second;
+    }
+}
+
+/* The ports in a filter such as "0-3,eth7"; nothing if it isn't a list. */
+static std::optional<std::set<uint32_t>> ports_in(const std::string &filter,
+                                                  const port_name_map &names)
 {
     try {
-        const auto ports = parse_ports({filter});
+        const auto ports = parse_ports({filter}, names);
         return std::set<uint32_t>(ports.begin(), ports.end());
     } catch (const tool_error &) {
         return std::nullopt;
@@ -55,7 +73,7 @@ static std::optional<std::set<uint32_t>> numbers_in(const std::string &filter)
 
 static std::string searched_text(const top_port &port)
 {
-    std::string text = module_text(module_of(port));
+    std::string text = port.name + " " + module_text(module_of(port));
     if (port.sfp)
         text += " " + describe(*port.sfp);
     if (port.status)
@@ -71,12 +89,12 @@ bool top_view::is_by_rank(size_t height) const
 /* Filters and sorts the ports, and moves the window so that the cursor is in it. */
 void top_view::arrange(size_t height)
 {
-    const auto numbers = numbers_in(filter_);
+    const auto listed = ports_in(filter_, names_);
     const std::string text = lower(filter_);
     order_.clear();
     for (const auto &[port_no, port] : ports_)
-        if (filter_.empty() || (numbers ? numbers->contains(port_no)
-                                        : searched_text(port).find(text) != std::string::npos))
+        if (filter_.empty() || (listed ? listed->contains(port_no)
+                                       : searched_text(port).find(text) != std::string::npos))
             order_.push_back(port_no);
     was_by_rank_ = is_by_rank(height);
     if (was_by_rank_)
@@ -254,7 +272,10 @@ std::string top_view::news(bool has_events_beside) const
 std::vector<std::string> top_view::lines(size_t width, size_t height, bool coloured,
                                          const std::string &state)
 {
-    const top_columns columns(width);
+    size_t name_width = 0;
+    for (const auto &entry : names_)
+        name_width = std::max(name_width, entry.second.size());
+    const top_columns columns(width, name_width);
     const size_t taken = columns.width();
     const bool has_events = width >= taken + narrowest_event;
     std::vector<std::string> page;
@@ -285,6 +306,8 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
         page.push_back(columns.row(port_no, port, selected() == port_no, coloured) +
                        (has_events ? fit(port.last_event, width - taken) : ""));
     }
+    if (height >= 4) /* after the arrangement that it describes */
+        page.front() = title(width, coloured, state);
     const std::string newest = news(has_events);
     if ((has_hidden || !newest.empty()) && page.size() + 1 < height)
         page.push_back(paint(fit(newest, width), tint::yellow, coloured));

@@ -3,6 +3,7 @@
    session: records and keys in, lines out. */
 #pragma once
 
+#include "tools/common/port_list.h"
 #include "tools/teskctl/top_keys.h"
 #include "tools/teskctl/top_port.h"
 
@@ -19,14 +20,30 @@ class top_view
 
     explicit top_view(const std::vector<uint32_t> &ports);
 
+    void add(uint32_t port_no)
+    {
+        ports_.try_emplace(port_no);
+    }
+    void remove(uint32_t port_no)
+    {
+        ports_.erase(port_no);
+    }
+    /* The names of the interfaces; those of other ports are forgotten. */
+    void name(const port_name_map &names);
+
+    /* Records of other ports are ignored: they were removed meanwhile. */
     template <typename record_type>
     void show(const record_type &record)
     {
-        take(ports_[record.port_no], record);
+        if (top_port *known = port(record.port_no))
+            take(*known, record);
     }
-    top_port &port(uint32_t port_no)
+    std::vector<uint32_t> all() const;
+    /* Null for a port that isn't shown. */
+    top_port *port(uint32_t port_no)
     {
-        return ports_[port_no];
+        const auto found = ports_.find(port_no);
+        return found == ports_.end() ? nullptr : &found->second;
     }
 
     /* action::grade is for the port under the cursor. */
@@ -50,6 +67,7 @@ class top_view
     bool is_by_rank(size_t height) const;
 
     std::map<uint32_t, top_port> ports_;
+    port_name_map names_;
     std::vector<uint32_t> order_;    /* of the ports that the filter passes */
     size_t first_ = 0;               /* the first row of the window */
     size_t rows_ = 0;                /* of the window */

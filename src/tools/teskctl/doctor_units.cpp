@@ -1,0 +1,183 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* One call of systemctl shows all units: a block of KEY=VALUE lines for each, with an empty line
+   between two. A unit that isn't installed has a block as well, whose LoadState is "not-found". */
+#include "tools/teskctl/doctor_checks.h"
+#include "tools/teskctl/explain.h"
+#include "util/escape.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <unistd.h>
+#include <utility>
+
+namespace doctor
+{
+
+static constexpr char shown_properties[] =
+    "Id,LoadState,ActiveState,SubState,Result,ExecMainStatus,MainPID,UnitFileState,FragmentPath,"
+    "Group,Environment,NeedDaemonReload,IPAddressAllow,IPAddressDeny";
+
+static constexpr char default_configuration[] = "/etc/tesk/ports";
+
+/* Where the folders of administrators' programs are not in the path, as for most users. */
+static constexpr char with_sbin[] = "PATH=\"$PATH:/usr/local/sbin:/usr/sbin\" ";
+
+std::string output_of(const std::string &command)
+{
+    FILE *pipe = popen(("LC_ALL=C; export LC_ALL; " + command).c_str(), "r");
+    if (pipe == nullptr)
+        return "";
+    std::string text;
+    char part[512];
+    while (std::fgets(part, sizeof(part), pipe) != nullptr)
+        text += part;
+    pclose(pipe);
+    return text;
+}
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    for (size_t at = 0; at < text.size(); at += lines.back().size() + 1)
+        lines.push_back(text.substr(at, text.find('\n', at) - at));
+    return lines;
+}
+
+unit_table read_units()
+{
+    unit_table units;
+    std::map<std::string, std::string> block;
+    const auto end_block = [&] {
+        if (const std::string id = block["Id"]; !id.empty())
+            units[id] = block;
+        block.clear();
+    };
+    for (const std::string &line : lines_of(output_of(
+             fmt::format("timeout 5 systemctl show -p {} {} {} {} {} 2>/dev/null", shown_properties,
+                         server_unit, reader_socket_unit, reader_unit, exporter_unit)))) {
+        const size_t equals = line.find('=');
+        if (equals == std::string::npos)
+            end_block();
+        else
+            block[line.substr(0, equals)] = line.substr(equals + 1);
+    }
+    end_block();
+    return units;
+}
+
+std::string property(const unit_table &units, const std::string &unit, const std::string &key)
+{
+    const auto found = units.find(unit);
+    if (found == units.end())
+        return "";
+    const auto value = found->second.find(key);
+    return value == found->second.end() ? "" : value->second;
+}
+
+bool has_unit(const unit_table &units)
+{
+    const std::string load = property(units, server_unit, "LoadState");
+    const std::string environment = " " + property(units, server_unit, "Environment") + " ";
+    const bool is_ours =
+        environment.find(" MBX_DIR=") == std::string::npos
+            ? mailbox_directory() == default_mailbox_directory
+            : environment.find(" MBX_DIR=" + mailbox_directory() + " ") != std::string::npos;
+    return is_ours && !load.empty() && load != "not-found";
+}
+
+static std::string why_remedy(const std::string &unit)
+{
+    return fmt::format("journalctl -u {} -n 20 shows why; then systemctl restart {}", unit, unit);
+}
+
+static bool is_active(const std::string &state)
+{
+    return state == "active" || state == "reloading";
+}
+
+finding check_unit(const unit_table &units, const std::string &unit, const char *topic)
+{
+    const auto of = [&](const char *key) { return property(units, unit, key); };
+    const std::string state = of("ActiveState");
+    std::string text = fmt::format("{}: {} ({})", unit, state, of("SubState"));
+    if (of("LoadState") == "masked" && !is_active(state))
+        return {topic, verdict::wrong, unit + " is masked, so that it can't be started",
+                fmt::format("if that is not on purpose: systemctl unmask {0}, then systemctl start "
+                            "{0}",
+                            unit)};
+    if (const std::string load = of("LoadState"); load != "loaded" && load != "masked")
+        return {topic, verdict::wrong, fmt::format("{}: systemd can't load it ({})", unit, load),
+                fmt::format("systemctl status {} shows why", unit)};
+    if (of("NeedDaemonReload") == "yes")
+        return {topic, verdict::wrong, text + ", but its file has been changed since",
+                "systemctl daemon-reload, then systemctl restart " + unit};
+    if (is_active(state))
+        return {topic, verdict::ok, text, ""};
+    if (state == "inactive")
+        return {topic, verdict::wrong, text, "systemctl start " + unit};
+    text += fmt::format(", result {}", of("Result"));
+    if (const std::string status = of("ExecMainStatus"); !status.empty())
+        text += ", exit status " + status;
+    return {topic, verdict::wrong, text, why_remedy(unit)};
+}
+
+/* Where another directory is looked at, or a server runs without the unit, the unit's state is no
+   fault, and starting it would not help. */
+static finding check_server_unit(const unit_table &units, bool is_up)
+{
+    if (units.empty())
+        return {"unit", verdict::note, "systemd doesn't answer here", ""};
+    if (property(units, server_unit, "LoadState") == "not-found")
+        return {"unit", verdict::note, "tesk-server.service is not installed", ""};
+    finding found = check_unit(units, server_unit, "unit");
+    if (found.state != verdict::wrong)
+        return found;
+    if (!has_unit(units))
+        return {"unit", verdict::note, found.text + "; MBX_DIR selects another server", ""};
+    if (is_up && !is_active(property(units, server_unit, "ActiveState")))
+        return {"unit", verdict::note,
+                found.text + ": the server that answers was started in another way", ""};
+    return found;
+}
+
+findings check_units(const unit_table &units, bool is_up)
+{
+    findings all = {check_server_unit(units, is_up)};
+    const std::string socket = property(units, reader_socket_unit, "LoadState");
+    if (socket.empty() || socket == "not-found")
+        return all; /* a board without the reader */
+    all.push_back(check_unit(units, reader_socket_unit, "reader"));
+    /* It runs only while the server uses it, so that "inactive" is no fault. */
+    if (property(units, reader_unit, "ActiveState") == "failed" ||
+        property(units, reader_unit, "LoadState") == "masked")
+        all.push_back(check_unit(units, reader_unit, "reader"));
+    return all;
+}
+
+findings check_configuration()
+{
+    static constexpr char program[] = "tesk-module-reader";
+    if (output_of(std::string(with_sbin) + "command -v " + program).empty())
+        return {};
+    const char *set = secure_getenv("DOLM_RIC_PORTS");
+    const std::string path = set != nullptr && *set != '\0' ? set : default_configuration;
+    const std::string shown = escape(path);
+    if (access(path.c_str(), F_OK) != 0)
+        return {{"config", verdict::note,
+                 shown + " is not there: the ports are all interfaces whose module can be read",
+                 ""}};
+    findings all;
+    const std::string begin = fmt::format("{}: {}", program, path);
+    for (const std::string &line : lines_of(output_of(
+             fmt::format("{} timeout 5 {} --print-ports 2>&1 >/dev/null", with_sbin, program))))
+        if (line.starts_with(begin))
+            all.push_back(
+                {"config", verdict::wrong, escape(line.substr(begin.size() - path.size())),
+                 fmt::format("correct it in {}; man {} describes the lines", shown, program)});
+    if (all.empty())
+        all.push_back({"config", verdict::ok, shown + " has no wrong line", ""});
+    return all;
+}
+
+} // namespace doctor

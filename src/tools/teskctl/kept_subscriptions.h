@@ -1,0 +1,69 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* kept_subscriptions - the subscriptions that a running command wants, and that it has again after
+   whatever failed once: a late answer, a port that was away, a renewal that was refused. The
+   session renews those that it knows after a reconnection; this looks after the others. One thread.
+ */
+#pragma once
+
+#include "tools/teskctl/port_requests.h"
+
+#include <functional>
+#include <map>
+#include <utility>
+#include <vector>
+
+class kept_subscriptions
+{
+  public:
+    /* The session must outlive all calls but the destructor. */
+    explicit kept_subscriptions(session &server) : session_(server)
+    {
+    }
+
+    /* Wants both kinds of the port; send_due makes the requests. */
+    void add(uint32_t port_no);
+    /* Wants none of the port any more, as it doesn't exist. */
+    void remove(uint32_t port_no)
+    {
+        for (const tesk_client_kind kind : {TESK_CLIENT_SFP_INFO, TESK_CLIENT_PORT_STATUS})
+            entries_.erase({kind, port_no});
+    }
+    /* The server has confirmed these; given are the requests that would end them. */
+    void confirm(const std::vector<port_request> &unsubscribes);
+
+    /* Ends the subscription of the port's status and makes it anew, for an indication with the
+       grades of this moment. `ended` is called once with the last answer, unless the port is
+       removed or the server lost before. */
+    using ended = std::function<void(const tesk_client_answer &)>;
+    void renew(uint32_t port_no, ended called);
+
+    /* A subscription that the session has lost. */
+    void take(const tesk_client_event &event);
+
+    /* Makes the requests that are due, so many at once that they are answered in time. To be called
+       once an interval. */
+    void send_due();
+
+    /* The requests that end all subscriptions that the server has. */
+    std::vector<port_request> unsubscribes() const;
+
+  private:
+    enum class state : uint8_t {
+        none,    /* not subscribed */
+        held,    /* subscribed */
+        unknown, /* an answer didn't come: unsubscribed before it is subscribed again */
+    };
+    struct entry {
+        state is = state::none;
+        bool is_asking = false; /* a request is in flight */
+        ended called = {};
+    };
+    using key = std::pair<tesk_client_kind, uint32_t>;
+
+    void send(const key &wanted, entry &to);
+    void take_answer(const key &wanted, bool subscribes, const tesk_client_answer &answer);
+
+    session &session_;
+    std::map<key, entry> entries_;
+    size_t open_ = 0;
+};
