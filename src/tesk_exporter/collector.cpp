@@ -250,9 +250,11 @@ void collector::subscription_answered(const tesk_client_answer &answer)
     for (const subscription_requests &row : subscription_rows) {
         if (answer.request == row.begin && port != ports_.end())
             subscribe_answered(answer, port->second);
-        /* Without an answer it isn't known whether the server still sends indications. */
-        if (answer.request == row.end && port == ports_.end() &&
-            answer.result != TESK_CLIENT_OK && answer.result != TESK_CLIENT_REJECTED)
+        /* Else the server may still send indications. */
+        const bool is_over = answer.result == TESK_CLIENT_OK ||
+                             answer.rejection == TESK_CLIENT_REJECTION_NOT_SUBSCRIBED ||
+                             answer.rejection == TESK_CLIENT_REJECTION_NO_PORT;
+        if (answer.request == row.end && port == ports_.end() && !is_over)
             leaving_.insert({row.kind, answer.port_no});
     }
 }
