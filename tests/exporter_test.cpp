@@ -46,15 +46,20 @@ static std::mutex journal_mutex;
 static std::condition_variable journal_written;
 static std::string journal_record;
 static int journal_result = 0;
+static constexpr int journal_full = 1;
 
 int sd_journal_sendv(const iovec *fields, int count)
 {
-    const std::lock_guard lock(journal_mutex);
+    std::unique_lock lock(journal_mutex);
     strings record;
     for (const iovec &field : std::span(fields, static_cast<size_t>(count)))
         record.emplace_back(static_cast<char *>(field.iov_base), field.iov_len);
     journal_record = lines_of(record);
     journal_written.notify_all();
+    if (journal_result == journal_full) {
+        lock.unlock();
+        return pause(); /* as a full socket, until a signal comes */
+    }
     return journal_result;
 }
 
@@ -564,6 +569,15 @@ TEST(exporter_journal, a_record_has_the_fields_of_its_event)
     for (const event &bad : {event{1, 0, change::down, status_of(3, 1), ""},
                              event{1, 0, change::removed, module_in(3, ""), ""}})
         expect_parts(lines_of(journal_fields(bad)), {"\nPRIORITY=4\n"});
+    {
+        journal stuck; /* its end doesn't wait for the journal */
+        std::unique_lock lock(journal_mutex);
+        journal_result = journal_full;
+        journal_record.clear();
+        stuck.write(down);
+        ASSERT_TRUE(
+            journal_written.wait_for(lock, seconds(20), [] { return !journal_record.empty(); }));
+    }
     const event inserted{1, 0, change::inserted, module_in(4, "X\n1"), ""};
     expect_parts(lines_of(journal_fields(inserted)),
                  {"\nPRIORITY=6\n", "\nTESK_SERIAL=X\\x0a1\n", "\nTESK_CHANGE=inserted\n"});
