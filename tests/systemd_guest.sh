@@ -24,8 +24,8 @@ kill_reader() {
     check "the reader is started anew" await is_another tesk-module-reader "$reader"
 }
 is_another() { [ "$(process_of $1)" != "$2" ] && [ "$(process_of $1)" != 0 ]; } # UNIT PROCESS
-metrics() {
-    bash -c 'exec 3<>/dev/tcp/127.0.0.1/9816 && printf "GET /metrics HTTP/1.0\r\nHost: localhost:9816\r\n\r\n" >&3 && cat <&3'
+metrics() { # [ADDRESS]
+    bash -c 'exec 3<>/dev/tcp/$0/9816 && printf "GET /metrics HTTP/1.0\r\nHost: $0:9816\r\n\r\n" >&3 && cat <&3' ${1-127.0.0.1}
 }
 
 units_are_up() {
@@ -72,6 +72,30 @@ ports_come_to_life() {
     check "a member sees the names" says "cage0" member teskctl ports
     check "nobody else does" not as nobody nogroup cat /run/dolm_ric/ports
     check "the exporter sees the port" await says 'interface="cage0"' metrics
+    check "the mailbox library's thread gives way" says 3 waker_policy
+}
+
+waker_policy() { # 3 is SCHED_BATCH, the 41st field of the thread's line
+    for thread in /proc/$(process_of tesk-server)/task/*; do
+        says mbx-waker cat $thread/comm && sed 's/.*) //' $thread/stat | cut -d ' ' -f 39
+    done
+}
+
+# One switch for the option and the unit's filter, and a line where there is only the option.
+other_machines() {
+    ip address add 192.0.2.7/32 dev lo
+    echo 'TESK_EXPORTER_OPTIONS="--listen 192.0.2.7:9816"' >/etc/default/tesk-exporter
+    systemctl restart tesk-exporter
+    check "an address that the unit hides is said" await says "--print-drop-in" journalctl -b -u tesk-exporter -o cat
+    rm /etc/default/tesk-exporter
+    mkdir -p /etc/systemd/system/tesk-exporter.service.d
+    tesk-exporter --listen 192.0.2.7:9816 --print-drop-in any >/etc/systemd/system/tesk-exporter.service.d/listen.conf
+    systemctl daemon-reload
+    systemctl restart tesk-exporter
+    check "with the drop-in it is reached" await says tesk_up metrics 192.0.2.7
+    rm -r /etc/systemd/system/tesk-exporter.service.d
+    systemctl daemon-reload
+    systemctl restart tesk-exporter
 }
 
 # The reader knows the interface, though its name is another than that of the configuration.
@@ -111,6 +135,7 @@ no_trace() { [ -z "$(find /etc /run /usr /var -iname '*tesk*')" ]; }
 units_are_up
 numbers_without_a_configuration
 ports_come_to_life
+other_machines
 killed_units_come_back
 units_stop
 leaves_nothing
