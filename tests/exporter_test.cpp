@@ -428,7 +428,8 @@ TEST_F(exporter_board, objects_are_valid_whatever_is_absent)
     apply(module_in(0, "\"\xff"));
     apply(status_of(7, 2));
     apply(reading_fact{values_of(7, 0)});
-    const auto object = json_object::parse(ports_json(board, events, std::chrono::milliseconds(1500), now));
+    const auto object =
+        json_object::parse(ports_json(board, events, std::chrono::milliseconds(1500), now));
     EXPECT_EQ(object["interval_s"], 1.5);
     EXPECT_EQ(object["ports"].size(), 2u);
     EXPECT_EQ(object["ports"][0]["interface"], "a\\\\b");

@@ -72,13 +72,6 @@ ports_come_to_life() {
     check "a member sees the names" says "cage0" member teskctl ports
     check "nobody else does" not as nobody nogroup cat /run/dolm_ric/ports
     check "the exporter sees the port" await says 'interface="cage0"' metrics
-    check "the mailbox library's thread gives way" says 3 waker_policy
-}
-
-waker_policy() { # 3 is SCHED_BATCH, the 41st field of the thread's line
-    for thread in /proc/$(process_of tesk-server)/task/*; do
-        says mbx-waker cat $thread/comm && sed 's/.*) //' $thread/stat | cut -d ' ' -f 39
-    done
 }
 
 # One switch for the option and the unit's filter, and a line where there is only the option.

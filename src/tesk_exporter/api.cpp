@@ -38,18 +38,16 @@ static json_object text_or_null(const std::string &text)
 static json_object port_to_json(const model &board, const port_state &port, steady_time now)
 {
     const bool has_values = port.reading && (!board.is_up() || board.values_of(port, now));
-    return {
-        {"port", port.number},
-        {"interface", text_or_null(port.interface)},
-        {"sfp", object_or_null(port.info)},
-        {"status", object_or_null(port.status)},
-        {"pm", has_values ? to_json(*port.reading) : json_object(nullptr)},
-        {"pm_trouble", text_or_null(port.unread)},
-        {"reading_age_s", age_or_null(port.reading.has_value(), port.read_at, now)},
-        {"grade_age_s", age_or_null(port.status.has_value(), port.graded_at, now)},
-        {"link_changes", port.link_changes},
-        {"last_change",
-time_or_null(port.changed_us)}};
+    return {{"port", port.number},
+            {"interface", text_or_null(port.interface)},
+            {"sfp", object_or_null(port.info)},
+            {"status", object_or_null(port.status)},
+            {"pm", has_values ? to_json(*port.reading) : json_object(nullptr)},
+            {"pm_trouble", text_or_null(port.unread)},
+            {"reading_age_s", age_or_null(port.reading.has_value(), port.read_at, now)},
+            {"grade_age_s", age_or_null(port.status.has_value(), port.graded_at, now)},
+            {"link_changes", port.link_changes},
+            {"last_change", time_or_null(port.changed_us)}};
 }
 
 /* An object whose last key is a list that is still open. */

@@ -130,8 +130,7 @@ bool collector::request(tesk_client_request_type type, uint32_t port_no)
 void collector::subscribe(uint32_t port_no, followed &port)
 {
     for (const subscription_requests &row : subscription_rows)
-        port.subscriptions[row.kind] =
-            request(row.begin, port_no) ? held::requested : held::failed;
+        port.subscriptions[row.kind] = request(row.begin, port_no) ? held::requested : held::failed;
 }
 
 void collector::unsubscribe(uint32_t port_no)
@@ -222,7 +221,8 @@ void collector::read_next()
             continue;
         port->second.is_reading = request(TESK_CLIENT_REQUEST_PM, port_no);
     }
-    if (subscriptions_ == 0 && reads_ == 0 && to_read_.empty() && std::exchange(is_in_round_, false))
+    if (subscriptions_ == 0 && reads_ == 0 && to_read_.empty() &&
+        std::exchange(is_in_round_, false))
         facts_.post(round_fact{});
 }
 
@@ -272,7 +272,8 @@ void collector::read_answered(const tesk_client_answer &answer, std::chrono::nan
     if (answer.pm != nullptr)
         facts_.post(reading_fact{*answer.pm});
     else if (answer.result != TESK_CLIENT_LOST)
-        facts_.post(unread_fact{answer.port_no, answer.result == TESK_CLIENT_REJECTED, answer.text});
+        facts_.post(
+            unread_fact{answer.port_no, answer.result == TESK_CLIENT_REJECTED, answer.text});
 }
 
 /* Asks for the history of presence, which the server has in its memory: the answer proves that it

@@ -40,8 +40,8 @@ class collector
     using subscription_kind = std::pair<tesk_client_kind, uint32_t>; /* and the port */
     struct followed {
         std::string interface;
-        bool is_reading = false; /* a request for its values is under way */
-        bool is_empty = false;   /* the server has reported no module */
+        bool is_reading = false;             /* a request for its values is under way */
+        bool is_empty = false;               /* the server has reported no module */
         std::array<held, 2> subscriptions{}; /* by tesk_client_kind */
         uint64_t next_try = 0; /* the round in which failed subscriptions are made anew */
         uint64_t pause = 1;    /* rounds to the try after that one */
@@ -96,12 +96,12 @@ class collector
     std::optional<tesk_client_history_record> newest_record_;
     std::set<subscription_kind> leaving_; /* unsubscriptions that were not answered */
     bool is_in_round_ = false;
-    uint64_t rounds_ = 0;     /* of this connection */
-    bool is_probing_ = false; /* there are no --ports and no port map */
+    uint64_t rounds_ = 0;                   /* of this connection */
+    bool is_probing_ = false;               /* there are no --ports and no port map */
     std::map<uint32_t, std::string> names_; /* of the last port map that could be read */
     bool has_map_ = false;
     std::string map_error_; /* the last one, which is written once */
-    worker thread_;           /* the last: it uses all the others */
+    worker thread_;         /* the last: it uses all the others */
 };
 
 } // namespace exporter

@@ -17,12 +17,12 @@ namespace exporter
 
 /* The kind of change that an event reports. */
 enum class change {
-    initial,   /* the state found after connecting, of unknown age */
-    inserted,  /* a module */
+    initial,  /* the state found after connecting, of unknown age */
+    inserted, /* a module */
     removed,
     replaced,  /* another module, or the same one read again with other texts */
     not_ready, /* a module is there, and its memory can't be read */
-    up,       /* a link */
+    up,        /* a link */
     down,
     grades, /* grades or the environment; the link is as before */
 };
@@ -46,8 +46,8 @@ struct event {
 /* The port of an event; nothing where it is the server's. */
 std::optional<uint32_t> port_of(const event &happened);
 
-/* A line as teskctl --json writes it, with the key "id" behind the time, unless it is empty, and the
-   key "change" at its end where there is a port. */
+/* A line as teskctl --json writes it, with the key "id" behind the time, unless it is empty, and
+   the key "change" at its end where there is a port. */
 std::string to_json_line(const event &happened, const std::string &id = "");
 
 class event_ring

@@ -16,8 +16,8 @@
 namespace exporter
 {
 
-/* Goes on while the machine is suspended, unlike the clock of the standard library: a value that was
-   read before a suspend is as old as it is. */
+/* Goes on while the machine is suspended, unlike the clock of the standard library: a value that
+   was read before a suspend is as old as it is. */
 struct steady_clock {
     using duration = std::chrono::nanoseconds;
     using rep = duration::rep;
@@ -86,10 +86,9 @@ struct gone_fact {
 struct round_fact {
 };
 
-using fact =
-    std::variant<ports_fact, connection_fact, tesk_client_sfp_info, tesk_client_port_status,
-                 reading_fact, unread_fact, presence_fact, grades_fact, request_fact, gone_fact,
-                 round_fact>;
+using fact = std::variant<ports_fact, connection_fact, tesk_client_sfp_info,
+                          tesk_client_port_status, reading_fact, unread_fact, presence_fact,
+                          grades_fact, request_fact, gone_fact, round_fact>;
 
 /* A bounded queue. The descriptor is readable while it holds something. */
 class fact_queue

@@ -54,8 +54,9 @@ class service
 {
   public:
     explicit service(const settings &given)
-        : settings_(given), model_(events_, given.interval), http_(given, model_, events_, figures_),
-          refresher_(facts_), collector_({given.ports, given.interval}, facts_)
+        : settings_(given), model_(events_, given.interval),
+          http_(given, model_, events_, figures_), refresher_(facts_),
+          collector_({given.ports, given.interval}, facts_)
     {
         figures_.started_us = now_us();
         figures_.interval = given.interval;

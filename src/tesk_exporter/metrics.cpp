@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* One row for each family, and one function that writes its samples for a port. While the server is
-   away or doesn't answer its values are left out, since they are unknown; counters and ages stay. */
+   away or doesn't answer its values are left out, since they are unknown; counters and ages stay.
+ */
 #include "tesk_exporter/metrics.h"
 
 #include "tools/common/units.h"
@@ -86,7 +87,8 @@ static void write_grades(const scrape &to, const port_state &port)
 }
 
 static constexpr port_family port_families[] = {
-    {{"tesk_port_link_up", metric_type::gauge, "", "Whether the link is operational. One that somebody has stopped isn't."},
+    {{"tesk_port_link_up", metric_type::gauge, "",
+      "Whether the link is operational. One that somebody has stopped isn't."},
      true,
      [](const scrape &to, const port_state &port) {
          write_if(to, port, port.status.has_value(),
@@ -317,11 +319,12 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
     write_one(writer,
               {"tesk_exporter_http_connections", metric_type::gauge, "", "Open connections."},
               static_cast<double>(figures.connections));
-    write_one(writer,
-              {"tesk_exporter_http_ended_connections", metric_type::counter, "",
-               "Connections that the exporter ended: too slow, or idle where places were short. One "
-               "that is closed after a long idle time doesn't count."},
-              static_cast<double>(figures.ended_connections));
+    write_one(
+        writer,
+        {"tesk_exporter_http_ended_connections", metric_type::counter, "",
+         "Connections that the exporter ended: too slow, or idle where places were short. One "
+         "that is closed after a long idle time doesn't count."},
+        static_cast<double>(figures.ended_connections));
     write_one(writer,
               {"tesk_exporter_event_streams", metric_type::gauge, "", "Open streams of events."},
               static_cast<double>(figures.streams));

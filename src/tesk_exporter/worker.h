@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* worker - a thread that waits for descriptors and is stopped through one. A library may keep it in a
-   system call that no descriptor ends, as the journal's does: SIGUSR1 interrupts that. */
+/* worker - a thread that waits for descriptors and is stopped through one. A library may keep it in
+   a system call that no descriptor ends, as the journal's does: SIGUSR1 interrupts that. */
 #pragma once
 
 #include <chrono>
