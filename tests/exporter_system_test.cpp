@@ -122,7 +122,7 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
 
 TEST_F(exporter_system, a_server_that_goes_is_said_at_once_and_one_that_comes_back_is_followed)
 {
-    start();
+    start({"--ports", "12-15"}); /* without a module: no value is read */
     await("/metrics", "tesk_up 0\n");
     await("/readyz", "nobody answers");
     server.emplace();
@@ -240,6 +240,11 @@ TEST(exporter_tool, wrong_usage_says_what_to_do)
                           {"--interval 0", 2, "interval"},
                           {"--ports 3-1", 2, "comes before"},
                           {"extra", 2, "extra"},
+                          {"--print-drop-in any", 2, "that others can reach"},
+                          {"--listen [::]:80 --print-drop-in any,1.2.3.4/33", 2, "or networks"},
+                          {"--listen [::]:80 --print-drop-in any", 0, "Allow=any\n"},
+                          {"--listen 192.0.2.7:80 --print-drop-in 10.0.0.0/8,::1", 0,
+                           "--listen 192.0.2.7:80\nIPAddressAllow=192.0.2.7 10.0.0.0/8 ::1\n"},
                           {"--listen 9816", 1, "write ADDRESS:PORT"},
                           {"--listen host.example:80", 1, "no numeric address"},
                           {"--listen 127.0.0.1:99999", 1, "no numeric address"},

@@ -46,15 +46,20 @@ static std::mutex journal_mutex;
 static std::condition_variable journal_written;
 static std::string journal_record;
 static int journal_result = 0;
+static constexpr int journal_full = 1;
 
 int sd_journal_sendv(const iovec *fields, int count)
 {
-    const std::lock_guard lock(journal_mutex);
+    std::unique_lock lock(journal_mutex);
     strings record;
     for (const iovec &field : std::span(fields, static_cast<size_t>(count)))
         record.emplace_back(static_cast<char *>(field.iov_base), field.iov_len);
     journal_record = lines_of(record);
     journal_written.notify_all();
+    if (journal_result == journal_full) {
+        lock.unlock();
+        return pause(); /* as a full socket, until a signal comes */
+    }
     return journal_result;
 }
 
@@ -188,7 +193,6 @@ TEST_F(exporter_board, metrics_have_their_units_and_no_series_of_what_is_unknown
         "port_transmit_power_watts 0.001 port_transmit_power_dbm 0");
     expect_values("{port=\"7\"}", "port_link_up 1 port_link_speed_bytes_per_second 1.25e+09 "
                                   "port_module_present 0 port_grade_age_seconds 3");
-    expect_values("{port=\"7\",state=\"stopped\"}", "port_link_state 0");
     expect_parts(text, {"serial=\"S1\"", "measurement=\"rx_power\",grade=\"ok\"} 1\n",
                         "measurement=\"rx_power\",grade=\"low_alarm\"} 0\n"});
     expect_none(text,
@@ -229,7 +233,6 @@ TEST_F(exporter_board, what_is_found_after_a_connection_is_initial_and_only_a_ch
         {module_in(0, "C"), "0 replaced; "},
         {status_of(0, TESK_CLIENT_LINK_OPERATIONAL), "0 initial; "},
         {status_of(0, TESK_CLIENT_LINK_NOT_OPERATIONAL), "0 down; "},
-        {status_of(0, TESK_CLIENT_LINK_STOPPED), "0 stopped; "},
         {status_of(0, TESK_CLIENT_LINK_OPERATIONAL), "0 up; "},
         {status_of(0, TESK_CLIENT_LINK_OPERATIONAL, TESK_CLIENT_LEVEL_LOW_ALARM), "0 grades; "},
         {grades_fact{0, false, {}}, ""},
@@ -245,8 +248,63 @@ TEST_F(exporter_board, what_is_found_after_a_connection_is_initial_and_only_a_ch
         apply(step.first);
         EXPECT_EQ(changes(number), step.second) << "step " << &step - steps;
     }
-    EXPECT_EQ(board.ports().at(0).link_changes, 3u);
+    EXPECT_EQ(board.ports().at(0).link_changes, 2u);
     EXPECT_EQ(board.connections, 2u);
+}
+
+/* By the server's indication, the history of presence, and a read of the values. */
+TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_own_words)
+{
+    const auto pm = reading_fact{values_of(0, 500)};
+    const unread_fact refused{0, true, "not available"}, late{0, false, "no answer"};
+    const fact not_ready = presence_fact{0, TESK_CLIENT_PRESENCE_NOT_READY},
+               ready = presence_fact{0, TESK_CLIENT_PRESENCE_READY},
+               none = presence_fact{0, TESK_CLIENT_PRESENCE_NONE};
+    const struct {
+        fact happened;
+        const char *change, *present, *ready, *celsius; /* null: no series */
+    } steps[] = {
+        {module_in(0, ""), "0 initial; ", "0", nullptr, nullptr},
+        {refused, "", "0", nullptr, nullptr},
+        {not_ready, "0 not ready; ", "1", "0", nullptr},
+        {refused, "", "1", "0", nullptr},
+        {ready, "", "1", "0", nullptr}, /* its memory can't be read */
+        {module_in(0, "A"), "0 inserted; ", "1", "1", nullptr},
+        {pm, "", "1", "1", "40"},
+        {late, "", "1", "1", "40"}, /* what was read before is as old as its age says */
+        {refused, "", "1", "1", nullptr},
+        {pm, "", "1", "1", "40"},
+        {not_ready, "0 not ready; ", "1", "0", nullptr},
+        {pm, "", "1", "0", nullptr},
+        {none, "0 removed; ", "0", nullptr, nullptr},
+        {module_in(0, ""), "", "0", nullptr, nullptr},
+        {pm, "0 initial; ", "1", "0", nullptr}, /* values without a ready module */
+        {refused, "0 initial; ", "0", nullptr, nullptr},
+    };
+    apply(connection_fact{true, ""});
+    apply(ports_fact{{{0, ""}}});
+    for (const auto &step : steps) {
+        const uint64_t number = events.next();
+        apply(step.happened);
+        EXPECT_EQ(changes(number), step.change) << "step " << &step - steps;
+        const std::string text = metrics();
+        for (const auto &[name, value] :
+             {std::pair{"module_present", step.present}, std::pair{"module_ready", step.ready},
+              std::pair{"temperature_celsius", step.celsius}}) {
+            const std::string series = std::string("\ntesk_port_") + name + "{port=\"0\"} ";
+            EXPECT_TRUE(value ? contains(text, series + value + "\n") : !contains(text, series))
+                << "step " << &step - steps << " " << series;
+        }
+    }
+    apply(module_in(0, "A"));
+    apply(pm);
+    pass(seconds(56)); /* three intervals and ten seconds */
+    expect_parts(metrics(), {"reading_age_seconds{port=\"0\"} 56\n"});
+    expect_none(metrics(), {"celsius{", "signal_lost{"});
+    apply(request_fact{TESK_CLIENT_TIMEOUT, {}, false}); /* a server that hangs */
+    expect_none(metrics(), {"module_present{"});
+    apply(request_fact{TESK_CLIENT_OK, {}, false});
+    expect_parts(metrics(), {"module_present{", "tesk_up 1"});
 }
 
 TEST_F(exporter_board, grades_are_refreshed_the_oldest_first_at_the_allowed_pace)
@@ -370,7 +428,8 @@ TEST_F(exporter_board, objects_are_valid_whatever_is_absent)
     apply(module_in(0, "\"\xff"));
     apply(status_of(7, 2));
     apply(reading_fact{values_of(7, 0)});
-    const auto object = json_object::parse(ports_json(board, std::chrono::milliseconds(1500), now));
+    const auto object =
+        json_object::parse(ports_json(board, events, std::chrono::milliseconds(1500), now));
     EXPECT_EQ(object["interval_s"], 1.5);
     EXPECT_EQ(object["ports"].size(), 2u);
     EXPECT_EQ(object["ports"][0]["interface"], "a\\\\b");
@@ -457,7 +516,12 @@ TEST(exporter_http, places_are_counted_and_the_slow_and_the_oldest_idle_go)
     now += seconds(1);
     table.end_overdue(now);
     EXPECT_FALSE(is_ended(1) || is_ended(104) || is_ended(71));
-    EXPECT_TRUE(is_ended(0) && is_ended(2) && is_ended(110));
+    EXPECT_TRUE(is_ended(2) && is_ended(110));
+    EXPECT_FALSE(is_ended(0)); /* it was answered, as a scrape that keeps its connection */
+    now += idle_patience;
+    table.end_overdue(now);
+    EXPECT_TRUE(is_ended(0));
+    EXPECT_LT(table.ended(), crowded_connections + 2); /* without that one */
     for (size_t i = 0; i < pairs.size(); i++) {
         table.remove(peers[i]);
         close(pairs[i][0]);
@@ -506,6 +570,15 @@ TEST(exporter_journal, a_record_has_the_fields_of_its_event)
     for (const event &bad : {event{1, 0, change::down, status_of(3, 1), ""},
                              event{1, 0, change::removed, module_in(3, ""), ""}})
         expect_parts(lines_of(journal_fields(bad)), {"\nPRIORITY=4\n"});
+    {
+        journal stuck; /* its end doesn't wait for the journal */
+        std::unique_lock lock(journal_mutex);
+        journal_result = journal_full;
+        journal_record.clear();
+        stuck.write(down);
+        ASSERT_TRUE(
+            journal_written.wait_for(lock, seconds(20), [] { return !journal_record.empty(); }));
+    }
     const event inserted{1, 0, change::inserted, module_in(4, "X\n1"), ""};
     expect_parts(lines_of(journal_fields(inserted)),
                  {"\nPRIORITY=6\n", "\nTESK_SERIAL=X\\x0a1\n", "\nTESK_CHANGE=inserted\n"});

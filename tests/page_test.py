@@ -52,6 +52,13 @@ for (const element of document.body.querySelectorAll("*")) {
 }
 return worst;"""
 
+# The cells of the table whose text doesn't fit.
+CUT = """
+const card = document.querySelector('.card').getBoundingClientRect();
+return [...ports.querySelectorAll('tbody :is(th, td)')].filter((cell) => cell.checkVisibility() &&
+  (cell.getBoundingClientRect().right > card.right + 1 || cell.scrollWidth > cell.clientWidth + 1))
+  .map((cell) => cell.innerText);"""
+
 # Notes when the link of a port is shown in another way.
 WATCH = """
 const rows = [...ports.tBodies[0].rows], text_of = (row) => row.cells[1].textContent;
@@ -208,7 +215,30 @@ def can_be_read(page):
         page.go(place)
         width = page.run("return document.documentElement.scrollWidth")
         assert width <= 360, f"{width} is wider than a telephone: {place}"
+    page.go("port=4")
+    for width in range(820, 1300, 60):
+        page.emulate("setDeviceMetricsOverride", width=width, height=900, deviceScaleFactor=1, mobile=False)
+        assert not page.run(CUT), f"cut at {width} pixels: {page.run(CUT)}"
+    page.go("")
     page.emulate("clearDeviceMetricsOverride")
+
+
+def states_have_their_words(board, page):
+    """A module that isn't ready is no empty port; of a port that vanishes nothing stays."""
+    board.play("remove 7", "insert 7 --module lc-own --not-ready")
+    page.row_shows(7, "module not ready")
+    page.go("port=7")
+    page.shows("#identity", "module not ready")
+    names = Path(board.env["DOLM_RIC_PORT_MAP"])
+    whole = names.read_text()
+    names.write_text("".join(line for line in whole.splitlines(True) if not line.startswith("7\t")))
+    page.shows("#port-title", "Port 7 isn't followed")
+    assert "up" not in page.text("#port"), page.text("#port")
+    names.write_text(whole)
+    page.shows("#port-title", "Port 7 (port7)")
+    board.play("ready 7")
+    page.row_shows(7, "EXAMPLE OPTICS")
+    page.go("")
 
 
 def arrives_in_time(board, page):
@@ -258,6 +288,11 @@ def loss_is_told(board, page):
     await_true(lambda: page.text("#banner") == "", "the exporter is found again")
     board.play_when_there("remove 6")
     page.row_shows(6, "no module")
+    board.kill("tesk-server")
+    page.shows("#banner", "as they were at")
+    before = page.text("#banner").split("as they were")[1]
+    page.browser.refresh()
+    page.shows("#banner", before)  # that time, not the one at which the page was opened
 
 
 def picture(board, page):
@@ -295,6 +330,7 @@ def check_page(board, place):
             picture(board, page)
         module_texts_stay_texts(board, page)
         keys_are_enough(page)
+        states_have_their_words(board, page)
         can_be_read(page)
         arrives_in_time(board, page)
         complaints = page.browser.get_log("browser")

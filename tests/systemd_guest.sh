@@ -24,8 +24,8 @@ kill_reader() {
     check "the reader is started anew" await is_another tesk-module-reader "$reader"
 }
 is_another() { [ "$(process_of $1)" != "$2" ] && [ "$(process_of $1)" != 0 ]; } # UNIT PROCESS
-metrics() {
-    bash -c 'exec 3<>/dev/tcp/127.0.0.1/9816 && printf "GET /metrics HTTP/1.0\r\nHost: localhost:9816\r\n\r\n" >&3 && cat <&3'
+metrics() { # [ADDRESS]
+    bash -c 'exec 3<>/dev/tcp/$0/9816 && printf "GET /metrics HTTP/1.0\r\nHost: $0:9816\r\n\r\n" >&3 && cat <&3' ${1-127.0.0.1}
 }
 
 units_are_up() {
@@ -74,6 +74,23 @@ ports_come_to_life() {
     check "the exporter sees the port" await says 'interface="cage0"' metrics
 }
 
+# One switch for the option and the unit's filter, and a line where there is only the option.
+other_machines() {
+    ip address add 192.0.2.7/32 dev lo
+    echo 'TESK_EXPORTER_OPTIONS="--listen 192.0.2.7:9816"' >/etc/default/tesk-exporter
+    systemctl restart tesk-exporter
+    check "an address that the unit hides is said" await says "--print-drop-in" journalctl -b -u tesk-exporter -o cat
+    rm /etc/default/tesk-exporter
+    mkdir -p /etc/systemd/system/tesk-exporter.service.d
+    tesk-exporter --listen 192.0.2.7:9816 --print-drop-in any >/etc/systemd/system/tesk-exporter.service.d/listen.conf
+    systemctl daemon-reload
+    systemctl restart tesk-exporter
+    check "with the drop-in it is reached" await says tesk_up metrics 192.0.2.7
+    rm -r /etc/systemd/system/tesk-exporter.service.d
+    systemctl daemon-reload
+    systemctl restart tesk-exporter
+}
+
 # The reader knows the interface, though its name is another than that of the configuration.
 killed_units_come_back() {
     ip link set cage0 name wan
@@ -111,6 +128,7 @@ no_trace() { [ -z "$(find /etc /run /usr /var -iname '*tesk*')" ]; }
 units_are_up
 numbers_without_a_configuration
 ports_come_to_life
+other_machines
 killed_units_come_back
 units_stop
 leaves_nothing

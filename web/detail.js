@@ -2,8 +2,8 @@
 /* One port: badges, values, plots, identity, history. The plots and the history are asked for when
    the port is chosen, and again after each change of it. */
 import { by_id, make, make_badge, make_event, set_text } from "./document.js";
-import { age_text, event_text, grade_badge, has_module, link_badge, measurements, time_text,
-         title_of, value_text } from "./ports.js";
+import { age_text, event_text, grade_badge, has_module, link_badge, measurements, module_text,
+         time_text, title_of, value_text } from "./ports.js";
 
 const section = by_id("port");
 const plotted = [
@@ -52,7 +52,7 @@ function write_identity(port) {
   by_id("identity").replaceChildren(...known.flatMap(([name, key]) =>
     [make("dt", name), make("dd", String(port.sfp[key]).trim())]));
   if (!known.length)
-    by_id("identity").append(make("dt", "none"));
+    by_id("identity").append(make("dt", module_text(port)));
 }
 
 /* Of a day each point is a pair; the middle is drawn with its range. */
@@ -135,26 +135,41 @@ export async function load_history() {
   by_id("history").replaceChildren(...(items.length ? items : [make("li", "nothing has happened yet", "dim")]));
 }
 
+/* Values that aren't shown have a reason. */
 export function write_ages(port, age_of) {
-  set_text(by_id("ages"), `Values ${age_text(age_of(port.reading_age_s))} old, grades ${age_text(age_of(port.grade_age_s))} old.`);
+  const read = port.pm ? `Values ${age_text(age_of(port.reading_age_s))} old`
+    : has_module(port) ? `Values not known${port.pm_trouble ? `: ${port.pm_trouble}` : ""}` : "No values";
+  const graded = has_module(port) && port.status ? `, grades ${age_text(age_of(port.grade_age_s))} old` : "";
+  set_text(by_id("ages"), `${read}${graded}.`);
+}
+
+/* A port that isn't followed any more: nothing of it is known. */
+export function write_gone(number) {
+  set_text(by_id("port-title"), `Port ${number} isn't followed`);
+  for (const part of section.querySelectorAll(".known"))
+    part.hidden = true;
 }
 
 export function write_port(port, age_of) {
   set_text(by_id("port-title"), title_of(port.port, port.interface));
+  for (const part of section.querySelectorAll(".known"))
+    part.hidden = false;
   write_badges(port);
   write_values(port);
   write_identity(port);
   write_ages(port, age_of);
 }
 
-/* Shows another port, or none. */
-export function choose_port(number) {
+/* Shows another port, or none; there is nothing to load of one that isn't followed. */
+export function choose_port(number, is_followed) {
   shown = number;
   section.hidden = number === null;
   plots.forEach((plot) => plot.destroy());
   plots = [];
   by_id("plots").replaceChildren();
   by_id("history").replaceChildren();
+  if (!is_followed)
+    return;
   load_plots();
   load_history();
 }

@@ -4,8 +4,8 @@
    after an event whose change includes data that it doesn't carry. The server counts as away if
    either of them reports it. */
 import { by_id, make_event, set_text } from "./document.js";
-import { choose_port, load_history, load_plots, write_ages, write_port } from "./detail.js";
-import { event_text, title_of } from "./ports.js";
+import { choose_port, load_history, load_plots, write_ages, write_gone, write_port } from "./detail.js";
+import { event_text, is_later, time_text, title_of } from "./ports.js";
 import { focus_port, mark_changed, move_focus, write_summary, write_table } from "./table.js";
 
 const most_latest = 8;
@@ -13,6 +13,7 @@ const announce_pause_ms = 1000;
 const ports = new Map();
 let interval_s = 15;
 let read_at = performance.now(); /* when the ages in `ports` were right */
+let known_at = null; /* of which time `ports` are; null: of none */
 let chosen = null;
 const troubles = { stream: "", server: "" };
 
@@ -26,12 +27,13 @@ function write_trouble() {
   by_id("connection").dataset.tone = text ? "bad" : "good";
 }
 
-/* The text keeps the time at which the trouble began. */
-function set_trouble(source, text) {
+/* Says of which time the ports are that are still shown. */
+function set_trouble(source, text, known = known_at) {
+  const shown = known && ports.size ? ` The ports are shown as they were at ${time_text(known)}.` : "";
   if (!text)
     troubles[source] = "";
   else if (!troubles[source].startsWith(text))
-    troubles[source] = `${text} The ports are shown as they were at ${new Date().toLocaleTimeString()}.`;
+    troubles[source] = text + shown;
   write_trouble();
 }
 
@@ -41,7 +43,7 @@ function write_all() {
   if (ports.has(chosen))
     write_port(ports.get(chosen), age_of);
   else if (chosen !== null)
-    set_text(by_id("port-title"), `Port ${chosen} isn't followed`);
+    write_gone(chosen);
 }
 
 /* One drawing for all events of one batch. */
@@ -92,9 +94,9 @@ async function read_ports() {
 }
 
 /* An event may overtake an answer that was made before it: then the event's values are kept, or a
-   link would seem to change back. Both times are of the exporter's clock. */
-function newer_of(shown, answered, time) {
-  if (!shown?.event_time || shown.event_time <= time)
+   link would seem to change back. Ids give the order, as clocks may be set back. */
+function newer_of(shown, answered, id) {
+  if (!is_later(shown?.event_id, id))
     return answered;
   return { ...shown, reading_age_s: age_of(shown.reading_age_s), grade_age_s: age_of(shown.grade_age_s) };
 }
@@ -103,15 +105,20 @@ function take_ports(answer) {
   const before = new Map(ports);
   ports.clear();
   for (const port of answer.ports)
-    ports.set(port.port, newer_of(before.get(port.port), port, answer.time));
+    ports.set(port.port, newer_of(before.get(port.port), port, answer.id));
   read_at = performance.now();
+  known_at = answer.known;
   interval_s = answer.interval_s;
   set_text(by_id("version"), answer.version);
   set_trouble("server", answer.up ? "" : `tesk-server is away (${answer.trouble}).`);
   if (stream.readyState === EventSource.OPEN)
     set_trouble("stream", "");
   request_writing();
+  if (!ports.has(chosen))
+    return;
   load_plots();
+  if (!before.has(chosen))
+    load_history();
 }
 
 /* Data that an event doesn't carry, such as the values of another module, is read a little
@@ -126,15 +133,16 @@ function take_record(event) {
   const port = ports.get(event.port);
   if (!port)
     return;
-  const { time, change, ...record } = event;
-  port.event_time = time;
+  const { time, id, change, ...record } = event;
+  port.event_id = id;
   if (event.event === "sfp") {
     port.sfp = record;
     if (change !== "initial")
       port.pm = null;
   } else {
     port.status = record;
-    port.grade_age_s = -(performance.now() - read_at) / 1000; /* as of now */
+    if (change !== "initial")
+      port.grade_age_s = -(performance.now() - read_at) / 1000; /* as of now */
   }
   if (change === "initial")
     return;
@@ -152,7 +160,7 @@ function take_record(event) {
 function take_event(message) {
   const event = JSON.parse(message.data);
   if (event.event === "lost")
-    set_trouble("server", "tesk-server is away.");
+    set_trouble("server", "tesk-server is away.", event.time);
   if (event.event === "restored")
     set_trouble("server", "");
   if ("port" in event)
@@ -186,7 +194,7 @@ function choose_by_address() {
   chosen = number === undefined ? null : Number(number);
   if (chosen === before)
     return;
-  choose_port(chosen);
+  choose_port(chosen, ports.has(chosen));
   write_all();
   if (chosen !== null)
     by_id("port").focus({ preventScroll: innerWidth > 832 });

@@ -22,9 +22,16 @@ export const measurements = [
   { grade: "tec", name: "cooler" },
 ];
 
-export function has_module(port) {
-  return Boolean(port.sfp) && port.sfp.module !== "not present";
+/* "none", "not ready", "ready", or "unknown". */
+export function module_state(port) {
+  if (!port.sfp)
+    return "unknown";
+  if (["not present", "no module"].includes(port.sfp.module))
+    return "none";
+  return port.sfp.module.endsWith("not ready") ? "not ready" : "ready";
 }
+
+export const has_module = (port) => module_state(port) === "ready";
 
 /* A badge: {text, tone, sign}. */
 export function grade_badge(text) {
@@ -59,8 +66,6 @@ export function link_badge(port) {
     return { text: "up", tone: "good", sign: "●" };
   case "not operational":
     return { text: "down", tone: has_module(port) ? "bad" : "none", sign: "○" };
-  case "stopped":
-    return { text: "stopped", tone: "none", sign: "■" };
   default:
     return { text: "unknown", tone: "none", sign: "?" };
   }
@@ -70,20 +75,22 @@ export function is_unexpectedly_down(port) {
   return port.status?.link === "not operational" && has_module(port);
 }
 
-/* Smaller is worse: alarms, ports that are down though a module is there, warnings, the others,
-   stopped ports, empty ones. */
+/* Smaller is worse: alarms, modules that aren't ready and ports that are down though a module is
+   there, warnings, the others, empty ones. */
 export function rank(port) {
   const worst = worst_grade(port);
   const by_grade = worst ? grades[worst.text].rank : 5;
-  const by_link = is_unexpectedly_down(port) ? 1 : has_module(port) ? 4 : 6;
+  const is_bad = is_unexpectedly_down(port) || module_state(port) === "not ready";
+  const by_link = is_bad ? 1 : has_module(port) ? 4 : 6;
   return Math.min(by_grade, by_link);
 }
 
 export function module_text(port) {
-  if (!port.sfp)
-    return "not known yet";
-  if (!has_module(port))
-    return "no module";
+  switch (module_state(port)) {
+  case "unknown": return "not known yet";
+  case "none": return "no module";
+  case "not ready": return "module not ready";
+  }
   const names = [port.sfp.vendor.trim(), port.sfp.part.trim()].filter(Boolean);
   return names.join(" · ") || port.sfp.module;
 }
@@ -114,11 +121,20 @@ export function age_text(seconds) {
   return Math.floor(seconds / 86400) + " days";
 }
 
-/* With the date where it isn't today's. */
-export function time_text(iso) {
-  const time = new Date(iso);
+/* In 24 hours, as the plots have them. With the date where it isn't today's. */
+const clock = new Intl.DateTimeFormat(undefined, { timeStyle: "medium", hourCycle: "h23" });
+const calendar = new Intl.DateTimeFormat(undefined, { dateStyle: "short" });
+export function time_text(when) {
+  const time = new Date(when);
   const is_today = time.toDateString() === new Date().toDateString();
-  return is_today ? time.toLocaleTimeString() : time.toLocaleString();
+  return is_today ? clock.format(time) : `${calendar.format(time)} ${clock.format(time)}`;
+}
+
+/* Whether `id` is of a later event than `other`. Numbers of another run of tesk-exporter can't be
+   compared: its answers replace all that was before. */
+export function is_later(id, other) {
+  const [epoch, number] = (id ?? "").split("-"), [other_epoch, other_number] = (other ?? "").split("-");
+  return epoch === other_epoch && Number(number) > Number(other_number);
 }
 
 /* The event as a sentence of a list. */
@@ -128,7 +144,7 @@ export function event_text(event) {
   case "restored": return "tesk-server is back";
   case "missed": return "some changes were missed";
   case "sfp":
-    return event.change === "removed" ? "module removed"
+    return ["removed", "not ready"].includes(event.change) ? `module ${event.change}`
       : `module ${event.change}: ${module_text({ sfp: event })}`;
   }
   const worst = worst_grade({ sfp: { module: event.module }, status: event });

@@ -2,8 +2,8 @@
 /* The table of all ports. A row always belongs to the same port: only what changed is written, and
    a row that keeps its place isn't touched, so that focus and selection stay. */
 import { by_id, make, set_badge, set_text } from "./document.js";
-import { age_text, grade_badge, is_unexpectedly_down, link_badge, measurements, module_text, rank,
-         searched_text, time_text, value_text, worst_grade, worst_text } from "./ports.js";
+import { age_text, grade_badge, is_unexpectedly_down, link_badge, measurements, module_state,
+         module_text, rank, searched_text, time_text, value_text, worst_grade, worst_text } from "./ports.js";
 
 const body = by_id("ports").tBodies[0];
 const rows = new Map(); /* by number: {row, cells..} */
@@ -123,8 +123,8 @@ export function write_summary(ports) {
     ["down", "bad", is_unexpectedly_down],
     ["in alarm", "bad", (port) => rank(port) === 0],
     ["warning", "warn", (port) => worst_grade(port)?.text.endsWith("warning")],
-    ["stopped", "none", (port) => port.status?.link === "stopped"],
-    ["empty", "none", (port) => port.sfp?.module === "not present"],
+    ["not ready", "bad", (port) => module_state(port) === "not ready"],
+    ["empty", "none", (port) => module_state(port) === "none"],
   ];
   const list = by_id("summary");
   for (const [i, [name, tone, matches]] of counts.entries()) {

@@ -24,19 +24,30 @@ static json_object age_or_null(bool has, steady_time since, steady_time now)
     return std::round(std::chrono::duration<double>(now - since).count() * 10) / 10;
 }
 
-static json_object port_to_json(const port_state &port, steady_time now)
+static json_object time_or_null(uint64_t time_us)
 {
-    return {
-        {"port", port.number},
-        {"interface", port.interface.empty() ? json_object(nullptr) : json_object(port.interface)},
-        {"sfp", object_or_null(port.info)},
-        {"status", object_or_null(port.status)},
-        {"pm", object_or_null(port.reading)},
-        {"reading_age_s", age_or_null(port.reading.has_value(), port.read_at, now)},
-        {"grade_age_s", age_or_null(port.status.has_value(), port.graded_at, now)},
-        {"link_changes", port.link_changes},
-        {"last_change",
-         port.changed_us == 0 ? json_object(nullptr) : json_object(iso_time(port.changed_us))}};
+    return time_us == 0 ? json_object(nullptr) : json_object(iso_time(time_us));
+}
+
+static json_object text_or_null(const std::string &text)
+{
+    return text.empty() ? json_object(nullptr) : json_object(text);
+}
+
+/* Old values are shown with their age while the server is away, as the page says so. */
+static json_object port_to_json(const model &board, const port_state &port, steady_time now)
+{
+    const bool has_values = port.reading && (!board.is_up() || board.values_of(port, now));
+    return {{"port", port.number},
+            {"interface", text_or_null(port.interface)},
+            {"sfp", object_or_null(port.info)},
+            {"status", object_or_null(port.status)},
+            {"pm", has_values ? to_json(*port.reading) : json_object(nullptr)},
+            {"pm_trouble", text_or_null(port.unread)},
+            {"reading_age_s", age_or_null(port.reading.has_value(), port.read_at, now)},
+            {"grade_age_s", age_or_null(port.status.has_value(), port.graded_at, now)},
+            {"link_changes", port.link_changes},
+            {"last_change", time_or_null(port.changed_us)}};
 }
 
 /* An object whose last key is a list that is still open. */
@@ -47,17 +58,20 @@ static std::string open_list(const json_object &head, const char *key)
     return text + ",\"" + key + "\":[";
 }
 
-std::string ports_json(const model &board, std::chrono::milliseconds interval, const moment &now)
+std::string ports_json(const model &board, const event_ring &events,
+                       std::chrono::milliseconds interval, const moment &now)
 {
     std::string text = open_list({{"time", iso_time(now.wall_us)},
+                                  {"id", events.id(events.next() - 1)},
                                   {"version", TESK_VERSION},
                                   {"up", board.is_up()},
                                   {"trouble", board.trouble()},
+                                  {"known", time_or_null(board.known_us(now))},
                                   {"interval_s", std::chrono::duration<double>(interval).count()}},
                                  "ports");
     const char *separator = "";
     for (const auto &[number, port] : board.ports()) {
-        text.append(separator).append(port_to_json(port, now.steady).dump());
+        text.append(separator).append(port_to_json(board, port, now.steady).dump());
         separator = ",";
     }
     return text + "]}\n";
@@ -116,7 +130,7 @@ std::string events_json(const event_ring &events, uint32_t port_no)
     for (uint64_t number = events.first(); number < events.next(); number++) {
         if (port_of(events.at(number)) != port_no)
             continue;
-        text.append(separator).append(to_json_line(events.at(number)));
+        text.append(separator).append(events.line(number));
         separator = ",";
     }
     return text + "]}\n";

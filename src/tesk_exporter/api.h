@@ -2,18 +2,22 @@
 /* api - the JSON that the page requests. Objects of ports have teskctl --json's keys. No state.
 
    GET /api/ports
-     {"time": "2026-03-01T14:02:11.123456+01:00",   now
+     {"time": "2026-03-01T13:02:11.123456Z",   now; all times are in UTC
+      "id": "5f0c1-120",             of the last event before this answer, see /events
       "version": "1.0.0",
       "up": true,                    tesk-server is connected and answers in time
       "trouble": "",                 what is wrong; without "up" the ports are as last known
+      "known": "2026-..",            when that was: now with "up"; null where it never was
       "interval_s": 15,              between two reads of the measured values
       "ports": [                     in ascending order
         {"port": 3,
          "interface": "eth3",        null where no name is known
          "sfp": {..} or null,        teskctl's object "sfp", without "time"
          "status": {..} or null,     teskctl's object "status": link, levels (the grades)
-         "pm": {..} or null,         teskctl's object "pm": the measured values
-         "reading_age_s": 3.2,       age of pm; null without it
+         "pm": {..} or null,         teskctl's object "pm": the measured values; null where they
+                                     are too old to be those of now
+         "pm_trouble": ".." or null, why the last read of them failed
+         "reading_age_s": 3.2,       age of the last values; null without any
          "grade_age_s": 120.5,       age of the levels in status; null without it
          "link_changes": 4,          seen since the exporter runs
          "last_change": "2026-.."}   null where nothing has changed since
@@ -33,11 +37,14 @@
 
    GET /events (see event_stream.h) sends one object a message, in the message's data, with ids:
      {"time", "event": "sfp" | "status", .. teskctl's keys .., "change": ..}
-        change of sfp: "initial", "inserted", "removed", "replaced"
-        change of status: "initial", "up", "down", "stopped", "grades" (the link is as before)
+        change of sfp: "initial", "inserted", "removed", "replaced", "not ready"
+        change of status: "initial", "up", "down", "grades" (the link is as before)
      {"time", "event": "lost"}       tesk-server went away
      {"time", "event": "restored"}   and is back; initial states of its ports follow
      {"time", "event": "missed"}     events are missing here; initial states of all ports follow
+     Each object has an "id", EPOCH-NUMBER: its own, or that of the last event that its state
+     includes. Numbers of one epoch, which is one run of the exporter, rise by one for each event;
+     times need not rise.
 
    Errors are text: 400 for a wrong argument, 404 for a port that isn't there. */
 #pragma once
@@ -51,7 +58,8 @@ namespace exporter
 {
 
 /* The bodies of /api/ports, /api/plot and /api/events. */
-std::string ports_json(const model &board, std::chrono::milliseconds interval, const moment &now);
+std::string ports_json(const model &board, const event_ring &events,
+                       std::chrono::milliseconds interval, const moment &now);
 std::string plot_json(const port_state &port, bool is_day, const moment &now);
 std::string events_json(const event_ring &events, uint32_t port_no);
 

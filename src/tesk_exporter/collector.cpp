@@ -5,12 +5,17 @@
    At most `reads_at_once` reads are under way, fewer than the session's window, and none while
    subscriptions are: a read then never waits in the session, and its latency is that of the server.
    A port is read once more right after an indication of its status, so that its grades have values
-   to compare with. */
+   to compare with.
+
+   Nothing that fails once stays: a subscription or its end without a confirmation is made again, a
+   read that isn't answered takes its values back, and a port map that can't be read changes
+   nothing. */
 #include "tesk_exporter/collector.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <span>
 #include <utility>
 
 namespace exporter
@@ -23,9 +28,29 @@ static constexpr uint32_t deadline_ms = 2000;
 static constexpr milliseconds first_pause{100};
 static constexpr milliseconds longest_pause{2000};
 static constexpr uint32_t probed_ports = 128; /* without --ports and port map */
-/* The rounds after which a port of the command line that was refused is subscribed to again: the
-   server writes a trace for each refusal. */
+/* The most rounds after which a subscription that failed is made again, and after which an empty
+   port is read. */
 static constexpr uint64_t rounds_between_tries = 20;
+static constexpr uint64_t probing_factor = 12; /* for a port that was only tried */
+/* The longest time that passes between two requests that ask nothing of the board. */
+static constexpr std::chrono::seconds look_pause{10};
+
+namespace
+{
+struct subscription_requests {
+    tesk_client_kind kind;
+    tesk_client_request_type begin;
+    tesk_client_request_type end;
+};
+} // namespace
+
+/* By their kind. */
+static constexpr subscription_requests subscription_rows[] = {
+    {TESK_CLIENT_SFP_INFO, TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO,
+     TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO},
+    {TESK_CLIENT_PORT_STATUS, TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
+     TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS},
+};
 
 static milliseconds until(steady_time end)
 {
@@ -38,46 +63,56 @@ collector::collector(collector_settings given, fact_queue &facts)
     thread_.start([this] { run(); });
 }
 
-/* The names of the port map; none where there is no usable one. */
-std::map<uint32_t, std::string> collector::interface_names(bool &has_map)
+/* A port map that can't be read leaves the names of the last one: the ports are still there. */
+void collector::read_names()
 {
     std::map<uint32_t, std::string> names;
     const auto each = [](uint32_t port_no, const char *name, void *user) {
         static_cast<std::map<uint32_t, std::string> *>(user)->emplace(port_no, name);
     };
     const tesk_client_result result = tesk_client_read_port_map(nullptr, each, &names);
-    has_map = result == TESK_CLIENT_OK;
-    const std::string error =
-        has_map || result == TESK_CLIENT_NO_PORT_MAP ? "" : tesk_client_error();
+    const bool is_known = result == TESK_CLIENT_OK || result == TESK_CLIENT_NO_PORT_MAP;
+    const std::string error = is_known ? "" : tesk_client_error();
     if (!error.empty() && error != map_error_)
         std::fprintf(stderr, "tesk-exporter: port map: %s\n", error.c_str());
     map_error_ = error;
-    return names;
+    if (!is_known)
+        return;
+    has_map_ = result == TESK_CLIENT_OK;
+    names_ = std::move(names);
 }
 
 collector::port_map collector::wanted_ports()
 {
-    bool has_map = false;
-    const auto names = interface_names(has_map);
+    read_names();
     port_map wanted;
-    is_probing_ = !settings_.ports && !has_map;
+    is_probing_ = !settings_.ports && !has_map_;
     if (settings_.ports)
         for (const uint32_t port_no : *settings_.ports)
             wanted[port_no];
-    else if (has_map)
-        for (const auto &[port_no, name] : names)
+    else if (has_map_)
+        for (const auto &[port_no, name] : names_)
             wanted[port_no];
     else
         for (uint32_t port_no = 0; port_no < probed_ports; port_no++)
             wanted[port_no];
     for (auto &[port_no, port] : wanted)
-        if (const auto name = names.find(port_no); name != names.end())
+        if (const auto name = names_.find(port_no); name != names_.end())
             port.interface = name->second;
     return wanted;
 }
 
-/* Every request but a read counts as a subscription, also one that ends it. */
-void collector::request(tesk_client_request_type type, uint32_t port_no)
+/* The requests of a type's group that are under way. One that ends a subscription counts as a
+   subscription. */
+size_t &collector::under_way(tesk_client_request_type type)
+{
+    if (type == TESK_CLIENT_REQUEST_PM)
+        return reads_;
+    return type == TESK_CLIENT_REQUEST_HISTORY_SFP_INFO ? looks_ : subscriptions_;
+}
+
+/* False where the request can't be made: nothing follows then. */
+bool collector::request(tesk_client_request_type type, uint32_t port_no)
 {
     auto owned = std::make_unique<sent_request>(sent_request{*this, port_no, steady_clock::now()});
     const auto called = [](const tesk_client_answer *answer, void *user) {
@@ -85,29 +120,24 @@ void collector::request(tesk_client_request_type type, uint32_t port_no)
         made->self.answered(*answer, *made);
     };
     if (tesk_client_request(session_, type, port_no, called, owned.get()) != TESK_CLIENT_OK)
-        return;                         /* the session has ended */
+        return false;
     static_cast<void>(owned.release()); /* owned by the callback now */
-    (type == TESK_CLIENT_REQUEST_PM ? reads_ : subscriptions_)++;
+    under_way(type)++;
+    return true;
 }
 
 /* The module first, so that it is known before the status that belongs to it. */
-void collector::subscribe(uint32_t port_no)
+void collector::subscribe(uint32_t port_no, followed &port)
 {
-    request(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, port_no);
-    request(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, port_no);
+    for (const subscription_requests &row : subscription_rows)
+        port.subscriptions[row.kind] = request(row.begin, port_no) ? held::requested : held::failed;
 }
 
 void collector::unsubscribe(uint32_t port_no)
 {
-    request(TESK_CLIENT_REQUEST_UNSUBSCRIBE_PORT_STATUS, port_no);
-    request(TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO, port_no);
-}
-
-/* An unanswered subscribe may have reached the server, which would refuse a second one. */
-void collector::resubscribe(uint32_t port_no)
-{
-    unsubscribe(port_no);
-    subscribe(port_no);
+    for (const subscription_requests &row : subscription_rows)
+        if (!request(row.end, port_no))
+            leaving_.insert({row.kind, port_no});
 }
 
 /* Brings the subscriptions to what is wanted now, and reports the ports where that changes
@@ -131,31 +161,52 @@ void collector::update_ports()
     facts_.post(std::move(reported)); /* before the indications of the new ones */
     const port_map former = std::exchange(ports_, std::move(wanted));
     for (const auto &[port_no, port] : former)
-        if (!ports_.contains(port_no) && !port.is_absent)
+        if (!ports_.contains(port_no) && !port.is_absent())
             unsubscribe(port_no);
-    for (const auto &[port_no, port] : ports_)
+    for (auto &[port_no, port] : ports_)
         if (!former.contains(port_no))
-            subscribe(port_no);
+            subscribe(port_no, port);
 }
 
-void collector::renew_subscription(uint32_t port_no, followed &port)
+/* Makes anew what wasn't confirmed. The request may have reached the server, which then refuses a
+   second one: the subscription is ended before. A port that doesn't exist is tried rarely, as the
+   server writes a trace for each refusal. */
+void collector::renew_subscriptions(uint32_t port_no, followed &port)
 {
-    const bool is_tried_again =
-        port.is_absent && !is_probing_ && rounds_ % rounds_between_tries == 0;
-    if (!port.is_unsure && !is_tried_again)
+    if (rounds_ < port.next_try)
         return;
-    port.is_unsure = port.is_absent = false;
-    resubscribe(port_no);
+    for (const subscription_requests &row : subscription_rows) {
+        held &state = port.subscriptions[row.kind];
+        if (state == held::requested || state == held::confirmed)
+            continue;
+        const bool is_sent = request(row.end, port_no) && request(row.begin, port_no);
+        state = is_sent ? held::requested : held::failed;
+        port.next_try = rounds_ + port.pause;
+        port.pause = std::min(2 * port.pause, rounds_between_tries);
+    }
+}
+
+void collector::unsubscribe_again()
+{
+    for (const auto &[kind, port_no] : std::exchange(leaving_, {}))
+        if (!ports_.contains(port_no) && !request(subscription_rows[kind].end, port_no))
+            leaving_.insert({kind, port_no});
 }
 
 void collector::begin_round()
 {
     is_in_round_ = true;
     rounds_++;
-    to_read_.clear(); /* left of a round slower than the interval */
+    unsubscribe_again();
+    /* A round that is slower than the interval is finished first, or its last ports would never be
+       read. */
+    const bool is_new = to_read_.empty();
     for (auto &[port_no, port] : ports_) {
-        to_read_.push_back(port_no);
-        renew_subscription(port_no, port);
+        /* A module that isn't ready is reported as none, but may have values. A board may take long
+           to find that a port is empty, so these are read rarely. */
+        if (is_new && (!port.is_empty || rounds_ % rounds_between_tries == 0))
+            to_read_.push_back(port_no);
+        renew_subscriptions(port_no, port);
     }
     read_next();
 }
@@ -166,35 +217,94 @@ void collector::read_next()
         const uint32_t port_no = to_read_.front();
         to_read_.pop_front();
         const auto port = ports_.find(port_no);
-        if (port == ports_.end() || port->second.is_reading || port->second.is_absent ||
-            port->second.is_empty)
+        if (port == ports_.end() || port->second.is_reading || port->second.is_absent())
             continue;
-        port->second.is_reading = true;
-        request(TESK_CLIENT_REQUEST_PM, port_no);
+        port->second.is_reading = request(TESK_CLIENT_REQUEST_PM, port_no);
     }
-    if (subscriptions_ == 0 && reads_ == 0 && std::exchange(is_in_round_, false))
+    if (subscriptions_ == 0 && reads_ == 0 && to_read_.empty() &&
+        std::exchange(is_in_round_, false))
         facts_.post(round_fact{});
 }
 
-void collector::subscription_answered(const tesk_client_answer &answer, followed &port)
+void collector::subscribe_answered(const tesk_client_answer &answer, followed &port)
 {
-    const bool subscribes = answer.request == TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO ||
-                            answer.request == TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS;
-    if (subscribes && answer.result == TESK_CLIENT_TIMEOUT)
-        port.is_unsure = true;
-    if (subscribes && answer.result == TESK_CLIENT_REJECTED && !std::exchange(port.is_absent, true))
-        facts_.post(gone_fact{answer.port_no});
+    const bool is_module = answer.request == TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO;
+    held &state = port.subscriptions[is_module ? TESK_CLIENT_SFP_INFO : TESK_CLIENT_PORT_STATUS];
+    const bool was_absent = port.is_absent();
+    if (answer.result == TESK_CLIENT_OK)
+        state = held::confirmed;
+    else
+        state = answer.rejection == TESK_CLIENT_REJECTION_NO_PORT ? held::no_port : held::failed;
+    if (state == held::confirmed)
+        port.pause = 1;
+    if (was_absent || !port.is_absent())
+        return;
+    facts_.post(gone_fact{answer.port_no});
+    port.pause = rounds_between_tries * (is_probing_ ? probing_factor : 1);
+    port.next_try = rounds_ + port.pause;
 }
 
-void collector::read_answered(const tesk_client_answer &answer, const sent_request &sent)
+void collector::subscription_answered(const tesk_client_answer &answer)
 {
-    facts_.post(request_fact{answer.result, steady_clock::now() - sent.start});
     const auto port = ports_.find(answer.port_no);
+    for (const subscription_requests &row : subscription_rows) {
+        if (answer.request == row.begin && port != ports_.end())
+            subscribe_answered(answer, port->second);
+        /* Else the server may still send indications. */
+        const bool is_over = answer.result == TESK_CLIENT_OK ||
+                             answer.rejection == TESK_CLIENT_REJECTION_NOT_SUBSCRIBED ||
+                             answer.rejection == TESK_CLIENT_REJECTION_NO_PORT;
+        if (answer.request == row.end && port == ports_.end() && !is_over)
+            leaving_.insert({row.kind, answer.port_no});
+    }
+}
+
+void collector::read_answered(const tesk_client_answer &answer, std::chrono::nanoseconds latency)
+{
+    const auto port = ports_.find(answer.port_no);
+    const bool is_empty = port != ports_.end() && port->second.is_empty &&
+                          answer.rejection == TESK_CLIENT_REJECTION_NO_MODULE;
+    const bool is_failure = answer.result != TESK_CLIENT_OK && !is_empty;
+    facts_.post(request_fact{answer.result, latency, true, is_failure});
     if (port == ports_.end())
         return;
     port->second.is_reading = false;
     if (answer.pm != nullptr)
         facts_.post(reading_fact{*answer.pm});
+    else if (answer.result != TESK_CLIENT_LOST)
+        facts_.post(
+            unread_fact{answer.port_no, answer.result == TESK_CLIENT_REJECTED, answer.text});
+}
+
+/* Asks for the history of presence, which the server has in its memory: the answer proves that it
+   works without any request to the board, and tells of modules that aren't ready, of which no
+   indication comes. */
+void collector::look()
+{
+    if (looks_ == 0)
+        is_look_due_ = !request(TESK_CLIENT_REQUEST_HISTORY_SFP_INFO, 0);
+}
+
+static bool is_same(const tesk_client_history_record &one, const tesk_client_history_record &other)
+{
+    return one.time_us == other.time_us && one.port_no == other.port_no &&
+           one.presence == other.presence;
+}
+
+/* The records of the first answer are older than the subscriptions: what has changed since nobody
+   has recorded. */
+void collector::history_answered(const tesk_client_answer &answer)
+{
+    if (answer.result != TESK_CLIENT_OK)
+        return;
+    const std::span records(answer.history, answer.count);
+    auto next = records.begin();
+    for (auto record = records.begin(); record != records.end(); ++record)
+        if (newest_record_ && is_same(*newest_record_, *record))
+            next = record + 1;
+    for (; newest_record_ && next != records.end(); ++next)
+        facts_.post(presence_fact{next->port_no, next->presence});
+    newest_record_ = records.empty() ? tesk_client_history_record{} : records.back();
 }
 
 void collector::read_at_once(uint32_t port_no)
@@ -210,19 +320,25 @@ void collector::take(const tesk_client_sfp_info &info)
     if (port == ports_.end())
         return;
     port->second.is_empty = info.type == TESK_CLIENT_SFP_NOT_PRESENT;
+    is_look_due_ = true;
     read_at_once(info.port_no);
 }
 
 void collector::answered(const tesk_client_answer &answer, const sent_request &sent)
 {
-    const bool is_read = answer.request == TESK_CLIENT_REQUEST_PM;
-    (is_read ? reads_ : subscriptions_)--;
+    const auto latency = steady_clock::now() - sent.start;
+    under_way(answer.request)--;
     if (answer.result == TESK_CLIENT_CANCELLED)
         return; /* the session is being closed */
-    if (is_read)
-        read_answered(answer, sent);
-    else if (const auto port = ports_.find(answer.port_no); port != ports_.end())
-        subscription_answered(answer, port->second);
+    if (answer.request == TESK_CLIENT_REQUEST_PM) {
+        read_answered(answer, latency);
+    } else {
+        facts_.post(request_fact{answer.result, latency, false, false});
+        if (answer.request == TESK_CLIENT_REQUEST_HISTORY_SFP_INFO)
+            history_answered(answer);
+        else
+            subscription_answered(answer);
+    }
     read_next();
 }
 
@@ -249,14 +365,19 @@ bool collector::connect()
 void collector::follow()
 {
     facts_.post(connection_fact{true, ""});
-    steady_time next_round = steady_clock::now();
+    steady_time next_round = steady_clock::now(), next_look = next_round;
     while (!thread_.must_stop()) {
-        if (steady_clock::now() >= next_round) {
+        const steady_time now = steady_clock::now();
+        if (now >= next_look || is_look_due_) {
+            look(); /* the first one comes before all subscriptions */
+            next_look = now + std::min<steady_clock::duration>(settings_.interval, look_pause);
+        }
+        if (now >= next_round) {
             update_ports();
             begin_round();
             next_round = std::max(next_round + settings_.interval, steady_clock::now());
         }
-        thread_.wait(tesk_client_fd(session_), until(next_round));
+        thread_.wait(tesk_client_fd(session_), until(std::min(next_round, next_look)));
         if (tesk_client_dispatch(session_) != TESK_CLIENT_OK) {
             facts_.post(connection_fact{false, tesk_client_error()});
             return;
@@ -273,7 +394,9 @@ void collector::run()
             follow();
             ports_.clear();
             to_read_.clear();
-            is_in_round_ = false;
+            leaving_.clear();
+            newest_record_.reset();
+            is_in_round_ = is_look_due_ = false;
             rounds_ = 0;
             tesk_client_close(std::exchange(session_, nullptr));
         }

@@ -7,9 +7,11 @@
 #include "tesk_exporter/facts.h"
 #include "tesk_exporter/worker.h"
 
+#include <array>
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 
 namespace exporter
 {
@@ -33,12 +35,21 @@ class collector
     }
 
   private:
+    /* The state of one subscription. Only a confirmation proves that indications come. */
+    enum class held { requested, confirmed, failed, no_port };
+    using subscription_kind = std::pair<tesk_client_kind, uint32_t>; /* and the port */
     struct followed {
         std::string interface;
-        bool is_reading = false; /* a request for its values is under way */
-        bool is_empty = false;   /* without a module, and so without values to read */
-        bool is_absent = false;  /* the server refused to subscribe to it */
-        bool is_unsure = false;  /* a subscription was not answered in time */
+        bool is_reading = false;             /* a request for its values is under way */
+        bool is_empty = false;               /* the server has reported no module */
+        std::array<held, 2> subscriptions{}; /* by tesk_client_kind */
+        uint64_t next_try = 0; /* the round in which failed subscriptions are made anew */
+        uint64_t pause = 1;    /* rounds to the try after that one */
+
+        bool is_absent() const
+        {
+            return subscriptions[0] == held::no_port && subscriptions[1] == held::no_port;
+        }
     };
     /* A request under way; the callback owns it. */
     struct sent_request {
@@ -52,20 +63,24 @@ class collector
     bool connect();
     void follow();
     port_map wanted_ports();
-    std::map<uint32_t, std::string> interface_names(bool &has_map);
+    void read_names();
     void take(const tesk_client_sfp_info &info);
     void read_at_once(uint32_t port_no);
-    void renew_subscription(uint32_t port_no, followed &port);
+    void renew_subscriptions(uint32_t port_no, followed &port);
     void update_ports();
-    void subscribe(uint32_t port_no);
+    void subscribe(uint32_t port_no, followed &port);
     void unsubscribe(uint32_t port_no);
-    void resubscribe(uint32_t port_no);
-    void request(tesk_client_request_type type, uint32_t port_no);
+    void unsubscribe_again();
+    bool request(tesk_client_request_type type, uint32_t port_no);
+    size_t &under_way(tesk_client_request_type type);
+    void look();
     void begin_round();
     void read_next();
     void answered(const tesk_client_answer &answer, const sent_request &sent);
-    void subscription_answered(const tesk_client_answer &answer, followed &port);
-    void read_answered(const tesk_client_answer &answer, const sent_request &sent);
+    void subscription_answered(const tesk_client_answer &answer);
+    void subscribe_answered(const tesk_client_answer &answer, followed &port);
+    void read_answered(const tesk_client_answer &answer, std::chrono::nanoseconds latency);
+    void history_answered(const tesk_client_answer &answer);
 
     const collector_settings settings_;
     fact_queue &facts_;
@@ -74,11 +89,19 @@ class collector
     std::deque<uint32_t> to_read_;
     size_t reads_ = 0;         /* under way */
     size_t subscriptions_ = 0; /* requests for them under way */
+    size_t looks_ = 0;         /* requests for the history of presence under way */
+    bool is_look_due_ = false; /* a module has changed since the last look */
+    /* The newest record of the history that was seen, an empty one where there was none; nothing
+       before the first answer. */
+    std::optional<tesk_client_history_record> newest_record_;
+    std::set<subscription_kind> leaving_; /* unsubscriptions that were not answered */
     bool is_in_round_ = false;
-    uint64_t rounds_ = 0;     /* of this connection */
-    bool is_probing_ = false; /* there are no --ports and no port map */
-    std::string map_error_;   /* the last one, which is written once */
-    worker thread_;           /* the last: it uses all the others */
+    uint64_t rounds_ = 0;                   /* of this connection */
+    bool is_probing_ = false;               /* there are no --ports and no port map */
+    std::map<uint32_t, std::string> names_; /* of the last port map that could be read */
+    bool has_map_ = false;
+    std::string map_error_; /* the last one, which is written once */
+    worker thread_;         /* the last: it uses all the others */
 };
 
 } // namespace exporter

@@ -14,7 +14,6 @@ void connection_table::end(connection &peer)
 {
     leave_place(peer, peer.since);
     peer.is_ended = true;
-    ended_++;
     shutdown(peer.fd, SHUT_RDWR);
 }
 
@@ -29,6 +28,7 @@ bool connection_table::end_oldest(place held)
     if (oldest == nullptr)
         return false;
     end(*oldest);
+    ended_++;
     return true;
 }
 
@@ -64,6 +64,7 @@ void connection_table::leave_place(connection &peer, steady_time now)
 {
     if (peer.held != place::none)
         taken_[static_cast<size_t>(peer.held)]--;
+    peer.was_answered |= peer.held != place::none;
     peer.held = place::none;
     peer.is_waiting = false;
     peer.since = now;
@@ -71,9 +72,14 @@ void connection_table::leave_place(connection &peer, steady_time now)
 
 void connection_table::end_overdue(steady_time now)
 {
-    for (connection &open : connections_)
-        if (!open.is_ended && !open.is_waiting && now - open.since >= patience)
-            end(open);
+    for (connection &open : connections_) {
+        const bool is_idle = open.was_answered && open.held == place::none;
+        if (open.is_ended || open.is_waiting ||
+            now - open.since < (is_idle ? idle_patience : patience))
+            continue;
+        end(open);
+        ended_ += !is_idle;
+    }
 }
 
 } // namespace exporter

@@ -25,12 +25,16 @@ inline constexpr unsigned most_connections = 256;
 inline constexpr size_t crowded_connections = 192; /* above it the oldest idle one is ended */
 /* The time limit for receiving a request, for sending an answer, and for progress of a stream. */
 inline constexpr std::chrono::seconds patience{30};
+/* The time limit between two requests, above that of Prometheus for a connection that it keeps: a
+   shorter one could end the connection at the moment of a scrape. */
+inline constexpr std::chrono::seconds idle_patience{360};
 
 struct connection {
     int fd;
     steady_time since; /* start of its request, answer or idle time */
     place held = place::none;
-    bool is_waiting = false; /* a stream with nothing left to write */
+    bool is_waiting = false;   /* a stream with nothing left to write */
+    bool was_answered = false; /* at least once */
     bool is_ended = false;
 };
 
@@ -60,6 +64,7 @@ class connection_table
     {
         return taken_[static_cast<size_t>(kind)];
     }
+    /* The connections that were ended but for those whose idle time was over. */
     uint64_t ended() const
     {
         return ended_;

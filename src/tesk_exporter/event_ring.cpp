@@ -12,8 +12,8 @@ namespace exporter
 const char *change_text(change kind)
 {
     /* In the order of the enumeration. */
-    static constexpr const char *texts[] = {"initial", "inserted", "removed", "replaced",
-                                            "up",      "down",     "stopped", "grades"};
+    static constexpr const char *texts[] = {"initial",   "inserted", "removed", "replaced",
+                                            "not ready", "up",       "down",    "grades"};
     return texts[static_cast<size_t>(kind)];
 }
 
@@ -36,9 +36,11 @@ static json_object record_to_json(const event &happened)
     return {{"event", connected ? "restored" : "lost"}};
 }
 
-std::string to_json_line(const event &happened)
+std::string to_json_line(const event &happened, const std::string &id)
 {
     json_object line = {{"time", iso_time(happened.time_us)}};
+    if (!id.empty())
+        line["id"] = id;
     line.update(record_to_json(happened));
     if (port_of(happened))
         line["change"] = change_text(happened.kind);

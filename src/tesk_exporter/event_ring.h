@@ -20,10 +20,10 @@ enum class change {
     initial,  /* the state found after connecting, of unknown age */
     inserted, /* a module */
     removed,
-    replaced, /* another module, or the same one read again with other texts */
-    up,       /* a link */
+    replaced,  /* another module, or the same one read again with other texts */
+    not_ready, /* a module is there, and its memory can't be read */
+    up,        /* a link */
     down,
-    stopped,
     grades, /* grades or the environment; the link is as before */
 };
 
@@ -46,8 +46,9 @@ struct event {
 /* The port of an event; nothing where it is the server's. */
 std::optional<uint32_t> port_of(const event &happened);
 
-/* A line as teskctl --json writes it, with the key "change" at its end where there is a port. */
-std::string to_json_line(const event &happened);
+/* A line as teskctl --json writes it, with the key "id" behind the time, unless it is empty, and
+   the key "change" at its end where there is a port. */
+std::string to_json_line(const event &happened, const std::string &id = "");
 
 class event_ring
 {
@@ -78,6 +79,11 @@ class event_ring
 
     /* "EPOCH-NUMBER", the id of an event. */
     std::string id(uint64_t number) const;
+    /* The event's line with its id. */
+    std::string line(uint64_t number) const
+    {
+        return to_json_line(at(number), id(number));
+    }
     /* The number after the event that an id names, at which a reader continues. Nothing where the
        id is of another epoch, is malformed, or its successors are not kept any more. */
     std::optional<uint64_t> after(std::string_view id) const;

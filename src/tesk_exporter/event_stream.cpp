@@ -28,7 +28,7 @@ event_stream::event_stream(const event_ring &events, const model &board, std::st
     }
     begin_state();
     if (!last_id.empty())
-        text_ += data(json_object{{"time", iso_time(now_us())}, {"event", "missed"}}.dump());
+        text_ += missed();
 }
 
 /* Events that come while the state is being written follow it. */
@@ -38,17 +38,34 @@ void event_stream::begin_state()
     at_port_ = 0;
 }
 
+std::string event_stream::missed() const
+{
+    const json_object line = {
+        {"time", iso_time(now_us())}, {"id", events_.id(next_ - 1)}, {"event", "missed"}};
+    return data(line.dump());
+}
+
 std::string event_stream::event_text(const event &happened) const
 {
-    return "id: " + events_.id(happened.number) + "\n" + data(to_json_line(happened));
+    return "id: " + events_.id(happened.number) + "\n" + data(events_.line(happened.number));
+}
+
+/* A state as it was at that time. */
+template <typename record_type>
+std::string event_stream::state_text(uint64_t time_us, const record_type &record) const
+{
+    const event state{0, time_us, change::initial, record, ""};
+    return data(to_json_line(state, events_.id(next_ - 1)));
 }
 
 std::string event_stream::next_of_state()
 {
     const auto port = model_.ports().lower_bound(*at_port_);
     std::string text;
-    if (*at_port_ == 0 && !model_.is_connected())
-        text = data(to_json_line({0, now_us(), change::initial, server_change{false}, ""}));
+    const uint64_t known_us = model_.known_us({steady_clock::now(), now_us()});
+    /* Without a server from the start none went away. */
+    if (*at_port_ == 0 && !model_.is_connected() && known_us != 0)
+        text = state_text(known_us, server_change{false});
     if (port == model_.ports().end()) {
         at_port_.reset();
         return text + "id: " + events_.id(next_ - 1) + "\n\n";
@@ -56,9 +73,9 @@ std::string event_stream::next_of_state()
     const port_state &state = port->second;
     at_port_ = state.number + 1;
     if (state.info)
-        text += data(to_json_line({0, now_us(), change::initial, *state.info, ""}));
+        text += state_text(known_us, *state.info);
     if (state.status)
-        text += data(to_json_line({0, now_us(), change::initial, *state.status, ""}));
+        text += state_text(known_us, *state.status);
     return text;
 }
 
@@ -69,7 +86,7 @@ std::string event_stream::next_text()
             return text;
     if (next_ < events_.first()) {
         begin_state();
-        return data(json_object{{"time", iso_time(now_us())}, {"event", "missed"}}.dump());
+        return missed();
     }
     if (next_ < events_.next())
         return event_text(events_.at(next_++));

@@ -36,6 +36,9 @@ class event_stream
     std::string next_text();
     std::string next_of_state();
     std::string event_text(const event &happened) const;
+    template <typename record_type>
+    std::string state_text(uint64_t time_us, const record_type &record) const;
+    std::string missed() const;
     void begin_state();
 
     const event_ring &events_;

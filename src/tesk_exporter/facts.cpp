@@ -4,6 +4,7 @@
 #include "tesk_exporter/facts.h"
 
 #include <cerrno>
+#include <ctime>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
@@ -11,6 +12,13 @@
 
 namespace exporter
 {
+
+steady_time steady_clock::now() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return time_point(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+}
 
 static int new_eventfd()
 {

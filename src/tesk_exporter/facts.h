@@ -16,7 +16,16 @@
 namespace exporter
 {
 
-using steady_clock = std::chrono::steady_clock;
+/* Goes on while the machine is suspended, unlike the clock of the standard library: a value that
+   was read before a suspend is as old as it is. */
+struct steady_clock {
+    using duration = std::chrono::nanoseconds;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::time_point<steady_clock>;
+    static constexpr bool is_steady = true;
+    static time_point now() noexcept;
+};
 using steady_time = steady_clock::time_point;
 
 /* The ports that are followed from now on, in ascending order. Ports that are missing are gone. */
@@ -39,6 +48,20 @@ struct reading_fact {
     tesk_client_pm pm;
 };
 
+/* The values of a port could not be read. */
+struct unread_fact {
+    uint32_t port_no;
+    bool is_refused;  /* by the server: there are no values now */
+    std::string text; /* the reason */
+};
+
+/* A change of a module's presence, from the server's history: it has those that cause no
+   indication. */
+struct presence_fact {
+    uint32_t port_no;
+    uint32_t presence; /* tesk_client_presence */
+};
+
 /* The grades of a port that the refresher has requested anew. */
 struct grades_fact {
     uint32_t port_no;
@@ -50,6 +73,8 @@ struct grades_fact {
 struct request_fact {
     tesk_client_result result;
     std::chrono::nanoseconds latency;
+    bool is_read = true;     /* of measured values */
+    bool is_failure = false; /* of a read */
 };
 
 /* A port turned out not to exist. */
@@ -61,9 +86,9 @@ struct gone_fact {
 struct round_fact {
 };
 
-using fact =
-    std::variant<ports_fact, connection_fact, tesk_client_sfp_info, tesk_client_port_status,
-                 reading_fact, grades_fact, request_fact, gone_fact, round_fact>;
+using fact = std::variant<ports_fact, connection_fact, tesk_client_sfp_info,
+                          tesk_client_port_status, reading_fact, unread_fact, presence_fact,
+                          grades_fact, request_fact, gone_fact, round_fact>;
 
 /* A bounded queue. The descriptor is readable while it holds something. */
 class fact_queue

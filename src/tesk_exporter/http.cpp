@@ -337,8 +337,9 @@ MHD_Result http_server::send_metrics(const http_request &request)
 
 MHD_Result http_server::send_ports(const http_request &request)
 {
-    return send_shared(request, bodies_[2], "application/json",
-                       [&] { return ports_json(model_, settings_.interval, request.now); });
+    return send_shared(request, bodies_[2], "application/json", [&] {
+        return ports_json(model_, events_, settings_.interval, request.now);
+    });
 }
 
 /* The port that the argument names; null with the status for the refusal. */

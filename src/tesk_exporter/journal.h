@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* journal - writes events to the journal as structured records. A write blocks while the journal's
    socket is full, so a separate thread writes; a record for which there is no room in the queue is
-   dropped and counted. */
+   dropped and counted. The destructor interrupts a write that blocks, and drops what is left. */
 #pragma once
 
 #include "tesk_exporter/event_ring.h"

@@ -1,10 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tesk_exporter/listener.h"
 
+#include "util/descriptor.h"
+
+#include <arpa/inet.h>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -38,6 +43,48 @@ static int listening(int fd, const sockaddr *address, socklen_t size, const std:
                                     : std::generic_category().message(error));
 }
 
+static bool is_wildcard(const sockaddr_storage &address)
+{
+    if (address.ss_family == AF_INET)
+        return reinterpret_cast<const sockaddr_in &>(address).sin_addr.s_addr == INADDR_ANY;
+    return IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6 &>(address).sin6_addr);
+}
+
+/* The address with which this machine would send to another network; all zeros where it can't. The
+   connect looks for the route and sends nothing. */
+static sockaddr_storage outer_address()
+{
+    sockaddr_storage ours{};
+    socklen_t size = sizeof(ours);
+    sockaddr_in another{};
+    another.sin_family = AF_INET;
+    another.sin_port = htons(9);
+    inet_pton(AF_INET, "192.0.2.1", &another.sin_addr);
+    const util::descriptor peer(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (connect(peer.get(), reinterpret_cast<const sockaddr *>(&another), sizeof(another)) == 0)
+        getsockname(peer.get(), reinterpret_cast<sockaddr *>(&ours), &size);
+    return ours;
+}
+
+/* Writes a line where a filter refuses even a packet of this process to its own address, as that of
+   our unit does for all but the loopback: the socket then listens, and no other machine can reach
+   it. The kernel tells a sender of datagrams so at once. */
+static void warn_where_filtered(const sockaddr_storage &address, const std::string &where)
+{
+    const sockaddr_storage to = is_wildcard(address) ? outer_address() : address;
+    const util::descriptor sender(socket(to.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (sender.is_open() &&
+        sendto(sender.get(), "", 0, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to),
+               sizeof(to)) != 0 &&
+        errno == EPERM)
+        std::fprintf(stderr,
+                     "tesk-exporter: --listen %s: a filter, such as IPAddressDeny of the unit, "
+                     "keeps packets from this address: other machines can't reach it unless the "
+                     "filter names them; tesk-exporter --print-drop-in writes what the unit "
+                     "needs\n",
+                     where.c_str());
+}
+
 static int open_inet(const std::string &where)
 {
     const size_t colon = where.rfind(':');
@@ -62,7 +109,9 @@ static int open_inet(const std::string &where)
     const socklen_t size = found->ai_addrlen;
     freeaddrinfo(found);
     const int fd = socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    return listening(fd, reinterpret_cast<const sockaddr *>(&address), size, where);
+    listening(fd, reinterpret_cast<const sockaddr *>(&address), size, where);
+    warn_where_filtered(address, where);
+    return fd;
 }
 
 /* Removes a socket on which no process listens; any other file stays. */

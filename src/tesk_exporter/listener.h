@@ -9,7 +9,8 @@ namespace exporter
 
 /* Opens a listening socket at "ADDRESS:PORT", with IPv6 addresses in brackets, or "unix:PATH".
    Throws std::runtime_error with a text that says what to do. A socket file on which no process
-   listens is replaced. The file has mode 0660. */
+   listens is replaced. The file has mode 0660. Writes a line on standard error where a filter keeps
+   other machines from the address, as that of the systemd unit does. */
 int open_listener(const std::string &where);
 
 /* Removes the socket file of "unix:PATH". */

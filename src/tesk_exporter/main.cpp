@@ -56,10 +56,12 @@ class service
 {
   public:
     explicit service(const settings &given)
-        : settings_(given), http_(given, model_, events_, figures_), refresher_(facts_),
+        : settings_(given), model_(events_, given.interval),
+          http_(given, model_, events_, figures_), refresher_(facts_),
           collector_({given.ports, given.interval}, facts_)
     {
         figures_.started_us = now_us();
+        figures_.interval = given.interval;
         if (given.journal)
             journal_.emplace();
     }
@@ -121,7 +123,7 @@ class service
 
     const settings &settings_;
     event_ring events_{ring_size, new_epoch()};
-    model model_{events_};
+    model model_;
     exporter_figures figures_;
     fact_queue facts_;
     std::optional<journal> journal_;

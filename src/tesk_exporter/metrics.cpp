@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* One row for each family, and one function that writes its samples for a port. While the server is
-   away its values are left out, since they are unknown; counters and ages stay. */
+   away or doesn't answer its values are left out, since they are unknown; counters and ages stay.
+ */
 #include "tesk_exporter/metrics.h"
 
 #include "tools/common/units.h"
@@ -21,6 +22,7 @@ namespace
 struct scrape {
     metrics_writer &writer;
     steady_time now;
+    const tesk_client_pm *reading; /* of the port; null where there are no values of now */
 };
 
 struct port_family {
@@ -45,14 +47,6 @@ static void write_dbm(const scrape &to, const port_state &port, bool has, uint32
 {
     const auto dbm = has ? to_dbm(microwatts) : std::nullopt;
     write_if(to, port, dbm.has_value(), std::round(100 * dbm.value_or(0)) / 100);
-}
-
-static void write_link_states(const scrape &to, const port_state &port)
-{
-    static constexpr const char *labels[] = {"state=\"stopped\"", "state=\"not_operational\"",
-                                             "state=\"operational\""};
-    for (uint32_t link = 0; port.status && link < std::size(labels); link++)
-        to.writer.sample(port.labels, labels[link], port.status->link == link);
 }
 
 static std::string with_underscores(std::string text)
@@ -93,17 +87,13 @@ static void write_grades(const scrape &to, const port_state &port)
 }
 
 static constexpr port_family port_families[] = {
-    {{"tesk_port_link_up", metric_type::gauge, "", "Whether the link is operational."},
+    {{"tesk_port_link_up", metric_type::gauge, "",
+      "Whether the link is operational. One that somebody has stopped isn't."},
      true,
      [](const scrape &to, const port_state &port) {
          write_if(to, port, port.status.has_value(),
                   port.status && port.status->link == TESK_CLIENT_LINK_OPERATIONAL);
      }},
-    {{"tesk_port_link_state", metric_type::gauge, "",
-      "The state of the link: 1 for the one that it is in. A stopped port was stopped by "
-      "somebody."},
-     true,
-     write_link_states},
     {{"tesk_port_link_speed_bytes_per_second", metric_type::gauge, "bytes_per_second",
       "Speed of the link, where there is one and it is known."},
      true,
@@ -126,7 +116,15 @@ static constexpr port_family port_families[] = {
     {{"tesk_port_module_present", metric_type::gauge, "", "Whether a module is in the port."},
      true,
      [](const scrape &to, const port_state &port) {
-         write_if(to, port, port.info.has_value(), !port.module_labels.empty());
+         write_if(to, port, port.info.has_value(),
+                  port.info && port.info->type != TESK_CLIENT_SFP_NOT_PRESENT);
+     }},
+    {{"tesk_port_module_ready", metric_type::gauge, "",
+      "Whether the module is ready and can be read; absent without a module."},
+     true,
+     [](const scrape &to, const port_state &port) {
+         write_if(to, port, port.info && port.info->type != TESK_CLIENT_SFP_NOT_PRESENT,
+                  has_module(port));
      }},
     {{"tesk_port_module", metric_type::info, "",
       "The module in the port. Bytes that are no printable ASCII are written as \\\\xNN."},
@@ -138,54 +136,54 @@ static constexpr port_family port_families[] = {
     {{"tesk_port_transmit_power_watts", metric_type::gauge, "watts", "Transmitted light."},
      true,
      [](const scrape &to, const port_state &port) {
-         write_if(to, port, port.reading && port.reading->has_tx_power,
-                  port.reading ? port.reading->tx_power / 1e6 : 0);
+         write_if(to, port, to.reading && to.reading->has_tx_power,
+                  to.reading ? to.reading->tx_power / 1e6 : 0);
      }},
     {{"tesk_port_transmit_power_dbm", metric_type::gauge, "dbm",
       "Transmitted light in dBm; absent without light."},
      true,
      [](const scrape &to, const port_state &port) {
-         if (port.reading)
-             write_dbm(to, port, port.reading->has_tx_power, port.reading->tx_power);
+         if (to.reading)
+             write_dbm(to, port, to.reading->has_tx_power, to.reading->tx_power);
      }},
     {{"tesk_port_receive_power_watts", metric_type::gauge, "watts", "Received light."},
      true,
      [](const scrape &to, const port_state &port) {
-         write_if(to, port, port.reading && port.reading->has_rx_power,
-                  port.reading ? port.reading->rx_power / 1e6 : 0);
+         write_if(to, port, to.reading && to.reading->has_rx_power,
+                  to.reading ? to.reading->rx_power / 1e6 : 0);
      }},
     {{"tesk_port_receive_power_dbm", metric_type::gauge, "dbm",
       "Received light in dBm; absent without light."},
      true,
      [](const scrape &to, const port_state &port) {
-         if (port.reading)
-             write_dbm(to, port, port.reading->has_rx_power, port.reading->rx_power);
+         if (to.reading)
+             write_dbm(to, port, to.reading->has_rx_power, to.reading->rx_power);
      }},
     {{"tesk_port_transmit_bias_amperes", metric_type::gauge, "amperes",
       "Bias current of the laser."},
      true,
      [](const scrape &to, const port_state &port) {
-         write_if(to, port, port.reading && port.reading->has_tx_bias,
-                  port.reading ? port.reading->tx_bias / 1e5 : 0);
+         write_if(to, port, to.reading && to.reading->has_tx_bias,
+                  to.reading ? to.reading->tx_bias / 1e5 : 0);
      }},
     {{"tesk_port_voltage_volts", metric_type::gauge, "volts", "Supply voltage of the module."},
      true,
      [](const scrape &to, const port_state &port) {
-         write_if(to, port, port.reading && port.reading->has_voltage,
-                  port.reading ? port.reading->voltage / 1e4 : 0);
+         write_if(to, port, to.reading && to.reading->has_voltage,
+                  to.reading ? to.reading->voltage / 1e4 : 0);
      }},
     {{"tesk_port_temperature_celsius", metric_type::gauge, "celsius", "Temperature of the module."},
      true,
      [](const scrape &to, const port_state &port) {
-         write_if(to, port, port.reading && port.reading->has_temperature,
-                  port.reading ? port.reading->temperature / 10.0 : 0);
+         write_if(to, port, to.reading && to.reading->has_temperature,
+                  to.reading ? to.reading->temperature / 10.0 : 0);
      }},
     {{"tesk_port_signal_lost", metric_type::gauge, "",
-      "Whether the module says that it has lost its signal."},
+      "Whether the module says that it has lost its signal; absent where it can't be read."},
      true,
      [](const scrape &to, const port_state &port) {
-         write_if(to, port, port.reading && !port.module_labels.empty(),
-                  port.reading && port.reading->has_loss_of_signal);
+         write_if(to, port, to.reading && has_module(port),
+                  to.reading && to.reading->has_loss_of_signal);
      }},
     {{"tesk_port_grade", metric_type::gauge, "",
       "How a measured value stands against the module's thresholds: 1 for the grade that it has."},
@@ -201,10 +199,11 @@ static constexpr port_family port_families[] = {
                   environment == TESK_CLIENT_ENVIRONMENT_SET);
      }},
     {{"tesk_port_reading_age_seconds", metric_type::gauge, "seconds",
-      "Time since the measured values were read."},
+      "Time since the measured values were read or, if they never were, since the module was "
+      "found. Values that are too old have no series."},
      false,
      [](const scrape &to, const port_state &port) {
-         if (port.reading)
+         if (has_module(port))
              to.writer.sample(port.labels, seconds_since(port.read_at, to.now));
      }},
     {{"tesk_port_grade_age_seconds", metric_type::gauge, "seconds",
@@ -309,6 +308,10 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
 {
     writer.begin({"tesk_exporter_build", metric_type::info, "", "The version of the exporter."});
     writer.sample("version=\"" TESK_VERSION "\"", 1);
+    write_one(writer,
+              {"tesk_exporter_interval_seconds", metric_type::gauge, "seconds",
+               "Time between two reads of the measured values of a port."},
+              std::chrono::duration<double>(figures.interval).count());
     writer.begin({"tesk_exporter_http_responses", metric_type::counter, "",
                   "Responses of the exporter, by their status."});
     for (const auto &[code, count] : figures.responses)
@@ -316,10 +319,12 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
     write_one(writer,
               {"tesk_exporter_http_connections", metric_type::gauge, "", "Open connections."},
               static_cast<double>(figures.connections));
-    write_one(writer,
-              {"tesk_exporter_http_ended_connections", metric_type::counter, "",
-               "Connections that the exporter ended: too slow, or idle where places were short."},
-              static_cast<double>(figures.ended_connections));
+    write_one(
+        writer,
+        {"tesk_exporter_http_ended_connections", metric_type::counter, "",
+         "Connections that the exporter ended: too slow, or idle where places were short. One "
+         "that is closed after a long idle time doesn't count."},
+        static_cast<double>(figures.ended_connections));
     write_one(writer,
               {"tesk_exporter_event_streams", metric_type::gauge, "", "Open streams of events."},
               static_cast<double>(figures.streams));
@@ -338,13 +343,12 @@ std::string render_metrics(const model &board, const exporter_figures &figures, 
     /* About the final size, as growing would copy megabytes. */
     writer.reserve(16384 + board.ports().size() * 5120);
     write_server(writer, board);
-    const scrape to{writer, now};
     for (const port_family &row : port_families) {
         writer.begin(row.described);
-        if (row.needs_server && !board.is_connected())
+        if (row.needs_server && !board.is_up())
             continue;
         for (const auto &[number, port] : board.ports())
-            row.write(to, port);
+            row.write({writer, now, board.values_of(port, now)}, port);
     }
     write_exporter(writer, figures);
     write_process(writer, figures);

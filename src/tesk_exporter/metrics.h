@@ -20,6 +20,7 @@ struct exporter_figures {
     uint64_t events = 0;
     uint64_t lost_journal_records = 0;
     uint64_t started_us = 0; /* wall clock */
+    std::chrono::milliseconds interval{15000};
 };
 
 /* The whole text of /metrics at the time `now`. */

@@ -7,6 +7,7 @@
 #include "tesk_exporter/metrics_text.h"
 #include "tesk_exporter/refresh_rules.h"
 #include "tools/common/moved_values.h"
+#include "tools/common/words.h"
 #include "util/escape.h"
 
 #include <algorithm>
@@ -23,9 +24,25 @@ void latency_histogram::add(double seconds)
     sum += seconds;
 }
 
-static bool is_present(const tesk_client_sfp_info &info)
+static bool is_readable(const tesk_client_sfp_info &info)
 {
-    return info.type != TESK_CLIENT_SFP_NOT_PRESENT;
+    return info.type != TESK_CLIENT_SFP_NOT_PRESENT && info.type != module_not_ready;
+}
+
+bool has_module(const port_state &port)
+{
+    return port.info && is_readable(*port.info);
+}
+
+/* The server's indication has one word for an empty port and for a module that isn't ready or can't
+   be read, and none comes of a module that stops being ready. The history and a read of the values
+   tell them apart. */
+static bool is_not_ready(const port_state &port)
+{
+    if (port.presence == TESK_CLIENT_PRESENCE_NOT_READY)
+        return true;
+    return !is_readable(*port.indicated) &&
+           (port.is_answering || port.presence == TESK_CLIENT_PRESENCE_READY);
 }
 
 template <size_t width>
@@ -55,18 +72,18 @@ static bool is_same(const tesk_client_port_status &one, const tesk_client_port_s
 
 static change module_change(const tesk_client_sfp_info &before, const tesk_client_sfp_info &now)
 {
-    if (!is_present(now))
+    if (now.type == module_not_ready)
+        return change::not_ready;
+    if (!is_readable(now))
         return change::removed;
-    return is_present(before) ? change::replaced : change::inserted;
+    return is_readable(before) ? change::replaced : change::inserted;
 }
 
 static change link_change(const tesk_client_port_status &before, const tesk_client_port_status &now)
 {
     if (before.link == now.link)
         return change::grades;
-    if (now.link == TESK_CLIENT_LINK_OPERATIONAL)
-        return change::up;
-    return now.link == TESK_CLIENT_LINK_STOPPED ? change::stopped : change::down;
+    return now.link == TESK_CLIENT_LINK_OPERATIONAL ? change::up : change::down;
 }
 
 static std::string labels_of(uint32_t number, const std::string &interface)
@@ -110,14 +127,19 @@ void model::take(const connection_fact &reported, const moment &now)
 {
     const bool is_change = reported.connected != is_connected_;
     trouble_ = escape(reported.text);
+    if (is_up() || reported.connected)
+        answered_us_ = now.wall_us;
     is_connected_ = is_answering_ = reported.connected;
     if (!is_change)
         return;
     is_read_ = false;
     if (reported.connected) {
         connections++;
-        for (auto &[number, port] : ports_)
+        for (auto &[number, port] : ports_) {
             port.is_info_initial = port.is_status_initial = true;
+            port.is_answering = false;
+            port.presence.reset(); /* by the history of the former server */
+        }
     }
     if (!reported.connected || connections > 1)
         events_.add({0, now.wall_us, change::initial, server_change{reported.connected}, ""});
@@ -131,19 +153,48 @@ void model::take(const tesk_client_sfp_info &info, const moment &now)
     port_state &known = *found;
     known.sfp_indications++;
     const bool is_initial = std::exchange(known.is_info_initial, false) || !known.info;
-    const bool is_other = !known.info || !is_same(*known.info, info);
-    if (is_other) {
-        /* Its values and grades were those of the former module. */
-        known.reading.reset();
-        known.graded_values.reset();
-        known.module_labels = is_present(info) ? module_labels(info) : "";
+    known.indicated = info;
+    known.is_answering = false;
+    if (is_readable(info))
+        known.presence.reset(); /* what the history had before */
+    if (!show_module(known, is_initial, now) && is_initial)
+        events_.add({0, now.wall_us, change::initial, *known.info, known.interface});
+}
+
+/* Shows the module by what is known of it, and reports whether that changes anything. */
+bool model::show_module(port_state &known, bool is_initial, const moment &now)
+{
+    tesk_client_sfp_info info = *known.indicated;
+    const bool is_unready = is_not_ready(known);
+    if (is_unready || known.presence == TESK_CLIENT_PRESENCE_NONE) {
+        info = {};
+        info.port_no = known.number;
+        info.type = is_unready ? module_not_ready : uint32_t{TESK_CLIENT_SFP_NOT_PRESENT};
     }
-    if (is_initial || is_other) {
-        known.changed_us = is_initial ? known.changed_us : now.wall_us;
-        const change kind = is_initial ? change::initial : module_change(*known.info, info);
-        events_.add({0, now.wall_us, kind, info, known.interface});
-    }
+    if (known.info && is_same(*known.info, info))
+        return false;
+    const change kind = is_initial ? change::initial : module_change(*known.info, info);
+    events_.add({0, now.wall_us, kind, info, known.interface});
+    known.changed_us = is_initial ? known.changed_us : now.wall_us;
     known.info = info;
+    /* The values and grades were those of the former module. */
+    known.reading.reset();
+    known.graded_values.reset();
+    known.unread.clear();
+    known.read_at = now.steady;
+    known.module_labels = is_readable(info) ? module_labels(info) : "";
+    return true;
+}
+
+/* An answer of the history may come before the first indication. */
+void model::take(const presence_fact &reported, const moment &now)
+{
+    const auto found = ports_.find(reported.port_no);
+    if (found == ports_.end())
+        return;
+    found->second.presence = reported.presence;
+    if (found->second.indicated)
+        show_module(found->second, false, now);
 }
 
 void model::take(const tesk_client_port_status &status, const moment &now)
@@ -173,6 +224,11 @@ void model::take(const reading_fact &reported, const moment &now)
     if (found == nullptr)
         return;
     port_state &known = *found;
+    if (known.indicated && !std::exchange(known.is_answering, true))
+        show_module(known, true, now);
+    known.unread.clear();
+    if (known.info && !has_module(known))
+        return; /* what a module that isn't ready says of itself is not to be relied on */
     known.reading = reported.pm;
     known.read_at = now.steady;
     if (!known.graded_values)
@@ -180,6 +236,20 @@ void model::take(const reading_fact &reported, const moment &now)
     const auto since_start = now.steady.time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since_start).count();
     known.values.add(reported.pm, static_cast<uint64_t>(seconds));
+}
+
+void model::take(const unread_fact &reported, const moment &now)
+{
+    const auto found = ports_.find(reported.port_no);
+    if (found == ports_.end())
+        return;
+    port_state &known = found->second;
+    known.unread = escape(reported.text);
+    if (!reported.is_refused)
+        return;
+    known.reading.reset();
+    if (known.indicated && std::exchange(known.is_answering, false))
+        show_module(known, true, now);
 }
 
 /* Only the grades are taken over: the link is what the collector's subscription says. */
@@ -203,15 +273,17 @@ void model::take(const grades_fact &reported, const moment &now)
     known.status = status;
 }
 
-void model::take(const request_fact &reported, const moment &)
+void model::take(const request_fact &reported, const moment &now)
 {
     const bool is_answered =
         reported.result == TESK_CLIENT_OK || reported.result == TESK_CLIENT_REJECTED;
-    if (is_answered)
+    if (is_answered && reported.is_read)
         latency.add(std::chrono::duration<double>(reported.latency).count());
-    if (reported.result != TESK_CLIENT_OK)
+    if (reported.is_failure)
         failed_reads[static_cast<size_t>(reported.result)]++;
     is_answering_ = is_connected_ && is_answered;
+    if (is_answering_)
+        answered_us_ = now.wall_us;
 }
 
 void model::take(const gone_fact &reported, const moment &)
@@ -232,8 +304,7 @@ void model::apply(const fact &reported, const moment &now)
 static bool is_due(const port_state &port, steady_time now)
 {
     const bool was_refreshed = port.refreshed_at != steady_time{};
-    return port.status && port.reading && port.graded_values && port.info &&
-           is_present(*port.info) &&
+    return port.status && port.reading && port.graded_values && has_module(port) &&
            (!was_refreshed || now - port.refreshed_at >= refresh_port_pause) &&
            has_moved(*port.graded_values, *port.reading);
 }

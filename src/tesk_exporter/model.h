@@ -26,9 +26,17 @@ struct port_state {
     std::string labels;        /* port="3",interface="eth0" */
     std::string module_labels; /* vendor="...",... of the module that is in it; empty without one */
 
+    /* The module as it is shown: the server's last indication, or one without texts whose type is
+       module_not_ready. */
     std::optional<tesk_client_sfp_info> info;
+    std::optional<tesk_client_sfp_info> indicated; /* that indication */
+    /* What the server's history had last of it; nothing where no change was seen. */
+    std::optional<uint32_t> presence;
+    bool is_answering = false; /* its values could be read, whatever was indicated */
     std::optional<tesk_client_port_status> status;
     std::optional<tesk_client_pm> reading;
+    std::string unread; /* why the last read failed, escaped; empty after one that succeeded */
+    /* When the values were read or, where they never were, when the module was found. */
     steady_time read_at;
     steady_time graded_at;
     /* The values that the grades were given for: those of the first reading after them. */
@@ -57,10 +65,16 @@ struct latency_histogram {
     void add(double seconds);
 };
 
+/* Whether the port has a module whose memory can be read. */
+bool has_module(const port_state &port);
+
 class model
 {
   public:
-    explicit model(event_ring &events) : events_(events)
+    /* Values are read at the interval; those that are older than some of it are none of now. */
+    explicit model(event_ring &events,
+                   std::chrono::milliseconds interval = std::chrono::seconds(15))
+        : events_(events), longest_age_(3 * interval + std::chrono::seconds(10))
     {
     }
 
@@ -84,6 +98,17 @@ class model
     {
         return is_connected_;
     }
+    /* When the last state of the board was known, wall clock: the present unless the server is
+       away; 0 where it was never there. */
+    uint64_t known_us(const moment &now) const
+    {
+        return is_up() ? now.wall_us : answered_us_;
+    }
+    /* The measured values of a port as of now; null where they are too old, or not known. */
+    const tesk_client_pm *values_of(const port_state &port, steady_time now) const
+    {
+        return port.reading && now - port.read_at <= longest_age_ ? &*port.reading : nullptr;
+    }
     /* All ports have been read since the connection. */
     bool is_ready() const
     {
@@ -104,18 +129,23 @@ class model
     void take(const tesk_client_sfp_info &info, const moment &now);
     void take(const tesk_client_port_status &status, const moment &now);
     void take(const reading_fact &reported, const moment &now);
+    void take(const unread_fact &reported, const moment &now);
+    void take(const presence_fact &reported, const moment &now);
     void take(const grades_fact &reported, const moment &now);
     void take(const request_fact &reported, const moment &now);
     void take(const gone_fact &reported, const moment &now);
     void take(const round_fact &reported, const moment &now);
     port_state *wanted(uint32_t number);
+    bool show_module(port_state &known, bool is_initial, const moment &now);
 
     event_ring &events_;
+    const steady_clock::duration longest_age_;
     std::map<uint32_t, port_state> ports_;
     std::map<uint32_t, std::string> interfaces_; /* of the ports that are followed */
     bool is_connected_ = false;
     bool is_answering_ = false;
     bool is_read_ = false;
+    uint64_t answered_us_ = 0;
     std::string trouble_ = "not connected yet";
     steady_time next_refresh_{};
     bool is_refreshing_ = false;

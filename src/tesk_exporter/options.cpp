@@ -5,9 +5,68 @@
 #include "tools/common/port_list.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <arpa/inet.h>
+#include <charconv>
+#include <sstream>
 
 namespace exporter
 {
+
+/* Whether the text is an address or a network, as in 192.0.2.0/24. */
+static bool is_network(const std::string &text)
+{
+    const size_t slash = text.find('/');
+    const std::string address = text.substr(0, slash);
+    unsigned char binary[sizeof(in6_addr)];
+    const bool is_v4 = inet_pton(AF_INET, address.c_str(), binary) == 1;
+    if (!is_v4 && inet_pton(AF_INET6, address.c_str(), binary) != 1)
+        return false;
+    if (slash == std::string::npos)
+        return true;
+    unsigned length = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data() + slash + 1, end, length);
+    return error == std::errc{} && stop == end && length <= (is_v4 ? 32 : 128);
+}
+
+static bool are_networks(const std::string &clients)
+{
+    std::istringstream list(clients);
+    for (std::string one; std::getline(list, one, ',');)
+        if (!is_network(one))
+            return false;
+    return !clients.ends_with(',');
+}
+
+static int wrong_drop_in(const char *what)
+{
+    std::fprintf(stderr, "tesk-exporter: --print-drop-in: %s\n", what);
+    return static_cast<int>(exit_code::usage);
+}
+
+/* Both halves of what another address needs: the option, and an exception from the unit's filter,
+   for the address itself, too, so that the check of listener.cpp passes. */
+static int print_drop_in(const std::string &listen, std::string clients)
+{
+    std::string address = listen.substr(0, listen.rfind(':'));
+    if (address.starts_with('[') && address.ends_with(']'))
+        address = address.substr(1, address.size() - 2);
+    if (!is_network(address) || address.starts_with("127.") || address == "::1")
+        return wrong_drop_in("give --listen ADDRESS:PORT with an address that others can reach");
+    if (clients != "any" && !are_networks(clients))
+        return wrong_drop_in("name addresses or networks, as in 192.0.2.0/24,2001:db8::7, or any");
+    std::ranges::replace(clients, ',', ' ');
+    const bool is_own = address != "0.0.0.0" && address != "::";
+    std::printf("# tesk-exporter --print-drop-in. To be put into\n"
+                "# /etc/systemd/system/tesk-exporter.service.d/listen.conf\n"
+                "[Service]\n"
+                "ExecStart=\n"
+                "ExecStart=" TESK_EXPORTER_PATH " $TESK_EXPORTER_OPTIONS --listen %s\n"
+                "IPAddressAllow=%s%s%s\n",
+                listen.c_str(), is_own ? address.c_str() : "", is_own ? " " : "", clients.c_str());
+    return static_cast<int>(exit_code::done);
+}
 
 std::optional<int> read_options(int argc, char **argv, settings &read)
 {
@@ -15,8 +74,10 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
     std::vector<std::string> ports;
     double interval = 15;
     bool no_refresh = false;
+    std::string clients;
     app.set_version_flag("--version", "tesk-exporter " TESK_VERSION);
     app.add_option("--listen", read.listen, "Serve at ADDRESS:PORT or unix:PATH")
+        ->take_last()
         ->capture_default_str();
     app.add_option("--host", read.hosts, "Accept this name in the Host header, too");
     app.add_option("--ports", ports,
@@ -28,6 +89,9 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
     app.add_flag("--no-refresh", no_refresh, "Take grades from indications only");
     app.add_flag("--journal", read.journal, "Write each change to the journal");
     app.add_option("--web", read.web, "Serve the page from this folder")->capture_default_str();
+    app.add_option("--print-drop-in", clients,
+                   "Print the drop-in of the systemd unit with which these CLIENTS can reach "
+                   "--listen: addresses or networks, as in 192.0.2.0/24,2001:db8::7, or any");
     try {
         app.parse(argc, argv);
         if (!ports.empty())
@@ -38,6 +102,8 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         std::fprintf(stderr, "tesk-exporter: --ports: %s\n", error.what());
         return static_cast<int>(exit_code::usage);
     }
+    if (!clients.empty())
+        return print_drop_in(read.listen, clients);
     read.interval = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
     read.refresh = !no_refresh;
     return std::nullopt;

@@ -32,38 +32,24 @@ void refresher::request(uint32_t port_no)
     eventfd_write(wake_fd_, 1);
 }
 
-bool refresher::connect()
+grades_fact refresher::refresh(uint32_t port_no)
 {
-    /* The session isn't dispatched between two refreshes: the server may have been restarted
-       since. */
-    if (session_ != nullptr && tesk_client_dispatch(session_) == TESK_CLIENT_OK)
-        return true;
-    tesk_client_close(std::exchange(session_, nullptr));
+    result_ = {port_no, false, {}};
     tesk_client_options options{};
     options.deadline_ms = deadline_ms;
     options.user = this;
     options.on_port_status = [](const tesk_client_port_status *status, void *user) {
         auto *self = static_cast<refresher *>(user);
-        if (status->port_no != self->result_.port_no)
-            return;
         self->result_.succeeded = true;
         self->result_.status = *status;
         tesk_client_stop(self->session_);
     };
-    return tesk_client_connect(&options, &session_) == TESK_CLIENT_OK;
-}
-
-grades_fact refresher::refresh(uint32_t port_no)
-{
-    result_ = {port_no, false, {}};
-    if (!connect() ||
-        tesk_client_subscribe(session_, TESK_CLIENT_PORT_STATUS, port_no) != TESK_CLIENT_OK)
+    if (tesk_client_connect(&options, &session_) != TESK_CLIENT_OK)
         return result_;
-    /* In a loop, since a stop that was requested while nothing ran ends the next run. */
-    const steady_time end = steady_clock::now() + std::chrono::milliseconds(deadline_ms);
-    while (!result_.succeeded && tesk_client_connected(session_) && steady_clock::now() < end)
+    if (tesk_client_subscribe(session_, TESK_CLIENT_PORT_STATUS, port_no) == TESK_CLIENT_OK &&
+        !result_.succeeded)
         tesk_client_run(session_, deadline_ms);
-    tesk_client_unsubscribe(session_, TESK_CLIENT_PORT_STATUS, port_no);
+    tesk_client_close(std::exchange(session_, nullptr));
     return result_;
 }
 
@@ -74,7 +60,6 @@ void refresher::run()
         if (thread_.wait(wake_fd_, std::chrono::hours(1)) && eventfd_read(wake_fd_, &count) == 0)
             facts_.post(refresh(wanted_port_));
     }
-    tesk_client_close(session_);
 }
 
 } // namespace exporter

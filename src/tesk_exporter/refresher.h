@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* refresher - has the server grade a port again: it subscribes to the port's status on a session of
-   its own, takes the first indication, and unsubscribes. The session belongs to a thread of its
-   own, since a thread has at most one. */
+/* refresher - has the server grade a port again: it connects a session, subscribes to the port's
+   status, takes the first indication, and closes the session, with which all that the request has
+   caused ends, also where an answer came too late or not at all. The sessions belong to a thread of
+   their own, since a thread has at most one. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -31,7 +32,6 @@ class refresher
 
   private:
     void run();
-    bool connect();
     grades_fact refresh(uint32_t port_no);
 
     fact_queue &facts_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -30,17 +31,33 @@ worker::~worker()
     close(stop_fd_);
 }
 
-void worker::start(std::function<void()> body)
+/* Without SA_RESTART, so that the call in which the signal arrives returns. */
+static void make_signal_interrupt()
 {
-    thread_ = std::thread(std::move(body));
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
 }
 
-/* The descriptor stays readable, so that every later wait returns at once. */
+void worker::start(std::function<void()> body)
+{
+    make_signal_interrupt();
+    /* noexcept: the task would keep an exception, and the end of the thread go unnoticed. */
+    std::packaged_task<void()> task([body = std::move(body)]() noexcept { body(); });
+    end_ = task.get_future();
+    thread_ = std::thread(std::move(task));
+}
+
+/* The descriptor stays readable, so that every later wait returns at once. A signal that arrives
+   just before a system call doesn't interrupt it, so it is repeated. */
 void worker::stop()
 {
     eventfd_write(stop_fd_, 1);
-    if (thread_.joinable())
-        thread_.join();
+    if (!thread_.joinable())
+        return;
+    while (end_.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready)
+        pthread_kill(thread_.native_handle(), SIGUSR1);
+    thread_.join();
 }
 
 bool worker::must_stop() const

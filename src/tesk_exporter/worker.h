@@ -1,9 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* worker - a thread that waits for descriptors and is stopped through one. */
+/* worker - a thread that waits for descriptors and is stopped through one. A library may keep it in
+   a system call that no descriptor ends, as the journal's does: SIGUSR1 interrupts that. */
 #pragma once
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
 
 namespace exporter
@@ -21,7 +23,8 @@ class worker
     worker &operator=(const worker &) = delete;
 
     void start(std::function<void()> body);
-    /* Any thread. Requests the stop and joins the thread. Harmless a second time. */
+    /* Any thread. Requests the stop and joins the thread. Harmless a second time. A system call
+       in which the thread waits meanwhile fails with EINTR. */
     void stop();
 
     /* The functions below are called by the body. */
@@ -33,6 +36,7 @@ class worker
   private:
     const int stop_fd_;
     std::thread thread_;
+    std::future<void> end_; /* of the body */
 };
 
 } // namespace exporter

@@ -49,7 +49,10 @@ std::string date_and_time(uint64_t time_us)
 
 std::string iso_time(uint64_t time_us)
 {
-    const std::string zone = local(time_us, "%z"); /* +0100 */
-    return fmt::format("{}.{:06}{}:{}", local(time_us, "%Y-%m-%dT%H:%M:%S"), time_us % 1'000'000,
-                       zone.substr(0, 3), zone.substr(3));
+    const auto seconds = static_cast<time_t>(time_us / 1'000'000);
+    tm broken_down{};
+    gmtime_r(&seconds, &broken_down);
+    char text[64];
+    const size_t size = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &broken_down);
+    return fmt::format("{}.{:06}Z", std::string_view(text, size), time_us % 1'000'000);
 }
