@@ -190,6 +190,15 @@ TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
     expect_in("\x1b", 24, "of 500");
     expect_in("", 5, "rows 1-1 of 500");
     expect_in("?", 24, "g         read the grades");
+    expect_in("\x1bs", 24, "500 ports, worst first"); /* of this page, not of the one before */
+    view.name({{7, "eth7"}, {77, "eth77"}});
+    expect_in("/eth7\r", 24, "\n>7     eth7 ");
+    expect_in("/7\r", 24, "\n>77    eth77 ");
+    take_loss(*view.port(77));
+    expect_in("", 24, "eth77 gone ");
+    view.remove(77);
+    view.show(status_of(77));
+    EXPECT_EQ(view.port(77), nullptr);
     EXPECT_EQ(view.press({key_code::letter, 'q'}), top_view::action::quit);
 }
 

@@ -102,7 +102,9 @@ static void await_indications(const settings &common, event_loop &loop, const se
     }
     if (received.size() < expected)
         throw tool_error(exit_code::no_answer,
-                         "the server confirmed, but sent no indication in time");
+                         fmt::format("the server confirmed, but sent no indication within {:g} s: "
+                                     "--timeout gives it longer",
+                                     common.timeout_ms / 1e3));
 }
 
 template <typename record_type>
