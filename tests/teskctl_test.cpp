@@ -369,6 +369,25 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     expect("history actions", 0, {"sfp info unsubscribed", "port status unsubscribed"});
 }
 
+TEST_F(teskctl_system, top_follows_the_ports_of_a_server_that_comes_back)
+{
+    server.emplace();
+    const pid_t top = start({"top", "all", "--json", "--interval", "0.1"});
+    await("\"event\":\"pm\",\"port\":11,");
+    for (const auto &[count, text] :
+         {std::pair{4, "\"event\":\"rejected\",\"request\":\"pm\",\"port\":15,"},
+          std::pair{20, "\"event\":\"sfp\",\"port\":19,"}}) {
+        const std::string board = directory.path + "/board";
+        testkit::run("printf 'ports " + std::to_string(count) + "\\n' >" + board, output);
+        server.reset();
+        server.emplace(strings{"DOLM_RIC_BOARD=" + board});
+        await(text);
+    }
+    testkit::run(TESK_BIN_DIR "/teskboard wait 0-19 --subscribed link", output);
+    kill(top, SIGINT);
+    EXPECT_EQ(testkit::wait_for_end(top), 1); /* for the ports that were rejected */
+}
+
 TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
 {
     server.emplace();
