@@ -302,6 +302,9 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("--json sfp 7", 0, {"\"module\":\"not ready\""});
     expect("--timeout 9 statsu 0", 2, {"did you mean 'status'"});
     expect("status 12", 0, {"\n12    not operational, no module\n"});
+    expect("status 7", 0, {"\n7     not operational, module not ready, "});
+    expect("--json ports --status 7", 0, {"\"module\":\"not ready\""});
+    expect("watch --status 12 --count 1", 0, {"not operational, no module\n"});
     expect("ports", 0, {"\n0     optical", "\n15    no module"});
     expect("ports --numbers", 0, {"\n14\n15\n"});
     expect("pm all | grep -c ^port", 0, {"16\n"});
@@ -409,7 +412,7 @@ TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
     run("pm all; " TESK_BIN_DIR "/teskctl ports; " TESK_BIN_DIR "/teskctl --json history");
     expect("history", 0, {"TIME  PORT  WHAT\n"});
     run("status 0; " TESK_BIN_DIR "/teskctl sfp 0; " TESK_BIN_DIR "/teskctl ports --status 0");
-    expect("--json history actions | grep -c action", 0, {"6\n"});
+    expect("--json history actions | grep -c action", 0, {"10\n"});
 }
 
 TEST_F(teskctl_system, ports_are_named_by_the_port_map)
