@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Exchanges signals with tesk-server without the client library and shows each as bytes: exchange
-   [PORT]. docs/protocol.md shows its output. */
+   [PORT]. docs/protocol.md shows its output. Where the packages are installed:
+   cc exchange.c $(pkg-config --cflags --libs tesk_mbx) */
 #if __has_include(<tesk_platform/mbx.h>)
 #include <tesk_platform/mbx.h> /* installed */
 #else

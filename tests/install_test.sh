@@ -45,10 +45,12 @@ while read -r link; do
 done < <(grep -ohE '\]\((docs/|CHANGELOG)[^)#]+' "$doc/tesk-server/README.md" | cut -c3-)
 for example in "$doc"/libtesk-client-dev/examples/*.c*; do
     case $example in
-    *.cpp) compiler=c++ ;;
-    *) compiler=cc ;;
+    *.cpp) compiler=c++ package=tesk_client ;;
+    */exchange.c) compiler=cc package=tesk_mbx ;;
+    *) compiler=cc package=tesk_client ;;
     esac
-    "$compiler" -I"$work/usr/include" -o "$work/compiled" "$example" -L"$libraries" -ltesk_client -lmbx
+    PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags --libs $package |
+        xargs "$compiler" -o "$work/compiled" "$example" -Wl,-rpath-link,"$libraries"
 done
 [ -f "$doc/tesk-tools/examples/scenes/warm-up.scene" ] || fail "no scenes are installed"
 [ -f "$work/usr/share/man/man3/tesk_client.3" ] || fail "tesk_client(3) is not installed"

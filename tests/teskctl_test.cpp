@@ -190,6 +190,15 @@ TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
     expect_in("\x1b", 24, "of 500");
     expect_in("", 5, "rows 1-1 of 500");
     expect_in("?", 24, "g         read the grades");
+    expect_in("\x1bs", 24, "500 ports, worst first"); /* of this page, not of the one before */
+    view.name({{7, "eth7"}, {77, "eth77"}});
+    expect_in("/eth7\r", 24, "\n>7     eth7 ");
+    expect_in("/7\r", 24, "\n>77    eth77 ");
+    take_loss(*view.port(77));
+    expect_in("", 24, "eth77 gone ");
+    view.remove(77);
+    view.show(status_of(77));
+    EXPECT_EQ(view.port(77), nullptr);
     EXPECT_EQ(view.press({key_code::letter, 'q'}), top_view::action::quit);
 }
 
@@ -293,6 +302,9 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("--json sfp 7", 0, {"\"module\":\"not ready\""});
     expect("--timeout 9 statsu 0", 2, {"did you mean 'status'"});
     expect("status 12", 0, {"\n12    not operational, no module\n"});
+    expect("status 7", 0, {"\n7     not operational, module not ready, "});
+    expect("--json ports --status 7", 0, {"\"module\":\"not ready\""});
+    expect("watch --status 12 --count 1", 0, {"not operational, no module\n"});
     expect("ports", 0, {"\n0     optical", "\n15    no module"});
     expect("ports --numbers", 0, {"\n14\n15\n"});
     expect("pm all | grep -c ^port", 0, {"16\n"});
@@ -360,6 +372,25 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     expect("history actions", 0, {"sfp info unsubscribed", "port status unsubscribed"});
 }
 
+TEST_F(teskctl_system, top_follows_the_ports_of_a_server_that_comes_back)
+{
+    server.emplace();
+    const pid_t top = start({"top", "all", "--json", "--interval", "0.1"});
+    await("\"event\":\"pm\",\"port\":11,");
+    for (const auto &[count, text] :
+         {std::pair{4, "\"event\":\"rejected\",\"request\":\"pm\",\"port\":15,"},
+          std::pair{20, "\"event\":\"sfp\",\"port\":19,"}}) {
+        const std::string board = directory.path + "/board";
+        testkit::run("printf 'ports " + std::to_string(count) + "\\n' >" + board, output);
+        server.reset();
+        server.emplace(strings{"DOLM_RIC_BOARD=" + board});
+        await(text);
+    }
+    testkit::run(TESK_BIN_DIR "/teskboard wait 0-19 --subscribed link", output);
+    kill(top, SIGINT);
+    EXPECT_EQ(testkit::wait_for_end(top), 1); /* for the ports that were rejected */
+}
+
 TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
 {
     server.emplace();
@@ -381,7 +412,7 @@ TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
     run("pm all; " TESK_BIN_DIR "/teskctl ports; " TESK_BIN_DIR "/teskctl --json history");
     expect("history", 0, {"TIME  PORT  WHAT\n"});
     run("status 0; " TESK_BIN_DIR "/teskctl sfp 0; " TESK_BIN_DIR "/teskctl ports --status 0");
-    expect("--json history actions | grep -c action", 0, {"6\n"});
+    expect("--json history actions | grep -c action", 0, {"10\n"});
 }
 
 TEST_F(teskctl_system, ports_are_named_by_the_port_map)

@@ -53,14 +53,18 @@ static json_object speed_or_null(uint32_t tenths)
     return value_or_null(tenths != 0, tenths / 10.0);
 }
 
+/* One word for a module's state in all records. */
+static const char *module_word(uint32_t type)
+{
+    return type == module_not_ready ? "not ready"
+                                    : tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, type);
+}
+
 json_object to_json(const tesk_client_sfp_info &info)
 {
-    const char *module = info.type == module_not_ready
-                             ? "not ready"
-                             : tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, info.type);
     return {{"event", "sfp"},
             {"port", info.port_no},
-            {"module", module},
+            {"module", module_word(info.type)},
             {"speed_gbps", speed_or_null(info.speed)},
             {"vendor", all_bytes(info.vendor_name)},
             {"part", all_bytes(info.vendor_pn)},
@@ -77,7 +81,7 @@ json_object to_json(const tesk_client_port_status &status)
             {"port", status.port_no},
             {"link", tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link)},
             {"speed_gbps", speed_or_null(status.link_speed)},
-            {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, status.sfp_type)},
+            {"module", module_word(status.sfp_type)},
             {"levels", levels_to_json(status.level)},
             {"environment", tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, status.environment)}};
 }
@@ -87,7 +91,7 @@ json_object to_json(const tesk_client_pm &pm)
     json_object object = {
         {"event", "pm"},
         {"port", pm.port_no},
-        {"module", tesk_client_text(TESK_CLIENT_TEXT_SFP_TYPE, pm.sfp_type)},
+        {"module", module_word(pm.sfp_type)},
         {"tx_power_mw", value_or_null(pm.has_tx_power, pm.tx_power / 1000.0)},
         {"tx_power_dbm", dbm_or_null(pm.has_tx_power, pm.tx_power)},
         {"rx_power_mw", value_or_null(pm.has_rx_power, pm.rx_power / 1000.0)},

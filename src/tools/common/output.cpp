@@ -5,23 +5,36 @@
 
 #include "tools/common/exit_code.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+
+/* errno of the first failed write. */
+static int first_error;
+
+static void note(bool is_done)
+{
+    if (!is_done && first_error == 0)
+        first_error = errno;
+}
 
 void write_text(const std::string &text)
 {
-    std::fwrite(text.data(), 1, text.size(), stdout);
+    note(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
 }
 
 void write_now(const std::string &text)
 {
     write_text(text);
-    std::fflush(stdout);
+    note(std::fflush(stdout) == 0);
 }
 
 void check_output()
 {
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-        throw tool_error(exit_code::no_output, "output could not be written: is the disk full?");
+    note(std::fflush(stdout) == 0);
+    if (first_error != 0 || std::ferror(stdout) != 0)
+        throw tool_error(exit_code::no_output,
+                         std::string("output could not be written: ") + std::strerror(first_error));
 }
 
 void complain(const char *tool, const std::string &text)

@@ -38,6 +38,12 @@ const char *module_text(uint32_t type)
     }
 }
 
+std::string module_phrase(uint32_t type)
+{
+    const bool is_phrase = type == TESK_CLIENT_SFP_NOT_PRESENT || type == module_not_ready;
+    return is_phrase ? module_text(type) : fmt::format("module {}", module_text(type));
+}
+
 std::string describe(const tesk_client_sfp_info &info)
 {
     std::string text = module_text(info.type);
@@ -116,7 +122,7 @@ std::string describe(const tesk_client_port_status &status)
         tesk_client_text(TESK_CLIENT_TEXT_LINK, status.link) + speed_text(status);
     if (status.sfp_type == TESK_CLIENT_SFP_NOT_PRESENT)
         return fmt::format("{}, {}", link, module_text(status.sfp_type));
-    return fmt::format("{}, module {}, environment {}; {}", link, module_text(status.sfp_type),
+    return fmt::format("{}, {}, environment {}; {}", link, module_phrase(status.sfp_type),
                        tesk_client_text(TESK_CLIENT_TEXT_ENVIRONMENT, status.environment),
                        describe_levels(status.level));
 }

@@ -10,6 +10,8 @@
    or module_not_ready. */
 inline constexpr uint32_t module_not_ready = 0x100; /* of no enumeration of the server */
 const char *module_text(uint32_t type);
+/* Within a sentence: "module optical", "no module", "module not ready". */
+std::string module_phrase(uint32_t type);
 
 /* The kind and the texts of the module. */
 std::string describe(const tesk_client_sfp_info &info);

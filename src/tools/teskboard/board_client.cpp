@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 namespace teskboard
 {
@@ -54,7 +55,9 @@ board_client::board_client(const std::string &path)
     : socket_(util::connect_to(path, SOCK_SEQPACKET))
 {
     if (!socket_.is_open() && errno == ENAMETOOLONG)
-        throw tool_error(exit_code::usage, fmt::format("{}: too long for a socket", path));
+        throw tool_error(exit_code::usage,
+                         fmt::format("{}: the path of a socket has at most {} bytes", path,
+                                     sizeof(sockaddr_un::sun_path) - 1));
     if (!socket_.is_open())
         throw tool_error(exit_code::no_server, what_to_do(errno, path));
 }
@@ -63,7 +66,7 @@ answer board_client::ask(const std::string &request, std::chrono::duration<doubl
 {
     if (send(socket_.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0)
         throw tool_error(exit_code::no_server,
-                         fmt::format("the board is gone: {}", std::strerror(errno)));
+                         fmt::format("the board takes no request: {}", std::strerror(errno)));
     /* The answer comes in one packet, so that one wait is enough. */
     pollfd readable = {.fd = socket_.get(), .events = POLLIN, .revents = 0};
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(deadline).count();
@@ -74,7 +77,8 @@ answer board_client::ask(const std::string &request, std::chrono::duration<doubl
     std::string text(DOLM_RIC_BOARD_PACKET_MAX, '\0');
     const ssize_t length = recv(socket_.get(), text.data(), text.size(), 0);
     if (length <= 0)
-        throw tool_error(exit_code::no_server, "the board is gone: has tesk-server ended?");
+        throw tool_error(exit_code::no_server,
+                         "the board has closed the connection: tesk-server has probably ended");
     text.resize(static_cast<size_t>(length));
     if (text.starts_with("error "))
         throw tool_error(exit_code::rejected, text.substr(6));

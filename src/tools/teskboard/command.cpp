@@ -359,7 +359,9 @@ class command_parser
                                board::operation_name(board::parse_operation(given_.operation)),
                                given_.count.empty() ? "1" : given_.count);
         if (given_.ports.empty())
-            throw board::board_error("wait: subscriptions of which ports?");
+            throw board::board_error(given_.subscribed.empty()
+                                         ? "wait --unsubscribed needs PORTS, such as 0-3"
+                                         : "wait --subscribed needs PORTS, such as 0-3");
         const bool wanted = !given_.subscribed.empty();
         return fmt::format("wait {} {} {}", wanted ? "subscribed" : "unsubscribed", ports(),
                            wanted ? given_.subscribed : given_.unsubscribed);

@@ -33,7 +33,7 @@ static bool is_measure(const field &known)
 }
 
 /* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
-static constexpr auto table_row = "{:>4}  {:<14} {:<8}{:<6}{:<7}{:>9} {:>8} {:>8}  {:<17}{}\n";
+static constexpr auto table_row = "{:>4}  {:<14} {:<7} {:<5} {:<6} {:>9} {:>8} {:>8}  {:<16} {}\n";
 
 /* Decimal or 0x. Not checked: the board wrote it. */
 static int64_t number_of(std::string_view text)

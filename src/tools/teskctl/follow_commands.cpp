@@ -8,6 +8,7 @@
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
+#include "tools/teskctl/status_check.h"
 
 #include <algorithm>
 #include <cmath>
@@ -186,8 +187,13 @@ exit_code run_watch(const settings &common, const watch_options &options)
             report.show(record);
         }
     };
-    session server(loop, common, {show, show, [&](const auto &event) { report.show(event); }},
+    status_check statuses(show);
+    session *connected = nullptr; /* called back only inside of its calls */
+    session server(loop, common,
+                   {show, [&](const auto &status) { statuses.take(*connected, status); },
+                    [&](const auto &event) { report.show(event); }},
                    true);
+    connected = &server;
 
     const auto ports_of = [&](const ports_text &text) {
         return text.empty() ? std::vector<uint32_t>() : select_ports(loop, server, text);

@@ -128,8 +128,8 @@ class command_line
         add_ports(ports, "PORTS", listed_.ports, "Only these ports");
         ports->add_flag(
             "--status", listed_.has_status,
-            "Add link and worst grade; leaves two records for each port in the server's "
-            "history of 30 actions");
+            "Add link, worst grade and whether the module is ready; leaves two to four records for "
+            "each port in the server's history of 30 actions");
         ports->add_flag("--numbers", listed_.numbers_only, "Write the numbers only, for scripts");
         ports->add_flag("--names", listed_.names_only, "Write the interface names only");
         add_port_command("sfp", "Show the modules in ports", run_sfp);

@@ -64,6 +64,23 @@ std::vector<port_request> subscribe_all(event_loop &loop, session &server,
     return held;
 }
 
+void read_infos(const settings &common, event_loop &loop, session &server,
+                const std::vector<uint32_t> &ports,
+                const std::map<uint32_t, tesk_client_sfp_info> &infos,
+                const session::answered &failed)
+{
+    const size_t wanted =
+        infos.size() + subscribe_all(loop, server,
+                                     requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, ports),
+                                     failed)
+                           .size();
+    const steady_time end =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(common.timeout_ms);
+    while (infos.size() < wanted && std::chrono::steady_clock::now() < end &&
+           loop.wait(server, end) != event_loop::wake::signal) {
+    }
+}
+
 std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer)
 {
     if (answer.pm != nullptr)

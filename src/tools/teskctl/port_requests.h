@@ -4,6 +4,7 @@
 
 #include "tools/teskctl/event_loop.h"
 
+#include <map>
 #include <vector>
 
 /* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made
@@ -29,6 +30,14 @@ void request_all(event_loop &loop, session &server, const std::vector<port_reque
 std::vector<port_request> subscribe_all(event_loop &loop, session &server,
                                         const std::vector<port_request> &wanted,
                                         const session::answered &failed);
+
+/* Subscribes to the SFP info of these ports and waits for the first indications, which the
+   session's handler puts into `infos`, as long as for an answer. Those with a module that the SFP
+   info doesn't have are not ready. `failed` is called for the others. */
+void read_infos(const settings &common, event_loop &loop, session &server,
+                const std::vector<uint32_t> &ports,
+                const std::map<uint32_t, tesk_client_sfp_info> &infos,
+                const session::answered &failed);
 
 /* The measured values that an answer brings: for a port without a module a record without values,
    nothing if the request failed. */

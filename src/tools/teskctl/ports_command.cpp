@@ -142,7 +142,10 @@ exit_code run_ports(const settings &common, const ports_options &options)
         received += known ? 0 : 1;
         known = status;
     };
-    session server(loop, common, {{}, take_status, {}}, false);
+    std::map<uint32_t, tesk_client_sfp_info> infos;
+    session server(
+        loop, common,
+        {[&](const auto &info) { infos.try_emplace(info.port_no, info); }, take_status, {}}, false);
     const auto ports = select_ports(loop, server, options.ports);
     request_all(loop, server, requests_for(TESK_CLIENT_REQUEST_PM, ports),
                 [&](const tesk_client_answer &answer) {
@@ -151,8 +154,18 @@ exit_code run_ports(const settings &common, const ports_options &options)
                     else
                         report.failed(answer);
                 });
-    if (options.has_status)
+    if (options.has_status) {
         read_status(common, loop, server, report, lines, received);
+        std::vector<uint32_t> with_module;
+        for (const auto &[port_no, line] : lines)
+            if (line.pm && line.pm->sfp_type != TESK_CLIENT_SFP_NOT_PRESENT)
+                with_module.push_back(port_no);
+        read_infos(common, loop, server, with_module, infos,
+                   [&](const auto &answer) { report.failed(answer); });
+        for (const auto &[port_no, info] : infos)
+            if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
+                lines[port_no].pm->sfp_type = module_not_ready;
+    }
     const auto names = port_names();
     for (const auto &[port_no, line] : lines)
         if (common.json)

@@ -102,7 +102,9 @@ static void await_indications(const settings &common, event_loop &loop, const se
     }
     if (received.size() < expected)
         throw tool_error(exit_code::no_answer,
-                         "the server confirmed, but sent no indication in time");
+                         fmt::format("the server confirmed, but sent no indication within {:g} s: "
+                                     "--timeout gives it longer",
+                                     common.timeout_ms / 1e3));
 }
 
 template <typename record_type>
@@ -156,22 +158,32 @@ exit_code run_status(const settings &common, const ports_text &ports)
     event_loop loop;
     reporter report(common);
     std::map<uint32_t, tesk_client_port_status> statuses;
-    session server(
-        loop, common,
-        {{}, [&](const auto &status) { statuses.try_emplace(status.port_no, status); }, {}}, false);
+    std::map<uint32_t, tesk_client_sfp_info> infos;
+    session server(loop, common,
+                   {[&](const auto &info) { infos.try_emplace(info.port_no, info); },
+                    [&](const auto &status) { statuses.try_emplace(status.port_no, status); },
+                    {}},
+                   false);
     const auto held = subscribe_all(
         loop, server,
         requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, select_ports(loop, server, ports)),
         [&](const auto &answer) { report.failed(answer); });
     await_indications(common, loop, server, statuses, held.size());
-    std::vector<uint32_t> known;
+    std::vector<uint32_t> known, with_module;
     known.reserve(statuses.size());
     for (const auto &[port_no, status] : statuses)
         known.push_back(port_no);
     request_all(loop, server, pm_requests(known), [&](const tesk_client_answer &answer) {
         if (answer.rejection == TESK_CLIENT_REJECTION_NO_MODULE)
             statuses[answer.port_no].sfp_type = TESK_CLIENT_SFP_NOT_PRESENT;
+        else if (answer.pm != nullptr)
+            with_module.push_back(answer.port_no);
     });
+    read_infos(common, loop, server, with_module, infos,
+               [&](const auto &answer) { report.failed(answer); });
+    for (const auto &[port_no, info] : infos)
+        if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
+            statuses[port_no].sfp_type = module_not_ready;
     show_all(common, report, "STATUS", statuses);
     return report.code();
 }

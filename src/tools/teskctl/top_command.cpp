@@ -14,6 +14,7 @@
 #include "tools/teskctl/kept_subscriptions.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/screen.h"
+#include "tools/teskctl/status_check.h"
 #include "tools/teskctl/top_view.h"
 
 #include <algorithm>
@@ -40,7 +41,7 @@ class top
           session_(loop_, common,
                    {[this](const auto &info) { take_record(info); },
                     [this](const auto &status) {
-                        take_record(status);
+                        statuses_.take(session_, status);
                         read_value(status.port_no); /* for the values that were graded */
                     },
                     [this](const auto &event) { take_event(event); }},
@@ -278,6 +279,7 @@ class top
     bool is_restored_ = false; /* the server came back, perhaps with other ports */
     std::optional<steady_time> end_;
     event_loop loop_;
+    status_check statuses_{[this](const auto &status) { take_record(status); }};
     kept_subscriptions subscriptions_{session_};
     session session_; /* the last, so that it closes before what its callbacks use */
 };

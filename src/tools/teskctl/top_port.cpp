@@ -16,7 +16,7 @@ static std::string difference(const tesk_client_port_status &before,
     if (before.link != now.link || before.link_speed != now.link_speed)
         parts.push_back("link " + link_text(now));
     if (before.sfp_type != now.sfp_type)
-        parts.push_back(fmt::format("module {}", module_text(now.sfp_type)));
+        parts.push_back(module_phrase(now.sfp_type));
     for (uint32_t i = 0; i < TESK_CLIENT_MEASUREMENTS; i++)
         if (before.level[i] != now.level[i])
             parts.push_back(fmt::format("{} {}", tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, i),
