@@ -75,7 +75,8 @@ TEST(sfp_values, external_calibration)
     put_sum(fourth.a2, 0, 95);
     EXPECT_NEAR(contents_of(fourth).rx_power.lanes[0].value, 51.5, 1e-5);
 
-    /* C1 of -0.5, -2, 2^23, infinity and NaN: a little below 0 is 0, and no receiver stands 0.1 W. */
+    /* C1 of -0.5, -2, 2^23, infinity and NaN: a little below 0 is 0, and no receiver stands 0.1 W.
+     */
     const std::pair<int, double> ends[] = {
         {0xbf00, 0}, {0xc000, -1}, {0x4b00, -1}, {0x7f80, -1}, {0x7fc0, -1}};
     for (const auto &[upper, expected] : ends) {
@@ -182,8 +183,9 @@ TEST(refused, memories_that_can_not_be_true)
         {a0, 25, 25, '!', unready}, {a0, 70, 70, '!', unready}, {a0, 0, 255, 0xff, unready},
         {a0, 0, 255, 0, unready},   {a0, 1, 255, 0, unready},   {a0, 0, 0, 6, unready},
         {a2, 0, 255, 0, silent},    {a2, 0, 255, 0xff, silent}, {a2, 96, 255, 0xff, silent},
-        {a2, 110, 110, 1, silent},  {a2, 96, 103, 0, silent},  {a0, 92, 92, 0, unable},    {a0, 92, 92, 0x6c, unable},
-        {a0, 92, 92, 0x78, sound},  {a2, 95, 95, 0xee, raw},    {a2, 0, 95, 0, raw}};
+        {a2, 110, 110, 1, silent},  {a2, 96, 103, 0, silent},   {a0, 92, 92, 0, unable},
+        {a0, 92, 92, 0x6c, unable}, {a0, 92, 92, 0x78, sound},  {a2, 95, 95, 0xee, raw},
+        {a2, 0, 95, 0, raw}};
     for (const auto &[memory, first, last, byte, its] : cases)
         for (const bool is_external : {false, true}) {
             SCOPED_TRACE(std::to_string(first) + " to " + std::to_string(last) + " is " +
@@ -376,11 +378,11 @@ TEST(identity, copper_has_no_light)
 {
     /* A byte and its place, the connector; whether that is copper, and the connector reported. */
     const std::tuple<size_t, uint8_t, uint8_t, bool, uint8_t> cases[] = {
-        {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_RJ45}, /* passive cable */
-        {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_RJ45}, /* active cable */
+        {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_RJ45},   /* passive cable */
+        {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_RJ45},   /* active cable */
         {3, 0x00, 0x23, false, DOLM_SFP_CONNECTOR_OTHER}, /* nothing tells */
-        {8, 0x08, 0x23, false, DOLM_SFP_CONNECTOR_LC},  /* active optical cable */
-        {6, 0x08, 0x00, true, DOLM_SFP_CONNECTOR_RJ45}, /* 1000BASE-T */
+        {8, 0x08, 0x23, false, DOLM_SFP_CONNECTOR_LC},    /* active optical cable */
+        {6, 0x08, 0x00, true, DOLM_SFP_CONNECTOR_RJ45},   /* 1000BASE-T */
         {8, 0x00, 0x22, true, DOLM_SFP_CONNECTOR_RJ45},
         {36, 0x1c, 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* 10GBASE-T */
         {36, 0x0c, 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* 25GBASE-CR */

@@ -36,13 +36,13 @@ static std::string summary(const configured_port &port)
 
 TEST(port_config, understands_each_spelling_and_sorts)
 {
-    const port_config config =
-        parse_port_config("\xEF\xBB\xBF# all of them\n7 swp7\t# the last\r\n\n"
-                          "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"
-                          "1 0000:03:00.0/p1s2 i2c=12\n"
-                          "65534 sw/1/p2 poll=off\n4 a lanes=32\n5 b checksum=ignore lanes=2-3 i2c=4\n"
-                          "3 0000:03:00.0/",
-                          "ports");
+    const port_config config = parse_port_config(
+        "\xEF\xBB\xBF# all of them\n7 swp7\t# the last\r\n\n"
+        "  0\tenp1s0f0np0   module=/var/lib/a.bin\n"
+        "1 0000:03:00.0/p1s2 i2c=12\n"
+        "65534 sw/1/p2 poll=off\n4 a lanes=32\n5 b checksum=ignore lanes=2-3 i2c=4\n"
+        "3 0000:03:00.0/",
+        "ports");
     std::string summaries;
     for (const configured_port &port : config.ports)
         summaries += summary(port) + "\n";
@@ -57,7 +57,8 @@ TEST(port_config, a_wrong_line_costs_itself_only)
 {
     const std::pair<const char *, std::vector<std::string>> reasons[] = {
         {"a line is:", {"1", "1 a poll=off poll=off", "1 a i2c=1 checksum=ignore checksum=ignore"}},
-        {"lanes= takes", {"1 a lanes=0", "1 a lanes=3-2", "1 a lanes=33", "1 a lanes=1-", "1 a lanes="}},
+        {"lanes= takes",
+         {"1 a lanes=0", "1 a lanes=3-2", "1 a lanes=33", "1 a lanes=1-", "1 a lanes="}},
         {"number from 0 to 65534", {"-1 a", "65535 a", "4294967297 a", "0x1 a"}},
         {"\"poll=on\" is not one of", {"1 a poll=on"}},
         {"absolute path", {"1 a module=relative", "1 a module="}},

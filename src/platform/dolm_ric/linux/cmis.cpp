@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <optional>
 
 namespace linux_board
 {
@@ -34,6 +35,15 @@ enum measurement_types : uint8_t {
 
 /* Byte 85. The kind 4 is an active cable, of either medium. */
 enum media_kind : uint8_t { MULTI_MODE = 1, SINGLE_MODE = 2, PASSIVE_COPPER = 3, BASE_T = 5 };
+
+/* So many lanes of the host, from one of the lanes in `host_starts` (bit n: lane n) on, stand for
+   so many of light, from one in `media_starts` on. */
+struct application {
+    int host_lanes;
+    int media_lanes;
+    uint32_t host_starts;
+    uint32_t media_starts;
+};
 
 /* Of a data path. It sends while it is activated; it receives in the last four. The code 0 is that
    of modules that don't tell. */
@@ -272,41 +282,55 @@ static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_la
         add_lanes(lanes, rx_power_fields, bank, missing_lanes, power_steps, contents.rx_power);
 }
 
-/* The lanes of light, within the bank, that carry lane `lane` of the host. By the descriptor of the
-   application that the lane has, or else of the first one: so many lanes of the host, from one of
-   the first lanes in `host_starts` on, stand for so many of light, from the one in `media_starts`
-   on that has the same place. Where that is unknown each lane carries its own. */
+/* Of the descriptor with that code, from 1 on. Nothing where the module describes none. */
+static std::optional<application> find_application(const memory_view &applications,
+                                                   const memory_view &features, int code)
+{
+    constexpr int descriptors = 8;
+    const auto at = static_cast<size_t>(86 + 4 * (code - 1));
+    if (!applications.was_read() || code > descriptors || applications.u8(at) == 0xff)
+        return std::nullopt;
+    const application found = {.host_lanes = applications.u8(at + 2) >> 4,
+                               .media_lanes = applications.u8(at + 2) & 0x0f,
+                               .host_starts = applications.u8(at + 3),
+                               .media_starts = features.u8(175 + static_cast<size_t>(code))};
+    const bool makes_sense =
+        found.host_lanes != 0 && found.host_lanes <= lanes_of_bank && found.media_lanes != 0;
+    return makes_sense ? std::optional(found) : std::nullopt;
+}
+
+/* The first lane of light of a data path that begins with that lane of the host: in the same place
+   among the lanes where one may begin. */
+static int first_light(const application &its, int first_host)
+{
+    const int place = std::popcount(its.host_starts & ((1u << first_host) - 1));
+    uint32_t starts = its.media_starts;
+    for (int skipped = 0; skipped < place; skipped++)
+        starts &= starts - 1;
+    return starts != 0 ? std::countr_zero(starts) : place * its.media_lanes;
+}
+
+/* The lanes of light, within the bank, that carry a lane of the host: its share of those of the
+   application that it has, or else of the first one. Where that is unknown each carries its own. */
 static uint32_t lanes_of_light(const memory_view &applications, const memory_view &features,
                                const memory_view &lanes, int lane)
 {
-    constexpr int descriptors = 8;
-    const int selected = lanes.u8(206 + static_cast<size_t>(lane)) >> 4;
-    const int code = selected == 0 ? 1 : selected;
-    if (!applications.was_read() || code > descriptors)
+    const int selected = lanes.u8(206 + static_cast<size_t>(lane));
+    const int code = selected >> 4;
+    const auto its = find_application(applications, features, std::max(code, 1));
+    if (!its)
         return 1u << lane;
-    const auto descriptor = static_cast<size_t>(86 + 4 * (code - 1));
-    const int host = applications.u8(descriptor + 2) >> 4;
-    const int media = applications.u8(descriptor + 2) & 0x0f;
-    if (applications.u8(descriptor) == 0xff || host == 0 || media == 0 || host > lanes_of_bank)
-        return 1u << lane;
-
-    const int first = selected == 0 ? lane / host * host
-                                    : lanes.u8(206 + static_cast<size_t>(lane)) >> 1 & 7;
-    const uint32_t host_starts = applications.u8(descriptor + 3);
-    int place = std::popcount(host_starts & ((1u << first) - 1));
-    int start = place * media;
-    uint32_t starts = features.u8(175 + static_cast<size_t>(code));
-    for (; place > 0; place--)
-        starts &= starts - 1;
-    if (starts != 0)
-        start = std::countr_zero(starts);
+    const int first = code == 0 ? lane / its->host_lanes * its->host_lanes : selected >> 1 & 7;
     const int offset = lane - first;
-    if (offset < 0 || offset >= host)
+    if (offset < 0 || offset >= its->host_lanes)
         return 1u << lane;
+    const int start = first_light(*its, first);
+    const int from = start + offset * its->media_lanes / its->host_lanes;
+    const int to = start + ((offset + 1) * its->media_lanes - 1) / its->host_lanes;
     uint32_t found = 0;
-    for (int at = offset * media / host; at <= ((offset + 1) * media - 1) / host; at++)
-        found |= 1u << (start + at);
-    return found & 0xff;
+    for (int light = from; light <= std::min(to, lanes_of_bank - 1); light++)
+        found |= 1u << light;
+    return found;
 }
 
 static path_state state_of_path(const memory_view &lanes, int lane)
@@ -403,7 +427,8 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
     }
     contents.diagnostics = diagnostics_state::available;
     contents.has_flags = !is_flat;
-    contents.has_average_power = are_features_known(features) && (features.u8(151) & AVERAGE_POWER) != 0;
+    contents.has_average_power =
+        are_features_known(features) && (features.u8(151) & AVERAGE_POWER) != 0;
     fill_state(state, features, contents);
     if (is_flat)
         return;

@@ -50,7 +50,8 @@ static void decode_layout(const module_layout &layout, const module_memory &memo
     contents.ready = layout.is_identity_right(identity);
     if (contents.ready) {
         layout.decode(memory, identity, contents);
-        contents.has_trusted_sum = memory.trusts_sums() && !layout.is_identity_right(identity.strict());
+        contents.has_trusted_sum =
+            memory.trusts_sums() && !layout.is_identity_right(identity.strict());
         if (contents.has_trusted_sum)
             contents.doubts.push_back("a checksum of the identity is wrong, and ignored");
     } else if (identity.was_read())
@@ -164,8 +165,8 @@ static dolm_ric_module_diag make_diag(const module_contents &from, uint32_t lane
         fill_words(grade(from.voltage, whole, sign::never_negative, true), DOLM_SFP_DIAGCAP_VOLTAGE,
                    diag.voltage_low_warn, diag.voltage_high_warn, diag.voltage_low_alarm,
                    diag.voltage_high_alarm, diag.voltage);
-    diag.diag_cap |= fill_words(light(from.tx_bias, from.tx_off_lanes), DOLM_SFP_DIAGCAP_TXBIAS, diag.txbias_low_warn,
-                                diag.txbias_high_warn, diag.txbias_low_alarm,
+    diag.diag_cap |= fill_words(light(from.tx_bias, from.tx_off_lanes), DOLM_SFP_DIAGCAP_TXBIAS,
+                                diag.txbias_low_warn, diag.txbias_high_warn, diag.txbias_low_alarm,
                                 diag.txbias_high_alarm, diag.txbias);
     diag.diag_cap |= fill_words(light(from.tx_power, from.tx_off_lanes), DOLM_SFP_DIAGCAP_TXPOWER,
                                 diag.txpower_low_warn, diag.txpower_high_warn,

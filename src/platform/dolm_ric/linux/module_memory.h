@@ -38,9 +38,9 @@ enum class reading_time : uint8_t {
 };
 
 /* An optional range that the module refuses (a NAK, a page that it lacks) is left out, the module
-   stays in use, and the range is tried again later. Any other range that can't be read makes the module "not ready". A range may
-   be read in pieces of an even length; a 16-bit value starts at an even offset and must not be
-   split. */
+   stays in use, and the range is tried again later. Any other range that can't be read makes the
+   module "not ready". A range may be read in pieces of an even length; a 16-bit value starts at an
+   even offset and must not be split. */
 struct reading_step {
     memory_range range;
     reading_time when;

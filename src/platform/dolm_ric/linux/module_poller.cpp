@@ -241,7 +241,8 @@ module_poller::task module_poller::make_task(polled &port) const
         return port.find_refused(s.range) != nullptr;
     };
     if (made.kind == task_kind::identity)
-        add_if([&](const reading_step &s) { return !port.memory.read_at(s.range) && !is_refused(s); });
+        add_if(
+            [&](const reading_step &s) { return !port.memory.read_at(s.range) && !is_refused(s); });
     else if (!in_use)
         add_if([](const reading_step &) { return true; });
     if (made.kind == task_kind::diagnostics)
@@ -250,9 +251,7 @@ module_poller::task module_poller::make_task(polled &port) const
                    !is_refused(s);
         });
     if (made.kind == task_kind::missing)
-        add_if([&](const reading_step &s) {
-            return made.ranges.empty() && port.due_of(s) <= now;
-        });
+        add_if([&](const reading_step &s) { return made.ranges.empty() && port.due_of(s) <= now; });
     if (in_use)
         add_if([](const reading_step &s) { return s.when == reading_time::presence; });
     return made;

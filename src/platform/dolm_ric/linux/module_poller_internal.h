@@ -40,7 +40,7 @@ struct refused_range {
 struct module_poller::polled {
     uint32_t number = 0;
     bool by_reader = true;
-    bool was_denied = false; /* the reader lacked the right to read it */
+    bool was_denied = false;    /* the reader lacked the right to read it */
     bool logs_failures = false; /* its driver does */
     int32_t interface = 0;
     stage where = stage::empty;
@@ -63,15 +63,16 @@ struct module_poller::polled {
     time_point diagnostics_at = {};
     time_point diagnostics_tried_at = {};
     time_point missing_due = time_point::max();
-    time_point identity_since = {};            /* when the present attempts to read it began */
+    time_point identity_since = {}; /* when the present attempts to read it began */
     std::optional<time_point> failing_since = {};
-    std::optional<time_point> lost_at = {};    /* a module that failed was given up */
+    std::optional<time_point> lost_at = {}; /* a module that failed was given up */
     time_point answered_at = {};
     time_point reported_at = {};
     std::optional<time_point> queued_at = {};
 
     refused_range *find_refused(const memory_range &range);
-    /* When a range of the plan is to be read that is missing, or was refused; never if it is there. */
+    /* When a range of the plan is to be read that is missing, or was refused; never if it is there.
+     */
     time_point due_of(const reading_step &step) const;
     bool was_lost_lately(time_point now) const
     {

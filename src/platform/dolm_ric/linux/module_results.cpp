@@ -159,9 +159,9 @@ void module_poller::use_module(polled &port, const module_contents &contents)
     set_presence(port, module_presence::ready);
 }
 
-/* A reading without values takes the place of none that has some: those get older, and are not given
-   out any more when they are too old. It is made again, since drivers give zeros for readings that
-   failed, and modules do while they measure. */
+/* A reading without values takes the place of none that has some: those get older, and are not
+   given out any more when they are too old. It is made again, since drivers give zeros for readings
+   that failed, and modules do while they measure. */
 void module_poller::publish(polled &port, const module_contents &contents)
 {
     const time_point now = now_();

@@ -70,44 +70,44 @@ compliance_meaning meaning_of_compliance(uint8_t extended_code)
         uint8_t last;
         compliance_meaning meaning;
     } codes[] = {
-        {0x01, 0x04, {250, 1000, medium::light}},         /* AOC, SR, LR, ER */
-        {0x05, 0x07, {0, 1000, medium::light}},           /* SR10, CWDM4, PSM4 */
-        {0x08, 0x08, {250, 1000, medium::copper}}, /* ACC */
-        {0x0b, 0x0d, {250, 1000, medium::copper}}, /* CR4, CR-S, CR-N */
-        {0x10, 0x12, {0, 400, medium::light}},            /* ER4, 4 x SR, PSM4 */
-        {0x16, 0x16, {100, 0, medium::copper}}, /* 10GBASE-T */
-        {0x17, 0x17, {0, 1000, medium::light}},           /* CLR4 */
-        {0x18, 0x18, {250, 1000, medium::light}},         /* AOC */
-        {0x19, 0x19, {250, 1000, medium::copper}}, /* ACC */
-        {0x1a, 0x1b, {0, 1000, medium::light}},           /* DWDM */
-        {0x1c, 0x1c, {100, 0, medium::copper}}, /* 10GBASE-T, 30 m */
-        {0x1d, 0x1d, {50, 0, medium::copper}}, /* 5GBASE-T */
-        {0x1e, 0x1e, {25, 0, medium::copper}}, /* 2.5GBASE-T */
-        {0x1f, 0x1f, {0, 400, medium::light}},            /* SWDM4 */
-        {0x20, 0x28, {0, 1000, medium::light}},           /* SWDM4, BiDi, 4WDM, DR, FR, LR, SR1 */
-        {0x29, 0x29, {1000, 4000, medium::light}},        /* SR1, SR4 */
-        {0x2a, 0x2b, {1000, 1000, medium::light}},        /* FR1, LR1 */
-        {0x2c, 0x2e, {0, 1000, medium::light}},           /* LR1-20, ER1-30, ER1-40 */
-        {0x2f, 0x2f, {1000, 1000, medium::light}},        /* LR1-20 */
-        {0x30, 0x30, {500, 2000, medium::copper}}, /* ACC */
-        {0x31, 0x31, {500, 2000, medium::light}},         /* AOC */
-        {0x32, 0x32, {500, 2000, medium::copper}}, /* ACC */
-        {0x33, 0x33, {500, 2000, medium::light}},         /* AOC */
-        {0x34, 0x35, {1000, 1000, medium::light}},        /* ER1-30, ER1-40 */
-        {0x36, 0x36, {1000, 4000, medium::light}},        /* VR1, VR4 */
-        {0x37, 0x37, {100, 0, medium::light}},            /* 10GBASE-BR */
-        {0x38, 0x38, {250, 0, medium::light}},            /* 25GBASE-BR */
-        {0x39, 0x39, {500, 0, medium::light}},            /* 50GBASE-BR */
-        {0x3a, 0x3a, {0, 1000, medium::light}},           /* VR1 */
+        {0x01, 0x04, {250, 1000, medium::light}},   /* AOC, SR, LR, ER */
+        {0x05, 0x07, {0, 1000, medium::light}},     /* SR10, CWDM4, PSM4 */
+        {0x08, 0x08, {250, 1000, medium::copper}},  /* ACC */
+        {0x0b, 0x0d, {250, 1000, medium::copper}},  /* CR4, CR-S, CR-N */
+        {0x10, 0x12, {0, 400, medium::light}},      /* ER4, 4 x SR, PSM4 */
+        {0x16, 0x16, {100, 0, medium::copper}},     /* 10GBASE-T */
+        {0x17, 0x17, {0, 1000, medium::light}},     /* CLR4 */
+        {0x18, 0x18, {250, 1000, medium::light}},   /* AOC */
+        {0x19, 0x19, {250, 1000, medium::copper}},  /* ACC */
+        {0x1a, 0x1b, {0, 1000, medium::light}},     /* DWDM */
+        {0x1c, 0x1c, {100, 0, medium::copper}},     /* 10GBASE-T, 30 m */
+        {0x1d, 0x1d, {50, 0, medium::copper}},      /* 5GBASE-T */
+        {0x1e, 0x1e, {25, 0, medium::copper}},      /* 2.5GBASE-T */
+        {0x1f, 0x1f, {0, 400, medium::light}},      /* SWDM4 */
+        {0x20, 0x28, {0, 1000, medium::light}},     /* SWDM4, BiDi, 4WDM, DR, FR, LR, SR1 */
+        {0x29, 0x29, {1000, 4000, medium::light}},  /* SR1, SR4 */
+        {0x2a, 0x2b, {1000, 1000, medium::light}},  /* FR1, LR1 */
+        {0x2c, 0x2e, {0, 1000, medium::light}},     /* LR1-20, ER1-30, ER1-40 */
+        {0x2f, 0x2f, {1000, 1000, medium::light}},  /* LR1-20 */
+        {0x30, 0x30, {500, 2000, medium::copper}},  /* ACC */
+        {0x31, 0x31, {500, 2000, medium::light}},   /* AOC */
+        {0x32, 0x32, {500, 2000, medium::copper}},  /* ACC */
+        {0x33, 0x33, {500, 2000, medium::light}},   /* AOC */
+        {0x34, 0x35, {1000, 1000, medium::light}},  /* ER1-30, ER1-40 */
+        {0x36, 0x36, {1000, 4000, medium::light}},  /* VR1, VR4 */
+        {0x37, 0x37, {100, 0, medium::light}},      /* 10GBASE-BR */
+        {0x38, 0x38, {250, 0, medium::light}},      /* 25GBASE-BR */
+        {0x39, 0x39, {500, 0, medium::light}},      /* 50GBASE-BR */
+        {0x3a, 0x3a, {0, 1000, medium::light}},     /* VR1 */
         {0x3f, 0x3f, {1000, 4000, medium::copper}}, /* CR1, CR4 */
-        {0x40, 0x40, {500, 2000, medium::copper}}, /* CR, CR4 */
-        {0x41, 0x42, {500, 2000, medium::light}},         /* SR, FR, SR4, DR4 */
-        {0x43, 0x44, {0, 2000, medium::light}},           /* FR4, PSM4 */
-        {0x45, 0x45, {500, 0, medium::light}},            /* LR */
-        {0x46, 0x46, {0, 2000, medium::light}},           /* LR4 */
-        {0x47, 0x49, {0, 4000, medium::light}},           /* DR4, FR4, LR4 */
-        {0x4a, 0x4a, {500, 0, medium::light}},            /* ER */
-        {0x4b, 0x4c, {0, 4000, medium::light}},           /* LR4, ZR */
+        {0x40, 0x40, {500, 2000, medium::copper}},  /* CR, CR4 */
+        {0x41, 0x42, {500, 2000, medium::light}},   /* SR, FR, SR4, DR4 */
+        {0x43, 0x44, {0, 2000, medium::light}},     /* FR4, PSM4 */
+        {0x45, 0x45, {500, 0, medium::light}},      /* LR */
+        {0x46, 0x46, {0, 2000, medium::light}},     /* LR4 */
+        {0x47, 0x49, {0, 4000, medium::light}},     /* DR4, FR4, LR4 */
+        {0x4a, 0x4a, {500, 0, medium::light}},      /* ER */
+        {0x4b, 0x4c, {0, 4000, medium::light}},     /* LR4, ZR */
     };
 
     for (const auto &row : codes)

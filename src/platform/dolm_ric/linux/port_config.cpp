@@ -4,13 +4,13 @@
 #include "platform/dolm_ric/linux/port_config.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <optional>
-#include <bit>
 #include <set>
 #include <span>
 #include <sys/stat.h>

@@ -35,7 +35,8 @@ struct configured_port {
     module_source source = module_source::interface;
     std::string file;
     uint32_t i2c_bus = 0;
-    uint32_t lanes = 0; /* bit n: lane n + 1; 0: all that the kernel's name for the port stands for */
+    uint32_t lanes =
+        0; /* bit n: lane n + 1; 0: all that the kernel's name for the port stands for */
     bool ignores_checksum = false;
 
     bool operator==(const configured_port &) const = default;

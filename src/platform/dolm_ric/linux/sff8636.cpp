@@ -99,8 +99,7 @@ static bool are_limits_wanted(const module_memory &memory)
 static bool are_limits_right(const memory_view &limits)
 {
     static constexpr size_t groups[] = {128, 144, 176, 184, 192};
-    return std::ranges::none_of(groups,
-                                [&](size_t at) { return are_blank(limits.bytes(at, 8)); });
+    return std::ranges::none_of(groups, [&](size_t at) { return are_blank(limits.bytes(at, 8)); });
 }
 
 /* Some drivers give nothing but zeros of an upper page where bit 2 of the third byte of what was
@@ -171,7 +170,8 @@ static void fill_module(const memory_view &values, module_contents &contents)
 {
     contents.diagnostics = diagnostics_state::available;
     if (values.u16(22) != 0)
-        contents.temperature.lanes = {{0, temperature_steps(values.s16(22)), flags_at(values, 6, 0)}};
+        contents.temperature.lanes = {
+            {0, temperature_steps(values.s16(22)), flags_at(values, 6, 0)}};
     contents.voltage.lanes = {{0, voltage_steps(values.u16(26)), flags_at(values, 7, 0)}};
 }
 
