@@ -110,6 +110,19 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     }
 }
 
+/* A board that writes a port map, and has no port in it, has none; numbers needn't be tried. */
+static void require_ports(const ports_text &ports)
+{
+    const bool is_all = ports.size() == 1 && ports.front() == "all";
+    const auto ignore = [](uint32_t, const char *, void *) {};
+    if (is_all && port_names().empty() &&
+        tesk_client_read_port_map(nullptr, ignore, nullptr) == TESK_CLIENT_OK)
+        throw tool_error(exit_code::rejected,
+                         "the server has no port, as its port map says; \"journalctl -u "
+                         "tesk-server\" has a line that begins with \"there is no port\" and says "
+                         "what was looked for");
+}
+
 /* The numbers alone, without a request where there is a port map. */
 static exit_code write_numbers(const settings &common, const ports_text &ports)
 {
@@ -119,6 +132,7 @@ static exit_code write_numbers(const settings &common, const ports_text &ports)
         text += std::to_string(port_no) + "\n";
     if (text.empty()) {
         session server(loop, common, {}, false);
+        require_ports(ports);
         for (const uint32_t port_no : select_ports(loop, server, ports))
             text += std::to_string(port_no) + "\n";
     }
@@ -140,6 +154,7 @@ exit_code run_ports(const settings &common, const ports_options &options)
         known = status;
     };
     session server(loop, common, {{}, take_status, {}}, false);
+    require_ports(options.ports);
     const auto ports = select_ports(loop, server, options.ports);
     request_all(loop, server, requests_for(TESK_CLIENT_REQUEST_PM, ports),
                 [&](const tesk_client_answer &answer) {
