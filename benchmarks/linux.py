@@ -5,14 +5,18 @@ ports against the simulated board. The real reader gets the requests of the idle
 answers that there is no module, so the share leaves out what a driver and a bus add."""
 import ctypes
 import fcntl
+import json
+import multiprocessing
 import os
 import pathlib
+import random
 import select
 import signal
 import socket
 import struct
 import subprocess
 import sys
+import threading
 import time
 
 from exporter import cpu_ms
@@ -27,6 +31,7 @@ MODULE = ROOT / "examples/modules/sfp-10g-sr.bin"
 CLONE_NEWNET, CLONE_NEWUSER = 0x40000000, 0x10000000
 TUNSETIFF, TUNSETCARRIER = 0x400454CA, 0x400454E2
 IFF_TAP, IFF_NO_PI = 2, 0x1000
+IFF_UP, SIOCSIFFLAGS = 1, 0x8914
 LATE = 1.2  # seconds; the kernel reports a fall so late if it has just reported another one
 QUIET = 0.4  # seconds without a line, after which none will come any more
 MOST_ROUNDS = 3
@@ -94,7 +99,9 @@ def measure_linux(bench):
     enter_own_network()
     links(bench)
     slow_module(bench)
-    idle(bench)
+    names = add_pairs()
+    idle(bench, names)
+    storm(bench, names)
 
 
 def next_line(listener, patience):
@@ -196,14 +203,19 @@ def output_of(server, command):
                           stdout=subprocess.PIPE, check=True).stdout
 
 
-def idle(bench):
+def add_pairs():
+    """Returns the names of PORTS interfaces; each is up while its neighbour is started."""
+    names = [f"port{number}" for number in range(PORTS)]
+    run_ip(*(f"link add {a} type veth peer name {b}" for a, b in zip(names[::2], names[1::2])),
+           *(f"link set {name} up" for name in names))
+    return names
+
+
+def idle(bench, names):
     """Measures all boards over the same idle time. The bytes are those that modules would send."""
     launcher, seconds = bench.launcher, 10 if bench.quick else 20
-    pairs = [(f"idle{number}", f"idle{number + 1}") for number in range(0, PORTS, 2)]
-    run_ip(*(f"link add {a} type veth peer name {b}" for a, b in pairs),
-           *(f"link set {name} up" for pair in pairs for name in pair))
     simulated = Tesk(launcher, SERVER_CORE, ports=PORTS)
-    server = LinuxBoard(launcher, SERVER_CORE, interfaces=[name for pair in pairs for name in pair],
+    server = LinuxBoard(launcher, SERVER_CORE, interfaces=names,
                         reader=[BIN / "tesk-module-reader"])
     pids = {"simulated": simulated.processes[0].pid, "library": server.processes[0].pid,
             "reader": server.reader_pid}
@@ -228,3 +240,37 @@ def idle(bench):
               (read_after - read) / took)
     server.end()
     simulated.end()
+
+
+def flap_at_random(names):
+    """For ever. The kernel merges no message of such interfaces."""
+    control = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    while True:
+        name = random.choice(names).encode()
+        for flags in (0, IFF_UP):
+            fcntl.ioctl(control, SIOCSIFFLAGS, struct.pack("16sh14x", name, flags))
+
+
+def storm(bench, names):
+    """One client watches all ports, which flap at random, while another one asks."""
+    launcher = bench.launcher
+    server = LinuxBoard(launcher, SERVER_CORE, interfaces=names)
+    watch = launcher.run([BIN / "teskctl", "--json", "watch", "--status", "all"], SERVER_CORE,
+                         server.env)
+    for _ in names:
+        watch.process.stdout.readline()
+    threading.Thread(target=watch.process.stdout.read, daemon=True).start()
+    flapping = multiprocessing.Process(target=flap_at_random, args=(names,), daemon=True)
+    flapping.start()
+    time.sleep(1)
+    pings = subprocess.run(
+        [BIN / "teskctl", "--json", "--timeout", "20", "ping", "--count", "500", "--interval", "0.01"],
+        env={**os.environ, **server.env}, stdout=subprocess.PIPE, check=True)
+    flapping.kill()
+    flapping.join()
+    times = sorted(each["time_ms"] for each in map(json.loads, pings.stdout.splitlines())
+                   if "time_ms" in each)
+    bench.add("linux storm", f"{PORTS} watched ports flap: another client's request, p99", "ms",
+              "linux", times[len(times) * 99 // 100])
+    launcher.end(watch)
+    server.end()

@@ -250,6 +250,28 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     EXPECT_FALSE(table.next_settling());
 }
 
+TEST_F(link_table_test, a_number_keeps_its_interface_whatever_the_configuration_says)
+{
+    const auto change = [&](const char *name, bool is_same = false) {
+        return table.change(
+            4, [name](const link_report &report) { return report.name == name; }, is_same);
+    };
+    EXPECT_TRUE(change("any")) << "it had none yet";
+    EXPECT_TRUE(change("eth0"));
+    take(report(2, 0, 1));
+    EXPECT_FALSE(change("eth1"));
+    link_report renamed = report(2, 0, 1);
+    renamed.name = "wan";
+    take(renamed);
+    EXPECT_TRUE(change("eth0", true)) << "the line is as before, though the name isn't";
+    table.take_out(4, now);
+    EXPECT_EQ("di0", events.take());
+    EXPECT_EQ("", take(renamed)) << "out is out";
+    EXPECT_FALSE(change("eth1"));
+    EXPECT_TRUE(change("wan"));
+    EXPECT_EQ("i7u", take(renamed));
+}
+
 TEST_F(link_table_test, what_a_dump_lacks_is_gone_and_an_index_may_be_used_again)
 {
     take(report(2, 5, 6));

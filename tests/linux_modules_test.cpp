@@ -448,6 +448,27 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     EXPECT_EQ(0, poll(&waiting, 1, 0)) << "no third try at once";
 }
 
+TEST_F(linux_modules_test, a_reader_with_another_configuration_is_told_to_end)
+{
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends));
+    worker stopped;
+    reader_client client("fd:" + std::to_string(ends[0]), stopped.stop_fd());
+    client.expect(5);
+    constexpr reader_answer answer = {.error = 0, .interface = 0, .bytes = {4}};
+    for (int i = 0; i < 2; i++)
+        send(ends[1], &answer, sizeof(answer), 0);
+    piece wanted = {.port = 1, .range = {0x50, 0, 0, 0, 2}};
+    client.read({&wanted, 1});
+    EXPECT_EQ(ESTALE, wanted.error) << "as the bytes of another interface: nothing is known anew";
+    for (const uint8_t question : {READER_CONFIGURATION, READER_END}) {
+        reader_request asked = {};
+        EXPECT_EQ(ssize_t{sizeof(asked)}, recv(ends[1], &asked, sizeof(asked), 0));
+        EXPECT_EQ(question, asked.offset);
+    }
+    close(ends[1]);
+}
+
 TEST_F(linux_modules_test, ports_that_are_due_at_different_times_share_packets)
 {
     for (uint32_t port = 0; port < 512; port++) {

@@ -291,6 +291,37 @@ TEST_F(linux_server_test, a_module_in_a_file_is_inserted_replaced_and_removed)
     testkit::await_line(journal, "port 3: a checksum of the identity is wrong", from);
 }
 
+TEST_F(linux_server_test, a_replaced_configuration_adds_ports_and_moves_none)
+{
+    for (const char *pair : {"a", "b"}) {
+        const std::string name = pair;
+        net->add_pair(name + "0", name + "1");
+        net->start(name + "0");
+        net->start(name + "1");
+    }
+    start_server("0 a0\n");
+    subscribe(TESK_SUBSCRIBE_PORT_STATUS_REQ, 0);
+    EXPECT_EQ("2@100", next());
+    size_t from = 0;
+    const std::tuple<const char *, const char *, const char *> rows[] = {
+        {"0 a0\nwrong\n1 b0\n", ": 2 ports by ", "0\ta0\n1\tb0\n"},
+        {"1 a0\n0 b0\n2 b1\n", "port 1 was b0 and doesn't become a0", "2\tb1\n"},
+        {"# empty\n", " lists no port", "2\tb1\n"},
+        {"3 a0\n1 b0\n", ": 2 ports by ", "1\tb0\n3\ta0\n"}};
+    testkit::await_line(journal, ": 1 port by ", from);
+    for (const auto &[config, line, expected] : rows) {
+        std::ofstream(place.path + "/new") << config;
+        std::filesystem::rename(place.path + "/new", place.path + "/ports");
+        testkit::await_line(journal, line, from);
+        const auto end = std::chrono::steady_clock::now() + testkit::deadline;
+        while (testkit::read_file(map) != std::string("# tesk-ports 1\n") + expected)
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << expected;
+    }
+    EXPECT_EQ("1@0", next()) << "port 0 has been taken out";
+    subscribe(TESK_SUBSCRIBE_PORT_STATUS_REQ, 3);
+    EXPECT_EQ("2@100", next());
+}
+
 TEST_F(linux_server_test, clients_see_the_true_state_after_any_storm_of_flaps)
 {
     add_started_pair();

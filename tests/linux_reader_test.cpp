@@ -35,12 +35,14 @@ TEST(reader_requests_test, only_short_readings_of_a_modules_memory_are_made)
     static constexpr reader_request valid[] = {{1, 0x50, 0, 0, 0, 1, 0},
                                                {1, 0x51, 0, 0, 96, 32, 0},
                                                {1, 0x50, 1, 0x11, 224, 32, 0},
-                                               {1, 0x50, 0, 0, 127, 1, 0}};
+                                               {1, 0x50, 0, 0, 127, 1, 0},
+                                               {0, READER_ITSELF, 0, 0, READER_END, 8, 0}};
     static constexpr reader_request refused[] = {
         {1, 0x50, 0, 0, 0, 0, 0},    {1, 0x50, 0, 0, 0, 33, 0},  {1, 0x50, 0, 0, 127, 2, 0},
         {1, 0x50, 0, 0, 225, 32, 0}, {1, 0x50, 0, 1, 127, 1, 0}, {1, 0x50, 1, 0, 0, 1, 0},
         {1, 0x51, 0, 1, 128, 1, 0},  {1, 0x52, 0, 0, 0, 1, 0},   {1, 0x4f, 0, 0, 0, 1, 0},
-        {1, 0x50, 0, 0, 0, 1, 1},    {1, 0xd0, 0, 0, 0, 1, 0},   {1, 0x50, 0, 0, 255, 255, 0}};
+        {1, 0x50, 0, 0, 0, 1, 1},    {1, 0xd0, 0, 0, 0, 1, 0},   {1, 0x50, 0, 0, 255, 255, 0},
+        {1, 0, 0, 0, 0, 8, 0},       {0, 0, 0, 0, 2, 8, 0},      {0, 0, 0, 0, 0, 9, 0}};
     const auto expect_each = [](std::span<const reader_request> requests, int error) {
         for (const reader_request &one : requests) {
             const auto answers = answers_to({one}, sizeof(one));
@@ -88,7 +90,8 @@ struct reader_process_test : testing::Test {
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends));
         client = ends[0];
         process = testkit::start({program, "--fd", "3"},
-                                 {"DOLM_RIC_PORTS=" + config, "RUNTIME_DIRECTORY=" + place.path},
+                                 {"DOLM_RIC_PORTS=" + config, "RUNTIME_DIRECTORY=" + place.path,
+                                  "STATE_DIRECTORY=" + place.path},
                                  ends[1], log);
         close(ends[1]);
     }
@@ -155,19 +158,39 @@ TEST_F(reader_network_test, interfaces_are_handed_on_to_the_next_reader_of_the_s
     start_on_pair();
     EXPECT_EQ(EOPNOTSUPP, ask(0));
     net.rename("a0", "wan");
+    constexpr int asked = -1;
     const std::tuple<int, const char *, int> rows[] = {{SIGKILL, "0 a0\n", EOPNOTSUPP},
+                                                       {asked, "0 a0\n2 lo\n", EOPNOTSUPP},
                                                        {SIGTERM, "1 lo\n0 a0\n", EOPNOTSUPP},
                                                        {SIGKILL, "0 a2\n", ENODEV},
                                                        {SIGKILL, "0 a0\n", EOPNOTSUPP},
                                                        {0, "0 a0\n", ENODEV}};
     for (const auto &[ended_by, text, error] : rows) {
-        kill(process, ended_by);
+        constexpr reader_request end = {0, READER_ITSELF, 0, 0, READER_END, 8, 0};
+        if (ended_by == asked) {
+            EXPECT_EQ(0, ask_raw(&end, sizeof(end)));
+            EXPECT_EQ(0, testkit::wait_for_end(process)) << "though its client is still there";
+        } else {
+            kill(process, ended_by);
+        }
         close(client);
-        testkit::wait_for_end(process);
+        if (ended_by != asked)
+            testkit::wait_for_end(process);
         write_config(text);
         start_on_pair();
         EXPECT_EQ(error, ask(0)) << ended_by << text;
     }
+}
+
+TEST_F(reader_network_test, without_a_configuration_the_numbers_are_those_of_the_last_start)
+{
+    testkit::network net;
+    net.add_pair("a0", "a1");
+    std::ofstream(place.path + "/numbers") << "3 a0\n5 gone\n";
+    start_on_pair();
+    EXPECT_EQ(ENOENT, ask(0));
+    EXPECT_EQ(EOPNOTSUPP, ask(3)) << "an empty cage of some drivers is a port";
+    EXPECT_EQ(ENODEV, ask(5));
 }
 
 TEST_F(reader_network_test, a_configuration_that_others_can_write_gives_no_port)
@@ -218,5 +241,8 @@ TEST_F(reader_process_test, options_say_what_they_do_and_wrong_ones_are_refused)
                                    {"--nonsense", 2, "unrecognized option"},
                                    {"port", 2, "no argument port"},
                                    {"", 1, "there is no socket"},
+                                   {"--write-ports", 1, "is there already"},
                                    {"--print-ports", 0, "2 nowhere module=/m\n7 lo\n"}});
+    write_config("7\n");
+    testkit::expect_runs(program, {{"--print-ports", 1, "has no right line"}});
 }

@@ -110,6 +110,18 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     }
 }
 
+/* A board that writes a port map, and has no port in it, has none; numbers needn't be tried. */
+static void require_ports(const ports_text &ports)
+{
+    const auto ignore = [](uint32_t, const char *, void *) {};
+    if (is_all(ports) && has_port_map() && port_names().empty() &&
+        tesk_client_read_port_map(nullptr, ignore, nullptr) == TESK_CLIENT_OK)
+        throw tool_error(exit_code::rejected,
+                         "the server has no port, as its port map says; \"journalctl -u "
+                         "tesk-server\" has a line that begins with \"there is no port\" and says "
+                         "what was looked for");
+}
+
 /* The numbers or names alone, without a request where there is a port map. */
 static exit_code write_words(const settings &common, const ports_options &options)
 {
@@ -122,6 +134,7 @@ static exit_code write_words(const settings &common, const ports_options &option
     }
     if (known.empty() && options.numbers_only) {
         session server(loop, common, {}, false);
+        require_ports(options.ports);
         for (const uint32_t port_no : select_ports(loop, server, options.ports))
             text += std::to_string(port_no) + "\n";
     }
@@ -146,6 +159,7 @@ exit_code run_ports(const settings &common, const ports_options &options)
     session server(
         loop, common,
         {[&](const auto &info) { infos.try_emplace(info.port_no, info); }, take_status, {}}, false);
+    require_ports(options.ports);
     const auto ports = select_ports(loop, server, options.ports);
     request_all(loop, server, requests_for(TESK_CLIENT_REQUEST_PM, ports),
                 [&](const tesk_client_answer &answer) {

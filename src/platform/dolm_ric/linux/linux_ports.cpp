@@ -297,10 +297,13 @@ void linux_ports::link_changed(uint32_t number, const link_values &now)
 
 void linux_ports::link_known(uint32_t number, const link_values &now)
 {
+    bool is_other_state = false;
     {
         const auto guard = events_.lock();
-        ports_.at(number).link = now;
+        is_other_state = std::exchange(ports_.at(number).link, now).state != now.state;
     }
+    if (is_other_state)
+        modules_.link_changed(number);
     modules_.look_now(number);
 }
 
