@@ -154,8 +154,10 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     const uint32_t id = add_connection(m, std::move(parts));
     accepted.emplace_back(m.slot, id);
     later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
-    if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds))
+    if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds)) {
+        send_greeting(control, greeting_kind::refused, m.token);
         end_connection(m, id);
+    }
 }
 
 /* The other side of a greeting that is well. */
