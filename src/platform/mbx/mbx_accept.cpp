@@ -48,7 +48,7 @@ static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
 static constexpr auto time_to_answer = 1ms;
 static constexpr int ungreeted_at_most = 16; /* of one process */
-static constexpr int wordless_at_most = 20;     /* in a row, of one process */
+static constexpr int wordless_at_most = 20;  /* in a row, of one process */
 
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_account - what peers take of this process: connections, and the memory that the kernel charges
-   to this process for them. Any thread.
+/* mbx_account - what peers take of this process: connections, and the memory that the kernel
+   charges to this process for them. Any thread.
 
    There is an account for each process, which is part of its user's, which is part of the total. A
    connection has an entry there for as long as any of its memory can be charged to us: until the

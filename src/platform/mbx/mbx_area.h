@@ -85,8 +85,8 @@ class mapped_area
                 rest_ + static_cast<size_t>(side) * rest_span};
     }
     /* Its place in the accounts, which it holds as long as it exists; null for none. On the
-       accepting side (`is_ours`), whose first use of the pages has charged them to us, all are given
-       back in the end, whoever maps them. */
+       accepting side (`is_ours`), whose first use of the pages has charged them to us, all are
+       given back in the end, whoever maps them. */
     void hold(std::shared_ptr<entry> place, bool is_ours)
     {
         place_ = std::move(place);
