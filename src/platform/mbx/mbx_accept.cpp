@@ -25,7 +25,8 @@ namespace
 
 /* What a new connection is made of on this side, with the memory that the other maps, too. */
 struct offer {
-    owned_fd memory;
+    owned_fd memory; /* for the other side */
+    owned_fd own_memory;
     connection_parts parts;
 };
 
@@ -85,6 +86,19 @@ static bool is_old_wire(const newcomer &n, heard what)
     return what == heard::old_wire || (what == heard::end && ++times >= wordless_at_most);
 }
 
+/* The two sides get openings of their own, so that this one can find out whether the other's is
+   still in use. Without /proc it can't. */
+static void open_twice(offer &made)
+{
+    made.own_memory = reopen_memory(made.memory.get());
+    if (owned_fd theirs = reopen_memory(made.memory.get()); made.own_memory && theirs)
+        made.memory = std::move(theirs);
+    else
+        made.own_memory.reset();
+    const owned_fd &mapped = made.own_memory ? made.own_memory : made.memory;
+    made.parts.area = mapped_area::map(mapped.get());
+}
+
 /* Empty, with errno, when the system refuses a part. */
 static std::optional<offer> make_offer()
 {
@@ -93,7 +107,7 @@ static std::optional<offer> make_offer()
     made.parts.far_bell = make_bell();
     made.memory = make_area_memory();
     if (made.memory && made.parts.near_bell && made.parts.far_bell)
-        made.parts.area = mapped_area::map(made.memory.get());
+        open_twice(made);
     if (!made.parts.area)
         return {};
     return made;
@@ -135,6 +149,7 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     parts.control = std::move(n.control);
     parts.token = hello.token;
     parts.peer = n.peer;
+    place->memory = std::move(made->own_memory);
     parts.area->hold(std::move(place), true);
     const uint32_t id = add_connection(m, std::move(parts));
     accepted.emplace_back(m.slot, id);

@@ -58,7 +58,7 @@ void report_limits()
     if (!secure_getenv("MBX_CONNECTIONS") && !secure_getenv("MBX_HELD_MIB"))
         return;
     fprintf(stderr,
-            "%slibmbx: at most %zu connections (MBX_CONNECTIONS, and a fifth of the descriptors) "
+            "%slibmbx: at most %zu connections (MBX_CONNECTIONS, and a sixth of the descriptors) "
             "and %zu MiB for what is not received (MBX_HELD_MIB)\n",
             secure_getenv("JOURNAL_STREAM") ? "<5>" : "", connections_at_most(),
             held_at_most() >> 20);

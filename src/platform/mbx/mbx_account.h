@@ -4,8 +4,8 @@
 
    There is an account for each process, which is part of its user's, which is part of the total. A
    connection has an entry there for as long as any of its memory can be charged to us: until the
-   peer has closed its end or has at least read all that was sent to it with descriptors, and until
-   the pages are given back. The bytes of an entry are those of the backlog and of the rings' pages
+   peer has closed its end, has nothing of ours unread, and neither has the memory file open nor
+   mapped. The bytes of an entry are those of the backlog and of the rings' pages
    beyond the first one; the first page and the records of the connection come with its number.
 
    Connections cannot be taken back, so nobody may hold more than half of what is left: of the total
@@ -17,8 +17,10 @@
    the process that holds most, whatever a single connection holds.
 
    The environment sets both limits (not in a set-uid program): MBX_CONNECTIONS and MBX_HELD_MIB. A
-   fifth of our descriptors limits the connections as well. */
+   sixth of our descriptors limits the connections as well. */
 #pragma once
+
+#include "platform/mbx/mbx_fd.h"
 
 #include <array>
 #include <atomic>
@@ -29,8 +31,8 @@
 #include <mutex>
 #include <sys/types.h>
 
-/* Four descriptors for each connection, and some for everything else. */
-constexpr size_t fds_per_connection = 5;
+/* Five descriptors for each connection, and some for everything else. */
+constexpr size_t fds_per_connection = 6;
 
 /* For one receiver. */
 constexpr size_t held_for_one_at_most = size_t{8} << 20;
@@ -81,6 +83,9 @@ class entry
     ~entry();
     void count(held_kind kind, size_t bytes);
     holding weigh(bool is_late) const;
+
+    /* Of a connection that we have accepted: our own opening of its memory file. */
+    owned_fd memory;
 
   private:
     account *process_ = nullptr;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <bit>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -38,6 +39,27 @@ owned_fd make_area_memory()
     if (errno != EMFILE && errno != ENFILE && errno != ENOMEM)
         complain_about_memory(errno);
     return {};
+}
+
+owned_fd reopen_memory(int memory)
+{
+    char path[sizeof("/proc/self/fd/") + 3 * sizeof(memory)];
+    snprintf(path, sizeof(path), "/proc/self/fd/%d", memory);
+    owned_fd again(open(path, O_RDWR | O_CLOEXEC));
+    if (again)
+        fcntl(again.get(), F_SETSIG, SIGURG); /* see below */
+    return again;
+}
+
+/* The kernel grants a lease for writing while nobody else has the file open; a mapping counts as
+   the opening that it was made by. Who opens the file just now waits until the lease is given back,
+   and lets the kernel send a signal, which is one that does nothing by default. */
+bool is_open_elsewhere(int memory)
+{
+    if (fcntl(memory, F_SETLEASE, F_WRLCK) != 0)
+        return errno == EAGAIN;
+    fcntl(memory, F_SETLEASE, F_UNLCK);
+    return false;
 }
 
 /* A file of another kind could block at each access, or end below its size. Only files in memory

@@ -59,8 +59,10 @@ connection::~connection()
     if (!control)
         return;
     std::shared_ptr<entry> place = area->place();
+    if (is_peer_gone || !is_bell_own)
+        area.reset();
     if (is_bell_own)
-        part(std::move(control), is_peer_gone ? nullptr : area, std::move(place), peer);
+        part(std::move(control), std::move(area), std::move(place), peer);
     else
         hang_up(std::move(control), {}, peer, std::move(place));
 }
@@ -120,9 +122,7 @@ holding weigh(const connection &c, time_point now)
 {
     static constexpr auto time_to_read = std::chrono::milliseconds(100);
     const std::shared_ptr<entry> &place = c.area->place();
-    if (!place || c.held() == 0)
-        return {};
-    return place->weigh(now - c.read > time_to_read);
+    return place ? place->weigh(now - c.read > time_to_read) : holding{};
 }
 
 void set_monitor(connection &c, block *notice, uint32_t reference)

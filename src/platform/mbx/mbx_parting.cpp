@@ -13,6 +13,9 @@
 #include <utility>
 #include <vector>
 
+/* A client that ends closes all within this time. */
+static constexpr auto time_to_end = std::chrono::milliseconds(20);
+static constexpr auto time_to_look_soon = std::chrono::milliseconds(2);
 static constexpr auto time_to_look = std::chrono::milliseconds(250);
 static constexpr auto time_to_read = std::chrono::seconds(4); /* the ring */
 
@@ -34,6 +37,7 @@ std::mutex parting_lock;
 /* Guarded by parting_lock. */
 static std::vector<parted> all;
 static uint32_t last_number;
+static time_point next_look; /* at those that have ended at the peer */
 
 /* The area first, whose pages go back with it; then the place is free. */
 static void let_go(parted &&p)
@@ -44,13 +48,13 @@ static void let_go(parted &&p)
 
 /* Takes those out for which the question is answered with yes, and lets them go without the lock. */
 template <typename question>
-static void let_go_if(question &&is_over)
+static void let_go_if(question &&is_it)
 {
     std::vector<parted> over;
     {
         const std::lock_guard hold(parting_lock);
-        const auto first = std::partition(all.begin(), all.end(),
-                                          [&](const parted &p) { return !is_over(p); });
+        const auto first =
+            std::partition(all.begin(), all.end(), [&](parted &p) { return !is_it(p); });
         over.assign(std::make_move_iterator(first), std::make_move_iterator(all.end()));
         all.erase(first, all.end());
     }
@@ -65,11 +69,14 @@ static bool has_ended(const parted &p)
     return p.hung_up != time_point::max();
 }
 
-/* Of one that has ended at the peer. */
-static bool is_over(const parted &p, time_point now)
+/* Of one that has ended at the peer. Its pages go as soon as they may. */
+static bool is_over(parted &p, time_point now)
 {
-    const bool is_ring_read = !p.area || p.area->is_read() || now - p.hung_up > time_to_read;
-    return is_ring_read && !has_unread(p.control.get());
+    if (p.area && !p.area->is_read() && now - p.hung_up <= time_to_read)
+        return false;
+    p.area.reset();
+    return !has_unread(p.control.get()) &&
+           !(p.place && p.place->memory && is_open_elsewhere(p.place->memory.get()));
 }
 
 /* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
@@ -90,13 +97,13 @@ void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<e
 {
     shutdown(control.get(), SHUT_WR);
     parted p{0, std::move(control), std::move(area), std::move(place), peer};
-    if (!has_hung_up(p.control.get()) || p.area || has_unread(p.control.get())) {
+    {
         const std::lock_guard hold(parting_lock);
         if (keep(p))
             return;
-        if (p.area)
-            p.area->leave_to_peer();
     }
+    if (p.area)
+        p.area->leave_to_peer();
     let_go(std::move(p));
 }
 
@@ -118,22 +125,27 @@ static void handle_hang_up(uint32_t, uint32_t number)
         if (p == all.end())
             return;
         p->hung_up = now;
+        next_look = std::min(next_look, now + time_to_look_soon);
         helper_unwatch(p->control.get());
     }
-    let_go_if([&](const parted &p) { return p.number == number && is_over(p, now); });
+    let_go_if([&](parted &p) { return p.number == number && is_over(p, now); });
 }
 
 static time_point look_again(time_point now)
 {
-    static time_point next;
-    if (next <= now) {
-        next = now + time_to_look;
-        let_go_if([now](const parted &p) { return has_ended(p) && is_over(p, now); });
-    }
+    const bool is_time = next_look <= now;
+    if (is_time)
+        let_go_if([now](parted &p) { return has_ended(p) && is_over(p, now); });
     const std::lock_guard hold(parting_lock);
-    const bool is_needed =
-        std::any_of(all.begin(), all.end(), [](const parted &p) { return has_ended(p); });
-    return is_needed ? next : time_point::max();
+    time_point latest{}; /* of the ends at peers */
+    for (const parted &p : all)
+        if (has_ended(p))
+            latest = std::max(latest, p.hung_up);
+    if (latest == time_point{})
+        return time_point::max();
+    if (is_time)
+        next_look = now + (now - latest < time_to_end ? time_to_look_soon : time_to_look);
+    return next_look;
 }
 
 void set_up_parting()

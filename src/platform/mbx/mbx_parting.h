@@ -2,10 +2,11 @@
 /* mbx_parting - accepted connections that have ended here, until they have ended at the peer. Any
    thread; may be called with a mailbox's lock.
 
-   The kernel charges to us what the peer still has of a connection: the pages of the memory, the
-   descriptors of a welcome and the bytes that it has not read. So the entry in the accounts, and our
-   end of the control connection, are kept until the peer has closed its end and nothing of ours lies
-   unread in it. What its ring holds is kept for some seconds more: its library may notice the end
+   The kernel charges to us what the peer still has of a connection: the memory file with its pages,
+   the descriptors of a welcome and the bytes that it has not read. So the entry in the accounts, and
+   our end of the control connection, are kept until the peer has closed its end, nothing of ours
+   lies unread in it, and nobody else has the file. The pages are given back as soon as nobody can
+   be waiting for them, whoever still maps them. What its ring holds is kept for some seconds more: its library may notice the end
    before its owner has received all. */
 #pragma once
 

@@ -207,7 +207,7 @@ static bool shed_one()
         std::lock_guard hold(m.lock);
         m.connections.for_each([&](const connection &c) {
             const holding its = weigh(c, now);
-            if (its > most) {
+            if (its.own > 0 && its > most) {
                 most = its;
                 id = c.id;
                 owner = &m;
