@@ -48,7 +48,10 @@ static int blocked_signals()
     sigaddset(&set, SIGINT);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    const int fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd < 0)
+        throw std::system_error(errno, std::generic_category(), "signalfd");
+    return fd;
 }
 
 /* All parts in the order of their construction; they are destroyed in reverse order. */

@@ -1,13 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Three indexes accompany the list of clients, so that no lookup grows with the number of clients
-   or of their subscriptions: the client of a mailbox, the subscriber of a client, port and kind,
-   and the subscribers of a port and kind. The functions that change the list or a client's
-   subscriptions update them.
+/* Two indexes accompany the list of clients: the client of a mailbox, and the subscribers of a port
+   and kind. The functions that change the list or a client's subscriptions update them.
 
    A new client is inserted at the head of the list, and indications to several clients are sent in
-   the order of the list, newest client first. A port's list of subscribers has the same order,
-   whatever the order of the subscriptions: it is sorted by descending client_id, and client ids are
-   assigned in the order of the connections.
+   the order of the list, newest client first. The subscribers of a port and kind are an array,
+   sorted by client_id, which is assigned in the order of the connections: it is walked from its
+   end, and a client's subscription is found in it by bisection.
+
+   A subscription takes 24 to 48 bytes in arrays, which shrink, and no block of its own: what a
+   client held goes back to the system after its death.
 
    The client of a mailbox is found in a table of fixed size, so that adding a client allocates
    nothing but its record, and a lack of memory is a result. Subscribing has no such result.
@@ -21,6 +22,11 @@
 #include "tesk_server/tesk_trace.h"
 #include "tesk_server/tesk_types.h"
 
+#include <algorithm>
+#include <bit>
+#include <malloc.h>
+#include <span>
+
 static pthread_mutex_t client_mutex = PTHREAD_MUTEX_INITIALIZER;
 static tesk_client *client_head;
 static uint32_t next_client_id;
@@ -30,13 +36,14 @@ static uint32_t next_client_id;
 static constexpr uint32_t index_bits = 12;
 static tesk_client *clients_by_mailbox[1u << index_bits];
 
-/* A set of tesk_subscriber, equal by client and subscription; null before the first one. */
-static GHashTable *subscribers;
-
-/* The lists of subscribers. A page without a subscribed port is never touched, and takes no memory.
- */
+/* For each port the array of its subscribers, or null. The tables are made for the first
+   subscription; a page without a subscribed port is never touched, and takes no memory. */
 static constexpr uint32_t number_of_kinds = 2;
-static tesk_subscriber *port_subscribers[number_of_kinds][TESK_NUMBER_OF_PORTS];
+static GArray **port_subscribers[number_of_kinds];
+
+/* Subscriptions that were freed since memory was last given back to the system. */
+static uint32_t freed_subscriptions;
+static constexpr uint32_t many_freed = 8192;
 
 /* The start of the mailbox's chain. The multiplication spreads ids that differ in few bits. */
 static tesk_client **chain_of(uint32_t mbox)
@@ -71,63 +78,61 @@ static void remove_from_index(const tesk_client *client)
     *link = client->next_in_index;
 }
 
-static guint hash_subscriber(gconstpointer key)
+/* The array of a port and kind, or null; the port and kind are in range. */
+static GArray **array_of_port(uint32_t port_no, uint32_t kind)
 {
-    const auto *subscriber = static_cast<const tesk_subscriber *>(key);
-    const tesk_client_subscription &held = subscriber->subscription;
+    GArray **&table = port_subscribers[kind - 1];
 
-    return (subscriber->client->client_id * TESK_NUMBER_OF_PORTS + held.port_no) * 2 + held.kind;
+    if (table == nullptr)
+        table = g_new0(GArray *, TESK_NUMBER_OF_PORTS);
+    return &table[port_no];
 }
 
-static gboolean equal_subscribers(gconstpointer left, gconstpointer right)
+/* The place of the client's subscription in an array, or that where it is to be inserted. */
+static guint place_in(std::span<const tesk_subscriber> subscribers, const tesk_client *client)
 {
-    const auto *one = static_cast<const tesk_subscriber *>(left);
-    const auto *other = static_cast<const tesk_subscriber *>(right);
+    const auto found = std::ranges::lower_bound(
+        subscribers, client->client_id, {},
+        [](const tesk_subscriber &subscriber) { return subscriber.client->client_id; });
 
-    return one->client == other->client &&
-           one->subscription.port_no == other->subscription.port_no &&
-           one->subscription.kind == other->subscription.kind;
+    return static_cast<guint>(found - subscribers.begin());
 }
 
-/* A subscriber is its own key, so the lookup needs one with the wanted values. */
+/* Null if the client doesn't hold it. */
 static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
-    if (subscribers == nullptr)
-        return nullptr;
-    const tesk_subscriber sought = {.client = const_cast<tesk_client *>(client),
-                                    .subscription = {port_no, kind},
-                                    .index = 0,
-                                    .next = nullptr,
-                                    .prev_link = nullptr};
+    const auto subscribers = tesk_client_subscribers(port_no, kind);
+    const guint place = place_in(subscribers, client);
 
-    return static_cast<tesk_subscriber *>(g_hash_table_lookup(subscribers, &sought));
+    return place < subscribers.size() && subscribers[place].client == client
+               ? &g_array_index(*array_of_port(port_no, kind), tesk_subscriber, place)
+               : nullptr;
 }
 
-/* The head of a port's list; null for a port or kind out of range. Kinds start at 1: kind 0 wraps
-   around, so that one comparison covers both ends. */
-static tesk_subscriber **subscribers_of_port(uint32_t port_no, uint32_t kind)
+/* An array whose length has halved is moved to a block of that length: GArray never shrinks one. */
+static void shrink(GArray **array)
 {
-    if (port_no >= TESK_NUMBER_OF_PORTS || kind - 1 >= number_of_kinds)
-        return nullptr;
-    return &port_subscribers[kind - 1][port_no];
+    const guint count = (*array)->len;
+    GArray *shrunk = nullptr;
+
+    if (!std::has_single_bit(count) && count != 0)
+        return;
+    if (count != 0) {
+        shrunk = g_array_sized_new(FALSE, FALSE, sizeof(tesk_subscriber), count);
+        g_array_append_vals(shrunk, (*array)->data, count);
+    }
+    g_array_free(*array, TRUE);
+    *array = shrunk;
 }
 
-/* Inserts it behind the subscribers with newer clients. */
-static void link_subscriber(tesk_subscriber *subscriber)
+static void free_subscriber(const tesk_client *client, const tesk_client_subscription *held)
 {
-    const tesk_client_subscription &held = subscriber->subscription;
-    tesk_subscriber **link = subscribers_of_port(held.port_no, held.kind);
+    GArray **array = array_of_port(held->port_no, held->kind);
 
-    while (*link != nullptr && (*link)->client->client_id > subscriber->client->client_id)
-        link = &(*link)->next;
-    tesk_list_insert(link, subscriber);
-}
-
-static void free_subscriber(tesk_subscriber *subscriber)
-{
-    tesk_list_remove(subscriber);
-    g_hash_table_remove(subscribers, subscriber);
-    g_free(subscriber);
+    g_array_remove_index(*array,
+                         place_in(tesk_client_subscribers(held->port_no, held->kind), client));
+    shrink(array);
+    freed_subscriptions++;
 }
 
 static const tesk_client_subscription *subscription_at(const tesk_client *client, guint index)
@@ -140,11 +145,18 @@ static void free_subscriptions(tesk_client *client)
 {
     if (client->subscriptions == nullptr)
         return;
-    for (guint index = 0; index < client->subscriptions->len; index++) {
-        const tesk_client_subscription *held = subscription_at(client, index);
-        free_subscriber(find_subscriber(client, held->port_no, held->kind));
-    }
+    for (guint index = 0; index < client->subscriptions->len; index++)
+        free_subscriber(client, subscription_at(client, index));
     g_array_free(client->subscriptions, TRUE);
+}
+
+/* Blocks of clients that live on keep the C library from giving back what lies between them. */
+static void give_memory_back()
+{
+    if (freed_subscriptions < many_freed)
+        return;
+    freed_subscriptions = 0;
+    malloc_trim(0);
 }
 
 tesk_client *tesk_client_add(uint32_t mbox, uint32_t conn_ref)
@@ -179,6 +191,7 @@ void tesk_client_remove(tesk_client *client)
     free_subscriptions(client);
     free(client);
     tesk_mutex_unlock(&client_mutex);
+    give_memory_back();
 }
 
 tesk_client *tesk_client_find_by_sender(uint32_t mbox)
@@ -210,18 +223,18 @@ int32_t tesk_client_find_subscription(const tesk_client *client, uint32_t port_n
 
 void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_t kind)
 {
-    if (subscribers == nullptr)
-        subscribers = g_hash_table_new(hash_subscriber, equal_subscribers);
+    GArray **array = array_of_port(port_no, kind);
+
     if (client->subscriptions == nullptr)
         client->subscriptions = g_array_new(FALSE, FALSE, sizeof(tesk_client_subscription));
+    if (*array == nullptr)
+        *array = g_array_sized_new(FALSE, FALSE, sizeof(tesk_subscriber), 1);
 
-    auto *subscriber = g_new(tesk_subscriber, 1);
-    subscriber->client = client;
-    subscriber->subscription = {port_no, kind};
-    subscriber->index = client->subscriptions->len;
-    g_array_append_vals(client->subscriptions, &subscriber->subscription, 1);
-    g_hash_table_add(subscribers, subscriber);
-    link_subscriber(subscriber);
+    const tesk_client_subscription added = {port_no, kind};
+    const tesk_subscriber subscriber = {client, client->subscriptions->len};
+    g_array_append_vals(client->subscriptions, &added, 1);
+    g_array_insert_vals(*array, place_in(tesk_client_subscribers(port_no, kind), client),
+                        &subscriber, 1);
 }
 
 void tesk_client_remove_subscription(tesk_client *client, int32_t index)
@@ -229,7 +242,7 @@ void tesk_client_remove_subscription(tesk_client *client, int32_t index)
     const auto removed = static_cast<guint>(index);
     const tesk_client_subscription *held = subscription_at(client, removed);
 
-    free_subscriber(find_subscriber(client, held->port_no, held->kind));
+    free_subscriber(client, held);
     g_array_remove_index_fast(client->subscriptions, removed);
     /* The last subscription is here now: its subscriber needs the new index. */
     if (removed < client->subscriptions->len) {
@@ -238,19 +251,26 @@ void tesk_client_remove_subscription(tesk_client *client, int32_t index)
     }
 }
 
-const tesk_subscriber *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind)
+/* Kinds start at 1: kind 0 wraps around, so that one comparison covers both ends. */
+std::span<const tesk_subscriber> tesk_client_subscribers(uint32_t port_no, uint32_t kind)
 {
-    tesk_subscriber **head = subscribers_of_port(port_no, kind);
-
-    return head == nullptr ? nullptr : *head;
+    if (port_no >= TESK_NUMBER_OF_PORTS || kind - 1 >= number_of_kinds ||
+        port_subscribers[kind - 1] == nullptr)
+        return {};
+    const GArray *array = port_subscribers[kind - 1][port_no];
+    if (array == nullptr)
+        return {};
+    return {reinterpret_cast<const tesk_subscriber *>(array->data), array->len};
 }
 
 void tesk_client_data_reset()
 {
     tesk_mutex_lock(&client_mutex);
     next_client_id = 0;
-    if (subscribers != nullptr)
-        g_hash_table_destroy(subscribers);
-    subscribers = nullptr;
+    for (GArray **&table : port_subscribers) {
+        g_free(table);
+        table = nullptr;
+    }
+    freed_subscriptions = 0;
     tesk_mutex_unlock(&client_mutex);
 }

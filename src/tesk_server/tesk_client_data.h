@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <glib.h>
+#include <span>
 
 enum tesk_subscription_kind : uint32_t {
     TESK_SUBSCRIPTION_SFP_INFO = 1,
@@ -36,13 +37,10 @@ struct tesk_client {
     tesk_client *next_in_index; /* for the registry's own use */
 };
 
-/* A client's subscription as an element of the port's list of subscribers. */
+/* A client's subscription as an element of the port's array of subscribers. */
 struct tesk_subscriber {
     tesk_client *client;
-    tesk_client_subscription subscription;
     guint index; /* of the subscription in the client's array */
-    tesk_subscriber *next;
-    tesk_subscriber **prev_link;
 };
 
 /* Registers a new client at the head of the list, with the next client_id. Null when memory is
@@ -72,9 +70,9 @@ void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_
 /* Removes the subscription at `index`; the last one takes its place. */
 void tesk_client_remove_subscription(tesk_client *client, int32_t index);
 
-/* The subscriber of a port and kind whose client is the newest, whose `next` leads to the older
-   ones; null without subscribers, and for a port or kind out of range. */
-const tesk_subscriber *tesk_client_first_subscriber(uint32_t port_no, uint32_t kind);
+/* The subscribers of a port and kind, that with the newest client last; none for a port or kind out
+   of range. Valid until the next change of a subscription. */
+std::span<const tesk_subscriber> tesk_client_subscribers(uint32_t port_no, uint32_t kind);
 
 /* Called when no client is left: the next client_id is 0 again. */
 void tesk_client_data_reset();

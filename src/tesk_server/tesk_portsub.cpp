@@ -345,17 +345,10 @@ const char *tesk_sfp_presence_str(uint32_t presence)
     return presence < G_N_ELEMENTS(names) ? names[presence] : "UNSUPPORTED_SFP_PRESENCE";
 }
 
-/* With room for a record of every port, so that adding one needs no memory. The room is address
-   space only: pages without a record are never touched. */
-static GArray *make_table(guint record_size)
-{
-    return g_array_sized_new(FALSE, FALSE, record_size, TESK_NUMBER_OF_PORTS);
-}
-
 void tesk_portsub_init()
 {
-    port_status_table = make_table(sizeof(tesk_portsub_port_status));
-    sfp_info_table = make_table(sizeof(tesk_portsub_sfp_info));
+    port_status_table = g_array_new(FALSE, FALSE, sizeof(tesk_portsub_port_status));
+    sfp_info_table = g_array_new(FALSE, FALSE, sizeof(tesk_portsub_sfp_info));
 }
 
 void tesk_portsub_shutdown()

@@ -8,7 +8,7 @@
    by port. All other functions accept any number.
 
    Exhausted memory: without memory for its bucket a port status subscription fails as described
-   below; tesk_portsub_init ends the process in GLib; nothing else allocates. */
+   below; the tables end the process in GLib, as their arrays do when they grow. */
 #pragma once
 
 #include "tesk_server/tesk_types.h"

@@ -98,19 +98,18 @@ static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t ki
 }
 
 /* The number of clients with a subscription of the kind. The port's list of subscribers must
-   contain the same clients in the order of the client list. */
+   contain the same clients in the reverse order of the client list. */
 static unsigned holders(uint32_t port_no, uint32_t kind)
 {
-    const tesk_subscriber *known = tesk_client_first_subscriber(port_no, kind);
+    const auto known = tesk_client_subscribers(port_no, kind);
     unsigned count = 0;
     for (tesk_client *client = tesk_client_first(); client != nullptr; client = client->next) {
         if (place_in(client, port_no, kind) == -1)
             continue;
-        assert(known != nullptr && known->client == client);
-        known = known->next;
         count++;
+        assert(count <= known.size() && known[known.size() - count].client == client);
     }
-    assert(known == nullptr);
+    assert(count == known.size());
     return count;
 }
 
