@@ -86,14 +86,19 @@ show_progress() {
     [ ! -t 2 ] || printf '\r\033[K' >&2
 }
 
-# configure_and_build PRESET [cmake option..]: the log is build/PRESET.log.
+# configure_and_build PRESET [cmake option..] [--target TARGET..]: builds the targets, all by default.
+# The log is build/PRESET.log.
 configure_and_build() {
-    local preset=$1
+    local preset=$1 options=()
     shift
+    while [ $# -gt 0 ] && [ "$1" != --target ]; do
+        options+=("$1")
+        shift
+    done
     local log=build/$preset.log
     mkdir -p build
     say "building preset $preset in build/$preset"
-    if ! { cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } 2>&1 |
+    if ! { cmake --preset "$preset" "${options[@]}" && cmake --build --preset "$preset" "$@"; } 2>&1 |
         tee "$log" | show_progress; then
         grep -E 'error|FAILED|Error' "$log" | head -n 20 >&2
         fail "the build of preset $preset failed: see $log"
