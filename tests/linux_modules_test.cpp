@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The poller of the Linux board's modules, on modules and a clock of the test's own. */
 
+#include "platform/dolm_ric/linux/driver_logs.h"
 #include "platform/dolm_ric/linux/module_files.h"
 #include "platform/dolm_ric/linux/module_poller.h"
 #include "platform/dolm_ric/linux/reader_client.h"
@@ -210,6 +211,17 @@ TEST_F(linux_modules_test, an_error_in_an_empty_cage_is_no_broken_port)
                           news_in(logs_failures ? seconds(11) : seconds(2)).substr(0, 6));
             }
         }
+}
+
+TEST_F(linux_modules_test, drivers_that_log_each_failure_are_known)
+{
+    const testkit::directory place;
+    std::filesystem::create_directory_symlink("../../../bus/pci/drivers", place.path + "/driver");
+    EXPECT_FALSE(logs_failed_readings(".", place.path));
+    std::filesystem::remove(place.path + "/driver");
+    std::filesystem::create_directory_symlink("../../drivers/i40e", place.path + "/driver");
+    EXPECT_TRUE(logs_failed_readings(".", place.path));
+    EXPECT_FALSE(logs_failed_readings("", place.path));
 }
 
 TEST_F(linux_modules_test, what_can_not_be_read_once_or_is_blank_is_tried_again)

@@ -287,7 +287,7 @@ static std::optional<application> find_application(const memory_view &applicatio
                                                    const memory_view &features, int code)
 {
     constexpr int descriptors = 8;
-    const auto at = static_cast<size_t>(86 + 4 * (code - 1));
+    const size_t at = 86 + 4 * (static_cast<size_t>(code) - 1);
     if (!applications.was_read() || code > descriptors || applications.u8(at) == 0xff)
         return std::nullopt;
     const application found = {.host_lanes = applications.u8(at + 2) >> 4,
