@@ -46,11 +46,7 @@ size_t connections_at_most()
     return std::min<size_t>(most, limit.rlim_cur / fds_per_connection);
 }
 
-size_t held_at_most()
-{
-    static const size_t most = setting("MBX_HELD_MIB", usual_held_mib) << 20;
-    return most;
-}
+const size_t held_at_most = setting("MBX_HELD_MIB", usual_held_mib) << 20;
 
 /* With the level of a notice where the line goes to the journal. */
 void report_limits()
@@ -61,7 +57,7 @@ void report_limits()
             "%slibmbx: at most %zu connections (MBX_CONNECTIONS, and a sixth of the descriptors) "
             "and %zu MiB for what is not received (MBX_HELD_MIB)\n",
             secure_getenv("JOURNAL_STREAM") ? "<5>" : "", connections_at_most(),
-            held_at_most() >> 20);
+            held_at_most >> 20);
 }
 
 /* How many more connections the user may take. */

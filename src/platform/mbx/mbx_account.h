@@ -94,15 +94,15 @@ class entry
 };
 
 size_t connections_at_most();
-size_t held_at_most();
+extern const size_t held_at_most; /* bytes */
 inline bool is_too_much_held()
 {
-    return total.bytes.load(std::memory_order_relaxed) > held_at_most();
+    return total.bytes.load(std::memory_order_relaxed) > held_at_most;
 }
 /* From here on pages that were read are given back at once instead of after a while. */
 inline bool is_much_held()
 {
-    return total.bytes.load(std::memory_order_relaxed) > held_at_most() / 4;
+    return total.bytes.load(std::memory_order_relaxed) > held_at_most / 4;
 }
 /* One line on standard error, where the environment sets a limit. */
 void report_limits();

@@ -229,7 +229,8 @@ mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
     m->run.end();
     block *b = m->id == id ? m->in.receive(hold, filter, timeout_ms, sender) : nullptr;
     hold.unlock();
-    shed();
+    if (is_too_much_held())
+        shed();
     return b ? b->signal() : nullptr;
 }
 

@@ -152,7 +152,8 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b)
         }
     }
     block_give(b);
-    shed();
+    if (is_too_much_held())
+        shed();
 }
 
 uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice)
