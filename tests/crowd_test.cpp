@@ -501,6 +501,7 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_missing_ends_the_start)
     const auto expect_refusal = [&] {
         const pid_t server = testkit::start({executable}, {"ZEL_SINK=stderr"}, -1, output);
         EXPECT_EQ(testkit::wait_for_end(server), 242);
+        testkit::await_line(output, "libmbx: cannot make the mailbox tesk-server in ", seen);
         testkit::await_line(output, "Unable to create TESK-server mailbox!", seen);
     };
     setenv("MBX_DIR", (directory.path + "/none/mbx").c_str(), 1);

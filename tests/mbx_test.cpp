@@ -605,6 +605,43 @@ TEST_F(mbx, what_a_peer_does_to_the_shared_memory_and_the_bell_harms_only_itself
     expect_nothing();
 }
 
+/* Memory files that are open in this process, within the deadline as many as expected. */
+static void expect_memory_files(size_t count)
+{
+    const auto open = [] {
+        std::error_code gone;
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return static_cast<size_t>(std::count_if(begin(all), end(all), [&](const auto &entry) {
+            return read_symlink(entry, gone).string().starts_with("/memfd:mbx");
+        }));
+    };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (open() != count && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_EQ(open(), count);
+}
+
+TEST_F(mbx, what_a_peer_keeps_after_its_end_counts_until_it_lets_go)
+{
+    constexpr size_t idle = 2; /* those of the next connection */
+    join("server");
+    raw_peer mapping = raw_client(dir + "/server"), unread(dir + "/server");
+    mapping.answer.fds.clear();
+    heard_from(mapping, 1);
+    mapping.control.reset();
+    while (mapping.to_mailbox().head != 0) /* until the first page is given back */
+        std::this_thread::yield();
+    unread.say_hello();
+    EXPECT_TRUE(is_readable(unread.control.get()));
+    send(unread.control.get(), "x", 1, 0);
+    raw_client(dir + "/server"); /* ends at once, after the others */
+    expect_memory_files(idle + 2);
+    mapping.area.reset();
+    expect_memory_files(idle + 1);
+    unread.control.reset();
+    expect_memory_files(idle);
+}
+
 #ifndef __SANITIZE_THREAD__ /* which sees that the peer is a thread here, and races with us */
 TEST_F(mbx, a_peer_may_change_every_word_at_any_time)
 {

@@ -35,6 +35,9 @@ static outcome locate_failure(int error)
     case EACCES:
     case EPERM:
         return failure(TESK_CLIENT_NO_ACCESS, "no permission for " + name);
+    case EUSERS:
+        return failure(TESK_CLIENT_FAILED, name + " has no place for more connections of this "
+                                                  "user or process: end some of them");
     case ETIMEDOUT:
         return failure(TESK_CLIENT_TIMEOUT, name + " takes no connection");
     default:

@@ -13,10 +13,12 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <set>
 #include <stdexcept>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -156,11 +158,20 @@ size_t idle_descriptors_of(pid_t server)
     const std::string folder = "/proc/" + std::to_string(server) + "/fd";
     const auto until = std::chrono::steady_clock::now() + deadline;
     std::error_code gone;
-    const auto is_memory = [&](const std::filesystem::directory_entry &entry) {
-        return std::filesystem::read_symlink(entry, gone).string().starts_with("/memfd:mbx");
-    };
-    while (std::none_of(std::filesystem::directory_iterator(folder, gone), {}, is_memory) &&
-           std::chrono::steady_clock::now() < until)
+    const auto is_prepared =
+        [&] { /* the file of the next connection is open twice */
+              std::set<ino_t> seen;
+              for (const auto &entry : std::filesystem::directory_iterator(folder, gone)) {
+                  struct stat file;
+                  if (std::filesystem::read_symlink(entry, gone)
+                          .string()
+                          .starts_with("/memfd:mbx") &&
+                      stat(entry.path().c_str(), &file) == 0 && !seen.insert(file.st_ino).second)
+                      return true;
+              }
+              return false;
+        };
+    while (!is_prepared() && std::chrono::steady_clock::now() < until)
         usleep(1000);
     return descriptors_of(server);
 }

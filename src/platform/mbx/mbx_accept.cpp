@@ -48,7 +48,7 @@ static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
 static constexpr auto time_to_answer = 1ms;
 static constexpr int ungreeted_at_most = 16; /* of one process */
-static constexpr int wordless_at_most = 20;     /* in a row, of one process */
+static constexpr int wordless_at_most = 20;  /* in a row, of one process */
 
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
@@ -154,8 +154,10 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     const uint32_t id = add_connection(m, std::move(parts));
     accepted.emplace_back(m.slot, id);
     later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
-    if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds))
+    if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds)) {
+        send_greeting(control, greeting_kind::refused, m.token);
         end_connection(m, id);
+    }
 }
 
 /* The other side of a greeting that is well. */

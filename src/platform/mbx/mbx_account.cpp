@@ -74,10 +74,12 @@ static size_t room_of(const account &user, bool is_trusted)
     return (left - std::min(left, user.connections)) / 2;
 }
 
+/* A user with few connections may have all of them in one process. */
 static bool has_place(const account &user, const account &process, const peer_identity &peer)
 {
     const size_t room = room_of(user, peer.user == 0 || peer.user == geteuid());
-    return room > 0 && (peer.process <= 0 || process.connections < room);
+    const bool has_few = user.connections < connections_at_most() / 10;
+    return room > 0 && (has_few || peer.process <= 0 || process.connections < room);
 }
 
 /* Without its accounts where those are empty. */

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_account - what peers take of this process: connections, and the memory that the kernel charges
-   to this process for them. Any thread.
+/* mbx_account - what peers take of this process: connections, and the memory that the kernel
+   charges to this process for them. Any thread.
 
    There is an account for each process, which is part of its user's, which is part of the total. A
    connection has an entry there for as long as any of its memory can be charged to us: until the
@@ -9,9 +9,9 @@
    beyond the first one; the first page and the records of the connection come with its number.
 
    Connections cannot be taken back, so nobody may hold more than half of what is left: of the total
-   for a user, of what the user may still take for a process. Root and our own user, who could end
-   this process anyway, leave a fifth to others. Processes outside our pid namespace can't be told
-   apart and share what their user has.
+   for a user, of what the user may still take for a process, unless the user has less than a tenth
+   of the total. Root and our own user, who could end this process anyway, leave a fifth to others.
+   Processes outside our pid namespace can't be told apart and share what their user has.
 
    Bytes can be taken back. When there are too many, connections end: of the user that holds most
    the process that holds most, whatever a single connection holds.

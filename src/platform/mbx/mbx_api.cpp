@@ -163,10 +163,15 @@ try {
         errno = is_initialized ? EEXIST : EINVAL;
         return MBX_NO_MAILBOX;
     }
-    const uint32_t id = start_helper() ? create_mailbox(name) : MBX_NO_MAILBOX;
+    const bool is_started = start_helper();
+    if (!is_started && name)
+        complain_about_name(name);
+    const uint32_t id = is_started ? create_mailbox(name) : MBX_NO_MAILBOX;
     registry.unlock();
-    if (id != MBX_NO_MAILBOX && name)
+    if (id != MBX_NO_MAILBOX && name) {
+        report_limits();
         prepare_to_accept();
+    }
     return id;
 } catch (const std::bad_alloc &) {
     errno = ENOMEM;

@@ -11,6 +11,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -25,8 +26,9 @@ static void complain_about_memory(int error)
     if (!said.exchange(true))
         fprintf(stderr,
                 "libmbx: the system refuses a memory file (memfd_create: %s); signals travel "
-                "through such files, so no connection can be made\n",
-                strerror(error));
+                "through such files, so no connection can be made: allow that call, and files of "
+                "%zu KiB (ulimit -f)\n",
+                strerror(error), area_bytes / 1024);
 }
 
 owned_fd make_area_memory()
@@ -39,6 +41,17 @@ owned_fd make_area_memory()
     if (errno != EMFILE && errno != ENFILE && errno != ENOMEM)
         complain_about_memory(errno);
     return {};
+}
+
+bool can_make_memory()
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < area_bytes) {
+        errno = EFBIG;
+        complain_about_memory(errno);
+        return false;
+    }
+    return static_cast<bool>(make_area_memory());
 }
 
 owned_fd reopen_memory(int memory)

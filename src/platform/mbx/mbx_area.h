@@ -52,6 +52,10 @@ struct mapped_ring {
    system refuses it; the first time it says so on standard error. */
 owned_fd make_area_memory();
 
+/* Whether it can be made at all; before the first of them, since a limit for the size of files
+   would end the process by a signal. False with errno, after a line on standard error. */
+bool can_make_memory();
+
 /* Another opening of it. Empty where /proc is not there. */
 owned_fd reopen_memory(int memory);
 /* Whether somebody has a reopened file open, or mapped, by another opening than this one. Whoever
@@ -81,8 +85,8 @@ class mapped_area
                 rest_ + static_cast<size_t>(side) * rest_span};
     }
     /* Its place in the accounts, which it holds as long as it exists; null for none. On the
-       accepting side (`is_ours`), whose first use of the pages has charged them to us, all are given
-       back in the end, whoever maps them. */
+       accepting side (`is_ours`), whose first use of the pages has charged them to us, all are
+       given back in the end, whoever maps them. */
     void hold(std::shared_ptr<entry> place, bool is_ours)
     {
         place_ = std::move(place);

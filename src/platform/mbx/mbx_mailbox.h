@@ -3,9 +3,9 @@
    (mbx_peers.cpp), and how those are accepted (mbx_accept.cpp) and made (mbx_locate.cpp).
 
    Locks, in the order in which they may be taken: the helper's (mbx_helper.h), registry_lock, one
-   mailbox's lock, then those of parting, accounts, closer and waker. A mailbox record is never freed, so one
-   may be locked first and looked at then. Functions that a signal handler may call take no lock;
-   they say so. */
+   mailbox's lock, then those of parting, accounts, closer and waker. A mailbox record is never
+   freed, so one may be locked first and looked at then. Functions that a signal handler may call
+   take no lock; they say so. */
 #pragma once
 
 #include "platform/mbx/mbx_block.h"

@@ -46,7 +46,8 @@ static void let_go(parted &&p)
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
 
-/* Takes those out for which the question is answered with yes, and lets them go without the lock. */
+/* Takes those out for which the question is answered with yes, and lets them go without the lock.
+ */
 template <typename question>
 static void let_go_if(question &&is_it)
 {

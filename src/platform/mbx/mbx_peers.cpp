@@ -326,7 +326,6 @@ static void handle_first_ring(uint32_t slot, uint32_t id)
     });
 }
 
-
 static time_point trim_in_time(time_point now)
 {
     if (trim_time <= now) {

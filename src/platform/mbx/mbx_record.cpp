@@ -36,8 +36,9 @@ static uint64_t pages_of(uint32_t begin, uint32_t end)
 {
     if (end <= home_bytes || begin >= end)
         return 0;
-    const uint32_t first = begin <= home_bytes ? 0 : (begin - home_bytes) / page_bytes;
-    const uint32_t last = (end - home_bytes - 1) / page_bytes;
+    constexpr uint32_t page = page_bytes;
+    const uint32_t first = begin <= home_bytes ? 0 : (begin - home_bytes) / page;
+    const uint32_t last = (end - home_bytes - 1) / page;
     return ~uint64_t{0} << first & ~uint64_t{0} >> (rest_pages - 1 - last);
 }
 

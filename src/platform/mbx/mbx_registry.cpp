@@ -150,11 +150,14 @@ uint32_t create_mailbox(const char *name)
     if (!m)
         return MBX_NO_MAILBOX;
     std::lock_guard hold(m->lock);
-    if (!m->in.open(owner_of(*m)))
+    if (!m->in.open(owner_of(*m))) {
+        if (is_named)
+            complain_about_name(name);
         return MBX_NO_MAILBOX;
+    }
     m->slot = slot;
     m->token = make_token();
-    if (m->token == mailbox_token{} || (is_named && !make_area_memory())) {
+    if (m->token == mailbox_token{} || (is_named && !can_make_memory())) {
         const errno_keeper keeper;
         m->in.close();
         return MBX_NO_MAILBOX;
@@ -163,6 +166,7 @@ uint32_t create_mailbox(const char *name)
     const uint32_t id = mailbox_id_bit | m->generation << slot_bits | slot;
     if (is_named && !open_to_others(*m, name, id)) {
         const errno_keeper keeper;
+        complain_about_name(name);
         m->in.close();
         return MBX_NO_MAILBOX;
     }

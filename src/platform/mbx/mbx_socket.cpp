@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <new>
 #include <fcntl.h>
 #include <linux/sockios.h>
+#include <new>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/random.h>
@@ -98,8 +98,10 @@ mailbox_token make_token()
     const owned_fd device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     if (device && read(device.get(), token.data(), sizeof(token)) == sizeof(token))
         return token;
-    fprintf(stderr, "libmbx: the system gives no random numbers (getrandom: %s), which mailboxes "
-            "need: allow that call\n", strerror(error));
+    fprintf(stderr,
+            "libmbx: the system gives no random numbers (getrandom: %s), which mailboxes "
+            "need: allow that call\n",
+            strerror(error));
     errno = error;
     return {};
 }
