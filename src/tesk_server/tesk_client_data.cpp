@@ -23,7 +23,6 @@
 #include "tesk_server/tesk_types.h"
 
 #include <algorithm>
-#include <bit>
 #include <malloc.h>
 #include <span>
 
@@ -115,7 +114,7 @@ static void shrink(GArray **array)
     const guint count = (*array)->len;
     GArray *shrunk = nullptr;
 
-    if (!std::has_single_bit(count) && count != 0)
+    if ((count & (count - 1)) != 0)
         return;
     if (count != 0) {
         shrunk = g_array_sized_new(FALSE, FALSE, sizeof(tesk_subscriber), count);
@@ -125,12 +124,20 @@ static void shrink(GArray **array)
     *array = shrunk;
 }
 
+static std::span<const tesk_subscriber> elements_of(const GArray *array)
+{
+    return {reinterpret_cast<const tesk_subscriber *>(array->data), array->len};
+}
+
 static void free_subscriber(const tesk_client *client, const tesk_client_subscription *held)
 {
-    GArray **array = array_of_port(held->port_no, held->kind);
+    GArray **array = &port_subscribers[held->kind - 1][held->port_no];
+    const guint last = (*array)->len - 1;
 
-    g_array_remove_index(*array,
-                         place_in(tesk_client_subscribers(held->port_no, held->kind), client));
+    /* Mostly the client is the newest, or the only one. */
+    g_array_remove_index(*array, elements_of(*array)[last].client == client
+                                     ? last
+                                     : place_in(elements_of(*array), client));
     shrink(array);
     freed_subscriptions++;
 }
@@ -258,9 +265,7 @@ std::span<const tesk_subscriber> tesk_client_subscribers(uint32_t port_no, uint3
         port_subscribers[kind - 1] == nullptr)
         return {};
     const GArray *array = port_subscribers[kind - 1][port_no];
-    if (array == nullptr)
-        return {};
-    return {reinterpret_cast<const tesk_subscriber *>(array->data), array->len};
+    return array == nullptr ? std::span<const tesk_subscriber>() : elements_of(array);
 }
 
 void tesk_client_data_reset()

@@ -22,10 +22,11 @@
      wait idle                                all events taken, the event thread waits for more
                                               "wait" is answered once it is true
 
-   PORTS is a list such as 0-3,7; a port that is named twice counts once. The keys, the units of their values, the modules and operations
-   stand in vocabulary.cpp. In a value, non-printable and non-ASCII bytes and spaces are written as
-   \xNN, a backslash as \\. A command that changes something answers with the lines "ports" and
-   "events": how many ports it changed and how many events it queued. */
+   PORTS is a list such as 0-3,7; a port that is named twice counts once. The keys, the units of
+   their values, the modules and operations stand in vocabulary.cpp. In a value, non-printable and
+   non-ASCII bytes and spaces are written as \xNN, a backslash as \\. A command that changes
+   something answers with the lines "ports" and "events": how many ports it changed and how many
+   events it queued. */
 #ifndef DOLM_RIC_CONTROL_PROTOCOL_H
 #define DOLM_RIC_CONTROL_PROTOCOL_H
 
