@@ -443,9 +443,9 @@ static const char *information_prefix()
 {
     const char *journal = secure_getenv("JOURNAL_STREAM");
     struct stat status = {};
-    const bool is_journal = journal != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
-                            std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) ==
-                                journal;
+    const bool is_journal =
+        journal != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+        std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == journal;
     return is_journal ? "<6>" : "";
 }
 
