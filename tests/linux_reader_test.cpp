@@ -159,12 +159,10 @@ TEST_F(reader_network_test, interfaces_are_handed_on_to_the_next_reader_of_the_s
     EXPECT_EQ(EOPNOTSUPP, ask(0));
     net.rename("a0", "wan");
     constexpr int asked = -1;
-    const std::tuple<int, const char *, int> rows[] = {{SIGKILL, "0 a0\n", EOPNOTSUPP},
-                                                       {asked, "0 a0\n2 lo\n", EOPNOTSUPP},
-                                                       {SIGTERM, "1 lo\n0 a0\n", EOPNOTSUPP},
-                                                       {SIGKILL, "0 a2\n", ENODEV},
-                                                       {SIGKILL, "0 a0\n", EOPNOTSUPP},
-                                                       {0, "0 a0\n", ENODEV}};
+    const std::tuple<int, const char *, int> rows[] = {
+        {SIGKILL, "0 a0\n", EOPNOTSUPP},       {asked, "0 a0\n2 lo\n", EOPNOTSUPP},
+        {SIGTERM, "1 lo\n0 a0\n", EOPNOTSUPP}, {SIGKILL, "0 a2\n", ENODEV},
+        {SIGKILL, "0 a0\n", EOPNOTSUPP},       {0, "0 a0\n", ENODEV}};
     for (const auto &[ended_by, text, error] : rows) {
         constexpr reader_request end = {0, READER_ITSELF, 0, 0, READER_END, 8, 0};
         if (ended_by == asked) {

@@ -55,7 +55,7 @@ struct endpoint {
     int listener = -1;
     uid_t owner = 0; /* the only user whose processes may connect */
     std::vector<int> clients = {};
-    bool is_ended = false;  /* by its client, for another configuration */
+    bool is_ended = false; /* by its client, for another configuration */
 };
 
 } // namespace
@@ -73,22 +73,21 @@ static constexpr int wrong_usage = 2;
 
 static void print_usage()
 {
-    fputs(
-        "Usage: tesk-module-reader [--fd N | --print-ports | --write-ports]\n"
-        "\n"
-        "Reads the memories of pluggable modules for tesk-server. Started by systemd for the\n"
-        "socket /run/tesk-module-reader/socket.\n"
-        "\n"
-        "  --fd N         serve the connected socket that was inherited as descriptor N\n"
-        "  --print-ports  show the configuration that keeps the numbers that the ports have now\n"
-        "  --write-ports  put it into /etc/tesk/ports\n"
-        "  --help         show this text\n"
-        "  --version      show the version\n"
-        "\n"
-        "The ports are those of /etc/tesk/ports, or of the file in DOLM_RIC_PORTS, which must\n"
-        "belong to root and be writable by nobody else. Without that file they are all network\n"
-        "interfaces whose module can be read.\n",
-        stdout);
+    fputs("Usage: tesk-module-reader [--fd N | --print-ports | --write-ports]\n"
+          "\n"
+          "Reads the memories of pluggable modules for tesk-server. Started by systemd for the\n"
+          "socket /run/tesk-module-reader/socket.\n"
+          "\n"
+          "  --fd N         serve the connected socket that was inherited as descriptor N\n"
+          "  --print-ports  show the configuration that keeps the numbers that the ports have now\n"
+          "  --write-ports  put it into /etc/tesk/ports\n"
+          "  --help         show this text\n"
+          "  --version      show the version\n"
+          "\n"
+          "The ports are those of /etc/tesk/ports, or of the file in DOLM_RIC_PORTS, which must\n"
+          "belong to root and be writable by nobody else. Without that file they are all network\n"
+          "interfaces whose module can be read.\n",
+          stdout);
 }
 
 static std::optional<int> parse_descriptor(std::string_view text)
@@ -103,12 +102,10 @@ static std::optional<int> parse_descriptor(std::string_view text)
 /* Nothing if the process is to end, as after --help; `status` is its exit status then. */
 static std::optional<options> parse_options(int argc, char **argv, int &status)
 {
-    static constexpr option names[] = {{"fd", required_argument, nullptr, 'f'},
-                                       {"print-ports", no_argument, nullptr, 'p'},
-                                       {"write-ports", no_argument, nullptr, 'w'},
-                                       {"help", no_argument, nullptr, 'h'},
-                                       {"version", no_argument, nullptr, 'v'},
-                                       {}};
+    static constexpr option names[] = {
+        {"fd", required_argument, nullptr, 'f'},    {"print-ports", no_argument, nullptr, 'p'},
+        {"write-ports", no_argument, nullptr, 'w'}, {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'v'},     {}};
     options chosen;
     status = EXIT_SUCCESS;
     for (int name; (name = getopt_long(argc, argv, "", names, nullptr)) != -1;) {
@@ -244,8 +241,7 @@ static bool serve_client(int fd, endpoint &where, reader_ports &ports)
     if (size < 0)
         return errno == EAGAIN || errno == EINTR;
     const std::vector<reader_answer> answers = module_reader::answer_packet(
-        std::span(packet).first(static_cast<size_t>(size)),
-        [&](const reader_request &request) {
+        std::span(packet).first(static_cast<size_t>(size)), [&](const reader_request &request) {
             where.is_ended |= request.address == READER_ITSELF && request.offset == READER_END;
             return ports.read(request);
         });

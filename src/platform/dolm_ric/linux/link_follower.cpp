@@ -45,7 +45,8 @@ static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16
 }
 
 link_follower::link_follower(follower_listener &listener, int receive_buffer)
-    : listener_(listener), table_(listener, [this](int32_t index) { return speed_of_risen(index); }),
+    : listener_(listener),
+      table_(listener, [this](int32_t index) { return speed_of_risen(index); }),
       notices_(NETLINK_ROUTE, receive_buffer), questions_(NETLINK_ROUTE), ethtool_(NETLINK_GENERIC)
 {
     ethtool_family_ = netlink::find_family(ethtool_, ETHTOOL_GENL_NAME);

@@ -45,7 +45,8 @@ class link_follower
 
     /* Before start(). */
     void add(uint32_t port, link_table::port_filter fits);
-    /* `look` runs on the follower's thread when `fd` becomes readable, and each 30 s. Before start().
+    /* `look` runs on the follower's thread when `fd` becomes readable, and each 30 s. Before
+     * start().
      */
     void also_watch(int fd, std::function<void()> look);
 
@@ -102,8 +103,8 @@ class link_follower
     link_table::time_point speeds_due_ = {};
     link_table::time_point round_due_ = {};
     bool is_reading_due_ = false; /* of all interfaces */
-    bool is_behind_ = false; /* messages were lost since all interfaces were read */
-    int notices_taken_ = 0;  /* since the thread woke up */
+    bool is_behind_ = false;      /* messages were lost since all interfaces were read */
+    int notices_taken_ = 0;       /* since the thread woke up */
     std::atomic<uint64_t> losses_{0};
 
     std::mutex refresh_lock_;

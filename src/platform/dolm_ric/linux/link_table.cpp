@@ -73,8 +73,9 @@ bool link_table::change(uint32_t port, port_filter fits, bool is_same)
         return true;
     }
     port_link &link = found->second;
-    const link_report *const known =
-        link.index != 0 ? &link.last : link.lost ? &*link.lost : nullptr;
+    const link_report *const known = link.index != 0 ? &link.last
+                                     : link.lost     ? &*link.lost
+                                                     : nullptr;
     if (!is_same && known != nullptr && !fits(*known))
         return false;
     link.fits = std::move(fits);
@@ -96,8 +97,8 @@ link_table::port_link *link_table::find_free(const link_report &report)
     port_link *returned_to = nullptr;
     for (auto &[number, link] : links_) {
         if (link.index != 0 || link.is_out ||
-            (link.lost && (link.lost->parent != report.parent ||
-                           link.lost->port_name != report.port_name)))
+            (link.lost &&
+             (link.lost->parent != report.parent || link.lost->port_name != report.port_name)))
             continue;
         if (link.fits(report))
             return &link;

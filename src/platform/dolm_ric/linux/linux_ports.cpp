@@ -116,15 +116,22 @@ void linux_ports::set(const port_config &config)
     is_map_old_ = true;
 }
 
-/* A gap in the numbers is an interface that went away. */
+/* A gap in the numbers is an interface that went away. `error` is 0 when the reader has given all.
+ */
 std::map<uint32_t, link_report> linux_ports::ports_at_reader(const std::vector<link_report> &all,
                                                              int &error)
 {
     std::map<uint32_t, link_report> ports;
+    error = 0;
     for (uint32_t number = 0; number < board::max_ports; number++) {
-        const int32_t index = modules_.interface_at_reader(number, error);
-        if (error == ENOENT || error == ENOTCONN || error == EACCES)
+        int answer = 0;
+        const int32_t index = modules_.interface_at_reader(number, answer);
+        if (answer == ENOENT)
             return ports;
+        if (index == 0 && answer != 0 && answer != ENODEV) {
+            error = answer;
+            return ports;
+        }
         for (const link_report &interface : all)
             if (interface.index == index)
                 ports[number] = interface;
@@ -137,13 +144,13 @@ std::map<uint32_t, link_report> linux_ports::default_ports(std::vector<link_repo
 {
     int error = 0;
     std::map<uint32_t, link_report> ports = ports_at_reader(all, error);
-    for (int tries = 1; error == ENOTCONN && tries < reader_tries; tries++) {
+    for (int tries = 1; error != 0 && error != EACCES && tries < reader_tries; tries++) {
         if (access(reader_.c_str(), F_OK) != 0)
             break;
         std::this_thread::sleep_for(reader_restart);
         ports = ports_at_reader(all, error);
     }
-    if (error != ENOTCONN && error != EACCES)
+    if (error == 0)
         return ports;
     ports.clear();
     sort_interfaces(all);
@@ -453,9 +460,9 @@ static const char *information_prefix()
 {
     const char *journal = secure_getenv("JOURNAL_STREAM");
     struct stat status = {};
-    const bool is_journal = journal != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
-                            std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) ==
-                                journal;
+    const bool is_journal =
+        journal != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+        std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == journal;
     return is_journal ? "<6>" : "";
 }
 

@@ -29,8 +29,8 @@ class module_follower final : module_access
     module_follower(module_listener &listener, std::string reader);
     ~module_follower() override;
 
-    /* A port whose module is to be polled; one with a `file` has its module there. Of a port that is
-       there already the module is then read so. */
+    /* A port whose module is to be polled; one with a `file` has its module there. Of a port that
+       is there already the module is then read so. */
     void add(uint32_t port, const std::string &file);
     /* The checksum of the configuration that the reader must have, as reader_client::expect(). It
        holds for all readings that begin later, and is called before the other changes. */

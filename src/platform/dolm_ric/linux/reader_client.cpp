@@ -184,8 +184,8 @@ int reader_client::exchange(std::span<piece> pieces)
             return error;
     const auto requests = make_requests(pieces);
     std::array<reader_answer, most_pieces> answers = {};
-    if (const int error = talk(std::span(requests).first(pieces.size()),
-                               std::span(answers).first(pieces.size())))
+    if (const int error =
+            talk(std::span(requests).first(pieces.size()), std::span(answers).first(pieces.size())))
         return error;
     for (size_t i = 0; i < pieces.size(); i++) {
         pieces[i].error = answers[i].error;
