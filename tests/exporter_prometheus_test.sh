@@ -41,7 +41,8 @@ shows() { # TEXT QUERY
 is_empty() { # QUERY
     [ "$(promtool query instant "http://$prometheus" "$1" 2>&1 || echo failed)" = "" ]
 }
-firing='ALERTS{alertstate="firing"}'
+firing='ALERTS{alertstate="firing",port!="7"}' # port 7 has a module that can't be read
+await $monitor shows 'alertname="TeskModuleNotReady"' 'ALERTS{alertstate="firing",port="7"}'
 await $monitor shows '=> 1 @' 'up{job="tesk"} == 1 and on(instance) tesk_up == 1'
 await $monitor shows 'interface="port1"' 'tesk_port_temperature_celsius{port="1"}'
 curl -s "http://$exporter/metrics" | promtool check metrics || fail "promtool complains"

@@ -11,7 +11,15 @@ export ZEL_SINK=stderr ZEL_GROUPS=1 # as in the unit
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 
-ticks() { read -ra stat <"/proc/$1/stat" && echo $((stat[13] + stat[14])); }
+ticks() { read -ra stat 2>/dev/null <"/proc/$1/stat" && echo $((stat[13] + stat[14])); }
+
+# Of a daemon that has ended by itself.
+expect_reason() {
+    wait "$process" && status=0 || status=$?
+    if [[ ($status -eq 0 || $status -ge 128) && $status -ne 242 || ! -s $place/err ]]; then
+        fail "$name: ended with $status and $(<"$place/err")"
+    fi
+}
 
 # Serves, and stops with 0; or has ended with a status and a line. The first word names the case.
 daemon() { # CASE COMMAND.. -- ASK..
@@ -25,15 +33,15 @@ daemon() { # CASE COMMAND.. -- ASK..
     process=$!
     until "$@" >/dev/null 2>&1; do
         if ! kill -0 "$process" 2>/dev/null; then
-            wait "$process" && status=0 || status=$?
-            [[ $status -gt 0 && $status -lt 128 || $status -eq 242 ]] && [ -s "$place/err" ] && return
-            fail "$name: ended with $status and $(<"$place/err")"
+            expect_reason
+            return
         fi
         ((SECONDS - began < 10)) || { kill -9 "$process"; fail "$name: serves nobody: $(<"$place/err")"; }
     done
-    used=$(ticks "$process")
-    sleep 0.3
-    used=$(($(ticks "$process") - used))
+    if ! used=$(ticks "$process") || ! sleep 0.3 || ! used=$(($(ticks "$process") - used)); then
+        expect_reason
+        return
+    fi
     kill -TERM "$process"
     timeout 5 tail --pid="$process" -s 0.02 -f /dev/null || { kill -9 "$process"; fail "$name: can't be stopped"; }
     wait "$process" || status=$?
