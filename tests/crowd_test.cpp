@@ -446,12 +446,14 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
     for (pid_t player : players)
         testkit::wait_for_end(player);
     const auto back = steady_clock::now() + seconds(10);
-    while (group.usage() > idle + (2 << 20) && steady_clock::now() < back)
+    /* A sanitizer keeps what is freed, and slows down. */
+    const long kept = testkit::sanitized ? 64 << 20 : 2 << 20;
+    while (group.usage() > idle + kept && steady_clock::now() < back)
         std::this_thread::yield();
-    EXPECT_LE(group.usage(), idle + (2 << 20));
+    EXPECT_LE(group.usage(), idle + kept);
     std::ranges::sort(answers);
     const double p99 = answers[answers.size() * 99 / 100];
-    EXPECT_LT(p99, 20);
+    EXPECT_LT(p99, testkit::sanitized ? 200 : 20);
     EXPECT_LT(most, 200L << 20);
     fcntl(let_in[0], F_SETFL, O_NONBLOCK);
     std::vector<double> entries;

@@ -33,9 +33,17 @@
 extern "C" {
 #endif
 
+/* For the enumerations that are passed to the library: in C++, too, any number is a value of
+   theirs, so that one which isn't listed can be refused. */
+#ifdef __cplusplus
+#define TESK_CLIENT_ANY_NUMBER : unsigned int
+#else
+#define TESK_CLIENT_ANY_NUMBER
+#endif
+
 typedef struct tesk_client_session tesk_client_session;
 
-typedef enum tesk_client_result {
+typedef enum tesk_client_result TESK_CLIENT_ANY_NUMBER {
     TESK_CLIENT_OK = 0,
     TESK_CLIENT_REJECTED = 1,    /* the server refused and gave a text */
     TESK_CLIENT_MISUSE = 2,      /* a wrong argument, or a call that isn't allowed here */
@@ -199,12 +207,12 @@ typedef struct tesk_client_history_record {
 #define TESK_CLIENT_HISTORY_LENGTH 30
 
 /* The kinds of subscription to a port. */
-typedef enum tesk_client_kind {
+typedef enum tesk_client_kind TESK_CLIENT_ANY_NUMBER {
     TESK_CLIENT_SFP_INFO,
     TESK_CLIENT_PORT_STATUS,
 } tesk_client_kind;
 
-typedef enum tesk_client_history_kind {
+typedef enum tesk_client_history_kind TESK_CLIENT_ANY_NUMBER {
     TESK_CLIENT_HISTORY_PORT_STATUS,
     TESK_CLIENT_HISTORY_SFP_INFO,
     TESK_CLIENT_HISTORY_ACTIONS,
@@ -293,7 +301,7 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
                                             size_t *count);
 
 /* The types of request for tesk_client_request. */
-typedef enum tesk_client_request_type {
+typedef enum tesk_client_request_type TESK_CLIENT_ANY_NUMBER {
     TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO,
     TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO,
     TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS,
@@ -358,7 +366,7 @@ const char *tesk_client_version(void);
 const char *tesk_client_result_text(tesk_client_result result);
 
 /* The enumerations that have texts. */
-typedef enum tesk_client_enumeration {
+typedef enum tesk_client_enumeration TESK_CLIENT_ANY_NUMBER {
     TESK_CLIENT_TEXT_SFP_TYPE,
     TESK_CLIENT_TEXT_LINK,
     TESK_CLIENT_TEXT_LEVEL,

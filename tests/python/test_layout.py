@@ -56,7 +56,7 @@ def test_nothing_of_the_c_header_is_missing_and_the_version_is_its():
     header = re.sub(r"/\*.*?\*/", "", HEADER.read_text(), flags=re.S)
     assert len(ENUMERATIONS) == 12 and len(STRUCTURES) == 8
     for enumeration, name, prefix in ENUMERATIONS:
-        body = re.search(rf"enum tesk_client_{name} {{(.*?)}}", header, re.S)[1]
+        body = re.search(rf"enum tesk_client_{name}[^{{;]*{{(.*?)}}", header, re.S)[1]
         names = set(re.findall(rf"TESK_CLIENT_{prefix}(\w+)", body)) - {"MEASUREMENTS"}
         assert names == {member.name for member in enumeration}, name
     for structure in STRUCTURES:
