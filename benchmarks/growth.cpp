@@ -7,7 +7,6 @@
      clients COUNT           connects clients until there are COUNT
      exchange COUNT          each client: COUNT capabilities requests
      hold FIRST LAST COUNT   subscribes to these ports, both kinds, port P by client P modulo COUNT
-     drop FIRST LAST COUNT   unsubscribes from them
      request TIMES           client 0: nanoseconds of each capabilities request
      cycle TIMES             client 0 on port 0, to which no client is subscribed before or after:
                              nanoseconds of subscribing to SFP info, subscribing to port status,
@@ -170,9 +169,7 @@ class bench_clients
         else if (what == "exchange")
             exchange(number(1));
         else if (what == "hold")
-            on_ports(number(1), number(2), number(3), {subscribe_sfp, subscribe_status});
-        else if (what == "drop")
-            on_ports(number(1), number(2), number(3), {unsubscribe_sfp, unsubscribe_status});
+            hold(number(1), number(2), number(3));
         else if (what == "request")
             return time_requests(number(1));
         else if (what == "cycle")
@@ -218,8 +215,7 @@ class bench_clients
     }
 
     /* The clients are started in turn, and each works through its own ports. */
-    void on_ports(uint32_t first, uint32_t last, uint32_t count,
-                  const std::vector<procedure> &procedures)
+    void hold(uint32_t first, uint32_t last, uint32_t count)
     {
         grow(count);
         for (uint32_t index = 0; index < count; index++)
@@ -228,7 +224,7 @@ class bench_clients
                 for (uint32_t port = first + (index + count - first % count) % count; port <= last;
                      port += count)
                     ports.push_back(port);
-                for (const procedure &each : procedures)
+                for (const procedure &each : {subscribe_sfp, subscribe_status})
                     work_through(link, ports, each);
             });
         for (uint32_t index = 0; index < count; index++)

@@ -247,10 +247,6 @@ class Redis(Server):
         super().start(core)
 
 
-class Grpc(Server):
-    name, label, client_program = "grpc", "gRPC", "bench_grpc"
-
-
 class TeskWithoutUring(Tesk):
     """As on a system that has no io_uring or refuses it."""
 
@@ -269,7 +265,7 @@ class FloorInEpoll(Floor):
         return super().subscribers(processes, each, core, "epoll")
 
 
-SYSTEMS = [Floor, Tesk, Redis, SdBusPeer, DBus, Grpc]
+SYSTEMS = [Floor, Tesk, Redis, SdBusPeer, DBus]
 # By the way in which the subscribers wait.
 FAN_OUT_SYSTEMS = {"epoll": [Floor, Tesk, TeskWithoutUring, *SYSTEMS[2:]],
                    "read": [Floor, FloorInEpoll, Tesk, TeskWithoutUring, *SYSTEMS[2:]]}

@@ -195,38 +195,20 @@ class Bench:
 
     def growth(self):
         """Whole operations of a server that grows, against one with one client and one port."""
-        board = {"ports": 65535}
-        small = self.launcher.start_growth(board)
+        board, clients, ports = {"ports": 65535}, 1000, 10000 if self.quick else 65535
+        size = f"{ports:,} ports, {clients:,} clients"
+        small, grown = (self.launcher.start_growth(board) for _ in range(2))
         small[1].ask("clients", 1)
-        for clients in (1, 100, 1000):
-            grown = self.launcher.start_growth(board)
-            grown[1].ask("clients", clients)
-            self.compare(small, grown, count_of(clients, "client"), ["request"])
-            self.launcher.end_growth(grown)
-        sizes = (1, 100, 10000) if self.quick else (1, 100, 10000, 65535)
-        for clients in (1, 1000):
-            grown = self.launcher.start_growth(board)
-            grown[1].ask("clients", clients)
-            held = 1
-            for size in sizes:
-                grown[1].ask("hold", held, size - 1, clients)
-                held = size
-                self.compare(small, grown,
-                             f"{count_of(size, 'port')}, {count_of(clients, 'client')}",
-                             ["request", "cycle"])
-            self.launcher.end_growth(grown)
-        self.losses(small, sizes[1:])
-
-    def compare(self, small, grown, size, operations):
+        grown[1].ask("clients", clients)
+        grown[1].ask("hold", 1, ports - 1, clients)
         times = max(20, self.calls // 20)
         for number in range(self.rounds):
             for server, program in [(small, "small"), (grown, "grown")][:: 1 if number % 2 else -1]:
-                if "request" in operations:
-                    taken = server[1].ask("request", 10 * times)
-                    self.add(f"growth request {size}", f"{size}: a request", "µs", program,
-                             percentile(taken, 25) / 1000)
-                if "cycle" in operations:
-                    self.add_cycle(size, program, server[1].ask("cycle", times))
+                self.add(f"growth request {size}", f"{size}: a request", "µs", program,
+                         percentile(server[1].ask("request", 10 * times), 25) / 1000)
+                self.add_cycle(size, program, server[1].ask("cycle", times))
+        self.launcher.end_growth(grown)
+        self.losses(small, (100, ports))
 
     def add_cycle(self, size, program, taken):
         for operation, places in (("subscribe to SFP info", (0,)),

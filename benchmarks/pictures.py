@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """pictures - the SVG pictures of docs/performance.md: lines over logarithmic axes."""
 import math
-import re
 
 COLOURS = ["#777777", "#d62728", "#1f77b4", "#2ca02c", "#9467bd", "#ff7f0e", "#17becf"]
 PANEL_WIDTH, PANEL_HEIGHT = 380, 280
@@ -92,28 +91,3 @@ def draw_latencies(latencies, labels):
                   if percent not in (0, 95)]
         panels.append(draw_panel(f"{title}, µs", PANEL_WIDTH, axis, places, lines))
     return draw(panels, list(zip(COLOURS, labels.values())))
-
-
-def draw_growth(series):
-    """For one and for many clients: the ratio to the smallest case over the number of ports."""
-    curves = {}
-    for each in series.values():
-        if match := re.match(r"growth (\D+) ([\d,]+) ports?, ([\d,]+) client", each.key):
-            operation, ports, clients = match.groups()
-            curves.setdefault(clients, {}).setdefault(operation.strip(), []).append(
-                (int(ports.replace(",", "")), each.ratio("grown", "small")))
-    if not curves:
-        return draw([], [])
-    operations = list(next(iter(curves.values())))
-    x_axis = Axis([x for lines in curves.values() for points in lines.values() for x, _ in points],
-                  PANEL_WIDTH, steps=(1,))
-    ratios = [y for lines in curves.values() for points in lines.values() for _, y in points]
-    y_axis = Axis(ratios + [0.5, 2], PANEL_HEIGHT)
-    panels = []
-    for clients, lines in curves.items():
-        drawn = [(colour, [(x_axis.place(x), y) for x, y in lines[operation]])
-                 for colour, operation in zip(COLOURS, operations)]
-        places = [(x_axis.place(mark), label(mark)) for mark in x_axis.marks]
-        title = f"ports held by {clients} client" + "s" * (clients != "1")
-        panels.append(draw_panel(title, PANEL_WIDTH, y_axis, places, drawn))
-    return draw(panels, list(zip(COLOURS, operations)))

@@ -7,7 +7,7 @@ import subprocess
 
 import exporter
 from launcher import FAN_OUT_SYSTEMS, ROOT, SYSTEMS, FloorInEpoll, Tesk, TeskWithoutUring
-from pictures import draw_growth, draw_latencies
+from pictures import draw_latencies
 
 LABELS = {system.name: system.label for system in SYSTEMS}
 PEERS = [system.name for system in SYSTEMS if system.name not in ("floor", "tesk")]
@@ -292,7 +292,7 @@ def describe_machine():
                       if line.startswith("model name")), platform.machine())
     memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
     packages = output_of("dpkg-query", "-W", "-f", "${Package} ${Version}, ", "dbus", "libsystemd0",
-                         "redis-server", "libhiredis-dev", "libgrpc++-dev")
+                         "redis-server", "libhiredis-dev")
     return (f"{model}, {os.cpu_count()} cores, {memory:.0f} GiB, Linux {platform.release()}, "
             f"{output_of('g++', '--version').splitlines()[0]}; {packages.rstrip(', ')}")
 
@@ -314,11 +314,10 @@ within a round; the tables have the median of the rounds, and in parentheses its
 socket whose clients wait in the same way.
 
 Clients and subscribers wait in one of two ways, the same for all systems of a table: in epoll_wait
-followed by a receive, as a program with an event loop does, or blocked in one receive call, which
-saves a system call. sd-bus blocks in ppoll instead of a receive; gRPC waits on its own threads in both
-tables. On one core a client that blocks in a receive has less to do than the server, and so preempts
-it at each answer: with 64 in flight it takes them one by one, at half the rate, where the other takes
-many in a row.
+followed by a receive, as a program with an event loop does, or blocked in one receive call, which saves
+a system call. sd-bus blocks in ppoll instead of a receive. On one core a client that blocks in a receive
+has less to do than the server, and so preempts it at each answer: with 64 in flight it takes them one by
+one, at half the rate, where the other takes many in a row.
 
 With "1 core" client and server share a core, as in all fan-outs and when connecting. Round trips
 across two cores do not repeat on virtual machines and are no goal. Server CPU is that of all processes
@@ -401,9 +400,7 @@ def write_report(bench):
                         machine=describe_machine(),
                         met=f"{describe_goals(bench.series)}: see the end of the page.")
     pictures = {"Requests": ("performance-latency.svg", draw_latencies(bench.latencies, LABELS),
-                             "Distribution of the times"),
-                "Growth": ("performance-growth.svg", draw_growth(bench.series),
-                           "Time of whole operations against the smallest case")}
+                             "Distribution of the times")}
     for heading, rows in sections(bench):
         if len(rows) == 1:
             continue

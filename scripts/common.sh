@@ -16,8 +16,7 @@ packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gco
 packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
                  libssl3)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
-                libhiredis-dev libgrpc++-dev libprotobuf-dev protobuf-compiler-grpc protobuf-compiler
-                python3-redis python3-hiredis prometheus-node-exporter)
+                libhiredis-dev python3-redis python3-hiredis prometheus-node-exporter)
 
 say() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2

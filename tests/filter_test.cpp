@@ -207,3 +207,36 @@ TEST_F(filter, events_queued_together_are_handled_newest_first)
     handle_events({link_event(3, 2), link_event(3, 1)});
     EXPECT_EQ(sent.size(), 1u) << "the down repeats, the older up stays stored";
 }
+
+TEST_F(filter, a_bucket_keeps_its_level_within_limits_and_returns_its_state)
+{
+    static constexpr auto below = LEAKY_BUCKET_BELOW_LEVEL, reached = LEAKY_BUCKET_LEVEL_REACHED,
+                          emptied = LEAKY_BUCKET_EMPTIED;
+    static const std::tuple<int32_t, int32_t, leaky_bucket_state> steps[] = {
+        {20, 20, below},    {29, 49, below},    {1, 50, reached},
+        {50, 100, reached}, {20, 100, reached}, {-60, 40, below},
+        {-40, 0, below},    {-10, 0, emptied},  {-1, 0, emptied}};
+    ASSERT_EQ(leaky_bucket_add(100, 50), 1);
+    for (const auto &[delta, level, state] : steps) {
+        EXPECT_EQ(leaky_bucket_update(1, delta), state);
+        EXPECT_EQ(leaky_bucket_find(1)->level, level);
+    }
+    ASSERT_EQ(leaky_bucket_add(30, 30), 2);
+    EXPECT_EQ(leaky_bucket_update(2, 29), below);
+    EXPECT_EQ(leaky_bucket_update(2, 1), reached);
+    EXPECT_EQ(leaky_bucket_get_state(2), reached);
+
+    trace({1});
+    std::vector<std::string> expected;
+    for (const auto &[size, level] : {std::pair{0, 50}, {0, -1}, {100, 0}, {49, 50}}) {
+        EXPECT_EQ(leaky_bucket_add(size, level), -1);
+        expected.push_back("[1] Invalid params for adding new leaky bucket: bucket_size = " +
+                           std::to_string(size) + ", filter_level = " + std::to_string(level));
+    }
+    EXPECT_EQ(leaky_bucket_update(7, 20), LEAKY_BUCKET_NOT_FOUND);
+    EXPECT_EQ(leaky_bucket_get_state(7), LEAKY_BUCKET_NOT_FOUND);
+    leaky_bucket_remove(7);
+    for (const char *act : {"update leaky bucket", "get leaky bucket state", "remove leaky bucket"})
+        expected.push_back("[1] Cannot " + std::string(act) + ": id 7 not found");
+    expect_log(expected);
+}

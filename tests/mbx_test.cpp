@@ -10,7 +10,6 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -927,57 +926,29 @@ TEST_F(mbx, a_fan_out_wakes_each_receiver_once_with_and_without_io_uring)
     }
 }
 
-#ifdef MBX_OF_1_0_0
-namespace
-{
-
-/* The library of 1.0.0, beside ours. */
-struct old_library {
-    void *handle = dlopen(MBX_OF_1_0_0, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
-    template <typename function>
-    function *find(function *, const char *name)
-    {
-        return reinterpret_cast<function *>(dlsym(handle, name));
-    }
-    uint32_t join(const char *name)
-    {
-        EXPECT_EQ(find(mbx_init, "mbx_init")(5, 0, 0, 0, 0), 0);
-        return find(mbx_create_mailbox, "mbx_create_mailbox")(name, 0);
-    }
-};
-
-} // namespace
-
 TEST_F(mbx, of_two_wires_the_new_side_says_so_and_the_old_one_is_refused)
 {
-    setenv("MBX_LOCATE_MS", "1000", 1);
-    actor old_client([](int line) {
-        old_library old;
-        hear(line);
-        EXPECT_NE(old.join(nullptr), MBX_NO_MAILBOX);
-        EXPECT_EQ(old.find(mbx_locate, "mbx_locate")("server"), MBX_NO_MAILBOX);
-        say(line, static_cast<uint32_t>(errno));
-    });
-    actor old_server([](int line) {
-        old_library old;
-        hear(line);
-        EXPECT_NE(old.join("old"), MBX_NO_MAILBOX);
-        say(line, 1);
-        hear(line);
-    });
+    const auto says_so = [](const std::string &text) {
+        EXPECT_NE(text.find("libmbx 1.0.0"), std::string::npos) << text;
+    };
     join("server");
     testing::internal::CaptureStderr();
-    say(old_client.line.get(), 1);
-    EXPECT_EQ(hear(old_client.line.get()), uint32_t{ETIMEDOUT});
-    const std::string client_wire = testing::internal::GetCapturedStderr();
-    EXPECT_NE(client_wire.find("speaks the wire of libmbx 1.0.0"), std::string::npos);
-    say(old_server.line.get(), 1);
-    hear(old_server.line.get());
+    raw_peer old_client(dir + "/server");
+    const uint32_t greeting[6] = {0x3178626d}; /* "mbx1" */
+    send(old_client.control.get(), greeting, sizeof(greeting), MSG_NOSIGNAL);
+    expect_end(old_client);
+    says_so(testing::internal::GetCapturedStderr());
+
+    const owned_fd old_server = listen_at("old", 5); /* which hangs up on each greeting */
+    std::thread owner([&] {
+        for (int fd; (fd = accept(old_server.get(), nullptr, nullptr)) != -1; close(fd))
+            is_readable(fd);
+    });
     testing::internal::CaptureStderr();
     EXPECT_EQ(mbx_locate("old"), MBX_NO_MAILBOX);
     EXPECT_EQ(errno, ETIMEDOUT);
-    const std::string server_wire = testing::internal::GetCapturedStderr();
-    EXPECT_NE(server_wire.find("libmbx 1.0.0"), std::string::npos);
+    says_so(testing::internal::GetCapturedStderr());
+    shutdown(old_server.get(), SHUT_RDWR);
+    owner.join();
     expect_nothing();
 }
-#endif
