@@ -256,7 +256,8 @@ TEST_F(exporter_board, what_is_found_after_a_connection_is_initial_and_only_a_ch
 TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_own_words)
 {
     const auto pm = reading_fact{values_of(0, 500)};
-    const unread_fact refused{0, true, "not available"}, late{0, false, "no answer"};
+    const unread_fact refused{0, true, "not available"}, late{0, false, "no answer"},
+        busy{0, true, "resource busy", true};
     const fact not_ready = presence_fact{0, TESK_CLIENT_PRESENCE_NOT_READY},
                ready = presence_fact{0, TESK_CLIENT_PRESENCE_READY},
                none = presence_fact{0, TESK_CLIENT_PRESENCE_NONE};
@@ -279,6 +280,8 @@ TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_o
         {none, "0 removed; ", "0", nullptr, nullptr},
         {module_in(0, ""), "", "0", nullptr, nullptr},
         {pm, "0 initial; ", "1", "0", nullptr}, /* values without a ready module */
+        {refused, "0 initial; ", "0", nullptr, nullptr},
+        {busy, "0 initial; ", "1", "0", nullptr},
         {refused, "0 initial; ", "0", nullptr, nullptr},
     };
     apply(connection_fact{true, ""});

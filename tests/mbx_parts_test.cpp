@@ -329,6 +329,8 @@ TEST(accounts, leave_half_of_what_is_left_to_the_next_and_know_who_holds_most)
     for (const auto *less : {&small, &large, &more})
         EXPECT_GT(other->weigh(false), (*less)->weigh(false));
     EXPECT_EQ(total.bytes, 11000u);
+    mapped_area::map(make_area_memory().get())->hold(large, true);
+    EXPECT_EQ(total.bytes, 9000u) << "its pages are given back";
     setrlimit(RLIMIT_NOFILE, &before);
 }
 

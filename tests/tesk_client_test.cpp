@@ -496,6 +496,7 @@ TEST_F(client, a_rejection_is_known_by_its_text)
         {1, "invalid port", TESK_CLIENT_REJECTION_NO_PORT},
         {1, "no device (e.g. port ID is unknown)", TESK_CLIENT_REJECTION_NO_PORT},
         {1, "not available (e.g. SFP EEPROM is not available)", TESK_CLIENT_REJECTION_NO_MODULE},
+        {1, "resource busy", TESK_CLIENT_REJECTION_BUSY},
         {1, "already subscribed", TESK_CLIENT_REJECTION_SUBSCRIBED},
         {1, "client is not subscribed", TESK_CLIENT_REJECTION_NOT_SUBSCRIBED},
         {1, "invalid port number", TESK_CLIENT_REJECTION_OTHER},

@@ -517,7 +517,7 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
          "'IPAddressDeny=0.0.0.0/0\n"
          "IPAddressAllow=127.0.0.0/8 ::1/128\n' >units; unit $e loaded active running "
          "MainPID=$e_pid",
-         "lets only this machine's", "IPAddressAllow=NETWORK"},
+         "lets only this machine's", "--print-drop-in NETWORK"},
     };
     for (const auto &[setup, line, remedy, is_up, is_nobody] : troubles) {
         SCOPED_TRACE(setup);

@@ -131,6 +131,7 @@ class Rejection(enum.IntEnum):
     NO_MODULE = 3
     SUBSCRIBED = 4
     NOT_SUBSCRIBED = 5
+    BUSY = 6
 
 
 class Result(enum.IntEnum):

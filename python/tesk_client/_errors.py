@@ -90,7 +90,8 @@ _BY_RESULT: dict[int, type[TeskError]] = {kind.result: kind for kind in (
     NoPortMapError, BadPortMapError)}
 
 _BY_REJECTION: dict[int, type[TeskError]] = {
-    Rejection.NO_PORT: NoPortError, Rejection.NO_MODULE: NoModuleError}
+    Rejection.NO_PORT: NoPortError, Rejection.NO_MODULE: NoModuleError,
+    Rejection.BUSY: NoModuleError}
 
 
 def error_of(result: int, text: str, error_code: int = 0,

@@ -20,6 +20,7 @@ static constexpr known_text known_texts[] = {
     {"invalid port", TESK_CLIENT_REJECTION_NO_PORT},
     {"no device (e.g. port ID is unknown)", TESK_CLIENT_REJECTION_NO_PORT},
     {"not available (e.g. SFP EEPROM is not available)", TESK_CLIENT_REJECTION_NO_MODULE},
+    {"resource busy", TESK_CLIENT_REJECTION_BUSY},
     {"already subscribed", TESK_CLIENT_REJECTION_SUBSCRIBED},
     {"client is not subscribed", TESK_CLIENT_REJECTION_NOT_SUBSCRIBED},
 };

@@ -8,8 +8,7 @@
    to compare with.
 
    Nothing that fails once stays: a subscription or its end without a confirmation is made again, a
-   read that isn't answered takes its values back, and a port map that can't be read changes
-   nothing. */
+   read that is refused takes its values back, and a port map that can't be read changes nothing. */
 #include "tesk_exporter/collector.h"
 
 #include <algorithm>
@@ -273,7 +272,8 @@ void collector::read_answered(const tesk_client_answer &answer, std::chrono::nan
         facts_.post(reading_fact{*answer.pm});
     else if (answer.result != TESK_CLIENT_LOST)
         facts_.post(
-            unread_fact{answer.port_no, answer.result == TESK_CLIENT_REJECTED, answer.text});
+            unread_fact{answer.port_no, answer.result == TESK_CLIENT_REJECTED, answer.text,
+                        answer.rejection == TESK_CLIENT_REJECTION_BUSY});
 }
 
 /* Asks for the history of presence, which the server has in its memory: the answer proves that it
@@ -291,8 +291,8 @@ static bool is_same(const tesk_client_history_record &one, const tesk_client_his
            one.presence == other.presence;
 }
 
-/* The records of the first answer are older than the subscriptions: what has changed since nobody
-   has recorded. */
+/* The records of the first answer are older than the subscriptions. Of later ones only the last
+   record of each port counts: the indications of the others have come already. */
 void collector::history_answered(const tesk_client_answer &answer)
 {
     if (answer.result != TESK_CLIENT_OK)
@@ -302,8 +302,11 @@ void collector::history_answered(const tesk_client_answer &answer)
     for (auto record = records.begin(); record != records.end(); ++record)
         if (newest_record_ && is_same(*newest_record_, *record))
             next = record + 1;
+    std::map<uint32_t, uint32_t> changed;
     for (; newest_record_ && next != records.end(); ++next)
-        facts_.post(presence_fact{next->port_no, next->presence});
+        changed[next->port_no] = next->presence;
+    for (const auto &[port_no, presence] : changed)
+        facts_.post(presence_fact{port_no, presence});
     newest_record_ = records.empty() ? tesk_client_history_record{} : records.back();
 }
 

@@ -53,6 +53,7 @@ struct unread_fact {
     uint32_t port_no;
     bool is_refused;  /* by the server: there are no values now */
     std::string text; /* the reason */
+    bool has_module = false; /* the server has said that there is one */
 };
 
 /* A change of a module's presence, from the server's history: it has those that cause no

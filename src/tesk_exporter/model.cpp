@@ -244,12 +244,13 @@ void model::take(const unread_fact &reported, const moment &now)
     if (found == ports_.end())
         return;
     port_state &known = found->second;
+    if (reported.is_refused) {
+        known.reading.reset();
+        const bool was_answering = std::exchange(known.is_answering, reported.has_module);
+        if (known.indicated && was_answering != known.is_answering)
+            show_module(known, true, now);
+    }
     known.unread = escape(reported.text);
-    if (!reported.is_refused)
-        return;
-    known.reading.reset();
-    if (known.indicated && std::exchange(known.is_answering, false))
-        show_module(known, true, now);
 }
 
 /* Only the grades are taken over: the link is what the collector's subscription says. */

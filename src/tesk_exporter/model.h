@@ -32,7 +32,7 @@ struct port_state {
     std::optional<tesk_client_sfp_info> indicated; /* that indication */
     /* What the server's history had last of it; nothing where no change was seen. */
     std::optional<uint32_t> presence;
-    bool is_answering = false; /* its values could be read, whatever was indicated */
+    bool is_answering = false; /* the last read of its values says that there is a module */
     std::optional<tesk_client_port_status> status;
     std::optional<tesk_client_pm> reading;
     std::string unread; /* why the last read failed, escaped; empty after one that succeeded */

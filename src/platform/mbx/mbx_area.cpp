@@ -139,6 +139,11 @@ mapped_area::~mapped_area()
 {
     unmap_part(page_, page_bytes, is_given_back_);
     unmap_part(rest_, 2 * rest_span, is_given_back_);
+    /* The place may live on, for as long as the peer keeps the file. */
+    if (is_given_back_) {
+        count(HELD_SENT, 0);
+        count(HELD_RECEIVED, 0);
+    }
 }
 
 owned_fd make_bell()

@@ -148,8 +148,9 @@ static finding check_address(const unit_table &units, const std::string &address
     if (!is_local(address) && denies_others(units))
         return {"exporter", verdict::wrong,
                 text + ", but its unit lets only this machine's addresses through",
-                "name the network that may read: systemctl edit tesk-exporter, [Service], "
-                "IPAddressAllow=NETWORK"};
+                fmt::format("tesk-exporter --listen {} --print-drop-in NETWORK writes the drop-in "
+                            "that lets NETWORK through",
+                            escape(address))};
     const http_answer ready = get(address, "/readyz");
     if (ready.status == 200)
         return {"exporter", verdict::ok, text + ", and is ready", ""};

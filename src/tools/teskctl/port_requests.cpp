@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "tools/teskctl/port_requests.h"
 
+#include "tools/common/words.h"
+
 #include <memory>
 
 std::vector<port_request> requests_for(tesk_client_request_type type,
@@ -85,10 +87,11 @@ std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer)
 {
     if (answer.pm != nullptr)
         return *answer.pm;
-    if (answer.rejection != TESK_CLIENT_REJECTION_NO_MODULE)
+    const bool is_unready = answer.rejection == TESK_CLIENT_REJECTION_BUSY;
+    if (!is_unready && answer.rejection != TESK_CLIENT_REJECTION_NO_MODULE)
         return std::nullopt;
     tesk_client_pm none{};
     none.port_no = answer.port_no;
-    none.sfp_type = TESK_CLIENT_SFP_NOT_PRESENT;
+    none.sfp_type = is_unready ? module_not_ready : uint32_t{TESK_CLIENT_SFP_NOT_PRESENT};
     return none;
 }

@@ -39,6 +39,6 @@ void read_infos(const settings &common, event_loop &loop, session &server,
                 const std::map<uint32_t, tesk_client_sfp_info> &infos,
                 const session::answered &failed);
 
-/* The measured values that an answer brings: for a port without a module a record without values,
-   nothing if the request failed. */
+/* The measured values that an answer brings: for a port without a module, or whose module can't be
+   read, a record without values, nothing if the request failed. */
 std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer);

@@ -79,7 +79,7 @@ exit_code run_pm(const settings &common, const ports_text &ports)
                 requests_for(TESK_CLIENT_REQUEST_PM, select_ports(loop, server, ports)),
                 [&](const tesk_client_answer &answer) {
                     const auto pm = pm_of(answer);
-                    if (!pm)
+                    if (!pm || pm->sfp_type == module_not_ready)
                         report.failed(answer);
                     else if (common.json)
                         report.show(*pm);
@@ -146,7 +146,7 @@ exit_code run_sfp(const settings &common, const ports_text &ports)
         if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
             without.push_back(port_no);
     request_all(loop, server, pm_requests(without), [&](const tesk_client_answer &answer) {
-        if (answer.pm != nullptr)
+        if (answer.pm != nullptr || answer.rejection == TESK_CLIENT_REJECTION_BUSY)
             infos[answer.port_no].type = module_not_ready;
     });
     show_all(common, report, "MODULE", infos);
@@ -176,7 +176,7 @@ exit_code run_status(const settings &common, const ports_text &ports)
     request_all(loop, server, pm_requests(known), [&](const tesk_client_answer &answer) {
         if (answer.rejection == TESK_CLIENT_REJECTION_NO_MODULE)
             statuses[answer.port_no].sfp_type = TESK_CLIENT_SFP_NOT_PRESENT;
-        else if (answer.pm != nullptr)
+        else if (answer.pm != nullptr || answer.rejection == TESK_CLIENT_REJECTION_BUSY)
             with_module.push_back(answer.port_no);
     });
     read_infos(common, loop, server, with_module, infos,

@@ -62,7 +62,7 @@ std::string take(top_port &port, const tesk_client_sfp_info &info)
 void take(top_port &port, const tesk_client_pm &pm)
 {
     port.pm = pm;
-    if (port.status && !port.graded)
+    if (port.status && !port.graded && pm.sfp_type != module_not_ready)
         port.graded = pm;
 }
 
