@@ -105,7 +105,7 @@ class link_follower
     bool is_reading_due_ = false; /* of all interfaces */
     bool is_behind_ = false;      /* messages were lost since all interfaces were read */
     int notices_taken_ = 0;       /* since the thread woke up */
-    bool is_later_due_ = false;   /* wake_later() woke it, and later_ports_ aren't asked about yet */
+    bool is_later_due_ = false; /* wake_later() woke it, and later_ports_ aren't asked about yet */
     std::atomic<uint64_t> losses_{0};
 
     std::mutex refresh_lock_;
