@@ -300,6 +300,10 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("pm 12,20-22,24", 1, {"port 12: no module\n", "ports 20-22,24: pm: no such port\n"});
     expect("sfp 7,12", 0, {"\n7     module not ready\n", "\n12    no module\n"});
     expect("--json sfp 7", 0, {"\"module\":\"not ready\""});
+    testkit::run(TESK_BIN_DIR "/teskboard fail getmoduleinfo busy --port 12", output);
+    expect("sfp 12", 0, {"\n12    module not ready\n"});
+    expect("ports 12", 0, {"\n12    module not ready"});
+    testkit::run(TESK_BIN_DIR "/teskboard heal", output);
     expect("--timeout 9 statsu 0", 2, {"did you mean 'status'"});
     expect("status 12", 0, {"\n12    not operational, no module\n"});
     expect("status 7", 0, {"\n7     not operational, module not ready, "});

@@ -65,7 +65,7 @@ typedef enum tesk_client_rejection {
     TESK_CLIENT_REJECTION_NO_MODULE = 3,      /* no module in the port, or none that can be read */
     TESK_CLIENT_REJECTION_SUBSCRIBED = 4,     /* this session is subscribed already */
     TESK_CLIENT_REJECTION_NOT_SUBSCRIBED = 5, /* this session is not subscribed */
-    TESK_CLIENT_REJECTION_BUSY = 6, /* a module is there, and can't be read at present */
+    TESK_CLIENT_REJECTION_BUSY = 6,           /* a module is there, and can't be read at present */
 } tesk_client_rejection;
 
 /* The enumerations of the server. Fields that hold them are plain words, since a newer server may

@@ -271,9 +271,8 @@ void collector::read_answered(const tesk_client_answer &answer, std::chrono::nan
     if (answer.pm != nullptr)
         facts_.post(reading_fact{*answer.pm});
     else if (answer.result != TESK_CLIENT_LOST)
-        facts_.post(
-            unread_fact{answer.port_no, answer.result == TESK_CLIENT_REJECTED, answer.text,
-                        answer.rejection == TESK_CLIENT_REJECTION_BUSY});
+        facts_.post(unread_fact{answer.port_no, answer.result == TESK_CLIENT_REJECTED, answer.text,
+                                answer.rejection == TESK_CLIENT_REJECTION_BUSY});
 }
 
 /* Asks for the history of presence, which the server has in its memory: the answer proves that it

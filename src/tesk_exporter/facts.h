@@ -51,8 +51,8 @@ struct reading_fact {
 /* The values of a port could not be read. */
 struct unread_fact {
     uint32_t port_no;
-    bool is_refused;  /* by the server: there are no values now */
-    std::string text; /* the reason */
+    bool is_refused;         /* by the server: there are no values now */
+    std::string text;        /* the reason */
     bool has_module = false; /* the server has said that there is one */
 };
 

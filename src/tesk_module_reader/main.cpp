@@ -160,6 +160,7 @@ static std::optional<linux_board::port_config> read_config()
         if (const char *reason = linux_board::reason_not_trusted(fd)) {
             config.ports.clear();
             config.messages = {path + " " + reason + ": no module is read"};
+            config.checksum = linux_board::unread_port_config;
         }
     }
     for (const std::string &message : config.messages)

@@ -102,18 +102,18 @@ void link_follower::run()
                            {watched_fd_, POLLIN, 0}};
         util::poll_or_pause(wanted, poll_timeout());
         const bool is_woken = wanted[1].revents != 0 || wanted[2].revents != 0;
-        const bool is_later = is_woken && thread_.clear_wake();
+        is_later_due_ |= is_woken && thread_.clear_wake();
         try {
             if (wanted[3].revents != 0)
                 look_();
-            take_turn(is_later);
+            take_turn();
         } catch (const std::exception &) {
             is_behind_ = true; /* no memory, or no answer: read all again */
         }
     }
 }
 
-void link_follower::take_turn(bool is_later)
+void link_follower::take_turn()
 {
     const bool is_drained = drain();
     {
@@ -123,7 +123,7 @@ void link_follower::take_turn(bool is_later)
     take_round();
     if (is_drained && (is_behind_ || is_reading_due_))
         read_all();
-    answer_refreshes(is_later);
+    answer_refreshes();
     ask_speeds();
     table_.announce_settled(std::chrono::steady_clock::now());
     listener_.reports_taken();
@@ -296,14 +296,14 @@ void link_follower::refresh(uint32_t port)
     waited_ += waited_at_ - begin;
 }
 
-void link_follower::answer_refreshes(bool is_later)
+void link_follower::answer_refreshes()
 {
     std::set<uint32_t> ports;
     uint64_t ticket = 0;
     {
         const std::lock_guard guard(refresh_lock_);
         ports.swap(refresh_ports_);
-        if (is_later)
+        if (std::exchange(is_later_due_, false))
             ports.merge(std::exchange(later_ports_, {}));
         ticket = refreshes_asked_;
     }

@@ -76,14 +76,14 @@ class link_follower
 
   private:
     void run();
-    void take_turn(bool is_later);
+    void take_turn();
     void take_round();
     bool drain();
     void take(const netlink::message &notice);
     void take_report(const link_report &report, link_table::origin from);
     void read_all();
     void ask_about(int32_t index);
-    void answer_refreshes(bool is_later);
+    void answer_refreshes();
     std::optional<link_speed> speed_now(int32_t index);
     std::optional<link_speed> speed_of_risen(int32_t index);
     void ask_speed_if_wanted(int32_t index);
@@ -105,6 +105,7 @@ class link_follower
     bool is_reading_due_ = false; /* of all interfaces */
     bool is_behind_ = false;      /* messages were lost since all interfaces were read */
     int notices_taken_ = 0;       /* since the thread woke up */
+    bool is_later_due_ = false; /* wake_later() woke it, and later_ports_ aren't asked about yet */
     std::atomic<uint64_t> losses_{0};
 
     std::mutex refresh_lock_;
