@@ -236,11 +236,13 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
 {
     take(report(2, 0, 1));
     table.take_speed(7, {100, 4}, now);
-    EXPECT_EQ("du", events.take()) << "the rise was announced without it";
+    EXPECT_EQ("", events.take()) << "the rise was announced without it";
+    table.take_speed(7, {400, 4}, now);
+    EXPECT_EQ("du", events.take());
     now += 3 * link_table::settle_time;
     table.announce_settled(now);
     EXPECT_EQ("u", events.take());
-    table.take_speed(7, {100, 4}, now);
+    table.take_speed(7, {400, 4}, now);
     EXPECT_EQ("", events.take());
     link_report leaving = report(0, 1, 1);
     EXPECT_EQ("s", take(leaving));

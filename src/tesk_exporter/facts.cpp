@@ -3,8 +3,9 @@
    full only during a burst. */
 #include "tesk_exporter/facts.h"
 
+#include "util/boot_clock.h"
+
 #include <cerrno>
-#include <ctime>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
@@ -15,9 +16,7 @@ namespace exporter
 
 steady_time steady_clock::now() noexcept
 {
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return time_point(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+    return time_point(util::boot_time().time_since_epoch());
 }
 
 static int new_eventfd()

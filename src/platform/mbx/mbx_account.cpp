@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 /* docs/security.md adds up what these allow. */
-static constexpr size_t usual_connections = 1280;
+static constexpr size_t usual_connections = 2048;
 static constexpr size_t usual_held_mib = 48;
 /* Of an old kernel or a sandbox that does not tell the limit. */
 static constexpr rlim_t usual_descriptors = 1024;

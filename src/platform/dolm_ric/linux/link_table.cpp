@@ -163,13 +163,14 @@ void link_table::update(port_link &link, const link_report &report, bool is_same
 }
 
 /* A full filter has room for one fall at most when the hold ends, however many there were. Another
-   speed is a fall that the counters don't have. */
+   speed is a fall that the counters don't have; one that becomes known, or unknown, is none. */
 void link_table::announce_or_hold(port_link &link, uint32_t falls, time_point now)
 {
     if (!link.settles_at && now - link.announced_at >= settle_time)
         link.falls_left = max_falls;
     const uint32_t state = state_of(link.last);
-    if (link.announced.state == state && link.announced.speed != values_of(link, state).speed)
+    const uint32_t before = link.announced.speed, speed = values_of(link, state).speed;
+    if (link.announced.state == state && before != 0 && speed != 0 && before != speed)
         falls = std::max(falls, 1U);
     if (link.settles_at && link.falls_left == 0) {
         link.is_held = true;

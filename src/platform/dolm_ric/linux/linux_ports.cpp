@@ -6,6 +6,7 @@
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/port_map.h"
+#include "util/boot_clock.h"
 #include "util/descriptor.h"
 #include "util/escape.h"
 
@@ -265,7 +266,7 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_status &out) const
     const port_copy &wanted = ports_.at(number);
     if (wanted.presence != module_presence::ready)
         return result_without_module(wanted.presence);
-    const bool is_old = std::chrono::steady_clock::now() - wanted.read_at > longest_age;
+    const bool is_old = util::boot_time() - wanted.read_at > longest_age;
     if (is_old || wanted.contents.diagnostics == diagnostics_state::not_read) {
         modules_.diagnostics_wanted(number);
         return DOLM_RICERR_BUSY;
@@ -279,7 +280,7 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_status &out) const
 int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
 {
     const port_copy &wanted = ports_.at(number);
-    const auto age = std::chrono::steady_clock::now() - wanted.read_at;
+    const auto age = util::boot_time() - wanted.read_at;
     if (wanted.presence != module_presence::ready)
         return result_without_module(wanted.presence);
     if (age > module_poller::wanted_age)

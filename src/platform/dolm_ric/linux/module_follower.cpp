@@ -3,6 +3,7 @@
    without them are found by polling alone, so such an announcement only says: look now. */
 #include "platform/dolm_ric/linux/module_follower.h"
 
+#include "util/boot_clock.h"
 #include "util/poll.h"
 
 #include <algorithm>
@@ -16,8 +17,7 @@ namespace linux_board
 static constexpr uint32_t kernel_uevents = 1; /* multicast group */
 
 module_follower::module_follower(module_listener &listener, std::string reader)
-    : reader_(std::move(reader), thread_.stop_fd()),
-      poller_(*this, listener, std::chrono::steady_clock::now)
+    : reader_(std::move(reader), thread_.stop_fd()), poller_(*this, listener, util::boot_time)
 {
     try {
         hints_.emplace(NETLINK_KOBJECT_UEVENT);
@@ -175,7 +175,7 @@ void module_follower::carry_out_orders()
 
 void module_follower::await_work()
 {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = util::boot_time();
     const auto due = poller_.next_due();
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(
         std::min<module_poller::duration>(due - now, std::chrono::minutes(1)));

@@ -71,8 +71,10 @@ void worker::wake_later()
 {
     constexpr long delay_ns = 20'000'000;
     const itimerspec once = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = delay_ns}};
-    if (timerfd_settime(later_fd_, 0, &once, nullptr) != 0)
-        wake();
+    if (timerfd_settime(later_fd_, 0, &once, nullptr) == 0)
+        return;
+    is_later_due_ = true;
+    wake();
 }
 
 /* A timerfd is read like an eventfd. */
@@ -80,7 +82,8 @@ bool worker::clear_wake()
 {
     eventfd_t count;
     eventfd_read(wake_fd_, &count);
-    return eventfd_read(later_fd_, &count) == 0;
+    const bool is_due = is_later_due_.exchange(false);
+    return eventfd_read(later_fd_, &count) == 0 || is_due;
 }
 
 } // namespace linux_board

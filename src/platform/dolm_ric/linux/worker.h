@@ -55,6 +55,7 @@ class worker
     int later_fd_;
     int stop_fd_;
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> is_later_due_{false}; /* where the system has refused the timer */
     std::thread thread_;
 };
 
