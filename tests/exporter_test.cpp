@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <sys/socket.h>
 #include <systemd/sd-journal.h>

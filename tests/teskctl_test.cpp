@@ -18,6 +18,7 @@
 #include <csignal>
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 using strings = std::vector<std::string>;

@@ -7,6 +7,7 @@
 #include "tools/common/json_records.h"
 
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 namespace exporter
 {

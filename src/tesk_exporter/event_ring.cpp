@@ -5,6 +5,7 @@
 #include "tools/common/json_records.h"
 
 #include <charconv>
+#include <nlohmann/json.hpp>
 
 namespace exporter
 {

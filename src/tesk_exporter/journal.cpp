@@ -9,6 +9,7 @@
 #include <cctype>
 #include <cerrno>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/eventfd.h>
 #include <sys/uio.h>
 #include <system_error>

@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 /* The whole text, blanks included. */

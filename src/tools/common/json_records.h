@@ -7,10 +7,12 @@
 #include "tesk_client/tesk_client.h"
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
-using json_object = nlohmann::ordered_json; /* keys stay in the order in which they are set */
+/* Keys stay in the order in which they are set. Who uses an object includes <nlohmann/json.hpp>,
+   which takes seconds to compile. */
+using json_object = nlohmann::ordered_json;
 
 json_object to_json(const tesk_client_sfp_info &info);
 json_object to_json(const tesk_client_port_status &status);

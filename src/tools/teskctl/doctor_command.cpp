@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 using namespace doctor;
 

@@ -17,6 +17,7 @@
 #include <iterator>
 #include <memory>
 #include <netdb.h>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <sys/socket.h>
 

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 using std::chrono::steady_clock;
 

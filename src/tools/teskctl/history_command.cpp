@@ -16,6 +16,7 @@
 #include "tools/teskctl/session.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 static std::vector<history_entry> read_history(const session &server, const std::string &kind)
 {

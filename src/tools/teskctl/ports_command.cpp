@@ -11,6 +11,7 @@
 #include "tools/teskctl/screen.h"
 
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -20,6 +20,7 @@
 
 #include <fmt/format.h>
 #include <map>
+#include <nlohmann/json.hpp>
 
 static std::string pm_block(const tesk_client_pm &pm)
 {

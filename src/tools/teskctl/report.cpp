@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 void reporter::line(const std::string &text) const
