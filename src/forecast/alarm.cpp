@@ -9,7 +9,8 @@
 namespace forecast
 {
 
-/* As long as the days of a series are looked at: twice the horizon is enough to know its weather. */
+/* As long as the days of a series are looked at: twice the horizon is enough to know its weather.
+ */
 static constexpr int looked_at = 42;
 
 static double own_limit(quantity value, const std::optional<limits> &own)
@@ -108,7 +109,8 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
 {
     const rules &known = rules_of(value_);
     const auto back = [&](int64_t block) {
-        return static_cast<int>(std::clamp<int64_t>((last - block) / blocks_a_day, 0, seen.count - 1));
+        return static_cast<int>(
+            std::clamp<int64_t>((last - block) / blocks_a_day, 0, seen.count - 1));
     };
     double highest = none, lowest = none;
     for (int i = back(began_); i >= 0; i--) {
@@ -118,7 +120,8 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
     }
     const double fall = highest - lowest, today = seen.of[0].corrected;
     if (today - lowest > fall / 2 && today - lowest > known.least_fall / 2) {
-        withdraw(time, fmt::format("{:.2g} of {:.2g} {} came back.", today - lowest, fall, known.unit),
+        withdraw(time,
+                 fmt::format("{:.2g} of {:.2g} {} came back.", today - lowest, fall, known.unit),
                  reports);
         quiet_until_ = last + 2 * blocks_a_day;
         return;
@@ -143,7 +146,8 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
     const outlook next = ahead(seen);
     const double day = static_cast<double>(last) / blocks_a_day + next.left;
     if (last - told_block_ < blocks_a_day / 2 ||
-        std::fabs(day - told_day_) < std::max(0.25 * next.left, 0.5) || (is_beyond && next.left == 0))
+        std::fabs(day - told_day_) < std::max(0.25 * next.left, 0.5) ||
+        (is_beyond && next.left == 0))
         return;
     told_day_ = day;
     told_block_ = last;
@@ -205,9 +209,10 @@ void alarm::announce(change what, int64_t time, const outlook &next, double fall
     told.low = next.low;
     told.high = next.high;
     told.days_since = static_cast<double>(told_block_ - began_) / blocks_a_day;
-    told.reason = fmt::format(
-        "It {} by {:.2g} {} in {:.1f} days, now {:.2g} a day, apart from what its temperature makes.",
-        known.sign < 0 ? "rose" : "fell", fall, known.unit, told.days_since, pace_);
+    told.reason =
+        fmt::format("It {} by {:.2g} {} in {:.1f} days, now {:.2g} a day, apart from what its "
+                    "temperature makes.",
+                    known.sign < 0 ? "rose" : "fell", fall, known.unit, told.days_since, pace_);
     reports.push_back(std::move(told));
 }
 

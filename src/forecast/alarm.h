@@ -46,10 +46,10 @@ class alarm
     double own_limit_ = none, limit_ = none;
     bool is_default_ = false, is_raised_ = false;
     int seen_in_a_row_ = 0;
-    int64_t quiet_until_ = 0;      /* block */
-    int64_t began_ = 0;            /* block at which the fall began, at the latest */
+    int64_t quiet_until_ = 0; /* block */
+    int64_t began_ = 0;       /* block at which the fall began, at the latest */
     double pace_ = 0, first_pace_ = 0, certainty_ = 0, level_ = 0;
-    double told_day_ = 0;          /* of the limit, in days of the series */
+    double told_day_ = 0; /* of the limit, in days of the series */
     int64_t told_block_ = 0;
 };
 

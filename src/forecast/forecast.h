@@ -51,7 +51,7 @@ struct lane_reading {
 };
 
 struct reading {
-    int64_t time;            /* seconds; the clock of the box, which may be wrong */
+    int64_t time; /* seconds; the clock of the box, which may be wrong */
     bool has_link, has_module;
     std::string_view serial; /* empty: unknown */
     double temperature_c, voltage_v;

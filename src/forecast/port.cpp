@@ -134,8 +134,7 @@ class port_state
             of = std::make_unique<tracked>(value, lane, limits_[static_cast<size_t>(value)]);
             of->values.restart(now / block_seconds);
         }
-        const auto change =
-            of->values.add(now, measured, next.temperature_c, of->notices.pace());
+        const auto change = of->values.add(now, measured, next.temperature_c, of->notices.pace());
         if (change)
             of->notices.note_step(*change, of->values, next.time, reports);
     }

@@ -18,6 +18,13 @@ double middle(std::span<float> values)
     return sum / static_cast<double>(values.size() - 2 * cut);
 }
 
+/* Of an even number of values: two wild ones of six don't move it far. */
+static double median(std::span<float> values)
+{
+    std::sort(values.begin(), values.end());
+    return (values[values.size() / 2 - 1] + values[values.size() / 2]) / 2;
+}
+
 void block_ring::put(int64_t block, float level)
 {
     int16_t &kept = kept_[static_cast<size_t>(block % kept_blocks)];
@@ -76,7 +83,8 @@ void temperature_slope::solve()
     var_both_ = static_cast<float>(-b / det);
     /* A rhythm of the far end that has the hours of this one isn't the module's slope. */
     const double most = 3 * rules_->slope_sd;
-    slope_ = static_cast<float>(std::clamp<double>(slope_, rules_->slope - most, rules_->slope + most));
+    slope_ =
+        static_cast<float>(std::clamp<double>(slope_, rules_->slope - most, rules_->slope + most));
 }
 
 double temperature_slope::effect(double from, double to) const
@@ -88,10 +96,17 @@ double temperature_slope::effect(double from, double to) const
 
 double temperature_slope::doubt(double from, double to) const
 {
+    /* Where no temperature is known it may be another one by some degrees. */
+    constexpr double unknown = 4;
     if (std::isnan(from) || std::isnan(to))
-        return 0;
+        return unknown * (std::fabs(rules_->slope) + rules_->slope_sd);
     const double w = to - from, s = square_of(to) - square_of(from);
-    return std::sqrt(std::max(0.0, w * w * var_slope_ + 2 * w * s * var_both_ + s * s * var_curve_));
+    /* The light follows hours behind the sensor, so that what a day teaches is not what a season
+       does: a sixth of the slope is taken for uncertain, however long it was learnt. */
+    const double misfit = w * slope_ / 6;
+    return std::sqrt(
+        std::max(0.0, w * w * var_slope_ + 2 * w * s * var_both_ + s * s * var_curve_) +
+        misfit * misfit);
 }
 
 series::series(quantity value)
@@ -112,8 +127,8 @@ double series::quantum() const
 {
     if (std::isnan(quantum_) || std::isnan(last_measured_))
         return 0;
-    const double size = std::fabs(level_of(value_, last_measured_ + quantum_) -
-                                  level_of(value_, last_measured_));
+    const double size =
+        std::fabs(level_of(value_, last_measured_ + quantum_) - level_of(value_, last_measured_));
     return std::isnan(size) ? 0 : size;
 }
 
@@ -174,14 +189,18 @@ bool series::find_step(double expected, double &change) const
         warmth[0][i] = recent_[i].temperature;
         warmth[1][i] = recent_[i + half].temperature;
     }
-    const double before = middle(level[0]), after = middle(level[1]);
-    /* Temperatures may be missing: then the sum isn't a number, and has no effect. */
-    const double cold = middle(warmth[0]), warm = middle(warmth[1]);
-    const double days = (recent_[half + half / 2].seconds - recent_[half / 2].seconds) / 86400.0;
+    const double before = median(level[0]), after = median(level[1]);
+    /* Temperatures may be missing: then this isn't a number, and has no effect. */
+    const double cold = median(warmth[0]), warm = median(warmth[1]);
+    /* Between the middles of both halves, also where one of them spans a gap. */
+    constexpr size_t centre = half / 2;
+    const double days = (recent_[half + centre].seconds - recent_[centre].seconds +
+                         recent_[half + centre - 1].seconds - recent_[centre - 1].seconds) /
+                        (2 * 86400.0);
     change = after - before - slope_.effect(cold, warm);
     /* Across a gap only what is known to fade may have faded on; while readings are dense, the
        fastest fade. Both with room for a fade that grows. */
-    const double faded = days > 0.3 ? std::max(0.0, 2 * expected * days)
+    const double faded = days > 0.3 ? std::max(0.0, 4 * expected * days)
                                     : std::max(known.fastest, 1.5 * expected) * days;
     const double least = since_event_ <= half + 1 ? known.step / 2 : known.step;
     const double room = std::max(least, 1.5 * quantum()) + 5 * row_noise_ / std::sqrt(half / 2.0) +
@@ -224,7 +243,8 @@ void series::learn_noise(int64_t block, const block_ring &temperatures)
         return;
     const day today = day_of(*this, temperatures, block, none);
     const double bend =
-        today.corrected - 2 * day_of(*this, temperatures, block - blocks_a_day, today.temperature).corrected +
+        today.corrected -
+        2 * day_of(*this, temperatures, block - blocks_a_day, today.temperature).corrected +
         day_of(*this, temperatures, block - 2 * blocks_a_day, today.temperature).corrected;
     if (std::isnan(bend))
         return;

@@ -80,7 +80,8 @@ class series
     /* A reading: seconds of the series, measured value, temperature (or not a number). A result is
        a step that begins a new series: the change of the level. `expected` is how much the level
        falls a day by what is known. */
-    std::optional<double> add(int64_t seconds, double measured, double temperature, double expected);
+    std::optional<double> add(int64_t seconds, double measured, double temperature,
+                              double expected);
     /* The link or the module was away, or readings are missing: a step is likelier. */
     void note_event()
     {

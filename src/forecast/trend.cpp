@@ -61,7 +61,8 @@ double excursion(const days &seen)
         const float here = seen.of[static_cast<size_t>(i)].corrected;
         highest = std::fmax(highest, here);
         if (!std::isnan(here))
-            deepest = std::fmax(deepest, std::fmin(highest, newest_side[static_cast<size_t>(i)]) - here);
+            deepest =
+                std::fmax(deepest, std::fmin(highest, newest_side[static_cast<size_t>(i)]) - here);
     }
     return deepest;
 }
@@ -91,23 +92,43 @@ static double usual_spread(const days &seen, int from)
 
 /* Does it fall in each third of `span` days, and still? Days that came at once, weather that is
    turning, and a level that has settled don't. */
-static bool falls_throughout(const days &seen, int span, double a_day)
+static bool falls_throughout(const days &seen, int span, double a_day, bool is_hasty)
 {
     const int third = std::max(1, (span + 1) / 3);
     const double newest = mean_of(seen, 0, third - 1);
     const double centre = mean_of(seen, third, span - third);
     const double oldest = mean_of(seen, span - third + 1, span);
     /* A straight fall has half of it on each side; one that doubles its pace a quarter. */
-    constexpr double least_share = 0.2;
+    const double least_share = span <= 5 ? 0.2 : 0.3;
     const double whole = oldest - newest;
     if (!(oldest - centre >= least_share * whole && centre - newest >= least_share * whole))
         return false;
-    /* Half the pace from yesterday to today where the span is short. A cold spell slows down
-       before it turns; over more days noise would decide. */
-    if (span > 5)
-        return true;
-    const float today = seen.of[0].corrected, yesterday = seen.of[1].corrected;
-    return !(yesterday - today < 0.5 * a_day);
+    /* A cold spell begins slowly, and slows down before it turns: look at both ends, over as many
+       days as it takes to see more than noise. */
+    const int end = span <= 5 ? 1 : 2;
+    const double last = seen.of[0].corrected,
+                 before_last = seen.of[static_cast<size_t>(end)].corrected;
+    if (before_last - last < 0.6 * a_day * end)
+        return false;
+    const double first = seen.of[static_cast<size_t>(span)].corrected;
+    const double second = seen.of[static_cast<size_t>(span - end)].corrected;
+    return !(is_hasty && first - second < 0.4 * a_day * end);
+}
+
+/* A level that it never had: by the least fall, and by half of the range that it had before the
+   fall. For what follows the weather itself, and needs a week of comparison. */
+static bool is_new_record(const days &seen, int span, double least)
+{
+    float lowest = none, highest = none;
+    int count = 0;
+    for (int i = span + 1; i < seen.count; i++)
+        if (const float found = seen.of[static_cast<size_t>(i)].corrected; !std::isnan(found)) {
+            lowest = std::fmin(lowest, found);
+            highest = std::fmax(highest, found);
+            count++;
+        }
+    return count >= 7 &&
+           lowest - seen.of[0].corrected > std::max<double>(least, (highest - lowest) / 2);
 }
 
 static std::optional<fade> test_span(const series &of, const days &seen, int span, double deepest)
@@ -116,7 +137,9 @@ static std::optional<fade> test_span(const series &of, const days &seen, int spa
     const auto oldest = static_cast<size_t>(span);
     if (std::isnan(seen.of[oldest].corrected) || std::isnan(seen.of[0].corrected))
         return std::nullopt;
-    const double least = known.least_fall * (span <= 3 ? known.hasty : span <= 5 ? known.hasty_week : 1);
+    const double least = known.least_fall * (span <= 3   ? known.hasty
+                                             : span <= 5 ? known.hasty_week
+                                                         : 1);
     const int third = std::max(1, (span + 1) / 3);
     /* A look that costs little and excludes nearly every healthy series. */
     if (!(mean_of(seen, span - third + 1, span) - mean_of(seen, 0, third - 1) > least / 2))
@@ -130,17 +153,15 @@ static std::optional<fade> test_span(const series &of, const days &seen, int spa
     const double fall = line.a_day * span - doubt;
     /* Days wander: the change over a span grows with its root at most. */
     const double wander = of.noise() * std::sqrt(span);
-    /* Three deviations for one look; there are eight looks a day on nine spans, but what isn't
-       chance (the tests below) excludes more. */
-    constexpr double sure = 3.2;
     /* All pairs but one in seven: half of the pairs by chance. */
     constexpr double agreement = 0.7;
     /* A fall that came back before can come back again: for spans that weather has, exceed it. */
-    const double weather = deepest * (span <= 6 ? 1.25 : 0.7);
+    const double weather = deepest * (span <= 7 ? 1.25 : 0.7);
     const double swing = 0.5 * usual_spread(seen, span);
-    if (fall < least || fall < sure * wander || fall < 2.5 * of.quantum() || fall < weather ||
+    if (fall < least || fall < known.sure * wander || fall < 2.5 * of.quantum() || fall < weather ||
         fall < swing || raw < 0.3 * fall || line.agreement < agreement ||
-        !falls_throughout(seen, span, line.a_day))
+        !falls_throughout(seen, span, line.a_day, span <= 5 && known.follows_weather) ||
+        (of.value() == quantity::temperature && !is_new_record(seen, span, known.least_fall)))
         return std::nullopt;
     const fall_rate now = fall_between(seen, 0, std::clamp(span, 3, 5));
     const double pace = std::isnan(now.a_day) ? line.a_day : std::max(now.a_day, line.a_day / 2);
@@ -176,7 +197,8 @@ static std::optional<fade> test_sudden(const series &of, const block_ring &tempe
         if (span >= count)
             break;
         const auto oldest = static_cast<size_t>(span);
-        const double fall = level[oldest] - level[0] - 2 * of.slope().doubt(warmth[oldest], warmth[0]);
+        const double fall =
+            level[oldest] - level[0] - 2 * of.slope().doubt(warmth[oldest], warmth[0]);
         const double spread = usual_spread(seen, span / 4 + 1);
         if (fall < known.sudden_fall || fall < 1.3 * deepest || fall < 1.2 * spread ||
             fall < 2.5 * of.quantum())

@@ -28,6 +28,8 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
     app.add_flag("--no-refresh", no_refresh, "Take grades from indications only");
     app.add_flag("--journal", read.journal, "Write each change to the journal");
     app.add_option("--web", read.web, "Serve the page from this folder")->capture_default_str();
+    app.add_option("--replay", read.replay,
+                   "Forecast from these files or folders of readings, write JSON lines, and end");
     try {
         app.parse(argc, argv);
         if (!ports.empty())

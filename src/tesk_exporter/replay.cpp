@@ -51,9 +51,12 @@ struct line_source {
 } // namespace
 
 static constexpr std::pair<std::string_view, field> port_columns[] = {
-    {"time", field::time},           {"link", field::link},
-    {"present", field::present},     {"serial", field::serial},
-    {"temperature_c", field::temperature}, {"voltage_v", field::voltage}};
+    {"time", field::time},
+    {"link", field::link},
+    {"present", field::present},
+    {"serial", field::serial},
+    {"temperature_c", field::temperature},
+    {"voltage_v", field::voltage}};
 
 static constexpr std::pair<std::string_view, double forecast::lane_reading::*> lane_columns[] = {
     {"rx_uw_", &forecast::lane_reading::rx_uw},
@@ -354,7 +357,8 @@ static std::vector<std::string> files_in(const std::string &path)
         return {path};
     std::vector<std::string> found;
     for (const auto &entry : std::filesystem::directory_iterator(path, error))
-        if (const std::string name = entry.path(); name.ends_with(".csv.gz") || name.ends_with(".csv"))
+        if (const std::string name = entry.path();
+            name.ends_with(".csv.gz") || name.ends_with(".csv"))
             found.push_back(name);
     std::sort(found.begin(), found.end());
     return found;
