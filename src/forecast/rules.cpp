@@ -18,7 +18,7 @@ namespace forecast
      about 1.2 dB and comes back. Only a deeper or a longer fall is no weather. The far end's
    weather isn't in the module's temperature; lasers and errors have no such cause. Heat has: warm
      spells last for days.
-   - sudden_fall: half as much again as weather takes.
+   - sudden_fall: more than the 1.2 dB that weather takes, with room for noise.
    - step: half of the least fall would hide in noise; a connector that was moved changes more. For
      transmit power above the steps of a laser table.
    - fastest: light that vanishes in two days still gives a day of warning.
@@ -42,7 +42,7 @@ static constexpr rules table[quantities] = {
      .follows_weather = true,
      .hasty = 4,
      .hasty_week = 1.75,
-     .sudden_fall = 1.6,
+     .sudden_fall = 1.4,
      .step = 0.3,
      .notice = 0.8,
      .fastest = 2.5,
@@ -63,7 +63,7 @@ static constexpr rules table[quantities] = {
      .follows_weather = false,
      .hasty = 1.5,
      .hasty_week = 1,
-     .sudden_fall = 1.6,
+     .sudden_fall = 1.4,
      .step = 0.5,
      .notice = 0.8,
      .fastest = 2.5,

@@ -205,7 +205,14 @@ bool series::find_step(double expected, double &change) const
     const double least = since_event_ <= half + 1 ? known.step / 2 : known.step;
     const double room = std::max(least, 1.5 * quantum()) + 5 * row_noise_ / std::sqrt(half / 2.0) +
                         2 * slope_.doubt(cold, warm);
-    return change < 0 ? -change > room + faded : change > room;
+    if (change < 0 ? -change <= room + faded : change <= room)
+        return false;
+    /* While the step is in the middle of a half its size isn't known: each half is of one level,
+       but for one reading at each end. */
+    const auto width = [](const std::array<float, half> &sorted) {
+        return sorted[half - 2] - sorted[1];
+    };
+    return std::max(width(level[0]), width(level[1])) < 0.6 * std::fabs(change);
 }
 
 void series::close(int64_t block, const block_ring &temperatures)

@@ -166,10 +166,12 @@ class replayed_file
                 take(text.substr(0, text.find_last_not_of("\r\n") + 1));
         }
         int code = Z_OK;
-        const char *reason = gzerror(source.file, &code);
+        gzerror(source.file, &code);
         if (code != Z_OK && code != Z_STREAM_END) {
             complain(fmt::format("can't be read to its end: {}",
-                                 code == Z_ERRNO ? std::strerror(errno) : reason));
+                                 code == Z_ERRNO       ? std::strerror(errno)
+                                 : code == Z_BUF_ERROR ? "it is cut off"
+                                                       : "it is damaged"));
             is_usable_ = false;
         } else if (is_usable_ && columns_.empty()) {
             complain("has no line with the names of columns, \"time,link,..\"");
