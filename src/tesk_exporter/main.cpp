@@ -10,6 +10,7 @@
 #include "tesk_exporter/options.h"
 #include "tesk_exporter/refresh_rules.h"
 #include "tesk_exporter/refresher.h"
+#include "tesk_exporter/replay.h"
 #include "tools/common/clock.h"
 #include "tools/common/exit_code.h"
 
@@ -140,6 +141,8 @@ static int run(int argc, char **argv)
     settings given;
     if (const auto code = read_options(argc, argv, given))
         return *code;
+    if (!given.replay.empty())
+        return replay(given.replay, stdout, stderr);
     bound_memory();
     /* Bounds the time that locating a server that doesn't respond can delay the end of the
        program. */

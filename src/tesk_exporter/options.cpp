@@ -92,6 +92,8 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
     app.add_option("--print-drop-in", clients,
                    "Print the drop-in of the systemd unit with which these CLIENTS can reach "
                    "--listen: addresses or networks, as in 192.0.2.0/24,2001:db8::7, or any");
+    app.add_option("--replay", read.replay,
+                   "Forecast from these files or folders of readings, write JSON lines, and end");
     try {
         app.parse(argc, argv);
         if (!ports.empty())

@@ -19,6 +19,7 @@ struct settings {
     bool refresh = true;
     bool journal = false;
     std::string web = TESK_WEB_DIR;
+    std::vector<std::string> replay; /* files to forecast from, instead of a server's ports */
 };
 
 /* Reads the command line into `read`. A result is the exit code of a program that has nothing more

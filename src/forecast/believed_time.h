@@ -1,0 +1,56 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* believed_time - the time of a series, whatever the clock of the box does. Header only. */
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace forecast
+{
+
+/* A box without a battery starts with an old clock and sets it minutes to hours later. Readings
+   with a time that goes back, or leaps ahead by more than a gap that happens, are left out until
+   the new time has been in use for a day; then it is the right one, and the series continues. */
+class believed_time
+{
+  public:
+    /* The time in seconds from the first reading on, which never goes back; nothing: not used. */
+    std::optional<int64_t> accept(int64_t time)
+    {
+        if (!is_begun_) {
+            is_begun_ = true;
+            offset_ = -time;
+            last_ = time;
+            return 0;
+        }
+        if (time > last_ && time - last_ <= longest_gap) {
+            doubtful_since_ = doubtful_last_ = 0;
+            is_doubtful_ = false;
+            last_ = time;
+            return time + offset_;
+        }
+        if (time == last_)
+            return std::nullopt;
+        if (!is_doubtful_ || time < doubtful_last_ || time - doubtful_last_ > longest_gap) {
+            is_doubtful_ = true;
+            doubtful_since_ = time;
+        }
+        doubtful_last_ = time;
+        if (time - doubtful_since_ < believed_after)
+            return std::nullopt;
+        /* The time that passed while the clock was in doubt is that of the new clock. */
+        offset_ += last_ - doubtful_since_;
+        is_doubtful_ = false;
+        last_ = time;
+        return time + offset_;
+    }
+
+  private:
+    static constexpr int64_t longest_gap = 15 * 86400; /* a box on its way back from repair */
+    static constexpr int64_t believed_after = 86400;   /* time service works within hours */
+
+    bool is_begun_ = false, is_doubtful_ = false;
+    int64_t offset_ = 0, last_ = 0, doubtful_since_ = 0, doubtful_last_ = 0;
+};
+
+} // namespace forecast

@@ -1,0 +1,19 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* replay - the forecast on files of readings, as JSON lines. docs/forecast.md has both formats. */
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace exporter
+{
+
+/* Reads each file, or each *.csv.gz and *.csv in a folder in the order of their names, and writes a
+   line to `out` for each alarm that is raised, changed or withdrawn. Reports to `errors`, with file
+   and line, what it couldn't use: the first place of each kind in a file, and how many more. Memory
+   is bounded, whatever a file contains. The result is an exit code: done, rejected where a file is
+   unreadable or ends too early, no_output where `out` can't be written. */
+int replay(const std::vector<std::string> &paths, FILE *out, FILE *errors);
+
+} // namespace exporter
