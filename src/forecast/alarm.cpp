@@ -123,14 +123,14 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
         withdraw(time,
                  fmt::format("{:.2g} of {:.2g} {} came back.", today - lowest, fall, known.unit),
                  reports);
-        quiet_until_ = last + 2 * blocks_a_day;
+        quiet_until_ = last + int64_t{2} * blocks_a_day;
         return;
     }
     const bool is_beyond = seen.of[0].level < limit_;
-    if (seen.count > 6 && !is_beyond && last - began_ > 6 * blocks_a_day &&
+    if (seen.count > 6 && !is_beyond && last - began_ > int64_t{6} * blocks_a_day &&
         fall_between(seen, 0, 6).a_day < 0.15 * first_pace_) {
         withdraw(time, "The level has stood for a week.", reports);
-        quiet_until_ = last + 2 * blocks_a_day;
+        quiet_until_ = last + int64_t{2} * blocks_a_day;
         return;
     }
     /* The present pace, over as many days as it takes to fall by what is no noise. */
@@ -154,13 +154,12 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
     announce(change::changed, time, next, fall, reports);
 }
 
-void alarm::note_step(double change, series &of, int64_t time, std::vector<report> &reports)
+void alarm::note_step(double change, int64_t time, std::vector<report> &reports)
 {
     withdraw(time, "A step began a new series.", reports);
     seen_in_a_row_ = 0;
     pace_ = 0;
     limit_ = none;
-    of.remember_excursion(of.past_excursion());
     if (-change < rules_of(value_).notice)
         return;
     report told = form(change::notice, time);
@@ -209,10 +208,10 @@ void alarm::announce(change what, int64_t time, const outlook &next, double fall
     told.low = next.low;
     told.high = next.high;
     told.days_since = static_cast<double>(told_block_ - began_) / blocks_a_day;
-    told.reason =
-        fmt::format("It {} by {:.2g} {} in {:.1f} days, now {:.2g} a day, apart from what its "
-                    "temperature makes.",
-                    known.sign < 0 ? "rose" : "fell", fall, known.unit, told.days_since, pace_);
+    told.reason = fmt::format(
+        "It {} by {:.2g} {} in {:.1f} days, now {:.2g} a day{}.", known.sign < 0 ? "rose" : "fell",
+        fall, known.unit, told.days_since, pace_,
+        value_ == quantity::temperature ? "" : ", apart from what its temperature makes");
     reports.push_back(std::move(told));
 }
 

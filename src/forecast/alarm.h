@@ -21,7 +21,8 @@ class alarm
     /* After the block `last` was ended. `time` is written into the reports. */
     void evaluate(series &of, const block_ring &temperatures, int64_t last, int64_t time,
                   std::vector<report> &reports);
-    void note_step(double change, series &of, int64_t time, std::vector<report> &reports);
+    /* `change` of the level at once. */
+    void note_step(double change, int64_t time, std::vector<report> &reports);
     void withdraw(int64_t time, const std::string &reason, std::vector<report> &reports);
     /* Another module. */
     void forget();

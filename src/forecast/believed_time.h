@@ -46,8 +46,9 @@ class believed_time
     }
 
   private:
-    static constexpr int64_t longest_gap = 15 * 86400; /* a box on its way back from repair */
-    static constexpr int64_t believed_after = 86400;   /* time service works within hours */
+    static constexpr int64_t longest_gap =
+        int64_t{15} * 86400;                         /* a box on its way back from repair */
+    static constexpr int64_t believed_after = 86400; /* time service works within hours */
 
     bool is_begun_ = false, is_doubtful_ = false;
     int64_t offset_ = 0, last_ = 0, doubtful_since_ = 0, doubtful_last_ = 0;

@@ -4,7 +4,7 @@
 
    Readings of one port go in, one by one and in the order of their time; reports come out. The
    library reads no clock and no file, and uses no reading before it was given. A port with eight
-   lanes takes at most 48 KiB, whatever it is given. Not thread-safe: one port, one thread at a
+   lanes takes at most 64 KiB, whatever it is given. Not thread-safe: one port, one thread at a
    time. No function throws but for exhausted memory.
 
    Order of work: `believed_time` decides whether the time of a reading is used; `series` keeps a

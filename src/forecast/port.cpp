@@ -136,7 +136,7 @@ class port_state
         }
         const auto change = of->values.add(now, measured, next.temperature_c, of->notices.pace());
         if (change)
-            of->notices.note_step(*change, of->values, next.time, reports);
+            of->notices.note_step(*change, next.time, reports);
     }
 
     /* A module or driver that repeats all its values isn't measuring. An hour of the same values is

@@ -18,6 +18,10 @@ namespace forecast
      about 1.2 dB and comes back. Only a deeper or a longer fall is no weather. The far end's
    weather isn't in the module's temperature; lasers and errors have no such cause. Heat has: warm
      spells last for days.
+   - sure: one look in a thousand exceeds 3.2 deviations by chance, and what isn't chance is left to
+     the other tests. Warm days follow warm days, which second differences don't show: 5.
+   - noise: light wanders by some hundredths of a dB within hours; a reading of bias moves by tenths
+     of a percent; weather by a degree a day.
    - sudden_fall: more than the 1.2 dB that weather takes, with room for noise.
    - step: half of the least fall would hide in noise; a connector that was moved changes more. For
      transmit power above the steps of a laser table.

@@ -246,13 +246,13 @@ void series::learn_slope(int64_t block, const block_ring &temperatures)
 /* From second differences of three days, in which a straight fade leaves nothing. */
 void series::learn_noise(int64_t block, const block_ring &temperatures)
 {
-    if (block % blocks_a_day != blocks_a_day - 1 || block - 3 * blocks_a_day < first_)
+    if (block % blocks_a_day != blocks_a_day - 1 || block - int64_t{3} * blocks_a_day < first_)
         return;
     const day today = day_of(*this, temperatures, block, none);
     const double bend =
         today.corrected -
         2 * day_of(*this, temperatures, block - blocks_a_day, today.temperature).corrected +
-        day_of(*this, temperatures, block - 2 * blocks_a_day, today.temperature).corrected;
+        day_of(*this, temperatures, block - int64_t{2} * blocks_a_day, today.temperature).corrected;
     if (std::isnan(bend))
         return;
     /* Limited, so that a day of weather doesn't blind the detector for weeks. */

@@ -16,7 +16,7 @@ namespace forecast
 
 /* Three hours: short enough for a fade of two days and for the swing of a day, long enough for a
    middle of 36 readings without noise. Eight weeks: the horizon and twice as much to compare. */
-constexpr int64_t block_seconds = 3 * 3600;
+constexpr int64_t block_seconds = int64_t{3} * 3600;
 constexpr int blocks_a_day = 8;
 constexpr int kept_days = 56;
 constexpr int kept_blocks = kept_days * blocks_a_day;
@@ -145,7 +145,7 @@ class series
     temperature_slope slope_;
     block_ring blocks_;
     std::array<float, rows_a_block> row_;
-    std::array<recent, 2 * half> recent_;
+    std::array<recent, size_t{2} * half> recent_;
 };
 
 /* The middle of a day's blocks, the last of which is `last`: level without what the temperature

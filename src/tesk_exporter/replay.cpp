@@ -23,13 +23,13 @@
 namespace exporter
 {
 
+static constexpr int most_lanes = 64;
+/* Six columns, and four for each lane, of at most 24 characters; a longer line is none of ours. */
+static constexpr int longest_line = 8192;
+static constexpr double not_measured = std::numeric_limits<double>::quiet_NaN();
+
 namespace
 {
-
-constexpr int most_lanes = 64;
-/* Six columns, and four for each lane, of at most 24 characters; a longer line is none of ours. */
-constexpr int longest_line = 8192;
-constexpr double not_measured = std::numeric_limits<double>::quiet_NaN();
 
 enum class field : uint8_t { ignored, time, link, present, serial, temperature, voltage, lane };
 
