@@ -65,7 +65,7 @@ enum held_kind : size_t { HELD_SENT, HELD_RECEIVED, HELD_KINDS };
 struct holding {
     bool is_late; /* what it holds has waited longer than a reader needs */
     size_t of_user, of_process, own;
-    auto operator<=>(const holding &) const = default;
+    auto operator<=>(const holding &) const = default; // NOLINT(modernize-use-nullptr)
 };
 
 /* One connection in the accounts; the destructor takes it out. Each kind of bytes is set by one
