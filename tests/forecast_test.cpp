@@ -53,7 +53,7 @@ static std::vector<report> reports_of(const world &change, int days_of_it = 60)
                  .has_module = true,
                  .is_missing = false,
                  .serial = "A",
-                 .time = start + row * 300};
+                 .time = start + int64_t{row} * 300};
         s.temperature += 3 * std::sin(6.2832 * s.day) + 0.2 * noise(random);
         change(s);
         s.rx += 0.08 * (s.temperature - 40) + 0.03 * noise(random);
@@ -188,7 +188,7 @@ TEST(Forecast, is_silent_on_what_recovers_or_steps)
         {"clock of 1970 and of next year", 0,
          [](sample &s) {
              if (std::fmod(s.day, 9) < 0.3)
-                 s.time += s.day < 30 ? -start : 86400 * 365;
+                 s.time += s.day < 30 ? -start : int64_t{86400} * 365;
          }},
         {"limits of another type", 0, [](sample &s) { s.rx -= 5; }},
         {"no values", 0, [](sample &s) { s.rx = s.tx = s.bias = s.temperature = NAN; }},
@@ -224,7 +224,7 @@ TEST(Replay, names_what_it_cannot_use)
         "# limit rx_uw 100 110 1000 2000\ntime,link,present,serial,temperature_c,rx_uw_1\n";
     std::string rows;
     for (int row = 0; row < 30 * 288; row++)
-        rows += std::to_string(start + 300 * row) + ",1,1,A," +
+        rows += std::to_string(start + int64_t{300} * row) + ",1,1,A," +
                 std::to_string(40 + std::sin(row / 46.0)) + "," +
                 std::to_string(250 * std::pow(10, -std::max(0, row - 2880) / 57600.0) + row % 3) +
                 "\n";

@@ -168,7 +168,7 @@ std::optional<double> series::add(int64_t seconds, double measured, double tempe
     first_ = seconds / block_seconds;
     rows_ = 0;
     for (int i = 0; i < half; i++) {
-        recent_[static_cast<size_t>(i)] = recent_[static_cast<size_t>(i + half)];
+        recent_[static_cast<size_t>(i)] = recent_[static_cast<size_t>(i) + half];
         row_[rows_++] = recent_[static_cast<size_t>(i)].level;
     }
     recents_ = half;

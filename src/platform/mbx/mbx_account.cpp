@@ -97,8 +97,11 @@ try {
     std::lock_guard hold(accounts_lock);
     user_account &user = (*users)[peer.user];
     account &process = user.processes[peer.key()];
-    user.whole = &total;
-    process.whole = &user;
+    /* Written once: other entries of the account read it without the lock. */
+    if (!user.whole)
+        user.whole = &total;
+    if (!process.whole)
+        process.whole = &user;
     if (!located && !has_place(user, process, peer)) {
         forget_empty(peer);
         return nullptr;
