@@ -4,9 +4,11 @@
    a difference can't be explained. */
 #include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/linux/module_memory.h"
+#include "platform/dolm_ric/linux/port_config.h"
 #include "platform/dolm_ric/linux/reader_client.h"
 #include "testkit/modules/ethtool_comparison.h"
 #include "testkit/modules/module_text.h"
+#include "util/descriptor.h"
 
 #include <algorithm>
 #include <array>
@@ -46,6 +48,8 @@ static module_memory read_module(uint32_t port)
 {
     const char *socket = getenv(READER_SOCKET_ENV);
     reader_client reader(socket != nullptr ? socket : READER_SOCKET, -1);
+    if (const util::descriptor config(open_port_config(port_config_path())); config.is_open())
+        reader.expect(read_port_config(config.get(), "ports").checksum);
     module_memory memory;
     for (size_t done = 0;; done++) {
         const auto plan = reading_plan(memory);
