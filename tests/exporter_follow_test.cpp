@@ -185,7 +185,7 @@ const char *tesk_client_error(void)
 
 /* Changes all that the server knows, tells those that it knows to be subscribed, and waits until
    the model has it, and the server the right subscriptions. */
-static bool is_followed(fact_queue &facts, model &board, std::set<uint32_t> ports)
+static bool is_followed(fact_queue &facts, model &board, const std::set<uint32_t> &ports)
 {
     {
         const std::lock_guard lock(guard);

@@ -178,11 +178,11 @@ static std::optional<fade> test_sudden(const series &of, const block_ring &tempe
         return std::nullopt;
     std::array<double, most + 1> level, warmth;
     int count = 0;
-    for (; count <= most && last - int64_t{2} * count - 1 >= of.first(); count++) {
+    int64_t newest = last; /* of the two blocks that are taken together */
+    for (; count <= most && newest - 1 >= of.first(); count++, newest -= 2) {
         double sum = 0, warm = 0;
         int valid = 0;
-        for (int64_t block = last - int64_t{2} * count - 1; block <= last - int64_t{2} * count;
-             block++)
+        for (int64_t block = newest - 1; block <= newest; block++)
             if (const float found = of.blocks().at(block); !std::isnan(found)) {
                 const double temperature = -temperatures.at(block);
                 sum += found - of.slope().effect(seen.of[0].temperature, temperature);
