@@ -24,7 +24,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ranges>
 
 /* All levels are multiples of a tick's, so that the last tick leaves exactly 0. */
 static constexpr int32_t level_per_down = 20;
@@ -87,9 +86,9 @@ static void notify(const tesk_client *client, const tesk_port_info *info)
 
 static void tesk_send_port_status_ind_to_subscribers(uint32_t port_no, const tesk_port_info *info)
 {
-    for (const tesk_subscriber &subscriber :
-         std::views::reverse(tesk_client_subscribers(port_no, TESK_SUBSCRIPTION_PORT_STATUS)))
-        notify(subscriber.client, info);
+    const auto subscribers = tesk_client_subscribers(port_no, TESK_SUBSCRIPTION_PORT_STATUS);
+    for (auto subscriber = subscribers.rbegin(); subscriber != subscribers.rend(); ++subscriber)
+        notify(subscriber->client, info);
 }
 
 /* Reports the port's present status to its subscribers, whatever the level of its bucket. */

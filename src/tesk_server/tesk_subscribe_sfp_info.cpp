@@ -17,7 +17,6 @@
 #include "tesk_server/tesk_trace.h"
 
 #include <cstring>
-#include <ranges>
 
 static const char *tesk_sfp_type_str(uint32_t type)
 {
@@ -69,9 +68,9 @@ static void tesk_send_sfp_info_ind_to_subscribers(uint32_t port_no, uint32_t pre
     /* The result is not needed: after a failed read the record is still clear, and is sent as that
        of an empty port. */
     get_sfp_info(port_no, presence, &info);
-    for (const tesk_subscriber &subscriber :
-         std::views::reverse(tesk_client_subscribers(port_no, TESK_SUBSCRIPTION_SFP_INFO)))
-        notify(subscriber.client, port_no, &info);
+    const auto subscribers = tesk_client_subscribers(port_no, TESK_SUBSCRIPTION_SFP_INFO);
+    for (auto subscriber = subscribers.rbegin(); subscriber != subscribers.rend(); ++subscriber)
+        notify(subscriber->client, port_no, &info);
 }
 
 static constexpr tesk_subscription_procedure procedure = {

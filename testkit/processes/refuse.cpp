@@ -63,5 +63,5 @@ int main(int count, char **words)
     const auto *refused = std::ranges::find(calls, std::string_view(words[1]), &call::name);
     return refused == std::end(calls)
                ? 125
-               : run(*refused, static_cast<unsigned>(atoi(words[2])), words + 3);
+               : run(*refused, static_cast<unsigned>(strtoul(words[2], nullptr, 10)), words + 3);
 }

@@ -124,7 +124,8 @@ static http_answer get(const std::string &given, const std::string &path)
     const size_t blank = text.find(' '), body = text.find("\r\n\r\n");
     if (!text.starts_with("HTTP/") || blank == std::string::npos || body == std::string::npos)
         return {0, got < 0 ? "no answer in 2 s" : "the answer is not HTTP"};
-    return {std::atoi(text.c_str() + blank), text.substr(body + 4)};
+    return {static_cast<int>(std::strtol(text.c_str() + blank, nullptr, 10)),
+            text.substr(body + 4)};
 }
 
 /* The unit denies every address but those of this machine, unless somebody has opened it. */
@@ -134,7 +135,7 @@ static bool denies_others(const unit_table &units)
     if (property(units, exporter_unit, "IPAddressDeny").empty())
         return false;
     for (size_t at = 0; at < allowed.size(); at = allowed.find(' ', at) + 1) {
-        const std::string_view word = std::string_view(allowed).substr(at);
+        const std::string_view word = std::string_view{allowed}.substr(at);
         if (!word.starts_with("127.") && !word.starts_with("::1/"))
             return false;
         if (word.find(' ') == std::string_view::npos)
