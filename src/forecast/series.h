@@ -69,7 +69,6 @@ class temperature_slope
     double scale_;
     double ww_ = 0, ws_ = 0, ss_ = 0, wl_ = 0, sl_ = 0;
     float slope_ = 0, curve_ = 0, var_slope_ = 0, var_both_ = 0, var_curve_ = 0;
-    bool is_solved_ = false;
 };
 
 class series

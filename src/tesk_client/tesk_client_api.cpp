@@ -274,7 +274,7 @@ tesk_client_result tesk_client_read_history(tesk_client_session *session,
     if (result != TESK_CLIENT_OK)
         return result;
     const auto type = static_cast<tesk_client_request_type>(
-        TESK_CLIENT_REQUEST_HISTORY_PORT_STATUS + static_cast<int>(kind));
+        TESK_CLIENT_REQUEST_HISTORY_PORT_STATUS + static_cast<unsigned>(kind));
     return call_and_wait(session, type, 0, [=](const tesk_client_answer &answer) {
         *count = std::min(answer.count, capacity);
         /* Sorted oldest first: the newest are at the end. */
