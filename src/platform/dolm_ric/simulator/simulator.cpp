@@ -58,6 +58,8 @@ void simulator::write_map(const std::string &socket)
     const std::string path = setting_or(DOLM_RIC_PORT_MAP_ENV, standard.c_str());
     if (write_port_map(path, names))
         map_path_ = path;
+    const auto guard = events.lock();
+    start_details(details_path(path));
 }
 
 void simulator::stop() noexcept
@@ -65,6 +67,7 @@ void simulator::stop() noexcept
     if (!map_path_.empty())
         unlink(map_path_.c_str());
     control_.reset();
+    stop_details();
 }
 
 std::unique_ptr<port_source> make_port_source(core &events)
