@@ -16,6 +16,10 @@ packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gco
 # For a real kernel in an emulated machine; the kernel itself is fetched and not installed.
 packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
                  libssl3)
+# The parts of the preset scene, which ./run builds: for all but --linux, for its shell, for --linux.
+targets_run=(tesk-server teskctl teskboard)
+targets_run_stay=(tesk-exporter page example_client)
+targets_run_linux=(tesk-server teskctl dolm_ric_linux tesk-module-reader)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
                 libhiredis-dev python3-redis python3-hiredis prometheus-node-exporter)
 
