@@ -75,6 +75,33 @@ stop_service() { # NAME
     fi
 }
 
+# Unpacks Debian's base system and nothing else into the folder, anew. It is fetched once.
+make_clean_root() { # FOLDER
+    local base=build/clean-root.tar
+    mkdir -p build
+    if [ ! -f "$base" ]; then
+        say "fetching a base system (once, takes some minutes)"
+        timeout 900 mmdebstrap --quiet --format=tar --variant=minbase bookworm "$base.new" ||
+            fail "the base system could not be fetched"
+        mv "$base.new" "$base"
+    fi
+    rm -rf "$1"
+    mkdir "$1"
+    tar -C "$1" -xf "$base"
+    cp /etc/resolv.conf "$1/etc/"
+}
+
+# kept_environment ARRAY: what a command gets in place of this machine's variables: where programs and
+# its home are, and the proxies of the package client.
+kept_environment() {
+    local -n kept_=$1
+    local name
+    kept_=(HOME="${HOME:-/root}" PATH="$PATH")
+    for name in http_proxy https_proxy no_proxy HTTP_PROXY HTTPS_PROXY NO_PROXY; do
+        [ -z "${!name-}" ] || kept_+=("$name=${!name}")
+    done
+}
+
 # Shows the progress of a build on standard error, [n/m], in place on a terminal, else every 15 s.
 show_progress() {
     local line next=$((SECONDS + 15))
