@@ -168,7 +168,7 @@ exit_code run_ping(const settings &common, const ping_options &options)
             next += from_seconds(options.interval);
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
-        if (loop.wait(server, end) == event_loop::wake::signal)
+        if (loop.wait(server.get(), end) == event_loop::wake::signal)
             break;
     }
     report_statistics(common, run.report, run.seen);
@@ -211,7 +211,7 @@ exit_code run_watch(const settings &common, const watch_options &options)
     /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
            (!end || steady_clock::now() < *end))
-        loop.wait(server, end);
+        loop.wait(server.get(), end);
     /* The server would drop the subscriptions with the connection, but only a moment later. */
     if (server.is_connected())
         request_all(loop, server, held, [](const tesk_client_answer &) {});
