@@ -91,15 +91,13 @@ make_clean_root() { # FOLDER
     cp /etc/resolv.conf "$1/etc/"
 }
 
-# kept_environment ARRAY: what a command gets in place of this machine's variables: where programs and
-# its home are, and the proxies of the package client.
-kept_environment() {
-    local -n kept_=$1
-    local name
-    kept_=(HOME="${HOME:-/root}" PATH="$PATH")
+# Runs the command without this machine's variables but for PATH, HOME and the proxies of the package client.
+in_empty_environment() { # COMMAND..
+    local kept=(HOME="${HOME:-/root}" PATH="$PATH") name
     for name in http_proxy https_proxy no_proxy HTTP_PROXY HTTPS_PROXY NO_PROXY; do
-        [ -z "${!name-}" ] || kept_+=("$name=${!name}")
+        [ -z "${!name-}" ] || kept+=("$name=${!name}")
     done
+    env -i "${kept[@]}" "$@"
 }
 
 # Shows the progress of a build on standard error, [n/m], in place on a terminal, else every 15 s.
