@@ -8,7 +8,7 @@ packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev
                 libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev zlib1g-dev
                 libjs-dygraphs)
 packages_run_linux=(iproute2)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
+packages_test=(git libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
               g++-s390x-linux-gnu qemu-user-static prometheus prometheus-node-exporter chromium

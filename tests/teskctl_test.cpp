@@ -511,6 +511,12 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
         {"printf '0 lo\n1 a b c\n' >p; export DOLM_RIC_PORTS=$PWD/p", "config     ",
          "correct it in"},
         {"printf '0 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p", "p has no wrong line", ""},
+        {": >p; export DOLM_RIC_PORTS=$PWD/p", "p has no right line", "correct"},
+        {"mkfifo fifo; export DOLM_RIC_PORTS=$PWD/fifo", "fifo is not a regular", "correct"},
+        {"ln -s /none link; export DOLM_RIC_PORTS=$PWD/link", "is a link to a file", "mend the"},
+        {"printf '7 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p DOLM_RIC_PORT_MAP=$PWD/m; "
+         "printf '# tesk-ports 1\n1\ta\n' >m",
+         "keeps its interface while it runs: 7 lo", "restart tesk-server"},
         {"export DOLM_RIC_PORT_MAP=$PWD/m; echo x >m", "line 1: must be", "restart tesk-server"},
         {"export DOLM_RIC_PORT_MAP=$PWD/m; printf '# tesk-ports 1\n99\ta\n' >m",
          "the server has no port", "journalctl -u tesk-server"},
