@@ -4,9 +4,6 @@ set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 option(TESK_COVERAGE "Build for a line coverage report" OFF)
 
 add_library(tesk_options INTERFACE)
-if(TESK_SCENE) # the same sources compile with warnings in every other preset
-  target_compile_options(tesk_options INTERFACE -w)
-endif()
 target_compile_options(tesk_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wmissing-declarations -Werror
   -fno-common)

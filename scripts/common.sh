@@ -8,7 +8,7 @@ packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev
                 libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev zlib1g-dev
                 libjs-dygraphs)
 packages_run_linux=(iproute2)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
+packages_test=(git libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
               g++-s390x-linux-gnu qemu-user-static prometheus prometheus-node-exporter chromium
@@ -91,15 +91,13 @@ make_clean_root() { # FOLDER
     cp /etc/resolv.conf "$1/etc/"
 }
 
-# kept_environment ARRAY: what a command gets in place of this machine's variables: where programs and
-# its home are, and the proxies of the package client.
-kept_environment() {
-    local -n kept_=$1
-    local name
-    kept_=(HOME="${HOME:-/root}" PATH="$PATH")
+# Runs the command without this machine's variables but for PATH, HOME and the proxies of the package client.
+in_empty_environment() { # COMMAND..
+    local kept=(HOME="${HOME:-/root}" PATH="$PATH") name
     for name in http_proxy https_proxy no_proxy HTTP_PROXY HTTPS_PROXY NO_PROXY; do
-        [ -z "${!name-}" ] || kept_+=("$name=${!name}")
+        [ -z "${!name-}" ] || kept+=("$name=${!name}")
     done
+    env -i "${kept[@]}" "$@"
 }
 
 # Shows the progress of a build on standard error, [n/m], in place on a terminal, else every 15 s.

@@ -23,12 +23,11 @@ mount -t proc proc "$root/proc"
 mount -t sysfs -o ro sysfs "$root/sys"
 mount --rbind /dev "$root/dev"
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
-kept_environment kept
 
 # Runs the command in the clone, and says how long it took. A root of chroot's can't make user namespaces.
 in_root() { # COMMAND..
     local start=$SECONDS
-    env -i "${kept[@]}" chroot "$root" setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin \
+    in_empty_environment chroot "$root" setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin \
         sh -c 'cd /tree && exec "$@"' sh "$@" >"build/bare-root.log" 2>&1 </dev/null ||
         { tail -n 40 build/bare-root.log >&2 && fail "$* failed on a bare Debian: see build/bare-root.log"; }
     say "$*: $((SECONDS - start)) s"
