@@ -27,7 +27,8 @@ void take_link_report(const link_report &report, uint32_t falls, uint32_t rises,
     dolm_ric_details_link &link = record.link;
     const uint32_t admin = switch_of(report.started);
     const uint32_t oper = switch_of(report.operational);
-    if (link.admin != admin || link.oper != oper || falls + rises > 0)
+    const bool is_known = link.state == DOLM_RIC_VALUE_VALID;
+    if (is_known && (link.admin != admin || link.oper != oper || falls > 0 || rises > 0))
         link.changed_at = now;
     link.state = DOLM_RIC_VALUE_VALID;
     link.admin = admin;
