@@ -449,15 +449,17 @@ void lose_values(uint32_t why, record_type &record)
         record.lanes_state = why;
 }
 
-void set_presence(bool is_ready, int64_t now, record_type &record)
+void set_presence(bool is_ready, uint32_t why, int64_t now, record_type &record)
 {
     if (!is_ready && record.identity.state != DOLM_RIC_VALUE_VALID)
         board::forget_module(DOLM_RIC_PRESENCE_NOT_READY, DOLM_RIC_VALUE_NOT_READ, record);
     else if (!is_ready)
-        lose_values(DOLM_RIC_VALUE_NO_ANSWER, record);
+        lose_values(why, record);
     record.presence = is_ready ? DOLM_RIC_PRESENCE_READY : DOLM_RIC_PRESENCE_NOT_READY;
     if (is_ready)
         record.presence_code = DOLM_RIC_VALUE_VALID;
+    else if (record.identity.state == DOLM_RIC_VALUE_VALID)
+        record.presence_code = why;
     record.inserted_at = record.inserted_at != 0 ? record.inserted_at : now;
 }
 

@@ -79,10 +79,9 @@ static void count_error(int error, dolm_ric_details_cost &cost)
     cost.failures++;
 }
 
-int take_cost(const reading_cost &readings, dolm_ric_details_record &record)
+void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
 {
     dolm_ric_details_cost &cost = record.cost;
-    int first_error = 0;
     int64_t made = 0;
     for (const piece &one : readings.pieces) {
         if (one.error == ECANCELED)
@@ -92,10 +91,9 @@ int take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         cost.bytes += one.error == 0 ? one.range.length : 0u;
         if (one.error != 0)
             count_error(one.error, cost);
-        first_error = first_error != 0 ? first_error : one.error;
     }
     if (made == 0)
-        return 0;
+        return;
     const int64_t time = std::chrono::nanoseconds(readings.time).count();
     cost.total += time;
     cost.longest_read = std::max(cost.longest_read, time / made);
@@ -103,7 +101,6 @@ int take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         cost.last_sweep = time;
         cost.longest_sweep = std::max(cost.longest_sweep, time);
     }
-    return first_error;
 }
 
 } // namespace linux_board
