@@ -171,7 +171,7 @@ exit_code run_ping(const settings &common, const ping_options &options)
             next += from_seconds(options.interval);
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
-        if (loop.wait(server, end) == event_loop::wake::signal)
+        if (loop.wait(server.get(), end) == event_loop::wake::signal)
             break;
     }
     report_statistics(common, run.report, run.seen);
@@ -187,7 +187,7 @@ static void wait_and_keep(event_loop &loop, session &server, kept_subscriptions 
         retry.reset();
     else if (!retry)
         retry = steady_clock::now() + retry_pause;
-    loop.wait(server, retry && (!end || *retry < *end) ? retry : end);
+    loop.wait(server.get(), retry && (!end || *retry < *end) ? retry : end);
     if (retry && steady_clock::now() >= *retry) {
         kept.send_due();
         retry.reset();

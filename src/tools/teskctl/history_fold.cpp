@@ -80,9 +80,11 @@ std::vector<folded_entry> fold(const std::vector<history_entry> &entries)
     std::vector<history_group> groups;
     for (const history_entry &entry : entries) {
         /* The newest group that it can join: others of the same moment may lie between. */
-        const auto found = std::find_if(groups.rbegin(), groups.rend(),
-                                        [&](const history_group &open) { return joins(open, entry); });
-        history_group &target = found != groups.rend() ? *found : groups.emplace_back(history_group{entry, {}, {}});
+        const auto found =
+            std::find_if(groups.rbegin(), groups.rend(),
+                         [&](const history_group &open) { return joins(open, entry); });
+        history_group &target =
+            found != groups.rend() ? *found : groups.emplace_back(history_group{entry, {}, {}});
         target.ports.insert(entry.record.port_no);
         target.clients.insert({entry.record.client_id, entry.record.conn_ref});
     }

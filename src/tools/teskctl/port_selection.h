@@ -3,7 +3,7 @@
 #pragma once
 
 #include "tools/common/port_list.h"
-#include "tools/teskctl/event_loop.h"
+#include "tools/teskctl/session.h"
 
 #include <string>
 #include <vector>

@@ -107,7 +107,7 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     const steady_time end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(common.timeout_ms);
     while (received < held.size() && std::chrono::steady_clock::now() < end &&
-           loop.wait(server, end) != event_loop::wake::signal) {
+           loop.wait(server.get(), end) != event_loop::wake::signal) {
     }
 }
 
