@@ -35,8 +35,7 @@ static constexpr auto cage_interval = 2s;
 static constexpr auto lost_interval_of_loggers = 10s;
 static constexpr auto rare_interval_of_loggers = 600s;
 
-/* Errors that say nothing about the module. */
-static bool is_unheard(int error)
+bool is_unheard(int error)
 {
     return error == ENOTCONN || error == EPERM || error == EACCES || error == ESTALE;
 }
@@ -129,6 +128,7 @@ void module_poller::finish_identity(polled &port)
     port.was_looked_at = true;
     const module_contents contents = decode_module(port.memory);
     if (!contents.ready) {
+        listener_.module_sampled(port.number, port.memory, contents);
         retry_identity(port, duration(0));
         if (port.tries == fast_tries)
             listener_.module_doubted(port.number, contents.doubts);
@@ -166,6 +166,8 @@ void module_poller::publish(polled &port, const module_contents &contents)
 {
     const time_point now = now_();
     const bool is_blank = contents.diagnostics == diagnostics_state::not_read;
+    if (!is_blank || !port.has_values || port.blank_readings >= most_repeats)
+        listener_.module_sampled(port.number, port.memory, contents);
     port.blank_readings = is_blank ? port.blank_readings + 1 : 0;
     if (is_blank && port.blank_readings <= most_repeats)
         port.diagnostics_due = now + confirm_time;
