@@ -131,10 +131,11 @@ static void add_identity(texts &lines, const dolm_ric_details_record &record, in
     add(kind, text_of(its.connector));
     if (its.medium != DOLM_RIC_MEDIUM_UNKNOWN)
         add(kind, tesk_details_text(TESK_DETAILS_TEXT_MEDIUM, its.medium));
-    add(kind, tesk_details_text(TESK_DETAILS_TEXT_FAMILY, its.family) +
-                  (its.cmis_revision != 0
-                       ? fmt::format(" {}.{}", its.cmis_revision >> 4, its.cmis_revision & 15)
-                       : ""));
+    if (its.family != DOLM_RIC_FAMILY_UNKNOWN)
+        add(kind, tesk_details_text(TESK_DETAILS_TEXT_FAMILY, its.family) +
+                      (its.cmis_revision != 0
+                           ? fmt::format(" {}.{}", its.cmis_revision >> 4, its.cmis_revision & 15)
+                           : ""));
     add(kind, text_of(its.technology));
     add(kind, text_of(its.encoding));
     add_line(lines, "module", kind);
@@ -326,9 +327,11 @@ static void add_values(texts &lines, const dolm_ric_details_record &record, int6
         rows++;
         shown.add(row_of(name, value, limits, how, now, style));
     };
+    const auto is_rare = [](uint32_t kind) { return kind >= DOLM_RIC_LASER_TEMPERATURE; };
     for (uint32_t kind = 0; kind < DOLM_RIC_MODULE_VALUES; kind++)
-        add_row(tesk_details_text(TESK_DETAILS_TEXT_MODULE_VALUE, kind), record.module_value[kind],
-                record.module_limits[kind], module_quantities[kind]);
+        if (!is_rare(kind) || record.module_value[kind].state == DOLM_RIC_VALUE_VALID)
+            add_row(tesk_details_text(TESK_DETAILS_TEXT_MODULE_VALUE, kind),
+                    record.module_value[kind], record.module_limits[kind], module_quantities[kind]);
     const uint32_t lanes = std::min<uint32_t>(record.lane_count, DOLM_RIC_DETAILS_LANES);
     for (uint32_t kind = 0; kind < DOLM_RIC_LANE_VALUES; kind++)
         for (uint32_t lane = 0; lane < lanes; lane++) {
