@@ -43,8 +43,13 @@ static std::string path_or_default(const char *path)
         return set;
     const char *map = secure_getenv("DOLM_RIC_PORT_MAP");
     const std::string beside = map != nullptr ? map : "";
-    return beside.empty() ? DOLM_RIC_DETAILS_FILE
-                          : beside.substr(0, beside.find_last_of('/') + 1) + "details";
+    if (!beside.empty())
+        return beside.substr(0, beside.find_last_of('/') + 1) + "details";
+    /* The default is that of the system's server. Another one's is not known. */
+    const char *directory = secure_getenv("MBX_DIR");
+    const bool is_system = directory == nullptr || *directory == '\0' ||
+                           std::strcmp(directory, "/run/mbx") == 0;
+    return is_system ? DOLM_RIC_DETAILS_FILE : "";
 }
 
 static tesk_details_result result_of_errno()
