@@ -34,22 +34,25 @@ struct tesk_details {
 static constexpr std::chrono::milliseconds patience{500};
 static constexpr timespec pause_of_retry = {0, 20'000};
 static constexpr uint32_t page = 4096;
+static constexpr char default_mailbox_directory[] = "/run/mbx";
 
+static std::string value_of(const char *variable)
+{
+    const char *set = secure_getenv(variable);
+    return set != nullptr ? set : "";
+}
+
+/* Empty where the default would be the file of another server than the one that MBX_DIR selects. */
 static std::string path_or_default(const char *path)
 {
     if (path != nullptr)
         return path;
-    if (const char *set = secure_getenv(DOLM_RIC_DETAILS_ENV); set != nullptr && *set != '\0')
+    if (std::string set = value_of(DOLM_RIC_DETAILS_ENV); !set.empty())
         return set;
-    const char *map = secure_getenv("DOLM_RIC_PORT_MAP");
-    const std::string beside = map != nullptr ? map : "";
-    if (!beside.empty())
-        return beside.substr(0, beside.find_last_of('/') + 1) + "details";
-    /* The default is that of the system's server. Another one's is not known. */
-    const char *directory = secure_getenv("MBX_DIR");
-    const bool is_system = directory == nullptr || *directory == '\0' ||
-                           std::strcmp(directory, "/run/mbx") == 0;
-    return is_system ? DOLM_RIC_DETAILS_FILE : "";
+    if (const std::string map = value_of("DOLM_RIC_PORT_MAP"); !map.empty())
+        return map.substr(0, map.find_last_of('/') + 1) + "details";
+    const std::string directory = value_of("MBX_DIR");
+    return directory.empty() || directory == default_mailbox_directory ? DOLM_RIC_DETAILS_FILE : "";
 }
 
 static tesk_details_result result_of_errno()

@@ -40,8 +40,9 @@ typedef enum tesk_details_result {
 } tesk_details_result;
 
 /* A null `path` stands for the environment's DOLM_RIC_DETAILS; else "details" in the folder of
-   DOLM_RIC_PORT_MAP; else /run/dolm_ric/details, unless MBX_DIR selects another server. On
-   TESK_DETAILS_OK the caller closes the handle; else it is null. */
+   DOLM_RIC_PORT_MAP; else /run/dolm_ric/details, unless MBX_DIR selects another server than the
+   system's. On TESK_DETAILS_OK the caller closes the handle;
+   else it is null. */
 tesk_details_result tesk_details_open(const char *path, tesk_details **details);
 
 /* Null is ignored. */

@@ -133,6 +133,12 @@ static json_object revision_or_null(uint8_t revision)
     return revision != 0 ? json_object(fmt::format("{}.{}", revision >> 4, revision & 15)) : null;
 }
 
+static json_object oui_or_null(const uint8_t (&oui)[4])
+{
+    const bool has = oui[0] != 0 || oui[1] != 0 || oui[2] != 0;
+    return has ? json_object(fmt::format("{:02x}:{:02x}:{:02x}", oui[0], oui[1], oui[2])) : null;
+}
+
 static json_object identity_to_json(const dolm_ric_details_identity &its, int64_t now)
 {
     json_object object = {{"state", tesk_details_text(TESK_DETAILS_TEXT_STATE, its.state)}};
@@ -147,7 +153,7 @@ static json_object identity_to_json(const dolm_ric_details_identity &its, int64_
     for (const auto &name : std::span(its.compliance).first(its.compliance_count))
         object["compliance"].push_back(text(name));
     object["vendor"] = text(its.vendor);
-    object["oui"] = fmt::format("{:02x}:{:02x}:{:02x}", its.oui[0], its.oui[1], its.oui[2]);
+    object["oui"] = oui_or_null(its.oui);
     object["part"] = text(its.part);
     object["revision"] = text(its.revision);
     object["serial"] = text(its.serial);

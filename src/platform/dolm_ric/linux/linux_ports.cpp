@@ -59,7 +59,7 @@ void linux_ports::describe_without_module(const port_copy &port)
         presence = DOLM_RIC_PRESENCE_POLLING_OFF, why = DOLM_RIC_VALUE_POLLING_OFF;
     else if (port.interface == 0)
         presence = DOLM_RIC_PRESENCE_NO_INTERFACE, why = DOLM_RIC_VALUE_UNKNOWN;
-    else if (port.is_unheard)
+    else if (is_unheard(port.last_error))
         presence = DOLM_RIC_PRESENCE_UNKNOWN, why = DOLM_RIC_VALUE_NO_ANSWER;
     details_.update(port.config.number, [&](dolm_ric_details_record &record) {
         board::forget_module(presence, why, record);
@@ -403,25 +403,32 @@ void linux_ports::reports_taken()
     board::write_port_map(board::port_map_path(), names);
 }
 
+/* Why values are missing after that errno. */
+static uint32_t reason_of(int error)
+{
+    return error == EBUSY ? DOLM_RIC_VALUE_BUSY : DOLM_RIC_VALUE_NO_ANSWER;
+}
+
 /* Values whose module has not answered for longer than they are given out are lost. One failed
    reading says nothing: the next one is made soon. */
 void linux_ports::module_cost(uint32_t number, const reading_cost &cost)
 {
-    const bool was_unheard =
-        std::ranges::any_of(cost.pieces, [](const piece &one) { return is_unheard(one.error); });
+    const auto failed =
+        std::ranges::find_if(cost.pieces, [](const piece &one) { return one.error != 0; });
+    const int error = failed != cost.pieces.end() ? failed->error : 0;
     bool is_old = false;
     {
         const auto guard = events_.lock();
         port_copy &its = ports_.at(number);
         is_old = util::boot_time() - its.read_at > longest_age;
-        const bool is_news = std::exchange(its.is_unheard, was_unheard) != was_unheard;
-        if (is_news && its.presence == module_presence::absent)
+        const int before = std::exchange(its.last_error, error);
+        if (is_unheard(before) != is_unheard(error) && its.presence == module_presence::absent)
             describe_without_module(its);
     }
     details_.update(number, [&](dolm_ric_details_record &record) {
-        const int error = take_cost(cost, record);
+        take_cost(cost, record);
         if (error != 0 && is_old)
-            lose_values(error == EBUSY ? DOLM_RIC_VALUE_BUSY : DOLM_RIC_VALUE_NO_ANSWER, record);
+            lose_values(reason_of(error), record);
     });
 }
 
@@ -473,8 +480,9 @@ void linux_ports::module_presence_changed(uint32_t number, module_presence now)
         changed.reported_doubts.clear();
         describe_without_module(changed);
     } else {
-        details_.update(number, [now](dolm_ric_details_record &record) {
-            set_presence(now == module_presence::ready, board::details_time(), record);
+        const uint32_t why = reason_of(changed.last_error);
+        details_.update(number, [now, why](dolm_ric_details_record &record) {
+            set_presence(now == module_presence::ready, why, board::details_time(), record);
         });
     }
     events_.port_changed(port_record(number, now));

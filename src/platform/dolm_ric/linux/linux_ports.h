@@ -69,7 +69,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
         module_contents contents = {};
         std::vector<const char *> reported_doubts = {}; /* the thread that reads modules */
         time_point read_at = {};
-        bool is_unheard = false; /* its module can't be asked: no reader, or no right */
+        int last_error = 0; /* of the last reading of the module */
 
         port_view view() const;
     };

@@ -10,7 +10,7 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
+#include <cmath>
 #include <optional>
 #include <string_view>
 
@@ -66,6 +66,12 @@ static constexpr measured lane_values[] = {
 static int64_t nanoseconds(module_memory::time_point at)
 {
     return std::chrono::nanoseconds(at.time_since_epoch()).count();
+}
+
+/* Rounded far below what any module measures, so that a decimal fraction stays one. */
+static double in_unit(double value, double unit)
+{
+    return std::round(value / unit * 1e9) / 1e9;
 }
 
 static bool has_doubt(const module_contents &contents, std::string_view part)
@@ -157,10 +163,10 @@ static void take_limits(const measurement &its, double unit, uint32_t state,
     to.state = state;
     if (!its.limits)
         return;
-    to.low_alarm = its.limits->low_alarm / unit;
-    to.low_warning = its.limits->low_warning / unit;
-    to.high_warning = its.limits->high_warning / unit;
-    to.high_alarm = its.limits->high_alarm / unit;
+    to.low_alarm = in_unit(its.limits->low_alarm, unit);
+    to.low_warning = in_unit(its.limits->low_warning, unit);
+    to.high_warning = in_unit(its.limits->high_warning, unit);
+    to.high_alarm = in_unit(its.limits->high_alarm, unit);
 }
 
 /* Of a flag or a condition: one more reading that found it. */
@@ -214,8 +220,8 @@ static void take_module_values(const module_memory &memory, const module_content
             continue;
         }
         const lane_value &only = its.lanes.front();
-        take_value(only.value / unit, contents.has_flags ? only.flags : uint8_t{0},
-                   board::grade_value(only.value / unit, record.module_limits[kind], true),
+        take_value(in_unit(only.value, unit), contents.has_flags ? only.flags : uint8_t{0},
+                   board::grade_value(in_unit(only.value, unit), record.module_limits[kind], true),
                    nanoseconds(*read_at), to);
     }
 }
@@ -271,9 +277,9 @@ static void take_lane_values(const module_memory &memory, const module_contents 
             const uint32_t grade =
                 (off >> lane & 1) != 0
                     ? uint32_t{DOLM_RIC_GRADE_OFF}
-                    : board::grade_value(value / unit, record.lane_limits[kind], !stopped);
-            take_value(value / unit, contents.has_flags ? found[lane]->flags : uint8_t{0}, grade,
-                       nanoseconds(*read_at), to);
+                    : board::grade_value(in_unit(value, unit), record.lane_limits[kind], !stopped);
+            take_value(in_unit(value, unit), contents.has_flags ? found[lane]->flags : uint8_t{0},
+                       grade, nanoseconds(*read_at), to);
         }
     }
 }
@@ -443,15 +449,17 @@ void lose_values(uint32_t why, record_type &record)
         record.lanes_state = why;
 }
 
-void set_presence(bool is_ready, int64_t now, record_type &record)
+void set_presence(bool is_ready, uint32_t why, int64_t now, record_type &record)
 {
     if (!is_ready && record.identity.state != DOLM_RIC_VALUE_VALID)
         board::forget_module(DOLM_RIC_PRESENCE_NOT_READY, DOLM_RIC_VALUE_NOT_READ, record);
     else if (!is_ready)
-        lose_values(DOLM_RIC_VALUE_NO_ANSWER, record);
+        lose_values(why, record);
     record.presence = is_ready ? DOLM_RIC_PRESENCE_READY : DOLM_RIC_PRESENCE_NOT_READY;
     if (is_ready)
         record.presence_code = DOLM_RIC_VALUE_VALID;
+    else if (record.identity.state == DOLM_RIC_VALUE_VALID)
+        record.presence_code = why;
     record.inserted_at = record.inserted_at != 0 ? record.inserted_at : now;
 }
 

@@ -19,8 +19,9 @@ namespace linux_board
 void take_module(const module_memory &memory, const module_contents &contents,
                  const port_view &view, dolm_ric_details_record &record);
 
-/* A module is there, ready or not. One that was ready before keeps its identity while it isn't. */
-void set_presence(bool is_ready, int64_t now, dolm_ric_details_record &record);
+/* A module is there, ready or not. One that was ready before keeps its identity while it isn't, and
+   loses its values for that reason. */
+void set_presence(bool is_ready, uint32_t why, int64_t now, dolm_ric_details_record &record);
 
 /* The values that are there are not readable any more, for that reason; their limits stay. */
 void lose_values(uint32_t why, dolm_ric_details_record &record);

@@ -30,6 +30,9 @@ static constexpr auto pause_of_loggers = 60s; /* at least, where the driver logs
 /* A reading without values is made again at once, so often. */
 static constexpr uint32_t most_repeats = 3;
 
+/* While the kernel keeps a module for something else. */
+static constexpr auto busy_interval = 2s;
+
 /* Looks at a cage that answers with an error which doesn't say "empty". */
 static constexpr auto cage_interval = 2s;
 static constexpr auto lost_interval_of_loggers = 10s;
@@ -231,7 +234,7 @@ void module_poller::take_diagnostics(polled &port, const task &done)
     port.diagnostics_due = now + diagnostics_interval;
     for (const ranged &read : done.ranges) {
         const int error = done.error_of(read);
-        if (is_unheard(error)) {
+        if (is_unheard(error) || error == EBUSY) {
             port.look_due = now + look_interval;
             return take_failure(port, error);
         }
@@ -258,8 +261,8 @@ void module_poller::take_missing(polled &port, const task &done)
 {
     const memory_range range = done.ranges.front().range;
     if (const int error = done.error_of(done.ranges.front())) {
-        if (is_unheard(error)) {
-            port.missing_due = now_() + reader_interval;
+        if (is_unheard(error) || error == EBUSY) {
+            port.missing_due = now_() + (error == EBUSY ? busy_interval : reader_interval);
             return take_failure(port, error);
         }
         refuse(port, range);
@@ -293,6 +296,8 @@ void module_poller::note_silence(polled &port)
         set_presence(port, module_presence::not_ready);
 }
 
+/* A module in use whose readings the kernel refuses, as while its firmware is updated, is left
+   alone: it is there, and not ready when that lasts. */
 void module_poller::take_failure(polled &port, int error)
 {
     const time_point now = now_();
@@ -302,6 +307,11 @@ void module_poller::take_failure(polled &port, int error)
     }
     note_access(port, 0);
     port.was_looked_at = true;
+    if (error == EBUSY && port.where == stage::in_use) {
+        port.look_due = now + busy_interval;
+        port.diagnostics_due = std::max(port.diagnostics_due, port.look_due);
+        return note_silence(port);
+    }
     const bool is_empty = says_empty(error);
     if (is_empty && port.where == stage::empty) {
         port.look_due = now + pace_of_empty(port, error);

@@ -27,7 +27,8 @@ void take_link_report(const link_report &report, uint32_t falls, uint32_t rises,
     dolm_ric_details_link &link = record.link;
     const uint32_t admin = switch_of(report.started);
     const uint32_t oper = switch_of(report.operational);
-    if (link.admin != admin || link.oper != oper || falls + rises > 0)
+    const bool is_known = link.state == DOLM_RIC_VALUE_VALID;
+    if (is_known && (link.admin != admin || link.oper != oper || falls > 0 || rises > 0))
         link.changed_at = now;
     link.state = DOLM_RIC_VALUE_VALID;
     link.admin = admin;
@@ -78,10 +79,9 @@ static void count_error(int error, dolm_ric_details_cost &cost)
     cost.failures++;
 }
 
-int take_cost(const reading_cost &readings, dolm_ric_details_record &record)
+void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
 {
     dolm_ric_details_cost &cost = record.cost;
-    int first_error = 0;
     int64_t made = 0;
     for (const piece &one : readings.pieces) {
         if (one.error == ECANCELED)
@@ -91,10 +91,9 @@ int take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         cost.bytes += one.error == 0 ? one.range.length : 0u;
         if (one.error != 0)
             count_error(one.error, cost);
-        first_error = first_error != 0 ? first_error : one.error;
     }
     if (made == 0)
-        return 0;
+        return;
     const int64_t time = std::chrono::nanoseconds(readings.time).count();
     cost.total += time;
     cost.longest_read = std::max(cost.longest_read, time / made);
@@ -102,7 +101,6 @@ int take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         cost.last_sweep = time;
         cost.longest_sweep = std::max(cost.longest_sweep, time);
     }
-    return first_error;
 }
 
 } // namespace linux_board

@@ -19,7 +19,7 @@ void take_link_speed(const link_speed &speed, int64_t now, dolm_ric_details_reco
 /* The port has no interface; the counters stay. */
 void lose_interface(int64_t now, dolm_ric_details_record &record);
 
-/* Counts what the readings cost. Gives the errno of the one that failed, or 0. */
-int take_cost(const reading_cost &cost, dolm_ric_details_record &record);
+/* Counts what the readings cost. */
+void take_cost(const reading_cost &cost, dolm_ric_details_record &record);
 
 } // namespace linux_board
