@@ -92,6 +92,11 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
     app.add_option("--print-drop-in", clients,
                    "Print the drop-in of the systemd unit with which these CLIENTS can reach "
                    "--listen: addresses or networks, as in 192.0.2.0/24,2001:db8::7, or any");
+    app.add_option("--history", read.history, "Keep two years of readings and events in this folder");
+    int64_t history_limit = 256;
+    app.add_option("--history-limit", history_limit, "MiB that they take at most")
+        ->check(CLI::Range(16, 65536))
+        ->capture_default_str();
     app.add_option("--replay", read.replay,
                    "Forecast from these files or folders of readings, write JSON lines, and end");
     try {
@@ -108,6 +113,7 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         return print_drop_in(read.listen, clients);
     read.interval = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
     read.refresh = !no_refresh;
+    read.history_limit = history_limit << 20;
     return std::nullopt;
 }
 

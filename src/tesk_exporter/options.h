@@ -19,6 +19,8 @@ struct settings {
     bool refresh = true;
     bool journal = false;
     std::string web = TESK_WEB_DIR;
+    std::string history;               /* the folder; empty: none is kept */
+    int64_t history_limit = 256 << 20; /* bytes */
     std::vector<std::string> replay; /* files to forecast from, instead of a server's ports */
 };
 
