@@ -103,8 +103,8 @@ void chronicle::forget_oldest()
 {
     if (places_.size() < most_places)
         return;
-    const auto oldest = std::ranges::min_element(
-        places_, {}, [](const auto &each) { return each.second.last; });
+    const auto oldest =
+        std::ranges::min_element(places_, {}, [](const auto &each) { return each.second.last; });
     const place &left = oldest->second;
     ids_.erase(key_of(left.port, left.vendor, left.part, left.serial));
     touched_.erase(left.id);
@@ -120,8 +120,8 @@ int64_t chronicle::place_of(const occupant &from, int64_t time)
     if (is_new) {
         next_id_++;
         forget_oldest();
-        places_[id] = {id,          from.port, from.interface, from.vendor,
-                       from.part, from.serial, time, time};
+        places_[id] = {id,        from.port,   from.interface, from.vendor,
+                       from.part, from.serial, time,           time};
     }
     place &found = places_[id];
     if (is_new || found.interface != from.interface) {
@@ -234,9 +234,9 @@ void chronicle::write(const clocks &now)
 {
     for (const auto &[port, count] : noted_)
         if (count > most_events_at_once)
-            pending_.events.push_back({time_->at(now.boot), port, 0, "more",
-                                       fmt::format("{} more changes within a minute",
-                                                   count - most_events_at_once)});
+            pending_.events.push_back(
+                {time_->at(now.boot), port, 0, "more",
+                 fmt::format("{} more changes within a minute", count - most_events_at_once)});
     noted_.clear();
     for (const int64_t id : touched_)
         pending_.places.push_back(places_[id]);

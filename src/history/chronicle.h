@@ -108,7 +108,7 @@ class chronicle
     std::map<std::array<std::string, 4>, int64_t> ids_; /* by port, vendor, part, serial */
     std::map<uint32_t, int64_t> occupants_;
     std::map<int64_t, live> live_;
-    std::set<int64_t> touched_; /* places to be written */
+    std::set<int64_t> touched_;         /* places to be written */
     std::map<int64_t, unsigned> noted_; /* events of a port in this batch */
     batch pending_;
     int64_t next_id_ = 1, step_ = 0;

@@ -35,8 +35,7 @@ static sqlite3 *open_handle(const std::string &path)
         return handle;
     const int system_error = handle == nullptr ? 0 : sqlite3_system_errno(handle);
     sqlite3_close(handle);
-    throw database_error(code, std::string(sqlite3_errstr(code)) +
-                                   (system_error == 0 ? "" : ": ") +
+    throw database_error(code, std::string(sqlite3_errstr(code)) + (system_error == 0 ? "" : ": ") +
                                    (system_error == 0 ? "" : std::strerror(system_error)));
 }
 

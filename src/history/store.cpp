@@ -57,12 +57,10 @@ static constexpr const char *read_rows[] = {
     "SELECT key, data FROM steps WHERE key >= ? AND key < ?",
     "SELECT key, data FROM hours WHERE key >= ? AND key < ?",
     "SELECT key, data FROM days WHERE key >= ? AND key < ?"};
-static constexpr const char *first_key[] = {"SELECT min(key) FROM steps",
-                                            "SELECT min(key) FROM hours",
-                                            "SELECT min(key) FROM days"};
-static constexpr const char *last_key[] = {"SELECT max(key) FROM steps",
-                                           "SELECT max(key) FROM hours",
-                                           "SELECT max(key) FROM days"};
+static constexpr const char *first_key[] = {
+    "SELECT min(key) FROM steps", "SELECT min(key) FROM hours", "SELECT min(key) FROM days"};
+static constexpr const char *last_key[] = {
+    "SELECT max(key) FROM steps", "SELECT max(key) FROM hours", "SELECT max(key) FROM days"};
 
 struct store::statements {
     explicit statements(database &of)
@@ -96,8 +94,9 @@ bool batch::is_empty() const
 static util::descriptor lock_folder(const std::string &folder)
 {
     if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
-        throw store_error(fmt::format("{} can't be made: {}; make it, for the exporter's user alone",
-                                      folder, std::strerror(errno)));
+        throw store_error(
+            fmt::format("{} can't be made: {}; make it, for the exporter's user alone", folder,
+                        std::strerror(errno)));
     const std::string path = folder + "/lock";
     util::descriptor lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!lock.is_open())
@@ -105,8 +104,8 @@ static util::descriptor lock_folder(const std::string &folder)
             fmt::format("{} can't be opened: {}; the folder must be the exporter's user's", path,
                         std::strerror(errno)));
     if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
-        throw store_error(fmt::format("another exporter uses {}; give each a folder of its own",
-                                      folder));
+        throw store_error(
+            fmt::format("another exporter uses {}; give each a folder of its own", folder));
     return lock;
 }
 
@@ -127,8 +126,8 @@ static void set_aside(const std::string &path, const std::string &reason,
     const std::string kept = path + "." + when.data();
     fs::rename(path, kept, error);
     if (error)
-        throw store_error(fmt::format("{} can't be used ({}) nor set aside: {}", path, reason,
-                                      error.message()));
+        throw store_error(
+            fmt::format("{} can't be used ({}) nor set aside: {}", path, reason, error.message()));
     fs::rename(path + "-wal", kept + "-wal", error);
     notes.push_back(fmt::format("{} can't be used: {}; it is now {}, and a new history begins",
                                 path, reason, kept));
@@ -152,8 +151,7 @@ static bool is_for_a_new_file(const database_error &error)
 
 store::store(const std::string &folder, int64_t limit, const std::string &fault,
              std::vector<std::string> &notes)
-    : most_pages_((std::max(limit, least_limit) - log_size) / page_size),
-      lock_(lock_folder(folder))
+    : most_pages_((std::max(limit, least_limit) - log_size) / page_size), lock_(lock_folder(folder))
 {
     const std::string path = folder + "/history.db";
     try {
@@ -194,9 +192,10 @@ void store::open(const std::string &path)
     if (!is_new && file.number("PRAGMA application_id") != application)
         throw database_error(SQLITE_NOTADB, "it is not a history");
     if (found > version)
-        throw store_error(fmt::format("{} has version {}, this exporter knows {}: it is left alone; "
-                                      "use a newer exporter, or move the file away",
-                                      path, found, version));
+        throw store_error(
+            fmt::format("{} has version {}, this exporter knows {}: it is left alone; "
+                        "use a newer exporter, or move the file away",
+                        path, found, version));
     if (is_new)
         file.run("PRAGMA page_size = 4096; PRAGMA auto_vacuum = INCREMENTAL;");
     file.run("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL;"
@@ -309,8 +308,7 @@ std::vector<place> store::places()
     statement each(*database_, "SELECT * FROM places ORDER BY id");
     while (each.step())
         found.push_back({each.number(0), static_cast<uint32_t>(each.number(1)), each.text(2),
-                         each.text(3), each.text(4), each.text(5), each.number(6),
-                         each.number(7)});
+                         each.text(3), each.text(4), each.text(5), each.number(6), each.number(7)});
     return found;
 }
 

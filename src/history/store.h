@@ -2,14 +2,14 @@
 /* store - the history's file: places, rows of three levels, events, and shifts of the clock, in
    SQLite. One thread at a time. All times are those of the timeline, in seconds.
 
-   DIR/history.db is written in WAL mode with synchronous=FULL, since with less a power cut takes the
-   commits behind the last checkpoint with it; a commit costs one fsync, a checkpoint two. The
+   DIR/history.db is written in WAL mode with synchronous=FULL, since with less a power cut takes
+   the commits behind the last checkpoint with it; a commit costs one fsync, a checkpoint two. The
    connection locks the file exclusively: no other reader can keep the log from being reset, and
    there is no memory that is shared through a file. DIR/lock is locked as long as a store is open.
 
-   A row's key is the number of its step, hour or day in the high bits and the place in the low ones.
-   So each write appends at the end of a table, a few pages for all ports, and one row is found by
-   its key alone. */
+   A row's key is the number of its step, hour or day in the high bits and the place in the low
+   ones. So each write appends at the end of a table, a few pages for all ports, and one row is
+   found by its key alone. */
 #pragma once
 
 #include "history/database.h"
@@ -88,8 +88,8 @@ class store
 
     /* Opens DIR/history.db, or makes it. A file that is damaged, of another program, or can't be
        written, is renamed to history.db.TIME, where it replaces one that was renamed before;
-       `notes` gets a sentence. A `fault` that was found later has the same done at once. Throws store_error with what to do: locked by another exporter, of a
-       newer version, no folder. */
+       `notes` gets a sentence. A `fault` that was found later has the same done at once. Throws
+       store_error with what to do: locked by another exporter, of a newer version, no folder. */
     store(const std::string &folder, int64_t limit, const std::string &fault,
           std::vector<std::string> &notes);
 
@@ -102,7 +102,8 @@ class store
     std::vector<place> places();
     std::vector<shift> shifts();
     std::vector<announcement> announcements();
-    /* The number behind the last step, and the time behind the last step and event; 0 without any. */
+    /* The number behind the last step, and the time behind the last step and event; 0 without any.
+     */
     int64_t end();
     /* The rows of a place from number `first` up to `last`, in ascending order. */
     void read(level of, int64_t place, int64_t first, int64_t last,

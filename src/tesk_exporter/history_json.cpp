@@ -39,8 +39,7 @@ static bool is_present(const history::chronicle &kept, const history::place &in)
 
 static json_object until(const history::chronicle &kept, const history::place &in)
 {
-    return is_present(kept, in) ? json_object(nullptr)
-                                : json_object(kept.time().wall_of(in.last));
+    return is_present(kept, in) ? json_object(nullptr) : json_object(kept.time().wall_of(in.last));
 }
 
 /* As many places as the history keeps. */
@@ -150,11 +149,10 @@ std::string history_json(history::chronicle &kept, uint32_t port, history::level
     const json_object events = events_of(kept, port, first * step);
     if (!is_known && events.empty())
         return "";
-    std::string text = json_object{{"port", port},
-                                   {"span", spans[of]},
-                                   {"step_s", step},
-                                   {"modules", std::move(modules)}}
-                           .dump();
+    std::string text =
+        json_object{
+            {"port", port}, {"span", spans[of]}, {"step_s", step}, {"modules", std::move(modules)}}
+            .dump();
     text.pop_back();
     text += ",\"time\":[";
     for (const point &each : points)

@@ -5,8 +5,8 @@
      {"port": 3, "span": "8w", "step_s": 3600,
       "modules": [{"vendor", "part", "serial", "since", "until"}],   that were in it; until is null
                                    for the one that is in it now
-      "time": [..],                the begin of each point, rising; times without readings are left out
-      "link": [..],                percent of the time with a link; null where it isn't known
+      "time": [..],                the begin of each point, rising; times without readings are left
+   out "link": [..],                percent of the time with a link; null where it isn't known
       "temperature_c": [..], "voltage_v": [..],
       "lanes": [{"rx_power_dbm": [..], "tx_power_dbm": [..], "tx_bias_ma": [..]}],
                                    and "error_ratio" of a module that measures it

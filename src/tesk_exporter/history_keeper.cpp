@@ -92,7 +92,8 @@ static history::record record_of(const port_state &port)
                    kept(pm.has_voltage, measure::voltage, pm.voltage / 10'000.0),
                    kept_power(pm.has_rx_power, measure::rx_power, pm.rx_power),
                    kept_power(pm.has_tx_power, measure::tx_power, pm.tx_power),
-                   kept(pm.has_tx_bias, measure::bias, pm.tx_bias / 100.0), history::absent};
+                   kept(pm.has_tx_bias, measure::bias, pm.tx_bias / 100.0),
+                   history::absent};
     return made;
 }
 

@@ -19,9 +19,9 @@ namespace exporter
 struct history_question {
     enum class kind { port, modules };
     kind what;
-    uint32_t port;       /* for kind::port */
-    history::level of;   /* likewise */
-    bool is_followed;    /* likewise: the port is known, even if it has no history */
+    uint32_t port;     /* for kind::port */
+    history::level of; /* likewise */
+    bool is_followed;  /* likewise: the port is known, even if it has no history */
 };
 
 struct history_answer {
