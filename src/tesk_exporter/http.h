@@ -9,6 +9,7 @@
 #include "tesk_exporter/event_stream.h"
 #include "tesk_exporter/metrics.h"
 #include "tesk_exporter/options.h"
+#include "tesk_exporter/port_details.h"
 #include "tesk_exporter/web_files.h"
 
 #include <microhttpd.h>
@@ -80,6 +81,7 @@ class http_server
                            make_type make);
     MHD_Result send_metrics(const http_request &request);
     MHD_Result send_ports(const http_request &request);
+    MHD_Result send_port(const http_request &request, uint32_t port_no);
     MHD_Result send_plot(const http_request &request);
     MHD_Result send_events(const http_request &request);
     MHD_Result send_stream(const http_request &request);
@@ -98,6 +100,7 @@ class http_server
     const event_ring &events_;
     exporter_figures &figures_;
     const web_files files_;
+    port_details details_;
     connection_table connections_;
     std::list<event_reader *> readers_;
     shared_body bodies_[3]; /* by text_format, and the ports as JSON */

@@ -5,6 +5,7 @@
 
 #include "tesk_exporter/metrics_text.h"
 #include "tesk_exporter/model.h"
+#include "tesk_exporter/port_details.h"
 
 #include <map>
 
@@ -23,8 +24,8 @@ struct exporter_figures {
     std::chrono::milliseconds interval{15000};
 };
 
-/* The whole text of /metrics at the time `now`. */
-std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
-                           steady_time now);
+/* The whole text of /metrics at the time `now`, with the series of lanes where they are wanted. */
+std::string render_metrics(const model &board, port_details &details, bool has_lanes,
+                           const exporter_figures &figures, text_format format, steady_time now);
 
 } // namespace exporter
