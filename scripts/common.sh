@@ -8,7 +8,7 @@ packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev
                 libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev zlib1g-dev
                 libjs-dygraphs)
 packages_run_linux=(iproute2)
-packages_test=(libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
+packages_test=(git libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
               g++-s390x-linux-gnu qemu-user-static prometheus prometheus-node-exporter chromium
@@ -16,6 +16,10 @@ packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gco
 # For a real kernel in an emulated machine; the kernel itself is fetched and not installed.
 packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
                  libssl3)
+# The parts of the preset scene, which ./run builds: for all but --linux, for its shell, for --linux.
+targets_run=(tesk-server teskctl teskboard)
+targets_run_stay=(tesk-exporter page example_client)
+targets_run_linux=(tesk-server teskctl dolm_ric_linux tesk-module-reader)
 packages_bench=(python3 valgrind binutils strace lttng-tools dbus libsystemd-dev redis-server
                 libhiredis-dev python3-redis python3-hiredis prometheus-node-exporter)
 
@@ -69,6 +73,31 @@ stop_service() { # NAME
     else
         "${as_root[@]}" service "$1" stop >/dev/null 2>&1 || say "could not stop $1"
     fi
+}
+
+# Unpacks Debian's base system and nothing else into the folder, anew. It is fetched once.
+make_clean_root() { # FOLDER
+    local base=build/clean-root.tar
+    mkdir -p build
+    if [ ! -f "$base" ]; then
+        say "fetching a base system (once, takes some minutes)"
+        timeout 900 mmdebstrap --quiet --format=tar --variant=minbase bookworm "$base.new" ||
+            fail "the base system could not be fetched"
+        mv "$base.new" "$base"
+    fi
+    rm -rf "$1"
+    mkdir "$1"
+    tar -C "$1" -xf "$base"
+    cp /etc/resolv.conf "$1/etc/"
+}
+
+# Runs the command without this machine's variables but for PATH, HOME and the proxies of the package client.
+in_empty_environment() { # COMMAND..
+    local kept=(HOME="${HOME:-/root}" PATH="$PATH") name
+    for name in http_proxy https_proxy no_proxy HTTP_PROXY HTTPS_PROXY NO_PROXY; do
+        [ -z "${!name-}" ] || kept+=("$name=${!name}")
+    done
+    env -i "${kept[@]}" "$@"
 }
 
 # Shows the progress of a build on standard error, [n/m], in place on a terminal, else every 15 s.

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 . tests/expect.sh
 
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive
-base=$PWD/build/clean-root.tar root=$PWD/build/clean-root server=
+root=$PWD/build/clean-root server=
 first=build/1.0.0 first_commit=1e6842f
 [ "$(id -u)" -eq 0 ] || fail "root is needed to install packages elsewhere"
 require_packages mmdebstrap dpkg-dev
@@ -60,17 +60,8 @@ if ! ls "$first"/build/packages/*.deb >/dev/null 2>&1; then
     git archive "$first_commit" | tar -C "$first" -x || fail "the tree's history lacks $first_commit"
     "$first/scripts/build-packages" >/dev/null
 fi
-if [ ! -f "$base" ]; then
-    say "fetching a base system (once, takes some minutes)"
-    timeout 900 mmdebstrap --quiet --format=tar --variant=minbase bookworm "$base.new" ||
-        fail "the base system could not be fetched"
-    rm -rf "$base"
-    mv "$base.new" "$base"
-fi
-rm -rf "$root" "$root.log"
-mkdir "$root"
-tar -C "$root" -xf "$base"
-cp /etc/resolv.conf "$root/etc/"
+rm -f "$root.log"
+make_clean_root "$root"
 mkdir -p "$root/packages/1.0.0"
 cp build/packages/*.deb "$root/packages/"
 cp "$first"/build/packages/*.deb "$root/packages/1.0.0/"

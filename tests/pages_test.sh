@@ -137,7 +137,7 @@ for page in "$@"; do
         mkdir -p "$place/here/build" "$place/bin"
         cd "$place/here" || exit 1
         ln -s "$source"/{run,scripts,examples,python,src,docs,contrib} .
-        ln -s "$build" build/release && ln -s "$build" build/example
+        ln -s "$build" build/release && ln -s "$build" build/scene && ln -s "$build" build/example
         : >"$log"
         ln -s /bin/true "$place/bin/cmake" # the programs of ./run are built already
         export MBX_DIR=$place/mbx DOLM_RIC_SOCKET=$place/board.sock DOLM_RIC_PORT_MAP=$place/ports PATH=$place/bin:$build/bin:$PATH

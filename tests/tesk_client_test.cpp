@@ -607,6 +607,10 @@ TEST(port_map, is_read_whole_or_its_wrong_line_is_named)
     setenv("DOLM_RIC_PORT_MAP", path.c_str(), 1);
     EXPECT_EQ(tesk_client_read_port_map(nullptr, each, &read), TESK_CLIENT_BAD_PORT_MAP);
     unsetenv("DOLM_RIC_PORT_MAP");
+    setenv("MBX_DIR", "/another", 1);
+    EXPECT_EQ(tesk_client_read_port_map(nullptr, each, &read), TESK_CLIENT_NO_PORT_MAP);
+    EXPECT_TRUE(testkit::contains(tesk_client_error(), "the server that MBX_DIR selects"));
+    unsetenv("MBX_DIR");
     expect_error(link, TESK_CLIENT_BAD_PORT_MAP, "is a link");
     expect_error(fifo, TESK_CLIENT_BAD_PORT_MAP, "regular");
     expect_error("/dev/zero", TESK_CLIENT_BAD_PORT_MAP, "regular");

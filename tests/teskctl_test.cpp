@@ -277,22 +277,23 @@ struct teskctl_system : testing::Test {
 
 TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
 {
-    testkit::expect_runs(program, {{"--version", 0, "teskctl 1."},
-                                   {"--help", 0, "history"},
-                                   {"help status", 0, "teskctl status"},
-                                   {"", 2, "a command is missing"},
-                                   {"pm", 2, "required"},
-                                   {"pm 3-1", 2, "comes before"},
-                                   {"watch", 2, "--sfp"},
-                                   {"watch --staus 0", 2,
-                                    "teskctl: there is no option '--staus': "
-                                    "did you mean '--status'?"},
-                                   {"--tmeout 1 pm 0", 2, "did you mean '--timeout'?"},
-                                   {"ping 3", 2, "'3' is one word too many"},
-                                   {"pm eth0", 2, "no interface names are known"},
-                                   {"ping --count 0", 2, "--count"},
-                                   {"--timeout 0 ping", 2, "timeout"},
-                                   {"history everything", 2, "status"}});
+    testkit::expect_runs(
+        program, {{"--version", 0, "teskctl 1."},
+                  {"--help", 0, "history"},
+                  {"help status", 0, "teskctl status"},
+                  {"", 2, "a command is missing"},
+                  {"pm", 2, "required"},
+                  {"pm 3-1", 2, "comes before"},
+                  {"watch", 2, "--sfp"},
+                  {"watch --staus 0", 2,
+                   "teskctl: there is no option '--staus': "
+                   "did you mean '--status'?"},
+                  {"--tmeout 1 pm 0", 2, "did you mean '--timeout'?"},
+                  {"watch 3", 2, "'3' is one word too many: the options are --sfp, --status,"},
+                  {"pm eth0", 2, "no interface names are known"},
+                  {"ping --count 0", 2, "--count"},
+                  {"--timeout 0 ping", 2, "timeout"},
+                  {"history everything", 2, "status"}});
     expect("statsu 0", 2, {"'statsu'", "did you mean 'status'"});
     expect("--json pm 0", 3, {"\"event\":\"error\",\"exit_code\":3,", "teskctl: no server"});
     server.emplace();
@@ -369,9 +370,12 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     await("status");
     server.reset();
     await("\"event\":\"lost\"}");
-    server.emplace();
+    const std::string board = directory.path + "/board";
+    testkit::run("printf 'ports 1\nfail subslink busy 1\n' >" + board, output);
+    server.emplace(strings{"DOLM_RIC_BOARD=" + board});
     await("\"event\":\"restored\"}");
-    await("status");
+    await("subscription lost");
+    await("\"event\":\"status\",\"port\":0,"); /* tried again */
     kill(watch, SIGINT);
     EXPECT_EQ(testkit::wait_for_end(watch), 0);
     expect("history actions", 0, {"sfp info unsubscribed", "port status unsubscribed"});
@@ -511,6 +515,12 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
         {"printf '0 lo\n1 a b c\n' >p; export DOLM_RIC_PORTS=$PWD/p", "config     ",
          "correct it in"},
         {"printf '0 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p", "p has no wrong line", ""},
+        {": >p; export DOLM_RIC_PORTS=$PWD/p", "p has no right line", "correct"},
+        {"mkfifo fifo; export DOLM_RIC_PORTS=$PWD/fifo", "fifo is not a regular", "correct"},
+        {"ln -s /none link; export DOLM_RIC_PORTS=$PWD/link", "is a link to a file", "mend the"},
+        {"printf '7 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p DOLM_RIC_PORT_MAP=$PWD/m; "
+         "printf '# tesk-ports 1\n1\ta\n' >m",
+         "keeps its interface while it runs: 7 lo", "restart tesk-server"},
         {"export DOLM_RIC_PORT_MAP=$PWD/m; echo x >m", "line 1: must be", "restart tesk-server"},
         {"export DOLM_RIC_PORT_MAP=$PWD/m; printf '# tesk-ports 1\n99\ta\n' >m",
          "the server has no port", "journalctl -u tesk-server"},

@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import enum
 
+from ._library import library
+
 
 class Word(enum.IntEnum):
     """A word of the server that is an enumeration. A newer server may send a value that isn't here:
@@ -22,8 +24,6 @@ class Word(enum.IntEnum):
     @property
     def text(self) -> str:
         """In words, as teskctl shows it: "low warning"."""
-        # The library needs the enumerations for its structures.
-        from ._library import library
         text: bytes = library.tesk_client_text(_TEXTS[type(self)], self.value)
         return text.decode("ascii")
 

@@ -7,9 +7,8 @@ import ctypes
 from ctypes import CFUNCTYPE, POINTER, c_bool, c_char, c_char_p, c_int, c_int32, c_size_t
 from ctypes import c_uint32, c_uint64, c_void_p
 
-from ._enums import Measurement
-
 SONAME = "libtesk_client.so.0"
+MEASUREMENTS = 7
 
 try:
     library = ctypes.CDLL(SONAME)
@@ -34,7 +33,7 @@ class CPortStatus(ctypes.Structure):
 
     _fields_ = [
         ("port_no", c_uint32), ("link", c_uint32), ("sfp_type", c_uint32),
-        ("link_speed", c_uint32), ("level", c_uint32 * len(Measurement)),
+        ("link_speed", c_uint32), ("level", c_uint32 * MEASUREMENTS),
         ("environment", c_uint32),
     ]
 
@@ -63,7 +62,7 @@ class CHistoryRecord(ctypes.Structure):
 
     _fields_ = [
         ("time_us", c_uint64), ("port_no", c_uint32), ("port_state", c_uint32),
-        ("filter_level", c_int32), ("level", c_uint32 * len(Measurement)), ("presence", c_uint32),
+        ("filter_level", c_int32), ("level", c_uint32 * MEASUREMENTS), ("presence", c_uint32),
         ("action", c_uint32), ("client_id", c_uint32), ("conn_ref", c_uint32),
     ]
 

@@ -13,7 +13,8 @@ def ports(path: str | os.PathLike[str] | None = None) -> dict[int, str]:
     """Reads the port map, in which the board library names its ports: a name for each port number,
     in ascending order. Needs no server and no session; any thread.
 
-    Without a path it is the file that DOLM_RIC_PORT_MAP names, else /run/dolm_ric/ports. Raises
+    Without a path it is the file that DOLM_RIC_PORT_MAP names, else /run/dolm_ric/ports; but that is
+    the map of the system's server, and isn't read where MBX_DIR selects another one. Raises
     NoPortMapError, NoAccessError, or BadPortMapError with the line."""
     found: dict[int, str] = {}
     failures: list[BaseException] = []

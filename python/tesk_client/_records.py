@@ -74,20 +74,23 @@ class SfpInfo:
 
 @dataclass(frozen=True, slots=True)
 class PortStatus:
-    """The state of a port. The speed is None without a link, or where it isn't known."""
+    """The state of a port. The speed is None without a link, or where it isn't known. The type is None
+    where the server has read nothing of a module: it calls an empty cage electrical here. SfpInfo and
+    `pm` tell the two apart."""
 
     port: int
     link: Link
     link_speed_gbps: float | None
-    sfp_type: SfpType
+    sfp_type: SfpType | None
     levels: Levels
     environment: Environment
 
     @classmethod
     def _from_c(cls, status: CPortStatus) -> PortStatus:
+        sfp_type, environment = SfpType(status.sfp_type), Environment(status.environment)
+        is_told = sfp_type != SfpType.ELECTRICAL or environment != Environment.NOT_READ
         return cls(status.port_no, Link(status.link), _gbps(status.link_speed),
-                   SfpType(status.sfp_type), Levels._from_c(status.level),
-                   Environment(status.environment))
+                   sfp_type if is_told else None, Levels._from_c(status.level), environment)
 
 
 @dataclass(frozen=True, slots=True)

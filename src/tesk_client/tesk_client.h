@@ -345,10 +345,10 @@ tesk_client_result tesk_client_request(tesk_client_session *session,
 typedef void (*tesk_client_port_named)(uint32_t port_no, const char *name, void *user);
 
 /* Reads the file in which the board library names its ports, in ascending order of their numbers.
-   A null `path` stands for the environment's DOLM_RIC_PORT_MAP, else /run/dolm_ric/ports. The whole
-   file is read and checked first: on failure `each` is never called. Needs no session and no
-   server; any thread. `each` must not throw. TESK_CLIENT_NO_PORT_MAP where there is no such file.
- */
+   A null `path` stands for the environment's DOLM_RIC_PORT_MAP, else /run/dolm_ric/ports, which is
+   the map of the system's server: where MBX_DIR selects another one, none is read. The whole file
+   is read and checked first: on failure `each` is never called. Needs no session and no server; any
+   thread. `each` must not throw. TESK_CLIENT_NO_PORT_MAP where there is no such file. */
 tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_named each,
                                              void *user);
 

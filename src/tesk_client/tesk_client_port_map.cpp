@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 static constexpr char default_path[] = "/run/dolm_ric/ports";
+static constexpr char default_mailbox_directory[] = "/run/mbx";
 static constexpr std::string_view first_line = "# tesk-ports 1";
 static constexpr size_t largest_file = 4 << 20;
 static constexpr uint32_t highest_port = 65534;
@@ -32,12 +33,22 @@ struct named_port {
 };
 } // namespace
 
+/* An empty value counts as none. */
+static std::string value_of(const char *variable)
+{
+    const char *set = secure_getenv(variable);
+    return set != nullptr ? set : "";
+}
+
+/* Empty where the default would be the map of another server than the one that MBX_DIR selects. */
 static std::string path_or_default(const char *path)
 {
     if (path != nullptr)
         return path;
-    const char *set = secure_getenv("DOLM_RIC_PORT_MAP");
-    return set != nullptr && *set != '\0' ? set : default_path;
+    if (std::string set = value_of("DOLM_RIC_PORT_MAP"); !set.empty())
+        return set;
+    const std::string directory = value_of("MBX_DIR");
+    return directory.empty() || directory == default_mailbox_directory ? default_path : "";
 }
 
 static outcome failure(tesk_client_result result, const std::string &path, const std::string &why)
@@ -148,6 +159,10 @@ static std::string parse(std::string_view text, std::vector<named_port> &ports)
 outcome read_port_map(const char *given_path, tesk_client_port_named each, void *user)
 {
     const std::string path = path_or_default(given_path);
+    if (path.empty())
+        return failure(TESK_CLIENT_NO_PORT_MAP, default_path,
+                       "is not the map of the server that MBX_DIR selects; DOLM_RIC_PORT_MAP can "
+                       "name that");
     std::string content;
     outcome loaded = load(path, content);
     if (loaded.result != TESK_CLIENT_OK)

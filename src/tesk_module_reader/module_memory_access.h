@@ -4,7 +4,7 @@
 #pragma once
 
 #include "platform/dolm_ric/linux/netlink.h"
-#include "tesk_module_reader/reader_protocol.h"
+#include "platform/dolm_ric/linux/reader_protocol.h"
 
 #include <cstdint>
 #include <span>

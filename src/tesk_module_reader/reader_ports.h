@@ -6,9 +6,9 @@
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/port_config.h"
+#include "platform/dolm_ric/linux/reader_protocol.h"
 #include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/module_memory_access.h"
-#include "tesk_module_reader/reader_protocol.h"
 
 #include <cstdint>
 #include <map>

@@ -5,8 +5,8 @@
 
 #include "platform/tesktmo/tesktmo.h"
 #include "platform/zel/zel.h"
-#include "testkit/fake_platform/fake_board.h"
 #include "testkit/fake_platform/fake_mailbox.h"
+#include "testkit/fake_platform/fake_platform_internal.h"
 
 #include <arpa/inet.h>
 #include <atomic>

@@ -38,7 +38,7 @@ def expressions():
     yield "TESK_CLIENT_MEASUREMENTS", len(_enums.Measurement)
     for name, value in vars(_library).items():
         if name.isupper() and isinstance(value, int):
-            yield f"TESK_CLIENT_{'' if name.startswith('EVENT_') else 'REQUEST_'}{name}", value
+            yield f"TESK_CLIENT_{'' if name.startswith(('EVENT_', 'MEASUREMENTS')) else 'REQUEST_'}{name}", value
 
 
 def test_every_size_offset_and_value_is_that_of_the_c_header(tmp_path):

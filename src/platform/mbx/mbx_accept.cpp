@@ -10,8 +10,12 @@
    would stay readable: it is left alone for a moment and tried again. The same is done while the
    closing thread has too much to do: a process that passes descriptors which do not close comes in
    slowly. */
+#include "platform/mbx/mbx_accept.h"
+
 #include "platform/mbx/mbx_helper.h"
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_peers.h"
+#include "platform/mbx/mbx_registry.h"
+#include "platform/mbx/mbx_watch_kinds.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -5,9 +5,13 @@
 #include "platform/mbx/mbx_local.h"
 #pragma GCC visibility pop
 
+#include "platform/mbx/mbx_accept.h"
+#include "platform/mbx/mbx_create.h"
 #include "platform/mbx/mbx_helper.h"
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_locate.h"
 #include "platform/mbx/mbx_parting.h"
+#include "platform/mbx/mbx_peers.h"
+#include "platform/mbx/mbx_registry.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* How a mailbox of ours connects to a named one, on the caller's thread. What the other side passes
    is checked before it is used, and never closed here or under a lock. */
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_locate.h"
+
+#include "platform/mbx/mbx_peers.h"
 
 #include <cerrno>
 #include <cstdio>

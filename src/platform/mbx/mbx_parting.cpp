@@ -3,8 +3,10 @@
    that has hung up without having read all is looked at again from time to time. */
 #include "platform/mbx/mbx_parting.h"
 
+#include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_helper.h"
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_socket.h"
+#include "platform/mbx/mbx_watch_kinds.h"
 
 #include <algorithm>
 #include <new>

@@ -1,7 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The connections of a mailbox: made, written to, supervised, ended.
-
-   The end of the control connection is the peer's death. A process can leave its end to a child
+/* The end of the control connection is the peer's death. A process can leave its end to a child
    that it made behind the library's back, so there is a pidfd too. When a connection ends, what the
    peer has written into its ring stays there for the owner, and the monitor's notice comes behind
    it; everything else is closed at once. A peer that we have located and do not monitor is reported
@@ -11,9 +9,12 @@
    connection to it, of one in this process with the mailbox itself (its `watchers`); of one that is
    dead already it is sent at once. The first monitor of a connection has the connection's id as its
    reference, so that the usual one is removed without a search. */
+#include "platform/mbx/mbx_peers.h"
+
 #include "platform/mbx/mbx_helper.h"
-#include "platform/mbx/mbx_mailbox.h"
 #include "platform/mbx/mbx_parting.h"
+#include "platform/mbx/mbx_registry.h"
+#include "platform/mbx/mbx_watch_kinds.h"
 
 #include <cerrno>
 #include <malloc.h>

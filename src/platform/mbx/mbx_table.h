@@ -11,13 +11,6 @@
 #include <memory>
 #include <vector>
 
-/* Set in the ids of our own mailboxes only. */
-constexpr uint32_t mailbox_id_bit = 0x80000000u;
-
-/* Counts up, so that an id comes back after two thousand million connections at the earliest. The
-   lowest numbers are left to other sources of signals. Any thread. */
-uint32_t next_connection_id();
-
 /* `record` has a member `id`. */
 template <typename record>
 class id_table

@@ -24,9 +24,14 @@ inline const CLI::App *parsed_command(const CLI::App &app)
 /* "did you mean": all options of the command and of the tool are known. */
 inline std::string unknown_word(const CLI::App &app, const std::string &word)
 {
-    if (!word.starts_with('-'))
-        return fmt::format("'{}' is one word too many;", word);
     std::vector<std::string> known;
+    if (!word.starts_with('-')) {
+        for (const CLI::Option *option : parsed_command(app)->get_options())
+            if (option != parsed_command(app)->get_help_ptr() && !option->get_lnames().empty())
+                known.push_back("--" + option->get_lnames().front());
+        return fmt::format("'{}' is one word too many{}{};", word,
+                           known.empty() ? "" : ": the options are ", fmt::join(known, ", "));
+    }
     for (const CLI::App *each : {parsed_command(app), &app})
         for (const CLI::Option *option : each->get_options())
             for (const std::string &name : option->get_lnames())

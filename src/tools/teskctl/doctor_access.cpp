@@ -274,10 +274,6 @@ static void count_port(tesk_client_session *session, uint32_t port_no, size_t &p
 
 static finding check_port_map(std::vector<uint32_t> &candidates)
 {
-    if (!has_port_map())
-        return {"port map", verdict::note,
-                "DOLM_RIC_PORT_MAP doesn't name the map of this server: tools show numbers only",
-                ""};
     const tesk_client_result map = tesk_client_read_port_map(
         nullptr,
         [](uint32_t port_no, const char *, void *user) {

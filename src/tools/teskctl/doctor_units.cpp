@@ -3,11 +3,15 @@
    between two. A unit that isn't installed has a block as well, whose LoadState is "not-found". */
 #include "tools/teskctl/doctor_checks.h"
 #include "tools/teskctl/explain.h"
+#include "tools/teskctl/port_selection.h"
 #include "util/escape.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -19,6 +23,7 @@ static constexpr char shown_properties[] =
     "Group,Environment,NeedDaemonReload,IPAddressAllow,IPAddressDeny";
 
 static constexpr char default_configuration[] = "/etc/tesk/ports";
+static constexpr char reader[] = "tesk-module-reader";
 
 /* Where the folders of administrators' programs are not in the path, as for most users. */
 static constexpr char with_sbin[] = "PATH=\"$PATH:/usr/local/sbin:/usr/sbin\" ";
@@ -155,26 +160,48 @@ findings check_units(const unit_table &units, bool is_up)
     return all;
 }
 
+/* What the reader's check says of a line: a message, or a port of a right line, which the server's
+   port map lacks if the server doesn't use it. */
+static void judge_line(const std::string &line, const std::string &path,
+                       const port_name_map &in_force, findings &all)
+{
+    const std::string begin = fmt::format("{}: ", reader), shown = escape(path);
+    if (line.starts_with(begin + path) || line.starts_with(begin + "there is no port")) {
+        all.push_back({"config", verdict::wrong, escape(line.substr(begin.size())),
+                       fmt::format("correct it in {}; man {} describes the lines", shown, reader)});
+        return;
+    }
+    uint32_t number = 0;
+    const auto [stop, error] = std::from_chars(line.data(), line.data() + line.size(), number);
+    if (error == std::errc{} && !in_force.empty() && !in_force.contains(number))
+        all.push_back({"config", verdict::wrong,
+                       fmt::format("the server doesn't use this line of {} yet, as a number keeps "
+                                   "its interface while it runs: {}",
+                                   shown, escape(line)),
+                       "restart tesk-server"});
+}
+
 findings check_configuration()
 {
-    static constexpr char program[] = "tesk-module-reader";
-    if (output_of(std::string(with_sbin) + "command -v " + program).empty())
+    if (output_of(fmt::format("{} command -v {}", with_sbin, reader)).empty())
         return {};
     const char *set = secure_getenv("DOLM_RIC_PORTS");
     const std::string path = set != nullptr && *set != '\0' ? set : default_configuration;
     const std::string shown = escape(path);
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0 && lstat(path.c_str(), &status) == 0)
+        return {{"config", verdict::wrong, shown + " is a link to a file that can't be reached",
+                 "mend the link, or remove it"}};
     if (access(path.c_str(), F_OK) != 0)
         return {{"config", verdict::note,
-                 shown + " is not there: the ports are all interfaces whose module can be read",
+                 shown + " is not there: a board for Linux has all interfaces whose module can be "
+                         "read as ports",
                  ""}};
     findings all;
-    const std::string begin = fmt::format("{}: {}", program, path);
-    for (const std::string &line : lines_of(output_of(
-             fmt::format("{} timeout 5 {} --print-ports 2>&1 >/dev/null", with_sbin, program))))
-        if (line.starts_with(begin))
-            all.push_back(
-                {"config", verdict::wrong, escape(line.substr(begin.size() - path.size())),
-                 fmt::format("correct it in {}; man {} describes the lines", shown, program)});
+    const port_name_map in_force = port_names();
+    for (const std::string &line :
+         lines_of(output_of(fmt::format("{} timeout 5 {} --print-ports 2>&1", with_sbin, reader))))
+        judge_line(line, path, in_force, all);
     if (all.empty())
         all.push_back({"config", verdict::ok, shown + " has no wrong line", ""});
     return all;

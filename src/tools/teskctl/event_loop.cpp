@@ -49,9 +49,9 @@ bool event_loop::has_lost_reader(short events)
     return true;
 }
 
-event_loop::wake event_loop::wait(const session &server, std::optional<steady_time> end)
+event_loop::wake event_loop::wait(tesk_client_session *server, std::optional<steady_time> end)
 {
-    pollfd polled[] = {{tesk_client_fd(server.get()), POLLIN, 0},
+    pollfd polled[] = {{tesk_client_fd(server), POLLIN, 0},
                        {signals_.get(), POLLIN, 0},
                        {has_keys_ ? STDIN_FILENO : -1, POLLIN, 0},
                        {STDOUT_FILENO, 0, 0}};
@@ -75,7 +75,7 @@ event_loop::wake event_loop::wait(const session &server, std::optional<steady_ti
         keys_.assign(bytes, has_keys_ ? static_cast<size_t>(count) : 0);
         return has_keys_ ? wake::key : wake::session;
     }
-    tesk_client_dispatch(server.get());
+    tesk_client_dispatch(server);
     return wake::session;
 }
 

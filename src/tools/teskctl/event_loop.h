@@ -2,7 +2,7 @@
 /* event_loop - waits for the session, for process signals and for keys, in one poll. */
 #pragma once
 
-#include "tools/teskctl/session.h"
+#include "tesk_client/tesk_client.h"
 #include "util/descriptor.h"
 
 #include <chrono>
@@ -30,7 +30,7 @@ class event_loop
     }
 
     /* Waits for one event or until `end`. Work of the session is dispatched here. */
-    wake wait(const session &server, std::optional<steady_time> end);
+    wake wait(tesk_client_session *server, std::optional<steady_time> end);
 
     /* Waits without a session; false if a process signal came. */
     bool sleep(std::chrono::milliseconds duration);

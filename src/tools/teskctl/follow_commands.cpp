@@ -3,9 +3,11 @@
 
    The session of both reconnects when the server goes away. A request of ping that waits for a
    connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
-   the session, and the first indications after that show changes made since the loss. */
+   the session, and those whose renewal failed by watch itself; the first indications after that
+   show changes made since the loss. */
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
+#include "tools/teskctl/kept_subscriptions.h"
 #include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/status_check.h"
@@ -13,6 +15,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 using std::chrono::steady_clock;
@@ -168,11 +171,27 @@ exit_code run_ping(const settings &common, const ping_options &options)
             next += from_seconds(options.interval);
         }
         const auto end = all_sent() ? std::nullopt : std::optional(next);
-        if (loop.wait(server, end) == event_loop::wake::signal)
+        if (loop.wait(server.get(), end) == event_loop::wake::signal)
             break;
     }
     report_statistics(common, run.report, run.seen);
     return run.seen.answered > 0 ? exit_code::done : exit_code::no_answer;
+}
+
+/* What could not be renewed after a reconnection is tried again after a pause. */
+static void wait_and_keep(event_loop &loop, session &server, kept_subscriptions &kept,
+                          std::optional<steady_time> &retry, const std::optional<steady_time> &end)
+{
+    static constexpr std::chrono::seconds retry_pause{2};
+    if (!kept.is_due())
+        retry.reset();
+    else if (!retry)
+        retry = steady_clock::now() + retry_pause;
+    loop.wait(server.get(), retry && (!end || *retry < *end) ? retry : end);
+    if (retry && steady_clock::now() >= *retry) {
+        kept.send_due();
+        retry.reset();
+    }
 }
 
 exit_code run_watch(const settings &common, const watch_options &options)
@@ -190,11 +209,17 @@ exit_code run_watch(const settings &common, const watch_options &options)
     };
     status_check statuses(show);
     session *connected = nullptr; /* called back only inside of its calls */
+    std::unique_ptr<kept_subscriptions> kept;
     session server(loop, common,
                    {show, [&](const auto &status) { statuses.take(*connected, status); },
-                    [&](const auto &event) { report.show(event); }},
+                    [&](const auto &event) {
+                        report.show(event);
+                        if (kept)
+                            kept->take(event);
+                    }},
                    true);
     connected = &server;
+    kept = std::make_unique<kept_subscriptions>(server);
 
     const auto ports_of = [&](const ports_text &text) {
         return text.empty() ? std::vector<uint32_t>() : select_ports(loop, server, text);
@@ -207,13 +232,15 @@ exit_code run_watch(const settings &common, const watch_options &options)
     const auto end = limit(options.seconds);
     const auto held =
         subscribe_all(loop, server, wanted, [&](const auto &answer) { report.failed(answer); });
+    kept->confirm(held);
+    std::optional<steady_time> retry;
     report.write_failures();
     /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
            (!end || steady_clock::now() < *end))
-        loop.wait(server, end);
+        wait_and_keep(loop, server, *kept, retry, end);
     /* The server would drop the subscriptions with the connection, but only a moment later. */
     if (server.is_connected())
-        request_all(loop, server, held, [](const tesk_client_answer &) {});
+        request_all(loop, server, kept->unsubscribes(), [](const tesk_client_answer &) {});
     return report.code();
 }

@@ -20,7 +20,7 @@ namespace
 /* The client's number and its own reference. */
 using client_key = std::pair<uint32_t, uint32_t>;
 
-struct group {
+struct history_group {
     history_entry first;
     std::set<uint32_t> ports;
     std::set<client_key> clients;
@@ -28,7 +28,7 @@ struct group {
 
 } // namespace
 
-static bool joins(const group &open, const history_entry &entry)
+static bool joins(const history_group &open, const history_entry &entry)
 {
     if (entry.kind != TESK_CLIENT_HISTORY_ACTIONS || open.first.kind != entry.kind ||
         open.first.record.action != entry.record.action ||
@@ -58,7 +58,7 @@ static std::string clients_text(const std::set<client_key> &clients)
     return fmt::format("client{} {}", clients.size() == 1 ? "" : "s", fmt::join(texts, ", "));
 }
 
-static std::string what_happened(const group &shown)
+static std::string what_happened(const history_group &shown)
 {
     const tesk_client_history_record &record = shown.first.record;
     switch (shown.first.kind) {
@@ -77,18 +77,20 @@ static std::string what_happened(const group &shown)
 
 std::vector<folded_entry> fold(const std::vector<history_entry> &entries)
 {
-    std::vector<group> groups;
+    std::vector<history_group> groups;
     for (const history_entry &entry : entries) {
         /* The newest group that it can join: others of the same moment may lie between. */
-        const auto found = std::find_if(groups.rbegin(), groups.rend(),
-                                        [&](const group &open) { return joins(open, entry); });
-        group &target = found != groups.rend() ? *found : groups.emplace_back(group{entry, {}, {}});
+        const auto found =
+            std::find_if(groups.rbegin(), groups.rend(),
+                         [&](const history_group &open) { return joins(open, entry); });
+        history_group &target =
+            found != groups.rend() ? *found : groups.emplace_back(history_group{entry, {}, {}});
         target.ports.insert(entry.record.port_no);
         target.clients.insert({entry.record.client_id, entry.record.conn_ref});
     }
     std::vector<folded_entry> folded;
     folded.reserve(groups.size());
-    for (const group &each : groups)
+    for (const history_group &each : groups)
         folded.push_back({each.first, format_ports({each.ports.begin(), each.ports.end()}),
                           what_happened(each)});
     return folded;

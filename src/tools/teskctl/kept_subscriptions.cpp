@@ -9,6 +9,7 @@
    new subscription brings an indication. */
 #include "tools/teskctl/kept_subscriptions.h"
 
+#include <algorithm>
 #include <utility>
 
 static tesk_client_request_type request_of(tesk_client_kind kind, bool subscribes)
@@ -85,6 +86,12 @@ void kept_subscriptions::renew(uint32_t port_no, ended called)
     found->second.is = state::unknown;
     found->second.called = std::move(called);
     send(found->first, found->second);
+}
+
+bool kept_subscriptions::is_due() const
+{
+    return std::ranges::any_of(entries_,
+                               [](const auto &each) { return each.second.is != state::held; });
 }
 
 void kept_subscriptions::send_due()

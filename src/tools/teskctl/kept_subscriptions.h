@@ -28,7 +28,8 @@ class kept_subscriptions
         for (const tesk_client_kind kind : {TESK_CLIENT_SFP_INFO, TESK_CLIENT_PORT_STATUS})
             entries_.erase({kind, port_no});
     }
-    /* The server has confirmed these; given are the requests that would end them. */
+    /* The server has confirmed these, which are wanted from now on; given are the requests that
+       would end them. */
     void confirm(const std::vector<port_request> &unsubscribes);
 
     /* Ends the subscription of the port's status and makes it anew, for an indication with the
@@ -39,6 +40,9 @@ class kept_subscriptions
 
     /* A subscription that the session has lost. */
     void take(const tesk_client_event &event);
+
+    /* Whether a wanted subscription is not there. */
+    bool is_due() const;
 
     /* Makes the requests that are due, so many at once that they are answered in time. To be called
        once an interval. */

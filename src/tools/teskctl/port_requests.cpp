@@ -44,7 +44,7 @@ void request_all(event_loop &loop, session &server, const std::vector<port_reque
             server.request(requests[next].type, requests[next].port_no, count_answer);
             all->open++;
         }
-        if (loop.wait(server, std::nullopt) == event_loop::wake::signal)
+        if (loop.wait(server.get(), std::nullopt) == event_loop::wake::signal)
             return;
     }
 }
@@ -79,7 +79,7 @@ void read_infos(const settings &common, event_loop &loop, session &server,
     const steady_time end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(common.timeout_ms);
     while (infos.size() < wanted && std::chrono::steady_clock::now() < end &&
-           loop.wait(server, end) != event_loop::wake::signal) {
+           loop.wait(server.get(), end) != event_loop::wake::signal) {
     }
 }
 

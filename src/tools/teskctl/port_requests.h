@@ -2,7 +2,7 @@
 /* port_requests - the same request for many ports. */
 #pragma once
 
-#include "tools/teskctl/event_loop.h"
+#include "tools/teskctl/session.h"
 
 #include <map>
 #include <vector>

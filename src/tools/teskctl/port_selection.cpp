@@ -42,17 +42,9 @@ static std::vector<uint32_t> probe(event_loop &loop, session &server)
     return found;
 }
 
-bool has_port_map()
-{
-    const char *given = secure_getenv("DOLM_RIC_PORT_MAP");
-    return mailbox_directory() == default_mailbox_directory || (given != nullptr && *given != '\0');
-}
-
 port_name_map port_names()
 {
     port_name_map names;
-    if (!has_port_map())
-        return names;
     const tesk_client_result result = tesk_client_read_port_map(
         nullptr,
         [](uint32_t port_no, const char *name, void *user) {

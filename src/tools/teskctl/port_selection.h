@@ -3,7 +3,7 @@
 #pragma once
 
 #include "tools/common/port_list.h"
-#include "tools/teskctl/event_loop.h"
+#include "tools/teskctl/session.h"
 
 #include <string>
 #include <vector>
@@ -24,10 +24,6 @@ void check_ports(const ports_text &text);
    that exist among the first 128, found by requests that leave no history. Throws a tool_error if
    none is found. Empty if a process signal came. */
 std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text);
-
-/* False where MBX_DIR selects another server than the system's and no port map is given for it: the
-   default map would be that of the system's server. */
-bool has_port_map();
 
 /* The interface names by port number, as far as the port map has them; escaped. A map that is wrong
    or can't be read is reported on standard error once, and ignored. */

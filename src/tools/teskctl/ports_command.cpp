@@ -107,7 +107,7 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     const steady_time end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(common.timeout_ms);
     while (received < held.size() && std::chrono::steady_clock::now() < end &&
-           loop.wait(server, end) != event_loop::wake::signal) {
+           loop.wait(server.get(), end) != event_loop::wake::signal) {
     }
 }
 
@@ -115,7 +115,7 @@ static void read_status(const settings &common, event_loop &loop, session &serve
 static void require_ports(const ports_text &ports)
 {
     const auto ignore = [](uint32_t, const char *, void *) {};
-    if (is_all(ports) && has_port_map() && port_names().empty() &&
+    if (is_all(ports) && port_names().empty() &&
         tesk_client_read_port_map(nullptr, ignore, nullptr) == TESK_CLIENT_OK)
         throw tool_error(exit_code::rejected,
                          "the server has no port, as its port map says; \"journalctl -u "

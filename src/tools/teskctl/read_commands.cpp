@@ -99,7 +99,7 @@ static void await_indications(const settings &common, event_loop &loop, const se
     const steady_time end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(common.timeout_ms);
     while (received.size() < expected && std::chrono::steady_clock::now() < end &&
-           loop.wait(server, end) != event_loop::wake::signal) {
+           loop.wait(server.get(), end) != event_loop::wake::signal) {
     }
     if (received.size() < expected)
         throw tool_error(exit_code::no_answer,

@@ -4,11 +4,10 @@
 #pragma once
 
 #include "tesk_client/tesk_client.h"
+#include "tools/teskctl/event_loop.h"
 #include "tools/teskctl/settings.h"
 
 #include <functional>
-
-class event_loop;
 
 class session
 {

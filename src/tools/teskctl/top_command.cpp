@@ -262,7 +262,8 @@ class top
             if (page)
                 draw(*page);
             /* Drawn at each read at least, since the ages grow. */
-            const auto wake = loop_.wait(session_, end_ ? std::min(*end_, next_read) : next_read);
+            const auto wake =
+                loop_.wait(session_.get(), end_ ? std::min(*end_, next_read) : next_read);
             if (wake == event_loop::wake::signal && !handle_signal(page))
                 return;
             if (wake == event_loop::wake::key && !handle_keys())

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "platform/dolm_ric/linux/module_memory.h"
-#include "tesk_module_reader/reader_protocol.h"
+#include "platform/dolm_ric/linux/reader_protocol.h"
 
 #include <array>
 #include <cstdint>

@@ -51,7 +51,8 @@ static std::string read_text(const char *path)
 }
 
 /* The first line. The others need it, as they may name only ports that exist. */
-static std::unique_ptr<simulator> make_ports(std::string_view line, core &events)
+static std::unique_ptr<simulator> make_ports(std::string_view line, core &events,
+                                             board_maker make_empty)
 {
     const auto words = split_words(line);
     if (words.size() != 2 || words[0] != "ports")
@@ -59,7 +60,7 @@ static std::unique_ptr<simulator> make_ports(std::string_view line, core &events
     const auto count = static_cast<uint32_t>(parse_number(words[1], max_ports));
     if (count == 0)
         throw board_error("a board has one port at least");
-    return std::make_unique<simulator>(count, events);
+    return make_empty(count, events);
 }
 
 /* No port is subscribed yet, so only a raw event can be queued. */
@@ -73,7 +74,7 @@ static void run_line(std::string_view line, simulator &board)
                                   : answer.substr(answer.find(' ') + 1));
 }
 
-std::unique_ptr<simulator> make_board(const char *path, core &events)
+std::unique_ptr<simulator> make_board(const char *path, core &events, board_maker make_empty)
 {
     std::istringstream text(read_text(path));
     std::unique_ptr<simulator> board;
@@ -85,7 +86,7 @@ std::unique_ptr<simulator> make_board(const char *path, core &events)
             if (board)
                 run_line(line, *board);
             else
-                board = make_ports(line, events);
+                board = make_ports(line, events, make_empty);
         } catch (const board_error &error) {
             throw board_error((path != nullptr ? path : "built-in board") +
                               (":" + std::to_string(number)) + ": " + error.what());

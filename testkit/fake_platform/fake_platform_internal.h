@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fake_board - what the two sources of the fake platform share. */
+/* fake_platform_internal - what the two sources of the fake platform share. */
 #pragma once
 
 #include "testkit/fake_platform/fake_platform.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The hardware library: ports as the test has set them, and events that it raises. */
-#include "testkit/fake_platform/fake_board.h"
+#include "testkit/fake_platform/fake_platform_internal.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -7,9 +7,8 @@
    thread may still be in dolm_ric_waitevent, or free its last event, while the main thread shuts
    the board down. Sources are made, started and stopped without the core's lock, as their threads
    take that lock. */
-#include "platform/dolm_ric/dolm_ric.h"
-
 #include "platform/dolm_ric/core.h"
+#include "platform/dolm_ric/dolm_ric.h"
 
 #include <cstdio>
 #include <exception>

@@ -1,0 +1,125 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A mailbox is made whole before others may find it, and can't be found any more before it is
+   emptied. */
+#include "platform/mbx/mbx_create.h"
+
+#include "platform/mbx/mbx_helper.h"
+#include "platform/mbx/mbx_peers.h"
+#include "platform/mbx/mbx_registry.h"
+#include "platform/mbx/mbx_watch_kinds.h"
+
+#include <cerrno>
+
+static bool is_name_ours(const char *name)
+{
+    bool found = false;
+    for_each_mailbox([&](mailbox &m) {
+        std::lock_guard hold(m.lock);
+        found |= m.id != 0 && m.name.name == name;
+    });
+    return found;
+}
+
+static void notify_watchers(mailbox &m, uint32_t id)
+{
+    while (block *notice = m.watchers.pop())
+        push_local(notice->sender, notice, id);
+}
+
+static inbox_owner owner_of(mailbox &m)
+{
+    return {&m,
+            [](void *self, uint32_t id) {
+                if (connection *c = static_cast<mailbox *>(self)->connections.find(id))
+                    send_wake(c->control.get(), wake::room);
+            },
+            [](void *self, uint32_t id) {
+                mailbox &owner = *static_cast<mailbox *>(self);
+                if (connection *c = owner.connections.find(id))
+                    c->is_peer_gone = true; /* it has lied */
+                end_connection(owner, id);
+            },
+            [](void *) { want_trim(); }};
+}
+
+/* With the lock held. False, with errno, on failure. */
+static bool open_to_others(mailbox &m, const char *name, uint32_t id)
+{
+    if (!take_name(name, m.name))
+        return false;
+    if (helper_watch(WATCH_LISTENER, m.name.listener.get(), EPOLLIN, slot_of(id), id))
+        return true;
+    const errno_keeper keeper;
+    give_name(m.name);
+    return false;
+}
+
+uint32_t create_mailbox(const char *name)
+{
+    const bool is_named = name && *name;
+    if (is_named && is_name_ours(name)) {
+        errno = EADDRINUSE;
+        return MBX_NO_MAILBOX;
+    }
+    mailbox *m = free_record();
+    if (!m)
+        return MBX_NO_MAILBOX;
+    std::lock_guard hold(m->lock);
+    if (!m->in.open(owner_of(*m))) {
+        if (is_named)
+            complain_about_name(name);
+        return MBX_NO_MAILBOX;
+    }
+    m->token = make_token();
+    if (m->token == mailbox_token{} || (is_named && !can_make_memory())) {
+        const errno_keeper keeper;
+        m->in.close();
+        return MBX_NO_MAILBOX;
+    }
+    const uint32_t id = next_mailbox_id(*m);
+    if (is_named && !open_to_others(*m, name, id)) {
+        const errno_keeper keeper;
+        complain_about_name(name);
+        m->in.close();
+        return MBX_NO_MAILBOX;
+    }
+    publish(*m, id);
+    return id;
+}
+
+/* In reverse order: first the mailbox can't be found any more, then no sender has it pinned, then
+   it is emptied. A connection whose receiver has a backlog stays until that is sent. */
+void delete_mailbox(mailbox &m)
+{
+    const uint32_t id = withdraw(m);
+    std::lock_guard hold(m.lock);
+    if (m.name.listener)
+        helper_unwatch(m.name.listener.get());
+    give_name(m.name);
+    m.connections.for_each([&](connection &c) {
+        set_monitor(c, nullptr, 0);
+        helper_unwatch(m.in.bell(c.id));
+        if (c.waiting.is_empty())
+            end_connection(m, c.id);
+    });
+    m.in.close();
+    notify_watchers(m, id);
+}
+
+/* No epoll_ctl, no unlink, no shutdown: epolls, names and connections are the parent's as well, and
+   it goes on using them. Only the copies of the descriptors are closed. */
+void forget_mailbox(mailbox &m)
+{
+    withdraw_in_child(m);
+    m.name.listener.reset();
+    m.name.lock.reset();
+    m.name.name.clear();
+    m.connections.for_each([](connection &c) {
+        c.ring = {};
+        c.area->forget();
+        c.control.reset();
+    });
+    m.connections.clear();
+    m.watchers.give_all();
+    m.in.close(true);
+}

@@ -1,0 +1,14 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* mbx_create - creates, deletes and forgets the mailboxes of this process. With registry_lock held,
+   and no lock of a mailbox. */
+#pragma once
+
+#include "platform/mbx/mbx_mailbox.h"
+
+/* Returns an id, or MBX_NO_MAILBOX with errno; a name that can't be taken is also explained in a
+   line on standard error. */
+uint32_t create_mailbox(const char *name);
+/* Leaves only connections in which something waits for its receiver. */
+void delete_mailbox(mailbox &m);
+/* In a forked child: closes everything and forgets it. */
+void forget_mailbox(mailbox &m);

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# The two commands of README.md in a clone of this tree, in a root that has nothing but Debian's base
+# system: packages are installed and all is built there, with an empty environment. As in many
+# containers, no namespace can be made. Needs root, the right to mount, and Debian's mirror.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+. tests/expect.sh
+
+root=$PWD/build/bare-root
+if [ "${1-}" != inside ]; then
+    unshare --mount --pid --fork true 2>/dev/null || { echo "skipped: mounting needs root" && exit 0; }
+    require_packages mmdebstrap
+    trap 'rm -rf "$root"' EXIT
+    make_clean_root "$root"
+    git clone -q --no-hardlinks . "$root/tree"
+    unshare --mount --pid --fork --kill-child "$0" inside # no mount or process stays
+    exit
+fi
+
+mount -t proc proc "$root/proc"
+mount -t sysfs -o ro sysfs "$root/sys"
+mount --rbind /dev "$root/dev"
+export PATH=/usr/sbin:/usr/bin:/sbin:/bin
+
+# Runs the command in the clone, and says how long it took. A root of chroot's can't make user namespaces.
+in_root() { # COMMAND..
+    local start=$SECONDS
+    in_empty_environment chroot "$root" setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin \
+        sh -c 'cd /tree && exec "$@"' sh "$@" >"build/bare-root.log" 2>&1 </dev/null ||
+        { tail -n 40 build/bare-root.log >&2 && fail "$* failed on a bare Debian: see build/bare-root.log"; }
+    say "$*: $((SECONDS - start)) s"
+}
+
+in_root ./run
+expect 0 "the server was shut down cleanly" cat build/bare-root.log
+in_root ./test
+grep '^skipped ' build/bare-root.log || true
