@@ -13,6 +13,7 @@
 #include "tesk_exporter/host_check.h"
 #include "tesk_exporter/listener.h"
 #include "tools/common/clock.h"
+#include "util/calls.h"
 
 #include <algorithm>
 #include <charconv>
@@ -71,10 +72,23 @@ static MHD_Response *copy_of(const std::string &text, const char *type)
     return response;
 }
 
+/* Without them the HTTP library runs and serves nobody. */
+static void expect_calls()
+{
+    char byte;
+    const char *refused =
+        util::is_refused(recv(-1, &byte, 1, 0)) ? "recvfrom" : util::refused_call(true);
+    if (refused != nullptr)
+        throw std::runtime_error(std::string("the system refuses ") + refused + " (" +
+                                 strerror(errno) +
+                                 "), without which no request is answered: allow that call");
+}
+
 http_server::http_server(const settings &given, const model &board, const event_ring &events,
                          exporter_figures &figures)
     : settings_(given), model_(board), events_(events), figures_(figures), files_(given.web)
 {
+    expect_calls();
     const int listener = open_listener(given.listen);
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &handle, this,
