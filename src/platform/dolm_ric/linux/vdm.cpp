@@ -138,7 +138,7 @@ static void take_group(const module_memory &memory, uint8_t group, dolm_ric_deta
         }
         dolm_ric_details_vdm &to = record.vdm[record.vdm_count++];
         take_row(descriptors, values, limits, row, to);
-        to.read_at = read_at ? std::chrono::nanoseconds(read_at->time_since_epoch()).count() : 0;
+        to.read_at = read_at ? std::chrono::nanoseconds{read_at->time_since_epoch()}.count() : 0;
     }
 }
 
