@@ -174,6 +174,11 @@ def changes_appear(board, page):
     page.shows("#values", "91.0 °C")
     page.shows("#history", "link up, high alarm: temperature")
     page.shows_plots()
+    board.play("set 4 rx-power.2=-16dBm rx-los.1=yes")
+    page.shows("#lanes tr:nth-child(3)", "-16.02 dBm")
+    page.shows("#lanes tr:nth-child(2)", "rx los")
+    page.go("port=9")  # copper
+    await_true(lambda: page.run("return document.getElementById(\"lanes-part\").hidden"), "copper")
     page.go("")
 
 
