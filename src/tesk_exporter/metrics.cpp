@@ -335,6 +335,16 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
               {"tesk_exporter_lost_journal_records", metric_type::counter, "",
                "Records that the journal did not take in time."},
               static_cast<double>(figures.lost_journal_records));
+    if (!figures.has_history)
+        return;
+    write_one(writer,
+              {"tesk_exporter_history_up", metric_type::gauge, "",
+               "Whether the history is open and can be written."},
+              figures.is_history_well);
+    write_one(writer,
+              {"tesk_exporter_lost_history_records", metric_type::counter, "",
+               "Readings and events that the history did not take in time."},
+              static_cast<double>(figures.lost_history_records));
 }
 
 std::string render_metrics(const model &board, port_details &details, bool has_lanes,
