@@ -307,8 +307,8 @@ TEST(accounts, leave_half_of_what_is_left_to_the_next_and_know_who_holds_most)
         pid_t process;
         uid_t user;
         size_t gets;
-    } rows[] = {{101, 4711, 40}, {102, 4711, 20}, {103, 4711, 10}, {104, 4712, 23}, {0, 4713, 33},
-                {105, 0, 2},     {106, 4714, 16}, {107, 0, 0},     {108, 4715, 8}};
+    } rows[] = {{101, 4711, 36}, {102, 4711, 18}, {103, 4711, 9}, {104, 4712, 20}, {0, 4713, 30},
+                {105, 0, 8},     {106, 4714, 8},  {107, 0, 0},    {108, 4715, 8}};
     std::vector<std::shared_ptr<entry>> all;
     for (const auto &row : rows) {
         size_t got = 0;

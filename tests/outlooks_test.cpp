@@ -68,8 +68,8 @@ struct box {
                        {100,
                         {stored(measure::temperature, 40 + 3 * swing + noise), 16500,
                          stored(measure::rx_power, -5 - loss + noise),
-                         stored(measure::tx_power, -2 + noise),
-                         stored(measure::bias, 30 + noise), history::absent},
+                         stored(measure::tx_power, -2 + noise), stored(measure::bias, 30 + noise),
+                         history::absent},
                         {},
                         {}},
                        now);
@@ -93,7 +93,9 @@ TEST(outlooks, announce_a_fade_once_and_withdraw_it_with_its_module)
     ASSERT_EQ(on.told.size(), 1);
     EXPECT_TRUE(on.told[0].is_raised);
     EXPECT_EQ(on.told[0].told.value, forecast::quantity::rx_power);
-    const auto days_left = [&on] { return on.ahead.samples(*on.kept, on.now.boot).at(0).days_left; };
+    const auto days_left = [&on] {
+        return on.ahead.samples(*on.kept, on.now.boot).at(0).days_left;
+    };
     const double before = days_left();
     EXPECT_NEAR(before, (3 - on.loss) / 0.12, 4);
     on.restart();
@@ -117,7 +119,8 @@ TEST(outlooks, weeks_of_a_port_are_read_at_once)
     on.run(10, 0);
     const auto start = std::chrono::steady_clock::now();
     const auto answer = json_object::parse(history_json(*on.kept, 3, history::hours, on.now.boot));
-    const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
+    const std::chrono::duration<double, std::milli> taken =
+        std::chrono::steady_clock::now() - start;
     RecordProperty("ms", std::to_string(taken.count()));
     EXPECT_EQ(answer["time"].size(), 240);
     EXPECT_EQ(answer["time"][0], 20'000 * day);

@@ -13,6 +13,7 @@
 #include "tesk_exporter/host_check.h"
 #include "tesk_exporter/listener.h"
 #include "tools/common/clock.h"
+#include "util/calls.h"
 
 #include <algorithm>
 #include <charconv>
@@ -71,10 +72,23 @@ static MHD_Response *copy_of(const std::string &text, const char *type)
     return response;
 }
 
+/* Without them the HTTP library runs and serves nobody. */
+static void expect_calls()
+{
+    char byte;
+    const char *refused =
+        util::is_refused(recv(-1, &byte, 1, 0)) ? "recvfrom" : util::refused_call(true);
+    if (refused != nullptr)
+        throw std::runtime_error(std::string("the system refuses ") + refused + " (" +
+                                 strerror(errno) +
+                                 "), without which no request is answered: allow that call");
+}
+
 http_server::http_server(const settings &given, const model &board, const event_ring &events,
                          exporter_figures &figures)
     : settings_(given), model_(board), events_(events), figures_(figures), files_(given.web)
 {
+    expect_calls();
     const int listener = open_listener(given.listen);
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &handle, this,
@@ -337,7 +351,8 @@ MHD_Result http_server::send_metrics(const http_request &request)
     const text_format format = choose_format(accept == nullptr ? "" : accept);
     return send_shared(request, bodies_[static_cast<size_t>(format)], content_type(format), [&] {
         figures_.events = events_.next() - 1;
-        return render_metrics(model_, figures_, format, request.now.steady);
+        return render_metrics(model_, details_, settings_.lanes, figures_, format,
+                              request.now.steady);
     });
 }
 
@@ -527,6 +542,30 @@ MHD_Result http_server::send_file(const http_request &request, std::string_view 
     return send(request, MHD_HTTP_OK, with_common_headers(response));
 }
 
+/* The N of /api/ports/N. */
+static std::optional<uint32_t> port_of_path(std::string_view path)
+{
+    constexpr std::string_view folder = "/api/ports/";
+    if (!path.starts_with(folder))
+        return std::nullopt;
+    const std::string_view digits = path.substr(folder.size());
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (error != std::errc{} || end != digits.data() + digits.size())
+        return std::nullopt;
+    return number;
+}
+
+MHD_Result http_server::send_port(const http_request &request, uint32_t port_no)
+{
+    const auto known = model_.ports().find(port_no);
+    if (known == model_.ports().end())
+        return send_text(request, MHD_HTTP_NOT_FOUND, port_fault(MHD_HTTP_NOT_FOUND));
+    const dolm_ric_details_record *record = details_.find(port_no);
+    return send_json(request,
+                     port_json(model_, known->second, record, details_.result(), request.now));
+}
+
 MHD_Result http_server::answer(const http_request &request, const char *method,
                                std::string_view path)
 {
@@ -555,11 +594,14 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
                          "the Host header names another host; --host NAME accepts it");
     const auto *found = std::ranges::find(routes, path, &route::path);
     const bool is_route = found != std::end(routes);
+    const auto port_no = is_route ? std::nullopt : port_of_path(path);
     const place kind = is_route ? found->kind : place::page;
     if (kind == place::stream && connections_.taken(kind) >= places[static_cast<size_t>(kind)])
         end_gone_readers(); /* frees the places of readers that are gone */
     if (!connections_.take_place(request.from, kind, request.now.steady))
         return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "all places are taken");
+    if (port_no)
+        return send_port(request, *port_no);
     return is_route ? (this->*found->handle)(request) : send_file(request, path);
 }
 

@@ -10,6 +10,7 @@
 #include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/metrics.h"
 #include "tesk_exporter/options.h"
+#include "tesk_exporter/port_details.h"
 #include "tesk_exporter/web_files.h"
 
 #include <map>
@@ -95,6 +96,7 @@ class http_server
                            make_type make);
     MHD_Result send_metrics(const http_request &request);
     MHD_Result send_ports(const http_request &request);
+    MHD_Result send_port(const http_request &request, uint32_t port_no);
     MHD_Result send_plot(const http_request &request);
     MHD_Result send_events(const http_request &request);
     MHD_Result send_history(const http_request &request);
@@ -118,6 +120,7 @@ class http_server
     const event_ring &events_;
     exporter_figures &figures_;
     const web_files files_;
+    port_details details_;
     connection_table connections_;
     history_keeper *history_ = nullptr;
     std::map<MHD_Connection *, waiting_request> waiting_;

@@ -4,6 +4,7 @@
  */
 #include "tesk_exporter/metrics.h"
 
+#include "tesk_exporter/details_metrics.h"
 #include "tools/common/units.h"
 
 #include <cmath>
@@ -360,8 +361,8 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
               static_cast<double>(figures.lost_history_records));
 }
 
-std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
-                           steady_time now)
+std::string render_metrics(const model &board, port_details &details, bool has_lanes,
+                           const exporter_figures &figures, text_format format, steady_time now)
 {
     metrics_writer writer(format);
     /* About the final size, as growing would copy megabytes. */
@@ -375,6 +376,7 @@ std::string render_metrics(const model &board, const exporter_figures &figures, 
             row.write({writer, now, board.values_of(port, now)}, port);
     }
     write_forecasts(writer, board, figures);
+    write_details(writer, board, details, has_lanes);
     write_exporter(writer, figures);
     write_process(writer, figures);
     return writer.finish();

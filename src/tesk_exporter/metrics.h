@@ -6,6 +6,7 @@
 #include "tesk_exporter/metrics_text.h"
 #include "tesk_exporter/model.h"
 #include "tesk_exporter/outlooks.h"
+#include "tesk_exporter/port_details.h"
 
 #include <map>
 
@@ -28,8 +29,8 @@ struct exporter_figures {
     std::chrono::milliseconds interval{15000};
 };
 
-/* The whole text of /metrics at the time `now`. */
-std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
-                           steady_time now);
+/* The whole text of /metrics at the time `now`, with the series of lanes where they are wanted. */
+std::string render_metrics(const model &board, port_details &details, bool has_lanes,
+                           const exporter_figures &figures, text_format format, steady_time now);
 
 } // namespace exporter

@@ -75,6 +75,7 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
     std::vector<std::string> ports;
     double interval = 15;
     bool no_refresh = false;
+    bool no_lanes = false;
     std::string clients;
     app.set_version_flag("--version", "tesk-exporter " TESK_VERSION);
     app.add_option("--listen", read.listen, "Serve at ADDRESS:PORT or unix:PATH")
@@ -88,6 +89,7 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
     app.add_flag("--no-refresh", no_refresh, "Take grades from indications only");
+    app.add_flag("--no-lanes", no_lanes, "Leave the series of single lanes out of the metrics");
     app.add_flag("--journal", read.journal, "Write each change to the journal");
     app.add_option("--web", read.web, "Serve the page from this folder")->capture_default_str();
     app.add_option("--print-drop-in", clients,
@@ -115,6 +117,7 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         return print_drop_in(read.listen, clients);
     read.interval = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
     read.refresh = !no_refresh;
+    read.lanes = !no_lanes;
     read.history_limit = history_mib << 20;
     return std::nullopt;
 }

@@ -17,6 +17,7 @@ struct settings {
     std::optional<std::vector<uint32_t>> ports; /* nothing: by the port map, or those that answer */
     std::chrono::milliseconds interval{15000};
     bool refresh = true;
+    bool lanes = true; /* series of lanes in the metrics */
     bool journal = false;
     std::string web = TESK_WEB_DIR;
     std::string history;               /* the folder; empty: none is kept */

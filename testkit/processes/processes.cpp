@@ -12,8 +12,8 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <poll.h>
-#include <set>
 #include <stdexcept>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
@@ -159,14 +159,14 @@ size_t idle_descriptors_of(pid_t server)
     const auto until = std::chrono::steady_clock::now() + deadline;
     std::error_code gone;
     const auto is_prepared =
-        [&] { /* the file of the next connection is open twice */
-              std::set<ino_t> seen;
+        [&] { /* the file of the next connection is open three times */
+              std::map<ino_t, int> seen;
               for (const auto &entry : std::filesystem::directory_iterator(folder, gone)) {
                   struct stat file;
                   if (std::filesystem::read_symlink(entry, gone)
                           .string()
                           .starts_with("/memfd:mbx") &&
-                      stat(entry.path().c_str(), &file) == 0 && !seen.insert(file.st_ino).second)
+                      stat(entry.path().c_str(), &file) == 0 && ++seen[file.st_ino] == 3)
                       return true;
               }
               return false;

@@ -2,8 +2,7 @@
 /* refuse CALL ERRNO PROGRAM [ARGUMENT..] - runs a program whose system call of that name fails with
    that errno, as under the filter of a sandbox or on a kernel that lacks the call; refuse --list
    writes the names. They are all that the project's programs make, but for those without which no
-   program of C runs or writes a line, and those that carry every byte between processes (accept4,
-   epoll_wait, recvfrom, recvmsg, sendmsg). */
+   program of C runs or writes a line. */
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -24,17 +23,17 @@ struct call {
 /* clang-format off */
 #define CALL(name) {#name, SYS_##name}
 static constexpr call calls[] = {
-    CALL(bind), CALL(clone3), CALL(connect), CALL(epoll_create1), CALL(epoll_ctl),
+    CALL(accept4), CALL(bind), CALL(clone3), CALL(connect), CALL(epoll_create1), CALL(epoll_ctl),
     CALL(eventfd2), CALL(fchmod), CALL(fchmodat), CALL(fchown), CALL(fcntl), CALL(flock),
     CALL(fsync), CALL(ftruncate), CALL(getdents64), CALL(getrandom), CALL(getsockname),
     CALL(getsockopt), CALL(io_uring_setup), CALL(io_uring_enter), CALL(ioctl), CALL(listen),
     CALL(lseek), CALL(madvise), CALL(memfd_create), CALL(mkdirat), CALL(newfstatat),
-    CALL(pidfd_open), CALL(prctl), CALL(preadv2), CALL(prlimit64),
+    CALL(pidfd_open), CALL(prctl), CALL(preadv2), CALL(prlimit64), CALL(recvfrom), CALL(recvmsg),
     CALL(renameat2), CALL(rseq), CALL(sched_setscheduler), CALL(seccomp),
-    CALL(sendto), CALL(setsockopt), CALL(shutdown), CALL(signalfd4), CALL(socket),
+    CALL(sendmsg), CALL(sendto), CALL(setsockopt), CALL(shutdown), CALL(signalfd4), CALL(socket),
     CALL(timerfd_create), CALL(timerfd_settime), CALL(unlinkat),
 #ifdef SYS_poll /* older calls, which newer processors lack */
-    CALL(chmod), CALL(mkdir), CALL(poll), CALL(rename), CALL(unlink),
+    CALL(chmod), CALL(epoll_wait), CALL(mkdir), CALL(poll), CALL(rename), CALL(unlink),
 #endif
 };
 /* clang-format on */

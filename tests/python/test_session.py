@@ -84,6 +84,7 @@ def test_watches_share_a_subscription_and_the_last_one_ends_it(server):
         server.await_unsubscribed("0")
         actions = [record.action for record in session.history(tesk.HistoryKind.ACTIONS)]
         assert actions.count(tesk.Action.STATUS_SUBSCRIBE) == 2
+        assert session.watch(status=[13]).next(PATIENCE).sfp_type is None  # an empty cage
 
 
 def test_the_deadline_holds_whatever_the_server_does(server):

@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 /* docs/security.md adds up what these allow. */
-static constexpr size_t usual_connections = 2048;
+static constexpr size_t usual_connections = 2304;
 static constexpr size_t usual_held_mib = 48;
 /* Of an old kernel or a sandbox that does not tell the limit. */
 static constexpr rlim_t usual_descriptors = 1024;
@@ -60,22 +60,28 @@ void report_limits()
             held_at_most >> 20);
 }
 
-/* How many more connections the user may take. */
+/* A user may have as many while there are any at all. Twice as many are kept for that. */
+static size_t few_connections()
+{
+    return connections_at_most() / 18;
+}
+
+/* How many more connections a user with more than a few may take. */
 static size_t room_of(const account &user, bool is_trusted)
 {
-    const size_t most = connections_at_most();
+    const size_t most = connections_at_most() - 2 * few_connections();
     const size_t left = most - std::min(most, total.connections);
     if (is_trusted)
         return left - std::min(left, most / 5);
     return (left - std::min(left, user.connections)) / 2;
 }
 
-/* A user with few connections may have all of them in one process. */
 static bool has_place(const account &user, const account &process, const peer_identity &peer)
 {
+    if (user.connections < few_connections())
+        return total.connections < connections_at_most();
     const size_t room = room_of(user, peer.user == 0 || peer.user == geteuid());
-    const bool has_few = user.connections < connections_at_most() / 10;
-    return room > 0 && (has_few || peer.process <= 0 || process.connections < room);
+    return room > 0 && (peer.process <= 0 || process.connections < room);
 }
 
 /* Without its accounts where those are empty. */

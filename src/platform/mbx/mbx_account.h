@@ -9,8 +9,9 @@
    beyond the first one; the first page and the records of the connection come with its number.
 
    Connections cannot be taken back, so nobody may hold more than half of what is left: of the total
-   for a user, of what the user may still take for a process, unless the user has less than a tenth
-   of the total. Root and our own user, who could end this process anyway, leave a fifth to others.
+   for a user, of what the user may still take for a process. Root and our own user, who could end
+   this process anyway, leave a fifth to others. A user may always have a few, an eighteenth of all,
+   in any processes, and twice as many are kept for users who have fewer.
    Processes outside our pid namespace can't be told apart and share what their user has.
 
    Bytes can be taken back. When there are too many, connections end: of the user that holds most

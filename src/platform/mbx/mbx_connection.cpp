@@ -32,6 +32,13 @@ static void count_held(connection &c)
     c.area->count(HELD_SENT, c.held());
 }
 
+/* A receiver that reports room has not read for that reason. */
+static void note_read(connection &c, bool is_first)
+{
+    if (c.ring.was_read() || is_first)
+        c.read = std::chrono::steady_clock::now();
+}
+
 void set_up(connection &c, connection_parts &&parts)
 {
     c.ring = record_sender(parts.area->ring(1 - parts.side));
@@ -78,8 +85,7 @@ bool deliver(connection &c, const block *b, fan_out &run)
         return false;
     if (!is_sent || c.ring.touched() > 0) {
         count_held(c);
-        if (is_first)
-            c.read = std::chrono::steady_clock::now();
+        note_read(c, is_first);
     }
     if (is_sent)
         return true;
@@ -103,7 +109,7 @@ flushing flush(connection &c)
         budget -= std::min<size_t>(budget, size + 8);
     }
     count_held(c);
-    c.read = std::chrono::steady_clock::now();
+    note_read(c, false);
     c.awaits_room = !c.waiting.is_empty();
     if (!c.awaits_room)
         return flushing::done;
@@ -114,6 +120,7 @@ bool trim(connection &c)
 {
     c.ring.trim();
     count_held(c);
+    note_read(c, false);
     return c.ring.touched() > 0;
 }
 

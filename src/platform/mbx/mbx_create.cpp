@@ -71,7 +71,7 @@ uint32_t create_mailbox(const char *name)
         return MBX_NO_MAILBOX;
     }
     m->token = make_token();
-    if (m->token == mailbox_token{} || (is_named && !can_make_memory())) {
+    if (m->token == mailbox_token{} || !can_carry(is_named) || (is_named && !can_make_memory())) {
         const errno_keeper keeper;
         m->in.close();
         return MBX_NO_MAILBOX;

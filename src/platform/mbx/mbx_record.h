@@ -17,6 +17,7 @@
 #include "platform/mbx/mbx_block.h"
 
 #include <bit>
+#include <utility>
 
 class record_sender
 {
@@ -44,6 +45,12 @@ class record_sender
     {
         return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
     }
+    /* Whether the receiver has taken something since this was asked the last time. */
+    bool was_read()
+    {
+        const uint32_t before = std::exchange(read_, end_.taken());
+        return before != read_;
+    }
     /* Gives the pages of the rest back in which the receiver has nothing to take. */
     void trim();
     /* At the end, where the receiver is gone: gives all of them back. */
@@ -62,6 +69,7 @@ class record_sender
     mapped_ring ring_;
     ring_sender<process_atomics> end_;
     uint64_t touched_ = 0; /* the pages of the rest, one bit each */
+    uint32_t read_ = 0;
 };
 
 class record_receiver

@@ -3,6 +3,9 @@
    never closes any inside the call. */
 #include "platform/mbx/mbx_socket.h"
 
+#include "util/calls.h"
+
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -167,6 +170,21 @@ control_event receive_wake(int control, std::vector<owned_fd> &fds)
     if (length == 1 && what == wake::bell)
         return control_event::bell;
     return control_event::end;
+}
+
+bool can_carry(bool is_named)
+{
+    const char *call = util::refused_call(is_named);
+    if (!call)
+        return true;
+    const errno_keeper keeper;
+    static std::atomic<bool> said;
+    if (!said.exchange(true))
+        fprintf(stderr,
+                "libmbx: the system refuses %s (%s), without which no signal is carried: allow "
+                "that call\n",
+                call, strerror(errno));
+    return false;
 }
 
 void prepare_control(int control)

@@ -66,6 +66,11 @@ enum class control_event { nothing, room, bell, end, passed };
 /* Reads one message. `passed`: it carried descriptors, which are in `fds` now. */
 control_event receive_wake(int control, std::vector<owned_fd> &fds);
 
+/* Whether the system lets this process make the calls without which no signal is carried, and, to
+   be located, no connection accepted. False with errno; the first time
+   it says so on standard error. */
+bool can_carry(bool is_named);
+
 /* For a fresh control connection, or a listener, which passes it on to those that it accepts: what
    receive_greeting and receive_wake need. */
 void prepare_control(int control);

@@ -24,6 +24,14 @@ struct ports_options {
 };
 exit_code run_ports(const settings &common, const ports_options &options);
 
+struct module_options {
+    ports_text ports;
+    bool is_watching = false; /* shows a port again when its record has changed */
+    double seconds = 0;       /* while watching; 0: no limit */
+};
+/* Needs the details that the board publishes, and no server's answer. */
+exit_code run_module(const settings &common, const module_options &options);
+
 /* `kind` is "status", "sfp", "actions", or "" for all of them by time. */
 exit_code run_history(const settings &common, const std::string &kind);
 
@@ -49,6 +57,22 @@ struct top_options {
     double seconds = 0;  /* 0: no limit */
 };
 exit_code run_top(const settings &common, const top_options &options);
+
+/* The commands below ask tesk-exporter for its history. exit_code::no_server where it doesn't
+   answer, exit_code::rejected where it keeps none. */
+struct exporter_options {
+    std::string address = "127.0.0.1:9816"; /* or unix:PATH, or with http:// before it */
+};
+exit_code run_modules(const settings &common, const exporter_options &options);
+exit_code run_forecast(const settings &common, const exporter_options &options);
+
+struct trend_options {
+    exporter_options exporter;
+    std::string port; /* number or name */
+    double days = 14;
+    bool csv = false;
+};
+exit_code run_trend(const settings &common, const trend_options &options);
 
 /* `prometheus` is the ADDRESS:PORT of one that reads the exporter.
    exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is

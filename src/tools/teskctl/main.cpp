@@ -55,6 +55,7 @@ class command_line
             ->check(CLI::Range(0.0, 1e6).description(""));
         add_reading_commands();
         add_following_commands();
+        add_exporter_commands();
     }
 
     exit_code run(int argc, char **argv)
@@ -119,6 +120,15 @@ class command_line
             [this] { return run_history(common_, history_); })
             ->add_option("KIND", history_, "status, sfp or actions; all of them without it")
             ->check(CLI::IsMember({"status", "sfp", "actions"}));
+        CLI::App *module = add("module", "Show modules whole: lanes, limits, flags, costs", [this] {
+            check_ports(module_.ports);
+            return run_module(common_, module_);
+        });
+        add_ports(module, "PORTS", module_.ports, "Which ports")->required();
+        CLI::Option *watching = module->add_flag("--watch", module_.is_watching,
+                                                 "Show a port again when it has changed");
+        add_seconds(module, "--for", module_.seconds, "With --watch: end after so long")
+            ->needs(watching);
         add_port_command("pm", "Read the measured values of ports", run_pm);
         CLI::App *ports =
             add("ports", "List the ports with module, values and interface name", [this] {
@@ -134,6 +144,30 @@ class command_line
         ports->add_flag("--names", listed_.names_only, "Write the interface names only");
         add_port_command("sfp", "Show the modules in ports", run_sfp);
         add_port_command("status", "Show link and grades of ports", run_status);
+    }
+
+    void add_exporter(CLI::App *command)
+    {
+        command->add_option("--exporter", trend_.exporter.address, "Ask the tesk-exporter there")
+            ->type_name("ADDRESS:PORT")
+            ->capture_default_str();
+    }
+
+    void add_exporter_commands()
+    {
+        add_exporter(add("forecast", "List what will fail, and when, soonest first",
+                         [this] { return run_forecast(common_, trend_.exporter); }));
+        add_exporter(add("modules", "List all modules that were ever seen, and where",
+                         [this] { return run_modules(common_, trend_.exporter); }));
+        CLI::App *trend = add("trend", "Plot the readings of a port over days or years",
+                              [this] { return run_trend(common_, trend_); });
+        add_exporter(trend);
+        trend->add_option("PORT", trend_.port, "Number or interface name")->required();
+        trend->add_option("--days", trend_.days, "Go back so far")
+            ->type_name("N")
+            ->check(CLI::Range(0.05, 731.0).description(""))
+            ->capture_default_str();
+        trend->add_flag("--csv", trend_.csv, "Write comma-separated values");
     }
 
     void add_following_commands()
@@ -192,9 +226,11 @@ class command_line
     std::string history_;
     std::string prometheus_ = "127.0.0.1:9090";
     ports_options listed_;
+    module_options module_;
     ping_options ping_;
     watch_options watch_;
     top_options top_;
+    trend_options trend_;
 };
 
 } // namespace

@@ -71,6 +71,8 @@ struct lane_fields {
    are read as a whole for theirs. Page 11h begins with the states of the data paths and ends with
    the applications that they have. */
 static constexpr memory_range state_range = {identity_address, 0, 0, 0, 18};
+/* The version of the active firmware, and the cause of a fault. */
+static constexpr memory_range firmware_range = {identity_address, 0, 0, 38, 4};
 static constexpr memory_range applications_range = {identity_address, 0, 0, 84, 34};
 static constexpr memory_range identity_range = {identity_address, 0, 0, 128, 95};
 static constexpr memory_range serial_range = {identity_address, 0, 0, 166, 24};
@@ -189,6 +191,7 @@ static constexpr plan_row cmis_plan[] = {
     {{lanes_range(3), reading_time::diagnostics, true}, is_bank_wanted<3>},
     {{off_range(0), reading_time::diagnostics, true}, is_bank_wanted<0>},
     {{off_range(1), reading_time::diagnostics, true}, is_bank_wanted<1>},
+    {{firmware_range, reading_time::once, true}, is_more_wanted},
 };
 
 /* The fastest of the applications; four bytes each, the host interface first, up to one of 0xff. */

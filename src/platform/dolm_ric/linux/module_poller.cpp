@@ -312,6 +312,9 @@ void module_poller::take_results(std::vector<task> &tasks, duration cost)
     for (task &done : tasks) {
         polled &port = *done.port;
         const bool was_known = port.was_looked_at;
+        const auto made = static_cast<int64_t>(done.pieces.size());
+        listener_.module_cost(
+            port.number, {done.pieces, cost / pieces * made, done.kind == task_kind::diagnostics});
         take_result(done);
         const bool fails = port.failures >= failures_when_broken ||
                            (port.failures > 0 && port.where == stage::empty);

@@ -4,6 +4,9 @@
    module. So a board of 65,535 equal ports stays small even after a change to all of them. */
 #include "platform/dolm_ric/simulator/simulated_ports.h"
 
+#include "platform/dolm_ric/details_record.h"
+#include "platform/dolm_ric/simulator/simulated_details.h"
+
 #include <cstddef>
 #include <map>
 #include <utility>
@@ -105,6 +108,32 @@ void simulated_ports::report(uint32_t port, void (port_events::*changed)(const r
     (events_.*changed)(now);
 }
 
+void simulated_ports::describe(uint32_t port)
+{
+    if (!has_details_ || port >= ports_with_details)
+        return;
+    const port_slot &slot = slots_[port];
+    details_.update(port, [&slot, port](dolm_ric_details_record &record) {
+        const std::string name = "port" + std::to_string(port);
+        set_text(record.link.interface, sizeof(record.link.interface), name.c_str(), name.size());
+        describe_port(slot.values, *slot.module, details_time(), record);
+    });
+}
+
+void simulated_ports::start_details(const std::string &path)
+{
+    has_details_ = true;
+    for (uint32_t port = 0; port < count(); port++)
+        describe(port);
+    details_.start(path);
+}
+
+void simulated_ports::stop_details() noexcept
+{
+    has_details_ = false;
+    details_.stop();
+}
+
 /* One report per port and kind, however many values a command changes. */
 template <typename edit>
 void simulated_ports::change(const port_list &list, forced_reports forced, edit &&apply)
@@ -114,6 +143,7 @@ void simulated_ports::change(const port_list &list, forced_reports forced, edit 
         for (uint32_t port = range.first; port <= range.last; port++) {
             const port_values before = slots_[port].values;
             apply(slots_[port]);
+            describe(port);
             const port_values &now = slots_[port].values;
             if (forced.port || now.status != before.status)
                 report(port, &port_events::port_changed);

@@ -1,0 +1,34 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The system calls that carry bytes between processes: a program whose sandbox refuses one of them
+   would go on and serve nobody. Each is tried on a descriptor that there can't be, as a sandbox
+   refuses it before the kernel finds that. No state. Any thread. */
+#pragma once
+
+#include <cerrno>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+namespace util
+{
+
+inline bool is_refused(long result)
+{
+    return result == -1 && errno != EBADF;
+}
+
+/* The name of one that the system refuses, with errno; null if it refuses none. accept4 only for
+   those who accept. */
+inline const char *refused_call(bool accepts)
+{
+    epoll_event event;
+    msghdr message{};
+    if (is_refused(epoll_wait(-1, &event, 1, 0)))
+        return "epoll_wait";
+    if (is_refused(recvmsg(-1, &message, 0)))
+        return "recvmsg";
+    if (is_refused(sendmsg(-1, &message, 0)))
+        return "sendmsg";
+    return accepts && is_refused(accept4(-1, nullptr, nullptr, 0)) ? "accept4" : nullptr;
+}
+
+} // namespace util
