@@ -145,7 +145,8 @@ static uint32_t port_number(const exporter_options &options, const std::string &
 {
     if (!port.empty() && port.size() < 10 && port.find_first_not_of("0123456789") == port.npos)
         return static_cast<uint32_t>(std::stoul(port));
-    for (const json_object &each : ask(options, "/api/ports")["ports"])
+    const json_object ports = ask(options, "/api/ports")["ports"];
+    for (const json_object &each : ports)
         if (text_in(each, "interface") == escape(port))
             return each.value("port", 0U);
     throw tool_error(exit_code::usage,

@@ -39,9 +39,9 @@ static std::vector<double> means(const std::vector<std::pair<int64_t, double>> &
 /* How the line shows a column that fills `eighths` of it. */
 static const char *block(int eighths, bool is_fine)
 {
-    static constexpr const char *fine[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    static constexpr const char *coarse[] = {" ", ".", ".", ".", ":", ":", ":", "#", "#"};
-    return (is_fine ? fine : coarse)[std::clamp(eighths, 0, 8)];
+    static constexpr const char *blocks[][9] = {{" ", ".", ".", ".", ":", ":", ":", "#", "#"},
+                                                {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"}};
+    return blocks[is_fine ? 1 : 0][std::clamp(eighths, 0, 8)];
 }
 
 std::string draw_trend(const std::vector<std::pair<int64_t, double>> &points, int64_t first,
