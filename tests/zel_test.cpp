@@ -88,7 +88,7 @@ TEST_F(zel, the_settings_decide_the_mask_of_every_thread_and_whether_lttng_is_lo
         {{{"ZEL_SINK", "stdout"}, {"ZEL_GROUPS", "1,4,12"}}, "^1012 0 1012 0$"},
         {{{"ZEL_SINK", "stderr"}, {"ZEL_GROUPS", "1,32"}}, "^libzel: ZEL_GROUPS=1,32: .*\n12 0 12"},
         {{{"ZEL_SINK", "no\nne"}}, "^libzel: ZEL_SINK=no\\\\nne: .*\n0 0 0 0"},
-        {{{"ZEL_SINK", "file:/nowhere/x"}}, "^libzel: ZEL_SINK=file:/nowhere/x: .*\n0 0 0 0"},
+        {{{"ZEL_SINK", "file:/nowhere/x"}}, "^libzel: ZEL_SINK=file:/nowhere/x: No such file.*\n0 0 0 0"},
         {{{"ZEL_RATE", "-1"}, {"ZEL_SINK", "stdout"}}, "^libzel: ZEL_RATE=-1: .*\n12 0 12 0$"},
         {{{"ZEL_FILE_SIZE", "9k"}, {"ZEL_SINK", "file:/dev/null"}},
          "^libzel: ZEL_FILE_SIZE=9k: .*\n12"},

@@ -75,6 +75,8 @@ zel_output zel_open_file(const char *path)
     int opened = open(path, open_flags | O_WRONLY | O_CREAT, 0640);
     if (opened >= 0 ? file_type(opened) == S_IFIFO : errno == ENXIO)
         opened = open_fifo(path, opened);
+    if (opened < 0)
+        return {}; /* with open's errno */
     return {.descriptor = opened, .capacity = capacity_of(opened, file_type(opened))};
 }
 

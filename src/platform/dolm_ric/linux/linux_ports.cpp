@@ -449,8 +449,11 @@ void linux_ports::look_at_config()
             set(*config);
             return report_ports();
         }
-        fprintf(stderr, "libdolm_ric: %s %s: the ports stay as they are\n", path.c_str(),
-                config ? "lists no port" : "is gone");
+        fprintf(
+            stderr,
+            "libdolm_ric: %s %s: the ports stay as they are; mend it or restart tesk-server, as "
+            "a tesk-module-reader that starts now can't serve them\n",
+            path.c_str(), config ? "lists no port" : "is gone");
     } catch (const board::board_error &error) {
         fprintf(stderr, "libdolm_ric: %s: the ports stay as they are\n", error.what());
     }
