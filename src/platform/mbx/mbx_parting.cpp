@@ -104,11 +104,10 @@ static void take_ends()
         }
 }
 
-static bool is_kept_by_peer(const parted &p)
+static bool is_gone(const parted &p)
 {
-    take_ends();
-    return p.is_watched && p.place && p.place->watch != -1 &&
-           std::find(gone->begin(), gone->end(), p.place->watch) == gone->end();
+    return !p.is_watched || !p.place || p.place->watch == -1 ||
+           std::find(gone->begin(), gone->end(), p.place->watch) != gone->end();
 }
 
 /* Of one that has ended at the peer. Its pages go as soon as they may. */
@@ -117,7 +116,9 @@ static bool is_over(parted &p, time_point now)
     if (p.area && !p.area->is_read() && now - p.hung_up <= time_to_read)
         return false;
     p.area.reset();
-    return !has_unread(p.control.get()) && !is_kept_by_peer(p);
+    if (!is_gone(p))
+        take_ends();
+    return is_gone(p) && !has_unread(p.control.get());
 }
 
 /* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
@@ -197,7 +198,7 @@ static void handle_ends(uint32_t, uint32_t)
         const std::lock_guard hold(parting_lock);
         take_ends();
     }
-    let_go_if([now](parted &p) { return has_ended(p) && is_over(p, now); });
+    let_go_if([now](parted &p) { return has_ended(p) && is_gone(p) && is_over(p, now); });
 }
 
 /* With the lock held. */
