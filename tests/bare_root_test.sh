@@ -26,11 +26,10 @@ export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 
 # Runs the command in the clone, and says how long it took. A root of chroot's can't make user namespaces.
 in_root() { # COMMAND..
-    local start=$SECONDS
-    in_empty_environment chroot "$root" setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin \
+    local TIMEFORMAT="${0##*/}: $*: %R s; of CPU %U s and %S s"
+    time in_empty_environment timeout 1500 chroot "$root" setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin \
         sh -c 'cd /tree && exec "$@"' sh "$@" >"build/bare-root.log" 2>&1 </dev/null ||
         { tail -n 40 build/bare-root.log >&2 && fail "$* failed on a bare Debian: see build/bare-root.log"; }
-    say "$*: $((SECONDS - start)) s"
 }
 
 in_root ./run

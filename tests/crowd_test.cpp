@@ -579,8 +579,11 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_missing_ends_the_start)
         testkit::await_line(output, "libmbx: cannot make the mailbox tesk-server in ", seen);
         testkit::await_line(output, "Unable to create TESK-server mailbox!", seen);
     };
-    setenv("MBX_DIR", (directory.path + "/none/mbx").c_str(), 1);
-    expect_refusal();
+    fs::create_symlink("loop", directory.path + "/loop");
+    for (const char *wrong : {"/none/mbx", "/loop"}) {
+        setenv("MBX_DIR", (directory.path + wrong).c_str(), 1);
+        expect_refusal();
+    }
 
     setenv("MBX_DIR", names.c_str(), 1);
     testkit::server server;

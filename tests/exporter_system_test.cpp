@@ -113,6 +113,14 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
     await("/metrics", "tesk_port_module_present{port=\"0\",interface=\"eth0\"} 0\n");
     await("/api/events?port=0", "\"change\":\"removed\"}");
     await("/api/plot?port=1&range=day", "]]");
+    expect_parts(
+        get("/metrics"),
+        {"tesk_port_lane_receive_power_dbm{port=\"1\",interface=\"eth1\",lane=\"0\"} -3.77\n",
+         "tesk_port_receive_power_limit_dbm{port=\"1\",interface=\"eth1\",limit=\"low_alarm\"} "
+         "-15.23\n",
+         "tesk_port_admin_up{port=\"1\",interface=\"eth1\"} 1\n"});
+    expect_parts(get("/api/ports/1"), {"\"reading_age_s\":", "\"lane_limits\":"});
+    expect_parts(get("/api/ports/2"), {"404"});
     expect_parts(get("/metrics", "Accept: application/openmetrics-text\r\n"), {"\n# EOF\n"});
     /* A port leaves the map. */
     std::ofstream(map_path + ".new") << "# tesk-ports 1\n0\teth0\n";

@@ -101,6 +101,7 @@ static tesk_client_pm values_of(uint32_t port, uint32_t rx_power, int32_t temper
 struct exporter_board : testing::Test {
     event_ring events{4, "e"};
     model board{events};
+    port_details details;
     moment now{steady_time{} + seconds(1'000'000), 1'700'000'000'000'000};
 
     void apply(const fact &reported)
@@ -126,7 +127,7 @@ struct exporter_board : testing::Test {
     }
     std::string metrics(text_format format = text_format::prometheus)
     {
-        return render_metrics(board, {}, format, now.steady);
+        return render_metrics(board, details, true, {}, format, now.steady);
     }
     /* The changes since `number`, "PORT CHANGE". */
     std::string changes(uint64_t number)

@@ -204,13 +204,25 @@ TEST_F(linux_modules_test, an_error_in_an_empty_cage_is_no_broken_port)
             EXPECT_EQ("nr0001", news_in(milliseconds(2500))) << error;
             pass(seconds(10));
             for (const auto &[time, told] : {std::pair(1500, ""), {4500, ""}, {6500, "a"}}) {
-                modules.ports[0].error = error == EOPNOTSUPP ? EIO : error;
+                modules.ports[0].error = error == EOPNOTSUPP || error == EBUSY ? EIO : error;
                 EXPECT_EQ(told, news_in(milliseconds(time))) << error;
                 modules.ports[0].error = 0;
                 EXPECT_EQ(*told ? "nr0001" : "",
                           news_in(logs_failures ? seconds(11) : seconds(2)).substr(0, 6));
             }
         }
+}
+
+TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alone)
+{
+    begin_with(module_with_serial("0001"));
+    modules.ports[0].error = EBUSY;
+    modules.ports[0].readings = 0;
+    EXPECT_EQ("", news_in(seconds(12)));
+    EXPECT_EQ("n", news_in(seconds(600)));
+    EXPECT_LE(modules.ports[0].readings, 612u / 2 + 5);
+    modules.ports[0].error = 0;
+    EXPECT_EQ("r0001", news_in(seconds(3)));
 }
 
 TEST_F(linux_modules_test, drivers_that_log_each_failure_are_known)

@@ -450,12 +450,13 @@ TEST(plan, reads_what_the_module_has_and_nothing_else)
     plain.a0[92] = 0, put_sum(plain.a0, 64, 95);
     garbled.a0[20] ^= 1;
     flat.a0[2] = 4;
-    const std::pair<image, size_t> sizes[] = {{garbled, 1 + 96},
-                                              {plain, 1 + 96 + 28},
-                                              {sfp(), 1 + 96 + 28 + 118},
-                                              {flat, 1 + 96 + 28 + 1 + 58 + 1},
-                                              {qsfp(), 1 + 96 + 28 + 1 + 58 + 1 + 72},
-                                              {cmis(), 1 + 95 + 24 + 34 + 18 + 2 * 128 + 2 * 87}};
+    const std::pair<image, size_t> sizes[] = {
+        {garbled, 1 + 96},
+        {plain, 1 + 96 + 28},
+        {sfp(), 1 + 96 + 28 + 118},
+        {flat, 1 + 96 + 28 + 1 + 58 + 1},
+        {qsfp(), 1 + 96 + 28 + 1 + 58 + 1 + 72},
+        {cmis(), 1 + 95 + 24 + 34 + 18 + 2 * 128 + 2 * 87 + 4}};
     for (const auto &[module, expected] : sizes) {
         size_t size = 0;
         for (const reading_step &step : reading_plan(module.read()))

@@ -245,6 +245,7 @@ struct teskctl_system : testing::Test {
     teskctl_system()
     {
         setenv("DOLM_RIC_PORT_MAP", (directory.path + "/none/ports").c_str(), 1);
+        setenv("DOLM_RIC_DETAILS", (directory.path + "/details").c_str(), 1);
     }
 
     testkit::directory directory;
@@ -349,6 +350,8 @@ TEST_F(teskctl_system, every_command_writes_objects_with_the_documented_keys)
         {"ports --status 0", "time event port name module tx_power_mw tx_power_dbm rx_power_mw "
                              "rx_power_dbm temperature_c voltage_v tx_bias_ma loss_of_signal "
                              "loss_of_frame bit_errors link speed_gbps worst_level"},
+        {"module 0", "time event port presence reason inserted_age_s doubts link identity module "
+                     "rx_power_kind lane_limits lanes_state lanes vdm_state vdm vdm_left_out cost"},
         {"doctor", "check state text remedy"},
         {"top 0 --for 0.3", "time event port module speed_gbps vendor part revision serial "
                             "date_code product product_ext"},
@@ -361,6 +364,30 @@ TEST_F(teskctl_system, every_command_writes_objects_with_the_documented_keys)
             keys += (keys.empty() ? "" : " ") + item.key();
         EXPECT_EQ(keys, expected) << output;
     }
+}
+
+TEST_F(teskctl_system, module_shows_what_is_there_and_says_why_the_rest_is_missing)
+{
+    setenv("LC_ALL", "C", 1);
+    EXPECT_EQ(run("module 0"), 3) << output;
+    server.emplace();
+    EXPECT_EQ(run("module 0,99"), 1) << output;
+    run("module 0-2,8,12; " TESK_BIN_DIR "/teskboard set 0 rxpower=-20dBm");
+    for (const char *part :
+         {"port 0  port0  ready", "part EX-10G-LR", "rx power     -3.77 dBm  -15.23",
+          "lanes     not supported", "port 12  port12  not ready", "no answer"})
+        EXPECT_NE(output.find(part), std::string::npos) << part << " in " << output;
+    run("pm 1; " TESK_BIN_DIR
+        "/teskboard set 1 rx-power.3=-16dBm rx-los.2=yes snr.0=18.5dB pre-fec-ber.1=1e-6");
+    run("module 1");
+    for (const char *part : {"rx power 2   -3.77 dBm ", "rx power 3   -16.02 dBm", "low alarm 1x",
+                             "rx los on lane 2 now, 1x", "media  0     18.50", "1.00e-06"})
+        EXPECT_NE(output.find(part), std::string::npos) << part << " in " << output;
+    run("module 0 --watch --for 0.1");
+    EXPECT_NE(output.find("|<+"), std::string::npos) << "beyond its limit in " << output;
+    EXPECT_NE(output.find("low alarm"), std::string::npos) << output;
+    server.reset();
+    EXPECT_EQ(run("module 0"), 3) << "of a server that has ended: " << output;
 }
 
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)

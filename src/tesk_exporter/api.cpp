@@ -4,7 +4,9 @@
 #include "tesk_exporter/api.h"
 
 #include "tools/common/clock.h"
+#include "tools/common/details_json.h"
 #include "tools/common/json_records.h"
+#include "util/boot_clock.h"
 
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -76,6 +78,18 @@ std::string ports_json(const model &board, const event_ring &events,
         separator = ",";
     }
     return text + "]}\n";
+}
+
+std::string port_json(const model &board, const port_state &port,
+                      const dolm_ric_details_record *details, tesk_details_result result,
+                      const moment &now)
+{
+    json_object object = port_to_json(board, port, now.steady);
+    const int64_t since_boot = util::boot_time().time_since_epoch().count();
+    object["details"] = details != nullptr ? to_json(*details, since_boot) : json_object(nullptr);
+    object["details_trouble"] =
+        details != nullptr ? json_object(nullptr) : json_object(tesk_details_result_text(result));
+    return object.dump() + "\n";
 }
 
 static std::string stored_text(plotted value, int16_t stored)

@@ -23,6 +23,11 @@
          "last_change": "2026-.."}   null where nothing has changed since
       ]}
 
+   GET /api/ports/3
+     The port's object as above, and in it
+         "details": {..} or null,    teskctl module --json, without "time" and "event"
+         "details_trouble": ".."     or null: why there are none
+
    GET /api/plot?port=3&range=hour   and range=day
      {"port": 3, "range": "hour", "step_s": 15,
       "end": 1772370131,   the last point, in seconds since 1970
@@ -49,6 +54,7 @@
    Errors are text: 400 for a wrong argument, 404 for a port that isn't there. */
 #pragma once
 
+#include "tesk_client/tesk_details.h"
 #include "tesk_exporter/model.h"
 
 #include <optional>
@@ -60,6 +66,10 @@ namespace exporter
 /* The bodies of /api/ports, /api/plot and /api/events. */
 std::string ports_json(const model &board, const event_ring &events,
                        std::chrono::milliseconds interval, const moment &now);
+/* The body of /api/ports/N. `details` is null where there are none, for the reason in `result`. */
+std::string port_json(const model &board, const port_state &port,
+                      const dolm_ric_details_record *details, tesk_details_result result,
+                      const moment &now);
 std::string plot_json(const port_state &port, bool is_day, const moment &now);
 std::string events_json(const event_ring &events, uint32_t port_no);
 

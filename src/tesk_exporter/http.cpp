@@ -34,6 +34,7 @@ static constexpr size_t stream_block = 4096;
 static constexpr std::chrono::milliseconds shared_for{250};
 static constexpr std::chrono::seconds look_pause{5};
 static constexpr size_t most_bodies = 8;
+static constexpr std::chrono::seconds history_patience{10};
 
 /* The number of shared bodies that exist. The library releases the last of them inside its
    calls. */
@@ -105,6 +106,7 @@ http_server::~http_server()
     for (event_reader *reader : readers_)
         reader->is_gone = true;
     continue_streams();
+    take_answers(steady_time::max());
     MHD_run(daemon_);
     MHD_stop_daemon(daemon_);
     for (const shared_body &body : bodies_)
@@ -123,6 +125,8 @@ std::optional<steady_time> http_server::next_run() const
     MHD_UNSIGNED_LONG_LONG timeout = 0;
     if (MHD_get_timeout(daemon_, &timeout) == MHD_YES)
         return steady_clock::now() + std::chrono::milliseconds(timeout);
+    if (!waiting_.empty())
+        return steady_clock::now() + std::chrono::seconds(1);
     const bool has_bodies =
         std::ranges::any_of(bodies_, [](const auto &body) { return body.response != nullptr; });
     if (has_bodies)
@@ -139,6 +143,7 @@ void http_server::run()
         look_at_readers();
         give_memory_back();
     }
+    take_answers(now);
     MHD_run(daemon_);
     drop_old_bodies(now);
     figures_.connections = connections_.size();
@@ -220,6 +225,7 @@ static connection *connection_of(MHD_Connection *http)
 void http_server::completed(void *server, MHD_Connection *http, void **, MHD_RequestTerminationCode)
 {
     auto *self = static_cast<http_server *>(server);
+    self->waiting_.erase(http);
     self->connections_.leave_place(*connection_of(http), steady_clock::now());
 }
 
@@ -345,7 +351,8 @@ MHD_Result http_server::send_metrics(const http_request &request)
     const text_format format = choose_format(accept == nullptr ? "" : accept);
     return send_shared(request, bodies_[static_cast<size_t>(format)], content_type(format), [&] {
         figures_.events = events_.next() - 1;
-        return render_metrics(model_, figures_, format, request.now.steady);
+        return render_metrics(model_, details_, settings_.lanes, figures_, format,
+                              request.now.steady);
     });
 }
 
@@ -356,18 +363,26 @@ MHD_Result http_server::send_ports(const http_request &request)
     });
 }
 
-/* The port that the argument names; null with the status for the refusal. */
-const port_state *http_server::port_of(const http_request &request, unsigned &status) const
+static std::optional<uint32_t> port_argument(MHD_Connection *http)
 {
-    const char *text = MHD_lookup_connection_value(request.http, MHD_GET_ARGUMENT_KIND, "port");
+    const char *text = MHD_lookup_connection_value(http, MHD_GET_ARGUMENT_KIND, "port");
     const std::string_view digits = text == nullptr ? "" : text;
     uint32_t number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    status = MHD_HTTP_BAD_REQUEST;
     if (error != std::errc{} || end != digits.data() + digits.size())
+        return std::nullopt;
+    return number;
+}
+
+/* The port that the argument names; null with the status for the refusal. */
+const port_state *http_server::port_of(const http_request &request, unsigned &status) const
+{
+    const auto number = port_argument(request.http);
+    status = MHD_HTTP_BAD_REQUEST;
+    if (!number)
         return nullptr;
     status = MHD_HTTP_NOT_FOUND;
-    const auto found = model_.ports().find(number);
+    const auto found = model_.ports().find(*number);
     return found == model_.ports().end() ? nullptr : &found->second;
 }
 
@@ -396,6 +411,60 @@ MHD_Result http_server::send_events(const http_request &request)
     if (port == nullptr)
         return send_text(request, status, port_fault(status));
     return send_json(request, events_json(events_, port->number));
+}
+
+/* The library calls the handler again when the connection is resumed. */
+MHD_Result http_server::ask_history(const http_request &request, const history_question &asked)
+{
+    if (history_ == nullptr)
+        return send_text(request, MHD_HTTP_NOT_FOUND,
+                         "no history is kept: tesk-exporter --history DIR keeps one");
+    waiting_[request.http] = {
+        history_->ask(asked), &request.from, request.now.steady + history_patience, {0, 0, ""}};
+    request.from.is_waiting = true;
+    MHD_suspend_connection(request.http);
+    return MHD_YES;
+}
+
+/* Resumes the requests that have an answer, and those for which it is too late. */
+void http_server::take_answers(steady_time now)
+{
+    if (history_ == nullptr)
+        return;
+    for (history_answer &made : history_->take_answers())
+        for (auto &[http, waiting] : waiting_)
+            if (waiting.id == made.id)
+                waiting.answer = std::move(made);
+    for (auto &[http, waiting] : waiting_) {
+        if (waiting.answer.status == 0 && now >= waiting.deadline)
+            waiting.answer = {waiting.id, MHD_HTTP_SERVICE_UNAVAILABLE,
+                              "the history doesn't answer: its disk is slow"};
+        if (waiting.answer.status != 0 && std::exchange(waiting.from->is_waiting, false))
+            MHD_resume_connection(http);
+    }
+}
+
+MHD_Result http_server::send_history(const http_request &request)
+{
+    using named_level = std::pair<std::string_view, history::level>;
+    static constexpr named_level spans[] = {
+        {"2d", history::steps}, {"8w", history::hours}, {"2y", history::days}};
+    unsigned status = 0;
+    const auto port = port_argument(request.http);
+    if (!port)
+        return send_text(request, MHD_HTTP_BAD_REQUEST, port_fault(MHD_HTTP_BAD_REQUEST));
+    const char *span = MHD_lookup_connection_value(request.http, MHD_GET_ARGUMENT_KIND, "span");
+    const std::string_view wanted = span == nullptr ? "2d" : span;
+    const auto *found = std::ranges::find(spans, wanted, &named_level::first);
+    if (found == std::end(spans))
+        return send_text(request, MHD_HTTP_BAD_REQUEST, "span is 2d, 8w or 2y");
+    return ask_history(request, {history_question::kind::port, *port, found->second,
+                                 port_of(request, status) != nullptr});
+}
+
+MHD_Result http_server::send_modules(const http_request &request)
+{
+    return ask_history(request, {history_question::kind::modules, 0, history::steps, true});
 }
 
 ssize_t http_server::read_events(void *reader_of, uint64_t, char *buffer, size_t size)
@@ -468,6 +537,30 @@ MHD_Result http_server::send_file(const http_request &request, std::string_view 
     return send(request, MHD_HTTP_OK, with_common_headers(response));
 }
 
+/* The N of /api/ports/N. */
+static std::optional<uint32_t> port_of_path(std::string_view path)
+{
+    constexpr std::string_view folder = "/api/ports/";
+    if (!path.starts_with(folder))
+        return std::nullopt;
+    const std::string_view digits = path.substr(folder.size());
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (error != std::errc{} || end != digits.data() + digits.size())
+        return std::nullopt;
+    return number;
+}
+
+MHD_Result http_server::send_port(const http_request &request, uint32_t port_no)
+{
+    const auto known = model_.ports().find(port_no);
+    if (known == model_.ports().end())
+        return send_text(request, MHD_HTTP_NOT_FOUND, port_fault(MHD_HTTP_NOT_FOUND));
+    const dolm_ric_details_record *record = details_.find(port_no);
+    return send_json(request,
+                     port_json(model_, known->second, record, details_.result(), request.now));
+}
+
 MHD_Result http_server::answer(const http_request &request, const char *method,
                                std::string_view path)
 {
@@ -479,7 +572,15 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
         {"/api/ports", place::page, &http_server::send_ports},
         {"/api/plot", place::page, &http_server::send_plot},
         {"/api/events", place::page, &http_server::send_events},
+        {"/api/history", place::page, &http_server::send_history},
+        {"/api/modules", place::page, &http_server::send_modules},
     };
+    if (const auto waiting = waiting_.find(request.http); waiting != waiting_.end()) {
+        const history_answer answer = std::move(waiting->second.answer);
+        waiting_.erase(waiting);
+        return answer.status == MHD_HTTP_OK ? send_json(request, answer.text)
+                                            : send_text(request, answer.status, answer.text);
+    }
     if (method == nullptr)
         return send_text(request, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD are answered");
     if (!is_meant_for_us(request))
@@ -487,11 +588,14 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
                          "the Host header names another host; --host NAME accepts it");
     const auto *found = std::ranges::find(routes, path, &route::path);
     const bool is_route = found != std::end(routes);
+    const auto port_no = is_route ? std::nullopt : port_of_path(path);
     const place kind = is_route ? found->kind : place::page;
     if (kind == place::stream && connections_.taken(kind) >= places[static_cast<size_t>(kind)])
         end_gone_readers(); /* frees the places of readers that are gone */
     if (!connections_.take_place(request.from, kind, request.now.steady))
         return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "all places are taken");
+    if (port_no)
+        return send_port(request, *port_no);
     return is_route ? (this->*found->handle)(request) : send_file(request, path);
 }
 

@@ -7,10 +7,13 @@
 #include "tesk_exporter/api.h"
 #include "tesk_exporter/connections.h"
 #include "tesk_exporter/event_stream.h"
+#include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/metrics.h"
 #include "tesk_exporter/options.h"
+#include "tesk_exporter/port_details.h"
 #include "tesk_exporter/web_files.h"
 
+#include <map>
 #include <microhttpd.h>
 #include <optional>
 
@@ -26,6 +29,12 @@ class http_server
     ~http_server();
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
+
+    /* Answers from the history, too. It must outlive this. */
+    void use_history(history_keeper &history)
+    {
+        history_ = &history;
+    }
 
     /* Readable when run() must be called. */
     int fd() const;
@@ -50,6 +59,13 @@ class http_server
     struct shared_body {
         MHD_Response *response = nullptr;
         steady_time made{};
+    };
+    /* A request whose answer the history's thread makes; suspended meanwhile. */
+    struct waiting_request {
+        uint64_t id; /* of the question */
+        connection *from;
+        steady_time deadline;
+        history_answer answer; /* status 0: none yet */
     };
     struct http_request {
         MHD_Connection *http;
@@ -80,8 +96,13 @@ class http_server
                            make_type make);
     MHD_Result send_metrics(const http_request &request);
     MHD_Result send_ports(const http_request &request);
+    MHD_Result send_port(const http_request &request, uint32_t port_no);
     MHD_Result send_plot(const http_request &request);
     MHD_Result send_events(const http_request &request);
+    MHD_Result send_history(const http_request &request);
+    MHD_Result send_modules(const http_request &request);
+    MHD_Result ask_history(const http_request &request, const history_question &asked);
+    void take_answers(steady_time now);
     MHD_Result send_stream(const http_request &request);
     MHD_Result send_health(const http_request &request);
     MHD_Result send_readiness(const http_request &request);
@@ -98,7 +119,10 @@ class http_server
     const event_ring &events_;
     exporter_figures &figures_;
     const web_files files_;
+    port_details details_;
     connection_table connections_;
+    history_keeper *history_ = nullptr;
+    std::map<MHD_Connection *, waiting_request> waiting_;
     std::list<event_reader *> readers_;
     shared_body bodies_[3]; /* by text_format, and the ports as JSON */
     steady_time next_look_{};

@@ -3,8 +3,9 @@
 
    The main thread holds the whole state, answers by HTTP, and waits for descriptors only. Two
    threads talk to the server, each with a session of its own, and report to it; a third one writes
-   to the journal where that is wanted. */
+   to the journal where that is wanted, and a fourth one keeps the history. */
 #include "tesk_exporter/collector.h"
+#include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/http.h"
 #include "tesk_exporter/journal.h"
 #include "tesk_exporter/options.h"
@@ -68,6 +69,10 @@ class service
         figures_.interval = given.interval;
         if (given.journal)
             journal_.emplace();
+        if (given.history.empty())
+            return;
+        history_.emplace(given.history, given.history_limit);
+        http_.use_history(*history_);
     }
 
     ~service()
@@ -79,8 +84,10 @@ class service
 
     void run(int signal_fd)
     {
-        pollfd polled[] = {
-            {signal_fd, POLLIN, 0}, {facts_.fd(), POLLIN, 0}, {http_.fd(), POLLIN, 0}};
+        pollfd polled[] = {{signal_fd, POLLIN, 0},
+                           {facts_.fd(), POLLIN, 0},
+                           {http_.fd(), POLLIN, 0},
+                           {history_ ? history_->fd() : -1, POLLIN, 0}};
         while (polled[0].revents == 0) {
             take_facts();
             refresh();
@@ -96,16 +103,37 @@ class service
     void take_facts()
     {
         const uint64_t seen = events_.next();
-        for (const fact &reported : facts_.take())
-            model_.apply(reported, {steady_clock::now(), now_us()});
+        for (const fact &reported : facts_.take()) {
+            const moment now{steady_clock::now(), now_us()};
+            model_.apply(reported, now);
+            if (history_)
+                keep_reading(reported, now);
+        }
+        figures_.has_history = history_.has_value();
+        figures_.is_history_well = history_ && history_->is_well();
+        figures_.lost_history_records = history_ ? history_->lost() : 0;
         if (events_.next() == seen)
             return;
         /* A burst may be longer than the ring. */
-        for (uint64_t number = std::max(seen, events_.first()); journal_ && number < events_.next();
-             number++)
-            journal_->write(events_.at(number));
+        for (uint64_t number = std::max(seen, events_.first()); number < events_.next(); number++) {
+            if (journal_)
+                journal_->write(events_.at(number));
+            if (history_)
+                history_->note(events_.at(number));
+        }
         figures_.lost_journal_records = journal_ ? journal_->lost() : 0;
         http_.continue_streams();
+    }
+
+    /* A reading that the model has taken as one of the module. */
+    void keep_reading(const fact &reported, const moment &now)
+    {
+        const auto *read = std::get_if<reading_fact>(&reported);
+        if (read == nullptr)
+            return;
+        const auto port = model_.ports().find(read->pm.port_no);
+        if (port != model_.ports().end() && port->second.read_at == now.steady)
+            history_->take(port->second);
     }
 
     void refresh()
@@ -131,6 +159,7 @@ class service
     exporter_figures figures_;
     fact_queue facts_;
     std::optional<journal> journal_;
+    std::optional<history_keeper> history_;
     http_server http_;
     refresher refresher_;
     collector collector_;

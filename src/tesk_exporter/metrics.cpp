@@ -4,6 +4,7 @@
  */
 #include "tesk_exporter/metrics.h"
 
+#include "tesk_exporter/details_metrics.h"
 #include "tools/common/units.h"
 
 #include <cmath>
@@ -334,10 +335,20 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
               {"tesk_exporter_lost_journal_records", metric_type::counter, "",
                "Records that the journal did not take in time."},
               static_cast<double>(figures.lost_journal_records));
+    if (!figures.has_history)
+        return;
+    write_one(writer,
+              {"tesk_exporter_history_up", metric_type::gauge, "",
+               "Whether the history is open and can be written."},
+              figures.is_history_well);
+    write_one(writer,
+              {"tesk_exporter_lost_history_records", metric_type::counter, "",
+               "Readings and events that the history did not take in time."},
+              static_cast<double>(figures.lost_history_records));
 }
 
-std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
-                           steady_time now)
+std::string render_metrics(const model &board, port_details &details, bool has_lanes,
+                           const exporter_figures &figures, text_format format, steady_time now)
 {
     metrics_writer writer(format);
     /* About the final size, as growing would copy megabytes. */
@@ -350,6 +361,7 @@ std::string render_metrics(const model &board, const exporter_figures &figures, 
         for (const auto &[number, port] : board.ports())
             row.write({writer, now, board.values_of(port, now)}, port);
     }
+    write_details(writer, board, details, has_lanes);
     write_exporter(writer, figures);
     write_process(writer, figures);
     return writer.finish();

@@ -5,6 +5,7 @@
 
 #include "tesk_exporter/metrics_text.h"
 #include "tesk_exporter/model.h"
+#include "tesk_exporter/port_details.h"
 
 #include <map>
 
@@ -19,12 +20,15 @@ struct exporter_figures {
     uint64_t ended_connections = 0;         /* too slow, or idle while there were too many */
     uint64_t events = 0;
     uint64_t lost_journal_records = 0;
+    bool has_history = false;     /* it is wanted */
+    bool is_history_well = false; /* it is open and can be written */
+    uint64_t lost_history_records = 0;
     uint64_t started_us = 0; /* wall clock */
     std::chrono::milliseconds interval{15000};
 };
 
-/* The whole text of /metrics at the time `now`. */
-std::string render_metrics(const model &board, const exporter_figures &figures, text_format format,
-                           steady_time now);
+/* The whole text of /metrics at the time `now`, with the series of lanes where they are wanted. */
+std::string render_metrics(const model &board, port_details &details, bool has_lanes,
+                           const exporter_figures &figures, text_format format, steady_time now);
 
 } // namespace exporter

@@ -62,7 +62,8 @@ static int print_drop_in(const std::string &listen, std::string clients)
                 "# /etc/systemd/system/tesk-exporter.service.d/listen.conf\n"
                 "[Service]\n"
                 "ExecStart=\n"
-                "ExecStart=" TESK_EXPORTER_PATH " $TESK_EXPORTER_OPTIONS --listen %s\n"
+                "ExecStart=" TESK_EXPORTER_PATH
+                " --history %%S/tesk-exporter $TESK_EXPORTER_OPTIONS --listen %s\n"
                 "IPAddressAllow=%s%s%s\n",
                 listen.c_str(), is_own ? address.c_str() : "", is_own ? " " : "", clients.c_str());
     return static_cast<int>(exit_code::done);
@@ -74,6 +75,7 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
     std::vector<std::string> ports;
     double interval = 15;
     bool no_refresh = false;
+    bool no_lanes = false;
     std::string clients;
     app.set_version_flag("--version", "tesk-exporter " TESK_VERSION);
     app.add_option("--listen", read.listen, "Serve at ADDRESS:PORT or unix:PATH")
@@ -87,11 +89,18 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
     app.add_flag("--no-refresh", no_refresh, "Take grades from indications only");
+    app.add_flag("--no-lanes", no_lanes, "Leave the series of single lanes out of the metrics");
     app.add_flag("--journal", read.journal, "Write each change to the journal");
     app.add_option("--web", read.web, "Serve the page from this folder")->capture_default_str();
     app.add_option("--print-drop-in", clients,
                    "Print the drop-in of the systemd unit with which these CLIENTS can reach "
                    "--listen: addresses or networks, as in 192.0.2.0/24,2001:db8::7, or any");
+    app.add_option("--history", read.history,
+                   "Keep two years of readings and events in this folder");
+    int64_t history_mib = 256;
+    app.add_option("--history-limit", history_mib, "MiB that they take at most")
+        ->check(CLI::Range(16, 65536))
+        ->capture_default_str();
     app.add_option("--replay", read.replay,
                    "Forecast from these files or folders of readings, write JSON lines, and end");
     try {
@@ -108,6 +117,8 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         return print_drop_in(read.listen, clients);
     read.interval = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
     read.refresh = !no_refresh;
+    read.lanes = !no_lanes;
+    read.history_limit = history_mib << 20;
     return std::nullopt;
 }
 

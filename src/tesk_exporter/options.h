@@ -17,9 +17,12 @@ struct settings {
     std::optional<std::vector<uint32_t>> ports; /* nothing: by the port map, or those that answer */
     std::chrono::milliseconds interval{15000};
     bool refresh = true;
+    bool lanes = true; /* series of lanes in the metrics */
     bool journal = false;
     std::string web = TESK_WEB_DIR;
-    std::vector<std::string> replay; /* files to forecast from, instead of a server's ports */
+    std::string history;               /* the folder; empty: none is kept */
+    int64_t history_limit = 256 << 20; /* bytes */
+    std::vector<std::string> replay;   /* files to forecast from, instead of a server's ports */
 };
 
 /* Reads the command line into `read`. A result is the exit code of a program that has nothing more

@@ -24,6 +24,14 @@ struct ports_options {
 };
 exit_code run_ports(const settings &common, const ports_options &options);
 
+struct module_options {
+    ports_text ports;
+    bool is_watching = false; /* shows a port again when its record has changed */
+    double seconds = 0;       /* while watching; 0: no limit */
+};
+/* Needs the details that the board publishes, and no server's answer. */
+exit_code run_module(const settings &common, const module_options &options);
+
 /* `kind` is "status", "sfp", "actions", or "" for all of them by time. */
 exit_code run_history(const settings &common, const std::string &kind);
 

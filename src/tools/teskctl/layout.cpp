@@ -30,11 +30,18 @@ std::string paint(const std::string &text, tint shade, bool enabled)
     return fmt::format("\x1b[{}m{}\x1b[0m", codes[static_cast<size_t>(shade)], text);
 }
 
+/* One column for each character: those beyond ASCII are our own, such as the degree sign. Colours,
+   from an escape to its 'm', take none. */
 size_t display_width(std::string_view text)
 {
-    /* One column for each character: those beyond ASCII are our own, such as the degree sign. */
-    return static_cast<size_t>(std::ranges::count_if(
-        text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) != 0x80; }));
+    size_t width = 0;
+    bool is_colour = false;
+    for (const char byte : text) {
+        is_colour |= byte == '\x1b';
+        width += !is_colour && (static_cast<unsigned char>(byte) & 0xc0) != 0x80 ? 1 : 0;
+        is_colour &= byte != 'm';
+    }
+    return width;
 }
 
 std::string fit(std::string_view text, size_t width)

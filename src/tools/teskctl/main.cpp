@@ -119,6 +119,15 @@ class command_line
             [this] { return run_history(common_, history_); })
             ->add_option("KIND", history_, "status, sfp or actions; all of them without it")
             ->check(CLI::IsMember({"status", "sfp", "actions"}));
+        CLI::App *module = add("module", "Show modules whole: lanes, limits, flags, costs", [this] {
+            check_ports(module_.ports);
+            return run_module(common_, module_);
+        });
+        add_ports(module, "PORTS", module_.ports, "Which ports")->required();
+        CLI::Option *watching = module->add_flag("--watch", module_.is_watching,
+                                                 "Show a port again when it has changed");
+        add_seconds(module, "--for", module_.seconds, "With --watch: end after so long")
+            ->needs(watching);
         add_port_command("pm", "Read the measured values of ports", run_pm);
         CLI::App *ports =
             add("ports", "List the ports with module, values and interface name", [this] {
@@ -192,6 +201,7 @@ class command_line
     std::string history_;
     std::string prometheus_ = "127.0.0.1:9090";
     ports_options listed_;
+    module_options module_;
     ping_options ping_;
     watch_options watch_;
     top_options top_;

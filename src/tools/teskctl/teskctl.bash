@@ -15,7 +15,7 @@ _teskctl_ports()
 _teskctl()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-    local commands='capabilities doctor history ping pm ports sfp status top watch'
+    local commands='capabilities doctor history module ping pm ports sfp status top watch'
     local options='--json --timeout --wait --help' command='' word
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         [[ " $commands help " == *" $word "* ]] && { command=$word; break; }
@@ -29,6 +29,7 @@ _teskctl()
     '') options+=" --version help $commands" ;;
     help) options=$commands ;;
     history) [[ $cur == -* ]] || options='status sfp actions' ;;
+    module) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --watch --for' ;;
     ping) options+=' --count --interval' ;;
     pm | sfp | status) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; } ;;
     ports) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --status --numbers --names' ;;

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <linux/ethtool.h>
 #include <linux/ethtool_netlink.h>
 #include <linux/rtnetlink.h>
 #include <optional>
@@ -42,6 +43,11 @@ static constexpr int notices_of_a_storm = 16;
 static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16_t number)
 {
     return netlink::read_record<uint32_t>(netlink::find_attribute(attributes, number));
+}
+
+static std::optional<uint8_t> read_byte(netlink::byte_view attributes, uint16_t number)
+{
+    return netlink::read_record<uint8_t>(netlink::find_attribute(attributes, number));
 }
 
 link_follower::link_follower(follower_listener &listener, int receive_buffer)
@@ -221,14 +227,26 @@ std::optional<link_speed> link_follower::speed_now(int32_t index)
         return std::nullopt;
     uint32_t speed = UINT32_MAX;
     uint32_t lanes = 0;
+    uint8_t duplex = DUPLEX_UNKNOWN;
+    uint8_t autoneg = UINT8_MAX;
     const int error = ethtool_.ask(question, kernel_patience, [&](const netlink::message &answer) {
         const netlink::byte_view values = netlink::generic_attributes(answer);
         speed = read_number(values, ETHTOOL_A_LINKMODES_SPEED).value_or(speed);
         lanes = read_number(values, ETHTOOL_A_LINKMODES_LANES).value_or(lanes);
+        duplex = read_byte(values, ETHTOOL_A_LINKMODES_DUPLEX).value_or(duplex);
+        autoneg = read_byte(values, ETHTOOL_A_LINKMODES_AUTONEG).value_or(autoneg);
     });
     if (error != 0 && error != EOPNOTSUPP)
         return std::nullopt;
-    return link_speed{.code = link_speed_code(tenth_gbps_of(speed)), .lanes = lanes};
+    return link_speed{
+        .code = link_speed_code(tenth_gbps_of(speed)),
+        .lanes = lanes,
+        .megabits = speed == UINT32_MAX ? 0 : speed,
+        .is_full_duplex =
+            duplex <= DUPLEX_FULL ? std::optional(duplex == DUPLEX_FULL) : std::nullopt,
+        .is_negotiated =
+            autoneg <= AUTONEG_ENABLE ? std::optional(autoneg == AUTONEG_ENABLE) : std::nullopt,
+    };
 }
 
 std::optional<link_speed> link_follower::speed_of_risen(int32_t index)

@@ -148,6 +148,10 @@ void link_table::take(const link_report &report, origin from, time_point now)
 void link_table::update(port_link &link, const link_report &report, bool is_same, time_point now)
 {
     const uint32_t falls = is_same ? falls_between(link.last, report) : 0;
+    const bool is_counted = is_same && growth(link.last.falls, report.falls) >= 0 &&
+                            growth(link.last.rises, report.rises) >= 0;
+    listener_.link_reported(link.number, report, is_counted ? report.falls - link.last.falls : 0,
+                            is_counted ? report.rises - link.last.rises : 0);
     const bool named_anew = link.last.name != report.name;
     if (!is_same || link.last.rises != report.rises || !report.operational)
         link.speed_at.reset();
@@ -188,6 +192,7 @@ void link_table::set_speed(port_link &link, const link_speed &speed, time_point 
     link.speed = speed.code;
     link.lanes = speed.lanes != 0 ? speed.lanes : link.lanes;
     link.speed_at = now;
+    listener_.speed_reported(link.number, speed);
 }
 
 void link_table::take_speed(int32_t index, const link_speed &speed, time_point now)

@@ -49,9 +49,26 @@ constexpr uint32_t max_falls = 5;
    `after`: in turn operational and not; the last is `after`. */
 std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t after);
 
+struct link_speed {
+    uint32_t code = 0;     /* 0 if it isn't known */
+    uint32_t lanes = 0;    /* the same */
+    uint32_t megabits = 0; /* the same */
+    std::optional<bool> is_full_duplex = {};
+    std::optional<bool> is_negotiated = {};
+};
+
 /* Called in the thread that passes the reports in. */
 struct link_listener {
     virtual ~link_listener() = default;
+    /* Each report that is taken, with the growth of both counters since the one before. */
+    virtual void link_reported(uint32_t /*port*/, const link_report & /*now*/, uint32_t /*falls*/,
+                               uint32_t /*rises*/)
+    {
+    }
+    /* An answer about the speed. */
+    virtual void speed_reported(uint32_t /*port*/, const link_speed & /*now*/)
+    {
+    }
     /* An event. Reads are answered with its values from now on. */
     virtual void link_changed(uint32_t port, const link_values &now) = 0;
     /* Reads are answered with these values from now on; the event is held back, or there is none.
@@ -70,11 +87,6 @@ struct link_listener {
     virtual void interface_left_out(const link_report & /*report*/)
     {
     }
-};
-
-struct link_speed {
-    uint32_t code = 0;  /* 0 if it isn't known */
-    uint32_t lanes = 0; /* the same */
 };
 
 class link_table
@@ -151,7 +163,7 @@ class link_table
     };
 
     static link_values values_of(const port_link &link, uint32_t state);
-    static void set_speed(port_link &link, const link_speed &speed, time_point now);
+    void set_speed(port_link &link, const link_speed &speed, time_point now);
     port_link *find_free(const link_report &report);
     port_link *bind(const link_report &report);
     void update(port_link &link, const link_report &report, bool is_same, time_point now);

@@ -2,9 +2,12 @@
 #include "platform/dolm_ric/linux/linux_ports.h"
 
 #include "platform/dolm_ric/core.h"
+#include "platform/dolm_ric/details_record.h"
 #include "platform/dolm_ric/linux/driver_logs.h"
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/module_details.h"
+#include "platform/dolm_ric/linux/record_updates.h"
 #include "platform/dolm_ric/port_map.h"
 #include "util/boot_clock.h"
 #include "util/descriptor.h"
@@ -45,6 +48,24 @@ linux_ports::linux_ports(board::port_events &events, std::string reader)
 {
 }
 
+/* What the details say of a port whose module isn't known. */
+void linux_ports::describe_without_module(const port_copy &port)
+{
+    uint32_t presence = DOLM_RIC_PRESENCE_EMPTY;
+    uint32_t why = DOLM_RIC_VALUE_EMPTY;
+    if (port.is_out)
+        presence = DOLM_RIC_PRESENCE_OUT, why = DOLM_RIC_VALUE_OUT;
+    else if (port.config.source == module_source::none)
+        presence = DOLM_RIC_PRESENCE_POLLING_OFF, why = DOLM_RIC_VALUE_POLLING_OFF;
+    else if (port.interface == 0)
+        presence = DOLM_RIC_PRESENCE_NO_INTERFACE, why = DOLM_RIC_VALUE_UNKNOWN;
+    else if (is_unheard(port.last_error))
+        presence = DOLM_RIC_PRESENCE_UNKNOWN, why = DOLM_RIC_VALUE_NO_ANSWER;
+    details_.update(port.config.number, [&](dolm_ric_details_record &record) {
+        board::forget_module(presence, why, record);
+    });
+}
+
 /* A port that is to be polled again, or otherwise, begins as an empty one. */
 void linux_ports::set_module(port_copy &port)
 {
@@ -54,6 +75,7 @@ void linux_ports::set_module(port_copy &port)
         modules_.trust_sums(port.config.number, port.config.ignores_checksum);
     }
     modules_.set_interface(port.config.number, is_polled ? port.interface : 0);
+    describe_without_module(port);
 }
 
 /* Nothing is said before the modules have been asked for by the new number. */
@@ -182,6 +204,7 @@ void linux_ports::add_default_ports()
 /* The links come first, since the modules are looked for on the interfaces that were found. */
 void linux_ports::start()
 {
+    details_.start(board::details_path(board::port_map_path()));
     links_.also_watch(watch_.fd(), [this] { look_at_config(); });
     links_.start();
     modules_.start(first_look_patience);
@@ -192,6 +215,7 @@ void linux_ports::stop() noexcept
 {
     links_.stop();
     modules_.stop();
+    details_.stop();
 }
 
 void linux_ports::refresh(uint32_t port)
@@ -292,6 +316,21 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
     return records.diag_result;
 }
 
+void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_t falls,
+                                uint32_t rises)
+{
+    details_.update(number, [&](dolm_ric_details_record &record) {
+        take_link_report(now, falls, rises, board::details_time(), record);
+    });
+}
+
+void linux_ports::speed_reported(uint32_t number, const link_speed &now)
+{
+    details_.update(number, [&](dolm_ric_details_record &record) {
+        take_link_speed(now, board::details_time(), record);
+    });
+}
+
 void linux_ports::link_changed(uint32_t number, const link_values &now)
 {
     {
@@ -325,6 +364,12 @@ void linux_ports::interface_changed(uint32_t number, const link_report *now)
         changed.port_name = now->port_name;
     }
     is_map_old_ = true;
+    if (now == nullptr)
+        details_.update(number, [](dolm_ric_details_record &record) {
+            lose_interface(board::details_time(), record);
+        });
+    if (changed.presence == module_presence::absent)
+        describe_without_module(changed);
     modules_.expect_logging(number, now != nullptr && logs_failed_readings(now->parent));
     modules_.look_now(number);
     if (changed.config.source != module_source::none)
@@ -358,6 +403,48 @@ void linux_ports::reports_taken()
     board::write_port_map(board::port_map_path(), names);
 }
 
+/* Why values are missing after that errno. */
+static uint32_t reason_of(int error)
+{
+    return error == EBUSY ? DOLM_RIC_VALUE_BUSY : DOLM_RIC_VALUE_NO_ANSWER;
+}
+
+/* Values whose module has not answered for longer than they are given out are lost. One failed
+   reading says nothing: the next one is made soon. */
+void linux_ports::module_cost(uint32_t number, const reading_cost &cost)
+{
+    const auto failed =
+        std::ranges::find_if(cost.pieces, [](const piece &one) { return one.error != 0; });
+    const int error = failed != cost.pieces.end() ? failed->error : 0;
+    bool is_old = false;
+    {
+        const auto guard = events_.lock();
+        port_copy &its = ports_.at(number);
+        is_old = util::boot_time() - its.read_at > longest_age;
+        const int before = std::exchange(its.last_error, error);
+        if (is_unheard(before) != is_unheard(error) && its.presence == module_presence::absent)
+            describe_without_module(its);
+    }
+    details_.update(number, [&](dolm_ric_details_record &record) {
+        take_cost(cost, record);
+        if (error != 0 && is_old)
+            lose_values(reason_of(error), record);
+    });
+}
+
+void linux_ports::module_sampled(uint32_t number, const module_memory &memory,
+                                 const module_contents &contents)
+{
+    port_view view;
+    {
+        const auto guard = events_.lock();
+        view = ports_.at(number).view();
+    }
+    details_.update(number, [&](dolm_ric_details_record &record) {
+        take_module(memory, contents, view, record);
+    });
+}
+
 void linux_ports::module_read(uint32_t number, const module_contents &contents, time_point at)
 {
     {
@@ -387,9 +474,17 @@ void linux_ports::module_doubted(uint32_t number, const std::vector<const char *
 void linux_ports::module_presence_changed(uint32_t number, module_presence now)
 {
     const auto guard = events_.lock();
-    ports_.at(number).presence = now;
-    if (now == module_presence::absent)
-        ports_.at(number).reported_doubts.clear();
+    port_copy &changed = ports_.at(number);
+    changed.presence = now;
+    if (now == module_presence::absent) {
+        changed.reported_doubts.clear();
+        describe_without_module(changed);
+    } else {
+        const uint32_t why = reason_of(changed.last_error);
+        details_.update(number, [now, why](dolm_ric_details_record &record) {
+            set_presence(now == module_presence::ready, why, board::details_time(), record);
+        });
+    }
     events_.port_changed(port_record(number, now));
 }
 

@@ -12,6 +12,7 @@
 #include "platform/dolm_ric/linux/module_follower.h"
 #include "platform/dolm_ric/linux/module_poller.h"
 #include "platform/dolm_ric/linux/port_config.h"
+#include "platform/dolm_ric/port_details.h"
 #include "platform/dolm_ric/port_source.h"
 
 #include <chrono>
@@ -68,6 +69,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
         module_contents contents = {};
         std::vector<const char *> reported_doubts = {}; /* the thread that reads modules */
         time_point read_at = {};
+        int last_error = 0; /* of the last reading of the module */
 
         port_view view() const;
     };
@@ -75,17 +77,24 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     void set_port(const configured_port &port);
     void take_out(uint32_t number);
     void set_module(port_copy &port);
+    void describe_without_module(const port_copy &port);
     std::map<uint32_t, link_report> default_ports(std::vector<link_report> all);
     std::map<uint32_t, link_report> ports_at_reader(const std::vector<link_report> &all,
                                                     int &error);
     void look_at_config();
     void report_ports();
 
+    void link_reported(uint32_t number, const link_report &now, uint32_t falls,
+                       uint32_t rises) override;
+    void speed_reported(uint32_t number, const link_speed &now) override;
     void link_changed(uint32_t number, const link_values &now) override;
     void link_known(uint32_t number, const link_values &now) override;
     void interface_changed(uint32_t number, const link_report *now) override;
     void interface_left_out(const link_report &report) override;
     void reports_taken() override;
+    void module_cost(uint32_t number, const reading_cost &cost) override;
+    void module_sampled(uint32_t number, const module_memory &memory,
+                        const module_contents &contents) override;
     void module_read(uint32_t number, const module_contents &contents, time_point at) override;
     void module_doubted(uint32_t number, const std::vector<const char *> &reasons) override;
     void module_presence_changed(uint32_t number, module_presence now) override;
@@ -93,6 +102,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
 
     board::port_events &events_;
     const std::string reader_;
+    board::port_details details_; /* has its own lock, which may be taken with the core's held */
     std::map<uint32_t, port_copy> ports_;
     bool is_map_old_ = true; /* the thread that follows the links; the next ones, too */
     bool has_default_ports_ = false;

@@ -190,8 +190,7 @@ static int32_t diagnostics_result(diagnostics_state state)
     }
 }
 
-/* Bit n: the port's own lane n. */
-static uint32_t own_lanes(const module_contents &contents, const port_view &port)
+uint32_t own_lanes(const module_contents &contents, const port_view &port)
 {
     if (port.lanes != 0 || port.host_lanes == 0)
         return port.lanes != 0 ? port.lanes : UINT32_MAX;

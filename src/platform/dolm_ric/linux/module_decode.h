@@ -58,6 +58,9 @@ struct module_records {
    measurement is left out of diag_cap, since it can't be shown without an alarm. */
 module_records make_records(const module_contents &contents, const port_view &port);
 
+/* Bit n: lane n of light is the port's own. All bits where all lanes are. */
+uint32_t own_lanes(const module_contents &contents, const port_view &port);
+
 /* The lanes of the port that the kernel calls `phys_port_name`: "p1s2" is the part 2, counted from
    0, of the split cage 1. Each part has `lanes` lanes, 0 counting as 1. 0, which is all lanes, for
    a port that isn't split. */

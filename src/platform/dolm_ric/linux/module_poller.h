@@ -27,6 +27,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -35,8 +36,28 @@ namespace linux_board
 
 enum class module_presence : uint8_t { absent, not_ready, ready };
 
+/* Readings of one port that were made one behind the other. */
+struct reading_cost {
+    std::span<const piece> pieces; /* with their errors; ECANCELED is of one that wasn't made */
+    std::chrono::steady_clock::duration time; /* of all; shared out evenly within a packet */
+    bool is_sweep;                            /* a reading of all measured values */
+};
+
+/* Of errors that say nothing about the module, since nobody could ask it. */
+bool is_unheard(int error);
+
 struct module_listener {
     virtual ~module_listener() = default;
+    /* Before the conclusions from these readings are reported. */
+    virtual void module_cost(uint32_t /*port*/, const reading_cost & /*cost*/)
+    {
+    }
+    /* What has been read of a module, and what that means, after each reading of its identity or
+       values, those that `module_read` isn't called for among them. */
+    virtual void module_sampled(uint32_t /*port*/, const module_memory & /*memory*/,
+                                const module_contents & /*contents*/)
+    {
+    }
     /* `contents` is what the module holds now, read at that time. */
     virtual void module_read(uint32_t port, const module_contents &contents,
                              std::chrono::steady_clock::time_point read_at) = 0;

@@ -30,13 +30,15 @@ static constexpr auto pause_of_loggers = 60s; /* at least, where the driver logs
 /* A reading without values is made again at once, so often. */
 static constexpr uint32_t most_repeats = 3;
 
+/* While the kernel keeps a module for something else. */
+static constexpr auto busy_interval = 2s;
+
 /* Looks at a cage that answers with an error which doesn't say "empty". */
 static constexpr auto cage_interval = 2s;
 static constexpr auto lost_interval_of_loggers = 10s;
 static constexpr auto rare_interval_of_loggers = 600s;
 
-/* Errors that say nothing about the module. */
-static bool is_unheard(int error)
+bool is_unheard(int error)
 {
     return error == ENOTCONN || error == EPERM || error == EACCES || error == ESTALE;
 }
@@ -129,6 +131,7 @@ void module_poller::finish_identity(polled &port)
     port.was_looked_at = true;
     const module_contents contents = decode_module(port.memory);
     if (!contents.ready) {
+        listener_.module_sampled(port.number, port.memory, contents);
         retry_identity(port, duration(0));
         if (port.tries == fast_tries)
             listener_.module_doubted(port.number, contents.doubts);
@@ -166,6 +169,8 @@ void module_poller::publish(polled &port, const module_contents &contents)
 {
     const time_point now = now_();
     const bool is_blank = contents.diagnostics == diagnostics_state::not_read;
+    if (!is_blank || !port.has_values || port.blank_readings >= most_repeats)
+        listener_.module_sampled(port.number, port.memory, contents);
     port.blank_readings = is_blank ? port.blank_readings + 1 : 0;
     if (is_blank && port.blank_readings <= most_repeats)
         port.diagnostics_due = now + confirm_time;
@@ -229,7 +234,7 @@ void module_poller::take_diagnostics(polled &port, const task &done)
     port.diagnostics_due = now + diagnostics_interval;
     for (const ranged &read : done.ranges) {
         const int error = done.error_of(read);
-        if (is_unheard(error)) {
+        if (is_unheard(error) || error == EBUSY) {
             port.look_due = now + look_interval;
             return take_failure(port, error);
         }
@@ -256,11 +261,15 @@ void module_poller::take_missing(polled &port, const task &done)
 {
     const memory_range range = done.ranges.front().range;
     if (const int error = done.error_of(done.ranges.front())) {
-        if (is_unheard(error)) {
-            port.missing_due = now_() + reader_interval;
+        if (is_unheard(error) || error == EBUSY) {
+            port.missing_due = now_() + (error == EBUSY ? busy_interval : reader_interval);
             return take_failure(port, error);
         }
         refuse(port, range);
+        if (port.memory.read_at(range)) {
+            port.memory.drop(range);
+            listener_.module_sampled(port.number, port.memory, decode_module(port.memory));
+        }
         port.look_due = std::min(port.look_due, now_() + confirm_time);
         return find_missing(port);
     }
@@ -272,7 +281,13 @@ void module_poller::take_missing(polled &port, const task &done)
         std::erase_if(port.refused, [&](const refused_range &one) { return one.range == range; });
     else
         refuse(port, range);
-    publish(port, decode_module(port.memory));
+    const module_contents contents = decode_module(port.memory);
+    const std::vector<reading_step> plan = reading_plan(port.memory);
+    const auto step = std::ranges::find(plan, range, &reading_step::range);
+    if (step != plan.end() && !is_part_of_identity(*step))
+        listener_.module_sampled(port.number, port.memory, contents);
+    else
+        publish(port, contents);
     find_missing(port);
 }
 
@@ -291,6 +306,8 @@ void module_poller::note_silence(polled &port)
         set_presence(port, module_presence::not_ready);
 }
 
+/* A module in use whose readings the kernel refuses, as while its firmware is updated, is left
+   alone: it is there, and not ready when that lasts. */
 void module_poller::take_failure(polled &port, int error)
 {
     const time_point now = now_();
@@ -300,6 +317,11 @@ void module_poller::take_failure(polled &port, int error)
     }
     note_access(port, 0);
     port.was_looked_at = true;
+    if (error == EBUSY && port.where == stage::in_use) {
+        port.look_due = now + busy_interval;
+        port.diagnostics_due = std::max(port.diagnostics_due, port.look_due);
+        return note_silence(port);
+    }
     const bool is_empty = says_empty(error);
     if (is_empty && port.where == stage::empty) {
         port.look_due = now + pace_of_empty(port, error);

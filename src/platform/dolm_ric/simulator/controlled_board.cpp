@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The simulated board as libdolm_ric has it: with a control server for teskboard and a port map. */
+/* The simulated board as libdolm_ric has it: with a control server for teskboard, a port
+   map and the details of its ports. */
 #include "platform/dolm_ric/port_map.h"
 #include "platform/dolm_ric/simulator/board_file.h"
 #include "platform/dolm_ric/simulator/control_protocol.h"
@@ -65,6 +66,8 @@ void controlled_board::write_map(const std::string &socket)
     const std::string path = setting_or(DOLM_RIC_PORT_MAP_ENV, standard.c_str());
     if (write_port_map(path, names))
         map_path_ = path;
+    const auto guard = events.lock();
+    start_details(details_path(path));
 }
 
 void controlled_board::stop() noexcept
@@ -72,6 +75,7 @@ void controlled_board::stop() noexcept
     if (!map_path_.empty())
         unlink(map_path_.c_str());
     control_.reset();
+    stop_details();
 }
 
 std::unique_ptr<port_source> make_port_source(core &events)

@@ -4,6 +4,10 @@
    module. So a board of 65,535 equal ports stays small even after a change to all of them. */
 #include "platform/dolm_ric/simulator/simulated_ports.h"
 
+#include "platform/dolm_ric/details_record.h"
+#include "platform/dolm_ric/simulator/simulated_details.h"
+
+#include <algorithm>
 #include <cstddef>
 #include <map>
 #include <utility>
@@ -105,6 +109,32 @@ void simulated_ports::report(uint32_t port, void (port_events::*changed)(const r
     (events_.*changed)(now);
 }
 
+void simulated_ports::describe(uint32_t port)
+{
+    if (!has_details_ || port >= ports_with_details)
+        return;
+    const port_slot &slot = slots_[port];
+    details_.update(port, [&slot, port](dolm_ric_details_record &record) {
+        const std::string name = "port" + std::to_string(port);
+        set_text(record.link.interface, sizeof(record.link.interface), name.c_str(), name.size());
+        describe_port(slot.values, *slot.module, details_time(), record);
+    });
+}
+
+void simulated_ports::start_details(const std::string &path)
+{
+    has_details_ = true;
+    for (uint32_t port = 0; port < count(); port++)
+        describe(port);
+    details_.start(path);
+}
+
+void simulated_ports::stop_details() noexcept
+{
+    has_details_ = false;
+    details_.stop();
+}
+
 /* One report per port and kind, however many values a command changes. */
 template <typename edit>
 void simulated_ports::change(const port_list &list, forced_reports forced, edit &&apply)
@@ -114,6 +144,7 @@ void simulated_ports::change(const port_list &list, forced_reports forced, edit 
         for (uint32_t port = range.first; port <= range.last; port++) {
             const port_values before = slots_[port].values;
             apply(slots_[port]);
+            describe(port);
             const port_values &now = slots_[port].values;
             if (forced.port || now.status != before.status)
                 report(port, &port_events::port_changed);
@@ -152,9 +183,12 @@ class simulated_ports::writer
         if (copy)
             return copy;
         auto changed_copy = std::make_shared<module_values>(*before);
-        for (const setting &value : settings_)
+        for (const setting &value : settings_) {
             if (value.target->in_module)
                 write_setting(value, changed_copy.get());
+            if (value.target->stride != 0)
+                changed_copy->lane_count = std::max(changed_copy->lane_count, value.lane + 1);
+        }
         return copy = std::move(changed_copy);
     }
 
@@ -200,10 +234,15 @@ void simulated_ports::remove(const port_list &list)
     });
 }
 
-std::string simulated_ports::value_of(uint32_t port, const field &source) const
+uint32_t simulated_ports::lane_count(uint32_t port) const
+{
+    return slots_[port].module->lane_count;
+}
+
+std::string simulated_ports::value_of(uint32_t port, const field &source, uint32_t lane) const
 {
     const port_slot &slot = slots_[port];
-    return source.in_module ? read_field(source, slot.module.get())
+    return source.in_module ? read_field(source, slot.module.get(), lane)
                             : read_field(source, &slot.values);
 }
 

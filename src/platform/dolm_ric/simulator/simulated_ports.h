@@ -6,6 +6,7 @@
    untouched port costs a few words. */
 #pragma once
 
+#include "platform/dolm_ric/port_details.h"
 #include "platform/dolm_ric/port_source.h"
 #include "platform/dolm_ric/simulator/vocabulary.h"
 
@@ -43,7 +44,18 @@ class simulated_ports : public port_source
     void remove(const port_list &list);
 
     /* The raw value of a field as text. */
-    std::string value_of(uint32_t port, const field &source) const;
+    std::string value_of(uint32_t port, const field &source, uint32_t lane = 0) const;
+    /* How many lanes have values of their own. */
+    uint32_t lane_count(uint32_t port) const;
+
+  protected:
+    /* The first ports have details; those of a very large board would take much memory. */
+    static constexpr uint32_t ports_with_details = 1024;
+
+    /* From now on the details of the ports are in a file at `path`. */
+    void start_details(const std::string &path);
+    /* Takes no lock. */
+    void stop_details() noexcept;
 
   private:
     using module_ptr = std::shared_ptr<const module_values>;
@@ -64,10 +76,13 @@ class simulated_ports : public port_source
     void change(const port_list &list, forced_reports forced, edit &&apply);
     template <typename record>
     void report(uint32_t port, void (port_events::*changed)(const record &));
+    void describe(uint32_t port);
 
     std::vector<port_slot> slots_;
     port_events &events_;
     const module_ptr no_module_;
+    port_details details_;
+    bool has_details_ = false;
 };
 
 } // namespace board

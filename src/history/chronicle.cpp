@@ -1,0 +1,343 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: advance() opens the store where there is none, ends the step whose time is over,
+   and writes; take() and note() add to the step and to the batch that is written next. */
+#include "history/chronicle.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <utility>
+
+namespace history
+{
+
+static constexpr int64_t write_pause = 60; /* one fsync a minute at most, for the sake of flash */
+static constexpr int64_t try_pause = 60;
+static constexpr int64_t checkpoint_pause = 3600;
+static constexpr unsigned most_events_at_once = 32; /* of a port, in one batch */
+/* While the disk is full: about 16 MiB of 512 ports with one lane. */
+static constexpr size_t most_pending_rows = 200'000;
+static constexpr size_t most_pending_events = 20'000;
+
+static std::array<std::string, 4> key_of(uint32_t port, const std::string &vendor,
+                                         const std::string &part, const std::string &serial)
+{
+    return {std::to_string(port), vendor, part, serial};
+}
+
+std::optional<int64_t> chronicle::occupant_of(uint32_t port) const
+{
+    const auto found = occupants_.find(port);
+    return found == occupants_.end() ? std::nullopt : std::optional(found->second);
+}
+
+void chronicle::open(const clocks &now)
+{
+    next_try_ = now.boot + try_pause;
+    std::vector<std::string> notes;
+    try {
+        store_ = std::make_unique<store>(given_.folder, given_.limit, fault_, notes);
+        fault_.clear();
+        for (place &each : store_->places()) {
+            ids_[key_of(each.port, each.vendor, each.part, each.serial)] = each.id;
+            next_id_ = std::max(next_id_, each.id + 1);
+            places_[each.id] = std::move(each);
+        }
+        const auto shifts = store_->shifts();
+        time_.emplace(shifts, store_->end(), now);
+        step_ = time_->start() / level_seconds[steps];
+        if (shifts.size() != time_->shifts().size())
+            pending_.shifts = time_->shifts();
+        restore();
+        trouble_.clear();
+        if (const auto by = time_->shift_at_start())
+            note(no_port, "clock", fmt::format("the clock differs by {} s from before", *by), now);
+    } catch (const database_error &error) {
+        trouble_ = error.what();
+        failed(error);
+    } catch (const store_error &error) {
+        store_.reset();
+        trouble_ = error.what();
+    }
+    for (const std::string &note : notes)
+        given_.tell(note);
+    if (trouble_.empty()) {
+        if (!told_.empty())
+            given_.tell("the history is kept again");
+        told_.clear();
+    } else if (told_.insert(trouble_).second) {
+        given_.tell(trouble_ + "; no history is kept until then");
+    }
+}
+
+/* Takes in what the current hour and day have already, where their own rows aren't written. */
+void chronicle::restore()
+{
+    const int64_t last = store_->end() - 1, hour = last / level_seconds[hours],
+                  day = last / level_seconds[days];
+    constexpr int64_t a_day = 24, an_hour = 12;
+    const auto ended = [this](level of, int64_t number) {
+        std::set<int64_t> found;
+        store_->read_all(of, number, number,
+                         [&](int64_t, int64_t id, const record &) { found.insert(id); });
+        return found;
+    };
+    const auto ended_hours = ended(hours, hour), ended_days = ended(days, day);
+    store_->read_all(steps, hour * an_hour, (hour + 1) * an_hour - 1,
+                     [&](int64_t, int64_t id, const record &found) {
+                         if (ended_hours.contains(id))
+                             return;
+                         live_[id].hour.add(found);
+                         live_[id].hour_number = hour;
+                     });
+    store_->read_all(hours, day * a_day, (day + 1) * a_day - 1,
+                     [&](int64_t, int64_t id, const record &found) {
+                         if (ended_days.contains(id))
+                             return;
+                         live_[id].day.add(found);
+                         live_[id].day_number = day;
+                     });
+}
+
+/* A module whose serial is read differently each time must not fill the memory. */
+void chronicle::forget_oldest()
+{
+    if (places_.size() < most_places)
+        return;
+    const auto oldest =
+        std::ranges::min_element(places_, {}, [](const auto &each) { return each.second.last; });
+    const place &left = oldest->second;
+    ids_.erase(key_of(left.port, left.vendor, left.part, left.serial));
+    touched_.erase(left.id);
+    live_.erase(left.id);
+    places_.erase(oldest);
+}
+
+int64_t chronicle::place_of(const occupant &from, int64_t time)
+{
+    const auto [entry, is_new] =
+        ids_.try_emplace(key_of(from.port, from.vendor, from.part, from.serial), next_id_);
+    const int64_t id = entry->second;
+    if (is_new) {
+        next_id_++;
+        forget_oldest();
+        places_[id] = {id,        from.port,   from.interface, from.vendor,
+                       from.part, from.serial, time,           time};
+    }
+    place &found = places_[id];
+    if (is_new || found.interface != from.interface) {
+        found.interface = from.interface;
+        touched_.insert(id);
+    }
+    found.last = time;
+    return id;
+}
+
+void chronicle::take(const occupant &from, const record &measured, const clocks &now)
+{
+    if (!store_)
+        return;
+    const int64_t id = place_of(from, time_->at(now.boot));
+    occupants_[from.port] = id;
+    live_[id].step.add(measured);
+}
+
+void chronicle::note(int64_t port, const std::string &kind, const std::string &text,
+                     const clocks &now)
+{
+    if (!store_)
+        return;
+    const auto found = occupants_.find(static_cast<uint32_t>(port));
+    const int64_t id = port == no_port || found == occupants_.end() ? 0 : found->second;
+    /* A port that flaps fills neither the file nor the memory. */
+    if (noted_[port]++ < most_events_at_once && pending_.events.size() < most_pending_events)
+        pending_.events.push_back({time_->at(now.boot), port, id, kind, text});
+}
+
+void chronicle::vacate(uint32_t port)
+{
+    if (!store_)
+        return;
+    const int64_t left = std::exchange(occupants_[port], 0);
+    if (left != 0)
+        touched_.insert(left);
+}
+
+/* Rows of an hour and a day that end before `next_time`. */
+void chronicle::roll(int64_t id, live &of, int64_t next_time)
+{
+    const int64_t hour = next_time / level_seconds[hours], day = next_time / level_seconds[days];
+    if (!of.hour.is_empty() && of.hour_number != hour) {
+        const record ended = of.hour.finish();
+        pending_.rows[hours].push_back({of.hour_number, id, encode(ended, true)});
+        const int64_t its_day = of.hour_number * level_seconds[hours] / level_seconds[days];
+        if (!of.day.is_empty() && of.day_number != its_day)
+            pending_.rows[days].push_back({of.day_number, id, encode(of.day.finish(), true)});
+        of.day.add(ended);
+        of.day_number = its_day;
+        touched_.insert(id);
+    }
+    if (!of.day.is_empty() && of.day_number != day)
+        pending_.rows[days].push_back({of.day_number, id, encode(of.day.finish(), true)});
+}
+
+void chronicle::end_step(int64_t next_step)
+{
+    const int64_t time = step_ * level_seconds[steps], next = next_step * level_seconds[steps];
+    for (auto each = live_.begin(); each != live_.end();) {
+        auto &[id, of] = *each;
+        if (!of.step.is_empty()) {
+            roll(id, of, time);
+            const record ended = of.step.finish();
+            pending_.rows[steps].push_back({step_, id, encode(ended, false)});
+            of.hour.add(ended);
+            of.hour_number = time / level_seconds[hours];
+            if (given_.on_step)
+                given_.on_step(places_[id], time, ended);
+        }
+        roll(id, of, next);
+        const bool is_over = of.hour.is_empty() && of.day.is_empty();
+        each = is_over ? live_.erase(each) : std::next(each);
+    }
+    step_ = next_step;
+}
+
+void chronicle::advance(const clocks &now)
+{
+    if (!store_ && now.boot >= next_try_)
+        open(now);
+    if (!store_)
+        return;
+    if (const auto by = time_->follow(now)) {
+        pending_.shifts = time_->shifts();
+        note(no_port, "clock", fmt::format("the clock was set by {} s", *by), now);
+    }
+    const int64_t step = time_->at(now.boot) / level_seconds[steps];
+    if (step > step_)
+        end_step(step);
+    if (now.boot >= next_write_)
+        write(now);
+}
+
+void chronicle::close(const clocks &now)
+{
+    if (!store_)
+        return;
+    for (const auto &[port, id] : occupants_)
+        if (id != 0)
+            touched_.insert(id);
+    write(now);
+    store_.reset();
+    trouble_ = "it is closed";
+}
+
+void chronicle::write(const clocks &now)
+{
+    for (const auto &[port, count] : noted_)
+        if (count > most_events_at_once)
+            pending_.events.push_back(
+                {time_->at(now.boot), port, 0, "more",
+                 fmt::format("{} more changes within a minute", count - most_events_at_once)});
+    noted_.clear();
+    for (const int64_t id : touched_)
+        pending_.places.push_back(places_[id]);
+    if (pending_.is_empty())
+        return;
+    next_write_ = now.boot + write_pause;
+    try {
+        store_->write(pending_, time_->at(now.boot));
+        pending_ = {};
+        touched_.clear();
+        if (!write_trouble_.empty())
+            given_.tell("the history can be written again");
+        write_trouble_.clear();
+        if (now.boot >= next_checkpoint_) {
+            next_checkpoint_ = now.boot + checkpoint_pause;
+            store_->checkpoint();
+        }
+    } catch (const database_error &error) {
+        failed(error);
+    }
+}
+
+/* A damaged file is replaced by a new one; any other failure may pass. */
+void chronicle::failed(const database_error &error)
+{
+    if (error.code() == SQLITE_CORRUPT || error.code() == SQLITE_NOTADB) {
+        fault_ = error.what();
+        trouble_ = fault_;
+        store_.reset();
+        time_.reset();
+        places_.clear();
+        ids_.clear();
+        occupants_.clear();
+        live_.clear();
+        touched_.clear();
+        pending_ = {};
+        next_try_ = INT64_MIN;
+        return;
+    }
+    pending_.places.clear(); /* they are still in touched_ */
+    if (store_ && write_trouble_.empty())
+        given_.tell(fmt::format("the history can't be written: {}; it goes on in memory, and is "
+                                "written when that is possible",
+                                error.what()));
+    write_trouble_ = error.what();
+    bound_pending();
+}
+
+void chronicle::bound_pending()
+{
+    for (auto &rows : pending_.rows)
+        if (rows.size() > most_pending_rows)
+            rows.erase(rows.begin(),
+                       rows.begin() + static_cast<ptrdiff_t>(rows.size() - most_pending_rows / 2));
+}
+
+/* Reading finds damage, too. */
+template <typename read_type>
+void chronicle::guarded(read_type read)
+{
+    if (!store_)
+        return;
+    try {
+        read();
+    } catch (const database_error &error) {
+        failed(error);
+    }
+}
+
+void chronicle::read(level of, int64_t id, int64_t first, int64_t last,
+                     const std::function<void(int64_t number, const record &)> &take)
+{
+    guarded([&] { store_->read(of, id, first, last, take); });
+    for (const batch::kept_row &each : pending_.rows[of])
+        if (each.place == id && each.number >= first && each.number <= last)
+            if (const auto found = decode(each.blob))
+                take(each.number, *found);
+}
+
+void chronicle::read_all(
+    level of, int64_t first, int64_t last,
+    const std::function<void(int64_t number, int64_t place, const record &)> &take)
+{
+    guarded([&] { store_->read_all(of, first, last, take); });
+}
+
+std::vector<event> chronicle::events(std::optional<int64_t> port, int64_t first, size_t most)
+{
+    std::vector<event> found;
+    guarded([&] { found = store_->events(port, first, most); });
+    for (const event &each : pending_.events)
+        if (each.time >= first && (!port || each.port == no_port || each.port == *port))
+            found.push_back(each);
+    return found;
+}
+
+std::vector<announcement> chronicle::announcements()
+{
+    std::vector<announcement> found;
+    guarded([&] { found = store_->announcements(); });
+    return found;
+}
+
+} // namespace history

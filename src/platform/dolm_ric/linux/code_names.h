@@ -1,0 +1,34 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* code_names - the short names of the codes in the identity of modules: those of SFF-8024, and the
+   bits of SFF-8472 and SFF-8636. A code that isn't listed is named by its number, such as 0x7e.
+   Pure functions. */
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace linux_board
+{
+
+std::string form_factor_name(uint8_t code);
+std::string connector_name(uint8_t code);
+/* The two layouts have different codes. */
+std::string sfp_encoding_name(uint8_t code);
+std::string qsfp_encoding_name(uint8_t code);
+std::string technology_name(uint8_t code);
+std::string extended_compliance_name(uint8_t code);
+std::string host_interface_name(uint8_t code);
+/* By the kind of media of CMIS, byte 85. */
+std::string media_interface_name(uint8_t kind, uint8_t code);
+
+/* A bit of a byte of the identity that stands for a standard. */
+struct compliance_bit {
+    uint8_t offset;
+    uint8_t bit;
+    const char *name;
+};
+std::span<const compliance_bit> sfp_compliance_bits();
+std::span<const compliance_bit> qsfp_compliance_bits();
+
+} // namespace linux_board

@@ -1,0 +1,25 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* record_updates - the parts of a port's details that come of its link and of the readings made.
+   Pure functions; any thread, with one record at a time. `now` is in ns of CLOCK_BOOTTIME. */
+#pragma once
+
+#include "platform/dolm_ric/dolm_ric_details.h"
+#include "platform/dolm_ric/linux/link_table.h"
+#include "platform/dolm_ric/linux/module_poller.h"
+
+#include <cstdint>
+
+namespace linux_board
+{
+
+/* `falls` and `rises` are the growth of the kernel's counters since the report before. */
+void take_link_report(const link_report &report, uint32_t falls, uint32_t rises, int64_t now,
+                      dolm_ric_details_record &record);
+void take_link_speed(const link_speed &speed, int64_t now, dolm_ric_details_record &record);
+/* The port has no interface; the counters stay. */
+void lose_interface(int64_t now, dolm_ric_details_record &record);
+
+/* Counts what the readings cost. */
+void take_cost(const reading_cost &cost, dolm_ric_details_record &record);
+
+} // namespace linux_board

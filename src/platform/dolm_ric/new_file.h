@@ -1,0 +1,27 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* new_file - makes a file of the board for other programs, whole or not at all: it is filled beside
+   its place and then renamed there. Any thread, but one at a time for each path. */
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <sys/types.h>
+
+namespace board
+{
+
+/* A new and empty file beside `path`, open for reading and writing, with the mode 0640 and the
+   group of the directory, whose members may connect to the board as well. The caller closes it. -1
+   with errno. */
+int make_new_file(const std::string &path);
+
+/* Puts it at `path`, in the place of what was there. False with errno. */
+bool place_new_file(const std::string &path);
+
+/* Removes it. Keeps errno. */
+void drop_new_file(const std::string &path);
+
+/* False with errno. */
+bool write_fully(int descriptor, const void *bytes, size_t size, off_t offset);
+
+} // namespace board

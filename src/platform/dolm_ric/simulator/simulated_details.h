@@ -1,0 +1,18 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* simulated_details - the values of a simulated port as the details of a port. Pure functions. */
+#pragma once
+
+#include "platform/dolm_ric/dolm_ric_details.h"
+#include "platform/dolm_ric/simulator/vocabulary.h"
+
+#include <cstdint>
+
+namespace board
+{
+
+/* Brings the record up to date at the time `now`. What a simulated module doesn't have is "not
+   supported". */
+void describe_port(const port_values &port, const module_values &module, int64_t now,
+                   dolm_ric_details_record &record);
+
+} // namespace board

@@ -1,0 +1,203 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: post() queues, run() takes the queue every ten seconds, or at once for a question,
+   and gives each input to the chronicle with the clocks of its moment. */
+#include "tesk_exporter/history_keeper.h"
+
+#include "tesk_exporter/history_json.h"
+#include "tools/common/clock.h"
+#include "tools/common/units.h"
+#include "tools/common/words.h"
+#include "util/boot_clock.h"
+#include "util/escape.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace exporter
+{
+
+/* Steps are five minutes long, so that this is soon enough, and costs next to nothing. */
+static constexpr std::chrono::seconds look_pause{10};
+
+static history::clocks clocks_now()
+{
+    const auto boot = util::boot_time().time_since_epoch();
+    return {static_cast<int64_t>(now_us() / 1'000'000),
+            std::chrono::duration_cast<std::chrono::seconds>(boot).count()};
+}
+
+static int new_eventfd()
+{
+    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd < 0)
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    return fd;
+}
+
+history_keeper::history_keeper(const std::string &folder, int64_t limit)
+    : wake_fd_(new_eventfd()), answer_fd_(new_eventfd()),
+      chronicle_({folder, limit,
+                  [](const std::string &text) {
+                      std::fprintf(stderr, "tesk-exporter: history: %s\n", text.c_str());
+                  },
+                  nullptr})
+{
+    thread_.start([this] { run(); });
+}
+
+history_keeper::~history_keeper()
+{
+    thread_.stop();
+    close(wake_fd_);
+    close(answer_fd_);
+}
+
+void history_keeper::post(input given, bool is_urgent)
+{
+    const std::lock_guard lock(mutex_);
+    if (inputs_.size() >= capacity && !is_urgent) {
+        lost_++;
+        return;
+    }
+    inputs_.push_back(std::move(given));
+    if (is_urgent || inputs_.size() == wake_at)
+        eventfd_write(wake_fd_, 1);
+}
+
+static int16_t kept(bool has, history::measure what, double value)
+{
+    return has ? history::stored(what, value) : history::absent;
+}
+
+/* No light has no logarithm, and is absent. */
+static int16_t kept_power(bool has, history::measure what, uint32_t microwatts)
+{
+    const auto dbm = has ? to_dbm(microwatts) : std::nullopt;
+    return kept(dbm.has_value(), what, dbm.value_or(0));
+}
+
+/* The order of history::row; the server has the values of one lane. */
+static history::record record_of(const port_state &port)
+{
+    using history::measure;
+    const tesk_client_pm &pm = *port.reading;
+    history::record made;
+    if (port.status)
+        made.link = port.status->link == TESK_CLIENT_LINK_OPERATIONAL ? 100 : 0;
+    made.middle = {kept(pm.has_temperature, measure::temperature, pm.temperature / 10.0),
+                   kept(pm.has_voltage, measure::voltage, pm.voltage / 10'000.0),
+                   kept_power(pm.has_rx_power, measure::rx_power, pm.rx_power),
+                   kept_power(pm.has_tx_power, measure::tx_power, pm.tx_power),
+                   kept(pm.has_tx_bias, measure::bias, pm.tx_bias / 100.0),
+                   history::absent};
+    return made;
+}
+
+/* A field of a module, without the blanks that fill it up. */
+static std::string text_of(const char *field)
+{
+    const std::string text = escape(field);
+    const size_t end = text.find_last_not_of(' ');
+    return end == std::string::npos ? "" : text.substr(0, end + 1);
+}
+
+void history_keeper::take(const port_state &read)
+{
+    if (!read.info || !read.reading)
+        return; /* whose values these are isn't known yet */
+    history::occupant from{read.number, read.interface, text_of(read.info->vendor_name),
+                           text_of(read.info->vendor_pn), text_of(read.info->vendor_sn)};
+    post({clocks_now(), reading{std::move(from), record_of(read)}}, false);
+}
+
+void history_keeper::note(const exporter::event &happened)
+{
+    const auto port = port_of(happened);
+    noted given{port ? int64_t{*port} : history::no_port, change_text(happened.kind), "", false};
+    if (const auto *server = std::get_if<server_change>(&happened.record)) {
+        given.kind = server->connected ? "restored" : "lost";
+    } else if (const auto *info = std::get_if<tesk_client_sfp_info>(&happened.record)) {
+        given.text = describe(*info);
+        given.is_empty = info->type == TESK_CLIENT_SFP_NOT_PRESENT;
+    } else {
+        given.text = describe(std::get<tesk_client_port_status>(happened.record));
+    }
+    if (port && happened.kind == change::initial)
+        given.kind.clear(); /* a state that was found: nothing happened */
+    post({clocks_now(), std::move(given)}, false);
+}
+
+uint64_t history_keeper::ask(const history_question &asked)
+{
+    post({clocks_now(), question{++questions_, asked}}, true);
+    return questions_;
+}
+
+std::vector<history_answer> history_keeper::take_answers()
+{
+    eventfd_t count = 0;
+    eventfd_read(answer_fd_, &count);
+    const std::lock_guard lock(mutex_);
+    return std::exchange(answers_, {});
+}
+
+void history_keeper::take(const reading &given, const history::clocks &when)
+{
+    chronicle_.take(given.from, given.measured, when);
+}
+
+void history_keeper::take(const noted &given, const history::clocks &when)
+{
+    if (!given.kind.empty())
+        chronicle_.note(given.port, given.kind, given.text, when);
+    if (given.is_empty)
+        chronicle_.vacate(static_cast<uint32_t>(given.port));
+}
+
+void history_keeper::take(const question &given, const history::clocks &when)
+{
+    history_answer made{given.id, 200, ""};
+    if (!chronicle_.trouble().empty())
+        made = {given.id, 503, "there is no history: " + chronicle_.trouble()};
+    else if (given.asked.what == history_question::kind::modules)
+        made.text = modules_json(chronicle_);
+    else
+        made.text = history_json(chronicle_, given.asked.port, given.asked.of, when.boot);
+    if (made.text.empty() && !given.asked.is_followed)
+        made = {given.id, 404, "there is no such port, and was none"};
+    const std::lock_guard lock(mutex_);
+    answers_.push_back(std::move(made));
+    eventfd_write(answer_fd_, 1);
+}
+
+void history_keeper::process(const std::vector<input> &inputs)
+{
+    for (const input &each : inputs) {
+        chronicle_.advance(each.when);
+        std::visit([&](const auto &what) { take(what, each.when); }, each.what);
+    }
+}
+
+void history_keeper::run()
+{
+    const auto take_all = [this] {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(inputs_, {});
+    };
+    while (!thread_.must_stop()) {
+        process(take_all());
+        chronicle_.advance(clocks_now());
+        is_well_ = chronicle_.trouble().empty() && chronicle_.write_trouble().empty();
+        eventfd_t count = 0;
+        if (thread_.wait(wake_fd_, look_pause))
+            eventfd_read(wake_fd_, &count);
+    }
+    process(take_all());
+    chronicle_.close(clocks_now());
+}
+
+} // namespace exporter

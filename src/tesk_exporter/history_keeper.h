@@ -1,0 +1,104 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* history_keeper - the thread that keeps the history: the only one that uses its file. Readings and
+   events go in, questions too; answers come out. What the thread can't take in time, as with a disk
+   that hangs, is dropped, and counted. */
+#pragma once
+
+#include "history/chronicle.h"
+#include "tesk_exporter/event_ring.h"
+#include "tesk_exporter/model.h"
+#include "tesk_exporter/worker.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace exporter
+{
+
+/* The question of an HTTP request. */
+struct history_question {
+    enum class kind { port, modules };
+    kind what;
+    uint32_t port;     /* for kind::port */
+    history::level of; /* likewise */
+    bool is_followed;  /* likewise: the port is known, even if it has no history */
+};
+
+struct history_answer {
+    uint64_t id;     /* of the question */
+    unsigned status; /* of HTTP; the text is JSON where it is 200 */
+    std::string text;
+};
+
+class history_keeper
+{
+  public:
+    /* Starts at once. `limit` in bytes. Throws std::system_error. */
+    history_keeper(const std::string &folder, int64_t limit);
+    ~history_keeper();
+    history_keeper(const history_keeper &) = delete;
+    history_keeper &operator=(const history_keeper &) = delete;
+
+    /* All below: the main thread. */
+    void take(const port_state &read); /* its latest reading */
+    void note(const exporter::event &happened);
+    /* The id of the answer to come. */
+    uint64_t ask(const history_question &asked);
+    std::vector<history_answer> take_answers();
+    /* Readable while there are answers. */
+    int fd() const
+    {
+        return answer_fd_;
+    }
+    /* Whether it is open and can be written. */
+    bool is_well() const
+    {
+        return is_well_;
+    }
+    /* Readings and events that were dropped. */
+    uint64_t lost() const
+    {
+        return lost_;
+    }
+
+  private:
+    struct reading {
+        history::occupant from;
+        history::record measured;
+    };
+    struct noted {
+        int64_t port;
+        std::string kind, text; /* no kind: nothing to record */
+        bool is_empty;          /* the port has no module now */
+    };
+    struct question {
+        uint64_t id;
+        history_question asked;
+    };
+    struct input {
+        history::clocks when;
+        std::variant<reading, noted, question> what;
+    };
+
+    void post(input given, bool is_urgent);
+    void run();
+    void process(const std::vector<input> &inputs);
+    void take(const reading &given, const history::clocks &when);
+    void take(const noted &given, const history::clocks &when);
+    void take(const question &given, const history::clocks &when);
+
+    static constexpr size_t capacity = 32'768;
+    static constexpr size_t wake_at = 4'096;
+
+    const int wake_fd_, answer_fd_;
+    std::mutex mutex_;
+    std::vector<input> inputs_;
+    std::vector<history_answer> answers_;
+    uint64_t questions_ = 0;
+    std::atomic<bool> is_well_{false};
+    std::atomic<uint64_t> lost_{0};
+    history::chronicle chronicle_; /* of the thread */
+    worker thread_;                /* the last: it uses all the others */
+};
+
+} // namespace exporter

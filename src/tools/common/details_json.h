@@ -1,0 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* details_json - the details of a port as a JSON object: the same keys each time, in the same
+   order, and null where there is no value. docs/protocol.md lists the keys. Texts of modules are
+   escaped to ASCII. No state. */
+#pragma once
+
+#include "tesk_client/tesk_details.h"
+#include "tools/common/json_records.h"
+
+/* Ages are counted up to `now`, in nanoseconds of CLOCK_BOOTTIME. */
+json_object to_json(const dolm_ric_details_record &record, int64_t now);

@@ -1,0 +1,26 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* module_view - the details of a port on one screen. No state. */
+#pragma once
+
+#include "tesk_client/tesk_details.h"
+
+#include <string>
+#include <vector>
+
+struct module_style {
+    bool coloured = false;
+    bool has_unicode = false; /* the terminal can show more than ASCII */
+    size_t width = 0;         /* 0: no limit */
+};
+
+/* The lines for people: identity, link, a table of the values, conditions, VDM and costs. `name` is
+   the port's in the port map, and may be empty. Ages are counted up to `now`, in nanoseconds of
+   CLOCK_BOOTTIME. */
+std::vector<std::string> module_lines(const dolm_ric_details_record &record,
+                                      const std::string &name, int64_t now,
+                                      const module_style &style);
+
+/* Where a value stands between its alarm limits, in `cells` characters: the warning limits are '+',
+   the value '#', '<' or '>' beyond the alarm limits. Empty without value or usable limits. */
+std::string limits_bar(const dolm_ric_details_value &value, const dolm_ric_details_limits &limits,
+                       bool is_logarithmic, size_t cells);

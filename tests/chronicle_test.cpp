@@ -1,0 +1,349 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The history on a clock of the test's own, in a folder of its own. */
+#include "history/chronicle.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace history;
+namespace fs = std::filesystem;
+
+/* The calls with which SQLite writes are ours: they end the process, or find a full disk. */
+static int calls_left;
+static bool is_full;
+static size_t bytes_written, syncs;
+
+static bool may_write()
+{
+    if (calls_left > 0 && --calls_left == 0)
+        raise(SIGKILL);
+    errno = ENOSPC;
+    return !is_full;
+}
+
+extern "C" ssize_t pwrite64(int fd, const void *from, size_t size, off64_t at)
+{
+    bytes_written += size;
+    if (calls_left == 1) /* the first half arrives */
+        syscall(SYS_pwrite64, fd, from, size / 2, at);
+    return may_write() ? syscall(SYS_pwrite64, fd, from, size, at) : -1;
+}
+
+extern "C" int fdatasync(int fd)
+{
+    syncs++;
+    return may_write() ? static_cast<int>(syscall(SYS_fdatasync, fd)) : -1;
+}
+
+namespace
+{
+
+constexpr int64_t day = 86400, begin = 20'000 * day;
+
+static int boxes;
+
+/* A box: its folder, its clocks, what it was told. */
+struct box {
+    std::string folder = fmt::format("/dev/shm/tesk-chronicle-{}-{}", getpid(), boxes++);
+    clocks now{begin, 1000};
+    std::vector<std::string> told{};
+    std::optional<chronicle> kept{};
+    std::string serial = "S1";
+    int64_t limit = int64_t{256} << 20;
+
+    box()
+    {
+        fs::remove_all(folder);
+    }
+    ~box()
+    {
+        fs::remove_all(folder);
+    }
+    void start()
+    {
+        kept.emplace(chronicle::settings{
+            folder, limit, [this](const std::string &text) { told.push_back(text); }, nullptr});
+        kept->advance(now);
+    }
+    void stop()
+    {
+        kept->close(now);
+        kept.reset();
+    }
+    void pass(int64_t seconds)
+    {
+        now.wall += seconds;
+        now.boot += seconds;
+    }
+    /* Reads `ports` once in each step of the time. */
+    void run(int64_t seconds, uint32_t ports = 1, int16_t value = 100)
+    {
+        for (int64_t i = 0; i < seconds / 300; i++) {
+            for (uint32_t port = 0; port < ports; port++)
+                kept->take({port, "eth0", "V", "P", port == 0 ? serial : std::to_string(port)},
+                           {100, {value, 16500, -1000, -1200, 600, absent}, {}, {}}, now);
+            pass(300);
+            kept->advance(now);
+        }
+    }
+    /* Times as shown, and middles of the temperature. */
+    std::vector<std::pair<int64_t, int16_t>> rows(level of)
+    {
+        std::vector<std::pair<int64_t, int16_t>> found;
+        kept->read_all(of, 0, INT32_MAX, [&](int64_t number, int64_t id, const record &each) {
+            if (id == 1)
+                found.emplace_back(kept->time().wall_of(number * level_seconds[of]),
+                                   each.middle[0]);
+        });
+        return found;
+    }
+};
+
+bool is_rising(const std::vector<std::pair<int64_t, int16_t>> &rows)
+{
+    return std::ranges::adjacent_find(
+               rows, [](auto one, auto other) { return one.first >= other.first; }) == rows.end();
+}
+
+} // namespace
+
+TEST(chronicle, keeps_rows_in_all_kinds_and_both_ways)
+{
+    record kept{80, {1, 2, 3, 4, 5, absent, 6, 7, 8, absent}, {}, {}};
+    EXPECT_EQ(decode(encode(kept, false))->middle, kept.middle);
+    kept.middle[5] = 9; /* an error ratio */
+    accumulator sum;
+    for (const int16_t value : row{30, 10, 20}) {
+        kept.middle[0] = value;
+        sum.add(kept);
+    }
+    const record made = *decode(encode(sum.finish(), true));
+    EXPECT_EQ(std::tie(made.least[0], made.middle[0], made.greatest[0], made.middle[5], made.link),
+              std::make_tuple(10, 20, 30, 9, 80));
+    for (const char *bad : {"", "\x01", "\x01\x50zz", "\x7f\x50"})
+        EXPECT_FALSE(decode(bad));
+}
+
+TEST(chronicle, has_steps_hours_and_days_after_restarts)
+{
+    box on;
+    on.start();
+    for (int i = 0; i < 30; i++) { /* restarts within hours, and within steps */
+        on.run(7500, 1, static_cast<int16_t>(100 + i));
+        on.pass(10);
+        on.stop();
+        on.start();
+    }
+    on.run(day, 2);
+    EXPECT_TRUE(is_rising(on.rows(steps)));
+    EXPECT_EQ(on.rows(hours).size() / 10, (62 + 24) / 10);
+    EXPECT_EQ(on.rows(days).front(), std::pair(begin, int16_t{106}));
+    EXPECT_EQ(on.kept->places().size(), 2);
+    on.run(3 * day);
+    EXPECT_EQ(on.rows(steps).front().first / 3600, (on.now.wall - 2 * day) / 3600);
+    EXPECT_TRUE(on.told.empty()) << on.told[0];
+}
+
+/* A module that moves takes its place's rows with it, and is known in both ports. */
+TEST(chronicle, records_changes_of_modules)
+{
+    box on;
+    on.start();
+    on.run(1200);
+    on.kept->note(0, "removed", "", on.now);
+    on.kept->vacate(0);
+    EXPECT_EQ(on.kept->occupant_of(0), 0);
+    on.serial = "S2";
+    on.run(1200);
+    on.serial = "S1";
+    on.run(1200);
+    EXPECT_EQ(on.kept->occupant_of(0), 1);
+    for (int i = 0; i < 1000; i++) /* a port that flaps */
+        on.kept->note(0, "down", "", on.now);
+    on.run(300);
+    const auto events = on.kept->events(0, 0, 1000);
+    EXPECT_EQ(events.size(), 34);
+    EXPECT_EQ(events.front().kind, "removed");
+    EXPECT_EQ(events.back().text, "968 more changes within a minute");
+    EXPECT_EQ(on.rows(steps).size(), 9);
+}
+
+/* Whatever the clock does, each step is there once, and in order as shown. */
+TEST(chronicle, survives_a_clock_that_jumps)
+{
+    struct jump {
+        int64_t by;
+        bool is_restart;
+    };
+    static const std::vector<jump> cases[] = {
+        {{3600, false}, {-3600, false}},
+        {{-7200, true}, {7200, false}}, /* found after a start, then set right */
+        {{-30 * 365 * day, true}, {30 * 365 * day, false}, {0, true}}, /* no battery */
+        {{300 * day, true}, {-300 * day, false}, {0, true}},
+        {{-30, true}, {45, false}, {-90, true}, {20 * day, true}},
+    };
+    for (const auto &jumps : cases) {
+        box on;
+        on.start();
+        on.run(6000);
+        for (const auto &[by, is_restart] : jumps) {
+            if (is_restart)
+                on.stop();
+            on.now.wall += by;
+            if (is_restart)
+                on.start();
+            on.run(6000);
+        }
+        const auto rows = on.rows(steps);
+        EXPECT_TRUE(is_rising(rows));
+        EXPECT_GE(rows.size(), 20 * (jumps.size() + 1) - jumps.size());
+        EXPECT_LE(std::abs(rows.back().first + 300 - on.now.wall), 300);
+        EXPECT_GE(on.kept->events(std::nullopt, 0, 100).size(), 2);
+        EXPECT_TRUE(on.told.empty());
+    }
+}
+
+/* The end of the process at each system call that writes: what was committed before is there. */
+TEST(chronicle, loses_nothing_that_was_committed)
+{
+    int killed = 0;
+    for (int call = 1;; call++) {
+        box on;
+        on.start();
+        on.run(3600);
+        on.stop();
+        const pid_t child = fork();
+        if (child == 0) {
+            calls_left = call;
+            on.start();
+            on.run(4500);
+            on.stop();
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        on.start();
+        const auto rows = on.rows(steps);
+        EXPECT_GE(rows.size(), 12) << "killed at call " << call;
+        EXPECT_TRUE(is_rising(rows));
+        EXPECT_TRUE(on.told.empty()) << on.told[0];
+        if (WIFEXITED(status))
+            break;
+        killed++;
+    }
+    EXPECT_GT(killed, 40);
+}
+
+TEST(chronicle, goes_on_in_memory_while_the_disk_is_full)
+{
+    box on;
+    on.start();
+    on.run(3600);
+    is_full = true;
+    on.run(7200);
+    EXPECT_EQ(on.told.size(), 1);
+    EXPECT_FALSE(on.kept->write_trouble().empty());
+    size_t seen = 0;
+    on.kept->read(steps, 1, 0, INT32_MAX, [&](int64_t, const record &) { seen++; });
+    EXPECT_EQ(seen, 36);
+    is_full = false;
+    on.run(600);
+    EXPECT_EQ(on.told.size(), 2);
+    EXPECT_EQ(on.rows(steps).size(), 38);
+}
+
+/* A file that was cut at any page, that is none, that can't be written, or is of a newer version.
+ */
+TEST(chronicle, sets_a_bad_file_aside_and_leaves_a_newer_one_alone)
+{
+    box on;
+    on.start();
+    on.run(day);
+    on.stop();
+    const std::string path = on.folder + "/history.db";
+    const auto good = fs::file_size(path);
+    fs::copy(path, path + ".good");
+    const auto begin_with = [&](uintmax_t size, const std::function<void()> &spoil) {
+        fs::copy(path + ".good", path, fs::copy_options::overwrite_existing);
+        fs::remove(path + "-wal");
+        fs::resize_file(path, size);
+        spoil();
+        on.told.clear();
+        on.start();
+        on.run(day / 8);
+        on.rows(steps);
+        on.kept->events(std::nullopt, 0, 100);
+        on.run(600);
+        const bool is_kept = on.kept->trouble().empty();
+        on.stop();
+        return is_kept;
+    };
+    for (uintmax_t size = 0; size < good; size += 4096) {
+        EXPECT_TRUE(begin_with(size, [] {})) << size;
+        EXPECT_EQ(on.told.size(), size == 0 ? 0 : 1) << size;
+    }
+    EXPECT_TRUE(begin_with(good, [&] { std::ofstream(path) << "no history"; }));
+    EXPECT_EQ(on.told.size(), 1);
+    const auto kept_files = std::distance(fs::directory_iterator(on.folder), {});
+    EXPECT_LE(kept_files, 6); /* one that was set aside */
+    EXPECT_FALSE(begin_with(good, [&] { database(path).run("PRAGMA user_version = 9"); }));
+    EXPECT_EQ(on.told.size(), 1);
+    EXPECT_NE(on.told[0].find("version 9"), std::string::npos);
+}
+
+TEST(chronicle, gives_a_second_exporter_nothing_until_the_first_ends)
+{
+    box on, other;
+    other.folder = on.folder;
+    on.start();
+    other.start();
+    other.run(300);
+    EXPECT_EQ(other.told.size(), 1);
+    EXPECT_NE(other.told[0].find("another exporter"), std::string::npos);
+    on.stop();
+    other.run(300);
+    EXPECT_TRUE(other.kept->trouble().empty());
+    EXPECT_EQ(other.told.size(), 2);
+}
+
+/* The limit is kept by dropping the oldest, also when it was lowered. */
+TEST(chronicle, stays_below_its_limit)
+{
+    box on;
+    on.start();
+    on.run(2 * day, 900);
+    on.stop();
+    const auto size = fs::file_size(on.folder + "/history.db");
+    EXPECT_GT(size, 12 << 20);
+    on.limit = 16 << 20;
+    on.start();
+    on.run(day / 2, 900);
+    const auto rows = on.rows(steps);
+    EXPECT_EQ(rows.back().first + 300, on.now.wall);
+    on.stop();
+    EXPECT_LE(fs::file_size(on.folder + "/history.db"), 12 << 20);
+    EXPECT_TRUE(on.told.empty());
+}
+
+/* Flash wears: the bytes and syncs of 512 idle ports, with all that a day costs. */
+TEST(chronicle, writes_little)
+{
+    box on;
+    on.start();
+    on.run(2 * day, 512);
+    bytes_written = syncs = 0;
+    on.run(day, 512);
+    EXPECT_LE(bytes_written / 1440, 40 * 1024);
+    EXPECT_LE(syncs, 1440);
+    RecordProperty("bytes_a_minute", static_cast<int>(bytes_written / 1440));
+    RecordProperty("syncs_a_day", static_cast<int>(syncs));
+}

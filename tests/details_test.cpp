@@ -1,0 +1,288 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The details of ports: their writer beside their reader, and what is made of a module's memory. */
+#include "platform/dolm_ric/details_record.h"
+#include "platform/dolm_ric/linux/module_details.h"
+#include "platform/dolm_ric/port_details.h"
+#include "tesk_client/tesk_details.h"
+#include "testkit/modules/module_images.h"
+#include "testkit/processes/processes.h"
+#include "testkit/texts.h"
+#include "util/deadline.h"
+
+#include <atomic>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace linux_board;
+using record_type = dolm_ric_details_record;
+namespace fs = std::filesystem;
+
+namespace
+{
+
+struct details_test : testing::Test {
+    tesk_details_result open()
+    {
+        tesk_details_close(reader);
+        return tesk_details_open(path.c_str(), &reader);
+    }
+    ~details_test() override
+    {
+        tesk_details_close(reader);
+    }
+    /* Overwrites a part of the file, as nobody should. */
+    template <typename value_type>
+    void spoil(off_t offset, value_type value) const
+    {
+        const util::descriptor file(::open(path.c_str(), O_WRONLY));
+        EXPECT_EQ(pwrite(file.get(), &value, sizeof(value), offset), ssize_t{sizeof(value)});
+    }
+    testkit::directory folder;
+    const std::string path = folder.path + "/details";
+    board::port_details writer;
+    tesk_details *reader = nullptr;
+    record_type record = {};
+};
+
+} // namespace
+
+/* All counters of a record are those of one update. */
+static void fill(record_type &record, uint64_t number)
+{
+    record.lane_count = DOLM_RIC_DETAILS_LANES;
+    record.vdm_count = number % 2 == 0 ? DOLM_RIC_DETAILS_VDM : 1;
+    record.cost.reads = number;
+    for (auto &lane : record.lane)
+        lane.value[2].flag[3].count = lane.signal[6].count = number;
+    record.vdm[0].value = record.vdm[record.vdm_count - 1].value = static_cast<double>(number);
+}
+
+TEST_F(details_test, a_reader_never_sees_half_a_record)
+{
+    writer.update(7, [](record_type &its) { fill(its, 1); });
+    writer.start(path);
+    ASSERT_EQ(open(), TESK_DETAILS_OK);
+    std::atomic<bool> is_over = false;
+    std::thread busy([&] {
+        for (uint64_t number = 2; !is_over; number++)
+            writer.update(7, [number](record_type &its) { fill(its, number); });
+    });
+    uint64_t last = 0;
+    for (int count = 0; count < (testkit::sanitized ? 300 : 3000); count++) {
+        ASSERT_EQ(tesk_details_read(reader, 7, &record), TESK_DETAILS_OK);
+        const uint64_t number = record.cost.reads;
+        ASSERT_GE(number, last);
+        for (const auto &lane : record.lane)
+            ASSERT_TRUE(lane.value[2].flag[3].count == number && lane.signal[6].count == number);
+        ASSERT_EQ(record.vdm[record.vdm_count - 1].value, static_cast<double>(number));
+        last = number;
+    }
+    is_over = true;
+    busy.join();
+    EXPECT_GT(last, 1u);
+}
+
+TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
+{
+    EXPECT_EQ(open(), TESK_DETAILS_NO_FILE);
+    writer.start(path);
+    writer.update(3, [](record_type &its) { its.cost.reads = 1; });
+    struct stat status = {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    ASSERT_EQ(open(), TESK_DETAILS_OK);
+    EXPECT_TRUE(tesk_details_is_newer(reader, &record));
+    ASSERT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
+    EXPECT_FALSE(tesk_details_is_newer(reader, &record));
+    writer.update(3, [](record_type &) {});
+    EXPECT_TRUE(tesk_details_is_newer(reader, &record));
+    for (const uint32_t port : {0u, 2u, 4u, 65534u, UINT32_MAX})
+        EXPECT_EQ(tesk_details_read(reader, port, &record), TESK_DETAILS_NO_PORT) << port;
+    EXPECT_EQ(tesk_details_port_limit(reader), 4u);
+
+    spoil(0, '\0');
+    tesk_details_close(std::exchange(reader, nullptr));
+    EXPECT_EQ(open(), TESK_DETAILS_NOT_DETAILS);
+    ASSERT_EQ(truncate(path.c_str(), 0), 0);
+    EXPECT_EQ(open(), TESK_DETAILS_TRUNCATED);
+    const util::deadline until(testkit::deadline);
+    while (open() != TESK_DETAILS_OK && !until.has_passed())
+        writer.update(3, [](record_type &) {}); /* which finds it so and makes another file */
+    EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
+
+    writer.stop();
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_NO_FILE);
+    writer.start(path);
+    ASSERT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
+    EXPECT_EQ(record.cost.reads, 1u);
+}
+
+TEST_F(details_test, what_is_no_file_of_a_living_board_is_refused_at_once)
+{
+    writer.start(path);
+    writer.update(0, [](record_type &) {});
+    const std::string good = testkit::read_file(path);
+    writer.stop();
+    const auto put = [&](std::string text) { std::ofstream(path) << text; };
+    const struct {
+        tesk_details_result result;
+        std::function<void()> make;
+    } cases[] = {
+        {TESK_DETAILS_NOT_DETAILS, [&] { mkfifo(path.c_str(), 0600); }},
+        {TESK_DETAILS_NOT_DETAILS, [&] { fs::create_directory(path); }},
+        {TESK_DETAILS_NOT_DETAILS, [&] { fs::create_symlink("/etc/passwd", path); }},
+        {TESK_DETAILS_NOT_DETAILS, [&] { put(std::string(4096, 'x')); }},
+        {TESK_DETAILS_TRUNCATED, [&] { put(good.substr(0, 63)); }},
+        {TESK_DETAILS_ENDED, [&] { put(good); }}, /* nobody holds its lock */
+        {TESK_DETAILS_OTHER_VERSION, [&] { put(good), spoil(8, uint32_t{2}); }},
+        {TESK_DETAILS_DAMAGED, [&] { put(good), spoil(16, uint32_t{1}); }},
+    };
+    for (const auto &its : cases) {
+        fs::remove(path);
+        its.make();
+        EXPECT_EQ(open(), its.result) << tesk_details_result_text(its.result);
+    }
+}
+
+TEST_F(details_test, a_record_that_contradicts_itself_or_stays_unfinished_is_not_given_out)
+{
+    writer.start(path);
+    writer.update(0, [](record_type &) {});
+    ASSERT_EQ(open(), TESK_DETAILS_OK);
+    constexpr off_t at = 4096;
+    spoil(at + offsetof(record_type, lane_count), uint32_t{17});
+    EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_DAMAGED);
+    writer.update(0, [](record_type &) {});
+    spoil(at + offsetof(record_type, port), uint32_t{1});
+    EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_DAMAGED);
+    spoil(at, uint64_t{3});
+    EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_BUSY);
+    ASSERT_EQ(truncate(path.c_str(), at + 100), 0);
+    spoil(at, uint64_t{4});
+    EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_TRUNCATED);
+}
+
+/* Reads all that the plan asks for, at a time in ns. */
+static module_memory read_at(const module_images::image &image, int64_t time)
+{
+    module_memory memory;
+    const auto at = module_memory::time_point(std::chrono::nanoseconds(time));
+    for (size_t done = 0; done < reading_plan(memory).size(); done++) {
+        const memory_range range = reading_plan(memory)[done].range;
+        memory.store(range, image.at(range), at);
+    }
+    return memory;
+}
+
+static void take(const module_images::image &image, int64_t time, record_type &record)
+{
+    const module_memory memory = read_at(image, time);
+    take_module(memory, decode_module(memory), {}, record);
+}
+
+TEST_F(details_test, flags_are_counted_once_for_each_reading)
+{
+    module_images::image sfp = module_images::sfp();
+    sfp.a2[112] = 0x80; /* high alarm of the temperature */
+    sfp.a2[110] = 0x02;
+    for (const int64_t time : {100, 100, 200})
+        take(sfp, time, record);
+    sfp.a2[112] = sfp.a2[110] = 0;
+    take(sfp, 300, record);
+    const dolm_ric_details_value &its = record.module_value[DOLM_RIC_TEMPERATURE];
+    const dolm_ric_details_flag &flag = its.flag[DOLM_RIC_FLAG_HIGH_ALARM];
+    EXPECT_TRUE(flag.count == 2 && flag.first_at == 100 && flag.last_at == 200 &&
+                its.read_at == 300);
+    const dolm_ric_details_condition &los = record.lane[0].signal[DOLM_RIC_RX_LOS];
+    EXPECT_TRUE(los.count == 2 && los.last_at == 200 && los.on == 0 &&
+                los.state == DOLM_RIC_VALUE_VALID);
+    EXPECT_STREQ(record.identity.encoding, "64B/66B");
+    EXPECT_STREQ(record.identity.compliance[0], "10GBASE-SR");
+    board::forget_module(DOLM_RIC_PRESENCE_EMPTY, DOLM_RIC_VALUE_EMPTY, record);
+    EXPECT_TRUE(its.state == DOLM_RIC_VALUE_EMPTY && flag.count == 0 && record.lane_count == 0);
+}
+
+TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
+{
+    module_images::image module = module_images::cmis();
+    module.a0.resize(49 * 128);
+    module.a0[128 + 142] |= 0x40;
+    module_images::put_page_sums(module.a0);
+    const auto put = [&](size_t page, size_t at, int value) {
+        module_images::put16(module.a0, page * 128 + at, value);
+    };
+    put(0x20, 128, 0x120f), put(0x24, 128, 16 << 11 | 240); /* set 1, lane 2, BER: 2.4e-6 */
+    put(0x20, 254, 0x0306), put(0x24, 254, 20 * 256);       /* lane 3 of the host, SNR */
+    put(0x28, 136, 20 << 11 | 1), put(0x28, 138, 0), put(0x28, 140, 14 << 11 | 1);
+    take(module, 100, record);
+    ASSERT_EQ(record.vdm_count, 2u);
+    const dolm_ric_details_vdm &ber = record.vdm[0], &snr = record.vdm[1];
+    EXPECT_TRUE(ber.kind == DOLM_RIC_VDM_PRE_FEC_BER_CURRENT && ber.side == DOLM_RIC_SIDE_MEDIA &&
+                ber.lane == 2 && ber.read_at == 100 && ber.grade == DOLM_RIC_GRADE_HIGH_WARNING);
+    EXPECT_DOUBLE_EQ(ber.value, 240e-8);
+    EXPECT_DOUBLE_EQ(ber.limits.high_alarm, 1e-4);
+    EXPECT_TRUE(snr.kind == DOLM_RIC_VDM_SNR && snr.side == DOLM_RIC_SIDE_HOST && snr.lane == 3 &&
+                snr.value == 20 && snr.limits.state == DOLM_RIC_VALUE_NOT_SUPPORTED);
+}
+
+TEST_F(details_test, what_is_missing_has_its_reason)
+{
+    using image = module_images::image;
+    const struct {
+        const char *what;
+        image (*make)();
+        uint32_t module_value, lane_value, limits;
+    } cases[] = {
+        {"whole", [] { return module_images::qsfp(); }, DOLM_RIC_VALUE_VALID, DOLM_RIC_VALUE_VALID,
+         DOLM_RIC_VALUE_VALID},
+        {"none", [] { return module_images::sfp(0); }, DOLM_RIC_VALUE_NOT_SUPPORTED,
+         DOLM_RIC_VALUE_NOT_SUPPORTED, DOLM_RIC_VALUE_NOT_SUPPORTED},
+        {"wrong sum of limits",
+         [] {
+             image made = module_images::sfp();
+             made.a2[95]++;
+             return made;
+         },
+         DOLM_RIC_VALUE_VALID, DOLM_RIC_VALUE_VALID, DOLM_RIC_VALUE_WRONG_CHECKSUM},
+        {"blank",
+         [] {
+             image made = module_images::sfp();
+             std::fill(made.a2.begin() + 96, made.a2.end(), uint8_t{0});
+             return made;
+         },
+         DOLM_RIC_VALUE_DOUBTFUL, DOLM_RIC_VALUE_DOUBTFUL, DOLM_RIC_VALUE_DOUBTFUL},
+        {"low power",
+         [] {
+             image made = module_images::cmis();
+             made.a0[3] = 0x02;
+             return made;
+         },
+         DOLM_RIC_VALUE_VALID, DOLM_RIC_VALUE_NOT_READY, DOLM_RIC_VALUE_VALID},
+        {"copper",
+         [] {
+             image made = module_images::sfp();
+             made.a0[2] = 0x22, made.a0[3] = 0;
+             module_images::put_sum(made.a0, 0, 63);
+             return made;
+         },
+         DOLM_RIC_VALUE_VALID, DOLM_RIC_VALUE_NO_LIGHT, DOLM_RIC_VALUE_NO_LIGHT},
+    };
+    for (const auto &its : cases) {
+        record = {};
+        take(its.make(), 100, record);
+        EXPECT_EQ(record.module_value[DOLM_RIC_VOLTAGE].state, its.module_value) << its.what;
+        EXPECT_EQ(record.lanes_state, its.lane_value) << its.what;
+        EXPECT_EQ(record.lane_limits[DOLM_RIC_RX_POWER].state, its.limits) << its.what;
+    }
+    take(module_images::cmis(), 100, record);
+    EXPECT_EQ(record.lane_count, 16u);
+    EXPECT_EQ(record.lane[15].value[DOLM_RIC_TX_BIAS].value, 8.0);
+    lose_values(DOLM_RIC_VALUE_NO_ANSWER, record);
+    EXPECT_EQ(record.lane[15].value[DOLM_RIC_TX_BIAS].state, uint32_t{DOLM_RIC_VALUE_NO_ANSWER});
+    EXPECT_EQ(record.lane[15].value[DOLM_RIC_TX_BIAS].read_at, 100);
+}
