@@ -207,6 +207,29 @@ TEST_F(details_test, flags_are_counted_once_for_each_reading)
     EXPECT_TRUE(its.state == DOLM_RIC_VALUE_EMPTY && flag.count == 0 && record.lane_count == 0);
 }
 
+TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
+{
+    module_images::image module = module_images::cmis();
+    module.a0.resize(49 * 128);
+    module.a0[128 + 142] |= 0x40;
+    module_images::put_page_sums(module.a0);
+    const auto put = [&](size_t page, size_t at, int value) {
+        module_images::put16(module.a0, page * 128 + at, value);
+    };
+    put(0x20, 128, 0x120f), put(0x24, 128, 16 << 11 | 240); /* set 1, lane 2, BER: 2.4e-6 */
+    put(0x20, 254, 0x0306), put(0x24, 254, 20 * 256);       /* lane 3 of the host, SNR */
+    put(0x28, 136, 20 << 11 | 1), put(0x28, 138, 0), put(0x28, 140, 14 << 11 | 1);
+    take(module, 100, record);
+    ASSERT_EQ(record.vdm_count, 2u);
+    const dolm_ric_details_vdm &ber = record.vdm[0], &snr = record.vdm[1];
+    EXPECT_TRUE(ber.kind == DOLM_RIC_VDM_PRE_FEC_BER_CURRENT && ber.side == DOLM_RIC_SIDE_MEDIA &&
+                ber.lane == 2 && ber.read_at == 100 && ber.grade == DOLM_RIC_GRADE_HIGH_WARNING);
+    EXPECT_DOUBLE_EQ(ber.value, 240e-8);
+    EXPECT_DOUBLE_EQ(ber.limits.high_alarm, 1e-4);
+    EXPECT_TRUE(snr.kind == DOLM_RIC_VDM_SNR && snr.side == DOLM_RIC_SIDE_HOST && snr.lane == 3 &&
+                snr.value == 20 && snr.limits.state == DOLM_RIC_VALUE_NOT_SUPPORTED);
+}
+
 TEST_F(details_test, what_is_missing_has_its_reason)
 {
     using image = module_images::image;

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The memories of real modules, where they are at hand, beside what ethtool says of them. */
 #include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/module_details.h"
 #include "testkit/modules/ethtool_comparison.h"
 #include "testkit/modules/module_images.h"
 #include "testkit/texts.h"
@@ -14,6 +15,53 @@ static module_images::bytes read_bytes(const std::string &path)
 {
     const std::string text = testkit::read_file(path);
     return {text.begin(), text.end()};
+}
+
+/* Where the three layouts have tx bias, tx power and rx power, their limits, and LOS. */
+struct lane_layout {
+    uint32_t lanes;
+    size_t values[3], limits[3], los;
+};
+static constexpr lane_layout of_sfp = {1, {100, 102, 104}, {16, 24, 32}, 0};
+static constexpr lane_layout of_qsfp = {4, {42, 50, 34}, {568, 576, 560}, 3};
+static constexpr lane_layout of_cmis = {8, {2346, 2330, 2362}, {440, 432, 448}, 2323};
+
+/* Lanes, limits and LOS of a module that is calibrated internally, straight from its bytes. */
+static void compare_details(const std::string &name, const module_images::image &image)
+{
+    const module_memory memory = image.read();
+    dolm_ric_details_record record = {};
+    take_module(memory, decode_module(memory), {}, record);
+    const bool is_sfp = image.a0[0] == 3, is_cmis = image.a0[0] >= 0x18;
+    const lane_layout &its = is_sfp ? of_sfp : is_cmis ? of_cmis : of_qsfp;
+    const module_images::bytes &from = is_sfp ? image.a2 : image.a0;
+    if (record.lanes_state != DOLM_RIC_VALUE_VALID || (is_sfp && (image.a0[92] & 0x10) != 0))
+        return;
+    ASSERT_EQ(record.lane_count, its.lanes) << name;
+    const int los = is_sfp ? image.a2[110] >> 1 : from[its.los];
+    for (size_t kind = 0; kind < DOLM_RIC_LANE_VALUES; kind++) {
+        const int scale = is_cmis ? 1 << (from[288] >> 3 & 3) : 1;
+        const double step = kind == DOLM_RIC_TX_BIAS ? 0.002 * scale : 0.0001;
+        const auto is_at = [&](double value, size_t at) {
+            return std::abs(value - step * (from[at] << 8 | from[at + 1])) < 1e-9;
+        };
+        for (size_t lane = 0; lane < its.lanes; lane++) {
+            const auto &value = record.lane[lane].value[kind];
+            const auto &signal = record.lane[lane].signal[DOLM_RIC_RX_LOS];
+            EXPECT_TRUE(value.state != DOLM_RIC_VALUE_VALID ||
+                        is_at(value.value, its.values[kind] + 2 * lane))
+                << name << lane;
+            EXPECT_TRUE(signal.state != DOLM_RIC_VALUE_VALID ||
+                        static_cast<int>(signal.on) == (los >> lane & 1))
+                << name << lane;
+        }
+        const dolm_ric_details_limits &found = record.lane_limits[kind];
+        const size_t at = its.limits[kind];
+        EXPECT_TRUE(found.state != DOLM_RIC_VALUE_VALID ||
+                    (is_at(found.high_alarm, at) && is_at(found.low_alarm, at + 2) &&
+                     is_at(found.high_warning, at + 4) && is_at(found.low_warning, at + 6)))
+            << name << kind;
+    }
 }
 
 TEST(real_modules, say_what_ethtool_says)
@@ -40,6 +88,7 @@ TEST(real_modules, say_what_ethtool_says)
                 testkit::read_file(folder / "ethtool-6.1" / (name + ".txt"));
             for (const text_difference &its : compare_with_ethtool(name, contents, ethtool))
                 EXPECT_NE(its.why_ethtool_is_wrong, nullptr) << name << ": " << its.line;
+            compare_details(name, image);
             compared++;
         }
     }

@@ -377,6 +377,12 @@ TEST_F(teskctl_system, module_shows_what_is_there_and_says_why_the_rest_is_missi
          {"port 0  port0  ready", "part EX-10G-LR", "rx power     -3.77 dBm  -15.23",
           "lanes     not supported", "port 12  port12  not ready", "no answer"})
         EXPECT_NE(output.find(part), std::string::npos) << part << " in " << output;
+    run("pm 1; " TESK_BIN_DIR
+        "/teskboard set 1 rx-power.3=-16dBm rx-los.2=yes snr.0=18.5dB pre-fec-ber.1=1e-6");
+    run("module 1");
+    for (const char *part : {"rx power 2   -3.77 dBm ", "rx power 3   -16.02 dBm", "low alarm 1x",
+                             "rx los on lane 2 now, 1x", "media  0     18.50", "1.00e-06"})
+        EXPECT_NE(output.find(part), std::string::npos) << part << " in " << output;
     run("module 0 --watch --for 0.1");
     EXPECT_NE(output.find("|<+"), std::string::npos) << "beyond its limit in " << output;
     EXPECT_NE(output.find("low alarm"), std::string::npos) << output;

@@ -7,8 +7,9 @@
             print(change)
 
 AsyncSession has the same calls to be awaited, and `async for`. ports() reads the names of the
-board's ports. Failures are subclasses of TeskError."""
+board's ports, details() all that the board publishes of one. Failures are subclasses of TeskError."""
 from ._aio import AsyncSession, AsyncWatch
+from ._details import details
 from ._enums import (Action, Environment, HistoryKind, Kind, Level, Link, Measurement, PortState,
                      Presence, Result, SfpType)
 from ._errors import (BadPortMapError, ClosedError, DeadlineError, LostError, MisuseError,
@@ -29,5 +30,5 @@ __all__ = [
     "NoModuleError", "NoPortError", "NoPortMapError", "NoServerError", "Pm", "PortState",
     "PortStatus", "PortStatusRecord", "Presence", "RejectedError", "Result", "ServerLost",
     "ServerRestored", "Session", "SfpInfo", "SfpInfoRecord", "SfpType", "SubscriptionLost",
-    "TeskError", "Watch", "ports",
+    "TeskError", "Watch", "details", "ports",
 ]

@@ -110,7 +110,7 @@ EVENT_LOST, EVENT_RESTORED, EVENT_SUBSCRIPTION_LOST = range(3)
 
 
 def _declare(name: str, result: object, *arguments: object) -> None:
-    function = getattr(library, f"tesk_client_{name}")
+    function = getattr(library, name if name.startswith("tesk_") else f"tesk_client_{name}")
     function.restype = result
     function.argtypes = arguments
 
@@ -124,6 +124,11 @@ _declare("request", c_int, c_void_p, c_int, c_uint32, AnsweredCallback, c_void_p
 _declare("read_port_map", c_int, c_char_p, PortNamedCallback, c_void_p)
 _declare("error", c_char_p)
 _declare("text", c_char_p, c_int, c_uint32)
+_declare("tesk_details_open", c_int, c_char_p, POINTER(c_void_p))
+_declare("tesk_details_read", c_int, c_void_p, c_uint32, c_void_p)
+_declare("tesk_details_close", None, c_void_p)
+_declare("tesk_details_result_text", c_char_p, c_int)
+_declare("tesk_details_text", c_char_p, c_int, c_uint32)
 
 
 def last_error() -> str:

@@ -6,7 +6,7 @@ import re
 import subprocess
 
 import tesk_client
-from tesk_client import _enums, _library
+from tesk_client import _details, _enums, _library
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 HEADER = ROOT / "src/tesk_client/tesk_client.h"
@@ -18,13 +18,19 @@ NAMES = {re.sub(r"\B([A-Z])", r"_\1", name).lower(): value for name, value in va
          if isinstance(value, type) and issubclass(value, _enums.enum.IntEnum) and len(value)}
 ENUMERATIONS = [(value, name, PREFIXES.get(name, f"{name.upper()}_"))
                 for name, value in NAMES.items()]
-STRUCTURES = [value for value in vars(_library).values()
-              if isinstance(value, type) and issubclass(value, _library.ctypes.Structure)]
+
+
+def structures_of(module):
+    return [value for value in vars(module).values()
+            if isinstance(value, type) and issubclass(value, _library.ctypes.Structure)]
+
+
+STRUCTURES = structures_of(_library)
 
 
 def expressions():
     """What C must find equal to the numbers of the package."""
-    for structure in STRUCTURES:
+    for structure in STRUCTURES + structures_of(_details):
         name = structure.__doc__
         yield f"sizeof({name})", _library.ctypes.sizeof(structure)
         for field, *_ in structure._fields_:
@@ -44,10 +50,11 @@ def expressions():
 def test_every_size_offset_and_value_is_that_of_the_c_header(tmp_path):
     wanted = dict(expressions())
     source = tmp_path / "layout.c"
-    source.write_text('#include <stdio.h>\n#include "tesk_client/tesk_client.h"\nint main(void) {\n'
+    source.write_text('#include <stdio.h>\n#include "tesk_client/tesk_details.h"\n'
+                      '#include "tesk_client/tesk_client.h"\nint main(void) {\n'
                       + "".join(f'printf("%zu\\n", (size_t)({each}));\n' for each in wanted)
                       + "}\n")
-    subprocess.run(["cc", "-I", ROOT / "src", source, "-o", tmp_path / "layout"], check=True)
+    subprocess.run(["cc", "-I", ROOT / "src", "-I", ROOT / "src/platform/dolm_ric", source, "-o", tmp_path / "layout"], check=True)
     printed = subprocess.run([tmp_path / "layout"], capture_output=True, check=True).stdout
     assert dict(zip(wanted, map(int, printed.split()))) == wanted
 

@@ -3,6 +3,7 @@
 import concurrent.futures
 import ctypes
 import gc
+import json
 import os
 import signal
 import subprocess
@@ -11,7 +12,7 @@ import weakref
 import pytest
 
 import tesk_client as tesk
-from conftest import await_descriptors
+from conftest import BIN, await_descriptors, folder
 from tesk_client import _core, _feed
 from tesk_client._library import printable
 
@@ -214,3 +215,24 @@ def test_the_port_map_names_the_ports(tmp_path):
         tesk.ports(str(path))
     with pytest.raises(tesk.NoPortMapError):
         tesk.ports(tmp_path / "none")
+
+
+def test_details_are_those_of_teskctl(server):
+    path = f"{folder.name}/details"
+    for port in (0, 8, 12, 15):
+        shown = json.loads(subprocess.run(
+            [BIN / "teskctl", "--json", "module", str(port)], check=True, timeout=PATIENCE,
+            capture_output=True, env={**os.environ, "DOLM_RIC_DETAILS": path}).stdout)
+        del shown["time"], shown["event"]
+        assert without_ages(tesk.details(port, path)) == without_ages(shown)
+    with pytest.raises(tesk.NoPortError):
+        tesk.details(99, path)
+    with pytest.raises(tesk.NoServerError):
+        tesk.details(0, path + "-none")
+
+
+def without_ages(value):
+    if isinstance(value, dict):
+        return {key: None if key.endswith("age_s") else without_ages(member)
+                for key, member in value.items()}
+    return [without_ages(member) for member in value] if isinstance(value, list) else value

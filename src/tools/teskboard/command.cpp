@@ -107,6 +107,10 @@ static const char *example_of(board::field_kind kind)
         return "6.0mA, A, uA";
     case power:
         return "0.5mW, W, uW, -3dBm";
+    case decibels:
+        return "18.5dB";
+    case ratio:
+        return "1e-6";
     case text:
         return "bytes; \\xNN for those that are no text";
     default:
@@ -126,6 +130,9 @@ static std::string keys_help()
     for (const board::field &each : board::fields())
         if (!is_threshold(each.name))
             text += fmt::format("  {:<17} {}\n", each.name, example_of(each.kind));
+    text += "Of a lane, for the details of the port, as in rx-power.3:\n";
+    for (const board::field &each : board::lane_fields())
+        text += fmt::format("  {:<17} {}\n", std::string(each.name) + ".N", example_of(each.kind));
     return text + "Thresholds: KEY_low_alarm, KEY_low_warn, KEY_high_warn, KEY_high_alarm.";
 }
 

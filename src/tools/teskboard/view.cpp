@@ -18,18 +18,12 @@ namespace teskboard
 
 using board::field;
 using board::field_kind;
-
-static const field *find_field(std::string_view name)
-{
-    const auto all = board::fields();
-    const auto found = std::ranges::find(all, name, &field::name);
-    return found == all.end() ? nullptr : &*found;
-}
+using board::find_field;
 
 /* The kinds of measured values are adjacent in the enumeration. */
 static bool is_measure(const field &known)
 {
-    return known.kind >= field_kind::temperature && known.kind <= field_kind::power;
+    return known.kind >= field_kind::temperature && known.kind <= field_kind::ratio;
 }
 
 /* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
@@ -53,6 +47,10 @@ static std::string format_measure(field_kind kind, std::string_view raw)
         return fmt::format("{:g} V", value / 1e6);
     case field_kind::current:
         return fmt::format("{:g} mA", value / 1e3);
+    case field_kind::decibels:
+        return fmt::format("{:g} dB", value / 100);
+    case field_kind::ratio:
+        return fmt::format("{:.2e}", std::pow(10, -value / 1000));
     default:
         return value > 0
                    ? fmt::format("{:g} mW {:.1f} dBm", value / 1e3, 10 * std::log10(value / 1e3))
@@ -145,7 +143,7 @@ std::string format_port(const answer &port)
             continue;
         const std::string shown = known != nullptr ? format_value(*known, raw) : raw;
         text += fmt::format("  {:<17} {}\n", key, shown);
-        if (known == nullptr || !is_measure(*known))
+        if (known == nullptr || !is_measure(*known) || known->stride != 0)
             continue;
         for (const char *limit : {"low_alarm", "low_warn", "high_warn", "high_alarm"})
             text += fmt::format("    {:<15} {}\n", limit, value_in(port, key + "_" + limit));

@@ -5,6 +5,7 @@
    00h. Offsets are decimal as there. */
 #include "platform/dolm_ric/linux/module_family.h"
 #include "platform/dolm_ric/linux/module_speed.h"
+#include "platform/dolm_ric/linux/vdm.h"
 
 #include <algorithm>
 #include <bit>
@@ -176,6 +177,17 @@ static bool is_bank_wanted(const module_memory &memory)
            bank < bank_count(memory_view(memory, features_range));
 }
 
+static bool is_vdm_wanted(const module_memory &memory)
+{
+    return are_pages_wanted(memory) && has_vdm(memory);
+}
+
+template <uint8_t group>
+static bool is_group_wanted(const module_memory &memory)
+{
+    return is_vdm_wanted(memory) && group < vdm_group_count(memory);
+}
+
 /* One round of values fits into one packet to the reader, so the switches of the third and fourth
    bank are left out. */
 static constexpr plan_row cmis_plan[] = {
@@ -192,6 +204,19 @@ static constexpr plan_row cmis_plan[] = {
     {{off_range(0), reading_time::diagnostics, true}, is_bank_wanted<0>},
     {{off_range(1), reading_time::diagnostics, true}, is_bank_wanted<1>},
     {{firmware_range, reading_time::once, true}, is_more_wanted},
+    {{vdm_groups_range, reading_time::later, true}, is_vdm_wanted},
+    {{vdm_range(vdm_descriptors, 0), reading_time::later, true}, is_group_wanted<0>},
+    {{vdm_range(vdm_limits, 0), reading_time::later, true}, is_group_wanted<0>},
+    {{vdm_range(vdm_values, 0), reading_time::slowly, true}, is_group_wanted<0>},
+    {{vdm_range(vdm_descriptors, 1), reading_time::later, true}, is_group_wanted<1>},
+    {{vdm_range(vdm_limits, 1), reading_time::later, true}, is_group_wanted<1>},
+    {{vdm_range(vdm_values, 1), reading_time::slowly, true}, is_group_wanted<1>},
+    {{vdm_range(vdm_descriptors, 2), reading_time::later, true}, is_group_wanted<2>},
+    {{vdm_range(vdm_limits, 2), reading_time::later, true}, is_group_wanted<2>},
+    {{vdm_range(vdm_values, 2), reading_time::slowly, true}, is_group_wanted<2>},
+    {{vdm_range(vdm_descriptors, 3), reading_time::later, true}, is_group_wanted<3>},
+    {{vdm_range(vdm_limits, 3), reading_time::later, true}, is_group_wanted<3>},
+    {{vdm_range(vdm_values, 3), reading_time::slowly, true}, is_group_wanted<3>},
 };
 
 /* The fastest of the applications; four bytes each, the host interface first, up to one of 0xff. */

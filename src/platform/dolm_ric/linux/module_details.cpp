@@ -7,6 +7,7 @@
 
 #include "platform/dolm_ric/details_record.h"
 #include "platform/dolm_ric/linux/module_family.h"
+#include "platform/dolm_ric/linux/vdm.h"
 
 #include <algorithm>
 #include <array>
@@ -142,6 +143,10 @@ static uint32_t state_of_lanes(const module_memory &memory, const module_content
 static uint32_t state_of_limits(const module_memory &memory, const module_contents &contents,
                                 const measurement &its, uint32_t values)
 {
+    const bool are_zero = its.limits && its.limits->high_alarm == 0 && its.limits->low_alarm == 0 &&
+                          its.limits->high_warning == 0 && its.limits->low_warning == 0;
+    if (are_zero)
+        return DOLM_RIC_VALUE_NOT_SUPPORTED;
     if (its.limits)
         return its.limits->are_in_order() ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_DOUBTFUL;
     if (values != DOLM_RIC_VALUE_VALID)
@@ -425,11 +430,13 @@ void take_module(const module_memory &memory, const module_contents &contents,
     record.power_kind = contents.rx_power.lanes.empty() ? DOLM_RIC_POWER_UNKNOWN
                         : contents.has_average_power    ? DOLM_RIC_POWER_AVERAGE
                                                         : DOLM_RIC_POWER_OMA;
-    record.vdm_state = contents.family == module_family::cmis ? DOLM_RIC_VALUE_NOT_PUBLISHED
-                                                              : DOLM_RIC_VALUE_NOT_SUPPORTED;
     take_module_values(memory, contents, record);
     take_lane_values(memory, contents, view.stopped, record);
     take_signals(memory, contents, counted_at, record);
+    if (contents.family == module_family::cmis)
+        take_vdm(memory, record);
+    else
+        record.vdm_state = DOLM_RIC_VALUE_NOT_SUPPORTED;
 }
 
 void lose_values(uint32_t why, record_type &record)
@@ -445,8 +452,15 @@ void lose_values(uint32_t why, record_type &record)
             if (signal.state == DOLM_RIC_VALUE_VALID)
                 signal.state = why, signal.on = 0;
     }
+    for (auto &row : std::span(record.vdm).first(record.vdm_count)) {
+        row.state = why;
+        row.grade = DOLM_RIC_GRADE_NONE;
+        row.value = 0;
+    }
     if (record.lanes_state == DOLM_RIC_VALUE_VALID)
         record.lanes_state = why;
+    if (record.vdm_state == DOLM_RIC_VALUE_VALID)
+        record.vdm_state = why;
 }
 
 void set_presence(bool is_ready, uint32_t why, int64_t now, record_type &record)

@@ -35,6 +35,8 @@ enum class reading_time : uint8_t {
     once,        /* then never again, until another module is found */
     presence,    /* again each second: other bytes than before are another module */
     diagnostics, /* again as often as measured values are wanted, in one go with its neighbours */
+    later,       /* once, but the module is ready before */
+    slowly,      /* the same, and again each ten seconds, by itself */
 };
 
 /* An optional range that the module refuses (a NAK, a page that it lacks) is left out, the module

@@ -38,7 +38,10 @@ module_poller::time_point module_poller::polled::due_of(const reading_step &step
     const auto found = std::ranges::find(refused, step.range, &refused_range::range);
     if (found != refused.end())
         return found->due;
-    return memory.read_at(step.range) ? time_point::max() : time_point{};
+    const auto read_at = memory.read_at(step.range);
+    if (!read_at)
+        return time_point{};
+    return step.when == reading_time::slowly ? *read_at + slow_interval : time_point::max();
 }
 
 /* False if the range doesn't fit any more. */
@@ -241,8 +244,9 @@ module_poller::task module_poller::make_task(polled &port) const
         return port.find_refused(s.range) != nullptr;
     };
     if (made.kind == task_kind::identity)
-        add_if(
-            [&](const reading_step &s) { return !port.memory.read_at(s.range) && !is_refused(s); });
+        add_if([&](const reading_step &s) {
+            return is_part_of_identity(s) && !port.memory.read_at(s.range) && !is_refused(s);
+        });
     else if (!in_use)
         add_if([](const reading_step &) { return true; });
     if (made.kind == task_kind::diagnostics)

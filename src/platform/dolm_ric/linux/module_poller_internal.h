@@ -16,6 +16,14 @@ constexpr std::chrono::milliseconds look_interval{1000};
 constexpr std::chrono::seconds unlikely_interval{
     60}; /* for a port without a cage, or that only fails */
 
+/* Between two readings of a range that is read slowly. */
+constexpr std::chrono::seconds slow_interval{10};
+
+constexpr bool is_part_of_identity(const reading_step &step)
+{
+    return step.when != reading_time::later && step.when != reading_time::slowly;
+}
+
 /* An answer that the driver gives so often in a row is no disturbance any more. */
 constexpr uint32_t answers_when_empty = 2;
 constexpr uint32_t failures_when_broken = 5;

@@ -266,6 +266,10 @@ void module_poller::take_missing(polled &port, const task &done)
             return take_failure(port, error);
         }
         refuse(port, range);
+        if (port.memory.read_at(range)) {
+            port.memory.drop(range);
+            listener_.module_sampled(port.number, port.memory, decode_module(port.memory));
+        }
         port.look_due = std::min(port.look_due, now_() + confirm_time);
         return find_missing(port);
     }
@@ -277,7 +281,13 @@ void module_poller::take_missing(polled &port, const task &done)
         std::erase_if(port.refused, [&](const refused_range &one) { return one.range == range; });
     else
         refuse(port, range);
-    publish(port, decode_module(port.memory));
+    const module_contents contents = decode_module(port.memory);
+    const std::vector<reading_step> plan = reading_plan(port.memory);
+    const auto step = std::ranges::find(plan, range, &reading_step::range);
+    if (step != plan.end() && !is_part_of_identity(*step))
+        listener_.module_sampled(port.number, port.memory, contents);
+    else
+        publish(port, contents);
     find_missing(port);
 }
 

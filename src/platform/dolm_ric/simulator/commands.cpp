@@ -120,6 +120,14 @@ static std::string answer_heal(simulator &board, words args)
     return answer;
 }
 
+/* Only what the lane has of its own. */
+static void add_lane(std::string &answer, const field &source, uint32_t lane,
+                     const std::string &value)
+{
+    if (value != "0" && value != std::to_string(lane_values::as_module))
+        add_line(answer, std::string(source.name) + "." + std::to_string(lane), value);
+}
+
 /* Shows the first port of the list. */
 static std::string answer_show(simulator &board, words args)
 {
@@ -130,6 +138,9 @@ static std::string answer_show(simulator &board, words args)
     add_line(answer, "port", port);
     for (const field &source : fields())
         add_line(answer, source.name, board.value_of(port, source));
+    for (uint32_t lane = 0; lane < board.lane_count(port); lane++)
+        for (const field &source : lane_fields())
+            add_lane(answer, source, lane, board.value_of(port, source, lane));
     add_line(answer, "subscribed_port", board.events.subscribed(port, &subscriptions::port));
     add_line(answer, "subscribed_link", board.events.subscribed(port, &subscriptions::link));
     return answer;

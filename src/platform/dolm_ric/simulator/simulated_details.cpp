@@ -1,9 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A simulated module has one lane, whose values are those of the module. */
+/* A simulated module has one lane, or those for which values were set. What a lane doesn't have of
+   its own is that of the module. A module raises a flag in each reading that finds a value beyond
+   the limit; here each change of the port is a reading. */
 #include "platform/dolm_ric/simulator/simulated_details.h"
 
 #include "platform/dolm_ric/details_record.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -37,8 +40,65 @@ static void take_value(const diag_value &from, bool has_diagnostics, int64_t now
     limits.high_warning = has ? from.high_warning / from.unit : 0;
     limits.high_alarm = has ? from.high_alarm / from.unit : 0;
     to.grade = has ? grade_value(to.value, limits, true) : uint32_t{DOLM_RIC_GRADE_NONE};
-    if (has)
-        to.read_at = now;
+    if (!has)
+        return;
+    to.read_at = now;
+    const bool is_raised[] = {to.value<limits.low_warning, to.value> limits.high_warning,
+                              to.value<limits.low_alarm, to.value> limits.high_alarm};
+    for (uint32_t kind = 0; kind < DOLM_RIC_FLAGS; kind++) {
+        if (!is_raised[kind])
+            continue;
+        dolm_ric_details_flag &flag = to.flag[kind];
+        flag.first_at = flag.count++ == 0 ? now : flag.first_at;
+        flag.last_at = now;
+    }
+}
+
+static uint32_t lanes_of(const module_values &module)
+{
+    return std::max(module.lane_count, 1U);
+}
+
+/* The same measurement of each lane. */
+static void take_lanes(const diag_value &of_module, uint32_t lane_values::*own, uint32_t kind,
+                       const module_values &module, int64_t now, record_type &record)
+{
+    for (uint32_t lane = 0; lane < lanes_of(module); lane++) {
+        diag_value value = of_module;
+        if (const uint32_t set = module.lanes[lane].*own; set != lane_values::as_module)
+            value.value = set;
+        take_value(value, module.has_diagnostics != 0, now, record.lane[lane].value[kind],
+                   record.lane_limits[kind]);
+    }
+}
+
+static void add_vdm(uint32_t kind, uint32_t lane, double value, int64_t now, record_type &record)
+{
+    if (record.vdm_count == DOLM_RIC_DETAILS_VDM)
+        return;
+    dolm_ric_details_vdm &row = record.vdm[record.vdm_count++];
+    row = {};
+    row.kind = static_cast<uint8_t>(kind);
+    row.side = DOLM_RIC_SIDE_MEDIA;
+    row.lane = static_cast<uint8_t>(lane);
+    row.state = DOLM_RIC_VALUE_VALID;
+    row.read_at = now;
+    row.value = value;
+    row.limits.state = DOLM_RIC_VALUE_NOT_SUPPORTED;
+}
+
+static void take_vdm(const module_values &module, int64_t now, record_type &record)
+{
+    record.vdm_count = 0;
+    for (uint32_t lane = 0; lane < module.lane_count; lane++) {
+        const lane_values &its = module.lanes[lane];
+        if (its.snr != 0)
+            add_vdm(DOLM_RIC_VDM_SNR, lane, its.snr / 100.0, now, record);
+        if (its.pre_fec_ber != 0)
+            add_vdm(DOLM_RIC_VDM_PRE_FEC_BER_CURRENT, lane,
+                    std::pow(10, -static_cast<double>(its.pre_fec_ber) / 1000), now, record);
+    }
+    record.vdm_state = record.vdm_count != 0 ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NOT_SUPPORTED;
 }
 
 static void take_values(const module_values &module, int64_t now, record_type &record)
@@ -55,7 +115,6 @@ static void take_values(const module_values &module, int64_t now, record_type &r
                           static_cast<double>(value),
                           unit};
     };
-    auto &lane = record.lane[0].value;
     take_value(part(DOLM_SFP_DIAGCAP_TEMP, its.temperature_low_alarm, its.temperature_low_warn,
                     its.temperature_high_warn, its.temperature_high_alarm, its.temperature, 1e3),
                has, now, record.module_value[DOLM_RIC_TEMPERATURE],
@@ -64,42 +123,51 @@ static void take_values(const module_values &module, int64_t now, record_type &r
                     its.voltage_high_warn, its.voltage_high_alarm, its.voltage, 1e6),
                has, now, record.module_value[DOLM_RIC_VOLTAGE],
                record.module_limits[DOLM_RIC_VOLTAGE]);
-    take_value(part(DOLM_SFP_DIAGCAP_TXBIAS, its.txbias_low_alarm, its.txbias_low_warn,
+    take_lanes(part(DOLM_SFP_DIAGCAP_TXBIAS, its.txbias_low_alarm, its.txbias_low_warn,
                     its.txbias_high_warn, its.txbias_high_alarm, its.txbias, 1e3),
-               has, now, lane[DOLM_RIC_TX_BIAS], record.lane_limits[DOLM_RIC_TX_BIAS]);
-    take_value(part(DOLM_SFP_DIAGCAP_TXPOWER, its.txpower_low_alarm, its.txpower_low_warn,
+               &lane_values::tx_bias, DOLM_RIC_TX_BIAS, module, now, record);
+    take_lanes(part(DOLM_SFP_DIAGCAP_TXPOWER, its.txpower_low_alarm, its.txpower_low_warn,
                     its.txpower_high_warn, its.txpower_high_alarm, its.txpower, 1e3),
-               has, now, lane[DOLM_RIC_TX_POWER], record.lane_limits[DOLM_RIC_TX_POWER]);
-    take_value(part(DOLM_SFP_DIAGCAP_RXPOWER, its.rxpower_low_alarm, its.rxpower_low_warn,
+               &lane_values::tx_power, DOLM_RIC_TX_POWER, module, now, record);
+    take_lanes(part(DOLM_SFP_DIAGCAP_RXPOWER, its.rxpower_low_alarm, its.rxpower_low_warn,
                     its.rxpower_high_warn, its.rxpower_high_alarm, its.rxpower, 1e3),
-               has, now, lane[DOLM_RIC_RX_POWER], record.lane_limits[DOLM_RIC_RX_POWER]);
+               &lane_values::rx_power, DOLM_RIC_RX_POWER, module, now, record);
     for (const uint32_t kind : {DOLM_RIC_LASER_TEMPERATURE, DOLM_RIC_TEC_CURRENT})
         record.module_value[kind].state = record.module_limits[kind].state =
             DOLM_RIC_VALUE_NOT_SUPPORTED;
-    record.lane_count = has ? 1 : 0;
-    record.own_lanes = record.lane_count;
+    record.lane_count = has ? lanes_of(module) : 0;
+    record.own_lanes = (1U << record.lane_count) - 1;
     record.lanes_state = has ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NOT_SUPPORTED;
-    record.vdm_state = DOLM_RIC_VALUE_NOT_SUPPORTED;
+    take_vdm(module, now, record);
 }
 
-/* The status word has these two of a lane's conditions. */
+static void take_condition(bool is_on, int64_t now, dolm_ric_details_condition &to)
+{
+    to.state = DOLM_RIC_VALUE_VALID;
+    if (is_on && to.on == 0) {
+        to.count++;
+        to.first_at = to.first_at != 0 ? to.first_at : now;
+    }
+    to.last_at = is_on ? now : to.last_at;
+    to.on = is_on ? 1 : 0;
+}
+
+/* The module's status word has two conditions, which are those of all its lanes. A module without
+   lanes of its own has no others. */
 static void take_signals(const module_values &module, int64_t now, record_type &record)
 {
-    for (auto &signal : record.lane[0].signal)
-        signal.state = DOLM_RIC_VALUE_NOT_SUPPORTED;
-    const auto set = [&](uint32_t kind, uint32_t bit) {
-        dolm_ric_details_condition &to = record.lane[0].signal[kind];
-        const uint32_t on = (module.status.status & bit) != 0 ? 1 : 0;
-        to.state = DOLM_RIC_VALUE_VALID;
-        if (on > to.on) {
-            to.count++;
-            to.first_at = to.first_at != 0 ? to.first_at : now;
+    const uint32_t status = module.status.status;
+    const uint32_t of_all = ((status & 1) != 0 ? 1U << DOLM_RIC_RX_LOS : 0) |
+                            ((status & 2) != 0 ? 1U << DOLM_RIC_TX_FAULT : 0);
+    constexpr uint32_t known_to_all = 1U << DOLM_RIC_RX_LOS | 1U << DOLM_RIC_TX_FAULT;
+    for (uint32_t lane = 0; lane < lanes_of(module); lane++)
+        for (uint32_t kind = 0; kind < DOLM_RIC_SIGNALS; kind++) {
+            dolm_ric_details_condition &to = record.lane[lane].signal[kind];
+            if (module.lane_count != 0 || (known_to_all >> kind & 1) != 0)
+                take_condition(((of_all | module.lanes[lane].signals) >> kind & 1) != 0, now, to);
+            else
+                to.state = DOLM_RIC_VALUE_NOT_SUPPORTED;
         }
-        to.last_at = on != 0 ? now : to.last_at;
-        to.on = on;
-    };
-    set(DOLM_RIC_RX_LOS, 1);
-    set(DOLM_RIC_TX_FAULT, 2);
 }
 
 static void take_identity(const module_values &module, int64_t now, dolm_ric_details_identity &to)

@@ -7,6 +7,7 @@
 #include "platform/dolm_ric/details_record.h"
 #include "platform/dolm_ric/simulator/simulated_details.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <map>
 #include <utility>
@@ -182,9 +183,12 @@ class simulated_ports::writer
         if (copy)
             return copy;
         auto changed_copy = std::make_shared<module_values>(*before);
-        for (const setting &value : settings_)
+        for (const setting &value : settings_) {
             if (value.target->in_module)
                 write_setting(value, changed_copy.get());
+            if (value.target->stride != 0)
+                changed_copy->lane_count = std::max(changed_copy->lane_count, value.lane + 1);
+        }
         return copy = std::move(changed_copy);
     }
 
@@ -230,10 +234,15 @@ void simulated_ports::remove(const port_list &list)
     });
 }
 
-std::string simulated_ports::value_of(uint32_t port, const field &source) const
+uint32_t simulated_ports::lane_count(uint32_t port) const
+{
+    return slots_[port].module->lane_count;
+}
+
+std::string simulated_ports::value_of(uint32_t port, const field &source, uint32_t lane) const
 {
     const port_slot &slot = slots_[port];
-    return source.in_module ? read_field(source, slot.module.get())
+    return source.in_module ? read_field(source, slot.module.get(), lane)
                             : read_field(source, &slot.values);
 }
 

@@ -44,7 +44,9 @@ class simulated_ports : public port_source
     void remove(const port_list &list);
 
     /* The raw value of a field as text. */
-    std::string value_of(uint32_t port, const field &source) const;
+    std::string value_of(uint32_t port, const field &source, uint32_t lane = 0) const;
+    /* How many lanes have values of their own. */
+    uint32_t lane_count(uint32_t port) const;
 
   protected:
     /* The first ports have details; those of a very large board would take much memory. */

@@ -4,6 +4,8 @@
    module is one more row. */
 #include "platform/dolm_ric/simulator/vocabulary.h"
 
+#include "platform/dolm_ric/dolm_ric_details.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -107,7 +109,7 @@ static constexpr unit units[] = {
     {kind::temperature, "C", 1e3}, {kind::temperature, "°C", 1e3}, {kind::voltage, "V", 1e6},
     {kind::voltage, "mV", 1e3},    {kind::voltage, "uV", 1},       {kind::current, "A", 1e6},
     {kind::current, "mA", 1e3},    {kind::current, "uA", 1},       {kind::power, "W", 1e6},
-    {kind::power, "mW", 1e3},      {kind::power, "uW", 1},
+    {kind::power, "mW", 1e3},      {kind::power, "uW", 1},         {kind::decibels, "dB", 100},
 };
 
 static constexpr field make_field(std::string_view name, field_kind of, bool in_module,
@@ -167,7 +169,32 @@ constexpr field all_fields[] = {
     MEASUREMENT(rxpower, kind::power),
 };
 
+/* The member of lane 0; those of other lanes follow at the same distance. */
+#define LANE(name, of_kind, member, mask)                                                          \
+    field                                                                                          \
+    {                                                                                              \
+        name, of_kind, true,                                                                       \
+            static_cast<uint16_t>(offsetof(module_values, lanes) + offsetof(lane_values, member)), \
+            sizeof(lane_values::member), mask, sizeof(lane_values)                                 \
+    }
+
+constexpr field all_lane_fields[] = {
+    LANE("tx-bias", kind::current, tx_bias, 0),
+    LANE("tx-power", kind::power, tx_power, 0),
+    LANE("rx-power", kind::power, rx_power, 0),
+    LANE("rx-los", kind::flag, signals, 1u << DOLM_RIC_RX_LOS),
+    LANE("rx-lol", kind::flag, signals, 1u << DOLM_RIC_RX_LOL),
+    LANE("tx-los", kind::flag, signals, 1u << DOLM_RIC_TX_LOS),
+    LANE("tx-lol", kind::flag, signals, 1u << DOLM_RIC_TX_LOL),
+    LANE("tx-fault", kind::flag, signals, 1u << DOLM_RIC_TX_FAULT),
+    LANE("tx-off", kind::flag, signals, 1u << DOLM_RIC_TX_OFF),
+    LANE("rx-off", kind::flag, signals, 1u << DOLM_RIC_RX_OFF),
+    LANE("snr", kind::decibels, snr, 0),
+    LANE("pre-fec-ber", kind::ratio, pre_fec_ber, 0),
+};
+
 #undef PORT
+#undef LANE
 #undef MODULE
 #undef MEASUREMENT
 
@@ -229,6 +256,8 @@ static std::optional<double> read_measure(field_kind of, std::string_view text)
     if (error != std::errc())
         return std::nullopt;
     const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
+    if (of == field_kind::ratio && name.empty() && value > 0 && value < 1)
+        return -1000 * std::log10(value);
     /* The one unit that is not linear: decibels relative to a milliwatt. */
     if (of == field_kind::power && name == "dBm")
         return std::pow(10.0, value / 10) * 1e3;
@@ -250,6 +279,8 @@ static std::string values_of(field_kind of)
             words += "a number with " + std::string(known.name) + ", ";
     if (of == field_kind::power)
         words += "a number with dBm, ";
+    if (of == field_kind::ratio)
+        words += "a number between 0 and 1 such as 1e-6, ";
     return words + "a whole number";
 }
 
@@ -281,12 +312,37 @@ static uint32_t parse_value(const field &target, std::string_view text)
     return static_cast<uint32_t>(static_cast<int64_t>(rounded));
 }
 
+const field *find_field(std::string_view name)
+{
+    if (const size_t point = name.find('.'); point != name.npos) {
+        const auto *found = std::ranges::find(all_lane_fields, name.substr(0, point), &field::name);
+        return found == std::end(all_lane_fields) ? nullptr : found;
+    }
+    const auto *found = std::ranges::find(all_fields, name, &field::name);
+    return found == std::end(all_fields) ? nullptr : found;
+}
+
 static const field &parse_field(std::string_view name)
 {
-    const auto *found = std::ranges::find(all_fields, name, &field::name);
-    if (found == std::end(all_fields))
-        fail("no value is called " + quoted(name) + ": there are " + list_of_names(all_fields));
+    const field *found = find_field(name);
+    if (found == nullptr)
+        fail("no value is called " + quoted(name) + ": there are " + list_of_names(all_fields) +
+             ", and with the number of a lane, as in rx-power.3, " +
+             list_of_names(all_lane_fields));
     return *found;
+}
+
+/* The number behind the point; 0 for the name of a field that no lane has. */
+static uint32_t parse_lane(std::string_view name)
+{
+    const size_t point = name.find('.');
+    if (point == name.npos)
+        return 0;
+    const auto lane = parse_integer(name.substr(point + 1));
+    if (!lane || *lane < 0 || *lane >= lanes_at_most)
+        fail(quoted(name) + " names no lane: they have the numbers 0 to " +
+             std::to_string(lanes_at_most - 1));
+    return static_cast<uint32_t>(*lane);
 }
 
 std::string_view operation_name(operation op)
@@ -332,6 +388,11 @@ std::span<const field> fields()
     return all_fields;
 }
 
+std::span<const field> lane_fields()
+{
+    return all_lane_fields;
+}
+
 setting parse_setting(std::string_view text)
 {
     const size_t equals = text.find('=');
@@ -340,7 +401,7 @@ setting parse_setting(std::string_view text)
     const field &target = parse_field(text.substr(0, equals));
     const std::string_view value = text.substr(equals + 1);
     if (target.kind != field_kind::text)
-        return {&target, parse_value(target, value), {}};
+        return {&target, parse_value(target, value), {}, parse_lane(text.substr(0, equals))};
     std::string bytes = unescape(value);
     if (bytes.size() > target.size)
         fail(std::string(target.name) + " holds " + std::to_string(target.size) +
@@ -350,9 +411,9 @@ setting parse_setting(std::string_view text)
 
 std::vector<setting> parse_settings(std::span<const std::string_view> words)
 {
-    if (words.size() > fields().size())
-        fail("more values are set than a port has: " + std::to_string(fields().size()) +
-             " at most");
+    const size_t most = fields().size() + lane_fields().size() * lanes_at_most;
+    if (words.size() > most)
+        fail("more values are set than a port has: " + std::to_string(most) + " at most");
     std::vector<setting> settings;
     for (const std::string_view word : words)
         settings.push_back(parse_setting(word));
@@ -360,9 +421,10 @@ std::vector<setting> parse_settings(std::span<const std::string_view> words)
 }
 
 /* Copies bytes, as fields may be unaligned. */
-uint32_t read_number(const field &source, const void *values)
+uint32_t read_number(const field &source, const void *values, uint32_t lane)
 {
-    const auto *from = static_cast<const std::byte *>(values) + source.offset;
+    const auto *from =
+        static_cast<const std::byte *>(values) + source.offset + size_t{lane} * source.stride;
     if (source.size == 1)
         return std::to_integer<uint32_t>(*from);
     uint32_t number = 0;
@@ -374,7 +436,8 @@ uint32_t read_number(const field &source, const void *values)
 void write_setting(const setting &value, void *values)
 {
     const field &target = *value.target;
-    auto *to = static_cast<std::byte *>(values) + target.offset;
+    auto *to =
+        static_cast<std::byte *>(values) + target.offset + size_t{value.lane} * target.stride;
     if (target.kind == field_kind::text) {
         std::memset(to, 0, target.size);
         std::memcpy(to, value.bytes.data(), value.bytes.size());
@@ -393,14 +456,14 @@ void write_setting(const setting &value, void *values)
 }
 
 /* Trailing zeros of a text are padding. A speed is written as a code, as "10" would be a word. */
-std::string read_field(const field &source, const void *values)
+std::string read_field(const field &source, const void *values, uint32_t lane)
 {
     if (source.kind == field_kind::text) {
         std::string_view bytes(static_cast<const char *>(values) + source.offset, source.size);
         bytes = bytes.substr(0, bytes.find_last_not_of('\0') + 1);
         return escape(bytes, false);
     }
-    const uint32_t number = read_number(source, values);
+    const uint32_t number = read_number(source, values, lane);
     if (source.kind == field_kind::temperature)
         return std::to_string(static_cast<int32_t>(number));
     if (source.kind == field_kind::speed) {

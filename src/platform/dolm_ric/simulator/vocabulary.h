@@ -33,12 +33,27 @@ struct port_values {
     uint32_t link_state = 0;
     uint32_t link_speed = 0;
 };
+/* What a lane has of its own. */
+struct lane_values {
+    static constexpr uint32_t as_module = UINT32_MAX;
+    uint32_t tx_bias = as_module; /* in the units of dolm_ric_module_diag, as the next two */
+    uint32_t tx_power = as_module;
+    uint32_t rx_power = as_module;
+    uint32_t signals = 0;     /* bit n: condition n of enum dolm_ric_details_signal is there */
+    uint32_t snr = 0;         /* hundredths of a dB; 0: not measured, as the next one */
+    uint32_t pre_fec_ber = 0; /* thousandths of the decimal logarithm of its inverse */
+};
+inline constexpr uint32_t lanes_at_most = 16;
+
 struct module_values {
     uint32_t readable = 0;        /* if 0, getmoduleinfo and getmodulediag give -4 */
     uint32_t has_diagnostics = 0; /* if 0, getmodulediag gives -6 */
     dolm_ric_module_info info = {};
     dolm_ric_module_status status = {};
     dolm_ric_module_diag diag = {};
+    /* For the details only: no call of the library knows lanes. 0: one, as the module. */
+    uint32_t lane_count = 0;
+    std::array<lane_values, lanes_at_most> lanes = {};
 };
 
 enum class field_kind : uint8_t {
@@ -52,6 +67,8 @@ enum class field_kind : uint8_t {
     voltage,
     current,
     power,
+    decibels,
+    ratio,
     text,
 };
 
@@ -62,16 +79,22 @@ struct field {
     bool in_module; /* the offset is into module_values, else into port_values */
     uint16_t offset;
     uint16_t size;
-    uint32_t mask = 0; /* of a flag */
+    uint32_t mask = 0;   /* of a flag */
+    uint16_t stride = 0; /* of a lane's field: the distance to that of the next lane */
 };
 /* All fields, in the order in which a port is shown. */
 std::span<const field> fields();
+/* Those of each lane, which are named with its number: "rx-power.3". */
+std::span<const field> lane_fields();
+/* The field of that name, of either kind; null if there is none. */
+const field *find_field(std::string_view name);
 
 /* A field and its new value. */
 struct setting {
     const field *target;
     uint32_t number;   /* the raw value of all kinds but texts */
     std::string bytes; /* of a text */
+    uint32_t lane = 0; /* of a lane's field */
 };
 
 /* Parses "temperature=71.5C". A number without a unit is in the unit of the library's records. */
@@ -79,9 +102,9 @@ setting parse_setting(std::string_view text);
 /* Stores the value into the port_values or module_values that contains the field. */
 void write_setting(const setting &value, void *values);
 /* The raw value as text, which parse_setting can parse. */
-std::string read_field(const field &source, const void *values);
+std::string read_field(const field &source, const void *values, uint32_t lane = 0);
 /* The raw value of all kinds but texts; of a flag 0 or 1. */
-uint32_t read_number(const field &source, const void *values);
+uint32_t read_number(const field &source, const void *values, uint32_t lane = 0);
 /* The word for a raw value of this kind, such as "up"; empty if there is none. */
 std::string_view name_of_value(field_kind kind, uint32_t number);
 

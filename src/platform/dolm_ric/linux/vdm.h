@@ -1,0 +1,36 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* vdm - the versatile diagnostics of CMIS modules: up to four groups of 64 observed values, each
+   group with a page of descriptors, one of values and one of limits. Only running values are taken:
+   frozen ones need writes. Pure functions. */
+#pragma once
+
+#include "platform/dolm_ric/dolm_ric_details.h"
+#include "platform/dolm_ric/linux/module_memory.h"
+
+#include <cstdint>
+
+namespace linux_board
+{
+
+/* The first pages of the three kinds. */
+constexpr uint8_t vdm_descriptors = 0x20;
+constexpr uint8_t vdm_values = 0x24;
+constexpr uint8_t vdm_limits = 0x28;
+
+constexpr memory_range vdm_groups_range = {identity_address, 0, 0x2f, 128, 2};
+
+constexpr memory_range vdm_range(uint8_t first_page, uint8_t group)
+{
+    return {identity_address, 0, static_cast<uint8_t>(first_page + group), 128, 128};
+}
+
+/* Whether page 01h claims these pages. False while that page isn't known. */
+bool has_vdm(const module_memory &memory);
+
+/* 0 until it has been read. */
+uint8_t vdm_group_count(const module_memory &memory);
+
+/* Fills the rows of the record that have a descriptor, and says why there are none. */
+void take_vdm(const module_memory &memory, dolm_ric_details_record &record);
+
+} // namespace linux_board
