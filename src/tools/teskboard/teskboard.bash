@@ -22,7 +22,7 @@ _teskboard()
                 insert) words='--module --vendor --pn --rev --sn --date --rdh --rdh-ext --not-ready' ;;
                 link) words='up down stopped --speed --again' ;;
                 set)
-                    words=$(teskboard set --help | awk '/^Keys/ {k = 1; next} /^Thresholds/ {k = 0} k {print $1 "="}')
+                    words=$(teskboard set --help | awk '/^Keys/ {k = 1; next} /^Thresholds/ {k = 0} k && /^ / {sub(/\.N$/, ".", $1); print $1 ($1 ~ /\.$/ ? "" : "=")}')
                     [[ $word == *=* ]] || compopt -o nospace
                     if [[ ${COMP_WORDS[COMP_CWORD - 1]} == = || $word == = ]]; then
                         local key=${COMP_WORDS[COMP_CWORD - 2]}
