@@ -44,12 +44,11 @@ extern "C" int fdatasync(int fd)
     return may_write() ? static_cast<int>(syscall(SYS_fdatasync, fd)) : -1;
 }
 
+static constexpr int64_t day = 86400, begin = 20'000 * day;
+static int boxes;
+
 namespace
 {
-
-constexpr int64_t day = 86400, begin = 20'000 * day;
-
-static int boxes;
 
 /* A box: its folder, its clocks, what it was told. */
 struct box {
@@ -108,13 +107,13 @@ struct box {
     }
 };
 
-bool is_rising(const std::vector<std::pair<int64_t, int16_t>> &rows)
+} // namespace
+
+static bool is_rising(const std::vector<std::pair<int64_t, int16_t>> &rows)
 {
     return std::ranges::adjacent_find(
                rows, [](auto one, auto other) { return one.first >= other.first; }) == rows.end();
 }
-
-} // namespace
 
 TEST(chronicle, keeps_rows_in_all_kinds_and_both_ways)
 {

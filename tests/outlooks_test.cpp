@@ -16,10 +16,10 @@ using namespace exporter;
 using history::measure;
 using history::stored;
 
+static constexpr int64_t day = 86400;
+
 namespace
 {
-
-constexpr int64_t day = 86400;
 
 struct box {
     std::string folder = fmt::format("/dev/shm/tesk-outlooks-{}", getpid());

@@ -61,14 +61,47 @@ function write_identity(port) {
 function to_rows(answer, series) {
   const count = answer[series[0][1]].length;
   return Array.from({ length: count }, (_, i) => {
-    const time = new Date((answer.end - (count - 1 - i) * answer.step_s) * 1000);
+    const time = new Date((answer.time?.[i] ?? answer.end - (count - 1 - i) * answer.step_s) * 1000);
     return [time, ...series.map(([, key]) => {
       const point = answer[key][i];
-      if (answer.range === "hour")
+      if (!is_ranged(answer))
         return point;
-      return point ? [point[0], (point[0] + point[1]) / 2, point[1]] : [null, null, null];
+      return !point ? [null, null, null] : point.length === 3 ? point
+        : [point[0], (point[0] + point[1]) / 2, point[1]];
     })];
   });
+}
+
+const is_ranged = (answer) => !["hour", "2d"].includes(answer.range);
+
+/* The answer of the history, with the keys of the shorter plots. Where readings are missing the line
+   ends: an empty point stands behind the last one. */
+function from_history(answer) {
+  const made = { range: answer.span, step_s: answer.step_s, events: answer.events, time: [] };
+  const values = { temperature_c: answer.temperature_c, voltage_v: answer.voltage_v, ...answer.lanes[0] };
+  for (const key of ["tx_power_dbm", "rx_power_dbm", "temperature_c", "voltage_v", "tx_bias_ma"])
+    made[key] = [];
+  answer.time.forEach((time, i) => {
+    const is_behind_gap = i > 0 && time - answer.time[i - 1] > 1.5 * answer.step_s;
+    for (const at of is_behind_gap ? [answer.time[i - 1] + answer.step_s, time] : [time]) {
+      made.time.push(at);
+      for (const key of Object.keys(made).filter((name) => Array.isArray(made[name]) && !["time", "events"].includes(name)))
+        made[key].push(at === time ? values[key]?.[i] ?? null : null);
+    }
+  });
+  return made;
+}
+
+/* Falls of the link, changes of the module and forecasts, as lines behind the plot. */
+const marked = { down: "--bad", removed: "--plot-2", replaced: "--plot-2", inserted: "--plot-2", forecast: "--warn" };
+function draw_marks(context, area, plot, events, colour) {
+  for (const event of events ?? []) {
+    const x = plot.toDomXCoord(event.time * 1000);
+    if (!(event.change in marked) || !(x >= area.x && x <= area.x + area.w))
+      continue;
+    context.fillStyle = colour(marked[event.change]) || colour("--line");
+    context.fillRect(x, area.y, 1, area.h);
+  }
 }
 
 function summary_text(answer, { series, digits }) {
@@ -116,10 +149,13 @@ function draw(answer) {
     figure.append(caption, place);
     by_id("plots").append(figure);
     plots.push(new Dygraph(place, to_rows(answer, what.series), {
-      labels: ["time", ...what.series.map(([name]) => name)], customBars: answer.range === "day",
+      labels: ["time", ...what.series.map(([name]) => name)], customBars: is_ranged(answer),
       colors: [colour("--plot-1"), colour("--plot-2")], gridLineColor: colour("--line"),
       axisLineColor: colour("--line"), strokeWidth: 1.75, drawPoints: is_sparse, pointSize: 2, xRangePad: 4, yRangePad: 8, axes: { y: { axisLabelWidth: 44 } }, interactionModel: {},
-      underlayCallback: (...place) => draw_limits(what.name, colour, ...place),
+      underlayCallback: (canvas, area, graph) => {
+        draw_limits(what.name, colour, canvas, area, graph);
+        draw_marks(canvas, area, graph, answer.events, colour);
+      },
       highlightCallback: (_, time, points) => set_text(readout, points.reduce(
         (text, { name, yval }) => `${text} ${name} ${yval?.toFixed(what.digits) ?? "–"}`, time_text(time))),
       unhighlightCallback: () => set_text(readout, summary_text(answer, what)),
@@ -139,12 +175,17 @@ export async function load_plots() {
   const number = shown;
   if (number === null || by_id("plots").matches(":hover") && plots.length)
     return;
-  const [answer, port] = await Promise.all([`api/plot?port=${number}&range=${range}`, `api/ports/${number}`]
-    .map((path) => answer_of(path).catch(() => null)));
+  const is_kept = /^\d/.test(range);
+  const plot_path = is_kept ? `api/history?port=${number}&span=${range}` : `api/plot?port=${number}&range=${range}`;
+  const [answer, port] = await Promise.all([
+    answer_of(plot_path).then((found) => is_kept ? from_history(found) : found).catch(() => null),
+    answer_of(`api/ports/${number}`).catch(() => null)]);
   if (port && shown === number) {
     limits = limits_of(port.details);
     write_lanes(port.details);
   }
+  if (!answer && is_kept && shown === number)
+    by_id("plots").replaceChildren(make("p", "No history: tesk-exporter --history DIR keeps one.", "dim"));
   if (answer && shown === number && answer.range === range)
     draw(answer);
 }

@@ -66,20 +66,20 @@ statement::statement(database &of, const char *text)
 {
 }
 
-statement &statement::bind(int parameter, int64_t value)
+auto statement::bind(int parameter, int64_t value) -> statement &
 {
     check(of_.get(), sqlite3_bind_int64(handle_.get(), parameter, value));
     return *this;
 }
 
-statement &statement::bind_text(int parameter, std::string_view text)
+auto statement::bind_text(int parameter, std::string_view text) -> statement &
 {
     check(of_.get(), sqlite3_bind_text(handle_.get(), parameter, text.data(),
                                        static_cast<int>(text.size()), SQLITE_STATIC));
     return *this;
 }
 
-statement &statement::bind_blob(int parameter, std::string_view blob)
+auto statement::bind_blob(int parameter, std::string_view blob) -> statement &
 {
     check(of_.get(), sqlite3_bind_blob(handle_.get(), parameter, blob.data(),
                                        static_cast<int>(blob.size()), SQLITE_STATIC));
