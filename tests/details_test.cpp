@@ -9,7 +9,6 @@
 #include "testkit/texts.h"
 #include "util/deadline.h"
 
-#include <atomic>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -66,9 +65,8 @@ TEST_F(details_test, a_reader_never_sees_half_a_record)
     writer.update(7, [](record_type &its) { fill(its, 1); });
     writer.start(path);
     ASSERT_EQ(open(), TESK_DETAILS_OK);
-    std::atomic<bool> is_over = false;
-    std::thread busy([&] {
-        for (uint64_t number = 2; !is_over; number++)
+    const std::jthread busy([&](const std::stop_token &over) {
+        for (uint64_t number = 2; !over.stop_requested(); number++)
             writer.update(7, [number](record_type &its) { fill(its, number); });
     });
     uint64_t last = 0;
@@ -81,8 +79,6 @@ TEST_F(details_test, a_reader_never_sees_half_a_record)
         ASSERT_EQ(record.vdm[record.vdm_count - 1].value, static_cast<double>(number));
         last = number;
     }
-    is_over = true;
-    busy.join();
     EXPECT_GT(last, 1u);
 }
 

@@ -127,6 +127,10 @@ struct linux_modules_test : testing::Test, module_listener {
         return news_in(seconds(3));
     }
 
+    void reading_dropped(uint32_t) override
+    {
+        dropped++;
+    }
     void module_read(uint32_t port, const module_contents &contents, time_point at) override
     {
         serials[port] = contents.identity.sfp_vendor_sn;
@@ -157,6 +161,7 @@ struct linux_modules_test : testing::Test, module_listener {
     std::vector<std::string> doubts;
     module_poller::duration oldest{0};
     std::vector<int> accesses;
+    uint32_t dropped = 0;
 };
 
 } // namespace
@@ -211,6 +216,31 @@ TEST_F(linux_modules_test, an_error_in_an_empty_cage_is_no_broken_port)
                           news_in(logs_failures ? seconds(11) : seconds(2)).substr(0, 6));
             }
         }
+}
+
+TEST_F(linux_modules_test, a_value_that_jumps_is_read_again_before_it_is_seen)
+{
+    const module_images::image module = module_with_serial("0001");
+    module_images::image hot = module, dark = module;
+    hot.a2[96] ^= 0x40; /* 64 degrees more */
+    module_images::put16(dark.a2, 104, 50);
+    for (const module_images::image &jumped : {hot, dark}) {
+        begin_anew();
+        begin_with(module);
+        const time_point last = read_at[0];
+        modules.ports[0].module = jumped;
+        poller->diagnostics_wanted(0);
+        poller->step();
+        EXPECT_EQ(last, read_at[0]);
+        modules.ports[0].module = module;
+        pass(milliseconds(100));
+        EXPECT_EQ(1u, std::exchange(dropped, 0u));
+        EXPECT_NEAR(25719, values[0], 1);
+        modules.ports[0].module = jumped;
+        pass(seconds(5));
+        EXPECT_EQ(0u, dropped);
+        EXPECT_LE(modules.now - read_at[0], seconds(5)) << "a true one is taken";
+    }
 }
 
 TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alone)

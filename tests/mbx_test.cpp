@@ -634,27 +634,31 @@ TEST_F(mbx, what_a_peer_does_to_the_shared_memory_and_the_bell_harms_only_itself
     expect_nothing();
 }
 
-/* Memory files that are open in this process, within the deadline as many as expected. */
-static void expect_memory_files(size_t count)
+static size_t open_sockets()
 {
-    const auto open = [] {
-        std::error_code gone;
-        const std::filesystem::directory_iterator all("/proc/self/fd");
-        return static_cast<size_t>(std::count_if(begin(all), end(all), [&](const auto &entry) {
-            return read_symlink(entry, gone).string().starts_with("/memfd:mbx");
-        }));
-    };
+    std::error_code gone;
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::count_if(begin(all), end(all), [&](const auto &entry) {
+        return read_symlink(entry, gone).string().starts_with("socket:");
+    }));
+}
+
+/* Within the deadline. */
+static void expect_open_sockets(size_t count)
+{
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (open() != count && std::chrono::steady_clock::now() < deadline)
+    while (open_sockets() != count && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
-    EXPECT_EQ(open(), count);
+    EXPECT_EQ(open_sockets(), count);
 }
 
 TEST_F(mbx, what_a_peer_keeps_after_its_end_counts_until_it_lets_go)
 {
-    constexpr size_t idle = 3; /* those of the next connection, one of them twice */
     join("server");
+    const size_t idle = open_sockets();
     raw_peer mapping = raw_client(dir + "/server"), unread(dir + "/server");
+    const std::string memory = "/proc/self/fd/" + std::to_string(mapping.answer.fds[0].get());
+    owned_fd path(open(memory.c_str(), O_PATH | O_CLOEXEC));
     mapping.answer.fds.clear();
     heard_from(mapping, 1);
     mapping.control.reset();
@@ -664,11 +668,12 @@ TEST_F(mbx, what_a_peer_keeps_after_its_end_counts_until_it_lets_go)
     EXPECT_TRUE(is_readable(unread.control.get()));
     send(unread.control.get(), "x", 1, 0);
     raw_client(dir + "/server"); /* ends at once, after the others */
-    expect_memory_files(idle + 2);
+    expect_open_sockets(idle + 3);
     mapping.area.reset();
-    expect_memory_files(idle + 1);
     unread.control.reset();
-    expect_memory_files(idle);
+    expect_open_sockets(idle + 1);
+    path.reset();
+    expect_open_sockets(idle);
 }
 
 #ifndef __SANITIZE_THREAD__ /* which sees that the peer is a thread here, and races with us */

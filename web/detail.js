@@ -2,6 +2,7 @@
 /* One port: badges, values, plots, identity, history. The plots and the history are asked for when
    the port is chosen, and again after each change of it. */
 import { by_id, make, make_badge, make_event, set_text } from "./document.js";
+import { limits_of, write_lanes } from "./lanes.js";
 import { age_text, event_text, grade_badge, has_module, link_badge, measurements, module_text,
          time_text, title_of, value_text } from "./ports.js";
 
@@ -21,6 +22,7 @@ Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => String(plugin.prototype) !=
 let plots = [];
 let range = "hour";
 let shown = null; /* the number of the port */
+let limits = {};  /* of its module, by the name of the plot */
 
 function write_badges(port) {
   const badges = [link_badge(port)];
@@ -79,6 +81,23 @@ function summary_text(answer, { series, digits }) {
   }).join(", ");
 }
 
+/* Those that lie within what the plot shows: dashed, the alarms in another colour. */
+function draw_limits(name, colour, canvas, area, graph) {
+  canvas.save();
+  canvas.setLineDash([4, 3]);
+  for (const { value, is_alarm } of limits[name] ?? []) {
+    const y = graph.toDomYCoord(value);
+    if (y < area.y || y > area.y + area.h)
+      continue;
+    canvas.strokeStyle = colour(is_alarm ? "--bad" : "--warn");
+    canvas.beginPath();
+    canvas.moveTo(area.x, y);
+    canvas.lineTo(area.x + area.w, y);
+    canvas.stroke();
+  }
+  canvas.restore();
+}
+
 function draw(answer) {
   const style = getComputedStyle(document.documentElement);
   const colour = (name) => style.getPropertyValue(name).trim();
@@ -100,6 +119,7 @@ function draw(answer) {
       labels: ["time", ...what.series.map(([name]) => name)], customBars: answer.range === "day",
       colors: [colour("--plot-1"), colour("--plot-2")], gridLineColor: colour("--line"),
       axisLineColor: colour("--line"), strokeWidth: 1.75, drawPoints: is_sparse, pointSize: 2, xRangePad: 4, yRangePad: 8, axes: { y: { axisLabelWidth: 44 } }, interactionModel: {},
+      underlayCallback: (...place) => draw_limits(what.name, colour, ...place),
       highlightCallback: (_, time, points) => set_text(readout, points.reduce(
         (text, { name, yval }) => `${text} ${name} ${yval?.toFixed(what.digits) ?? "–"}`, time_text(time))),
       unhighlightCallback: () => set_text(readout, summary_text(answer, what)),
@@ -119,7 +139,12 @@ export async function load_plots() {
   const number = shown;
   if (number === null || by_id("plots").matches(":hover") && plots.length)
     return;
-  const answer = await answer_of(`api/plot?port=${number}&range=${range}`).catch(() => null);
+  const [answer, port] = await Promise.all([`api/plot?port=${number}&range=${range}`, `api/ports/${number}`]
+    .map((path) => answer_of(path).catch(() => null)));
+  if (port && shown === number) {
+    limits = limits_of(port.details);
+    write_lanes(port.details);
+  }
   if (answer && shown === number && answer.range === range)
     draw(answer);
 }
@@ -163,6 +188,8 @@ export function write_port(port, age_of) {
 /* Shows another port, or none; there is nothing to load of one that isn't followed. */
 export function choose_port(number, is_followed) {
   shown = number;
+  limits = {};
+  write_lanes(null);
   section.hidden = number === null;
   plots.forEach((plot) => plot.destroy());
   plots = [];

@@ -7,12 +7,12 @@
    is handed out, so that a caller never works with half a map. */
 #include "tesk_client/tesk_client_port_map.h"
 
+#include "tesk_client/tesk_client_paths.h"
 #include "util/descriptor.h"
 #include "util/escape.h"
 
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
@@ -20,7 +20,6 @@
 #include <unistd.h>
 
 static constexpr char default_path[] = "/run/dolm_ric/ports";
-static constexpr char default_mailbox_directory[] = "/run/mbx";
 static constexpr std::string_view first_line = "# tesk-ports 1";
 static constexpr size_t largest_file = 4 << 20;
 static constexpr uint32_t highest_port = 65534;
@@ -34,21 +33,14 @@ struct named_port {
 } // namespace
 
 /* An empty value counts as none. */
-static std::string value_of(const char *variable)
-{
-    const char *set = secure_getenv(variable);
-    return set != nullptr ? set : "";
-}
-
 /* Empty where the default would be the map of another server than the one that MBX_DIR selects. */
 static std::string path_or_default(const char *path)
 {
     if (path != nullptr)
         return path;
-    if (std::string set = value_of("DOLM_RIC_PORT_MAP"); !set.empty())
+    if (std::string set = value_of_variable("DOLM_RIC_PORT_MAP"); !set.empty())
         return set;
-    const std::string directory = value_of("MBX_DIR");
-    return directory.empty() || directory == default_mailbox_directory ? default_path : "";
+    return is_default_board() ? default_path : "";
 }
 
 static outcome failure(tesk_client_result result, const std::string &path, const std::string &why)

@@ -7,12 +7,12 @@
    lanes, which tells their number, then the lanes, then VDM. */
 #include "tesk_client/tesk_details.h"
 
+#include "tesk_client/tesk_client_paths.h"
 #include "util/deadline.h"
 #include "util/descriptor.h"
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -34,25 +34,17 @@ struct tesk_details {
 static constexpr std::chrono::milliseconds patience{500};
 static constexpr timespec pause_of_retry = {0, 20'000};
 static constexpr uint32_t page = 4096;
-static constexpr char default_mailbox_directory[] = "/run/mbx";
-
-static std::string value_of(const char *variable)
-{
-    const char *set = secure_getenv(variable);
-    return set != nullptr ? set : "";
-}
 
 /* Empty where the default would be the file of another server than the one that MBX_DIR selects. */
 static std::string path_or_default(const char *path)
 {
     if (path != nullptr)
         return path;
-    if (std::string set = value_of(DOLM_RIC_DETAILS_ENV); !set.empty())
+    if (std::string set = value_of_variable(DOLM_RIC_DETAILS_ENV); !set.empty())
         return set;
-    if (const std::string map = value_of("DOLM_RIC_PORT_MAP"); !map.empty())
+    if (const std::string map = value_of_variable("DOLM_RIC_PORT_MAP"); !map.empty())
         return map.substr(0, map.find_last_of('/') + 1) + "details";
-    const std::string directory = value_of("MBX_DIR");
-    return directory.empty() || directory == default_mailbox_directory ? DOLM_RIC_DETAILS_FILE : "";
+    return is_default_board() ? DOLM_RIC_DETAILS_FILE : "";
 }
 
 static tesk_details_result result_of_errno()

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: post() queues, run() takes the queue every ten seconds, or at once for a question,
    and gives each input to the chronicle with the clocks of its moment. */
+#define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
 #include "tesk_exporter/history_keeper.h"
 
 #include "tesk_exporter/history_json.h"
@@ -12,9 +13,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <fmt/format.h>
 #include <limits>
 #include <sys/eventfd.h>
 #include <system_error>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 namespace exporter
@@ -38,13 +41,16 @@ static int new_eventfd()
     return fd;
 }
 
-history_keeper::history_keeper(const std::string &folder, int64_t limit)
-    : wake_fd_(new_eventfd()), answer_fd_(new_eventfd()),
+history_keeper::history_keeper(const std::string &folder, int64_t limit, bool has_journal)
+    : wake_fd_(new_eventfd()), answer_fd_(new_eventfd()), has_journal_(has_journal),
       chronicle_({folder, limit,
                   [](const std::string &text) {
                       std::fprintf(stderr, "tesk-exporter: history: %s\n", text.c_str());
                   },
-                  nullptr})
+                  [this](const history::place &of, int64_t time, const history::record &read) {
+                      outlooks_.feed(of, time, read);
+                      has_steps_ = true;
+                  }})
 {
     thread_.start([this] { run(); });
 }
@@ -165,6 +171,8 @@ void history_keeper::take(const question &given, const history::clocks &when)
         made = {given.id, 503, "there is no history: " + chronicle_.trouble()};
     else if (given.asked.what == history_question::kind::modules)
         made.text = modules_json(chronicle_);
+    else if (given.asked.what == history_question::kind::forecast)
+        made.text = outlooks_.json(chronicle_, when.boot);
     else
         made.text = history_json(chronicle_, given.asked.port, given.asked.of, when.boot);
     if (made.text.empty() && !given.asked.is_followed)
@@ -174,10 +182,55 @@ void history_keeper::take(const question &given, const history::clocks &when)
     eventfd_write(answer_fd_, 1);
 }
 
+/* The fields of a record, as those of journal_fields(). */
+static void send_to_journal(const outlooks::news &each)
+{
+    const forecast::report &told = each.told;
+    const std::string name =
+        each.of.interface.empty() ? "" : fmt::format(" ({})", each.of.interface);
+    const std::string message =
+        fmt::format("port {}{}: forecast {}: {} of lane {}: {}", each.of.port, name,
+                    each.is_raised ? fmt::format("{:.1f} days left", told.days_left) : "withdrawn",
+                    forecast::name_of(told.value), told.lane, told.reason);
+    sd_journal_send("MESSAGE=%s", message.c_str(), "PRIORITY=%d", each.is_raised ? 4 : 6,
+                    "SYSLOG_IDENTIFIER=tesk-exporter", "TESK_EVENT=forecast", "TESK_PORT=%u",
+                    each.of.port, "TESK_INTERFACE=%s", each.of.interface.c_str(), "TESK_CHANGE=%s",
+                    each.is_raised ? "raised" : "withdrawn", "TESK_VALUE=%s",
+                    forecast::name_of(told.value), "TESK_LANE=%d", told.lane, "TESK_DAYS_LEFT=%.1f",
+                    told.days_left, nullptr);
+}
+
+/* After steps have ended, and first of all the past. */
+void history_keeper::look_ahead(const history::clocks &now)
+{
+    const bool is_open = chronicle_.trouble().empty();
+    if (!is_open) {
+        is_restored_ = false;
+        return;
+    }
+    if (!std::exchange(is_restored_, true))
+        outlooks_.restore(chronicle_);
+    else if (!std::exchange(has_steps_, false))
+        return;
+    for (const outlooks::news &each : outlooks_.settle(chronicle_, now))
+        if (has_journal_)
+            send_to_journal(each);
+    auto made = outlooks_.samples(chronicle_, now.boot);
+    const std::lock_guard lock(mutex_);
+    forecasts_ = std::move(made);
+}
+
+std::vector<forecast_sample> history_keeper::forecasts()
+{
+    const std::lock_guard lock(mutex_);
+    return forecasts_;
+}
+
 void history_keeper::process(const std::vector<input> &inputs)
 {
     for (const input &each : inputs) {
         chronicle_.advance(each.when);
+        look_ahead(each.when);
         std::visit([&](const auto &what) { take(what, each.when); }, each.what);
     }
 }
@@ -191,6 +244,7 @@ void history_keeper::run()
     while (!thread_.must_stop()) {
         process(take_all());
         chronicle_.advance(clocks_now());
+        look_ahead(clocks_now());
         is_well_ = chronicle_.trouble().empty() && chronicle_.write_trouble().empty();
         eventfd_t count = 0;
         if (thread_.wait(wake_fd_, look_pause))

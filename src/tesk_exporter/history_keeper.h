@@ -7,6 +7,7 @@
 #include "history/chronicle.h"
 #include "tesk_exporter/event_ring.h"
 #include "tesk_exporter/model.h"
+#include "tesk_exporter/outlooks.h"
 #include "tesk_exporter/worker.h"
 
 #include <atomic>
@@ -17,7 +18,7 @@ namespace exporter
 
 /* The question of an HTTP request. */
 struct history_question {
-    enum class kind { port, modules };
+    enum class kind { port, modules, forecast };
     kind what;
     uint32_t port;     /* for kind::port */
     history::level of; /* likewise */
@@ -33,8 +34,9 @@ struct history_answer {
 class history_keeper
 {
   public:
-    /* Starts at once. `limit` in bytes. Throws std::system_error. */
-    history_keeper(const std::string &folder, int64_t limit);
+    /* Starts at once. `limit` in bytes; with a journal each forecast that is raised or withdrawn is
+       a record of it. Throws std::system_error. */
+    history_keeper(const std::string &folder, int64_t limit, bool has_journal);
     ~history_keeper();
     history_keeper(const history_keeper &) = delete;
     history_keeper &operator=(const history_keeper &) = delete;
@@ -55,6 +57,8 @@ class history_keeper
     {
         return is_well_;
     }
+    /* The forecasts of now. */
+    std::vector<forecast_sample> forecasts();
     /* Readings and events that were dropped. */
     uint64_t lost() const
     {
@@ -86,6 +90,7 @@ class history_keeper
     void take(const reading &given, const history::clocks &when);
     void take(const noted &given, const history::clocks &when);
     void take(const question &given, const history::clocks &when);
+    void look_ahead(const history::clocks &now);
 
     static constexpr size_t capacity = 32'768;
     static constexpr size_t wake_at = 4'096;
@@ -97,8 +102,13 @@ class history_keeper
     uint64_t questions_ = 0;
     std::atomic<bool> is_well_{false};
     std::atomic<uint64_t> lost_{0};
-    history::chronicle chronicle_; /* of the thread */
-    worker thread_;                /* the last: it uses all the others */
+    std::vector<forecast_sample> forecasts_;
+    const bool has_journal_;
+    /* Of the thread. */
+    outlooks outlooks_;
+    history::chronicle chronicle_;
+    bool is_restored_ = false, has_steps_ = false;
+    worker thread_; /* the last: it uses all the others */
 };
 
 } // namespace exporter

@@ -467,6 +467,11 @@ MHD_Result http_server::send_modules(const http_request &request)
     return ask_history(request, {history_question::kind::modules, 0, history::steps, true});
 }
 
+MHD_Result http_server::send_forecast(const http_request &request)
+{
+    return ask_history(request, {history_question::kind::forecast, 0, history::steps, true});
+}
+
 ssize_t http_server::read_events(void *reader_of, uint64_t, char *buffer, size_t size)
 try {
     auto *self = static_cast<event_reader *>(reader_of);
@@ -574,6 +579,7 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
         {"/api/events", place::page, &http_server::send_events},
         {"/api/history", place::page, &http_server::send_history},
         {"/api/modules", place::page, &http_server::send_modules},
+        {"/api/forecast", place::page, &http_server::send_forecast},
     };
     if (const auto waiting = waiting_.find(request.http); waiting != waiting_.end()) {
         const history_answer answer = std::move(waiting->second.answer);

@@ -101,6 +101,7 @@ class http_server
     MHD_Result send_events(const http_request &request);
     MHD_Result send_history(const http_request &request);
     MHD_Result send_modules(const http_request &request);
+    MHD_Result send_forecast(const http_request &request);
     MHD_Result ask_history(const http_request &request, const history_question &asked);
     void take_answers(steady_time now);
     MHD_Result send_stream(const http_request &request);

@@ -71,7 +71,7 @@ class service
             journal_.emplace();
         if (given.history.empty())
             return;
-        history_.emplace(given.history, given.history_limit);
+        history_.emplace(given.history, given.history_limit, given.journal);
         http_.use_history(*history_);
     }
 
@@ -109,6 +109,7 @@ class service
             if (history_)
                 keep_reading(reported, now);
         }
+        figures_.forecasts = history_ ? history_->forecasts() : std::vector<forecast_sample>{};
         figures_.has_history = history_.has_value();
         figures_.is_history_well = history_ && history_->is_well();
         figures_.lost_history_records = history_ ? history_->lost() : 0;

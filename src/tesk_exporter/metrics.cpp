@@ -305,6 +305,20 @@ static void write_process(metrics_writer &writer, const exporter_figures &figure
               static_cast<double>(limit.rlim_cur));
 }
 
+static void write_forecasts(metrics_writer &writer, const model &board,
+                            const exporter_figures &figures)
+{
+    if (!figures.has_history)
+        return;
+    writer.begin({"tesk_port_forecast_days", metric_type::gauge, "",
+                  "Days until a value will meet its limit, of values that fail; 0 beyond it."});
+    for (const forecast_sample &each : figures.forecasts)
+        if (const auto port = board.ports().find(each.port); port != board.ports().end())
+            writer.sample(port->second.labels,
+                          "lane=\"" + std::to_string(each.lane) + "\",value=\"" + each.value + "\"",
+                          std::round(each.days_left * 100) / 100);
+}
+
 static void write_exporter(metrics_writer &writer, const exporter_figures &figures)
 {
     writer.begin({"tesk_exporter_build", metric_type::info, "", "The version of the exporter."});
@@ -361,6 +375,7 @@ std::string render_metrics(const model &board, port_details &details, bool has_l
         for (const auto &[number, port] : board.ports())
             row.write({writer, now, board.values_of(port, now)}, port);
     }
+    write_forecasts(writer, board, figures);
     write_details(writer, board, details, has_lanes);
     write_exporter(writer, figures);
     write_process(writer, figures);

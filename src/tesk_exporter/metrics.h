@@ -5,6 +5,7 @@
 
 #include "tesk_exporter/metrics_text.h"
 #include "tesk_exporter/model.h"
+#include "tesk_exporter/outlooks.h"
 #include "tesk_exporter/port_details.h"
 
 #include <map>
@@ -23,6 +24,7 @@ struct exporter_figures {
     bool has_history = false;     /* it is wanted */
     bool is_history_well = false; /* it is open and can be written */
     uint64_t lost_history_records = 0;
+    std::vector<forecast_sample> forecasts;
     uint64_t started_us = 0; /* wall clock */
     std::chrono::milliseconds interval{15000};
 };

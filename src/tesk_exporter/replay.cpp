@@ -4,6 +4,7 @@
 #include "tesk_exporter/replay.h"
 
 #include "forecast/forecast.h"
+#include "tesk_exporter/forecast_json.h"
 #include "tools/common/exit_code.h"
 #include "util/escape.h"
 
@@ -96,42 +97,6 @@ static column column_of(std::string_view name)
             return {field::lane, static_cast<int>(*lane), member};
     }
     return {};
-}
-
-/* A hundredth of a day is a quarter of an hour. */
-static double rounded(double value)
-{
-    return std::round(value * 100) / 100;
-}
-
-static nlohmann::ordered_json json_of(const std::string &port, const forecast::report &told)
-{
-    nlohmann::ordered_json line{{"port", port},
-                                {"time", told.time},
-                                {"lane", told.lane},
-                                {"value", forecast::name_of(told.value)}};
-    if (told.what == forecast::change::withdrawn) {
-        line["withdraw"] = true;
-        line["reason"] = told.reason;
-        return line;
-    }
-    line["cause"] = forecast::name_of(told.cause);
-    if (told.what == forecast::change::notice) {
-        line["days_left"] = nullptr;
-        line["reason"] = told.reason;
-        return line;
-    }
-    line["days_left"] = rounded(told.days_left);
-    line["low"] = rounded(told.low);
-    line["high"] = rounded(told.high);
-    line["limit"] = told.is_default_limit ? "default" : "module";
-    line["limit_value"] = rounded(told.limit);
-    line["level"] = rounded(told.level);
-    line["change_per_day"] = rounded(told.change_per_day);
-    line["days_since"] = rounded(told.days_since);
-    line["confidence"] = told.confidence;
-    line["reason"] = told.reason;
-    return line;
 }
 
 namespace
@@ -303,7 +268,8 @@ class replayed_file
         state_->feed(row, reports_);
         for (const forecast::report &told : reports_) {
             const auto replace = nlohmann::json::error_handler_t::replace;
-            fmt::print(out_, "{}\n", json_of(port_, told).dump(-1, ' ', true, replace));
+            fmt::print(out_, "{}\n",
+                       report_json({{"port", port_}}, told).dump(-1, ' ', true, replace));
         }
     }
 

@@ -215,22 +215,25 @@ static void report_refusal(uid_t user, uid_t owner)
             user, owner, ++lines == most_lines ? "; further refusals are not reported" : "");
 }
 
-static void accept_client(endpoint &where)
+/* False when none can be accepted for a while, as without free descriptors. */
+static bool accept_client(endpoint &where)
 {
     const int fd = accept4(where.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
-        if (errno != EAGAIN && errno != ECONNABORTED && where.clients.empty())
+        const bool is_harmless = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
+        if (!is_harmless && where.clients.empty())
             throw std::system_error(errno, std::generic_category(), "accept");
-        return;
+        return is_harmless;
     }
     ucred peer = {};
     socklen_t length = sizeof(peer);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == where.owner) {
         where.clients.push_back(fd);
-        return;
+        return true;
     }
     close(fd);
     report_refusal(peer.uid, where.owner);
+    return true;
 }
 
 /* False when the client is to be disconnected: it has disconnected, broke the protocol or doesn't
@@ -256,13 +259,16 @@ static bool serve_client(int fd, endpoint &where, reader_ports &ports)
    perhaps with another configuration, and gets a new reader. */
 static void serve(endpoint &where, reader_ports &ports)
 {
+    static constexpr int time_to_retry_ms = 100;
+    bool can_accept = true;
     do {
         std::vector<pollfd> wanted;
         for (const int client : where.clients)
             wanted.push_back({client, POLLIN, 0});
-        const bool has_room = where.clients.size() < most_clients;
+        const bool has_room = where.clients.size() < most_clients && can_accept;
         wanted.push_back({has_room ? where.listener : -1, POLLIN, 0});
-        if (poll(wanted.data(), wanted.size(), -1) < 0 && errno != EINTR)
+        const int wait = can_accept ? -1 : time_to_retry_ms;
+        if (poll(wanted.data(), wanted.size(), wait) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "poll");
         bool is_left = false;
         for (const pollfd &ready : std::span(wanted).first(wanted.size() - 1)) {
@@ -272,8 +278,7 @@ static void serve(endpoint &where, reader_ports &ports)
             std::erase(where.clients, ready.fd);
             is_left = where.clients.empty();
         }
-        if (wanted.back().revents != 0 && !is_left)
-            accept_client(where);
+        can_accept = wanted.back().revents == 0 || is_left || accept_client(where);
     } while (!where.clients.empty() && !where.is_ended);
 }
 

@@ -159,17 +159,11 @@ size_t idle_descriptors_of(pid_t server)
     const auto until = std::chrono::steady_clock::now() + deadline;
     std::error_code gone;
     const auto is_prepared =
-        [&] { /* the file of the next connection is open three times */
-              std::map<ino_t, int> seen;
-              for (const auto &entry : std::filesystem::directory_iterator(folder, gone)) {
-                  struct stat file;
-                  if (std::filesystem::read_symlink(entry, gone)
-                          .string()
-                          .starts_with("/memfd:mbx") &&
-                      stat(entry.path().c_str(), &file) == 0 && ++seen[file.st_ino] == 3)
-                      return true;
-              }
-              return false;
+        [&] { /* only the next connection's file is open */
+              const std::filesystem::directory_iterator all(folder, gone);
+              return std::any_of(begin(all), end(all), [&](const auto &entry) {
+                  return read_symlink(entry, gone).string().starts_with("/memfd:mbx");
+              });
         };
     while (!is_prepared() && std::chrono::steady_clock::now() < until)
         usleep(1000);

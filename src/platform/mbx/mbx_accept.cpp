@@ -13,6 +13,7 @@
 #include "platform/mbx/mbx_accept.h"
 
 #include "platform/mbx/mbx_helper.h"
+#include "platform/mbx/mbx_parting.h"
 #include "platform/mbx/mbx_peers.h"
 #include "platform/mbx/mbx_registry.h"
 #include "platform/mbx/mbx_watch_kinds.h"
@@ -30,7 +31,7 @@ namespace
 /* What a new connection is made of on this side, with the memory that the other maps, too. */
 struct offer {
     owned_fd memory; /* for the other side */
-    owned_fd own_memory;
+    int watch = -1;  /* for its end */
     connection_parts parts;
 };
 
@@ -90,19 +91,6 @@ static bool is_old_wire(const newcomer &n, heard what)
     return what == heard::old_wire || (what == heard::end && ++times >= wordless_at_most);
 }
 
-/* The two sides get openings of their own, so that this one can find out whether the other's is
-   still in use. Without /proc it can't. */
-static void open_twice(offer &made)
-{
-    made.own_memory = reopen_memory(made.memory.get());
-    if (owned_fd theirs = reopen_memory(made.memory.get()); made.own_memory && theirs)
-        made.memory = std::move(theirs);
-    else
-        made.own_memory.reset();
-    const owned_fd &mapped = made.own_memory ? made.own_memory : made.memory;
-    made.parts.area = mapped_area::map(mapped.get());
-}
-
 /* Empty, with errno, when the system refuses a part. */
 static std::optional<offer> make_offer()
 {
@@ -111,9 +99,10 @@ static std::optional<offer> make_offer()
     made.parts.far_bell = make_bell();
     made.memory = make_area_memory();
     if (made.memory && made.parts.near_bell && made.parts.far_bell)
-        open_twice(made);
+        made.parts.area = mapped_area::map(made.memory.get());
     if (!made.parts.area)
         return {};
+    made.watch = watch_for_end(made.memory.get());
     return made;
 }
 
@@ -153,7 +142,7 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     parts.control = std::move(n.control);
     parts.token = hello.token;
     parts.peer = n.peer;
-    place->memory = std::move(made->own_memory);
+    place->watch = made->watch;
     parts.area->hold(std::move(place), true);
     const uint32_t id = add_connection(m, std::move(parts));
     accepted.emplace_back(m.slot, id);

@@ -4,8 +4,8 @@
 
    There is an account for each process, which is part of its user's, which is part of the total. A
    connection has an entry there for as long as any of its memory can be charged to us: until the
-   peer has closed its end, has nothing of ours unread, and neither has the memory file open nor
-   mapped. The bytes of an entry are those of the backlog and of the rings' pages
+   peer has closed its end, has nothing of ours unread, and neither has the memory file open (O_PATH
+   included) nor mapped. The bytes of an entry are those of the backlog and of the rings' pages
    beyond the first one; the first page and the records of the connection come with its number.
 
    Connections cannot be taken back, so nobody may hold more than half of what is left: of the total
@@ -85,8 +85,9 @@ class entry
     void count(held_kind kind, size_t bytes);
     holding weigh(bool is_late) const;
 
-    /* Of a connection that we have accepted: our own opening of its memory file. */
-    owned_fd memory;
+    /* Of a connection that we have accepted: the watch for the end of its memory file
+       (mbx_parting.h); -1 for none. */
+    int watch = -1;
 
   private:
     account *process_ = nullptr;

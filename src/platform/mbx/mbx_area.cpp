@@ -15,7 +15,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
 static constexpr int seals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 /* An eventfd with this count is readable and not writable, and after one read it is both. */
@@ -53,34 +52,6 @@ bool can_make_memory()
         return false;
     }
     return static_cast<bool>(make_area_memory());
-}
-
-/* By the same number each time: of each number that is looked up in /proc the kernel keeps a
-   kilobyte, which is charged to us. The number stays ours, with the last of the files. */
-owned_fd reopen_memory(int memory)
-{
-    static int number = -1;
-    if (number == -1)
-        number = fcntl(memory, F_DUPFD_CLOEXEC, 0);
-    else if (dup3(memory, number, O_CLOEXEC) == -1)
-        return {};
-    char path[sizeof("/proc/self/fd/") + 3 * sizeof(number)];
-    snprintf(path, sizeof(path), "/proc/self/fd/%d", number);
-    owned_fd again(open(path, O_RDWR | O_CLOEXEC));
-    if (again)
-        fcntl(again.get(), F_SETSIG, SIGURG); /* see below */
-    return again;
-}
-
-/* The kernel grants a lease for writing while nobody else has the file open; a mapping counts as
-   the opening that it was made by. Who opens the file just now waits until the lease is given back,
-   and lets the kernel send a signal, which is one that does nothing by default. */
-bool is_open_elsewhere(int memory)
-{
-    if (fcntl(memory, F_SETLEASE, F_WRLCK) != 0)
-        return errno == EAGAIN;
-    fcntl(memory, F_SETLEASE, F_UNLCK);
-    return false;
 }
 
 /* A file of another kind could block at each access, or end below its size. Only files in memory

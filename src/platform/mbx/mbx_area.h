@@ -56,12 +56,6 @@ owned_fd make_area_memory();
    would end the process by a signal. False with errno, after a line on standard error. */
 bool can_make_memory();
 
-/* Another opening of it. Empty where /proc is not there. */
-owned_fd reopen_memory(int memory);
-/* Whether somebody has a reopened file open, or mapped, by another opening than this one. Whoever
-   only keeps a path to it (O_PATH) is not seen. */
-bool is_open_elsewhere(int memory);
-
 /* Whether a descriptor that was passed is what make_area_memory makes: kind, size and seals are
    checked. The close of such a file does not wait for anybody. */
 bool is_area_memory(int memory);

@@ -9,9 +9,14 @@
 #include "platform/mbx/mbx_watch_kinds.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <new>
 #include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -30,6 +35,7 @@ struct parted {
     std::shared_ptr<mapped_area> area;
     std::shared_ptr<entry> place;
     peer_identity peer;
+    bool is_watched = true;                 /* for the end of its file, if the place has a watch */
     time_point hung_up = time_point::max(); /* when the peer was seen to have done so */
 };
 
@@ -40,11 +46,21 @@ std::mutex parting_lock;
 static std::vector<parted> all;
 static uint32_t last_number;
 static time_point next_look; /* at those that have ended at the peer */
+static owned_fd ends;        /* an inotify that tells of memory files that are gone */
+static owned_fd looked_up;   /* see watch_for_end */
+static size_t watches;       /* of files that are not known to be gone */
+/* The watches of those that are gone, while there is an entry; has room for all. Never destroyed:
+   the helper may outlive main(). */
+static std::vector<int> *gone = new std::vector<int>;
 
 /* The area first, whose pages go back with it; then the place is free. */
 static void let_go(parted &&p)
 {
     p.area.reset();
+    if (p.place) {
+        const std::lock_guard hold(parting_lock);
+        watches -= std::erase(*gone, p.place->watch);
+    }
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
 
@@ -72,14 +88,37 @@ static bool has_ended(const parted &p)
     return p.hung_up != time_point::max();
 }
 
+/* The kernel drops what we do not take in time: then those that wait do so no longer. */
+static void take_ends()
+{
+    alignas(inotify_event) char events[4096];
+    for (ssize_t size; (size = read(ends.get(), events, sizeof(events))) > 0;)
+        for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(sizeof(inotify_event))) {
+            inotify_event event; /* none has a name */
+            std::memcpy(&event, events + at, sizeof(event));
+            if (event.mask & IN_DELETE_SELF)
+                gone->push_back(event.wd);
+            else if (event.mask & IN_Q_OVERFLOW)
+                for (parted &p : all)
+                    p.is_watched = false;
+        }
+}
+
+static bool is_gone(const parted &p)
+{
+    return !p.is_watched || !p.place || p.place->watch == -1 ||
+           std::find(gone->begin(), gone->end(), p.place->watch) != gone->end();
+}
+
 /* Of one that has ended at the peer. Its pages go as soon as they may. */
 static bool is_over(parted &p, time_point now)
 {
     if (p.area && !p.area->is_read() && now - p.hung_up <= time_to_read)
         return false;
     p.area.reset();
-    return !has_unread(p.control.get()) &&
-           !(p.place && p.place->memory && is_open_elsewhere(p.place->memory.get()));
+    if (!is_gone(p))
+        take_ends();
+    return is_gone(p) && !has_unread(p.control.get());
 }
 
 /* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
@@ -151,8 +190,49 @@ static time_point look_again(time_point now)
     return next_look;
 }
 
+/* A file that is gone mostly ends the wait for it. */
+static void handle_ends(uint32_t, uint32_t)
+{
+    const time_point now = std::chrono::steady_clock::now();
+    {
+        const std::lock_guard hold(parting_lock);
+        take_ends();
+    }
+    let_go_if([now](parted &p) { return has_ended(p) && is_gone(p) && is_over(p, now); });
+}
+
+/* With the lock held. */
+static bool begin_to_watch()
+{
+    if (ends)
+        return true;
+    ends = owned_fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    looked_up = owned_fd(ends ? fcntl(ends.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    if (looked_up && helper_watch(WATCH_ENDS, ends.get(), EPOLLIN, 0, 0))
+        return true;
+    ends.reset();
+    return false;
+}
+
+/* The file is looked up by one number for all: of each number that is looked up in /proc the kernel
+   keeps a kilobyte, which is charged to us. */
+int watch_for_end(int memory)
+{
+    const std::lock_guard hold(parting_lock);
+    if (!begin_to_watch() || dup3(memory, looked_up.get(), O_CLOEXEC) == -1)
+        return -1;
+    char path[sizeof("/proc/self/fd/") + 3 * sizeof(int)];
+    snprintf(path, sizeof(path), "/proc/self/fd/%d", looked_up.get());
+    gone->reserve(watches + 1);
+    const int watch = inotify_add_watch(ends.get(), path, IN_DELETE_SELF);
+    dup3(ends.get(), looked_up.get(), O_CLOEXEC);
+    watches += watch != -1 ? 1 : 0;
+    return watch;
+}
+
 void set_up_parting()
 {
+    helper_set_call(WATCH_ENDS, handle_ends);
     helper_set_call(WATCH_PARTING, handle_hang_up);
     helper_set_timer(2, look_again);
 }
@@ -166,4 +246,8 @@ void end_parting(bool is_child)
             p.area->leave_to_peer();
     }
     all.clear();
+    gone->clear();
+    watches = 0;
+    looked_up.reset();
+    ends.reset();
 }

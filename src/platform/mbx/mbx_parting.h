@@ -23,6 +23,11 @@ void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<e
 /* Gives back what rings hold for these peers; they lose it. */
 void give_back_parting();
 
+/* Begins to watch for the end of a memory file: when nobody has it any more, neither open, by path
+   alone (O_PATH), mapped nor on its way to somebody. -1 where the system refuses that, or has no
+   /proc; then nobody waits for it. */
+int watch_for_end(int memory);
+
 /* Registers the functions that the helper calls, before it starts. */
 void set_up_parting();
 /* Without a helper: lets all go. What peers have not read stays for them. In a forked child only

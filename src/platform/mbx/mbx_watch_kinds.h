@@ -12,4 +12,5 @@ enum watch_kind : size_t {
     WATCH_LIFE,         /* the same */
     WATCH_FIRST_RING,   /* the same */
     WATCH_PARTING,      /* id: of a connection that has ended here */
+    WATCH_ENDS,         /* of memory files */
 };

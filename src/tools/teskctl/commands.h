@@ -58,6 +58,22 @@ struct top_options {
 };
 exit_code run_top(const settings &common, const top_options &options);
 
+/* The commands below ask tesk-exporter for its history. exit_code::no_server where it doesn't
+   answer, exit_code::rejected where it keeps none. */
+struct exporter_options {
+    std::string address = "127.0.0.1:9816"; /* or unix:PATH, or with http:// before it */
+};
+exit_code run_modules(const settings &common, const exporter_options &options);
+exit_code run_forecast(const settings &common, const exporter_options &options);
+
+struct trend_options {
+    exporter_options exporter;
+    std::string port; /* number or name */
+    double days = 14;
+    bool csv = false;
+};
+exit_code run_trend(const settings &common, const trend_options &options);
+
 /* `prometheus` is the ADDRESS:PORT of one that reads the exporter.
    exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is
    wrong. */

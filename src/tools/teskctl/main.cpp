@@ -55,6 +55,7 @@ class command_line
             ->check(CLI::Range(0.0, 1e6).description(""));
         add_reading_commands();
         add_following_commands();
+        add_exporter_commands();
     }
 
     exit_code run(int argc, char **argv)
@@ -145,6 +146,30 @@ class command_line
         add_port_command("status", "Show link and grades of ports", run_status);
     }
 
+    void add_exporter(CLI::App *command)
+    {
+        command->add_option("--exporter", trend_.exporter.address, "Ask the tesk-exporter there")
+            ->type_name("ADDRESS:PORT")
+            ->capture_default_str();
+    }
+
+    void add_exporter_commands()
+    {
+        add_exporter(add("forecast", "List what will fail, and when, soonest first",
+                         [this] { return run_forecast(common_, trend_.exporter); }));
+        add_exporter(add("modules", "List all modules that were ever seen, and where",
+                         [this] { return run_modules(common_, trend_.exporter); }));
+        CLI::App *trend = add("trend", "Plot the readings of a port over days or years",
+                              [this] { return run_trend(common_, trend_); });
+        add_exporter(trend);
+        trend->add_option("PORT", trend_.port, "Number or interface name")->required();
+        trend->add_option("--days", trend_.days, "Go back so far")
+            ->type_name("N")
+            ->check(CLI::Range(0.05, 731.0).description(""))
+            ->capture_default_str();
+        trend->add_flag("--csv", trend_.csv, "Write comma-separated values");
+    }
+
     void add_following_commands()
     {
         CLI::App *ping = add("ping", "Measure how long the server takes to answer",
@@ -205,6 +230,7 @@ class command_line
     ping_options ping_;
     watch_options watch_;
     top_options top_;
+    trend_options trend_;
 };
 
 } // namespace

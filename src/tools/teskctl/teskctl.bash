@@ -15,17 +15,19 @@ _teskctl_ports()
 _teskctl()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-    local commands='capabilities doctor history module ping pm ports sfp status top watch'
+    local commands='capabilities doctor forecast history module modules ping pm ports sfp status top trend watch'
     local options='--json --timeout --wait --help' command='' word
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         [[ " $commands help " == *" $word "* ]] && { command=$word; break; }
     done
     case $previous in
-    --timeout | --prometheus | --for | --count | --interval | -c | -i) return ;;
+    --timeout | --prometheus | --exporter | --days | --for | --count | --interval | -c | -i) return ;;
     --sfp | --status) [[ $command == watch ]] && { _teskctl_ports "$cur"; return; } ;;
     esac
     case $command in
     doctor) options+=' --prometheus' ;;
+    forecast | modules) options+=' --exporter' ;;
+    trend) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --exporter --days --csv' ;;
     '') options+=" --version help $commands" ;;
     help) options=$commands ;;
     history) [[ $cur == -* ]] || options='status sfp actions' ;;

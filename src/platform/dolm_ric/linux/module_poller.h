@@ -7,6 +7,8 @@
    read every few seconds and sooner on demand, always with the identity bytes behind them, so that
    no value is taken for that of another module.
 
+   Values that no module reaches within one period are read again at once, before anybody sees them.
+
    Drivers answer for an empty cage with any error. So a port that never answered counts as an empty
    cage, and one that had a module keeps it for some seconds, unless the driver says that there is
    none. No client's read counts for that.
@@ -50,6 +52,10 @@ struct module_listener {
     virtual ~module_listener() = default;
     /* Before the conclusions from these readings are reported. */
     virtual void module_cost(uint32_t /*port*/, const reading_cost & /*cost*/)
+    {
+    }
+    /* A reading of the values was dropped, as a second one disagreed with what it alone had. */
+    virtual void reading_dropped(uint32_t /*port*/)
     {
     }
     /* What has been read of a module, and what that means, after each reading of its identity or

@@ -60,6 +60,7 @@ struct module_poller::polled {
     uint32_t failures = 0;                     /* one after the other */
     uint32_t empty_answers = 0;                /* among them, the last ones */
     uint32_t blank_readings = 0;               /* of measured values, one after the other */
+    bool is_confirming = false;                /* a jump of the values */
     bool has_values = false;                   /* the listener has some of this module */
     bool has_answered = false;                 /* as a module, on this interface */
     bool was_looked_at = false;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <utility>
 
@@ -225,6 +226,40 @@ void module_poller::retry_identity(polled &port, duration patience)
     set_presence(port, module_presence::not_ready);
 }
 
+/* Whether a lane is beyond an alarm limit that it was within. */
+static bool has_new_alarm(const measurement &before, const measurement &now)
+{
+    if (!now.limits || !now.limits->are_in_order() || before.lanes.size() != now.lanes.size())
+        return false;
+    const auto is_alarm = [&](const lane_value &lane) {
+        return lane.value <= now.limits->low_alarm || lane.value >= now.limits->high_alarm;
+    };
+    for (size_t lane = 0; lane < now.lanes.size(); lane++)
+        if (is_alarm(now.lanes[lane]) && !is_alarm(before.lanes[lane]))
+            return true;
+    return false;
+}
+
+static bool has_moved(const measurement &before, const measurement &now, double most)
+{
+    return !before.lanes.empty() && !now.lanes.empty() &&
+           std::abs(before.lanes.front().value - now.lanes.front().value) >= most;
+}
+
+/* A flipped bit on the bus looks so, and no reading has a checksum. */
+static bool has_jumped(const module_contents &before, const module_contents &now)
+{
+    constexpr double most_heat = 15'000;     /* 0.001 degrees Celsius */
+    constexpr double most_voltage = 500'000; /* microvolts */
+    return before.diagnostics == diagnostics_state::available &&
+           now.diagnostics == diagnostics_state::available &&
+           (has_moved(before.temperature, now.temperature, most_heat) ||
+            has_moved(before.voltage, now.voltage, most_voltage) ||
+            has_new_alarm(before.tx_bias, now.tx_bias) ||
+            has_new_alarm(before.tx_power, now.tx_power) ||
+            has_new_alarm(before.rx_power, now.rx_power));
+}
+
 /* Values are taken only with the identity bytes that were read behind them. A failure tells nothing
    of the module's presence, since it may have come because a client asked: the next look does. */
 void module_poller::take_diagnostics(polled &port, const task &done)
@@ -251,9 +286,21 @@ void module_poller::take_diagnostics(polled &port, const task &done)
     take_look(port, done.behind(done.ranges.size() - 1));
     if (port.where != stage::in_use)
         return;
+    const module_memory before = port.memory;
     for (const ranged &read : done.ranges)
         port.memory.store(read.range, done.bytes_of(read), now);
-    publish(port, decode_module(port.memory));
+    const module_contents contents = decode_module(port.memory);
+    const bool is_jump = has_jumped(decode_module(before), contents);
+    const bool was_confirming = std::exchange(port.is_confirming, false);
+    if (is_jump && !was_confirming) {
+        port.is_confirming = true;
+        port.memory = before;
+        port.diagnostics_due = now + confirm_time;
+        return;
+    }
+    if (was_confirming && !is_jump)
+        listener_.reading_dropped(port.number);
+    publish(port, contents);
 }
 
 /* The range before the identity bytes was missing. */
@@ -365,7 +412,7 @@ void module_poller::remove_module(polled &port)
     port.memory.clear();
     port.refused.clear();
     port.old_identity.reset();
-    port.has_values = false;
+    port.has_values = port.is_confirming = false;
     port.missing_due = time_point::max();
     port.failures = port.empty_answers = 0;
     port.failing_since.reset();

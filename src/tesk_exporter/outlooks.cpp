@@ -1,0 +1,236 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: feed() gives each step to the forecast of its module and notes its reports;
+   settle() compares what holds now with what was announced. */
+#include "tesk_exporter/outlooks.h"
+
+#include "tesk_exporter/forecast_json.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+namespace exporter
+{
+
+/* Modules that came and went; a module's state takes some KiB for each lane. */
+static constexpr size_t most_followed = 1024;
+static constexpr double a_day = 86400;
+
+static double value_at(const history::row &values, size_t index)
+{
+    if (index >= values.size())
+        return std::numeric_limits<double>::quiet_NaN();
+    const history::measure what = history::measure_at(index);
+    const double value = history::value_of(what, values[index]);
+    switch (what) {
+    case history::measure::rx_power:
+    case history::measure::tx_power:
+        return 1000 * std::pow(10, value / 10); /* microwatts */
+    case history::measure::error_ratio:
+        return std::pow(10, value);
+    default:
+        return value;
+    }
+}
+
+static std::vector<forecast::lane_reading> lanes_of(const history::row &values)
+{
+    std::vector<forecast::lane_reading> lanes;
+    for (size_t i = history::per_port; i + history::per_lane <= values.size();
+         i += history::per_lane)
+        lanes.push_back({value_at(values, i), value_at(values, i + 1), value_at(values, i + 2),
+                         value_at(values, i + 3)});
+    return lanes;
+}
+
+void outlooks::feed(const history::place &of, int64_t time, const history::record &read)
+{
+    const auto lanes = lanes_of(read.middle);
+    if (lanes.empty())
+        return;
+    auto found = ports_.find(of.id);
+    if (found != ports_.end() && found->second.lanes < lanes.size()) {
+        ports_.erase(found);
+        found = ports_.end();
+    }
+    if (found == ports_.end()) {
+        if (ports_.size() >= most_followed)
+            ports_.erase(std::ranges::min_element(
+                ports_, {}, [](const auto &each) { return each.second.fed; }));
+        found = ports_
+                    .emplace(of.id, followed{forecast::port(static_cast<int>(lanes.size())),
+                                             lanes.size(), time})
+                    .first;
+    }
+    found->second.fed = time;
+    std::vector<forecast::report> reports;
+    found->second.port.feed({.time = time,
+                             .has_link = read.link >= 50, /* unknown is more, too */
+                             .has_module = true,
+                             .serial = of.serial,
+                             .temperature_c = value_at(read.middle, 0),
+                             .voltage_v = value_at(read.middle, 1),
+                             .lanes = lanes},
+                            reports);
+    for (forecast::report &told : reports) {
+        const key at{of.id, told.lane, told.value};
+        if (told.what == forecast::change::withdrawn) {
+            reasons_[at] = told.reason;
+            active_.erase(at);
+        } else if (told.what != forecast::change::notice) {
+            reasons_.erase(at);
+            active_.insert_or_assign(at, std::move(told));
+        }
+    }
+}
+
+static std::string key_text(int lane, forecast::quantity value)
+{
+    return fmt::format("{} {}", lane, static_cast<int>(value));
+}
+
+/* Hours where steps are gone, then steps. */
+void outlooks::restore(history::chronicle &kept)
+{
+    ports_.clear();
+    active_.clear();
+    announced_.clear();
+    reasons_.clear();
+    const auto length = [](history::level of) {
+        return history::level_length[of] * history::level_seconds[of];
+    };
+    const int64_t end = kept.time().start(), first_step = end - length(history::steps);
+    const auto take = [&](history::level of) {
+        return [this, &kept, of](int64_t number, int64_t id, const history::record &read) {
+            const auto place = kept.places().find(id);
+            const int64_t middle = of == history::hours ? history::level_seconds[of] / 2 : 0;
+            if (place != kept.places().end())
+                feed(place->second, number * history::level_seconds[of] + middle, read);
+        };
+    };
+    const int64_t hour = history::level_seconds[history::hours],
+                  step = history::level_seconds[history::steps];
+    kept.read_all(history::hours, (end - length(history::hours)) / hour, first_step / hour - 1,
+                  take(history::hours));
+    kept.read_all(history::steps, first_step / hour * hour / step, end / step,
+                  take(history::steps));
+    for (const history::announcement &each : kept.announcements()) {
+        int lane = 0, value = 0;
+        if (std::sscanf(each.key.c_str(), "%d %d", &lane, &value) != 2 || value < 0 ||
+            value >= forecast::quantities)
+            continue;
+        const auto what = static_cast<forecast::quantity>(value);
+        const auto found = active_.find({each.place, lane, what});
+        forecast::report told{};
+        told.lane = lane;
+        told.value = what;
+        announced_.emplace(key{each.place, lane, what},
+                           found == active_.end() ? told : found->second);
+    }
+}
+
+/* A forecast holds while its module is in its port; where that isn't known yet, it stays. */
+static bool is_there(const history::chronicle &kept, int64_t id)
+{
+    const auto place = kept.places().find(id);
+    return place != kept.places().end() && kept.occupant_of(place->second.port).value_or(id) == id;
+}
+
+static std::string sentence(const outlooks::news &each)
+{
+    const forecast::report &told = each.told;
+    const std::string what = fmt::format("{} of lane {}", forecast::name_of(told.value), told.lane);
+    if (!each.is_raised)
+        return fmt::format("{}: withdrawn: {}", what, told.reason);
+    return fmt::format("{}: {}, {:.1f} days left ({:.1f} to {:.1f}): {}", what,
+                       forecast::name_of(told.cause), told.days_left, told.low, told.high,
+                       told.reason);
+}
+
+std::vector<outlooks::news> outlooks::settle(history::chronicle &kept, const history::clocks &now)
+{
+    std::vector<news> found;
+    for (const auto &[at, told] : active_)
+        if (!announced_.contains(at) && is_there(kept, std::get<0>(at)))
+            found.push_back({true, kept.places().at(std::get<0>(at)), told});
+    for (const auto &[at, told] : announced_) {
+        const auto place = kept.places().find(std::get<0>(at));
+        if (place == kept.places().end() ||
+            (active_.contains(at) && is_there(kept, std::get<0>(at))))
+            continue;
+        news over{false, place->second, told};
+        const auto reason = reasons_.find(at);
+        over.told.reason = active_.contains(at)       ? "The module isn't in the port any more."
+                           : reason == reasons_.end() ? "The history doesn't show it any more."
+                                                      : reason->second;
+        found.push_back(std::move(over));
+    }
+    for (const news &each : found) {
+        const key at{each.of.id, each.told.lane, each.told.value};
+        const std::string text = sentence(each);
+        kept.note(each.of.port, "forecast", text, now);
+        kept.announce(
+            {each.of.id, key_text(each.told.lane, each.told.value), each.is_raised ? text : ""});
+        if (each.is_raised)
+            announced_.insert_or_assign(at, each.told);
+        else
+            announced_.erase(at);
+    }
+    return found;
+}
+
+std::vector<forecast::report> outlooks::now_of(const history::chronicle &kept, int64_t boot,
+                                               std::vector<history::place> &places) const
+{
+    std::vector<std::pair<forecast::report, history::place>> found;
+    for (const auto &[at, told] : active_) {
+        if (!is_there(kept, std::get<0>(at)))
+            continue;
+        forecast::report now = told;
+        now.time = kept.time().at(boot);
+        const double passed = static_cast<double>(now.time - told.time) / a_day;
+        for (double forecast::report::*each :
+             {&forecast::report::days_left, &forecast::report::low, &forecast::report::high})
+            now.*each = std::max(now.*each - passed, 0.0);
+        now.days_since += passed;
+        now.time = kept.time().wall_of(now.time);
+        found.emplace_back(std::move(now), kept.places().at(std::get<0>(at)));
+    }
+    std::ranges::stable_sort(found, {}, [](const auto &each) { return each.first.days_left; });
+    std::vector<forecast::report> reports;
+    for (auto &[told, place] : found) {
+        reports.push_back(std::move(told));
+        places.push_back(std::move(place));
+    }
+    return reports;
+}
+
+std::string outlooks::json(const history::chronicle &kept, int64_t boot) const
+{
+    std::vector<history::place> places;
+    const auto reports = now_of(kept, boot, places);
+    json_object list = json_object::array();
+    for (size_t i = 0; i < reports.size(); i++)
+        list.push_back(report_json({{"port", places[i].port},
+                                    {"interface", places[i].interface},
+                                    {"vendor", places[i].vendor},
+                                    {"part", places[i].part},
+                                    {"serial", places[i].serial}},
+                                   reports[i]));
+    return to_line({{"forecasts", std::move(list)}}) + "\n";
+}
+
+std::vector<forecast_sample> outlooks::samples(const history::chronicle &kept, int64_t boot) const
+{
+    std::vector<history::place> places;
+    std::vector<forecast_sample> made;
+    const auto reports = now_of(kept, boot, places);
+    for (size_t i = 0; i < reports.size(); i++)
+        made.push_back({places[i].port, reports[i].lane, forecast::name_of(reports[i].value),
+                        reports[i].days_left});
+    return made;
+}
+
+} // namespace exporter

@@ -1,0 +1,66 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* outlooks - the forecast of all ports over the history. A forecast is announced when it is raised
+   and withdrawn when it is over, also where its module left the port; a restart announces nothing
+   anew. The history's thread only.
+
+   GET /api/forecast
+     {"forecasts": [{"port", "interface", "vendor", "part", "serial", .. the keys of
+        forecast_json.h ..}]}        soonest first; time and days_left are those of the last step */
+#pragma once
+
+#include "forecast/forecast.h"
+#include "history/chronicle.h"
+
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace exporter
+{
+
+/* A forecast of now, for the metrics. */
+struct forecast_sample {
+    uint32_t port;
+    int lane;
+    const char *value;
+    double days_left;
+};
+
+class outlooks
+{
+  public:
+    /* A forecast was raised, or withdrawn. */
+    struct news {
+        bool is_raised;
+        history::place of;
+        forecast::report told;
+    };
+
+    /* Forgets all, and takes in what the history has. */
+    void restore(history::chronicle &kept);
+    /* A step has ended. */
+    void feed(const history::place &of, int64_t time, const history::record &read);
+    /* To be called after steps: what has changed since, which the history records, too. */
+    std::vector<news> settle(history::chronicle &kept, const history::clocks &now);
+
+    std::string json(const history::chronicle &kept, int64_t boot) const;
+    std::vector<forecast_sample> samples(const history::chronicle &kept, int64_t boot) const;
+
+  private:
+    using key = std::tuple<int64_t, int, forecast::quantity>; /* place, lane */
+    struct followed {
+        forecast::port port;
+        size_t lanes;
+        int64_t fed;
+    };
+
+    std::vector<forecast::report> now_of(const history::chronicle &kept, int64_t boot,
+                                         std::vector<history::place> &places) const;
+
+    std::map<int64_t, followed> ports_; /* by place */
+    std::map<key, forecast::report> active_, announced_;
+    std::map<key, std::string> reasons_; /* of the last withdrawals */
+};
+
+} // namespace exporter

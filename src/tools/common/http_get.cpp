@@ -1,0 +1,83 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "tools/common/http_get.h"
+
+#include "util/descriptor.h"
+#include "util/local_socket.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fmt/format.h>
+#include <memory>
+#include <netdb.h>
+#include <sys/socket.h>
+
+static constexpr timeval patience = {.tv_sec = 2, .tv_usec = 0};
+static constexpr size_t largest_answer = 16 << 20;
+
+std::pair<std::string, std::string> split_address(const std::string &address)
+{
+    const size_t colon = address.rfind(':');
+    if (colon == std::string::npos)
+        return {address, ""};
+    std::string host = address.substr(0, colon);
+    if (host.starts_with('[') && host.ends_with(']'))
+        host = host.substr(1, host.size() - 2);
+    return {host, address.substr(colon + 1)};
+}
+
+/* Connects to ADDRESS:PORT without a look-up of names, or to unix:PATH; errno where it fails. */
+static util::descriptor connect_to_address(const std::string &address)
+{
+    if (address.starts_with("unix:"))
+        return util::connect_to(address.substr(5), SOCK_STREAM);
+    const auto [host, port] = split_address(address);
+    addrinfo hints{}, *found = nullptr;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    hints.ai_socktype = SOCK_STREAM;
+    errno = EINVAL;
+    if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0)
+        return util::descriptor();
+    const std::unique_ptr<addrinfo, void (*)(addrinfo *)> owned(found, freeaddrinfo);
+    util::descriptor connection(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    /* Also the limit of the connecting itself. */
+    setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    if (connect(connection.get(), found->ai_addr, found->ai_addrlen) != 0)
+        connection.reset();
+    return connection;
+}
+
+/* An address at which a listener on all addresses is reached. */
+static std::string reachable(const std::string &address)
+{
+    const auto [host, port] = split_address(address);
+    if (host == "localhost" || host == "0.0.0.0" || host.empty())
+        return "127.0.0.1:" + port;
+    return host == "::" ? "[::1]:" + port : address;
+}
+
+http_answer http_get(const std::string &given, const std::string &path)
+{
+    const std::string address = reachable(given);
+    const util::descriptor connection = connect_to_address(address);
+    if (!connection.is_open())
+        return {0, std::strerror(errno)};
+    setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    /* The exporter answers only for a host that it knows, such as its own address. */
+    const std::string request = fmt::format("GET {} HTTP/1.0\r\nHost: {}\r\n\r\n", path,
+                                            address.starts_with("unix:") ? "localhost" : address);
+    if (send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0)
+        return {0, std::strerror(errno)};
+    std::string text;
+    char part[4096];
+    ssize_t got = 0;
+    while (text.size() < largest_answer &&
+           (got = recv(connection.get(), part, sizeof(part), 0)) > 0)
+        text.append(part, static_cast<size_t>(got));
+    const size_t blank = text.find(' '), body = text.find("\r\n\r\n");
+    if (!text.starts_with("HTTP/") || blank == std::string::npos || body == std::string::npos)
+        return {0, got < 0 ? "no answer in 2 s" : "the answer is not HTTP"};
+    return {static_cast<int>(std::strtol(text.c_str() + blank, nullptr, 10)),
+            text.substr(body + 4)};
+}

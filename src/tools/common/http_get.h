@@ -1,0 +1,20 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* http_get - one request by HTTP to a program of this machine or network. Waits at most two seconds
+   for each part of the answer. No state. */
+#pragma once
+
+#include <string>
+#include <utility>
+
+/* Where tesk-exporter listens unless it is told otherwise. */
+inline constexpr char exporter_address[] = "127.0.0.1:9816";
+
+struct http_answer {
+    int status = 0; /* 0: no answer; the text says why */
+    std::string text;
+};
+
+/* Of ADDRESS:PORT, without the brackets of an IPv6 address; no port where there is none. */
+std::pair<std::string, std::string> split_address(const std::string &address);
+/* `address` is ADDRESS:PORT, whose address is a number or localhost, or unix:PATH. */
+http_answer http_get(const std::string &address, const std::string &path);
