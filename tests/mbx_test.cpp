@@ -673,6 +673,10 @@ TEST_F(mbx, what_a_peer_keeps_after_its_end_counts_until_it_lets_go)
     unread.control.reset();
     expect_open_sockets(idle + 1);
     path.reset();
+    expect_open_sockets(idle + 1);
+    mapping.near_bell.reset();
+    expect_open_sockets(idle + 1);
+    mapping.far_bell.reset();
     expect_open_sockets(idle);
 }
 

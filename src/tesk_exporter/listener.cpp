@@ -32,10 +32,12 @@ static constexpr int send_buffer = 256 * 1024;
 
 static int listening(int fd, const sockaddr *address, socklen_t size, const std::string &where)
 {
+    if (fd < 0)
+        fail(where, std::generic_category().message(errno));
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer));
-    if (fd >= 0 && bind(fd, address, size) == 0 && listen(fd, backlog) == 0)
+    if (bind(fd, address, size) == 0 && listen(fd, backlog) == 0)
         return fd;
     const int error = errno;
     close(fd);

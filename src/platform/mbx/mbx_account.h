@@ -5,8 +5,9 @@
    There is an account for each process, which is part of its user's, which is part of the total. A
    connection has an entry there for as long as any of its memory can be charged to us: until the
    peer has closed its end, has nothing of ours unread, and neither has the memory file open (O_PATH
-   included) nor mapped. The bytes of an entry are those of the backlog and of the rings' pages
-   beyond the first one; the first page and the records of the connection come with its number.
+   included), nor mapped, nor a bell. The bytes of an entry are those of the backlog and of the
+   rings' pages beyond the first one; the first page and the records of the connection come with its
+   number.
 
    Connections cannot be taken back, so nobody may hold more than half of what is left: of the total
    for a user, of what the user may still take for a process. Root and our own user, who could end

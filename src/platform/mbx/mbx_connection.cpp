@@ -62,6 +62,8 @@ connection::~connection()
         ring.leave();
     if (area)
         count_held(*this);
+    if (area && is_bell_own)
+        leave_bell(far_bell.get(), area->place());
     retire_bell(std::move(far_bell));
     if (!control)
         return;

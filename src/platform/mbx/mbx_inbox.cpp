@@ -14,6 +14,8 @@
    from it. */
 #include "platform/mbx/mbx_inbox.h"
 
+#include "platform/mbx/mbx_parting.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <sys/eventfd.h>
@@ -128,6 +130,8 @@ void inbox::remove(source &s)
 {
     if (s.is_watched)
         epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr);
+    if (s.area)
+        leave_bell(s.bell.get(), s.area->place());
     sources_.remove(s.id);
 }
 

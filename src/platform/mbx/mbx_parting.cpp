@@ -1,6 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Our end is shut down for writing only, so that the hang-up which epoll reports is the peer's. One
-   that has hung up without having read all is looked at again from time to time. */
+   that has hung up without having read all is looked at again from time to time.
+
+   A bell that we have closed stays in an epoll of ours for as long as anybody has it, and is always
+   readable or writable, so that each wait there gives all bells that peers still have. */
 #include "platform/mbx/mbx_parting.h"
 
 #include "platform/mbx/mbx_account.h"
@@ -46,12 +49,15 @@ std::mutex parting_lock;
 static std::vector<parted> all;
 static uint32_t last_number;
 static time_point next_look; /* at those that have ended at the peer */
+static owned_fd left_bells;  /* an epoll of the bells that peers may still have */
 static owned_fd ends;        /* an inotify that tells of memory files that are gone */
 static owned_fd looked_up;   /* see watch_for_end */
 static size_t watches;       /* of files that are not known to be gone */
 /* The watches of those that are gone, while there is an entry; has room for all. Never destroyed:
    the helper may outlive main(). */
 static std::vector<int> *gone = new std::vector<int>;
+/* The watches of those whose bells peers have, as of the last look. */
+static std::vector<int> *ringable = new std::vector<int>;
 
 /* The area first, whose pages go back with it; then the place is free. */
 static void let_go(parted &&p)
@@ -64,6 +70,25 @@ static void let_go(parted &&p)
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
 
+/* With the lock held. As many as are ready are reported at once. */
+static void look_at_bells()
+{
+    ringable->clear();
+    epoll_event events[128];
+    const size_t most = 2 * connections_at_most();
+    for (int count = 128; left_bells && count == 128 && ringable->size() < most;) {
+        count = epoll_wait(left_bells.get(), events, 128, 0);
+        for (int i = 0; i < count; i++)
+            ringable->push_back(static_cast<int>(events[i].data.u64));
+    }
+}
+
+static bool has_bell(const parted &p)
+{
+    return p.place &&
+           std::find(ringable->begin(), ringable->end(), p.place->watch) != ringable->end();
+}
+
 /* Takes those out for which the question is answered with yes, and lets them go without the lock.
  */
 template <typename question>
@@ -72,6 +97,7 @@ static void let_go_if(question &&is_it)
     std::vector<parted> over;
     {
         const std::lock_guard hold(parting_lock);
+        look_at_bells();
         const auto first =
             std::partition(all.begin(), all.end(), [&](parted &p) { return !is_it(p); });
         over.assign(std::make_move_iterator(first), std::make_move_iterator(all.end()));
@@ -118,7 +144,7 @@ static bool is_over(parted &p, time_point now)
     p.area.reset();
     if (!is_gone(p))
         take_ends();
-    return is_gone(p) && !has_unread(p.control.get());
+    return is_gone(p) && !has_bell(p) && !has_unread(p.control.get());
 }
 
 /* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
@@ -201,11 +227,22 @@ static void handle_ends(uint32_t, uint32_t)
     let_go_if([now](parted &p) { return has_ended(p) && is_gone(p) && is_over(p, now); });
 }
 
+void leave_bell(int bell, const std::shared_ptr<entry> &place)
+{
+    if (!place || place->watch == -1)
+        return;
+    const std::lock_guard hold(parting_lock);
+    epoll_event event{EPOLLIN | EPOLLOUT, {.u64 = static_cast<uint64_t>(place->watch)}};
+    if (left_bells)
+        epoll_ctl(left_bells.get(), EPOLL_CTL_ADD, bell, &event);
+}
+
 /* With the lock held. */
 static bool begin_to_watch()
 {
     if (ends)
         return true;
+    left_bells = owned_fd(epoll_create1(EPOLL_CLOEXEC));
     ends = owned_fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     looked_up = owned_fd(ends ? fcntl(ends.get(), F_DUPFD_CLOEXEC, 0) : -1);
     if (looked_up && helper_watch(WATCH_ENDS, ends.get(), EPOLLIN, 0, 0))
@@ -248,6 +285,7 @@ void end_parting(bool is_child)
     all.clear();
     gone->clear();
     watches = 0;
+    left_bells.reset();
     looked_up.reset();
     ends.reset();
 }

@@ -5,9 +5,9 @@
    The kernel charges to us what the peer still has of a connection: the memory file with its pages,
    the descriptors of a welcome and the bytes that it has not read. So the entry in the accounts,
    and our end of the control connection, are kept until the peer has closed its end, nothing of
-   ours lies unread in it, and nobody else has the file. The pages are given back as soon as nobody
-   can be waiting for them, whoever still maps them. What its ring holds is kept for some seconds
-   more: its library may notice the end before its owner has received all. */
+   ours lies unread in it, and nobody else has the file or a bell. The pages are given back as soon
+   as nobody can be waiting for them, whoever still maps them. What its ring holds is kept for some
+   seconds more: its library may notice the end before its owner has received all. */
 #pragma once
 
 #include "platform/mbx/mbx_area.h"
@@ -27,6 +27,10 @@ void give_back_parting();
    alone (O_PATH), mapped nor on its way to somebody. -1 where the system refuses that, or has no
    /proc; then nobody waits for it. */
 int watch_for_end(int memory);
+
+/* Our own descriptor of a bell is about to be closed: the place counts until the peer's are, too.
+   Before the area is let go. Nothing for a connection that we have not accepted. */
+void leave_bell(int bell, const std::shared_ptr<entry> &place);
 
 /* Registers the functions that the helper calls, before it starts. */
 void set_up_parting();
