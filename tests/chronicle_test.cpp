@@ -143,12 +143,12 @@ TEST(chronicle, has_steps_hours_and_days_after_restarts)
         on.start();
     }
     on.run(day, 2);
-    EXPECT_TRUE(is_rising(on.rows(steps)));
-    EXPECT_EQ(on.rows(hours).size() / 10, (62 + 24) / 10);
-    EXPECT_EQ(on.rows(days).front(), std::pair(begin, int16_t{106}));
+    EXPECT_TRUE(is_rising(on.rows(STEPS)));
+    EXPECT_EQ(on.rows(HOURS).size() / 10, (62 + 24) / 10);
+    EXPECT_EQ(on.rows(DAYS).front(), std::pair(begin, int16_t{106}));
     EXPECT_EQ(on.kept->places().size(), 2);
     on.run(3 * day);
-    EXPECT_EQ(on.rows(steps).front().first / 3600, (on.now.wall - 2 * day) / 3600);
+    EXPECT_EQ(on.rows(STEPS).front().first / 3600, (on.now.wall - 2 * day) / 3600);
     EXPECT_TRUE(on.told.empty()) << on.told[0];
 }
 
@@ -173,7 +173,7 @@ TEST(chronicle, records_changes_of_modules)
     EXPECT_EQ(events.size(), 34);
     EXPECT_EQ(events.front().kind, "removed");
     EXPECT_EQ(events.back().text, "968 more changes within a minute");
-    EXPECT_EQ(on.rows(steps).size(), 9);
+    EXPECT_EQ(on.rows(STEPS).size(), 9);
 }
 
 /* Whatever the clock does, each step is there once, and in order as shown. */
@@ -202,7 +202,7 @@ TEST(chronicle, survives_a_clock_that_jumps)
                 on.start();
             on.run(6000);
         }
-        const auto rows = on.rows(steps);
+        const auto rows = on.rows(STEPS);
         EXPECT_TRUE(is_rising(rows));
         EXPECT_GE(rows.size(), 20 * (jumps.size() + 1) - jumps.size());
         EXPECT_LE(std::abs(rows.back().first + 300 - on.now.wall), 300);
@@ -231,7 +231,7 @@ TEST(chronicle, loses_nothing_that_was_committed)
         int status = 0;
         waitpid(child, &status, 0);
         on.start();
-        const auto rows = on.rows(steps);
+        const auto rows = on.rows(STEPS);
         EXPECT_GE(rows.size(), 12) << "killed at call " << call;
         EXPECT_TRUE(is_rising(rows));
         EXPECT_TRUE(on.told.empty()) << on.told[0];
@@ -252,12 +252,12 @@ TEST(chronicle, goes_on_in_memory_while_the_disk_is_full)
     EXPECT_EQ(on.told.size(), 1);
     EXPECT_FALSE(on.kept->write_trouble().empty());
     size_t seen = 0;
-    on.kept->read(steps, 1, 0, INT32_MAX, [&](int64_t, const record &) { seen++; });
+    on.kept->read(STEPS, 1, 0, INT32_MAX, [&](int64_t, const record &) { seen++; });
     EXPECT_EQ(seen, 36);
     is_full = false;
     on.run(600);
     EXPECT_EQ(on.told.size(), 2);
-    EXPECT_EQ(on.rows(steps).size(), 38);
+    EXPECT_EQ(on.rows(STEPS).size(), 38);
 }
 
 /* A file that was cut at any page, that is none, that can't be written, or is of a newer version.
@@ -279,7 +279,7 @@ TEST(chronicle, sets_a_bad_file_aside_and_leaves_a_newer_one_alone)
         on.told.clear();
         on.start();
         on.run(day / 8);
-        on.rows(steps);
+        on.rows(STEPS);
         on.kept->events(std::nullopt, 0, 100);
         on.run(600);
         const bool is_kept = on.kept->trouble().empty();
@@ -326,7 +326,7 @@ TEST(chronicle, stays_below_its_limit)
     on.limit = 16 << 20;
     on.start();
     on.run(day / 2, 900);
-    const auto rows = on.rows(steps);
+    const auto rows = on.rows(STEPS);
     EXPECT_EQ(rows.back().first + 300, on.now.wall);
     on.stop();
     EXPECT_LE(fs::file_size(on.folder + "/history.db"), 12 << 20);

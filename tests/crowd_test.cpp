@@ -529,8 +529,8 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
     end_play();
     std::ranges::sort(answers);
     const double p99 = answers[answers.size() * 99 / 100];
-    EXPECT_LT(p99,
-              testkit::sanitized ? 200 : count_of(200, 20)); /* any machine runs the usual one */
+    /* Any machine runs the usual one, and a sanitizer makes all slow. */
+    EXPECT_LT(p99, testkit::sanitized ? 5000 : count_of(200, 20));
     EXPECT_GT(seen_by->let_in, 10u);
     EXPECT_LE(seen_by->turned_away, 1u); /* the last one was on its way */
     EXPECT_TRUE(testkit::sanitized || seen_by->rounds > 0);

@@ -118,7 +118,7 @@ TEST(outlooks, weeks_of_a_port_are_read_at_once)
     box on;
     on.run(10, 0);
     const auto start = std::chrono::steady_clock::now();
-    const auto answer = json_object::parse(history_json(*on.kept, 3, history::hours, on.now.boot));
+    const auto answer = json_object::parse(history_json(*on.kept, 3, history::HOURS, on.now.boot));
     const std::chrono::duration<double, std::milli> taken =
         std::chrono::steady_clock::now() - start;
     RecordProperty("ms", std::to_string(taken.count()));
@@ -129,5 +129,5 @@ TEST(outlooks, weeks_of_a_port_are_read_at_once)
     EXPECT_LE(powers[7][0], powers[7][1]);
     EXPECT_NEAR(powers[7][1].get<double>(), -5, 0.05);
     EXPECT_EQ(answer["modules"][0]["until"], nullptr);
-    EXPECT_EQ(history_json(*on.kept, 4, history::hours, on.now.boot), "");
+    EXPECT_EQ(history_json(*on.kept, 4, history::HOURS, on.now.boot), "");
 }

@@ -229,7 +229,7 @@ void store::prune(int64_t present)
         statement(file, drop_rows[of])
             .bind(1, key_of(present / level_seconds[of] - level_length[of], 0))
             .run();
-    const int64_t oldest = present - level_seconds[days] * level_length[days];
+    const int64_t oldest = present - level_seconds[DAYS] * level_length[DAYS];
     statement(file, "DELETE FROM events WHERE time < ?").bind(1, oldest).run();
     statement(file, "DELETE FROM events WHERE id <= (SELECT max(id) FROM events) - ?")
         .bind(1, most_events)
@@ -288,7 +288,7 @@ void store::write(const batch &added, int64_t present)
         for (size_t of = 0; of < levels; of++)
             write_rows(prepared_->rows[of], added.rows[of]);
         /* Old rows leave once an hour, with the hour's. */
-        if (!added.rows[hours].empty() || added.events.size() > 1000)
+        if (!added.rows[HOURS].empty() || added.events.size() > 1000)
             prune(present);
         file.run("COMMIT");
     } catch (const database_error &) {
@@ -333,8 +333,8 @@ std::vector<announcement> store::announcements()
 int64_t store::end()
 {
     database &file = *database_;
-    const int64_t key = file.number(last_key[steps]);
-    return std::max({key == 0 ? 0 : ((key >> place_bits) + 1) * level_seconds[steps],
+    const int64_t key = file.number(last_key[STEPS]);
+    return std::max({key == 0 ? 0 : ((key >> place_bits) + 1) * level_seconds[STEPS],
                      file.number("SELECT max(time) + 1 FROM events"),
                      file.number("SELECT max(last) FROM places"),
                      file.number("SELECT max(first) FROM clock")});

@@ -60,7 +60,7 @@ struct announcement {
     std::string text; /* as JSON; empty: it was withdrawn */
 };
 
-enum level : size_t { steps, hours, days };
+enum level : size_t { STEPS, HOURS, DAYS };
 inline constexpr size_t levels = 3;
 inline constexpr std::array<int64_t, levels> level_seconds = {300, 3600, 86400};
 /* Two days, eight weeks, two years. */

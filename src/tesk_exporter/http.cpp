@@ -448,7 +448,7 @@ MHD_Result http_server::send_history(const http_request &request)
 {
     using named_level = std::pair<std::string_view, history::level>;
     static constexpr named_level spans[] = {
-        {"2d", history::steps}, {"8w", history::hours}, {"2y", history::days}};
+        {"2d", history::STEPS}, {"8w", history::HOURS}, {"2y", history::DAYS}};
     unsigned status = 0;
     const auto port = port_argument(request.http);
     if (!port)
@@ -464,12 +464,12 @@ MHD_Result http_server::send_history(const http_request &request)
 
 MHD_Result http_server::send_modules(const http_request &request)
 {
-    return ask_history(request, {history_question::kind::modules, 0, history::steps, true});
+    return ask_history(request, {history_question::kind::modules, 0, history::STEPS, true});
 }
 
 MHD_Result http_server::send_forecast(const http_request &request)
 {
-    return ask_history(request, {history_question::kind::forecast, 0, history::steps, true});
+    return ask_history(request, {history_question::kind::forecast, 0, history::STEPS, true});
 }
 
 ssize_t http_server::read_events(void *reader_of, uint64_t, char *buffer, size_t size)

@@ -101,21 +101,21 @@ void outlooks::restore(history::chronicle &kept)
     const auto length = [](history::level of) {
         return history::level_length[of] * history::level_seconds[of];
     };
-    const int64_t end = kept.time().start(), first_step = end - length(history::steps);
+    const int64_t end = kept.time().start(), first_step = end - length(history::STEPS);
     const auto take = [&](history::level of) {
         return [this, &kept, of](int64_t number, int64_t id, const history::record &read) {
             const auto place = kept.places().find(id);
-            const int64_t middle = of == history::hours ? history::level_seconds[of] / 2 : 0;
+            const int64_t middle = of == history::HOURS ? history::level_seconds[of] / 2 : 0;
             if (place != kept.places().end())
                 feed(place->second, number * history::level_seconds[of] + middle, read);
         };
     };
-    const int64_t hour = history::level_seconds[history::hours],
-                  step = history::level_seconds[history::steps];
-    kept.read_all(history::hours, (end - length(history::hours)) / hour, first_step / hour - 1,
-                  take(history::hours));
-    kept.read_all(history::steps, first_step / hour * hour / step, end / step,
-                  take(history::steps));
+    const int64_t hour = history::level_seconds[history::HOURS],
+                  step = history::level_seconds[history::STEPS];
+    kept.read_all(history::HOURS, (end - length(history::HOURS)) / hour, first_step / hour - 1,
+                  take(history::HOURS));
+    kept.read_all(history::STEPS, first_step / hour * hour / step, end / step,
+                  take(history::STEPS));
     for (const history::announcement &each : kept.announcements()) {
         int lane = 0, value = 0;
         if (std::sscanf(each.key.c_str(), "%d %d", &lane, &value) != 2 || value < 0 ||

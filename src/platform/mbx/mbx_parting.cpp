@@ -45,16 +45,16 @@ struct parted {
 } // namespace
 
 std::mutex parting_lock;
-/* Guarded by parting_lock. */
-static std::vector<parted> all;
+/* Guarded by parting_lock. What has a destructor is never destroyed, as the helper may outlive
+   main(). */
+static std::vector<parted> &all = *new std::vector<parted>;
 static uint32_t last_number;
-static time_point next_look; /* at those that have ended at the peer */
-static owned_fd left_bells;  /* an epoll of the bells that peers may still have */
-static owned_fd ends;        /* an inotify that tells of memory files that are gone */
-static owned_fd looked_up;   /* see watch_for_end */
-static size_t watches;       /* of files that are not known to be gone */
-/* The watches of those that are gone, while there is an entry; has room for all. Never destroyed:
-   the helper may outlive main(). */
+static time_point next_look;                 /* at those that have ended at the peer */
+static owned_fd &left_bells = *new owned_fd; /* an epoll of the bells that peers may still have */
+static owned_fd &ends = *new owned_fd;       /* an inotify: tells of memory files that are gone */
+static owned_fd &looked_up = *new owned_fd;  /* see watch_for_end */
+static size_t watches;                       /* of files that are not known to be gone */
+/* The watches of those that are gone, while there is an entry; has room for all. */
 static std::vector<int> *gone = new std::vector<int>;
 /* The watches of those whose bells peers have, as of the last look. */
 static std::vector<int> *ringable = new std::vector<int>;
