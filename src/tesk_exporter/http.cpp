@@ -431,10 +431,12 @@ void http_server::take_answers(steady_time now)
 {
     if (history_ == nullptr)
         return;
-    for (history_answer &made : history_->take_answers())
-        for (auto &[http, waiting] : waiting_)
-            if (waiting.id == made.id)
-                waiting.answer = std::move(made);
+    for (history_answer &made : history_->take_answers()) {
+        const auto asked = std::ranges::find_if(
+            waiting_, [&](const auto &row) { return row.second.id == made.id; });
+        if (asked != waiting_.end())
+            asked->second.answer = std::move(made);
+    }
     for (auto &[http, waiting] : waiting_) {
         if (waiting.answer.status == 0 && now >= waiting.deadline)
             waiting.answer = {waiting.id, MHD_HTTP_SERVICE_UNAVAILABLE,

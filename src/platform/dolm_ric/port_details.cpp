@@ -40,7 +40,7 @@ std::string details_path(const std::string &port_map)
 
 int64_t details_time()
 {
-    return std::chrono::nanoseconds(util::boot_time().time_since_epoch()).count();
+    return std::chrono::nanoseconds{util::boot_time().time_since_epoch()}.count();
 }
 
 static off_t offset_of(uint32_t port)
@@ -164,7 +164,7 @@ bool port_details::make_file()
     header_.header_size = page;
     header_.record_size = record_size;
     header_.epoch = static_cast<uint64_t>(
-        std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count());
+        std::chrono::nanoseconds{std::chrono::system_clock::now().time_since_epoch()}.count());
     header_.started_at = details_time();
     struct flock lock = {};
     lock.l_type = F_WRLCK;

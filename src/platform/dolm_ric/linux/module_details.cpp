@@ -66,7 +66,7 @@ static constexpr measured lane_values[] = {
 
 static int64_t nanoseconds(module_memory::time_point at)
 {
-    return std::chrono::nanoseconds(at.time_since_epoch()).count();
+    return std::chrono::nanoseconds{at.time_since_epoch()}.count();
 }
 
 /* Rounded far below what any module measures, so that a decimal fraction stays one. */
@@ -233,7 +233,7 @@ static void take_module_values(const module_memory &memory, const module_content
 
 /* A bank's values were read at another time than those of the module. */
 static std::optional<module_memory::time_point> lane_read_at(const module_memory &memory,
-                                                             module_family family, uint8_t lane)
+                                                             module_family family, uint32_t lane)
 {
     return memory.read_at(family == module_family::cmis
                               ? cmis_lanes(static_cast<uint8_t>(lane / lanes_of_bank))
@@ -271,7 +271,7 @@ static void take_lane_values(const module_memory &memory, const module_contents 
         for (const lane_value &lane : its.lanes)
             if (lane.lane < found.size())
                 found[lane.lane] = &lane;
-        for (uint8_t lane = 0; lane < record.lane_count; lane++) {
+        for (uint32_t lane = 0; lane < record.lane_count; lane++) {
             dolm_ric_details_value &to = record.lane[lane].value[kind];
             const auto read_at = lane_read_at(memory, contents.family, lane);
             if (found[lane] == nullptr || !read_at) {
@@ -372,7 +372,7 @@ static void take_signals(const module_memory &memory, const module_contents &con
 {
     const lane_signals signals = find_signals(memory, contents);
     const uint32_t state = record.lanes_state;
-    for (uint8_t lane = 0; lane < record.lane_count; lane++) {
+    for (uint32_t lane = 0; lane < record.lane_count; lane++) {
         const auto read_at = lane_read_at(memory, contents.family, lane);
         const int64_t at = read_at ? nanoseconds(*read_at) : 0;
         for (uint32_t kind = 0; kind < DOLM_RIC_SIGNALS; kind++) {

@@ -94,7 +94,7 @@ void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
     }
     if (made == 0)
         return;
-    const int64_t time = std::chrono::nanoseconds(readings.time).count();
+    const int64_t time = std::chrono::nanoseconds{readings.time}.count();
     cost.total += time;
     cost.longest_read = std::max(cost.longest_read, time / made);
     if (readings.is_sweep) {
