@@ -65,7 +65,7 @@ TEST_F(details_test, a_reader_never_sees_half_a_record)
     writer.update(7, [](record_type &its) { fill(its, 1); });
     writer.start(path);
     ASSERT_EQ(open(), TESK_DETAILS_OK);
-    const std::jthread busy([&](const std::stop_token &over) {
+    std::jthread busy([&](const std::stop_token &over) {
         for (uint64_t number = 2; !over.stop_requested(); number++)
             writer.update(7, [number](record_type &its) { fill(its, number); });
     });
@@ -83,6 +83,10 @@ TEST_F(details_test, a_reader_never_sees_half_a_record)
         ASSERT_EQ(record.vdm[record.vdm_count - 1].value, static_cast<double>(number));
         last = number;
     }
+    busy.request_stop();
+    busy.join();
+    ASSERT_EQ(tesk_details_read(reader, 7, &record), TESK_DETAILS_OK);
+    EXPECT_GE(record.cost.reads, last);
 }
 
 TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)

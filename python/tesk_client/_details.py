@@ -222,7 +222,8 @@ def details(port: int, path: str | os.PathLike[str] | None = None) -> dict[str, 
     the link, and what reading costs. The keys are those of `teskctl module --json`, which the page on
     the protocol lists. Needs no session and asks the server nothing; any thread.
 
-    Without a path it is the file that DOLM_RIC_DETAILS names, else "details" beside the port map.
+    Without a path it is the file that DOLM_RIC_DETAILS names, else "details" beside the port map; none
+    where MBX_DIR selects another server than the system's and neither variable is set.
     Raises NoServerError where no board publishes details now, NoAccessError, NoPortError,
     DeadlineError where the record was being written for half a second, or TeskError."""
     if not isinstance(port, int) or not 0 <= port <= 0xFFFF:

@@ -33,7 +33,7 @@
 #include <mutex>
 #include <sys/types.h>
 
-/* Five descriptors for each connection, and some for everything else. */
+/* Four descriptors for each connection, and some for everything else. */
 constexpr size_t fds_per_connection = 6;
 
 /* For one receiver. */

@@ -107,11 +107,12 @@ class mapped_area
     {
         is_given_back_ = false;
     }
-    /* In a forked child, where the memory is not mapped. */
+    /* In a forked child, where the memory is not mapped, and the place is the parent's. */
     void forget()
     {
         page_ = nullptr;
         rest_ = nullptr;
+        place_.reset();
     }
 
   private:

@@ -318,6 +318,8 @@ void inbox::close(bool is_child)
         s.notices.give_all();
         if (is_child)
             s.area->forget();
+        else if (s.area)
+            leave_bell(s.bell.get(), s.area->place());
     });
     sources_.clear();
     line_ = {};

@@ -63,9 +63,11 @@ static std::vector<int> *ringable = new std::vector<int>;
 static void let_go(parted &&p)
 {
     p.area.reset();
-    if (p.place) {
+    if (p.place && p.place->watch != -1) {
         const std::lock_guard hold(parting_lock);
-        watches -= std::erase(*gone, p.place->watch);
+        if (std::erase(*gone, p.place->watch) == 0)
+            inotify_rm_watch(ends.get(), p.place->watch);
+        watches--;
     }
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
@@ -256,11 +258,11 @@ static bool begin_to_watch()
 int watch_for_end(int memory)
 {
     const std::lock_guard hold(parting_lock);
+    gone->reserve(watches + 1);
     if (!begin_to_watch() || dup3(memory, looked_up.get(), O_CLOEXEC) == -1)
         return -1;
     char path[sizeof("/proc/self/fd/") + 3 * sizeof(int)];
     snprintf(path, sizeof(path), "/proc/self/fd/%d", looked_up.get());
-    gone->reserve(watches + 1);
     const int watch = inotify_add_watch(ends.get(), path, IN_DELETE_SELF);
     dup3(ends.get(), looked_up.get(), O_CLOEXEC);
     watches += watch != -1 ? 1 : 0;

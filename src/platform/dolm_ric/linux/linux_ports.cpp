@@ -66,7 +66,8 @@ void linux_ports::describe_without_module(const port_copy &port)
     });
 }
 
-/* A port that is to be polled again, or otherwise, begins as an empty one. */
+/* A port that is to be polled again, or otherwise, begins as an empty one; one whose module goes on
+   being read keeps its details, as its presence isn't reported anew. */
 void linux_ports::set_module(port_copy &port)
 {
     const bool is_polled = !port.is_out && port.config.source != module_source::none;
@@ -75,7 +76,8 @@ void linux_ports::set_module(port_copy &port)
         modules_.trust_sums(port.config.number, port.config.ignores_checksum);
     }
     modules_.set_interface(port.config.number, is_polled ? port.interface : 0);
-    describe_without_module(port);
+    if (!is_polled || port.presence == module_presence::absent)
+        describe_without_module(port);
 }
 
 /* Nothing is said before the modules have been asked for by the new number. */

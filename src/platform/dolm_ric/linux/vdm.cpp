@@ -119,7 +119,9 @@ static void take_row(const memory_view &descriptors, const memory_view &values,
                          : board::without_limits(DOLM_RIC_VALUE_UNKNOWN);
     to.state = values.was_read() ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NOT_READ;
     to.value = values.was_read() ? number_at(values, 128 + 2 * row, what) : 0;
-    to.grade = values.was_read() ? board::grade_value(to.value, to.limits, true)
+    /* No error at all is no alarm, though the low limits of errors are 0. */
+    const bool has_low_limits = what.number != number_kind::decimal;
+    to.grade = values.was_read() ? board::grade_value(to.value, to.limits, has_low_limits)
                                  : uint32_t{DOLM_RIC_GRADE_NONE};
 }
 
