@@ -186,7 +186,7 @@ TEST(chronicle, survives_a_clock_that_jumps)
     static const std::vector<jump> cases[] = {
         {{3600, false}, {-3600, false}},
         {{-7200, true}, {7200, false}}, /* found after a start, then set right */
-        {{-30 * 365 * day, true}, {30 * 365 * day, false}, {0, true}}, /* no battery */
+        {{-30 * (365 * day), true}, {30 * (365 * day), false}, {0, true}}, /* no battery */
         {{300 * day, true}, {-300 * day, false}, {0, true}},
         {{-30, true}, {45, false}, {-90, true}, {20 * day, true}},
     };

@@ -213,7 +213,7 @@ TEST_F(details_test, flags_are_counted_once_for_each_reading)
 TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
 {
     module_images::image module = module_images::cmis();
-    module.a0.resize(49 * 128);
+    module.a0.resize(size_t{49} * 128);
     module.a0[128 + 142] |= 0x40;
     module_images::put_page_sums(module.a0);
     const auto put = [&](size_t page, size_t at, int value) {
