@@ -43,7 +43,7 @@ daemon() { # CASE COMMAND.. -- ASK..
         return
     fi
     kill -TERM "$process"
-    timeout 5 tail --pid="$process" -s 0.02 -f /dev/null || { kill -9 "$process"; fail "$name: can't be stopped"; }
+    timeout 20 tail --pid="$process" -s 0.02 -f /dev/null || { kill -9 "$process"; fail "$name: can't be stopped"; }
     wait "$process" || status=$?
     ((used < 15)) || fail "$name: spins, $used ticks in 0.3 s"
     ((status == 0)) || fail "$name: stopped with $status and $(<"$place/err")"
