@@ -47,7 +47,8 @@ with tempfile.NamedTemporaryFile("w", suffix=".yml") as file:
     file.flush()
     promtool("check", "rules", file.name)
 
-exported = set(re.findall(r'"(tesk_[a-z_]+)"', (SOURCE / "src/tesk_exporter/metrics.cpp").read_text()))
+exported = {name for source in (SOURCE / "src/tesk_exporter").glob("*metrics.cpp")
+            for name in re.findall(r'"(tesk_[a-z_]+)"', source.read_text())}
 recorded = set(re.findall(r"record: (\S+)", rules))
 for name in metric_names(rules.replace("tesk-", "")) | metric_names(json.dumps(dashboard)):
     stem = re.sub(r"_(total|info|bucket)$", "", name)
