@@ -52,10 +52,11 @@ void chronicle::open(const clocks &now)
         if (const auto by = time_->shift_at_start())
             note(no_port, "clock", fmt::format("the clock differs by {} s from before", *by), now);
     } catch (const database_error &error) {
-        trouble_ = error.what();
         failed(error);
+        drop();
+        trouble_ = error.what();
     } catch (const store_error &error) {
-        store_.reset();
+        drop();
         trouble_ = error.what();
     }
     for (const std::string &note : notes)
@@ -259,20 +260,26 @@ void chronicle::write(const clocks &now)
     }
 }
 
+/* As before open(). */
+void chronicle::drop()
+{
+    store_.reset();
+    time_.reset();
+    places_.clear();
+    ids_.clear();
+    occupants_.clear();
+    live_.clear();
+    touched_.clear();
+    pending_ = {};
+}
+
 /* A damaged file is replaced by a new one; any other failure may pass. */
 void chronicle::failed(const database_error &error)
 {
     if (error.code() == SQLITE_CORRUPT || error.code() == SQLITE_NOTADB) {
         fault_ = error.what();
         trouble_ = fault_;
-        store_.reset();
-        time_.reset();
-        places_.clear();
-        ids_.clear();
-        occupants_.clear();
-        live_.clear();
-        touched_.clear();
-        pending_ = {};
+        drop();
         next_try_ = INT64_MIN;
         return;
     }

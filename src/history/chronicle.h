@@ -94,6 +94,7 @@ class chronicle
     void end_step(int64_t next_step);
     void roll(int64_t id, live &of, int64_t next_time);
     void write(const clocks &now);
+    void drop();
     void failed(const database_error &error);
     void bound_pending();
     template <typename read_type>

@@ -116,6 +116,10 @@ static void set_aside(const std::string &path, const std::string &reason,
 {
     namespace fs = std::filesystem;
     std::error_code error;
+    if (fs::file_size(path, error) == 0) { /* it doesn't replace one with content */
+        fs::remove(path, error);
+        return;
+    }
     for (const auto &entry : fs::directory_iterator(fs::path(path).parent_path(), error))
         if (entry.path().string().starts_with(path + ".2"))
             fs::remove(entry.path(), error);
@@ -133,14 +137,24 @@ static void set_aside(const std::string &path, const std::string &reason,
                                 path, reason, kept));
 }
 
+/* SQLite takes no path with a link in it, as the state directory of a unit with a user of its own
+   is. */
+static std::string path_in(const std::string &folder)
+{
+    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(folder.c_str(), nullptr), free);
+    if (!resolved)
+        throw store_error(fmt::format("{} can't be found: {}", folder, std::strerror(errno)));
+    return std::string(resolved.get()) + "/history.db";
+}
+
+/* What may pass, such as a lack of descriptors, is none of these: the file is kept and tried again.
+ */
 static bool is_for_a_new_file(const database_error &error)
 {
     switch (error.code()) {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
     case SQLITE_READONLY:
-    case SQLITE_CANTOPEN:
-    case SQLITE_PERM:
     case SQLITE_ERROR: /* a table is missing */
     case SQLITE_CONSTRAINT:
         return true;
@@ -153,7 +167,7 @@ store::store(const std::string &folder, int64_t limit, const std::string &fault,
              std::vector<std::string> &notes)
     : most_pages_((std::max(limit, least_limit) - log_size) / page_size), lock_(lock_folder(folder))
 {
-    const std::string path = folder + "/history.db";
+    const std::string path = path_in(folder);
     try {
         if (!fault.empty())
             set_aside(path, fault, notes);

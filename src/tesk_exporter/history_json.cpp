@@ -119,14 +119,16 @@ static json_object events_of(history::chronicle &kept, uint32_t port, int64_t fi
     return list;
 }
 
-std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot)
+std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot,
+                         bool is_followed)
 {
     const int64_t step = history::level_seconds[of], last = kept.time().at(boot) / step,
                   first = last - history::level_length[of];
     json_object modules = json_object::array();
     std::vector<point> points;
     bool is_known = false;
-    for (const auto &[id, in] : kept.places()) {
+    const auto places = kept.places(); /* a read that finds damage clears them */
+    for (const auto &[id, in] : places) {
         if (in.port != port)
             continue;
         is_known = true;
@@ -142,12 +144,12 @@ std::string history_json(history::chronicle &kept, uint32_t port, history::level
                   [&](int64_t number, const history::record &found) {
                       points.push_back({number, found});
                   });
+        if (!kept.trouble().empty())
+            return ""; /* the file turned out to be damaged */
     }
-    if (!kept.trouble().empty())
-        return ""; /* the file turned out to be damaged */
     std::ranges::stable_sort(points, {}, &point::number);
     const json_object events = events_of(kept, port, first * step);
-    if (!is_known && events.empty())
+    if (!kept.trouble().empty() || (!is_known && events.empty() && !is_followed))
         return "";
     std::string text =
         json_object{

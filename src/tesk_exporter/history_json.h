@@ -28,8 +28,10 @@
 namespace exporter
 {
 
-/* Empty for a port of which nothing is known. The chronicle must be open. `boot` is the present. */
-std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot);
+/* Empty for a port of which nothing is known, unless it is followed now; and where the file turns
+   out to be damaged, see trouble(). The chronicle must be open. `boot` is the present. */
+std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot,
+                         bool is_followed = false);
 std::string modules_json(history::chronicle &kept);
 
 } // namespace exporter

@@ -174,8 +174,11 @@ void history_keeper::take(const question &given, const history::clocks &when)
     else if (given.asked.what == history_question::kind::forecast)
         made.text = outlooks_.json(chronicle_, when.boot);
     else
-        made.text = history_json(chronicle_, given.asked.port, given.asked.of, when.boot);
-    if (made.text.empty() && !given.asked.is_followed)
+        made.text = history_json(chronicle_, given.asked.port, given.asked.of, when.boot,
+                                 given.asked.is_followed);
+    if (made.status == 200 && !chronicle_.trouble().empty())
+        made = {given.id, 503, "there is no history: " + chronicle_.trouble()};
+    else if (made.status == 200 && made.text.empty())
         made = {given.id, 404, "there is no such port, and was none"};
     const std::lock_guard lock(mutex_);
     answers_.push_back(std::move(made));
@@ -206,6 +209,8 @@ void history_keeper::look_ahead(const history::clocks &now)
     const bool is_open = chronicle_.trouble().empty();
     if (!is_open) {
         is_restored_ = false;
+        const std::lock_guard lock(mutex_);
+        forecasts_.clear();
         return;
     }
     if (!std::exchange(is_restored_, true))
