@@ -473,7 +473,7 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
         for (pid_t player : std::exchange(players, {}))
             testkit::wait_for_end(player);
         const long kept = 2 << 20;
-        const auto back = steady_clock::now() + (testkit::sanitized ? 0s : 10s);
+        const auto back = steady_clock::now() + seconds(testkit::sanitized ? 0 : 10);
         while (group.usage() > idle + kept && steady_clock::now() < back)
             std::this_thread::yield();
         /* A sanitizer keeps what is freed. */
@@ -492,7 +492,7 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
                                           {"set 0-511 link=up", 512u}}) {
         testkit::board(change);
         due += 2 * watchers * signals;
-        const auto until = steady_clock::now() + 60s;
+        const auto until = steady_clock::now() + seconds(60);
         while (seen_by->received < due && steady_clock::now() < until)
             most = std::max(most, group.usage());
         EXPECT_EQ(seen_by->received, due);

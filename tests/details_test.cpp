@@ -131,7 +131,7 @@ TEST_F(details_test, what_is_no_file_of_a_living_board_is_refused_at_once)
     writer.update(0, [](record_type &) {});
     const std::string good = testkit::read_file(path);
     writer.stop();
-    const auto put = [&](std::string text) { std::ofstream(path) << text; };
+    const auto put = [&](const std::string &text) { std::ofstream(path) << text; };
     const struct {
         tesk_details_result result;
         std::function<void()> make;
