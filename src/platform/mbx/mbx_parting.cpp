@@ -56,8 +56,10 @@ static owned_fd &looked_up = *new owned_fd;  /* see watch_for_end */
 static size_t watches;                       /* of files that are not known to be gone */
 /* The watches of those that are gone, while there is an entry; has room for all. */
 static std::vector<int> *gone = new std::vector<int>;
-/* The watches of those whose bells peers have, as of the last look. */
-static std::vector<int> *ringable = new std::vector<int>;
+/* The bells that peers have, with the watches of their files, as of the last look; has room for
+   all, as the helper may not run out of memory. */
+static std::vector<epoll_event> *ringable = new std::vector<epoll_event>;
+static size_t ringable_count;
 
 /* The area first, whose pages go back with it; then the place is free. */
 static void let_go(parted &&p)
@@ -72,23 +74,22 @@ static void let_go(parted &&p)
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
 
-/* With the lock held. As many as are ready are reported at once. */
+/* With the lock held. Each that is there is reported once. */
 static void look_at_bells()
 {
-    ringable->clear();
-    epoll_event events[128];
-    const size_t most = 2 * connections_at_most();
-    for (int count = 128; left_bells && count == 128 && ringable->size() < most;) {
-        count = epoll_wait(left_bells.get(), events, 128, 0);
-        for (int i = 0; i < count; i++)
-            ringable->push_back(static_cast<int>(events[i].data.u64));
-    }
+    const int most = static_cast<int>(ringable->size());
+    const int count = left_bells ? epoll_wait(left_bells.get(), ringable->data(), most, 0) : 0;
+    ringable_count = static_cast<size_t>(std::max(count, 0));
 }
 
 static bool has_bell(const parted &p)
 {
+    const auto is_its = [&](const epoll_event &bell) {
+        return static_cast<int>(bell.data.u64) == p.place->watch;
+    };
     return p.place &&
-           std::find(ringable->begin(), ringable->end(), p.place->watch) != ringable->end();
+           std::any_of(ringable->begin(),
+                       ringable->begin() + static_cast<ptrdiff_t>(ringable_count), is_its);
 }
 
 /* Takes those out for which the question is answered with yes, and lets them go without the lock.
@@ -244,6 +245,7 @@ static bool begin_to_watch()
 {
     if (ends)
         return true;
+    ringable->resize(2 * connections_at_most());
     left_bells = owned_fd(epoll_create1(EPOLL_CLOEXEC));
     ends = owned_fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     looked_up = owned_fd(ends ? fcntl(ends.get(), F_DUPFD_CLOEXEC, 0) : -1);
@@ -288,6 +290,7 @@ void end_parting(bool is_child)
     gone->clear();
     watches = 0;
     left_bells.reset();
+    ringable_count = 0;
     looked_up.reset();
     ends.reset();
 }
