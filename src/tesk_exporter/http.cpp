@@ -363,15 +363,19 @@ MHD_Result http_server::send_ports(const http_request &request)
     });
 }
 
-static std::optional<uint32_t> port_argument(MHD_Connection *http)
+static std::optional<uint32_t> parse_port(std::string_view digits)
 {
-    const char *text = MHD_lookup_connection_value(http, MHD_GET_ARGUMENT_KIND, "port");
-    const std::string_view digits = text == nullptr ? "" : text;
     uint32_t number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
     if (error != std::errc{} || end != digits.data() + digits.size())
         return std::nullopt;
     return number;
+}
+
+static std::optional<uint32_t> port_argument(MHD_Connection *http)
+{
+    const char *text = MHD_lookup_connection_value(http, MHD_GET_ARGUMENT_KIND, "port");
+    return parse_port(text == nullptr ? "" : text);
 }
 
 /* The port that the argument names; null with the status for the refusal. */
@@ -548,14 +552,7 @@ MHD_Result http_server::send_file(const http_request &request, std::string_view 
 static std::optional<uint32_t> port_of_path(std::string_view path)
 {
     constexpr std::string_view folder = "/api/ports/";
-    if (!path.starts_with(folder))
-        return std::nullopt;
-    const std::string_view digits = path.substr(folder.size());
-    uint32_t number = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (error != std::errc{} || end != digits.data() + digits.size())
-        return std::nullopt;
-    return number;
+    return path.starts_with(folder) ? parse_port(path.substr(folder.size())) : std::nullopt;
 }
 
 MHD_Result http_server::send_port(const http_request &request, uint32_t port_no)
