@@ -6,6 +6,7 @@
 #include "tesk_exporter/forecast_json.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <fmt/format.h>
 #include <limits>
@@ -43,6 +44,20 @@ static std::vector<forecast::lane_reading> lanes_of(const history::row &values)
         lanes.push_back({value_at(values, i), value_at(values, i + 1), value_at(values, i + 2),
                          value_at(values, i + 3)});
     return lanes;
+}
+
+/* The lane and quantity that key_text() writes: "LANE QUANTITY". */
+static std::optional<std::pair<int, forecast::quantity>> lane_and_quantity(std::string_view key)
+{
+    int lane = 0, what = 0;
+    const char *const end = key.data() + key.size();
+    const auto first = std::from_chars(key.data(), end, lane);
+    if (first.ec != std::errc() || first.ptr == end || *first.ptr != ' ')
+        return std::nullopt;
+    const auto second = std::from_chars(first.ptr + 1, end, what);
+    if (second.ec != std::errc() || second.ptr != end || what < 0 || what >= forecast::quantities)
+        return std::nullopt;
+    return std::pair{lane, static_cast<forecast::quantity>(what)};
 }
 
 void outlooks::feed(const history::place &of, int64_t time, const history::record &read)
@@ -117,11 +132,10 @@ void outlooks::restore(history::chronicle &kept)
     kept.read_all(history::STEPS, first_step / hour * hour / step, end / step,
                   take(history::STEPS));
     for (const history::announcement &each : kept.announcements()) {
-        int lane = 0, value = 0;
-        if (std::sscanf(each.key.c_str(), "%d %d", &lane, &value) != 2 || value < 0 ||
-            value >= forecast::quantities)
+        const auto kept_as = lane_and_quantity(each.key);
+        if (!kept_as)
             continue;
-        const auto what = static_cast<forecast::quantity>(value);
+        const auto [lane, what] = *kept_as;
         const auto found = active_.find({each.place, lane, what});
         forecast::report told{};
         told.lane = lane;
