@@ -42,7 +42,14 @@ struct details_test : testing::Test {
     }
     testkit::directory folder;
     const std::string path = folder.path + "/details";
-    board::port_details writer;
+    struct : board::port_details {
+        template <typename edit_type>
+        void publish(uint32_t port, edit_type &&edit)
+        {
+            update(port, edit);
+            flush();
+        }
+    } writer;
     tesk_details *reader = nullptr;
     record_type record = {};
 };
@@ -67,7 +74,7 @@ TEST_F(details_test, a_reader_never_sees_half_a_record)
     ASSERT_EQ(open(), TESK_DETAILS_OK);
     std::jthread busy([&](const std::stop_token &over) {
         for (uint64_t number = 2; !over.stop_requested(); number++)
-            writer.update(7, [number](record_type &its) { fill(its, number); });
+            writer.publish(7, [number](record_type &its) { fill(its, number); });
     });
     uint64_t last = 0;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -93,7 +100,7 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
 {
     EXPECT_EQ(open(), TESK_DETAILS_NO_FILE);
     writer.start(path);
-    writer.update(3, [](record_type &its) { its.cost.reads = 1; });
+    writer.publish(3, [](record_type &its) { its.cost.reads = 1; });
     struct stat status = {};
     ASSERT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
@@ -101,7 +108,7 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
     EXPECT_TRUE(tesk_details_is_newer(reader, &record));
     ASSERT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
     EXPECT_FALSE(tesk_details_is_newer(reader, &record));
-    writer.update(3, [](record_type &) {});
+    writer.publish(3, [](record_type &) {});
     EXPECT_TRUE(tesk_details_is_newer(reader, &record));
     for (const uint32_t port : {0u, 2u, 4u, 65534u, UINT32_MAX})
         EXPECT_EQ(tesk_details_read(reader, port, &record), TESK_DETAILS_NO_PORT) << port;
@@ -114,7 +121,7 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
     EXPECT_EQ(open(), TESK_DETAILS_TRUNCATED);
     const util::deadline until(testkit::deadline);
     while (open() != TESK_DETAILS_OK && !until.has_passed())
-        writer.update(3, [](record_type &) {}); /* which finds it so and makes another file */
+        writer.publish(3, [](record_type &) {}); /* which finds it so and makes another file */
     EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
 
     writer.stop();
@@ -128,7 +135,7 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
 TEST_F(details_test, what_is_no_file_of_a_living_board_is_refused_at_once)
 {
     writer.start(path);
-    writer.update(0, [](record_type &) {});
+    writer.publish(0, [](record_type &) {});
     const std::string good = testkit::read_file(path);
     writer.stop();
     const auto put = [&](const std::string &text) { std::ofstream(path) << text; };
@@ -155,12 +162,12 @@ TEST_F(details_test, what_is_no_file_of_a_living_board_is_refused_at_once)
 TEST_F(details_test, a_record_that_contradicts_itself_or_stays_unfinished_is_not_given_out)
 {
     writer.start(path);
-    writer.update(0, [](record_type &) {});
+    writer.publish(0, [](record_type &) {});
     ASSERT_EQ(open(), TESK_DETAILS_OK);
     constexpr off_t at = 4096;
     spoil(at + offsetof(record_type, lane_count), uint32_t{17});
     EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_DAMAGED);
-    writer.update(0, [](record_type &) {});
+    writer.publish(0, [](record_type &) {});
     spoil(at + offsetof(record_type, port), uint32_t{1});
     EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_DAMAGED);
     spoil(at, uint64_t{3});

@@ -35,20 +35,27 @@ dolm_ric_details_limits without_limits(uint32_t why)
     return limits;
 }
 
+void set_lane_count(uint32_t count, dolm_ric_details_record &record)
+{
+    if (count < record.lane_count)
+        memset(&record.lane[count], 0, (record.lane_count - count) * sizeof(record.lane[0]));
+    record.lane_count = count;
+}
+
 void forget_module(uint32_t presence, uint32_t why, dolm_ric_details_record &record)
 {
     record.presence = presence;
     record.presence_code = why;
     memset(record.doubt, 0, sizeof(record.doubt));
-    record.doubt_count = record.lane_count = record.vdm_count = record.vdm_left_out = 0;
+    set_lane_count(0, record);
+    memset(record.vdm, 0, record.vdm_count * sizeof(record.vdm[0]));
+    record.doubt_count = record.vdm_count = record.vdm_left_out = 0;
     record.own_lanes = 0;
     record.power_kind = DOLM_RIC_POWER_UNKNOWN;
     record.lanes_state = record.vdm_state = why;
     record.inserted_at = 0;
     record.identity = {};
     record.identity.state = why;
-    memset(record.lane, 0, sizeof(record.lane));
-    memset(record.vdm, 0, sizeof(record.vdm));
     for (auto &limits : record.module_limits)
         limits = without_limits(why);
     for (auto &limits : record.lane_limits)

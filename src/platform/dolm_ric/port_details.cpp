@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A record is written in three steps: an odd sequence, the rest, an even sequence. Only the lanes
-   and VDM rows that it has are written.
+/* update() changes a record in memory and marks its port as due. The thread takes all that are due,
+   copies one after the other and writes the copy, in three steps: an odd sequence, the rest, an
+   even sequence. Only the lanes and VDM rows that a record has are copied and written.
 
-   A publication that failed leaves an odd sequence, or the old record; it is made again with the
-   next one of any port. Once a second it is checked that the file is still the one at its path and
-   not shorter than it was; if not, a new one is made. */
+   A record that couldn't be written leaves an odd sequence, or the old record; it stays due, and is
+   tried again after a second. Once a second, while there is something to write, it is checked that
+   the file is still the one at its path and not shorter than it was; if not, a new one is made. */
 #include "platform/dolm_ric/port_details.h"
 
 #include "platform/dolm_ric/new_file.h"
@@ -13,12 +14,15 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <pthread.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <utility>
 
 namespace board
@@ -29,6 +33,7 @@ using record_type = dolm_ric_details_record;
 static constexpr uint32_t page = 4096;
 static constexpr uint32_t record_size = (sizeof(record_type) + page - 1) / page * page;
 static constexpr int64_t check_interval = 1'000'000'000;
+static constexpr std::chrono::seconds retry_interval{1};
 
 std::string details_path(const std::string &port_map)
 {
@@ -48,20 +53,89 @@ static off_t offset_of(uint32_t port)
     return static_cast<off_t>(page + uint64_t{port} * record_size);
 }
 
-/* calloc, since the kernel's fresh pages are zero: what no lane is in costs nothing. */
-record_type *port_details::find_or_make(uint32_t port)
+/* What was taken out of the configuration is the least that anybody would miss. */
+bool port_details::make_room(uint32_t port)
+{
+    if (slots_.size() < most_records)
+        return true;
+    const auto gone = std::ranges::find_if(slots_, [](const auto &one) {
+        return !one.second.is_due && one.second.record->presence == DOLM_RIC_PRESENCE_OUT;
+    });
+    if (gone != slots_.end()) {
+        due_.push_back(gone->first);
+        slots_.erase(gone);
+        return true;
+    }
+    if (!std::exchange(has_left_out_, true))
+        fprintf(stderr,
+                "libdolm_ric: there are details of %zu ports at most: port %u and others have "
+                "none\n",
+                most_records, port);
+    return false;
+}
+
+/* calloc, since the kernel's fresh pages are zero: what no lane is in costs nothing. A record that
+   takes the place of an earlier one of its port has the greater sequence. */
+port_details::slot *port_details::find_or_make(uint32_t port)
 {
     try {
-        record_pointer &its = records_[port];
-        if (its == nullptr) {
-            its.reset(static_cast<record_type *>(calloc(1, sizeof(record_type))));
-            if (its != nullptr)
-                its->port = port;
-        }
-        return its.get();
+        const auto found = slots_.find(port);
+        if (found != slots_.end())
+            return &found->second;
+        if (!make_room(port))
+            return nullptr;
+        slot made;
+        made.record.reset(static_cast<record_type *>(calloc(1, sizeof(record_type))));
+        if (made.record == nullptr)
+            return nullptr;
+        due_.reserve(2 * most_records);
+        made.record->port = port;
+        made.record->sequence = static_cast<uint64_t>(details_time()) & ~uint64_t{1};
+        return &slots_.emplace(port, std::move(made)).first->second;
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
+}
+
+void port_details::mark_all()
+{
+    const std::lock_guard guard(lock_);
+    for (auto &[port, its] : slots_)
+        mark(port, its);
+}
+
+/* There is room for all in due_. */
+void port_details::mark(uint32_t port, slot &its)
+{
+    if (std::exchange(its.is_due, true))
+        return;
+    due_.push_back(port);
+    changed_.notify_one();
+}
+
+void port_details::flush()
+{
+    std::unique_lock guard(lock_);
+    settled_.wait(guard, [this] {
+        return !thread_.joinable() || (!is_writing_ && (due_.empty() || has_failed_));
+    });
+}
+
+/* Copies what the record has, with its next sequence. False without such a record. */
+bool port_details::take(uint32_t port)
+{
+    const std::lock_guard guard(lock_);
+    const auto found = slots_.find(port);
+    if (found == slots_.end())
+        return false;
+    found->second.is_due = false;
+    record_type &its = *found->second.record;
+    its.sequence += 2;
+    its.epoch = header_.epoch;
+    its.published_at = details_time();
+    memcpy(&copy_, &its, offsetof(record_type, lane) + its.lane_count * sizeof(its.lane[0]));
+    memcpy(copy_.vdm, its.vdm, its.vdm_count * sizeof(its.vdm[0]));
+    return true;
 }
 
 bool port_details::write_count(uint32_t port)
@@ -77,12 +151,12 @@ bool port_details::write_count(uint32_t port)
 }
 
 /* The fences order the steps for a reader on another processor. */
-bool port_details::write_record(record_type &its)
+bool port_details::write_record()
 {
     const int fd = file_.get();
+    const record_type &its = copy_;
     const off_t at = offset_of(its.port);
     const char *bytes = reinterpret_cast<const char *>(&its);
-    const uint64_t writing = its.sequence | 1;
     const auto write_sequence = [&](uint64_t sequence) {
         std::atomic_thread_fence(std::memory_order_release);
         const bool is_written = write_fully(fd, &sequence, sizeof(sequence), at);
@@ -93,39 +167,78 @@ bool port_details::write_record(record_type &its)
         return write_fully(fd, bytes + from, size, at + static_cast<off_t>(from));
     };
     constexpr size_t first = sizeof(its.sequence);
-
-    its.epoch = header_.epoch;
-    its.published_at = details_time();
-    its.sequence = writing + 1;
-    return write_sequence(writing) &&
+    return write_sequence(its.sequence - 1) &&
            write_part(first,
                       offsetof(record_type, lane) - first + its.lane_count * sizeof(its.lane[0])) &&
            write_part(offsetof(record_type, vdm), its.vdm_count * sizeof(its.vdm[0])) &&
            write_sequence(its.sequence) && write_count(its.port);
 }
 
-void port_details::report_failure()
+/* A hole reads as a record that was never written. */
+bool port_details::erase_record(uint32_t port)
 {
-    if (!std::exchange(has_failed_, true))
-        fprintf(stderr,
-                "libdolm_ric: cannot write the details of ports to %s: %s; it is tried again\n",
-                path_.c_str(), strerror(errno));
+    constexpr uint64_t never = 0;
+    return fallocate(file_.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset_of(port),
+                     record_size) == 0 ||
+           write_fully(file_.get(), &never, sizeof(never), offset_of(port));
 }
 
-void port_details::publish(record_type &its)
+bool port_details::write_port(uint32_t port)
 {
-    if (path_.empty())
-        return;
-    check_file();
-    if (!file_ || !write_record(its)) {
-        report_failure();
-        unwritten_.insert(its.port);
-        return;
+    if (!check_file())
+        return false;
+    return take(port) ? write_record() : erase_record(port);
+}
+
+/* One line for all failures until everything is written. */
+void port_details::note_result(bool is_written)
+{
+    const int error = errno;
+    const std::lock_guard guard(lock_);
+    if (!std::exchange(has_failed_, !is_written) && !is_written)
+        fprintf(
+            stderr, "libdolm_ric: cannot write the details of ports to %s: %s; it is tried again\n",
+            path_.c_str(), error == EBUSY ? "the file belongs to another board" : strerror(error));
+}
+
+/* Whether all are written. Those that aren't are due again. */
+bool port_details::write_due(const std::vector<uint32_t> &ports)
+{
+    size_t done = 0;
+    while (done < ports.size() && write_port(ports[done]))
+        done++;
+    note_result(done == ports.size());
+    const std::lock_guard guard(lock_);
+    for (size_t left = done; left < ports.size(); left++) {
+        const uint32_t port = ports[left];
+        if (const auto found = slots_.find(port); found != slots_.end())
+            found->second.is_due = true;
+        if (left != done || std::ranges::find(due_, port) == due_.end())
+            due_.push_back(port); /* the first one may be due again already */
     }
-    unwritten_.erase(its.port);
-    while (!unwritten_.empty() && write_record(*records_.at(*unwritten_.begin())))
-        unwritten_.erase(unwritten_.begin());
-    has_failed_ = !unwritten_.empty();
+    return done == ports.size();
+}
+
+/* The last round, after stop() was called, isn't waited for twice. */
+void port_details::run()
+{
+    std::vector<uint32_t> taken;
+    std::unique_lock guard(lock_);
+    bool is_last = false;
+    while (!is_last) {
+        changed_.wait(guard, [this] { return is_stopping_ || !due_.empty(); });
+        is_last = is_stopping_;
+        taken.clear();
+        taken.swap(due_);
+        is_writing_ = true;
+        guard.unlock();
+        const bool is_written = write_due(taken);
+        guard.lock();
+        is_writing_ = false;
+        settled_.notify_all();
+        if (!is_written && !is_last)
+            changed_.wait_for(guard, retry_interval, [this] { return is_stopping_; });
+    }
 }
 
 bool port_details::is_in_place() const
@@ -136,27 +249,52 @@ bool port_details::is_in_place() const
            mine.st_dev == there.st_dev && mine.st_ino == there.st_ino;
 }
 
-void port_details::check_file()
+bool port_details::is_whole() const
 {
-    const int64_t now = details_time();
-    if (now - checked_at_ < check_interval)
-        return;
-    checked_at_ = now;
     struct stat mine = {};
     const off_t least = header_.record_count > 0 ? offset_of(header_.record_count - 1) : 0;
     uint64_t epoch = 0;
-    const bool is_whole =
-        file_ && fstat(file_.get(), &mine) == 0 && mine.st_size > least && is_in_place() &&
-        pread(file_.get(), &epoch, sizeof(epoch), offsetof(dolm_ric_details_header, epoch)) ==
-            sizeof(epoch) &&
-        epoch == header_.epoch;
-    if (!is_whole && make_file())
-        write_all();
+    return file_ && fstat(file_.get(), &mine) == 0 && mine.st_size > least && is_in_place() &&
+           pread(file_.get(), &epoch, sizeof(epoch), offsetof(dolm_ric_details_header, epoch)) ==
+               sizeof(epoch) &&
+           epoch == header_.epoch;
+}
+
+/* Whether there is a file to write to. All records go into a new one. */
+bool port_details::check_file()
+{
+    const int64_t now = details_time();
+    if (file_ && now - checked_at_ < check_interval)
+        return true;
+    checked_at_ = now;
+    if (is_whole())
+        return true;
+    if (!make_file())
+        return false;
+    mark_all();
+    return true;
+}
+
+/* A file of details whose writer lives has his lock. */
+bool port_details::has_other_owner() const
+{
+    const util::descriptor there(
+        open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct flock lock = {};
+    lock.l_type = F_RDLCK; /* which a reader's lock doesn't keep from anybody */
+    lock.l_whence = SEEK_SET;
+    return there && !(file_ && is_in_place()) && fcntl(there.get(), F_OFD_GETLK, &lock) == 0 &&
+           lock.l_type != F_UNLCK;
 }
 
 /* The real time is another one at each start, also after a crash. */
 bool port_details::make_file()
 {
+    if (has_other_owner()) {
+        file_.reset();
+        errno = EBUSY;
+        return false;
+    }
     util::descriptor made(make_new_file(path_));
     header_ = {};
     memcpy(header_.magic, DOLM_RIC_DETAILS_MAGIC, sizeof(header_.magic));
@@ -179,32 +317,44 @@ bool port_details::make_file()
     return false;
 }
 
-void port_details::write_all()
+/* The signal mask is inherited: no signal reaches the thread. */
+void port_details::start_thread()
 {
-    for (auto &[port, record] : records_)
-        if (record != nullptr && !write_record(*record)) {
-            report_failure();
-            unwritten_.insert(port);
-        }
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        thread_ = std::thread([this] { run(); });
+        pthread_setname_np(thread_.native_handle(), "port-details");
+    } catch (const std::system_error &error) {
+        fprintf(stderr, "libdolm_ric: no details of ports: no thread for them: %s\n", error.what());
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void port_details::start(const std::string &path)
 {
-    const std::lock_guard guard(lock_);
     path_ = path;
+    is_stopping_ = false;
     checked_at_ = details_time();
-    if (make_file())
-        write_all();
-    else
-        report_failure();
+    note_result(make_file());
+    mark_all();
+    start_thread();
+    flush();
 }
 
 /* Another board may have put its file there meanwhile. */
 void port_details::stop() noexcept
 {
-    const std::lock_guard guard(lock_);
-    if (path_.empty())
+    if (!thread_.joinable())
         return;
+    {
+        const std::lock_guard guard(lock_);
+        is_stopping_ = true;
+        changed_.notify_one();
+    }
+    thread_.join();
     if (file_) {
         header_.ended = 1;
         write_fully(file_.get(), &header_, sizeof(header_), 0);
@@ -212,7 +362,6 @@ void port_details::stop() noexcept
             unlink(path_.c_str());
     }
     file_.reset();
-    path_.clear();
 }
 
 } // namespace board

@@ -2,21 +2,25 @@
 /* port_details - publishes the details of the ports: the file of dolm_ric_details.h. Both board
    libraries have one.
 
+   A thread of its own writes the file, so that nobody who tells a change waits for a file system.
    It is written with pwrite, not through a mapping: a file that was cut short, or a full file
-   system, then gives an errno in place of a SIGBUS that would end the server. No thread that serves
-   clients publishes. A board whose file can't be written works on; one line on stderr says why. */
+   system, then gives an errno in place of a SIGBUS that would end the server. A board whose file
+   can't be written works on; one line on stderr says why, and it is tried again each second. So it
+   is where the file at the path belongs to another board that lives. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"
 #include "util/descriptor.h"
 
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace board
 {
@@ -43,17 +47,24 @@ class port_details
     /* Marks the file as ended and removes it. */
     void stop() noexcept;
 
-    /* Runs `edit` on the port's record, a new one for a new port, and publishes it. Any thread;
-       `edit` must not call this object. A record for which there is no memory is left out. */
+    /* Runs `edit` on the port's record, a new one for a new port; the thread publishes it. Any
+       thread; `edit` must not call this object. Beyond `most_records` a new port takes the place of
+       one that was taken out; without such a place, or without memory, it has no details. */
     template <typename edit_type>
     void update(uint32_t port, edit_type &&edit)
     {
         const std::lock_guard guard(lock_);
-        if (dolm_ric_details_record *record = find_or_make(port)) {
-            edit(*record);
-            publish(*record);
+        if (slot *its = find_or_make(port)) {
+            edit(*its->record);
+            mark(port, *its);
         }
     }
+
+    /* Waits until what was updated before is published, or couldn't be. */
+    void flush();
+
+    /* A record takes up to 24 KiB of memory, and as much in the file. */
+    static constexpr size_t most_records = 1024;
 
   private:
     struct free_memory {
@@ -62,26 +73,46 @@ class port_details
             free(memory);
         }
     };
-    using record_pointer = std::unique_ptr<dolm_ric_details_record, free_memory>;
+    struct slot {
+        std::unique_ptr<dolm_ric_details_record, free_memory> record;
+        bool is_due = false; /* is in due_, or among those that the thread has taken from it */
+    };
 
-    dolm_ric_details_record *find_or_make(uint32_t port);
-    void publish(dolm_ric_details_record &record);
-    bool write_record(dolm_ric_details_record &record);
+    slot *find_or_make(uint32_t port);
+    bool make_room(uint32_t port);
+    void mark(uint32_t port, slot &its);
+    void mark_all();
+    void start_thread();
+    /* The thread's, as what follows. */
+    void run();
+    bool write_due(const std::vector<uint32_t> &ports);
+    bool write_port(uint32_t port);
+    bool take(uint32_t port);
+    bool write_record();
+    bool erase_record(uint32_t port);
     bool write_count(uint32_t port);
     bool is_in_place() const;
+    bool is_whole() const;
+    bool has_other_owner() const;
     bool make_file();
-    void write_all();
-    void check_file();
-    void report_failure();
+    bool check_file();
+    void note_result(bool is_written);
 
-    std::mutex lock_;
-    std::map<uint32_t, record_pointer> records_;
-    std::set<uint32_t> unwritten_; /* whose last publication failed */
-    std::string path_;             /* empty before start() and after stop() */
+    std::mutex lock_; /* guards these */
+    std::condition_variable changed_, settled_;
+    std::map<uint32_t, slot> slots_;
+    std::vector<uint32_t> due_; /* ports to publish */
+    bool is_writing_ = false;
+    bool has_failed_ = false;
+    bool is_stopping_ = false;
+    bool has_left_out_ = false;
+
+    std::thread thread_;
+    std::string path_;
     util::descriptor file_;
     dolm_ric_details_header header_ = {};
+    dolm_ric_details_record copy_ = {}; /* of the record that is being written */
     int64_t checked_at_ = 0;
-    bool has_failed_ = false;
 };
 
 } // namespace board

@@ -425,7 +425,7 @@ void take_module(const module_memory &memory, const module_contents &contents,
     if (const auto at = memory.read_at(identifier_range))
         record.identity.read_at = nanoseconds(*at);
     record.lanes_state = state_of_lanes(memory, contents);
-    record.lane_count = lane_count(memory, contents);
+    board::set_lane_count(lane_count(memory, contents), record);
     record.own_lanes = own_lanes(contents, view) & ((1u << record.lane_count) - 1);
     record.power_kind = contents.rx_power.lanes.empty() ? DOLM_RIC_POWER_UNKNOWN
                         : contents.has_average_power    ? DOLM_RIC_POWER_AVERAGE

@@ -56,7 +56,7 @@ static void take_value(const diag_value &from, bool has_diagnostics, int64_t now
 
 static uint32_t lanes_of(const module_values &module)
 {
-    return std::max(module.lane_count, 1U);
+    return module.has_diagnostics != 0 ? std::max(module.lane_count, 1U) : 0;
 }
 
 /* The same measurement of each lane. */
@@ -105,6 +105,7 @@ static void take_values(const module_values &module, int64_t now, record_type &r
 {
     const dolm_ric_module_diag &its = module.diag;
     const bool has = module.has_diagnostics != 0;
+    set_lane_count(lanes_of(module), record);
     const auto part = [&](uint32_t bit, auto low_alarm, auto low_warning, auto high_warning,
                           auto high_alarm, auto value, double unit) {
         return diag_value{its.diag_cap & bit,
@@ -135,7 +136,6 @@ static void take_values(const module_values &module, int64_t now, record_type &r
     for (const uint32_t kind : {DOLM_RIC_LASER_TEMPERATURE, DOLM_RIC_TEC_CURRENT})
         record.module_value[kind].state = record.module_limits[kind].state =
             DOLM_RIC_VALUE_NOT_SUPPORTED;
-    record.lane_count = has ? lanes_of(module) : 0;
     record.own_lanes = (1U << record.lane_count) - 1;
     record.lanes_state = has ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NOT_SUPPORTED;
     take_vdm(module, now, record);
@@ -215,6 +215,16 @@ static void take_link(const port_values &port, int64_t now, dolm_ric_details_lin
     link.speed = speed;
 }
 
+/* As people tell modules apart. */
+static bool is_another_module(const module_values &module, const dolm_ric_details_identity &known)
+{
+    dolm_ric_details_identity its = {};
+    take_identity(module, known.read_at, its);
+    return known.state == DOLM_RIC_VALUE_VALID &&
+           (strcmp(its.serial, known.serial) != 0 || strcmp(its.part, known.part) != 0 ||
+            strcmp(its.vendor, known.vendor) != 0);
+}
+
 void describe_port(const port_values &port, const module_values &module, int64_t now,
                    record_type &record)
 {
@@ -225,6 +235,8 @@ void describe_port(const port_values &port, const module_values &module, int64_t
                       is_inserted ? DOLM_RIC_VALUE_NO_ANSWER : DOLM_RIC_VALUE_EMPTY, record);
         return;
     }
+    if (is_another_module(module, record.identity))
+        forget_module(DOLM_RIC_PRESENCE_EMPTY, DOLM_RIC_VALUE_EMPTY, record);
     const bool is_ready = (port.status & DOLM_RICRIPORT_MODREADY) != 0;
     record.presence = is_ready ? DOLM_RIC_PRESENCE_READY : DOLM_RIC_PRESENCE_NOT_READY;
     record.presence_code = is_ready ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NOT_READY;
