@@ -113,6 +113,17 @@ TEST(outlooks, announce_a_fade_once_and_withdraw_it_with_its_module)
     EXPECT_EQ(on.kept->events(3, 0, 10).size(), 2);
 }
 
+TEST(outlooks, withdraw_what_no_reading_supports)
+{
+    box on;
+    on.run(20, 0);
+    on.run(12, 0.12);
+    on.now = {on.now.wall + 3 * day, on.now.boot + 3 * day};
+    on.settle();
+    ASSERT_EQ(on.told.size(), 2);
+    EXPECT_EQ(on.told[1].told.reason, "There have been no readings for two days.");
+}
+
 TEST(outlooks, weeks_of_a_port_are_read_at_once)
 {
     box on;

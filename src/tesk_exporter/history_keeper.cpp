@@ -26,6 +26,9 @@ namespace exporter
 /* Steps are five minutes long, so that this is soon enough, and costs next to nothing. */
 static constexpr std::chrono::seconds look_pause{10};
 
+/* Without any reading no step ends. */
+static constexpr int64_t longest_look_pause = 3600;
+
 static history::clocks clocks_now()
 {
     const auto boot = util::boot_time().time_since_epoch();
@@ -215,8 +218,9 @@ void history_keeper::look_ahead(const history::clocks &now)
     }
     if (!std::exchange(is_restored_, true))
         outlooks_.restore(chronicle_);
-    else if (!std::exchange(has_steps_, false))
+    else if (!std::exchange(has_steps_, false) && now.boot < next_look_)
         return;
+    next_look_ = now.boot + longest_look_pause;
     for (const outlooks::news &each : outlooks_.settle(chronicle_, now))
         if (has_journal_)
             send_to_journal(each);

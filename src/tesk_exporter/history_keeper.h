@@ -108,7 +108,8 @@ class history_keeper
     outlooks outlooks_;
     history::chronicle chronicle_;
     bool is_restored_ = false, has_steps_ = false;
-    worker thread_; /* the last: it uses all the others */
+    int64_t next_look_ = 0; /* in seconds since boot */
+    worker thread_;         /* the last: it uses all the others */
 };
 
 } // namespace exporter

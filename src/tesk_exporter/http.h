@@ -128,6 +128,7 @@ class http_server
     shared_body bodies_[3]; /* by text_format, and the ports as JSON */
     steady_time next_look_{};
     bool was_crowded_ = false;
+    bool is_ending_ = false;
     MHD_Daemon *daemon_ = nullptr;
 };
 

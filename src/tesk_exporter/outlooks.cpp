@@ -18,6 +18,7 @@ namespace exporter
 /* Modules that came and went; a module's state takes some KiB for each lane. */
 static constexpr size_t most_followed = 1024;
 static constexpr double a_day = 86400;
+static constexpr int64_t longest_silence = 2 * 86400;
 
 static double value_at(const history::row &values, size_t index)
 {
@@ -163,8 +164,21 @@ static std::string sentence(const outlooks::news &each)
                        told.reason);
 }
 
+/* A module whose values can't be read says nothing of its future. */
+void outlooks::end_old(int64_t present)
+{
+    for (auto each = active_.begin(); each != active_.end();) {
+        const auto its = ports_.find(std::get<0>(each->first));
+        const bool is_old = its == ports_.end() || present - its->second.fed > longest_silence;
+        if (is_old)
+            reasons_[each->first] = "There have been no readings for two days.";
+        each = is_old ? active_.erase(each) : std::next(each);
+    }
+}
+
 std::vector<outlooks::news> outlooks::settle(history::chronicle &kept, const history::clocks &now)
 {
+    end_old(kept.time().at(now.boot));
     std::vector<news> found;
     for (const auto &[at, told] : active_)
         if (!announced_.contains(at) && is_there(kept, std::get<0>(at)))

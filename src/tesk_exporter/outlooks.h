@@ -41,7 +41,8 @@ class outlooks
     void restore(history::chronicle &kept);
     /* A step has ended. */
     void feed(const history::place &of, int64_t time, const history::record &read);
-    /* To be called after steps: what has changed since, which the history records, too. */
+    /* To be called after steps, and each hour: what has changed since, which the history records,
+       too. */
     std::vector<news> settle(history::chronicle &kept, const history::clocks &now);
 
     std::string json(const history::chronicle &kept, int64_t boot) const;
@@ -55,6 +56,7 @@ class outlooks
         int64_t fed;
     };
 
+    void end_old(int64_t present);
     std::vector<forecast::report> now_of(const history::chronicle &kept, int64_t boot,
                                          std::vector<history::place> &places) const;
 

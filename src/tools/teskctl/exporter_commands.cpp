@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 static constexpr int64_t a_day = 86400;
+static constexpr std::chrono::seconds patience{12}; /* the exporter itself answers within ten */
 
 /* The answer as an object; a tool_error that says what to do where there is none. */
 static json_object ask(const exporter_options &options, const std::string &path)
@@ -27,7 +28,7 @@ static json_object ask(const exporter_options &options, const std::string &path)
     std::string address = options.address;
     if (address.starts_with("http://"))
         address = address.substr(7, address.find('/', 7) - 7);
-    const http_answer answer = http_get(address, path);
+    const http_answer answer = http_get(address, path, patience);
     if (answer.status == 0)
         throw tool_error(exit_code::no_server,
                          fmt::format("tesk-exporter at {}: {}; is it running? --exporter names "
