@@ -22,6 +22,7 @@ struct recorder final : link_listener {
     void link_changed(uint32_t, const link_values &now) override
     {
         events += "sdu"[now.state];
+        lanes = now.lanes;
     }
     void link_known(uint32_t, const link_values &now) override
     {
@@ -40,7 +41,7 @@ struct recorder final : link_listener {
         return std::exchange(events, {});
     }
     std::string events;
-    uint32_t known = 0;
+    uint32_t known = 0, lanes = 0;
     uint64_t falls = 0;
 };
 
@@ -232,6 +233,19 @@ TEST_F(link_table_test, a_port_follows_its_interface_and_takes_another_only_when
     EXPECT_EQ("", take(renamed));
 }
 
+TEST_F(link_table_test, a_port_that_an_interface_fits_comes_before_one_that_it_was_called_like)
+{
+    table.add(3, [](const link_report &report) { return report.name == "eth1"; });
+    link_report renamed = report(2, 0, 1, 5);
+    for (const char *name : {"eth1", "eth0"}) {
+        renamed.name = name;
+        take(renamed);
+    }
+    table.forget(5, now);
+    take(report(2, 0, 1));
+    EXPECT_EQ(7, table.index_of(4));
+}
+
 TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_speed)
 {
     take(report(2, 0, 1));
@@ -242,10 +256,13 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     now += 3 * link_table::settle_time;
     table.announce_settled(now);
     EXPECT_EQ("u", events.take());
-    table.take_speed(7, {400, 4}, now);
+    table.take_speed(7, {400, 0}, now);
     EXPECT_EQ("", events.take());
+    EXPECT_FALSE(table.is_speed_wanted(7, now));
+    EXPECT_TRUE(table.is_speed_wanted(7, now + std::chrono::hours(1))) << "it may be another";
     link_report leaving = report(0, 1, 1);
     EXPECT_EQ("s", take(leaving));
+    EXPECT_EQ(4u, events.lanes) << "not known any more";
     leaving.deleted = true;
     EXPECT_EQ("i0", take(leaving)) << "stopped and down are one state for clients";
     EXPECT_EQ(1u, events.known);
