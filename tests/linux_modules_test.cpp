@@ -304,6 +304,11 @@ TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_
     EXPECT_EQ("", news_in(seconds(120)));
     EXPECT_TRUE(read_at.empty());
     EXPECT_EQ(std::vector<std::string>{"a checksum of the identity is wrong"}, doubts);
+    modules.ports[0].module.reset();
+    EXPECT_EQ("a", news_in(seconds(61)));
+    modules.ports[0].module = garbled;
+    EXPECT_EQ("n", news_in(seconds(120)));
+    EXPECT_EQ(2u, doubts.size()) << "one for each module";
     modules.ports[0].readings = 0;
     pass(seconds(600));
     EXPECT_LT(modules.ports[0].readings, 600u + 10u * 9u) << "a look a second, an attempt a minute";
