@@ -272,6 +272,38 @@ TEST_F(details_test, flags_are_counted_once_for_each_reading)
     EXPECT_TRUE(its.state == DOLM_RIC_VALUE_EMPTY && flag.count == 0 && record.lane_count == 0);
 }
 
+TEST_F(details_test, lanes_are_graded_and_watched_each_by_itself)
+{
+    module_images::image qsfp = module_images::qsfp();
+    qsfp.a0[86] = 0x02; /* the transmitter of lane 1 is switched off */
+    take(qsfp, 100, record);
+    const auto grade = [&](uint32_t lane, uint32_t kind) {
+        return record.lane[lane].value[kind].grade;
+    };
+    EXPECT_EQ(grade(1, DOLM_RIC_TX_BIAS), uint32_t{DOLM_RIC_GRADE_OFF});
+    EXPECT_EQ(grade(0, DOLM_RIC_TX_BIAS), grade(1, DOLM_RIC_RX_POWER));
+
+    module_images::image sfp = module_images::sfp();
+    module_images::put16(sfp.a2, 102, 0); /* sends no light */
+    const module_memory memory = read_at(sfp, 100);
+    for (const bool is_stopped : {false, true}) {
+        take_module(memory, decode_module(memory), {.stopped = is_stopped}, record);
+        EXPECT_EQ(grade(0, DOLM_RIC_TX_POWER),
+                  is_stopped ? DOLM_RIC_GRADE_OK : DOLM_RIC_GRADE_LOW_ALARM);
+    }
+
+    module_images::image cmis = module_images::cmis();
+    cmis.a0[128 + 158] = 0x02;
+    module_images::put_page_sums(cmis.a0);
+    cmis.lanes[1][147] = 1; /* of the second bank */
+    take(cmis, 100, record);
+    EXPECT_TRUE(record.lane[8].signal[DOLM_RIC_RX_LOS].on == 1 &&
+                record.lane[0].signal[DOLM_RIC_RX_LOS].on == 0);
+    for (const int64_t now : {5, 9})
+        set_presence(true, DOLM_RIC_VALUE_VALID, now, record);
+    EXPECT_EQ(record.inserted_at, 5);
+}
+
 TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
 {
     module_images::image module = module_images::cmis();

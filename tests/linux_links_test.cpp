@@ -3,6 +3,7 @@
 #include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"
 #include "platform/dolm_ric/linux/netlink.h"
+#include "platform/dolm_ric/linux/record_updates.h"
 
 #include <gtest/gtest.h>
 #include <linux/if.h>
@@ -349,4 +350,29 @@ TEST_F(link_table_test, a_storm_is_announced_as_five_falls_and_then_as_one_each_
     EXPECT_EQ("di0", events.take());
     EXPECT_EQ("d", settle());
     EXPECT_EQ(401u, events.falls);
+}
+
+TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cost)
+{
+    dolm_ric_details_record record = {};
+    const dolm_ric_details_link &link = record.link;
+    take_link_report(link_table_test::report(2, 0, 1), 0, 0, 10, record);
+    take_link_speed({100, 4, 10000, true, false}, 10, record);
+    EXPECT_TRUE(link.changed_at == 0 && link.speed == 10000 && link.duplex == DOLM_RIC_DUPLEX_FULL);
+    take_link_report(link_table_test::report(1, 2, 2), 2, 1, 30, record);
+    EXPECT_TRUE(link.changed_at == 30 && link.speed == 0 && link.duplex == DOLM_RIC_DUPLEX_UNKNOWN);
+    lose_interface(40, record);
+    EXPECT_TRUE(link.falls == 2 && link.rises == 1 && link.changed_at == 40 && link.state == 0);
+
+    std::vector<piece> pieces(11, piece{.port = 0, .range = {0x50, 0, 0, 0, 8}});
+    for (int i = 1; i < 10; i++)
+        pieces[static_cast<size_t>(i)].error = i;
+    pieces[10].error = ECANCELED;
+    take_cost({pieces, std::chrono::nanoseconds(100), true}, record);
+    const dolm_ric_details_cost &cost = record.cost;
+    EXPECT_TRUE(cost.reads == 10 && cost.bytes == 8 && cost.failures == 9 &&
+                cost.longest_read == 10 && cost.last_sweep == 100);
+    EXPECT_TRUE(cost.error[0].error == 1 && cost.error[0].count == 1 &&
+                cost.error[DOLM_RIC_DETAILS_ERRORS - 1].error == -1 &&
+                cost.error[DOLM_RIC_DETAILS_ERRORS - 1].count == 2);
 }

@@ -38,6 +38,7 @@ TESTS = {SERVER + "leaky_bucket": "filter", SERVER + "tesk_dolm_ric_pm": "proced
          "src/platform/dolm_ric/linux/linux_ports": "linux_network",
          "src/platform/dolm_ric/linux/port_config": "port_config",
          "src/platform/dolm_ric/linux/li": "linux_links",
+         "src/platform/dolm_ric/linux/record_updates": "linux_links",
          "src/platform/dolm_ric/linux/": "details module_decode linux_modules",
          "src/platform/dolm_ric/": "details dolm_ric",
          "src/history/": "chronicle", "src/forecast/": "forecast",
