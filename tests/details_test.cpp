@@ -141,6 +141,29 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
     EXPECT_EQ(record.cost.reads, 1u);
 }
 
+TEST_F(details_test, the_file_of_another_board_that_lives_is_left_alone_and_records_have_a_bound)
+{
+    board::port_details first;
+    first.start(path);
+    writer.start(path);
+    writer.publish(1, [](record_type &its) { its.cost.reads = 1; });
+    ASSERT_EQ(open(), TESK_DETAILS_OK);
+    EXPECT_EQ(tesk_details_read(reader, 1, &record), TESK_DETAILS_NO_PORT);
+    first.stop();
+    const util::deadline until(testkit::deadline);
+    while (tesk_details_read(reader, 1, &record) != TESK_DETAILS_OK && !until.has_passed())
+        writer.publish(1, [](record_type &) {});
+    EXPECT_EQ(record.cost.reads, 1u);
+    for (uint32_t port = 2; port <= board::port_details::most_records; port++)
+        writer.update(port, [](record_type &its) { its.presence = DOLM_RIC_PRESENCE_EMPTY; });
+    writer.publish(1, [](record_type &its) { its.presence = DOLM_RIC_PRESENCE_OUT; });
+    for (const uint32_t port : {5000u, 5001u})
+        writer.publish(port, [](record_type &) {});
+    EXPECT_EQ(tesk_details_read(reader, 5000, &record), TESK_DETAILS_OK);
+    for (const uint32_t port : {1u, 5001u})
+        EXPECT_EQ(tesk_details_read(reader, port, &record), TESK_DETAILS_NO_PORT) << port;
+}
+
 TEST_F(details_test, what_is_no_file_of_a_living_board_is_refused_at_once)
 {
     writer.start(path);
@@ -389,6 +412,14 @@ TEST_F(details_test, what_is_missing_has_its_reason)
     take(module_images::cmis(), 100, record);
     EXPECT_EQ(record.lane_count, 16u);
     EXPECT_EQ(record.lane[15].value[DOLM_RIC_TX_BIAS].value, 8.0);
+    module_images::image one_lane = module_images::cmis();
+    one_lane.a0[210] = 0xfe;    /* lanes that it lacks */
+    one_lane.a0[128 + 142] = 0; /* one bank */
+    module_images::put_sum(one_lane.a0, 128, 222);
+    module_images::put_page_sums(one_lane.a0);
+    dolm_ric_details_record few = {};
+    take(one_lane, 100, few);
+    EXPECT_EQ(few.lane_count, 1u);
     lose_values(DOLM_RIC_VALUE_NO_ANSWER, record);
     EXPECT_EQ(record.lane[15].value[DOLM_RIC_TX_BIAS].state, uint32_t{DOLM_RIC_VALUE_NO_ANSWER});
     EXPECT_EQ(record.lane[15].value[DOLM_RIC_TX_BIAS].read_at, 100);

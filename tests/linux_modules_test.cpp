@@ -2,6 +2,7 @@
 /* The poller of the Linux board's modules, on modules and a clock of the test's own. */
 
 #include "platform/dolm_ric/linux/driver_logs.h"
+#include "platform/dolm_ric/linux/module_details.h"
 #include "platform/dolm_ric/linux/module_files.h"
 #include "platform/dolm_ric/linux/module_poller.h"
 #include "platform/dolm_ric/linux/reader_client.h"
@@ -139,6 +140,16 @@ struct linux_modules_test : testing::Test, module_listener {
         return news_in(seconds(3));
     }
 
+    void module_sampled(uint32_t, const module_memory &memory,
+                        const module_contents &contents) override
+    {
+        take_module(memory, contents, {}, record);
+    }
+    void reading_doubted(uint32_t, const module_memory &memory,
+                         const module_contents &contents) override
+    {
+        take_flags(memory, contents, record);
+    }
     void reading_dropped(uint32_t) override
     {
         dropped++;
@@ -166,6 +177,7 @@ struct linux_modules_test : testing::Test, module_listener {
 
     cages modules;
     std::optional<module_poller> poller;
+    dolm_ric_details_record record = {};
     std::string news;
     std::map<uint32_t, std::string> serials;
     std::map<uint32_t, double> values;
@@ -240,10 +252,14 @@ TEST_F(linux_modules_test, a_value_that_jumps_is_read_again_before_it_is_seen)
         begin_anew();
         begin_with(module);
         const time_point last = read_at[0];
+        record = {};
         modules.ports[0].module = jumped;
+        modules.ports[0].module->a2[112] |= 0x40; /* low alarm of the temperature */
         poller->diagnostics_wanted(0);
         poller->step();
         EXPECT_EQ(last, read_at[0]);
+        const auto &flags = record.module_value[DOLM_RIC_TEMPERATURE].flag;
+        EXPECT_EQ(flags[DOLM_RIC_FLAG_LOW_ALARM].count, 1u) << "reading has cleared it";
         modules.ports[0].module = module;
         pass(milliseconds(100));
         EXPECT_EQ(1u, std::exchange(dropped, 0u));
@@ -253,6 +269,27 @@ TEST_F(linux_modules_test, a_value_that_jumps_is_read_again_before_it_is_seen)
         EXPECT_EQ(0u, dropped);
         EXPECT_LE(modules.now - read_at[0], seconds(5)) << "a true one is taken";
     }
+}
+
+TEST_F(linux_modules_test, details_keep_values_over_a_failure_and_tell_why_a_module_is_refused)
+{
+    begin_with(module_with_serial("0001"));
+    const dolm_ric_details_value &bias = record.lane[0].value[DOLM_RIC_TX_BIAS];
+    const int64_t last = bias.read_at;
+    modules.ports[0].a2_error = EIO;
+    pass(seconds(2));
+    EXPECT_TRUE(bias.state == DOLM_RIC_VALUE_VALID && bias.read_at == last);
+    modules.ports[0].a2_error = 0;
+    pass(seconds(6));
+    EXPECT_GT(bias.read_at, last);
+    begin_anew();
+    record = {};
+    module_images::image wrong = module_with_serial("0001");
+    wrong.a0[63]++;
+    EXPECT_EQ("n", begin_with(wrong));
+    set_presence(false, DOLM_RIC_VALUE_NO_ANSWER, 1, record);
+    EXPECT_EQ(record.module_value[DOLM_RIC_VOLTAGE].state, uint32_t{DOLM_RIC_VALUE_WRONG_CHECKSUM});
+    EXPECT_TRUE(record.doubt_count == 1 && record.identity.state == DOLM_RIC_VALUE_WRONG_CHECKSUM);
 }
 
 TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alone)

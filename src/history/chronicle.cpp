@@ -14,8 +14,8 @@ static constexpr int64_t write_pause = 60; /* one fsync a minute at most, for th
 static constexpr int64_t try_pause = 60;
 static constexpr int64_t checkpoint_pause = 3600;
 static constexpr unsigned most_events_at_once = 32; /* of a port, in one batch */
-/* While the disk is full: about 16 MiB of 512 ports with one lane. */
-static constexpr size_t most_pending_rows = 200'000;
+/* While the disk is full: so much of the limit. A larger batch might not fit into the file. */
+static constexpr int64_t pending_part = 8;
 static constexpr size_t most_pending_events = 20'000;
 
 static std::array<std::string, 4> key_of(uint32_t port, const std::string &vendor,
@@ -156,8 +156,6 @@ void chronicle::note(int64_t port, const std::string &kind, const std::string &t
 
 void chronicle::vacate(uint32_t port)
 {
-    if (!store_)
-        return;
     const int64_t left = std::exchange(occupants_[port], 0);
     if (left != 0)
         touched_.insert(left);
@@ -260,23 +258,28 @@ void chronicle::write(const clocks &now)
     }
 }
 
-/* As before open(). */
+/* As before open(), but that empty ports are still known. */
 void chronicle::drop()
 {
     store_.reset();
     time_.reset();
     places_.clear();
     ids_.clear();
-    occupants_.clear();
+    std::erase_if(occupants_, [](const auto &each) { return each.second != 0; });
     live_.clear();
     touched_.clear();
     pending_ = {};
 }
 
+static bool is_damaged(const database_error &error)
+{
+    return error.code() == SQLITE_CORRUPT || error.code() == SQLITE_NOTADB;
+}
+
 /* A damaged file is replaced by a new one; any other failure may pass. */
 void chronicle::failed(const database_error &error)
 {
-    if (error.code() == SQLITE_CORRUPT || error.code() == SQLITE_NOTADB) {
+    if (is_damaged(error)) {
         fault_ = error.what();
         trouble_ = fault_;
         drop();
@@ -292,12 +295,19 @@ void chronicle::failed(const database_error &error)
     bound_pending();
 }
 
+/* The older half leaves. */
 void chronicle::bound_pending()
 {
-    for (auto &rows : pending_.rows)
-        if (rows.size() > most_pending_rows)
-            rows.erase(rows.begin(),
-                       rows.begin() + static_cast<ptrdiff_t>(rows.size() - most_pending_rows / 2));
+    const auto most =
+        static_cast<size_t>(std::max(given_.limit, store::least_limit) / pending_part);
+    const auto halve = [](auto &list) {
+        list.erase(list.begin(), list.begin() + static_cast<ptrdiff_t>((list.size() + 1) / 2));
+    };
+    while (pending_.size() > most) {
+        for (auto &rows : pending_.rows)
+            halve(rows);
+        halve(pending_.events);
+    }
 }
 
 /* Reading finds damage, too. */
@@ -309,7 +319,10 @@ void chronicle::guarded(read_type read)
     try {
         read();
     } catch (const database_error &error) {
-        failed(error);
+        if (is_damaged(error))
+            failed(error);
+        else if (told_.insert(error.what()).second)
+            given_.tell(fmt::format("the history can't be read: {}", error.what()));
     }
 }
 

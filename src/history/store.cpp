@@ -91,6 +91,19 @@ bool batch::is_empty() const
            std::ranges::all_of(rows, [](const auto &each) { return each.empty(); });
 }
 
+/* With what SQLite adds to a row. */
+size_t batch::size() const
+{
+    constexpr size_t of_row = 16;
+    size_t bytes = 0;
+    for (const auto &level : rows)
+        for (const kept_row &each : level)
+            bytes += each.blob.size() + of_row;
+    for (const event &each : events)
+        bytes += each.kind.size() + each.text.size() + 4 * of_row;
+    return bytes + places.size() * 16 * of_row + announcements.size() * 32 * of_row;
+}
+
 static util::descriptor lock_folder(const std::string &folder)
 {
     if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
@@ -225,6 +238,7 @@ void store::open(const std::string &path)
     /* The operator has lowered the limit. */
     file.run("BEGIN IMMEDIATE");
     prune(end());
+    make_room({}, end());
     file.run("COMMIT; PRAGMA incremental_vacuum; PRAGMA wal_checkpoint(TRUNCATE);");
     file.number(fmt::format("PRAGMA max_page_count = {}", most_pages_).c_str());
 }
@@ -235,7 +249,7 @@ static void write_rows(statement &to, const std::vector<batch::kept_row> &rows)
         to.bind(1, key_of(each.number, each.place)).bind_blob(2, each.blob).run();
 }
 
-/* By age, then by size: a sixteenth of each level's time at once, so that this is rare. */
+/* By age, and what is too many. */
 void store::prune(int64_t present)
 {
     database &file = *database_;
@@ -253,10 +267,19 @@ void store::prune(int64_t present)
                     "DESC LIMIT -1 OFFSET ?)")
         .bind(1, static_cast<int64_t>(most_places))
         .run();
-    const auto used = [&file] {
-        return file.number("PRAGMA page_count") - file.number("PRAGMA freelist_count");
+}
+
+/* Before `added` comes in, since a transaction that finds the file full takes its deletions back,
+   too: a sixteenth of the events and of each level's time at once, so that this is rare. */
+void store::make_room(const batch &added, int64_t present)
+{
+    database &file = *database_;
+    const int64_t wanted = static_cast<int64_t>(added.size()) * 3 / 2 / page_size + 16;
+    const auto is_short = [&] {
+        return file.number("PRAGMA page_count") - file.number("PRAGMA freelist_count") + wanted >
+               most_pages_;
     };
-    for (int left = 16; left > 1 && used() > most_pages_ * 15 / 16; left--)
+    for (int64_t left = 16; left > 0 && is_short(); left--) {
         for (size_t of = 0; of < levels; of++) {
             const int64_t first = file.number(first_key[of]) >> place_bits;
             const int64_t length = present / level_seconds[of] - first;
@@ -264,6 +287,45 @@ void store::prune(int64_t present)
                 .bind(1, key_of(first + std::max<int64_t>(length / left, 1), 0))
                 .run();
         }
+        statement(file, "DELETE FROM events WHERE id <= (SELECT min(id) + (max(id) - min(id)) / ? "
+                        "FROM events)")
+            .bind(1, left)
+            .run();
+    }
+}
+
+void store::insert(const batch &added)
+{
+    for (const place &each : added.places)
+        prepared_->place.bind(1, each.id)
+            .bind(2, each.port)
+            .bind_text(3, each.interface)
+            .bind_text(4, each.vendor)
+            .bind_text(5, each.part)
+            .bind_text(6, each.serial)
+            .bind(7, each.first)
+            .bind(8, each.last)
+            .run();
+    for (const event &each : added.events)
+        prepared_->event.bind(1, each.time)
+            .bind(2, each.port)
+            .bind(3, each.place)
+            .bind_text(4, each.kind)
+            .bind_text(5, each.text)
+            .run();
+    if (!added.shifts.empty())
+        database_->run("DELETE FROM clock");
+    for (const shift &each : added.shifts)
+        prepared_->shift.bind(1, each.first).bind(2, each.offset).run();
+    for (const announcement &each : added.announcements) {
+        statement &to = each.text.empty() ? prepared_->withdraw : prepared_->announce;
+        to.bind(1, each.place).bind_text(2, each.key);
+        if (!each.text.empty())
+            to.bind_text(3, each.text);
+        to.run();
+    }
+    for (size_t of = 0; of < levels; of++)
+        write_rows(prepared_->rows[of], added.rows[of]);
 }
 
 void store::write(const batch &added, int64_t present)
@@ -271,39 +333,11 @@ void store::write(const batch &added, int64_t present)
     database &file = *database_;
     file.run("BEGIN IMMEDIATE");
     try {
-        for (const place &each : added.places)
-            prepared_->place.bind(1, each.id)
-                .bind(2, each.port)
-                .bind_text(3, each.interface)
-                .bind_text(4, each.vendor)
-                .bind_text(5, each.part)
-                .bind_text(6, each.serial)
-                .bind(7, each.first)
-                .bind(8, each.last)
-                .run();
-        for (const event &each : added.events)
-            prepared_->event.bind(1, each.time)
-                .bind(2, each.port)
-                .bind(3, each.place)
-                .bind_text(4, each.kind)
-                .bind_text(5, each.text)
-                .run();
-        if (!added.shifts.empty())
-            file.run("DELETE FROM clock");
-        for (const shift &each : added.shifts)
-            prepared_->shift.bind(1, each.first).bind(2, each.offset).run();
-        for (const announcement &each : added.announcements) {
-            statement &to = each.text.empty() ? prepared_->withdraw : prepared_->announce;
-            to.bind(1, each.place).bind_text(2, each.key);
-            if (!each.text.empty())
-                to.bind_text(3, each.text);
-            to.run();
-        }
-        for (size_t of = 0; of < levels; of++)
-            write_rows(prepared_->rows[of], added.rows[of]);
         /* Old rows leave once an hour, with the hour's. */
         if (!added.rows[HOURS].empty() || added.events.size() > 1000)
             prune(present);
+        make_room(added, present);
+        insert(added);
         file.run("COMMIT");
     } catch (const database_error &) {
         sqlite3_exec(file.get(), "ROLLBACK", nullptr, nullptr, nullptr);

@@ -79,6 +79,7 @@ struct batch {
     std::vector<announcement> announcements;
 
     bool is_empty() const;
+    size_t size() const; /* about what it takes in the file, in bytes */
 };
 
 class store
@@ -120,6 +121,8 @@ class store
 
     void open(const std::string &path);
     void prune(int64_t present);
+    void make_room(const batch &added, int64_t present);
+    void insert(const batch &added);
 
     int64_t most_pages_;
     util::descriptor lock_;

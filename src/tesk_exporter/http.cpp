@@ -85,8 +85,9 @@ static void expect_calls()
 }
 
 http_server::http_server(const settings &given, const model &board, const event_ring &events,
-                         exporter_figures &figures)
-    : settings_(given), model_(board), events_(events), figures_(figures), files_(given.web)
+                         exporter_figures &figures, port_details &details)
+    : settings_(given), model_(board), events_(events), figures_(figures), details_(details),
+      files_(given.web)
 {
     expect_calls();
     const int listener = open_listener(given.listen);
@@ -100,9 +101,11 @@ http_server::http_server(const settings &given, const model &board, const event_
         throw std::runtime_error("the HTTP library doesn't start: too many open files?");
 }
 
-/* Suspended connections must be resumed before the library can end them. */
+/* The library aborts where a suspended connection is left: all are resumed, and none is suspended
+   any more. */
 http_server::~http_server()
 {
+    is_ending_ = true;
     for (event_reader *reader : readers_)
         reader->is_gone = true;
     continue_streams();
@@ -586,6 +589,8 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
         return answer.status == MHD_HTTP_OK ? send_json(request, answer.text)
                                             : send_text(request, answer.status, answer.text);
     }
+    if (is_ending_)
+        return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "the exporter ends");
     if (method == nullptr)
         return send_text(request, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD are answered");
     if (!is_meant_for_us(request))

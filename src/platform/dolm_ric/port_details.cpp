@@ -18,11 +18,11 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <new>
 #include <pthread.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <utility>
 
 namespace board
@@ -51,6 +51,12 @@ int64_t details_time()
 static off_t offset_of(uint32_t port)
 {
     return static_cast<off_t>(page + uint64_t{port} * record_size);
+}
+
+port_details::port_details()
+{
+    due_.reserve(2 * most_records);
+    taken_.reserve(2 * most_records);
 }
 
 /* What was taken out of the configuration is the least that anybody would miss. */
@@ -88,7 +94,6 @@ port_details::slot *port_details::find_or_make(uint32_t port)
         made.record.reset(static_cast<record_type *>(calloc(1, sizeof(record_type))));
         if (made.record == nullptr)
             return nullptr;
-        due_.reserve(2 * most_records);
         made.record->port = port;
         made.record->sequence = static_cast<uint64_t>(details_time()) & ~uint64_t{1};
         return &slots_.emplace(port, std::move(made)).first->second;
@@ -202,37 +207,36 @@ void port_details::note_result(bool is_written)
 }
 
 /* Whether all are written. Those that aren't are due again. */
-bool port_details::write_due(const std::vector<uint32_t> &ports)
+bool port_details::write_taken()
 {
     size_t done = 0;
-    while (done < ports.size() && write_port(ports[done]))
+    while (done < taken_.size() && write_port(taken_[done]))
         done++;
-    note_result(done == ports.size());
+    note_result(done == taken_.size());
     const std::lock_guard guard(lock_);
-    for (size_t left = done; left < ports.size(); left++) {
-        const uint32_t port = ports[left];
+    for (size_t left = done; left < taken_.size(); left++) {
+        const uint32_t port = taken_[left];
         if (const auto found = slots_.find(port); found != slots_.end())
             found->second.is_due = true;
         if (left != done || std::ranges::find(due_, port) == due_.end())
             due_.push_back(port); /* the first one may be due again already */
     }
-    return done == ports.size();
+    return done == taken_.size();
 }
 
 /* The last round, after stop() was called, isn't waited for twice. */
 void port_details::run()
 {
-    std::vector<uint32_t> taken;
     std::unique_lock guard(lock_);
     bool is_last = false;
     while (!is_last) {
         changed_.wait(guard, [this] { return is_stopping_ || !due_.empty(); });
         is_last = is_stopping_;
-        taken.clear();
-        taken.swap(due_);
+        taken_.clear();
+        taken_.swap(due_);
         is_writing_ = true;
         guard.unlock();
-        const bool is_written = write_due(taken);
+        const bool is_written = write_taken();
         guard.lock();
         is_writing_ = false;
         settled_.notify_all();
@@ -327,7 +331,7 @@ void port_details::start_thread()
     try {
         thread_ = std::thread([this] { run(); });
         pthread_setname_np(thread_.native_handle(), "port-details");
-    } catch (const std::system_error &error) {
+    } catch (const std::exception &error) {
         fprintf(stderr, "libdolm_ric: no details of ports: no thread for them: %s\n", error.what());
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -34,7 +34,7 @@ int64_t details_time();
 class port_details
 {
   public:
-    port_details() = default;
+    port_details();
     port_details(const port_details &) = delete;
     port_details &operator=(const port_details &) = delete;
     ~port_details()
@@ -75,7 +75,7 @@ class port_details
     };
     struct slot {
         std::unique_ptr<dolm_ric_details_record, free_memory> record;
-        bool is_due = false; /* is in due_, or among those that the thread has taken from it */
+        bool is_due = false; /* is in due_ or taken_ */
     };
 
     slot *find_or_make(uint32_t port);
@@ -85,7 +85,7 @@ class port_details
     void start_thread();
     /* The thread's, as what follows. */
     void run();
-    bool write_due(const std::vector<uint32_t> &ports);
+    bool write_taken();
     bool write_port(uint32_t port);
     bool take(uint32_t port);
     bool write_record();
@@ -108,6 +108,7 @@ class port_details
     bool has_left_out_ = false;
 
     std::thread thread_;
+    std::vector<uint32_t> taken_; /* from due_; both have room for all */
     std::string path_;
     util::descriptor file_;
     dolm_ric_details_header header_ = {};

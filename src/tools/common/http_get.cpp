@@ -3,6 +3,7 @@
    and divide status and body. */
 #include "tools/common/http_get.h"
 
+#include "util/deadline.h"
 #include "util/descriptor.h"
 #include "util/local_socket.h"
 
@@ -12,9 +13,10 @@
 #include <fmt/format.h>
 #include <memory>
 #include <netdb.h>
+#include <optional>
+#include <poll.h>
 #include <sys/socket.h>
 
-static constexpr timeval patience = {.tv_sec = 2, .tv_usec = 0};
 static constexpr size_t largest_answer = 16 << 20;
 
 std::pair<std::string, std::string> split_address(const std::string &address)
@@ -29,7 +31,8 @@ std::pair<std::string, std::string> split_address(const std::string &address)
 }
 
 /* Connects to ADDRESS:PORT without a look-up of names, or to unix:PATH; errno where it fails. */
-static util::descriptor connect_to_address(const std::string &address)
+static util::descriptor connect_to_address(const std::string &address,
+                                           std::chrono::seconds patience)
 {
     if (address.starts_with("unix:"))
         return util::connect_to(address.substr(5), SOCK_STREAM);
@@ -42,8 +45,8 @@ static util::descriptor connect_to_address(const std::string &address)
         return util::descriptor();
     const std::unique_ptr<addrinfo, void (*)(addrinfo *)> owned(found, freeaddrinfo);
     util::descriptor connection(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    /* Also the limit of the connecting itself. */
-    setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    const timeval wait = {.tv_sec = patience.count(), .tv_usec = 0}; /* of the connecting, too */
+    setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof(wait));
     if (connect(connection.get(), found->ai_addr, found->ai_addrlen) != 0)
         connection.reset();
     return connection;
@@ -58,28 +61,47 @@ static std::string reachable(const std::string &address)
     return host == "::" ? "[::1]:" + port : address;
 }
 
-http_answer http_get(const std::string &given, const std::string &path)
+/* What the other side sends until it closes; nothing, with errno, where that takes too long. */
+static std::optional<std::string> receive_all(int connection, std::chrono::seconds patience)
+{
+    const util::deadline until(patience);
+    std::string text;
+    char part[4096];
+    pollfd readable = {connection, POLLIN, 0};
+    while (text.size() < largest_answer) {
+        readable.revents = 0;
+        if (poll(&readable, 1, until.poll_timeout()) == 0)
+            errno = ETIMEDOUT;
+        const ssize_t got = readable.revents != 0 ? recv(connection, part, sizeof(part), 0) : -1;
+        if (got < 0)
+            return std::nullopt;
+        if (got == 0)
+            return text;
+        text.append(part, static_cast<size_t>(got));
+    }
+    errno = EMSGSIZE;
+    return std::nullopt;
+}
+
+http_answer http_get(const std::string &given, const std::string &path,
+                     std::chrono::seconds patience)
 {
     const std::string address = reachable(given);
-    const util::descriptor connection = connect_to_address(address);
+    const util::descriptor connection = connect_to_address(address, patience);
     if (!connection.is_open())
         return {0, std::strerror(errno)};
-    setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     /* The exporter answers only for a host that it knows, such as its own address. */
     const std::string request = fmt::format("GET {} HTTP/1.0\r\nHost: {}\r\n\r\n", path,
                                             address.starts_with("unix:") ? "localhost" : address);
     if (send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0)
         return {0, std::strerror(errno)};
-    std::string text;
-    char part[4096];
-    ssize_t got = 0;
-    while (text.size() < largest_answer &&
-           (got = recv(connection.get(), part, sizeof(part), 0)) > 0)
-        text.append(part, static_cast<size_t>(got));
-    const size_t blank = text.find(' '), body = text.find("\r\n\r\n");
-    if (!text.starts_with("HTTP/") || blank == std::string::npos || body == std::string::npos)
-        return {0, got < 0 ? "no answer in 2 s" : "the answer is not HTTP"};
-    return {static_cast<int>(std::strtol(text.c_str() + blank, nullptr, 10)),
-            text.substr(body + 4)};
+    const auto text = receive_all(connection.get(), patience);
+    if (!text)
+        return {0, errno == ETIMEDOUT ? fmt::format("no answer in {} s", patience.count())
+                                      : std::strerror(errno)};
+    const size_t blank = text->find(' '), body = text->find("\r\n\r\n");
+    if (!text->starts_with("HTTP/") || blank == std::string::npos || body == std::string::npos)
+        return {0, "the answer is not HTTP"};
+    return {static_cast<int>(std::strtol(text->c_str() + blank, nullptr, 10)),
+            text->substr(body + 4)};
 }

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* http_get - one request by HTTP to a program of this machine or network. Waits at most two seconds
-   for each part of the answer. No state. */
+/* http_get - one request by HTTP to a program of this machine or network. No state. */
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <utility>
 
@@ -16,5 +16,7 @@ struct http_answer {
 
 /* Of ADDRESS:PORT, without the brackets of an IPv6 address; no port where there is none. */
 std::pair<std::string, std::string> split_address(const std::string &address);
-/* `address` is ADDRESS:PORT, whose address is a number or localhost, or unix:PATH. */
-http_answer http_get(const std::string &address, const std::string &path);
+/* `address` is ADDRESS:PORT, whose address is a number or localhost, or unix:PATH. An answer that
+   isn't whole after `patience` is none. */
+http_answer http_get(const std::string &address, const std::string &path,
+                     std::chrono::seconds patience = std::chrono::seconds(2));

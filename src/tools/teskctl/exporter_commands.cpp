@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 static constexpr int64_t a_day = 86400;
+static constexpr std::chrono::seconds patience{12}; /* the exporter itself answers within ten */
 
 /* The answer as an object; a tool_error that says what to do where there is none. */
 static json_object ask(const exporter_options &options, const std::string &path)
@@ -27,7 +28,7 @@ static json_object ask(const exporter_options &options, const std::string &path)
     std::string address = options.address;
     if (address.starts_with("http://"))
         address = address.substr(7, address.find('/', 7) - 7);
-    const http_answer answer = http_get(address, path);
+    const http_answer answer = http_get(address, path, patience);
     if (answer.status == 0)
         throw tool_error(exit_code::no_server,
                          fmt::format("tesk-exporter at {}: {}; is it running? --exporter names "
@@ -121,6 +122,13 @@ exit_code run_modules(const settings &common, const exporter_options &options)
     return exit_code::done;
 }
 
+/* Of the whole module there is none. */
+static std::string lane_of(const json_object &forecast)
+{
+    const double lane = number_in(forecast, "lane");
+    return std::isnan(lane) ? "-" : fmt::format("{:.0f}", lane);
+}
+
 exit_code run_forecast(const settings &common, const exporter_options &options)
 {
     const json_object forecasts = ask(options, "/api/forecast")["forecasts"];
@@ -132,9 +140,8 @@ exit_code run_forecast(const settings &common, const exporter_options &options)
     for (const json_object &each : forecasts)
         shown.add({fmt::format("{:.1f}", number_in(each, "days_left")),
                    fmt::format("{:.1f} to {:.1f}", number_in(each, "low"), number_in(each, "high")),
-                   port_text(each), fmt::format("{:.0f}", number_in(each, "lane")),
-                   text_in(each, "value"), text_in(each, "cause"), text_in(each, "confidence"),
-                   text_in(each, "reason")});
+                   port_text(each), lane_of(each), text_in(each, "value"), text_in(each, "cause"),
+                   text_in(each, "confidence"), text_in(each, "reason")});
     write_text(forecasts.empty() ? "nothing is about to fail, as far as the readings show\n"
                                  : shown.text(common.on_terminal ? terminal_width() : 0));
     return exit_code::done;
@@ -184,7 +191,7 @@ static std::vector<trend> trends_of(const json_object &answer)
     const json_object &lanes = answer.at("lanes");
     for (const auto &what : of_lane)
         for (size_t i = 0; i < lanes.size(); i++)
-            add(lanes[i], what, lanes.size() > 1 ? fmt::format(", lane {}", i + 1) : "");
+            add(lanes[i], what, lanes.size() > 1 ? fmt::format(", lane {}", i) : "");
     for (const auto &what : of_port)
         add(answer, what, "");
     return found;

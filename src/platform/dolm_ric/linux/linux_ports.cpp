@@ -437,6 +437,13 @@ void linux_ports::module_cost(uint32_t number, const reading_cost &cost)
     });
 }
 
+void linux_ports::reading_doubted(uint32_t number, const module_memory &memory,
+                                  const module_contents &contents)
+{
+    details_.update(number,
+                    [&](dolm_ric_details_record &record) { take_flags(memory, contents, record); });
+}
+
 void linux_ports::reading_dropped(uint32_t number)
 {
     details_.update(number, [](dolm_ric_details_record &record) { record.cost.dropped++; });

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <optional>
 #include <string_view>
@@ -44,6 +45,7 @@ static constexpr memory_range qsfp_values = {identity_address, 0, 0, 0, 58};
 static constexpr memory_range qsfp_lanes = {identity_address, 0, 0, 113, 1};
 static constexpr memory_range qsfp_limits = {identity_address, 0, 3, 128, 72};
 static constexpr memory_range cmis_state = {identity_address, 0, 0, 0, 18};
+static constexpr memory_range cmis_identity = {identity_address, 0, 0, 128, 95};
 static constexpr memory_range cmis_features = {identity_address, 0, 1, 128, 128};
 static constexpr memory_range cmis_limits = {identity_address, 0, 2, 128, 128};
 static constexpr uint8_t lanes_of_bank = 8;
@@ -174,34 +176,43 @@ static void take_limits(const measurement &its, double unit, uint32_t state,
     to.high_alarm = in_unit(its.limits->high_alarm, unit);
 }
 
-/* Of a flag or a condition: one more reading that found it. */
+/* Of a flag or a condition: a reading that found it. The one that was counted last isn't counted
+   again. */
 template <typename counted>
 static void count(counted &its, int64_t at)
 {
+    if (at == its.last_at)
+        return;
     its.count++;
     its.first_at = its.first_at != 0 ? its.first_at : at;
     its.last_at = at;
 }
 
+/* What was there before can't be "not read yet". */
 static void set_missing(uint32_t why, dolm_ric_details_value &to)
 {
-    to.state = why;
+    const bool is_lost = why == DOLM_RIC_VALUE_NOT_READ && to.read_at != 0;
+    to.state = is_lost ? uint32_t{DOLM_RIC_VALUE_NO_ANSWER} : why;
     to.grade = DOLM_RIC_GRADE_NONE;
     to.value = 0;
 }
 
 /* measurement_flag has its bits in the order of enum dolm_ric_details_flag_kind. */
+static void count_flags(uint8_t flags, int64_t at, dolm_ric_details_value &to)
+{
+    for (uint32_t kind = 0; kind < DOLM_RIC_FLAGS; kind++)
+        if ((flags >> kind & 1) != 0)
+            count(to.flag[kind], at);
+}
+
 static void take_value(double value, uint8_t flags, uint32_t grade, int64_t at,
                        dolm_ric_details_value &to)
 {
-    const bool is_new = at != to.read_at;
     to.state = DOLM_RIC_VALUE_VALID;
     to.grade = grade;
     to.read_at = at;
     to.value = value;
-    for (uint32_t kind = 0; is_new && kind < DOLM_RIC_FLAGS; kind++)
-        if ((flags >> kind & 1) != 0)
-            count(to.flag[kind], at);
+    count_flags(flags, at, to);
 }
 
 static void take_module_values(const module_memory &memory, const module_contents &contents,
@@ -240,18 +251,22 @@ static std::optional<module_memory::time_point> lane_read_at(const module_memory
                               : values_range(family));
 }
 
+/* Of the first bank; byte 210 has those that a module with CMIS lacks there. */
+static uint32_t lanes_present(const module_memory &memory)
+{
+    const memory_view identity(memory, cmis_identity);
+    return identity.was_read() ? ~uint32_t{identity.u8(210)} & 0xffu : 0xffu;
+}
+
 static uint32_t lane_count(const module_memory &memory, const module_contents &contents)
 {
     if (contents.copper || contents.diagnostics == diagnostics_state::none)
         return 0;
     if (contents.family != module_family::cmis)
         return contents.family == module_family::sfp ? 1 : 4;
-    uint32_t count = 0;
-    for (const measured &kind : lane_values)
-        for (const lane_value &lane : (contents.*kind.from).lanes)
-            count = std::max<uint32_t>(count, lane.lane + 1u);
-    const uint32_t banks = memory.read_at(cmis_lanes(1)) ? 2 : 1;
-    return std::min<uint32_t>(std::max(count, banks * lanes_of_bank), DOLM_RIC_DETAILS_LANES);
+    return memory.read_at(cmis_lanes(1))
+               ? 2 * lanes_of_bank
+               : static_cast<uint32_t>(std::bit_width(lanes_present(memory)));
 }
 
 static void take_lane_values(const module_memory &memory, const module_contents &contents,
@@ -342,13 +357,14 @@ static void find_cmis_signals(const module_memory &memory, const module_contents
         const uint32_t first = uint32_t{bank} * lanes_of_bank;
         if (!lanes.was_read())
             continue;
+        const uint32_t present = bank == 0 ? lanes_present(memory) : 0xffu;
         for (const auto &row : rows) {
             const bool is_told = (features.u8(row.claim) & row.bit) != 0;
-            signals[row.signal].told |= (is_told ? 0xffu : 0u) << first;
+            signals[row.signal].told |= (is_told ? present : 0u) << first;
             signals[row.signal].on |= uint32_t{lanes.u8(row.offset)} << first;
         }
-        signals[DOLM_RIC_TX_OFF].told |= 0xffu << first;
-        signals[DOLM_RIC_RX_OFF].told |= 0xffu << first;
+        signals[DOLM_RIC_TX_OFF].told |= present << first;
+        signals[DOLM_RIC_RX_OFF].told |= present << first;
     }
     signals[DOLM_RIC_TX_OFF].on = contents.tx_off_lanes;
     signals[DOLM_RIC_RX_OFF].on = contents.rx_off_lanes;
@@ -366,9 +382,8 @@ static lane_signals find_signals(const module_memory &memory, const module_conte
     return signals;
 }
 
-/* A reading that is the one before counts nothing. */
 static void take_signals(const module_memory &memory, const module_contents &contents,
-                         int64_t counted_at, record_type &record)
+                         record_type &record)
 {
     const lane_signals signals = find_signals(memory, contents);
     const uint32_t state = record.lanes_state;
@@ -384,7 +399,7 @@ static void take_signals(const module_memory &memory, const module_contents &con
                            ? uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED}
                            : state;
             to.on = is_on ? 1 : 0;
-            if (is_on && at > counted_at)
+            if (is_on)
                 count(to, at);
         }
     }
@@ -400,43 +415,80 @@ static void take_doubts(const module_contents &contents, record_type &record)
                             sizeof(record.doubt[0]));
 }
 
-/* When the newest of the lanes' conditions were read. */
-static int64_t last_reading(const record_type &record)
+/* A module that answers, but makes no sense. */
+static void take_wrong_module(const module_memory &memory, const module_contents &contents,
+                              record_type &record)
 {
-    int64_t last = 0;
-    for (uint32_t lane = 0; lane < record.lane_count; lane++)
-        for (const auto &value : record.lane[lane].value)
-            last = std::max(last, value.read_at);
-    return last;
-}
-
-void take_module(const module_memory &memory, const module_contents &contents,
-                 const port_view &view, record_type &record)
-{
-    const int64_t counted_at = last_reading(record);
+    const uint32_t why = contents.doubts.empty()           ? DOLM_RIC_VALUE_NOT_READ
+                         : has_doubt(contents, "checksum") ? DOLM_RIC_VALUE_WRONG_CHECKSUM
+                                                           : DOLM_RIC_VALUE_DOUBTFUL;
+    board::forget_module(DOLM_RIC_PRESENCE_NOT_READY, why, record);
     take_doubts(contents, record);
     take_identity(memory, contents, record.identity);
-    if (!contents.ready) {
-        record.identity.state = contents.doubts.empty()           ? DOLM_RIC_VALUE_NOT_READ
-                                : has_doubt(contents, "checksum") ? DOLM_RIC_VALUE_WRONG_CHECKSUM
-                                                                  : DOLM_RIC_VALUE_DOUBTFUL;
+    record.identity.state = why;
+}
+
+/* A part of the memory that failed once is read again soon: what it gave before stays, with its
+   time. lose_values() ends that where the module doesn't answer any more. */
+static bool is_missed_once(uint32_t state, std::span<const dolm_ric_details_value> values)
+{
+    return state == DOLM_RIC_VALUE_NOT_READ && std::ranges::any_of(values, [](const auto &value) {
+               return value.state == DOLM_RIC_VALUE_VALID;
+           });
+}
+
+static void take_lanes(const module_memory &memory, const module_contents &contents,
+                       const port_view &view, record_type &record)
+{
+    const uint32_t state = state_of_lanes(memory, contents);
+    if (record.lane_count != 0 && is_missed_once(state, record.lane[0].value))
         return;
-    }
-    if (const auto at = memory.read_at(identifier_range))
-        record.identity.read_at = nanoseconds(*at);
-    record.lanes_state = state_of_lanes(memory, contents);
+    record.lanes_state = state;
     board::set_lane_count(lane_count(memory, contents), record);
     record.own_lanes = own_lanes(contents, view) & ((1u << record.lane_count) - 1);
     record.power_kind = contents.rx_power.lanes.empty() ? DOLM_RIC_POWER_UNKNOWN
                         : contents.has_average_power    ? DOLM_RIC_POWER_AVERAGE
                                                         : DOLM_RIC_POWER_OMA;
-    take_module_values(memory, contents, record);
     take_lane_values(memory, contents, view.stopped, record);
-    take_signals(memory, contents, counted_at, record);
+    take_signals(memory, contents, record);
+}
+
+void take_module(const module_memory &memory, const module_contents &contents,
+                 const port_view &view, record_type &record)
+{
+    if (!contents.ready)
+        return take_wrong_module(memory, contents, record);
+    take_doubts(contents, record);
+    take_identity(memory, contents, record.identity);
+    if (const auto at = memory.read_at(identifier_range))
+        record.identity.read_at = nanoseconds(*at);
+    if (!is_missed_once(state_of_values(memory, contents), record.module_value))
+        take_module_values(memory, contents, record);
+    take_lanes(memory, contents, view, record);
     if (contents.family == module_family::cmis)
         take_vdm(memory, record);
     else
         record.vdm_state = DOLM_RIC_VALUE_NOT_SUPPORTED;
+}
+
+/* Modules clear their flags when they are read: what this reading found, no other will. */
+void take_flags(const module_memory &memory, const module_contents &contents, record_type &record)
+{
+    const auto read_at = memory.read_at(values_range(contents.family));
+    if (!contents.ready || !contents.has_flags || !read_at)
+        return;
+    for (size_t kind = 0; kind < std::size(module_values); kind++)
+        for (const lane_value &only : (contents.*module_values[kind].from).lanes)
+            count_flags(only.flags, nanoseconds(*read_at), record.module_value[kind]);
+    for (size_t kind = 0; kind < std::size(lane_values); kind++)
+        for (const lane_value &its : (contents.*lane_values[kind].from).lanes)
+            if (its.lane < record.lane_count)
+                count_flags(its.flags, nanoseconds(*read_at), record.lane[its.lane].value[kind]);
+    const lane_signals signals = find_signals(memory, contents);
+    for (uint32_t lane = 0; lane < record.lane_count; lane++)
+        for (uint32_t kind = 0; kind < DOLM_RIC_SIGNALS; kind++)
+            if ((signals[kind].told & signals[kind].on) >> lane & 1)
+                count(record.lane[lane].signal[kind], nanoseconds(*read_at));
 }
 
 void lose_values(uint32_t why, record_type &record)
@@ -465,10 +517,10 @@ void lose_values(uint32_t why, record_type &record)
 
 void set_presence(bool is_ready, uint32_t why, int64_t now, record_type &record)
 {
-    if (!is_ready && record.identity.state != DOLM_RIC_VALUE_VALID)
-        board::forget_module(DOLM_RIC_PRESENCE_NOT_READY, DOLM_RIC_VALUE_NOT_READ, record);
-    else if (!is_ready)
+    if (!is_ready && record.identity.state == DOLM_RIC_VALUE_VALID)
         lose_values(why, record);
+    else if (!is_ready && record.doubt_count == 0)
+        board::forget_module(DOLM_RIC_PRESENCE_NOT_READY, DOLM_RIC_VALUE_NOT_READ, record);
     record.presence = is_ready ? DOLM_RIC_PRESENCE_READY : DOLM_RIC_PRESENCE_NOT_READY;
     if (is_ready)
         record.presence_code = DOLM_RIC_VALUE_VALID;

@@ -14,10 +14,14 @@ namespace linux_board
 {
 
 /* Takes what has been read of a module: identity, values, limits, flags, and the reasons for what
-   is missing. Flags are counted once for each reading of the values: a memory whose values are
-   those of the record counts none. `contents` is what decode_module() makes of the memory. */
+   is missing. Flags are counted once for each reading. A part that has failed once
+   keeps the values that it gave before. `contents` is what decode_module() makes of the memory. */
 void take_module(const module_memory &memory, const module_contents &contents,
                  const port_view &view, dolm_ric_details_record &record);
+
+/* Counts the flags and conditions of a reading whose values aren't taken. */
+void take_flags(const module_memory &memory, const module_contents &contents,
+                dolm_ric_details_record &record);
 
 /* A module is there, ready or not. One that was ready before keeps its identity while it isn't, and
    loses its values for that reason. */

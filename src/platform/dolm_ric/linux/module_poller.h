@@ -54,7 +54,12 @@ struct module_listener {
     virtual void module_cost(uint32_t /*port*/, const reading_cost & /*cost*/)
     {
     }
-    /* A reading of the values was dropped, as a second one disagreed with what it alone had. */
+    /* A reading of the values isn't taken, and made again: its flags are lost otherwise. */
+    virtual void reading_doubted(uint32_t /*port*/, const module_memory & /*memory*/,
+                                 const module_contents & /*contents*/)
+    {
+    }
+    /* It was dropped, as the second one disagreed with what it alone had. */
     virtual void reading_dropped(uint32_t /*port*/)
     {
     }

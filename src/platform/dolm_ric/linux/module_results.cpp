@@ -132,7 +132,8 @@ void module_poller::finish_identity(polled &port)
     port.was_looked_at = true;
     const module_contents contents = decode_module(port.memory);
     if (!contents.ready) {
-        listener_.module_sampled(port.number, port.memory, contents);
+        if (!port.old_identity)
+            listener_.module_sampled(port.number, port.memory, contents);
         retry_identity(port, duration(0));
         if (port.tries == fast_tries)
             listener_.module_doubted(port.number, contents.doubts);
@@ -294,6 +295,7 @@ void module_poller::take_diagnostics(polled &port, const task &done)
     const bool was_confirming = std::exchange(port.is_confirming, false);
     if (is_jump && !was_confirming) {
         port.is_confirming = true;
+        listener_.reading_doubted(port.number, port.memory, contents);
         port.memory = before;
         port.diagnostics_due = now + confirm_time;
         return;
