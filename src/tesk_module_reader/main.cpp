@@ -357,9 +357,9 @@ static void lease(const std::string &interface, int seconds)
             throw std::system_error(errno, std::generic_category(), path);
         return;
     }
-    const auto end = util::boot_time() + std::chrono::seconds(seconds);
-    const int64_t end_ns = std::chrono::nanoseconds(end.time_since_epoch()).count();
-    module_reader::replace_file(path, std::to_string(end_ns) + "\n", 0644);
+    const std::chrono::nanoseconds end =
+        util::boot_time().time_since_epoch() + std::chrono::seconds(seconds);
+    module_reader::replace_file(path, std::to_string(end.count()) + "\n", 0644);
 }
 
 static void run(const options &chosen)

@@ -55,12 +55,10 @@ void linux_ports::describe_without_module(const port_copy &port)
     uint32_t why = DOLM_RIC_VALUE_EMPTY;
     if (port.is_out)
         presence = DOLM_RIC_PRESENCE_OUT, why = DOLM_RIC_VALUE_OUT;
-    else if (port.config.source == module_source::none)
+    else if (port.config.source == module_source::none || port.last_error == module_is_leased)
         presence = DOLM_RIC_PRESENCE_POLLING_OFF, why = DOLM_RIC_VALUE_POLLING_OFF;
     else if (port.interface == 0)
         presence = DOLM_RIC_PRESENCE_NO_INTERFACE, why = DOLM_RIC_VALUE_UNKNOWN;
-    else if (port.last_error == module_is_leased)
-        presence = DOLM_RIC_PRESENCE_POLLING_OFF, why = DOLM_RIC_VALUE_POLLING_OFF;
     else if (is_unheard(port.last_error))
         presence = DOLM_RIC_PRESENCE_UNKNOWN, why = DOLM_RIC_VALUE_NO_ANSWER;
     details_.update(port.config.number, [&](dolm_ric_details_record &record) {
@@ -409,9 +407,9 @@ void linux_ports::reports_taken()
 
 void linux_ports::module_leased(uint32_t number, time_point until)
 {
-    const int64_t end = std::chrono::nanoseconds(until.time_since_epoch()).count();
-    details_.update(number,
-                    [end](dolm_ric_details_record &record) { record.cost.lease_until = end; });
+    const std::chrono::nanoseconds end = until.time_since_epoch();
+    details_.update(
+        number, [end](dolm_ric_details_record &record) { record.cost.lease_until = end.count(); });
 }
 
 /* Why values are missing after that errno. */
