@@ -68,7 +68,9 @@ struct image {
             const auto plan = reading_plan(memory);
             if (done == plan.size())
                 return memory;
-            memory.store(plan[done].range, at(plan[done].range), {});
+            /* at a time that isn't "never" */
+            memory.store(plan[done].range, at(plan[done].range),
+                         linux_board::module_memory::time_point(std::chrono::nanoseconds(1)));
         }
     }
 };
