@@ -292,6 +292,28 @@ TEST_F(linux_modules_test, details_keep_values_over_a_failure_and_tell_why_a_mod
     EXPECT_TRUE(record.doubt_count == 1 && record.identity.state == DOLM_RIC_VALUE_WRONG_CHECKSUM);
 }
 
+TEST_F(linux_modules_test, ports_whose_readings_cost_much_are_read_less_often)
+{
+    for (uint32_t port = 0; port < 6; port++) {
+        modules.ports[port].module = module_with_serial("0001");
+        modules.ports[port].cost = milliseconds(port < 5 ? 2 : 0);
+        add(port);
+    }
+    pass(std::chrono::minutes(2));
+    const auto all = [this] {
+        uint32_t readings = 0;
+        for (uint32_t port = 0; port < 5; port++)
+            readings += modules.ports[port].readings;
+        return readings;
+    };
+    const uint32_t before = all(), cheap = modules.ports[5].readings;
+    oldest = {};
+    pass(std::chrono::minutes(5));
+    EXPECT_LE((all() - before) * milliseconds(2), seconds(300) / 90) << "a hundredth of the time";
+    EXPECT_GE(modules.ports[5].readings - cheap, 280u);
+    EXPECT_LT(oldest, seconds(15));
+}
+
 TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alone)
 {
     begin_with(module_with_serial("0001"));
