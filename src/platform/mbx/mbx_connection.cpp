@@ -129,7 +129,7 @@ bool trim(connection &c)
     return c.ring.touched() > 0;
 }
 
-/* One that asks for much at once, and reads it soon, is not late. */
+/* A peer to which much was sent at once, and which reads it soon, is not late. */
 holding weigh(const connection &c, time_point now)
 {
     static constexpr auto time_to_read = std::chrono::milliseconds(100);
