@@ -239,6 +239,8 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
         {"talks nonsense", [](stranger &s) { ::send(s.control.get(), "hello", 5, 0); }},
         {"passes a descriptor", [](stranger &s) { s.pass({0}); }},
         {"passes one later", [](stranger &s) { s.greet(), s.pass({0}); }},
+        {"leaves its welcome unread",
+         [](stranger &s) { s.say_hello(), ::send(s.control.get(), "x", 1, MSG_NOSIGNAL); }},
         {"rings without a signal", [](stranger &s) { s.greet(), s.ring(); }},
         {"claims what can't be",
          [](stranger &s) { s.greet(), s.to_mailbox().head = 13, s.ring(); }},
@@ -262,6 +264,7 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
                 perform(*all.back());
                 ASSERT_TRUE(witness.is_answered()) << "a stranger that " << what;
             }
+        EXPECT_TRUE(client().is_answered()) << "a client that comes later";
         for (int index = 0; index < 3; index++) /* silent peers are disconnected */
             testkit::await(all[static_cast<size_t>(index)]->control.get(), "end of a silent one");
     }
