@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Each function brings one report into the record of its port: of the link, of its speed, of a lost
+   interface, and of what readings have cost. */
 #include "platform/dolm_ric/linux/record_updates.h"
 
 #include "platform/dolm_ric/details_record.h"
