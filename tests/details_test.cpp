@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -117,11 +118,19 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
     spoil(0, '\0');
     tesk_details_close(std::exchange(reader, nullptr));
     EXPECT_EQ(open(), TESK_DETAILS_NOT_DETAILS);
-    ASSERT_EQ(truncate(path.c_str(), 0), 0);
-    EXPECT_EQ(open(), TESK_DETAILS_TRUNCATED);
-    const util::deadline until(testkit::deadline);
-    while (open() != TESK_DETAILS_OK && !until.has_passed())
-        writer.publish(3, [](record_type &) {}); /* which finds it so and makes another file */
+    for (const bool is_replaced : {false, true}) {
+        if (is_replaced)
+            fs::rename(path, path + ".old");
+        std::ofstream(path, std::ios::trunc).close();
+        EXPECT_EQ(open(), TESK_DETAILS_TRUNCATED);
+        const util::deadline until(testkit::deadline);
+        while (open() != TESK_DETAILS_OK && !until.has_passed())
+            writer.publish(3, [](record_type &) {}); /* which finds it so and makes another file */
+        EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
+    }
+    board::port_details other; /* has no file here while the first lives */
+    other.start(path);
+    other.stop();
     EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
 
     writer.stop();
@@ -200,6 +209,52 @@ TEST_F(details_test, a_record_that_contradicts_itself_or_stays_unfinished_is_not
     EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_TRUNCATED);
 }
 
+TEST_F(details_test, a_record_that_could_not_be_written_is_written_later)
+{
+    writer.start(path);
+    ASSERT_EQ(open(), TESK_DETAILS_OK);
+    rlimit usual = {};
+    getrlimit(RLIMIT_FSIZE, &usual);
+    const rlimit small = {4096, usual.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    writer.publish(0, [](record_type &) {});
+    setrlimit(RLIMIT_FSIZE, &usual);
+    EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_NO_PORT);
+    const util::deadline until(testkit::deadline);
+    while (tesk_details_read(reader, 0, &record) != TESK_DETAILS_OK && !until.has_passed())
+        std::this_thread::yield();
+    EXPECT_FALSE(until.has_passed());
+}
+
+TEST_F(details_test, a_new_port_takes_the_place_of_one_that_was_taken_out)
+{
+    for (uint32_t port = 0; port < board::port_details::most_records; port++)
+        writer.update(port, [](record_type &its) { its.presence = DOLM_RIC_PRESENCE_OUT; });
+    writer.start(path);
+    writer.publish(2000, [](record_type &) {});
+    ASSERT_EQ(open(), TESK_DETAILS_OK);
+    EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_NO_PORT);
+    EXPECT_EQ(tesk_details_read(reader, 1, &record), TESK_DETAILS_OK);
+    EXPECT_EQ(tesk_details_read(reader, 2000, &record), TESK_DETAILS_OK);
+}
+
+TEST_F(details_test, grades_texts_and_lanes_are_those_of_the_module)
+{
+    const dolm_ric_details_limits limits = {DOLM_RIC_VALUE_VALID, 0, 1, 2, 3, 4};
+    static const std::tuple<double, bool, uint32_t> rows[] = {
+        {1, true, DOLM_RIC_GRADE_LOW_ALARM},    {2, true, DOLM_RIC_GRADE_LOW_WARNING},
+        {1, false, DOLM_RIC_GRADE_OK},          {2.5, true, DOLM_RIC_GRADE_OK},
+        {3, true, DOLM_RIC_GRADE_HIGH_WARNING}, {4, true, DOLM_RIC_GRADE_HIGH_ALARM}};
+    for (const auto &[value, has_low_limits, grade] : rows)
+        EXPECT_EQ(board::grade_value(value, limits, has_low_limits), grade) << value;
+    fill(record, 1);
+    for (const uint32_t count : {2u, DOLM_RIC_DETAILS_LANES + 0u})
+        board::set_lane_count(count, record);
+    EXPECT_TRUE(record.lane[1].signal[6].count == 1 && record.lane[2].signal[6].count == 0);
+    board::set_text(record.identity.revision, 8, "a\x1b\xe9 long one", 15);
+    EXPECT_STREQ(record.identity.revision, "a?? lon");
+}
+
 /* Reads all that the plan asks for, at a time in ns. */
 static module_memory read_at(const module_images::image &image, int64_t time)
 {
@@ -240,6 +295,38 @@ TEST_F(details_test, flags_are_counted_once_for_each_reading)
     EXPECT_TRUE(its.state == DOLM_RIC_VALUE_EMPTY && flag.count == 0 && record.lane_count == 0);
 }
 
+TEST_F(details_test, lanes_are_graded_and_watched_each_by_itself)
+{
+    module_images::image qsfp = module_images::qsfp();
+    qsfp.a0[86] = 0x02; /* the transmitter of lane 1 is switched off */
+    take(qsfp, 100, record);
+    const auto grade = [&](uint32_t lane, uint32_t kind) {
+        return record.lane[lane].value[kind].grade;
+    };
+    EXPECT_EQ(grade(1, DOLM_RIC_TX_BIAS), uint32_t{DOLM_RIC_GRADE_OFF});
+    EXPECT_EQ(grade(0, DOLM_RIC_TX_BIAS), grade(1, DOLM_RIC_RX_POWER));
+
+    module_images::image sfp = module_images::sfp();
+    module_images::put16(sfp.a2, 102, 0); /* sends no light */
+    const module_memory memory = read_at(sfp, 100);
+    for (const bool is_stopped : {false, true}) {
+        take_module(memory, decode_module(memory), {.stopped = is_stopped}, record);
+        EXPECT_EQ(grade(0, DOLM_RIC_TX_POWER),
+                  is_stopped ? DOLM_RIC_GRADE_OK : DOLM_RIC_GRADE_LOW_ALARM);
+    }
+
+    module_images::image cmis = module_images::cmis();
+    cmis.a0[128 + 158] = 0x02;
+    module_images::put_page_sums(cmis.a0);
+    cmis.lanes[1][147] = 1; /* of the second bank */
+    take(cmis, 100, record);
+    EXPECT_TRUE(record.lane[8].signal[DOLM_RIC_RX_LOS].on == 1 &&
+                record.lane[0].signal[DOLM_RIC_RX_LOS].on == 0);
+    for (const int64_t now : {5, 9})
+        set_presence(true, DOLM_RIC_VALUE_VALID, now, record);
+    EXPECT_EQ(record.inserted_at, 5);
+}
+
 TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
 {
     module_images::image module = module_images::cmis();
@@ -251,16 +338,26 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     };
     put(0x20, 128, 0x120f), put(0x24, 128, 16 << 11 | 240); /* set 1, lane 2, BER: 2.4e-6 */
     put(0x20, 254, 0x0306), put(0x24, 254, 20 * 256);       /* lane 3 of the host, SNR */
+    put(0x20, 130, 0x120f);                                 /* no error at all */
+    put(0x20, 132, 0x0004), put(0x24, 132, -10 * 256);      /* a cold laser */
     put(0x28, 136, 20 << 11 | 1), put(0x28, 138, 0), put(0x28, 140, 14 << 11 | 1);
     take(module, 100, record);
-    ASSERT_EQ(record.vdm_count, 2u);
-    const dolm_ric_details_vdm &ber = record.vdm[0], &snr = record.vdm[1];
+    ASSERT_EQ(record.vdm_count, 4u);
+    const dolm_ric_details_vdm &ber = record.vdm[0], &snr = record.vdm[3];
     EXPECT_TRUE(ber.kind == DOLM_RIC_VDM_PRE_FEC_BER_CURRENT && ber.side == DOLM_RIC_SIDE_MEDIA &&
                 ber.lane == 2 && ber.read_at == 100 && ber.grade == DOLM_RIC_GRADE_HIGH_WARNING);
     EXPECT_DOUBLE_EQ(ber.value, 240e-8);
     EXPECT_DOUBLE_EQ(ber.limits.high_alarm, 1e-4);
     EXPECT_TRUE(snr.kind == DOLM_RIC_VDM_SNR && snr.side == DOLM_RIC_SIDE_HOST && snr.lane == 3 &&
                 snr.value == 20 && snr.limits.state == DOLM_RIC_VALUE_NOT_SUPPORTED);
+    EXPECT_EQ(record.vdm[1].grade, uint32_t{DOLM_RIC_GRADE_OK});
+    EXPECT_EQ(record.vdm[2].value, -10);
+    for (const size_t page : {0x20u, 0x21u, 0x22u})
+        for (size_t at = 128; at < 256; at += 2)
+            put(page, at, 5);
+    put(0x2f, 128, 2 << 8); /* three groups */
+    take(module, 200, record);
+    EXPECT_TRUE(record.vdm_count == DOLM_RIC_DETAILS_VDM && record.vdm_left_out == 64);
 }
 
 TEST_F(details_test, what_is_missing_has_its_reason)

@@ -3,6 +3,7 @@
 #include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"
 #include "platform/dolm_ric/linux/netlink.h"
+#include "platform/dolm_ric/linux/record_updates.h"
 
 #include <gtest/gtest.h>
 #include <linux/if.h>
@@ -22,6 +23,7 @@ struct recorder final : link_listener {
     void link_changed(uint32_t, const link_values &now) override
     {
         events += "sdu"[now.state];
+        lanes = now.lanes;
     }
     void link_known(uint32_t, const link_values &now) override
     {
@@ -40,7 +42,7 @@ struct recorder final : link_listener {
         return std::exchange(events, {});
     }
     std::string events;
-    uint32_t known = 0;
+    uint32_t known = 0, lanes = 0;
     uint64_t falls = 0;
 };
 
@@ -232,6 +234,19 @@ TEST_F(link_table_test, a_port_follows_its_interface_and_takes_another_only_when
     EXPECT_EQ("", take(renamed));
 }
 
+TEST_F(link_table_test, a_port_that_an_interface_fits_comes_before_one_that_it_was_called_like)
+{
+    table.add(3, [](const link_report &report) { return report.name == "eth1"; });
+    link_report renamed = report(2, 0, 1, 5);
+    for (const char *name : {"eth1", "eth0"}) {
+        renamed.name = name;
+        take(renamed);
+    }
+    table.forget(5, now);
+    take(report(2, 0, 1));
+    EXPECT_EQ(7, table.index_of(4));
+}
+
 TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_speed)
 {
     take(report(2, 0, 1));
@@ -242,10 +257,13 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     now += 3 * link_table::settle_time;
     table.announce_settled(now);
     EXPECT_EQ("u", events.take());
-    table.take_speed(7, {400, 4}, now);
+    table.take_speed(7, {400, 0}, now);
     EXPECT_EQ("", events.take());
+    EXPECT_FALSE(table.is_speed_wanted(7, now));
+    EXPECT_TRUE(table.is_speed_wanted(7, now + std::chrono::hours(1))) << "it may be another";
     link_report leaving = report(0, 1, 1);
     EXPECT_EQ("s", take(leaving));
+    EXPECT_EQ(4u, events.lanes) << "not known any more";
     leaving.deleted = true;
     EXPECT_EQ("i0", take(leaving)) << "stopped and down are one state for clients";
     EXPECT_EQ(1u, events.known);
@@ -332,4 +350,29 @@ TEST_F(link_table_test, a_storm_is_announced_as_five_falls_and_then_as_one_each_
     EXPECT_EQ("di0", events.take());
     EXPECT_EQ("d", settle());
     EXPECT_EQ(401u, events.falls);
+}
+
+TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cost)
+{
+    dolm_ric_details_record record = {};
+    const dolm_ric_details_link &link = record.link;
+    take_link_report(link_table_test::report(2, 0, 1), 0, 0, 10, record);
+    take_link_speed({100, 4, 10000, true, false}, 10, record);
+    EXPECT_TRUE(link.changed_at == 0 && link.speed == 10000 && link.duplex == DOLM_RIC_DUPLEX_FULL);
+    take_link_report(link_table_test::report(1, 2, 2), 2, 1, 30, record);
+    EXPECT_TRUE(link.changed_at == 30 && link.speed == 0 && link.duplex == DOLM_RIC_DUPLEX_UNKNOWN);
+    lose_interface(40, record);
+    EXPECT_TRUE(link.falls == 2 && link.rises == 1 && link.changed_at == 40 && link.state == 0);
+
+    std::vector<piece> pieces(11, piece{.port = 0, .range = {0x50, 0, 0, 0, 8}});
+    for (int i = 1; i < 10; i++)
+        pieces[static_cast<size_t>(i)].error = i;
+    pieces[10].error = ECANCELED;
+    take_cost({pieces, std::chrono::nanoseconds(100), true}, record);
+    const dolm_ric_details_cost &cost = record.cost;
+    EXPECT_TRUE(cost.reads == 10 && cost.bytes == 8 && cost.failures == 9 &&
+                cost.longest_read == 10 && cost.last_sweep == 100);
+    EXPECT_TRUE(cost.error[0].error == 1 && cost.error[0].count == 1 &&
+                cost.error[DOLM_RIC_DETAILS_ERRORS - 1].error == -1 &&
+                cost.error[DOLM_RIC_DETAILS_ERRORS - 1].count == 2);
 }

@@ -17,6 +17,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <set>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
@@ -27,6 +29,16 @@ using time_point = module_poller::time_point;
 using module_images::module_with_serial;
 
 static constexpr int32_t index_of_port_0 = 100;
+
+/* So much is our clock ahead of the system's. */
+static seconds ahead{0};
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now)
+{
+    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    now->tv_sec += ahead.count();
+    return result;
+}
 
 namespace
 {
@@ -280,6 +292,28 @@ TEST_F(linux_modules_test, details_keep_values_over_a_failure_and_tell_why_a_mod
     EXPECT_TRUE(record.doubt_count == 1 && record.identity.state == DOLM_RIC_VALUE_WRONG_CHECKSUM);
 }
 
+TEST_F(linux_modules_test, ports_whose_readings_cost_much_are_read_less_often)
+{
+    for (uint32_t port = 0; port < 6; port++) {
+        modules.ports[port].module = module_with_serial("0001");
+        modules.ports[port].cost = milliseconds(port < 5 ? 2 : 0);
+        add(port);
+    }
+    pass(std::chrono::minutes(2));
+    const auto all = [this] {
+        uint32_t readings = 0;
+        for (uint32_t port = 0; port < 5; port++)
+            readings += modules.ports[port].readings;
+        return readings;
+    };
+    const uint32_t before = all(), cheap = modules.ports[5].readings;
+    oldest = {};
+    pass(std::chrono::minutes(5));
+    EXPECT_LE((all() - before) * milliseconds(2), seconds(300) / 90) << "a hundredth of the time";
+    EXPECT_GE(modules.ports[5].readings - cheap, 280u);
+    EXPECT_LT(oldest, seconds(15));
+}
+
 TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alone)
 {
     begin_with(module_with_serial("0001"));
@@ -356,6 +390,11 @@ TEST_F(linux_modules_test, a_garbled_memory_is_present_but_not_ready_and_seldom_
     EXPECT_EQ("", news_in(seconds(120)));
     EXPECT_TRUE(read_at.empty());
     EXPECT_EQ(std::vector<std::string>{"a checksum of the identity is wrong"}, doubts);
+    modules.ports[0].module.reset();
+    EXPECT_EQ("a", news_in(seconds(61)));
+    modules.ports[0].module = garbled;
+    EXPECT_EQ("n", news_in(seconds(120)));
+    EXPECT_EQ(2u, doubts.size()) << "one for each module";
     modules.ports[0].readings = 0;
     pass(seconds(600));
     EXPECT_LT(modules.ports[0].readings, 600u + 10u * 9u) << "a look a second, an attempt a minute";
@@ -522,6 +561,8 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     const std::string path = place.path + "/reader";
     const util::descriptor listener = util::listen_at(path, SOCK_SEQPACKET, 0600, getegid(), 1);
     ASSERT_TRUE(listener.is_open());
+    const timeval patience = {5, 0}; /* of accept, where no one connects */
+    setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     worker stopped;
     reader_client client(path, stopped.stop_fd());
     const auto ask = [&](size_t answer_size) {
@@ -552,6 +593,12 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     EXPECT_EQ(ENOTCONN, hung_up.error);
     pollfd waiting = {listener.get(), POLLIN, 0};
     EXPECT_EQ(0, poll(&waiting, 1, 0)) << "no third try at once";
+    for (const seconds pause : {seconds(60), seconds(60), seconds(2)}) {
+        ahead += pause; /* the last one is the shortest pause: an answer ends the longer ones */
+        EXPECT_EQ("5 0 300 96", ask(2 * sizeof(reader_answer)));
+        client.read({&hung_up, 1});
+    }
+    ahead = {};
 }
 
 TEST_F(linux_modules_test, a_reader_with_another_configuration_is_told_to_end)

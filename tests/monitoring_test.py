@@ -37,7 +37,7 @@ panels = dashboard["panels"]
 queries = [(panel["title"], target["expr"]) for panel in panels for target in panel["targets"]]
 
 promtool("check", "config", "prometheus.yml")
-promtool("test", "rules", "tesk-tests.yml")
+promtool("test", "rules", "tesk-tests.yml", "tesk-tests-week.yml")
 
 # Grafana's variables are put in; then each query must be PromQL.
 with tempfile.NamedTemporaryFile("w", suffix=".yml") as file:

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: add() numbers an event and drops the oldest beyond the capacity; after() says
+   where a reader with an id goes on. */
 #include "tesk_exporter/event_ring.h"
 
 #include "tools/common/clock.h"

@@ -12,9 +12,11 @@
 #include "util/escape.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <fmt/format.h>
 #include <limits>
+#include <span>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <systemd/sd-journal.h>
@@ -106,6 +108,74 @@ static history::record record_of(const port_state &port)
     return made;
 }
 
+static double to_microwatts(double milliwatts)
+{
+    return 1000 * milliwatts;
+}
+
+/* Not a number where it isn't there. */
+static double number_of(const dolm_ric_details_value &its)
+{
+    return its.state == DOLM_RIC_VALUE_VALID ? its.value : std::numeric_limits<double>::quiet_NaN();
+}
+
+static int16_t power_of(history::measure what, const dolm_ric_details_value &its)
+{
+    const double microwatts = to_microwatts(number_of(its));
+    return microwatts > 0 ? history::stored(what, 10 * std::log10(microwatts / 1000))
+                          : history::absent;
+}
+
+/* Before correction, of the lane's light; the average where the module has it. */
+static int16_t errors_of(const dolm_ric_details_record &details, uint32_t lane)
+{
+    double found = 0;
+    for (const auto &row : std::span(details.vdm).first(details.vdm_count))
+        if (row.lane == lane && row.side == DOLM_RIC_SIDE_MEDIA &&
+            row.state == DOLM_RIC_VALUE_VALID &&
+            (row.kind == DOLM_RIC_VDM_PRE_FEC_BER_AVERAGE ||
+             (row.kind == DOLM_RIC_VDM_PRE_FEC_BER_CURRENT && found == 0)))
+            found = row.value;
+    return found > 0 ? history::stored(history::measure::error_ratio, std::log10(found))
+                     : history::absent;
+}
+
+/* The port's own lanes of a module with several; the server has the values of one. */
+static void take_lanes(const dolm_ric_details_record &details, history::record &made)
+{
+    using history::measure;
+    made.middle.resize(history::per_port);
+    for (uint32_t lane = 0; lane < details.lane_count; lane++) {
+        const auto &its = details.lane[lane].value;
+        const bool is_own = (details.own_lanes >> lane & 1) != 0;
+        history::row row = {power_of(measure::rx_power, its[DOLM_RIC_RX_POWER]),
+                            power_of(measure::tx_power, its[DOLM_RIC_TX_POWER]),
+                            history::stored(measure::bias, number_of(its[DOLM_RIC_TX_BIAS])),
+                            errors_of(details, lane)};
+        if (!is_own)
+            row.assign(history::per_lane, history::absent);
+        made.middle.insert(made.middle.end(), row.begin(), row.end());
+    }
+}
+
+static forecast::limits limits_of(const dolm_ric_details_limits &its, double unit)
+{
+    if (its.state != DOLM_RIC_VALUE_VALID)
+        return {};
+    return {its.low_alarm * unit, its.low_warning * unit, its.high_warning * unit,
+            its.high_alarm * unit};
+}
+
+/* In the order of forecast::quantity. */
+static outlooks::module_limits limits_of(const dolm_ric_details_record &details)
+{
+    return {limits_of(details.lane_limits[DOLM_RIC_RX_POWER], 1000),
+            limits_of(details.lane_limits[DOLM_RIC_TX_POWER], 1000),
+            limits_of(details.lane_limits[DOLM_RIC_TX_BIAS], 1),
+            {},
+            limits_of(details.module_limits[DOLM_RIC_TEMPERATURE], 1)};
+}
+
 /* A field of a module, without the blanks that fill it up. */
 static std::string text_of(const char *field)
 {
@@ -114,13 +184,19 @@ static std::string text_of(const char *field)
     return end == std::string::npos ? "" : text.substr(0, end + 1);
 }
 
-void history_keeper::take(const port_state &read)
+void history_keeper::take(const port_state &read, const dolm_ric_details_record *details)
 {
     if (!read.info || !read.reading)
         return; /* whose values these are isn't known yet */
     history::occupant from{read.number, read.interface, text_of(read.info->vendor_name),
                            text_of(read.info->vendor_pn), text_of(read.info->vendor_sn)};
-    post({clocks_now(), reading{std::move(from), record_of(read)}}, false);
+    reading made{std::move(from), record_of(read), {}};
+    if (details != nullptr && details->presence == DOLM_RIC_PRESENCE_READY) {
+        made.limits = limits_of(*details);
+        if (details->lane_count > 1)
+            take_lanes(*details, made.measured);
+    }
+    post({clocks_now(), std::move(made)}, false);
 }
 
 void history_keeper::note(const exporter::event &happened)
@@ -156,6 +232,7 @@ std::vector<history_answer> history_keeper::take_answers()
 
 void history_keeper::take(const reading &given, const history::clocks &when)
 {
+    outlooks_.know_limits(given.from.port, given.limits);
     chronicle_.take(given.from, given.measured, when);
 }
 
@@ -195,15 +272,15 @@ static void send_to_journal(const outlooks::news &each)
     const std::string name =
         each.of.interface.empty() ? "" : fmt::format(" ({})", each.of.interface);
     const std::string message =
-        fmt::format("port {}{}: forecast {}: {} of lane {}: {}", each.of.port, name,
+        fmt::format("port {}{}: forecast {}: {}{}: {}", each.of.port, name,
                     each.is_raised ? fmt::format("{:.1f} days left", told.days_left) : "withdrawn",
-                    forecast::name_of(told.value), told.lane, told.reason);
+                    forecast::name_of(told.value), lane_text(told.lane), told.reason);
     sd_journal_send("MESSAGE=%s", message.c_str(), "PRIORITY=%d", each.is_raised ? 4 : 6,
                     "SYSLOG_IDENTIFIER=tesk-exporter", "TESK_EVENT=forecast", "TESK_PORT=%u",
                     each.of.port, "TESK_INTERFACE=%s", each.of.interface.c_str(), "TESK_CHANGE=%s",
                     each.is_raised ? "raised" : "withdrawn", "TESK_VALUE=%s",
-                    forecast::name_of(told.value), "TESK_LANE=%d", told.lane, "TESK_DAYS_LEFT=%.1f",
-                    told.days_left, nullptr);
+                    forecast::name_of(told.value), "TESK_LANE=%s", lane_label(told.lane).c_str(),
+                    "TESK_DAYS_LEFT=%.1f", told.days_left, nullptr);
 }
 
 /* After steps have ended, and first of all the past. */

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "history/chronicle.h"
+#include "platform/dolm_ric/dolm_ric_details.h"
 #include "tesk_exporter/event_ring.h"
 #include "tesk_exporter/model.h"
 #include "tesk_exporter/outlooks.h"
@@ -42,7 +43,8 @@ class history_keeper
     history_keeper &operator=(const history_keeper &) = delete;
 
     /* All below: the main thread. */
-    void take(const port_state &read); /* its latest reading */
+    /* A port's latest reading; with details those of all its lanes, and the module's limits. */
+    void take(const port_state &read, const dolm_ric_details_record *details);
     void note(const exporter::event &happened);
     /* The id of the answer to come. */
     uint64_t ask(const history_question &asked);
@@ -69,6 +71,7 @@ class history_keeper
     struct reading {
         history::occupant from;
         history::record measured;
+        outlooks::module_limits limits;
     };
     struct noted {
         int64_t port;

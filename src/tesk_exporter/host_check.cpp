@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: split() divides the header into name and port; is_host_allowed() takes the name if
+   it is an address of this socket, a name of the loopback, or one that the operator allows. */
 #include "tesk_exporter/host_check.h"
 
 #include <algorithm>

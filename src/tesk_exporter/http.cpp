@@ -85,8 +85,9 @@ static void expect_calls()
 }
 
 http_server::http_server(const settings &given, const model &board, const event_ring &events,
-                         exporter_figures &figures)
-    : settings_(given), model_(board), events_(events), figures_(figures), files_(given.web)
+                         exporter_figures &figures, port_details &details)
+    : settings_(given), model_(board), events_(events), figures_(figures), details_(details),
+      files_(given.web)
 {
     expect_calls();
     const int listener = open_listener(given.listen);
@@ -100,8 +101,8 @@ http_server::http_server(const settings &given, const model &board, const event_
         throw std::runtime_error("the HTTP library doesn't start: too many open files?");
 }
 
-/* Suspended connections must be resumed before the library can end them. */
-/* The library aborts where a suspended connection is left: none is suspended any more. */
+/* The library aborts where a suspended connection is left: all are resumed, and none is suspended
+   any more. */
 http_server::~http_server()
 {
     is_ending_ = true;

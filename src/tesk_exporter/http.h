@@ -25,7 +25,7 @@ class http_server
   public:
     /* The arguments must outlive it. Throws std::runtime_error with a text that says what to do. */
     http_server(const settings &given, const model &board, const event_ring &events,
-                exporter_figures &figures);
+                exporter_figures &figures, port_details &details);
     ~http_server();
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
@@ -119,8 +119,8 @@ class http_server
     const model &model_;
     const event_ring &events_;
     exporter_figures &figures_;
+    port_details &details_;
     const web_files files_;
-    port_details details_;
     connection_table connections_;
     history_keeper *history_ = nullptr;
     std::map<MHD_Connection *, waiting_request> waiting_;

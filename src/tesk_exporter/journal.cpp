@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: write() queues a record, within a bound; the thread makes its fields and sends
+   them. */
 #define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
 #include "tesk_exporter/journal.h"
 

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: --listen is a path or an address and a port; the socket is made, bound and opened
+   for connections, and where a filter keeps all others away a line says so. */
 #include "tesk_exporter/listener.h"
 
 #include "util/descriptor.h"

@@ -62,7 +62,7 @@ class service
   public:
     explicit service(const settings &given)
         : settings_(given), model_(events_, given.interval),
-          http_(given, model_, events_, figures_), refresher_(facts_),
+          http_(given, model_, events_, figures_, details_), refresher_(facts_),
           collector_({given.ports, given.interval}, facts_)
     {
         figures_.started_us = now_us();
@@ -134,7 +134,7 @@ class service
             return;
         const auto port = model_.ports().find(read->pm.port_no);
         if (port != model_.ports().end() && port->second.read_at == now.steady)
-            history_->take(port->second);
+            history_->take(port->second, details_.find(port->first));
     }
 
     void refresh()
@@ -161,6 +161,7 @@ class service
     fact_queue facts_;
     std::optional<journal> journal_;
     std::optional<history_keeper> history_;
+    port_details details_;
     http_server http_;
     refresher refresher_;
     collector collector_;

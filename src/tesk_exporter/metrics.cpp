@@ -315,7 +315,7 @@ static void write_forecasts(metrics_writer &writer, const model &board,
     for (const forecast_sample &each : figures.forecasts)
         if (const auto port = board.ports().find(each.port); port != board.ports().end())
             writer.sample(port->second.labels,
-                          "lane=\"" + std::to_string(each.lane) + "\",value=\"" + each.value + "\"",
+                          "lane=\"" + lane_label(each.lane) + "\",value=\"" + each.value + "\"",
                           std::round(each.days_left * 100) / 100);
 }
 

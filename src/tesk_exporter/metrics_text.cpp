@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: choose_format() compares what a client accepts; begin() writes the head of a
+   family, and sample() one line. */
 #include "tesk_exporter/metrics_text.h"
 
 #include "util/escape.h"

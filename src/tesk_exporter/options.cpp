@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: read_options() parses the words; --print-drop-in is answered at once and ends the
+   program. */
 #include "tesk_exporter/options.h"
 
 #include "tools/common/exit_code.h"

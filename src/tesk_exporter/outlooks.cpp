@@ -20,6 +20,16 @@ static constexpr size_t most_followed = 1024;
 static constexpr double a_day = 86400;
 static constexpr int64_t longest_silence = 2 * 86400;
 
+std::string lane_label(int lane)
+{
+    return lane > 0 ? std::to_string(lane - 1) : "";
+}
+
+std::string lane_text(int lane)
+{
+    return lane > 0 ? " of lane " + lane_label(lane) : "";
+}
+
 static double value_at(const history::row &values, size_t index)
 {
     if (index >= values.size())
@@ -81,6 +91,10 @@ void outlooks::feed(const history::place &of, int64_t time, const history::recor
                     .first;
     }
     found->second.fed = time;
+    const auto own = limits_.find(of.port);
+    for (int i = 0; own != limits_.end() && i < forecast::quantities; i++)
+        found->second.port.set_limits(static_cast<forecast::quantity>(i),
+                                      own->second[static_cast<size_t>(i)]);
     std::vector<forecast::report> reports;
     found->second.port.feed({.time = time,
                              .has_link = read.link >= 50, /* unknown is more, too */
@@ -156,7 +170,7 @@ static bool is_there(const history::chronicle &kept, int64_t id)
 static std::string sentence(const outlooks::news &each)
 {
     const forecast::report &told = each.told;
-    const std::string what = fmt::format("{} of lane {}", forecast::name_of(told.value), told.lane);
+    const std::string what = std::string(forecast::name_of(told.value)) + lane_text(told.lane);
     if (!each.is_raised)
         return fmt::format("{}: withdrawn: {}", what, told.reason);
     return fmt::format("{}: {}, {:.1f} days left ({:.1f} to {:.1f}): {}", what,
@@ -240,13 +254,17 @@ std::string outlooks::json(const history::chronicle &kept, int64_t boot) const
     std::vector<history::place> places;
     const auto reports = now_of(kept, boot, places);
     json_object list = json_object::array();
-    for (size_t i = 0; i < reports.size(); i++)
-        list.push_back(report_json({{"port", places[i].port},
-                                    {"interface", places[i].interface},
-                                    {"vendor", places[i].vendor},
-                                    {"part", places[i].part},
-                                    {"serial", places[i].serial}},
-                                   reports[i]));
+    for (size_t i = 0; i < reports.size(); i++) {
+        const int lane = reports[i].lane;
+        json_object line = report_json({{"port", places[i].port},
+                                        {"interface", places[i].interface},
+                                        {"vendor", places[i].vendor},
+                                        {"part", places[i].part},
+                                        {"serial", places[i].serial}},
+                                       reports[i]);
+        line["lane"] = lane > 0 ? json_object(lane - 1) : json_object(nullptr);
+        list.push_back(std::move(line));
+    }
     return to_line({{"forecasts", std::move(list)}}) + "\n";
 }
 

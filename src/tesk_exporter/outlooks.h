@@ -5,12 +5,14 @@
 
    GET /api/forecast
      {"forecasts": [{"port", "interface", "vendor", "part", "serial", .. the keys of
-        forecast_json.h ..}]}        soonest first; time and days_left are those of the last step */
+        forecast_json.h ..}]}        soonest first; time and days_left are those of the last step;
+                                     lanes from 0 as everywhere else, null of the whole module */
 #pragma once
 
 #include "forecast/forecast.h"
 #include "history/chronicle.h"
 
+#include <array>
 #include <map>
 #include <string>
 #include <tuple>
@@ -19,10 +21,14 @@
 namespace exporter
 {
 
+/* Lanes of a forecast::report are from 1; here people see them from 0, as those of the details. */
+std::string lane_label(int lane); /* empty: of the whole module */
+std::string lane_text(int lane);  /* " of lane 2", or empty */
+
 /* A forecast of now, for the metrics. */
 struct forecast_sample {
     uint32_t port;
-    int lane;
+    int lane; /* as forecast::report has it */
     const char *value;
     double days_left;
 };
@@ -37,7 +43,15 @@ class outlooks
         forecast::report told;
     };
 
-    /* Forgets all, and takes in what the history has. */
+    /* By forecast::quantity; all zero: the module has none. */
+    using module_limits = std::array<forecast::limits, forecast::quantities>;
+    /* Those of the module that is in a port now, for its steps from now on. */
+    void know_limits(uint32_t port, const module_limits &own)
+    {
+        limits_[port] = own;
+    }
+
+    /* Forgets all but limits, and takes in what the history has. */
     void restore(history::chronicle &kept);
     /* A step has ended. */
     void feed(const history::place &of, int64_t time, const history::record &read);
@@ -61,6 +75,7 @@ class outlooks
                                          std::vector<history::place> &places) const;
 
     std::map<int64_t, followed> ports_; /* by place */
+    std::map<uint32_t, module_limits> limits_;
     std::map<key, forecast::report> active_, announced_;
     std::map<key, std::string> reasons_; /* of the last withdrawals */
 };

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: request() names a port and wakes the thread, which connects, subscribes, takes the
+   first indication and its grades, and closes the session. */
 #include "tesk_exporter/refresher.h"
 
 #include <cerrno>

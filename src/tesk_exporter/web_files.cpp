@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: the constructor lists the files of known types; open() opens one of those, if it
+   is a regular file. */
 #include "tesk_exporter/web_files.h"
 
 #include <dirent.h>

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: start() makes the thread; wait() returns when its descriptor is readable, or
+   must_stop() became true; stop() interrupts whatever call the thread is in, and joins it. */
 #include "tesk_exporter/worker.h"
 
 #include "util/poll.h"

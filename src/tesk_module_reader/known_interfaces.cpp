@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: the table is a mapped file with a number for each port; find() gives the interface
+   that a port had, if the hash of its name is still the one that was noted. */
 #include "tesk_module_reader/known_interfaces.h"
 
 #include "util/descriptor.h"

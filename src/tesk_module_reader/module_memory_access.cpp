@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: a reading is tried by netlink, and by the older ioctl where the driver has that
+   one only. On a bus of its own it is one combined transfer, or several short blocks. */
 #include "tesk_module_reader/module_memory_access.h"
 
 #include <algorithm>

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: answer_packet() checks the form of all requests, then answers one after the other:
+   about the reader itself, or by a reading. */
 #include "tesk_module_reader/requests.h"
 
 #include <algorithm>

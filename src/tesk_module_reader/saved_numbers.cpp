@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: load_numbers() reads the ports that an earlier start has numbered; save_numbers()
+   replaces the file by a new one. */
 #include "tesk_module_reader/saved_numbers.h"
 
 #include "util/descriptor.h"

@@ -1,14 +1,15 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""plant - plants faults in copies of the tree and runs the server's module tests on each; ./mutate
-says how. A fault is three or four parts of the file of faults:
+"""plant - plants faults in copies of the tree and runs the tests of its part on each; ./mutate says
+how. A fault is three or four parts of the file of faults:
 
     == FILE: the effect
     survives: the reason why no test can notice it (only where that is so)
     - a line of the old text, which occurs exactly once in the file
     + a line of the new text
 
-FILE is below src/tesk_server. "-" and "+" precede each line without a blank."""
+FILE is below src/tesk_server; with a slash, below the root of the tree. "-" and "+" precede each line
+without a blank."""
 import argparse
 import concurrent.futures
 import os
@@ -20,21 +21,46 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORK = ROOT / "build/mutate"
-TESTS = ("hardware", "procedures", "subscriptions", "filter", "history", "memory", "life")
-TIME_LIMIT = 60
-# The test that is most likely to notice a fault in a file, by the beginning of its name; it is built
-# and run first.
-LIKELY = {"leaky_bucket": "filter", "tesk_dolm_ric_pm": "procedures", "tesk_dolm": "hardware",
-          "tesk_main": "life", "tesk_event_queue": "life", "tesk_mutex": "life",
-          "tesk_client_data": "subscriptions", "tesk_mbx": "subscriptions", "tesk_portsub": "filter",
-          "tesk_subscribe_port": "filter", "tesk_history": "history", "tesk_shell": "history",
-          "tesk_cache": "history", "tesk_": "procedures"}
+SERVER = "src/tesk_server/"
+TIME_LIMIT = 90
+# The tests of a file by the beginning of its path, the first row that fits; the one that is most
+# likely to notice a fault comes first. Those of the server's modules follow each other in any case.
+MODULE_TESTS = "hardware procedures subscriptions filter history memory life"
+TESTS = {SERVER + "leaky_bucket": "filter", SERVER + "tesk_dolm_ric_pm": "procedures",
+         SERVER + "tesk_dolm": "hardware", SERVER + "tesk_main": "life",
+         SERVER + "tesk_event_queue": "life", SERVER + "tesk_mutex": "life",
+         SERVER + "tesk_client_data": "subscriptions", SERVER + "tesk_mbx": "subscriptions",
+         SERVER + "tesk_portsub": "filter", SERVER + "tesk_subscribe_port": "filter",
+         SERVER + "tesk_history": "history", SERVER + "tesk_shell": "history",
+         SERVER + "tesk_cache": "history", SERVER: "procedures",
+         "src/tesk_client/": "tesk_client details",
+         "src/platform/mbx/": "mbx_parts mbx",
+         "src/platform/dolm_ric/linux/linux_ports": "linux_network",
+         "src/platform/dolm_ric/linux/port_config": "port_config",
+         "src/platform/dolm_ric/linux/li": "linux_links",
+         "src/platform/dolm_ric/linux/record_updates": "linux_links",
+         "src/platform/dolm_ric/linux/": "details module_decode linux_modules",
+         "src/platform/dolm_ric/": "details dolm_ric",
+         "src/history/": "chronicle", "src/forecast/": "forecast",
+         "src/tesk_exporter/outlooks": "outlooks",
+         "src/tesk_exporter/": "exporter exporter_follow outlooks chronicle",
+         "src/tools/": "teskctl exporter", "python/": "python", "web/": "page"}
+# These are scripts, and need the programs.
+SCRIPTS = {"python": "tesk_client tesk-server teskboard teskctl",
+           "page": "page tesk-exporter tesk-server teskboard teskctl"}
 
 
 class Fault:
     def __init__(self, heading, where):
-        self.file, self.what = (part.strip() for part in heading.split(":", 1))
+        name, self.what = (part.strip() for part in heading.split(":", 1))
+        self.file = name if "/" in name else SERVER + name
         self.where, self.reason, self.old, self.new = where, "", [], []
+
+    def tests(self):
+        names = next((names for start, names in TESTS.items() if self.file.startswith(start)), "")
+        if self.file.startswith(SERVER):
+            names += " " + MODULE_TESTS
+        return list(dict.fromkeys(names.split()))
 
     def planted(self, text):
         """The text with the fault, or None when the old text doesn't occur exactly once."""
@@ -55,22 +81,25 @@ def read_faults(path):
         elif line.strip() and not line.startswith("#"):
             sys.exit(f"{where}: neither a heading nor a line of a fault: {line}")
     for fault in faults:
-        source = ROOT / "src/tesk_server" / fault.file
+        source = ROOT / fault.file
         if not source.exists():
-            sys.exit(f"{fault.where}: there is no src/tesk_server/{fault.file}")
-        if fault.planted(source.read_text()) is None:
-            sys.exit(f"{fault.where}: the old text must occur exactly once in {fault.file}")
+            sys.exit(f"{fault.where}: there is no {fault.file}")
+        if not fault.tests():
+            sys.exit(f"{fault.where}: TESTS of plant.py has no row for {fault.file}")
     return faults
 
 
 class Copy:
     """A copy of the tree with a build directory of its own."""
 
-    def __init__(self, number):
+    def __init__(self, number, tests):
+        self.tests = tests
         self.tree = WORK / f"tree{number}"
         self.build = WORK / f"build{number}"
         self.environment = dict(os.environ, CMAKE_CXX_COMPILER_LAUNCHER="ccache",
-                                CMAKE_C_COMPILER_LAUNCHER="ccache")
+                                CMAKE_C_COMPILER_LAUNCHER="ccache", GTEST_FAIL_FAST="1",
+                                TESK_BUILD_DIR=self.build, PYTHONPATH=self.tree / "python",
+                                PYTHONDONTWRITEBYTECODE="1")
 
     def prepare(self):
         listed = subprocess.run(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
@@ -86,41 +115,52 @@ class Copy:
                 shutil.copymode(source, copied)
         self.run(["cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, "-DCMAKE_BUILD_TYPE=None",
                   "-DCMAKE_CXX_FLAGS=-O0"])
-        self.run(["cmake", "--build", self.build, "--target", *self.targets()])
-        for test in TESTS:
+        for test in self.tests:
+            self.run(self.build_command(test))
             if not self.passes(test):
-                sys.exit(f"mutate: {test}_test fails without any fault")
+                sys.exit(f"mutate: {test} fails without any fault")
 
-    @staticmethod
-    def targets():
-        return [f"{test}_test" for test in TESTS] + ["tesk-server"]
+    def build_command(self, test):
+        targets = SCRIPTS.get(test, f"{test}_test").split()
+        return ["cmake", "--build", self.build, "--target", *targets]
 
     def run(self, command):
         done = subprocess.run(command, capture_output=True, text=True, env=self.environment)
         if done.returncode != 0:
             sys.exit(f"mutate: {' '.join(map(str, command))}\n{done.stdout}{done.stderr}")
 
+    def test_command(self, test):
+        if test == "python":
+            return ["env", f"LD_LIBRARY_PATH={self.build}/lib", "/usr/bin/python3", "-m", "pytest",
+                    "-q", "-x", "-p", "no:cacheprovider", "-c", self.tree / "python/pyproject.toml",
+                    self.tree / "tests/python"]
+        if test == "page":
+            return [self.tree / "tests/page_test.py", self.build]
+        return [self.build / f"bin/{test}_test"]
+
     def passes(self, test):
         try:
-            return subprocess.run([self.build / f"bin/{test}_test"], capture_output=True,
-                                  timeout=TIME_LIMIT, stdin=subprocess.DEVNULL).returncode == 0
+            return subprocess.run(self.test_command(test), capture_output=True, timeout=TIME_LIMIT,
+                                  stdin=subprocess.DEVNULL, env=self.environment).returncode == 0
         except subprocess.TimeoutExpired:
             return False
 
     def verdict(self, fault):
-        source = self.tree / "src/tesk_server" / fault.file
+        source = self.tree / fault.file
         text = source.read_text()
-        source.write_text(fault.planted(text))
+        planted = fault.planted(text)
+        if planted is None:
+            return "not built: the old text must occur exactly once"
+        source.write_text(planted)
         try:
-            first = next(test for name, test in LIKELY.items() if fault.file.startswith(name))
-            for test in sorted(TESTS, key=lambda test: test != first):
-                built = subprocess.run(["cmake", "--build", self.build, "--target", f"{test}_test"],
-                                       capture_output=True, text=True, env=self.environment)
+            for test in fault.tests():
+                built = subprocess.run(self.build_command(test), capture_output=True, text=True,
+                                       env=self.environment)
                 if built.returncode != 0:
                     return "not built: " + " ".join(line for line in built.stdout.splitlines()
                                                     if "error" in line)[:200]
                 if not self.passes(test):
-                    return f"noticed by {test}_test"
+                    return f"noticed by {test}"
             return "survived"
         finally:
             source.write_text(text)
@@ -136,9 +176,10 @@ def main():
     faults = [fault for fault in read_faults(arguments.file)
               if arguments.only in fault.file + ": " + fault.what]
     print(f"mutate: {len(faults)} faults; preparing {arguments.jobs} copies", flush=True)
+    tests = list(dict.fromkeys(test for fault in faults for test in fault.tests()))
     free = queue.Queue()
     for number in range(arguments.jobs):
-        copy = Copy(number)
+        copy = Copy(number, tests)
         copy.prepare()
         free.put(copy)
 
@@ -163,4 +204,5 @@ def main():
     return 1 if unbuilt or any(not fault.reason for fault in survivors) else 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())

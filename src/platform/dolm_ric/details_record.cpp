@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Parts of a record that both boards fill in: texts, grades, limits, lanes, and a port without a
+   module. No state. */
 #include "platform/dolm_ric/details_record.h"
 
 #include <algorithm>

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: the text is made in memory, written to a new file beside the old one, and renamed
+   over it, so that a reader has all of one or of the other. */
 #include "platform/dolm_ric/port_map.h"
 
 #include "platform/dolm_ric/new_file.h"

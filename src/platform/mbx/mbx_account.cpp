@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: entry::open() finds or makes the accounts of a user and of a process and takes a
+   place in both; count() adds what is held; the last entry of an account removes it. */
 #include "platform/mbx/mbx_account.h"
 
 #include <algorithm>

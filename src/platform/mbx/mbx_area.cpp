@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: the owner of a mailbox makes the memory file and maps it; a peer checks the file
+   that it got, and maps it. The bells, eventfds, are made, checked and rung here, too. */
 #include "platform/mbx/mbx_area.h"
 
 #include <atomic>

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: push() writes a signal behind the last one, into a new piece of memory where the
+   last piece is full; pop() removes the first, and a piece with it that has nothing left. */
 #include "platform/mbx/mbx_backlog.h"
 
 #include <cstring>

@@ -1,4 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: deliver() writes a signal into the ring, or behind others into the backlog;
+   flush() moves the backlog to the ring when the receiver has made room; trim() gives memory
+   back. */
 #include "platform/mbx/mbx_connection.h"
 
 #include "platform/mbx/mbx_parting.h"

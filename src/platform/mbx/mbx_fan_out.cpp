@@ -1,4 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: includes() counts the receivers of a run of sends and leaves out the first ones,
+   which are woken singly; end() sets by the length of the run how many those are in the next one.
+   */
 #include "platform/mbx/mbx_fan_out.h"
 
 static constexpr uint32_t left_out_later = 3;

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: the helper's thread waits for descriptors until the next timer is due, calls the
+   function of each kind of descriptor that is ready, and then the timers. */
 #include "platform/mbx/mbx_helper.h"
 
 #include "util/thread.h"

@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* A line of sources, linked through themselves, so that a place in it needs no memory. */
 #include "platform/mbx/mbx_source.h"
 
 void turn_line::push_back(source &s)

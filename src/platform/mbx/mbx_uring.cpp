@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: read() writes one read of each bell into the ring of the kernel and submits all by
+   one call; ring() rings those singly whose read has failed. */
 #include "platform/mbx/mbx_uring.h"
 
 #include "platform/mbx/mbx_area.h"

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: ring_later() adds a bell to those that are due; the thread takes all of them and
+   rings them together; a bell that retires meanwhile is closed behind that. */
 #include "platform/mbx/mbx_waker.h"
 
 #include "platform/mbx/mbx_uring.h"

@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Each function is one format of strftime, with milliseconds where those are wanted. */
 #include "tools/common/clock.h"
 
 #include <chrono>

@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* One function for each record, which writes its members in the order in which they are shown. */
 #include "tools/common/json_records.h"
 
 #include "tools/common/clock.h"

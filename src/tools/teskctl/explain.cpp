@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: explain() takes the text of a result and adds what can be done about it. */
 #include "tools/teskctl/explain.h"
 
 #include "tools/common/socket_group.h"

@@ -122,6 +122,13 @@ exit_code run_modules(const settings &common, const exporter_options &options)
     return exit_code::done;
 }
 
+/* Of the whole module there is none. */
+static std::string lane_of(const json_object &forecast)
+{
+    const double lane = number_in(forecast, "lane");
+    return std::isnan(lane) ? "-" : fmt::format("{:.0f}", lane);
+}
+
 exit_code run_forecast(const settings &common, const exporter_options &options)
 {
     const json_object forecasts = ask(options, "/api/forecast")["forecasts"];
@@ -133,9 +140,8 @@ exit_code run_forecast(const settings &common, const exporter_options &options)
     for (const json_object &each : forecasts)
         shown.add({fmt::format("{:.1f}", number_in(each, "days_left")),
                    fmt::format("{:.1f} to {:.1f}", number_in(each, "low"), number_in(each, "high")),
-                   port_text(each), fmt::format("{:.0f}", number_in(each, "lane")),
-                   text_in(each, "value"), text_in(each, "cause"), text_in(each, "confidence"),
-                   text_in(each, "reason")});
+                   port_text(each), lane_of(each), text_in(each, "value"), text_in(each, "cause"),
+                   text_in(each, "confidence"), text_in(each, "reason")});
     write_text(forecasts.empty() ? "nothing is about to fail, as far as the readings show\n"
                                  : shown.text(common.on_terminal ? terminal_width() : 0));
     return exit_code::done;
@@ -185,7 +191,7 @@ static std::vector<trend> trends_of(const json_object &answer)
     const json_object &lanes = answer.at("lanes");
     for (const auto &what : of_lane)
         for (size_t i = 0; i < lanes.size(); i++)
-            add(lanes[i], what, lanes.size() > 1 ? fmt::format(", lane {}", i + 1) : "");
+            add(lanes[i], what, lanes.size() > 1 ? fmt::format(", lane {}", i) : "");
     for (const auto &what : of_port)
         add(answer, what, "");
     return found;

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: fold() takes the entries in their order; one that belongs to the same event as
+   those before joins their group, and a group that ends becomes one line. */
 #include "tools/teskctl/history_fold.h"
 
 #include "tools/common/port_list.h"

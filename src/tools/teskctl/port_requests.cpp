@@ -1,4 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: request_all() sends the requests and waits until each is answered, a request
+   can't be sent, or a process signal comes; the others name the requests and what to do with an
+   answer. */
 #include "tools/teskctl/port_requests.h"
 
 #include "tools/common/words.h"

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: select_ports() takes the list of the user; for "all" the port map, or else those
+   ports that answer a read. */
 #include "tools/teskctl/port_selection.h"
 
 #include "tools/common/exit_code.h"

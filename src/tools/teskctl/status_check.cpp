@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: take() passes a status on, and asks for the port's values first where the status
+   may be that of a module that has left. */
 #include "tools/teskctl/status_check.h"
 
 #include "tools/common/exit_code.h"

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: parse() appends the bytes to what was left, and takes keys from the front until
+   the rest is the begin of a sequence. */
 #include "tools/teskctl/top_keys.h"
 
 #include <optional>

@@ -1,4 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: take() finds the port of a report, update() compares it with the last one, and
+   announce_or_hold() turns the difference into events, or holds it back while the link flaps.
+   settle() announces what was held when the link has been quiet for a while. */
 #include "platform/dolm_ric/linux/link_table.h"
 
 #include "platform/dolm_ric/dolm_ric.h"

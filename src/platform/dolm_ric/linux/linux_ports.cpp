@@ -1,4 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: set() gives ports and their names to the followers of links and of modules; these
+   report on threads of their own, under the lock of the events; read() answers from the copies that
+   the reports left. */
 #include "platform/dolm_ric/linux/linux_ports.h"
 
 #include "platform/dolm_ric/core.h"

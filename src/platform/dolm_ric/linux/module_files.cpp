@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: read() loads a file that has changed since it was read, and copies the pieces that
+   are asked for out of the loaded bytes, as a module would answer. */
 #include "platform/dolm_ric/linux/module_files.h"
 
 #include "util/descriptor.h"

@@ -25,6 +25,13 @@ static constexpr auto after_link_change = 500ms;
 static constexpr auto slow_piece = 25ms; /* 32 bytes need 3.5 ms at 100 kHz */
 static constexpr auto cheap_piece = 1ms; /* a failure that costs less needs no bus */
 
+/* A reading holds a lock of the kernel that others wait for. All ports together take a hundredth of
+   the time for it, those that are set apart half of that at most. It is looked at each half minute
+   what they took. */
+static constexpr double share_of_all = 0.01;
+static constexpr int apart_pause = 200; /* times what the reading took */
+static constexpr auto share_window = 30s;
+
 /* Readings due so soon are made together with those due now, which saves wake-ups. */
 static constexpr auto early_by = 50ms;
 
@@ -298,9 +305,42 @@ std::vector<module_poller::task> module_poller::choose_tasks(time_point now)
     return tasks;
 }
 
+/* Ports that need less than an equal part of the share are not slowed; what they leave is the
+   others'. What a port needs is what it took, times its pace. */
+void module_poller::set_paces(time_point now)
+{
+    if (now < window_end_)
+        return;
+    const double length = std::chrono::duration<double>(now - window_begin_).count();
+    const auto needs = [length](const polled &port) {
+        return std::chrono::duration<double>(port.spent).count() / length * port.pace;
+    };
+    const auto counts = [](const polled &port) { return port.spent > duration(0); };
+    double left = share_of_all, wanted = 0, apart = 0;
+    const auto costly = std::ranges::count_if(
+        ports_, [&](const auto &one) { return counts(one.second) && !one.second.is_apart; });
+    const double equal = share_of_all / static_cast<double>(std::max<ptrdiff_t>(costly, 1));
+    for (const auto &[number, port] : ports_) {
+        if (port.is_apart)
+            apart += needs(port) / port.pace;
+        else if (needs(port) <= equal)
+            left -= needs(port);
+        else
+            wanted += needs(port);
+    }
+    left = std::max(left - apart, equal);
+    for (auto &[number, port] : ports_) {
+        port.pace = needs(port) > equal ? std::max(wanted / left, 1.0) : 1;
+        port.spent = duration(0);
+    }
+    window_begin_ = now;
+    window_end_ = now + share_window;
+}
+
 void module_poller::step()
 {
     const time_point begin = now_();
+    set_paces(begin);
     announce_settled(begin);
     std::vector<task> tasks = choose_tasks(begin);
     if (tasks.empty())
@@ -329,8 +369,10 @@ void module_poller::take_results(std::vector<task> &tasks, duration cost)
         polled &port = *done.port;
         const bool was_known = port.was_looked_at;
         const auto made = static_cast<int64_t>(done.pieces.size());
-        listener_.module_cost(
-            port.number, {done.pieces, cost / pieces * made, done.kind == task_kind::diagnostics});
+        port.spent += cost / pieces * made;
+        listener_.module_cost(port.number,
+                              {done.pieces, cost / pieces * made, port.diagnostics_pause(),
+                               done.kind == task_kind::diagnostics});
         take_result(done);
         const bool fails = port.failures >= failures_when_broken ||
                            (port.failures > 0 && port.where == stage::empty);
@@ -355,13 +397,12 @@ void module_poller::take_result(const task &done)
     }
 }
 
-/* The ports that are set apart wait in proportion to what a reading cost: briefly until each has
-   been looked at once, longest for one that is known to have nothing. A slow one that only fails is
-   asked rarely, since the kernel's lock is held meanwhile. */
+/* The ports that are set apart wait in proportion to what a reading cost, and briefly until each
+   has been looked at once. A slow one that only fails is asked rarely, since the kernel's lock is
+   held meanwhile. */
 void module_poller::pause_apart(polled &port, bool was_known, bool slow, duration cost)
 {
-    const int share = !was_known ? 1 : port.where == stage::in_use ? 3 : 9;
-    apart_from_ = now_() + cost * share;
+    apart_from_ = now_() + cost * (was_known ? apart_pause : 1);
     if (slow && port.failures >= failures_when_broken && port.where == stage::empty &&
         !port.was_lost_lately(now_()))
         port.look_due = std::max(port.look_due, now_() + unlikely_interval);

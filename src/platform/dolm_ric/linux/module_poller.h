@@ -16,7 +16,9 @@
    An optional range that can't be read or can't be true is tried again, after pauses that grow.
 
    Readings are made one at a time. A reading that fails slowly costs all ports time, so a port that
-   fails so is set apart: such ports get a small share of the time. */
+   fails so is set apart: such ports get a small share of the time. Of the others those whose
+   readings take long are read less often, so that all together take a hundredth of the time, as far
+   as their values stay young enough to be given out. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
@@ -41,8 +43,9 @@ enum class module_presence : uint8_t { absent, not_ready, ready };
 /* Readings of one port that were made one behind the other. */
 struct reading_cost {
     std::span<const piece> pieces; /* with their errors; ECANCELED is of one that wasn't made */
-    std::chrono::steady_clock::duration time; /* of all; shared out evenly within a packet */
-    bool is_sweep;                            /* a reading of all measured values */
+    std::chrono::steady_clock::duration time;   /* of all; shared out evenly within a packet */
+    std::chrono::steady_clock::duration period; /* between two sweeps of the port, at present */
+    bool is_sweep;                              /* a reading of all measured values */
 };
 
 /* Of errors that say nothing about the module, since nobody could ask it. */
@@ -140,6 +143,7 @@ class module_poller
     struct task;
     using queue = std::set<std::pair<time_point, uint32_t>>;
 
+    void set_paces(time_point now);
     void schedule(polled &port);
     task make_task(polled &port) const;
     std::vector<task> choose_tasks(time_point now);
@@ -171,10 +175,11 @@ class module_poller
     module_listener &listener_;
     clock now_;
     std::map<uint32_t, polled> ports_;
-    queue prompt_queue_;         /* ports that answer in time */
-    queue apart_queue_;          /* ports that were never read, are slow, or fail */
-    queue settling_;             /* presences that are reported once more at that time */
-    time_point apart_from_ = {}; /* no port that is set apart is read before */
+    queue prompt_queue_; /* ports that answer in time */
+    queue apart_queue_;  /* ports that were never read, are slow, or fail */
+    queue settling_;     /* presences that are reported once more at that time */
+    time_point window_begin_ = {}, window_end_ = {}; /* of the shares of time */
+    time_point apart_from_ = {};                     /* no port that is set apart is read before */
     int access_error_ = 0;
 };
 

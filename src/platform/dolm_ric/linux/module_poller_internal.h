@@ -4,6 +4,7 @@
 
 #include "platform/dolm_ric/linux/module_poller.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -13,6 +14,13 @@ namespace linux_board
 {
 
 constexpr std::chrono::milliseconds look_interval{1000};
+constexpr std::chrono::seconds diagnostics_interval{4}; /* the values are at most 5 s old */
+
+/* A port whose readings cost much is read less often, so far that its values, which are given out
+   for 15 s, don't get too old. */
+constexpr double most_look_pace = 5;
+constexpr double most_diagnostics_pace = 3;
+
 constexpr std::chrono::seconds unlikely_interval{
     60}; /* for a port without a cage, or that only fails */
 
@@ -78,6 +86,18 @@ struct module_poller::polled {
     time_point answered_at = {};
     time_point reported_at = {};
     std::optional<time_point> queued_at = {};
+    duration spent{}; /* in the present window */
+    double pace = 1;  /* how many times longer its pauses are */
+
+    duration look_pause() const
+    {
+        return std::chrono::duration_cast<duration>(look_interval * std::min(pace, most_look_pace));
+    }
+    duration diagnostics_pause() const
+    {
+        return std::chrono::duration_cast<duration>(diagnostics_interval *
+                                                    std::min(pace, most_diagnostics_pace));
+    }
 
     refused_range *find_refused(const memory_range &range);
     /* When a range of the plan is to be read that is missing, or was refused; never if it is there.

@@ -14,9 +14,8 @@ namespace linux_board
 
 using namespace std::chrono_literals;
 
-static constexpr auto diagnostics_interval = 4s; /* the values are at most 5 s old */
-static constexpr auto insertion_time = 300ms;    /* modules need it before they answer reliably */
-static constexpr auto settle_time = 200ms;       /* as for links */
+static constexpr auto insertion_time = 300ms; /* modules need it before they answer reliably */
+static constexpr auto settle_time = 200ms;    /* as for links */
 static constexpr auto confirm_time = 100ms;
 static constexpr auto reader_interval = 1s;
 static constexpr auto lost_time = 15s; /* a module that can't be read for so long isn't ready */
@@ -75,7 +74,7 @@ void module_poller::take_look(polled &port, const task &done)
 {
     const time_point now = now_();
     port.looked_at = now;
-    port.look_due = now + look_interval;
+    port.look_due = now + port.look_pause();
     for (const ranged &read : done.ranges)
         if (const int error = done.error_of(read))
             return take_failure(port, error);
@@ -153,8 +152,8 @@ void module_poller::use_module(polled &port, const module_contents &contents)
 {
     const time_point now = now_();
     port.where = stage::in_use;
-    port.look_due = now + look_interval;
-    port.diagnostics_due = now + diagnostics_interval;
+    port.look_due = now + port.look_pause();
+    port.diagnostics_due = now + port.diagnostics_pause();
     port.blank_readings = 0;
     port.has_answered = true;
     for (const reading_step &step : reading_plan(port.memory))
@@ -268,7 +267,7 @@ void module_poller::take_diagnostics(polled &port, const task &done)
 {
     const time_point now = now_();
     port.diagnostics_tried_at = now;
-    port.diagnostics_due = now + diagnostics_interval;
+    port.diagnostics_due = now + port.diagnostics_pause();
     for (const ranged &read : done.ranges) {
         const int error = done.error_of(read);
         if (is_unheard(error) || error == EBUSY) {
@@ -402,7 +401,7 @@ module_poller::duration module_poller::pace_of_empty(const polled &port, int err
 {
     const bool was_lost = port.was_lost_lately(now_());
     if (says_empty(error) && !says_unreadable(error))
-        return look_interval;
+        return port.look_pause();
     if (!port.logs_failures)
         return was_lost ? duration(look_interval) : cage_interval;
     if (was_lost)

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Each function brings one report into the record of its port: of the link, of its speed, of a lost
+   interface, and of what readings have cost. */
 #include "platform/dolm_ric/linux/record_updates.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -96,6 +98,7 @@ void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         return;
     const int64_t time = std::chrono::nanoseconds{readings.time}.count();
     cost.total += time;
+    cost.period = std::chrono::nanoseconds{readings.period}.count();
     cost.longest_read = std::max(cost.longest_read, time / made);
     if (readings.is_sweep) {
         cost.last_sweep = time;

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: start() blocks all process signals for the new thread; wake() and wake_later()
+   make its descriptors readable; stop() sets the flag, wakes the thread and joins it. */
 #include "platform/dolm_ric/linux/worker.h"
 
 #include <cerrno>

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: call_begins() counts a call of an operation; injected_fault() takes the failure
+   that was set last for it and for the port. */
 #include "platform/dolm_ric/simulator/fault_injector.h"
 
 #include <algorithm>

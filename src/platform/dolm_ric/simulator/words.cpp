@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Order of work: split_words() divides a line; the parsers each convert one word, or throw a
+   board_error that says which form is right. */
 #include "platform/dolm_ric/simulator/words.h"
 
 #include "platform/dolm_ric/operation.h"
