@@ -368,7 +368,7 @@ TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cos
     for (int i = 1; i < 10; i++)
         pieces[static_cast<size_t>(i)].error = i;
     pieces[10].error = ECANCELED;
-    take_cost({pieces, std::chrono::nanoseconds(100), true}, record);
+    take_cost({pieces, std::chrono::nanoseconds(100), {}, true}, record);
     const dolm_ric_details_cost &cost = record.cost;
     EXPECT_TRUE(cost.reads == 10 && cost.bytes == 8 && cost.failures == 9 &&
                 cost.longest_read == 10 && cost.last_sweep == 100);
