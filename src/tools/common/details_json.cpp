@@ -253,7 +253,9 @@ static json_object vdm_to_json(const dolm_ric_details_vdm &its, int64_t now)
     for (uint32_t kind = 0; kind < DOLM_RIC_FLAGS; kind++)
         if (its.raised >> kind & 1)
             raised.push_back(key_of(TESK_DETAILS_TEXT_FLAG, kind));
-    object["raised"] = (its.raised & DOLM_RIC_VDM_FLAGS_UNKNOWN) == 0 ? std::move(raised) : null;
+    if ((its.raised & DOLM_RIC_VDM_FLAGS_UNKNOWN) != 0)
+        raised = null;
+    object["raised"] = std::move(raised);
     object["limits"] = limits_to_json(its.limits);
     return object;
 }
