@@ -13,10 +13,11 @@
 
 namespace causes
 {
+
+static constexpr size_t most_signs = 5;
+
 namespace
 {
-
-constexpr size_t most_signs = 5;
 
 struct rule {
     causes::cause cause;

@@ -335,7 +335,8 @@ static void give_ports(task what, reader_ports &ports)
                                  ", and no driver of a network interface can read a module; "
                                  "\"ethtool -m INTERFACE\", as root, shows what it answers");
     if (what == task::write_ports && has_file)
-        throw std::runtime_error(path + " is there already, and its numbers hold");
+        throw std::runtime_error(
+            path + " is there already, and its numbers hold: remove it to number the ports anew");
     if (what == task::write_ports)
         module_reader::replace_file(path, text, 0644);
     else if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* commands - one function for each command. Each returns the exit code, or throws a tool_error if
-   the command fails as a whole. Ports that fail are reported and determine the exit code. */
+   the command fails as a whole. Ports that fail are reported and determine the exit code. One
+   thread. */
 #pragma once
 
 #include "tools/common/exit_code.h"

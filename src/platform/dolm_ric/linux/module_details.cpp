@@ -507,6 +507,7 @@ void lose_values(uint32_t why, record_type &record)
     for (auto &row : std::span(record.vdm).first(record.vdm_count)) {
         row.state = why;
         row.grade = DOLM_RIC_GRADE_NONE;
+        row.raised = DOLM_RIC_VDM_FLAGS_UNKNOWN;
         row.value = 0;
     }
     if (record.lanes_state == DOLM_RIC_VALUE_VALID)
