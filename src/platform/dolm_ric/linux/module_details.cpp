@@ -181,7 +181,7 @@ static void take_limits(const measurement &its, double unit, uint32_t state,
 template <typename counted>
 static void count(counted &its, int64_t at)
 {
-    if (at == its.last_at)
+    if (its.count != 0 && at == its.last_at)
         return;
     its.count++;
     its.first_at = its.first_at != 0 ? its.first_at : at;
