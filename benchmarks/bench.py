@@ -21,6 +21,7 @@ ITEMS = {
     "costs": lambda bench: bench.costs(),
     "traces": lambda bench: (bench.instructions(), bench.traces_on()),
     "exporter": measure_exporter,
+    "details": lambda bench: bench.details(),
     "linux": measure_linux,  # the last, as it leaves the network
 }
 

@@ -48,14 +48,46 @@ def status_kib(pid, key):
 
 
 def measure_exporter(bench):
+    measure_lanes(bench)
     launcher = bench.launcher
     server = Tesk(launcher, SERVER_CORE, ports=PORTS)
-    address = {name: free_address() for name in SYSTEMS}
-    program = {"exporter": launcher.run(
-        [BIN / "tesk-exporter", "--listen", address["exporter"], "--ports", f"0-{PORTS - 1}"],
-        SERVER_CORE, server.env)}
-    wait_until(lambda: answers(address["exporter"], "/readyz"), "the exporter is ready")
+    program, address = start_exporter(launcher, server)
     idle_share(bench, program["exporter"].pid)
+    scrape_both(bench, program, address, "exporter")
+    for name in SYSTEMS:
+        time.sleep(1)
+        bench.add("exporter memory", "resident memory, between scrapes", "KiB", name,
+                  status_kib(program[name].pid, "VmRSS"))
+        bench.add("exporter peak", "resident memory, at most", "KiB", name,
+                  status_kib(program[name].pid, "VmHWM"))
+    for _ in range(bench.rounds):
+        event(bench, server, address["exporter"])
+    launcher.end_all()
+
+
+def measure_lanes(bench):
+    """The same with details, each module of 8 lanes."""
+    details = bench.launcher.new_folder() / "details"
+    server = Tesk(bench.launcher, SERVER_CORE, ports=PORTS, env={"DOLM_RIC_DETAILS": str(details)})
+    subprocess.run([BIN / "teskboard", "set", f"0-{PORTS - 1}", "rx-power.7=-3dBm"],
+                   env=server.env, check=True, stdout=subprocess.DEVNULL)
+    program, address = start_exporter(bench.launcher, server)
+    scrape_both(bench, program, address, "exporter lanes", "8 lanes: ")
+    bench.launcher.end_all()
+
+
+def start_exporter(launcher, server):
+    """The programs and the addresses by name, so far of the exporter only."""
+    address = {name: free_address() for name in SYSTEMS}
+    program = launcher.run(
+        [BIN / "tesk-exporter", "--listen", address["exporter"], "--ports", f"0-{PORTS - 1}"],
+        SERVER_CORE, server.env)
+    wait_until(lambda: answers(address["exporter"], "/readyz"), "the exporter is ready")
+    return {"exporter": program}, address
+
+
+def scrape_both(bench, program, address, key, title=""):
+    launcher = bench.launcher
     folder = launcher.new_folder()
     body = get(address["exporter"], "/metrics")[1].decode()
     # node_exporter has the series of the process itself.
@@ -68,24 +100,15 @@ def measure_exporter(bench):
     for number in range(2 * bench.rounds):
         time.sleep(SHARED_FOR)
         for name in list(SYSTEMS)[:: 1 if number % 2 else -1]:
-            scrape(bench, name, program[name].pid, address[name])
-    for name in SYSTEMS:
-        time.sleep(1)
-        bench.add("exporter memory", "resident memory, between scrapes", "KiB", name,
-                  status_kib(program[name].pid, "VmRSS"))
-        bench.add("exporter peak", "resident memory, at most", "KiB", name,
-                  status_kib(program[name].pid, "VmHWM"))
-    for _ in range(bench.rounds):
-        event(bench, server, address["exporter"])
-    launcher.end_all()
+            scrape(bench, name, program[name].pid, address[name], key, title)
 
 
-def scrape(bench, name, pid, address):
+def scrape(bench, name, pid, address, key, title):
     before, start = cpu_ms(pid), time.monotonic()
     body = get(address, "/metrics")[1]
-    bench.add("exporter scrape", "a scrape: time", "ms", name, 1000 * (time.monotonic() - start))
-    bench.add("exporter cpu", "a scrape: processor time", "ms", name, cpu_ms(pid) - before)
-    bench.add("exporter series", "series", "", name,
+    bench.add(f"{key} scrape", f"{title}a scrape: time", "ms", name, 1000 * (time.monotonic() - start))
+    bench.add(f"{key} cpu", f"{title}a scrape: processor time", "ms", name, cpu_ms(pid) - before)
+    bench.add(f"{key} series", f"{title}series", "", name,
               sum(not line.startswith(b"#") for line in body.splitlines()))
 
 

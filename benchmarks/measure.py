@@ -253,6 +253,20 @@ class Bench:
                 self.add("cost start", "start to first answer", "ms",
                          Tesk.name if key == "start" else "floor", taken / 1e6)
 
+    def details(self):
+        program = self.launcher.run(
+            [BIN / "bench_details", self.launcher.new_folder(), str(self.rounds)], SERVER_CORE)
+        for _ in range(self.rounds):
+            told, published, file, read, parsed = program.answer()
+            for key, title, system, taken in (
+                    ("update", "an update, for the thread that makes it", "details", told),
+                    ("update", "", "JSON", file),
+                    ("publish", "until it is published", "details", published),
+                    ("publish", "", "JSON", file),
+                    ("read", "reading all", "details", read), ("read", "", "JSON", parsed)):
+                self.add(f"details {key}", title, "µs", system, taken / 1000)
+        self.launcher.end(program)
+
     def idle_cost(self):
         server = Tesk(self.launcher, SERVER_CORE)
         held = {}

@@ -110,10 +110,18 @@ def cost_goals(series):
 def exporter_goals(series):
     if "exporter cpu" not in series:
         return
-    for key, limit, unit in (("exporter cpu", 10, "ms"), ("exporter memory", 12288, "KiB"),
+    for key, limit, unit in (("exporter cpu", 10, "ms"), ("exporter lanes cpu", 20, "ms"),
+                             ("exporter memory", 12288, "KiB"),
                              ("exporter idle", 0.5, "%"), ("exporter event", 50, "ms")):
         yield at_most("exporter with 512 ports: " + series[key].title,
                       series[key].value("exporter"), limit, unit)
+
+
+def details_goals(series):
+    if "details update" not in series:
+        return
+    for key, limit in (("details update", 2), ("details read", 3000)):
+        yield at_most(series[key].title, series[key].value("details"), limit, "µs")
 
 
 def linux_goals(series):
@@ -130,7 +138,7 @@ def linux_goals(series):
 
 def all_goals(series):
     for goals in (floor_goals, redis_goals, peer_goals, growth_goals, cost_goals, exporter_goals,
-                  linux_goals):
+                  details_goals, linux_goals):
         yield from goals(series)
     if test := series.get("trace test"):
         yield at_most(test.title, test.value(Tesk.name), 3, "instructions")
@@ -234,6 +242,12 @@ def table_of_exporter(series):
     return rows
 
 
+def table_of_details(series):
+    return [["", "a JSON file for each port", "details", "ratio"],
+            *(compared(each, "details", "JSON")
+              for each in series.values() if each.key.startswith("details"))]
+
+
 def table_of_linux(series):
     """The reference is a bare listener, few flaps, or the simulated board."""
     return [["", "reference", "Linux board", "ratio"],
@@ -264,6 +278,7 @@ def sections(bench):
     yield "Instructions of the mailbox library, in user space", table_of_mbx_instructions(series)
     yield "Traces", table_of_traces(series)
     yield f"The exporter with {exporter.PORTS} ports", table_of_exporter(series)
+    yield "The details of 512 ports, 8 lanes each", table_of_details(series)
     yield "The board library for Linux", table_of_linux(series)
     yield "Goals", table_of_goals(all_goals(series))
 

@@ -123,7 +123,7 @@ TEST(chronicle, keeps_rows_in_all_kinds_and_both_ways)
     accumulator sum;
     for (const auto &[value, link] : {std::pair{30, 80}, {10, 0}, {20, int{unknown_share}}}) {
         kept.middle[0] = static_cast<int16_t>(value);
-        kept.middle[1] = value == 10 ? absent : int16_t{2};
+        kept.middle[1] = value == 20 ? absent : int16_t{2};
         kept.link = static_cast<uint8_t>(link);
         sum.add(kept);
     }

@@ -197,6 +197,9 @@ TEST_F(details_test, a_record_that_contradicts_itself_or_stays_unfinished_is_not
     writer.publish(0, [](record_type &) {});
     ASSERT_EQ(open(), TESK_DETAILS_OK);
     constexpr off_t at = 4096;
+    writer.publish(0, [](record_type &its) { memset(its.identity.vendor, 'x', 20); });
+    EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_OK);
+    EXPECT_EQ(record.identity.vendor[19], '\0') << "a text ends";
     spoil(at + offsetof(record_type, lane_count), uint32_t{17});
     EXPECT_EQ(tesk_details_read(reader, 0, &record), TESK_DETAILS_DAMAGED);
     writer.publish(0, [](record_type &) {});

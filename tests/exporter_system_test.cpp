@@ -246,7 +246,7 @@ TEST(exporter_tool, wrong_usage_says_what_to_do)
                          {{"--help", 0, "--no-refresh"},
                           {"--version", 0, "tesk-exporter 1."},
                           {"--interval 0", 2, "interval"},
-                          {"--ports 3-1", 2, "comes before"},
+                          {"--ports 3-1", 2, "a range goes upwards"},
                           {"extra", 2, "extra"},
                           {"--print-drop-in any", 2, "that others can reach"},
                           {"--listen [::]:80 --print-drop-in any,1.2.3.4/33", 2, "or networks"},

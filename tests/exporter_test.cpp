@@ -2,6 +2,7 @@
 /* tesk-exporter without a server and without HTTP: what it makes of facts, and how it writes it.
    The clock is the test's. */
 #define SD_JOURNAL_SUPPRESS_LOCATION
+#include "platform/dolm_ric/port_details.h"
 #include "tesk_exporter/api.h"
 #include "tesk_exporter/connections.h"
 #include "tesk_exporter/event_stream.h"
@@ -203,6 +204,31 @@ TEST_F(exporter_board, metrics_have_their_units_and_no_series_of_what_is_unknown
     const std::string open = metrics(text_format::open_metrics);
     expect_parts(open, {"\n# TYPE tesk_port_link_changes counter\n"});
     EXPECT_TRUE(open.ends_with("\n# EOF\n"));
+}
+
+TEST_F(exporter_board, details_give_series_of_what_is_there_and_has_a_name)
+{
+    const testkit::directory place;
+    const std::string path = place.path + "/details";
+    setenv("DOLM_RIC_DETAILS", path.c_str(), 1);
+    board::port_details published;
+    published.update(0, [](dolm_ric_details_record &its) {
+        its.lane_count = its.vdm_count = 2;
+        auto &power = its.lane[0].value[DOLM_RIC_RX_POWER];
+        power.state = its.vdm[0].state = its.vdm[1].state = DOLM_RIC_VALUE_VALID;
+        power.value = 0.5;
+        its.vdm[0].kind = DOLM_RIC_VDM_OTHER;
+        its.vdm[1].kind = DOLM_RIC_VDM_SNR, its.vdm[1].side = DOLM_RIC_SIDE_MEDIA;
+        its.vdm[1].value = 20;
+    });
+    published.start(path);
+    bring_up();
+    const std::string text = metrics();
+    expect_parts(text, {"lane_receive_power_dbm{port=\"0\",interface=\"eth0\",lane=\"0\"} -3.01\n",
+                        "observable=\"snr\",side=\"media\",lane=\"0\"} 20\n"});
+    expect_none(text, {"receive_power_dbm{port=\"0\",interface=\"eth0\",lane=\"1\"}",
+                       "observable=\"other\""});
+    unsetenv("DOLM_RIC_DETAILS");
 }
 
 TEST_F(exporter_board, series_end_with_their_port_and_with_the_server)
@@ -423,6 +449,8 @@ TEST(exporter_plots, a_slot_holds_the_last_value_of_its_time_and_a_long_one_the_
     EXPECT_EQ(day.greatest[PLOTTED_RX_POWER], 0);
     kept.add(values_of(0, 1, 1), start + 86'400);
     EXPECT_EQ(kept.day(start + 86'400, 143).least[PLOTTED_TEMPERATURE], plots::absent);
+    EXPECT_EQ(kept.day(start + 86'400, 0).least[PLOTTED_TEMPERATURE], 1);
+    EXPECT_EQ(kept.hour(start + 86'400, 237)[PLOTTED_TEMPERATURE], plots::absent);
     EXPECT_EQ(plots::in_unit(PLOTTED_VOLTAGE, kept.hour(start + 86'400, 0)[PLOTTED_VOLTAGE]), 3.3);
 }
 
@@ -572,8 +600,10 @@ TEST(exporter_journal, a_record_has_the_fields_of_its_event)
     }
     while (written.lost() == 0)
         std::this_thread::yield();
-    for (const event &bad : {event{1, 0, change::down, status_of(3, 1), ""},
-                             event{1, 0, change::removed, module_in(3, ""), ""}})
+    for (const event &bad :
+         {event{1, 0, change::down, status_of(3, 1), ""},
+          event{1, 0, change::removed, module_in(3, ""), ""},
+          event{1, 0, change::grades, status_of(3, 2, TESK_CLIENT_LEVEL_HIGH_ALARM), ""}})
         expect_parts(lines_of(journal_fields(bad)), {"\nPRIORITY=4\n"});
     {
         journal stuck; /* its end doesn't wait for the journal */

@@ -368,10 +368,10 @@ TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cos
     for (int i = 1; i < 10; i++)
         pieces[static_cast<size_t>(i)].error = i;
     pieces[10].error = ECANCELED;
-    take_cost({pieces, std::chrono::nanoseconds(100), true}, record);
+    take_cost({pieces, std::chrono::nanoseconds(100), std::chrono::seconds(4), true}, record);
     const dolm_ric_details_cost &cost = record.cost;
     EXPECT_TRUE(cost.reads == 10 && cost.bytes == 8 && cost.failures == 9 &&
-                cost.longest_read == 10 && cost.last_sweep == 100);
+                cost.longest_read == 10 && cost.last_sweep == 100 && cost.period == 4'000'000'000);
     EXPECT_TRUE(cost.error[0].error == 1 && cost.error[0].count == 1 &&
                 cost.error[DOLM_RIC_DETAILS_ERRORS - 1].error == -1 &&
                 cost.error[DOLM_RIC_DETAILS_ERRORS - 1].count == 2);

@@ -326,6 +326,21 @@ TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alo
     EXPECT_EQ("r0001", news_in(seconds(3)));
 }
 
+/* Another tool may have changed what is read once only, as the version that is not active. */
+TEST_F(linux_modules_test, a_leased_module_is_kept_and_then_read_as_a_whole)
+{
+    begin_with(module_images::cmis());
+    modules.ports[0].error = module_is_leased;
+    poller->identify_again(0);
+    EXPECT_EQ("", news_in(seconds(12)));
+    EXPECT_EQ("n", news_in(seconds(600)));
+    modules.ports[0].module->a0[256] = 7;
+    modules.ports[0].error = 0;
+    EXPECT_EQ('r', news_in(seconds(3)).front());
+    EXPECT_STREQ("7.0", record.identity.inactive_firmware);
+    EXPECT_TRUE(accesses.empty());
+}
+
 TEST_F(linux_modules_test, drivers_that_log_each_failure_are_known)
 {
     const testkit::directory place;

@@ -1,9 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk-module-reader: which requests it carries out, and the process as it ships. */
+#include "platform/dolm_ric/linux/module_leases.h"
 #include "tesk_module_reader/requests.h"
 #include "testkit/network/network.h"
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
+#include "util/boot_clock.h"
 #include "util/local_socket.h"
 
 #include <csignal>
@@ -227,6 +229,32 @@ TEST_F(reader_process_test, a_passed_socket_lets_in_its_owner_alone)
         close(std::exchange(client, -1));
     }
     expect_parts(testkit::read_file(log), {"is not allowed to ask"});
+}
+
+TEST_F(reader_process_test, a_lease_holds_until_its_end_or_until_it_is_taken_back)
+{
+    setenv("DOLM_RIC_READER", (place.path + "/socket").c_str(), 1);
+    linux_board::module_leases leases(place.path);
+    const auto left = [&] { return leases.end_of(1) - util::boot_time(); }; /* 1 is lo */
+    testkit::expect_runs(program, {{"--lease lo", 2, "as in \"--lease eth3 300\""},
+                                   {"--lease lo 3601", 2, "0 to 3600 seconds"},
+                                   {"--lease nowhere 5", 1, "interface nowhere: No such device"}});
+    EXPECT_FALSE(leases.has_changed());
+    testkit::expect_runs(program, {{"--lease lo 3600", 0, ""}});
+    EXPECT_TRUE(leases.has_changed());
+    EXPECT_GT(left(), std::chrono::seconds(3500));
+    testkit::expect_runs(program, {{"--lease lo 0", 0, ""}});
+    EXPECT_TRUE(leases.has_changed());
+    EXPECT_LT(left(), std::chrono::seconds(0));
+    const auto later =
+        std::to_string((util::boot_time() + std::chrono::hours(2)).time_since_epoch().count());
+    for (const std::string &wrong : {later, std::string("x"), std::string("-1")}) {
+        std::ofstream(place.path + "/lease.1") << wrong;
+        EXPECT_LT(left(), std::chrono::seconds(0)) << wrong;
+    }
+    setenv("DOLM_RIC_READER", "/nowhere/socket", 1);
+    testkit::expect_runs(program, {{"--lease lo 5", 1, "/nowhere/lease.1"}});
+    unsetenv("DOLM_RIC_READER");
 }
 
 TEST_F(reader_process_test, options_say_what_they_do_and_wrong_ones_are_refused)

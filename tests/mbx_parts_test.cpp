@@ -89,6 +89,17 @@ TEST_F(ring, one_that_keeps_running_empty_stays_in_its_home)
     EXPECT_EQ(pop(2), 100u);
 }
 
+TEST_F(ring, is_read_up_to_a_mark_once_nothing_older_is_left)
+{
+    push(1, 100), push(2, 100);
+    out.mark();
+    push(3, 100);
+    for (uint32_t next = 1; next <= 3; next++) {
+        EXPECT_EQ(out.is_mark_read(), next > 2) << next;
+        pop(next);
+    }
+}
+
 TEST_F(ring, an_ended_one_gives_what_was_in_it_then_and_nothing_that_comes_later)
 {
     for (uint32_t i = 0; i < 3; i++)

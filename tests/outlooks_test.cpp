@@ -1,15 +1,20 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The forecast over the history: a fade of weeks, restarts, and a module that leaves. */
 #include "tesk_exporter/history_json.h"
+#include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/outlooks.h"
+#include "testkit/processes/processes.h"
 #include "tools/common/json_records.h"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace exporter;
@@ -17,6 +22,16 @@ using history::measure;
 using history::stored;
 
 static constexpr int64_t day = 86400;
+
+/* So many seconds is our clock ahead of the system's. */
+static std::atomic<int64_t> ahead_by{0};
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now)
+{
+    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    now->tv_sec += ahead_by;
+    return result;
+}
 
 namespace
 {
@@ -28,6 +43,8 @@ struct box {
     std::optional<history::chronicle> kept{};
     std::vector<outlooks::news> told{};
     double loss = 0; /* dB */
+    std::string serial = "S1";
+    uint8_t link = 100;
 
     box()
     {
@@ -64,8 +81,8 @@ struct box {
         for (int i = 0; i < days * 288; i++) {
             const double swing = std::sin(static_cast<double>(now.wall % day) / day * 2 * M_PI),
                          noise = 0.02 * std::sin(i * 12.9898) + 0.01 * std::cos(i * 78.233);
-            kept->take({3, "eth3", "V", "P", "S1"},
-                       {100,
+            kept->take({3, "eth3", "V", "P", serial},
+                       {link,
                         {stored(measure::temperature, 40 + 3 * swing + noise), 16500,
                          stored(measure::rx_power, -5 - loss + noise),
                          stored(measure::tx_power, -2 + noise), stored(measure::bias, 30 + noise),
@@ -98,6 +115,7 @@ TEST(outlooks, announce_a_fade_once_and_withdraw_it_with_its_module)
     };
     const double before = days_left();
     EXPECT_NEAR(before, (3 - on.loss) / 0.12, 4);
+    EXPECT_NEAR(on.ahead.samples(*on.kept, on.now.boot + day).at(0).days_left, before - 1, 0.01);
     on.restart();
     EXPECT_NEAR(days_left(), before, 3);
     on.run(1, 0.12);
@@ -128,10 +146,24 @@ TEST(outlooks, withdraw_what_no_reading_supports)
     EXPECT_EQ(on.told[1].told.reason, "There have been no readings for two days.");
 }
 
+TEST(outlooks, light_that_ends_with_the_link_is_no_fade)
+{
+    box on;
+    on.run(20, 0);
+    on.link = 0;
+    on.run(12, 0.12);
+    EXPECT_TRUE(on.told.empty()) << on.told[0].told.reason;
+}
+
+/* A second module is in the port for two of ten days. */
 TEST(outlooks, weeks_of_a_port_are_read_at_once)
 {
     box on;
-    on.run(10, 0);
+    on.run(4, 0);
+    on.serial = "S2";
+    on.run(2, 0);
+    on.serial = "S1";
+    on.run(4, 0);
     const auto start = std::chrono::steady_clock::now();
     const auto answer = json_object::parse(history_json(*on.kept, 3, history::HOURS, on.now.boot));
     const std::chrono::duration<double, std::milli> taken =
@@ -143,6 +175,55 @@ TEST(outlooks, weeks_of_a_port_are_read_at_once)
     EXPECT_EQ(powers.size(), 240);
     EXPECT_LE(powers[7][0], powers[7][1]);
     EXPECT_NEAR(powers[7][1].get<double>(), -5, 0.05);
+    EXPECT_TRUE(std::ranges::is_sorted(answer["time"]));
     EXPECT_EQ(answer["modules"][0]["until"], nullptr);
+    EXPECT_EQ(answer["modules"][1]["until"], 20'000 * day + 6 * day - 300);
     EXPECT_EQ(history_json(*on.kept, 4, history::HOURS, on.now.boot), "");
+}
+
+/* The lanes of the details, where there are several; else the server's values. */
+TEST(outlooks, the_keeper_takes_what_a_port_measures_until_it_is_empty)
+{
+    const testkit::directory place;
+    history_keeper keeper(place.path + "/history", 256 << 20, false);
+    const auto ask = [&](history_question::kind what) {
+        keeper.ask({what, 3, history::STEPS, true});
+        testkit::await(keeper.fd(), "the answer");
+        return json_object::parse(keeper.take_answers().at(0).text);
+    };
+    port_state port{};
+    port.number = 3;
+    port.info = tesk_client_sfp_info{};
+    port.status = tesk_client_port_status{};
+    port.status->link = TESK_CLIENT_LINK_OPERATIONAL;
+    port.reading = tesk_client_pm{};
+    port.reading->has_rx_power = port.reading->has_tx_power = port.reading->has_tx_bias = true;
+    port.reading->rx_power = 100, port.reading->tx_power = 1000, port.reading->tx_bias = 3000;
+    auto details = std::make_unique<dolm_ric_details_record>();
+    details->presence = DOLM_RIC_PRESENCE_READY;
+    details->lane_count = 2;
+    details->own_lanes = 2;
+    for (auto &lane : details->lane)
+        for (auto &value : lane.value)
+            value.state = DOLM_RIC_VALUE_VALID, value.value = 0.1;
+    details->lane[1].value[DOLM_RIC_TX_POWER].value = 2;
+    for (const bool has_lanes : {false, true}) {
+        keeper.take(port, has_lanes ? details.get() : nullptr);
+        ahead_by += 300;
+    }
+    const auto lanes = ask(history_question::kind::port)["lanes"];
+    EXPECT_EQ(lanes[0]["rx_power_dbm"].dump() + lanes[0]["tx_power_dbm"].dump() +
+                  lanes[0]["tx_bias_ma"].dump(),
+              "[-10.0,null][0.0,null][30.0,null]");
+    EXPECT_EQ(lanes[1]["rx_power_dbm"].dump() + lanes[1]["tx_power_dbm"].dump(),
+              "[null,-10.0][null,3.01]");
+    const auto is_present = [&] {
+        return ask(history_question::kind::modules)["modules"][0]["places"][0]["present"];
+    };
+    EXPECT_EQ(is_present(), true);
+    port.info->port_no = 3;
+    port.info->type = TESK_CLIENT_SFP_NOT_PRESENT;
+    keeper.note({1, 0, change::removed, *port.info, ""});
+    EXPECT_EQ(is_present(), false);
+    ahead_by = 0;
 }

@@ -413,6 +413,30 @@ TEST_F(client, after_a_reconnection_the_confirmed_subscriptions_are_renewed_befo
                                  "subscription lost: invalid port", "3 "}));
 }
 
+// Of 20 doubled pauses without an end the last one would take a quarter of an hour.
+TEST_F(client, the_pause_between_attempts_has_an_end_and_begins_anew_with_each_connection)
+{
+    options.reconnect = true;
+    options.retry_ms = 1;
+    options.longest_retry_ms = 1'000'000;
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    for (int i = 0; i < 20; i++) {
+        reported.clear();
+        mbx.deliver({MBX_MONITOR_DEFAULT_NO});
+        run_until_reported(2);
+    }
+    tesk_client_close(session);
+    options.longest_retry_ms = 2;
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    mbx.locate_error = ENOENT;
+    mbx.deliver({MBX_MONITOR_DEFAULT_NO});
+    const uint32_t wanted = mbx.locates + 20;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (mbx.locates < wanted && std::chrono::steady_clock::now() < end)
+        tesk_client_run(session, 5);
+    EXPECT_GE(mbx.locates, wanted);
+}
+
 TEST_F(client, a_session_that_ends_answers_its_requests_and_a_callback_cannot_wait)
 {
     ASSERT_EQ(connect(), TESK_CLIENT_OK);

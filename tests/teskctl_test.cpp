@@ -284,7 +284,7 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
                   {"help status", 0, "teskctl status"},
                   {"", 2, "a command is missing"},
                   {"pm", 2, "required"},
-                  {"pm 3-1", 2, "comes before"},
+                  {"pm 3-1", 2, "a range goes upwards, as 1-3"},
                   {"watch", 2, "--sfp"},
                   {"watch --staus 0", 2,
                    "teskctl: there is no option '--staus': "

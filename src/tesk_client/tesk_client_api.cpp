@@ -58,7 +58,7 @@ static tesk_client_result guarded(function_type function)
 static tesk_client_result check_caller(const tesk_client_session *session, bool blocks)
 {
     if (session == nullptr)
-        return fail(TESK_CLIENT_MISUSE, "no session");
+        return fail(TESK_CLIENT_MISUSE, "the session is NULL: tesk_client_connect gives one");
     if (!session->belongs_to_caller())
         return fail(TESK_CLIENT_MISUSE, "the session belongs to another thread or process");
     if (blocks && session->in_callback())
@@ -143,7 +143,7 @@ tesk_client_result tesk_client_connect(const tesk_client_options *options,
                                        tesk_client_session **session)
 {
     if (session == nullptr)
-        return fail(TESK_CLIENT_MISUSE, "no place for the session");
+        return fail(TESK_CLIENT_MISUSE, "the place for the session is NULL");
     *session = nullptr;
     /* The program may use the mailbox library itself, so it is never ended here. Where it is
        started this does nothing; in a forked child it is not. */
@@ -286,7 +286,7 @@ tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_
                                              void *user)
 {
     if (each == nullptr)
-        return fail(TESK_CLIENT_MISUSE, "no function for the ports");
+        return fail(TESK_CLIENT_MISUSE, "the function for the ports is NULL");
     return guarded([&] {
         const outcome read = read_port_map(path, each, user);
         return read.result == TESK_CLIENT_OK ? TESK_CLIENT_OK

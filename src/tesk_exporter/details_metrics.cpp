@@ -245,6 +245,24 @@ static constexpr details_family families[] = {
      }},
 };
 
+/* The sweeps of all ports at their present pace. */
+static void write_share(metrics_writer &writer, const std::vector<detailed_port> &ports)
+{
+    double share = 0;
+    bool is_known = false;
+    for (const detailed_port &port : ports)
+        if (const dolm_ric_details_cost &its = cost_of(port); its.period > 0) {
+            share += static_cast<double>(its.last_sweep) / static_cast<double>(its.period);
+            is_known = true;
+        }
+    if (!is_known)
+        return;
+    writer.begin({"tesk_module_reading_share_ratio", metric_type::gauge, "ratio",
+                  "Share of the time in which readings of measured values keep the kernel busy, "
+                  "all ports together."});
+    writer.sample("", share);
+}
+
 void write_details(metrics_writer &writer, const model &board, port_details &details,
                    bool has_lanes)
 {
@@ -261,6 +279,7 @@ void write_details(metrics_writer &writer, const model &board, port_details &det
         for (const detailed_port &port : ports)
             row.write(port);
     }
+    write_share(writer, ports);
 }
 
 } // namespace exporter

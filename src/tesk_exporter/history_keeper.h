@@ -5,7 +5,7 @@
 #pragma once
 
 #include "history/chronicle.h"
-#include "platform/dolm_ric/dolm_ric_details.h"
+#include "tesk_client/tesk_details.h"
 #include "tesk_exporter/event_ring.h"
 #include "tesk_exporter/model.h"
 #include "tesk_exporter/outlooks.h"

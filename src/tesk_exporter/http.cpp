@@ -98,7 +98,8 @@ http_server::http_server(const settings &given, const model &board, const event_
         MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_NOTIFY_COMPLETED, &completed, this,
         MHD_OPTION_NOTIFY_CONNECTION, &connected, this, MHD_OPTION_END);
     if (daemon_ == nullptr)
-        throw std::runtime_error("the HTTP library doesn't start: too many open files?");
+        throw std::runtime_error(
+            "the HTTP library doesn't start: allow more open files (ulimit -n)");
 }
 
 /* The library aborts where a suspended connection is left: all are resumed, and none is suspended

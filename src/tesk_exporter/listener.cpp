@@ -101,13 +101,13 @@ static int open_inet(const std::string &where)
     const auto [end, error] =
         std::from_chars(where.data() + colon + 1, where.data() + where.size(), port);
     if (error != std::errc{} || end != where.data() + where.size())
-        fail(where, "is no numeric address and port");
+        fail(where, "is no numeric address and port, as 127.0.0.1:9816 and [::1]:9816 are");
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
     addrinfo *found = nullptr;
     if (getaddrinfo(host.c_str(), where.c_str() + colon + 1, &hints, &found) != 0)
-        fail(where, "is no numeric address and port");
+        fail(where, "is no numeric address and port, as 127.0.0.1:9816 and [::1]:9816 are");
     sockaddr_storage address{};
     std::memcpy(&address, found->ai_addr, found->ai_addrlen);
     const socklen_t size = found->ai_addrlen;
@@ -139,7 +139,7 @@ static int open_unix(const std::string &where)
     address.sun_family = AF_UNIX;
     const std::string path = where.substr(unix_prefix.size());
     if (path.empty() || path.size() >= sizeof(address.sun_path))
-        fail(where, "a path of 1 to 107 bytes is wanted");
+        fail(where, "the path must have 1 to 107 bytes, not " + std::to_string(path.size()));
     std::memcpy(address.sun_path, path.data(), path.size());
     remove_dead_socket(address);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* listener - the socket that the exporter listens on. */
+/* listener - the socket that the exporter listens on. At the start, before other threads run: the
+   mask of new files is changed for a moment. */
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* options - the command line. */
+/* options - the command line. Main thread, before others run. */
 #pragma once
 
 #include <chrono>

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* web_files - the files of the page, from one folder. They are listed once, at the start: only
-   listed files can be requested, so that no path leads out of the folder. */
+   listed files can be requested, so that no path leads out of the folder. Nothing changes after the
+   constructor: any thread. */
 #pragma once
 
 #include <map>

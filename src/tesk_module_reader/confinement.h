@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* confinement - drops the process's rights before it takes the first request. */
+/* confinement - drops the process's rights before it takes the first request. The reader has one
+   thread. */
 #pragma once
 
 namespace module_reader

@@ -27,7 +27,10 @@ static util::descriptor open_table(const std::string &directory)
     const std::string path = directory + "/interfaces";
     util::descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file.is_open() || ftruncate(file.get(), table_size) != 0) {
-        fprintf(stderr, "tesk-module-reader: %s: %s\n", path.c_str(), strerror(errno));
+        fprintf(stderr,
+                "tesk-module-reader: %s: %s; an interface that is renamed isn't found after a "
+                "restart\n",
+                path.c_str(), strerror(errno));
         file.reset();
     }
     return file;

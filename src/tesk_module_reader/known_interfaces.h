@@ -5,7 +5,8 @@
    server doesn't use it, as its configuration may have changed.
 
    The indices stand in a file of the service's own directory, mapped into memory, since a reader
-   that answers requests opens and writes no file. Only root and the service can write it. */
+   that answers requests opens and writes no file. Only root and the service can write it. The
+   reader has one thread. */
 #pragma once
 
 #include <cstdint>

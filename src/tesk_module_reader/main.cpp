@@ -6,18 +6,21 @@
    descriptor N. It reads the configuration, opens what it will need, gives up all other rights and
    answers requests, one at a time. It ends with the last client, or when that says that the
    configuration was replaced; systemd starts it anew, with a fresh look at the configuration, for
-   the next connection. */
+   the next connection. With --lease it only writes or removes a file for the board library. */
+#include "platform/dolm_ric/linux/module_leases.h"
 #include "platform/dolm_ric/linux/port_config.h"
 #include "tesk_module_reader/confinement.h"
 #include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/reader_ports.h"
 #include "tesk_module_reader/requests.h"
 #include "tesk_module_reader/saved_numbers.h"
+#include "util/boot_clock.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +29,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <memory>
+#include <net/if.h>
 #include <optional>
 #include <poll.h>
 #include <span>
@@ -43,11 +47,13 @@ namespace
 
 using module_reader::reader_ports;
 
-enum class task : uint8_t { serve, print_ports, write_ports };
+enum class task : uint8_t { serve, print_ports, write_ports, lease };
 
 struct options {
     task what = task::serve;
     int connected_fd = -1;
+    std::string leased = {}; /* interface */
+    int lease_s = 0;
 };
 
 /* Where requests come from. */
@@ -73,7 +79,8 @@ static constexpr int wrong_usage = 2;
 
 static void print_usage()
 {
-    fputs("Usage: tesk-module-reader [--fd N | --print-ports | --write-ports]\n"
+    fputs("Usage: tesk-module-reader [--fd N | --print-ports | --write-ports |\n"
+          "                           --lease INTERFACE SECONDS]\n"
           "\n"
           "Reads the memories of pluggable modules for tesk-server. Started by systemd for the\n"
           "socket /run/tesk-module-reader/socket.\n"
@@ -81,6 +88,9 @@ static void print_usage()
           "  --fd N         serve the connected socket that was inherited as descriptor N\n"
           "  --print-ports  show the configuration that keeps the numbers that the ports have now\n"
           "  --write-ports  put it into /etc/tesk/ports\n"
+          "  --lease INTERFACE SECONDS\n"
+          "                 leave the module of an interface alone for so long, at most 3600, for\n"
+          "                 another tool; 0 ends that\n"
           "  --help         show this text\n"
           "  --version      show the version\n"
           "\n"
@@ -90,7 +100,7 @@ static void print_usage()
           stdout);
 }
 
-static std::optional<int> parse_descriptor(std::string_view text)
+static std::optional<int> parse_number(std::string_view text)
 {
     int number = -1;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -99,19 +109,39 @@ static std::optional<int> parse_descriptor(std::string_view text)
     return number;
 }
 
+/* The seconds stand behind the option's own argument. */
+static bool take_lease(int argc, char **argv, options &chosen)
+{
+    const int seconds = optind < argc ? parse_number(argv[optind]).value_or(-1) : -1;
+    if (seconds < 0 || seconds > linux_board::module_leases::longest.count()) {
+        fputs("tesk-module-reader: --lease takes an interface and 0 to 3600 seconds, as in "
+              "\"--lease eth3 300\"\n",
+              stderr);
+        return false;
+    }
+    optind++;
+    chosen.what = task::lease;
+    chosen.leased = optarg;
+    chosen.lease_s = seconds;
+    return true;
+}
+
 /* Nothing if the process is to end, as after --help; `status` is its exit status then. */
 static std::optional<options> parse_options(int argc, char **argv, int &status)
 {
-    static constexpr option names[] = {
-        {"fd", required_argument, nullptr, 'f'},    {"print-ports", no_argument, nullptr, 'p'},
-        {"write-ports", no_argument, nullptr, 'w'}, {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'v'},     {}};
+    static constexpr option names[] = {{"fd", required_argument, nullptr, 'f'},
+                                       {"print-ports", no_argument, nullptr, 'p'},
+                                       {"write-ports", no_argument, nullptr, 'w'},
+                                       {"lease", required_argument, nullptr, 'l'},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, 'v'},
+                                       {}};
     options chosen;
     status = EXIT_SUCCESS;
     for (int name; (name = getopt_long(argc, argv, "", names, nullptr)) != -1;) {
         switch (name) {
         case 'f':
-            chosen.connected_fd = parse_descriptor(optarg).value_or(-1);
+            chosen.connected_fd = parse_number(optarg).value_or(-1);
             if (chosen.connected_fd >= 0)
                 continue;
             fprintf(stderr, "tesk-module-reader: --fd takes the number of a descriptor, not %s\n",
@@ -123,6 +153,10 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
         case 'w':
             chosen.what = task::write_ports;
             continue;
+        case 'l':
+            if (take_lease(argc, argv, chosen))
+                continue;
+            break;
         case 'h':
             print_usage();
             return std::nullopt;
@@ -301,15 +335,38 @@ static void give_ports(task what, reader_ports &ports)
                                  ", and no driver of a network interface can read a module; "
                                  "\"ethtool -m INTERFACE\", as root, shows what it answers");
     if (what == task::write_ports && has_file)
-        throw std::runtime_error(path + " is there already, and its numbers hold");
+        throw std::runtime_error(
+            path + " is there already, and its numbers hold: remove it to number the ports anew");
     if (what == task::write_ports)
         module_reader::replace_file(path, text, 0644);
     else if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)
         throw std::system_error(errno, std::generic_category(), "standard output");
 }
 
+/* The rights are those of the folder. Another lease of the same interface is replaced. */
+static void lease(const std::string &interface, int seconds)
+{
+    const char *socket = secure_getenv(READER_SOCKET_ENV);
+    const std::string folder = linux_board::module_leases::folder_of(
+        socket != nullptr && *socket != '\0' ? socket : READER_SOCKET);
+    const unsigned index = if_nametoindex(interface.c_str());
+    if (index == 0)
+        throw std::system_error(errno, std::generic_category(), "interface " + interface);
+    const std::string path = linux_board::module_leases::path_in(folder, index);
+    if (seconds == 0) {
+        if (unlink(path.c_str()) != 0 && errno != ENOENT)
+            throw std::system_error(errno, std::generic_category(), path);
+        return;
+    }
+    const std::chrono::nanoseconds end =
+        util::boot_time().time_since_epoch() + std::chrono::seconds(seconds);
+    module_reader::replace_file(path, std::to_string(end.count()) + "\n", 0644);
+}
+
 static void run(const options &chosen)
 {
+    if (chosen.what == task::lease)
+        return lease(chosen.leased, chosen.lease_s);
     endpoint where;
     if (chosen.what == task::serve)
         where = find_endpoint(chosen);

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* module_memory_access - reads bytes of a module's memory in the three ways that the kernel offers.
-   Each reading is short and checked before; each function returns 0 or an errno. */
+   Each reading is short and checked before; each function returns 0 or an errno. The reader has one
+   thread. */
 #pragma once
 
 #include "platform/dolm_ric/linux/netlink.h"

@@ -45,8 +45,9 @@ reader_ports::reader_ports(const std::optional<linux_board::port_config> &config
             continue;
         added.bus = open_bus(one.i2c_bus);
         if (added.bus < 0)
-            fprintf(stderr, "tesk-module-reader: port %u: /dev/i2c-%u: %s\n", one.number,
-                    one.i2c_bus, strerror(-added.bus));
+            fprintf(stderr,
+                    "tesk-module-reader: port %u: its module can't be read: /dev/i2c-%u: %s\n",
+                    one.number, one.i2c_bus, strerror(-added.bus));
     }
 }
 

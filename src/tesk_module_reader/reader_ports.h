@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* reader_ports - the module of each port number, and how it is read. Everything that has to be
-   opened is opened by the constructor; later no file is. */
+   opened is opened by the constructor; later no file is. The reader has one thread. */
 #pragma once
 
 #include "platform/dolm_ric/linux/interfaces.h"

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* saved_numbers - the numbers that the ports of a machine without a configuration got, kept over
    restarts: they must not depend on which drivers are loaded or which cages are full. The file has
-   the lines of a configuration. Only root and the service can write it. */
+   the lines of a configuration. Only root and the service can write it. The reader has one thread.
+   */
 #pragma once
 
 #include "platform/dolm_ric/linux/port_config.h"

@@ -28,7 +28,7 @@
 namespace
 {
 
-/* What a new connection is made of on this side, with the memory that the other maps, too. */
+/* This side's parts of a new connection, with the memory that both sides map. */
 struct offer {
     owned_fd memory; /* for the other side */
     int watch = -1;  /* for its end */
@@ -106,7 +106,7 @@ static std::optional<offer> make_offer()
     return made;
 }
 
-/* What clients need not wait for. */
+/* The part of an acceptance for which the client need not wait. */
 static void do_later()
 {
     while (!accepted.empty()) {

@@ -14,7 +14,7 @@
 /* docs/security.md adds up what these allow. */
 static constexpr size_t usual_connections = 2304;
 static constexpr size_t usual_held_mib = 40;
-/* Of an old kernel or a sandbox that does not tell the limit. */
+/* Where an old kernel or a sandbox does not give the limit. */
 static constexpr rlim_t usual_descriptors = 1024;
 
 namespace

@@ -100,7 +100,7 @@ class mapped_area
     {
         return page_->words[1].head == page_->words[1].tail;
     }
-    /* What the accepting side has sent beyond the first page is lost. */
+    /* Signals that the accepting side has sent beyond the first page are lost. */
     void give_back_sent();
     /* The pages stay for the peer in the end. */
     void leave_to_peer()
@@ -133,6 +133,6 @@ bool may_be_bell(int fd, int socket);
 /* False when the kernel cannot read an eventfd with RWF_NOWAIT (before Linux 5.8): the caller then
    wakes the other side over the control connection. Keeps errno. */
 bool ring_bell(int bell);
-/* The same for one that make_bell has made in this process, which can always be read: a plain read
-   costs a fifth less. */
+/* Rings a bell that make_bell has made in this process. The kernel can always read that one: a
+   plain read costs a fifth less. */
 void ring_own_bell(int bell);

@@ -35,11 +35,13 @@ static void count_held(connection &c)
     c.area->count(HELD_SENT, c.held());
 }
 
-/* A receiver that reports room has not read for that reason. */
+/* A receiver that reports room, or takes a part, has not read for that reason. */
 static void note_read(connection &c, bool is_first)
 {
-    if (c.ring.was_read() || is_first)
-        c.read = std::chrono::steady_clock::now();
+    if (!is_first && !c.ring.is_mark_read())
+        return;
+    c.ring.mark();
+    c.marked = std::chrono::steady_clock::now();
 }
 
 void set_up(connection &c, connection_parts &&parts)
@@ -129,12 +131,13 @@ bool trim(connection &c)
     return c.ring.touched() > 0;
 }
 
-/* One that asks for much at once, and reads it soon, is not late. */
+/* Late is one that has left something in its ring for longer. One that asks for much at once, and
+   reads it soon, is not late. */
 holding weigh(const connection &c, time_point now)
 {
     static constexpr auto time_to_read = std::chrono::milliseconds(100);
     const std::shared_ptr<entry> &place = c.area->place();
-    return place ? place->weigh(now - c.read > time_to_read) : holding{};
+    return place ? place->weigh(now - c.marked > time_to_read) : holding{};
 }
 
 void set_monitor(connection &c, block *notice, uint32_t reference)

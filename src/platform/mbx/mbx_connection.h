@@ -42,7 +42,7 @@ struct alignas(64) connection {
     record_sender ring;
 
     backlog waiting;
-    time_point read{}; /* when the receiver is known to have read, while something waits */
+    time_point marked{}; /* of the ring's mark, while something waits */
     std::shared_ptr<mapped_area> area;
     owned_fd control;        /* its end is the peer's death */
     owned_fd life;           /* a pidfd of the peer's process, where there can be one */

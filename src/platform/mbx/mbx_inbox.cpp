@@ -368,8 +368,8 @@ bool inbox::rest(uint32_t id)
     return s && s->ring.rest();
 }
 
-/* What the epoll reports of the bell at once is passed over, as of a source that is in the line;
-   its sender doesn't ring before the source rests. */
+/* The event that the epoll reports of the bell at once is passed over, as that of any source in the
+   line; the sender doesn't ring before the source rests. */
 bool inbox::watch_quietly(uint32_t id)
 {
     source *s = sources_.find(id);

@@ -24,7 +24,8 @@ struct inbox_owner {
     void *self;
     /* The sender with that id waits for room in its ring, and there is some. */
     void (*report_room)(void *self, uint32_t id);
-    /* It has written what can't be, or rung without a signal: its connection must end now. */
+    /* The sender has written an impossible record, or rung without a signal: its connection must
+       end now. */
     void (*end_connection)(void *self, uint32_t id);
     /* More pages are in use from now on that trim() would give back. */
     void (*want_trim)(void *self);
@@ -65,11 +66,12 @@ class inbox
     bool rest(uint32_t id);
     /* False, with errno, on failure. */
     bool watch(uint32_t id);
-    /* The same in one, on the owner's thread: it does not wait at the descriptor meanwhile. */
+    /* rest() and watch() in one, for the owner's thread, which does not wait at the descriptor
+       meanwhile. */
     bool watch_quietly(uint32_t id);
     /* Of a source that has not ended; -1 if there is none. */
     int bell(uint32_t id) const;
-    /* The same as a ring of the bell, from a sender that can't ring. */
+    /* Acts as a ring of the bell does, for a sender that can't ring. */
     void wake(uint32_t id);
     /* Nothing more comes from that source but the notice, which may be null. */
     void end(uint32_t id, block *notice);

@@ -45,7 +45,7 @@ static uint64_t pages_of(uint32_t begin, uint32_t end)
     return ~uint64_t{0} << first & ~uint64_t{0} >> (rest_pages - 1 - last);
 }
 
-/* Those on which the bytes between two positions lie. */
+/* The pages on which the bytes between two positions lie. */
 static uint64_t pages_between(uint32_t from, uint32_t to)
 {
     const uint32_t begin = from % ring_bytes;
@@ -67,7 +67,7 @@ static void advise(const mapped_ring &ring, uint64_t pages, int advice)
     }
 }
 
-/* Those that hold something, whoever has written it. A system that does not tell says all. */
+/* The pages that are in memory, whoever has written them; all, where the system does not say. */
 static uint64_t pages_in_memory(const mapped_ring &ring)
 {
     unsigned char is_there[rest_pages];

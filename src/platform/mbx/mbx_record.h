@@ -17,7 +17,6 @@
 #include "platform/mbx/mbx_block.h"
 
 #include <bit>
-#include <utility>
 
 class record_sender
 {
@@ -45,11 +44,15 @@ class record_sender
     {
         return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
     }
-    /* Whether the receiver has taken something since this was asked the last time. */
-    bool was_read()
+    /* Remembers what is in the ring now. */
+    void mark()
     {
-        const uint32_t before = std::exchange(read_, end_.taken());
-        return before != read_;
+        marked_ = end_.position();
+    }
+    /* Whether the receiver has taken all that was in the ring at the last mark. */
+    bool is_mark_read()
+    {
+        return end_.position() - end_.taken() <= end_.position() - marked_;
     }
     /* Gives the pages of the rest back in which the receiver has nothing to take. */
     void trim();
@@ -69,7 +72,7 @@ class record_sender
     mapped_ring ring_;
     ring_sender<process_atomics> end_;
     uint64_t touched_ = 0; /* the pages of the rest, one bit each */
-    uint32_t read_ = 0;
+    uint32_t marked_ = 0;
 };
 
 class record_receiver

@@ -24,7 +24,8 @@ constexpr uint32_t slot_of(uint32_t mailbox_id)
 }
 /* The calling thread's mailbox, MBX_NO_MAILBOX if it has none. Safe in a signal handler. */
 uint32_t own_mailbox();
-/* The same, but the oldest of the process for a thread without one. Safe in a signal handler. */
+/* The calling thread's mailbox, or the oldest of the process where the thread has none. Safe in a
+   signal handler. */
 uint32_t own_or_first_mailbox();
 /* Calls the function with each record that was ever used. */
 template <typename function>
@@ -54,5 +55,5 @@ void publish(mailbox &m, uint32_t id);
 /* Takes the id away and waits until no thread is about to put something into the inbox. Returns the
    id. Without the mailbox's lock. */
 uint32_t withdraw(mailbox &m);
-/* The same in a forked child, which has one thread and no mailbox. */
+/* withdraw() for a forked child, which has one thread and no mailbox. */
 void withdraw_in_child(mailbox &m);

@@ -77,7 +77,7 @@ void prepare_control(int control);
 /* From now on the kernel refuses descriptors for this socket, and for those that a listener accepts
    (since Linux 6.16; no effect before). */
 void refuse_descriptors(int socket);
-/* The same, and the kernel keeps little for a peer that does not read. */
+/* Refuses descriptors, and has the kernel keep little for a peer that does not read. */
 void restrict_control(int control);
 
 /* Ends a control connection for both sides and closes it. It returns at once: where something was
@@ -90,5 +90,5 @@ void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity
 bool has_hung_up(int control);
 bool has_unread(int control);
 
-/* Empty identity (process -1) when the kernel can't tell. */
+/* Empty identity (process -1) when the kernel does not know it. */
 peer_identity peer_of(int control);

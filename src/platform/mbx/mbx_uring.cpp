@@ -60,7 +60,7 @@ void bell_reader::ring_failed(std::span<const due_bell> bells)
     __atomic_store_n(head, end, __ATOMIC_RELEASE);
 }
 
-/* All that were taken have been read, or have failed, when the call returns. */
+/* When the call returns, each read that the kernel has taken is done or has failed. */
 size_t bell_reader::read(std::span<const due_bell> bells)
 {
     const auto count = static_cast<uint32_t>(bells.size());

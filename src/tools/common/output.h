@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* output - standard output and standard error of all tools. */
+/* output - standard output and standard error of all tools. The tools have one thread. */
 #pragma once
 
 #include <string>

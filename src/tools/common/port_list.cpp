@@ -57,8 +57,10 @@ static void add_range(std::string_view range, const std::string &list, const por
     const uint32_t last =
         dash == std::string_view::npos ? first : parse_port(range.substr(dash + 1), list);
     if (last < first)
-        throw tool_error(exit_code::usage,
-                         fmt::format("\"{}\": {} comes before {}", list, last, first));
+        throw tool_error(
+            exit_code::usage,
+            fmt::format("\"{}\" is not a list of ports: a range goes upwards, as {}-{}", list, last,
+                        first));
     for (uint32_t port = first; port <= last; port++)
         ports.insert(port);
 }

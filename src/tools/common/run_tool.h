@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* run_tool - how a tool's main ends, whatever happens. */
+/* run_tool - how a tool's main ends, whatever happens. The tools have one thread. */
 #pragma once
 
 #include "tools/common/exit_code.h"

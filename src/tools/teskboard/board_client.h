@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* board_client - one connection to the simulated board inside a running server. */
+/* board_client - one connection to the simulated board inside a running server. One thread. */
 #pragma once
 
 #include "util/descriptor.h"

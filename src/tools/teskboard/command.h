@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* command - parses a command line, or a line of a scene. */
+/* command - parses a command line, or a line of a scene. One thread. */
 #pragma once
 
 #include "platform/dolm_ric/simulator/vocabulary.h"

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* view - the output of teskboard: tables for people, or JSON with one object a line. */
+/* view - the output of teskboard: tables for people, or JSON with one object a line. One thread. */
 #pragma once
 
 #include "tools/teskboard/board_client.h"

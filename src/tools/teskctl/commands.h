@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* commands - one function for each command. Each returns the exit code, or throws a tool_error if
-   the command fails as a whole. Ports that fail are reported and determine the exit code. */
+   the command fails as a whole. Ports that fail are reported and determine the exit code. One
+   thread. */
 #pragma once
 
 #include "tools/common/exit_code.h"
@@ -73,6 +74,14 @@ struct trend_options {
     bool csv = false;
 };
 exit_code run_trend(const settings &common, const trend_options &options);
+
+struct why_options {
+    std::string facts;     /* a file, or "-" */
+    std::string other_end; /* of the same fall; empty: none */
+    uint64_t last = 0;     /* falls, the newest; 0: all */
+};
+/* Needs no server. exit_code::rejected for a file that has no facts. */
+exit_code run_why(const settings &common, const why_options &options);
 
 /* `prometheus` is the ADDRESS:PORT of one that reads the exporter.
    exit_code::no_server if the server can't be reached, exit_code::rejected if anything else is

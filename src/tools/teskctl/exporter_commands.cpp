@@ -40,8 +40,10 @@ static json_object ask(const exporter_options &options, const std::string &path)
                                      escape(answer.text.substr(0, answer.text.find('\n')))));
     json_object parsed = json_object::parse(answer.text, nullptr, false);
     if (!parsed.is_object())
-        throw tool_error(exit_code::rejected,
-                         fmt::format("what answers at {} is no tesk-exporter", escape(address)));
+        throw tool_error(
+            exit_code::rejected,
+            fmt::format("what answers at {} is no tesk-exporter: --exporter names its address",
+                        escape(address)));
     return parsed;
 }
 
@@ -284,7 +286,9 @@ exit_code run_trend(const settings &common, const trend_options &options)
         else
             write_plots(answer, trends, first, now);
     } catch (const json_object::exception &) {
-        throw tool_error(exit_code::rejected, "the answer of tesk-exporter is of another version");
+        throw tool_error(
+            exit_code::rejected,
+            "the answer of tesk-exporter is of another version: update the older of both");
     }
     return exit_code::done;
 }

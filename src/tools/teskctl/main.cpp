@@ -168,6 +168,14 @@ class command_line
             ->check(CLI::Range(0.05, 731.0).description(""))
             ->capture_default_str();
         trend->add_flag("--csv", trend_.csv, "Write comma-separated values");
+        CLI::App *why = add("why", "Say why a link fell, from recorded facts",
+                            [this] { return run_why(common_, why_); });
+        why->add_option("--facts", why_.facts, "The facts of falls, JSON; - for standard input")
+            ->type_name("FILE")
+            ->required();
+        why->add_option("--other-end", why_.other_end, "Those of the same fall at the other end")
+            ->type_name("FILE");
+        add_count(why, "--last", why_.last, "Only so many of the newest falls");
     }
 
     void add_following_commands()
@@ -231,6 +239,7 @@ class command_line
     watch_options watch_;
     top_options top_;
     trend_options trend_;
+    why_options why_;
 };
 
 } // namespace

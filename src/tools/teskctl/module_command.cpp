@@ -188,7 +188,10 @@ exit_code run_module(const settings &common, const module_options &options)
     const port_name_map names = port_names();
     const auto ports = ports_of(*details, options.ports, names);
     if (ports.empty())
-        throw tool_error(exit_code::rejected, "the board has published no port yet");
+        throw tool_error(
+            exit_code::rejected,
+            "the board has published details of no port yet; \"teskctl ports\" lists those that "
+            "the server has");
     module_output output(common, names);
     const auto end =
         std::chrono::steady_clock::now() + std::chrono::duration<double>(options.seconds);

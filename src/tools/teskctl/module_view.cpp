@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A value that is missing shows its reason in place of the number, so no cell is ever empty. Powers
-   are shown, and placed between their limits, in dBm. */
+/* A value that is missing shows its reason in place of the number, and the age of the last one.
+   Powers are shown, and placed between their limits, in dBm. */
 #include "tools/teskctl/module_view.h"
 
 #include "tools/common/units.h"
@@ -75,6 +75,8 @@ static std::string span_text(int64_t duration)
     for (const auto &[length, unit] : units)
         if (seconds >= 2 * length)
             return fmt::format("{:.0f} {}", std::floor(seconds / length), unit);
+    if (seconds < 1e-4)
+        return fmt::format("{:.0f} us", seconds * 1e6);
     return seconds < 1 ? fmt::format("{:.1f} ms", seconds * 1000)
                        : fmt::format("{:.0f} s", seconds);
 }
@@ -294,7 +296,7 @@ static texts row_of(const std::string &name, const dolm_ric_details_value &value
                       ? "-"
                       : paint(tesk_details_text(TESK_DETAILS_TEXT_GRADE, value.grade),
                               tint_of(value.grade), style.coloured));
-    row.push_back(has && value.read_at > 0 ? span_text(now - value.read_at) : "-");
+    row.push_back(value.read_at > 0 ? span_text(now - value.read_at) : "-");
     row.push_back(flags_text(value, now));
     return row;
 }
@@ -343,6 +345,10 @@ static void add_values(texts &lines, const dolm_ric_details_record &record, int6
     if (rows > 0) {
         lines.emplace_back();
         add_table(lines, shown, style);
+    } else if (record.identity.state == DOLM_RIC_VALUE_VALID) {
+        add_line(lines, "values",
+                 {tesk_details_text(TESK_DETAILS_TEXT_STATE,
+                                    record.module_value[DOLM_RIC_TEMPERATURE].state)});
     }
     const uint32_t all = lanes == 0 ? 0 : (1U << lanes) - 1;
     if (lanes > 1 && (record.own_lanes & all) != all)
@@ -409,11 +415,14 @@ static void add_cost(texts &lines, const dolm_ric_details_cost &its, int64_t now
     if (its.reads == 0 && its.failures == 0)
         return;
     texts parts = {fmt::format("{} reads, {} bytes", its.reads, its.bytes)};
-    if (its.last_sweep > 0)
+    if (its.last_sweep > 0 && its.period > 0) {
+        const auto share = static_cast<double>(its.last_sweep) / static_cast<double>(its.period);
         parts.push_back(fmt::format("a sweep {} (longest {})", span_text(its.last_sweep),
                                     span_text(its.longest_sweep)));
-    if (its.period > 0)
-        parts.push_back("every " + span_text(its.period));
+        parts.push_back(
+            fmt::format("every {}, {} % of the time", span_text(its.period),
+                        share < 1e-4 ? "under 0.01" : fmt::format("{:.2f}", 100 * share)));
+    }
     if (its.failures > 0) {
         texts errors;
         for (const dolm_ric_details_error &row : its.error)
@@ -428,7 +437,7 @@ static void add_cost(texts &lines, const dolm_ric_details_cost &its, int64_t now
     if (its.dropped > 0)
         parts.push_back(fmt::format("{} doubtful readings dropped", its.dropped));
     if (its.lease_until > now)
-        parts.push_back("left alone for another " + span_text(its.lease_until - now));
+        parts.push_back("leased to another tool for " + span_text(its.lease_until - now));
     add_line(lines, "reading", parts);
 }
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* port_requests - the same request for many ports. */
+/* port_requests - the same request for many ports. One thread. */
 #pragma once
 
 #include "tools/teskctl/session.h"

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* port_selection - the ports that a command line names, or all that exist. */
+/* port_selection - the ports that a command line names, or all that exist. One thread. */
 #pragma once
 
 #include "tools/common/port_list.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* report - the output of a running command, one line at a time: words for people, objects with
-   --json. */
+   --json. One thread. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* screen - the terminal as a page that is drawn repeatedly. The destructor restores the terminal.
- */
+   One thread. */
 #pragma once
 
 #include <string>

@@ -15,19 +15,21 @@ _teskctl_ports()
 _teskctl()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-    local commands='capabilities doctor forecast history module modules ping pm ports sfp status top trend watch'
+    local commands='capabilities doctor forecast history module modules ping pm ports sfp status top trend watch why'
     local options='--json --timeout --wait --help' command='' word
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         [[ " $commands help " == *" $word "* ]] && { command=$word; break; }
     done
     case $previous in
     --timeout | --prometheus | --exporter | --days | --for | --count | --interval | -c | -i) return ;;
+    --facts | --other-end) compopt -o default; return ;;
     --sfp | --status) [[ $command == watch ]] && { _teskctl_ports "$cur"; return; } ;;
     esac
     case $command in
     doctor) options+=' --prometheus' ;;
     forecast | modules) options+=' --exporter' ;;
     trend) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --exporter --days --csv' ;;
+    why) options+=' --facts --other-end --last' ;;
     '') options+=" --version help $commands" ;;
     help) options=$commands ;;
     history) [[ $cur == -* ]] || options='status sfp actions' ;;

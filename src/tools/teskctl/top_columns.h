@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* top_columns - the columns of `teskctl top`, as many as a window has room for. */
+/* top_columns - the columns of `teskctl top`, as many as a window has room for. One thread. */
 #pragma once
 
 #include "tools/teskctl/layout.h"

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* top_keys - bytes from the terminal as keys. */
+/* top_keys - bytes from the terminal as keys. One thread. */
 #pragma once
 
 #include <cstdint>

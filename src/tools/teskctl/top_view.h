@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* top_view - the page of `teskctl top`: its ports, the cursor, sorting and filter. No terminal, no
-   session: records and keys in, lines out. */
+   session: records and keys in, lines out. One thread. */
 #pragma once
 
 #include "tools/common/port_list.h"

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* base_t_modules - modules for twisted pair whose memory describes an optical one. */
+/* base_t_modules - modules for twisted pair whose memory describes an optical one. No state: any
+   thread. */
 #pragma once
 
 #include <cstdint>

@@ -58,7 +58,7 @@ void linux_ports::describe_without_module(const port_copy &port)
     uint32_t why = DOLM_RIC_VALUE_EMPTY;
     if (port.is_out)
         presence = DOLM_RIC_PRESENCE_OUT, why = DOLM_RIC_VALUE_OUT;
-    else if (port.config.source == module_source::none)
+    else if (port.config.source == module_source::none || port.last_error == module_is_leased)
         presence = DOLM_RIC_PRESENCE_POLLING_OFF, why = DOLM_RIC_VALUE_POLLING_OFF;
     else if (port.interface == 0)
         presence = DOLM_RIC_PRESENCE_NO_INTERFACE, why = DOLM_RIC_VALUE_UNKNOWN;
@@ -408,9 +408,18 @@ void linux_ports::reports_taken()
     board::write_port_map(board::port_map_path(), names);
 }
 
+void linux_ports::module_leased(uint32_t number, time_point until)
+{
+    const std::chrono::nanoseconds end = until.time_since_epoch();
+    details_.update(
+        number, [end](dolm_ric_details_record &record) { record.cost.lease_until = end.count(); });
+}
+
 /* Why values are missing after that errno. */
 static uint32_t reason_of(int error)
 {
+    if (error == module_is_leased)
+        return DOLM_RIC_VALUE_POLLING_OFF;
     return error == EBUSY ? DOLM_RIC_VALUE_BUSY : DOLM_RIC_VALUE_NO_ANSWER;
 }
 
@@ -427,11 +436,14 @@ void linux_ports::module_cost(uint32_t number, const reading_cost &cost)
         port_copy &its = ports_.at(number);
         is_old = util::boot_time() - its.read_at > longest_age;
         const int before = std::exchange(its.last_error, error);
-        if (is_unheard(before) != is_unheard(error) && its.presence == module_presence::absent)
+        const bool is_other = is_unheard(before) != is_unheard(error) ||
+                              (before == module_is_leased) != (error == module_is_leased);
+        if (is_other && its.presence == module_presence::absent)
             describe_without_module(its);
     }
     details_.update(number, [&](dolm_ric_details_record &record) {
-        take_cost(cost, record);
+        if (error != module_is_leased)
+            take_cost(cost, record);
         if (error != 0 && is_old)
             lose_values(reason_of(error), record);
     });

@@ -92,6 +92,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     void interface_changed(uint32_t number, const link_report *now) override;
     void interface_left_out(const link_report &report) override;
     void reports_taken() override;
+    void module_leased(uint32_t number, time_point until) override;
     void module_cost(uint32_t number, const reading_cost &cost) override;
     void reading_doubted(uint32_t number, const module_memory &memory,
                          const module_contents &contents) override;

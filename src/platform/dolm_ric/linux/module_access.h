@@ -17,11 +17,14 @@ namespace linux_board
    for it. */
 constexpr uint8_t longest_piece = READER_LONGEST_READ;
 
+/* In the place of an errno: no reading is made, as another tool has leased the module. */
+constexpr int module_is_leased = -1;
+
 /* One short reading, and what came of it. */
 struct piece {
     uint32_t port;
     memory_range range;
-    int error = 0;         /* errno; ENOTCONN if there is no reader at all */
+    int error = 0;         /* errno; ENOTCONN if there is no reader at all; or module_is_leased */
     int32_t interface = 0; /* index of the interface whose module was read; 0 if of none */
     std::array<uint8_t, longest_piece> bytes = {};
 };

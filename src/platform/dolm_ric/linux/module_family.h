@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* module_family - what the decoders of the three layouts of module memory share, and the layouts'
-   parts behind module_decode.h and reading_plan(). */
+   parts behind module_decode.h and reading_plan(). No state: any thread. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_contents.h"

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The kernel announces the sensors of a module that has diagnostics when it comes or goes. Modules
-   without them are found by polling alone, so such an announcement only says: look now. */
+   without them are found by polling alone, so such an announcement only says: look now. Leases are
+   looked at directly before each reading. */
 #include "platform/dolm_ric/linux/module_follower.h"
 
 #include "util/boot_clock.h"
@@ -17,7 +18,8 @@ namespace linux_board
 static constexpr uint32_t kernel_uevents = 1; /* multicast group */
 
 module_follower::module_follower(module_listener &listener, std::string reader)
-    : reader_(std::move(reader), thread_.stop_fd()), poller_(*this, listener, util::boot_time)
+    : listener_(listener), leases_(module_leases::folder_of(reader)),
+      reader_(std::move(reader), thread_.stop_fd()), poller_(*this, listener, util::boot_time)
 {
     try {
         hints_.emplace(NETLINK_KOBJECT_UEVENT);
@@ -109,21 +111,50 @@ int32_t module_follower::interface_at_reader(uint32_t port, int &error)
     return first.interface;
 }
 
+module_follower::way module_follower::way_of(uint32_t port) const
+{
+    const auto lease = leased_.find(port);
+    if (lease != leased_.end() && lease->second > util::boot_time())
+        return way::not_now;
+    return files_.has(port) ? way::in_file : way::by_reader;
+}
+
 /* Pieces of files are read one by one; runs of others go to the reader together. */
 void module_follower::read(std::span<piece> pieces)
 {
+    look_at_leases();
     while (!pieces.empty()) {
-        const bool in_file = files_.has(pieces.front().port);
-        const auto end = std::find_if(pieces.begin(), pieces.end(), [&](const piece &one) {
-            return files_.has(one.port) != in_file;
-        });
+        const way chosen = way_of(pieces.front().port);
+        const auto end = std::find_if(pieces.begin(), pieces.end(),
+                                      [&](const piece &one) { return way_of(one.port) != chosen; });
         const auto run = pieces.first(static_cast<size_t>(end - pieces.begin()));
-        if (in_file)
+        if (chosen == way::in_file)
             files_.read(run);
-        else
+        else if (chosen == way::by_reader)
             reader_.read(run);
+        else
+            for (piece &one : run)
+                one.error = module_is_leased;
         pieces = pieces.subspan(run.size());
     }
+}
+
+void module_follower::set_lease(uint32_t port, int32_t index)
+{
+    const auto end = leases_.end_of(index);
+    if (std::exchange(leased_[port], end) == end)
+        return;
+    if (end > util::boot_time())
+        poller_.identify_again(port);
+    listener_.module_leased(port, end);
+}
+
+void module_follower::look_at_leases()
+{
+    if (!leases_.has_changed())
+        return;
+    for (const auto &[port, index] : interfaces_)
+        set_lease(port, index);
 }
 
 void module_follower::run()
@@ -159,8 +190,11 @@ void module_follower::carry_out_orders()
         files_.add(port, file);
         poller_.add(port, file.empty());
     }
-    for (const auto &[port, index] : orders.interfaces)
+    for (const auto &[port, index] : orders.interfaces) {
+        interfaces_[port] = index;
+        set_lease(port, index);
         poller_.set_interface(port, index);
+    }
     for (const uint32_t port : orders.links_changed)
         poller_.link_changed(port);
     for (const uint32_t port : orders.diagnostics_wanted)
@@ -181,10 +215,12 @@ void module_follower::await_work()
         std::min<module_poller::duration>(due - now, std::chrono::minutes(1)));
     pollfd wanted[] = {{thread_.wake_fd(), POLLIN, 0},
                        {thread_.later_fd(), POLLIN, 0},
-                       {hints_ ? hints_->fd() : -1, POLLIN, 0}};
+                       {hints_ ? hints_->fd() : -1, POLLIN, 0},
+                       {leases_.fd(), POLLIN, 0}};
     const auto timeout = static_cast<int>(std::max<int64_t>(left.count(), 0));
     util::poll_or_pause(wanted, timeout);
     thread_.clear_wake();
+    look_at_leases();
     if (take_hints())
         poller_.hint();
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "platform/dolm_ric/linux/module_files.h"
+#include "platform/dolm_ric/linux/module_leases.h"
 #include "platform/dolm_ric/linux/module_poller.h"
 #include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/reader_client.h"
@@ -68,14 +69,24 @@ class module_follower final : module_access
         std::map<uint32_t, bool> logging;
     };
 
+    /* How the memory of a port's module is read. */
+    enum class way : uint8_t { not_now, in_file, by_reader };
+
     void read(std::span<piece> pieces) override;
+    way way_of(uint32_t port) const;
+    void set_lease(uint32_t port, int32_t index);
+    void look_at_leases();
     void run();
     void carry_out_orders();
     void await_work();
     bool take_hints();
 
+    module_listener &listener_;
     worker thread_;
     module_files files_;
+    module_leases leases_;
+    std::map<uint32_t, int32_t> interfaces_;               /* of the ports, by index */
+    std::map<uint32_t, module_poller::time_point> leased_; /* ports, with the end */
     reader_client reader_;
     module_poller poller_;
     std::optional<netlink::connection> hints_;

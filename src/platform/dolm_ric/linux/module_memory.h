@@ -55,8 +55,8 @@ class module_memory
   public:
     using time_point = std::chrono::steady_clock::time_point;
 
-    /* Keeps the bytes of `range`, `range.length` of them at least, in place of those that were
-       kept for the same range. */
+    /* Keeps the first `range.length` bytes in place of those that were kept for the same range.
+       Where there are fewer, nothing is kept: the range counts as not read. */
     void store(const memory_range &range, std::span<const uint8_t> bytes, time_point read_at);
 
     /* The kept bytes of `range`: those stored for exactly this range, else those of the newest

@@ -8,6 +8,7 @@
    or nothing sensible for a second, is the old module reported as removed. */
 #include "platform/dolm_ric/linux/module_poller.h"
 
+#include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/linux/module_poller_internal.h"
 
 #include <algorithm>
@@ -121,6 +122,17 @@ void module_poller::trust_sums(uint32_t port, bool trusted)
     changed.memory.trust_sums(trusted);
     if (changed.where != stage::empty)
         begin_identity(changed, duration(0));
+    schedule(changed);
+}
+
+void module_poller::identify_again(uint32_t port)
+{
+    const auto found = ports_.find(port);
+    if (found == ports_.end() || found->second.where != stage::in_use)
+        return;
+    polled &changed = found->second;
+    changed.old_identity = decode_module(changed.memory).identity;
+    begin_identity(changed, duration(0));
     schedule(changed);
 }
 

@@ -53,6 +53,11 @@ bool is_unheard(int error);
 
 struct module_listener {
     virtual ~module_listener() = default;
+    /* The module of the port is left alone until then, by util::boot_time(), for another tool; a
+       time in the past ends that. Called when it changes. */
+    virtual void module_leased(uint32_t /*port*/, std::chrono::steady_clock::time_point /*until*/)
+    {
+    }
     /* Before the conclusions from these readings are reported. */
     virtual void module_cost(uint32_t /*port*/, const reading_cost & /*cost*/)
     {
@@ -104,6 +109,9 @@ class module_poller
     void add(uint32_t port, bool by_reader);
     /* Wrong checksums of the port's modules are taken for right ones, or not any more. */
     void trust_sums(uint32_t port, bool trusted);
+    /* Another tool may change what the port's module holds, its firmware for one: all of it is read
+       again, as soon as it can be. */
+    void identify_again(uint32_t port);
     /* The driver of the port's interface logs each reading that fails, or not: it is asked about an
        empty cage only when there is a reason. */
     void expect_logging(uint32_t port, bool logs_failures);

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The types that the two sources of module_poller share: the record of a port, and one task. */
+/* The types that the two sources of module_poller share: the record of a port, and one task. Only
+   the thread of the poller uses them. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_poller.h"

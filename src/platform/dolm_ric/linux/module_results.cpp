@@ -40,7 +40,8 @@ static constexpr auto rare_interval_of_loggers = 600s;
 
 bool is_unheard(int error)
 {
-    return error == ENOTCONN || error == EPERM || error == EACCES || error == ESTALE;
+    return error == ENOTCONN || error == EPERM || error == EACCES || error == ESTALE ||
+           error == module_is_leased;
 }
 
 /* Nothing answers, or the driver knows that there is nothing. All other errors may be those of a
@@ -360,7 +361,8 @@ void module_poller::take_failure(polled &port, int error)
 {
     const time_point now = now_();
     if (is_unheard(error)) {
-        note_access(port, error == ESTALE ? 0 : error);
+        if (error != module_is_leased)
+            note_access(port, error == ESTALE ? 0 : error);
         return note_silence(port);
     }
     note_access(port, 0);

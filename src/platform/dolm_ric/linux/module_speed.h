@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* module_speed - speeds of links and modules and their codes. All speeds are in 0.1 Gb/s, 0 for an
-   unknown one. The numbers of the tables are those of the SNIA's list of codes, SFF-8024. */
+   unknown one. The numbers of the tables are those of the SNIA's list of codes, SFF-8024. No state:
+   any thread. */
 #pragma once
 
 #include <cstdint>

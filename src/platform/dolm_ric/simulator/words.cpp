@@ -133,10 +133,10 @@ port_list parse_ports(std::string_view text)
         const uint32_t first = parse_port(part.substr(0, dash), text);
         const uint32_t last = dash == part.npos ? first : parse_port(part.substr(dash + 1), text);
         if (last < first)
-            fail(quoted(text) + " is no list of ports: a range goes upwards");
+            fail(quoted(text) + " is no list of ports: a range goes upwards, as 3-7");
         count += last - first + 1;
         if (count > max_ports)
-            fail("more ports are listed than a board can have");
+            fail("more ports are listed than a board can have, " + std::to_string(max_ports));
         add_range(ports, is_listed, {first, last});
         at += part.size() + 1;
     }

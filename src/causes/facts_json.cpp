@@ -1,0 +1,205 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* One table has all facts; reading, writing and leaving out walk through it. */
+#include "causes/facts_json.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+#include <iterator>
+#include <span>
+#include <type_traits>
+#include <variant>
+
+namespace causes
+{
+namespace
+{
+
+using json = nlohmann::ordered_json;
+using member = std::variant<flag facts::*, number facts::*, text facts::*, by_lane facts::*>;
+
+struct row {
+    const char *key;
+    member where;
+    double least = 0, most = 1e12; /* of numbers */
+};
+
+} // namespace
+
+static constexpr double coldest = -60, hottest = 200, weakest = -60, strongest = 30;
+
+static const row rows[] = {
+    {"interface", &facts::interface},
+    {"device", &facts::device},
+    {"neighbour", &facts::neighbour},
+    {"port", &facts::port},
+    {"time", &facts::time},
+    {"clock_error_s", &facts::clock_error_s},
+    {"up_for_s", &facts::up_for_s},
+    {"falls_in_minute", &facts::falls_in_minute},
+    {"falls_in_hour", &facts::falls_in_hour},
+    {"falls_in_day", &facts::falls_in_day},
+    {"device_others_fell", &facts::device_others_fell},
+    {"device_others_stayed", &facts::device_others_stayed},
+    {"machine_others_fell", &facts::machine_others_fell},
+    {"machine_others_stayed", &facts::machine_others_stayed},
+    {"set_down", &facts::set_down},
+    {"interface_removed", &facts::interface_removed},
+    {"interface_moved", &facts::interface_moved},
+    {"driver_unbound", &facts::driver_unbound},
+    {"device_reset", &facts::device_reset},
+    {"settings_changed", &facts::settings_changed},
+    {"extended_state", &facts::extended_state},
+    {"remote_fault", &facts::remote_fault},
+    {"negotiates", &facts::negotiates},
+    {"speed_before", &facts::speed_before},
+    {"speed_after", &facts::speed_after},
+    {"lanes_before", &facts::lanes_before},
+    {"lanes_after", &facts::lanes_after},
+    {"fec_before", &facts::fec_before},
+    {"fec_after", &facts::fec_after},
+    {"corrected_in_minute", &facts::corrected_in_minute},
+    {"uncorrectable_in_minute", &facts::uncorrectable_in_minute},
+    {"present_before", &facts::present_before},
+    {"present_after", &facts::present_after},
+    {"serial_before", &facts::serial_before},
+    {"serial_after", &facts::serial_after},
+    {"serial_after_s", &facts::serial_after_s},
+    {"medium", &facts::medium},
+    {"state_before", &facts::state_before},
+    {"state_after", &facts::state_after},
+    {"temperature_before", &facts::temperature_before, coldest, hottest},
+    {"temperature_high_alarm", &facts::temperature_high_alarm, coldest, hottest},
+    {"rx_before", &facts::rx_before, weakest, strongest},
+    {"rx_after", &facts::rx_after, weakest, strongest},
+    {"tx_before", &facts::tx_before, weakest, strongest},
+    {"tx_after", &facts::tx_after, weakest, strongest},
+    {"bias_before", &facts::bias_before},
+    {"bias_after", &facts::bias_after},
+    {"rx_los_after", &facts::rx_los_after, 0, 1},
+    {"rx_lol_after", &facts::rx_lol_after, 0, 1},
+    {"tx_los_after", &facts::tx_los_after, 0, 1},
+    {"tx_fault_before", &facts::tx_fault_before, 0, 1},
+    {"tx_fault_after", &facts::tx_fault_after, 0, 1},
+    {"tx_off_before", &facts::tx_off_before, 0, 1},
+    {"tx_off_after", &facts::tx_off_after, 0, 1},
+    {"rx_low_alarm", &facts::rx_low_alarm, weakest, strongest},
+    {"rx_lost_before", &facts::rx_lost_before, -100, 100},
+    {"lost_in_s", &facts::lost_in_s},
+    {"errors_before", &facts::errors_before, 0, 1},
+    {"errors_limit", &facts::errors_limit, 0, 1},
+    {"is_up", &facts::is_up},
+    {"down_for_s", &facts::down_for_s},
+    {"rx_again", &facts::rx_again, weakest, strongest},
+    {"errors_again", &facts::errors_again, 0, 1},
+};
+
+static double number_of(const row &its, const json &value)
+{
+    const double read = value.is_number() ? value.get<double>() : NAN;
+    if (!(read >= its.least && read <= its.most))
+        throw facts_error(fmt::format("{} must be a number from {} to {}, not {}", its.key,
+                                      its.least, its.most, value.dump()));
+    return read;
+}
+
+static std::vector<double> list_of(const row &its, const json &value)
+{
+    if (!value.is_array() || value.empty() || value.size() > most_lanes)
+        throw facts_error(fmt::format("{} must be a list with a number for each of 1 to {} lanes, "
+                                      "not {}",
+                                      its.key, most_lanes, value.dump()));
+    std::vector<double> list;
+    for (const json &each : value)
+        list.push_back(number_of(its, each));
+    return list;
+}
+
+static void take(const row &its, const json &value, facts &to)
+{
+    std::visit(
+        [&](auto where) {
+            using kind = std::decay_t<decltype(to.*where)>;
+            if constexpr (std::is_same_v<kind, number>) {
+                to.*where = number_of(its, value);
+            } else if constexpr (std::is_same_v<kind, by_lane>) {
+                to.*where = list_of(its, value);
+            } else if constexpr (std::is_same_v<kind, flag>) {
+                if (!value.is_boolean())
+                    throw facts_error(
+                        fmt::format("{} must be true or false, not {}", its.key, value.dump()));
+                to.*where = value.get<bool>();
+            } else {
+                if (!value.is_string() || value.get<std::string>().size() > longest_text)
+                    throw facts_error(fmt::format("{} must be a text of at most {} bytes", its.key,
+                                                  longest_text));
+                to.*where = value.get<std::string>();
+            }
+        },
+        its.where);
+}
+
+/* Lists that differ in length would compare one lane with another. */
+static void expect_one_length(const facts &known)
+{
+    size_t length = 0;
+    for (const row &its : rows)
+        if (const auto *where = std::get_if<by_lane facts::*>(&its.where)) {
+            const by_lane &list = known.**where;
+            if (!list)
+                continue;
+            if (length != 0 && list->size() != length)
+                throw facts_error(
+                    fmt::format("{} has {} lanes, others have {}", its.key, list->size(), length));
+            length = list->size();
+        }
+}
+
+facts facts_from(const json &object)
+{
+    if (!object.is_object())
+        throw facts_error("facts must be an object");
+    facts known;
+    for (const auto &[key, value] : object.items()) {
+        const auto *its =
+            std::ranges::find_if(rows, [&key = key](const row &each) { return key == each.key; });
+        if (its == std::end(rows))
+            throw facts_error(
+                fmt::format("{} is no fact: see docs/causes.md for their names", json(key).dump()));
+        if (!value.is_null())
+            take(*its, value, known);
+    }
+    expect_one_length(known);
+    return known;
+}
+
+json to_json(const facts &known)
+{
+    json object = json::object();
+    for (const row &its : rows)
+        std::visit(
+            [&](auto where) {
+                if (known.*where)
+                    object[its.key] = *(known.*where);
+            },
+            its.where);
+    return object;
+}
+
+std::vector<std::pair<std::string, facts>> without_each(const facts &known)
+{
+    std::vector<std::pair<std::string, facts>> found;
+    for (const row &its : rows)
+        std::visit(
+            [&](auto where) {
+                if (!(known.*where))
+                    return;
+                facts fewer = known;
+                (fewer.*where).reset();
+                found.emplace_back(its.key, std::move(fewer));
+            },
+            its.where);
+    return found;
+}
+
+} // namespace causes

@@ -1,0 +1,29 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* facts_json - facts as JSON: one object, its keys are the names of facts.h, in the table of
+   docs/causes.md. A missing key, or null, is a fact that isn't known. No state. */
+#pragma once
+
+#include "causes/facts.h"
+
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace causes
+{
+
+/* Says which key is wrong, and what it takes. */
+class facts_error : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/* Throws facts_error for a key that isn't known, a value of another type or out of its range, lists
+   of different lengths, or no object. */
+facts facts_from(const nlohmann::ordered_json &object);
+/* The facts that are known, in the order of the table. */
+nlohmann::ordered_json to_json(const facts &known);
+/* The same facts but for one that is known, for each of them: what a verdict may rest on. */
+std::vector<std::pair<std::string, facts>> without_each(const facts &known);
+
+} // namespace causes

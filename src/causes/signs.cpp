@@ -1,0 +1,365 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* In the order of the header. A number that a sign is compared with stands above it, with its
+   reason. */
+#include "causes/signs.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+
+namespace causes
+{
+
+/* Below the sensitivity of every receiver: what a photodiode without light measures. */
+static constexpr double dark = -30;
+/* Of an SFP's receiver without a limit of its own: 25 km of 10GBASE-LR end at -14.4 dBm. */
+static constexpr double usual_low_alarm = -16;
+/* More than a connector that is moved, less than half of a link's usual margin. */
+static constexpr double much_loss = 2;
+/* A laser that is off has a bias of some microamperes. */
+static constexpr double no_bias = 0.5;
+/* A swap by hand takes longer, and one that follows another cause takes much longer. */
+static constexpr double soonest_swap = 10;
+/* Forward error correction (RS) fails within a decade of this. */
+static constexpr double usual_errors_limit = 2e-4;
+
+static answer to_answer(bool is)
+{
+    return is ? answer::yes : answer::no;
+}
+
+static sign of_flag(const flag &its, const char *sentence)
+{
+    if (!its)
+        return {};
+    return {to_answer(*its), sentence};
+}
+
+static size_t count_on(const std::vector<double> &flags)
+{
+    return static_cast<size_t>(std::ranges::count_if(flags, [](double on) { return on > 0; }));
+}
+
+static double low_alarm(const facts &seen)
+{
+    return seen.rx_low_alarm.value_or(usual_low_alarm);
+}
+
+sign was_set_down(const facts &seen)
+{
+    return of_flag(seen.set_down, "The interface was set down.");
+}
+
+sign has_moved(const facts &seen)
+{
+    return of_flag(seen.interface_moved, "The interface was moved to another network namespace.");
+}
+
+sign was_unbound(const facts &seen)
+{
+    return of_flag(seen.driver_unbound, "The driver left the device.");
+}
+
+sign was_removed(const facts &seen)
+{
+    return of_flag(seen.interface_removed, "The kernel removed the interface.");
+}
+
+sign was_reset(const facts &seen)
+{
+    return of_flag(seen.device_reset, "The driver reset the device.");
+}
+
+sign fell_with_device(const facts &seen)
+{
+    if (!seen.device_others_fell)
+        return {};
+    if (*seen.device_others_fell >= 1 && !seen.device_others_stayed)
+        return {};
+    const bool is = *seen.device_others_fell >= 1 && *seen.device_others_stayed == 0;
+    return {to_answer(is), fmt::format("All ports of the device fell within a second: {:.0f} more.",
+                                       *seen.device_others_fell)};
+}
+
+sign fell_with_machine(const facts &seen)
+{
+    if (!seen.machine_others_fell)
+        return {};
+    if (*seen.machine_others_fell >= 1 && !seen.machine_others_stayed)
+        return {};
+    const bool is = *seen.machine_others_fell >= 1 && *seen.machine_others_stayed == 0;
+    return {to_answer(is),
+            fmt::format("All ports of other devices fell within the same second, too: {:.0f}.",
+                        *seen.machine_others_fell)};
+}
+
+sign was_replaced(const facts &seen)
+{
+    if (seen.present_before && !*seen.present_before && seen.present_after && !*seen.present_after)
+        return {answer::no, ""};
+    if (!seen.serial_before || !seen.serial_after || seen.serial_before->empty() ||
+        seen.serial_after->empty())
+        return {};
+    if (*seen.serial_before == *seen.serial_after)
+        return {answer::no, ""};
+    /* Later the link may have fallen first, for another reason. */
+    if (!seen.serial_after_s || *seen.serial_after_s > soonest_swap)
+        return {};
+    return {answer::yes,
+            fmt::format("The module {} was there before and {} {:.1f} s after.",
+                        *seen.serial_before, *seen.serial_after, *seen.serial_after_s)};
+}
+
+sign is_module_gone(const facts &seen)
+{
+    if (!seen.present_before || !seen.present_after)
+        return {};
+    return {to_answer(*seen.present_before && !*seen.present_after),
+            "A module answered before the fall, and none at the first look after it."};
+}
+
+sign has_module_failed(const facts &seen)
+{
+    if (!seen.state_before || !seen.state_after)
+        return {};
+    return {to_answer(*seen.state_before == "ready" && *seen.state_after != "ready"),
+            fmt::format("The module's state went from ready to {}.", *seen.state_after)};
+}
+
+/* A module that is too hot by its own limit switches itself off. */
+sign is_module_hot(const facts &seen)
+{
+    if (!seen.temperature_before || !seen.temperature_high_alarm)
+        return {};
+    return {to_answer(*seen.temperature_before >= *seen.temperature_high_alarm),
+            fmt::format("It had {:.1f} degrees, its alarm limit is {:.1f}.",
+                        *seen.temperature_before, *seen.temperature_high_alarm)};
+}
+
+/* The flag is latched: only one that was clear before the fall tells of it. */
+sign has_tx_fault(const facts &seen)
+{
+    if (!seen.tx_fault_after)
+        return {};
+    const size_t after = count_on(*seen.tx_fault_after);
+    if (after == 0)
+        return {answer::no, ""};
+    if (!seen.tx_fault_before)
+        return {};
+    return {to_answer(count_on(*seen.tx_fault_before) < after),
+            fmt::format("The module says that its transmitter failed on {} of {} lanes.", after,
+                        seen.tx_fault_after->size())};
+}
+
+sign is_laser_dark(const facts &seen)
+{
+    const auto went_off = [](const by_lane &before, const by_lane &after, double least) {
+        return before && after &&
+               std::ranges::all_of(*before, [&](double v) { return v > least; }) &&
+               std::ranges::all_of(*after, [&](double v) { return v <= least; });
+    };
+    if (went_off(seen.bias_before, seen.bias_after, no_bias))
+        return {answer::yes, fmt::format("The lasers have {:.1f} mA, and had {:.1f} mA.",
+                                         seen.bias_after->front(), seen.bias_before->front())};
+    if (went_off(seen.tx_before, seen.tx_after, dark))
+        return {answer::yes, fmt::format("The module sends {:.1f} dBm, and sent {:.1f} dBm.",
+                                         seen.tx_after->front(), seen.tx_before->front())};
+    if (seen.tx_off_before && seen.tx_off_after &&
+        count_on(*seen.tx_off_after) > count_on(*seen.tx_off_before))
+        return {answer::yes, fmt::format("{} of {} lanes were switched off.",
+                                         count_on(*seen.tx_off_after), seen.tx_off_after->size())};
+    return seen.bias_after || seen.tx_after ? sign{answer::no, ""} : sign{};
+}
+
+sign has_faded(const facts &seen)
+{
+    if (!seen.rx_lost_before)
+        return {};
+    const std::string time = seen.lost_in_s ? fmt::format(" within {:.0f} s", *seen.lost_in_s) : "";
+    return {to_answer(*seen.rx_lost_before >= much_loss),
+            fmt::format("The received light lost {:.1f} dB{} before the fall.",
+                        *seen.rx_lost_before, time)};
+}
+
+/* Lanes that were lit before, and are dark now. */
+static std::optional<size_t> lanes_lost(const facts &seen, size_t &lanes)
+{
+    if (seen.rx_after) {
+        lanes = seen.rx_after->size();
+        size_t lost = 0;
+        for (size_t lane = 0; lane < lanes; lane++)
+            lost += (*seen.rx_after)[lane] <= dark &&
+                    (!seen.rx_before || (*seen.rx_before)[lane] > dark);
+        return lost;
+    }
+    if (!seen.rx_los_after)
+        return std::nullopt;
+    lanes = seen.rx_los_after->size();
+    return count_on(*seen.rx_los_after);
+}
+
+sign is_copper(const facts &seen)
+{
+    if (!seen.medium)
+        return {};
+    return {to_answer(*seen.medium == "copper"), "The cable is of copper."};
+}
+
+sign is_all_dark(const facts &seen)
+{
+    size_t lanes = 0;
+    const auto lost = is_copper(seen).is == answer::yes ? std::nullopt : lanes_lost(seen, lanes);
+    if (!lost)
+        return {};
+    const std::string level =
+        seen.rx_before ? fmt::format(", which had {:.1f} dBm before", seen.rx_before->front()) : "";
+    return {to_answer(*lost == lanes && lanes > 0),
+            fmt::format("No light is received on any of {} lanes{}.", lanes, level)};
+}
+
+sign is_one_lane_dark(const facts &seen)
+{
+    size_t lanes = 0;
+    const auto lost = is_copper(seen).is == answer::yes ? std::nullopt : lanes_lost(seen, lanes);
+    if (!lost)
+        return {};
+    return {to_answer(*lost > 0 && *lost < lanes),
+            fmt::format("{} of {} lanes receive no light, the others do.", *lost, lanes)};
+}
+
+sign is_light_there(const facts &seen)
+{
+    if (is_copper(seen).is == answer::yes || !seen.rx_after)
+        return {};
+    const double least = *std::ranges::min_element(*seen.rx_after);
+    return {to_answer(least >= low_alarm(seen)),
+            fmt::format("Light is received: {:.1f} dBm on the weakest lane.", least)};
+}
+
+sign says_far_side_deaf(const facts &seen)
+{
+    return of_flag(seen.remote_fault, "The far end says that it doesn't receive (remote fault).");
+}
+
+/* Drivers fill the extended state late, or wrongly: it shows nothing by itself. */
+static bool says(const facts &seen, std::initializer_list<const char *> states)
+{
+    return seen.extended_state && std::ranges::any_of(states, [&](const char *each) {
+               return *seen.extended_state == each;
+           });
+}
+
+sign has_no_lock(const facts &seen)
+{
+    if (seen.rx_lol_after && count_on(*seen.rx_lol_after) > 0)
+        return {answer::yes,
+                fmt::format("The module finds no clock in the signal of {} of {} lanes.",
+                            count_on(*seen.rx_lol_after), seen.rx_lol_after->size())};
+    if (says(seen, {"Link logical mismatch", "Bad signal integrity"}))
+        return {answer::yes, fmt::format("The driver says: {}.", *seen.extended_state)};
+    return seen.rx_lol_after ? sign{answer::no, ""} : sign{};
+}
+
+sign have_errors_risen(const facts &seen)
+{
+    if (seen.uncorrectable_in_minute && *seen.uncorrectable_in_minute > 0)
+        return {answer::yes, fmt::format("{:.0f} blocks couldn't be corrected in the last minute.",
+                                         *seen.uncorrectable_in_minute)};
+    const double limit = seen.errors_limit.value_or(usual_errors_limit);
+    if (seen.errors_before)
+        return {to_answer(*seen.errors_before >= limit / 10),
+                fmt::format("The bit error ratio before correction was {:.1e}; correction fails at "
+                            "about {:.1e}.",
+                            *seen.errors_before, limit)};
+    return seen.uncorrectable_in_minute ? sign{answer::no, ""} : sign{};
+}
+
+sign do_settings_differ(const facts &seen)
+{
+    if (!seen.settings_changed)
+        return {};
+    return {to_answer(*seen.settings_changed),
+            seen.fec_before && seen.fec_after && *seen.fec_before != *seen.fec_after
+                ? fmt::format("FEC was changed from {} to {} just before.", *seen.fec_before,
+                              *seen.fec_after)
+                : "Speed, negotiation or FEC were changed here just before."};
+}
+
+sign has_negotiation_failed(const facts &seen)
+{
+    if (!seen.extended_state)
+        return {};
+    return {to_answer(says(seen, {"Autoneg", "Link training failure"})),
+            fmt::format("The driver says: {}.", *seen.extended_state)};
+}
+
+/* A link that falls three times in a minute doesn't fall for a reason that lasts. */
+sign is_flapping(const facts &seen)
+{
+    if (!seen.falls_in_minute)
+        return {};
+    return {to_answer(*seen.falls_in_minute >= 3),
+            fmt::format("It fell {:.0f} times within a minute.", *seen.falls_in_minute)};
+}
+
+std::vector<std::string> conflicts_of(const facts &seen)
+{
+    std::vector<std::string> found;
+    const auto both = [&](bool is, const char *sentence) {
+        if (is)
+            found.emplace_back(sentence);
+    };
+    const auto is_yes = [](const sign &its) { return its.is == answer::yes; };
+    const bool has_levels = seen.rx_after || seen.rx_before;
+    both(is_yes(is_copper(seen)) && has_levels, "A cable of copper has no levels of light.");
+    both(seen.rx_los_after && count_on(*seen.rx_los_after) == seen.rx_los_after->size() &&
+             is_yes(is_light_there(seen)),
+         "The module reports a loss of light and measures light.");
+    both(is_yes(was_removed(seen)) && seen.is_up.value_or(false),
+         "An interface that was removed can't be up again.");
+    both(is_yes(is_module_gone(seen)) && seen.serial_before && seen.serial_after &&
+             *seen.serial_before == *seen.serial_after && seen.serial_after_s.value_or(99) < 1,
+         "The module was gone and was read within a second.");
+    both(is_yes(is_module_gone(seen)) && seen.state_after.value_or("") == "ready",
+         "A module that is gone can't be ready.");
+    both(is_yes(has_faded(seen)) && seen.rx_before && seen.rx_again &&
+             *seen.rx_again >= *seen.rx_before && seen.rx_before->front() > low_alarm(seen) + 6,
+         "The light faded, and was far above its limit.");
+    both(seen.bias_after && seen.tx_after && seen.bias_after->front() <= no_bias &&
+             seen.tx_after->front() > -10,
+         "A laser without current can't send.");
+    both(seen.down_for_s && seen.is_up && !*seen.is_up, "It is down, and was so for a while only.");
+    return found;
+}
+
+std::vector<std::string> illness_of(const facts &seen)
+{
+    std::vector<std::string> found;
+    if (!seen.is_up.value_or(false))
+        return found;
+    const auto less = [&](const number &before, const number &after, const char *what) {
+        if (before && after && *after > 0 && *after < *before)
+            found.push_back(
+                fmt::format("It is up with {:.0f} {}, {:.0f} before.", *after, what, *before));
+    };
+    less(seen.speed_before, seen.speed_after, "Mbit/s");
+    less(seen.lanes_before, seen.lanes_after, "lanes");
+    if (seen.rx_before && seen.rx_again) {
+        const double before = *std::ranges::min_element(*seen.rx_before),
+                     again = *std::ranges::min_element(*seen.rx_again);
+        if (before - again >= much_loss)
+            found.push_back(fmt::format("It receives {:.1f} dBm, {:.1f} dB less than before.",
+                                        again, before - again));
+    }
+    const double limit = seen.errors_limit.value_or(usual_errors_limit);
+    if (seen.errors_again &&
+        (*seen.errors_again >= limit / 10 ||
+         (seen.errors_before && *seen.errors_before > 0 &&
+          *seen.errors_again >= 10 * *seen.errors_before && *seen.errors_again >= limit / 1000)))
+        found.push_back(fmt::format("Its bit error ratio before correction is {:.1e}; correction "
+                                    "fails at about {:.1e}.",
+                                    *seen.errors_again, limit));
+    return found;
+}
+
+} // namespace causes

@@ -1,0 +1,51 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* signs - what the facts of a fall show: each is yes, no or not known, with a sentence for people.
+   Pure functions. */
+#pragma once
+
+#include "causes/facts.h"
+
+#include <cstdint>
+
+namespace causes
+{
+
+enum class answer : uint8_t { unknown, no, yes };
+
+struct sign {
+    answer is = answer::unknown;
+    std::string sentence; /* where it is yes */
+};
+using sign_of = sign (*)(const facts &);
+
+sign was_set_down(const facts &seen);
+sign has_moved(const facts &seen);
+sign was_unbound(const facts &seen);
+sign was_removed(const facts &seen);
+sign was_reset(const facts &seen);
+sign fell_with_device(const facts &seen);
+sign fell_with_machine(const facts &seen);
+sign was_replaced(const facts &seen);
+sign is_module_gone(const facts &seen);
+sign has_module_failed(const facts &seen);
+sign is_module_hot(const facts &seen);
+sign has_tx_fault(const facts &seen);
+sign is_laser_dark(const facts &seen);
+sign has_faded(const facts &seen);
+sign is_all_dark(const facts &seen);
+sign is_one_lane_dark(const facts &seen);
+sign is_light_there(const facts &seen);
+sign says_far_side_deaf(const facts &seen);
+sign has_no_lock(const facts &seen);
+sign have_errors_risen(const facts &seen);
+sign do_settings_differ(const facts &seen);
+sign has_negotiation_failed(const facts &seen);
+sign is_flapping(const facts &seen);
+sign is_copper(const facts &seen);
+
+/* Facts that can't both be true, as sentences. */
+std::vector<std::string> conflicts_of(const facts &seen);
+/* How a link that came back is worse than before. */
+std::vector<std::string> illness_of(const facts &seen);
+
+} // namespace causes

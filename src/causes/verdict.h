@@ -1,0 +1,87 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* verdict - why a link fell, from what was seen of the fall. A pure function: no clock, no files.
+
+   A verdict that is called certain is never wrong. So a cause is certain only if what shows it was
+   seen, nothing that speaks against it, and each other cause that could be certain is excluded by a
+   fact. Facts that contradict each other make it possible at most. Whatever one end can't tell
+   apart, as a cut fibre from a far end that was switched off, is never certain. */
+#pragma once
+
+#include "causes/facts.h"
+
+#include <cstdint>
+
+namespace causes
+{
+
+/* In the order in which they are looked for. */
+enum class cause : uint8_t {
+    set_down,
+    interface_moved,
+    driver_gone,
+    interface_gone,
+    device_reset,
+    machine_wide,
+    module_replaced,
+    module_pulled,
+    module_failed,
+    module_hot,
+    transmitter_fault,
+    laser_dark,
+    light_faded,
+    light_lost,
+    lane_lost,
+    far_side_deaf,
+    no_lock,
+    errors_rose,
+    settings_differ,
+    negotiation_failed,
+    flapping,
+    not_known,
+};
+constexpr size_t cause_count = 22;
+
+enum class side : uint8_t { local, remote, between, unknown };
+enum class layer : uint8_t {
+    administration,
+    driver,
+    device,
+    module,
+    fibre,
+    pcs_fec,
+    negotiation,
+    unknown
+};
+enum class certainty : uint8_t { possible, likely, certain };
+
+struct verdict {
+    causes::cause cause = cause::not_known;
+    causes::side side = side::unknown;
+    causes::layer layer = layer::unknown;
+    causes::certainty certainty = certainty::possible;
+    std::vector<std::string> evidence;  /* sentences with values */
+    std::vector<std::string> conflicts; /* facts that can't both be true */
+    std::vector<std::string> ill;       /* it came back, and worse than before: how */
+    std::string settle;                 /* what would make it certain; empty: it is */
+    std::string action;                 /* what to do */
+};
+
+verdict judge(const facts &seen);
+
+/* Who of two ends fell first. */
+struct order {
+    bool is_known = false; /* the clocks' bounds allow it */
+    bool here_first = false;
+    std::string sentence;
+};
+/* `here` and `there` are the two ends of one fall: the cause of the other end is that of this one,
+   where it is a local one there and none was found here. */
+verdict judge_both(const facts &here, const facts &there, order &who);
+
+/* Short stable words: "set down", "light lost"; "local", "fibre", "likely". */
+const char *name_of(cause it);
+const char *name_of(side it);
+const char *name_of(layer it);
+const char *name_of(certainty it);
+
+} // namespace causes

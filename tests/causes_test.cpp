@@ -1,0 +1,202 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Facts and verdicts. A case is the fall of a healthy link of four lanes with some facts changed;
+   null takes a fact away. */
+#include "causes/facts_json.h"
+#include "causes/verdict.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+
+using namespace causes;
+using json = nlohmann::ordered_json;
+
+/* All is well, and the link is down. */
+static const json healthy = json::parse(R"({
+    "time": 1000, "clock_error_s": 0.01, "up_for_s": 5000, "falls_in_minute": 1,
+    "device_others_fell": 0, "device_others_stayed": 3, "machine_others_fell": 0,
+    "machine_others_stayed": 4, "set_down": false, "interface_removed": false,
+    "interface_moved": false, "driver_unbound": false, "device_reset": false,
+    "settings_changed": false, "remote_fault": false, "present_before": true,
+    "present_after": true, "serial_before": "A", "serial_after": "A", "serial_after_s": 2,
+    "medium": "light", "state_before": "ready", "state_after": "ready",
+    "temperature_before": 40, "temperature_high_alarm": 75, "rx_before": [-2, -2, -2, -2],
+    "rx_after": [-2, -2, -2, -2], "tx_before": [0, 0, 0, 0], "tx_after": [0, 0, 0, 0],
+    "bias_before": [30, 30, 30, 30], "bias_after": [30, 30, 30, 30],
+    "rx_los_after": [0, 0, 0, 0], "rx_lol_after": [0, 0, 0, 0], "tx_fault_before": [0, 0, 0, 0],
+    "tx_fault_after": [0, 0, 0, 0], "tx_off_before": [0, 0, 0, 0], "tx_off_after": [0, 0, 0, 0],
+    "rx_low_alarm": -12, "rx_lost_before": 0, "errors_before": 1e-9, "errors_limit": 2e-4})");
+
+static constexpr char dark[] = R"("rx_after": [-40, -40, -40, -40], "rx_los_after": [1, 1, 1, 1])";
+
+static facts facts_with(const std::string &changes)
+{
+    json object = healthy;
+    const json changed = json::parse("{" + changes + "}");
+    for (const auto &[key, value] : changed.items())
+        object[key] = value;
+    return facts_from(object);
+}
+
+static const struct {
+    std::string changes;
+    const char *cause;
+    causes::certainty certainty;
+} cases[] = {
+    {R"("set_down": true)", "set down", certainty::certain},
+    {R"("set_down": true, "serial_after": null)", "set down", certainty::likely},
+    {R"("set_down": true, "device_reset": null)", "set down", certainty::likely},
+    {R"("set_down": true, "serial_after": "B")", "set down", certainty::likely},
+    {R"("set_down": true, "interface_moved": true, "interface_removed": true)", "interface moved",
+     certainty::certain},
+    {R"("set_down": true, "driver_unbound": true, "interface_removed": true)", "driver gone",
+     certainty::certain},
+    {R"("interface_removed": true, "set_down": true)", "interface gone", certainty::certain},
+    {R"("interface_removed": true, "driver_unbound": null)", "interface gone", certainty::likely},
+    {R"("device_reset": true, "device_others_fell": 3, "device_others_stayed": 0)", "device reset",
+     certainty::certain},
+    {R"("device_others_fell": 3, "device_others_stayed": 0)", "device reset", certainty::likely},
+    {R"("device_others_fell": 2, "device_others_stayed": 1)", "not known", certainty::possible},
+    {std::string(R"("device_others_fell": 3, "device_others_stayed": 0, )") + dark, "light lost",
+     certainty::likely},
+    {R"("device_others_fell": 3, "device_others_stayed": 0, "machine_others_fell": 4,
+        "machine_others_stayed": 0)",
+     "machine-wide", certainty::likely},
+    {R"("serial_after": "B")", "module replaced", certainty::certain},
+    {R"("serial_after": "B", "serial_after_s": 60)", "not known", certainty::possible},
+    {std::string(R"("serial_after": "B", "serial_after_s": 60, )") + dark, "light lost",
+     certainty::likely},
+    {R"("present_after": false, "state_after": null, "serial_after": null)", "module pulled",
+     certainty::likely},
+    {R"("present_after": false, "interface_removed": true)", "interface gone", certainty::possible},
+    {R"("state_after": "starting")", "module failed", certainty::likely},
+    {R"("state_after": "fault", "temperature_before": 80)", "module hot", certainty::likely},
+    {R"("temperature_before": 80)", "not known", certainty::possible},
+    {R"("tx_fault_after": [0, 1, 0, 0])", "transmitter fault", certainty::likely},
+    {R"("tx_fault_after": [0, 1, 0, 0], "tx_fault_before": [0, 1, 0, 0])", "not known",
+     certainty::possible},
+    {R"("bias_after": [0, 0, 0, 0], "tx_after": [-40, -40, -40, -40])", "laser dark",
+     certainty::likely},
+    {R"("settings_changed": true)", "settings differ", certainty::likely},
+    {R"("rx_lost_before": 5, "rx_before": [-11, -11, -11, -11])", "light faded", certainty::likely},
+    {dark, "light lost", certainty::likely},
+    {std::string(R"("rx_lost_before": null, )") + dark, "light lost", certainty::possible},
+    {std::string(R"("rx_after": null, "rx_los_after": [1, 1, 1, 1])"), "light lost",
+     certainty::likely},
+    {R"("rx_los_after": [1, 1, 1, 1], "remote_fault": true)", "far side deaf",
+     certainty::possible}, /* the levels contradict */
+    {R"("rx_after": [-2, -40, -2, -2], "rx_los_after": [0, 1, 0, 0])", "lane lost",
+     certainty::likely},
+    {R"("remote_fault": true)", "far side deaf", certainty::likely},
+    {R"("remote_fault": true, "bias_after": null, "tx_after": null)", "far side deaf",
+     certainty::possible},
+    {R"("uncorrectable_in_minute": 12)", "errors rose", certainty::likely},
+    {R"("errors_before": 5e-5)", "errors rose", certainty::likely},
+    {R"("errors_before": 5e-6)", "not known", certainty::possible},
+    {R"("rx_lol_after": [0, 0, 0, 1])", "no lock", certainty::likely},
+    {R"("extended_state": "Autoneg")", "negotiation failed", certainty::likely},
+    {std::string(R"("extended_state": "Autoneg", )") + dark, "light lost", certainty::likely},
+    {R"("extended_state": "Autoneg", "medium": "copper", "rx_before": null, "rx_after": null)",
+     "negotiation failed", certainty::possible},
+    {R"("falls_in_minute": 9)", "flapping", certainty::possible},
+    {"", "not known", certainty::possible},
+};
+
+TEST(causes, each_fall_has_its_verdict)
+{
+    for (const auto &its : cases) {
+        const verdict made = judge(facts_with(its.changes));
+        EXPECT_STREQ(name_of(made.cause), its.cause) << its.changes;
+        EXPECT_EQ(made.certainty, its.certainty) << its.changes;
+        EXPECT_GE(made.evidence.size(), made.cause == cause::not_known ? 1u : 2u) << its.changes;
+        EXPECT_EQ(made.settle.empty(), made.certainty == certainty::certain);
+        EXPECT_FALSE(made.action.empty());
+    }
+}
+
+/* Fewer facts, and facts of two causes at once. */
+TEST(causes, no_other_cause_becomes_certain_when_facts_are_missing_or_mixed)
+{
+    size_t tried = 0;
+    const auto expect_no_other = [&](const verdict &with, const facts &fewer,
+                                     const std::string &what) {
+        const verdict made = judge(fewer);
+        tried++;
+        EXPECT_TRUE(made.certainty != certainty::certain || made.cause == with.cause) << what;
+    };
+    for (const auto &its : cases) {
+        const facts all = facts_with(its.changes);
+        const verdict with = judge(all);
+        for (const auto &[first, fewer] : without_each(all)) {
+            expect_no_other(with, fewer, its.changes + " without " + first);
+            for (const auto &[second, fewest] : without_each(fewer))
+                expect_no_other(with, fewest, its.changes + " without " + first + ", " + second);
+        }
+        for (const auto &other : cases) {
+            const std::string both = its.changes +
+                                     (its.changes.empty() || other.changes.empty() ? "" : ", ") +
+                                     other.changes;
+            const verdict mixed = judge(facts_with(both));
+            EXPECT_TRUE(mixed.certainty != certainty::certain ||
+                        name_of(mixed.cause) == std::string(its.cause) ||
+                        name_of(mixed.cause) == std::string(other.cause))
+                << both;
+        }
+    }
+    EXPECT_GT(tried, 20'000u);
+}
+
+TEST(causes, a_link_that_came_back_worse_is_ill)
+{
+    const auto ills = [](const std::string &changes) {
+        return judge(facts_with(R"("is_up": true, "down_for_s": 3, )" + changes)).ill.size();
+    };
+    EXPECT_EQ(ills(R"("rx_again": [-2, -2, -2, -2], "errors_again": 2e-9)"), 0u);
+    EXPECT_EQ(ills(R"("rx_again": [-2, -2, -5, -2], "errors_again": 3e-5)"), 2u);
+    EXPECT_EQ(ills(R"("speed_before": 100000, "speed_after": 25000, "lanes_before": 4,
+                       "lanes_after": 1)"),
+              2u);
+}
+
+TEST(causes, two_ends_tell_more_as_far_as_their_clocks_allow)
+{
+    const struct {
+        std::string here, there;
+        const char *cause;
+        causes::side side;
+        bool is_known, here_first;
+    } rows[] = {
+        {dark, R"("set_down": true, "time": 999)", "set down", side::remote, true, false},
+        {dark, R"("set_down": true, "time": 1000.015)", "set down", side::remote, false, true},
+        {dark, R"("set_down": true, "time": 1003)", "light lost", side::between, true, true},
+        {dark, R"("bias_after": [0, 0, 0, 0], "time": 999)", "laser dark", side::remote, true,
+         false},
+        {dark, R"("clock_error_s": null)", "light lost", side::between, false, false},
+        {R"("serial_after": "B")", R"("set_down": true)", "module replaced", side::local, false,
+         false},
+    };
+    for (const auto &its : rows) {
+        order who;
+        const verdict made = judge_both(facts_with(its.here), facts_with(its.there), who);
+        EXPECT_STREQ(name_of(made.cause), its.cause) << its.there;
+        EXPECT_EQ(made.side, its.side) << its.there;
+        EXPECT_EQ(who.is_known, its.is_known) << its.there;
+        EXPECT_TRUE(!who.is_known || who.here_first == its.here_first) << its.there;
+        EXPECT_TRUE(made.certainty != certainty::certain || made.side == side::local);
+    }
+}
+
+TEST(causes, facts_are_read_strictly_and_written_as_they_were)
+{
+    EXPECT_EQ(to_json(facts_from(healthy)), healthy);
+    for (const char *wrong :
+         {"[]", R"({"rx": 1})", R"({"set_down": 1})", R"({"time": "now"})", R"({"rx_before": []})",
+          R"({"rx_before": [1, "2"]})", R"({"rx_before": [1], "rx_after": [1, 2]})",
+          R"({"errors_before": 2})", R"({"medium": 3})", R"({"rx_after": [1e99]})"})
+        EXPECT_THROW(facts_from(json::parse(wrong)), facts_error) << wrong;
+    std::ifstream examples(TESK_SOURCE_DIR "/examples/facts/falls.jsonl");
+    std::string found;
+    for (std::string line; std::getline(examples, line);)
+        found += std::string(name_of(judge(facts_from(json::parse(line))).cause)) + ';';
+    EXPECT_EQ(found, "set down;light lost;light faded;module pulled;far side deaf;"
+                     "negotiation failed;");
+}
