@@ -2,6 +2,7 @@
 /* The details of ports: their writer beside their reader, and what is made of a module's memory. */
 #include "platform/dolm_ric/details_record.h"
 #include "platform/dolm_ric/linux/module_details.h"
+#include "platform/dolm_ric/linux/vdm.h"
 #include "platform/dolm_ric/port_details.h"
 #include "tesk_client/tesk_details.h"
 #include "testkit/modules/module_images.h"
@@ -336,6 +337,8 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     module.a0.resize(size_t{49} * 128);
     module.a0[128 + 142] |= 0x40;
     module_images::put_page_sums(module.a0);
+    take(module, 50, record);
+    EXPECT_EQ(record.vdm_state, uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED}); /* it describes none */
     const auto put = [&](size_t page, size_t at, int value) {
         module_images::put16(module.a0, page * 128 + at, value);
     };
@@ -344,8 +347,11 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     put(0x20, 130, 0x120f);                                 /* no error at all */
     put(0x20, 132, 0x0004), put(0x24, 132, -10 * 256);      /* a cold laser */
     put(0x28, 136, 20 << 11 | 1), put(0x28, 138, 0), put(0x28, 140, 14 << 11 | 1);
+    put(0x2c, 128, 0x2400); /* of rows 1 and 0 */
     take(module, 100, record);
     ASSERT_EQ(record.vdm_count, 4u);
+    EXPECT_EQ(record.vdm[0].raised, 1u << DOLM_RIC_FLAG_HIGH_WARNING);
+    EXPECT_EQ(record.vdm[1].raised, 1u << DOLM_RIC_FLAG_LOW_ALARM);
     const dolm_ric_details_vdm &ber = record.vdm[0], &snr = record.vdm[3];
     EXPECT_TRUE(ber.kind == DOLM_RIC_VDM_PRE_FEC_BER_CURRENT && ber.side == DOLM_RIC_SIDE_MEDIA &&
                 ber.lane == 2 && ber.read_at == 100 && ber.grade == DOLM_RIC_GRADE_HIGH_WARNING);
@@ -355,6 +361,13 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
                 snr.value == 20 && snr.limits.state == DOLM_RIC_VALUE_NOT_SUPPORTED);
     EXPECT_EQ(record.vdm[1].grade, uint32_t{DOLM_RIC_GRADE_OK});
     EXPECT_EQ(record.vdm[2].value, -10);
+    module_memory memory = read_at(module, 150);
+    memory.drop(vdm_flags_range);
+    take_vdm(memory, record);
+    EXPECT_EQ(record.vdm[0].raised, DOLM_RIC_VDM_FLAGS_UNKNOWN);
+    memory.drop(vdm_range(vdm_descriptors, 0));
+    take_vdm(memory, record);
+    EXPECT_EQ(record.vdm_state, uint32_t{DOLM_RIC_VALUE_NOT_READ});
     for (const size_t page : {0x20u, 0x21u, 0x22u})
         for (size_t at = 128; at < 256; at += 2)
             put(page, at, 5);

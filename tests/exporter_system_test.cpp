@@ -256,6 +256,6 @@ TEST(exporter_tool, wrong_usage_says_what_to_do)
                           {"--listen 9816", 1, "write ADDRESS:PORT"},
                           {"--listen host.example:80", 1, "no numeric address"},
                           {"--listen 127.0.0.1:99999", 1, "no numeric address"},
-                          {"--listen unix:", 1, "a path of"},
+                          {"--listen unix:", 1, "the path must have 1 to 107 bytes"},
                           {"--listen unix:" + directory.path + "/file", 1, "in use"}});
 }

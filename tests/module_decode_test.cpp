@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The decoder of module memory: numbers worked out by hand, and memories that lie. */
 #include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/module_details.h"
 #include "platform/dolm_ric/linux/module_speed.h"
 #include "testkit/modules/module_images.h"
 
@@ -395,9 +396,13 @@ TEST(identity, copper_has_no_light)
             put_text(made.a0, 20, 16, "OEM"), put_text(made.a0, 40, 16, "SFP-10G-T");
         else
             made.a0[at] = byte;
-        made.a0[2] = connector, put_sum(made.a0, 0, 63);
+        made.a0[2] = connector, made.a0[18] = 3, put_sum(made.a0, 0, 63);
         EXPECT_EQ(records_of(made).diag.diag_cap, is_copper ? not_light : all_five) << at;
         EXPECT_EQ(records_of(made).info.sfp.sfp_connector, reported) << at;
+        dolm_ric_details_record details = {};
+        take_module(made.read(), decode_module(made.read()), {}, details);
+        EXPECT_EQ(details.identity.length[DOLM_RIC_LENGTH_CABLE], is_copper || at == 8 ? 3 : 0)
+            << at;
     }
     for (const size_t at : {147u, 131u}) { /* technology, 40GBASE-CR4 */
         image cable = qsfp();

@@ -174,7 +174,8 @@ class _Shape:
                 "value": _number(its.value) if its.state == VALID else None,
                 "state": _word(STATE, its.state), "grade": _word_or_none(GRADE, its.grade),
                 "age_s": self.age(its.read_at),
-                "raised": [_key(FLAG, kind) for kind in range(FLAGS) if its.raised >> kind & 1],
+                "raised": None if its.raised >> 31 else
+                          [_key(FLAG, kind) for kind in range(FLAGS) if its.raised >> kind & 1],
                 "limits": self.limits(its.limits)}
 
     def cost(self, its: Any) -> dict[str, Any]:

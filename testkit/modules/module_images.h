@@ -4,6 +4,7 @@
 
 #include "platform/dolm_ric/linux/module_memory.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -63,12 +64,13 @@ struct image {
     /* All that the plan asks for, as the poller reads it. */
     linux_board::module_memory read() const
     {
+        const linux_board::module_memory::time_point read_at{std::chrono::seconds(1)};
         linux_board::module_memory memory;
         for (size_t done = 0;; done++) {
             const auto plan = reading_plan(memory);
             if (done == plan.size())
                 return memory;
-            memory.store(plan[done].range, at(plan[done].range), {});
+            memory.store(plan[done].range, at(plan[done].range), read_at);
         }
     }
 };

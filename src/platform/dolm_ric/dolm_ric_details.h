@@ -259,6 +259,9 @@ typedef struct dolm_ric_details_lane {
     dolm_ric_details_condition signal[DOLM_RIC_SIGNALS];
 } dolm_ric_details_lane;
 
+/* In `raised`: the flags weren't read. */
+#define DOLM_RIC_VDM_FLAGS_UNKNOWN 0x80000000u
+
 /* `lane` is from 0, or 0xff for the whole module or data path. */
 typedef struct dolm_ric_details_vdm {
     uint8_t code; /* the module's own number of what it observes */
@@ -267,7 +270,7 @@ typedef struct dolm_ric_details_vdm {
     uint8_t lane;
     uint32_t state;
     uint32_t grade;
-    uint32_t raised; /* bit n: flag n is raised now */
+    uint32_t raised; /* bit n: the last reading of the flags found flag n */
     int64_t read_at;
     double value;
     dolm_ric_details_limits limits;

@@ -249,10 +249,11 @@ static json_object vdm_to_json(const dolm_ric_details_vdm &its, int64_t now)
     object["state"] = tesk_details_text(TESK_DETAILS_TEXT_STATE, its.state);
     object["grade"] = code_or_null(TESK_DETAILS_TEXT_GRADE, its.grade);
     object["age_s"] = age(its.read_at, now);
-    object["raised"] = json_object::array();
+    json_object raised = json_object::array();
     for (uint32_t kind = 0; kind < DOLM_RIC_FLAGS; kind++)
         if (its.raised >> kind & 1)
-            object["raised"].push_back(key_of(TESK_DETAILS_TEXT_FLAG, kind));
+            raised.push_back(key_of(TESK_DETAILS_TEXT_FLAG, kind));
+    object["raised"] = (its.raised & DOLM_RIC_VDM_FLAGS_UNKNOWN) == 0 ? std::move(raised) : null;
     object["limits"] = limits_to_json(its.limits);
     return object;
 }

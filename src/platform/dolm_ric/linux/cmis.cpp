@@ -205,6 +205,7 @@ static constexpr plan_row cmis_plan[] = {
     {{off_range(1), reading_time::diagnostics, true}, is_bank_wanted<1>},
     {{firmware_range, reading_time::slowly, true}, is_more_wanted},
     {{vdm_groups_range, reading_time::later, true}, is_vdm_wanted},
+    {{vdm_flags_range, reading_time::slowly, true}, is_group_wanted<0>},
     {{vdm_range(vdm_descriptors, 0), reading_time::later, true}, is_group_wanted<0>},
     {{vdm_range(vdm_limits, 0), reading_time::later, true}, is_group_wanted<0>},
     {{vdm_range(vdm_values, 0), reading_time::slowly, true}, is_group_wanted<0>},

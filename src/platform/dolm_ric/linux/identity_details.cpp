@@ -67,10 +67,10 @@ static void take_sfp_power(const memory_view &from, identity_record &to)
     to.max_power = to.power_class == 4 ? from.u8(66) / 10.0 : watts[to.power_class - 1];
 }
 
-static void take_sfp(const memory_view &from, identity_record &to)
+static void take_sfp(const memory_view &from, bool is_copper, identity_record &to)
 {
     constexpr uint8_t any_cable = 0x0c;
-    const bool is_cable = (from.u8(8) & any_cable) != 0;
+    const bool is_cable = is_copper || (from.u8(8) & any_cable) != 0;
     const bool is_long_rate = from.u8(12) == beyond;
 
     to.connector_code = from.u8(2);
@@ -247,7 +247,7 @@ void take_identity(const module_memory &memory, const module_contents &contents,
     put(to.form_factor, form_factor_name(to.form_factor_code));
     take_decoded(contents, to);
     if (contents.family == module_family::sfp)
-        take_sfp(memory_view(memory, sfp_identity), to);
+        take_sfp(memory_view(memory, sfp_identity), contents.copper, to);
     else if (contents.family == module_family::qsfp)
         take_qsfp(memory_view(memory, qsfp_identity), contents.copper, to);
     else

@@ -8,6 +8,7 @@
    queued after it may be older than the reading; the counters tell that, too. */
 #include "platform/dolm_ric/linux/link_follower.h"
 
+#include "platform/dolm_ric/dolm_ric_details.h"
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_speed.h"
 #include "util/poll.h"
@@ -43,6 +44,23 @@ static constexpr int notices_of_a_storm = 16;
 static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16_t number)
 {
     return netlink::read_record<uint32_t>(netlink::find_attribute(attributes, number));
+}
+
+/* The kernel numbers FEC among the link modes. */
+static uint32_t fec_of_link_mode(uint32_t mode)
+{
+    switch (mode) {
+    case ETHTOOL_LINK_MODE_FEC_NONE_BIT:
+        return DOLM_RIC_FEC_NONE;
+    case ETHTOOL_LINK_MODE_FEC_BASER_BIT:
+        return DOLM_RIC_FEC_BASE_R;
+    case ETHTOOL_LINK_MODE_FEC_RS_BIT:
+        return DOLM_RIC_FEC_RS;
+    case ETHTOOL_LINK_MODE_FEC_LLRS_BIT:
+        return DOLM_RIC_FEC_LLRS;
+    default:
+        return DOLM_RIC_FEC_UNKNOWN;
+    }
 }
 
 static std::optional<uint8_t> read_byte(netlink::byte_view attributes, uint16_t number)
@@ -214,17 +232,39 @@ void link_follower::ask_about(int32_t index)
         table_.forget(index, std::chrono::steady_clock::now());
 }
 
-/* Nothing without an answer: the speed that was known is kept, and asked for again. */
-std::optional<link_speed> link_follower::speed_now(int32_t index)
+/* `header` is the number of the command's attribute that names the interface. */
+netlink::request link_follower::ethtool_question(uint8_t command, uint16_t header,
+                                                 int32_t index) const
 {
-    netlink::request question =
-        netlink::generic_request(ethtool_family_, ETHTOOL_MSG_LINKMODES_GET);
-    const size_t header = question.begin_nest(ETHTOOL_A_LINKMODES_HEADER);
+    netlink::request question = netlink::generic_request(ethtool_family_, command);
+    const size_t nest = question.begin_nest(header);
     question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
     question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
-    question.end_nest(header);
+    question.end_nest(nest);
+    return question;
+}
+
+/* Not known where the driver or a kernel before 5.13 can't tell. */
+uint32_t link_follower::fec_now(int32_t index)
+{
+    netlink::request question = ethtool_question(ETHTOOL_MSG_FEC_GET, ETHTOOL_A_FEC_HEADER, index);
+    uint32_t fec = DOLM_RIC_FEC_UNKNOWN;
+    ethtool_.ask(question, kernel_patience, [&](const netlink::message &answer) {
+        if (const auto mode =
+                read_number(netlink::generic_attributes(answer), ETHTOOL_A_FEC_ACTIVE))
+            fec = fec_of_link_mode(*mode);
+    });
+    return fec;
+}
+
+/* Nothing without an answer: the speed that was known is kept, and asked for again. A link without
+   a speed is down and has no active FEC. */
+std::optional<link_speed> link_follower::speed_now(int32_t index)
+{
     if (ethtool_family_ == 0)
         return std::nullopt;
+    netlink::request question =
+        ethtool_question(ETHTOOL_MSG_LINKMODES_GET, ETHTOOL_A_LINKMODES_HEADER, index);
     uint32_t speed = UINT32_MAX;
     uint32_t lanes = 0;
     uint8_t duplex = DUPLEX_UNKNOWN;
@@ -246,6 +286,7 @@ std::optional<link_speed> link_follower::speed_now(int32_t index)
             duplex <= DUPLEX_FULL ? std::optional(duplex == DUPLEX_FULL) : std::nullopt,
         .is_negotiated =
             autoneg <= AUTONEG_ENABLE ? std::optional(autoneg == AUTONEG_ENABLE) : std::nullopt,
+        .fec = speed == UINT32_MAX ? uint32_t{DOLM_RIC_FEC_UNKNOWN} : fec_now(index),
     };
 }
 

@@ -55,6 +55,7 @@ struct link_speed {
     uint32_t megabits = 0; /* the same */
     std::optional<bool> is_full_duplex = {};
     std::optional<bool> is_negotiated = {};
+    uint32_t fec = 0; /* the active one as enum dolm_ric_details_fec; 0 if it isn't known */
 };
 
 /* Called in the thread that passes the reports in. */

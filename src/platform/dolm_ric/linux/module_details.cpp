@@ -181,7 +181,7 @@ static void take_limits(const measurement &its, double unit, uint32_t state,
 template <typename counted>
 static void count(counted &its, int64_t at)
 {
-    if (at == its.last_at)
+    if (its.count != 0 && at == its.last_at)
         return;
     its.count++;
     its.first_at = its.first_at != 0 ? its.first_at : at;
@@ -507,6 +507,7 @@ void lose_values(uint32_t why, record_type &record)
     for (auto &row : std::span(record.vdm).first(record.vdm_count)) {
         row.state = why;
         row.grade = DOLM_RIC_GRADE_NONE;
+        row.raised = DOLM_RIC_VDM_FLAGS_UNKNOWN;
         row.value = 0;
     }
     if (record.lanes_state == DOLM_RIC_VALUE_VALID)

@@ -125,11 +125,27 @@ static void take_row(const memory_view &descriptors, const memory_view &values,
                                  : uint32_t{DOLM_RIC_GRADE_NONE};
 }
 
+/* Four bits for each row of all groups, that of an even row in the lower half of a byte: high
+   alarm, low alarm, high warning, low warning. */
+static uint32_t raised_flags(const memory_view &flags, size_t row)
+{
+    static constexpr uint8_t kinds[] = {DOLM_RIC_FLAG_HIGH_ALARM, DOLM_RIC_FLAG_LOW_ALARM,
+                                        DOLM_RIC_FLAG_HIGH_WARNING, DOLM_RIC_FLAG_LOW_WARNING};
+    if (!flags.was_read())
+        return DOLM_RIC_VDM_FLAGS_UNKNOWN;
+    const uint32_t bits = uint32_t{flags.u8(128 + row / 2)} >> (row % 2 != 0 ? 4 : 0);
+    uint32_t raised = 0;
+    for (size_t bit = 0; bit < std::size(kinds); bit++)
+        raised |= (bits >> bit & 1u) << kinds[bit];
+    return raised;
+}
+
 static void take_group(const module_memory &memory, uint8_t group, dolm_ric_details_record &record)
 {
     const memory_view descriptors(memory, vdm_range(vdm_descriptors, group));
     const memory_view values(memory, vdm_range(vdm_values, group));
     const memory_view limits(memory, vdm_range(vdm_limits, group));
+    const memory_view flags(memory, vdm_flags_range);
     const auto read_at = memory.read_at(vdm_range(vdm_values, group));
     for (size_t row = 0; descriptors.was_read() && row < rows_of_group; row++) {
         if (descriptors.u8(129 + 2 * row) == 0)
@@ -140,6 +156,7 @@ static void take_group(const module_memory &memory, uint8_t group, dolm_ric_deta
         }
         dolm_ric_details_vdm &to = record.vdm[record.vdm_count++];
         take_row(descriptors, values, limits, row, to);
+        to.raised = raised_flags(flags, group * rows_of_group + row);
         to.read_at = read_at ? std::chrono::nanoseconds{read_at->time_since_epoch()}.count() : 0;
     }
 }
@@ -151,12 +168,15 @@ void take_vdm(const module_memory &memory, dolm_ric_details_record &record)
         record.vdm_state = record.lanes_state;
         return;
     }
-    const uint8_t groups = vdm_group_count(memory);
-    record.vdm_state = !has_vdm(memory) ? DOLM_RIC_VALUE_NOT_SUPPORTED
-                       : groups == 0    ? DOLM_RIC_VALUE_NOT_READ
-                                        : DOLM_RIC_VALUE_VALID;
-    for (uint8_t group = 0; has_vdm(memory) && group < groups; group++)
+    const uint8_t groups = has_vdm(memory) ? vdm_group_count(memory) : uint8_t{0};
+    bool are_known = !has_vdm(memory) || groups != 0; /* the descriptors of all groups */
+    for (uint8_t group = 0; group < groups; group++) {
         take_group(memory, group, record);
+        are_known &= memory.read_at(vdm_range(vdm_descriptors, group)).has_value();
+    }
+    record.vdm_state = record.vdm_count != 0 ? DOLM_RIC_VALUE_VALID
+                       : are_known           ? DOLM_RIC_VALUE_NOT_SUPPORTED
+                                             : DOLM_RIC_VALUE_NOT_READ;
 }
 
 } // namespace linux_board

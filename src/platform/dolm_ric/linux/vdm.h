@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* vdm - the versatile diagnostics of CMIS modules: up to four groups of 64 observed values, each
-   group with a page of descriptors, one of values and one of limits. Only running values are taken:
-   frozen ones need writes. Pure functions. */
+   group with a page of descriptors, one of values and one of limits; one page has the flags of all.
+   Only running values are taken: frozen ones need writes. Pure functions. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -18,6 +18,7 @@ constexpr uint8_t vdm_values = 0x24;
 constexpr uint8_t vdm_limits = 0x28;
 
 constexpr memory_range vdm_groups_range = {identity_address, 0, 0x2f, 128, 2};
+constexpr memory_range vdm_flags_range = {identity_address, 0, 0x2c, 128, 128};
 
 constexpr memory_range vdm_range(uint8_t first_page, uint8_t group)
 {

@@ -82,6 +82,7 @@ static void add_vdm(uint32_t kind, uint32_t lane, double value, int64_t now, rec
     row.side = DOLM_RIC_SIDE_MEDIA;
     row.lane = static_cast<uint8_t>(lane);
     row.state = DOLM_RIC_VALUE_VALID;
+    row.raised = DOLM_RIC_VDM_FLAGS_UNKNOWN;
     row.read_at = now;
     row.value = value;
     row.limits.state = DOLM_RIC_VALUE_NOT_SUPPORTED;
