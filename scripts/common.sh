@@ -7,6 +7,7 @@
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
                 libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev zlib1g-dev
                 libsqlite3-dev libjs-dygraphs)
+packages_debian=(debhelper dh-python dpkg-dev fakeroot python3)
 packages_run_linux=(iproute2)
 packages_test=(git libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3

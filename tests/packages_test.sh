@@ -2,14 +2,16 @@
 # SPDX-License-Identifier: Apache-2.0
 # The Debian packages in a root of their own, which has nothing but the base system: installed, used,
 # killed and started again, one board replaced by another, upgraded from version 1.0.0, purged. Needs
-# root, Debian's mirror and the tree's history; nothing is mounted.
+# root, Debian's mirror and the tree's history; nothing is mounted. With --debian the packages are those
+# of debian/ instead of CPack's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 . tests/expect.sh
 
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive
-root=$PWD/build/clean-root server=
+root=$PWD/build/clean-root built=packages server=
+[ "${1-}" != --debian ] || built=debian
 first=build/1.0.0 first_commit=1e6842f
 [ "$(id -u)" -eq 0 ] || fail "root is needed to install packages elsewhere"
 require_packages mmdebstrap dpkg-dev
@@ -53,7 +55,7 @@ purge_all() {
     [ -z "$left" ] || fail "left behind: $left"
 }
 
-scripts/build-packages >/dev/null
+"scripts/build-$built" >/dev/null
 if ! ls "$first"/build/packages/*.deb >/dev/null 2>&1; then
     say "building version 1.0.0 (once)"
     mkdir -p "$first"
@@ -63,7 +65,7 @@ fi
 rm -f "$root.log"
 make_clean_root "$root"
 mkdir -p "$root/packages/1.0.0"
-cp build/packages/*.deb "$root/packages/"
+cp "build/$built"/*.deb "$root/packages/"
 cp "$first"/build/packages/*.deb "$root/packages/1.0.0/"
 shopt -s extglob nullglob
 inside() { # FILE..: as the root sees them
