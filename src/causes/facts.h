@@ -36,9 +36,11 @@ struct facts {
     number device_others_fell, device_others_stayed;   /* ports of the same device */
     number machine_others_fell, machine_others_stayed; /* ports of other devices */
 
-    /* The kernel, in the message that told of the fall, or at most a second from it. */
+    /* The kernel. True only where its message is the one that told of the fall, or came before it;
+       what comes later may be the answer to the fall. Not known where messages were lost. */
     flag set_down; /* the interface was set down */
-    flag interface_removed, interface_moved, driver_unbound, device_reset;
+    flag interface_removed, interface_moved, driver_unbound;
+    flag device_reset;     /* the driver's own report of one; an uevent alone is none */
     flag settings_changed; /* somebody changed speed, negotiation or FEC within five seconds before
                             */
     text extended_state;   /* the kernel's name, such as "Autoneg" */

@@ -18,6 +18,8 @@ static constexpr double usual_low_alarm = -16;
 static constexpr double much_loss = 2;
 /* A laser that is off has a bias of some microamperes. */
 static constexpr double no_bias = 0.5;
+/* No module is too hot below; a table of zeros has no limit. */
+static constexpr double no_limit = 20;
 /* A swap by hand takes longer, and one that follows another cause takes much longer. */
 static constexpr double soonest_swap = 10;
 /* Forward error correction (RS) fails within a decade of this. */
@@ -40,9 +42,11 @@ static size_t count_on(const std::vector<double> &flags)
     return static_cast<size_t>(std::ranges::count_if(flags, [](double on) { return on > 0; }));
 }
 
+/* A table of zeros is none. */
 static double low_alarm(const facts &seen)
 {
-    return seen.rx_low_alarm.value_or(usual_low_alarm);
+    const double own = seen.rx_low_alarm.value_or(0);
+    return own < 0 ? own : usual_low_alarm;
 }
 
 sign was_set_down(const facts &seen)
@@ -93,12 +97,18 @@ sign fell_with_machine(const facts &seen)
                         *seen.machine_others_fell)};
 }
 
+/* What a bus gives that nobody drives, or a module without a number. */
+static bool is_serial(const std::string &read)
+{
+    return !read.empty() && std::ranges::all_of(read, [](char c) { return c > ' ' && c <= '~'; });
+}
+
 sign was_replaced(const facts &seen)
 {
     if (seen.present_before && !*seen.present_before && seen.present_after && !*seen.present_after)
         return {answer::no, ""};
-    if (!seen.serial_before || !seen.serial_after || seen.serial_before->empty() ||
-        seen.serial_after->empty())
+    if (!seen.serial_before || !seen.serial_after || !is_serial(*seen.serial_before) ||
+        !is_serial(*seen.serial_after))
         return {};
     if (*seen.serial_before == *seen.serial_after)
         return {answer::no, ""};
@@ -129,7 +139,7 @@ sign has_module_failed(const facts &seen)
 /* A module that is too hot by its own limit switches itself off. */
 sign is_module_hot(const facts &seen)
 {
-    if (!seen.temperature_before || !seen.temperature_high_alarm)
+    if (!seen.temperature_before || seen.temperature_high_alarm.value_or(0) <= no_limit)
         return {};
     return {to_answer(*seen.temperature_before >= *seen.temperature_high_alarm),
             fmt::format("It had {:.1f} degrees, its alarm limit is {:.1f}.",
@@ -181,9 +191,12 @@ sign has_faded(const facts &seen)
                         *seen.rx_lost_before, time)};
 }
 
-/* Lanes that were lit before, and are dark now. */
+/* Lanes that were lit before, and are dark now. A cable of copper that isn't known as one reads as
+   dark. */
 static std::optional<size_t> lanes_lost(const facts &seen, size_t &lanes)
 {
+    if (!seen.medium && !seen.rx_before)
+        return std::nullopt;
     if (seen.rx_after) {
         lanes = seen.rx_after->size();
         size_t lost = 0;

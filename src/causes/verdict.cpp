@@ -286,6 +286,9 @@ verdict judge(const facts &seen)
     return made;
 }
 
+/* The two ends of a link notice a fall within a second or two. */
+static constexpr double longest_apart = 30;
+
 static order order_of(const facts &here, const facts &there)
 {
     order who;
@@ -295,6 +298,7 @@ static order order_of(const facts &here, const facts &there)
     }
     const double apart = *here.time - *there.time,
                  bound = *here.clock_error_s + *there.clock_error_s;
+    who.is_one_fall = std::abs(apart) <= bound + longest_apart;
     who.is_known = std::abs(apart) > bound;
     who.here_first = apart < 0;
     who.sentence =
@@ -322,6 +326,11 @@ verdict judge_both(const facts &here, const facts &there, order &who)
     verdict made = judge(here);
     const verdict other = judge(there);
     who = order_of(here, there);
+    if (!who.is_one_fall) {
+        who.is_known = false;
+        who.sentence = "The records are of two falls: too much time lies between.";
+        return made;
+    }
     if (!is_open_question(made.cause))
         return made;
     if (other.side == side::local && !(who.is_known && who.here_first)) {

@@ -70,6 +70,7 @@ verdict judge(const facts &seen);
 
 /* Who of two ends fell first. */
 struct order {
+    bool is_one_fall = true;
     bool is_known = false; /* the clocks' bounds allow it */
     bool here_first = false;
     std::string sentence;

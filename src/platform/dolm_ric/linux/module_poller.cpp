@@ -25,11 +25,9 @@ static constexpr auto after_link_change = 500ms;
 static constexpr auto slow_piece = 25ms; /* 32 bytes need 3.5 ms at 100 kHz */
 static constexpr auto cheap_piece = 1ms; /* a failure that costs less needs no bus */
 
-/* A reading holds a lock of the kernel that others wait for. All ports together take a hundredth of
-   the time for it, those that are set apart half of that at most. It is looked at each half minute
-   what they took. */
+/* A reading holds a lock of the kernel that others wait for. All ports that aren't set apart take a
+   hundredth of the time for it together. It is looked at each half minute what they took. */
 static constexpr double share_of_all = 0.01;
-static constexpr int apart_pause = 200; /* times what the reading took */
 static constexpr auto share_window = 30s;
 
 /* Readings due so soon are made together with those due now, which saves wake-ups. */
@@ -316,19 +314,19 @@ void module_poller::set_paces(time_point now)
         return std::chrono::duration<double>(port.spent).count() / length * port.pace;
     };
     const auto counts = [](const polled &port) { return port.spent > duration(0); };
-    double left = share_of_all, wanted = 0, apart = 0;
+    double left = share_of_all, wanted = 0;
     const auto costly = std::ranges::count_if(
         ports_, [&](const auto &one) { return counts(one.second) && !one.second.is_apart; });
     const double equal = share_of_all / static_cast<double>(std::max<ptrdiff_t>(costly, 1));
     for (const auto &[number, port] : ports_) {
         if (port.is_apart)
-            apart += needs(port) / port.pace;
-        else if (needs(port) <= equal)
+            continue;
+        if (needs(port) <= equal)
             left -= needs(port);
         else
             wanted += needs(port);
     }
-    left = std::max(left - apart, equal);
+    left = std::max(left, equal);
     for (auto &[number, port] : ports_) {
         port.pace = needs(port) > equal ? std::max(wanted / left, 1.0) : 1;
         port.spent = duration(0);
@@ -397,12 +395,13 @@ void module_poller::take_result(const task &done)
     }
 }
 
-/* The ports that are set apart wait in proportion to what a reading cost, and briefly until each
-   has been looked at once. A slow one that only fails is asked rarely, since the kernel's lock is
-   held meanwhile. */
+/* The ports that are set apart wait in proportion to what a reading cost: briefly until each has
+   been looked at once, longest for one that is known to have nothing. A slow one that only fails is
+   asked rarely, since the kernel's lock is held meanwhile. */
 void module_poller::pause_apart(polled &port, bool was_known, bool slow, duration cost)
 {
-    apart_from_ = now_() + cost * (was_known ? apart_pause : 1);
+    const int share = !was_known ? 1 : port.where == stage::in_use ? 3 : 9;
+    apart_from_ = now_() + cost * share;
     if (slow && port.failures >= failures_when_broken && port.where == stage::empty &&
         !port.was_lost_lately(now_()))
         port.look_due = std::max(port.look_due, now_() + unlikely_interval);

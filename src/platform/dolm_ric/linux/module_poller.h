@@ -17,8 +17,8 @@
 
    Readings are made one at a time. A reading that fails slowly costs all ports time, so a port that
    fails so is set apart: such ports get a small share of the time. Of the others those whose
-   readings take long are read less often, so that all together take a hundredth of the time, as far
-   as their values stay young enough to be given out. */
+   readings take long are read less often, so that these together take a hundredth of the time, as
+   far as their values stay young enough to be given out. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
