@@ -18,7 +18,7 @@ namespace exporter
 /* Modules that came and went; a module's state takes some KiB for each lane. */
 static constexpr size_t most_followed = 1024;
 static constexpr double a_day = 86400;
-static constexpr int64_t longest_silence = 2 * 86400;
+static constexpr int64_t longest_silence = int64_t{2} * 86400;
 
 std::string lane_label(int lane)
 {
