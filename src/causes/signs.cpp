@@ -12,7 +12,7 @@ namespace causes
 
 /* Below the sensitivity of every receiver: what a photodiode without light measures. */
 static constexpr double dark = -30;
-/* Of an SFP's receiver without a limit of its own: 25 km of 10GBASE-LR end at -14.4 dBm. */
+/* Of a receiver without a limit of its own, a little below what 10GBASE-LR asks for: -14.4 dBm. */
 static constexpr double usual_low_alarm = -16;
 /* More than a connector that is moved, less than half of a link's usual margin. */
 static constexpr double much_loss = 2;
@@ -74,27 +74,24 @@ sign was_reset(const facts &seen)
     return of_flag(seen.device_reset, "The driver reset the device.");
 }
 
+/* `sentence` takes the number of those that fell. */
+static sign did_all_fall(const number &fell, const number &stayed, const char *sentence)
+{
+    if (!fell || (*fell >= 1 && !stayed))
+        return {};
+    return {to_answer(*fell >= 1 && *stayed == 0), fmt::format(fmt::runtime(sentence), *fell)};
+}
+
 sign fell_with_device(const facts &seen)
 {
-    if (!seen.device_others_fell)
-        return {};
-    if (*seen.device_others_fell >= 1 && !seen.device_others_stayed)
-        return {};
-    const bool is = *seen.device_others_fell >= 1 && *seen.device_others_stayed == 0;
-    return {to_answer(is), fmt::format("All ports of the device fell within a second: {:.0f} more.",
-                                       *seen.device_others_fell)};
+    return did_all_fall(seen.device_others_fell, seen.device_others_stayed,
+                        "All ports of the device fell within a second: {:.0f} more.");
 }
 
 sign fell_with_machine(const facts &seen)
 {
-    if (!seen.machine_others_fell)
-        return {};
-    if (*seen.machine_others_fell >= 1 && !seen.machine_others_stayed)
-        return {};
-    const bool is = *seen.machine_others_fell >= 1 && *seen.machine_others_stayed == 0;
-    return {to_answer(is),
-            fmt::format("All ports of other devices fell within the same second, too: {:.0f}.",
-                        *seen.machine_others_fell)};
+    return did_all_fall(seen.machine_others_fell, seen.machine_others_stayed,
+                        "All ports of other devices fell within the same second, too: {:.0f}.");
 }
 
 /* What a bus gives that nobody drives, or a module without a number. */
@@ -335,9 +332,6 @@ std::vector<std::string> conflicts_of(const facts &seen)
          "The module was gone and was read within a second.");
     both(is_yes(is_module_gone(seen)) && seen.state_after.value_or("") == "ready",
          "A module that is gone can't be ready.");
-    both(is_yes(has_faded(seen)) && seen.rx_before && seen.rx_again &&
-             *seen.rx_again >= *seen.rx_before && seen.rx_before->front() > low_alarm(seen) + 6,
-         "The light faded, and was far above its limit.");
     both(seen.bias_after && seen.tx_after && seen.bias_after->front() <= no_bias &&
              seen.tx_after->front() > -10,
          "A laser without current can't send.");

@@ -108,11 +108,6 @@ static history::record record_of(const port_state &port)
     return made;
 }
 
-static double to_microwatts(double milliwatts)
-{
-    return 1000 * milliwatts;
-}
-
 /* Not a number where it isn't there. */
 static double number_of(const dolm_ric_details_value &its)
 {
@@ -121,9 +116,8 @@ static double number_of(const dolm_ric_details_value &its)
 
 static int16_t power_of(history::measure what, const dolm_ric_details_value &its)
 {
-    const double microwatts = to_microwatts(number_of(its));
-    return microwatts > 0 ? history::stored(what, 10 * std::log10(microwatts / 1000))
-                          : history::absent;
+    const double milliwatts = number_of(its);
+    return milliwatts > 0 ? history::stored(what, 10 * std::log10(milliwatts)) : history::absent;
 }
 
 /* Before correction, of the lane's light; the average where the module has it. */

@@ -10,11 +10,11 @@
 
 #include "platform/dolm_ric/new_file.h"
 #include "util/boot_clock.h"
+#include "util/thread.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -321,20 +321,15 @@ bool port_details::make_file()
     return false;
 }
 
-/* The signal mask is inherited: no signal reaches the thread. */
 void port_details::start_thread()
 {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const util::blocked_signals blocked;
     try {
         thread_ = std::thread([this] { run(); });
         pthread_setname_np(thread_.native_handle(), "port-details");
     } catch (const std::exception &error) {
         fprintf(stderr, "libdolm_ric: no details of ports: no thread for them: %s\n", error.what());
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void port_details::start(const std::string &path)

@@ -3,8 +3,9 @@
    make its descriptors readable; stop() sets the flag, wakes the thread and joins it. */
 #include "platform/dolm_ric/linux/worker.h"
 
+#include "util/thread.h"
+
 #include <cerrno>
-#include <csignal>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -37,21 +38,11 @@ worker::~worker()
     close(stop_fd_);
 }
 
-/* The mask is inherited, so that no signal can hit the thread before it blocks them. */
 void worker::start(const char *name, std::function<void()> run)
 {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    try {
-        thread_ = std::thread(std::move(run));
-        pthread_setname_np(thread_.native_handle(), name);
-    } catch (...) {
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-        throw;
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    const util::blocked_signals blocked;
+    thread_ = std::thread(std::move(run));
+    pthread_setname_np(thread_.native_handle(), name);
 }
 
 void worker::stop()
