@@ -154,16 +154,18 @@ void light_trail::tell(int64_t since, int64_t before, causes::facts &seen) const
 {
     constexpr double ns = 1e9;
     const reading *last = nullptr, *best = nullptr;
+    size_t looks = 0;
     for (size_t back = 1; back <= count_; back++) {
         const reading &one = readings_[(next_ + most - back) % most];
         if (one.at > before || one.at < since)
             continue;
+        looks++;
         if (last == nullptr)
             last = &one;
         if (best == nullptr || one.dbm > best->dbm)
             best = &one;
     }
-    if (last == nullptr || last == best)
+    if (looks < 2)
         return;
     seen.rx_lost_before = hundredths(best->dbm - last->dbm);
     seen.lost_in_s = hundredths(static_cast<double>(last->at - best->at) / ns);
@@ -219,7 +221,7 @@ void tell_before(const module_sample &before, causes::facts &seen)
 
 /* Whether a module is there is told by the first look alone; a module that is there later, in the
    place of one that was gone, has a serial number, and its light says nothing of the fall. */
-void tell_after(const module_sample &after, double age, causes::facts &seen)
+void tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen)
 {
     const bool is_first = !seen.present_after;
     if (is_first)
@@ -230,7 +232,7 @@ void tell_after(const module_sample &after, double age, causes::facts &seen)
     }
     const bool is_the_same = seen.present_after.value_or(false) &&
                              seen.serial_before.value_or("") == seen.serial_after.value_or("");
-    if (!is_first || !is_the_same)
+    if (!is_first || !is_the_same || !is_down)
         return;
     seen.state_after = state_text(after.module_state);
     seen.rx_after = values_of(after, DOLM_RIC_RX_POWER);

@@ -67,9 +67,10 @@ class light_trail
     size_t count_ = 0, next_ = 0;
 };
 
-/* The last look before the fall, and the first one after it at `age` seconds. */
+/* The last look before the fall, and the first one after it at `age` seconds; its values count only
+   if the link was still down. */
 void tell_before(const module_sample &before, causes::facts &seen);
-void tell_after(const module_sample &after, double age, causes::facts &seen);
+void tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen);
 /* The first one while the link was up again. */
 void tell_again(const module_sample &again, causes::facts &seen);
 

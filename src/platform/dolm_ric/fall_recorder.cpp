@@ -220,7 +220,8 @@ void fall_recorder::rise(port_watch &its, int64_t at)
     its.open->seen.is_up = true;
     its.open->seen.down_for_s = seconds_of(at - its.open->last_at);
     its.open->is_changed = true;
-    its.open->due = std::max(its.open->due, at + risen_after);
+    if (its.open->looks == std::size(looks_at))
+        its.open->due = at + risen_after;
 }
 
 /* A look is new if it has newer values or finds another module, or none. */
@@ -251,10 +252,8 @@ void fall_recorder::take_look(fall &open, module_sample found)
     if (open.lanes != 0 && found.lanes.size() != open.lanes)
         found.lanes.clear();
     open.lanes = std::max(open.lanes, found.lanes.size());
-    if (open.up_at == 0)
-        tell_after(found, static_cast<double>(found.at - open.at) / static_cast<double>(second),
-                   open.seen);
-    else if (found.at > open.up_at && !open.seen.rx_again)
+    tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
+    if (open.up_at != 0 && found.at > open.up_at && !open.seen.rx_again)
         tell_again(found, open.seen);
     open.is_changed = true;
     if (open.looks == std::size(looks_at))
@@ -410,7 +409,8 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
     const bool has_risen = open->up_at != 0 && now >= open->up_at + risen_after;
     if (has_risen)
         tell_link_after(ports_.at(port).link, open->seen);
-    open->due = open->up_at != 0 ? open->up_at + closed_after : INT64_MAX;
+    open->due = open->up_at == 0 ? INT64_MAX
+                                 : open->up_at + (has_risen ? closed_after : risen_after);
     if (open->is_changed && !write(port, *open, guard))
         open->due = now + retry_after;
     else if (has_risen && now >= open->up_at + closed_after && ports_.at(port).open == open)
@@ -467,7 +467,7 @@ void fall_recorder::run()
     }
 }
 
-void fall_recorder::start(const std::string &folder, looker look)
+void fall_recorder::start(const std::string &folder, looker look, bool has_thread)
 {
     folder_ = folder;
     look_ = std::move(look);
@@ -478,6 +478,12 @@ void fall_recorder::start(const std::string &folder, looker look)
         const std::lock_guard guard(lock_);
         is_on_ = true;
     }
+    if (has_thread)
+        start_thread();
+}
+
+void fall_recorder::start_thread()
+{
     const util::blocked_signals blocked;
     try {
         thread_ = std::thread([this] { run(); });
@@ -497,9 +503,8 @@ void fall_recorder::stop() noexcept
         is_stopping_ = true;
     }
     changed_.notify_one();
-    if (!thread_.joinable())
-        return;
-    thread_.join();
+    if (thread_.joinable())
+        thread_.join();
     try {
         std::unique_lock guard(lock_);
         for (const uint32_t port : busy_) {

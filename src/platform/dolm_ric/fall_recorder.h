@@ -59,8 +59,9 @@ class fall_recorder
     fall_recorder &operator=(const fall_recorder &) = delete;
     ~fall_recorder();
 
-    /* Falls are recorded from now on, in `folder`, which is made. */
-    void start(const std::string &folder, looker look);
+    /* Falls are recorded from now on, in `folder`, which is made. Without a thread of its own
+       somebody else calls work(). */
+    void start(const std::string &folder, looker look, bool has_thread = true);
     /* Writes what is open. */
     void stop() noexcept;
 
@@ -121,6 +122,7 @@ class fall_recorder
     bool write_closed(uint32_t port, std::unique_lock<std::mutex> &guard);
     void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
     int64_t work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
+    void start_thread();
     void run();
 
     const fall_rules rules_;
