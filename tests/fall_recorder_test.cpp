@@ -185,8 +185,8 @@ static const struct {
      "set down, likely"},
     {"its driver may have gone", [](auto &at) { at.leave(0, departure::removed); },
      "interface gone, likely"},
-    {"it isn't there any more when all are read",
-     [](auto &at) { at.leave(0, departure::unknown); }, "not known, possible"},
+    {"it isn't there any more when all are read", [](auto &at) { at.leave(0, departure::unknown); },
+     "not known, possible"},
     {"the light is gone",
      [](auto &at) {
          at.drop(0);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fall_files - the files with the falls of ports: in one folder, each with the number of its port as
-   name and a JSON object of facts in each line, the newest last. One thread for each folder. */
+/* fall_files - the files with the falls of ports: in one folder, each with the number of its port
+   as name and a JSON object of facts in each line, the newest last. One thread for each folder. */
 #pragma once
 
 #include <cstddef>

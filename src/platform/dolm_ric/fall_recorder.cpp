@@ -11,10 +11,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <chrono>
 #include <exception>
 #include <iterator>
 #include <new>
@@ -38,8 +38,8 @@ static constexpr int64_t burst_gap = 10 * second, longest_burst = minute;
 /* Ports that fall together are reported within this. */
 static constexpr int64_t together = second;
 
-/* An interface is set down in the same run of the kernel in which it is removed or moved. What comes
-   later was another deed. */
+/* An interface is set down in the same run of the kernel in which it is removed or moved. What
+   comes later was another deed. */
 static constexpr int64_t same_deed = 250 * ms;
 
 /* When a link that is up again is looked at, and when its record is closed. */
@@ -227,7 +227,8 @@ void fall_recorder::rise(port_watch &its, int64_t at)
 /* A look is new if it has newer values or finds another module, or none. */
 void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &record, int64_t now)
 {
-    const bool is_other = record.presence != its.last.presence || its.last.serial != serial_in(record);
+    const bool is_other =
+        record.presence != its.last.presence || its.last.serial != serial_in(record);
     const int64_t read_at = values_read_at(record);
     if (!is_other && read_at <= its.last.at)
         return;
@@ -409,8 +410,8 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
     const bool has_risen = open->up_at != 0 && now >= open->up_at + risen_after;
     if (has_risen)
         tell_link_after(ports_.at(port).link, open->seen);
-    open->due = open->up_at == 0 ? INT64_MAX
-                                 : open->up_at + (has_risen ? closed_after : risen_after);
+    open->due =
+        open->up_at == 0 ? INT64_MAX : open->up_at + (has_risen ? closed_after : risen_after);
     if (open->is_changed && !write(port, *open, guard))
         open->due = now + retry_after;
     else if (has_risen && now >= open->up_at + closed_after && ports_.at(port).open == open)

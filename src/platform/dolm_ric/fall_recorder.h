@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fall_recorder - keeps the facts of the last falls of each port's link in files, one for each port,
-   for docs/causes.md. Both board libraries have one.
+/* fall_recorder - keeps the facts of the last falls of each port's link in files, one for each
+   port, for docs/causes.md. Both board libraries have one.
 
    It sees each change of a port's details, and remembers the last looks before a fall. A thread of
    its own asks what else there is to know, at the fall, 200 ms and 2 s later, since drivers fill

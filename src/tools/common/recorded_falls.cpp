@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A file is read whole, up to a bound, and taken apart; what is wrong in it is named by its place. */
+/* A file is read whole, up to a bound, and taken apart; what is wrong in it is named by its place.
+ */
 #include "tools/common/recorded_falls.h"
 
 #include "causes/facts_json.h"
@@ -25,8 +26,8 @@ static constexpr size_t largest_file = size_t{16} << 20;
 
 static std::string read_whole(const std::string &path)
 {
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(path == "-" ? stdin : fopen(path.c_str(), "re"),
-                                                      [](FILE *open) { return fclose(open); });
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(
+        path == "-" ? stdin : fopen(path.c_str(), "re"), [](FILE *open) { return fclose(open); });
     const auto fail = [&](const char *why) {
         throw tool_error(exit_code::rejected, fmt::format("{}: {}", escape(path), why));
     };
@@ -99,21 +100,22 @@ std::string falls_folder()
 static tool_error no_folder(const std::string &folder)
 {
     if (folder.empty())
-        return {exit_code::no_server,
-                "MBX_DIR selects a server of its own: DOLM_RIC_DETAILS or DOLM_RIC_PORT_MAP say where "
-                "its board records falls"};
+        return {
+            exit_code::no_server,
+            "MBX_DIR selects a server of its own: DOLM_RIC_DETAILS or DOLM_RIC_PORT_MAP say where "
+            "its board records falls"};
     const int error = errno;
-    return {exit_code::no_server,
-            fmt::format("{}: {}: is the server running, and does its board record falls?{}",
-                        escape(folder), std::strerror(error),
-                        error == EACCES ? " \"teskctl doctor\" says which group may read them" : "")};
+    return {
+        exit_code::no_server,
+        fmt::format("{}: {}: is the server running, and does its board record falls?{}",
+                    escape(folder), std::strerror(error),
+                    error == EACCES ? " \"teskctl doctor\" says which group may read them" : "")};
 }
 
 std::vector<uint32_t> ports_with_falls(const std::string &folder)
 {
-    const std::unique_ptr<DIR, int (*)(DIR *)> open(folder.empty() ? nullptr
-                                                                   : opendir(folder.c_str()),
-                                                    [](DIR *its) { return closedir(its); });
+    const std::unique_ptr<DIR, int (*)(DIR *)> open(
+        folder.empty() ? nullptr : opendir(folder.c_str()), [](DIR *its) { return closedir(its); });
     if (open == nullptr)
         throw no_folder(folder);
     std::vector<uint32_t> ports;
@@ -145,8 +147,7 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no)
     return facts_of_text(path, read_whole(fmt::format("/proc/self/fd/{}", file.get())));
 }
 
-json_object json_of(const causes::facts &seen, const causes::verdict &its,
-                           const causes::order *who)
+json_object json_of(const causes::facts &seen, const causes::verdict &its, const causes::order *who)
 {
     json_object object = {
         {"cause", name_of(its.cause)},

@@ -29,4 +29,5 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no)
 std::vector<causes::facts> facts_in(const std::string &path);
 
 /* `who` is null where the other end isn't known. */
-json_object json_of(const causes::facts &seen, const causes::verdict &its, const causes::order *who);
+json_object json_of(const causes::facts &seen, const causes::verdict &its,
+                    const causes::order *who);

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the falls come from a file, or from those that the board records of ports; they are
-   judged and shown, newest first, and their facts are written to a file where that is asked for. */
+/* Order of work: the falls come from a file, or from those that the board records of ports; they
+   are judged and shown, newest first, and their facts are written to a file where that is asked
+   for. */
 #include "causes/facts_json.h"
 #include "causes/verdict.h"
 #include "tools/common/clock.h"
@@ -103,9 +104,10 @@ exit_code run_why(const settings &common, const why_options &options)
     const auto others =
         options.other_end.empty() ? std::vector<causes::facts>{} : facts_in(options.other_end);
     if (!others.empty() && (others.size() != 1 || falls.size() != 1))
-        throw tool_error(exit_code::usage,
-                         "--other-end joins two records of one fall: one in its file, and one here, "
-                         "as with --last 1");
+        throw tool_error(
+            exit_code::usage,
+            "--other-end joins two records of one fall: one in its file, and one here, "
+            "as with --last 1");
     if (falls.empty() && !common.json && is_whole)
         write_text("No fall is recorded.\n");
     for (const causes::facts &seen : falls) {

@@ -59,8 +59,8 @@ struct link_speed {
     uint32_t fec = 0; /* the active one as enum dolm_ric_details_fec; 0 if it isn't known */
 };
 
-/* A notice was sent by the kernel of its own accord and may be older than an answer, which is always
-   the state of that moment. Before a late notice others were lost. */
+/* A notice was sent by the kernel of its own accord and may be older than an answer, which is
+   always the state of that moment. Before a late notice others were lost. */
 enum class report_origin : uint8_t { notice, late_notice, answer };
 
 /* Called in the thread that passes the reports in. */
@@ -134,8 +134,7 @@ class link_table
     /* Whether a port's link is operational and its speed isn't known, or is old. */
     bool is_speed_wanted(int32_t index, time_point now) const;
     /* The interface is gone. */
-    void forget(int32_t index, time_point now,
-                board::departure how = board::departure::unknown);
+    void forget(int32_t index, time_point now, board::departure how = board::departure::unknown);
 
     /* Ports whose interface isn't reported between the two calls have lost it. */
     void begin_dump();

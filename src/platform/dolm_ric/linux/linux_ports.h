@@ -87,8 +87,8 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     void look_at_fall(uint32_t number, causes::facts &seen);
     void report_ports();
 
-    void link_reported(uint32_t number, const link_report &now, uint32_t falls,
-                       uint32_t rises, report_origin from) override;
+    void link_reported(uint32_t number, const link_report &now, uint32_t falls, uint32_t rises,
+                       report_origin from) override;
     void interface_leaves(uint32_t number, board::departure how) override;
     void speed_reported(uint32_t number, const link_speed &now) override;
     void link_changed(uint32_t number, const link_values &now) override;
