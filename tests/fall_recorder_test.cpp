@@ -16,6 +16,7 @@
 using namespace board;
 namespace fs = std::filesystem;
 
+static constexpr uint32_t all_ports[] = {0, 1, 2};
 static constexpr int64_t ms = 1'000'000, second = 1000 * ms;
 
 namespace
@@ -27,7 +28,7 @@ struct fall_recorder_test : testing::Test {
     {
         make_falls_folder(folder);
         recorder.start(folder, {}, false);
-        for (const uint32_t port : {0, 1, 2})
+        for (const uint32_t port : all_ports)
             plug(port, "A1");
         pass(60 * second);
     }
@@ -94,7 +95,7 @@ struct fall_recorder_test : testing::Test {
     {
         for (const int64_t end = now + time; now < end;) {
             now += std::min(end - now, 4 * second);
-            for (const uint32_t port : {0, 1, 2})
+            for (const uint32_t port : all_ports)
                 if (record_of(port).link.oper == DOLM_RIC_SWITCH_UP)
                     read(port, power);
             recorder.work();
@@ -258,7 +259,7 @@ static const struct {
      "not known, possible"},
     {"all ports of all devices fall",
      [](auto &at) {
-         for (const uint32_t port : {0, 1, 2})
+         for (const uint32_t port : all_ports)
              at.drop(port);
          at.read(0, 0.5);
      },
@@ -281,7 +282,7 @@ TEST_F(fall_recorder_test, each_fall_has_its_verdict)
         SCOPED_TRACE(its.name);
         fs::remove(folder + "/0");
         plug(0, "A1");
-        for (const uint32_t port : {0, 1, 2})
+        for (const uint32_t port : all_ports)
             set_link(port, true, true);
         pass(200 * second);
         its.happens(*this);

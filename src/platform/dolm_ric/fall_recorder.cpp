@@ -450,14 +450,20 @@ int64_t fall_recorder::work()
     return next_;
 }
 
+/* Without memory it is tried again. */
+int64_t fall_recorder::work_or_retry()
+{
+    try {
+        return work();
+    } catch (const std::exception &) {
+        return now_() + retry_after;
+    }
+}
+
 void fall_recorder::run()
 {
     while (true) {
-        int64_t next = now_() + retry_after;
-        try {
-            next = work();
-        } catch (const std::exception &) { /* no memory: later */
-        }
+        const int64_t next = work_or_retry();
         std::unique_lock guard(lock_);
         if (is_stopping_)
             return;

@@ -122,6 +122,7 @@ class fall_recorder
     bool write_closed(uint32_t port, std::unique_lock<std::mutex> &guard);
     void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
     int64_t work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
+    int64_t work_or_retry();
     void start_thread();
     void run();
 
