@@ -254,7 +254,7 @@ void fall_recorder::take_look(fall &open, module_sample found)
         found.lanes.clear();
     open.lanes = std::max(open.lanes, found.lanes.size());
     tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
-    if (open.up_at != 0 && found.at > open.up_at && !open.seen.rx_again)
+    if (open.up_at != 0 && found.at >= open.up_at && !open.seen.rx_again)
         tell_again(found, open.seen);
     open.is_changed = true;
     if (open.looks == std::size(looks_at))

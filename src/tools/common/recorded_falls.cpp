@@ -49,9 +49,14 @@ static std::vector<causes::facts> facts_of_text(const std::string &path, const s
 {
     std::vector<causes::facts> found;
     std::string place;
-    const auto take = [&](const json_object &each) { found.push_back(causes::facts_from(each)); };
+    const auto take = [&](const json_object &each) {
+        const bool is_judged = each.is_object() && each.contains("facts");
+        found.push_back(causes::facts_from(is_judged ? each.at("facts") : each));
+    };
     try {
-        const json_object whole = json_object::parse(text, nullptr, false);
+        json_object whole = json_object::parse(text, nullptr, false);
+        if (whole.is_object() && whole.contains("falls"))
+            whole = json_object(whole.at("falls"));
         if (whole.is_array()) {
             for (const json_object &each : whole) {
                 place = fmt::format("fall {}: ", found.size() + 1);

@@ -24,8 +24,8 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder);
 std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no);
 
 /* The facts in a file, "-" for standard input: an object, a list of objects, or an object in each
-   line. Throws a tool_error that names the file and the place where it is wrong, or that it has
-   none. */
+   line; what json_of() and the exporter write, too. Throws a tool_error that names the file and the
+   place where it is wrong, or that it has none. */
 std::vector<causes::facts> facts_in(const std::string &path);
 
 /* `who` is null where the other end isn't known. */

@@ -45,6 +45,8 @@ static std::string text_of(const causes::facts &seen, const causes::verdict &its
     for (const std::string &each : its.evidence)
         add("", each);
     add("", order);
+    if (seen.is_up.value_or(false) && seen.down_for_s)
+        add("", fmt::format("It was up again after {} s.", *seen.down_for_s));
     for (const std::string &each : its.conflicts)
         add("In conflict: ", each);
     for (const std::string &each : its.ill)
