@@ -206,7 +206,7 @@ flaps_are_counted() {
     kill $watcher
 }
 
-set_light() { printf "$2" | dd of=$cages/cage$1/a2 bs=1 seek=104 conv=notrunc 2>/dev/null; } # CAGE BYTES
+darken() { dd if=/dev/zero of=$cages/cage$1/a2 bs=1 seek=104 count=2 conv=notrunc 2>/dev/null; } # CAGE
 
 # A look that is young enough to say something, and old enough to be from before the fall.
 was_looked_at() { [ "$(cat $cages/cage4/reads)" -gt $(($1 + 4)) ]; }
@@ -234,7 +234,7 @@ all_is_well() {
 falls_are_explained() {
     all_is_well
     ip link set cage0 down
-    set_light 1 '\0\0' && set_cage 1 carrier 0
+    darken 1 && set_cage 1 carrier 0
     set_cage 2 ext_state 0
     set_cage 2 carrier 0
     unshare -n sleep 4 &
@@ -252,7 +252,7 @@ falls_are_explained() {
     set_cage 2 carrier 0
     usleep 100000
     ip link set cage2 down
-    for round in 1 2 3; do
+    for _ in 1 2 3; do
         set_cage 4 carrier 0
         usleep 300000
         set_cage 4 carrier 1
