@@ -53,7 +53,6 @@ static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
 static constexpr auto time_to_answer = 1ms;
 static constexpr int ungreeted_at_most = 16; /* of one process */
-static constexpr int wordless_at_most = 20;  /* in a row, of one process */
 
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
@@ -65,30 +64,17 @@ static std::optional<offer> prepared;
 static std::vector<std::pair<uint32_t, uint32_t>> accepted; /* mailbox's slot, connection */
 static time_point later = time_point::max();                /* when these two are seen to */
 
-static void complain_about_old_wire(const peer_identity &peer)
+static void complain_about_greeting(const peer_identity &peer)
 {
     static time_point next;
     const time_point now = std::chrono::steady_clock::now();
     if (now < next)
         return;
     next = now + time_to_complain;
-    fprintf(
-        stderr,
-        "libmbx: process %d speaks the wire of libmbx 1.0.0, which this version does not: update "
-        "its library and start it again\n",
-        static_cast<int>(peer.process));
-}
-
-/* Where the kernel refuses the descriptor in its greeting, a client with libmbx 1.0.0 hangs up
-   without a word, and tries again. */
-static bool is_old_wire(const newcomer &n, heard what)
-{
-    static int64_t last;
-    static int times;
-    if (n.peer.key() != last || what != heard::end)
-        times = 0;
-    last = n.peer.key();
-    return what == heard::old_wire || (what == heard::end && ++times >= wordless_at_most);
+    fprintf(stderr,
+            "libmbx: process %d sent a greeting that this version of the library can't read; if it "
+            "has another version, update that and start the process again\n",
+            static_cast<int>(peer.process));
 }
 
 /* Empty, with errno, when the system refuses a part. */
@@ -178,8 +164,8 @@ static bool try_greeting(newcomer &n)
         return false;
     if (n.is_watched)
         helper_unwatch(n.control.get());
-    if (is_old_wire(n, hello.what))
-        complain_about_old_wire(n.peer);
+    if (hello.what == heard::foreign)
+        complain_about_greeting(n.peer);
     if (hello.what == heard::greeting && hello.kind == greeting_kind::hello)
         welcome(n, hello);
     if (n.control)

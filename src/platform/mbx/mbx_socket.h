@@ -37,7 +37,7 @@ bool send_greeting(int control, greeting_kind kind, const mailbox_token &token,
 enum class heard {
     nothing,  /* nothing has come yet */
     greeting, /* a proper one */
-    old_wire, /* the greeting of libmbx 1.0.0 */
+    foreign,  /* begins as no greeting of this version does */
     end,      /* the other side has closed the connection */
     nonsense, /* anything else */
 };
