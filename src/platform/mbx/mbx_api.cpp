@@ -103,7 +103,7 @@ static uint32_t monitor_local(mailbox &target, uint32_t id, uint32_t watcher, bl
     {
         std::lock_guard hold(target.lock);
         if (target.id == id) {
-            target.watchers.push(notice);
+            target.watchers.push_back(*notice);
             return reference;
         }
     }
@@ -115,12 +115,10 @@ static void unmonitor_local(uint32_t reference)
 {
     for_each_mailbox([&](mailbox &m) {
         std::lock_guard hold(m.lock);
-        block *before = nullptr;
-        for (block *b = m.watchers.head; b; before = b, b = b->next)
-            if (b->word.load(std::memory_order_relaxed) == reference) {
-                block_give(m.watchers.remove_after(before));
-                return;
-            }
+        block *found = m.watchers.take_if(
+            [=](const block &b) { return b.word.load(std::memory_order_relaxed) == reference; });
+        if (found)
+            block_give(found);
     });
 }
 

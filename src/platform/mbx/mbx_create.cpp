@@ -22,7 +22,7 @@ static bool is_name_ours(const char *name)
 
 static void notify_watchers(mailbox &m, uint32_t id)
 {
-    while (block *notice = m.watchers.pop())
+    while (block *notice = m.watchers.pop_front())
         push_local(notice->sender, notice, id);
 }
 
@@ -120,6 +120,6 @@ void forget_mailbox(mailbox &m)
         c.control.reset();
     });
     m.connections.clear();
-    m.watchers.give_all();
+    give_all(m.watchers);
     m.in.close(true);
 }

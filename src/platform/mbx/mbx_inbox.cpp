@@ -44,14 +44,14 @@ static bool is_forged(const block *b)
     return b->number() == MBX_MONITOR_DEFAULT_NO;
 }
 
-static bool matches(const block *b, const uint32_t *filter, uint32_t sender)
+static bool matches(const block &b, const uint32_t *filter, uint32_t sender)
 {
-    if (sender != MBX_ANY_SENDER && b->sender != sender)
+    if (sender != MBX_ANY_SENDER && b.sender != sender)
         return false;
     if (!filter || filter[0] == 0)
         return true;
     const uint32_t *end = filter + 1 + filter[0];
-    return std::find(filter + 1, end, b->number()) != end;
+    return std::find(filter + 1, end, b.number()) != end;
 }
 
 bool inbox::add_event(int fd, uint32_t events, uint32_t id)
@@ -81,11 +81,18 @@ void inbox::show()
     raise(!line_.is_empty() || !set_aside_.is_empty());
 }
 
+void inbox::line_up(source &s)
+{
+    s.is_in_line = true;
+    line_.push_back(s);
+}
+
 /* For a source that has something now: its turn comes before the next look. */
 void inbox::enter(source &s)
 {
     if (s.is_in_line)
         return;
+    s.is_in_line = true;
     line_.push_front(s);
     round_++;
     show();
@@ -93,14 +100,16 @@ void inbox::enter(source &s)
 
 void inbox::take_events(const epoll_event *events, int count)
 {
-    turn_line fresh;
+    fifo<source> fresh;
     for (int i = 0; i < count; i++) {
         const uint32_t id = events[i].data.u32;
         source *s = sources_.find(id);
         if (id == local_id && (events[i].events & EPOLLIN))
             s = &local_source_;
-        if (s && !s->is_in_line)
-            fresh.push_back(*s);
+        if (!s || s->is_in_line)
+            continue;
+        s->is_in_line = true;
+        fresh.push_back(*s);
     }
     line_.prepend(fresh);
 }
@@ -157,9 +166,9 @@ block *inbox::take_local()
             b = older;
         }
         while (oldest)
-            local_.push(std::exchange(oldest, oldest->next));
+            local_.push_back(*std::exchange(oldest, oldest->next));
     }
-    return local_.pop();
+    return local_.pop_front();
 }
 
 /* The source may be gone on return. */
@@ -191,7 +200,7 @@ block *inbox::take_living(source &s)
     b->sender = s.id;
     const bool is_empty = s.ring.is_empty();
     if (!is_empty || !s.ring.rest())
-        line_.push_back(s);
+        line_up(s);
     if ((is_empty || asks) && s.ring.has_hungry_sender())
         owner_.report_room(owner_.self, s.id);
     if (s.ring.touched() > 0)
@@ -216,12 +225,12 @@ block *inbox::take_ended(source &s)
         if (s.ring.touched() > 0)
             count_received(s);
     } else {
-        b = s.notices.pop();
+        b = s.notices.pop_front();
     }
     if (!b)
         b = empty_signal(s.id);
     if (s.ring.unread() > 0 || !s.notices.is_empty())
-        line_.push_back(s);
+        line_up(s);
     else
         remove(s);
     return b;
@@ -248,18 +257,16 @@ block *inbox::next(bool waits)
                 return nullptr;
         }
         round_--;
-        if (block *b = take_from(line_.pop_front()))
+        source &s = *line_.pop_front();
+        s.is_in_line = false;
+        if (block *b = take_from(s))
             return b;
     }
 }
 
 block *inbox::take_set_aside(const uint32_t *filter, uint32_t sender)
 {
-    block *before = nullptr;
-    for (block *b = set_aside_.head; b; before = b, b = b->next)
-        if (matches(b, filter, sender))
-            return set_aside_.remove_after(before);
-    return nullptr;
+    return set_aside_.take_if([=](const block &b) { return matches(b, filter, sender); });
 }
 
 /* Signals that don't match stay in the mailbox, in their order and before all later ones. */
@@ -269,9 +276,9 @@ block *inbox::take_matching(const uint32_t *filter, uint32_t sender, bool waits)
         return b;
     for (;;) {
         block *b = next(waits);
-        if (!b || matches(b, filter, sender))
+        if (!b || matches(*b, filter, sender))
             return b;
-        set_aside_.push(b);
+        set_aside_.push_back(*b);
     }
 }
 
@@ -312,10 +319,10 @@ void inbox::close(bool is_child)
     openings_++;
     for (block *b = pushed_.exchange(nullptr); b;)
         block_give(std::exchange(b, b->next));
-    local_.give_all();
-    set_aside_.give_all();
+    give_all(local_);
+    give_all(set_aside_);
     sources_.for_each([&](source &s) {
-        s.notices.give_all();
+        give_all(s.notices);
         if (is_child)
             s.area->forget();
         else if (s.area)
@@ -425,7 +432,7 @@ void inbox::end(uint32_t id, block *notice)
     s->is_ended = true;
     keep_unread(*s);
     if (notice)
-        s->notices.push(notice);
+        s->notices.push_back(*notice);
     const bool has_something = s->ring.unread() > 0 || notice;
     if (has_something) {
         enter(*s);
@@ -445,7 +452,7 @@ bool inbox::add_notice(uint32_t id, block *notice)
     source *s = sources_.find(id);
     if (!s)
         return false;
-    s->notices.push(notice);
+    s->notices.push_back(*notice);
     enter(*s);
     return true;
 }
