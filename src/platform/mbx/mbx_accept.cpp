@@ -51,7 +51,6 @@ using namespace std::chrono_literals;
 static constexpr auto time_to_greet = 2s;
 static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
-static constexpr auto time_to_answer = 1ms;
 static constexpr int ungreeted_at_most = 16; /* of one process */
 
 /* Guarded by helper_lock. */
@@ -59,10 +58,6 @@ static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_number;
 static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
 static time_point retry;
-/* For the next connection. */
-static std::optional<offer> prepared;
-static std::vector<std::pair<uint32_t, uint32_t>> accepted; /* mailbox's slot, connection */
-static time_point later = time_point::max();                /* when these two are seen to */
 
 static void complain_about_greeting(const peer_identity &peer)
 {
@@ -92,19 +87,6 @@ static std::optional<offer> make_offer()
     return made;
 }
 
-/* The part of an acceptance for which the client need not wait. */
-static void do_later()
-{
-    while (!accepted.empty()) {
-        const auto [slot, id] = accepted.back();
-        accepted.pop_back();
-        watch_life_of(slot, id);
-    }
-    if (!prepared)
-        prepared = make_offer();
-    later = time_point::max();
-}
-
 /* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
    signal finds it. Takes the control connection over, unless it is refused. */
 static void answer(mailbox &m, newcomer &n, const greeting &hello)
@@ -115,14 +97,11 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         return;
     }
     std::shared_ptr<entry> place = entry::open(n.peer, false);
-    std::optional<offer> made;
-    if (place)
-        made = prepared ? std::exchange(prepared, {}) : make_offer();
+    std::optional<offer> made = place ? make_offer() : std::nullopt;
     if (!made) {
         send_greeting(control, greeting_kind::refused, m.token);
         return;
     }
-    accepted.reserve(accepted.size() + 1);
     connection_parts &parts = made->parts;
     const int fds[welcome_fds] = {made->memory.get(), parts.near_bell.get(), parts.far_bell.get()};
     parts.control = std::move(n.control);
@@ -131,8 +110,6 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     place->watch = made->watch;
     parts.area->hold(std::move(place), true);
     const uint32_t id = add_connection(m, std::move(parts));
-    accepted.emplace_back(m.slot, id);
-    later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
     if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds)) {
         send_greeting(control, greeting_kind::refused, m.token);
         end_connection(m, id);
@@ -266,20 +243,12 @@ static time_point keep_time(time_point now)
         drop(newcomers.begin());
     if (!resting.empty() && retry <= now)
         wake_listeners();
-    if (later <= now)
-        do_later();
-    time_point next = later;
+    time_point next = time_point::max();
     if (!newcomers.empty())
         next = std::min(next, newcomers.front().deadline);
     if (!resting.empty())
         next = std::min(next, retry);
     return next;
-}
-
-void prepare_to_accept()
-{
-    const std::lock_guard hold(helper_lock);
-    do_later();
 }
 
 void set_up_accepting()
@@ -296,9 +265,4 @@ void end_accepting(bool is_child)
             hang_up(std::move(n.control), {}, n.peer);
     newcomers.clear();
     resting.clear();
-    if (prepared && is_child)
-        prepared->parts.area->forget();
-    prepared.reset();
-    accepted.clear();
-    later = time_point::max();
 }

@@ -170,10 +170,8 @@ try {
         complain_about_name(name);
     const uint32_t id = is_started ? create_mailbox(name) : MBX_NO_MAILBOX;
     registry.unlock();
-    if (id != MBX_NO_MAILBOX && name) {
+    if (id != MBX_NO_MAILBOX && name)
         report_limits();
-        prepare_to_accept();
-    }
     return id;
 } catch (const std::bad_alloc &) {
     errno = ENOMEM;

@@ -83,7 +83,8 @@ static bool watch_bell(mailbox &m, uint32_t id)
     return helper_watch(WATCH_FIRST_RING, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
 }
 
-/* Without a pidfd, which an old kernel may not have, the control connection does alone. */
+/* Without a pidfd, which an old kernel may not have, the control connection does alone. False with
+   ESRCH for a process that is gone already and has left its end of that to somebody else. */
 static bool watch_life(mailbox &m, connection &c)
 {
     if (c.peer.process <= 0)
@@ -99,7 +100,7 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
     set_up(c, std::move(parts));
     if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        (!c.was_located || watch_life(m, c)) && watch_bell(m, id))
+        watch_life(m, c) && watch_bell(m, id))
         return id;
     const errno_keeper keeper;
     c.was_located = false;
@@ -294,18 +295,6 @@ static void handle_control(uint32_t slot, uint32_t id)
     with_mailbox(slot, [&](mailbox &m) { has_room = take_control(m, id); });
     while (has_room)
         with_mailbox(slot, [&](mailbox &m) { has_room = flush_some(m, id); });
-}
-
-/* A process that is gone already has left its end of the control connection to somebody else. */
-void watch_life_of(uint32_t slot, uint32_t id)
-{
-    with_mailbox(slot, [&](mailbox &m) {
-        connection *c = m.connections.find(id);
-        if (!c || watch_life(m, *c))
-            return;
-        c->is_peer_gone = true;
-        end_connection(m, id);
-    });
 }
 
 static void handle_life(uint32_t slot, uint32_t id)

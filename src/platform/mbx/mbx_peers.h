@@ -8,8 +8,7 @@
 /* Registers the functions that the helper calls, before it starts. Without any lock. */
 void set_up_peers();
 
-/* Makes a connection from its parts and returns its id. 0 with errno on failure. One that we have
-   not located wants watch_life_of() soon. */
+/* Makes a connection from its parts and returns its id. 0 with errno on failure. */
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
 /* The connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer);
@@ -21,8 +20,6 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b);
 uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice);
 /* Takes the lock itself. False if there is no such monitor. */
 bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference);
-/* Takes the lock itself. Lets the end of the peer's process end the connection, too. */
-void watch_life_of(uint32_t slot, uint32_t id);
 /* Any lock. Pages of rings that a burst needed are unmapped after it. */
 void want_trim();
 /* Without any lock: ends connections while too much is held (mbx_account.h). */
