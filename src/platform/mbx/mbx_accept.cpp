@@ -137,13 +137,13 @@ static void welcome(newcomer &n, const greeting &hello)
 static bool try_greeting(newcomer &n)
 {
     greeting hello = receive_greeting(n.control.get());
-    if (hello.what == heard::nothing)
+    if (hello.state == greeting_state::missing)
         return false;
     if (n.is_watched)
         helper_unwatch(n.control.get());
-    if (hello.what == heard::foreign)
+    if (hello.state == greeting_state::foreign)
         complain_about_greeting(n.peer);
-    if (hello.what == heard::greeting && hello.kind == greeting_kind::hello)
+    if (hello.state == greeting_state::valid && hello.kind == greeting_kind::hello)
         welcome(n, hello);
     if (n.control)
         hang_up(std::move(n.control), std::move(hello.fds), n.peer);

@@ -38,7 +38,7 @@ struct alignas(64) connection {
     bool is_bell_own = false; /* made in this process */
     bool awaits_room = false;
     bool was_located = false;
-    bool is_peer_gone = false; /* or has lied: what is unread goes back at once */
+    bool is_peer_gone = false; /* or has broken the protocol: what is unread goes back at once */
     record_sender ring;
 
     backlog waiting;

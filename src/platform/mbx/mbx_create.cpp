@@ -36,7 +36,7 @@ static inbox_owner owner_of(mailbox &m)
             [](void *self, uint32_t id) {
                 mailbox &owner = *static_cast<mailbox *>(self);
                 if (connection *c = owner.connections.find(id))
-                    c->is_peer_gone = true; /* it has lied */
+                    c->is_peer_gone = true; /* it has broken the protocol */
                 end_connection(owner, id);
             },
             [](void *) { want_trim(); }};

@@ -172,7 +172,7 @@ block *inbox::take_local()
 }
 
 /* The source may be gone on return. */
-block *inbox::end_liar(source &s)
+block *inbox::end_at_violation(source &s)
 {
     const uint32_t id = s.id;
     s.ring.drop();
@@ -195,13 +195,13 @@ block *inbox::take_living(source &s)
     if (!is_signal || is_forged(b)) {
         if (b)
             block_give(b);
-        return end_liar(s);
+        return end_at_violation(s);
     }
     b->sender = s.id;
     const bool is_empty = s.ring.is_empty();
     if (!is_empty || !s.ring.rest())
         line_up(s);
-    if ((is_empty || asks) && s.ring.has_hungry_sender())
+    if ((is_empty || asks) && s.ring.must_report_room())
         owner_.report_room(owner_.self, s.id);
     if (s.ring.touched() > 0)
         count_received(s);

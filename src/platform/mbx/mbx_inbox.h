@@ -111,7 +111,7 @@ class inbox
     void remove(source &s);
     block *take_local();
     bool has_local() const;
-    block *end_liar(source &s);
+    block *end_at_violation(source &s);
     void count_received(source &s);
     void keep_unread(source &s);
     block *take_living(source &s);

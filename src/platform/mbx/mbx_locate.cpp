@@ -120,7 +120,7 @@ static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_po
     if (!send_greeting(c.control.get(), greeting_kind::hello, m.token))
         return attempt::again;
     c.answer = await_greeting(c.control.get(), deadline);
-    if (c.answer.what != heard::greeting || c.answer.kind == greeting_kind::hello)
+    if (c.answer.state != greeting_state::valid || c.answer.kind == greeting_kind::hello)
         return attempt::again;
     restrict_control(c.control.get());
     if (c.answer.kind == greeting_kind::refused)

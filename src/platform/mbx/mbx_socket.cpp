@@ -133,16 +133,16 @@ greeting receive_greeting(int control)
     greeting_record record{};
     bool is_message;
     const ssize_t length = receive(control, &record, sizeof(record), got.fds, is_message);
-    got.what = heard::nonsense;
+    got.state = greeting_state::invalid;
     if (length < 0)
-        got.what = errno == EAGAIN ? heard::nothing : heard::end;
+        got.state = errno == EAGAIN ? greeting_state::missing : greeting_state::closed;
     else if (!is_message)
-        got.what = heard::end;
+        got.state = greeting_state::closed;
     else if (record.magic != greeting_magic)
-        got.what = heard::foreign;
+        got.state = greeting_state::foreign;
     else if (length == sizeof(record) &&
              got.fds.size() == (record.kind == greeting_kind::welcome ? welcome_fds : 0))
-        got.what = heard::greeting;
+        got.state = greeting_state::valid;
     got.kind = record.kind;
     got.token = record.token;
     return got;
