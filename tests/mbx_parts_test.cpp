@@ -457,7 +457,8 @@ TEST(the_waker, rings_for_connections_that_end_meanwhile)
         }
         for (auto &c : all)
             EXPECT_TRUE(deliver(*c, b, run));
-        all.clear();
+        for (auto &c : all)
+            let_go(*c, ended_by::us);
         stop_waker();
         for (const owned_fd &copy : copies)
             EXPECT_EQ(rings_of(copy.get()), 1u);

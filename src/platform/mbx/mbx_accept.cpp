@@ -39,9 +39,8 @@ struct newcomer {
     uint32_t mailbox_id;
     owned_fd control;
     peer_identity peer;
-    uint32_t number = 0; /* these once it waits for the greeting */
+    uint32_t number = 0; /* not 0, and with a deadline, once it waits for the greeting */
     time_point deadline{};
-    bool is_watched = false;
 };
 
 } // namespace
@@ -112,7 +111,7 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     const uint32_t id = add_connection(m, std::move(parts));
     if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds)) {
         send_greeting(control, greeting_kind::refused, m.token);
-        end_connection(m, id);
+        end_connection(m, id, ended_by::us);
     }
 }
 
@@ -139,7 +138,7 @@ static bool try_greeting(newcomer &n)
     greeting hello = receive_greeting(n.control.get());
     if (hello.state == greeting_state::missing)
         return false;
-    if (n.is_watched)
+    if (n.number != 0)
         helper_unwatch(n.control.get());
     if (hello.state == greeting_state::foreign)
         complain_about_greeting(n.peer);
@@ -174,8 +173,7 @@ static void handle_newcomer(newcomer &&n)
     n.number = ++last_number;
     n.deadline = std::chrono::steady_clock::now() + time_to_greet;
     make_place_for(n);
-    n.is_watched = helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number);
-    if (n.is_watched)
+    if (helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number))
         newcomers.push_back(std::move(n));
     else
         hang_up(std::move(n.control), {}, n.peer);

@@ -34,10 +34,7 @@ static inbox_owner owner_of(mailbox &m)
                     send_wake(c->control.get(), wake::room);
             },
             [](void *self, uint32_t id) {
-                mailbox &owner = *static_cast<mailbox *>(self);
-                if (connection *c = owner.connections.find(id))
-                    c->is_peer_gone = true; /* it has broken the protocol */
-                end_connection(owner, id);
+                end_connection(*static_cast<mailbox *>(self), id, ended_by::peer);
             },
             [](void *) { want_trim(); }};
 }
@@ -100,7 +97,7 @@ void delete_mailbox(mailbox &m)
         set_monitor(c, nullptr, 0);
         helper_unwatch(m.in.bell(c.id));
         if (c.waiting.is_empty())
-            end_connection(m, c.id);
+            end_connection(m, c.id, ended_by::us);
     });
     m.in.close();
     notify_watchers(m, id);

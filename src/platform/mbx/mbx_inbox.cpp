@@ -137,8 +137,7 @@ bool inbox::may_skip_look()
 
 void inbox::remove(source &s)
 {
-    if (s.is_watched)
-        epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr);
+    epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr); /* fails for a fresh one */
     if (s.area)
         leave_bell(s.bell.get(), s.area->place());
     sources_.remove(s.id);
@@ -240,7 +239,7 @@ block *inbox::take_from(source &s)
 {
     if (&s == &local_source_)
         return take_local();
-    return s.is_ended ? take_ended(s) : take_living(s);
+    return s.state == source_state::ended ? take_ended(s) : take_living(s);
 }
 
 /* Null without a signal, or, when the caller is going to wait, without a known one. */
@@ -363,9 +362,10 @@ void inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side,
 bool inbox::watch(uint32_t id)
 {
     source *s = sources_.find(id);
-    if (!s || s->is_ended || !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
+    if (!s || s->state == source_state::ended ||
+        !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
         return false;
-    s->is_watched = true;
+    s->state = source_state::watched;
     return true;
 }
 
@@ -400,7 +400,7 @@ int inbox::bell(uint32_t id) const
 void inbox::wake(uint32_t id)
 {
     source *s = sources_.find(id);
-    if (s && !s->is_ended)
+    if (s && s->state != source_state::ended)
         enter(*s);
 }
 
@@ -424,12 +424,13 @@ void inbox::keep_unread(source &s)
 void inbox::end(uint32_t id, block *notice)
 {
     source *s = sources_.find(id);
-    if (!s || s->is_ended) {
+    if (!s || s->state == source_state::ended) {
         if (notice)
             block_give(notice);
         return;
     }
-    s->is_ended = true;
+    const bool was_watched = s->state == source_state::watched;
+    s->state = source_state::ended;
     keep_unread(*s);
     if (notice)
         s->notices.push_back(*notice);
@@ -438,7 +439,7 @@ void inbox::end(uint32_t id, block *notice)
         enter(*s);
         return;
     }
-    if (s->is_watched) {
+    if (was_watched) {
         look();
         show();
         departed_ = id;

@@ -31,13 +31,18 @@ struct inbox_owner {
     void (*want_trim)(void *self);
 };
 
+enum class source_state {
+    fresh,   /* its bell is not in the epoll yet */
+    watched, /* it is */
+    ended    /* stays for what is to be taken */
+};
+
 /* One sender. */
 struct source {
     uint32_t id = 0; /* the sender of its signals */
+    source_state state = source_state::fresh;
     bool is_in_line = false;
-    bool is_ended = false;
-    bool is_watched = false; /* its bell is in the epoll */
-    source *next = nullptr;  /* in the line */
+    source *next = nullptr; /* in the line */
     record_receiver ring;
     fifo<block> notices; /* for the time after its last signal */
     std::shared_ptr<mapped_area> area;

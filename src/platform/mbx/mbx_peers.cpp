@@ -104,7 +104,7 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
         return id;
     const errno_keeper keeper;
     c.was_located = false;
-    end_connection(m, id);
+    end_connection(m, id, ended_by::peer);
     return 0;
 }
 
@@ -118,7 +118,7 @@ connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identit
 
 /* A copy of a descriptor in somebody's child must neither keep the connection open nor our epoll
    entries: so they are removed before the close. */
-void end_connection(mailbox &m, uint32_t id)
+void end_connection(mailbox &m, uint32_t id, ended_by who)
 {
     connection *c = m.connections.find(id);
     if (!c)
@@ -135,6 +135,7 @@ void end_connection(mailbox &m, uint32_t id)
             notice->sender = id;
         m.in.end(id, notice);
     }
+    let_go(*c, who);
     m.connections.remove(id);
     if (++ended >= crowd)
         want_trim();
@@ -148,7 +149,7 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b)
         if (c && b->size <= MBX_LARGEST_SIGNAL && b->number() != MBX_MONITOR_DEFAULT_NO) {
             expect_next(m, *c);
             if (!deliver(*c, b, m.run))
-                end_connection(m, receiver);
+                end_connection(m, receiver, ended_by::us);
             else if (c->held() > 0)
                 want_trim();
         }
@@ -220,7 +221,7 @@ static bool shed_one()
     if (!owner)
         return false;
     std::lock_guard hold(owner->lock);
-    end_connection(*owner, id);
+    end_connection(*owner, id, ended_by::us);
     return true;
 }
 
@@ -258,7 +259,7 @@ static bool flush_some(mailbox &m, uint32_t id)
         return false;
     const flushing result = flush(*c);
     if (result == flushing::done && m.id == 0)
-        end_connection(m, id);
+        end_connection(m, id, ended_by::us);
     return result == flushing::goes_on;
 }
 
@@ -284,8 +285,7 @@ static bool take_control(mailbox &m, uint32_t id)
     case control_event::end:
         break;
     }
-    c->is_peer_gone = true;
-    end_connection(m, id);
+    end_connection(m, id, ended_by::peer);
     return false;
 }
 
@@ -299,11 +299,7 @@ static void handle_control(uint32_t slot, uint32_t id)
 
 static void handle_life(uint32_t slot, uint32_t id)
 {
-    with_mailbox(slot, [&](mailbox &m) {
-        if (connection *c = m.connections.find(id))
-            c->is_peer_gone = true;
-        end_connection(m, id);
-    });
+    with_mailbox(slot, [&](mailbox &m) { end_connection(m, id, ended_by::peer); });
 }
 
 static void handle_first_ring(uint32_t slot, uint32_t id)
@@ -313,7 +309,7 @@ static void handle_first_ring(uint32_t slot, uint32_t id)
             return;
         helper_unwatch(m.in.bell(id));
         if (!m.in.watch(id))
-            end_connection(m, id);
+            end_connection(m, id, ended_by::us);
     });
 }
 
@@ -367,5 +363,5 @@ void linger(time_point deadline)
             break;
         poll(waiting.data(), waiting.size(), left);
     }
-    for_each_lingering([](mailbox &m, uint32_t id) { end_connection(m, id); });
+    for_each_lingering([](mailbox &m, uint32_t id) { end_connection(m, id, ended_by::us); });
 }

@@ -12,8 +12,9 @@ void set_up_peers();
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
 /* The connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer);
-/* Ends it. The peer's unread signals are kept for the owner, followed by the monitor's notice. */
-void end_connection(mailbox &m, uint32_t id);
+/* Ends it. The peer's unread signals are kept for the owner, followed by the monitor's notice.
+   Harmless if it has ended. */
+void end_connection(mailbox &m, uint32_t id, ended_by who);
 /* Takes the lock itself. Takes the block over. `own` is the id that the mailbox must have. */
 void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b);
 /* Takes the lock itself. Replaces an earlier monitor of the same peer. Returns the reference. */
