@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_peers - the connections of a mailbox: made, written to, supervised, ended. The functions need
-   the mailbox's lock held unless they say otherwise. */
+/* mbx_peers - the connections of a mailbox: made, written to, supervised, ended. The states of a
+   connection, its events and the threads that act are a table in docs/architecture.md. The
+   functions need the mailbox's lock held unless they say otherwise. */
 #pragma once
 
 #include "platform/mbx/mbx_mailbox.h"
