@@ -326,7 +326,7 @@ static uint32_t drop_answers(stranger &peer)
     uint32_t count = 0;
     for (; block *b = receive_block(peer.in); count++)
         block_give(b);
-    if (peer.in.has_hungry_sender())
+    if (peer.in.must_report_room())
         send_wake(peer.control.get(), wake::room);
     return count;
 }
