@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Links of the Linux board without a kernel: netlink messages, and the events that reports give. */
 #include "platform/dolm_ric/linux/fall_looks.h"
+#include "platform/dolm_ric/linux/kernel_notes.h"
 #include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"
 #include "platform/dolm_ric/linux/netlink.h"
@@ -284,6 +285,35 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     table.begin_dump();
     table.end_dump(now);
     EXPECT_EQ("rm?", events.departures) << "removed, moved, not there in a dump";
+}
+
+TEST(kernel_notes_test, a_note_counts_for_its_interface_and_time)
+{
+    kernel_notes notes;
+    const auto changed = [](uint8_t command, int32_t index) {
+        netlink::request made = netlink::generic_request(1, command);
+        const size_t header = made.begin_nest(ETHTOOL_A_LINKMODES_HEADER);
+        made.put(ETHTOOL_A_HEADER_DEV_INDEX, index);
+        made.end_nest(header);
+        const netlink::byte_view bytes = made.finish(1);
+        return std::vector<uint8_t>(bytes.begin(), bytes.end());
+    };
+    notes.take_setting(changed(ETHTOOL_MSG_FEC_NTF, 7), 100);
+    notes.take_setting(changed(ETHTOOL_MSG_COALESCE_NTF, 8), 100);
+    notes.take_setting(std::vector<uint8_t>(11, 0xff), 100);
+    EXPECT_EQ(true, notes.were_settings_changed(7, 50, 150));
+    EXPECT_EQ(std::nullopt, notes.were_settings_changed(7, 101, 150)) << "nobody follows them here";
+    EXPECT_EQ(std::nullopt, notes.were_settings_changed(8, 50, 150)) << "no setting of the link";
+    for (const std::string_view text : {"unbind@/devices/pci0000:00/0000:03:00.1",
+                                        "change@/devices/pci0000:00/0000:03:00.0", "@"})
+        notes.take_uevent({reinterpret_cast<const uint8_t *>(text.data()), text.size()}, 100);
+    EXPECT_EQ(true, notes.was_unbound("0000:03:00.1", 50, 150));
+    EXPECT_EQ(std::nullopt, notes.was_unbound("0000:03:00.0", 50, 150));
+    notes.start();
+    EXPECT_EQ(false, notes.were_settings_changed(8, 50, 150));
+    notes.lose(120);
+    EXPECT_EQ(std::nullopt, notes.were_settings_changed(8, 50, 150));
+    EXPECT_EQ(false, notes.were_settings_changed(8, 130, 150));
 }
 
 TEST(fall_looks_test, a_drivers_state_has_its_name)

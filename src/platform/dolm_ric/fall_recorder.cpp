@@ -352,7 +352,7 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
     guard.unlock();
     tell_clock(asked);
     if (look_)
-        look_(port, asked);
+        look_(port, at, asked);
     guard.lock();
     port_watch &its = ports_.at(port);
     if (its.open == nullptr || its.open->at != at)

@@ -48,8 +48,8 @@ class fall_recorder
 {
   public:
     /* Brings what a board knows beside the details into the facts; called at each look, on the
-       thread. */
-    using looker = std::function<void(uint32_t port, causes::facts &)>;
+       thread. `at` is the time of the fall. */
+    using looker = std::function<void(uint32_t port, int64_t at, causes::facts &)>;
 
     /* ns of CLOCK_BOOTTIME. */
     using clock = std::function<int64_t()>;

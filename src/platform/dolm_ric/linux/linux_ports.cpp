@@ -217,8 +217,11 @@ void linux_ports::start()
 {
     const std::string details = board::details_path(board::port_map_path());
     details_.start(details);
+    fall_looks_.start();
     falls_.start(board::falls_folder(details),
-                 [this](uint32_t number, causes::facts &seen) { look_at_fall(number, seen); });
+                 [this](uint32_t number, int64_t at, causes::facts &seen) {
+                     look_at_fall(number, at, seen);
+                 });
     links_.also_watch(watch_.fd(), [this] { look_at_config(); });
     links_.start();
     modules_.start(first_look_patience);
@@ -230,6 +233,7 @@ void linux_ports::stop() noexcept
     links_.stop();
     modules_.stop();
     falls_.stop();
+    fall_looks_.stop();
     details_.stop();
 }
 
@@ -347,15 +351,16 @@ void linux_ports::interface_leaves(uint32_t number, board::departure how)
 }
 
 /* On the recorder's thread. */
-void linux_ports::look_at_fall(uint32_t number, causes::facts &seen)
+void linux_ports::look_at_fall(uint32_t number, int64_t at, causes::facts &seen)
 {
     int32_t interface = 0;
+    std::string device;
     {
         const auto guard = events_.lock();
         interface = ports_.at(number).interface;
+        device = ports_.at(number).device;
     }
-    if (interface != 0)
-        fall_looks_.look(interface, seen);
+    fall_looks_.look(interface, device, at, seen);
 }
 
 void linux_ports::speed_reported(uint32_t number, const link_speed &now)
@@ -396,6 +401,7 @@ void linux_ports::interface_changed(uint32_t number, const link_report *now)
     if (now != nullptr) {
         changed.name = now->name;
         changed.port_name = now->port_name;
+        changed.device = now->parent;
     }
     is_map_old_ = true;
     if (now == nullptr)
