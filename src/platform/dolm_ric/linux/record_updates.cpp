@@ -82,6 +82,13 @@ static void count_error(int error, dolm_ric_details_cost &cost)
     cost.failures++;
 }
 
+/* Drivers answer for an empty cage with errors of many kinds, and with EBUSY while they keep a
+   module for something else. Neither has failed. */
+static bool is_failure(int error, bool has_module)
+{
+    return error != 0 && error != EBUSY && (has_module || is_unheard(error));
+}
+
 void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
 {
     dolm_ric_details_cost &cost = record.cost;
@@ -92,7 +99,7 @@ void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         made++;
         cost.reads++;
         cost.bytes += one.error == 0 ? one.range.length : 0u;
-        if (one.error != 0)
+        if (is_failure(one.error, readings.has_module))
             count_error(one.error, cost);
     }
     if (made == 0)
