@@ -357,7 +357,8 @@ TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cos
     dolm_ric_details_record record = {};
     const dolm_ric_details_link &link = record.link;
     take_link_report(link_table_test::report(2, 0, 1), 0, 0, 10, record);
-    take_link_speed({100, 4, 10000, true, false, DOLM_RIC_FEC_RS}, 10, record);
+    take_link_speed({100, 4, 10000, true, false}, 10, record);
+    take_link_fec(DOLM_RIC_FEC_RS, record);
     EXPECT_EQ(link.fec, uint32_t{DOLM_RIC_FEC_RS});
     EXPECT_TRUE(link.changed_at == 0 && link.speed == 10000 && link.duplex == DOLM_RIC_DUPLEX_FULL);
     take_link_report(link_table_test::report(1, 2, 2), 2, 1, 30, record);

@@ -58,8 +58,7 @@ int main(int argc, char **argv)
         write_image(folder + "/made-other-sfp", with_serial(module_images::sfp(), "0002"));
         write_image(folder + "/made-external", module_images::external_sfp());
         write_image(folder + "/made-qsfp", module_images::qsfp());
-        write_image(folder + "/made-cmis", module_images::cmis());
-        write_image(folder + "/made-cmis-vdm", module_images::cmis_with_vdm());
+        write_image(folder + "/made-cmis", module_images::cmis_with_vdm());
     } catch (const std::exception &error) {
         fprintf(stderr, "write_images: %s: %s\n", argv[1], error.what());
         return 1;
