@@ -307,6 +307,26 @@ compare_image() { # IMAGE
     cat /tmp/check
 }
 
+# The module of port 2 whole, on one line.
+module_says() { says "$1" sh -c 'teskctl --json module 2 | tr -d " \n"'; } # TEXT
+
+a_module_is_shown_whole() {
+    put $cages/cage2 made-cmis
+    set_cage 2 present 1
+    check "port 2's module is there" await shows_serial 2 C001
+    check "its lanes of both banks" await module_says '"lane":15,"own":true'
+    check "their limits" module_says '"rx_power":{"state":"valid","low_alarm":'
+    check "its versatile diagnostics" await module_says '"kind":"snr","side":"host","lane":3,"value":20.0'
+    check "with limits" module_says '"low_alarm":0.0,"low_warning":0.0,"high_warning":1e-10,"high_alarm":0.0001'
+    set_cage 2 error 16 # EBUSY, as while its firmware is updated
+    check "a module whose firmware is updated is busy" await module_says '"value":null,"state":"busy"'
+    check "and keeps its identity" module_says '"serial":"C001"'
+    check "which is no failure" module_says '"failures":0,"errors":[]'
+    set_cage 2 error 0
+    check "and has values again" await not module_says '"state":"busy"'
+    check "those of before" module_says '"kind":"snr","side":"host","lane":3,"value":20.0'
+}
+
 # It has asked the kernel what it can do, and confined itself.
 reader_is_ready() { grep -q "Seccomp:	2" "/proc/$(pidof tesk-module-reader)/status"; }
 
@@ -358,6 +378,7 @@ errors_stay_where_they_are
 flaps_are_counted
 falls_are_explained
 reader_is_confined
+a_module_is_shown_whole
 compare_with_ethtool
 without_the_right
 check "a module that failed again and again comes back" comes_back

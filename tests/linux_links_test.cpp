@@ -425,7 +425,8 @@ TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cos
     dolm_ric_details_record record = {};
     const dolm_ric_details_link &link = record.link;
     take_link_report(link_table_test::report(2, 0, 1), 0, 0, 10, record);
-    take_link_speed({100, 4, 10000, true, false, DOLM_RIC_FEC_RS}, 10, record);
+    take_link_speed({100, 4, 10000, true, false}, 10, record);
+    take_link_fec(DOLM_RIC_FEC_RS, record);
     EXPECT_EQ(link.fec, uint32_t{DOLM_RIC_FEC_RS});
     EXPECT_TRUE(link.changed_at == 0 && link.speed == 10000 && link.duplex == DOLM_RIC_DUPLEX_FULL);
     take_link_report(link_table_test::report(1, 2, 2), 2, 1, 30, record);
@@ -438,8 +439,19 @@ TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cos
     for (int i = 1; i < 10; i++)
         pieces[static_cast<size_t>(i)].error = i;
     pieces[10].error = ECANCELED;
-    take_cost({pieces, std::chrono::nanoseconds(100), std::chrono::seconds(4), true}, record);
     const dolm_ric_details_cost &cost = record.cost;
+    for (const auto &[error, has_module, failures] : {std::tuple(ENODEV, false, 0u),
+                                                      {EINVAL, false, 0u},
+                                                      {EBUSY, true, 0u},
+                                                      {EPERM, false, 1u}}) {
+        piece one = {.port = 0, .range = {0x50, 0, 0, 0, 8}};
+        one.error = error;
+        record.cost = {};
+        take_cost({{&one, 1}, std::chrono::nanoseconds(1), {}, false, has_module}, record);
+        EXPECT_TRUE(cost.reads == 1 && cost.failures == failures) << error;
+    }
+    record.cost = {};
+    take_cost({pieces, std::chrono::nanoseconds(100), std::chrono::seconds(4), true, true}, record);
     EXPECT_TRUE(cost.reads == 10 && cost.bytes == 8 && cost.failures == 9 &&
                 cost.longest_read == 10 && cost.last_sweep == 100 && cost.period == 4'000'000'000);
     EXPECT_TRUE(cost.error[0].error == 1 && cost.error[0].count == 1 &&

@@ -5,7 +5,12 @@
    When the queue overruns, the kernel reports ENOBUFS once and drops everything until the queue has
    been emptied. So all that is queued is taken first, and then every interface is read. Nothing
    that was lost is older than that reading, and the counters tell the falls in between. What is
-   queued after it may be older than the reading; the counters tell that, too. */
+   queued after it may be older than the reading; the counters tell that, too.
+
+   The active FEC is for people who look at a port's details, and some drivers ask their firmware
+   for it. So it is asked for when a rise has been told and no notice is queued, one interface at a
+   time.
+ */
 #include "platform/dolm_ric/linux/link_follower.h"
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -151,6 +156,8 @@ void link_follower::take_turn()
     ask_speeds();
     table_.announce_settled(std::chrono::steady_clock::now());
     listener_.reports_taken();
+    if (is_drained)
+        ask_next_fec();
 }
 
 int link_follower::poll_timeout() const
@@ -158,6 +165,8 @@ int link_follower::poll_timeout() const
     static constexpr int retry_ms = 100;
     if (is_behind_)
         return retry_ms;
+    if (!fecs_wanted_.empty())
+        return 0;
     auto next = round_due_;
     if (!speeds_wanted_.empty())
         next = std::min(next, speeds_due_);
@@ -247,8 +256,7 @@ uint32_t link_follower::fec_now(int32_t index)
     return fec;
 }
 
-/* Nothing without an answer: the speed that was known is kept, and asked for again. A link without
-   a speed is down and has no active FEC. */
+/* Nothing without an answer: the speed that was known is kept, and asked for again. */
 std::optional<link_speed> link_follower::speed_now(int32_t index)
 {
     if (ethtool_family_ == 0)
@@ -276,12 +284,12 @@ std::optional<link_speed> link_follower::speed_now(int32_t index)
             duplex <= DUPLEX_FULL ? std::optional(duplex == DUPLEX_FULL) : std::nullopt,
         .is_negotiated =
             autoneg <= AUTONEG_ENABLE ? std::optional(autoneg == AUTONEG_ENABLE) : std::nullopt,
-        .fec = speed == UINT32_MAX ? uint32_t{DOLM_RIC_FEC_UNKNOWN} : fec_now(index),
     };
 }
 
 std::optional<link_speed> link_follower::speed_of_risen(int32_t index)
 {
+    fecs_wanted_.insert(index);
     return notices_taken_ > notices_of_a_storm ? std::nullopt : speed_now(index);
 }
 
@@ -299,6 +307,7 @@ void link_follower::take_round()
     const auto now = std::chrono::steady_clock::now();
     if (now < round_due_)
         return;
+    fecs_wanted_ = table_.indices();
     speeds_wanted_.merge(table_.indices());
     speeds_due_ = now;
     round_due_ = now + round_interval;
@@ -312,6 +321,19 @@ void link_follower::ask_speeds()
         return;
     for (int count = 0; count < questions_at_once && !speeds_wanted_.empty(); count++)
         ask_speed_if_wanted(speeds_wanted_.extract(speeds_wanted_.begin()).value());
+}
+
+/* A port that is down meanwhile has none. */
+void link_follower::ask_next_fec()
+{
+    while (!fecs_wanted_.empty() && ethtool_family_ != 0) {
+        const int32_t index = fecs_wanted_.extract(fecs_wanted_.begin()).value();
+        if (!table_.is_up(index))
+            continue;
+        listener_.fec_reported(*table_.port_of(index), fec_now(index));
+        return;
+    }
+    fecs_wanted_.clear();
 }
 
 /* Waits are forgotten at half the pace at which time passes without one. */

@@ -56,7 +56,6 @@ struct link_speed {
     uint32_t megabits = 0; /* the same */
     std::optional<bool> is_full_duplex = {};
     std::optional<bool> is_negotiated = {};
-    uint32_t fec = 0; /* the active one as enum dolm_ric_details_fec; 0 if it isn't known */
 };
 
 /* A notice was sent by the kernel of its own accord and may be older than an answer, which is
@@ -133,6 +132,8 @@ class link_table
     void take_speed(int32_t index, const link_speed &speed, time_point now);
     /* Whether a port's link is operational and its speed isn't known, or is old. */
     bool is_speed_wanted(int32_t index, time_point now) const;
+    /* Whether it is a port whose link is operational. */
+    bool is_up(int32_t index) const;
     /* The interface is gone. */
     void forget(int32_t index, time_point now, board::departure how = board::departure::unknown);
 

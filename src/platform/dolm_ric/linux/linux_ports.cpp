@@ -370,6 +370,11 @@ void linux_ports::speed_reported(uint32_t number, const link_speed &now)
     });
 }
 
+void linux_ports::fec_reported(uint32_t number, uint32_t fec)
+{
+    details_.update(number, [fec](dolm_ric_details_record &record) { take_link_fec(fec, record); });
+}
+
 void linux_ports::link_changed(uint32_t number, const link_values &now)
 {
     {

@@ -92,6 +92,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
                        report_origin from) override;
     void interface_leaves(uint32_t number, board::departure how) override;
     void speed_reported(uint32_t number, const link_speed &now) override;
+    void fec_reported(uint32_t number, uint32_t fec) override;
     void link_changed(uint32_t number, const link_values &now) override;
     void link_known(uint32_t number, const link_values &now) override;
     void interface_changed(uint32_t number, const link_report *now) override;
