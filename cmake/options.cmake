@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 # tesk_options: the warnings and sanitizers of all our sources.
 set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
+option(TESK_WERROR "Warnings are errors; a distribution has other compilers" ON)
 option(TESK_COVERAGE "Build for a line coverage report" OFF)
 
 add_library(tesk_options INTERFACE)
 target_compile_options(tesk_options INTERFACE
-  -Wall -Wextra -Wshadow -Wconversion -Wmissing-declarations -Werror
+  -Wall -Wextra -Wshadow -Wconversion -Wmissing-declarations $<$<BOOL:${TESK_WERROR}>:-Werror>
   -fno-common)
 target_include_directories(tesk_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
 

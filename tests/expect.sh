@@ -24,3 +24,11 @@ report_guest() { # STATUS LOG: of testkit/kernel/emulate, which has said what is
     [ "$1" -eq 0 ] || fail "failed with $1: see $2"
     say "$(grep -c '^ok ' "$2") checks passed"
 }
+
+build_1_0_0() { # once, in build/1.0.0/build/packages
+    ! ls build/1.0.0/build/packages/{*.deb,lib/libmbx.so.1} >/dev/null 2>&1 || return 0
+    say "building version 1.0.0 (once)"
+    mkdir -p build/1.0.0
+    git archive 1e6842f | tar -C build/1.0.0 -x || fail "the tree's history lacks version 1.0.0"
+    build/1.0.0/scripts/build-packages >/dev/null
+}

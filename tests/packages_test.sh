@@ -2,17 +2,14 @@
 # SPDX-License-Identifier: Apache-2.0
 # The Debian packages in a root of their own, which has nothing but the base system: installed, used,
 # killed and started again, one board replaced by another, upgraded from version 1.0.0, purged. Needs
-# root, Debian's mirror and the tree's history; nothing is mounted. With --debian the packages are those
-# of debian/ instead of CPack's.
+# root, Debian's mirror and the tree's history; nothing is mounted.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 . tests/expect.sh
 
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive
-root=$PWD/build/clean-root built=packages server=
-[ "${1-}" != --debian ] || built=debian
-first=build/1.0.0 first_commit=1e6842f
+root=$PWD/build/clean-root server=
 [ "$(id -u)" -eq 0 ] || fail "root is needed to install packages elsewhere"
 require_packages mmdebstrap dpkg-dev
 trap '[ -z "$server" ] || kill -9 "$server" 2>/dev/null; rm -rf "$root"' EXIT
@@ -55,18 +52,13 @@ purge_all() {
     [ -z "$left" ] || fail "left behind: $left"
 }
 
-"scripts/build-$built" >/dev/null
-if ! ls "$first"/build/packages/*.deb >/dev/null 2>&1; then
-    say "building version 1.0.0 (once)"
-    mkdir -p "$first"
-    git archive "$first_commit" | tar -C "$first" -x || fail "the tree's history lacks $first_commit"
-    "$first/scripts/build-packages" >/dev/null
-fi
+scripts/build-packages >/dev/null
+build_1_0_0
 rm -f "$root.log"
 make_clean_root "$root"
 mkdir -p "$root/packages/1.0.0"
-cp "build/$built"/*.deb "$root/packages/"
-cp "$first"/build/packages/*.deb "$root/packages/1.0.0/"
+cp build/packages/*.deb "$root/packages/"
+cp build/1.0.0/build/packages/*.deb "$root/packages/1.0.0/"
 shopt -s extglob nullglob
 inside() { # FILE..: as the root sees them
     printf '%s\n' "${@#"$root"}"
@@ -94,6 +86,9 @@ expect 0 '"link":"not operational"' as nobody:tesk teskctl --json status 0
 expect 0 "everything" as nobody:nogroup tesk-abi-check "/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)"
 expect 0 "tesk-exporter 1." as nobody:tesk tesk-exporter --version
 expect 0 "dygraph.min.js" as nobody:tesk ls /usr/share/tesk-exporter/web/index.html /usr/share/tesk-exporter/web
+expect 0 "tesk-alerts.yml" as nobody:tesk ls /usr/share/doc/tesk-exporter/examples/prometheus
+cp debian/tests/simulated-board "$root/packages/"
+as nobody:nogroup /packages/simulated-board >>"$root.log" 2>&1 || fail "the packages' own test failed: see $root.log"
 kill -9 "$server"
 wait "$server" 2>/dev/null || true
 start_server

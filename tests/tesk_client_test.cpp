@@ -7,6 +7,7 @@
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
 
+#include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
 #include <new>

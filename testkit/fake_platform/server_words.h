@@ -5,7 +5,6 @@
 
 #include "testkit/fake_platform/fake_mailbox.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <unistd.h>
@@ -28,10 +27,9 @@ inline void swap_words(words_of &words)
 inline void deliver_words(uint32_t sender, words_of words, size_t size, const char *text = "")
 {
     swap_words(words);
-    const size_t known = words.size() * sizeof(uint32_t);
-    std::vector<char> bytes(std::max(size, known));
-    std::memcpy(bytes.data(), words.data(), known);
-    std::strncpy(bytes.data() + known, text, bytes.size() - known);
+    std::vector<char> bytes(words.size() * sizeof(uint32_t));
+    std::memcpy(bytes.data(), words.data(), bytes.size());
+    bytes.insert(bytes.end(), text, text + std::strlen(text));
     bytes.resize(size);
     fake_mailbox::deliver(sender, words[0], bytes.data() + sizeof(uint32_t),
                           size - sizeof(uint32_t));

@@ -8,6 +8,7 @@
 #include "testkit/fake_platform/server_words.h"
 #include "tests/fuzz/fuzz_input.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <deque>
 #include <map>
