@@ -206,7 +206,7 @@ void fall_recorder::tell_look_before(const port_watch &its, fall &made) const
         forget_values(before);
     if (is_young && its.before.at == 0)
         before.presence = DOLM_RIC_PRESENCE_UNKNOWN;
-    made.lanes = before.lanes.size();
+    made.lanes = before.lane_count;
     tell_before(before, made.seen);
     its.trail.tell(made.at - 2 * minute, made.at - rules_.youngest_look, made.seen);
 }
@@ -228,7 +228,7 @@ void fall_recorder::rise(port_watch &its, int64_t at)
 void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &record, int64_t now)
 {
     const bool is_other =
-        record.presence != its.last.presence || its.last.serial != serial_in(record);
+        record.presence != its.last.presence || strcmp(its.last.serial, serial_in(record)) != 0;
     const int64_t read_at = values_read_at(record);
     if (!is_other && read_at <= its.last.at)
         return;
@@ -241,8 +241,8 @@ void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &r
     if (its.open != nullptr)
         take_look(*its.open, found);
     if (its.before.at == 0 || its.last.at - its.before.at >= rules_.youngest_look)
-        its.before = std::move(its.last);
-    its.last = std::move(found);
+        its.before = its.last;
+    its.last = found;
 }
 
 /* Lists of another number of lanes can't be compared. */
@@ -250,9 +250,9 @@ void fall_recorder::take_look(fall &open, module_sample found)
 {
     if (found.at < open.last_at)
         return;
-    if (open.lanes != 0 && found.lanes.size() != open.lanes)
-        found.lanes.clear();
-    open.lanes = std::max(open.lanes, found.lanes.size());
+    if (open.lanes != 0 && found.lane_count != open.lanes)
+        found.lane_count = 0;
+    open.lanes = std::max(open.lanes, found.lane_count);
     tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
     if (open.up_at != 0 && found.at >= open.up_at && !open.seen.rx_again)
         tell_again(found, open.seen);
