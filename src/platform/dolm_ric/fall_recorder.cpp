@@ -161,6 +161,7 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     its.open = std::make_shared<fall>();
     fall &made = *its.open;
     made.at = made.due = at;
+    made.is_told = its.news.is_told;
     made.is_exact = its.news.is_exact;
     made.left = its.left;
     made.seen.time = wall_time(now_() - at);
@@ -171,8 +172,9 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
         made.seen.device = its.news.device;
     if (its.up_since != 0)
         made.seen.up_for_s = seconds_of(at - its.up_since);
-    if (made.is_exact && now.state == DOLM_RIC_VALUE_VALID)
-        made.seen.set_down = now.admin == DOLM_RIC_SWITCH_DOWN;
+    const bool is_set_down = now.admin == DOLM_RIC_SWITCH_DOWN;
+    if (now.state == DOLM_RIC_VALUE_VALID && (is_set_down || made.is_told))
+        made.seen.set_down = is_set_down;
     tell_link_before(its.link, made.seen);
     tell_look_before(its, made);
 }
@@ -326,11 +328,12 @@ void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
     if (!seen.present_before.value_or(true) && its.last.presence == DOLM_RIC_PRESENCE_EMPTY)
         seen.present_after = false;
     tell_neighbours(port, its, open);
-    if (!open.is_exact)
-        return;
-    tell_departure(open.left, its.news.device.empty(), seen);
+    if (open.is_told)
+        tell_departure(open.left, its.news.device.empty(), seen);
     if (is_set_down_alone(seen, its.link))
         seen.device_reset = false;
+    if (!open.is_exact)
+        seen.device_reset.reset(); /* so that nothing is certain */
 }
 
 /* The bound that the time service gives, where one keeps the clock. */
