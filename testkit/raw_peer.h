@@ -85,7 +85,7 @@ struct raw_peer {
         if (!is_readable(control.get()))
             throw std::runtime_error("no answer to the greeting");
         answer = receive_greeting(control.get());
-        if (answer.what != heard::greeting || answer.kind != greeting_kind::welcome)
+        if (answer.state != greeting_state::valid || answer.kind != greeting_kind::welcome)
             return false;
         area = mapped_area::map(answer.fds[0].get());
         out = record_sender(area->ring(0));

@@ -222,12 +222,18 @@ TEST_F(exporter_board, details_give_series_of_what_is_there_and_has_a_name)
         its.vdm[0].kind = DOLM_RIC_VDM_OTHER;
         its.vdm[1].kind = DOLM_RIC_VDM_SNR, its.vdm[1].side = DOLM_RIC_SIDE_MEDIA;
         its.vdm[1].value = 20;
+        its.vdm[1].raised = 1u << DOLM_RIC_FLAG_LOW_ALARM;
+        its.vdm[0].raised = DOLM_RIC_VDM_FLAGS_UNKNOWN;
+        its.link.state = DOLM_RIC_VALUE_VALID;
+        its.link.fec = DOLM_RIC_FEC_RS;
     });
     published.start(path);
     bring_up();
     const std::string text = metrics();
     expect_parts(text, {"lane_receive_power_dbm{port=\"0\",interface=\"eth0\",lane=\"0\"} -3.01\n",
-                        "observable=\"snr\",side=\"media\",lane=\"0\"} 20\n"});
+                        "observable=\"snr\",side=\"media\",lane=\"0\"} 20\n",
+                        "lane=\"0\",flag=\"low_alarm\"} 1\n",
+                        "port_fec_info{port=\"0\",interface=\"eth0\",mode=\"rs\"} 1\n"});
     expect_none(text, {"receive_power_dbm{port=\"0\",interface=\"eth0\",lane=\"1\"}",
                        "observable=\"other\""});
     unsetenv("DOLM_RIC_DETAILS");

@@ -37,9 +37,9 @@ struct fall_recorder_test : testing::Test {
         records[port].port = port;
         return records[port];
     }
-    void tell(uint32_t port, bool is_exact = true)
+    void tell(uint32_t port, bool is_told = true, bool is_exact = true)
     {
-        recorder.hear(port, {is_exact, port < 2 ? "0000:03:00" : "0000:05:00"});
+        recorder.hear(port, {is_told, is_exact, port < 2 ? "0000:03:00" : "0000:05:00"});
         recorder.see(record_of(port));
     }
     void plug(uint32_t port, const char *serial)
@@ -53,7 +53,8 @@ struct fall_recorder_test : testing::Test {
         if (serial != nullptr)
             read(port, 0.5);
     }
-    void set_link(uint32_t port, bool is_started, bool is_up, bool is_exact = true)
+    void set_link(uint32_t port, bool is_started, bool is_up, bool is_told = true,
+                  bool is_exact = true)
     {
         dolm_ric_details_link &link = record_of(port).link;
         link.falls += link.oper == DOLM_RIC_SWITCH_UP && !is_up ? 1 : 0;
@@ -61,7 +62,7 @@ struct fall_recorder_test : testing::Test {
         link.admin = is_started ? DOLM_RIC_SWITCH_UP : DOLM_RIC_SWITCH_DOWN;
         link.oper = is_up ? DOLM_RIC_SWITCH_UP : DOLM_RIC_SWITCH_DOWN;
         link.changed_at = now;
-        tell(port, is_exact);
+        tell(port, is_told, is_exact);
     }
     void drop(uint32_t port)
     {
@@ -152,8 +153,25 @@ static const struct {
      "set down, certain"},
     {"its module isn't looked at again", [](auto &at) { at.set_link(0, false, false); },
      "set down, likely"},
-    {"messages were lost before", [](auto &at) { at.set_link(0, false, false, false); },
-     "not known, possible"},
+    {"messages were lost before",
+     [](auto &at) {
+         at.set_link(0, false, false, false, false);
+         at.read(0, 0.5);
+     },
+     "set down, likely"},
+    {"the message may tell of a carrier that was lost before, too",
+     [](auto &at) {
+         at.set_link(0, false, false, true, false);
+         at.read(0, 0.5);
+     },
+     "set down, likely"},
+    {"nor is it certain that it was moved",
+     [](auto &at) {
+         at.set_link(0, false, false, true, false);
+         at.read(0, 0.5);
+         at.leave(0, departure::moved);
+     },
+     "interface moved, likely"},
     {"it is set up again at once",
      [](auto &at) {
          at.set_link(0, false, false);

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Links of the Linux board without a kernel: netlink messages, and the events that reports give. */
 #include "platform/dolm_ric/linux/fall_looks.h"
+#include "platform/dolm_ric/linux/kernel_notes.h"
 #include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"
 #include "platform/dolm_ric/linux/netlink.h"
@@ -286,6 +287,35 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     EXPECT_EQ("rm?", events.departures) << "removed, moved, not there in a dump";
 }
 
+TEST(kernel_notes_test, a_note_counts_for_its_interface_and_time)
+{
+    kernel_notes notes;
+    const auto changed = [](uint8_t command, int32_t index) {
+        netlink::request made = netlink::generic_request(1, command);
+        const size_t header = made.begin_nest(ETHTOOL_A_LINKMODES_HEADER);
+        made.put(ETHTOOL_A_HEADER_DEV_INDEX, index);
+        made.end_nest(header);
+        const netlink::byte_view bytes = made.finish(1);
+        return std::vector<uint8_t>(bytes.begin(), bytes.end());
+    };
+    notes.take_setting(changed(ETHTOOL_MSG_FEC_NTF, 7), 100);
+    notes.take_setting(changed(ETHTOOL_MSG_COALESCE_NTF, 8), 100);
+    notes.take_setting(std::vector<uint8_t>(11, 0xff), 100);
+    EXPECT_EQ(true, notes.were_settings_changed(7, 50, 150));
+    EXPECT_EQ(std::nullopt, notes.were_settings_changed(7, 101, 150)) << "nobody follows them here";
+    EXPECT_EQ(std::nullopt, notes.were_settings_changed(8, 50, 150)) << "no setting of the link";
+    for (const std::string_view text : {"unbind@/devices/pci0000:00/0000:03:00.1",
+                                        "change@/devices/pci0000:00/0000:03:00.0", "@"})
+        notes.take_uevent({reinterpret_cast<const uint8_t *>(text.data()), text.size()}, 100);
+    EXPECT_EQ(true, notes.was_unbound("0000:03:00.1", 50, 150));
+    EXPECT_EQ(std::nullopt, notes.was_unbound("0000:03:00.0", 50, 150));
+    notes.start();
+    EXPECT_EQ(false, notes.were_settings_changed(8, 50, 150));
+    notes.lose(120);
+    EXPECT_EQ(std::nullopt, notes.were_settings_changed(8, 50, 150));
+    EXPECT_EQ(false, notes.were_settings_changed(8, 130, 150));
+}
+
 TEST(fall_looks_test, a_drivers_state_has_its_name)
 {
     const auto state_of = [](uint8_t state, std::optional<uint8_t> substate) {
@@ -395,7 +425,8 @@ TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cos
     dolm_ric_details_record record = {};
     const dolm_ric_details_link &link = record.link;
     take_link_report(link_table_test::report(2, 0, 1), 0, 0, 10, record);
-    take_link_speed({100, 4, 10000, true, false, DOLM_RIC_FEC_RS}, 10, record);
+    take_link_speed({100, 4, 10000, true, false}, 10, record);
+    take_link_fec(DOLM_RIC_FEC_RS, record);
     EXPECT_EQ(link.fec, uint32_t{DOLM_RIC_FEC_RS});
     EXPECT_TRUE(link.changed_at == 0 && link.speed == 10000 && link.duplex == DOLM_RIC_DUPLEX_FULL);
     take_link_report(link_table_test::report(1, 2, 2), 2, 1, 30, record);
@@ -408,8 +439,19 @@ TEST(record_updates_test, a_record_follows_its_link_and_counts_what_readings_cos
     for (int i = 1; i < 10; i++)
         pieces[static_cast<size_t>(i)].error = i;
     pieces[10].error = ECANCELED;
-    take_cost({pieces, std::chrono::nanoseconds(100), std::chrono::seconds(4), true}, record);
     const dolm_ric_details_cost &cost = record.cost;
+    for (const auto &[error, has_module, failures] : {std::tuple(ENODEV, false, 0u),
+                                                      {EINVAL, false, 0u},
+                                                      {EBUSY, true, 0u},
+                                                      {EPERM, false, 1u}}) {
+        piece one = {.port = 0, .range = {0x50, 0, 0, 0, 8}};
+        one.error = error;
+        record.cost = {};
+        take_cost({{&one, 1}, std::chrono::nanoseconds(1), {}, false, has_module}, record);
+        EXPECT_TRUE(cost.reads == 1 && cost.failures == failures) << error;
+    }
+    record.cost = {};
+    take_cost({pieces, std::chrono::nanoseconds(100), std::chrono::seconds(4), true, true}, record);
     EXPECT_TRUE(cost.reads == 10 && cost.bytes == 8 && cost.failures == 9 &&
                 cost.longest_read == 10 && cost.last_sweep == 100 && cost.period == 4'000'000'000);
     EXPECT_TRUE(cost.error[0].error == 1 && cost.error[0].count == 1 &&

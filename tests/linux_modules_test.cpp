@@ -6,6 +6,7 @@
 #include "platform/dolm_ric/linux/module_files.h"
 #include "platform/dolm_ric/linux/module_poller.h"
 #include "platform/dolm_ric/linux/reader_client.h"
+#include "platform/dolm_ric/linux/record_updates.h"
 #include "platform/dolm_ric/linux/worker.h"
 #include "testkit/modules/module_images.h"
 #include "testkit/processes/processes.h"
@@ -105,6 +106,7 @@ struct linux_modules_test : testing::Test, module_listener {
     void begin_anew()
     {
         modules = cages();
+        record = {};
         read_at.clear();
         accesses.clear();
         poller.emplace(modules, *this, [this] { return modules.now; });
@@ -140,6 +142,10 @@ struct linux_modules_test : testing::Test, module_listener {
         return news_in(seconds(3));
     }
 
+    void module_cost(uint32_t, const reading_cost &cost) override
+    {
+        take_cost(cost, record);
+    }
     void module_sampled(uint32_t, const module_memory &memory,
                         const module_contents &contents) override
     {
@@ -227,6 +233,7 @@ TEST_F(linux_modules_test, an_error_in_an_empty_cage_is_no_broken_port)
             poller->expect_logging(0, logs_failures);
             pass(seconds(1000));
             EXPECT_EQ(logs_failures, modules.ports[0].readings == 1) << error;
+            EXPECT_TRUE(record.cost.reads > 0 && record.cost.failures == 0) << error;
             modules.ports[0] = {.module = module_with_serial("0001")};
             if (logs_failures)
                 poller->look_now(0);

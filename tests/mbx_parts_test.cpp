@@ -112,28 +112,29 @@ TEST_F(ring, an_ended_one_gives_what_was_in_it_then_and_nothing_that_comes_later
     EXPECT_TRUE(in.is_empty());
 }
 
-TEST_F(ring, what_cannot_be_is_a_lie)
+TEST_F(ring, what_cannot_be_is_refused)
 {
-    struct lie {
+    struct impossible {
         uint32_t head, size, skip = 0;
     };
-    static const lie lies[] = {{4, 8},
-                               {ring_bytes + 8, 8},
-                               {0u - 8u, 8},
-                               {16, 9},
-                               {16, UINT32_MAX - 1},
-                               {MBX_LARGEST_SIGNAL + 64, MBX_LARGEST_SIGNAL + 1},
-                               {ring_bytes, home_bytes - 7},
-                               {16, UINT32_MAX, 0},
-                               {ring_bytes, UINT32_MAX, 12},
-                               {64, UINT32_MAX, 64},
-                               {ring_bytes, UINT32_MAX, UINT32_MAX - 7}};
-    for (const lie &l : lies) {
-        area->ring(0).words->head = l.head;
-        std::memcpy(area->ring(0).home, &l.size, 2 * sizeof(uint32_t));
+    static const impossible cases[] = {{4, 8},
+                                       {ring_bytes + 8, 8},
+                                       {0u - 8u, 8},
+                                       {16, 9},
+                                       {16, UINT32_MAX - 1},
+                                       {MBX_LARGEST_SIGNAL + 64, MBX_LARGEST_SIGNAL + 1},
+                                       {ring_bytes, home_bytes - 7},
+                                       {16, UINT32_MAX, 0},
+                                       {ring_bytes, UINT32_MAX, 12},
+                                       {64, UINT32_MAX, 64},
+                                       {ring_bytes, UINT32_MAX, UINT32_MAX - 7}};
+    for (const impossible &one : cases) {
+        area->ring(0).words->head = one.head;
+        std::memcpy(area->ring(0).home, &one.size, 2 * sizeof(uint32_t));
         block *b = nullptr;
         bool asks;
-        EXPECT_EQ(in.pop(b, asks), record_receiver::outcome::lie) << l.head << ", " << l.size;
+        EXPECT_EQ(in.pop(b, asks), record_receiver::outcome::invalid)
+            << one.head << ", " << one.size;
     }
 }
 
@@ -456,7 +457,8 @@ TEST(the_waker, rings_for_connections_that_end_meanwhile)
         }
         for (auto &c : all)
             EXPECT_TRUE(deliver(*c, b, run));
-        all.clear();
+        for (auto &c : all)
+            let_go(*c, ended_by::us);
         stop_waker();
         for (const owned_fd &copy : copies)
             EXPECT_EQ(rings_of(copy.get()), 1u);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* What the board publishes of a module beyond the protocol: its lanes, its limits, and why a value
    is missing. */
-import { by_id, make, make_badge } from "./document.js";
+import { by_id, make, make_badge, set_text } from "./document.js";
 import { grade_badge } from "./ports.js";
 
 const columns = [["rx_power", "dBm", 2], ["tx_power", "dBm", 2], ["tx_bias", "mA", 2]];
@@ -34,8 +34,17 @@ function lane_row(lane) {
   return line;
 }
 
+/* Readings of the measured values at their present pace. */
+function reading_text(cost) {
+  if (!cost?.period_s || !cost.last_sweep_s)
+    return "";
+  const percent = 100 * cost.last_sweep_s / cost.period_s;
+  return `Reading the module keeps the kernel busy for ${percent < 0.01 ? "less than 0.01" : percent.toFixed(2)} % of the time.`;
+}
+
 /* Nothing is shown of a board that publishes no details. */
 export function write_lanes(details) {
+  set_text(by_id("reading-share"), reading_text(details?.cost));
   const section = by_id("lanes-part");
   section.hidden = !details?.lanes.length;
   if (!section.hidden)

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One row for each family, and one function that writes its samples for a port. A value that is
-   missing, whatever the reason, has no series. Values are in base units, powers in dBm. */
+/* One row for each family, and one function that writes its samples for a port. A record has 20 kB:
+   one is read at a time, and each family has a text of its own until all have been read. A value
+   that is missing, whatever the reason, has no series. Values are in base units, powers in dBm. */
 #include "tesk_exporter/details_metrics.h"
 
 #include <algorithm>
@@ -34,6 +35,7 @@ struct detailed_port {
 struct details_family {
     family described;
     void (*write)(const detailed_port &of);
+    size_t room = 256; /* for the text of a port */
 };
 
 enum class scale { plain, milli, dbm };
@@ -140,21 +142,42 @@ static void write_flags(const detailed_port &of)
                                        lane_label(lane)));
 }
 
-/* Observables that have a name; a module's own numbers are in /api/ports/N only. */
-static void write_vdm(const detailed_port &of)
+static std::string labels_of(const dolm_ric_details_vdm &row)
+{
+    return fmt::format("observable=\"{}\",side=\"{}\",lane=\"{}\"",
+                       label_of(TESK_DETAILS_TEXT_VDM_KIND, row.kind),
+                       label_of(TESK_DETAILS_TEXT_SIDE, row.side),
+                       row.lane == 0xff ? "" : std::to_string(row.lane));
+}
+
+/* Calls `write` for the observables that have a name; a module's own numbers are in /api/ports/N
+   only. */
+template <typename writer_type>
+static void for_named_vdm(const detailed_port &of, writer_type &&write)
 {
     const uint32_t count = std::min<uint32_t>(of.record.vdm_count, DOLM_RIC_DETAILS_VDM);
-    for (uint32_t i = 0; of.has_lanes && i < count; i++) {
-        const dolm_ric_details_vdm &row = of.record.vdm[i];
-        if (row.state != DOLM_RIC_VALUE_VALID || row.kind == DOLM_RIC_VDM_OTHER ||
-            !std::isfinite(row.value))
-            continue;
-        const std::string lane = row.lane == 0xff ? "" : std::to_string(row.lane);
-        of.sample(fmt::format("observable=\"{}\",side=\"{}\",lane=\"{}\"",
-                              label_of(TESK_DETAILS_TEXT_VDM_KIND, row.kind),
-                              label_of(TESK_DETAILS_TEXT_SIDE, row.side), lane),
-                  row.value);
-    }
+    for (uint32_t i = 0; of.has_lanes && i < count; i++)
+        if (of.record.vdm[i].kind != DOLM_RIC_VDM_OTHER)
+            write(of.record.vdm[i]);
+}
+
+static void write_vdm(const detailed_port &of)
+{
+    for_named_vdm(of, [&](const dolm_ric_details_vdm &row) {
+        if (row.state == DOLM_RIC_VALUE_VALID && std::isfinite(row.value))
+            of.sample(labels_of(row), row.value);
+    });
+}
+
+static void write_raised_vdm(const detailed_port &of)
+{
+    for_named_vdm(of, [&](const dolm_ric_details_vdm &row) {
+        for (uint32_t kind = 0; kind < DOLM_RIC_FLAGS; kind++)
+            if ((row.raised >> kind & 1) != 0)
+                of.sample(fmt::format("{},flag=\"{}\"", labels_of(row),
+                                      label_of(TESK_DETAILS_TEXT_FLAG, kind)),
+                          1);
+    });
 }
 
 static const dolm_ric_details_cost &cost_of(const detailed_port &of)
@@ -175,6 +198,13 @@ static constexpr details_family families[] = {
      [](const detailed_port &of) {
          if (of.record.link.state == DOLM_RIC_VALUE_VALID)
              of.sample("", static_cast<double>(of.record.link.falls));
+     }},
+    {{"tesk_port_fec", metric_type::info, "",
+      "The active forward error correction of an operational link; absent where it isn't known."},
+     [](const detailed_port &of) {
+         const dolm_ric_details_link &link = of.record.link;
+         if (link.state == DOLM_RIC_VALUE_VALID && link.fec != DOLM_RIC_FEC_UNKNOWN)
+             of.sample(fmt::format("mode=\"{}\"", label_of(TESK_DETAILS_TEXT_FEC, link.fec)), 1);
      }},
     {{"tesk_port_receive_power_limit_dbm", metric_type::gauge, "dbm",
       "The module's own limits of received light."},
@@ -203,16 +233,20 @@ static constexpr details_family families[] = {
      }},
     {{"tesk_port_lane_receive_power_dbm", metric_type::gauge, "dbm",
       "Received light of a lane; absent without light."},
-     [](const detailed_port &of) { write_lanes(of, DOLM_RIC_RX_POWER, scale::dbm); }},
+     [](const detailed_port &of) { write_lanes(of, DOLM_RIC_RX_POWER, scale::dbm); },
+     1024},
     {{"tesk_port_lane_transmit_power_dbm", metric_type::gauge, "dbm",
       "Transmitted light of a lane; absent without light."},
-     [](const detailed_port &of) { write_lanes(of, DOLM_RIC_TX_POWER, scale::dbm); }},
+     [](const detailed_port &of) { write_lanes(of, DOLM_RIC_TX_POWER, scale::dbm); },
+     1024},
     {{"tesk_port_lane_transmit_bias_amperes", metric_type::gauge, "amperes",
       "Bias current of the laser of a lane."},
-     [](const detailed_port &of) { write_lanes(of, DOLM_RIC_TX_BIAS, scale::milli); }},
+     [](const detailed_port &of) { write_lanes(of, DOLM_RIC_TX_BIAS, scale::milli); },
+     1024},
     {{"tesk_port_lane_signal", metric_type::gauge, "",
       "Whether a condition of a lane is there: loss of signal or of lock, fault, switched off."},
-     write_signals},
+     write_signals,
+     6144},
     {{"tesk_port_flag_readings", metric_type::counter, "",
       "Readings in which the module had raised a flag. A module clears its flags when they are "
       "read, by whoever reads them."},
@@ -220,6 +254,10 @@ static constexpr details_family families[] = {
     {{"tesk_port_diagnostics", metric_type::gauge, "",
       "Versatile diagnostics of a CMIS module: error ratios from 0 to 1, SNR in dB."},
      write_vdm},
+    {{"tesk_port_diagnostics_raised", metric_type::gauge, "",
+      "1 for each flag of the versatile diagnostics that the last reading found raised; absent "
+      "otherwise."},
+     write_raised_vdm},
     {{"tesk_port_module_reads", metric_type::counter, "", "Reads of the module's memory."},
      [](const detailed_port &of) {
          if (cost_of(of).reads > 0)
@@ -245,41 +283,43 @@ static constexpr details_family families[] = {
      }},
 };
 
-/* The sweeps of all ports at their present pace. */
-static void write_share(metrics_writer &writer, const std::vector<detailed_port> &ports)
+/* Room that is reserved and not written takes no memory; growing would copy megabytes. */
+static std::vector<metrics_writer> begin_families(text_format format, size_t ports)
 {
-    double share = 0;
-    bool is_known = false;
-    for (const detailed_port &port : ports)
-        if (const dolm_ric_details_cost &its = cost_of(port); its.period > 0) {
-            share += static_cast<double>(its.last_sweep) / static_cast<double>(its.period);
-            is_known = true;
-        }
-    if (!is_known)
-        return;
-    writer.begin({"tesk_module_reading_share_ratio", metric_type::gauge, "ratio",
-                  "Share of the time in which readings of measured values keep the kernel busy, "
-                  "all ports together."});
-    writer.sample("", share);
+    std::vector<metrics_writer> texts;
+    for (const details_family &row : families) {
+        metrics_writer &text = texts.emplace_back(format);
+        text.reserve(1024 + ports * row.room);
+        text.begin(row.described);
+    }
+    return texts;
 }
 
-void write_details(metrics_writer &writer, const model &board, port_details &details,
-                   bool has_lanes)
+std::vector<metrics_writer> details_texts(const model &board, port_details &details, bool has_lanes,
+                                          text_format format)
 {
-    std::vector<detailed_port> ports;
-    ports.reserve(board.ports().size());
-    for (const auto &[number, port] : board.ports())
-        if (const dolm_ric_details_record *record = details.find(number))
-            ports.push_back({writer, port.labels, *record, has_lanes});
-    details.keep_only([&](uint32_t number) { return board.ports().contains(number); });
-    for (const details_family &row : families) {
-        if (ports.empty())
-            break; /* a board without details has none of these */
-        writer.begin(row.described);
-        for (const detailed_port &port : ports)
-            row.write(port);
+    std::vector<metrics_writer> texts;
+    std::optional<double> share; /* of all sweeps at their present pace */
+    for (const auto &[number, port] : board.ports()) {
+        const auto record = details.read(number);
+        if (!record)
+            continue;
+        if (texts.empty())
+            texts = begin_families(format, board.ports().size());
+        for (size_t i = 0; i < std::size(families); i++)
+            families[i].write({texts[i], port.labels, *record, has_lanes});
+        if (const dolm_ric_details_cost &its = record->cost; its.period > 0)
+            share = share.value_or(0) +
+                    static_cast<double>(its.last_sweep) / static_cast<double>(its.period);
     }
-    write_share(writer, ports);
+    if (share) {
+        metrics_writer &text = texts.emplace_back(format);
+        text.begin({"tesk_module_reading_share_ratio", metric_type::gauge, "ratio",
+                    "Share of the time in which readings of measured values keep the kernel busy, "
+                    "all ports together."});
+        text.sample("", *share);
+    }
+    return texts;
 }
 
 } // namespace exporter

@@ -7,11 +7,14 @@
 #include "tesk_exporter/model.h"
 #include "tesk_exporter/port_details.h"
 
+#include <vector>
+
 namespace exporter
 {
 
-/* The series of all ports of the model that have details; those of lanes only with `has_lanes`. */
-void write_details(metrics_writer &writer, const model &board, port_details &details,
-                   bool has_lanes);
+/* A text for each family, with the series of all ports of the model that have details; those of
+   lanes only with `has_lanes`. Empty for a board without details. */
+std::vector<metrics_writer> details_texts(const model &board, port_details &details, bool has_lanes,
+                                          text_format format);
 
 } // namespace exporter

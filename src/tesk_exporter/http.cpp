@@ -587,9 +587,9 @@ MHD_Result http_server::send_port(const http_request &request, uint32_t port_no)
     const auto known = model_.ports().find(port_no);
     if (known == model_.ports().end())
         return send_text(request, MHD_HTTP_NOT_FOUND, port_fault(MHD_HTTP_NOT_FOUND));
-    const dolm_ric_details_record *record = details_.find(port_no);
-    return send_json(request,
-                     port_json(model_, known->second, record, details_.result(), request.now));
+    const auto record = details_.read(port_no);
+    return send_json(
+        request, port_json(model_, known->second, record.get(), details_.result(), request.now));
 }
 
 MHD_Result http_server::answer(const http_request &request, const char *method,

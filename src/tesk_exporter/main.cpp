@@ -138,7 +138,7 @@ class service
             return;
         const auto port = model_.ports().find(read->pm.port_no);
         if (port != model_.ports().end() && port->second.read_at == now.steady)
-            history_->take(port->second, details_.find(port->first));
+            history_->take(port->second, details_.read(port->first).get());
     }
 
     void refresh()

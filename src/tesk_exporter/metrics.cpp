@@ -13,6 +13,7 @@
 #include <memory>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <vector>
 
 namespace exporter
 {
@@ -391,9 +392,13 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
 std::string render_metrics(const model &board, port_details &details, bool has_lanes,
                            const exporter_figures &figures, text_format format, steady_time now)
 {
+    const std::vector<metrics_writer> detailed = details_texts(board, details, has_lanes, format);
+    size_t size =
+        16384 + board.ports().size() * 5120; /* at least, as growing would copy megabytes */
+    for (const metrics_writer &text : detailed)
+        size += text.size();
     metrics_writer writer(format);
-    /* About the final size, as growing would copy megabytes. */
-    writer.reserve(16384 + board.ports().size() * 5120);
+    writer.reserve(size);
     write_server(writer, board);
     for (const port_family &row : port_families) {
         writer.begin(row.described);
@@ -404,7 +409,8 @@ std::string render_metrics(const model &board, port_details &details, bool has_l
     }
     write_forecasts(writer, board, figures);
     write_falls(writer, board);
-    write_details(writer, board, details, has_lanes);
+    for (const metrics_writer &text : detailed)
+        writer.append(text);
     write_exporter(writer, figures);
     write_process(writer, figures);
     return writer.finish();

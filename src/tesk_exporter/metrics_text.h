@@ -54,6 +54,15 @@ class metrics_writer
     }
     void sample(std::string_view suffix, std::string_view labels, std::string_view more_labels,
                 double value);
+    /* The families of another text in the same format. */
+    void append(const metrics_writer &other)
+    {
+        text_ += other.text_;
+    }
+    size_t size() const
+    {
+        return text_.size();
+    }
     /* The whole text. */
     std::string finish();
     void reserve(size_t size)

@@ -3,6 +3,7 @@
    NAME.a2 and, where a module has banks, NAME.bank1. */
 #include "testkit/modules/module_images.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -20,11 +21,12 @@ static void write_file(const std::string &path, const bytes &content)
     file.close();
 }
 
-/* Lower memory and pages, the last being 11h of a bank. */
+/* Lower memory and pages, with 11h of a bank among them. */
 static bytes with_lanes(bytes memory, const bytes &lanes)
 {
-    memory.resize(std::size_t{128} * 0x12);
-    memory.insert(memory.end(), lanes.begin() + 128, lanes.end());
+    constexpr std::size_t place = std::size_t{128} * 0x12;
+    memory.resize(std::max(memory.size(), place + 128));
+    std::copy(lanes.begin() + 128, lanes.end(), memory.begin() + place);
     return memory;
 }
 
@@ -56,7 +58,7 @@ int main(int argc, char **argv)
         write_image(folder + "/made-other-sfp", with_serial(module_images::sfp(), "0002"));
         write_image(folder + "/made-external", module_images::external_sfp());
         write_image(folder + "/made-qsfp", module_images::qsfp());
-        write_image(folder + "/made-cmis", module_images::cmis());
+        write_image(folder + "/made-cmis", module_images::cmis_with_vdm());
     } catch (const std::exception &error) {
         fprintf(stderr, "write_images: %s: %s\n", argv[1], error.what());
         return 1;

@@ -197,4 +197,21 @@ inline image cmis()
     return made;
 }
 
+/* The same with versatile diagnostics of a lane: a ratio of bit errors of 2.4e-6 between its
+   limits, and an SNR of 20 dB without limits. */
+inline image cmis_with_vdm()
+{
+    image made = cmis();
+    made.a0.resize(size_t{0x30 + 1} * 128);
+    made.a0[128 + 142] |= 0x40;
+    put_page_sums(made.a0);
+    const auto put = [&](size_t page, size_t at, int value) {
+        put16(made.a0, page * 128 + at, value);
+    };
+    put(0x20, 128, 0x120f), put(0x24, 128, 16 << 11 | 240); /* set 1, lane 2 of the medium */
+    put(0x20, 254, 0x0306), put(0x24, 254, 20 * 256);       /* lane 3 of the host */
+    put(0x28, 136, 20 << 11 | 1), put(0x28, 138, 0), put(0x28, 140, 14 << 11 | 1);
+    return made;
+}
+
 } // namespace module_images

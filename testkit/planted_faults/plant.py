@@ -36,6 +36,7 @@ TESTS = {SERVER + "leaky_bucket": "filter", SERVER + "tesk_dolm_ric_pm": "proced
          "src/tesk_client/": "tesk_client details",
          "src/platform/mbx/": "mbx_parts mbx",
          "src/platform/dolm_ric/linux/linux_ports": "linux_network",
+         "src/platform/dolm_ric/linux/link_follower": "linux_links linux_network",
          "src/platform/dolm_ric/linux/port_config": "port_config",
          "src/platform/dolm_ric/linux/li": "linux_links",
          "src/platform/dolm_ric/linux/record_updates": "linux_links",

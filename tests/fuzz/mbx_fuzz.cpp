@@ -113,7 +113,7 @@ static void send_signals(fuzz_input &in)
 static void scribble(raw_peer &peer, fuzz_input &in)
 {
     const uint8_t where = in.byte();
-    static constexpr size_t words_in_use[] = {0, 4, 64, 68}; /* head, armed, tail, hungry */
+    static constexpr size_t words_in_use[] = {0, 4, 64, 68}; /* head, armed, tail, wants_room */
     auto *words = reinterpret_cast<unsigned char *>(peer.area->ring(where / 4 % 2).words);
     unsigned char *target = where < 128 ? words + words_in_use[where % 4]
                                         : const_cast<unsigned char *>(peer.out.place());

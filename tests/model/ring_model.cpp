@@ -70,7 +70,7 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
 
     void before()
     {
-        for (auto *word : {&words.head, &words.armed, &words.tail, &words.hungry})
+        for (auto *word : {&words.head, &words.armed, &words.tail, &words.wants_room})
             word->store(0, rl::mo_relaxed, $);
         for (bell *one : {&to_receiver, &to_sender})
             one->init(false, 0, 2 * signals, $);
@@ -108,7 +108,7 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
             const bool asks = ring.consume(slot_bytes);
             const bool is_empty = ring.available() == 0;
             rests = is_empty && i < signals && ring.rest();
-            if ((asks || is_empty) && ring.has_hungry_sender())
+            if ((asks || is_empty) && ring.must_report_room())
                 to_sender.signal($);
         }
     }

@@ -3,10 +3,14 @@
    each into the facts. A list of lanes is told only if each lane of the port has that value. */
 #include "platform/dolm_ric/fall_facts.h"
 
+#include "platform/dolm_ric/details_record.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstring>
 #include <iterator>
+#include <vector>
 
 namespace board
 {
@@ -28,7 +32,7 @@ static causes::number known(const dolm_ric_details_value &its)
     return its.state == DOLM_RIC_VALUE_VALID ? causes::number(its.value) : std::nullopt;
 }
 
-static module_sample::lane lane_of(const dolm_ric_details_lane &from)
+static module_sample::lane read_lane(const dolm_ric_details_lane &from)
 {
     module_sample::lane its;
     for (size_t kind = 0; kind < DOLM_RIC_LANE_VALUES; kind++)
@@ -80,7 +84,7 @@ module_sample sample_of(const dolm_ric_details_record &record)
     module_sample its;
     its.at = values_read_at(record);
     its.presence = record.presence;
-    its.serial = serial_in(record);
+    set_text(its.serial, sizeof(its.serial), serial_in(record), sizeof(its.serial));
     if (record.identity.state == DOLM_RIC_VALUE_VALID) {
         its.module_state = record.identity.module_state;
         its.medium = record.identity.medium;
@@ -94,7 +98,7 @@ module_sample sample_of(const dolm_ric_details_record &record)
         its.rx_low_alarm = dbm_of(light.low_alarm);
     for (uint32_t lane = 0; lane < record.lane_count; lane++)
         if ((record.own_lanes >> lane & 1) != 0)
-            its.lanes.push_back(lane_of(record.lane[lane]));
+            its.lane_of[its.lane_count++] = read_lane(record.lane[lane]);
     take_errors(record, its);
     return its;
 }
@@ -104,14 +108,14 @@ void forget_values(module_sample &old)
     module_sample kept;
     kept.presence = old.presence;
     kept.medium = old.medium;
-    kept.serial = old.serial;
+    memcpy(kept.serial, old.serial, sizeof(kept.serial));
     old = kept;
 }
 
 static causes::by_lane values_of(const module_sample &from, uint32_t kind)
 {
     std::vector<double> list;
-    for (const module_sample::lane &lane : from.lanes) {
+    for (const module_sample::lane &lane : from.lanes()) {
         if (lane.value[kind] < 0)
             return std::nullopt;
         list.push_back(kind == DOLM_RIC_TX_BIAS ? hundredths(lane.value[kind])
@@ -123,7 +127,7 @@ static causes::by_lane values_of(const module_sample &from, uint32_t kind)
 static causes::by_lane signals_of(const module_sample &from, uint32_t kind)
 {
     std::vector<double> list;
-    for (const module_sample::lane &lane : from.lanes) {
+    for (const module_sample::lane &lane : from.lanes()) {
         if ((lane.told >> kind & 1) == 0)
             return std::nullopt;
         list.push_back(lane.on >> kind & 1);
@@ -194,7 +198,7 @@ static causes::flag is_there(uint32_t presence)
 
 static causes::text serial_of(const module_sample &from)
 {
-    return from.serial.empty() ? std::nullopt : causes::text(from.serial);
+    return *from.serial == '\0' ? std::nullopt : causes::text(from.serial);
 }
 
 void tell_before(const module_sample &before, causes::facts &seen)
@@ -226,7 +230,7 @@ void tell_after(const module_sample &after, double age, bool is_down, causes::fa
     const bool is_first = !seen.present_after;
     if (is_first)
         seen.present_after = is_there(after.presence);
-    if (!seen.serial_after && !after.serial.empty()) {
+    if (!seen.serial_after && serial_of(after)) {
         seen.serial_after = after.serial;
         seen.serial_after_s = hundredths(age);
     }

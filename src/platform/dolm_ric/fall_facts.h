@@ -9,8 +9,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
-#include <vector>
 
 namespace board
 {
@@ -18,7 +18,7 @@ namespace board
 /* What became of a port's interface. */
 enum class departure : uint8_t { none, removed, moved, unknown };
 
-/* One look at a port's module. */
+/* One look at a port's module, made with each change of its details: without memory of its own. */
 struct module_sample {
     struct lane {
         /* In mW and mA; negative where it isn't known. */
@@ -29,9 +29,15 @@ struct module_sample {
     uint32_t presence = DOLM_RIC_PRESENCE_UNKNOWN;
     uint32_t module_state = DOLM_RIC_MODULE_STATE_NONE;
     uint32_t medium = DOLM_RIC_MEDIUM_UNKNOWN;
-    std::string serial; /* empty: not known */
+    char serial[sizeof(dolm_ric_details_identity::serial)] = ""; /* empty: not known */
     causes::number temperature, temperature_high_alarm, rx_low_alarm, errors, errors_limit;
-    std::vector<lane> lanes; /* those of the port */
+    std::array<lane, DOLM_RIC_DETAILS_LANES> lane_of = {};
+    size_t lane_count = 0; /* those of the port */
+
+    std::span<const lane> lanes() const
+    {
+        return std::span(lane_of).first(lane_count);
+    }
 };
 
 module_sample sample_of(const dolm_ric_details_record &record);

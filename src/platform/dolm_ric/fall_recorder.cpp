@@ -161,6 +161,7 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     its.open = std::make_shared<fall>();
     fall &made = *its.open;
     made.at = made.due = at;
+    made.is_told = its.news.is_told;
     made.is_exact = its.news.is_exact;
     made.left = its.left;
     made.seen.time = wall_time(now_() - at);
@@ -171,8 +172,9 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
         made.seen.device = its.news.device;
     if (its.up_since != 0)
         made.seen.up_for_s = seconds_of(at - its.up_since);
-    if (made.is_exact && now.state == DOLM_RIC_VALUE_VALID)
-        made.seen.set_down = now.admin == DOLM_RIC_SWITCH_DOWN;
+    const bool is_set_down = now.admin == DOLM_RIC_SWITCH_DOWN;
+    if (now.state == DOLM_RIC_VALUE_VALID && (is_set_down || made.is_told))
+        made.seen.set_down = is_set_down;
     tell_link_before(its.link, made.seen);
     tell_look_before(its, made);
 }
@@ -206,7 +208,7 @@ void fall_recorder::tell_look_before(const port_watch &its, fall &made) const
         forget_values(before);
     if (is_young && its.before.at == 0)
         before.presence = DOLM_RIC_PRESENCE_UNKNOWN;
-    made.lanes = before.lanes.size();
+    made.lanes = before.lane_count;
     tell_before(before, made.seen);
     its.trail.tell(made.at - 2 * minute, made.at - rules_.youngest_look, made.seen);
 }
@@ -228,7 +230,7 @@ void fall_recorder::rise(port_watch &its, int64_t at)
 void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &record, int64_t now)
 {
     const bool is_other =
-        record.presence != its.last.presence || its.last.serial != serial_in(record);
+        record.presence != its.last.presence || strcmp(its.last.serial, serial_in(record)) != 0;
     const int64_t read_at = values_read_at(record);
     if (!is_other && read_at <= its.last.at)
         return;
@@ -241,8 +243,8 @@ void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &r
     if (its.open != nullptr)
         take_look(*its.open, found);
     if (its.before.at == 0 || its.last.at - its.before.at >= rules_.youngest_look)
-        its.before = std::move(its.last);
-    its.last = std::move(found);
+        its.before = its.last;
+    its.last = found;
 }
 
 /* Lists of another number of lanes can't be compared. */
@@ -250,9 +252,9 @@ void fall_recorder::take_look(fall &open, module_sample found)
 {
     if (found.at < open.last_at)
         return;
-    if (open.lanes != 0 && found.lanes.size() != open.lanes)
-        found.lanes.clear();
-    open.lanes = std::max(open.lanes, found.lanes.size());
+    if (open.lanes != 0 && found.lane_count != open.lanes)
+        found.lane_count = 0;
+    open.lanes = std::max(open.lanes, found.lane_count);
     tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
     if (open.up_at != 0 && found.at >= open.up_at && !open.seen.rx_again)
         tell_again(found, open.seen);
@@ -326,11 +328,12 @@ void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
     if (!seen.present_before.value_or(true) && its.last.presence == DOLM_RIC_PRESENCE_EMPTY)
         seen.present_after = false;
     tell_neighbours(port, its, open);
-    if (!open.is_exact)
-        return;
-    tell_departure(open.left, its.news.device.empty(), seen);
+    if (open.is_told)
+        tell_departure(open.left, its.news.device.empty(), seen);
     if (is_set_down_alone(seen, its.link))
         seen.device_reset = false;
+    if (!open.is_exact)
+        seen.device_reset.reset(); /* so that nothing is certain */
 }
 
 /* The bound that the time service gives, where one keeps the clock. */
@@ -352,7 +355,7 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
     guard.unlock();
     tell_clock(asked);
     if (look_)
-        look_(port, asked);
+        look_(port, at, asked);
     guard.lock();
     port_watch &its = ports_.at(port);
     if (its.open == nullptr || its.open->at != at)

@@ -33,7 +33,8 @@ namespace board
 
 /* What the message of a change says beside the port's details. */
 struct link_news {
-    bool is_exact = false; /* the kernel's own message, and none before it was lost */
+    bool is_told = false;  /* the kernel's own message, and none before it was lost */
+    bool is_exact = false; /* and nothing that happened before it can be in it, too */
     std::string device;    /* of which the port is one; empty: not known */
 };
 
@@ -48,8 +49,8 @@ class fall_recorder
 {
   public:
     /* Brings what a board knows beside the details into the facts; called at each look, on the
-       thread. */
-    using looker = std::function<void(uint32_t port, causes::facts &)>;
+       thread. `at` is the time of the fall. */
+    using looker = std::function<void(uint32_t port, int64_t at, causes::facts &)>;
 
     /* ns of CLOCK_BOOTTIME. */
     using clock = std::function<int64_t()>;
@@ -82,12 +83,12 @@ class fall_recorder
   private:
     struct fall {
         causes::facts seen;
-        int64_t at = 0, last_at = 0; /* of the first and the last one in this record */
-        int64_t up_at = 0;           /* 0: not yet */
-        int64_t due = 0;             /* of the next look or writing */
-        size_t looks = 0;            /* that were made */
-        size_t lanes = 0;            /* of all lists; 0: not known */
-        bool is_exact = false;
+        int64_t at = 0, last_at = 0;            /* of the first and the last one in this record */
+        int64_t up_at = 0;                      /* 0: not yet */
+        int64_t due = 0;                        /* of the next look or writing */
+        size_t looks = 0;                       /* that were made */
+        size_t lanes = 0;                       /* of all lists; 0: not known */
+        bool is_told = false, is_exact = false; /* as in the news of the first one */
         departure left = departure::none;
         bool is_changed = true; /* since it was written */
         bool is_written = false;

@@ -39,9 +39,8 @@ struct newcomer {
     uint32_t mailbox_id;
     owned_fd control;
     peer_identity peer;
-    uint32_t number = 0; /* these once it waits for the greeting */
+    uint32_t number = 0; /* not 0, and with a deadline, once it waits for the greeting */
     time_point deadline{};
-    bool is_watched = false;
 };
 
 } // namespace
@@ -51,44 +50,25 @@ using namespace std::chrono_literals;
 static constexpr auto time_to_greet = 2s;
 static constexpr auto time_to_retry = 100ms;
 static constexpr auto time_to_complain = 10s;
-static constexpr auto time_to_answer = 1ms;
 static constexpr int ungreeted_at_most = 16; /* of one process */
-static constexpr int wordless_at_most = 20;  /* in a row, of one process */
 
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_number;
 static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
 static time_point retry;
-/* For the next connection. */
-static std::optional<offer> prepared;
-static std::vector<std::pair<uint32_t, uint32_t>> accepted; /* mailbox's slot, connection */
-static time_point later = time_point::max();                /* when these two are seen to */
 
-static void complain_about_old_wire(const peer_identity &peer)
+static void complain_about_greeting(const peer_identity &peer)
 {
     static time_point next;
     const time_point now = std::chrono::steady_clock::now();
     if (now < next)
         return;
     next = now + time_to_complain;
-    fprintf(
-        stderr,
-        "libmbx: process %d speaks the wire of libmbx 1.0.0, which this version does not: update "
-        "its library and start it again\n",
-        static_cast<int>(peer.process));
-}
-
-/* Where the kernel refuses the descriptor in its greeting, a client with libmbx 1.0.0 hangs up
-   without a word, and tries again. */
-static bool is_old_wire(const newcomer &n, heard what)
-{
-    static int64_t last;
-    static int times;
-    if (n.peer.key() != last || what != heard::end)
-        times = 0;
-    last = n.peer.key();
-    return what == heard::old_wire || (what == heard::end && ++times >= wordless_at_most);
+    fprintf(stderr,
+            "libmbx: process %d sent a greeting that this version of the library can't read; if it "
+            "has another version, update that and start the process again\n",
+            static_cast<int>(peer.process));
 }
 
 /* Empty, with errno, when the system refuses a part. */
@@ -106,19 +86,6 @@ static std::optional<offer> make_offer()
     return made;
 }
 
-/* The part of an acceptance for which the client need not wait. */
-static void do_later()
-{
-    while (!accepted.empty()) {
-        const auto [slot, id] = accepted.back();
-        accepted.pop_back();
-        watch_life_of(slot, id);
-    }
-    if (!prepared)
-        prepared = make_offer();
-    later = time_point::max();
-}
-
 /* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
    signal finds it. Takes the control connection over, unless it is refused. */
 static void answer(mailbox &m, newcomer &n, const greeting &hello)
@@ -129,14 +96,11 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         return;
     }
     std::shared_ptr<entry> place = entry::open(n.peer, false);
-    std::optional<offer> made;
-    if (place)
-        made = prepared ? std::exchange(prepared, {}) : make_offer();
+    std::optional<offer> made = place ? make_offer() : std::nullopt;
     if (!made) {
         send_greeting(control, greeting_kind::refused, m.token);
         return;
     }
-    accepted.reserve(accepted.size() + 1);
     connection_parts &parts = made->parts;
     const int fds[welcome_fds] = {made->memory.get(), parts.near_bell.get(), parts.far_bell.get()};
     parts.control = std::move(n.control);
@@ -145,11 +109,9 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     place->watch = made->watch;
     parts.area->hold(std::move(place), true);
     const uint32_t id = add_connection(m, std::move(parts));
-    accepted.emplace_back(m.slot, id);
-    later = std::min(later, std::chrono::steady_clock::now() + time_to_answer);
     if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds)) {
         send_greeting(control, greeting_kind::refused, m.token);
-        end_connection(m, id);
+        end_connection(m, id, ended_by::us);
     }
 }
 
@@ -174,13 +136,13 @@ static void welcome(newcomer &n, const greeting &hello)
 static bool try_greeting(newcomer &n)
 {
     greeting hello = receive_greeting(n.control.get());
-    if (hello.what == heard::nothing)
+    if (hello.state == greeting_state::missing)
         return false;
-    if (n.is_watched)
+    if (n.number != 0)
         helper_unwatch(n.control.get());
-    if (is_old_wire(n, hello.what))
-        complain_about_old_wire(n.peer);
-    if (hello.what == heard::greeting && hello.kind == greeting_kind::hello)
+    if (hello.state == greeting_state::foreign)
+        complain_about_greeting(n.peer);
+    if (hello.state == greeting_state::valid && hello.kind == greeting_kind::hello)
         welcome(n, hello);
     if (n.control)
         hang_up(std::move(n.control), std::move(hello.fds), n.peer);
@@ -211,8 +173,7 @@ static void handle_newcomer(newcomer &&n)
     n.number = ++last_number;
     n.deadline = std::chrono::steady_clock::now() + time_to_greet;
     make_place_for(n);
-    n.is_watched = helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number);
-    if (n.is_watched)
+    if (helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number))
         newcomers.push_back(std::move(n));
     else
         hang_up(std::move(n.control), {}, n.peer);
@@ -280,20 +241,12 @@ static time_point keep_time(time_point now)
         drop(newcomers.begin());
     if (!resting.empty() && retry <= now)
         wake_listeners();
-    if (later <= now)
-        do_later();
-    time_point next = later;
+    time_point next = time_point::max();
     if (!newcomers.empty())
         next = std::min(next, newcomers.front().deadline);
     if (!resting.empty())
         next = std::min(next, retry);
     return next;
-}
-
-void prepare_to_accept()
-{
-    const std::lock_guard hold(helper_lock);
-    do_later();
 }
 
 void set_up_accepting()
@@ -310,9 +263,4 @@ void end_accepting(bool is_child)
             hang_up(std::move(n.control), {}, n.peer);
     newcomers.clear();
     resting.clear();
-    if (prepared && is_child)
-        prepared->parts.area->forget();
-    prepared.reset();
-    accepted.clear();
-    later = time_point::max();
 }

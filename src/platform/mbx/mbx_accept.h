@@ -5,8 +5,6 @@
 
 /* Registers the functions that the helper calls, before it starts. */
 void set_up_accepting();
-/* Without any lock: makes what the next connection consists of, so that it stands sooner. */
-void prepare_to_accept();
 /* Without a helper: drops the connections that have not greeted. In a forked child they are the
    parent's, and only the copies are closed. */
 void end_accepting(bool is_child);

@@ -103,7 +103,7 @@ static uint32_t monitor_local(mailbox &target, uint32_t id, uint32_t watcher, bl
     {
         std::lock_guard hold(target.lock);
         if (target.id == id) {
-            target.watchers.push(notice);
+            target.watchers.push_back(*notice);
             return reference;
         }
     }
@@ -115,12 +115,10 @@ static void unmonitor_local(uint32_t reference)
 {
     for_each_mailbox([&](mailbox &m) {
         std::lock_guard hold(m.lock);
-        block *before = nullptr;
-        for (block *b = m.watchers.head; b; before = b, b = b->next)
-            if (b->word.load(std::memory_order_relaxed) == reference) {
-                block_give(m.watchers.remove_after(before));
-                return;
-            }
+        block *found = m.watchers.take_if(
+            [=](const block &b) { return b.word.load(std::memory_order_relaxed) == reference; });
+        if (found)
+            block_give(found);
     });
 }
 
@@ -172,10 +170,8 @@ try {
         complain_about_name(name);
     const uint32_t id = is_started ? create_mailbox(name) : MBX_NO_MAILBOX;
     registry.unlock();
-    if (id != MBX_NO_MAILBOX && name) {
+    if (id != MBX_NO_MAILBOX && name)
         report_limits();
-        prepare_to_accept();
-    }
     return id;
 } catch (const std::bad_alloc &) {
     errno = ENOMEM;

@@ -59,26 +59,22 @@ void set_up(connection &c, connection_parts &&parts)
 /* The area stays mapped while the inbox has something to take from its other ring, and, if the peer
    may still read, until that has closed its end. Descriptors passed over the control connection are
    not closed here. */
-connection::~connection()
+void let_go(connection &c, ended_by who)
 {
-    set_monitor(*this, nullptr, 0);
-    waiting.clear();
-    if (is_peer_gone)
-        ring.leave();
-    if (area)
-        count_held(*this);
-    if (area && is_bell_own)
-        leave_bell(far_bell.get(), area->place());
-    retire_bell(std::move(far_bell));
-    if (!control)
-        return;
-    std::shared_ptr<entry> place = area->place();
-    if (is_peer_gone || !is_bell_own)
-        area.reset();
-    if (is_bell_own)
-        part(std::move(control), std::move(area), std::move(place), peer);
+    c.waiting.clear();
+    if (who == ended_by::peer)
+        c.ring.leave();
+    count_held(c);
+    std::shared_ptr<entry> place = c.area->place();
+    if (c.is_bell_own)
+        leave_bell(c.far_bell.get(), place);
+    retire_bell(std::move(c.far_bell));
+    if (who == ended_by::peer || !c.is_bell_own)
+        c.area.reset();
+    if (c.is_bell_own)
+        part(std::move(c.control), std::move(c.area), std::move(place), c.peer);
     else
-        hang_up(std::move(control), {}, peer, std::move(place));
+        hang_up(std::move(c.control), {}, c.peer, std::move(place));
 }
 
 bool deliver(connection &c, const block *b, fan_out &run)
@@ -87,7 +83,8 @@ bool deliver(connection &c, const block *b, fan_out &run)
     if (c.ring.touched() > 0 && is_much_held())
         c.ring.trim();
     const bool is_first = c.held() == 0;
-    const bool is_sent = c.waiting.is_empty() && push(c, signal, b->size, &run);
+    const bool is_next = c.waiting.is_empty();
+    const bool is_sent = is_next && push(c, signal, b->size, &run);
     if (!is_sent && !c.waiting.push(signal, b->size))
         return false;
     if (!is_sent || c.ring.touched() > 0) {
@@ -96,7 +93,7 @@ bool deliver(connection &c, const block *b, fan_out &run)
     }
     if (is_sent)
         return true;
-    if (!c.awaits_room)
+    if (is_next)
         while (flush(c) == flushing::goes_on) {
         }
     return c.held() <= held_for_one_at_most;
@@ -117,8 +114,7 @@ flushing flush(connection &c)
     }
     count_held(c);
     note_read(c, false);
-    c.awaits_room = !c.waiting.is_empty();
-    if (!c.awaits_room)
+    if (c.waiting.is_empty())
         return flushing::done;
     return is_full && c.ring.wait_for_room() ? flushing::waits : flushing::goes_on;
 }

@@ -36,9 +36,7 @@ struct alignas(64) connection {
     owned_fd far_bell;        /* wakes the receiver */
     uint32_t met = 0;         /* its mark for fan_out */
     bool is_bell_own = false; /* made in this process */
-    bool awaits_room = false;
     bool was_located = false;
-    bool is_peer_gone = false; /* or has lied: what is unread goes back at once */
     record_sender ring;
 
     backlog waiting;
@@ -54,7 +52,11 @@ struct alignas(64) connection {
     connection() = default;
     connection(const connection &) = delete;
     connection &operator=(const connection &) = delete;
-    ~connection();
+    ~connection()
+    {
+        if (notice)
+            block_give(notice);
+    }
 
     /* Bytes of memory that it holds for the receiver. */
     size_t held() const
@@ -65,6 +67,13 @@ struct alignas(64) connection {
 
 /* Takes over all of the parts but the near bell. */
 void set_up(connection &c, connection_parts &&parts);
+
+enum class ended_by {
+    us,  /* what the peer has not read stays for it */
+    peer /* it is gone, or has broken the protocol: what is unread goes back at once */
+};
+/* Lets all go but what the inbox has still to take. */
+void let_go(connection &c, ended_by who);
 
 /* Hands a signal over, or keeps it. False when that would hold more than held_for_one_at_most for
    this receiver, or memory is out: the connection must end. `run`: the sender's. */

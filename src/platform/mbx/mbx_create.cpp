@@ -22,7 +22,7 @@ static bool is_name_ours(const char *name)
 
 static void notify_watchers(mailbox &m, uint32_t id)
 {
-    while (block *notice = m.watchers.pop())
+    while (block *notice = m.watchers.pop_front())
         push_local(notice->sender, notice, id);
 }
 
@@ -34,10 +34,7 @@ static inbox_owner owner_of(mailbox &m)
                     send_wake(c->control.get(), wake::room);
             },
             [](void *self, uint32_t id) {
-                mailbox &owner = *static_cast<mailbox *>(self);
-                if (connection *c = owner.connections.find(id))
-                    c->is_peer_gone = true; /* it has lied */
-                end_connection(owner, id);
+                end_connection(*static_cast<mailbox *>(self), id, ended_by::peer);
             },
             [](void *) { want_trim(); }};
 }
@@ -100,7 +97,7 @@ void delete_mailbox(mailbox &m)
         set_monitor(c, nullptr, 0);
         helper_unwatch(m.in.bell(c.id));
         if (c.waiting.is_empty())
-            end_connection(m, c.id);
+            end_connection(m, c.id, ended_by::us);
     });
     m.in.close();
     notify_watchers(m, id);
@@ -120,6 +117,6 @@ void forget_mailbox(mailbox &m)
         c.control.reset();
     });
     m.connections.clear();
-    m.watchers.give_all();
+    give_all(m.watchers);
     m.in.close(true);
 }

@@ -11,7 +11,7 @@
 #pragma once
 
 #include "platform/mbx/mbx_fd.h"
-#include "platform/mbx/mbx_source.h"
+#include "platform/mbx/mbx_record.h"
 #include "platform/mbx/mbx_table.h"
 
 #include <atomic>
@@ -29,6 +29,24 @@ struct inbox_owner {
     void (*end_connection)(void *self, uint32_t id);
     /* More pages are in use from now on that trim() would give back. */
     void (*want_trim)(void *self);
+};
+
+enum class source_state {
+    fresh,   /* its bell is not in the epoll yet */
+    watched, /* it is */
+    ended    /* stays for what is to be taken */
+};
+
+/* One sender. */
+struct source {
+    uint32_t id = 0; /* the sender of its signals */
+    source_state state = source_state::fresh;
+    bool is_in_line = false;
+    source *next = nullptr; /* in the line */
+    record_receiver ring;
+    fifo<block> notices; /* for the time after its last signal */
+    std::shared_ptr<mapped_area> area;
+    owned_fd bell;
 };
 
 class inbox
@@ -90,6 +108,7 @@ class inbox
     bool add_event(int fd, uint32_t events, uint32_t id);
     void raise(bool wanted);
     void show();
+    void line_up(source &s);
     void enter(source &s);
     void take_events(const epoll_event *events, int count);
     void look();
@@ -97,7 +116,7 @@ class inbox
     void remove(source &s);
     block *take_local();
     bool has_local() const;
-    block *end_liar(source &s);
+    block *end_at_violation(source &s);
     void count_received(source &s);
     void keep_unread(source &s);
     block *take_living(source &s);
@@ -115,15 +134,15 @@ class inbox
     uint32_t openings_ = 0;
 
     std::atomic<block *> pushed_{nullptr}; /* the latest first */
-    block_queue local_;                    /* taken off pushed_, the oldest first */
+    fifo<block> local_;                    /* taken off pushed_, the oldest first */
     source local_source_;
     id_table<source> sources_;
-    turn_line line_;
+    fifo<source> line_;                  /* those that have a signal, in the order of their turns */
     size_t left_ = 0;                    /* bytes that senders that are gone have left */
     size_t round_ = 0;                   /* turns until the next look for others */
     uint32_t unlooked_ = 0;              /* signals of the only source until the next look */
     std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor before it receives */
     uint32_t departed_ = 0; /* a source that may have woken the owner without a signal, and has been
                                removed */
-    block_queue set_aside_; /* passed over by a filter */
+    fifo<block> set_aside_; /* passed over by a filter */
 };

@@ -6,7 +6,6 @@
 #include "platform/mbx/mbx_peers.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <optional>
 #include <poll.h>
@@ -16,19 +15,15 @@ using namespace std::chrono_literals;
 
 static constexpr int locate_ms = 5000;
 static constexpr auto locate_pause = 5ms;
-/* A server of libmbx 1.0.0 closes the connection each time without an answer. This version answers,
-   unless it is ending. */
-static constexpr int unanswered_at_most = 40;
 
 namespace
 {
 
 enum class attempt {
     done,
-    again,      /* nothing came of it */
-    refused,    /* the other side has no place for us */
-    unanswered, /* the other side closed the connection without an answer */
-    failed      /* errno tells why */
+    again,   /* nothing came of it */
+    refused, /* the other side has no place for us */
+    failed   /* errno tells why */
 };
 
 /* One attempt: the connection as far as it is made. */
@@ -125,9 +120,7 @@ static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_po
     if (!send_greeting(c.control.get(), greeting_kind::hello, m.token))
         return attempt::again;
     c.answer = await_greeting(c.control.get(), deadline);
-    if (c.answer.what == heard::end)
-        return attempt::unanswered;
-    if (c.answer.what != heard::greeting || c.answer.kind == greeting_kind::hello)
+    if (c.answer.state != greeting_state::valid || c.answer.kind == greeting_kind::hello)
         return attempt::again;
     restrict_control(c.control.get());
     if (c.answer.kind == greeting_kind::refused)
@@ -136,30 +129,17 @@ static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_po
     return out == MBX_NO_MAILBOX ? attempt::again : attempt::done;
 }
 
-static void complain_about_old_wire(const char *name)
-{
-    fprintf(
-        stderr,
-        "libmbx: the owner of %s hangs up on each greeting, as one with libmbx 1.0.0 does, whose "
-        "wire this version does not speak: update its library and start it again\n",
-        name);
-}
-
 /* The peer accepted but did not greet (it is stopping, or has no descriptors left), or has no place
    for more of us: retry until the deadline. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
     const time_point deadline = locate_deadline();
-    for (int unanswered = 0;;) {
+    for (;;) {
         uint32_t out = MBX_NO_MAILBOX;
         const attempt result = try_to_locate(m, own, name, deadline, out);
         if (result == attempt::done || result == attempt::failed)
             return out;
-        unanswered = result == attempt::unanswered ? unanswered + 1 : 0;
-        const bool is_old = unanswered >= unanswered_at_most;
-        if (is_old)
-            complain_about_old_wire(name);
-        if (is_old || milliseconds_until(deadline) == 0) {
+        if (milliseconds_until(deadline) == 0) {
             errno = result == attempt::refused ? EUSERS : ETIMEDOUT;
             return MBX_NO_MAILBOX;
         }

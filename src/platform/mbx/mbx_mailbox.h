@@ -31,5 +31,5 @@ struct mailbox {
     uint64_t born = 0;
     uint32_t sent_last = 0;
     fan_out run;          /* of what was sent since the last reception */
-    block_queue watchers; /* monitors of this mailbox by others of the process; sender: which one */
+    fifo<block> watchers; /* monitors of this mailbox by others of the process; sender: which one */
 };

@@ -83,7 +83,8 @@ static bool watch_bell(mailbox &m, uint32_t id)
     return helper_watch(WATCH_FIRST_RING, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
 }
 
-/* Without a pidfd, which an old kernel may not have, the control connection does alone. */
+/* Without a pidfd, which an old kernel may not have, the control connection does alone. False with
+   ESRCH for a process that is gone already and has left its end of that to somebody else. */
 static bool watch_life(mailbox &m, connection &c)
 {
     if (c.peer.process <= 0)
@@ -99,11 +100,11 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
     set_up(c, std::move(parts));
     if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        (!c.was_located || watch_life(m, c)) && watch_bell(m, id))
+        watch_life(m, c) && watch_bell(m, id))
         return id;
     const errno_keeper keeper;
     c.was_located = false;
-    end_connection(m, id);
+    end_connection(m, id, ended_by::peer);
     return 0;
 }
 
@@ -117,7 +118,7 @@ connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identit
 
 /* A copy of a descriptor in somebody's child must neither keep the connection open nor our epoll
    entries: so they are removed before the close. */
-void end_connection(mailbox &m, uint32_t id)
+void end_connection(mailbox &m, uint32_t id, ended_by who)
 {
     connection *c = m.connections.find(id);
     if (!c)
@@ -134,6 +135,7 @@ void end_connection(mailbox &m, uint32_t id)
             notice->sender = id;
         m.in.end(id, notice);
     }
+    let_go(*c, who);
     m.connections.remove(id);
     if (++ended >= crowd)
         want_trim();
@@ -147,7 +149,7 @@ void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b)
         if (c && b->size <= MBX_LARGEST_SIGNAL && b->number() != MBX_MONITOR_DEFAULT_NO) {
             expect_next(m, *c);
             if (!deliver(*c, b, m.run))
-                end_connection(m, receiver);
+                end_connection(m, receiver, ended_by::us);
             else if (c->held() > 0)
                 want_trim();
         }
@@ -219,7 +221,7 @@ static bool shed_one()
     if (!owner)
         return false;
     std::lock_guard hold(owner->lock);
-    end_connection(*owner, id);
+    end_connection(*owner, id, ended_by::us);
     return true;
 }
 
@@ -257,7 +259,7 @@ static bool flush_some(mailbox &m, uint32_t id)
         return false;
     const flushing result = flush(*c);
     if (result == flushing::done && m.id == 0)
-        end_connection(m, id);
+        end_connection(m, id, ended_by::us);
     return result == flushing::goes_on;
 }
 
@@ -283,8 +285,7 @@ static bool take_control(mailbox &m, uint32_t id)
     case control_event::end:
         break;
     }
-    c->is_peer_gone = true;
-    end_connection(m, id);
+    end_connection(m, id, ended_by::peer);
     return false;
 }
 
@@ -296,25 +297,9 @@ static void handle_control(uint32_t slot, uint32_t id)
         with_mailbox(slot, [&](mailbox &m) { has_room = flush_some(m, id); });
 }
 
-/* A process that is gone already has left its end of the control connection to somebody else. */
-void watch_life_of(uint32_t slot, uint32_t id)
-{
-    with_mailbox(slot, [&](mailbox &m) {
-        connection *c = m.connections.find(id);
-        if (!c || watch_life(m, *c))
-            return;
-        c->is_peer_gone = true;
-        end_connection(m, id);
-    });
-}
-
 static void handle_life(uint32_t slot, uint32_t id)
 {
-    with_mailbox(slot, [&](mailbox &m) {
-        if (connection *c = m.connections.find(id))
-            c->is_peer_gone = true;
-        end_connection(m, id);
-    });
+    with_mailbox(slot, [&](mailbox &m) { end_connection(m, id, ended_by::peer); });
 }
 
 static void handle_first_ring(uint32_t slot, uint32_t id)
@@ -324,7 +309,7 @@ static void handle_first_ring(uint32_t slot, uint32_t id)
             return;
         helper_unwatch(m.in.bell(id));
         if (!m.in.watch(id))
-            end_connection(m, id);
+            end_connection(m, id, ended_by::us);
     });
 }
 
@@ -378,5 +363,5 @@ void linger(time_point deadline)
             break;
         poll(waiting.data(), waiting.size(), left);
     }
-    for_each_lingering([](mailbox &m, uint32_t id) { end_connection(m, id); });
+    for_each_lingering([](mailbox &m, uint32_t id) { end_connection(m, id, ended_by::us); });
 }

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_peers - the connections of a mailbox: made, written to, supervised, ended. The functions need
-   the mailbox's lock held unless they say otherwise. */
+/* mbx_peers - the connections of a mailbox: made, written to, supervised, ended. The states of a
+   connection, its events and the threads that act are a table in docs/architecture.md. The
+   functions need the mailbox's lock held unless they say otherwise. */
 #pragma once
 
 #include "platform/mbx/mbx_mailbox.h"
@@ -8,21 +9,19 @@
 /* Registers the functions that the helper calls, before it starts. Without any lock. */
 void set_up_peers();
 
-/* Makes a connection from its parts and returns its id. 0 with errno on failure. One that we have
-   not located wants watch_life_of() soon. */
+/* Makes a connection from its parts and returns its id. 0 with errno on failure. */
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
 /* The connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer);
-/* Ends it. The peer's unread signals are kept for the owner, followed by the monitor's notice. */
-void end_connection(mailbox &m, uint32_t id);
+/* Ends it. The peer's unread signals are kept for the owner, followed by the monitor's notice.
+   Harmless if it has ended. */
+void end_connection(mailbox &m, uint32_t id, ended_by who);
 /* Takes the lock itself. Takes the block over. `own` is the id that the mailbox must have. */
 void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b);
 /* Takes the lock itself. Replaces an earlier monitor of the same peer. Returns the reference. */
 uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice);
 /* Takes the lock itself. False if there is no such monitor. */
 bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference);
-/* Takes the lock itself. Lets the end of the peer's process end the connection, too. */
-void watch_life_of(uint32_t slot, uint32_t id);
 /* Any lock. Pages of rings that a burst needed are unmapped after it. */
 void want_trim();
 /* Without any lock: ends connections while too much is held (mbx_account.h). */

@@ -138,14 +138,14 @@ record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
         return outcome::nothing;
     uint32_t place = end_.position() % ring_bytes;
     if (there > ring_bytes || there < head_bytes)
-        return outcome::lie;
+        return outcome::invalid;
     const unsigned char *record = ring_.at(place);
     uint32_t size = load_word(record);
     uint32_t skip = 0;
     if (size == skip_mark) {
         skip = load_word(record + 4);
         if (skip % 8 != 0 || skip > there - head_bytes)
-            return outcome::lie;
+            return outcome::invalid;
         place = (place + skip) % ring_bytes;
         record = ring_.at(place);
         size = load_word(record);
@@ -154,7 +154,7 @@ record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
     /* No signal is that short: there was a hole. */
     if (size == 0 || size > MBX_LARGEST_SIGNAL || record_bytes(size) > there - skip ||
         record_bytes(size) > end - place)
-        return outcome::lie;
+        return outcome::invalid;
     out = block_take(std::max<size_t>(size, sizeof(mbx_signal)));
     out->signal()->number = 0;
     std::memcpy(static_cast<void *>(out->signal()), record + head_bytes, size);

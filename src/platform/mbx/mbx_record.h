@@ -78,7 +78,7 @@ class record_sender
 class record_receiver
 {
   public:
-    enum class outcome { signal, nothing, lie };
+    enum class outcome { signal, nothing, invalid };
 
     record_receiver() = default;
     explicit record_receiver(const mapped_ring &ring) : ring_(ring), end_(ring.words, ring_bytes)
@@ -86,7 +86,7 @@ class record_receiver
     }
 
     /* With `signal`, a new block that has no sender yet. Shorter ones than a number are filled up
-       with 0. `asks` is set when has_hungry_sender should be asked. */
+       with 0. `asks` is set when must_report_room should be asked. */
     outcome pop(block *&out, bool &asks);
     bool is_empty() const
     {
@@ -96,9 +96,9 @@ class record_receiver
     {
         return end_.rest();
     }
-    bool has_hungry_sender()
+    bool must_report_room()
     {
-        return end_.has_hungry_sender();
+        return end_.must_report_room();
     }
     /* The sender is gone: what is in the ring now is all that comes out of it. */
     void finish();

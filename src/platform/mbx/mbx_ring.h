@@ -15,8 +15,8 @@
    a ring would have no signal to go with it. So each ring comes with something to read, and a
    receiver that has rested must not look at the ring before it is rung.
 
-   Waking the sender. A sender that finds no room sets `hungry` and looks at `tail` once more. A
-   receiver that has emptied the ring and rests looks at `hungry`, clears it, and reports.
+   Waking the sender. A sender that finds no room sets `wants_room` and looks at `tail` once more. A
+   receiver that has emptied the ring and rests looks at `wants_room`, clears it, and reports.
 
    Both are the same pattern: a store, a full fence, and a load of what the other side stores before
    its own fence, so that at least one of the two sees the other's store.
@@ -70,9 +70,9 @@ struct ring_orders {
     static constexpr auto reuse = std::memory_order_acquire;
     /* The sender's fence between head and armed. */
     static constexpr auto before_armed = std::memory_order_seq_cst;
-    /* The receiver's fence between armed and tail on one side, head and hungry on the other. */
+    /* The receiver's fence between armed and tail on one side, head and wants_room on the other. */
     static constexpr auto before_resting = std::memory_order_seq_cst;
-    /* The sender's fence between hungry and tail. */
+    /* The sender's fence between wants_room and tail. */
     static constexpr auto before_waiting = std::memory_order_seq_cst;
 };
 
@@ -83,7 +83,7 @@ struct ring_words {
     alignas(64) typename atomics::word head; /* the sender's position */
     typename atomics::word armed;            /* set by the receiver, taken by the sender */
     alignas(64) typename atomics::word tail; /* the receiver's position */
-    typename atomics::word hungry;           /* set by the sender, taken by the receiver */
+    typename atomics::word wants_room;       /* set by the sender, taken by the receiver */
 };
 
 /* The sender's end. One thread at a time. */
@@ -134,7 +134,7 @@ class ring_sender
        when there is plenty by now. */
     bool wait_for_room()
     {
-        atomics::store(words_->hungry, 1, std::memory_order_relaxed);
+        atomics::store(words_->wants_room, 1, std::memory_order_relaxed);
         atomics::fence(orders::before_waiting);
         look();
         return head_ - tail_ > capacity_ / 4;
@@ -181,7 +181,7 @@ class ring_receiver
     {
         return atomics::load(words_->head, orders::find) - tail_;
     }
-    /* Gives so many bytes back to the sender. Returns whether has_hungry_sender() should be asked:
+    /* Gives so many bytes back to the sender. Returns whether must_report_room() should be asked:
        at each half of the ring, for a ring that never runs empty. */
     bool consume(uint32_t bytes)
     {
@@ -202,13 +202,13 @@ class ring_receiver
                !atomics::replace(words_->armed, armed, 0, std::memory_order_relaxed);
     }
     /* Whether the sender waits for room, there is plenty, and the caller is the one to report it.
-       To be asked after each rest(), whose fence stands between tail and hungry; and after a
+       To be asked after each rest(), whose fence stands between tail and wants_room; and after a
        consume() that says so, where a request that is missed is seen at the next rest(). */
-    bool has_hungry_sender()
+    bool must_report_room()
     {
-        return atomics::load(words_->hungry, std::memory_order_relaxed) != 0 &&
+        return atomics::load(words_->wants_room, std::memory_order_relaxed) != 0 &&
                atomics::load(words_->head, std::memory_order_relaxed) - tail_ <= capacity_ / 4 &&
-               atomics::replace(words_->hungry, 1, 0, std::memory_order_relaxed);
+               atomics::replace(words_->wants_room, 1, 0, std::memory_order_relaxed);
     }
 
   private:

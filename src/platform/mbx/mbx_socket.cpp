@@ -40,9 +40,8 @@ union fd_room {
 
 } // namespace
 
-static constexpr uint32_t greeting_magic = 0x3278626d;     /* "mbx2" */
-static constexpr uint32_t old_greeting_magic = 0x3178626d; /* "mbx1" */
-static constexpr int control_send_buffer = 4608;           /* the least that the kernel gives */
+static constexpr uint32_t greeting_magic = 0x3278626d; /* "mbx2" */
+static constexpr int control_send_buffer = 4608;       /* the least that the kernel gives */
 
 /* Without memory for them they are closed here. */
 static void take_fds(const unsigned char *data, size_t count, std::vector<owned_fd> &fds)
@@ -134,16 +133,16 @@ greeting receive_greeting(int control)
     greeting_record record{};
     bool is_message;
     const ssize_t length = receive(control, &record, sizeof(record), got.fds, is_message);
-    got.what = heard::nonsense;
+    got.state = greeting_state::invalid;
     if (length < 0)
-        got.what = errno == EAGAIN ? heard::nothing : heard::end;
+        got.state = errno == EAGAIN ? greeting_state::missing : greeting_state::closed;
     else if (!is_message)
-        got.what = heard::end;
-    else if (length == sizeof(record) && record.magic == old_greeting_magic)
-        got.what = heard::old_wire;
-    else if (length == sizeof(record) && record.magic == greeting_magic &&
+        got.state = greeting_state::closed;
+    else if (record.magic != greeting_magic)
+        got.state = greeting_state::foreign;
+    else if (length == sizeof(record) &&
              got.fds.size() == (record.kind == greeting_kind::welcome ? welcome_fds : 0))
-        got.what = heard::greeting;
+        got.state = greeting_state::valid;
     got.kind = record.kind;
     got.token = record.token;
     return got;

@@ -34,16 +34,16 @@ constexpr size_t welcome_fds = 3;
 bool send_greeting(int control, greeting_kind kind, const mailbox_token &token,
                    const int *fds = nullptr);
 
-enum class heard {
-    nothing,  /* nothing has come yet */
-    greeting, /* a proper one */
-    old_wire, /* the greeting of libmbx 1.0.0 */
-    end,      /* the other side has closed the connection */
-    nonsense, /* anything else */
+enum class greeting_state {
+    missing, /* nothing has come yet */
+    valid,
+    foreign, /* begins as no greeting of this version does */
+    closed,  /* the other side has closed the connection */
+    invalid, /* anything else */
 };
 
 struct greeting {
-    heard what = heard::nothing;
+    greeting_state state = greeting_state::missing;
     greeting_kind kind = greeting_kind::hello;
     mailbox_token token{};
     /* The descriptors of the message, as many as a message can carry; of a proper greeting as many

@@ -386,12 +386,24 @@ static std::string vdm_number(const dolm_ric_details_vdm &row)
     return is_ratio ? fmt::format("{:.2e}", row.value) : fmt::format("{:.2f}", row.value);
 }
 
+/* The flags that the last reading found. */
+static std::string raised_text(uint32_t raised)
+{
+    if ((raised & DOLM_RIC_VDM_FLAGS_UNKNOWN) != 0)
+        return "not read";
+    texts parts;
+    for (uint32_t kind = 0; kind < DOLM_RIC_FLAGS; kind++)
+        if ((raised >> kind & 1) != 0)
+            parts.emplace_back(tesk_details_text(TESK_DETAILS_TEXT_FLAG, kind));
+    return parts.empty() ? "-" : fmt::format("{}", fmt::join(parts, "; "));
+}
+
 static void add_vdm(texts &lines, const dolm_ric_details_record &record, const module_style &style)
 {
     const uint32_t count = std::min<uint32_t>(record.vdm_count, DOLM_RIC_DETAILS_VDM);
     if (count == 0)
         return;
-    table shown({"DIAGNOSTICS", "SIDE", "LANE", "NOW", "GRADE"});
+    table shown({"DIAGNOSTICS", "SIDE", "LANE", "NOW", "GRADE", "FLAGS"});
     for (uint32_t i = 0; i < count; i++) {
         const dolm_ric_details_vdm &row = record.vdm[i];
         const std::string name = row.kind == DOLM_RIC_VDM_OTHER
@@ -402,7 +414,8 @@ static void add_vdm(texts &lines, const dolm_ric_details_record &record, const m
                    row.lane == 0xff ? "all" : std::to_string(row.lane), vdm_number(row),
                    has_grade ? paint(tesk_details_text(TESK_DETAILS_TEXT_GRADE, row.grade),
                                      tint_of(row.grade), style.coloured)
-                             : "-"});
+                             : "-",
+                   raised_text(row.raised)});
     }
     lines.emplace_back();
     add_table(lines, shown, style);

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* look() asks for the state of a link; take_link_state() names its codes. */
+/* look() asks for the state of a link, whose codes take_link_state() names, and what the kernel has
+   told of its own accord. */
 #include "platform/dolm_ric/linux/fall_looks.h"
 
 #include <chrono>
@@ -42,7 +43,7 @@ void take_link_state(netlink::byte_view attributes, causes::facts &seen)
 }
 
 /* Without a connection the facts aren't known; the next look tries again. */
-void fall_looks::look(int32_t index, causes::facts &seen)
+void fall_looks::ask_state(int32_t index, causes::facts &seen)
 {
     try {
         if (!ethtool_)
@@ -59,6 +60,20 @@ void fall_looks::look(int32_t index, causes::facts &seen)
     ethtool_->ask(question, kernel_patience, [&](const netlink::message &answer) {
         take_link_state(netlink::generic_attributes(answer), seen);
     });
+}
+
+/* A setting is told once it is made, and the fall that follows up to a second later; a driver that
+   leaves is told behind the removal of its interfaces. */
+void fall_looks::look(int32_t index, const std::string &device, int64_t at, causes::facts &seen)
+{
+    constexpr int64_t second = 1'000'000'000;
+    if (index != 0) {
+        ask_state(index, seen);
+        seen.settings_changed =
+            notes_.were_settings_changed(index, at - 5 * second, at + second / 4);
+    }
+    if (!device.empty())
+        seen.driver_unbound = notes_.was_unbound(device, at - second, at + 2 * second);
 }
 
 } // namespace linux_board

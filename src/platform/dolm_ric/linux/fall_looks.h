@@ -1,13 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* fall_looks - what the kernel and a driver say of a link that fell, beside the messages of
-   link_follower. One thread, which waits for the kernel's lock. */
+   link_follower. One thread, which waits for the kernel's lock; start() and stop() on any. */
 #pragma once
 
 #include "causes/facts.h"
+#include "platform/dolm_ric/linux/kernel_notes.h"
 #include "platform/dolm_ric/linux/netlink.h"
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace linux_board
 {
@@ -15,11 +17,22 @@ namespace linux_board
 class fall_looks
 {
   public:
-    /* Asks the driver of that interface for its extended state; what it doesn't tell stays as it
-       is. */
-    void look(int32_t index, causes::facts &seen);
+    void start()
+    {
+        notes_.start();
+    }
+    void stop()
+    {
+        notes_.stop();
+    }
+    /* What is known of a fall at the time `at`, of an interface on a device on its bus; 0: the port
+       has none any more. What nobody tells stays as it is. */
+    void look(int32_t index, const std::string &device, int64_t at, causes::facts &seen);
 
   private:
+    void ask_state(int32_t index, causes::facts &seen);
+
+    kernel_notes notes_;
     std::optional<netlink::connection> ethtool_; /* made by the first look */
     uint16_t family_ = 0;
 };

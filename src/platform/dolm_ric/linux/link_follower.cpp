@@ -5,7 +5,12 @@
    When the queue overruns, the kernel reports ENOBUFS once and drops everything until the queue has
    been emptied. So all that is queued is taken first, and then every interface is read. Nothing
    that was lost is older than that reading, and the counters tell the falls in between. What is
-   queued after it may be older than the reading; the counters tell that, too. */
+   queued after it may be older than the reading; the counters tell that, too.
+
+   The active FEC is for people who look at a port's details, and some drivers ask their firmware
+   for it. So it is asked for when a rise has been told and no notice is queued, one interface at a
+   time.
+ */
 #include "platform/dolm_ric/linux/link_follower.h"
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -37,6 +42,9 @@ static constexpr std::chrono::seconds round_interval{30};
 /* Notices and questions in one go, before the others get their turn. */
 static constexpr int datagrams_at_once = 256;
 static constexpr int questions_at_once = 16;
+
+/* The kernel's link watch runs once a second; some time for its thread to get the kernel's lock. */
+static constexpr std::chrono::milliseconds longest_hold{1500};
 
 /* With more notices than these in one go there are better things to do than to ask for speeds. */
 static constexpr int notices_of_a_storm = 16;
@@ -151,6 +159,8 @@ void link_follower::take_turn()
     ask_speeds();
     table_.announce_settled(std::chrono::steady_clock::now());
     listener_.reports_taken();
+    if (is_drained)
+        ask_next_fec();
 }
 
 int link_follower::poll_timeout() const
@@ -158,6 +168,8 @@ int link_follower::poll_timeout() const
     static constexpr int retry_ms = 100;
     if (is_behind_)
         return retry_ms;
+    if (!fecs_wanted_.empty())
+        return 0;
     auto next = round_due_;
     if (!speeds_wanted_.empty())
         next = std::min(next, speeds_due_);
@@ -191,9 +203,14 @@ bool link_follower::drain()
 
 void link_follower::take(const netlink::message &notice)
 {
-    if (const auto report = parse_link(notice))
-        take_report(*report,
-                    is_behind_ ? link_table::origin::late_notice : link_table::origin::notice);
+    const auto report = parse_link(notice);
+    if (!report)
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    const bool is_prompt = now - std::exchange(noticed_at_, now) > longest_hold;
+    take_report(*report, is_behind_  ? link_table::origin::late_notice
+                         : is_prompt ? link_table::origin::prompt_notice
+                                     : link_table::origin::notice);
 }
 
 /* The port is noted as reported before its event is queued, so that the read which this event
@@ -247,8 +264,7 @@ uint32_t link_follower::fec_now(int32_t index)
     return fec;
 }
 
-/* Nothing without an answer: the speed that was known is kept, and asked for again. A link without
-   a speed is down and has no active FEC. */
+/* Nothing without an answer: the speed that was known is kept, and asked for again. */
 std::optional<link_speed> link_follower::speed_now(int32_t index)
 {
     if (ethtool_family_ == 0)
@@ -276,12 +292,12 @@ std::optional<link_speed> link_follower::speed_now(int32_t index)
             duplex <= DUPLEX_FULL ? std::optional(duplex == DUPLEX_FULL) : std::nullopt,
         .is_negotiated =
             autoneg <= AUTONEG_ENABLE ? std::optional(autoneg == AUTONEG_ENABLE) : std::nullopt,
-        .fec = speed == UINT32_MAX ? uint32_t{DOLM_RIC_FEC_UNKNOWN} : fec_now(index),
     };
 }
 
 std::optional<link_speed> link_follower::speed_of_risen(int32_t index)
 {
+    fecs_wanted_.insert(index);
     return notices_taken_ > notices_of_a_storm ? std::nullopt : speed_now(index);
 }
 
@@ -299,6 +315,7 @@ void link_follower::take_round()
     const auto now = std::chrono::steady_clock::now();
     if (now < round_due_)
         return;
+    fecs_wanted_ = table_.indices();
     speeds_wanted_.merge(table_.indices());
     speeds_due_ = now;
     round_due_ = now + round_interval;
@@ -312,6 +329,19 @@ void link_follower::ask_speeds()
         return;
     for (int count = 0; count < questions_at_once && !speeds_wanted_.empty(); count++)
         ask_speed_if_wanted(speeds_wanted_.extract(speeds_wanted_.begin()).value());
+}
+
+/* A port that is down meanwhile has none. */
+void link_follower::ask_next_fec()
+{
+    while (!fecs_wanted_.empty() && ethtool_family_ != 0) {
+        const int32_t index = fecs_wanted_.extract(fecs_wanted_.begin()).value();
+        if (!table_.is_up(index))
+            continue;
+        listener_.fec_reported(*table_.port_of(index), fec_now(index));
+        return;
+    }
+    fecs_wanted_.clear();
 }
 
 /* Waits are forgotten at half the pace at which time passes without one. */

@@ -27,6 +27,10 @@ namespace linux_board
 struct follower_listener : link_listener {
     /* A run of reports was taken. */
     virtual void reports_taken() = 0;
+    /* The active FEC of an operational link as enum dolm_ric_details_fec, after its rise. */
+    virtual void fec_reported(uint32_t /*port*/, uint32_t /*fec*/)
+    {
+    }
 };
 
 class link_follower
@@ -89,6 +93,7 @@ class link_follower
     std::optional<link_speed> speed_of_risen(int32_t index);
     void ask_speed_if_wanted(int32_t index);
     void ask_speeds();
+    void ask_next_fec();
     int poll_timeout() const;
     bool is_wait_worth_it(uint32_t port, link_table::time_point now);
 
@@ -103,6 +108,8 @@ class link_follower
     std::set<int32_t> speeds_wanted_;
     link_table::time_point speeds_due_ = {};
     link_table::time_point round_due_ = {};
+    link_table::time_point noticed_at_ = {}; /* the last notice about any interface */
+    std::set<int32_t> fecs_wanted_;
     bool is_reading_due_ = false; /* of all interfaces */
     bool is_behind_ = false;      /* messages were lost since all interfaces were read */
     int notices_taken_ = 0;       /* since the thread woke up */

@@ -210,13 +210,18 @@ void link_table::take_speed(int32_t index, const link_speed &speed, time_point n
     announce_or_hold(link, 0, now);
 }
 
-bool link_table::is_speed_wanted(int32_t index, time_point now) const
+bool link_table::is_up(int32_t index) const
 {
     const auto known = ports_.find(index);
-    if (known == ports_.end())
+    return known != ports_.end() && links_.at(known->second).last.operational;
+}
+
+bool link_table::is_speed_wanted(int32_t index, time_point now) const
+{
+    if (!is_up(index))
         return false;
-    const port_link &link = links_.at(known->second);
-    return link.last.operational && (!link.speed_at || now - *link.speed_at >= speed_age);
+    const port_link &link = links_.at(ports_.at(index));
+    return !link.speed_at || now - *link.speed_at >= speed_age;
 }
 
 void link_table::forget(int32_t index, time_point now, board::departure how)

@@ -56,12 +56,14 @@ struct link_speed {
     uint32_t megabits = 0; /* the same */
     std::optional<bool> is_full_duplex = {};
     std::optional<bool> is_negotiated = {};
-    uint32_t fec = 0; /* the active one as enum dolm_ric_details_fec; 0 if it isn't known */
 };
 
 /* A notice was sent by the kernel of its own accord and may be older than an answer, which is
-   always the state of that moment. Before a late notice others were lost. */
-enum class report_origin : uint8_t { notice, late_notice, answer };
+   always the state of that moment. Before a late notice others were lost. The kernel holds a
+   message about a carrier back for up to a second after one about any interface: of two things that
+   happened within it a notice may tell at once. Before a prompt notice there was none for longer.
+ */
+enum class report_origin : uint8_t { prompt_notice, notice, late_notice, answer };
 
 /* Called in the thread that passes the reports in. */
 struct link_listener {
@@ -133,6 +135,8 @@ class link_table
     void take_speed(int32_t index, const link_speed &speed, time_point now);
     /* Whether a port's link is operational and its speed isn't known, or is old. */
     bool is_speed_wanted(int32_t index, time_point now) const;
+    /* Whether it is a port whose link is operational. */
+    bool is_up(int32_t index) const;
     /* The interface is gone. */
     void forget(int32_t index, time_point now, board::departure how = board::departure::unknown);
 

@@ -217,8 +217,11 @@ void linux_ports::start()
 {
     const std::string details = board::details_path(board::port_map_path());
     details_.start(details);
+    fall_looks_.start();
     falls_.start(board::falls_folder(details),
-                 [this](uint32_t number, causes::facts &seen) { look_at_fall(number, seen); });
+                 [this](uint32_t number, int64_t at, causes::facts &seen) {
+                     look_at_fall(number, at, seen);
+                 });
     links_.also_watch(watch_.fd(), [this] { look_at_config(); });
     links_.start();
     modules_.start(first_look_patience);
@@ -230,6 +233,7 @@ void linux_ports::stop() noexcept
     links_.stop();
     modules_.stop();
     falls_.stop();
+    fall_looks_.stop();
     details_.stop();
 }
 
@@ -334,7 +338,10 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
 void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_t falls,
                                 uint32_t rises, report_origin from)
 {
-    falls_.hear(number, {.is_exact = from == report_origin::notice,
+    const bool is_prompt = from == report_origin::prompt_notice;
+    const bool is_told = is_prompt || from == report_origin::notice;
+    falls_.hear(number, {.is_told = is_told,
+                         .is_exact = is_prompt || (is_told && falls == 0),
                          .device = board::device_of(now.parent)});
     details_.update(number, [&](dolm_ric_details_record &record) {
         take_link_report(now, falls, rises, board::details_time(), record);
@@ -347,15 +354,16 @@ void linux_ports::interface_leaves(uint32_t number, board::departure how)
 }
 
 /* On the recorder's thread. */
-void linux_ports::look_at_fall(uint32_t number, causes::facts &seen)
+void linux_ports::look_at_fall(uint32_t number, int64_t at, causes::facts &seen)
 {
     int32_t interface = 0;
+    std::string device;
     {
         const auto guard = events_.lock();
         interface = ports_.at(number).interface;
+        device = ports_.at(number).device;
     }
-    if (interface != 0)
-        fall_looks_.look(interface, seen);
+    fall_looks_.look(interface, device, at, seen);
 }
 
 void linux_ports::speed_reported(uint32_t number, const link_speed &now)
@@ -363,6 +371,11 @@ void linux_ports::speed_reported(uint32_t number, const link_speed &now)
     details_.update(number, [&](dolm_ric_details_record &record) {
         take_link_speed(now, board::details_time(), record);
     });
+}
+
+void linux_ports::fec_reported(uint32_t number, uint32_t fec)
+{
+    details_.update(number, [fec](dolm_ric_details_record &record) { take_link_fec(fec, record); });
 }
 
 void linux_ports::link_changed(uint32_t number, const link_values &now)
@@ -396,6 +409,7 @@ void linux_ports::interface_changed(uint32_t number, const link_report *now)
     if (now != nullptr) {
         changed.name = now->name;
         changed.port_name = now->port_name;
+        changed.device = now->parent;
     }
     is_map_old_ = true;
     if (now == nullptr)

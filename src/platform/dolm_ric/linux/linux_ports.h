@@ -62,10 +62,11 @@ class linux_ports final : public board::port_source, follower_listener, module_l
 
     struct port_copy {
         configured_port config = {};
-        bool is_out = false;   /* of the configuration */
-        int32_t interface = 0; /* its index, or 0 */
-        std::string name;      /* of its interface, or as configured while it has none */
-        std::string port_name; /* the kernel's, of the cage's part */
+        bool is_out = false;     /* of the configuration */
+        int32_t interface = 0;   /* its index, or 0 */
+        std::string name;        /* of its interface, or as configured while it has none */
+        std::string port_name;   /* the kernel's, of the cage's part */
+        std::string device = {}; /* on its bus, that the interface is of, or was */
         link_values link;
         module_presence presence = module_presence::absent;
         module_contents contents = {};
@@ -84,13 +85,14 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     std::map<uint32_t, link_report> ports_at_reader(const std::vector<link_report> &all,
                                                     int &error);
     void look_at_config();
-    void look_at_fall(uint32_t number, causes::facts &seen);
+    void look_at_fall(uint32_t number, int64_t at, causes::facts &seen);
     void report_ports();
 
     void link_reported(uint32_t number, const link_report &now, uint32_t falls, uint32_t rises,
                        report_origin from) override;
     void interface_leaves(uint32_t number, board::departure how) override;
     void speed_reported(uint32_t number, const link_speed &now) override;
+    void fec_reported(uint32_t number, uint32_t fec) override;
     void link_changed(uint32_t number, const link_values &now) override;
     void link_known(uint32_t number, const link_values &now) override;
     void interface_changed(uint32_t number, const link_report *now) override;

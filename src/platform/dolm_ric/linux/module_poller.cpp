@@ -370,7 +370,7 @@ void module_poller::take_results(std::vector<task> &tasks, duration cost)
         port.spent += cost / pieces * made;
         listener_.module_cost(port.number,
                               {done.pieces, cost / pieces * made, port.diagnostics_pause(),
-                               done.kind == task_kind::diagnostics});
+                               done.kind == task_kind::diagnostics, port.where != stage::empty});
         take_result(done);
         const bool fails = port.failures >= failures_when_broken ||
                            (port.failures > 0 && port.where == stage::empty);

@@ -46,6 +46,7 @@ struct reading_cost {
     std::chrono::steady_clock::duration time;   /* of all; shared out evenly within a packet */
     std::chrono::steady_clock::duration period; /* between two sweeps of the port, at present */
     bool is_sweep;                              /* a reading of all measured values */
+    bool has_module;                            /* one was known of before */
 };
 
 /* Of errors that say nothing about the module, since nobody could ask it. */

@@ -274,18 +274,39 @@ static bool has_command(byte_view attributes, uint32_t command)
     return false;
 }
 
-uint16_t find_family(connection &generic, std::string_view name, uint32_t command)
+/* Gives the attributes of a family to `take`. */
+static void ask_family(connection &generic, std::string_view name,
+                       const std::function<void(byte_view attributes)> &take)
 {
     request question = generic_request(GENL_ID_CTRL, CTRL_CMD_GETFAMILY);
     question.put_text(CTRL_ATTR_FAMILY_NAME, name);
+    generic.ask(question, std::chrono::seconds(5),
+                [&](const message &answer) { take(generic_attributes(answer)); });
+}
+
+uint16_t find_family(connection &generic, std::string_view name, uint32_t command)
+{
     uint16_t family = 0;
-    generic.ask(question, std::chrono::seconds(5), [&](const message &answer) {
-        const byte_view attributes = generic_attributes(answer);
+    ask_family(generic, name, [&](byte_view attributes) {
         if (command == 0 || has_command(attributes, command))
             family =
                 read_record<uint16_t>(find_attribute(attributes, CTRL_ATTR_FAMILY_ID)).value_or(0);
     });
     return family;
+}
+
+/* The groups stand in a nest of nests, as the commands. */
+uint32_t find_group(connection &generic, std::string_view family, std::string_view group)
+{
+    uint32_t number = 0;
+    ask_family(generic, family, [&](byte_view attributes) {
+        byte_view groups = find_attribute(attributes, CTRL_ATTR_MCAST_GROUPS);
+        while (const auto one = take_attribute(groups))
+            if (read_text(find_attribute(one->value, CTRL_ATTR_MCAST_GRP_NAME)) == group)
+                number = read_record<uint32_t>(find_attribute(one->value, CTRL_ATTR_MCAST_GRP_ID))
+                             .value_or(0);
+    });
+    return number;
 }
 
 } // namespace netlink

@@ -154,6 +154,9 @@ class connection
    also 0 if the family lacks that command. */
 uint16_t find_family(connection &generic, std::string_view name, uint32_t command = 0);
 
+/* The number of a family's multicast group, or 0 if the kernel doesn't have it. */
+uint32_t find_group(connection &generic, std::string_view family, std::string_view group);
+
 /* A message to a generic netlink family. */
 request generic_request(uint16_t family, uint8_t command);
 

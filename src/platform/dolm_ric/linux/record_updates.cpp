@@ -17,11 +17,12 @@ static uint32_t switch_of(bool is_on)
     return is_on ? DOLM_RIC_SWITCH_UP : DOLM_RIC_SWITCH_DOWN;
 }
 
-static void set_speed(uint32_t megabits, uint32_t duplex, uint32_t fec, dolm_ric_details_link &link)
+static void set_speed(uint32_t megabits, uint32_t duplex, dolm_ric_details_link &link)
 {
     link.speed = megabits;
     link.duplex = duplex;
-    link.fec = fec;
+    if (megabits == 0)
+        link.fec = DOLM_RIC_FEC_UNKNOWN;
 }
 
 void take_link_report(const link_report &report, uint32_t falls, uint32_t rises, int64_t now,
@@ -41,7 +42,7 @@ void take_link_report(const link_report &report, uint32_t falls, uint32_t rises,
     board::set_text(link.interface, sizeof(link.interface), report.name.c_str(),
                     report.name.size());
     if (!report.operational)
-        set_speed(0, DOLM_RIC_DUPLEX_UNKNOWN, DOLM_RIC_FEC_UNKNOWN, link);
+        set_speed(0, DOLM_RIC_DUPLEX_UNKNOWN, link);
 }
 
 void take_link_speed(const link_speed &speed, int64_t now, dolm_ric_details_record &record)
@@ -54,10 +55,16 @@ void take_link_speed(const link_speed &speed, int64_t now, dolm_ric_details_reco
                             : *speed.is_full_duplex ? DOLM_RIC_DUPLEX_FULL
                                                     : DOLM_RIC_DUPLEX_HALF;
     if (is_up)
-        set_speed(speed.megabits, duplex, speed.fec, link);
+        set_speed(speed.megabits, duplex, link);
     link.autoneg =
         speed.is_negotiated ? switch_of(*speed.is_negotiated) : uint32_t{DOLM_RIC_SWITCH_UNKNOWN};
     link.lanes = speed.lanes != 0 ? speed.lanes : link.lanes;
+}
+
+void take_link_fec(uint32_t fec, dolm_ric_details_record &record)
+{
+    if (record.link.oper == DOLM_RIC_SWITCH_UP)
+        record.link.fec = fec;
 }
 
 void lose_interface(int64_t now, dolm_ric_details_record &record)
@@ -82,6 +89,13 @@ static void count_error(int error, dolm_ric_details_cost &cost)
     cost.failures++;
 }
 
+/* Drivers answer for an empty cage with errors of many kinds, and with EBUSY while they keep a
+   module for something else. Neither has failed. */
+static bool is_failure(int error, bool has_module)
+{
+    return error != 0 && error != EBUSY && (has_module || is_unheard(error));
+}
+
 void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
 {
     dolm_ric_details_cost &cost = record.cost;
@@ -92,7 +106,7 @@ void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         made++;
         cost.reads++;
         cost.bytes += one.error == 0 ? one.range.length : 0u;
-        if (one.error != 0)
+        if (is_failure(one.error, readings.has_module))
             count_error(one.error, cost);
     }
     if (made == 0)

@@ -117,7 +117,7 @@ void simulated_ports::describe(uint32_t port)
     if (!has_details_ || port >= ports_with_details)
         return;
     const port_slot &slot = slots_[port];
-    falls_.hear(port, {.is_exact = true, .device = "board"});
+    falls_.hear(port, {.is_told = true, .is_exact = true, .device = "board"});
     details_.update(port, [&slot, port](dolm_ric_details_record &record) {
         const std::string name = "port" + std::to_string(port);
         set_text(record.link.interface, sizeof(record.link.interface), name.c_str(), name.size());

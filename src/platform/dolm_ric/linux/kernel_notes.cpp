@@ -1,0 +1,163 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Two sockets: the notices of ethtool's family, and the kernel's uevents. The last time of each
+   kind of message is kept for each interface and device. */
+#include "platform/dolm_ric/linux/kernel_notes.h"
+
+#include "platform/dolm_ric/port_details.h"
+#include "util/poll.h"
+
+#include <cerrno>
+#include <fstream>
+#include <linux/ethtool_netlink.h>
+#include <linux/genetlink.h>
+#include <system_error>
+
+namespace linux_board
+{
+
+static constexpr int receive_buffer = 1 << 18;
+
+/* Devices whose drivers left; the oldest is forgotten. */
+static constexpr size_t most_devices = 4096;
+
+/* The group of all uevents that the kernel sends itself. */
+static constexpr uint32_t uevent_group = 1;
+
+/* Uevents of devices come to the namespaces of the first user namespace alone. */
+static bool is_first_user_namespace()
+{
+    std::ifstream map("/proc/self/uid_map");
+    uint64_t inside = 1, outside = 1, count = 0;
+    map >> inside >> outside >> count;
+    return inside == 0 && outside == 0 && count == UINT32_MAX;
+}
+
+/* Leaves `made` empty where the kernel has no such group. */
+static void open(int protocol, uint32_t (*group)(netlink::connection &),
+                 std::optional<netlink::connection> &made)
+{
+    made.reset();
+    try {
+        made.emplace(protocol, receive_buffer);
+        const uint32_t joined = group(*made);
+        if (joined != 0)
+            return made->join(joined);
+    } catch (const std::system_error &) { /* as without it */
+    }
+    made.reset();
+}
+
+void kernel_notes::start()
+{
+    open(
+        NETLINK_GENERIC,
+        [](netlink::connection &its) {
+            return netlink::find_group(its, ETHTOOL_GENL_NAME, ETHTOOL_MCGRP_MONITOR_NAME);
+        },
+        settings_);
+    if (is_first_user_namespace())
+        open(
+            NETLINK_KOBJECT_UEVENT, [](netlink::connection &) { return uevent_group; }, uevents_);
+    if (settings_ || uevents_)
+        thread_.start("dolm-ric-notes", [this] { run(); });
+}
+
+void kernel_notes::stop()
+{
+    thread_.stop();
+}
+
+void kernel_notes::run()
+{
+    while (!thread_.is_stopping()) {
+        pollfd wanted[] = {{settings_ ? settings_->fd() : -1, POLLIN, 0},
+                           {uevents_ ? uevents_->fd() : -1, POLLIN, 0},
+                           {thread_.wake_fd(), POLLIN, 0}};
+        util::poll_or_pause(wanted, -1);
+        if (settings_)
+            drain(*settings_, &kernel_notes::take_setting);
+        if (uevents_)
+            drain(*uevents_, &kernel_notes::take_uevent);
+    }
+}
+
+void kernel_notes::drain(netlink::connection &from,
+                         void (kernel_notes::*take)(netlink::byte_view datagram, int64_t at))
+{
+    for (;;) {
+        const netlink::connection::received next = from.receive();
+        if (next.error == EAGAIN)
+            return;
+        const int64_t now = board::details_time();
+        try {
+            if (next.error == 0)
+                (this->*take)(next.datagram, now);
+        } catch (const std::bad_alloc &) {
+            lose(now);
+        }
+        if (next.error != 0)
+            return lose(now);
+    }
+}
+
+void kernel_notes::lose(int64_t at)
+{
+    const std::lock_guard guard(lock_);
+    lost_at_ = at;
+}
+
+/* The header has the same number in both kinds. */
+void kernel_notes::take_setting(netlink::byte_view datagram, int64_t at)
+{
+    while (const auto notice = netlink::take_message(datagram)) {
+        const auto head = netlink::read_record<genlmsghdr>(notice->body);
+        if (!head || (head->cmd != ETHTOOL_MSG_LINKMODES_NTF && head->cmd != ETHTOOL_MSG_FEC_NTF))
+            continue;
+        const netlink::byte_view header = netlink::find_attribute(
+            netlink::generic_attributes(*notice), ETHTOOL_A_LINKMODES_HEADER);
+        const auto index = netlink::read_record<int32_t>(
+            netlink::find_attribute(header, ETHTOOL_A_HEADER_DEV_INDEX));
+        const std::lock_guard guard(lock_);
+        if (index && changed_at_.size() < most_devices)
+            changed_at_[*index] = at;
+    }
+}
+
+/* "unbind@/devices/pci0000:00/0000:00:1c.0/0000:03:00.0". */
+void kernel_notes::take_uevent(netlink::byte_view datagram, int64_t at)
+{
+    constexpr std::string_view unbind = "unbind@";
+    const std::string_view first = netlink::read_text(datagram);
+    if (!first.starts_with(unbind))
+        return;
+    const std::lock_guard guard(lock_);
+    if (unbound_at_.size() < most_devices)
+        unbound_at_[std::string(first.substr(first.find_last_of('/') + 1))] = at;
+}
+
+template <typename key>
+std::optional<bool> kernel_notes::has_note(const std::map<key, int64_t> &notes, bool is_followed,
+                                           const key &of, int64_t from, int64_t to) const
+{
+    const std::lock_guard guard(lock_);
+    const auto found = notes.find(of);
+    if (found != notes.end() && found->second >= from && found->second <= to)
+        return true;
+    if (!is_followed || lost_at_ >= from || notes.size() >= most_devices)
+        return std::nullopt;
+    return false;
+}
+
+std::optional<bool> kernel_notes::were_settings_changed(int32_t index, int64_t from,
+                                                        int64_t to) const
+{
+    return has_note(changed_at_, settings_.has_value(), index, from, to);
+}
+
+std::optional<bool> kernel_notes::was_unbound(const std::string &device, int64_t from,
+                                              int64_t to) const
+{
+    return has_note(unbound_at_, uevents_.has_value(), device, from, to);
+}
+
+} // namespace linux_board

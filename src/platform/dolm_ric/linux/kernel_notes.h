@@ -1,0 +1,56 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* kernel_notes - what the kernel says of its own accord about interfaces and their devices, beside
+   the messages about links, and when: changed settings, and drivers that leave a device. A thread
+   of its own takes the messages, so that each has its time. Times are in ns of CLOCK_BOOTTIME. */
+#pragma once
+
+#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/dolm_ric/linux/worker.h"
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace linux_board
+{
+
+class kernel_notes
+{
+  public:
+    /* Without the sockets nothing is known. */
+    void start();
+    void stop();
+
+    /* Whether speed, negotiation or FEC of the interface were changed between the two times;
+       nothing where messages were lost, or aren't received. Any thread. */
+    std::optional<bool> were_settings_changed(int32_t index, int64_t from, int64_t to) const;
+    /* The same of the device, such as 0000:03:00.0, whose driver left it. */
+    std::optional<bool> was_unbound(const std::string &device, int64_t from, int64_t to) const;
+
+    /* One datagram of each kind, for the thread and for tests. */
+    void take_setting(netlink::byte_view datagram, int64_t at);
+    void take_uevent(netlink::byte_view datagram, int64_t at);
+    /* Messages were lost. */
+    void lose(int64_t at);
+
+  private:
+    void run();
+    void drain(netlink::connection &from,
+               void (kernel_notes::*take)(netlink::byte_view datagram, int64_t at));
+    template <typename key>
+    std::optional<bool> has_note(const std::map<key, int64_t> &notes, bool is_followed,
+                                 const key &of, int64_t from, int64_t to) const;
+
+    std::optional<netlink::connection> settings_, uevents_;
+
+    mutable std::mutex lock_; /* guards these */
+    std::map<int32_t, int64_t> changed_at_;
+    std::map<std::string, int64_t> unbound_at_;
+    int64_t lost_at_ = INT64_MIN;
+
+    worker thread_; /* last: it ends before what it uses */
+};
+
+} // namespace linux_board
