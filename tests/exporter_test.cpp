@@ -216,7 +216,7 @@ TEST_F(exporter_board, details_give_series_of_what_is_there_and_has_a_name)
         its.lane_count = its.vdm_count = 2;
         auto &power = its.lane[0].value[DOLM_RIC_RX_POWER];
         power.state = its.vdm[0].state = its.vdm[1].state = DOLM_RIC_VALUE_VALID;
-        power.value = 0.5;
+        power.value = its.lane[1].value[DOLM_RIC_RX_POWER].value = 0.5; /* the latter unknown */
         its.vdm[0].kind = DOLM_RIC_VDM_OTHER;
         its.vdm[1].kind = DOLM_RIC_VDM_SNR, its.vdm[1].side = DOLM_RIC_SIDE_MEDIA;
         its.vdm[1].value = 20;
