@@ -355,6 +355,7 @@ TEST_F(exporter_board, grades_are_refreshed_the_oldest_first_at_the_allowed_pace
     EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* one is under way */
     apply(grades_fact{7, true, status_of(7, TESK_CLIENT_LINK_OPERATIONAL, 3)});
     EXPECT_EQ(board.ports().at(7).status->level[TESK_CLIENT_RX_POWER], 3u);
+    EXPECT_EQ(board.ports().at(7).graded_at, now.steady);
     EXPECT_EQ(board.choose_refresh(now.steady), 0u);
     apply(grades_fact{0, false, {}});
     warm_up(600); /* both have moved */
