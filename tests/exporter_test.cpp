@@ -6,6 +6,7 @@
 #include "tesk_exporter/api.h"
 #include "tesk_exporter/connections.h"
 #include "tesk_exporter/event_stream.h"
+#include "tesk_exporter/falls.h"
 #include "tesk_exporter/host_check.h"
 #include "tesk_exporter/journal.h"
 #include "tesk_exporter/metrics.h"
@@ -20,6 +21,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
@@ -229,6 +231,56 @@ TEST_F(exporter_board, details_give_series_of_what_is_there_and_has_a_name)
     expect_none(text, {"receive_power_dbm{port=\"0\",interface=\"eth0\",lane=\"1\"}",
                        "observable=\"other\""});
     unsetenv("DOLM_RIC_DETAILS");
+}
+
+/* Each line is the file of port 0 at one moment, and what comes of it: events, and the counter. */
+TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
+{
+    bring_up();
+    const testkit::directory place;
+    fall_follower follower(place.path);
+    const std::string old = R"({"time": 5, "set_down": true})";
+    const std::string dark = R"({"time": 20, "rx_before": [-3], "rx_after": [-40]})";
+    const std::string ill = R"({"time": 20, "rx_before": [-3], "rx_after": [-40], "is_up": true,
+ "rx_again": [-9]})";
+    const std::string flapping = R"({"time": 30, "falls_in_minute": 3})";
+    const auto line = [](std::string text) {
+        std::erase(text, '\n');
+        return text + "\n";
+    };
+    const struct {
+        std::string file;
+        const char *events, *metric;
+    } steps[] = {
+        {line(old), "", "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 0\n"},
+        {line(old) + line(dark), "fall light lost; ", "cause=\"light_lost\"} 1\n"},
+        {"{", "", "cause=\"light_lost\"} 1\n"},
+        {line(old) + line(ill), "ill light lost; ",
+         "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 1\n"},
+        {line(old) + line(ill), "", "cause=\"light_lost\"} 1\n"},
+        {line(dark) + line(flapping), "fall flapping; ",
+         "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 0\n"},
+    };
+    for (const auto &its : steps) {
+        std::ofstream(place.path + "/new") << its.file;
+        std::filesystem::rename(place.path + "/new", place.path + "/0");
+        const uint64_t before = events.next();
+        for (const fall_fact &each : follower.scan())
+            apply(each);
+        std::string told;
+        for (uint64_t number = before; number < events.next(); number++) {
+            const auto object = json_object::parse(events.line(number));
+            told += (object["ill"].empty() ? "fall " : "ill ") +
+                    object["cause"].get<std::string>() + "; ";
+        }
+        EXPECT_EQ(told, its.events) << its.file;
+        expect_parts(metrics(), {its.metric});
+    }
+    expect_parts(falls_json(place.path, 0, 1), {"\"flapping\"", "\"falls_in_minute\":3.0"});
+    expect_parts(lines_of(journal_fields(events.at(events.next() - 2))),
+                 {"\nMESSAGE=port 0 (eth0): link is up, but ill: It receives -9.0 dBm",
+                  "\nPRIORITY=4\n", "\nTESK_CAUSE=light lost\n"});
+    EXPECT_EQ(json_object::parse(board.falls().json(32))["falls"].size(), 3U);
 }
 
 TEST_F(exporter_board, series_end_with_their_port_and_with_the_server)

@@ -206,6 +206,74 @@ flaps_are_counted() {
     kill $watcher
 }
 
+set_light() { printf "$2" | dd of=$cages/cage$1/a2 bs=1 seek=104 conv=notrunc 2>/dev/null; } # CAGE BYTES
+
+# A look that is young enough to say something, and old enough to be from before the fall.
+was_looked_at() { [ "$(cat $cages/cage4/reads)" -gt $(($1 + 4)) ]; }
+
+explains() { # PORT VERDICT
+    check "$2" await says "$2" teskctl why "$1" --last 1
+    set_cage "${3:-$1}" carrier 1
+}
+
+# Ports 0, 1, 2 and 5 are up, with modules that receive light, for some readings.
+all_is_well() {
+    for cage in 0 1 2 4; do
+        put $cages/cage$cage made-sfp
+        set_cage $cage ext_state 255
+        set_cage $cage present 1
+        ip link set cage$cage up
+        set_cage $cage carrier 1
+    done
+    for port in 0 1 2 5; do await shows_serial $port 0001; done
+    for port in 0 1 2 5; do await shows_link $port operational; done
+    before=$(cat $cages/cage4/reads)
+    check "all is well" await was_looked_at "$before"
+}
+
+falls_are_explained() {
+    all_is_well
+    ip link set cage0 down
+    set_light 1 '\0\0' && set_cage 1 carrier 0
+    set_cage 2 ext_state 0
+    set_cage 2 carrier 0
+    unshare -n sleep 4 &
+    usleep 100000
+    ip link set cage4 netns $!
+    explains 0 "set down, certain"
+    explains 1 "light lost, likely"
+    explains 2 "negotiation failed, likely"
+    explains 5 "interface moved, certain" 4
+
+    wait $! # the kernel gives the interface back
+    all_is_well
+    set_cage 0 present 0 && set_cage 0 carrier 0
+    set_cage 1 ext_state 1 && set_cage 1 ext_substate 4 && set_cage 1 carrier 0
+    set_cage 2 carrier 0
+    usleep 100000
+    ip link set cage2 down
+    for round in 1 2 3; do
+        set_cage 4 carrier 0
+        usleep 300000
+        set_cage 4 carrier 1
+        usleep 300000
+    done
+    explains 0 "module pulled, likely"
+    explains 1 "far side deaf, likely"
+    check "what follows a fall is not its cause" await says "not known, possible" teskctl why 2 --last 1
+    explains 5 "flapping, possible" 4
+
+    all_is_well
+    set_cage 0 carrier 0 && set_cage 0 present 0
+    put $cages/cage0 made-other-sfp
+    usleep 1500000
+    set_cage 0 present 1
+    set_cage 1 ext_state 2 && set_cage 1 carrier 0
+    explains 0 "module replaced, certain"
+    explains 1 "no lock, likely"
+    set_cage 1 ext_state 255
+}
+
 reader_is_confined() {
     process=$(pidof tesk-module-reader)
     for line in "Uid:	$reader_user" "CapPrm:	0000000000001000" "CapEff:	0000000000001000" \
@@ -288,6 +356,7 @@ sfp_driver_is_followed
 nobody_waits_for_a_bus
 errors_stay_where_they_are
 flaps_are_counted
+falls_are_explained
 reader_is_confined
 compare_with_ethtool
 without_the_right

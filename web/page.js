@@ -139,7 +139,7 @@ function take_record(event) {
     port.sfp = record;
     if (change !== "initial")
       port.pm = null;
-  } else {
+  } else if (event.event === "status") {
     port.status = record;
     if (change !== "initial")
       port.grade_age_s = -(performance.now() - read_at) / 1000; /* as of now */

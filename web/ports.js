@@ -143,6 +143,8 @@ export function event_text(event) {
   case "lost": return "tesk-server went away";
   case "restored": return "tesk-server is back";
   case "missed": return "some changes were missed";
+  case "fall": return event.ill.length ? `link is up, but ill: ${event.ill.join(" ")}`
+    : `link fell: ${event.cause}, ${event.certainty}. ${event.evidence[0] ?? ""}`;
   case "sfp":
     return ["removed", "not ready"].includes(event.change) ? `module ${event.change}`
       : `module ${event.change}: ${module_text({ sfp: event })}`;

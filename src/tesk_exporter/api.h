@@ -44,6 +44,9 @@
      {"time", "event": "sfp" | "status", .. teskctl's keys .., "change": ..}
         change of sfp: "initial", "inserted", "removed", "replaced", "not ready"
         change of status: "initial", "up", "down", "grades" (the link is as before)
+     {"time", "event": "fall", "port", "cause", "certainty", "side", "layer", "evidence", "ill"}
+                                     two seconds after a fall of the link, and once more when the
+                                     link is up again and ill; /api/falls has the facts
      {"time", "event": "lost"}       tesk-server went away
      {"time", "event": "restored"}   and is back; initial states of its ports follow
      {"time", "event": "missed"}     events are missing here; initial states of all ports follow

@@ -3,6 +3,7 @@
    where a reader with an id goes on. */
 #include "tesk_exporter/event_ring.h"
 
+#include "tesk_exporter/falls.h"
 #include "tools/common/clock.h"
 #include "tools/common/json_records.h"
 
@@ -26,6 +27,8 @@ std::optional<uint32_t> port_of(const event &happened)
         return info->port_no;
     if (const auto *status = std::get_if<tesk_client_port_status>(&happened.record))
         return status->port_no;
+    if (const auto *fall = std::get_if<fall_fact>(&happened.record))
+        return (*fall)->port_no;
     return std::nullopt;
 }
 
@@ -35,6 +38,15 @@ static json_object record_to_json(const event &happened)
         return to_json(*info);
     if (const auto *status = std::get_if<tesk_client_port_status>(&happened.record))
         return to_json(*status);
+    if (const auto *fall = std::get_if<fall_fact>(&happened.record))
+        return {{"event", "fall"},
+                {"port", (*fall)->port_no},
+                {"cause", name_of((*fall)->its.cause)},
+                {"certainty", name_of((*fall)->its.certainty)},
+                {"side", name_of((*fall)->its.side)},
+                {"layer", name_of((*fall)->its.layer)},
+                {"evidence", (*fall)->its.evidence},
+                {"ill", (*fall)->its.ill}};
     const bool connected = std::get<server_change>(happened.record).connected;
     return {{"event", connected ? "restored" : "lost"}};
 }
@@ -45,7 +57,7 @@ std::string to_json_line(const event &happened, const std::string &id)
     if (!id.empty())
         line["id"] = id;
     line.update(record_to_json(happened));
-    if (port_of(happened))
+    if (port_of(happened) && !std::holds_alternative<fall_fact>(happened.record))
         line["change"] = change_text(happened.kind);
     return line.dump();
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tesk_client/tesk_client.h"
+#include "tesk_exporter/facts.h"
 
 #include <cstdint>
 #include <optional>
@@ -39,7 +40,7 @@ struct event {
     uint64_t number;
     uint64_t time_us; /* wall clock, since 1970 */
     change kind;      /* for the first two records */
-    std::variant<tesk_client_sfp_info, tesk_client_port_status, server_change> record;
+    std::variant<tesk_client_sfp_info, tesk_client_port_status, server_change, fall_fact> record;
     std::string interface; /* escaped; empty where it isn't known */
 };
 
@@ -47,7 +48,7 @@ struct event {
 std::optional<uint32_t> port_of(const event &happened);
 
 /* A line as teskctl --json writes it, with the key "id" behind the time, unless it is empty, and
-   the key "change" at its end where there is a port. */
+   the key "change" at its end where it is of a module or a link. */
 std::string to_json_line(const event &happened, const std::string &id = "");
 
 class event_ring

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <variant>
@@ -87,9 +88,13 @@ struct gone_fact {
 struct round_fact {
 };
 
+/* A fall of a link that the board has recorded, or more of one; never null. */
+struct recorded_fall;
+using fall_fact = std::shared_ptr<const recorded_fall>;
+
 using fact = std::variant<ports_fact, connection_fact, tesk_client_sfp_info,
                           tesk_client_port_status, reading_fact, unread_fact, presence_fact,
-                          grades_fact, request_fact, gone_fact, round_fact>;
+                          grades_fact, request_fact, gone_fact, round_fact, fall_fact>;
 
 /* A bounded queue. The descriptor is readable while it holds something. */
 class fact_queue

@@ -202,6 +202,9 @@ void history_keeper::note(const exporter::event &happened)
     } else if (const auto *info = std::get_if<tesk_client_sfp_info>(&happened.record)) {
         given.text = describe(*info);
         given.is_empty = info->type == TESK_CLIENT_SFP_NOT_PRESENT;
+    } else if (const auto *fall = std::get_if<fall_fact>(&happened.record)) {
+        given.kind = (*fall)->has_grown ? "ill" : "cause";
+        given.text = describe(**fall);
     } else {
         given.text = describe(std::get<tesk_client_port_status>(happened.record));
     }

@@ -13,6 +13,8 @@
 #include "tesk_exporter/host_check.h"
 #include "tesk_exporter/listener.h"
 #include "tools/common/clock.h"
+#include "tools/common/exit_code.h"
+#include "tools/common/recorded_falls.h"
 #include "util/calls.h"
 
 #include <algorithm>
@@ -472,6 +474,27 @@ MHD_Result http_server::send_history(const http_request &request)
                                  port_of(request, status) != nullptr});
 }
 
+/* Those of one port are in its file, some kilobytes. */
+MHD_Result http_server::send_falls(const http_request &request)
+{
+    constexpr size_t usual = 32;
+    const char *last = MHD_lookup_connection_value(request.http, MHD_GET_ARGUMENT_KIND, "last");
+    const auto most = parse_port(last == nullptr ? std::to_string(usual) : last);
+    if (!most || *most == 0)
+        return send_text(request, MHD_HTTP_BAD_REQUEST, "last is the number of falls, from 1 on");
+    if (MHD_lookup_connection_value(request.http, MHD_GET_ARGUMENT_KIND, "port") == nullptr)
+        return send_json(request, model_.falls().json(*most));
+    unsigned status = 0;
+    const port_state *port = port_of(request, status);
+    if (port == nullptr)
+        return send_text(request, status, port_fault(status));
+    try {
+        return send_json(request, falls_json(falls_folder(), port->number, *most));
+    } catch (const tool_error &error) {
+        return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, error.what());
+    }
+}
+
 MHD_Result http_server::send_modules(const http_request &request)
 {
     return ask_history(request, {history_question::kind::modules, 0, history::STEPS, true});
@@ -582,6 +605,7 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
         {"/api/events", place::page, &http_server::send_events},
         {"/api/history", place::page, &http_server::send_history},
         {"/api/modules", place::page, &http_server::send_modules},
+        {"/api/falls", place::page, &http_server::send_falls},
         {"/api/forecast", place::page, &http_server::send_forecast},
     };
     if (const auto waiting = waiting_.find(request.http); waiting != waiting_.end()) {

@@ -100,6 +100,7 @@ class http_server
     MHD_Result send_plot(const http_request &request);
     MHD_Result send_events(const http_request &request);
     MHD_Result send_history(const http_request &request);
+    MHD_Result send_falls(const http_request &request);
     MHD_Result send_modules(const http_request &request);
     MHD_Result send_forecast(const http_request &request);
     MHD_Result ask_history(const http_request &request, const history_question &asked);

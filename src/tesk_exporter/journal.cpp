@@ -4,6 +4,7 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
 #include "tesk_exporter/journal.h"
 
+#include "tesk_exporter/falls.h"
 #include "tools/common/json_records.h"
 #include "tools/common/words.h"
 
@@ -30,13 +31,18 @@ static std::string upper(std::string text)
 
 static std::string value_text(const json_object &value)
 {
-    return value.is_string() ? value.get<std::string>() : value.dump();
+    if (!value.is_array())
+        return value.is_string() ? value.get<std::string>() : value.dump();
+    std::string sentences;
+    for (const json_object &each : value)
+        sentences += (sentences.empty() ? "" : " ") + value_text(each);
+    return sentences;
 }
 
 static void add_field(std::vector<std::string> &fields, const std::string &name,
                       const json_object &value)
 {
-    if (!value.is_null())
+    if (!value.is_null() && value != json_object::array())
         fields.push_back("TESK_" + name + "=" + value_text(value));
 }
 
@@ -48,6 +54,8 @@ static std::string message(const event &happened)
                                                                   : "tesk-server went away";
     const std::string name =
         happened.interface.empty() ? "" : fmt::format(" ({})", happened.interface);
+    if (const auto *fall = std::get_if<fall_fact>(&happened.record))
+        return fmt::format("port {}{}: {}", *port, name, describe(**fall));
     const auto *info = std::get_if<tesk_client_sfp_info>(&happened.record);
     return fmt::format(
         "port {}{}: {} {}: {}", *port, name, info ? "module" : "link", change_text(happened.kind),
@@ -66,7 +74,9 @@ static bool has_alarm(const event &happened)
 static int priority(const event &happened)
 {
     const auto *server = std::get_if<server_change>(&happened.record);
-    const bool is_bad = (server != nullptr && !server->connected) ||
+    const auto *fall = std::get_if<fall_fact>(&happened.record);
+    const bool is_bad = (fall != nullptr && !(*fall)->its.ill.empty()) ||
+                        (server != nullptr && !server->connected) ||
                         happened.kind == change::down || happened.kind == change::removed ||
                         has_alarm(happened);
     return is_bad ? 4 : 6;

@@ -2,8 +2,9 @@
 /* tesk-exporter - serves the state of tesk-server's ports by HTTP.
 
    The main thread holds the whole state, answers by HTTP, and waits for descriptors only. Two
-   threads talk to the server, each with a session of its own, and report to it; a third one writes
-   to the journal where that is wanted, and a fourth one keeps the history. */
+   threads talk to the server, each with a session of its own, and report to it; others write to
+   the journal and keep the history, where that is wanted, and follow the falls that the board
+   records. */
 #include "tesk_exporter/collector.h"
 #include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/http.h"
@@ -14,6 +15,7 @@
 #include "tesk_exporter/replay.h"
 #include "tools/common/clock.h"
 #include "tools/common/exit_code.h"
+#include "tools/common/recorded_falls.h"
 
 #include <cerrno>
 #include <csignal>
@@ -65,6 +67,7 @@ class service
           http_(given, model_, events_, figures_, details_), refresher_(facts_),
           collector_({given.ports, given.interval}, facts_)
     {
+        falls_.start(facts_);
         figures_.started_us = now_us();
         figures_.interval = given.interval;
         if (given.journal)
@@ -78,6 +81,7 @@ class service
     ~service()
     {
         facts_.close(); /* else a thread that waits for room could not end */
+        falls_.stop();
         collector_.stop();
         refresher_.stop();
     }
@@ -165,6 +169,7 @@ class service
     http_server http_;
     refresher refresher_;
     collector collector_;
+    fall_follower falls_{falls_folder()};
 };
 
 static int run(int argc, char **argv)

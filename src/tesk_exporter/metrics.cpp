@@ -319,6 +319,33 @@ static void write_forecasts(metrics_writer &writer, const model &board,
                           std::round(each.days_left * 100) / 100);
 }
 
+/* Of causes that were seen, by name. */
+static void write_falls(metrics_writer &writer, const model &board)
+{
+    const auto each_port = [&](auto &&write) {
+        for (const auto &[number, falls] : board.falls().ports())
+            if (const auto port = board.ports().find(number); port != board.ports().end())
+                write(port->second.labels, falls);
+    };
+    writer.begin(
+        {"tesk_port_falls", metric_type::counter, "",
+         "Falls of the link since the exporter's start, by their cause; those of one burst "
+         "count once."});
+    each_port([&](const std::string &labels, const fall_log::of_port &falls) {
+        for (size_t i = 0; i < falls.count.size(); i++)
+            if (falls.count[i] > 0)
+                writer.sample(labels,
+                              "cause=\"" +
+                                  with_underscores(name_of(static_cast<causes::cause>(i))) + "\"",
+                              static_cast<double>(falls.count[i]));
+    });
+    writer.begin({"tesk_port_up_but_ill", metric_type::gauge, "",
+                  "Whether the link came back from its last fall worse than it was before."});
+    each_port([&](const std::string &labels, const fall_log::of_port &falls) {
+        writer.sample(labels, falls.is_ill);
+    });
+}
+
 static void write_exporter(metrics_writer &writer, const exporter_figures &figures)
 {
     writer.begin({"tesk_exporter_build", metric_type::info, "", "The version of the exporter."});
@@ -376,6 +403,7 @@ std::string render_metrics(const model &board, port_details &details, bool has_l
             row.write({writer, now, board.values_of(port, now)}, port);
     }
     write_forecasts(writer, board, figures);
+    write_falls(writer, board);
     write_details(writer, board, details, has_lanes);
     write_exporter(writer, figures);
     write_process(writer, figures);

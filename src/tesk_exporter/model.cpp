@@ -297,6 +297,14 @@ void model::take(const round_fact &, const moment &)
     is_read_ = true;
 }
 
+void model::take(const fall_fact &reported, const moment &now)
+{
+    falls_.take(reported);
+    const auto found = interfaces_.find(reported->port_no);
+    if (found != interfaces_.end() && (reported->is_new || reported->has_grown))
+        events_.add({0, now.wall_us, change::down, reported, found->second});
+}
+
 void model::apply(const fact &reported, const moment &now)
 {
     std::visit([&](const auto &taken) { take(taken, now); }, reported);

@@ -5,6 +5,7 @@
 
 #include "tesk_exporter/event_ring.h"
 #include "tesk_exporter/facts.h"
+#include "tesk_exporter/falls.h"
 #include "tesk_exporter/plots.h"
 
 #include <array>
@@ -117,6 +118,11 @@ class model
     /* The reason why is_ready() is false; empty while it is true. */
     std::string trouble() const;
 
+    const fall_log &falls() const
+    {
+        return falls_;
+    }
+
     uint64_t connections = 0;
     uint64_t refreshes = 0;
     uint64_t failed_refreshes = 0;
@@ -135,11 +141,13 @@ class model
     void take(const request_fact &reported, const moment &now);
     void take(const gone_fact &reported, const moment &now);
     void take(const round_fact &reported, const moment &now);
+    void take(const fall_fact &reported, const moment &now);
     port_state *wanted(uint32_t number);
     bool show_module(port_state &known, bool is_initial, const moment &now);
 
     event_ring &events_;
     const steady_clock::duration longest_age_;
+    fall_log falls_;
     std::map<uint32_t, port_state> ports_;
     std::map<uint32_t, std::string> interfaces_; /* of the ports that are followed */
     bool is_connected_ = false;

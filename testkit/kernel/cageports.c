@@ -16,6 +16,7 @@
  *   carrier       0 or 1
  *   flap          N: the carrier falls and rises N times
  *   speed, lanes  of the link
+ *   ext_state, ext_substate  the extended state of a link without carrier, where the first is not 255
  *   reads, bytes  what was read so far; can be written
  *   reading       1 while a read goes on
  *
@@ -47,7 +48,7 @@ struct cage {
 	struct net_device *dev;
 	unsigned int number;
 	u8 *memory[MEMORIES];
-	u32 present, error, delay_us, speed, lanes, reads, bytes, reading;
+	u32 present, error, delay_us, speed, lanes, reads, bytes, reading, ext_state, ext_substate;
 };
 
 static struct cage **cages;
@@ -158,10 +159,24 @@ static int get_link_ksettings(struct net_device *dev, struct ethtool_link_ksetti
 	return 0;
 }
 
+#define NO_STATE 255
+
+static int get_link_ext_state(struct net_device *dev, struct ethtool_link_ext_state_info *i)
+{
+	const struct cage *c = cage_of(dev);
+
+	if (READ_ONCE(c->ext_state) == NO_STATE)
+		return -ENODATA;
+	i->link_ext_state = READ_ONCE(c->ext_state);
+	i->__link_ext_substate = READ_ONCE(c->ext_substate);
+	return 0;
+}
+
 static const struct ethtool_ops ops_by_page = {
 	.cap_link_lanes_supported = true,
 	.get_link = ethtool_op_get_link,
 	.get_link_ksettings = get_link_ksettings,
+	.get_link_ext_state = get_link_ext_state,
 	.get_module_eeprom_by_page = get_module_eeprom_by_page,
 };
 
@@ -253,6 +268,8 @@ static void cage_show(struct cage *c)
 		{ "present", &c->present }, { "error", &c->error },   { "delay_us", &c->delay_us },
 		{ "speed", &c->speed },	    { "lanes", &c->lanes },   { "reads", &c->reads },
 		{ "bytes", &c->bytes },	    { "reading", &c->reading },
+		{ "ext_state", &c->ext_state },
+		{ "ext_substate", &c->ext_substate },
 	};
 	struct dentry *dir = debugfs_create_dir(c->dev->name, root);
 	int i;
@@ -309,6 +326,7 @@ static struct cage *cage_make(unsigned int number)
 	c->number = number;
 	c->speed = SPEED_10000;
 	c->lanes = 1;
+	c->ext_state = NO_STATE;
 	for (i = 0; i < MEMORIES; i++) {
 		c->memory[i] = vzalloc(MEMORY_LENGTH);
 		if (!c->memory[i])

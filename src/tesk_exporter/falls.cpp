@@ -1,0 +1,169 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* scan() lists the folder when it has changed, and reads the files that have. A file has its falls
+   in their order: those behind the last known one are new, and that one may have changed. */
+#include "tesk_exporter/falls.h"
+
+#include "tools/common/exit_code.h"
+#include "tools/common/recorded_falls.h"
+#include "util/escape.h"
+
+#include <algorithm>
+#include <fmt/ranges.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <utility>
+
+namespace exporter
+{
+
+static constexpr std::chrono::seconds interval{1};
+
+/* A change that falls into the same tick of the file system's clock as a listing doesn't show. */
+static constexpr int64_t settled_after = 2'000'000'000;
+
+static constexpr size_t most_newest = 64;
+
+static int64_t nanoseconds_of(const timespec &time)
+{
+    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+static int64_t wall_time()
+{
+    return std::chrono::nanoseconds{std::chrono::system_clock::now().time_since_epoch()}.count();
+}
+
+void fall_follower::start(fact_queue &reports)
+{
+    thread_.start([this, &reports] {
+        while (!thread_.must_stop()) {
+            for (fall_fact &each : scan())
+                reports.post(std::move(each));
+            thread_.wait(-1, interval);
+        }
+    });
+}
+
+static fall_fact report_of(uint32_t port_no, causes::facts seen, bool is_new, bool was_ill)
+{
+    auto made = std::make_shared<recorded_fall>();
+    made->port_no = port_no;
+    made->is_new = is_new;
+    made->its = causes::judge(seen);
+    made->has_grown = !is_new && !was_ill && !made->its.ill.empty();
+    made->seen = std::move(seen);
+    return made;
+}
+
+/* Those of an earlier time are known, and of those only the last one counts. */
+void fall_follower::scan_port(uint32_t port_no, std::vector<fall_fact> &found)
+{
+    std::vector<causes::facts> falls = falls_of(folder_, port_no);
+    if (falls.empty())
+        return;
+    const bool is_first = !was_listed_;
+    known_file &its = files_[port_no];
+    const auto last = std::ranges::find_if(
+        falls, [&](const causes::facts &each) { return each.time.value_or(0) == its.last; });
+    const auto begin = last != falls.end() ? last : falls.end() - 1;
+    for (auto each = begin; each != falls.end(); ++each) {
+        const bool is_known = each->time.value_or(0) == its.last;
+        if (is_first && each + 1 != falls.end())
+            continue;
+        found.push_back(report_of(port_no, *each, !is_first && !is_known,
+                                  is_first || (is_known && its.is_ill)));
+    }
+    its.last = falls.back().time.value_or(0);
+    its.is_ill = !found.back()->its.ill.empty();
+}
+
+/* Reads the file if it has changed. False if that has to be tried again. */
+bool fall_follower::scan_file(uint32_t port_no, std::vector<fall_fact> &found)
+{
+    struct stat file = {};
+    if (stat((folder_ + "/" + std::to_string(port_no)).c_str(), &file) != 0)
+        return false;
+    known_file &its = files_[port_no];
+    const int64_t changed_at = nanoseconds_of(file.st_mtim);
+    if (its.changed_at == changed_at && its.inode == file.st_ino)
+        return true;
+    try {
+        scan_port(port_no, found);
+    } catch (const tool_error &) { /* teskctl why says what is wrong */
+        return false;
+    }
+    its.changed_at = changed_at;
+    its.inode = file.st_ino;
+    return true;
+}
+
+std::vector<fall_fact> fall_follower::scan()
+{
+    std::vector<fall_fact> found;
+    struct stat folder = {};
+    if (folder_.empty() || stat(folder_.c_str(), &folder) != 0)
+        return found;
+    const int64_t changed_at = nanoseconds_of(folder.st_mtim);
+    if (changed_at == listed_at_ && wall_time() - changed_at > settled_after)
+        return found;
+    try {
+        bool is_whole = true;
+        for (const uint32_t port_no : ports_with_falls(folder_))
+            is_whole &= scan_file(port_no, found);
+        listed_at_ = is_whole ? changed_at : 0;
+        was_listed_ = true;
+    } catch (const tool_error &) { /* gone again */
+    }
+    return found;
+}
+
+void fall_log::take(const fall_fact &reported)
+{
+    of_port &its = ports_[reported->port_no];
+    its.count[static_cast<size_t>(reported->its.cause)] += reported->is_new ? 1 : 0;
+    its.is_ill = !reported->its.ill.empty();
+    std::erase_if(newest_, [&](const fall_fact &each) {
+        return each->port_no == reported->port_no && each->seen.time == reported->seen.time;
+    });
+    newest_.push_front(reported);
+    std::ranges::stable_sort(newest_, std::greater(),
+                             [](const fall_fact &each) { return each->seen.time.value_or(0); });
+    if (newest_.size() > most_newest)
+        newest_.pop_back();
+}
+
+std::string describe(const recorded_fall &fall)
+{
+    if (fall.has_grown)
+        return fmt::format("link is up, but ill: {}", fmt::join(fall.its.ill, " "));
+    const std::string evidence =
+        fall.its.evidence.empty() ? "" : ": " + escape(fall.its.evidence.front());
+    return fmt::format("link fell: {}, {}{}", name_of(fall.its.cause), name_of(fall.its.certainty),
+                       evidence);
+}
+
+static std::string body_of(const json_object &falls)
+{
+    return to_line({{"falls", falls}}) + "\n";
+}
+
+std::string fall_log::json(size_t most) const
+{
+    json_object falls = json_object::array();
+    for (size_t i = 0; i < std::min(most, newest_.size()); i++)
+        falls.push_back(json_of(newest_[i]->seen, newest_[i]->its, nullptr));
+    return body_of(falls);
+}
+
+std::string falls_json(const std::string &folder, uint32_t port_no, size_t most)
+{
+    const std::vector<causes::facts> falls = falls_of(folder, port_no);
+    json_object shown = json_object::array();
+    for (size_t i = 0; i < std::min(most, falls.size()); i++) {
+        const causes::facts &seen = falls[falls.size() - 1 - i];
+        shown.push_back(json_of(seen, causes::judge(seen), nullptr));
+    }
+    return body_of(shown);
+}
+
+} // namespace exporter

@@ -1,0 +1,96 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* falls - the falls of links that the board records, with their verdicts: what the follower's
+   thread reports of each, and what the main thread keeps.
+
+   GET /api/falls?port=3&last=5
+     {"falls": [{..}]}   newest first, those of all ports without "port": the objects of
+                         teskctl why --json, with the facts. "last" is 32 if it isn't given */
+#pragma once
+
+#include "causes/facts.h"
+#include "causes/verdict.h"
+#include "tesk_exporter/facts.h"
+#include "tesk_exporter/worker.h"
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace exporter
+{
+
+struct recorded_fall {
+    uint32_t port_no;
+    bool is_new; /* else more is known of one that was reported, or it is from before the start */
+    bool has_grown; /* it came back worse than before, which wasn't known */
+    causes::facts seen;
+    causes::verdict its;
+};
+
+/* Looks each second which files of the folder have changed; one that can't be read is left out
+   until it can be read. */
+class fall_follower
+{
+  public:
+    explicit fall_follower(std::string folder) : folder_(std::move(folder))
+    {
+    }
+    /* Starts the thread. */
+    void start(fact_queue &reports);
+    void stop()
+    {
+        thread_.stop();
+    }
+    /* What has changed since the last call. The thread's, or a test's in its place. */
+    std::vector<fall_fact> scan();
+
+  private:
+    struct known_file {
+        int64_t changed_at = 0; /* ns */
+        uint64_t inode = 0;
+        double last = 0;     /* the time of its last fall */
+        bool is_ill = false; /* that one */
+    };
+    bool scan_file(uint32_t port_no, std::vector<fall_fact> &found);
+    void scan_port(uint32_t port_no, std::vector<fall_fact> &found);
+
+    const std::string folder_;
+    std::map<uint32_t, known_file> files_;
+    int64_t listed_at_ = 0;   /* ns; when the folder was changed last, at the last listing */
+    bool was_listed_ = false; /* at all */
+    worker thread_;           /* the last: it uses all the others */
+};
+
+/* The main thread's. */
+class fall_log
+{
+  public:
+    struct of_port {
+        std::array<uint64_t, causes::cause_count> count{}; /* since the exporter's start */
+        bool is_ill = false; /* it is up again, and worse than before its last fall */
+    };
+    void take(const fall_fact &reported);
+    const std::map<uint32_t, of_port> &ports() const
+    {
+        return ports_;
+    }
+    /* Newest first. */
+    std::string json(size_t most) const;
+
+  private:
+    std::map<uint32_t, of_port> ports_;
+    std::deque<fall_fact> newest_;
+};
+
+/* "link fell: light lost, likely: No light is received .." */
+std::string describe(const recorded_fall &fall);
+
+/* The body of /api/falls for one port, from its file. Throws a tool_error. */
+std::string falls_json(const std::string &folder, uint32_t port_no, size_t most);
+
+} // namespace exporter
