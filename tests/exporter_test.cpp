@@ -218,7 +218,7 @@ TEST_F(exporter_board, details_give_series_of_what_is_there_and_has_a_name)
         its.lane_count = its.vdm_count = 2;
         auto &power = its.lane[0].value[DOLM_RIC_RX_POWER];
         power.state = its.vdm[0].state = its.vdm[1].state = DOLM_RIC_VALUE_VALID;
-        power.value = 0.5;
+        power.value = its.lane[1].value[DOLM_RIC_RX_POWER].value = 0.5; /* the latter unknown */
         its.vdm[0].kind = DOLM_RIC_VDM_OTHER;
         its.vdm[1].kind = DOLM_RIC_VDM_SNR, its.vdm[1].side = DOLM_RIC_SIDE_MEDIA;
         its.vdm[1].value = 20;
@@ -413,6 +413,7 @@ TEST_F(exporter_board, grades_are_refreshed_the_oldest_first_at_the_allowed_pace
     EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* one is under way */
     apply(grades_fact{7, true, status_of(7, TESK_CLIENT_LINK_OPERATIONAL, 3)});
     EXPECT_EQ(board.ports().at(7).status->level[TESK_CLIENT_RX_POWER], 3u);
+    EXPECT_EQ(board.ports().at(7).graded_at, now.steady);
     EXPECT_EQ(board.choose_refresh(now.steady), 0u);
     apply(grades_fact{0, false, {}});
     warm_up(600); /* both have moved */

@@ -172,7 +172,7 @@ TEST_F(procedures, a_connection_gets_the_servers_reference)
 TEST_F(procedures, revisions_count_only_as_far_as_the_signal_reaches)
 {
     static const std::vector<uint32_t> offers[] = {
-        {1, 2, 0}, {1, 2, 1, 2}, {1, 2, 0xffffffff, 2, 3}, {1, 2, 0x40000001}};
+        {1, 2, 0}, {1, 2, 1, 2, 1}, {1, 2, 0xffffffff, 2, 3}, {1, 2, 0x40000001}};
     for (const auto &offer : offers) {
         send(alice, TESK_CONN_ESTABLISH_REQ, offer);
         expect_rejection(TESK_CONN_ESTABLISH_REJ, 1, "only supported protocol revision: 1");

@@ -3,6 +3,7 @@
    codes and reconnection against the real server on the simulated board. */
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
+#include "tools/common/details_json.h"
 #include "tools/common/exit_code.h"
 #include "tools/common/json_records.h"
 #include "tools/common/moved_values.h"
@@ -12,6 +13,7 @@
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_view.h"
+#include "tools/teskctl/trend_plot.h"
 #include "util/deadline.h"
 #include "util/escape.h"
 
@@ -50,6 +52,12 @@ TEST(teskctl, units_are_those_of_a_data_sheet)
     EXPECT_TRUE(absent["tx_power_mw"].is_null() && absent["rx_power_dbm"].is_null());
     EXPECT_EQ(absent["rx_power_mw"], 0.0);
     EXPECT_TRUE(to_json(tesk_client_port_status{})["speed_gbps"].is_null());
+    dolm_ric_details_record record{};
+    record.lane_count = 2;
+    record.own_lanes = 1;
+    const json_object details = to_json(record, 0);
+    EXPECT_TRUE(details["module"].begin().value()["limits"]["low_alarm"].is_null());
+    EXPECT_TRUE(details["lanes"][0]["own"] && !details["lanes"][1]["own"]);
 }
 
 TEST(teskctl, bytes_that_are_no_text_are_escaped_everywhere)
@@ -68,6 +76,12 @@ TEST(teskctl, a_table_fits_its_width_and_loses_nothing)
     shown.add({"12", "one two three four five six"});
     EXPECT_EQ(shown.text(20), "PORT  WHAT\n12    one two three\n      four five six\n");
     EXPECT_EQ(shown.text(0), "PORT  WHAT\n12    one two three four five six\n");
+}
+
+TEST(teskctl, a_trend_has_the_mean_of_each_column)
+{
+    EXPECT_EQ(draw_trend({{0, 1}, {1, 3}, {9, 8}}, 0, 9, 2, 0, false),
+              "       8  #\n          #\n          #\n       2 .#\n");
 }
 
 static std::string page_text(const strings &page)
@@ -388,6 +402,8 @@ TEST_F(teskctl_system, module_shows_what_is_there_and_says_why_the_rest_is_missi
     run("module 0 --watch --for 0.1");
     EXPECT_NE(output.find("|<+"), std::string::npos) << "beyond its limit in " << output;
     EXPECT_NE(output.find("low alarm"), std::string::npos) << output;
+    run("module 99 --watch --for 0.7");
+    EXPECT_EQ(output.find("port 99"), output.rfind("port 99")) << "complained of once";
     server.reset();
     EXPECT_EQ(run("module 0"), 3) << "of a server that has ended: " << output;
 }
@@ -462,6 +478,24 @@ TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
     const auto summary = json_object::parse(all.substr(all.rfind("{\"time\"")));
     EXPECT_EQ(summary["requests"], 100);
     EXPECT_LT(summary["answers"], 100);
+}
+
+TEST_F(teskctl_system, a_request_in_flight_when_ping_ends_is_not_lost)
+{
+    server.emplace();
+    const pid_t ping = start({"--timeout", "0.2", "ping", "--json", "-i", "0.02"});
+    await("\"seq\":2");
+    kill(server->pid, SIGSTOP);
+    await("\"no answer\"");
+    kill(ping, SIGINT);
+    EXPECT_EQ(testkit::wait_for_end(ping), 0);
+    kill(server->pid, SIGCONT);
+    std::map<std::string, int> count;
+    json_object last;
+    std::istringstream lines(testkit::read_file(log));
+    for (std::string line; std::getline(lines, line); count[last["event"]]++)
+        last = json_object::parse(line);
+    EXPECT_EQ(last["requests"], count["answer"] + count["no answer"]) << last;
 }
 
 TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)

@@ -83,7 +83,7 @@ void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &word
 void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
 
 /* Return when a thread waits in dolm_ric_waitevent and no event is left, or when that many events
-   have been freed. Throw after 20 s. */
+   have been freed. Throw after 20 s, and after 1 s once one has thrown. */
 void await_event_thread();
 void await_freed_events(int count);
 

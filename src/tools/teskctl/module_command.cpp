@@ -120,14 +120,11 @@ class module_output
         dolm_ric_details_record &last = shown_[port_no];
         if (last.sequence != 0 && !tesk_details_is_newer(&details, &last))
             return;
-        const uint64_t before = last.sequence;
         const tesk_details_result result = tesk_details_read(&details, port_no, &last);
-        if (result == TESK_DETAILS_OK && last.sequence != before)
-            write(last);
         if (result != TESK_DETAILS_OK)
-            fail(port_no, result);
-        else
-            failed_.erase(port_no);
+            return fail(port_no, result);
+        failed_.erase(port_no);
+        write(last);
     }
 
     exit_code code() const
