@@ -130,7 +130,7 @@ TEST_F(crowd, a_thousand_clients_receive_indications_and_leave_nothing_behind)
     setrlimit(RLIMIT_NOFILE, &limit);
 
     testkit::server server({}, {"/bin/sh", "-c", "ulimit -Sn 1024; exec \"$0\"", executable});
-    const size_t descriptors = testkit::idle_descriptors_of(server.pid);
+    const size_t descriptors = testkit::descriptors_of(server.pid);
     equip_ports();
     std::vector<std::unique_ptr<testkit::test_client>> all(1000);
     for (auto &one : all)
@@ -159,7 +159,7 @@ TEST_F(crowd, a_thousand_clients_receive_indications_and_leave_nothing_behind)
 TEST_F(crowd, clients_that_die_at_any_moment_leave_nothing_behind)
 {
     testkit::server server;
-    const size_t descriptors = testkit::idle_descriptors_of(server.pid);
+    const size_t descriptors = testkit::descriptors_of(server.pid);
     equip_ports();
     std::mt19937 random{5};
     const auto any_moment = [&] { usleep(static_cast<useconds_t>(random() % 3000)); };
@@ -254,7 +254,7 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
         {"forges a death", [](stranger &s) { s.greet(), s.send({MBX_MONITOR_DEFAULT_NO}); }}};
     testkit::server server;
     client witness;
-    const size_t descriptors = testkit::idle_descriptors_of(server.pid);
+    const size_t descriptors = testkit::descriptors_of(server.pid);
     {
         testkit::test_client flood("flood");
         std::vector<std::unique_ptr<stranger>> all;

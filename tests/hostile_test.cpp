@@ -125,7 +125,7 @@ TEST(hostile, in_a_namespace_of_its_own_the_server_takes_its_peers_for_several_p
     const std::string id = std::to_string(parent.pid);
     std::ifstream("/proc/" + id + "/task/" + id + "/children") >> server;
     ASSERT_GT(server, 0);
-    const size_t before = testkit::idle_descriptors_of(server);
+    const size_t before = testkit::descriptors_of(server);
     {
         std::vector<std::unique_ptr<testkit::test_client>> all;
         for (uint32_t index = 0; index < 12; index++) {

@@ -153,23 +153,6 @@ size_t descriptors_of(pid_t process)
     return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
-size_t idle_descriptors_of(pid_t server)
-{
-    const std::string folder = "/proc/" + std::to_string(server) + "/fd";
-    const auto until = std::chrono::steady_clock::now() + deadline;
-    std::error_code gone;
-    const auto is_prepared =
-        [&] { /* only the next connection's file is open */
-              const std::filesystem::directory_iterator all(folder, gone);
-              return std::any_of(begin(all), end(all), [&](const auto &entry) {
-                  return read_symlink(entry, gone).string().starts_with("/memfd:mbx");
-              });
-        };
-    while (!is_prepared() && std::chrono::steady_clock::now() < until)
-        usleep(1000);
-    return descriptors_of(server);
-}
-
 size_t await_descriptors(pid_t process, size_t at_most)
 {
     const auto until = std::chrono::steady_clock::now() + deadline;

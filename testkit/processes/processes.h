@@ -63,9 +63,6 @@ class server
    descriptors; its processor time in milliseconds. */
 long status_of(pid_t process, const std::string &line);
 size_t descriptors_of(pid_t process);
-/* Of a server, as many as it keeps without further clients: a moment after each connection the
-   mailbox library makes the parts of the next one, of which the memory file is the last. */
-size_t idle_descriptors_of(pid_t server);
 /* Waits until at most that many are open, up to the deadline; returns the number. */
 size_t await_descriptors(pid_t process, size_t at_most);
 long processor_ms(pid_t process);
