@@ -6,6 +6,7 @@
 
 #include "tesk_exporter/history_json.h"
 #include "tools/common/clock.h"
+#include "tools/common/json_records.h"
 #include "tools/common/units.h"
 #include "tools/common/words.h"
 #include "util/boot_clock.h"
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <fmt/format.h>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <span>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -226,8 +228,9 @@ std::vector<history_answer> history_keeper::take_answers()
 
 void history_keeper::take(const reading &given, const history::clocks &when)
 {
-    outlooks_.know_limits(given.from.port, given.limits);
     chronicle_.take(given.from, given.measured, when);
+    if (given.limits)
+        outlooks_.know_limits(chronicle_, given.from.port, *given.limits);
 }
 
 void history_keeper::take(const noted &given, const history::clocks &when)
@@ -246,10 +249,12 @@ void history_keeper::take(const question &given, const history::clocks &when)
     else if (given.asked.what == history_question::kind::modules)
         made.text = modules_json(chronicle_);
     else if (given.asked.what == history_question::kind::forecast)
-        made.text = outlooks_.json(chronicle_, when.boot);
+        made.text =
+            to_line({{"forecasts", outlooks_.list(chronicle_, when.boot, std::nullopt)}}) + "\n";
     else
         made.text = history_json(chronicle_, given.asked.port, given.asked.of, when.boot,
-                                 given.asked.is_followed);
+                                 given.asked.is_followed,
+                                 to_line(outlooks_.list(chronicle_, when.boot, given.asked.port)));
     if (made.status == 200 && !chronicle_.trouble().empty())
         made = {given.id, 503, "there is no history: " + chronicle_.trouble()};
     else if (made.status == 200 && made.text.empty())

@@ -11,6 +11,7 @@
 
 #include "forecast/forecast.h"
 #include "history/chronicle.h"
+#include "tools/common/json_records.h"
 
 #include <array>
 #include <map>
@@ -45,13 +46,11 @@ class outlooks
 
     /* By forecast::quantity; all zero: the module has none. */
     using module_limits = std::array<forecast::limits, forecast::quantities>;
-    /* Those of the module that is in a port now, for its steps from now on. */
-    void know_limits(uint32_t port, const module_limits &own)
-    {
-        limits_[port] = own;
-    }
+    /* Those of the module that is in a port now. The history keeps them, since a restart looks at
+       the weeks before any module is read. */
+    void know_limits(history::chronicle &kept, uint32_t port, const module_limits &own);
 
-    /* Forgets all but limits, and takes in what the history has. */
+    /* Forgets all, and takes in what the history has. */
     void restore(history::chronicle &kept);
     /* A step has ended. */
     void feed(const history::place &of, int64_t time, const history::record &read);
@@ -59,7 +58,9 @@ class outlooks
        too. */
     std::vector<news> settle(history::chronicle &kept, const history::clocks &now);
 
-    std::string json(const history::chronicle &kept, int64_t boot) const;
+    /* A list; of one port, or of all. */
+    json_object list(const history::chronicle &kept, int64_t boot,
+                     std::optional<uint32_t> port) const;
     std::vector<forecast_sample> samples(const history::chronicle &kept, int64_t boot) const;
 
   private:
@@ -74,8 +75,8 @@ class outlooks
     std::vector<forecast::report> now_of(const history::chronicle &kept, int64_t boot,
                                          std::vector<history::place> &places) const;
 
-    std::map<int64_t, followed> ports_; /* by place */
-    std::map<uint32_t, module_limits> limits_;
+    std::map<int64_t, followed> ports_;       /* by place */
+    std::map<int64_t, module_limits> limits_; /* likewise */
     std::map<key, forecast::report> active_, announced_;
     std::map<key, std::string> reasons_; /* of the last withdrawals */
 };
