@@ -1,13 +1,17 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Links of the Linux board without a kernel: netlink messages, and the events that reports give. */
+#include "platform/dolm_ric/linux/fall_looks.h"
 #include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"
 #include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/record_updates.h"
 
 #include <gtest/gtest.h>
+#include <linux/ethtool.h>
+#include <linux/ethtool_netlink.h>
 #include <linux/if.h>
 #include <linux/rtnetlink.h>
+#include <optional>
 #include <sys/socket.h>
 
 using namespace linux_board;
@@ -33,6 +37,10 @@ struct recorder final : link_listener {
     {
         falls += count;
     }
+    void interface_leaves(uint32_t, board::departure how) override
+    {
+        departures += "-rm?"[static_cast<size_t>(how)];
+    }
     void interface_changed(uint32_t, const link_report *now) override
     {
         events += "i" + std::to_string(now == nullptr ? 0 : now->index);
@@ -41,7 +49,7 @@ struct recorder final : link_listener {
     {
         return std::exchange(events, {});
     }
-    std::string events;
+    std::string events, departures;
     uint32_t known = 0, lanes = 0;
     uint64_t falls = 0;
 };
@@ -145,12 +153,13 @@ TEST(link_report_test, names_counters_and_place_are_read_and_a_bridges_copy_is_n
         made.end_nest(names);
         made.put(IFLA_CARRIER_UP_COUNT, UINT32_MAX);
         made.put(IFLA_CARRIER_DOWN_COUNT, uint32_t{8});
+        made.put(IFLA_NEW_NETNSID, int32_t{0});
         std::vector<uint8_t> storage;
         const auto parsed = parse_link(message_of(made, storage));
         ASSERT_EQ(family == AF_UNSPEC, parsed.has_value());
         if (!parsed)
             continue;
-        EXPECT_TRUE(parsed->deleted);
+        EXPECT_TRUE(parsed->deleted && parsed->moved);
         EXPECT_EQ("eth0 0000:03:00.0 p1s2",
                   parsed->name + " " + parsed->parent + " " + parsed->port_name);
         EXPECT_EQ((std::vector<std::string>{"uplink", "enp3s0"}), parsed->alternative_names);
@@ -268,6 +277,35 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     EXPECT_EQ("i0", take(leaving)) << "stopped and down are one state for clients";
     EXPECT_EQ(1u, events.known);
     EXPECT_FALSE(table.next_settling());
+    take(report(2, 1, 1));
+    leaving.moved = true;
+    take(leaving);
+    take(report(2, 1, 1));
+    table.begin_dump();
+    table.end_dump(now);
+    EXPECT_EQ("rm?", events.departures) << "removed, moved, not there in a dump";
+}
+
+TEST(fall_looks_test, a_drivers_state_has_its_name)
+{
+    const auto state_of = [](uint8_t state, std::optional<uint8_t> substate) {
+        netlink::request made = netlink::generic_request(1, ETHTOOL_MSG_LINKSTATE_GET);
+        made.put(ETHTOOL_A_LINKSTATE_EXT_STATE, state);
+        if (substate)
+            made.put(ETHTOOL_A_LINKSTATE_EXT_SUBSTATE, *substate);
+        std::vector<uint8_t> storage;
+        causes::facts seen;
+        take_link_state(netlink::generic_attributes(message_of(made, storage)), seen);
+        const std::string fault = !seen.remote_fault ? "" : *seen.remote_fault ? " fault" : " none";
+        return seen.extended_state.value_or("nothing") + fault;
+    };
+    EXPECT_EQ("Autoneg", state_of(ETHTOOL_LINK_EXT_STATE_AUTONEG, 1));
+    EXPECT_EQ("Link training failure fault", state_of(ETHTOOL_LINK_EXT_STATE_LINK_TRAINING_FAILURE,
+                                                      ETHTOOL_LINK_EXT_SUBSTATE_LT_REMOTE_FAULT));
+    EXPECT_EQ("Link training failure none",
+              state_of(ETHTOOL_LINK_EXT_STATE_LINK_TRAINING_FAILURE, 1));
+    EXPECT_EQ("Module", state_of(ETHTOOL_LINK_EXT_STATE_MODULE, {}));
+    EXPECT_EQ("nothing", state_of(200, {}));
 }
 
 TEST_F(link_table_test, a_number_keeps_its_interface_whatever_the_configuration_says)

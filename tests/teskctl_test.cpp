@@ -12,11 +12,13 @@
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_view.h"
+#include "util/deadline.h"
 #include "util/escape.h"
 
 #include <clocale>
 #include <csignal>
 #include <fmt/ranges.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
@@ -388,6 +390,26 @@ TEST_F(teskctl_system, module_shows_what_is_there_and_says_why_the_rest_is_missi
     EXPECT_NE(output.find("low alarm"), std::string::npos) << output;
     server.reset();
     EXPECT_EQ(run("module 0"), 3) << "of a server that has ended: " << output;
+}
+
+TEST_F(teskctl_system, why_tells_of_the_falls_that_the_board_recorded)
+{
+    setenv("LC_ALL", "C", 1);
+    EXPECT_EQ(run("why"), 3) << output;
+    server.emplace();
+    expect("why", 0, {"No fall is recorded."});
+    testkit::run(TESK_BIN_DIR "/teskboard set 0 link=up; " TESK_BIN_DIR
+                              "/teskboard set 0 link=stopped",
+                 output);
+    const util::deadline patience(std::chrono::seconds(10));
+    do {
+        run("why 0");
+    } while (output.find("set down") == std::string::npos && !patience.has_passed());
+    expect("why 0,1 --last 1 --facts-out " + directory.path + "/facts", 0,
+           {"port0 ", ": set down, certain, local, administration"});
+    expect("why --json --facts " + directory.path + "/facts", 0, {R"("certainty":"certain")"});
+    std::ofstream(directory.path + "/falls/7") << "{\n";
+    expect("why", 1, {"falls/7", "set down, certain"});
 }
 
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)

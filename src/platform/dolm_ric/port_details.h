@@ -15,11 +15,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace board
@@ -42,6 +44,12 @@ class port_details
         stop();
     }
 
+    /* Called with each record that was updated, in order, by who updates it. Before any update. */
+    void watch(std::function<void(const dolm_ric_details_record &)> changed)
+    {
+        watch_ = std::move(changed);
+    }
+
     /* From now on the records are in a new file at `path`, those that were made before, too. */
     void start(const std::string &path);
     /* Marks the file as ended and removes it. */
@@ -57,6 +65,8 @@ class port_details
         if (slot *its = find_or_make(port)) {
             edit(*its->record);
             mark(port, *its);
+            if (watch_)
+                watch_(*its->record);
         }
     }
 
@@ -97,6 +107,8 @@ class port_details
     bool make_file();
     bool check_file();
     void note_result(bool is_written);
+
+    std::function<void(const dolm_ric_details_record &)> watch_;
 
     std::mutex lock_; /* guards these */
     std::condition_variable changed_, settled_;

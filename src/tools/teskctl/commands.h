@@ -76,11 +76,14 @@ struct trend_options {
 exit_code run_trend(const settings &common, const trend_options &options);
 
 struct why_options {
-    std::string facts;     /* a file, or "-" */
+    ports_text ports;      /* empty: all */
+    std::string facts;     /* a file, or "-"; empty: what the board recorded */
+    std::string facts_out; /* a file for the facts; empty: none */
     std::string other_end; /* of the same fall; empty: none */
     uint64_t last = 0;     /* falls, the newest; 0: all */
 };
-/* Needs no server. exit_code::rejected for a file that has no facts. */
+/* Needs no server. exit_code::rejected for a file that has no facts, exit_code::no_server where
+   nothing is recorded. */
 exit_code run_why(const settings &common, const why_options &options);
 
 /* `prometheus` is the ADDRESS:PORT of one that reads the exporter.

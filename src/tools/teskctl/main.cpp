@@ -168,11 +168,18 @@ class command_line
             ->check(CLI::Range(0.05, 731.0).description(""))
             ->capture_default_str();
         trend->add_flag("--csv", trend_.csv, "Write comma-separated values");
-        CLI::App *why = add("why", "Say why a link fell, from recorded facts",
-                            [this] { return run_why(common_, why_); });
-        why->add_option("--facts", why_.facts, "The facts of falls, JSON; - for standard input")
+        CLI::App *why = add("why", "Say why links fell", [this] {
+            if (!why_.ports.empty())
+                check_ports(why_.ports);
+            return run_why(common_, why_);
+        });
+        CLI::Option *ports = add_ports(why, "PORTS", why_.ports, "Which ports; all without them");
+        why->add_option("--facts", why_.facts,
+                        "Judge the facts in a file, JSON; - for standard input")
             ->type_name("FILE")
-            ->required();
+            ->excludes(ports);
+        why->add_option("--facts-out", why_.facts_out, "Write the facts to a file, too")
+            ->type_name("FILE");
         why->add_option("--other-end", why_.other_end, "Those of the same fall at the other end")
             ->type_name("FILE");
         add_count(why, "--last", why_.last, "Only so many of the newest falls");

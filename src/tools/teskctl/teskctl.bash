@@ -22,14 +22,14 @@ _teskctl()
     done
     case $previous in
     --timeout | --prometheus | --exporter | --days | --for | --count | --interval | -c | -i) return ;;
-    --facts | --other-end) compopt -o default; return ;;
+    --facts | --facts-out | --other-end) compopt -o default; return ;;
     --sfp | --status) [[ $command == watch ]] && { _teskctl_ports "$cur"; return; } ;;
     esac
     case $command in
     doctor) options+=' --prometheus' ;;
     forecast | modules) options+=' --exporter' ;;
     trend) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --exporter --days --csv' ;;
-    why) options+=' --facts --other-end --last' ;;
+    why) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --facts --facts-out --other-end --last' ;;
     '') options+=" --version help $commands" ;;
     help) options=$commands ;;
     history) [[ $cur == -* ]] || options='status sfp actions' ;;

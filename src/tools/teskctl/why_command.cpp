@@ -1,11 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the file is read whole, up to a bound; its facts are judged and shown, newest
-   first. */
+/* Order of work: the falls come from a file, or from those that the board records of ports; they
+   are judged and shown, newest first, and their facts are written to a file where that is asked
+   for. */
 #include "causes/facts_json.h"
 #include "causes/verdict.h"
 #include "tools/common/clock.h"
-#include "tools/common/json_records.h"
 #include "tools/common/output.h"
+#include "tools/common/recorded_falls.h"
 #include "tools/teskctl/commands.h"
 #include "util/escape.h"
 
@@ -16,66 +17,6 @@
 #include <fmt/format.h>
 #include <memory>
 #include <nlohmann/json.hpp>
-
-static constexpr size_t largest_file = size_t{16} << 20;
-
-static std::string read_whole(const std::string &path)
-{
-    const bool is_input = path == "-";
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(is_input ? stdin : fopen(path.c_str(), "re"),
-                                                      [](FILE *open) { return fclose(open); });
-    const auto fail = [&](const char *why) {
-        throw tool_error(exit_code::rejected, fmt::format("{}: {}", escape(path), why));
-    };
-    if (file == nullptr)
-        fail(std::strerror(errno));
-    std::string text;
-    char part[16384];
-    for (size_t got = 0; (got = fread(part, 1, sizeof(part), file.get())) > 0;) {
-        text.append(part, got);
-        if (text.size() > largest_file)
-            fail("facts of falls are smaller than 16 MiB");
-    }
-    if (ferror(file.get()) != 0)
-        fail(std::strerror(errno));
-    return text;
-}
-
-/* An object, a list of objects, or one object in each line. */
-static std::vector<causes::facts> facts_in(const std::string &path)
-{
-    const std::string text = read_whole(path);
-    std::vector<causes::facts> found;
-    std::string place;
-    const auto take = [&](const json_object &each) { found.push_back(causes::facts_from(each)); };
-    try {
-        const json_object whole = json_object::parse(text, nullptr, false);
-        if (whole.is_array()) {
-            for (const json_object &each : whole) {
-                place = fmt::format("fall {}: ", found.size() + 1);
-                take(each);
-            }
-        } else if (!whole.is_discarded()) {
-            take(whole);
-        } else {
-            size_t number = 0;
-            for (size_t at = 0; at < text.size();) {
-                const size_t end = std::min(text.find('\n', at), text.size());
-                place = fmt::format("line {}: ", ++number);
-                if (text.find_first_not_of(" \t\r", at) < end)
-                    take(json_object::parse(text.substr(at, end - at)));
-                at = end + 1;
-            }
-        }
-    } catch (const causes::facts_error &error) {
-        throw tool_error(exit_code::rejected, escape(path) + ": " + place + escape(error.what()));
-    } catch (const json_object::exception &) {
-        throw tool_error(exit_code::rejected, escape(path) + ": " + place + "this is no JSON");
-    }
-    if (found.empty())
-        throw tool_error(exit_code::rejected, escape(path) + " has no facts");
-    return found;
-}
 
 static std::string title_of(const causes::facts &seen)
 {
@@ -113,39 +54,62 @@ static std::string text_of(const causes::facts &seen, const causes::verdict &its
     return shown;
 }
 
-static json_object json_of(const causes::facts &seen, const causes::verdict &its,
-                           const causes::order *who)
+/* A file that is damaged keeps nobody from the falls of the other ports. */
+static std::vector<causes::facts> recorded(const ports_text &text, bool &is_whole)
 {
-    json_object object = {
-        {"cause", name_of(its.cause)},
-        {"side", name_of(its.side)},
-        {"layer", name_of(its.layer)},
-        {"certainty", name_of(its.certainty)},
-        {"evidence", its.evidence},
-        {"conflicts", its.conflicts},
-        {"ill", its.ill},
-        {"settle", its.settle.empty() ? json_object(nullptr) : json_object(its.settle)},
-        {"action", its.action}};
-    if (who != nullptr)
-        object["fell_first"] = !who->is_known    ? json_object(nullptr)
-                               : who->here_first ? json_object("this end")
-                                                 : json_object("other end");
-    object["facts"] = causes::to_json(seen);
-    return object;
+    const std::string folder = falls_folder();
+    const bool wants_all = text.empty() || is_all(text);
+    std::vector<uint32_t> ports = ports_with_falls(folder);
+    if (!wants_all)
+        ports = parse_ports(text, port_names());
+    std::vector<causes::facts> found;
+    for (const uint32_t port_no : ports) {
+        try {
+            for (causes::facts &each : falls_of(folder, port_no))
+                found.push_back(std::move(each));
+        } catch (const tool_error &error) {
+            complain("teskctl", error.what());
+            is_whole = false;
+        }
+    }
+    return found;
+}
+
+static void write_facts(const std::string &path, const std::vector<causes::facts> &falls)
+{
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "we"),
+                                                      [](FILE *open) { return fclose(open); });
+    bool is_written = file != nullptr;
+    for (auto it = falls.rbegin(); is_written && it != falls.rend(); ++it)
+        is_written = fputs((to_line(causes::to_json(*it)) + "\n").c_str(), file.get()) >= 0;
+    if (!is_written || fflush(file.get()) != 0)
+        throw tool_error(exit_code::no_output,
+                         fmt::format("{}: {}", escape(path), std::strerror(errno)));
+}
+
+static void keep_newest(std::vector<causes::facts> &falls, uint64_t last)
+{
+    std::ranges::stable_sort(falls, std::greater(),
+                             [](const causes::facts &each) { return each.time.value_or(0); });
+    if (last != 0 && falls.size() > last)
+        falls.resize(last);
 }
 
 exit_code run_why(const settings &common, const why_options &options)
 {
-    std::vector<causes::facts> falls = facts_in(options.facts);
+    bool is_whole = true;
+    std::vector<causes::facts> falls =
+        options.facts.empty() ? recorded(options.ports, is_whole) : facts_in(options.facts);
+    keep_newest(falls, options.last);
     const auto others =
         options.other_end.empty() ? std::vector<causes::facts>{} : facts_in(options.other_end);
     if (!others.empty() && (others.size() != 1 || falls.size() != 1))
-        throw tool_error(exit_code::usage,
-                         "--other-end joins two records of one fall: one in each file");
-    std::ranges::stable_sort(falls, std::greater(),
-                             [](const causes::facts &each) { return each.time.value_or(0); });
-    if (options.last != 0 && falls.size() > options.last)
-        falls.resize(options.last);
+        throw tool_error(
+            exit_code::usage,
+            "--other-end joins two records of one fall: one in its file, and one here, "
+            "as with --last 1");
+    if (falls.empty() && !common.json && is_whole)
+        write_text("No fall is recorded.\n");
     for (const causes::facts &seen : falls) {
         causes::order who;
         const auto made = others.empty() ? judge(seen) : judge_both(seen, others.front(), who);
@@ -154,5 +118,7 @@ exit_code run_why(const settings &common, const why_options &options)
         else
             write_text(text_of(seen, made, who.sentence));
     }
-    return exit_code::done;
+    if (!options.facts_out.empty())
+        write_facts(options.facts_out, falls);
+    return is_whole ? exit_code::done : exit_code::rejected;
 }

@@ -192,7 +192,8 @@ bool link_follower::drain()
 void link_follower::take(const netlink::message &notice)
 {
     if (const auto report = parse_link(notice))
-        take_report(*report, link_table::origin::notice);
+        take_report(*report,
+                    is_behind_ ? link_table::origin::late_notice : link_table::origin::notice);
 }
 
 /* The port is noted as reported before its event is queued, so that the read which this event
@@ -232,22 +233,11 @@ void link_follower::ask_about(int32_t index)
         table_.forget(index, std::chrono::steady_clock::now());
 }
 
-/* `header` is the number of the command's attribute that names the interface. */
-netlink::request link_follower::ethtool_question(uint8_t command, uint16_t header,
-                                                 int32_t index) const
-{
-    netlink::request question = netlink::generic_request(ethtool_family_, command);
-    const size_t nest = question.begin_nest(header);
-    question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
-    question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
-    question.end_nest(nest);
-    return question;
-}
-
 /* Not known where the driver or a kernel before 5.13 can't tell. */
 uint32_t link_follower::fec_now(int32_t index)
 {
-    netlink::request question = ethtool_question(ETHTOOL_MSG_FEC_GET, ETHTOOL_A_FEC_HEADER, index);
+    netlink::request question =
+        netlink::ethtool_request(ethtool_family_, ETHTOOL_MSG_FEC_GET, ETHTOOL_A_FEC_HEADER, index);
     uint32_t fec = DOLM_RIC_FEC_UNKNOWN;
     ethtool_.ask(question, kernel_patience, [&](const netlink::message &answer) {
         if (const auto mode =
@@ -263,8 +253,8 @@ std::optional<link_speed> link_follower::speed_now(int32_t index)
 {
     if (ethtool_family_ == 0)
         return std::nullopt;
-    netlink::request question =
-        ethtool_question(ETHTOOL_MSG_LINKMODES_GET, ETHTOOL_A_LINKMODES_HEADER, index);
+    netlink::request question = netlink::ethtool_request(ethtool_family_, ETHTOOL_MSG_LINKMODES_GET,
+                                                         ETHTOOL_A_LINKMODES_HEADER, index);
     uint32_t speed = UINT32_MAX;
     uint32_t lanes = 0;
     uint8_t duplex = DUPLEX_UNKNOWN;

@@ -84,7 +84,6 @@ class link_follower
     void read_all();
     void ask_about(int32_t index);
     void answer_refreshes();
-    netlink::request ethtool_question(uint8_t command, uint16_t header, int32_t index) const;
     uint32_t fec_now(int32_t index);
     std::optional<link_speed> speed_now(int32_t index);
     std::optional<link_speed> speed_of_risen(int32_t index);

@@ -39,6 +39,10 @@ static void read_attribute(const netlink::attribute &from, link_report &report)
     case IFLA_CARRIER_DOWN_COUNT:
         report.falls = netlink::read_record<uint32_t>(from.value).value_or(0);
         break;
+    case IFLA_NEW_NETNSID:
+    case IFLA_NEW_IFINDEX:
+        report.moved = report.deleted;
+        break;
     default:
         break;
     }

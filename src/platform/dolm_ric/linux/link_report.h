@@ -16,6 +16,7 @@ namespace linux_board
 struct link_report {
     int32_t index = 0;
     bool deleted = false;
+    bool moved = false; /* deleted here, since it is in another network namespace now */
     std::string name;
     std::vector<std::string> alternative_names;
     std::string parent;    /* device on its bus, such as 0000:03:00.0; empty for virtual ones */

@@ -130,7 +130,8 @@ void link_table::take(const link_report &report, origin from, time_point now)
 {
     reported_.insert(report.index);
     if (report.deleted) {
-        forget(report.index, now);
+        forget(report.index, now,
+               report.moved ? board::departure::moved : board::departure::removed);
         return;
     }
     port_link *link = bind(report);
@@ -141,20 +142,21 @@ void link_table::take(const link_report &report, origin from, time_point now)
     const bool known = link->last.index == report.index;
     const bool older = known && (growth(link->last.rises, report.rises) < 0 ||
                                  growth(link->last.falls, report.falls) < 0);
-    if (older && from == origin::notice)
+    if (older && from != origin::answer)
         return;
     if (older)
         announce(*link, 0, DOLM_RICRILINKSTATE_NOOPERATION, now);
-    update(*link, report, known && !older, now);
+    update(*link, report, from, known && !older, now);
 }
 
-void link_table::update(port_link &link, const link_report &report, bool is_same, time_point now)
+void link_table::update(port_link &link, const link_report &report, origin from, bool is_same,
+                        time_point now)
 {
     const uint32_t falls = is_same ? falls_between(link.last, report) : 0;
     const bool is_counted = is_same && growth(link.last.falls, report.falls) >= 0 &&
                             growth(link.last.rises, report.rises) >= 0;
     listener_.link_reported(link.number, report, is_counted ? report.falls - link.last.falls : 0,
-                            is_counted ? report.rises - link.last.rises : 0);
+                            is_counted ? report.rises - link.last.rises : 0, from);
     const bool named_anew = link.last.name != report.name;
     if (!is_same || link.last.rises != report.rises || !report.operational)
         link.speed_at.reset();
@@ -217,13 +219,14 @@ bool link_table::is_speed_wanted(int32_t index, time_point now) const
     return link.last.operational && (!link.speed_at || now - *link.speed_at >= speed_age);
 }
 
-void link_table::forget(int32_t index, time_point now)
+void link_table::forget(int32_t index, time_point now, board::departure how)
 {
     const auto known = ports_.find(index);
     if (known == ports_.end())
         return;
     port_link &link = links_.at(known->second);
     ports_.erase(known);
+    listener_.interface_leaves(link.number, how);
     link.index = 0;
     link.lost = std::exchange(link.last, {});
     announce(link, 0, DOLM_RICRILINKSTATE_NOOPERATION, now);

@@ -18,6 +18,7 @@
    speed changes while it stays up is announced as one fall: it was negotiated anew. */
 #pragma once
 
+#include "platform/dolm_ric/fall_facts.h"
 #include "platform/dolm_ric/linux/link_report.h"
 
 #include <chrono>
@@ -58,12 +59,20 @@ struct link_speed {
     uint32_t fec = 0; /* the active one as enum dolm_ric_details_fec; 0 if it isn't known */
 };
 
+/* A notice was sent by the kernel of its own accord and may be older than an answer, which is
+   always the state of that moment. Before a late notice others were lost. */
+enum class report_origin : uint8_t { notice, late_notice, answer };
+
 /* Called in the thread that passes the reports in. */
 struct link_listener {
     virtual ~link_listener() = default;
     /* Each report that is taken, with the growth of both counters since the one before. */
     virtual void link_reported(uint32_t /*port*/, const link_report & /*now*/, uint32_t /*falls*/,
-                               uint32_t /*rises*/)
+                               uint32_t /*rises*/, report_origin /*from*/)
+    {
+    }
+    /* The interface of the port is leaving it. */
+    virtual void interface_leaves(uint32_t /*port*/, board::departure /*how*/)
     {
     }
     /* An answer about the speed. */
@@ -105,9 +114,7 @@ class link_table
     /* A speed that was taken so long ago is old, even if the link hasn't risen since. */
     static constexpr std::chrono::milliseconds speed_age{50};
 
-    /* A notice was sent by the kernel of its own accord and may be older than an answer, which is
-       always the state of that moment. */
-    enum class origin : uint8_t { notice, answer };
+    using origin = report_origin;
 
     /* `ask_speed` is called for a link that has risen, before its rise is announced. */
     explicit link_table(link_listener &listener, speed_source ask_speed = {});
@@ -127,7 +134,7 @@ class link_table
     /* Whether a port's link is operational and its speed isn't known, or is old. */
     bool is_speed_wanted(int32_t index, time_point now) const;
     /* The interface is gone. */
-    void forget(int32_t index, time_point now);
+    void forget(int32_t index, time_point now, board::departure how = board::departure::unknown);
 
     /* Ports whose interface isn't reported between the two calls have lost it. */
     void begin_dump();
@@ -167,7 +174,8 @@ class link_table
     void set_speed(port_link &link, const link_speed &speed, time_point now);
     port_link *find_free(const link_report &report);
     port_link *bind(const link_report &report);
-    void update(port_link &link, const link_report &report, bool is_same, time_point now);
+    void update(port_link &link, const link_report &report, origin from, bool is_same,
+                time_point now);
     void announce_or_hold(port_link &link, uint32_t falls, time_point now);
     bool announce(port_link &link, uint32_t falls, uint32_t state, time_point now);
     void settle(port_link &link, time_point now);

@@ -6,6 +6,7 @@
 
 #include "platform/dolm_ric/core.h"
 #include "platform/dolm_ric/details_record.h"
+#include "platform/dolm_ric/fall_files.h"
 #include "platform/dolm_ric/linux/driver_logs.h"
 #include "platform/dolm_ric/linux/interfaces.h"
 #include "platform/dolm_ric/linux/module_decode.h"
@@ -41,14 +42,19 @@ static constexpr int reader_tries = 5;
 /* Interfaces that appeared later and were reported. */
 static constexpr size_t most_left_out = 20;
 
+/* Modules are read each 4 s. The kernel tells of a lost carrier up to a second later. */
+static constexpr board::fall_rules rules_of_falls = {.oldest_look = 30'000'000'000,
+                                                     .youngest_look = 1'100'000'000};
+
 /* How long a start waits until all modules have been read once, so that present ones give no
    event. */
 static constexpr std::chrono::seconds first_look_patience{3};
 
 linux_ports::linux_ports(board::port_events &events, std::string reader)
-    : events_(events), reader_(std::move(reader)), watch_(port_config_path()),
-      modules_(*this, reader_), links_(*this)
+    : events_(events), reader_(std::move(reader)), falls_(rules_of_falls),
+      watch_(port_config_path()), modules_(*this, reader_), links_(*this)
 {
+    details_.watch([this](const dolm_ric_details_record &record) { falls_.see(record); });
 }
 
 /* What the details say of a port whose module isn't known. */
@@ -209,7 +215,10 @@ void linux_ports::add_default_ports()
 /* The links come first, since the modules are looked for on the interfaces that were found. */
 void linux_ports::start()
 {
-    details_.start(board::details_path(board::port_map_path()));
+    const std::string details = board::details_path(board::port_map_path());
+    details_.start(details);
+    falls_.start(board::falls_folder(details),
+                 [this](uint32_t number, causes::facts &seen) { look_at_fall(number, seen); });
     links_.also_watch(watch_.fd(), [this] { look_at_config(); });
     links_.start();
     modules_.start(first_look_patience);
@@ -220,6 +229,7 @@ void linux_ports::stop() noexcept
 {
     links_.stop();
     modules_.stop();
+    falls_.stop();
     details_.stop();
 }
 
@@ -322,11 +332,30 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
 }
 
 void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_t falls,
-                                uint32_t rises)
+                                uint32_t rises, report_origin from)
 {
+    falls_.hear(number, {.is_exact = from == report_origin::notice,
+                         .device = board::device_of(now.parent)});
     details_.update(number, [&](dolm_ric_details_record &record) {
         take_link_report(now, falls, rises, board::details_time(), record);
     });
+}
+
+void linux_ports::interface_leaves(uint32_t number, board::departure how)
+{
+    falls_.hear(number, how);
+}
+
+/* On the recorder's thread. */
+void linux_ports::look_at_fall(uint32_t number, causes::facts &seen)
+{
+    int32_t interface = 0;
+    {
+        const auto guard = events_.lock();
+        interface = ports_.at(number).interface;
+    }
+    if (interface != 0)
+        fall_looks_.look(interface, seen);
 }
 
 void linux_ports::speed_reported(uint32_t number, const link_speed &now)

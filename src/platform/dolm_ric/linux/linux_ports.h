@@ -5,7 +5,9 @@
    modules. The copy is guarded by the core's lock. */
 #pragma once
 
+#include "platform/dolm_ric/fall_recorder.h"
 #include "platform/dolm_ric/linux/config_watch.h"
+#include "platform/dolm_ric/linux/fall_looks.h"
 #include "platform/dolm_ric/linux/link_follower.h"
 #include "platform/dolm_ric/linux/module_contents.h"
 #include "platform/dolm_ric/linux/module_decode.h"
@@ -82,10 +84,12 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     std::map<uint32_t, link_report> ports_at_reader(const std::vector<link_report> &all,
                                                     int &error);
     void look_at_config();
+    void look_at_fall(uint32_t number, causes::facts &seen);
     void report_ports();
 
-    void link_reported(uint32_t number, const link_report &now, uint32_t falls,
-                       uint32_t rises) override;
+    void link_reported(uint32_t number, const link_report &now, uint32_t falls, uint32_t rises,
+                       report_origin from) override;
+    void interface_leaves(uint32_t number, board::departure how) override;
     void speed_reported(uint32_t number, const link_speed &now) override;
     void link_changed(uint32_t number, const link_values &now) override;
     void link_known(uint32_t number, const link_values &now) override;
@@ -106,6 +110,8 @@ class linux_ports final : public board::port_source, follower_listener, module_l
 
     board::port_events &events_;
     const std::string reader_;
+    fall_looks fall_looks_; /* the recorder's thread */
+    board::fall_recorder falls_;
     board::port_details details_; /* has its own lock, which may be taken with the core's held */
     std::map<uint32_t, port_copy> ports_;
     bool is_map_old_ = true; /* the thread that follows the links; the next ones, too */

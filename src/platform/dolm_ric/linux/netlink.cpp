@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <linux/ethtool.h>
+#include <linux/ethtool_netlink.h>
 #include <linux/genetlink.h>
 #include <sys/socket.h>
 #include <system_error>
@@ -245,6 +247,16 @@ request generic_request(uint16_t family, uint8_t command)
 {
     return {family, NLM_F_ACK,
             genlmsghdr{.cmd = command, .version = generic_version, .reserved = 0}};
+}
+
+request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index)
+{
+    request question = generic_request(family, command);
+    const size_t nest = question.begin_nest(header);
+    question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
+    question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
+    question.end_nest(nest);
+    return question;
 }
 
 byte_view generic_attributes(const message &answer)

@@ -157,6 +157,10 @@ uint16_t find_family(connection &generic, std::string_view name, uint32_t comman
 /* A message to a generic netlink family. */
 request generic_request(uint16_t family, uint8_t command);
 
+/* A question to the family of ethtool about an interface; `header` is the number of the command's
+   attribute that names it. */
+request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index);
+
 /* The attributes of a generic netlink message. */
 byte_view generic_attributes(const message &answer);
 

@@ -5,6 +5,7 @@
 #include "platform/dolm_ric/simulator/simulated_ports.h"
 
 #include "platform/dolm_ric/details_record.h"
+#include "platform/dolm_ric/fall_files.h"
 #include "platform/dolm_ric/simulator/simulated_details.h"
 
 #include <algorithm>
@@ -27,8 +28,10 @@ static module_values make_module(const module_kind &kind)
 
 /* All empty cages share one module of zeros, so that a slot always has a module to read. */
 simulated_ports::simulated_ports(uint32_t count, port_events &events)
-    : events_(events), no_module_(std::make_shared<const module_values>())
+    : events_(events), no_module_(std::make_shared<const module_values>()),
+      falls_({.oldest_look = INT64_MAX, .youngest_look = 0})
 {
+    details_.watch([this](const dolm_ric_details_record &record) { falls_.see(record); });
     const port_values started = {.status = DOLM_RICRIPORT_STARTED,
                                  .link_state = DOLM_RICRILINKSTATE_NOOPERATION};
     slots_.assign(count, {started, no_module_});
@@ -114,6 +117,7 @@ void simulated_ports::describe(uint32_t port)
     if (!has_details_ || port >= ports_with_details)
         return;
     const port_slot &slot = slots_[port];
+    falls_.hear(port, {.is_exact = true, .device = "board"});
     details_.update(port, [&slot, port](dolm_ric_details_record &record) {
         const std::string name = "port" + std::to_string(port);
         set_text(record.link.interface, sizeof(record.link.interface), name.c_str(), name.size());
@@ -127,11 +131,13 @@ void simulated_ports::start_details(const std::string &path)
     for (uint32_t port = 0; port < count(); port++)
         describe(port);
     details_.start(path);
+    falls_.start(falls_folder(path), {});
 }
 
 void simulated_ports::stop_details() noexcept
 {
     has_details_ = false;
+    falls_.stop();
     details_.stop();
 }
 

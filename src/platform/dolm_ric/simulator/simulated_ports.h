@@ -6,6 +6,7 @@
    untouched port costs a few words. */
 #pragma once
 
+#include "platform/dolm_ric/fall_recorder.h"
 #include "platform/dolm_ric/port_details.h"
 #include "platform/dolm_ric/port_source.h"
 #include "platform/dolm_ric/simulator/vocabulary.h"
@@ -53,7 +54,7 @@ class simulated_ports : public port_source
     static constexpr uint32_t ports_with_details = 1024;
 
     /* From now on the details of the ports are in a file at `path`. */
-    void start_details(const std::string &path);
+    void start_details(const std::string &path); /* and the falls of their links */
     /* Takes no lock. */
     void stop_details() noexcept;
 
@@ -81,6 +82,7 @@ class simulated_ports : public port_source
     std::vector<port_slot> slots_;
     port_events &events_;
     const module_ptr no_module_;
+    fall_recorder falls_;
     port_details details_;
     bool has_details_ = false;
 };

@@ -1,0 +1,85 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* fall_facts - what the details of a port say of a fall of its link. Pure functions; any thread,
+   with one object at a time. Times are in ns of CLOCK_BOOTTIME. */
+#pragma once
+
+#include "causes/facts.h"
+#include "platform/dolm_ric/dolm_ric_details.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace board
+{
+
+/* What became of a port's interface. */
+enum class departure : uint8_t { none, removed, moved, unknown };
+
+/* One look at a port's module. */
+struct module_sample {
+    struct lane {
+        /* In mW and mA; negative where it isn't known. */
+        std::array<float, DOLM_RIC_LANE_VALUES> value = {-1, -1, -1};
+        uint8_t told = 0, on = 0; /* bit n: signal n is known; is there */
+    };
+    int64_t at = 0; /* of its values; 0: there are none */
+    uint32_t presence = DOLM_RIC_PRESENCE_UNKNOWN;
+    uint32_t module_state = DOLM_RIC_MODULE_STATE_NONE;
+    uint32_t medium = DOLM_RIC_MEDIUM_UNKNOWN;
+    std::string serial; /* empty: not known */
+    causes::number temperature, temperature_high_alarm, rx_low_alarm, errors, errors_limit;
+    std::vector<lane> lanes; /* those of the port */
+};
+
+module_sample sample_of(const dolm_ric_details_record &record);
+
+/* The serial number of a record's module; empty where it isn't known. */
+const char *serial_in(const dolm_ric_details_record &record);
+
+/* When the youngest value of the module was read; 0 where there is none. */
+int64_t values_read_at(const dolm_ric_details_record &record);
+
+/* What it found may have changed since; which module it is hasn't, unseen. */
+void forget_values(module_sample &old);
+
+/* The received light of the weakest lane in dBm; nothing where a lane's isn't known. */
+causes::number weakest_light(const module_sample &from);
+
+/* The last looks at the light before a fall. */
+class light_trail
+{
+  public:
+    static constexpr size_t most = 30;
+    void add(int64_t at, double dbm);
+    void clear();
+    /* How much was lost until `before`, and in which time, of what was read since `since`. */
+    void tell(int64_t since, int64_t before, causes::facts &seen) const;
+
+  private:
+    struct reading {
+        int64_t at;
+        double dbm;
+    };
+    std::array<reading, most> readings_ = {};
+    size_t count_ = 0, next_ = 0;
+};
+
+/* The last look before the fall, and the first one after it at `age` seconds; its values count only
+   if the link was still down. */
+void tell_before(const module_sample &before, causes::facts &seen);
+void tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen);
+/* The first one while the link was up again. */
+void tell_again(const module_sample &again, causes::facts &seen);
+
+/* The link as it was before the fall, and as it came back. */
+void tell_link_before(const dolm_ric_details_link &before, causes::facts &seen);
+void tell_link_after(const dolm_ric_details_link &after, causes::facts &seen);
+
+/* What is the same for all ports of one device: the functions of a PCI device have one name but for
+   the last digit. */
+std::string device_of(const std::string &parent);
+
+} // namespace board

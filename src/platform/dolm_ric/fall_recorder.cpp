@@ -1,0 +1,526 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* see() compares a port's details with the last ones: a fall of the link begins a record, with the
+   looks that were made before it; looks that come later, and the rise, are added. work() makes the
+   three looks of its own, and writes a record that was changed. The looks and the files are made
+   without the lock: nobody who tells a change waits for the kernel or a file system. */
+#include "platform/dolm_ric/fall_recorder.h"
+
+#include "causes/facts_json.h"
+#include "platform/dolm_ric/fall_files.h"
+#include "util/thread.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <iterator>
+#include <new>
+#include <pthread.h>
+#include <sys/timex.h>
+#include <vector>
+
+namespace board
+{
+
+static constexpr int64_t ms = 1'000'000;
+static constexpr int64_t second = 1000 * ms;
+static constexpr int64_t minute = 60 * second, hour = 60 * minute, day = 24 * hour;
+
+/* Drivers fill the extended state late: some after the next of their own rounds, of up to 2 s. */
+static constexpr int64_t looks_at[] = {0, 200 * ms, 2 * second};
+
+/* Falls that follow each other so closely are one record, for so long. */
+static constexpr int64_t burst_gap = 10 * second, longest_burst = minute;
+
+/* Ports that fall together are reported within this. */
+static constexpr int64_t together = second;
+
+/* An interface is set down in the same run of the kernel in which it is removed or moved. What
+   comes later was another deed. */
+static constexpr int64_t same_deed = 250 * ms;
+
+/* When a link that is up again is looked at, and when its record is closed. */
+static constexpr int64_t risen_after = 3 * second, closed_after = 10 * second;
+static constexpr int64_t retry_after = second;
+
+/* What a port's memory of falls, and of records that couldn't be written, may hold. */
+static constexpr size_t most_remembered = 256;
+static constexpr size_t most_closed = 4;
+
+static double seconds_of(int64_t ns)
+{
+    return std::round(static_cast<double>(ns) / static_cast<double>(ms)) / 1000;
+}
+
+fall_recorder::fall_recorder(const fall_rules &rules, clock now)
+    : rules_(rules), now_(std::move(now))
+{
+}
+
+fall_recorder::~fall_recorder()
+{
+    stop();
+}
+
+fall_recorder::port_watch *fall_recorder::find_or_make(uint32_t port)
+{
+    const auto found = ports_.find(port);
+    if (found != ports_.end())
+        return &found->second;
+    return ports_.size() < most_ports ? &ports_[port] : nullptr;
+}
+
+void fall_recorder::hear(uint32_t port, const link_news &news)
+{
+    const std::lock_guard guard(lock_);
+    if (port_watch *its = find_or_make(port))
+        its->news = news;
+}
+
+void fall_recorder::hear(uint32_t port, departure how)
+{
+    const std::lock_guard guard(lock_);
+    port_watch *its = find_or_make(port);
+    if (its == nullptr)
+        return;
+    its->left = how;
+    if (its->open == nullptr || its->open->looks == std::size(looks_at))
+        return;
+    const bool is_same_deed = now_() - its->open->last_at <= same_deed;
+    its->open->left = is_same_deed ? how : departure::unknown;
+}
+
+/* Without memory the fall isn't recorded, and all else goes on. */
+void fall_recorder::see(const dolm_ric_details_record &record)
+{
+    const std::lock_guard guard(lock_);
+    try {
+        port_watch *its = find_or_make(record.port);
+        if (its == nullptr)
+            return;
+        const int64_t now = now_();
+        const bool is_dated = record.link.changed_at != its->link.changed_at;
+        see_link(*its, record.link, is_dated ? record.link.changed_at : now);
+        see_module(*its, record, now);
+        if (its->open == nullptr)
+            return;
+        busy_.insert(record.port);
+        if (its->open->due < next_)
+            changed_.notify_one();
+    } catch (const std::bad_alloc &) {
+        return;
+    }
+}
+
+void fall_recorder::see_link(port_watch &its, const dolm_ric_details_link &now, int64_t at)
+{
+    const bool was_known = its.link.state == DOLM_RIC_VALUE_VALID;
+    const bool was_up = was_known && its.link.oper == DOLM_RIC_SWITCH_UP;
+    const bool is_up = now.state == DOLM_RIC_VALUE_VALID && now.oper == DOLM_RIC_SWITCH_UP;
+    const uint64_t counted = was_known ? now.falls - its.link.falls : 0;
+    const uint64_t falls = std::max<uint64_t>(counted, was_up && !is_up ? 1 : 0);
+    for (uint64_t one = 0; one < std::min<uint64_t>(falls, most_remembered); one++)
+        count(its, at);
+    if (falls > 0 && is_on_)
+        take_fall(its, now, at);
+    if (is_up && (!was_up || falls > 0))
+        rise(its, at);
+    if (!is_up)
+        its.up_since = 0;
+    if (now.state == DOLM_RIC_VALUE_VALID)
+        its.left = departure::none;
+    its.link = now;
+}
+
+void fall_recorder::count(port_watch &its, int64_t at)
+{
+    its.falls.push_back(at);
+    while (its.falls.size() > most_remembered || at - its.falls.front() > day)
+        its.falls.pop_front();
+}
+
+static double count_since(const std::deque<int64_t> &falls, int64_t since)
+{
+    return static_cast<double>(
+        std::ranges::count_if(falls, [since](int64_t at) { return at > since; }));
+}
+
+static double wall_time(int64_t ago)
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return seconds_of(std::chrono::nanoseconds{now}.count() - ago);
+}
+
+/* What is known of a fall when it is reported. */
+void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int64_t at)
+{
+    close(its);
+    its.open = std::make_shared<fall>();
+    fall &made = *its.open;
+    made.at = made.due = at;
+    made.is_exact = its.news.is_exact;
+    made.left = its.left;
+    made.seen.time = wall_time(now_() - at);
+    const char *name = now.interface[0] != '\0' ? now.interface : its.link.interface;
+    if (*name != '\0')
+        made.seen.interface = name;
+    if (!its.news.device.empty())
+        made.seen.device = its.news.device;
+    if (its.up_since != 0)
+        made.seen.up_for_s = seconds_of(at - its.up_since);
+    if (made.is_exact && now.state == DOLM_RIC_VALUE_VALID)
+        made.seen.set_down = now.admin == DOLM_RIC_SWITCH_DOWN;
+    tell_link_before(its.link, made.seen);
+    tell_look_before(its, made);
+}
+
+/* A fall in a burst has a record of its own where the interface was set down or has left. */
+void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at)
+{
+    const bool is_set_down = now.state == DOLM_RIC_VALUE_VALID && now.admin == DOLM_RIC_SWITCH_DOWN;
+    const bool goes_on = its.open != nullptr && at - its.open->last_at < burst_gap &&
+                         at - its.open->at < longest_burst && !is_set_down &&
+                         its.left == departure::none;
+    if (!goes_on)
+        begin(its, now, at);
+    fall &open = *its.open;
+    open.last_at = at;
+    open.up_at = 0;
+    open.is_changed = true;
+    open.seen.is_up.reset();
+    open.seen.down_for_s.reset();
+    open.seen.falls_in_minute = count_since(its.falls, at - minute);
+    open.seen.falls_in_hour = count_since(its.falls, at - hour);
+    open.seen.falls_in_day = count_since(its.falls, at - day);
+}
+
+/* Whether there was a module, and which, holds until it is seen otherwise; values get old. */
+void fall_recorder::tell_look_before(const port_watch &its, fall &made) const
+{
+    const bool is_young = its.last.at > made.at - rules_.youngest_look;
+    module_sample before = is_young ? its.before : its.last;
+    if (made.at - before.at > rules_.oldest_look)
+        forget_values(before);
+    if (is_young && its.before.at == 0)
+        before.presence = DOLM_RIC_PRESENCE_UNKNOWN;
+    made.lanes = before.lanes.size();
+    tell_before(before, made.seen);
+    its.trail.tell(made.at - 2 * minute, made.at - rules_.youngest_look, made.seen);
+}
+
+void fall_recorder::rise(port_watch &its, int64_t at)
+{
+    its.up_since = at;
+    if (its.open == nullptr)
+        return;
+    its.open->up_at = at;
+    its.open->seen.is_up = true;
+    its.open->seen.down_for_s = seconds_of(at - its.open->last_at);
+    its.open->is_changed = true;
+    if (its.open->looks == std::size(looks_at))
+        its.open->due = at + risen_after;
+}
+
+/* A look is new if it has newer values or finds another module, or none. */
+void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &record, int64_t now)
+{
+    const bool is_other =
+        record.presence != its.last.presence || its.last.serial != serial_in(record);
+    const int64_t read_at = values_read_at(record);
+    if (!is_other && read_at <= its.last.at)
+        return;
+    module_sample found = sample_of(record);
+    found.at = is_other ? now : read_at;
+    if (is_other)
+        its.trail.clear();
+    if (const auto light = weakest_light(found))
+        its.trail.add(found.at, *light);
+    if (its.open != nullptr)
+        take_look(*its.open, found);
+    if (its.before.at == 0 || its.last.at - its.before.at >= rules_.youngest_look)
+        its.before = std::move(its.last);
+    its.last = std::move(found);
+}
+
+/* Lists of another number of lanes can't be compared. */
+void fall_recorder::take_look(fall &open, module_sample found)
+{
+    if (found.at < open.last_at)
+        return;
+    if (open.lanes != 0 && found.lanes.size() != open.lanes)
+        found.lanes.clear();
+    open.lanes = std::max(open.lanes, found.lanes.size());
+    tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
+    if (open.up_at != 0 && found.at > open.up_at && !open.seen.rx_again)
+        tell_again(found, open.seen);
+    open.is_changed = true;
+    if (open.looks == std::size(looks_at))
+        open.due = std::min(open.due, found.at + retry_after);
+}
+
+/* The record of a fall that another one ends. */
+void fall_recorder::close(port_watch &its)
+{
+    if (its.open == nullptr)
+        return;
+    if (its.open->is_changed) {
+        its.closed.push_back(std::move(its.open));
+        if (its.closed.size() > most_closed)
+            its.closed.pop_front();
+    }
+    its.open.reset();
+}
+
+/* Who else fell, and who stayed up. */
+void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &open) const
+{
+    double fell[2] = {0, 0}, stayed[2] = {0, 0}; /* of other devices; of the same one */
+    for (const auto &[number, other] : ports_) {
+        const size_t is_same = other.news.device == its.news.device ? 1 : 0;
+        const bool has_fallen = std::ranges::any_of(
+            other.falls, [&](int64_t at) { return std::abs(at - open.at) <= together; });
+        if (number == port || (!has_fallen && other.up_since == 0))
+            continue;
+        (has_fallen ? fell : stayed)[is_same]++;
+    }
+    if (its.news.device.empty())
+        return;
+    open.seen.device_others_fell = fell[1];
+    open.seen.device_others_stayed = stayed[1];
+    open.seen.machine_others_fell = fell[0];
+    open.seen.machine_others_stayed = stayed[0];
+}
+
+/* An interface that is still there was not removed, and has its driver. One without a device can't
+   lose it, nor be reset with it. */
+static void tell_departure(departure left, bool is_virtual, causes::facts &seen)
+{
+    if (is_virtual)
+        seen.driver_unbound = seen.device_reset = false;
+    if (left == departure::unknown)
+        return;
+    seen.interface_removed = left == departure::removed;
+    seen.interface_moved = left == departure::moved;
+    if (left != departure::removed)
+        seen.driver_unbound = false;
+    if (left == departure::moved)
+        seen.device_reset = false;
+}
+
+/* A driver that sets its interface down to reset the device sets it up again at once, and takes the
+   device's other ports along. */
+static bool is_set_down_alone(const causes::facts &seen, const dolm_ric_details_link &now)
+{
+    return seen.set_down.value_or(false) && now.state == DOLM_RIC_VALUE_VALID &&
+           now.admin == DOLM_RIC_SWITCH_DOWN && seen.device_others_fell.value_or(1) == 0;
+}
+
+/* What the last look decides. A cage that was empty at each look since is empty. */
+void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
+{
+    causes::facts &seen = open.seen;
+    seen.port = port;
+    if (!seen.present_before.value_or(true) && its.last.presence == DOLM_RIC_PRESENCE_EMPTY)
+        seen.present_after = false;
+    tell_neighbours(port, its, open);
+    if (!open.is_exact)
+        return;
+    tell_departure(open.left, its.news.device.empty(), seen);
+    if (is_set_down_alone(seen, its.link))
+        seen.device_reset = false;
+}
+
+/* The bound that the time service gives, where one keeps the clock. */
+static void tell_clock(causes::facts &seen)
+{
+    timex clock = {};
+    constexpr double us = 1e6;
+    if (adjtimex(&clock) >= 0 && (clock.status & STA_UNSYNC) == 0)
+        seen.clock_error_s = static_cast<double>(clock.maxerror) / us;
+}
+
+/* The board is asked without the lock; the record may have been closed meanwhile. */
+void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
+{
+    const fall &before = *ports_.at(port).open;
+    const int64_t at = before.at;
+    const bool is_last = before.looks + 1 == std::size(looks_at);
+    causes::facts asked = before.seen;
+    guard.unlock();
+    tell_clock(asked);
+    if (look_)
+        look_(port, asked);
+    guard.lock();
+    port_watch &its = ports_.at(port);
+    if (its.open == nullptr || its.open->at != at)
+        return;
+    fall &open = *its.open;
+    open.seen.clock_error_s = asked.clock_error_s;
+    open.seen.extended_state = asked.extended_state;
+    open.seen.remote_fault = asked.remote_fault;
+    open.seen.driver_unbound = asked.driver_unbound;
+    open.seen.settings_changed = asked.settings_changed;
+    open.looks++;
+    if (is_last)
+        finish_looks(port, its, open);
+    open.due = is_last ? open.due : at + looks_at[open.looks];
+}
+
+/* Writes a record. False if it couldn't be written. */
+bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard)
+{
+    const std::string line = causes::to_json(its.seen).dump(
+        -1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    const size_t files = ports_.size();
+    its.is_changed = false;
+    guard.unlock();
+    const bool is_kept = keep_fall(folder_, port, line, its.is_written, files);
+    const int error = errno;
+    guard.lock();
+    its.is_written |= is_kept;
+    its.is_changed |= !is_kept;
+    if (!std::exchange(has_failed_, !is_kept) && !is_kept)
+        fprintf(stderr, "libdolm_ric: cannot record falls in %s: %s; it is tried again\n",
+                folder_.c_str(), strerror(error));
+    return is_kept;
+}
+
+/* Those that ended before the open one. Too many that can't be written drop out in between. */
+bool fall_recorder::write_closed(uint32_t port, std::unique_lock<std::mutex> &guard)
+{
+    std::deque<std::shared_ptr<fall>> &closed = ports_.at(port).closed;
+    while (!closed.empty()) {
+        const std::shared_ptr<fall> oldest = closed.front();
+        if (!write(port, *oldest, guard))
+            return false;
+        if (!closed.empty() && closed.front() == oldest)
+            closed.pop_front();
+    }
+    return true;
+}
+
+/* After the looks: writes what has changed, and ends the record of a link that has been up for a
+   while. */
+void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
+{
+    const std::shared_ptr<fall> open = ports_.at(port).open;
+    const bool has_risen = open->up_at != 0 && now >= open->up_at + risen_after;
+    if (has_risen)
+        tell_link_after(ports_.at(port).link, open->seen);
+    open->due =
+        open->up_at == 0 ? INT64_MAX : open->up_at + (has_risen ? closed_after : risen_after);
+    if (open->is_changed && !write(port, *open, guard))
+        open->due = now + retry_after;
+    else if (has_risen && now >= open->up_at + closed_after && ports_.at(port).open == open)
+        ports_.at(port).open.reset();
+}
+
+/* What is due for one port. Returns when there is more to do. */
+int64_t fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
+{
+    if (!write_closed(port, guard))
+        return now + retry_after;
+    while (const fall *open = ports_.at(port).open.get()) {
+        if (open->due > now)
+            return open->due;
+        if (open->looks < std::size(looks_at))
+            look(port, guard);
+        else
+            settle(port, now, guard);
+    }
+    if (!ports_.at(port).closed.empty())
+        return now;
+    busy_.erase(port);
+    return INT64_MAX;
+}
+
+int64_t fall_recorder::work()
+{
+    std::unique_lock guard(lock_);
+    const int64_t now = now_();
+    const std::vector<uint32_t> ports(busy_.begin(), busy_.end());
+    next_ = INT64_MAX;
+    for (const uint32_t port : ports) {
+        const int64_t next = work_on(port, now, guard);
+        next_ = std::min(next_, next);
+    }
+    return next_;
+}
+
+/* Without memory it is tried again. */
+int64_t fall_recorder::work_or_retry()
+{
+    try {
+        return work();
+    } catch (const std::exception &) {
+        return now_() + retry_after;
+    }
+}
+
+void fall_recorder::run()
+{
+    while (true) {
+        const int64_t next = work_or_retry();
+        std::unique_lock guard(lock_);
+        if (is_stopping_)
+            return;
+        const int64_t wait = std::clamp<int64_t>(std::min(next, next_) - now_(), 0, minute);
+        changed_.wait_for(guard, std::chrono::nanoseconds{wait});
+        if (is_stopping_)
+            return;
+    }
+}
+
+void fall_recorder::start(const std::string &folder, looker look, bool has_thread)
+{
+    folder_ = folder;
+    look_ = std::move(look);
+    if (!make_falls_folder(folder_))
+        fprintf(stderr, "libdolm_ric: cannot make %s for falls: %s\n", folder_.c_str(),
+                strerror(errno));
+    {
+        const std::lock_guard guard(lock_);
+        is_on_ = true;
+    }
+    if (has_thread)
+        start_thread();
+}
+
+void fall_recorder::start_thread()
+{
+    const util::blocked_signals blocked;
+    try {
+        thread_ = std::thread([this] { run(); });
+        pthread_setname_np(thread_.native_handle(), "port-falls");
+    } catch (const std::exception &error) {
+        fprintf(stderr, "libdolm_ric: no falls are recorded: no thread for them: %s\n",
+                error.what());
+    }
+}
+
+/* A record whose looks weren't over has what is known by now. */
+void fall_recorder::stop() noexcept
+{
+    {
+        const std::lock_guard guard(lock_);
+        is_on_ = false;
+        is_stopping_ = true;
+    }
+    changed_.notify_one();
+    if (thread_.joinable())
+        thread_.join();
+    try {
+        std::unique_lock guard(lock_);
+        for (const uint32_t port : busy_) {
+            close(ports_.at(port));
+            write_closed(port, guard);
+        }
+        busy_.clear();
+    } catch (const std::exception &) { /* no memory */
+    }
+}
+
+} // namespace board

@@ -1,0 +1,145 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* fall_recorder - keeps the facts of the last falls of each port's link in files, one for each
+   port, for docs/causes.md. Both board libraries have one.
+
+   It sees each change of a port's details, and remembers the last looks before a fall. A thread of
+   its own asks what else there is to know, at the fall, 200 ms and 2 s later, since drivers fill
+   some of it late; then it writes the record, and once more when the link is up again. A fall that
+   follows another one of its port within ten seconds counts in the record of that one, unless
+   something else happened to the interface.
+
+   A file that can't be written is tried again each second; one line on stderr says why. */
+#pragma once
+
+#include "causes/facts.h"
+#include "platform/dolm_ric/dolm_ric_details.h"
+#include "platform/dolm_ric/fall_facts.h"
+#include "platform/dolm_ric/port_details.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+namespace board
+{
+
+/* What the message of a change says beside the port's details. */
+struct link_news {
+    bool is_exact = false; /* the kernel's own message, and none before it was lost */
+    std::string device;    /* of which the port is one; empty: not known */
+};
+
+/* How a board's readings relate to its links. */
+struct fall_rules {
+    /* An older look says nothing of the fall; nor does a younger one, since links are reported late
+       and it may have been made after the fall. In ns. */
+    int64_t oldest_look, youngest_look;
+};
+
+class fall_recorder
+{
+  public:
+    /* Brings what a board knows beside the details into the facts; called at each look, on the
+       thread. */
+    using looker = std::function<void(uint32_t port, causes::facts &)>;
+
+    /* ns of CLOCK_BOOTTIME. */
+    using clock = std::function<int64_t()>;
+
+    explicit fall_recorder(const fall_rules &rules, clock now = details_time);
+    fall_recorder(const fall_recorder &) = delete;
+    fall_recorder &operator=(const fall_recorder &) = delete;
+    ~fall_recorder();
+
+    /* Falls are recorded from now on, in `folder`, which is made. Without a thread of its own
+       somebody else calls work(). */
+    void start(const std::string &folder, looker look, bool has_thread = true);
+    /* Writes what is open. */
+    void stop() noexcept;
+
+    /* These are called in the order of the changes; any thread, one at a time for each port. */
+    /* Before the details change by a message about the link. */
+    void hear(uint32_t port, const link_news &news);
+    /* The interface leaves the port, before its details change by that. */
+    void hear(uint32_t port, departure how);
+    /* The details are so now. */
+    void see(const dolm_ric_details_record &record);
+
+    /* Makes all looks and writings that are due, and returns when there is more to do. The
+       thread's, or a test's in its place. */
+    int64_t work();
+
+    static constexpr size_t most_ports = 1024;
+
+  private:
+    struct fall {
+        causes::facts seen;
+        int64_t at = 0, last_at = 0; /* of the first and the last one in this record */
+        int64_t up_at = 0;           /* 0: not yet */
+        int64_t due = 0;             /* of the next look or writing */
+        size_t looks = 0;            /* that were made */
+        size_t lanes = 0;            /* of all lists; 0: not known */
+        bool is_exact = false;
+        departure left = departure::none;
+        bool is_changed = true; /* since it was written */
+        bool is_written = false;
+    };
+    struct port_watch {
+        dolm_ric_details_link link = {};
+        int64_t up_since = 0; /* 0: it isn't up */
+        link_news news;
+        departure left = departure::none;
+        module_sample last, before; /* the latest look, and the one before it */
+        light_trail trail;
+        std::deque<int64_t> falls; /* of the last day */
+        std::shared_ptr<fall> open;
+        std::deque<std::shared_ptr<fall>> closed; /* still to be written */
+    };
+
+    port_watch *find_or_make(uint32_t port);
+    void see_link(port_watch &its, const dolm_ric_details_link &now, int64_t at);
+    void see_module(port_watch &its, const dolm_ric_details_record &record, int64_t now);
+    static void count(port_watch &its, int64_t at);
+    void begin(port_watch &its, const dolm_ric_details_link &now, int64_t at);
+    void take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at);
+    void tell_look_before(const port_watch &its, fall &made) const;
+    static void rise(port_watch &its, int64_t at);
+    static void take_look(fall &open, module_sample found);
+    static void close(port_watch &its);
+    void tell_neighbours(uint32_t port, const port_watch &its, fall &open) const;
+    void finish_looks(uint32_t port, port_watch &its, fall &open);
+    /* The thread's; `guard` is held but for what is asked or written. */
+    void look(uint32_t port, std::unique_lock<std::mutex> &guard);
+    bool write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
+    bool write_closed(uint32_t port, std::unique_lock<std::mutex> &guard);
+    void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
+    int64_t work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
+    int64_t work_or_retry();
+    void start_thread();
+    void run();
+
+    const fall_rules rules_;
+    const clock now_;
+    looker look_;
+    std::string folder_;
+
+    std::mutex lock_; /* guards these */
+    std::condition_variable changed_;
+    std::map<uint32_t, port_watch> ports_;
+    std::set<uint32_t> busy_; /* ports with an open or closed record */
+    int64_t next_ = INT64_MAX;
+    bool is_on_ = false, is_stopping_ = false;
+
+    bool has_failed_ = false; /* the thread's */
+    std::thread thread_;
+};
+
+} // namespace board

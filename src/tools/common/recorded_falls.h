@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* recorded_falls - the falls of links: as the board records them, one file for each port, or in any
+   file; and their verdicts as JSON. No state, any thread. */
+#pragma once
+
+#include "causes/facts.h"
+#include "causes/verdict.h"
+#include "tools/common/json_records.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/* "falls" beside the file of the details of ports; empty where the default would be the folder of
+   another server than the one that MBX_DIR selects. */
+std::string falls_folder();
+
+/* The ports that have a file there, in order. Throws a tool_error for a folder that isn't there or
+   can't be read. */
+std::vector<uint32_t> ports_with_falls(const std::string &folder);
+
+/* The falls of one port, oldest first; none where it has no file. Throws a tool_error as
+   facts_in(). */
+std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no);
+
+/* The facts in a file, "-" for standard input: an object, a list of objects, or an object in each
+   line. Throws a tool_error that names the file and the place where it is wrong, or that it has
+   none. */
+std::vector<causes::facts> facts_in(const std::string &path);
+
+/* `who` is null where the other end isn't known. */
+json_object json_of(const causes::facts &seen, const causes::verdict &its,
+                    const causes::order *who);
