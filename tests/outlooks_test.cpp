@@ -120,10 +120,9 @@ TEST(outlooks, announce_a_fade_once_and_withdraw_it_with_its_module)
     EXPECT_NEAR(days_left(), before, 3);
     on.run(1, 0.12);
     EXPECT_EQ(on.told.size(), 1) << on.told.back().told.reason;
-    const auto answer = on.ahead.list(*on.kept, on.now.boot, 3);
-    EXPECT_EQ(answer[0]["cause"], "light_lost");
-    EXPECT_EQ(answer[0]["interface"], "eth3");
-    EXPECT_TRUE(on.ahead.list(*on.kept, on.now.boot, 4).empty());
+    const auto answer = json_object::parse(on.ahead.json(*on.kept, on.now.boot));
+    EXPECT_EQ(answer["forecasts"][0]["cause"], "light_lost");
+    EXPECT_EQ(answer["forecasts"][0]["interface"], "eth3");
     on.kept->vacate(3);
     on.settle();
     ASSERT_EQ(on.told.size(), 2);
@@ -140,7 +139,7 @@ TEST(outlooks, withdraw_what_no_reading_supports)
     on.run(12, 0.12);
     EXPECT_NEAR(on.ahead.samples(*on.kept, on.now.boot).at(0).days_left, (2 - on.loss) / 0.12, 3);
     on.restart(); /* no module is read yet */
-    const auto answer = on.ahead.list(*on.kept, on.now.boot, std::nullopt)[0];
+    const auto answer = json_object::parse(on.ahead.json(*on.kept, on.now.boot))["forecasts"][0];
     EXPECT_TRUE(answer["limit"] == "module" && answer["lane"] == 0) << answer;
     on.now = {on.now.wall + 3 * day, on.now.boot + 3 * day};
     on.settle();

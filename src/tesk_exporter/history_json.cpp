@@ -120,7 +120,7 @@ static json_object events_of(history::chronicle &kept, uint32_t port, int64_t fi
 }
 
 std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot,
-                         bool is_followed, const std::string &forecasts)
+                         bool is_followed)
 {
     const int64_t step = history::level_seconds[of], last = kept.time().at(boot) / step,
                   first = last - history::level_length[of];
@@ -171,7 +171,6 @@ std::string history_json(history::chronicle &kept, uint32_t port, history::level
     append_values(text, "voltage_v", points, 1);
     text += ',';
     append_lanes(text, points);
-    text += ",\"forecasts\":" + forecasts;
     return text + ",\"events\":" + to_line(events) + "}\n";
 }
 

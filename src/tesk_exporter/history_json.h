@@ -10,7 +10,6 @@
       "temperature_c": [..], "voltage_v": [..],
       "lanes": [{"rx_power_dbm": [..], "tx_power_dbm": [..], "tx_bias_ma": [..]}],
                                    and "error_ratio" of a module that measures it
-      "forecasts": [..],           those of the port, as /api/forecast has them
       "events": [{"time", "change", "text"}]}     at most 1000, the newest
      Of 2d a point is a number, of 8w and 2y [least, middle, greatest]; null where nothing was
      measured, as the power of no light.
@@ -30,10 +29,9 @@ namespace exporter
 {
 
 /* Empty for a port of which nothing is known, unless it is followed now; and where the file turns
-   out to be damaged, see trouble(). The chronicle must be open. `boot` is the present,
-   `forecasts` a list as JSON. */
+   out to be damaged, see trouble(). The chronicle must be open. `boot` is the present. */
 std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot,
-                         bool is_followed = false, const std::string &forecasts = "[]");
+                         bool is_followed = false);
 std::string modules_json(history::chronicle &kept);
 
 } // namespace exporter

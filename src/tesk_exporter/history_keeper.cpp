@@ -6,7 +6,6 @@
 
 #include "tesk_exporter/history_json.h"
 #include "tools/common/clock.h"
-#include "tools/common/json_records.h"
 #include "tools/common/units.h"
 #include "tools/common/words.h"
 #include "util/boot_clock.h"
@@ -17,7 +16,6 @@
 #include <cstdio>
 #include <fmt/format.h>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <span>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -249,12 +247,10 @@ void history_keeper::take(const question &given, const history::clocks &when)
     else if (given.asked.what == history_question::kind::modules)
         made.text = modules_json(chronicle_);
     else if (given.asked.what == history_question::kind::forecast)
-        made.text =
-            to_line({{"forecasts", outlooks_.list(chronicle_, when.boot, std::nullopt)}}) + "\n";
+        made.text = outlooks_.json(chronicle_, when.boot);
     else
         made.text = history_json(chronicle_, given.asked.port, given.asked.of, when.boot,
-                                 given.asked.is_followed,
-                                 to_line(outlooks_.list(chronicle_, when.boot, given.asked.port)));
+                                 given.asked.is_followed);
     if (made.status == 200 && !chronicle_.trouble().empty())
         made = {given.id, 503, "there is no history: " + chronicle_.trouble()};
     else if (made.status == 200 && made.text.empty())

@@ -291,16 +291,13 @@ std::vector<forecast::report> outlooks::now_of(const history::chronicle &kept, i
     return reports;
 }
 
-json_object outlooks::list(const history::chronicle &kept, int64_t boot,
-                           std::optional<uint32_t> port) const
+std::string outlooks::json(const history::chronicle &kept, int64_t boot) const
 {
     std::vector<history::place> places;
     const auto reports = now_of(kept, boot, places);
-    json_object made = json_object::array();
+    json_object list = json_object::array();
     for (size_t i = 0; i < reports.size(); i++) {
         const int lane = reports[i].lane;
-        if (port && places[i].port != *port)
-            continue;
         json_object line = report_json({{"port", places[i].port},
                                         {"interface", places[i].interface},
                                         {"vendor", places[i].vendor},
@@ -308,9 +305,9 @@ json_object outlooks::list(const history::chronicle &kept, int64_t boot,
                                         {"serial", places[i].serial}},
                                        reports[i]);
         line["lane"] = lane > 0 ? json_object(lane - 1) : json_object(nullptr);
-        made.push_back(std::move(line));
+        list.push_back(std::move(line));
     }
-    return made;
+    return to_line({{"forecasts", std::move(list)}}) + "\n";
 }
 
 std::vector<forecast_sample> outlooks::samples(const history::chronicle &kept, int64_t boot) const

@@ -11,7 +11,6 @@
 
 #include "forecast/forecast.h"
 #include "history/chronicle.h"
-#include "tools/common/json_records.h"
 
 #include <array>
 #include <map>
@@ -58,9 +57,7 @@ class outlooks
        too. */
     std::vector<news> settle(history::chronicle &kept, const history::clocks &now);
 
-    /* A list; of one port, or of all. */
-    json_object list(const history::chronicle &kept, int64_t boot,
-                     std::optional<uint32_t> port) const;
+    std::string json(const history::chronicle &kept, int64_t boot) const;
     std::vector<forecast_sample> samples(const history::chronicle &kept, int64_t boot) const;
 
   private:
