@@ -520,8 +520,11 @@ TEST_F(exporter_board, objects_are_valid_whatever_is_absent)
     apply(module_in(0, "\"\xff"));
     apply(status_of(7, 2));
     apply(reading_fact{values_of(7, 0)});
+    const forecast_sample ahead[] = {{7, 1, "rx_uw", 3.14}, {7, 0, "temperature_c", 9}};
     const auto object =
-        json_object::parse(ports_json(board, events, std::chrono::milliseconds(1500), now));
+        json_object::parse(ports_json(board, events, std::chrono::milliseconds(1500), ahead, now));
+    EXPECT_EQ(object["ports"][1]["forecast_days"], 3.1);
+    EXPECT_TRUE(object["ports"][0]["forecast_days"].is_null());
     EXPECT_EQ(object["interval_s"], 1.5);
     EXPECT_EQ(object["ports"].size(), 2u);
     EXPECT_EQ(object["ports"][0]["interface"], "a\\\\b");

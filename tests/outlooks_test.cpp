@@ -134,10 +134,11 @@ TEST(outlooks, announce_a_fade_once_and_withdraw_it_with_its_module)
 TEST(outlooks, withdraw_what_no_reading_supports)
 {
     box on;
-    on.ahead.know_limits(3, {forecast::limits{199.5, 316, 1000, 1995}}); /* -7 dBm */
     on.run(20, 0);
+    on.ahead.know_limits(*on.kept, 3, {forecast::limits{199.5, 316, 1000, 1995}}); /* -7 dBm */
     on.run(12, 0.12);
     EXPECT_NEAR(on.ahead.samples(*on.kept, on.now.boot).at(0).days_left, (2 - on.loss) / 0.12, 3);
+    on.restart(); /* no module is read yet */
     const auto answer = json_object::parse(on.ahead.json(*on.kept, on.now.boot))["forecasts"][0];
     EXPECT_TRUE(answer["limit"] == "module" && answer["lane"] == 0) << answer;
     on.now = {on.now.wall + 3 * day, on.now.boot + 3 * day};

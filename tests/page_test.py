@@ -6,13 +6,16 @@
 
 --write makes docs/page.png besides. The Python of Debian, for python3-selenium.
 """
+import contextlib
 import http.client
 import os
 import re
 import shlex
 import signal
 import socket
+import sqlite3
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
@@ -89,6 +92,7 @@ class Board:
     def __init__(self, place):
         self.env = {**os.environ, "MBX_DIR": f"{place}/mbx", "DOLM_RIC_SOCKET": f"{place}/board",
                     "DOLM_RIC_PORT_MAP": f"{place}/ports"}
+        self.history = f"{place}/history"
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             self.port = free.getsockname()[1]
@@ -100,12 +104,12 @@ class Board:
 
     def start_exporter(self):
         self.start("tesk-exporter", "--listen", f"127.0.0.1:{self.port}", "--interval", "0.5",
-                   "--web", str(BIN.parent / "web"))
+                   "--web", str(BIN.parent / "web"), "--history", self.history)
 
-    def kill(self, name):
+    def kill(self, name, by=signal.SIGKILL):
         process = self.running.pop(name)
-        process.kill()
-        process.wait()
+        process.send_signal(by)
+        process.wait(DEADLINE_S)
 
     def play(self, *commands, check=True):
         return [subprocess.run([BIN / "teskboard", *shlex.split(words)], env=self.env, check=check,
@@ -300,6 +304,46 @@ def loss_is_told(board, page):
     page.shows("#banner", before)  # that time, not the one at which the page was opened
 
 
+def fade(history, port):
+    """Forty days of a port in the file, in the last twenty of which it loses 0.3 dB a day."""
+    with contextlib.closing(sqlite3.connect(f"{history}/history.db")) as file, file:
+        place = file.execute("SELECT id FROM places WHERE port = ?", [port]).fetchone()[0]
+        file.execute("UPDATE places SET first = first - 40 * 86400 WHERE id = ?", [place])
+        for table, seconds, count, parts in ("days", 86400, 40, 3), ("hours", 3600, 960, 3), ("steps", 300, 576, 1):
+            last = int(time.time()) // seconds
+            for age in range(count, 0, -1):
+                loss, noise = max(0, 20 - age * seconds / 86400) * 0.3, age * 7919 % 13
+                row = struct.pack("<6h", 4000 + noise, 16500, round(-500 * (4 + loss)) + noise, -1000,
+                                  3000 + noise, 0)[:10]
+                file.execute(f"INSERT OR IGNORE INTO {table} VALUES(?, ?)",
+                             [(last - age) << 24 | place, bytes([1, 100]) + parts * row])
+        for age, change in (30, "down"), (25, "replaced"):
+            file.execute("INSERT INTO events(time, port, place, kind, text) VALUES(?, ?, ?, ?, ?)",
+                         [last * 300 - age * 86400, port, place, change, ""])
+
+
+def a_fade_is_shown(board, page):
+    board.kill("tesk-exporter", signal.SIGTERM)
+    fade(board.history, 2)
+    board.start_exporter()
+    page.row_shows(2, "days left")
+    await_true(lambda: page.text("#banner") == "", "the exporter is found again")
+    page.browser.get_log("browser")  # of the restart
+    page.go("port=2")
+    page.shows("#forecasts", "receive power of lane 0: ")
+    for span in "2d", "8w", "2y":
+        page.run("document.querySelector(`button[data-range='${arguments[0]}']`).click()", span)
+        label = "return document.querySelector('#plots .plot')?.ariaLabel ?? ''"
+        await_true(lambda: f"last {span}" in page.run(label), span)
+        assert ("forecast" in page.run(label)) == (span != "2d"), page.run(label)
+        if folder := os.environ.get("PAGE_PICTURES"):
+            page.run("plots.scrollIntoView()")
+            page.browser.save_screenshot(f"{folder}/{span}.png")
+    complaints = page.browser.get_log("browser")
+    assert not complaints, complaints
+    page.go("")
+
+
 def picture(board, page):
     board.play("set 6 txbias=72mA", "link 6 down", "link 6 up")
     page.row_shows(6, "warning")
@@ -338,6 +382,7 @@ def check_page(board, place):
         arrives_in_time(board, page)
         complaints = page.browser.get_log("browser")
         assert not complaints, complaints
+        a_fade_is_shown(board, page)
         loss_is_told(board, page)
     finally:
         page.browser.quit()

@@ -3,14 +3,16 @@
    the port is chosen, and again after each change of it. */
 import { by_id, make, make_badge, make_event, set_text } from "./document.js";
 import { limits_of, write_lanes } from "./lanes.js";
-import { age_text, event_text, grade_badge, has_module, link_badge, measurements, module_text,
+import { age_text, event_text, forecast_badge, grade_badge, has_module, link_badge, measurements, module_text,
          time_text, title_of, value_text } from "./ports.js";
 
 const section = by_id("port");
 const plotted = [
-  { name: "Power", unit: "dBm", digits: 2, series: [["receive", "rx_power_dbm"], ["transmit", "tx_power_dbm"]] },
-  { name: "Temperature", unit: "°C", digits: 1, series: [["temperature", "temperature_c"]] },
-  { name: "Laser bias", unit: "mA", digits: 2, series: [["bias", "tx_bias_ma"]] },
+  { name: "Power", unit: "dBm", digits: 2, forecast: ["rx_uw", "tx_uw"],
+    series: [["receive", "rx_power_dbm"], ["transmit", "tx_power_dbm"]] },
+  { name: "Temperature", unit: "°C", digits: 1, forecast: ["temperature_c"],
+    series: [["temperature", "temperature_c"]] },
+  { name: "Laser bias", unit: "mA", digits: 2, forecast: ["bias_ma"], series: [["bias", "tx_bias_ma"]] },
   { name: "Voltage", unit: "V", digits: 3, series: [["voltage", "voltage_v"]] },
 ];
 const identity = [["Kind", "module"], ["Vendor", "vendor"], ["Part", "part"], ["Revision", "revision"],
@@ -31,6 +33,8 @@ function write_badges(port) {
   if (port.status?.environment === "set")
     badges.push({ text: "environment alarm", tone: "bad", sign: "!" });
   badges.push({ text: `${port.link_changes} link change${port.link_changes === 1 ? "" : "s"}`, tone: "none", sign: "↕" });
+  if (forecast_badge(port))
+    badges.push(forecast_badge(port));
   by_id("badges").replaceChildren(...badges.map(make_badge));
 }
 
@@ -74,22 +78,59 @@ function to_rows(answer, series) {
 
 const is_ranged = (answer) => !["hour", "2d"].includes(answer.range);
 
-/* The answer of the history, with the keys of the shorter plots. Where readings are missing the line
-   ends: an empty point stands behind the last one. */
-function from_history(answer) {
-  const made = { range: answer.span, step_s: answer.step_s, events: answer.events, time: [] };
-  const values = { temperature_c: answer.temperature_c, voltage_v: answer.voltage_v, ...answer.lanes[0] };
+const apart = ["time", "events", "forecasts"];
+
+/* The answer of the history, with the keys of the shorter plots, of the lane that fails first. Where
+   readings are missing the line ends: an empty point stands behind the last one. */
+function from_history(answer, forecasts) {
+  const lane = forecasts.find((each) => each.lane !== null)?.lane ?? 0;
+  const made = { range: answer.span, step_s: answer.step_s, events: answer.events, lane, time: [] };
+  made.forecasts = forecasts.filter((each) => [lane, null].includes(each.lane));
+  const values = { temperature_c: answer.temperature_c, voltage_v: answer.voltage_v, ...answer.lanes[lane] };
   for (const key of ["tx_power_dbm", "rx_power_dbm", "temperature_c", "voltage_v", "tx_bias_ma"])
     made[key] = [];
   answer.time.forEach((time, i) => {
     const is_behind_gap = i > 0 && time - answer.time[i - 1] > 1.5 * answer.step_s;
     for (const at of is_behind_gap ? [answer.time[i - 1] + answer.step_s, time] : [time]) {
       made.time.push(at);
-      for (const key of Object.keys(made).filter((name) => Array.isArray(made[name]) && !["time", "events"].includes(name)))
+      for (const key of Object.keys(made).filter((name) => Array.isArray(made[name]) && !apart.includes(name)))
         made[key].push(at === time ? values[key]?.[i] ?? null : null);
     }
   });
   return made;
+}
+
+const day_ms = 86_400_000;
+const forecast_names = { rx_uw: "receive power", tx_uw: "transmit power", bias_ma: "laser bias",
+                         error_ratio: "error ratio", temperature_c: "temperature" };
+
+/* The interval of 80 %, from the last reading to the limit's line: points with its two edges, and the expected way in
+   the middle. Only of long plots, in which it is more than a sliver. */
+function forecast_rows(answer, { forecast, series }) {
+  const told = is_ranged(answer) && answer.forecasts?.find(({ value }) => forecast?.includes(value));
+  const key = told && (told.value === "tx_uw" ? "tx_power_dbm" : series[0][1]);
+  const level = told && answer[key].findLast((point) => point !== null)?.[1];
+  if (level === undefined || !(told.high > 0))
+    return [];
+  const at = (day, end) => level + (told.limit_value - level) * (end > 0 ? Math.min(1, day / end) : 1);
+  const nothing = series.map(() => [null, null, null]);
+  return [...new Set([0, told.low, told.days_left, told.high])].map((day) => {
+    const edges = [at(day, told.low), at(day, told.high)];
+    return [new Date(told.time * 1000 + day * day_ms), ...nothing,
+            [Math.min(...edges), at(day, told.days_left), Math.max(...edges)]];
+  });
+}
+
+/* With a value of nothing where the plot has a forecast, too. */
+function rows_of(answer, what) {
+  const ahead = forecast_rows(answer, what), rows = to_rows(answer, what.series);
+  return ahead.length ? [...rows.map((row) => [...row, [null, null, null]]), ...ahead] : rows;
+}
+
+function write_forecasts(forecasts) {
+  by_id("forecasts").replaceChildren(...forecasts.map((each) => make("li",
+    `${forecast_names[each.value]}${each.lane === null ? "" : ` of lane ${each.lane}`}: `
+    + `${each.days_left.toFixed(1)} days left (${each.low.toFixed(1)} to ${each.high.toFixed(1)}). ${each.reason}`)));
 }
 
 /* Falls of the link, changes of the module and forecasts, as lines behind the plot. */
@@ -142,15 +183,21 @@ function draw(answer) {
     const figure = make("figure");
     const caption = make("figcaption");
     const readout = make("span", summary_text(answer, what), "dim");
-    caption.append(make("span", `${what.name}, ${what.unit}`), readout);
+    const of_lane = answer.lane && what.name !== "Temperature" && what.name !== "Voltage" ? ` of lane ${answer.lane}` : "";
+    caption.append(make("span", `${what.name}${of_lane}, ${what.unit}`), readout);
     const place = make("div", "", "plot");
     place.setAttribute("role", "img");
-    place.setAttribute("aria-label", `${what.name} of the last ${answer.range}: ${summary_text(answer, what)}`);
-    figure.append(caption, place);
+    const rows = rows_of(answer, what), names = what.series.map(([name]) => name);
+    const has_forecast = rows[0]?.length > names.length + 1, ahead = has_forecast ? ", with the forecast" : "";
+    place.setAttribute("aria-label", `${what.name} of the last ${answer.range}${ahead}: ${summary_text(answer, what)}`);
+    figure.append(caption, ...(rows.length ? [place] : []));
     by_id("plots").append(figure);
-    plots.push(new Dygraph(place, to_rows(answer, what.series), {
-      labels: ["time", ...what.series.map(([name]) => name)], customBars: is_ranged(answer),
-      colors: [colour("--plot-1"), colour("--plot-2")], gridLineColor: colour("--line"),
+    if (!rows.length)
+      continue; /* the caption says that nothing was read */
+    const colours = [colour("--plot-1"), colour("--plot-2")].slice(0, names.length);
+    plots.push(new Dygraph(place, rows, {
+      labels: ["time", ...names, ...(has_forecast ? ["forecast"] : [])], customBars: is_ranged(answer),
+      colors: [...colours, colour("--warn")], gridLineColor: colour("--line"),
       axisLineColor: colour("--line"), strokeWidth: 1.75, drawPoints: is_sparse, pointSize: 2, xRangePad: 4, yRangePad: 8, axes: { y: { axisLabelWidth: 44 } }, interactionModel: {},
       underlayCallback: (canvas, area, graph) => {
         draw_limits(what.name, colour, canvas, area, graph);
@@ -166,8 +213,16 @@ function draw(answer) {
 async function answer_of(path) {
   const response = await fetch(path, { signal: AbortSignal.timeout(5000) });
   if (!response.ok)
-    throw new Error(`${path}: ${response.status}`);
+    throw new Error(await response.text());
   return response.json();
+}
+
+/* Not asked for where there are none: without a history the exporter has no such answer. */
+async function forecasts_of(port) {
+  if (typeof port?.forecast_days !== "number")
+    return [];
+  const answer = await answer_of("api/forecast").catch(() => null);
+  return answer?.forecasts.filter((each) => each.port === port.port) ?? [];
 }
 
 /* Nothing is drawn while the pointer reads a value. */
@@ -177,17 +232,22 @@ export async function load_plots() {
     return;
   const is_kept = /^\d/.test(range);
   const plot_path = is_kept ? `api/history?port=${number}&span=${range}` : `api/plot?port=${number}&range=${range}`;
-  const [answer, port] = await Promise.all([
-    answer_of(plot_path).then((found) => is_kept ? from_history(found) : found).catch(() => null),
+  let trouble = "";
+  const [found, port] = await Promise.all([
+    answer_of(plot_path).catch((error) => void (trouble = error.message)),
     answer_of(`api/ports/${number}`).catch(() => null)]);
-  if (port && shown === number) {
+  const forecasts = await forecasts_of(port);
+  if (shown !== number)
+    return;
+  if (port) {
     limits = limits_of(port.details);
     write_lanes(port.details);
+    write_forecasts(forecasts);
   }
-  if (!answer && is_kept && shown === number)
-    by_id("plots").replaceChildren(make("p", "No history: tesk-exporter --history DIR keeps one.", "dim"));
-  if (answer && shown === number && answer.range === range)
-    draw(answer);
+  if (trouble && is_kept)
+    by_id("plots").replaceChildren(make("p", trouble, "dim"));
+  if (found && (found.range ?? found.span) === range)
+    draw(is_kept ? from_history(found, forecasts) : found);
 }
 
 export async function load_history() {
@@ -235,6 +295,7 @@ export function choose_port(number, is_followed) {
   plots.forEach((plot) => plot.destroy());
   plots = [];
   by_id("plots").replaceChildren();
+  write_forecasts([]);
   by_id("history").replaceChildren();
   if (!is_followed)
     return;

@@ -60,6 +60,15 @@ export function worst_text(worst) {
   return worst.text === "ok" ? "ok" : `${worst.text}: ${worst.names.join(", ")}`;
 }
 
+/* Null without a forecast. */
+export function forecast_badge(port) {
+  const days = port.forecast_days;
+  if (days === null || days === undefined)
+    return null;
+  const text = days < 1 ? "less than a day left" : days < 1.5 ? "1 day left" : `${days.toFixed(0)} days left`;
+  return { text, tone: "warn", sign: "◷" };
+}
+
 export function link_badge(port) {
   switch (port.status?.link) {
   case "operational":
@@ -76,13 +85,13 @@ export function is_unexpectedly_down(port) {
 }
 
 /* Smaller is worse: alarms, modules that aren't ready and ports that are down though a module is
-   there, warnings, the others, empty ones. */
+   there, warnings and forecasts, the others, empty ones. */
 export function rank(port) {
   const worst = worst_grade(port);
   const by_grade = worst ? grades[worst.text].rank : 5;
   const is_bad = is_unexpectedly_down(port) || module_state(port) === "not ready";
   const by_link = is_bad ? 1 : has_module(port) ? 4 : 6;
-  return Math.min(by_grade, by_link);
+  return Math.min(by_grade, by_link, forecast_badge(port) ? grades["low warning"].rank : by_link);
 }
 
 export function module_text(port) {
@@ -105,7 +114,8 @@ export function searched_text(port) {
   const sfp = port.sfp ?? {};
   const worst = worst_grade(port);
   return ["port " + port.port, port.interface, link_badge(port).text, module_text(port), sfp.module,
-          sfp.serial, sfp.product, sfp.date_code, worst ? worst_text(worst) : ""]
+          sfp.serial, sfp.product, sfp.date_code, worst ? worst_text(worst) : "",
+          forecast_badge(port)?.text]
     .filter(Boolean).join(" ").toLowerCase();
 }
 

@@ -2,7 +2,7 @@
 /* The table of all ports. A row always belongs to the same port: only what changed is written, and
    a row that keeps its place isn't touched, so that focus and selection stay. */
 import { by_id, make, set_badge, set_text } from "./document.js";
-import { age_text, grade_badge, is_unexpectedly_down, link_badge, measurements, module_state,
+import { age_text, forecast_badge, grade_badge, is_unexpectedly_down, link_badge, measurements, module_state,
          module_text, rank, searched_text, time_text, value_text, worst_grade, worst_text } from "./ports.js";
 
 const body = by_id("ports").tBodies[0];
@@ -19,14 +19,14 @@ function make_row(port) {
   link.append(make("span", port.interface ?? ""));
   head.append(link);
   const made = {
-    row, name: link.lastChild, link: make("span"), grade: make("span"), age: make("span", "", "dim"),
+    row, name: link.lastChild, link: make("span"), grade: make("span"), age: make("span", "", "dim"), forecast: make("span"),
     module: make("td", "", "module"), receive: make("td", "", "number kept"),
     temperature: make("td", "", "number"), change: make("td", "", "dim"),
   };
   const link_cell = make("td");
   link_cell.append(made.link);
   const grade_cell = make("td");
-  grade_cell.append(made.grade, " ", made.age);
+  grade_cell.append(made.grade, " ", made.age, " ", made.forecast);
   row.append(head, link_cell, grade_cell, made.module, made.receive, made.temperature, made.change);
   row.setAttribute("role", "row");
   for (const cell of row.children)
@@ -47,6 +47,10 @@ function write_row(made, port, age_of) {
   if (worst)
     set_badge(made.grade, { ...grade_badge(worst.text), text: worst_text(worst) });
   set_text(made.age, worst ? age_text(age_of(port.grade_age_s)) : "–");
+  const forecast = forecast_badge(port);
+  made.forecast.hidden = !forecast;
+  if (forecast)
+    set_badge(made.forecast, forecast);
   set_text(made.module, module_text(port));
   set_text(made.receive, value_text(port, receive));
   set_text(made.temperature, value_text(port, temperature));

@@ -26,6 +26,15 @@ alarm::alarm(quantity value, int lane, const std::optional<limits> &own)
 {
 }
 
+void alarm::set_limits(const std::optional<limits> &own)
+{
+    const double found = own_limit(value_, own);
+    if (found == own_limit_ || (std::isnan(found) && std::isnan(own_limit_)))
+        return;
+    own_limit_ = found;
+    limit_ = none;
+}
+
 void alarm::forget()
 {
     limit_ = none;

@@ -18,6 +18,7 @@ class alarm
   public:
     alarm(quantity value, int lane, const std::optional<limits> &own);
 
+    void set_limits(const std::optional<limits> &own);
     /* After the block `last` was ended. `time` is written into the reports. */
     void evaluate(series &of, const block_ring &temperatures, int64_t last, int64_t time,
                   std::vector<report> &reports);

@@ -85,6 +85,7 @@ class port
     port(port &&) noexcept;
     ~port();
 
+    /* Also while readings are kept already: the next look at them uses these. */
     void set_limits(quantity value, const limits &own);
     /* Appends to `reports` what the reading changed. Readings nearer than four minutes to the one
        before are left out. */

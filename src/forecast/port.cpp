@@ -33,6 +33,9 @@ class port_state
     void set_limits(quantity value, const limits &own)
     {
         limits_[static_cast<size_t>(value)] = own;
+        for (auto &each : tracked_)
+            if (each && each->values.value() == value)
+                each->notices.set_limits(own);
     }
 
     void feed(const reading &next, std::vector<report> &reports)

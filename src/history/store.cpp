@@ -267,6 +267,7 @@ void store::prune(int64_t present)
                     "DESC LIMIT -1 OFFSET ?)")
         .bind(1, static_cast<int64_t>(most_places))
         .run();
+    file.run("DELETE FROM announcements WHERE place NOT IN (SELECT id FROM places)");
 }
 
 /* Before `added` comes in, since a transaction that finds the file full takes its deletions back,

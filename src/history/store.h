@@ -53,11 +53,12 @@ struct event {
     std::string kind, text;
 };
 
-/* A forecast that was announced, so that a restart doesn't announce it again. */
+/* What the forecast has to know after a restart: what it announced, and the limits of a module. It
+   stays as long as its place. */
 struct announcement {
     int64_t place;
-    std::string key;  /* lane and value */
-    std::string text; /* as JSON; empty: it was withdrawn */
+    std::string key;  /* lane and value, or "limits" */
+    std::string text; /* empty: it was withdrawn */
 };
 
 enum level : size_t { STEPS, HOURS, DAYS };

@@ -8,6 +8,7 @@
 #include "tools/common/json_records.h"
 #include "util/boot_clock.h"
 
+#include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -37,8 +38,17 @@ static json_object text_or_null(const std::string &text)
     return text.empty() ? json_object(nullptr) : json_object(text);
 }
 
+static json_object days_or_null(std::span<const forecast_sample> forecasts, uint32_t port)
+{
+    const auto soonest = std::ranges::find(forecasts, port, &forecast_sample::port);
+    if (soonest == forecasts.end())
+        return nullptr;
+    return std::round(soonest->days_left * 10) / 10;
+}
+
 /* Old values are shown with their age while the server is away, as the page says so. */
-static json_object port_to_json(const model &board, const port_state &port, steady_time now)
+static json_object port_to_json(const model &board, const port_state &port,
+                                std::span<const forecast_sample> forecasts, steady_time now)
 {
     const bool has_values = port.reading && (!board.is_up() || board.values_of(port, now));
     return {{"port", port.number},
@@ -50,7 +60,8 @@ static json_object port_to_json(const model &board, const port_state &port, stea
             {"reading_age_s", age_or_null(port.reading.has_value(), port.read_at, now)},
             {"grade_age_s", age_or_null(port.status.has_value(), port.graded_at, now)},
             {"link_changes", port.link_changes},
-            {"last_change", time_or_null(port.changed_us)}};
+            {"last_change", time_or_null(port.changed_us)},
+            {"forecast_days", days_or_null(forecasts, port.number)}};
 }
 
 /* An object whose last key is a list that is still open. */
@@ -62,7 +73,8 @@ static std::string open_list(const json_object &head, const char *key)
 }
 
 std::string ports_json(const model &board, const event_ring &events,
-                       std::chrono::milliseconds interval, const moment &now)
+                       std::chrono::milliseconds interval,
+                       std::span<const forecast_sample> forecasts, const moment &now)
 {
     std::string text = open_list({{"time", iso_time(now.wall_us)},
                                   {"id", events.id(events.next() - 1)},
@@ -74,7 +86,7 @@ std::string ports_json(const model &board, const event_ring &events,
                                  "ports");
     const char *separator = "";
     for (const auto &[number, port] : board.ports()) {
-        text.append(separator).append(port_to_json(board, port, now.steady).dump());
+        text.append(separator).append(port_to_json(board, port, forecasts, now.steady).dump());
         separator = ",";
     }
     return text + "]}\n";
@@ -82,9 +94,9 @@ std::string ports_json(const model &board, const event_ring &events,
 
 std::string port_json(const model &board, const port_state &port,
                       const dolm_ric_details_record *details, tesk_details_result result,
-                      const moment &now)
+                      std::span<const forecast_sample> forecasts, const moment &now)
 {
-    json_object object = port_to_json(board, port, now.steady);
+    json_object object = port_to_json(board, port, forecasts, now.steady);
     const int64_t since_boot = util::boot_time().time_since_epoch().count();
     object["details"] = details != nullptr ? to_json(*details, since_boot) : json_object(nullptr);
     object["details_trouble"] =

@@ -20,7 +20,8 @@
          "reading_age_s": 3.2,       age of the last values; null without any
          "grade_age_s": 120.5,       age of the levels in status; null without it
          "link_changes": 4,          seen since the exporter runs
-         "last_change": "2026-.."}   null where nothing has changed since
+         "last_change": "2026-..",   null where nothing has changed since
+         "forecast_days": 9.5}       until the first limit is met; null without a forecast
       ]}
 
    GET /api/ports/3
@@ -59,20 +60,23 @@
 
 #include "tesk_client/tesk_details.h"
 #include "tesk_exporter/model.h"
+#include "tesk_exporter/outlooks.h"
 
 #include <optional>
+#include <span>
 #include <string>
 
 namespace exporter
 {
 
-/* The bodies of /api/ports, /api/plot and /api/events. */
+/* The bodies of /api/ports, /api/plot and /api/events. `forecasts` are ordered, soonest first. */
 std::string ports_json(const model &board, const event_ring &events,
-                       std::chrono::milliseconds interval, const moment &now);
+                       std::chrono::milliseconds interval,
+                       std::span<const forecast_sample> forecasts, const moment &now);
 /* The body of /api/ports/N. `details` is null where there are none, for the reason in `result`. */
 std::string port_json(const model &board, const port_state &port,
                       const dolm_ric_details_record *details, tesk_details_result result,
-                      const moment &now);
+                      std::span<const forecast_sample> forecasts, const moment &now);
 std::string plot_json(const port_state &port, bool is_day, const moment &now);
 std::string events_json(const event_ring &events, uint32_t port_no);
 

@@ -229,8 +229,9 @@ std::vector<history_answer> history_keeper::take_answers()
 
 void history_keeper::take(const reading &given, const history::clocks &when)
 {
-    outlooks_.know_limits(given.from.port, given.limits);
     chronicle_.take(given.from, given.measured, when);
+    if (given.limits)
+        outlooks_.know_limits(chronicle_, given.from.port, *given.limits);
 }
 
 void history_keeper::take(const noted &given, const history::clocks &when)

@@ -71,7 +71,7 @@ class history_keeper
     struct reading {
         history::occupant from;
         history::record measured;
-        outlooks::module_limits limits;
+        std::optional<outlooks::module_limits> limits; /* where there are details */
     };
     struct noted {
         int64_t port;

@@ -365,7 +365,7 @@ MHD_Result http_server::send_metrics(const http_request &request)
 MHD_Result http_server::send_ports(const http_request &request)
 {
     return send_shared(request, bodies_[2], "application/json", [&] {
-        return ports_json(model_, events_, settings_.interval, request.now);
+        return ports_json(model_, events_, settings_.interval, figures_.forecasts, request.now);
     });
 }
 
@@ -588,8 +588,8 @@ MHD_Result http_server::send_port(const http_request &request, uint32_t port_no)
     if (known == model_.ports().end())
         return send_text(request, MHD_HTTP_NOT_FOUND, port_fault(MHD_HTTP_NOT_FOUND));
     const auto record = details_.read(port_no);
-    return send_json(
-        request, port_json(model_, known->second, record.get(), details_.result(), request.now));
+    return send_json(request, port_json(model_, known->second, record.get(), details_.result(),
+                                        figures_.forecasts, request.now));
 }
 
 MHD_Result http_server::answer(const http_request &request, const char *method,

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 namespace exporter
 {
@@ -71,6 +72,42 @@ static std::optional<std::pair<int, forecast::quantity>> lane_and_quantity(std::
     return std::pair{lane, static_cast<forecast::quantity>(what)};
 }
 
+/* Four numbers for each quantity. */
+static std::string limits_text(const outlooks::module_limits &own)
+{
+    std::string text;
+    for (const forecast::limits &each : own)
+        text += fmt::format("{} {} {} {} ", each.low_alarm, each.low_warning, each.high_warning,
+                            each.high_alarm);
+    return text;
+}
+
+/* A number that is missing ends the limits. */
+static outlooks::module_limits limits_in(const std::string &text)
+{
+    outlooks::module_limits own{};
+    std::istringstream from(text);
+    for (forecast::limits &each : own)
+        if (forecast::limits read;
+            from >> read.low_alarm >> read.low_warning >> read.high_warning >> read.high_alarm)
+            each = read;
+    return own;
+}
+
+static constexpr char limits_key[] = "limits"; /* beside the keys of forecasts */
+
+void outlooks::know_limits(history::chronicle &kept, uint32_t port, const module_limits &own)
+{
+    const int64_t id = kept.occupant_of(port).value_or(0);
+    const std::string text = limits_text(own);
+    const auto found = limits_.find(id);
+    if (id == 0 || (found != limits_.end() && limits_text(found->second) == text))
+        return;
+    std::erase_if(limits_, [&](const auto &each) { return !kept.places().contains(each.first); });
+    limits_[id] = own;
+    kept.announce({id, limits_key, text});
+}
+
 void outlooks::feed(const history::place &of, int64_t time, const history::record &read)
 {
     const auto lanes = lanes_of(read.middle);
@@ -91,7 +128,7 @@ void outlooks::feed(const history::place &of, int64_t time, const history::recor
                     .first;
     }
     found->second.fed = time;
-    const auto own = limits_.find(of.port);
+    const auto own = limits_.find(of.id);
     for (int i = 0; own != limits_.end() && i < forecast::quantities; i++)
         found->second.port.set_limits(static_cast<forecast::quantity>(i),
                                       own->second[static_cast<size_t>(i)]);
@@ -128,6 +165,11 @@ void outlooks::restore(history::chronicle &kept)
     active_.clear();
     announced_.clear();
     reasons_.clear();
+    limits_.clear();
+    const auto known = kept.announcements();
+    for (const history::announcement &each : known)
+        if (each.key == limits_key)
+            limits_[each.place] = limits_in(each.text);
     const auto length = [](history::level of) {
         return history::level_length[of] * history::level_seconds[of];
     };
@@ -146,7 +188,7 @@ void outlooks::restore(history::chronicle &kept)
                   take(history::HOURS));
     kept.read_all(history::STEPS, first_step / hour * hour / step, end / step,
                   take(history::STEPS));
-    for (const history::announcement &each : kept.announcements()) {
+    for (const history::announcement &each : known) {
         const auto kept_as = lane_and_quantity(each.key);
         if (!kept_as)
             continue;

@@ -45,13 +45,11 @@ class outlooks
 
     /* By forecast::quantity; all zero: the module has none. */
     using module_limits = std::array<forecast::limits, forecast::quantities>;
-    /* Those of the module that is in a port now, for its steps from now on. */
-    void know_limits(uint32_t port, const module_limits &own)
-    {
-        limits_[port] = own;
-    }
+    /* Those of the module that is in a port now. The history keeps them, since a restart looks at
+       the weeks before any module is read. */
+    void know_limits(history::chronicle &kept, uint32_t port, const module_limits &own);
 
-    /* Forgets all but limits, and takes in what the history has. */
+    /* Forgets all, and takes in what the history has. */
     void restore(history::chronicle &kept);
     /* A step has ended. */
     void feed(const history::place &of, int64_t time, const history::record &read);
@@ -74,8 +72,8 @@ class outlooks
     std::vector<forecast::report> now_of(const history::chronicle &kept, int64_t boot,
                                          std::vector<history::place> &places) const;
 
-    std::map<int64_t, followed> ports_; /* by place */
-    std::map<uint32_t, module_limits> limits_;
+    std::map<int64_t, followed> ports_;       /* by place */
+    std::map<int64_t, module_limits> limits_; /* likewise */
     std::map<key, forecast::report> active_, announced_;
     std::map<key, std::string> reasons_; /* of the last withdrawals */
 };
