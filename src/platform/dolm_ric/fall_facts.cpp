@@ -225,19 +225,20 @@ void tell_before(const module_sample &before, causes::facts &seen)
 
 /* Whether a module is there is told by the first look alone; a module that is there later, in the
    place of one that was gone, has a serial number, and its light says nothing of the fall. */
-void tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen)
+bool tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen)
 {
     const bool is_first = !seen.present_after;
     if (is_first)
         seen.present_after = is_there(after.presence);
-    if (!seen.serial_after && serial_of(after)) {
+    const bool has_serial = !seen.serial_after && serial_of(after);
+    if (has_serial) {
         seen.serial_after = after.serial;
         seen.serial_after_s = hundredths(age);
     }
     const bool is_the_same = seen.present_after.value_or(false) &&
                              seen.serial_before.value_or("") == seen.serial_after.value_or("");
     if (!is_first || !is_the_same || !is_down)
-        return;
+        return has_serial || (is_first && seen.present_after);
     seen.state_after = state_text(after.module_state);
     seen.rx_after = values_of(after, DOLM_RIC_RX_POWER);
     seen.tx_after = values_of(after, DOLM_RIC_TX_POWER);
@@ -247,14 +248,16 @@ void tell_after(const module_sample &after, double age, bool is_down, causes::fa
     seen.tx_los_after = signals_of(after, DOLM_RIC_TX_LOS);
     seen.tx_fault_after = signals_of(after, DOLM_RIC_TX_FAULT);
     seen.tx_off_after = signals_of(after, DOLM_RIC_TX_OFF);
+    return true;
 }
 
-void tell_again(const module_sample &again, causes::facts &seen)
+bool tell_again(const module_sample &again, causes::facts &seen)
 {
     if (serial_of(again) != seen.serial_before)
-        return;
+        return false;
     seen.rx_again = values_of(again, DOLM_RIC_RX_POWER);
     seen.errors_again = again.errors;
+    return seen.rx_again || seen.errors_again;
 }
 
 static causes::text fec_text(uint32_t fec)

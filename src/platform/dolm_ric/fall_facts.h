@@ -74,11 +74,11 @@ class light_trail
 };
 
 /* The last look before the fall, and the first one after it at `age` seconds; its values count only
-   if the link was still down. */
+   if the link was still down. Whether that one has told anything new. */
 void tell_before(const module_sample &before, causes::facts &seen);
-void tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen);
-/* The first one while the link was up again. */
-void tell_again(const module_sample &again, causes::facts &seen);
+bool tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen);
+/* The first one while the link was up again. The same. */
+bool tell_again(const module_sample &again, causes::facts &seen);
 
 /* The link as it was before the fall, and as it came back. */
 void tell_link_before(const dolm_ric_details_link &before, causes::facts &seen);

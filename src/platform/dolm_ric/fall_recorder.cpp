@@ -67,10 +67,14 @@ fall_recorder::~fall_recorder()
 
 fall_recorder::port_watch *fall_recorder::find_or_make(uint32_t port)
 {
-    const auto found = ports_.find(port);
-    if (found != ports_.end())
-        return &found->second;
-    return ports_.size() < most_ports ? &ports_[port] : nullptr;
+    try {
+        const auto found = ports_.find(port);
+        if (found != ports_.end())
+            return &found->second;
+        return ports_.size() < most_ports ? &ports_[port] : nullptr;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
 }
 
 void fall_recorder::hear(uint32_t port, const link_news &news)
@@ -107,6 +111,7 @@ void fall_recorder::see(const dolm_ric_details_record &record)
         see_module(*its, record, now);
         if (its->open == nullptr)
             return;
+        its->open->seen.port = record.port;
         busy_.insert(record.port);
         if (its->open->due < next_)
             changed_.notify_one();
@@ -255,9 +260,11 @@ void fall_recorder::take_look(fall &open, module_sample found)
     if (open.lanes != 0 && found.lane_count != open.lanes)
         found.lane_count = 0;
     open.lanes = std::max(open.lanes, found.lane_count);
-    tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
-    if (open.up_at != 0 && found.at >= open.up_at && !open.seen.rx_again)
-        tell_again(found, open.seen);
+    bool is_news = tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
+    if (open.up_at != 0 && found.at >= open.up_at && !open.seen.rx_again && !open.seen.errors_again)
+        is_news |= tell_again(found, open.seen);
+    if (!is_news)
+        return;
     open.is_changed = true;
     if (open.looks == std::size(looks_at))
         open.due = std::min(open.due, found.at + retry_after);
@@ -324,7 +331,6 @@ static bool is_set_down_alone(const causes::facts &seen, const dolm_ric_details_
 void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
 {
     causes::facts &seen = open.seen;
-    seen.port = port;
     if (!seen.present_before.value_or(true) && its.last.presence == DOLM_RIC_PRESENCE_EMPTY)
         seen.present_after = false;
     tell_neighbours(port, its, open);
@@ -421,23 +427,35 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
         ports_.at(port).open.reset();
 }
 
-/* What is due for one port. Returns when there is more to do. */
-int64_t fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
+/* What is due for one port. */
+void fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
 {
     if (!write_closed(port, guard))
-        return now + retry_after;
+        return;
     while (const fall *open = ports_.at(port).open.get()) {
         if (open->due > now)
-            return open->due;
+            return;
         if (open->looks < std::size(looks_at))
             look(port, guard);
         else
             settle(port, now, guard);
     }
-    if (!ports_.at(port).closed.empty())
-        return now;
-    busy_.erase(port);
-    return INT64_MAX;
+    if (ports_.at(port).closed.empty())
+        busy_.erase(port);
+}
+
+/* With those that fell while others were worked on. */
+int64_t fall_recorder::next_due(int64_t now) const
+{
+    int64_t next = INT64_MAX;
+    for (const uint32_t port : busy_) {
+        const port_watch &its = ports_.at(port);
+        if (!its.closed.empty())
+            next = std::min(next, now + (has_failed_ ? retry_after : 0));
+        if (its.open != nullptr)
+            next = std::min(next, its.open->due);
+    }
+    return next;
 }
 
 int64_t fall_recorder::work()
@@ -445,11 +463,9 @@ int64_t fall_recorder::work()
     std::unique_lock guard(lock_);
     const int64_t now = now_();
     const std::vector<uint32_t> ports(busy_.begin(), busy_.end());
-    next_ = INT64_MAX;
-    for (const uint32_t port : ports) {
-        const int64_t next = work_on(port, now, guard);
-        next_ = std::min(next_, next);
-    }
+    for (const uint32_t port : ports)
+        work_on(port, now, guard);
+    next_ = next_due(now);
     return next_;
 }
 
@@ -470,7 +486,8 @@ void fall_recorder::run()
         std::unique_lock guard(lock_);
         if (is_stopping_)
             return;
-        const int64_t wait = std::clamp<int64_t>(std::min(next, next_) - now_(), 0, minute);
+        next_ = std::min(next, next_due(now_()));
+        const int64_t wait = std::clamp<int64_t>(next_ - now_(), 0, minute);
         changed_.wait_for(guard, std::chrono::nanoseconds{wait});
         if (is_stopping_)
             return;

@@ -122,7 +122,8 @@ class fall_recorder
     bool write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
     bool write_closed(uint32_t port, std::unique_lock<std::mutex> &guard);
     void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
-    int64_t work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
+    void work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
+    int64_t next_due(int64_t now) const;
     int64_t work_or_retry();
     void start_thread();
     void run();
@@ -138,8 +139,8 @@ class fall_recorder
     std::set<uint32_t> busy_; /* ports with an open or closed record */
     int64_t next_ = INT64_MAX;
     bool is_on_ = false, is_stopping_ = false;
+    bool has_failed_ = false; /* the last writing */
 
-    bool has_failed_ = false; /* the thread's */
     std::thread thread_;
 };
 
