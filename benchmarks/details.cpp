@@ -3,15 +3,20 @@
 
      details FOLDER ROUNDS
 
-   prints one list for each round, in nanoseconds: an update of one record as the board's threads
-   see it; the same until a reader finds it; the same as a JSON file that takes the place of the
-   one before; reading all records; parsing all such JSON files. The last two are of 512 ports. */
+   prints one list for each round, in nanoseconds: an update of one record with a new reading, as
+   the board's threads see it; the same until a reader finds it; the same as a JSON file that takes
+   the place of the one before; reading all records; parsing all such JSON files, both of 512 ports;
+   and the processor's time for the records of 64 links that fall at once, without the kernel's
+   answers.
+ */
 #include "benchmarks/harness.h"
+#include "platform/dolm_ric/fall_recorder.h"
 #include "platform/dolm_ric/port_details.h"
 #include "tesk_client/tesk_details.h"
 #include "tools/common/details_json.h"
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -26,11 +31,13 @@ static void change(dolm_ric_details_record &record, double value)
 {
     record.presence = DOLM_RIC_PRESENCE_READY;
     record.lane_count = lanes;
+    record.own_lanes = (1U << lanes) - 1;
+    const int64_t now = now_ns();
     for (uint32_t lane = 0; lane < lanes; lane++)
         for (dolm_ric_details_value &its : record.lane[lane].value)
             its = {.state = DOLM_RIC_VALUE_VALID,
                    .grade = 1,
-                   .read_at = 1,
+                   .read_at = now,
                    .value = value,
                    .flag = {}};
 }
@@ -71,12 +78,51 @@ static void parse_all(const std::string &folder)
     }
 }
 
+/* Of all threads. */
+static int64_t processor_ns()
+{
+    timespec used = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return used.tv_sec * 1'000'000'000 + used.tv_nsec;
+}
+
+/* All three looks at each of the falls, and its file. */
+static int64_t time_of_burst(const std::string &folder)
+{
+    constexpr uint32_t falling = 64;
+    int64_t now = now_ns();
+    board::fall_recorder recorder({.oldest_look = INT64_MAX, .youngest_look = 0},
+                                  [&now] { return now; });
+    recorder.start(folder, {}, false);
+    auto record = std::make_unique<dolm_ric_details_record>();
+    change(*record, 0.5);
+    record->link.state = DOLM_RIC_VALUE_VALID;
+    const auto show = [&](uint32_t state) {
+        for (record->port = 0; record->port < falling; record->port++) {
+            record->link.oper = state;
+            record->link.changed_at = now;
+            recorder.see(*record);
+        }
+    };
+    show(DOLM_RIC_SWITCH_UP);
+    const int64_t begin = processor_ns();
+    show(DOLM_RIC_SWITCH_DOWN);
+    for (const int64_t later : {0, 200'000'000, 2'000'000'000}) {
+        now += later;
+        recorder.work();
+    }
+    return processor_ns() - begin;
+}
+
 static int run(std::span<char *> words)
 {
     if (words.size() != 3)
         fail("details FOLDER ROUNDS");
     const std::string folder = words[1];
+    board::fall_recorder falls({.oldest_look = INT64_MAX, .youngest_look = 0});
     board::port_details published;
+    published.watch([&](const dolm_ric_details_record &changed) { falls.see(changed); });
+    falls.start(folder + "/falls", {});
     published.start(folder + "/details");
     auto record = std::make_unique<dolm_ric_details_record>();
     change(*record, 0.5);
@@ -94,10 +140,11 @@ static int run(std::span<char *> words)
     for (int round = std::stoi(words[2]); round > 0; round--) {
         const int64_t told = time_of(updates, update);
         published.flush();
-        print_list({{told, time_of(updates, [&](int i) { update(i), published.flush(); }),
-                     time_of(updates / 10, [&](int) { write_json(folder + "/0", *record); }),
-                     time_of(5, [&](int) { read_all(details, *record); }),
-                     time_of(1, [&](int) { parse_all(folder); })}});
+        print_list(
+            {{told, time_of(updates, [&](int i) { update(i), published.flush(); }),
+              time_of(updates / 10, [&](int) { write_json(folder + "/0", *record); }),
+              time_of(5, [&](int) { read_all(details, *record); }),
+              time_of(1, [&](int) { parse_all(folder); }), time_of_burst(folder + "/burst")}});
     }
     tesk_details_close(details);
     return 0;

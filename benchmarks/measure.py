@@ -257,7 +257,7 @@ class Bench:
         program = self.launcher.run(
             [BIN / "bench_details", self.launcher.new_folder(), str(self.rounds)], SERVER_CORE)
         for _ in range(self.rounds):
-            told, published, file, read, parsed = program.answer()
+            told, published, file, read, parsed, burst = program.answer()
             for key, title, system, taken in (
                     ("update", "an update, for the thread that makes it", "details", told),
                     ("update", "", "JSON", file),
@@ -265,6 +265,7 @@ class Bench:
                     ("publish", "", "JSON", file),
                     ("read", "reading all", "details", read), ("read", "", "JSON", parsed)):
                 self.add(f"details {key}", title, "µs", system, taken / 1000)
+            self.add("falls burst", "recording 64 falls at once", "ms", "details", burst / 1e6)
         self.launcher.end(program)
 
     def idle_cost(self):

@@ -122,6 +122,7 @@ def details_goals(series):
         return
     for key, limit in (("details update", 2), ("details read", 3000)):
         yield at_most(series[key].title, series[key].value("details"), limit, "µs")
+    yield at_most(series["falls burst"].title, series["falls burst"].value("details"), 20, "ms")
 
 
 def linux_goals(series):

@@ -137,8 +137,11 @@ static causes::by_lane signals_of(const module_sample &from, uint32_t kind)
 
 causes::number weakest_light(const module_sample &from)
 {
-    const causes::by_lane light = values_of(from, DOLM_RIC_RX_POWER);
-    return light ? causes::number(*std::ranges::min_element(*light)) : std::nullopt;
+    if (from.lane_count == 0)
+        return std::nullopt;
+    const auto light = [](const module_sample::lane &its) { return its.value[DOLM_RIC_RX_POWER]; };
+    const float least = light(std::ranges::min(from.lanes(), {}, light));
+    return least < 0 ? std::nullopt : causes::number(dbm_of(least));
 }
 
 void light_trail::add(int64_t at, double dbm)
