@@ -13,7 +13,7 @@ namespace linux_board
 {
 
 /* The kernel answers at once or holds its lock. */
-static constexpr std::chrono::seconds kernel_patience{1};
+static constexpr std::chrono::seconds answer_patience{1};
 
 /* By the kernel's number, in the words of ethtool. */
 static constexpr const char *extended_states[] = {"Autoneg",
@@ -57,7 +57,7 @@ void fall_looks::ask_state(int32_t index, causes::facts &seen)
         return;
     netlink::request question = netlink::ethtool_request(family_, ETHTOOL_MSG_LINKSTATE_GET,
                                                          ETHTOOL_A_LINKSTATE_HEADER, index);
-    ethtool_->ask(question, kernel_patience, [&](const netlink::message &answer) {
+    ethtool_->ask(question, answer_patience, [&](const netlink::message &answer) {
         take_link_state(netlink::generic_attributes(answer), seen);
     });
 }

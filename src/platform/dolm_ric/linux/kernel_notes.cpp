@@ -33,8 +33,8 @@ static bool is_first_user_namespace()
 }
 
 /* Leaves `made` empty where the kernel has no such group. */
-static void open(int protocol, uint32_t (*group)(netlink::connection &),
-                 std::optional<netlink::connection> &made)
+static void join_group(int protocol, uint32_t (*group)(netlink::connection &),
+                       std::optional<netlink::connection> &made)
 {
     made.reset();
     try {
@@ -49,14 +49,14 @@ static void open(int protocol, uint32_t (*group)(netlink::connection &),
 
 void kernel_notes::start()
 {
-    open(
+    join_group(
         NETLINK_GENERIC,
         [](netlink::connection &its) {
             return netlink::find_group(its, ETHTOOL_GENL_NAME, ETHTOOL_MCGRP_MONITOR_NAME);
         },
         settings_);
     if (is_first_user_namespace())
-        open(
+        join_group(
             NETLINK_KOBJECT_UEVENT, [](netlink::connection &) { return uevent_group; }, uevents_);
     if (settings_ || uevents_)
         thread_.start("dolm-ric-notes", [this] { run(); });
