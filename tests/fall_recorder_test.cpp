@@ -202,6 +202,23 @@ static const struct {
          at.leave(0, departure::removed);
      },
      "set down, likely"},
+    {"it is moved just after it fell",
+     [](auto &at) {
+         at.drop(0);
+         at.now += 100 * ms;
+         at.read(0, 0.5);
+         at.leave(0, departure::moved);
+     },
+     "not known, possible"},
+    {"it is removed slowly",
+     [](auto &at) {
+         at.set_link(0, false, false);
+         at.now += second;
+         at.read(0, 0.5);
+         at.finish();
+         at.leave(0, departure::removed);
+     },
+     "set down, likely"},
     {"its driver may have gone", [](auto &at) { at.leave(0, departure::removed); },
      "interface gone, likely"},
     {"it isn't there any more when all are read", [](auto &at) { at.leave(0, departure::unknown); },

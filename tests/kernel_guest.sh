@@ -249,7 +249,7 @@ falls_are_explained() {
     unshare -n sleep 4 &
     usleep 100000
     ip link set cage4 netns $!
-    explains 0 "set down, certain"
+    explains 0 "set down, likely"
     explains 1 "light lost, likely"
     explains 2 "negotiation failed, likely"
     explains 5 "interface moved, likely" 4
@@ -278,7 +278,7 @@ falls_are_explained() {
     usleep 1500000
     set_cage 0 present 1
     set_cage 1 ext_state 2 && set_cage 1 carrier 0
-    explains 0 "module replaced, certain"
+    explains 0 "module replaced, likely"
     explains 1 "no lock, likely"
     set_cage 1 ext_state 255
 }

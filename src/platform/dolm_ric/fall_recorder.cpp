@@ -84,6 +84,13 @@ void fall_recorder::hear(uint32_t port, const link_news &news)
         its->news = news;
 }
 
+static void forget_departure(causes::facts &seen)
+{
+    seen.interface_removed.reset();
+    seen.interface_moved.reset();
+    seen.driver_unbound.reset();
+}
+
 void fall_recorder::hear(uint32_t port, departure how)
 {
     const std::lock_guard guard(lock_);
@@ -91,8 +98,15 @@ void fall_recorder::hear(uint32_t port, departure how)
     if (its == nullptr)
         return;
     its->left = how;
-    if (its->open == nullptr || its->open->looks == std::size(looks_at))
+    if (its->open == nullptr)
         return;
+    if (its->open->looks == std::size(looks_at)) {
+        /* A slow removal, which had set the interface down before. */
+        forget_departure(its->open->seen);
+        its->open->is_changed = true;
+        its->open->due = now_();
+        return changed_.notify_one();
+    }
     const bool is_same_deed = now_() - its->open->last_at <= same_deed;
     its->open->left = is_same_deed ? how : departure::unknown;
 }
@@ -303,14 +317,13 @@ void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &
     open.seen.machine_others_stayed = stayed[0];
 }
 
-/* An interface that is still there was not removed, and has its driver. One without a device can't
-   lose it, nor be reset with it. */
-static void tell_departure(departure left, bool is_virtual, causes::facts &seen)
+/* An interface that is still there was not removed, and has its driver. One that left after a fall
+   by which it was not set down left for another reason, or as the answer to it. */
+static void tell_departure(departure left, causes::facts &seen)
 {
-    if (is_virtual)
-        seen.driver_unbound = seen.device_reset = false;
-    if (left == departure::unknown)
-        return;
+    const bool was_set_down = seen.set_down.value_or(left == departure::removed);
+    if (left == departure::unknown || (left != departure::none && !was_set_down))
+        return forget_departure(seen);
     seen.interface_removed = left == departure::removed;
     seen.interface_moved = left == departure::moved;
     if (left != departure::removed)
@@ -319,12 +332,13 @@ static void tell_departure(departure left, bool is_virtual, causes::facts &seen)
         seen.device_reset = false;
 }
 
-/* A driver that sets its interface down to reset the device sets it up again at once, and takes the
-   device's other ports along. */
+/* A driver that sets its interface down to reset the device takes the device's other ports along:
+   one that stayed up shows that there was no reset. */
 static bool is_set_down_alone(const causes::facts &seen, const dolm_ric_details_link &now)
 {
     return seen.set_down.value_or(false) && now.state == DOLM_RIC_VALUE_VALID &&
-           now.admin == DOLM_RIC_SWITCH_DOWN && seen.device_others_fell.value_or(1) == 0;
+           now.admin == DOLM_RIC_SWITCH_DOWN && seen.device_others_fell.value_or(1) == 0 &&
+           seen.device_others_stayed.value_or(0) >= 1;
 }
 
 /* What the last look decides. A cage that was empty at each look since is empty. */
@@ -335,11 +349,15 @@ void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
         seen.present_after = false;
     tell_neighbours(port, its, open);
     if (open.is_told)
-        tell_departure(open.left, its.news.device.empty(), seen);
+        tell_departure(open.left, seen);
     if (is_set_down_alone(seen, its.link))
         seen.device_reset = false;
-    if (!open.is_exact)
-        seen.device_reset.reset(); /* so that nothing is certain */
+    if (open.is_exact)
+        return;
+    /* Without these nothing is certain. */
+    seen.device_reset.reset();
+    if (!open.is_told || seen.driver_unbound.value_or(false))
+        forget_departure(seen);
 }
 
 /* The bound that the time service gives, where one keeps the clock. */
@@ -452,7 +470,7 @@ int64_t fall_recorder::next_due(int64_t now) const
         const port_watch &its = ports_.at(port);
         if (!its.closed.empty())
             next = std::min(next, now + (has_failed_ ? retry_after : 0));
-        if (its.open != nullptr)
+        else if (its.open != nullptr)
             next = std::min(next, its.open->due);
     }
     return next;
