@@ -302,6 +302,7 @@ TEST(kernel_notes_test, a_note_counts_for_its_interface_and_time)
     notes.take_setting(changed(ETHTOOL_MSG_COALESCE_NTF, 8), 100);
     notes.take_setting(std::vector<uint8_t>(11, 0xff), 100);
     EXPECT_EQ(true, notes.were_settings_changed(7, 50, 150));
+    EXPECT_EQ(std::nullopt, notes.were_settings_changed(7, 50, 90)) << "it may hide an earlier one";
     EXPECT_EQ(std::nullopt, notes.were_settings_changed(7, 101, 150)) << "nobody follows them here";
     EXPECT_EQ(std::nullopt, notes.were_settings_changed(8, 50, 150)) << "no setting of the link";
     for (const std::string_view text : {"unbind@/devices/pci0000:00/0000:03:00.1",

@@ -90,6 +90,8 @@ sign fell_with_device(const facts &seen)
 
 sign fell_with_machine(const facts &seen)
 {
+    if (seen.device_others_stayed.value_or(0) > 0)
+        return {answer::no, ""};
     return did_all_fall(seen.machine_others_fell, seen.machine_others_stayed,
                         "All ports of other devices fell within the same second, too: {:.0f}.");
 }
@@ -182,6 +184,9 @@ sign has_faded(const facts &seen)
 {
     if (!seen.rx_lost_before)
         return {};
+    /* What was dark already was lost, and the fall told late. */
+    if (seen.rx_before && std::ranges::min(*seen.rx_before) <= dark)
+        return {answer::no, ""};
     const std::string time = seen.lost_in_s ? fmt::format(" within {:.0f} s", *seen.lost_in_s) : "";
     return {to_answer(*seen.rx_lost_before >= much_loss),
             fmt::format("The received light lost {:.1f} dB{} before the fall.",

@@ -50,7 +50,7 @@ static fall_fact report_of(uint32_t port_no, causes::facts seen, bool is_new, bo
     made->port_no = port_no;
     made->is_new = is_new;
     made->its = causes::judge(seen);
-    made->has_grown = !is_new && !was_ill && !made->its.ill.empty();
+    made->is_ill_now = !is_new && !was_ill && !made->its.ill.empty();
     made->seen = std::move(seen);
     return made;
 }
@@ -134,7 +134,7 @@ void fall_log::take(const fall_fact &reported)
 
 std::string describe(const recorded_fall &fall)
 {
-    if (fall.has_grown)
+    if (fall.is_ill_now)
         return fmt::format("link is up, but ill: {}", fmt::join(fall.its.ill, " "));
     const std::string evidence =
         fall.its.evidence.empty() ? "" : ": " + escape(fall.its.evidence.front());

@@ -27,7 +27,7 @@ namespace exporter
 struct recorded_fall {
     uint32_t port_no;
     bool is_new; /* else more is known of one that was reported, or it is from before the start */
-    bool has_grown; /* it came back worse than before, which wasn't known */
+    bool is_ill_now; /* it came back worse than before, which is new */
     causes::facts seen;
     causes::verdict its;
 };

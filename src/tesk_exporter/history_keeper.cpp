@@ -203,7 +203,7 @@ void history_keeper::note(const exporter::event &happened)
         given.text = describe(*info);
         given.is_empty = info->type == TESK_CLIENT_SFP_NOT_PRESENT;
     } else if (const auto *fall = std::get_if<fall_fact>(&happened.record)) {
-        given.kind = (*fall)->has_grown ? "ill" : "cause";
+        given.kind = (*fall)->is_ill_now ? "ill" : "cause";
         given.text = describe(**fall);
     } else {
         given.text = describe(std::get<tesk_client_port_status>(happened.record));

@@ -74,9 +74,9 @@ static bool has_alarm(const event &happened)
 static int priority(const event &happened)
 {
     const auto *server = std::get_if<server_change>(&happened.record);
-    const auto *fall = std::get_if<fall_fact>(&happened.record);
-    const bool is_bad = (fall != nullptr && !(*fall)->its.ill.empty()) ||
-                        (server != nullptr && !server->connected) ||
+    if (const auto *fall = std::get_if<fall_fact>(&happened.record))
+        return (*fall)->its.ill.empty() ? 6 : 4; /* the fall itself has a record already */
+    const bool is_bad = (server != nullptr && !server->connected) ||
                         happened.kind == change::down || happened.kind == change::removed ||
                         has_alarm(happened);
     return is_bad ? 4 : 6;

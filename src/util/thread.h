@@ -5,6 +5,8 @@
 #include <csignal>
 #include <cstddef>
 #include <pthread.h>
+#include <thread>
+#include <utility>
 
 namespace util
 {
@@ -46,6 +48,17 @@ inline int start_thread(pthread_t &thread, size_t stack_size, void *(*run)(void 
     }
     pthread_attr_destroy(&attributes);
     return error;
+}
+
+/* The same by the standard library, with a name of at most 15 characters. Throws a
+   std::system_error. */
+template <typename body>
+std::thread start_thread(const char *name, body run)
+{
+    const blocked_signals blocked;
+    std::thread started(std::move(run));
+    pthread_setname_np(started.native_handle(), name);
+    return started;
 }
 
 } // namespace util

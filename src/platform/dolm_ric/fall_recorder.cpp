@@ -111,6 +111,14 @@ void fall_recorder::hear(uint32_t port, departure how)
     its->open->left = is_same_deed ? how : departure::unknown;
 }
 
+void fall_recorder::leave_out(uint32_t port)
+{
+    const std::lock_guard guard(lock_);
+    const auto found = ports_.find(port);
+    if (found != ports_.end())
+        found->second.link = {};
+}
+
 /* Without memory the fall isn't recorded, and all else goes on. */
 void fall_recorder::see(const dolm_ric_details_record &record)
 {
@@ -134,13 +142,24 @@ void fall_recorder::see(const dolm_ric_details_record &record)
     }
 }
 
+/* A link that was down must have risen before it could fall: drivers drop the carrier of a port
+   that is set up, too. */
+static uint64_t falls_between(const dolm_ric_details_link &before, const dolm_ric_details_link &now)
+{
+    const bool was_up = before.oper == DOLM_RIC_SWITCH_UP;
+    const bool is_up = now.state == DOLM_RIC_VALUE_VALID && now.oper == DOLM_RIC_SWITCH_UP;
+    const uint64_t counted = now.falls - before.falls, rises = now.rises - before.rises;
+    if (was_up)
+        return std::max<uint64_t>(counted, is_up ? 0 : 1);
+    return std::min(counted, rises - std::min<uint64_t>(rises, is_up ? 1 : 0));
+}
+
 void fall_recorder::see_link(port_watch &its, const dolm_ric_details_link &now, int64_t at)
 {
     const bool was_known = its.link.state == DOLM_RIC_VALUE_VALID;
     const bool was_up = was_known && its.link.oper == DOLM_RIC_SWITCH_UP;
     const bool is_up = now.state == DOLM_RIC_VALUE_VALID && now.oper == DOLM_RIC_SWITCH_UP;
-    const uint64_t counted = was_known ? now.falls - its.link.falls : 0;
-    const uint64_t falls = std::max<uint64_t>(counted, was_up && !is_up ? 1 : 0);
+    const uint64_t falls = was_known ? falls_between(its.link, now) : 0;
     for (uint64_t one = 0; one < std::min<uint64_t>(falls, most_remembered); one++)
         count(its, at);
     if (falls > 0 && is_on_)
@@ -275,7 +294,8 @@ void fall_recorder::take_look(fall &open, module_sample found)
         found.lane_count = 0;
     open.lanes = std::max(open.lanes, found.lane_count);
     bool is_news = tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
-    if (open.up_at != 0 && found.at >= open.up_at && !open.seen.rx_again && !open.seen.errors_again)
+    if (open.up_at != 0 && found.at >= open.up_at + risen_after && !open.seen.rx_again &&
+        !open.seen.errors_again)
         is_news |= tell_again(found, open.seen);
     if (!is_news)
         return;
@@ -407,6 +427,8 @@ bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex>
     const bool is_kept = keep_fall(folder_, port, line, its.is_written, files);
     const int error = errno;
     guard.lock();
+    if (error == ENOENT && !is_kept)
+        make_falls_folder(folder_); /* for the next time */
     its.is_written |= is_kept;
     its.is_changed |= !is_kept;
     if (!std::exchange(has_failed_, !is_kept) && !is_kept)
@@ -435,14 +457,18 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
 {
     const std::shared_ptr<fall> open = ports_.at(port).open;
     const bool has_risen = open->up_at != 0 && now >= open->up_at + risen_after;
+    const bool is_over = has_risen && now >= open->up_at + closed_after;
+    port_watch &its = ports_.at(port);
     if (has_risen)
-        tell_link_after(ports_.at(port).link, open->seen);
+        tell_link_after(its.link, open->seen);
+    if (is_over && !open->seen.rx_again && !open->seen.errors_again && its.last.at >= open->up_at)
+        open->is_changed |= tell_again(its.last, open->seen); /* nothing has changed since */
     open->due =
         open->up_at == 0 ? INT64_MAX : open->up_at + (has_risen ? closed_after : risen_after);
     if (open->is_changed && !write(port, *open, guard))
         open->due = now + retry_after;
-    else if (has_risen && now >= open->up_at + closed_after && ports_.at(port).open == open)
-        ports_.at(port).open.reset();
+    else if (is_over && its.open == open)
+        its.open.reset();
 }
 
 /* What is due for one port. */
@@ -476,36 +502,36 @@ int64_t fall_recorder::next_due(int64_t now) const
     return next;
 }
 
-int64_t fall_recorder::work()
+void fall_recorder::work()
 {
     std::unique_lock guard(lock_);
     const int64_t now = now_();
     const std::vector<uint32_t> ports(busy_.begin(), busy_.end());
     for (const uint32_t port : ports)
         work_on(port, now, guard);
-    next_ = next_due(now);
-    return next_;
 }
 
-/* Without memory it is tried again. */
-int64_t fall_recorder::work_or_retry()
+/* False without memory. */
+bool fall_recorder::try_work()
 {
     try {
-        return work();
+        work();
+        return true;
     } catch (const std::exception &) {
-        return now_() + retry_after;
+        return false;
     }
 }
 
 void fall_recorder::run()
 {
     while (true) {
-        const int64_t next = work_or_retry();
+        const bool is_done = try_work();
         std::unique_lock guard(lock_);
         if (is_stopping_)
             return;
-        next_ = std::min(next, next_due(now_()));
-        const int64_t wait = std::clamp<int64_t>(next_ - now_(), 0, minute);
+        const int64_t now = now_();
+        next_ = is_done ? next_due(now) : now + retry_after;
+        const int64_t wait = std::clamp<int64_t>(next_ - now, 0, minute);
         changed_.wait_for(guard, std::chrono::nanoseconds{wait});
         if (is_stopping_)
             return;
@@ -529,10 +555,8 @@ void fall_recorder::start(const std::string &folder, looker look, bool has_threa
 
 void fall_recorder::start_thread()
 {
-    const util::blocked_signals blocked;
     try {
-        thread_ = std::thread([this] { run(); });
-        pthread_setname_np(thread_.native_handle(), "port-falls");
+        thread_ = util::start_thread("port-falls", [this] { run(); });
     } catch (const std::exception &error) {
         fprintf(stderr, "libdolm_ric: no falls are recorded: no thread for them: %s\n",
                 error.what());

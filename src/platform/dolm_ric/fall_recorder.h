@@ -71,12 +71,13 @@ class fall_recorder
     void hear(uint32_t port, const link_news &news);
     /* The interface leaves the port, before its details change by that. */
     void hear(uint32_t port, departure how);
+    /* The port is taken out of the configuration: its link doesn't fall by that. */
+    void leave_out(uint32_t port);
     /* The details are so now. */
     void see(const dolm_ric_details_record &record);
 
-    /* Makes all looks and writings that are due, and returns when there is more to do. The
-       thread's, or a test's in its place. */
-    int64_t work();
+    /* Makes all looks and writings that are due. The thread's, or a test's in its place. */
+    void work();
 
     static constexpr size_t most_ports = 1024;
 
@@ -124,7 +125,7 @@ class fall_recorder
     void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
     void work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
     int64_t next_due(int64_t now) const;
-    int64_t work_or_retry();
+    bool try_work();
     void start_thread();
     void run();
 

@@ -323,10 +323,8 @@ bool port_details::make_file()
 
 void port_details::start_thread()
 {
-    const util::blocked_signals blocked;
     try {
-        thread_ = std::thread([this] { run(); });
-        pthread_setname_np(thread_.native_handle(), "port-details");
+        thread_ = util::start_thread("port-details", [this] { run(); });
     } catch (const std::exception &error) {
         fprintf(stderr, "libdolm_ric: no details of ports: no thread for them: %s\n", error.what());
     }

@@ -6,6 +6,7 @@
 #include "platform/dolm_ric/port_details.h"
 #include "util/poll.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <linux/ethtool_netlink.h>
@@ -17,8 +18,8 @@ namespace linux_board
 
 static constexpr int receive_buffer = 1 << 18;
 
-/* Devices whose drivers left; the oldest is forgotten. */
-static constexpr size_t most_devices = 4096;
+/* Interfaces and devices with a note, of each kind; then the oldest note is lost. */
+static constexpr size_t most_notes = 4096;
 
 /* The group of all uevents that the kernel sends itself. */
 static constexpr uint32_t uevent_group = 1;
@@ -117,9 +118,8 @@ void kernel_notes::take_setting(netlink::byte_view datagram, int64_t at)
             netlink::generic_attributes(*notice), ETHTOOL_A_LINKMODES_HEADER);
         const auto index = netlink::read_record<int32_t>(
             netlink::find_attribute(header, ETHTOOL_A_HEADER_DEV_INDEX));
-        const std::lock_guard guard(lock_);
-        if (index && changed_at_.size() < most_devices)
-            changed_at_[*index] = at;
+        if (index)
+            note(changed_at_, *index, at);
     }
 }
 
@@ -130,9 +130,20 @@ void kernel_notes::take_uevent(netlink::byte_view datagram, int64_t at)
     const std::string_view first = netlink::read_text(datagram);
     if (!first.starts_with(unbind))
         return;
+    note(unbound_at_, std::string(first.substr(first.find_last_of('/') + 1)), at);
+}
+
+template <typename key>
+void kernel_notes::note(std::map<key, int64_t> &notes, const key &of, int64_t at)
+{
     const std::lock_guard guard(lock_);
-    if (unbound_at_.size() < most_devices)
-        unbound_at_[std::string(first.substr(first.find_last_of('/') + 1))] = at;
+    if (notes.size() >= most_notes && !notes.contains(of)) {
+        const auto oldest =
+            std::ranges::min_element(notes, {}, [](const auto &one) { return one.second; });
+        lost_at_ = std::max(lost_at_, oldest->second);
+        notes.erase(oldest);
+    }
+    notes[of] = at;
 }
 
 template <typename key>
@@ -141,9 +152,10 @@ std::optional<bool> kernel_notes::has_note(const std::map<key, int64_t> &notes, 
 {
     const std::lock_guard guard(lock_);
     const auto found = notes.find(of);
-    if (found != notes.end() && found->second >= from && found->second <= to)
+    const bool is_later = found != notes.end() && found->second > to; /* and may hide one */
+    if (found != notes.end() && found->second >= from && !is_later)
         return true;
-    if (!is_followed || lost_at_ >= from || notes.size() >= most_devices)
+    if (!is_followed || lost_at_ >= from || is_later)
         return std::nullopt;
     return false;
 }

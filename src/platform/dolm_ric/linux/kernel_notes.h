@@ -40,6 +40,8 @@ class kernel_notes
     void drain(netlink::connection &from,
                void (kernel_notes::*take)(netlink::byte_view datagram, int64_t at));
     template <typename key>
+    void note(std::map<key, int64_t> &notes, const key &of, int64_t at);
+    template <typename key>
     std::optional<bool> has_note(const std::map<key, int64_t> &notes, bool is_followed,
                                  const key &of, int64_t from, int64_t to) const;
 

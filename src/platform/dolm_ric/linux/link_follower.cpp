@@ -120,6 +120,7 @@ void link_follower::take_out(uint32_t port)
 void link_follower::start()
 {
     notices_.join(RTNLGRP_LINK);
+    noticed_at_ = std::chrono::steady_clock::now(); /* what was told before isn't known */
     read_all();
     listener_.reports_taken();
     thread_.start("dolm-ric-links", [this] { run(); });

@@ -127,6 +127,7 @@ void linux_ports::take_out(uint32_t number)
         gone.is_out = true;
         set_module(gone);
     }
+    falls_.leave_out(number);
     links_.take_out(number);
 }
 

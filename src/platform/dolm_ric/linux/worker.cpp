@@ -40,9 +40,7 @@ worker::~worker()
 
 void worker::start(const char *name, std::function<void()> run)
 {
-    const util::blocked_signals blocked;
-    thread_ = std::thread(std::move(run));
-    pthread_setname_np(thread_.native_handle(), name);
+    thread_ = util::start_thread(name, std::move(run));
 }
 
 void worker::stop()
