@@ -57,14 +57,14 @@ static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_number;
 static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
 static time_point retry;
+static time_point next_complaint;
 
 static void complain_about_greeting(const peer_identity &peer)
 {
-    static time_point next;
     const time_point now = std::chrono::steady_clock::now();
-    if (now < next)
+    if (now < next_complaint)
         return;
-    next = now + time_to_complain;
+    next_complaint = now + time_to_complain;
     fprintf(stderr,
             "libmbx: process %d sent a greeting that this version of the library can't read; if it "
             "has another version, update that and start the process again\n",
@@ -263,4 +263,5 @@ void end_accepting(bool is_child)
             hang_up(std::move(n.control), {}, n.peer);
     newcomers.clear();
     resting.clear();
+    next_complaint = {};
 }
