@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The details of ports: their writer beside their reader, and what is made of a module's memory. */
 #include "platform/dolm_ric/details_record.h"
-#include "platform/dolm_ric/linux/module_details.h"
-#include "platform/dolm_ric/linux/vdm.h"
+#include "platform/dolm_ric/linux/decode/module_details.h"
+#include "platform/dolm_ric/linux/decode/vdm.h"
 #include "platform/dolm_ric/port_details.h"
 #include "tesk_client/tesk_details.h"
 #include "testkit/modules/module_images.h"

@@ -8,7 +8,7 @@
    or nothing sensible for a second, is the old module reported as removed. */
 #include "platform/dolm_ric/linux/module_poller.h"
 
-#include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
 #include "platform/dolm_ric/linux/module_poller_internal.h"
 
 #include <algorithm>

@@ -21,9 +21,9 @@
    far as their values stay young enough to be given out. */
 #pragma once
 
+#include "platform/dolm_ric/linux/decode/module_contents.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
 #include "platform/dolm_ric/linux/module_access.h"
-#include "platform/dolm_ric/linux/module_contents.h"
-#include "platform/dolm_ric/linux/module_memory.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The second half of module_poller: the conclusions from a reading. */
-#include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
 #include "platform/dolm_ric/linux/module_poller_internal.h"
 
 #include <algorithm>
