@@ -121,7 +121,7 @@ show_progress() {
 use_compiler_cache() {
     [ -z "${CMAKE_CXX_COMPILER_LAUNCHER-}" ] || return 0
     export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
-    export CCACHE_DIR=$PWD/build/ccache CCACHE_SLOPPINESS=pch_defines,time_macros
+    export CCACHE_DIR=$PWD/build/ccache CCACHE_SLOPPINESS=pch_defines,time_macros,locale
 }
 
 # configure_and_build PRESET [cmake option..] [--target TARGET..]: builds the targets, all by default.
