@@ -6,7 +6,15 @@
    A port is empty, or its module is being identified, or the module is in use. A port whose
    identity bytes changed goes back to being identified, while its old module stays reported: the
    change may have been a disturbed reading. Only when another identity has been read, or nothing
-   sensible for a second, is the old module reported as removed. */
+   sensible for a second, is the old module reported as removed.
+
+   Values that no module reaches within one period are read again at once, before anybody sees them.
+
+   Drivers answer for an empty cage with any error. So a port that never answered counts as an empty
+   cage, and one that had a module keeps it for some seconds, unless the driver says that there is
+   none. No client's read counts for that.
+
+   An optional range that can't be read or can't be true is tried again, after pauses that grow. */
 #pragma once
 
 #include "platform/dolm_ric/linux/decode/module_contents.h"
