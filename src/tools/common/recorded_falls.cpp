@@ -18,6 +18,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
@@ -135,21 +136,52 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder)
     return ports;
 }
 
-/* Neither waits for a pipe nor follows a link. */
-std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no)
+/* Neither waits for a pipe nor follows a link. Empty where the port has no file. */
+static std::string read_recorded(const std::string &path)
 {
-    const std::string path = fmt::format("{}/{}", folder, port_no);
     const util::descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status = {};
     if (!file && errno == ENOENT)
-        return {};
+        return "";
     if (!file || fstat(file.get(), &status) != 0)
         throw tool_error(exit_code::rejected,
                          fmt::format("{}: {}", escape(path), std::strerror(errno)));
     if (!S_ISREG(status.st_mode))
         throw tool_error(exit_code::rejected,
                          escape(path) + " isn't a file, which the board would have made");
-    return facts_of_text(path, read_whole(fmt::format("/proc/self/fd/{}", file.get())));
+    return read_whole(fmt::format("/proc/self/fd/{}", file.get()));
+}
+
+std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no)
+{
+    const std::string path = fmt::format("{}/{}", folder, port_no);
+    const std::string text = read_recorded(path);
+    return text.empty() ? std::vector<causes::facts>{} : facts_of_text(path, text);
+}
+
+std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no)
+{
+    const std::string path = fmt::format("{}/{}", folder, port_no);
+    const std::string text = read_recorded(path);
+    const size_t end = text.find_last_not_of('\n');
+    if (end == std::string::npos)
+        return std::nullopt;
+    /* Without a line before it npos + 1 is 0. */
+    const size_t begin = text.find_last_of('\n', end) + 1;
+    return facts_of_text(path, text.substr(begin, end + 1 - begin)).front();
+}
+
+std::string cause_text(const causes::verdict &its)
+{
+    std::string text = fmt::format("{}, {}", name_of(its.cause), name_of(its.certainty));
+    return its.evidence.empty() ? text : text + ": " + escape(its.evidence.front());
+}
+
+std::string illness_text(const causes::verdict &its)
+{
+    return its.ill.empty()
+               ? ""
+               : "link is up, but ill: " + escape(fmt::format("{}", fmt::join(its.ill, " ")));
 }
 
 json_object json_of(const causes::facts &seen, const causes::verdict &its, const causes::order *who)

@@ -8,6 +8,7 @@
 #include "tools/common/json_records.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,14 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder);
 /* The falls of one port, oldest first; none where it has no file. Throws a tool_error as
    facts_in(). */
 std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no);
+
+/* The newest of them; only its line is taken apart. Throws as falls_of(). */
+std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no);
+
+/* For one line: "light lost, likely: No light is received ..", and "link is up, but ill: ..", which
+   is empty where it isn't. Escaped. */
+std::string cause_text(const causes::verdict &its);
+std::string illness_text(const causes::verdict &its);
 
 /* The facts in a file, "-" for standard input: an object, a list of objects, or an object in each
    line; what json_of() and the exporter write, too. Throws a tool_error that names the file and the
