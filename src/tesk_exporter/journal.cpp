@@ -89,7 +89,7 @@ std::vector<std::string> journal_fields(const event &happened)
                                        "SYSLOG_IDENTIFIER=tesk-exporter"};
     if (!happened.interface.empty())
         fields.push_back("TESK_INTERFACE=" + happened.interface);
-    const auto object = json_object::parse(to_json_line(happened));
+    const auto object = to_json(happened);
     for (const auto &[key, value] : object.items()) {
         if (key == "levels")
             for (const auto &[measurement, grade] : value.items())
