@@ -407,8 +407,8 @@ TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
         for (const sample &one : its.samples) {
             error_sample made;
             made.at = one.second * 1'000'000'000;
-            made.count[corrected_bits] = one.bits;
-            made.count[uncorrectable] = one.blocks;
+            made.count[COUNT_CORRECTED_BITS] = one.bits;
+            made.count[COUNT_UNCORRECTABLE] = one.blocks;
             samples.push_back(made);
         }
         causes::facts seen;

@@ -309,7 +309,7 @@ static sign were_many_counted(const facts &seen)
 
 sign have_errors_risen(const facts &seen)
 {
-    const sign many = were_many_counted(seen);
+    sign many = were_many_counted(seen);
     if (many.is == answer::yes)
         return many;
     const double limit = seen.errors_limit.value_or(usual_errors_limit);

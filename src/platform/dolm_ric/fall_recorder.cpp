@@ -553,8 +553,8 @@ int64_t fall_recorder::next_due(int64_t now) const
 std::vector<uint32_t> fall_recorder::busy_ports() const
 {
     std::vector<uint32_t> ports(busy_.begin(), busy_.end());
-    std::ranges::stable_partition(ports,
-                                  [this](uint32_t port) { return !ports_.at(port).is_slow; });
+    std::stable_partition(ports.begin(), ports.end(),
+                          [this](uint32_t port) { return !ports_.at(port).is_slow; });
     return ports;
 }
 

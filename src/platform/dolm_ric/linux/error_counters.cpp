@@ -46,7 +46,7 @@ bool error_sample::is_empty() const
 
 void error_sample::add(const error_sample &part)
 {
-    for (size_t kind = 0; kind < count_kinds; kind++)
+    for (size_t kind = 0; kind < COUNT_KINDS; kind++)
         if (part.count[kind] != not_counted)
             count[kind] = part.count[kind];
     if (part.quality) {
@@ -63,9 +63,9 @@ void take_fec_counts(netlink::byte_view attributes, error_sample &made)
         made.count[kind] = netlink::read_record<uint64_t>(netlink::find_attribute(counts, number))
                                .value_or(error_sample::not_counted);
     };
-    take(ETHTOOL_A_FEC_STAT_CORRECTED, corrected);
-    take(ETHTOOL_A_FEC_STAT_UNCORR, uncorrectable);
-    take(ETHTOOL_A_FEC_STAT_CORR_BITS, corrected_bits);
+    take(ETHTOOL_A_FEC_STAT_CORRECTED, COUNT_CORRECTED);
+    take(ETHTOOL_A_FEC_STAT_UNCORR, COUNT_UNCORRECTABLE);
+    take(ETHTOOL_A_FEC_STAT_CORR_BITS, COUNT_CORRECTED_BITS);
 }
 
 static void add_count(uint64_t more, uint64_t &to)
@@ -92,11 +92,11 @@ void take_line_counts(netlink::byte_view attributes, error_sample &made)
             if (!value)
                 continue;
             if (group == ETHTOOL_STATS_ETH_PHY && one->number == ETHTOOL_A_STATS_ETH_PHY_5_SYM_ERR)
-                add_count(*value, made.count[symbols]);
+                add_count(*value, made.count[COUNT_SYMBOLS]);
             if (group == ETHTOOL_STATS_ETH_MAC &&
                 (one->number == ETHTOOL_A_STATS_ETH_MAC_6_FCS_ERR ||
                  one->number == ETHTOOL_A_STATS_ETH_MAC_7_ALIGN_ERR))
-                add_count(*value, made.count[frames]);
+                add_count(*value, made.count[COUNT_FRAMES]);
         }
     }
 }
@@ -137,7 +137,8 @@ static int64_t span_of(std::span<const error_sample> samples)
 
 static double seconds_of(int64_t time)
 {
-    return static_cast<double>(time / ms) / 1000;
+    constexpr double ns = 1e9;
+    return static_cast<double>(time) / ns;
 }
 
 /* The bit error ratio before correction, of RS-FEC: without a counter of bits, each block that was
@@ -145,8 +146,8 @@ static double seconds_of(int64_t time)
 static causes::number error_ratio(std::span<const error_sample> samples, const causes::text &fec,
                                   const causes::number &megabits)
 {
-    const causes::number bits = counted(samples, corrected_bits),
-                         blocks = counted(samples, corrected);
+    const causes::number bits = counted(samples, COUNT_CORRECTED_BITS),
+                         blocks = counted(samples, COUNT_CORRECTED);
     constexpr double mega = 1e6;
     if (fec.value_or("") != "RS" || !megabits || *megabits <= 0 || (!bits && !blocks))
         return std::nullopt;
@@ -189,10 +190,10 @@ void tell_counts_before(std::span<const error_sample> samples, int64_t fell_at, 
                    ? std::nullopt
                    : its;
     };
-    seen.corrected_in_minute = told(corrected);
-    seen.uncorrectable_in_minute = told(uncorrectable);
-    seen.symbol_errors_in_minute = told(symbols);
-    seen.frame_errors_in_minute = told(frames);
+    seen.corrected_in_minute = told(COUNT_CORRECTED);
+    seen.uncorrectable_in_minute = told(COUNT_UNCORRECTABLE);
+    seen.symbol_errors_in_minute = told(COUNT_SYMBOLS);
+    seen.frame_errors_in_minute = told(COUNT_FRAMES);
     seen.counted_for_s = seconds_of(span_of(minute));
     if (!seen.errors_before)
         seen.errors_before = error_ratio(minute, seen.fec_before, seen.speed_before);
@@ -203,7 +204,7 @@ void tell_counts_again(std::span<const error_sample> samples, int64_t since, cau
     const auto again = between(samples, since, INT64_MAX);
     if (span_of(again) < least_time)
         return;
-    seen.uncorrectable_again = counted(again, uncorrectable);
+    seen.uncorrectable_again = counted(again, COUNT_UNCORRECTABLE);
     if (!seen.errors_again)
         seen.errors_again = error_ratio(again, seen.fec_after, seen.speed_after);
 }

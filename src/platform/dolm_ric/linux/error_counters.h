@@ -26,18 +26,18 @@ namespace linux_board
 
 /* Blocks of FEC, bits that it corrected, symbols, and frames that were damaged. */
 enum count_kind : uint8_t {
-    corrected,
-    uncorrectable,
-    corrected_bits,
-    symbols,
-    frames,
-    count_kinds
+    COUNT_CORRECTED,
+    COUNT_UNCORRECTABLE,
+    COUNT_CORRECTED_BITS,
+    COUNT_SYMBOLS,
+    COUNT_FRAMES,
+    COUNT_KINDS
 };
 
 struct error_sample {
     static constexpr uint64_t not_counted = UINT64_MAX; /* as the kernel's drivers have it */
     int64_t at = 0;
-    std::array<uint64_t, count_kinds> count = {not_counted, not_counted, not_counted, not_counted,
+    std::array<uint64_t, COUNT_KINDS> count = {not_counted, not_counted, not_counted, not_counted,
                                                not_counted};
     /* Of the signal that a PHY for one pair receives, and the best that it can have. */
     std::optional<uint32_t> quality, quality_most;
