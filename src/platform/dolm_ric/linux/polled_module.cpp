@@ -23,6 +23,7 @@ static constexpr auto diagnostics_interval = 4s; /* the values are at most 5 s o
    for 15 s, don't get too old. */
 static constexpr double most_look_pace = 5;
 static constexpr double most_diagnostics_pace = 3;
+static constexpr double most_slow_pace = 30;
 
 static constexpr auto unlikely_interval = 60s; /* for a port without a cage, or that only fails */
 static constexpr auto slow_interval = 10s; /* between two readings of a range that is read slowly */
@@ -219,7 +220,10 @@ polled_module::time_point polled_module::due_of(const reading_step &step) const
     const auto read_at = memory_.read_at(step.range);
     if (!read_at)
         return time_point{};
-    return step.when == reading_time::slowly ? *read_at + slow_interval : time_point::max();
+    if (step.when != reading_time::slowly)
+        return time_point::max();
+    return *read_at +
+           std::chrono::duration_cast<duration>(slow_interval * std::min(pace_, most_slow_pace));
 }
 
 static bool is_part_of_identity(const reading_step &step)
