@@ -17,27 +17,27 @@
 namespace linux_board
 {
 
-static constexpr int64_t ms = 1'000'000, second = 1000 * ms;
+static constexpr int64_t one_ms = 1'000'000, one_second = 1000 * one_ms;
 
 /* Three samples lie within each minute. */
-static constexpr int64_t round_time = 20 * second, wanted_gap = 5 * second;
+static constexpr int64_t round_time = 20 * one_second, wanted_gap = 5 * one_second;
 
 /* Of a driver that counts nothing: it may be another one, or a newer firmware, some day. */
-static constexpr int64_t refusal_time = 3600 * second;
+static constexpr int64_t refusal_time = 3600 * one_second;
 
 /* A question that took some time is followed by a pause of so many times that. */
 static constexpr int64_t pause_per_time = 200;
 
 /* The time that is told of, the shortest one that says anything, and the age of the last sample.
    Carriers that are lost are told up to a second late. */
-static constexpr int64_t told_time = 60 * second, least_time = 4 * second;
-static constexpr int64_t oldest_end = 30 * second, told_late = 1100 * ms;
+static constexpr int64_t told_time = 60 * one_second, least_time = 4 * one_second;
+static constexpr int64_t oldest_end = 30 * one_second, told_late = 1100 * one_ms;
 
 /* A link that has just risen still counts what it received while it found its lock. */
-static constexpr int64_t settling_time = 3 * second;
+static constexpr int64_t settling_time = 3 * one_second;
 
 static constexpr size_t most_interfaces = 1024, most_samples = 16;
-static constexpr std::chrono::seconds answer_patience{1};
+static constexpr std::chrono::seconds counters_patience{1};
 
 bool error_sample::is_empty() const
 {
@@ -259,7 +259,7 @@ void error_counters::tell_again(int32_t index, int64_t since, causes::facts &see
 void error_counters::run()
 {
     while (!thread_.is_stopping()) {
-        int64_t wait = second;
+        int64_t wait = one_second;
         try {
             take_round(board::details_time());
             wait = sample_due(board::details_time());
@@ -267,7 +267,7 @@ void error_counters::run()
             ethtool_.reset();
         }
         pollfd wanted = {thread_.wake_fd(), POLLIN, 0};
-        util::poll_or_pause({&wanted, 1}, static_cast<int>(std::max<int64_t>(wait / ms, 1)));
+        util::poll_or_pause({&wanted, 1}, static_cast<int>(std::max<int64_t>(wait / one_ms, 1)));
         thread_.clear_wake();
     }
 }
@@ -319,7 +319,7 @@ int64_t error_counters::sample_due(int64_t now)
     const std::lock_guard guard(lock_);
     for (const auto &[index, its] : watches_)
         if (its.is_up || its.wanted > 0)
-            next = std::min(next, std::max(its.due, now + ms));
+            next = std::min(next, std::max(its.due, now + one_ms));
     return next - board::details_time();
 }
 
@@ -357,7 +357,7 @@ int error_counters::ask(size_t question, int32_t index, error_sample &made)
                         {line_question, take_line_counts},
                         {quality_question, take_quality}};
     netlink::request asked = all[question].make(family_, index);
-    return ethtool_->ask(asked, answer_patience, [&](const netlink::message &answer) {
+    return ethtool_->ask(asked, counters_patience, [&](const netlink::message &answer) {
         all[question].take(netlink::generic_attributes(answer), made);
     });
 }
