@@ -5,10 +5,8 @@
 
 #include "tools/common/exit_code.h"
 #include "tools/common/recorded_falls.h"
-#include "util/escape.h"
 
 #include <algorithm>
-#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <utility>
@@ -136,12 +134,7 @@ void fall_log::take(const fall_fact &reported)
 
 std::string describe(const recorded_fall &fall)
 {
-    if (fall.is_ill_now)
-        return fmt::format("link is up, but ill: {}", fmt::join(fall.its.ill, " "));
-    const std::string evidence =
-        fall.its.evidence.empty() ? "" : ": " + escape(fall.its.evidence.front());
-    return fmt::format("link fell: {}, {}{}", name_of(fall.its.cause), name_of(fall.its.certainty),
-                       evidence);
+    return fall.is_ill_now ? illness_text(fall.its) : "link fell: " + cause_text(fall.its);
 }
 
 static std::string body_of(const json_object &falls)

@@ -18,6 +18,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -257,6 +258,31 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
         *fault = fmt::format("{}: {} of {} falls can't be read and aren't shown: {}", escape(path),
                              wrong, lines, first);
     return found;
+}
+
+std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no)
+{
+    const std::string path = fmt::format("{}/{}", folder, port_no);
+    const std::string text = read_recorded(path);
+    const size_t end = text.find_last_not_of('\n');
+    if (end == std::string::npos)
+        return std::nullopt;
+    /* Without a line before it npos + 1 is 0. */
+    const size_t begin = text.find_last_of('\n', end) + 1;
+    return facts_of_text(path, text.substr(begin, end + 1 - begin)).front();
+}
+
+std::string cause_text(const causes::verdict &its)
+{
+    std::string text = fmt::format("{}, {}", name_of(its.cause), name_of(its.certainty));
+    return its.evidence.empty() ? text : text + ": " + escape(its.evidence.front());
+}
+
+std::string illness_text(const causes::verdict &its)
+{
+    return its.ill.empty()
+               ? ""
+               : "link is up, but ill: " + escape(fmt::format("{}", fmt::join(its.ill, " ")));
 }
 
 json_object json_of(const causes::facts &seen, const causes::verdict &its, const causes::order *who)

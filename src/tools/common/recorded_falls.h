@@ -8,6 +8,7 @@
 #include "tools/common/json_records.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,14 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder);
    tool_error for a file that can't be read, or that a board can't have written. */
 std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
                                     std::string *fault = nullptr);
+
+/* The newest of them; only its line is taken apart. Throws as falls_of(). */
+std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no);
+
+/* For one line: "light lost, likely: No light is received ..", and "link is up, but ill: ..", which
+   is empty where it isn't. Escaped. */
+std::string cause_text(const causes::verdict &its);
+std::string illness_text(const causes::verdict &its);
 
 /* The facts in a file, "-" for standard input: an object, a list of objects, or an object in each
    line; what json_of() and the exporter write, too. Throws a tool_error that names the file and the
