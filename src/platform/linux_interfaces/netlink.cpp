@@ -242,12 +242,13 @@ request generic_request(uint16_t family, uint8_t command)
             genlmsghdr{.cmd = command, .version = generic_version, .reserved = 0}};
 }
 
-request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index)
+request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index,
+                        uint32_t flags)
 {
     request question = generic_request(family, command);
     const size_t nest = question.begin_nest(header);
     question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
-    question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
+    question.put(ETHTOOL_A_HEADER_FLAGS, flags | ETHTOOL_FLAG_COMPACT_BITSETS);
     question.end_nest(nest);
     return question;
 }

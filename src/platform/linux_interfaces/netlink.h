@@ -160,8 +160,9 @@ uint32_t find_group(connection &generic, std::string_view family, std::string_vi
 request generic_request(uint16_t family, uint8_t command);
 
 /* A question to the family of ethtool about an interface; `header` is the number of the command's
-   attribute that names it. */
-request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index);
+   attribute that names it; `flags` are ETHTOOL_FLAG_*. */
+request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index,
+                        uint32_t flags = 0);
 
 /* The attributes of a generic netlink message. */
 byte_view generic_attributes(const message &answer);
