@@ -108,6 +108,7 @@ static const struct {
     {R"("extended_state": "Autoneg", "medium": "copper", "rx_before": null, "rx_after": null)",
      "negotiation failed", certainty::possible},
     {R"("falls_in_minute": 9)", "flapping", certainty::possible},
+    {R"("falls_in_minute": 2)", "not known", certainty::possible},
     {"", "not known", certainty::possible},
 };
 

@@ -49,6 +49,7 @@ struct fall_recorder_test : testing::Test {
         its.identity.state = serial != nullptr ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_EMPTY;
         if (serial != nullptr)
             strcpy(its.identity.serial, serial);
+        its.lane_limits[DOLM_RIC_RX_POWER].state = DOLM_RIC_VALUE_VALID;
         set_link(port, true, serial != nullptr);
         if (serial != nullptr)
             read(port, 0.5);
@@ -337,6 +338,7 @@ TEST_F(fall_recorder_test, a_burst_is_one_record_and_the_next_fall_another_one)
     finish();
     ASSERT_EQ(falls().size(), 1U);
     EXPECT_EQ(falls()[0].falls_in_minute, 4);
+    EXPECT_FALSE(falls()[0].rx_low_alarm) << "without a limit";
     set_link(0, false, false);
     finish();
     EXPECT_EQ(falls().size(), 2U) << "somebody has set it down meanwhile";
@@ -354,6 +356,14 @@ TEST_F(fall_recorder_test, a_burst_is_one_record_and_the_next_fall_another_one)
     now += 3 * second;
     finish();
     EXPECT_EQ(falls()[2].falls_in_minute, 8) << "though it stays down";
+    for (const int64_t hours : {2, 23}) {
+        set_link(0, true, true);
+        now += hours * 3600 * second;
+        drop(0);
+        finish();
+        EXPECT_EQ(falls().back().falls_in_hour, 1);
+        EXPECT_EQ(falls().back().falls_in_day, hours == 2 ? 9 : 2);
+    }
 }
 
 TEST_F(fall_recorder_test, a_link_that_comes_back_is_added_to_its_record)

@@ -245,6 +245,7 @@ def states_have_their_words(board, page):
     assert "up" not in page.text("#port"), page.text("#port")
     names.write_text(whole)
     page.shows("#port-title", "Port 7 (port7)")
+    page.browser.get_log("browser")  # of requests that met the port that isn't followed
     board.play("ready 7")
     page.row_shows(7, "EXAMPLE OPTICS")
     page.go("")
