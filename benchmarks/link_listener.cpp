@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* link_listener - a minimal program that follows links: it waits for the kernel's messages and
    prints a line for each. */
-#include "platform/dolm_ric/linux/link_report.h"
-#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/linux_interfaces/link_report.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -111,7 +111,7 @@ def exporter_goals(series):
     if "exporter cpu" not in series:
         return
     for key, limit, unit in (("exporter cpu", 10, "ms"), ("exporter lanes cpu", 20, "ms"),
-                             ("exporter memory", 12288, "KiB"),
+                             ("exporter memory", 13312, "KiB"),
                              ("exporter idle", 0.5, "%"), ("exporter event", 50, "ms")):
         yield at_most("exporter with 512 ports: " + series[key].title,
                       series[key].value("exporter"), limit, unit)

@@ -342,6 +342,10 @@ TEST_F(fall_recorder_test, a_burst_is_one_record_and_the_next_fall_another_one)
     EXPECT_EQ(falls().size(), 2U) << "somebody has set it down meanwhile";
     EXPECT_EQ(falls()[0].falls_in_minute, 4);
     EXPECT_EQ(falls()[1].falls_in_minute, 5);
+    set_link(0, true, true);
+    drop(0);
+    finish();
+    EXPECT_EQ(falls().size(), 3U) << "nor does what follows belong to that";
 }
 
 TEST_F(fall_recorder_test, a_link_that_comes_back_is_added_to_its_record)

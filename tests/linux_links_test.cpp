@@ -2,10 +2,10 @@
 /* Links of the Linux board without a kernel: netlink messages, and the events that reports give. */
 #include "platform/dolm_ric/linux/fall_looks.h"
 #include "platform/dolm_ric/linux/kernel_notes.h"
-#include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"
-#include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/record_updates.h"
+#include "platform/linux_interfaces/link_report.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <gtest/gtest.h>
 #include <linux/ethtool.h>

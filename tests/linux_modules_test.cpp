@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The poller of the Linux board's modules, on modules and a clock of the test's own. */
 
-#include "platform/dolm_ric/linux/driver_logs.h"
-#include "platform/dolm_ric/linux/module_details.h"
+#include "platform/dolm_ric/linux/decode/module_details.h"
 #include "platform/dolm_ric/linux/module_files.h"
 #include "platform/dolm_ric/linux/module_poller.h"
 #include "platform/dolm_ric/linux/reader_client.h"
 #include "platform/dolm_ric/linux/record_updates.h"
 #include "platform/dolm_ric/linux/worker.h"
+#include "platform/linux_interfaces/driver_logs.h"
 #include "testkit/modules/module_images.h"
 #include "testkit/processes/processes.h"
 #include "util/local_socket.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk-module-reader: which requests it carries out, and the process as it ships. */
-#include "platform/dolm_ric/linux/module_leases.h"
+#include "platform/linux_interfaces/module_leases.h"
 #include "tesk_module_reader/requests.h"
 #include "testkit/network/network.h"
 #include "testkit/processes/processes.h"

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The decoder of module memory: numbers worked out by hand, and memories that lie. */
-#include "platform/dolm_ric/linux/module_decode.h"
-#include "platform/dolm_ric/linux/module_details.h"
-#include "platform/dolm_ric/linux/module_speed.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
+#include "platform/dolm_ric/linux/decode/module_details.h"
+#include "platform/dolm_ric/linux/decode/module_speed.h"
 #include "testkit/modules/module_images.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The file that says which port is which interface, and the map that the board library writes. */
-#include "platform/dolm_ric/linux/port_config.h"
 #include "platform/dolm_ric/port_map.h"
+#include "platform/linux_interfaces/port_config.h"
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
 

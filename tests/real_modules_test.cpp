@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The memories of real modules, where they are at hand, beside what ethtool says of them. */
-#include "platform/dolm_ric/linux/module_decode.h"
-#include "platform/dolm_ric/linux/module_details.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
+#include "platform/dolm_ric/linux/decode/module_details.h"
 #include "testkit/modules/ethtool_comparison.h"
 #include "testkit/modules/module_images.h"
 #include "testkit/texts.h"

@@ -7,8 +7,8 @@
    answers requests, one at a time. It ends with the last client, or when that says that the
    configuration was replaced; systemd starts it anew, with a fresh look at the configuration, for
    the next connection. With --lease it only writes or removes a file for the board library. */
-#include "platform/dolm_ric/linux/module_leases.h"
-#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/linux_interfaces/module_leases.h"
+#include "platform/linux_interfaces/port_config.h"
 #include "tesk_module_reader/confinement.h"
 #include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/reader_ports.h"

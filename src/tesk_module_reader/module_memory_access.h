@@ -4,8 +4,8 @@
    thread. */
 #pragma once
 
-#include "platform/dolm_ric/linux/netlink.h"
-#include "platform/dolm_ric/linux/reader_protocol.h"
+#include "platform/linux_interfaces/netlink.h"
+#include "platform/linux_interfaces/reader_protocol.h"
 
 #include <cstdint>
 #include <span>

@@ -3,10 +3,10 @@
    opened is opened by the constructor; later no file is. The reader has one thread. */
 #pragma once
 
-#include "platform/dolm_ric/linux/interfaces.h"
-#include "platform/dolm_ric/linux/netlink.h"
-#include "platform/dolm_ric/linux/port_config.h"
-#include "platform/dolm_ric/linux/reader_protocol.h"
+#include "platform/linux_interfaces/interfaces.h"
+#include "platform/linux_interfaces/netlink.h"
+#include "platform/linux_interfaces/port_config.h"
+#include "platform/linux_interfaces/reader_protocol.h"
 #include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/module_memory_access.h"
 

@@ -3,7 +3,7 @@
    that is passed in. */
 #pragma once
 
-#include "platform/dolm_ric/linux/reader_protocol.h"
+#include "platform/linux_interfaces/reader_protocol.h"
 
 #include <cstdint>
 #include <functional>

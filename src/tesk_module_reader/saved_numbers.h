@@ -5,7 +5,7 @@
    */
 #pragma once
 
-#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/linux_interfaces/port_config.h"
 
 #include <string>
 #include <vector>

@@ -2,10 +2,10 @@
 /* compare_module PORT NAME - reads the module of a port by tesk-module-reader and compares it with
    the text of `ethtool -m` on standard input. NAME is that of the module's image. Ends with 1 where
    a difference can't be explained. */
-#include "platform/dolm_ric/linux/module_decode.h"
-#include "platform/dolm_ric/linux/module_memory.h"
-#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
 #include "platform/dolm_ric/linux/reader_client.h"
+#include "platform/linux_interfaces/port_config.h"
 #include "testkit/modules/ethtool_comparison.h"
 #include "testkit/modules/module_text.h"
 #include "util/descriptor.h"

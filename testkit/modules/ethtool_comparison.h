@@ -3,7 +3,7 @@
  * bytes. */
 #pragma once
 
-#include "platform/dolm_ric/linux/module_contents.h"
+#include "platform/dolm_ric/linux/decode/module_contents.h"
 
 #include <string>
 #include <string_view>

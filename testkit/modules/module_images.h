@@ -2,7 +2,7 @@
 /* module_images - memories of modules, made by hand. */
 #pragma once
 
-#include "platform/dolm_ric/linux/module_memory.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
 
 #include <chrono>
 #include <cstdint>

@@ -3,7 +3,7 @@
    std::system_error. */
 #pragma once
 
-#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <cstdint>
 #include <string>

@@ -2,8 +2,8 @@
 /* Parses random datagrams as messages of the kernel: no byte past the end is read, and for each
    report the table of links announces a limited number of events. Reads get the reported state, and
    the last event has it once the link has settled. */
-#include "platform/dolm_ric/linux/link_report.h"
 #include "platform/dolm_ric/linux/link_table.h"
+#include "platform/linux_interfaces/link_report.h"
 #include "tests/fuzz/fuzz_input.h"
 
 #include <chrono>

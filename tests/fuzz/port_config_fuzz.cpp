@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Parses random text as the configuration of the ports: each accepted port is valid, and each
    message is short and printable. */
-#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/linux_interfaces/port_config.h"
 #include "tests/fuzz/fuzz_input.h"
 
 using namespace linux_board;

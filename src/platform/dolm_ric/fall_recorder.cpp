@@ -217,13 +217,19 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     tell_look_before(its, made);
 }
 
-/* A fall in a burst has a record of its own where the interface was set down or has left. */
+/* Whether somebody has set the interface down, or it has left: no fall of a flapping link. */
+static bool is_deed(const causes::facts &seen, departure left)
+{
+    return seen.set_down.value_or(false) || left != departure::none;
+}
+
+/* Such a fall has a record of its own, and the next one, too. */
 void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at)
 {
     const bool is_set_down = now.state == DOLM_RIC_VALUE_VALID && now.admin == DOLM_RIC_SWITCH_DOWN;
     const bool goes_on = its.open != nullptr && at - its.open->last_at < burst_gap &&
                          at - its.open->at < longest_burst && !is_set_down &&
-                         its.left == departure::none;
+                         its.left == departure::none && !is_deed(its.open->seen, its.open->left);
     if (!goes_on)
         begin(its, now, at);
     fall &open = *its.open;

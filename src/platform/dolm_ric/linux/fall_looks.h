@@ -5,7 +5,7 @@
 
 #include "causes/facts.h"
 #include "platform/dolm_ric/linux/kernel_notes.h"
-#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <cstdint>
 #include <optional>

@@ -4,8 +4,8 @@
    of its own takes the messages, so that each has its time. Times are in ns of CLOCK_BOOTTIME. */
 #pragma once
 
-#include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/worker.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <cstdint>
 #include <map>

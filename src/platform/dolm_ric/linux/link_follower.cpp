@@ -14,8 +14,8 @@
 #include "platform/dolm_ric/linux/link_follower.h"
 
 #include "platform/dolm_ric/dolm_ric_details.h"
-#include "platform/dolm_ric/linux/interfaces.h"
-#include "platform/dolm_ric/linux/module_speed.h"
+#include "platform/dolm_ric/linux/decode/module_speed.h"
+#include "platform/linux_interfaces/interfaces.h"
 #include "util/poll.h"
 
 #include <algorithm>

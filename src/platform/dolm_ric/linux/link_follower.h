@@ -5,8 +5,8 @@
 #pragma once
 
 #include "platform/dolm_ric/linux/link_table.h"
-#include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/worker.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <atomic>
 #include <chrono>

@@ -19,7 +19,7 @@
 #pragma once
 
 #include "platform/dolm_ric/fall_facts.h"
-#include "platform/dolm_ric/linux/link_report.h"
+#include "platform/linux_interfaces/link_report.h"
 
 #include <chrono>
 #include <cstdint>

@@ -7,15 +7,15 @@
 
 #include "platform/dolm_ric/fall_recorder.h"
 #include "platform/dolm_ric/linux/config_watch.h"
+#include "platform/dolm_ric/linux/decode/module_contents.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
 #include "platform/dolm_ric/linux/fall_looks.h"
 #include "platform/dolm_ric/linux/link_follower.h"
-#include "platform/dolm_ric/linux/module_contents.h"
-#include "platform/dolm_ric/linux/module_decode.h"
 #include "platform/dolm_ric/linux/module_follower.h"
 #include "platform/dolm_ric/linux/module_poller.h"
-#include "platform/dolm_ric/linux/port_config.h"
 #include "platform/dolm_ric/port_details.h"
 #include "platform/dolm_ric/port_source.h"
+#include "platform/linux_interfaces/port_config.h"
 
 #include <chrono>
 #include <cstdint>

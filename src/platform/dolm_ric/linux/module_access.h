@@ -3,8 +3,8 @@
    with: the process tesk-module-reader, a file, or a test. */
 #pragma once
 
-#include "platform/dolm_ric/linux/module_memory.h"
-#include "platform/dolm_ric/linux/reader_protocol.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
+#include "platform/linux_interfaces/reader_protocol.h"
 
 #include <array>
 #include <cstdint>

@@ -4,11 +4,11 @@
 #pragma once
 
 #include "platform/dolm_ric/linux/module_files.h"
-#include "platform/dolm_ric/linux/module_leases.h"
 #include "platform/dolm_ric/linux/module_poller.h"
-#include "platform/dolm_ric/linux/netlink.h"
 #include "platform/dolm_ric/linux/reader_client.h"
 #include "platform/dolm_ric/linux/worker.h"
+#include "platform/linux_interfaces/module_leases.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <chrono>
 #include <condition_variable>

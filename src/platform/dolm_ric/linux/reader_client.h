@@ -3,7 +3,7 @@
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
-#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/linux_interfaces/port_config.h"
 
 #include <chrono>
 #include <cstdint>

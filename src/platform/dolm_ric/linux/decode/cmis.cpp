@@ -3,9 +3,9 @@
    in page 01h, limits in page 02h, values and flags of eight lanes in page 11h. A module of more
    lanes has a bank of page 11h for each eight of them. A flat memory, as in cables, ends with page
    00h. Offsets are decimal as there. */
-#include "platform/dolm_ric/linux/module_family.h"
-#include "platform/dolm_ric/linux/module_speed.h"
-#include "platform/dolm_ric/linux/vdm.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
+#include "platform/dolm_ric/linux/decode/module_speed.h"
+#include "platform/dolm_ric/linux/decode/vdm.h"
 
 #include <algorithm>
 #include <bit>

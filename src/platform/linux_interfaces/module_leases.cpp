@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The folder is watched, so that a reading costs one system call more. It comes with the reader's
    socket, perhaps after the board has started; until then it is looked for once a second. */
-#include "platform/dolm_ric/linux/module_leases.h"
+#include "platform/linux_interfaces/module_leases.h"
 
-#include "platform/dolm_ric/linux/reader_protocol.h"
+#include "platform/linux_interfaces/reader_protocol.h"
 #include "util/boot_clock.h"
 
 #include <array>

@@ -2,9 +2,9 @@
 /* The caller of the library grades a value by comparing it with the limits in the same record:
    above both low limits and below both high ones is right, on a limit counts as beyond it. So what
    must not be graded can only be kept from it by limits that no value reaches. */
-#include "platform/dolm_ric/linux/module_decode.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
 
-#include "platform/dolm_ric/linux/module_family.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
 
 #include <algorithm>
 #include <charconv>

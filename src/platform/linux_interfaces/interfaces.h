@@ -3,9 +3,9 @@
    Library and reader both number ports by these functions. Questions wait for the kernel's lock. */
 #pragma once
 
-#include "platform/dolm_ric/linux/link_report.h"
-#include "platform/dolm_ric/linux/netlink.h"
-#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/linux_interfaces/link_report.h"
+#include "platform/linux_interfaces/netlink.h"
+#include "platform/linux_interfaces/port_config.h"
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The numbers of connectors and kinds of modules are those of SFF-8024. */
-#include "platform/dolm_ric/linux/module_family.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
 
 #include <algorithm>
 #include <bit>

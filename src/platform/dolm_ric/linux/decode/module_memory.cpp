@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A module has a dozen stored ranges at most, so they stand in a plain list. */
-#include "platform/dolm_ric/linux/module_memory.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
 
 #include <algorithm>
 

@@ -3,7 +3,7 @@
    functions. */
 #pragma once
 
-#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Only codes whose meaning is certain are listed. */
-#include "platform/dolm_ric/linux/code_names.h"
+#include "platform/dolm_ric/linux/decode/code_names.h"
 
 #include <algorithm>
 

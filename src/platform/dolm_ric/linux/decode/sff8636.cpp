@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The memory of QSFP, QSFP+ and QSFP28 modules, SFF-8636: values and flags of four lanes in the
    lower memory, identity in page 0, limits in page 3. Offsets are decimal as there. */
-#include "platform/dolm_ric/linux/module_family.h"
-#include "platform/dolm_ric/linux/module_speed.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
+#include "platform/dolm_ric/linux/decode/module_speed.h"
 
 #include <algorithm>
 

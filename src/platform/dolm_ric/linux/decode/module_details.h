@@ -4,9 +4,9 @@
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"
-#include "platform/dolm_ric/linux/module_contents.h"
-#include "platform/dolm_ric/linux/module_decode.h"
-#include "platform/dolm_ric/linux/module_memory.h"
+#include "platform/dolm_ric/linux/decode/module_contents.h"
+#include "platform/dolm_ric/linux/decode/module_decode.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
 
 #include <cstdint>
 

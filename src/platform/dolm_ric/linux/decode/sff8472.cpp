@@ -5,9 +5,9 @@
    Externally calibrated modules give raw numbers and constants: slope (unsigned 8.8) and offset
    (signed) for four of the measurements, a polynomial of the fourth degree for rx power, whose
    result counts 0.1 uW as all powers do. Limits are raw numbers of the same kind. */
-#include "platform/dolm_ric/linux/base_t_modules.h"
-#include "platform/dolm_ric/linux/module_family.h"
-#include "platform/dolm_ric/linux/module_speed.h"
+#include "platform/dolm_ric/linux/decode/base_t_modules.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
+#include "platform/dolm_ric/linux/decode/module_speed.h"
 
 #include <algorithm>
 #include <cmath>

@@ -3,9 +3,9 @@
    parts behind module_decode.h and reading_plan(). No state: any thread. */
 #pragma once
 
-#include "platform/dolm_ric/linux/module_contents.h"
-#include "platform/dolm_ric/linux/module_memory.h"
-#include "platform/dolm_ric/linux/module_speed.h"
+#include "platform/dolm_ric/linux/decode/module_contents.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
+#include "platform/dolm_ric/linux/decode/module_speed.h"
 
 #include <array>
 #include <cstddef>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The name of the driver is the last part of the link in the device's folder of sysfs. */
-#include "platform/dolm_ric/linux/driver_logs.h"
+#include "platform/linux_interfaces/driver_logs.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Codes that aren't listed are of other networks than Ethernet, or reserved. */
-#include "platform/dolm_ric/linux/module_speed.h"
+#include "platform/dolm_ric/linux/decode/module_speed.h"
 
 #include "platform/dolm_ric/dolm_ric.h"
 

@@ -3,8 +3,8 @@
    any thread. Whatever the bytes are, the answer is a value or "not known", never a failure. */
 #pragma once
 
-#include "platform/dolm_ric/linux/module_contents.h"
-#include "platform/dolm_ric/linux/module_memory.h"
+#include "platform/dolm_ric/linux/decode/module_contents.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
 
 #include <string_view>
 

@@ -2,7 +2,7 @@
 /* Messages and attributes are padded to four bytes; the padding of the last one may be missing.
    Everything is copied out with memcpy, since nothing in a datagram is sure to be aligned for its
    type. */
-#include "platform/dolm_ric/linux/netlink.h"
+#include "platform/linux_interfaces/netlink.h"
 
 #include "util/poll.h"
 

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"
-#include "platform/dolm_ric/linux/module_memory.h"
+#include "platform/dolm_ric/linux/decode/module_memory.h"
 
 #include <cstdint>
 

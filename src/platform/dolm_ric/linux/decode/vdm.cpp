@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A descriptor is two bytes: the number of its limits within the group and a lane, and what is
    observed. Values and limits are 16 bits, signed or not, or a number with a decimal exponent. */
-#include "platform/dolm_ric/linux/vdm.h"
+#include "platform/dolm_ric/linux/decode/vdm.h"
 
 #include "platform/dolm_ric/details_record.h"
-#include "platform/dolm_ric/linux/module_family.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
 
 #include <algorithm>
 #include <cmath>

@@ -2,7 +2,7 @@
 /* Order of work: list_interfaces() dumps all interfaces, again where the list changed meanwhile;
    sort_interfaces() puts them into the order of their devices, and port_of() makes a line of the
    configuration of one. */
-#include "platform/dolm_ric/linux/interfaces.h"
+#include "platform/linux_interfaces/interfaces.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: parse_link() takes the fixed part of a message of the kernel, then one attribute
    after the other; link_question() asks for such a message. */
-#include "platform/dolm_ric/linux/link_report.h"
+#include "platform/linux_interfaces/link_report.h"
 
 #include <linux/if.h>
 #include <linux/if_link.h>

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The file is written by people and read by two processes, one of which has more rights than its
    users: every size is bounded, and bytes of the file are escaped before they are shown. */
-#include "platform/dolm_ric/linux/port_config.h"
+#include "platform/linux_interfaces/port_config.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The identity by the three layouts. What decode_module() has decoded already, such as the vendor,
    is taken from there; offsets are decimal, as in the layouts' own sources. */
-#include "platform/dolm_ric/linux/code_names.h"
-#include "platform/dolm_ric/linux/module_details.h"
-#include "platform/dolm_ric/linux/module_family.h"
+#include "platform/dolm_ric/linux/decode/code_names.h"
+#include "platform/dolm_ric/linux/decode/module_details.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
 
 #include <algorithm>
 #include <bit>

@@ -3,11 +3,11 @@
    A value that is missing gets its reason from the first of these that holds: copper has no light;
    the module has no diagnostics; its values were refused; it isn't ready; a part of its memory
    wasn't read; it doesn't measure that. */
-#include "platform/dolm_ric/linux/module_details.h"
+#include "platform/dolm_ric/linux/decode/module_details.h"
 
 #include "platform/dolm_ric/details_record.h"
-#include "platform/dolm_ric/linux/module_family.h"
-#include "platform/dolm_ric/linux/vdm.h"
+#include "platform/dolm_ric/linux/decode/module_family.h"
+#include "platform/dolm_ric/linux/decode/vdm.h"
 
 #include <algorithm>
 #include <array>
