@@ -20,6 +20,8 @@
 #include <new>
 #include <pthread.h>
 #include <sys/timex.h>
+#include <unistd.h>
+#include <vector>
 
 namespace board
 {
@@ -117,8 +119,13 @@ void fall_recorder::leave_out(uint32_t port)
 {
     const std::lock_guard guard(lock_);
     const auto found = ports_.find(port);
-    if (found != ports_.end())
-        found->second.link = {};
+    if (found == ports_.end())
+        return;
+    /* Another interface may get its number. */
+    close(found->second);
+    port_watch none;
+    none.closed.swap(found->second.closed);
+    found->second = std::move(none);
 }
 
 /* Without memory the fall isn't recorded, and all else goes on. */
@@ -235,6 +242,8 @@ void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now,
     if (!goes_on)
         begin(its, now, at);
     fall &open = *its.open;
+    if (open.looks == std::size(looks_at)) /* it may stay down */
+        open.due = std::min(open.due, at + risen_after);
     open.last_at = at;
     open.up_at = 0;
     open.is_changed = true;
@@ -389,11 +398,14 @@ void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
         forget_departure(seen);
 }
 
-/* The bound that the time service gives, where one keeps the clock. */
+/* The bound that the time service gives, where one keeps the clock. That of systemd is none: it
+   begins at zero with each answer of its server, however long that took. */
 static void tell_clock(causes::facts &seen)
 {
     timex clock = {};
     constexpr double us = 1e6;
+    if (access("/run/systemd/timesync/synchronized", F_OK) == 0)
+        return;
     if (adjtimex(&clock) >= 0 && (clock.status & STA_UNSYNC) == 0)
         seen.clock_error_s = static_cast<double>(clock.maxerror) / us;
 }
@@ -462,6 +474,21 @@ bool fall_recorder::look_again(uint32_t port, fall &its, std::unique_lock<std::m
     return true;
 }
 
+/* Of a writing; `error` is 0 if it was done. */
+void fall_recorder::tell_result(uint32_t port, int error)
+{
+    if (error == 0) {
+        failing_.erase(port);
+        if (failing_.empty())
+            told_.clear();
+        return;
+    }
+    failing_.insert(port);
+    if (told_.insert(error).second)
+        fprintf(stderr, "libdolm_ric: cannot record falls in %s/%u: %s; it is tried again\n",
+                folder_.c_str(), port, strerror(error));
+}
+
 /* Writes a record. False if it couldn't be written. */
 bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard)
 {
@@ -470,16 +497,14 @@ bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex>
     const size_t files = ports_.size();
     its.is_changed = false;
     guard.unlock();
-    const bool is_kept = keep_fall(folder_, port, line, its.is_written, files);
-    const int error = errno;
+    const bool is_kept = keep_fall(folder_, port, line, its.is_written, files, taken_);
+    const int error = is_kept ? 0 : errno;
+    if (error == ENOENT && make_falls_folder(folder_)) /* for the next time */
+        taken_ = trim_falls(folder_);
     guard.lock();
-    if (error == ENOENT && !is_kept)
-        make_falls_folder(folder_); /* for the next time */
     its.is_written |= is_kept;
     its.is_changed |= !is_kept;
-    if (!std::exchange(has_failed_, !is_kept) && !is_kept)
-        fprintf(stderr, "libdolm_ric: cannot record falls in %s: %s; it is tried again\n",
-                folder_.c_str(), strerror(error));
+    tell_result(port, error);
     return is_kept;
 }
 
@@ -522,15 +547,16 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
 /* What is due for one port. */
 void fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
 {
-    if (!write_closed(port, guard))
-        return;
-    while (const fall *open = ports_.at(port).open.get()) {
+    const bool is_kept = write_closed(port, guard);
+    while (fall *open = ports_.at(port).open.get()) {
         if (open->due > now)
             return;
         if (open->looks < std::size(looks_at))
             look(port, guard);
-        else
+        else if (is_kept)
             settle(port, now, guard);
+        else
+            open->due = now + retry_after; /* the records are written in their order */
     }
     if (ports_.at(port).closed.empty())
         busy_.erase(port);
@@ -543,8 +569,8 @@ int64_t fall_recorder::next_due(int64_t now) const
     for (const uint32_t port : busy_) {
         const port_watch &its = ports_.at(port);
         if (!its.closed.empty())
-            next = std::min(next, now + (has_failed_ ? retry_after : 0));
-        else if (its.open != nullptr)
+            next = std::min(next, now + (failing_.contains(port) ? retry_after : 0));
+        if (its.open != nullptr)
             next = std::min(next, its.open->due);
     }
     return next;
@@ -601,6 +627,7 @@ void fall_recorder::start(const std::string &folder, lookers look, bool has_thre
     if (!make_falls_folder(folder_))
         fprintf(stderr, "libdolm_ric: cannot make %s for falls: %s\n", folder_.c_str(),
                 strerror(errno));
+    taken_ = trim_falls(folder_);
     {
         const std::lock_guard guard(lock_);
         is_on_ = true;

@@ -8,7 +8,8 @@
    follows another one of its port within ten seconds counts in the record of that one, unless
    something else happened to the interface.
 
-   A file that can't be written is tried again each second; one line on stderr says why. */
+   A file that can't be written is tried again each second; one line on stderr says why, for each
+   reason, until all files can be written. */
 #pragma once
 
 #include "causes/facts.h"
@@ -127,6 +128,7 @@ class fall_recorder
     /* The thread's; `guard` is held but for what is asked or written. */
     void look(uint32_t port, std::unique_lock<std::mutex> &guard);
     bool look_again(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
+    void tell_result(uint32_t port, int error);
     bool write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
     bool write_closed(uint32_t port, std::unique_lock<std::mutex> &guard);
     void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
@@ -148,7 +150,10 @@ class fall_recorder
     std::set<uint32_t> busy_; /* ports with an open or closed record */
     int64_t next_ = INT64_MAX;
     bool is_on_ = false, is_stopping_ = false;
-    bool has_failed_ = false; /* the last writing */
+    std::set<uint32_t> failing_; /* ports whose file couldn't be written */
+    std::set<int> told_;         /* why, as told since all could be */
+
+    size_t taken_ = 0; /* by the folder; the thread's */
 
     std::thread thread_;
 };
