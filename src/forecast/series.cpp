@@ -18,7 +18,8 @@ double middle(std::span<float> values)
     return sum / static_cast<double>(values.size() - 2 * cut);
 }
 
-/* Of an even number of values: two wild ones of six don't move it far. */
+/* The mean of the middle two of an even number of values. Two wild values of six don't move this
+   median far. */
 static double median(std::span<float> values)
 {
     std::sort(values.begin(), values.end());

@@ -157,9 +157,9 @@ static void pause_for(long ms)
     nanosleep(&pause, nullptr);
 }
 
-/* Before the wait is repeated after so many failures in a row: a short one at first, as the failure
-   may be temporary, then doubled up to the longest, so that a library that fails permanently costs
-   hardly any CPU time and ten traces a second. */
+/* Pauses before the wait for an event is repeated, after so many failures in a row. The first pause
+   is short, as the failure may be temporary; each further one is twice as long, up to the longest,
+   so that a library that fails permanently costs hardly any CPU time and ten traces a second. */
 static void pause_after_failures(uint32_t failures)
 {
     long pause_ms = shortest_pause_ms;

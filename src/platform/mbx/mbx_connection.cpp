@@ -127,8 +127,8 @@ bool trim(connection &c)
     return c.ring.touched() > 0;
 }
 
-/* Late is one that has left something in its ring for longer. One that asks for much at once, and
-   reads it soon, is not late. */
+/* A receiver is late when a signal has stayed in its ring for longer than time_to_read. One that
+   asks for much at once, and reads it soon, is not late. */
 holding weigh(const connection &c, time_point now)
 {
     static constexpr auto time_to_read = std::chrono::milliseconds(100);

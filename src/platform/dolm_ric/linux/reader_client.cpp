@@ -148,7 +148,8 @@ int reader_client::ask_itself(reader_question question, uint64_t &checksum)
     return error == 0 && answer.error != 0 ? ENOTCONN : error;
 }
 
-/* A second reader with another configuration has not only missed the moment of a replacement. */
+/* While the configuration is replaced, a reader may still have the former one. The third reader in
+   a row with another configuration is reported: the two sides do not read the same file. */
 int reader_client::agree()
 {
     uint64_t theirs = 0;

@@ -28,7 +28,8 @@ struct graded_value {
 
 enum class sign : uint8_t { any, never_negative };
 
-/* Bit n: lane n. Those of the port, and those that are dark on purpose. */
+/* Bit n stands for lane n: `own` has the lanes of the port, `off` those that are dark on purpose.
+ */
 struct lane_choice {
     uint32_t own;
     uint32_t off;

@@ -188,7 +188,7 @@ static void count(counted &its, int64_t at)
     its.last_at = at;
 }
 
-/* What was there before can't be "not read yet". */
+/* A value that was read before is lost when its read fails: it is no longer "not read yet". */
 static void set_missing(uint32_t why, dolm_ric_details_value &to)
 {
     const bool is_lost = why == DOLM_RIC_VALUE_NOT_READ && to.read_at != 0;
