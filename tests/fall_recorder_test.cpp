@@ -398,6 +398,38 @@ TEST_F(fall_recorder_test, a_carrier_counted_at_the_start_and_a_port_left_out_ar
     EXPECT_EQ(falls(1).size(), 0U);
 }
 
+/* The last look at port 0 took long: the others don't wait for the next one. */
+TEST_F(fall_recorder_test, a_slow_driver_is_asked_last)
+{
+    std::string asked;
+    board::fall_recorder own({.oldest_look = 30 * second, .youngest_look = second},
+                             [this] { return now; });
+    own.start(folder,
+              {.fell =
+                   [&](uint32_t port, int64_t, causes::facts &) {
+                       asked += std::to_string(port);
+                       now += port == 0 ? second : 0;
+                   },
+               .risen = [](uint32_t, int64_t, causes::facts &seen) { seen.errors_again = 1e-4; }},
+              false);
+    for (const uint32_t state : {DOLM_RIC_SWITCH_UP, DOLM_RIC_SWITCH_DOWN})
+        for (const uint32_t port : all_ports) {
+            record_of(port).link.oper = state;
+            own.see(record_of(port));
+        }
+    own.work();
+    now += second;
+    own.work();
+    EXPECT_EQ(asked, "012112200");
+    now += 10 * second;
+    own.work();
+    record_of(1).link.oper = DOLM_RIC_SWITCH_UP;
+    own.see(record_of(1));
+    now += 4 * second;
+    own.work();
+    EXPECT_EQ(causes::judge(falls(1).back()).ill.size(), 1U) << "up, with many errors";
+}
+
 /* A module with other lanes can't be compared, and such a record couldn't be read. */
 TEST_F(fall_recorder_test, lists_have_one_length)
 {
