@@ -371,10 +371,10 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     EXPECT_EQ(record.vdm[2].value, -10);
     module_memory memory = read_at(module, 150);
     memory.drop(vdm_flags_range);
-    take_vdm(memory, record);
+    take_vdm(memory, DOLM_RIC_VALUE_VALID, record);
     EXPECT_EQ(record.vdm[0].raised, DOLM_RIC_VDM_FLAGS_UNKNOWN);
     memory.drop(vdm_range(vdm_descriptors, 0));
-    take_vdm(memory, record);
+    take_vdm(memory, DOLM_RIC_VALUE_VALID, record);
     EXPECT_EQ(record.vdm_state, uint32_t{DOLM_RIC_VALUE_NOT_READ});
     for (size_t at = 128; at < 256; at += 2)
         put(0x20, at, 0);

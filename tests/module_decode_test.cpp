@@ -458,10 +458,10 @@ TEST(plan, reads_what_the_module_has_and_nothing_else)
     const std::pair<image, size_t> sizes[] = {
         {garbled, 1 + 96},
         {plain, 1 + 96 + 28},
-        {sfp(), 1 + 96 + 28 + 118},
+        {sfp(), 1 + 96 + 28 + 120},
         {flat, 1 + 96 + 28 + 1 + 58 + 1},
         {qsfp(), 1 + 96 + 28 + 1 + 58 + 1 + 72},
-        {cmis(), 1 + 95 + 24 + 34 + 18 + 2 * 128 + 2 * 87 + 4}};
+        {cmis(), 1 + 95 + 24 + 34 + 24 + 2 * 128 + 2 * 87 + 4}};
     for (const auto &[module, expected] : sizes) {
         size_t size = 0;
         for (const reading_step &step : reading_plan(module.read()))
