@@ -86,6 +86,14 @@ TEST(sfp_values, external_calibration)
         const auto lanes = contents_of(end).rx_power.lanes;
         EXPECT_EQ(lanes.empty() ? -1 : lanes[0].value, expected) << upper;
     }
+    /* Constants that make nothing of a number: slopes of 0, and an offset that leaves 0 V. */
+    const std::pair<size_t, int> zeros[] = {{76, 0}, {80, 0}, {84, 0}, {88, 0}, {90, -32000}};
+    for (const auto &[at, word] : zeros) {
+        image zero = external_sfp({-2560, 32000, 3000, 2500, 1000});
+        put16(zero.a2, at, word), put_sum(zero.a2, 0, 95);
+        EXPECT_EQ(records_of(zero).diag_result, DOLM_RICERR_NOTAVAIL) << at;
+        EXPECT_EQ(contents_of(zero).doubts.size(), 1u) << at;
+    }
 }
 
 TEST(sfp_values, halves_are_rounded_away_from_zero)
