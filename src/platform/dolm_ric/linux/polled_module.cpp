@@ -47,7 +47,7 @@ static constexpr auto reader_interval = 1s;
 static constexpr auto lost_time = 15s; /* a module that can't be read for so long isn't ready */
 /* A range that fails keeps what it gave before, up to that age: one failure loses nothing. Of one
    that is read slowly it is the pause between two readings and this. */
-static constexpr auto longest_age = 15s;
+static constexpr auto longest_kept = 15s;
 static constexpr auto time_to_repeat = 5s;
 static constexpr int fast_tries = 10;
 static constexpr int medium_tries = 12;
@@ -478,7 +478,7 @@ bool polled_module::forget_old()
         if (!its.was_there || !read_at || step == plan.end())
             continue;
         const bool is_slow = step->when == reading_time::slowly;
-        const duration most = is_slow ? slow_pause() + time_to_repeat : duration(longest_age);
+        const duration most = is_slow ? slow_pause() + time_to_repeat : duration(longest_kept);
         if (std::max(its.due, shared_.now()) - *read_at <= most)
             continue;
         memory_.drop(its.range);
