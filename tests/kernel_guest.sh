@@ -287,7 +287,8 @@ falls_are_explained() {
 was_counted() { [ "$(cat $cages/cage1/counter_reads)" -ge "$1" ]; } # TIMES
 is_counted() { await was_counted "$1" || await was_counted "$1"; }
 
-# Errors on port 1, counted twice before it falls; FEC of port 2 is changed just before it falls.
+# Errors on port 1, counted twice before it falls; FEC of port 2 is changed just before it falls, and
+# the driver of port 6 leaves.
 shown_by_the_driver() {
     all_is_well
     sleep 3 # so that port 1 has been up for long enough
@@ -299,10 +300,15 @@ shown_by_the_driver() {
     set_cage 1 fec_uncorrectable 9000
     set_cage 1 carrier 0
     ethtool --set-fec cage2 encoding baser
+    set_cage 2 fail 1
     set_cage 2 carrier 0
     explains 1 "errors rose, likely"
     check "by what came before the fall" says "12 blocks couldn't be corrected" teskctl why 1 --last 1
     explains 2 "settings differ, likely"
+    check "and its error is named" says "The driver reported an error: fw_fatal." teskctl why 2 --last 1
+    usleep 2000000 # the message about port 6 tells of nothing that was before
+    echo cageports.3 >/sys/bus/platform/drivers/cageports/unbind
+    explains 6 "driver gone, likely" 3
     put $cages/cage0 made-other-sfp
     check "port 0 has its module" await shows_serial 0 0002
 }
