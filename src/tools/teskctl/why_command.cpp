@@ -57,17 +57,15 @@ static std::string text_of(const causes::facts &seen, const causes::verdict &its
     return shown;
 }
 
-static std::vector<uint32_t> all_recorded_ports(const std::string &folder, bool &is_whole)
+static void keep_first(std::vector<uint32_t> &ports, const std::string &folder, bool &is_whole)
 {
-    std::vector<uint32_t> ports = ports_with_falls(folder);
     if (ports.size() <= most_ports_with_falls)
-        return ports;
+        return;
     complain("teskctl", fmt::format("{}: of {} ports those of the first {} are shown: a board "
                                     "records no more",
                                     escape(folder), ports.size(), most_ports_with_falls));
     ports.resize(most_ports_with_falls);
     is_whole = false;
-    return ports;
 }
 
 /* What is damaged keeps nobody from the other falls. */
@@ -75,8 +73,10 @@ static std::vector<causes::facts> recorded(const ports_text &text, bool &is_whol
 {
     const std::string folder = falls_folder();
     const bool wants_all = text.empty() || is_all(text);
-    std::vector<uint32_t> ports = all_recorded_ports(folder, is_whole);
-    if (!wants_all)
+    std::vector<uint32_t> ports = ports_with_falls(folder);
+    if (wants_all)
+        keep_first(ports, folder, is_whole);
+    else
         ports = parse_ports(text, port_names());
     std::vector<causes::facts> found;
     for (const uint32_t port_no : ports) {
