@@ -45,6 +45,10 @@ static const struct {
     {R"("set_down": true)", "set down", certainty::certain},
     {R"("set_down": true, "serial_after": null)", "set down", certainty::likely},
     {R"("set_down": true, "device_reset": null)", "set down", certainty::likely},
+    {std::string(R"("set_down": true, )") + dark, "set down", certainty::likely},
+    {R"("set_down": true, "rx_after": null, "rx_los_after": null)", "set down", certainty::likely},
+    {R"("set_down": true, "medium": "copper", "rx_before": null, "rx_after": null)", "set down",
+     certainty::certain},
     {R"("set_down": true, "serial_after": "B")", "set down", certainty::likely},
     {R"("set_down": true, "interface_moved": true, "interface_removed": true)", "interface moved",
      certainty::certain},
@@ -55,6 +59,10 @@ static const struct {
     {R"("device_reset": true, "device_others_fell": 3, "device_others_stayed": 0)", "device reset",
      certainty::certain},
     {R"("device_others_fell": 3, "device_others_stayed": 0)", "device reset", certainty::likely},
+    {R"("device_others_fell": 1, "device_others_stayed": 0, "remote_fault": true)", "device reset",
+     certainty::possible},
+    {R"("device_others_fell": 1, "device_others_stayed": 0, "rx_after": [-2, -40, -2, -2])",
+     "lane lost", certainty::likely},
     {R"("device_others_fell": 2, "device_others_stayed": 1)", "not known", certainty::possible},
     {R"("machine_others_fell": 4, "machine_others_stayed": 0)", "not known", certainty::possible},
     {std::string(R"("rx_lost_before": 37, "rx_before": [-40, -40, -40, -40], )") + dark,
@@ -79,13 +87,27 @@ static const struct {
     {R"("state_after": "starting")", "module failed", certainty::likely},
     {R"("state_after": "fault", "temperature_before": 80)", "module hot", certainty::likely},
     {R"("temperature_before": 80)", "not known", certainty::possible},
+    {R"("state_after": "fault", "temperature_before": null, "extended_state": "Overheat")",
+     "module hot", certainty::likely},
+    {R"("extended_state": "Overheat")", "module hot", certainty::possible},
+    {R"("extended_state": "No cable", "present_after": null)", "module pulled",
+     certainty::possible},
+    {R"("extended_state": "No cable")", "not known", certainty::possible},
+    {R"("extended_state": "Power budget exceeded")", "module failed", certainty::possible},
+    {std::string(R"("temperature_before": 80, )") + dark, "light lost", certainty::possible},
     {R"("tx_fault_after": [0, 1, 0, 0])", "transmitter fault", certainty::likely},
+    {std::string(R"("tx_fault_after": [0, 1, 0, 0], )") + dark, "transmitter fault",
+     certainty::possible},
     {R"("tx_fault_after": [0, 1, 0, 0], "tx_fault_before": [0, 1, 0, 0])", "not known",
      certainty::possible},
     {R"("bias_after": [0, 0, 0, 0], "tx_after": [-40, -40, -40, -40])", "laser dark",
      certainty::likely},
     {R"("settings_changed": true)", "settings differ", certainty::likely},
-    {R"("rx_lost_before": 5, "rx_before": [-11, -11, -11, -11])", "light faded", certainty::likely},
+    {R"("rx_lost_before": 5, "rx_before": [-11, -11, -11, -11], "rx_after": [-14, -14, -14, -14])",
+     "light faded", certainty::likely},
+    {R"("rx_before": [-11, -2, -2, -2], "rx_after": [-13, -2, -2, -2], "rx_los_after": [1, 0, 0, 0])",
+     "light faded", certainty::likely},
+    {R"("rx_lost_before": 3, "remote_fault": true)", "far side deaf", certainty::likely},
     {dark, "light lost", certainty::likely},
     {std::string(R"("rx_lost_before": null, )") + dark, "light lost", certainty::possible},
     {std::string(R"("rx_after": null, "rx_los_after": [1, 1, 1, 1])"), "light lost",
@@ -107,6 +129,9 @@ static const struct {
     {std::string(R"("extended_state": "Autoneg", )") + dark, "light lost", certainty::likely},
     {R"("extended_state": "Autoneg", "medium": "copper", "rx_before": null, "rx_after": null)",
      "negotiation failed", certainty::possible},
+    {R"("rx_after": [-20, -19, -21, -20], "rx_los_after": [1, 1, 1, 1])", "light lost",
+     certainty::likely},
+    {R"("falls_in_hour": 37)", "flapping", certainty::possible},
     {R"("falls_in_minute": 9)", "flapping", certainty::possible},
     {R"("falls_in_minute": 2)", "not known", certainty::possible},
     {"", "not known", certainty::possible},
@@ -140,7 +165,9 @@ TEST(causes, no_other_cause_becomes_certain_when_facts_are_missing_or_mixed)
         for (const auto &[first, fewer] : without_each(all)) {
             expect_no_other(with, fewer, its.changes + " without " + first);
             for (const auto &[second, fewest] : without_each(fewer))
-                expect_no_other(with, fewest, its.changes + " without " + first + ", " + second);
+                if (first < second)
+                    expect_no_other(with, fewest,
+                                    its.changes + " without " + first + ", " + second);
         }
         for (const auto &other : cases) {
             const std::string both = its.changes +
@@ -166,6 +193,11 @@ TEST(causes, a_link_that_came_back_worse_is_ill)
     EXPECT_EQ(ills(R"("speed_before": 100000, "speed_after": 25000, "lanes_before": 4,
                        "lanes_after": 1)"),
               2u);
+    EXPECT_EQ(ills(R"("settings_changed": true, "speed_before": 100000, "speed_after": 25000)"),
+              0u);
+    EXPECT_EQ(ills(R"("serial_after": "B", "rx_again": [-5, -5, -5, -5], "errors_again": 1e-6)"),
+              0u)
+        << "of another module";
 }
 
 TEST(causes, two_ends_tell_more_as_far_as_their_clocks_allow)

@@ -24,6 +24,12 @@ static constexpr double no_limit = 20;
 static constexpr double usual_errors = 10;
 /* A swap by hand takes longer, and one that follows another cause takes much longer. */
 static constexpr double soonest_swap = 10;
+/* Of a receiver: what it hears with so much above its limit has not become too weak. */
+static constexpr double safe_margin = 3;
+/* A loss at once is larger than what light that fades loses between two looks. */
+static constexpr double sudden_loss = 6;
+/* More falls in an hour than a person causes who works on it. */
+static constexpr double many_in_hour = 10;
 /* Forward error correction (RS) fails within a decade of this. */
 static constexpr double usual_errors_limit = 2e-4;
 
@@ -63,7 +69,7 @@ sign has_moved(const facts &seen)
 
 sign was_unbound(const facts &seen)
 {
-    return of_flag(seen.driver_unbound, "The driver left the device.");
+    return of_flag(seen.driver_unbound, "The driver was unbound from the device.");
 }
 
 sign was_removed(const facts &seen)
@@ -86,16 +92,18 @@ static sign did_all_fall(const number &fell, const number &stayed, const char *s
 
 sign fell_with_device(const facts &seen)
 {
-    return did_all_fall(seen.device_others_fell, seen.device_others_stayed,
-                        "All ports of the device fell within a second: {:.0f} more.");
+    return did_all_fall(
+        seen.device_others_fell, seen.device_others_stayed,
+        "All other ports of the device that were up fell within a second, too: {:.0f}.");
 }
 
 sign fell_with_machine(const facts &seen)
 {
     if (seen.device_others_stayed.value_or(0) > 0)
         return {answer::no, ""};
-    return did_all_fall(seen.machine_others_fell, seen.machine_others_stayed,
-                        "All ports of other devices fell within the same second, too: {:.0f}.");
+    return did_all_fall(
+        seen.machine_others_fell, seen.machine_others_stayed,
+        "All ports of other devices that were up fell within a second, too: {:.0f}.");
 }
 
 /* What a bus gives that nobody drives, or a module without a number. */
@@ -137,13 +145,40 @@ sign has_module_failed(const facts &seen)
             fmt::format("The module's state went from ready to {}.", *seen.state_after)};
 }
 
+/* Drivers fill the extended state late, or wrongly: it shows nothing by itself. */
+static sign driver_says(const facts &seen, std::initializer_list<const char *> states)
+{
+    if (!seen.extended_state)
+        return {};
+    return {to_answer(std::ranges::any_of(
+                states, [&](const char *each) { return *seen.extended_state == each; })),
+            fmt::format("The driver says: {}.", *seen.extended_state)};
+}
+
+sign says_module_hot(const facts &seen)
+{
+    return driver_says(seen, {"Overheat"});
+}
+
+/* Of a module that is known to be there this means that the far end is silent. */
+sign says_module_gone(const facts &seen)
+{
+    return seen.present_after.value_or(false) ? sign{answer::no, ""}
+                                              : driver_says(seen, {"No cable"});
+}
+
+sign says_module_failed(const facts &seen)
+{
+    return driver_says(seen, {"Module", "Cable issue", "EEPROM issue", "Power budget exceeded"});
+}
+
 /* A module that is too hot by its own limit switches itself off. */
 sign is_module_hot(const facts &seen)
 {
     if (!seen.temperature_before || seen.temperature_high_alarm.value_or(0) <= no_limit)
-        return {};
+        return says_module_hot(seen).is == answer::yes ? says_module_hot(seen) : sign{};
     return {to_answer(*seen.temperature_before >= *seen.temperature_high_alarm),
-            fmt::format("It had {:.1f} degrees, its alarm limit is {:.1f}.",
+            fmt::format("The module had {:.1f} degrees Celsius; its alarm limit is {:.1f}.",
                         *seen.temperature_before, *seen.temperature_high_alarm)};
 }
 
@@ -158,7 +193,7 @@ sign has_tx_fault(const facts &seen)
     if (!seen.tx_fault_before)
         return {};
     return {to_answer(count_on(*seen.tx_fault_before) < after),
-            fmt::format("The module says that its transmitter failed on {} of {} lanes.", after,
+            fmt::format("The module reports a fault of its transmitter on {} of {} lanes.", after,
                         seen.tx_fault_after->size())};
 }
 
@@ -170,29 +205,57 @@ sign is_laser_dark(const facts &seen)
                std::ranges::all_of(*after, [&](double v) { return v <= least; });
     };
     if (went_off(seen.bias_before, seen.bias_after, no_bias))
-        return {answer::yes, fmt::format("The lasers have {:.1f} mA, and had {:.1f} mA.",
+        return {answer::yes, fmt::format("The laser's current is {:.1f} mA, it was {:.1f} mA.",
                                          seen.bias_after->front(), seen.bias_before->front())};
     if (went_off(seen.tx_before, seen.tx_after, dark))
-        return {answer::yes, fmt::format("The module sends {:.1f} dBm, and sent {:.1f} dBm.",
+        return {answer::yes, fmt::format("The module sends {:.1f} dBm, before the fall {:.1f} dBm.",
                                          seen.tx_after->front(), seen.tx_before->front())};
     if (seen.tx_off_before && seen.tx_off_after &&
         count_on(*seen.tx_off_after) > count_on(*seen.tx_off_before))
-        return {answer::yes, fmt::format("{} of {} lanes were switched off.",
-                                         count_on(*seen.tx_off_after), seen.tx_off_after->size())};
+        return {answer::yes,
+                fmt::format("The transmitter is switched off on {} of {} lanes, and wasn't before.",
+                            count_on(*seen.tx_off_after), seen.tx_off_after->size())};
     return seen.bias_after || seen.tx_after ? sign{answer::no, ""} : sign{};
+}
+
+/* Light that was near its limit, and is a little below it now. */
+static bool has_become_too_weak(const facts &seen)
+{
+    if (!seen.rx_before || !seen.rx_after)
+        return false;
+    const double before = std::ranges::min(*seen.rx_before),
+                 after = std::ranges::min(*seen.rx_after);
+    return before < low_alarm(seen) + safe_margin && after < low_alarm(seen) && after < before &&
+           after > before - sudden_loss;
 }
 
 sign has_faded(const facts &seen)
 {
+    if (has_become_too_weak(seen))
+        return {answer::yes,
+                fmt::format("The weakest lane receives {:.1f} dBm, before the fall {:.1f} dBm; its "
+                            "limit is {:.1f} dBm.",
+                            std::ranges::min(*seen.rx_after), std::ranges::min(*seen.rx_before),
+                            low_alarm(seen))};
     if (!seen.rx_lost_before)
         return {};
-    /* What was dark already was lost, and the fall told late. */
-    if (seen.rx_before && std::ranges::min(*seen.rx_before) <= dark)
+    /* What was dark already was lost, and the fall told late. What is strong still is enough. */
+    if ((seen.rx_before && std::ranges::min(*seen.rx_before) <= dark) ||
+        (seen.rx_after && std::ranges::min(*seen.rx_after) >= low_alarm(seen) + safe_margin))
         return {answer::no, ""};
     const std::string time = seen.lost_in_s ? fmt::format(" within {:.0f} s", *seen.lost_in_s) : "";
     return {to_answer(*seen.rx_lost_before >= much_loss),
-            fmt::format("The received light lost {:.1f} dB{} before the fall.",
+            fmt::format("The received light became {:.1f} dB weaker{} before the fall.",
                         *seen.rx_lost_before, time)};
+}
+
+/* A little light may be left in a fibre that is bent or half pulled. */
+static bool is_lane_dark(const facts &seen, size_t lane)
+{
+    const double level = (*seen.rx_after)[lane];
+    const bool is_told = seen.rx_los_after && (*seen.rx_los_after)[lane] > 0;
+    const bool was_sudden = !seen.rx_before || (*seen.rx_before)[lane] >= level + sudden_loss;
+    return level <= dark || (is_told && was_sudden && level < low_alarm(seen));
 }
 
 /* Lanes that were lit before, and are dark now. A cable of copper that isn't known as one reads as
@@ -205,8 +268,7 @@ static std::optional<size_t> lanes_lost(const facts &seen, size_t &lanes)
         lanes = seen.rx_after->size();
         size_t lost = 0;
         for (size_t lane = 0; lane < lanes; lane++)
-            lost += (*seen.rx_after)[lane] <= dark &&
-                    (!seen.rx_before || (*seen.rx_before)[lane] > dark);
+            lost += is_lane_dark(seen, lane) && (!seen.rx_before || (*seen.rx_before)[lane] > dark);
         return lost;
     }
     if (!seen.rx_los_after)
@@ -228,10 +290,13 @@ sign is_all_dark(const facts &seen)
     const auto lost = is_copper(seen).is == answer::yes ? std::nullopt : lanes_lost(seen, lanes);
     if (!lost)
         return {};
-    const std::string level =
-        seen.rx_before ? fmt::format(", which had {:.1f} dBm before", seen.rx_before->front()) : "";
+    const std::string after =
+        seen.rx_after ? fmt::format("{:.1f} dBm", std::ranges::max(*seen.rx_after)) : "none";
+    const std::string before =
+        seen.rx_before ? fmt::format(", before {:.1f} dBm", std::ranges::max(*seen.rx_before)) : "";
     return {to_answer(*lost == lanes && lanes > 0),
-            fmt::format("No light is received on any of {} lanes{}.", lanes, level)};
+            fmt::format("The received light is gone{}: {}{}.",
+                        lanes == 1 ? "" : fmt::format(" on all {} lanes", lanes), after, before)};
 }
 
 sign is_one_lane_dark(const facts &seen)
@@ -253,17 +318,24 @@ sign is_light_there(const facts &seen)
             fmt::format("Light is received: {:.1f} dBm on the weakest lane.", least)};
 }
 
+/* Light that is gone may have been lost first, unseen, whatever else was done then. A cable of
+   copper, and a port without a module, have none to lose. */
+sign is_light_missing(const facts &seen)
+{
+    const bool is_empty = !seen.present_before.value_or(true) && !seen.present_after.value_or(true);
+    if (is_copper(seen).is == answer::yes || is_empty)
+        return {answer::no, ""};
+    if (!seen.rx_after && !seen.rx_los_after)
+        return {};
+    const bool is_weak = seen.rx_after && std::ranges::min(*seen.rx_after) < low_alarm(seen);
+    const bool is_told = seen.rx_los_after && count_on(*seen.rx_los_after) > 0;
+    return {to_answer(is_weak || is_told),
+            "Light is missing at the first look after it: it may have been lost before."};
+}
+
 sign says_far_side_deaf(const facts &seen)
 {
     return of_flag(seen.remote_fault, "The far end says that it doesn't receive (remote fault).");
-}
-
-/* Drivers fill the extended state late, or wrongly: it shows nothing by itself. */
-static bool says(const facts &seen, std::initializer_list<const char *> states)
-{
-    return seen.extended_state && std::ranges::any_of(states, [&](const char *each) {
-               return *seen.extended_state == each;
-           });
 }
 
 sign has_no_lock(const facts &seen)
@@ -272,8 +344,9 @@ sign has_no_lock(const facts &seen)
         return {answer::yes,
                 fmt::format("The module finds no clock in the signal of {} of {} lanes.",
                             count_on(*seen.rx_lol_after), seen.rx_lol_after->size())};
-    if (says(seen, {"Link logical mismatch", "Bad signal integrity"}))
-        return {answer::yes, fmt::format("The driver says: {}.", *seen.extended_state)};
+    if (const sign said = driver_says(seen, {"Link logical mismatch", "Bad signal integrity"});
+        said.is == answer::yes)
+        return said;
     return seen.rx_lol_after ? sign{answer::no, ""} : sign{};
 }
 
@@ -327,22 +400,22 @@ sign do_settings_differ(const facts &seen)
         return {};
     return {to_answer(*seen.settings_changed),
             seen.fec_before && seen.fec_after && *seen.fec_before != *seen.fec_after
-                ? fmt::format("FEC was changed from {} to {} just before.", *seen.fec_before,
-                              *seen.fec_after)
-                : "Speed, negotiation or FEC were changed here just before."};
+                ? fmt::format("FEC was changed on this machine from {} to {} just before.",
+                              *seen.fec_before, *seen.fec_after)
+                : "Speed, negotiation or FEC were changed on this machine just before."};
 }
 
 sign has_negotiation_failed(const facts &seen)
 {
-    if (!seen.extended_state)
-        return {};
-    return {to_answer(says(seen, {"Autoneg", "Link training failure"})),
-            fmt::format("The driver says: {}.", *seen.extended_state)};
+    return driver_says(seen, {"Autoneg", "Link training failure"});
 }
 
-/* A link that falls three times in a minute doesn't fall for a reason that lasts. */
+/* A link that falls three times in a minute, or on and on, doesn't fall for a reason that lasts. */
 sign is_flapping(const facts &seen)
 {
+    if (seen.falls_in_minute.value_or(0) < 3 && seen.falls_in_hour.value_or(0) >= many_in_hour)
+        return {answer::yes,
+                fmt::format("It fell {:.0f} times within an hour.", *seen.falls_in_hour)};
     if (!seen.falls_in_minute)
         return {};
     return {to_answer(*seen.falls_in_minute >= 3),
@@ -386,14 +459,20 @@ std::vector<std::string> illness_of(const facts &seen)
             found.push_back(
                 fmt::format("It is up with {:.0f} {}, {:.0f} before.", *after, what, *before));
     };
-    less(seen.speed_before, seen.speed_after, "Mbit/s");
-    less(seen.lanes_before, seen.lanes_after, "lanes");
-    if (seen.rx_before && seen.rx_again) {
+    if (!seen.settings_changed.value_or(false)) {
+        less(seen.speed_before, seen.speed_after, "Mbit/s");
+        less(seen.lanes_before, seen.lanes_after, "lanes");
+    }
+    /* Another module has no past. */
+    const bool is_same =
+        !seen.serial_before || !seen.serial_after || *seen.serial_before == *seen.serial_after;
+    if (is_same && seen.rx_before && seen.rx_again) {
         const double before = *std::ranges::min_element(*seen.rx_before),
                      again = *std::ranges::min_element(*seen.rx_again);
         if (before - again >= much_loss)
-            found.push_back(fmt::format("It receives {:.1f} dBm, {:.1f} dB less than before.",
-                                        again, before - again));
+            found.push_back(
+                fmt::format("It receives {:.1f} dBm, which is {:.1f} dB less than before.", again,
+                            before - again));
     }
     if (seen.uncorrectable_again.value_or(0) > 0)
         found.push_back(fmt::format("{:.0f} blocks couldn't be corrected since it is up again.",
@@ -401,7 +480,7 @@ std::vector<std::string> illness_of(const facts &seen)
     const double limit = seen.errors_limit.value_or(usual_errors_limit);
     if (seen.errors_again &&
         (*seen.errors_again >= limit / 10 ||
-         (seen.errors_before && *seen.errors_before > 0 &&
+         (is_same && seen.errors_before && *seen.errors_before > 0 &&
           *seen.errors_again >= 10 * *seen.errors_before && *seen.errors_again >= limit / 1000)))
         found.push_back(fmt::format("Its bit error ratio before correction is {:.1e}; correction "
                                     "fails at about {:.1e}.",

@@ -29,12 +29,16 @@ sign was_replaced(const facts &seen);
 sign is_module_gone(const facts &seen);
 sign has_module_failed(const facts &seen);
 sign is_module_hot(const facts &seen);
+sign says_module_gone(const facts &seen); /* the driver, by its extended state; the same below */
+sign says_module_failed(const facts &seen);
+sign says_module_hot(const facts &seen);
 sign has_tx_fault(const facts &seen);
 sign is_laser_dark(const facts &seen);
 sign has_faded(const facts &seen);
 sign is_all_dark(const facts &seen);
 sign is_one_lane_dark(const facts &seen);
 sign is_light_there(const facts &seen);
+sign is_light_missing(const facts &seen); /* on some lane */
 sign says_far_side_deaf(const facts &seen);
 sign has_no_lock(const facts &seen);
 sign have_errors_risen(const facts &seen);

@@ -14,7 +14,7 @@
 namespace causes
 {
 
-static constexpr size_t most_signs = 5;
+static constexpr size_t most_signs = 6;
 
 namespace
 {
@@ -26,6 +26,7 @@ struct rule {
     certainty best; /* with all that is excluded known not to be */
     sign_of requires_all[most_signs];
     sign_of excludes[most_signs];
+    sign_of doubts[most_signs] = {}; /* each makes it weaker */
 };
 
 struct advice {
@@ -44,7 +45,8 @@ static constexpr rule rules[] = {
      layer::administration,
      certainty::certain,
      {was_set_down},
-     {has_moved, was_unbound, was_removed, was_reset}},
+     {has_moved, was_unbound, was_removed, was_reset},
+     {is_light_missing}},
     {cause::interface_moved,
      side::local,
      layer::administration,
@@ -70,13 +72,15 @@ static constexpr rule rules[] = {
      layer::device,
      certainty::likely,
      {fell_with_machine},
-     {is_all_dark}},
+     {is_all_dark, is_one_lane_dark, is_module_gone}},
     {cause::device_reset,
      side::local,
      layer::device,
      certainty::likely,
      {fell_with_device},
-     {is_all_dark, is_module_gone}},
+     {is_all_dark, is_one_lane_dark, is_module_gone},
+     {says_far_side_deaf, has_no_lock, do_settings_differ, has_module_failed, has_tx_fault,
+      is_laser_dark}},
     {cause::module_replaced, side::local, layer::module, certainty::certain, {was_replaced}, {}},
     /* One that doesn't answer any more looks like one that was pulled. */
     {cause::module_pulled, side::local, layer::module, certainty::likely, {is_module_gone}, {}},
@@ -93,7 +97,13 @@ static constexpr rule rules[] = {
      {is_module_hot, is_laser_dark},
      {}},
     {cause::module_failed, side::local, layer::module, certainty::likely, {has_module_failed}, {}},
-    {cause::transmitter_fault, side::local, layer::module, certainty::likely, {has_tx_fault}, {}},
+    {cause::transmitter_fault,
+     side::local,
+     layer::module,
+     certainty::likely,
+     {has_tx_fault},
+     {},
+     {is_all_dark}},
     {cause::laser_dark,
      side::local,
      layer::module,
@@ -113,7 +123,13 @@ static constexpr rule rules[] = {
      {do_settings_differ},
      {is_all_dark, is_one_lane_dark}},
     {cause::light_faded, side::between, layer::fibre, certainty::likely, {has_faded}, {}},
-    {cause::light_lost, side::unknown, layer::fibre, certainty::likely, {is_all_dark}, {has_faded}},
+    {cause::light_lost,
+     side::unknown,
+     layer::fibre,
+     certainty::likely,
+     {is_all_dark},
+     {has_faded},
+     {is_module_hot}},
     {cause::lane_lost, side::unknown, layer::fibre, certainty::likely, {is_one_lane_dark}, {}},
     {cause::far_side_deaf,
      side::between,
@@ -147,6 +163,14 @@ static constexpr rule rules[] = {
      certainty::possible,
      {has_negotiation_failed},
      {}},
+    {cause::module_hot, side::local, layer::module, certainty::possible, {says_module_hot}, {}},
+    {cause::module_pulled, side::local, layer::module, certainty::possible, {says_module_gone}, {}},
+    {cause::module_failed,
+     side::local,
+     layer::module,
+     certainty::possible,
+     {says_module_failed},
+     {}},
     {cause::flapping, side::unknown, layer::unknown, certainty::possible, {is_flapping}, {}},
 };
 
@@ -159,19 +183,19 @@ static constexpr advice advices[] = {
      "Set it up again, or ask who set it down: the network's own service, a script, an operator."},
     {"Whether the driver left at the same time.", "Look in the namespace that it was moved to."},
     {"Whether the device was reset.",
-     "Look in the kernel's log for the reason, and bind it again."},
+     "Look in the kernel's log for the reason (journalctl -k), and bind it again."},
     {"Whether a driver left, or the interface was moved or reset.",
-     "Look in the kernel's log; a device that isn't there any more may have lost its power."},
+     "Look in the kernel's log (journalctl -k): a device that is gone may have lost its power."},
     {"The kernel's own message of a reset.",
-     "Look in the kernel's log for the reset's reason; compare the version of the firmware."},
+     "Look in the kernel's log for the reason (journalctl -k); see whether its firmware is old."},
     {other_end, "Look for what they share: power, a backplane, the kernel, the switch they go to."},
     {"Whether anything else happened within the same seconds.",
      "Nothing, if the swap was meant; see that the new module fits the port and the far end."},
     {"Somebody who has seen it: a module that died looks the same.",
      "Look whether the module is seated; put it in again, or another one."},
     {"The module in another port.", "Take it out and put it in again; exchange it if it recurs."},
-    {"The temperature of its neighbours.",
-     "Look at fans, filters and dust; see what it is rated for."},
+    {"The temperature of the modules beside it.",
+     "Look at fans, filters and dust; see which temperature the module is made for."},
     {"The module in another port.", "Exchange the module."},
     {"Whether somebody has switched the transmitter off.",
      "See that the transmitter isn't switched off; exchange the module."},
@@ -188,9 +212,10 @@ static constexpr advice advices[] = {
      "Clean the connectors and look at the margin of the light; see the far end's, too."},
     {"The settings of the other end.", "Set both ends alike: speed, negotiation, FEC."},
     {"The settings of the other end.", "Compare speed, negotiation and FEC of both ends."},
-    {"The facts of a fall of its own.", "Look at the connectors, and at the far end's log."},
+    {"A fall that follows no other one within ten seconds, with its own facts.",
+     "Look at the connectors, and at the far end's log."},
     {"More facts: what the module, the kernel and the other end say.",
-     "Record the next fall: teskctl why --json has what is missing."},
+     "See with teskctl why --json which facts are known, and compare the far end's log."},
 };
 static_assert(std::size(advices) == cause_count);
 
@@ -234,12 +259,36 @@ static certainty weaker(certainty than)
 
 static certainty certainty_of(const rule &its, const facts &seen)
 {
-    const certainty best = is_excluded(its, seen) == answer::no ? its.best : weaker(its.best);
+    const answer doubted = asked(its.doubts, seen, answer::yes, answer::no);
+    const bool is_sure =
+        is_excluded(its, seen) == answer::no &&
+        (doubted == answer::no || (doubted == answer::unknown && its.best != certainty::certain));
+    const certainty best = is_sure ? its.best : weaker(its.best);
     const bool is_alone = std::ranges::all_of(rules, [&](const rule &other) {
         return other.best != certainty::certain || other.cause == its.cause ||
                is_refuted(other, seen);
     });
     return best == certainty::certain && !is_alone ? certainty::likely : best;
+}
+
+static void add_sentences(const sign_of *signs, const facts &seen,
+                          std::vector<std::string> &evidence)
+{
+    for (const sign_of *each = signs; each != signs + most_signs && *each != nullptr; each++)
+        if (sign its = (*each)(seen); its.is == answer::yes)
+            evidence.push_back(std::move(its.sentence));
+}
+
+/* In the largest unit of which it has two. */
+static std::string duration_text(double seconds)
+{
+    static constexpr struct {
+        double in_s;
+        const char *name;
+    } units[] = {{86400, "days"}, {3600, "hours"}, {60, "minutes"}, {1, "s"}};
+    const auto *its = std::ranges::find_if(
+        units, [&](const auto &unit) { return seconds >= 2 * unit.in_s || unit.in_s == 1; });
+    return fmt::format("{:.0f} {}", std::floor(seconds / its->in_s), its->name);
 }
 
 /* What a reader wants to know with any cause. */
@@ -254,9 +303,13 @@ static void add_context(const facts &seen, std::vector<std::string> &evidence)
     if (seen.driver_error)
         add(fmt::format("The driver reported an error: {}.", *seen.driver_error));
     if (seen.up_for_s)
-        add(fmt::format("It had been up for {:.0f} s.", *seen.up_for_s));
-    if (seen.device_others_fell && *seen.device_others_fell == 0)
-        add("No other port of the device fell.");
+        add(fmt::format("It had been up for {}.", duration_text(*seen.up_for_s)));
+    if (const sign both = was_set_down(seen); both.is == answer::yes)
+        add(both.sentence);
+    if (seen.device_others_fell && *seen.device_others_fell == 0 &&
+        seen.device_others_stayed.value_or(0) > 0)
+        add(fmt::format("Other ports of the device stayed up: {:.0f}.",
+                        *seen.device_others_stayed));
     for (const sign_of each : {is_light_there, is_flapping})
         if (const sign its = each(seen); its.is == answer::yes)
             add(its.sentence);
@@ -281,9 +334,8 @@ verdict judge(const facts &seen)
         made.side = found->side;
         made.layer = found->layer;
         made.certainty = made.conflicts.empty() ? certainty_of(*found, seen) : certainty::possible;
-        for (const sign_of each : found->requires_all)
-            if (each != nullptr)
-                made.evidence.push_back(each(seen).sentence);
+        for (const auto &signs : {found->requires_all, found->doubts})
+            add_sentences(signs, seen, made.evidence);
     }
     add_context(seen, made.evidence);
     const advice &its = advices[static_cast<size_t>(made.cause)];
