@@ -12,6 +12,7 @@
 #include "tools/common/words.h"
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
+#include "tools/teskctl/module_view.h"
 #include "tools/teskctl/top_view.h"
 #include "tools/teskctl/trend_plot.h"
 #include "util/deadline.h"
@@ -135,6 +136,17 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
             EXPECT_LE(display_width(line), width) << line;
         testkit::expect_parts(page_text(page), {shown});
     }
+}
+
+TEST(teskctl, diagnostics_have_the_flags_of_their_last_reading)
+{
+    dolm_ric_details_record record{};
+    record.presence = DOLM_RIC_PRESENCE_READY;
+    record.vdm_count = 3;
+    record.vdm[1].raised = 1U << DOLM_RIC_FLAG_LOW_WARNING | 1U << DOLM_RIC_FLAG_HIGH_ALARM;
+    record.vdm[2].raised = DOLM_RIC_VDM_FLAGS_UNKNOWN;
+    testkit::expect_parts(page_text(module_lines(record, "", 0, {})),
+                          {"  -\n", "  low warning; high alarm\n", "  not read\n"});
 }
 
 TEST(teskctl, a_value_has_moved_at_its_limit_and_not_before)

@@ -7,7 +7,7 @@
             print(change)
 
 AsyncSession has the same calls to be awaited, and `async for`. ports() reads the names of the
-board's ports, details() all that the board publishes of one. Failures are subclasses of TeskError."""
+board's ports, details() all that the board publishes of one, falls() why its link fell. Failures are subclasses of TeskError."""
 from ._aio import AsyncSession, AsyncWatch
 from ._details import details
 from ._enums import (Action, Environment, HistoryKind, Kind, Level, Link, Measurement, PortState,
@@ -15,6 +15,7 @@ from ._enums import (Action, Environment, HistoryKind, Kind, Level, Link, Measur
 from ._errors import (BadPortMapError, ClosedError, DeadlineError, LostError, MisuseError,
                       NoAccessError, NoModuleError, NoPortError, NoPortMapError, NoServerError,
                       RejectedError, TeskError)
+from ._falls import falls, judge_fall
 from ._port_map import ports
 from ._records import (ActionRecord, Capability, Change, HistoryRecord, Levels, Missed, Pm,
                        PortStatus, PortStatusRecord, ServerLost, ServerRestored, SfpInfo,
@@ -30,5 +31,5 @@ __all__ = [
     "NoModuleError", "NoPortError", "NoPortMapError", "NoServerError", "Pm", "PortState",
     "PortStatus", "PortStatusRecord", "Presence", "RejectedError", "Result", "ServerLost",
     "ServerRestored", "Session", "SfpInfo", "SfpInfoRecord", "SfpType", "SubscriptionLost",
-    "TeskError", "Watch", "details", "ports",
+    "TeskError", "Watch", "details", "falls", "judge_fall", "ports",
 ]

@@ -89,6 +89,7 @@ PortStatusCallback = CFUNCTYPE(None, POINTER(CPortStatus), c_void_p)
 EventCallback = CFUNCTYPE(None, POINTER(CEvent), c_void_p)
 AnsweredCallback = CFUNCTYPE(None, POINTER(CAnswer), c_void_p)
 PortNamedCallback = CFUNCTYPE(None, c_uint32, c_char_p, c_void_p)
+FallJudgedCallback = CFUNCTYPE(None, c_char_p, c_void_p)
 
 
 class COptions(ctypes.Structure):
@@ -122,6 +123,7 @@ _declare("fd", c_int, c_void_p)
 _declare("dispatch", c_int, c_void_p)
 _declare("request", c_int, c_void_p, c_int, c_uint32, AnsweredCallback, c_void_p)
 _declare("read_port_map", c_int, c_char_p, PortNamedCallback, c_void_p)
+_declare("judge_fall", c_int, c_char_p, FallJudgedCallback, c_void_p)
 _declare("error", c_char_p)
 _declare("text", c_char_p, c_int, c_uint32)
 _declare("tesk_details_open", c_int, c_char_p, POINTER(c_void_p))

@@ -352,6 +352,17 @@ typedef void (*tesk_client_port_named)(uint32_t port_no, const char *name, void 
 tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_named each,
                                              void *user);
 
+/* Receives a verdict: one object of JSON in UTF-8, with the keys of teskctl why --json. It is valid
+   until the callback returns. */
+typedef void (*tesk_client_fall_judged)(const char *verdict, void *user);
+
+/* Says why a link fell, from what was recorded of the fall: `facts` is one object of JSON, as a
+   line of the board's file has it, of at most 64 KiB. On TESK_CLIENT_OK `judged` was called once.
+   Needs no session, no server and no file; any thread. `judged` must not throw. TESK_CLIENT_MISUSE
+   for facts that can't be read; tesk_client_error says which. */
+tesk_client_result tesk_client_judge_fall(const char *facts, tesk_client_fall_judged judged,
+                                          void *user);
+
 /* The error text of the calling thread's last failed call; for TESK_CLIENT_REJECTED the server's
    text. Valid until the thread's next call. Never null. */
 const char *tesk_client_error(void);

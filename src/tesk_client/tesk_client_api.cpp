@@ -4,6 +4,7 @@
 
    A blocking call is a request whose callback writes to the caller's stack, and a loop that
    dispatches until the callback was called, at the latest at the request's deadline. */
+#include "tesk_client/tesk_client_fall.h"
 #include "tesk_client/tesk_client_port_map.h"
 #include "tesk_client/tesk_client_session.h"
 
@@ -291,6 +292,18 @@ tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_
         const outcome read = read_port_map(path, each, user);
         return read.result == TESK_CLIENT_OK ? TESK_CLIENT_OK
                                              : fail(read.result, read.text.c_str());
+    });
+}
+
+tesk_client_result tesk_client_judge_fall(const char *facts, tesk_client_fall_judged judged,
+                                          void *user)
+{
+    if (facts == nullptr || judged == nullptr)
+        return fail(TESK_CLIENT_MISUSE, "the facts or the function for the verdict are NULL");
+    return guarded([&] {
+        const outcome made = judge_fall(facts, judged, user);
+        return made.result == TESK_CLIENT_OK ? TESK_CLIENT_OK
+                                             : fail(made.result, made.text.c_str());
     });
 }
 

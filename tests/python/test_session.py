@@ -236,6 +236,24 @@ def test_details_are_those_of_teskctl(server):
     assert len(os.listdir("/proc/self/fd")) == descriptors
 
 
+def test_falls_are_judged_as_by_teskctl(server, tmp_path):
+    facts = [{"port": 3.0, "time": 1e9, "set_down": True}, {"port": 3.0, "time": 2e9, "rx_after": [-40.0]}]
+    (tmp_path / "falls").mkdir()
+    recorded = "".join(json.dumps(each) + "\n" for each in facts)
+    (tmp_path / "falls/3").write_text(recorded + '{"speed": 1}\n')
+    with pytest.warns(UserWarning, match="line 3 .*speed"):
+        found = tesk.falls(3, tmp_path / "falls")
+    (tmp_path / "facts").write_text(recorded)
+    shown = subprocess.run([BIN / "teskctl", "--json", "why", "--facts", tmp_path / "facts"], check=True,
+                           timeout=PATIENCE, capture_output=True, text=True).stdout
+    assert found == [json.loads(line) for line in shown.splitlines()] and found[1]["cause"] == "set down"
+    assert tesk.falls(4, tmp_path / "falls") == []
+    with pytest.raises(tesk.NoServerError):
+        tesk.falls(3, tmp_path / "none")
+    with pytest.raises(tesk.MisuseError, match="rx_after"):
+        tesk.judge_fall({"rx_after": 1})
+
+
 def without_ages(value):
     if isinstance(value, dict):
         return {key: None if key.endswith("age_s") else without_ages(member)

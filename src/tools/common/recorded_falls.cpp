@@ -294,23 +294,3 @@ std::string illness_text(const causes::verdict &its)
                ? ""
                : "link is up, but ill: " + escape(fmt::format("{}", fmt::join(its.ill, " ")));
 }
-
-json_object json_of(const causes::facts &seen, const causes::verdict &its, const causes::order *who)
-{
-    json_object object = {
-        {"cause", name_of(its.cause)},
-        {"side", name_of(its.side)},
-        {"layer", name_of(its.layer)},
-        {"certainty", name_of(its.certainty)},
-        {"evidence", its.evidence},
-        {"conflicts", its.conflicts},
-        {"ill", its.ill},
-        {"settle", its.settle.empty() ? json_object(nullptr) : json_object(its.settle)},
-        {"action", its.action}};
-    if (who != nullptr)
-        object["fell_first"] = !who->is_known    ? json_object(nullptr)
-                               : who->here_first ? json_object("this end")
-                                                 : json_object("other end");
-    object["facts"] = causes::to_json(seen);
-    return object;
-}

@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* recorded_falls - the falls of links: as the board records them, one file for each port, or in any
-   file; and their verdicts as JSON. No state, any thread. */
+   file; and their verdicts in words. No state, any thread. */
 #pragma once
 
 #include "causes/facts.h"
 #include "causes/verdict.h"
+#include "causes/verdict_json.h"
 #include "tools/common/json_records.h"
 
 #include <cstdint>
@@ -39,10 +40,6 @@ std::string cause_text(const causes::verdict &its);
 std::string illness_text(const causes::verdict &its);
 
 /* The facts in a file, "-" for standard input: an object, a list of objects, or an object in each
-   line; what json_of() and the exporter write, too. Throws a tool_error that names the file and the
-   place where it is wrong, that it has none, or more than a machine can have. */
+   line; what causes::json_of() and the exporter write, too. Throws a tool_error that names the file
+   and the place where it is wrong, that it has none, or more than a machine can have. */
 std::vector<causes::facts> facts_in(const std::string &path);
-
-/* `who` is null where the other end isn't known. */
-json_object json_of(const causes::facts &seen, const causes::verdict &its,
-                    const causes::order *who);
