@@ -276,7 +276,7 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
         {"{", "", "cause=\"light_lost\"} 1\n"},
         {line(old) + line(ill), "ill light lost; ",
          "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 1\n"},
-        {line(old) + line(ill), "", "cause=\"light_lost\"} 1\n"},
+        {"{\n" + line(old) + line(ill), "", "cause=\"light_lost\"} 1\n"},
         {line(dark) + line(flapping), "fall flapping; ",
          "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 0\n"},
     };
@@ -653,7 +653,6 @@ TEST(exporter_http, only_files_of_the_page_are_served)
     const auto page = files.open("/");
     ASSERT_TRUE(page);
     EXPECT_EQ(page->size, 4u);
-    close(page->fd);
     EXPECT_TRUE(web_files("/nowhere").empty());
 }
 

@@ -34,7 +34,7 @@ static double since(const sample &s, double day)
    -9 dBm, 12 mA, 78 degrees. */
 static std::vector<report> reports_of(const world &change, int days_of_it = 60)
 {
-    port watched(1);
+    port watched;
     watched.set_limits(quantity::rx_power, {125.9, 150, 1000, 1500});
     watched.set_limits(quantity::tx_power, {125.9, 150, 1000, 1500});
     watched.set_limits(quantity::bias, {2, 3, 11, 12});

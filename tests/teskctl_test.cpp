@@ -439,8 +439,33 @@ TEST_F(teskctl_system, why_tells_of_the_falls_that_the_board_recorded)
     expect("why 0,1 --last 1 --facts-out " + directory.path + "/facts", 0,
            {"port0 ", ": set down, certain, local, administration"});
     expect("why --json --facts " + directory.path + "/facts", 0, {R"("certainty":"certain")"});
-    std::ofstream(directory.path + "/falls/7") << "{\n";
-    expect("why", 1, {"falls/7", "set down, certain"});
+    std::ofstream(directory.path + "/falls/7") << "{\n{\"driver_unbound\": true}\n";
+    mkfifo((directory.path + "/falls/8").c_str(), 0600);
+    expect("why", 1, {"falls/7: 1 of 2 falls", "driver gone", "falls/8 isn't a file", "certain"});
+}
+
+/* Each would hang, or take what memory or stack there is. */
+TEST_F(teskctl_system, why_takes_no_more_facts_than_a_machine_can_have)
+{
+    const auto repeat = [](size_t count, const std::string &text) {
+        std::string all;
+        while (count-- > 0)
+            all += text;
+        return all;
+    };
+    const std::pair<std::string, const char *> rows[] = {
+        {"{\"port\": " + repeat(100000, "[") + repeat(100000, "]") + "}", "8 levels of brackets"},
+        {"{" + repeat(300000, "\"\\\"{\": 1,") + "\"\": 1}", "256 keys in an object"},
+        {repeat(5000000, "{}\n"), "65537 objects"},
+        {"{\"port\": \"" + repeat(5000000, "{}[") + "\"}", "not \"{}[{}[{"},
+        {repeat(17 << 10, repeat(1 << 10, " ")), "16384 KiB"},
+        {"{\"time\": 1e999}", "line 1: this is no JSON"}};
+    for (const auto &[text, complaint] : rows) {
+        std::ofstream(directory.path + "/facts") << text;
+        expect("why --facts " + directory.path + "/facts", 1, {complaint});
+        EXPECT_LT(output.size(), 500U);
+    }
+    expect("why --facts - --other-end -", 2, {"standard input"});
 }
 
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: evaluate() chooses the limit, then looks for a fade or follows the one that is
-   announced; form() writes what is reported. */
+   announced; standing() writes what is reported. */
 #include "forecast/alarm.h"
 
 #include <algorithm>
@@ -32,7 +32,7 @@ void alarm::set_limits(const std::optional<limits> &own)
     if (found == own_limit_ || (std::isnan(found) && std::isnan(own_limit_)))
         return;
     own_limit_ = found;
-    limit_ = none;
+    is_limit_old_ = true; /* an alarm stands on the old one until the next look */
 }
 
 void alarm::forget()
@@ -47,8 +47,9 @@ void alarm::forget()
 /* The module's own limit, unless the series began beyond it: tables of other types are common. */
 void alarm::choose_limit(const days &seen)
 {
-    if (!std::isnan(limit_) || seen.count == 0 || std::isnan(seen.of[0].level))
+    if ((!std::isnan(limit_) && !is_limit_old_) || seen.count == 0 || std::isnan(seen.of[0].level))
         return;
+    is_limit_old_ = false;
     is_default_ = !(seen.of[0].level > own_limit_);
     limit_ = is_default_ ? seen.of[0].level - rules_of(value_).default_fall : own_limit_;
 }
@@ -63,10 +64,12 @@ void alarm::evaluate(series &of, const block_ring &temperatures, int64_t last, i
     if (seen.count == 0 || std::isnan(seen.of[0].level) || std::isnan(limit_))
         return;
     level_ = seen.of[0].level;
+    look_block_ = last;
+    look_time_ = time;
     if (is_raised_)
         follow(last, time, seen, reports);
     else
-        look_for_one(of, temperatures, last, time, seen, reports);
+        look_for_one(of, temperatures, last, seen, reports);
     if (!is_raised_ && last % blocks_a_day == 0)
         of.remember_excursion(excursion(seen));
 }
@@ -90,7 +93,7 @@ outlook alarm::ahead(const days &seen) const
 }
 
 void alarm::look_for_one(const series &of, const block_ring &temperatures, int64_t last,
-                         int64_t time, const days &seen, std::vector<report> &reports)
+                         const days &seen, std::vector<report> &reports)
 {
     const auto found = find_fade(of, temperatures, last, seen);
     pace_ = found ? found->a_day : 0;
@@ -98,8 +101,8 @@ void alarm::look_for_one(const series &of, const block_ring &temperatures, int64
         seen_in_a_row_ = 0;
         return;
     }
-    const outlook next = ahead(seen);
-    if (next.left > rules_of(value_).horizon) {
+    next_ = ahead(seen);
+    if (next_.left > rules_of(value_).horizon) {
         seen_in_a_row_ = 0;
         return;
     }
@@ -110,8 +113,10 @@ void alarm::look_for_one(const series &of, const block_ring &temperatures, int64
     certainty_ = found->certainty;
     began_ = last - static_cast<int64_t>(found->span * blocks_a_day);
     told_block_ = last;
-    told_day_ = static_cast<double>(last) / blocks_a_day + next.left;
-    announce(change::raised, time, next, found->fall, reports);
+    told_day_ = static_cast<double>(last) / blocks_a_day + next_.left;
+    fall_ = found->fall;
+    reports.push_back(*standing());
+    reports.back().what = change::raised;
 }
 
 void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<report> &reports)
@@ -127,10 +132,11 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
         highest = std::isnan(highest) ? here : highest;
         lowest = std::fmin(lowest, here);
     }
-    const double fall = highest - lowest, today = seen.of[0].corrected;
-    if (today - lowest > fall / 2 && today - lowest > known.least_fall / 2) {
+    const double today = seen.of[0].corrected;
+    fall_ = highest - lowest;
+    if (today - lowest > fall_ / 2 && today - lowest > known.least_fall / 2) {
         withdraw(time,
-                 fmt::format("{:.2g} of {:.2g} {} came back.", today - lowest, fall, known.unit),
+                 fmt::format("{:.2g} of {:.2g} {} came back.", today - lowest, fall_, known.unit),
                  reports);
         quiet_until_ = last + int64_t{2} * blocks_a_day;
         return;
@@ -152,15 +158,15 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
         if (pace_ * span > known.least_fall)
             break;
     }
-    const outlook next = ahead(seen);
-    const double day = static_cast<double>(last) / blocks_a_day + next.left;
+    next_ = ahead(seen);
+    const double day = static_cast<double>(last) / blocks_a_day + next_.left;
     if (last - told_block_ < blocks_a_day / 2 ||
-        std::fabs(day - told_day_) < std::max(0.25 * next.left, 0.5) ||
-        (is_beyond && next.left == 0))
+        std::fabs(day - told_day_) < std::max(0.25 * next_.left, 0.5) ||
+        (is_beyond && next_.left == 0))
         return;
     told_day_ = day;
     told_block_ = last;
-    announce(change::changed, time, next, fall, reports);
+    reports.push_back(*standing());
 }
 
 void alarm::note_step(double change, int64_t time, std::vector<report> &reports)
@@ -208,20 +214,21 @@ report alarm::form(change what, int64_t time) const
             .reason = {}};
 }
 
-void alarm::announce(change what, int64_t time, const outlook &next, double fall,
-                     std::vector<report> &reports)
+std::optional<report> alarm::standing() const
 {
+    if (!is_raised_)
+        return std::nullopt;
     const rules &known = rules_of(value_);
-    report told = form(what, time);
-    told.days_left = next.left;
-    told.low = next.low;
-    told.high = next.high;
-    told.days_since = static_cast<double>(told_block_ - began_) / blocks_a_day;
+    report told = form(change::changed, look_time_);
+    told.days_left = next_.left;
+    told.low = next_.low;
+    told.high = next_.high;
+    told.days_since = static_cast<double>(look_block_ - began_) / blocks_a_day;
     told.reason = fmt::format(
         "It {} by {:.2g} {} in {:.1f} days, now {:.2g} a day{}.", known.sign < 0 ? "rose" : "fell",
-        fall, known.unit, told.days_since, pace_,
+        fall_, known.unit, told.days_since, pace_,
         value_ == quantity::temperature ? "" : ", apart from what its temperature makes");
-    reports.push_back(std::move(told));
+    return told;
 }
 
 } // namespace forecast

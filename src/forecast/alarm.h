@@ -5,7 +5,8 @@
    within the horizon. It stays through gaps and beyond the limit, until half of the fall came back,
    the level has stood for a week, or a step began a new series; then none is raised for two days.
    It is changed when the day of the limit moved by a quarter of what was left, or by half a day
-   where that is more, at most twice a day. */
+   where that is more, at most twice a day. standing() has no hysteresis: it is what the last look
+   found. */
 #pragma once
 
 #include "forecast/trend.h"
@@ -27,6 +28,8 @@ class alarm
     void withdraw(int64_t time, const std::string &reason, std::vector<report> &reports);
     /* Another module. */
     void forget();
+    /* What the last look found, while an alarm is raised; its time is that of the look. */
+    std::optional<report> standing() const;
     /* How much the level falls a day, by what is known; 0: nothing. */
     double pace() const
     {
@@ -35,22 +38,25 @@ class alarm
 
   private:
     void choose_limit(const days &seen);
-    void look_for_one(const series &of, const block_ring &temperatures, int64_t last, int64_t time,
+    void look_for_one(const series &of, const block_ring &temperatures, int64_t last,
                       const days &seen, std::vector<report> &reports);
     void follow(int64_t last, int64_t time, const days &seen, std::vector<report> &reports);
     outlook ahead(const days &seen) const;
-    void announce(change what, int64_t time, const outlook &next, double fall,
-                  std::vector<report> &reports);
     report form(change what, int64_t time) const;
 
     quantity value_;
     int lane_;
     double own_limit_ = none, limit_ = none;
-    bool is_default_ = false, is_raised_ = false;
+    bool is_default_ = false, is_raised_ = false, is_limit_old_ = false;
     int seen_in_a_row_ = 0;
     int64_t quiet_until_ = 0; /* block */
     int64_t began_ = 0;       /* block at which the fall began, at the latest */
-    double pace_ = 0, first_pace_ = 0, certainty_ = 0, level_ = 0;
+    double pace_ = 0, first_pace_ = 0, certainty_ = 0;
+    /* What the last look found. */
+    outlook next_{};
+    double level_ = 0, fall_ = 0;
+    int64_t look_block_ = 0, look_time_ = 0;
+    /* What was announced. */
     double told_day_ = 0; /* of the limit, in days of the series */
     int64_t told_block_ = 0;
 };

@@ -80,16 +80,18 @@ class port_state;
 class port
 {
   public:
-    /* As many lanes as a reading has at most; 1 to 64. */
-    explicit port(int lanes);
+    port();
     port(port &&) noexcept;
     ~port();
 
     /* Also while readings are kept already: the next look at them uses these. */
     void set_limits(quantity value, const limits &own);
     /* Appends to `reports` what the reading changed. Readings nearer than four minutes to the one
-       before are left out. */
+       before are left out, and so are lanes beyond the 64th. */
     void feed(const reading &next, std::vector<report> &reports);
+    /* What holds now: of each alarm that is raised and not withdrawn, what the last look at its
+       readings found. Looks are three hours apart; `time` is that of the look. */
+    std::vector<report> standing() const;
 
   private:
     std::unique_ptr<port_state> state_;

@@ -25,11 +25,6 @@ struct tracked {
 class port_state
 {
   public:
-    explicit port_state(int lanes) : lanes_(static_cast<size_t>(std::clamp(lanes, 1, 64)))
-    {
-        tracked_.resize(1 + lanes_ * per_lane);
-    }
-
     void set_limits(quantity value, const limits &own)
     {
         limits_[static_cast<size_t>(value)] = own;
@@ -61,8 +56,17 @@ class port_state
         take(next, *now, reports);
     }
 
+    std::vector<report> standing() const
+    {
+        std::vector<report> found;
+        for (const auto &each : tracked_)
+            if (auto told = each ? each->notices.standing() : std::nullopt)
+                found.push_back(std::move(*told));
+        return found;
+    }
+
   private:
-    static constexpr size_t per_lane = 4;
+    static constexpr size_t per_lane = 4, most_lanes = 64;
     static constexpr int64_t closest = 240;
     static constexpr int64_t usual_step = 300;
 
@@ -115,7 +119,8 @@ class port_state
         if (!next.has_link)
             note_event();
         one(0, 0, quantity::temperature, next.temperature_c, next, now, reports);
-        const size_t count = std::min(lanes_, next.lanes.size());
+        const size_t count = std::min(most_lanes, next.lanes.size());
+        tracked_.resize(std::max(tracked_.size(), 1 + count * per_lane));
         for (size_t i = 0; i < count && next.has_link; i++) {
             const lane_reading &lane = next.lanes[i];
             const int number = static_cast<int>(i) + 1;
@@ -168,17 +173,17 @@ class port_state
         return repeats_ >= longest;
     }
 
-    size_t lanes_;
     believed_time clock_;
     int64_t last_row_ = -1, block_ = 0;
     std::string serial_;
     uint64_t last_mix_ = 0;
     int repeats_ = 0;
     std::array<std::optional<limits>, quantities> limits_;
-    std::vector<std::unique_ptr<tracked>> tracked_; /* the module's temperature, then each lane's */
+    /* The module's temperature, then the values of each lane. */
+    std::vector<std::unique_ptr<tracked>> tracked_{1};
 };
 
-port::port(int lanes) : state_(std::make_unique<port_state>(lanes))
+port::port() : state_(std::make_unique<port_state>())
 {
 }
 port::port(port &&) noexcept = default;
@@ -192,6 +197,11 @@ void port::set_limits(quantity value, const limits &own)
 void port::feed(const reading &next, std::vector<report> &reports)
 {
     state_->feed(next, reports);
+}
+
+std::vector<report> port::standing() const
+{
+    return state_->standing();
 }
 
 } // namespace forecast

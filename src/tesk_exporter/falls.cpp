@@ -106,7 +106,9 @@ std::vector<fall_fact> fall_follower::scan()
         return found;
     try {
         bool is_whole = true;
-        for (const uint32_t port_no : ports_with_falls(folder_))
+        std::vector<uint32_t> ports = ports_with_falls(folder_);
+        ports.resize(std::min(ports.size(), most_ports_with_falls));
+        for (const uint32_t port_no : ports)
             is_whole &= scan_file(port_no, found);
         listed_at_ = is_whole ? changed_at : 0;
         was_listed_ = true;

@@ -245,10 +245,20 @@ static std::optional<uint32_t> parse_port(std::string_view digits)
     return number;
 }
 
-static std::optional<uint32_t> port_argument(MHD_Connection *http)
+std::optional<uint32_t> http_server::port_called(std::string_view text) const
+{
+    if (const auto number = parse_port(text))
+        return number;
+    const auto found = std::ranges::find_if(
+        model_.ports(), [&](const auto &each) { return each.second.interface == text; });
+    return text.empty() || found == model_.ports().end() ? std::nullopt
+                                                         : std::optional(found->first);
+}
+
+std::optional<uint32_t> http_server::port_argument(MHD_Connection *http) const
 {
     const char *text = MHD_lookup_connection_value(http, MHD_GET_ARGUMENT_KIND, "port");
-    return parse_port(text == nullptr ? "" : text);
+    return port_called(text == nullptr ? "" : text);
 }
 
 /* The port that the argument names; null with the status for the refusal. */
@@ -265,7 +275,8 @@ const port_state *http_server::port_of(const http_request &request, unsigned &st
 
 static const char *port_fault(unsigned status)
 {
-    return status == MHD_HTTP_NOT_FOUND ? "there is no such port" : "name a port: ?port=NUMBER";
+    return status == MHD_HTTP_NOT_FOUND ? "there is no such port"
+                                        : "name a port: ?port=NUMBER, or its interface";
 }
 
 MHD_Result http_server::send_plot(const http_request &request)
@@ -397,19 +408,19 @@ MHD_Result http_server::send_readiness(const http_request &request)
 
 MHD_Result http_server::send_file(const http_request &request, std::string_view path)
 {
-    const auto file = files_.open(path);
+    auto file = files_.open(path);
     if (!file && path == "/")
         return send_text(request, MHD_HTTP_NOT_FOUND, "there is no page in " + settings_.web);
     if (!file)
         return send_text(request, MHD_HTTP_NOT_FOUND, "there is nothing at this path");
-    return send(request, MHD_HTTP_OK, file_response(*file).get());
+    return send(request, MHD_HTTP_OK, file_response(std::move(*file)).get());
 }
 
 /* The N of /api/ports/N. */
-static std::optional<uint32_t> port_of_path(std::string_view path)
+std::optional<uint32_t> http_server::port_of_path(std::string_view path) const
 {
     constexpr std::string_view folder = "/api/ports/";
-    return path.starts_with(folder) ? parse_port(path.substr(folder.size())) : std::nullopt;
+    return path.starts_with(folder) ? port_called(path.substr(folder.size())) : std::nullopt;
 }
 
 MHD_Result http_server::send_port(const http_request &request, uint32_t port_no)

@@ -93,6 +93,10 @@ class http_server
     MHD_Result send_health(const http_request &request);
     MHD_Result send_readiness(const http_request &request);
     MHD_Result send_file(const http_request &request, std::string_view path);
+    /* By number or interface. */
+    std::optional<uint32_t> port_called(std::string_view text) const;
+    std::optional<uint32_t> port_argument(MHD_Connection *http) const;
+    std::optional<uint32_t> port_of_path(std::string_view path) const;
     const port_state *port_of(const http_request &request, unsigned &status) const;
     void give_memory_back();
 

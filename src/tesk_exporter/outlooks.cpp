@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: feed() gives each step to the forecast of its module and notes its reports;
-   settle() compares what holds now with what was announced. */
+/* Order of work: feed() gives each step to the forecast of its module; settle() asks for what holds
+   now, and compares that with what was announced. */
 #include "tesk_exporter/outlooks.h"
 
 #include "tesk_exporter/forecast_json.h"
@@ -113,44 +113,43 @@ void outlooks::feed(const history::place &of, int64_t time, const history::recor
     const auto lanes = lanes_of(read.middle);
     if (lanes.empty())
         return;
-    auto found = ports_.find(of.id);
-    if (found != ports_.end() && found->second.lanes < lanes.size()) {
-        ports_.erase(found);
-        found = ports_.end();
-    }
-    if (found == ports_.end()) {
-        if (ports_.size() >= most_followed)
-            ports_.erase(std::ranges::min_element(
-                ports_, {}, [](const auto &each) { return each.second.fed; }));
-        found = ports_
-                    .emplace(of.id, followed{forecast::port(static_cast<int>(lanes.size())),
-                                             lanes.size(), time})
-                    .first;
-    }
-    found->second.fed = time;
+    if (!ports_.contains(of.id) && ports_.size() >= most_followed)
+        ports_.erase(
+            std::ranges::min_element(ports_, {}, [](const auto &each) { return each.second.fed; }));
+    followed &its = ports_[of.id];
+    its.fed = time;
     const auto own = limits_.find(of.id);
     for (int i = 0; own != limits_.end() && i < forecast::quantities; i++)
-        found->second.port.set_limits(static_cast<forecast::quantity>(i),
-                                      own->second[static_cast<size_t>(i)]);
+        its.port.set_limits(static_cast<forecast::quantity>(i),
+                            own->second[static_cast<size_t>(i)]);
     std::vector<forecast::report> reports;
-    found->second.port.feed({.time = time,
-                             .has_link = read.link >= 50, /* unknown is more, too */
-                             .has_module = true,
-                             .serial = of.serial,
-                             .temperature_c = value_at(read.middle, 0),
-                             .voltage_v = value_at(read.middle, 1),
-                             .lanes = lanes},
-                            reports);
-    for (forecast::report &told : reports) {
-        const key at{of.id, told.lane, told.value};
-        if (told.what == forecast::change::withdrawn) {
-            reasons_[at] = told.reason;
-            active_.erase(at);
-        } else if (told.what != forecast::change::notice) {
+    its.port.feed({.time = time,
+                   .has_link = read.link >= 50, /* unknown is more, too */
+                   .has_module = true,
+                   .serial = of.serial,
+                   .temperature_c = value_at(read.middle, 0),
+                   .voltage_v = value_at(read.middle, 1),
+                   .lanes = lanes},
+                  reports);
+    for (const forecast::report &told : reports)
+        if (told.what == forecast::change::withdrawn)
+            reasons_[{of.id, told.lane, told.value}] = told.reason;
+}
+
+/* A value that can't be read says nothing of the future. */
+void outlooks::look(int64_t present)
+{
+    active_.clear();
+    for (const auto &[id, its] : ports_)
+        for (forecast::report &told : its.port.standing()) {
+            const key at{id, told.lane, told.value};
+            if (present - told.time > longest_silence) {
+                reasons_[at] = "There have been no readings for two days.";
+                continue;
+            }
             reasons_.erase(at);
-            active_.insert_or_assign(at, std::move(told));
+            active_.emplace(at, std::move(told));
         }
-    }
 }
 
 static std::string key_text(int lane, forecast::quantity value)
@@ -188,6 +187,7 @@ void outlooks::restore(history::chronicle &kept)
                   take(history::HOURS));
     kept.read_all(history::STEPS, first_step / hour * hour / step, end / step,
                   take(history::STEPS));
+    look(end);
     for (const history::announcement &each : known) {
         const auto kept_as = lane_and_quantity(each.key);
         if (!kept_as)
@@ -220,21 +220,9 @@ static std::string sentence(const outlooks::news &each)
                        told.reason);
 }
 
-/* A module whose values can't be read says nothing of its future. */
-void outlooks::end_old(int64_t present)
-{
-    for (auto each = active_.begin(); each != active_.end();) {
-        const auto its = ports_.find(std::get<0>(each->first));
-        const bool is_old = its == ports_.end() || present - its->second.fed > longest_silence;
-        if (is_old)
-            reasons_[each->first] = "There have been no readings for two days.";
-        each = is_old ? active_.erase(each) : std::next(each);
-    }
-}
-
 std::vector<outlooks::news> outlooks::settle(history::chronicle &kept, const history::clocks &now)
 {
-    end_old(kept.time().at(now.boot));
+    look(kept.time().at(now.boot));
     std::vector<news> found;
     for (const auto &[at, told] : active_)
         if (!announced_.contains(at) && is_there(kept, std::get<0>(at)))

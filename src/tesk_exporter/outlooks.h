@@ -5,7 +5,8 @@
 
    GET /api/forecast
      {"forecasts": [{"port", "interface", "vendor", "part", "serial", .. the keys of
-        forecast_json.h ..}]}        soonest first; time and days_left are those of the last step;
+        forecast_json.h ..}]}        soonest first; what the last look at the readings found, less
+                                     the hours since; a look comes each three hours;
                                      lanes from 0 as everywhere else, null of the whole module */
 #pragma once
 
@@ -63,19 +64,19 @@ class outlooks
   private:
     using key = std::tuple<int64_t, int, forecast::quantity>; /* place, lane */
     struct followed {
-        forecast::port port;
-        size_t lanes;
-        int64_t fed;
+        forecast::port port{};
+        int64_t fed = 0;
     };
 
-    void end_old(int64_t present);
+    void look(int64_t present);
     std::vector<forecast::report> now_of(const history::chronicle &kept, int64_t boot,
                                          std::vector<history::place> &places) const;
 
     std::map<int64_t, followed> ports_;       /* by place */
     std::map<int64_t, module_limits> limits_; /* likewise */
-    std::map<key, forecast::report> active_, announced_;
-    std::map<key, std::string> reasons_; /* of the last withdrawals */
+    std::map<key, forecast::report> active_;  /* as of the last settle() */
+    std::map<key, forecast::report> announced_;
+    std::map<key, std::string> reasons_; /* why one is active no more */
 };
 
 } // namespace exporter

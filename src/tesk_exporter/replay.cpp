@@ -224,7 +224,7 @@ class replayed_file
             return;
         }
         lanes_.resize(static_cast<size_t>(lanes));
-        state_.emplace(lanes);
+        state_.emplace();
         for (const auto &[value, own] : limits_)
             state_->set_limits(value, own);
     }
