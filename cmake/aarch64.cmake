@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # Builds for arm64 with Debian's cross compiler. The libraries are in a folder that
-# scripts/arm64-sysroot fills, or in the folder ARM64_SYSROOT of the environment.
+# scripts/sysroot arm64 fills, or in the folder ARM64_SYSROOT of the environment.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

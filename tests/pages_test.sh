@@ -13,7 +13,7 @@ declare -A excused=(
     [promtool]="run by monitoring_test.py" [prometheus]="as in exporter_prometheus_test.sh"
     [./run]="ends with Ctrl-C" [scripts/fleet-trial]="takes long"
     [./bench]="takes long" [./soak]="takes long" [./fuzz]="takes long"
-    [scripts/build-packages]="builds the tree" [scripts/arm64-sysroot]="takes long" [gdb]="needs a terminal"
+    [scripts/build-packages]="builds the tree" [scripts/sysroot]="takes long" [gdb]="needs a terminal"
     [mkdir]="changes the machine" [apt-get]="changes the machine" [adduser]="changes the machine" [ldconfig]="changes the machine"
     [tesk-module-reader]="shows this machine's ports" [tesk-exporter]="run by exporter_system_test"
     [systemctl]="needs the installed service" [journalctl]="needs the installed service"
