@@ -28,11 +28,13 @@ struct facts {
     text interface, device, neighbour;
     number port;
     number time;          /* seconds of UTC */
+    text boot;            /* of which start of the machine this is the time, by a clock that */
+    number since_boot_s;  /* nobody sets */
     number clock_error_s; /* the bound of the clock */
-    number up_for_s;
+    number up_for_s;      /* where its rise was seen */
     number falls_in_minute, falls_in_hour, falls_in_day; /* with this one */
 
-    /* Who else fell within a second. */
+    /* Who else fell within a second, without having been set down. */
     number device_others_fell, device_others_stayed;   /* ports of the same device */
     number machine_others_fell, machine_others_stayed; /* ports of other devices */
 

@@ -34,6 +34,8 @@ static const row rows[] = {
     {"neighbour", &facts::neighbour},
     {"port", &facts::port},
     {"time", &facts::time},
+    {"boot", &facts::boot},
+    {"since_boot_s", &facts::since_boot_s},
     {"clock_error_s", &facts::clock_error_s},
     {"up_for_s", &facts::up_for_s},
     {"falls_in_minute", &facts::falls_in_minute},

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* scan() lists the folder when it has changed, and reads the files that have. A file has its falls
-   in their order: those behind the last known one are new, and that one may have changed. */
+/* scan_folder() lists the folder when it has changed, and reads the files that have. A file has its
+   falls in their order: those behind the last known one are new, and that one may have changed. */
 #include "tesk_exporter/falls.h"
 
 #include "tools/common/exit_code.h"
@@ -35,7 +35,7 @@ void fall_follower::start(fact_queue &reports)
 {
     thread_.start([this, &reports] {
         while (!thread_.must_stop()) {
-            for (fall_fact &each : scan())
+            for (fall_fact &each : scan(std::chrono::steady_clock::now()))
                 reports.post(std::move(each));
             thread_.wait(-1, interval);
         }
@@ -47,14 +47,23 @@ static fall_fact report_of(uint32_t port_no, causes::facts seen, bool is_new, bo
     auto made = std::make_shared<recorded_fall>();
     made->port_no = port_no;
     made->is_new = is_new;
+    made->is_counted = false;
     made->its = causes::judge(seen);
     made->is_ill_now = !is_new && !was_ill && !made->its.ill.empty();
     made->seen = std::move(seen);
     return made;
 }
 
+static fall_fact counted(const recorded_fall &its)
+{
+    auto made = std::make_shared<recorded_fall>(its);
+    made->is_new = made->is_ill_now = false;
+    made->is_counted = true;
+    return made;
+}
+
 /* Those of an earlier time are known, and of those only the last one counts. */
-void fall_follower::scan_port(uint32_t port_no, std::vector<fall_fact> &found)
+void fall_follower::scan_port(uint32_t port_no, time_point now, std::vector<fall_fact> &found)
 {
     std::vector<causes::facts> falls = falls_of(folder_, port_no);
     if (falls.empty())
@@ -68,15 +77,21 @@ void fall_follower::scan_port(uint32_t port_no, std::vector<fall_fact> &found)
         const bool is_known = each->time.value_or(0) == its.last;
         if (is_first && each + 1 != falls.end())
             continue;
-        found.push_back(report_of(port_no, *each, !is_first && !is_known,
-                                  is_first || (is_known && its.is_ill)));
+        const bool is_new = !is_first && !is_known;
+        if (is_new && its.uncounted)
+            found.push_back(counted(*its.uncounted));
+        found.push_back(report_of(port_no, *each, is_new, is_first || (is_known && its.is_ill)));
+        if (is_new)
+            its.due = now + counted_after;
+        if (is_new || its.uncounted)
+            its.uncounted = found.back();
     }
     its.last = falls.back().time.value_or(0);
     its.is_ill = !found.back()->its.ill.empty();
 }
 
 /* Reads the file if it has changed. False if that has to be tried again. */
-bool fall_follower::scan_file(uint32_t port_no, std::vector<fall_fact> &found)
+bool fall_follower::scan_file(uint32_t port_no, time_point now, std::vector<fall_fact> &found)
 {
     struct stat file = {};
     if (stat((folder_ + "/" + std::to_string(port_no)).c_str(), &file) != 0)
@@ -86,7 +101,7 @@ bool fall_follower::scan_file(uint32_t port_no, std::vector<fall_fact> &found)
     if (its.changed_at == changed_at && its.inode == file.st_ino)
         return true;
     try {
-        scan_port(port_no, found);
+        scan_port(port_no, now, found);
     } catch (const tool_error &) { /* teskctl why says what is wrong */
         return false;
     }
@@ -95,32 +110,45 @@ bool fall_follower::scan_file(uint32_t port_no, std::vector<fall_fact> &found)
     return true;
 }
 
-std::vector<fall_fact> fall_follower::scan()
+void fall_follower::scan_folder(time_point now, std::vector<fall_fact> &found)
 {
-    std::vector<fall_fact> found;
     struct stat folder = {};
     if (folder_.empty() || stat(folder_.c_str(), &folder) != 0)
-        return found;
+        return;
     const int64_t changed_at = nanoseconds_of(folder.st_mtim);
     if (changed_at == listed_at_ && wall_time() - changed_at > settled_after)
-        return found;
+        return;
     try {
         bool is_whole = true;
         std::vector<uint32_t> ports = ports_with_falls(folder_);
         ports.resize(std::min(ports.size(), most_ports_with_falls));
         for (const uint32_t port_no : ports)
-            is_whole &= scan_file(port_no, found);
+            is_whole &= scan_file(port_no, now, found);
         listed_at_ = is_whole ? changed_at : 0;
         was_listed_ = true;
     } catch (const tool_error &) { /* gone again */
     }
+}
+
+void fall_follower::count_due(time_point now, std::vector<fall_fact> &found)
+{
+    for (auto &[port_no, its] : files_)
+        if (its.uncounted && now >= its.due)
+            found.push_back(counted(*std::exchange(its.uncounted, nullptr)));
+}
+
+std::vector<fall_fact> fall_follower::scan(time_point now)
+{
+    std::vector<fall_fact> found;
+    scan_folder(now, found);
+    count_due(now, found);
     return found;
 }
 
 void fall_log::take(const fall_fact &reported)
 {
     of_port &its = ports_[reported->port_no];
-    its.count[static_cast<size_t>(reported->its.cause)] += reported->is_new ? 1 : 0;
+    its.count[static_cast<size_t>(reported->its.cause)] += reported->is_counted ? 1 : 0;
     its.is_ill = !reported->its.ill.empty();
     std::erase_if(newest_, [&](const fall_fact &each) {
         return each->port_no == reported->port_no && each->seen.time == reported->seen.time;

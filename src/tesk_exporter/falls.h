@@ -13,6 +13,7 @@
 #include "tesk_exporter/worker.h"
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -28,6 +29,7 @@ struct recorded_fall {
     uint32_t port_no;
     bool is_new; /* else more is known of one that was reported, or it is from before the start */
     bool is_ill_now; /* it came back worse than before, which is new */
+    bool is_counted; /* as the verdict won't change any more: once for each fall */
     causes::facts seen;
     causes::verdict its;
 };
@@ -47,7 +49,11 @@ class fall_follower
         thread_.stop();
     }
     /* What has changed since the last call. The thread's, or a test's in its place. */
-    std::vector<fall_fact> scan();
+    std::vector<fall_fact> scan(std::chrono::steady_clock::time_point now);
+
+    /* The record of a fall grows: a module that was swapped is seen up to ten seconds later. What
+       the looks and a new module can tell is told by then; the next fall ends the wait. */
+    static constexpr std::chrono::seconds counted_after{15};
 
   private:
     struct known_file {
@@ -55,9 +61,14 @@ class fall_follower
         uint64_t inode = 0;
         double last = 0;     /* the time of its last fall */
         bool is_ill = false; /* that one */
+        fall_fact uncounted; /* that one, until it is counted at: */
+        std::chrono::steady_clock::time_point due = {};
     };
-    bool scan_file(uint32_t port_no, std::vector<fall_fact> &found);
-    void scan_port(uint32_t port_no, std::vector<fall_fact> &found);
+    using time_point = std::chrono::steady_clock::time_point;
+    void scan_folder(time_point now, std::vector<fall_fact> &found);
+    bool scan_file(uint32_t port_no, time_point now, std::vector<fall_fact> &found);
+    void scan_port(uint32_t port_no, time_point now, std::vector<fall_fact> &found);
+    void count_due(time_point now, std::vector<fall_fact> &found);
 
     const std::string folder_;
     std::map<uint32_t, known_file> files_;

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <fstream>
 #include <iterator>
 #include <new>
 #include <pthread.h>
@@ -164,8 +165,10 @@ void fall_recorder::see_link(port_watch &its, const dolm_ric_details_link &now, 
         count(its, at);
     if (falls > 0 && is_on_)
         take_fall(its, now, at);
-    if (is_up && (!was_up || falls > 0))
+    if (is_up && (!was_up || falls > 0)) {
+        its.is_rise_known = was_known;
         rise(its, at);
+    }
     if (!is_up)
         its.up_since = 0;
     if (now.state == DOLM_RIC_VALUE_VALID)
@@ -203,12 +206,14 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     made.is_exact = its.news.is_exact;
     made.left = its.left;
     made.seen.time = wall_time(now_() - at);
+    made.seen.boot = boot_;
+    made.seen.since_boot_s = seconds_of(at);
     const char *name = now.interface[0] != '\0' ? now.interface : its.link.interface;
     if (*name != '\0')
         made.seen.interface = name;
     if (!its.news.device.empty())
         made.seen.device = its.news.device;
-    if (its.up_since != 0)
+    if (its.up_since != 0 && its.is_rise_known)
         made.seen.up_for_s = seconds_of(at - its.up_since);
     const bool is_set_down = now.admin == DOLM_RIC_SWITCH_DOWN;
     if (now.state == DOLM_RIC_VALUE_VALID && (is_set_down || made.is_told))
@@ -227,6 +232,8 @@ static bool is_deed(const causes::facts &seen, departure left)
 void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at)
 {
     const bool is_set_down = now.state == DOLM_RIC_VALUE_VALID && now.admin == DOLM_RIC_SWITCH_DOWN;
+    if (is_set_down)
+        its.set_down_at = at;
     const bool goes_on = its.open != nullptr && at - its.open->last_at < burst_gap &&
                          at - its.open->at < longest_burst && !is_set_down &&
                          its.left == departure::none && !is_deed(its.open->seen, its.open->left);
@@ -323,7 +330,7 @@ void fall_recorder::close(port_watch &its)
     its.open.reset();
 }
 
-/* Who else fell, and who stayed up. */
+/* Who else fell, and who stayed up. One that was set down did neither. */
 void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &open) const
 {
     double fell[2] = {0, 0}, stayed[2] = {0, 0}; /* of other devices; of the same one */
@@ -331,7 +338,8 @@ void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &
         const size_t is_same = other.news.device == its.news.device ? 1 : 0;
         const bool has_fallen = std::ranges::any_of(
             other.falls, [&](int64_t at) { return std::abs(at - open.at) <= together; });
-        if (number == port || (!has_fallen && other.up_since == 0))
+        const bool was_set_down = std::abs(other.set_down_at - open.at) <= together;
+        if (number == port || was_set_down || (!has_fallen && other.up_since == 0))
             continue;
         (has_fallen ? fell : stayed)[is_same]++;
     }
@@ -544,10 +552,19 @@ void fall_recorder::run()
     }
 }
 
+/* Nothing where the kernel's file can't be read. */
+static causes::text read_boot()
+{
+    std::ifstream file("/proc/sys/kernel/random/boot_id");
+    std::string its;
+    return file >> its && its.size() <= causes::longest_text ? causes::text(its) : std::nullopt;
+}
+
 void fall_recorder::start(const std::string &folder, looker look, bool has_thread)
 {
     folder_ = folder;
     look_ = std::move(look);
+    boot_ = read_boot();
     if (!make_falls_folder(folder_))
         fprintf(stderr, "libdolm_ric: cannot make %s for falls: %s\n", folder_.c_str(),
                 strerror(errno));

@@ -96,7 +96,9 @@ class fall_recorder
     };
     struct port_watch {
         dolm_ric_details_link link = {};
-        int64_t up_since = 0; /* 0: it isn't up */
+        int64_t up_since = 0;       /* 0: it isn't up */
+        bool is_rise_known = false; /* else it had been up before it was seen first */
+        int64_t set_down_at = 0;    /* its last fall by which it was set down */
         link_news news;
         departure left = departure::none;
         module_sample last, before; /* the latest look, and the one before it */
@@ -133,6 +135,7 @@ class fall_recorder
     const clock now_;
     looker look_;
     std::string folder_;
+    causes::text boot_; /* which start of the machine this is */
 
     std::mutex lock_; /* guards these */
     std::condition_variable changed_;

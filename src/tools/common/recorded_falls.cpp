@@ -272,6 +272,16 @@ std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t po
     return facts_of_text(path, text.substr(begin, end + 1 - begin)).front();
 }
 
+void sort_newest_first(std::vector<causes::facts> &falls)
+{
+    const bool is_one_start = std::ranges::all_of(falls, [&](const causes::facts &each) {
+        return each.since_boot_s && each.boot && each.boot == falls.front().boot;
+    });
+    const auto of = is_one_start ? &causes::facts::since_boot_s : &causes::facts::time;
+    std::ranges::stable_sort(falls, std::greater(),
+                             [of](const causes::facts &each) { return (each.*of).value_or(0); });
+}
+
 std::string cause_text(const causes::verdict &its)
 {
     std::string text = fmt::format("{}, {}", name_of(its.cause), name_of(its.certainty));

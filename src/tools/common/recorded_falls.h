@@ -30,6 +30,9 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
 /* The newest of them; only its line is taken apart. Throws as falls_of(). */
 std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no);
 
+/* Newest first: by the clock that nobody sets, where all are of one start of one machine. */
+void sort_newest_first(std::vector<causes::facts> &falls);
+
 /* For one line: "light lost, likely: No light is received ..", and "link is up, but ill: ..", which
    is empty where it isn't. Escaped. */
 std::string cause_text(const causes::verdict &its);

@@ -108,8 +108,7 @@ static void write_facts(const std::string &path, const std::vector<causes::facts
 
 static void keep_newest(std::vector<causes::facts> &falls, uint64_t last)
 {
-    std::ranges::stable_sort(falls, std::greater(),
-                             [](const causes::facts &each) { return each.time.value_or(0); });
+    sort_newest_first(falls);
     if (last != 0 && falls.size() > last)
         falls.resize(last);
 }
