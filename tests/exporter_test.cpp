@@ -656,7 +656,6 @@ TEST(exporter_http, only_files_of_the_page_are_served)
     const auto page = files.open("/");
     ASSERT_TRUE(page);
     EXPECT_EQ(page->size, 4u);
-    close(page->fd);
     EXPECT_TRUE(web_files("/nowhere").empty());
 }
 

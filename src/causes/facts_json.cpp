@@ -62,6 +62,11 @@ static const row rows[] = {
     {"fec_after", &facts::fec_after},
     {"corrected_in_minute", &facts::corrected_in_minute},
     {"uncorrectable_in_minute", &facts::uncorrectable_in_minute},
+    {"symbol_errors_in_minute", &facts::symbol_errors_in_minute},
+    {"frame_errors_in_minute", &facts::frame_errors_in_minute},
+    {"counted_for_s", &facts::counted_for_s},
+    {"signal_quality_before", &facts::signal_quality_before},
+    {"signal_quality_most", &facts::signal_quality_most},
     {"present_before", &facts::present_before},
     {"present_after", &facts::present_after},
     {"serial_before", &facts::serial_before},
@@ -94,6 +99,7 @@ static const row rows[] = {
     {"down_for_s", &facts::down_for_s},
     {"rx_again", &facts::rx_again, weakest, strongest},
     {"errors_again", &facts::errors_again, 0, 1},
+    {"uncorrectable_again", &facts::uncorrectable_again},
 };
 
 /* The beginning is enough to find it. */

@@ -408,12 +408,12 @@ MHD_Result http_server::send_readiness(const http_request &request)
 
 MHD_Result http_server::send_file(const http_request &request, std::string_view path)
 {
-    const auto file = files_.open(path);
+    auto file = files_.open(path);
     if (!file && path == "/")
         return send_text(request, MHD_HTTP_NOT_FOUND, "there is no page in " + settings_.web);
     if (!file)
         return send_text(request, MHD_HTTP_NOT_FOUND, "there is nothing at this path");
-    return send(request, MHD_HTTP_OK, file_response(*file).get());
+    return send(request, MHD_HTTP_OK, file_response(std::move(*file)).get());
 }
 
 /* The N of /api/ports/N. */

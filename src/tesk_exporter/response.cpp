@@ -2,7 +2,6 @@
 /* In the order of the header. The library releases the last owner of a body inside its calls. */
 #include "tesk_exporter/response.h"
 
-#include <unistd.h>
 #include <utility>
 
 namespace exporter
@@ -48,11 +47,11 @@ response text_response(const std::string &text, const char *content_type)
                     content_type);
 }
 
-response file_response(const web_files::file &file)
+response file_response(web_files::file &&file)
 {
-    MHD_Response *made = MHD_create_response_from_fd64(file.size, file.fd);
-    if (made == nullptr)
-        close(file.fd);
+    MHD_Response *made = MHD_create_response_from_fd64(file.size, file.opened.get());
+    if (made != nullptr)
+        file.opened.release(); /* owned by the answer now */
     return finished(made, file.type);
 }
 

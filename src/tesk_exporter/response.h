@@ -27,8 +27,7 @@ using response = std::unique_ptr<MHD_Response, response_release>;
 /* Takes over what the library has made, and adds the headers of all answers. */
 response finished(MHD_Response *made, const char *content_type);
 response text_response(const std::string &text, const char *content_type);
-/* The descriptor of the file is the answer's from now on. */
-response file_response(const web_files::file &file);
+response file_response(web_files::file &&file);
 void add_header(const response &to, const char *name, const char *value);
 
 /* A body that is rendered at most once in a short while, since rendering takes the most time: a
