@@ -13,7 +13,7 @@ packages_test=(git libgtest-dev lttng-tools babeltrace2 procps jq curl python3-p
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
               g++-s390x-linux-gnu qemu-user-static prometheus prometheus-node-exporter chromium
-              chromium-driver python3-selenium relacy-dev)
+              chromium-driver python3-selenium relacy-dev spin ccache)
 # For a real kernel in an emulated machine; the kernel itself is fetched and not installed.
 packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
                  libssl3)
@@ -114,6 +114,14 @@ show_progress() {
         fi
     done
     [ ! -t 2 ] || printf '\r\033[K' >&2
+}
+
+# A build that is made twice compiles once: that of tests/bare_root_test.sh is that of ./test. A cache that the
+# caller has set up serves as well.
+use_compiler_cache() {
+    [ -z "${CMAKE_CXX_COMPILER_LAUNCHER-}" ] || return 0
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+    export CCACHE_DIR=$PWD/build/ccache CCACHE_SLOPPINESS=pch_defines,time_macros,locale
 }
 
 # configure_and_build PRESET [cmake option..] [--target TARGET..]: builds the targets, all by default.

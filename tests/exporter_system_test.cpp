@@ -104,7 +104,7 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
 {
     server.emplace(); /* writes a map of its own */
     std::ofstream(map_path) << "# tesk-ports 1\n0\teth0\n1\teth1\n";
-    start();
+    start({"--history", socket_path + ".history"});
     await("/readyz", "200 OK");
     http_client stream = open_stream();
     expect_parts(stream.read_until("\n\nid: "), {"text/event-stream", "\"serial\":\"EX10G0001\""});
@@ -112,6 +112,11 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
     expect_none(stream.read_until("\"change\":\"removed\"}"), {"inserted"});
     await("/metrics", "tesk_port_module_present{port=\"0\",interface=\"eth0\"} 0\n");
     await("/api/events?port=0", "\"change\":\"removed\"}");
+    await("/api/modules", "\"present\":false");
+    std::string modules;
+    EXPECT_EQ(testkit::run(TESK_BIN_DIR "/teskctl modules --exporter unix:" + socket_path, modules),
+              0);
+    expect_parts(modules, {" present\n", " gone\n"});
     await("/api/plot?port=1&range=day", "]]");
     expect_parts(
         get("/metrics"),

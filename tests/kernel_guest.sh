@@ -287,7 +287,8 @@ falls_are_explained() {
 was_counted() { [ "$(cat $cages/cage1/counter_reads)" -ge "$1" ]; } # TIMES
 is_counted() { await was_counted "$1" || await was_counted "$1"; }
 
-# Errors on port 1, counted twice before it falls; FEC of port 2 is changed just before it falls.
+# Errors on port 1, counted twice before it falls; FEC of port 2 is changed just before it falls, and
+# the driver of port 6 leaves.
 shown_by_the_driver() {
     all_is_well
     sleep 3 # so that port 1 has been up for long enough
@@ -299,13 +300,22 @@ shown_by_the_driver() {
     set_cage 1 fec_uncorrectable 9000
     set_cage 1 carrier 0
     ethtool --set-fec cage2 encoding baser
+    set_cage 2 fail 1
     set_cage 2 carrier 0
     explains 1 "errors rose, likely"
     check "by what came before the fall" says "12 blocks couldn't be corrected" teskctl why 1 --last 1
     explains 2 "settings differ, likely"
+    check "and its error is named" says "The driver reported an error: fw_fatal." teskctl why 2 --last 1
+    usleep 2000000 # the message about port 6 tells of nothing that was before
+    echo cageports.3 >/sys/bus/platform/drivers/cageports/unbind
+    explains 6 "driver gone, likely" 3
     put $cages/cage0 made-other-sfp
     check "port 0 has its module" await shows_serial 0 0002
+    set_cage 1 fec_slow_us 1000000
+    set_cage 1 counter_reads 0
 }
+
+was_asked_rarely() { [ "$(cat $cages/cage1/counter_reads)" -le 2 ]; }
 
 reader_is_confined() {
     process=$(pidof tesk-module-reader)
@@ -415,6 +425,8 @@ a_module_is_shown_whole
 compare_with_ethtool
 without_the_right
 check "a module that failed again and again comes back" comes_back
+check "a driver that takes a second is asked for its counters" await was_counted 1
+check "and left alone for long after that" was_asked_rarely
 kill $server
 check "the server ends in order" wait $server_shell
 echo "the server said:"

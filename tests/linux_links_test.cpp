@@ -9,6 +9,7 @@
 #include "platform/linux_interfaces/netlink.h"
 
 #include <gtest/gtest.h>
+#include <linux/devlink.h>
 #include <linux/ethtool.h>
 #include <linux/ethtool_netlink.h>
 #include <linux/if.h>
@@ -312,6 +313,15 @@ TEST(kernel_notes_test, a_note_counts_for_its_interface_and_time)
         notes.take_uevent({reinterpret_cast<const uint8_t *>(text.data()), text.size()}, 100);
     EXPECT_EQ(true, notes.was_unbound("0000:03:00.1", 50, 150));
     EXPECT_EQ(std::nullopt, notes.was_unbound("0000:03:00.0", 50, 150));
+    netlink::request failed = netlink::generic_request(1, DEVLINK_CMD_HEALTH_REPORTER_RECOVER);
+    failed.put_text(DEVLINK_ATTR_DEV_NAME, "0000:03:00.1");
+    const size_t reporter = failed.begin_nest(DEVLINK_ATTR_HEALTH_REPORTER);
+    failed.put_text(DEVLINK_ATTR_HEALTH_REPORTER_NAME, "fw\x1b[2J");
+    failed.put(DEVLINK_ATTR_HEALTH_REPORTER_STATE, uint8_t{1});
+    failed.end_nest(reporter);
+    notes.take_health(failed.finish(1), 100);
+    EXPECT_EQ("fw?[2J", notes.error_reported("0000:03:00.1", 50, 150));
+    EXPECT_EQ(std::nullopt, notes.error_reported("0000:03:00.1", 101, 150));
     notes.start();
     EXPECT_EQ(false, notes.were_settings_changed(8, 50, 150));
     notes.lose(120);

@@ -357,8 +357,12 @@ TEST_F(mbx, what_a_filter_passes_over_stays_readable_and_in_order)
 
 TEST_F(mbx, the_last_monitor_of_a_peer_counts_and_a_late_one_is_told_at_once)
 {
-    client a([](int line, uint32_t) { hear(line); });
+    const auto stay = [](int line, uint32_t) { hear(line); };
+    client a(stay), b(stay);
     join("server");
+    mbx_unmonitor(mbx_monitor(b.admit(), nullptr));
+    say(b.line.get(), 1);
+    EXPECT_EQ(b.end(), 0);
     const uint32_t id = a.admit(), ended = mbx_monitor(id, nullptr);
     mbx_signal *own_notice = mbx_alloc(4, 77);
     mbx_monitor(id, &own_notice);
@@ -370,6 +374,23 @@ TEST_F(mbx, the_last_monitor_of_a_peer_counts_and_a_late_one_is_told_at_once)
         mbx_monitor(dead, nullptr);
         expect_notice(next(), dead);
     }
+    expect_nothing();
+}
+
+TEST_F(mbx, a_thread_without_a_mailbox_acts_as_the_first_of_its_process)
+{
+    const uint32_t own = join("server");
+    uint32_t younger[2] = {};
+    for (uint32_t &id : younger)
+        std::thread([&] { id = join(); }).join();
+    const auto expect_own = [&] {
+        std::thread([&] { send_number(own, numbered); }).join();
+        EXPECT_EQ(next().sender, own);
+    };
+    expect_own();
+    mbx_unmonitor(mbx_monitor(younger[0], nullptr));
+    mbx_delete_mailbox(younger[0]);
+    expect_own();
     expect_nothing();
 }
 

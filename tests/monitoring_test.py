@@ -35,6 +35,7 @@ dashboard = json.loads((FOLDER / "grafana-dashboard.json").read_text())
 rules = (FOLDER / "tesk-recording.yml").read_text() + (FOLDER / "tesk-alerts.yml").read_text()
 panels = dashboard["panels"]
 queries = [(panel["title"], target["expr"]) for panel in panels for target in panel["targets"]]
+queries += [(each["name"], each["expr"]) for each in dashboard["annotations"]["list"]]
 
 promtool("check", "config", "prometheus.yml")
 promtool("test", "rules", "tesk-tests.yml", "tesk-tests-week.yml")

@@ -181,8 +181,35 @@ def changes_appear(board, page):
     board.play("set 4 rx-power.2=-16dBm rx-los.1=yes")
     page.shows("#lanes tr:nth-child(3)", "-16.02 dBm")
     page.shows("#lanes tr:nth-child(2)", "rx los")
+    # The simulated board reads nothing that takes time.
+    share = page.run("""return import("./lanes.js").then(({write_lanes}) => {
+        write_lanes({lanes: [], cost: {period_s: 2, last_sweep_s: 0.001}});
+        return document.getElementById("reading-share").textContent; })""")
+    assert share.endswith("keeps the kernel busy for 0.05 % of the time."), share
     page.go("port=9")  # copper
     await_true(lambda: page.run("return document.getElementById(\"lanes-part\").hidden"), "copper")
+    page.go("")
+
+
+def falls_are_shown(board, page):
+    """The marks are those of the list, which the keyboard opens; a longer range has the same ones."""
+    page.go("port=6")
+    page.shows("#fall-count", "No fall of the link in the last hour")
+    board.play("set 6 link=up", "set 6 rxpower=0mW module_status=1 link=down")
+    page.shows("#fall-text", "light lost, likely. No light is received")
+    page.run("document.querySelector('#falls-part summary').focus()")
+    page.press(Keys.ENTER)
+    page.shows("#falls", "light lost, likely. No light is received")
+    page.run("document.querySelector(`button[data-range='day']`).click()")
+    page.shows("#fall-count", "One fall of the link in the last day")
+    left = page.run("return parseFloat(document.querySelector('#fall-line span').style.left)")
+    assert 95 < left <= 100, left
+    if folder := os.environ.get("PAGE_PICTURES"):
+        page.shows_plots()
+        page.run("document.querySelector('#falls-part').scrollIntoView()")
+        page.browser.save_screenshot(f"{folder}/falls.png")
+    page.run("document.querySelector(`button[data-range='hour']`).click()")
+    board.play("set 6 rxpower=-4dBm module_status=0 link=up")
     page.go("")
 
 
@@ -375,6 +402,7 @@ def check_page(board, place):
         changes_appear(board, page)
         if "--write" in sys.argv:
             picture(board, page)
+        falls_are_shown(board, page)
         module_texts_stay_texts(board, page)
         keys_are_enough(page)
         states_have_their_words(board, page)

@@ -2,6 +2,7 @@
 /* One port: badges, values, plots, identity, history. The plots and the history are asked for when
    the port is chosen, and again after each change of it. */
 import { by_id, make, make_badge, make_event, set_text } from "./document.js";
+import { forget_falls, take_falls, write_falls } from "./falls.js";
 import { limits_of, write_lanes } from "./lanes.js";
 import { age_text, event_text, forecast_badge, grade_badge, has_module, link_badge, measurements, module_text,
          time_text, title_of, value_text } from "./ports.js";
@@ -172,13 +173,17 @@ function draw_limits(name, colour, canvas, area, graph) {
   canvas.restore();
 }
 
+function clear_plots() {
+  plots.forEach((plot) => plot.destroy());
+  plots = [];
+  by_id("plots").replaceChildren();
+}
+
 function draw(answer) {
   const style = getComputedStyle(document.documentElement);
   const colour = (name) => style.getPropertyValue(name).trim();
   const is_sparse = answer.temperature_c.filter((value) => value !== null).length < 30;
-  plots.forEach((plot) => plot.destroy());
-  plots = [];
-  by_id("plots").replaceChildren();
+  clear_plots();
   for (const what of plotted) {
     const figure = make("figure");
     const caption = make("figcaption");
@@ -225,11 +230,35 @@ async function forecasts_of(port) {
   return answer?.forecasts.filter((each) => each.port === port.port) ?? [];
 }
 
+const spans_ms = { hour: day_ms / 24, day: day_ms, "2d": 2 * day_ms, "8w": 56 * day_ms, "2y": 731 * day_ms };
+
+/* In the scale of the plots, as far as there are any. */
+function draw_falls() {
+  const now = Date.now(), begin = now - spans_ms[range];
+  const name = section.querySelector(`button[data-range="${range}"]`).textContent;
+  write_falls(name, begin, ...(plots[0]?.xAxisRange() ?? [begin, now]));
+}
+
+let has_falls = false; /* asked for those of the shown port, and not in vain */
+async function load_falls() {
+  const number = shown;
+  has_falls = true;
+  const response = await fetch(`api/falls?port=${number}`, { signal: AbortSignal.timeout(5000) }).catch(() => null);
+  const answer = response?.ok ? await response.json().catch(() => null) : null;
+  if (shown !== number)
+    return;
+  has_falls = answer !== null;
+  take_falls(answer);
+  draw_falls();
+}
+
 /* Nothing is drawn while the pointer reads a value. */
 export async function load_plots() {
   const number = shown;
-  if (number === null || by_id("plots").matches(":hover") && plots.length)
+  if (number === null || section.querySelector("#plots:hover, #fall-line:hover") && plots.length)
     return;
+  if (!has_falls)
+    load_falls();
   const is_kept = /^\d/.test(range);
   const plot_path = is_kept ? `api/history?port=${number}&span=${range}` : `api/plot?port=${number}&range=${range}`;
   let trouble = "";
@@ -244,16 +273,20 @@ export async function load_plots() {
     write_lanes(port.details);
     write_forecasts(forecasts);
   }
-  if (trouble && is_kept)
-    by_id("plots").replaceChildren(make("p", trouble, "dim"));
+  if (trouble && is_kept) {
+    clear_plots();
+    by_id("plots").append(make("p", trouble, "dim"));
+  }
   if (found && (found.range ?? found.span) === range)
     draw(is_kept ? from_history(found, forecasts) : found);
+  draw_falls();
 }
 
 export async function load_history() {
   const number = shown;
   if (number === null)
     return;
+  load_falls();
   const answer = await answer_of(`api/events?port=${number}`).catch(() => null);
   if (!answer || shown !== number)
     return;
@@ -292,15 +325,15 @@ export function choose_port(number, is_followed) {
   limits = {};
   write_lanes(null);
   section.hidden = number === null;
-  plots.forEach((plot) => plot.destroy());
-  plots = [];
-  by_id("plots").replaceChildren();
+  clear_plots();
   write_forecasts([]);
+  has_falls = false;
+  forget_falls();
   by_id("history").replaceChildren();
   if (!is_followed)
     return;
-  load_plots();
   load_history();
+  load_plots();
 }
 
 for (const button of section.querySelectorAll("button[data-range]")) {

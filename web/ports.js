@@ -147,6 +147,11 @@ export function is_later(id, other) {
   return epoch === other_epoch && Number(number) > Number(other_number);
 }
 
+/* Why a link fell, with what is ill since it came back. */
+export function fall_text({ cause, certainty, evidence, ill }) {
+  return [`${cause}, ${certainty}.`, evidence[0], ...(ill.length ? ["Up, but ill:", ...ill] : [])].filter(Boolean).join(" ");
+}
+
 /* The event as a sentence of a list. */
 export function event_text(event) {
   switch (event.event) {
@@ -154,7 +159,7 @@ export function event_text(event) {
   case "restored": return "tesk-server is back";
   case "missed": return "some changes were missed";
   case "fall": return event.ill.length ? `link is up, but ill: ${event.ill.join(" ")}`
-    : `link fell: ${event.cause}, ${event.certainty}. ${event.evidence[0] ?? ""}`;
+    : `link fell: ${fall_text(event)}`;
   case "sfp":
     return ["removed", "not ready"].includes(event.change) ? `module ${event.change}`
       : `module ${event.change}: ${module_text({ sfp: event })}`;

@@ -43,6 +43,7 @@ struct facts {
     flag set_down; /* the interface was set down */
     flag interface_removed, interface_moved, driver_unbound;
     flag device_reset;     /* the driver's own report of one; an uevent alone is none */
+    text driver_error;     /* what the driver reported as failed, in its own word */
     flag settings_changed; /* somebody changed speed, negotiation or FEC within five seconds before
                             */
     text extended_state;   /* the kernel's name, such as "Autoneg" */

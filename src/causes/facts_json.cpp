@@ -50,6 +50,7 @@ static const row rows[] = {
     {"interface_moved", &facts::interface_moved},
     {"driver_unbound", &facts::driver_unbound},
     {"device_reset", &facts::device_reset},
+    {"driver_error", &facts::driver_error},
     {"settings_changed", &facts::settings_changed},
     {"extended_state", &facts::extended_state},
     {"remote_fault", &facts::remote_fault},

@@ -300,6 +300,8 @@ static void add_context(const facts &seen, std::vector<std::string> &evidence)
             std::ranges::find(evidence, sentence) == evidence.end())
             evidence.push_back(std::move(sentence));
     };
+    if (seen.driver_error)
+        add(fmt::format("The driver reported an error: {}.", *seen.driver_error));
     if (seen.up_for_s)
         add(fmt::format("It had been up for {}.", duration_text(*seen.up_for_s)));
     if (const sign both = was_set_down(seen); both.is == answer::yes)

@@ -7,6 +7,8 @@
  * makes cage0 to cage4. The last `ioctl_only` ports offer their module's memory by the operations
  * of older drivers only (get_module_info, get_module_eeprom), the others by page.
  *
+ * A port has the platform device cageports.N; without its driver there is no cageN.
+ *
  * debugfs, cageports/cageN:
  *   a0, a2        the memory at I2C addresses 0x50 and 0x51: 128 lower bytes, then pages of 128
  *   bank1..bank3  the pages of address 0x50 in that bank, laid out as in a0
@@ -20,6 +22,7 @@
  *   fec_corrected, fec_uncorrectable, symbol_errors  what the driver has counted
  *   counter_reads how often that was asked for; can be written
  *   fec_slow_us   how long the driver takes to say it
+ *   fail          the driver reports an error of the device, "fw_fatal", and recovers
  *   reads, bytes  what was read so far; can be written
  *   reading       1 while a read goes on
  *
@@ -33,8 +36,10 @@
 #include <linux/kprobes.h>
 #include <linux/module.h>
 #include <linux/netdevice.h>
+#include <linux/platform_device.h>
 #include <linux/rtnetlink.h>
 #include <linux/vmalloc.h>
+#include <net/devlink.h>
 
 #define PAGE_LENGTH 128
 #define MEMORY_LENGTH (PAGE_LENGTH * 257)
@@ -48,7 +53,10 @@ static unsigned int ioctl_only = 1;
 module_param(ioctl_only, uint, 0444);
 
 struct cage {
-	struct net_device *dev;
+	struct platform_device *device;
+	struct net_device *dev; /* while the driver is bound, as these */
+	struct devlink *devlink;
+	struct devlink_health_reporter *reporter;
 	unsigned int number;
 	u8 *memory[MEMORIES];
 	u32 present, error, delay_us, speed, lanes, reads, bytes, reading, ext_state, ext_substate;
@@ -267,7 +275,9 @@ static int carrier_set(void *data, u64 value)
 	struct cage *c = data;
 
 	rtnl_lock();
-	if (value)
+	if (!c->dev)
+		;
+	else if (value)
 		netif_carrier_on(c->dev);
 	else
 		netif_carrier_off(c->dev);
@@ -277,7 +287,9 @@ static int carrier_set(void *data, u64 value)
 
 static int carrier_get(void *data, u64 *value)
 {
-	*value = netif_carrier_ok(((struct cage *)data)->dev);
+	struct cage *c = data;
+
+	*value = c->dev && netif_carrier_ok(c->dev);
 	return 0;
 }
 DEFINE_DEBUGFS_ATTRIBUTE(carrier_fops, carrier_get, carrier_set, "%llu\n");
@@ -286,7 +298,7 @@ static int flap_set(void *data, u64 value)
 {
 	struct cage *c = data;
 
-	while (value--) {
+	while (c->dev && value--) {
 		netif_carrier_off(c->dev);
 		netif_carrier_on(c->dev);
 		cond_resched();
@@ -294,6 +306,14 @@ static int flap_set(void *data, u64 value)
 	return 0;
 }
 DEFINE_DEBUGFS_ATTRIBUTE(flap_fops, NULL, flap_set, "%llu\n");
+
+static int fail_set(void *data, u64 value)
+{
+	struct cage *c = data;
+
+	return c->dev ? devlink_health_report(c->reporter, "by debugfs", c) : -ENODEV;
+}
+DEFINE_DEBUGFS_ATTRIBUTE(fail_fops, NULL, fail_set, "%llu\n");
 
 static void cage_show(struct cage *c)
 {
@@ -313,14 +333,19 @@ static void cage_show(struct cage *c)
 		{ "counter_reads", &c->counter_reads },
 		{ "fec_slow_us", &c->fec_slow_us },
 	};
-	struct dentry *dir = debugfs_create_dir(c->dev->name, root);
+	char name[IFNAMSIZ];
+	struct dentry *dir;
 	int i;
+
+	snprintf(name, sizeof(name), "cage%u", c->number);
+	dir = debugfs_create_dir(name, root);
 
 	for (i = 0; i < MEMORIES; i++)
 		debugfs_create_file(memories[i], 0600, dir, c->memory[i], &memory_fops);
 	for (i = 0; i < ARRAY_SIZE(numbers); i++)
 		debugfs_create_u32(numbers[i].name, 0600, dir, numbers[i].value);
 	debugfs_create_file("carrier", 0600, dir, c, &carrier_fops);
+	debugfs_create_file("fail", 0200, dir, c, &fail_fops);
 	debugfs_create_file("flap", 0200, dir, c, &flap_fops);
 }
 
@@ -330,16 +355,13 @@ static void cage_free(struct cage *c)
 
 	if (!c)
 		return;
-	if (c->dev) {
-		unregister_netdev(c->dev);
-		free_netdev(c->dev);
-	}
+	platform_device_unregister(c->device);
 	for (i = 0; i < MEMORIES; i++)
 		vfree(c->memory[i]);
 	kfree(c);
 }
 
-static struct net_device *netdev_make(struct cage *c)
+static struct net_device *netdev_make(struct cage *c, struct platform_device *device)
 {
 	struct net_device *dev = alloc_etherdev(sizeof(c));
 
@@ -347,6 +369,7 @@ static struct net_device *netdev_make(struct cage *c)
 		return NULL;
 	*(struct cage **)netdev_priv(dev) = c;
 	snprintf(dev->name, IFNAMSIZ, "cage%u", c->number);
+	SET_NETDEV_DEV(dev, &device->dev);
 	dev->netdev_ops = &netdev_ops;
 	dev->ethtool_ops = c->number < ports - ioctl_only ? &ops_by_page : &ops_by_ioctl;
 	eth_hw_addr_random(dev);
@@ -357,6 +380,73 @@ static struct net_device *netdev_make(struct cage *c)
 	}
 	return dev;
 }
+
+static int recover(struct devlink_health_reporter *reporter, void *context,
+		   struct netlink_ext_ack *extack)
+{
+	return 0;
+}
+
+static const struct devlink_ops devlink_ops;
+static const struct devlink_health_reporter_ops reporter_ops = {
+	.name = "fw_fatal",
+	.recover = recover,
+};
+
+static int health_make(struct cage *c, struct device *device)
+{
+	c->devlink = devlink_alloc(&devlink_ops, 0, device);
+	if (!c->devlink)
+		return -ENOMEM;
+	c->reporter = devlink_health_reporter_create(c->devlink, &reporter_ops, 0, c);
+	if (IS_ERR(c->reporter)) {
+		devlink_free(c->devlink);
+		return PTR_ERR(c->reporter);
+	}
+	devlink_register(c->devlink);
+	return 0;
+}
+
+static void health_free(struct cage *c)
+{
+	devlink_unregister(c->devlink);
+	devlink_health_reporter_destroy(c->reporter);
+	devlink_free(c->devlink);
+}
+
+static int cage_probe(struct platform_device *device)
+{
+	struct cage *c = *(struct cage **)dev_get_platdata(&device->dev);
+
+	int r = health_make(c, &device->dev);
+
+	if (r)
+		return r;
+	c->dev = netdev_make(c, device);
+	if (!c->dev)
+		health_free(c);
+	return c->dev ? 0 : -ENOMEM;
+}
+
+static int cage_remove(struct platform_device *device)
+{
+	struct cage *c = *(struct cage **)dev_get_platdata(&device->dev);
+	struct net_device *dev = c->dev;
+
+	rtnl_lock();
+	c->dev = NULL;
+	unregister_netdevice(dev);
+	rtnl_unlock();
+	free_netdev(dev);
+	health_free(c);
+	return 0;
+}
+
+static struct platform_driver cage_driver = {
+	.probe = cage_probe,
+	.remove = cage_remove,
+	.driver = { .name = "cageports" },
+};
 
 static struct cage *cage_make(unsigned int number)
 {
@@ -375,7 +465,9 @@ static struct cage *cage_make(unsigned int number)
 		if (!c->memory[i])
 			goto failed;
 	}
-	c->dev = netdev_make(c);
+	c->device = platform_device_register_data(NULL, "cageports", number, &c, sizeof(c));
+	if (IS_ERR(c->device))
+		c->device = NULL;
 	if (!c->dev)
 		goto failed;
 	cage_show(c);
@@ -418,6 +510,7 @@ static void cages_free(void)
 	debugfs_remove(root);
 	for (i = 0; i < ports; i++)
 		cage_free(cages[i]);
+	platform_driver_unregister(&cage_driver);
 	kfree(cages);
 }
 
@@ -431,6 +524,11 @@ static int __init cageports_init(void)
 	cages = kcalloc(ports, sizeof(*cages), GFP_KERNEL);
 	if (!cages)
 		return -ENOMEM;
+	r = platform_driver_register(&cage_driver);
+	if (r) {
+		kfree(cages);
+		return r;
+	}
 	root = debugfs_create_dir("cageports", NULL);
 	debugfs_create_u32("no_netlink", 0600, root, &no_netlink);
 	for (i = 0; i < ports; i++) {

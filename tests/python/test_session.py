@@ -85,6 +85,8 @@ def test_watches_share_a_subscription_and_the_last_one_ends_it(server):
         server.await_unsubscribed("0")
         actions = [record.action for record in session.history(tesk.HistoryKind.ACTIONS)]
         assert actions.count(tesk.Action.STATUS_SUBSCRIBE) == 2
+        times = [record.time for record in session.history()]
+        assert times == sorted(times) and times[0] < times[-1]
         assert session.watch(status=[13]).next(PATIENCE).sfp_type is None  # an empty cage
 
 
@@ -108,6 +110,8 @@ def test_a_session_reconnects_and_renews_what_can_be_renewed(server, tmp_path):
         other = session.watch(status=[3])
         server.kill()
         until(watch, tesk.ServerLost)
+        with session.watch(status=[0]) as late:
+            assert late.next(0) is None
         server.start(DOLM_RIC_BOARD=str(small))
         assert watch.next(PATIENCE) == tesk.ServerRestored() and session.connected
         changes = {type(change): change for change in (watch.next(PATIENCE), watch.next(PATIENCE))}
@@ -218,7 +222,7 @@ def test_the_port_map_names_the_ports(tmp_path):
 
 
 def test_details_are_those_of_teskctl(server):
-    path = f"{folder.name}/details"
+    path, descriptors = f"{folder.name}/details", len(os.listdir("/proc/self/fd"))
     for port in (0, 8, 12, 15):
         shown = json.loads(subprocess.run(
             [BIN / "teskctl", "--json", "module", str(port)], check=True, timeout=PATIENCE,
@@ -229,6 +233,7 @@ def test_details_are_those_of_teskctl(server):
         tesk.details(99, path)
     with pytest.raises(tesk.NoServerError):
         tesk.details(0, path + "-none")
+    assert len(os.listdir("/proc/self/fd")) == descriptors
 
 
 def without_ages(value):

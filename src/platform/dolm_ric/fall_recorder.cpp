@@ -426,6 +426,7 @@ static void take_asked(const causes::facts &asked, causes::facts &seen)
     seen.remote_fault = asked.remote_fault;
     seen.driver_unbound = asked.driver_unbound;
     seen.settings_changed = asked.settings_changed;
+    seen.driver_error = asked.driver_error;
     seen.corrected_in_minute = asked.corrected_in_minute;
     seen.uncorrectable_in_minute = asked.uncorrectable_in_minute;
     seen.symbol_errors_in_minute = asked.symbol_errors_in_minute;

@@ -74,8 +74,10 @@ void fall_looks::look(int32_t index, const std::string &device, int64_t at, caus
         seen.settings_changed =
             notes_.were_settings_changed(index, at - 5 * second, at + second / 4);
     }
-    if (!device.empty())
-        seen.driver_unbound = notes_.was_unbound(device, at - second, at + 2 * second);
+    if (device.empty())
+        return;
+    seen.driver_unbound = notes_.was_unbound(device, at - second, at + 2 * second);
+    seen.driver_error = notes_.error_reported(device, at - 5 * second, at + 2 * second);
 }
 
 void fall_looks::look_again(int32_t index, int64_t since, causes::facts &seen)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Two sockets: the notices of ethtool's family, and the kernel's uevents. The last time of each
-   kind of message is kept for each interface and device. */
+/* Three sockets: the notices of the families of ethtool and devlink, and the kernel's uevents. The
+   last time of each kind of message is kept for each interface and device. */
 #include "platform/dolm_ric/linux/kernel_notes.h"
 
 #include "platform/dolm_ric/port_details.h"
@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <linux/devlink.h>
 #include <linux/ethtool_netlink.h>
 #include <linux/genetlink.h>
 #include <system_error>
@@ -59,7 +60,13 @@ void kernel_notes::start()
     if (is_first_user_namespace())
         join_group(
             NETLINK_KOBJECT_UEVENT, [](netlink::connection &) { return uevent_group; }, uevents_);
-    if (settings_ || uevents_)
+    join_group(
+        NETLINK_GENERIC,
+        [](netlink::connection &its) {
+            return netlink::find_group(its, DEVLINK_GENL_NAME, DEVLINK_GENL_MCGRP_CONFIG_NAME);
+        },
+        health_);
+    if (settings_ || uevents_ || health_)
         thread_.start("dolm-ric-notes", [this] { run(); });
 }
 
@@ -73,12 +80,15 @@ void kernel_notes::run()
     while (!thread_.is_stopping()) {
         pollfd wanted[] = {{settings_ ? settings_->fd() : -1, POLLIN, 0},
                            {uevents_ ? uevents_->fd() : -1, POLLIN, 0},
+                           {health_ ? health_->fd() : -1, POLLIN, 0},
                            {thread_.wake_fd(), POLLIN, 0}};
         util::poll_or_pause(wanted, -1);
         if (settings_)
             drain(*settings_, &kernel_notes::take_setting);
         if (uevents_)
             drain(*uevents_, &kernel_notes::take_uevent);
+        if (health_)
+            drain(*health_, &kernel_notes::take_health);
     }
 }
 
@@ -133,6 +143,41 @@ void kernel_notes::take_uevent(netlink::byte_view datagram, int64_t at)
     note(unbound_at_, std::string(first.substr(first.find_last_of('/') + 1)), at);
 }
 
+/* A driver's word is shown to people: no control character, and not too long. */
+static std::string word_of(std::string_view text)
+{
+    constexpr size_t longest = 32;
+    std::string its(text.substr(0, longest));
+    std::ranges::replace_if(
+        its, [](char c) { return c < ' ' || c > '~'; }, '?');
+    return its;
+}
+
+/* The same message tells of the recovery, with the state 0. */
+void kernel_notes::take_health(netlink::byte_view datagram, int64_t at)
+{
+    while (const auto notice = netlink::take_message(datagram)) {
+        const auto head = netlink::read_record<genlmsghdr>(notice->body);
+        if (!head || head->cmd != DEVLINK_CMD_HEALTH_REPORTER_RECOVER)
+            continue;
+        const netlink::byte_view attributes = netlink::generic_attributes(*notice);
+        const std::string device(
+            netlink::read_text(netlink::find_attribute(attributes, DEVLINK_ATTR_DEV_NAME)));
+        const netlink::byte_view reporter =
+            netlink::find_attribute(attributes, DEVLINK_ATTR_HEALTH_REPORTER);
+        const auto state = netlink::read_record<uint8_t>(
+            netlink::find_attribute(reporter, DEVLINK_ATTR_HEALTH_REPORTER_STATE));
+        if (state.value_or(0) == 0 || device.empty())
+            continue;
+        note(failed_at_, device, at);
+        const std::lock_guard guard(lock_);
+        if (failed_.size() > most_notes)
+            failed_.clear();
+        failed_[device] = word_of(netlink::read_text(
+            netlink::find_attribute(reporter, DEVLINK_ATTR_HEALTH_REPORTER_NAME)));
+    }
+}
+
 template <typename key>
 void kernel_notes::note(std::map<key, int64_t> &notes, const key &of, int64_t at)
 {
@@ -170,6 +215,17 @@ std::optional<bool> kernel_notes::was_unbound(const std::string &device, int64_t
                                               int64_t to) const
 {
     return has_note(unbound_at_, uevents_.has_value(), device, from, to);
+}
+
+/* That none was reported shows nothing: most drivers report none. */
+std::optional<std::string> kernel_notes::error_reported(const std::string &device, int64_t from,
+                                                        int64_t to) const
+{
+    if (!has_note(failed_at_, false, device, from, to))
+        return std::nullopt;
+    const std::lock_guard guard(lock_);
+    const auto found = failed_.find(device);
+    return found == failed_.end() ? std::nullopt : std::optional(found->second);
 }
 
 } // namespace linux_board

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* kernel_notes - what the kernel says of its own accord about interfaces and their devices, beside
-   the messages about links, and when: changed settings, and drivers that leave a device. A thread
-   of its own takes the messages, so that each has its time. Times are in ns of CLOCK_BOOTTIME. */
+   the messages about links, and when: changed settings, drivers that leave a device, and errors of
+   a device that its driver reports. A thread of its own takes the messages, so that each has its
+   time. Times are in ns of CLOCK_BOOTTIME. */
 #pragma once
 
 #include "platform/dolm_ric/linux/worker.h"
@@ -29,9 +30,15 @@ class kernel_notes
     /* The same of the device, such as 0000:03:00.0, whose driver left it. */
     std::optional<bool> was_unbound(const std::string &device, int64_t from, int64_t to) const;
 
+    /* What the driver of the device reported as failed, in its own word, such as fw_fatal; nothing
+       if nothing is known of that time. */
+    std::optional<std::string> error_reported(const std::string &device, int64_t from,
+                                              int64_t to) const;
+
     /* One datagram of each kind, for the thread and for tests. */
     void take_setting(netlink::byte_view datagram, int64_t at);
     void take_uevent(netlink::byte_view datagram, int64_t at);
+    void take_health(netlink::byte_view datagram, int64_t at);
     /* Messages were lost. */
     void lose(int64_t at);
 
@@ -45,11 +52,12 @@ class kernel_notes
     std::optional<bool> has_note(const std::map<key, int64_t> &notes, bool is_followed,
                                  const key &of, int64_t from, int64_t to) const;
 
-    std::optional<netlink::connection> settings_, uevents_;
+    std::optional<netlink::connection> settings_, uevents_, health_;
 
     mutable std::mutex lock_; /* guards these */
     std::map<int32_t, int64_t> changed_at_;
-    std::map<std::string, int64_t> unbound_at_;
+    std::map<std::string, int64_t> unbound_at_, failed_at_;
+    std::map<std::string, std::string> failed_; /* of devices with a time in failed_at_, and more */
     int64_t lost_at_ = INT64_MIN;
 
     worker thread_; /* last: it ends before what it uses */
