@@ -371,10 +371,10 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     EXPECT_EQ(record.vdm[2].value, -10);
     module_memory memory = read_at(module, 150);
     memory.drop(vdm_flags_range);
-    take_vdm(memory, record);
+    take_vdm(memory, DOLM_RIC_VALUE_VALID, record);
     EXPECT_EQ(record.vdm[0].raised, DOLM_RIC_VDM_FLAGS_UNKNOWN);
     memory.drop(vdm_range(vdm_descriptors, 0));
-    take_vdm(memory, record);
+    take_vdm(memory, DOLM_RIC_VALUE_VALID, record);
     EXPECT_EQ(record.vdm_state, uint32_t{DOLM_RIC_VALUE_NOT_READ});
     for (size_t at = 128; at < 256; at += 2)
         put(0x20, at, 0);
@@ -386,6 +386,64 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     put(0x2f, 128, 2 << 8); /* three groups */
     take(module, 200, record);
     EXPECT_TRUE(record.vdm_count == DOLM_RIC_DETAILS_VDM && record.vdm_left_out == 64);
+}
+
+TEST_F(details_test, what_a_module_claims_is_taken_and_nothing_else)
+{
+    const auto is_told = [&](uint32_t lane, uint32_t kind) {
+        return record.lane[lane].signal[kind].state == DOLM_RIC_VALUE_VALID;
+    };
+    module_images::image module = module_images::cmis_with_vdm();
+    module_images::bytes &a0 = module.a0;
+    const auto put = [&](size_t at, std::initializer_list<int> words) {
+        for (const int word : words)
+            module_images::put16(a0, at, word), at += 2;
+    };
+    a0[128 + 159] = 0x0f, a0[128 + 145] = 1; /* a TEC and the temperature of a laser */
+    put(18, {-8192, 55 * 256}), a0[10] = 0x20;
+    put(256 + 152, {60 * 256, 45 * 256, 54 * 256, 47 * 256});
+    a0[128 + 142] = 0x40, a0[128 + 157] = 7, a0[128 + 158] = 6, a0[128 + 160] = 0x1f;
+    for (size_t at = 86; at < 118; at += 4)
+        put(at, {0x4f1c, 0x8401}); /* 8 lanes of the host on 4 of light */
+    put(128 + 223, {0x511e, 0x4411, 0xff00});
+    put(0x20 * 128 + 130, {0x3002}); /* the current of the TEC, in VDM */
+    a0[210] = 0xf0;
+    std::fill_n(&module.lanes[0][206], 8, uint8_t{0x90});
+    module.lanes[0][136] = 0x40;
+    for (const uint8_t technology :
+         {uint8_t{6}, uint8_t{0x0c}}) { /* and an active cable of copper */
+        a0[212] = technology;
+        module_images::put_sum(a0, 128, 222), module_images::put_page_sums(a0);
+        take(module, 100 + technology, record);
+        EXPECT_TRUE(record.vdm_count == 3 && record.vdm[1].lane == 0xff);
+        EXPECT_EQ(record.lane_count, technology == 6 ? 8u : 0u);
+        const auto &laser = record.module_value[DOLM_RIC_LASER_TEMPERATURE];
+        EXPECT_TRUE(laser.value == 55 && laser.grade == DOLM_RIC_GRADE_HIGH_WARNING &&
+                    laser.flag[DOLM_RIC_FLAG_LOW_ALARM].count != 0);
+        EXPECT_NEAR(record.module_value[DOLM_RIC_TEC_CURRENT].value, -25, 1e-2);
+        if (technology == 6) {
+            EXPECT_TRUE(is_told(6, DOLM_RIC_TX_LOL) && !is_told(6, DOLM_RIC_RX_LOL));
+            EXPECT_EQ(record.lane[6].signal[DOLM_RIC_TX_LOS].on, 1u);
+            EXPECT_EQ(record.lane_limits[DOLM_RIC_TX_BIAS].state, /* of a scale nobody knows */
+                      uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED});
+            EXPECT_EQ(record.identity.application_count, 9u);
+            EXPECT_EQ(record.identity.application[8].selected_lanes, 0xffu);
+        }
+    }
+    a0[3] = 2; /* low power */
+    take(module, 200, record);
+    EXPECT_EQ(record.module_value[DOLM_RIC_TEC_CURRENT].state, uint32_t{DOLM_RIC_VALUE_NOT_READY});
+
+    module_images::image qsfp = module_images::qsfp(), sfp = module_images::sfp();
+    qsfp.a0[194] = qsfp.a0[195] = 0, module_images::put_sum(qsfp.a0, 192, 223);
+    take(qsfp, 300, record);
+    for (uint32_t kind = 0; kind < DOLM_RIC_SIGNALS; kind++)
+        EXPECT_EQ(is_told(0, kind), kind == DOLM_RIC_RX_LOS) << kind;
+    sfp.a0[64] = 8, module_images::put_sum(sfp.a0, 64, 95);
+    sfp.a2[119] = 2;
+    take(sfp, 400, record);
+    EXPECT_TRUE(is_told(0, DOLM_RIC_RX_LOL) && record.lane[0].signal[DOLM_RIC_TX_LOL].on == 1 &&
+                record.lane[0].signal[DOLM_RIC_RX_LOL].on == 0);
 }
 
 TEST_F(details_test, what_is_missing_has_its_reason)

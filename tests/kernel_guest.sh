@@ -311,7 +311,11 @@ shown_by_the_driver() {
     explains 6 "driver gone, likely" 3
     put $cages/cage0 made-other-sfp
     check "port 0 has its module" await shows_serial 0 0002
+    set_cage 1 fec_slow_us 1000000
+    set_cage 1 counter_reads 0
 }
+
+was_asked_rarely() { [ "$(cat $cages/cage1/counter_reads)" -le 2 ]; }
 
 reader_is_confined() {
     process=$(pidof tesk-module-reader)
@@ -421,6 +425,8 @@ a_module_is_shown_whole
 compare_with_ethtool
 without_the_right
 check "a module that failed again and again comes back" comes_back
+check "a driver that takes a second is asked for its counters" await was_counted 1
+check "and left alone for long after that" was_asked_rarely
 kill $server
 check "the server ends in order" wait $server_shell
 echo "the server said:"

@@ -46,12 +46,14 @@ namespace
 
 struct cage {
     std::optional<module_images::image> module = {};
-    int error = 0;        /* of every reading */
-    int a2_error = 0;     /* of every reading at 0x51 */
-    int errors_left = 0;  /* ENXIO, so often */
-    int garbled_left = 0; /* other bytes, so often */
-    milliseconds cost{0}; /* of a reading */
-    int32_t moved = 0;    /* the interface has another index, by so much */
+    int error = 0;    /* of every reading */
+    int a2_error = 0; /* of every reading at 0x51 */
+    uint8_t page = 0, bank = 0;
+    uint32_t page_errors_left = 0; /* EIO of that page, so often */
+    int errors_left = 0;           /* ENXIO, so often */
+    int garbled_left = 0;          /* other bytes, so often */
+    milliseconds cost{0};          /* of a reading */
+    int32_t moved = 0;             /* the interface has another index, by so much */
     uint32_t readings = 0;
 };
 
@@ -82,6 +84,8 @@ struct cages final : module_access {
         wanted.error = from.error;
         if (wanted.error == 0 && range.address == diagnostics_address)
             wanted.error = from.a2_error;
+        if (from.page_errors_left > 0 && range.page == from.page && range.bank == from.bank)
+            from.page_errors_left--, wanted.error = EIO;
         if (wanted.error == 0 && from.errors_left > 0)
             from.errors_left--, wanted.error = ENXIO;
         const auto bytes = from.module ? from.module->at(range) : std::span<const uint8_t>();
@@ -299,6 +303,52 @@ TEST_F(linux_modules_test, details_keep_values_over_a_failure_and_tell_why_a_mod
     EXPECT_TRUE(record.doubt_count == 1 && record.identity.state == DOLM_RIC_VALUE_WRONG_CHECKSUM);
 }
 
+TEST_F(linux_modules_test, what_a_page_gave_before_it_failed_counts_for_15_s)
+{
+    module_images::image module = module_images::cmis_with_vdm();
+    module.a0[128 + 158] = 0x02; /* tells of LOS */
+    module_images::put_page_sums(module.a0);
+    module.a0[0x10 * 128 + 130] = 1; /* the host has switched lane 0 off */
+    module_images::put16(module.lanes[0], 154, 0);
+    begin_with(module);
+    pass(seconds(20));
+    const dolm_ric_details_lane &first = record.lane[0], &other = record.lane[8];
+    const dolm_ric_details_value &dark = first.value[DOLM_RIC_TX_POWER];
+    record.lane[8].value[DOLM_RIC_TX_BIAS].flag[0].count = 7;
+    const struct {
+        uint8_t page, bank;
+        const uint32_t &value, &condition;
+        const int64_t &read_at;
+    } cases[] = {{0x11, 0, dark.state, first.signal[DOLM_RIC_RX_LOS].state, dark.read_at},
+                 {0x11, 1, other.value[DOLM_RIC_TX_BIAS].state, other.signal[DOLM_RIC_RX_LOS].state,
+                  other.value[DOLM_RIC_TX_BIAS].read_at},
+                 {0x10, 0, first.signal[DOLM_RIC_TX_OFF].state, first.signal[DOLM_RIC_TX_OFF].state,
+                  record.published_at},
+                 {0x24, 0, record.vdm[0].state, record.vdm[1].state, record.vdm[0].read_at}};
+    for (const auto &its : cases)
+        for (const bool is_once : {true, false}) {
+            SCOPED_TRACE(its.page + its.bank);
+            modules.ports[0].page = its.page, modules.ports[0].bank = its.bank;
+            modules.ports[0].page_errors_left = is_once ? 1 : 1000;
+            const int64_t last = its.read_at;
+            for (int time = 0; time < 160; time++) {
+                pass(milliseconds(100));
+                ASSERT_TRUE(record.lane_count == 16 && record.vdm_count == 2);
+                ASSERT_EQ(record.vdm[0].raised & DOLM_RIC_VDM_FLAGS_UNKNOWN, 0u);
+                ASSERT_NE(dark.grade, uint32_t{DOLM_RIC_GRADE_LOW_ALARM});
+                ASSERT_TRUE(!is_once || its.value == DOLM_RIC_VALUE_VALID);
+            }
+            const uint32_t end = is_once ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NO_ANSWER;
+            EXPECT_EQ(its.value, end);
+            EXPECT_EQ(its.condition, end);
+            EXPECT_TRUE(is_once || its.read_at == 0 || its.read_at - last < 5'000'000'000);
+            modules.ports[0].page_errors_left = 0;
+            pass(seconds(20));
+            EXPECT_EQ(its.value, uint32_t{DOLM_RIC_VALUE_VALID});
+        }
+    EXPECT_EQ(other.value[DOLM_RIC_TX_BIAS].flag[0].count, 7u);
+}
+
 TEST_F(linux_modules_test, ports_whose_readings_cost_much_are_read_less_often)
 {
     for (uint32_t port = 0; port < 6; port++) {
@@ -336,16 +386,19 @@ TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alo
 /* Another tool may have changed what is read once only, as the version that is not active. */
 TEST_F(linux_modules_test, a_leased_module_is_kept_and_then_read_as_a_whole)
 {
-    begin_with(module_images::cmis());
-    modules.ports[0].error = module_is_leased;
-    poller->identify_again(0);
-    EXPECT_EQ("", news_in(seconds(12)));
-    EXPECT_EQ("n", news_in(seconds(600)));
-    modules.ports[0].module->a0[256] = 7;
-    modules.ports[0].error = 0;
-    EXPECT_EQ('r', news_in(seconds(3)).front());
-    EXPECT_STREQ("7.0", record.identity.inactive_firmware);
-    EXPECT_TRUE(accesses.empty());
+    for (const int error : {module_is_leased, EBUSY}) {
+        begin_anew();
+        begin_with(module_images::cmis());
+        modules.ports[0].error = error;
+        poller->identify_again(0);
+        EXPECT_EQ("", news_in(seconds(12)));
+        EXPECT_EQ("n", news_in(seconds(600)));
+        modules.ports[0].module->a0[256] = 7;
+        modules.ports[0].error = 0;
+        EXPECT_EQ('r', news_in(seconds(3)).front());
+        EXPECT_STREQ("7.0", record.identity.inactive_firmware);
+        EXPECT_TRUE(accesses.empty());
+    }
 }
 
 TEST_F(linux_modules_test, drivers_that_log_each_failure_are_known)

@@ -350,3 +350,54 @@ TEST_F(linux_server_test, a_replaced_configuration_adds_ports_and_moves_none)
     subscribe(3);
     EXPECT_EQ("2@100", next());
 }
+
+/* Pairs of interfaces, both of them ports: what is done, and the causes that their two records may
+   have. The kernel may take long from setting an interface down to its leaving; "not known" is
+   never wrong. */
+TEST_F(linux_server_test, what_is_done_to_a_pair_is_the_cause_at_the_end_where_it_is_done)
+{
+    using deed = void (*)(testkit::network &, const std::string &here, const std::string &there);
+    struct row {
+        deed act;
+        std::string causes[2];
+    };
+    const row set_down = {[](auto &at, auto &here, auto &) { at.start(here, false); },
+                          {"set down", ""}};
+    std::vector<row> rows = {
+        set_down,
+        {[](auto &at, auto &, auto &there) { at.start(there, false); }, {"", "set down"}},
+        {[](auto &at, auto &here, auto &) { at.remove(here); },
+         {"interface gone, set down", "interface gone, set down"}},
+        {[](auto &at, auto &here, auto &) { at.move(here); }, {"interface moved, set down", ""}}};
+    rows.resize(36, set_down); /* 64 ports at once */
+    const auto name = [](size_t port) { return "v" + std::to_string(port); };
+    std::string config, told;
+    for (size_t port = 0; port < 2 * rows.size(); port++) {
+        if (port % 2 == 0)
+            net->add_pair(name(port), name(port + 1));
+        net->start(name(port));
+        config += std::to_string(port) + " " + name(port) + "\n";
+    }
+    start_server(config);
+    for (uint32_t port = 0; port < 2 * rows.size(); port++) {
+        subscribe(port);
+        while (next() != "2@100")
+            continue;
+    }
+    for (size_t i = 0; i < rows.size(); i++)
+        rows[i].act(*net, name(2 * i), name(2 * i + 1));
+    const std::string why = "DOLM_RIC_PORT_MAP=" + map + " " TESK_BIN_DIR "/teskctl why ";
+    for (size_t port = 0; port < 2 * rows.size(); port++) {
+        const auto end = std::chrono::steady_clock::now() + testkit::deadline;
+        do {
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << port << ": " << told;
+            testkit::run(why + std::to_string(port), told);
+        } while (told.find(name(port) + " ") != 0);
+        const size_t begin = told.find(": ") + 2;
+        const std::string cause = told.substr(begin, told.find(',') - begin);
+        EXPECT_NE((rows[port / 2].causes[port % 2] + ", not known").find(cause), std::string::npos)
+            << told;
+    }
+    testkit::run(why + "1 --other-end " + place.path + "/falls/0", told);
+    EXPECT_NE(told.find(": set down, likely, remote, administration"), std::string::npos) << told;
+}

@@ -86,6 +86,14 @@ TEST(sfp_values, external_calibration)
         const auto lanes = contents_of(end).rx_power.lanes;
         EXPECT_EQ(lanes.empty() ? -1 : lanes[0].value, expected) << upper;
     }
+    /* Constants that make nothing of a number: slopes of 0, and an offset that leaves 0 V. */
+    const std::pair<size_t, int> zeros[] = {{76, 0}, {80, 0}, {84, 0}, {88, 0}, {90, -32000}};
+    for (const auto &[at, word] : zeros) {
+        image zero = external_sfp({-2560, 32000, 3000, 2500, 1000});
+        put16(zero.a2, at, word), put_sum(zero.a2, 0, 95);
+        EXPECT_EQ(records_of(zero).diag_result, DOLM_RICERR_NOTAVAIL) << at;
+        EXPECT_EQ(contents_of(zero).doubts.size(), 1u) << at;
+    }
 }
 
 TEST(sfp_values, halves_are_rounded_away_from_zero)
@@ -458,10 +466,10 @@ TEST(plan, reads_what_the_module_has_and_nothing_else)
     const std::pair<image, size_t> sizes[] = {
         {garbled, 1 + 96},
         {plain, 1 + 96 + 28},
-        {sfp(), 1 + 96 + 28 + 118},
+        {sfp(), 1 + 96 + 28 + 120},
         {flat, 1 + 96 + 28 + 1 + 58 + 1},
         {qsfp(), 1 + 96 + 28 + 1 + 58 + 1 + 72},
-        {cmis(), 1 + 95 + 24 + 34 + 18 + 2 * 128 + 2 * 87 + 4}};
+        {cmis(), 1 + 95 + 24 + 34 + 24 + 2 * 128 + 2 * 87 + 4}};
     for (const auto &[module, expected] : sizes) {
         size_t size = 0;
         for (const reading_step &step : reading_plan(module.read()))

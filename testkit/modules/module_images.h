@@ -144,6 +144,7 @@ inline image qsfp()
     for (size_t lane = 0; lane < 4; lane++)
         put16(a0, 34 + 2 * lane, 5000), put16(a0, 42 + 2 * lane, 15000),
             put16(a0, 50 + 2 * lane, 20000);
+    a0[194] = 0x30, a0[195] = 0x1a; /* tells of all conditions */
     a0[130] = 7, a0[131] = 0x80, a0[140] = 0xff, a0[192] = 0x03, a0[222] = 103;
     put_text(a0, 148, 16, "EXAMPLE");
     put_text(a0, 168, 16, "EX-100G");
@@ -162,12 +163,12 @@ inline image qsfp()
     return made;
 }
 
-/* An 800G module with pages 01h, 02h and two banks of 11h: lanes of 2 mA x 4 and 1000.0 uW. */
+/* An 800G module with pages 01h, 02h and 10h and two banks of 11h: lanes of 2 mA x 4, 1000.0 uW. */
 inline image cmis()
 {
     image made;
     bytes &a0 = made.a0;
-    a0.resize(512);
+    a0.resize(size_t{0x10 + 2} * 128);
     a0[0] = a0[128] = 0x19, a0[3] = 0x06;
     put16(a0, 14, 14830), put16(a0, 16, 33057);
     a0[86] = 0x4f, a0[90] = 0x51, a0[94] = 0xff;

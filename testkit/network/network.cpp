@@ -97,6 +97,21 @@ void network::rename(const std::string &name, const std::string &new_name)
     require(ioctl(socket_, SIOCSIFNAME, &request) == 0, "SIOCSIFNAME");
 }
 
+void network::move(const std::string &name)
+{
+    constexpr const char *own = "/proc/self/ns/net";
+    const util::descriptor here(open(own, O_RDONLY | O_CLOEXEC));
+    require(here && unshare(CLONE_NEWNET) == 0, "another namespace");
+    elsewhere_.reset(open(own, O_RDONLY | O_CLOEXEC));
+    require(setns(here.get(), CLONE_NEWNET) == 0 && elsewhere_, "back from there");
+    ifinfomsg which = {};
+    which.ifi_index = index_of(name);
+    netlink::request question(RTM_NEWLINK, NLM_F_ACK, which);
+    question.put(IFLA_NET_NS_FD, elsewhere_.get());
+    const int error = route_.ask(question, std::chrono::seconds(20), [](const auto &) {});
+    require(error == 0, "IFLA_NET_NS_FD", error);
+}
+
 int32_t network::index_of(const std::string &name)
 {
     return static_cast<int32_t>(if_nametoindex(name.c_str()));

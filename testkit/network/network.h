@@ -4,6 +4,7 @@
 #pragma once
 
 #include "platform/linux_interfaces/netlink.h"
+#include "util/descriptor.h"
 
 #include <cstdint>
 #include <string>
@@ -29,11 +30,14 @@ class network
     void start(const std::string &name, bool started = true);
     /* Older kernels rename stopped interfaces only. */
     void rename(const std::string &name, const std::string &new_name);
+    /* To another namespace, which is there as long as this object. */
+    void move(const std::string &name);
     int32_t index_of(const std::string &name);
 
   private:
     int socket_;
     netlink::connection route_;
+    util::descriptor elsewhere_;
 };
 
 /* An interface whose carrier is set by hand. Throws EACCES or ENOENT where /dev/net/tun can't be

@@ -45,6 +45,10 @@ static constexpr auto settle_time = 200ms;    /* as for links */
 static constexpr auto confirm_time = 100ms;
 static constexpr auto reader_interval = 1s;
 static constexpr auto lost_time = 15s; /* a module that can't be read for so long isn't ready */
+/* A range that fails keeps what it gave before, up to that age: one failure loses nothing. Of one
+   that is read slowly it is the pause between two readings and this. */
+static constexpr auto longest_kept = 15s;
+static constexpr auto time_to_repeat = 5s;
 static constexpr int fast_tries = 10;
 static constexpr int medium_tries = 12;
 
@@ -195,6 +199,11 @@ polled_module::duration polled_module::diagnostics_pause() const
                                                 std::min(pace_, most_diagnostics_pace));
 }
 
+polled_module::duration polled_module::slow_pause() const
+{
+    return std::chrono::duration_cast<duration>(slow_interval * std::min(pace_, most_slow_pace));
+}
+
 std::optional<polled_module::time_point> polled_module::next_due() const
 {
     if (interface_ == 0)
@@ -220,10 +229,7 @@ polled_module::time_point polled_module::due_of(const reading_step &step) const
     const auto read_at = memory_.read_at(step.range);
     if (!read_at)
         return time_point{};
-    if (step.when != reading_time::slowly)
-        return time_point::max();
-    return *read_at +
-           std::chrono::duration_cast<duration>(slow_interval * std::min(pace_, most_slow_pace));
+    return step.when == reading_time::slowly ? *read_at + slow_pause() : time_point::max();
 }
 
 static bool is_part_of_identity(const reading_step &step)
@@ -360,8 +366,8 @@ void polled_module::take_identity(const reading_task &done)
             memory_.store(read.range, done.bytes_of(read), now);
         } else if (error == ECANCELED) {
             break; /* made again with the next task */
-        } else if (is_unheard(error)) {
-            identity_due_ = now + reader_interval;
+        } else if (is_unheard(error) || (error == EBUSY && old_identity_)) {
+            identity_due_ = now + (error == EBUSY ? duration(busy_interval) : reader_interval);
             return take_failure(error);
         } else if (step != plan.end() && step->optional) {
             refuse(read.range);
@@ -432,8 +438,18 @@ void polled_module::publish(const module_contents &contents)
         return;
     }
     has_values_ = contents.diagnostics == diagnostics_state::available;
-    diagnostics_at_ = now;
-    shared_.listener.module_read(number_, contents, now);
+    diagnostics_at_ = values_read_at();
+    shared_.listener.module_read(number_, contents, diagnostics_at_);
+}
+
+/* The oldest part of the measured values, as some may be kept from an earlier reading. */
+polled_module::time_point polled_module::values_read_at() const
+{
+    time_point oldest = shared_.now();
+    for (const reading_step &step : reading_plan(memory_))
+        if (step.when == reading_time::diagnostics)
+            oldest = std::min(oldest, memory_.read_at(step.range).value_or(oldest));
+    return oldest;
 }
 
 void polled_module::refuse(const memory_range &range)
@@ -448,6 +464,27 @@ void polled_module::refuse(const memory_range &range)
     const duration longest = known->was_there ? diagnostics_interval : duration(longest_pause);
     known->pause = std::max(shortest, std::min(2 * known->pause, longest));
     known->due = shared_.now() + known->pause;
+}
+
+/* Drops what ranges that fail gave before, where it is too old, or will be at the next try. Whether
+   there was any. */
+bool polled_module::forget_old()
+{
+    const std::vector<reading_step> plan = reading_plan(memory_);
+    bool has_forgotten = false;
+    for (const refused_range &its : refused_) {
+        const auto step = std::ranges::find(plan, its.range, &reading_step::range);
+        const auto read_at = memory_.read_at(its.range);
+        if (!its.was_there || !read_at || step == plan.end())
+            continue;
+        const bool is_slow = step->when == reading_time::slowly;
+        const duration most = is_slow ? slow_pause() + time_to_repeat : duration(longest_kept);
+        if (std::max(its.due, shared_.now()) - *read_at <= most)
+            continue;
+        memory_.drop(its.range);
+        has_forgotten = true;
+    }
+    return has_forgotten;
 }
 
 void polled_module::find_missing()
@@ -530,7 +567,6 @@ void polled_module::take_diagnostics(const reading_task &done)
         look_due_ = std::min(look_due_, now + confirm_time);
         if (read.range != done.ranges.back().range) {
             refuse(read.range);
-            memory_.drop(read.range);
             diagnostics_due_ = now + confirm_time;
         }
         return find_missing();
@@ -553,7 +589,7 @@ void polled_module::take_diagnostics(const reading_task &done)
     }
     if (was_confirming && !is_jump)
         shared_.listener.reading_dropped(number_);
-    publish(contents);
+    publish(forget_old() ? decode_module(memory_) : contents);
 }
 
 /* The range before the identity bytes was missing. */
@@ -566,10 +602,8 @@ void polled_module::take_missing(const reading_task &done)
             return take_failure(error);
         }
         refuse(range);
-        if (memory_.read_at(range)) {
-            memory_.drop(range);
-            shared_.listener.module_sampled(number_, memory_, decode_module(memory_));
-        }
+        if (forget_old())
+            publish(decode_module(memory_));
         look_due_ = std::min(look_due_, shared_.now() + confirm_time);
         return find_missing();
     }
@@ -606,8 +640,8 @@ void polled_module::note_silence()
         set_presence(module_presence::not_ready);
 }
 
-/* A module in use whose readings the kernel refuses, as while its firmware is updated, is left
-   alone: it is there, and not ready when that lasts. */
+/* A module in use, or one that was and is read anew, whose readings the kernel refuses, as while
+   its firmware is updated, is left alone: it is there, and not ready when that lasts. */
 void polled_module::take_failure(int error)
 {
     const time_point now = shared_.now();
@@ -618,7 +652,7 @@ void polled_module::take_failure(int error)
     }
     note_access(0);
     was_looked_at_ = true;
-    if (error == EBUSY && where_ == stage::in_use) {
+    if (error == EBUSY && (where_ == stage::in_use || old_identity_)) {
         look_due_ = now + busy_interval;
         diagnostics_due_ = std::max(diagnostics_due_, look_due_);
         return note_silence();

@@ -223,11 +223,14 @@ class polled_module
     void publish(const module_contents &contents);
     const refused_range *find_refused(const memory_range &range) const;
     void refuse(const memory_range &range);
+    bool forget_old();
+    time_point values_read_at() const;
     void find_missing();
     time_point due_of(const reading_step &step) const;
     task_kind due_kind(time_point now) const;
     void take_failure(int error);
     duration look_pause() const;
+    duration slow_pause() const;
     duration pace_of_empty(int error) const;
     bool was_lost_lately() const;
     void note_answer();

@@ -16,7 +16,7 @@ namespace linux_board
 namespace
 {
 
-/* Byte 159 of page 01h. */
+/* Byte 159 of page 01h; the bits behind these are for auxiliary monitors. */
 enum module_monitors : uint8_t {
     HAS_TEMPERATURE = 0x01,
     HAS_VOLTAGE = 0x02,
@@ -66,12 +66,25 @@ struct lane_fields {
     size_t flags;
 };
 
+/* Of the whole module. A bit of byte 145 of page 01h says which of two things it measures; null for
+   one that has no place. */
+struct auxiliary_monitor {
+    uint8_t claim; /* in byte 159 of page 01h */
+    uint8_t kind;  /* in byte 145 */
+    measurement module_contents::*if_clear;
+    measurement module_contents::*if_set;
+    size_t value;
+    size_t flags; /* a byte, and its first bit */
+    int first_flag;
+    size_t limits; /* on page 02h */
+};
+
 } // namespace
 
 /* The sum of the identity, at 222, is the last byte that is read of page 00h. The pages 01h and 02h
    are read as a whole for theirs. Page 11h begins with the states of the data paths and ends with
    the applications that they have. */
-static constexpr memory_range state_range = {identity_address, 0, 0, 0, 18};
+static constexpr memory_range state_range = {identity_address, 0, 0, 0, 24};
 /* The version of the active firmware, and the cause of a fault. */
 static constexpr memory_range firmware_range = {identity_address, 0, 0, 38, 4};
 static constexpr memory_range applications_range = {identity_address, 0, 0, 84, 34};
@@ -82,6 +95,7 @@ static constexpr memory_range limits_range = {identity_address, 0, 0x02, 128, 12
 
 static constexpr uint8_t lanes_of_bank = 8;
 static constexpr uint8_t max_banks = 4;
+static constexpr uint8_t banks_with_switches = 2; /* that are read */
 
 static constexpr memory_range lanes_range(uint8_t bank)
 {
@@ -99,6 +113,14 @@ static constexpr uint8_t flat_memory = 0x80; /* byte 2 */
 static constexpr lane_fields tx_power_fields = {154, 139};
 static constexpr lane_fields tx_bias_fields = {170, 143};
 static constexpr lane_fields rx_power_fields = {186, 149};
+
+static constexpr auto laser = &module_contents::laser_temperature;
+static constexpr auto tec = &module_contents::tec_current;
+static constexpr auxiliary_monitor auxiliary_monitors[] = {
+    {0x04, 0x01, nullptr, tec, 18, 10, 0, 144},
+    {0x08, 0x02, laser, tec, 20, 10, 4, 152},
+    {0x10, 0x04, laser, nullptr, 22, 11, 0, 160},
+};
 
 /* The sum of a page of zeros is right. */
 static bool is_identity_right(const memory_view &identity)
@@ -311,17 +333,20 @@ static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_la
         add_lanes(lanes, rx_power_fields, bank, missing_lanes, power_steps, contents.rx_power);
 }
 
-/* Of the descriptor with that code, from 1 on. Nothing where the module describes none. */
+/* Of the descriptor with that code, from 1 on: those behind the eighth stand on page 01h. Nothing
+   where the module describes none. */
 static std::optional<application> find_application(const memory_view &applications,
                                                    const memory_view &features, int code)
 {
-    constexpr int descriptors = 8;
-    const size_t at = 86 + 4 * (static_cast<size_t>(code) - 1);
-    if (!applications.was_read() || code > descriptors || applications.u8(at) == 0xff)
+    constexpr int first_descriptors = 8;
+    const bool is_first = code <= first_descriptors;
+    const memory_view &from = is_first ? applications : features;
+    const size_t at = (is_first ? 86 - 4 : 223 - 36) + 4 * static_cast<size_t>(code);
+    if (!from.was_read() || from.u8(at) == 0xff)
         return std::nullopt;
-    const application found = {.host_lanes = applications.u8(at + 2) >> 4,
-                               .media_lanes = applications.u8(at + 2) & 0x0f,
-                               .host_starts = applications.u8(at + 3),
+    const application found = {.host_lanes = from.u8(at + 2) >> 4,
+                               .media_lanes = from.u8(at + 2) & 0x0f,
+                               .host_starts = from.u8(at + 3),
                                .media_starts = features.u8(175 + static_cast<size_t>(code))};
     const bool makes_sense =
         found.host_lanes != 0 && found.host_lanes <= lanes_of_bank && found.media_lanes != 0;
@@ -390,6 +415,8 @@ static void fill_paths(const module_memory &memory, const memory_view &lanes, ui
         contents.lanes_of_host.push_back(light << first);
     }
     const uint32_t switched_off = off.was_read() ? off.u8(130) : 0;
+    if (!off.was_read() && bank < banks_with_switches)
+        contents.tx_off_unread |= 0xffu << first;
     contents.tx_off_lanes |= (switched_off | (carrying & ~sending)) << first;
     contents.rx_off_lanes |= (carrying & ~receiving) << first;
 }
@@ -414,7 +441,7 @@ static void fill_limits(const memory_view &limits, const memory_view &features,
     contents.voltage.limits = limits_at(limits, 136, voltage_steps);
     contents.tx_power.limits = limits_at(limits, 176, power_steps);
     contents.rx_power.limits = limits_at(limits, 192, power_steps);
-    if (are_features_known(features))
+    if (are_features_known(features) && bias_scale_code(features) != reserved_bias_scale)
         contents.tx_bias.limits = limits_at(limits, 184, bias_conversion(features));
 }
 
@@ -431,6 +458,27 @@ static void fill_state(const memory_view &state, const memory_view &features,
             {0, temperature_steps(state.s16(14)), module_flags(state.u8(9), 0)}};
     if ((claimed & HAS_VOLTAGE) || state.u16(16) != 0)
         contents.voltage.lanes = {{0, voltage_steps(state.u16(16)), module_flags(state.u8(9), 4)}};
+}
+
+/* Of a laser that may be off no value counts. */
+static void fill_auxiliary(const memory_view &state, const memory_view &features,
+                           const memory_view &limits, module_contents &contents)
+{
+    for (const auxiliary_monitor &row : auxiliary_monitors) {
+        const auto measures = (features.u8(145) & row.kind) != 0 ? row.if_set : row.if_clear;
+        if ((features.u8(159) & row.claim) == 0 || measures == nullptr)
+            continue;
+        measurement &its = contents.*measures;
+        if (its.is_claimed)
+            continue; /* a second laser */
+        const conversion &steps = measures == tec ? tec_steps : temperature_steps;
+        its.is_claimed = true;
+        if (is_running(state))
+            its.lanes = {{0, steps(state.s16(row.value)),
+                          module_flags(state.u8(row.flags), row.first_flag)}};
+        if (limits.was_read() && are_limits_right(limits))
+            its.limits = signed_limits_at(limits, row.limits, steps);
+    }
 }
 
 /* A cable that measures nothing leaves temperature and voltage at 0. */
@@ -461,6 +509,8 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
     fill_state(state, features, contents);
     if (is_flat)
         return;
+    if (are_features_known(features))
+        fill_auxiliary(state, features, limits, contents);
     if (is_running(state) && !contents.copper)
         fill_lanes(memory, features, missing_lanes, contents);
     if (!are_features_known(features) && features.was_read())

@@ -18,11 +18,15 @@ using identity_record = dolm_ric_details_identity;
 static constexpr memory_range sfp_identity = {identity_address, 0, 0, 0, 96};
 static constexpr memory_range qsfp_identity = {identity_address, 0, 0, 128, 96};
 static constexpr memory_range cmis_identity = {identity_address, 0, 0, 128, 95};
-static constexpr memory_range cmis_state = {identity_address, 0, 0, 0, 18};
+static constexpr memory_range cmis_state = {identity_address, 0, 0, 0, 24};
 static constexpr memory_range cmis_applications = {identity_address, 0, 0, 84, 34};
 static constexpr memory_range cmis_features = {identity_address, 0, 1, 128, 128};
 static constexpr memory_range cmis_firmware = {identity_address, 0, 0, 38, 4};
-static constexpr memory_range cmis_lanes = {identity_address, 0, 0x11, 128, 86};
+
+static constexpr memory_range cmis_lanes(uint8_t bank)
+{
+    return {identity_address, bank, 0x11, 128, 86};
+}
 
 static constexpr uint8_t beyond = 255; /* of a length: longer than the byte can say */
 
@@ -149,14 +153,19 @@ static void take_cmis_features(const memory_view &from, bool is_copper, identity
     to.wavelength = is_copper ? 0 : from.u16(138) / 20.0;
 }
 
-/* Four bytes each, up to one of 0xff; page 01h has where they may begin on the media side. */
-static void take_applications(const memory_view &from, const memory_view &features,
+/* Four bytes each, up to one of 0xff. Page 01h has those behind the eighth, and where all of them
+   may begin on the media side. */
+static void take_applications(const memory_view &first, const memory_view *features,
                               identity_record &to)
 {
-    constexpr uint32_t descriptors = 8;
-    const uint8_t kind = from.u8(85);
+    constexpr uint32_t first_descriptors = 8;
+    const uint8_t kind = first.u8(85);
+    const uint32_t descriptors =
+        features != nullptr ? uint32_t{DOLM_RIC_DETAILS_APPLICATIONS} : first_descriptors;
     for (uint32_t index = 0; index < descriptors; index++) {
-        const size_t at = 86 + size_t{4} * index;
+        const memory_view &from = index < first_descriptors ? first : *features;
+        const size_t at =
+            index < first_descriptors ? 86 + 4 * index : 223 + 4 * (index - first_descriptors);
         if (from.u8(at) == 0xff)
             return;
         if (from.u8(at) == 0)
@@ -167,7 +176,7 @@ static void take_applications(const memory_view &from, const memory_view &featur
         its.host_lanes = from.u8(at + 2) >> 4;
         its.media_lanes = from.u8(at + 2) & 15;
         its.host_starts = from.u8(at + 3);
-        its.media_starts = features.was_read() ? features.u8(176 + index) : uint8_t{0};
+        its.media_starts = features != nullptr ? features->u8(176 + index) : uint8_t{0};
         its.reserved = index + 1;
         put(its.host, host_interface_name(its.host_code));
         put(its.media, media_interface_name(kind, its.media_code));
@@ -175,14 +184,18 @@ static void take_applications(const memory_view &from, const memory_view &featur
 }
 
 /* Each lane of the host names its application by the descriptor's number. */
-static void take_selection(const memory_view &lanes, identity_record &to)
+static void take_selection(const module_memory &memory, identity_record &to)
 {
-    for (auto &its : std::span(to.application).first(to.application_count)) {
-        for (uint32_t lane = 0; lanes.was_read() && lane < 8; lane++)
-            if (static_cast<uint32_t>(lanes.u8(206 + lane) >> 4) == its.reserved)
+    constexpr uint32_t lanes_of_bank = 8;
+    for (uint32_t lane = 0; lane < DOLM_RIC_DETAILS_LANES; lane++) {
+        const memory_view lanes(memory, cmis_lanes(static_cast<uint8_t>(lane / lanes_of_bank)));
+        const uint32_t selected = lanes.was_read() ? lanes.u8(206 + lane % lanes_of_bank) >> 4 : 0u;
+        for (auto &its : std::span(to.application).first(to.application_count))
+            if (selected == its.reserved)
                 its.selected_lanes |= 1u << lane;
-        its.reserved = 0;
     }
+    for (auto &its : to.application)
+        its.reserved = 0;
 }
 
 static void take_cmis_state(const module_memory &memory, identity_record &to)
@@ -212,11 +225,12 @@ static void take_cmis(const module_memory &memory, bool is_copper, identity_reco
     to.max_power = from.u8(201) * 0.25;
     to.length[DOLM_RIC_LENGTH_CABLE] = scaled_metres(from.u8(202), cable_units);
     take_cmis_state(memory, to);
-    if (features.was_read() && is_range_right(memory, cmis_features))
+    const bool are_known = features.was_read() && is_range_right(memory, cmis_features);
+    if (are_known)
         take_cmis_features(features, is_copper, to);
     if (applications.was_read()) {
-        take_applications(applications, features, to);
-        take_selection(memory_view(memory, cmis_lanes), to);
+        take_applications(applications, are_known ? &features : nullptr, to);
+        take_selection(memory, to);
     }
 }
 

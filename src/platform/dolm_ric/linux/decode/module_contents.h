@@ -45,6 +45,7 @@ struct lane_value {
 struct measurement {
     std::vector<lane_value> lanes;
     std::optional<measurement_limits> limits;
+    bool is_claimed = false; /* an auxiliary monitor that the module has, running or not */
 };
 
 enum class module_family : uint8_t { unknown, sfp, qsfp, cmis };
@@ -72,6 +73,7 @@ struct module_contents {
     uint32_t tx_fault_lanes = 0;
     uint32_t tx_off_lanes = 0;
     uint32_t rx_off_lanes = 0;
+    uint32_t tx_off_unread = 0; /* the host's switches are not known: dark may be on purpose */
     /* By lane of the host, the lanes of light that carry it. Empty: each carries its own. */
     std::vector<uint32_t> lanes_of_host = {};
 
@@ -81,6 +83,8 @@ struct module_contents {
        microwatts. */
     measurement temperature;
     measurement voltage;
+    measurement laser_temperature;
+    measurement tec_current; /* 0.001 percent of the largest */
     measurement tx_bias;
     measurement tx_power;
     measurement rx_power;

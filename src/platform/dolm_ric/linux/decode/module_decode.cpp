@@ -152,9 +152,12 @@ static dolm_ric_module_diag make_diag(const module_contents &from, uint32_t lane
 {
     dolm_ric_module_diag diag = {};
     const lane_choice whole = {lanes, 0};
-    const auto light = [&](const measurement &its, uint32_t off) {
-        return grade(its, {lanes, off}, sign::never_negative, !stopped);
+    const bool is_dark_wrong = !stopped && (from.tx_off_unread & lanes) == 0;
+    const auto sent = [&](const measurement &its) {
+        return grade(its, {lanes, from.tx_off_lanes}, sign::never_negative, is_dark_wrong);
     };
+    const auto received =
+        grade(from.rx_power, {lanes, from.rx_off_lanes}, sign::never_negative, !stopped);
 
     diag.mode_type = DOLM_RIC_MODE_SFP;
     diag.diag_cap |=
@@ -165,15 +168,15 @@ static dolm_ric_module_diag make_diag(const module_contents &from, uint32_t lane
         fill_words(grade(from.voltage, whole, sign::never_negative, true), DOLM_SFP_DIAGCAP_VOLTAGE,
                    diag.voltage_low_warn, diag.voltage_high_warn, diag.voltage_low_alarm,
                    diag.voltage_high_alarm, diag.voltage);
-    diag.diag_cap |= fill_words(light(from.tx_bias, from.tx_off_lanes), DOLM_SFP_DIAGCAP_TXBIAS,
-                                diag.txbias_low_warn, diag.txbias_high_warn, diag.txbias_low_alarm,
+    diag.diag_cap |= fill_words(sent(from.tx_bias), DOLM_SFP_DIAGCAP_TXBIAS, diag.txbias_low_warn,
+                                diag.txbias_high_warn, diag.txbias_low_alarm,
                                 diag.txbias_high_alarm, diag.txbias);
-    diag.diag_cap |= fill_words(light(from.tx_power, from.tx_off_lanes), DOLM_SFP_DIAGCAP_TXPOWER,
+    diag.diag_cap |= fill_words(sent(from.tx_power), DOLM_SFP_DIAGCAP_TXPOWER,
                                 diag.txpower_low_warn, diag.txpower_high_warn,
                                 diag.txpower_low_alarm, diag.txpower_high_alarm, diag.txpower);
-    diag.diag_cap |= fill_words(light(from.rx_power, from.rx_off_lanes), DOLM_SFP_DIAGCAP_RXPOWER,
-                                diag.rxpower_low_warn, diag.rxpower_high_warn,
-                                diag.rxpower_low_alarm, diag.rxpower_high_alarm, diag.rxpower);
+    diag.diag_cap |= fill_words(received, DOLM_SFP_DIAGCAP_RXPOWER, diag.rxpower_low_warn,
+                                diag.rxpower_high_warn, diag.rxpower_low_alarm,
+                                diag.rxpower_high_alarm, diag.rxpower);
     return diag;
 }
 

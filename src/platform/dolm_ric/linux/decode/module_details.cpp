@@ -23,10 +23,12 @@ namespace
 
 using record_type = dolm_ric_details_record;
 
-/* By lane: whether the module tells of a condition, and whether it is there. */
+/* By lane: whether the module tells of a condition, whether it is there, and whether that could not
+   be read. */
 struct lane_bits {
     uint32_t told = 0;
     uint32_t on = 0;
+    uint32_t unread = 0;
 };
 using lane_signals = std::array<lane_bits, DOLM_RIC_SIGNALS>;
 
@@ -39,12 +41,14 @@ struct measured {
 } // namespace
 
 static constexpr memory_range sfp_identity = {identity_address, 0, 0, 0, 96};
-static constexpr memory_range sfp_values = {diagnostics_address, 0, 0, 96, 22};
+static constexpr memory_range sfp_values = {diagnostics_address, 0, 0, 96, 24};
 static constexpr memory_range sfp_limits = {diagnostics_address, 0, 0, 0, 96};
 static constexpr memory_range qsfp_values = {identity_address, 0, 0, 0, 58};
 static constexpr memory_range qsfp_lanes = {identity_address, 0, 0, 113, 1};
+static constexpr memory_range qsfp_identity = {identity_address, 0, 0, 128, 96};
 static constexpr memory_range qsfp_limits = {identity_address, 0, 3, 128, 72};
-static constexpr memory_range cmis_state = {identity_address, 0, 0, 0, 18};
+static constexpr memory_range cmis_state = {identity_address, 0, 0, 0, 24};
+static constexpr memory_range cmis_applications = {identity_address, 0, 0, 84, 34};
 static constexpr memory_range cmis_identity = {identity_address, 0, 0, 128, 95};
 static constexpr memory_range cmis_features = {identity_address, 0, 1, 128, 128};
 static constexpr memory_range cmis_limits = {identity_address, 0, 2, 128, 128};
@@ -59,7 +63,10 @@ static constexpr memory_range cmis_lanes(uint8_t bank)
 static constexpr measured module_values[] = {
     {&module_contents::temperature, 1e3},
     {&module_contents::voltage, 1e6},
+    {&module_contents::laser_temperature, 1e3},
+    {&module_contents::tec_current, 1e3},
 };
+static_assert(std::size(module_values) == DOLM_RIC_MODULE_VALUES);
 static constexpr measured lane_values[] = {
     {&module_contents::tx_bias, 1e3},
     {&module_contents::tx_power, 1e3},
@@ -124,22 +131,46 @@ static bool is_running(const module_memory &memory)
     return state.was_read() && (state.u8(3) >> 1 & 7) == DOLM_RIC_MODULE_READY;
 }
 
-static uint32_t state_of_lanes(const module_memory &memory, const module_contents &contents)
+/* Why what stands on the upper pages of a module with CMIS is missing. */
+static uint32_t state_of_pages(const module_memory &memory, const module_contents &contents)
 {
     const uint32_t whole = state_of_values(memory, contents);
-    if (contents.copper)
-        return DOLM_RIC_VALUE_NO_LIGHT;
-    if (whole != DOLM_RIC_VALUE_VALID || contents.family != module_family::cmis)
+    if (whole != DOLM_RIC_VALUE_VALID)
         return whole;
     const memory_view state(memory, cmis_state);
     if ((state.u8(2) & 0x80) != 0) /* a flat memory */
         return DOLM_RIC_VALUE_NOT_SUPPORTED;
     if (!is_running(memory))
         return DOLM_RIC_VALUE_NOT_READY;
-    if (!memory.read_at(cmis_features) || !memory.read_at(cmis_lanes(0)))
+    if (!memory.read_at(cmis_features))
         return DOLM_RIC_VALUE_NOT_READ;
     return is_range_right(memory, cmis_features) ? DOLM_RIC_VALUE_VALID
                                                  : DOLM_RIC_VALUE_WRONG_CHECKSUM;
+}
+
+static bool is_any_bank_read(const module_memory &memory)
+{
+    return memory.read_at(cmis_lanes(0)) || memory.read_at(cmis_lanes(1));
+}
+
+static uint32_t state_of_lanes(const module_memory &memory, const module_contents &contents)
+{
+    if (contents.copper)
+        return DOLM_RIC_VALUE_NO_LIGHT;
+    if (contents.family != module_family::cmis)
+        return state_of_values(memory, contents);
+    const uint32_t pages = state_of_pages(memory, contents);
+    return pages != DOLM_RIC_VALUE_VALID || is_any_bank_read(memory)
+               ? pages
+               : uint32_t{DOLM_RIC_VALUE_NOT_READ};
+}
+
+/* What was there before can't be "not read yet". */
+static uint32_t state_after(uint32_t before, uint32_t now)
+{
+    const bool is_lost = now == DOLM_RIC_VALUE_NOT_READ &&
+                         (before == DOLM_RIC_VALUE_VALID || before == DOLM_RIC_VALUE_NO_ANSWER);
+    return is_lost ? uint32_t{DOLM_RIC_VALUE_NO_ANSWER} : now;
 }
 
 static uint32_t state_of_limits(const module_memory &memory, const module_contents &contents,
@@ -188,7 +219,6 @@ static void count(counted &its, int64_t at)
     its.last_at = at;
 }
 
-/* What was there before can't be "not read yet". */
 static void set_missing(uint32_t why, dolm_ric_details_value &to)
 {
     const bool is_lost = why == DOLM_RIC_VALUE_NOT_READ && to.read_at != 0;
@@ -220,10 +250,6 @@ static void take_module_values(const module_memory &memory, const module_content
 {
     const uint32_t state = state_of_values(memory, contents);
     const auto read_at = memory.read_at(values_range(contents.family));
-    for (auto &value : record.module_value)
-        set_missing(DOLM_RIC_VALUE_NOT_SUPPORTED, value);
-    for (auto &limits : record.module_limits)
-        limits = board::without_limits(DOLM_RIC_VALUE_NOT_SUPPORTED);
     for (size_t kind = 0; kind < std::size(module_values); kind++) {
         const measurement &its = contents.*module_values[kind].from;
         const double unit = module_values[kind].unit;
@@ -231,8 +257,9 @@ static void take_module_values(const module_memory &memory, const module_content
         take_limits(its, unit, state_of_limits(memory, contents, its, state),
                     record.module_limits[kind]);
         if (its.lanes.empty() || !read_at) {
-            set_missing(
-                state == DOLM_RIC_VALUE_VALID ? uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED} : state, to);
+            const uint32_t why =
+                its.is_claimed ? DOLM_RIC_VALUE_NOT_READY : DOLM_RIC_VALUE_NOT_SUPPORTED;
+            set_missing(state == DOLM_RIC_VALUE_VALID ? why : state, to);
             continue;
         }
         const lane_value &only = its.lanes.front();
@@ -258,15 +285,39 @@ static uint32_t lanes_present(const module_memory &memory)
     return identity.was_read() ? ~uint32_t{identity.u8(210)} & 0xffu : 0xffu;
 }
 
+/* Between host and module, of the first bank, by the applications: a lane of light may carry two of
+   them. Those of light where that isn't told. */
+static uint32_t host_lanes(const module_memory &memory)
+{
+    const memory_view from(memory, cmis_applications);
+    uint32_t lanes = 0;
+    for (size_t at = 86; from.was_read() && at < 118 && from.u8(at) != 0xff; at += 4)
+        for (uint32_t first = 0; first < lanes_of_bank; first++)
+            if ((from.u8(at + 3) >> first & 1) != 0)
+                lanes |= ((1u << (from.u8(at + 2) >> 4)) - 1) << first;
+    lanes &= 0xffu;
+    return lanes != 0 ? lanes : lanes_present(memory);
+}
+
+/* Two bits of page 01h say whether there is more than one bank. */
+static bool has_second_bank(const module_memory &memory)
+{
+    const memory_view features(memory, cmis_features);
+    if (!features.was_read() || !is_range_right(memory, cmis_features))
+        return false;
+    const int banks = features.u8(142) & 3;
+    return banks == 1 || banks == 2;
+}
+
 static uint32_t lane_count(const module_memory &memory, const module_contents &contents)
 {
     if (contents.copper || contents.diagnostics == diagnostics_state::none)
         return 0;
     if (contents.family != module_family::cmis)
         return contents.family == module_family::sfp ? 1 : 4;
-    return memory.read_at(cmis_lanes(1))
+    return has_second_bank(memory)
                ? 2 * lanes_of_bank
-               : static_cast<uint32_t>(std::bit_width(lanes_present(memory)));
+               : static_cast<uint32_t>(std::bit_width(lanes_present(memory) | host_lanes(memory)));
 }
 
 static void take_lane_values(const module_memory &memory, const module_contents &contents,
@@ -277,9 +328,7 @@ static void take_lane_values(const module_memory &memory, const module_contents 
         const double unit = lane_values[kind].unit;
         const bool is_tx = kind != DOLM_RIC_RX_POWER;
         const uint32_t off = is_tx ? contents.tx_off_lanes : contents.rx_off_lanes;
-        const uint32_t why = record.lanes_state == DOLM_RIC_VALUE_VALID
-                                 ? uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED}
-                                 : record.lanes_state;
+        const uint32_t maybe_off = is_tx ? contents.tx_off_unread : 0;
         take_limits(its, unit, state_of_limits(memory, contents, its, record.lanes_state),
                     record.lane_limits[kind]);
         std::array<const lane_value *, DOLM_RIC_DETAILS_LANES> found = {};
@@ -290,21 +339,27 @@ static void take_lane_values(const module_memory &memory, const module_contents 
             dolm_ric_details_value &to = record.lane[lane].value[kind];
             const auto read_at = lane_read_at(memory, contents.family, lane);
             if (found[lane] == nullptr || !read_at) {
-                set_missing(why, to);
+                const uint32_t why =
+                    read_at ? DOLM_RIC_VALUE_NOT_SUPPORTED : DOLM_RIC_VALUE_NOT_READ;
+                set_missing(record.lanes_state == DOLM_RIC_VALUE_VALID ? why : record.lanes_state,
+                            to);
                 continue;
             }
             const double value = found[lane]->value;
+            const bool is_dark_wrong = !stopped && (maybe_off >> lane & 1) == 0;
             const uint32_t grade =
                 (off >> lane & 1) != 0
                     ? uint32_t{DOLM_RIC_GRADE_OFF}
-                    : board::grade_value(in_unit(value, unit), record.lane_limits[kind], !stopped);
+                    : board::grade_value(in_unit(value, unit), record.lane_limits[kind],
+                                         is_dark_wrong);
             take_value(in_unit(value, unit), contents.has_flags ? found[lane]->flags : uint8_t{0},
                        grade, nanoseconds(*read_at), to);
         }
     }
 }
 
-/* Bytes 93 and 110: the module has each of them or not. */
+/* Bytes 93 and 110: the module has each of them or not. Bytes 64 and 119: the same of its clock
+   recovery. */
 static void find_sfp_signals(const module_memory &memory, lane_signals &signals)
 {
     const memory_view identity(memory, sfp_identity);
@@ -316,23 +371,32 @@ static void find_sfp_signals(const module_memory &memory, lane_signals &signals)
     signals[DOLM_RIC_RX_LOS] = {options >> 4 & 1, status >> 1 & 1};
     signals[DOLM_RIC_TX_FAULT] = {options >> 5 & 1, status >> 2 & 1};
     signals[DOLM_RIC_TX_OFF] = {options >> 6 & 1, status >> 7 & 1};
+    const uint32_t has_recovery = identity.u8(64) >> 3 & 1u;
+    signals[DOLM_RIC_RX_LOL] = {has_recovery, values.u8(119) & 1u};
+    signals[DOLM_RIC_TX_LOL] = {has_recovery, values.u8(119) >> 1 & 1u};
 }
 
-/* Bytes 3 to 5: four bits of the receivers below four of the transmitters, but for faults. */
+/* Bytes 3 to 5: four bits of the receivers below four of the transmitters, but for faults. Bytes
+   194 and 195 have which of them the module tells of, but for LOS of the receivers, which all do.
+ */
 static void find_qsfp_signals(const module_memory &memory, const module_contents &contents,
                               lane_signals &signals)
 {
     const memory_view values(memory, qsfp_values);
     const memory_view lanes(memory, qsfp_lanes);
-    if (!values.was_read())
+    const memory_view identity(memory, qsfp_identity);
+    if (!values.was_read() || !identity.was_read())
         return;
     const uint32_t present = 15u & ~(lanes.was_read() ? lanes.u8(113) : 0u);
+    const auto told = [&](size_t at, uint8_t bit) {
+        return (identity.u8(at) & bit) != 0 ? present : 0u;
+    };
     signals[DOLM_RIC_RX_LOS] = {present, values.u8(3) & 15u};
-    signals[DOLM_RIC_TX_LOS] = {present, values.u8(3) >> 4 & 15u};
-    signals[DOLM_RIC_TX_FAULT] = {present, values.u8(4) & 15u};
-    signals[DOLM_RIC_RX_LOL] = {present, values.u8(5) & 15u};
-    signals[DOLM_RIC_TX_LOL] = {present, values.u8(5) >> 4 & 15u};
-    signals[DOLM_RIC_TX_OFF] = {present, contents.tx_off_lanes};
+    signals[DOLM_RIC_TX_LOS] = {told(195, 0x02), values.u8(3) >> 4 & 15u};
+    signals[DOLM_RIC_TX_FAULT] = {told(195, 0x08), values.u8(4) & 15u};
+    signals[DOLM_RIC_RX_LOL] = {told(194, 0x10), values.u8(5) & 15u};
+    signals[DOLM_RIC_TX_LOL] = {told(194, 0x20), values.u8(5) >> 4 & 15u};
+    signals[DOLM_RIC_TX_OFF] = {told(195, 0x10), contents.tx_off_lanes, contents.tx_off_unread};
 }
 
 /* Page 01h, bytes 157 and 158, has what the module tells of. */
@@ -347,27 +411,35 @@ static void find_cmis_signals(const module_memory &memory, const module_contents
         uint8_t offset; /* on page 11h */
         uint8_t claim;  /* on page 01h, and its bit */
         uint8_t bit;
+        bool is_host; /* its lanes are those between host and module */
     } rows[] = {
-        {DOLM_RIC_TX_FAULT, 135, 157, 0x01}, {DOLM_RIC_TX_LOS, 136, 157, 0x02},
-        {DOLM_RIC_TX_LOL, 137, 157, 0x04},   {DOLM_RIC_RX_LOS, 147, 158, 0x02},
-        {DOLM_RIC_RX_LOL, 148, 158, 0x04},
+        {DOLM_RIC_TX_FAULT, 135, 157, 0x01, false}, {DOLM_RIC_TX_LOS, 136, 157, 0x02, true},
+        {DOLM_RIC_TX_LOL, 137, 157, 0x04, true},    {DOLM_RIC_RX_LOS, 147, 158, 0x02, false},
+        {DOLM_RIC_RX_LOL, 148, 158, 0x04, false},
     };
     for (uint8_t bank = 0; bank < DOLM_RIC_DETAILS_LANES / lanes_of_bank; bank++) {
         const memory_view lanes(memory, cmis_lanes(bank));
         const uint32_t first = uint32_t{bank} * lanes_of_bank;
-        if (!lanes.was_read())
-            continue;
         const uint32_t present = bank == 0 ? lanes_present(memory) : 0xffu;
+        const uint32_t at_host = bank == 0 ? host_lanes(memory) : 0xffu;
         for (const auto &row : rows) {
             const bool is_told = (features.u8(row.claim) & row.bit) != 0;
-            signals[row.signal].told |= (is_told ? present : 0u) << first;
-            signals[row.signal].on |= uint32_t{lanes.u8(row.offset)} << first;
+            const uint32_t its = is_told ? row.is_host ? at_host : present : 0u;
+            lane_bits &to = signals[row.signal];
+            to.told |= its << first;
+            if (lanes.was_read())
+                to.on |= uint32_t{lanes.u8(row.offset)} << first;
+            else
+                to.unread |= its << first;
         }
-        signals[DOLM_RIC_TX_OFF].told |= present << first;
-        signals[DOLM_RIC_RX_OFF].told |= present << first;
+        for (const auto kind : {DOLM_RIC_TX_OFF, DOLM_RIC_RX_OFF}) {
+            signals[kind].told |= present << first;
+            signals[kind].unread |= lanes.was_read() ? 0u : present << first;
+        }
     }
     signals[DOLM_RIC_TX_OFF].on = contents.tx_off_lanes;
     signals[DOLM_RIC_RX_OFF].on = contents.rx_off_lanes;
+    signals[DOLM_RIC_TX_OFF].unread |= contents.tx_off_unread & ~contents.tx_off_lanes;
 }
 
 static lane_signals find_signals(const module_memory &memory, const module_contents &contents)
@@ -382,24 +454,29 @@ static lane_signals find_signals(const module_memory &memory, const module_conte
     return signals;
 }
 
+/* Of a lane, where the lanes as a whole are in `state`. */
+static uint32_t state_of_signal(const lane_bits &its, uint32_t lane, uint32_t state)
+{
+    if (state != DOLM_RIC_VALUE_VALID)
+        return state;
+    if ((its.told >> lane & 1) == 0)
+        return DOLM_RIC_VALUE_NOT_SUPPORTED;
+    return (its.unread >> lane & 1) != 0 ? DOLM_RIC_VALUE_NOT_READ : DOLM_RIC_VALUE_VALID;
+}
+
 static void take_signals(const module_memory &memory, const module_contents &contents,
                          record_type &record)
 {
     const lane_signals signals = find_signals(memory, contents);
-    const uint32_t state = record.lanes_state;
     for (uint32_t lane = 0; lane < record.lane_count; lane++) {
         const auto read_at = lane_read_at(memory, contents.family, lane);
         const int64_t at = read_at ? nanoseconds(*read_at) : 0;
         for (uint32_t kind = 0; kind < DOLM_RIC_SIGNALS; kind++) {
             dolm_ric_details_condition &to = record.lane[lane].signal[kind];
-            const bool is_told = (signals[kind].told >> lane & 1) != 0;
-            const bool is_on =
-                state == DOLM_RIC_VALUE_VALID && is_told && (signals[kind].on >> lane & 1) != 0;
-            to.state = state == DOLM_RIC_VALUE_VALID && !is_told
-                           ? uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED}
-                           : state;
-            to.on = is_on ? 1 : 0;
-            if (is_on)
+            const uint32_t state = state_of_signal(signals[kind], lane, record.lanes_state);
+            to.state = state_after(to.state, state);
+            to.on = state == DOLM_RIC_VALUE_VALID ? signals[kind].on >> lane & 1 : 0;
+            if (to.on != 0)
                 count(to, at);
         }
     }
@@ -428,22 +505,10 @@ static void take_wrong_module(const module_memory &memory, const module_contents
     record.identity.state = why;
 }
 
-/* A part of the memory that failed once is read again soon: what it gave before stays, with its
-   time. lose_values() ends that where the module doesn't answer any more. */
-static bool is_missed_once(uint32_t state, std::span<const dolm_ric_details_value> values)
-{
-    return state == DOLM_RIC_VALUE_NOT_READ && std::ranges::any_of(values, [](const auto &value) {
-               return value.state == DOLM_RIC_VALUE_VALID;
-           });
-}
-
 static void take_lanes(const module_memory &memory, const module_contents &contents,
                        const port_view &view, record_type &record)
 {
-    const uint32_t state = state_of_lanes(memory, contents);
-    if (record.lane_count != 0 && is_missed_once(state, record.lane[0].value))
-        return;
-    record.lanes_state = state;
+    record.lanes_state = state_after(record.lanes_state, state_of_lanes(memory, contents));
     board::set_lane_count(lane_count(memory, contents), record);
     record.own_lanes = own_lanes(contents, view) & ((1u << record.lane_count) - 1);
     record.power_kind = contents.rx_power.lanes.empty() ? DOLM_RIC_POWER_UNKNOWN
@@ -462,11 +527,10 @@ void take_module(const module_memory &memory, const module_contents &contents,
     take_identity(memory, contents, record.identity);
     if (const auto at = memory.read_at(identifier_range))
         record.identity.read_at = nanoseconds(*at);
-    if (!is_missed_once(state_of_values(memory, contents), record.module_value))
-        take_module_values(memory, contents, record);
+    take_module_values(memory, contents, record);
     take_lanes(memory, contents, view, record);
     if (contents.family == module_family::cmis)
-        take_vdm(memory, record);
+        take_vdm(memory, state_after(record.vdm_state, state_of_pages(memory, contents)), record);
     else
         record.vdm_state = DOLM_RIC_VALUE_NOT_SUPPORTED;
 }

@@ -14,8 +14,8 @@ namespace linux_board
 {
 
 /* Takes what has been read of a module: identity, values, limits, flags, and the reasons for what
-   is missing. Flags are counted once for each reading. A part that has failed once
-   keeps the values that it gave before. `contents` is what decode_module() makes of the memory. */
+   is missing. Flags are counted once for each reading. A part that the memory has no more has "no
+   answer". `contents` is what decode_module() makes of the memory. */
 void take_module(const module_memory &memory, const module_contents &contents,
                  const port_view &view, dolm_ric_details_record &record);
 

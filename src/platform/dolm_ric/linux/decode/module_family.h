@@ -135,11 +135,13 @@ struct conversion {
     double operator()(double raw) const;
 };
 
-/* 1/256 degree, 100 uV, 2 uA and 0.1 uW: the steps of all three layouts. */
+/* 1/256 degree, 100 uV, 2 uA and 0.1 uW: the steps of all three layouts. Currents of a TEC are in
+   parts of the largest one. */
 constexpr conversion temperature_steps = {.multiplier = 1000, .divisor = 256};
 constexpr conversion voltage_steps = {.multiplier = 100};
 constexpr conversion bias_steps = {.multiplier = 2};
 constexpr conversion power_steps = {.divisor = 10};
+constexpr conversion tec_steps = {.multiplier = 100'000, .divisor = 32767};
 
 /* The four limits at `offset`: high alarm, low alarm, high warning, low warning. */
 measurement_limits limits_at(const memory_view &view, size_t offset, const conversion &convert);

@@ -51,12 +51,12 @@ struct sfp_conversions {
 
 } // namespace
 
-/* Bytes 96 and up of the identity belong to the maker. Those behind the flags at 0x51 hold nothing
-   that is needed. */
+/* Bytes 96 and up of the identity belong to the maker. The last byte of the values has the locks of
+   the clock recovery; those behind it hold nothing that is needed. */
 static constexpr memory_range identity_range = {identity_address, 0, 0, 0, 96};
 static constexpr memory_range serial_range = {identity_address, 0, 0, 68, 28};
 static constexpr memory_range constants_range = {diagnostics_address, 0, 0, 0, 96};
-static constexpr memory_range values_range = {diagnostics_address, 0, 0, 96, 22};
+static constexpr memory_range values_range = {diagnostics_address, 0, 0, 96, 24};
 
 /* The first sum is over what the standard calls base fields, the second over the extended ones. */
 static bool is_identity_right(const memory_view &identity)
@@ -306,6 +306,14 @@ static void forget_limits(module_contents &contents)
         its->limits.reset();
 }
 
+/* A slope of 0 makes the same of any number: such constants were never written. */
+static bool has_zero_slope(const module_contents &contents, const memory_view &constants)
+{
+    const auto is_zero = [&](size_t at) { return constants.u16(at) == 0; };
+    return is_zero(84) || is_zero(88) ||
+           (!contents.copper && (is_zero(76) || is_zero(80) || are_blank(constants.bytes(56, 16))));
+}
+
 /* nullptr, or why these bytes can't be what they should. Drivers and modules without a second
    memory answer with the first one, or with nothing but zeros or ones. */
 static const char *reason_to_refuse(const module_contents &contents, const memory_view &identity,
@@ -321,7 +329,11 @@ static const char *reason_to_refuse(const module_contents &contents, const memor
         return nullptr;
     if (!is_sum_right(constants, 0, 95))
         return "the checksum of the calibration is wrong";
-    return are_blank(constants.bytes(0, 95)) ? "the calibration is blank" : nullptr;
+    if (are_blank(constants.bytes(0, 95)))
+        return "the calibration is blank";
+    if (has_zero_slope(contents, constants))
+        return "the calibration has a slope of zero";
+    return external_conversions(constants).voltage(values.u16(98)) == 0 ? no_voltage : nullptr;
 }
 
 /* Constants of calibration are refused with a wrong sum, as they would make any number of a value.

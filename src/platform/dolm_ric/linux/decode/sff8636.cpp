@@ -224,6 +224,7 @@ static void decode_diagnostics(const module_memory &memory, bool has_tx_power,
     if (!contents.copper) {
         const uint8_t missing = lanes.was_read() ? lanes.u8(113) & 0x0f : 0;
         contents.tx_off_lanes = off.was_read() ? off.u8(86) & 0x0f : 0;
+        contents.tx_off_unread = off.was_read() ? 0 : 0x0f;
         fill_lanes(values, missing, has_tx_power, contents);
     }
     if (limits.was_read())

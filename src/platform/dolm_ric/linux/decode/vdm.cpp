@@ -105,10 +105,16 @@ static dolm_ric_details_limits limits_of(const memory_view &from, size_t set, co
 static void take_row(const memory_view &descriptors, const memory_view &values,
                      const memory_view &limits, size_t row, dolm_ric_details_vdm &to)
 {
+    constexpr uint8_t tec_current = 2; /* the others that are known are those of lanes */
     const uint8_t place = descriptors.u8(128 + 2 * row);
+    const uint8_t code = descriptors.u8(129 + 2 * row);
+    const auto lane = static_cast<uint8_t>(code == tec_current ? 0xff : place & 15);
+    const bool is_same_row = to.code == code && to.lane == lane;
+    const int64_t last_read_at = is_same_row ? to.read_at : 0;
     to = {};
-    to.code = descriptors.u8(129 + 2 * row);
-    to.lane = place & 15;
+    to.code = code;
+    to.lane = lane;
+    to.read_at = last_read_at;
     const auto *its = std::ranges::find(observables, to.code, &observable::code);
     const observable raw = {to.code, DOLM_RIC_VDM_OTHER, media, number_kind::unsigned_word, 1};
     const bool is_known = its != std::end(observables);
@@ -117,7 +123,9 @@ static void take_row(const memory_view &descriptors, const memory_view &values,
     to.side = what.side;
     to.limits = is_known ? limits_of(limits, place >> 4, what)
                          : board::without_limits(DOLM_RIC_VALUE_UNKNOWN);
-    to.state = values.was_read() ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NOT_READ;
+    to.state = values.was_read()   ? DOLM_RIC_VALUE_VALID
+               : last_read_at != 0 ? DOLM_RIC_VALUE_NO_ANSWER
+                                   : DOLM_RIC_VALUE_NOT_READ;
     to.value = values.was_read() ? number_at(values, 128 + 2 * row, what) : 0;
     /* No error at all is no alarm, though the low limits of errors are 0. */
     const bool has_low_limits = what.number != number_kind::decimal;
@@ -157,17 +165,17 @@ static void take_group(const module_memory &memory, uint8_t group, dolm_ric_deta
         dolm_ric_details_vdm &to = record.vdm[record.vdm_count++];
         take_row(descriptors, values, limits, row, to);
         to.raised = raised_flags(flags, group * rows_of_group + row);
-        to.read_at = read_at ? std::chrono::nanoseconds{read_at->time_since_epoch()}.count() : 0;
+        if (read_at)
+            to.read_at = std::chrono::nanoseconds{read_at->time_since_epoch()}.count();
     }
 }
 
-void take_vdm(const module_memory &memory, dolm_ric_details_record &record)
+void take_vdm(const module_memory &memory, uint32_t pages, dolm_ric_details_record &record)
 {
     record.vdm_count = record.vdm_left_out = 0;
-    if (record.lanes_state != DOLM_RIC_VALUE_VALID) {
-        record.vdm_state = record.lanes_state;
+    record.vdm_state = pages;
+    if (pages != DOLM_RIC_VALUE_VALID)
         return;
-    }
     const uint8_t groups = has_vdm(memory) ? vdm_group_count(memory) : uint8_t{0};
     bool are_known = !has_vdm(memory) || groups != 0; /* the descriptors of all groups */
     for (uint8_t group = 0; group < groups; group++) {
