@@ -98,6 +98,8 @@ static const struct {
     {R"("remote_fault": true, "bias_after": null, "tx_after": null)", "far side deaf",
      certainty::possible},
     {R"("uncorrectable_in_minute": 12)", "errors rose", certainty::likely},
+    {R"("symbol_errors_in_minute": 11)", "errors rose", certainty::likely},
+    {R"("frame_errors_in_minute": 10)", "not known", certainty::possible},
     {R"("errors_before": 5e-5)", "errors rose", certainty::likely},
     {R"("errors_before": 5e-6)", "not known", certainty::possible},
     {R"("rx_lol_after": [0, 0, 0, 1])", "no lock", certainty::likely},

@@ -142,6 +142,22 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
     EXPECT_EQ(record.cost.reads, 1u);
 }
 
+TEST_F(details_test, a_file_that_was_cut_is_made_anew_by_the_next_change_of_any_port)
+{
+    writer.start(path);
+    for (const uint32_t port : {0u, 1u})
+        writer.publish(port, [](record_type &) {});
+    const auto whole = static_cast<off_t>(fs::file_size(path));
+    for (const off_t size : {off_t{4096}, whole - 100}) {
+        ASSERT_EQ(truncate(path.c_str(), size), 0);
+        writer.publish(size == 4096 ? 1 : 0, [](record_type &) {});
+        ASSERT_EQ(open(), TESK_DETAILS_OK);
+        for (const uint32_t port : {0u, 1u})
+            EXPECT_EQ(tesk_details_read(reader, port, &record), TESK_DETAILS_OK) << port << size;
+        tesk_details_close(std::exchange(reader, nullptr));
+    }
+}
+
 TEST_F(details_test, the_file_of_another_board_that_lives_is_left_alone_and_records_have_a_bound)
 {
     board::port_details first;

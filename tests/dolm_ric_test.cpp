@@ -87,6 +87,10 @@ TEST_F(dolm_ric_test, values_arrive_in_the_units_of_the_records)
     EXPECT_NE(std::string::npos, ask("show 13").find("\nvendor_name=\\x00\\xffA \\\\0123"));
     ASSERT_EQ(0, dolm_ric_ri_getmodulediag(handle, id_of(4), &diag));
     EXPECT_EQ(41500, diag.temperature) << "another module of the kind is untouched";
+    ask("set 4 rx-power.1=-16dBm tx-power.0=0mW tx-off.0=yes");
+    ASSERT_EQ(0, dolm_ric_ri_getmodulediag(handle, id_of(4), &diag));
+    EXPECT_EQ((std::array{25u, 580u}), (std::array{diag.rxpower, diag.txpower}))
+        << "the worst lane";
 }
 
 TEST_F(dolm_ric_test, injected_faults_hit_the_calls_that_they_name)

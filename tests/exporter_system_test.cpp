@@ -119,8 +119,10 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
          "tesk_port_receive_power_limit_dbm{port=\"1\",interface=\"eth1\",limit=\"low_alarm\"} "
          "-15.23\n",
          "tesk_port_admin_up{port=\"1\",interface=\"eth1\"} 1\n"});
-    expect_parts(get("/api/ports/1"), {"\"reading_age_s\":", "\"lane_limits\":"});
-    expect_parts(get("/api/ports/2"), {"404"});
+    for (const char *port : {"1", "eth1"})
+        expect_parts(get(std::string("/api/ports/") + port), {"\"port\":1,", "\"lane_limits\":"});
+    for (const char *port : {"2", "eth2", ""})
+        expect_parts(get(std::string("/api/ports/") + port), {"404"});
     expect_parts(get("/metrics", "Accept: application/openmetrics-text\r\n"), {"\n# EOF\n"});
     /* A port leaves the map. */
     std::ofstream(map_path + ".new") << "# tesk-ports 1\n0\teth0\n";

@@ -151,6 +151,19 @@ struct exporter_board : testing::Test {
     }
 };
 
+TEST(exporter, the_share_of_reading_is_what_the_totals_grew_by)
+{
+    port_details details;
+    const steady_time start = steady_clock::now();
+    EXPECT_FALSE(details.share_of_time({{1, 7'000'000'000}}, start));
+    const auto share = [&](int after, const port_details::costs &totals) {
+        return details.share_of_time(totals, start + std::chrono::seconds(after)).value_or(-1);
+    };
+    EXPECT_DOUBLE_EQ(share(10, {{1, 8'000'000'000}, {2, 5'000'000'000}}), 0.1) << "2 is new";
+    EXPECT_DOUBLE_EQ(share(19, {{1, 9'000'000'000}}), 0.1) << "too early for another one";
+    EXPECT_DOUBLE_EQ(share(20, {{1, 1000}, {2, 5'500'000'000}}), 0.05) << "1 began anew";
+}
+
 TEST(exporter_text, the_format_is_the_one_that_the_header_prefers)
 {
     const std::string open = "application/openmetrics-text";
@@ -263,7 +276,7 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
         {"{", "", "cause=\"light_lost\"} 1\n"},
         {line(old) + line(ill), "ill light lost; ",
          "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 1\n"},
-        {line(old) + line(ill), "", "cause=\"light_lost\"} 1\n"},
+        {"{\n" + line(old) + line(ill), "", "cause=\"light_lost\"} 1\n"},
         {line(dark) + line(flapping), "fall flapping; ",
          "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 0\n"},
     };
@@ -640,7 +653,6 @@ TEST(exporter_http, only_files_of_the_page_are_served)
     const auto page = files.open("/");
     ASSERT_TRUE(page);
     EXPECT_EQ(page->size, 4u);
-    close(page->fd);
     EXPECT_TRUE(web_files("/nowhere").empty());
 }
 

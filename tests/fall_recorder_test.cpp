@@ -342,6 +342,18 @@ TEST_F(fall_recorder_test, a_burst_is_one_record_and_the_next_fall_another_one)
     EXPECT_EQ(falls().size(), 2U) << "somebody has set it down meanwhile";
     EXPECT_EQ(falls()[0].falls_in_minute, 4);
     EXPECT_EQ(falls()[1].falls_in_minute, 5);
+    set_link(0, true, true);
+    drop(0);
+    finish();
+    ASSERT_EQ(falls().size(), 3U) << "nor does what follows belong to that";
+    dolm_ric_details_link &link = record_of(0).link;
+    link.falls += 2; /* the kernel tells of two falls in one message */
+    link.rises += 2;
+    link.changed_at = now;
+    tell(0);
+    now += 3 * second;
+    finish();
+    EXPECT_EQ(falls()[2].falls_in_minute, 8) << "though it stays down";
 }
 
 TEST_F(fall_recorder_test, a_link_that_comes_back_is_added_to_its_record)
@@ -384,6 +396,38 @@ TEST_F(fall_recorder_test, a_carrier_counted_at_the_start_and_a_port_left_out_ar
     leave(1, departure::unknown);
     finish();
     EXPECT_EQ(falls(1).size(), 0U);
+}
+
+/* The last look at port 0 took long: the others don't wait for the next one. */
+TEST_F(fall_recorder_test, a_slow_driver_is_asked_last)
+{
+    std::string asked;
+    board::fall_recorder own({.oldest_look = 30 * second, .youngest_look = second},
+                             [this] { return now; });
+    own.start(folder,
+              {.fell =
+                   [&](uint32_t port, int64_t, causes::facts &) {
+                       asked += std::to_string(port);
+                       now += port == 0 ? second : 0;
+                   },
+               .risen = [](uint32_t, int64_t, causes::facts &seen) { seen.errors_again = 1e-4; }},
+              false);
+    for (const uint32_t state : {DOLM_RIC_SWITCH_UP, DOLM_RIC_SWITCH_DOWN})
+        for (const uint32_t port : all_ports) {
+            record_of(port).link.oper = state;
+            own.see(record_of(port));
+        }
+    own.work();
+    now += second;
+    own.work();
+    EXPECT_EQ(asked, "012112200");
+    now += 10 * second;
+    own.work();
+    record_of(1).link.oper = DOLM_RIC_SWITCH_UP;
+    own.see(record_of(1));
+    now += 4 * second;
+    own.work();
+    EXPECT_EQ(causes::judge(falls(1).back()).ill.size(), 1U) << "up, with many errors";
 }
 
 /* A module with other lanes can't be compared, and such a record couldn't be read. */
@@ -435,25 +479,52 @@ TEST_F(fall_recorder_test, what_cannot_be_written_is_written_later)
     }
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_EQ(std::ranges::count(told, '\n'), 1) << told;
+    const auto try_again = [this] {
+        for (int round = 0; round < 2; round++) {
+            now += 2 * second;
+            finish();
+        }
+    };
     fs::remove(folder);
-    for (int round = 0; round < 2; round++) {
-        now += 2 * second;
-        finish();
-    }
+    try_again();
     EXPECT_EQ(falls().size(), 3U) << "in a folder that was made anew";
+    fs::create_directories(folder + "/1/x");
+    testing::internal::CaptureStderr();
+    for (int round = 0; round < 3; round++)
+        for (const uint32_t port : {1U, 0U}) {
+            drop(port);
+            finish();
+            set_link(port, true, true);
+            pass(20 * second);
+        }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "libdolm_ric: cannot record falls in " + folder +
+                  "/1: Is a directory; it is tried again\n");
+    EXPECT_EQ(falls().size(), 6U) << "those of other ports can be written";
+    fs::remove_all(folder + "/1");
+    try_again();
+    EXPECT_EQ(falls(1).size(), 3U);
 }
 
 /* The newest that fit: a long file leaves no room for others. */
 TEST_F(fall_recorder_test, files_share_the_folder)
 {
     const std::string line(7000, 'x');
+    size_t taken = 0;
     for (int round = 0; round < 12; round++)
-        ASSERT_TRUE(keep_fall(folder, 9, line, false, 1));
+        ASSERT_TRUE(keep_fall(folder, 9, line, false, 1, taken));
     EXPECT_EQ(fs::file_size(folder + "/9"), 9 * 7001U);
-    ASSERT_TRUE(keep_fall(folder, 9, "{}", false, 1024));
+    ASSERT_TRUE(keep_fall(folder, 9, "{}", false, 1024, taken));
     EXPECT_EQ(fs::file_size(folder + "/9"), 2 * 7001U + 3);
     fs::remove(folder + "/9");
     fs::create_symlink("/etc/passwd", folder + "/9");
-    ASSERT_TRUE(keep_fall(folder, 9, "{}", true, 1));
+    ASSERT_TRUE(keep_fall(folder, 9, "{}", true, 1, taken));
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder + "/9")));
+    for (uint32_t port = 1000; port < 1300; port++) /* which are no more */
+        ASSERT_TRUE(
+            keep_fall(folder, port, std::string(most_fall_bytes - 1, 'x'), false, 1, taken));
+    EXPECT_EQ(taken, most_folder_bytes);
+    EXPECT_EQ(taken, trim_falls(folder));
+    EXPECT_FALSE(fs::exists(folder + "/9"));
+    EXPECT_TRUE(fs::exists(folder + "/1299"));
 }

@@ -281,6 +281,30 @@ falls_are_explained() {
     explains 0 "module replaced, likely"
     explains 1 "no lock, likely"
     set_cage 1 ext_state 255
+    shown_by_the_driver
+}
+
+was_counted() { [ "$(cat $cages/cage1/counter_reads)" -ge "$1" ]; } # TIMES
+is_counted() { await was_counted "$1" || await was_counted "$1"; }
+
+# Errors on port 1, counted twice before it falls; FEC of port 2 is changed just before it falls.
+shown_by_the_driver() {
+    all_is_well
+    sleep 3 # so that port 1 has been up for long enough
+    set_cage 1 counter_reads 0
+    check "the driver of port 1 is asked for its counters" is_counted 1
+    set_cage 1 fec_uncorrectable 12
+    check "and again" is_counted 2
+    usleep 1500000 # a carrier is told up to a second late
+    set_cage 1 fec_uncorrectable 9000
+    set_cage 1 carrier 0
+    ethtool --set-fec cage2 encoding baser
+    set_cage 2 carrier 0
+    explains 1 "errors rose, likely"
+    check "by what came before the fall" says "12 blocks couldn't be corrected" teskctl why 1 --last 1
+    explains 2 "settings differ, likely"
+    put $cages/cage0 made-other-sfp
+    check "port 0 has its module" await shows_serial 0 0002
 }
 
 reader_is_confined() {

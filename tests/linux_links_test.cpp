@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Links of the Linux board without a kernel: netlink messages, and the events that reports give. */
+#include "platform/dolm_ric/linux/error_counters.h"
 #include "platform/dolm_ric/linux/fall_looks.h"
 #include "platform/dolm_ric/linux/kernel_notes.h"
 #include "platform/dolm_ric/linux/link_table.h"
@@ -13,6 +14,7 @@
 #include <linux/if.h>
 #include <linux/rtnetlink.h>
 #include <optional>
+#include <sstream>
 #include <sys/socket.h>
 
 using namespace linux_board;
@@ -337,6 +339,93 @@ TEST(fall_looks_test, a_drivers_state_has_its_name)
               state_of(ETHTOOL_LINK_EXT_STATE_LINK_TRAINING_FAILURE, 1));
     EXPECT_EQ("Module", state_of(ETHTOOL_LINK_EXT_STATE_MODULE, {}));
     EXPECT_EQ("nothing", state_of(200, {}));
+}
+
+TEST(error_counters_test, counters_are_taken_from_each_answer)
+{
+    error_sample made;
+    std::vector<uint8_t> storage;
+    netlink::request fec = netlink::generic_request(1, ETHTOOL_MSG_FEC_GET_REPLY);
+    size_t nest = fec.begin_nest(ETHTOOL_A_FEC_STATS);
+    fec.put(ETHTOOL_A_FEC_STAT_CORRECTED, uint64_t{70});
+    fec.begin_nest(ETHTOOL_A_FEC_STAT_UNCORR); /* empty: the driver doesn't count them */
+    fec.end_nest(nest);
+    take_fec_counts(netlink::generic_attributes(message_of(fec, storage)), made);
+    netlink::request line = netlink::generic_request(1, ETHTOOL_MSG_STATS_GET_REPLY);
+    const auto put = [&](uint32_t group, std::initializer_list<uint16_t> numbers) {
+        const size_t outer = line.begin_nest(ETHTOOL_A_STATS_GRP);
+        line.put(ETHTOOL_A_STATS_GRP_ID, group);
+        for (const uint16_t number : numbers) {
+            const size_t inner = line.begin_nest(ETHTOOL_A_STATS_GRP_STAT);
+            line.put(number, uint64_t{number} + 3);
+            line.end_nest(inner);
+        }
+        line.end_nest(outer);
+    };
+    put(ETHTOOL_STATS_ETH_PHY, {ETHTOOL_A_STATS_ETH_PHY_5_SYM_ERR});
+    put(ETHTOOL_STATS_ETH_MAC, {ETHTOOL_A_STATS_ETH_MAC_5_RX_PKT, ETHTOOL_A_STATS_ETH_MAC_6_FCS_ERR,
+                                ETHTOOL_A_STATS_ETH_MAC_7_ALIGN_ERR});
+    take_line_counts(netlink::generic_attributes(message_of(line, storage)), made);
+    netlink::request quality = netlink::generic_request(1, ETHTOOL_MSG_LINKSTATE_GET_REPLY);
+    quality.put(ETHTOOL_A_LINKSTATE_SQI, uint32_t{2});
+    error_sample part;
+    take_quality(netlink::generic_attributes(message_of(quality, storage)), part);
+    made.add(part);
+    EXPECT_EQ(made.quality, 2U);
+    constexpr uint64_t none = error_sample::not_counted;
+    EXPECT_EQ(made.count, (decltype(made.count){70, none, none, 3, 7 + 8}));
+}
+
+/* A link of 10 Gbit/s with RS-FEC that fell in second 1000, by its samples of corrected bits and of
+   blocks that couldn't be corrected. */
+TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
+{
+    struct sample {
+        int64_t second;
+        uint64_t bits, blocks;
+    };
+    const struct {
+        const char *name;
+        double up_for;
+        std::vector<sample> samples;
+        std::string told; /* blocks, seconds, error ratio */
+    } minutes[] = {
+        {"errors rose before",
+         500,
+         {{930, 0, 9}, {950, 0, 9}, {970, 40'000'000, 9}, {990, 80'000'000, 12}},
+         "3 40 0.0002"},
+        {"what the fall adds is none", 500, {{950, 0, 9}, {990, 0, 9}, {1000, 5, 500}}, "- 40 0"},
+        {"none came until the fall", 500, {{950, 0, 9}, {990, 0, 9}, {1000, 0, 9}}, "0 40 0"},
+        {"nor one that was told late", 500, {{950, 0, 9}, {999, 0, 500}, {1000, 0, 500}}, "- - -"},
+        {"it began anew", 500, {{950, 50, 9}, {970, 10, 1}, {990, 60, 10}}, "- 40 -"},
+        {"it has just risen", 25, {{950, 0, 0}, {976, 0, 400}, {990, 0, 401}}, "- - -"},
+        {"nobody has looked for long", 500, {{945, 0, 0}, {965, 0, 400}}, "- - -"},
+        {"never", 500, {}, "- - -"},
+    };
+    for (const auto &its : minutes) {
+        std::vector<error_sample> samples;
+        for (const sample &one : its.samples) {
+            error_sample made;
+            made.at = one.second * 1'000'000'000;
+            made.count[COUNT_CORRECTED_BITS] = one.bits;
+            made.count[COUNT_UNCORRECTABLE] = one.blocks;
+            samples.push_back(made);
+        }
+        causes::facts seen;
+        seen.up_for_s = its.up_for;
+        seen.fec_before = "RS";
+        seen.speed_before = 10000;
+        tell_counts_before(samples, 1000'000'000'000, seen);
+        const auto text = [](const causes::number &value) {
+            std::ostringstream made;
+            value ? made << *value : made << "-";
+            return made.str();
+        };
+        EXPECT_EQ(text(seen.uncorrectable_in_minute) + " " + text(seen.counted_for_s) + " " +
+                      text(seen.errors_before),
+                  its.told)
+            << its.name;
+    }
 }
 
 TEST_F(link_table_test, a_number_keeps_its_interface_whatever_the_configuration_says)

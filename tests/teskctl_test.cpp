@@ -113,7 +113,11 @@ TEST(teskctl, top_shows_level_value_and_what_changed_at_any_width)
     pm.has_temperature = true;
     pm.temperature = 952;
     view.show(pm);
+    watched_fall fall{3, true, {}, {}};
+    fall.seen.time = 1e9;
+    view.show(fall);
     const std::tuple<size_t, size_t, const char *> windows[] = {
+        {160, 24, " temperature high alarm; fell 2001-09-09: not known, possible"},
         {120, 24, " A 95.2 "},
         {120, 24, " temperature high alarm"},
         {80, 24, "AGE TX dBm   RX dBm   BIAS mA  TEMP °C CHG"},
@@ -414,18 +418,54 @@ TEST_F(teskctl_system, why_tells_of_the_falls_that_the_board_recorded)
     EXPECT_EQ(run("why"), 3) << output;
     server.emplace();
     expect("why", 0, {"No fall is recorded."});
+    const pid_t watch = start({"watch", "--status", "0,1"}), top = start({"top", "0", "--json"});
+    const auto await_both = [&](const char *words, const char *object) {
+        for (const char *text : {words, object}) {
+            log_end = 0;
+            await(text);
+        }
+    };
+    await_both("port 1 ", "\"event\":\"status\",\"port\":0,");
     testkit::run(TESK_BIN_DIR "/teskboard set 0 link=up; " TESK_BIN_DIR
                               "/teskboard set 0 link=stopped",
                  output);
-    const util::deadline patience(std::chrono::seconds(10));
-    do {
-        run("why 0");
-    } while (output.find("set down") == std::string::npos && !patience.has_passed());
+    await_both("port 0   fall    port0 at ",
+               "\"event\":\"fall\",\"port\":0,\"cause\":\"set down\"");
+    for (const pid_t each : {watch, top}) {
+        kill(each, SIGINT);
+        EXPECT_EQ(testkit::wait_for_end(each), 0);
+    }
+    EXPECT_EQ(testkit::read_file(log).find("port1 at"), std::string::npos);
     expect("why 0,1 --last 1 --facts-out " + directory.path + "/facts", 0,
            {"port0 ", ": set down, certain, local, administration"});
     expect("why --json --facts " + directory.path + "/facts", 0, {R"("certainty":"certain")"});
-    std::ofstream(directory.path + "/falls/7") << "{\n";
-    expect("why", 1, {"falls/7", "set down, certain"});
+    std::ofstream(directory.path + "/falls/7") << "{\n{\"driver_unbound\": true}\n";
+    mkfifo((directory.path + "/falls/8").c_str(), 0600);
+    expect("why", 1, {"falls/7: 1 of 2 falls", "driver gone", "falls/8 isn't a file", "certain"});
+}
+
+/* Each would hang, or take what memory or stack there is. */
+TEST_F(teskctl_system, why_takes_no_more_facts_than_a_machine_can_have)
+{
+    const auto repeat = [](size_t count, const std::string &text) {
+        std::string all;
+        while (count-- > 0)
+            all += text;
+        return all;
+    };
+    const std::pair<std::string, const char *> rows[] = {
+        {"{\"port\": " + repeat(100000, "[") + repeat(100000, "]") + "}", "8 levels of brackets"},
+        {"{" + repeat(300000, "\"\\\"{\": 1,") + "\"\": 1}", "256 keys in an object"},
+        {repeat(5000000, "{}\n"), "65537 objects"},
+        {"{\"port\": \"" + repeat(5000000, "{}[") + "\"}", "not \"{}[{}[{"},
+        {repeat(17 << 10, repeat(1 << 10, " ")), "16384 KiB"},
+        {"{\"time\": 1e999}", "line 1: this is no JSON"}};
+    for (const auto &[text, complaint] : rows) {
+        std::ofstream(directory.path + "/facts") << text;
+        expect("why --facts " + directory.path + "/facts", 1, {complaint});
+        EXPECT_LT(output.size(), 500U);
+    }
+    expect("why --facts - --other-end -", 2, {"standard input"});
 }
 
 TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behind)

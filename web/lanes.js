@@ -39,7 +39,7 @@ function reading_text(cost) {
   if (!cost?.period_s || !cost.last_sweep_s)
     return "";
   const percent = 100 * cost.last_sweep_s / cost.period_s;
-  return `Reading the module keeps the kernel busy for ${percent < 0.01 ? "less than 0.01" : percent.toFixed(2)} % of the time.`;
+  return `Reading the measured values keeps the kernel busy for ${percent < 0.01 ? "less than 0.01" : percent.toFixed(2)} % of the time.`;
 }
 
 /* Nothing is shown of a board that publishes no details. */

@@ -49,7 +49,12 @@ struct facts {
     number speed_before, speed_after; /* Mbit/s; after: when it was up again */
     number lanes_before, lanes_after; /* of the link */
     text fec_before, fec_after;
-    number corrected_in_minute, uncorrectable_in_minute; /* blocks of FEC, before the fall */
+    /* Counted in the last minute before the fall, and for how long in it: blocks of FEC, symbols
+       and frames that were damaged. */
+    number corrected_in_minute, uncorrectable_in_minute;
+    number symbol_errors_in_minute, frame_errors_in_minute;
+    number counted_for_s;
+    number signal_quality_before, signal_quality_most; /* of a PHY for one pair, and its best */
 
     /* The module. */
     flag present_before, present_after;
@@ -69,8 +74,8 @@ struct facts {
     /* Whether it came back, and how. */
     flag is_up;
     number down_for_s;
-    by_lane rx_again; /* when it was up again */
-    number errors_again;
+    by_lane rx_again;                         /* when it was up again */
+    number errors_again, uncorrectable_again; /* blocks since it was up for three seconds */
 };
 
 } // namespace causes

@@ -60,6 +60,11 @@ static const row rows[] = {
     {"fec_after", &facts::fec_after},
     {"corrected_in_minute", &facts::corrected_in_minute},
     {"uncorrectable_in_minute", &facts::uncorrectable_in_minute},
+    {"symbol_errors_in_minute", &facts::symbol_errors_in_minute},
+    {"frame_errors_in_minute", &facts::frame_errors_in_minute},
+    {"counted_for_s", &facts::counted_for_s},
+    {"signal_quality_before", &facts::signal_quality_before},
+    {"signal_quality_most", &facts::signal_quality_most},
     {"present_before", &facts::present_before},
     {"present_after", &facts::present_after},
     {"serial_before", &facts::serial_before},
@@ -92,14 +97,23 @@ static const row rows[] = {
     {"down_for_s", &facts::down_for_s},
     {"rx_again", &facts::rx_again, weakest, strongest},
     {"errors_again", &facts::errors_again, 0, 1},
+    {"uncorrectable_again", &facts::uncorrectable_again},
 };
+
+/* The beginning is enough to find it. */
+static std::string shown(const json &value)
+{
+    constexpr size_t longest = 60;
+    const std::string whole = value.dump();
+    return whole.size() <= longest ? whole : whole.substr(0, longest) + "..";
+}
 
 static double number_of(const row &its, const json &value)
 {
     const double read = value.is_number() ? value.get<double>() : NAN;
     if (!(read >= its.least && read <= its.most))
         throw facts_error(fmt::format("{} must be a number from {} to {}, not {}", its.key,
-                                      its.least, its.most, value.dump()));
+                                      its.least, its.most, shown(value)));
     return read;
 }
 
@@ -108,7 +122,7 @@ static std::vector<double> list_of(const row &its, const json &value)
     if (!value.is_array() || value.empty() || value.size() > most_lanes)
         throw facts_error(fmt::format("{} must be a list with a number for each of 1 to {} lanes, "
                                       "not {}",
-                                      its.key, most_lanes, value.dump()));
+                                      its.key, most_lanes, shown(value)));
     std::vector<double> list;
     for (const json &each : value)
         list.push_back(number_of(its, each));
@@ -127,7 +141,7 @@ static void take(const row &its, const json &value, facts &to)
             } else if constexpr (std::is_same_v<kind, flag>) {
                 if (!value.is_boolean())
                     throw facts_error(
-                        fmt::format("{} must be true or false, not {}", its.key, value.dump()));
+                        fmt::format("{} must be true or false, not {}", its.key, shown(value)));
                 to.*where = value.get<bool>();
             } else {
                 if (!value.is_string() || value.get<std::string>().size() > longest_text)
@@ -165,7 +179,7 @@ facts facts_from(const json &object)
             std::ranges::find_if(rows, [&key = key](const row &each) { return key == each.key; });
         if (its == std::end(rows))
             throw facts_error(
-                fmt::format("{} is no fact: see docs/causes.md for their names", json(key).dump()));
+                fmt::format("{} is no fact: see docs/causes.md for their names", shown(key)));
         if (!value.is_null())
             take(*its, value, known);
     }

@@ -20,6 +20,8 @@ static constexpr double much_loss = 2;
 static constexpr double no_bias = 0.5;
 /* No module is too hot below; a table of zeros has no limit. */
 static constexpr double no_limit = 20;
+/* At an error ratio of 1e-12, as standards allow it, 10 Gbit/s have one in 100 s. */
+static constexpr double usual_errors = 10;
 /* A swap by hand takes longer, and one that follows another cause takes much longer. */
 static constexpr double soonest_swap = 10;
 /* Forward error correction (RS) fails within a decade of this. */
@@ -275,18 +277,48 @@ sign has_no_lock(const facts &seen)
     return seen.rx_lol_after ? sign{answer::no, ""} : sign{};
 }
 
+static std::string counted_time(const facts &seen)
+{
+    return seen.counted_for_s ? fmt::format(", counted for {:.0f} s of it", *seen.counted_for_s)
+                              : "";
+}
+
+/* The first kind of which there were too many; nothing where none is counted. */
+static sign were_many_counted(const facts &seen)
+{
+    const struct {
+        const number &count;
+        double most;
+        const char *what;
+    } kinds[] = {
+        {seen.uncorrectable_in_minute, 0, "blocks couldn't be corrected"},
+        {seen.symbol_errors_in_minute, usual_errors, "symbols were damaged"},
+        {seen.frame_errors_in_minute, usual_errors, "frames were damaged"},
+    };
+    sign found;
+    for (const auto &kind : kinds) {
+        if (!kind.count)
+            continue;
+        if (*kind.count > kind.most)
+            return {answer::yes, fmt::format("{:.0f} {} in the last minute{}.", *kind.count,
+                                             kind.what, counted_time(seen))};
+        found.is = answer::no;
+    }
+    return found;
+}
+
 sign have_errors_risen(const facts &seen)
 {
-    if (seen.uncorrectable_in_minute && *seen.uncorrectable_in_minute > 0)
-        return {answer::yes, fmt::format("{:.0f} blocks couldn't be corrected in the last minute.",
-                                         *seen.uncorrectable_in_minute)};
+    sign many = were_many_counted(seen);
+    if (many.is == answer::yes)
+        return many;
     const double limit = seen.errors_limit.value_or(usual_errors_limit);
     if (seen.errors_before)
         return {to_answer(*seen.errors_before >= limit / 10),
                 fmt::format("The bit error ratio before correction was {:.1e}; correction fails at "
                             "about {:.1e}.",
                             *seen.errors_before, limit)};
-    return seen.uncorrectable_in_minute ? sign{answer::no, ""} : sign{};
+    return many;
 }
 
 sign do_settings_differ(const facts &seen)
@@ -363,6 +395,9 @@ std::vector<std::string> illness_of(const facts &seen)
             found.push_back(fmt::format("It receives {:.1f} dBm, {:.1f} dB less than before.",
                                         again, before - again));
     }
+    if (seen.uncorrectable_again.value_or(0) > 0)
+        found.push_back(fmt::format("{:.0f} blocks couldn't be corrected since it is up again.",
+                                    *seen.uncorrectable_again));
     const double limit = seen.errors_limit.value_or(usual_errors_limit);
     if (seen.errors_again &&
         (*seen.errors_again >= limit / 10 ||

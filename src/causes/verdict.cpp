@@ -258,6 +258,10 @@ static void add_context(const facts &seen, std::vector<std::string> &evidence)
     for (const sign_of each : {is_light_there, is_flapping})
         if (const sign its = each(seen); its.is == answer::yes)
             add(its.sentence);
+    if (seen.signal_quality_before &&
+        *seen.signal_quality_before * 2 < seen.signal_quality_most.value_or(0))
+        add(fmt::format("The PHY's signal quality was {:.0f} of {:.0f} before.",
+                        *seen.signal_quality_before, *seen.signal_quality_most));
     if (seen.extended_state)
         add(fmt::format("The driver says: {}.", *seen.extended_state));
 }

@@ -296,10 +296,10 @@ static std::vector<metrics_writer> begin_families(text_format format, size_t por
 }
 
 std::vector<metrics_writer> details_texts(const model &board, port_details &details, bool has_lanes,
-                                          text_format format)
+                                          text_format format, steady_time now)
 {
     std::vector<metrics_writer> texts;
-    std::optional<double> share; /* of all sweeps at their present pace */
+    port_details::costs costs;
     for (const auto &[number, port] : board.ports()) {
         const auto record = details.read(number);
         if (!record)
@@ -308,15 +308,14 @@ std::vector<metrics_writer> details_texts(const model &board, port_details &deta
             texts = begin_families(format, board.ports().size());
         for (size_t i = 0; i < std::size(families); i++)
             families[i].write({texts[i], port.labels, *record, has_lanes});
-        if (const dolm_ric_details_cost &its = record->cost; its.period > 0)
-            share = share.value_or(0) +
-                    static_cast<double>(its.last_sweep) / static_cast<double>(its.period);
+        if (record->cost.reads > 0)
+            costs[number] = record->cost.total;
     }
-    if (share) {
+    if (const auto share = details.share_of_time(costs, now)) {
         metrics_writer &text = texts.emplace_back(format);
         text.begin({"tesk_module_reading_share_ratio", metric_type::gauge, "ratio",
-                    "Share of the time in which readings of measured values keep the kernel busy, "
-                    "all ports together."});
+                    "Share of the time in which reading modules keeps the kernel busy, all ports "
+                    "together, between two scrapes."});
         text.sample("", *share);
     }
     return texts;

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* details_metrics - the series of /metrics that come from the details of the ports: limits, lanes,
-   flags, CMIS diagnostics, and what reading costs. No state. */
+   flags, CMIS diagnostics, and what reading costs. */
 #pragma once
 
 #include "tesk_exporter/metrics_text.h"
@@ -15,6 +15,6 @@ namespace exporter
 /* A text for each family, with the series of all ports of the model that have details; those of
    lanes only with `has_lanes`. Empty for a board without details. */
 std::vector<metrics_writer> details_texts(const model &board, port_details &details, bool has_lanes,
-                                          text_format format);
+                                          text_format format, steady_time now);
 
 } // namespace exporter

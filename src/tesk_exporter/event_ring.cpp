@@ -5,7 +5,6 @@
 
 #include "tesk_exporter/falls.h"
 #include "tools/common/clock.h"
-#include "tools/common/json_records.h"
 
 #include <charconv>
 #include <nlohmann/json.hpp>
@@ -51,15 +50,20 @@ static json_object record_to_json(const event &happened)
     return {{"event", connected ? "restored" : "lost"}};
 }
 
+json_object to_json(const event &happened, const std::string &id)
+{
+    json_object object = {{"time", iso_time(happened.time_us)}};
+    if (!id.empty())
+        object["id"] = id;
+    object.update(record_to_json(happened));
+    if (port_of(happened) && !std::holds_alternative<fall_fact>(happened.record))
+        object["change"] = change_text(happened.kind);
+    return object;
+}
+
 std::string to_json_line(const event &happened, const std::string &id)
 {
-    json_object line = {{"time", iso_time(happened.time_us)}};
-    if (!id.empty())
-        line["id"] = id;
-    line.update(record_to_json(happened));
-    if (port_of(happened) && !std::holds_alternative<fall_fact>(happened.record))
-        line["change"] = change_text(happened.kind);
-    return line.dump();
+    return to_json(happened, id).dump();
 }
 
 void event_ring::add(event added)

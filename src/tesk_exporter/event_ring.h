@@ -5,6 +5,7 @@
 
 #include "tesk_client/tesk_client.h"
 #include "tesk_exporter/facts.h"
+#include "tools/common/json_records.h"
 
 #include <cstdint>
 #include <optional>
@@ -47,8 +48,9 @@ struct event {
 /* The port of an event; nothing where it is the server's. */
 std::optional<uint32_t> port_of(const event &happened);
 
-/* A line as teskctl --json writes it, with the key "id" behind the time, unless it is empty, and
-   the key "change" at its end where it is of a module or a link. */
+/* An object as teskctl --json writes it, or its line, with the key "id" behind the time, unless it
+   is empty, and the key "change" at its end where it is of a module or a link. */
+json_object to_json(const event &happened, const std::string &id = "");
 std::string to_json_line(const event &happened, const std::string &id = "");
 
 class event_ring

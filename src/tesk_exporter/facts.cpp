@@ -5,10 +5,6 @@
 
 #include "util/boot_clock.h"
 
-#include <cerrno>
-#include <sys/eventfd.h>
-#include <system_error>
-#include <unistd.h>
 #include <utility>
 
 namespace exporter
@@ -19,23 +15,6 @@ steady_time steady_clock::now() noexcept
     return time_point(util::boot_time().time_since_epoch());
 }
 
-static int new_eventfd()
-{
-    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (fd < 0)
-        throw std::system_error(errno, std::generic_category(), "eventfd");
-    return fd;
-}
-
-fact_queue::fact_queue() : fd_(new_eventfd())
-{
-}
-
-fact_queue::~fact_queue()
-{
-    ::close(fd_);
-}
-
 void fact_queue::post(fact reported)
 {
     std::unique_lock lock(mutex_);
@@ -44,14 +23,13 @@ void fact_queue::post(fact reported)
         return;
     facts_.push_back(std::move(reported));
     if (facts_.size() == 1)
-        eventfd_write(fd_, 1);
+        waiting_.signal();
 }
 
 std::vector<fact> fact_queue::take()
 {
     const std::lock_guard lock(mutex_);
-    eventfd_t count = 0;
-    eventfd_read(fd_, &count);
+    waiting_.take();
     taken_.notify_all();
     return std::exchange(facts_, {});
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tesk_client/tesk_client.h"
+#include "util/event.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -100,8 +101,7 @@ using fact = std::variant<ports_fact, connection_fact, tesk_client_sfp_info,
 class fact_queue
 {
   public:
-    fact_queue(); /* throws std::system_error */
-    ~fact_queue();
+    fact_queue() = default; /* throws std::system_error */
     fact_queue(const fact_queue &) = delete;
     fact_queue &operator=(const fact_queue &) = delete;
 
@@ -113,13 +113,13 @@ class fact_queue
     void close();
     int fd() const
     {
-        return fd_;
+        return waiting_.fd();
     }
 
   private:
     static constexpr size_t capacity = 8192;
 
-    const int fd_;
+    const util::event waiting_;
     std::mutex mutex_;
     std::condition_variable taken_;
     std::vector<fact> facts_;

@@ -5,10 +5,8 @@
 
 #include "tools/common/exit_code.h"
 #include "tools/common/recorded_falls.h"
-#include "util/escape.h"
 
 #include <algorithm>
-#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <utility>
@@ -108,7 +106,9 @@ std::vector<fall_fact> fall_follower::scan()
         return found;
     try {
         bool is_whole = true;
-        for (const uint32_t port_no : ports_with_falls(folder_))
+        std::vector<uint32_t> ports = ports_with_falls(folder_);
+        ports.resize(std::min(ports.size(), most_ports_with_falls));
+        for (const uint32_t port_no : ports)
             is_whole &= scan_file(port_no, found);
         listed_at_ = is_whole ? changed_at : 0;
         was_listed_ = true;
@@ -134,12 +134,7 @@ void fall_log::take(const fall_fact &reported)
 
 std::string describe(const recorded_fall &fall)
 {
-    if (fall.is_ill_now)
-        return fmt::format("link is up, but ill: {}", fmt::join(fall.its.ill, " "));
-    const std::string evidence =
-        fall.its.evidence.empty() ? "" : ": " + escape(fall.its.evidence.front());
-    return fmt::format("link fell: {}, {}{}", name_of(fall.its.cause), name_of(fall.its.certainty),
-                       evidence);
+    return fall.is_ill_now ? illness_text(fall.its) : "link fell: " + cause_text(fall.its);
 }
 
 static std::string body_of(const json_object &falls)

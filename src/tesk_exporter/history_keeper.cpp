@@ -17,7 +17,6 @@
 #include <fmt/format.h>
 #include <limits>
 #include <span>
-#include <sys/eventfd.h>
 #include <system_error>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
@@ -38,16 +37,8 @@ static history::clocks clocks_now()
             std::chrono::duration_cast<std::chrono::seconds>(boot).count()};
 }
 
-static int new_eventfd()
-{
-    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (fd < 0)
-        throw std::system_error(errno, std::generic_category(), "eventfd");
-    return fd;
-}
-
 history_keeper::history_keeper(const std::string &folder, int64_t limit, bool has_journal)
-    : wake_fd_(new_eventfd()), answer_fd_(new_eventfd()), has_journal_(has_journal),
+    : has_journal_(has_journal),
       chronicle_({folder, limit,
                   [](const std::string &text) {
                       std::fprintf(stderr, "tesk-exporter: history: %s\n", text.c_str());
@@ -63,8 +54,6 @@ history_keeper::history_keeper(const std::string &folder, int64_t limit, bool ha
 history_keeper::~history_keeper()
 {
     thread_.stop();
-    close(wake_fd_);
-    close(answer_fd_);
 }
 
 void history_keeper::post(input given, bool is_urgent)
@@ -76,7 +65,7 @@ void history_keeper::post(input given, bool is_urgent)
     }
     inputs_.push_back(std::move(given));
     if (is_urgent || inputs_.size() == wake_at)
-        eventfd_write(wake_fd_, 1);
+        wake_.signal();
 }
 
 static int16_t kept(bool has, history::measure what, double value)
@@ -221,8 +210,7 @@ uint64_t history_keeper::ask(const history_question &asked)
 
 std::vector<history_answer> history_keeper::take_answers()
 {
-    eventfd_t count = 0;
-    eventfd_read(answer_fd_, &count);
+    answered_.take();
     const std::lock_guard lock(mutex_);
     return std::exchange(answers_, {});
 }
@@ -260,7 +248,7 @@ void history_keeper::take(const question &given, const history::clocks &when)
         made = {given.id, 404, "there is no such port, and was none"};
     const std::lock_guard lock(mutex_);
     answers_.push_back(std::move(made));
-    eventfd_write(answer_fd_, 1);
+    answered_.signal();
 }
 
 /* The fields of a record, as those of journal_fields(). */
@@ -330,9 +318,8 @@ void history_keeper::run()
         chronicle_.advance(clocks_now());
         look_ahead(clocks_now());
         is_well_ = chronicle_.trouble().empty() && chronicle_.write_trouble().empty();
-        eventfd_t count = 0;
-        if (thread_.wait(wake_fd_, look_pause))
-            eventfd_read(wake_fd_, &count);
+        if (thread_.wait(wake_.fd(), look_pause))
+            wake_.take();
     }
     process(take_all());
     chronicle_.close(clocks_now());

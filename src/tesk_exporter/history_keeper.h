@@ -10,6 +10,7 @@
 #include "tesk_exporter/model.h"
 #include "tesk_exporter/outlooks.h"
 #include "tesk_exporter/worker.h"
+#include "util/event.h"
 
 #include <atomic>
 #include <mutex>
@@ -52,7 +53,7 @@ class history_keeper
     /* Readable while there are answers. */
     int fd() const
     {
-        return answer_fd_;
+        return answered_.fd();
     }
     /* Whether it is open and can be written. */
     bool is_well() const
@@ -98,7 +99,7 @@ class history_keeper
     static constexpr size_t capacity = 32'768;
     static constexpr size_t wake_at = 4'096;
 
-    const int wake_fd_, answer_fd_;
+    const util::event wake_, answered_;
     std::mutex mutex_;
     std::vector<input> inputs_;
     std::vector<history_answer> answers_;

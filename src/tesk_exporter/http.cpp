@@ -1,13 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The HTTP library works without threads of its own: it has one epoll descriptor, and looks at its
-   sockets when run() is called. A stream without further events is suspended; an event, or the
-   comment that detects a dead reader, resumes it.
-
-   While a connection is suspended the library doesn't notice its end, so end_gone_readers() does.
-
-   Rendering takes the most time, so its results are shared for a short while: a thousand scrapes a
-   second need a few renderings. A body exists until its slowest reader has received it; while
-   `most_bodies` exist, the newest one is sent again, however old it is. */
+   sockets when run() is called. */
 #include "tesk_exporter/http.h"
 
 #include "tesk_exporter/host_check.h"
@@ -21,9 +14,7 @@
 #include <charconv>
 #include <cstring>
 #include <malloc.h>
-#include <memory>
 #include <new>
-#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <utility>
@@ -32,47 +23,14 @@ namespace exporter
 {
 
 static constexpr size_t connection_memory = 16384; /* of the library for one, headers included */
-static constexpr size_t stream_block = 4096;
-static constexpr std::chrono::milliseconds shared_for{250};
 static constexpr std::chrono::seconds look_pause{5};
-static constexpr size_t most_bodies = 8;
 static constexpr std::chrono::seconds history_patience{10};
-
-/* The number of shared bodies that exist. The library releases the last of them inside its
-   calls. */
-static size_t live_bodies;
-
-static constexpr std::pair<const char *, const char *> headers_of_all[] = {
-    {"Content-Security-Policy",
-     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
-     "font-src 'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; "
-     "frame-ancestors 'none'"},
-    {"X-Content-Type-Options", "nosniff"},
-    {"Referrer-Policy", "no-referrer"},
-    {"Cross-Origin-Resource-Policy", "same-origin"},
-    {"Cross-Origin-Opener-Policy", "same-origin"},
-    {"Cache-Control", "no-cache"},
-};
 
 struct http_server::route {
     std::string_view path;
     place kind;
     handler handle;
 };
-
-static void add_header(MHD_Response *response, const char *name, const char *value)
-{
-    MHD_add_response_header(response, name, value);
-}
-
-static MHD_Response *copy_of(const std::string &text, const char *type)
-{
-    MHD_Response *response = MHD_create_response_from_buffer(
-        text.size(), const_cast<char *>(text.data()), MHD_RESPMEM_MUST_COPY);
-    if (response != nullptr)
-        add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
-    return response;
-}
 
 /* Without them the HTTP library runs and serves nobody. */
 static void expect_calls()
@@ -109,15 +67,10 @@ http_server::http_server(const settings &given, const model &board, const event_
 http_server::~http_server()
 {
     is_ending_ = true;
-    for (event_reader *reader : readers_)
-        reader->is_gone = true;
-    continue_streams();
+    readers_.end_all();
     take_answers(steady_time::max());
     MHD_run(daemon_);
     MHD_stop_daemon(daemon_);
-    for (const shared_body &body : bodies_)
-        if (body.response != nullptr)
-            MHD_destroy_response(body.response);
     remove_listener(settings_.listen);
 }
 
@@ -133,10 +86,8 @@ std::optional<steady_time> http_server::next_run() const
         return steady_clock::now() + std::chrono::milliseconds(timeout);
     if (!waiting_.empty())
         return steady_clock::now() + std::chrono::seconds(1);
-    const bool has_bodies =
-        std::ranges::any_of(bodies_, [](const auto &body) { return body.response != nullptr; });
-    if (has_bodies)
-        return steady_clock::now() + shared_for;
+    if (!std::ranges::all_of(bodies_, &shared_body::empty))
+        return steady_clock::now() + shared_body::longest_age;
     return connections_.size() > 0 || was_crowded_ ? std::optional(next_look_) : std::nullopt;
 }
 
@@ -146,12 +97,13 @@ void http_server::run()
     if (now >= next_look_) {
         next_look_ = now + look_pause;
         connections_.end_overdue(now);
-        look_at_readers();
+        readers_.look();
         give_memory_back();
     }
     take_answers(now);
     MHD_run(daemon_);
-    drop_old_bodies(now);
+    for (shared_body &body : bodies_)
+        body.drop_old(now);
     figures_.connections = connections_.size();
     figures_.streams = readers_.size();
     figures_.ended_connections = connections_.ended();
@@ -165,49 +117,6 @@ void http_server::give_memory_back()
     if (was_crowded_ && !is_crowded)
         malloc_trim(0);
     was_crowded_ = is_crowded;
-}
-
-void http_server::drop_old_bodies(steady_time now)
-{
-    for (shared_body &body : bodies_)
-        if (body.response != nullptr && now - body.made >= shared_for && live_bodies < most_bodies)
-            MHD_destroy_response(std::exchange(body.response, nullptr));
-}
-
-void http_server::resume(event_reader &reader)
-{
-    if (!std::exchange(reader.from->is_waiting, false))
-        return;
-    reader.from->since = steady_clock::now();
-    MHD_resume_connection(reader.http);
-}
-
-void http_server::continue_streams()
-{
-    for (event_reader *reader : readers_)
-        resume(*reader);
-}
-
-/* Ends the streams whose readers have closed their side. */
-void http_server::end_gone_readers()
-{
-    for (event_reader *reader : readers_) {
-        pollfd polled{reader->from->fd, POLLRDHUP, 0};
-        if (poll(&polled, 1, 0) > 0) {
-            reader->is_gone = true;
-            resume(*reader);
-        }
-    }
-}
-
-/* Ends the closed streams and sends a comment to the others: a reader whose machine has gone
-   doesn't acknowledge it. */
-void http_server::look_at_readers()
-{
-    end_gone_readers();
-    for (event_reader *reader : readers_)
-        reader->events.request_comment();
-    continue_streams();
 }
 
 void http_server::connected(void *server, MHD_Connection *http, void **context,
@@ -280,74 +189,28 @@ bool http_server::is_meant_for_us(const http_request &request) const
            is_host_allowed(*host, local, settings_.hosts);
 }
 
-/* Takes over the response. */
-MHD_Result http_server::send(const http_request &request, unsigned status, MHD_Response *response)
+MHD_Result http_server::send(const http_request &request, unsigned status, MHD_Response *made)
 {
-    if (response == nullptr)
+    if (made == nullptr)
         return MHD_NO;
     figures_.responses[status]++;
-    const MHD_Result result = MHD_queue_response(request.http, status, response);
-    MHD_destroy_response(response);
-    return result;
-}
-
-static MHD_Response *with_common_headers(MHD_Response *response)
-{
-    for (const auto &[name, value] : headers_of_all)
-        if (response != nullptr)
-            add_header(response, name, value);
-    return response;
+    return MHD_queue_response(request.http, status, made);
 }
 
 MHD_Result http_server::send_text(const http_request &request, unsigned status,
                                   const std::string &text)
 {
-    MHD_Response *response = with_common_headers(copy_of(text + "\n", "text/plain; charset=utf-8"));
-    if (response != nullptr && status == MHD_HTTP_METHOD_NOT_ALLOWED)
-        add_header(response, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
-    if (response != nullptr && status == MHD_HTTP_SERVICE_UNAVAILABLE)
-        add_header(response, MHD_HTTP_HEADER_RETRY_AFTER, "2");
-    return send(request, status, response);
+    const response made = text_response(text + "\n", "text/plain; charset=utf-8");
+    if (made && status == MHD_HTTP_METHOD_NOT_ALLOWED)
+        add_header(made, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    if (made && status == MHD_HTTP_SERVICE_UNAVAILABLE)
+        add_header(made, MHD_HTTP_HEADER_RETRY_AFTER, "2");
+    return send(request, status, made.get());
 }
 
 MHD_Result http_server::send_json(const http_request &request, const std::string &text)
 {
-    return send(request, MHD_HTTP_OK, with_common_headers(copy_of(text, "application/json")));
-}
-
-static MHD_Response *shared_response(std::string text, const char *type)
-{
-    auto body = std::make_unique<std::string>(std::move(text));
-    MHD_Response *response = MHD_create_response_from_buffer_with_free_callback_cls(
-        body->size(), body->data(),
-        [](void *owned) {
-            delete static_cast<std::string *>(owned);
-            live_bodies--;
-        },
-        body.get());
-    if (response == nullptr)
-        return nullptr;
-    static_cast<void>(body.release()); /* owned by the response now */
-    live_bodies++;
-    add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
-    return with_common_headers(response);
-}
-
-template <typename make_type>
-MHD_Result http_server::send_shared(const http_request &request, shared_body &body,
-                                    const char *type, make_type make)
-{
-    const bool is_old = request.now.steady - body.made >= shared_for && live_bodies < most_bodies;
-    if (body.response == nullptr || is_old) {
-        MHD_Response *made = shared_response(make(), type);
-        if (made == nullptr)
-            return MHD_NO;
-        if (body.response != nullptr)
-            MHD_destroy_response(body.response);
-        body = {made, request.now.steady};
-    }
-    figures_.responses[MHD_HTTP_OK]++;
-    return MHD_queue_response(request.http, MHD_HTTP_OK, body.response);
+    return send(request, MHD_HTTP_OK, text_response(text, "application/json").get());
 }
 
 MHD_Result http_server::send_metrics(const http_request &request)
@@ -355,18 +218,22 @@ MHD_Result http_server::send_metrics(const http_request &request)
     const char *accept =
         MHD_lookup_connection_value(request.http, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT);
     const text_format format = choose_format(accept == nullptr ? "" : accept);
-    return send_shared(request, bodies_[static_cast<size_t>(format)], content_type(format), [&] {
+    const auto render = [&] {
         figures_.events = events_.next() - 1;
         return render_metrics(model_, details_, settings_.lanes, figures_, format,
                               request.now.steady);
-    });
+    };
+    shared_body &body = bodies_[static_cast<size_t>(format)];
+    return send(request, MHD_HTTP_OK, body.get(request.now.steady, content_type(format), render));
 }
 
 MHD_Result http_server::send_ports(const http_request &request)
 {
-    return send_shared(request, bodies_[2], "application/json", [&] {
+    const auto render = [&] {
         return ports_json(model_, events_, settings_.interval, figures_.forecasts, request.now);
-    });
+    };
+    return send(request, MHD_HTTP_OK,
+                bodies_[2].get(request.now.steady, "application/json", render));
 }
 
 static std::optional<uint32_t> parse_port(std::string_view digits)
@@ -378,10 +245,20 @@ static std::optional<uint32_t> parse_port(std::string_view digits)
     return number;
 }
 
-static std::optional<uint32_t> port_argument(MHD_Connection *http)
+std::optional<uint32_t> http_server::port_called(std::string_view text) const
+{
+    if (const auto number = parse_port(text))
+        return number;
+    const auto found = std::ranges::find_if(
+        model_.ports(), [&](const auto &each) { return each.second.interface == text; });
+    return text.empty() || found == model_.ports().end() ? std::nullopt
+                                                         : std::optional(found->first);
+}
+
+std::optional<uint32_t> http_server::port_argument(MHD_Connection *http) const
 {
     const char *text = MHD_lookup_connection_value(http, MHD_GET_ARGUMENT_KIND, "port");
-    return parse_port(text == nullptr ? "" : text);
+    return port_called(text == nullptr ? "" : text);
 }
 
 /* The port that the argument names; null with the status for the refusal. */
@@ -398,7 +275,8 @@ const port_state *http_server::port_of(const http_request &request, unsigned &st
 
 static const char *port_fault(unsigned status)
 {
-    return status == MHD_HTTP_NOT_FOUND ? "there is no such port" : "name a port: ?port=NUMBER";
+    return status == MHD_HTTP_NOT_FOUND ? "there is no such port"
+                                        : "name a port: ?port=NUMBER, or its interface";
 }
 
 MHD_Result http_server::send_plot(const http_request &request)
@@ -505,45 +383,14 @@ MHD_Result http_server::send_forecast(const http_request &request)
     return ask_history(request, {history_question::kind::forecast, 0, history::STEPS, true});
 }
 
-ssize_t http_server::read_events(void *reader_of, uint64_t, char *buffer, size_t size)
-try {
-    auto *self = static_cast<event_reader *>(reader_of);
-    if (self->is_gone)
-        return MHD_CONTENT_READER_END_WITH_ERROR;
-    const size_t read = self->events.read(buffer, size);
-    if (read > 0)
-        return static_cast<ssize_t>(read);
-    self->from->is_waiting = true;
-    MHD_suspend_connection(self->http);
-    return 0;
-} catch (const std::bad_alloc &) {
-    return MHD_CONTENT_READER_END_WITH_ERROR;
-}
-
-void http_server::forget_reader(void *reader_of)
-{
-    auto *self = static_cast<event_reader *>(reader_of);
-    self->server.readers_.remove(self);
-    delete self;
-}
-
 MHD_Result http_server::send_stream(const http_request &request)
 {
     const char *last_id =
         MHD_lookup_connection_value(request.http, MHD_HEADER_KIND, MHD_HTTP_HEADER_LAST_EVENT_ID);
-    auto made = std::make_unique<event_reader>(
-        event_reader{*this, request.http, &request.from,
-                     event_stream(events_, model_, last_id == nullptr ? "" : last_id)});
-    readers_.push_back(made.get());
-    MHD_Response *response = MHD_create_response_from_callback(
-        MHD_SIZE_UNKNOWN, stream_block, &read_events, made.get(), &forget_reader);
-    if (response == nullptr) {
-        readers_.pop_back();
-        return MHD_NO;
-    }
-    static_cast<void>(made.release()); /* owned by the response now */
-    add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/event-stream");
-    return send(request, MHD_HTTP_OK, with_common_headers(response));
+    const response made =
+        readers_.add(request.http, request.from,
+                     event_stream(events_, model_, last_id == nullptr ? "" : last_id));
+    return send(request, MHD_HTTP_OK, made.get());
 }
 
 /* Any answer shows that the exporter works, so the status is always 200. */
@@ -561,25 +408,19 @@ MHD_Result http_server::send_readiness(const http_request &request)
 
 MHD_Result http_server::send_file(const http_request &request, std::string_view path)
 {
-    const auto file = files_.open(path);
+    auto file = files_.open(path);
     if (!file && path == "/")
         return send_text(request, MHD_HTTP_NOT_FOUND, "there is no page in " + settings_.web);
     if (!file)
         return send_text(request, MHD_HTTP_NOT_FOUND, "there is nothing at this path");
-    MHD_Response *response = MHD_create_response_from_fd64(file->size, file->fd);
-    if (response == nullptr) {
-        close(file->fd);
-        return MHD_NO;
-    }
-    add_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, file->type);
-    return send(request, MHD_HTTP_OK, with_common_headers(response));
+    return send(request, MHD_HTTP_OK, file_response(std::move(*file)).get());
 }
 
 /* The N of /api/ports/N. */
-static std::optional<uint32_t> port_of_path(std::string_view path)
+std::optional<uint32_t> http_server::port_of_path(std::string_view path) const
 {
     constexpr std::string_view folder = "/api/ports/";
-    return path.starts_with(folder) ? parse_port(path.substr(folder.size())) : std::nullopt;
+    return path.starts_with(folder) ? port_called(path.substr(folder.size())) : std::nullopt;
 }
 
 MHD_Result http_server::send_port(const http_request &request, uint32_t port_no)
@@ -626,7 +467,7 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
     const auto port_no = is_route ? std::nullopt : port_of_path(path);
     const place kind = is_route ? found->kind : place::page;
     if (kind == place::stream && connections_.taken(kind) >= places[static_cast<size_t>(kind)])
-        end_gone_readers(); /* frees the places of readers that are gone */
+        readers_.end_gone(); /* frees the places of readers that are gone */
     if (!connections_.take_place(request.from, kind, request.now.steady))
         return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "all places are taken");
     if (port_no)

@@ -6,11 +6,12 @@
 
 #include "tesk_exporter/api.h"
 #include "tesk_exporter/connections.h"
-#include "tesk_exporter/event_stream.h"
+#include "tesk_exporter/event_readers.h"
 #include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/metrics.h"
 #include "tesk_exporter/options.h"
 #include "tesk_exporter/port_details.h"
+#include "tesk_exporter/response.h"
 #include "tesk_exporter/web_files.h"
 
 #include <map>
@@ -44,22 +45,12 @@ class http_server
     /* Serves what is ready, without waiting. */
     void run();
     /* Writes the new events of the ring to the streams. */
-    void continue_streams();
+    void continue_streams()
+    {
+        readers_.resume_all();
+    }
 
   private:
-    /* A reader of events; owned by its response. */
-    struct event_reader {
-        http_server &server;
-        MHD_Connection *http;
-        connection *from;
-        event_stream events;
-        bool is_gone = false;
-    };
-    /* A body that is shared by the answers of a short while. */
-    struct shared_body {
-        MHD_Response *response = nullptr;
-        steady_time made{};
-    };
     /* A request whose answer the history's thread makes; suspended meanwhile. */
     struct waiting_request {
         uint64_t id; /* of the question */
@@ -82,18 +73,11 @@ class http_server
                           MHD_RequestTerminationCode code);
     static void connected(void *server, MHD_Connection *http, void **context,
                           MHD_ConnectionNotificationCode code);
-    static ssize_t read_events(void *reader, uint64_t position, char *buffer, size_t size);
-    static void forget_reader(void *reader);
-
-    void start();
     MHD_Result answer(const http_request &request, const char *method, std::string_view path);
     bool is_meant_for_us(const http_request &request) const;
-    MHD_Result send(const http_request &request, unsigned status, MHD_Response *response);
+    MHD_Result send(const http_request &request, unsigned status, MHD_Response *made);
     MHD_Result send_text(const http_request &request, unsigned status, const std::string &text);
     MHD_Result send_json(const http_request &request, const std::string &text);
-    template <typename make_type>
-    MHD_Result send_shared(const http_request &request, shared_body &body, const char *type,
-                           make_type make);
     MHD_Result send_metrics(const http_request &request);
     MHD_Result send_ports(const http_request &request);
     MHD_Result send_port(const http_request &request, uint32_t port_no);
@@ -109,11 +93,11 @@ class http_server
     MHD_Result send_health(const http_request &request);
     MHD_Result send_readiness(const http_request &request);
     MHD_Result send_file(const http_request &request, std::string_view path);
+    /* By number or interface. */
+    std::optional<uint32_t> port_called(std::string_view text) const;
+    std::optional<uint32_t> port_argument(MHD_Connection *http) const;
+    std::optional<uint32_t> port_of_path(std::string_view path) const;
     const port_state *port_of(const http_request &request, unsigned &status) const;
-    void end_gone_readers();
-    void look_at_readers();
-    void resume(event_reader &reader);
-    void drop_old_bodies(steady_time now);
     void give_memory_back();
 
     const settings &settings_;
@@ -125,7 +109,7 @@ class http_server
     connection_table connections_;
     history_keeper *history_ = nullptr;
     std::map<MHD_Connection *, waiting_request> waiting_;
-    std::list<event_reader *> readers_;
+    event_readers readers_;
     shared_body bodies_[3]; /* by text_format, and the ports as JSON */
     steady_time next_look_{};
     bool was_crowded_ = false;

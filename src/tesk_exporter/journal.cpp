@@ -10,14 +10,10 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <sys/eventfd.h>
 #include <sys/uio.h>
-#include <system_error>
 #include <systemd/sd-journal.h>
-#include <unistd.h>
 
 namespace exporter
 {
@@ -89,7 +85,7 @@ std::vector<std::string> journal_fields(const event &happened)
                                        "SYSLOG_IDENTIFIER=tesk-exporter"};
     if (!happened.interface.empty())
         fields.push_back("TESK_INTERFACE=" + happened.interface);
-    const auto object = json_object::parse(to_json_line(happened));
+    const auto object = to_json(happened);
     for (const auto &[key, value] : object.items()) {
         if (key == "levels")
             for (const auto &[measurement, grade] : value.items())
@@ -100,17 +96,14 @@ std::vector<std::string> journal_fields(const event &happened)
     return fields;
 }
 
-journal::journal() : wake_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+journal::journal()
 {
-    if (wake_fd_ < 0)
-        throw std::system_error(errno, std::generic_category(), "eventfd");
     thread_.start([this] { run(); });
 }
 
 journal::~journal()
 {
     thread_.stop();
-    close(wake_fd_);
 }
 
 void journal::write(const event &happened)
@@ -121,7 +114,7 @@ void journal::write(const event &happened)
         return;
     }
     waiting_.push_back(happened);
-    eventfd_write(wake_fd_, 1);
+    wake_.signal();
 }
 
 /* Writes the oldest record; false if there is none. */
@@ -147,10 +140,9 @@ bool journal::write_next()
 
 void journal::run()
 {
-    eventfd_t count = 0;
     while (!thread_.must_stop()) {
-        thread_.wait(wake_fd_, std::chrono::hours(1));
-        eventfd_read(wake_fd_, &count);
+        thread_.wait(wake_.fd(), std::chrono::hours(1));
+        wake_.take();
         while (!thread_.must_stop() && write_next()) {
         }
     }

@@ -6,6 +6,7 @@
 
 #include "tesk_exporter/event_ring.h"
 #include "tesk_exporter/worker.h"
+#include "util/event.h"
 
 #include <atomic>
 #include <deque>
@@ -41,7 +42,7 @@ class journal
 
     static constexpr size_t capacity = 4096;
 
-    const int wake_fd_;
+    const util::event wake_;
     std::mutex mutex_;
     std::deque<event> waiting_;
     std::atomic<uint64_t> lost_{0};

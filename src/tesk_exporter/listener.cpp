@@ -124,12 +124,9 @@ static void remove_dead_socket(const sockaddr_un &address)
     struct stat status = {};
     if (lstat(address.sun_path, &status) != 0 || !S_ISSOCK(status.st_mode))
         return;
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const bool is_dead =
-        connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 &&
-        errno == ECONNREFUSED;
-    close(fd);
-    if (is_dead)
+    const util::descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connect(peer.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 &&
+        errno == ECONNREFUSED)
         unlink(address.sun_path);
 }
 

@@ -392,7 +392,8 @@ static void write_exporter(metrics_writer &writer, const exporter_figures &figur
 std::string render_metrics(const model &board, port_details &details, bool has_lanes,
                            const exporter_figures &figures, text_format format, steady_time now)
 {
-    const std::vector<metrics_writer> detailed = details_texts(board, details, has_lanes, format);
+    const std::vector<metrics_writer> detailed =
+        details_texts(board, details, has_lanes, format, now);
     size_t size =
         16384 + board.ports().size() * 5120; /* at least, as growing would copy megabytes */
     for (const metrics_writer &text : detailed)

@@ -3,6 +3,8 @@
    memory then. */
 #include "tesk_exporter/port_details.h"
 
+#include <algorithm>
+
 namespace exporter
 {
 
@@ -25,6 +27,25 @@ std::unique_ptr<const dolm_ric_details_record> port_details::read(uint32_t port_
     if (result_ != TESK_DETAILS_OK)
         return nullptr;
     return record;
+}
+
+/* The total of a port starts anew with its board. */
+std::optional<double> port_details::share_of_time(const costs &totals, steady_time now)
+{
+    constexpr std::chrono::seconds shortest{10};
+    const std::chrono::duration<double, std::nano> passed = now - costs_at_;
+    if (!costs_before_.empty() && passed < shortest)
+        return share_;
+    double spent = 0;
+    for (const auto &[port, total] : totals)
+        if (const auto before = costs_before_.find(port); before != costs_before_.end())
+            spent += static_cast<double>(std::max<int64_t>(total - before->second, 0));
+    share_.reset();
+    if (!costs_before_.empty())
+        share_ = spent / passed.count();
+    costs_before_ = totals;
+    costs_at_ = now;
+    return share_;
 }
 
 } // namespace exporter

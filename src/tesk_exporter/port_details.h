@@ -4,9 +4,12 @@
 #pragma once
 
 #include "tesk_client/tesk_details.h"
+#include "tesk_exporter/facts.h"
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <optional>
 
 namespace exporter
 {
@@ -23,6 +26,13 @@ class port_details
         return result_;
     }
 
+    /* What reading has cost by now: ns, by the number of the port. */
+    using costs = std::map<uint32_t, int64_t>;
+    /* The share of the time that readings took, all ports together, between two calls that lay ten
+       seconds or more apart; nothing before the second one. A port that wasn't there at both
+       doesn't count. */
+    std::optional<double> share_of_time(const costs &totals, steady_time now);
+
   private:
     bool open();
 
@@ -34,6 +44,9 @@ class port_details
     };
     std::unique_ptr<tesk_details, closes> details_;
     tesk_details_result result_ = TESK_DETAILS_NO_FILE;
+    costs costs_before_;
+    steady_time costs_at_{};
+    std::optional<double> share_;
 };
 
 } // namespace exporter

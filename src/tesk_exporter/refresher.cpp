@@ -3,10 +3,6 @@
    first indication and its grades, and closes the session. */
 #include "tesk_exporter/refresher.h"
 
-#include <cerrno>
-#include <sys/eventfd.h>
-#include <system_error>
-#include <unistd.h>
 #include <utility>
 
 namespace exporter
@@ -14,24 +10,20 @@ namespace exporter
 
 static constexpr uint32_t deadline_ms = 2000;
 
-refresher::refresher(fact_queue &facts)
-    : facts_(facts), wake_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+refresher::refresher(fact_queue &facts) : facts_(facts)
 {
-    if (wake_fd_ < 0)
-        throw std::system_error(errno, std::generic_category(), "eventfd");
     thread_.start([this] { run(); });
 }
 
 refresher::~refresher()
 {
     thread_.stop();
-    close(wake_fd_);
 }
 
 void refresher::request(uint32_t port_no)
 {
     wanted_port_ = port_no;
-    eventfd_write(wake_fd_, 1);
+    wake_.signal();
 }
 
 grades_fact refresher::refresh(uint32_t port_no)
@@ -57,11 +49,9 @@ grades_fact refresher::refresh(uint32_t port_no)
 
 void refresher::run()
 {
-    while (!thread_.must_stop()) {
-        eventfd_t count = 0;
-        if (thread_.wait(wake_fd_, std::chrono::hours(1)) && eventfd_read(wake_fd_, &count) == 0)
+    while (!thread_.must_stop())
+        if (thread_.wait(wake_.fd(), std::chrono::hours(1)) && wake_.take())
             facts_.post(refresh(wanted_port_));
-    }
 }
 
 } // namespace exporter

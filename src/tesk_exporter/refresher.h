@@ -7,6 +7,7 @@
 
 #include "tesk_exporter/facts.h"
 #include "tesk_exporter/worker.h"
+#include "util/event.h"
 
 #include <atomic>
 
@@ -35,7 +36,7 @@ class refresher
     grades_fact refresh(uint32_t port_no);
 
     fact_queue &facts_;
-    const int wake_fd_;
+    const util::event wake_;
     std::atomic<uint32_t> wanted_port_{0};
     tesk_client_session *session_ = nullptr;
     grades_fact result_{};

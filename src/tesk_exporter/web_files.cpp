@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <utility>
 
 namespace exporter
 {
@@ -30,7 +30,7 @@ static const char *type_of(std::string_view name)
 }
 
 web_files::web_files(const std::string &folder)
-    : folder_fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    : folder_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
 {
     /* A descriptor of its own, since reading moves its position. */
     const std::unique_ptr<DIR, int (*)(DIR *)> listed(opendir(folder.c_str()), closedir);
@@ -39,28 +39,18 @@ web_files::web_files(const std::string &folder)
             types_.emplace(entry->d_name, type);
 }
 
-web_files::~web_files()
-{
-    if (folder_fd_ >= 0)
-        close(folder_fd_);
-}
-
 std::optional<web_files::file> web_files::open(std::string_view path) const
 {
     const std::string_view name = path == "/" ? "index.html" : path.substr(1);
     const auto found = types_.find(name);
     if (found == types_.end())
         return std::nullopt;
-    const int fd =
-        openat(folder_fd_, found->first.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    util::descriptor opened(
+        openat(folder_.get(), found->first.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status = {};
-    if (fd < 0)
+    if (!opened || fstat(opened.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return std::nullopt;
-    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        close(fd);
-        return std::nullopt;
-    }
-    return file{fd, static_cast<uint64_t>(status.st_size), found->second};
+    return file{std::move(opened), static_cast<uint64_t>(status.st_size), found->second};
 }
 
 } // namespace exporter

@@ -4,6 +4,8 @@
    constructor: any thread. */
 #pragma once
 
+#include "util/descriptor.h"
+
 #include <map>
 #include <optional>
 #include <string>
@@ -16,7 +18,7 @@ class web_files
 {
   public:
     struct file {
-        int fd; /* the caller closes it */
+        util::descriptor opened;
         uint64_t size;
         const char *type; /* of the content */
     };
@@ -24,9 +26,6 @@ class web_files
     /* Lists the regular files of a folder that have a type which pages use; subfolders are left
        alone. A folder that can't be read has none. */
     explicit web_files(const std::string &folder);
-    ~web_files();
-    web_files(const web_files &) = delete;
-    web_files &operator=(const web_files &) = delete;
 
     bool empty() const
     {
@@ -36,7 +35,7 @@ class web_files
     std::optional<file> open(std::string_view path) const;
 
   private:
-    int folder_fd_;
+    util::descriptor folder_;
     std::map<std::string, const char *, std::less<>> types_; /* by name */
 };
 

@@ -6,12 +6,8 @@
 #include "util/poll.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <system_error>
-#include <unistd.h>
 
 namespace exporter
 {
@@ -21,16 +17,9 @@ static bool is_readable(pollfd *polled, nfds_t count, int timeout)
     return util::poll_or_pause({polled, count}, timeout) > 0;
 }
 
-worker::worker() : stop_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
-{
-    if (stop_fd_ < 0)
-        throw std::system_error(errno, std::generic_category(), "eventfd");
-}
-
 worker::~worker()
 {
     stop();
-    close(stop_fd_);
 }
 
 /* Without SA_RESTART, so that the call in which the signal arrives returns. */
@@ -54,7 +43,7 @@ void worker::start(std::function<void()> body)
    just before a system call doesn't interrupt it, so it is repeated. */
 void worker::stop()
 {
-    eventfd_write(stop_fd_, 1);
+    stop_.signal();
     if (!thread_.joinable())
         return;
     while (end_.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready)
@@ -64,13 +53,13 @@ void worker::stop()
 
 bool worker::must_stop() const
 {
-    pollfd polled{stop_fd_, POLLIN, 0};
+    pollfd polled{stop_.fd(), POLLIN, 0};
     return is_readable(&polled, 1, 0);
 }
 
 bool worker::wait(int fd, std::chrono::milliseconds at_most) const
 {
-    pollfd polled[] = {{stop_fd_, POLLIN, 0}, {fd, POLLIN, 0}};
+    pollfd polled[] = {{stop_.fd(), POLLIN, 0}, {fd, POLLIN, 0}};
     const auto timeout = static_cast<int>(std::clamp<int64_t>(at_most.count(), 0, 3'600'000));
     return is_readable(polled, std::size(polled), timeout) && polled[1].revents != 0;
 }

@@ -3,6 +3,8 @@
    a system call that no descriptor ends, as the journal's does: SIGUSR1 interrupts that. */
 #pragma once
 
+#include "util/event.h"
+
 #include <chrono>
 #include <functional>
 #include <future>
@@ -17,7 +19,7 @@ namespace exporter
 class worker
 {
   public:
-    worker(); /* throws std::system_error */
+    worker() = default; /* throws std::system_error */
     ~worker();
     worker(const worker &) = delete;
     worker &operator=(const worker &) = delete;
@@ -34,7 +36,7 @@ class worker
     bool wait(int fd, std::chrono::milliseconds at_most) const;
 
   private:
-    const int stop_fd_;
+    const util::event stop_;
     std::thread thread_;
     std::future<void> end_; /* of the body */
 };

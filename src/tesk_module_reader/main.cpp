@@ -15,6 +15,7 @@
 #include "tesk_module_reader/requests.h"
 #include "tesk_module_reader/saved_numbers.h"
 #include "util/boot_clock.h"
+#include "util/descriptor.h"
 
 #include <algorithm>
 #include <array>
@@ -60,7 +61,7 @@ struct options {
 struct endpoint {
     int listener = -1;
     uid_t owner = 0; /* the only user whose processes may connect */
-    std::vector<int> clients = {};
+    std::vector<util::descriptor> clients = {};
     bool is_ended = false; /* by its client, for another configuration */
 };
 
@@ -182,16 +183,16 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
 static std::optional<linux_board::port_config> read_config()
 {
     const std::string path = linux_board::port_config_path();
-    const int fd = linux_board::open_port_config(path);
-    if (fd < 0 && errno == ENOENT)
+    const util::descriptor file(linux_board::open_port_config(path));
+    if (!file && errno == ENOENT)
         return std::nullopt;
     linux_board::port_config config;
-    if (fd < 0) {
+    if (!file) {
         config.messages.push_back(path + ": " + strerror(errno));
         config.checksum = linux_board::unread_port_config;
     } else {
-        config = linux_board::read_port_config(fd, path);
-        if (const char *reason = linux_board::reason_not_trusted(fd)) {
+        config = linux_board::read_port_config(file.get(), path);
+        if (const char *reason = linux_board::reason_not_trusted(file.get())) {
             config.ports.clear();
             config.messages = {path + " " + reason + ": no module is read"};
             config.checksum = linux_board::unread_port_config;
@@ -199,8 +200,6 @@ static std::optional<linux_board::port_config> read_config()
     }
     for (const std::string &message : config.messages)
         fprintf(stderr, "tesk-module-reader: %s\n", message.c_str());
-    if (fd >= 0)
-        close(fd);
     return config;
 }
 
@@ -223,7 +222,7 @@ static endpoint find_endpoint(const options &chosen)
     if (chosen.connected_fd >= 0) {
         if (fcntl(chosen.connected_fd, F_SETFD, FD_CLOEXEC) != 0)
             throw std::system_error(errno, std::generic_category(), "descriptor of --fd");
-        found.clients.push_back(chosen.connected_fd);
+        found.clients.emplace_back(chosen.connected_fd);
         return found;
     }
     const char *count = getenv("LISTEN_FDS");
@@ -252,8 +251,9 @@ static void report_refusal(uid_t user, uid_t owner)
 /* False when none can be accepted for a while, as without free descriptors. */
 static bool accept_client(endpoint &where)
 {
-    const int fd = accept4(where.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0) {
+    util::descriptor client(
+        accept4(where.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!client) {
         const bool is_harmless = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
         if (!is_harmless && where.clients.empty())
             throw std::system_error(errno, std::generic_category(), "accept");
@@ -261,11 +261,12 @@ static bool accept_client(endpoint &where)
     }
     ucred peer = {};
     socklen_t length = sizeof(peer);
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == where.owner) {
-        where.clients.push_back(fd);
+    if (getsockopt(client.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+        peer.uid == where.owner) {
+        where.clients.push_back(std::move(client));
         return true;
     }
-    close(fd);
+    client.reset();
     report_refusal(peer.uid, where.owner);
     return true;
 }
@@ -297,8 +298,8 @@ static void serve(endpoint &where, reader_ports &ports)
     bool can_accept = true;
     do {
         std::vector<pollfd> wanted;
-        for (const int client : where.clients)
-            wanted.push_back({client, POLLIN, 0});
+        for (const util::descriptor &client : where.clients)
+            wanted.push_back({client.get(), POLLIN, 0});
         const bool has_room = where.clients.size() < most_clients && can_accept;
         wanted.push_back({has_room ? where.listener : -1, POLLIN, 0});
         const int wait = can_accept ? -1 : time_to_retry_ms;
@@ -308,8 +309,8 @@ static void serve(endpoint &where, reader_ports &ports)
         for (const pollfd &ready : std::span(wanted).first(wanted.size() - 1)) {
             if (ready.revents == 0 || serve_client(ready.fd, where, ports))
                 continue;
-            close(ready.fd);
-            std::erase(where.clients, ready.fd);
+            std::erase_if(where.clients,
+                          [&](const auto &client) { return client.get() == ready.fd; });
             is_left = where.clients.empty();
         }
         can_accept = wanted.back().revents == 0 || is_left || accept_client(where);

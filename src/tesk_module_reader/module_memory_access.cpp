@@ -34,13 +34,8 @@ interface_modules::interface_modules()
       family_(netlink::find_family(generic_, ETHTOOL_GENL_NAME, ETHTOOL_MSG_MODULE_EEPROM_GET)),
       socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
 {
-    if (socket_ < 0)
+    if (!socket_)
         throw std::system_error(errno, std::generic_category(), "socket");
-}
-
-interface_modules::~interface_modules()
-{
-    close(socket_);
 }
 
 int interface_modules::read(int32_t index, const reader_request &range, std::span<uint8_t> out)
@@ -100,11 +95,11 @@ int interface_modules::read_by_ioctl(int32_t index, const reader_request &range,
 {
     ifreq request = {};
     request.ifr_ifindex = index;
-    if (ioctl(socket_, SIOCGIFNAME, &request) != 0)
+    if (ioctl(socket_.get(), SIOCGIFNAME, &request) != 0)
         return errno;
     ethtool_modinfo module = {};
     module.cmd = ETHTOOL_GMODULEINFO;
-    if (const int error = ethtool_ioctl(socket_, request, &module))
+    if (const int error = ethtool_ioctl(socket_.get(), request, &module))
         return error;
     ethtool_eeprom head = {};
     if (const int error = place_in_row(module, range, head.offset))
@@ -113,7 +108,7 @@ int interface_modules::read_by_ioctl(int32_t index, const reader_request &range,
     head.len = static_cast<uint32_t>(out.size());
     alignas(ethtool_eeprom) std::array<uint8_t, sizeof(head) + READER_LONGEST_READ> buffer = {};
     memcpy(buffer.data(), &head, sizeof(head));
-    if (const int error = ethtool_ioctl(socket_, request, buffer.data()))
+    if (const int error = ethtool_ioctl(socket_.get(), request, buffer.data()))
         return error;
     std::copy_n(buffer.begin() + sizeof(head), out.size(), out.begin());
     return 0;

@@ -6,6 +6,7 @@
 
 #include "platform/linux_interfaces/netlink.h"
 #include "platform/linux_interfaces/reader_protocol.h"
+#include "util/descriptor.h"
 
 #include <cstdint>
 #include <span>
@@ -20,9 +21,6 @@ class interface_modules
   public:
     /* Throws a std::system_error. */
     interface_modules();
-    ~interface_modules();
-    interface_modules(const interface_modules &) = delete;
-    interface_modules &operator=(const interface_modules &) = delete;
 
     /* Reads `range` from the module of the interface with that index. `out` has its length. */
     int read(int32_t index, const reader_request &range, std::span<uint8_t> out);
@@ -33,7 +31,7 @@ class interface_modules
 
     netlink::connection generic_;
     uint16_t family_; /* 0: the ioctl */
-    int socket_;
+    util::descriptor socket_;
 };
 
 /* Opens an I2C bus. Returns the descriptor, or minus an errno. */

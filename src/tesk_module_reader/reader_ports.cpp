@@ -43,19 +43,14 @@ reader_ports::reader_ports(const std::optional<linux_board::port_config> &config
         added.index = known_.find(one.number, name_of(one));
         if (one.source != module_source::i2c_bus)
             continue;
-        added.bus = open_bus(one.i2c_bus);
-        if (added.bus < 0)
+        const int bus = open_bus(one.i2c_bus);
+        added.bus.reset(bus);
+        added.bus_error = std::max(-bus, 0);
+        if (added.bus_error != 0)
             fprintf(stderr,
                     "tesk-module-reader: port %u: its module can't be read: /dev/i2c-%u: %s\n",
-                    one.number, one.i2c_bus, strerror(-added.bus));
+                    one.number, one.i2c_bus, strerror(added.bus_error));
     }
-}
-
-reader_ports::~reader_ports()
-{
-    for (const auto &[number, one] : ports_)
-        if (one.bus >= 0)
-            close(one.bus);
 }
 
 /* Some drivers refuse a single interface, as that of a virtual function: it has no module then. The
@@ -178,10 +173,10 @@ reader_answer reader_ports::read(const reader_request &request)
     if (wanted.config.source == module_source::interface)
         answer.error = read_interface(wanted, request, answer);
     if (wanted.config.source == module_source::i2c_bus)
-        answer.error =
-            wanted.bus < 0
-                ? -wanted.bus
-                : read_from_bus(wanted.bus, request, std::span(answer.bytes).first(request.length));
+        answer.error = wanted.bus_error != 0
+                           ? wanted.bus_error
+                           : read_from_bus(wanted.bus.get(), request,
+                                           std::span(answer.bytes).first(request.length));
     return answer;
 }
 

@@ -9,6 +9,7 @@
 #include "platform/linux_interfaces/reader_protocol.h"
 #include "tesk_module_reader/known_interfaces.h"
 #include "tesk_module_reader/module_memory_access.h"
+#include "util/descriptor.h"
 
 #include <cstdint>
 #include <map>
@@ -30,7 +31,6 @@ class reader_ports
        std::system_error. */
     reader_ports(const std::optional<linux_board::port_config> &config, known_interfaces &known,
                  const std::string &saved, bool is_saving);
-    ~reader_ports();
     reader_ports(const reader_ports &) = delete;
     reader_ports &operator=(const reader_ports &) = delete;
 
@@ -46,7 +46,8 @@ class reader_ports
         linux_board::configured_port config;
         int32_t index = 0; /* of its interface, since it was first found */
         int32_t lost = 0;  /* index of the last interface, which may return from a namespace */
-        int bus = -1;      /* a descriptor; negative if it can't be opened */
+        util::descriptor bus = {};
+        int bus_error = 0; /* why it couldn't be opened */
     };
 
     void find_default_ports(const std::string &saved, bool is_saving);

@@ -17,6 +17,9 @@
  *   flap          N: the carrier falls and rises N times
  *   speed, lanes  of the link
  *   ext_state, ext_substate  the extended state of a link without carrier, where the first is not 255
+ *   fec_corrected, fec_uncorrectable, symbol_errors  what the driver has counted
+ *   counter_reads how often that was asked for; can be written
+ *   fec_slow_us   how long the driver takes to say it
  *   reads, bytes  what was read so far; can be written
  *   reading       1 while a read goes on
  *
@@ -49,6 +52,7 @@ struct cage {
 	unsigned int number;
 	u8 *memory[MEMORIES];
 	u32 present, error, delay_us, speed, lanes, reads, bytes, reading, ext_state, ext_substate;
+	u32 fec, fec_corrected, fec_uncorrectable, symbol_errors, counter_reads, fec_slow_us;
 };
 
 static struct cage **cages;
@@ -172,8 +176,41 @@ static int get_link_ext_state(struct net_device *dev, struct ethtool_link_ext_st
 	return 0;
 }
 
+static int get_fecparam(struct net_device *dev, struct ethtool_fecparam *f)
+{
+	f->fec = f->active_fec = cage_of(dev)->fec;
+	return 0;
+}
+
+/* The core announces each change. */
+static int set_fecparam(struct net_device *dev, struct ethtool_fecparam *f)
+{
+	cage_of(dev)->fec = f->fec;
+	return 0;
+}
+
+static void get_fec_stats(struct net_device *dev, struct ethtool_fec_stats *s)
+{
+	struct cage *c = cage_of(dev);
+
+	if (READ_ONCE(c->fec_slow_us))
+		usleep_range(c->fec_slow_us, c->fec_slow_us + 20);
+	s->corrected_blocks.total = READ_ONCE(c->fec_corrected);
+	s->uncorrectable_blocks.total = READ_ONCE(c->fec_uncorrectable);
+	WRITE_ONCE(c->counter_reads, c->counter_reads + 1);
+}
+
+static void get_eth_phy_stats(struct net_device *dev, struct ethtool_eth_phy_stats *s)
+{
+	s->SymbolErrorDuringCarrier = READ_ONCE(cage_of(dev)->symbol_errors);
+}
+
 static const struct ethtool_ops ops_by_page = {
 	.cap_link_lanes_supported = true,
+	.get_fecparam = get_fecparam,
+	.set_fecparam = set_fecparam,
+	.get_fec_stats = get_fec_stats,
+	.get_eth_phy_stats = get_eth_phy_stats,
 	.get_link = ethtool_op_get_link,
 	.get_link_ksettings = get_link_ksettings,
 	.get_link_ext_state = get_link_ext_state,
@@ -270,6 +307,11 @@ static void cage_show(struct cage *c)
 		{ "bytes", &c->bytes },	    { "reading", &c->reading },
 		{ "ext_state", &c->ext_state },
 		{ "ext_substate", &c->ext_substate },
+		{ "fec_corrected", &c->fec_corrected },
+		{ "fec_uncorrectable", &c->fec_uncorrectable },
+		{ "symbol_errors", &c->symbol_errors },
+		{ "counter_reads", &c->counter_reads },
+		{ "fec_slow_us", &c->fec_slow_us },
 	};
 	struct dentry *dir = debugfs_create_dir(c->dev->name, root);
 	int i;
@@ -327,6 +369,7 @@ static struct cage *cage_make(unsigned int number)
 	c->speed = SPEED_10000;
 	c->lanes = 1;
 	c->ext_state = NO_STATE;
+	c->fec = ETHTOOL_FEC_RS;
 	for (i = 0; i < MEMORIES; i++) {
 		c->memory[i] = vzalloc(MEMORY_LENGTH);
 		if (!c->memory[i])

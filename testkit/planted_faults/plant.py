@@ -172,11 +172,17 @@ def main():
     parser = argparse.ArgumentParser(add_help=False)
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--only", default="")
+    parser.add_argument("--check", action="store_true")
     parser.add_argument("file", type=pathlib.Path, nargs="?",
                         default=ROOT / "testkit/planted_faults/faults.txt")
     arguments = parser.parse_args()
     faults = [fault for fault in read_faults(arguments.file)
               if arguments.only in fault.file + ": " + fault.what]
+    if arguments.check:
+        lost = [fault for fault in faults if fault.planted((ROOT / fault.file).read_text()) is None]
+        for fault in lost:
+            print(f"{fault.where}: the old text must occur exactly once in {fault.file}")
+        return 1 if lost else 0
     print(f"mutate: {len(faults)} faults; preparing {arguments.jobs} copies", flush=True)
     tests = list(dict.fromkeys(test for fault in faults for test in fault.tests()))
     free = queue.Queue()

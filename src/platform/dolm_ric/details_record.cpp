@@ -56,6 +56,7 @@ void forget_module(uint32_t presence, uint32_t why, dolm_ric_details_record &rec
     record.power_kind = DOLM_RIC_POWER_UNKNOWN;
     record.lanes_state = record.vdm_state = why;
     record.inserted_at = 0;
+    record.cost.period = record.cost.last_sweep = 0;
     record.identity = {};
     record.identity.state = why;
     for (auto &limits : record.module_limits)

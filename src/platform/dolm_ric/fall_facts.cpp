@@ -259,8 +259,9 @@ bool tell_again(const module_sample &again, causes::facts &seen)
     if (serial_of(again) != seen.serial_before)
         return false;
     seen.rx_again = values_of(again, DOLM_RIC_RX_POWER);
-    seen.errors_again = again.errors;
-    return seen.rx_again || seen.errors_again;
+    if (again.errors)
+        seen.errors_again = again.errors;
+    return seen.rx_again || again.errors;
 }
 
 static causes::text fec_text(uint32_t fec)

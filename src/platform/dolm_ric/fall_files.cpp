@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* keep_fall() reads the file of the port, drops what it has no room for, and writes a new one. What
-   isn't a regular file of the expected size is not read, and replaced. */
+   isn't a regular file of the expected size is not read, and replaced. What the folder takes is
+   counted along, so that it is listed at the start and when it takes too much alone. */
 #include "platform/dolm_ric/fall_files.h"
 
 #include "platform/dolm_ric/new_file.h"
@@ -8,12 +9,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
+#include <functional>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace board
 {
+
+static constexpr size_t page = 4096;
 
 static std::string folder_of(const std::string &path)
 {
@@ -62,6 +69,61 @@ static void drop_last(std::string &lines)
     lines.erase(lines.find_last_of('\n') + 1); /* npos + 1 is 0 */
 }
 
+static size_t pages_of(const struct stat &file)
+{
+    const size_t size = S_ISREG(file.st_mode) ? static_cast<size_t>(file.st_size) : 0;
+    return (size + page - 1) / page * page;
+}
+
+static size_t pages_at(const std::string &path)
+{
+    struct stat file = {};
+    return lstat(path.c_str(), &file) == 0 ? pages_of(file) : 0;
+}
+
+namespace
+{
+
+struct falls_file {
+    int64_t changed_at; /* ns */
+    std::string name;
+    size_t pages;
+};
+
+} // namespace
+
+/* Those of ports, and what a board left of them when it ended. */
+static std::vector<falls_file> list_files(DIR *folder)
+{
+    std::vector<falls_file> files;
+    struct stat file = {};
+    while (const dirent *entry = readdir(folder)) {
+        const char *name = entry->d_name;
+        if (*name < '0' || *name > '9' ||
+            fstatat(dirfd(folder), name, &file, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(file.st_mode))
+            continue;
+        const timespec &changed = file.st_mtim;
+        files.push_back(
+            {int64_t{changed.tv_sec} * 1'000'000'000 + changed.tv_nsec, name, pages_of(file)});
+    }
+    return files;
+}
+
+size_t trim_falls(const std::string &folder)
+{
+    const std::unique_ptr<DIR, int (*)(DIR *)> open(opendir(folder.c_str()), closedir);
+    if (!open)
+        return 0;
+    std::vector<falls_file> files = list_files(open.get());
+    std::ranges::sort(files, std::greater(), &falls_file::changed_at);
+    size_t taken = 0;
+    for (const falls_file &each : files)
+        if (taken + each.pages <= most_folder_bytes ||
+            unlinkat(dirfd(open.get()), each.name.c_str(), 0) != 0)
+            taken += each.pages;
+    return taken;
+}
+
 static void drop_oldest(std::string &lines, size_t room)
 {
     auto count = static_cast<size_t>(std::ranges::count(lines, '\n'));
@@ -72,20 +134,25 @@ static void drop_oldest(std::string &lines, size_t room)
 }
 
 bool keep_fall(const std::string &folder, uint32_t port, const std::string &line, bool replaces,
-               size_t files)
+               size_t files, size_t &taken)
 {
     const std::string path = folder + "/" + std::to_string(port);
-    const size_t share = std::min(most_fall_bytes, most_folder_bytes / std::max<size_t>(files, 1));
+    const size_t room = most_folder_bytes / std::max<size_t>(files, 1) / page * page;
+    const size_t share = std::min(most_fall_bytes, room), before = pages_at(path);
     std::string lines = read_falls(path);
     if (replaces)
         drop_last(lines);
     drop_oldest(lines, share - std::min(share, line.size() + 1));
     lines += line + "\n";
     const util::descriptor file(make_new_file(path));
-    if (file && write_fully(file.get(), lines.data(), lines.size(), 0) && place_new_file(path))
-        return true;
-    drop_new_file(path);
-    return false;
+    if (!file || !write_fully(file.get(), lines.data(), lines.size(), 0) || !place_new_file(path)) {
+        drop_new_file(path);
+        return false;
+    }
+    taken += pages_at(path) - before;
+    if (taken > most_folder_bytes)
+        taken = trim_falls(folder);
+    return true;
 }
 
 } // namespace board

@@ -20,6 +20,7 @@
 #include <new>
 #include <pthread.h>
 #include <sys/timex.h>
+#include <unistd.h>
 #include <vector>
 
 namespace board
@@ -45,6 +46,9 @@ static constexpr int64_t same_deed = 250 * ms;
 /* When a link that is up again is looked at, and when its record is closed. */
 static constexpr int64_t risen_after = 3 * second, closed_after = 10 * second;
 static constexpr int64_t retry_after = second;
+
+/* A port whose driver takes longer to answer is looked at behind the others. */
+static constexpr int64_t slow_look = 100 * ms;
 
 /* What a port's memory of falls, and of records that couldn't be written, may hold. */
 static constexpr size_t most_remembered = 256;
@@ -115,8 +119,13 @@ void fall_recorder::leave_out(uint32_t port)
 {
     const std::lock_guard guard(lock_);
     const auto found = ports_.find(port);
-    if (found != ports_.end())
-        found->second.link = {};
+    if (found == ports_.end())
+        return;
+    /* Another interface may get its number. */
+    close(found->second);
+    port_watch none;
+    none.closed.swap(found->second.closed);
+    found->second = std::move(none);
 }
 
 /* Without memory the fall isn't recorded, and all else goes on. */
@@ -217,16 +226,24 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     tell_look_before(its, made);
 }
 
-/* A fall in a burst has a record of its own where the interface was set down or has left. */
+/* Whether somebody has set the interface down, or it has left: no fall of a flapping link. */
+static bool is_deed(const causes::facts &seen, departure left)
+{
+    return seen.set_down.value_or(false) || left != departure::none;
+}
+
+/* Such a fall has a record of its own, and the next one, too. */
 void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at)
 {
     const bool is_set_down = now.state == DOLM_RIC_VALUE_VALID && now.admin == DOLM_RIC_SWITCH_DOWN;
     const bool goes_on = its.open != nullptr && at - its.open->last_at < burst_gap &&
                          at - its.open->at < longest_burst && !is_set_down &&
-                         its.left == departure::none;
+                         its.left == departure::none && !is_deed(its.open->seen, its.open->left);
     if (!goes_on)
         begin(its, now, at);
     fall &open = *its.open;
+    if (open.looks == std::size(looks_at)) /* it may stay down */
+        open.due = std::min(open.due, at + risen_after);
     open.last_at = at;
     open.up_at = 0;
     open.is_changed = true;
@@ -294,9 +311,10 @@ void fall_recorder::take_look(fall &open, module_sample found)
         found.lane_count = 0;
     open.lanes = std::max(open.lanes, found.lane_count);
     bool is_news = tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
-    if (open.up_at != 0 && found.at >= open.up_at + risen_after && !open.seen.rx_again &&
-        !open.seen.errors_again)
-        is_news |= tell_again(found, open.seen);
+    if (open.up_at != 0 && found.at >= open.up_at + risen_after && !open.is_seen_again) {
+        open.is_seen_again = tell_again(found, open.seen);
+        is_news |= open.is_seen_again;
+    }
     if (!is_news)
         return;
     open.is_changed = true;
@@ -380,13 +398,34 @@ void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
         forget_departure(seen);
 }
 
-/* The bound that the time service gives, where one keeps the clock. */
+/* The bound that the time service gives, where one keeps the clock. That of systemd is none: it
+   begins at zero with each answer of its server, however long that took. */
 static void tell_clock(causes::facts &seen)
 {
     timex clock = {};
     constexpr double us = 1e6;
+    if (access("/run/systemd/timesync/synchronized", F_OK) == 0)
+        return;
     if (adjtimex(&clock) >= 0 && (clock.status & STA_UNSYNC) == 0)
         seen.clock_error_s = static_cast<double>(clock.maxerror) / us;
+}
+
+/* All that a board may tell; the rest may have changed while it was asked. */
+static void take_asked(const causes::facts &asked, causes::facts &seen)
+{
+    seen.clock_error_s = asked.clock_error_s;
+    seen.extended_state = asked.extended_state;
+    seen.remote_fault = asked.remote_fault;
+    seen.driver_unbound = asked.driver_unbound;
+    seen.settings_changed = asked.settings_changed;
+    seen.corrected_in_minute = asked.corrected_in_minute;
+    seen.uncorrectable_in_minute = asked.uncorrectable_in_minute;
+    seen.symbol_errors_in_minute = asked.symbol_errors_in_minute;
+    seen.frame_errors_in_minute = asked.frame_errors_in_minute;
+    seen.counted_for_s = asked.counted_for_s;
+    seen.signal_quality_before = asked.signal_quality_before;
+    seen.signal_quality_most = asked.signal_quality_most;
+    seen.errors_before = asked.errors_before;
 }
 
 /* The board is asked without the lock; the record may have been closed meanwhile. */
@@ -398,22 +437,55 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
     causes::facts asked = before.seen;
     guard.unlock();
     tell_clock(asked);
-    if (look_)
-        look_(port, at, asked);
+    const int64_t began_at = now_();
+    if (look_.fell)
+        look_.fell(port, at, asked);
+    const bool is_slow = now_() - began_at > slow_look;
     guard.lock();
     port_watch &its = ports_.at(port);
+    its.is_slow = is_slow;
     if (its.open == nullptr || its.open->at != at)
         return;
     fall &open = *its.open;
-    open.seen.clock_error_s = asked.clock_error_s;
-    open.seen.extended_state = asked.extended_state;
-    open.seen.remote_fault = asked.remote_fault;
-    open.seen.driver_unbound = asked.driver_unbound;
-    open.seen.settings_changed = asked.settings_changed;
+    take_asked(asked, open.seen);
     open.looks++;
     if (is_last)
         finish_looks(port, its, open);
     open.due = is_last ? open.due : at + looks_at[open.looks];
+}
+
+/* False if the link has fallen again meanwhile. */
+bool fall_recorder::look_again(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard)
+{
+    tell_link_after(ports_.at(port).link, its.seen);
+    const int64_t up_at = its.up_at;
+    causes::facts asked = its.seen;
+    guard.unlock();
+    if (look_.risen)
+        look_.risen(port, up_at + risen_after, asked);
+    guard.lock();
+    if (ports_.at(port).open.get() != &its || its.up_at != up_at)
+        return false;
+    its.is_changed |= its.seen.errors_again != asked.errors_again ||
+                      its.seen.uncorrectable_again != asked.uncorrectable_again;
+    its.seen.errors_again = asked.errors_again;
+    its.seen.uncorrectable_again = asked.uncorrectable_again;
+    return true;
+}
+
+/* Of a writing; `error` is 0 if it was done. */
+void fall_recorder::tell_result(uint32_t port, int error)
+{
+    if (error == 0) {
+        failing_.erase(port);
+        if (failing_.empty())
+            told_.clear();
+        return;
+    }
+    failing_.insert(port);
+    if (told_.insert(error).second)
+        fprintf(stderr, "libdolm_ric: cannot record falls in %s/%u: %s; it is tried again\n",
+                folder_.c_str(), port, strerror(error));
 }
 
 /* Writes a record. False if it couldn't be written. */
@@ -424,16 +496,14 @@ bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex>
     const size_t files = ports_.size();
     its.is_changed = false;
     guard.unlock();
-    const bool is_kept = keep_fall(folder_, port, line, its.is_written, files);
-    const int error = errno;
+    const bool is_kept = keep_fall(folder_, port, line, its.is_written, files, taken_);
+    const int error = is_kept ? 0 : errno;
+    if (error == ENOENT && make_falls_folder(folder_)) /* for the next time */
+        taken_ = trim_falls(folder_);
     guard.lock();
-    if (error == ENOENT && !is_kept)
-        make_falls_folder(folder_); /* for the next time */
     its.is_written |= is_kept;
     its.is_changed |= !is_kept;
-    if (!std::exchange(has_failed_, !is_kept) && !is_kept)
-        fprintf(stderr, "libdolm_ric: cannot record falls in %s: %s; it is tried again\n",
-                folder_.c_str(), strerror(error));
+    tell_result(port, error);
     return is_kept;
 }
 
@@ -458,11 +528,13 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
     const std::shared_ptr<fall> open = ports_.at(port).open;
     const bool has_risen = open->up_at != 0 && now >= open->up_at + risen_after;
     const bool is_over = has_risen && now >= open->up_at + closed_after;
+    if (has_risen && !look_again(port, *open, guard))
+        return;
     port_watch &its = ports_.at(port);
-    if (has_risen)
-        tell_link_after(its.link, open->seen);
-    if (is_over && !open->seen.rx_again && !open->seen.errors_again && its.last.at >= open->up_at)
-        open->is_changed |= tell_again(its.last, open->seen); /* nothing has changed since */
+    if (is_over && !open->is_seen_again && its.last.at >= open->up_at) {
+        open->is_seen_again = tell_again(its.last, open->seen); /* nothing has changed since */
+        open->is_changed |= open->is_seen_again;
+    }
     open->due =
         open->up_at == 0 ? INT64_MAX : open->up_at + (has_risen ? closed_after : risen_after);
     if (open->is_changed && !write(port, *open, guard))
@@ -474,15 +546,16 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
 /* What is due for one port. */
 void fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
 {
-    if (!write_closed(port, guard))
-        return;
-    while (const fall *open = ports_.at(port).open.get()) {
+    const bool is_kept = write_closed(port, guard);
+    while (fall *open = ports_.at(port).open.get()) {
         if (open->due > now)
             return;
         if (open->looks < std::size(looks_at))
             look(port, guard);
-        else
+        else if (is_kept)
             settle(port, now, guard);
+        else
+            open->due = now + retry_after; /* the records are written in their order */
     }
     if (ports_.at(port).closed.empty())
         busy_.erase(port);
@@ -495,19 +568,27 @@ int64_t fall_recorder::next_due(int64_t now) const
     for (const uint32_t port : busy_) {
         const port_watch &its = ports_.at(port);
         if (!its.closed.empty())
-            next = std::min(next, now + (has_failed_ ? retry_after : 0));
-        else if (its.open != nullptr)
+            next = std::min(next, now + (failing_.contains(port) ? retry_after : 0));
+        if (its.open != nullptr)
             next = std::min(next, its.open->due);
     }
     return next;
+}
+
+/* Those whose drivers are slow come last. */
+std::vector<uint32_t> fall_recorder::busy_ports() const
+{
+    std::vector<uint32_t> ports(busy_.begin(), busy_.end());
+    std::stable_partition(ports.begin(), ports.end(),
+                          [this](uint32_t port) { return !ports_.at(port).is_slow; });
+    return ports;
 }
 
 void fall_recorder::work()
 {
     std::unique_lock guard(lock_);
     const int64_t now = now_();
-    const std::vector<uint32_t> ports(busy_.begin(), busy_.end());
-    for (const uint32_t port : ports)
+    for (const uint32_t port : busy_ports())
         work_on(port, now, guard);
 }
 
@@ -538,13 +619,14 @@ void fall_recorder::run()
     }
 }
 
-void fall_recorder::start(const std::string &folder, looker look, bool has_thread)
+void fall_recorder::start(const std::string &folder, lookers look, bool has_thread)
 {
     folder_ = folder;
     look_ = std::move(look);
     if (!make_falls_folder(folder_))
         fprintf(stderr, "libdolm_ric: cannot make %s for falls: %s\n", folder_.c_str(),
                 strerror(errno));
+    taken_ = trim_falls(folder_);
     {
         const std::lock_guard guard(lock_);
         is_on_ = true;

@@ -8,7 +8,8 @@
    follows another one of its port within ten seconds counts in the record of that one, unless
    something else happened to the interface.
 
-   A file that can't be written is tried again each second; one line on stderr says why. */
+   A file that can't be written is tried again each second; one line on stderr says why, for each
+   reason, until all files can be written. */
 #pragma once
 
 #include "causes/facts.h"
@@ -27,6 +28,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace board
 {
@@ -48,9 +50,12 @@ struct fall_rules {
 class fall_recorder
 {
   public:
-    /* Brings what a board knows beside the details into the facts; called at each look, on the
-       thread. `at` is the time of the fall. */
+    /* Brings what a board knows beside the details into the facts, on the thread. */
     using looker = std::function<void(uint32_t port, int64_t at, causes::facts &)>;
+    struct lookers {
+        looker fell;  /* at each look; with the time of the fall */
+        looker risen; /* twice at least; with the time since when the link is looked at again */
+    };
 
     /* ns of CLOCK_BOOTTIME. */
     using clock = std::function<int64_t()>;
@@ -62,7 +67,7 @@ class fall_recorder
 
     /* Falls are recorded from now on, in `folder`, which is made. Without a thread of its own
        somebody else calls work(). */
-    void start(const std::string &folder, looker look, bool has_thread = true);
+    void start(const std::string &folder, lookers look, bool has_thread = true);
     /* Writes what is open. */
     void stop() noexcept;
 
@@ -93,6 +98,7 @@ class fall_recorder
         departure left = departure::none;
         bool is_changed = true; /* since it was written */
         bool is_written = false;
+        bool is_seen_again = false; /* the module, since the link is up again */
     };
     struct port_watch {
         dolm_ric_details_link link = {};
@@ -104,6 +110,7 @@ class fall_recorder
         std::deque<int64_t> falls; /* of the last day */
         std::shared_ptr<fall> open;
         std::deque<std::shared_ptr<fall>> closed; /* still to be written */
+        bool is_slow = false;                     /* the last look at it was */
     };
 
     port_watch *find_or_make(uint32_t port);
@@ -120,10 +127,13 @@ class fall_recorder
     void finish_looks(uint32_t port, port_watch &its, fall &open);
     /* The thread's; `guard` is held but for what is asked or written. */
     void look(uint32_t port, std::unique_lock<std::mutex> &guard);
+    bool look_again(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
+    void tell_result(uint32_t port, int error);
     bool write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
     bool write_closed(uint32_t port, std::unique_lock<std::mutex> &guard);
     void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
     void work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
+    std::vector<uint32_t> busy_ports() const;
     int64_t next_due(int64_t now) const;
     bool try_work();
     void start_thread();
@@ -131,7 +141,7 @@ class fall_recorder
 
     const fall_rules rules_;
     const clock now_;
-    looker look_;
+    lookers look_;
     std::string folder_;
 
     std::mutex lock_; /* guards these */
@@ -140,7 +150,10 @@ class fall_recorder
     std::set<uint32_t> busy_; /* ports with an open or closed record */
     int64_t next_ = INT64_MAX;
     bool is_on_ = false, is_stopping_ = false;
-    bool has_failed_ = false; /* the last writing */
+    std::set<uint32_t> failing_; /* ports whose file couldn't be written */
+    std::set<int> told_;         /* why, as told since all could be */
+
+    size_t taken_ = 0; /* by the folder; the thread's */
 
     std::thread thread_;
 };

@@ -4,8 +4,9 @@
    even sequence. Only the lanes and VDM rows that a record has are copied and written.
 
    A record that couldn't be written leaves an odd sequence, or the old record; it stays due, and is
-   tried again after a second. Once a second, while there is something to write, it is checked that
-   the file is still the one at its path and not shorter than it was; if not, a new one is made. */
+   tried again after a second. Before each writing it is checked that the file isn't shorter than it
+   was, which a writing would hide, and once a second that it is still the one at its path; if not,
+   a new one is made, and comes to the path with all records. */
 #include "platform/dolm_ric/port_details.h"
 
 #include "platform/dolm_ric/new_file.h"
@@ -102,13 +103,6 @@ port_details::slot *port_details::find_or_make(uint32_t port)
     }
 }
 
-void port_details::mark_all()
-{
-    const std::lock_guard guard(lock_);
-    for (auto &[port, its] : slots_)
-        mark(port, its);
-}
-
 /* There is room for all in due_. */
 void port_details::mark(uint32_t port, slot &its)
 {
@@ -127,13 +121,14 @@ void port_details::flush()
 }
 
 /* Copies what the record has, with its next sequence. False without such a record. */
-bool port_details::take(uint32_t port)
+bool port_details::take(uint32_t port, bool was_due)
 {
     const std::lock_guard guard(lock_);
     const auto found = slots_.find(port);
     if (found == slots_.end())
         return false;
-    found->second.is_due = false;
+    if (was_due)
+        found->second.is_due = false;
     record_type &its = *found->second.record;
     its.sequence += 2;
     its.epoch = header_.epoch;
@@ -169,7 +164,12 @@ bool port_details::write_record()
         return is_written;
     };
     const auto write_part = [&](size_t from, size_t size) {
-        return write_fully(fd, bytes + from, size, at + static_cast<off_t>(from));
+        const off_t begin = at + static_cast<off_t>(from);
+        if (!write_fully(fd, bytes + from, size, begin))
+            return false;
+        if (size > 0)
+            size_ = std::max(size_, begin + static_cast<off_t>(size));
+        return true;
     };
     constexpr size_t first = sizeof(its.sequence);
     return write_sequence(its.sequence - 1) &&
@@ -192,7 +192,23 @@ bool port_details::write_port(uint32_t port)
 {
     if (!check_file())
         return false;
-    return take(port) ? write_record() : erase_record(port);
+    return take(port, true) ? write_record() : erase_record(port);
+}
+
+/* Before the file has its path. Ports that are due stay so, as they may change meanwhile. */
+bool port_details::write_all()
+{
+    for (uint32_t port = 0;; port++) {
+        {
+            const std::lock_guard guard(lock_);
+            const auto next = slots_.lower_bound(port);
+            if (next == slots_.end())
+                return true;
+            port = next->first;
+        }
+        if (!take(port, false) || !write_record())
+            return false;
+    }
 }
 
 /* One line for all failures until everything is written. */
@@ -253,30 +269,30 @@ bool port_details::is_in_place() const
            mine.st_dev == there.st_dev && mine.st_ino == there.st_ino;
 }
 
-bool port_details::is_whole() const
+bool port_details::is_cut() const
 {
     struct stat mine = {};
-    const off_t least = header_.record_count > 0 ? offset_of(header_.record_count - 1) : 0;
+    return fstat(file_.get(), &mine) != 0 || mine.st_size < size_;
+}
+
+bool port_details::is_whole() const
+{
     uint64_t epoch = 0;
-    return file_ && fstat(file_.get(), &mine) == 0 && mine.st_size > least && is_in_place() &&
+    return is_in_place() &&
            pread(file_.get(), &epoch, sizeof(epoch), offsetof(dolm_ric_details_header, epoch)) ==
                sizeof(epoch) &&
            epoch == header_.epoch;
 }
 
-/* Whether there is a file to write to. All records go into a new one. */
+/* Whether there is a file to write to. */
 bool port_details::check_file()
 {
     const int64_t now = details_time();
-    if (file_ && now - checked_at_ < check_interval)
+    const bool is_usable = file_ && !is_cut();
+    if (is_usable && now - checked_at_ < check_interval)
         return true;
     checked_at_ = now;
-    if (is_whole())
-        return true;
-    if (!make_file())
-        return false;
-    mark_all();
-    return true;
+    return (is_usable && is_whole()) || make_file();
 }
 
 /* A file of details whose writer lives has his lock. */
@@ -311,11 +327,12 @@ bool port_details::make_file()
     struct flock lock = {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    if (made && fcntl(made.get(), F_OFD_SETLK, &lock) == 0 &&
-        write_fully(made.get(), &header_, sizeof(header_), 0) && place_new_file(path_)) {
-        file_ = std::move(made);
+    file_ = std::move(made);
+    size_ = sizeof(header_);
+    if (file_ && fcntl(file_.get(), F_OFD_SETLK, &lock) == 0 &&
+        write_fully(file_.get(), &header_, sizeof(header_), 0) && write_all() &&
+        place_new_file(path_))
         return true;
-    }
     drop_new_file(path_);
     file_.reset();
     return false;
@@ -336,7 +353,6 @@ void port_details::start(const std::string &path)
     is_stopping_ = false;
     checked_at_ = details_time();
     note_result(make_file());
-    mark_all();
     start_thread();
     flush();
 }

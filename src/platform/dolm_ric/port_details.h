@@ -91,17 +91,18 @@ class port_details
     slot *find_or_make(uint32_t port);
     bool make_room(uint32_t port);
     void mark(uint32_t port, slot &its);
-    void mark_all();
     void start_thread();
     /* The thread's, as what follows. */
     void run();
     bool write_taken();
     bool write_port(uint32_t port);
-    bool take(uint32_t port);
+    bool take(uint32_t port, bool was_due);
     bool write_record();
     bool erase_record(uint32_t port);
     bool write_count(uint32_t port);
+    bool write_all();
     bool is_in_place() const;
+    bool is_cut() const;
     bool is_whole() const;
     bool has_other_owner() const;
     bool make_file();
@@ -123,6 +124,7 @@ class port_details
     std::vector<uint32_t> taken_; /* from due_; both have room for all */
     std::string path_;
     util::descriptor file_;
+    off_t size_ = 0; /* of the file, as it was written */
     dolm_ric_details_header header_ = {};
     dolm_ric_details_record copy_ = {}; /* of the record that is being written */
     int64_t checked_at_ = 0;

@@ -145,29 +145,22 @@ static void size_buffer(int fd, int receive_buffer)
 }
 
 connection::connection(int protocol, int receive_buffer)
-    : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol)), buffer_(receive_size)
+    : socket_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol)), buffer_(receive_size)
 {
-    if (fd_ < 0)
+    if (!socket_)
         fail("netlink socket");
-    size_buffer(fd_, receive_buffer);
+    size_buffer(fd(), receive_buffer);
     const int on = 1; /* ask for links by index alone; kernels before 4.20 don't know it */
-    setsockopt(fd_, SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof(on));
+    setsockopt(fd(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof(on));
     const sockaddr_nl self = {.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = 0, .nl_groups = 0};
-    if (bind(fd_, reinterpret_cast<const sockaddr *>(&self), sizeof(self)) != 0) {
-        close(fd_);
+    if (bind(fd(), reinterpret_cast<const sockaddr *>(&self), sizeof(self)) != 0)
         fail("netlink bind");
-    }
-}
-
-connection::~connection()
-{
-    close(fd_);
 }
 
 void connection::join(uint32_t group)
 {
     const auto number = static_cast<int>(group);
-    if (setsockopt(fd_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &number, sizeof(number)) != 0)
+    if (setsockopt(fd(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &number, sizeof(number)) != 0)
         fail("netlink group");
 }
 
@@ -182,7 +175,7 @@ connection::received connection::receive()
         head.msg_namelen = sizeof(sender);
         head.msg_iov = &part;
         head.msg_iovlen = 1;
-        const ssize_t length = recvmsg(fd_, &head, MSG_DONTWAIT);
+        const ssize_t length = recvmsg(fd(), &head, MSG_DONTWAIT);
         if (length < 0 && errno == EINTR)
             continue;
         if (length < 0)
@@ -214,7 +207,7 @@ int connection::await_answer(std::chrono::steady_clock::time_point deadline, con
     for (;;) {
         const received next = receive();
         if (next.error == EAGAIN) {
-            if (const int error = await_readable(fd_, deadline))
+            if (const int error = await_readable(fd(), deadline))
                 return error;
             continue;
         }
@@ -238,7 +231,7 @@ int connection::ask(request &question, std::chrono::milliseconds patience, const
 {
     const byte_view bytes = question.finish(++sequence_);
     const auto deadline = std::chrono::steady_clock::now() + patience;
-    if (send(fd_, bytes.data(), bytes.size(), 0) < 0)
+    if (send(fd(), bytes.data(), bytes.size(), 0) < 0)
         return errno;
     return await_answer(deadline, take);
 }
@@ -249,12 +242,13 @@ request generic_request(uint16_t family, uint8_t command)
             genlmsghdr{.cmd = command, .version = generic_version, .reserved = 0}};
 }
 
-request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index)
+request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index,
+                        uint32_t flags)
 {
     request question = generic_request(family, command);
     const size_t nest = question.begin_nest(header);
     question.put(ETHTOOL_A_HEADER_DEV_INDEX, static_cast<uint32_t>(index));
-    question.put(ETHTOOL_A_HEADER_FLAGS, uint32_t{ETHTOOL_FLAG_COMPACT_BITSETS});
+    question.put(ETHTOOL_A_HEADER_FLAGS, flags | ETHTOOL_FLAG_COMPACT_BITSETS);
     question.end_nest(nest);
     return question;
 }

@@ -4,6 +4,8 @@
    A socket belongs to one thread. */
 #pragma once
 
+#include "util/descriptor.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -116,13 +118,10 @@ class connection
   public:
     /* Throws a std::system_error. A receive buffer of 0 leaves the system's default. */
     explicit connection(int protocol, int receive_buffer = 0);
-    ~connection();
-    connection(const connection &) = delete;
-    connection &operator=(const connection &) = delete;
 
     int fd() const
     {
-        return fd_;
+        return socket_.get();
     }
     /* Throws a std::system_error. */
     void join(uint32_t group);
@@ -145,7 +144,7 @@ class connection
   private:
     int await_answer(std::chrono::steady_clock::time_point deadline, const taker &take);
 
-    int fd_;
+    util::descriptor socket_;
     uint32_t sequence_ = 0;
     std::vector<uint8_t> buffer_;
 };
@@ -161,8 +160,9 @@ uint32_t find_group(connection &generic, std::string_view family, std::string_vi
 request generic_request(uint16_t family, uint8_t command);
 
 /* A question to the family of ethtool about an interface; `header` is the number of the command's
-   attribute that names it. */
-request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index);
+   attribute that names it; `flags` are ETHTOOL_FLAG_*. */
+request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index,
+                        uint32_t flags = 0);
 
 /* The attributes of a generic netlink message. */
 byte_view generic_attributes(const message &answer);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A file is read whole, up to a bound, and taken apart; what is wrong in it is named by its place.
- */
+/* A file is read whole, up to a bound, and taken apart, with bounds on what is in it; what is wrong
+   there is named by its place. */
 #include "tools/common/recorded_falls.h"
 
 #include "causes/facts_json.h"
@@ -11,73 +11,154 @@
 #include "util/escape.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
 #include <sys/stat.h>
+#include <unistd.h>
 
 static constexpr size_t largest_file = size_t{16} << 20;
+static constexpr size_t largest_recorded = size_t{64} << 10; /* as docs/causes.md has it */
 
-static std::string read_whole(const std::string &path)
+/* What the files of 1024 ports have at most. */
+static constexpr size_t most_falls = size_t{32} * 1024;
+
+static tool_error fault_of(const std::string &path, const std::string &why)
 {
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(
-        path == "-" ? stdin : fopen(path.c_str(), "re"), [](FILE *open) { return fclose(open); });
-    const auto fail = [&](const char *why) {
-        throw tool_error(exit_code::rejected, fmt::format("{}: {}", escape(path), why));
-    };
-    if (file == nullptr)
-        fail(std::strerror(errno));
+    return {exit_code::rejected, fmt::format("{}: {}", escape(path), why)};
+}
+
+static std::string read_whole(const std::string &path, int file, size_t most)
+{
     std::string text;
     char part[16384];
-    for (size_t got = 0; (got = fread(part, 1, sizeof(part), file.get())) > 0;) {
-        text.append(part, got);
-        if (text.size() > largest_file)
-            fail("facts of falls are smaller than 16 MiB");
+    while (true) {
+        const ssize_t got = read(file, part, sizeof(part));
+        if (got == 0)
+            return text;
+        if (got < 0 && errno != EINTR)
+            throw fault_of(path, std::strerror(errno));
+        text.append(part, static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        if (text.size() > most)
+            throw fault_of(path, fmt::format("facts of falls have at most {} KiB", most / 1024));
     }
-    if (ferror(file.get()) != 0)
-        fail(std::strerror(errno));
-    return text;
+}
+
+/* Where the text that begins at a quotation mark ends. */
+static size_t end_of_text(std::string_view json, size_t begin)
+{
+    size_t at = begin + 1;
+    while (at < json.size() && json[at] != '"')
+        at += json[at] == '\\' ? 2 : 1;
+    return at;
+}
+
+/* Facts lie four levels deep, in objects of some dozens of keys. Deeper ones can't be shown within
+   the stack, and each key is compared with all others of its object. Whether it is JSON at all is
+   the parser's to say. */
+static void expect_bounds(std::string_view json)
+{
+    constexpr size_t deepest = 8, most_keys = 256;
+    std::array<size_t, deepest + 1> keys = {}; /* of the object on each level */
+    size_t level = 0, objects = 0;
+    const auto expect = [](size_t count, size_t most, const char *of_what) {
+        if (count > most)
+            throw causes::facts_error(fmt::format("there are more than {} {}", most, of_what));
+    };
+    for (size_t i = 0; i < json.size(); i++)
+        switch (json[i]) {
+        case '"':
+            i = end_of_text(json, i);
+            break;
+        case '{':
+            expect(++objects, 2 * most_falls + 1, "objects"); /* each may be judged */
+            [[fallthrough]];
+        case '[':
+            expect(++level, deepest, "levels of brackets");
+            keys[level] = 0;
+            break;
+        case '}':
+        case ']':
+            level -= std::min<size_t>(level, 1);
+            break;
+        case ':':
+            expect(++keys[level], most_keys, "keys in an object");
+            break;
+        default:
+            break;
+        }
+}
+
+static json_object parse_facts(std::string_view text)
+{
+    expect_bounds(text);
+    return json_object::parse(text);
+}
+
+static causes::facts facts_of_object(const json_object &each)
+{
+    const bool is_judged = each.is_object() && each.contains("facts");
+    return causes::facts_from(is_judged ? each.at("facts") : each);
+}
+
+/* Calls `take` with each line that isn't blank, and its number. */
+template <typename taker>
+static void for_each_line(std::string_view text, taker &&take)
+{
+    size_t number = 0;
+    for (size_t at = 0; at < text.size();) {
+        const std::string_view line = text.substr(at, text.find('\n', at) - at);
+        number++;
+        if (line.find_first_not_of(" \t\r") != line.npos)
+            take(line, number);
+        at += line.size() + 1;
+    }
+}
+
+/* Nothing where the text isn't one piece of JSON. */
+static std::optional<json_object> parse_as_one(std::string_view text)
+{
+    try {
+        return parse_facts(text);
+    } catch (const json_object::exception &) {
+        return std::nullopt;
+    }
 }
 
 static std::vector<causes::facts> facts_of_text(const std::string &path, const std::string &text)
 {
     std::vector<causes::facts> found;
     std::string place;
-    const auto take = [&](const json_object &each) {
-        const bool is_judged = each.is_object() && each.contains("facts");
-        found.push_back(causes::facts_from(is_judged ? each.at("facts") : each));
-    };
+    const auto take = [&](const json_object &each) { found.push_back(facts_of_object(each)); };
     try {
-        json_object whole = json_object::parse(text, nullptr, false);
-        if (whole.is_object() && whole.contains("falls"))
-            whole = json_object(whole.at("falls"));
-        if (whole.is_array()) {
-            for (const json_object &each : whole) {
-                place = fmt::format("fall {}: ", found.size() + 1);
-                take(each);
+        if (const auto whole = parse_as_one(text)) {
+            const bool is_body = whole->is_object() && whole->contains("falls");
+            const json_object &falls = is_body ? whole->at("falls") : *whole;
+            if (!falls.is_array())
+                take(falls);
+            for (size_t i = 0; falls.is_array() && i < falls.size(); i++) {
+                place = fmt::format("fall {}: ", i + 1);
+                take(falls[i]);
             }
-        } else if (!whole.is_discarded()) {
-            take(whole);
         } else {
-            size_t number = 0;
-            for (size_t at = 0; at < text.size();) {
-                const size_t end = std::min(text.find('\n', at), text.size());
-                place = fmt::format("line {}: ", ++number);
-                if (text.find_first_not_of(" \t\r", at) < end)
-                    take(json_object::parse(text.substr(at, end - at)));
-                at = end + 1;
-            }
+            for_each_line(text, [&](std::string_view line, size_t number) {
+                place = fmt::format("line {}: ", number);
+                take(parse_facts(line));
+            });
         }
     } catch (const causes::facts_error &error) {
-        throw tool_error(exit_code::rejected, escape(path) + ": " + place + escape(error.what()));
+        throw fault_of(path, place + escape(error.what()));
     } catch (const json_object::exception &) {
-        throw tool_error(exit_code::rejected, escape(path) + ": " + place + "this is no JSON");
+        throw fault_of(path, place + "this is no JSON");
     }
     if (found.empty())
         throw tool_error(exit_code::rejected, escape(path) + " has no facts");
@@ -86,7 +167,12 @@ static std::vector<causes::facts> facts_of_text(const std::string &path, const s
 
 std::vector<causes::facts> facts_in(const std::string &path)
 {
-    return facts_of_text(path, read_whole(path));
+    if (path == "-")
+        return facts_of_text(path, read_whole(path, STDIN_FILENO, largest_file));
+    const util::descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        throw fault_of(path, std::strerror(errno));
+    return facts_of_text(path, read_whole(path, file.get(), largest_file));
 }
 
 static std::string beside(const std::string &path)
@@ -128,28 +214,75 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder)
         const std::string_view name = entry->d_name;
         uint32_t port_no = 0;
         const auto read = std::from_chars(name.begin(), name.end(), port_no);
-        if (read.ec == std::errc{} && read.ptr == name.end())
+        if (read.ec == std::errc{} && name == std::to_string(port_no))
             ports.push_back(port_no);
     }
     std::ranges::sort(ports);
     return ports;
 }
 
-/* Neither waits for a pipe nor follows a link. */
-std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no)
+/* Neither waits for a pipe nor follows a link. Empty where the port has no file. */
+static std::string read_recorded(const std::string &path)
 {
-    const std::string path = fmt::format("{}/{}", folder, port_no);
     const util::descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status = {};
     if (!file && errno == ENOENT)
-        return {};
+        return "";
     if (!file || fstat(file.get(), &status) != 0)
-        throw tool_error(exit_code::rejected,
-                         fmt::format("{}: {}", escape(path), std::strerror(errno)));
+        throw fault_of(path, std::strerror(errno));
     if (!S_ISREG(status.st_mode))
         throw tool_error(exit_code::rejected,
                          escape(path) + " isn't a file, which the board would have made");
-    return facts_of_text(path, read_whole(fmt::format("/proc/self/fd/{}", file.get())));
+    return read_whole(path, file.get(), largest_recorded);
+}
+
+std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no, std::string *fault)
+{
+    const std::string path = fmt::format("{}/{}", folder, port_no), text = read_recorded(path);
+    std::vector<causes::facts> found;
+    std::string first;
+    size_t lines = 0, wrong = 0;
+    for_each_line(text, [&](std::string_view line, size_t number) {
+        lines++;
+        try {
+            return found.push_back(facts_of_object(parse_facts(line)));
+        } catch (const causes::facts_error &error) {
+            if (wrong++ == 0)
+                first = fmt::format("line {}: {}", number, escape(error.what()));
+        } catch (const json_object::exception &) {
+            if (wrong++ == 0)
+                first = fmt::format("line {}: this is no JSON", number);
+        }
+    });
+    if (wrong != 0 && fault != nullptr)
+        *fault = fmt::format("{}: {} of {} falls can't be read and aren't shown: {}", escape(path),
+                             wrong, lines, first);
+    return found;
+}
+
+std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no)
+{
+    const std::string path = fmt::format("{}/{}", folder, port_no);
+    const std::string text = read_recorded(path);
+    const size_t end = text.find_last_not_of('\n');
+    if (end == std::string::npos)
+        return std::nullopt;
+    /* Without a line before it npos + 1 is 0. */
+    const size_t begin = text.find_last_of('\n', end) + 1;
+    return facts_of_text(path, text.substr(begin, end + 1 - begin)).front();
+}
+
+std::string cause_text(const causes::verdict &its)
+{
+    std::string text = fmt::format("{}, {}", name_of(its.cause), name_of(its.certainty));
+    return its.evidence.empty() ? text : text + ": " + escape(its.evidence.front());
+}
+
+std::string illness_text(const causes::verdict &its)
+{
+    return its.ill.empty()
+               ? ""
+               : "link is up, but ill: " + escape(fmt::format("{}", fmt::join(its.ill, " ")));
 }
 
 json_object json_of(const causes::facts &seen, const causes::verdict &its, const causes::order *who)

@@ -8,6 +8,7 @@
 #include "tools/common/json_records.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,17 +16,28 @@
    another server than the one that MBX_DIR selects. */
 std::string falls_folder();
 
-/* The ports that have a file there, in order. Throws a tool_error for a folder that isn't there or
-   can't be read. */
+/* The ports that have a file there, in order: all, though a board records those of so many at most.
+   Throws a tool_error for a folder that isn't there or can't be read. */
+constexpr size_t most_ports_with_falls = 1024;
 std::vector<uint32_t> ports_with_falls(const std::string &folder);
 
-/* The falls of one port, oldest first; none where it has no file. Throws a tool_error as
-   facts_in(). */
-std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no);
+/* The falls of one port, oldest first; none where it has no file. Lines that are wrong are left
+   out: `fault`, which may be null, says how many, and what is wrong with the first. Throws a
+   tool_error for a file that can't be read, or that a board can't have written. */
+std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
+                                    std::string *fault = nullptr);
+
+/* The newest of them; only its line is taken apart. Throws as falls_of(). */
+std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no);
+
+/* For one line: "light lost, likely: No light is received ..", and "link is up, but ill: ..", which
+   is empty where it isn't. Escaped. */
+std::string cause_text(const causes::verdict &its);
+std::string illness_text(const causes::verdict &its);
 
 /* The facts in a file, "-" for standard input: an object, a list of objects, or an object in each
    line; what json_of() and the exporter write, too. Throws a tool_error that names the file and the
-   place where it is wrong, or that it has none. */
+   place where it is wrong, that it has none, or more than a machine can have. */
 std::vector<causes::facts> facts_in(const std::string &path);
 
 /* `who` is null where the other end isn't known. */

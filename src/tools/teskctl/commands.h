@@ -46,8 +46,9 @@ exit_code run_ping(const settings &common, const ping_options &options);
 struct watch_options {
     ports_text sfp;
     ports_text status;
-    double seconds = 0; /* 0: no limit */
-    uint64_t count = 0; /* of indications; 0: no limit */
+    double seconds = 0;    /* 0: no limit */
+    uint64_t count = 0;    /* of indications; 0: no limit */
+    bool has_falls = true; /* shows why links fell, 2 s after it */
 };
 /* A process signal is the usual end, so that it gives exit_code::done. */
 exit_code run_watch(const settings &common, const watch_options &options);

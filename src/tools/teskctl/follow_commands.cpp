@@ -5,8 +5,10 @@
    connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
    the session, and those whose renewal failed by watch itself; the first indications after that
    show changes made since the loss. */
+#include "tools/common/recorded_falls.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
+#include "tools/teskctl/fall_watch.h"
 #include "tools/teskctl/kept_subscriptions.h"
 #include "tools/teskctl/port_requests.h"
 #include "tools/teskctl/report.h"
@@ -178,16 +180,23 @@ exit_code run_ping(const settings &common, const ping_options &options)
     return run.seen.answered > 0 ? exit_code::done : exit_code::no_answer;
 }
 
+static std::optional<steady_time> earlier(const std::optional<steady_time> &one,
+                                          const std::optional<steady_time> &other)
+{
+    return one && (!other || *one < *other) ? one : other;
+}
+
 /* What could not be renewed after a reconnection is tried again after a pause. */
 static void wait_and_keep(event_loop &loop, session &server, kept_subscriptions &kept,
-                          std::optional<steady_time> &retry, const std::optional<steady_time> &end)
+                          std::optional<steady_time> &retry,
+                          const std::optional<steady_time> &until)
 {
     static constexpr std::chrono::seconds retry_pause{2};
     if (!kept.is_due())
         retry.reset();
     else if (!retry)
         retry = steady_clock::now() + retry_pause;
-    loop.wait(server.get(), retry && (!end || *retry < *end) ? retry : end);
+    loop.wait(server.get(), earlier(retry, until));
     if (retry && steady_clock::now() >= *retry) {
         kept.send_due();
         retry.reset();
@@ -207,7 +216,14 @@ exit_code run_watch(const settings &common, const watch_options &options)
             report.show(record);
         }
     };
-    status_check statuses(show);
+    fall_watch falls(options.has_falls ? falls_folder() : "", [&](const watched_fall &fall) {
+        if (fall.is_news)
+            report.show(fall);
+    });
+    status_check statuses([&](const auto &status) {
+        show(status);
+        falls.take(status.port_no);
+    });
     session *connected = nullptr; /* called back only inside of its calls */
     std::unique_ptr<kept_subscriptions> kept;
     session server(loop, common,
@@ -237,8 +253,10 @@ exit_code run_watch(const settings &common, const watch_options &options)
     report.write_failures();
     /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
-           (!end || steady_clock::now() < *end))
-        wait_and_keep(loop, server, *kept, retry, end);
+           (!end || steady_clock::now() < *end)) {
+        wait_and_keep(loop, server, *kept, retry, earlier(falls.next(), end));
+        falls.work();
+    }
     /* The server would drop the subscriptions with the connection, but only a moment later. */
     if (server.is_connected())
         request_all(loop, server, kept->unsubscribes(), [](const tesk_client_answer &) {});

@@ -215,6 +215,7 @@ class command_line
         add_ports(watch, "--status", watch_.status, "Watch link and grades of these ports");
         add_seconds(watch, "--for", watch_.seconds, "End after so long");
         add_count(watch, "--count", watch_.count, "End after so many indications");
+        watch->add_flag("!--no-falls", watch_.has_falls, "Don't show why links fell");
     }
 
     static void add_count(CLI::App *command, const std::string &name, uint64_t &value,

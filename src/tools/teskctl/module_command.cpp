@@ -100,6 +100,33 @@ static std::vector<uint32_t> ports_of(tesk_details &details, const ports_text &t
     return ports;
 }
 
+/* What each reading changes. */
+static void forget_times(dolm_ric_details_record &of)
+{
+    const int64_t lease_until = of.cost.lease_until;
+    of.cost = {};
+    of.cost.lease_until = lease_until;
+    of.sequence = 0;
+    of.published_at = of.identity.read_at = 0;
+    for (dolm_ric_details_value &value : of.module_value)
+        value.read_at = 0;
+    for (uint32_t lane = 0; lane < of.lane_count; lane++) {
+        for (dolm_ric_details_value &value : of.lane[lane].value)
+            value.read_at = 0;
+        for (dolm_ric_details_condition &condition : of.lane[lane].signal)
+            condition.last_at = 0;
+    }
+    for (uint32_t row = 0; row < of.vdm_count; row++)
+        of.vdm[row].read_at = 0;
+}
+
+static bool is_same_but_for_time(dolm_ric_details_record one, dolm_ric_details_record other)
+{
+    forget_times(one);
+    forget_times(other);
+    return std::memcmp(&one, &other, sizeof(one)) == 0;
+}
+
 namespace
 {
 
@@ -114,17 +141,19 @@ class module_output
         style_.has_unicode = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
     }
 
-    /* Shows the port if its record is another than the one shown last. */
+    /* Shows the port if more has changed than ages and costs since it was shown last. */
     void show(tesk_details &details, uint32_t port_no)
     {
         dolm_ric_details_record &last = shown_[port_no];
         if (last.sequence != 0 && !tesk_details_is_newer(&details, &last))
             return;
+        const dolm_ric_details_record before = last;
         const tesk_details_result result = tesk_details_read(&details, port_no, &last);
         if (result != TESK_DETAILS_OK)
             return fail(port_no, result);
         failed_.erase(port_no);
-        write(last);
+        if (before.sequence == 0 || !is_same_but_for_time(before, last))
+            write(last);
     }
 
     exit_code code() const

@@ -353,6 +353,9 @@ static void add_values(texts &lines, const dolm_ric_details_record &record, int6
     const uint32_t all = lanes == 0 ? 0 : (1U << lanes) - 1;
     if (lanes > 1 && (record.own_lanes & all) != all)
         lines.emplace_back("  * a lane of another port");
+    if (record.power_kind != DOLM_RIC_POWER_UNKNOWN)
+        add_line(lines, "rx power",
+                 {tesk_details_text(TESK_DETAILS_TEXT_POWER_KIND, record.power_kind)});
     if (lanes == 0)
         add_line(lines, "lanes", {tesk_details_text(TESK_DETAILS_TEXT_STATE, record.lanes_state)});
 }
@@ -377,13 +380,18 @@ static void add_conditions(texts &lines, const dolm_ric_details_record &record, 
     add_line(lines, "signals", parts);
 }
 
-static std::string vdm_number(const dolm_ric_details_vdm &row)
+static std::string vdm_number(uint8_t kind, double value)
 {
-    if (row.state != DOLM_RIC_VALUE_VALID)
-        return tesk_details_text(TESK_DETAILS_TEXT_STATE, row.state);
-    const bool is_ratio = row.kind >= DOLM_RIC_VDM_PRE_FEC_BER_CURRENT &&
-                          row.kind <= DOLM_RIC_VDM_ERRORED_FRAMES_AVERAGE;
-    return is_ratio ? fmt::format("{:.2e}", row.value) : fmt::format("{:.2f}", row.value);
+    const bool is_ratio =
+        kind >= DOLM_RIC_VDM_PRE_FEC_BER_CURRENT && kind <= DOLM_RIC_VDM_ERRORED_FRAMES_AVERAGE;
+    return is_ratio ? fmt::format("{:.2e}", value) : fmt::format("{:.2f}", value);
+}
+
+static std::string vdm_range(const dolm_ric_details_vdm &row, double low, double high)
+{
+    if (row.limits.state != DOLM_RIC_VALUE_VALID)
+        return "-";
+    return fmt::format("{} to {}", vdm_number(row.kind, low), vdm_number(row.kind, high));
 }
 
 /* The flags that the last reading found. */
@@ -398,12 +406,13 @@ static std::string raised_text(uint32_t raised)
     return parts.empty() ? "-" : fmt::format("{}", fmt::join(parts, "; "));
 }
 
-static void add_vdm(texts &lines, const dolm_ric_details_record &record, const module_style &style)
+static void add_vdm(texts &lines, const dolm_ric_details_record &record, int64_t now,
+                    const module_style &style)
 {
     const uint32_t count = std::min<uint32_t>(record.vdm_count, DOLM_RIC_DETAILS_VDM);
     if (count == 0)
         return;
-    table shown({"DIAGNOSTICS", "SIDE", "LANE", "NOW", "GRADE", "FLAGS"});
+    table shown({"DIAGNOSTICS", "SIDE", "LANE", "NOW", "WARN", "ALARM", "GRADE", "AGE", "FLAGS"});
     for (uint32_t i = 0; i < count; i++) {
         const dolm_ric_details_vdm &row = record.vdm[i];
         const std::string name = row.kind == DOLM_RIC_VDM_OTHER
@@ -411,11 +420,16 @@ static void add_vdm(texts &lines, const dolm_ric_details_record &record, const m
                                      : tesk_details_text(TESK_DETAILS_TEXT_VDM_KIND, row.kind);
         const bool has_grade = row.grade != DOLM_RIC_GRADE_NONE;
         shown.add({name, tesk_details_text(TESK_DETAILS_TEXT_SIDE, row.side),
-                   row.lane == 0xff ? "all" : std::to_string(row.lane), vdm_number(row),
+                   row.lane == 0xff ? "all" : std::to_string(row.lane),
+                   row.state == DOLM_RIC_VALUE_VALID
+                       ? vdm_number(row.kind, row.value)
+                       : tesk_details_text(TESK_DETAILS_TEXT_STATE, row.state),
+                   vdm_range(row, row.limits.low_warning, row.limits.high_warning),
+                   vdm_range(row, row.limits.low_alarm, row.limits.high_alarm),
                    has_grade ? paint(tesk_details_text(TESK_DETAILS_TEXT_GRADE, row.grade),
                                      tint_of(row.grade), style.coloured)
                              : "-",
-                   raised_text(row.raised)});
+                   age_text(row.read_at, now), raised_text(row.raised)});
     }
     lines.emplace_back();
     add_table(lines, shown, style);
@@ -477,7 +491,7 @@ std::vector<std::string> module_lines(const dolm_ric_details_record &record,
     if (has_module) {
         add_values(lines, record, now, style);
         add_conditions(lines, record, now);
-        add_vdm(lines, record, style);
+        add_vdm(lines, record, now, style);
     }
     add_cost(lines, record.cost, now);
     return lines;

@@ -5,6 +5,7 @@
 #include "tools/common/clock.h"
 #include "tools/common/output.h"
 #include "tools/common/port_list.h"
+#include "tools/common/recorded_falls.h"
 #include "tools/common/words.h"
 #include "tools/teskctl/explain.h"
 #include "util/escape.h"
@@ -82,6 +83,15 @@ void reporter::show(const tesk_client_event &event)
     } else {
         timed_line(words[event.type]);
     }
+}
+
+void reporter::show(const watched_fall &fall)
+{
+    if (!common_.json)
+        return port_line(fall.port_no, "fall", text_of(fall));
+    json_object described = {{"event", "fall"}, {"port", fall.port_no}};
+    described.update(json_of(fall.seen, fall.its, nullptr));
+    object(described);
 }
 
 void reporter::failed(const tesk_client_answer &answer)

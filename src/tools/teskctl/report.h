@@ -6,6 +6,7 @@
 #include "tesk_client/tesk_client.h"
 #include "tools/common/exit_code.h"
 #include "tools/common/json_records.h"
+#include "tools/teskctl/fall_watch.h"
 #include "tools/teskctl/settings.h"
 
 #include <map>
@@ -24,6 +25,7 @@ class reporter
     void show(const tesk_client_port_status &status);
     void show(const tesk_client_pm &pm);
     void show(const tesk_client_event &event);
+    void show(const watched_fall &fall);
 
     /* A failed request: with --json an object at once. The lines for people come with
        write_failures, one for all ports that failed alike. */

@@ -38,7 +38,7 @@ _teskctl()
     pm | sfp | status) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; } ;;
     ports) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --status --numbers --names' ;;
     top) [[ $cur == -* ]] || { _teskctl_ports "$cur"; return; }; options+=' --interval --for' ;;
-    watch) options+=' --sfp --status --for --count' ;;
+    watch) options+=' --sfp --status --for --count --no-falls' ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
 }

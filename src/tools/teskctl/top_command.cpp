@@ -9,8 +9,10 @@
    and each interval new ports of the port map are asked for their values. Without a port map those
    that may exist are asked after the server has come back. */
 #include "tools/common/clock.h"
+#include "tools/common/recorded_falls.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
+#include "tools/teskctl/fall_watch.h"
 #include "tools/teskctl/kept_subscriptions.h"
 #include "tools/teskctl/report.h"
 #include "tools/teskctl/screen.h"
@@ -77,6 +79,19 @@ class top
         const bool is_dumb =
             terminal == nullptr || *terminal == '\0' || std::string_view(terminal) == "dumb";
         return common_.on_terminal && !common_.json && !is_dumb;
+    }
+
+    void take_status(const tesk_client_port_status &status)
+    {
+        take_record(status);
+        falls_.take(status.port_no);
+    }
+
+    void take_fall(const watched_fall &fall)
+    {
+        view_.show(fall);
+        if (fall.is_news && !is_on_screen())
+            report_.show(fall);
     }
 
     template <typename record_type>
@@ -262,8 +277,9 @@ class top
             if (page)
                 draw(*page);
             /* Drawn at each read at least, since the ages grow. */
-            const auto wake =
-                loop_.wait(session_.get(), end_ ? std::min(*end_, next_read) : next_read);
+            const steady_time next = std::min(next_read, falls_.next().value_or(next_read));
+            const auto wake = loop_.wait(session_.get(), end_ ? std::min(*end_, next) : next);
+            falls_.work();
             if (wake == event_loop::wake::signal && !handle_signal(page))
                 return;
             if (wake == event_loop::wake::key && !handle_keys())
@@ -280,7 +296,8 @@ class top
     bool is_restored_ = false; /* the server came back, perhaps with other ports */
     std::optional<steady_time> end_;
     event_loop loop_;
-    status_check statuses_{[this](const auto &status) { take_record(status); }};
+    status_check statuses_{[this](const auto &status) { take_status(status); }};
+    fall_watch falls_{falls_folder(), [this](const auto &fall) { take_fall(fall); }};
     kept_subscriptions subscriptions_{session_};
     session session_; /* the last, so that it closes before what its callbacks use */
 };

@@ -68,6 +68,19 @@ void take(top_port &port, const tesk_client_pm &pm)
         port.graded = pm;
 }
 
+void take(top_port &port, const watched_fall &fall)
+{
+    port.last_fall = short_text_of(fall);
+    port.is_unseen |= fall.is_news;
+}
+
+std::string event_text(const top_port &port)
+{
+    if (port.last_event.empty() || port.last_fall.empty())
+        return port.last_event + port.last_fall;
+    return port.last_event + "; " + port.last_fall;
+}
+
 void take_loss(top_port &port)
 {
     if (!port.is_gone)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "tesk_client/tesk_client.h"
+#include "tools/teskctl/fall_watch.h"
 
 #include <chrono>
 #include <optional>
@@ -19,6 +20,7 @@ struct top_port {
     bool is_reading = false;              /* a read of the measured values is in flight */
     uint64_t changes = 0;
     std::string last_event; /* with its time */
+    std::string last_fall;  /* when and why it fell last; empty: not known */
     bool is_unseen = false; /* changed since it was last on the page */
 };
 
@@ -28,6 +30,12 @@ std::string take(top_port &port, const tesk_client_port_status &status);
 std::string take(top_port &port, const tesk_client_sfp_info &info);
 /* The first values after a status are taken as those that the server graded. */
 void take(top_port &port, const tesk_client_pm &pm);
+
+/* The last fall that the board recorded. */
+void take(top_port &port, const watched_fall &fall);
+
+/* What happened last, and why the link fell last, for the port's row. */
+std::string event_text(const top_port &port);
 
 /* The server doesn't know the port: nothing that was known of it holds any more. */
 void take_loss(top_port &port);

@@ -78,7 +78,7 @@ static std::string searched_text(const top_port &port)
         text += " " + describe(*port.sfp);
     if (port.status)
         text += " " + link_text(*port.status) + " " + describe_levels(port.status->level);
-    return lower(text + " " + port.last_event);
+    return lower(text + " " + event_text(port));
 }
 
 bool top_view::is_by_rank(size_t height) const
@@ -263,10 +263,10 @@ std::string top_view::news(bool has_events_beside) const
     }
     if (hidden != nullptr)
         return fmt::format("outside of the window {} port{} changed, last port {}: {}", unseen,
-                           unseen == 1 ? "" : "s", hidden->first, hidden->second.last_event);
+                           unseen == 1 ? "" : "s", hidden->first, event_text(hidden->second));
     if (has_events_beside || newest == nullptr || newest->second.last_event.empty())
         return "";
-    return fmt::format("port {}: {}", newest->first, newest->second.last_event);
+    return fmt::format("port {}: {}", newest->first, event_text(newest->second));
 }
 
 std::vector<std::string> top_view::lines(size_t width, size_t height, bool coloured,
@@ -304,7 +304,7 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
         top_port &port = ports_[port_no];
         port.is_unseen = false;
         page.push_back(columns.row(port_no, port, selected() == port_no, coloured) +
-                       (has_events ? fit(port.last_event, width - taken) : ""));
+                       (has_events ? fit(event_text(port), width - taken) : ""));
     }
     if (height >= 4) /* after the arrangement that it describes */
         page.front() = title(width, coloured, state);

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fmt/format.h>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -56,23 +57,39 @@ static std::string text_of(const causes::facts &seen, const causes::verdict &its
     return shown;
 }
 
-/* A file that is damaged keeps nobody from the falls of the other ports. */
+static std::vector<uint32_t> all_recorded_ports(const std::string &folder, bool &is_whole)
+{
+    std::vector<uint32_t> ports = ports_with_falls(folder);
+    if (ports.size() <= most_ports_with_falls)
+        return ports;
+    complain("teskctl", fmt::format("{}: of {} ports those of the first {} are shown: a board "
+                                    "records no more",
+                                    escape(folder), ports.size(), most_ports_with_falls));
+    ports.resize(most_ports_with_falls);
+    is_whole = false;
+    return ports;
+}
+
+/* What is damaged keeps nobody from the other falls. */
 static std::vector<causes::facts> recorded(const ports_text &text, bool &is_whole)
 {
     const std::string folder = falls_folder();
     const bool wants_all = text.empty() || is_all(text);
-    std::vector<uint32_t> ports = ports_with_falls(folder);
+    std::vector<uint32_t> ports = all_recorded_ports(folder, is_whole);
     if (!wants_all)
         ports = parse_ports(text, port_names());
     std::vector<causes::facts> found;
     for (const uint32_t port_no : ports) {
+        std::string fault;
         try {
-            for (causes::facts &each : falls_of(folder, port_no))
-                found.push_back(std::move(each));
+            std::ranges::move(falls_of(folder, port_no, &fault), std::back_inserter(found));
         } catch (const tool_error &error) {
-            complain("teskctl", error.what());
-            is_whole = false;
+            fault = error.what();
         }
+        if (fault.empty())
+            continue;
+        complain("teskctl", fault);
+        is_whole = false;
     }
     return found;
 }
@@ -100,6 +117,9 @@ static void keep_newest(std::vector<causes::facts> &falls, uint64_t last)
 exit_code run_why(const settings &common, const why_options &options)
 {
     bool is_whole = true;
+    if (options.facts == "-" && options.other_end == "-")
+        throw tool_error(exit_code::usage, "standard input has the facts of one end: --facts or "
+                                           "--other-end must name a file");
     std::vector<causes::facts> falls =
         options.facts.empty() ? recorded(options.ports, is_whole) : facts_in(options.facts);
     keep_newest(falls, options.last);

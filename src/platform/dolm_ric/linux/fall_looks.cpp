@@ -68,12 +68,22 @@ void fall_looks::look(int32_t index, const std::string &device, int64_t at, caus
 {
     constexpr int64_t second = 1'000'000'000;
     if (index != 0) {
+        counters_.want(index, at, 1);
         ask_state(index, seen);
+        counters_.tell_before(index, at, seen);
         seen.settings_changed =
             notes_.were_settings_changed(index, at - 5 * second, at + second / 4);
     }
     if (!device.empty())
         seen.driver_unbound = notes_.was_unbound(device, at - second, at + 2 * second);
+}
+
+void fall_looks::look_again(int32_t index, int64_t since, causes::facts &seen)
+{
+    if (index == 0)
+        return;
+    counters_.want(index, since, 2);
+    counters_.tell_again(index, since, seen);
 }
 
 } // namespace linux_board

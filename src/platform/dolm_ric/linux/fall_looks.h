@@ -1,9 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* fall_looks - what the kernel and a driver say of a link that fell, beside the messages of
-   link_follower. One thread, which waits for the kernel's lock; start() and stop() on any. */
+   link_follower. One thread, which waits for the kernel's lock; start() and stop() on any. The
+   times are in ns of CLOCK_BOOTTIME. */
 #pragma once
 
 #include "causes/facts.h"
+#include "platform/dolm_ric/linux/error_counters.h"
 #include "platform/dolm_ric/linux/kernel_notes.h"
 #include "platform/linux_interfaces/netlink.h"
 
@@ -17,22 +19,28 @@ namespace linux_board
 class fall_looks
 {
   public:
-    void start()
+    /* `up` gives the interfaces whose links are up; called on a thread of its own. */
+    void start(error_counters::interfaces up)
     {
         notes_.start();
+        counters_.start(std::move(up));
     }
     void stop()
     {
         notes_.stop();
+        counters_.stop();
     }
     /* What is known of a fall at the time `at`, of an interface on a device on its bus; 0: the port
        has none any more. What nobody tells stays as it is. */
     void look(int32_t index, const std::string &device, int64_t at, causes::facts &seen);
+    /* The same of a link that has been up again since that time. */
+    void look_again(int32_t index, int64_t since, causes::facts &seen);
 
   private:
     void ask_state(int32_t index, causes::facts &seen);
 
     kernel_notes notes_;
+    error_counters counters_;
     std::optional<netlink::connection> ethtool_; /* made by the first look */
     uint16_t family_ = 0;
 };

@@ -218,11 +218,12 @@ void linux_ports::start()
 {
     const std::string details = board::details_path(board::port_map_path());
     details_.start(details);
-    fall_looks_.start();
+    fall_looks_.start([this] { return interfaces_up(); });
     falls_.start(board::falls_folder(details),
-                 [this](uint32_t number, int64_t at, causes::facts &seen) {
-                     look_at_fall(number, at, seen);
-                 });
+                 {.fell = [this](uint32_t number, int64_t at,
+                                 causes::facts &seen) { look_at_fall(number, at, seen); },
+                  .risen = [this](uint32_t number, int64_t since,
+                                  causes::facts &seen) { look_again(number, since, seen); }});
     links_.also_watch(watch_.fd(), [this] { look_at_config(); });
     links_.start();
     modules_.start(first_look_patience);
@@ -365,6 +366,26 @@ void linux_ports::look_at_fall(uint32_t number, int64_t at, causes::facts &seen)
         device = ports_.at(number).device;
     }
     fall_looks_.look(interface, device, at, seen);
+}
+
+void linux_ports::look_again(uint32_t number, int64_t since, causes::facts &seen)
+{
+    int32_t interface = 0;
+    {
+        const auto guard = events_.lock();
+        interface = ports_.at(number).interface;
+    }
+    fall_looks_.look_again(interface, since, seen);
+}
+
+std::vector<int32_t> linux_ports::interfaces_up()
+{
+    std::vector<int32_t> found;
+    const auto guard = events_.lock();
+    for (const auto &[number, port] : ports_)
+        if (port.interface != 0 && port.link.state == DOLM_RICRILINKSTATE_OPERATIONAL)
+            found.push_back(port.interface);
+    return found;
 }
 
 void linux_ports::speed_reported(uint32_t number, const link_speed &now)

@@ -86,6 +86,8 @@ class linux_ports final : public board::port_source, follower_listener, module_l
                                                     int &error);
     void look_at_config();
     void look_at_fall(uint32_t number, int64_t at, causes::facts &seen);
+    void look_again(uint32_t number, int64_t since, causes::facts &seen);
+    std::vector<int32_t> interfaces_up();
     void report_ports();
 
     void link_reported(uint32_t number, const link_report &now, uint32_t falls, uint32_t rises,

@@ -44,7 +44,7 @@ static int inherited_descriptor(std::string_view where)
 }
 
 reader_client::reader_client(std::string where, int stop_fd)
-    : where_(std::move(where)), stop_fd_(stop_fd), fd_(inherited_descriptor(where_))
+    : where_(std::move(where)), stop_fd_(stop_fd), connection_(inherited_descriptor(where_))
 {
 }
 
@@ -55,9 +55,7 @@ reader_client::~reader_client()
 
 void reader_client::disconnect()
 {
-    if (fd_ >= 0)
-        close(fd_);
-    fd_ = -1;
+    connection_.reset();
     is_agreed_ = false;
 }
 
@@ -71,12 +69,12 @@ void reader_client::expect(uint64_t configuration)
 int reader_client::connect_reader()
 {
     const auto now = std::chrono::steady_clock::now();
-    if (fd_ >= 0)
+    if (connection_)
         return 0;
     if (now < connect_from_)
         return connect_error_;
     connect_error_ = connect_now();
-    if (fd_ < 0 || lost_ > 0)
+    if (!connection_ || lost_ > 0)
         connect_from_ = now + pause_after(lost_);
     return connect_error_;
 }
@@ -88,9 +86,9 @@ int reader_client::connect_now()
         return ENOTCONN;
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, where_.data(), where_.size());
-    fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd_ >= 0 &&
-        connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
+    connection_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connection_ && connect(connection_.get(), reinterpret_cast<const sockaddr *>(&address),
+                               sizeof(address)) == 0)
         return 0;
     const int error = errno == EACCES || errno == EPERM ? EACCES : ENOTCONN;
     disconnect();
@@ -127,11 +125,11 @@ static int await_answer(int fd, int stop_fd)
 int reader_client::talk(std::span<const reader_request> requests, std::span<reader_answer> answers)
 {
     const size_t size = requests.size_bytes();
-    if (send(fd_, requests.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
+    if (send(connection_.get(), requests.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
         return ENOTCONN;
-    if (const int error = await_answer(fd_, stop_fd_))
+    if (const int error = await_answer(connection_.get(), stop_fd_))
         return error;
-    const ssize_t length = recv(fd_, answers.data(), answers.size_bytes(), MSG_TRUNC);
+    const ssize_t length = recv(connection_.get(), answers.data(), answers.size_bytes(), MSG_TRUNC);
     return length == static_cast<ssize_t>(answers.size_bytes()) ? 0 : ENOTCONN;
 }
 
@@ -205,7 +203,7 @@ void reader_client::read(std::span<piece> pieces)
     }
     if (error == ENOTCONN && std::chrono::steady_clock::now() < quiet_until_)
         error = ESTALE;
-    if (fd_ >= 0) {
+    if (connection_) {
         lost_ += error == ESTALE ? 0 : 1;
         connect_error_ = error == ESTALE ? ESTALE : ENOTCONN;
     }

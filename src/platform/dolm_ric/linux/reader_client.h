@@ -4,6 +4,7 @@
 
 #include "platform/dolm_ric/linux/module_access.h"
 #include "platform/linux_interfaces/port_config.h"
+#include "util/descriptor.h"
 
 #include <chrono>
 #include <cstdint>
@@ -50,7 +51,7 @@ class reader_client final : public module_access
 
     std::string where_;
     int stop_fd_;
-    int fd_ = -1;
+    util::descriptor connection_;
     int connect_error_ = 0;
     int lost_ = 0; /* connections since the last answer */
     uint64_t expected_ = no_port_config;

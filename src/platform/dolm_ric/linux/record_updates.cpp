@@ -113,7 +113,7 @@ void take_cost(const reading_cost &readings, dolm_ric_details_record &record)
         return;
     const int64_t time = std::chrono::nanoseconds{readings.time}.count();
     cost.total += time;
-    cost.period = std::chrono::nanoseconds{readings.period}.count();
+    cost.period = readings.has_module ? std::chrono::nanoseconds{readings.period}.count() : 0;
     cost.longest_read = std::max(cost.longest_read, time / made);
     if (readings.is_sweep) {
         cost.last_sweep = time;

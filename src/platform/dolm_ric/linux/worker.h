@@ -3,6 +3,9 @@
    eventfd that tells it to end. */
 #pragma once
 
+#include "util/descriptor.h"
+#include "util/event.h"
+
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -32,28 +35,27 @@ class worker
     /* Readable from the beginning of stop() on. */
     int stop_fd() const
     {
-        return stop_fd_;
+        return stop_.fd();
     }
     /* Makes wake_fd() readable. Any thread. */
     void wake();
     int wake_fd() const
     {
-        return wake_fd_;
+        return wake_.fd();
     }
     /* Makes later_fd() readable in 20 ms, so that what isn't urgent takes no time from the threads
        that handle the same event. Any thread. */
     void wake_later();
     int later_fd() const
     {
-        return later_fd_;
+        return later_.get();
     }
     /* Takes the wake-ups of both kinds; whether one was of wake_later(). The worker's thread. */
     bool clear_wake();
 
   private:
-    int wake_fd_;
-    int later_fd_;
-    int stop_fd_;
+    const util::event wake_, stop_;
+    const util::descriptor later_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> is_later_due_{false}; /* where the system has refused the timer */
     std::thread thread_;

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 namespace board
@@ -59,6 +60,11 @@ static uint32_t lanes_of(const module_values &module)
     return module.has_diagnostics != 0 ? std::max(module.lane_count, 1U) : 0;
 }
 
+static bool is_switched_off(const lane_values &its)
+{
+    return (its.signals >> DOLM_RIC_TX_OFF & 1) != 0;
+}
+
 /* The same measurement of each lane. */
 static void take_lanes(const diag_value &of_module, uint32_t lane_values::*own, uint32_t kind,
                        const module_values &module, int64_t now, record_type &record)
@@ -67,8 +73,10 @@ static void take_lanes(const diag_value &of_module, uint32_t lane_values::*own, 
         diag_value value = of_module;
         if (const uint32_t set = module.lanes[lane].*own; set != lane_values::as_module)
             value.value = set;
-        take_value(value, module.has_diagnostics != 0, now, record.lane[lane].value[kind],
-                   record.lane_limits[kind]);
+        dolm_ric_details_value &to = record.lane[lane].value[kind];
+        take_value(value, module.has_diagnostics != 0, now, to, record.lane_limits[kind]);
+        if (is_switched_off(module.lanes[lane]) && kind != DOLM_RIC_RX_POWER)
+            to.grade = DOLM_RIC_GRADE_OFF;
     }
 }
 
@@ -224,6 +232,41 @@ static bool is_another_module(const module_values &module, const dolm_ric_detail
     return known.state == DOLM_RIC_VALUE_VALID &&
            (strcmp(its.serial, known.serial) != 0 || strcmp(its.part, known.part) != 0 ||
             strcmp(its.vendor, known.vendor) != 0);
+}
+
+/* The distance to the next warning, which is negative beyond it. */
+static int64_t margin_of(uint32_t value, uint32_t low_warning, uint32_t high_warning)
+{
+    return std::min(int64_t{value} - low_warning, int64_t{high_warning} - value);
+}
+
+/* `value` is that of the module, for lanes without an own one. */
+static uint32_t worst_of_lanes(const module_values &module, uint32_t lane_values::*own,
+                               uint32_t value, uint32_t low_warning, uint32_t high_warning)
+{
+    std::optional<uint32_t> worst;
+    for (uint32_t lane = 0; lane < module.lane_count; lane++) {
+        const lane_values &its = module.lanes[lane];
+        if (is_switched_off(its) && own != &lane_values::rx_power)
+            continue;
+        const uint32_t found = its.*own != lane_values::as_module ? its.*own : value;
+        if (!worst || margin_of(found, low_warning, high_warning) <
+                          margin_of(*worst, low_warning, high_warning))
+            worst = found;
+    }
+    return worst.value_or(value);
+}
+
+dolm_ric_module_diag diagnostics_of(const module_values &module)
+{
+    dolm_ric_module_diag its = module.diag;
+    its.txbias = worst_of_lanes(module, &lane_values::tx_bias, its.txbias, its.txbias_low_warn,
+                                its.txbias_high_warn);
+    its.txpower = worst_of_lanes(module, &lane_values::tx_power, its.txpower, its.txpower_low_warn,
+                                 its.txpower_high_warn);
+    its.rxpower = worst_of_lanes(module, &lane_values::rx_power, its.rxpower, its.rxpower_low_warn,
+                                 its.rxpower_high_warn);
+    return its;
 }
 
 void describe_port(const port_values &port, const module_values &module, int64_t now,

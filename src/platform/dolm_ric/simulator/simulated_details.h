@@ -15,4 +15,8 @@ namespace board
 void describe_port(const port_values &port, const module_values &module, int64_t now,
                    dolm_ric_details_record &record);
 
+/* The diagnostics as the library's calls give them, which know no lanes: of several the value is
+   that of the lane nearest to its limits, without those whose laser is switched off. */
+dolm_ric_module_diag diagnostics_of(const module_values &module);
+
 } // namespace board

@@ -86,7 +86,7 @@ int32_t simulated_ports::read(uint32_t port, dolm_ric_module_diag &out) const
         return DOLM_RICERR_NOTAVAIL;
     if (!module.has_diagnostics)
         return DOLM_RICERR_UNSUPPORTED;
-    out = module.diag;
+    out = diagnostics_of(module);
     return DOLM_RICERR_OK;
 }
 

@@ -51,7 +51,7 @@ struct module_values {
     dolm_ric_module_info info = {};
     dolm_ric_module_status status = {};
     dolm_ric_module_diag diag = {};
-    /* For the details only: no call of the library knows lanes. 0: one, as the module. */
+    /* No call of the library knows lanes: see diagnostics_of(). 0: one, as the module. */
     uint32_t lane_count = 0;
     std::array<lane_values, lanes_at_most> lanes = {};
 };

@@ -1,0 +1,116 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* error_counters - what drivers count of errors on the line, each 20 seconds for each link that is
+   up, so that the minute before a fall is known. A thread of its own asks, since a driver may ask
+   its firmware, and holds the kernel's lock meanwhile: no driver is asked for more than half a
+   percent of the time, and one that counts nothing only once an hour. Times are in ns of
+   CLOCK_BOOTTIME. */
+#pragma once
+
+#include "causes/facts.h"
+#include "platform/dolm_ric/linux/worker.h"
+#include "platform/linux_interfaces/netlink.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace linux_board
+{
+
+/* Blocks of FEC, bits that it corrected, symbols, and frames that were damaged. */
+enum count_kind : uint8_t {
+    COUNT_CORRECTED,
+    COUNT_UNCORRECTABLE,
+    COUNT_CORRECTED_BITS,
+    COUNT_SYMBOLS,
+    COUNT_FRAMES,
+    COUNT_KINDS
+};
+
+struct error_sample {
+    static constexpr uint64_t not_counted = UINT64_MAX; /* as the kernel's drivers have it */
+    int64_t at = 0;
+    std::array<uint64_t, COUNT_KINDS> count = {not_counted, not_counted, not_counted, not_counted,
+                                               not_counted};
+    /* Of the signal that a PHY for one pair receives, and the best that it can have. */
+    std::optional<uint32_t> quality, quality_most;
+
+    bool is_empty() const;
+    /* Takes over what the answer to one question has. */
+    void add(const error_sample &part);
+};
+
+class error_counters
+{
+  public:
+    using interfaces = std::function<std::vector<int32_t>()>;
+
+    /* `up` gives the interfaces whose links are up; called on the thread. */
+    void start(interfaces up);
+    void stop();
+
+    /* Takes `samples` of the interface, one now and the next ones five seconds apart, unless one
+       was taken since that time. Any thread, as those below. */
+    void want(int32_t index, int64_t since, int samples);
+    /* The minute before a fall at that time. Nothing where it isn't known. */
+    void tell_before(int32_t index, int64_t fell_at, causes::facts &seen) const;
+    /* What was counted since that time, when the link was up again. */
+    void tell_again(int32_t index, int64_t since, causes::facts &seen) const;
+
+  private:
+    static constexpr size_t questions = 3;
+    struct watch {
+        std::deque<error_sample> samples;
+        std::array<int64_t, questions> refused_until = {};
+        int64_t due = 0, paused_until = 0, last_used_at = 0;
+        int wanted = 0; /* samples, whether the link is up or not */
+        bool is_up = false;
+
+        bool is_due(int64_t now) const
+        {
+            return due <= now && (is_up || wanted > 0);
+        }
+    };
+
+    void run();
+    void take_round(int64_t now);
+    int64_t sample_due(int64_t now);
+    void sample(int32_t index);
+    int ask(size_t question, int32_t index, error_sample &made);
+    void keep(int32_t index, const error_sample &made, const std::array<int, questions> &errors,
+              int64_t began_at);
+    bool is_connected();
+    std::vector<error_sample> samples_of(int32_t index) const;
+
+    interfaces up_;
+    std::optional<netlink::connection> ethtool_; /* the thread's */
+    uint16_t family_ = 0;
+    int64_t round_due_ = 0;
+
+    mutable std::mutex lock_; /* guards the next one */
+    std::map<int32_t, watch> watches_;
+
+    worker thread_; /* last: it ends before what it uses */
+};
+
+/* What is in the answers to ETHTOOL_MSG_FEC_GET, ETHTOOL_MSG_STATS_GET and
+   ETHTOOL_MSG_LINKSTATE_GET. Pure, as those below. */
+void take_fec_counts(netlink::byte_view attributes, error_sample &made);
+void take_line_counts(netlink::byte_view attributes, error_sample &made);
+void take_quality(netlink::byte_view attributes, error_sample &made);
+
+/* Samples are in the order of time. What a fall itself adds to the counters isn't counted: the
+   count ends with the last sample that was surely taken before it. None is told as zero unless
+   the sample at the fall shows that none came later. */
+void tell_counts_before(std::span<const error_sample> samples, int64_t fell_at,
+                        causes::facts &seen);
+void tell_counts_again(std::span<const error_sample> samples, int64_t since, causes::facts &seen);
+
+} // namespace linux_board

@@ -1,0 +1,61 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* fall_watch - the falls that the board records while a command follows ports. A file is read after
+   an indication of its port only: at the first one, and 2.2, 3.5 and 10.5 s after each other one,
+   since the board writes a fall 2 s after it, and again when the link is up again. A record that
+   can't be read is left out until the next of these looks. One thread. */
+#pragma once
+
+#include "causes/facts.h"
+#include "causes/verdict.h"
+#include "tools/teskctl/event_loop.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+struct watched_fall {
+    uint32_t port_no;
+    bool is_news; /* else it had been recorded before the first indication of the port */
+    causes::facts seen;
+    causes::verdict its;
+};
+
+class fall_watch
+{
+  public:
+    using shown = std::function<void(const watched_fall &)>;
+
+    /* `folder` is falls_folder(). Empty: nothing is followed. `show` gets the last fall of a port
+       at its first indication, each fall after that, and one that is known otherwise than it was
+       shown. */
+    fall_watch(std::string folder, shown show) : folder_(std::move(folder)), show_(std::move(show))
+    {
+    }
+
+    /* There was an indication of the port's status. */
+    void take(uint32_t port_no);
+    /* When work() has something to do; nothing: not before the next indication. */
+    std::optional<steady_time> next() const;
+    void work();
+
+  private:
+    struct watched_port {
+        bool is_known = false;               /* which falls are older than the watch */
+        std::string last;                    /* the fall that was shown, as text */
+        steady_time since = {};              /* the last indication */
+        std::optional<steady_time> due = {}; /* the next look */
+    };
+    void look(uint32_t port_no, watched_port &its);
+
+    std::string folder_;
+    shown show_;
+    std::map<uint32_t, watched_port> ports_;
+};
+
+/* "eth3 at 14:02:11.123: light lost, likely: No light is received ..", with what is ill now. */
+std::string text_of(const watched_fall &fall);
+/* Without evidence: "fell 14:02:11: light lost, likely". With the date instead of the time if that
+   is another day. */
+std::string short_text_of(const watched_fall &fall);
