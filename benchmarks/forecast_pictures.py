@@ -18,10 +18,11 @@ from pictures import text
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DAY = 86400
-WIDTH, HEIGHT, LEFT, TOP, GAP = 720, 170, 50, 30, 45
+WIDTH, HEIGHT, LEFT, TOP, GAP = 720, 170, 50, 30, 55
 PICTURES = {"fade": ("slow_loss", ["rx"]), "healthy": ("room_swing", ["temperature", "rx"]),
-            "sudden": ("sudden_death", ["rx"])}
-TITLES = {"rx": "received light, dBm", "temperature": "temperature, °C"}
+            "sudden": ("sudden_death", ["tx"])}
+TITLES = {"rx": "received light, dBm", "tx": "transmitted light, dBm",
+          "temperature": "temperature, °C"}
 
 
 def dbm(microwatts):
@@ -29,22 +30,23 @@ def dbm(microwatts):
 
 
 def read(path, lane):
-    """The low alarm limit, and of each three hours the day and the middle of light and temperature."""
-    limit, blocks = None, {}
+    """The low alarm limits, the start, and of each value the days and middles of three hours."""
+    limits, blocks = {}, {}
     with gzip.open(path, "rt") as file:
         lines = file.read().splitlines()
     for line in lines:
-        if line.startswith("# limit rx_uw "):
-            limit = dbm(float(line.split()[3]))
+        if line.startswith(("# limit rx_uw ", "# limit tx_uw ")):
+            limits[line.split()[2][:2]] = dbm(float(line.split()[3]))
     for row in csv.DictReader(line for line in lines if not line.startswith("#")):
-        block = blocks.setdefault(int(row["time"]) // (DAY // 8), {"rx": [], "temperature": []})
-        light = float(row[f"rx_uw_{lane}"] or 0)
-        if light > 0:
-            block["rx"].append(dbm(light))
+        block = blocks.setdefault(int(row["time"]) // (DAY // 8), {what: [] for what in TITLES})
+        for what in limits:
+            light = float(row[f"{what}_uw_{lane}"] or 0)
+            if light > 0:
+                block[what].append(dbm(light))
         if row["temperature_c"]:
             block["temperature"].append(float(row["temperature_c"]))
     first = min(blocks)
-    return limit, first * (DAY // 8), {
+    return limits, first * (DAY // 8), {
         what: [((number - first) / 8, statistics.median(block[what]))
                for number, block in sorted(blocks.items()) if block[what]] for what in TITLES}
 
@@ -81,7 +83,8 @@ class Panel:
         self.parts.append(text(self.x(day) + (4 if anchor == "start" else -4), 12, content, anchor))
 
     def forecast(self, day, level, told, limit):
-        ends = [f"{self.x(day + told[end]):.1f},{self.y(limit):.1f}" for end in ("low", "high")]
+        ends = [f"{self.x(min(day + told[end], self.days)):.1f},{self.y(limit):.1f}"
+                for end in ("low", "high")]
         self.parts.append(f'<polygon points="{self.x(day):.1f},{self.y(level):.1f} {" ".join(ends)}" '
                           'fill="#ff7f0e" fill-opacity="0.35"/>')
         self.mark(day, f"announced: {told['days_left']:.0f} days left, {told['low']:.0f} to "
@@ -111,9 +114,10 @@ def alarms_of(path):
 
 def picture(path, truth, values):
     lane = truth.get("lane", 1)
-    limit, start, series = read(path, lane)
-    panels = [Panel(TITLES[what], series[what], [limit] if what == "rx" else [],
+    limits, start, series = read(path, lane)
+    panels = [Panel(TITLES[what], series[what], [limits[what]] if what in limits else [],
                     round(truth["days"])) for what in values]
+    limit = limits[values[-1]]
     panels[-1].limit(limit)
     alarms = alarms_of(path)
     if truth["group"] == "predictable":
@@ -122,7 +126,8 @@ def picture(path, truth, values):
     elif alarms:
         sys.exit(f"forecast_pictures.py: {path} has an alarm: {alarms[0]['reason']}")
     if "alarm" in truth:
-        panels[-1].mark((truth["alarm"] - start) / DAY, "the limit is met", "start")
+        panels[-1].mark((truth["alarm"] - start) / DAY, "the limit is met" if alarms else
+                        "it is dead", "start")
     return draw(panels)
 
 
