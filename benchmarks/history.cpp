@@ -78,7 +78,7 @@ static history::place place_of(int64_t id)
 }
 
 /* All rows that a history keeps, a day of them in each batch. */
-static int64_t fill(const std::string &folder)
+static void fill(const std::string &folder)
 {
     std::vector<std::string> notes;
     history::store full(folder, limit, "", notes);
@@ -102,6 +102,10 @@ static int64_t fill(const std::string &folder)
     }
     if (!notes.empty())
         fail(notes[0]);
+}
+
+static int64_t size_of(const std::string &folder)
+{
     int64_t size = 0;
     for (const auto &entry : std::filesystem::directory_iterator(folder))
         size += static_cast<int64_t>(entry.file_size());
@@ -125,7 +129,8 @@ static void pass(history::clocks &now)
 
 static void measure_full(const std::string &folder, std::vector<int64_t> &figures)
 {
-    figures.push_back(fill(folder));
+    fill(folder);
+    figures.push_back(size_of(folder));
     exporter::outlooks ahead;
     int64_t spent = 0; /* by the forecast */
     const auto timed = [&spent](auto act) {

@@ -51,7 +51,7 @@ class outlooks
        the weeks before any module is read. */
     void know_limits(history::chronicle &kept, uint32_t port, const module_limits &own);
 
-    /* Forgets all, and takes in what the history has: 20 s with 512 ports of 8 lanes. Ends early
+    /* Forgets all, and takes in what the history has: 25 s with 512 ports of 8 lanes. Ends early
        once must_stop() is true. */
     void restore(
         history::chronicle &kept, const std::function<bool()> &must_stop = [] { return false; });
