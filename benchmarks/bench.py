@@ -22,6 +22,7 @@ ITEMS = {
     "traces": lambda bench: (bench.instructions(), bench.traces_on()),
     "exporter": measure_exporter,
     "details": lambda bench: bench.details(),
+    "history": lambda bench: bench.history(),
     "linux": measure_linux,  # the last, as it leaves the network
 }
 

@@ -268,6 +268,21 @@ class Bench:
             self.add("falls burst", "recording 64 falls at once", "ms", "details", burst / 1e6)
         self.launcher.end(program)
 
+    def history(self):
+        program = self.launcher.run([BIN / "bench_history", self.launcher.new_folder()], SERVER_CORE)
+        figures = program.answer()
+        a_day = 24 * 60  # minutes
+        for key, title, unit, scale in (
+                ("size", "the file, full", "MiB", 2**20),
+                ("start", "taking the file in after a start: processor time", "s", 1e9),
+                ("memory", "the forecast's memory", "MiB", 2**20),
+                ("hour", "the forecast in the hour that costs most: processor time", "s", 1e9),
+                ("weeks", "answering with the weeks of a port", "ms", 1e6),
+                ("written", "512 idle ports of one lane: bytes written a minute", "KiB", 1024 * a_day),
+                ("syncs", "512 idle ports of one lane: syncs a minute", "", a_day)):
+            self.add(f"history {key}", title, unit, "history", figures.pop(0) / scale)
+        self.launcher.end(program)
+
     def idle_cost(self):
         server = Tesk(self.launcher, SERVER_CORE)
         held = {}

@@ -125,6 +125,15 @@ def details_goals(series):
     yield at_most(series["falls burst"].title, series["falls burst"].value("details"), 20, "ms")
 
 
+def history_goals(series):
+    if "history size" not in series:
+        return
+    for key, limit in (("size", 256), ("memory", 32), ("hour", 1), ("weeks", 20), ("written", 40),
+                       ("syncs", 1)):
+        each = series[f"history {key}"]
+        yield at_most(f"history: {each.title}", each.value("history"), limit, each.unit)
+
+
 def linux_goals(series):
     if "linux event" not in series:
         return
@@ -139,7 +148,7 @@ def linux_goals(series):
 
 def all_goals(series):
     for goals in (floor_goals, redis_goals, peer_goals, growth_goals, cost_goals, exporter_goals,
-                  details_goals, linux_goals):
+                  details_goals, history_goals, linux_goals):
         yield from goals(series)
     if test := series.get("trace test"):
         yield at_most(test.title, test.value(Tesk.name), 3, "instructions")
@@ -249,6 +258,12 @@ def table_of_details(series):
               for each in series.values() if each.key.startswith("details"))]
 
 
+def table_of_history(series):
+    return [["", "history"],
+            *([each.title, with_unit(each.value("history"), each.unit)]
+              for each in series.values() if each.key.startswith("history"))]
+
+
 def table_of_linux(series):
     """The reference is a bare listener, few flaps, or the simulated board."""
     return [["", "reference", "Linux board", "ratio"],
@@ -280,6 +295,7 @@ def sections(bench):
     yield "Traces", table_of_traces(series)
     yield f"The exporter with {exporter.PORTS} ports", table_of_exporter(series)
     yield "The details of 512 ports, 8 lanes each", table_of_details(series)
+    yield "The history of 512 ports, 8 lanes each", table_of_history(series)
     yield "The board library for Linux", table_of_linux(series)
     yield "Goals", table_of_goals(all_goals(series))
 

@@ -56,6 +56,8 @@ struct reading {
     std::string_view serial; /* empty: unknown */
     double temperature_c, voltage_v;
     std::span<const lane_reading> lanes;
+    /* Of weeks ago, taken in after a start: looked at once a day, not each three hours. */
+    bool is_past = false;
 };
 
 enum class change : uint8_t { raised, changed, withdrawn, notice };

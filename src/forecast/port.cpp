@@ -46,7 +46,7 @@ class port_state
         last_row_ = *now;
         const int64_t block = *now / block_seconds;
         if (block > block_)
-            close_blocks(block, next.time, reports);
+            close_blocks(block, next, reports);
         if (!next.has_module) {
             note_event();
             return;
@@ -90,7 +90,7 @@ class port_state
         serial_ = serial.substr(0, 64);
     }
 
-    void close_blocks(int64_t block, int64_t time, std::vector<report> &reports)
+    void close_blocks(int64_t block, const reading &next, std::vector<report> &reports)
     {
         const int64_t ended = block_;
         const int64_t first = std::max(ended, block - kept_blocks);
@@ -99,11 +99,11 @@ class port_state
                 if (of)
                     of->values.close(each, temperatures());
         block_ = block;
-        if (first != ended)
+        if (first != ended || (next.is_past && ended % blocks_a_day != 0))
             return;
         for (auto &of : tracked_)
             if (of)
-                of->notices.evaluate(of->values, temperatures(), ended, time, reports);
+                of->notices.evaluate(of->values, temperatures(), ended, next.time, reports);
     }
 
     const block_ring &temperatures() const

@@ -11,6 +11,8 @@ namespace history
 {
 
 static constexpr int64_t write_pause = 60; /* one fsync a minute at most, for the sake of flash */
+/* A batch that fails costs more the larger it is; a disk that stays full must cost nothing. */
+static constexpr int64_t longest_write_pause = 900;
 static constexpr int64_t try_pause = 60;
 static constexpr int64_t checkpoint_pause = 3600;
 static constexpr unsigned most_events_at_once = 32; /* of a port, in one batch */
@@ -244,6 +246,7 @@ void chronicle::write(const clocks &now)
     next_write_ = now.boot + write_pause;
     try {
         store_->write(pending_, time_->at(now.boot));
+        write_pause_ = 0;
         pending_ = {};
         touched_.clear();
         if (!write_trouble_.empty())
@@ -254,6 +257,8 @@ void chronicle::write(const clocks &now)
             store_->checkpoint();
         }
     } catch (const database_error &error) {
+        write_pause_ = std::clamp(2 * write_pause_, write_pause, longest_write_pause);
+        next_write_ = now.boot + write_pause_;
         failed(error);
     }
 }

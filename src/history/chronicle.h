@@ -4,7 +4,8 @@
    function throws but for exhausted memory.
 
    What a store doesn't take, as with a full disk, stays in memory (two days of rows at most) and is
-   written when it can be. */
+   written when it can be: a write that fails is tried again after a minute, then after twice as
+   long each time, up to a quarter of an hour. */
 #pragma once
 
 #include "history/store.h"
@@ -114,6 +115,7 @@ class chronicle
     batch pending_;
     int64_t next_id_ = 1, step_ = 0;
     int64_t next_try_ = INT64_MIN, next_write_ = 0, next_checkpoint_ = 0;
+    int64_t write_pause_ = 0; /* 0: the last write succeeded */
 };
 
 } // namespace history

@@ -279,9 +279,14 @@ void history_keeper::look_ahead(const history::clocks &now)
         forecasts_.clear();
         return;
     }
-    if (!std::exchange(is_restored_, true))
-        outlooks_.restore(chronicle_);
-    else if (!std::exchange(has_steps_, false) && now.boot < next_look_)
+    if (!is_restored_) {
+        const auto must_stop = [this] { return thread_.must_stop(); };
+        if (!must_stop())
+            outlooks_.restore(chronicle_, must_stop);
+        if (must_stop())
+            return; /* what was taken in only in part withdraws nothing */
+        is_restored_ = true;
+    } else if (!std::exchange(has_steps_, false) && now.boot < next_look_)
         return;
     next_look_ = now.boot + longest_look_pause;
     for (const outlooks::news &each : outlooks_.settle(chronicle_, now))

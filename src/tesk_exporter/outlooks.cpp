@@ -12,6 +12,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 
 namespace exporter
 {
@@ -108,7 +109,8 @@ void outlooks::know_limits(history::chronicle &kept, uint32_t port, const module
     kept.announce({id, limits_key, text});
 }
 
-void outlooks::feed(const history::place &of, int64_t time, const history::record &read)
+void outlooks::feed(const history::place &of, int64_t time, const history::record &read,
+                    bool is_past)
 {
     const auto lanes = lanes_of(read.middle);
     if (lanes.empty())
@@ -129,7 +131,8 @@ void outlooks::feed(const history::place &of, int64_t time, const history::recor
                    .serial = of.serial,
                    .temperature_c = value_at(read.middle, 0),
                    .voltage_v = value_at(read.middle, 1),
-                   .lanes = lanes},
+                   .lanes = lanes,
+                   .is_past = is_past},
                   reports);
     for (const forecast::report &told : reports)
         if (told.what == forecast::change::withdrawn)
@@ -158,7 +161,7 @@ static std::string key_text(int lane, forecast::quantity value)
 }
 
 /* Hours where steps are gone, then steps. */
-void outlooks::restore(history::chronicle &kept)
+void outlooks::restore(history::chronicle &kept, const std::function<bool()> &must_stop)
 {
     ports_.clear();
     active_.clear();
@@ -173,12 +176,17 @@ void outlooks::restore(history::chronicle &kept)
         return history::level_length[of] * history::level_seconds[of];
     };
     const int64_t end = kept.time().start(), first_step = end - length(history::STEPS);
+    int64_t present = 0; /* the number of the rows that come; thousands of rows have the same */
+    bool is_over = false;
     const auto take = [&](history::level of) {
-        return [this, &kept, of](int64_t number, int64_t id, const history::record &read) {
+        return [&, of](int64_t number, int64_t id, const history::record &read) {
+            if (std::exchange(present, number) != number)
+                is_over = is_over || must_stop();
             const auto place = kept.places().find(id);
-            const int64_t middle = of == history::HOURS ? history::level_seconds[of] / 2 : 0;
-            if (place != kept.places().end())
-                feed(place->second, number * history::level_seconds[of] + middle, read);
+            const bool is_past = of == history::HOURS;
+            const int64_t middle = is_past ? history::level_seconds[of] / 2 : 0;
+            if (place != kept.places().end() && !is_over)
+                feed(place->second, number * history::level_seconds[of] + middle, read, is_past);
         };
     };
     const int64_t hour = history::level_seconds[history::HOURS],

@@ -14,6 +14,7 @@
 #include "history/chronicle.h"
 
 #include <array>
+#include <functional>
 #include <map>
 #include <string>
 #include <tuple>
@@ -50,10 +51,13 @@ class outlooks
        the weeks before any module is read. */
     void know_limits(history::chronicle &kept, uint32_t port, const module_limits &own);
 
-    /* Forgets all, and takes in what the history has. */
-    void restore(history::chronicle &kept);
-    /* A step has ended. */
-    void feed(const history::place &of, int64_t time, const history::record &read);
+    /* Forgets all, and takes in what the history has: 25 s with 512 ports of 8 lanes. Ends early
+       once must_stop() is true. */
+    void restore(
+        history::chronicle &kept, const std::function<bool()> &must_stop = [] { return false; });
+    /* A step has ended; or an hour, which was weeks ago. */
+    void feed(const history::place &of, int64_t time, const history::record &read,
+              bool is_past = false);
     /* To be called after steps, and each hour: what has changed since, which the history records,
        too. */
     std::vector<news> settle(history::chronicle &kept, const history::clocks &now);
