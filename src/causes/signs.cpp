@@ -231,7 +231,7 @@ static bool has_become_too_weak(const facts &seen)
 
 sign has_faded(const facts &seen)
 {
-    if (has_become_too_weak(seen))
+    if (seen.rx_lost_before.value_or(0) < much_loss && has_become_too_weak(seen))
         return {answer::yes,
                 fmt::format("The weakest lane receives {:.1f} dBm, before the fall {:.1f} dBm; its "
                             "limit is {:.1f} dBm.",
