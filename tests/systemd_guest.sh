@@ -102,10 +102,16 @@ killed_units_come_back() {
     check "and an insertion" await has_module
     check "what it hands on is its own" says "700 " owner_of /run/private/tesk-module-reader-known
     ip link set wan name cage0
+    ip link set cage0 up
+    echo 1 >$cage/carrier
+    check "a link comes up" await says "0     operational" teskctl status 0
+    echo 0 >$cage/carrier
+    check "and falls" await says cage0 teskctl why 0
     server=$(process_of tesk-server)
     kill -9 "$server"
     check "the server is started anew" await is_another tesk-server "$server"
     check "and has the module" await has_module
+    check "and the fall" says cage0 teskctl why 0
 }
 
 units_stop() {
