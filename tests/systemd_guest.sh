@@ -74,6 +74,15 @@ ports_come_to_life() {
     check "the exporter sees the port" await says 'interface="cage0"' metrics
 }
 
+watch_sees_a_pull() {
+    member teskctl --json watch --sfp 0 --count 2 >/tmp/watch &
+    check "a watch has begun" await test -s /tmp/watch
+    echo 0 >$cage/present
+    check "teskctl watch says that the module was pulled" await grep -q '"module":"not present"' /tmp/watch
+    echo 1 >$cage/present
+    check "and it is back" await has_module
+}
+
 # One switch for the option and the unit's filter, and a line where there is only the option.
 other_machines() {
     ip address add 192.0.2.7/32 dev lo
@@ -134,6 +143,7 @@ no_trace() { [ -z "$(find /etc /run /usr /var -iname '*tesk*')" ]; }
 units_are_up
 numbers_without_a_configuration
 ports_come_to_life
+watch_sees_a_pull
 other_machines
 killed_units_come_back
 units_stop
