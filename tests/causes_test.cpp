@@ -208,11 +208,15 @@ TEST(causes, two_ends_tell_more_as_far_as_their_clocks_allow)
         causes::side side;
         bool is_known, here_first;
     } rows[] = {
-        {dark, R"("set_down": true, "time": 999)", "set down", side::remote, true, false},
-        {dark, R"("set_down": true, "time": 1000.015)", "set down", side::remote, false, true},
+        {dark, R"("set_down": true, "time": 997)", "set down", side::remote, true, false},
+        {dark, R"("set_down": true, "time": 1001.9)", "set down", side::remote, false, true},
         {dark, R"("set_down": true, "time": 1003)", "light lost", side::between, true, true},
-        {dark, R"("bias_after": [0, 0, 0, 0], "time": 999)", "laser dark", side::remote, true,
+        {dark, R"("bias_after": [0, 0, 0, 0], "time": 997)", "laser dark", side::remote, true,
          false},
+        {dark, R"("bias_after": [8, 8, 8, 0], "time": 997)", "light lost", side::unknown, true,
+         false},
+        {dark, R"("clock_error_s": null, "set_down": true, "time": 900)", "light lost",
+         side::unknown, false, false},
         {dark, R"("clock_error_s": null)", "light lost", side::between, false, false},
         {dark, R"("set_down": true, "time": 900)", "light lost", side::unknown, false, false},
         {R"("serial_after": "B")", R"("set_down": true)", "module replaced", side::local, false,

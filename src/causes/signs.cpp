@@ -218,6 +218,17 @@ sign is_laser_dark(const facts &seen)
     return seen.bias_after || seen.tx_after ? sign{answer::no, ""} : sign{};
 }
 
+bool is_laser_on(const facts &seen)
+{
+    const auto is_all_over = [](const by_lane &lanes, double least) {
+        return std::ranges::all_of(lanes.value(), [&](double value) { return value > least; });
+    };
+    return (seen.tx_after || seen.bias_after) &&
+           (!seen.tx_after || is_all_over(seen.tx_after, dark)) &&
+           (!seen.bias_after || is_all_over(seen.bias_after, no_bias)) &&
+           (!seen.tx_off_after || count_on(*seen.tx_off_after) == 0);
+}
+
 /* Light that was near its limit, and is a little below it now. */
 static bool has_become_too_weak(const facts &seen)
 {
@@ -331,6 +342,15 @@ sign is_light_missing(const facts &seen)
     const bool is_told = seen.rx_los_after && count_on(*seen.rx_los_after) > 0;
     return {to_answer(is_weak || is_told),
             "Light is missing at the first look after it: it may have been lost before."};
+}
+
+sign has_other_fault(const facts &seen)
+{
+    for (const auto shown :
+         {is_module_gone, has_module_failed, has_tx_fault, says_far_side_deaf, has_no_lock})
+        if (const sign its = shown(seen); its.is == answer::yes)
+            return {answer::yes, its.sentence + " That may have been before."};
+    return {answer::no, ""};
 }
 
 sign says_far_side_deaf(const facts &seen)

@@ -34,11 +34,14 @@ sign says_module_failed(const facts &seen);
 sign says_module_hot(const facts &seen);
 sign has_tx_fault(const facts &seen);
 sign is_laser_dark(const facts &seen);
+bool is_laser_on(const facts &seen); /* of each lane, and known */
 sign has_faded(const facts &seen);
 sign is_all_dark(const facts &seen);
 sign is_one_lane_dark(const facts &seen);
 sign is_light_there(const facts &seen);
 sign is_light_missing(const facts &seen); /* on some lane */
+/* Of the module or the other end; never unknown. */
+sign has_other_fault(const facts &seen);
 sign says_far_side_deaf(const facts &seen);
 sign has_no_lock(const facts &seen);
 sign have_errors_risen(const facts &seen);

@@ -46,7 +46,7 @@ static constexpr rule rules[] = {
      certainty::certain,
      {was_set_down},
      {has_moved, was_unbound, was_removed, was_reset},
-     {is_light_missing}},
+     {is_light_missing, has_other_fault}},
     {cause::interface_moved,
      side::local,
      layer::administration,
@@ -347,25 +347,32 @@ verdict judge(const facts &seen)
 /* The two ends of a link notice a fall within a second or two. */
 static constexpr double longest_apart = 30;
 
+/* The kernel tells of a lost carrier up to a second late, at each end. */
+static constexpr double longest_hold = 1.1;
+
 static order order_of(const facts &here, const facts &there)
 {
     order who;
+    who.is_one_fall = !here.time || !there.time ||
+                      std::abs(*here.time - *there.time) <= longest_apart +
+                                                                here.clock_error_s.value_or(0) +
+                                                                there.clock_error_s.value_or(0);
     if (!here.time || !there.time || !here.clock_error_s || !there.clock_error_s) {
         who.sentence = "Who fell first isn't known: a time or the bound of a clock is missing.";
         return who;
     }
     const double apart = *here.time - *there.time,
-                 bound = *here.clock_error_s + *there.clock_error_s;
-    who.is_one_fall = std::abs(apart) <= bound + longest_apart;
+                 bound = *here.clock_error_s + *there.clock_error_s + 2 * longest_hold;
     who.is_known = std::abs(apart) > bound;
     who.here_first = apart < 0;
     who.sentence =
         who.is_known
-            ? fmt::format("{} end fell first, by {:.3f} s; the clocks are right within {:.3f} s.",
-                          who.here_first ? "This" : "The other", std::abs(apart), bound)
+            ? fmt::format(
+                  "{} end fell first, by {:.3f} s; clocks and messages are right within {:.3f} s.",
+                  who.here_first ? "This" : "The other", std::abs(apart), bound)
             : fmt::format(
-                  "Who fell first isn't known: {:.3f} s lie between, and the clocks are right "
-                  "within {:.3f} s.",
+                  "Who fell first isn't known: {:.3f} s lie between, and clocks and messages are "
+                  "right within {:.3f} s.",
                   std::abs(apart), bound);
     return who;
 }
@@ -397,7 +404,7 @@ verdict judge_both(const facts &here, const facts &there, order &who)
         made.layer = other.layer;
         made.certainty = std::min(other.certainty, certainty::likely);
         made.evidence.insert(made.evidence.begin(), "At the other end: " + other.evidence.front());
-    } else if (made.cause == cause::light_lost && is_laser_dark(there).is == answer::no) {
+    } else if (made.cause == cause::light_lost && is_laser_on(there)) {
         made.side = side::between;
         made.evidence.emplace_back("The other end's laser is on: its light is lost on the way.");
     } else {

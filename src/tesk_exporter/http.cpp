@@ -327,8 +327,9 @@ void http_server::take_answers(steady_time now)
     }
     for (auto &[http, waiting] : waiting_) {
         if (waiting.answer.status == 0 && now >= waiting.deadline)
-            waiting.answer = {waiting.id, MHD_HTTP_SERVICE_UNAVAILABLE,
-                              "the history doesn't answer: its disk is slow"};
+            waiting.answer = {
+                waiting.id, MHD_HTTP_SERVICE_UNAVAILABLE,
+                "the history doesn't answer yet: it is read after a start, or its disk is slow"};
         if (waiting.answer.status != 0 && std::exchange(waiting.from->is_waiting, false))
             MHD_resume_connection(http);
     }

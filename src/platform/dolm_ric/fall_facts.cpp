@@ -63,6 +63,14 @@ static void take_errors(const dolm_ric_details_record &record, module_sample &it
     }
 }
 
+static int64_t oldest_of(const dolm_ric_details_lane &lane)
+{
+    int64_t oldest = INT64_MAX;
+    for (const dolm_ric_details_value &one : lane.value)
+        oldest = std::min(oldest, one.state == DOLM_RIC_VALUE_VALID ? one.read_at : INT64_MAX);
+    return oldest;
+}
+
 int64_t values_read_at(const dolm_ric_details_record &record)
 {
     int64_t last = 0;
@@ -82,7 +90,7 @@ const char *serial_in(const dolm_ric_details_record &record)
 module_sample sample_of(const dolm_ric_details_record &record)
 {
     module_sample its;
-    its.at = values_read_at(record);
+    its.at = its.lanes_at = values_read_at(record);
     its.presence = record.presence;
     set_text(its.serial, sizeof(its.serial), serial_in(record), sizeof(its.serial));
     if (record.identity.state == DOLM_RIC_VALUE_VALID) {
@@ -97,8 +105,10 @@ module_sample sample_of(const dolm_ric_details_record &record)
     if (light.state == DOLM_RIC_VALUE_VALID && light.low_alarm > 0)
         its.rx_low_alarm = dbm_of(light.low_alarm);
     for (uint32_t lane = 0; lane < record.lane_count; lane++)
-        if ((record.own_lanes >> lane & 1) != 0)
+        if ((record.own_lanes >> lane & 1) != 0) {
             its.lane_of[its.lane_count++] = read_lane(record.lane[lane]);
+            its.lanes_at = std::min(its.lanes_at, oldest_of(record.lane[lane]));
+        }
     take_errors(record, its);
     return its;
 }

@@ -33,6 +33,7 @@ struct module_sample {
     causes::number temperature, temperature_high_alarm, rx_low_alarm, errors, errors_limit;
     std::array<lane, DOLM_RIC_DETAILS_LANES> lane_of = {};
     size_t lane_count = 0; /* those of the port */
+    int64_t lanes_at = 0;  /* when the oldest value of theirs was read */
 
     std::span<const lane> lanes() const
     {

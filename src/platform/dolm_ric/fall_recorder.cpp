@@ -41,8 +41,8 @@ static constexpr int64_t burst_gap = 10 * second, longest_burst = minute;
 static constexpr int64_t together = second;
 
 /* An interface is set down in the same run of the kernel in which it is removed or moved. What
-   comes later was another deed. */
-static constexpr int64_t same_deed = 250 * ms;
+   comes a little later may have been another deed, what comes later still was one. */
+static constexpr int64_t same_deed = 250 * ms, longest_deed = 750 * ms;
 
 /* When a link that is up again is looked at, and when its record is closed. */
 static constexpr int64_t risen_after = 3 * second, closed_after = 10 * second;
@@ -112,8 +112,9 @@ void fall_recorder::hear(uint32_t port, departure how)
         its->open->due = now_();
         return changed_.notify_one();
     }
-    const bool is_same_deed = now_() - its->open->last_at <= same_deed;
-    its->open->left = is_same_deed ? how : departure::unknown;
+    const int64_t after = now_() - its->open->last_at;
+    its->open->left = after <= longest_deed ? how : departure::unknown;
+    its->open->is_exact &= after <= same_deed;
 }
 
 void fall_recorder::leave_out(uint32_t port)
@@ -314,8 +315,8 @@ void fall_recorder::take_look(fall &open, module_sample found)
 {
     if (found.at < open.last_at)
         return;
-    if (open.lanes != 0 && found.lane_count != open.lanes)
-        found.lane_count = 0;
+    if ((open.lanes != 0 && found.lane_count != open.lanes) || found.lanes_at < open.last_at)
+        found.lane_count = 0; /* or they were read before it */
     open.lanes = std::max(open.lanes, found.lane_count);
     bool is_news = tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
     if (open.up_at != 0 && found.at >= open.up_at + risen_after && !open.is_seen_again) {
@@ -351,7 +352,8 @@ void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &
         const bool has_fallen = std::ranges::any_of(
             other.falls, [&](int64_t at) { return std::abs(at - open.at) <= together; });
         const bool was_set_down = std::abs(other.set_down_at - open.at) <= together;
-        if (number == port || was_set_down || (!has_fallen && other.up_since == 0))
+        const bool was_up = other.up_since != 0 && other.up_since <= open.at;
+        if (number == port || was_set_down || (!has_fallen && !was_up))
             continue;
         (has_fallen ? fell : stayed)[is_same]++;
     }

@@ -43,9 +43,6 @@ static constexpr std::chrono::seconds round_interval{30};
 static constexpr int datagrams_at_once = 256;
 static constexpr int questions_at_once = 16;
 
-/* The kernel's link watch runs once a second; some time for its thread to get the kernel's lock. */
-static constexpr std::chrono::milliseconds longest_hold{1500};
-
 /* With more notices than these in one go there are better things to do than to ask for speeds. */
 static constexpr int notices_of_a_storm = 16;
 
@@ -120,7 +117,6 @@ void link_follower::take_out(uint32_t port)
 void link_follower::start()
 {
     notices_.join(RTNLGRP_LINK);
-    noticed_at_ = std::chrono::steady_clock::now(); /* what was told before isn't known */
     read_all();
     listener_.reports_taken();
     thread_.start("dolm-ric-links", [this] { run(); });
@@ -207,11 +203,7 @@ void link_follower::take(const netlink::message &notice)
     const auto report = parse_link(notice);
     if (!report)
         return;
-    const auto now = std::chrono::steady_clock::now();
-    const bool is_prompt = now - std::exchange(noticed_at_, now) > longest_hold;
-    take_report(*report, is_behind_  ? link_table::origin::late_notice
-                         : is_prompt ? link_table::origin::prompt_notice
-                                     : link_table::origin::notice);
+    take_report(*report, is_behind_ ? link_table::origin::late_notice : link_table::origin::notice);
 }
 
 /* The port is noted as reported before its event is queued, so that the read which this event

@@ -108,7 +108,6 @@ class link_follower
     std::set<int32_t> speeds_wanted_;
     link_table::time_point speeds_due_ = {};
     link_table::time_point round_due_ = {};
-    link_table::time_point noticed_at_ = {}; /* the last notice about any interface */
     std::set<int32_t> fecs_wanted_;
     bool is_reading_due_ = false; /* of all interfaces */
     bool is_behind_ = false;      /* messages were lost since all interfaces were read */

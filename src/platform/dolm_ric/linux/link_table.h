@@ -59,11 +59,8 @@ struct link_speed {
 };
 
 /* A notice was sent by the kernel of its own accord and may be older than an answer, which is
-   always the state of that moment. Before a late notice others were lost. The kernel holds a
-   message about a carrier back for up to a second after one about any interface: of two things that
-   happened within it a notice may tell at once. Before a prompt notice there was none for longer.
- */
-enum class report_origin : uint8_t { prompt_notice, notice, late_notice, answer };
+   always the state of that moment. Before a late notice others were lost. */
+enum class report_origin : uint8_t { notice, late_notice, answer };
 
 /* Called in the thread that passes the reports in. */
 struct link_listener {

@@ -340,10 +340,11 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
 void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_t falls,
                                 uint32_t rises, report_origin from)
 {
-    const bool is_prompt = from == report_origin::prompt_notice;
-    const bool is_told = is_prompt || from == report_origin::notice;
+    const bool is_told = from == report_origin::notice;
+    /* The kernel holds a lost carrier back for up to a second, and may tell it with another deed.
+     */
     falls_.hear(number, {.is_told = is_told,
-                         .is_exact = is_prompt || (is_told && falls == 0),
+                         .is_exact = is_told && falls == 0,
                          .device = board::device_of(now.parent)});
     details_.update(number, [&](dolm_ric_details_record &record) {
         take_link_report(now, falls, rises, board::details_time(), record);
