@@ -13,7 +13,14 @@ namespace history
 static constexpr uint8_t has_errors = 0x80;
 static constexpr size_t head_size = 2;
 
-static constexpr double steps[] = {0.01, 0.0002, 0.002, 0.002, 0.01, 0.001}; /* by measure */
+/* By measure. */
+static constexpr decimal_step steps[] = {{1, 2}, {2, 4}, {2, 3}, {2, 3}, {1, 2}, {1, 3}};
+static constexpr double powers_of_ten[] = {1, 10, 100, 1000, 10'000};
+
+decimal_step step_of(measure what)
+{
+    return steps[static_cast<size_t>(what)];
+}
 
 measure measure_at(size_t index)
 {
@@ -28,7 +35,8 @@ int16_t stored(measure what, double value)
 {
     if (!std::isfinite(value))
         return absent;
-    const double number = value / steps[static_cast<size_t>(what)];
+    const decimal_step step = step_of(what);
+    const double number = value * powers_of_ten[step.places] / step.multiple;
     return static_cast<int16_t>(std::lround(std::clamp(number, -32767.0, 32767.0)));
 }
 
@@ -36,7 +44,8 @@ double value_of(measure what, int16_t kept)
 {
     if (kept == absent)
         return std::numeric_limits<double>::quiet_NaN();
-    return kept * steps[static_cast<size_t>(what)];
+    const decimal_step step = step_of(what);
+    return kept * step.multiple / powers_of_ten[step.places];
 }
 
 static bool is_error(size_t index)

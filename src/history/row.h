@@ -34,6 +34,11 @@ inline constexpr int16_t absent = INT16_MIN;
 inline constexpr uint8_t unknown_share = 255;
 
 measure measure_at(size_t index);
+/* A value is kept as a number of these: `multiple` of the last of so many decimal places. */
+struct decimal_step {
+    int multiple, places;
+};
+decimal_step step_of(measure what);
 /* Not a number, as the logarithm of no light is, becomes `absent`, and back. */
 int16_t stored(measure what, double value);
 double value_of(measure what, int16_t kept);

@@ -6,7 +6,9 @@
 #include "tools/common/json_records.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <fmt/format.h>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -42,18 +44,30 @@ static json_object until(const history::chronicle &kept, const history::place &i
     return is_present(kept, in) ? json_object(nullptr) : json_object(kept.time().wall_of(in.last));
 }
 
+/* Weeks have over a hundred thousand numbers, and a double takes many times longer. */
+static void append_decimal(std::string &text, int value, size_t places)
+{
+    char digits[16];
+    const auto size = static_cast<size_t>(
+        std::to_chars(std::begin(digits), std::end(digits), std::abs(value)).ptr - digits);
+    const size_t whole = size - std::min(size, places);
+    text += value < 0 ? "-" : "";
+    text.append(whole == 0 ? "0" : digits, std::max<size_t>(whole, 1));
+    text += '.';
+    text.append(places - (size - whole), '0').append(digits + whole, size - whole);
+}
+
 /* As many places as the history keeps. */
 static void append_number(std::string &text, history::measure what, int16_t number)
 {
-    static constexpr int places[] = {2, 4, 3, 3, 2, 0};
-    const double value = history::value_of(what, number);
+    const history::decimal_step step = history::step_of(what);
     if (number == history::absent)
         text += "null";
     else if (what == history::measure::error_ratio)
-        fmt::format_to(std::back_inserter(text), "{:.3g}", std::pow(10, value));
+        fmt::format_to(std::back_inserter(text), "{:.3g}",
+                       std::pow(10, history::value_of(what, number)));
     else
-        fmt::format_to(std::back_inserter(text), "{:.{}f}", value,
-                       places[static_cast<size_t>(what)]);
+        append_decimal(text, number * step.multiple, static_cast<size_t>(step.places));
 }
 
 static void append_values(std::string &text, const char *key, const std::vector<point> &points,
