@@ -277,7 +277,7 @@ class Bench:
                 ("start", "taking the file in after a start: processor time", "s", 1e9),
                 ("memory", "the forecast's memory", "MiB", 2**20),
                 ("hour", "the forecast in the hour that costs most: processor time", "s", 1e9),
-                ("weeks", "answering with the weeks of a port", "ms", 1e6),
+                ("weeks", "answering with the weeks of a port: processor time", "ms", 1e6),
                 ("written", "512 idle ports of one lane: bytes written a minute", "KiB", 1024 * a_day),
                 ("syncs", "512 idle ports of one lane: syncs a minute", "", a_day)):
             self.add(f"history {key}", title, unit, "history", figures.pop(0) / scale)
