@@ -186,7 +186,7 @@ static void measure_idle(const std::string &folder, std::vector<int64_t> &figure
     history::chronicle kept({folder, limit, [](const std::string &text) { fail(text); }, nullptr});
     history::clocks now{present, 1000};
     int64_t bytes = 0;
-    for (int64_t step = 0; step < 3 * 288; step++) {
+    for (int64_t step = 0; step < int64_t{3} * 288; step++) {
         if (step == int64_t{2} * 288) { /* from now on rows leave, too */
             bytes = bytes_written();
             syncs = 0;
