@@ -117,11 +117,12 @@ show_progress() {
 }
 
 # A build that is made twice compiles once: that of tests/bare_root_test.sh is that of ./test. A cache that the
-# caller has set up serves as well.
+# caller has set up serves as well. What a precompiled header is in isn't cached: the compiler died of one that came
+# from the cache.
 use_compiler_cache() {
     [ -z "${CMAKE_CXX_COMPILER_LAUNCHER-}" ] || return 0
     export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
-    export CCACHE_DIR=$PWD/build/ccache CCACHE_SLOPPINESS=pch_defines,time_macros,locale
+    export CCACHE_DIR=$PWD/build/ccache CCACHE_SLOPPINESS=time_macros,locale
 }
 
 # configure_and_build PRESET [cmake option..] [--target TARGET..]: builds the targets, all by default.

@@ -7,6 +7,7 @@
 --write makes docs/page.png besides. The Python of Debian, for python3-selenium.
 """
 import contextlib
+import datetime
 import http.client
 import os
 import re
@@ -196,10 +197,10 @@ def falls_are_shown(board, page):
     page.go("port=6")
     page.shows("#fall-count", "No fall of the link in the last hour")
     board.play("set 6 link=up", "set 6 rxpower=0mW module_status=1 link=down")
-    page.shows("#fall-text", "light lost, likely. No light is received")
+    page.shows("#fall-text", "light lost, likely. The received light is gone")
     page.run("document.querySelector('#falls-part summary').focus()")
     page.press(Keys.ENTER)
-    page.shows("#falls", "light lost, likely. No light is received")
+    page.shows("#falls", "light lost, likely. The received light is gone")
     page.run("document.querySelector(`button[data-range='day']`).click()")
     page.shows("#fall-count", "One fall of the link in the last day")
     left = page.run("return parseFloat(document.querySelector('#fall-line span').style.left)")
@@ -311,6 +312,10 @@ def arrives_in_time(board, page):
     board.kill("teskctl")
 
 
+def time_in(text):
+    return datetime.datetime.strptime(text.rstrip(".").split(" at ")[1], "%H:%M:%S")
+
+
 def loss_is_told(board, page):
     assert page.text("#banner") == ""
     board.kill("tesk-server")
@@ -327,9 +332,12 @@ def loss_is_told(board, page):
     page.row_shows(6, "no module")
     board.kill("tesk-server")
     page.shows("#banner", "as they were at")
-    before = page.text("#banner").split("as they were")[1]
+    before = time_in(page.text("#banner"))
+    time.sleep(3)  # so that another time can't be taken for that one
     page.browser.refresh()
-    page.shows("#banner", before)  # that time, not the one at which the page was opened
+    page.shows("#banner", "as they were at")  # that time, not the one at which the page was opened
+    late = (time_in(page.text("#banner")) - before).total_seconds()
+    assert abs(late) < 2, late  # of the last answer, or of the loss that was noticed after it
 
 
 def fade(history, port):
