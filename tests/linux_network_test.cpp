@@ -9,6 +9,7 @@
 #include "testkit/texts.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
@@ -359,7 +360,7 @@ TEST_F(linux_server_test, what_is_done_to_a_pair_is_the_cause_at_the_end_where_i
     using deed = void (*)(testkit::network &, const std::string &here, const std::string &there);
     struct row {
         deed act;
-        std::string causes[2];
+        std::array<std::string, 2> causes;
     };
     const row set_down = {[](auto &at, auto &here, auto &) { at.start(here, false); },
                           {"set down", ""}};
