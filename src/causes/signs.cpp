@@ -364,7 +364,7 @@ sign has_no_lock(const facts &seen)
         return {answer::yes,
                 fmt::format("The module finds no clock in the signal of {} of {} lanes.",
                             count_on(*seen.rx_lol_after), seen.rx_lol_after->size())};
-    if (const sign said = driver_says(seen, {"Link logical mismatch", "Bad signal integrity"});
+    if (sign said = driver_says(seen, {"Link logical mismatch", "Bad signal integrity"});
         said.is == answer::yes)
         return said;
     return seen.rx_lol_after ? sign{answer::no, ""} : sign{};
