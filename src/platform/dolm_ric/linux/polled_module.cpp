@@ -16,8 +16,8 @@ namespace linux_board
 
 using namespace std::chrono_literals;
 
-static constexpr auto look_interval = 1000ms;
-static constexpr auto diagnostics_interval = 4s; /* the values are at most 5 s old */
+static constexpr std::chrono::milliseconds look_interval{1000};
+static constexpr std::chrono::seconds diagnostics_interval{4}; /* the values are at most 5 s old */
 
 /* A port whose readings cost much is read less often, so far that its values, which are given out
    for 15 s, don't get too old. */
@@ -25,8 +25,11 @@ static constexpr double most_look_pace = 5;
 static constexpr double most_diagnostics_pace = 3;
 static constexpr double most_slow_pace = 30;
 
-static constexpr auto unlikely_interval = 60s; /* for a port without a cage, or that only fails */
-static constexpr auto slow_interval = 10s; /* between two readings of a range that is read slowly */
+/* For a port without a cage, or that only fails. */
+static constexpr std::chrono::seconds unlikely_interval{60};
+
+/* Between two readings of a range that is read slowly. */
+static constexpr std::chrono::seconds slow_interval{10};
 
 static constexpr auto hint_spacing = 200ms; /* between two looks, however many hints come */
 static constexpr auto after_link_change = 500ms;
@@ -37,8 +40,8 @@ static constexpr uint32_t failures_when_broken = 5;
 
 /* A module is given up that fails for so long. Its port is looked at each second for a while then:
    a reset or an update of the firmware takes up to a minute. */
-static constexpr auto keep_time = 5s;
-static constexpr auto watch_time = 1min;
+static constexpr std::chrono::seconds keep_time{5};
+static constexpr std::chrono::minutes watch_time{1};
 
 static constexpr auto insertion_time = 300ms; /* modules need it before they answer reliably */
 static constexpr auto settle_time = 200ms;    /* as for links */
@@ -47,10 +50,11 @@ static constexpr auto reader_interval = 1s;
 static constexpr auto lost_time = 15s; /* a module that can't be read for so long isn't ready */
 /* A range that fails keeps what it gave before, up to that age: one failure loses nothing. Of one
    that is read slowly it is the pause between two readings and this. */
-static constexpr auto longest_kept = 15s;
-static constexpr auto time_to_repeat = 5s;
+static constexpr std::chrono::seconds longest_kept{15};
+static constexpr std::chrono::seconds time_to_repeat{5};
 static constexpr int fast_tries = 10;
 static constexpr int medium_tries = 12;
+static constexpr std::chrono::seconds medium_pause{5};
 
 /* A range that was refused is tried again after the first pause, and then after longer ones. */
 static constexpr auto first_pause = 1s;
@@ -506,7 +510,7 @@ void polled_module::retry_identity(duration patience)
     if (tries_ <= fast_tries)
         wait = confirm_time;
     else if (tries_ <= fast_tries + medium_tries)
-        wait = 5s;
+        wait = medium_pause;
     identity_due_ = shared_.now() + wait;
     if (tries_ < fast_tries || !old_identity_ || shared_.now() - identity_since_ < patience)
         return;
