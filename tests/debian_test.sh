@@ -16,7 +16,7 @@ scripts/build-packages >/dev/null
     scripts/build-packages "$again" >/dev/null)
 for package in "$built"/*.deb; do
     cmp -s "$package" "$again/${package##*/}" || {
-        timeout 120 diffoscope "$package" "$again/${package##*/}" | head -n 100 >&2
+        timeout 120 diffoscope "$package" "$again/${package##*/}" | head -n 100 >&2 || true
         fail "${package##*/} differs when it is built again"
     }
 done
