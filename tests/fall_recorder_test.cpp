@@ -424,7 +424,8 @@ TEST_F(fall_recorder_test, a_slow_driver_is_asked_last)
                              [this] { return now; });
     own.start(folder,
               {.fell =
-                   [&](uint32_t port, int64_t, causes::facts &) {
+                   [&](uint32_t port, const fall_recorder::up_time &its, causes::facts &) {
+                       EXPECT_GT(its.up_since, 0) << "it was up when it was seen first";
                        asked += std::to_string(port);
                        now += port == 0 ? second : 0;
                    },

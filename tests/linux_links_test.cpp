@@ -396,7 +396,7 @@ TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
     };
     const struct {
         const char *name;
-        double up_for;
+        int64_t up_since;
         std::vector<sample> samples;
         std::string told; /* blocks, seconds, error ratio */
     } minutes[] = {
@@ -408,9 +408,10 @@ TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
         {"none came until the fall", 500, {{950, 0, 9}, {990, 0, 9}, {1000, 0, 9}}, "0 40 0"},
         {"nor one that was told late", 500, {{950, 0, 9}, {999, 0, 500}, {1000, 0, 500}}, "- - -"},
         {"it began anew", 500, {{950, 50, 9}, {970, 10, 1}, {990, 60, 10}}, "- 40 -"},
-        {"it has just risen", 25, {{950, 0, 0}, {976, 0, 400}, {990, 0, 401}}, "- - -"},
+        {"it has just risen", 975, {{950, 0, 0}, {976, 0, 400}, {990, 0, 401}}, "- - -"},
         {"nobody has looked for long", 500, {{945, 0, 0}, {965, 0, 400}}, "- - -"},
         {"never", 500, {}, "- - -"},
+        {"nobody knows since when it was up", 0, {{950, 0, 9}, {990, 0, 12}}, "- - -"},
     };
     for (const auto &its : minutes) {
         std::vector<error_sample> samples;
@@ -422,10 +423,9 @@ TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
             samples.push_back(made);
         }
         causes::facts seen;
-        seen.up_for_s = its.up_for;
         seen.fec_before = "RS";
         seen.speed_before = 10000;
-        tell_counts_before(samples, 1000'000'000'000, seen);
+        tell_counts_before(samples, its.up_since * 1'000'000'000, 1000'000'000'000, seen);
         const auto text = [](const causes::number &value) {
             std::ostringstream made;
             value ? made << *value : made << "-";

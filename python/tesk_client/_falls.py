@@ -31,7 +31,7 @@ def judge_fall(facts: dict[str, Any]) -> dict[str, Any]:
 
     try:
         text = json.dumps(facts, allow_nan=False).encode()
-    except (TypeError, ValueError) as error:
+    except (TypeError, ValueError, RecursionError) as error:
         raise MisuseError(f"facts are texts, numbers, lists and truth values: {error}") from error
     result = c.library.tesk_client_judge_fall(text, c.FallJudgedCallback(take), None)
     if failures:

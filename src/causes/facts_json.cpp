@@ -3,6 +3,7 @@
 #include "causes/facts_json.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <fmt/format.h>
 #include <iterator>
@@ -102,6 +103,57 @@ static const row rows[] = {
     {"errors_again", &facts::errors_again, 0, 1},
     {"uncorrectable_again", &facts::uncorrectable_again},
 };
+
+/* Where the text that begins at a quotation mark ends. */
+static size_t end_of_text(std::string_view json, size_t begin)
+{
+    size_t at = begin + 1;
+    while (at < json.size() && json[at] != '"')
+        at += json[at] == '\\' ? 2 : 1;
+    return at;
+}
+
+/* Facts lie four levels deep, in objects of some dozens of keys. Deeper ones can't be shown within
+   the stack, and each key is compared with all others of its object. Whether it is JSON at all is
+   the parser's to say. */
+static void expect_bounds(std::string_view json)
+{
+    constexpr size_t deepest = 8, most_keys = 256, most_objects = size_t{2} * 32 * 1024 + 1;
+    std::array<size_t, deepest + 1> keys = {}; /* of the object on each level */
+    size_t level = 0, objects = 0;
+    const auto expect = [](size_t count, size_t most, const char *of_what) {
+        if (count > most)
+            throw facts_error(fmt::format("there are more than {} {}", most, of_what));
+    };
+    for (size_t i = 0; i < json.size(); i++)
+        switch (json[i]) {
+        case '"':
+            i = end_of_text(json, i);
+            break;
+        case '{':
+            expect(++objects, most_objects, "objects");
+            [[fallthrough]];
+        case '[':
+            expect(++level, deepest, "levels of brackets");
+            keys[level] = 0;
+            break;
+        case '}':
+        case ']':
+            level -= std::min<size_t>(level, 1);
+            break;
+        case ':':
+            expect(++keys[level], most_keys, "keys in an object");
+            break;
+        default:
+            break;
+        }
+}
+
+json parse_facts(std::string_view written)
+{
+    expect_bounds(written);
+    return json::parse(written);
+}
 
 /* The beginning is enough to find it. */
 static std::string shown(const json &value)

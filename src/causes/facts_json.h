@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
 
 namespace causes
 {
@@ -18,6 +19,11 @@ class facts_error : public std::runtime_error
     using std::runtime_error::runtime_error;
 };
 
+/* A text with facts of one fall or of many, for facts_from(). Parses only what a machine can have,
+   32 falls of each of 1024 ports, each with its verdict: throws facts_error for a text with more or
+   deeper objects, which could take hours or the stack, and a json::exception for one that is none.
+ */
+nlohmann::ordered_json parse_facts(std::string_view written);
 /* Throws facts_error for a key that isn't known, a value of another type or out of its range, lists
    of different lengths, or no object. */
 facts facts_from(const nlohmann::ordered_json &object);

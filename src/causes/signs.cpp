@@ -175,8 +175,10 @@ sign says_module_failed(const facts &seen)
 /* A module that is too hot by its own limit switches itself off. */
 sign is_module_hot(const facts &seen)
 {
-    if (!seen.temperature_before || seen.temperature_high_alarm.value_or(0) <= no_limit)
-        return says_module_hot(seen).is == answer::yes ? says_module_hot(seen) : sign{};
+    if (!seen.temperature_before || seen.temperature_high_alarm.value_or(0) <= no_limit) {
+        sign said = says_module_hot(seen);
+        return said.is == answer::yes ? said : sign{};
+    }
     return {to_answer(*seen.temperature_before >= *seen.temperature_high_alarm),
             fmt::format("The module had {:.1f} degrees Celsius; its alarm limit is {:.1f}.",
                         *seen.temperature_before, *seen.temperature_high_alarm)};

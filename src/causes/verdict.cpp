@@ -353,16 +353,15 @@ static constexpr double longest_hold = 1.1;
 static order order_of(const facts &here, const facts &there)
 {
     order who;
-    who.is_one_fall = !here.time || !there.time ||
-                      std::abs(*here.time - *there.time) <= longest_apart +
-                                                                here.clock_error_s.value_or(0) +
-                                                                there.clock_error_s.value_or(0);
-    if (!here.time || !there.time || !here.clock_error_s || !there.clock_error_s) {
-        who.sentence = "Who fell first isn't known: a time or the bound of a clock is missing.";
+    who.sentence = "Who fell first isn't known: a time or the bound of a clock is missing.";
+    if (!here.time || !there.time)
         return who;
-    }
     const double apart = *here.time - *there.time,
-                 bound = *here.clock_error_s + *there.clock_error_s + 2 * longest_hold;
+                 clocks = here.clock_error_s.value_or(0) + there.clock_error_s.value_or(0),
+                 bound = clocks + 2 * longest_hold;
+    who.is_one_fall = std::abs(apart) <= longest_apart + clocks;
+    if (!here.clock_error_s || !there.clock_error_s)
+        return who;
     who.is_known = std::abs(apart) > bound;
     who.here_first = apart < 0;
     who.sentence =

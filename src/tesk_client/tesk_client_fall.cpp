@@ -25,7 +25,7 @@ outcome judge_fall(const char *facts, tesk_client_fall_judged judged, void *user
     if (strnlen(facts, largest_facts + 1) > largest_facts)
         return refusal("the facts of a fall have at most 64 KiB");
     try {
-        const causes::facts seen = causes::facts_from(json::parse(facts));
+        const causes::facts seen = causes::facts_from(causes::parse_facts(facts));
         const json verdict = causes::json_of(seen, causes::judge(seen), nullptr);
         judged(verdict.dump(-1, ' ', false, json::error_handler_t::replace).c_str(), user);
         return {};

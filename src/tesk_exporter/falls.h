@@ -98,7 +98,7 @@ class fall_log
     std::deque<fall_fact> newest_;
 };
 
-/* "link fell: light lost, likely: No light is received .." */
+/* "link fell: light lost, likely: The received light is gone .." */
 std::string describe(const recorded_fall &fall);
 
 /* The body of /api/falls for one port, from its file. Throws a tool_error. */

@@ -252,6 +252,12 @@ def test_falls_are_judged_as_by_teskctl(server, tmp_path):
         tesk.falls(3, tmp_path / "none")
     with pytest.raises(tesk.MisuseError, match="rx_after"):
         tesk.judge_fall({"rx_after": 1})
+    nested = []
+    for _ in range(100_000):
+        nested = [nested]
+    for facts in {"port": [[[[[[[[[]]]]]]]]]}, {"port": nested}:
+        with pytest.raises(tesk.MisuseError):
+            tesk.judge_fall(facts)
 
 
 def without_ages(value):

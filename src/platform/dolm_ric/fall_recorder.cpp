@@ -212,6 +212,7 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     its.open = std::make_shared<fall>();
     fall &made = *its.open;
     made.at = made.due = at;
+    made.up_since = its.up_since;
     made.is_told = its.news.is_told;
     made.is_exact = its.news.is_exact;
     made.left = its.left;
@@ -443,14 +444,14 @@ static void take_asked(const causes::facts &asked, causes::facts &seen)
 void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
 {
     const fall &before = *ports_.at(port).open;
-    const int64_t at = before.at;
+    const int64_t at = before.at, up_since = before.up_since;
     const bool is_last = before.looks + 1 == std::size(looks_at);
     causes::facts asked = before.seen;
     guard.unlock();
     tell_clock(asked);
     const int64_t began_at = now_();
     if (look_.fell)
-        look_.fell(port, at, asked);
+        look_.fell(port, {up_since, at}, asked);
     const bool is_slow = now_() - began_at > slow_look;
     guard.lock();
     port_watch &its = ports_.at(port);

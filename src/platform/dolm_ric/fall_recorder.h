@@ -50,11 +50,17 @@ struct fall_rules {
 class fall_recorder
 {
   public:
-    /* Brings what a board knows beside the details into the facts, on the thread. */
-    using looker = std::function<void(uint32_t port, int64_t at, causes::facts &)>;
+    /* When a link was seen to rise, or to be up, and when it fell; `up_since` is 0 if it was never
+       seen between two falls. */
+    struct up_time {
+        int64_t up_since, fell_at;
+    };
+    /* These bring what a board knows beside the details into the facts, on the thread. */
     struct lookers {
-        looker fell;  /* at each look; with the time of the fall */
-        looker risen; /* twice at least; with the time since when the link is looked at again */
+        /* At each look. */
+        std::function<void(uint32_t port, const up_time &, causes::facts &)> fell;
+        /* Twice at least; with the time since when the link is looked at again. */
+        std::function<void(uint32_t port, int64_t since, causes::facts &)> risen;
     };
 
     /* ns of CLOCK_BOOTTIME. */
@@ -90,6 +96,7 @@ class fall_recorder
     struct fall {
         causes::facts seen;
         int64_t at = 0, last_at = 0;            /* of the first and the last one in this record */
+        int64_t up_since = 0;                   /* before the first one */
         int64_t up_at = 0;                      /* 0: not yet */
         int64_t due = 0;                        /* of the next look or writing */
         size_t looks = 0;                       /* that were made */

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A file is read whole, up to a bound, and taken apart, with bounds on what is in it; what is wrong
-   there is named by its place. */
+/* A file is read whole, up to a bound, and taken apart; what is wrong in it is named by its place.
+ */
 #include "tools/common/recorded_falls.h"
 
 #include "causes/facts_json.h"
@@ -29,9 +29,6 @@
 static constexpr size_t largest_file = size_t{16} << 20;
 static constexpr size_t largest_recorded = size_t{64} << 10; /* as docs/causes.md has it */
 
-/* What the files of 1024 ports have at most. */
-static constexpr size_t most_falls = size_t{32} * 1024;
-
 static tool_error fault_of(const std::string &path, const std::string &why)
 {
     return {exit_code::rejected, fmt::format("{}: {}", escape(path), why)};
@@ -51,57 +48,6 @@ static std::string read_whole(const std::string &path, int file, size_t most)
         if (text.size() > most)
             throw fault_of(path, fmt::format("facts of falls have at most {} KiB", most / 1024));
     }
-}
-
-/* Where the text that begins at a quotation mark ends. */
-static size_t end_of_text(std::string_view json, size_t begin)
-{
-    size_t at = begin + 1;
-    while (at < json.size() && json[at] != '"')
-        at += json[at] == '\\' ? 2 : 1;
-    return at;
-}
-
-/* Facts lie four levels deep, in objects of some dozens of keys. Deeper ones can't be shown within
-   the stack, and each key is compared with all others of its object. Whether it is JSON at all is
-   the parser's to say. */
-static void expect_bounds(std::string_view json)
-{
-    constexpr size_t deepest = 8, most_keys = 256;
-    std::array<size_t, deepest + 1> keys = {}; /* of the object on each level */
-    size_t level = 0, objects = 0;
-    const auto expect = [](size_t count, size_t most, const char *of_what) {
-        if (count > most)
-            throw causes::facts_error(fmt::format("there are more than {} {}", most, of_what));
-    };
-    for (size_t i = 0; i < json.size(); i++)
-        switch (json[i]) {
-        case '"':
-            i = end_of_text(json, i);
-            break;
-        case '{':
-            expect(++objects, 2 * most_falls + 1, "objects"); /* each may be judged */
-            [[fallthrough]];
-        case '[':
-            expect(++level, deepest, "levels of brackets");
-            keys[level] = 0;
-            break;
-        case '}':
-        case ']':
-            level -= std::min<size_t>(level, 1);
-            break;
-        case ':':
-            expect(++keys[level], most_keys, "keys in an object");
-            break;
-        default:
-            break;
-        }
-}
-
-static json_object parse_facts(std::string_view text)
-{
-    expect_bounds(text);
-    return json_object::parse(text);
 }
 
 static causes::facts facts_of_object(const json_object &each)
@@ -128,7 +74,7 @@ static void for_each_line(std::string_view text, taker &&take)
 static std::optional<json_object> parse_as_one(std::string_view text)
 {
     try {
-        return parse_facts(text);
+        return causes::parse_facts(text);
     } catch (const json_object::exception &) {
         return std::nullopt;
     }
@@ -152,7 +98,7 @@ static std::vector<causes::facts> facts_of_text(const std::string &path, const s
         } else {
             for_each_line(text, [&](std::string_view line, size_t number) {
                 place = fmt::format("line {}: ", number);
-                take(parse_facts(line));
+                take(causes::parse_facts(line));
             });
         }
     } catch (const causes::facts_error &error) {
@@ -245,7 +191,7 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
     for_each_line(text, [&](std::string_view line, size_t number) {
         lines++;
         try {
-            return found.push_back(facts_of_object(parse_facts(line)));
+            return found.push_back(facts_of_object(causes::parse_facts(line)));
         } catch (const causes::facts_error &error) {
             if (wrong++ == 0)
                 first = fmt::format("line {}: {}", number, escape(error.what()));

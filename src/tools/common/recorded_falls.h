@@ -34,8 +34,8 @@ std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t po
 /* Newest first: by the clock that nobody sets, where all are of one start of one machine. */
 void sort_newest_first(std::vector<causes::facts> &falls);
 
-/* For one line: "light lost, likely: No light is received ..", and "link is up, but ill: ..", which
-   is empty where it isn't. Escaped. */
+/* For one line: "light lost, likely: The received light is gone ..", and "link is up, but ill: ..",
+   which is empty where it isn't. Escaped. */
 std::string cause_text(const causes::verdict &its);
 std::string illness_text(const causes::verdict &its);
 

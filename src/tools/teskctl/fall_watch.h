@@ -54,7 +54,8 @@ class fall_watch
     std::map<uint32_t, watched_port> ports_;
 };
 
-/* "eth3 at 14:02:11.123: light lost, likely: No light is received ..", with what is ill now. */
+/* "eth3 at 14:02:11.123: light lost, likely: The received light is gone ..", with what is ill now.
+ */
 std::string text_of(const watched_fall &fall);
 /* Without evidence: "fell 14:02:11: light lost, likely". With the date instead of the time if that
    is another day. */

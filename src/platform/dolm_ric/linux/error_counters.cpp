@@ -28,10 +28,8 @@ static constexpr int64_t refusal_time = 3600 * one_second;
 /* A question that took some time is followed by a pause of so many times that. */
 static constexpr int64_t pause_per_time = 200;
 
-/* The time that is told of, the shortest one that says anything, and the age of the last sample.
-   Carriers that are lost are told up to a second late. */
+/* The time that is told of, and the shortest one that says anything. */
 static constexpr int64_t told_time = 60 * one_second, least_time = 4 * one_second;
-static constexpr int64_t oldest_end = 30 * one_second, told_late = 1100 * one_ms;
 
 /* A link that has just risen still counts what it received while it found its lock. */
 static constexpr int64_t settling_time = 3 * one_second;
@@ -167,22 +165,21 @@ static bool is_still_none(std::span<const error_sample> samples, const error_sam
 static void tell_quality(std::span<const error_sample> samples, int64_t fell_at,
                          causes::facts &seen)
 {
-    if (samples.empty() || fell_at - samples.back().at > oldest_end)
+    if (samples.empty() || fell_at - samples.back().at > oldest_before_fall)
         return;
     seen.signal_quality_before = samples.back().quality;
     seen.signal_quality_most = samples.back().quality_most;
 }
 
-void tell_counts_before(std::span<const error_sample> samples, int64_t fell_at, causes::facts &seen)
+void tell_counts_before(std::span<const error_sample> samples, int64_t up_since, int64_t fell_at,
+                        causes::facts &seen)
 {
-    constexpr double ns = 1e9;
-    if (!seen.up_for_s)
+    if (up_since == 0)
         return;
-    const int64_t up_at = fell_at - static_cast<int64_t>(*seen.up_for_s * ns);
-    const auto minute =
-        between(samples, std::max(up_at + settling_time, fell_at - told_time), fell_at - told_late);
+    const auto minute = between(samples, std::max(up_since + settling_time, fell_at - told_time),
+                                fell_at - told_late);
     tell_quality(minute, fell_at, seen);
-    if (span_of(minute) < least_time || fell_at - minute.back().at > oldest_end)
+    if (span_of(minute) < least_time || fell_at - minute.back().at > oldest_before_fall)
         return;
     const auto told = [&](count_kind kind) {
         const causes::number its = counted(minute, kind);
@@ -245,9 +242,10 @@ std::vector<error_sample> error_counters::samples_of(int32_t index) const
                : std::vector(found->second.samples.begin(), found->second.samples.end());
 }
 
-void error_counters::tell_before(int32_t index, int64_t fell_at, causes::facts &seen) const
+void error_counters::tell_before(int32_t index, int64_t up_since, int64_t fell_at,
+                                 causes::facts &seen) const
 {
-    tell_counts_before(samples_of(index), fell_at, seen);
+    tell_counts_before(samples_of(index), up_since, fell_at, seen);
 }
 
 void error_counters::tell_again(int32_t index, int64_t since, causes::facts &seen) const

@@ -24,6 +24,10 @@
 namespace linux_board
 {
 
+/* The kernel tells of a lost carrier up to a second late; and what is older says nothing of a fall,
+   though modules are read each 4 s. */
+inline constexpr int64_t told_late = 1'100'000'000, oldest_before_fall = 30'000'000'000;
+
 /* Blocks of FEC, bits that it corrected, symbols, and frames that were damaged. */
 enum count_kind : uint8_t {
     COUNT_CORRECTED,
@@ -59,8 +63,9 @@ class error_counters
     /* Takes `samples` of the interface, one now and the next ones five seconds apart, unless one
        was taken since that time. Any thread, as those below. */
     void want(int32_t index, int64_t since, int samples);
-    /* The minute before a fall at that time. Nothing where it isn't known. */
-    void tell_before(int32_t index, int64_t fell_at, causes::facts &seen) const;
+    /* The minute before a fall at that time, of a link that had been up since `up_since`; 0: nobody
+       knows, and nothing is told. */
+    void tell_before(int32_t index, int64_t up_since, int64_t fell_at, causes::facts &seen) const;
     /* What was counted since that time, when the link was up again. */
     void tell_again(int32_t index, int64_t since, causes::facts &seen) const;
 
@@ -109,7 +114,7 @@ void take_quality(netlink::byte_view attributes, error_sample &made);
 /* Samples are in the order of time. What a fall itself adds to the counters isn't counted: the
    count ends with the last sample that was surely taken before it. None is told as zero unless
    the sample at the fall shows that none came later. */
-void tell_counts_before(std::span<const error_sample> samples, int64_t fell_at,
+void tell_counts_before(std::span<const error_sample> samples, int64_t up_since, int64_t fell_at,
                         causes::facts &seen);
 void tell_counts_again(std::span<const error_sample> samples, int64_t since, causes::facts &seen);
 

@@ -64,13 +64,14 @@ void fall_looks::ask_state(int32_t index, causes::facts &seen)
 
 /* A setting is told once it is made, and the fall that follows up to a second later; a driver that
    leaves is told behind the removal of its interfaces. */
-void fall_looks::look(int32_t index, const std::string &device, int64_t at, causes::facts &seen)
+void fall_looks::look(int32_t index, const std::string &device, int64_t up_since, int64_t at,
+                      causes::facts &seen)
 {
     constexpr int64_t second = 1'000'000'000;
     if (index != 0) {
         counters_.want(index, at, 1);
         ask_state(index, seen);
-        counters_.tell_before(index, at, seen);
+        counters_.tell_before(index, up_since, at, seen);
         seen.settings_changed =
             notes_.were_settings_changed(index, at - 5 * second, at + second / 4);
     }

@@ -30,9 +30,11 @@ class fall_looks
         notes_.stop();
         counters_.stop();
     }
-    /* What is known of a fall at the time `at`, of an interface on a device on its bus; 0: the port
+    /* What is known of a fall at the time `at`, of a link that had been up since `up_since` (0: not
+       known), of an interface on a device on its bus; 0: the port
        has none any more. What nobody tells stays as it is. */
-    void look(int32_t index, const std::string &device, int64_t at, causes::facts &seen);
+    void look(int32_t index, const std::string &device, int64_t up_since, int64_t at,
+              causes::facts &seen);
     /* The same of a link that has been up again since that time. */
     void look_again(int32_t index, int64_t since, causes::facts &seen);
 

@@ -42,9 +42,8 @@ static constexpr int reader_tries = 5;
 /* Interfaces that appeared later and were reported. */
 static constexpr size_t most_left_out = 20;
 
-/* Modules are read each 4 s. The kernel tells of a lost carrier up to a second later. */
-static constexpr board::fall_rules rules_of_falls = {.oldest_look = 30'000'000'000,
-                                                     .youngest_look = 1'100'000'000};
+static constexpr board::fall_rules rules_of_falls = {.oldest_look = oldest_before_fall,
+                                                     .youngest_look = told_late};
 
 /* How long a start waits until all modules have been read once, so that present ones give no
    event. */
@@ -220,8 +219,8 @@ void linux_ports::start()
     details_.start(details);
     fall_looks_.start([this] { return interfaces_up(); });
     falls_.start(board::falls_folder(details),
-                 {.fell = [this](uint32_t number, int64_t at,
-                                 causes::facts &seen) { look_at_fall(number, at, seen); },
+                 {.fell = [this](uint32_t number, const board::fall_recorder::up_time &its,
+                                 causes::facts &seen) { look_at_fall(number, its, seen); },
                   .risen = [this](uint32_t number, int64_t since,
                                   causes::facts &seen) { look_again(number, since, seen); }});
     links_.also_watch(watch_.fd(), [this] { look_at_config(); });
@@ -357,7 +356,8 @@ void linux_ports::interface_leaves(uint32_t number, board::departure how)
 }
 
 /* On the recorder's thread. */
-void linux_ports::look_at_fall(uint32_t number, int64_t at, causes::facts &seen)
+void linux_ports::look_at_fall(uint32_t number, const board::fall_recorder::up_time &its,
+                               causes::facts &seen)
 {
     int32_t interface = 0;
     std::string device;
@@ -366,7 +366,7 @@ void linux_ports::look_at_fall(uint32_t number, int64_t at, causes::facts &seen)
         interface = ports_.at(number).interface;
         device = ports_.at(number).device;
     }
-    fall_looks_.look(interface, device, at, seen);
+    fall_looks_.look(interface, device, its.up_since, its.fell_at, seen);
 }
 
 void linux_ports::look_again(uint32_t number, int64_t since, causes::facts &seen)

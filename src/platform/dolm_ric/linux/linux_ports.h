@@ -85,7 +85,8 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     std::map<uint32_t, link_report> ports_at_reader(const std::vector<link_report> &all,
                                                     int &error);
     void look_at_config();
-    void look_at_fall(uint32_t number, int64_t at, causes::facts &seen);
+    void look_at_fall(uint32_t number, const board::fall_recorder::up_time &its,
+                      causes::facts &seen);
     void look_again(uint32_t number, int64_t since, causes::facts &seen);
     std::vector<int32_t> interfaces_up();
     void report_ports();
