@@ -12,7 +12,10 @@
 #include "tools/teskctl/screen.h"
 #include "util/boot_clock.h"
 
+#include <array>
+#include <bit>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <fmt/format.h>
 #include <langinfo.h>
@@ -122,9 +125,10 @@ static void forget_times(dolm_ric_details_record &of)
 
 static bool is_same_but_for_time(dolm_ric_details_record one, dolm_ric_details_record other)
 {
+    using bytes = std::array<std::byte, sizeof(dolm_ric_details_record)>;
     forget_times(one);
     forget_times(other);
-    return std::memcmp(&one, &other, sizeof(one)) == 0;
+    return std::bit_cast<bytes>(one) == std::bit_cast<bytes>(other);
 }
 
 namespace
