@@ -12,8 +12,8 @@
 #include "benchmarks/harness.h"
 #include "platform/dolm_ric/fall_recorder.h"
 #include "platform/dolm_ric/port_details.h"
+#include "program/details_json.h"
 #include "tesk_client/tesk_details.h"
-#include "tools/common/details_json.h"
 
 #include <algorithm>
 #include <ctime>

@@ -2,7 +2,7 @@
 # For presets whose programs are not for use elsewhere: that of ./run, and the sanitizers'. Most of a build's
 # time goes into the headers of the libraries, so they are read once for all sources of a target. Names
 # at file scope differ within such a target.
-set_target_properties(dolm_ric_core dolm_ric_simulator tool_common tool_json teskctl_parts teskboard
+set_target_properties(dolm_ric_core dolm_ric_simulator program_common program_json teskctl_parts teskboard
                       linux_interfaces dolm_ric_linux_ports
                       PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
 target_precompile_headers(mbx_parts PRIVATE <algorithm> <atomic> <cerrno> <cstring> <map> <memory> <string> <vector>)

@@ -3,6 +3,7 @@
    The clock is the test's. */
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include "platform/dolm_ric/port_details.h"
+#include "program/json_records.h"
 #include "tesk_exporter/api.h"
 #include "tesk_exporter/connections.h"
 #include "tesk_exporter/event_stream.h"
@@ -14,7 +15,6 @@
 #include "tesk_exporter/web_files.h"
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
-#include "tools/common/json_records.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The forecast over the history: a fade of weeks, restarts, and a module that leaves. */
+#include "program/json_records.h"
 #include "tesk_exporter/history_json.h"
 #include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/outlooks.h"
 #include "testkit/processes/processes.h"
-#include "tools/common/json_records.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,15 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
    codes and reconnection against the real server on the simulated board. */
+#include "program/details_json.h"
+#include "program/exit_code.h"
+#include "program/json_records.h"
+#include "program/moved_values.h"
+#include "program/port_list.h"
+#include "program/units.h"
+#include "program/words.h"
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
-#include "tools/common/details_json.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/json_records.h"
-#include "tools/common/moved_values.h"
-#include "tools/common/port_list.h"
-#include "tools/common/units.h"
-#include "tools/common/words.h"
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/module_view.h"

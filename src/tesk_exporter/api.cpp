@@ -3,9 +3,9 @@
  */
 #include "tesk_exporter/api.h"
 
-#include "tools/common/clock.h"
-#include "tools/common/details_json.h"
-#include "tools/common/json_records.h"
+#include "program/clock.h"
+#include "program/details_json.h"
+#include "program/json_records.h"
 #include "util/boot_clock.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
    where a reader with an id goes on. */
 #include "tesk_exporter/event_ring.h"
 
+#include "program/clock.h"
 #include "tesk_exporter/falls.h"
-#include "tools/common/clock.h"
 
 #include <charconv>
 #include <nlohmann/json.hpp>

@@ -3,9 +3,9 @@
    Fixed memory. Main thread only. */
 #pragma once
 
+#include "program/json_records.h"
 #include "tesk_client/tesk_client.h"
 #include "tesk_exporter/facts.h"
-#include "tools/common/json_records.h"
 
 #include <cstdint>
 #include <optional>

@@ -3,8 +3,8 @@
    it, and gets the whole state again. */
 #include "tesk_exporter/event_stream.h"
 
-#include "tools/common/clock.h"
-#include "tools/common/json_records.h"
+#include "program/clock.h"
+#include "program/json_records.h"
 
 #include <cstring>
 #include <nlohmann/json.hpp>

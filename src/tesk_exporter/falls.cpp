@@ -3,8 +3,8 @@
    falls in their order: those behind the last known one are new, and that one may have changed. */
 #include "tesk_exporter/falls.h"
 
-#include "tools/common/exit_code.h"
-#include "tools/common/recorded_falls.h"
+#include "program/exit_code.h"
+#include "program/recorded_falls.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

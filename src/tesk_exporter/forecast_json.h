@@ -6,7 +6,7 @@
 #pragma once
 
 #include "forecast/forecast.h"
-#include "tools/common/json_records.h"
+#include "program/json_records.h"
 
 namespace exporter
 {

@@ -3,7 +3,7 @@
    time, and writes one list after the other; as objects they would take many times their text. */
 #include "tesk_exporter/history_json.h"
 
-#include "tools/common/json_records.h"
+#include "program/json_records.h"
 
 #include <algorithm>
 #include <charconv>

@@ -4,10 +4,10 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
 #include "tesk_exporter/history_keeper.h"
 
+#include "program/clock.h"
+#include "program/units.h"
+#include "program/words.h"
 #include "tesk_exporter/history_json.h"
-#include "tools/common/clock.h"
-#include "tools/common/units.h"
-#include "tools/common/words.h"
 #include "util/boot_clock.h"
 #include "util/escape.h"
 

@@ -3,11 +3,11 @@
    sockets when run() is called. */
 #include "tesk_exporter/http.h"
 
+#include "program/clock.h"
+#include "program/exit_code.h"
+#include "program/recorded_falls.h"
 #include "tesk_exporter/host_check.h"
 #include "tesk_exporter/listener.h"
-#include "tools/common/clock.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/recorded_falls.h"
 #include "util/calls.h"
 
 #include <algorithm>

@@ -4,9 +4,9 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
 #include "tesk_exporter/journal.h"
 
+#include "program/json_records.h"
+#include "program/words.h"
 #include "tesk_exporter/falls.h"
-#include "tools/common/json_records.h"
-#include "tools/common/words.h"
 
 #include <algorithm>
 #include <cctype>

@@ -5,6 +5,9 @@
    threads talk to the server, each with a session of its own, and report to it; others write to
    the journal and keep the history, where that is wanted, and follow the falls that the board
    records. */
+#include "program/clock.h"
+#include "program/exit_code.h"
+#include "program/recorded_falls.h"
 #include "tesk_exporter/collector.h"
 #include "tesk_exporter/history_keeper.h"
 #include "tesk_exporter/http.h"
@@ -13,9 +16,6 @@
 #include "tesk_exporter/refresh_rules.h"
 #include "tesk_exporter/refresher.h"
 #include "tesk_exporter/replay.h"
-#include "tools/common/clock.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/recorded_falls.h"
 
 #include <cerrno>
 #include <csignal>

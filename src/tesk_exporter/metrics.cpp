@@ -4,8 +4,8 @@
  */
 #include "tesk_exporter/metrics.h"
 
+#include "program/units.h"
 #include "tesk_exporter/details_metrics.h"
-#include "tools/common/units.h"
 
 #include <cmath>
 #include <dirent.h>

@@ -4,10 +4,10 @@
    was known: what happened in between isn't known. */
 #include "tesk_exporter/model.h"
 
+#include "program/moved_values.h"
+#include "program/words.h"
 #include "tesk_exporter/metrics_text.h"
 #include "tesk_exporter/refresh_rules.h"
-#include "tools/common/moved_values.h"
-#include "tools/common/words.h"
 #include "util/escape.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
    program. */
 #include "tesk_exporter/options.h"
 
-#include "tools/common/exit_code.h"
-#include "tools/common/port_list.h"
+#include "program/exit_code.h"
+#include "program/port_list.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -3,7 +3,7 @@
    the ring's size. Slots in which nothing is read are emptied when the next value comes. */
 #include "tesk_exporter/plots.h"
 
-#include "tools/common/units.h"
+#include "program/units.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* refresh_rules - when the grades of a port are to be taken again. The server grades a port when it
    reports on it, that is at a change of link or module; a value that drifts changes no grade
-   (tools/common/moved_values.h). Each refresh takes two of the thirty records in the server's
+   (program/moved_values.h). Each refresh takes two of the thirty records in the server's
    action history, so refreshes are rare. No state. */
 #pragma once
 

@@ -4,8 +4,8 @@
 #include "tesk_exporter/replay.h"
 
 #include "forecast/forecast.h"
+#include "program/exit_code.h"
 #include "tesk_exporter/forecast_json.h"
-#include "tools/common/exit_code.h"
 #include "util/escape.h"
 
 #include <algorithm>

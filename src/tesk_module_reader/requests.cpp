@@ -3,6 +3,8 @@
    about the reader itself, or by a reading. */
 #include "tesk_module_reader/requests.h"
 
+#include "util/module_addresses.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -10,8 +12,6 @@
 namespace module_reader
 {
 
-static constexpr uint8_t first_address = 0x50;
-static constexpr uint8_t second_address = 0x51;
 static constexpr unsigned page_begin = 128;
 static constexpr unsigned memory_end = 256;
 
@@ -27,13 +27,13 @@ static bool is_reading(const reader_request &request)
     const unsigned end = unsigned{request.offset} + request.length;
     const bool in_lower = request.offset < page_begin;
     const bool has_page = request.page != 0 || request.bank != 0;
-    if (request.address != first_address && request.address != second_address)
+    if (request.address != identity_address && request.address != diagnostics_address)
         return false;
     if (request.length == 0 || request.length > READER_LONGEST_READ || request.zero != 0)
         return false;
     if (end > (in_lower ? page_begin : memory_end))
         return false;
-    return !has_page || (!in_lower && request.address == first_address);
+    return !has_page || (!in_lower && request.address == identity_address);
 }
 
 /* No byte of an answer that failed is set. */

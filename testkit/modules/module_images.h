@@ -51,9 +51,9 @@ struct image {
 
     std::span<const uint8_t> at(const linux_board::memory_range &range) const
     {
-        const bytes &from = range.page == 0x11 && !lanes.empty()             ? lanes.at(range.bank)
-                            : range.address == linux_board::identity_address ? a0
-                                                                             : a2;
+        const bytes &from = range.page == 0x11 && !lanes.empty() ? lanes.at(range.bank)
+                            : range.address == identity_address  ? a0
+                                                                 : a2;
         const bool is_flat = range.page == 0x11 && !lanes.empty();
         const size_t start = range.offset + (is_flat ? 0u : range.page * 128u);
         if (start + range.length > from.size())

@@ -47,7 +47,7 @@ TESTS = {SERVER + "leaky_bucket": "filter", SERVER + "tesk_dolm_ric_pm": "proced
          "src/history/": "chronicle", "src/forecast/": "forecast",
          "src/tesk_exporter/outlooks": "outlooks",
          "src/tesk_exporter/": "exporter exporter_follow outlooks chronicle",
-         "src/tools/": "teskctl exporter", "python/": "python", "web/": "page"}
+         "src/program/": "teskctl exporter", "src/tools/": "teskctl exporter", "python/": "python", "web/": "page"}
 # These are scripts, and need the programs.
 SCRIPTS = {"python": "tesk_client tesk-server teskboard teskctl",
            "page": "page tesk-exporter tesk-server teskboard teskctl"}

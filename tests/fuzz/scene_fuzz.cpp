@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Reads random bytes as a scene of teskboard: the whole scene is valid, or the error names the file
    and the line. */
+#include "program/exit_code.h"
 #include "tests/fuzz/fuzz_input.h"
-#include "tools/common/exit_code.h"
 #include "tools/teskboard/scene.h"
 
 #include <string>

@@ -2,9 +2,9 @@
 /* tesk-abi-check - checks the libraries of another board before the server is started on them: all
    missing names at once, where the loader would stop at the first, and for another processor, where
    nothing can be started. */
-#include "tools/common/known_command.h"
-#include "tools/common/output.h"
-#include "tools/common/run_tool.h"
+#include "program/known_command.h"
+#include "program/output.h"
+#include "program/run_tool.h"
 #include "tools/tesk_abi_check/abi.h"
 
 #include <CLI/CLI.hpp>

@@ -4,8 +4,8 @@
 #include "tools/teskboard/board_client.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/socket_group.h"
+#include "program/exit_code.h"
+#include "program/socket_group.h"
 #include "util/local_socket.h"
 
 #include <cerrno>

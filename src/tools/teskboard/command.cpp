@@ -2,7 +2,7 @@
 #include "tools/teskboard/command.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
-#include "tools/common/known_command.h"
+#include "program/known_command.h"
 
 #include <algorithm>
 #include <cstdlib>

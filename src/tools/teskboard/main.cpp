@@ -5,11 +5,11 @@
    and checked as a whole; then each of its steps is carried out like a command, over one
    connection. Errors are thrown and end the program in one place, with a line on standard error and
    an exit code of their own. */
-#include "tools/common/clock.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/known_command.h"
-#include "tools/common/output.h"
-#include "tools/common/run_tool.h"
+#include "program/clock.h"
+#include "program/exit_code.h"
+#include "program/known_command.h"
+#include "program/output.h"
+#include "program/run_tool.h"
 #include "tools/teskboard/board_client.h"
 #include "tools/teskboard/command.h"
 #include "tools/teskboard/scene.h"

@@ -4,7 +4,7 @@
    which ports exist: main.cpp checks those before it plays the scene. */
 #include "tools/teskboard/scene.h"
 
-#include "tools/common/exit_code.h"
+#include "program/exit_code.h"
 
 #include <cerrno>
 #include <charconv>

@@ -2,7 +2,7 @@
 #include "tools/teskboard/view.h"
 
 #include "platform/dolm_ric/simulator/vocabulary.h"
-#include "tools/common/units.h"
+#include "program/units.h"
 
 #include <algorithm>
 #include <cmath>

@@ -4,7 +4,7 @@
    thread. */
 #pragma once
 
-#include "tools/common/exit_code.h"
+#include "program/exit_code.h"
 #include "tools/teskctl/port_selection.h"
 #include "tools/teskctl/settings.h"
 

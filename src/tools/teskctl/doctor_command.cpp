@@ -2,7 +2,7 @@
 /* doctor: checks the whole way from the ports' configuration to this user and to Prometheus, one
    stretch after the other, and writes a line for each. The checks are independent: those that need
    an answer of the server are left out without one. */
-#include "tools/common/output.h"
+#include "program/output.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/doctor_checks.h"
 #include "tools/teskctl/report.h"

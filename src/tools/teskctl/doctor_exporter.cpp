@@ -2,9 +2,9 @@
 /* The way from the server to Prometheus. The exporter's address is read from its command line,
    which every user may see; the exporter is then asked as a probe would ask it, and Prometheus by
    its own interface when it last read this exporter. */
-#include "tools/common/clock.h"
-#include "tools/common/http_get.h"
-#include "tools/common/json_records.h"
+#include "program/clock.h"
+#include "program/http_get.h"
+#include "program/json_records.h"
 #include "tools/teskctl/doctor_checks.h"
 #include "util/escape.h"
 

@@ -3,7 +3,7 @@
    replaces signal handlers. */
 #include "tools/teskctl/event_loop.h"
 
-#include "tools/common/exit_code.h"
+#include "program/exit_code.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 /* Order of work: explain() takes the text of a result and adds what can be done about it. */
 #include "tools/teskctl/explain.h"
 
-#include "tools/common/socket_group.h"
+#include "program/socket_group.h"
 #include "util/escape.h"
 
 #include <cstdlib>

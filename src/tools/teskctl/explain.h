@@ -2,8 +2,8 @@
 /* explain - results of the client library as exit codes and as advice. No state. */
 #pragma once
 
+#include "program/exit_code.h"
 #include "tesk_client/tesk_client.h"
-#include "tools/common/exit_code.h"
 
 #include <string>
 

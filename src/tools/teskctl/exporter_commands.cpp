@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The commands that ask tesk-exporter, which has the history: trend, modules and forecast. */
-#include "tools/common/clock.h"
-#include "tools/common/http_get.h"
-#include "tools/common/json_records.h"
-#include "tools/common/output.h"
+#include "program/clock.h"
+#include "program/http_get.h"
+#include "program/json_records.h"
+#include "program/output.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/trend_plot.h"

@@ -4,9 +4,9 @@
    the record of that one, and shows when the verdict is another one. */
 #include "tools/teskctl/fall_watch.h"
 
-#include "tools/common/clock.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/recorded_falls.h"
+#include "program/clock.h"
+#include "program/exit_code.h"
+#include "program/recorded_falls.h"
 #include "util/escape.h"
 
 #include <algorithm>

@@ -5,7 +5,7 @@
    connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
    the session, and those whose renewal failed by watch itself; the first indications after that
    show changes made since the loss. */
-#include "tools/common/recorded_falls.h"
+#include "program/recorded_falls.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/fall_watch.h"

@@ -4,8 +4,8 @@
    For people, what belongs together is one line: records of the same kind and port with the same
    content, close in time, as when several subscribers are notified of one change. With --json each
    record is an object of its own. */
-#include "tools/common/clock.h"
-#include "tools/common/output.h"
+#include "program/clock.h"
+#include "program/output.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/event_loop.h"
 #include "tools/teskctl/explain.h"

@@ -3,8 +3,8 @@
    those before joins their group, and a group that ends becomes one line. */
 #include "tools/teskctl/history_fold.h"
 
-#include "tools/common/port_list.h"
-#include "tools/common/words.h"
+#include "program/port_list.h"
+#include "program/words.h"
 
 #include <algorithm>
 #include <fmt/format.h>

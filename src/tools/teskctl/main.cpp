@@ -5,9 +5,9 @@
    function, which runs once all words are parsed. Every failure is a tool_error and ends the
    command in one place: with a line on standard error, an object for programs, and the exit code.
  */
-#include "tools/common/exit_code.h"
-#include "tools/common/known_command.h"
-#include "tools/common/run_tool.h"
+#include "program/exit_code.h"
+#include "program/known_command.h"
+#include "program/run_tool.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/report.h"
 

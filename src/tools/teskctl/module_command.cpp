@@ -2,9 +2,9 @@
 /* module: the details of ports, from the file that the board publishes. It makes no request, so the
    server's history and its clients notice nothing of it. With --watch a port is shown again when
    its record has changed. */
-#include "tools/common/details_json.h"
-#include "tools/common/output.h"
-#include "tools/common/run_tool.h"
+#include "program/details_json.h"
+#include "program/output.h"
+#include "program/run_tool.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/event_loop.h"
 #include "tools/teskctl/module_view.h"

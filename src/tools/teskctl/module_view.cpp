@@ -3,7 +3,7 @@
    Powers are shown, and placed between their limits, in dBm. */
 #include "tools/teskctl/module_view.h"
 
-#include "tools/common/units.h"
+#include "program/units.h"
 #include "tools/teskctl/layout.h"
 #include "util/escape.h"
 

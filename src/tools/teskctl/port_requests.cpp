@@ -4,7 +4,7 @@
    answer. */
 #include "tools/teskctl/port_requests.h"
 
-#include "tools/common/words.h"
+#include "program/words.h"
 
 #include <memory>
 

@@ -3,8 +3,8 @@
    ports that answer a read. */
 #include "tools/teskctl/port_selection.h"
 
-#include "tools/common/exit_code.h"
-#include "tools/common/output.h"
+#include "program/exit_code.h"
+#include "program/output.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/port_requests.h"
 

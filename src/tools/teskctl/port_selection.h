@@ -2,7 +2,7 @@
 /* port_selection - the ports that a command line names, or all that exist. One thread. */
 #pragma once
 
-#include "tools/common/port_list.h"
+#include "program/port_list.h"
 #include "tools/teskctl/session.h"
 
 #include <string>

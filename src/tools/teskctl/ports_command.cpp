@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* ports: a line for each port. Without --status it makes only requests that leave no record in the
    server's history. */
-#include "tools/common/output.h"
-#include "tools/common/units.h"
-#include "tools/common/words.h"
+#include "program/output.h"
+#include "program/units.h"
+#include "program/words.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/port_requests.h"

@@ -8,9 +8,9 @@
    No indication identifies an empty port: the port status of one has the type "electrical", and the
    SFP info "not present" includes modules that aren't ready. A read of the measured values
    distinguishes them, and leaves no record. */
-#include "tools/common/output.h"
-#include "tools/common/units.h"
-#include "tools/common/words.h"
+#include "program/output.h"
+#include "program/units.h"
+#include "program/words.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/layout.h"

@@ -2,11 +2,11 @@
 /* The time before a line is that of its writing: neither indications nor answers carry one. */
 #include "tools/teskctl/report.h"
 
-#include "tools/common/clock.h"
-#include "tools/common/output.h"
-#include "tools/common/port_list.h"
-#include "tools/common/recorded_falls.h"
-#include "tools/common/words.h"
+#include "program/clock.h"
+#include "program/output.h"
+#include "program/port_list.h"
+#include "program/recorded_falls.h"
+#include "program/words.h"
 #include "tools/teskctl/explain.h"
 #include "util/escape.h"
 

@@ -3,9 +3,9 @@
    --json. One thread. */
 #pragma once
 
+#include "program/exit_code.h"
+#include "program/json_records.h"
 #include "tesk_client/tesk_client.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/json_records.h"
 #include "tools/teskctl/fall_watch.h"
 #include "tools/teskctl/settings.h"
 

@@ -7,7 +7,7 @@
    from a descriptor, and leaves the scope of the screen or calls suspend. */
 #include "tools/teskctl/screen.h"
 
-#include "tools/common/output.h"
+#include "program/output.h"
 #include "tools/teskctl/settings.h"
 
 #include <algorithm>

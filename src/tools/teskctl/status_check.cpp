@@ -3,7 +3,7 @@
    may be that of a module that has left. */
 #include "tools/teskctl/status_check.h"
 
-#include "tools/common/exit_code.h"
+#include "program/exit_code.h"
 
 /* A module of the same type has the same status if nothing of it can be read. */
 static bool is_perhaps_empty(const tesk_client_port_status &status)

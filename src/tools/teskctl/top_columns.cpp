@@ -7,8 +7,8 @@
    whose value has moved since is grey and has a question mark. */
 #include "tools/teskctl/top_columns.h"
 
-#include "tools/common/units.h"
-#include "tools/common/words.h"
+#include "program/units.h"
+#include "program/words.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -8,8 +8,8 @@
    A port whose values are asked for in vain, as it doesn't exist, is gone; with "all" its row goes,
    and each interval new ports of the port map are asked for their values. Without a port map those
    that may exist are asked after the server has come back. */
-#include "tools/common/clock.h"
-#include "tools/common/recorded_falls.h"
+#include "program/clock.h"
+#include "program/recorded_falls.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/fall_watch.h"

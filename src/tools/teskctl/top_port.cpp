@@ -3,9 +3,9 @@
    is one. */
 #include "tools/teskctl/top_port.h"
 
-#include "tools/common/clock.h"
-#include "tools/common/moved_values.h"
-#include "tools/common/words.h"
+#include "program/clock.h"
+#include "program/moved_values.h"
+#include "program/words.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>

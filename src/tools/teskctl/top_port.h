@@ -43,7 +43,7 @@ void take_loss(top_port &port);
 /* The module's state: one of tesk_client_sfp_type, or module_not_ready. */
 uint32_t module_of(const top_port &port);
 
-/* True if the value has moved since it was graded: by the rule of tools/common/moved_values.h. */
+/* True if the value has moved since it was graded: by the rule of program/moved_values.h. */
 bool has_moved(const top_port &port, tesk_client_measurement measurement);
 
 /* For sorting, the worst port has the highest rank: by its worst level, then links that are down.

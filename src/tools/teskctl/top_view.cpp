@@ -4,10 +4,10 @@
    are more than the window has rows, and a line reports what changes outside of it. */
 #include "tools/teskctl/top_view.h"
 
-#include "tools/common/clock.h"
-#include "tools/common/exit_code.h"
-#include "tools/common/port_list.h"
-#include "tools/common/words.h"
+#include "program/clock.h"
+#include "program/exit_code.h"
+#include "program/port_list.h"
+#include "program/words.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/top_columns.h"
 

@@ -3,7 +3,7 @@
    session: records and keys in, lines out. One thread. */
 #pragma once
 
-#include "tools/common/port_list.h"
+#include "program/port_list.h"
 #include "tools/teskctl/top_keys.h"
 #include "tools/teskctl/top_port.h"
 

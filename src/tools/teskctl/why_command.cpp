@@ -4,9 +4,9 @@
    for. */
 #include "causes/facts_json.h"
 #include "causes/verdict.h"
-#include "tools/common/clock.h"
-#include "tools/common/output.h"
-#include "tools/common/recorded_falls.h"
+#include "program/clock.h"
+#include "program/output.h"
+#include "program/recorded_falls.h"
 #include "tools/teskctl/commands.h"
 #include "util/escape.h"
 

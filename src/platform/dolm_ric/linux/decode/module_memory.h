@@ -4,6 +4,8 @@
    at them. Not safe for use by several threads at once. */
 #pragma once
 
+#include "util/module_addresses.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -12,10 +14,6 @@
 
 namespace linux_board
 {
-
-/* The I2C addresses of a module's memory. SFP modules keep their diagnostics at the second one. */
-constexpr uint8_t identity_address = 0x50;
-constexpr uint8_t diagnostics_address = 0x51;
 
 /* `length` bytes (1 to 128) from `offset` on. Offsets below 128 are in the lower memory, where
    `page` and `bank` are 0; those of a page are 128 to 255. A range never crosses byte 128. */

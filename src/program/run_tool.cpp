@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: the body runs, then the output is checked; whichever fails first gives the exit
    status. */
-#include "tools/common/run_tool.h"
+#include "program/run_tool.h"
 
-#include "tools/common/output.h"
+#include "program/output.h"
 
 #include <clocale>
 

@@ -6,7 +6,7 @@
 #include "causes/facts.h"
 #include "causes/verdict.h"
 #include "causes/verdict_json.h"
-#include "tools/common/json_records.h"
+#include "program/json_records.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Words are for people: blanks at the end of a module's texts are dropped, what has no value is
    left out, and the worst level comes first. */
-#include "tools/common/words.h"
+#include "program/words.h"
 
-#include "tools/common/units.h"
+#include "program/units.h"
 #include "util/escape.h"
 
 #include <algorithm>

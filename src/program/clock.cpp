@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Each function is one format of strftime, with milliseconds where those are wanted. */
-#include "tools/common/clock.h"
+#include "program/clock.h"
 
 #include <chrono>
 #include <ctime>

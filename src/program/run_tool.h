@@ -2,7 +2,7 @@
 /* run_tool - how a tool's main ends, whatever happens. The tools have one thread. */
 #pragma once
 
-#include "tools/common/exit_code.h"
+#include "program/exit_code.h"
 
 #include <functional>
 

@@ -3,8 +3,8 @@
    known one, which CLI11 doesn't. Header only, since not all tools use CLI11. */
 #pragma once
 
-#include "tools/common/exit_code.h"
-#include "tools/common/nearest.h"
+#include "program/exit_code.h"
+#include "program/nearest.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

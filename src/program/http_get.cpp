@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: connect, send one request that asks for the connection's end, read until the end,
    and divide status and body. */
-#include "tools/common/http_get.h"
+#include "program/http_get.h"
 
 #include "util/deadline.h"
 #include "util/descriptor.h"

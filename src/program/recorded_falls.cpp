@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A file is read whole, up to a bound, and taken apart; what is wrong in it is named by its place.
  */
-#include "tools/common/recorded_falls.h"
+#include "program/recorded_falls.h"
 
 #include "causes/facts_json.h"
+#include "program/exit_code.h"
 #include "tesk_client/tesk_client_paths.h"
 #include "tesk_client/tesk_details.h"
-#include "tools/common/exit_code.h"
 #include "util/descriptor.h"
 #include "util/escape.h"
 

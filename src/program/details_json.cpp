@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Keys are the texts of the codes with '_' for what isn't a letter or a digit, so each code is
    named in one place. */
-#include "tools/common/details_json.h"
+#include "program/details_json.h"
 
 #include "util/escape.h"
 

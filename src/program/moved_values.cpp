@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Each measured value has a distance from which on it counts as moved: a ratio for powers and bias,
    a difference for the others. */
-#include "tools/common/moved_values.h"
+#include "program/moved_values.h"
 
 #include <algorithm>
 #include <cmath>

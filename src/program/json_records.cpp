@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* One function for each record, which writes its members in the order in which they are shown. */
-#include "tools/common/json_records.h"
+#include "program/json_records.h"
 
-#include "tools/common/clock.h"
-#include "tools/common/units.h"
-#include "tools/common/words.h"
+#include "program/clock.h"
+#include "program/units.h"
+#include "program/words.h"
 #include "util/escape.h"
 
 #include <cmath>

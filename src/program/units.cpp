@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Each function shows one value of the wire in the unit that people use. */
-#include "tools/common/units.h"
+#include "program/units.h"
 
 #include <cmath>
 #include <cstring>

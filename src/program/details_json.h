@@ -4,8 +4,8 @@
    escaped to ASCII. No state. */
 #pragma once
 
+#include "program/json_records.h"
 #include "tesk_client/tesk_details.h"
-#include "tools/common/json_records.h"
 
 /* Ages are counted up to `now`, in nanoseconds of CLOCK_BOOTTIME. */
 json_object to_json(const dolm_ric_details_record &record, int64_t now);

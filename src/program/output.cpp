@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The stream remembers a failed write, so that one check at the end of a tool covers all output:
    on a full disk the buffered text fails at the last flush, or any time before. */
-#include "tools/common/output.h"
+#include "program/output.h"
 
-#include "tools/common/exit_code.h"
+#include "program/exit_code.h"
 
 #include <cerrno>
 #include <cstdio>

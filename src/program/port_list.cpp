@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Ranges may overlap, so they are collected in a set. Limits are checked before a range is
    expanded: a mistake such as 0-4294967295 is reported at once. */
-#include "tools/common/port_list.h"
+#include "program/port_list.h"
 
-#include "tools/common/exit_code.h"
-#include "tools/common/nearest.h"
+#include "program/exit_code.h"
+#include "program/nearest.h"
 
 #include <algorithm>
 #include <charconv>

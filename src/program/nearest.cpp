@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: the distance to each known word is computed, and the nearest word is the result.
  */
-#include "tools/common/nearest.h"
+#include "program/nearest.h"
 
 #include <algorithm>
 #include <numeric>
