@@ -16,11 +16,13 @@ check() { # NAME COMMAND..
     fi
 }
 
+seconds() { cut -d . -f 1 /proc/uptime; } # since boot
+
 # Until the command succeeds, for 20 s.
 await() {
-    end=$(($(cut -d . -f 1 /proc/uptime) + 20))
+    end=$(($(seconds) + 20))
     until "$@" >/tmp/await 2>&1; do
-        if [ "$(cut -d . -f 1 /proc/uptime)" -ge $end ]; then
+        if [ "$(seconds)" -ge $end ]; then
             cat /tmp/await
             return 1
         fi

@@ -94,7 +94,6 @@ static constexpr memory_range features_range = {identity_address, 0, 0x01, 128, 
 static constexpr memory_range limits_range = {identity_address, 0, 0x02, 128, 128};
 
 static constexpr uint8_t lanes_of_bank = 8;
-static constexpr uint8_t max_banks = 4;
 static constexpr uint8_t banks_with_switches = 2; /* that are read */
 
 static constexpr memory_range lanes_range(uint8_t bank)
@@ -173,11 +172,9 @@ static bool are_features_known(const memory_view &features)
     return features.was_read() && are_features_right(features);
 }
 
-/* Two bits: one, two or four banks; the fourth code is reserved and counts as one. */
 static uint8_t bank_count(const memory_view &features)
 {
-    static constexpr uint8_t counts[] = {1, 2, max_banks, 1};
-    return are_features_known(features) ? counts[features.u8(142) & 3] : uint8_t{0};
+    return are_features_known(features) ? cmis_bank_count(features) : uint8_t{0};
 }
 
 static bool is_more_wanted(const module_memory &memory)

@@ -299,14 +299,11 @@ static uint32_t host_lanes(const module_memory &memory)
     return lanes != 0 ? lanes : lanes_present(memory);
 }
 
-/* Two bits of page 01h say whether there is more than one bank. */
 static bool has_second_bank(const module_memory &memory)
 {
     const memory_view features(memory, cmis_features);
-    if (!features.was_read() || !is_range_right(memory, cmis_features))
-        return false;
-    const int banks = features.u8(142) & 3;
-    return banks == 1 || banks == 2;
+    return features.was_read() && is_range_right(memory, cmis_features) &&
+           cmis_bank_count(features) > 1;
 }
 
 static uint32_t lane_count(const module_memory &memory, const module_contents &contents)

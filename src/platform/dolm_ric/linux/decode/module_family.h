@@ -124,6 +124,14 @@ constexpr char no_voltage[] = "the voltage reads as zero";
 /* Whether they are all 0x00 or all 0xff, as of a bus or a page that isn't there. */
 bool are_blank(std::span<const uint8_t> bytes);
 
+/* How many banks of eight lanes a CMIS module's page 01h tells of, in two bits; the fourth code is
+   reserved and counts as one. The page must have been read. */
+inline uint8_t cmis_bank_count(const memory_view &features)
+{
+    static constexpr uint8_t counts[] = {1, 2, 4, 1};
+    return counts[features.u8(142) & 3];
+}
+
 /* Converts a raw number: the polynomial of `coefficients` (the constant one first), times
    multiplier / divisor. The calculation is exact for all that is linear, so a value that lies
    half-way stays there until it is rounded. */
