@@ -41,7 +41,10 @@ struct facts {
     /* The kernel. True only where its message is the one that told of the fall, or came before it;
        what comes later may be the answer to the fall. Not known where messages were lost. */
     flag set_down; /* the interface was set down */
-    flag interface_removed, interface_moved, driver_unbound;
+    flag interface_removed, interface_moved;
+    flag driver_unbound, device_removed; /* a device that is removed loses its driver, too */
+    number left_after_s;   /* the interface was gone so long after the fall: another deed, or a
+                              slow one */
     flag device_reset;     /* the driver's own report of one; an uevent alone is none */
     text driver_error;     /* what the driver reported as failed, in its own word */
     flag settings_changed; /* somebody changed speed, negotiation or FEC within five seconds before

@@ -50,6 +50,8 @@ static const row rows[] = {
     {"interface_removed", &facts::interface_removed},
     {"interface_moved", &facts::interface_moved},
     {"driver_unbound", &facts::driver_unbound},
+    {"device_removed", &facts::device_removed},
+    {"left_after_s", &facts::left_after_s},
     {"device_reset", &facts::device_reset},
     {"driver_error", &facts::driver_error},
     {"settings_changed", &facts::settings_changed},

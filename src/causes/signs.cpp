@@ -69,12 +69,23 @@ sign has_moved(const facts &seen)
 
 sign was_unbound(const facts &seen)
 {
-    return of_flag(seen.driver_unbound, "The driver was unbound from the device.");
+    return of_flag(seen.driver_unbound, seen.device_removed.value_or(false)
+                                            ? "The device was removed, and its driver with it."
+                                            : "The driver left the device.");
 }
 
 sign was_removed(const facts &seen)
 {
     return of_flag(seen.interface_removed, "The kernel removed the interface.");
+}
+
+sign has_left_later(const facts &seen)
+{
+    if (!seen.left_after_s)
+        return {};
+    return {answer::yes, fmt::format("The interface was gone {:.1f} s later: a driver that leaves "
+                                     "slowly may have set it down.",
+                                     *seen.left_after_s)};
 }
 
 sign was_reset(const facts &seen)
@@ -346,8 +357,13 @@ sign is_light_missing(const facts &seen)
             "Light is missing at the first look after it: it may have been lost before."};
 }
 
+/* A driver that gives its device up sets the interface down itself. */
 sign has_other_fault(const facts &seen)
 {
+    if (seen.driver_error)
+        return {answer::yes, fmt::format("The driver reported an error: {}. It may have set the "
+                                         "interface down for that.",
+                                         *seen.driver_error)};
     for (const auto shown :
          {is_module_gone, has_module_failed, has_tx_fault, says_far_side_deaf, has_no_lock})
         if (const sign its = shown(seen); its.is == answer::yes)
@@ -420,11 +436,13 @@ sign do_settings_differ(const facts &seen)
 {
     if (!seen.settings_changed)
         return {};
+    /* Which of them was set isn't known: FEC may follow from the others. */
+    const std::string fec =
+        seen.fec_before && seen.fec_after && *seen.fec_before != *seen.fec_after
+            ? fmt::format(" FEC was {}, and is {} now.", *seen.fec_before, *seen.fec_after)
+            : "";
     return {to_answer(*seen.settings_changed),
-            seen.fec_before && seen.fec_after && *seen.fec_before != *seen.fec_after
-                ? fmt::format("FEC was changed on this machine from {} to {} just before.",
-                              *seen.fec_before, *seen.fec_after)
-                : "Speed, negotiation or FEC were changed on this machine just before."};
+            "Speed, negotiation or FEC were changed on this machine just before." + fec};
 }
 
 sign has_negotiation_failed(const facts &seen)

@@ -22,6 +22,7 @@ sign was_set_down(const facts &seen);
 sign has_moved(const facts &seen);
 sign was_unbound(const facts &seen);
 sign was_removed(const facts &seen);
+sign has_left_later(const facts &seen); /* never no */
 sign was_reset(const facts &seen);
 sign fell_with_device(const facts &seen);
 sign fell_with_machine(const facts &seen);
@@ -40,7 +41,7 @@ sign is_all_dark(const facts &seen);
 sign is_one_lane_dark(const facts &seen);
 sign is_light_there(const facts &seen);
 sign is_light_missing(const facts &seen); /* on some lane */
-/* Of the module or the other end; never unknown. */
+/* Of the device, the module or the other end; never unknown. */
 sign has_other_fault(const facts &seen);
 sign says_far_side_deaf(const facts &seen);
 sign has_no_lock(const facts &seen);
