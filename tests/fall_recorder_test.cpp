@@ -89,6 +89,8 @@ struct fall_recorder_test : testing::Test {
             light.state = DOLM_RIC_VALUE_VALID;
             light.read_at = now;
             light.value = power;
+            for (const uint32_t flag : {DOLM_RIC_RX_LOS, DOLM_RIC_TX_FAULT})
+                its.lane[lane].signal[flag].state = DOLM_RIC_VALUE_VALID;
         }
         recorder.see(its);
     }

@@ -22,12 +22,16 @@ using member = std::variant<flag facts::*, number facts::*, text facts::*, by_la
 struct row {
     const char *key;
     member where;
-    double least = 0, most = 1e12; /* of numbers */
+    double least = 0, most = 1e12;           /* of numbers */
+    std::span<const char *const> words = {}; /* of texts; none: any */
 };
 
 } // namespace
 
 static constexpr double coldest = -60, hottest = 200, weakest = -60, strongest = 30;
+
+static constexpr const char *media[] = {"light", "copper"};
+static constexpr const char *states[] = {"ready", "low power", "starting", "fault"};
 
 static const row rows[] = {
     {"interface", &facts::interface},
@@ -76,9 +80,9 @@ static const row rows[] = {
     {"serial_before", &facts::serial_before},
     {"serial_after", &facts::serial_after},
     {"serial_after_s", &facts::serial_after_s},
-    {"medium", &facts::medium},
-    {"state_before", &facts::state_before},
-    {"state_after", &facts::state_after},
+    {"medium", &facts::medium, 0, 0, media},
+    {"state_before", &facts::state_before, 0, 0, states},
+    {"state_after", &facts::state_after, 0, 0, states},
     {"temperature_before", &facts::temperature_before, coldest, hottest},
     {"temperature_high_alarm", &facts::temperature_high_alarm, coldest, hottest},
     {"rx_before", &facts::rx_before, weakest, strongest},
@@ -186,6 +190,18 @@ static std::vector<double> list_of(const row &its, const json &value)
     return list;
 }
 
+static std::string text_of(const row &its, const json &value)
+{
+    if (!value.is_string() || value.get<std::string>().size() > longest_text)
+        throw facts_error(
+            fmt::format("{} must be a text of at most {} bytes", its.key, longest_text));
+    auto read = value.get<std::string>();
+    if (!its.words.empty() && std::ranges::find(its.words, read) == its.words.end())
+        throw facts_error(fmt::format("{} must be one of \"{}\", not {}", its.key,
+                                      fmt::join(its.words, "\", \""), shown(value)));
+    return read;
+}
+
 static void take(const row &its, const json &value, facts &to)
 {
     std::visit(
@@ -201,10 +217,7 @@ static void take(const row &its, const json &value, facts &to)
                         fmt::format("{} must be true or false, not {}", its.key, shown(value)));
                 to.*where = value.get<bool>();
             } else {
-                if (!value.is_string() || value.get<std::string>().size() > longest_text)
-                    throw facts_error(fmt::format("{} must be a text of at most {} bytes", its.key,
-                                                  longest_text));
-                to.*where = value.get<std::string>();
+                to.*where = text_of(its, value);
             }
         },
         its.where);

@@ -57,6 +57,12 @@ static double low_alarm(const facts &seen)
     return own < 0 ? own : usual_low_alarm;
 }
 
+static double errors_limit(const facts &seen)
+{
+    const double own = seen.errors_limit.value_or(0);
+    return own > 0 ? own : usual_errors_limit;
+}
+
 sign was_set_down(const facts &seen)
 {
     return of_flag(seen.set_down, "The interface was set down.");
@@ -77,6 +83,37 @@ sign was_unbound(const facts &seen)
 sign was_removed(const facts &seen)
 {
     return of_flag(seen.interface_removed, "The kernel removed the interface.");
+}
+
+sign has_stayed(const facts &seen)
+{
+    if (!seen.interface_removed)
+        return {};
+    return {to_answer(!*seen.interface_removed), "The interface stayed."};
+}
+
+/* Nobody who sets one port down takes others along, nor does a hand that pulls a module. */
+sign have_others_fallen(const facts &seen)
+{
+    const double of_machine = seen.machine_others_fell.value_or(0);
+    if (seen.device_others_fell.value_or(0) + of_machine <= 0)
+        return seen.device_others_fell ? sign{answer::no, ""} : sign{};
+    const bool is_device = seen.device_others_fell.value_or(0) > 0;
+    return {answer::yes,
+            fmt::format(
+                "Other ports of {} fell within a second, too: {:.0f}; {:.0f} stayed up.",
+                is_device ? "the device" : "the machine",
+                is_device ? *seen.device_others_fell : of_machine,
+                (is_device ? seen.device_others_stayed : seen.machine_others_stayed).value_or(0))};
+}
+
+sign have_others_stayed(const facts &seen)
+{
+    if (!seen.device_others_stayed)
+        return {};
+    return {
+        to_answer(*seen.device_others_stayed > 0),
+        fmt::format("Other ports of the device stayed up: {:.0f}.", *seen.device_others_stayed)};
 }
 
 sign has_left_later(const facts &seen)
@@ -123,15 +160,25 @@ static bool is_serial(const std::string &read)
     return !read.empty() && std::ranges::all_of(read, [](char c) { return c > ' ' && c <= '~'; });
 }
 
+/* A reading that is cut short, or has a wrong bit in each letter's case, is no other module. */
+static bool are_alike(const std::string &one, const std::string &other)
+{
+    const size_t length = std::min(one.size(), other.size());
+    return std::ranges::equal(one.substr(0, length), other.substr(0, length),
+                              [](char a, char b) { return (a | ' ') == (b | ' '); });
+}
+
 sign was_replaced(const facts &seen)
 {
     if (seen.present_before && !*seen.present_before && seen.present_after && !*seen.present_after)
         return {answer::no, ""};
-    if (!seen.serial_before || !seen.serial_after || !is_serial(*seen.serial_before) ||
-        !is_serial(*seen.serial_after))
+    if (!seen.present_before || !seen.serial_before || !seen.serial_after ||
+        !is_serial(*seen.serial_before) || !is_serial(*seen.serial_after))
         return {};
     if (*seen.serial_before == *seen.serial_after)
         return {answer::no, ""};
+    if (are_alike(*seen.serial_before, *seen.serial_after))
+        return {};
     /* Later the link may have fallen first, for another reason. */
     if (!seen.serial_after_s || *seen.serial_after_s > soonest_swap)
         return {};
@@ -146,6 +193,12 @@ sign is_module_gone(const facts &seen)
         return {};
     return {to_answer(*seen.present_before && !*seen.present_after),
             "A module answered before the fall, and none at the first look after it."};
+}
+
+/* A module that is being swapped doesn't answer at the first look. */
+sign does_module_answer(const facts &seen)
+{
+    return of_flag(seen.present_after, "A module answered at the first look after the fall.");
 }
 
 sign has_module_failed(const facts &seen)
@@ -171,11 +224,15 @@ sign says_module_hot(const facts &seen)
     return driver_says(seen, {"Overheat"});
 }
 
+static sign says_no_cable(const facts &seen)
+{
+    return driver_says(seen, {"No cable"});
+}
+
 /* Of a module that is known to be there this means that the far end is silent. */
 sign says_module_gone(const facts &seen)
 {
-    return seen.present_after.value_or(false) ? sign{answer::no, ""}
-                                              : driver_says(seen, {"No cable"});
+    return seen.present_after.value_or(false) ? sign{answer::no, ""} : says_no_cable(seen);
 }
 
 sign says_module_failed(const facts &seen)
@@ -210,8 +267,19 @@ sign has_tx_fault(const facts &seen)
                         seen.tx_fault_after->size())};
 }
 
+sign was_switched_off(const facts &seen)
+{
+    if (!seen.tx_off_before || !seen.tx_off_after)
+        return {};
+    return {to_answer(count_on(*seen.tx_off_after) > count_on(*seen.tx_off_before)),
+            fmt::format("The transmitter is switched off on {} of {} lanes, and wasn't before.",
+                        count_on(*seen.tx_off_after), seen.tx_off_after->size())};
+}
+
 sign is_laser_dark(const facts &seen)
 {
+    if (sign its = was_switched_off(seen); its.is == answer::yes)
+        return its;
     const auto went_off = [](const by_lane &before, const by_lane &after, double least) {
         return before && after &&
                std::ranges::all_of(*before, [&](double v) { return v > least; }) &&
@@ -223,12 +291,19 @@ sign is_laser_dark(const facts &seen)
     if (went_off(seen.tx_before, seen.tx_after, dark))
         return {answer::yes, fmt::format("The module sends {:.1f} dBm, before the fall {:.1f} dBm.",
                                          seen.tx_after->front(), seen.tx_before->front())};
-    if (seen.tx_off_before && seen.tx_off_after &&
-        count_on(*seen.tx_off_after) > count_on(*seen.tx_off_before))
-        return {answer::yes,
-                fmt::format("The transmitter is switched off on {} of {} lanes, and wasn't before.",
-                            count_on(*seen.tx_off_after), seen.tx_off_after->size())};
     return seen.bias_after || seen.tx_after ? sign{answer::no, ""} : sign{};
+}
+
+sign has_laser_weakened(const facts &seen)
+{
+    if (!seen.tx_before || !seen.tx_after)
+        return {};
+    const double before = std::ranges::min(*seen.tx_before),
+                 after = std::ranges::min(*seen.tx_after);
+    return {
+        to_answer(before - after >= much_loss),
+        fmt::format("This end sends {:.1f} dBm on the weakest lane, before the fall {:.1f} dBm.",
+                    after, before)};
 }
 
 bool is_laser_on(const facts &seen)
@@ -242,15 +317,25 @@ bool is_laser_on(const facts &seen)
            (!seen.tx_off_after || count_on(*seen.tx_off_after) == 0);
 }
 
-/* Light that was near its limit, and is a little below it now. */
+/* Light that was near the module's own limit, and is a little below it now. */
 static bool has_become_too_weak(const facts &seen)
 {
-    if (!seen.rx_before || !seen.rx_after)
+    if (!seen.rx_before || !seen.rx_after || seen.rx_low_alarm.value_or(0) >= 0)
         return false;
     const double before = std::ranges::min(*seen.rx_before),
                  after = std::ranges::min(*seen.rx_after);
     return before < low_alarm(seen) + safe_margin && after < low_alarm(seen) && after < before &&
            after > before - sudden_loss;
+}
+
+/* Light that was strong and is gone at once hasn't faded, whatever it lost before. */
+static bool was_cut(const facts &seen)
+{
+    if (!seen.rx_before || !seen.rx_after)
+        return false;
+    const double before = std::ranges::min(*seen.rx_before);
+    return before >= low_alarm(seen) + safe_margin &&
+           std::ranges::min(*seen.rx_after) < before - sudden_loss;
 }
 
 sign has_faded(const facts &seen)
@@ -264,7 +349,7 @@ sign has_faded(const facts &seen)
     if (!seen.rx_lost_before)
         return {};
     /* What was dark already was lost, and the fall told late. What is strong still is enough. */
-    if ((seen.rx_before && std::ranges::min(*seen.rx_before) <= dark) ||
+    if (was_cut(seen) || (seen.rx_before && std::ranges::min(*seen.rx_before) <= dark) ||
         (seen.rx_after && std::ranges::min(*seen.rx_after) >= low_alarm(seen) + safe_margin))
         return {answer::no, ""};
     const std::string time = seen.lost_in_s ? fmt::format(" within {:.0f} s", *seen.lost_in_s) : "";
@@ -298,7 +383,11 @@ static std::optional<size_t> lanes_lost(const facts &seen, size_t &lanes)
     if (!seen.rx_los_after)
         return std::nullopt;
     lanes = seen.rx_los_after->size();
-    return count_on(*seen.rx_los_after);
+    size_t lost = 0;
+    for (size_t lane = 0; lane < lanes; lane++)
+        lost +=
+            (*seen.rx_los_after)[lane] > 0 && (!seen.rx_before || (*seen.rx_before)[lane] > dark);
+    return lost;
 }
 
 sign is_copper(const facts &seen)
@@ -314,13 +403,19 @@ sign is_all_dark(const facts &seen)
     const auto lost = is_copper(seen).is == answer::yes ? std::nullopt : lanes_lost(seen, lanes);
     if (!lost)
         return {};
-    const std::string after =
-        seen.rx_after ? fmt::format("{:.1f} dBm", std::ranges::max(*seen.rx_after)) : "none";
+    const std::string after = seen.rx_after
+                                  ? fmt::format("{:.1f} dBm", std::ranges::max(*seen.rx_after))
+                                  : "the module says so";
     const std::string before =
         seen.rx_before ? fmt::format(", before {:.1f} dBm", std::ranges::max(*seen.rx_before)) : "";
     return {to_answer(*lost == lanes && lanes > 0),
             fmt::format("The received light is gone{}: {}{}.",
                         lanes == 1 ? "" : fmt::format(" on all {} lanes", lanes), after, before)};
+}
+
+sign was_no_light_seen(const facts &seen)
+{
+    return {to_answer(!seen.rx_before), "How much light there was before isn't known."};
 }
 
 sign is_one_lane_dark(const facts &seen)
@@ -349,23 +444,35 @@ sign is_light_missing(const facts &seen)
     const bool is_empty = !seen.present_before.value_or(true) && !seen.present_after.value_or(true);
     if (is_copper(seen).is == answer::yes || is_empty)
         return {answer::no, ""};
-    if (!seen.rx_after && !seen.rx_los_after)
-        return {};
     const bool is_weak = seen.rx_after && std::ranges::min(*seen.rx_after) < low_alarm(seen);
     const bool is_told = seen.rx_los_after && count_on(*seen.rx_los_after) > 0;
-    return {to_answer(is_weak || is_told),
-            "Light is missing at the first look after it: it may have been lost before."};
+    if (is_weak || is_told)
+        return {answer::yes,
+                "Light is missing at the first look after it: it may have been lost before."};
+    return seen.rx_after && seen.rx_los_after ? sign{answer::no, ""} : sign{};
 }
 
-/* A driver that gives its device up sets the interface down itself. */
-sign has_other_fault(const facts &seen)
+/* A driver that gives its device up sets the interface down itself. Modules with light have a flag
+   for faults of their transmitter; the other signs are of what few ports tell. */
+sign has_earlier_fault(const facts &seen)
 {
     if (seen.driver_error)
         return {answer::yes, fmt::format("The driver reported an error: {}. It may have set the "
                                          "interface down for that.",
                                          *seen.driver_error)};
-    for (const auto shown :
-         {is_module_gone, has_module_failed, has_tx_fault, says_far_side_deaf, has_no_lock})
+    for (const auto shown : {has_tx_fault, says_far_side_deaf, has_no_lock, has_faded,
+                             have_errors_risen, is_module_hot, says_module_hot, says_module_failed,
+                             says_no_cable, is_flapping, do_settings_differ})
+        if (const sign its = shown(seen); its.is == answer::yes)
+            return {answer::yes, its.sentence + " That may have been before."};
+    const bool has_light =
+        is_copper(seen).is != answer::yes && does_module_answer(seen).is != answer::no;
+    return has_light && has_tx_fault(seen).is == answer::unknown ? sign{} : sign{answer::no, ""};
+}
+
+sign has_module_gone_or_failed(const facts &seen)
+{
+    for (const auto shown : {is_module_gone, has_module_failed})
         if (const sign its = shown(seen); its.is == answer::yes)
             return {answer::yes, its.sentence + " That may have been before."};
     return {answer::no, ""};
@@ -423,7 +530,7 @@ sign have_errors_risen(const facts &seen)
     sign many = were_many_counted(seen);
     if (many.is == answer::yes)
         return many;
-    const double limit = seen.errors_limit.value_or(usual_errors_limit);
+    const double limit = errors_limit(seen);
     if (seen.errors_before)
         return {to_answer(*seen.errors_before >= limit / 10),
                 fmt::format("The bit error ratio before correction was {:.1e}; correction fails at "
@@ -437,12 +544,17 @@ sign do_settings_differ(const facts &seen)
     if (!seen.settings_changed)
         return {};
     /* Which of them was set isn't known: FEC may follow from the others. */
+    const std::string speed =
+        seen.speed_before && seen.speed_after && *seen.speed_before != *seen.speed_after
+            ? fmt::format(" The speed was {:.0f} Mbit/s, and is {:.0f} now.", *seen.speed_before,
+                          *seen.speed_after)
+            : "";
     const std::string fec =
         seen.fec_before && seen.fec_after && *seen.fec_before != *seen.fec_after
             ? fmt::format(" FEC was {}, and is {} now.", *seen.fec_before, *seen.fec_after)
             : "";
     return {to_answer(*seen.settings_changed),
-            "Speed, negotiation or FEC were changed on this machine just before." + fec};
+            "Speed, negotiation or FEC were set just before." + speed + fec};
 }
 
 sign has_negotiation_failed(const facts &seen)
@@ -475,6 +587,12 @@ std::vector<std::string> conflicts_of(const facts &seen)
     both(seen.rx_los_after && count_on(*seen.rx_los_after) == seen.rx_los_after->size() &&
              is_yes(is_light_there(seen)),
          "The module reports a loss of light and measures light.");
+    both(is_yes(was_unbound(seen)) && seen.interface_removed && !*seen.interface_removed,
+         "A driver that leaves takes its interface along.");
+    both(seen.negotiates && !*seen.negotiates && seen.extended_state.value_or("") == "Autoneg",
+         "The driver speaks of negotiation, which is off.");
+    both(seen.present_before && !*seen.present_before && seen.serial_before,
+         "No module answered before the fall, but one was read.");
     both(is_yes(was_removed(seen)) && seen.is_up.value_or(false),
          "An interface that was removed can't be up again.");
     both(is_yes(is_module_gone(seen)) && seen.serial_before && seen.serial_after &&
@@ -502,6 +620,9 @@ std::vector<std::string> illness_of(const facts &seen)
     if (!seen.settings_changed.value_or(false)) {
         less(seen.speed_before, seen.speed_after, "Mbit/s");
         less(seen.lanes_before, seen.lanes_after, "lanes");
+        if (seen.fec_before && seen.fec_after && *seen.fec_before != "none" &&
+            *seen.fec_after == "none")
+            found.push_back(fmt::format("It is up without FEC; it had {}.", *seen.fec_before));
     }
     /* Another module has no past. */
     const bool is_same =
@@ -517,7 +638,7 @@ std::vector<std::string> illness_of(const facts &seen)
     if (seen.uncorrectable_again.value_or(0) > 0)
         found.push_back(fmt::format("{:.0f} blocks couldn't be corrected since it is up again.",
                                     *seen.uncorrectable_again));
-    const double limit = seen.errors_limit.value_or(usual_errors_limit);
+    const double limit = errors_limit(seen);
     if (seen.errors_again &&
         (*seen.errors_again >= limit / 10 ||
          (is_same && seen.errors_before && *seen.errors_before > 0 &&

@@ -22,27 +22,36 @@ sign was_set_down(const facts &seen);
 sign has_moved(const facts &seen);
 sign was_unbound(const facts &seen);
 sign was_removed(const facts &seen);
-sign has_left_later(const facts &seen); /* never no */
+sign has_stayed(const facts &seen);
+sign has_left_later(const facts &seen);     /* never no */
+sign have_others_fallen(const facts &seen); /* of the same device; the same below */
+sign have_others_stayed(const facts &seen);
 sign was_reset(const facts &seen);
 sign fell_with_device(const facts &seen);
 sign fell_with_machine(const facts &seen);
 sign was_replaced(const facts &seen);
 sign is_module_gone(const facts &seen);
+sign does_module_answer(const facts &seen);
 sign has_module_failed(const facts &seen);
 sign is_module_hot(const facts &seen);
 sign says_module_gone(const facts &seen); /* the driver, by its extended state; the same below */
 sign says_module_failed(const facts &seen);
 sign says_module_hot(const facts &seen);
 sign has_tx_fault(const facts &seen);
+sign was_switched_off(const facts &seen); /* its transmitter */
 sign is_laser_dark(const facts &seen);
+sign has_laser_weakened(const facts &seen);
 bool is_laser_on(const facts &seen); /* of each lane, and known */
 sign has_faded(const facts &seen);
 sign is_all_dark(const facts &seen);
+sign was_no_light_seen(const facts &seen); /* before the fall; never unknown */
 sign is_one_lane_dark(const facts &seen);
 sign is_light_there(const facts &seen);
 sign is_light_missing(const facts &seen); /* on some lane */
-/* Of the device, the module or the other end; never unknown. */
-sign has_other_fault(const facts &seen);
+/* What may have brought the link down before a person did: of the device, the module or the light.
+ */
+sign has_earlier_fault(const facts &seen);
+sign has_module_gone_or_failed(const facts &seen); /* never unknown */
 sign says_far_side_deaf(const facts &seen);
 sign has_no_lock(const facts &seen);
 sign have_errors_risen(const facts &seen);

@@ -52,14 +52,20 @@ static constexpr rule rules[] = {
      certainty::certain,
      {was_set_down},
      {has_moved, was_unbound, was_removed, was_reset},
-     {is_light_missing, has_other_fault}},
+     {is_light_missing, has_module_gone_or_failed, has_earlier_fault, have_others_fallen}},
     {cause::interface_moved,
      side::local,
      layer::administration,
      certainty::certain,
      {has_moved},
      {was_unbound}},
-    {cause::driver_gone, side::local, layer::driver, certainty::certain, {was_unbound}, {}},
+    {cause::driver_gone,
+     side::local,
+     layer::driver,
+     certainty::certain,
+     {was_unbound},
+     {},
+     {has_stayed}},
     {cause::interface_gone,
      side::local,
      layer::driver,
@@ -71,7 +77,8 @@ static constexpr rule rules[] = {
      layer::device,
      certainty::certain,
      {was_reset},
-     {was_unbound}},
+     {was_unbound},
+     {have_others_stayed, is_light_missing}},
     /* A switch at the other end of all fibres takes their light along. */
     {cause::machine_wide,
      side::unknown,
@@ -87,7 +94,13 @@ static constexpr rule rules[] = {
      {is_all_dark, is_one_lane_dark, is_module_gone},
      {says_far_side_deaf, has_no_lock, do_settings_differ, has_module_failed, has_tx_fault,
       is_laser_dark}},
-    {cause::module_replaced, side::local, layer::module, certainty::certain, {was_replaced}, {}},
+    {cause::module_replaced,
+     side::local,
+     layer::module,
+     certainty::certain,
+     {was_replaced},
+     {},
+     {does_module_answer, has_earlier_fault, have_others_fallen}},
     /* One that doesn't answer any more looks like one that was pulled. */
     {cause::module_pulled, side::local, layer::module, certainty::likely, {is_module_gone}, {}},
     {cause::module_hot,
@@ -121,7 +134,7 @@ static constexpr rule rules[] = {
      layer::module,
      certainty::possible,
      {is_laser_dark, is_all_dark},
-     {}},
+     {was_switched_off}},
     {cause::settings_differ,
      side::local,
      layer::negotiation,
@@ -135,7 +148,7 @@ static constexpr rule rules[] = {
      certainty::likely,
      {is_all_dark},
      {has_faded},
-     {is_module_hot}},
+     {is_module_hot, was_switched_off, was_no_light_seen}},
     {cause::lane_lost, side::unknown, layer::fibre, certainty::likely, {is_one_lane_dark}, {}},
     {cause::far_side_deaf,
      side::between,
@@ -185,7 +198,7 @@ static constexpr const char *other_end =
 
 /* By cause. */
 static constexpr advice advices[] = {
-    {"Whether the interface was moved, removed or reset at the same time, or the module swapped.",
+    {"Whether what else was seen came before it.",
      "Set it up again, or ask who set it down: the network's own service, a script, an operator."},
     {"Whether the driver left at the same time.", "Look in the namespace that it was moved to."},
     {"Whether the device was reset.",
@@ -298,25 +311,47 @@ static std::string duration_text(double seconds)
     return fmt::format("{:.0f} {}", std::floor(seconds / its->in_s), its->name);
 }
 
-/* What a reader wants to know with any cause. */
-static void add_context(const facts &seen, std::vector<std::string> &evidence)
+/* What is not as it should be, and shows no cause by itself. */
+static std::vector<std::string> abnormal(const facts &seen)
 {
+    std::vector<std::string> found;
+    if (const sign hot = is_module_hot(seen); hot.is == answer::yes)
+        found.push_back(hot.sentence);
+    if (seen.tx_fault_after && std::ranges::max(*seen.tx_fault_after) > 0)
+        found.emplace_back("The module reports a fault of its transmitter, perhaps an old one.");
+    return found;
+}
+
+/* What a reader wants to know with any cause. */
+static void add_context(const facts &seen, verdict &made)
+{
+    std::vector<std::string> &evidence = made.evidence;
     constexpr size_t most_sentences = 5;
     const auto add = [&](std::string sentence) {
         if (evidence.size() < most_sentences &&
             std::ranges::find(evidence, sentence) == evidence.end())
             evidence.push_back(std::move(sentence));
     };
-    if (seen.driver_error)
+    const bool is_told = std::ranges::any_of(evidence, [](const std::string &each) {
+        return each.starts_with("The driver reported an error");
+    });
+    if (seen.driver_error && !is_told)
         add(fmt::format("The driver reported an error: {}.", *seen.driver_error));
+    if (made.cause != cause::device_reset && made.cause != cause::machine_wide)
+        if (const sign fell = have_others_fallen(seen); fell.is == answer::yes)
+            add(fell.sentence);
     if (seen.up_for_s)
         add(fmt::format("It had been up for {}.", duration_text(*seen.up_for_s)));
     if (const sign both = was_set_down(seen); both.is == answer::yes)
         add(both.sentence);
-    if (seen.device_others_fell && *seen.device_others_fell == 0 &&
-        seen.device_others_stayed.value_or(0) > 0)
-        add(fmt::format("Other ports of the device stayed up: {:.0f}.",
-                        *seen.device_others_stayed));
+    if (seen.device_others_fell.value_or(1) == 0)
+        if (const sign stayed = have_others_stayed(seen); stayed.is == answer::yes)
+            add(stayed.sentence);
+    if (made.cause == cause::not_known)
+        for (const std::string &each : abnormal(seen))
+            add(each);
+    if (const sign weak = has_laser_weakened(seen); weak.is == answer::yes)
+        add(weak.sentence);
     for (const sign_of each : {is_light_there, is_flapping})
         if (const sign its = each(seen); its.is == answer::yes)
             add(its.sentence);
@@ -326,6 +361,37 @@ static void add_context(const facts &seen, std::vector<std::string> &evidence)
                         *seen.signal_quality_before, *seen.signal_quality_most));
     if (seen.extended_state)
         add(fmt::format("The driver says: {}.", *seen.extended_state));
+}
+
+/* What isn't known of a set-down, each of which would be another cause. */
+static std::string open_questions(const facts &seen)
+{
+    static constexpr struct {
+        sign_of is;
+        const char *question;
+    } others[] = {{has_moved, "the interface was moved"},
+                  {was_unbound, "the driver left"},
+                  {was_removed, "the interface was removed"},
+                  {was_reset, "the device was reset"},
+                  {was_replaced, "the module was swapped"}};
+    std::vector<std::string> open;
+    for (const auto &its : others)
+        if (its.is(seen).is == answer::unknown)
+            open.emplace_back(its.question);
+    return open.empty() ? ""
+                        : fmt::format("Whether {} at the same time.", fmt::join(open, ", or "));
+}
+
+static std::string settle_of(const verdict &made, const facts &seen)
+{
+    if (made.certainty == certainty::certain)
+        return "";
+    if (made.cause == cause::set_down)
+        if (std::string open = open_questions(seen); !open.empty())
+            return open;
+    if (was_switched_off(seen).is == answer::yes && made.cause == cause::laser_dark)
+        return "Who has switched the transmitter off.";
+    return advices[static_cast<size_t>(made.cause)].settle;
 }
 
 verdict judge(const facts &seen)
@@ -344,30 +410,49 @@ verdict judge(const facts &seen)
         for (const auto &signs : {found->requires_all, found->doubts})
             add_sentences(signs, seen, made.evidence);
     }
-    add_context(seen, made.evidence);
-    const advice &its = advices[static_cast<size_t>(made.cause)];
-    made.settle = made.certainty == certainty::certain ? "" : its.settle;
-    made.action = its.action;
+    add_context(seen, made);
+    made.settle = settle_of(made, seen);
+    made.action = advices[static_cast<size_t>(made.cause)].action;
+    if (!made.ill.empty())
+        made.action += " It came back worse: clean the connectors, and compare light, speed, lanes "
+                       "and FEC of both ends.";
     return made;
 }
 
-/* The two ends of a link notice a fall within a second or two. */
-static constexpr double longest_apart = 30;
+/* Links hold a fall back for some seconds at most; without the bounds of both clocks, half a minute
+   is one fall. */
+static constexpr double longest_apart = 5, longest_apart_by_any_clock = 30;
 
 /* The kernel tells of a lost carrier up to a second late, at each end. */
 static constexpr double longest_hold = 1.1;
+
+static bool is_one_end(const facts &here, const facts &there)
+{
+    return here.boot && there.boot && *here.boot == *there.boot && here.interface &&
+           there.interface && *here.interface == *there.interface;
+}
 
 static order order_of(const facts &here, const facts &there)
 {
     order who;
     who.sentence = "Who fell first isn't known: a time or the bound of a clock is missing.";
+    if (is_one_end(here, there)) {
+        who.is_one_fall = false;
+        who.sentence = "Both records are of this end: the other one's aren't there.";
+        return who;
+    }
     if (!here.time || !there.time)
         return who;
     const double apart = *here.time - *there.time,
                  clocks = here.clock_error_s.value_or(0) + there.clock_error_s.value_or(0),
-                 bound = clocks + 2 * longest_hold;
-    who.is_one_fall = std::abs(apart) <= longest_apart + clocks;
-    if (!here.clock_error_s || !there.clock_error_s)
+                 bound = clocks + longest_hold;
+    const bool are_bound = here.clock_error_s && there.clock_error_s;
+    who.is_one_fall =
+        std::abs(apart) <= clocks + (are_bound ? longest_apart : longest_apart_by_any_clock);
+    if (!who.is_one_fall)
+        who.sentence =
+            fmt::format("The records are of two falls: {:.0f} s lie between.", std::abs(apart));
+    if (!are_bound || !who.is_one_fall)
         return who;
     who.is_known = std::abs(apart) > bound;
     who.here_first = apart < 0;
@@ -392,35 +477,85 @@ static bool is_open_question(cause its)
     return std::ranges::find(open, its) != std::end(open);
 }
 
+static void settle_by(verdict &made, const char *settle, std::string action)
+{
+    made.settle = settle;
+    made.action = std::move(action);
+}
+
+/* What happened at the other end, and brought this one down. */
+static void take_over(verdict &made, const verdict &other)
+{
+    const advice &its = advices[static_cast<size_t>(other.cause)];
+    made.cause = other.cause;
+    made.side = side::remote;
+    made.layer = other.layer;
+    made.certainty = std::min(other.certainty, certainty::likely);
+    made.evidence.insert(made.evidence.begin(), "At the other end: " + other.evidence.front());
+    settle_by(made, "The other end's own verdict: teskctl why, there.",
+              fmt::format("At the other end: {}", its.action));
+}
+
+static bool is_fec_another(const facts &here, const facts &there)
+{
+    return here.fec_before && there.fec_before && *here.fec_before != *there.fec_before;
+}
+
+/* What the light and the settings of both ends show together. Returns whether they show something.
+ */
+static bool join(verdict &made, const verdict &other, const facts &here, const facts &there)
+{
+    static constexpr char look[] = "A look at the fibre.";
+    static constexpr char fibre[] = "Look at the fibre and its connectors between the two ends.";
+    if (made.cause == cause::light_lost && is_laser_on(there)) {
+        made.side = side::between;
+        made.evidence.emplace_back("The other end's laser is on: its light is lost on the way.");
+        settle_by(made, look, fibre);
+    } else if (made.cause == cause::far_side_deaf && is_all_dark(there).is == answer::yes &&
+               is_laser_on(here)) {
+        made.side = side::between;
+        made.evidence.emplace_back("The other end receives no light, and this end's laser is on: "
+                                   "its light is lost on the way.");
+        settle_by(made, look, fibre);
+    } else if (made.cause == cause::not_known && is_fec_another(here, there)) {
+        made.cause = cause::settings_differ;
+        made.side = side::between;
+        made.layer = layer::negotiation;
+        made.evidence.insert(made.evidence.begin(),
+                             fmt::format("FEC is {} here, and {} at the other end.",
+                                         *here.fec_before, *there.fec_before));
+        settle_by(made, "The speeds of both ends.",
+                  "Set both ends alike: speed, negotiation, FEC.");
+    } else if (made.cause == cause::not_known && other.cause != cause::not_known) {
+        made.cause = other.cause;
+        made.layer = other.layer;
+        made.evidence.insert(made.evidence.begin(), "At the other end: " + other.evidence.front());
+        settle_by(made, "What this end sends.", other.action);
+    } else {
+        return false;
+    }
+    return true;
+}
+
 verdict judge_both(const facts &here, const facts &there, order &who)
 {
     verdict made = judge(here);
     const verdict other = judge(there);
     who = order_of(here, there);
-    if (!who.is_one_fall) {
-        who.is_known = false;
-        who.sentence = "The records are of two falls: too much time lies between.";
-        return made;
-    }
     if (!is_open_question(made.cause))
         return made;
-    if (other.side == side::local && !(who.is_known && who.here_first)) {
-        made.cause = other.cause;
-        made.side = side::remote;
-        made.layer = other.layer;
-        made.certainty = std::min(other.certainty, certainty::likely);
-        made.evidence.insert(made.evidence.begin(), "At the other end: " + other.evidence.front());
-    } else if (made.cause == cause::light_lost && is_laser_on(there)) {
-        made.side = side::between;
-        made.evidence.emplace_back("The other end's laser is on: its light is lost on the way.");
-    } else {
+    if (!who.is_one_fall) {
+        made.settle = "The other end's record of the same fall.";
         return made;
     }
-    if (!made.conflicts.empty() || !other.conflicts.empty())
+    if (other.side == side::local && !(who.is_known && who.here_first)) {
+        take_over(made, other);
+    } else if (!join(made, other, here, there)) {
+        made.settle = "More facts of the other end than it has given.";
+        return made;
+    }
+    if (!made.conflicts.empty() || !other.conflicts.empty() || !here.time || !there.time)
         made.certainty = certainty::possible;
-    const advice &its = advices[static_cast<size_t>(made.cause)];
-    made.settle = made.side == side::between ? "A look at the fibre." : its.settle;
-    made.action = its.action;
     return made;
 }
 
