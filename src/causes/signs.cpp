@@ -107,6 +107,20 @@ sign have_others_fallen(const facts &seen)
                 (is_device ? seen.device_others_stayed : seen.machine_others_stayed).value_or(0))};
 }
 
+/* Both ports of a card, or two cards, may go to one switch that restarts. */
+sign has_one_other_fallen(const facts &seen)
+{
+    const double others =
+        seen.device_others_fell.value_or(0) + seen.machine_others_fell.value_or(0);
+    return {to_answer(others <= 1), "That is one port more, which may share its other end."};
+}
+
+sign is_rest_unknown(const facts &seen)
+{
+    return {to_answer(!seen.machine_others_fell),
+            "Whether ports of other devices fell isn't known."};
+}
+
 sign have_others_stayed(const facts &seen)
 {
     if (!seen.device_others_stayed)
@@ -114,6 +128,12 @@ sign have_others_stayed(const facts &seen)
     return {
         to_answer(*seen.device_others_stayed > 0),
         fmt::format("Other ports of the device stayed up: {:.0f}.", *seen.device_others_stayed)};
+}
+
+sign may_have_left(const facts &seen)
+{
+    return {to_answer(!seen.interface_removed || !seen.interface_moved),
+            "Whether the interface was removed or moved isn't known."};
 }
 
 sign has_left_later(const facts &seen)
@@ -172,8 +192,8 @@ sign was_replaced(const facts &seen)
 {
     if (seen.present_before && !*seen.present_before && seen.present_after && !*seen.present_after)
         return {answer::no, ""};
-    if (!seen.present_before || !seen.serial_before || !seen.serial_after ||
-        !is_serial(*seen.serial_before) || !is_serial(*seen.serial_after))
+    if (!seen.serial_before || !seen.serial_after || !is_serial(*seen.serial_before) ||
+        !is_serial(*seen.serial_after))
         return {};
     if (*seen.serial_before == *seen.serial_after)
         return {answer::no, ""};
@@ -193,6 +213,23 @@ sign is_module_gone(const facts &seen)
         return {};
     return {to_answer(*seen.present_before && !*seen.present_after),
             "A module answered before the fall, and none at the first look after it."};
+}
+
+sign has_another_serial(const facts &seen)
+{
+    const bool is_known = seen.serial_before && seen.serial_after &&
+                          is_serial(*seen.serial_before) && is_serial(*seen.serial_after);
+    if (!is_known || are_alike(*seen.serial_before, *seen.serial_after))
+        return {answer::no, ""};
+    return {answer::yes, fmt::format("Another module is there now: {}, before {}.",
+                                     *seen.serial_after, *seen.serial_before)};
+}
+
+sign was_no_module_there(const facts &seen)
+{
+    if (!seen.present_before)
+        return {};
+    return {to_answer(!*seen.present_before), "No module answered before the fall."};
 }
 
 /* A module that is being swapped doesn't answer at the first look. */
@@ -353,9 +390,14 @@ sign has_faded(const facts &seen)
         (seen.rx_after && std::ranges::min(*seen.rx_after) >= low_alarm(seen) + safe_margin))
         return {answer::no, ""};
     const std::string time = seen.lost_in_s ? fmt::format(" within {:.0f} s", *seen.lost_in_s) : "";
+    const std::string levels =
+        seen.rx_before && seen.rx_after
+            ? fmt::format(" It was {:.1f} dBm on the weakest lane, and is {:.1f}.",
+                          std::ranges::min(*seen.rx_before), std::ranges::min(*seen.rx_after))
+            : "";
     return {to_answer(*seen.rx_lost_before >= much_loss),
-            fmt::format("The received light became {:.1f} dB weaker{} before the fall.",
-                        *seen.rx_lost_before, time)};
+            fmt::format("The received light became {:.1f} dB weaker{} before the fall.{}",
+                        *seen.rx_lost_before, time, levels)};
 }
 
 /* A little light may be left in a fibre that is bent or half pulled. */
@@ -452,6 +494,38 @@ sign is_light_missing(const facts &seen)
     return seen.rx_after && seen.rx_los_after ? sign{answer::no, ""} : sign{};
 }
 
+sign is_light_seen_missing(const facts &seen)
+{
+    sign its = is_light_missing(seen);
+    return its.is == answer::yes ? its : sign{answer::no, ""};
+}
+
+static bool were_any_counted(const facts &seen)
+{
+    return seen.uncorrectable_in_minute || seen.symbol_errors_in_minute ||
+           seen.frame_errors_in_minute;
+}
+
+/* What the readings before the fall could tell, and don't. */
+static bool are_readings_missing(const facts &seen)
+{
+    const bool has_light = is_copper(seen).is != answer::yes && seen.present_after.value_or(true);
+    return (has_light && has_tx_fault(seen).is == answer::unknown) ||
+           (seen.rx_before && !seen.rx_lost_before) ||
+           (seen.counted_for_s && !were_any_counted(seen));
+}
+
+sign has_link_fault(const facts &seen)
+{
+    for (const auto shown :
+         {has_tx_fault, says_far_side_deaf, has_no_lock, has_faded, have_errors_risen,
+          has_negotiation_failed, is_module_hot, says_module_hot, says_module_failed, says_no_cable,
+          is_flapping, do_settings_differ})
+        if (const sign its = shown(seen); its.is == answer::yes)
+            return {answer::yes, its.sentence + " That may have been before."};
+    return {answer::no, ""};
+}
+
 /* A driver that gives its device up sets the interface down itself. Modules with light have a flag
    for faults of their transmitter; the other signs are of what few ports tell. */
 sign has_earlier_fault(const facts &seen)
@@ -460,14 +534,8 @@ sign has_earlier_fault(const facts &seen)
         return {answer::yes, fmt::format("The driver reported an error: {}. It may have set the "
                                          "interface down for that.",
                                          *seen.driver_error)};
-    for (const auto shown : {has_tx_fault, says_far_side_deaf, has_no_lock, has_faded,
-                             have_errors_risen, is_module_hot, says_module_hot, says_module_failed,
-                             says_no_cable, is_flapping, do_settings_differ})
-        if (const sign its = shown(seen); its.is == answer::yes)
-            return {answer::yes, its.sentence + " That may have been before."};
-    const bool has_light =
-        is_copper(seen).is != answer::yes && does_module_answer(seen).is != answer::no;
-    return has_light && has_tx_fault(seen).is == answer::unknown ? sign{} : sign{answer::no, ""};
+    sign fault = has_link_fault(seen);
+    return fault.is == answer::no && are_readings_missing(seen) ? sign{} : fault;
 }
 
 sign has_module_gone_or_failed(const facts &seen)
@@ -497,8 +565,9 @@ sign has_no_lock(const facts &seen)
 
 static std::string counted_time(const facts &seen)
 {
-    return seen.counted_for_s ? fmt::format(", counted for {:.0f} s of it", *seen.counted_for_s)
-                              : "";
+    return seen.counted_for_s.value_or(60) < 60
+               ? fmt::format(", counted for {:.0f} s of it", *seen.counted_for_s)
+               : "";
 }
 
 /* The first kind of which there were too many; nothing where none is counted. */
@@ -517,12 +586,25 @@ static sign were_many_counted(const facts &seen)
     for (const auto &kind : kinds) {
         if (!kind.count)
             continue;
+        if (*kind.count > kind.most && *kind.count < 2)
+            return {answer::yes,
+                    fmt::format("One block couldn't be corrected in the last minute{}.",
+                                counted_time(seen))};
         if (*kind.count > kind.most)
             return {answer::yes, fmt::format("{:.0f} {} in the last minute{}.", *kind.count,
                                              kind.what, counted_time(seen))};
         found.is = answer::no;
     }
     return found;
+}
+
+sign were_few_counted(const facts &seen)
+{
+    return {to_answer(seen.uncorrectable_in_minute.value_or(usual_errors) < usual_errors &&
+                      seen.symbol_errors_in_minute.value_or(0) <= usual_errors &&
+                      seen.frame_errors_in_minute.value_or(0) <= usual_errors &&
+                      seen.uncorrectable_in_minute.value_or(0) > 0),
+            "So few may be older than the fall's cause."};
 }
 
 sign have_errors_risen(const facts &seen)

@@ -23,15 +23,20 @@ sign has_moved(const facts &seen);
 sign was_unbound(const facts &seen);
 sign was_removed(const facts &seen);
 sign has_stayed(const facts &seen);
+sign may_have_left(const facts &seen);      /* never unknown */
 sign has_left_later(const facts &seen);     /* never no */
 sign have_others_fallen(const facts &seen); /* of the same device; the same below */
 sign have_others_stayed(const facts &seen);
+sign has_one_other_fallen(const facts &seen); /* of all devices, at most; never unknown */
+sign is_rest_unknown(const facts &seen);      /* of the other devices; never unknown */
 sign was_reset(const facts &seen);
 sign fell_with_device(const facts &seen);
 sign fell_with_machine(const facts &seen);
 sign was_replaced(const facts &seen);
 sign is_module_gone(const facts &seen);
 sign does_module_answer(const facts &seen);
+sign has_another_serial(const facts &seen); /* whenever it was read; never unknown */
+sign was_no_module_there(const facts &seen);
 sign has_module_failed(const facts &seen);
 sign is_module_hot(const facts &seen);
 sign says_module_gone(const facts &seen); /* the driver, by its extended state; the same below */
@@ -47,14 +52,17 @@ sign is_all_dark(const facts &seen);
 sign was_no_light_seen(const facts &seen); /* before the fall; never unknown */
 sign is_one_lane_dark(const facts &seen);
 sign is_light_there(const facts &seen);
-sign is_light_missing(const facts &seen); /* on some lane */
-/* What may have brought the link down before a person did: of the device, the module or the light.
+sign is_light_missing(const facts &seen);      /* on some lane */
+sign is_light_seen_missing(const facts &seen); /* never unknown; the same below */
+sign has_link_fault(const facts &seen);        /* of the module or the light, before or after */
+/* What may have brought the link down before a person did: of the driver, the module or the light.
  */
 sign has_earlier_fault(const facts &seen);
 sign has_module_gone_or_failed(const facts &seen); /* never unknown */
 sign says_far_side_deaf(const facts &seen);
 sign has_no_lock(const facts &seen);
 sign have_errors_risen(const facts &seen);
+sign were_few_counted(const facts &seen); /* never unknown */
 sign do_settings_differ(const facts &seen);
 sign has_negotiation_failed(const facts &seen);
 sign is_flapping(const facts &seen);

@@ -49,6 +49,12 @@ static constexpr rule rules[] = {
     {cause::set_down,
      side::local,
      layer::administration,
+     certainty::possible,
+     {was_set_down, may_have_left},
+     {has_moved, was_unbound, was_removed, was_reset}},
+    {cause::set_down,
+     side::local,
+     layer::administration,
      certainty::certain,
      {was_set_down},
      {has_moved, was_unbound, was_removed, was_reset},
@@ -58,51 +64,59 @@ static constexpr rule rules[] = {
      layer::administration,
      certainty::certain,
      {has_moved},
-     {was_unbound}},
+     {was_unbound},
+     {is_light_seen_missing, has_link_fault}},
     {cause::driver_gone,
      side::local,
      layer::driver,
      certainty::certain,
      {was_unbound},
      {},
-     {has_stayed}},
+     {has_stayed, is_light_seen_missing, has_link_fault}},
     {cause::interface_gone,
      side::local,
      layer::driver,
      certainty::certain,
      {was_removed},
-     {has_moved, was_unbound, was_reset}},
+     {has_moved, was_unbound, was_reset},
+     {is_light_seen_missing, has_link_fault}},
     {cause::device_reset,
      side::local,
      layer::device,
      certainty::certain,
      {was_reset},
      {was_unbound},
-     {have_others_stayed, is_light_missing}},
+     {have_others_stayed, is_light_missing, has_link_fault}},
     /* A switch at the other end of all fibres takes their light along. */
     {cause::machine_wide,
      side::unknown,
      layer::device,
      certainty::likely,
      {fell_with_machine},
-     {is_all_dark, is_one_lane_dark, is_module_gone}},
+     {is_all_dark, is_one_lane_dark, is_module_gone},
+     {has_one_other_fallen}},
     {cause::device_reset,
      side::local,
      layer::device,
      certainty::likely,
      {fell_with_device},
      {is_all_dark, is_one_lane_dark, is_module_gone},
-     {says_far_side_deaf, has_no_lock, do_settings_differ, has_module_failed, has_tx_fault,
-      is_laser_dark}},
+     {has_link_fault, has_module_failed, is_laser_dark, has_one_other_fallen, is_rest_unknown}},
     {cause::module_replaced,
      side::local,
      layer::module,
      certainty::certain,
      {was_replaced},
      {},
-     {does_module_answer, has_earlier_fault, have_others_fallen}},
+     {does_module_answer, was_no_module_there, has_earlier_fault, have_others_fallen}},
     /* One that doesn't answer any more looks like one that was pulled. */
-    {cause::module_pulled, side::local, layer::module, certainty::likely, {is_module_gone}, {}},
+    {cause::module_pulled,
+     side::local,
+     layer::module,
+     certainty::likely,
+     {is_module_gone},
+     {},
+     {has_another_serial}},
     {cause::module_hot,
      side::local,
      layer::module,
@@ -122,6 +136,12 @@ static constexpr rule rules[] = {
      certainty::likely,
      {has_tx_fault},
      {},
+     {is_all_dark}},
+    {cause::laser_dark,
+     side::local,
+     layer::administration,
+     certainty::likely,
+     {was_switched_off},
      {is_all_dark}},
     {cause::laser_dark,
      side::local,
@@ -162,7 +182,13 @@ static constexpr rule rules[] = {
      certainty::possible,
      {says_far_side_deaf},
      {}},
-    {cause::errors_rose, side::between, layer::pcs_fec, certainty::likely, {have_errors_risen}, {}},
+    {cause::errors_rose,
+     side::between,
+     layer::pcs_fec,
+     certainty::likely,
+     {have_errors_risen},
+     {},
+     {were_few_counted}},
     {cause::no_lock,
      side::unknown,
      layer::pcs_fec,
@@ -208,7 +234,8 @@ static constexpr advice advices[] = {
      "Look in the kernel's log (journalctl -k): a device that is gone may have lost its power."},
     {"The kernel's own message of a reset.",
      "Look in the kernel's log for the reason (journalctl -k); see whether its firmware is old."},
-    {other_end, "Look for what they share: power, a backplane, the kernel, the switch they go to."},
+    {"The kernel's log, the power supplies, and whether other machines of the same switch fell.",
+     "Look for what they share: power, a backplane, the kernel, the switch they go to."},
     {"Whether anything else happened within the same seconds.",
      "Nothing, if the swap was meant; see that the new module fits the port and the far end."},
     {"Somebody who has seen it: a module that died looks the same.",
@@ -235,7 +262,8 @@ static constexpr advice advices[] = {
     {"A fall that follows no other one within ten seconds, with its own facts.",
      "Look at the connectors, and at the far end's log."},
     {"More facts: what the module, the kernel and the other end say.",
-     "See with teskctl why --json which facts are known, and compare the far end's log."},
+     "Look in the kernel's log at that time (journalctl -k), at ethtool of both ends, and in the "
+     "far end's log."},
 };
 static_assert(std::size(advices) == cause_count);
 
@@ -412,7 +440,9 @@ verdict judge(const facts &seen)
     }
     add_context(seen, made);
     made.settle = settle_of(made, seen);
-    made.action = advices[static_cast<size_t>(made.cause)].action;
+    made.action = made.cause == cause::laser_dark && made.layer == layer::administration
+                      ? "Find who switches it off (the driver, a script), and switch it on again."
+                      : advices[static_cast<size_t>(made.cause)].action;
     if (!made.ill.empty())
         made.action += " It came back worse: clean the connectors, and compare light, speed, lanes "
                        "and FEC of both ends.";
@@ -496,13 +526,7 @@ static void take_over(verdict &made, const verdict &other)
               fmt::format("At the other end: {}", its.action));
 }
 
-static bool is_fec_another(const facts &here, const facts &there)
-{
-    return here.fec_before && there.fec_before && *here.fec_before != *there.fec_before;
-}
-
-/* What the light and the settings of both ends show together. Returns whether they show something.
- */
+/* What the light of both ends shows together. Returns whether it shows something. */
 static bool join(verdict &made, const verdict &other, const facts &here, const facts &there)
 {
     static constexpr char look[] = "A look at the fibre.";
@@ -517,15 +541,6 @@ static bool join(verdict &made, const verdict &other, const facts &here, const f
         made.evidence.emplace_back("The other end receives no light, and this end's laser is on: "
                                    "its light is lost on the way.");
         settle_by(made, look, fibre);
-    } else if (made.cause == cause::not_known && is_fec_another(here, there)) {
-        made.cause = cause::settings_differ;
-        made.side = side::between;
-        made.layer = layer::negotiation;
-        made.evidence.insert(made.evidence.begin(),
-                             fmt::format("FEC is {} here, and {} at the other end.",
-                                         *here.fec_before, *there.fec_before));
-        settle_by(made, "The speeds of both ends.",
-                  "Set both ends alike: speed, negotiation, FEC.");
     } else if (made.cause == cause::not_known && other.cause != cause::not_known) {
         made.cause = other.cause;
         made.layer = other.layer;
@@ -542,6 +557,8 @@ verdict judge_both(const facts &here, const facts &there, order &who)
     verdict made = judge(here);
     const verdict other = judge(there);
     who = order_of(here, there);
+    if (who.is_known && !who.here_first)
+        made.certainty = std::min(made.certainty, certainty::likely);
     if (!is_open_question(made.cause))
         return made;
     if (!who.is_one_fall) {
