@@ -161,7 +161,7 @@ static const struct {
          at.set_link(0, false, false, false, false);
          at.read(0, 0.5);
      },
-     "set down, likely"},
+     "set down, possible"},
     {"the message may tell of a carrier that was lost before, too",
      [](auto &at) {
          at.set_link(0, false, false, true, false);
@@ -204,7 +204,7 @@ static const struct {
          at.read(0, 0.5);
          at.leave(0, departure::removed);
      },
-     "set down, likely"},
+     "set down, possible"},
     {"it is moved just after it fell",
      [](auto &at) {
          at.drop(0);
@@ -221,7 +221,7 @@ static const struct {
          at.finish();
          at.leave(0, departure::removed);
      },
-     "set down, likely"},
+     "set down, possible"},
     {"its driver may have gone", [](auto &at) { at.leave(0, departure::removed); },
      "interface gone, likely"},
     {"it isn't there any more when all are read", [](auto &at) { at.leave(0, departure::unknown); },
@@ -287,7 +287,7 @@ static const struct {
          at.drop(1);
          at.read(0, 0.5);
      },
-     "device reset, likely"},
+     "device reset, possible"},
     {"the other one, at the other end of its cable, is set down",
      [](auto &at) {
          at.drop(0);
