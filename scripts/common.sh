@@ -13,7 +13,8 @@ packages_test=(git libgtest-dev lttng-tools babeltrace2 procps jq curl python3-p
 packages_all=(clang clang-tidy clang-format cppcheck libclang-rt-14-dev llvm gcovr valgrind python3
               shellcheck pyflakes3 mypy mmdebstrap dpkg-dev file systemd g++-aarch64-linux-gnu
               g++-s390x-linux-gnu qemu-user-static prometheus prometheus-node-exporter chromium
-              chromium-driver python3-selenium relacy-dev spin ccache)
+              chromium-driver python3-selenium relacy-dev spin ccache lintian blhc abigail-tools
+              diffoscope-minimal)
 # For a real kernel in an emulated machine; the kernel itself is fetched and not installed.
 packages_kernel=(qemu-system-x86 acpica-tools make cpio busybox-static ethtool python3 systemd libelf1
                  libssl3)
