@@ -54,9 +54,8 @@ inline ssize_t pass_fds(int socket, std::initializer_list<int> fds)
 /* The next signal, or null. The caller gives the block back. */
 inline block *receive_block(record_receiver &in)
 {
-    block *b = nullptr;
-    bool asks;
-    return in.pop(b, asks) == record_receiver::outcome::signal ? b : nullptr;
+    bool asks = false;
+    return in.pop(asks);
 }
 
 struct raw_peer {

@@ -131,10 +131,7 @@ TEST_F(ring, what_cannot_be_is_refused)
     for (const impossible &one : cases) {
         area->ring(0).words->head = one.head;
         std::memcpy(area->ring(0).home, &one.size, 2 * sizeof(uint32_t));
-        block *b = nullptr;
-        bool asks;
-        EXPECT_EQ(in.pop(b, asks), record_receiver::outcome::invalid)
-            << one.head << ", " << one.size;
+        EXPECT_EQ(receive_block(in), nullptr) << one.head << ", " << one.size;
     }
 }
 
@@ -219,7 +216,6 @@ struct turns : testing::Test {
     }
     sender &add(uint32_t id)
     {
-        in.make_room();
         in.add(id, senders[id].area, 0, owned_fd(dup(senders[id].bell.get())));
         EXPECT_TRUE(in.rest(id));
         return senders[id];
@@ -452,8 +448,7 @@ TEST(the_waker, rings_for_connections_that_end_meanwhile)
             parts.far_bell = make_bell();
             copies.emplace_back(dup(parts.far_bell.get()));
             EXPECT_TRUE(record_receiver(parts.area->ring(1)).rest());
-            all.push_back(std::make_unique<connection>());
-            set_up(*all.back(), std::move(parts));
+            all.push_back(std::make_unique<connection>(1, std::move(parts)));
         }
         for (auto &c : all)
             EXPECT_TRUE(deliver(*c, b, run));
@@ -483,9 +478,9 @@ TEST(a_fan_out, is_a_row_of_many_different_receivers)
         for (int time = 0; time < 50; time++)
             EXPECT_EQ(wake(few, false), few);
     EXPECT_EQ(wake(100, true), 100u) << "answers";
-    EXPECT_EQ(wake(100, false), left_out_at_first);
-    EXPECT_LT(wake(100, false), left_out_at_first) << "another one is expected";
-    EXPECT_LT(wake(100, false), left_out_at_first);
+    EXPECT_EQ(wake(100, false), fan_out::left_out_at_first);
+    EXPECT_LT(wake(100, false), fan_out::left_out_at_first) << "another one is expected";
+    EXPECT_LT(wake(100, false), fan_out::left_out_at_first);
     wake(10, false);
     EXPECT_EQ(wake(10, false), 10u);
 }

@@ -21,19 +21,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <optional>
 #include <sys/socket.h>
 #include <vector>
 
 namespace
 {
-
-/* This side's parts of a new connection, with the memory that both sides map. */
-struct offer {
-    owned_fd memory; /* for the other side */
-    int watch = -1;  /* for its end */
-    connection_parts parts;
-};
 
 struct newcomer {
     uint32_t mailbox_id;
@@ -55,8 +47,7 @@ static constexpr int ungreeted_at_most = 16; /* of one process */
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_number;
-static std::vector<uint32_t> resting; /* mailboxes whose listener is left alone */
-static time_point retry;
+static time_point retry = time_point::max(); /* of the listeners that are left alone */
 static time_point next_complaint;
 
 static void complain_about_greeting(const peer_identity &peer)
@@ -71,19 +62,16 @@ static void complain_about_greeting(const peer_identity &peer)
             static_cast<int>(peer.process));
 }
 
-/* Empty, with errno, when the system refuses a part. */
-static std::optional<offer> make_offer()
+/* Makes the bells and the area, whose memory, for the other side, is returned. Without an area
+   where the system refuses one of them. */
+static owned_fd make_shared_parts(connection_parts &parts)
 {
-    offer made;
-    made.parts.near_bell = make_bell();
-    made.parts.far_bell = make_bell();
-    made.memory = make_area_memory();
-    if (made.memory && made.parts.near_bell && made.parts.far_bell)
-        made.parts.area = mapped_area::map(made.memory.get());
-    if (!made.parts.area)
-        return {};
-    made.watch = watch_for_end(made.memory.get());
-    return made;
+    parts.near_bell = make_bell();
+    parts.far_bell = make_bell();
+    owned_fd memory = make_area_memory();
+    if (memory && parts.near_bell && parts.far_bell)
+        parts.area = mapped_area::map(memory.get());
+    return memory;
 }
 
 /* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
@@ -96,17 +84,17 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
         return;
     }
     std::shared_ptr<entry> place = entry::open(n.peer, false);
-    std::optional<offer> made = place ? make_offer() : std::nullopt;
-    if (!made) {
+    connection_parts parts;
+    const owned_fd memory = place ? make_shared_parts(parts) : owned_fd();
+    if (!parts.area) {
         send_greeting(control, greeting_kind::refused, m.token);
         return;
     }
-    connection_parts &parts = made->parts;
-    const int fds[welcome_fds] = {made->memory.get(), parts.near_bell.get(), parts.far_bell.get()};
+    place->watch = watch_for_end(memory.get());
+    const int fds[welcome_fds] = {memory.get(), parts.near_bell.get(), parts.far_bell.get()};
     parts.control = std::move(n.control);
     parts.token = hello.token;
     parts.peer = n.peer;
-    place->watch = made->watch;
     parts.area->hold(std::move(place), true);
     const uint32_t id = add_connection(m, std::move(parts));
     if (id != 0 && !send_greeting(control, greeting_kind::welcome, m.token, fds)) {
@@ -123,12 +111,7 @@ static void welcome(newcomer &n, const greeting &hello)
         send_greeting(n.control.get(), greeting_kind::refused, {});
         return;
     }
-    mailbox *m = find_mailbox(n.mailbox_id);
-    if (!m)
-        return;
-    std::lock_guard hold(m->lock);
-    if (m->id == n.mailbox_id)
-        answer(*m, n, hello);
+    with_mailbox(n.mailbox_id, [&](mailbox &m) { answer(m, n, hello); });
 }
 
 /* Returns whether it is settled: answered, or of no use. Then there is no control connection left.
@@ -187,66 +170,47 @@ static void handle_greeting(uint32_t, uint32_t number)
         newcomers.erase(n);
 }
 
-/* Stops watching a listener for a while, which is short enough for a client and long enough to cost
-   little CPU time. */
-static void rest_listener(int listener, uint32_t mailbox_id)
+/* No control connection if no client is waiting, or none can be accepted now. Then the listener is
+   left alone for a while, which is short enough for a client and long enough to cost little CPU
+   time. */
+static void accept_one(mailbox &m, newcomer &n)
 {
-    helper_watch(WATCH_LISTENER, listener, 0, slot_of(mailbox_id), mailbox_id);
-    resting.push_back(mailbox_id);
-    retry = std::chrono::steady_clock::now() + time_to_retry;
-}
-
-/* No control connection if no client is waiting, or none can be accepted now. */
-static newcomer accept_one(uint32_t mailbox_id)
-{
-    newcomer n{mailbox_id, {}, {}};
-    mailbox *m = find_mailbox(mailbox_id);
-    if (!m)
-        return n;
-    std::lock_guard hold(m->lock);
-    if (m->id != mailbox_id || !m->name.listener)
-        return n;
-    const int listener = m->name.listener.get();
+    const int listener = m.name.listener.get();
     n.control = owned_fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     const bool is_out = !n.control && errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
     if (n.control)
         n.peer = peer_of(n.control.get());
-    if (is_out || (n.control && is_closing_too_many(n.peer)))
-        rest_listener(listener, mailbox_id);
-    return n;
+    if (!is_out && !(n.control && is_closing_too_many(n.peer)))
+        return;
+    helper_watch(WATCH_LISTENER, listener, 0, m.slot, m.id);
+    retry = std::chrono::steady_clock::now() + time_to_retry;
 }
 
 static void handle_listener(uint32_t, uint32_t mailbox_id)
 {
-    newcomer n = accept_one(mailbox_id);
+    newcomer n{mailbox_id, {}, {}};
+    with_mailbox(mailbox_id, [&](mailbox &m) { accept_one(m, n); });
     if (n.control)
         handle_newcomer(std::move(n));
 }
 
 static void wake_listeners()
 {
-    for (uint32_t id : std::exchange(resting, {})) {
-        mailbox *m = find_mailbox(id);
-        if (!m)
-            continue;
-        std::lock_guard hold(m->lock);
-        if (m->id == id)
-            helper_watch(WATCH_LISTENER, m->name.listener.get(), EPOLLIN, slot_of(id), id);
-    }
+    retry = time_point::max();
+    for_each_mailbox([](mailbox &m) {
+        std::lock_guard hold(m.lock);
+        if (m.name.listener)
+            helper_watch(WATCH_LISTENER, m.name.listener.get(), EPOLLIN, m.slot, m.id);
+    });
 }
 
 static time_point keep_time(time_point now)
 {
     while (!newcomers.empty() && newcomers.front().deadline <= now)
         drop(newcomers.begin());
-    if (!resting.empty() && retry <= now)
+    if (retry <= now)
         wake_listeners();
-    time_point next = time_point::max();
-    if (!newcomers.empty())
-        next = std::min(next, newcomers.front().deadline);
-    if (!resting.empty())
-        next = std::min(next, retry);
-    return next;
+    return newcomers.empty() ? retry : std::min(retry, newcomers.front().deadline);
 }
 
 void set_up_accepting()
@@ -262,6 +226,6 @@ void end_accepting(bool is_child)
         if (!is_child)
             hang_up(std::move(n.control), {}, n.peer);
     newcomers.clear();
-    resting.clear();
+    retry = time_point::max();
     next_complaint = {};
 }

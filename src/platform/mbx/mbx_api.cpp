@@ -12,6 +12,7 @@
 #include "platform/mbx/mbx_parting.h"
 #include "platform/mbx/mbx_peers.h"
 #include "platform/mbx/mbx_registry.h"
+#include "platform/mbx/mbx_waker.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -51,12 +52,12 @@ static void before_fork() /* in the order of the locks */
     parting_lock.lock();
     accounts_lock.lock();
     closer_lock.lock();
-    lock_waker();
+    waker_lock.lock();
 }
 
 static void after_fork()
 {
-    unlock_waker();
+    waker_lock.unlock();
     closer_lock.unlock();
     accounts_lock.unlock();
     parting_lock.unlock();
@@ -95,19 +96,13 @@ static block *take_over(mbx_signal **signal)
 
 /* A mailbox of the same process has no connection to watch: it notifies its watchers when it is
    deleted. */
-static uint32_t monitor_local(mailbox &target, uint32_t id, uint32_t watcher, block *notice)
+static uint32_t monitor_local(uint32_t target, uint32_t watcher, block *notice)
 {
     const uint32_t reference = next_connection_id();
     notice->word.store(reference, std::memory_order_relaxed);
     notice->sender = watcher;
-    {
-        std::lock_guard hold(target.lock);
-        if (target.id == id) {
-            target.watchers.push_back(*notice);
-            return reference;
-        }
-    }
-    push_local(watcher, notice, id);
+    if (!with_mailbox(target, [&](mailbox &m) { m.watchers.push_back(*notice); }))
+        push_local(watcher, notice, target);
     return reference;
 }
 
@@ -208,13 +203,12 @@ void mbx_send(mbx_signal **signal, uint32_t receiver, uint32_t sender)
         return;
     if (sender == MBX_OWN_MAILBOX)
         sender = own_or_first_mailbox();
-    mailbox *from = find_mailbox(sender);
-    if (!from)
+    if (!find_mailbox(sender))
         block_give(b);
     else if (receiver & mailbox_id_bit)
         push_local(receiver, b, sender);
     else
-        send_to_connection(*from, sender, receiver, b);
+        send_to_connection(sender, receiver, b);
 }
 
 mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
@@ -256,34 +250,30 @@ uint32_t mbx_monitor(uint32_t target, mbx_signal **signal)
     block *notice = take_over(signal);
     if (!notice)
         notice = block_take_number(MBX_MONITOR_DEFAULT_NO);
-    const uint32_t id = own_or_first_mailbox();
-    mailbox *m = find_mailbox(id);
-    if (!m) {
+    const uint32_t own = own_or_first_mailbox();
+    if (own == MBX_NO_MAILBOX) {
         block_give(notice);
         return 0;
     }
-    if (mailbox *local = find_mailbox(target))
-        return monitor_local(*local, target, id, notice);
-    return monitor_connection(*m, id, target, notice);
+    return find_mailbox(target) ? monitor_local(target, own, notice)
+                                : monitor_connection(own, target, notice);
 }
 
 void mbx_unmonitor(uint32_t reference)
 {
-    const uint32_t id = own_or_first_mailbox();
-    mailbox *m = find_mailbox(id);
-    if (m && !unmonitor_connection(*m, id, reference))
+    if (!unmonitor_connection(own_or_first_mailbox(), reference))
         unmonitor_local(reference);
 }
 
 uint32_t mbx_locate(const char *name)
 try {
-    const uint32_t id = own_or_first_mailbox();
-    mailbox *m = find_mailbox(id);
+    const uint32_t own = own_or_first_mailbox();
+    mailbox *m = find_mailbox(own);
     if (!m) {
         errno = EINVAL;
         return MBX_NO_MAILBOX;
     }
-    return locate(*m, id, name);
+    return locate(*m, own, name);
 } catch (const std::bad_alloc &) {
     errno = ENOMEM;
     return MBX_NO_MAILBOX;

@@ -13,7 +13,7 @@ static void wake_receiver(connection &c, fan_out *run)
 {
     if (run && run->includes(c.met) && ring_later(c.far_bell.get()))
         return;
-    if (c.is_bell_own) {
+    if (c.is_accepted()) {
         ring_own_bell(c.far_bell.get());
     } else if (!ring_bell(c.far_bell.get())) {
         if (run)
@@ -44,18 +44,6 @@ static void note_read(connection &c, bool is_first)
     c.marked = std::chrono::steady_clock::now();
 }
 
-void set_up(connection &c, connection_parts &&parts)
-{
-    c.ring = record_sender(parts.area->ring(1 - parts.side));
-    c.area = std::move(parts.area);
-    c.far_bell = std::move(parts.far_bell);
-    c.control = std::move(parts.control);
-    c.token = parts.token;
-    c.peer = parts.peer;
-    c.was_located = parts.was_located;
-    c.is_bell_own = parts.side == 0;
-}
-
 /* The area stays mapped while the inbox has something to take from its other ring, and, if the peer
    may still read, until that has closed its end. Descriptors passed over the control connection are
    not closed here. */
@@ -66,12 +54,12 @@ void let_go(connection &c, ended_by who)
         c.ring.leave();
     count_held(c);
     std::shared_ptr<entry> place = c.area->place();
-    if (c.is_bell_own)
+    if (c.is_accepted())
         leave_bell(c.far_bell.get(), place);
     retire_bell(std::move(c.far_bell));
-    if (who == ended_by::peer || !c.is_bell_own)
+    if (who == ended_by::peer || !c.is_accepted())
         c.area.reset();
-    if (c.is_bell_own)
+    if (c.is_accepted())
         part(std::move(c.control), std::move(c.area), std::move(place), c.peer);
     else
         hang_up(std::move(c.control), {}, c.peer, std::move(place));

@@ -15,41 +15,38 @@
 #include "platform/mbx/mbx_socket.h"
 #include "platform/mbx/mbx_waker.h"
 
+#include <array>
 #include <memory>
 
 /* The parts of a connection, once both sides have greeted. */
 struct connection_parts {
-    owned_fd control;
+    owned_fd control; /* its end is the peer's death */
     std::shared_ptr<mapped_area> area;
-    int side = 0; /* which ring of the area is received from */
-    owned_fd near_bell;
-    owned_fd far_bell;
+    int side = 0;          /* which ring of the area is received from */
+    owned_fd near_bell;    /* wakes the mailbox; the inbox takes it */
+    owned_fd far_bell;     /* wakes the receiver */
     mailbox_token token{}; /* the peer's */
     peer_identity peer;
     bool was_located = false; /* we looked for it */
 };
 
-/* The members that each send needs come first, in one line of the cache. */
-struct alignas(64) connection {
-    uint32_t id = 0;          /* this process's id of the other mailbox; never used twice */
-    uint32_t next = 0;        /* the connection that was sent to after this one */
-    owned_fd far_bell;        /* wakes the receiver */
-    uint32_t met = 0;         /* its mark for fan_out */
-    bool is_bell_own = false; /* made in this process */
-    bool was_located = false;
+struct connection : connection_parts {
+    const uint32_t id; /* this process's id of the other mailbox; never used twice */
+    uint32_t met = 0;  /* its mark for fan_out */
+    /* Memory of the connection that was sent to after this one, which may have ended: addresses to
+       be fetched ahead, and nothing else. */
+    std::array<const void *, 5> expected{};
     record_sender ring;
-
     backlog waiting;
-    time_point marked{}; /* of the ring's mark, while something waits */
-    std::shared_ptr<mapped_area> area;
-    owned_fd control;        /* its end is the peer's death */
+    time_point marked{};     /* of the ring's mark, while something waits */
     owned_fd life;           /* a pidfd of the peer's process, where there can be one */
     block *notice = nullptr; /* the monitor */
     uint32_t monitor = 0;    /* its reference */
-    mailbox_token token{};
-    peer_identity peer;
 
-    connection() = default;
+    connection(uint32_t its_id, connection_parts &&parts)
+        : connection_parts(std::move(parts)), id(its_id), ring(area->ring(1 - side))
+    {
+    }
     connection(const connection &) = delete;
     connection &operator=(const connection &) = delete;
     ~connection()
@@ -58,15 +55,17 @@ struct alignas(64) connection {
             block_give(notice);
     }
 
+    /* Whether its memory and its bells were made here, by the accepting side. */
+    bool is_accepted() const
+    {
+        return side == 0;
+    }
     /* Bytes of memory that it holds for the receiver. */
     size_t held() const
     {
         return ring.touched() + waiting.memory();
     }
 };
-
-/* Takes over all of the parts but the near bell. */
-void set_up(connection &c, connection_parts &&parts);
 
 enum class ended_by {
     us,  /* what the peer has not read stays for it */

@@ -30,8 +30,8 @@ static inbox_owner owner_of(mailbox &m)
 {
     return {&m,
             [](void *self, uint32_t id) {
-                if (connection *c = static_cast<mailbox *>(self)->connections.find(id))
-                    send_wake(c->control.get(), wake::room);
+                const auto &connections = static_cast<mailbox *>(self)->connections;
+                send_wake(connections.at(id).control.get(), wake::room);
             },
             [](void *self, uint32_t id) {
                 end_connection(*static_cast<mailbox *>(self), id, ended_by::peer);
@@ -93,12 +93,13 @@ void delete_mailbox(mailbox &m)
     if (m.name.listener)
         helper_unwatch(m.name.listener.get());
     give_name(m.name);
-    m.connections.for_each([&](connection &c) {
+    for (auto next = m.connections.begin(); next != m.connections.end();) {
+        connection &c = next++->second;
         set_monitor(c, nullptr, 0);
         helper_unwatch(m.in.bell(c.id));
         if (c.waiting.is_empty())
             end_connection(m, c.id, ended_by::us);
-    });
+    }
     m.in.close();
     notify_watchers(m, id);
 }
@@ -111,12 +112,10 @@ void forget_mailbox(mailbox &m)
     m.name.listener.reset();
     m.name.lock.reset();
     m.name.name.clear();
-    m.connections.for_each([](connection &c) {
-        c.ring = {};
+    for (auto &[id, c] : m.connections)
         c.area->forget();
-        c.control.reset();
-    });
     m.connections.clear();
+    m.sent_last = nullptr;
     give_all(m.watchers);
     m.in.close(true);
 }

@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -103,7 +104,7 @@ void inbox::take_events(const epoll_event *events, int count)
     fifo<source> fresh;
     for (int i = 0; i < count; i++) {
         const uint32_t id = events[i].data.u32;
-        source *s = sources_.find(id);
+        source *s = find(id);
         if (id == local_id && (events[i].events & EPOLLIN))
             s = &local_source_;
         if (!s || s->is_in_line)
@@ -129,23 +130,24 @@ void inbox::look()
 
 bool inbox::may_skip_look()
 {
-    if (line_.is_empty() || sources_.size() != 1 || has_local() || unlooked_ == 0)
+    const bool has_local = !local_.is_empty() || pushed_.load(std::memory_order_relaxed) != nullptr;
+    if (line_.is_empty() || sources_.size() != 1 || has_local || unlooked_ == 0)
         return false;
     unlooked_--;
     return true;
 }
 
+source *inbox::find(uint32_t id)
+{
+    const auto found = sources_.find(id);
+    return found != sources_.end() ? &found->second : nullptr;
+}
+
 void inbox::remove(source &s)
 {
     epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr); /* fails for a fresh one */
-    if (s.area)
-        leave_bell(s.bell.get(), s.area->place());
-    sources_.remove(s.id);
-}
-
-bool inbox::has_local() const
-{
-    return !local_.is_empty() || pushed_.load(std::memory_order_relaxed) != nullptr;
+    leave_bell(s.bell.get(), s.area->place());
+    sources_.erase(s.id);
 }
 
 /* The semaphore first: whoever has taken a count finds a block, but not the other way round, so the
@@ -170,62 +172,47 @@ block *inbox::take_local()
     return local_.pop_front();
 }
 
-/* The source may be gone on return. */
-block *inbox::end_at_violation(source &s)
+/* An empty signal in place of one that can't be: nothing more comes out of the ring then. The pages
+   may be the sender's, or holes of its making, which the read has filled at our cost. */
+block *inbox::pop_signal(source &s, bool &asks)
 {
-    const uint32_t id = s.id;
-    s.ring.drop();
-    owner_.end_connection(owner_.self, id);
-    return empty_signal(id);
-}
-
-/* The pages may be the sender's, or holes of its making, which the read has filled at our cost. */
-void inbox::count_received(source &s)
-{
-    s.area->count(HELD_RECEIVED, s.ring.touched());
-    owner_.want_trim(owner_.self);
+    block *b = s.ring.pop(asks);
+    if (!b || is_forged(b)) {
+        if (b)
+            block_give(b);
+        b = empty_signal(s.id);
+        s.ring.drop();
+    }
+    b->sender = s.id;
+    if (s.ring.touched() > 0) {
+        s.area->count(HELD_RECEIVED, s.ring.touched());
+        owner_.want_trim(owner_.self);
+    }
+    return b;
 }
 
 block *inbox::take_living(source &s)
 {
-    block *b = nullptr;
     bool asks = false;
-    const bool is_signal = s.ring.pop(b, asks) == record_receiver::outcome::signal;
-    if (!is_signal || is_forged(b)) {
-        if (b)
-            block_give(b);
-        return end_at_violation(s);
+    block *b = pop_signal(s, asks);
+    if (s.ring.is_finished()) {
+        owner_.end_connection(owner_.self, s.id); /* the source may be gone then */
+        return b;
     }
-    b->sender = s.id;
     const bool is_empty = s.ring.is_empty();
     if (!is_empty || !s.ring.rest())
         line_up(s);
     if ((is_empty || asks) && s.ring.must_report_room())
         owner_.report_room(owner_.self, s.id);
-    if (s.ring.touched() > 0)
-        count_received(s);
     return b;
 }
 
 block *inbox::take_ended(source &s)
 {
-    block *b = nullptr;
-    bool asks;
-    if (const size_t before = s.ring.unread(); before > 0) {
-        if (s.ring.pop(b, asks) == record_receiver::outcome::signal && !is_forged(b)) {
-            b->sender = s.id;
-        } else {
-            if (b)
-                block_give(b);
-            b = empty_signal(s.id);
-            s.ring.drop();
-        }
-        left_ -= before - s.ring.unread();
-        if (s.ring.touched() > 0)
-            count_received(s);
-    } else {
-        b = s.notices.pop_front();
-    }
+    bool asks = false;
+    const size_t before = s.ring.unread();
+    block *b = before > 0 ? pop_signal(s, asks) : s.notices.pop_front();
+    left_ -= before - s.ring.unread();
     if (!b)
         b = empty_signal(s.id);
     if (s.ring.unread() > 0 || !s.notices.is_empty())
@@ -263,19 +250,15 @@ block *inbox::next(bool waits)
     }
 }
 
-block *inbox::take_set_aside(const uint32_t *filter, uint32_t sender)
-{
-    return set_aside_.take_if([=](const block &b) { return matches(b, filter, sender); });
-}
-
 /* Signals that don't match stay in the mailbox, in their order and before all later ones. */
 block *inbox::take_matching(const uint32_t *filter, uint32_t sender, bool waits)
 {
-    if (block *b = take_set_aside(filter, sender))
+    const auto is_wanted = [=](const block &b) { return matches(b, filter, sender); };
+    if (block *b = set_aside_.take_if(is_wanted))
         return b;
     for (;;) {
         block *b = next(waits);
-        if (!b || matches(*b, filter, sender))
+        if (!b || is_wanted(*b))
             return b;
         set_aside_.push_back(*b);
     }
@@ -307,9 +290,8 @@ bool inbox::open(const inbox_owner &owner)
     local_event_ = owned_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE));
     if (poll_ && local_event_ && add_event(local_event_.get(), EPOLLIN, local_id))
         return true;
-    const int error = errno;
+    const errno_keeper keeper;
     close();
-    errno = error;
     return false;
 }
 
@@ -320,13 +302,13 @@ void inbox::close(bool is_child)
         block_give(std::exchange(b, b->next));
     give_all(local_);
     give_all(set_aside_);
-    sources_.for_each([&](source &s) {
+    for (auto &[id, s] : sources_) {
         give_all(s.notices);
         if (is_child)
             s.area->forget();
-        else if (s.area)
+        else
             leave_bell(s.bell.get(), s.area->place());
-    });
+    }
     sources_.clear();
     line_ = {};
     departed_ = 0;
@@ -349,19 +331,24 @@ void inbox::push(block *b)
     [[maybe_unused]] const ssize_t n = write(local_event_.get(), &one, sizeof(one));
 }
 
-void inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
-{
-    source &s = sources_.add(id);
+bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
+try {
+    source &s = sources_[id];
+    s.id = id;
     s.area = area;
     s.bell = std::move(bell);
     s.ring = record_receiver(area->ring(side));
+    return true;
+} catch (const std::bad_alloc &) {
+    errno = ENOMEM;
+    return false;
 }
 
 /* One of reading and writing is always possible at a bell, so that a ring, reported once, can't be
    taken back by the other side. */
 bool inbox::watch(uint32_t id)
 {
-    source *s = sources_.find(id);
+    source *s = find(id);
     if (!s || s->state == source_state::ended ||
         !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
         return false;
@@ -371,7 +358,7 @@ bool inbox::watch(uint32_t id)
 
 bool inbox::rest(uint32_t id)
 {
-    source *s = sources_.find(id);
+    source *s = find(id);
     return s && s->ring.rest();
 }
 
@@ -379,7 +366,7 @@ bool inbox::rest(uint32_t id)
    line; the sender doesn't ring before the source rests. */
 bool inbox::watch_quietly(uint32_t id)
 {
-    source *s = sources_.find(id);
+    source *s = find(id);
     if (!watch(id))
         return false;
     s->is_in_line = true;
@@ -393,13 +380,13 @@ bool inbox::watch_quietly(uint32_t id)
 
 int inbox::bell(uint32_t id) const
 {
-    const source *s = sources_.find(id);
-    return s ? s->bell.get() : -1;
+    const auto found = sources_.find(id);
+    return found != sources_.end() ? found->second.bell.get() : -1;
 }
 
 void inbox::wake(uint32_t id)
 {
-    source *s = sources_.find(id);
+    source *s = find(id);
     if (s && s->state != source_state::ended)
         enter(*s);
 }
@@ -423,7 +410,7 @@ void inbox::keep_unread(source &s)
    guessed: the owner may have seen it, so the next receive doesn't wait (departed_). */
 void inbox::end(uint32_t id, block *notice)
 {
-    source *s = sources_.find(id);
+    source *s = find(id);
     if (!s || s->state == source_state::ended) {
         if (notice)
             block_give(notice);
@@ -450,7 +437,7 @@ void inbox::end(uint32_t id, block *notice)
 
 bool inbox::add_notice(uint32_t id, block *notice)
 {
-    source *s = sources_.find(id);
+    source *s = find(id);
     if (!s)
         return false;
     s->notices.push_back(*notice);
@@ -461,13 +448,13 @@ bool inbox::add_notice(uint32_t id, block *notice)
 bool inbox::trim()
 {
     bool is_left = false;
-    sources_.for_each([&](source &s) {
+    for (auto &[id, s] : sources_) {
         if (s.ring.touched() == 0)
-            return;
+            continue;
         s.ring.trim();
         s.area->count(HELD_RECEIVED, s.ring.touched());
         is_left |= s.ring.touched() > 0;
-    });
+    }
     return is_left;
 }
 

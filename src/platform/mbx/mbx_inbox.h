@@ -12,12 +12,12 @@
 
 #include "platform/mbx/mbx_fd.h"
 #include "platform/mbx/mbx_record.h"
-#include "platform/mbx/mbx_table.h"
 
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <sys/epoll.h>
+#include <unordered_map>
 
 /* The calls of an inbox to its mailbox, made with the lock held. */
 struct inbox_owner {
@@ -67,17 +67,9 @@ class inbox
     /* Takes the block over. Any thread, and signal handlers, while the inbox is open. */
     void push(block *b);
 
-    bool has_place_for(uint32_t id) const
-    {
-        return sources_.has_place_for(id);
-    }
-    void make_room()
-    {
-        sources_.make_room();
-    }
     /* A source whose signals come out of one ring of the area. Then either rest() or
-       watch_quietly() must be called. */
-    void add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
+       watch_quietly() must be called. False, with errno, when memory is out. */
+    bool add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
     /* True when nothing needs to be done until the bell rings, and watch() then; false when watch()
        should be called at once. Until then the bell must not be in the epoll, because there it
        would count as rung, and wake the owner. */
@@ -87,7 +79,7 @@ class inbox
     /* rest() and watch() in one, for the owner's thread, which does not wait at the descriptor
        meanwhile. */
     bool watch_quietly(uint32_t id);
-    /* Of a source that has not ended; -1 if there is none. */
+    /* Of a source; -1 if there is none with that id. */
     int bell(uint32_t id) const;
     /* Acts as a ring of the bell does, for a sender that can't ring. */
     void wake(uint32_t id);
@@ -113,17 +105,15 @@ class inbox
     void take_events(const epoll_event *events, int count);
     void look();
     bool may_skip_look();
+    source *find(uint32_t id);
     void remove(source &s);
     block *take_local();
-    bool has_local() const;
-    block *end_at_violation(source &s);
-    void count_received(source &s);
+    block *pop_signal(source &s, bool &asks);
     void keep_unread(source &s);
     block *take_living(source &s);
     block *take_ended(source &s);
     block *take_from(source &s);
     block *next(bool waits);
-    block *take_set_aside(const uint32_t *filter, uint32_t sender);
     block *take_matching(const uint32_t *filter, uint32_t sender, bool waits);
     bool wait(std::unique_lock<std::mutex> &hold, int timeout_ms);
 
@@ -136,7 +126,7 @@ class inbox
     std::atomic<block *> pushed_{nullptr}; /* the latest first */
     fifo<block> local_;                    /* taken off pushed_, the oldest first */
     source local_source_;
-    id_table<source> sources_;
+    std::unordered_map<uint32_t, source> sources_; /* by id */
     fifo<source> line_;                  /* those that have a signal, in the order of their turns */
     size_t left_ = 0;                    /* bytes that senders that are gone have left */
     size_t round_ = 0;                   /* turns until the next look for others */

@@ -4,6 +4,7 @@
 #include "platform/mbx/mbx_locate.h"
 
 #include "platform/mbx/mbx_peers.h"
+#include "platform/mbx/mbx_registry.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -88,14 +89,12 @@ static std::optional<connection_parts> check_parts(call &c)
 
 /* Takes in the answer. Of two connections that crossed, the one made by the mailbox with the
    smaller token survives; both sides compare alike, and the other one is closed by its maker before
-   it has carried anything. MBX_NO_MAILBOX when nothing has come of it. */
-static uint32_t settle(mailbox &m, uint32_t own, call &c)
+   it has carried anything. MBX_NO_MAILBOX when nothing has come of it. With the
+   mailbox's lock. */
+static uint32_t settle(mailbox &m, call &c)
 {
-    std::lock_guard hold(m.lock);
-    if (m.id != own)
-        return MBX_NO_MAILBOX;
     if (c.answer.token == m.token)
-        return own;
+        return m.id;
     connection *existing = find_peer(m, c.answer.token, c.peer);
     if (existing && (c.answer.kind == greeting_kind::known || c.answer.token < m.token)) {
         existing->was_located = true;
@@ -108,8 +107,8 @@ static uint32_t settle(mailbox &m, uint32_t own, call &c)
     return id != 0 ? id : MBX_NO_MAILBOX;
 }
 
-static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_point deadline,
-                             uint32_t &out)
+static attempt try_to_locate(uint32_t own, const mailbox_token &token, const char *name,
+                             time_point deadline, uint32_t &out)
 {
     call c;
     c.control = connect_to_name(name, deadline);
@@ -117,7 +116,7 @@ static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_po
         return attempt::failed;
     prepare_control(c.control.get());
     c.peer = peer_of(c.control.get());
-    if (!send_greeting(c.control.get(), greeting_kind::hello, m.token))
+    if (!send_greeting(c.control.get(), greeting_kind::hello, token))
         return attempt::again;
     c.answer = await_greeting(c.control.get(), deadline);
     if (c.answer.state != greeting_state::valid || c.answer.kind == greeting_kind::hello)
@@ -125,7 +124,7 @@ static attempt try_to_locate(mailbox &m, uint32_t own, const char *name, time_po
     restrict_control(c.control.get());
     if (c.answer.kind == greeting_kind::refused)
         return attempt::refused;
-    out = settle(m, own, c);
+    with_mailbox(own, [&](mailbox &m) { out = settle(m, c); });
     return out == MBX_NO_MAILBOX ? attempt::again : attempt::done;
 }
 
@@ -136,7 +135,7 @@ uint32_t locate(mailbox &m, uint32_t own, const char *name)
     const time_point deadline = locate_deadline();
     for (;;) {
         uint32_t out = MBX_NO_MAILBOX;
-        const attempt result = try_to_locate(m, own, name, deadline, out);
+        const attempt result = try_to_locate(own, m.token, name, deadline, out);
         if (result == attempt::done || result == attempt::failed)
             return out;
         if (milliseconds_until(deadline) == 0) {

@@ -10,10 +10,10 @@
 #include "platform/mbx/mbx_connection.h"
 #include "platform/mbx/mbx_inbox.h"
 #include "platform/mbx/mbx_name.h"
-#include "platform/mbx/mbx_table.h"
 
 #include <atomic>
 #include <mutex>
+#include <unordered_map>
 
 struct mailbox {
     /* 0 when deleted. */
@@ -23,13 +23,13 @@ struct mailbox {
 
     std::mutex lock; /* guards all below */
     inbox in;
-    id_table<connection> connections;
+    std::unordered_map<uint32_t, connection> connections; /* by id */
     owned_name name;
     mailbox_token token{};
     uint32_t slot = 0; /* where it stands in the registry */
     uint32_t generation = 0;
     uint64_t born = 0;
-    uint32_t sent_last = 0;
-    fan_out run;          /* of what was sent since the last reception */
+    connection *sent_last = nullptr; /* null when it has ended */
+    fan_out run;                     /* of what was sent since the last reception */
     fifo<block> watchers; /* monitors of this mailbox by others of the process; sender: which one */
 };

@@ -39,36 +39,42 @@ void want_trim()
         helper_wake();
 }
 
-/* An indication to many receivers is sent in the same order each time, and of a thousand each one's
-   connection has left the caches meanwhile. So the next one's ring is fetched while this one's
-   signal is sent, and the record of the one after that. This saves 1 to 5 % of the sender's
-   time. */
-static void expect_next(mailbox &m, connection &c)
+/* Numbers come back one day. */
+static uint32_t free_id(const mailbox &m)
 {
-    if (connection *before = m.connections.find(m.sent_last))
-        before->next = c.id;
-    m.sent_last = c.id;
-    const connection *soon = m.connections.at_place_of(c.next);
-    if (!soon || soon == &c)
-        return;
-    __builtin_prefetch(soon->ring.words(), 1);
-    __builtin_prefetch(soon->ring.place(), 1);
-    if (const connection *later = m.connections.at_place_of(soon->next)) {
-        __builtin_prefetch(later, 1);
-        __builtin_prefetch(reinterpret_cast<const char *>(later) + 64, 1);
-    }
-}
-
-/* An id with a place in both tables. */
-static uint32_t free_id(mailbox &m)
-{
-    m.in.make_room();
-    m.connections.make_room();
     uint32_t id;
     do {
         id = next_connection_id();
-    } while (!m.in.has_place_for(id) || !m.connections.has_place_for(id));
+    } while (m.connections.contains(id) || m.in.bell(id) != -1);
     return id;
+}
+
+/* Null if there is none. */
+static connection *find_connection(mailbox &m, uint32_t id)
+{
+    const auto found = m.connections.find(id);
+    return found != m.connections.end() ? &found->second : nullptr;
+}
+
+template <typename question>
+static connection *find_connection_if(mailbox &m, question &&is_wanted)
+{
+    for (auto &[id, c] : m.connections)
+        if (is_wanted(c))
+            return &c;
+    return nullptr;
+}
+
+/* Calls the function with each connection of the process, which it may end, and its mailbox, which
+   is locked. */
+template <typename function>
+static void for_each_connection(function &&call)
+{
+    for_each_mailbox([&](mailbox &m) {
+        std::lock_guard hold(m.lock);
+        for (auto next = m.connections.begin(); next != m.connections.end();)
+            call(m, next++->second);
+    });
 }
 
 /* Its bell joins the mailbox's epoll at once where the owner's own thread makes the connection.
@@ -96,10 +102,9 @@ static bool watch_life(mailbox &m, connection &c)
 uint32_t add_connection(mailbox &m, connection_parts &&parts)
 {
     const uint32_t id = free_id(m);
-    connection &c = m.connections.add(id);
-    m.in.add(id, parts.area, parts.side, std::move(parts.near_bell));
-    set_up(c, std::move(parts));
-    if (helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
+    connection &c = m.connections.try_emplace(id, id, std::move(parts)).first->second;
+    if (m.in.add(id, c.area, c.side, std::move(c.near_bell)) &&
+        helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
         watch_life(m, c) && watch_bell(m, id))
         return id;
     const errno_keeper keeper;
@@ -112,15 +117,15 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
    the kernel vouches for, must be the same too. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer)
 {
-    return m.connections.find_if(
-        [&](const connection &c) { return c.token == token && c.peer.process == peer.process; });
+    return find_connection_if(
+        m, [&](const connection &c) { return c.token == token && c.peer.process == peer.process; });
 }
 
 /* A copy of a descriptor in somebody's child must neither keep the connection open nor our epoll
    entries: so they are removed before the close. */
 void end_connection(mailbox &m, uint32_t id, ended_by who)
 {
-    connection *c = m.connections.find(id);
+    connection *c = find_connection(m, id);
     if (!c)
         return;
     helper_unwatch(c->control.get());
@@ -136,65 +141,89 @@ void end_connection(mailbox &m, uint32_t id, ended_by who)
         m.in.end(id, notice);
     }
     let_go(*c, who);
-    m.connections.remove(id);
+    if (m.sent_last == c)
+        m.sent_last = nullptr;
+    m.connections.erase(id);
     if (++ended >= crowd)
         want_trim();
 }
 
-void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b)
+/* An indication to many receivers is sent in the same order each time, and meanwhile each one's
+   connection and ring have left the caches. So those of the next one are fetched while this one's
+   signal is sent: without that a send takes 1.3 times as long with 100 receivers, and 1.4 times
+   with 1,000. */
+static void expect_next(mailbox &m, connection &c)
 {
-    {
-        std::lock_guard hold(m.lock);
-        connection *c = m.id == own ? m.connections.find(receiver) : nullptr;
-        if (c && b->size <= MBX_LARGEST_SIGNAL && b->number() != MBX_MONITOR_DEFAULT_NO) {
-            expect_next(m, *c);
-            if (!deliver(*c, b, m.run))
-                end_connection(m, receiver, ended_by::us);
-            else if (c->held() > 0)
-                want_trim();
-        }
+    if (m.sent_last) {
+        static_assert(sizeof(connection) > 128);
+        const char *record = reinterpret_cast<const char *>(&c);
+        m.sent_last->expected = {record, record + 64, record + 128, c.ring.words(), c.ring.place()};
     }
+    m.sent_last = &c;
+    for (const void *line : c.expected)
+        __builtin_prefetch(line, 1);
+}
+
+void send_to_connection(uint32_t own, uint32_t receiver, block *b)
+{
+    with_mailbox(own, [&](mailbox &m) {
+        connection *c = find_connection(m, receiver);
+        if (!c || b->size > MBX_LARGEST_SIGNAL || b->number() == MBX_MONITOR_DEFAULT_NO)
+            return;
+        expect_next(m, *c);
+        if (!deliver(*c, b, m.run))
+            end_connection(m, receiver, ended_by::us);
+        else if (c->held() > 0)
+            want_trim();
+    });
     block_give(b);
     if (is_too_much_held())
         shed();
 }
 
-uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice)
+/* One that is dead already may have signals that are still to be received. */
+uint32_t monitor_connection(uint32_t own, uint32_t target, block *notice)
 {
     notice->sender = target;
-    std::lock_guard hold(m.lock);
-    connection *c = m.id == own ? m.connections.find(target) : nullptr;
-    if (!c) {
-        if (m.id != own || !m.in.add_notice(target, notice))
+    uint32_t reference = next_connection_id();
+    const bool is_there = with_mailbox(own, [&](mailbox &m) {
+        connection *c = find_connection(m, target);
+        if (c) {
+            if (c->monitor == 0)
+                reference = target;
+            set_monitor(*c, notice, reference);
+        } else if (!m.in.add_notice(target, notice)) {
             push_local(own, notice, target);
-        return next_connection_id();
-    }
-    const uint32_t reference = c->monitor == 0 ? target : next_connection_id();
-    set_monitor(*c, notice, reference);
+        }
+    });
+    if (!is_there)
+        block_give(notice);
     return reference;
 }
 
-bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference)
+bool unmonitor_connection(uint32_t own, uint32_t reference)
 {
-    std::lock_guard hold(m.lock);
-    if (m.id != own)
-        return false;
-    connection *found = m.connections.find(reference);
-    if (!found || found->monitor != reference)
-        found = m.connections.find_if([&](const connection &c) { return c.monitor == reference; });
-    if (!found || !found->notice)
-        return false;
-    block_give(std::exchange(found->notice, nullptr));
-    return true;
+    block *notice = nullptr;
+    with_mailbox(own, [&](mailbox &m) {
+        connection *found = find_connection(m, reference);
+        if (!found || found->monitor != reference)
+            found =
+                find_connection_if(m, [&](const connection &c) { return c.monitor == reference; });
+        if (found)
+            notice = std::exchange(found->notice, nullptr);
+    });
+    if (notice)
+        block_give(notice);
+    return notice != nullptr;
 }
 
 /* Gives back what is read. Returns whether something is left for the next time. */
 static bool trim_all()
 {
     bool is_left = false;
+    for_each_connection([&](mailbox &, connection &c) { is_left |= trim(c); });
     for_each_mailbox([&](mailbox &m) {
         std::lock_guard hold(m.lock);
-        m.connections.for_each([&](connection &c) { is_left |= trim(c); });
         is_left |= m.in.trim();
     });
     return is_left;
@@ -207,16 +236,13 @@ static bool shed_one()
     uint32_t id = 0;
     holding most{};
     const time_point now = std::chrono::steady_clock::now();
-    for_each_mailbox([&](mailbox &m) {
-        std::lock_guard hold(m.lock);
-        m.connections.for_each([&](const connection &c) {
-            const holding its = weigh(c, now);
-            if (its.own > 0 && its > most) {
-                most = its;
-                id = c.id;
-                owner = &m;
-            }
-        });
+    for_each_connection([&](mailbox &m, const connection &c) {
+        const holding its = weigh(c, now);
+        if (its.own > 0 && its > most) {
+            most = its;
+            id = c.id;
+            owner = &m;
+        }
     });
     if (!owner)
         return false;
@@ -239,9 +265,9 @@ void shed()
     } while (is_too_much_held() && shed_one());
 }
 
-/* Calls the function with the mailbox locked, and keeps the bounds. */
+/* Calls the function with the mailbox locked, deleted or not, and keeps the bounds. */
 template <typename function>
-static void with_mailbox(uint32_t slot, function &&call)
+static void with_slot(uint32_t slot, function &&call)
 {
     if (mailbox *m = mailbox_in_slot(slot)) {
         std::lock_guard hold(m->lock);
@@ -254,7 +280,7 @@ static void with_mailbox(uint32_t slot, function &&call)
    waited is handed over. */
 static bool flush_some(mailbox &m, uint32_t id)
 {
-    connection *c = m.connections.find(id);
+    connection *c = find_connection(m, id);
     if (!c)
         return false;
     const flushing result = flush(*c);
@@ -266,7 +292,7 @@ static bool flush_some(mailbox &m, uint32_t id)
 /* Reads one message. Returns whether the peer has room again. */
 static bool take_control(mailbox &m, uint32_t id)
 {
-    connection *c = m.connections.find(id);
+    connection *c = find_connection(m, id);
     if (!c)
         return false;
     std::vector<owned_fd> passed;
@@ -292,20 +318,20 @@ static bool take_control(mailbox &m, uint32_t id)
 static void handle_control(uint32_t slot, uint32_t id)
 {
     bool has_room = false;
-    with_mailbox(slot, [&](mailbox &m) { has_room = take_control(m, id); });
+    with_slot(slot, [&](mailbox &m) { has_room = take_control(m, id); });
     while (has_room)
-        with_mailbox(slot, [&](mailbox &m) { has_room = flush_some(m, id); });
+        with_slot(slot, [&](mailbox &m) { has_room = flush_some(m, id); });
 }
 
 static void handle_life(uint32_t slot, uint32_t id)
 {
-    with_mailbox(slot, [&](mailbox &m) { end_connection(m, id, ended_by::peer); });
+    with_slot(slot, [&](mailbox &m) { end_connection(m, id, ended_by::peer); });
 }
 
 static void handle_first_ring(uint32_t slot, uint32_t id)
 {
-    with_mailbox(slot, [&](mailbox &m) {
-        if (m.id == 0 || !m.connections.find(id))
+    with_slot(slot, [&](mailbox &m) {
+        if (m.id == 0 || !find_connection(m, id))
             return;
         helper_unwatch(m.in.bell(id));
         if (!m.in.watch(id))
@@ -336,26 +362,17 @@ void set_up_peers()
     helper_set_timer(0, trim_in_time);
 }
 
-/* Each of the deleted mailboxes' connections, with its mailbox locked. */
-template <typename function>
-static void for_each_lingering(function &&call)
-{
-    for_each_mailbox([&](mailbox &m) {
-        std::lock_guard hold(m.lock);
-        m.connections.for_each([&](connection &c) { call(m, c.id); });
-    });
-}
-
 /* The helper has ended, so this thread reads the control connections. */
 void linger(time_point deadline)
 {
     for (;;) {
         std::vector<pollfd> waiting;
-        for_each_lingering([&](mailbox &m, uint32_t id) {
+        for_each_connection([&](mailbox &m, const connection &it) {
+            const uint32_t id = it.id;
             if (take_control(m, id))
                 while (flush_some(m, id)) {
                 }
-            if (const connection *c = m.connections.find(id))
+            if (const connection *c = find_connection(m, id))
                 waiting.push_back({c->control.get(), POLLIN, 0});
         });
         const int left = milliseconds_until(deadline);
@@ -363,5 +380,6 @@ void linger(time_point deadline)
             break;
         poll(waiting.data(), waiting.size(), left);
     }
-    for_each_lingering([](mailbox &m, uint32_t id) { end_connection(m, id, ended_by::us); });
+    for_each_connection(
+        [](mailbox &m, const connection &c) { end_connection(m, c.id, ended_by::us); });
 }

@@ -9,19 +9,20 @@
 /* Registers the functions that the helper calls, before it starts. Without any lock. */
 void set_up_peers();
 
-/* Makes a connection from its parts and returns its id. 0 with errno on failure. */
+/* Makes a connection from its parts and returns its id. 0 with errno on failure. Throws
+   std::bad_alloc. */
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
 /* The connection to that mailbox of that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer);
 /* Ends it. The peer's unread signals are kept for the owner, followed by the monitor's notice.
    Harmless if it has ended. */
 void end_connection(mailbox &m, uint32_t id, ended_by who);
-/* Takes the lock itself. Takes the block over. `own` is the id that the mailbox must have. */
-void send_to_connection(mailbox &m, uint32_t own, uint32_t receiver, block *b);
-/* Takes the lock itself. Replaces an earlier monitor of the same peer. Returns the reference. */
-uint32_t monitor_connection(mailbox &m, uint32_t own, uint32_t target, block *notice);
-/* Takes the lock itself. False if there is no such monitor. */
-bool unmonitor_connection(mailbox &m, uint32_t own, uint32_t reference);
+/* Takes the lock of the mailbox `own` itself. Takes the block over. */
+void send_to_connection(uint32_t own, uint32_t receiver, block *b);
+/* Likewise. Replaces an earlier monitor of the same peer. Returns the reference. */
+uint32_t monitor_connection(uint32_t own, uint32_t target, block *notice);
+/* Likewise. False if there is no such monitor. */
+bool unmonitor_connection(uint32_t own, uint32_t reference);
 /* Any lock. Pages of rings that a burst needed are unmapped after it. */
 void want_trim();
 /* Without any lock: ends connections while too much is held (mbx_account.h). */

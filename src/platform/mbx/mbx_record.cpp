@@ -131,21 +131,19 @@ void record_sender::leave()
     touched_ = 0;
 }
 
-record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
+block *record_receiver::pop(bool &asks)
 {
     const uint32_t there = available();
-    if (there == 0)
-        return outcome::nothing;
     uint32_t place = end_.position() % ring_bytes;
     if (there > ring_bytes || there < head_bytes)
-        return outcome::invalid;
+        return nullptr;
     const unsigned char *record = ring_.at(place);
     uint32_t size = load_word(record);
     uint32_t skip = 0;
     if (size == skip_mark) {
         skip = load_word(record + 4);
         if (skip % 8 != 0 || skip > there - head_bytes)
-            return outcome::invalid;
+            return nullptr;
         place = (place + skip) % ring_bytes;
         record = ring_.at(place);
         size = load_word(record);
@@ -154,13 +152,13 @@ record_receiver::outcome record_receiver::pop(block *&out, bool &asks)
     /* No signal is that short: there was a hole. */
     if (size == 0 || size > MBX_LARGEST_SIGNAL || record_bytes(size) > there - skip ||
         record_bytes(size) > end - place)
-        return outcome::invalid;
-    out = block_take(std::max<size_t>(size, sizeof(mbx_signal)));
+        return nullptr;
+    block *out = block_take(std::max<size_t>(size, sizeof(mbx_signal)));
     out->signal()->number = 0;
     std::memcpy(static_cast<void *>(out->signal()), record + head_bytes, size);
     touched_ |= pages_of(place, place + record_bytes(size));
     asks = end_.consume(skip + record_bytes(size));
-    return outcome::signal;
+    return out;
 }
 
 void record_receiver::finish()

@@ -58,14 +58,14 @@ class record_sender
     void trim();
     /* At the end, where the receiver is gone: gives all of them back. */
     void leave();
-    /* Where the next record goes, to be fetched ahead. */
-    const unsigned char *place() const
-    {
-        return ring_.at(end_.position() % ring_bytes);
-    }
+    /* What the next push writes to, to be fetched ahead. */
     const void *words() const
     {
         return ring_.words;
+    }
+    const void *place() const
+    {
+        return ring_.at(end_.position() % ring_bytes);
     }
 
   private:
@@ -78,16 +78,15 @@ class record_sender
 class record_receiver
 {
   public:
-    enum class outcome { signal, nothing, invalid };
-
     record_receiver() = default;
     explicit record_receiver(const mapped_ring &ring) : ring_(ring), end_(ring.words, ring_bytes)
     {
     }
 
-    /* With `signal`, a new block that has no sender yet. Shorter ones than a number are filled up
-       with 0. `asks` is set when must_report_room should be asked. */
-    outcome pop(block *&out, bool &asks);
+    /* The next signal, a new block that has no sender yet; shorter ones than a number are filled up
+       with 0. Null when there is none, or the record is impossible. `asks` becomes true when
+       must_report_room should be asked. */
+    block *pop(bool &asks);
     bool is_empty() const
     {
         return available() == 0;
@@ -104,6 +103,10 @@ class record_receiver
     void finish();
     /* Nothing more comes out of it. */
     void drop();
+    bool is_finished() const
+    {
+        return is_finished_;
+    }
     /* After finish(): bytes that are still to be taken. */
     size_t unread() const
     {

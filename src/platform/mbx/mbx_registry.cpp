@@ -45,7 +45,7 @@ mailbox *free_record()
             return m;
         }
         std::lock_guard hold(m->lock);
-        if (m->id == 0 && m->connections.is_empty())
+        if (m->id == 0 && m->connections.empty())
             return m;
     }
     errno = ENOSPC;

@@ -22,6 +22,20 @@ constexpr uint32_t slot_of(uint32_t mailbox_id)
 {
     return mailbox_id % mailboxes_at_most;
 }
+/* Calls the function with the mailbox of this process with that id, locked. False if there is none.
+ */
+template <typename function>
+bool with_mailbox(uint32_t id, function &&call)
+{
+    mailbox *m = find_mailbox(id);
+    if (!m)
+        return false;
+    std::lock_guard hold(m->lock);
+    if (m->id != id)
+        return false;
+    call(*m);
+    return true;
+}
 /* The calling thread's mailbox, MBX_NO_MAILBOX if it has none. Safe in a signal handler. */
 uint32_t own_mailbox();
 /* The calling thread's mailbox, or the oldest of the process where the thread has none. Safe in a

@@ -134,11 +134,9 @@ greeting receive_greeting(int control)
     bool is_message;
     const ssize_t length = receive(control, &record, sizeof(record), got.fds, is_message);
     got.state = greeting_state::invalid;
-    if (length < 0)
-        got.state = errno == EAGAIN ? greeting_state::missing : greeting_state::closed;
-    else if (!is_message)
-        got.state = greeting_state::closed;
-    else if (record.magic != greeting_magic)
+    if (length < 0 && errno == EAGAIN)
+        got.state = greeting_state::missing;
+    else if (is_message && record.magic != greeting_magic)
         got.state = greeting_state::foreign;
     else if (length == sizeof(record) &&
              got.fds.size() == (record.kind == greeting_kind::welcome ? welcome_fds : 0))

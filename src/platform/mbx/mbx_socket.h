@@ -38,8 +38,7 @@ enum class greeting_state {
     missing, /* nothing has come yet */
     valid,
     foreign, /* begins as no greeting of this version does */
-    closed,  /* the other side has closed the connection */
-    invalid, /* anything else */
+    invalid, /* anything else, the end of the connection among it */
 };
 
 struct greeting {

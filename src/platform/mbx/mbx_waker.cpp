@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <new>
 #include <sched.h>
 #include <utility>
@@ -23,7 +22,6 @@ namespace
 {
 
 struct waker {
-    std::mutex lock;
     std::condition_variable changed;
     std::vector<due_bell> due;
     std::vector<due_bell> ringing; /* written by the thread, under the lock */
@@ -36,8 +34,9 @@ struct waker {
 
 } // namespace
 
-/* Never destroyed: its thread uses it until the process ends. A forked child makes itself another.
- */
+std::mutex waker_lock;
+/* What it holds but the reader is guarded by waker_lock. Never destroyed: its thread uses it until
+   the process ends. A forked child makes itself another. */
 static waker *the_waker = new waker;
 
 /* A thread of this class preempts no other when it wakes up, and is preempted at once. One that has
@@ -61,7 +60,7 @@ static void *run(void *argument)
     waker &w = *static_cast<waker *>(argument);
     pthread_setname_np(pthread_self(), "mbx-waker");
     give_way();
-    std::unique_lock hold(w.lock);
+    std::unique_lock hold(waker_lock);
     for (;;) {
         w.changed.wait(hold, [&] { return w.should_stop || !w.due.empty(); });
         if (w.due.empty())
@@ -93,7 +92,7 @@ try {
 bool ring_later(int bell)
 {
     waker &w = *the_waker;
-    std::unique_lock hold(w.lock);
+    std::unique_lock hold(waker_lock);
     if (!std::exchange(w.was_started, true))
         w.is_running = start(w);
     if (!w.is_running || w.should_stop || w.due.size() == due_at_most)
@@ -121,7 +120,7 @@ static bool mark_retired(std::vector<due_bell> &bells, int fd)
 void retire_bell(owned_fd bell)
 {
     waker &w = *the_waker;
-    const std::lock_guard hold(w.lock);
+    const std::lock_guard hold(waker_lock);
     if (mark_retired(w.due, bell.get()) || mark_retired(w.ringing, bell.get()))
         bell.release();
 }
@@ -129,7 +128,7 @@ void retire_bell(owned_fd bell)
 void stop_waker()
 {
     waker &w = *the_waker;
-    std::unique_lock hold(w.lock);
+    std::unique_lock hold(waker_lock);
     if (w.is_running) {
         w.should_stop = true;
         hold.unlock();
@@ -139,16 +138,6 @@ void stop_waker()
     }
     w.reader.close();
     w.was_started = w.is_running = w.should_stop = false;
-}
-
-void lock_waker()
-{
-    the_waker->lock.lock();
-}
-
-void unlock_waker()
-{
-    the_waker->lock.unlock();
 }
 
 /* The parent rings what is due; the child's copies of retired bells go at its exec or its end. */

@@ -17,6 +17,8 @@
 
 #include "platform/mbx/mbx_fd.h"
 
+#include <mutex>
+
 /* Whether the bell will be rung by the waker; else the caller must. From then on the bell has to
    stay open until it is given to retire_bell. */
 bool ring_later(int bell);
@@ -26,7 +28,7 @@ void retire_bell(owned_fd bell);
 /* Rings what is due and ends the thread. Harmless if it doesn't run. Without any lock. */
 void stop_waker();
 
-/* Around a fork; and in the child, unlocked, where there is no such thread. */
-void lock_waker();
-void unlock_waker();
+/* Held around a fork. */
+extern std::mutex waker_lock;
+/* In the child, where there is no such thread. */
 void forget_waker();
