@@ -363,9 +363,7 @@ switches between the processes. Of the rest the client's mailbox, the answer wit
 the checks of it take 18, mapping the shared memory 15, and watching the control connection, the bell
 and the server's process 12. 15 go to the first signal's way over the server's helper thread, since a
 client must not be able to wake a server before it has sent anything. None of these can go without a
-promise of [security.md](security.md). The server makes the parts of one connection beforehand, so
-clients that connect in quick succession wait longer than a single one, and watches the client's process
-1 ms later.
+promise of [security.md](security.md).
 
 In a fan-out libmbx leaves most wake-ups to a second thread of the sender, which makes them all by one
 system call through io_uring when the sender has sent to all. Without io_uring (before Linux 5.18, in a
