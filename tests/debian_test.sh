@@ -29,13 +29,13 @@ grep '^[0-9]*% tests passed' "$built/log"
 
 rm -f "$log"
 make_clean_root "$root"
-mkdir "$again"
-cp "$built"/*.dsc "$built"/*.tar.* "$again/"
+mkdir "$again" "$root/source"
+cp "$built"/*.dsc "$built"/*.tar.* "$root/source/"
 say "installing what the build needs in a root"
 in_root env DEBIAN_FRONTEND=noninteractive sh -ec '
     apt-get -qq update
     apt-get -qq -y --no-install-recommends install locales
-    apt-get -qq -y --no-install-recommends --build-profiles nocheck build-dep /build/*.dsc
+    apt-get -qq -y --no-install-recommends --build-profiles nocheck build-dep /source/*.dsc
     localedef -i tr_TR -f UTF-8 tr_TR.UTF-8
     useradd builder
     chown builder /build'
@@ -44,7 +44,7 @@ in_root setpriv --reuid builder --regid builder --clear-groups env -i PATH=/usr/
     TZ=UTC-14 DEB_BUILD_OPTIONS='noautodbgsym nocheck parallel=3' DEB_BUILD_PROFILES=nocheck sh -ec '
         umask 027
         cd /build
-        dpkg-source -x *.dsc
+        dpkg-source -x /source/*.dsc
         cd */
         dpkg-buildpackage -us -uc'
 for file in "$built"/*.deb "$built"/*.dsc "$built"/*.debian.tar.*; do
