@@ -5,6 +5,7 @@ import ctypes
 import gc
 import json
 import os
+import select
 import signal
 import subprocess
 import weakref
@@ -32,9 +33,10 @@ def until(watch, kind, **values):
 
 def test_values_have_their_units_and_what_is_unknown_is_harmless(server):
     server.board("set", "0", "rxpower=0uW", "txpower=2mW", "temperature=-5.5C", "voltage=3.2501V",
-                 "txbias=31.99mA")
+                 "txbias=31.99mA", "module_status=1")
     values = dict(rx_power_uw=0, rx_power_dbm=None, tx_power_uw=2000, tx_power_dbm=3.0103,
-                  temperature_c=-5.4, voltage_v=3.2501, tx_bias_ma=31.99, bit_errors=None)
+                  temperature_c=-5.4, voltage_v=3.2501, tx_bias_ma=31.99, bit_errors=None,
+                  loss_of_signal=1, loss_of_frame=None)
     with connect() as session:
         pm = session.pm(0)
     assert {name: getattr(pm, name) for name in values} == pytest.approx(values)
@@ -73,7 +75,8 @@ def test_watches_share_a_subscription_and_the_last_one_ends_it(server):
         with session.watch(status=[0]) as second:
             assert second.next(PATIENCE).link == tesk.Link.OPERATIONAL  # though not the first
         server.board("link", "0", "down")
-        until(first, tesk.PortStatus, link=tesk.Link.NOT_OPERATIONAL)
+        select.select([session], [], [], PATIENCE)
+        assert first.next(0).link == tesk.Link.NOT_OPERATIONAL
         del first
         # The answer to the unsubscribe is still on its way.
         again = session.watch(status=[0])
@@ -88,6 +91,12 @@ def test_watches_share_a_subscription_and_the_last_one_ends_it(server):
         times = [record.time for record in session.history()]
         assert times == sorted(times) and times[0] < times[-1]
         assert session.watch(status=[13]).next(PATIENCE).sfp_type is None  # an empty cage
+        (watch := session.watch(status=[2])).next(PATIENCE)
+        session._core._subscriptions.clear()  # as if an unsubscribe had failed
+        server.board("link", "2", "down")
+        session._core.wait(PATIENCE)
+        server.await_unsubscribed("2")
+        watch.close()
 
 
 def test_the_deadline_holds_whatever_the_server_does(server):
