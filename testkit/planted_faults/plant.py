@@ -47,7 +47,10 @@ TESTS = {SERVER + "leaky_bucket": "filter", SERVER + "tesk_dolm_ric_pm": "proced
          "src/history/": "chronicle", "src/forecast/": "forecast",
          "src/tesk_exporter/outlooks": "outlooks",
          "src/tesk_exporter/": "exporter exporter_follow outlooks chronicle",
-         "src/program/": "teskctl exporter", "src/tools/": "teskctl exporter", "python/": "python", "web/": "page"}
+         "src/tools/teskctl/exporter_commands": "exporter_system teskctl",
+         "src/tools/teskboard/": "teskboard teskctl", "src/tesk_module_reader/": "linux_reader",
+         "src/program/": "teskctl exporter", "src/tools/": "teskctl exporter", "python/": "python",
+         "web/": "page"}
 # These are scripts, and need the programs.
 SCRIPTS = {"python": "tesk_client tesk-server teskboard teskctl",
            "page": "page tesk-exporter tesk-server teskboard teskctl"}
