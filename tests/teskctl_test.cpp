@@ -471,7 +471,7 @@ TEST_F(teskctl_system, why_takes_no_more_facts_than_a_machine_can_have)
         {repeat(100000, "{}\n"), "65537 objects"},
         {"{\"port\": \"" + repeat(100000, "{}[") + "\"}", "not \"{}[{}[{"},
         {repeat(17 << 10, repeat(1 << 10, " ")), "16384 KiB"},
-        {"{\"time\": 1e999}", "line 1: this is no JSON"}};
+        {"{\"time\": 1e999}", "line 1: this isn't JSON"}};
     for (const auto &[text, complaint] : rows) {
         std::ofstream(directory.path + "/facts") << text;
         expect("why --facts " + directory.path + "/facts", 1, {complaint});

@@ -34,11 +34,11 @@ struct facts {
     number up_for_s;      /* where its rise was seen */
     number falls_in_minute, falls_in_hour, falls_in_day; /* with this one */
 
-    /* Who else fell within a second, without having been set down. */
+    /* Other ports that fell within a second, or stayed up; without those that were set down. */
     number device_others_fell, device_others_stayed;   /* ports of the same device */
     number machine_others_fell, machine_others_stayed; /* ports of other devices */
 
-    /* The kernel. True only where its message is the one that told of the fall, or came before it;
+    /* The kernel. True only where its message reported the fall, or came before it;
        what comes later may be the answer to the fall. Not known where messages were lost. */
     flag set_down; /* the interface was set down */
     flag interface_removed, interface_moved;
@@ -50,7 +50,7 @@ struct facts {
     flag settings_changed; /* somebody changed speed, negotiation or FEC within five seconds before
                             */
     text extended_state;   /* the kernel's name, such as "Autoneg" */
-    flag remote_fault;     /* the far end says that it doesn't receive */
+    flag remote_fault;     /* the far end reports that it doesn't receive */
     flag negotiates;
     number speed_before, speed_after; /* Mbit/s; after: when it was up again */
     number lanes_before, lanes_after; /* of the link */

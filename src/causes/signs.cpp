@@ -24,7 +24,7 @@ static constexpr double no_limit = 20;
 static constexpr double usual_errors = 10;
 /* A swap by hand takes longer, and one that follows another cause takes much longer. */
 static constexpr double soonest_swap = 10;
-/* Of a receiver: what it hears with so much above its limit has not become too weak. */
+/* In dB: light that is so much above the limit of a receiver has not become too weak. */
 static constexpr double safe_margin = 3;
 /* A loss at once is larger than what light that fades loses between two looks. */
 static constexpr double sudden_loss = 6;
@@ -289,7 +289,7 @@ sign is_module_hot(const facts &seen)
                         *seen.temperature_before, *seen.temperature_high_alarm)};
 }
 
-/* The flag is latched: only one that was clear before the fall tells of it. */
+/* The flag is latched: only one that was clear before the fall is evidence of it. */
 sign has_tx_fault(const facts &seen)
 {
     if (!seen.tx_fault_after)
@@ -385,7 +385,8 @@ sign has_faded(const facts &seen)
                             low_alarm(seen))};
     if (!seen.rx_lost_before)
         return {};
-    /* What was dark already was lost, and the fall told late. What is strong still is enough. */
+    /* Light that was dark already was lost, and the fall reported late. Light that is still strong
+       is enough. */
     if (was_cut(seen) || (seen.rx_before && std::ranges::min(*seen.rx_before) <= dark) ||
         (seen.rx_after && std::ranges::min(*seen.rx_after) >= low_alarm(seen) + safe_margin))
         return {answer::no, ""};

@@ -350,7 +350,7 @@ static std::vector<std::string> abnormal(const facts &seen)
     return found;
 }
 
-/* What a reader wants to know with any cause. */
+/* The facts that matter with any cause. */
 static void add_context(const facts &seen, verdict &made)
 {
     std::vector<std::string> &evidence = made.evidence;
@@ -453,7 +453,7 @@ verdict judge(const facts &seen)
    is one fall. */
 static constexpr double longest_apart = 5, longest_apart_by_any_clock = 30;
 
-/* The kernel tells of a lost carrier up to a second late, at each end. */
+/* The kernel reports a lost carrier up to a second late, at each end. */
 static constexpr double longest_hold = 1.1;
 
 static bool is_one_end(const facts &here, const facts &there)

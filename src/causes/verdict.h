@@ -62,7 +62,7 @@ struct verdict {
     std::vector<std::string> evidence;  /* sentences with values */
     std::vector<std::string> conflicts; /* facts that can't both be true */
     std::vector<std::string> ill;       /* it came back, and worse than before: how */
-    std::string settle;                 /* what would make it certain; empty: it is */
+    std::string settle;                 /* a check that would make it certain; else empty */
     std::string action;                 /* what to do */
 };
 

@@ -30,7 +30,7 @@ class alarm
     void forget();
     /* What the last look found, while an alarm is raised; its time is that of the look. */
     std::optional<report> standing() const;
-    /* How much the level falls a day, by what is known; 0: nothing. */
+    /* The known fall of the level per day; 0 if none is known. */
     double pace() const
     {
         return pace_;

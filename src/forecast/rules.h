@@ -24,7 +24,7 @@ struct rules {
     double sure;          /* a fall has to exceed so many deviations of what days wander */
     double least_noise;   /* no series is taken to be quieter */
     double least_fall;    /* a smaller fall is never reported */
-    bool follows_weather; /* falls for days, and comes back */
+    bool follows_weather; /* weather lowers it for days */
     double hasty;         /* factor of least_fall where only three days fell */
     double hasty_week;    /* the same for four or five days */
     double sudden_fall;   /* a fall in one to three days that no weather makes; 0: not looked for */

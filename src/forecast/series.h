@@ -59,7 +59,7 @@ class temperature_slope
     /* Differences from the middle of the day around: of level, temperature, and square. */
     void learn(double level, double warmth, double square);
     void solve();
-    /* What the temperature makes of the level, from one temperature to another. */
+    /* The change of the level by a change of the temperature. */
     double effect(double from, double to) const;
     /* How wrong that may be: one standard deviation. */
     double doubt(double from, double to) const;

@@ -148,7 +148,7 @@ static std::optional<fade> test_span(const series &of, const days &seen, int spa
     if (std::isnan(line.a_day))
         return std::nullopt;
     const double raw = seen.of[oldest].level - seen.of[0].level;
-    /* What a slope that is known badly could explain, is no evidence. Two deviations. */
+    /* A change that an uncertain slope could explain is no evidence. Two deviations. */
     const double doubt = 2 * of.slope().doubt(seen.of[oldest].temperature, seen.of[0].temperature);
     const double fall = line.a_day * span - doubt;
     /* Days wander: the change over a span grows with its root at most. */

@@ -28,7 +28,7 @@ class chronicle
     struct settings {
         std::string folder;
         int64_t limit; /* of the file, in bytes */
-        /* A sentence for the operator. Each trouble is told once, and its end. */
+        /* A sentence for the operator. Each failure is reported once, and its end. */
         std::function<void(const std::string &)> tell;
         /* A step of five minutes has ended. */
         std::function<void(const place &, int64_t time, const record &)> on_step;

@@ -144,7 +144,7 @@ static void set_aside(const std::string &path, const std::string &reason,
     fs::rename(path, kept, error);
     if (error)
         throw store_error(
-            fmt::format("{} can't be used ({}) nor set aside: {}", path, reason, error.message()));
+            fmt::format("{} can't be used ({}), and can't be set aside: {}", path, reason, error.message()));
     fs::rename(path + "-wal", kept + "-wal", error);
     notes.push_back(fmt::format("{} can't be used: {}; it is now {}, and a new history begins",
                                 path, reason, kept));
@@ -160,8 +160,8 @@ static std::string path_in(const std::string &folder)
     return std::string(resolved.get()) + "/history.db";
 }
 
-/* What may pass, such as a lack of descriptors, is none of these: the file is kept and tried again.
- */
+/* A temporary failure, such as a lack of descriptors, is none of these: the file is kept and tried
+   again. */
 static bool is_for_a_new_file(const database_error &error)
 {
     switch (error.code()) {

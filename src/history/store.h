@@ -26,7 +26,7 @@
 namespace history
 {
 
-/* What the store can't do, for people. */
+/* A failure of the store, as a text for people. */
 class store_error : public std::runtime_error
 {
   public:

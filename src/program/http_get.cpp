@@ -61,7 +61,7 @@ static std::string reachable(const std::string &address)
     return host == "::" ? "[::1]:" + port : address;
 }
 
-/* What the other side sends until it closes; nothing, with errno, where that takes too long. */
+/* All that is received until the other side closes; nothing, with errno, after a timeout. */
 static std::optional<std::string> receive_all(int connection, std::chrono::seconds patience)
 {
     const util::deadline until(patience);

@@ -10,8 +10,8 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-/* Keys stay in the order in which they are set. Who uses an object includes <nlohmann/json.hpp>,
-   which takes seconds to compile. */
+/* Keys stay in the order in which they are set. A source that uses an object includes
+   <nlohmann/json.hpp>, which takes seconds to compile. */
 using json_object = nlohmann::ordered_json;
 
 json_object to_json(const tesk_client_sfp_info &info);

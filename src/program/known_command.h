@@ -40,7 +40,7 @@ inline std::string unknown_word(const CLI::App &app, const std::string &word)
     return fmt::format("there is no option '{}': did you mean '{}'?", name, nearest(name, known));
 }
 
-/* What a CLI::ParseError says, as the error that ends the tool, which names the help. */
+/* The tool_error for a CLI::ParseError; its text names the --help that explains the usage. */
 inline tool_error usage_error(const CLI::App &app, const CLI::ParseError &error)
 {
     std::string text = fmt::format("{};", error.what());

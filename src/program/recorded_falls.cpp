@@ -104,7 +104,7 @@ static std::vector<causes::facts> facts_of_text(const std::string &path, const s
     } catch (const causes::facts_error &error) {
         throw fault_of(path, place + escape(error.what()));
     } catch (const json_object::exception &) {
-        throw fault_of(path, place + "this is no JSON");
+        throw fault_of(path, place + "this isn't JSON as \"teskctl why --facts-out\" writes it");
     }
     if (found.empty())
         throw tool_error(exit_code::rejected, escape(path) + " has no facts");
@@ -197,7 +197,7 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
                 first = fmt::format("line {}: {}", number, escape(error.what()));
         } catch (const json_object::exception &) {
             if (wrong++ == 0)
-                first = fmt::format("line {}: this is no JSON", number);
+                first = fmt::format("line {}: this isn't JSON", number);
         }
     });
     if (wrong != 0 && fault != nullptr)

@@ -32,7 +32,6 @@ struct named_port {
 };
 } // namespace
 
-/* An empty value counts as none. */
 /* Empty where the default would be the map of another server than the one that MBX_DIR selects. */
 static std::string path_or_default(const char *path)
 {
@@ -98,7 +97,7 @@ static outcome load(const std::string &path, std::string &content)
     if (!read_all(file.get(), content))
         return open_failure(path, errno);
     if (content.size() > largest_file)
-        return failure(TESK_CLIENT_BAD_PORT_MAP, path, "is longer than 4 MiB");
+        return failure(TESK_CLIENT_BAD_PORT_MAP, path, "is longer than 4 MiB, the most that a port map may have");
     return {};
 }
 

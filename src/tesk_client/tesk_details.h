@@ -5,7 +5,7 @@
 
    A handle belongs to one thread at a time. No call waits for longer than half a second. A handle
    stays good when the board is started anew: the next read takes the new file. Records of a board
-   that has ended are not given out, as nobody keeps them true.
+   that has ended are refused, since nobody updates them.
 
    dolm_ric_details.h has the record with the units of all its members. Texts in a record are
    terminated, but may contain any bytes: escape them before they go to a terminal. Codes may be

@@ -91,7 +91,7 @@ static constexpr const char *vdm_kind_texts[] = {
     "tec current",
 };
 static_assert(std::size(vdm_kind_texts) == DOLM_RIC_VDM_KINDS);
-/* 0 is both "no fault" and "not told". */
+/* 0 is both "no fault" and "not reported". */
 static constexpr const char *fault_cause_texts[] = {
     "none",
     "tec runaway",

@@ -276,7 +276,7 @@ void collector::read_answered(const tesk_client_answer &answer, std::chrono::nan
 }
 
 /* Asks for the history of presence, which the server has in its memory: the answer proves that it
-   works without any request to the board, and tells of modules that aren't ready, of which no
+   works without any request to the board, and shows modules that aren't ready, of which no
    indication comes. */
 void collector::look()
 {

@@ -102,7 +102,7 @@ bool fall_follower::scan_file(uint32_t port_no, time_point now, std::vector<fall
         return true;
     try {
         scan_port(port_no, now, found);
-    } catch (const tool_error &) { /* teskctl why says what is wrong */
+    } catch (const tool_error &) { /* teskctl why shows the reason */
         return false;
     }
     its.changed_at = changed_at;

@@ -48,11 +48,11 @@ class fall_follower
     {
         thread_.stop();
     }
-    /* What has changed since the last call. The thread's, or a test's in its place. */
+    /* The changes since the last call. Called by the thread, or by a test in its place. */
     std::vector<fall_fact> scan(std::chrono::steady_clock::time_point now);
 
-    /* The record of a fall grows: a module that was swapped is seen up to ten seconds later. What
-       the looks and a new module can tell is told by then; the next fall ends the wait. */
+    /* The record of a fall grows: a module that was swapped is seen up to ten seconds later. The
+       facts from the looks and from a new module are known by then; the next fall ends the wait. */
     static constexpr std::chrono::seconds counted_after{15};
 
   private:

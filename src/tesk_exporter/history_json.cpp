@@ -44,7 +44,7 @@ static json_object until(const history::chronicle &kept, const history::place &i
     return is_present(kept, in) ? json_object(nullptr) : json_object(kept.time().wall_of(in.last));
 }
 
-/* The weeks of eight lanes have 129,024 numbers: 2.2 ms in place of 14 as doubles. */
+/* Eight weeks of eight lanes are 129,024 numbers: 2.2 ms to write, and 14 ms as doubles. */
 static void append_decimal(std::string &text, int value, size_t places)
 {
     char digits[16];

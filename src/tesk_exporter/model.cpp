@@ -228,7 +228,7 @@ void model::take(const reading_fact &reported, const moment &now)
         show_module(known, true, now);
     known.unread.clear();
     if (known.info && !has_module(known))
-        return; /* what a module that isn't ready says of itself is not to be relied on */
+        return; /* the values of a module that isn't ready are not reliable */
     known.reading = reported.pm;
     known.read_at = now.steady;
     if (!known.graded_values)

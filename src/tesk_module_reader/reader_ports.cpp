@@ -88,8 +88,8 @@ bool reader_ports::add_new_ports(std::vector<configured_port> &ports,
     return may_read;
 }
 
-/* A reader that is started anew beside the same server has the interface of each number in `known`,
-   whatever the interface is called by then. */
+/* known_ has the interface of each number from an earlier reader of the same server, so that a port
+   keeps its interface when that was renamed. */
 void reader_ports::find_default_ports(const std::string &saved, bool is_saving)
 {
     std::vector<link_report> all = linux_board::list_interfaces(route_);

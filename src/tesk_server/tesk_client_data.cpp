@@ -40,7 +40,7 @@ static tesk_client *clients_by_mailbox[1u << index_bits];
 static constexpr uint32_t number_of_kinds = 2;
 static GArray **port_subscribers[number_of_kinds];
 
-/* Subscriptions that were freed since memory was last given back to the system. */
+/* Subscriptions that were freed since memory was last returned to the system. */
 static uint32_t freed_subscriptions;
 static constexpr uint32_t many_freed = 8192;
 
@@ -157,7 +157,7 @@ static void free_subscriptions(tesk_client *client)
     g_array_free(client->subscriptions, TRUE);
 }
 
-/* Blocks of clients that live on keep the C library from giving back what lies between them. */
+/* Blocks of clients that stay keep the C library from returning the memory between them. */
 static void give_memory_back()
 {
     if (freed_subscriptions < many_freed)

@@ -23,8 +23,8 @@ dolm_ric_details_limits without_limits(uint32_t why);
 /* Lanes that the record hasn't are zero: they take no memory. */
 void set_lane_count(uint32_t count, dolm_ric_details_record &record);
 
-/* Forgets the module, for a port that has none, or whose module isn't known. `why` is the state
-   (enum dolm_ric_details_state) of all that it would have. */
+/* Forgets the module, for a port that has none, or whose module isn't known. Each value
+   of the module gets the state `why` (enum dolm_ric_details_state). */
 void forget_module(uint32_t presence, uint32_t why, dolm_ric_details_record &record);
 
 } // namespace board

@@ -244,8 +244,8 @@ typedef struct dolm_ric_details_value {
     dolm_ric_details_flag flag[DOLM_RIC_FLAGS];
 } dolm_ric_details_value;
 
-/* `state` says whether the module tells; `on` is 1 while the condition is there. Modules latch most
-   of these: `count` counts the readings that found it. */
+/* `state` is valid if the module reports the condition; `on` is 1 while the condition is there.
+   Modules latch most of these: `count` counts the readings that found it. */
 typedef struct dolm_ric_details_condition {
     uint32_t state;
     uint32_t on;
@@ -289,7 +289,7 @@ typedef struct dolm_ric_details_application {
     char media[40];
 } dolm_ric_details_application;
 
-/* Empty texts and zeros for what the module doesn't tell. */
+/* Empty texts and zeros where the module gives no value. */
 typedef struct dolm_ric_details_identity {
     uint32_t state; /* enum dolm_ric_details_state, of all of it */
     uint32_t family;
@@ -319,7 +319,7 @@ typedef struct dolm_ric_details_identity {
     char firmware[16]; /* the active version */
     char inactive_firmware[16];
     uint32_t module_state; /* enum dolm_ric_details_module_state */
-    uint32_t fault_cause;  /* CMIS' number; 0: none is told */
+    uint32_t fault_cause;  /* CMIS' number; 0: none reported */
     dolm_ric_details_application application[DOLM_RIC_DETAILS_APPLICATIONS];
 } dolm_ric_details_identity;
 

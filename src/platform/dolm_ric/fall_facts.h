@@ -15,7 +15,7 @@
 namespace board
 {
 
-/* What became of a port's interface. */
+/* How a port lost its interface. */
 enum class departure : uint8_t { none, removed, moved, unknown };
 
 /* One look at a port's module, made with each change of its details: without memory of its own. */
@@ -49,7 +49,7 @@ const char *serial_in(const dolm_ric_details_record &record);
 /* When the youngest value of the module was read; 0 where there is none. */
 int64_t values_read_at(const dolm_ric_details_record &record);
 
-/* What it found may have changed since; which module it is hasn't, unseen. */
+/* Drops the measured values, which may have changed since; keeps the identity of the module. */
 void forget_values(module_sample &old);
 
 /* The received light of the weakest lane in dBm; nothing where a lane's isn't known. */
@@ -62,7 +62,7 @@ class light_trail
     static constexpr size_t most = 30;
     void add(int64_t at, double dbm);
     void clear();
-    /* How much was lost until `before`, and in which time, of what was read since `since`. */
+    /* Brings into the facts how much light was lost from `since` until `before`, and how fast. */
     void tell(int64_t since, int64_t before, causes::facts &seen) const;
 
   private:
@@ -75,18 +75,18 @@ class light_trail
 };
 
 /* The last look before the fall, and the first one after it at `age` seconds; its values count only
-   if the link was still down. Whether that one has told anything new. */
+   if the link was still down. tell_after() returns whether there was a new fact. */
 void tell_before(const module_sample &before, causes::facts &seen);
 bool tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen);
-/* The first one while the link was up again. The same. */
+/* The first look while the link was up again. Returns whether there was a new fact. */
 bool tell_again(const module_sample &again, causes::facts &seen);
 
 /* The link as it was before the fall, and as it came back. */
 void tell_link_before(const dolm_ric_details_link &before, causes::facts &seen);
 void tell_link_after(const dolm_ric_details_link &after, causes::facts &seen);
 
-/* What is the same for all ports of one device: the functions of a PCI device have one name but for
-   the last digit. */
+/* The name of the device that an interface's parent belongs to: the functions of a PCI device
+   differ in the last digit only. */
 std::string device_of(const std::string &parent);
 
 } // namespace board

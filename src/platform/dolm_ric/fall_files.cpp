@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* keep_fall() reads the file of the port, drops what it has no room for, and writes a new one. What
-   isn't a regular file of the expected size is not read, and replaced. What the folder takes is
-   counted along, so that it is listed at the start and when it takes too much alone. */
+/* keep_fall() reads the file of the port, drops what it has no room for, and writes a new one.
+   Anything but a regular file of the expected size is replaced without being read. The size of the
+   folder is counted along, so that the folder is listed only at the start and when its files take
+   too much. */
 #include "platform/dolm_ric/fall_files.h"
 
 #include "platform/dolm_ric/new_file.h"

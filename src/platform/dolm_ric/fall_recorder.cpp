@@ -2,7 +2,7 @@
 /* see() compares a port's details with the last ones: a fall of the link begins a record, with the
    looks that were made before it; looks that come later, and the rise, are added. work() makes the
    three looks of its own, and writes a record that was changed. The looks and the files are made
-   without the lock: nobody who tells a change waits for the kernel or a file system. */
+   without the lock: no caller waits for the kernel or a file system. */
 #include "platform/dolm_ric/fall_recorder.h"
 
 #include "causes/facts_json.h"
@@ -263,7 +263,8 @@ void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now,
     open.seen.falls_in_day = count_since(its.falls, at - day);
 }
 
-/* Whether there was a module, and which, holds until it is seen otherwise; values get old. */
+/* Presence and identity of a module hold until a look finds others; measured values are dropped
+   after oldest_look. */
 void fall_recorder::tell_look_before(const port_watch &its, fall &made) const
 {
     const bool is_young = its.last.at > made.at - rules_.youngest_look;
@@ -344,7 +345,8 @@ void fall_recorder::close(port_watch &its)
     its.open.reset();
 }
 
-/* Who else fell, and who stayed up. One that was set down did neither. */
+/* Counts the other ports that fell and those that stayed up; a port that was set down is neither.
+ */
 void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &open) const
 {
     double fell[2] = {0, 0}, stayed[2] = {0, 0}; /* of other devices; of the same one */
@@ -421,7 +423,7 @@ static void tell_clock(causes::facts &seen)
         seen.clock_error_s = static_cast<double>(clock.maxerror) / us;
 }
 
-/* All that a board may tell; the rest may have changed while it was asked. */
+/* The facts that a board may add; the others may have changed while it was asked. */
 static void take_asked(const causes::facts &asked, causes::facts &seen)
 {
     seen.clock_error_s = asked.clock_error_s;

@@ -33,10 +33,10 @@
 namespace board
 {
 
-/* What the message of a change says beside the port's details. */
+/* Facts about the message of a change that the port's details don't have. */
 struct link_news {
-    bool is_told = false;  /* the kernel's own message, and none before it was lost */
-    bool is_exact = false; /* and nothing that happened before it can be in it, too */
+    bool is_told = false;  /* the kernel sent it, and no message before it was lost */
+    bool is_exact = false; /* and it contains this change alone */
     std::string device;    /* of which the port is one; empty: not known */
 };
 

@@ -295,7 +295,7 @@ bool port_details::check_file()
     return (is_usable && is_whole()) || make_file();
 }
 
-/* A file of details whose writer lives has his lock. */
+/* The process that writes a file of details holds a lock on it. */
 bool port_details::has_other_owner() const
 {
     const util::descriptor there(

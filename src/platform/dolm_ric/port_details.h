@@ -2,11 +2,11 @@
 /* port_details - publishes the details of the ports: the file of dolm_ric_details.h. Both board
    libraries have one.
 
-   A thread of its own writes the file, so that nobody who tells a change waits for a file system.
+   A thread of its own writes the file, so that no caller waits for a file system.
    It is written with pwrite, not through a mapping: a file that was cut short, or a full file
    system, then gives an errno in place of a SIGBUS that would end the server. A board whose file
-   can't be written works on; one line on stderr says why, and it is tried again each second. So it
-   is where the file at the path belongs to another board that lives. */
+   can't be written works on; one line on stderr says why, and it is tried again each second. It
+   does the same while the file at the path belongs to another board that runs. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"

@@ -102,7 +102,7 @@ inline bool is_too_much_held()
 {
     return total.bytes.load(std::memory_order_relaxed) > held_at_most;
 }
-/* From here on pages that were read are given back at once instead of after a while. */
+/* From here on pages that were read are released at once instead of after a while. */
 inline bool is_much_held()
 {
     return total.bytes.load(std::memory_order_relaxed) > held_at_most / 4;

@@ -30,7 +30,7 @@ struct shared_page {
 };
 static_assert(sizeof(shared_page) == page_bytes);
 
-/* Behind it, the rest of each ring on pages of its own, so that one may be given back without the
+/* Behind it, the rest of each ring on pages of its own, so that one can be released without the
    other. */
 constexpr size_t rest_span = (ring_bytes - home_bytes + page_bytes - 1) / page_bytes * page_bytes;
 constexpr size_t area_bytes = page_bytes + 2 * rest_span;
@@ -80,7 +80,7 @@ class mapped_area
     }
     /* Its place in the accounts, which it holds as long as it exists; null for none. On the
        accepting side (`is_ours`), whose first use of the pages has charged them to us, all are
-       given back in the end, whoever maps them. */
+       released in the end, even while another process maps them. */
     void hold(std::shared_ptr<entry> place, bool is_ours)
     {
         place_ = std::move(place);

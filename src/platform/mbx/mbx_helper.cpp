@@ -52,7 +52,7 @@ static time_point run_timers()
     return next;
 }
 
-/* Kind, slot and id are in the word that epoll gives back. */
+/* Kind, slot and id are in the word that epoll returns. */
 static void handle_events(const epoll_event *events, int count)
 {
     for (int i = 0; i < count && !should_stop; i++) {

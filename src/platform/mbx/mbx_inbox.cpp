@@ -150,9 +150,9 @@ void inbox::remove(source &s)
     sources_.erase(s.id);
 }
 
-/* The semaphore first: whoever has taken a count finds a block, but not the other way round, so the
-   next look tells whether there is another one. The stack, which has the latest on
-   top, is turned round as a whole when the queue is used up. */
+/* The semaphore first: a count that was taken has a block, but a block may not have its count yet,
+   so the next look finds whether there is another one. The stack, which has the latest on top, is
+   reversed as a whole when the queue is used up. */
 block *inbox::take_local()
 {
     uint64_t one;

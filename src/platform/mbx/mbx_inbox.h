@@ -27,7 +27,7 @@ struct inbox_owner {
     /* The sender has written an impossible record, or rung without a signal: its connection must
        end now. */
     void (*end_connection)(void *self, uint32_t id);
-    /* More pages are in use from now on that trim() would give back. */
+    /* There are more pages in use that trim() would release. */
     void (*want_trim)(void *self);
 };
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* How a mailbox of ours connects to a named one, on the caller's thread. What the other side passes
-   is checked before it is used, and never closed here or under a lock. */
+/* How a mailbox of ours connects to a named one, on the caller's thread. The descriptors that the
+   other side passes are checked before they are used, and never closed here or under a lock. */
 #include "platform/mbx/mbx_locate.h"
 
 #include "platform/mbx/mbx_peers.h"
@@ -24,7 +24,7 @@ enum class attempt {
     done,
     again,   /* nothing came of it */
     refused, /* the other side has no place for us */
-    failed   /* errno tells why */
+    failed   /* errno has the reason */
 };
 
 /* One attempt: the connection as far as it is made. */

@@ -45,13 +45,13 @@ struct parted {
 } // namespace
 
 std::mutex parting_lock;
-/* Guarded by parting_lock. What has a destructor is never destroyed, as the helper may outlive
-   main(). */
+/* Guarded by parting_lock. Objects with a destructor are never destroyed, as the helper may
+   outlive main(). */
 static std::vector<parted> &all = *new std::vector<parted>;
 static uint32_t last_number;
 static time_point next_look;                 /* at those that have ended at the peer */
 static owned_fd &left_bells = *new owned_fd; /* an epoll of the bells that peers may still have */
-static owned_fd &ends = *new owned_fd;       /* an inotify: tells of memory files that are gone */
+static owned_fd &ends = *new owned_fd;       /* an inotify: reports memory files that are gone */
 static owned_fd &looked_up = *new owned_fd;  /* see watch_for_end */
 static size_t watches;                       /* of files that are not known to be gone */
 /* The watches of those that are gone, while there is an entry; has room for all. */

@@ -5,9 +5,9 @@
    The kernel charges to us what the peer still has of a connection: the memory file with its pages,
    the descriptors of a welcome and the bytes that it has not read. So the entry in the accounts,
    and our end of the control connection, are kept until the peer has closed its end, nothing of
-   ours lies unread in it, and nobody else has the file or a bell. The pages are given back as soon
-   as nobody can be waiting for them, whoever still maps them. What its ring holds is kept for some
-   seconds more: its library may notice the end before its owner has received all. */
+   ours lies unread in it, and nobody else has the file or a bell. The pages are released as soon
+   as nobody can be waiting for them, even while others map them. The contents of its ring are kept
+   for some seconds more: its library may notice the end before its owner has received all. */
 #pragma once
 
 #include "platform/mbx/mbx_area.h"
@@ -16,11 +16,11 @@
 #include <memory>
 #include <mutex>
 
-/* The peer sees the end of the connection at once. What the rings hold is kept for it where there
-   is an `area`. */
+/* The peer sees the end of the connection at once. Where there is an `area`, the contents of the
+   rings are kept for the peer. */
 void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<entry> place,
           const peer_identity &peer);
-/* Gives back what rings hold for these peers; they lose it. */
+/* Releases the contents of the rings of these peers, which lose them. */
 void give_back_parting();
 
 /* Begins to watch for the end of a memory file: when nobody has it any more, neither open, by path
@@ -34,8 +34,8 @@ void leave_bell(int bell, const std::shared_ptr<entry> &place);
 
 /* Registers the functions that the helper calls, before it starts. */
 void set_up_parting();
-/* Without a helper: lets all go. What peers have not read stays for them. In a forked child only
-   the copies are closed. */
+/* Without a helper: lets all go. Signals that peers have not read stay for them. In a
+   forked child only the copies are closed. */
 void end_parting(bool is_child);
 
 /* Held around a fork. */

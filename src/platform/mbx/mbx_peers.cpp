@@ -25,7 +25,7 @@
 
 static constexpr auto time_to_trim = std::chrono::seconds(2);
 
-/* After so many ends the C library is asked to give back what lies between records that stay: 4,800
+/* After so many ends the C library is asked to release the memory between records that stay: 4,800
    connections left 3.1 MiB without that, and 0.8 MiB with it. */
 static constexpr uint32_t crowd = 256;
 

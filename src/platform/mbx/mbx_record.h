@@ -112,7 +112,8 @@ class record_receiver
     {
         return is_finished_ ? available() : 0;
     }
-    /* Bytes of the rest's pages that were read, and were there at the last trim. */
+    /* Bytes of the pages behind the home that were read from and that are in memory, as of the last
+       trim(). */
     size_t touched() const
     {
         return static_cast<size_t>(std::popcount(touched_)) * page_bytes;

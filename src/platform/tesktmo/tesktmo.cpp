@@ -118,7 +118,7 @@ static void *run_service(void *argument)
     }
 }
 
-/* A negative number where the system refuses a timer, or to set one. Without the second call, which
+/* A negative number if a timer can't be made or set. Without the second call, which
    disarms it, a thread that can't be woken would hold up the end of the process. */
 static int open_timer()
 {
@@ -126,7 +126,7 @@ static int open_timer()
     const int timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
     if (timer_fd >= 0 && timerfd_settime(timer_fd, 0, &never, nullptr) == 0)
         return timer_fd;
-    fprintf(stderr, "libtesktmo: the system refuses a timer: %s\n", strerror(errno));
+    fprintf(stderr, "libtesktmo: cannot make a timer: %s\n", strerror(errno));
     if (timer_fd >= 0)
         close(timer_fd);
     return -1;

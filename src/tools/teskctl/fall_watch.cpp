@@ -52,7 +52,7 @@ void fall_watch::look(uint32_t port_no, watched_port &its)
             return;
         its.last = std::move(text);
         show_(fall);
-    } catch (const tool_error &) { /* teskctl why says what is wrong */
+    } catch (const tool_error &) { /* teskctl why shows the reason */
     }
 }
 

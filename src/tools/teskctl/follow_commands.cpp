@@ -186,7 +186,7 @@ static std::optional<steady_time> earlier(const std::optional<steady_time> &one,
     return one && (!other || *one < *other) ? one : other;
 }
 
-/* What could not be renewed after a reconnection is tried again after a pause. */
+/* Subscriptions that could not be renewed after a reconnection are tried again after a pause. */
 static void wait_and_keep(event_loop &loop, session &server, kept_subscriptions &kept,
                           std::optional<steady_time> &retry,
                           const std::optional<steady_time> &until)

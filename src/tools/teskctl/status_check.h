@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* status_check - port statuses with the module in the word of all commands. The server's port
    status of an empty port has the type "electrical"; the measured values, whose reading leaves no
-   record, tell whether there is a module. One thread. */
+   record, show whether there is a module. One thread. */
 #pragma once
 
 #include "tools/teskctl/session.h"

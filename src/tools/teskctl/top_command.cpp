@@ -5,9 +5,9 @@
    writes a line for each record.
 
    The ports change while it runs, by another configuration of the board or a restart of the server.
-   A port whose values are asked for in vain, as it doesn't exist, is gone; with "all" its row goes,
-   and each interval new ports of the port map are asked for their values. Without a port map those
-   that may exist are asked after the server has come back. */
+   A port is gone when the server rejects a read of its values because the port doesn't exist. With
+   "all" its row is removed, and at each interval the values of new ports of the port map are read.
+   Without a port map those that may exist are asked after the server has come back. */
 #include "program/clock.h"
 #include "program/recorded_falls.h"
 #include "tools/teskctl/commands.h"

@@ -61,14 +61,14 @@ static void keep_first(std::vector<uint32_t> &ports, const std::string &folder, 
 {
     if (ports.size() <= most_ports_with_falls)
         return;
-    complain("teskctl", fmt::format("{}: of {} ports those of the first {} are shown: a board "
-                                    "records no more",
+    complain("teskctl", fmt::format("{}: of {} ports the first {} are shown: a board records falls "
+                                    "of no more ports",
                                     escape(folder), ports.size(), most_ports_with_falls));
     ports.resize(most_ports_with_falls);
     is_whole = false;
 }
 
-/* What is damaged keeps nobody from the other falls. */
+/* The falls of other ports are shown even where one file is damaged. */
 static std::vector<causes::facts> recorded(const ports_text &text, bool &is_whole)
 {
     const std::string folder = falls_folder();

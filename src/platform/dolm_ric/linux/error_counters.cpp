@@ -28,7 +28,7 @@ static constexpr int64_t refusal_time = 3600 * one_second;
 /* A question that took some time is followed by a pause of so many times that. */
 static constexpr int64_t pause_per_time = 200;
 
-/* The time that is told of, and the shortest one that says anything. */
+/* The period that the counts cover, and the shortest one that shows anything. */
 static constexpr int64_t told_time = 60 * one_second, least_time = 4 * one_second;
 
 /* A link that has just risen still counts what it received while it found its lock. */
@@ -360,8 +360,8 @@ int error_counters::ask(size_t question, int32_t index, error_sample &made)
     });
 }
 
-/* A question that failed for another reason than that the driver can't tell is asked again with the
-   next sample. */
+/* A question is asked again with the next sample, unless the driver has shown that it can't answer
+   it. */
 void error_counters::sample(int32_t index)
 {
     std::array<int64_t, questions> refused_until = {};
@@ -384,8 +384,8 @@ void error_counters::sample(int32_t index)
     keep(index, made, errors, began_at);
 }
 
-/* A sample has the time of the answers: nothing that it counts came later. A driver that has told
-   something may refuse for another reason, such as a link that is down. */
+/* A sample has the time of the answers: nothing that it counts came later. A driver that has
+   answered before may refuse for another reason, such as a link that is down. */
 void error_counters::keep(int32_t index, const error_sample &made,
                           const std::array<int, questions> &errors, int64_t began_at)
 {

@@ -24,7 +24,7 @@
 namespace linux_board
 {
 
-/* The kernel tells of a lost carrier up to a second late; and what is older says nothing of a fall,
+/* The kernel reports a lost carrier up to a second late. An older sample is no evidence for a fall,
    though modules are read each 4 s. */
 inline constexpr int64_t told_late = 1'100'000'000, oldest_before_fall = 30'000'000'000;
 
@@ -63,10 +63,10 @@ class error_counters
     /* Takes `samples` of the interface, one now and the next ones five seconds apart, unless one
        was taken since that time. Any thread, as those below. */
     void want(int32_t index, int64_t since, int samples);
-    /* The minute before a fall at that time, of a link that had been up since `up_since`; 0: nobody
-       knows, and nothing is told. */
+    /* The counts of the minute before a fall at that time, of a link that had been up since
+       `up_since`; where that is 0, which is unknown, the facts stay as they are. */
     void tell_before(int32_t index, int64_t up_since, int64_t fell_at, causes::facts &seen) const;
-    /* What was counted since that time, when the link was up again. */
+    /* The counts since that time, when the link was up again. */
     void tell_again(int32_t index, int64_t since, causes::facts &seen) const;
 
   private:

@@ -62,8 +62,8 @@ void fall_looks::ask_state(int32_t index, causes::facts &seen)
     });
 }
 
-/* A setting is told once it is made, and the fall that follows up to a second later; a driver that
-   leaves is told behind the removal of its interfaces. */
+/* A changed setting is reported at once, and the fall that follows up to a second later; a driver
+   that is unbound is reported behind the removal of its interfaces. */
 void fall_looks::look(int32_t index, const std::string &device, int64_t up_since, int64_t at,
                       causes::facts &seen)
 {

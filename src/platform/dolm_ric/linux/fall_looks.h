@@ -30,9 +30,9 @@ class fall_looks
         notes_.stop();
         counters_.stop();
     }
-    /* What is known of a fall at the time `at`, of a link that had been up since `up_since` (0: not
-       known), of an interface on a device on its bus; 0: the port
-       has none any more. What nobody tells stays as it is. */
+    /* The facts of a fall at the time `at`, of a link that had been up since `up_since` (0: not
+       known), of the interface `index` (0: the port has none any more) of a device on its bus.
+       Facts that are not known stay as they are. */
     void look(int32_t index, const std::string &device, int64_t up_since, int64_t at,
               causes::facts &seen);
     /* The same of a link that has been up again since that time. */

@@ -153,7 +153,7 @@ static std::string word_of(std::string_view text)
     return its;
 }
 
-/* The same message tells of the recovery, with the state 0. */
+/* The recovery has this message, too, with the state 0. */
 void kernel_notes::take_health(netlink::byte_view datagram, int64_t at)
 {
     while (const auto notice = netlink::take_message(datagram)) {

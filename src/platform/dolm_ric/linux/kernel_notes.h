@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* kernel_notes - what the kernel says of its own accord about interfaces and their devices, beside
-   the messages about links, and when: changed settings, drivers that leave a device, and errors of
+/* kernel_notes - the kernel's notices about interfaces and their devices, beside the messages about
+   links, with their times: changed settings, drivers that leave a device, and errors of
    a device that its driver reports. A thread of its own takes the messages, so that each has its
    time. Times are in ns of CLOCK_BOOTTIME. */
 #pragma once

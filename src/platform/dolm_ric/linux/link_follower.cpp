@@ -4,12 +4,12 @@
 
    When the queue overruns, the kernel reports ENOBUFS once and drops everything until the queue has
    been emptied. So all that is queued is taken first, and then every interface is read. Nothing
-   that was lost is older than that reading, and the counters tell the falls in between. What is
-   queued after it may be older than the reading; the counters tell that, too.
+   that was lost is older than that reading, and the counters show the falls in between.
+   A notice that is queued after it may be older than the reading; the counters show that, too.
 
    The active FEC is for people who look at a port's details, and some drivers ask their firmware
-   for it. So it is asked for when a rise has been told and no notice is queued, one interface at a
-   time.
+   for it. So it is asked for when a rise has been reported and no notice is queued, one interface
+   at a time.
  */
 #include "platform/dolm_ric/linux/link_follower.h"
 

@@ -93,8 +93,8 @@ void link_table::take_out(uint32_t port, time_point now)
     link.is_out = true;
 }
 
-/* A port without an interface whose place this is. One that the name fits comes before one whose
-   interface was called so last, since that name may have been given to it by hand. */
+/* The port without an interface that a new interface belongs to. A port whose filter fits comes
+   before one whose last interface had this name, since that name may have been set by hand. */
 link_table::port_link *link_table::find_free(const link_report &report)
 {
     port_link *returned_to = nullptr;

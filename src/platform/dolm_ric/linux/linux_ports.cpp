@@ -56,7 +56,7 @@ linux_ports::linux_ports(board::port_events &events, std::string reader)
     details_.watch([this](const dolm_ric_details_record &record) { falls_.see(record); });
 }
 
-/* What the details say of a port whose module isn't known. */
+/* The details of a port whose module isn't known. */
 void linux_ports::describe_without_module(const port_copy &port)
 {
     uint32_t presence = DOLM_RIC_PRESENCE_EMPTY;
@@ -340,7 +340,8 @@ void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_
                                 uint32_t rises, report_origin from)
 {
     const bool is_told = from == report_origin::notice;
-    /* The kernel holds a lost carrier back for up to a second, and may tell it with another deed.
+    /* The kernel holds a lost carrier back for up to a second, and may report it with another
+     * change.
      */
     falls_.hear(number, {.is_told = is_told,
                          .is_exact = is_told && falls == 0,

@@ -553,8 +553,9 @@ static bool has_jumped(const module_contents &before, const module_contents &now
             has_new_alarm(before.rx_power, now.rx_power));
 }
 
-/* Values are taken only with the identity bytes that were read behind them. A failure tells nothing
-   of the module's presence, since it may have come because a client asked: the next look does. */
+/* Values are taken only with the identity bytes that were read behind them. A failure doesn't
+   show whether the module is there, since a client may have caused the reading: the next look does.
+ */
 void polled_module::take_diagnostics(const reading_task &done)
 {
     const time_point now = shared_.now();

@@ -29,8 +29,8 @@ class reader_client final : public module_access
     reader_client &operator=(const reader_client &) = delete;
 
     /* The checksum of the configuration that the reader must have; before start or on the thread of
-       read(). A reader with another one is told to end, so that the next one reads the file anew;
-       until one has this, readings fail with ESTALE. A line on stderr says if that lasts. */
+       read(). A reader with another checksum is asked to end, so that the next one reads the file
+       anew; until one has this, readings fail with ESTALE. A line on stderr says if that lasts. */
     void expect(uint64_t configuration);
 
     /* Connects if need be; after a failure not again for a second, and more and more seldom, at

@@ -56,10 +56,10 @@ static std::unique_ptr<simulator> make_ports(std::string_view line, core &events
 {
     const auto words = split_words(line);
     if (words.size() != 2 || words[0] != "ports")
-        throw board_error("the first line is: ports COUNT");
+        throw board_error("the first line must be \"ports COUNT\", such as \"ports 16\"");
     const auto count = static_cast<uint32_t>(parse_number(words[1], max_ports));
     if (count == 0)
-        throw board_error("a board has one port at least");
+        throw board_error("a board needs a port: COUNT must be 1 or more");
     return make_empty(count, events);
 }
 
@@ -93,7 +93,7 @@ std::unique_ptr<simulator> make_board(const char *path, core &events, board_make
         }
     }
     if (!board)
-        throw board_error(std::string(path) + ": a board has one port at least");
+        throw board_error(std::string(path) + ": there is no line \"ports COUNT\"");
     return board;
 }
 

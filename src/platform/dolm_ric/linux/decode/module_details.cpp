@@ -23,8 +23,8 @@ namespace
 
 using record_type = dolm_ric_details_record;
 
-/* By lane: whether the module tells of a condition, whether it is there, and whether that could not
-   be read. */
+/* By lane: whether the module reports a condition, whether the condition is there, and whether it
+   could not be read. */
 struct lane_bits {
     uint32_t told = 0;
     uint32_t on = 0;
@@ -286,7 +286,7 @@ static uint32_t lanes_present(const module_memory &memory)
 }
 
 /* Between host and module, of the first bank, by the applications: a lane of light may carry two of
-   them. Those of light where that isn't told. */
+   them. The lanes of light where the module lists no applications. */
 static uint32_t host_lanes(const module_memory &memory)
 {
     const memory_view from(memory, cmis_applications);
@@ -374,8 +374,7 @@ static void find_sfp_signals(const module_memory &memory, lane_signals &signals)
 }
 
 /* Bytes 3 to 5: four bits of the receivers below four of the transmitters, but for faults. Bytes
-   194 and 195 have which of them the module tells of, but for LOS of the receivers, which all do.
- */
+   194 and 195 have which of them the module reports; all modules report LOS of the receivers. */
 static void find_qsfp_signals(const module_memory &memory, const module_contents &contents,
                               lane_signals &signals)
 {
@@ -396,7 +395,7 @@ static void find_qsfp_signals(const module_memory &memory, const module_contents
     signals[DOLM_RIC_TX_OFF] = {told(195, 0x10), contents.tx_off_lanes, contents.tx_off_unread};
 }
 
-/* Page 01h, bytes 157 and 158, has what the module tells of. */
+/* Page 01h, bytes 157 and 158, has the conditions that the module reports. */
 static void find_cmis_signals(const module_memory &memory, const module_contents &contents,
                               lane_signals &signals)
 {

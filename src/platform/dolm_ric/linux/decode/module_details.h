@@ -30,7 +30,7 @@ void set_presence(bool is_ready, uint32_t why, int64_t now, dolm_ric_details_rec
 /* The values that are there are not readable any more, for that reason; their limits stay. */
 void lose_values(uint32_t why, dolm_ric_details_record &record);
 
-/* The identity alone: empty texts for what it doesn't tell. */
+/* The identity alone; texts that the module doesn't have are empty. */
 void take_identity(const module_memory &memory, const module_contents &contents,
                    dolm_ric_details_identity &identity);
 
