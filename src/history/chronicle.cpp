@@ -16,7 +16,8 @@ static constexpr int64_t longest_write_pause = 900;
 static constexpr int64_t try_pause = 60;
 static constexpr int64_t checkpoint_pause = 3600;
 static constexpr unsigned most_events_at_once = 32; /* of a port, in one batch */
-/* While the disk is full: so much of the limit. A larger batch might not fit into the file. */
+/* While the disk is full, one part in so many of the limit may be pending. A larger batch might not
+   fit into the file. */
 static constexpr int64_t pending_part = 8;
 static constexpr size_t most_pending_events = 20'000;
 

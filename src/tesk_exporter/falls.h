@@ -60,9 +60,9 @@ class fall_follower
         int64_t changed_at = 0; /* ns */
         uint64_t inode = 0;
         double last = 0;     /* the time of its last fall */
-        bool is_ill = false; /* that one */
-        fall_fact uncounted; /* that one, until it is counted at: */
-        std::chrono::steady_clock::time_point due = {};
+        bool is_ill = false; /* the link has been ill since its last fall */
+        fall_fact uncounted; /* the last fall, until it is counted */
+        std::chrono::steady_clock::time_point due = {}; /* when it is counted */
     };
     using time_point = std::chrono::steady_clock::time_point;
     void scan_folder(time_point now, std::vector<fall_fact> &found);

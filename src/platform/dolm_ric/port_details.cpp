@@ -60,7 +60,7 @@ port_details::port_details()
     taken_.reserve(2 * most_records);
 }
 
-/* What was taken out of the configuration is the least that anybody would miss. */
+/* The record of a port that was taken out of the configuration leaves first. */
 bool port_details::make_room(uint32_t port)
 {
     if (slots_.size() < most_records)
@@ -81,8 +81,8 @@ bool port_details::make_room(uint32_t port)
     return false;
 }
 
-/* calloc, since the kernel's fresh pages are zero: what no lane is in costs nothing. A record that
-   takes the place of an earlier one of its port has the greater sequence. */
+/* calloc, since the kernel's fresh pages are zero: pages without a lane take no memory. A record
+   that takes the place of an earlier one of its port has the greater sequence. */
 port_details::slot *port_details::find_or_make(uint32_t port)
 {
     try {
@@ -307,7 +307,7 @@ bool port_details::has_other_owner() const
            lock.l_type != F_UNLCK;
 }
 
-/* The real time is another one at each start, also after a crash. */
+/* The epoch is the real time, which differs at each start, also after a crash. */
 bool port_details::make_file()
 {
     if (has_other_owner()) {

@@ -11,8 +11,8 @@
 
 using owned_fd = util::descriptor;
 
-/* Keeps errno while it exists: code that a signal handler interrupts, and which calls us, finds its
-   own again, and a caller finds the reason of a failure behind what had to be undone. */
+/* Restores errno at its end: a signal handler that calls the library leaves the errno of the code
+   that it interrupted, and clean-up after a failure leaves the errno of the failure. */
 class errno_keeper
 {
   public:

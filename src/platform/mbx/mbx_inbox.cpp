@@ -115,7 +115,8 @@ void inbox::take_events(const epoll_event *events, int count)
     line_.prepend(fresh);
 }
 
-/* As often as it takes to find all that are ready; senders that go on ringing don't hold it up. */
+/* Repeats the wait until all ready sources are found; senders that go on ringing don't prolong it.
+ */
 void inbox::look()
 {
     size_t left = sources_.size() / (events_at_once - 1) + 1;

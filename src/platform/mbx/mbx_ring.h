@@ -114,7 +114,7 @@ class ring_sender
         look();
         return tail_ == head_;
     }
-    /* The position up to which it has. */
+    /* The position up to which the receiver has taken everything. */
     uint32_t taken()
     {
         look();

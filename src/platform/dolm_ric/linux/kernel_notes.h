@@ -30,8 +30,8 @@ class kernel_notes
     /* The same of the device, such as 0000:03:00.0, whose driver left it. */
     std::optional<bool> was_unbound(const std::string &device, int64_t from, int64_t to) const;
 
-    /* What the driver of the device reported as failed, in its own word, such as fw_fatal; nothing
-       if nothing is known of that time. */
+    /* The part that the driver of the device reported as failed, by the driver's name for it, such
+       as fw_fatal; nothing if none was reported in that time. */
     std::optional<std::string> error_reported(const std::string &device, int64_t from,
                                               int64_t to) const;
 

@@ -217,8 +217,8 @@ void control_server::serve_peers(std::span<const pollfd> polled)
     board_.faults.watch_calls(has_waiting ? wakeup_.get() : -1);
 }
 
-/* False if the peer is to be disconnected. A peer that waits for its answer is ready only when it
-   has gone. The answer may be there at once. */
+/* False if the peer is to be disconnected. The socket of a peer that waits for its answer is
+   readable only when the peer has hung up. The answer may be there at once. */
 bool control_server::serve_peer(peer &known, bool is_ready)
 {
     if (is_ready && (known.pending || !receive_command(known)))

@@ -84,7 +84,7 @@ struct field {
 };
 /* All fields, in the order in which a port is shown. */
 std::span<const field> fields();
-/* Those of each lane, which are named with its number: "rx-power.3". */
+/* The fields that each lane has; their names end with its number: "rx-power.3". */
 std::span<const field> lane_fields();
 /* The field of that name, of either kind; null if there is none. */
 const field *find_field(std::string_view name);

@@ -62,7 +62,7 @@ static double metres(uint8_t count, double unit)
     return count == 0 || count == beyond ? 0 : count * unit;
 }
 
-/* Class 4 says its power in byte 66. */
+/* Byte 66 has the power of class 4. */
 static void take_sfp_power(const memory_view &from, identity_record &to)
 {
     static constexpr double watts[] = {1.0, 1.5, 2.0};
@@ -96,7 +96,7 @@ static void take_sfp(const memory_view &from, bool is_copper, identity_record &t
     to.wavelength = is_cable ? 0 : from.u16(60);
 }
 
-/* Class 8 says its power in a byte that isn't read. */
+/* The power of class 8 is in a byte that isn't read. */
 static void take_qsfp_power(uint8_t options, identity_record &to)
 {
     static constexpr double watts[] = {1.5, 2.0, 2.5, 3.5, 4.0, 4.5, 5.0, 0};
