@@ -246,7 +246,8 @@ TEST_F(dolm_ric_test, a_board_file_describes_the_board_or_the_start_fails_with_a
         {"ports 4\nset 4 link=up\n", -1,
          ":2: there is no port 4: this board has the ports 0 to 3\n"},
         {"ports 0\n", -1, ":1: a board needs a port: COUNT must be 1 or more\n"},
-        {"set 3 link=up\n", -1, ":1: the first line must be \"ports COUNT\", such as \"ports 16\"\n"},
+        {"set 3 link=up\n", -1,
+         ":1: the first line must be \"ports COUNT\", such as \"ports 16\"\n"},
         {"ports 4\nwait idle\n", -1,
          ":2: a board file can't wait, not even for its events to be taken\n"},
         {"#\n", -1, ": there is no line \"ports COUNT\"\n"}};

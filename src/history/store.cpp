@@ -143,8 +143,8 @@ static void set_aside(const std::string &path, const std::string &reason,
     const std::string kept = path + "." + when.data();
     fs::rename(path, kept, error);
     if (error)
-        throw store_error(
-            fmt::format("{} can't be used ({}), and can't be set aside: {}", path, reason, error.message()));
+        throw store_error(fmt::format("{} can't be used ({}), and can't be set aside: {}", path,
+                                      reason, error.message()));
     fs::rename(path + "-wal", kept + "-wal", error);
     notes.push_back(fmt::format("{} can't be used: {}; it is now {}, and a new history begins",
                                 path, reason, kept));

@@ -97,7 +97,8 @@ static outcome load(const std::string &path, std::string &content)
     if (!read_all(file.get(), content))
         return open_failure(path, errno);
     if (content.size() > largest_file)
-        return failure(TESK_CLIENT_BAD_PORT_MAP, path, "is longer than 4 MiB, the most that a port map may have");
+        return failure(TESK_CLIENT_BAD_PORT_MAP, path,
+                       "is longer than 4 MiB, the most that a port map may have");
     return {};
 }
 

@@ -261,8 +261,9 @@ class replayed_file
             return;
         }
         if (row.time < latest_)
-            complain("the time goes back: rows are left out until their time has passed that of the "
-                     "latest row, or for a day");
+            complain(
+                "the time goes back: rows are left out until their time has passed that of the "
+                "latest row, or for a day");
         latest_ = std::max(latest_, row.time);
         reports_.clear();
         state_->feed(row, reports_);

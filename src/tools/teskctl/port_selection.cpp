@@ -70,8 +70,9 @@ std::vector<uint32_t> select_ports(event_loop &loop, session &server, const port
     if (ports.empty())
         ports = probe(loop, server);
     if (ports.empty() && loop.signal() == 0)
-        throw tool_error(exit_code::rejected,
-                         fmt::format("the server has no port from 0 to {}: give the numbers of its ports",
-                                     probed_ports - 1));
+        throw tool_error(
+            exit_code::rejected,
+            fmt::format("the server has no port from 0 to {}: give the numbers of its ports",
+                        probed_ports - 1));
     return ports;
 }
