@@ -200,15 +200,19 @@ TEST(chronicle, records_changes_of_modules)
     EXPECT_EQ(on.kept->places().at(1).interface, "eth9");
     for (int i = 0; i < 1000; i++) /* a port that flaps */
         on.kept->note(0, "down", "", on.now);
-    on.run(300);
+    on.run(600);
     const auto events = on.kept->events(0, 0, 1000);
     EXPECT_EQ(events.size(), 35);
     EXPECT_EQ(events.front().kind, "removed");
     EXPECT_EQ(events.back().text, "968 more changes within a minute");
-    EXPECT_EQ(on.rows(STEPS).size(), 9);
+    EXPECT_EQ(on.rows(STEPS).size(), 10);
     on.pass(800 * day);
     on.run(7500);
     EXPECT_TRUE(on.kept->events(std::nullopt, 0, 1000).empty());
+    for (size_t serial = 0; serial < most_places; serial++) /* read differently each time */
+        on.kept->take({0, "eth0", "V", "P", std::to_string(serial)}, {100, {1}, {}, {}}, on.now);
+    EXPECT_EQ(on.kept->places().size(), most_places);
+    EXPECT_FALSE(on.kept->places().contains(1)) << "the oldest is forgotten";
 }
 
 /* Whatever the clock does, each step is there once, and in order as shown. */
@@ -455,9 +459,13 @@ TEST(chronicle, stays_below_its_limit)
     is_full = false;
     on.run(1200);
     EXPECT_EQ(on.told.size(), 2);
+    const auto kept = on.rows(STEPS);
+    EXPECT_EQ(on.now.wall - kept[kept.size() - 90].first, 90 * 300) << "the newest half is there";
     for (int minute = 0; minute < 7; minute++) {
-        for (int64_t event = 0; event < 20'000; event++)
+        const int64_t first = on.kept->time().at(on.now.boot);
+        for (int64_t event = 0; event < 25'000; event++)
             on.kept->note(event % 900, "changed", std::string(150, 'x'), on.now);
+        ASSERT_EQ(on.kept->events(std::nullopt, first, 1).size(), 20'000);
         on.pass(60);
         on.kept->advance(on.now);
         ASSERT_EQ(on.kept->write_trouble(), "") << minute;

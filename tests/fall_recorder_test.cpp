@@ -8,10 +8,13 @@
 #include "testkit/processes/processes.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <semaphore>
 
 using namespace board;
 namespace fs = std::filesystem;
@@ -449,6 +452,25 @@ TEST_F(fall_recorder_test, a_slow_driver_is_asked_last)
     now += 4 * second;
     own.work();
     EXPECT_EQ(causes::judge(falls(1).back()).ill.size(), 1U) << "up, with many errors";
+}
+
+/* Where nothing is due the thread waits for a minute. It asks for the time once more before it
+   waits, with the lock held. */
+TEST_F(fall_recorder_test, a_fall_wakes_the_thread)
+{
+    std::binary_semaphore waits{0}, looked{0};
+    std::atomic<int> asked = 0;
+    board::fall_recorder own({.oldest_look = 30 * second, .youngest_look = second}, [&] {
+        if (++asked == 2)
+            waits.release();
+        return 1000 * second;
+    });
+    own.start(folder, {.fell = [&](uint32_t, const auto &, auto &) { looked.release(); }});
+    ASSERT_TRUE(waits.try_acquire_for(std::chrono::seconds{20}));
+    own.see(record_of(0));
+    record_of(0).link.oper = DOLM_RIC_SWITCH_DOWN;
+    own.see(record_of(0));
+    EXPECT_TRUE(looked.try_acquire_for(std::chrono::seconds{20}));
 }
 
 /* A module with other lanes can't be compared, and such a record couldn't be read. */
