@@ -21,7 +21,7 @@ struct sample {
     bool has_link, has_module, is_missing;
     std::string serial;
     int64_t time;
-    double step_uw = 0.1;
+    double step_uw = 0.1, rx_limit = 125.9;
 };
 using world = std::function<void(sample &)>;
 
@@ -35,7 +35,6 @@ static double since(const sample &s, double day)
 static std::vector<report> reports_of(const world &change, int days_of_it = 60)
 {
     port watched;
-    watched.set_limits(quantity::rx_power, {125.9, 150, 1000, 1500});
     watched.set_limits(quantity::tx_power, {125.9, 150, 1000, 1500});
     watched.set_limits(quantity::bias, {2, 3, 11, 12});
     watched.set_limits(quantity::temperature, {-13, -8, 73, 78});
@@ -56,6 +55,7 @@ static std::vector<report> reports_of(const world &change, int days_of_it = 60)
                  .time = start + int64_t{row} * 300};
         s.temperature += 3 * std::sin(6.2832 * s.day) + 0.2 * noise(random);
         change(s);
+        watched.set_limits(quantity::rx_power, {s.rx_limit, s.rx_limit + 10, 1000, 1500});
         s.rx += 0.08 * (s.temperature - 40) + 0.03 * noise(random);
         s.bias *= std::exp(0.012 * (s.temperature - 40)) * (1 + 0.003 * noise(random));
         s.tx += 0.01 * noise(random);
@@ -106,6 +106,11 @@ TEST(Forecast, announces_what_fails)
              s.is_missing = s.day > 25 && s.day < 27.5;
              s.has_link = std::fmod(s.day, 1.7) > 0.01;
          }},
+        {"another limit", quantity::rx_power, cause::light_lost, 33, 35,
+         [](sample &s) {
+             s.rx -= 0.05 * since(s, 15);
+             s.rx_limit = s.day > 30 ? 199.5 : 125.9;
+         }},
         {"ageing laser", quantity::bias, cause::laser_ageing, 36, 45,
          [](sample &s) { s.bias *= 1 + 0.04 * since(s, 20); }},
         {"laser without reserve", quantity::tx_power, cause::laser_ageing, 38, 45,
@@ -129,7 +134,8 @@ TEST(Forecast, announces_what_fails)
                 EXPECT_GT(day + told.high, row.limit - 1.5) << row.name;
             }
         }
-        EXPECT_TRUE(standing != nullptr && standing->cause == row.why) << row.name << "\n" << all;
+        ASSERT_TRUE(standing != nullptr && standing->cause == row.why) << row.name << "\n" << all;
+        EXPECT_NEAR(day_of(*standing) + standing->days_left, row.limit, 4) << row.name;
         for (const report &told : reports)
             EXPECT_TRUE(told.value == row.value || told.what == change::notice) << row.name << "\n"
                                                                                 << all;
@@ -156,6 +162,16 @@ TEST(Forecast, is_silent_on_what_recovers_or_steps)
          [](sample &s) {
              s.rx -= s.day > 30 ? 2 : 0;
              s.is_missing = s.day > 26 && s.day < 30;
+         }},
+        {"small steps, each after a gap", 0,
+         [](sample &s) {
+             s.rx -= 0.4 * std::floor(since(s, 20) / 3);
+             s.is_missing = s.day > 22 && std::fmod(s.day - 20, 3) > 2.98;
+         }},
+        {"set down for a day", 0,
+         [](sample &s) {
+             s.has_link = s.day < 25 || s.day > 26;
+             s.tx -= s.has_link ? 0 : 20;
          }},
         {"swap", 0,
          [](sample &s) {
