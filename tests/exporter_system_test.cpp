@@ -113,10 +113,14 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
     await("/metrics", "tesk_port_module_present{port=\"0\",interface=\"eth0\"} 0\n");
     await("/api/events?port=0", "\"change\":\"removed\"}");
     await("/api/modules", "\"present\":false");
-    std::string modules;
+    std::string modules, trend;
     EXPECT_EQ(testkit::run(TESK_BIN_DIR "/teskctl modules --exporter unix:" + socket_path, modules),
               0);
     expect_parts(modules, {" present\n", " gone\n"});
+    EXPECT_EQ(testkit::run(TESK_BIN_DIR "/teskctl trend eth1 --json --exporter unix:" + socket_path,
+                           trend),
+              0);
+    expect_parts(trend, {"\"port\":1,"});
     await("/api/plot?port=1&range=day", "]]");
     expect_parts(
         get("/metrics"),

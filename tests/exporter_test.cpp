@@ -282,10 +282,16 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
         {line(dark) + line(flapping), "fall flapping; ",
          "tesk_port_up_but_ill{port=\"0\",interface=\"eth0\"} 0\n"},
     };
+    const auto one_time = std::filesystem::file_time_type::clock::now();
+    const auto replace = [&](const char *port, const std::string &text) {
+        std::ofstream(place.path + "/new") << text;
+        std::filesystem::last_write_time(place.path + "/new",
+                                         one_time); /* only the inode differs */
+        std::filesystem::rename(place.path + "/new", place.path + port);
+    };
     std::chrono::steady_clock::time_point at = {};
     for (const auto &its : steps) {
-        std::ofstream(place.path + "/new") << its.file;
-        std::filesystem::rename(place.path + "/new", place.path + "/0");
+        replace("/0", its.file);
         const uint64_t before = events.next();
         for (const fall_fact &each : follower.scan(at += seconds(5)))
             apply(each);
@@ -302,7 +308,11 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
     expect_parts(lines_of(journal_fields(events.at(events.next() - 2))),
                  {"\nMESSAGE=port 0 (eth0): link is up, but ill: It receives -9.0 dBm",
                   "\nPRIORITY=4\n", "\nTESK_CAUSE=light lost\n"});
-    EXPECT_EQ(json_object::parse(board.falls().json(32))["falls"].size(), 3U);
+    replace("/1", line(flapping));
+    for (const fall_fact &each : follower.scan(at))
+        apply(each);
+    EXPECT_EQ(json_object::parse(board.falls().json(32))["falls"].size(), 4U)
+        << "two ports fell at one time";
 }
 
 TEST_F(exporter_board, series_end_with_their_port_and_with_the_server)

@@ -3,6 +3,7 @@
 #include "forecast/forecast.h"
 #include "tesk_exporter/replay.h"
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -232,6 +233,10 @@ TEST(Forecast, withdraws_with_a_reason_and_uses_no_later_reading)
     EXPECT_NE(all.find("A step began a new series."), std::string::npos) << all;
     EXPECT_NE(first, "");
     EXPECT_EQ(all.substr(0, first.size()), first);
+    const world half_back = [](sample &s) {
+        s.rx -= 0.3 * since(s, 20) - std::min(1.8, 3.9 * since(s, 30));
+    };
+    EXPECT_LE(std::ranges::count(reports_of(half_back), change::withdrawn, &report::what), 2);
 }
 
 TEST(Replay, names_what_it_cannot_use)

@@ -378,6 +378,9 @@ def a_fade_is_shown(board, page):
     complaints = page.browser.get_log("browser")
     assert not complaints, complaints
     page.go("")
+    ten_days = subprocess.run([BIN / "teskctl", "trend", "2", "--days", "10", "--csv", "--exporter",
+                               f"127.0.0.1:{board.port}"], check=True, capture_output=True).stdout
+    assert 230 < ten_days.count(b"\n") <= 241, ten_days.count(b"\n")  # a row an hour
 
 
 def picture(board, page):
