@@ -204,6 +204,11 @@ TEST_F(client, the_reasons_of_a_failed_connect_are_distinguished)
 
 TEST_F(client, requests_contain_the_servers_reference_and_have_their_exact_size)
 {
+    mbx.react = [](const auto &request) {
+        if (request[0] == TESK_CONN_ESTABLISH_REQ) // late, for an earlier establishment
+            mbx.deliver({TESK_CONN_ESTABLISH_CFM, request[1] - 1, client_id + 1, 1});
+        answering_server(request);
+    };
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
     EXPECT_EQ(tesk_client_subscribe(session, TESK_CLIENT_PORT_STATUS, 9), TESK_CLIENT_OK);
     EXPECT_EQ(tesk_client_unsubscribe(session, TESK_CLIENT_SFP_INFO, 8), TESK_CLIENT_OK);
@@ -227,6 +232,7 @@ TEST_F(client, only_the_right_answer_of_the_server_counts)
         mbx.deliver(rej, 276, "stranger", stranger);
         mbx.deliver({rej[0], ref + 1, own_ref, 4, 1}, 276, "other request");
         mbx.deliver({rej[0], ref, own_ref, 5, 1}, 276, "other port");
+        mbx.deliver({rej[0], ref, own_ref + 1, 4, 1}, 276, "other client");
         mbx.deliver({TESK_SUBSCRIBE_SFP_INFO_REJ, ref, own_ref, 4, 1}, 276, "other number");
         mbx.deliver({cfm, ref, own_ref, 4}, 103); // a byte short
         mbx.deliver(rej, 275, "short");
@@ -303,6 +309,15 @@ TEST_F(client, a_request_without_an_answer_ends_at_its_deadline_and_makes_room)
     EXPECT_EQ(mbx.sent.back().at(3), 8u);
     run_until_reported(4);
     EXPECT_EQ(reported.at(3), "status 0 2");
+    EXPECT_EQ(request(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, 9), TESK_CLIENT_OK);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+    for (int indication = 0; indication < 100; indication++) // more than one dispatch takes
+        mbx.indicate(7, 2);
+    answering_server(mbx.sent.back());
+    while (std::chrono::steady_clock::now() <= deadline) {
+    }
+    run_until_reported(6);
+    EXPECT_EQ(std::ranges::count(reported, "9 "), 1) << "its answer had arrived in time";
 }
 
 TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_one)
