@@ -11,6 +11,7 @@
 #include <atomic>
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -38,13 +39,15 @@ static unsigned calls, faulty_call;
 static fault way;
 static std::atomic<uint32_t> link_now, temperature_now;
 static bool is_map_broken;
+static constexpr uint32_t empty_port = 8, refused_port = 9; /* of a map that has them */
+static std::map<std::pair<tesk_client_request_type, uint32_t>, unsigned> asked; /* of each port */
 
 static void indicate(tesk_client_session &session, uint32_t kind, uint32_t port_no)
 {
     if (kind == TESK_CLIENT_SFP_INFO) {
         tesk_client_sfp_info info{};
         info.port_no = port_no;
-        info.type = TESK_CLIENT_SFP_OPTICAL;
+        info.type = port_no == empty_port ? TESK_CLIENT_SFP_NOT_PRESENT : TESK_CLIENT_SFP_OPTICAL;
         session.due.push_back([&session, info] {
             if (session.options.on_sfp_info)
                 session.options.on_sfp_info(&info, session.options.user);
@@ -67,6 +70,10 @@ static bool serve(tesk_client_session &session, tesk_client_answer &answer)
     const std::pair<uint32_t, uint32_t> key{answer.request / 2, answer.port_no};
     if (answer.request >= TESK_CLIENT_REQUEST_PM)
         return false;
+    if (answer.port_no == refused_port) {
+        answer.result = TESK_CLIENT_REJECTED;
+        return false;
+    }
     if (begins ? session.held.insert(key).second : session.held.erase(key) > 0)
         return begins;
     answer.result = TESK_CLIENT_REJECTED;
@@ -128,6 +135,7 @@ tesk_client_result tesk_client_request(tesk_client_session *session, tesk_client
 {
     const std::lock_guard lock(guard);
     const fault here = ++calls == faulty_call ? way : fault::none;
+    asked[{type, port_no}]++;
     if (session->is_lost || here == fault::no_call)
         return TESK_CLIENT_FAILED;
     tesk_client_answer answer{};
@@ -258,4 +266,30 @@ TEST(exporter_follow, a_refresh_that_fails_once_is_made_anew)
         facts.close();
         graded.stop();
     }
+}
+
+TEST(exporter_follow, ports_that_are_empty_or_refused_are_asked_rarely)
+{
+    way = fault::none;
+    map_ports = {0, empty_port, refused_port};
+    asked.clear();
+    fact_queue facts;
+    collector followed({std::nullopt, std::chrono::milliseconds(1)}, facts);
+    const auto count = [](tesk_client_request_type type, uint32_t port_no) {
+        const std::lock_guard lock(guard);
+        return asked[{type, port_no}];
+    };
+    const auto end = steady_clock::now() + testkit::deadline;
+    while (count(TESK_CLIENT_REQUEST_PM, 0) < 200 && steady_clock::now() < end) {
+        pollfd polled{facts.fd(), POLLIN, 0};
+        poll(&polled, 1, 20);
+        facts.take();
+    }
+    facts.close();
+    followed.stop();
+    const unsigned rounds = count(TESK_CLIENT_REQUEST_PM, 0);
+    EXPECT_GE(rounds, 200U);
+    EXPECT_GE(count(TESK_CLIENT_REQUEST_PM, empty_port), rounds / 40) << "it may be ready by now";
+    EXPECT_LE(count(TESK_CLIENT_REQUEST_PM, empty_port), rounds / 8);
+    EXPECT_LE(count(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, refused_port), rounds / 8);
 }

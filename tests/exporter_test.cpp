@@ -327,6 +327,8 @@ TEST_F(exporter_board, series_end_with_their_port_and_with_the_server)
     expect_none(text, {"tesk_port_link_up{"});
     EXPECT_EQ(board.trouble(), "nobody answers\\x1b");
     apply(connection_fact{true, ""});
+    apply(request_fact{TESK_CLIENT_REJECTED, {}});
+    EXPECT_TRUE(board.is_up()) << "a refusal is an answer";
     apply(request_fact{TESK_CLIENT_TIMEOUT, {}});
     EXPECT_FALSE(board.is_up());
     apply(gone_fact{0});
@@ -395,6 +397,10 @@ TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_o
         {refused, "0 initial; ", "0", nullptr, nullptr},
         {busy, "0 initial; ", "1", "0", nullptr},
         {refused, "0 initial; ", "0", nullptr, nullptr},
+        {not_ready, "0 not ready; ", "1", "0", nullptr},
+        {connection_fact{false, ""}, "server initial; ", nullptr, nullptr, nullptr},
+        {connection_fact{true, ""}, "server initial; ", "1", "0", nullptr},
+        {module_in(0, ""), "0 initial; ", "0", nullptr, nullptr}, /* the history is another one */
     };
     apply(connection_fact{true, ""});
     apply(ports_fact{{{0, ""}}});
