@@ -391,3 +391,15 @@ TEST_F(hardware, a_failed_wait_is_retried_within_100_ms_after_a_pause)
     }
     EXPECT_LT(shortest, std::chrono::milliseconds(100));
 }
+
+/* A main thread that is late slows the event thread down. */
+TEST_F(hardware, each_event_from_the_256th_that_waits_on_is_followed_by_a_pause)
+{
+    const int before = pauses;
+    raise(std::vector<dolm_ric_event>(300, port_event(1, 0)));
+    fake_platform::await_event_thread();
+    EXPECT_EQ(pauses, before + 45);
+    EXPECT_EQ(last_pause, 1000000);
+    for (tesk_hw_event *event = tesk_event_queue_take_all(); event != nullptr;)
+        free(std::exchange(event, event->next));
+}

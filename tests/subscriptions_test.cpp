@@ -5,12 +5,22 @@
 #include "testkit/fake_platform/client_fixture.h"
 
 #include <algorithm>
+#include <malloc.h>
 #include <set>
+#include <vector>
 
 using fake_platform::ports;
 using fake_platform::sent;
 
 using subscriptions = client_fixture;
+
+/* The server's calls of it come here. */
+static int trims;
+
+extern "C" int malloc_trim(size_t)
+{
+    return ++trims;
+}
 
 TEST_F(subscriptions, the_hardware_sees_one_subscription_however_many_clients_hold_it)
 {
@@ -245,6 +255,26 @@ TEST_F(subscriptions, a_client_is_found_by_its_mailbox_among_many)
         ASSERT_EQ(tesk_client_find(mbox, mbox * 3), clients[mbox]);
         ASSERT_EQ(tesk_client_find(mbox + 1, mbox * 3), nullptr);
     }
+}
+
+/* The array of a port with 1,000 subscribers takes 16,000 bytes. */
+TEST_F(subscriptions, memory_of_a_crowd_goes_back_when_it_has_left)
+{
+    std::vector<tesk_client *> crowd;
+    for (uint32_t mbox = 1000; mbox < 2000; mbox++)
+        crowd.push_back(tesk_client_add(mbox, mbox));
+    for (tesk_client *client : crowd)
+        for (uint32_t port = 0; port < 9; port++)
+            tesk_client_add_subscription(client, port, 1);
+    const int trims_before = trims;
+    while (crowd.size() > 1) {
+        tesk_client_remove(crowd.back());
+        crowd.pop_back();
+    }
+    EXPECT_EQ(trims, trims_before + 1);
+    auto *left = const_cast<tesk_subscriber *>(tesk_client_subscribers(0, 1).data());
+    EXPECT_LT(malloc_usable_size(left), 100U);
+    tesk_client_remove(crowd[0]);
 }
 
 /* The element of a subscription moves when another one is removed; its index follows. */
