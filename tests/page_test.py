@@ -175,6 +175,8 @@ def changes_appear(board, page):
     board.play("link 4 up")
     page.row_shows(4, "high alarm: temperature")
     await_true(lambda: page.order()[0] == 4, "the alarm on top")
+    headline = "return document.getElementById('summary').textContent"
+    await_true(lambda: "1in alarm" in page.run(headline), f"one in alarm: {page.run(headline)}")
     page.go("port=4")
     page.shows("#values", "91.0 °C")
     page.shows("#history", "link up, high alarm: temperature")
@@ -270,6 +272,7 @@ def states_have_their_words(board, page):
     whole = names.read_text()
     names.write_text("".join(line for line in whole.splitlines(True) if not line.startswith("7\t")))
     page.shows("#port-title", "Port 7 isn't followed")
+    assert 7 not in page.order(), page.order()
     assert "up" not in page.text("#port"), page.text("#port")
     names.write_text(whole)
     page.shows("#port-title", "Port 7 (port7)")
