@@ -366,6 +366,7 @@ def a_fade_is_shown(board, page):
     fade(board.history, 2)
     board.start_exporter()
     page.row_shows(2, "days left")
+    await_true(lambda: page.order().index(2) < page.order().index(0), "the forecast above what is ok")
     await_true(lambda: page.text("#banner") == "", "the exporter is found again")
     page.browser.get_log("browser")  # of the restart
     page.go("port=2")
