@@ -75,7 +75,8 @@ class error_counters
         std::deque<error_sample> samples;
         std::array<int64_t, questions> refused_until = {};
         int64_t due = 0, paused_until = 0, last_used_at = 0;
-        int wanted = 0; /* samples, whether the link is up or not */
+        int64_t last_took = 0; /* the last sample */
+        int wanted = 0;        /* samples, whether the link is up or not */
         bool is_up = false;
 
         bool is_due(int64_t now) const
@@ -86,7 +87,8 @@ class error_counters
 
     void run();
     void take_round(int64_t now);
-    int64_t sample_due(int64_t now);
+    std::optional<int32_t> next_due() const;
+    int64_t sample_due();
     void sample(int32_t index);
     int ask(size_t question, int32_t index, error_sample &made);
     void keep(int32_t index, const error_sample &made, const std::array<int, questions> &errors,

@@ -1,17 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* fall_looks - what the kernel and a driver say of a link that fell, beside the messages of
-   link_follower. One thread, which waits for the kernel's lock; start() and stop() on any. The
-   times are in ns of CLOCK_BOOTTIME. */
+   link_follower. One thread; start() and stop() on any. The times are in ns of CLOCK_BOOTTIME. */
 #pragma once
 
 #include "causes/facts.h"
 #include "platform/dolm_ric/linux/error_counters.h"
 #include "platform/dolm_ric/linux/kernel_notes.h"
-#include "platform/linux_interfaces/netlink.h"
+#include "platform/dolm_ric/linux/link_states.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
+#include <utility>
 
 namespace linux_board
 {
@@ -24,11 +23,13 @@ class fall_looks
     {
         notes_.start();
         counters_.start(std::move(up));
+        states_.start();
     }
     void stop()
     {
         notes_.stop();
         counters_.stop();
+        states_.stop();
     }
     /* The facts of a fall at the time `at`, of a link that had been up since `up_since` (0: not
        known), of the interface `index` (0: the port has none any more) of a device on its bus.
@@ -39,15 +40,9 @@ class fall_looks
     void look_again(int32_t index, int64_t since, causes::facts &seen);
 
   private:
-    void ask_state(int32_t index, causes::facts &seen);
-
     kernel_notes notes_;
     error_counters counters_;
-    std::optional<netlink::connection> ethtool_; /* made by the first look */
-    uint16_t family_ = 0;
+    link_states states_;
 };
-
-/* The facts in an answer to ETHTOOL_MSG_LINKSTATE_GET. Pure. */
-void take_link_state(netlink::byte_view attributes, causes::facts &seen);
 
 } // namespace linux_board

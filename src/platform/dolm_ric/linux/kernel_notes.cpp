@@ -133,14 +133,16 @@ void kernel_notes::take_setting(netlink::byte_view datagram, int64_t at)
     }
 }
 
-/* "unbind@/devices/pci0000:00/0000:00:1c.0/0000:03:00.0". */
+/* "unbind@/devices/pci0000:00/0000:00:1c.0/0000:03:00.0". Of the many that are removed, such as
+   queues, only devices that had a driver count. */
 void kernel_notes::take_uevent(netlink::byte_view datagram, int64_t at)
 {
-    constexpr std::string_view unbind = "unbind@";
     const std::string_view first = netlink::read_text(datagram);
-    if (!first.starts_with(unbind))
-        return;
-    note(unbound_at_, std::string(first.substr(first.find_last_of('/') + 1)), at);
+    const std::string device(first.substr(first.find_last_of('/') + 1));
+    if (first.starts_with("unbind@"))
+        note(unbound_at_, device, at);
+    else if (first.starts_with("remove@") && unbound_at_.contains(device))
+        note(removed_at_, device, at);
 }
 
 /* A driver's word is shown to people: no control character, and not too long. */
@@ -215,6 +217,12 @@ std::optional<bool> kernel_notes::was_unbound(const std::string &device, int64_t
                                               int64_t to) const
 {
     return has_note(unbound_at_, uevents_.has_value(), device, from, to);
+}
+
+std::optional<bool> kernel_notes::was_removed(const std::string &device, int64_t from,
+                                              int64_t to) const
+{
+    return has_note(removed_at_, uevents_.has_value(), device, from, to);
 }
 
 /* That none was reported shows nothing: most drivers report none. */

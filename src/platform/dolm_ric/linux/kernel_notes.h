@@ -29,6 +29,8 @@ class kernel_notes
     std::optional<bool> were_settings_changed(int32_t index, int64_t from, int64_t to) const;
     /* The same of the device, such as 0000:03:00.0, whose driver left it. */
     std::optional<bool> was_unbound(const std::string &device, int64_t from, int64_t to) const;
+    /* The same of one that is no longer there; its driver leaves it just before. */
+    std::optional<bool> was_removed(const std::string &device, int64_t from, int64_t to) const;
 
     /* The part that the driver of the device reported as failed, by the driver's name for it, such
        as fw_fatal; nothing if none was reported in that time. */
@@ -56,7 +58,7 @@ class kernel_notes
 
     mutable std::mutex lock_; /* guards these */
     std::map<int32_t, int64_t> changed_at_;
-    std::map<std::string, int64_t> unbound_at_, failed_at_;
+    std::map<std::string, int64_t> unbound_at_, removed_at_, failed_at_;
     std::map<std::string, std::string> failed_; /* of devices with a time in failed_at_, and more */
     int64_t lost_at_ = INT64_MIN;
 

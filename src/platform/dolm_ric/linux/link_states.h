@@ -1,0 +1,60 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* link_states - what drivers say of links that are down, asked on a thread of its own: a driver
+   that takes seconds to answer holds the kernel's lock meanwhile, and the caller doesn't wait for
+   it. */
+#pragma once
+
+#include "causes/facts.h"
+#include "platform/dolm_ric/linux/worker.h"
+#include "platform/linux_interfaces/netlink.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+
+namespace linux_board
+{
+
+class link_states
+{
+  public:
+    /* How long a look waits for its answer; none waits while an earlier question is stuck. */
+    static constexpr std::chrono::milliseconds patience{200};
+
+    void start();
+    void stop();
+
+    /* Asks about the interface, and brings into the facts what its driver has answered to the last
+       question that was asked at `since` or later, in ns of CLOCK_BOOTTIME. What a driver doesn't
+       tell, or not in time, stays as it is. One thread. */
+    void look(int32_t index, int64_t since, causes::facts &seen);
+
+  private:
+    struct answer {
+        int64_t asked_at = 0;
+        causes::facts seen;
+    };
+    void run();
+    std::optional<int32_t> take_next();
+    void ask(int32_t index);
+
+    std::optional<netlink::connection> ethtool_; /* the thread's, made by the first question */
+    uint16_t family_ = 0;
+
+    std::mutex lock_; /* guards these */
+    std::condition_variable answered_;
+    std::set<int32_t> wanted_; /* with the one that is being asked */
+    std::map<int32_t, answer> answers_;
+    bool is_stuck_ = false;
+
+    worker thread_; /* last: it ends before what it uses */
+};
+
+/* The facts in an answer to ETHTOOL_MSG_LINKSTATE_GET. Pure. */
+void take_link_state(netlink::byte_view attributes, causes::facts &seen);
+
+} // namespace linux_board
