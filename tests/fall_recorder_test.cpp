@@ -42,7 +42,7 @@ struct fall_recorder_test : testing::Test {
     }
     void tell(uint32_t port, bool is_told = true, bool is_exact = true)
     {
-        recorder.hear(port, {is_told, is_exact, port < 2 ? "0000:03:00" : "0000:05:00"});
+        recorder.hear(port, {is_told, is_exact, is_late, port < 2 ? "0000:03:00" : "0000:05:00"});
         recorder.see(record_of(port));
     }
     void plug(uint32_t port, const char *serial)
@@ -135,6 +135,7 @@ struct fall_recorder_test : testing::Test {
     }
 
     int64_t now = 1000 * second;
+    bool is_late = false; /* what is told */
     testkit::directory place;
     const std::string folder = place.path + "/falls";
     std::map<uint32_t, dolm_ric_details_record> records;
@@ -163,6 +164,13 @@ static const struct {
      [](auto &at) {
          at.set_link(0, false, false, false, false);
          at.read(0, 0.5);
+     },
+     "set down, possible"},
+    {"nobody looked in time",
+     [](auto &at) {
+         at.set_link(0, false, false);
+         at.read(0, 0.5);
+         at.now += 3 * second;
      },
      "set down, possible"},
     {"the message may tell of a carrier that was lost before, too",
@@ -268,6 +276,22 @@ static const struct {
          at.plug(0, nullptr);
      },
      "module pulled, likely"},
+    {"the driver can't read its module any more",
+     [](auto &at) {
+         at.drop(0);
+         at.now += 300 * ms;
+         at.record_of(0).presence = DOLM_RIC_PRESENCE_UNKNOWN;
+         at.recorder.see(at.record_of(0));
+     },
+     "not known, possible"},
+    {"the module is pulled long after",
+     [](auto &at) {
+         at.drop(0);
+         at.finish();
+         at.now += 83 * second;
+         at.plug(0, nullptr);
+     },
+     "not known, possible"},
     {"the module is gone just before the fall is told",
      [](auto &at) {
          at.plug(0, nullptr);
@@ -291,6 +315,15 @@ static const struct {
          at.read(0, 0.5);
      },
      "device reset, possible"},
+    {"both have fallen some time while the server was stopped",
+     [](auto &at) {
+         at.is_late = true;
+         at.set_link(0, true, false, false, false);
+         at.set_link(1, true, false, false, false);
+         at.is_late = false;
+         at.read(0, 0.5);
+     },
+     "not known, possible"},
     {"the other one, at the other end of its cable, is set down",
      [](auto &at) {
          at.drop(0);

@@ -285,9 +285,11 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     leaving.moved = true;
     take(leaving);
     take(report(2, 1, 1));
+    take(leaving, link_table::origin::late_notice);
+    take(report(2, 1, 1));
     table.begin_dump();
     table.end_dump(now);
-    EXPECT_EQ("rm?", events.departures) << "removed, moved, not there in a dump";
+    EXPECT_EQ("rm??", events.departures) << "removed, moved, late, not there in a dump";
 }
 
 TEST(kernel_notes_test, a_note_counts_for_its_interface_and_time)
@@ -308,11 +310,15 @@ TEST(kernel_notes_test, a_note_counts_for_its_interface_and_time)
     EXPECT_EQ(std::nullopt, notes.were_settings_changed(7, 50, 90)) << "it may hide an earlier one";
     EXPECT_EQ(std::nullopt, notes.were_settings_changed(7, 101, 150)) << "nobody follows them here";
     EXPECT_EQ(std::nullopt, notes.were_settings_changed(8, 50, 150)) << "no setting of the link";
-    for (const std::string_view text : {"unbind@/devices/pci0000:00/0000:03:00.1",
-                                        "change@/devices/pci0000:00/0000:03:00.0", "@"})
+    for (const std::string_view text :
+         {"unbind@/devices/pci0000:00/0000:03:00.1", "change@/devices/pci0000:00/0000:03:00.0",
+          "remove@/devices/pci0000:00/0000:03:00.0", "remove@/devices/pci0000:00/0000:03:00.1",
+          "@"})
         notes.take_uevent({reinterpret_cast<const uint8_t *>(text.data()), text.size()}, 100);
     EXPECT_EQ(true, notes.was_unbound("0000:03:00.1", 50, 150));
     EXPECT_EQ(std::nullopt, notes.was_unbound("0000:03:00.0", 50, 150));
+    EXPECT_EQ(true, notes.was_removed("0000:03:00.1", 50, 150));
+    EXPECT_EQ(std::nullopt, notes.was_removed("0000:03:00.0", 50, 150)) << "it had no driver";
     netlink::request failed = netlink::generic_request(1, DEVLINK_CMD_HEALTH_REPORTER_RECOVER);
     failed.put_text(DEVLINK_ATTR_DEV_NAME, "0000:03:00.1");
     const size_t reporter = failed.begin_nest(DEVLINK_ATTR_HEALTH_REPORTER);

@@ -48,6 +48,12 @@ static constexpr int64_t same_deed = 250 * ms, longest_deed = 750 * ms;
 static constexpr int64_t risen_after = 3 * second, closed_after = 10 * second;
 static constexpr int64_t retry_after = second;
 
+/* A later look at the module says nothing of the fall. */
+static constexpr int64_t latest_sample = 10 * second;
+
+/* When the thread makes the last look later than this, messages may wait that are older. */
+static constexpr int64_t latest_look = 500 * ms;
+
 /* A port whose driver takes longer to answer is looked at behind the others. */
 static constexpr int64_t slow_look = 100 * ms;
 
@@ -94,6 +100,7 @@ static void forget_departure(causes::facts &seen)
     seen.interface_removed.reset();
     seen.interface_moved.reset();
     seen.driver_unbound.reset();
+    seen.device_removed.reset();
 }
 
 void fall_recorder::hear(uint32_t port, departure how)
@@ -105,6 +112,9 @@ void fall_recorder::hear(uint32_t port, departure how)
     its->left = how;
     if (its->open == nullptr)
         return;
+    const int64_t after = now_() - its->open->last_at;
+    if (after > longest_deed && how != departure::moved)
+        its->open->seen.left_after_s = seconds_of(after);
     if (its->open->looks == std::size(looks_at)) {
         /* A slow removal, which had set the interface down before. */
         forget_departure(its->open->seen);
@@ -112,7 +122,6 @@ void fall_recorder::hear(uint32_t port, departure how)
         its->open->due = now_();
         return changed_.notify_one();
     }
-    const int64_t after = now_() - its->open->last_at;
     its->open->left = after <= longest_deed ? how : departure::unknown;
     its->open->is_exact &= after <= same_deed;
 }
@@ -215,6 +224,7 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     made.up_since = its.up_since;
     made.is_told = its.news.is_told;
     made.is_exact = its.news.is_exact;
+    made.is_late = its.news.is_late || its.left == departure::unknown;
     made.left = its.left;
     made.seen.time = wall_time(now_() - at);
     made.seen.boot = boot_;
@@ -285,7 +295,8 @@ void fall_recorder::rise(port_watch &its, int64_t at)
         return;
     its.open->up_at = at;
     its.open->seen.is_up = true;
-    its.open->seen.down_for_s = seconds_of(at - its.open->last_at);
+    if (!its.open->is_late && !its.news.is_late)
+        its.open->seen.down_for_s = seconds_of(at - its.open->last_at);
     its.open->is_changed = true;
     if (its.open->looks == std::size(looks_at))
         its.open->due = at + risen_after;
@@ -320,7 +331,8 @@ void fall_recorder::take_look(fall &open, module_sample found)
     if ((open.lanes != 0 && found.lane_count != open.lanes) || found.lanes_at < open.last_at)
         found.lane_count = 0; /* or they were read before it */
     open.lanes = std::max(open.lanes, found.lane_count);
-    bool is_news = tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
+    bool is_news = found.at - open.last_at <= latest_sample &&
+                   tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
     if (open.up_at != 0 && found.at >= open.up_at + risen_after && !open.is_seen_again) {
         open.is_seen_again = tell_again(found, open.seen);
         is_news |= open.is_seen_again;
@@ -378,7 +390,7 @@ static void tell_departure(departure left, causes::facts &seen)
     seen.interface_removed = left == departure::removed;
     seen.interface_moved = left == departure::moved;
     if (left != departure::removed)
-        seen.driver_unbound = false;
+        seen.driver_unbound = seen.device_removed = false;
     if (left == departure::moved)
         seen.device_reset = false;
 }
@@ -392,13 +404,24 @@ static bool is_set_down_alone(const causes::facts &seen, const dolm_ric_details_
            seen.device_others_stayed.value_or(0) >= 1;
 }
 
+/* What rests on when the link fell. */
+static void forget_times(causes::facts &seen)
+{
+    seen.clock_error_s.reset();
+    seen.settings_changed.reset();
+    seen.driver_error.reset();
+}
+
 /* What the last look decides. A cage that was empty at each look since is empty. */
 void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
 {
     causes::facts &seen = open.seen;
     if (!seen.present_before.value_or(true) && its.last.presence == DOLM_RIC_PRESENCE_EMPTY)
         seen.present_after = false;
-    tell_neighbours(port, its, open);
+    if (open.is_late)
+        forget_times(seen);
+    else
+        tell_neighbours(port, its, open);
     if (open.is_told)
         tell_departure(open.left, seen);
     if (is_set_down_alone(seen, its.link))
@@ -430,6 +453,7 @@ static void take_asked(const causes::facts &asked, causes::facts &seen)
     seen.extended_state = asked.extended_state;
     seen.remote_fault = asked.remote_fault;
     seen.driver_unbound = asked.driver_unbound;
+    seen.device_removed = asked.device_removed;
     seen.settings_changed = asked.settings_changed;
     seen.driver_error = asked.driver_error;
     seen.corrected_in_minute = asked.corrected_in_minute;
@@ -463,6 +487,8 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
     fall &open = *its.open;
     take_asked(asked, open.seen);
     open.looks++;
+    if (is_last && began_at - at - looks_at[std::size(looks_at) - 1] > latest_look)
+        open.is_told = open.is_exact = false;
     if (is_last)
         finish_looks(port, its, open);
     open.due = is_last ? open.due : at + looks_at[open.looks];

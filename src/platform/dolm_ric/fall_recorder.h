@@ -37,6 +37,7 @@ namespace board
 struct link_news {
     bool is_told = false;  /* the kernel sent it, and no message before it was lost */
     bool is_exact = false; /* and it contains this change alone */
+    bool is_late = false;  /* it may have waited: when the change happened isn't known */
     std::string device;    /* of which the port is one; empty: not known */
 };
 
@@ -95,13 +96,14 @@ class fall_recorder
   private:
     struct fall {
         causes::facts seen;
-        int64_t at = 0, last_at = 0;            /* of the first and the last one in this record */
-        int64_t up_since = 0;                   /* before the first one */
-        int64_t up_at = 0;                      /* 0: not yet */
-        int64_t due = 0;                        /* of the next look or writing */
-        size_t looks = 0;                       /* that were made */
-        size_t lanes = 0;                       /* of all lists; 0: not known */
-        bool is_told = false, is_exact = false; /* as in the news of the first one */
+        int64_t at = 0, last_at = 0; /* of the first and the last one in this record */
+        int64_t up_since = 0;        /* before the first one */
+        int64_t up_at = 0;           /* 0: not yet */
+        int64_t due = 0;             /* of the next look or writing */
+        size_t looks = 0;            /* that were made */
+        size_t lanes = 0;            /* of all lists; 0: not known */
+        /* As in the news of the first one. */
+        bool is_told = false, is_exact = false, is_late = false;
         departure left = departure::none;
         bool is_changed = true; /* since it was written */
         bool is_written = false;

@@ -7,6 +7,9 @@
    that was lost is older than that reading, and the counters show the falls in between.
    A notice that is queued after it may be older than the reading; the counters show that, too.
 
+   A message has no time of its own: it is taken for one of the present. So the queue is looked at
+   twice a second, and after a longer pause all that is queued is late.
+
    The active FEC is for people who look at a port's details, and some drivers ask their firmware
    for it. So it is asked for when a rise has been reported and no notice is queued, one interface
    at a time.
@@ -16,6 +19,7 @@
 #include "platform/dolm_ric/dolm_ric_details.h"
 #include "platform/dolm_ric/linux/decode/module_speed.h"
 #include "platform/linux_interfaces/interfaces.h"
+#include "util/boot_clock.h"
 #include "util/poll.h"
 
 #include <algorithm>
@@ -38,6 +42,8 @@ static constexpr std::chrono::milliseconds speed_patience{20};
 
 /* A link may change its speed without a fall, of which the kernel has no message. */
 static constexpr std::chrono::seconds round_interval{30};
+
+static constexpr std::chrono::milliseconds queue_interval{500};
 
 /* Notices and questions in one go, before the others get their turn. */
 static constexpr int datagrams_at_once = 256;
@@ -117,6 +123,7 @@ void link_follower::take_out(uint32_t port)
 void link_follower::start()
 {
     notices_.join(RTNLGRP_LINK);
+    looked_at_ = util::boot_time();
     read_all();
     listener_.reports_taken();
     thread_.start("dolm-ric-links", [this] { run(); });
@@ -158,6 +165,7 @@ void link_follower::take_turn()
     listener_.reports_taken();
     if (is_drained)
         ask_next_fec();
+    is_late_ &= !is_drained || is_behind_;
 }
 
 int link_follower::poll_timeout() const
@@ -167,7 +175,7 @@ int link_follower::poll_timeout() const
         return retry_ms;
     if (!fecs_wanted_.empty())
         return 0;
-    auto next = round_due_;
+    auto next = std::min(round_due_, std::chrono::steady_clock::now() + queue_interval);
     if (!speeds_wanted_.empty())
         next = std::min(next, speeds_due_);
     if (const auto settling = table_.next_settling())
@@ -177,12 +185,20 @@ int link_follower::poll_timeout() const
     return static_cast<int>(std::max<int64_t>(left.count(), 0));
 }
 
+void link_follower::note_time()
+{
+    const auto now = util::boot_time();
+    is_late_ |= now - looked_at_ > longest_gap;
+    looked_at_ = now;
+}
+
 /* Returns whether the queue was emptied. */
 bool link_follower::drain()
 {
     notices_taken_ = 0;
     for (int count = 0; count < datagrams_at_once; count++) {
         const netlink::connection::received next = notices_.receive();
+        note_time();
         if (next.error == EAGAIN)
             return true;
         if (next.error != 0) {
@@ -203,7 +219,8 @@ void link_follower::take(const netlink::message &notice)
     const auto report = parse_link(notice);
     if (!report)
         return;
-    take_report(*report, is_behind_ ? link_table::origin::late_notice : link_table::origin::notice);
+    take_report(*report, is_behind_ || is_late_ ? link_table::origin::late_notice
+                                                : link_table::origin::notice);
 }
 
 /* The port is noted as reported before its event is queued, so that the read which this event

@@ -41,6 +41,9 @@ class link_follower
     static constexpr std::chrono::milliseconds read_patience{10};
     /* A link that was reported so shortly ago is read without a wait. */
     static constexpr std::chrono::milliseconds fresh_age{50};
+    /* Between two looks at the queue; a longer time shows that the thread was kept from it, as in a
+       process that was stopped or on a machine that was suspended. */
+    static constexpr std::chrono::milliseconds longest_gap{1000};
 
     /* Throws a std::system_error. */
     explicit link_follower(follower_listener &listener,
@@ -72,6 +75,13 @@ class link_follower
        thread but the follower's. */
     void refresh(uint32_t port);
 
+    /* Whether what is reported may have happened more than longest_gap ago. In the listener's calls
+       alone. */
+    bool is_late() const
+    {
+        return is_late_;
+    }
+
     /* How often messages were lost and all interfaces were read again. */
     uint64_t losses() const
     {
@@ -82,6 +92,7 @@ class link_follower
     void run();
     void take_turn();
     void take_round();
+    void note_time();
     bool drain();
     void take(const netlink::message &notice);
     void take_report(const link_report &report, link_table::origin from);
@@ -109,9 +120,11 @@ class link_follower
     link_table::time_point speeds_due_ = {};
     link_table::time_point round_due_ = {};
     std::set<int32_t> fecs_wanted_;
-    bool is_reading_due_ = false; /* of all interfaces */
-    bool is_behind_ = false;      /* messages were lost since all interfaces were read */
-    int notices_taken_ = 0;       /* since the thread woke up */
+    bool is_reading_due_ = false;           /* of all interfaces */
+    bool is_behind_ = false;                /* messages were lost since all interfaces were read */
+    bool is_late_ = false;                  /* until all that was queued is taken */
+    link_table::time_point looked_at_ = {}; /* at the queue; of boot_time() */
+    int notices_taken_ = 0;                 /* since the thread woke up */
     bool is_later_due_ = false; /* wake_later() woke it, and later_ports_ aren't asked about yet */
     std::atomic<uint64_t> losses_{0};
 

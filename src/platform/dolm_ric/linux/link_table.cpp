@@ -130,9 +130,8 @@ void link_table::take(const link_report &report, origin from, time_point now)
 {
     reported_.insert(report.index);
     if (report.deleted) {
-        forget(report.index, now,
-               report.moved ? board::departure::moved : board::departure::removed);
-        return;
+        const auto how = report.moved ? board::departure::moved : board::departure::removed;
+        return forget(report.index, now, from == origin::notice ? how : board::departure::unknown);
     }
     port_link *link = bind(report);
     if (link == nullptr) {

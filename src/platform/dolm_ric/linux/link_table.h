@@ -59,7 +59,7 @@ struct link_speed {
 };
 
 /* A notice was sent by the kernel of its own accord and may be older than an answer, which is
-   always the state of that moment. Before a late notice others were lost. */
+   always the state of that moment. Before a late notice others were lost, or it waited for long. */
 enum class report_origin : uint8_t { notice, late_notice, answer };
 
 /* Called in the thread that passes the reports in. */

@@ -56,6 +56,13 @@ linux_ports::linux_ports(board::port_events &events, std::string reader)
     details_.watch([this](const dolm_ric_details_record &record) { falls_.see(record); });
 }
 
+/* Whether that errno leaves open if there is a module: nobody could ask, or the driver can't read
+   one now, which some answer for an empty cage and others for a module in use. */
+static bool leaves_open(int error)
+{
+    return is_unheard(error) || error == EOPNOTSUPP;
+}
+
 /* The details of a port whose module isn't known. */
 void linux_ports::describe_without_module(const port_copy &port)
 {
@@ -67,7 +74,7 @@ void linux_ports::describe_without_module(const port_copy &port)
         presence = DOLM_RIC_PRESENCE_POLLING_OFF, why = DOLM_RIC_VALUE_POLLING_OFF;
     else if (port.interface == 0)
         presence = DOLM_RIC_PRESENCE_NO_INTERFACE, why = DOLM_RIC_VALUE_UNKNOWN;
-    else if (is_unheard(port.last_error))
+    else if (leaves_open(port.last_error))
         presence = DOLM_RIC_PRESENCE_UNKNOWN, why = DOLM_RIC_VALUE_NO_ANSWER;
     details_.update(port.config.number, [&](dolm_ric_details_record &record) {
         board::forget_module(presence, why, record);
@@ -345,6 +352,7 @@ void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_
      */
     falls_.hear(number, {.is_told = is_told,
                          .is_exact = is_told && falls == 0,
+                         .is_late = links_.is_late(),
                          .device = board::device_of(now.parent)});
     details_.update(number, [&](dolm_ric_details_record &record) {
         take_link_report(now, falls, rises, board::details_time(), record);
@@ -503,7 +511,7 @@ void linux_ports::module_cost(uint32_t number, const reading_cost &cost)
         port_copy &its = ports_.at(number);
         is_old = util::boot_time() - its.read_at > longest_age;
         const int before = std::exchange(its.last_error, error);
-        const bool is_other = is_unheard(before) != is_unheard(error) ||
+        const bool is_other = leaves_open(before) != leaves_open(error) ||
                               (before == module_is_leased) != (error == module_is_leased);
         if (is_other && its.presence == module_presence::absent)
             describe_without_module(its);
