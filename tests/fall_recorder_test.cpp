@@ -498,7 +498,8 @@ TEST_F(fall_recorder_test, a_fall_wakes_the_thread)
             waits.release();
         return 1000 * second;
     });
-    own.start(folder, {.fell = [&](uint32_t, const auto &, auto &) { looked.release(); }});
+    own.start(folder,
+              {.fell = [&](uint32_t, const auto &, auto &) { looked.release(); }, .risen = {}});
     ASSERT_TRUE(waits.try_acquire_for(std::chrono::seconds{20}));
     own.see(record_of(0));
     record_of(0).link.oper = DOLM_RIC_SWITCH_DOWN;
