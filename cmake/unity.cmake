@@ -5,5 +5,3 @@
 set_target_properties(dolm_ric_core dolm_ric_simulator program_common program_json teskctl_parts teskboard
                       linux_interfaces dolm_ric_linux_ports
                       PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
-target_precompile_headers(mbx_parts PRIVATE <algorithm> <atomic> <cerrno> <cstring> <map> <memory> <string> <vector>)
-target_precompile_headers(tesk_exporter_parts PRIVATE <chrono> <functional> <map> <string> <vector> <fmt/format.h>)
