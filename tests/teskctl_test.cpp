@@ -6,6 +6,7 @@
 #include "program/json_records.h"
 #include "program/moved_values.h"
 #include "program/port_list.h"
+#include "program/recorded_falls.h"
 #include "program/units.h"
 #include "program/words.h"
 #include "testkit/processes/processes.h"
@@ -451,9 +452,10 @@ TEST_F(teskctl_system, why_tells_of_the_falls_that_the_board_recorded)
     expect("why 0,1 --last 1 --facts-out " + directory.path + "/facts", 0,
            {"port0 ", ": set down, certain, local, administration"});
     expect("why --json --facts " + directory.path + "/facts", 0, {R"("certainty":"certain")"});
-    std::ofstream(directory.path + "/falls/7") << "{\n{\"driver_unbound\": true}\n";
+    std::ofstream(directory.path + "/falls/7") << "{\n{\"driver_unbound\": true}\n{\n";
     mkfifo((directory.path + "/falls/8").c_str(), 0600);
-    expect("why", 1, {"falls/7: 1 of 2 falls", "driver gone", "falls/8 isn't a file", "certain"});
+    expect("why", 1, {"falls/7: 2 of 3 falls", "driver gone", "falls/8 isn't a file", "certain"});
+    EXPECT_TRUE(last_fall_of(directory.path + "/falls", 7)) << "behind it is a wrong line";
 }
 
 /* Each would hang, or take what memory or stack there is. */
@@ -469,6 +471,7 @@ TEST_F(teskctl_system, why_takes_no_more_facts_than_a_machine_can_have)
         {"{\"port\": " + repeat(100000, "[") + repeat(100000, "]") + "}", "8 levels of brackets"},
         {"{" + repeat(3000, "\"\\\"{\": 1,") + "\"\": 1}", "256 keys in an object"},
         {repeat(100000, "{}\n"), "65537 objects"},
+        {repeat(33000, "{}\n"), "line 32769: there are more than 32768 falls"},
         {"{\"port\": \"" + repeat(100000, "{}[") + "\"}", "not \"{}[{}[{"},
         {repeat(17 << 10, repeat(1 << 10, " ")), "16384 KiB"},
         {"{\"time\": 1e999}", "line 1: this isn't JSON"}};

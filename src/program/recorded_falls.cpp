@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 static constexpr size_t largest_file = size_t{16} << 20;
+static constexpr size_t most_falls = 32 * most_ports_with_falls;
 static constexpr size_t largest_recorded = size_t{64} << 10; /* as docs/causes.md has it */
 
 static tool_error fault_of(const std::string &path, const std::string &why)
@@ -84,7 +85,11 @@ static std::vector<causes::facts> facts_of_text(const std::string &path, const s
 {
     std::vector<causes::facts> found;
     std::string place;
-    const auto take = [&](const json_object &each) { found.push_back(facts_of_object(each)); };
+    const auto take = [&](const json_object &each) {
+        if (found.size() >= most_falls)
+            throw causes::facts_error(fmt::format("there are more than {} falls", most_falls));
+        found.push_back(facts_of_object(each));
+    };
     try {
         if (const auto whole = parse_as_one(text)) {
             const bool is_body = whole->is_object() && whole->contains("falls");
@@ -182,6 +187,19 @@ static std::string read_recorded(const std::string &path)
     return read_whole(path, file.get(), largest_recorded);
 }
 
+/* Nothing where the line is wrong; `fault` says how. */
+static std::optional<causes::facts> facts_of_line(std::string_view line, std::string &fault)
+{
+    try {
+        return facts_of_object(causes::parse_facts(line));
+    } catch (const causes::facts_error &error) {
+        fault = escape(error.what());
+    } catch (const json_object::exception &) {
+        fault = "this is no JSON";
+    }
+    return std::nullopt;
+}
+
 std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no, std::string *fault)
 {
     const std::string path = fmt::format("{}/{}", folder, port_no), text = read_recorded(path);
@@ -189,16 +207,12 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
     std::string first;
     size_t lines = 0, wrong = 0;
     for_each_line(text, [&](std::string_view line, size_t number) {
+        std::string why;
         lines++;
-        try {
-            return found.push_back(facts_of_object(causes::parse_facts(line)));
-        } catch (const causes::facts_error &error) {
-            if (wrong++ == 0)
-                first = fmt::format("line {}: {}", number, escape(error.what()));
-        } catch (const json_object::exception &) {
-            if (wrong++ == 0)
-                first = fmt::format("line {}: this isn't JSON", number);
-        }
+        if (auto its = facts_of_line(line, why))
+            found.push_back(std::move(*its));
+        else if (wrong++ == 0)
+            first = fmt::format("line {}: {}", number, why);
     });
     if (wrong != 0 && fault != nullptr)
         *fault = fmt::format("{}: {} of {} falls can't be read and aren't shown: {}", escape(path),
@@ -208,14 +222,14 @@ std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
 
 std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no)
 {
-    const std::string path = fmt::format("{}/{}", folder, port_no);
-    const std::string text = read_recorded(path);
-    const size_t end = text.find_last_not_of('\n');
-    if (end == std::string::npos)
-        return std::nullopt;
-    /* Without a line before it npos + 1 is 0. */
-    const size_t begin = text.find_last_of('\n', end) + 1;
-    return facts_of_text(path, text.substr(begin, end + 1 - begin)).front();
+    const std::string text = read_recorded(fmt::format("{}/{}", folder, port_no));
+    std::vector<std::string_view> lines;
+    for_each_line(text, [&](std::string_view line, size_t) { lines.push_back(line); });
+    std::string fault;
+    for (; !lines.empty(); lines.pop_back())
+        if (auto its = facts_of_line(lines.back(), fault))
+            return its;
+    return std::nullopt;
 }
 
 void sort_newest_first(std::vector<causes::facts> &falls)

@@ -28,7 +28,8 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder);
 std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
                                     std::string *fault = nullptr);
 
-/* The newest of them; only its line is taken apart. Throws as falls_of(). */
+/* The newest of them; only its line, and those behind it that are wrong, are taken apart. Throws as
+   falls_of(). */
 std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no);
 
 /* Newest first: by the clock that nobody sets, where all are of one start of one machine. */
