@@ -304,6 +304,8 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
         EXPECT_EQ(told, its.events) << its.file;
         expect_parts(metrics(), {its.metric});
     }
+    std::ofstream(place.path + "/7") << line(old) << line(dark);
+    EXPECT_EQ(follower.scan(at += seconds(5)).size(), 3U) << "one of them is counted at once";
     expect_parts(falls_json(place.path, 0, 1), {"\"flapping\"", "\"falls_in_minute\":3.0"});
     expect_parts(lines_of(journal_fields(events.at(events.next() - 2))),
                  {"\nMESSAGE=port 0 (eth0): link is up, but ill: It receives -9.0 dBm",
@@ -313,6 +315,55 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
         apply(each);
     EXPECT_EQ(json_object::parse(board.falls().json(32))["falls"].size(), 4U)
         << "two ports fell at one time";
+}
+
+/* It came back with 6 dB less and many errors. */
+TEST_F(exporter_board, a_link_is_ill_until_it_is_well_or_nobody_has_measured_it_for_an_hour)
+{
+    const testkit::directory place;
+    setenv("DOLM_RIC_DETAILS", (place.path + "/details").c_str(), 1);
+    board::port_details published;
+    published.start(place.path + "/details");
+    bring_up();
+    auto fall = std::make_shared<recorded_fall>();
+    fall->seen.is_up = true;
+    fall->seen.rx_before = std::vector{-3.0};
+    fall->seen.rx_again = std::vector{-9.0};
+    fall->seen.errors_limit = fall->seen.errors_again = 1e-4;
+    fall->its = causes::judge(fall->seen);
+    apply(fall);
+    auto next = std::make_shared<recorded_fall>();
+    next->seen.time = 2;
+    const auto is_shown = [&] {
+        return contains(metrics(), "ill{port=\"0\",interface=\"eth0\"} 1\n");
+    };
+    const struct {
+        double power, errors; /* 0: not measured */
+        int minutes;          /* since the step before */
+        bool is_ill;
+    } steps[] = {{0, 0, 59, true},     {0.45, 0, 0, true},    {0.45, 1e-9, 0, false},
+                 {0.1, 1e-9, 0, true}, {0.45, 1e-5, 0, true}, {0, 0, 2, false},
+                 {0.1, 0, 0, true}};
+    for (const auto &its : steps) {
+        pass(std::chrono::minutes{its.minutes});
+        published.update(0, [&](dolm_ric_details_record &record) {
+            const auto state = [](double value) {
+                return value > 0 ? DOLM_RIC_VALUE_VALID : DOLM_RIC_VALUE_NO_ANSWER;
+            };
+            record.lane_count = record.own_lanes = record.vdm_count = 1;
+            record.lane[0].value[DOLM_RIC_RX_POWER].state = state(its.power);
+            record.lane[0].value[DOLM_RIC_RX_POWER].value = its.power;
+            record.vdm[0].kind = DOLM_RIC_VDM_PRE_FEC_BER_CURRENT;
+            record.vdm[0].side = DOLM_RIC_SIDE_MEDIA;
+            record.vdm[0].state = state(its.errors);
+            record.vdm[0].value = its.errors;
+        });
+        published.flush();
+        EXPECT_EQ(is_shown(), its.is_ill) << its.power << ", " << its.errors;
+    }
+    apply(next);
+    EXPECT_TRUE(is_shown()) << "it has fallen once more, and has as little light as before";
+    unsetenv("DOLM_RIC_DETAILS");
 }
 
 TEST_F(exporter_board, series_end_with_their_port_and_with_the_server)

@@ -3,11 +3,14 @@
    falls in their order: those behind the last known one are new, and that one may have changed. */
 #include "tesk_exporter/falls.h"
 
+#include "causes/signs.h"
 #include "program/exit_code.h"
 #include "program/recorded_falls.h"
 
 #include <algorithm>
+#include <cmath>
 #include <nlohmann/json.hpp>
+#include <span>
 #include <sys/stat.h>
 #include <utility>
 
@@ -71,8 +74,8 @@ void fall_follower::scan_port(uint32_t port_no, time_point now, std::vector<fall
     const bool is_first = !was_listed_;
     known_file &its = files_[port_no];
     const auto last = std::ranges::find_if(
-        falls, [&](const causes::facts &each) { return each.time.value_or(0) == its.last; });
-    const auto begin = last != falls.end() ? last : falls.end() - 1;
+        falls, [&](const causes::facts &each) { return each.time.value_or(0) >= its.last; });
+    const auto begin = last != falls.end() ? last : falls.end() - 1; /* the clock was set back */
     for (auto each = begin; each != falls.end(); ++each) {
         const bool is_known = each->time.value_or(0) == its.last;
         if (is_first && each + 1 != falls.end())
@@ -145,11 +148,91 @@ std::vector<fall_fact> fall_follower::scan(time_point now)
     return found;
 }
 
-void fall_log::take(const fall_fact &reported)
+/* Of the port's own lanes; nothing unless all are measured. */
+static causes::by_lane light_of(const dolm_ric_details_record &present)
+{
+    std::vector<double> found;
+    for (uint32_t lane = 0; lane < std::min<uint32_t>(present.lane_count, DOLM_RIC_DETAILS_LANES);
+         lane++) {
+        const dolm_ric_details_value &its = present.lane[lane].value[DOLM_RIC_RX_POWER];
+        if ((present.own_lanes >> lane & 1) == 0)
+            continue;
+        if (its.state != DOLM_RIC_VALUE_VALID)
+            return std::nullopt;
+        found.push_back(std::max(10 * std::log10(std::max(its.value, 1e-9)), causes::no_light));
+    }
+    return found.empty() ? std::nullopt : causes::by_lane(found);
+}
+
+/* The worst bit error ratio of the received signal. */
+static causes::number errors_of(const dolm_ric_details_record &present)
+{
+    causes::number worst;
+    for (const auto &row :
+         std::span(present.vdm).first(std::min<size_t>(present.vdm_count, DOLM_RIC_DETAILS_VDM)))
+        if (row.kind == DOLM_RIC_VDM_PRE_FEC_BER_CURRENT && row.side == DOLM_RIC_SIDE_MEDIA &&
+            row.state == DOLM_RIC_VALUE_VALID)
+            worst = std::max(row.value, worst.value_or(0));
+    return worst;
+}
+
+/* What the record of a fall has of the link since it is up again, as it is now. */
+static void renew(const dolm_ric_details_record &present, causes::facts &seen)
+{
+    if (present.link.state == DOLM_RIC_VALUE_VALID && present.link.speed != 0)
+        seen.speed_after = present.link.speed;
+    if (present.link.state == DOLM_RIC_VALUE_VALID && present.link.lanes != 0)
+        seen.lanes_after = present.link.lanes;
+    if (present.identity.state == DOLM_RIC_VALUE_VALID)
+        seen.serial_after = present.identity.serial;
+    if (const auto light = light_of(present))
+        seen.rx_again = light;
+    if (const auto errors = errors_of(present))
+        seen.errors_again = errors;
+}
+
+static void forget_again(causes::facts &seen)
+{
+    seen.speed_after.reset();
+    seen.lanes_after.reset();
+    seen.rx_again.reset();
+    seen.errors_again.reset();
+    seen.uncorrectable_again.reset();
+}
+
+bool fall_log::of_port::is_ill(const dolm_ric_details_record *present, steady_time now) const
+{
+    const bool is_down = present != nullptr && present->link.state == DOLM_RIC_VALUE_VALID &&
+                         present->link.oper != DOLM_RIC_SWITCH_UP;
+    if (ill == nullptr || is_down)
+        return false;
+    causes::facts seen = ill->seen;
+    if (now - ill_since > ill_for)
+        forget_again(seen);
+    if (present != nullptr)
+        renew(*present, seen);
+    return !causes::illness_of(seen).empty();
+}
+
+/* A link that is ill and falls again is compared with what it was when it was well. */
+static void take_illness(const fall_fact &reported, steady_time now, fall_log::of_port &its)
+{
+    const bool is_same = its.ill && its.ill->seen.time == reported->seen.time;
+    if (!reported->its.ill.empty()) {
+        its.ill_since = is_same ? its.ill_since : now;
+        its.ill = reported;
+    } else if (is_same) {
+        its.ill = nullptr;
+    } else {
+        its.ill_since = now - 2 * fall_log::ill_for;
+    }
+}
+
+void fall_log::take(const fall_fact &reported, steady_time now)
 {
     of_port &its = ports_[reported->port_no];
     its.count[static_cast<size_t>(reported->its.cause)] += reported->is_counted ? 1 : 0;
-    its.is_ill = !reported->its.ill.empty();
+    take_illness(reported, now, its);
     std::erase_if(newest_, [&](const fall_fact &each) {
         return each->port_no == reported->port_no && each->seen.time == reported->seen.time;
     });

@@ -9,6 +9,7 @@
 
 #include "causes/facts.h"
 #include "causes/verdict.h"
+#include "tesk_client/tesk_details.h"
 #include "tesk_exporter/facts.h"
 #include "tesk_exporter/worker.h"
 
@@ -83,9 +84,16 @@ class fall_log
   public:
     struct of_port {
         std::array<uint64_t, causes::cause_count> count{}; /* since the exporter's start */
-        bool is_ill = false; /* it is up again, and worse than before its last fall */
+        fall_fact ill; /* the last one from which it came back worse than before, or null */
+        steady_time ill_since{};
+
+        /* It still is, by the port's details, which may be null. A value that isn't measured any
+           more counts for `ill_for`, or until the next fall. */
+        bool is_ill(const dolm_ric_details_record *present, steady_time now) const;
     };
-    void take(const fall_fact &reported);
+    static constexpr std::chrono::hours ill_for{1};
+
+    void take(const fall_fact &reported, steady_time now);
     const std::map<uint32_t, of_port> &ports() const
     {
         return ports_;

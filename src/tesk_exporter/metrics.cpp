@@ -321,29 +321,32 @@ static void write_forecasts(metrics_writer &writer, const model &board,
 }
 
 /* Of causes that were seen, by name. */
-static void write_falls(metrics_writer &writer, const model &board)
+static void write_falls(metrics_writer &writer, const model &board, port_details &details,
+                        steady_time now)
 {
     const auto each_port = [&](auto &&write) {
         for (const auto &[number, falls] : board.falls().ports())
             if (const auto port = board.ports().find(number); port != board.ports().end())
-                write(port->second.labels, falls);
+                write(port->second, falls);
     };
     writer.begin(
         {"tesk_port_falls", metric_type::counter, "",
          "Falls of the link since the exporter's start, by their cause; those of one burst "
          "count once."});
-    each_port([&](const std::string &labels, const fall_log::of_port &falls) {
+    each_port([&](const port_state &port, const fall_log::of_port &falls) {
         for (size_t i = 0; i < falls.count.size(); i++)
             if (falls.count[i] > 0)
-                writer.sample(labels,
+                writer.sample(port.labels,
                               "cause=\"" +
                                   with_underscores(name_of(static_cast<causes::cause>(i))) + "\"",
                               static_cast<double>(falls.count[i]));
     });
     writer.begin({"tesk_port_up_but_ill", metric_type::gauge, "",
-                  "Whether the link came back from its last fall worse than it was before."});
-    each_port([&](const std::string &labels, const fall_log::of_port &falls) {
-        writer.sample(labels, falls.is_ill);
+                  "Whether the link came back from its last fall worse than it was before, and "
+                  "still is."});
+    each_port([&](const port_state &port, const fall_log::of_port &falls) {
+        writer.sample(port.labels,
+                      falls.ill != nullptr && falls.is_ill(details.read(port.number).get(), now));
     });
 }
 
@@ -409,7 +412,7 @@ std::string render_metrics(const model &board, port_details &details, bool has_l
             row.write({writer, now, board.values_of(port, now)}, port);
     }
     write_forecasts(writer, board, figures);
-    write_falls(writer, board);
+    write_falls(writer, board, details, now);
     for (const metrics_writer &text : detailed)
         writer.append(text);
     write_exporter(writer, figures);

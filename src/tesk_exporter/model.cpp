@@ -299,7 +299,7 @@ void model::take(const round_fact &, const moment &)
 
 void model::take(const fall_fact &reported, const moment &now)
 {
-    falls_.take(reported);
+    falls_.take(reported, now.steady);
     const auto found = interfaces_.find(reported->port_no);
     if (found != interfaces_.end() && (reported->is_new || reported->is_ill_now))
         events_.add({0, now.wall_us, change::down, reported, found->second});
