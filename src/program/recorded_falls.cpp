@@ -245,7 +245,8 @@ void sort_newest_first(std::vector<causes::facts> &falls)
 std::string cause_text(const causes::verdict &its)
 {
     std::string text = fmt::format("{}, {}", name_of(its.cause), name_of(its.certainty));
-    return its.evidence.empty() ? text : text + ": " + escape(its.evidence.front());
+    const bool says_why = its.cause != causes::cause::not_known && !its.evidence.empty();
+    return says_why ? text + ": " + escape(its.evidence.front()) : text;
 }
 
 std::string illness_text(const causes::verdict &its)
