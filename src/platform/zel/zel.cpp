@@ -240,9 +240,11 @@ static formatted_text &take_text()
     formatted_text &text = *std::ranges::min_element(texts, {}, [](const formatted_text &one) {
         return std::tuple(one.is_taken, one.last_use);
     });
-    text.is_taken = true;
+    /* A handler between the two marks that finds no free text must not find this one as the least
+       recently used: it would free it. They are in memory before the first byte of the text. */
     text.last_use = ++text_uses;
-    /* The marks are in memory before the first byte of the text. */
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    text.is_taken = true;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     return text;
 }
