@@ -50,6 +50,21 @@ static size_t count_on(const std::vector<double> &flags)
     return static_cast<size_t>(std::ranges::count_if(flags, [](double on) { return on > 0; }));
 }
 
+/* " on lanes 0, 2 of 4", as teskctl module numbers them; nothing where there is one lane. */
+static std::string lanes_text(const std::vector<double> &flags)
+{
+    const size_t on = count_on(flags);
+    if (flags.size() == 1)
+        return "";
+    if (on == flags.size())
+        return fmt::format(" on all {} lanes", on);
+    std::string list;
+    for (size_t lane = 0; lane < flags.size(); lane++)
+        if (flags[lane] > 0)
+            list += fmt::format("{}{}", list.empty() ? "" : ", ", lane);
+    return fmt::format(" on lane{} {} of {}", on == 1 ? "" : "s", list, flags.size());
+}
+
 /* A table of zeros is none. */
 static double low_alarm(const facts &seen)
 {
@@ -300,8 +315,8 @@ sign has_tx_fault(const facts &seen)
     if (!seen.tx_fault_before)
         return {};
     return {to_answer(count_on(*seen.tx_fault_before) < after),
-            fmt::format("The module reports a fault of its transmitter on {} of {} lanes.", after,
-                        seen.tx_fault_after->size())};
+            fmt::format("The module reports a fault of its transmitter{}.",
+                        lanes_text(*seen.tx_fault_after))};
 }
 
 sign was_switched_off(const facts &seen)
@@ -309,8 +324,8 @@ sign was_switched_off(const facts &seen)
     if (!seen.tx_off_before || !seen.tx_off_after)
         return {};
     return {to_answer(count_on(*seen.tx_off_after) > count_on(*seen.tx_off_before)),
-            fmt::format("The transmitter is switched off on {} of {} lanes, and wasn't before.",
-                        count_on(*seen.tx_off_after), seen.tx_off_after->size())};
+            fmt::format("The transmitter is switched off{}, and wasn't before.",
+                        lanes_text(*seen.tx_off_after))};
 }
 
 sign is_laser_dark(const facts &seen)
@@ -412,24 +427,18 @@ static bool is_lane_dark(const facts &seen, size_t lane)
 
 /* Lanes that were lit before, and are dark now. A cable of copper that isn't known as one reads as
    dark. */
-static std::optional<size_t> lanes_lost(const facts &seen, size_t &lanes)
+static by_lane lanes_lost(const facts &seen)
 {
-    if (!seen.medium && !seen.rx_before)
+    if (is_copper(seen).is == answer::yes || (!seen.medium && !seen.rx_before))
         return std::nullopt;
-    if (seen.rx_after) {
-        lanes = seen.rx_after->size();
-        size_t lost = 0;
-        for (size_t lane = 0; lane < lanes; lane++)
-            lost += is_lane_dark(seen, lane) && (!seen.rx_before || (*seen.rx_before)[lane] > dark);
-        return lost;
+    if (!seen.rx_after && !seen.rx_los_after)
+        return std::nullopt;
+    std::vector<double> lost(seen.rx_after ? seen.rx_after->size() : seen.rx_los_after->size());
+    for (size_t lane = 0; lane < lost.size(); lane++) {
+        const bool is_dark =
+            seen.rx_after ? is_lane_dark(seen, lane) : (*seen.rx_los_after)[lane] > 0;
+        lost[lane] = is_dark && (!seen.rx_before || (*seen.rx_before)[lane] > dark) ? 1 : 0;
     }
-    if (!seen.rx_los_after)
-        return std::nullopt;
-    lanes = seen.rx_los_after->size();
-    size_t lost = 0;
-    for (size_t lane = 0; lane < lanes; lane++)
-        lost +=
-            (*seen.rx_los_after)[lane] > 0 && (!seen.rx_before || (*seen.rx_before)[lane] > dark);
     return lost;
 }
 
@@ -442,8 +451,7 @@ sign is_copper(const facts &seen)
 
 sign is_all_dark(const facts &seen)
 {
-    size_t lanes = 0;
-    const auto lost = is_copper(seen).is == answer::yes ? std::nullopt : lanes_lost(seen, lanes);
+    const by_lane lost = lanes_lost(seen);
     if (!lost)
         return {};
     const std::string after = seen.rx_after
@@ -451,9 +459,8 @@ sign is_all_dark(const facts &seen)
                                   : "the module says so";
     const std::string before =
         seen.rx_before ? fmt::format(", before {:.1f} dBm", std::ranges::max(*seen.rx_before)) : "";
-    return {to_answer(*lost == lanes && lanes > 0),
-            fmt::format("The received light is gone{}: {}{}.",
-                        lanes == 1 ? "" : fmt::format(" on all {} lanes", lanes), after, before)};
+    return {to_answer(!lost->empty() && count_on(*lost) == lost->size()),
+            fmt::format("The received light is gone{}: {}{}.", lanes_text(*lost), after, before)};
 }
 
 sign was_no_light_seen(const facts &seen)
@@ -463,12 +470,13 @@ sign was_no_light_seen(const facts &seen)
 
 sign is_one_lane_dark(const facts &seen)
 {
-    size_t lanes = 0;
-    const auto lost = is_copper(seen).is == answer::yes ? std::nullopt : lanes_lost(seen, lanes);
+    const by_lane lost = lanes_lost(seen);
     if (!lost)
         return {};
-    return {to_answer(*lost > 0 && *lost < lanes),
-            fmt::format("{} of {} lanes receive no light, the others do.", *lost, lanes)};
+    const size_t count = count_on(*lost);
+    return {
+        to_answer(count > 0 && count < lost->size()),
+        fmt::format("The received light is gone{}, and there on the others.", lanes_text(*lost))};
 }
 
 sign is_light_there(const facts &seen)
@@ -555,9 +563,8 @@ sign says_far_side_deaf(const facts &seen)
 sign has_no_lock(const facts &seen)
 {
     if (seen.rx_lol_after && count_on(*seen.rx_lol_after) > 0)
-        return {answer::yes,
-                fmt::format("The module finds no clock in the signal of {} of {} lanes.",
-                            count_on(*seen.rx_lol_after), seen.rx_lol_after->size())};
+        return {answer::yes, fmt::format("The module finds no clock in the received signal{}.",
+                                         lanes_text(*seen.rx_lol_after))};
     if (sign said = driver_says(seen, {"Link logical mismatch", "Bad signal integrity"});
         said.is == answer::yes)
         return said;
