@@ -402,3 +402,44 @@ TEST_F(linux_server_test, what_is_done_to_a_pair_is_the_cause_at_the_end_where_i
     testkit::run(why + "1 --other-end " + place.path + "/falls/0", told);
     EXPECT_NE(told.find(": set down, likely, remote, administration"), std::string::npos) << told;
 }
+
+/* Each end of the pair is a port 0, of a server of its own. */
+TEST_F(linux_server_test, two_servers_are_two_ends_of_one_fall)
+{
+    net->add_pair("a0", "a1");
+    net->start("a0");
+    net->start("a1");
+    start_server("0 a0\n");
+    const std::string far = place.path + "/far";
+    std::filesystem::create_directories(far + "/mbx");
+    std::ofstream(far + "/ports") << "0 a1\n";
+    const std::vector<std::string> settings = {
+        "LD_LIBRARY_PATH=" TESK_LIB_DIR "/linux", "MBX_DIR=" + far + "/mbx",
+        "DOLM_RIC_PORTS=" + far + "/ports", "DOLM_RIC_PORT_MAP=" + far + "/map",
+        "DOLM_RIC_READER=/nobody"};
+    const pid_t other =
+        testkit::start({TESK_BIN_DIR "/tesk-server"}, settings, -1, far + "/journal");
+    const std::string ours = "DOLM_RIC_PORT_MAP=" + map + " " TESK_BIN_DIR "/teskctl ",
+                      theirs = "MBX_DIR=" + far + "/mbx DOLM_RIC_PORT_MAP=" + far +
+                               "/map " TESK_BIN_DIR "/teskctl ";
+    const auto await = [](const std::string &command, const std::string &text) {
+        const auto end = std::chrono::steady_clock::now() + testkit::deadline;
+        std::string told;
+        do {
+            testkit::run(command, told);
+        } while (told.find(text) == std::string::npos && std::chrono::steady_clock::now() < end);
+        return told;
+    };
+    await(ours + "--json status 0", R"("link":"operational")");
+    await(theirs + "--json status 0", R"("link":"operational")");
+    net->start("a0", false);
+    EXPECT_NE(await(ours + "why 0", ": set down").find(": set down, likely"), std::string::npos);
+    await(theirs + "why 0", ": not known");
+    const std::string told =
+        await(theirs + "why 0 --other-end " + place.path + "/falls/0", ", remote");
+    EXPECT_NE(told.find(": set down, likely, remote, administration"), std::string::npos) << told;
+    EXPECT_NE(told.find("At the other end: The interface was set down."), std::string::npos)
+        << told;
+    kill(other, SIGTERM);
+    EXPECT_EQ(0, testkit::wait_for_end(other));
+}
