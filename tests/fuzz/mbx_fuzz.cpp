@@ -115,8 +115,9 @@ static void scribble(raw_peer &peer, fuzz_input &in)
     const uint8_t where = in.byte();
     static constexpr size_t words_in_use[] = {0, 4, 64, 68}; /* head, armed, tail, wants_room */
     auto *words = reinterpret_cast<unsigned char *>(peer.area->ring(where / 4 % 2).words);
-    unsigned char *target = where < 128 ? words + words_in_use[where % 4]
-                                        : const_cast<unsigned char *>(peer.out.place());
+    const auto *place = static_cast<const unsigned char *>(peer.out.place());
+    unsigned char *target =
+        where < 128 ? words + words_in_use[where % 4] : const_cast<unsigned char *>(place);
     uint32_t word = in.byte();
     word |= static_cast<uint32_t>(in.byte()) << (in.byte() % 4 * 8);
     __atomic_store_n(reinterpret_cast<uint32_t *>(target), word, __ATOMIC_RELAXED);
