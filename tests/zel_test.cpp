@@ -253,7 +253,8 @@ static void flood_with_limit()
     lttngZelTrace(1, "error", 4, "is seen", procInfo);
 }
 
-/* Waits until the count of the flood is reported by the line of another place. */
+/* Waits until the lines of another place have reported the rest of the flood, which may last longer
+   than a second. */
 static void flood_and_wait(int reader)
 {
     fcntl(reader, F_SETFL, O_NONBLOCK);
@@ -261,12 +262,15 @@ static void flood_and_wait(int reader)
     flood_with_limit();
     const util::deadline end{testkit::deadline};
     std::string text = drain(reader);
-    const std::string report = "libzel 4 flood:1: repeated 0 times, ";
-    for (int i = 0; text.find(report) == text.npos && !end.has_passed(); ++i) {
+    const auto counted = [&] {
+        return count_of(text, " flood:1: line ") +
+               sum_after(text, "libzel 4 flood:1: repeated 0 times, ");
+    };
+    for (int i = 0; counted() < 5000 && !end.has_passed(); ++i) {
         lttngZelTrace(1, "later", 5, formatStr("%d", i), procInfo);
         text += drain(reader);
     }
-    fprintf(stderr, "%zu", count_of(text, " flood:1: line ") + sum_after(text, report));
+    fprintf(stderr, "%zu", counted());
     _exit(0);
 }
 
