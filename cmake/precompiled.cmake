@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # A quarter to a half of most compilations is the reading of headers of libraries: each group of targets, which
 # have the same flags and no macro that their owner lacks, reads them once. The headers of nlohmann and CLI11
-# are left out, as g++ would compile their inline functions anew for each source, for 0.6 to 3 s. Also, g++ warns
+# are left out, as g++ would compile their inline functions anew for each source, for up to seconds. Also, g++ warns
 # of accesses to strings that are none. A compilers' cache excludes all this: g++ died of a precompiled header
 # that came from one. Builds with a cache therefore show missing includes, and have all warnings.
 function(tesk_precompile headers owner)

@@ -4,7 +4,7 @@
 # reason, every compilation is hardened, and the libraries have all that those of 1.0.0 had. packages_test.sh
 # uses this build. Needs root, the right to mount, and Debian's mirror.
 #
-# With --twice, which takes some ten minutes more, a second build gives the same packages to the byte, in a root
+# With --twice, which takes minutes more, a second build gives the same packages to the byte, in a root
 # that has only Debian's base system and the packages that debian/control names. The two differ in user, folder,
 # umask, locale, number of jobs, in the local date, which is never the same in these two time zones, and in the
 # environment, which is empty for the second: no cache of compilations, and no tests.

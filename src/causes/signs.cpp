@@ -203,17 +203,23 @@ static bool are_alike(const std::string &one, const std::string &other)
                               [](char a, char b) { return (a | ' ') == (b | ' '); });
 }
 
+static answer is_serial_another(const facts &seen)
+{
+    if (!seen.serial_before || !seen.serial_after || !is_serial(*seen.serial_before) ||
+        !is_serial(*seen.serial_after))
+        return answer::unknown;
+    if (*seen.serial_before == *seen.serial_after)
+        return answer::no;
+    return are_alike(*seen.serial_before, *seen.serial_after) ? answer::unknown : answer::yes;
+}
+
 sign was_replaced(const facts &seen)
 {
     if (seen.present_before && !*seen.present_before && seen.present_after && !*seen.present_after)
         return {answer::no, ""};
-    if (!seen.serial_before || !seen.serial_after || !is_serial(*seen.serial_before) ||
-        !is_serial(*seen.serial_after))
-        return {};
-    if (*seen.serial_before == *seen.serial_after)
-        return {answer::no, ""};
-    if (are_alike(*seen.serial_before, *seen.serial_after))
-        return {};
+    const answer is_another = is_serial_another(seen);
+    if (is_another != answer::yes)
+        return {is_another, ""};
     /* Later the link may have fallen first, for another reason. */
     if (!seen.serial_after_s || *seen.serial_after_s > soonest_swap)
         return {};
@@ -232,9 +238,7 @@ sign is_module_gone(const facts &seen)
 
 sign has_another_serial(const facts &seen)
 {
-    const bool is_known = seen.serial_before && seen.serial_after &&
-                          is_serial(*seen.serial_before) && is_serial(*seen.serial_after);
-    if (!is_known || are_alike(*seen.serial_before, *seen.serial_after))
+    if (is_serial_another(seen) != answer::yes)
         return {answer::no, ""};
     return {answer::yes, fmt::format("Another module is there now: {}, before {}.",
                                      *seen.serial_after, *seen.serial_before)};
@@ -535,14 +539,20 @@ sign has_link_fault(const facts &seen)
     return {answer::no, ""};
 }
 
+/* That none was reported shows nothing. */
+sign has_driver_error(const facts &seen)
+{
+    if (!seen.driver_error)
+        return {};
+    return {answer::yes, fmt::format("The driver reported an error: {}.", *seen.driver_error)};
+}
+
 /* A driver that gives its device up sets the interface down itself. Modules with light have a flag
    for faults of their transmitter; the other signs are of what few ports tell. */
 sign has_earlier_fault(const facts &seen)
 {
-    if (seen.driver_error)
-        return {answer::yes, fmt::format("The driver reported an error: {}. It may have set the "
-                                         "interface down for that.",
-                                         *seen.driver_error)};
+    if (const sign error = has_driver_error(seen); error.is == answer::yes)
+        return {answer::yes, error.sentence + " It may have set the interface down for that."};
     sign fault = has_link_fault(seen);
     return fault.is == answer::no && are_readings_missing(seen) ? sign{} : fault;
 }
@@ -571,6 +581,12 @@ sign has_no_lock(const facts &seen)
     return seen.rx_lol_after ? sign{answer::no, ""} : sign{};
 }
 
+/* "1 block", "12 blocks". */
+static std::string count_text(double count, const char *of_what)
+{
+    return fmt::format("{:.0f} {}{}", count, of_what, count == 1 ? "" : "s");
+}
+
 static std::string counted_time(const facts &seen)
 {
     return seen.counted_for_s.value_or(60) < 60
@@ -584,23 +600,20 @@ static sign were_many_counted(const facts &seen)
     const struct {
         const number &count;
         double most;
-        const char *what;
+        const char *of_what, *what;
     } kinds[] = {
-        {seen.uncorrectable_in_minute, 0, "blocks couldn't be corrected"},
-        {seen.symbol_errors_in_minute, usual_errors, "symbols were damaged"},
-        {seen.frame_errors_in_minute, usual_errors, "frames were damaged"},
+        {seen.uncorrectable_in_minute, 0, "block", "couldn't be corrected"},
+        {seen.symbol_errors_in_minute, usual_errors, "symbol", "were damaged"},
+        {seen.frame_errors_in_minute, usual_errors, "frame", "were damaged"},
     };
     sign found;
     for (const auto &kind : kinds) {
         if (!kind.count)
             continue;
-        if (*kind.count > kind.most && *kind.count < 2)
-            return {answer::yes,
-                    fmt::format("One block couldn't be corrected in the last minute{}.",
-                                counted_time(seen))};
         if (*kind.count > kind.most)
-            return {answer::yes, fmt::format("{:.0f} {} in the last minute{}.", *kind.count,
-                                             kind.what, counted_time(seen))};
+            return {answer::yes, fmt::format("{} {} in the last minute{}.",
+                                             count_text(*kind.count, kind.of_what), kind.what,
+                                             counted_time(seen))};
         found.is = answer::no;
     }
     return found;
@@ -608,10 +621,10 @@ static sign were_many_counted(const facts &seen)
 
 sign were_few_counted(const facts &seen)
 {
-    return {to_answer(seen.uncorrectable_in_minute.value_or(usual_errors) < usual_errors &&
+    const double blocks = seen.uncorrectable_in_minute.value_or(0);
+    return {to_answer(blocks > 0 && blocks < usual_errors &&
                       seen.symbol_errors_in_minute.value_or(0) <= usual_errors &&
-                      seen.frame_errors_in_minute.value_or(0) <= usual_errors &&
-                      seen.uncorrectable_in_minute.value_or(0) > 0),
+                      seen.frame_errors_in_minute.value_or(0) <= usual_errors),
             "So few may be older than the fall's cause."};
 }
 
@@ -726,8 +739,8 @@ std::vector<std::string> illness_of(const facts &seen)
                             before - again));
     }
     if (seen.uncorrectable_again.value_or(0) > 0)
-        found.push_back(fmt::format("{:.0f} blocks couldn't be corrected since it is up again.",
-                                    *seen.uncorrectable_again));
+        found.push_back(fmt::format("{} couldn't be corrected since it is up again.",
+                                    count_text(*seen.uncorrectable_again, "block")));
     const double limit = errors_limit(seen);
     if (seen.errors_again &&
         (*seen.errors_again >= limit / 10 ||

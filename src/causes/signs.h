@@ -55,6 +55,7 @@ sign is_light_there(const facts &seen);
 sign is_light_missing(const facts &seen);      /* on some lane */
 sign is_light_seen_missing(const facts &seen); /* never unknown; the same below */
 sign has_link_fault(const facts &seen);        /* of the module or the light, before or after */
+sign has_driver_error(const facts &seen);      /* never no */
 /* What may have brought the link down before a person did: of the driver, the module or the light.
  */
 sign has_earlier_fault(const facts &seen);

@@ -19,6 +19,11 @@ static constexpr size_t most_signs = 6;
 namespace
 {
 
+struct advice {
+    const char *settle = nullptr;
+    const char *action = nullptr;
+};
+
 struct rule {
     causes::cause cause;
     causes::side side;
@@ -27,11 +32,7 @@ struct rule {
     sign_of requires_all[most_signs];
     sign_of excludes[most_signs];
     sign_of doubts[most_signs] = {}; /* each makes it weaker */
-};
-
-struct advice {
-    const char *settle;
-    const char *action;
+    advice own = {};                 /* in place of that of the cause */
 };
 
 } // namespace
@@ -142,7 +143,10 @@ static constexpr rule rules[] = {
      layer::administration,
      certainty::likely,
      {was_switched_off},
-     {is_all_dark}},
+     {is_all_dark},
+     {},
+     {"Who has switched the transmitter off.",
+      "Find who switches it off (the driver, a script), and switch it on again."}},
     {cause::laser_dark,
      side::local,
      layer::module,
@@ -356,15 +360,13 @@ static void add_context(const facts &seen, verdict &made)
     std::vector<std::string> &evidence = made.evidence;
     constexpr size_t most_sentences = 5;
     const auto add = [&](std::string sentence) {
-        if (evidence.size() < most_sentences &&
-            std::ranges::find(evidence, sentence) == evidence.end())
+        const bool is_told = std::ranges::any_of(
+            evidence, [&](const std::string &each) { return each.starts_with(sentence); });
+        if (evidence.size() < most_sentences && !is_told)
             evidence.push_back(std::move(sentence));
     };
-    const bool is_told = std::ranges::any_of(evidence, [](const std::string &each) {
-        return each.starts_with("The driver reported an error");
-    });
-    if (seen.driver_error && !is_told)
-        add(fmt::format("The driver reported an error: {}.", *seen.driver_error));
+    if (const sign error = has_driver_error(seen); error.is == answer::yes)
+        add(error.sentence);
     if (made.cause != cause::device_reset && made.cause != cause::machine_wide)
         if (const sign fell = have_others_fallen(seen); fell.is == answer::yes)
             add(fell.sentence);
@@ -410,16 +412,12 @@ static std::string open_questions(const facts &seen)
                         : fmt::format("Whether {} at the same time.", fmt::join(open, ", or "));
 }
 
-static std::string settle_of(const verdict &made, const facts &seen)
+static std::string settle_of(const verdict &made, const advice &its, const facts &seen)
 {
     if (made.certainty == certainty::certain)
         return "";
-    if (made.cause == cause::set_down)
-        if (std::string open = open_questions(seen); !open.empty())
-            return open;
-    if (was_switched_off(seen).is == answer::yes && made.cause == cause::laser_dark)
-        return "Who has switched the transmitter off.";
-    return advices[static_cast<size_t>(made.cause)].settle;
+    const std::string open = made.cause == cause::set_down ? open_questions(seen) : "";
+    return open.empty() ? its.settle : open;
 }
 
 verdict judge(const facts &seen)
@@ -439,10 +437,10 @@ verdict judge(const facts &seen)
             add_sentences(signs, seen, made.evidence);
     }
     add_context(seen, made);
-    made.settle = settle_of(made, seen);
-    made.action = made.cause == cause::laser_dark && made.layer == layer::administration
-                      ? "Find who switches it off (the driver, a script), and switch it on again."
-                      : advices[static_cast<size_t>(made.cause)].action;
+    const bool has_own = found != std::end(rules) && found->own.action != nullptr;
+    const advice &its = has_own ? found->own : advices[static_cast<size_t>(made.cause)];
+    made.settle = settle_of(made, its, seen);
+    made.action = its.action;
     if (!made.ill.empty())
         made.action += " It came back worse: clean the connectors, and compare light, speed, lanes "
                        "and FEC of both ends.";
@@ -516,14 +514,13 @@ static void settle_by(verdict &made, const char *settle, std::string action)
 /* What happened at the other end, and brought this one down. */
 static void take_over(verdict &made, const verdict &other)
 {
-    const advice &its = advices[static_cast<size_t>(other.cause)];
     made.cause = other.cause;
     made.side = side::remote;
     made.layer = other.layer;
     made.certainty = std::min(other.certainty, certainty::likely);
     made.evidence.insert(made.evidence.begin(), "At the other end: " + other.evidence.front());
     settle_by(made, "The other end's own verdict: teskctl why, there.",
-              fmt::format("At the other end: {}", its.action));
+              fmt::format("At the other end: {}", other.action));
 }
 
 /* What the light of both ends shows together. Returns whether it shows something. */

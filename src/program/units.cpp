@@ -7,11 +7,16 @@
 #include <fmt/format.h>
 #include <langinfo.h>
 
+double milliwatts_to_dbm(double milliwatts)
+{
+    return 10 * std::log10(milliwatts);
+}
+
 std::optional<double> to_dbm(uint32_t microwatts)
 {
     if (microwatts == 0)
         return std::nullopt;
-    return 10 * std::log10(microwatts / 1000.0);
+    return milliwatts_to_dbm(microwatts / 1000.0);
 }
 
 std::string milliwatts(uint32_t microwatts)

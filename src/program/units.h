@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+/* Of more than 0. */
+double milliwatts_to_dbm(double milliwatts);
 /* Nothing for 0, which has no logarithm. */
 std::optional<double> to_dbm(uint32_t microwatts);
 

@@ -6,9 +6,9 @@
 #include "causes/signs.h"
 #include "program/exit_code.h"
 #include "program/recorded_falls.h"
+#include "program/units.h"
 
 #include <algorithm>
-#include <cmath>
 #include <nlohmann/json.hpp>
 #include <span>
 #include <sys/stat.h>
@@ -159,7 +159,7 @@ static causes::by_lane light_of(const dolm_ric_details_record &present)
             continue;
         if (its.state != DOLM_RIC_VALUE_VALID)
             return std::nullopt;
-        found.push_back(std::max(10 * std::log10(std::max(its.value, 1e-9)), causes::no_light));
+        found.push_back(std::max(milliwatts_to_dbm(std::max(its.value, 1e-9)), causes::no_light));
     }
     return found.empty() ? std::nullopt : causes::by_lane(found);
 }

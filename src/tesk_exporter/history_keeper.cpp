@@ -106,7 +106,7 @@ static double number_of(const dolm_ric_details_value &its)
 static int16_t power_of(history::measure what, const dolm_ric_details_value &its)
 {
     const double milliwatts = number_of(its);
-    return milliwatts > 0 ? history::stored(what, 10 * std::log10(milliwatts)) : history::absent;
+    return milliwatts > 0 ? history::stored(what, milliwatts_to_dbm(milliwatts)) : history::absent;
 }
 
 /* Before correction, of the lane's light; the average where the module has it. */

@@ -4,7 +4,8 @@
 
    In a fan-out the sender wakes many different receivers and receives nothing in between. The first
    few wake-ups don't count, because they may be all; after a long fan-out another one is expected,
-   and fewer of them are left out: twelve each time cost the sender of 100 a tenth more. */
+   and fewer of them are left out: twelve each time cost the sender of 100 a twentieth to a tenth
+   more. */
 #pragma once
 
 #include <cstdint>

@@ -53,16 +53,11 @@ static std::string text_of(const char (&field)[width])
     return escape({field, strnlen(field, width)});
 }
 
-static double decibels(double milliwatts)
-{
-    return 10 * std::log10(milliwatts);
-}
-
 static std::string number_text(double value, const quantity &shown)
 {
     if (shown.is_power && value <= 0)
         return "no light";
-    return fmt::format("{:.{}f}", shown.is_power ? decibels(value) : value, shown.places);
+    return fmt::format("{:.{}f}", shown.is_power ? milliwatts_to_dbm(value) : value, shown.places);
 }
 
 static std::string span_text(int64_t duration)
@@ -229,7 +224,8 @@ std::string limits_bar(const dolm_ric_details_value &value, const dolm_ric_detai
     if (value.state != DOLM_RIC_VALUE_VALID || limits.state != DOLM_RIC_VALUE_VALID)
         return {};
     const auto scaled = [&](double from) {
-        return is_logarithmic ? decibels(std::max(from, 1e-4)) : from; /* -40 dBm is darkness */
+        return is_logarithmic ? milliwatts_to_dbm(std::max(from, 1e-4))
+                              : from; /* -40 dBm is darkness */
     };
     const double low = scaled(limits.low_alarm);
     const double high = scaled(limits.high_alarm);

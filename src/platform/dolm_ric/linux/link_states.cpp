@@ -72,7 +72,7 @@ void link_states::look(int32_t index, int64_t since, causes::facts &seen)
     seen.remote_fault = told.remote_fault ? told.remote_fault : seen.remote_fault;
 }
 
-std::optional<int32_t> link_states::take_next()
+std::optional<int32_t> link_states::next_wanted()
 {
     const std::lock_guard guard(lock_);
     return wanted_.empty() ? std::nullopt : std::optional(*wanted_.begin());
@@ -82,7 +82,7 @@ std::optional<int32_t> link_states::take_next()
 void link_states::run()
 {
     while (!thread_.is_stopping()) {
-        const auto index = take_next();
+        const auto index = next_wanted();
         if (!index) {
             pollfd woken = {thread_.wake_fd(), POLLIN, 0};
             util::poll_or_pause({&woken, 1}, -1);

@@ -39,7 +39,7 @@ class link_states
         causes::facts seen;
     };
     void run();
-    std::optional<int32_t> take_next();
+    std::optional<int32_t> next_wanted();
     void ask(int32_t index);
 
     std::optional<netlink::connection> ethtool_; /* the thread's, made by the first question */
