@@ -6,7 +6,7 @@
 # The packages, by purpose. All come from Debian.
 packages_build=(g++ cmake ninja-build pkg-config libglib2.0-dev liblttng-ust-dev libcli11-dev
                 libfmt-dev nlohmann-json3-dev libmicrohttpd-dev libsystemd-dev zlib1g-dev
-                libsqlite3-dev libjs-dygraphs)
+                libsqlite3-dev liburing-dev libjs-dygraphs)
 packages_debian=(debhelper dh-python dpkg-dev fakeroot python3)
 packages_run_linux=(iproute2)
 packages_test=(git libgtest-dev lttng-tools babeltrace2 procps jq curl python3-pytest)

@@ -1,35 +1,48 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_backlog - the signals that a ring had no room for, in order.
-
-   A backlog is a list of pieces of memory from the system, in which the signals stand one behind
-   the other. So it takes hardly more than the signals' bytes, whatever their sizes, and all of it
-   goes back to the system when they are gone. Guarded by the connection's owner. */
+/* mbx_backlog - the signals that a ring had no room for, in order, each in memory of its own.
+   Guarded by the connection's owner. */
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
+#include <new>
+#include <span>
+#include <vector>
 
 class backlog
 {
   public:
-    backlog() = default;
-    backlog(const backlog &) = delete;
-    backlog &operator=(const backlog &) = delete;
-    ~backlog()
-    {
-        clear();
-    }
+    using bytes = std::span<const unsigned char>;
 
     bool is_empty() const
     {
-        return first_ == nullptr;
+        return signals_.empty();
     }
-    /* Copies the signal, of at most MBX_LARGEST_SIGNAL bytes. False when memory is out. */
-    bool push(const void *signal, uint32_t size);
-    /* The oldest one, and its size. Not to be called on an empty backlog. */
-    const void *front(uint32_t &size) const;
-    void pop();
-    void clear();
+    /* Copies the signal. False when memory is out. */
+    bool push(bytes signal)
+    try {
+        signals_.emplace_back(signal.begin(), signal.end());
+        memory_ += memory_of(signal);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    /* The oldest one. Not to be called on an empty backlog. */
+    bytes front() const
+    {
+        return signals_.front();
+    }
+    void pop()
+    {
+        memory_ -= memory_of(signals_.front());
+        signals_.pop_front();
+    }
+    void clear()
+    {
+        signals_.clear();
+        memory_ = 0;
+    }
     /* Bytes of memory that it holds. */
     size_t memory() const
     {
@@ -37,11 +50,12 @@ class backlog
     }
 
   private:
-    struct piece;
-    bool add_piece();
-    void remove_piece();
+    /* With the two allocations of a node and its bytes, each rounded up to 16 by the C library. */
+    static size_t memory_of(bytes signal)
+    {
+        return signal.size() + 80;
+    }
 
-    piece *first_ = nullptr;
-    piece *last_ = nullptr;
+    std::list<std::vector<unsigned char>> signals_;
     size_t memory_ = 0;
 };

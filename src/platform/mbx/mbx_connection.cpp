@@ -22,9 +22,10 @@ static void wake_receiver(connection &c, fan_out *run)
     }
 }
 
-static bool push(connection &c, const void *signal, uint32_t size, fan_out *run)
+static bool push(connection &c, backlog::bytes signal, fan_out *run)
 {
-    const record_sender::outcome result = c.ring.push(signal, size);
+    const record_sender::outcome result =
+        c.ring.push(signal.data(), static_cast<uint32_t>(signal.size()));
     if (result == record_sender::outcome::to_ring)
         wake_receiver(c, run);
     return result != record_sender::outcome::full;
@@ -67,13 +68,13 @@ void let_go(connection &c, ended_by who)
 
 bool deliver(connection &c, const block *b, fan_out &run)
 {
-    const void *signal = b + 1;
+    const backlog::bytes signal{reinterpret_cast<const unsigned char *>(b + 1), b->size};
     if (c.ring.touched() > 0 && is_much_held())
         c.ring.trim();
     const bool is_first = c.held() == 0;
     const bool is_next = c.waiting.is_empty();
-    const bool is_sent = is_next && push(c, signal, b->size, &run);
-    if (!is_sent && !c.waiting.push(signal, b->size))
+    const bool is_sent = is_next && push(c, signal, &run);
+    if (!is_sent && !c.waiting.push(signal))
         return false;
     if (!is_sent || c.ring.touched() > 0) {
         count_held(c);
@@ -93,12 +94,11 @@ flushing flush(connection &c)
     size_t budget = ring_bytes;
     bool is_full = false;
     while (!c.waiting.is_empty() && budget > 0 && !is_full) {
-        uint32_t size;
-        const void *signal = c.waiting.front(size);
-        is_full = !push(c, signal, size, nullptr);
+        const backlog::bytes signal = c.waiting.front();
+        budget -= std::min(budget, signal.size() + 8);
+        is_full = !push(c, signal, nullptr);
         if (!is_full)
             c.waiting.pop();
-        budget -= std::min<size_t>(budget, size + 8);
     }
     count_held(c);
     note_read(c, false);
@@ -122,12 +122,4 @@ holding weigh(const connection &c, time_point now)
     static constexpr auto time_to_read = std::chrono::milliseconds(100);
     const std::shared_ptr<entry> &place = c.area->place();
     return place ? place->weigh(now - c.marked > time_to_read) : holding{};
-}
-
-void set_monitor(connection &c, block *notice, uint32_t reference)
-{
-    if (c.notice)
-        block_give(c.notice);
-    c.notice = notice;
-    c.monitor = reference;
 }

@@ -38,10 +38,10 @@ struct connection : connection_parts {
     std::array<const void *, 5> expected{};
     record_sender ring;
     backlog waiting;
-    time_point marked{};     /* of the ring's mark, while something waits */
-    owned_fd life;           /* a pidfd of the peer's process, where there can be one */
-    block *notice = nullptr; /* the monitor */
-    uint32_t monitor = 0;    /* its reference */
+    time_point marked{};  /* of the ring's mark, while something waits */
+    owned_fd life;        /* a pidfd of the peer's process, where there can be one */
+    owned_block notice;   /* the monitor */
+    uint32_t monitor = 0; /* the reference of the last one */
 
     connection(uint32_t its_id, connection_parts &&parts)
         : connection_parts(std::move(parts)), id(its_id), ring(area->ring(1 - side))
@@ -49,11 +49,6 @@ struct connection : connection_parts {
     }
     connection(const connection &) = delete;
     connection &operator=(const connection &) = delete;
-    ~connection()
-    {
-        if (notice)
-            block_give(notice);
-    }
 
     /* Whether its memory and its bells were made here, by the accepting side. */
     bool is_accepted() const
@@ -91,6 +86,3 @@ bool trim(connection &c);
 
 /* For shed(). */
 holding weigh(const connection &c, time_point now);
-
-/* Replaces the monitor. Null removes it. */
-void set_monitor(connection &c, block *notice, uint32_t reference);

@@ -95,7 +95,7 @@ void delete_mailbox(mailbox &m)
     give_name(m.name);
     for (auto next = m.connections.begin(); next != m.connections.end();) {
         connection &c = next++->second;
-        set_monitor(c, nullptr, 0);
+        c.notice.reset();
         helper_unwatch(m.in.bell(c.id));
         if (c.waiting.is_empty())
             end_connection(m, c.id, ended_by::us);

@@ -7,8 +7,7 @@
 
    A monitor is its notice, a block that waits for the death: of a mailbox elsewhere with the
    connection to it, of one in this process with the mailbox itself (its `watchers`); of one that is
-   dead already it is sent at once. The first monitor of a connection has the connection's id as its
-   reference, so that the usual one is removed without a search. */
+   dead already it is sent at once. */
 #include "platform/mbx/mbx_peers.h"
 
 #include "platform/mbx/mbx_helper.h"
@@ -25,12 +24,7 @@
 
 static constexpr auto time_to_trim = std::chrono::seconds(2);
 
-/* After so many ends the C library is asked to release the memory between records that stay: 4,800
-   connections left 3.1 MiB without that, and 0.8 MiB with it. */
-static constexpr uint32_t crowd = 256;
-
 static std::atomic<bool> is_trim_wanted;
-static std::atomic<uint32_t> ended;              /* since the last trim */
 static time_point trim_time = time_point::max(); /* guarded by helper_lock */
 
 void want_trim()
@@ -133,7 +127,7 @@ void end_connection(mailbox &m, uint32_t id, ended_by who)
         helper_unwatch(c->life.get());
     if (m.id != 0) {
         helper_unwatch(m.in.bell(id));
-        block *notice = std::exchange(c->notice, nullptr);
+        block *notice = c->notice.release();
         if (!notice && c->was_located && c->monitor == 0)
             notice = block_take_number(MBX_MONITOR_DEFAULT_NO);
         if (notice)
@@ -144,8 +138,7 @@ void end_connection(mailbox &m, uint32_t id, ended_by who)
     if (m.sent_last == c)
         m.sent_last = nullptr;
     m.connections.erase(id);
-    if (++ended >= crowd)
-        want_trim();
+    want_trim();
 }
 
 /* An indication to many receivers is sent in the same order each time, and meanwhile each one's
@@ -185,13 +178,11 @@ void send_to_connection(uint32_t own, uint32_t receiver, block *b)
 uint32_t monitor_connection(uint32_t own, uint32_t target, block *notice)
 {
     notice->sender = target;
-    uint32_t reference = next_connection_id();
+    const uint32_t reference = next_connection_id();
     const bool is_there = with_mailbox(own, [&](mailbox &m) {
-        connection *c = find_connection(m, target);
-        if (c) {
-            if (c->monitor == 0)
-                reference = target;
-            set_monitor(*c, notice, reference);
+        if (connection *c = find_connection(m, target)) {
+            c->notice.reset(notice);
+            c->monitor = reference;
         } else if (!m.in.add_notice(target, notice)) {
             push_local(own, notice, target);
         }
@@ -203,18 +194,13 @@ uint32_t monitor_connection(uint32_t own, uint32_t target, block *notice)
 
 bool unmonitor_connection(uint32_t own, uint32_t reference)
 {
-    block *notice = nullptr;
+    connection *c = nullptr;
     with_mailbox(own, [&](mailbox &m) {
-        connection *found = find_connection(m, reference);
-        if (!found || found->monitor != reference)
-            found =
-                find_connection_if(m, [&](const connection &c) { return c.monitor == reference; });
-        if (found)
-            notice = std::exchange(found->notice, nullptr);
+        c = find_connection_if(m, [=](const connection &one) { return one.monitor == reference; });
+        if (c)
+            c->notice.reset();
     });
-    if (notice)
-        block_give(notice);
-    return notice != nullptr;
+    return c != nullptr;
 }
 
 /* Gives back what is read. Returns whether something is left for the next time. */
@@ -339,6 +325,8 @@ static void handle_first_ring(uint32_t slot, uint32_t id)
     });
 }
 
+/* The C library is asked to release the memory between records that stay: 4,800 connections
+   left 3.1 MiB without that, and 0.8 MiB with it. */
 static time_point trim_in_time(time_point now)
 {
     if (trim_time <= now) {
@@ -346,8 +334,7 @@ static time_point trim_in_time(time_point now)
         trim_time = time_point::max();
         if (trim_all())
             is_trim_wanted = true;
-        if (ended.exchange(0) >= crowd)
-            malloc_trim(0);
+        malloc_trim(0);
     }
     if (is_trim_wanted && trim_time == time_point::max())
         trim_time = now + time_to_trim;

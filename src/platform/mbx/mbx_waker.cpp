@@ -1,31 +1,45 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: ring_later() adds a bell to those that are due; the thread takes all of them and
-   rings them together; a bell that retires meanwhile is closed behind that. */
+   rings them together; a bell that retires meanwhile is closed behind that.
+
+   A bell is rung by reading it (mbx_area.h), here as there with RWF_NOWAIT: the kernel answers such
+   a read at once, whatever the other side has done to the bell, and never hands it to a worker of
+   its own. */
 #include "platform/mbx/mbx_waker.h"
 
-#include "platform/mbx/mbx_uring.h"
+#include "platform/mbx/mbx_area.h"
 #include "util/thread.h"
 
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <liburing.h>
 #include <new>
 #include <sched.h>
+#include <span>
+#include <sys/uio.h>
 #include <utility>
 #include <vector>
 
 static constexpr size_t due_at_most = 1024;
+static constexpr uint32_t reads_at_once = 256;
 static constexpr size_t stack_bytes = size_t{64} * 1024;
 
 namespace
 {
 
+struct due_bell {
+    int fd;
+    bool is_retired; /* to be closed when it is rung */
+};
+
 struct waker {
     std::condition_variable changed;
     std::vector<due_bell> due;
     std::vector<due_bell> ringing; /* written by the thread, under the lock */
-    bell_reader reader;            /* the thread's */
+    io_uring reads{};              /* the thread's */
+    bool can_read = false;         /* likewise: it is open */
     bool was_started = false;      /* with or without success */
     bool is_running = false;
     bool should_stop = false;
@@ -35,8 +49,8 @@ struct waker {
 } // namespace
 
 std::mutex waker_lock;
-/* What it holds but the reader is guarded by waker_lock. Never destroyed: its thread uses it until
-   the process ends. A forked child makes itself another. */
+/* What it holds but the thread's is guarded by waker_lock. Never destroyed: its thread uses it
+   until the process ends. A forked child makes itself another. */
 static waker *the_waker = new waker;
 
 /* A thread of this class preempts no other when it wakes up, and is preempted at once. One that has
@@ -48,10 +62,52 @@ static void give_way()
         sched_setscheduler(0, SCHED_BATCH, &none);
 }
 
-static bool may_use_uring()
+/* A kernel that takes this flag (5.18) has all else that is used here. */
+static bool open_reads(waker &w)
 {
     const char *set = secure_getenv("MBX_IO_URING");
-    return !set || strcmp(set, "0") != 0;
+    w.can_read = (!set || strcmp(set, "0") != 0) &&
+                 io_uring_queue_init(reads_at_once, &w.reads, IORING_SETUP_SUBMIT_ALL) == 0;
+    return w.can_read;
+}
+
+static void close_reads(waker &w)
+{
+    if (std::exchange(w.can_read, false))
+        io_uring_queue_exit(&w.reads);
+}
+
+/* Up to reads_at_once. Returns how many are rung; fewer than all if the io_uring is of no use any
+   more. When the submission returns, each read that the kernel has taken is done, or has failed,
+   which alone is reported. */
+static size_t read_together(waker &w, std::span<const due_bell> bells)
+{
+    static uint64_t count; /* that is read */
+    for (const due_bell &bell : bells) {
+        io_uring_sqe *entry = io_uring_get_sqe(&w.reads);
+        io_uring_prep_read(entry, bell.fd, &count, sizeof(count), UINT64_MAX);
+        entry->flags = IOSQE_CQE_SKIP_SUCCESS;
+        entry->rw_flags = RWF_NOWAIT;
+        entry->user_data = static_cast<uint64_t>(bell.fd);
+    }
+    const int taken = io_uring_submit(&w.reads);
+    for (io_uring_cqe *failed; io_uring_peek_cqe(&w.reads, &failed) == 0;) {
+        ring_bell(static_cast<int>(failed->user_data));
+        io_uring_cqe_seen(&w.reads, failed);
+    }
+    if (taken != static_cast<int>(bells.size()))
+        close_reads(w);
+    return static_cast<size_t>(std::max(taken, 0));
+}
+
+static void ring_all(waker &w, std::span<const due_bell> bells)
+{
+    while (!bells.empty()) {
+        const auto some = bells.first(std::min<size_t>(bells.size(), reads_at_once));
+        for (const due_bell &bell : some.subspan(w.can_read ? read_together(w, some) : 0))
+            ring_bell(bell.fd);
+        bells = bells.subspan(some.size());
+    }
 }
 
 /* The close of a bell, which is a file of the kernel's own, waits for nobody. */
@@ -67,7 +123,7 @@ static void *run(void *argument)
             break;
         w.ringing.swap(w.due);
         hold.unlock();
-        w.reader.ring(w.ringing);
+        ring_all(w, w.ringing);
         hold.lock();
         for (const due_bell &bell : w.ringing)
             if (bell.is_retired)
@@ -80,7 +136,7 @@ static void *run(void *argument)
 /* With the lock held. */
 static bool start(waker &w)
 try {
-    if (!may_use_uring() || !w.reader.open())
+    if (!open_reads(w))
         return false;
     w.due.reserve(due_at_most);
     w.ringing.reserve(due_at_most);
@@ -136,13 +192,13 @@ void stop_waker()
         pthread_join(w.thread, nullptr);
         hold.lock();
     }
-    w.reader.close();
+    close_reads(w);
     w.was_started = w.is_running = w.should_stop = false;
 }
 
 /* The parent rings what is due; the child's copies of retired bells go at its exec or its end. */
 void forget_waker()
 {
-    the_waker->reader.close();
+    close_reads(*the_waker);
     the_waker = new waker;
 }
