@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 require_packages mmdebstrap "${packages_kernel[@]}"
 base=$PWD/build/systemd-root.tar root=$PWD/build/systemd-root log=build/systemd-test.log
 trap 'rm -rf "$root"' EXIT
-with=systemd,systemd-sysv,kmod,iproute2,libglib2.0-0,liblttng-ust1,libfmt9,libmicrohttpd12,libjs-dygraphs,libsqlite3-0
+with=systemd,systemd-sysv,kmod,iproute2,libglib2.0-0,liblttng-ust1,libfmt9,libmicrohttpd12,libjs-dygraphs,libsqlite3-0,liburing2
 if [ ! -f "$base" ]; then
     say "fetching a system with systemd (once, takes some minutes)"
     timeout 900 mmdebstrap --quiet --format=tar --variant=minbase --include=$with \

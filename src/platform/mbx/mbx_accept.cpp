@@ -16,7 +16,6 @@
 #include "platform/mbx/mbx_parting.h"
 #include "platform/mbx/mbx_peers.h"
 #include "platform/mbx/mbx_registry.h"
-#include "platform/mbx/mbx_watch_kinds.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -162,7 +161,7 @@ static void handle_newcomer(newcomer &&n)
         hang_up(std::move(n.control), {}, n.peer);
 }
 
-static void handle_greeting(uint32_t, uint32_t number)
+void handle_greeting(uint32_t, uint32_t number)
 {
     const auto n = std::find_if(newcomers.begin(), newcomers.end(),
                                 [&](const newcomer &other) { return other.number == number; });
@@ -186,7 +185,7 @@ static void accept_one(mailbox &m, newcomer &n)
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
 
-static void handle_listener(uint32_t, uint32_t mailbox_id)
+void handle_listener(uint32_t, uint32_t mailbox_id)
 {
     newcomer n{mailbox_id, {}, {}};
     with_mailbox(mailbox_id, [&](mailbox &m) { accept_one(m, n); });
@@ -204,20 +203,13 @@ static void wake_listeners()
     });
 }
 
-static time_point keep_time(time_point now)
+time_point keep_time(time_point now)
 {
     while (!newcomers.empty() && newcomers.front().deadline <= now)
         drop(newcomers.begin());
     if (retry <= now)
         wake_listeners();
     return newcomers.empty() ? retry : std::min(retry, newcomers.front().deadline);
-}
-
-void set_up_accepting()
-{
-    helper_set_call(WATCH_GREETING, handle_greeting);
-    helper_set_call(WATCH_LISTENER, handle_listener);
-    helper_set_timer(1, keep_time);
 }
 
 void end_accepting(bool is_child)

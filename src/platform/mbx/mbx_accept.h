@@ -3,8 +3,12 @@
  */
 #pragma once
 
-/* Registers the functions that the helper calls, before it starts. */
-void set_up_accepting();
+#include "platform/mbx/mbx_fd.h"
+
+/* The helper's (mbx_helper.h). */
+void handle_greeting(uint32_t, uint32_t number);
+void handle_listener(uint32_t, uint32_t mailbox_id);
+time_point keep_time(time_point now);
 /* Without a helper: drops the connections that have not greeted. In a forked child they are the
    parent's, and only the copies are closed. */
 void end_accepting(bool is_child);

@@ -28,6 +28,11 @@ static constexpr auto linger_time = std::chrono::seconds(1);
 
 static bool is_initialized; /* guarded by registry_lock */
 
+static constexpr helper_duties duties{/* in the order of watch_kind */
+                                      {handle_listener, handle_greeting, handle_control,
+                                       handle_life, handle_first_ring, handle_hang_up, handle_ends},
+                                      {trim_in_time, keep_time, look_again}};
+
 /* The kernel stalls a process with several threads while it grows the table of descriptors, so it
    is grown now. */
 static void make_room_for_descriptors()
@@ -127,9 +132,6 @@ int mbx_init(int version, int, int, int, int)
     if (!register_fork_handlers())
         return -1;
     make_room_for_descriptors();
-    set_up_peers();
-    set_up_accepting();
-    set_up_parting();
     is_initialized = true;
     return 0;
 }
@@ -160,7 +162,7 @@ try {
         errno = is_initialized ? EEXIST : EINVAL;
         return MBX_NO_MAILBOX;
     }
-    const bool is_started = start_helper();
+    const bool is_started = start_helper(duties);
     if (!is_started && name)
         complain_about_name(name);
     const uint32_t id = is_started ? create_mailbox(name) : MBX_NO_MAILBOX;

@@ -6,7 +6,6 @@
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_peers.h"
 #include "platform/mbx/mbx_registry.h"
-#include "platform/mbx/mbx_watch_kinds.h"
 
 #include <cerrno>
 

@@ -5,7 +5,6 @@
 
 #include "util/thread.h"
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <new>
@@ -14,7 +13,6 @@
 
 std::mutex helper_lock;
 
-static constexpr size_t kind_wake = 0;
 static constexpr int events_at_once = 32;
 static constexpr size_t stack_bytes = size_t{128} * 1024;
 
@@ -23,32 +21,20 @@ static std::atomic<int> helper_poll{-1};
 static std::atomic<int> helper_event{-1};
 static std::atomic<bool> should_stop;
 static pthread_t thread;
+static const helper_duties *duties;
 
-static void drain_event(uint32_t, uint32_t)
-{
-    uint64_t sum;
-    [[maybe_unused]] const ssize_t n = read(helper_event, &sum, sizeof(sum));
-}
-
-static std::array<helper_call, helper_kinds> calls{drain_event};
-static std::array<helper_timer, helper_timers> timers;
-
-/* Without memory it is called again soon. */
-static time_point run_timer(helper_timer timer, time_point now)
-try {
-    return timer(now);
-} catch (const std::bad_alloc &) {
-    return now + std::chrono::milliseconds(100);
-}
-
-/* Returns when the next timer is due. */
+/* Returns when the next timer is due: soon, where one had no memory. */
 static time_point run_timers()
 {
     time_point next = time_point::max();
     const time_point now = std::chrono::steady_clock::now();
-    for (helper_timer timer : timers)
-        if (timer)
-            next = std::min(next, run_timer(timer, now));
+    for (const auto timer : duties->timers) {
+        try {
+            next = std::min(next, timer(now));
+        } catch (const std::bad_alloc &) {
+            next = std::min(next, now + std::chrono::milliseconds(100));
+        }
+    }
     return next;
 }
 
@@ -57,9 +43,15 @@ static void handle_events(const epoll_event *events, int count)
 {
     for (int i = 0; i < count && !should_stop; i++) {
         const uint64_t word = events[i].data.u64;
+        const uint64_t kind = word >> 56;
+        if (kind == WATCH_WAKE) {
+            uint64_t sum;
+            [[maybe_unused]] const ssize_t n = read(helper_event, &sum, sizeof(sum));
+            continue;
+        }
         try {
-            calls[word >> 56](static_cast<uint32_t>(word >> 32) & 0xffffff,
-                              static_cast<uint32_t>(word));
+            duties->calls[kind](static_cast<uint32_t>(word >> 32) & 0xffffff,
+                                static_cast<uint32_t>(word));
         } catch (const std::bad_alloc &) {
             /* The connection in question is closed already: its parts close themselves. */
         }
@@ -81,31 +73,22 @@ static void *run(void *)
     return nullptr;
 }
 
-void helper_set_call(size_t kind, helper_call call)
-{
-    calls[kind] = call;
-}
-
-void helper_set_timer(size_t which, helper_timer timer)
-{
-    timers[which] = timer;
-}
-
 void forget_helper()
 {
     const owned_fd poll(helper_poll.exchange(-1));
     const owned_fd event(helper_event.exchange(-1));
 }
 
-bool start_helper()
+bool start_helper(const helper_duties &its_duties)
 {
     if (helper_poll != -1)
         return true;
+    duties = &its_duties;
     helper_poll = epoll_create1(EPOLL_CLOEXEC);
     helper_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     should_stop = false;
     if (helper_poll != -1 && helper_event != -1 &&
-        helper_watch(kind_wake, helper_event, EPOLLIN, 0, 0)) {
+        helper_watch(WATCH_WAKE, helper_event, EPOLLIN, 0, 0)) {
         errno = util::start_thread(thread, stack_bytes, run, nullptr);
         if (errno == 0)
             return true;
@@ -124,7 +107,7 @@ void stop_helper()
     forget_helper();
 }
 
-bool helper_watch(size_t kind, int fd, uint32_t events, uint32_t slot, uint32_t id)
+bool helper_watch(watch_kind kind, int fd, uint32_t events, uint32_t slot, uint32_t id)
 {
     epoll_event event{};
     event.events = events;

@@ -9,7 +9,6 @@
 #include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_socket.h"
-#include "platform/mbx/mbx_watch_kinds.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -186,7 +185,7 @@ void give_back_parting()
             std::exchange(p.area, nullptr)->give_back_sent();
 }
 
-static void handle_hang_up(uint32_t, uint32_t number)
+void handle_hang_up(uint32_t, uint32_t number)
 {
     const time_point now = std::chrono::steady_clock::now();
     {
@@ -202,7 +201,7 @@ static void handle_hang_up(uint32_t, uint32_t number)
     let_go_if([&](parted &p) { return p.number == number && is_over(p, now); });
 }
 
-static time_point look_again(time_point now)
+time_point look_again(time_point now)
 {
     const bool is_time = next_look <= now;
     if (is_time)
@@ -220,7 +219,7 @@ static time_point look_again(time_point now)
 }
 
 /* A file that is gone mostly ends the wait for it. */
-static void handle_ends(uint32_t, uint32_t)
+void handle_ends(uint32_t, uint32_t)
 {
     const time_point now = std::chrono::steady_clock::now();
     {
@@ -269,13 +268,6 @@ int watch_for_end(int memory)
     dup3(ends.get(), looked_up.get(), O_CLOEXEC);
     watches += watch != -1 ? 1 : 0;
     return watch;
-}
-
-void set_up_parting()
-{
-    helper_set_call(WATCH_ENDS, handle_ends);
-    helper_set_call(WATCH_PARTING, handle_hang_up);
-    helper_set_timer(2, look_again);
 }
 
 void end_parting(bool is_child)

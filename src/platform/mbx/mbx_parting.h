@@ -32,8 +32,10 @@ int watch_for_end(int memory);
    Before the area is let go. Nothing for a connection that we have not accepted. */
 void leave_bell(int bell, const std::shared_ptr<entry> &place);
 
-/* Registers the functions that the helper calls, before it starts. */
-void set_up_parting();
+/* The helper's (mbx_helper.h). */
+void handle_hang_up(uint32_t, uint32_t number);
+void handle_ends(uint32_t, uint32_t);
+time_point look_again(time_point now);
 /* Without a helper: lets all go. Signals that peers have not read stay for them. In a
    forked child only the copies are closed. */
 void end_parting(bool is_child);

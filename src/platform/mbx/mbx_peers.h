@@ -6,9 +6,6 @@
 
 #include "platform/mbx/mbx_mailbox.h"
 
-/* Registers the functions that the helper calls, before it starts. Without any lock. */
-void set_up_peers();
-
 /* Makes a connection from its parts and returns its id. 0 with errno on failure. Throws
    std::bad_alloc. */
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
@@ -27,5 +24,10 @@ bool unmonitor_connection(uint32_t own, uint32_t reference);
 void want_trim();
 /* Without any lock: ends connections while too much is held (mbx_account.h). */
 void shed();
+/* The helper's (mbx_helper.h). */
+void handle_control(uint32_t slot, uint32_t id);
+void handle_life(uint32_t slot, uint32_t id);
+void handle_first_ring(uint32_t slot, uint32_t id);
+time_point trim_in_time(time_point now);
 /* Without any lock: hands on what still waits in deleted mailboxes, until the deadline. */
 void linger(time_point deadline);
