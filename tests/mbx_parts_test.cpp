@@ -329,12 +329,12 @@ TEST(accounts, leave_half_of_what_is_left_to_the_next_and_know_who_holds_most)
     EXPECT_EQ(total.connections, 0u);
     const auto small = entry::open({101, 4711}, false), large = entry::open({102, 4711}, false),
                other = entry::open({103, 4712}, false), more = entry::open({103, 4712}, false);
-    small->count(HELD_SENT, 3000), large->count(HELD_RECEIVED, 4000);
-    other->count(HELD_SENT, 3500), more->count(HELD_SENT, 2500);
+    small->count(held_sent, 3000), large->count(held_received, 4000);
+    other->count(held_sent, 3500), more->count(held_sent, 2500);
     for (const auto *less : {&small, &other, &more})
         EXPECT_GT(large->weigh(false), (*less)->weigh(false)) << "of the user with most";
     EXPECT_GT(small->weigh(true), large->weigh(false)) << "late";
-    large->count(HELD_RECEIVED, 2000);
+    large->count(held_received, 2000);
     for (const auto *less : {&small, &large, &more})
         EXPECT_GT(other->weigh(false), (*less)->weigh(false));
     EXPECT_EQ(total.bytes, 11000u);

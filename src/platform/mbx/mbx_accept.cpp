@@ -155,7 +155,7 @@ static void handle_newcomer(newcomer &&n)
     n.number = ++last_number;
     n.deadline = std::chrono::steady_clock::now() + time_to_greet;
     make_place_for(n);
-    if (helper_watch(WATCH_GREETING, n.control.get(), EPOLLIN, 0, n.number))
+    if (helper_watch(watch_greeting, n.control.get(), EPOLLIN, 0, n.number))
         newcomers.push_back(std::move(n));
     else
         hang_up(std::move(n.control), {}, n.peer);
@@ -181,7 +181,7 @@ static void accept_one(mailbox &m, newcomer &n)
         n.peer = peer_of(n.control.get());
     if (!is_out && !(n.control && is_closing_too_many(n.peer)))
         return;
-    helper_watch(WATCH_LISTENER, listener, 0, m.slot, m.id);
+    helper_watch(watch_listener, listener, 0, m.slot, m.id);
     retry = std::chrono::steady_clock::now() + time_to_retry;
 }
 
@@ -199,7 +199,7 @@ static void wake_listeners()
     for_each_mailbox([](mailbox &m) {
         std::lock_guard hold(m.lock);
         if (m.name.listener)
-            helper_watch(WATCH_LISTENER, m.name.listener.get(), EPOLLIN, m.slot, m.id);
+            helper_watch(watch_listener, m.name.listener.get(), EPOLLIN, m.slot, m.id);
     });
 }
 

@@ -127,8 +127,8 @@ entry::~entry()
 {
     if (!process_)
         return;
-    count(HELD_SENT, 0);
-    count(HELD_RECEIVED, 0);
+    count(held_sent, 0);
+    count(held_received, 0);
     std::lock_guard hold(accounts_lock);
     for (account *one = process_; one; one = one->whole)
         one->connections--;
@@ -148,7 +148,7 @@ void entry::count(held_kind kind, size_t bytes)
 holding entry::weigh(bool is_late) const
 {
     return {is_late, process_->whole->bytes, process_->bytes,
-            bytes_[HELD_SENT] + bytes_[HELD_RECEIVED]};
+            bytes_[held_sent] + bytes_[held_received]};
 }
 
 /* The old tables stay for the entries that refer to them. */

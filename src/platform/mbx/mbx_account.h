@@ -61,7 +61,7 @@ struct account {
 extern account total;
 
 /* The kinds of bytes of an entry. */
-enum held_kind : size_t { HELD_SENT, HELD_RECEIVED, HELD_KINDS };
+enum held_kind : size_t { held_sent, held_received, held_kinds };
 
 /* Compares connections by what they hold: the greatest one is to end first. */
 struct holding {
@@ -93,7 +93,7 @@ class entry
   private:
     account *process_ = nullptr;
     peer_identity peer_;
-    std::array<std::atomic<size_t>, HELD_KINDS> bytes_{};
+    std::array<std::atomic<size_t>, held_kinds> bytes_{};
 };
 
 size_t connections_at_most();

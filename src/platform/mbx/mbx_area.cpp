@@ -105,7 +105,7 @@ std::shared_ptr<mapped_area> mapped_area::map(int memory)
 void mapped_area::give_back_sent()
 {
     madvise(ring(1).rest, rest_span, MADV_REMOVE);
-    count(HELD_SENT, 0);
+    count(held_sent, 0);
 }
 
 static void unmap_part(void *start, size_t bytes, bool is_given_back)
@@ -123,8 +123,8 @@ mapped_area::~mapped_area()
     unmap_part(rest_, 2 * rest_span, is_given_back_);
     /* The place may live on, for as long as the peer keeps the file. */
     if (is_given_back_) {
-        count(HELD_SENT, 0);
-        count(HELD_RECEIVED, 0);
+        count(held_sent, 0);
+        count(held_received, 0);
     }
 }
 

@@ -33,7 +33,7 @@ static bool push(connection &c, backlog::bytes signal, fan_out *run)
 
 static void count_held(connection &c)
 {
-    c.area->count(HELD_SENT, c.held());
+    c.area->count(held_sent, c.held());
 }
 
 /* A receiver that reports room, or takes a part, has not read for that reason. */

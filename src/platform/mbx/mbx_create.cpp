@@ -43,7 +43,7 @@ static bool open_to_others(mailbox &m, const char *name, uint32_t id)
 {
     if (!take_name(name, m.name))
         return false;
-    if (helper_watch(WATCH_LISTENER, m.name.listener.get(), EPOLLIN, slot_of(id), id))
+    if (helper_watch(watch_listener, m.name.listener.get(), EPOLLIN, slot_of(id), id))
         return true;
     const errno_keeper keeper;
     give_name(m.name);

@@ -44,7 +44,7 @@ static void handle_events(const epoll_event *events, int count)
     for (int i = 0; i < count && !should_stop; i++) {
         const uint64_t word = events[i].data.u64;
         const uint64_t kind = word >> 56;
-        if (kind == WATCH_WAKE) {
+        if (kind == watch_wake) {
             uint64_t sum;
             [[maybe_unused]] const ssize_t n = read(helper_event, &sum, sizeof(sum));
             continue;
@@ -88,7 +88,7 @@ bool start_helper(const helper_duties &its_duties)
     helper_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     should_stop = false;
     if (helper_poll != -1 && helper_event != -1 &&
-        helper_watch(WATCH_WAKE, helper_event, EPOLLIN, 0, 0)) {
+        helper_watch(watch_wake, helper_event, EPOLLIN, 0, 0)) {
         errno = util::start_thread(thread, stack_bytes, run, nullptr);
         if (errno == 0)
             return true;

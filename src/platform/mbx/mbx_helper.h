@@ -13,20 +13,20 @@ extern std::mutex helper_lock;
 
 /* The purpose of a watched descriptor. */
 enum watch_kind : size_t {
-    WATCH_LISTENER,   /* slot and id: of the mailbox */
-    WATCH_GREETING,   /* id: of a connection that has not greeted yet */
-    WATCH_CONTROL,    /* slot: of the mailbox; id: of the connection */
-    WATCH_LIFE,       /* the same */
-    WATCH_FIRST_RING, /* the same */
-    WATCH_PARTING,    /* id: of a connection that has ended here */
-    WATCH_ENDS,       /* of memory files */
-    WATCH_WAKE,       /* of the helper itself */
+    watch_listener,   /* slot and id: of the mailbox */
+    watch_greeting,   /* id: of a connection that has not greeted yet */
+    watch_control,    /* slot: of the mailbox; id: of the connection */
+    watch_life,       /* the same */
+    watch_first_ring, /* the same */
+    watch_parting,    /* id: of a connection that has ended here */
+    watch_ends,       /* of memory files */
+    watch_wake,       /* of the helper itself */
 };
 
 struct helper_duties {
     /* By kind. `slot` (24 bits) and `id` identify the object of the event, which the function looks
        up again, because it may have ended meanwhile. */
-    void (*calls[WATCH_WAKE])(uint32_t slot, uint32_t id);
+    void (*calls[watch_wake])(uint32_t slot, uint32_t id);
     /* Do what is due at `now`; return when they are to be called next, at the latest. */
     time_point (*timers[3])(time_point now);
 };

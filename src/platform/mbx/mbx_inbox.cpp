@@ -186,7 +186,7 @@ block *inbox::pop_signal(source &s, bool &asks)
     }
     b->sender = s.id;
     if (s.ring.touched() > 0) {
-        s.area->count(HELD_RECEIVED, s.ring.touched());
+        s.area->count(held_received, s.ring.touched());
         owner_.want_trim(owner_.self);
     }
     return b;
@@ -403,7 +403,7 @@ void inbox::keep_unread(source &s)
     left_ += s.ring.unread();
     if (s.ring.touched() > 0)
         s.ring.trim();
-    s.area->count(HELD_RECEIVED, s.ring.touched());
+    s.area->count(held_received, s.ring.touched());
 }
 
 /* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
@@ -453,7 +453,7 @@ bool inbox::trim()
         if (s.ring.touched() == 0)
             continue;
         s.ring.trim();
-        s.area->count(HELD_RECEIVED, s.ring.touched());
+        s.area->count(held_received, s.ring.touched());
         is_left |= s.ring.touched() > 0;
     }
     return is_left;

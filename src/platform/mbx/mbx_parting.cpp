@@ -154,7 +154,7 @@ static bool keep(parted &p)
 try {
     all.reserve(all.size() + 1);
     p.number = ++last_number;
-    if (!helper_watch(WATCH_PARTING, p.control.get(), EPOLLRDHUP, 0, p.number))
+    if (!helper_watch(watch_parting, p.control.get(), EPOLLRDHUP, 0, p.number))
         return false;
     all.push_back(std::move(p));
     return true;
@@ -248,7 +248,7 @@ static bool begin_to_watch()
     left_bells = owned_fd(epoll_create1(EPOLL_CLOEXEC));
     ends = owned_fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     looked_up = owned_fd(ends ? fcntl(ends.get(), F_DUPFD_CLOEXEC, 0) : -1);
-    if (looked_up && helper_watch(WATCH_ENDS, ends.get(), EPOLLIN, 0, 0))
+    if (looked_up && helper_watch(watch_ends, ends.get(), EPOLLIN, 0, 0))
         return true;
     ends.reset();
     return false;

@@ -79,17 +79,17 @@ static bool watch_bell(mailbox &m, uint32_t id)
         return m.in.watch_quietly(id);
     if (!m.in.rest(id))
         return m.in.watch(id);
-    return helper_watch(WATCH_FIRST_RING, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
+    return helper_watch(watch_first_ring, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
 }
 
 /* Without a pidfd, which an old kernel may not have, the control connection does alone. False with
    ESRCH for a process that is gone already and has left its end of that to somebody else. */
-static bool watch_life(mailbox &m, connection &c)
+static bool watch_process(mailbox &m, connection &c)
 {
     if (c.peer.process <= 0)
         return true;
     c.life = owned_fd(static_cast<int>(syscall(SYS_pidfd_open, c.peer.process, 0)));
-    return c.life ? helper_watch(WATCH_LIFE, c.life.get(), EPOLLIN, m.slot, c.id) : errno != ESRCH;
+    return c.life ? helper_watch(watch_life, c.life.get(), EPOLLIN, m.slot, c.id) : errno != ESRCH;
 }
 
 uint32_t add_connection(mailbox &m, connection_parts &&parts)
@@ -97,8 +97,8 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     const uint32_t id = free_id(m);
     connection &c = m.connections.try_emplace(id, id, std::move(parts)).first->second;
     if (m.in.add(id, c.area, c.side, std::move(c.near_bell)) &&
-        helper_watch(WATCH_CONTROL, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        watch_life(m, c) && watch_bell(m, id))
+        helper_watch(watch_control, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
+        watch_process(m, c) && watch_bell(m, id))
         return id;
     const errno_keeper keeper;
     c.was_located = false;

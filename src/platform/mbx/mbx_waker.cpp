@@ -31,7 +31,14 @@ namespace
 
 struct due_bell {
     int fd;
-    bool is_retired; /* to be closed when it is rung */
+    owned_fd retired; /* the same, once the caller has given it up: open until it is rung */
+};
+
+enum class waker_state {
+    fresh,   /* there has been no fan-out */
+    refused, /* there is no thread, as there is no io_uring, or no memory */
+    running,
+    stopping
 };
 
 struct waker {
@@ -40,9 +47,7 @@ struct waker {
     std::vector<due_bell> ringing; /* written by the thread, under the lock */
     io_uring reads{};              /* the thread's */
     bool can_read = false;         /* likewise: it is open */
-    bool was_started = false;      /* with or without success */
-    bool is_running = false;
-    bool should_stop = false;
+    waker_state state = waker_state::fresh;
     pthread_t thread{};
 };
 
@@ -118,16 +123,13 @@ static void *run(void *argument)
     give_way();
     std::unique_lock hold(waker_lock);
     for (;;) {
-        w.changed.wait(hold, [&] { return w.should_stop || !w.due.empty(); });
+        w.changed.wait(hold, [&] { return w.state == waker_state::stopping || !w.due.empty(); });
         if (w.due.empty())
             break;
         w.ringing.swap(w.due);
         hold.unlock();
         ring_all(w, w.ringing);
         hold.lock();
-        for (const due_bell &bell : w.ringing)
-            if (bell.is_retired)
-                close(bell.fd);
         w.ringing.clear();
     }
     return nullptr;
@@ -149,11 +151,11 @@ bool ring_later(int bell)
 {
     waker &w = *the_waker;
     std::unique_lock hold(waker_lock);
-    if (!std::exchange(w.was_started, true))
-        w.is_running = start(w);
-    if (!w.is_running || w.should_stop || w.due.size() == due_at_most)
+    if (w.state == waker_state::fresh)
+        w.state = start(w) ? waker_state::running : waker_state::refused;
+    if (w.state != waker_state::running || w.due.size() == due_at_most)
         return false;
-    w.due.push_back({bell, false});
+    w.due.push_back({bell, {}});
     const bool may_sleep = w.due.size() == 1 && w.ringing.empty();
     hold.unlock();
     if (may_sleep)
@@ -161,13 +163,13 @@ bool ring_later(int bell)
     return true;
 }
 
-static bool mark_retired(std::vector<due_bell> &bells, int fd)
+static bool keep_open(std::vector<due_bell> &bells, owned_fd &bell)
 {
     const auto found = std::find_if(bells.begin(), bells.end(),
-                                    [fd](const due_bell &bell) { return bell.fd == fd; });
+                                    [&](const due_bell &one) { return one.fd == bell.get(); });
     if (found == bells.end())
         return false;
-    found->is_retired = true;
+    found->retired = std::move(bell);
     return true;
 }
 
@@ -177,23 +179,23 @@ void retire_bell(owned_fd bell)
 {
     waker &w = *the_waker;
     const std::lock_guard hold(waker_lock);
-    if (mark_retired(w.due, bell.get()) || mark_retired(w.ringing, bell.get()))
-        bell.release();
+    if (!keep_open(w.due, bell))
+        keep_open(w.ringing, bell);
 }
 
 void stop_waker()
 {
     waker &w = *the_waker;
     std::unique_lock hold(waker_lock);
-    if (w.is_running) {
-        w.should_stop = true;
+    if (w.state == waker_state::running) {
+        w.state = waker_state::stopping;
         hold.unlock();
         w.changed.notify_one();
         pthread_join(w.thread, nullptr);
         hold.lock();
     }
     close_reads(w);
-    w.was_started = w.is_running = w.should_stop = false;
+    w.state = waker_state::fresh;
 }
 
 /* The parent rings what is due; the child's copies of retired bells go at its exec or its end. */
