@@ -23,13 +23,24 @@
 
 static constexpr auto time_to_trim = std::chrono::seconds(2);
 
+/* After so much has been freed the C library is asked to release the memory between records that
+   stay: 4,800 connections left 3.1 MiB without that, and 0.8 MiB with it. */
+static constexpr size_t much_freed = size_t{128} << 10;
+
 static std::atomic<bool> is_trim_wanted;
+static std::atomic<size_t> freed;                /* bytes since the last trim */
 static time_point trim_time = time_point::max(); /* guarded by helper_lock */
 
 void want_trim()
 {
     if (!is_trim_wanted.load(std::memory_order_relaxed) && !is_trim_wanted.exchange(true))
         helper_wake();
+}
+
+static void note_freed(size_t bytes)
+{
+    if ((freed += bytes) >= much_freed)
+        want_trim();
 }
 
 /* Numbers come back one day. */
@@ -133,11 +144,11 @@ void end_connection(mailbox &m, uint32_t id, ended_by who)
             notice->sender = id;
         m.in.end(id, notice);
     }
+    note_freed(sizeof(*c) + c->waiting.memory());
     let_go(*c, who);
     if (m.sent_last == c)
         m.sent_last = nullptr;
     m.connections.erase(id);
-    want_trim();
 }
 
 /* An indication to many receivers is sent in the same order each time, and meanwhile each one's
@@ -268,7 +279,9 @@ static bool flush_some(mailbox &m, uint32_t id)
     connection *c = find_connection(m, id);
     if (!c)
         return false;
+    const size_t before = c->waiting.memory();
     const flushing result = flush(*c);
+    note_freed(before - c->waiting.memory());
     if (result == flushing::done && m.id == 0)
         end_connection(m, id, ended_by::us);
     return result == flushing::goes_on;
@@ -324,8 +337,6 @@ void handle_first_ring(uint32_t slot, uint32_t id)
     });
 }
 
-/* The C library is asked to release the memory between records that stay: 4,800 connections
-   left 3.1 MiB without that, and 0.8 MiB with it. */
 time_point trim_in_time(time_point now)
 {
     if (trim_time <= now) {
@@ -333,7 +344,8 @@ time_point trim_in_time(time_point now)
         trim_time = time_point::max();
         if (trim_all())
             is_trim_wanted = true;
-        malloc_trim(0);
+        if (freed.exchange(0) >= much_freed)
+            malloc_trim(0);
     }
     if (is_trim_wanted && trim_time == time_point::max())
         trim_time = now + time_to_trim;
