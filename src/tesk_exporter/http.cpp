@@ -339,7 +339,7 @@ MHD_Result http_server::send_history(const http_request &request)
 {
     using named_level = std::pair<std::string_view, history::level>;
     static constexpr named_level spans[] = {
-        {"2d", history::STEPS}, {"8w", history::HOURS}, {"2y", history::DAYS}};
+        {"2d", history::step_rows}, {"8w", history::hour_rows}, {"2y", history::day_rows}};
     unsigned status = 0;
     const auto port = port_argument(request.http);
     if (!port)
@@ -376,12 +376,12 @@ MHD_Result http_server::send_falls(const http_request &request)
 
 MHD_Result http_server::send_modules(const http_request &request)
 {
-    return ask_history(request, {history_question::kind::modules, 0, history::STEPS, true});
+    return ask_history(request, {history_question::kind::modules, 0, history::step_rows, true});
 }
 
 MHD_Result http_server::send_forecast(const http_request &request)
 {
-    return ask_history(request, {history_question::kind::forecast, 0, history::STEPS, true});
+    return ask_history(request, {history_question::kind::forecast, 0, history::step_rows, true});
 }
 
 MHD_Result http_server::send_stream(const http_request &request)

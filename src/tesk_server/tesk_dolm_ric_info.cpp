@@ -36,14 +36,14 @@ static void trace_port_failure(const operation_names &names, uint32_t port_no, i
 static tesk_sfp_presence presence_of_read(int32_t result, uint32_t status)
 {
     if (result == DOLM_RICERR_NODEV)
-        return UNSUPPORTED_PORT;
+        return unsupported_port;
     if (result != DOLM_RICERR_OK)
-        return SFP_UNKNOWN;
+        return sfp_unknown;
     if (status & DOLM_RICRIPORT_MODREADY)
-        return SFP_PRESENT_AND_READY;
+        return sfp_present_and_ready;
     if (status & DOLM_RICRIPORT_MODINSERTED)
-        return SFP_PRESENT_NOT_READY;
-    return SFP_NOT_PRESENT;
+        return sfp_present_not_ready;
+    return sfp_not_present;
 }
 
 using presence_operation = int32_t(uintptr_t handle, uint32_t id, dolm_ric_port_status *out);
@@ -261,8 +261,8 @@ static void fill_sfp_info(const dolm_sfp_info *sfp, tesk_sfp_info *info)
 tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_info *info)
 {
     /* A module that isn't ready cannot be read, and only a read resolves an unknown presence. */
-    if (presence != SFP_PRESENT_AND_READY && presence != SFP_UNKNOWN)
-        return SFP_NOT_PRESENT;
+    if (presence != sfp_present_and_ready && presence != sfp_unknown)
+        return sfp_not_present;
 
     dolm_ric_module_info module = {};
     const int32_t result =
@@ -271,13 +271,13 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
     case DOLM_RICERR_OK:
         break;
     case DOLM_RICERR_NODEV:
-        return UNSUPPORTED_PORT;
+        return unsupported_port;
     case DOLM_RICERR_NOTAVAIL:
-        return SFP_NOT_PRESENT;
+        return sfp_not_present;
     default:
         tesk_trace(TESK_TRACE_NOTABLE, "WARNING: dolm_ric_ri_getmoduleinfo returned result %d!",
                    result);
-        return SFP_UNKNOWN;
+        return sfp_unknown;
     }
 
     /* Anything other than an SFP module is reported as an electrical module without texts. */
@@ -286,7 +286,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
         tesk_trace(TESK_TRACE_NOTABLE,
                    "dolm_ric_ri_getmoduleinfo returned result %d with mode_type %u!", result,
                    module.mode_type);
-        return SFP_PRESENT_AND_READY;
+        return sfp_present_and_ready;
     }
 
     /* If memory for the copy is exhausted, the process ends before the module is traced. */
@@ -294,7 +294,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
     *sfp = module.sfp;
     fill_sfp_info(sfp, info);
     free(sfp);
-    return SFP_PRESENT_AND_READY;
+    return sfp_present_and_ready;
 }
 
 /* The wide type holds the signed and the unsigned measurements, so the same comparisons apply to
