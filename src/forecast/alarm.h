@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* alarm - what is announced about one series: raises, changes and withdraws.
+/* alarm - what is announced about one series: raises, changes and withdraws. One thread at a
+   time.
 
    Hysteresis: raised when two looks in a row, three hours apart, find a fade that meets its limit
    within the horizon. It stays through gaps and beyond the limit, until half of the fall came back,
