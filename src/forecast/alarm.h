@@ -42,6 +42,7 @@ class alarm
     void look_for_one(const series &of, const block_ring &temperatures, int64_t last,
                       const days &seen, std::vector<report> &reports);
     void follow(int64_t last, int64_t time, const days &seen, std::vector<report> &reports);
+    void update_pace(const days &seen);
     outlook ahead(const days &seen) const;
     report form(change what, int64_t time) const;
 

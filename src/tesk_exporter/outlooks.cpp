@@ -160,18 +160,9 @@ static std::string key_text(int lane, forecast::quantity value)
     return fmt::format("{} {}", lane, static_cast<int>(value));
 }
 
-/* Hours where steps are gone, then steps. */
-void outlooks::restore(history::chronicle &kept, const std::function<bool()> &must_stop)
+/* Hours where steps are gone, then steps. Returns the end of the history. */
+int64_t outlooks::feed_all(history::chronicle &kept, const std::function<bool()> &must_stop)
 {
-    ports_.clear();
-    active_.clear();
-    announced_.clear();
-    reasons_.clear();
-    limits_.clear();
-    const auto known = kept.announcements();
-    for (const history::announcement &each : known)
-        if (each.key == limits_key)
-            limits_[each.place] = limits_in(each.text);
     const auto length = [](history::level of) {
         return history::level_length[of] * history::level_seconds[of];
     };
@@ -195,7 +186,21 @@ void outlooks::restore(history::chronicle &kept, const std::function<bool()> &mu
                   first_step / hour - 1, take(history::hour_rows));
     kept.read_all(history::step_rows, first_step / hour * hour / step, end / step,
                   take(history::step_rows));
-    look(end);
+    return end;
+}
+
+void outlooks::restore(history::chronicle &kept, const std::function<bool()> &must_stop)
+{
+    ports_.clear();
+    active_.clear();
+    announced_.clear();
+    reasons_.clear();
+    limits_.clear();
+    const auto known = kept.announcements();
+    for (const history::announcement &each : known)
+        if (each.key == limits_key)
+            limits_[each.place] = limits_in(each.text);
+    look(feed_all(kept, must_stop));
     for (const history::announcement &each : known) {
         const auto kept_as = lane_and_quantity(each.key);
         if (!kept_as)

@@ -190,23 +190,10 @@ struct module_texts {
     char rdh[sizeof(dolm_sfp_info::sfp_morvaine_rdh) + 1];
 };
 
-/* The group is tested once, before the texts are copied for the traces. */
-void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
+/* The values of the constants are traced, too, so that the traces can be read without the library's
+   documentation. */
+static void trace_module_codes()
 {
-    if (!tesk_trace_enabled(TESK_TRACE_COURSE))
-        return;
-
-    module_texts texts;
-    tesk_copy_bounded(texts.vendor_name, sfp->sfp_vendor_name);
-    tesk_copy_bounded(texts.vendor_oui, sfp->sfp_vendor_oui);
-    tesk_copy_bounded(texts.vendor_pn, sfp->sfp_vendor_pn);
-    tesk_copy_bounded(texts.vendor_rev, sfp->sfp_vendor_rev);
-    tesk_copy_bounded(texts.vendor_sn, sfp->sfp_vendor_sn);
-    tesk_copy_bounded(texts.date_code, sfp->sfp_date_code);
-    tesk_copy_bounded(texts.rdh, sfp->sfp_morvaine_rdh);
-
-    /* The values of the constants are traced, too, so that the traces can be read without the
-       library's documentation. */
     tesk_trace(TESK_TRACE_COURSE,
                "Values for sfp_connector: DOLM_SFP_CONNECTOR_UNSPEC = 0x0, DOLM_SFP_CONNECTOR_LC "
                "= 0x1, DOLM_SFP_CONNECTOR_RJ45 = 0x2, DOLM_SFP_CONNECTOR_OTHER = 0xff");
@@ -226,6 +213,24 @@ void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
                "Values for sfp_type: DOLM_SFP_TYPE_UNKNOWN = 0x0, DOLM_SFP_TYPE_OPTICAL = 0x1, "
                "DOLM_SFP_TYPE_BASET = 0x2, DOLM_SFP_TYPE_DAC_PASSIVE = 0x3, "
                "DOLM_SFP_TYPE_DAC_ACTIVE = 0x4");
+}
+
+/* The group is tested once, before the texts are copied for the traces. */
+void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
+{
+    if (!tesk_trace_enabled(TESK_TRACE_COURSE))
+        return;
+
+    module_texts texts;
+    tesk_copy_bounded(texts.vendor_name, sfp->sfp_vendor_name);
+    tesk_copy_bounded(texts.vendor_oui, sfp->sfp_vendor_oui);
+    tesk_copy_bounded(texts.vendor_pn, sfp->sfp_vendor_pn);
+    tesk_copy_bounded(texts.vendor_rev, sfp->sfp_vendor_rev);
+    tesk_copy_bounded(texts.vendor_sn, sfp->sfp_vendor_sn);
+    tesk_copy_bounded(texts.date_code, sfp->sfp_date_code);
+    tesk_copy_bounded(texts.rdh, sfp->sfp_morvaine_rdh);
+
+    trace_module_codes();
     tesk_trace(TESK_TRACE_COURSE,
                "sfp->sfp_connector = %u, sfp_eth_speed = %u, sfp_eth_compliance = %u, "
                "sfp_nom_bitrate = %u, sfp_vendor_name = %s",
