@@ -86,12 +86,13 @@ static void fill(const std::string &folder)
     for (int64_t id = 1; id <= ports; id++)
         first.places.push_back(place_of(id));
     full.write(first, present);
-    for (const auto of : {history::DAYS, history::HOURS, history::STEPS}) {
-        const int64_t last = present / level_seconds[of], at_once = of == history::STEPS ? 288 : 24;
+    for (const auto of : {history::day_rows, history::hour_rows, history::step_rows}) {
+        const int64_t last = present / level_seconds[of],
+                      at_once = of == history::step_rows ? 288 : 24;
         for (int64_t number = last - level_length[of] + 1; number < last;) {
             history::batch next;
             for (const int64_t end = std::min(number + at_once, last); number < end; number++) {
-                const bool is_summary = of != history::STEPS;
+                const bool is_summary = of != history::step_rows;
                 const std::string blob = history::encode(record_of(8, is_summary), is_summary);
                 for (int64_t id = 1; id <= ports; id++)
                     next.rows[of].push_back({number, id, blob});
@@ -123,8 +124,8 @@ static void take_all(history::chronicle &into, size_t lanes, const history::cloc
 
 static void pass(history::clocks &now)
 {
-    now.wall += level_seconds[history::STEPS];
-    now.boot += level_seconds[history::STEPS];
+    now.wall += level_seconds[history::step_rows];
+    now.boot += level_seconds[history::step_rows];
 }
 
 static void measure_full(const std::string &folder, std::vector<int64_t> &figures)
@@ -163,7 +164,7 @@ static void measure_full(const std::string &folder, std::vector<int64_t> &figure
     std::vector<int64_t> times;
     for (uint32_t port = 0; port < 100; port++) {
         const int64_t begin = processor_ns();
-        if (exporter::history_json(kept, port, history::HOURS, now.boot).empty())
+        if (exporter::history_json(kept, port, history::hour_rows, now.boot).empty())
             fail("a port has no weeks");
         times.push_back(processor_ns() - begin);
     }

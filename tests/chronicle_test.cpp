@@ -158,7 +158,7 @@ TEST(chronicle, makes_a_day_of_its_hours)
     on.kept->advance(on.now);
     on.kept->close(on.now);
     on.start();
-    EXPECT_EQ(on.rows(DAYS), (std::vector{std::pair(begin, int16_t{2})}));
+    EXPECT_EQ(on.rows(day_rows), (std::vector{std::pair(begin, int16_t{2})}));
 }
 
 TEST(chronicle, has_steps_hours_and_days_after_restarts)
@@ -172,12 +172,12 @@ TEST(chronicle, has_steps_hours_and_days_after_restarts)
         on.start();
     }
     on.run(day, 2);
-    EXPECT_TRUE(is_rising(on.rows(STEPS)));
-    EXPECT_EQ(on.rows(HOURS).size() / 10, (62 + 24) / 10);
-    EXPECT_EQ(on.rows(DAYS).front(), std::pair(begin, int16_t{106}));
+    EXPECT_TRUE(is_rising(on.rows(step_rows)));
+    EXPECT_EQ(on.rows(hour_rows).size() / 10, (62 + 24) / 10);
+    EXPECT_EQ(on.rows(day_rows).front(), std::pair(begin, int16_t{106}));
     EXPECT_EQ(on.kept->places().size(), 2);
     on.run(3 * day);
-    EXPECT_EQ(on.rows(STEPS).front().first / 3600, (on.now.wall - 2 * day) / 3600);
+    EXPECT_EQ(on.rows(step_rows).front().first / 3600, (on.now.wall - 2 * day) / 3600);
     EXPECT_TRUE(on.told.empty()) << on.told[0];
 }
 
@@ -205,7 +205,7 @@ TEST(chronicle, records_changes_of_modules)
     EXPECT_EQ(events.size(), 35);
     EXPECT_EQ(events.front().kind, "removed");
     EXPECT_EQ(events.back().text, "968 more changes within a minute");
-    EXPECT_EQ(on.rows(STEPS).size(), 10);
+    EXPECT_EQ(on.rows(step_rows).size(), 10);
     on.pass(800 * day);
     on.run(7500);
     EXPECT_TRUE(on.kept->events(std::nullopt, 0, 1000).empty());
@@ -241,7 +241,7 @@ TEST(chronicle, survives_a_clock_that_jumps)
                 on.start();
             on.run(6000);
         }
-        const auto rows = on.rows(STEPS);
+        const auto rows = on.rows(step_rows);
         EXPECT_TRUE(is_rising(rows));
         EXPECT_GE(rows.size(), 20 * (jumps.size() + 1) - jumps.size());
         EXPECT_LE(std::abs(rows.back().first + 300 - on.now.wall), 300);
@@ -270,7 +270,7 @@ TEST(chronicle, loses_nothing_that_was_committed)
         int status = 0;
         waitpid(child, &status, 0);
         on.start();
-        const auto rows = on.rows(STEPS);
+        const auto rows = on.rows(step_rows);
         EXPECT_GE(rows.size(), 12) << "killed at call " << call;
         EXPECT_TRUE(is_rising(rows));
         EXPECT_TRUE(on.told.empty()) << on.told[0];
@@ -294,7 +294,7 @@ TEST(chronicle, goes_on_in_memory_while_the_disk_is_full)
     EXPECT_EQ(on.told.size(), 1);
     EXPECT_FALSE(on.kept->write_trouble().empty());
     size_t seen = 0;
-    on.kept->read(STEPS, 1, 0, INT32_MAX, [&](int64_t, const record &) { seen++; });
+    on.kept->read(step_rows, 1, 0, INT32_MAX, [&](int64_t, const record &) { seen++; });
     EXPECT_EQ(seen, 34);
     const size_t tried = bytes_written;
     on.run(3600);
@@ -302,7 +302,7 @@ TEST(chronicle, goes_on_in_memory_while_the_disk_is_full)
     is_full = false;
     on.run(1200);
     EXPECT_EQ(on.told.size(), 2);
-    EXPECT_EQ(on.rows(STEPS).size(), 50);
+    EXPECT_EQ(on.rows(step_rows).size(), 50);
     on.stop();
     on.start();
     EXPECT_EQ(on.kept->places().size(), 2);
@@ -327,7 +327,7 @@ TEST(chronicle, sets_a_bad_file_aside_and_leaves_a_newer_one_alone)
         on.told.clear();
         on.start();
         on.run(day / 8);
-        on.rows(STEPS);
+        on.rows(step_rows);
         on.kept->events(std::nullopt, 0, 100);
         on.run(600);
         const bool is_kept = on.kept->trouble().empty();
@@ -371,8 +371,8 @@ TEST(chronicle, opens_with_a_log_that_was_cut_anywhere)
         fs::copy(log + ".good", log, fs::copy_options::overwrite_existing);
         fs::resize_file(log, size);
         on.start();
-        EXPECT_GE(on.rows(STEPS).size(), 12) << size;
-        EXPECT_TRUE(is_rising(on.rows(STEPS)) && on.told.empty()) << size;
+        EXPECT_GE(on.rows(step_rows).size(), 12) << size;
+        EXPECT_TRUE(is_rising(on.rows(step_rows)) && on.told.empty()) << size;
         on.stop();
     }
 }
@@ -387,13 +387,13 @@ TEST(chronicle, sets_a_file_aside_that_is_damaged_while_it_is_read)
     for (int page = 0; page < 500; page++)
         file << std::string(4096, 'x');
     file.close();
-    on.rows(STEPS);
+    on.rows(step_rows);
     EXPECT_FALSE(on.kept->trouble().empty());
     EXPECT_TRUE(on.kept->events(std::nullopt, 0, 100).empty());
     on.kept->advance(on.now);
     on.run(600);
     size_t seen = 0;
-    on.kept->read(STEPS, *on.kept->occupant_of(0), 0, INT32_MAX,
+    on.kept->read(step_rows, *on.kept->occupant_of(0), 0, INT32_MAX,
                   [&](int64_t, const record &) { seen++; });
     EXPECT_EQ(seen, 2);
     ASSERT_EQ(on.told.size(), 1);
@@ -420,7 +420,7 @@ TEST(chronicle, follows_a_link_to_its_folder_but_none_to_its_file)
     on.stop();
     fs::create_directory_symlink(on.folder, other.folder);
     other.start();
-    EXPECT_EQ(other.rows(STEPS).size(), 2);
+    EXPECT_EQ(other.rows(step_rows).size(), 2);
     EXPECT_TRUE(other.told.empty());
 }
 
@@ -451,7 +451,7 @@ TEST(chronicle, stays_below_its_limit)
     on.limit = 16 << 20;
     on.start();
     on.run(day / 2, 900);
-    const auto rows = on.rows(STEPS);
+    const auto rows = on.rows(step_rows);
     EXPECT_EQ(rows.back().first + 300, on.now.wall);
     EXPECT_TRUE(on.told.empty());
     is_full = true; /* for so long that its rows would fill the file */
@@ -459,7 +459,7 @@ TEST(chronicle, stays_below_its_limit)
     is_full = false;
     on.run(1200);
     EXPECT_EQ(on.told.size(), 2);
-    const auto kept = on.rows(STEPS);
+    const auto kept = on.rows(step_rows);
     EXPECT_EQ(on.now.wall - kept[kept.size() - 90].first, 90 * 300) << "the newest half is there";
     for (int minute = 0; minute < 7; minute++) {
         const int64_t first = on.kept->time().at(on.now.boot);

@@ -572,7 +572,7 @@ TEST(exporter_plots, a_slot_holds_the_last_value_of_its_time_and_a_long_one_the_
 {
     plots kept;
     const uint64_t start = 600'000;
-    EXPECT_EQ(kept.hour(start, 0)[PLOTTED_TEMPERATURE], plots::absent);
+    EXPECT_EQ(kept.hour(start, 0)[plotted_temperature], plots::absent);
     kept.add(values_of(0, 1000, 100), start);
     kept.add(values_of(0, 500, 300), start + 14);
     kept.add(values_of(0, 0, -50), start + 45);
@@ -582,18 +582,18 @@ TEST(exporter_plots, a_slot_holds_the_last_value_of_its_time_and_a_long_one_the_
         {start + 3599, 239, 300}, {start + 3600, 239, plots::absent},
     };
     for (const auto &[time, age, expected] : hours)
-        EXPECT_EQ(kept.hour(time, age)[PLOTTED_TEMPERATURE], expected) << time << " " << age;
-    EXPECT_EQ(kept.hour(start + 45, 0)[PLOTTED_RX_POWER], plots::absent); /* no light */
-    EXPECT_EQ(kept.hour(start + 45, 3)[PLOTTED_RX_POWER], -301);
+        EXPECT_EQ(kept.hour(time, age)[plotted_temperature], expected) << time << " " << age;
+    EXPECT_EQ(kept.hour(start + 45, 0)[plotted_rx_power], plots::absent); /* no light */
+    EXPECT_EQ(kept.hour(start + 45, 3)[plotted_rx_power], -301);
     const plots::range day = kept.day(start + 86'399, 143);
-    EXPECT_EQ(day.least[PLOTTED_TEMPERATURE], -50);
-    EXPECT_EQ(day.greatest[PLOTTED_TEMPERATURE], 300);
-    EXPECT_EQ(day.greatest[PLOTTED_RX_POWER], 0);
+    EXPECT_EQ(day.least[plotted_temperature], -50);
+    EXPECT_EQ(day.greatest[plotted_temperature], 300);
+    EXPECT_EQ(day.greatest[plotted_rx_power], 0);
     kept.add(values_of(0, 1, 1), start + 86'400);
-    EXPECT_EQ(kept.day(start + 86'400, 143).least[PLOTTED_TEMPERATURE], plots::absent);
-    EXPECT_EQ(kept.day(start + 86'400, 0).least[PLOTTED_TEMPERATURE], 1);
-    EXPECT_EQ(kept.hour(start + 86'400, 237)[PLOTTED_TEMPERATURE], plots::absent);
-    EXPECT_EQ(plots::in_unit(PLOTTED_VOLTAGE, kept.hour(start + 86'400, 0)[PLOTTED_VOLTAGE]), 3.3);
+    EXPECT_EQ(kept.day(start + 86'400, 143).least[plotted_temperature], plots::absent);
+    EXPECT_EQ(kept.day(start + 86'400, 0).least[plotted_temperature], 1);
+    EXPECT_EQ(kept.hour(start + 86'400, 237)[plotted_temperature], plots::absent);
+    EXPECT_EQ(plots::in_unit(plotted_voltage, kept.hour(start + 86'400, 0)[plotted_voltage]), 3.3);
 }
 
 TEST_F(exporter_board, objects_are_valid_whatever_is_absent)

@@ -144,12 +144,12 @@ TEST_F(filter, a_link_that_changed_unseen_is_new_to_a_second_subscriber_only)
 TEST_F(filter, an_event_that_means_nothing_is_traced_and_freed)
 {
     static const std::pair<tesk_hw_event, const char *> cases[] = {
-        {{TESK_HW_EVENT_PORT_STATE, 3, PORTSTATE_UNKNOWN, nullptr},
+        {{tesk_hw_event_port_state, 3, port_unknown, nullptr},
          "[1] Unknown port state(PORTSTATE_UNKNOWN) in dolm event, port 3"},
-        {{TESK_HW_EVENT_PORT_STATE, 3, 7, nullptr},
+        {{tesk_hw_event_port_state, 3, 7, nullptr},
          "[1] Unknown port state(UNSUPPORTED_STATE) in dolm event, port 3"},
         {{2, 3, 0, nullptr}, "[1] Unknown event: 2"},
-        {{TESK_HW_EVENT_SFP, 3, SFP_PRESENT_AND_READY, nullptr},
+        {{tesk_hw_event_sfp, 3, sfp_present_and_ready, nullptr},
          "[12] No need to handle this SFP event, no change for port 3"}};
     const uint32_t reference = subscriber(alice, 3, subscribe_status);
     subscribe(alice, reference, 3, subscribe_info);
@@ -164,10 +164,10 @@ TEST_F(filter, an_event_that_means_nothing_is_traced_and_freed)
         EXPECT_EQ(sent.size(), 0u);
     }
     /* Behind that check: the state is stored, and nothing else happens. */
-    tesk_handle_port_state_change(3, PORTSTATE_UNKNOWN);
+    tesk_handle_port_state_change(3, port_unknown);
     EXPECT_EQ(fake_platform::take_log().back(), "[1] Unknown port state");
     trace({1, 12});
-    tesk_handle_port_state_change(4, PORTSTATE_DOWN);
+    tesk_handle_port_state_change(4, port_down);
     EXPECT_EQ(fake_platform::take_log().back(), "[1] Failed to found bucket for port 4");
     EXPECT_TRUE(sent.empty() && ticks.empty());
     EXPECT_EQ(tesk_handle_epoll_event({.events = EPOLLIN, .data = {.u32 = 2}}), 0);
@@ -210,8 +210,8 @@ TEST_F(filter, events_queued_together_are_handled_newest_first)
 
 TEST_F(filter, a_bucket_keeps_its_level_within_limits_and_returns_its_state)
 {
-    static constexpr auto below = LEAKY_BUCKET_BELOW_LEVEL, reached = LEAKY_BUCKET_LEVEL_REACHED,
-                          emptied = LEAKY_BUCKET_EMPTIED;
+    static constexpr auto below = leaky_bucket_below_level, reached = leaky_bucket_level_reached,
+                          emptied = leaky_bucket_emptied;
     static const std::tuple<int32_t, int32_t, leaky_bucket_state> steps[] = {
         {20, 20, below},    {29, 49, below},    {1, 50, reached},
         {50, 100, reached}, {20, 100, reached}, {-60, 40, below},
@@ -233,8 +233,8 @@ TEST_F(filter, a_bucket_keeps_its_level_within_limits_and_returns_its_state)
         expected.push_back("[1] Invalid params for adding new leaky bucket: bucket_size = " +
                            std::to_string(size) + ", filter_level = " + std::to_string(level));
     }
-    EXPECT_EQ(leaky_bucket_update(7, 20), LEAKY_BUCKET_NOT_FOUND);
-    EXPECT_EQ(leaky_bucket_get_state(7), LEAKY_BUCKET_NOT_FOUND);
+    EXPECT_EQ(leaky_bucket_update(7, 20), leaky_bucket_not_found);
+    EXPECT_EQ(leaky_bucket_get_state(7), leaky_bucket_not_found);
     leaky_bucket_remove(7);
     for (const char *act : {"update leaky bucket", "get leaky bucket state", "remove leaky bucket"})
         expected.push_back("[1] Cannot " + std::string(act) + ": id 7 not found");

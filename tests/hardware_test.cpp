@@ -80,7 +80,7 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
         tesk_sfp_info sfp_info = {};
         port.speed = port.module.sfp.sfp_eth_speed = speed.code;
         port.link_state = DOLM_RICRILINKSTATE_OPERATIONAL;
-        get_sfp_info(1, SFP_PRESENT_AND_READY, &sfp_info);
+        get_sfp_info(1, sfp_present_and_ready, &sfp_info);
         EXPECT_EQ(sfp_info.sfp_speed, speed.of_module) << speed.code;
         trace({12});
         get_port_info(1, &info);
@@ -100,7 +100,7 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
         tesk_port_info port_info;
         tesk_pm_counters counters = {};
         port.module.sfp.sfp_connector = connector;
-        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
+        get_sfp_info(1, sfp_present_and_ready, &info);
         get_port_info(1, &port_info);
         counters.port_no = 1;
         EXPECT_EQ(read_pm_counters(&counters), 0);
@@ -131,10 +131,10 @@ TEST_F(hardware, each_wrapper_traces_each_result_with_its_own_texts)
             state; /* traced with each result, or, without state, with a good one */
         uint32_t good, unknown_port, failed;
     } cases[] = {{"getportstatus", "getportstatus", "", call<get_dolm_sfp_presence>,
-                  "get_dolm_sfp_presence", "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT,
-                  SFP_UNKNOWN},
+                  "get_dolm_sfp_presence", "port_status", sfp_present_not_ready, unsupported_port,
+                  sfp_unknown},
                  {"subsport", "portstatus", " ", call<subscribe_sfp_info>, "subscribe_sfp_info",
-                  "port_status", SFP_PRESENT_NOT_READY, UNSUPPORTED_PORT, SFP_UNKNOWN},
+                  "port_status", sfp_present_not_ready, unsupported_port, sfp_unknown},
                  {"subslink", "subslink", " ", call<subscribe_port_status>, "subscribe_port_status",
                   "link_status", 0, 1, 1},
                  {"unsubsport", "unsubsport", "", call<unsubscribe_sfp_info>,
@@ -175,7 +175,7 @@ TEST_F(hardware, a_value_without_a_meaning_has_a_text)
     EXPECT_STREQ(dolm_ric_result_text(0), "no error");
     for (int32_t result : {1, -5, -7, -9, -12})
         EXPECT_STREQ(dolm_ric_result_text(result), "unknown ric error code") << result;
-    EXPECT_STREQ(tesk_sfp_presence_str(UNSUPPORTED_PORT), "UNSUPPORTED_PORT");
+    EXPECT_STREQ(tesk_sfp_presence_str(unsupported_port), "UNSUPPORTED_PORT");
     EXPECT_STREQ(tesk_sfp_presence_str(5), "UNSUPPORTED_SFP_PRESENCE");
 }
 
@@ -230,16 +230,16 @@ TEST_F(hardware, a_module_is_read_only_if_one_can_be_expected)
         uint32_t mode, result, type;
         bool is_read;
         const char *trace = nullptr;
-    } cases[] = {{SFP_NOT_PRESENT, 0, 1, SFP_NOT_PRESENT, 0, false},
-                 {SFP_PRESENT_NOT_READY, 0, 1, SFP_NOT_PRESENT, 0, false},
-                 {UNSUPPORTED_PORT, 0, 1, SFP_NOT_PRESENT, 0, false},
-                 {SFP_UNKNOWN, 0, 1, SFP_PRESENT_AND_READY, 3, true},
-                 {SFP_PRESENT_AND_READY, 0, 1, SFP_PRESENT_AND_READY, 3, true},
-                 {SFP_PRESENT_AND_READY, 0, 2, SFP_PRESENT_AND_READY, 1, true,
+    } cases[] = {{sfp_not_present, 0, 1, sfp_not_present, 0, false},
+                 {sfp_present_not_ready, 0, 1, sfp_not_present, 0, false},
+                 {unsupported_port, 0, 1, sfp_not_present, 0, false},
+                 {sfp_unknown, 0, 1, sfp_present_and_ready, 3, true},
+                 {sfp_present_and_ready, 0, 1, sfp_present_and_ready, 3, true},
+                 {sfp_present_and_ready, 0, 2, sfp_present_and_ready, 1, true,
                   "[4] dolm_ric_ri_getmoduleinfo returned result 0 with mode_type 2!"},
-                 {SFP_PRESENT_AND_READY, -3, 1, UNSUPPORTED_PORT, 0, true},
-                 {SFP_PRESENT_AND_READY, -4, 1, SFP_NOT_PRESENT, 0, true},
-                 {SFP_UNKNOWN, -8, 1, SFP_UNKNOWN, 0, true,
+                 {sfp_present_and_ready, -3, 1, unsupported_port, 0, true},
+                 {sfp_present_and_ready, -4, 1, sfp_not_present, 0, true},
+                 {sfp_unknown, -8, 1, sfp_unknown, 0, true,
                   "[4] WARNING: dolm_ric_ri_getmoduleinfo returned result -8!"}};
     for (const auto &row : cases) {
         tesk_sfp_info info = {};
@@ -271,7 +271,7 @@ TEST_F(hardware, only_an_optical_module_without_identity_of_its_own_is_renamed)
         ports[1].module.sfp.sfp_connector = module.connector;
         ports[1].module.sfp.sfp_morvaine = module.morvaine;
         memcpy(ports[1].module.sfp.sfp_morvaine_rdh, "RDH", 4);
-        get_sfp_info(1, SFP_PRESENT_AND_READY, &info);
+        get_sfp_info(1, sfp_present_and_ready, &info);
         EXPECT_STREQ(info.sfp_morvaine_rdh, module.rdh);
     }
 }
@@ -296,17 +296,17 @@ TEST_F(hardware, a_presence_that_cannot_be_read_does_not_stop_a_port_status_subs
     fake_platform::failing.clear();
     /* A good answer of the next read goes into the record that holds nothing usable. */
     EXPECT_EQ(tesk_portsub_add_sfp_info(1), 0);
-    EXPECT_TRUE(tesk_portsub_update_sfp_presence(1, SFP_NOT_PRESENT));
-    EXPECT_FALSE(tesk_portsub_update_sfp_presence(1, SFP_NOT_PRESENT));
+    EXPECT_TRUE(tesk_portsub_update_sfp_presence(1, sfp_not_present));
+    EXPECT_FALSE(tesk_portsub_update_sfp_presence(1, sfp_not_present));
     trace({4});
-    EXPECT_FALSE(tesk_portsub_update_port_state(2, PORTSTATE_UP));
+    EXPECT_FALSE(tesk_portsub_update_port_state(2, port_up));
     EXPECT_EQ(fake_platform::take_log().back(),
               "[4] Warning: failed to find port 2 for port_state update");
-    EXPECT_EQ(get_sfp_presence(1), SFP_NOT_PRESENT);
+    EXPECT_EQ(get_sfp_presence(1), sfp_not_present);
     ports[2] = {};
     fake_platform::failing["getportstatus"] = DOLM_RICERR_NODEV;
     EXPECT_EQ(tesk_portsub_add_port_status(2), 0);
-    EXPECT_EQ(get_sfp_presence(2), SFP_UNKNOWN);
+    EXPECT_EQ(get_sfp_presence(2), sfp_unknown);
 }
 
 TEST_F(hardware, the_event_thread_translates_events_and_survives_a_wait_that_fails)
@@ -341,12 +341,11 @@ TEST_F(hardware, the_event_thread_translates_events_and_survives_a_wait_that_fai
                    "[12] dolm_ric_event_main(): unexpected dolm event(2) received", text(link, 2),
                    text(link, 1), text(link, 0), text(port, 0xf3), text(port, 0x44),
                    "[12] dolm_ric_event_main(): unhandled port_status(68) received"}));
-    static const std::array<uint32_t, 3> queued[] = {
-        {TESK_HW_EVENT_SFP, 1, SFP_UNKNOWN},
-        {TESK_HW_EVENT_SFP, 1, SFP_PRESENT_AND_READY},
-        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
-        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_DOWN},
-        {TESK_HW_EVENT_PORT_STATE, 65535, PORTSTATE_UP}};
+    static const std::array<uint32_t, 3> queued[] = {{tesk_hw_event_sfp, 1, sfp_unknown},
+                                                     {tesk_hw_event_sfp, 1, sfp_present_and_ready},
+                                                     {tesk_hw_event_port_state, 65535, port_down},
+                                                     {tesk_hw_event_port_state, 65535, port_down},
+                                                     {tesk_hw_event_port_state, 65535, port_up}};
     tesk_hw_event *event = tesk_event_queue_take_all();
     for (const auto &expected : queued) {
         ASSERT_NE(event, nullptr);

@@ -63,7 +63,7 @@ TEST_F(history_cache, the_history_has_every_field_and_the_time)
 {
     const int64_t from = now_us();
     const tesk_port_info info = {0x11, 1, 2, 3, 4, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 5, {}};
-    tesk_history_add_port_state(&info, -0x10, PORTSTATE_DOWN);
+    tesk_history_add_port_state(&info, -0x10, port_down);
     auto cached = history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ);
     ASSERT_EQ(cached.bytes.size(), 60u);
     expect_bytes(cached, 0,
@@ -71,7 +71,7 @@ TEST_F(history_cache, the_history_has_every_field_and_the_time)
                  "23000000 24000000 25000000 26000000 27000000");
     expect_stamp(cached, 48, from);
 
-    tesk_history_add_presence(0x12, SFP_PRESENT_NOT_READY);
+    tesk_history_add_presence(0x12, sfp_present_not_ready);
     cached = history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ);
     ASSERT_EQ(cached.bytes.size(), 28u);
     expect_bytes(cached, 0, "1a010000 01000000 12000000 01000000");

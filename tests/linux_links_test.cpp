@@ -424,8 +424,8 @@ TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
         for (const sample &one : its.samples) {
             error_sample made;
             made.at = one.second * 1'000'000'000;
-            made.count[COUNT_CORRECTED_BITS] = one.bits;
-            made.count[COUNT_UNCORRECTABLE] = one.blocks;
+            made.count[count_corrected_bits] = one.bits;
+            made.count[count_uncorrectable] = one.blocks;
             samples.push_back(made);
         }
         causes::facts seen;

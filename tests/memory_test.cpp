@@ -129,7 +129,7 @@ TEST_F(memory, a_read_without_memory_traces_it_and_aborts)
                   {"getmoduleinfo 0x20003", "[1] malloc: 12 (Cannot allocate memory)"},
                   [] {
                       tesk_sfp_info info = {};
-                      get_sfp_info(3, SFP_PRESENT_AND_READY, &info);
+                      get_sfp_info(3, sfp_present_and_ready, &info);
                   }},
                  {sizeof(tesk_cache_entry), {"[1] Memory error"}, [] {
                       uint32_t count;
@@ -163,7 +163,7 @@ TEST_F(memory, a_block_is_freed_exactly_once)
     };
     static const auto put_event = [](uint32_t type, uint32_t port) {
         auto *event = static_cast<tesk_hw_event *>(malloc(sizeof(tesk_hw_event)));
-        *event = {type, port, PORTSTATE_DOWN, nullptr};
+        *event = {type, port, port_down, nullptr};
         tesk_event_queue_put(event);
         return event;
     };
@@ -189,7 +189,7 @@ TEST_F(memory, a_block_is_freed_exactly_once)
     expect_freed(nullptr, [] {
         tesk_sfp_info info = {};
         watched_size = sizeof(dolm_sfp_info);
-        get_sfp_info(3, SFP_PRESENT_AND_READY, &info);
+        get_sfp_info(3, sfp_present_and_ready, &info);
     });
     connect(bob);
     leaky_bucket_add(100, 50);

@@ -175,7 +175,8 @@ TEST(outlooks, weeks_of_a_port_are_read_at_once)
     on.serial = "S1";
     on.run(4, 0);
     const auto start = std::chrono::steady_clock::now();
-    const auto answer = json_object::parse(history_json(*on.kept, 3, history::HOURS, on.now.boot));
+    const auto answer =
+        json_object::parse(history_json(*on.kept, 3, history::hour_rows, on.now.boot));
     const std::chrono::duration<double, std::milli> taken =
         std::chrono::steady_clock::now() - start;
     RecordProperty("ms", std::to_string(taken.count()));
@@ -188,7 +189,7 @@ TEST(outlooks, weeks_of_a_port_are_read_at_once)
     EXPECT_TRUE(std::ranges::is_sorted(answer["time"]));
     EXPECT_EQ(answer["modules"][0]["until"], nullptr);
     EXPECT_EQ(answer["modules"][1]["until"], 20'000 * day + 6 * day - 300);
-    EXPECT_EQ(history_json(*on.kept, 4, history::HOURS, on.now.boot), "");
+    EXPECT_EQ(history_json(*on.kept, 4, history::hour_rows, on.now.boot), "");
 }
 
 /* The lanes of the details, where there are several; else the server's values. */
@@ -197,7 +198,7 @@ TEST(outlooks, the_keeper_takes_what_a_port_measures_until_it_is_empty)
     const testkit::directory place;
     history_keeper keeper(place.path + "/history", 256 << 20, false);
     const auto ask = [&](history_question::kind what) {
-        keeper.ask({what, 3, history::STEPS, true});
+        keeper.ask({what, 3, history::step_rows, true});
         testkit::await(keeper.fd(), "the answer");
         return json_object::parse(keeper.take_answers().at(0).text);
     };

@@ -63,9 +63,9 @@ TEST_F(subscriptions, an_event_without_a_record_of_its_kind_is_dropped_silently)
                    port_event(9, 0)});
     expect_log({});
     EXPECT_EQ(sent.size(), 0u);
-    EXPECT_EQ(get_sfp_presence(3), SFP_PRESENT_AND_READY);
+    EXPECT_EQ(get_sfp_presence(3), sfp_present_and_ready);
     expect_log({"[12] Port status subscription contains sfp presence SFP_PRESENT_AND_READY"});
-    EXPECT_EQ(get_sfp_presence(9), SFP_UNKNOWN);
+    EXPECT_EQ(get_sfp_presence(9), sfp_unknown);
     expect_log({});
     EXPECT_EQ(history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ).host_word(4), 0u);
     EXPECT_EQ(history(TESK_SHELL_GET_PORT_STATUS_CACHE_REQ).host_word(4), 0u);
@@ -321,7 +321,7 @@ TEST_F(subscriptions, an_unknown_presence_is_resolved_by_the_next_port_status_su
     EXPECT_EQ(lines.at(3), "getportstatus 0x20003");
     EXPECT_EQ(lines.at(5), "[12] Updated sfp info presence from SFP_UNKNOWN to "
                            "SFP_PRESENT_AND_READY");
-    EXPECT_EQ(get_sfp_presence(3), SFP_PRESENT_AND_READY);
+    EXPECT_EQ(get_sfp_presence(3), sfp_present_and_ready);
 }
 
 TEST_F(subscriptions, the_records_of_a_port_agree_after_an_event)
@@ -346,7 +346,7 @@ TEST_F(subscriptions, the_records_of_a_port_agree_after_an_event)
               1);
     EXPECT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent.at(0).word(16), 2u) << "an unknown presence is resolved by a read";
-    EXPECT_EQ(get_sfp_presence(3), SFP_UNKNOWN);
+    EXPECT_EQ(get_sfp_presence(3), sfp_unknown);
     expect_log({"[12] Port status subscription contains sfp presence SFP_UNKNOWN",
                 "[12] SFP info subscription contains sfp presence SFP_UNKNOWN"});
 }

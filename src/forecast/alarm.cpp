@@ -119,6 +119,20 @@ void alarm::look_for_one(const series &of, const block_ring &temperatures, int64
     reports.back().what = change::raised;
 }
 
+/* The present pace, over as many days as it takes to fall by what is no noise. */
+void alarm::update_pace(const days &seen)
+{
+    for (const int span : {3, 5, 7, 10}) {
+        if (span >= seen.count)
+            break;
+        const double a_day = fall_between(seen, 0, span).a_day;
+        if (!std::isnan(a_day))
+            pace_ = std::max(a_day, first_pace_ / 4);
+        if (pace_ * span > rules_of(value_).least_fall)
+            break;
+    }
+}
+
 void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<report> &reports)
 {
     const rules &known = rules_of(value_);
@@ -148,16 +162,7 @@ void alarm::follow(int64_t last, int64_t time, const days &seen, std::vector<rep
         quiet_until_ = last + int64_t{2} * blocks_a_day;
         return;
     }
-    /* The present pace, over as many days as it takes to fall by what is no noise. */
-    for (const int span : {3, 5, 7, 10}) {
-        if (span >= seen.count)
-            break;
-        const double a_day = fall_between(seen, 0, span).a_day;
-        if (!std::isnan(a_day))
-            pace_ = std::max(a_day, first_pace_ / 4);
-        if (pace_ * span > known.least_fall)
-            break;
-    }
+    update_pace(seen);
     next_ = ahead(seen);
     const double day = static_cast<double>(last) / blocks_a_day + next_.left;
     if (last - told_block_ < blocks_a_day / 2 ||

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* alarm - what is announced about one series: raises, changes and withdraws.
+/* alarm - what is announced about one series: raises, changes and withdraws. One thread at a
+   time.
 
    Hysteresis: raised when two looks in a row, three hours apart, find a fade that meets its limit
    within the horizon. It stays through gaps and beyond the limit, until half of the fall came back,
@@ -41,6 +42,7 @@ class alarm
     void look_for_one(const series &of, const block_ring &temperatures, int64_t last,
                       const days &seen, std::vector<report> &reports);
     void follow(int64_t last, int64_t time, const days &seen, std::vector<report> &reports);
+    void update_pace(const days &seen);
     outlook ahead(const days &seen) const;
     report form(change what, int64_t time) const;
 

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* believed_time - the time of a series, whatever the clock of the box does. Header only. */
+/* believed_time - the time of a series, whatever the clock of the box does. Header only. One
+   thread at a time. */
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* series - one value of one lane over eight weeks, in fixed memory: blocks of three hours, the
-   slope with temperature, and steps. */
+   slope with temperature, and steps. One thread at a time. */
 #pragma once
 
 #include "forecast/rules.h"

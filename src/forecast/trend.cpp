@@ -168,33 +168,50 @@ static std::optional<fade> test_span(const series &of, const days &seen, int spa
     return fade{fall, static_cast<double>(span), pace, fall / wander};
 }
 
-/* A fall within one to three days that is deeper than weather's: by pairs of blocks, six hours. */
-static std::optional<fade> test_sudden(const series &of, const block_ring &temperatures,
-                                       int64_t last, const days &seen, double deepest)
+namespace
 {
-    const rules &known = rules_of(of.value());
-    constexpr int most = 12;
-    if (known.sudden_fall <= 0 || seen.count < 2)
-        return std::nullopt;
+/* The means of two blocks each, six hours, the newest first. */
+struct block_pairs {
+    static constexpr int most = 12;
     std::array<double, most + 1> level, warmth;
     int count = 0;
+};
+} // namespace
+
+/* As far as no gap lies between: its far side is no part of a sudden fall. */
+static block_pairs newest_pairs(const series &of, const block_ring &temperatures, int64_t last,
+                                float present_temperature)
+{
+    block_pairs made;
     int64_t newest = last; /* of the two blocks that are taken together */
-    for (; count <= most && newest - 1 >= of.first(); count++, newest -= 2) {
+    for (; made.count <= block_pairs::most && newest - 1 >= of.first(); made.count++, newest -= 2) {
         double sum = 0, warm = 0;
         int valid = 0;
         for (int64_t block = newest - 1; block <= newest; block++)
             if (const float found = of.blocks().at(block); !std::isnan(found)) {
                 const double temperature = -temperatures.at(block);
-                sum += found - of.slope().effect(seen.of[0].temperature, temperature);
+                sum += found - of.slope().effect(present_temperature, temperature);
                 warm += temperature;
                 valid++;
             }
         if (valid == 0)
-            break; /* the far side of a gap is no part of a sudden fall */
-        level[static_cast<size_t>(count)] = sum / valid;
-        warmth[static_cast<size_t>(count)] = warm / valid;
+            break;
+        made.level[static_cast<size_t>(made.count)] = sum / valid;
+        made.warmth[static_cast<size_t>(made.count)] = warm / valid;
     }
-    for (const int span : {4, 6, 8, most}) {
+    return made;
+}
+
+/* A fall within one to three days that is deeper than weather's. */
+static std::optional<fade> test_sudden(const series &of, const block_ring &temperatures,
+                                       int64_t last, const days &seen, double deepest)
+{
+    const rules &known = rules_of(of.value());
+    if (known.sudden_fall <= 0 || seen.count < 2)
+        return std::nullopt;
+    const auto [level, warmth, count] =
+        newest_pairs(of, temperatures, last, seen.of[0].temperature);
+    for (const int span : {4, 6, 8, block_pairs::most}) {
         if (span >= count)
             break;
         const auto oldest = static_cast<size_t>(span);

@@ -47,7 +47,7 @@ void chronicle::open(const clocks &now)
         }
         const auto shifts = store_->shifts();
         time_.emplace(shifts, store_->end(), now);
-        step_ = time_->start() / level_seconds[STEPS];
+        step_ = time_->start() / level_seconds[step_rows];
         if (shifts.size() != time_->shifts().size())
             pending_.shifts = time_->shifts();
         restore();
@@ -76,8 +76,8 @@ void chronicle::open(const clocks &now)
 /* Takes in what the current hour and day have already, where their own rows aren't written. */
 void chronicle::restore()
 {
-    const int64_t last = store_->end() - 1, hour = last / level_seconds[HOURS],
-                  day = last / level_seconds[DAYS];
+    const int64_t last = store_->end() - 1, hour = last / level_seconds[hour_rows],
+                  day = last / level_seconds[day_rows];
     constexpr int64_t a_day = 24, an_hour = 12;
     const auto ended = [this](level of, int64_t number) {
         std::set<int64_t> found;
@@ -85,15 +85,15 @@ void chronicle::restore()
                          [&](int64_t, int64_t id, const record &) { found.insert(id); });
         return found;
     };
-    const auto ended_hours = ended(HOURS, hour), ended_days = ended(DAYS, day);
-    store_->read_all(STEPS, hour * an_hour, (hour + 1) * an_hour - 1,
+    const auto ended_hours = ended(hour_rows, hour), ended_days = ended(day_rows, day);
+    store_->read_all(step_rows, hour * an_hour, (hour + 1) * an_hour - 1,
                      [&](int64_t, int64_t id, const record &found) {
                          if (ended_hours.contains(id))
                              return;
                          live_[id].hour.add(found);
                          live_[id].hour_number = hour;
                      });
-    store_->read_all(HOURS, day * a_day, (day + 1) * a_day - 1,
+    store_->read_all(hour_rows, day * a_day, (day + 1) * a_day - 1,
                      [&](int64_t, int64_t id, const record &found) {
                          if (ended_days.contains(id))
                              return;
@@ -167,32 +167,34 @@ void chronicle::vacate(uint32_t port)
 /* Rows of an hour and a day that end before `next_time`. */
 void chronicle::roll(int64_t id, live &of, int64_t next_time)
 {
-    const int64_t hour = next_time / level_seconds[HOURS], day = next_time / level_seconds[DAYS];
+    const int64_t hour = next_time / level_seconds[hour_rows],
+                  day = next_time / level_seconds[day_rows];
     if (!of.hour.is_empty() && of.hour_number != hour) {
         const record ended = of.hour.finish();
-        pending_.rows[HOURS].push_back({of.hour_number, id, encode(ended, true)});
-        const int64_t its_day = of.hour_number * level_seconds[HOURS] / level_seconds[DAYS];
+        pending_.rows[hour_rows].push_back({of.hour_number, id, encode(ended, true)});
+        const int64_t its_day = of.hour_number * level_seconds[hour_rows] / level_seconds[day_rows];
         if (!of.day.is_empty() && of.day_number != its_day)
-            pending_.rows[DAYS].push_back({of.day_number, id, encode(of.day.finish(), true)});
+            pending_.rows[day_rows].push_back({of.day_number, id, encode(of.day.finish(), true)});
         of.day.add(ended);
         of.day_number = its_day;
         touched_.insert(id);
     }
     if (!of.day.is_empty() && of.day_number != day)
-        pending_.rows[DAYS].push_back({of.day_number, id, encode(of.day.finish(), true)});
+        pending_.rows[day_rows].push_back({of.day_number, id, encode(of.day.finish(), true)});
 }
 
 void chronicle::end_step(int64_t next_step)
 {
-    const int64_t time = step_ * level_seconds[STEPS], next = next_step * level_seconds[STEPS];
+    const int64_t time = step_ * level_seconds[step_rows],
+                  next = next_step * level_seconds[step_rows];
     for (auto each = live_.begin(); each != live_.end();) {
         auto &[id, of] = *each;
         if (!of.step.is_empty()) {
             roll(id, of, time);
             const record ended = of.step.finish();
-            pending_.rows[STEPS].push_back({step_, id, encode(ended, false)});
+            pending_.rows[step_rows].push_back({step_, id, encode(ended, false)});
             of.hour.add(ended);
-            of.hour_number = time / level_seconds[HOURS];
+            of.hour_number = time / level_seconds[hour_rows];
             if (given_.on_step)
                 given_.on_step(places_[id], time, ended);
         }
@@ -213,7 +215,7 @@ void chronicle::advance(const clocks &now)
         pending_.shifts = time_->shifts();
         note(no_port, "clock", fmt::format("the clock was set by {} s", *by), now);
     }
-    const int64_t step = time_->at(now.boot) / level_seconds[STEPS];
+    const int64_t step = time_->at(now.boot) / level_seconds[step_rows];
     if (step > step_)
         end_step(step);
     if (now.boot >= next_write_)

@@ -257,7 +257,7 @@ void store::prune(int64_t present)
         statement(file, drop_rows[of])
             .bind(1, key_of(present / level_seconds[of] - level_length[of], 0))
             .run();
-    const int64_t oldest = present - level_seconds[DAYS] * level_length[DAYS];
+    const int64_t oldest = present - level_seconds[day_rows] * level_length[day_rows];
     statement(file, "DELETE FROM events WHERE time < ?").bind(1, oldest).run();
     statement(file, "DELETE FROM events WHERE id <= (SELECT max(id) FROM events) - ?")
         .bind(1, most_events)
@@ -335,7 +335,7 @@ void store::write(const batch &added, int64_t present)
     file.run("BEGIN IMMEDIATE");
     try {
         /* Old rows leave once an hour, with the hour's. */
-        if (!added.rows[HOURS].empty() || added.events.size() > 1000)
+        if (!added.rows[hour_rows].empty() || added.events.size() > 1000)
             prune(present);
         make_room(added, present);
         insert(added);
@@ -382,8 +382,8 @@ std::vector<announcement> store::announcements()
 int64_t store::end()
 {
     database &file = *database_;
-    const int64_t key = file.number(last_key[STEPS]);
-    return std::max({key == 0 ? 0 : ((key >> place_bits) + 1) * level_seconds[STEPS],
+    const int64_t key = file.number(last_key[step_rows]);
+    return std::max({key == 0 ? 0 : ((key >> place_bits) + 1) * level_seconds[step_rows],
                      file.number("SELECT max(time) + 1 FROM events"),
                      file.number("SELECT max(last) FROM places"),
                      file.number("SELECT max(first) FROM clock")});

@@ -61,7 +61,7 @@ struct announcement {
     std::string text; /* empty: it was withdrawn */
 };
 
-enum level : size_t { STEPS, HOURS, DAYS };
+enum level : size_t { step_rows, hour_rows, day_rows };
 inline constexpr size_t levels = 3;
 inline constexpr std::array<int64_t, levels> level_seconds = {300, 3600, 86400};
 /* Two days, eight weeks, two years. */

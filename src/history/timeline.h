@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* timeline - the time of the history, which never goes back, whatever the clock of the box does. No
-   clock of its own.
+/* timeline - the time of the history, which never goes back, whatever the clock of the box does.
+   No clock of its own. One thread at a time.
 
    Its seconds are those of the wall clock while nobody sets that. Within a run of the exporter they
    go on with the time since boot. A run continues where the clock says, but where the clock is

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* exit_code - the exit codes of all tools, and the error that ends a tool with one of them. */
+/* exit_code - the exit codes of all tools, and the error that ends a tool with one of them. No
+   state. */
 #pragma once
 
 #include <stdexcept>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* known_command - errors of the command line: names an unknown command or option and the nearest
-   known one, which CLI11 doesn't. Header only, since not all tools use CLI11. */
+   known one, which CLI11 doesn't. Header only, since not all tools use CLI11. No state. */
 #pragma once
 
 #include "program/exit_code.h"

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <memory>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <system_error>
 #include <unistd.h>
@@ -69,11 +68,10 @@ static int remaining_ms(steady_clock::time_point end)
 tesk_client_session::tesk_client_session(const tesk_client_options &options)
     : options_(with_defaults(options)), epoll_(checked(epoll_create1(EPOLL_CLOEXEC))),
       timer_(checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))),
-      stop_event_(checked(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))), retry_(options_.retry_ms),
-      conn_ref_(static_cast<uint32_t>(getpid()))
+      retry_(options_.retry_ms), conn_ref_(static_cast<uint32_t>(getpid()))
 {
     checked(add_to_epoll(epoll_.get(), timer_.get()));
-    checked(add_to_epoll(epoll_.get(), stop_event_.get()));
+    checked(add_to_epoll(epoll_.get(), stop_event_.fd()));
 }
 
 tesk_client_session::~tesk_client_session()
@@ -168,9 +166,9 @@ tesk_client_result tesk_client_session::dispatch()
         }
     } const at_end{*this};
 
-    /* Both are counters, and readable until they are read. */
+    /* Both are readable until they are read. */
     uint64_t count = 0;
-    if (read(stop_event_.get(), &count, sizeof(count)) > 0)
+    if (stop_event_.take())
         stopped_ = true;
     if (read(timer_.get(), &count, sizeof(count)) > 0)
         armed_.reset();
@@ -213,7 +211,6 @@ tesk_client_result tesk_client_session::run(int timeout_ms)
 void tesk_client_session::stop()
 {
     const int saved = errno; /* this may be a signal handler */
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(stop_event_.get(), &one, sizeof(one));
+    stop_event_.signal();
     errno = saved;
 }

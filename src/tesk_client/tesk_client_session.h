@@ -5,6 +5,7 @@
 #include "tesk_client/tesk_client.h"
 #include "tesk_client/tesk_client_decode.h"
 #include "util/descriptor.h"
+#include "util/event.h"
 
 #include <chrono>
 #include <deque>
@@ -181,7 +182,7 @@ struct tesk_client_session {
     const std::thread::id owner_ = std::this_thread::get_id();
     const util::descriptor epoll_;
     const util::descriptor timer_;
-    const util::descriptor stop_event_;
+    const util::event stop_event_;
 
     state state_ = state::idle;
     steady_clock::time_point phase_end_{};

@@ -136,7 +136,7 @@ std::string plot_json(const port_state &port, bool is_day, const moment &now)
                                    {"end", now.wall_us / 1'000'000}}
                            .dump();
     text.pop_back();
-    for (size_t i = 0; i < PLOTTED_VALUES; i++) {
+    for (size_t i = 0; i < plotted_values; i++) {
         const auto value = static_cast<plotted>(i);
         text.append(",\"").append(keys[i]).append("\":[");
         for (size_t age = slots; age-- > 0;) {

@@ -33,7 +33,7 @@ struct connection {
     int fd;
     steady_time since; /* start of its request, answer or idle time */
     place held = place::none;
-    bool is_waiting = false;   /* a stream with nothing left to write */
+    bool is_waiting = false; /* a stream with nothing left to write, or a question to the history */
     bool was_answered = false; /* at least once */
     bool is_ended = false;
 };

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* details_metrics - the series of /metrics that come from the details of the ports: limits, lanes,
-   flags, CMIS diagnostics, and what reading costs. */
+/* details_metrics - the series of /metrics that come from the details of the ports: limits,
+   lanes, flags, CMIS diagnostics, and what reading costs. Main thread only. */
 #pragma once
 
 #include "tesk_exporter/metrics_text.h"

@@ -27,6 +27,13 @@ struct point {
     history::record kept;
 };
 
+/* What was in a port, and what it measured there. */
+struct port_history {
+    json_object modules = json_object::array();
+    std::vector<point> points; /* in their order */
+    bool is_known = false;     /* something was in the port once */
+};
+
 } // namespace
 
 static json_object text_or_null(const std::string &text)
@@ -133,43 +140,39 @@ static json_object events_of(history::chronicle &kept, uint32_t port, int64_t fi
     return list;
 }
 
-std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot,
-                         bool is_followed)
+/* Incomplete where the file turns out to be damaged: then the history has a trouble. */
+static port_history read_port(history::chronicle &kept, uint32_t port, history::level of,
+                              int64_t first, int64_t last)
 {
-    const int64_t step = history::level_seconds[of], last = kept.time().at(boot) / step,
-                  first = last - history::level_length[of];
-    json_object modules = json_object::array();
-    std::vector<point> points;
-    bool is_known = false;
+    const int64_t step = history::level_seconds[of];
+    port_history read;
     const auto places = kept.places(); /* a read that finds damage clears them */
     for (const auto &[id, in] : places) {
         if (in.port != port)
             continue;
-        is_known = true;
+        read.is_known = true;
         if (in.last / step < first)
             continue;
-        modules.push_back({{"vendor", text_or_null(in.vendor)},
-                           {"part", text_or_null(in.part)},
-                           {"serial", text_or_null(in.serial)},
-                           {"since", kept.time().wall_of(in.first)},
-                           {"until", until(kept, in)}});
+        read.modules.push_back({{"vendor", text_or_null(in.vendor)},
+                                {"part", text_or_null(in.part)},
+                                {"serial", text_or_null(in.serial)},
+                                {"since", kept.time().wall_of(in.first)},
+                                {"until", until(kept, in)}});
         const int64_t behind = is_present(kept, in) ? last : in.last / step;
         kept.read(of, id, std::max(first, in.first / step), behind,
                   [&](int64_t number, const history::record &found) {
-                      points.push_back({number, found});
+                      read.points.push_back({number, found});
                   });
         if (!kept.trouble().empty())
-            return ""; /* the file turned out to be damaged */
+            break;
     }
-    std::ranges::stable_sort(points, {}, &point::number);
-    const json_object events = events_of(kept, port, first * step);
-    if (!kept.trouble().empty() || (!is_known && events.empty() && !is_followed))
-        return "";
-    std::string text =
-        json_object{
-            {"port", port}, {"span", spans[of]}, {"step_s", step}, {"modules", std::move(modules)}}
-            .dump();
-    text.pop_back();
+    std::ranges::stable_sort(read.points, {}, &point::number);
+    return read;
+}
+
+static void append_points(std::string &text, const history::chronicle &kept, int64_t step,
+                          const std::vector<point> &points)
+{
     text += ",\"time\":[";
     for (const point &each : points)
         fmt::format_to(std::back_inserter(text), "{}{}", &each == points.data() ? "" : ",",
@@ -185,6 +188,26 @@ std::string history_json(history::chronicle &kept, uint32_t port, history::level
     append_values(text, "voltage_v", points, 1);
     text += ',';
     append_lanes(text, points);
+}
+
+std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot,
+                         bool is_followed)
+{
+    const int64_t step = history::level_seconds[of], last = kept.time().at(boot) / step,
+                  first = last - history::level_length[of];
+    port_history read = read_port(kept, port, of, first, last);
+    if (!kept.trouble().empty())
+        return "";
+    const json_object events = events_of(kept, port, first * step);
+    if (!kept.trouble().empty() || (!read.is_known && events.empty() && !is_followed))
+        return "";
+    std::string text = json_object{{"port", port},
+                                   {"span", spans[of]},
+                                   {"step_s", step},
+                                   {"modules", std::move(read.modules)}}
+                           .dump();
+    text.pop_back();
+    append_points(text, kept, step, read.points);
     return text + ",\"events\":" + to_line(events) + "}\n";
 }
 

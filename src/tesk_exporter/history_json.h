@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* history_json - the history as JSON. Times are seconds since 1970 by the wall clock of the box.
+   The history's thread.
 
    GET /api/history?port=3&span=2d    and span=8w, span=2y
      {"port": 3, "span": "8w", "step_s": 3600,

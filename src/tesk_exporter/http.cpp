@@ -24,7 +24,6 @@ namespace exporter
 
 static constexpr size_t connection_memory = 16384; /* of the library for one, headers included */
 static constexpr std::chrono::seconds look_pause{5};
-static constexpr std::chrono::seconds history_patience{10};
 
 struct http_server::route {
     std::string_view path;
@@ -68,7 +67,7 @@ http_server::~http_server()
 {
     is_ending_ = true;
     readers_.end_all();
-    take_answers(steady_time::max());
+    history_.resume_answered(steady_time::max());
     MHD_run(daemon_);
     MHD_stop_daemon(daemon_);
     remove_listener(settings_.listen);
@@ -84,7 +83,7 @@ std::optional<steady_time> http_server::next_run() const
     MHD_UNSIGNED_LONG_LONG timeout = 0;
     if (MHD_get_timeout(daemon_, &timeout) == MHD_YES)
         return steady_clock::now() + std::chrono::milliseconds(timeout);
-    if (!waiting_.empty())
+    if (!history_.empty())
         return steady_clock::now() + std::chrono::seconds(1);
     if (!std::ranges::all_of(bodies_, &shared_body::empty))
         return steady_clock::now() + shared_body::longest_age;
@@ -100,7 +99,7 @@ void http_server::run()
         readers_.look();
         give_memory_back();
     }
-    take_answers(now);
+    history_.resume_answered(now);
     MHD_run(daemon_);
     for (shared_body &body : bodies_)
         body.drop_old(now);
@@ -140,7 +139,7 @@ static connection *connection_of(MHD_Connection *http)
 void http_server::completed(void *server, MHD_Connection *http, void **, MHD_RequestTerminationCode)
 {
     auto *self = static_cast<http_server *>(server);
-    self->waiting_.erase(http);
+    self->history_.forget(http);
     self->connections_.leave_place(*connection_of(http), steady_clock::now());
 }
 
@@ -304,42 +303,17 @@ MHD_Result http_server::send_events(const http_request &request)
 /* The library calls the handler again when the connection is resumed. */
 MHD_Result http_server::ask_history(const http_request &request, const history_question &asked)
 {
-    if (history_ == nullptr)
-        return send_text(request, MHD_HTTP_NOT_FOUND,
-                         "no history is kept: tesk-exporter --history DIR keeps one");
-    waiting_[request.http] = {
-        history_->ask(asked), &request.from, request.now.steady + history_patience, {0, 0, ""}};
-    request.from.is_waiting = true;
-    MHD_suspend_connection(request.http);
-    return MHD_YES;
-}
-
-/* Resumes the requests that have an answer, and those for which it is too late. */
-void http_server::take_answers(steady_time now)
-{
-    if (history_ == nullptr)
-        return;
-    for (history_answer &made : history_->take_answers()) {
-        const auto asked = std::ranges::find_if(
-            waiting_, [&](const auto &row) { return row.second.id == made.id; });
-        if (asked != waiting_.end())
-            asked->second.answer = std::move(made);
-    }
-    for (auto &[http, waiting] : waiting_) {
-        if (waiting.answer.status == 0 && now >= waiting.deadline)
-            waiting.answer = {
-                waiting.id, MHD_HTTP_SERVICE_UNAVAILABLE,
-                "the history doesn't answer yet: it is read after a start, or its disk is slow"};
-        if (waiting.answer.status != 0 && std::exchange(waiting.from->is_waiting, false))
-            MHD_resume_connection(http);
-    }
+    if (history_.ask(request.http, request.from, asked, request.now.steady))
+        return MHD_YES;
+    return send_text(request, MHD_HTTP_NOT_FOUND,
+                     "no history is kept: tesk-exporter --history DIR keeps one");
 }
 
 MHD_Result http_server::send_history(const http_request &request)
 {
     using named_level = std::pair<std::string_view, history::level>;
     static constexpr named_level spans[] = {
-        {"2d", history::STEPS}, {"8w", history::HOURS}, {"2y", history::DAYS}};
+        {"2d", history::step_rows}, {"8w", history::hour_rows}, {"2y", history::day_rows}};
     unsigned status = 0;
     const auto port = port_argument(request.http);
     if (!port)
@@ -376,12 +350,12 @@ MHD_Result http_server::send_falls(const http_request &request)
 
 MHD_Result http_server::send_modules(const http_request &request)
 {
-    return ask_history(request, {history_question::kind::modules, 0, history::STEPS, true});
+    return ask_history(request, {history_question::kind::modules, 0, history::step_rows, true});
 }
 
 MHD_Result http_server::send_forecast(const http_request &request)
 {
-    return ask_history(request, {history_question::kind::forecast, 0, history::STEPS, true});
+    return ask_history(request, {history_question::kind::forecast, 0, history::step_rows, true});
 }
 
 MHD_Result http_server::send_stream(const http_request &request)
@@ -450,12 +424,9 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
         {"/api/falls", place::page, &http_server::send_falls},
         {"/api/forecast", place::page, &http_server::send_forecast},
     };
-    if (const auto waiting = waiting_.find(request.http); waiting != waiting_.end()) {
-        const history_answer answer = std::move(waiting->second.answer);
-        waiting_.erase(waiting);
-        return answer.status == MHD_HTTP_OK ? send_json(request, answer.text)
-                                            : send_text(request, answer.status, answer.text);
-    }
+    if (const auto made = history_.take(request.http))
+        return made->status == MHD_HTTP_OK ? send_json(request, made->text)
+                                           : send_text(request, made->status, made->text);
     if (is_ending_)
         return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "the exporter ends");
     if (method == nullptr)

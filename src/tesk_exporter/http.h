@@ -7,14 +7,13 @@
 #include "tesk_exporter/api.h"
 #include "tesk_exporter/connections.h"
 #include "tesk_exporter/event_readers.h"
-#include "tesk_exporter/history_keeper.h"
+#include "tesk_exporter/history_requests.h"
 #include "tesk_exporter/metrics.h"
 #include "tesk_exporter/options.h"
 #include "tesk_exporter/port_details.h"
 #include "tesk_exporter/response.h"
 #include "tesk_exporter/web_files.h"
 
-#include <map>
 #include <microhttpd.h>
 #include <optional>
 
@@ -34,7 +33,7 @@ class http_server
     /* Answers from the history, too. It must outlive this. */
     void use_history(history_keeper &history)
     {
-        history_ = &history;
+        history_.use(history);
     }
 
     /* Readable when run() must be called. */
@@ -51,13 +50,6 @@ class http_server
     }
 
   private:
-    /* A request whose answer the history's thread makes; suspended meanwhile. */
-    struct waiting_request {
-        uint64_t id; /* of the question */
-        connection *from;
-        steady_time deadline;
-        history_answer answer; /* status 0: none yet */
-    };
     struct http_request {
         MHD_Connection *http;
         connection &from;
@@ -88,7 +80,6 @@ class http_server
     MHD_Result send_modules(const http_request &request);
     MHD_Result send_forecast(const http_request &request);
     MHD_Result ask_history(const http_request &request, const history_question &asked);
-    void take_answers(steady_time now);
     MHD_Result send_stream(const http_request &request);
     MHD_Result send_health(const http_request &request);
     MHD_Result send_readiness(const http_request &request);
@@ -107,8 +98,7 @@ class http_server
     port_details &details_;
     const web_files files_;
     connection_table connections_;
-    history_keeper *history_ = nullptr;
-    std::map<MHD_Connection *, waiting_request> waiting_;
+    history_requests history_;
     event_readers readers_;
     shared_body bodies_[3]; /* by text_format, and the ports as JSON */
     steady_time next_look_{};

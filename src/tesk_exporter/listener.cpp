@@ -32,19 +32,19 @@ static constexpr int send_buffer = 256 * 1024;
     throw std::runtime_error("--listen " + where + ": " + why);
 }
 
-static int listening(int fd, const sockaddr *address, socklen_t size, const std::string &where)
+static int listening(util::descriptor made, const sockaddr *address, socklen_t size,
+                     const std::string &where)
 {
-    if (fd < 0)
+    const int fd = made.get();
+    if (!made)
         fail(where, std::generic_category().message(errno));
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer));
     if (bind(fd, address, size) == 0 && listen(fd, backlog) == 0)
-        return fd;
-    const int error = errno;
-    close(fd);
-    fail(where, error == EADDRINUSE ? "the address is in use; is another exporter running?"
-                                    : std::generic_category().message(error));
+        return made.release();
+    fail(where, errno == EADDRINUSE ? "the address is in use; is another exporter running?"
+                                    : std::generic_category().message(errno));
 }
 
 static bool is_wildcard(const sockaddr_storage &address)
@@ -112,8 +112,9 @@ static int open_inet(const std::string &where)
     std::memcpy(&address, found->ai_addr, found->ai_addrlen);
     const socklen_t size = found->ai_addrlen;
     freeaddrinfo(found);
-    const int fd = socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    listening(fd, reinterpret_cast<const sockaddr *>(&address), size, where);
+    const int fd = listening(
+        util::descriptor(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
+        reinterpret_cast<const sockaddr *>(&address), size, where);
     warn_where_filtered(address, where);
     return fd;
 }
@@ -139,17 +140,18 @@ static int open_unix(const std::string &where)
         fail(where, "the path must have 1 to 107 bytes, not " + std::to_string(path.size()));
     std::memcpy(address.sun_path, path.data(), path.size());
     remove_dead_socket(address);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    util::descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     /* By the mask, so that the mode is right from the start. No other thread runs yet. */
     const mode_t former = umask(0117);
     try {
-        listening(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address), where);
+        const int fd = listening(std::move(made), reinterpret_cast<const sockaddr *>(&address),
+                                 sizeof(address), where);
+        umask(former);
+        return fd;
     } catch (...) {
         umask(former);
         throw;
     }
-    umask(former);
-    return fd;
 }
 
 int open_listener(const std::string &where)

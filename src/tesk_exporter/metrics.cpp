@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One row for each family, and one function that writes its samples for a port. While the server is
-   away or doesn't answer its values are left out, since they are unknown; counters and ages stay.
- */
+/* One row for each family, with a function that writes its samples for a port or gives its only
+   value. While the server is away or doesn't answer its values are left out, since they are
+   unknown; counters and ages stay. */
 #include "tesk_exporter/metrics.h"
 
 #include "program/units.h"
@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <fstream>
 #include <memory>
+#include <span>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
@@ -31,6 +32,12 @@ struct port_family {
     family described;
     bool needs_server; /* a present state: left out while the server is away */
     void (*write)(const scrape &to, const port_state &port);
+};
+
+/* A family with one sample and no label. */
+struct single_family {
+    family described;
+    double (*value)(const model &board, const exporter_figures &figures);
 };
 } // namespace
 
@@ -217,10 +224,27 @@ static constexpr port_family port_families[] = {
      }},
 };
 
-static void write_one(metrics_writer &writer, const family &described, double value)
+static constexpr single_family server_families[] = {
+    {{"tesk_up", metric_type::gauge, "", "Whether tesk-server is connected and answers in time."},
+     [](const model &board, const exporter_figures &) { return board.is_up() ? 1.0 : 0.0; }},
+    {{"tesk_connections", metric_type::counter, "",
+      "Connections to tesk-server that were established; all but the first are reconnections."},
+     [](const model &board, const exporter_figures &) {
+         return static_cast<double>(board.connections);
+     }},
+    {{"tesk_ports", metric_type::gauge, "", "Ports that are followed."},
+     [](const model &board, const exporter_figures &) {
+         return static_cast<double>(board.ports().size());
+     }},
+};
+
+static void write_singles(metrics_writer &writer, std::span<const single_family> rows,
+                          const model &board, const exporter_figures &figures)
 {
-    writer.begin(described);
-    writer.sample("", value);
+    for (const single_family &row : rows) {
+        writer.begin(row.described);
+        writer.sample("", row.value(board, figures));
+    }
 }
 
 static void write_latency(metrics_writer &writer, const latency_histogram &latency)
@@ -240,19 +264,10 @@ static void write_latency(metrics_writer &writer, const latency_histogram &laten
     writer.sample("_count", "", "", static_cast<double>(count));
 }
 
-static void write_server(metrics_writer &writer, const model &board)
+static void write_server(metrics_writer &writer, const model &board,
+                         const exporter_figures &figures)
 {
-    write_one(writer,
-              {"tesk_up", metric_type::gauge, "",
-               "Whether tesk-server is connected and answers in time."},
-              board.is_up());
-    write_one(writer,
-              {"tesk_connections", metric_type::counter, "",
-               "Connections to tesk-server that were established; all but the first are "
-               "reconnections."},
-              static_cast<double>(board.connections));
-    write_one(writer, {"tesk_ports", metric_type::gauge, "", "Ports that are followed."},
-              static_cast<double>(board.ports().size()));
+    write_singles(writer, server_families, board, figures);
     write_latency(writer, board.latency);
     writer.begin({"tesk_failed_reads", metric_type::counter, "",
                   "Reads of measured values without a result, by the reason."});
@@ -276,35 +291,48 @@ static double open_descriptors()
     return count - 3; /* ".", ".." and the folder itself */
 }
 
-/* By the names that all exporters give these. */
-static void write_process(metrics_writer &writer, const exporter_figures &figures)
+static double processor_seconds()
 {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     const auto seconds = [](const timeval &time) {
         return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
     };
-    write_one(writer,
-              {"process_cpu_seconds", metric_type::counter, "seconds",
-               "Processor time of the exporter, user and system."},
-              seconds(usage.ru_utime) + seconds(usage.ru_stime));
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+static double resident_bytes()
+{
     double pages = 0, resident = 0;
     std::ifstream("/proc/self/statm") >> pages >> resident;
-    write_one(writer,
-              {"process_resident_memory_bytes", metric_type::gauge, "bytes",
-               "Resident memory of the exporter."},
-              resident * static_cast<double>(sysconf(_SC_PAGESIZE)));
-    write_one(writer,
-              {"process_start_time_seconds", metric_type::gauge, "seconds",
-               "Start of the exporter since 1970."},
-              static_cast<double>(figures.started_us) / 1e6);
-    write_one(writer, {"process_open_fds", metric_type::gauge, "", "Open descriptors."},
-              open_descriptors());
+    return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+static double most_descriptors()
+{
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    write_one(writer, {"process_max_fds", metric_type::gauge, "", "The limit of open descriptors."},
-              static_cast<double>(limit.rlim_cur));
+    return static_cast<double>(limit.rlim_cur);
 }
+
+/* By the names that all exporters give these. */
+static constexpr single_family process_families[] = {
+    {{"process_cpu_seconds", metric_type::counter, "seconds",
+      "Processor time of the exporter, user and system."},
+     [](const model &, const exporter_figures &) { return processor_seconds(); }},
+    {{"process_resident_memory_bytes", metric_type::gauge, "bytes",
+      "Resident memory of the exporter."},
+     [](const model &, const exporter_figures &) { return resident_bytes(); }},
+    {{"process_start_time_seconds", metric_type::gauge, "seconds",
+      "Start of the exporter since 1970."},
+     [](const model &, const exporter_figures &figures) {
+         return static_cast<double>(figures.started_us) / 1e6;
+     }},
+    {{"process_open_fds", metric_type::gauge, "", "Open descriptors."},
+     [](const model &, const exporter_figures &) { return open_descriptors(); }},
+    {{"process_max_fds", metric_type::gauge, "", "The limit of open descriptors."},
+     [](const model &, const exporter_figures &) { return most_descriptors(); }},
+};
 
 static void write_forecasts(metrics_writer &writer, const model &board,
                             const exporter_figures &figures)
@@ -350,46 +378,64 @@ static void write_falls(metrics_writer &writer, const model &board, port_details
     });
 }
 
-static void write_exporter(metrics_writer &writer, const exporter_figures &figures)
+static constexpr single_family exporter_families[] = {
+    {{"tesk_exporter_interval_seconds", metric_type::gauge, "seconds",
+      "Time between two reads of the measured values of a port."},
+     [](const model &, const exporter_figures &figures) {
+         return std::chrono::duration<double>(figures.interval).count();
+     }},
+    {{"tesk_exporter_http_connections", metric_type::gauge, "", "Open connections."},
+     [](const model &, const exporter_figures &figures) {
+         return static_cast<double>(figures.connections);
+     }},
+    {{"tesk_exporter_http_ended_connections", metric_type::counter, "",
+      "Connections that the exporter ended: too slow, or idle where places were short. One that is "
+      "closed after a long idle time doesn't count."},
+     [](const model &, const exporter_figures &figures) {
+         return static_cast<double>(figures.ended_connections);
+     }},
+    {{"tesk_exporter_event_streams", metric_type::gauge, "", "Open streams of events."},
+     [](const model &, const exporter_figures &figures) {
+         return static_cast<double>(figures.streams);
+     }},
+    {{"tesk_exporter_events", metric_type::counter, "", "Events so far."},
+     [](const model &, const exporter_figures &figures) {
+         return static_cast<double>(figures.events);
+     }},
+    {{"tesk_exporter_lost_journal_records", metric_type::counter, "",
+      "Records that the journal did not take in time."},
+     [](const model &, const exporter_figures &figures) {
+         return static_cast<double>(figures.lost_journal_records);
+     }},
+};
+
+/* Left out where no history is kept. */
+static constexpr single_family history_families[] = {
+    {{"tesk_exporter_history_up", metric_type::gauge, "",
+      "Whether the history is open and can be written."},
+     [](const model &, const exporter_figures &figures) {
+         return figures.is_history_well ? 1.0 : 0.0;
+     }},
+    {{"tesk_exporter_lost_history_records", metric_type::counter, "",
+      "Readings and events that the history did not take in time."},
+     [](const model &, const exporter_figures &figures) {
+         return static_cast<double>(figures.lost_history_records);
+     }},
+};
+
+static void write_exporter(metrics_writer &writer, const model &board,
+                           const exporter_figures &figures)
 {
     writer.begin({"tesk_exporter_build", metric_type::info, "", "The version of the exporter."});
     writer.sample("version=\"" TESK_VERSION "\"", 1);
-    write_one(writer,
-              {"tesk_exporter_interval_seconds", metric_type::gauge, "seconds",
-               "Time between two reads of the measured values of a port."},
-              std::chrono::duration<double>(figures.interval).count());
     writer.begin({"tesk_exporter_http_responses", metric_type::counter, "",
                   "Responses of the exporter, by their status."});
     for (const auto &[code, count] : figures.responses)
         writer.sample("", "code=\"" + std::to_string(code) + "\"", static_cast<double>(count));
-    write_one(writer,
-              {"tesk_exporter_http_connections", metric_type::gauge, "", "Open connections."},
-              static_cast<double>(figures.connections));
-    write_one(
-        writer,
-        {"tesk_exporter_http_ended_connections", metric_type::counter, "",
-         "Connections that the exporter ended: too slow, or idle where places were short. One "
-         "that is closed after a long idle time doesn't count."},
-        static_cast<double>(figures.ended_connections));
-    write_one(writer,
-              {"tesk_exporter_event_streams", metric_type::gauge, "", "Open streams of events."},
-              static_cast<double>(figures.streams));
-    write_one(writer, {"tesk_exporter_events", metric_type::counter, "", "Events so far."},
-              static_cast<double>(figures.events));
-    write_one(writer,
-              {"tesk_exporter_lost_journal_records", metric_type::counter, "",
-               "Records that the journal did not take in time."},
-              static_cast<double>(figures.lost_journal_records));
-    if (!figures.has_history)
-        return;
-    write_one(writer,
-              {"tesk_exporter_history_up", metric_type::gauge, "",
-               "Whether the history is open and can be written."},
-              figures.is_history_well);
-    write_one(writer,
-              {"tesk_exporter_lost_history_records", metric_type::counter, "",
-               "Readings and events that the history did not take in time."},
-              static_cast<double>(figures.lost_history_records));
+    write_singles(writer, exporter_families, board, figures);
+    if (figures.has_history)
+        write_singles(writer, history_families, board, figures);
+    write_singles(writer, process_families, board, figures);
 }
 
 std::string render_metrics(const model &board, port_details &details, bool has_lanes,
@@ -403,7 +449,7 @@ std::string render_metrics(const model &board, port_details &details, bool has_l
         size += text.size();
     metrics_writer writer(format);
     writer.reserve(size);
-    write_server(writer, board);
+    write_server(writer, board, figures);
     for (const port_family &row : port_families) {
         writer.begin(row.described);
         if (row.needs_server && !board.is_up())
@@ -415,8 +461,7 @@ std::string render_metrics(const model &board, port_details &details, bool has_l
     write_falls(writer, board, details, now);
     for (const metrics_writer &text : detailed)
         writer.append(text);
-    write_exporter(writer, figures);
-    write_process(writer, figures);
+    write_exporter(writer, board, figures);
     return writer.finish();
 }
 

@@ -71,56 +71,70 @@ static int print_drop_in(const std::string &listen, std::string clients)
     return static_cast<int>(exit_code::done);
 }
 
-std::optional<int> read_options(int argc, char **argv, settings &read)
+namespace
 {
-    CLI::App app{"Serves the ports of tesk-server by HTTP: metrics, events and a page."};
+/* What the command line has in another form than the settings. */
+struct words {
     std::vector<std::string> ports;
     double interval = 15;
     bool no_refresh = false;
     bool no_lanes = false;
     std::string clients;
+    int64_t history_mib = 256;
+};
+} // namespace
+
+static void add_options(CLI::App &app, settings &read, words &given)
+{
     app.set_version_flag("--version", "tesk-exporter " TESK_VERSION);
     app.add_option("--listen", read.listen, "Serve at ADDRESS:PORT or unix:PATH")
         ->take_last()
         ->capture_default_str();
     app.add_option("--host", read.hosts, "Accept this name in the Host header, too");
-    app.add_option("--ports", ports,
+    app.add_option("--ports", given.ports,
                    "Follow these ports, as in 0-3,7; without it those of the "
                    "port map, else those of 0 to 127 that answer");
-    app.add_option("--interval", interval, "Seconds between two reads of the measured values")
+    app.add_option("--interval", given.interval, "Seconds between two reads of the measured values")
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
-    app.add_flag("--no-refresh", no_refresh, "Take grades from indications only");
-    app.add_flag("--no-lanes", no_lanes, "Leave the series of single lanes out of the metrics");
+    app.add_flag("--no-refresh", given.no_refresh, "Take grades from indications only");
+    app.add_flag("--no-lanes", given.no_lanes,
+                 "Leave the series of single lanes out of the metrics");
     app.add_flag("--journal", read.journal, "Write each change to the journal");
     app.add_option("--web", read.web, "Serve the page from this folder")->capture_default_str();
-    app.add_option("--print-drop-in", clients,
+    app.add_option("--print-drop-in", given.clients,
                    "Print the drop-in of the systemd unit with which these CLIENTS can reach "
                    "--listen: addresses or networks, as in 192.0.2.0/24,2001:db8::7, or any");
     app.add_option("--history", read.history,
                    "Keep two years of readings and events in this folder");
-    int64_t history_mib = 256;
-    app.add_option("--history-limit", history_mib, "MiB that they take at most")
+    app.add_option("--history-limit", given.history_mib, "MiB that they take at most")
         ->check(CLI::Range(16, 65536))
         ->capture_default_str();
     app.add_option("--replay", read.replay,
                    "Forecast from these files or folders of readings, write JSON lines, and end");
+}
+
+std::optional<int> read_options(int argc, char **argv, settings &read)
+{
+    CLI::App app{"Serves the ports of tesk-server by HTTP: metrics, events and a page."};
+    words given;
+    add_options(app, read, given);
     try {
         app.parse(argc, argv);
-        if (!ports.empty())
-            read.ports = parse_ports(ports);
+        if (!given.ports.empty())
+            read.ports = parse_ports(given.ports);
     } catch (const CLI::ParseError &error) {
         return static_cast<int>(app.exit(error) == 0 ? exit_code::done : exit_code::usage);
     } catch (const tool_error &error) {
         std::fprintf(stderr, "tesk-exporter: --ports: %s\n", error.what());
         return static_cast<int>(exit_code::usage);
     }
-    if (!clients.empty())
-        return print_drop_in(read.listen, clients);
-    read.interval = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
-    read.refresh = !no_refresh;
-    read.lanes = !no_lanes;
-    read.history_limit = history_mib << 20;
+    if (!given.clients.empty())
+        return print_drop_in(read.listen, given.clients);
+    read.interval = std::chrono::milliseconds(static_cast<int64_t>(given.interval * 1000));
+    read.refresh = !given.no_refresh;
+    read.lanes = !given.no_lanes;
+    read.history_limit = given.history_mib << 20;
     return std::nullopt;
 }
 

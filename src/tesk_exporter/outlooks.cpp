@@ -160,7 +160,35 @@ static std::string key_text(int lane, forecast::quantity value)
     return fmt::format("{} {}", lane, static_cast<int>(value));
 }
 
-/* Hours where steps are gone, then steps. */
+/* Hours where steps are gone, then steps. Returns the end of the history. */
+int64_t outlooks::feed_all(history::chronicle &kept, const std::function<bool()> &must_stop)
+{
+    const auto length = [](history::level of) {
+        return history::level_length[of] * history::level_seconds[of];
+    };
+    const int64_t end = kept.time().start(), first_step = end - length(history::step_rows);
+    int64_t present = 0; /* the number of the rows that come; thousands of rows have the same */
+    bool is_over = false;
+    const auto take = [&](history::level of) {
+        return [&, of](int64_t number, int64_t id, const history::record &read) {
+            if (std::exchange(present, number) != number)
+                is_over = is_over || must_stop();
+            const auto place = kept.places().find(id);
+            const bool is_past = of == history::hour_rows;
+            const int64_t middle = is_past ? history::level_seconds[of] / 2 : 0;
+            if (place != kept.places().end() && !is_over)
+                feed(place->second, number * history::level_seconds[of] + middle, read, is_past);
+        };
+    };
+    const int64_t hour = history::level_seconds[history::hour_rows],
+                  step = history::level_seconds[history::step_rows];
+    kept.read_all(history::hour_rows, (end - length(history::hour_rows)) / hour,
+                  first_step / hour - 1, take(history::hour_rows));
+    kept.read_all(history::step_rows, first_step / hour * hour / step, end / step,
+                  take(history::step_rows));
+    return end;
+}
+
 void outlooks::restore(history::chronicle &kept, const std::function<bool()> &must_stop)
 {
     ports_.clear();
@@ -172,30 +200,7 @@ void outlooks::restore(history::chronicle &kept, const std::function<bool()> &mu
     for (const history::announcement &each : known)
         if (each.key == limits_key)
             limits_[each.place] = limits_in(each.text);
-    const auto length = [](history::level of) {
-        return history::level_length[of] * history::level_seconds[of];
-    };
-    const int64_t end = kept.time().start(), first_step = end - length(history::STEPS);
-    int64_t present = 0; /* the number of the rows that come; thousands of rows have the same */
-    bool is_over = false;
-    const auto take = [&](history::level of) {
-        return [&, of](int64_t number, int64_t id, const history::record &read) {
-            if (std::exchange(present, number) != number)
-                is_over = is_over || must_stop();
-            const auto place = kept.places().find(id);
-            const bool is_past = of == history::HOURS;
-            const int64_t middle = is_past ? history::level_seconds[of] / 2 : 0;
-            if (place != kept.places().end() && !is_over)
-                feed(place->second, number * history::level_seconds[of] + middle, read, is_past);
-        };
-    };
-    const int64_t hour = history::level_seconds[history::HOURS],
-                  step = history::level_seconds[history::STEPS];
-    kept.read_all(history::HOURS, (end - length(history::HOURS)) / hour, first_step / hour - 1,
-                  take(history::HOURS));
-    kept.read_all(history::STEPS, first_step / hour * hour / step, end / step,
-                  take(history::STEPS));
-    look(end);
+    look(feed_all(kept, must_stop));
     for (const history::announcement &each : known) {
         const auto kept_as = lane_and_quantity(each.key);
         if (!kept_as)

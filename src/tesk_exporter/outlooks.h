@@ -72,6 +72,7 @@ class outlooks
         int64_t fed = 0;
     };
 
+    int64_t feed_all(history::chronicle &kept, const std::function<bool()> &must_stop);
     void look(int64_t present);
     std::vector<forecast::report> now_of(const history::chronicle &kept, int64_t boot,
                                          std::vector<history::place> &places) const;

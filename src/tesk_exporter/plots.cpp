@@ -66,7 +66,7 @@ void plots::add(const tesk_client_pm &pm, uint64_t now_s)
     const slot values = stored(pm);
     rings_->hour[rings_->hour_end % hour_slots] = values;
     range &day = rings_->day[rings_->day_end % day_slots];
-    for (size_t i = 0; i < PLOTTED_VALUES; i++) {
+    for (size_t i = 0; i < plotted_values; i++) {
         if (values[i] == absent)
             continue;
         const bool is_first = day.least[i] == absent;
@@ -99,7 +99,7 @@ plots::range plots::day(uint64_t now_s, size_t age) const
 
 double plots::in_unit(plotted value, int16_t stored)
 {
-    static constexpr double divisors[PLOTTED_VALUES] = {100, 100, 10, 1000, 100};
+    static constexpr double divisors[plotted_values] = {100, 100, 10, 1000, 100};
     return stored / divisors[value];
 }
 

@@ -19,12 +19,12 @@ namespace exporter
 
 /* The plotted values, each the index into a slot. */
 enum plotted : size_t {
-    PLOTTED_TX_POWER,    /* 0.01 dBm */
-    PLOTTED_RX_POWER,    /* 0.01 dBm */
-    PLOTTED_TEMPERATURE, /* 0.1 degrees Celsius */
-    PLOTTED_VOLTAGE,     /* 1 mV */
-    PLOTTED_BIAS,        /* 0.01 mA, up to 327.67 */
-    PLOTTED_VALUES,      /* how many there are */
+    plotted_tx_power,    /* 0.01 dBm */
+    plotted_rx_power,    /* 0.01 dBm */
+    plotted_temperature, /* 0.1 degrees Celsius */
+    plotted_voltage,     /* 1 mV */
+    plotted_bias,        /* 0.01 mA, up to 327.67 */
+    plotted_values,      /* how many there are */
 };
 
 class plots
@@ -36,7 +36,7 @@ class plots
     static constexpr size_t hour_slots = 240;
     static constexpr size_t day_slots = 144;
 
-    using slot = std::array<int16_t, PLOTTED_VALUES>;
+    using slot = std::array<int16_t, plotted_values>;
     struct range {
         slot least;
         slot greatest;

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* replay - the forecast on files of readings, as JSON lines. docs/forecast.md has both formats. */
+/* replay - the forecast on files of readings, as JSON lines. docs/forecast.md has both formats.
+   One thread. */
 #pragma once
 
 #include <cstdio>

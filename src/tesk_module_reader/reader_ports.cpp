@@ -4,6 +4,7 @@
 #include "tesk_module_reader/reader_ports.h"
 
 #include "tesk_module_reader/saved_numbers.h"
+#include "util/module_addresses.h"
 
 #include <algorithm>
 #include <array>
@@ -25,8 +26,13 @@ using linux_board::module_source;
 /* An interface that every namespace has, and that no module belongs to. */
 static constexpr int32_t loopback = 1;
 
-static constexpr reader_request first_byte = {
-    .port = 0, .address = 0x50, .bank = 0, .page = 0, .offset = 0, .length = 1, .zero = 0};
+static constexpr reader_request first_byte = {.port = 0,
+                                              .address = identity_address,
+                                              .bank = 0,
+                                              .page = 0,
+                                              .offset = 0,
+                                              .length = 1,
+                                              .zero = 0};
 
 reader_ports::reader_ports(const std::optional<linux_board::port_config> &config,
                            known_interfaces &known, const std::string &saved, bool is_saving)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* requests - a packet from a client: checked, carried out and answered. Pure but for the reading
-   that is passed in. */
+   that is passed in. No state. */
 #pragma once
 
 #include "platform/linux_interfaces/reader_protocol.h"

@@ -23,8 +23,8 @@ static int32_t lowest_candidate = 1;
 
 static leaky_bucket_state state_of(const leaky_bucket_data *bucket)
 {
-    return bucket->level < bucket->filter_level ? LEAKY_BUCKET_BELOW_LEVEL
-                                                : LEAKY_BUCKET_LEVEL_REACHED;
+    return bucket->level < bucket->filter_level ? leaky_bucket_below_level
+                                                : leaky_bucket_level_reached;
 }
 
 /* False when memory is exhausted; the table is then as it was. */
@@ -126,7 +126,7 @@ leaky_bucket_state leaky_bucket_get_state(int32_t id)
 
     if (bucket == nullptr) {
         tesk_trace(TESK_TRACE_ERROR, "Cannot get leaky bucket state: id %d not found", id);
-        return LEAKY_BUCKET_NOT_FOUND;
+        return leaky_bucket_not_found;
     }
     return state_of(bucket);
 }
@@ -137,7 +137,7 @@ leaky_bucket_state leaky_bucket_update(int32_t id, int32_t delta)
 
     if (bucket == nullptr) {
         tesk_trace(TESK_TRACE_ERROR, "Cannot update leaky bucket: id %d not found", id);
-        return LEAKY_BUCKET_NOT_FOUND;
+        return leaky_bucket_not_found;
     }
 
     /* The upper limit is tested first. A level of exactly 0 does not count as emptied: it is a
@@ -152,7 +152,7 @@ leaky_bucket_state leaky_bucket_update(int32_t id, int32_t delta)
     }
     tesk_trace(TESK_TRACE_BUCKET, "Bucket(%u) level-> %d", static_cast<unsigned>(id),
                bucket->level);
-    return emptied ? LEAKY_BUCKET_EMPTIED : state_of(bucket);
+    return emptied ? leaky_bucket_emptied : state_of(bucket);
 }
 
 leaky_bucket_data *leaky_bucket_find(int32_t id)

@@ -8,10 +8,10 @@
 #include <cstdint>
 
 enum leaky_bucket_state : uint32_t {
-    LEAKY_BUCKET_BELOW_LEVEL = 0,
-    LEAKY_BUCKET_LEVEL_REACHED = 1, /* level at or above the filter level */
-    LEAKY_BUCKET_EMPTIED = 2,       /* an update would have gone below 0 */
-    LEAKY_BUCKET_NOT_FOUND = 3,
+    leaky_bucket_below_level = 0,
+    leaky_bucket_level_reached = 1, /* level at or above the filter level */
+    leaky_bucket_emptied = 2,       /* an update would have gone below 0 */
+    leaky_bucket_not_found = 3,
 };
 
 struct leaky_bucket_data {
@@ -42,11 +42,11 @@ leaky_bucket_data *leaky_bucket_take_out(int32_t id);
    been added in between. */
 void leaky_bucket_reinsert(leaky_bucket_data *bucket);
 
-/* The state of the level, unchanged; LEAKY_BUCKET_NOT_FOUND is traced. */
+/* The state of the level, unchanged; leaky_bucket_not_found is traced. */
 leaky_bucket_state leaky_bucket_get_state(int32_t id);
 
 /* Adds `delta` to the level, limits it to the range from 0 to the bucket's size, and returns the
-   resulting state; LEAKY_BUCKET_NOT_FOUND is traced. */
+   resulting state; leaky_bucket_not_found is traced. */
 leaky_bucket_state leaky_bucket_update(int32_t id, int32_t delta);
 
 /* The bucket itself, valid until it is removed, or null without a trace. */

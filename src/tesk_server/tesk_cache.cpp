@@ -51,7 +51,7 @@ int tesk_cache_add(const tesk_cache_entry *entry)
     GArray *cache = cache_of(entry->type);
     if (cache == nullptr)
         return 1;
-    if (cache->len + 1 > TESK_CACHE_LIMIT)
+    if (cache->len + 1 > tesk_cache_limit)
         g_array_remove_index(cache, 0);
     /* All members of the union start at the same address. */
     g_array_append_vals(cache, &entry->port_status, 1);
@@ -84,7 +84,7 @@ int tesk_cache_read(uint32_t type, uint32_t *count, tesk_cache_entry **entries)
 
 static GArray *make_cache(guint record_size)
 {
-    return g_array_sized_new(FALSE, FALSE, record_size, TESK_CACHE_LIMIT);
+    return g_array_sized_new(FALSE, FALSE, record_size, tesk_cache_limit);
 }
 
 void tesk_cache_init()

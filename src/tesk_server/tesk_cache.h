@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <sys/time.h>
 
-inline constexpr uint32_t TESK_CACHE_LIMIT = 30;
+inline constexpr uint32_t tesk_cache_limit = 30;
 
 enum tesk_cache_entry_type : uint32_t {
     TESK_CACHE_PORT_STATUS = 1,

@@ -83,7 +83,7 @@ static GArray **array_of_port(uint32_t port_no, uint32_t kind)
     GArray **&table = port_subscribers[kind - 1];
 
     if (table == nullptr)
-        table = g_new0(GArray *, TESK_NUMBER_OF_PORTS);
+        table = g_new0(GArray *, tesk_number_of_ports);
     return &table[port_no];
 }
 
@@ -261,7 +261,7 @@ void tesk_client_remove_subscription(tesk_client *client, int32_t index)
 /* Kinds start at 1: kind 0 wraps around, so that one comparison covers both ends. */
 std::span<const tesk_subscriber> tesk_client_subscribers(uint32_t port_no, uint32_t kind)
 {
-    if (port_no >= TESK_NUMBER_OF_PORTS || kind - 1 >= number_of_kinds ||
+    if (port_no >= tesk_number_of_ports || kind - 1 >= number_of_kinds ||
         port_subscribers[kind - 1] == nullptr)
         return {};
     const GArray *array = port_subscribers[kind - 1][port_no];

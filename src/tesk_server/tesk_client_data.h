@@ -12,8 +12,8 @@
 #include <span>
 
 enum tesk_subscription_kind : uint32_t {
-    TESK_SUBSCRIPTION_SFP_INFO = 1,
-    TESK_SUBSCRIPTION_PORT_STATUS = 2,
+    tesk_subscription_sfp_info = 1,
+    tesk_subscription_port_status = 2,
 };
 
 struct tesk_client_subscription {
@@ -63,7 +63,7 @@ tesk_client *tesk_client_first();
 /* The index of the client's subscription in its array, or -1. */
 int32_t tesk_client_find_subscription(const tesk_client *client, uint32_t port_no, uint32_t kind);
 
-/* Appends a subscription that the client doesn't hold. `port_no` is below TESK_NUMBER_OF_PORTS and
+/* Appends a subscription that the client doesn't hold. `port_no` is below tesk_number_of_ports and
    `kind` is a tesk_subscription_kind. */
 void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_t kind);
 

@@ -87,7 +87,7 @@ static tesk_hw_event *make_event(tesk_hw_event_type type, uint32_t port_no)
     return event;
 }
 
-/* All states but operational are PORTSTATE_DOWN. */
+/* All states but operational are port_down. */
 static void handle_link_status(const dolm_ric_link_status *link)
 {
     const uint32_t port_no = dolm_ric_port_no(link->id);
@@ -97,8 +97,8 @@ static void handle_link_status(const dolm_ric_link_status *link)
                "link_status.state = %u(0 = DOLM_RICRILINKSTATE_STOPPED, 1 = "
                "DOLM_RICRILINKSTATE_NOOPERATION, 2 = DOLM_RICRILINKSTATE_OPERATIONAL)",
                port_no, link->state);
-    tesk_hw_event *event = make_event(TESK_HW_EVENT_PORT_STATE, port_no);
-    event->state = link->state == DOLM_RICRILINKSTATE_OPERATIONAL ? PORTSTATE_UP : PORTSTATE_DOWN;
+    tesk_hw_event *event = make_event(tesk_hw_event_port_state, port_no);
+    event->state = link->state == DOLM_RICRILINKSTATE_OPERATIONAL ? port_up : port_down;
     tesk_event_queue_put(event);
 }
 
@@ -106,14 +106,14 @@ static void handle_link_status(const dolm_ric_link_status *link)
 static tesk_sfp_presence presence_of_event(uint32_t status)
 {
     if (status & DOLM_RICRIPORT_MODREADY)
-        return SFP_PRESENT_AND_READY;
+        return sfp_present_and_ready;
     if (status & DOLM_RICRIPORT_MODINSERTED)
-        return SFP_PRESENT_NOT_READY;
+        return sfp_present_not_ready;
     if (status & DOLM_RICRIPORT_STARTED)
-        return SFP_NOT_PRESENT;
+        return sfp_not_present;
     tesk_trace(TESK_TRACE_COURSE, "dolm_ric_event_main(): unhandled port_status(%u) received",
                status);
-    return SFP_UNKNOWN;
+    return sfp_unknown;
 }
 
 static void handle_port_status(const dolm_ric_port_status *port)
@@ -126,7 +126,7 @@ static void handle_port_status(const dolm_ric_port_status *port)
                "DOLM_RICRIPORT_MODREADY, 0x04 = DOLM_RICRIPORT_POWERFAULT, 0x08 = "
                "DOLM_RICRIPORT_MODINSERTED)",
                port_no, port->status);
-    tesk_hw_event *event = make_event(TESK_HW_EVENT_SFP, port_no);
+    tesk_hw_event *event = make_event(tesk_hw_event_sfp, port_no);
     event->state = presence_of_event(port->status);
     tesk_event_queue_put(event);
 }

@@ -26,8 +26,8 @@ const char *dolm_ric_result_text(int32_t result);
 /* malloc that traces exhausted memory and ends the process by abort. Any thread. */
 void *alloc_or_abort(size_t size);
 
-/* Reads the presence of a port's module. UNSUPPORTED_PORT when the library doesn't know the port,
-   SFP_UNKNOWN on any other failure; failures are traced. */
+/* Reads the presence of a port's module. unsupported_port when the library doesn't know the port,
+   sfp_unknown on any other failure; failures are traced. */
 tesk_sfp_presence get_dolm_sfp_presence(uint32_t port_no);
 
 /* Makes the hardware subscription to a port's module changes. Result as above. */
@@ -39,7 +39,7 @@ int32_t subscribe_port_status(uint32_t port_no);
 int32_t unsubscribe_port_status(uint32_t port_no);
 
 /* Reads the module's identity into `info`, which the caller has zeroed, if a module can be expected
-   for `presence`: SFP_PRESENT_AND_READY or SFP_UNKNOWN. Fills type, texts and speed, and returns
+   for `presence`: sfp_present_and_ready or sfp_unknown. Fills type, texts and speed, and returns
    the presence as read. Without a successful read `info` is untouched. */
 tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_info *info);
 

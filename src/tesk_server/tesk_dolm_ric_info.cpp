@@ -36,14 +36,14 @@ static void trace_port_failure(const operation_names &names, uint32_t port_no, i
 static tesk_sfp_presence presence_of_read(int32_t result, uint32_t status)
 {
     if (result == DOLM_RICERR_NODEV)
-        return UNSUPPORTED_PORT;
+        return unsupported_port;
     if (result != DOLM_RICERR_OK)
-        return SFP_UNKNOWN;
+        return sfp_unknown;
     if (status & DOLM_RICRIPORT_MODREADY)
-        return SFP_PRESENT_AND_READY;
+        return sfp_present_and_ready;
     if (status & DOLM_RICRIPORT_MODINSERTED)
-        return SFP_PRESENT_NOT_READY;
-    return SFP_NOT_PRESENT;
+        return sfp_present_not_ready;
+    return sfp_not_present;
 }
 
 using presence_operation = int32_t(uintptr_t handle, uint32_t id, dolm_ric_port_status *out);
@@ -190,23 +190,10 @@ struct module_texts {
     char rdh[sizeof(dolm_sfp_info::sfp_morvaine_rdh) + 1];
 };
 
-/* The group is tested once, before the texts are copied for the traces. */
-void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
+/* The values of the constants are traced, too, so that the traces can be read without the library's
+   documentation. */
+static void trace_module_codes()
 {
-    if (!tesk_trace_enabled(TESK_TRACE_COURSE))
-        return;
-
-    module_texts texts;
-    tesk_copy_bounded(texts.vendor_name, sfp->sfp_vendor_name);
-    tesk_copy_bounded(texts.vendor_oui, sfp->sfp_vendor_oui);
-    tesk_copy_bounded(texts.vendor_pn, sfp->sfp_vendor_pn);
-    tesk_copy_bounded(texts.vendor_rev, sfp->sfp_vendor_rev);
-    tesk_copy_bounded(texts.vendor_sn, sfp->sfp_vendor_sn);
-    tesk_copy_bounded(texts.date_code, sfp->sfp_date_code);
-    tesk_copy_bounded(texts.rdh, sfp->sfp_morvaine_rdh);
-
-    /* The values of the constants are traced, too, so that the traces can be read without the
-       library's documentation. */
     tesk_trace(TESK_TRACE_COURSE,
                "Values for sfp_connector: DOLM_SFP_CONNECTOR_UNSPEC = 0x0, DOLM_SFP_CONNECTOR_LC "
                "= 0x1, DOLM_SFP_CONNECTOR_RJ45 = 0x2, DOLM_SFP_CONNECTOR_OTHER = 0xff");
@@ -226,6 +213,24 @@ void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
                "Values for sfp_type: DOLM_SFP_TYPE_UNKNOWN = 0x0, DOLM_SFP_TYPE_OPTICAL = 0x1, "
                "DOLM_SFP_TYPE_BASET = 0x2, DOLM_SFP_TYPE_DAC_PASSIVE = 0x3, "
                "DOLM_SFP_TYPE_DAC_ACTIVE = 0x4");
+}
+
+/* The group is tested once, before the texts are copied for the traces. */
+void trace_module_identity(const dolm_sfp_info *sfp, const char *after_rev)
+{
+    if (!tesk_trace_enabled(TESK_TRACE_COURSE))
+        return;
+
+    module_texts texts;
+    tesk_copy_bounded(texts.vendor_name, sfp->sfp_vendor_name);
+    tesk_copy_bounded(texts.vendor_oui, sfp->sfp_vendor_oui);
+    tesk_copy_bounded(texts.vendor_pn, sfp->sfp_vendor_pn);
+    tesk_copy_bounded(texts.vendor_rev, sfp->sfp_vendor_rev);
+    tesk_copy_bounded(texts.vendor_sn, sfp->sfp_vendor_sn);
+    tesk_copy_bounded(texts.date_code, sfp->sfp_date_code);
+    tesk_copy_bounded(texts.rdh, sfp->sfp_morvaine_rdh);
+
+    trace_module_codes();
     tesk_trace(TESK_TRACE_COURSE,
                "sfp->sfp_connector = %u, sfp_eth_speed = %u, sfp_eth_compliance = %u, "
                "sfp_nom_bitrate = %u, sfp_vendor_name = %s",
@@ -261,8 +266,8 @@ static void fill_sfp_info(const dolm_sfp_info *sfp, tesk_sfp_info *info)
 tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_info *info)
 {
     /* A module that isn't ready cannot be read, and only a read resolves an unknown presence. */
-    if (presence != SFP_PRESENT_AND_READY && presence != SFP_UNKNOWN)
-        return SFP_NOT_PRESENT;
+    if (presence != sfp_present_and_ready && presence != sfp_unknown)
+        return sfp_not_present;
 
     dolm_ric_module_info module = {};
     const int32_t result =
@@ -271,13 +276,13 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
     case DOLM_RICERR_OK:
         break;
     case DOLM_RICERR_NODEV:
-        return UNSUPPORTED_PORT;
+        return unsupported_port;
     case DOLM_RICERR_NOTAVAIL:
-        return SFP_NOT_PRESENT;
+        return sfp_not_present;
     default:
         tesk_trace(TESK_TRACE_NOTABLE, "WARNING: dolm_ric_ri_getmoduleinfo returned result %d!",
                    result);
-        return SFP_UNKNOWN;
+        return sfp_unknown;
     }
 
     /* Anything other than an SFP module is reported as an electrical module without texts. */
@@ -286,7 +291,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
         tesk_trace(TESK_TRACE_NOTABLE,
                    "dolm_ric_ri_getmoduleinfo returned result %d with mode_type %u!", result,
                    module.mode_type);
-        return SFP_PRESENT_AND_READY;
+        return sfp_present_and_ready;
     }
 
     /* If memory for the copy is exhausted, the process ends before the module is traced. */
@@ -294,7 +299,7 @@ tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_inf
     *sfp = module.sfp;
     fill_sfp_info(sfp, info);
     free(sfp);
-    return SFP_PRESENT_AND_READY;
+    return sfp_present_and_ready;
 }
 
 /* The wide type holds the signed and the unsigned measurements, so the same comparisons apply to

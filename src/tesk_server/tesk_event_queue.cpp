@@ -30,7 +30,7 @@ int tesk_event_queue_init()
     if (queue_fd == -1) {
         tesk_trace(TESK_TRACE_ERROR, "eventfd: %u (%s)", static_cast<unsigned>(errno),
                    strerror(errno));
-        return TESK_FAILURE;
+        return tesk_failure;
     }
     return 0;
 }

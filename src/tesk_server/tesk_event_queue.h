@@ -8,8 +8,8 @@
 #include <cstdint>
 
 enum tesk_hw_event_type : uint32_t {
-    TESK_HW_EVENT_PORT_STATE = 0,
-    TESK_HW_EVENT_SFP = 1,
+    tesk_hw_event_port_state = 0,
+    tesk_hw_event_sfp = 1,
 };
 
 struct tesk_hw_event {
@@ -19,7 +19,7 @@ struct tesk_hw_event {
     tesk_hw_event *next;
 };
 
-/* Creates the eventfd. 0, or TESK_FAILURE with a trace. Main thread. */
+/* Creates the eventfd. 0, or tesk_failure with a trace. Main thread. */
 int tesk_event_queue_init();
 
 /* The descriptor, readable while events are queued. Main thread. */

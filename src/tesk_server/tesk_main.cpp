@@ -44,8 +44,8 @@
 
 /* The sources of the main loop, as the data word of their registrations. */
 enum tesk_epoll_tag : uint32_t {
-    TESK_EPOLL_EVENT_QUEUE = 0,
-    TESK_EPOLL_MAILBOX = 1,
+    tesk_epoll_event_queue = 0,
+    tesk_epoll_mailbox = 1,
 };
 static constexpr int number_of_sources = 2;
 
@@ -112,7 +112,7 @@ int tesk_handle_mailbox()
 
 static void tesk_handle_port_state_event(uint32_t port_no, uint32_t port_state)
 {
-    if (port_state > PORTSTATE_DOWN) {
+    if (port_state > port_down) {
         tesk_trace(TESK_TRACE_ERROR, "Unknown port state(%s) in dolm event, port %u",
                    tesk_port_state_str(port_state), port_no);
         return;
@@ -140,11 +140,11 @@ static void tesk_handle_sfp_event(uint32_t port_no, uint32_t sfp_presence)
 static void handle_hw_event(const tesk_hw_event *event)
 {
     switch (event->type) {
-    case TESK_HW_EVENT_PORT_STATE:
+    case tesk_hw_event_port_state:
         if (tesk_portsub_find_port_status(event->port_no) != -1)
             tesk_handle_port_state_event(event->port_no, event->state);
         break;
-    case TESK_HW_EVENT_SFP:
+    case tesk_hw_event_sfp:
         if (tesk_portsub_find_sfp_info(event->port_no) != -1)
             tesk_handle_sfp_event(event->port_no, event->state);
         break;
@@ -172,10 +172,10 @@ int tesk_handle_epoll_event(struct epoll_event event)
     if ((event.events & EPOLLIN) == 0)
         return 0;
     switch (event.data.u32) {
-    case TESK_EPOLL_EVENT_QUEUE:
+    case tesk_epoll_event_queue:
         tesk_handle_queued_events();
         return 0;
-    case TESK_EPOLL_MAILBOX:
+    case tesk_epoll_mailbox:
         return tesk_handle_mailbox();
     default:
         tesk_trace(TESK_TRACE_ERROR, "Unknown event: %u", event.data.u32);
@@ -236,7 +236,7 @@ static void tesk_setup_signal_handling()
 static int init_failure(const char *line)
 {
     fwrite(line, 1, strlen(line), stderr);
-    return TESK_FAILURE;
+    return tesk_failure;
 }
 
 int tesk_server_init()
@@ -254,7 +254,7 @@ int tesk_server_init()
     own_mailbox = mbx_create_mailbox(TESK_SERVER_NAME, 0);
     if (own_mailbox == MBX_NO_MAILBOX) {
         tesk_trace(TESK_TRACE_ERROR, "Unable to create TESK-server mailbox!");
-        return TESK_FAILURE;
+        return tesk_failure;
     }
     tesk_setup_signal_handling();
 
@@ -268,7 +268,7 @@ int tesk_server_init()
         /* Readers of traces expect this text, whichever call has failed; tesk_dolm_ric_init has
            traced which one it was. */
         tesk_trace(TESK_TRACE_ERROR, "pthread_create: %d (%s)", result, strerror(result));
-        return TESK_FAILURE;
+        return tesk_failure;
     }
     /* Without timers a filtered port stays filtered; everything else works. */
     if (!tmo_service_init())
@@ -339,10 +339,10 @@ static int serve(int *epoll_fd)
     *epoll_fd = epoll_create1(0);
     if (*epoll_fd == -1) {
         tesk_trace(TESK_TRACE_ERROR, "epoll_create1: %d (%s)", errno, strerror(errno));
-        return TESK_FAILURE;
+        return tesk_failure;
     }
-    if (!add_source(*epoll_fd, tesk_event_queue_get_fd(), TESK_EPOLL_EVENT_QUEUE) ||
-        !add_source(*epoll_fd, mbx_get_fd(), TESK_EPOLL_MAILBOX))
+    if (!add_source(*epoll_fd, tesk_event_queue_get_fd(), tesk_epoll_event_queue) ||
+        !add_source(*epoll_fd, mbx_get_fd(), tesk_epoll_mailbox))
         return -1;
     tesk_trace(TESK_TRACE_NOTABLE, "TESK server started!");
     run_loop(*epoll_fd);

@@ -17,14 +17,14 @@ static void end_subscription(const tesk_client *client,
     const uint32_t port_no = subscription->port_no;
 
     switch (subscription->kind) {
-    case TESK_SUBSCRIPTION_PORT_STATUS:
+    case tesk_subscription_port_status:
         if (tesk_portsub_remove_port_status(port_no) != 0)
             tesk_trace(TESK_TRACE_COURSE,
                        "Error while unsubscribing client: %u on port %u for PORT_STATUS "
                        "subscription",
                        client->client_id, port_no);
         break;
-    case TESK_SUBSCRIPTION_SFP_INFO:
+    case tesk_subscription_sfp_info:
         if (tesk_portsub_remove_sfp_info(port_no) != 0)
             tesk_trace(TESK_TRACE_COURSE,
                        "Error while unsubscribing client: %u on port %u for SFP_INFO subscription",

@@ -46,13 +46,13 @@ static GArray *sfp_info_table;
 
 /* The index of a port's record in its table, plus 1; 0 without a record. A page without a
    subscribed port is never touched, and takes no memory. */
-using port_index = uint32_t[TESK_NUMBER_OF_PORTS];
+using port_index = uint32_t[tesk_number_of_ports];
 static port_index port_status_index;
 static port_index sfp_info_index;
 
 static int32_t find_index(const port_index &index, uint32_t port_no)
 {
-    return port_no < TESK_NUMBER_OF_PORTS ? static_cast<int32_t>(index[port_no]) - 1 : -1;
+    return port_no < tesk_number_of_ports ? static_cast<int32_t>(index[port_no]) - 1 : -1;
 }
 
 static tesk_portsub_port_status *find_port_status(uint32_t port_no)
@@ -109,7 +109,7 @@ static bool count_down(record_type *record, uint32_t port_no, int32_t *result)
 {
     if (record == nullptr) {
         tesk_trace(TESK_TRACE_ERROR, "No client subscribed to port (%u)", port_no);
-        *result = TESK_FAILURE;
+        *result = tesk_failure;
         return false;
     }
     *result = 0;
@@ -136,18 +136,18 @@ static int32_t add_bucket(uint32_t port_no)
 }
 
 /* The presence from the records, or else from the hardware. The hardware's answer is stored, since
-   the port's SFP info record, if there is one, contains SFP_UNKNOWN. */
+   the port's SFP info record, if there is one, contains sfp_unknown. */
 static tesk_sfp_presence tesk_portsub_resolve_sfp_presence(uint32_t port_no)
 {
     tesk_sfp_presence presence = get_sfp_presence(port_no);
 
-    if (presence != SFP_UNKNOWN)
+    if (presence != sfp_unknown)
         return presence;
     presence = get_dolm_sfp_presence(port_no);
-    if (presence == SFP_UNKNOWN || presence == UNSUPPORTED_PORT) {
+    if (presence == sfp_unknown || presence == unsupported_port) {
         tesk_trace(TESK_TRACE_ERROR, "Failed to get sfp data on port %u with result %s", port_no,
                    tesk_sfp_presence_str(presence));
-        return SFP_UNKNOWN;
+        return sfp_unknown;
     }
     tesk_portsub_update_sfp_presence(port_no, presence);
     return presence;
@@ -180,8 +180,8 @@ int32_t tesk_portsub_add_sfp_info(uint32_t port_no)
     }
     /* The presence is read in the same call, so that no change is missed between the two. */
     const tesk_sfp_presence presence = subscribe_sfp_info(port_no);
-    if (presence == UNSUPPORTED_PORT || presence == SFP_UNKNOWN)
-        return TESK_FAILURE;
+    if (presence == unsupported_port || presence == sfp_unknown)
+        return tesk_failure;
     const tesk_portsub_sfp_info added = {
         .port_no = port_no, .subscribers = 1, .sfp_presence = presence};
     append_record(sfp_info_table, sfp_info_index, added);
@@ -200,12 +200,12 @@ int32_t tesk_portsub_add_port_status(uint32_t port_no)
         return 0;
     }
     if (subscribe_port_status(port_no) != 0)
-        return TESK_FAILURE;
+        return tesk_failure;
     const int32_t bucket_id = add_bucket(port_no);
     if (bucket_id == -1) {
         /* Without a record nothing would end the new hardware subscription. */
         unsubscribe_port_status(port_no);
-        return TESK_FAILURE;
+        return tesk_failure;
     }
     /* The new record is not in the table yet: only the port's SFP info record can provide the
        presence without a hardware call. An unknown presence does not prevent the subscription,
@@ -215,7 +215,7 @@ int32_t tesk_portsub_add_port_status(uint32_t port_no)
                                             .subscribers = 1,
                                             .bucket_id = bucket_id,
                                             .sfp_presence = presence,
-                                            .port_state = PORTSTATE_UNKNOWN};
+                                            .port_state = port_unknown};
     append_record(port_status_table, port_status_index, added);
     tesk_trace(TESK_TRACE_COURSE,
                "Successfully subscribed for port status on port %u with sfp_presence %s", port_no,
@@ -233,7 +233,7 @@ int32_t tesk_portsub_remove_sfp_info(uint32_t port_no)
     result = unsubscribe_sfp_info(port_no);
     if (result != 0) {
         keep_record(record, "dolm_unsubsport", result);
-        return TESK_FAILURE;
+        return tesk_failure;
     }
     remove_record<tesk_portsub_sfp_info>(sfp_info_table, sfp_info_index, port_no);
     return 0;
@@ -253,7 +253,7 @@ int32_t tesk_portsub_remove_port_status(uint32_t port_no)
         /* The filter continues with its level; no tick is requested, as the one of the bucket is
            still outstanding. */
         leaky_bucket_reinsert(bucket);
-        return TESK_FAILURE;
+        return tesk_failure;
     }
     free(bucket);
     remove_record<tesk_portsub_port_status>(port_status_table, port_status_index, port_no);
@@ -303,13 +303,13 @@ tesk_sfp_presence get_sfp_presence(uint32_t port_no)
                    "presence for port subscription(%s) and sfp subscription(%s)",
                    port_no, tesk_sfp_presence_str(port_status->sfp_presence),
                    tesk_sfp_presence_str(sfp_info->sfp_presence));
-        return SFP_UNKNOWN;
+        return sfp_unknown;
     }
     if (port_status != nullptr)
         return static_cast<tesk_sfp_presence>(port_status->sfp_presence);
     if (sfp_info != nullptr)
         return static_cast<tesk_sfp_presence>(sfp_info->sfp_presence);
-    return SFP_UNKNOWN;
+    return sfp_unknown;
 }
 
 bool tesk_portsub_update_port_state(uint32_t port_no, uint32_t new_state)

@@ -4,7 +4,7 @@
    one subscription for each port and kind, however many clients share it. A record exists exactly
    while that subscription does. Main thread only.
 
-   Port numbers passed to the add functions are below TESK_NUMBER_OF_PORTS: the records are indexed
+   Port numbers passed to the add functions are below tesk_number_of_ports: the records are indexed
    by port. All other functions accept any number.
 
    Exhausted memory: without memory for its bucket a port status subscription fails as described
@@ -29,12 +29,12 @@ int32_t tesk_portsub_find_sfp_info(uint32_t port_no);
 /* The id of the port's bucket; 0 when the port has no port status record. */
 int32_t tesk_portsub_get_bucket_id(uint32_t port_no);
 
-/* Adds a subscriber; the first one makes the hardware subscription. 0, or TESK_FAILURE with nothing
+/* Adds a subscriber; the first one makes the hardware subscription. 0, or tesk_failure with nothing
    changed: the hardware refused, or memory for the bucket is exhausted. */
 int32_t tesk_portsub_add_sfp_info(uint32_t port_no);
 int32_t tesk_portsub_add_port_status(uint32_t port_no);
 
-/* Removes a subscriber; the last one ends the hardware subscription. 0, or TESK_FAILURE with
+/* Removes a subscriber; the last one ends the hardware subscription. 0, or tesk_failure with
    nothing changed: there is no record, or the hardware refused. */
 int32_t tesk_portsub_remove_sfp_info(uint32_t port_no);
 int32_t tesk_portsub_remove_port_status(uint32_t port_no);
@@ -42,7 +42,7 @@ int32_t tesk_portsub_remove_port_status(uint32_t port_no);
 /* Stores a presence in the records of the port. True if at least one of them had another value. */
 bool tesk_portsub_update_sfp_presence(uint32_t port_no, uint32_t presence);
 
-/* The recorded presence; SFP_UNKNOWN without a record, or when the port's two records differ.
+/* The recorded presence; sfp_unknown without a record, or when the port's two records differ.
    Doesn't read the hardware. */
 tesk_sfp_presence get_sfp_presence(uint32_t port_no);
 

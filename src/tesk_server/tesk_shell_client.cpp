@@ -20,9 +20,9 @@ static constexpr size_t trailing_bytes = 4;
 static uint32_t shell_port_state(uint32_t state)
 {
     switch (state) {
-    case PORTSTATE_UP:
+    case port_up:
         return 1;
-    case PORTSTATE_DOWN:
+    case port_down:
         return 2;
     default:
         return 0;
@@ -32,7 +32,7 @@ static uint32_t shell_port_state(uint32_t state)
 /* The values of the two enumerations are equal; any other value is unknown. */
 static uint32_t shell_sfp_presence(uint32_t presence)
 {
-    return presence <= UNSUPPORTED_PORT ? presence : uint32_t{SFP_UNKNOWN};
+    return presence <= unsupported_port ? presence : uint32_t{sfp_unknown};
 }
 
 static uint32_t shell_action(uint32_t action)

@@ -86,7 +86,7 @@ static void notify(const tesk_client *client, const tesk_port_info *info)
 
 static void tesk_send_port_status_ind_to_subscribers(uint32_t port_no, const tesk_port_info *info)
 {
-    const auto subscribers = tesk_client_subscribers(port_no, TESK_SUBSCRIPTION_PORT_STATUS);
+    const auto subscribers = tesk_client_subscribers(port_no, tesk_subscription_port_status);
     for (auto subscriber = subscribers.rbegin(); subscriber != subscribers.rend(); ++subscriber)
         notify(subscriber->client, info);
 }
@@ -123,7 +123,7 @@ static constexpr tesk_subscription_procedure procedure = {
             .rej = TESK_PORT_ANSWER(TESK_SUBSCRIBE_PORT_STATUS_REJ),
         },
     .cfm = TESK_PORT_ANSWER(TESK_SUBSCRIBE_PORT_STATUS_CFM),
-    .kind = TESK_SUBSCRIPTION_PORT_STATUS,
+    .kind = tesk_subscription_port_status,
     .action = TESK_CACHE_ACTION_PORT_STATUS_SUBSCRIBE,
     .change = tesk_portsub_add_port_status,
 };
@@ -144,8 +144,8 @@ void tesk_handle_subscribe_port_status_req(mbx_signal *signal)
        and not only for the first one on a port. If the port has changed and its event is still to
        come, that event finds the state unchanged and the earlier subscribers are not notified. */
     get_port_info(request.port_no, &info);
-    tesk_portsub_update_port_state(
-        request.port_no, info.conn_status == TESK_CONN_OPERATIONAL ? PORTSTATE_UP : PORTSTATE_DOWN);
+    tesk_portsub_update_port_state(request.port_no,
+                                   info.conn_status == TESK_CONN_OPERATIONAL ? port_up : port_down);
     notify(request.client, &info);
 }
 
@@ -161,7 +161,7 @@ void tesk_handle_port_status_filter_timeout(mbx_signal *signal)
        reported even if no change was held back, since changes are not counted. */
     const leaky_bucket_state before = leaky_bucket_get_state(id);
     const leaky_bucket_state after = leaky_bucket_update(id, level_per_tick);
-    if (before == LEAKY_BUCKET_LEVEL_REACHED && after == LEAKY_BUCKET_BELOW_LEVEL)
+    if (before == leaky_bucket_level_reached && after == leaky_bucket_below_level)
         send_present_status(tick->port_no);
     if (bucket->level > 0)
         tesk_port_status_start_filter_timer(tick->bucket_id, tick->port_no);
@@ -175,7 +175,7 @@ void tesk_handle_port_status_filter_timeout(mbx_signal *signal)
 static leaky_bucket_state add_change(const leaky_bucket_data *bucket, uint32_t port_no,
                                      uint32_t new_state)
 {
-    if (new_state == PORTSTATE_UP)
+    if (new_state == port_up)
         return leaky_bucket_get_state(bucket->id);
     const bool idle = bucket->level == 0;
     const leaky_bucket_state after = leaky_bucket_update(bucket->id, level_per_down);
@@ -188,11 +188,11 @@ static leaky_bucket_state add_change(const leaky_bucket_data *bucket, uint32_t p
 static bool is_reported(leaky_bucket_state before, leaky_bucket_state after, uint32_t new_state)
 {
     switch (after) {
-    case LEAKY_BUCKET_BELOW_LEVEL:
+    case leaky_bucket_below_level:
         return true;
-    case LEAKY_BUCKET_LEVEL_REACHED:
+    case leaky_bucket_level_reached:
         /* The change that reaches the filter level is the last one to be reported. */
-        if (before == LEAKY_BUCKET_BELOW_LEVEL && new_state == PORTSTATE_DOWN)
+        if (before == leaky_bucket_below_level && new_state == port_down)
             return true;
         tesk_trace(TESK_TRACE_BUCKET, "Leaky bucket level reached, indication not send");
         return false;
@@ -227,7 +227,7 @@ void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state)
 
     const leaky_bucket_state before = leaky_bucket_get_state(bucket_id);
     /* The dispatch of events passes no other state. */
-    if (new_state != PORTSTATE_UP && new_state != PORTSTATE_DOWN) {
+    if (new_state != port_up && new_state != port_down) {
         tesk_trace(TESK_TRACE_ERROR, "Unknown port state");
         return;
     }
@@ -240,7 +240,7 @@ void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state)
 void tesk_handle_port_status_sfp_presence_change(uint32_t port_no, uint32_t presence)
 {
     /* As for SFP info: a module is reported only once it is ready or gone. */
-    if (presence == SFP_PRESENT_NOT_READY)
+    if (presence == sfp_present_not_ready)
         return;
     tesk_trace(TESK_TRACE_COURSE, "Handling port status sfp presence change on port %u", port_no);
     send_present_status(port_no);

@@ -14,7 +14,7 @@ void tesk_handle_subscribe_port_status_req(mbx_signal *signal);
 /* Handles TESK_PORT_STATUS_FILTER_TICK; the caller frees the signal. */
 void tesk_handle_port_status_filter_timeout(mbx_signal *signal);
 
-/* Called for a link event of the port; `new_state` is PORTSTATE_UP or PORTSTATE_DOWN. */
+/* Called for a link event of the port; `new_state` is port_up or port_down. */
 void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state);
 
 /* Called when the port subscription table has stored `presence` and it differs from the old one. */

@@ -68,7 +68,7 @@ static void tesk_send_sfp_info_ind_to_subscribers(uint32_t port_no, uint32_t pre
     /* The result is not needed: after a failed read the record is still clear, and is sent as that
        of an empty port. */
     get_sfp_info(port_no, presence, &info);
-    const auto subscribers = tesk_client_subscribers(port_no, TESK_SUBSCRIPTION_SFP_INFO);
+    const auto subscribers = tesk_client_subscribers(port_no, tesk_subscription_sfp_info);
     for (auto subscriber = subscribers.rbegin(); subscriber != subscribers.rend(); ++subscriber)
         notify(subscriber->client, port_no, &info);
 }
@@ -82,7 +82,7 @@ static constexpr tesk_subscription_procedure procedure = {
             .rej = TESK_PORT_ANSWER(TESK_SUBSCRIBE_SFP_INFO_REJ),
         },
     .cfm = TESK_PORT_ANSWER(TESK_SUBSCRIBE_SFP_INFO_CFM),
-    .kind = TESK_SUBSCRIPTION_SFP_INFO,
+    .kind = tesk_subscription_sfp_info,
     .action = TESK_CACHE_ACTION_SFP_INFO_SUBSCRIBE,
     .change = tesk_portsub_add_sfp_info,
 };
@@ -95,7 +95,7 @@ void tesk_handle_subscribe_sfp_info_req(mbx_signal *signal)
     if (!tesk_subscribe_accept(&procedure, signal, &request))
         return;
     const uint32_t port_no = request.port_no;
-    if (get_sfp_info(port_no, get_sfp_presence(port_no), &info) == UNSUPPORTED_PORT) {
+    if (get_sfp_info(port_no, get_sfp_presence(port_no), &info) == unsupported_port) {
         tesk_portsub_remove_sfp_info(port_no);
         tesk_port_request_reject(&request, TESK_ERROR_INVALID_PORT, "invalid port");
         return;
@@ -110,7 +110,7 @@ void tesk_handle_sfp_presence_change(uint32_t port_no, uint32_t presence)
 {
     /* The history records every change, but a module is reported only once it is ready or gone. */
     tesk_history_add_presence(port_no, presence);
-    if (presence == SFP_PRESENT_NOT_READY)
+    if (presence == sfp_present_not_ready)
         return;
     tesk_trace(TESK_TRACE_COURSE, "Handling sfp presence change on port %u, presence %u", port_no,
                presence);

@@ -17,7 +17,7 @@ static constexpr tesk_subscription_procedure procedure = {
             .rej = TESK_PORT_ANSWER(TESK_UNSUBSCRIBE_PORT_STATUS_REJ),
         },
     .cfm = TESK_PORT_ANSWER(TESK_UNSUBSCRIBE_PORT_STATUS_CFM),
-    .kind = TESK_SUBSCRIPTION_PORT_STATUS,
+    .kind = tesk_subscription_port_status,
     .action = TESK_CACHE_ACTION_PORT_STATUS_UNSUBSCRIBE,
     .change = tesk_portsub_remove_port_status,
 };

@@ -17,7 +17,7 @@ static constexpr tesk_subscription_procedure procedure = {
             .rej = TESK_PORT_ANSWER(TESK_UNSUBSCRIBE_SFP_INFO_REJ),
         },
     .cfm = TESK_PORT_ANSWER(TESK_UNSUBSCRIBE_SFP_INFO_CFM),
-    .kind = TESK_SUBSCRIPTION_SFP_INFO,
+    .kind = tesk_subscription_sfp_info,
     .action = TESK_CACHE_ACTION_SFP_INFO_UNSUBSCRIBE,
     .change = tesk_portsub_remove_sfp_info,
 };

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* boot_clock - the time since boot, that of a suspended machine included. Ages of values are
-   counted by it, since std::chrono::steady_clock stands still meanwhile and old values would look
-   fresh. */
+   counted by it, since std::chrono::steady_clock stands still meanwhile and old values would
+   look fresh. Any thread. */
 #pragma once
 
 #include <chrono>

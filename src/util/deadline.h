@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* deadline - a point in time up to which something is waited for. */
+/* deadline - a point in time up to which something is waited for. One thread at a time changes
+   it. */
 #pragma once
 
 #include <algorithm>

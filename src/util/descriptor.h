@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* descriptor - owns a file descriptor and closes it. */
+/* descriptor - owns a file descriptor and closes it. One thread at a time. */
 #pragma once
 
 #include <cerrno>
@@ -48,6 +48,12 @@ class descriptor
     {
         return std::exchange(number_, -1);
     }
+    /* Closes it. False with errno where that reports a write that has failed; it is closed then,
+       too. */
+    bool close() noexcept
+    {
+        return ::close(release()) == 0;
+    }
     /* Closes the descriptor and owns another one. Keeps errno, so that the reason for closing
        survives. */
     void reset(int number = -1) noexcept
@@ -55,7 +61,7 @@ class descriptor
         const int kept_errno = errno;
         const int closed = std::exchange(number_, number);
         if (closed >= 0)
-            close(closed);
+            ::close(closed);
         errno = kept_errno;
     }
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* local_socket - sockets in the file system. A result that isn't open leaves the reason in errno;
-   a path that is too long for a socket address gives ENAMETOOLONG. All sockets are close-on-exec.
- */
+/* local_socket - sockets in the file system. A result that isn't open leaves the reason in
+   errno; a path that is too long for a socket address gives ENAMETOOLONG. All sockets are close-
+   on-exec. Any thread. */
 #pragma once
 
 #include "util/descriptor.h"

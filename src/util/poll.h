@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* poll - waits for descriptors in a loop that must neither end nor spin. */
+/* poll - waits for descriptors in a loop that must neither end nor spin. Any thread. */
 #pragma once
 
 #include <algorithm>

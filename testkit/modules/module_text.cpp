@@ -39,10 +39,10 @@ struct limit_kind {
 };
 
 static constexpr limit_kind limit_kinds[] = {
-    {"highalarm", HIGH_ALARM_FLAG, &measurement_limits::high_alarm},
-    {"lowalarm", LOW_ALARM_FLAG, &measurement_limits::low_alarm},
-    {"highwarning", HIGH_WARNING_FLAG, &measurement_limits::high_warning},
-    {"lowwarning", LOW_WARNING_FLAG, &measurement_limits::low_warning},
+    {"highalarm", high_alarm_flag, &measurement_limits::high_alarm},
+    {"lowalarm", low_alarm_flag, &measurement_limits::low_alarm},
+    {"highwarning", high_warning_flag, &measurement_limits::high_warning},
+    {"lowwarning", low_warning_flag, &measurement_limits::low_warning},
 };
 
 /* The modules' steps end with the third or fourth digit; temperatures are cut by printf. */

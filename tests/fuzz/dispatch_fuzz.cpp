@@ -50,9 +50,9 @@ static uint32_t count_of(uint32_t port_no)
 
 static constexpr int kind_count = 2;
 static const subscription_kind kinds[kind_count] = {
-    {TESK_SUBSCRIPTION_SFP_INFO, count_of<find_sfp_info>, tesk_portsub_remove_sfp_info, "subsport",
+    {tesk_subscription_sfp_info, count_of<find_sfp_info>, tesk_portsub_remove_sfp_info, "subsport",
      "unsubsport"},
-    {TESK_SUBSCRIPTION_PORT_STATUS, count_of<find_port_status>, tesk_portsub_remove_port_status,
+    {tesk_subscription_port_status, count_of<find_port_status>, tesk_portsub_remove_port_status,
      "subslink", "unsubslink"}};
 
 static constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
@@ -137,7 +137,7 @@ static void check_state()
             const uint32_t count = kinds[index].count(port_no);
             assert(count == holders(port_no, kinds[index].kind) + entry.orphans);
             assert(entry.held == (count > 0 || entry.stray) && !(count > 0 && entry.stray));
-            if (count > 0 && kinds[index].kind == TESK_SUBSCRIPTION_PORT_STATUS)
+            if (count > 0 && kinds[index].kind == tesk_subscription_port_status)
                 check_bucket(port_no, entry, live);
         }
     for (int32_t id = -1; id < 16; id++)
@@ -209,7 +209,7 @@ static void check_history(const tesk_client *client, uint32_t number, uint32_t p
     uint32_t count = 0;
     tesk_cache_entry *entries = nullptr;
     tesk_cache_read(TESK_CACHE_ACTION, &count, &entries);
-    assert(count > 0 && count <= TESK_CACHE_LIMIT);
+    assert(count > 0 && count <= tesk_cache_limit);
     const tesk_cache_action_record *newest = &entries[count - 1].action;
     if (row->follows != 0 && newest->action == row->follows && newest->port_no == port_no)
         newest = &entries[count - 2].action;

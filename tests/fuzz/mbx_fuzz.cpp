@@ -28,9 +28,9 @@ static constexpr char name[] = "fuzzed";
 static constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3};
 static constexpr uint32_t good_sizes = 5; /* the first ones, which hold a number */
 
-/* The upper half of a signal's number tells who made it: FROM_KEY is added to the stranger's key, 0
+/* The upper half of a signal's number tells who made it: from_key is added to the stranger's key, 0
    for the owner himself. */
-enum origin : uint32_t { FROM_OWNER = 0x2000, FROM_CLIENT, FROM_KEY = 0x4000 };
+enum origin : uint32_t { from_owner = 0x2000, from_client, from_key = 0x4000 };
 
 struct stranger {
     std::optional<raw_peer> peer = {};
@@ -87,7 +87,7 @@ static void greet(fuzz_input &in)
 
 static uint32_t next_number(uint32_t key, uint32_t size_index)
 {
-    return (FROM_KEY | key) << 16 | (journals[key].sent & 0xfff) << 4 | size_index;
+    return (from_key | key) << 16 | (journals[key].sent & 0xfff) << 4 | size_index;
 }
 
 static void send_signals(fuzz_input &in)
@@ -179,9 +179,9 @@ static void send_as(uint32_t number, uint32_t receiver, size_t size)
 /* Neither the owner nor a client nor a stranger that has done nothing else has sent that. */
 static bool is_odd(uint32_t origin)
 {
-    const auto j = journals.find(origin - FROM_KEY);
-    return origin < FROM_OWNER ||
-           (origin >= FROM_KEY && (j == journals.end() || j->second.spoiled));
+    const auto j = journals.find(origin - from_key);
+    return origin < from_owner ||
+           (origin >= from_key && (j == journals.end() || j->second.spoiled));
 }
 
 /* From one that has spoiled its ring. If it can be told which one, all that comes is its own. */
@@ -199,7 +199,7 @@ static uint32_t receive_one()
 {
     mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER);
     assert(signal != nullptr);
-    const uint32_t number = signal->number, origin = number >> 16, key = origin - FROM_KEY;
+    const uint32_t number = signal->number, origin = number >> 16, key = origin - from_key;
     const uint32_t sender = mbx_sender(signal), size = mbx_size(signal);
     mbx_free(&signal);
     if (number == MBX_MONITOR_DEFAULT_NO) {
@@ -215,9 +215,9 @@ static uint32_t receive_one()
         return 0;
     }
     assert((key == 0) == (sender == own));
-    if (origin == FROM_CLIENT)
-        send_as(FROM_OWNER << 16, sender, sizes[0]);
-    if (origin < FROM_KEY)
+    if (origin == from_client)
+        send_as(from_owner << 16, sender, sizes[0]);
+    if (origin < from_key)
         return origin;
     journal &j = journals[key];
     assert(j.received < j.sent && (j.received++ & 0xfff) == (number >> 4 & 0xfff));
@@ -248,7 +248,7 @@ static void owner_acts(fuzz_input &in)
     if (choice >= 128 && monitored.insert(peer).second)
         mbx_monitor(peer, nullptr);
     for (int count = in.byte() % 100; count > 0; count--)
-        send_as(FROM_OWNER << 16, peer, choice % 2 == 0 ? 96 : MBX_LARGEST_SIGNAL);
+        send_as(from_owner << 16, peer, choice % 2 == 0 ? 96 : MBX_LARGEST_SIGNAL);
 }
 
 static void (*const steps[])(fuzz_input &in) = {greet,   send_signals, receive,    greet,
@@ -259,9 +259,9 @@ static void be_a_client()
     assert(mbx_create_mailbox(nullptr, 0) != MBX_NO_MAILBOX);
     const uint32_t server = mbx_locate(name);
     assert(server != MBX_NO_MAILBOX);
-    send_as(FROM_CLIENT << 16, server, sizes[3]);
+    send_as(from_client << 16, server, sizes[3]);
     mbx_signal *answer = mbx_receive(nullptr, patience_ms, server);
-    assert(answer != nullptr && answer->number == FROM_OWNER << 16);
+    assert(answer != nullptr && answer->number == from_owner << 16);
     mbx_free(&answer);
     mbx_delete_mailbox(mbx_own_mailbox());
 }
@@ -284,7 +284,7 @@ static bool something_is_missing()
 static void end()
 {
     std::thread client(be_a_client);
-    while (await_one() != FROM_CLIENT) {
+    while (await_one() != from_client) {
     }
     client.join();
     strangers = {};

@@ -145,7 +145,7 @@ bool keep_fall(const std::string &folder, uint32_t port, const std::string &line
         drop_last(lines);
     drop_oldest(lines, share - std::min(share, line.size() + 1));
     lines += line + "\n";
-    const util::descriptor file(make_new_file(path));
+    const util::descriptor file = make_new_file(path);
     if (!file || !write_fully(file.get(), lines.data(), lines.size(), 0) || !place_new_file(path)) {
         drop_new_file(path);
         return false;

@@ -29,22 +29,19 @@ static bool give_to_group(int descriptor, const std::string &directory)
     return fchmod(descriptor, 0640) == 0;
 }
 
-int make_new_file(const std::string &path)
+util::descriptor make_new_file(const std::string &path)
 {
     const std::string temporary = beside(path);
     const std::string directory = path.substr(0, path.find_last_of('/') + 1);
 
     if (unlink(temporary.c_str()) != 0 && errno != ENOENT)
-        return -1;
-    const int descriptor =
-        open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (descriptor < 0 || give_to_group(descriptor, directory.empty() ? "." : directory))
-        return descriptor;
-    const int error = errno;
-    close(descriptor);
-    errno = error;
+        return {};
+    util::descriptor made(
+        open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!made || give_to_group(made.get(), directory.empty() ? "." : directory))
+        return made;
     drop_new_file(path);
-    return -1;
+    return {};
 }
 
 bool place_new_file(const std::string &path)

@@ -3,6 +3,8 @@
    its place and then renamed there. Any thread, but one at a time for each path. */
 #pragma once
 
+#include "util/descriptor.h"
+
 #include <cstddef>
 #include <string>
 #include <sys/types.h>
@@ -11,9 +13,9 @@ namespace board
 {
 
 /* A new and empty file beside `path`, open for reading and writing, with the mode 0640 and the
-   group of the directory, whose members may connect to the board as well. The caller closes it. -1
-   with errno. */
-int make_new_file(const std::string &path);
+   group of the directory, whose members may connect to the board as well. Not open, with errno,
+   where it can't be made. */
+util::descriptor make_new_file(const std::string &path);
 
 /* Puts it at `path`, in the place of what was there. False with errno. */
 bool place_new_file(const std::string &path);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* operation - names and limits that the core, every port source and the tools share. */
+/* operation - names and limits that the core, every port source and the tools share. No state. */
 #pragma once
 
 #include <cstddef>

@@ -315,7 +315,7 @@ bool port_details::make_file()
         errno = EBUSY;
         return false;
     }
-    util::descriptor made(make_new_file(path_));
+    util::descriptor made = make_new_file(path_);
     header_ = {};
     memcpy(header_.magic, DOLM_RIC_DETAILS_MAGIC, sizeof(header_.magic));
     header_.version = DOLM_RIC_DETAILS_VERSION;

@@ -37,19 +37,12 @@ static std::string text_of(const std::map<uint32_t, std::string> &names)
 /* Close may be the first to report that the file system is full. */
 static bool replace_file(const std::string &path, const std::string &text)
 {
-    const int descriptor = make_new_file(path);
-    if (descriptor < 0)
+    util::descriptor file = make_new_file(path);
+    if (!file)
         return false;
-    bool is_done = write_fully(descriptor, text.data(), text.size(), 0);
-    int error = errno;
-    if (close(descriptor) != 0 && is_done) {
-        error = errno;
-        is_done = false;
-    }
-    if (is_done && place_new_file(path))
+    if (write_fully(file.get(), text.data(), text.size(), 0) && file.close() &&
+        place_new_file(path))
         return true;
-    if (!is_done)
-        errno = error;
     drop_new_file(path);
     return false;
 }

@@ -13,7 +13,7 @@
    names for their parts; checksum=ignore says that the module's checksums don't matter.
 
    Words are separated by spaces or tabs; a word that begins with # begins a comment. A wrong line
-   gives a message and is left out; the other lines stand. */
+   gives a message and is left out; the other lines stand. No state. */
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* reader_protocol - the protocol between libdolm_ric and tesk-module-reader over a SOCK_SEQPACKET
-   socket: one packet of requests, then one packet with as many answers, in the same order. Both
-   processes run on the same machine, so numbers are in its byte order. */
+/* reader_protocol - the protocol between libdolm_ric and tesk-module-reader over a
+   SOCK_SEQPACKET socket: one packet of requests, then one packet with as many answers, in the
+   same order. Both processes run on the same machine, so numbers are in its byte order. No
+   state. */
 #ifndef READER_PROTOCOL_H
 #define READER_PROTOCOL_H
 

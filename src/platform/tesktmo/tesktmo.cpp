@@ -13,6 +13,7 @@
 
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
+#include "util/descriptor.h"
 #include "util/thread.h"
 
 #include <charconv>
@@ -42,7 +43,7 @@ struct pending_timer {
 
 struct timer_service {
     uint64_t unit_ns;
-    int timer_fd;
+    util::descriptor timer;
     pthread_t thread = {};
     bool is_stopping = false;
     /* By the time of expiry, in ns of CLOCK_MONOTONIC. */
@@ -82,7 +83,7 @@ static void wake_at(const timer_service &service, uint64_t time_ns)
     itimerspec when{};
     when.it_value.tv_sec = static_cast<time_t>(time_ns / ns_per_s);
     when.it_value.tv_nsec = static_cast<long>(time_ns % ns_per_s);
-    timerfd_settime(service.timer_fd, TFD_TIMER_ABSTIME, &when, nullptr);
+    timerfd_settime(service.timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
 /* Removes and returns the first timer if it has expired. If not, sets the descriptor to it, if
@@ -113,39 +114,36 @@ static void *run_service(void *argument)
         locked.unlock();
         if (expired.signal != nullptr)
             mbx_send(&expired.signal, expired.mailbox, expired.mailbox);
-        else if (read(service.timer_fd, &expirations, sizeof(expirations)) < 0)
+        else if (read(service.timer.get(), &expirations, sizeof(expirations)) < 0)
             return nullptr;
     }
 }
 
-/* A negative number if a timer can't be made or set. Without the second call, which
+/* Not open if a timer can't be made or set. Without the second call, which
    disarms it, a thread that can't be woken would hold up the end of the process. */
-static int open_timer()
+static util::descriptor open_timer()
 {
     const itimerspec never{};
-    const int timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
-    if (timer_fd >= 0 && timerfd_settime(timer_fd, 0, &never, nullptr) == 0)
-        return timer_fd;
+    util::descriptor timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
+    if (timer && timerfd_settime(timer.get(), 0, &never, nullptr) == 0)
+        return timer;
     fprintf(stderr, "libtesktmo: cannot make a timer: %s\n", strerror(errno));
-    if (timer_fd >= 0)
-        close(timer_fd);
-    return -1;
+    return {};
 }
 
 /* Null if there is no memory, descriptor or thread for it. */
 static timer_service *start_service()
 {
-    const int timer_fd = open_timer();
-    if (timer_fd < 0)
+    util::descriptor timer = open_timer();
+    if (!timer)
         return nullptr;
     /* cppcheck-suppress legacyUninitvar */
     auto *service =
-        new (std::nothrow) timer_service{.unit_ns = read_unit_ns(), .timer_fd = timer_fd};
+        new (std::nothrow) timer_service{.unit_ns = read_unit_ns(), .timer = std::move(timer)};
     if (service != nullptr &&
         util::start_thread(service->thread, stack_size, run_service, service) == 0)
         return service;
     delete service;
-    close(timer_fd);
     return nullptr;
 }
 
@@ -171,7 +169,6 @@ void tmo_service_stop(void)
     pthread_join(stopped->thread, nullptr);
     for (auto &[time, timer] : stopped->timers)
         mbx_free(&timer.signal);
-    close(stopped->timer_fd);
     delete stopped;
 }
 

@@ -4,6 +4,8 @@
    until there is a reader again. */
 #include "platform/zel/zel_output.h"
 
+#include "util/descriptor.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -58,23 +60,19 @@ zel_output zel_open_stream(int descriptor)
 }
 
 /* A FIFO that may only be written to keeps the descriptor of the first open, if it has a reader. */
-static int open_fifo(const char *path, int opened_to_write)
+static int open_fifo(const char *path, util::descriptor opened_to_write)
 {
     const int kept_errno = errno;
     const int opened = open(path, open_flags | O_RDWR);
     errno = kept_errno;
-    if (opened < 0)
-        return opened_to_write;
-    if (opened_to_write >= 0)
-        close(opened_to_write);
-    return opened;
+    return opened < 0 ? opened_to_write.release() : opened;
 }
 
 zel_output zel_open_file(const char *path)
 {
     int opened = open(path, open_flags | O_WRONLY | O_CREAT, 0640);
     if (opened >= 0 ? file_type(opened) == S_IFIFO : errno == ENXIO)
-        opened = open_fifo(path, opened);
+        opened = open_fifo(path, util::descriptor(opened));
     if (opened < 0)
         return {}; /* with open's errno */
     return {.descriptor = opened, .capacity = capacity_of(opened, file_type(opened))};

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel_output - writes lines to a descriptor without ever waiting for its reader. */
+/* zel_output - writes lines to a descriptor without ever waiting for its reader. Any thread, and
+   signal handlers but for zel_open_stream. */
 #pragma once
 #include <cstddef>
 

@@ -15,6 +15,7 @@
 #include "platform/zel/zel_text.h"
 
 #include "platform/zel/zel_limit.h"
+#include "util/descriptor.h"
 
 #include <algorithm>
 #include <array>
@@ -226,11 +227,9 @@ static void roll_over()
     if (fstat(output.descriptor, &ours) == 0 && stat(file_path, &named) == 0 &&
         ours.st_dev == named.st_dev && ours.st_ino == named.st_ino)
         rename(file_path, old_path);
-    const zel_output opened = zel_open_file(file_path);
-    if (opened.descriptor < 0)
-        return;
-    dup3(opened.descriptor, output.descriptor, O_CLOEXEC);
-    close(opened.descriptor);
+    const util::descriptor opened(zel_open_file(file_path).descriptor);
+    if (opened)
+        dup3(opened.get(), output.descriptor, O_CLOEXEC);
 }
 
 /* False if the full file could not be replaced. */

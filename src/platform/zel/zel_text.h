@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel_text - traces as lines of text, to a stream, a FIFO, or a file that rolls over. */
+/* zel_text - traces as lines of text, to a stream, a FIFO, or a file that rolls over. Any
+   thread, and signal handlers but for the two openers. */
 #pragma once
 #include "platform/zel/zel_output.h"
 #include "platform/zel/zel_record.h"

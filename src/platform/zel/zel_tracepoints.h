@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel_tracepoints - the events and fields that `lttng list -u` and babeltrace2 show. LTTng includes
-   this file several times, so its guard is LTTng's. */
+/* zel_tracepoints - the events and fields that `lttng list -u` and babeltrace2 show. LTTng
+   includes this file several times, so its guard is LTTng's. Any thread. */
 #undef LTTNG_UST_TRACEPOINT_PROVIDER
 #define LTTNG_UST_TRACEPOINT_PROVIDER zel
 #undef LTTNG_UST_TRACEPOINT_INCLUDE

@@ -1,4 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* CLI11 parses the words. Each subcommand then builds one request to the board from them. The
+   values in a request are checked here already, with the board's own functions, so that a wrong one
+   is wrong usage and a scene is checked without a board. */
 #include "tools/teskboard/command.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
@@ -8,10 +11,6 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-
-/* CLI11 parses the words. Each subcommand then builds one request to the board from them. The
-   values in a request are checked here already, with the board's own functions, so that a wrong one
-   is wrong usage and a scene is checked without a board. */
 
 namespace teskboard
 {

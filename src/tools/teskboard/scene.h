@@ -4,7 +4,7 @@
      link 3 up               # at once
      +0.5 link 3 down        # half a second after the step before
 
-   A step is a command of teskboard, quoted as in the shell. */
+   A step is a command of teskboard, quoted as in the shell. No state. */
 #pragma once
 
 #include "tools/teskboard/command.h"

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* Answers hold raw values under the board's keys. The board's own table of fields gives the kind of
+   each value, and so the way in which it is shown; a key that isn't in the table is a count. */
 #include "tools/teskboard/view.h"
 
 #include "platform/dolm_ric/simulator/vocabulary.h"
@@ -9,9 +11,6 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-
-/* Answers hold raw values under the board's keys. The board's own table of fields gives the kind of
-   each value, and so the way in which it is shown; a key that isn't in the table is a count. */
 
 namespace teskboard
 {

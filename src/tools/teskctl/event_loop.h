@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* event_loop - waits for the session, for process signals and for keys, in one poll. */
+/* event_loop - waits for the session, for process signals and for keys, in one poll. One thread. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"

@@ -203,6 +203,20 @@ static void wait_and_keep(event_loop &loop, session &server, kept_subscriptions 
     }
 }
 
+static std::vector<port_request> watched(event_loop &loop, session &server,
+                                         const watch_options &options)
+{
+    const auto ports_of = [&](const ports_text &text) {
+        return text.empty() ? std::vector<uint32_t>() : select_ports(loop, server, text);
+    };
+    std::vector<port_request> wanted =
+        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, ports_of(options.sfp));
+    std::ranges::copy(
+        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, ports_of(options.status)),
+        std::back_inserter(wanted));
+    return wanted;
+}
+
 exit_code run_watch(const settings &common, const watch_options &options)
 {
     event_loop loop;
@@ -237,14 +251,7 @@ exit_code run_watch(const settings &common, const watch_options &options)
     connected = &server;
     kept = std::make_unique<kept_subscriptions>(server);
 
-    const auto ports_of = [&](const ports_text &text) {
-        return text.empty() ? std::vector<uint32_t>() : select_ports(loop, server, text);
-    };
-    std::vector<port_request> wanted =
-        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, ports_of(options.sfp));
-    std::ranges::copy(
-        requests_for(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, ports_of(options.status)),
-        std::back_inserter(wanted));
+    const std::vector<port_request> wanted = watched(loop, server, options);
     const auto end = limit(options.seconds);
     const auto held =
         subscribe_all(loop, server, wanted, [&](const auto &answer) { report.failed(answer); });

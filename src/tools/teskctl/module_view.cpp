@@ -116,13 +116,8 @@ static tint tint_of(uint32_t grade)
     }
 }
 
-static void add_identity(texts &lines, const dolm_ric_details_record &record, int64_t now)
+static texts kind_of(const dolm_ric_details_identity &its)
 {
-    const dolm_ric_details_identity &its = record.identity;
-    if (its.state != DOLM_RIC_VALUE_VALID) {
-        add_line(lines, "module", {tesk_details_text(TESK_DETAILS_TEXT_STATE, its.state)});
-        return;
-    }
     texts kind;
     add(kind, text_of(its.form_factor));
     add(kind, text_of(its.connector));
@@ -135,8 +130,11 @@ static void add_identity(texts &lines, const dolm_ric_details_record &record, in
                            : ""));
     add(kind, text_of(its.technology));
     add(kind, text_of(its.encoding));
-    add_line(lines, "module", kind);
+    return kind;
+}
 
+static texts maker_of(const dolm_ric_details_identity &its)
+{
     texts maker;
     add(maker, text_of(its.vendor));
     add(maker, "part", text_of(its.part));
@@ -145,8 +143,11 @@ static void add_identity(texts &lines, const dolm_ric_details_record &record, in
     add(maker, "date", text_of(its.date));
     if (its.oui[0] != 0 || its.oui[1] != 0 || its.oui[2] != 0)
         add(maker, fmt::format("OUI {:02x}:{:02x}:{:02x}", its.oui[0], its.oui[1], its.oui[2]));
-    add_line(lines, "vendor", maker);
+    return maker;
+}
 
+static texts reach_of(const dolm_ric_details_identity &its)
+{
     texts reach;
     for (uint32_t i = 0; i < std::min<uint32_t>(its.compliance_count, DOLM_RIC_DETAILS_COMPLIANCES);
          i++)
@@ -159,8 +160,12 @@ static void add_identity(texts &lines, const dolm_ric_details_record &record, in
         if (its.length[i] > 0)
             add(reach, fmt::format("{} {:g} m", tesk_details_text(TESK_DETAILS_TEXT_LENGTH, i),
                                    its.length[i]));
-    add_line(lines, "reach", reach);
+    return reach;
+}
 
+static texts state_of(const dolm_ric_details_record &record, int64_t now)
+{
+    const dolm_ric_details_identity &its = record.identity;
     texts state;
     if (its.module_state != DOLM_RIC_MODULE_STATE_NONE)
         add(state, tesk_details_text(TESK_DETAILS_TEXT_MODULE_STATE, its.module_state));
@@ -177,7 +182,20 @@ static void add_identity(texts &lines, const dolm_ric_details_record &record, in
     add(state, "inactive firmware", text_of(its.inactive_firmware));
     if (record.inserted_at > 0)
         add(state, "found " + age_text(record.inserted_at, now));
-    add_line(lines, "state", state);
+    return state;
+}
+
+static void add_identity(texts &lines, const dolm_ric_details_record &record, int64_t now)
+{
+    const dolm_ric_details_identity &its = record.identity;
+    if (its.state != DOLM_RIC_VALUE_VALID) {
+        add_line(lines, "module", {tesk_details_text(TESK_DETAILS_TEXT_STATE, its.state)});
+        return;
+    }
+    add_line(lines, "module", kind_of(its));
+    add_line(lines, "vendor", maker_of(its));
+    add_line(lines, "reach", reach_of(its));
+    add_line(lines, "state", state_of(record, now));
 }
 
 static void add_applications(texts &lines, const dolm_ric_details_identity &its)

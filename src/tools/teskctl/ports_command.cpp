@@ -143,6 +143,23 @@ static exit_code write_words(const settings &common, const ports_options &option
     return exit_code::done;
 }
 
+/* A port whose module answers a read, but which the server reports as empty, has one that isn't
+   ready. */
+static void mark_not_ready(const settings &common, event_loop &loop, session &server,
+                           reporter &report, port_lines &lines,
+                           std::map<uint32_t, tesk_client_sfp_info> &infos)
+{
+    std::vector<uint32_t> with_module;
+    for (const auto &[port_no, line] : lines)
+        if (line.pm && line.pm->sfp_type != TESK_CLIENT_SFP_NOT_PRESENT)
+            with_module.push_back(port_no);
+    read_infos(common, loop, server, with_module, infos,
+               [&](const auto &answer) { report.failed(answer); });
+    for (const auto &[port_no, info] : infos)
+        if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
+            lines[port_no].pm->sfp_type = module_not_ready;
+}
+
 exit_code run_ports(const settings &common, const ports_options &options)
 {
     if (options.numbers_only || options.names_only)
@@ -171,15 +188,7 @@ exit_code run_ports(const settings &common, const ports_options &options)
                 });
     if (options.has_status) {
         read_status(common, loop, server, report, lines, received);
-        std::vector<uint32_t> with_module;
-        for (const auto &[port_no, line] : lines)
-            if (line.pm && line.pm->sfp_type != TESK_CLIENT_SFP_NOT_PRESENT)
-                with_module.push_back(port_no);
-        read_infos(common, loop, server, with_module, infos,
-                   [&](const auto &answer) { report.failed(answer); });
-        for (const auto &[port_no, info] : infos)
-            if (info.type == TESK_CLIENT_SFP_NOT_PRESENT)
-                lines[port_no].pm->sfp_type = module_not_ready;
+        mark_not_ready(common, loop, server, report, lines, infos);
     }
     const auto names = port_names();
     for (const auto &[port_no, line] : lines)

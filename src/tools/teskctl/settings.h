@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* settings - the options that hold for every command of teskctl. */
+/* settings - the options that hold for every command of teskctl. Pure data. */
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* top_port - the state of one port in `teskctl top`. No terminal, no session. */
+/* top_port - the state of one port in `teskctl top`. No terminal, no session. One thread. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"

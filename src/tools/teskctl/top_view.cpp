@@ -269,6 +269,19 @@ std::string top_view::news(bool has_events_beside) const
     return fmt::format("port {}: {}", newest->first, event_text(newest->second));
 }
 
+/* The ports that arrange() has put onto the page; without events where `event_width` is 0. */
+void top_view::add_rows(std::vector<std::string> &page, const top_columns &columns,
+                        size_t event_width, bool coloured)
+{
+    for (size_t i = first_; i < std::min(first_ + rows_, order_.size()); i++) {
+        const uint32_t port_no = order_[i];
+        top_port &port = ports_[port_no];
+        port.is_unseen = false;
+        page.push_back(columns.row(port_no, port, selected() == port_no, coloured) +
+                       (event_width > 0 ? fit(event_text(port), event_width) : ""));
+    }
+}
+
 std::vector<std::string> top_view::lines(size_t width, size_t height, bool coloured,
                                          const std::string &state)
 {
@@ -299,13 +312,7 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
         rows_--;
         arrange(most_rows);
     }
-    for (size_t i = first_; i < std::min(first_ + rows_, order_.size()); i++) {
-        const uint32_t port_no = order_[i];
-        top_port &port = ports_[port_no];
-        port.is_unseen = false;
-        page.push_back(columns.row(port_no, port, selected() == port_no, coloured) +
-                       (has_events ? fit(event_text(port), width - taken) : ""));
-    }
+    add_rows(page, columns, has_events ? width - taken : 0, coloured);
     if (height >= 4) /* after the arrangement that it describes */
         page.front() = title(width, coloured, state);
     const std::string newest = news(has_events);

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+class top_columns;
+
 class top_view
 {
   public:
@@ -64,6 +66,8 @@ class top_view
     std::string title(size_t width, bool coloured, const std::string &state) const;
     std::string footer() const;
     std::string news(bool has_events_beside) const;
+    void add_rows(std::vector<std::string> &page, const top_columns &columns, size_t event_width,
+                  bool coloured);
     bool is_by_rank(size_t height) const;
 
     std::map<uint32_t, top_port> ports_;

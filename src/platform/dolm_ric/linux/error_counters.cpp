@@ -44,7 +44,7 @@ bool error_sample::is_empty() const
 
 void error_sample::add(const error_sample &part)
 {
-    for (size_t kind = 0; kind < COUNT_KINDS; kind++)
+    for (size_t kind = 0; kind < count_kinds; kind++)
         if (part.count[kind] != not_counted)
             count[kind] = part.count[kind];
     if (part.quality) {
@@ -61,9 +61,9 @@ void take_fec_counts(netlink::byte_view attributes, error_sample &made)
         made.count[kind] = netlink::read_record<uint64_t>(netlink::find_attribute(counts, number))
                                .value_or(error_sample::not_counted);
     };
-    take(ETHTOOL_A_FEC_STAT_CORRECTED, COUNT_CORRECTED);
-    take(ETHTOOL_A_FEC_STAT_UNCORR, COUNT_UNCORRECTABLE);
-    take(ETHTOOL_A_FEC_STAT_CORR_BITS, COUNT_CORRECTED_BITS);
+    take(ETHTOOL_A_FEC_STAT_CORRECTED, count_corrected);
+    take(ETHTOOL_A_FEC_STAT_UNCORR, count_uncorrectable);
+    take(ETHTOOL_A_FEC_STAT_CORR_BITS, count_corrected_bits);
 }
 
 static void add_count(uint64_t more, uint64_t &to)
@@ -90,11 +90,11 @@ void take_line_counts(netlink::byte_view attributes, error_sample &made)
             if (!value)
                 continue;
             if (group == ETHTOOL_STATS_ETH_PHY && one->number == ETHTOOL_A_STATS_ETH_PHY_5_SYM_ERR)
-                add_count(*value, made.count[COUNT_SYMBOLS]);
+                add_count(*value, made.count[count_symbols]);
             if (group == ETHTOOL_STATS_ETH_MAC &&
                 (one->number == ETHTOOL_A_STATS_ETH_MAC_6_FCS_ERR ||
                  one->number == ETHTOOL_A_STATS_ETH_MAC_7_ALIGN_ERR))
-                add_count(*value, made.count[COUNT_FRAMES]);
+                add_count(*value, made.count[count_frames]);
         }
     }
 }
@@ -144,8 +144,8 @@ static double seconds_of(int64_t time)
 static causes::number error_ratio(std::span<const error_sample> samples, const causes::text &fec,
                                   const causes::number &megabits)
 {
-    const causes::number bits = counted(samples, COUNT_CORRECTED_BITS),
-                         blocks = counted(samples, COUNT_CORRECTED);
+    const causes::number bits = counted(samples, count_corrected_bits),
+                         blocks = counted(samples, count_corrected);
     constexpr double mega = 1e6;
     if (fec.value_or("") != "RS" || !megabits || *megabits <= 0 || (!bits && !blocks))
         return std::nullopt;
@@ -187,10 +187,10 @@ void tell_counts_before(std::span<const error_sample> samples, int64_t up_since,
                    ? std::nullopt
                    : its;
     };
-    seen.corrected_in_minute = told(COUNT_CORRECTED);
-    seen.uncorrectable_in_minute = told(COUNT_UNCORRECTABLE);
-    seen.symbol_errors_in_minute = told(COUNT_SYMBOLS);
-    seen.frame_errors_in_minute = told(COUNT_FRAMES);
+    seen.corrected_in_minute = told(count_corrected);
+    seen.uncorrectable_in_minute = told(count_uncorrectable);
+    seen.symbol_errors_in_minute = told(count_symbols);
+    seen.frame_errors_in_minute = told(count_frames);
     seen.counted_for_s = seconds_of(span_of(minute));
     if (!seen.errors_before)
         seen.errors_before = error_ratio(minute, seen.fec_before, seen.speed_before);
@@ -201,7 +201,7 @@ void tell_counts_again(std::span<const error_sample> samples, int64_t since, cau
     const auto again = between(samples, since, INT64_MAX);
     if (span_of(again) < least_time)
         return;
-    seen.uncorrectable_again = counted(again, COUNT_UNCORRECTABLE);
+    seen.uncorrectable_again = counted(again, count_uncorrectable);
     if (!seen.errors_again)
         seen.errors_again = error_ratio(again, seen.fec_after, seen.speed_after);
 }

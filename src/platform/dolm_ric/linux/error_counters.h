@@ -30,18 +30,18 @@ inline constexpr int64_t told_late = 1'100'000'000, oldest_before_fall = 30'000'
 
 /* Blocks of FEC, bits that it corrected, symbols, and frames that were damaged. */
 enum count_kind : uint8_t {
-    COUNT_CORRECTED,
-    COUNT_UNCORRECTABLE,
-    COUNT_CORRECTED_BITS,
-    COUNT_SYMBOLS,
-    COUNT_FRAMES,
-    COUNT_KINDS
+    count_corrected,
+    count_uncorrectable,
+    count_corrected_bits,
+    count_symbols,
+    count_frames,
+    count_kinds
 };
 
 struct error_sample {
     static constexpr uint64_t not_counted = UINT64_MAX; /* as the kernel's drivers have it */
     int64_t at = 0;
-    std::array<uint64_t, COUNT_KINDS> count = {not_counted, not_counted, not_counted, not_counted,
+    std::array<uint64_t, count_kinds> count = {not_counted, not_counted, not_counted, not_counted,
                                                not_counted};
     /* Of the signal that a PHY for one pair receives, and the best that it can have. */
     std::optional<uint32_t> quality, quality_most;

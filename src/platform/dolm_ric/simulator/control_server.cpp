@@ -20,7 +20,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -117,9 +116,6 @@ control_server::control_server(const std::string &path, simulator &board)
                                     directory.st_gid, backlog);
         if (!listener_.is_open())
             fail(path_);
-        wakeup_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-        if (!wakeup_.is_open())
-            fail("eventfd");
         errno = util::start_thread(thread_, stack_size, run, this);
         if (errno != 0)
             fail("pthread_create");
@@ -135,7 +131,7 @@ control_server::control_server(const std::string &path, simulator &board)
 control_server::~control_server()
 {
     is_ending_ = true;
-    eventfd_write(wakeup_.get(), 1);
+    wakeup_.signal();
     pthread_join(thread_, nullptr);
     if (is_file_at(lock_.get(), lock_name(path_))) {
         unlink(path_.c_str());
@@ -163,14 +159,13 @@ void control_server::serve()
 {
     std::vector<pollfd> polled;
     while (!is_ending_) {
-        polled.assign({{wakeup_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}});
+        polled.assign({{wakeup_.fd(), POLLIN, 0}, {listener_.get(), POLLIN, 0}});
         polled[1].events = can_accept_ ? POLLIN : 0;
         for (const peer &known : peers_)
             polled.push_back(
                 {known.socket.get(), static_cast<short>(known.pending ? 0 : POLLIN), 0});
         util::poll_or_pause(polled, can_accept_ ? -1 : 1000);
-        eventfd_t calls;
-        eventfd_read(wakeup_.get(), &calls);
+        wakeup_.take();
         serve_peers(std::span(polled).subspan(2));
         can_accept_ = polled[1].revents == 0 || accept_peer();
     }
@@ -214,7 +209,7 @@ void control_server::serve_peers(std::span<const pollfd> polled)
     std::erase_if(peers_, [](const peer &known) { return known.is_dropped; });
     const bool has_waiting =
         std::ranges::any_of(peers_, [](const peer &known) { return known.pending != nullptr; });
-    board_.faults.watch_calls(has_waiting ? wakeup_.get() : -1);
+    board_.faults.watch_calls(has_waiting ? wakeup_.fd() : -1);
 }
 
 /* False if the peer is to be disconnected. The socket of a peer that waits for its answer is

@@ -6,6 +6,7 @@
 #include "platform/dolm_ric/simulator/commands.h"
 #include "platform/dolm_ric/simulator/simulator.h"
 #include "util/descriptor.h"
+#include "util/event.h"
 
 #include <atomic>
 #include <cstdint>
@@ -51,7 +52,7 @@ class control_server
     simulator &board_;
     util::descriptor lock_;
     util::descriptor listener_;
-    util::descriptor wakeup_;
+    const util::event wakeup_;
     std::vector<peer> peers_;
     uint64_t last_command_ = 0;
     bool can_accept_ = true;

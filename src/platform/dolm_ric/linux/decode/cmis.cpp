@@ -18,24 +18,24 @@ namespace
 
 /* Byte 159 of page 01h; the bits behind these are for auxiliary monitors. */
 enum module_monitors : uint8_t {
-    HAS_TEMPERATURE = 0x01,
-    HAS_VOLTAGE = 0x02,
+    has_temperature_bit = 0x01,
+    has_voltage_bit = 0x02,
 };
 
 /* Byte 160 of page 01h. */
 enum monitors : uint8_t {
-    HAS_TX_BIAS = 0x01,
-    HAS_TX_POWER = 0x02,
-    HAS_RX_POWER = 0x04,
+    has_tx_bias_bit = 0x01,
+    has_tx_power_bit = 0x02,
+    has_rx_power_bit = 0x04,
 };
 
 /* Byte 151 of page 01h. */
 enum measurement_types : uint8_t {
-    AVERAGE_POWER = 0x10,
+    average_power_bit = 0x10,
 };
 
 /* Byte 85. The kind 4 is an active cable, of either medium. */
-enum media_kind : uint8_t { MULTI_MODE = 1, SINGLE_MODE = 2, PASSIVE_COPPER = 3, BASE_T = 5 };
+enum media_kind : uint8_t { multi_mode = 1, single_mode = 2, passive_copper = 3, base_t = 5 };
 
 /* So many lanes of the host, from one of the lanes in `host_starts` (bit n: lane n) on, stand for
    so many of light, from one in `media_starts` on. */
@@ -143,9 +143,9 @@ static medium medium_of(const module_memory &memory, const memory_view &identity
     const uint8_t technology = identity.u8(212);
 
     return medium_by(is_copper_technology(technology) || plug == medium::copper ||
-                         kind == PASSIVE_COPPER || kind == BASE_T,
-                     technology != 0 || plug == medium::light || kind == MULTI_MODE ||
-                         kind == SINGLE_MODE);
+                         kind == passive_copper || kind == base_t,
+                     technology != 0 || plug == medium::light || kind == multi_mode ||
+                         kind == single_mode);
 }
 
 /* Of the lasers: in any other state they may be off, and their values are no faults. */
@@ -321,12 +321,12 @@ static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_la
     const uint32_t present = static_cast<uint8_t>(~missing_lanes);
     contents.tx_fault_lanes |= (lanes.u8(135) & present) << first;
     contents.rx_los_lanes |= (lanes.u8(147) & present) << first;
-    if ((has & HAS_TX_BIAS) && bias_scale_code(features) != reserved_bias_scale)
+    if ((has & has_tx_bias_bit) && bias_scale_code(features) != reserved_bias_scale)
         add_lanes(lanes, tx_bias_fields, bank, missing_lanes, bias_conversion(features),
                   contents.tx_bias);
-    if (has & HAS_TX_POWER)
+    if (has & has_tx_power_bit)
         add_lanes(lanes, tx_power_fields, bank, missing_lanes, power_steps, contents.tx_power);
-    if (has & HAS_RX_POWER)
+    if (has & has_rx_power_bit)
         add_lanes(lanes, rx_power_fields, bank, missing_lanes, power_steps, contents.rx_power);
 }
 
@@ -448,12 +448,12 @@ static void fill_state(const memory_view &state, const memory_view &features,
                        module_contents &contents)
 {
     const int claimed =
-        are_features_known(features) ? features.u8(159) : HAS_TEMPERATURE | HAS_VOLTAGE;
+        are_features_known(features) ? features.u8(159) : has_temperature_bit | has_voltage_bit;
 
-    if ((claimed & HAS_TEMPERATURE) || state.u16(14) != 0)
+    if ((claimed & has_temperature_bit) || state.u16(14) != 0)
         contents.temperature.lanes = {
             {0, temperature_steps(state.s16(14)), module_flags(state.u8(9), 0)}};
-    if ((claimed & HAS_VOLTAGE) || state.u16(16) != 0)
+    if ((claimed & has_voltage_bit) || state.u16(16) != 0)
         contents.voltage.lanes = {{0, voltage_steps(state.u16(16)), module_flags(state.u8(9), 4)}};
 }
 
@@ -495,14 +495,14 @@ static void decode_diagnostics(const module_memory &memory, uint8_t missing_lane
         return;
     }
     if (!is_flat && state.u16(16) == 0 && are_features_known(features) &&
-        (features.u8(159) & HAS_VOLTAGE) != 0) {
+        (features.u8(159) & has_voltage_bit) != 0) {
         contents.doubts.push_back(no_voltage);
         return;
     }
     contents.diagnostics = diagnostics_state::available;
     contents.has_flags = !is_flat;
     contents.has_average_power =
-        are_features_known(features) && (features.u8(151) & AVERAGE_POWER) != 0;
+        are_features_known(features) && (features.u8(151) & average_power_bit) != 0;
     fill_state(state, features, contents);
     if (is_flat)
         return;

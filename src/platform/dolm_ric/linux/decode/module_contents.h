@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_contents - the content of a module's memory, decoded but neither rounded nor graded. */
+/* module_contents - the content of a module's memory, decoded but neither rounded nor graded.
+   Pure data. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -14,10 +15,10 @@ namespace linux_board
 /* The module's own alarm and warning flags of one value. Modules clear them when they are read, so
    another reader may have taken them: they are shown to developers only, and grade nothing. */
 enum measurement_flag : uint8_t {
-    LOW_WARNING_FLAG = 1,
-    HIGH_WARNING_FLAG = 2,
-    LOW_ALARM_FLAG = 4,
-    HIGH_ALARM_FLAG = 8,
+    low_warning_flag = 1,
+    high_warning_flag = 2,
+    low_alarm_flag = 4,
+    high_alarm_flag = 8,
 };
 
 /* In the unit of the values that they belong to. */

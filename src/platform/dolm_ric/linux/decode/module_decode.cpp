@@ -217,9 +217,9 @@ module_records make_records(const module_contents &contents, const port_view &po
     records.info.mode_type = DOLM_RIC_MODE_SFP;
     records.info.sfp = contents.identity;
     if (contents.rx_los_lanes & lanes & ~contents.rx_off_lanes)
-        records.status.status |= RX_LOS_STATUS;
+        records.status.status |= rx_los_status;
     if (contents.tx_fault_lanes & lanes & ~contents.tx_off_lanes)
-        records.status.status |= TX_FAULT_STATUS;
+        records.status.status |= tx_fault_status;
     records.diag_result = diagnostics_result(contents.diagnostics);
     if (records.diag_result == DOLM_RICERR_OK)
         records.diag = make_diag(contents, lanes, port.stopped);

@@ -30,8 +30,8 @@ struct port_view {
 /* The status word of dolm_ric_module_status. Clients see bit 0 as a loss of signal and the value 2
    as a raised fault of the environment. */
 enum module_status_bits : uint32_t {
-    RX_LOS_STATUS = 0x01,
-    TX_FAULT_STATUS = 0x02,
+    rx_los_status = 0x01,
+    tx_fault_status = 0x02,
 };
 
 /* The answers to the three reads of a module that is there. A record is valid where its result is

@@ -17,15 +17,15 @@ namespace linux_board
 
 /* The sfp_eth_compliance bits. */
 enum eth_compliance : uint32_t {
-    ETHCOMP_10GBASE_ER = 0x001,
-    ETHCOMP_10GBASE_LRM = 0x002,
-    ETHCOMP_10GBASE_LR = 0x004,
-    ETHCOMP_10GBASE_SR = 0x008,
-    ETHCOMP_1000BASE_T = 0x010,
-    ETHCOMP_1000BASE_CX = 0x020,
-    ETHCOMP_1000BASE_LX = 0x040,
-    ETHCOMP_1000BASE_SX = 0x080,
-    ETHCOMP_1000BASE_BX = 0x100,
+    ethcomp_10gbase_er = 0x001,
+    ethcomp_10gbase_lrm = 0x002,
+    ethcomp_10gbase_lr = 0x004,
+    ethcomp_10gbase_sr = 0x008,
+    ethcomp_1000base_t = 0x010,
+    ethcomp_1000base_cx = 0x020,
+    ethcomp_1000base_lx = 0x040,
+    ethcomp_1000base_sx = 0x080,
+    ethcomp_1000base_bx = 0x100,
 };
 
 class memory_view;

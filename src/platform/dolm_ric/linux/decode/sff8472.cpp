@@ -19,25 +19,25 @@ namespace
 
 /* Byte 92. */
 enum diagnostics_type : uint8_t {
-    HAS_DIAGNOSTICS = 0x40,
-    INTERNALLY_CALIBRATED = 0x20,
-    EXTERNALLY_CALIBRATED = 0x10,
-    AVERAGE_POWER = 0x08,
-    ADDRESS_CHANGE = 0x04,
+    has_diagnostics_bit = 0x40,
+    internally_calibrated_bit = 0x20,
+    externally_calibrated_bit = 0x10,
+    average_power_bit = 0x08,
+    address_change_bit = 0x04,
 };
 
 /* Byte 93: which of the bits of byte 110 the module has. */
 enum options : uint8_t {
-    HAS_FLAGS = 0x80,
-    HAS_TX_FAULT = 0x20,
-    HAS_RX_LOS = 0x10,
+    has_flags_bit = 0x80,
+    has_tx_fault_bit = 0x20,
+    has_rx_los_bit = 0x10,
 };
 
 /* Byte 110. */
 enum status : uint8_t {
-    DATA_NOT_READY = 0x01,
-    RX_LOS = 0x02,
-    TX_FAULT = 0x04,
+    data_not_ready_bit = 0x01,
+    rx_los_bit = 0x02,
+    tx_fault_bit = 0x04,
 };
 
 /* Of one module; internal calibration is the same with constants that change nothing. */
@@ -68,7 +68,7 @@ static bool is_identity_right(const memory_view &identity)
    and which one does is changed by a sequence that the kernel doesn't offer. */
 static bool has_diagnostics(const memory_view &identity)
 {
-    return (identity.u8(92) & (HAS_DIAGNOSTICS | ADDRESS_CHANGE)) == HAS_DIAGNOSTICS;
+    return (identity.u8(92) & (has_diagnostics_bit | address_change_bit)) == has_diagnostics_bit;
 }
 
 static bool is_serial_wanted(const module_memory &memory)
@@ -115,17 +115,17 @@ static uint32_t compliance_of(const memory_view &identity)
         uint8_t offset;
         uint8_t bit;
         uint32_t meaning;
-    } bits[] = {{3, 0x80, ETHCOMP_10GBASE_ER},  {3, 0x40, ETHCOMP_10GBASE_LRM},
-                {3, 0x20, ETHCOMP_10GBASE_LR},  {3, 0x10, ETHCOMP_10GBASE_SR},
-                {6, 0x08, ETHCOMP_1000BASE_T},  {6, 0x04, ETHCOMP_1000BASE_CX},
-                {6, 0x02, ETHCOMP_1000BASE_LX}, {6, 0x01, ETHCOMP_1000BASE_SX},
-                {6, 0x40, ETHCOMP_1000BASE_BX}};
+    } bits[] = {{3, 0x80, ethcomp_10gbase_er},  {3, 0x40, ethcomp_10gbase_lrm},
+                {3, 0x20, ethcomp_10gbase_lr},  {3, 0x10, ethcomp_10gbase_sr},
+                {6, 0x08, ethcomp_1000base_t},  {6, 0x04, ethcomp_1000base_cx},
+                {6, 0x02, ethcomp_1000base_lx}, {6, 0x01, ethcomp_1000base_sx},
+                {6, 0x40, ethcomp_1000base_bx}};
 
     uint32_t compliance = 0;
     for (const auto &row : bits)
         if (identity.u8(row.offset) & row.bit)
             compliance |= row.meaning;
-    return is_slow_bx(identity) ? compliance & ~uint32_t{ETHCOMP_1000BASE_BX} : compliance;
+    return is_slow_bx(identity) ? compliance & ~uint32_t{ethcomp_1000base_bx} : compliance;
 }
 
 /* The codes first: a rate is a figure of the maker's choice. */
@@ -139,7 +139,7 @@ static uint32_t speed_of(const memory_view &identity)
         return speed;
     if (identity.u8(3) & any_10g)
         return 100;
-    if ((identity.u8(6) & any_1g) || (compliance_of(identity) & ETHCOMP_1000BASE_BX))
+    if ((identity.u8(6) & any_1g) || (compliance_of(identity) & ethcomp_1000base_bx))
         return 10;
     if ((identity.u8(6) & any_100m) || is_slow_bx(identity))
         return 1;
@@ -153,7 +153,7 @@ static bool is_copper(const memory_view &identity)
 
     return (identity.u8(8) & passive_cable) != 0 ||
            medium_of_connector(identity.u8(2)) == medium::copper ||
-           (compliance_of(identity) & (ETHCOMP_1000BASE_T | ETHCOMP_1000BASE_CX)) != 0 ||
+           (compliance_of(identity) & (ethcomp_1000base_t | ethcomp_1000base_cx)) != 0 ||
            meaning_of_compliance(identity.u8(36)).carrier == medium::copper;
 }
 
@@ -279,8 +279,8 @@ static void fill_light(const memory_view &constants, const memory_view &values,
 /* Loss of signal and fault are of the only lane. */
 static void fill_status(uint8_t options, uint8_t status, module_contents &contents)
 {
-    contents.rx_los_lanes = (options & HAS_RX_LOS) && (status & RX_LOS) ? 1 : 0;
-    contents.tx_fault_lanes = (options & HAS_TX_FAULT) && (status & TX_FAULT) ? 1 : 0;
+    contents.rx_los_lanes = (options & has_rx_los_bit) && (status & rx_los_bit) ? 1 : 0;
+    contents.tx_fault_lanes = (options & has_tx_fault_bit) && (status & tx_fault_bit) ? 1 : 0;
 }
 
 /* Of a module of copper only what it measures of itself. */
@@ -348,7 +348,7 @@ static void decode_diagnostics(const memory_view &identity, const memory_view &c
         contents.doubts.push_back(reason);
         return;
     }
-    if (values.u8(110) & DATA_NOT_READY)
+    if (values.u8(110) & data_not_ready_bit)
         return;
     fill_status(identity.u8(93), values.u8(110), contents);
     fill_measurements(constants, values, contents);
@@ -364,16 +364,16 @@ static void decode_sfp(const module_memory &memory, const memory_view &identity,
     fill_identity(identity, contents);
 
     const uint8_t type = identity.u8(92);
-    contents.has_flags = (identity.u8(93) & HAS_FLAGS) != 0;
-    contents.has_average_power = (type & AVERAGE_POWER) != 0;
+    contents.has_flags = (identity.u8(93) & has_flags_bit) != 0;
+    contents.has_average_power = (type & average_power_bit) != 0;
     if (!has_diagnostics(identity)) {
-        if ((type & HAS_DIAGNOSTICS) != 0)
+        if ((type & has_diagnostics_bit) != 0)
             contents.doubts.push_back("the diagnostics need a change of address");
         return;
     }
-    const int calibration = type & (INTERNALLY_CALIBRATED | EXTERNALLY_CALIBRATED);
-    contents.externally_calibrated = calibration == EXTERNALLY_CALIBRATED;
-    if (!contents.externally_calibrated && calibration != INTERNALLY_CALIBRATED)
+    const int calibration = type & (internally_calibrated_bit | externally_calibrated_bit);
+    contents.externally_calibrated = calibration == externally_calibrated_bit;
+    if (!contents.externally_calibrated && calibration != internally_calibrated_bit)
         contents.doubts.push_back("both calibrations are named, or none: taken as internal");
     decode_diagnostics(identity, memory_view(memory, constants_range),
                        memory_view(memory, values_range), contents);

@@ -13,14 +13,14 @@ namespace
 
 /* Byte 2. */
 enum status : uint8_t {
-    DATA_NOT_READY = 0x01,
-    FLAT_MEMORY = 0x04,
+    data_not_ready_bit = 0x01,
+    flat_memory_bit = 0x04,
 };
 
 /* Byte 220. */
 enum diagnostics_type : uint8_t {
-    HAS_TX_POWER = 0x04,
-    AVERAGE_POWER = 0x08,
+    has_tx_power_bit = 0x04,
+    average_power_bit = 0x08,
 };
 
 } // namespace
@@ -92,7 +92,7 @@ static bool are_lanes_wanted(const module_memory &memory)
 static bool are_limits_wanted(const module_memory &memory)
 {
     const memory_view values(memory, values_range);
-    return is_serial_wanted(memory) && values.was_read() && (values.u8(2) & FLAT_MEMORY) == 0;
+    return is_serial_wanted(memory) && values.was_read() && (values.u8(2) & flat_memory_bit) == 0;
 }
 
 /* The page has no checksum, and blocks of zeros where the driver failed. */
@@ -213,7 +213,7 @@ static void decode_diagnostics(const module_memory &memory, bool has_tx_power,
         contents.diagnostics = diagnostics_state::none;
         return;
     }
-    if ((values.u8(2) & DATA_NOT_READY) != 0)
+    if ((values.u8(2) & data_not_ready_bit) != 0)
         return;
     if (are_blank(values.bytes(22, 36)) || values.u16(26) == 0) {
         const bool blank = are_blank(values.bytes(22, 36));
@@ -235,9 +235,9 @@ static void decode_qsfp(const module_memory &memory, const memory_view &identity
                         module_contents &contents)
 {
     contents.has_flags = true;
-    contents.has_average_power = (identity.u8(220) & AVERAGE_POWER) != 0;
+    contents.has_average_power = (identity.u8(220) & average_power_bit) != 0;
     fill_identity(identity, contents);
-    decode_diagnostics(memory, (identity.u8(220) & HAS_TX_POWER) != 0, contents);
+    decode_diagnostics(memory, (identity.u8(220) & has_tx_power_bit) != 0, contents);
 }
 
 const module_layout qsfp_layout = {module_family::qsfp, qsfp_plan, is_identity_right, decode_qsfp};
