@@ -141,7 +141,7 @@ std::string history_json(history::chronicle &kept, uint32_t port, history::level
     json_object modules = json_object::array();
     std::vector<point> points;
     bool is_known = false;
-    const auto places = kept.places(); /* a read that finds damage clears them */
+    const auto places = kept.places(); /* a read that finds the file damaged clears the places */
     for (const auto &[id, in] : places) {
         if (in.port != port)
             continue;
