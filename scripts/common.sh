@@ -118,7 +118,7 @@ show_progress() {
 }
 
 # A build that is made twice compiles once: that of tests/bare_root_test.sh is that of ./test. A cache that the
-# caller has set up serves as well. What a precompiled header is in isn't cached: the compiler died of one that came
+# caller has set up serves as well. Objects with a precompiled header are not cached: the compiler crashed on a header
 # from the cache.
 use_compiler_cache() {
     [ -z "${CMAKE_CXX_COMPILER_LAUNCHER-}" ] || return 0

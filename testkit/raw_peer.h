@@ -19,7 +19,7 @@
 /* For an event that must come; the machine may be busy. */
 inline constexpr int patience_ms = 20000;
 
-/* Whether it becomes so in time; an interrupted wait begins anew. */
+/* Whether the descriptor becomes readable in time; an interrupted wait begins anew. */
 inline bool is_readable(int fd, int timeout_ms = patience_ms)
 {
     pollfd wanted = {fd, POLLIN, 0};
@@ -64,7 +64,7 @@ struct raw_peer {
     record_sender out;
     record_receiver in;
     owned_fd far_bell;  /* rings the mailbox */
-    owned_fd near_bell; /* the mailbox rings it */
+    owned_fd near_bell; /* rung by the mailbox */
     greeting answer;
 
     /* Connects to the socket at that path. */
@@ -98,7 +98,7 @@ struct raw_peer {
         say_hello();
         return take_answer();
     }
-    /* As the library does it. */
+    /* Puts the signal into the ring, and wakes the peer if it waits. */
     record_sender::outcome send_signal(const void *signal, uint32_t size)
     {
         const record_sender::outcome result = out.push(signal, size);

@@ -40,9 +40,10 @@ struct fall_recorder_test : testing::Test {
         records[port].port = port;
         return records[port];
     }
-    void tell(uint32_t port, bool is_told = true, bool is_exact = true)
+    void report(uint32_t port, bool is_reported = true, bool is_exact = true)
     {
-        recorder.hear(port, {is_told, is_exact, is_late, port < 2 ? "0000:03:00" : "0000:05:00"});
+        recorder.report_link(
+            port, {is_reported, is_exact, is_late, port < 2 ? "0000:03:00" : "0000:05:00"});
         recorder.see(record_of(port));
     }
     void plug(uint32_t port, const char *serial)
@@ -57,7 +58,7 @@ struct fall_recorder_test : testing::Test {
         if (serial != nullptr)
             read(port, 0.5);
     }
-    void set_link(uint32_t port, bool is_started, bool is_up, bool is_told = true,
+    void set_link(uint32_t port, bool is_started, bool is_up, bool is_reported = true,
                   bool is_exact = true)
     {
         dolm_ric_details_link &link = record_of(port).link;
@@ -66,7 +67,7 @@ struct fall_recorder_test : testing::Test {
         link.admin = is_started ? DOLM_RIC_SWITCH_UP : DOLM_RIC_SWITCH_DOWN;
         link.oper = is_up ? DOLM_RIC_SWITCH_UP : DOLM_RIC_SWITCH_DOWN;
         link.changed_at = now;
-        tell(port, is_told, is_exact);
+        report(port, is_reported, is_exact);
     }
     void drop(uint32_t port)
     {
@@ -74,7 +75,7 @@ struct fall_recorder_test : testing::Test {
     }
     void leave(uint32_t port, departure how)
     {
-        recorder.hear(port, how);
+        recorder.report_departure(port, how);
         const uint64_t falls = record_of(port).link.falls;
         record_of(port).link = {};
         record_of(port).link.falls = falls;
@@ -397,7 +398,7 @@ TEST_F(fall_recorder_test, a_burst_is_one_record_and_the_next_fall_another_one)
     link.falls += 2; /* the kernel tells of two falls in one message */
     link.rises += 2;
     link.changed_at = now;
-    tell(0);
+    report(0);
     now += 3 * second;
     finish();
     EXPECT_EQ(falls()[2].falls_in_minute, 8) << "though it stays down";

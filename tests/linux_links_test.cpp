@@ -431,7 +431,7 @@ TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
         causes::facts seen;
         seen.fec_before = "RS";
         seen.speed_before = 10000;
-        tell_counts_before(samples, its.up_since * 1'000'000'000, 1000'000'000'000, seen);
+        add_counts_before(samples, its.up_since * 1'000'000'000, 1000'000'000'000, seen);
         const auto text = [](const causes::number &value) {
             std::ostringstream made;
             value ? made << *value : made << "-";

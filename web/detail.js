@@ -19,8 +19,8 @@ const plotted = [
 const identity = [["Kind", "module"], ["Vendor", "vendor"], ["Part", "part"], ["Revision", "revision"],
                   ["Serial", "serial"], ["Date code", "date_code"], ["Product", "product"],
                   ["Extension", "product_ext"]];
-/* Its legend needs inline styles, which our policy forbids; a line above the plot shows the
-   same. */
+/* Its legend needs inline styles, which our policy forbids; a line above the plot shows its values.
+   */
 Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => String(plugin.prototype) !== "Legend Plugin");
 let plots = [];
 let range = "hour";
@@ -122,7 +122,7 @@ function forecast_rows(answer, { forecast, series }) {
   });
 }
 
-/* With a value of nothing where the plot has a forecast, too. */
+/* Rows of readings get an empty forecast where the plot has one. */
 function rows_of(answer, what) {
   const ahead = forecast_rows(answer, what), rows = to_rows(answer, what.series);
   return ahead.length ? [...rows.map((row) => [...row, [null, null, null]]), ...ahead] : rows;
@@ -198,7 +198,7 @@ function draw(answer) {
     figure.append(caption, ...(rows.length ? [place] : []));
     by_id("plots").append(figure);
     if (!rows.length)
-      continue; /* the caption says that nothing was read */
+      continue; /* the caption has "nothing read" */
     const colours = [colour("--plot-1"), colour("--plot-2")].slice(0, names.length);
     plots.push(new Dygraph(place, rows, {
       labels: ["time", ...names, ...(has_forecast ? ["forecast"] : [])], customBars: is_ranged(answer),
@@ -239,7 +239,7 @@ function draw_falls() {
   write_falls(name, begin, ...(plots[0]?.xAxisRange() ?? [begin, now]));
 }
 
-let has_falls = false; /* asked for those of the shown port, and not in vain */
+let has_falls = false; /* the falls of the shown port were asked for, and there is an answer */
 async function load_falls() {
   const number = shown;
   has_falls = true;
@@ -302,7 +302,7 @@ export function write_ages(port, age_of) {
   set_text(by_id("ages"), `${read}${graded}.`);
 }
 
-/* A port that isn't followed any more: nothing of it is known. */
+/* Hides the parts of a port that isn't followed any more. */
 export function write_gone(number) {
   set_text(by_id("port-title"), `Port ${number} isn't followed`);
   for (const part of section.querySelectorAll(".known"))

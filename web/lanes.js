@@ -34,7 +34,7 @@ function lane_row(lane) {
   return line;
 }
 
-/* Readings of the measured values at their present pace. */
+/* The share of time that readings take at their present pace. */
 function reading_text(cost) {
   if (!cost?.period_s || !cost.last_sweep_s)
     return "";

@@ -27,7 +27,7 @@ function write_trouble() {
   by_id("connection").dataset.tone = text ? "bad" : "good";
 }
 
-/* Says of which time the ports are that are still shown. */
+/* Adds to the text from which time the shown ports are. */
 function set_trouble(source, text, known = known_at) {
   const shown = known && ports.size ? ` The ports are shown as they were at ${time_text(known)}.` : "";
   if (!text)
@@ -46,7 +46,7 @@ function write_all() {
     write_gone(chosen);
 }
 
-/* One drawing for all events of one batch. */
+/* Draws once for all events of one batch. */
 let is_due = false;
 function request_writing() {
   if (is_due)

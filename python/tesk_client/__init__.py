@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""tesk_client - talks to tesk-server, for scripts and for asyncio.
+"""tesk_client - a client of tesk-server, for scripts and for asyncio.
 
     with tesk_client.Session() as session:
         print(session.pm(3).rx_power_dbm)

@@ -163,11 +163,11 @@ class Core:
             self.dispatch()
 
     def dispatch(self) -> None:
-        """Does what is to be done, and raises what a callback raised."""
+        """Handles what has arrived, and raises the exception of a callback, if there was one."""
         result = self._call_inside(_library.tesk_client_dispatch, self.check_caller())
         if result == Result.MISUSE:
             raise MisuseError(c.last_error())
-        if result == Result.LOST:  # for good: what is asked from now on is refused
+        if result == Result.LOST:  # for good: all later requests are refused
             for feed in self._feeds[:]:
                 self._fail_feed(feed, LostError("the server went away"))
         if self._failure is not None:
@@ -244,7 +244,7 @@ class Core:
             raise failure
 
     def answered(self, number: int, outcome: Outcome) -> None:
-        """Delivers the outcome of a request to its taker."""
+        """Gives the outcome of a request to its taker."""
         taker = self._requests.pop(number, None)
         if isinstance(taker, tuple):
             key, subscribes = taker
@@ -352,7 +352,7 @@ class Core:
     def receive(self, key: Key, change: Change) -> None:
         """An indication of a subscription."""
         held = self._subscriptions.get(key)
-        if held is None:  # of one that couldn't be ended
+        if held is None:  # of a subscription that couldn't be ended
             self._subscriptions[key] = _Subscription(_State.UNKNOWN)
             self._settle(key)
             return
@@ -364,7 +364,7 @@ class Core:
                 feed.put(change)
 
     def receive_event(self, event: c.CEvent) -> None:
-        """Handles an event of the session as a whole."""
+        """Handles an event of the session, such as the loss of the server."""
         if event.type == c.EVENT_SUBSCRIPTION_LOST:
             key = (Kind(event.kind), event.port_no)
             held = self._subscriptions.get(key)

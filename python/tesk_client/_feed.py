@@ -91,6 +91,6 @@ class Feed:
         return None
 
     def check(self) -> None:
-        """Raises the error that has ended it, if one has."""
+        """Raises the error that has ended the feed, if there is one."""
         if self._error is not None:
             raise self._error.with_traceback(None)

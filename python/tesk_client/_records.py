@@ -76,7 +76,7 @@ class SfpInfo:
 class PortStatus:
     """The state of a port. The speed is None without a link, or where it isn't known. The type is None
     where the server has read nothing of a module: it calls an empty cage electrical here. SfpInfo and
-    `pm` tell the two apart."""
+    `pm` distinguish them."""
 
     port: int
     link: Link

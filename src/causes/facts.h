@@ -3,7 +3,7 @@
    data.
 
    "After" is the first look after the fall, "before" the last one before it: a module's flag that
-   was read before the fall says nothing of the fall. Levels of light are in dBm, by lane; a lane
+   was read before the fall is no evidence for the fall. Levels of light are in dBm, by lane; a lane
    without light has -40. */
 #pragma once
 
@@ -31,8 +31,8 @@ struct facts {
     text boot;            /* of which start of the machine this is the time, by a clock that */
     number since_boot_s;  /* nobody sets */
     number clock_error_s; /* the bound of the clock */
-    number up_for_s;      /* where its rise was seen */
-    number falls_in_minute, falls_in_hour, falls_in_day; /* with this one */
+    number up_for_s;      /* since its last rise; not known if that wasn't seen */
+    number falls_in_minute, falls_in_hour, falls_in_day; /* counting this fall */
 
     /* Other ports that fell within a second, or stayed up; without those that were set down. */
     number device_others_fell, device_others_stayed;   /* ports of the same device */
@@ -43,12 +43,11 @@ struct facts {
     flag set_down; /* the interface was set down */
     flag interface_removed, interface_moved;
     flag driver_unbound, device_removed; /* a device that is removed loses its driver, too */
-    number left_after_s;   /* the interface was gone so long after the fall: another deed, or a
-                              slow one */
-    flag device_reset;     /* the driver's own report of one; an uevent alone is none */
+    number left_after_s;   /* the interface was gone so long after the fall: removed separately, or
+                              slowly */
+    flag device_reset;     /* the driver's own report of a reset; an uevent alone is none */
     text driver_error;     /* what the driver reported as failed, in its own word */
-    flag settings_changed; /* somebody changed speed, negotiation or FEC within five seconds before
-                            */
+    flag settings_changed; /* speed, negotiation or FEC were changed within five seconds before */
     text extended_state;   /* the kernel's name, such as "Autoneg" */
     flag remote_fault;     /* the far end reports that it doesn't receive */
     flag negotiates;
@@ -77,10 +76,10 @@ struct facts {
     number rx_lost_before, lost_in_s;   /* dB that the weakest lane lost, in the readings before */
     number errors_before, errors_limit; /* bit error ratio before correction, and where it fails */
 
-    /* Whether it came back, and how. */
+    /* Whether the link came back, and in which state. */
     flag is_up;
     number down_for_s;
-    by_lane rx_again;                         /* when it was up again */
+    by_lane rx_again;                         /* with the link up again */
     number errors_again, uncorrectable_again; /* blocks since it was up for three seconds */
 };
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One table has all facts; reading, writing and leaving out walk through it. */
+/* One table has all facts; the functions that read, write and leave out facts walk through it. */
 #include "causes/facts_json.h"
 
 #include <algorithm>
@@ -120,8 +120,8 @@ static size_t end_of_text(std::string_view json, size_t begin)
 }
 
 /* Facts lie four levels deep, in objects of some dozens of keys. Deeper ones can't be shown within
-   the stack, and each key is compared with all others of its object. Whether it is JSON at all is
-   the parser's to say. */
+   the stack, and each key is compared with all others of its object. Whether the text is JSON at
+   all is checked by the parser. */
 static void expect_bounds(std::string_view json)
 {
     constexpr size_t deepest = 8, most_keys = 256, most_objects = size_t{2} * 32 * 1024 + 1;
@@ -161,7 +161,7 @@ json parse_facts(std::string_view written)
     return json::parse(written);
 }
 
-/* The beginning is enough to find it. */
+/* For a message: the beginning is enough to find the value in the text. */
 static std::string shown(const json &value)
 {
     constexpr size_t longest = 60;
@@ -223,7 +223,7 @@ static void take(const row &its, const json &value, facts &to)
         its.where);
 }
 
-/* Lists that differ in length would compare one lane with another. */
+/* If lists differed in length, one lane would be compared with another. */
 static void expect_one_length(const facts &known)
 {
     size_t length = 0;

@@ -12,7 +12,7 @@
 namespace causes
 {
 
-/* Says which key is wrong, and what it takes. */
+/* Its text names the wrong key and the values that the key takes. */
 class facts_error : public std::runtime_error
 {
   public:
@@ -29,7 +29,8 @@ nlohmann::ordered_json parse_facts(std::string_view written);
 facts facts_from(const nlohmann::ordered_json &object);
 /* The facts that are known, in the order of the table. */
 nlohmann::ordered_json to_json(const facts &known);
-/* The same facts but for one that is known, for each of them: what a verdict may rest on. */
+/* For each fact that is known: its key, and the facts without it. Shows which facts a verdict rests
+   on. */
 std::vector<std::pair<std::string, facts>> without_each(const facts &known);
 
 } // namespace causes

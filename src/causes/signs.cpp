@@ -28,7 +28,7 @@ static constexpr double soonest_swap = 10;
 static constexpr double safe_margin = 3;
 /* A loss at once is larger than what light that fades loses between two looks. */
 static constexpr double sudden_loss = 6;
-/* More falls in an hour than a person causes who works on it. */
+/* More falls in an hour than somebody causes who works on the link. */
 static constexpr double many_in_hour = 10;
 /* Forward error correction (RS) fails within a decade of this. */
 static constexpr double usual_errors_limit = 2e-4;
@@ -65,7 +65,7 @@ static std::string lanes_text(const std::vector<double> &flags)
     return fmt::format(" on lane{} {} of {}", on == 1 ? "" : "s", list, flags.size());
 }
 
-/* A table of zeros is none. */
+/* A table of zeros has no limit in it. */
 static double low_alarm(const facts &seen)
 {
     const double own = seen.rx_low_alarm.value_or(0);
@@ -107,7 +107,8 @@ sign has_stayed(const facts &seen)
     return {to_answer(!*seen.interface_removed), "The interface stayed."};
 }
 
-/* Nobody who sets one port down takes others along, nor does a hand that pulls a module. */
+/* A set-down, or a module that is pulled, concerns one port: falls of others are evidence against
+   it. */
 sign have_others_fallen(const facts &seen)
 {
     const double of_machine = seen.machine_others_fell.value_or(0);
@@ -189,7 +190,7 @@ sign fell_with_machine(const facts &seen)
         "All ports of other devices that were up fell within a second, too: {:.0f}.");
 }
 
-/* What a bus gives that nobody drives, or a module without a number. */
+/* Neither empty, as of a module without a number, nor the bytes of a bus that nothing drives. */
 static bool is_serial(const std::string &read)
 {
     return !read.empty() && std::ranges::all_of(read, [](char c) { return c > ' ' && c <= '~'; });
@@ -265,7 +266,7 @@ sign has_module_failed(const facts &seen)
             fmt::format("The module's state went from ready to {}.", *seen.state_after)};
 }
 
-/* Drivers fill the extended state late, or wrongly: it shows nothing by itself. */
+/* Drivers fill the extended state late, or wrongly: it is no evidence by itself. */
 static sign driver_says(const facts &seen, std::initializer_list<const char *> states)
 {
     if (!seen.extended_state)
@@ -285,7 +286,7 @@ static sign says_no_cable(const facts &seen)
     return driver_says(seen, {"No cable"});
 }
 
-/* Of a module that is known to be there this means that the far end is silent. */
+/* While the module is known to be there, "No cable" means that the far end is silent. */
 sign says_module_gone(const facts &seen)
 {
     return seen.present_after.value_or(false) ? sign{answer::no, ""} : says_no_cable(seen);
@@ -519,7 +520,7 @@ static bool were_any_counted(const facts &seen)
            seen.frame_errors_in_minute;
 }
 
-/* What the readings before the fall could tell, and don't. */
+/* Whether values are missing that readings before the fall could have given. */
 static bool are_readings_missing(const facts &seen)
 {
     const bool has_light = is_copper(seen).is != answer::yes && seen.present_after.value_or(true);
@@ -539,7 +540,7 @@ sign has_link_fault(const facts &seen)
     return {answer::no, ""};
 }
 
-/* That none was reported shows nothing. */
+/* An error that isn't reported may have happened: few drivers report any. */
 sign has_driver_error(const facts &seen)
 {
     if (!seen.driver_error)
@@ -548,7 +549,7 @@ sign has_driver_error(const facts &seen)
 }
 
 /* A driver that gives its device up sets the interface down itself. Modules with light have a flag
-   for faults of their transmitter; the other signs are of what few ports tell. */
+   for faults of their transmitter; few ports have the values that the other signs need. */
 sign has_earlier_fault(const facts &seen)
 {
     if (const sign error = has_driver_error(seen); error.is == answer::yes)
@@ -646,7 +647,7 @@ sign do_settings_differ(const facts &seen)
 {
     if (!seen.settings_changed)
         return {};
-    /* Which of them was set isn't known: FEC may follow from the others. */
+    /* It isn't known which of the three settings was changed: FEC may follow from the others. */
     const std::string speed =
         seen.speed_before && seen.speed_after && *seen.speed_before != *seen.speed_after
             ? fmt::format(" The speed was {:.0f} Mbit/s, and is {:.0f} now.", *seen.speed_before,

@@ -14,7 +14,7 @@ enum class answer : uint8_t { unknown, no, yes };
 
 struct sign {
     answer is = answer::unknown;
-    std::string sentence; /* where it is yes */
+    std::string sentence; /* where `is` is yes */
 };
 using sign_of = sign (*)(const facts &);
 
@@ -25,7 +25,7 @@ sign was_removed(const facts &seen);
 sign has_stayed(const facts &seen);
 sign may_have_left(const facts &seen);      /* never unknown */
 sign has_left_later(const facts &seen);     /* never no */
-sign have_others_fallen(const facts &seen); /* of the same device; the same below */
+sign have_others_fallen(const facts &seen); /* of the same device */
 sign have_others_stayed(const facts &seen);
 sign has_one_other_fallen(const facts &seen); /* of all devices, at most; never unknown */
 sign is_rest_unknown(const facts &seen);      /* of the other devices; never unknown */
@@ -39,11 +39,11 @@ sign has_another_serial(const facts &seen); /* whenever it was read; never unkno
 sign was_no_module_there(const facts &seen);
 sign has_module_failed(const facts &seen);
 sign is_module_hot(const facts &seen);
-sign says_module_gone(const facts &seen); /* the driver, by its extended state; the same below */
+sign says_module_gone(const facts &seen); /* by the driver's extended state, as the next two */
 sign says_module_failed(const facts &seen);
 sign says_module_hot(const facts &seen);
 sign has_tx_fault(const facts &seen);
-sign was_switched_off(const facts &seen); /* its transmitter */
+sign was_switched_off(const facts &seen); /* of this end's transmitter */
 sign is_laser_dark(const facts &seen);
 sign has_laser_weakened(const facts &seen);
 bool is_laser_on(const facts &seen); /* of each lane, and known */
@@ -53,11 +53,11 @@ sign was_no_light_seen(const facts &seen); /* before the fall; never unknown */
 sign is_one_lane_dark(const facts &seen);
 sign is_light_there(const facts &seen);
 sign is_light_missing(const facts &seen);      /* on some lane */
-sign is_light_seen_missing(const facts &seen); /* never unknown; the same below */
+sign is_light_seen_missing(const facts &seen); /* on some lane; never unknown */
 sign has_link_fault(const facts &seen);        /* of the module or the light, before or after */
 sign has_driver_error(const facts &seen);      /* never no */
-/* What may have brought the link down before a person did: of the driver, the module or the light.
- */
+/* A fault of the driver, the module or the light that may have brought the link down before it was
+   set down. */
 sign has_earlier_fault(const facts &seen);
 sign has_module_gone_or_failed(const facts &seen); /* never unknown */
 sign says_far_side_deaf(const facts &seen);

@@ -31,15 +31,15 @@ struct rule {
     certainty best; /* with all that is excluded known not to be */
     sign_of requires_all[most_signs];
     sign_of excludes[most_signs];
-    sign_of doubts[most_signs] = {}; /* each makes it weaker */
+    sign_of doubts[most_signs] = {}; /* each lowers the certainty */
     advice own = {};                 /* in place of that of the cause */
 };
 
 } // namespace
 
 /* Administration, driver and device come first, since a laser that they switch off looks like a
-   dead one; then the module, since what is pulled takes its light along; then light, since without
-   it there is neither lock nor negotiation. */
+   broken one; then the module, since without it there is no light; then light, since without it
+   there is neither lock nor negotiation. */
 static constexpr rule rules[] = {
     {cause::set_down,
      side::local,
@@ -88,7 +88,7 @@ static constexpr rule rules[] = {
      {was_reset},
      {was_unbound},
      {have_others_stayed, is_light_missing, has_link_fault}},
-    /* A switch at the other end of all fibres takes their light along. */
+    /* If one switch is at the other end of all fibres, they lose their light together. */
     {cause::machine_wide,
      side::unknown,
      layer::device,
@@ -110,7 +110,7 @@ static constexpr rule rules[] = {
      {was_replaced},
      {},
      {does_module_answer, was_no_module_there, has_earlier_fault, have_others_fallen}},
-    /* One that doesn't answer any more looks like one that was pulled. */
+    /* A module that doesn't answer any more looks like one that was pulled. */
     {cause::module_pulled,
      side::local,
      layer::module,
@@ -226,7 +226,7 @@ static constexpr rule rules[] = {
 static constexpr const char *other_end =
     "The facts of the other end: teskctl why --other-end FILE.";
 
-/* By cause. */
+/* In the order of enum cause. */
 static constexpr advice advices[] = {
     {"Whether what else was seen came before it.",
      "Set it up again, or ask who set it down: the network's own service, a script, an operator."},
@@ -343,7 +343,7 @@ static std::string duration_text(double seconds)
     return fmt::format("{:.0f} {}", std::floor(seconds / its->in_s), its->name);
 }
 
-/* What is not as it should be, and shows no cause by itself. */
+/* Abnormal values that show no cause by themselves. */
 static std::vector<std::string> abnormal(const facts &seen)
 {
     std::vector<std::string> found;
@@ -354,7 +354,7 @@ static std::vector<std::string> abnormal(const facts &seen)
     return found;
 }
 
-/* The facts that matter with any cause. */
+/* Adds evidence that matters with any cause. */
 static void add_context(const facts &seen, verdict &made)
 {
     std::vector<std::string> &evidence = made.evidence;
@@ -393,7 +393,7 @@ static void add_context(const facts &seen, verdict &made)
         add(fmt::format("The driver says: {}.", *seen.extended_state));
 }
 
-/* What isn't known of a set-down, each of which would be another cause. */
+/* The unknown facts of a set-down, each of which would be another cause. */
 static std::string open_questions(const facts &seen)
 {
     static constexpr struct {
@@ -496,7 +496,7 @@ static order order_of(const facts &here, const facts &there)
     return who;
 }
 
-/* Of what one end saw alone, and what the other end explains. */
+/* Whether the facts of the other end can explain a cause that one end has found alone. */
 static bool is_open_question(cause its)
 {
     static constexpr cause open[] = {cause::light_lost,         cause::lane_lost, cause::no_lock,
@@ -511,7 +511,7 @@ static void settle_by(verdict &made, const char *settle, std::string action)
     made.action = std::move(action);
 }
 
-/* What happened at the other end, and brought this one down. */
+/* Takes over the cause that the other end has found for the fall of both. */
 static void take_over(verdict &made, const verdict &other)
 {
     made.cause = other.cause;
@@ -523,7 +523,7 @@ static void take_over(verdict &made, const verdict &other)
               fmt::format("At the other end: {}", other.action));
 }
 
-/* What the light of both ends shows together. Returns whether it shows something. */
+/* Joins the evidence of light at both ends. Returns whether that shows a cause. */
 static bool join(verdict &made, const verdict &other, const facts &here, const facts &there)
 {
     static constexpr char look[] = "A look at the fibre.";

@@ -2,9 +2,9 @@
 /* verdict - why a link fell, from what was seen of the fall. A pure function: no clock, no files.
 
    A verdict that is called certain is never wrong. So a cause is certain only if what shows it was
-   seen, nothing that speaks against it, and each other cause that could be certain is excluded by a
-   fact. Facts that contradict each other make it possible at most. Whatever one end can't tell
-   apart, as a cut fibre from a far end that was switched off, is never certain. */
+   seen, no evidence against it was seen, and each other cause that could be certain is excluded by
+   a fact. Facts that contradict each other make it possible at most. Causes that look alike from
+   one end, such as a cut fibre and a far end that was switched off, are never certain. */
 #pragma once
 
 #include "causes/facts.h"
@@ -61,14 +61,15 @@ struct verdict {
     causes::certainty certainty = certainty::possible;
     std::vector<std::string> evidence;  /* sentences with values */
     std::vector<std::string> conflicts; /* facts that can't both be true */
-    std::vector<std::string> ill;       /* it came back, and worse than before: how */
-    std::string settle;                 /* a check that would make it certain; else empty */
-    std::string action;                 /* what to do */
+    std::vector<std::string>
+        ill;            /* how the link is worse than before the fall; empty if it isn't */
+    std::string settle; /* a check that would make it certain; else empty */
+    std::string action; /* what to do */
 };
 
 verdict judge(const facts &seen);
 
-/* Who of two ends fell first. */
+/* Which of two ends fell first. */
 struct order {
     bool is_one_fall = true;
     bool is_known = false; /* the clocks' bounds allow it */

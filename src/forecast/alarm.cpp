@@ -9,8 +9,8 @@
 namespace forecast
 {
 
-/* As long as the days of a series are looked at: twice the horizon is enough to know its weather.
- */
+/* The number of days of a series that are examined: twice the horizon is enough to know the series'
+   weather. */
 static constexpr int looked_at = 42;
 
 static double own_limit(quantity value, const std::optional<limits> &own)
@@ -74,7 +74,7 @@ void alarm::evaluate(series &of, const block_ring &temperatures, int64_t last, i
         of.remember_excursion(excursion(seen));
 }
 
-/* Half of the day's swing: so much earlier than the day's middle its lowest hours meet a limit. */
+/* Half of the day's swing: the lowest hours of a day are so far below its middle. */
 static double usual_swing(const days &seen)
 {
     double sum = 0;

@@ -29,7 +29,7 @@ class alarm
     void withdraw(int64_t time, const std::string &reason, std::vector<report> &reports);
     /* Another module. */
     void forget();
-    /* What the last look found, while an alarm is raised; its time is that of the look. */
+    /* The result of the last look, while an alarm is raised; its time is that of the look. */
     std::optional<report> standing() const;
     /* The known fall of the level per day; 0 if none is known. */
     double pace() const
@@ -54,11 +54,11 @@ class alarm
     int64_t quiet_until_ = 0; /* block */
     int64_t began_ = 0;       /* block at which the fall began, at the latest */
     double pace_ = 0, first_pace_ = 0, certainty_ = 0;
-    /* What the last look found. */
+    /* The result of the last look. */
     outlook next_{};
     double level_ = 0, fall_ = 0;
     int64_t look_block_ = 0, look_time_ = 0;
-    /* What was announced. */
+    /* The values that were announced. */
     double told_day_ = 0; /* of the limit, in days of the series */
     int64_t told_block_ = 0;
 };

@@ -10,8 +10,8 @@ namespace forecast
 {
 
 /* A box without a battery starts with an old clock and sets it minutes to hours later. Readings
-   with a time that goes back, or leaps ahead by more than a gap that happens, are left out until
-   the new time has been in use for a day; then it is the right one, and the series continues. */
+   with a time that goes back, or leaps ahead by more than any usual gap, are left out until the new
+   time has been in use for a day; then it is the right one, and the series continues. */
 class believed_time
 {
   public:
@@ -48,7 +48,7 @@ class believed_time
 
   private:
     static constexpr int64_t longest_gap =
-        int64_t{15} * 86400;                         /* a box on its way back from repair */
+        int64_t{15} * 86400;                         /* a box may be away for repair so long */
     static constexpr int64_t believed_after = 86400; /* time service works within hours */
 
     bool is_begun_ = false, is_doubtful_ = false;

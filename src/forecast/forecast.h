@@ -36,7 +36,7 @@ enum class cause : uint8_t {
     light_lost,   /* dirt, a bend, or the far laser */
     laser_ageing, /* the own laser */
     overheating,  /* a fan, a filter, dust */
-    signal_worse, /* more bit errors, while the powers say nothing */
+    signal_worse, /* more bit errors, with powers as before */
     step,         /* a loss at once: a notice, no forecast */
 };
 
@@ -86,13 +86,13 @@ class port
     port(port &&) noexcept;
     ~port();
 
-    /* Also while readings are kept already: the next look at them uses these. */
+    /* Limits may be set at any time: the next look at the readings uses them. */
     void set_limits(quantity value, const limits &own);
     /* Appends to `reports` what the reading changed. Readings nearer than four minutes to the one
        before are left out, and so are lanes beyond the 64th. */
     void feed(const reading &next, std::vector<report> &reports);
-    /* What holds now: of each alarm that is raised and not withdrawn, what the last look at its
-       readings found. Looks are three hours apart; `time` is that of the look. */
+    /* The forecasts that hold now: for each alarm that is raised and not withdrawn, the result of
+       the last look at its readings. Looks are three hours apart; `time` is that of the look. */
     std::vector<report> standing() const;
 
   private:

@@ -15,23 +15,23 @@ struct rules {
     const char *name;
     cause why;
     const char *unit;     /* of a change of the level */
-    double sign;          /* -1: it fails upwards */
-    double resolution;    /* of the level as it is kept in 16 bits */
+    double sign;          /* -1: the value fails by rising */
+    double resolution;    /* the step of the level in its 16 bits */
     double slope;         /* level a degree, before anything is learnt */
     double slope_sd;      /* how far a module may be from that */
-    double curve_sd;      /* the same for the square: level a square degree, around 40 degrees */
+    double curve_sd;      /* how far from a straight line; level a square degree, around 40 */
     double noise;         /* from one day to the next, before anything is learnt */
     double sure;          /* a fall has to exceed so many deviations of what days wander */
     double least_noise;   /* no series is taken to be quieter */
     double least_fall;    /* a smaller fall is never reported */
-    bool follows_weather; /* weather lowers it for days */
+    bool follows_weather; /* weather lowers the level for days */
     double hasty;         /* factor of least_fall where only three days fell */
-    double hasty_week;    /* the same for four or five days */
+    double hasty_week;    /* factor of least_fall where four or five days fell */
     double sudden_fall;   /* a fall in one to three days that no weather makes; 0: not looked for */
     double step;          /* a smaller change at once doesn't begin a new series; 0: none does */
     double notice;        /* a larger fall at once is reported as a step */
     double fastest;       /* fall a day that isn't taken for a step between rare readings */
-    double horizon;       /* days: a limit that is further away is none of today's concern */
+    double horizon;       /* days: no alarm is raised for a limit that is further away */
     double default_fall;  /* the limit, from the first level on, where the module has none */
 };
 
@@ -39,7 +39,7 @@ const rules &rules_of(quantity value);
 
 /* Level of a value; not a number for one that can't be right. */
 double level_of(quantity value, double measured);
-/* The inverse for what is shown: powers in dBm, others in their unit. */
+/* The value of a level as it is shown: powers in dBm, others in their unit. */
 double shown(quantity value, double level);
 
 } // namespace forecast

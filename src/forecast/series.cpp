@@ -102,8 +102,8 @@ double temperature_slope::doubt(double from, double to) const
     if (std::isnan(from) || std::isnan(to))
         return unknown * (std::fabs(rules_->slope) + rules_->slope_sd);
     const double w = to - from, s = square_of(to) - square_of(from);
-    /* The light follows hours behind the sensor, so that what a day teaches is not what a season
-       does: a sixth of the slope is taken for uncertain, however long it was learnt. */
+    /* The light follows the sensor hours later, so that the slope of a day differs from that of a
+       season: a sixth of the slope counts as uncertain, however long it was learnt. */
     const double misfit = w * slope_ / 6;
     return std::sqrt(
         std::max(0.0, w * w * var_slope_ + 2 * w * s * var_both_ + s * s * var_curve_) +

@@ -88,7 +88,7 @@ class series
     }
     /* Ends a block; `temperatures` already has its middle. */
     void close(int64_t block, const block_ring &temperatures);
-    /* Another module: nothing that was learnt holds. */
+    /* Begins anew for another module: nothing that was learnt holds. */
     void restart(int64_t block);
 
     quantity value() const
@@ -113,7 +113,7 @@ class series
     {
         return std::sqrt(noise_);
     }
-    /* The step of the reading itself, as a change of the level at hand. */
+    /* The resolution of the module's readings, as a change of the level at its present value. */
     double quantum() const;
     /* What an earlier series of this module fell and recovered by, fading within two months. */
     double past_excursion() const

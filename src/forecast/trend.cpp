@@ -242,8 +242,8 @@ std::optional<fade> find_fade(const series &of, const block_ring &temperatures, 
                               const days &seen)
 {
     const double deepest = std::max(excursion(seen), of.past_excursion());
-    /* From the shortest in which a fade can be told from weather to the horizon; each a third
-       longer, so that one of them fits a fade of any age. */
+    /* From the shortest in which a fade differs from weather to the horizon; each a third longer,
+       so that one of them fits a fade of any age. */
     for (const int span : {3, 4, 5, 7, 9, 12, 16, 21, 27})
         if (span < seen.count)
             if (const auto found = test_span(of, seen, span, deepest))

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* trend - finds a fall in the days of a series, and tells weather from a fade. No state. */
+/* trend - finds a fall in the days of a series, and distinguishes a fade from weather. No state. */
 #pragma once
 
 #include "forecast/series.h"
@@ -30,7 +30,7 @@ struct fade {
     double fall;      /* of the level, without temperature */
     double span;      /* days in which it fell */
     double a_day;     /* the present pace */
-    double certainty; /* in standard deviations of what comes by itself in such a span */
+    double certainty; /* in standard deviations of the changes that are normal in such a span */
 };
 /* A fade that is going on; nothing: none that is sure. */
 std::optional<fade> find_fade(const series &of, const block_ring &temperatures, int64_t last,

@@ -63,13 +63,13 @@ void chronicle::open(const clocks &now)
         trouble_ = error.what();
     }
     for (const std::string &note : notes)
-        given_.tell(note);
+        given_.report(note);
     if (trouble_.empty()) {
-        if (!told_.empty())
-            given_.tell("the history is kept again");
-        told_.clear();
-    } else if (told_.insert(trouble_).second) {
-        given_.tell(trouble_ + "; no history is kept until then");
+        if (!reported_.empty())
+            given_.report("the history is kept again");
+        reported_.clear();
+    } else if (reported_.insert(trouble_).second) {
+        given_.report(trouble_ + "; no history is kept until then");
     }
 }
 
@@ -253,7 +253,7 @@ void chronicle::write(const clocks &now)
         pending_ = {};
         touched_.clear();
         if (!write_trouble_.empty())
-            given_.tell("the history can be written again");
+            given_.report("the history can be written again");
         write_trouble_.clear();
         if (now.boot >= next_checkpoint_) {
             next_checkpoint_ = now.boot + checkpoint_pause;
@@ -266,7 +266,7 @@ void chronicle::write(const clocks &now)
     }
 }
 
-/* As before open(), but that empty ports are still known. */
+/* Back to the state before open(), except that empty ports stay known. */
 void chronicle::drop()
 {
     store_.reset();
@@ -294,16 +294,16 @@ void chronicle::failed(const database_error &error)
         next_try_ = INT64_MIN;
         return;
     }
-    pending_.places.clear(); /* they are still in touched_ */
+    pending_.places.clear(); /* the places are still in touched_ */
     if (store_ && write_trouble_.empty())
-        given_.tell(fmt::format("the history can't be written: {}; it goes on in memory, and is "
-                                "written when that is possible",
-                                error.what()));
+        given_.report(fmt::format("the history can't be written: {}; it goes on in memory, and is "
+                                  "written when that is possible",
+                                  error.what()));
     write_trouble_ = error.what();
     bound_pending();
 }
 
-/* The older half leaves. */
+/* Drops the older half of the places. */
 void chronicle::bound_pending()
 {
     const auto most =
@@ -318,7 +318,7 @@ void chronicle::bound_pending()
     }
 }
 
-/* Reading finds damage, too. */
+/* A read, too, may find that the file is damaged. */
 template <typename read_type>
 void chronicle::guarded(read_type read)
 {
@@ -329,8 +329,8 @@ void chronicle::guarded(read_type read)
     } catch (const database_error &error) {
         if (is_damaged(error))
             failed(error);
-        else if (told_.insert(error.what()).second)
-            given_.tell(fmt::format("the history can't be read: {}", error.what()));
+        else if (reported_.insert(error.what()).second)
+            given_.report(fmt::format("the history can't be read: {}", error.what()));
     }
 }
 

@@ -3,7 +3,7 @@
    hours and days go to the store. No clock and no thread of its own; one thread at a time. No
    function throws but for exhausted memory.
 
-   What a store doesn't take, as with a full disk, stays in memory (two days of rows at most) and is
+   Rows that can't be stored, as with a full disk, stay in memory (two days of rows at most) and is
    written when it can be: a write that fails is tried again after a minute, then after twice as
    long each time, up to a quarter of an hour. */
 #pragma once
@@ -29,7 +29,7 @@ class chronicle
         std::string folder;
         int64_t limit; /* of the file, in bytes */
         /* A sentence for the operator. Each failure is reported once, and its end. */
-        std::function<void(const std::string &)> tell;
+        std::function<void(const std::string &)> report;
         /* A step of five minutes has ended. */
         std::function<void(const place &, int64_t time, const record &)> on_step;
     };
@@ -45,7 +45,7 @@ class chronicle
     void vacate(uint32_t port);
     /* To be called each minute or more often: opens the store, ends steps, writes what is due. */
     void advance(const clocks &now);
-    /* Writes what is complete, before the end. */
+    /* Writes all complete steps; to be called before the end. */
     void close(const clocks &now);
     void announce(announcement told)
     {
@@ -57,7 +57,7 @@ class chronicle
     {
         return trouble_;
     }
-    /* Why it can't be written at present; empty while it can. */
+    /* The reason why the history can't be written at present; empty while it can. */
     const std::string &write_trouble() const
     {
         return write_trouble_;
@@ -73,8 +73,8 @@ class chronicle
     /* The place of the module that is in a port now; 0: it is empty; nothing: not known yet. */
     std::optional<int64_t> occupant_of(uint32_t port) const;
 
-    /* As those of the store, with what isn't written yet. After a failure of the file they give
-       nothing, and the file is set aside. */
+    /* As the functions of the store, but with rows that aren't written yet. After a failure of the
+       file they give nothing, and the file is set aside. */
     void read(level of, int64_t place, int64_t first, int64_t last,
               const std::function<void(int64_t number, const record &)> &take);
     void read_all(level of, int64_t first, int64_t last,
@@ -105,7 +105,7 @@ class chronicle
     std::unique_ptr<store> store_;
     std::optional<timeline> time_;
     std::string trouble_ = "it isn't open yet", write_trouble_, fault_;
-    std::set<std::string> told_;
+    std::set<std::string> reported_;
     std::map<int64_t, place> places_;
     std::map<std::array<std::string, 4>, int64_t> ids_; /* by port, vendor, part, serial */
     std::map<uint32_t, int64_t> occupants_;

@@ -13,7 +13,7 @@ namespace history
 static constexpr uint8_t has_errors = 0x80;
 static constexpr size_t head_size = 2;
 
-/* By measure. */
+/* In the order of enum measure. */
 static constexpr decimal_step steps[] = {{1, 2}, {2, 4}, {2, 3}, {2, 3}, {1, 2}, {1, 3}};
 static constexpr double powers_of_ten[] = {1, 10, 100, 1000, 10'000};
 

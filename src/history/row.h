@@ -22,7 +22,7 @@ enum class measure : uint8_t {
     temperature, /* degrees Celsius; kept in 0.01 */
     voltage,     /* volts; 0.2 mV */
     rx_power,    /* dBm; 0.002 dB, finer than the noise that a forecast must see through */
-    tx_power,    /* dBm; likewise */
+    tx_power,    /* dBm; 0.002 dB */
     bias,        /* milliamperes; 0.01 mA */
     error_ratio, /* logarithm to the base of 10; 0.001 */
 };

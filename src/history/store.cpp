@@ -43,7 +43,7 @@ static constexpr char schema[] = R"(
     COMMIT;
 )";
 
-/* By level. */
+/* In the order of enum level. */
 static constexpr const char *insert_row[] = {"INSERT OR IGNORE INTO steps VALUES(?, ?)",
                                              "INSERT OR IGNORE INTO hours VALUES(?, ?)",
                                              "INSERT OR IGNORE INTO days VALUES(?, ?)"};
@@ -91,7 +91,7 @@ bool batch::is_empty() const
            std::ranges::all_of(rows, [](const auto &each) { return each.empty(); });
 }
 
-/* With what SQLite adds to a row. */
+/* The size of a row in the file, with the bytes that SQLite adds. */
 size_t batch::size() const
 {
     constexpr size_t of_row = 16;
@@ -129,7 +129,7 @@ static void set_aside(const std::string &path, const std::string &reason,
 {
     namespace fs = std::filesystem;
     std::error_code error;
-    if (fs::file_size(path, error) == 0) { /* it doesn't replace one with content */
+    if (fs::file_size(path, error) == 0) { /* an empty file doesn't replace one with content */
         fs::remove(path, error);
         return;
     }
@@ -249,7 +249,7 @@ static void write_rows(statement &to, const std::vector<batch::kept_row> &rows)
         to.bind(1, key_of(each.number, each.place)).bind_blob(2, each.blob).run();
 }
 
-/* By age, and what is too many. */
+/* Drops rows and events that are too old, or too many. */
 void store::prune(int64_t present)
 {
     database &file = *database_;
@@ -334,7 +334,7 @@ void store::write(const batch &added, int64_t present)
     database &file = *database_;
     file.run("BEGIN IMMEDIATE");
     try {
-        /* Old rows leave once an hour, with the hour's. */
+        /* Old rows are dropped once an hour, when the row of the hour is written. */
         if (!added.rows[hour_rows].empty() || added.events.size() > 1000)
             prune(present);
         make_room(added, present);

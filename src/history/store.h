@@ -33,12 +33,14 @@ class store_error : public std::runtime_error
     using std::runtime_error::runtime_error;
 };
 
-/* A module in a port, however often it was there. A module without a serial is its port's. */
+/* A module in a port, however often it was there. Modules without a serial in one port count as
+   one. */
 struct place {
     int64_t id; /* 1 to 2^24-1, never used twice */
     uint32_t port;
     std::string interface, vendor, part, serial;
-    int64_t first, last; /* when it was seen; `last` is written once an hour and at the end */
+    int64_t first, last; /* times at which the module was seen; `last` is written once an hour and
+                            at the end */
 };
 
 /* A module whose serial is read differently each time has many places. Rows of one that is dropped
@@ -53,8 +55,8 @@ struct event {
     std::string kind, text;
 };
 
-/* What the forecast has to know after a restart: what it announced, and the limits of a module. It
-   stays as long as its place. */
+/* Data of the forecast for the time after a restart: an announced forecast, or the limits of a
+   module. Kept as long as its place. */
 struct announcement {
     int64_t place;
     std::string key;  /* lane and value, or "limits" */
@@ -80,7 +82,7 @@ struct batch {
     std::vector<announcement> announcements;
 
     bool is_empty() const;
-    size_t size() const; /* about what it takes in the file, in bytes */
+    size_t size() const; /* its approximate size in the file, in bytes */
 };
 
 class store
@@ -98,7 +100,7 @@ class store
     /* Writes all of it in one transaction, and drops what is too old, or too much for the limit;
        `present` is the time of the history. Throws database_error: nothing is written then. */
     void write(const batch &added, int64_t present);
-    /* Moves what is committed from the log into the file, so that the log begins anew. */
+    /* Moves committed transactions from the log into the file, so that the log begins anew. */
     void checkpoint();
 
     std::vector<place> places();

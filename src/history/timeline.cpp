@@ -9,8 +9,8 @@
 namespace history
 {
 
-/* A box on its way back from repair. A clock that is further ahead is likelier to be wrong, and
-   belief in it would make the history drop what it has as too old. */
+/* A box may be away for repair so long. A clock that is further ahead is likelier to be wrong, and
+   by it all rows of the history would be too old and dropped. */
 static constexpr int64_t longest_gap = int64_t{15} * 86400;
 /* Time service slews smaller differences away. */
 static constexpr int64_t least_shift = 60;
@@ -26,7 +26,7 @@ timeline::timeline(std::vector<shift> known, int64_t end, const clocks &now)
         return;
     }
     if (start_ < end && end - start_ < least_shift)
-        start_ = end; /* what was written in this second */
+        start_ = end; /* rows were written in this second */
     if (start_ >= end && start_ - end <= longest_gap)
         return;
     start_ = end;

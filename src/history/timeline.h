@@ -46,7 +46,8 @@ class timeline
     /* Looks at the wall clock. By how much it was set, where that is a minute or more; shifts() has
        changed then. */
     std::optional<int64_t> follow(const clocks &now);
-    /* The same for the start of this run. */
+    /* By how much the clock was set between the end of the history and the start of this run;
+       nothing below a minute. */
     std::optional<int64_t> shift_at_start() const
     {
         return shift_at_start_;

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-/* Where tesk-exporter listens unless it is told otherwise. */
+/* Where tesk-exporter listens without --listen. */
 inline constexpr char exporter_address[] = "127.0.0.1:9816";
 
 struct http_answer {

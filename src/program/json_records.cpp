@@ -103,7 +103,7 @@ json_object to_json(const tesk_client_pm &pm)
         {"tx_bias_ma", value_or_null(pm.has_tx_bias, pm.tx_bias / 100.0)},
         {"loss_of_signal", value_or_null(pm.has_loss_of_signal, pm.loss_of_signal)},
         {"loss_of_frame", value_or_null(pm.has_loss_of_frame, pm.loss_of_frame)}};
-    /* Not through value_or_null: braces around an array would make an array of it. */
+    /* Not by value_or_null: braces around the array would nest it in another one. */
     object["bit_errors"] = pm.has_bit_errors ? json_object(pm.bit_errors) : json_object(nullptr);
     return object;
 }

@@ -28,7 +28,7 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder);
 std::vector<causes::facts> falls_of(const std::string &folder, uint32_t port_no,
                                     std::string *fault = nullptr);
 
-/* The newest of them; only its line, and those behind it that are wrong, are taken apart. Throws as
+/* The newest fall of the port; only its line, and wrong lines behind it, are parsed. Throws as
    falls_of(). */
 std::optional<causes::facts> last_fall_of(const std::string &folder, uint32_t port_no);
 
@@ -41,6 +41,7 @@ std::string cause_text(const causes::verdict &its);
 std::string illness_text(const causes::verdict &its);
 
 /* The facts in a file, "-" for standard input: an object, a list of objects, or an object in each
-   line; what causes::json_of() and the exporter write, too. Throws a tool_error that names the file
-   and the place where it is wrong, that it has none, or more than a machine can have. */
+   line; the output of causes::json_of() and of the exporter can be read as well. Throws a
+   tool_error that names the file and the place where it is wrong, that it has none, or more than a
+   machine can have. */
 std::vector<causes::facts> facts_in(const std::string &path);

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* run_tool - how a tool's main ends, whatever happens. The tools have one thread. */
+/* run_tool - runs the body of a tool's main, and ends the tool with its exit code. The tools have
+   one thread. */
 #pragma once
 
 #include "program/exit_code.h"

@@ -33,8 +33,8 @@
 extern "C" {
 #endif
 
-/* For the enumerations that are passed to the library: in C++, too, any number is a value of
-   theirs, so that one which isn't listed can be refused. */
+/* The underlying type of enumerations that are passed to the library. With it, also in C++ any
+   number is a valid value, so that the library can check for one that isn't listed. */
 #ifdef __cplusplus
 #define TESK_CLIENT_ANY_NUMBER : unsigned int
 #else
@@ -45,21 +45,23 @@ typedef struct tesk_client_session tesk_client_session;
 
 typedef enum tesk_client_result TESK_CLIENT_ANY_NUMBER {
     TESK_CLIENT_OK = 0,
-    TESK_CLIENT_REJECTED = 1,    /* the server refused and gave a text */
-    TESK_CLIENT_MISUSE = 2,      /* a wrong argument, or a call that isn't allowed here */
-    TESK_CLIENT_NO_SERVER = 3,   /* no process owns the server's mailbox name */
-    TESK_CLIENT_NO_ACCESS = 4,   /* the server's mailbox or the port map is not for this user */
-    TESK_CLIENT_TIMEOUT = 5,     /* no answer before the deadline; what the server did is unknown */
-    TESK_CLIENT_LOST = 6,        /* the server went away before it answered */
+    TESK_CLIENT_REJECTED = 1,  /* the server refused and gave a text */
+    TESK_CLIENT_MISUSE = 2,    /* a wrong argument, or a call that isn't allowed here */
+    TESK_CLIENT_NO_SERVER = 3, /* no process owns the server's mailbox name */
+    TESK_CLIENT_NO_ACCESS =
+        4,                   /* this user may not use the server's mailbox, or read the port map */
+    TESK_CLIENT_TIMEOUT = 5, /* no answer before the deadline; what the server did is unknown */
+    TESK_CLIENT_LOST = 6,    /* the server went away before it answered */
     TESK_CLIENT_CANCELLED = 7,   /* the session was closed before the answer came */
     TESK_CLIENT_FAILED = 8,      /* the system or the mailbox library failed */
     TESK_CLIENT_NO_PORT_MAP = 9, /* the port map doesn't exist */
-    TESK_CLIENT_BAD_PORT_MAP = 10, /* it is not a port map; tesk_client_error says which line */
+    TESK_CLIENT_BAD_PORT_MAP =
+        10, /* the file is not a port map; tesk_client_error names the line */
 } tesk_client_result;
 
 /* Why the server rejected a request, as far as its text says. */
 typedef enum tesk_client_rejection {
-    TESK_CLIENT_REJECTION_NONE = 0,           /* it did not reject */
+    TESK_CLIENT_REJECTION_NONE = 0,           /* the server did not reject the request */
     TESK_CLIENT_REJECTION_OTHER = 1,          /* any reason that isn't listed here: see the text */
     TESK_CLIENT_REJECTION_NO_PORT = 2,        /* the port doesn't exist */
     TESK_CLIENT_REJECTION_NO_MODULE = 3,      /* no module in the port, or none that can be read */
@@ -219,10 +221,10 @@ typedef enum tesk_client_history_kind TESK_CLIENT_ANY_NUMBER {
     TESK_CLIENT_HISTORY_ACTIONS,
 } tesk_client_history_kind;
 
-/* Events of the session as a whole. */
+/* Events of the session, such as the loss of the server. */
 typedef enum tesk_client_event_type {
-    TESK_CLIENT_EVENT_LOST,              /* the server went away */
-    TESK_CLIENT_EVENT_RESTORED,          /* it is back; the subscriptions are being renewed */
+    TESK_CLIENT_EVENT_LOST,     /* the server went away */
+    TESK_CLIENT_EVENT_RESTORED, /* the server is back; the subscriptions are being renewed */
     TESK_CLIENT_EVENT_SUBSCRIPTION_LOST, /* one of them could not be renewed */
 } tesk_client_event_type;
 

@@ -165,7 +165,7 @@ void tesk_client_close(tesk_client_session *session)
 {
     if (session == nullptr || check_caller(session, true) != TESK_CLIENT_OK)
         return;
-    session->cancel(); /* its callbacks may still use the session */
+    session->cancel(); /* the callbacks of open requests may still use the session */
     delete session;
 }
 

@@ -23,7 +23,7 @@ std::optional<record_type> copy_of(const mbx_signal *signal)
     return record;
 }
 
-/* The same in host byte order. */
+/* A copy of the record, in host byte order; nothing if the signal is too short. */
 template <typename record_type>
 std::optional<record_type> host_copy_of(const mbx_signal *signal)
 {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk_client_paths - where a board's files are: the environment's words for it. No state, any
+/* tesk_client_paths - the paths of a board's files, from environment variables. No state, any
    thread. */
 #pragma once
 

@@ -302,7 +302,7 @@ tesk_client_result tesk_client_session::request(tesk_client_request_type type, u
     try {
         send_what_fits();
     } catch (const std::bad_alloc &) {
-        /* It stays queued: the next dispatch sends it. */
+        /* The request stays queued: the next dispatch sends it. */
     }
     arm_timer();
     return TESK_CLIENT_OK;

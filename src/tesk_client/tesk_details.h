@@ -28,9 +28,9 @@ typedef enum tesk_details_result {
     TESK_DETAILS_OK = 0,
     TESK_DETAILS_MISUSE = 1,        /* a null pointer where the call needs one */
     TESK_DETAILS_NO_FILE = 2,       /* no board publishes details there */
-    TESK_DETAILS_NO_ACCESS = 3,     /* the file is not for this user */
+    TESK_DETAILS_NO_ACCESS = 3,     /* this user may not read the file */
     TESK_DETAILS_NOT_DETAILS = 4,   /* a link, a FIFO, a device, or a file of another kind */
-    TESK_DETAILS_OTHER_VERSION = 5, /* of the file, than this library knows */
+    TESK_DETAILS_OTHER_VERSION = 5, /* the file has another version than this library knows */
     TESK_DETAILS_TRUNCATED = 6,     /* the file is shorter than it says */
     TESK_DETAILS_ENDED = 7,         /* the board was shut down, or its process died */
     TESK_DETAILS_NO_PORT = 8,       /* the board has no such port */

@@ -46,7 +46,7 @@ static json_object days_or_null(std::span<const forecast_sample> forecasts, uint
     return std::round(soonest->days_left * 10) / 10;
 }
 
-/* Old values are shown with their age while the server is away, as the page says so. */
+/* Old values are shown with their age while the server is away, which the page reports. */
 static json_object port_to_json(const model &board, const port_state &port,
                                 std::span<const forecast_sample> forecasts, steady_time now)
 {

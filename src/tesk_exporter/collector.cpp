@@ -249,7 +249,7 @@ void collector::subscription_answered(const tesk_client_answer &answer)
     for (const subscription_requests &row : subscription_rows) {
         if (answer.request == row.begin && port != ports_.end())
             subscribe_answered(answer, port->second);
-        /* Else the server may still send indications. */
+        /* Without one of these answers the server may still send indications. */
         const bool is_over = answer.result == TESK_CLIENT_OK ||
                              answer.rejection == TESK_CLIENT_REJECTION_NOT_SUBSCRIBED ||
                              answer.rejection == TESK_CLIENT_REJECTION_NO_PORT;

@@ -40,7 +40,7 @@ class collector
     using subscription_kind = std::pair<tesk_client_kind, uint32_t>; /* and the port */
     struct followed {
         std::string interface;
-        bool is_reading = false;             /* a request for its values is under way */
+        bool is_reading = false;             /* a read of the port's values is under way */
         bool is_empty = false;               /* the server has reported no module */
         std::array<held, 2> subscriptions{}; /* by tesk_client_kind */
         uint64_t next_try = 0; /* the round in which failed subscriptions are made anew */
@@ -101,7 +101,7 @@ class collector
     std::map<uint32_t, std::string> names_; /* of the last port map that could be read */
     bool has_map_ = false;
     std::string map_error_; /* the last one, which is written once */
-    worker thread_;         /* the last: it uses all the others */
+    worker thread_;         /* last, so destroyed first: it uses the other members */
 };
 
 } // namespace exporter

@@ -44,7 +44,8 @@ class connection_table
     /* Adds an accepted connection, which holds no place yet; the record is valid until remove().
        Above crowded_connections the oldest idle connection is ended. */
     connection *add(int fd, steady_time now);
-    /* Removes a connection that the HTTP library has closed. Harmless on one that isn't there. */
+    /* Removes a connection that the HTTP library has closed. Does nothing for an unknown
+       connection. */
     void remove(const connection *left);
 
     /* Gives the connection a place of that kind, and ends another one for it if need be. False if
@@ -64,7 +65,7 @@ class connection_table
     {
         return taken_[static_cast<size_t>(kind)];
     }
-    /* The connections that were ended but for those whose idle time was over. */
+    /* Counts the connections that were ended, except those whose idle time was over. */
     uint64_t ended() const
     {
         return ended_;

@@ -27,8 +27,8 @@ class event_readers
     void resume_all();
     /* Ends the streams whose readers have closed their side. */
     void end_gone();
-    /* The same, and sends a comment to the others: a reader whose machine has gone doesn't
-       acknowledge it. */
+    /* Ends the streams whose readers have closed their side, and sends a comment to the others: one
+       that isn't acknowledged shows that a reader's machine has gone. */
     void look();
     /* Ends them all. */
     void end_all();

@@ -45,7 +45,7 @@ struct event {
     std::string interface; /* escaped; empty where it isn't known */
 };
 
-/* The port of an event; nothing where it is the server's. */
+/* The port of an event; nothing for an event of the server. */
 std::optional<uint32_t> port_of(const event &happened);
 
 /* An object as teskctl --json writes it, or its line, with the key "id" behind the time, unless it

@@ -64,7 +64,7 @@ std::string event_stream::next_of_state()
     const auto port = model_.ports().lower_bound(*at_port_);
     std::string text;
     const uint64_t known_us = model_.known_us({steady_clock::now(), now_us()});
-    /* Without a server from the start none went away. */
+    /* A loss is reported only if there was a server since the start. */
     if (*at_port_ == 0 && !model_.is_connected() && known_us != 0)
         text = state_text(known_us, server_change{false});
     if (port == model_.ports().end()) {

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* facts - the reports of the threads that talk to the server, and the queue that carries them to
-   the main thread. The threads exchange nothing else, so no other module needs a lock. */
+/* facts - the reports of the threads that have a session with the server, and the queue that
+   carries them to the main thread. The threads exchange nothing else, so no other module needs a
+   lock. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"
@@ -55,7 +56,7 @@ struct unread_fact {
     uint32_t port_no;
     bool is_refused;         /* by the server: there are no values now */
     std::string text;        /* the reason */
-    bool has_module = false; /* the server has said that there is one */
+    bool has_module = false; /* the server's answer shows a module */
 };
 
 /* A change of a module's presence, from the server's history: it has those that cause no
@@ -69,7 +70,7 @@ struct presence_fact {
 struct grades_fact {
     uint32_t port_no;
     bool succeeded;
-    tesk_client_port_status status; /* valid if it succeeded */
+    tesk_client_port_status status; /* valid if the refresh succeeded */
 };
 
 /* A request completed: answered, failed or timed out. */
@@ -89,7 +90,7 @@ struct gone_fact {
 struct round_fact {
 };
 
-/* A fall of a link that the board has recorded, or more of one; never null. */
+/* A fall of a link that the board has recorded, or new facts about one; never null. */
 struct recorded_fall;
 using fall_fact = std::shared_ptr<const recorded_fall>;
 

@@ -65,7 +65,7 @@ static fall_fact counted(const recorded_fall &its)
     return made;
 }
 
-/* Those of an earlier time are known, and of those only the last one counts. */
+/* Falls of before the start are known; only the last one of a port is reported. */
 void fall_follower::scan_port(uint32_t port_no, time_point now, std::vector<fall_fact> &found)
 {
     std::vector<causes::facts> falls = falls_of(folder_, port_no);
@@ -176,7 +176,7 @@ static causes::number errors_of(const dolm_ric_details_record &present)
     return worst;
 }
 
-/* What the record of a fall has of the link since it is up again, as it is now. */
+/* The facts of a fall about the link since it is up again, with the values of now. */
 static void renew(const dolm_ric_details_record &present, causes::facts &seen)
 {
     if (present.link.state == DOLM_RIC_VALUE_VALID && present.link.speed != 0)
@@ -214,7 +214,7 @@ bool fall_log::of_port::is_ill(const dolm_ric_details_record *present, steady_ti
     return !causes::illness_of(seen).empty();
 }
 
-/* A link that is ill and falls again is compared with what it was when it was well. */
+/* If a link that is ill falls again, it is compared with its values from before it was ill. */
 static void take_illness(const fall_fact &reported, steady_time now, fall_log::of_port &its)
 {
     const bool is_same = its.ill && its.ill->seen.time == reported->seen.time;

@@ -28,8 +28,8 @@ namespace exporter
 
 struct recorded_fall {
     uint32_t port_no;
-    bool is_new; /* else more is known of one that was reported, or it is from before the start */
-    bool is_ill_now; /* it came back worse than before, which is new */
+    bool is_new; /* false: it was reported before and has new facts, or is from before the start */
+    bool is_ill_now; /* the link came back worse than before, as is known since this report */
     bool is_counted; /* as the verdict won't change any more: once for each fall */
     causes::facts seen;
     causes::verdict its;
@@ -75,7 +75,7 @@ class fall_follower
     std::map<uint32_t, known_file> files_;
     int64_t listed_at_ = 0;   /* ns; when the folder was changed last, at the last listing */
     bool was_listed_ = false; /* at all */
-    worker thread_;           /* the last: it uses all the others */
+    worker thread_;           /* last, so destroyed first: it uses the other members */
 };
 
 /* The main thread's. */
@@ -84,11 +84,11 @@ class fall_log
   public:
     struct of_port {
         std::array<uint64_t, causes::cause_count> count{}; /* since the exporter's start */
-        fall_fact ill; /* the last one from which it came back worse than before, or null */
+        fall_fact ill; /* the last fall from which the link came back worse than before, or null */
         steady_time ill_since{};
 
-        /* It still is, by the port's details, which may be null. A value that isn't measured any
-           more counts for `ill_for`, or until the next fall. */
+        /* Whether the link still is ill, by the port's details, which may be null. A value that
+           isn't measured any more counts for `ill_for`, or until the next fall. */
         bool is_ill(const dolm_ric_details_record *present, steady_time now) const;
     };
     static constexpr std::chrono::hours ill_for{1};

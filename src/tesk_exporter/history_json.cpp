@@ -146,7 +146,7 @@ static port_history read_port(history::chronicle &kept, uint32_t port, history::
 {
     const int64_t step = history::level_seconds[of];
     port_history read;
-    const auto places = kept.places(); /* a read that finds damage clears them */
+    const auto places = kept.places(); /* a read that finds the file damaged clears the places */
     for (const auto &[id, in] : places) {
         if (in.port != port)
             continue;

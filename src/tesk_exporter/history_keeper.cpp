@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: post() queues, run() takes the queue every ten seconds, or at once for a question,
    and gives each input to the chronicle with the clocks of its moment. */
-#define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
+#define SD_JOURNAL_SUPPRESS_LOCATION /* it would always be that of this file */
 #include "tesk_exporter/history_keeper.h"
 
 #include "program/clock.h"
@@ -24,7 +24,7 @@
 namespace exporter
 {
 
-/* Steps are five minutes long, so that this is soon enough, and costs next to nothing. */
+/* Often enough for steps of five minutes. */
 static constexpr std::chrono::seconds look_pause{10};
 
 /* Without any reading no step ends. */
@@ -97,7 +97,7 @@ static history::record record_of(const port_state &port)
     return made;
 }
 
-/* Not a number where it isn't there. */
+/* The value; NaN where there is none. */
 static double number_of(const dolm_ric_details_value &its)
 {
     return its.state == DOLM_RIC_VALUE_VALID ? its.value : std::numeric_limits<double>::quiet_NaN();
@@ -109,7 +109,8 @@ static int16_t power_of(history::measure what, const dolm_ric_details_value &its
     return milliwatts > 0 ? history::stored(what, milliwatts_to_dbm(milliwatts)) : history::absent;
 }
 
-/* Before correction, of the lane's light; the average where the module has it. */
+/* The bit error ratio of the lane's light before correction; the average where the module has it.
+ */
 static int16_t errors_of(const dolm_ric_details_record &details, uint32_t lane)
 {
     double found = 0;
@@ -284,7 +285,7 @@ void history_keeper::look_ahead(const history::clocks &now)
         if (!must_stop())
             outlooks_.restore(chronicle_, must_stop);
         if (must_stop())
-            return; /* what was taken in only in part withdraws nothing */
+            return; /* readings that were taken in only in part withdraw no forecast */
         is_restored_ = true;
     } else if (!std::exchange(has_steps_, false) && now.boot < next_look_)
         return;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* history_keeper - the thread that keeps the history: the only one that uses its file. Readings and
-   events go in, questions too; answers come out. What the thread can't take in time, as with a disk
-   that hangs, is dropped, and counted. */
+   events go in, questions too; answers come out. Inputs that the thread can't take in time, as
+   while a disk hangs, are dropped, and counted. */
 #pragma once
 
 #include "history/chronicle.h"
@@ -23,8 +23,8 @@ struct history_question {
     enum class kind { port, modules, forecast };
     kind what;
     uint32_t port;     /* for kind::port */
-    history::level of; /* likewise */
-    bool is_followed;  /* likewise: the port is known, even if it has no history */
+    history::level of; /* for kind::port */
+    bool is_followed;  /* of one port: it is known, even if it has no history */
 };
 
 struct history_answer {
@@ -55,7 +55,7 @@ class history_keeper
     {
         return answered_.fd();
     }
-    /* Whether it is open and can be written. */
+    /* Whether the history is open and can be written. */
     bool is_well() const
     {
         return is_well_;
@@ -113,7 +113,7 @@ class history_keeper
     history::chronicle chronicle_;
     bool is_restored_ = false, has_steps_ = false;
     int64_t next_look_ = 0; /* in seconds since boot */
-    worker thread_;         /* the last: it uses all the others */
+    worker thread_;         /* last, so destroyed first: it uses the other members */
 };
 
 } // namespace exporter

@@ -31,7 +31,7 @@ struct http_server::route {
     handler handle;
 };
 
-/* Without them the HTTP library runs and serves nobody. */
+/* Without these calls the HTTP library starts, but answers no request. */
 static void expect_calls()
 {
     char byte;

@@ -30,7 +30,7 @@ class http_server
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
 
-    /* Answers from the history, too. It must outlive this. */
+    /* Answers from the history, too; `history` must outlive this object. */
     void use_history(history_keeper &history)
     {
         history_.use(history);

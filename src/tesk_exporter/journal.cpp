@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: write() queues a record, within a bound; the thread makes its fields and sends
    them. */
-#define SD_JOURNAL_SUPPRESS_LOCATION /* ours would always be the same */
+#define SD_JOURNAL_SUPPRESS_LOCATION /* it would always be that of this file */
 #include "tesk_exporter/journal.h"
 
 #include "program/json_records.h"

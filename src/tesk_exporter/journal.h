@@ -46,7 +46,7 @@ class journal
     std::mutex mutex_;
     std::deque<event> waiting_;
     std::atomic<uint64_t> lost_{0};
-    worker thread_; /* the last: it uses all the others */
+    worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
 } // namespace exporter

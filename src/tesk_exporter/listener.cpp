@@ -72,7 +72,7 @@ static sockaddr_storage outer_address()
 
 /* Writes a line where a filter refuses even a packet of this process to its own address, as that of
    our unit does for all but the loopback: the socket then listens, and no other machine can reach
-   it. The kernel tells a sender of datagrams so at once. */
+   it. A datagram that a filter refuses fails at once, with errno. */
 static void warn_where_filtered(const sockaddr_storage &address, const std::string &where)
 {
     const sockaddr_storage to = is_wildcard(address) ? outer_address() : address;

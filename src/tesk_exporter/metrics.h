@@ -21,8 +21,8 @@ struct exporter_figures {
     uint64_t ended_connections = 0;         /* too slow, or idle while there were too many */
     uint64_t events = 0;
     uint64_t lost_journal_records = 0;
-    bool has_history = false;     /* it is wanted */
-    bool is_history_well = false; /* it is open and can be written */
+    bool has_history = false;     /* a history is wanted */
+    bool is_history_well = false; /* the history is open and can be written */
     uint64_t lost_history_records = 0;
     std::vector<forecast_sample> forecasts;
     uint64_t started_us = 0; /* wall clock */

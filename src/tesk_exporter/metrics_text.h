@@ -40,7 +40,7 @@ class metrics_writer
     explicit metrics_writer(text_format format) : format_(format)
     {
     }
-    /* Begins a family: what follows belongs to it. */
+    /* Begins a family: the samples that follow belong to it. */
     void begin(const family &described);
     /* A sample of the family. Each part of the labels is a list, or empty. `suffix` follows the
        name of the family, by default that of its type. */

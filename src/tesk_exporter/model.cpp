@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* While the server is away the last state is kept, so that the page can show it; the metrics leave
    it out. The first indications after a connection are "initial" even where they differ from what
-   was known: what happened in between isn't known. */
+   was known: changes in between aren't known. */
 #include "tesk_exporter/model.h"
 
 #include "program/moved_values.h"
@@ -36,7 +36,7 @@ bool has_module(const port_state &port)
 
 /* The server's indication has one word for an empty port and for a module that isn't ready or can't
    be read, and none comes of a module that stops being ready. The history and a read of the values
-   tell them apart. */
+   distinguish them. */
 static bool is_not_ready(const port_state &port)
 {
     if (port.presence == TESK_CLIENT_PRESENCE_NOT_READY)
@@ -156,7 +156,7 @@ void model::take(const tesk_client_sfp_info &info, const moment &now)
     known.indicated = info;
     known.is_answering = false;
     if (is_readable(info))
-        known.presence.reset(); /* what the history had before */
+        known.presence.reset(); /* the history's entry is older */
     if (!show_module(known, is_initial, now) && is_initial)
         events_.add({0, now.wall_us, change::initial, *known.info, known.interface});
 }
@@ -253,7 +253,7 @@ void model::take(const unread_fact &reported, const moment &now)
     known.unread = escape(reported.text);
 }
 
-/* Only the grades are taken over: the link is what the collector's subscription says. */
+/* Only the grades are taken over: the link comes from the collector's subscription. */
 void model::take(const grades_fact &reported, const moment &now)
 {
     is_refreshing_ = false;

@@ -31,9 +31,9 @@ struct port_state {
        module_not_ready. */
     std::optional<tesk_client_sfp_info> info;
     std::optional<tesk_client_sfp_info> indicated; /* that indication */
-    /* What the server's history had last of it; nothing where no change was seen. */
+    /* The module's last presence in the server's history; nothing where no change was seen. */
     std::optional<uint32_t> presence;
-    bool is_answering = false; /* the last read of its values says that there is a module */
+    bool is_answering = false; /* by the last read of its values there is a module */
     std::optional<tesk_client_port_status> status;
     std::optional<tesk_client_pm> reading;
     std::string unread; /* why the last read failed, escaped; empty after one that succeeded */

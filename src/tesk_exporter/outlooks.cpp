@@ -83,7 +83,7 @@ static std::string limits_text(const outlooks::module_limits &own)
     return text;
 }
 
-/* A number that is missing ends the limits. */
+/* Limits behind a missing number stay 0. */
 static outlooks::module_limits limits_in(const std::string &text)
 {
     outlooks::module_limits own{};
@@ -139,7 +139,7 @@ void outlooks::feed(const history::place &of, int64_t time, const history::recor
             reasons_[{of.id, told.lane, told.value}] = told.reason;
 }
 
-/* A value that can't be read says nothing of the future. */
+/* A value that can't be read for two days ends its forecast. */
 void outlooks::look(int64_t present)
 {
     active_.clear();

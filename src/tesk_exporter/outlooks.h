@@ -51,15 +51,15 @@ class outlooks
        the weeks before any module is read. */
     void know_limits(history::chronicle &kept, uint32_t port, const module_limits &own);
 
-    /* Forgets all, and takes in what the history has: 25 s with 512 ports of 8 lanes. Ends early
-       once must_stop() is true. */
+    /* Forgets all, and takes in the readings of the history: 25 s with 512 ports of 8 lanes. Ends
+       early once must_stop() is true. */
     void restore(
         history::chronicle &kept, const std::function<bool()> &must_stop = [] { return false; });
     /* A step has ended; or an hour, which was weeks ago. */
     void feed(const history::place &of, int64_t time, const history::record &read,
               bool is_past = false);
-    /* To be called after steps, and each hour: what has changed since, which the history records,
-       too. */
+    /* To be called after steps, and each hour: the changes since the last call, which the history
+       records, too. */
     std::vector<news> settle(history::chronicle &kept, const history::clocks &now);
 
     std::string json(const history::chronicle &kept, int64_t boot) const;
@@ -78,10 +78,10 @@ class outlooks
                                          std::vector<history::place> &places) const;
 
     std::map<int64_t, followed> ports_;       /* by place */
-    std::map<int64_t, module_limits> limits_; /* likewise */
+    std::map<int64_t, module_limits> limits_; /* by place */
     std::map<key, forecast::report> active_;  /* as of the last settle() */
     std::map<key, forecast::report> announced_;
-    std::map<key, std::string> reasons_; /* why one is active no more */
+    std::map<key, std::string> reasons_; /* the reason why a forecast isn't active any more */
 };
 
 } // namespace exporter

@@ -20,13 +20,13 @@ class port_details
     /* The port's record as it is now; null with the reason in result() where there is none. Of its
        lanes and rows of VDM only those that it counts have been written. */
     std::unique_ptr<const dolm_ric_details_record> read(uint32_t port_no);
-    /* Of the last call. */
+    /* The result of the last call. */
     tesk_details_result result() const
     {
         return result_;
     }
 
-    /* What reading has cost by now: ns, by the number of the port. */
+    /* The total cost of reading: ns, by the number of the port. */
     using costs = std::map<uint32_t, int64_t>;
     /* The share of the time that readings took, all ports together, between two calls that lay ten
        seconds or more apart; nothing before the second one. A port that wasn't there at both

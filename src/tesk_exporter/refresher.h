@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* refresher - has the server grade a port again: it connects a session, subscribes to the port's
-   status, takes the first indication, and closes the session, with which all that the request has
-   caused ends, also where an answer came too late or not at all. The sessions belong to a thread of
-   their own, since a thread has at most one. */
+   status, takes the first indication, and closes the session. The close ends the subscription, also
+   if an answer came too late or not at all. The sessions belong to a thread of their own, since a
+   thread has at most one. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -40,7 +40,7 @@ class refresher
     std::atomic<uint32_t> wanted_port_{0};
     tesk_client_session *session_ = nullptr;
     grades_fact result_{};
-    worker thread_; /* the last: it uses all the others */
+    worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
 } // namespace exporter

@@ -25,7 +25,7 @@ namespace exporter
 {
 
 static constexpr int most_lanes = 64;
-/* Six columns, and four for each lane, of at most 24 characters; a longer line is none of ours. */
+/* Six columns, and four for each lane, of at most 24 characters; a longer line is an error. */
 static constexpr int longest_line = 8192;
 static constexpr double not_measured = std::numeric_limits<double>::quiet_NaN();
 

@@ -21,10 +21,11 @@ struct response_release {
     }
 };
 
-/* Empty where there is no memory for it. A queued answer has an owner of its own in the library. */
+/* Empty where there is no memory for the response. The library holds a reference to one that is
+   queued. */
 using response = std::unique_ptr<MHD_Response, response_release>;
 
-/* Takes over what the library has made, and adds the headers of all answers. */
+/* Takes over a response of the library, and adds the headers of all answers. */
 response finished(MHD_Response *made, const char *content_type);
 response text_response(const std::string &text, const char *content_type);
 response file_response(web_files::file &&file);

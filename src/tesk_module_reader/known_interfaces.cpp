@@ -52,7 +52,8 @@ known_interfaces::~known_interfaces()
     munmap(entries_.data(), table_size);
 }
 
-/* The same in each process of one build; after an upgrade the server is started anew, too. */
+/* The result is equal in all processes of one build; after an upgrade the server is started anew,
+   too. */
 uint32_t known_interfaces::hashed(const std::string &name)
 {
     return static_cast<uint32_t>(std::hash<std::string>()(name));

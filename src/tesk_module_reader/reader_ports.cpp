@@ -71,8 +71,8 @@ int reader_ports::read_module(int32_t index, const reader_request &request, std:
     return modules_.read(loopback, first_byte, byte) == error ? EPERM : EOPNOTSUPP;
 }
 
-/* Behind the ports that have a number come the interfaces that answer for a module, also if they
-   only say that it isn't there. False without the right to read: then it isn't known which do. */
+/* Behind the ports that have a number come the interfaces that support reading a module, also where
+   none is there. False without the right to read: then it isn't known which do. */
 bool reader_ports::add_new_ports(std::vector<configured_port> &ports,
                                  const std::vector<link_report> &all)
 {
@@ -146,8 +146,8 @@ bool reader_ports::find_interface(port &wanted)
     return wanted.index != 0 || take_interface(wanted, linux_board::list_interfaces(route_));
 }
 
-/* The kernel says ENODEV for an interface that is gone, but some drivers say it for a module that
-   isn't there. */
+/* ENODEV is the kernel's error for an interface that is gone, and some drivers' error for a missing
+   module. */
 int reader_ports::read_interface(port &wanted, const reader_request &request, reader_answer &answer)
 {
     for (int tries = 0; tries < 2 && find_interface(wanted); tries++) {

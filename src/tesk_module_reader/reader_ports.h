@@ -47,7 +47,7 @@ class reader_ports
         int32_t index = 0; /* of its interface, since it was first found */
         int32_t lost = 0;  /* index of the last interface, which may return from a namespace */
         util::descriptor bus = {};
-        int bus_error = 0; /* why it couldn't be opened */
+        int bus_error = 0; /* why the bus couldn't be opened */
     };
 
     void find_default_ports(const std::string &saved, bool is_saving);

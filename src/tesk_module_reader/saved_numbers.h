@@ -16,7 +16,8 @@ namespace module_reader
 /* The ports that were saved in the directory; none where there is no such file. */
 std::vector<linux_board::configured_port> load_numbers(const std::string &directory);
 
-/* Puts the file anew, whole or not at all; a line on stderr says why it can't be written. */
+/* Replaces the file, whole or not at all; a line on stderr has the reason why it can't be written.
+ */
 void save_numbers(const std::string &directory,
                   const std::vector<linux_board::configured_port> &ports);
 

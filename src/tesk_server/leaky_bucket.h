@@ -34,8 +34,8 @@ int32_t leaky_bucket_add(int32_t bucket_size, int32_t filter_level);
 /* Frees the bucket; an unknown id is traced. */
 void leaky_bucket_remove(int32_t id);
 
-/* The same without freeing: the caller owns the returned record and passes it either to
-   leaky_bucket_reinsert or to free. Null, with a trace, for an unknown id. */
+/* Removes the bucket without freeing it: the caller owns the returned record and passes it either
+   to leaky_bucket_reinsert or to free. Null, with a trace, for an unknown id. */
 leaky_bucket_data *leaky_bucket_take_out(int32_t id);
 
 /* Makes a bucket that was taken out known again, under its id and with its level. No bucket has

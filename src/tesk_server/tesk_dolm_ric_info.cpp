@@ -13,7 +13,7 @@
 
 /* The names of a library operation in the traces. */
 struct operation_names {
-    const char *course;  /* in the trace of its course */
+    const char *course;  /* in the trace of the read */
     const char *failure; /* in the traces of a failure */
     const char *gap;     /* between port and id in the trace for an unknown port */
 };

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The system calls that carry bytes between processes: a program whose sandbox refuses one of them
-   would go on and serve nobody. Each is tried on a descriptor that there can't be, as a sandbox
-   refuses it before the kernel finds that. No state. Any thread. */
+   would run without serving any request. Each is tried on a descriptor that can't exist: a sandbox
+   refuses the call before the kernel checks the descriptor. No state. Any thread. */
 #pragma once
 
 #include <cerrno>

@@ -21,7 +21,7 @@ class event
             throw std::system_error(errno, std::generic_category(), "eventfd");
     }
 
-    /* Readable from a signal on until it is taken. Any thread. */
+    /* The descriptor is readable from signal() until take(). Any thread. */
     int fd() const noexcept
     {
         return descriptor_.get();
@@ -30,7 +30,7 @@ class event
     {
         eventfd_write(fd(), 1);
     }
-    /* Whether it was signalled since it was taken last. Never waits. */
+    /* Whether signal() was called since the last take(). Never waits. */
     bool take() const noexcept
     {
         eventfd_t count = 0;

@@ -50,7 +50,7 @@ inline int start_thread(pthread_t &thread, size_t stack_size, void *(*run)(void 
     return error;
 }
 
-/* The same by the standard library, with a name of at most 15 characters. Throws a
+/* Starts a std::thread that blocks all signals, with a name of at most 15 characters. Throws a
    std::system_error. */
 template <typename body>
 std::thread start_thread(const char *name, body run)

@@ -35,7 +35,7 @@ static std::mutex script_mutex;
 static std::vector<std::string> lines;
 static std::vector<trace_record> trace_records;
 static std::vector<std::string> violations;
-static const mbx_signal *traced_block; /* the block of the latest trace of a signal to send */
+static const mbx_signal *traced_block; /* the signal whose sending was traced last */
 static uint32_t mask;
 
 static bool to_stdout()

@@ -60,7 +60,7 @@ static void raise_result(const wait_result &result)
     event_raised.notify_one();
 }
 
-/* Once a wait has failed, the program fails; its other tests shall not take 20 s each to say so. */
+/* Once a wait has failed, the program fails; its other tests shall not take 20 s each to fail. */
 static void await(std::condition_variable &changed, const char *what, bool (*is_true)())
 {
     static std::chrono::seconds patience{20};

@@ -254,7 +254,7 @@ static ssize_t memory_read(struct file *f, char __user *to, size_t n, loff_t *at
 	return simple_read_from_buffer(to, n, at, f->private_data, MEMORY_LENGTH);
 }
 
-/* What is written from the start on is the whole memory, with zeros behind it. */
+/* A write at offset 0 replaces the whole memory; the rest becomes zeros. */
 static ssize_t memory_write(struct file *f, const char __user *from, size_t n, loff_t *at)
 {
 	if (*at == 0)
@@ -492,7 +492,7 @@ static int replace_ctrl_getfamily(struct kprobe *probe, struct pt_regs *regs)
 	return 1;
 }
 
-/* A probe with one may change where the processor goes on. */
+/* A probe that has a handler of this kind may change the instruction pointer. */
 static void after_ctrl_getfamily(struct kprobe *probe, struct pt_regs *regs, unsigned long flags)
 {
 }

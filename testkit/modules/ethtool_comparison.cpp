@@ -9,7 +9,7 @@
 
 using namespace linux_board;
 
-/* Lines that one has and the other hasn't: "-" those of ethtool alone, "+" ours alone. */
+/* Lines that only one of both outputs has: "-" for ethtool, "+" for ours. */
 static constexpr char measured[] = "-(Laser|Module|Receiver|Rcvr|Transmit).*";
 static constexpr char zero_limits[] = "-.*threshold:0\\.0+(mA|mW|V|degreesC)";
 static constexpr char no_a2[] = "it shows a memory of zeros, which nobody read, as values";

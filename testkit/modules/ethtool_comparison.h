@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* ethtool_comparison - what was decoded of a module, beside what `ethtool -m` says of the same
- * bytes. */
+/* ethtool_comparison - what was decoded of a module, beside the output of `ethtool -m` for
+   these bytes. */
 #pragma once
 
 #include "platform/dolm_ric/linux/decode/module_contents.h"

@@ -85,7 +85,7 @@ inline image sfp(uint8_t diagnostics_type = 0x68)
     a0[37] = 0x00, a0[38] = 0x90, a0[39] = 0x65;
     put_text(a0, 40, 16, "EX-10G");
     put_text(a0, 56, 4, "A");
-    a0[65] = 0x1a; /* it has the lines LOS, TX_FAULT and TX_DISABLE */
+    a0[65] = 0x1a; /* the module has the lines LOS, TX_FAULT and TX_DISABLE */
     put_text(a0, 68, 16, "0001");
     put_text(a0, 84, 8, "240115");
     a0[92] = diagnostics_type, a0[93] = 0xf0, a0[94] = 8;
@@ -144,7 +144,7 @@ inline image qsfp()
     for (size_t lane = 0; lane < 4; lane++)
         put16(a0, 34 + 2 * lane, 5000), put16(a0, 42 + 2 * lane, 15000),
             put16(a0, 50 + 2 * lane, 20000);
-    a0[194] = 0x30, a0[195] = 0x1a; /* tells of all conditions */
+    a0[194] = 0x30, a0[195] = 0x1a; /* reports all conditions */
     a0[130] = 7, a0[131] = 0x80, a0[140] = 0xff, a0[192] = 0x03, a0[222] = 103;
     put_text(a0, 148, 16, "EXAMPLE");
     put_text(a0, 168, 16, "EX-100G");
@@ -198,8 +198,8 @@ inline image cmis()
     return made;
 }
 
-/* The same with versatile diagnostics of a lane: a ratio of bit errors of 2.4e-6 between its
-   limits, and an SNR of 20 dB without limits. */
+/* A CMIS module with versatile diagnostics (VDM) of a lane: a ratio of bit errors of 2.4e-6 between
+   its limits, and an SNR of 20 dB without limits. */
 inline image cmis_with_vdm()
 {
     image made = cmis();

@@ -13,6 +13,6 @@
    "Modulevoltage:3.2689V". Nothing for a module that isn't ready. */
 std::vector<std::string> module_text(const linux_board::module_contents &contents);
 
-/* A text of ethtool's in the same form. Only what module_text has as well: identity, values,
-   limits and flags. */
+/* The output of ethtool in the form of module_text, with the lines that module_text has: identity,
+   values, limits and flags. */
 std::vector<std::string> comparable_text(std::string_view ethtool);

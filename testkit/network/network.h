@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Network interfaces for tests, in a network namespace of the process's own. What fails throws a
-   std::system_error. */
+/* Network interfaces for tests, in a network namespace of the process's own. A function that fails
+   throws a std::system_error. */
 #pragma once
 
 #include "platform/linux_interfaces/netlink.h"

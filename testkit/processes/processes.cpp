@@ -70,7 +70,7 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     for (const std::string &setting : environment)
         putenv(const_cast<char *>(setting.c_str()));
     if (kept == 3)
-        fcntl(kept, F_SETFD, 0); /* dup2 would leave it to be closed */
+        fcntl(kept, F_SETFD, 0); /* dup2 of a descriptor to itself would leave it to be closed */
     else if (kept != -1)
         dup2(kept, 3);
     if (out != -1) {

@@ -51,9 +51,9 @@ class core final : public port_events
     void close();
     bool is_open() const;
 
-    /* Null, the default, for none. The hook stays in use until it is set anew. */
+    /* Sets the hook; null, the default, for none. The hook must outlive its use. */
     void set_call_hook(call_hook *hook);
-    /* Do what the hook does, if there is one. */
+    /* Call the hook's function of that name, if there is a hook. */
     void call_begins(operation op);
     int32_t injected_fault(operation op, uint32_t port);
 
@@ -79,7 +79,7 @@ class core final : public port_events
     bool free_event(const dolm_ric_event *event);
 
     event_counts counts() const;
-    /* So many events wait that a source which can wait should queue no further one. */
+    /* Whether the queue is so long that a source which can wait should not add to it. */
     bool is_full() const;
     /* The queue is empty, no event is outstanding, and the event thread waits. */
     bool is_idle() const;

@@ -39,7 +39,7 @@ static library &get_library()
     return only;
 }
 
-/* Nothing but result codes leaves an operation. */
+/* No exception leaves an operation: each becomes a result code. */
 template <typename work>
 static int32_t result_of(work &&run) noexcept
 {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* details_record - what both boards do with the record of a port's details. Pure functions; any
+/* details_record - functions of both boards for the record of a port's details. Pure functions; any
    thread, with one record at a time. */
 #pragma once
 

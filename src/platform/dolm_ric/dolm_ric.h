@@ -36,7 +36,7 @@ enum dolm_ric_result {
     DOLM_RICERR_NOMEM = -2,       /* memory is exhausted */
     DOLM_RICERR_NODEV = -3,       /* the board has no such port */
     DOLM_RICERR_NOTAVAIL = -4,    /* no module; or its diagnostics weren't read */
-    DOLM_RICERR_UNSUPPORTED = -6, /* the module lacks this */
+    DOLM_RICERR_UNSUPPORTED = -6, /* the module doesn't support the request */
     DOLM_RICERR_BUSY = -8,        /* from dolm_ric_init: the library has been started already; from
                                      a read of a module: it is there and can't be read at present */
     DOLM_RICERR_SHUTDOWN = -10,   /* the library has been shut down */
@@ -80,7 +80,7 @@ enum dolm_ric_event_type {
 
 /* LC is reported as an optical module, RJ45 as an electrical one, any other as unknown. So give LC
    for every module that sends light, whatever its plug, RJ45 for all copper, cables among it, and
-   OTHER only where the module's memory doesn't tell. */
+   OTHER only where the module's memory has no such information. */
 enum dolm_sfp_connector {
     DOLM_SFP_CONNECTOR_UNSPEC = 0x0,
     DOLM_SFP_CONNECTOR_LC = 0x1,

@@ -44,20 +44,20 @@ extern "C" {
 
 /* Whether a value is there, and why it isn't. */
 enum dolm_ric_details_state {
-    DOLM_RIC_VALUE_UNKNOWN = 0,       /* nothing is known about it */
+    DOLM_RIC_VALUE_UNKNOWN = 0,       /* nothing is known about the value */
     DOLM_RIC_VALUE_VALID = 1,         /* the value is that of read_at */
-    DOLM_RIC_VALUE_NOT_SUPPORTED = 2, /* the module doesn't have it */
-    DOLM_RIC_VALUE_NOT_READ = 3,      /* it has it, and it was not read yet */
+    DOLM_RIC_VALUE_NOT_SUPPORTED = 2, /* the module doesn't have the value */
+    DOLM_RIC_VALUE_NOT_READ = 3,      /* the module has the value, which was not read yet */
     DOLM_RIC_VALUE_NOT_READY = 4,     /* the module is in low power, or starts */
     DOLM_RIC_VALUE_NO_ANSWER = 5,     /* the module, or its driver, doesn't answer */
     DOLM_RIC_VALUE_WRONG_CHECKSUM = 6,
-    DOLM_RIC_VALUE_DOUBTFUL = 7,       /* it was read and can't be true; see the doubts */
+    DOLM_RIC_VALUE_DOUBTFUL = 7,       /* the value was read and is impossible; see the doubts */
     DOLM_RIC_VALUE_POLLING_OFF = 8,    /* by the configuration, or while a lease lasts */
     DOLM_RIC_VALUE_NO_LIGHT = 9,       /* copper has none */
     DOLM_RIC_VALUE_EMPTY = 10,         /* the cage is empty */
     DOLM_RIC_VALUE_BUSY = 11,          /* the kernel keeps the module for something else */
     DOLM_RIC_VALUE_OUT = 12,           /* the port was taken out of the configuration */
-    DOLM_RIC_VALUE_NOT_PUBLISHED = 13, /* the board has no place to get it from */
+    DOLM_RIC_VALUE_NOT_PUBLISHED = 13, /* the board can't read the value */
     DOLM_RIC_VALUE_STATES
 };
 
@@ -106,7 +106,7 @@ enum dolm_ric_details_signal {
     DOLM_RIC_TX_LOL = 3,   /* transmitter: its clock recovery has no lock */
     DOLM_RIC_TX_FAULT = 4, /* transmitter: fault */
     DOLM_RIC_TX_OFF = 5,   /* the host, or the data path, has switched the transmitter off */
-    DOLM_RIC_RX_OFF = 6,   /* the same for the receiver */
+    DOLM_RIC_RX_OFF = 6,   /* the host, or the data path, has switched the receiver off */
     DOLM_RIC_SIGNALS = 7
 };
 
@@ -191,7 +191,7 @@ enum dolm_ric_details_fec {
 
 enum dolm_ric_details_side { DOLM_RIC_SIDE_HOST = 0, DOLM_RIC_SIDE_MEDIA = 1, DOLM_RIC_SIDES };
 
-/* What a VDM row observes. A ratio is a number from 0 to 1, SNR is in dB. */
+/* The quantity that a VDM row observes. A ratio is a number from 0 to 1, SNR is in dB. */
 enum dolm_ric_details_vdm_kind {
     DOLM_RIC_VDM_OTHER = 0, /* see `code` */
     DOLM_RIC_VDM_SNR = 1,
@@ -212,7 +212,7 @@ typedef struct dolm_ric_details_header {
     char magic[8];
     uint32_t version;
     uint32_t header_size;  /* of the file's first part; a multiple of 4096 */
-    uint32_t record_size;  /* the same of each record */
+    uint32_t record_size;  /* of each record, a multiple of 4096 */
     uint32_t record_count; /* the highest port number + 1; grows only */
     uint64_t epoch;        /* new at each start of the board; never 0 */
     int64_t started_at;
@@ -264,7 +264,7 @@ typedef struct dolm_ric_details_lane {
 
 /* `lane` is from 0, or 0xff for the whole module or data path. */
 typedef struct dolm_ric_details_vdm {
-    uint8_t code; /* the module's own number of what it observes */
+    uint8_t code; /* the module's own number of the observed quantity */
     uint8_t kind; /* enum dolm_ric_details_vdm_kind */
     uint8_t side; /* enum dolm_ric_details_side */
     uint8_t lane;
@@ -329,7 +329,7 @@ typedef struct dolm_ric_details_error {
     uint64_t count;
 } dolm_ric_details_error;
 
-/* What reading the module costs, since the board started. Durations in ns. */
+/* The cost of reading the module, since the board started. Durations in ns. */
 typedef struct dolm_ric_details_cost {
     uint64_t reads;
     uint64_t bytes;
@@ -339,8 +339,8 @@ typedef struct dolm_ric_details_cost {
     int64_t longest_sweep;
     int64_t longest_read;
     int64_t total;       /* of all readings */
-    uint64_t dropped;    /* readings whose second one disagreed */
-    int64_t lease_until; /* the module is left alone until then; 0: no lease */
+    uint64_t dropped;    /* readings that a second reading didn't confirm */
+    int64_t lease_until; /* the board doesn't read the module until then; 0: no lease */
     int64_t period;      /* between two sweeps, as it is now */
 } dolm_ric_details_cost;
 
@@ -368,12 +368,12 @@ typedef struct dolm_ric_details_record {
     uint32_t presence;      /* enum dolm_ric_details_presence */
     uint32_t presence_code; /* enum dolm_ric_details_state: why the module's values are missing */
     uint32_t lane_count;    /* of `lane`; the rest of them is not written */
-    uint32_t vdm_count;     /* the same of `vdm` */
+    uint32_t vdm_count;     /* of `vdm`; the rest of them is not written */
     uint32_t vdm_left_out;  /* rows that the module has beyond these */
     uint32_t own_lanes;     /* bit n: lane n of the module belongs to this port */
     uint32_t power_kind;    /* enum dolm_ric_details_power_kind, of the receive power */
     uint32_t lanes_state;   /* enum dolm_ric_details_state: why there are no lanes */
-    uint32_t vdm_state;     /* the same of VDM */
+    uint32_t vdm_state;     /* enum dolm_ric_details_state: why there is no VDM */
     int64_t inserted_at;    /* when this module was found */
     int64_t published_at;   /* the last change of this record */
     uint32_t doubt_count;

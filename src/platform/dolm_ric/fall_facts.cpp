@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* sample_of() takes from a record what a verdict may rest on; the tell functions bring one sample
-   each into the facts. A list of lanes is told only if each lane of the port has that value. */
+/* sample_of() takes from a record what a verdict may rest on; the functions add_..() bring one
+   sample each into the facts. A list of lanes becomes a fact only if each lane of the port has that
+   value. */
 #include "platform/dolm_ric/fall_facts.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -40,9 +41,9 @@ static module_sample::lane read_lane(const dolm_ric_details_lane &from)
             its.value[kind] = static_cast<float>(*value);
     for (uint32_t kind = 0; kind < DOLM_RIC_SIGNALS; kind++) {
         const dolm_ric_details_condition &signal = from.signal[kind];
-        const bool is_told = signal.state == DOLM_RIC_VALUE_VALID;
-        its.told = static_cast<uint8_t>(its.told | is_told << kind);
-        its.on = static_cast<uint8_t>(its.on | (is_told && signal.on != 0) << kind);
+        const bool is_known = signal.state == DOLM_RIC_VALUE_VALID;
+        its.known = static_cast<uint8_t>(its.known | is_known << kind);
+        its.on = static_cast<uint8_t>(its.on | (is_known && signal.on != 0) << kind);
     }
     return its;
 }
@@ -138,7 +139,7 @@ static causes::by_lane signals_of(const module_sample &from, uint32_t kind)
 {
     std::vector<double> list;
     for (const module_sample::lane &lane : from.lanes()) {
-        if ((lane.told >> kind & 1) == 0)
+        if ((lane.known >> kind & 1) == 0)
             return std::nullopt;
         list.push_back(lane.on >> kind & 1);
     }
@@ -167,7 +168,7 @@ void light_trail::clear()
 }
 
 /* The last level is compared with the highest one before it. */
-void light_trail::tell(int64_t since, int64_t before, causes::facts &seen) const
+void light_trail::add_loss(int64_t since, int64_t before, causes::facts &seen) const
 {
     constexpr double ns = 1e9;
     const reading *last = nullptr, *best = nullptr;
@@ -214,7 +215,7 @@ static causes::text serial_of(const module_sample &from)
     return *from.serial == '\0' ? std::nullopt : causes::text(from.serial);
 }
 
-void tell_before(const module_sample &before, causes::facts &seen)
+void add_look_before(const module_sample &before, causes::facts &seen)
 {
     seen.present_before = is_there(before.presence);
     seen.serial_before = serial_of(before);
@@ -236,9 +237,10 @@ void tell_before(const module_sample &before, causes::facts &seen)
         seen.medium = "copper";
 }
 
-/* Whether a module is there is told by the first look alone; a module that is there later, in the
-   place of one that was gone, has a serial number, and its light says nothing of the fall. */
-bool tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen)
+/* Only the first look decides whether a module was there. A module that is there later, in the
+   place of one that was gone, gives its serial number; its light has nothing to do with the fall.
+   */
+bool add_look_after(const module_sample &after, double age, bool is_down, causes::facts &seen)
 {
     const bool is_first = !seen.present_after;
     if (is_first)
@@ -264,7 +266,7 @@ bool tell_after(const module_sample &after, double age, bool is_down, causes::fa
     return true;
 }
 
-bool tell_again(const module_sample &again, causes::facts &seen)
+bool add_look_again(const module_sample &again, causes::facts &seen)
 {
     if (serial_of(again) != seen.serial_before)
         return false;
@@ -287,7 +289,7 @@ static causes::number if_known(uint32_t value)
     return value != 0 ? causes::number(value) : std::nullopt;
 }
 
-void tell_link_before(const dolm_ric_details_link &before, causes::facts &seen)
+void add_link_before(const dolm_ric_details_link &before, causes::facts &seen)
 {
     seen.speed_before = if_known(before.speed);
     seen.lanes_before = if_known(before.lanes);
@@ -296,7 +298,7 @@ void tell_link_before(const dolm_ric_details_link &before, causes::facts &seen)
         seen.negotiates = before.autoneg == DOLM_RIC_SWITCH_UP;
 }
 
-void tell_link_after(const dolm_ric_details_link &after, causes::facts &seen)
+void add_link_after(const dolm_ric_details_link &after, causes::facts &seen)
 {
     seen.speed_after = if_known(after.speed);
     seen.lanes_after = if_known(after.lanes);

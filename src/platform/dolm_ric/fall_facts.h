@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fall_facts - what the details of a port say of a fall of its link. Pure functions; any thread,
-   with one object at a time. Times are in ns of CLOCK_BOOTTIME. */
+/* fall_facts - facts about a fall of a link from the details of its port. Pure functions; any
+   thread, with one object at a time. Times are in ns of CLOCK_BOOTTIME. */
 #pragma once
 
 #include "causes/facts.h"
@@ -23,9 +23,9 @@ struct module_sample {
     struct lane {
         /* In mW and mA; negative where it isn't known. */
         std::array<float, DOLM_RIC_LANE_VALUES> value = {-1, -1, -1};
-        uint8_t told = 0, on = 0; /* bit n: signal n is known; is there */
+        uint8_t known = 0, on = 0; /* bit n: signal n is known; is there */
     };
-    int64_t at = 0; /* of its values; 0: there are none */
+    int64_t at = 0; /* time of the values; 0: there are none */
     uint32_t presence = DOLM_RIC_PRESENCE_UNKNOWN;
     uint32_t module_state = DOLM_RIC_MODULE_STATE_NONE;
     uint32_t medium = DOLM_RIC_MEDIUM_UNKNOWN;
@@ -63,7 +63,7 @@ class light_trail
     void add(int64_t at, double dbm);
     void clear();
     /* Brings into the facts how much light was lost from `since` until `before`, and how fast. */
-    void tell(int64_t since, int64_t before, causes::facts &seen) const;
+    void add_loss(int64_t since, int64_t before, causes::facts &seen) const;
 
   private:
     struct reading {
@@ -75,15 +75,15 @@ class light_trail
 };
 
 /* The last look before the fall, and the first one after it at `age` seconds; its values count only
-   if the link was still down. tell_after() returns whether there was a new fact. */
-void tell_before(const module_sample &before, causes::facts &seen);
-bool tell_after(const module_sample &after, double age, bool is_down, causes::facts &seen);
+   if the link was still down. add_look_after() returns whether there was a new fact. */
+void add_look_before(const module_sample &before, causes::facts &seen);
+bool add_look_after(const module_sample &after, double age, bool is_down, causes::facts &seen);
 /* The first look while the link was up again. Returns whether there was a new fact. */
-bool tell_again(const module_sample &again, causes::facts &seen);
+bool add_look_again(const module_sample &again, causes::facts &seen);
 
 /* The link as it was before the fall, and as it came back. */
-void tell_link_before(const dolm_ric_details_link &before, causes::facts &seen);
-void tell_link_after(const dolm_ric_details_link &after, causes::facts &seen);
+void add_link_before(const dolm_ric_details_link &before, causes::facts &seen);
+void add_link_after(const dolm_ric_details_link &after, causes::facts &seen);
 
 /* The name of the device that an interface's parent belongs to: the functions of a PCI device
    differ in the last digit only. */

@@ -62,7 +62,7 @@ static std::string read_falls(const std::string &path)
     return text;
 }
 
-/* Without the last line. */
+/* Removes the last line. */
 static void drop_last(std::string &lines)
 {
     if (!lines.empty())
@@ -93,7 +93,7 @@ struct falls_file {
 
 } // namespace
 
-/* Those of ports, and what a board left of them when it ended. */
+/* Files of ports, and temporary ones that a board left when it ended. */
 static std::vector<falls_file> list_files(DIR *folder)
 {
     std::vector<falls_file> files;

@@ -10,10 +10,11 @@
 namespace board
 {
 
-/* "falls" beside the file of the details. */
+/* The folder "falls" beside the file of the details. */
 std::string falls_folder(const std::string &details);
 
-/* With the group of the folder that it is in, whose members may read it. False with errno. */
+/* Makes the folder, with the group of its parent folder, whose members may read it. False with
+   errno. */
 bool make_falls_folder(const std::string &folder);
 
 /* A file holds at most so many falls, and bytes. */
@@ -23,7 +24,7 @@ constexpr size_t most_fall_bytes = size_t{64} * 1024;
 constexpr size_t most_folder_bytes = size_t{16} * 1024 * 1024;
 
 /* Removes the oldest files of a folder, of ports that are no more, until the others take at most
-   most_folder_bytes. What they take. */
+   most_folder_bytes. Returns the size of those. */
 size_t trim_falls(const std::string &folder);
 
 /* Adds a line to the file of a port, in place of the last one if it `replaces` it; the file is

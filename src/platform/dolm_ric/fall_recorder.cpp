@@ -37,18 +37,19 @@ static constexpr int64_t looks_at[] = {0, 200 * ms, 2 * second};
 /* Falls that follow each other so closely are one record, for so long. */
 static constexpr int64_t burst_gap = 10 * second, longest_burst = minute;
 
-/* Ports that fall together are reported within this. */
+/* Falls within this time count as one event of several ports. */
 static constexpr int64_t together = second;
 
-/* An interface is set down in the same run of the kernel in which it is removed or moved. What
-   comes a little later may have been another deed, what comes later still was one. */
+/* An interface is set down in the same run of the kernel in which it is removed or moved. A
+   set-down that comes up to 750 ms earlier or later may belong to that; one that comes later
+   doesn't. */
 static constexpr int64_t same_deed = 250 * ms, longest_deed = 750 * ms;
 
 /* When a link that is up again is looked at, and when its record is closed. */
 static constexpr int64_t risen_after = 3 * second, closed_after = 10 * second;
 static constexpr int64_t retry_after = second;
 
-/* A later look at the module says nothing of the fall. */
+/* A later look at the module is no evidence for the fall. */
 static constexpr int64_t latest_sample = 10 * second;
 
 /* When the thread makes the last look later than this, messages may wait that are older. */
@@ -57,7 +58,8 @@ static constexpr int64_t latest_look = 500 * ms;
 /* A port whose driver takes longer to answer is looked at behind the others. */
 static constexpr int64_t slow_look = 100 * ms;
 
-/* What a port's memory of falls, and of records that couldn't be written, may hold. */
+/* The most falls, and the most records that couldn't be written, that are kept in memory for a
+   port. */
 static constexpr size_t most_remembered = 256;
 static constexpr size_t most_closed = 4;
 
@@ -88,7 +90,7 @@ fall_recorder::port_watch *fall_recorder::find_or_make(uint32_t port)
     }
 }
 
-void fall_recorder::hear(uint32_t port, const link_news &news)
+void fall_recorder::report_link(uint32_t port, const link_news &news)
 {
     const std::lock_guard guard(lock_);
     if (port_watch *its = find_or_make(port))
@@ -103,7 +105,7 @@ static void forget_departure(causes::facts &seen)
     seen.device_removed.reset();
 }
 
-void fall_recorder::hear(uint32_t port, departure how)
+void fall_recorder::report_departure(uint32_t port, departure how)
 {
     const std::lock_guard guard(lock_);
     port_watch *its = find_or_make(port);
@@ -132,14 +134,14 @@ void fall_recorder::leave_out(uint32_t port)
     const auto found = ports_.find(port);
     if (found == ports_.end())
         return;
-    /* Another interface may get its number. */
+    /* Another interface may get the number of this port. */
     close(found->second);
     port_watch none;
     none.closed.swap(found->second.closed);
     found->second = std::move(none);
 }
 
-/* Without memory the fall isn't recorded, and all else goes on. */
+/* A fall for which there is no memory isn't recorded; nothing else fails. */
 void fall_recorder::see(const dolm_ric_details_record &record)
 {
     const std::lock_guard guard(lock_);
@@ -214,7 +216,7 @@ static double wall_time(int64_t ago)
     return seconds_of(std::chrono::nanoseconds{now}.count() - ago);
 }
 
-/* What is known of a fall when it is reported. */
+/* Begins the record of a fall with the facts that are known when it is reported. */
 void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int64_t at)
 {
     close(its);
@@ -222,7 +224,7 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     fall &made = *its.open;
     made.at = made.due = at;
     made.up_since = its.up_since;
-    made.is_told = its.news.is_told;
+    made.is_reported = its.news.is_reported;
     made.is_exact = its.news.is_exact;
     made.is_late = its.news.is_late || its.left == departure::unknown;
     made.left = its.left;
@@ -237,19 +239,19 @@ void fall_recorder::begin(port_watch &its, const dolm_ric_details_link &now, int
     if (its.up_since != 0 && its.is_rise_known)
         made.seen.up_for_s = seconds_of(at - its.up_since);
     const bool is_set_down = now.admin == DOLM_RIC_SWITCH_DOWN;
-    if (now.state == DOLM_RIC_VALUE_VALID && (is_set_down || made.is_told))
+    if (now.state == DOLM_RIC_VALUE_VALID && (is_set_down || made.is_reported))
         made.seen.set_down = is_set_down;
-    tell_link_before(its.link, made.seen);
-    tell_look_before(its, made);
+    add_link_before(its.link, made.seen);
+    add_last_look(its, made);
 }
 
-/* Whether somebody has set the interface down, or it has left: no fall of a flapping link. */
+/* Whether the interface was set down or has left: such a fall isn't one of a flapping link. */
 static bool is_deed(const causes::facts &seen, departure left)
 {
     return seen.set_down.value_or(false) || left != departure::none;
 }
 
-/* Such a fall has a record of its own, and the next one, too. */
+/* A set-down and a departure have a record of their own, and so has the fall after them. */
 void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at)
 {
     const bool is_set_down = now.state == DOLM_RIC_VALUE_VALID && now.admin == DOLM_RIC_SWITCH_DOWN;
@@ -261,7 +263,7 @@ void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now,
     if (!goes_on)
         begin(its, now, at);
     fall &open = *its.open;
-    if (open.looks == std::size(looks_at)) /* it may stay down */
+    if (open.looks == std::size(looks_at)) /* the link may stay down */
         open.due = std::min(open.due, at + risen_after);
     open.last_at = at;
     open.up_at = 0;
@@ -275,7 +277,7 @@ void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now,
 
 /* Presence and identity of a module hold until a look finds others; measured values are dropped
    after oldest_look. */
-void fall_recorder::tell_look_before(const port_watch &its, fall &made) const
+void fall_recorder::add_last_look(const port_watch &its, fall &made) const
 {
     const bool is_young = its.last.at > made.at - rules_.youngest_look;
     module_sample before = is_young ? its.before : its.last;
@@ -284,8 +286,8 @@ void fall_recorder::tell_look_before(const port_watch &its, fall &made) const
     if (is_young && its.before.at == 0)
         before.presence = DOLM_RIC_PRESENCE_UNKNOWN;
     made.lanes = before.lane_count;
-    tell_before(before, made.seen);
-    its.trail.tell(made.at - 2 * minute, made.at - rules_.youngest_look, made.seen);
+    add_look_before(before, made.seen);
+    its.trail.add_loss(made.at - 2 * minute, made.at - rules_.youngest_look, made.seen);
 }
 
 void fall_recorder::rise(port_watch &its, int64_t at)
@@ -329,12 +331,13 @@ void fall_recorder::take_look(fall &open, module_sample found)
     if (found.at < open.last_at)
         return;
     if ((open.lanes != 0 && found.lane_count != open.lanes) || found.lanes_at < open.last_at)
-        found.lane_count = 0; /* or they were read before it */
+        found.lane_count = 0; /* or the values were read before the fall */
     open.lanes = std::max(open.lanes, found.lane_count);
-    bool is_news = found.at - open.last_at <= latest_sample &&
-                   tell_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
+    bool is_news =
+        found.at - open.last_at <= latest_sample &&
+        add_look_after(found, seconds_of(found.at - open.at), open.up_at == 0, open.seen);
     if (open.up_at != 0 && found.at >= open.up_at + risen_after && !open.is_seen_again) {
-        open.is_seen_again = tell_again(found, open.seen);
+        open.is_seen_again = add_look_again(found, open.seen);
         is_news |= open.is_seen_again;
     }
     if (!is_news)
@@ -344,7 +347,7 @@ void fall_recorder::take_look(fall &open, module_sample found)
         open.due = std::min(open.due, found.at + retry_after);
 }
 
-/* The record of a fall that another one ends. */
+/* Closes the record of a fall, which another fall ends. */
 void fall_recorder::close(port_watch &its)
 {
     if (its.open == nullptr)
@@ -359,7 +362,7 @@ void fall_recorder::close(port_watch &its)
 
 /* Counts the other ports that fell and those that stayed up; a port that was set down is neither.
  */
-void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &open) const
+void fall_recorder::add_neighbours(uint32_t port, const port_watch &its, fall &open) const
 {
     double fell[2] = {0, 0}, stayed[2] = {0, 0}; /* of other devices; of the same one */
     for (const auto &[number, other] : ports_) {
@@ -382,7 +385,7 @@ void fall_recorder::tell_neighbours(uint32_t port, const port_watch &its, fall &
 
 /* An interface that is still there was not removed, and has its driver. One that left after a fall
    by which it was not set down left for another reason, or as the answer to it. */
-static void tell_departure(departure left, causes::facts &seen)
+static void add_departure(departure left, causes::facts &seen)
 {
     const bool was_set_down = seen.set_down.value_or(left == departure::removed);
     if (left == departure::unknown || (left != departure::none && !was_set_down))
@@ -404,7 +407,7 @@ static bool is_set_down_alone(const causes::facts &seen, const dolm_ric_details_
            seen.device_others_stayed.value_or(0) >= 1;
 }
 
-/* What rests on when the link fell. */
+/* Drops the facts that depend on the time of the fall. */
 static void forget_times(causes::facts &seen)
 {
     seen.clock_error_s.reset();
@@ -412,7 +415,8 @@ static void forget_times(causes::facts &seen)
     seen.driver_error.reset();
 }
 
-/* What the last look decides. A cage that was empty at each look since is empty. */
+/* Adds the facts that the last look decides. A cage that was empty at each look since the fall is
+   empty. */
 void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
 {
     causes::facts &seen = open.seen;
@@ -421,22 +425,22 @@ void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
     if (open.is_late)
         forget_times(seen);
     else
-        tell_neighbours(port, its, open);
-    if (open.is_told)
-        tell_departure(open.left, seen);
+        add_neighbours(port, its, open);
+    if (open.is_reported)
+        add_departure(open.left, seen);
     if (is_set_down_alone(seen, its.link))
         seen.device_reset = false;
     if (open.is_exact)
         return;
-    /* Without these nothing is certain. */
+    /* A message that may contain other changes, too, leaves these facts unknown. */
     seen.device_reset.reset();
-    if (!open.is_told || seen.driver_unbound.value_or(false))
+    if (!open.is_reported || seen.driver_unbound.value_or(false))
         forget_departure(seen);
 }
 
 /* The bound that the time service gives, where one keeps the clock. That of systemd is none: it
    begins at zero with each answer of its server, however long that took. */
-static void tell_clock(causes::facts &seen)
+static void add_clock(causes::facts &seen)
 {
     timex clock = {};
     constexpr double us = 1e6;
@@ -474,7 +478,7 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
     const bool is_last = before.looks + 1 == std::size(looks_at);
     causes::facts asked = before.seen;
     guard.unlock();
-    tell_clock(asked);
+    add_clock(asked);
     const int64_t began_at = now_();
     if (look_.fell)
         look_.fell(port, {up_since, at}, asked);
@@ -488,7 +492,7 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
     take_asked(asked, open.seen);
     open.looks++;
     if (is_last && began_at - at - looks_at[std::size(looks_at) - 1] > latest_look)
-        open.is_told = open.is_exact = false;
+        open.is_reported = open.is_exact = false;
     if (is_last)
         finish_looks(port, its, open);
     open.due = is_last ? open.due : at + looks_at[open.looks];
@@ -497,7 +501,7 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
 /* False if the link has fallen again meanwhile. */
 bool fall_recorder::look_again(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard)
 {
-    tell_link_after(ports_.at(port).link, its.seen);
+    add_link_after(ports_.at(port).link, its.seen);
     const int64_t up_at = its.up_at;
     causes::facts asked = its.seen;
     guard.unlock();
@@ -513,17 +517,17 @@ bool fall_recorder::look_again(uint32_t port, fall &its, std::unique_lock<std::m
     return true;
 }
 
-/* Of a writing; `error` is 0 if it was done. */
-void fall_recorder::tell_result(uint32_t port, int error)
+/* Reports the result of writing a file; `error` is 0 if it succeeded. */
+void fall_recorder::report_result(uint32_t port, int error)
 {
     if (error == 0) {
         failing_.erase(port);
         if (failing_.empty())
-            told_.clear();
+            reported_.clear();
         return;
     }
     failing_.insert(port);
-    if (told_.insert(error).second)
+    if (reported_.insert(error).second)
         fprintf(stderr, "libdolm_ric: cannot record falls in %s/%u: %s; it is tried again\n",
                 folder_.c_str(), port, strerror(error));
 }
@@ -543,11 +547,12 @@ bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex>
     guard.lock();
     its.is_written |= is_kept;
     its.is_changed |= !is_kept;
-    tell_result(port, error);
+    report_result(port, error);
     return is_kept;
 }
 
-/* Those that ended before the open one. Too many that can't be written drop out in between. */
+/* Writes the records that ended before the open one. While none can be written, the oldest of too
+   many are dropped. */
 bool fall_recorder::write_closed(uint32_t port, std::unique_lock<std::mutex> &guard)
 {
     std::deque<std::shared_ptr<fall>> &closed = ports_.at(port).closed;
@@ -572,7 +577,7 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
         return;
     port_watch &its = ports_.at(port);
     if (is_over && !open->is_seen_again && its.last.at >= open->up_at) {
-        open->is_seen_again = tell_again(its.last, open->seen); /* nothing has changed since */
+        open->is_seen_again = add_look_again(its.last, open->seen); /* nothing has changed since */
         open->is_changed |= open->is_seen_again;
     }
     open->due =
@@ -583,7 +588,7 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
         its.open.reset();
 }
 
-/* What is due for one port. */
+/* Makes the looks and writings that are due for one port. */
 void fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
 {
     const bool is_kept = write_closed(port, guard);
@@ -601,7 +606,7 @@ void fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mu
         busy_.erase(port);
 }
 
-/* With those that fell while others were worked on. */
+/* Includes ports that fell while others were worked on. */
 int64_t fall_recorder::next_due(int64_t now) const
 {
     int64_t next = INT64_MAX;
@@ -615,7 +620,7 @@ int64_t fall_recorder::next_due(int64_t now) const
     return next;
 }
 
-/* Those whose drivers are slow come last. */
+/* Ports whose drivers are slow come last. */
 std::vector<uint32_t> fall_recorder::busy_ports() const
 {
     std::vector<uint32_t> ports(busy_.begin(), busy_.end());
@@ -694,7 +699,7 @@ void fall_recorder::start_thread()
     }
 }
 
-/* A record whose looks weren't over has what is known by now. */
+/* A record whose looks aren't over is written with the facts that are known now. */
 void fall_recorder::stop() noexcept
 {
     {

@@ -35,16 +35,16 @@ namespace board
 
 /* Facts about the message of a change that the port's details don't have. */
 struct link_news {
-    bool is_told = false;  /* the kernel sent it, and no message before it was lost */
-    bool is_exact = false; /* and it contains this change alone */
-    bool is_late = false;  /* it may have waited: when the change happened isn't known */
-    std::string device;    /* of which the port is one; empty: not known */
+    bool is_reported = false; /* by a message of the kernel, before which none was lost */
+    bool is_exact = false;    /* the message contains this change alone */
+    bool is_late = false;     /* the message may have waited: the time of the change isn't known */
+    std::string device;       /* of which the port is one; empty: not known */
 };
 
-/* How a board's readings relate to its links. */
+/* The ages of looks that are evidence for a fall, by the board. */
 struct fall_rules {
-    /* An older look says nothing of the fall; nor does a younger one, since links are reported late
-       and it may have been made after the fall. In ns. */
+    /* An older look is no evidence for the fall; nor is a younger one, since links are reported
+       late and the look may have been made after the fall. In ns. */
     int64_t oldest_look, youngest_look;
 };
 
@@ -56,7 +56,7 @@ class fall_recorder
     struct up_time {
         int64_t up_since, fell_at;
     };
-    /* These bring what a board knows beside the details into the facts, on the thread. */
+    /* These add facts that a board has beside the details; called on the thread. */
     struct lookers {
         /* At each look. */
         std::function<void(uint32_t port, const up_time &, causes::facts &)> fell;
@@ -72,23 +72,24 @@ class fall_recorder
     fall_recorder &operator=(const fall_recorder &) = delete;
     ~fall_recorder();
 
-    /* Falls are recorded from now on, in `folder`, which is made. Without a thread of its own
-       somebody else calls work(). */
+    /* Falls are recorded from now on, in `folder`, which is made. Without a thread of its own, the
+       caller calls work(). */
     void start(const std::string &folder, lookers look, bool has_thread = true);
-    /* Writes what is open. */
+    /* Writes the open records. */
     void stop() noexcept;
 
     /* These are called in the order of the changes; any thread, one at a time for each port. */
-    /* Before the details change by a message about the link. */
-    void hear(uint32_t port, const link_news &news);
-    /* The interface leaves the port, before its details change by that. */
-    void hear(uint32_t port, departure how);
+    /* A message about the link; called before the details change by it. */
+    void report_link(uint32_t port, const link_news &news);
+    /* The interface leaves the port; called before the details change by that. */
+    void report_departure(uint32_t port, departure how);
     /* The port is taken out of the configuration: its link doesn't fall by that. */
     void leave_out(uint32_t port);
-    /* The details are so now. */
+    /* Takes the new details of a port. Called after each change. */
     void see(const dolm_ric_details_record &record);
 
-    /* Makes all looks and writings that are due. The thread's, or a test's in its place. */
+    /* Makes all looks and writings that are due. Called by the thread, or by a test in its place.
+     */
     void work();
 
     static constexpr size_t most_ports = 1024;
@@ -103,17 +104,17 @@ class fall_recorder
         size_t looks = 0;            /* that were made */
         size_t lanes = 0;            /* of all lists; 0: not known */
         /* As in the news of the first one. */
-        bool is_told = false, is_exact = false, is_late = false;
+        bool is_reported = false, is_exact = false, is_late = false;
         departure left = departure::none;
-        bool is_changed = true; /* since it was written */
+        bool is_changed = true; /* since the record was written */
         bool is_written = false;
         bool is_seen_again = false; /* the module, since the link is up again */
     };
     struct port_watch {
         dolm_ric_details_link link = {};
         int64_t up_since = 0;       /* 0: it isn't up */
-        bool is_rise_known = false; /* else it had been up before it was seen first */
-        int64_t set_down_at = 0;    /* its last fall by which it was set down */
+        bool is_rise_known = false; /* false: it was up already when it was seen first */
+        int64_t set_down_at = 0;    /* time of the last fall by a set-down */
         link_news news;
         departure left = departure::none;
         module_sample last, before; /* the latest look, and the one before it */
@@ -130,16 +131,16 @@ class fall_recorder
     static void count(port_watch &its, int64_t at);
     void begin(port_watch &its, const dolm_ric_details_link &now, int64_t at);
     void take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at);
-    void tell_look_before(const port_watch &its, fall &made) const;
+    void add_last_look(const port_watch &its, fall &made) const;
     static void rise(port_watch &its, int64_t at);
     static void take_look(fall &open, module_sample found);
     static void close(port_watch &its);
-    void tell_neighbours(uint32_t port, const port_watch &its, fall &open) const;
+    void add_neighbours(uint32_t port, const port_watch &its, fall &open) const;
     void finish_looks(uint32_t port, port_watch &its, fall &open);
-    /* The thread's; `guard` is held but for what is asked or written. */
+    /* Called by the thread; `guard` is released while facts are asked for and files are written. */
     void look(uint32_t port, std::unique_lock<std::mutex> &guard);
     bool look_again(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
-    void tell_result(uint32_t port, int error);
+    void report_result(uint32_t port, int error);
     bool write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard);
     bool write_closed(uint32_t port, std::unique_lock<std::mutex> &guard);
     void settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard);
@@ -154,7 +155,7 @@ class fall_recorder
     const clock now_;
     lookers look_;
     std::string folder_;
-    causes::text boot_; /* which start of the machine this is */
+    causes::text boot_; /* the kernel's id of this start of the machine */
 
     std::mutex lock_; /* guards these */
     std::condition_variable changed_;
@@ -163,7 +164,8 @@ class fall_recorder
     int64_t next_ = INT64_MAX;
     bool is_on_ = false, is_stopping_ = false;
     std::set<uint32_t> failing_; /* ports whose file couldn't be written */
-    std::set<int> told_;         /* why, as told since all could be */
+    std::set<int>
+        reported_; /* the errors that were reported since all files could last be written */
 
     size_t taken_ = 0; /* by the folder; the thread's */
 

@@ -17,10 +17,10 @@ namespace board
    where it can't be made. */
 util::descriptor make_new_file(const std::string &path);
 
-/* Puts it at `path`, in the place of what was there. False with errno. */
+/* Renames the new file to `path`, in the place of an older one. False with errno. */
 bool place_new_file(const std::string &path);
 
-/* Removes it. Keeps errno. */
+/* Removes the new file. Keeps errno. */
 void drop_new_file(const std::string &path);
 
 /* False with errno. */

@@ -60,7 +60,7 @@ port_details::port_details()
     taken_.reserve(2 * most_records);
 }
 
-/* The record of a port that was taken out of the configuration leaves first. */
+/* The record of a port that was taken out of the configuration is dropped first. */
 bool port_details::make_room(uint32_t port)
 {
     if (slots_.size() < most_records)
@@ -103,7 +103,7 @@ port_details::slot *port_details::find_or_make(uint32_t port)
     }
 }
 
-/* There is room for all in due_. */
+/* No allocation: due_ has room for all. */
 void port_details::mark(uint32_t port, slot &its)
 {
     if (std::exchange(its.is_due, true))
@@ -195,7 +195,7 @@ bool port_details::write_port(uint32_t port)
     return take(port, true) ? write_record() : erase_record(port);
 }
 
-/* Before the file has its path. Ports that are due stay so, as they may change meanwhile. */
+/* Before the file has its path. Ports that are due stay due, as they may change meanwhile. */
 bool port_details::write_all()
 {
     for (uint32_t port = 0;; port++) {
@@ -211,7 +211,7 @@ bool port_details::write_all()
     }
 }
 
-/* One line for all failures until everything is written. */
+/* Prints one line for all failures until every record is written. */
 void port_details::note_result(bool is_written)
 {
     const int error = errno;
@@ -301,7 +301,7 @@ bool port_details::has_other_owner() const
     const util::descriptor there(
         open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct flock lock = {};
-    lock.l_type = F_RDLCK; /* which a reader's lock doesn't keep from anybody */
+    lock.l_type = F_RDLCK; /* a reader's lock doesn't count */
     lock.l_whence = SEEK_SET;
     return there && !(file_ && is_in_place()) && fcntl(there.get(), F_OFD_GETLK, &lock) == 0 &&
            lock.l_type != F_UNLCK;

@@ -44,7 +44,8 @@ class port_details
         stop();
     }
 
-    /* Called with each record that was updated, in order, by who updates it. Before any update. */
+    /* Sets a function that is called with each record after its update, in order, on the thread of
+       the update. To be called before any update. */
     void watch(std::function<void(const dolm_ric_details_record &)> changed)
     {
         watch_ = std::move(changed);
@@ -70,7 +71,7 @@ class port_details
         }
     }
 
-    /* Waits until what was updated before is published, or couldn't be. */
+    /* Waits until all earlier updates are published, or have failed. */
     void flush();
 
     /* A record takes up to 24 KiB of memory, and as much in the file. */
@@ -92,7 +93,7 @@ class port_details
     bool make_room(uint32_t port);
     void mark(uint32_t port, slot &its);
     void start_thread();
-    /* The thread's, as what follows. */
+    /* Called by the thread, as the functions below. */
     void run();
     bool write_taken();
     bool write_port(uint32_t port);

@@ -45,9 +45,9 @@ struct port_source {
     {
     }
 
-    /* Ends them: no report follows its return. Called once after a `start` that returned, without
+    /* Ends the reports: none follows its return. Called once after a `start` that returned, without
        the lock. No read follows; a `refresh` may still run on another thread and must return soon.
-     */
+       */
     virtual void stop() noexcept
     {
     }

@@ -7,8 +7,9 @@
 namespace linux_board
 {
 
-/* Whether the driver of that device on the PCI bus does; `devices` is the folder of all. False for
-   other devices, and where it can't be told. Any thread. */
+/* Whether the driver of that device on the PCI bus logs each reading of a module that fails;
+   `devices` is the folder of all devices. False for other devices, and where the driver isn't
+   known. Any thread. */
 bool logs_failed_readings(const std::string &parent,
                           const std::string &devices = "/sys/bus/pci/devices");
 

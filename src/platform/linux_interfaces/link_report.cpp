@@ -49,7 +49,7 @@ static void read_attribute(const netlink::attribute &from, link_report &report)
 }
 
 /* The kernel updates IFF_RUNNING some time after the carrier, so a link is operational only while
-   both say so. */
+   both are set. */
 std::optional<link_report> parse_link(const netlink::message &from)
 {
     if (from.type != RTM_NEWLINK && from.type != RTM_DELLINK)

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The folder is watched, so that a reading costs one system call more. It comes with the reader's
-   socket, perhaps after the board has started; until then it is looked for once a second. */
+/* The folder is watched with inotify, so that the check before each reading costs one system call.
+   The folder is made with the reader's socket, perhaps after the board has started; until then it
+   is looked for once a second. */
 #include "platform/linux_interfaces/module_leases.h"
 
 #include "platform/linux_interfaces/reader_protocol.h"
@@ -44,7 +45,7 @@ void module_leases::watch()
         events_.reset();
 }
 
-/* A folder that was taken away is another one when it is back. */
+/* After the folder was removed, a new one needs a watch of its own. */
 bool module_leases::has_changed()
 {
     if (!events_.is_open()) {

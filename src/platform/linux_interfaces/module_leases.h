@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* module_leases - modules that are left alone for another tool. A lease is a file in the folder of
    the reader's socket, "lease.N" for the interface with index N: one line with the nanoseconds of
-   CLOCK_BOOTTIME until which it lasts. Whoever may write to that folder may lease a module; nothing
-   but the clock is needed to end a lease. One thread. */
+   CLOCK_BOOTTIME until which it lasts. A process that may write to that folder may lease a module;
+   nothing but the clock is needed to end a lease. One thread. */
 #pragma once
 
 #include "util/descriptor.h"
@@ -19,7 +19,7 @@ class module_leases
   public:
     using time_point = std::chrono::steady_clock::time_point;
 
-    /* A file with a later end is no lease: it would be a mistake that lasts. */
+    /* A file with a later end is no lease: a mistake in it would last too long. */
     static constexpr std::chrono::seconds longest{3600};
 
     /* The folder of leases; `reader` as reader_client takes it. */

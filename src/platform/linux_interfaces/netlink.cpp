@@ -200,7 +200,7 @@ static int await_readable(int fd, std::chrono::steady_clock::time_point deadline
 }
 
 /* The kernel mostly has answered before the question is sent. Answers to questions that timed out
-   bear older sequence numbers and are skipped. */
+   have older sequence numbers and are skipped. */
 int connection::await_answer(std::chrono::steady_clock::time_point deadline, const taker &take)
 {
     bool was_interrupted = false;

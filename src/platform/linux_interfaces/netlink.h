@@ -63,8 +63,8 @@ std::optional<record> read_record(byte_view bytes)
 /* Text up to its NUL or to the end of the value. */
 std::string_view read_text(byte_view value);
 
-/* What an NLMSG_ERROR message reports: 0 for an acknowledgement, else an errno. EBADMSG for a
-   message that is too short. */
+/* The error that an NLMSG_ERROR message reports: 0 for an acknowledgement, else an errno. EBADMSG
+   for a message that is too short. */
 int error_of(const message &report);
 
 /* One message, built from its fixed header on. */

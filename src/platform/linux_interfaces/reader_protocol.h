@@ -20,9 +20,9 @@
 #define READER_ITSELF 0
 #define READER_CHECKSUM_LENGTH 8
 enum reader_question {
-    READER_CONFIGURATION = 0, /* the checksum of its configuration; 0 without one */
-    READER_END = 1,           /* the same, and it ends: the configuration was replaced. The next
-                                 reader takes over which interface each port has. */
+    READER_CONFIGURATION = 0, /* the checksum of the reader's configuration; 0 without one */
+    READER_END = 1, /* that checksum, after which the reader ends: the configuration was replaced.
+                       The next reader takes over which interface each port has. */
 };
 
 /* Bytes of a module's memory. A range never crosses byte 128; below it page and bank are 0. At

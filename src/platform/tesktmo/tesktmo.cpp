@@ -191,7 +191,7 @@ static bool add_timer(uint32_t interval, const pending_timer &added)
 
 void tmo_request_sig(uint32_t interval, mbx_signal **signal)
 {
-    /* Before the lock, as it is a call of another library. */
+    /* Called before the lock is taken, as the call leads into another library. */
     const uint32_t mailbox = mbx_own_mailbox();
     if (mailbox != MBX_NO_MAILBOX && add_timer(interval, {*signal, mailbox}))
         *signal = nullptr;

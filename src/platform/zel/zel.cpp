@@ -249,7 +249,7 @@ static formatted_text &take_text()
     return text;
 }
 
-/* A text that isn't from formatStr is left alone. */
+/* A text that isn't from formatStr isn't freed. */
 static void release_text(const char *traced)
 {
     std::atomic_signal_fence(std::memory_order_seq_cst);

@@ -129,7 +129,7 @@ zel_place *zel_limit_admit(const zel_record &record)
     return &place;
 }
 
-/* A place that still counts is reported later. */
+/* A place whose flood goes on is reported later. */
 static bool is_due(const zel_place &place, uint32_t second)
 {
     const bool has_repeats = place.repeated.load(std::memory_order_relaxed) > 0;

@@ -31,5 +31,5 @@ zel_output zel_open_file(const char *path);
    handler and raises no SIGPIPE; changes errno. */
 bool zel_write(const zel_output &output, const char *bytes, size_t size, bool is_error);
 
-/* A regular file has no reader that can stall it. */
+/* Writes to a regular file don't block on a reader. */
 bool zel_is_regular_file(const zel_output &output);

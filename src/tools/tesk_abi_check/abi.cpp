@@ -80,7 +80,7 @@ static std::optional<std::string> fault_of(const elf_library &library, const std
     return std::nullopt;
 }
 
-/* Appends what is wrong with the names of a library. */
+/* Appends the faults in the names of a library. */
 static void check_names(const needed_library &wanted, const elf_library &library,
                         std::vector<abi_problem> &problems)
 {

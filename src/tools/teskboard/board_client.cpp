@@ -18,7 +18,7 @@
 namespace teskboard
 {
 
-/* Without a listener and without a permission different things help. */
+/* The remedy depends on the error: a missing listener, or a missing permission. */
 static std::string what_to_do(int error, const std::string &path)
 {
     if (error == EACCES || error == EPERM)

@@ -16,7 +16,7 @@ enum class action { change, wait, show, ports, play };
 struct command {
     action what = action::change;
     std::string request;    /* of a change or a wait, as the board takes it */
-    board::port_list ports; /* that it names */
+    board::port_list ports; /* the ports that the command names */
     std::string scene;      /* the file to play */
     double timeout = 5;     /* seconds */
 };

@@ -12,7 +12,7 @@ namespace teskboard
 /* A port as the board's "show" answers it, in one line of a table. */
 std::string format_table_head();
 std::string format_table_row(const answer &port);
-/* The same port with everything that it reports. */
+/* Everything that the port reports, one value a line. */
 std::string format_port(const answer &port);
 /* The answer to "board". */
 std::string format_board(const answer &board);

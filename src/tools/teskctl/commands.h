@@ -48,7 +48,7 @@ struct watch_options {
     ports_text status;
     double seconds = 0;    /* 0: no limit */
     uint64_t count = 0;    /* of indications; 0: no limit */
-    bool has_falls = true; /* shows why links fell, 2 s after it */
+    bool has_falls = true; /* shows the causes of falls, 2 s after them */
 };
 /* A process signal is the usual end, so that it gives exit_code::done. */
 exit_code run_watch(const settings &common, const watch_options &options);

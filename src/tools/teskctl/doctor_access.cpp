@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The way of this user to the server: the directory of the mailboxes, the socket in it, and the
-   process behind that. What forbids the access is found by owner, group and mode, from the
+/* Checks this user's access to the server: to the directory of the mailboxes, the socket in it, and
+   the process behind the socket. A missing right is found by owner, group and mode, from the
    directory on, since each cause has another remedy. */
 #include "tools/teskctl/doctor_checks.h"
 #include "tools/teskctl/explain.h"
@@ -47,7 +47,7 @@ static std::string socket_path()
     return mailbox_directory() + "/" + server_name;
 }
 
-/* What starts the server that isn't there. */
+/* The command that starts a missing server. */
 static std::string start_remedy(const unit_table &units)
 {
     if (!has_unit(units))

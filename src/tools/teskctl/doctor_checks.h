@@ -51,11 +51,11 @@ finding check_socket(const unit_table &units);
 /* On success `session` must be closed by the caller; null otherwise. */
 finding check_server(const settings &common, const unit_table &units,
                      tesk_client_session **session);
-/* What is wrong with a unit that should run; verdict::ok for one that does. */
+/* The fault of a unit that should run; verdict::ok if it runs. */
 finding check_unit(const unit_table &units, const std::string &unit, const char *topic);
 /* The server's unit, and the reader's where it is installed. `is_up`: the server answers. */
 findings check_units(const unit_table &units, bool is_up);
-/* The file that says which port is which interface, by the reader's own check of it. */
+/* The configuration of ports and interfaces, by the reader's own check of it. */
 findings check_configuration();
 /* The port map, and the ports that the server has; `session` may be null. */
 findings check_ports(tesk_client_session *session);

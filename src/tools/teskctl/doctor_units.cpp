@@ -160,8 +160,8 @@ findings check_units(const unit_table &units, bool is_up)
     return all;
 }
 
-/* What the reader's check says of a line: a message, or a port of a right line, which the server's
-   port map lacks if the server doesn't use it. */
+/* Judges a line of the reader's check. It is a message, or a port of a right line; a port that the
+   server's port map lacks isn't used by the server. */
 static void judge_line(const std::string &line, const std::string &path,
                        const port_name_map &in_force, findings &all)
 {

@@ -47,7 +47,7 @@ static std::string unit_file()
     return "";
 }
 
-/* What is to be done where there is no server: a masked unit was stopped on purpose. */
+/* The remedy where there is no server: a masked unit was stopped on purpose. */
 static std::string how_to_start()
 {
     const std::string directory = mailbox_directory();

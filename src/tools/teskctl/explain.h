@@ -16,7 +16,8 @@ exit_code exit_code_of(tesk_client_result result);
 /* The error and its remedy, for one line on standard error. `text` is the library's or the
    server's. */
 std::string explain(tesk_client_result result, const std::string &text);
-/* The same for a request; a port that doesn't exist is called so in every command. */
+/* The error and its remedy, for a rejected or failed request. A port that doesn't exist has one
+   text in all commands. */
 std::string explain(const tesk_client_answer &answer);
 
 /* The directory in which the client library looks for the server. */

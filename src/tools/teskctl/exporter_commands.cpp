@@ -22,7 +22,7 @@
 static constexpr int64_t a_day = 86400;
 static constexpr std::chrono::seconds patience{12}; /* the exporter itself answers within ten */
 
-/* The answer as an object; a tool_error that says what to do where there is none. */
+/* The answer as an object; a tool_error with the remedy where there is none. */
 static json_object ask(const exporter_options &options, const std::string &path)
 {
     std::string address = options.address;
@@ -124,7 +124,7 @@ exit_code run_modules(const settings &common, const exporter_options &options)
     return exit_code::done;
 }
 
-/* Of the whole module there is none. */
+/* The lane of a forecast; a dash for one of the whole module. */
 static std::string lane_of(const json_object &forecast)
 {
     const double lane = number_in(forecast, "lane");

@@ -66,7 +66,7 @@ void fall_watch::take(uint32_t port_no)
     if (!its.is_known)
         look(port_no, its);
     const steady_time first = its.since + looks_after[0];
-    /* One that is planned isn't put off: a port can flap for hours. */
+    /* A planned look isn't put off: a port can flap for hours. */
     if (!is_first)
         its.due = std::min(its.due.value_or(first), first);
 }

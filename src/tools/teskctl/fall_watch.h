@@ -17,7 +17,7 @@
 
 struct watched_fall {
     uint32_t port_no;
-    bool is_news; /* else it had been recorded before the first indication of the port */
+    bool is_news; /* false: recorded before the first indication of the port */
     causes::facts seen;
     causes::verdict its;
 };
@@ -28,7 +28,7 @@ class fall_watch
     using shown = std::function<void(const watched_fall &)>;
 
     /* `folder` is falls_folder(). Empty: nothing is followed. `show` gets the last fall of a port
-       at its first indication, each fall after that, and one that is known otherwise than it was
+       at its first indication, each fall after that, and one whose verdict has changed since it was
        shown. */
     fall_watch(std::string folder, shown show) : folder_(std::move(folder)), show_(std::move(show))
     {
@@ -42,7 +42,7 @@ class fall_watch
 
   private:
     struct watched_port {
-        bool is_known = false;               /* which falls are older than the watch */
+        bool is_known = false;               /* whether the falls from before the watch are known */
         std::string last;                    /* the fall that was shown, as text */
         steady_time since = {};              /* the last indication */
         std::optional<steady_time> due = {}; /* the next look */

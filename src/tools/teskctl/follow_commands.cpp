@@ -63,7 +63,7 @@ struct ping_statistics {
         const double mean = average();
         const double mean_of_squares =
             answered == 0 ? 0 : sum_of_squares / static_cast<double>(answered);
-        /* Of equal times it can come out a little below 0. */
+        /* For equal times rounding can give a little less than 0. */
         return std::sqrt(std::max(mean_of_squares - mean * mean, 0.0));
     }
 };

@@ -39,7 +39,7 @@ static bool joins(const history_group &open, const history_entry &entry)
     const bool has_port = open.ports.contains(entry.record.port_no);
     const bool has_client = open.clients.contains({entry.record.client_id, entry.record.conn_ref});
     if (has_port && has_client)
-        return false; /* the same action again is an event of its own */
+        return false; /* a repeated action is an event of its own */
     return (has_port && open.ports.size() == 1) || (has_client && open.clients.size() == 1);
 }
 

@@ -4,7 +4,7 @@
      none -> subscribe: held, or none where the server refuses
      unknown -> unsubscribe: none, then subscribe
 
-   and becomes unknown by any answer that doesn't tell whether the server has the subscription. One
+   and becomes unknown by any answer that leaves open whether the server has the subscription. One
    that the server has and this object hasn't, "already subscribed", is ended first, since only a
    new subscription brings an indication. */
 #include "tools/teskctl/kept_subscriptions.h"

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* kept_subscriptions - the subscriptions that a running command wants, and that it has again after
-   whatever failed once: a late answer, a port that was away, a renewal that was refused. The
-   session renews those that it knows after a reconnection; this looks after the others. One thread.
- */
+/* kept_subscriptions - the subscriptions that a running command wants, and that are made again
+   after a failure: a late answer, a port that was away, a renewal that was refused. The session
+   renews those that it knows after a reconnection; this looks after the others. One thread. */
 #pragma once
 
 #include "tools/teskctl/port_requests.h"
@@ -20,9 +19,9 @@ class kept_subscriptions
     {
     }
 
-    /* Wants both kinds of the port; send_due makes the requests. */
+    /* Adds both kinds of subscription of the port; send_due makes the requests. */
     void add(uint32_t port_no);
-    /* Wants none of the port any more, as it doesn't exist. */
+    /* Removes the subscriptions of the port, as it doesn't exist. */
     void remove(uint32_t port_no)
     {
         for (const tesk_client_kind kind : {TESK_CLIENT_SFP_INFO, TESK_CLIENT_PORT_STATUS})

@@ -26,7 +26,7 @@ class table
     {
         rows_.push_back(std::move(row));
     }
-    /* `width` 0 means no limit. */
+    /* No limit if `width` is 0. */
     std::string text(size_t width) const;
 
   private:

@@ -103,7 +103,7 @@ static std::vector<uint32_t> ports_of(tesk_details &details, const ports_text &t
     return ports;
 }
 
-/* What each reading changes. */
+/* The fields that each reading changes. */
 static void forget_times(dolm_ric_details_record &of)
 {
     const int64_t lease_until = of.cost.lease_until;
@@ -134,7 +134,7 @@ static bool is_same_but_for_time(dolm_ric_details_record one, dolm_ric_details_r
 namespace
 {
 
-/* What is shown, and the record of each port as it was shown last. */
+/* The ports that are shown, and the record of each as it was shown last. */
 class module_output
 {
   public:
@@ -187,7 +187,7 @@ class module_output
         write_now(text);
     }
 
-    /* Reported when it begins; a port may come back. */
+    /* A failure is reported when it begins; the port may come back. */
     void fail(uint32_t port_no, tesk_details_result result)
     {
         shown_[port_no] = {};

@@ -111,7 +111,7 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     }
 }
 
-/* A board that writes a port map, and has no port in it, has none; numbers needn't be tried. */
+/* If there is a port map without a port, the board has none: no numbers are tried. */
 static void require_ports(const ports_text &ports)
 {
     const auto ignore = [](uint32_t, const char *, void *) {};

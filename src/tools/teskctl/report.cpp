@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The time before a line is that of its writing: neither indications nor answers carry one. */
+/* Each line begins with the time at which it is written: neither indications nor answers have one.
+ */
 #include "tools/teskctl/report.h"
 
 #include "program/clock.h"

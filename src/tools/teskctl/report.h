@@ -31,7 +31,7 @@ class reporter
        write_failures, one for all ports that failed alike. */
     void failed(const tesk_client_answer &answer);
     void write_failures();
-    /* That of the worst failure so far. */
+    /* The exit code of the worst failure so far. */
     exit_code code() const
     {
         return code_;

@@ -36,7 +36,7 @@ session::session(event_loop &loop, const settings &common, handlers called, bool
     options.deadline_ms = common.timeout_ms;
     options.reconnect = reconnect;
     options.user = &handlers_;
-    /* C callbacks have only a pointer, which leads to the functions of this object. */
+    /* C callbacks get one pointer: that to the functions of this object. */
     options.on_sfp_info = [](const tesk_client_sfp_info *info, void *user) {
         if (auto *to = static_cast<session::handlers *>(user); to->sfp_info)
             to->sfp_info(*info);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each take() brings one record into what is shown of a port, and gives the text of the event if it
-   is one. */
+/* Each take() brings one record into the shown state of a port, and gives the text of the event if
+   the record is one. */
 #include "tools/teskctl/top_port.h"
 
 #include "program/clock.h"

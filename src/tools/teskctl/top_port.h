@@ -34,10 +34,10 @@ void take(top_port &port, const tesk_client_pm &pm);
 /* The last fall that the board recorded. */
 void take(top_port &port, const watched_fall &fall);
 
-/* What happened last, and why the link fell last, for the port's row. */
+/* The last event, and the cause of the last fall, for the port's row. */
 std::string event_text(const top_port &port);
 
-/* The server doesn't know the port: nothing that was known of it holds any more. */
+/* The server doesn't know the port: drops all values of it. */
 void take_loss(top_port &port);
 
 /* The module's state: one of tesk_client_sfp_type, or module_not_ready. */

@@ -13,8 +13,8 @@ namespace linux_board
 class config_watch
 {
   public:
-    /* Begins with the file as it is now. Where the directory can't be watched, has_changed() is all
-       that there is. */
+    /* Begins with the file as it is now. Where the directory can't be watched, only has_changed()
+       finds a change. */
     explicit config_watch(std::string path);
 
     /* Readable when something happened in the file's directory; -1 where it can't be watched. */

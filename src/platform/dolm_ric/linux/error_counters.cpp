@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The thread learns once a round which links are up, and takes the samples that are due, one after
-   another, the fastest first, without the lock. tell_before() and tell_again() look for two samples
+   another, the fastest first, without the lock. add_before() and add_again() look for two samples
    and bring the difference into the facts. */
 #include "platform/dolm_ric/linux/error_counters.h"
 
@@ -22,14 +22,15 @@ static constexpr int64_t one_ms = 1'000'000, one_second = 1000 * one_ms;
 /* Three samples lie within each minute. */
 static constexpr int64_t round_time = 20 * one_second, wanted_gap = 5 * one_second;
 
-/* Of a driver that counts nothing: it may be another one, or a newer firmware, some day. */
+/* For so long a driver that counts nothing isn't asked again: driver or firmware may have been
+   updated by then. */
 static constexpr int64_t refusal_time = 3600 * one_second;
 
 /* A question that took some time is followed by a pause of so many times that. */
 static constexpr int64_t pause_per_time = 200;
 
 /* The period that the counts cover, and the shortest one that shows anything. */
-static constexpr int64_t told_time = 60 * one_second, least_time = 4 * one_second;
+static constexpr int64_t counted_time = 60 * one_second, least_time = 4 * one_second;
 
 /* A link that has just risen still counts what it received while it found its lock. */
 static constexpr int64_t settling_time = 3 * one_second;
@@ -161,9 +162,8 @@ static bool is_still_none(std::span<const error_sample> samples, const error_sam
     return after != samples.end() && after->count[kind] == last.count[kind];
 }
 
-/* A PHY without a signal has none: only what was read before the fall tells of it. */
-static void tell_quality(std::span<const error_sample> samples, int64_t fell_at,
-                         causes::facts &seen)
+/* A PHY without a signal reports no quality: only readings before the fall count. */
+static void add_quality(std::span<const error_sample> samples, int64_t fell_at, causes::facts &seen)
 {
     if (samples.empty() || fell_at - samples.back().at > oldest_before_fall)
         return;
@@ -171,32 +171,32 @@ static void tell_quality(std::span<const error_sample> samples, int64_t fell_at,
     seen.signal_quality_most = samples.back().quality_most;
 }
 
-void tell_counts_before(std::span<const error_sample> samples, int64_t up_since, int64_t fell_at,
-                        causes::facts &seen)
+void add_counts_before(std::span<const error_sample> samples, int64_t up_since, int64_t fell_at,
+                       causes::facts &seen)
 {
     if (up_since == 0)
         return;
-    const auto minute = between(samples, std::max(up_since + settling_time, fell_at - told_time),
-                                fell_at - told_late);
-    tell_quality(minute, fell_at, seen);
+    const auto minute = between(samples, std::max(up_since + settling_time, fell_at - counted_time),
+                                fell_at - longest_delay);
+    add_quality(minute, fell_at, seen);
     if (span_of(minute) < least_time || fell_at - minute.back().at > oldest_before_fall)
         return;
-    const auto told = [&](count_kind kind) {
+    const auto certain = [&](count_kind kind) {
         const causes::number its = counted(minute, kind);
         return its && *its == 0 && !is_still_none(samples, minute.back(), fell_at, kind)
                    ? std::nullopt
                    : its;
     };
-    seen.corrected_in_minute = told(count_corrected);
-    seen.uncorrectable_in_minute = told(count_uncorrectable);
-    seen.symbol_errors_in_minute = told(count_symbols);
-    seen.frame_errors_in_minute = told(count_frames);
+    seen.corrected_in_minute = certain(count_corrected);
+    seen.uncorrectable_in_minute = certain(count_uncorrectable);
+    seen.symbol_errors_in_minute = certain(count_symbols);
+    seen.frame_errors_in_minute = certain(count_frames);
     seen.counted_for_s = seconds_of(span_of(minute));
     if (!seen.errors_before)
         seen.errors_before = error_ratio(minute, seen.fec_before, seen.speed_before);
 }
 
-void tell_counts_again(std::span<const error_sample> samples, int64_t since, causes::facts &seen)
+void add_counts_again(std::span<const error_sample> samples, int64_t since, causes::facts &seen)
 {
     const auto again = between(samples, since, INT64_MAX);
     if (span_of(again) < least_time)
@@ -242,15 +242,15 @@ std::vector<error_sample> error_counters::samples_of(int32_t index) const
                : std::vector(found->second.samples.begin(), found->second.samples.end());
 }
 
-void error_counters::tell_before(int32_t index, int64_t up_since, int64_t fell_at,
-                                 causes::facts &seen) const
+void error_counters::add_before(int32_t index, int64_t up_since, int64_t fell_at,
+                                causes::facts &seen) const
 {
-    tell_counts_before(samples_of(index), up_since, fell_at, seen);
+    add_counts_before(samples_of(index), up_since, fell_at, seen);
 }
 
-void error_counters::tell_again(int32_t index, int64_t since, causes::facts &seen) const
+void error_counters::add_again(int32_t index, int64_t since, causes::facts &seen) const
 {
-    tell_counts_again(samples_of(index), since, seen);
+    add_counts_again(samples_of(index), since, seen);
 }
 
 /* Without memory, or without a connection, the next round tries again. */
@@ -294,11 +294,12 @@ void error_counters::take_round(int64_t now)
             watches_[index].is_up = true;
             watches_[index].last_used_at = now;
         }
-    std::erase_if(watches_,
-                  [&](const auto &one) { return now - one.second.last_used_at > 2 * told_time; });
+    std::erase_if(watches_, [&](const auto &one) {
+        return now - one.second.last_used_at > 2 * counted_time;
+    });
 }
 
-/* The one whose driver answers fastest: it doesn't wait for a slow one. */
+/* The due interface whose driver answers fastest, so that it doesn't wait for a slow one. */
 std::optional<int32_t> error_counters::next_due() const
 {
     const int64_t now = board::details_time();
@@ -311,7 +312,7 @@ std::optional<int32_t> error_counters::next_due() const
     return next == nullptr ? std::nullopt : std::optional(next->first);
 }
 
-/* How long until the next one. */
+/* The time until the next sample. */
 int64_t error_counters::sample_due()
 {
     while (!thread_.is_stopping() && board::details_time() < round_due_) {

@@ -26,7 +26,7 @@ namespace linux_board
 
 /* The kernel reports a lost carrier up to a second late. An older sample is no evidence for a fall,
    though modules are read each 4 s. */
-inline constexpr int64_t told_late = 1'100'000'000, oldest_before_fall = 30'000'000'000;
+inline constexpr int64_t longest_delay = 1'100'000'000, oldest_before_fall = 30'000'000'000;
 
 /* Blocks of FEC, bits that it corrected, symbols, and frames that were damaged. */
 enum count_kind : uint8_t {
@@ -47,7 +47,7 @@ struct error_sample {
     std::optional<uint32_t> quality, quality_most;
 
     bool is_empty() const;
-    /* Takes over what the answer to one question has. */
+    /* Takes over the counts in the answer to one question. */
     void add(const error_sample &part);
 };
 
@@ -65,9 +65,9 @@ class error_counters
     void want(int32_t index, int64_t since, int samples);
     /* The counts of the minute before a fall at that time, of a link that had been up since
        `up_since`; where that is 0, which is unknown, the facts stay as they are. */
-    void tell_before(int32_t index, int64_t up_since, int64_t fell_at, causes::facts &seen) const;
+    void add_before(int32_t index, int64_t up_since, int64_t fell_at, causes::facts &seen) const;
     /* The counts since that time, when the link was up again. */
-    void tell_again(int32_t index, int64_t since, causes::facts &seen) const;
+    void add_again(int32_t index, int64_t since, causes::facts &seen) const;
 
   private:
     static constexpr size_t questions = 3;
@@ -104,20 +104,20 @@ class error_counters
     mutable std::mutex lock_; /* guards the next one */
     std::map<int32_t, watch> watches_;
 
-    worker thread_; /* last: it ends before what it uses */
+    worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
-/* What is in the answers to ETHTOOL_MSG_FEC_GET, ETHTOOL_MSG_STATS_GET and
+/* Take the counts from the answers to ETHTOOL_MSG_FEC_GET, ETHTOOL_MSG_STATS_GET and
    ETHTOOL_MSG_LINKSTATE_GET. Pure, as those below. */
 void take_fec_counts(netlink::byte_view attributes, error_sample &made);
 void take_line_counts(netlink::byte_view attributes, error_sample &made);
 void take_quality(netlink::byte_view attributes, error_sample &made);
 
-/* Samples are in the order of time. What a fall itself adds to the counters isn't counted: the
-   count ends with the last sample that was surely taken before it. None is told as zero unless
-   the sample at the fall shows that none came later. */
-void tell_counts_before(std::span<const error_sample> samples, int64_t up_since, int64_t fell_at,
-                        causes::facts &seen);
-void tell_counts_again(std::span<const error_sample> samples, int64_t since, causes::facts &seen);
+/* Samples are in the order of time. Errors that the fall itself adds to the counters are left out:
+   the count ends with the last sample that was surely taken before the fall. A count of zero
+   becomes a fact only if the sample at the fall shows that no error came later. */
+void add_counts_before(std::span<const error_sample> samples, int64_t up_since, int64_t fell_at,
+                       causes::facts &seen);
+void add_counts_again(std::span<const error_sample> samples, int64_t since, causes::facts &seen);
 
 } // namespace linux_board

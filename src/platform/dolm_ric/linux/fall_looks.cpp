@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* look() asks for the state of a link, and takes what drivers count and what the kernel has told of
-   its own accord. */
+/* look() asks for the state of a link, and takes the counters of drivers and the messages that the
+   kernel has sent. */
 #include "platform/dolm_ric/linux/fall_looks.h"
 
 namespace linux_board
@@ -15,7 +15,7 @@ void fall_looks::look(int32_t index, const std::string &device, int64_t up_since
     if (index != 0) {
         counters_.want(index, at, 1);
         states_.look(index, at, seen);
-        counters_.tell_before(index, up_since, at, seen);
+        counters_.add_before(index, up_since, at, seen);
         seen.settings_changed =
             notes_.were_settings_changed(index, at - 5 * second, at + second / 4);
     }
@@ -31,7 +31,7 @@ void fall_looks::look_again(int32_t index, int64_t since, causes::facts &seen)
     if (index == 0)
         return;
     counters_.want(index, since, 2);
-    counters_.tell_again(index, since, seen);
+    counters_.add_again(index, since, seen);
 }
 
 } // namespace linux_board

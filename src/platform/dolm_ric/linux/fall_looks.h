@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fall_looks - what the kernel and a driver say of a link that fell, beside the messages of
+/* fall_looks - facts about a link that fell from the kernel and the driver, beside the messages of
    link_follower. One thread; start() and stop() on any. The times are in ns of CLOCK_BOOTTIME. */
 #pragma once
 
@@ -36,7 +36,7 @@ class fall_looks
        Facts that are not known stay as they are. */
     void look(int32_t index, const std::string &device, int64_t up_since, int64_t at,
               causes::facts &seen);
-    /* The same of a link that has been up again since that time. */
+    /* The facts of a link that has been up again since the time `since`. */
     void look_again(int32_t index, int64_t since, causes::facts &seen);
 
   private:

@@ -17,7 +17,7 @@
 namespace linux_board
 {
 
-static constexpr int receive_buffer = 1 << 18;
+static constexpr int buffer_of_notes = 1 << 18;
 
 /* Interfaces and devices with a note, of each kind; then the oldest note is lost. */
 static constexpr size_t most_notes = 4096;
@@ -40,7 +40,7 @@ static void join_group(int protocol, uint32_t (*group)(netlink::connection &),
 {
     made.reset();
     try {
-        made.emplace(protocol, receive_buffer);
+        made.emplace(protocol, buffer_of_notes);
         const uint32_t joined = group(*made);
         if (joined != 0)
             return made->join(joined);
@@ -155,7 +155,7 @@ static std::string word_of(std::string_view text)
     return its;
 }
 
-/* The recovery has this message, too, with the state 0. */
+/* The kernel sends this message after the recovery, too, with the state 0. */
 void kernel_notes::take_health(netlink::byte_view datagram, int64_t at)
 {
     while (const auto notice = netlink::take_message(datagram)) {
@@ -225,7 +225,7 @@ std::optional<bool> kernel_notes::was_removed(const std::string &device, int64_t
     return has_note(removed_at_, uevents_.has_value(), device, from, to);
 }
 
-/* That none was reported shows nothing: most drivers report none. */
+/* An error that isn't reported may have happened: most drivers report none. */
 std::optional<std::string> kernel_notes::error_reported(const std::string &device, int64_t from,
                                                         int64_t to) const
 {

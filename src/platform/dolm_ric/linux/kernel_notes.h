@@ -27,9 +27,11 @@ class kernel_notes
     /* Whether speed, negotiation or FEC of the interface were changed between the two times;
        nothing where messages were lost, or aren't received. Any thread. */
     std::optional<bool> were_settings_changed(int32_t index, int64_t from, int64_t to) const;
-    /* The same of the device, such as 0000:03:00.0, whose driver left it. */
+    /* Whether a driver left the device, such as 0000:03:00.0, between the two times; nothing where
+       messages were lost. */
     std::optional<bool> was_unbound(const std::string &device, int64_t from, int64_t to) const;
-    /* The same of one that is no longer there; its driver leaves it just before. */
+    /* Whether the device was removed between the two times, just before which its driver leaves it;
+       nothing where messages were lost. */
     std::optional<bool> was_removed(const std::string &device, int64_t from, int64_t to) const;
 
     /* The part that the driver of the device reported as failed, by the driver's name for it, such
@@ -62,7 +64,7 @@ class kernel_notes
     std::map<std::string, std::string> failed_; /* of devices with a time in failed_at_, and more */
     int64_t lost_at_ = INT64_MIN;
 
-    worker thread_; /* last: it ends before what it uses */
+    worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
 } // namespace linux_board

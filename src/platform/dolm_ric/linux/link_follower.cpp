@@ -49,7 +49,7 @@ static constexpr std::chrono::milliseconds queue_interval{500};
 static constexpr int datagrams_at_once = 256;
 static constexpr int questions_at_once = 16;
 
-/* With more notices than these in one go there are better things to do than to ask for speeds. */
+/* With more notices than these in one go, no speeds are asked for: the notices come first. */
 static constexpr int notices_of_a_storm = 16;
 
 static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16_t number)
@@ -260,7 +260,7 @@ void link_follower::ask_about(int32_t index)
         table_.forget(index, std::chrono::steady_clock::now());
 }
 
-/* Not known where the driver or a kernel before 5.13 can't tell. */
+/* Not known where the driver doesn't report it, or a kernel before 5.13. */
 uint32_t link_follower::fec_now(int32_t index)
 {
     netlink::request question =
@@ -319,7 +319,7 @@ void link_follower::ask_speed_if_wanted(int32_t index)
         table_.take_speed(index, *speed, std::chrono::steady_clock::now());
 }
 
-/* Looks at what changes without a message. */
+/* Asks for the values that change without a message. */
 void link_follower::take_round()
 {
     const auto now = std::chrono::steady_clock::now();

@@ -140,7 +140,7 @@ class link_follower
     uint64_t refreshes_done_ = 0;
     bool is_stuck_ = false;
 
-    worker thread_; /* last: it ends before what it uses */
+    worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
 } // namespace linux_board

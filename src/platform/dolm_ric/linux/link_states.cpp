@@ -67,9 +67,9 @@ void link_states::look(int32_t index, int64_t since, causes::facts &seen)
     const auto found = answers_.find(index);
     if (found == answers_.end() || found->second.asked_at < since)
         return;
-    const causes::facts &told = found->second.seen;
-    seen.extended_state = told.extended_state ? told.extended_state : seen.extended_state;
-    seen.remote_fault = told.remote_fault ? told.remote_fault : seen.remote_fault;
+    const causes::facts &answered = found->second.seen;
+    seen.extended_state = answered.extended_state ? answered.extended_state : seen.extended_state;
+    seen.remote_fault = answered.remote_fault ? answered.remote_fault : seen.remote_fault;
 }
 
 std::optional<int32_t> link_states::next_wanted()

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* link_states - what drivers say of links that are down, asked on a thread of its own: a driver
-   that takes seconds to answer holds the kernel's lock meanwhile, and the caller doesn't wait for
-   it. */
+/* link_states - the state that drivers report of links that are down, asked for on a thread of its
+   own: a driver that takes seconds to answer holds the kernel's lock meanwhile, and the caller
+   doesn't wait for it. */
 #pragma once
 
 #include "causes/facts.h"
@@ -29,8 +29,8 @@ class link_states
     void stop();
 
     /* Asks about the interface, and brings into the facts what its driver has answered to the last
-       question that was asked at `since` or later, in ns of CLOCK_BOOTTIME. What a driver doesn't
-       tell, or not in time, stays as it is. One thread. */
+       question that was asked at `since` or later, in ns of CLOCK_BOOTTIME. Facts without an answer
+       in time stay as they are. One thread. */
     void look(int32_t index, int64_t since, causes::facts &seen);
 
   private:
@@ -51,7 +51,7 @@ class link_states
     std::map<int32_t, answer> answers_;
     bool is_stuck_ = false;
 
-    worker thread_; /* last: it ends before what it uses */
+    worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
 /* The facts in an answer to ETHTOOL_MSG_LINKSTATE_GET. Pure. */

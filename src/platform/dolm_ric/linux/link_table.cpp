@@ -294,8 +294,7 @@ std::optional<link_table::time_point> link_table::next_settling() const
     return next;
 }
 
-/* After what was held back is announced, the burst goes on and nothing of it is left to announce.
- */
+/* If events were held back, they are announced and the burst goes on. */
 void link_table::settle(port_link &link, time_point now)
 {
     if (link.is_held && announce(link, link.falls_held, state_of(link.last), now))

@@ -52,8 +52,8 @@ std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t
 
 struct link_speed {
     uint32_t code = 0;     /* 0 if it isn't known */
-    uint32_t lanes = 0;    /* the same */
-    uint32_t megabits = 0; /* the same */
+    uint32_t lanes = 0;    /* 0 if not known */
+    uint32_t megabits = 0; /* 0 if not known */
     std::optional<bool> is_full_duplex = {};
     std::optional<bool> is_negotiated = {};
 };
@@ -78,7 +78,7 @@ struct link_listener {
     virtual void speed_reported(uint32_t /*port*/, const link_speed & /*now*/)
     {
     }
-    /* An event. Reads are answered with its values from now on. */
+    /* Queues an event. Reads are answered with its values from now on. */
     virtual void link_changed(uint32_t port, const link_values &now) = 0;
     /* Reads are answered with these values from now on; the event is held back, or there is none.
      */
@@ -118,13 +118,13 @@ class link_table
     /* `ask_speed` is called for a link that has risen, before its rise is announced. */
     explicit link_table(link_listener &listener, speed_source ask_speed = {});
 
-    /* A port without an interface; its link is down. */
+    /* Adds a port without an interface, whose link is down. */
     void add(uint32_t port, port_filter fits);
     /* From now on that filter says which interface is the port's; a new port is added. False, and
        nothing is changed, if the port has or had another interface; not asked where the filter is
        the same as before. */
     bool change(uint32_t port, port_filter fits, bool is_same);
-    /* The port keeps its number and has no interface until change() gives it its own again. */
+    /* Takes the interface away from the port until change() gives it back. */
     void take_out(uint32_t port, time_point now);
 
     void take(const link_report &report, origin from, time_point now);
@@ -132,9 +132,9 @@ class link_table
     void take_speed(int32_t index, const link_speed &speed, time_point now);
     /* Whether a port's link is operational and its speed isn't known, or is old. */
     bool is_speed_wanted(int32_t index, time_point now) const;
-    /* Whether it is a port whose link is operational. */
+    /* Whether the interface belongs to a port and its link is operational. */
     bool is_up(int32_t index) const;
-    /* The interface is gone. */
+    /* Removes the interface from its port, whose link is then down. */
     void forget(int32_t index, time_point now, board::departure how = board::departure::unknown);
 
     /* Ports whose interface isn't reported between the two calls have lost it. */
@@ -160,7 +160,7 @@ class link_table
         bool is_out = false;
         std::optional<link_report> lost; /* of the interface that it had */
         link_report last;
-        uint32_t speed = 0; /* as it was taken last */
+        uint32_t speed = 0; /* the last report that was taken */
         uint32_t lanes = 0;
         std::optional<time_point> speed_at = {}; /* nothing if the link has risen since */
         link_values announced;

@@ -43,7 +43,7 @@ static constexpr int reader_tries = 5;
 static constexpr size_t most_left_out = 20;
 
 static constexpr board::fall_rules rules_of_falls = {.oldest_look = oldest_before_fall,
-                                                     .youngest_look = told_late};
+                                                     .youngest_look = longest_delay};
 
 /* How long a start waits until all modules have been read once, so that present ones give no
    event. */
@@ -56,11 +56,11 @@ linux_ports::linux_ports(board::port_events &events, std::string reader)
     details_.watch([this](const dolm_ric_details_record &record) { falls_.see(record); });
 }
 
-/* Whether that errno leaves open if there is a module: nobody could ask, or the driver can't read
-   one now, which some answer for an empty cage and others for a module in use. */
+/* Whether the errno leaves open if there is a module: the module wasn't asked, or the driver can't
+   read it now, which some drivers answer for an empty cage and others for a module in use. */
 static bool leaves_open(int error)
 {
-    return is_unheard(error) || error == EOPNOTSUPP;
+    return is_unanswered(error) || error == EOPNOTSUPP;
 }
 
 /* The details of a port whose module isn't known. */
@@ -95,7 +95,7 @@ void linux_ports::set_module(port_copy &port)
         describe_without_module(port);
 }
 
-/* Nothing is said before the modules have been asked for by the new number. */
+/* Presence is reported only after the modules have been looked for by the new number. */
 void linux_ports::set_port(const configured_port &port)
 {
     const auto found = ports_.find(port.number);
@@ -296,7 +296,7 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_link_status &out) const
     return DOLM_RICERR_OK;
 }
 
-/* So the server tells an empty cage from a module that can't be read. */
+/* By these the server distinguishes an empty cage from a module that can't be read. */
 static int32_t result_without_module(module_presence presence)
 {
     return presence == module_presence::absent ? DOLM_RICERR_NOTAVAIL : DOLM_RICERR_BUSY;
@@ -346,14 +346,14 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
 void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_t falls,
                                 uint32_t rises, report_origin from)
 {
-    const bool is_told = from == report_origin::notice;
+    const bool is_reported = from == report_origin::notice;
     /* The kernel holds a lost carrier back for up to a second, and may report it with another
      * change.
      */
-    falls_.hear(number, {.is_told = is_told,
-                         .is_exact = is_told && falls == 0,
-                         .is_late = links_.is_late(),
-                         .device = board::device_of(now.parent)});
+    falls_.report_link(number, {.is_reported = is_reported,
+                                .is_exact = is_reported && falls == 0,
+                                .is_late = links_.is_late(),
+                                .device = board::device_of(now.parent)});
     details_.update(number, [&](dolm_ric_details_record &record) {
         take_link_report(now, falls, rises, board::details_time(), record);
     });
@@ -361,7 +361,7 @@ void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_
 
 void linux_ports::interface_leaves(uint32_t number, board::departure how)
 {
-    falls_.hear(number, how);
+    falls_.report_departure(number, how);
 }
 
 /* On the recorder's thread. */
@@ -499,7 +499,7 @@ static uint32_t reason_of(int error)
 }
 
 /* Values whose module has not answered for longer than they are given out are lost. One failed
-   reading says nothing: the next one is made soon. */
+   reading is not a loss: the next one is made soon. */
 void linux_ports::module_cost(uint32_t number, const reading_cost &cost)
 {
     const auto failed =

@@ -63,7 +63,7 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     struct port_copy {
         configured_port config = {};
         bool is_out = false;     /* of the configuration */
-        int32_t interface = 0;   /* its index, or 0 */
+        int32_t interface = 0;   /* index of the interface, or 0 */
         std::string name;        /* of its interface, or as configured while it has none */
         std::string port_name;   /* the kernel's, of the cage's part */
         std::string device = {}; /* on its bus, that the interface is of, or was */
@@ -119,13 +119,13 @@ class linux_ports final : public board::port_source, follower_listener, module_l
     board::fall_recorder falls_;
     board::port_details details_; /* has its own lock, which may be taken with the core's held */
     std::map<uint32_t, port_copy> ports_;
-    bool is_map_old_ = true; /* the thread that follows the links; the next ones, too */
+    bool is_map_old_ = true; /* used by the thread that follows the links, as the next ones */
     bool has_default_ports_ = false;
     std::set<int32_t> seen_at_start_;
     config_watch watch_;
     std::set<std::string> left_out_; /* names that were reported */
     mutable module_follower modules_;
-    link_follower links_; /* last: it uses all others */
+    link_follower links_; /* last, so destroyed first: it uses the other members */
 };
 
 } // namespace linux_board

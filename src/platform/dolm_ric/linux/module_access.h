@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_access - the seam between the poller of the modules and whatever their memories are read
-   with: the process tesk-module-reader, a file, or a test. */
+/* module_access - the interface between the poller of the modules and its way to their memories:
+   the process tesk-module-reader, a file, or a test. */
 #pragma once
 
 #include "platform/dolm_ric/linux/decode/module_memory.h"
@@ -20,7 +20,7 @@ constexpr uint8_t longest_piece = READER_LONGEST_READ;
 /* In the place of an errno: no reading is made, as another tool has leased the module. */
 constexpr int module_is_leased = -1;
 
-/* One short reading, and what came of it. */
+/* One short reading, and its result. */
 struct piece {
     uint32_t port;
     memory_range range;

@@ -35,7 +35,7 @@ class module_files final : public module_access
         std::string path;
         struct stat status = {}; /* of the bytes */
         std::vector<uint8_t> bytes = {};
-        std::string fault = {}; /* the last one reported */
+        std::string fault = {}; /* the fault that was reported last */
     };
 
     static int load(uint32_t port, recorded &file);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The kernel announces the sensors of a module that has diagnostics when it comes or goes. Modules
-   without them are found by polling alone, so such an announcement only says: look now. Leases are
+   without them are found by polling alone, so an announcement only causes an early look. Leases are
    looked at directly before each reading. */
 #include "platform/dolm_ric/linux/module_follower.h"
 
@@ -165,7 +165,7 @@ void module_follower::run()
             carry_out_orders();
             poller_.step();
         } catch (const std::bad_alloc &) {
-            /* what couldn't be done is still due */
+            /* orders and readings that failed are still due */
         }
         if (!is_looked_at && poller_.is_first_look_over()) {
             is_looked_at = true;

@@ -30,8 +30,8 @@ class module_follower final : module_access
     module_follower(module_listener &listener, std::string reader);
     ~module_follower() override;
 
-    /* A port whose module is to be polled; one with a `file` has its module there. Of a port that
-       is there already the module is then read so. */
+    /* Adds a port whose module is to be polled, in `file` if that isn't empty. If the port is there
+       already, its module is read that way from now on. */
     void add(uint32_t port, const std::string &file);
     /* The checksum of the configuration that the reader must have, as reader_client::expect(). It
        holds for all readings that begin later, and is called before the other changes. */
@@ -39,7 +39,7 @@ class module_follower final : module_access
     void set_interface(uint32_t port, int32_t index);
     void link_changed(uint32_t port);
     void diagnostics_wanted(uint32_t port);
-    /* As module_poller has them. */
+    /* As the functions of module_poller that have these names. */
     void look_now(uint32_t port);
     void trust_sums(uint32_t port, bool trusted);
     void expect_logging(uint32_t port, bool logs_failures);

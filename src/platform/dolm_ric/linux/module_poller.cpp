@@ -31,7 +31,7 @@ void module_poller::add(uint32_t port, bool by_reader)
     schedule(port, added);
 }
 
-void module_poller::tell(uint32_t port, const std::function<void(polled_module &)> &what)
+void module_poller::with(uint32_t port, const std::function<void(polled_module &)> &what)
 {
     const auto found = ports_.find(port);
     if (found == ports_.end())
@@ -42,22 +42,22 @@ void module_poller::tell(uint32_t port, const std::function<void(polled_module &
 
 void module_poller::trust_sums(uint32_t port, bool trusted)
 {
-    tell(port, [&](polled_module &its) { its.trust_sums(trusted); });
+    with(port, [&](polled_module &its) { its.trust_sums(trusted); });
 }
 
 void module_poller::identify_again(uint32_t port)
 {
-    tell(port, [](polled_module &its) { its.identify_again(); });
+    with(port, [](polled_module &its) { its.identify_again(); });
 }
 
 void module_poller::expect_logging(uint32_t port, bool logs_failures)
 {
-    tell(port, [&](polled_module &its) { its.expect_logging(logs_failures); });
+    with(port, [&](polled_module &its) { its.expect_logging(logs_failures); });
 }
 
 void module_poller::set_interface(uint32_t port, int32_t index)
 {
-    tell(port, [&](polled_module &its) { its.set_interface(index); });
+    with(port, [&](polled_module &its) { its.set_interface(index); });
 }
 
 void module_poller::hint()
@@ -70,17 +70,17 @@ void module_poller::hint()
 
 void module_poller::look_now(uint32_t port)
 {
-    tell(port, [](polled_module &its) { its.look_now(); });
+    with(port, [](polled_module &its) { its.look_now(); });
 }
 
 void module_poller::link_changed(uint32_t port)
 {
-    tell(port, [](polled_module &its) { its.link_changed(); });
+    with(port, [](polled_module &its) { its.link_changed(); });
 }
 
 void module_poller::diagnostics_wanted(uint32_t port)
 {
-    tell(port, [](polled_module &its) { its.diagnostics_wanted(wanted_age); });
+    with(port, [](polled_module &its) { its.diagnostics_wanted(wanted_age); });
 }
 
 /* A port is in one queue, by the earliest of what it has to do; in none while it has no interface.
@@ -139,8 +139,8 @@ std::vector<reading_task> module_poller::choose_tasks(time_point now)
     return tasks;
 }
 
-/* Ports that need less than an equal part of the share are not slowed; what they leave is the
-   others'. What a port needs is what it took, times its pace. */
+/* Ports that need less than an equal part of the share are not slowed; the others divide the rest.
+   The need of a port is the time that it took, times its pace. */
 void module_poller::set_paces(time_point now)
 {
     if (now < window_end_)

@@ -57,8 +57,8 @@ class module_poller
 
     /* A module may have been inserted or removed in some port: look at all ports soon. */
     void hint();
-    /* The same for one port, as after any message about its interface: looks at once if it has no
-       module that answers. */
+    /* A module may have been inserted into this port, as after any message about its interface:
+       look at it soon, unless it has a module that answers. */
     void look_now(uint32_t port);
     /* The link of a port changed, so its measured values did, too. */
     void link_changed(uint32_t port);
@@ -67,7 +67,7 @@ class module_poller
 
     /* When step() has something to do. */
     time_point next_due() const;
-    /* Makes what is due most urgently, at most most_pieces readings. */
+    /* Makes the readings that are most urgent, at most most_pieces of them. */
     void step();
 
     /* Whether each port has been looked at once, with the module that was found there read. */
@@ -83,7 +83,7 @@ class module_poller
     };
     using queue = std::set<std::pair<time_point, uint32_t>>;
 
-    void tell(uint32_t port, const std::function<void(polled_module &)> &what);
+    void with(uint32_t port, const std::function<void(polled_module &)> &what);
     void schedule(uint32_t number, polled &port);
     void set_paces(time_point now);
     std::vector<reading_task> choose_tasks(time_point now);

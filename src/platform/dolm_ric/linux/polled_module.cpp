@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* In their order: what a task consists of, what comes from outside, which reading is due, and the
-   conclusions from a reading. */
+/* Order of the functions: the pieces of a task, the calls from outside, the choice of the reading
+   that is due, and the conclusions from a reading. */
 #include "platform/dolm_ric/linux/polled_module.h"
 
 #include "platform/dolm_ric/linux/decode/module_decode.h"
@@ -34,16 +34,16 @@ static constexpr std::chrono::seconds slow_interval{10};
 static constexpr auto hint_spacing = 200ms; /* between two looks, however many hints come */
 static constexpr auto after_link_change = 500ms;
 
-/* An answer that the driver gives so often in a row is no disturbance any more. */
+/* An answer that the driver gives so often in a row is no passing disturbance. */
 static constexpr uint32_t answers_when_empty = 2;
 static constexpr uint32_t failures_when_broken = 5;
 
-/* A module is given up that fails for so long. Its port is looked at each second for a while then:
-   a reset or an update of the firmware takes up to a minute. */
+/* A module that fails for so long counts as removed. Its port is looked at each second for a while
+   then: a reset or an update of the firmware takes up to a minute. */
 static constexpr std::chrono::seconds keep_time{5};
 static constexpr std::chrono::minutes watch_time{1};
 
-static constexpr auto insertion_time = 300ms; /* modules need it before they answer reliably */
+static constexpr auto insertion_time = 300ms; /* until a new module answers reliably */
 static constexpr auto settle_time = 200ms;    /* as for links */
 static constexpr auto confirm_time = 100ms;
 static constexpr auto reader_interval = 1s;
@@ -252,8 +252,8 @@ task_kind polled_module::due_kind(time_point now) const
     return task_kind::look;
 }
 
-/* Measured values and what was missing come before the identity bytes, which so vouch for them. Of
-   what is missing one range is read at a time, as one that fails ends the task. */
+/* Measured values and missing ranges are read before the identity bytes, so that these prove that
+   the module is still the same. One missing range is read at a time, as a failure ends the task. */
 reading_task polled_module::make_task(time_point now) const
 {
     reading_task made = {number_, interface_, due_kind(now)};
@@ -298,14 +298,14 @@ void polled_module::take(const reading_task &done)
     }
 }
 
-bool is_unheard(int error)
+bool is_unanswered(int error)
 {
     return error == ENOTCONN || error == EPERM || error == EACCES || error == ESTALE ||
            error == module_is_leased;
 }
 
-/* Nothing answers, or the driver knows that there is nothing. All other errors may be those of a
-   module that is reset or updated, or of another user of the bus. */
+/* Nothing answers, or the driver reports an empty cage. All other errors may be those of a module
+   that is reset or updated, or of another user of the bus. */
 static bool says_empty(int error)
 {
     return error == ENXIO || error == ENODEV || error == ENOENT || error == EREMOTEIO ||
@@ -370,7 +370,7 @@ void polled_module::take_identity(const reading_task &done)
             memory_.store(read.range, done.bytes_of(read), now);
         } else if (error == ECANCELED) {
             break; /* made again with the next task */
-        } else if (is_unheard(error) || (error == EBUSY && old_identity_)) {
+        } else if (is_unanswered(error) || (error == EBUSY && old_identity_)) {
             identity_due_ = now + (error == EBUSY ? duration(busy_interval) : reader_interval);
             return take_failure(error);
         } else if (step != plan.end() && step->optional) {
@@ -470,8 +470,8 @@ void polled_module::refuse(const memory_range &range)
     known->due = shared_.now() + known->pause;
 }
 
-/* Drops what ranges that fail gave before, where it is too old, or will be at the next try. Whether
-   there was any. */
+/* Drops the bytes of ranges that fail, where they are too old, or will be at the next try. Returns
+   whether there were any. */
 bool polled_module::forget_old()
 {
     const std::vector<reading_step> plan = reading_plan(memory_);
@@ -539,7 +539,7 @@ static bool has_moved(const measurement &before, const measurement &now, double 
            std::abs(before.lanes.front().value - now.lanes.front().value) >= most;
 }
 
-/* A flipped bit on the bus looks so, and no reading has a checksum. */
+/* A sudden change may be a flipped bit on the bus: no reading of values has a checksum. */
 static bool has_jumped(const module_contents &before, const module_contents &now)
 {
     constexpr double most_heat = 15'000;     /* 0.001 degrees Celsius */
@@ -563,7 +563,7 @@ void polled_module::take_diagnostics(const reading_task &done)
     diagnostics_due_ = now + diagnostics_pause();
     for (const ranged &read : done.ranges) {
         const int error = done.error_of(read);
-        if (is_unheard(error) || error == EBUSY) {
+        if (is_unanswered(error) || error == EBUSY) {
             look_due_ = now + look_interval;
             return take_failure(error);
         }
@@ -602,7 +602,7 @@ void polled_module::take_missing(const reading_task &done)
 {
     const memory_range range = done.ranges.front().range;
     if (const int error = done.error_of(done.ranges.front())) {
-        if (is_unheard(error) || error == EBUSY) {
+        if (is_unanswered(error) || error == EBUSY) {
             missing_due_ = shared_.now() + (error == EBUSY ? busy_interval : reader_interval);
             return take_failure(error);
         }
@@ -650,7 +650,7 @@ void polled_module::note_silence()
 void polled_module::take_failure(int error)
 {
     const time_point now = shared_.now();
-    if (is_unheard(error)) {
+    if (is_unanswered(error)) {
         if (error != module_is_leased)
             note_access(error == ESTALE ? 0 : error);
         return note_silence();

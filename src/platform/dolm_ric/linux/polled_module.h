@@ -43,11 +43,11 @@ struct reading_cost {
     std::chrono::steady_clock::duration time;   /* of all; shared out evenly within a packet */
     std::chrono::steady_clock::duration period; /* between two sweeps of the port, at present */
     bool is_sweep;                              /* a reading of all measured values */
-    bool has_module;                            /* one was known of before */
+    bool has_module;                            /* a module was known before these readings */
 };
 
-/* Of errors that say nothing about the module, since nobody could ask it. */
-bool is_unheard(int error);
+/* Whether the error is one of the way to the module, so that the module itself wasn't asked. */
+bool is_unanswered(int error);
 
 struct module_listener {
     virtual ~module_listener() = default;
@@ -56,21 +56,22 @@ struct module_listener {
     virtual void module_leased(uint32_t /*port*/, std::chrono::steady_clock::time_point /*until*/)
     {
     }
-    /* Before the conclusions from these readings are reported. */
+    /* The cost of readings; called before the conclusions from them are reported. */
     virtual void module_cost(uint32_t /*port*/, const reading_cost & /*cost*/)
     {
     }
-    /* A reading of the values isn't taken, and made again: its flags are lost otherwise. */
+    /* A reading of the values is doubted and made again. Its flags must be taken now, since the
+       module has cleared them. */
     virtual void reading_doubted(uint32_t /*port*/, const module_memory & /*memory*/,
                                  const module_contents & /*contents*/)
     {
     }
-    /* It was dropped, as the second one disagreed with what it alone had. */
+    /* A doubted reading was dropped, as the second one didn't confirm it. */
     virtual void reading_dropped(uint32_t /*port*/)
     {
     }
-    /* What has been read of a module, and what that means, after each reading of its identity or
-       values, those that `module_read` isn't called for among them. */
+    /* The bytes read of a module, and the decoded contents, after each reading of its identity or
+       values, also where `module_read` isn't called. */
     virtual void module_sampled(uint32_t /*port*/, const module_memory & /*memory*/,
                                 const module_contents & /*contents*/)
     {
@@ -78,7 +79,7 @@ struct module_listener {
     /* `contents` is what the module holds now, read at that time. */
     virtual void module_read(uint32_t port, const module_contents &contents,
                              std::chrono::steady_clock::time_point read_at) = 0;
-    /* What is wrong with the identity of a module that doesn't become ready, once for each module:
+    /* The faults in the identity of a module that doesn't become ready, once for each module:
        constant texts. */
     virtual void module_doubted(uint32_t port, const std::vector<const char *> &reasons) = 0;
     /* Reported on each change, after the contents of a module that is ready. When one change
@@ -90,7 +91,7 @@ struct module_listener {
     virtual void module_access_changed(int error) = 0;
 };
 
-/* What the modules of one poller share. */
+/* The data that all modules of one poller share. */
 struct shared_by_modules {
     using time_point = std::chrono::steady_clock::time_point;
 
@@ -113,7 +114,7 @@ struct ranged {
     size_t count = 0;
 };
 
-/* Readings of one module that are made one behind the other, and what came of them. */
+/* Readings of one module that are made one behind the other, and their results. */
 struct reading_task {
     uint32_t port;
     int32_t interface;
@@ -123,7 +124,7 @@ struct reading_task {
 
     /* Cuts the range into pieces. False, and nothing added, if it doesn't fit any more. */
     bool add(const reading_step &step);
-    /* The same without the first `count` ranges. */
+    /* This task without its first `count` ranges. */
     reading_task behind(size_t count) const;
     /* Of the first piece that failed; ESTALE if another interface answered; or 0. */
     int error_of(const ranged &read) const;
@@ -166,10 +167,10 @@ class polled_module
 
     /* When a task is due; never while there is no interface. */
     std::optional<time_point> next_due() const;
-    /* What is due by now. */
+    /* The readings that are due at that time. */
     reading_task make_task(time_point now) const;
     void take(const reading_task &done);
-    /* Once more, as some while has passed since a change that came close behind another. */
+    /* Reports the presence once more, some while after two changes that came close together. */
     void report_presence() const
     {
         shared_.listener.module_presence_changed(number_, reported_);
@@ -179,7 +180,7 @@ class polled_module
     {
         return was_looked_at_;
     }
-    /* There is nothing to wait for at the first look. */
+    /* The first look needn't wait for this port. */
     bool is_out_of_reach() const
     {
         return interface_ == 0 || (by_reader_ && shared_.access_error != 0);
@@ -196,7 +197,7 @@ class polled_module
     {
         return where_ == stage::in_use;
     }
-    /* Its readings fail, and not for once. */
+    /* Its readings have failed repeatedly. */
     bool is_failing() const;
     duration diagnostics_pause() const;
 
@@ -243,7 +244,7 @@ class polled_module
     uint32_t number_;
     bool by_reader_ = true;
     bool was_denied_ = false;    /* the reader lacked the right to read it */
-    bool logs_failures_ = false; /* its driver does */
+    bool logs_failures_ = false; /* the driver logs failures */
     int32_t interface_ = 0;
     stage where_ = stage::empty;
     module_presence reported_ = module_presence::absent;
@@ -267,7 +268,7 @@ class polled_module
     time_point missing_due_ = time_point::max();
     time_point identity_since_ = {}; /* when the present attempts to read it began */
     std::optional<time_point> failing_since_ = {};
-    std::optional<time_point> lost_at_ = {}; /* a module that failed was given up */
+    std::optional<time_point> lost_at_ = {}; /* a module that kept failing was removed */
     time_point answered_at_ = {};
     time_point reported_at_ = {};
     double pace_ = 1;

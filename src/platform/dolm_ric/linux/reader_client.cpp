@@ -21,7 +21,7 @@
 namespace linux_board
 {
 
-/* A reader that is told to end has been replaced by then. */
+/* By then another reader has taken the place of the one that was ended. */
 static constexpr std::chrono::seconds restart_patience{5};
 
 /* Before the next try, after so many failures in a row. */
@@ -194,7 +194,7 @@ int reader_client::exchange(std::span<piece> pieces)
     return 0;
 }
 
-/* A reader that was told to end may still refuse connections. */
+/* A reader that is ending refuses connections. */
 void reader_client::read(std::span<piece> pieces)
 {
     int error = exchange(pieces);

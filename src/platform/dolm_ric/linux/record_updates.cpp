@@ -93,7 +93,7 @@ static void count_error(int error, dolm_ric_details_cost &cost)
    module for something else. Neither has failed. */
 static bool is_failure(int error, bool has_module)
 {
-    return error != 0 && error != EBUSY && (has_module || is_unheard(error));
+    return error != 0 && error != EBUSY && (has_module || is_unanswered(error));
 }
 
 void take_cost(const reading_cost &readings, dolm_ric_details_record &record)

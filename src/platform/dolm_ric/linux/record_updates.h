@@ -16,12 +16,12 @@ namespace linux_board
 void take_link_report(const link_report &report, uint32_t falls, uint32_t rises, int64_t now,
                       dolm_ric_details_record &record);
 void take_link_speed(const link_speed &speed, int64_t now, dolm_ric_details_record &record);
-/* Nothing while the link is down. */
+/* Changes nothing while the link is down. */
 void take_link_fec(uint32_t fec, dolm_ric_details_record &record);
 /* The port has no interface; the counters stay. */
 void lose_interface(int64_t now, dolm_ric_details_record &record);
 
-/* Counts what the readings cost. */
+/* Adds the cost of readings. */
 void take_cost(const reading_cost &cost, dolm_ric_details_record &record);
 
 } // namespace linux_board

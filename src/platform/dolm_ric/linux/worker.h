@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* worker - a thread that blocks all signals, with an eventfd and a timer that wake it and an
-   eventfd that tells it to end. */
+   eventfd that ends it. */
 #pragma once
 
 #include "util/descriptor.h"
@@ -50,7 +50,8 @@ class worker
     {
         return later_.get();
     }
-    /* Takes the wake-ups of both kinds; whether one was of wake_later(). The worker's thread. */
+    /* Clears the wake-ups of both kinds. Returns whether one was of wake_later(). The worker's
+       thread. */
     bool clear_wake();
 
   private:

@@ -120,7 +120,7 @@ static std::string answer_heal(simulator &board, words args)
     return answer;
 }
 
-/* Only what the lane has of its own. */
+/* Lists only the values that the lane has of its own. */
 static void add_lane(std::string &answer, const field &source, uint32_t lane,
                      const std::string &value)
 {
@@ -278,8 +278,8 @@ std::string run_command(std::string_view command, simulator &board, pending_answ
     } catch (const board_error &error) {
         return "error " + std::string(error.what());
     } catch (const std::exception &error) {
-        /* Such as a lack of memory: reported to the peer, as the library's caller isn't concerned.
-         */
+        /* Any other failure, such as a lack of memory, is reported to the peer: the library's
+           caller isn't concerned. */
         return "error the board is out of order: " + std::string(error.what());
     }
 }

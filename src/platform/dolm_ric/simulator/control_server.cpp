@@ -120,7 +120,7 @@ control_server::control_server(const std::string &path, simulator &board)
         if (errno != 0)
             fail("pthread_create");
     } catch (...) {
-        /* A constructor that throws has no destructor to do this. */
+        /* No destructor runs where a constructor throws: the files are removed here. */
         remove_dead_socket(path_);
         unlink(lock_name(path_).c_str());
         throw;

@@ -34,7 +34,7 @@ class control_server
   private:
     struct peer {
         util::descriptor socket;
-        pid_t process = 0;           /* 0 if the kernel can't say */
+        pid_t process = 0;           /* 0 if not known */
         uint64_t last_command = 0;   /* a smaller number is an older one */
         pending_answer pending = {}; /* no further command is read until it is given */
         bool is_dropped = false;     /* closed at the end of the current pass */

@@ -33,7 +33,7 @@ int32_t fault_injector::injected_fault(operation op, uint32_t port)
     return code;
 }
 
-/* Each call looks through all of them. */
+/* Their number is limited, as each call looks through all of them. */
 void fault_injector::add(fault added)
 {
     size_t ranges = added.ports.size();

@@ -27,7 +27,7 @@ class fault_injector final : public call_hook
 {
   public:
     void call_begins(operation op) override;
-    /* The code of the latest fault for this operation and port. Uses up one of its calls. */
+    /* The code of the latest fault for this operation and port. Decrements its count of calls. */
     int32_t injected_fault(operation op, uint32_t port) override;
 
     /* Throws a board_error if there are too many. */

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A simulated module has one lane, or those for which values were set. What a lane doesn't have of
-   its own is that of the module. A module raises a flag in each reading that finds a value beyond
+/* A simulated module has one lane, or those for which values were set. A lane without a value of
+   its own has that of the module. A module raises a flag in each reading that finds a value beyond
    the limit; here each change of the port is a reading. */
 #include "platform/dolm_ric/simulator/simulated_details.h"
 
@@ -65,7 +65,7 @@ static bool is_switched_off(const lane_values &its)
     return (its.signals >> DOLM_RIC_TX_OFF & 1) != 0;
 }
 
-/* The same measurement of each lane. */
+/* Brings one kind of measurement, such as the bias, into the record for each lane. */
 static void take_lanes(const diag_value &of_module, uint32_t lane_values::*own, uint32_t kind,
                        const module_values &module, int64_t now, record_type &record)
 {
@@ -224,7 +224,7 @@ static void take_link(const port_values &port, int64_t now, dolm_ric_details_lin
     link.speed = speed;
 }
 
-/* As people tell modules apart. */
+/* Whether the module has another identity than the known one. */
 static bool is_another_module(const module_values &module, const dolm_ric_details_identity &known)
 {
     dolm_ric_details_identity its = {};

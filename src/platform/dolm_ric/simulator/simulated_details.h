@@ -10,7 +10,7 @@
 namespace board
 {
 
-/* Brings the record up to date at the time `now`. What a simulated module doesn't have is "not
+/* Brings the record up to date at the time `now`. Values that a simulated module lacks are "not
    supported". */
 void describe_port(const port_values &port, const module_values &module, int64_t now,
                    dolm_ric_details_record &record);

@@ -117,7 +117,7 @@ void simulated_ports::describe(uint32_t port)
     if (!has_details_ || port >= ports_with_details)
         return;
     const port_slot &slot = slots_[port];
-    falls_.hear(port, {.is_told = true, .is_exact = true, .device = "board"});
+    falls_.report_link(port, {.is_reported = true, .is_exact = true, .device = "board"});
     details_.update(port, [&slot, port](dolm_ric_details_record &record) {
         const std::string name = "port" + std::to_string(port);
         set_text(record.link.interface, sizeof(record.link.interface), name.c_str(), name.size());
@@ -215,7 +215,7 @@ void simulated_ports::set(const port_list &list, const std::vector<setting> &set
     change(list, forced, writer(settings));
 }
 
-/* An inserted module is ready, unless the settings, which are written last, say otherwise. */
+/* An inserted module is ready, unless the settings, which are applied last, change that. */
 void simulated_ports::insert(const port_list &list, const module_kind *kind,
                              const std::vector<setting> &settings)
 {

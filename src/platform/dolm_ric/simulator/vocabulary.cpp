@@ -198,7 +198,7 @@ constexpr field all_lane_fields[] = {
 #undef MODULE
 #undef MEASUREMENT
 
-/* The settings of each kind of module. Common ones are parts of their own. */
+/* The settings of each kind of module. Groups that several kinds share have names. */
 static constexpr std::string_view sfp =
     "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX";
 static constexpr std::string_view measured =

@@ -33,7 +33,7 @@ struct port_values {
     uint32_t link_state = 0;
     uint32_t link_speed = 0;
 };
-/* What a lane has of its own. */
+/* The values that a lane has of its own. */
 struct lane_values {
     static constexpr uint32_t as_module = UINT32_MAX;
     uint32_t tx_bias = as_module; /* in the units of dolm_ric_module_diag, as the next two */

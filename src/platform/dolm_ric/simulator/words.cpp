@@ -104,7 +104,7 @@ static uint32_t parse_port(std::string_view text, std::string_view list)
     return static_cast<uint32_t>(*port);
 }
 
-/* Adds those of the range that aren't listed yet, in as many ranges as that takes. */
+/* Adds the ports of the range that aren't listed yet, as one range or several. */
 static void add_range(port_list &ports, std::vector<bool> &is_listed, const port_range &added)
 {
     bool continues = false; /* the last range of the list */

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Most makers of 10GBASE-T modules copy the memory of a 10GBASE-SR one, with made-up powers and
-   currents, since hosts accept no other. Nothing but the names tells them apart. */
+   currents, since hosts accept no other. Only the names of maker and part distinguish them. */
 #include "platform/dolm_ric/linux/decode/base_t_modules.h"
 
 namespace linux_board

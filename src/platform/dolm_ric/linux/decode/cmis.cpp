@@ -37,8 +37,8 @@ enum measurement_types : uint8_t {
 /* Byte 85. The kind 4 is an active cable, of either medium. */
 enum media_kind : uint8_t { multi_mode = 1, single_mode = 2, passive_copper = 3, base_t = 5 };
 
-/* So many lanes of the host, from one of the lanes in `host_starts` (bit n: lane n) on, stand for
-   so many of light, from one in `media_starts` on. */
+/* An application: `host_lanes` lanes of the host, beginning at a lane of `host_starts` (bit n: lane
+   n), are carried by `media_lanes` lanes of light, beginning at a lane of `media_starts`. */
 struct application {
     int host_lanes;
     int media_lanes;
@@ -46,8 +46,8 @@ struct application {
     uint32_t media_starts;
 };
 
-/* Of a data path. It sends while it is activated; it receives in the last four. The code 0 is that
-   of modules that don't tell. */
+/* Of a data path. It sends while it is activated; it receives in the last four. Modules that don't
+   report a state have the code 0. */
 enum class path_state : uint8_t {
     untold,
     deactivated,
@@ -129,7 +129,7 @@ static bool is_identity_right(const memory_view &identity)
 }
 
 /* Codes of the media technology: 0x0a to 0x0f are cables of copper, passive or with electronics; 0
-   is a laser of 850 nm, and what an empty byte says. */
+   is a laser of 850 nm, or an empty byte. */
 static bool is_copper_technology(uint8_t technology)
 {
     return technology >= 0x0a && technology <= 0x0f;
@@ -361,8 +361,9 @@ static int first_light(const application &its, int first_host)
     return starts != 0 ? std::countr_zero(starts) : place * its.media_lanes;
 }
 
-/* The lanes of light, within the bank, that carry a lane of the host: its share of those of the
-   application that it has, or else of the first one. Where that is unknown each carries its own. */
+/* The lanes of light, within the bank, that carry a lane of the host: its share of the lanes of its
+   application, or of the first application if its own isn't known. Without any, lane n of light
+   carries lane n of the host. */
 static uint32_t lanes_of_light(const memory_view &applications, const memory_view &features,
                                const memory_view &lanes, int lane)
 {
@@ -457,7 +458,7 @@ static void fill_state(const memory_view &state, const memory_view &features,
         contents.voltage.lanes = {{0, voltage_steps(state.u16(16)), module_flags(state.u8(9), 4)}};
 }
 
-/* Of a laser that may be off no value counts. */
+/* Values of a laser that may be off are left out. */
 static void fill_auxiliary(const memory_view &state, const memory_view &features,
                            const memory_view &limits, module_contents &contents)
 {

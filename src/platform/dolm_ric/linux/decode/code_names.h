@@ -19,7 +19,7 @@ std::string qsfp_encoding_name(uint8_t code);
 std::string technology_name(uint8_t code);
 std::string extended_compliance_name(uint8_t code);
 std::string host_interface_name(uint8_t code);
-/* By the kind of media of CMIS, byte 85. */
+/* The table of media codes by the kind of media in byte 85 of CMIS. */
 std::string media_interface_name(uint8_t kind, uint8_t code);
 
 /* A bit of a byte of the identity that stands for a standard. */

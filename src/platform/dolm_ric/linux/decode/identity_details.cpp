@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The identity by the three layouts. What decode_module() has decoded already, such as the vendor,
-   is taken from there; offsets are decimal, as in the layouts' own sources. */
+/* The identity by the three layouts. Fields that decode_module() has decoded already, such as the
+   vendor, are taken from its result; offsets are decimal, as in the layouts' own sources. */
 #include "platform/dolm_ric/linux/decode/code_names.h"
 #include "platform/dolm_ric/linux/decode/module_details.h"
 #include "platform/dolm_ric/linux/decode/module_family.h"
@@ -134,7 +134,7 @@ static double scaled_metres(uint8_t byte, const double (&units)[4])
     return (byte & 0x3f) * units[byte >> 6];
 }
 
-/* A version of all zeros is none, one of all ones is a broken one. */
+/* A version of all zeros isn't given, one of all ones is invalid. */
 static std::string firmware_name(uint8_t major, uint8_t minor)
 {
     const bool has = (major | minor) != 0 && (major & minor) != 0xff;

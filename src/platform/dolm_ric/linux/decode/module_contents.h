@@ -13,7 +13,8 @@ namespace linux_board
 {
 
 /* The module's own alarm and warning flags of one value. Modules clear them when they are read, so
-   another reader may have taken them: they are shown to developers only, and grade nothing. */
+   that another reader may have cleared them first: they are shown to developers only, and no grade
+   depends on them. */
 enum measurement_flag : uint8_t {
     low_warning_flag = 1,
     high_warning_flag = 2,
@@ -52,7 +53,7 @@ struct measurement {
 enum class module_family : uint8_t { unknown, sfp, qsfp, cmis };
 
 enum class diagnostics_state : uint8_t {
-    none,     /* the module says that it has none, or none that can be reached */
+    none,     /* by its identity the module has none, or none that can be reached */
     not_read, /* expected of this module, but not read yet, or invalid */
     available,
 };

@@ -78,8 +78,8 @@ static measurement_limits usable_limits(const measurement &its, bool has_low_lim
     return limits;
 }
 
-/* The smaller, the worse. Lanes that are equal in it are told apart by their values, so that of
-   lanes without limits the lowest is taken. */
+/* The distance to the nearest limit; the smaller, the worse. Among lanes of the same distance the
+   lowest value counts, as among lanes without limits. */
 static auto margin_of(double value, const measurement_limits &limits)
 {
     const bool alarm = value <= limits.low_alarm || value >= limits.high_alarm;

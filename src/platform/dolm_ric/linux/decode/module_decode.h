@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* module_decode - from the bytes of a module's memory to the records of dolm_ric.h. Pure functions;
-   any thread. Whatever the bytes are, the answer is a value or "not known", never a failure. */
+   any thread. The result is a value or "not known", never a failure, for any bytes. */
 #pragma once
 
 #include "platform/dolm_ric/linux/decode/module_contents.h"
@@ -19,8 +19,8 @@ module_contents decode_module(const module_memory &memory);
 struct port_view {
     /* Bit n: lane n of the module belongs to this port. 0: all of them. */
     uint32_t lanes = 0;
-    /* The same by the lanes between host and module, which counts if `lanes` is 0: several of them
-       may share a lane of light. */
+    /* Bit n: lane n between host and module belongs to this port. Used if `lanes` is 0. Several of
+       these lanes may share a lane of light. */
     uint32_t host_lanes = 0;
     /* By the administrator. Its laser may be off and the far end may not send: no low level of bias
        or power is a fault then. */

@@ -165,7 +165,7 @@ static uint32_t state_of_lanes(const module_memory &memory, const module_content
                : uint32_t{DOLM_RIC_VALUE_NOT_READ};
 }
 
-/* What was there before can't be "not read yet". */
+/* A value that was read before can't become "not read yet". */
 static uint32_t state_after(uint32_t before, uint32_t now)
 {
     const bool is_lost = now == DOLM_RIC_VALUE_NOT_READ &&
@@ -355,7 +355,7 @@ static void take_lane_values(const module_memory &memory, const module_contents 
     }
 }
 
-/* Bytes 93 and 110: the module has each of them or not. Bytes 64 and 119: the same of its clock
+/* Bytes 93 and 110: which of the signals the module has. Bytes 64 and 119: whether it has clock
    recovery. */
 static void find_sfp_signals(const module_memory &memory, lane_signals &signals)
 {
@@ -407,7 +407,7 @@ static void find_cmis_signals(const module_memory &memory, const module_contents
         uint8_t offset; /* on page 11h */
         uint8_t claim;  /* on page 01h, and its bit */
         uint8_t bit;
-        bool is_host; /* its lanes are those between host and module */
+        bool is_host; /* the bits are by lane between host and module */
     } rows[] = {
         {DOLM_RIC_TX_FAULT, 135, 157, 0x01, false}, {DOLM_RIC_TX_LOS, 136, 157, 0x02, true},
         {DOLM_RIC_TX_LOL, 137, 157, 0x04, true},    {DOLM_RIC_RX_LOS, 147, 158, 0x02, false},
@@ -531,7 +531,7 @@ void take_module(const module_memory &memory, const module_contents &contents,
         record.vdm_state = DOLM_RIC_VALUE_NOT_SUPPORTED;
 }
 
-/* Modules clear their flags when they are read: what this reading found, no other will. */
+/* Modules clear their flags when they are read: no later reading finds those of this one. */
 void take_flags(const module_memory &memory, const module_contents &contents, record_type &record)
 {
     const auto read_at = memory.read_at(values_range(contents.family));

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_family - what the decoders of the three layouts of module memory share, and the layouts'
-   parts behind module_decode.h and reading_plan(). No state: any thread. */
+/* module_family - functions that the decoders of the three layouts of module memory share, and the
+   layouts' parts behind module_decode.h and reading_plan(). No state: any thread. */
 #pragma once
 
 #include "platform/dolm_ric/linux/decode/module_contents.h"
@@ -62,7 +62,7 @@ extern const module_layout cmis_layout;
    has not been read. */
 const module_layout *layout_of(const module_memory &memory);
 
-/* The first byte of all memories, which says what the rest is. */
+/* The first byte of all memories: the number of the layout. */
 constexpr memory_range identifier_range = {identity_address, 0, 0, 0, 1};
 
 /* The bytes of one range, by the offsets that the memory itself has for them. 16 bits and more are
@@ -96,7 +96,7 @@ class memory_view
     {
         return trusts_sums_;
     }
-    /* The same bytes, whose checksums do matter. */
+    /* A view of these bytes that checks their checksums whatever the owner has said. */
     memory_view strict() const
     {
         memory_view view = *this;
@@ -114,7 +114,8 @@ class memory_view
     bool trusts_sums_;
 };
 
-/* Whether the low byte of the sum of `length` bytes is the byte behind them, or nobody minds. */
+/* Whether the low byte of the sum of `length` bytes is the byte behind them; true also if checksums
+   don't matter for this module. */
 bool is_sum_right(const memory_view &view, size_t offset, size_t length);
 
 /* The doubt about a reading in which the module has no supply: it answers, so it has one. Some
@@ -124,7 +125,7 @@ constexpr char no_voltage[] = "the voltage reads as zero";
 /* Whether they are all 0x00 or all 0xff, as of a bus or a page that isn't there. */
 bool are_blank(std::span<const uint8_t> bytes);
 
-/* How many banks of eight lanes a CMIS module's page 01h tells of, in two bits; the fourth code is
+/* How many banks of eight lanes a CMIS module has by two bits of its page 01h; the fourth code is
    reserved and counts as one. The page must have been read. */
 inline uint8_t cmis_bank_count(const memory_view &features)
 {
@@ -156,7 +157,7 @@ measurement_limits limits_at(const memory_view &view, size_t offset, const conve
 measurement_limits signed_limits_at(const memory_view &view, size_t offset,
                                     const conversion &convert);
 
-/* What a plug carries, by the connector code of SFF-8024. */
+/* The medium of a connector, by its code of SFF-8024. */
 medium medium_of_connector(uint8_t code);
 
 /* Copper that names a laser, too, copies the memory of another module. */
@@ -166,7 +167,7 @@ constexpr medium medium_by(bool is_copper, bool is_light)
 }
 
 /* Of dolm_sfp_connector, which the server takes for the kind of the module: LC for all that send
-   light, whatever their plug, RJ45 for copper, OTHER where the memory doesn't tell. */
+   light, whatever their plug, RJ45 for copper, OTHER where the memory doesn't show it. */
 uint8_t connector_of(medium carrier);
 
 /* Copies a text without its padding, which is spaces with most makers and NUL or 0xff with some.

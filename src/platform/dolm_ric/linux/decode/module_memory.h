@@ -34,7 +34,7 @@ enum class reading_time : uint8_t {
     presence,    /* again each second: other bytes than before are another module */
     diagnostics, /* again as often as measured values are wanted, in one go with its neighbours */
     later,       /* once, but the module is ready before */
-    slowly,      /* the same, and again each ten seconds, by itself */
+    slowly,      /* as `later`, and again each ten seconds, in a reading of its own */
 };
 
 /* An optional range that the module refuses (a NAK, a page that it lacks) is left out, the module
@@ -45,7 +45,7 @@ struct reading_step {
     memory_range range;
     reading_time when;
     bool optional;
-    uint8_t longest_piece = 32; /* no reading of it may be longer */
+    uint8_t longest_piece = 32; /* no reading of the range may be longer */
 };
 
 class module_memory
@@ -94,7 +94,7 @@ class module_memory
 };
 
 /* The ranges to read of a module, in order, given what `memory` has of it so far. The plan of an
-   empty memory has one step, which tells the kind of module; the plan grows as the bytes that
+   empty memory has one step, whose bytes show the kind of module; the plan grows as the bytes that
    decide about further pages have been stored, and its earlier steps stay as they are. So: carry
    out the steps whose ranges have not been read, and ask again until nothing is new. Identity bytes
    that make no sense end the plan with themselves. */

@@ -21,8 +21,8 @@ uint32_t speed_of_rate(uint32_t megabaud, bool is_pam4);
 
 enum class medium : uint8_t { unknown, light, copper };
 
-/* What an extended compliance code stands for: the speed of an SFP module and that of a QSFP module
-   with it, and what carries the signal. Unknown codes have no speed and no medium. */
+/* The meaning of an extended compliance code: the speed of an SFP module and of a QSFP module that
+   has it, and the medium. Unknown codes have no speed and no medium. */
 struct compliance_meaning {
     uint16_t sfp_speed;
     uint16_t qsfp_speed;

@@ -40,7 +40,8 @@ enum status : uint8_t {
     tx_fault_bit = 0x04,
 };
 
-/* Of one module; internal calibration is the same with constants that change nothing. */
+/* How a module's raw numbers are converted. Internal calibration is external calibration with
+   constants that change nothing. */
 struct sfp_conversions {
     conversion temperature = temperature_steps;
     conversion voltage = voltage_steps;
@@ -101,7 +102,7 @@ static uint32_t rate_of(const memory_view &identity)
     return identity.u8(12) == 255 ? identity.u8(66) * 250u : identity.u8(12) * 100u;
 }
 
-/* The code of BX10 is the same for 100 Mb/s and 1 Gb/s: the rate tells them apart. */
+/* The code of BX10 is the same for 100 Mb/s and 1 Gb/s: only the rate distinguishes them. */
 static bool is_slow_bx(const memory_view &identity)
 {
     constexpr uint8_t bx10 = 0x40;
@@ -146,7 +147,7 @@ static uint32_t speed_of(const memory_view &identity)
     return speed_of_rate(rate_of(identity), identity.u8(11) == 0x08);
 }
 
-/* The bit of active cables says nothing: optical ones have it, too. */
+/* The bit of active cables isn't used: active optical cables have it, too. */
 static bool is_copper(const memory_view &identity)
 {
     constexpr uint8_t passive_cable = 0x04;
@@ -233,8 +234,8 @@ static uint8_t flags_at(const memory_view &values, size_t offset, int bit)
     return static_cast<uint8_t>(alarm << 2 | warning);
 }
 
-/* The polynomial may lead anywhere; no receiver stands more than 0.1 W, and none gets less than no
-   light by more than a little noise. */
+/* The polynomial may lead anywhere; no receiver survives more than 0.1 W, and none gets less than
+   no light by more than a little noise. */
 static constexpr double most_rx_power = 100'000;
 static constexpr double least_rx_power = -100;
 
@@ -306,7 +307,7 @@ static void forget_limits(module_contents &contents)
         its->limits.reset();
 }
 
-/* A slope of 0 makes the same of any number: such constants were never written. */
+/* A slope of 0 gives one result for any number: such constants were never written. */
 static bool has_zero_slope(const module_contents &contents, const memory_view &constants)
 {
     const auto is_zero = [&](size_t at) { return constants.u16(at) == 0; };

@@ -63,8 +63,7 @@ static bool is_copper(const memory_view &identity)
            compliance_of(identity).carrier == medium::copper;
 }
 
-/* The technology 0 is a laser of 850 nm, and what an empty byte says: it counts with a wavelength
-   only. */
+/* The technology 0 is a laser of 850 nm, or an empty byte: it counts with a wavelength only. */
 static bool is_light(const memory_view &identity)
 {
     constexpr uint8_t any_optical = 0x77;

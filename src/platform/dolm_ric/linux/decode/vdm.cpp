@@ -16,7 +16,7 @@ namespace
 
 enum class number_kind : uint8_t { unsigned_word, signed_word, decimal };
 
-/* What a code observes, and the step of its words. */
+/* The quantity that a code observes, and the step of its words. */
 struct observable {
     uint8_t code;
     uint8_t kind; /* enum dolm_ric_details_vdm_kind */

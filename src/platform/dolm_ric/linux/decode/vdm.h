@@ -31,9 +31,9 @@ bool has_vdm(const module_memory &memory);
 /* 0 until it has been read. */
 uint8_t vdm_group_count(const module_memory &memory);
 
-/* Fills the rows of the record that have a descriptor, and says why there are none. `pages` is the
-   state (enum dolm_ric_details_state) of the module's upper pages: without "valid" there are none.
-   A row whose values could be read before and can't now keeps that time. */
+/* Fills the rows of the record that have a descriptor, and sets the reason where there are none.
+   `pages` is the state (enum dolm_ric_details_state) of the module's upper pages: without "valid"
+   there are none. A row whose values could be read before and can't now keeps that time. */
 void take_vdm(const module_memory &memory, uint32_t pages, dolm_ric_details_record &record);
 
 } // namespace linux_board
