@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_backlog - the signals that a ring had no room for, in order, each in memory of its own.
-   Guarded by the connection's owner. */
+   With the lock of the connection's mailbox. */
 #pragma once
 
 #include <cstddef>

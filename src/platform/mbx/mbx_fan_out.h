@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_fan_out - finds the fan-outs of one sender among its other traffic. Guarded by the sender's
-   owner.
+/* mbx_fan_out - finds the fan-outs of one sender among its other traffic. With the lock of the
+   sender's mailbox.
 
    In a fan-out the sender wakes many different receivers and receives nothing in between. The first
    few wake-ups don't count, because they may be all; after a long fan-out another one is expected,

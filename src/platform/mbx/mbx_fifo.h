@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_fifo - first in, first out, linked through the items' own `next`, so that a place in it needs
-   no memory. An item is in one of them at most. Guarded by its owner. */
+   no memory. An item is in one of them at most. With the lock of whoever has
+   it. */
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_record - signals as records in a ring (mbx_ring.h). Each end is guarded by its owner.
+/* mbx_record - signals as records in a ring (mbx_ring.h). Each end is used with the
+   lock of its mailbox.
 
    A record is a head of 8 bytes, whose first word is the signal's size, and the signal, padded to a
    multiple of 8. It lies in one piece, in the home of the ring (mbx_area.h) or in its rest: where
