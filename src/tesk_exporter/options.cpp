@@ -4,6 +4,8 @@
 #include "tesk_exporter/options.h"
 
 #include "program/exit_code.h"
+#include "program/known_command.h"
+#include "program/output.h"
 #include "program/port_list.h"
 
 #include <CLI/CLI.hpp>
@@ -116,7 +118,8 @@ static void add_options(CLI::App &app, settings &read, words &given)
 
 std::optional<int> read_options(int argc, char **argv, settings &read)
 {
-    CLI::App app{"Serves the ports of tesk-server by HTTP: metrics, events and a page."};
+    CLI::App app{"Serves the ports of tesk-server by HTTP: metrics, events and a page.",
+                 "tesk-exporter"};
     words given;
     add_options(app, read, given);
     try {
@@ -124,7 +127,10 @@ std::optional<int> read_options(int argc, char **argv, settings &read)
         if (!given.ports.empty())
             read.ports = parse_ports(given.ports);
     } catch (const CLI::ParseError &error) {
-        return static_cast<int>(app.exit(error) == 0 ? exit_code::done : exit_code::usage);
+        if (error.get_exit_code() == 0)
+            return app.exit(error); /* --help or --version, which it writes */
+        complain("tesk-exporter", usage_error(app, error).what());
+        return static_cast<int>(exit_code::usage);
     } catch (const tool_error &error) {
         std::fprintf(stderr, "tesk-exporter: --ports: %s\n", error.what());
         return static_cast<int>(exit_code::usage);
