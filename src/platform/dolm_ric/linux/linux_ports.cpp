@@ -674,8 +674,10 @@ void linux_ports::report_ports()
     const std::string path = escape(port_config_path());
     size_t ports = 0;
     size_t modules = 0;
+    bool has_had_ports = false;
     {
         const auto guard = events_.lock();
+        has_had_ports = !ports_.empty();
         for (const auto &[number, one] : ports_) {
             ports += one.is_out ? 0 : 1;
             modules += one.presence == module_presence::absent ? 0 : 1;
@@ -687,7 +689,9 @@ void linux_ports::report_ports()
                 "has a module that its driver can read\n",
                 path.c_str(), seen_at_start_.size());
     else if (ports == 0)
-        fprintf(stderr, "libdolm_ric: there is no port: %s has no right line\n", path.c_str());
+        fprintf(stderr, "libdolm_ric: there is no port: %s %s\n", path.c_str(),
+                has_had_ports ? "gives each number another interface than it had"
+                              : "has no right line");
     else
         fprintf(stderr, "%slibdolm_ric: %zu port%s by %s%s, %zu with a module\n",
                 information_prefix(), ports, ports == 1 ? "" : "s",
