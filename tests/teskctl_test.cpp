@@ -575,6 +575,9 @@ TEST_F(teskctl_system, ports_are_named_by_the_port_map)
     expect("watch --status eth3 --count 1", 0, {"port 3 "});
     expect("pm eth33", 2, {"no port is called 'eth33': did you mean 'eth3'?"});
     expect("ports --numbers --names", 0, {"3\neth3\n7\nx\\x1b[2J\n"});
+    testkit::run("echo '# tesk-ports 1' >" + map, output);
+    for (const char *command : {"ports", "ports --numbers", "top", "pm", "watch --sfp"})
+        expect(std::string(command) + " all", 1, {"no port, as its port map says"});
     testkit::run("echo wrong >" + map, output);
     expect("ports", 0, {"port map ignored: ", "line 1", "\n15 "});
 }

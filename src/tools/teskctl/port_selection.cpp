@@ -60,6 +60,17 @@ port_name_map port_names()
     return names;
 }
 
+/* If there is a port map without a port, the board has none: no numbers are tried. */
+static void require_ports()
+{
+    const auto ignore = [](uint32_t, const char *, void *) {};
+    if (tesk_client_read_port_map(nullptr, ignore, nullptr) == TESK_CLIENT_OK)
+        throw tool_error(exit_code::rejected,
+                         "the server has no port, as its port map says; \"journalctl -u "
+                         "tesk-server\" has a line that begins with \"there is no port\" and says "
+                         "what was looked for");
+}
+
 std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text)
 {
     if (!is_all(text))
@@ -67,8 +78,10 @@ std::vector<uint32_t> select_ports(event_loop &loop, session &server, const port
     std::vector<uint32_t> ports;
     for (const auto &[port_no, name] : port_names())
         ports.push_back(port_no);
-    if (ports.empty())
+    if (ports.empty()) {
+        require_ports();
         ports = probe(loop, server);
+    }
     if (ports.empty() && loop.signal() == 0)
         throw tool_error(
             exit_code::rejected,

@@ -111,18 +111,6 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     }
 }
 
-/* If there is a port map without a port, the board has none: no numbers are tried. */
-static void require_ports(const ports_text &ports)
-{
-    const auto ignore = [](uint32_t, const char *, void *) {};
-    if (is_all(ports) && port_names().empty() &&
-        tesk_client_read_port_map(nullptr, ignore, nullptr) == TESK_CLIENT_OK)
-        throw tool_error(exit_code::rejected,
-                         "the server has no port, as its port map says; \"journalctl -u "
-                         "tesk-server\" has a line that begins with \"there is no port\" and says "
-                         "what was looked for");
-}
-
 /* The numbers or names alone, without a request where there is a port map. */
 static exit_code write_words(const settings &common, const ports_options &options)
 {
@@ -135,7 +123,6 @@ static exit_code write_words(const settings &common, const ports_options &option
     }
     if (known.empty() && options.numbers_only) {
         session server(loop, common, {}, false);
-        require_ports(options.ports);
         for (const uint32_t port_no : select_ports(loop, server, options.ports))
             text += std::to_string(port_no) + "\n";
     }
