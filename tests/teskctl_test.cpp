@@ -609,12 +609,13 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
     /* A unit's state as systemctl shows it; units that aren't named are not installed. */
     const std::string head =
         "cd " + directory.path +
-        "; export MBX_DIR=$PWD/mbx MBX_LOCATE_MS=1000; s=tesk-server.service; "
+        "; export MBX_DIR=$PWD/mbx MBX_LOCATE_MS=1000 b=$DOLM_RIC_SOCKET DOLM_RIC_SOCKET=/none "
+        "DOLM_RIC_PORT_MAP=$PWD/m; s=tesk-server.service; "
         "e=tesk-exporter.service;"
         "r=tesk-module-reader.socket; export PATH=$PWD/bin:" TESK_BIN_DIR ":/usr/bin:/bin; "
         "unit() { printf '%s\n' Id=$1 LoadState=$2 ActiveState=$3 SubState=$4 \"${5:-X=}\" "
         "Group=users "
-        "Environment=\"A=1 MBX_DIR=$MBX_DIR\" '' >>units; }; as=; rm -f units; umask 022;"
+        "Environment=\"A=1 MBX_DIR=$MBX_DIR\" '' >>units; }; as=; rm -f units m; umask 022;"
         "chown root:users . mbx mbx/* 2>/dev/null; chmod 755 . mbx; chmod 660 mbx/* 2>/dev/null;";
     const std::string tail =
         " :; timeout 20 $as teskctl --timeout 1 doctor "
@@ -659,12 +660,14 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
         {": >p; export DOLM_RIC_PORTS=$PWD/p", "p has no right line", "correct"},
         {"mkfifo fifo; export DOLM_RIC_PORTS=$PWD/fifo", "fifo is not a regular", "correct"},
         {"ln -s /none link; export DOLM_RIC_PORTS=$PWD/link", "is a link to a file", "mend the"},
-        {"printf '7 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p DOLM_RIC_PORT_MAP=$PWD/m; "
-         "printf '# tesk-ports 1\n1\ta\n' >m",
+        {"printf '7 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p; printf '# tesk-ports 1\n1\ta\n' >m",
          "keeps its interface while it runs: 7 lo", "restart tesk-server"},
-        {"export DOLM_RIC_PORT_MAP=$PWD/m; echo x >m", "line 1: must be", "restart tesk-server"},
-        {"export DOLM_RIC_PORT_MAP=$PWD/m; printf '# tesk-ports 1\n99\ta\n' >m",
-         "the server has no port", "journalctl -u tesk-server"},
+        {"printf '0 lo\n1 a\n' >p; export DOLM_RIC_PORTS=$PWD/p; echo '# tesk-ports 1' >m",
+         "keeps its interface while it runs: 1 a", "restart tesk-server"},
+        {"export DOLM_RIC_SOCKET=$b", "board.sock is simulated, and its ports", ""},
+        {"echo x >m", "line 1: must be", "restart tesk-server"},
+        {"printf '# tesk-ports 1\n99\ta\n' >m", "the server has no port",
+         "journalctl -u tesk-server"},
         {"unit $e loaded failed failed Result=exit-code", "exporter.service: failed", "journalctl"},
         {"unit $e loaded active running MainPID=1", "listens on 127.0.0.1:9816: Connection refused",
          "journalctl -u tesk-exporter"},

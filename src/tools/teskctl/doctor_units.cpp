@@ -5,11 +5,15 @@
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/port_selection.h"
 #include "util/escape.h"
+#include "util/local_socket.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <fmt/format.h>
+#include <optional>
+#include <set>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -24,6 +28,7 @@ static constexpr char shown_properties[] =
 
 static constexpr char default_configuration[] = "/etc/tesk/ports";
 static constexpr char reader[] = "tesk-module-reader";
+static constexpr char default_board[] = "/run/dolm_ric/board.sock"; /* of the simulated board */
 
 /* Where the folders of administrators' programs are not in the path, as for most users. */
 static constexpr char with_sbin[] = "PATH=\"$PATH:/usr/local/sbin:/usr/sbin\" ";
@@ -160,10 +165,36 @@ findings check_units(const unit_table &units, bool is_up)
     return all;
 }
 
+static std::string variable(const char *name, const char *otherwise)
+{
+    const char *set = secure_getenv(name);
+    return set != nullptr && *set != '\0' ? set : otherwise;
+}
+
+/* It listens where teskboard looks for it, perhaps for other users only. */
+static bool is_simulated(const std::string &path)
+{
+    return util::connect_to(path, SOCK_SEQPACKET | SOCK_NONBLOCK).is_open() || errno == EACCES ||
+           errno == EAGAIN;
+}
+
+/* The ports that the server has by its port map; nothing where there is no such map. */
+static std::optional<std::set<uint32_t>> ports_in_force()
+{
+    std::set<uint32_t> ports;
+    const tesk_client_result read = tesk_client_read_port_map(
+        nullptr,
+        [](uint32_t port_no, const char *, void *user) {
+            static_cast<std::set<uint32_t> *>(user)->insert(port_no);
+        },
+        &ports);
+    return read == TESK_CLIENT_OK ? std::optional(ports) : std::nullopt;
+}
+
 /* Judges a line of the reader's check. It is a message, or a port of a right line; a port that the
    server's port map lacks isn't used by the server. */
 static void judge_line(const std::string &line, const std::string &path,
-                       const port_name_map &in_force, findings &all)
+                       const std::optional<std::set<uint32_t>> &in_force, findings &all)
 {
     const std::string begin = fmt::format("{}: ", reader), shown = escape(path);
     if (line.starts_with(begin + path) || line.starts_with(begin + "there is no port")) {
@@ -173,7 +204,7 @@ static void judge_line(const std::string &line, const std::string &path,
     }
     uint32_t number = 0;
     const auto [stop, error] = std::from_chars(line.data(), line.data() + line.size(), number);
-    if (error == std::errc{} && !in_force.empty() && !in_force.contains(number))
+    if (error == std::errc{} && in_force && !in_force->contains(number))
         all.push_back({"config", verdict::wrong,
                        fmt::format("the server doesn't use this line of {} yet, as a number keeps "
                                    "its interface while it runs: {}",
@@ -185,8 +216,13 @@ findings check_configuration()
 {
     if (output_of(fmt::format("{} command -v {}", with_sbin, reader)).empty())
         return {};
-    const char *set = secure_getenv("DOLM_RIC_PORTS");
-    const std::string path = set != nullptr && *set != '\0' ? set : default_configuration;
+    const std::string board = variable("DOLM_RIC_SOCKET", default_board);
+    if (is_simulated(board))
+        return {{"config", verdict::note,
+                 fmt::format("the board at {} is simulated, and its ports have no configuration",
+                             escape(board)),
+                 ""}};
+    const std::string path = variable("DOLM_RIC_PORTS", default_configuration);
     const std::string shown = escape(path);
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0 && lstat(path.c_str(), &status) == 0)
@@ -198,7 +234,7 @@ findings check_configuration()
                          "read as ports",
                  ""}};
     findings all;
-    const port_name_map in_force = port_names();
+    const auto in_force = ports_in_force();
     for (const std::string &line :
          lines_of(output_of(fmt::format("{} timeout 5 {} --print-ports 2>&1", with_sbin, reader))))
         judge_line(line, path, in_force, all);
