@@ -336,8 +336,13 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("pm 12,20-22,24", 1, {"port 12: no module\n", "ports 20-22,24: pm: no such port\n"});
     expect("sfp 7,12", 0, {"\n7     module not ready\n", "\n12    no module\n"});
     expect("--json sfp 7", 0, {"\"module\":\"not ready\""});
+    expect("ports 7", 0, {"\n7     module not ready  -2.37 dBm"}); /* the board measures it */
+    expect("pm 7", 0, {"port 7: module not ready\n", " dBm "});
     testkit::run(TESK_BIN_DIR "/teskboard fail getmoduleinfo busy --port 12", output);
     expect("sfp 12", 0, {"\n12    module not ready\n"});
+    expect("watch --sfp 12 --status 12 --count 2", 0,
+           {"sfp     module not ready\n", "operational, module not ready, "});
+    expect("top 7 --for 0.5", 0, {"sfp     module not ready\n"});
     expect("ports 12", 0, {"\n12    module not ready"});
     testkit::run(TESK_BIN_DIR "/teskboard heal", output);
     expect("--timeout 9 statsu 0", 2, {"did you mean 'status'"});
@@ -568,7 +573,7 @@ TEST_F(teskctl_system, ports_are_named_by_the_port_map)
     server.emplace(); /* writes a map of its own elsewhere */
     setenv("DOLM_RIC_PORT_MAP", map.c_str(), 1);
     testkit::run("printf '# tesk-ports 1\n3\teth3\n7\tx\033[2J\n' >" + map, output);
-    expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  optical"});
+    expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  module not ready"});
     expect("--json ports 3", 0, {"\"port\":3,\"name\":\"eth3\","});
     expect("pm all | grep -c ^port", 0, {"2\n"});
     expect("pm eth3,7 12", 0, {"port 3: optical\n", "port 7: ", "port 12: no module\n"});

@@ -234,14 +234,17 @@ exit_code run_watch(const settings &common, const watch_options &options)
         if (fall.is_news)
             report.show(fall);
     });
-    status_check statuses([&](const auto &status) {
-        show(status);
-        falls.take(status.port_no);
-    });
+    status_check checked(
+        [&](const auto &status) {
+            show(status);
+            falls.take(status.port_no);
+        },
+        show);
     session *connected = nullptr; /* called back only inside of its calls */
     std::unique_ptr<kept_subscriptions> kept;
     session server(loop, common,
-                   {show, [&](const auto &status) { statuses.take(*connected, status); },
+                   {[&](const auto &info) { checked.take(*connected, info); },
+                    [&](const auto &status) { checked.take(*connected, status); },
                     [&](const auto &event) {
                         report.show(event);
                         if (kept)

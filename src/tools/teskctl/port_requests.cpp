@@ -5,6 +5,7 @@
 #include "tools/teskctl/port_requests.h"
 
 #include "program/words.h"
+#include "tesk_client/tesk_details.h"
 
 #include <memory>
 
@@ -86,10 +87,31 @@ void read_infos(const settings &common, event_loop &loop, session &server,
     }
 }
 
-std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer)
+std::set<uint32_t> unready_ports(const std::vector<uint32_t> &ports)
 {
-    if (answer.pm != nullptr)
-        return *answer.pm;
+    std::set<uint32_t> unready;
+    tesk_details *details = nullptr;
+    if (tesk_details_open(nullptr, &details) != TESK_DETAILS_OK)
+        return unready;
+    for (const uint32_t port_no : ports) {
+        dolm_ric_details_record record;
+        if (tesk_details_read(details, port_no, &record) == TESK_DETAILS_OK &&
+            record.presence == DOLM_RIC_PRESENCE_NOT_READY)
+            unready.insert(port_no);
+    }
+    tesk_details_close(details);
+    return unready;
+}
+
+std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer,
+                                    const std::set<uint32_t> &unready)
+{
+    if (answer.pm != nullptr) {
+        tesk_client_pm pm = *answer.pm;
+        if (pm.sfp_type != TESK_CLIENT_SFP_NOT_PRESENT && unready.contains(pm.port_no))
+            pm.sfp_type = module_not_ready;
+        return pm;
+    }
     const bool is_unready = answer.rejection == TESK_CLIENT_REJECTION_BUSY;
     if (!is_unready && answer.rejection != TESK_CLIENT_REJECTION_NO_MODULE)
         return std::nullopt;

@@ -5,6 +5,7 @@
 #include "tools/teskctl/session.h"
 
 #include <map>
+#include <set>
 #include <vector>
 
 /* Requests in flight at once. A request's deadline runs from the moment it is made: thousands made
@@ -39,6 +40,11 @@ void read_infos(const settings &common, event_loop &loop, session &server,
                 const std::map<uint32_t, tesk_client_sfp_info> &infos,
                 const session::answered &failed);
 
+/* Those of the ports whose module is not ready by the details that the board publishes: a board may
+   have measured values of such a module. None where it publishes no details. */
+std::set<uint32_t> unready_ports(const std::vector<uint32_t> &ports);
+
 /* The measured values that an answer brings: for a port without a module, or whose module can't be
    read, a record without values, nothing if the request failed. */
-std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer);
+std::optional<tesk_client_pm> pm_of(const tesk_client_answer &answer,
+                                    const std::set<uint32_t> &unready = {});

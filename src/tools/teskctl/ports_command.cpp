@@ -164,11 +164,11 @@ exit_code run_ports(const settings &common, const ports_options &options)
     session server(
         loop, common,
         {[&](const auto &info) { infos.try_emplace(info.port_no, info); }, take_status, {}}, false);
-    require_ports(options.ports);
     const auto ports = select_ports(loop, server, options.ports);
+    const auto unready = unready_ports(ports);
     request_all(loop, server, requests_for(TESK_CLIENT_REQUEST_PM, ports),
                 [&](const tesk_client_answer &answer) {
-                    if (const auto pm = pm_of(answer))
+                    if (const auto pm = pm_of(answer, unready))
                         lines[answer.port_no].pm = pm;
                     else
                         report.failed(answer);

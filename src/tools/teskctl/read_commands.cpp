@@ -76,11 +76,12 @@ exit_code run_pm(const settings &common, const ports_text &ports)
     event_loop loop;
     session server(loop, common, {}, false);
     reporter report(common);
-    request_all(loop, server,
-                requests_for(TESK_CLIENT_REQUEST_PM, select_ports(loop, server, ports)),
+    const auto wanted = select_ports(loop, server, ports);
+    const auto unready = unready_ports(wanted);
+    request_all(loop, server, requests_for(TESK_CLIENT_REQUEST_PM, wanted),
                 [&](const tesk_client_answer &answer) {
-                    const auto pm = pm_of(answer);
-                    if (!pm || pm->sfp_type == module_not_ready)
+                    const auto pm = pm_of(answer, unready);
+                    if (!pm || answer.rejection == TESK_CLIENT_REJECTION_BUSY)
                         report.failed(answer);
                     else if (common.json)
                         report.show(*pm);

@@ -41,9 +41,9 @@ class top
         : common_(common), options_(options), report_(common),
           loop_({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGWINCH}),
           session_(loop_, common,
-                   {[this](const auto &info) { take_record(info); },
+                   {[this](const auto &info) { checked_.take(session_, info); },
                     [this](const auto &status) {
-                        statuses_.take(session_, status);
+                        checked_.take(session_, status);
                         read_value(status.port_no); /* for the values that were graded */
                     },
                     [this](const auto &event) { take_event(event); }},
@@ -296,7 +296,8 @@ class top
     bool is_restored_ = false; /* the server came back, perhaps with other ports */
     std::optional<steady_time> end_;
     event_loop loop_;
-    status_check statuses_{[this](const auto &status) { take_status(status); }};
+    status_check checked_{[this](const auto &status) { take_status(status); },
+                          [this](const auto &info) { take_record(info); }};
     fall_watch falls_{falls_folder(), [this](const auto &fall) { take_fall(fall); }};
     kept_subscriptions subscriptions_{session_};
     session session_; /* the last, so that it closes before what its callbacks use */

@@ -55,6 +55,7 @@ std::string take(top_port &port, const tesk_client_sfp_info &info)
     std::string what;
     if (port.sfp && describe(*port.sfp) != describe(info))
         what = info.type == TESK_CLIENT_SFP_NOT_PRESENT ? "module out"
+               : info.type == module_not_ready          ? describe(info)
                                                         : "module in: " + describe(info);
     note_event(port, what);
     port.sfp = info;
@@ -96,13 +97,13 @@ uint32_t module_of(const top_port &port)
 {
     /* Only the SFP info reports insertion and removal; only the measured values distinguish an
        empty port from a module that isn't ready. */
-    if (port.sfp && port.sfp->type != TESK_CLIENT_SFP_NOT_PRESENT)
+    if (port.sfp && port.sfp->type != TESK_CLIENT_SFP_NOT_PRESENT &&
+        port.sfp->type != module_not_ready)
         return port.sfp->type;
-    const bool is_none = port.pm && port.pm->sfp_type == TESK_CLIENT_SFP_NOT_PRESENT;
-    if (port.sfp)
-        return port.pm && !is_none ? module_not_ready : uint32_t{TESK_CLIENT_SFP_NOT_PRESENT};
-    if (is_none)
+    if (port.pm && port.pm->sfp_type == TESK_CLIENT_SFP_NOT_PRESENT)
         return TESK_CLIENT_SFP_NOT_PRESENT;
+    if (port.sfp)
+        return port.pm ? module_not_ready : port.sfp->type;
     return port.status ? port.status->sfp_type : uint32_t{TESK_CLIENT_SFP_UNKNOWN};
 }
 
