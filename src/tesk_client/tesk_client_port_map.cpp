@@ -33,7 +33,7 @@ struct named_port {
 } // namespace
 
 /* Empty where the default would be the map of another server than the one that MBX_DIR selects. */
-static std::string path_or_default(const char *path)
+static std::string port_map_path(const char *path)
 {
     if (path != nullptr)
         return path;
@@ -150,7 +150,7 @@ static std::string parse(std::string_view text, std::vector<named_port> &ports)
 
 outcome read_port_map(const char *given_path, tesk_client_port_named each, void *user)
 {
-    const std::string path = path_or_default(given_path);
+    const std::string path = port_map_path(given_path);
     if (path.empty())
         return failure(TESK_CLIENT_NO_PORT_MAP, default_path,
                        "is not the map of the server that MBX_DIR selects; DOLM_RIC_PORT_MAP can "

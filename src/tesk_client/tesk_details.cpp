@@ -36,7 +36,7 @@ static constexpr timespec pause_of_retry = {0, 20'000};
 static constexpr uint32_t page = 4096;
 
 /* Empty where the default would be the file of another server than the one that MBX_DIR selects. */
-static std::string path_or_default(const char *path)
+static std::string details_path(const char *path)
 {
     if (path != nullptr)
         return path;
@@ -269,7 +269,7 @@ tesk_details_result tesk_details_open(const char *path, tesk_details **details)
         return TESK_DETAILS_MISUSE;
     *details = nullptr;
     try {
-        auto opened = std::make_unique<tesk_details>(tesk_details{path_or_default(path)});
+        auto opened = std::make_unique<tesk_details>(tesk_details{details_path(path)});
         if (const auto result = attach(*opened))
             return result;
         *details = opened.release();

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <span>
 
-static constexpr const char *result_texts[] = {
+static constexpr const char *read_result_texts[] = {
     "done",
     "a null pointer",
     "there are no details of ports",
@@ -20,7 +20,7 @@ static constexpr const char *result_texts[] = {
     "the details of the port are damaged",
     "the system failed",
 };
-static_assert(std::size(result_texts) == TESK_DETAILS_FAILED + 1);
+static_assert(std::size(read_result_texts) == TESK_DETAILS_FAILED + 1);
 
 static constexpr const char *state_texts[] = {
     "unknown",   "valid",    "not supported", "not read",      "not ready",
@@ -52,10 +52,10 @@ static constexpr const char *signal_texts[] = {
     "rx los", "rx lol", "tx los", "tx lol", "tx fault", "tx off", "rx off",
 };
 static_assert(std::size(signal_texts) == DOLM_RIC_SIGNALS);
-static constexpr const char *presence_texts[] = {
+static constexpr const char *presences[] = {
     "unknown", "empty", "not ready", "ready", "polling off", "taken out", "no interface",
 };
-static_assert(std::size(presence_texts) == DOLM_RIC_PRESENCES);
+static_assert(std::size(presences) == DOLM_RIC_PRESENCES);
 static constexpr const char *family_texts[] = {"unknown", "SFF-8472", "SFF-8636", "CMIS"};
 static_assert(std::size(family_texts) == DOLM_RIC_FAMILIES);
 static constexpr const char *medium_texts[] = {"unknown", "light", "copper"};
@@ -100,13 +100,13 @@ static constexpr const char *fault_cause_texts[] = {
 };
 
 /* In the order of tesk_details_enumeration. */
-static constexpr std::span<const char *const> enumerations[] = {
+static constexpr std::span<const char *const> text_tables[] = {
     state_texts,  grade_texts,        flag_texts,        module_value_texts, lane_value_texts,
-    signal_texts, presence_texts,     family_texts,      medium_texts,       power_kind_texts,
+    signal_texts, presences,          family_texts,      medium_texts,       power_kind_texts,
     length_texts, module_state_texts, switch_texts,      duplex_texts,       fec_texts,
     side_texts,   vdm_kind_texts,     fault_cause_texts,
 };
-static_assert(std::size(enumerations) == TESK_DETAILS_TEXT_FAULT_CAUSE + 1);
+static_assert(std::size(text_tables) == TESK_DETAILS_TEXT_FAULT_CAUSE + 1);
 
 static const char *text_at(std::span<const char *const> texts, size_t index)
 {
@@ -115,11 +115,11 @@ static const char *text_at(std::span<const char *const> texts, size_t index)
 
 const char *tesk_details_result_text(tesk_details_result result)
 {
-    return text_at(result_texts, static_cast<size_t>(result));
+    return text_at(read_result_texts, static_cast<size_t>(result));
 }
 
 const char *tesk_details_text(tesk_details_enumeration enumeration, uint32_t code)
 {
     const auto index = static_cast<size_t>(enumeration);
-    return index < std::size(enumerations) ? text_at(enumerations[index], code) : "unknown";
+    return index < std::size(text_tables) ? text_at(text_tables[index], code) : "unknown";
 }

@@ -44,7 +44,7 @@ static void tesk_send_get_pm_counters_cfm(uint32_t mbox, uint32_t procedure_ref,
     mbx_send(&signal, mbox, MBX_OWN_MAILBOX);
 }
 
-static constexpr tesk_port_procedure procedure = {
+static constexpr tesk_port_procedure get_pm_counters_procedure = {
     .received = "TESK_GET_PM_COUNTERS_REQ:sender:",
     /* Only this procedure traces an unknown sender in the group of received signals. */
     .unknown_group = TESK_TRACE_RECEIVED,
@@ -58,7 +58,7 @@ void tesk_handle_get_pm_counters_req(mbx_signal *signal)
     tesk_pm_counters counters = {};
     tesk_port_request request;
 
-    if (!tesk_port_request_read(&procedure, signal, &request))
+    if (!tesk_port_request_read(&get_pm_counters_procedure, signal, &request))
         return;
     if (!tesk_port_request_in_range(&request))
         return;

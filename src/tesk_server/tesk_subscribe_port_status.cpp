@@ -114,7 +114,7 @@ static void tesk_port_status_start_filter_timer(uint32_t bucket_id, uint32_t por
     tmo_request_sig(tick_interval, &signal);
 }
 
-static constexpr tesk_subscription_procedure procedure = {
+static constexpr tesk_subscription_procedure subscribe_port_status_procedure = {
     .request =
         {
             .received = "TESK_SUBSCRIBE_PORT_STATUS_REQ: sender: ",
@@ -136,9 +136,9 @@ void tesk_handle_subscribe_port_status_req(mbx_signal *signal)
     /* Only this request has a word behind its port. It is not used, but a trace of the signal shows
        it. */
     tesk_swap_words(reinterpret_cast<tesk_subscribe_port_status_req *>(signal)->reserved);
-    if (!tesk_subscribe_accept(&procedure, signal, &request))
+    if (!tesk_subscribe_accept(&subscribe_port_status_procedure, signal, &request))
         return;
-    tesk_subscribe_confirm(&procedure, &request);
+    tesk_subscribe_confirm(&subscribe_port_status_procedure, &request);
 
     /* The first indication is also the state that later events are compared with, for every client
        and not only for the first one on a port. If the port has changed and its event is still to

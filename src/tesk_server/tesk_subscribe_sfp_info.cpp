@@ -73,7 +73,7 @@ static void tesk_send_sfp_info_ind_to_subscribers(uint32_t port_no, uint32_t pre
         notify(subscriber->client, port_no, &info);
 }
 
-static constexpr tesk_subscription_procedure procedure = {
+static constexpr tesk_subscription_procedure subscribe_sfp_info_procedure = {
     .request =
         {
             .received = "TESK_SUBSCRIBE_SFP_INFO_REQ: sender: ",
@@ -92,7 +92,7 @@ void tesk_handle_subscribe_sfp_info_req(mbx_signal *signal)
     tesk_sfp_info info = {};
     tesk_port_request request;
 
-    if (!tesk_subscribe_accept(&procedure, signal, &request))
+    if (!tesk_subscribe_accept(&subscribe_sfp_info_procedure, signal, &request))
         return;
     const uint32_t port_no = request.port_no;
     if (get_sfp_info(port_no, get_sfp_presence(port_no), &info) == unsupported_port) {
@@ -102,7 +102,7 @@ void tesk_handle_subscribe_sfp_info_req(mbx_signal *signal)
     }
     /* Neither an empty port nor an unreadable module is an error: the indication reports no module,
        and the next change is reported as any other. */
-    tesk_subscribe_confirm(&procedure, &request);
+    tesk_subscribe_confirm(&subscribe_sfp_info_procedure, &request);
     notify(request.client, port_no, &info);
 }
 

@@ -8,7 +8,7 @@
 #include "tesk_server/tesk_signals.h"
 #include "tesk_server/tesk_subscription.h"
 
-static constexpr tesk_subscription_procedure procedure = {
+static constexpr tesk_subscription_procedure unsubscribe_sfp_info_procedure = {
     .request =
         {
             .received = "TESK_UNSUBSCRIBE_SFP_INFO_REQ: sender: ",
@@ -24,5 +24,5 @@ static constexpr tesk_subscription_procedure procedure = {
 
 void tesk_handle_unsubscribe_sfp_info_req(mbx_signal *signal)
 {
-    tesk_unsubscribe(&procedure, signal);
+    tesk_unsubscribe(&unsubscribe_sfp_info_procedure, signal);
 }

@@ -21,7 +21,7 @@
 namespace board
 {
 
-static constexpr size_t page = 4096;
+static constexpr size_t file_page = 4096;
 
 static std::string folder_of(const std::string &path)
 {
@@ -73,7 +73,7 @@ static void drop_last(std::string &lines)
 static size_t pages_of(const struct stat &file)
 {
     const size_t size = S_ISREG(file.st_mode) ? static_cast<size_t>(file.st_size) : 0;
-    return (size + page - 1) / page * page;
+    return (size + file_page - 1) / file_page * file_page;
 }
 
 static size_t pages_at(const std::string &path)
@@ -138,7 +138,7 @@ bool keep_fall(const std::string &folder, uint32_t port, const std::string &line
                size_t files, size_t &taken)
 {
     const std::string path = folder + "/" + std::to_string(port);
-    const size_t room = most_folder_bytes / std::max<size_t>(files, 1) / page * page;
+    const size_t room = most_folder_bytes / std::max<size_t>(files, 1) / file_page * file_page;
     const size_t share = std::min(most_fall_bytes, room), before = pages_at(path);
     std::string lines = read_falls(path);
     if (replaces)
