@@ -45,6 +45,14 @@ static outcome locate_failure(int error)
     }
 }
 
+int add_to_epoll(int epoll, int fd)
+{
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
+}
+
 outcome tesk_client_session::begin_connection()
 {
     end_connection(); /* an attempt that ran out of memory leaves its mailbox */
@@ -95,17 +103,6 @@ void tesk_client_session::end_connection()
     mailbox_fd_ = -1;
 }
 
-outcome tesk_client_session::connect()
-{
-    establishment_ = begin_connection();
-    while (state_ == state::establishing) {
-        arm_timer();
-        wait(-1);
-        dispatch();
-    }
-    return state_ == state::connected ? outcome{} : establishment_;
-}
-
 /* After a failed attempt or the loss of the server: schedules the next attempt if the session
    reconnects. The first connection is not retried: tesk_client_connect reports its failure. */
 void tesk_client_session::retry_later()
@@ -135,11 +132,6 @@ void tesk_client_session::lose_server()
     event.text = tesk_client_result_text(TESK_CLIENT_LOST);
     report(event);
     fail_sent_requests();
-}
-
-void tesk_client_session::report(const tesk_client_event &event)
-{
-    call(options_.on_event, &event, options_.user);
 }
 
 /* The confirmation carries the server's reference instead of ours, so that only the procedure_ref

@@ -287,11 +287,9 @@ void tesk_client_session::cancel()
     complete_all(TESK_CLIENT_CANCELLED);
 }
 
-tesk_client_result tesk_client_session::request(tesk_client_request_type type, uint32_t port_no,
-                                                tesk_client_answered answered, void *user)
+void tesk_client_session::add_request(tesk_client_request_type type, uint32_t port_no,
+                                      tesk_client_answered answered, void *user)
 {
-    if (state_ == state::ended)
-        return TESK_CLIENT_LOST;
     pending_request request{};
     request.type = type;
     request.port_no = rows[type].has_port ? port_no : 0;
@@ -304,6 +302,4 @@ tesk_client_result tesk_client_session::request(tesk_client_request_type type, u
     } catch (const std::bad_alloc &) {
         /* The request stays queued: the next dispatch sends it. */
     }
-    arm_timer();
-    return TESK_CLIENT_OK;
 }

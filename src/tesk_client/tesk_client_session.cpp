@@ -38,14 +38,6 @@ static int checked(int fd)
     return fd;
 }
 
-int add_to_epoll(int epoll, int fd)
-{
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = fd;
-    return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
-}
-
 static tesk_client_options with_defaults(tesk_client_options options)
 {
     auto use_default = [](uint32_t &value, uint32_t preset) {
@@ -186,6 +178,17 @@ tesk_client_result tesk_client_session::dispatch()
     return state_ == state::ended ? TESK_CLIENT_LOST : TESK_CLIENT_OK;
 }
 
+outcome tesk_client_session::connect()
+{
+    establishment_ = begin_connection();
+    while (state_ == state::establishing) {
+        arm_timer();
+        wait(-1);
+        dispatch();
+    }
+    return state_ == state::connected ? outcome{} : establishment_;
+}
+
 bool tesk_client_session::wait(int timeout_ms) const
 {
     epoll_event event{};
@@ -205,6 +208,16 @@ tesk_client_result tesk_client_session::run(int timeout_ms)
         if (!stopped_ && wait(left))
             dispatch();
     } while (!std::exchange(stopped_, false) && left != 0);
+    return TESK_CLIENT_OK;
+}
+
+tesk_client_result tesk_client_session::request(tesk_client_request_type type, uint32_t port_no,
+                                                tesk_client_answered answered, void *user)
+{
+    if (state_ == state::ended)
+        return TESK_CLIENT_LOST;
+    add_request(type, port_no, answered, user);
+    arm_timer();
     return TESK_CLIENT_OK;
 }
 

@@ -136,27 +136,24 @@ struct tesk_client_session {
         ended,
     };
 
+    /* Each source uses those below it: tesk_client_session.cpp, then tesk_client_connection.cpp,
+       tesk_client_requests.cpp and tesk_client_subscriptions.cpp. */
+
+    void receive(const mbx_signal *signal);
+    void receive_indication(const mbx_signal *signal);
+    void handle_time();
+    void arm_timer();
+
     /* tesk_client_connection.cpp */
     outcome begin_connection();
     void end_connection();
     void lose_server();
     void retry_later();
     void receive_establishment(const mbx_signal *signal);
-    void report(const tesk_client_event &event);
-
-    /* tesk_client_session.cpp */
-    void receive(const mbx_signal *signal);
-    void receive_indication(const mbx_signal *signal);
-    void handle_time();
-    void arm_timer();
-
-    /* tesk_client_subscriptions.cpp */
-    bool is_subscribed(tesk_client_kind kind, uint32_t port_no) const;
-    void note_subscription(const pending_request &request, const completion &end);
-    std::optional<subscription_key> next_renewal();
-    void forget_unconfirmed_subscriptions();
 
     /* tesk_client_requests.cpp */
+    void add_request(tesk_client_request_type type, uint32_t port_no, tesk_client_answered answered,
+                     void *user);
     void receive_answer(const mbx_signal *signal);
     void send_what_fits();
     void send_request(pending_request request);
@@ -167,6 +164,17 @@ struct tesk_client_session {
     void complete_renewal(const pending_request &request, const completion &end);
     size_t in_flight() const;
     std::optional<steady_clock::time_point> next_deadline() const;
+
+    /* tesk_client_subscriptions.cpp */
+    bool is_subscribed(tesk_client_kind kind, uint32_t port_no) const;
+    void note_subscription(const pending_request &request, const completion &end);
+    std::optional<subscription_key> next_renewal();
+    void forget_unconfirmed_subscriptions();
+
+    void report(const tesk_client_event &event)
+    {
+        call(options_.on_event, &event, options_.user);
+    }
 
     template <typename callback_type, typename... argument_types>
     void call(callback_type callback, argument_types... arguments)
