@@ -134,7 +134,9 @@ TEST_F(dolm_ric_test, a_command_with_an_error_changes_nothing)
         {"set 3 link=up nom_bitrate=256", "out of range"},
         {"set 3 vendor_rev=123456", "holds 5 bytes at most"},
         {"fail lookup -1", "no operation is called 'lookup'"},
-        {"\x01", "no request is called '\\x01'"}};
+        {"\x01", "no request is called '\\x01': take set, insert, remove"},
+        {"remove 1 2", "remove takes 1 word, not 2"},
+        {"set 1", "set takes 2 or more words, not 1"}};
     for (const auto &[request, reason] : refused) {
         const std::string answer = ask(request);
         EXPECT_EQ(0u, answer.find("error ")) << request;

@@ -143,7 +143,7 @@ TEST_F(exporter_system, a_server_that_goes_is_said_at_once_and_one_that_comes_ba
 {
     start({"--ports", "12-15"}); /* without a module: no value is read */
     await("/metrics", "tesk_up 0\n");
-    await("/readyz", "nobody answers");
+    await("/readyz", "no process has");
     server.emplace();
     await("/readyz", "200 OK");
     http_client stream = open_stream();

@@ -31,7 +31,7 @@ static outcome locate_failure(int error)
     switch (error) {
     case ENOENT:
     case ECONNREFUSED:
-        return failure(TESK_CLIENT_NO_SERVER, "nobody answers to " + name);
+        return failure(TESK_CLIENT_NO_SERVER, "no process has the " + name);
     case EACCES:
     case EPERM:
         return failure(TESK_CLIENT_NO_ACCESS, "no permission for " + name);
@@ -39,7 +39,7 @@ static outcome locate_failure(int error)
         return failure(TESK_CLIENT_FAILED, name + " has no place for more connections of this "
                                                   "user or process: end some of them");
     case ETIMEDOUT:
-        return failure(TESK_CLIENT_TIMEOUT, name + " takes no connection");
+        return failure(TESK_CLIENT_TIMEOUT, name + " doesn't accept a connection in time");
     default:
         return failure(TESK_CLIENT_FAILED, system_text("mbx_locate", error));
     }

@@ -199,10 +199,10 @@ std::map<uint32_t, link_report> linux_ports::default_ports(std::vector<link_repo
     for (const link_report &interface : all)
         ports[static_cast<uint32_t>(ports.size())] = interface;
     fprintf(stderr,
-            "libdolm_ric: tesk-module-reader at %s %s: the ports are all %zu interfaces on a "
+            "libdolm_ric: tesk-module-reader at %s %s (%s): the ports are all %zu interfaces on a "
             "device, with or without a cage\n",
             escape(reader_).c_str(), error == EACCES ? "may not be used" : "doesn't answer",
-            ports.size());
+            strerror(error), ports.size());
     return ports;
 }
 

@@ -92,7 +92,7 @@ static fault parse_fault(operation op, words args)
     if (args.size() > 1 && args[1] != "always")
         parsed.remaining = parse_number(args[1], INT64_MAX);
     if (parsed.remaining == 0)
-        throw board_error("a failure of no calls is none: it takes a count from 1, or always");
+        throw board_error("a failure lasts for 1 call or more, or always, not for 0 calls");
     if (args.size() > 2)
         parsed.ports = parse_ports(args[2]);
     return parsed;
@@ -247,6 +247,26 @@ static constexpr command_kind command_kinds[] = {
     {"board", 0, 0, answer_board},
 };
 
+/* "set, insert, remove". */
+static std::string verbs()
+{
+    std::string list;
+    for (const command_kind &kind : command_kinds)
+        list += (list.empty() ? "" : ", ") + std::string(kind.verb);
+    return list;
+}
+
+/* "1 word", "2 to 4 words". */
+static std::string number_text(const command_kind &kind)
+{
+    std::string text = std::to_string(kind.fewest);
+    if (kind.most == any_number)
+        text += " or more";
+    else if (kind.most != kind.fewest)
+        text += " to " + std::to_string(kind.most);
+    return text + (kind.most == 1 ? " word" : " words");
+}
+
 static std::string answer_words(std::string_view text, simulator &board, pending_answer &pending)
 {
     const auto command = split_words(text);
@@ -258,9 +278,11 @@ static std::string answer_words(std::string_view text, simulator &board, pending
     }
     const auto *kind = std::ranges::find(command_kinds, verb, &command_kind::verb);
     if (kind == std::end(command_kinds))
-        throw board_error("no request is called '" + escape(verb, false) + "'");
+        throw board_error("no request is called '" + escape(verb, false) + "': take " + verbs() +
+                          " or wait");
     if (args.size() < kind->fewest || args.size() > kind->most)
-        throw board_error(std::string(verb) + ": wrong number of words");
+        throw board_error(std::string(verb) + " takes " + number_text(*kind) + ", not " +
+                          std::to_string(args.size()));
     if (kind->queues_events && board.events.is_full()) {
         pending = [kept = std::string(text), &board] {
             pending_answer none;

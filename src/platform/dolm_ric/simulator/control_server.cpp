@@ -70,7 +70,9 @@ static util::descriptor lock_path(const std::string &path, const struct stat &di
         if (S_ISREG(status.st_mode) && status.st_nlink == 1 && fchmod(lock.get(), 0600) == 0)
             (void)!fchown(lock.get(), directory.st_uid, static_cast<gid_t>(-1));
         if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
-            throw board_error(path + ": another board listens there");
+            throw board_error(path +
+                              ": another board listens there: end it, or name another socket in " +
+                              DOLM_RIC_BOARD_SOCKET_ENV);
         if (is_file_at(lock.get(), name))
             return lock;
     }
