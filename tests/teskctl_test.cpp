@@ -528,16 +528,16 @@ TEST_F(teskctl_system, top_follows_the_ports_of_a_server_that_comes_back)
 TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
 {
     server.emplace();
-    const pid_t ping = start({"ping", "--json", "-i", "0.02", "-c", "100"});
+    const pid_t ping = start({"ping", "--json", "-i", "0.02"});
     await("\"seq\":5");
     server.reset();
     server.emplace();
+    await("waited for a new connection");
+    kill(ping, SIGINT);
     EXPECT_EQ(testkit::wait_for_end(ping), 0);
     const std::string all = testkit::read_file(log);
-    testkit::expect_parts(all, {"waited for a new connection"});
     const auto summary = json_object::parse(all.substr(all.rfind("{\"time\"")));
-    EXPECT_EQ(summary["requests"], 100);
-    EXPECT_LT(summary["answers"], 100);
+    EXPECT_LT(summary["answers"], summary["requests"]);
 }
 
 TEST_F(teskctl_system, a_request_in_flight_when_ping_ends_is_not_lost)
@@ -620,12 +620,18 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
         "r=tesk-module-reader.socket; export PATH=$PWD/bin:" TESK_BIN_DIR ":/usr/bin:/bin; "
         "unit() { printf '%s\n' Id=$1 LoadState=$2 ActiveState=$3 SubState=$4 \"${5:-X=}\" "
         "Group=users "
-        "Environment=\"A=1 MBX_DIR=$MBX_DIR\" '' >>units; }; as=; rm -f units m; umask 022;"
+        "Environment=\"A=1 MBX_DIR=$MBX_DIR\" '' >>units; }; "
+        "set_ports() { sed -i \"s|A=1|DOLM_RIC_PORTS=$1|\" units; }; "
+        "targets() { for t; do l=\"$l,{\\\"scrapeUrl\\\":\\\"$t\\\"}\"; done; mkdir -p api/v1; "
+        "echo \"{\\\"data\\\":{\\\"activeTargets\\\":[${l#,}]}}\" >api/v1/targets; rm -f line; "
+        "mkfifo line; python3 -u -m http.server --bind 127.0.0.1 0 >line 2>/dev/null & e_pid=$!; "
+        "read -r _ _ _ _ _ port _ <line; at=127.0.0.1:$port; unit $e loaded active running "
+        "MainPID=1; }; as=; rm -f units m; umask 022;"
         "chown root:users . mbx mbx/* 2>/dev/null; chmod 755 . mbx; chmod 660 mbx/* 2>/dev/null;";
-    const std::string tail =
-        " :; timeout 20 $as teskctl --timeout 1 doctor "
-        "--prometheus 127.0.0.1:1 2>&1; kill -CONT $pid 2>/dev/null; kill $e_pid 2>/dev/null; "
-        "chmod 755 mbx; ";
+    const std::string tail = " :; timeout 20 $as teskctl --timeout 1 doctor "
+                             "--prometheus ${at:-127.0.0.1:1} 2>&1; kill -CONT $pid 2>/dev/null; "
+                             "kill $e_pid 2>/dev/null; "
+                             "chmod 755 mbx; ";
     testkit::run(
         "mkdir -p " + directory.path + "/bin; cd " + directory.path +
             "; printf "
@@ -663,6 +669,12 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
          "correct it in"},
         {"printf '0 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p", "p has no wrong line", ""},
         {": >p; export DOLM_RIC_PORTS=$PWD/p", "p has no right line", "correct"},
+        {"printf '0 lo\n1 a b c\n' >\"q'q\"; unit $s loaded active running; set_ports \"$PWD/q'q\"",
+         "q'q:2: ", "correct"},
+        {"unit $s loaded active running; set_ports $PWD/q; unit ${r%socket}service loaded inactive "
+         "dead",
+         "/q, and tesk-module-reader another file, /etc/",
+         "systemctl edit tesk-server.service and"},
         {"mkfifo fifo; export DOLM_RIC_PORTS=$PWD/fifo", "fifo is not a regular", "correct"},
         {"ln -s /none link; export DOLM_RIC_PORTS=$PWD/link", "is a link to a file", "mend the"},
         {"printf '7 lo\n' >p; export DOLM_RIC_PORTS=$PWD/p; printf '# tesk-ports 1\n1\ta\n' >m",
@@ -677,6 +689,11 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
         {"unit $e loaded active running MainPID=1", "listens on 127.0.0.1:9816: Connection refused",
          "journalctl -u tesk-exporter"},
         {"unit $e loaded active running MainPID=1", "Prometheus at 127.0.0.1:1: Conn", ""},
+        {"targets http://b7:9816/metrics http://127.0.0.1:9816/metrics", "has not read the exp",
+         ""},
+        {"targets http://b7:9816/metrics http://b8:9816/metrics", "has 2 targets with", ""},
+        {"targets http://127.0.0.1:80/metrics", "has no target with the exporter's port",
+         "add 127."},
         {"mkfifo f; sh -c 'read x' x --listen 0.0.0.0:1 <>f & e_pid=$!; printf "
          "'IPAddressDeny=0.0.0.0/0\n"
          "IPAddressAllow=127.0.0.0/8 ::1/128\n' >units; unit $e loaded active running "

@@ -56,7 +56,7 @@ finding check_unit(const unit_table &units, const std::string &unit, const char 
 /* The server's unit, and the reader's where it is installed. `is_up`: the server answers. */
 findings check_units(const unit_table &units, bool is_up);
 /* The configuration of ports and interfaces, by the reader's own check of it. */
-findings check_configuration();
+findings check_configuration(const unit_table &units);
 /* The port map, and the ports that the server has; `session` may be null. */
 findings check_ports(tesk_client_session *session);
 /* The exporter's unit, its address, and what Prometheus at `prometheus` (ADDRESS:PORT) has read. */

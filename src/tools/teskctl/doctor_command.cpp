@@ -65,7 +65,7 @@ static findings check_all(const settings &common, const std::string &prometheus)
     tesk_client_session *session = nullptr;
     all.push_back(check_server(common, units, &session));
     add(check_units(units, session != nullptr));
-    add(check_configuration());
+    add(check_configuration(units));
     add(check_ports(session));
     tesk_client_close(session);
     add(check_exporter(units, prometheus));

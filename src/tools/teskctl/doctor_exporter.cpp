@@ -13,6 +13,8 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <unistd.h>
+#include <vector>
 
 namespace doctor
 {
@@ -34,11 +36,14 @@ static std::string listen_address(const std::string &process)
     return address;
 }
 
+static bool is_local_host(const std::string &host)
+{
+    return host.starts_with("127.") || host == "::1" || host == "localhost";
+}
+
 static bool is_local(const std::string &address)
 {
-    const std::string host = split_address(address).first;
-    return address.starts_with("unix:") || host.starts_with("127.") || host == "::1" ||
-           host == "localhost";
+    return address.starts_with("unix:") || is_local_host(split_address(address).first);
 }
 
 /* The unit denies every address but those of this machine, unless somebody has opened it. */
@@ -102,6 +107,53 @@ static finding judge_target(const std::string &where, const json_object &target)
     return {"prometheus", age ? verdict::ok : verdict::note, text, ""};
 }
 
+/* The host of a target whose address ends in `port`, as in ":9816/metrics"; else empty. */
+static std::string host_of(const json_object &target, const std::string &port)
+{
+    const std::string url = target.is_object() ? target.value("scrapeUrl", "") : "";
+    const size_t scheme = url.find("://"), end = url.find(port);
+    if (scheme == std::string::npos || end == std::string::npos)
+        return "";
+    const std::string host = url.substr(scheme + 3, end - scheme - 3);
+    return host.starts_with('[') ? host.substr(1, host.size() - 2) : host;
+}
+
+/* A Prometheus may read the exporters of many machines, which all have the same port. */
+static bool is_this_machine(const std::string &host, const std::string &address)
+{
+    char name[256] = "";
+    gethostname(name, sizeof(name) - 1);
+    return host == split_address(address).first || is_local_host(host) || host == name ||
+           host.starts_with(std::string(name) + ".");
+}
+
+static finding check_targets(const json_object &targets, const std::string &where,
+                             const std::string &address)
+{
+    const std::string port = ":" + split_address(address).second + "/metrics";
+    std::vector<const json_object *> others;
+    for (const json_object &target : targets) {
+        const std::string host = host_of(target, port);
+        if (host.empty())
+            continue;
+        if (is_this_machine(host, address))
+            return judge_target(where, target);
+        others.push_back(&target);
+    }
+    if (others.size() == 1)
+        return judge_target(where, *others.front());
+    if (!others.empty())
+        return {"prometheus", verdict::note,
+                fmt::format("{} has {} targets with the exporter's port, none by a name of this "
+                            "machine",
+                            where, others.size()),
+                ""};
+    return {
+        "prometheus", verdict::wrong,
+        fmt::format("{} has no target with the exporter's port", where),
+        fmt::format("add {} to its scrape_configs; docs/fleet.md has an example", escape(address))};
+}
+
 static finding check_prometheus(const std::string &prometheus, const std::string &address)
 {
     const std::string where = "Prometheus at " + escape(prometheus);
@@ -114,14 +166,7 @@ static finding check_prometheus(const std::string &prometheus, const std::string
     if (answer.status != 200 || parsed.is_discarded() || !parsed.contains(place))
         return {"prometheus", verdict::note,
                 fmt::format("{} answers {} without its targets", where, answer.status), ""};
-    const std::string port = ":" + split_address(address).second + "/metrics";
-    for (const json_object &target : parsed[place])
-        if (target.is_object() && target.value("scrapeUrl", "").find(port) != std::string::npos)
-            return judge_target(where, target);
-    return {
-        "prometheus", verdict::wrong,
-        fmt::format("{} has no target with the exporter's port", where),
-        fmt::format("add {} to its scrape_configs; docs/fleet.md has an example", escape(address))};
+    return check_targets(parsed[place], where, address);
 }
 
 findings check_exporter(const unit_table &units, const std::string &prometheus)

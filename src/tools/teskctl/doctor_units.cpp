@@ -212,7 +212,45 @@ static void judge_line(const std::string &line, const std::string &path,
                        "restart tesk-server"});
 }
 
-findings check_configuration()
+/* The file that the unit's process reads, by the variables in the unit. The server's unit counts if
+   it is that of the server that teskctl uses. */
+static std::string configuration_of(const unit_table &units, const std::string &unit)
+{
+    if (!has_unit(units))
+        return default_configuration;
+    static constexpr std::string_view key = " DOLM_RIC_PORTS=";
+    const std::string environment = " " + property(units, unit, "Environment") + " ";
+    const size_t at = environment.find(key);
+    if (at == std::string::npos)
+        return default_configuration;
+    const size_t begin = at + key.size();
+    return environment.substr(begin, environment.find(' ', begin) - begin);
+}
+
+/* No module is read while the two processes read different files. */
+static std::optional<finding> disagreement(const unit_table &units)
+{
+    const std::string of_server = configuration_of(units, server_unit);
+    const std::string of_reader = configuration_of(units, reader_unit);
+    if (of_server == of_reader || property(units, reader_unit, "LoadState") != "loaded")
+        return std::nullopt;
+    return finding{"config", verdict::wrong,
+                   fmt::format("tesk-server reads {}, and {} another file, {}", escape(of_server),
+                               reader, escape(of_reader)),
+                   fmt::format("systemctl edit {} and {}: the same DOLM_RIC_PORTS, then restart "
+                               "tesk-server",
+                               server_unit, reader_unit)};
+}
+
+/* A word of the shell. */
+static std::string quoted(std::string text)
+{
+    for (size_t at = 0; (at = text.find('\'', at)) != std::string::npos; at += 4)
+        text.replace(at, 1, "'\\''");
+    return "'" + text + "'";
+}
+
+findings check_configuration(const unit_table &units)
 {
     if (output_of(fmt::format("{} command -v {}", with_sbin, reader)).empty())
         return {};
@@ -222,7 +260,10 @@ findings check_configuration()
                  fmt::format("the board at {} is simulated, and its ports have no configuration",
                              escape(board)),
                  ""}};
-    const std::string path = variable("DOLM_RIC_PORTS", default_configuration);
+    const std::string given = variable("DOLM_RIC_PORTS", "");
+    if (const auto found = given.empty() ? disagreement(units) : std::nullopt)
+        return {*found};
+    const std::string path = given.empty() ? configuration_of(units, server_unit) : given;
     const std::string shown = escape(path);
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0 && lstat(path.c_str(), &status) == 0)
@@ -236,7 +277,8 @@ findings check_configuration()
     findings all;
     const auto in_force = ports_in_force();
     for (const std::string &line :
-         lines_of(output_of(fmt::format("{} timeout 5 {} --print-ports 2>&1", with_sbin, reader))))
+         lines_of(output_of(fmt::format("DOLM_RIC_PORTS={} {} timeout 5 {} --print-ports 2>&1",
+                                        quoted(path), with_sbin, reader))))
         judge_line(line, path, in_force, all);
     if (all.empty())
         all.push_back({"config", verdict::ok, shown + " has no wrong line", ""});
