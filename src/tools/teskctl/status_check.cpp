@@ -15,7 +15,7 @@ static bool is_perhaps_empty(const tesk_client_port_status &status)
 }
 
 /* `show` is called once, with an answer that says nothing where none can be asked for. */
-void status_check::ask(session &server, uint32_t port_no, session::answered show)
+void status_check::ask(session &server, uint32_t port_no, const session::answered &show)
 {
     try {
         server.request(TESK_CLIENT_REQUEST_PM, port_no,

@@ -30,7 +30,7 @@ class status_check
     void take(session &server, const tesk_client_sfp_info &info);
 
   private:
-    void ask(session &server, uint32_t port_no, session::answered show);
+    void ask(session &server, uint32_t port_no, const session::answered &show);
 
     status_shown show_status_;
     info_shown show_info_;
