@@ -45,7 +45,7 @@ static constexpr int ungreeted_at_most = 16; /* of one process */
 
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
-static uint32_t last_number;
+static uint32_t last_newcomer;
 static time_point retry = time_point::max(); /* of the listeners that are left alone */
 static time_point next_complaint;
 
@@ -152,7 +152,7 @@ static void handle_newcomer(newcomer &&n)
 {
     if (try_greeting(n))
         return;
-    n.number = ++last_number;
+    n.number = ++last_newcomer;
     n.deadline = std::chrono::steady_clock::now() + time_to_greet;
     make_place_for(n);
     if (helper_watch(watch_greeting, n.control.get(), EPOLLIN, 0, n.number))

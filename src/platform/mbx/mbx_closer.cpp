@@ -7,26 +7,26 @@
 
 #include <deque>
 
-static constexpr size_t stack_bytes = size_t{64} * 1024;
+static constexpr size_t closer_stack = size_t{64} * 1024;
 
 std::mutex closer_lock;
 /* Guarded by closer_lock. The queue is never destroyed: the thread uses it until the process ends.
  */
-static std::deque<to_close> *waiting = new std::deque<to_close>; /* the first is being closed */
+static std::deque<to_close> *closing = new std::deque<to_close>; /* the first is being closed */
 static bool is_running;
 
-static void *run(void *)
+static void *run_closer(void *)
 {
     pthread_setname_np(pthread_self(), "mbx-closer");
     std::unique_lock hold(closer_lock);
-    while (!waiting->empty()) {
+    while (!closing->empty()) {
         {
-            const std::vector<owned_fd> fds = std::move(waiting->front().fds);
-            const std::shared_ptr<entry> place = std::move(waiting->front().place);
+            const std::vector<owned_fd> fds = std::move(closing->front().fds);
+            const std::shared_ptr<entry> place = std::move(closing->front().place);
             hold.unlock();
         }
         hold.lock();
-        waiting->pop_front();
+        closing->pop_front();
     }
     is_running = false;
     return nullptr;
@@ -36,14 +36,14 @@ static void *run(void *)
 static bool start_thread()
 {
     pthread_t thread;
-    return util::start_thread(thread, stack_bytes, run, nullptr) == 0 &&
+    return util::start_thread(thread, closer_stack, run_closer, nullptr) == 0 &&
            pthread_detach(thread) == 0;
 }
 
 void close_later(to_close &&what)
 {
     std::lock_guard hold(closer_lock);
-    waiting->push_back(std::move(what));
+    closing->push_back(std::move(what));
     if (!is_running)
         is_running = start_thread();
 }
@@ -51,9 +51,9 @@ void close_later(to_close &&what)
 bool is_closing_too_many(const peer_identity &peer)
 {
     std::lock_guard hold(closer_lock);
-    if (waiting->size() <= closing_at_most)
+    if (closing->size() <= closing_at_most)
         return false;
-    return std::any_of(waiting->begin(), waiting->end(),
+    return std::any_of(closing->begin(), closing->end(),
                        [&](const to_close &one) { return one.peer.key() == peer.key(); });
 }
 
@@ -61,6 +61,6 @@ bool is_closing_too_many(const peer_identity &peer)
    them could be the last one by then and block the child. */
 void forget_closer()
 {
-    waiting = new std::deque<to_close>;
+    closing = new std::deque<to_close>;
     is_running = false;
 }

@@ -13,8 +13,8 @@
 
 std::mutex helper_lock;
 
-static constexpr int events_at_once = 32;
-static constexpr size_t stack_bytes = size_t{128} * 1024;
+static constexpr int helper_events = 32;
+static constexpr size_t helper_stack = size_t{128} * 1024;
 
 /* Open while it runs. The event wakes or stops it. */
 static std::atomic<int> helper_poll{-1};
@@ -58,14 +58,14 @@ static void handle_events(const epoll_event *events, int count)
     }
 }
 
-static void *run(void *)
+static void *run_helper(void *)
 {
     pthread_setname_np(pthread_self(), "mbx-helper");
     time_point next = time_point::max();
     while (!should_stop) {
-        epoll_event events[events_at_once];
+        epoll_event events[helper_events];
         const int wait = next == time_point::max() ? -1 : milliseconds_until(next);
-        const int count = epoll_wait(helper_poll, events, events_at_once, wait);
+        const int count = epoll_wait(helper_poll, events, helper_events, wait);
         std::lock_guard hold(helper_lock);
         handle_events(events, count);
         next = run_timers();
@@ -89,7 +89,7 @@ bool start_helper(const helper_duties &its_duties)
     should_stop = false;
     if (helper_poll != -1 && helper_event != -1 &&
         helper_watch(watch_wake, helper_event, EPOLLIN, 0, 0)) {
-        errno = util::start_thread(thread, stack_bytes, run, nullptr);
+        errno = util::start_thread(thread, helper_stack, run_helper, nullptr);
         if (errno == 0)
             return true;
     }

@@ -47,7 +47,7 @@ std::mutex parting_lock;
 /* Guarded by parting_lock. Objects with a destructor are never destroyed, as the helper may
    outlive main(). */
 static std::vector<parted> &all = *new std::vector<parted>;
-static uint32_t last_number;
+static uint32_t last_parted;
 static time_point next_look;                 /* at those that have ended at the peer */
 static owned_fd &left_bells = *new owned_fd; /* an epoll of the bells that peers may still have */
 static owned_fd &ends = *new owned_fd;       /* an inotify: reports memory files that are gone */
@@ -153,7 +153,7 @@ static bool is_over(parted &p, time_point now)
 static bool keep(parted &p)
 try {
     all.reserve(all.size() + 1);
-    p.number = ++last_number;
+    p.number = ++last_parted;
     if (!helper_watch(watch_parting, p.control.get(), EPOLLRDHUP, 0, p.number))
         return false;
     all.push_back(std::move(p));

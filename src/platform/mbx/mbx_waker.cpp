@@ -24,7 +24,7 @@
 
 static constexpr size_t due_at_most = 1024;
 static constexpr uint32_t reads_at_once = 256;
-static constexpr size_t stack_bytes = size_t{64} * 1024;
+static constexpr size_t waker_stack = size_t{64} * 1024;
 
 namespace
 {
@@ -116,7 +116,7 @@ static void ring_all(waker &w, std::span<const due_bell> bells)
 }
 
 /* The close of a bell, which is a file of the kernel's own, waits for nobody. */
-static void *run(void *argument)
+static void *run_waker(void *argument)
 {
     waker &w = *static_cast<waker *>(argument);
     pthread_setname_np(pthread_self(), "mbx-waker");
@@ -142,7 +142,7 @@ try {
         return false;
     w.due.reserve(due_at_most);
     w.ringing.reserve(due_at_most);
-    return util::start_thread(w.thread, stack_bytes, run, &w) == 0;
+    return util::start_thread(w.thread, waker_stack, run_waker, &w) == 0;
 } catch (const std::bad_alloc &) {
     return false;
 }
