@@ -144,6 +144,8 @@ static const struct {
      "light faded", certainty::likely},
     {R"("rx_before": [-11, -2, -2, -2], "rx_after": [-13, -2, -2, -2], "rx_los_after": [1, 0, 0, 0])",
      "light faded", certainty::likely},
+    {R"("rx_lost_before": 4, "rx_before": [-10, -2, -2, -2], "rx_after": [-20, -2, -2, -2])",
+     "light faded", certainty::likely}, /* the weakest lane was near the limit before */
     {R"("rx_low_alarm": null, "rx_before": [-20, -2, -2, -2], "rx_after": [-20.2, -2, -2, -2])",
      "not known", certainty::possible},
     {std::string(R"("rx_lost_before": 4, "rx_before": [-8, -8, -8, -8], )") + dark, "light lost",
@@ -276,6 +278,8 @@ TEST(causes, two_ends_tell_more_as_far_as_their_clocks_allow)
     } rows[] = {
         {dark, R"("set_down": true, "time": 997)", "set down", side::remote, true, false},
         {dark, R"("set_down": true, "time": 1001)", "set down", side::remote, false, true},
+        {dark, R"("set_down": true, "time": 997.5, "clock_error_s": 3)", "set down", side::remote,
+         false, false},
         {dark, R"("set_down": true, "time": 1002)", "light lost", side::between, true, true},
         {dark, R"("set_down": true, "time": 990)", "light lost", side::unknown, false, false},
         {dark, R"("set_down": true, "time": null)", "set down", side::remote, false, false},
@@ -304,6 +308,34 @@ TEST(causes, two_ends_tell_more_as_far_as_their_clocks_allow)
     }
 }
 
+TEST(causes, facts_of_the_other_end_that_contradict_lower_the_certainty)
+{
+    order who;
+    for (const auto &[negotiates, expected] :
+         {std::pair{"true", certainty::likely}, {"false", certainty::possible}}) {
+        const std::string there =
+            std::string(R"("extended_state": "Autoneg", "negotiates": )") + negotiates;
+        const verdict made = judge_both(facts_with(dark), facts_with(there), who);
+        EXPECT_EQ(made.side, side::between);
+        EXPECT_EQ(made.certainty, expected) << there;
+    }
+}
+
+TEST(causes, sentences_have_the_lanes_and_ports_that_are_meant)
+{
+    static const std::pair<const char *, const char *> rows[] = {
+        {R"("rx_after": [-2, -40, -2, -40])", " on lanes 1, 3 of 4"},
+        {R"("set_down": true, "device_others_fell": 2, "device_others_stayed": 1,
+            "machine_others_fell": 4)",
+         "of the device fell within a second, too: 2; 1 stayed up."}};
+    for (const auto &[changes, part] : rows) {
+        std::string all;
+        for (const std::string &each : judge(facts_with(changes)).evidence)
+            all += each;
+        EXPECT_NE(all.find(part), std::string::npos) << all;
+    }
+}
+
 TEST(causes, the_record_of_this_end_is_not_the_other_ends)
 {
     const facts here = facts_with(std::string(R"("boot": "b", "interface": "eth1", )") + dark);
@@ -318,8 +350,8 @@ TEST(causes, facts_are_read_strictly_and_written_as_they_were)
     for (const char *wrong :
          {"[]", R"({"rx": 1})", R"({"set_down": 1})", R"({"time": "now"})", R"({"rx_before": []})",
           R"({"rx_before": [1, "2"]})", R"({"rx_before": [1], "rx_after": [1, 2]})",
-          R"({"errors_before": 2})", R"({"medium": 3})", R"({"state_after": "broken"})",
-          R"({"rx_after": [1e99]})"})
+          R"({"rx_before": [1, 2], "rx_after": [1]})", R"({"errors_before": 2})",
+          R"({"medium": 3})", R"({"state_after": "broken"})", R"({"rx_after": [1e99]})"})
         EXPECT_THROW(facts_from(json::parse(wrong)), facts_error) << wrong;
     std::ifstream examples(TESK_SOURCE_DIR "/examples/facts/falls.jsonl");
     std::string found;

@@ -264,6 +264,15 @@ TEST_F(client, neither_a_late_history_nor_one_that_claims_more_than_it_holds_is_
     };
     EXPECT_EQ(read_history(), TESK_CLIENT_OK);
     EXPECT_EQ(record.port_no, 2u);
+    mbx.react = nullptr;
+    EXPECT_EQ(read_history(), TESK_CLIENT_TIMEOUT);
+    mbx.react = answering_server; // answers a later request: the former answer is lost
+    EXPECT_EQ(tesk_client_read_capabilities(session, &capability, 1, &count), TESK_CLIENT_OK);
+    mbx.react = [](const auto &request) {
+        mbx.deliver({request[0] + 1, 2, 8, 2, 1000, 7, 9, 2, 1000, 8, 0});
+    };
+    EXPECT_EQ(read_history(), TESK_CLIENT_OK);
+    EXPECT_EQ(record.port_no, 9u) << "the newest of two, where one has room";
 }
 
 TEST_F(client, an_indication_is_known_by_its_port_and_number_alone)
@@ -324,6 +333,7 @@ TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_on
 {
     // After a first subscribe: s(ubscribe) and u(nsubscribe), each confirmed (y) or rejected (n).
     static const std::tuple<std::string, std::string, bool> cases[] = {
+        {"s", "n", true},
         {"us", "yy", true},
         {"us", "yn", false},
         {"us", "nn", true},
@@ -369,6 +379,7 @@ TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_on
 TEST_F(client, histories_that_are_never_answered_cost_no_memory_and_are_not_mixed_up)
 {
     options.deadline_ms = 1;
+    options.window = 1;
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
     mbx.react = nullptr;
     largest_allocation = 0;
@@ -427,6 +438,29 @@ TEST_F(client, after_a_reconnection_the_confirmed_subscriptions_are_renewed_befo
     run_until_reported(6);
     EXPECT_EQ(reported, (strings{"lost", "5 the server went away", "restored", "status 3 2",
                                  "subscription lost: invalid port", "3 "}));
+}
+
+TEST_F(client, a_renewal_begins_anew_after_a_loss_and_is_reported_without_an_answer)
+{
+    options.window = 1;
+    options.reconnect = true;
+    options.retry_ms = 1;
+    options.deadline_ms = 200;
+    ASSERT_EQ(connect(), TESK_CLIENT_OK);
+    for (uint32_t port : {0u, 1u})
+        ASSERT_EQ(tesk_client_subscribe(session, TESK_CLIENT_SFP_INFO, port), TESK_CLIENT_OK);
+    mbx.react = [](const auto &request) {
+        if (request[0] == TESK_CONN_ESTABLISH_REQ)
+            answering_server(request);
+    };
+    for (size_t loss = 1; loss <= 2; loss++) {
+        mbx.deliver({MBX_MONITOR_DEFAULT_NO});
+        run_until_reported(2 * loss);
+        EXPECT_EQ(mbx.sent.back().at(3), 0u) << loss;
+    }
+    run_until_reported(5);
+    EXPECT_EQ(reported, (strings{"lost", "restored", "lost", "restored",
+                                 "subscription lost: no answer in time"}));
 }
 
 // Of 20 doubled pauses without an end the last one would take a quarter of an hour.
@@ -592,7 +626,8 @@ TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)
 {
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
     tesk_client_stop(session);
-    tesk_client_read_capabilities(session, &capability, 1, &count); // takes the wake-up first
+    for (int i = 0; i < 2; i++) // the first one takes the wake-up
+        tesk_client_read_capabilities(session, &capability, 1, &count);
     EXPECT_EQ(tesk_client_run(session, -1), TESK_CLIENT_OK);
     EXPECT_EQ(tesk_client_run(session, 0), TESK_CLIENT_OK);
 }
