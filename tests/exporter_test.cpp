@@ -511,6 +511,16 @@ TEST_F(exporter_board, grades_are_refreshed_the_oldest_first_at_the_allowed_pace
     apply(module_in(0, "")); /* nothing to grade */
     EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt);
     warm_up(700);
+    EXPECT_EQ(board.choose_refresh(now.steady), 7u);
+    apply(gone_fact{7});
+    apply(grades_fact{7, false, {}});
+    pass(seconds(6));
+    apply(module_in(0, "S"));
+    for (const int32_t temperature : {400, 700})
+        apply(reading_fact{values_of(0, 500, temperature)});
+    EXPECT_EQ(board.choose_refresh(now.steady), 0u) << "the refresh of the other port is over";
+    apply(grades_fact{0, false, {}});
+    pass(seconds(60));
     apply(request_fact{TESK_CLIENT_TIMEOUT, {}});
     EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* the server has trouble */
 }
@@ -593,6 +603,10 @@ TEST(exporter_plots, a_slot_holds_the_last_value_of_its_time_and_a_long_one_the_
     EXPECT_EQ(kept.day(start + 86'400, 143).least[plotted_temperature], plots::absent);
     EXPECT_EQ(kept.day(start + 86'400, 0).least[plotted_temperature], 1);
     EXPECT_EQ(kept.hour(start + 86'400, 237)[plotted_temperature], plots::absent);
+    plots other;
+    for (const uint64_t time : {start, start + 2 * 3600 - 15})
+        other.add(values_of(0, 1000, 100), time);
+    EXPECT_EQ(other.hour(start + 2 * 3600 - 15, 239)[plotted_temperature], plots::absent);
     EXPECT_EQ(plots::in_unit(plotted_voltage, kept.hour(start + 86'400, 0)[plotted_voltage]), 3.3);
 }
 

@@ -11,9 +11,11 @@
 #include "program/words.h"
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
+#include "tools/teskctl/fall_watch.h"
 #include "tools/teskctl/history_fold.h"
 #include "tools/teskctl/layout.h"
 #include "tools/teskctl/module_view.h"
+#include "tools/teskctl/report.h"
 #include "tools/teskctl/top_view.h"
 #include "tools/teskctl/trend_plot.h"
 #include "util/deadline.h"
@@ -25,6 +27,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <span>
 #include <sys/stat.h>
 
 using strings = std::vector<std::string>;
@@ -146,8 +149,39 @@ TEST(teskctl, diagnostics_have_the_flags_of_their_last_reading)
     record.vdm_count = 3;
     record.vdm[1].raised = 1U << DOLM_RIC_FLAG_LOW_WARNING | 1U << DOLM_RIC_FLAG_HIGH_ALARM;
     record.vdm[2].raised = DOLM_RIC_VDM_FLAGS_UNKNOWN;
-    testkit::expect_parts(page_text(module_lines(record, "", 0, {})),
-                          {"  -\n", "  low warning; high alarm\n", "  not read\n"});
+    record.lane_count = 2;
+    record.own_lanes = 1;
+    for (dolm_ric_details_lane &lane : std::span(record.lane).first(2))
+        lane.value[DOLM_RIC_RX_POWER] = {DOLM_RIC_VALUE_VALID, 0, 1, 0.5, {}};
+    record.lane[0].signal[DOLM_RIC_RX_LOS] = {DOLM_RIC_VALUE_VALID, 0, 2, 1, 1};
+    const std::string page = page_text(module_lines(record, "", 0, {}));
+    testkit::expect_parts(page,
+                          {"  -\n", "  low warning; high alarm\n", "  not read\n", "rx power 0 ",
+                           "rx power 1*", "a lane of another port", "rx los on lane 0 2x, last"});
+}
+
+TEST(teskctl, each_fall_is_looked_at_when_it_has_been_recorded)
+{
+    const testkit::directory directory;
+    fall_watch watch(directory.path, [](const watched_fall &) {});
+    watch.take(3);
+    EXPECT_FALSE(watch.next()) << "nothing fell since";
+    const auto before = std::chrono::steady_clock::now();
+    watch.take(3);
+    EXPECT_GE(watch.next().value() - before, std::chrono::milliseconds(2200));
+}
+
+TEST(teskctl, the_exit_code_is_that_of_the_worst_failure)
+{
+    const settings common;
+    reporter report(common);
+    tesk_client_answer answer{};
+    answer.text = "";
+    for (const auto result : {TESK_CLIENT_TIMEOUT, TESK_CLIENT_REJECTED}) {
+        answer.result = result;
+        report.failed(answer);
+    }
+    EXPECT_EQ(report.code(), exit_code::no_answer);
 }
 
 TEST(teskctl, a_value_has_moved_at_its_limit_and_not_before)
@@ -254,6 +288,9 @@ TEST(teskctl, a_history_is_folded_only_where_records_belong_together)
         {{{1, 5, 1, 5}, {2, 5, 1, 5}}, strings(2, "5 indication for client 1 (reference 0)")},
         {{{1, 5, 1, 5}, {2, 6, 2, 5}},
          {"5 indication for client 1 (reference 0)", "6 indication for client 2 (reference 0)"}},
+        {{{1, 5, 1, 5}, {2, 5, 2, 5}, {3, 6, 1, 5}},
+         {"5 indication for clients 1 (reference 0), 2 (reference 0)",
+          "6 indication for client 1 (reference 0)"}},
         {{{1, 5, 1, 5}, {10'002, 5, 2, 5}},
          {"5 indication for client 1 (reference 0)", "5 indication for client 2 (reference 0)"}}};
     for (const auto &[actions, expected] : cases) {
@@ -496,7 +533,7 @@ TEST_F(teskctl_system, watch_comes_back_with_the_server_and_leaves_nothing_behin
     server.reset();
     await("\"event\":\"lost\"}");
     const std::string board = directory.path + "/board";
-    testkit::run("printf 'ports 1\nfail subslink busy 1\n' >" + board, output);
+    testkit::run("printf 'ports 1\nfail subslink busy 2\n' >" + board, output);
     server.emplace(strings{"DOLM_RIC_BOARD=" + board});
     await("\"event\":\"restored\"}");
     await("subscription lost");
