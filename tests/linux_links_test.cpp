@@ -292,6 +292,16 @@ TEST_F(link_table_test, a_vanishing_interface_is_one_fall_and_so_is_another_spee
     EXPECT_EQ("rm??", events.departures) << "removed, moved, late, not there in a dump";
 }
 
+TEST_F(link_table_test, without_counters_the_speed_is_asked_for_after_each_fall)
+{
+    take(report(2, 0, 0));
+    table.take_speed(7, {100, 4}, now);
+    EXPECT_FALSE(table.is_speed_wanted(7, now));
+    for (const uint32_t state : {1U, 2U})
+        table.take(report(state, 0, 0), link_table::origin::notice, now);
+    EXPECT_TRUE(table.is_speed_wanted(7, now));
+}
+
 TEST(kernel_notes_test, a_note_counts_for_its_interface_and_time)
 {
     kernel_notes notes;
