@@ -604,9 +604,9 @@ TEST(exporter_plots, a_slot_holds_the_last_value_of_its_time_and_a_long_one_the_
     EXPECT_EQ(kept.day(start + 86'400, 0).least[plotted_temperature], 1);
     EXPECT_EQ(kept.hour(start + 86'400, 237)[plotted_temperature], plots::absent);
     plots other;
-    for (const uint64_t time : {start, start + 2 * 3600 - 15})
+    for (const uint64_t time : {start, start + 7185})
         other.add(values_of(0, 1000, 100), time);
-    EXPECT_EQ(other.hour(start + 2 * 3600 - 15, 239)[plotted_temperature], plots::absent);
+    EXPECT_EQ(other.hour(start + 7185, 239)[plotted_temperature], plots::absent);
     EXPECT_EQ(plots::in_unit(plotted_voltage, kept.hour(start + 86'400, 0)[plotted_voltage]), 3.3);
 }
 
