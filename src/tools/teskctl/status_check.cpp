@@ -5,6 +5,7 @@
 
 #include "program/exit_code.h"
 #include "program/words.h"
+#include "tools/teskctl/port_requests.h"
 
 /* A module of the same type has the same status if nothing of it can be read. */
 static bool is_perhaps_empty(const tesk_client_port_status &status)
@@ -51,9 +52,10 @@ void status_check::take(session &server, const tesk_client_sfp_info &info)
         return show_info_(info);
     ask(server, info.port_no, [this, info](const tesk_client_answer &answer) {
         tesk_client_sfp_info checked = info;
-        const bool is_there =
-            answer.pm != nullptr || answer.rejection == TESK_CLIENT_REJECTION_BUSY;
-        if (info.type == TESK_CLIENT_SFP_NOT_PRESENT && is_there)
+        /* Values alone may be those of the next module, where one was swapped. */
+        const bool is_unready = answer.rejection == TESK_CLIENT_REJECTION_BUSY ||
+                                (answer.pm != nullptr && !unready_ports({info.port_no}).empty());
+        if (info.type == TESK_CLIENT_SFP_NOT_PRESENT && is_unready)
             checked.type = module_not_ready;
         show_info_(checked);
     });
