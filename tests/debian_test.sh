@@ -4,7 +4,7 @@
 # reason, every compilation is hardened, and the libraries have all that those of 1.0.0 had. packages_test.sh
 # uses this build. Needs root, the right to mount, and Debian's mirror.
 #
-# With --twice, which takes a quarter of an hour more, a second build in a minimal root runs the tests, too, and gives
+# With --twice a second build in a minimal root runs the tests, too, and gives
 # the same packages to the byte, and a third one those for arm64.
 set -euo pipefail
 cd "$(dirname "$0")/.."

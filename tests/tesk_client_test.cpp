@@ -162,6 +162,18 @@ struct client : testing::Test {
         return tesk_client_read_history(session, TESK_CLIENT_HISTORY_SFP_INFO, &record, 1, &count);
     }
     // Runs until so much has been reported.
+    /* Subscriptions that outlive the loss of the server, requests one at a time. */
+    void subscribe_for_good(tesk_client_kind kind, std::initializer_list<uint32_t> ports,
+                            uint32_t deadline_ms)
+    {
+        options.window = 1;
+        options.reconnect = true;
+        options.retry_ms = 1;
+        options.deadline_ms = deadline_ms;
+        ASSERT_EQ(connect(), TESK_CLIENT_OK);
+        for (const uint32_t port : ports)
+            ASSERT_EQ(tesk_client_subscribe(session, kind, port), TESK_CLIENT_OK);
+    }
     void run_until_reported(size_t wanted)
     {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -410,13 +422,7 @@ TEST_F(client, without_reconnection_the_loss_of_the_server_ends_everything)
 
 TEST_F(client, after_a_reconnection_the_confirmed_subscriptions_are_renewed_before_anything_else)
 {
-    options.window = 1;
-    options.reconnect = true;
-    options.retry_ms = 1;
-    options.deadline_ms = 20000;
-    ASSERT_EQ(connect(), TESK_CLIENT_OK);
-    for (uint32_t port : {3u, 4u})
-        ASSERT_EQ(tesk_client_subscribe(session, TESK_CLIENT_PORT_STATUS, port), TESK_CLIENT_OK);
+    subscribe_for_good(TESK_CLIENT_PORT_STATUS, {3, 4}, 20000);
     run_until_reported(2);
     reported.clear();
     mbx.locate_error = ENOENT;
@@ -442,13 +448,7 @@ TEST_F(client, after_a_reconnection_the_confirmed_subscriptions_are_renewed_befo
 
 TEST_F(client, a_renewal_begins_anew_after_a_loss_and_is_reported_without_an_answer)
 {
-    options.window = 1;
-    options.reconnect = true;
-    options.retry_ms = 1;
-    options.deadline_ms = 200;
-    ASSERT_EQ(connect(), TESK_CLIENT_OK);
-    for (uint32_t port : {0u, 1u})
-        ASSERT_EQ(tesk_client_subscribe(session, TESK_CLIENT_SFP_INFO, port), TESK_CLIENT_OK);
+    subscribe_for_good(TESK_CLIENT_SFP_INFO, {0, 1}, 200);
     mbx.react = [](const auto &request) {
         if (request[0] == TESK_CONN_ESTABLISH_REQ)
             answering_server(request);

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <optional>
-#include <set>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -178,23 +177,10 @@ static bool is_simulated(const std::string &path)
            errno == EAGAIN;
 }
 
-/* The ports that the server has by its port map; nothing where there is no such map. */
-static std::optional<std::set<uint32_t>> ports_in_force()
-{
-    std::set<uint32_t> ports;
-    const tesk_client_result read = tesk_client_read_port_map(
-        nullptr,
-        [](uint32_t port_no, const char *, void *user) {
-            static_cast<std::set<uint32_t> *>(user)->insert(port_no);
-        },
-        &ports);
-    return read == TESK_CLIENT_OK ? std::optional(ports) : std::nullopt;
-}
-
 /* Judges a line of the reader's check. It is a message, or a port of a right line; a port that the
    server's port map lacks isn't used by the server. */
 static void judge_line(const std::string &line, const std::string &path,
-                       const std::optional<std::set<uint32_t>> &in_force, findings &all)
+                       const std::optional<port_name_map> &in_force, findings &all)
 {
     const std::string begin = fmt::format("{}: ", reader), shown = escape(path);
     if (line.starts_with(begin + path) || line.starts_with(begin + "there is no port")) {
@@ -275,7 +261,7 @@ findings check_configuration(const unit_table &units)
                          "read as ports",
                  ""}};
     findings all;
-    const auto in_force = ports_in_force();
+    const auto in_force = port_map();
     for (const std::string &line :
          lines_of(output_of(fmt::format("DOLM_RIC_PORTS={} {} timeout 5 {} --print-ports 2>&1",
                                         quoted(path), with_sbin, reader))))

@@ -44,7 +44,7 @@ static std::vector<uint32_t> probe(event_loop &loop, session &server)
     return found;
 }
 
-port_name_map port_names()
+std::optional<port_name_map> port_map()
 {
     port_name_map names;
     const tesk_client_result result = tesk_client_read_port_map(
@@ -57,31 +57,29 @@ port_name_map port_names()
     if (result != TESK_CLIENT_OK && result != TESK_CLIENT_NO_PORT_MAP &&
         !std::exchange(is_reported, true))
         complain("teskctl", fmt::format("port map ignored: {}", tesk_client_error()));
-    return names;
+    return result == TESK_CLIENT_OK ? std::optional(std::move(names)) : std::nullopt;
 }
 
-/* If there is a port map without a port, the board has none: no numbers are tried. */
-static void require_ports()
+port_name_map port_names()
 {
-    const auto ignore = [](uint32_t, const char *, void *) {};
-    if (tesk_client_read_port_map(nullptr, ignore, nullptr) == TESK_CLIENT_OK)
-        throw tool_error(exit_code::rejected,
-                         "the server has no port, as its port map says; \"journalctl -u "
-                         "tesk-server\" has a line that begins with \"there is no port\" and says "
-                         "what was looked for");
+    return port_map().value_or(port_name_map{});
 }
 
 std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text)
 {
     if (!is_all(text))
         return parse_ports(text, port_names());
+    const auto named = port_map();
+    if (named && named->empty())
+        throw tool_error(exit_code::rejected,
+                         "the server has no port, as its port map says; \"journalctl -u "
+                         "tesk-server\" has a line that begins with \"there is no port\" and says "
+                         "what was looked for");
     std::vector<uint32_t> ports;
-    for (const auto &[port_no, name] : port_names())
+    for (const auto &[port_no, name] : named.value_or(port_name_map{}))
         ports.push_back(port_no);
-    if (ports.empty()) {
-        require_ports();
+    if (!named)
         ports = probe(loop, server);
-    }
     if (ports.empty() && loop.signal() == 0)
         throw tool_error(
             exit_code::rejected,

@@ -5,6 +5,7 @@
 #include "program/port_list.h"
 #include "tools/teskctl/session.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ void check_ports(const ports_text &text);
    none is found. Empty if a process signal came. */
 std::vector<uint32_t> select_ports(event_loop &loop, session &server, const ports_text &text);
 
-/* The interface names by port number, as far as the port map has them; escaped. A map that is wrong
-   or can't be read is reported on standard error once, and ignored. */
+/* The server's port map: interface names by port number, escaped. Nothing where there is none, or
+   where it is wrong or can't be read, which is reported on standard error once. */
+std::optional<port_name_map> port_map();
+
+/* That map; empty where there is none. */
 port_name_map port_names();
