@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
-# tesk_options: the warnings and sanitizers of all our sources.
+# tesk_options: the warnings and sanitizers of all our sources. In several sources compiled as one, a local name
+# may be that of another source's variable: clang-tidy, which reads each by itself, reports what is shadowed.
 set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 option(TESK_WERROR "Warnings are errors; a distribution has other compilers" ON)
 option(TESK_COVERAGE "Build for a line coverage report" OFF)
 
 add_library(tesk_options INTERFACE)
 target_compile_options(tesk_options INTERFACE
-  -Wall -Wextra -Wshadow -Wconversion -Wmissing-declarations $<$<BOOL:${TESK_WERROR}>:-Werror>
+  -Wall -Wextra $<$<NOT:$<BOOL:${TESK_UNITY}>>:-Wshadow> -Wconversion -Wmissing-declarations $<$<BOOL:${TESK_WERROR}>:-Werror>
   -fno-common)
 target_include_directories(tesk_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
 

@@ -135,6 +135,11 @@ json_object to_json(const tesk_client_history_record &record, tesk_client_histor
     return object;
 }
 
+json_object text_or_null(const std::string &text)
+{
+    return text.empty() ? json_object(nullptr) : json_object(text);
+}
+
 std::string to_line(const json_object &object)
 {
     return object.dump(-1, ' ', false, json_object::error_handler_t::replace);

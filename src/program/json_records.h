@@ -19,6 +19,9 @@ json_object to_json(const tesk_client_port_status &status);
 json_object to_json(const tesk_client_pm &pm);
 json_object to_json(const tesk_client_history_record &record, tesk_client_history_kind kind);
 
+/* Null for a text that is empty. */
+json_object text_or_null(const std::string &text);
+
 /* One line, without its end. Bytes that are not UTF-8, as a directory's name can have them, are
    replaced; they cause no exception. */
 std::string to_line(const json_object &object);

@@ -33,11 +33,6 @@ static json_object time_or_null(uint64_t time_us)
     return time_us == 0 ? json_object(nullptr) : json_object(iso_time(time_us));
 }
 
-static json_object text_or_null(const std::string &text)
-{
-    return text.empty() ? json_object(nullptr) : json_object(text);
-}
-
 static json_object days_or_null(std::span<const forecast_sample> forecasts, uint32_t port)
 {
     const auto soonest = std::ranges::find(forecasts, port, &forecast_sample::port);

@@ -36,11 +36,6 @@ struct port_history {
 
 } // namespace
 
-static json_object text_or_null(const std::string &text)
-{
-    return text.empty() ? json_object(nullptr) : json_object(text);
-}
-
 static bool is_present(const history::chronicle &kept, const history::place &in)
 {
     return kept.occupant_of(in.port) == in.id;

@@ -25,7 +25,7 @@ namespace exporter
 {
 
 /* Often enough for steps of five minutes. */
-static constexpr std::chrono::seconds look_pause{10};
+static constexpr std::chrono::seconds step_look_pause{10};
 
 /* Without any reading no step ends. */
 static constexpr int64_t longest_look_pause = 3600;
@@ -324,7 +324,7 @@ void history_keeper::run()
         chronicle_.advance(clocks_now());
         look_ahead(clocks_now());
         is_well_ = chronicle_.trouble().empty() && chronicle_.write_trouble().empty();
-        if (thread_.wait(wake_.fd(), look_pause))
+        if (thread_.wait(wake_.fd(), step_look_pause))
             wake_.take();
     }
     process(take_all());

@@ -23,7 +23,7 @@ namespace exporter
 {
 
 static constexpr size_t connection_memory = 16384; /* of the library for one, headers included */
-static constexpr std::chrono::seconds look_pause{5};
+static constexpr std::chrono::seconds connections_look_pause{5};
 
 struct http_server::route {
     std::string_view path;
@@ -94,7 +94,7 @@ void http_server::run()
 {
     const steady_time now = steady_clock::now();
     if (now >= next_look_) {
-        next_look_ = now + look_pause;
+        next_look_ = now + connections_look_pause;
         connections_.end_overdue(now);
         readers_.look();
         give_memory_back();

@@ -8,7 +8,7 @@
 namespace exporter
 {
 
-static constexpr uint32_t deadline_ms = 2000;
+static constexpr uint32_t refresh_deadline_ms = 2000;
 
 refresher::refresher(fact_queue &facts) : facts_(facts)
 {
@@ -30,7 +30,7 @@ grades_fact refresher::refresh(uint32_t port_no)
 {
     result_ = {port_no, false, {}};
     tesk_client_options options{};
-    options.deadline_ms = deadline_ms;
+    options.deadline_ms = refresh_deadline_ms;
     options.user = this;
     options.on_port_status = [](const tesk_client_port_status *status, void *user) {
         auto *self = static_cast<refresher *>(user);
@@ -42,7 +42,7 @@ grades_fact refresher::refresh(uint32_t port_no)
         return result_;
     if (tesk_client_subscribe(session_, TESK_CLIENT_PORT_STATUS, port_no) == TESK_CLIENT_OK &&
         !result_.succeeded)
-        tesk_client_run(session_, deadline_ms);
+        tesk_client_run(session_, refresh_deadline_ms);
     tesk_client_close(std::exchange(session_, nullptr));
     return result_;
 }
