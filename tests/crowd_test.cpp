@@ -36,7 +36,7 @@ using namespace std::chrono;
 static constexpr char executable[] = TESK_BIN_DIR "/tesk-server";
 static constexpr char lost_line[] = "ABN: client lost - remove its' data ";
 
-static int count_of(int usual, int in_long_runs)
+static uint32_t count_of(uint32_t usual, uint32_t in_long_runs)
 {
     return getenv("TESK_LONG") != nullptr ? in_long_runs : usual;
 }
@@ -165,7 +165,7 @@ TEST_F(crowd, clients_that_die_at_any_moment_leave_nothing_behind)
     const auto any_moment = [&] { usleep(static_cast<useconds_t>(random() % 3000)); };
     std::unique_ptr<testkit::test_client> alive[3];
     client witness;
-    for (int life = count_of(200, 5000); life > 0; life--) {
+    for (uint32_t life = count_of(200, 5000); life > 0; life--) {
         if (random() % 4 == 0) { /* dies on its way in */
             const pid_t early = testkit::start({TESK_BIN_DIR "/test_client", "load"});
             any_moment();
@@ -484,7 +484,7 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
         EXPECT_TRUE(testkit::sanitized || group.usage() <= idle + kept) << group.usage();
         printf("most %ld KiB, end %ld\n", most / 1024, group.usage() / 1024);
     };
-    const uint32_t watchers = testkit::sanitized ? 50 : count_of(100, 500);
+    const uint32_t watchers = testkit::sanitized ? 50u : count_of(100, 500);
     for (int process = 0; process < 2; process++)
         players.push_back(play(0, [&] {
             static held all;
@@ -539,7 +539,7 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
     std::ranges::sort(answers);
     const double p99 = answers[answers.size() * 99 / 100];
     /* Any machine runs the usual one, and a sanitizer makes all slow. */
-    EXPECT_LT(p99, testkit::sanitized ? 5000 : count_of(200, 20));
+    EXPECT_LT(p99, testkit::sanitized ? 5000u : count_of(200, 20));
     EXPECT_GT(seen_by->let_in, 10u);
     EXPECT_LE(seen_by->turned_away, 1u); /* the last one was on its way */
     EXPECT_TRUE(testkit::sanitized || seen_by->rounds > 0);
