@@ -32,8 +32,7 @@ std::mutex accounts_lock;
 /* Never destroyed: the helper may outlive main(). Guarded by accounts_lock. */
 static user_accounts *users = new user_accounts;
 
-/* The number in the environment, or the usual one. */
-static size_t setting(const char *name, size_t usual)
+size_t setting(const char *name, size_t usual)
 {
     const char *set = secure_getenv(name);
     const long long number = set ? strtoll(set, nullptr, 10) : 0;

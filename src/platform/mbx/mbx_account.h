@@ -107,6 +107,8 @@ inline bool is_much_held()
 {
     return total.bytes.load(std::memory_order_relaxed) > held_at_most / 4;
 }
+/* The number in the environment, but not in a set-uid program's; else the usual one. */
+size_t setting(const char *name, size_t usual);
 /* One line on standard error, where the environment sets a limit. */
 void report_limits();
 

@@ -48,24 +48,22 @@ static void make_room_for_descriptors()
     const owned_fd highest(fcntl(any.get(), F_DUPFD_CLOEXEC, last));
 }
 
+static std::mutex *const last_locks[] = {&parting_lock, &accounts_lock, &closer_lock, &waker_lock};
+
 /* A fork holds all locks, and the child drops its copies. */
 static void before_fork() /* in the order of the locks */
 {
     helper_lock.lock();
     registry_lock.lock();
     for_each_mailbox([](mailbox &m) { m.lock.lock(); });
-    parting_lock.lock();
-    accounts_lock.lock();
-    closer_lock.lock();
-    waker_lock.lock();
+    for (std::mutex *lock : last_locks)
+        lock->lock();
 }
 
 static void after_fork()
 {
-    waker_lock.unlock();
-    closer_lock.unlock();
-    accounts_lock.unlock();
-    parting_lock.unlock();
+    for (std::mutex *lock : last_locks)
+        lock->unlock();
     for_each_mailbox([](mailbox &m) { m.lock.unlock(); });
     registry_lock.unlock();
     helper_lock.unlock();

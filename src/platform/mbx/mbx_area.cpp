@@ -136,22 +136,16 @@ owned_fd make_bell()
     return bell;
 }
 
-/* Files of the kernel's own share one inode, except those that have a reason not to. Which one is
-   found out once. */
+/* Files of the kernel's own share one inode, except those that have a reason not to. */
 static bool is_kernels_own(int fd)
 {
-    static std::atomic<dev_t> device;
-    static std::atomic<ino_t> inode;
+    const owned_fd own(eventfd(0, EFD_CLOEXEC));
+    struct stat ours {
+    };
     struct stat found {
     };
-    if (inode == 0) {
-        const owned_fd own(eventfd(0, EFD_CLOEXEC));
-        if (!own || fstat(own.get(), &found) != 0)
-            return false;
-        device = found.st_dev;
-        inode = found.st_ino;
-    }
-    return fstat(fd, &found) == 0 && found.st_dev == device && found.st_ino == inode;
+    return fstat(own.get(), &ours) == 0 && fstat(fd, &found) == 0 && ours.st_dev == found.st_dev &&
+           ours.st_ino == found.st_ino;
 }
 
 bool may_be_bell(int fd, int socket)

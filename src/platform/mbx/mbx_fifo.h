@@ -27,21 +27,11 @@ class fifo
     }
     void push_front(item &added)
     {
-        fifo front;
-        front.push_back(added);
-        prepend(front);
-    }
-    /* Puts all of another one, which is empty then, in front. */
-    void prepend(fifo &other)
-    {
-        if (other.is_empty())
-            return;
-        other.last_->next = first_;
+        added.next = first_;
         if (!last_)
-            last_ = other.last_;
-        first_ = other.first_;
-        size_ += other.size_;
-        other = {};
+            last_ = &added;
+        first_ = &added;
+        size_++;
     }
     /* Null when it is empty. */
     item *pop_front()

@@ -45,8 +45,8 @@ static void handle_events(const epoll_event *events, int count)
         const uint64_t word = events[i].data.u64;
         const uint64_t kind = word >> 56;
         if (kind == watch_wake) {
-            uint64_t sum;
-            [[maybe_unused]] const ssize_t n = read(helper_event, &sum, sizeof(sum));
+            eventfd_t sum;
+            eventfd_read(helper_event, &sum);
             continue;
         }
         try {
@@ -109,9 +109,7 @@ void stop_helper()
 
 bool helper_watch(watch_kind kind, int fd, uint32_t events, uint32_t slot, uint32_t id)
 {
-    epoll_event event{};
-    event.events = events;
-    event.data.u64 = uint64_t{kind} << 56 | uint64_t{slot} << 32 | id;
+    epoll_event event{events, {.u64 = uint64_t{kind} << 56 | uint64_t{slot} << 32 | id}};
     return epoll_ctl(helper_poll, EPOLL_CTL_ADD, fd, &event) == 0 ||
            (errno == EEXIST && epoll_ctl(helper_poll, EPOLL_CTL_MOD, fd, &event) == 0);
 }
@@ -123,6 +121,5 @@ void helper_unwatch(int fd)
 
 void helper_wake()
 {
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t n = write(helper_event, &one, sizeof(one));
+    eventfd_write(helper_event, 1);
 }

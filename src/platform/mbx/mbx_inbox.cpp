@@ -57,9 +57,7 @@ static bool matches(const block &b, const uint32_t *filter, uint32_t sender)
 
 bool inbox::add_event(int fd, uint32_t events, uint32_t id)
 {
-    epoll_event event{};
-    event.events = events;
-    event.data.u32 = id;
+    epoll_event event{events, {.u32 = id}};
     return epoll_ctl(poll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
@@ -71,9 +69,7 @@ void inbox::raise(bool wanted)
     if (wanted == is_raised_)
         return;
     is_raised_ = wanted;
-    epoll_event event{};
-    event.events = wanted ? EPOLLIN | EPOLLOUT : EPOLLIN;
-    event.data.u32 = local_id;
+    epoll_event event{wanted ? EPOLLIN | EPOLLOUT : EPOLLIN, {.u32 = local_id}};
     epoll_ctl(poll_.get(), EPOLL_CTL_MOD, local_event_.get(), &event);
 }
 
@@ -101,18 +97,15 @@ void inbox::enter(source &s)
 
 void inbox::take_events(const epoll_event *events, int count)
 {
-    fifo<source> fresh;
-    for (int i = 0; i < count; i++) {
-        const uint32_t id = events[i].data.u32;
-        source *s = find(id);
-        if (id == local_id && (events[i].events & EPOLLIN))
-            s = &local_source_;
+    while (count-- > 0) {
+        const epoll_event &event = events[count];
+        const bool is_local = event.data.u32 == local_id && (event.events & EPOLLIN);
+        source *s = is_local ? &local_source_ : find(event.data.u32);
         if (!s || s->is_in_line)
             continue;
         s->is_in_line = true;
-        fresh.push_back(*s);
+        line_.push_front(*s);
     }
-    line_.prepend(fresh);
 }
 
 /* Repeats the wait until all ready sources are found; senders that go on ringing don't prolong it.
@@ -124,7 +117,7 @@ void inbox::look()
     do {
         epoll_event events[events_at_once];
         count = epoll_wait(poll_.get(), events, events_at_once, 0);
-        take_events(events, std::max(count, 0));
+        take_events(events, count);
     } while (count == events_at_once && left-- > 0);
     unlooked_ = unlooked_at_most;
 }
@@ -156,20 +149,15 @@ void inbox::remove(source &s)
    reversed as a whole when the queue is used up. */
 block *inbox::take_local()
 {
-    uint64_t one;
-    if (read(local_event_.get(), &one, sizeof(one)) != sizeof(one))
+    eventfd_t one;
+    if (eventfd_read(local_event_.get(), &one) != 0)
         return nullptr;
-    if (local_.is_empty()) {
-        block *oldest = nullptr;
+    if (local_.is_empty())
         for (block *b = pushed_.exchange(nullptr, std::memory_order_acquire); b;) {
             block *older = b->next;
-            b->next = oldest;
-            oldest = b;
+            local_.push_front(*b);
             b = older;
         }
-        while (oldest)
-            local_.push_back(*std::exchange(oldest, oldest->next));
-    }
     return local_.pop_front();
 }
 
@@ -278,7 +266,7 @@ bool inbox::wait(std::unique_lock<std::mutex> &hold, int timeout_ms)
     hold.lock();
     if (opening != openings_)
         return false;
-    take_events(events, std::max(count, 0));
+    take_events(events, count);
     round_ = line_.size();
     unlooked_ = unlooked_at_most;
     return true;
@@ -328,8 +316,7 @@ void inbox::push(block *b)
     while (!pushed_.compare_exchange_weak(b->next, b, std::memory_order_release,
                                           std::memory_order_relaxed)) {
     }
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t n = write(local_event_.get(), &one, sizeof(one));
+    eventfd_write(local_event_.get(), 1);
 }
 
 bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
@@ -379,10 +366,10 @@ bool inbox::watch_quietly(uint32_t id)
     return true;
 }
 
-int inbox::bell(uint32_t id) const
+int inbox::bell(uint32_t id)
 {
-    const auto found = sources_.find(id);
-    return found != sources_.end() ? found->second.bell.get() : -1;
+    const source *s = find(id);
+    return s ? s->bell.get() : -1;
 }
 
 void inbox::wake(uint32_t id)

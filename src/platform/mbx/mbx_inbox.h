@@ -80,7 +80,7 @@ class inbox
        meanwhile. */
     bool watch_quietly(uint32_t id);
     /* Of a source; -1 if there is none with that id. */
-    int bell(uint32_t id) const;
+    int bell(uint32_t id);
     /* Acts as a ring of the bell does, for a sender that can't ring. */
     void wake(uint32_t id);
     /* Nothing more comes from that source but the notice, which may be null. */

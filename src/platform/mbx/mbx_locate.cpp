@@ -14,7 +14,7 @@
 
 using namespace std::chrono_literals;
 
-static constexpr int locate_ms = 5000;
+static constexpr size_t locate_ms = 5000;
 static constexpr auto locate_pause = 5ms;
 
 namespace
@@ -46,9 +46,8 @@ struct call {
    is for one that is stopped or overloaded. */
 static time_point locate_deadline()
 {
-    const char *set = secure_getenv("MBX_LOCATE_MS");
-    const long ms = set ? strtol(set, nullptr, 10) : 0;
-    return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms > 0 ? ms : locate_ms);
+    return std::chrono::steady_clock::now() +
+           std::chrono::milliseconds(setting("MBX_LOCATE_MS", locate_ms));
 }
 
 /* The connection itself has no time-out for reading, because a closed one is readable as well. */

@@ -44,7 +44,7 @@ static void note_freed(size_t bytes)
 }
 
 /* Numbers come back one day. */
-static uint32_t free_id(const mailbox &m)
+static uint32_t free_id(mailbox &m)
 {
     uint32_t id;
     do {

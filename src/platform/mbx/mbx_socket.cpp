@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <new>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -217,13 +216,6 @@ void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity
         return;
     passed.push_back(std::move(control));
     close_later({std::move(passed), peer, std::move(place)});
-}
-
-/* For an end that is not shut down for reading by ourselves. */
-bool has_hung_up(int control)
-{
-    pollfd state{control, POLLRDHUP, 0};
-    return poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLRDHUP)) != 0;
 }
 
 bool has_unread(int control)

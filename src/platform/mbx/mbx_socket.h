@@ -84,9 +84,7 @@ void restrict_control(int control);
 void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
              std::shared_ptr<entry> place = {});
 
-/* Whether the other side has closed its end, or shut it down; and whether something that was sent
-   lies unread there. */
-bool has_hung_up(int control);
+/* Whether something that was sent lies unread at the other side. */
 bool has_unread(int control);
 
 /* Empty identity (process -1) when the kernel does not know it. */
