@@ -58,12 +58,13 @@ void let_go(connection &c, ended_by who)
     if (c.is_accepted())
         leave_bell(c.far_bell.get(), place);
     retire_bell(std::move(c.far_bell));
-    if (who == ended_by::peer || !c.is_accepted())
-        c.area.reset();
-    if (c.is_accepted())
-        part(std::move(c.control), std::move(c.area), std::move(place), c.peer);
-    else
-        hang_up(std::move(c.control), {}, c.peer, std::move(place));
+    if (c.is_accepted()) {
+        part(std::move(c.control), std::move(c.area), std::move(place), c.peer,
+             who == ended_by::us);
+        return;
+    }
+    c.area.reset();
+    hang_up(std::move(c.control), {}, c.peer, std::move(place));
 }
 
 bool deliver(connection &c, const block *b, fan_out &run)
