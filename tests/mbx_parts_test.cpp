@@ -3,7 +3,6 @@
    the inbox and whose turn it is, accounts, the closing thread, and the waker. */
 #include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_connection.h"
-#include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_inbox.h"
 #include "platform/mbx/mbx_socket.h"
 #include "platform/mbx/mbx_waker.h"

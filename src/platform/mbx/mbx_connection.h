@@ -8,15 +8,106 @@
    connection. */
 #pragma once
 
-#include "platform/mbx/mbx_backlog.h"
 #include "platform/mbx/mbx_block.h"
-#include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_record.h"
 #include "platform/mbx/mbx_socket.h"
 #include "platform/mbx/mbx_waker.h"
 
 #include <array>
+#include <list>
 #include <memory>
+#include <new>
+#include <span>
+#include <vector>
+
+/* The signals that a ring had no room for, in order, each in memory of its own. */
+class backlog
+{
+  public:
+    using bytes = std::span<const unsigned char>;
+
+    bool is_empty() const
+    {
+        return signals_.empty();
+    }
+    /* Copies the signal. False when memory is out. */
+    bool push(bytes signal)
+    try {
+        signals_.emplace_back(signal.begin(), signal.end());
+        memory_ += memory_of(signal);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    /* The oldest one. Not to be called on an empty backlog. */
+    bytes front() const
+    {
+        return signals_.front();
+    }
+    void pop()
+    {
+        memory_ -= memory_of(signals_.front());
+        signals_.pop_front();
+    }
+    void clear()
+    {
+        signals_.clear();
+        memory_ = 0;
+    }
+    /* Bytes of memory that it holds. */
+    size_t memory() const
+    {
+        return memory_;
+    }
+
+  private:
+    /* With the two allocations of a node and its bytes, each rounded up to 16 by the C library. */
+    static size_t memory_of(bytes signal)
+    {
+        return signal.size() + 80;
+    }
+
+    std::list<std::vector<unsigned char>> signals_;
+    size_t memory_ = 0;
+};
+
+/* Finds the fan-outs of one sender among its other traffic: the sender wakes many different
+   receivers and receives nothing in between. The first few wake-ups don't count, because they may
+   be all; after a long fan-out another one is expected, and fewer of them are left out: twelve each
+   time cost the sender of 100 a twentieth to a tenth more. */
+class fan_out
+{
+  public:
+    /* More than ten, for which the waker costs more than it saves. */
+    static constexpr uint32_t left_out_at_first = 12;
+
+    /* To be called for each receiver that has to be woken; `met` is the receiver's own mark, 0 at
+       first. Returns whether it belongs to a fan-out. */
+    bool includes(uint32_t &met)
+    {
+        if (met == number_)
+            end();
+        met = number_;
+        return ++count_ > left_out_;
+    }
+    /* Ends the run of wake-ups: called at any other event, as the next signal may be an answer to
+       it. A run of two predicts nothing. */
+    void end()
+    {
+        if (count_ > 2)
+            left_out_ = count_ > long_fan_out ? left_out_later : left_out_at_first;
+        number_++;
+        count_ = 0;
+    }
+
+  private:
+    static constexpr uint32_t left_out_later = 3;
+    static constexpr uint32_t long_fan_out = 32;
+
+    uint32_t number_ = 1; /* of this run of wake-ups */
+    uint32_t count_ = 0;  /* wake-ups in it */
+    uint32_t left_out_ = left_out_at_first;
+};
 
 /* The parts of a connection, once both sides have greeted. */
 struct connection_parts {

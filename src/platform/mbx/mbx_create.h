@@ -3,7 +3,7 @@
    and no lock of a mailbox. */
 #pragma once
 
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_registry.h"
 
 /* Returns an id, or MBX_NO_MAILBOX with errno; a name that can't be taken is also explained in a
    line on standard error. */

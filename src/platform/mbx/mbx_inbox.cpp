@@ -39,12 +39,6 @@ static block *empty_signal(uint32_t sender)
     return b;
 }
 
-/* A number that only this library gives out: no connection can make a notice. */
-static bool is_forged(const block *b)
-{
-    return b->number() == MBX_MONITOR_DEFAULT_NO;
-}
-
 static bool matches(const block &b, const uint32_t *filter, uint32_t sender)
 {
     if (sender != MBX_ANY_SENDER && b.sender != sender)
@@ -76,12 +70,6 @@ void inbox::raise(bool wanted)
 void inbox::show()
 {
     raise(!line_.is_empty() || !set_aside_.is_empty());
-}
-
-void inbox::line_up(source &s)
-{
-    s.is_in_line = true;
-    line_.push_back(s);
 }
 
 /* For a source that has something now: its turn comes before the next look. */
@@ -161,12 +149,13 @@ block *inbox::take_local()
     return local_.pop_front();
 }
 
-/* An empty signal in place of one that can't be: nothing more comes out of the ring then. The pages
-   may be the sender's, or holes of its making, which the read has filled at our cost. */
+/* An empty signal in place of one that can't be, such as a notice, which only this library makes:
+   nothing more comes out of the ring then. The pages may be the sender's, or holes of its making,
+   which the read has filled at our cost. */
 block *inbox::pop_signal(source &s, bool &asks)
 {
     block *b = s.ring.pop(asks);
-    if (!b || is_forged(b)) {
+    if (!b || b->number() == MBX_MONITOR_DEFAULT_NO) {
         if (b)
             block_give(b);
         b = empty_signal(s.id);
@@ -189,8 +178,9 @@ block *inbox::take_living(source &s)
         return b;
     }
     const bool is_empty = s.ring.is_empty();
-    if (!is_empty || !s.ring.rest())
-        line_up(s);
+    s.is_in_line = !is_empty || !s.ring.rest();
+    if (s.is_in_line)
+        line_.push_back(s);
     if ((is_empty || asks) && s.ring.must_report_room())
         owner_.report_room(owner_.self, s.id);
     return b;
@@ -204,8 +194,9 @@ block *inbox::take_ended(source &s)
     left_ -= before - s.ring.unread();
     if (!b)
         b = empty_signal(s.id);
-    if (s.ring.unread() > 0 || !s.notices.is_empty())
-        line_up(s);
+    s.is_in_line = s.ring.unread() > 0 || !s.notices.is_empty();
+    if (s.is_in_line)
+        line_.push_back(s);
     else
         remove(s);
     return b;

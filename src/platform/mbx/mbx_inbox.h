@@ -100,7 +100,6 @@ class inbox
     bool add_event(int fd, uint32_t events, uint32_t id);
     void raise(bool wanted);
     void show();
-    void line_up(source &s);
     void enter(source &s);
     void take_events(const epoll_event *events, int count);
     void look();

@@ -4,7 +4,6 @@
 #include "platform/mbx/mbx_locate.h"
 
 #include "platform/mbx/mbx_peers.h"
-#include "platform/mbx/mbx_registry.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -12,7 +12,6 @@
 
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_parting.h"
-#include "platform/mbx/mbx_registry.h"
 
 #include <cerrno>
 #include <malloc.h>

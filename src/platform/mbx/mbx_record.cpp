@@ -81,15 +81,16 @@ static uint64_t pages_in_memory(const mapped_ring &ring)
 
 /* How many bytes to leave out before a record, so that it lies in one piece, and, in a ring that
    has run empty, in the home if it fits there. */
-static uint32_t bytes_to_skip(ring_sender<process_atomics> &end, uint32_t bytes)
+uint32_t record_sender::bytes_to_skip(uint32_t bytes)
 {
-    const uint32_t place = end.position() % ring_bytes;
+    const auto is_drained = [&] { return taken() == position(); };
+    const uint32_t place = position() % ring_bytes;
     const bool is_home = place < home_bytes;
     const bool fits_home = bytes <= home_end;
     const uint32_t to_home = ring_bytes - place;
     if (place + bytes <= (is_home ? home_end : ring_bytes))
-        return !is_home && fits_home && end.is_drained() ? to_home : 0;
-    if (fits_home && (!is_home || (bytes <= place && end.is_drained())))
+        return !is_home && fits_home && is_drained() ? to_home : 0;
+    if (fits_home && (!is_home || (bytes <= place && is_drained())))
         return to_home;
     return is_home ? home_bytes - place : to_home + home_bytes;
 }
@@ -97,10 +98,10 @@ static uint32_t bytes_to_skip(ring_sender<process_atomics> &end, uint32_t bytes)
 record_sender::outcome record_sender::push(const void *signal, uint32_t size)
 {
     const uint32_t bytes = record_bytes(size);
-    const uint32_t skip = bytes_to_skip(end_, bytes);
-    if (!end_.has_room(skip + bytes))
+    const uint32_t skip = bytes_to_skip(bytes);
+    if (!has_room(skip + bytes))
         return outcome::full;
-    uint32_t place = end_.position() % ring_bytes;
+    uint32_t place = position() % ring_bytes;
     if (skip > 0) {
         unsigned char *mark = ring_.at(place);
         store_word(mark, skip_mark);
@@ -112,7 +113,7 @@ record_sender::outcome record_sender::push(const void *signal, uint32_t size)
     store_word(record, size);
     std::memcpy(record + head_bytes, signal, size);
     touched_ |= pages_of(place, place + bytes);
-    return end_.publish(skip + bytes) ? outcome::to_ring : outcome::sent;
+    return publish(skip + bytes) ? outcome::to_ring : outcome::sent;
 }
 
 /* A hole reads as 0 and is filled again when it is written. */
@@ -120,7 +121,7 @@ void record_sender::trim()
 {
     if (touched_ == 0)
         return;
-    const uint64_t read = touched_ & ~pages_between(end_.taken(), end_.position());
+    const uint64_t read = touched_ & ~pages_between(taken(), position());
     advise(ring_, read, MADV_REMOVE);
     touched_ &= ~read;
 }
@@ -133,8 +134,8 @@ void record_sender::leave()
 
 block *record_receiver::pop(bool &asks)
 {
-    const uint32_t there = available();
-    uint32_t place = end_.position() % ring_bytes;
+    const uint32_t there = this->there();
+    uint32_t place = position() % ring_bytes;
     if (there > ring_bytes || there < head_bytes)
         return nullptr;
     const unsigned char *record = ring_.at(place);
@@ -157,7 +158,7 @@ block *record_receiver::pop(bool &asks)
     out->signal()->number = 0;
     std::memcpy(static_cast<void *>(out->signal()), record + head_bytes, size);
     touched_ |= pages_of(place, place + record_bytes(size));
-    asks = end_.consume(skip + record_bytes(size));
+    asks = consume(skip + record_bytes(size));
     return out;
 }
 
@@ -165,21 +166,21 @@ void record_receiver::finish()
 {
     if (is_finished_)
         return;
-    const uint32_t there = end_.available();
-    last_ = end_.position() + (there <= ring_bytes ? there : 0);
+    const uint32_t there = available();
+    last_ = position() + (there <= ring_bytes ? there : 0);
     is_finished_ = true;
 }
 
 void record_receiver::drop()
 {
-    last_ = end_.position();
+    last_ = position();
     is_finished_ = true;
 }
 
 void record_receiver::trim()
 {
     if (is_finished_) {
-        advise(ring_, ~pages_between(end_.position(), last_), MADV_REMOVE);
+        advise(ring_, ~pages_between(position(), last_), MADV_REMOVE);
     } else if (touched_ == 0) {
         return;
     } else {
