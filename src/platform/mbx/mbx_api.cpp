@@ -223,8 +223,7 @@ mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
     m->run.end();
     block *b = m->id == id ? m->in.receive(hold, filter, timeout_ms, sender) : nullptr;
     hold.unlock();
-    if (is_too_much_held())
-        shed();
+    shed();
     return b ? b->signal() : nullptr;
 }
 

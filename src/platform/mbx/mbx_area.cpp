@@ -14,7 +14,6 @@
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
@@ -61,8 +60,7 @@ bool can_make_memory()
 bool is_area_memory(int memory)
 {
     static_assert(area_bytes % (size_t{64} * 1024) != 0, "not a multiple of any huge page");
-    struct stat status {
-    };
+    file_status status{};
     const int sealed = fcntl(memory, F_GET_SEALS);
     return sealed >= 0 && (sealed & seals) == seals && fstat(memory, &status) == 0 &&
            status.st_size == static_cast<off_t>(area_bytes);
@@ -140,10 +138,8 @@ owned_fd make_bell()
 static bool is_kernels_own(int fd)
 {
     const owned_fd own(eventfd(0, EFD_CLOEXEC));
-    struct stat ours {
-    };
-    struct stat found {
-    };
+    file_status ours{};
+    file_status found{};
     return fstat(own.get(), &ours) == 0 && fstat(fd, &found) == 0 && ours.st_dev == found.st_dev &&
            ours.st_ino == found.st_ino;
 }

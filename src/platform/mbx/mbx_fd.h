@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <sys/stat.h>
 
 using owned_fd = util::descriptor;
+using file_status = struct stat;
 
 /* Restores errno at its end: a signal handler that calls the library leaves the errno of the code
    that it interrupted, and clean-up after a failure leaves the errno of the failure. */

@@ -19,13 +19,6 @@ static constexpr auto locate_pause = 5ms;
 namespace
 {
 
-enum class attempt {
-    done,
-    again,   /* nothing came of it */
-    refused, /* the other side has no place for us */
-    failed   /* errno has the reason */
-};
-
 /* One attempt: the connection as far as it is made. */
 struct call {
     owned_fd control;
@@ -105,25 +98,28 @@ static uint32_t settle(mailbox &m, call &c)
     return id != 0 ? id : MBX_NO_MAILBOX;
 }
 
-static attempt try_to_locate(uint32_t own, const mailbox_token &token, const char *name,
-                             time_point deadline, uint32_t &out)
+/* 0, or an error: ETIMEDOUT when nothing came of it, EUSERS when the other side has no place for
+ * us.
+ */
+static int try_to_locate(uint32_t own, const mailbox_token &token, const char *name,
+                         time_point deadline, uint32_t &out)
 {
     call c;
     c.control = connect_to_name(name, deadline);
     if (!c.control)
-        return attempt::failed;
+        return errno;
     prepare_control(c.control.get());
     c.peer = peer_of(c.control.get());
     if (!send_greeting(c.control.get(), greeting_kind::hello, token))
-        return attempt::again;
+        return ETIMEDOUT;
     c.answer = await_greeting(c.control.get(), deadline);
     if (c.answer.state != greeting_state::valid || c.answer.kind == greeting_kind::hello)
-        return attempt::again;
+        return ETIMEDOUT;
     restrict_control(c.control.get());
     if (c.answer.kind == greeting_kind::refused)
-        return attempt::refused;
+        return EUSERS;
     with_mailbox(own, [&](mailbox &m) { out = settle(m, c); });
-    return out == MBX_NO_MAILBOX ? attempt::again : attempt::done;
+    return out == MBX_NO_MAILBOX ? ETIMEDOUT : 0;
 }
 
 /* The peer accepted but did not greet (it is stopping, or has no descriptors left), or has no place
@@ -133,11 +129,11 @@ uint32_t locate(mailbox &m, uint32_t own, const char *name)
     const time_point deadline = locate_deadline();
     for (;;) {
         uint32_t out = MBX_NO_MAILBOX;
-        const attempt result = try_to_locate(own, m.token, name, deadline, out);
-        if (result == attempt::done || result == attempt::failed)
+        const int error = try_to_locate(own, m.token, name, deadline, out);
+        if (error == 0)
             return out;
-        if (milliseconds_until(deadline) == 0) {
-            errno = result == attempt::refused ? EUSERS : ETIMEDOUT;
+        if ((error != ETIMEDOUT && error != EUSERS) || milliseconds_until(deadline) == 0) {
+            errno = error;
             return MBX_NO_MAILBOX;
         }
         std::this_thread::sleep_for(locate_pause);

@@ -84,32 +84,27 @@ static void look_at_bells(partings &its)
 
 static bool has_bell(const parted &p)
 {
-    return std::any_of(the_parting.ringable.data(),
-                       the_parting.ringable.data() + the_parting.ringable_count,
-                       [watch = watch_of(p.place)](const epoll_event &bell) {
-                           return static_cast<int>(bell.data.u64) == watch;
-                       });
+    const epoll_event *bells = the_parting.ringable.data();
+    const int watch = watch_of(p.place);
+    return std::any_of(bells, bells + the_parting.ringable_count, [=](const epoll_event &bell) {
+        return static_cast<int>(bell.data.u64) == watch;
+    });
 }
 
-/* Takes those out for which the question is answered with yes, and lets them go without the lock.
- */
-template <typename question>
-static void let_go_if(question &&is_it)
+/* With the lock held. The kernel drops what we do not take in time: then those that wait do so no
+   longer. */
+static void take_ends(partings &its)
 {
-    std::vector<parted> over;
-    {
-        const std::lock_guard hold(parting_lock);
-        look_at_bells(the_parting);
-        std::vector<parted> &all = the_parting.all;
-        const auto first =
-            std::partition(all.begin(), all.end(), [&](parted &p) { return !is_it(p); });
-        over.assign(std::make_move_iterator(first), std::make_move_iterator(all.end()));
-        all.erase(first, all.end());
-    }
-    for (parted &p : over) {
-        helper_unwatch(p.control.get());
-        let_go(std::move(p));
-    }
+    alignas(inotify_event) char events[4096];
+    for (ssize_t size; (size = read(its.ends.get(), events, sizeof(events))) > 0;)
+        for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(sizeof(inotify_event))) {
+            inotify_event event; /* none has a name */
+            std::memcpy(&event, events + at, sizeof(event));
+            const bool is_lost = event.mask & IN_Q_OVERFLOW;
+            if (is_lost || (event.mask & IN_DELETE_SELF))
+                for (parted &p : its.all)
+                    p.is_gone |= is_lost || watch_of(p.place) == event.wd;
+        }
 }
 
 static bool has_ended(const parted &p)
@@ -117,31 +112,31 @@ static bool has_ended(const parted &p)
     return p.hung_up != time_point::max();
 }
 
-/* With the lock held. The kernel drops what we do not take in time: then those that wait do so no
-   longer. */
-static void take_ends()
+static bool is_over(const parted &p)
 {
-    alignas(inotify_event) char events[4096];
-    for (ssize_t size; (size = read(the_parting.ends.get(), events, sizeof(events))) > 0;)
-        for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(sizeof(inotify_event))) {
-            inotify_event event; /* none has a name */
-            std::memcpy(&event, events + at, sizeof(event));
-            const bool is_lost = event.mask & IN_Q_OVERFLOW;
-            if (is_lost || (event.mask & IN_DELETE_SELF))
-                for (parted &p : the_parting.all)
-                    p.is_gone |= is_lost || watch_of(p.place) == event.wd;
-        }
+    return has_ended(p) && !p.area && p.is_gone && !has_bell(p) && !has_unread(p.control.get());
 }
 
-/* Of one that has ended at the peer. Its pages go as soon as they may. */
-static bool is_over(parted &p, time_point now)
+/* Those that are over leave the list, and are let go without the lock. Pages go as soon as they
+   may. */
+static void look_at_ended(time_point now)
 {
-    if (p.area && !p.area->is_read() && now - p.hung_up <= time_to_read)
-        return false;
-    p.area.reset();
-    if (!p.is_gone)
-        take_ends();
-    return p.is_gone && !has_bell(p) && !has_unread(p.control.get());
+    std::vector<parted> over;
+    {
+        const std::lock_guard hold(parting_lock);
+        partings &its = the_parting;
+        for (parted &p : its.all)
+            if (has_ended(p) && p.area && (p.area->is_read() || now - p.hung_up > time_to_read))
+                p.area.reset();
+        take_ends(its);
+        look_at_bells(its);
+        const auto first = std::partition(its.all.begin(), its.all.end(),
+                                          [](const parted &p) { return !is_over(p); });
+        over.assign(std::make_move_iterator(first), std::make_move_iterator(its.all.end()));
+        its.all.erase(first, its.all.end());
+    }
+    for (parted &p : over)
+        let_go(std::move(p));
 }
 
 /* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
@@ -200,7 +195,7 @@ void handle_hang_up(uint32_t, uint32_t number)
         its.next_look = std::min(its.next_look, now + time_to_look_soon);
         helper_unwatch(p->control.get());
     }
-    let_go_if([&](parted &p) { return p.number == number && is_over(p, now); });
+    look_at_ended(now);
 }
 
 time_point look_again(time_point now)
@@ -208,7 +203,7 @@ time_point look_again(time_point now)
     time_point &next_look = the_parting.next_look;
     const bool is_time = next_look <= now;
     if (is_time)
-        let_go_if([now](parted &p) { return has_ended(p) && is_over(p, now); });
+        look_at_ended(now);
     const std::lock_guard hold(parting_lock);
     time_point latest{}; /* of the ends at peers */
     for (const parted &p : the_parting.all)
@@ -224,12 +219,7 @@ time_point look_again(time_point now)
 /* A file that is gone mostly ends the wait for it. */
 void handle_ends(uint32_t, uint32_t)
 {
-    const time_point now = std::chrono::steady_clock::now();
-    {
-        const std::lock_guard hold(parting_lock);
-        take_ends();
-    }
-    let_go_if([now](parted &p) { return has_ended(p) && p.is_gone && is_over(p, now); });
+    look_at_ended(std::chrono::steady_clock::now());
 }
 
 void leave_bell(int bell, const std::shared_ptr<entry> &place)

@@ -179,8 +179,7 @@ void send_to_connection(uint32_t own, uint32_t receiver, block *b)
             want_trim();
     });
     block_give(b);
-    if (is_too_much_held())
-        shed();
+    shed();
 }
 
 /* One that is dead already may have signals that are still to be received. */
