@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: entry::open() finds or makes the accounts of a user and of a process and takes a
-   place in both; count() adds what is held; the last entry of an account removes it. */
+/* entry::open() finds or makes the accounts of a user and of a process, which their last entry
+   removes. */
 #include "platform/mbx/mbx_account.h"
 
 #include <algorithm>
@@ -85,7 +85,6 @@ static bool has_place(const account &user, const account &process, const peer_id
     return room > 0 && (peer.process <= 0 || process.connections < room);
 }
 
-/* Without its accounts where those are empty. */
 static void forget_empty(const peer_identity &peer)
 {
     const auto user = users->find(peer.user);

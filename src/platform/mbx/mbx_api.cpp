@@ -50,8 +50,8 @@ static void make_room_for_descriptors()
 
 static std::mutex *const last_locks[] = {&parting_lock, &accounts_lock, &closer_lock, &waker_lock};
 
-/* A fork holds all locks, and the child drops its copies. */
-static void before_fork() /* in the order of the locks */
+/* A fork holds all locks, taken in their order (mbx_registry.h). */
+static void before_fork()
 {
     helper_lock.lock();
     registry_lock.lock();

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the owner of a mailbox makes the memory file and maps it; a peer checks the file
-   that it got, and maps it. The bells, eventfds, are made, checked and rung here, too. */
+/* The memory file, which the accepting side makes and the other one checks; its mapping; the bells.
+ */
 #include "platform/mbx/mbx_area.h"
 
 #include <atomic>
@@ -152,18 +152,12 @@ bool may_be_bell(int fd, int socket)
 
 /* The calls by their numbers: the library functions are points of cancellation. A count of 0, which
    only a bell that was not made by make_bell can have, wakes no thread and blocks none. */
-bool ring_bell(int bell)
+bool ring_bell(int bell, bool is_own)
 {
     const errno_keeper keeper;
     uint64_t count;
     const iovec into{&count, sizeof(count)};
-    const long n = syscall(SYS_preadv2, bell, &into, 1, -1L, -1L, RWF_NOWAIT);
-    return n >= 0 || errno == EAGAIN;
-}
-
-void ring_own_bell(int bell)
-{
-    const errno_keeper keeper;
-    uint64_t count;
-    syscall(SYS_read, bell, &count, sizeof(count));
+    const long n = is_own ? syscall(SYS_read, bell, &count, sizeof(count))
+                          : syscall(SYS_preadv2, bell, &into, 1, -1L, -1L, RWF_NOWAIT);
+    return is_own || n >= 0 || errno == EAGAIN;
 }

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: deliver() writes a signal into the ring, or behind others into the backlog;
-   flush() moves the backlog to the ring when the receiver has made room; trim() gives memory
-   back. */
+/* deliver() writes a signal into the ring, or behind others into the backlog, which flush() moves
+   to the ring when the receiver has made room. */
 #include "platform/mbx/mbx_connection.h"
 
 #include "platform/mbx/mbx_parting.h"
@@ -13,13 +12,11 @@ static void wake_receiver(connection &c, fan_out *run)
 {
     if (run && run->includes(c.met) && ring_later(c.far_bell.get()))
         return;
-    if (c.is_accepted()) {
-        ring_own_bell(c.far_bell.get());
-    } else if (!ring_bell(c.far_bell.get())) {
-        if (run)
-            run->end();
-        send_wake(c.control.get(), wake::bell);
-    }
+    if (ring_bell(c.far_bell.get(), c.is_accepted()))
+        return;
+    if (run)
+        run->end();
+    send_wake(c.control.get(), wake::bell);
 }
 
 static bool push(connection &c, backlog::bytes signal, fan_out *run)

@@ -1,11 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_connection - the sending half of a connection to another mailbox, and the resources of both
    halves. The receiving half is a source of the inbox, with the same id. Guarded by the mailbox's
-   lock.
-
-   A send goes straight into the ring. A signal for which the ring has no room waits in a backlog,
-   and from then on everything goes behind it, until the receiver reports room over the control
-   connection. */
+   lock. */
 #pragma once
 
 #include "platform/mbx/mbx_block.h"

@@ -76,8 +76,8 @@ uint32_t create_mailbox(const char *name)
     return MBX_NO_MAILBOX;
 }
 
-/* In reverse order: first the mailbox can't be found any more, then no sender has it pinned, then
-   it is emptied. A connection whose receiver has a backlog stays until that is sent. */
+/* withdraw() waits until no sender has it pinned. A connection whose receiver has a backlog stays
+   until that is sent. */
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = withdraw(m);

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_fifo - first in, first out, linked through the items' own `next`, so that a place in it needs
-   no memory. An item is in one of them at most. With the lock of whoever has
-   it. */
+   no memory. With the lock of whoever has it. */
 #pragma once
 
 #include <cstddef>
@@ -38,8 +37,7 @@ class fifo
     {
         return first_ ? take_after(nullptr) : nullptr;
     }
-    /* Takes the first one out for which the question is answered with yes; null if there is none.
-     */
+    /* Takes the first one out that is wanted; null if there is none. */
     template <typename question>
     item *take_if(question &&is_wanted)
     {

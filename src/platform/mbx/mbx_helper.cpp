@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the helper's thread waits for descriptors until the next timer is due, calls the
-   function of each kind of descriptor that is ready, and then the timers. */
+/* The thread waits for descriptors until the next timer is due, calls the function of each that is
+   ready, and then the timers. */
 #include "platform/mbx/mbx_helper.h"
 
 #include "util/thread.h"
@@ -38,7 +38,6 @@ static time_point run_timers()
     return next;
 }
 
-/* Kind, slot and id are in the word that epoll returns. */
 static void handle_events(const epoll_event *events, int count)
 {
     for (int i = 0; i < count && !should_stop; i++) {

@@ -55,9 +55,7 @@ bool inbox::add_event(int fd, uint32_t events, uint32_t id)
     return epoll_ctl(poll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* Under the lock, so that the descriptor agrees with the state that the next holder of the lock
-   finds. An event can be written at any time: while it is watched for that, the descriptor is
-   readable. */
+/* An event can be written at any time: while it is watched for that, the descriptor is readable. */
 void inbox::raise(bool wanted)
 {
     if (wanted == is_raised_)
@@ -96,8 +94,7 @@ void inbox::take_events(const epoll_event *events, int count)
     }
 }
 
-/* Repeats the wait until all ready sources are found; senders that go on ringing don't prolong it.
- */
+/* Finds all that are ready; senders that go on ringing don't prolong it. */
 void inbox::look()
 {
     size_t left = sources_.size() / (events_at_once - 1) + 1;
@@ -133,8 +130,7 @@ void inbox::remove(source &s)
 }
 
 /* The semaphore first: a count that was taken has a block, but a block may not have its count yet,
-   so the next look finds whether there is another one. The stack, which has the latest on top, is
-   reversed as a whole when the queue is used up. */
+   so the next look finds whether there is another one. The stack has the latest on top. */
 block *inbox::take_local()
 {
     eventfd_t one;

@@ -4,8 +4,7 @@
 
    Signals come from sources: one for each connection, whose signals come out of a ring, and one for
    what is sent within the process. The descriptor is an epoll over the bells of the rings and a
-   semaphore that counts what was sent within the process; it is kept up while signals are known to
-   be there. It is readable exactly while receive() would return at once.
+   semaphore that counts the latter. It is readable exactly while receive() would return at once.
 
    A source that ends stays until its last signal, and the notices behind it, are taken. */
 #pragma once
@@ -54,8 +53,7 @@ class inbox
   public:
     /* False, with errno, on failure. */
     bool open(const inbox_owner &owner);
-    /* Gives everything back. `is_child`: in a forked child the epoll and the rings are the
-     * parent's. */
+    /* `is_child`: in a forked child the epoll and the rings are the parent's. */
     void close(bool is_child = false);
     /* For the owner to wait at. */
     int fd()

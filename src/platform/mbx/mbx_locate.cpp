@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* How a mailbox of ours connects to a named one, on the caller's thread. The descriptors that the
-   other side passes are checked before they are used, and never closed here or under a lock. */
+/* The descriptors that the other side passes are checked before they are used, and never closed
+   here or under a lock. */
 #include "platform/mbx/mbx_locate.h"
 
 #include "platform/mbx/mbx_peers.h"
@@ -53,8 +53,7 @@ static greeting await_greeting(int control, time_point deadline)
     return n > 0 ? receive_greeting(control) : greeting{};
 }
 
-/* Makes the parts from the descriptors that were passed, if they pass the checks. Empty with errno
-   otherwise. */
+/* Empty with errno where the descriptors that were passed are not what they should be. */
 static std::optional<connection_parts> check_parts(call &c)
 {
     connection_parts parts;
@@ -78,10 +77,9 @@ static std::optional<connection_parts> check_parts(call &c)
     return parts;
 }
 
-/* Takes in the answer. Of two connections that crossed, the one made by the mailbox with the
-   smaller token survives; both sides compare alike, and the other one is closed by its maker before
-   it has carried anything. MBX_NO_MAILBOX when nothing has come of it. With the
-   mailbox's lock. */
+/* Of two connections that crossed, the one made by the mailbox with the smaller token survives; the
+   other one is closed by its maker before it has carried anything. MBX_NO_MAILBOX when nothing has
+   come of it. With the mailbox's lock. */
 static uint32_t settle(mailbox &m, call &c)
 {
     if (c.answer.token == m.token)

@@ -1,13 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The end of the control connection is the peer's death. A process can leave its end to a child
-   that it made behind the library's back, so there is a pidfd too. When a connection ends, what the
-   peer has written into its ring stays there for the owner, and the monitor's notice comes behind
-   it; everything else is closed at once. A peer that we have located and do not monitor is reported
-   in the same way, because the owner waits for its signals and would not learn that there are none.
+   that it made behind the library's back, so there is a pidfd too. A peer that we have located and
+   do not monitor is reported as well, because the owner waits for its signals and would not learn
+   that there are none.
 
-   A monitor is its notice, a block that waits for the death: of a mailbox elsewhere with the
-   connection to it, of one in this process with the mailbox itself (its `watchers`); of one that is
-   dead already it is sent at once. */
+   A monitor is its notice, a block that waits for the death with the connection to the mailbox, or
+   in `watchers` of one in this process. */
 #include "platform/mbx/mbx_peers.h"
 
 #include "platform/mbx/mbx_helper.h"
@@ -52,7 +50,6 @@ static uint32_t free_id(mailbox &m)
     return id;
 }
 
-/* Null if there is none. */
 static connection *find_connection(mailbox &m, uint32_t id)
 {
     const auto found = m.connections.find(id);
@@ -211,7 +208,7 @@ bool unmonitor_connection(uint32_t own, uint32_t reference)
     return c != nullptr;
 }
 
-/* Gives back what is read. Returns whether something is left for the next time. */
+/* Returns whether something is left for the next time. */
 static bool trim_all()
 {
     bool is_left = false;
@@ -285,7 +282,7 @@ static bool flush_some(mailbox &m, uint32_t id)
     return result == flushing::goes_on;
 }
 
-/* Reads one message. Returns whether the peer has room again. */
+/* Returns whether the peer has room again. */
 static bool take_control(mailbox &m, uint32_t id)
 {
     connection *c = find_connection(m, id);

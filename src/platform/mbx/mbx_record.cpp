@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: push() skips to a place where the record lies in one piece, writes head and
-   signal, and moves the end; pop() checks the place of a record, copies its signal out, and moves
-   the begin. trim() gives pages back that hold nothing. */
+/* push() skips to a place where the record lies in one piece; pop() checks the place of a record
+   and copies its signal out. */
 #include "platform/mbx/mbx_record.h"
 
 #include <algorithm>

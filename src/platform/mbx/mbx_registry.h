@@ -39,7 +39,7 @@ constexpr uint32_t mailbox_id_bit = 0x80000000u;
 constexpr uint32_t mailboxes_at_most = 4096;
 extern std::mutex registry_lock;
 
-/* The record in a slot, null if there never was one. */
+/* Null if there never was one. */
 mailbox *mailbox_in_slot(uint32_t slot);
 /* The mailbox of this process with that id, or null. Safe in a signal handler. It may be deleted at
    any time: lock it and look at the id again. */

@@ -66,8 +66,8 @@ enum class control_event { nothing, room, bell, end, passed };
 control_event receive_wake(int control, std::vector<owned_fd> &fds);
 
 /* Whether the system lets this process make the calls without which no signal is carried, and, to
-   be located, no connection accepted. False with errno; the first time
-   it says so on standard error. */
+   be located, no connection accepted. False with errno; the first time with a line on standard
+   error. */
 bool can_carry(bool is_named);
 
 /* For a fresh control connection, or a listener, which passes it on to those that it accepts: what
@@ -79,8 +79,8 @@ void refuse_descriptors(int socket);
 /* Refuses descriptors, and has the kernel keep little for a peer that does not read. */
 void restrict_control(int control);
 
-/* Ends a control connection for both sides and closes it. It returns at once: where something was
-   passed, in `passed` or still unread, the closing thread does the rest. */
+/* Ends a control connection for both sides. It returns at once: where something was passed, in
+   `passed` or still unread, the closing thread closes it. */
 void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
              std::shared_ptr<entry> place = {});
 
