@@ -105,6 +105,8 @@ class fan_out
     uint32_t left_out_ = left_out_at_first;
 };
 
+struct source; /* mbx_inbox.h */
+
 /* The parts of a connection, once both sides have greeted. */
 struct connection_parts {
     owned_fd control; /* its end is the peer's death */
@@ -123,6 +125,7 @@ struct connection : connection_parts {
     /* Memory of the connection that was sent to after this one, which may have ended: addresses to
        be fetched ahead, and nothing else. */
     std::array<const void *, 5> expected{};
+    source *incoming = nullptr; /* its receiving half, while the mailbox lives */
     record_sender ring;
     backlog waiting;
     time_point marked{};  /* of the ring's mark, while something waits */

@@ -88,7 +88,7 @@ void delete_mailbox(mailbox &m)
     for (auto next = m.connections.begin(); next != m.connections.end();) {
         connection &c = next++->second;
         c.notice.reset();
-        helper_unwatch(m.in.bell(c.id));
+        helper_unwatch(std::exchange(c.incoming, nullptr)->bell.get());
         if (c.waiting.is_empty())
             end_connection(m, c.id, ended_by::us);
     }

@@ -71,7 +71,7 @@ void inbox::show()
 }
 
 /* For a source that has something now: its turn comes before the next look. */
-void inbox::enter(source &s)
+void inbox::wake(source &s)
 {
     if (s.is_in_line)
         return;
@@ -306,64 +306,42 @@ void inbox::push(block *b)
     eventfd_write(local_event_.get(), 1);
 }
 
-bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
+source *inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
 try {
     source &s = sources_[id];
     s.id = id;
     s.area = area;
     s.bell = std::move(bell);
     s.ring = record_receiver(area->ring(side));
-    return true;
+    return &s;
 } catch (const std::bad_alloc &) {
     errno = ENOMEM;
-    return false;
+    return nullptr;
 }
 
 /* One of reading and writing is always possible at a bell, so that a ring, reported once, can't be
    taken back by the other side. */
-bool inbox::watch(uint32_t id)
+bool inbox::watch(source &s)
 {
-    source *s = find(id);
-    if (!s || s->state == source_state::ended ||
-        !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
+    if (!add_event(s.bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, s.id))
         return false;
-    s->state = source_state::watched;
+    s.state = source_state::watched;
     return true;
-}
-
-bool inbox::rest(uint32_t id)
-{
-    source *s = find(id);
-    return s && s->ring.rest();
 }
 
 /* The event that the epoll reports of the bell at once is passed over, as that of any source in the
    line; the sender doesn't ring before the source rests. */
-bool inbox::watch_quietly(uint32_t id)
+bool inbox::watch_quietly(source &s)
 {
-    source *s = find(id);
-    if (!watch(id))
+    if (!watch(s))
         return false;
-    s->is_in_line = true;
+    s.is_in_line = true;
     look();
-    s->is_in_line = false;
-    if (!s->ring.rest())
-        enter(*s);
+    s.is_in_line = false;
+    if (!s.ring.rest())
+        wake(s);
     show();
     return true;
-}
-
-int inbox::bell(uint32_t id)
-{
-    const source *s = find(id);
-    return s ? s->bell.get() : -1;
-}
-
-void inbox::wake(uint32_t id)
-{
-    source *s = find(id);
-    if (s && s->state != source_state::ended)
-        enter(*s);
 }
 
 /* Beyond the bound, what lies in the home of a ring is kept, so that a crowd that is killed does
@@ -383,31 +361,24 @@ void inbox::keep_unread(source &s)
 /* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
    an empty signal for it. A ring between the look and the removal from the epoll can only be
    guessed: the owner may have seen it, so the next receive doesn't wait (departed_). */
-void inbox::end(uint32_t id, block *notice)
+void inbox::end(source &s, block *notice)
 {
-    source *s = find(id);
-    if (!s || s->state == source_state::ended) {
-        if (notice)
-            block_give(notice);
-        return;
-    }
-    const bool was_watched = s->state == source_state::watched;
-    s->state = source_state::ended;
-    keep_unread(*s);
+    const bool was_watched = s.state == source_state::watched;
+    s.state = source_state::ended;
+    keep_unread(s);
     if (notice)
-        s->notices.push_back(*notice);
-    const bool has_something = s->ring.unread() > 0 || notice;
-    if (has_something) {
-        enter(*s);
+        s.notices.push_back(*notice);
+    if (s.ring.unread() > 0 || notice) {
+        wake(s);
         return;
     }
     if (was_watched) {
         look();
         show();
-        departed_ = id;
+        departed_ = s.id;
     }
-    if (!s->is_in_line)
-        remove(*s);
+    if (!s.is_in_line)
+        remove(s);
 }
 
 bool inbox::add_notice(uint32_t id, block *notice)
@@ -416,7 +387,7 @@ bool inbox::add_notice(uint32_t id, block *notice)
     if (!s)
         return false;
     s->notices.push_back(*notice);
-    enter(*s);
+    wake(*s);
     return true;
 }
 

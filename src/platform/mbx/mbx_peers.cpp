@@ -41,12 +41,12 @@ static void note_freed(size_t bytes)
 }
 
 /* Numbers come back one day. */
-static uint32_t free_id(mailbox &m)
+static uint32_t free_id(const mailbox &m)
 {
     uint32_t id;
     do {
         id = next_connection_id();
-    } while (m.connections.contains(id) || m.in.bell(id) != -1);
+    } while (m.in.has(id));
     return id;
 }
 
@@ -80,13 +80,13 @@ static void for_each_connection(function &&call)
 /* Its bell joins the mailbox's epoll at once where the owner's own thread makes the connection.
    Else the helper watches it until it has rung: a fresh bell is not writable, so that this watch
    reports the first ring and nothing before. */
-static bool watch_bell(mailbox &m, uint32_t id)
+static bool watch_bell(mailbox &m, source &s)
 {
     if (own_mailbox() == m.id)
-        return m.in.watch_quietly(id);
-    if (!m.in.rest(id))
-        return m.in.watch(id);
-    return helper_watch(watch_first_ring, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
+        return m.in.watch_quietly(s);
+    if (!s.ring.rest())
+        return m.in.watch(s);
+    return helper_watch(watch_first_ring, s.bell.get(), EPOLLOUT | EPOLLET, m.slot, s.id);
 }
 
 /* Without a pidfd, which an old kernel may not have, the control connection does alone. False with
@@ -103,9 +103,10 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
 {
     const uint32_t id = free_id(m);
     connection &c = m.connections.try_emplace(id, id, std::move(parts)).first->second;
-    if (m.in.add(id, c.area, c.side, std::move(c.near_bell)) &&
+    c.incoming = m.in.add(id, c.area, c.side, std::move(c.near_bell));
+    if (c.incoming &&
         helper_watch(watch_control, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        watch_process(m, c) && watch_bell(m, id))
+        watch_process(m, c) && watch_bell(m, *c.incoming))
         return id;
     const errno_keeper keeper;
     c.was_located = false;
@@ -131,14 +132,14 @@ void end_connection(mailbox &m, uint32_t id, ended_by who)
     helper_unwatch(c->control.get());
     if (c->life)
         helper_unwatch(c->life.get());
-    if (m.id != 0) {
-        helper_unwatch(m.in.bell(id));
+    if (c->incoming) {
+        helper_unwatch(c->incoming->bell.get());
         block *notice = c->notice.release();
         if (!notice && c->was_located && c->monitor == 0)
             notice = block_take_number(MBX_MONITOR_DEFAULT_NO);
         if (notice)
             notice->sender = id;
-        m.in.end(id, notice);
+        m.in.end(*c->incoming, notice);
     }
     note_freed(sizeof(*c) + c->waiting.memory());
     let_go(*c, who);
@@ -295,8 +296,8 @@ static bool take_control(mailbox &m, uint32_t id)
     case control_event::room:
         return true;
     case control_event::bell:
-        if (m.id != 0)
-            m.in.wake(id);
+        if (c->incoming)
+            m.in.wake(*c->incoming);
         return false;
     case control_event::passed:
         close_later({std::move(passed), c->peer, c->area->place()});
@@ -324,10 +325,11 @@ void handle_life(uint32_t slot, uint32_t id)
 void handle_first_ring(uint32_t slot, uint32_t id)
 {
     with_slot(slot, [&](mailbox &m) {
-        if (m.id == 0 || !find_connection(m, id))
+        const connection *c = find_connection(m, id);
+        if (!c || !c->incoming)
             return;
-        helper_unwatch(m.in.bell(id));
-        if (!m.in.watch(id))
+        helper_unwatch(c->incoming->bell.get());
+        if (!m.in.watch(*c->incoming))
             end_connection(m, id, ended_by::us);
     });
 }
