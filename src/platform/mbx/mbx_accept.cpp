@@ -112,13 +112,13 @@ static void welcome(newcomer &n, const greeting &hello)
 static bool try_greeting(newcomer &n)
 {
     greeting hello = receive_greeting(n.control.get());
-    if (hello.state == greeting_state::missing)
+    if (hello.kind == greeting_kind::missing)
         return false;
     if (n.number != 0)
         helper_unwatch(n.control.get());
-    if (hello.state == greeting_state::foreign)
+    if (hello.kind == greeting_kind::foreign)
         complain_about_greeting(n.peer);
-    if (hello.state == greeting_state::valid && hello.kind == greeting_kind::hello)
+    if (hello.kind == greeting_kind::hello)
         welcome(n, hello);
     if (n.control)
         hang_up(std::move(n.control), std::move(hello.fds), n.peer);

@@ -81,13 +81,13 @@ bool deliver(connection &c, const block *b, fan_out &run)
     if (is_sent)
         return true;
     if (is_next)
-        while (flush(c) == flushing::goes_on) {
+        while (flush(c)) {
         }
     return c.held() <= held_for_one_at_most;
 }
 
 /* With plenty of room, any signal fits: so each call makes progress, or the receiver reports. */
-flushing flush(connection &c)
+bool flush(connection &c)
 {
     size_t budget = ring_bytes;
     bool is_full = false;
@@ -100,9 +100,7 @@ flushing flush(connection &c)
     }
     count_held(c);
     note_read(c, false);
-    if (c.waiting.is_empty())
-        return flushing::done;
-    return is_full && c.ring.wait_for_room() ? flushing::waits : flushing::goes_on;
+    return !c.waiting.is_empty() && !(is_full && c.ring.wait_for_room());
 }
 
 bool trim(connection &c)

@@ -163,13 +163,9 @@ void let_go(connection &c, ended_by who);
    this receiver, or memory is out: the connection must end. `run`: the sender's. */
 bool deliver(connection &c, const block *b, fan_out &run);
 
-enum class flushing {
-    done,   /* nothing waits any more */
-    waits,  /* the receiver will report room */
-    goes_on /* call it again, after others had the lock */
-};
-/* Hands on what waits, about one ring full at most. */
-flushing flush(connection &c);
+/* Hands on what waits, about one ring full at most. True when it is to be called again, after
+   others had the lock; false when nothing waits any more, or the receiver will report room. */
+bool flush(connection &c);
 
 /* Gives pages of the ring back that are not in use. Returns whether some are left. */
 bool trim(connection &c);

@@ -111,11 +111,10 @@ static int try_to_locate(uint32_t own, const mailbox_token &token, const char *n
     if (!send_greeting(c.control.get(), greeting_kind::hello, token))
         return ETIMEDOUT;
     c.answer = await_greeting(c.control.get(), deadline);
-    if (c.answer.state != greeting_state::valid || c.answer.kind == greeting_kind::hello)
-        return ETIMEDOUT;
+    const greeting_kind kind = c.answer.kind;
+    if (kind != greeting_kind::welcome && kind != greeting_kind::known)
+        return kind == greeting_kind::refused ? EUSERS : ETIMEDOUT;
     restrict_control(c.control.get());
-    if (c.answer.kind == greeting_kind::refused)
-        return EUSERS;
     with_mailbox(own, [&](mailbox &m) { out = settle(m, c); });
     return out == MBX_NO_MAILBOX ? ETIMEDOUT : 0;
 }

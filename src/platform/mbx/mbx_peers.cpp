@@ -276,11 +276,11 @@ static bool flush_some(mailbox &m, uint32_t id)
     if (!c)
         return false;
     const size_t before = c->waiting.memory();
-    const flushing result = flush(*c);
+    const bool is_more = flush(*c);
     note_freed(before - c->waiting.memory());
-    if (result == flushing::done && m.id == 0)
+    if (c->waiting.is_empty() && m.id == 0)
         end_connection(m, id, ended_by::us);
-    return result == flushing::goes_on;
+    return is_more;
 }
 
 /* Returns whether the peer has room again. */
@@ -299,12 +299,11 @@ static bool take_control(mailbox &m, uint32_t id)
         if (c->incoming)
             m.in.wake(*c->incoming);
         return false;
-    case control_event::passed:
-        close_later({std::move(passed), c->peer, c->area->place()});
-        break;
     case control_event::end:
         break;
     }
+    if (!passed.empty())
+        close_later({std::move(passed), c->peer, c->area->place()});
     end_connection(m, id, ended_by::peer);
     return false;
 }

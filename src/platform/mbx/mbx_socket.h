@@ -20,10 +20,13 @@ using mailbox_token = std::array<uint64_t, 2>;
 mailbox_token make_token();
 
 enum class greeting_kind : uint32_t {
-    hello = 1, /* of the connecting side */
-    welcome,   /* the answer; carries welcome_fds descriptors */
-    known,     /* the answer when the two are connected already */
-    refused,   /* the answer when there can be no connection now */
+    missing, /* nothing has come yet */
+    hello,   /* of the connecting side */
+    welcome, /* the answer; carries welcome_fds descriptors */
+    known,   /* the answer when the two are connected already */
+    refused, /* the answer when there can be no connection now */
+    foreign, /* begins as no greeting of this version does */
+    invalid, /* anything else, the end of the connection among it */
 };
 
 /* In this order: the memory, the accepting side's bell, the connecting side's bell. */
@@ -34,16 +37,8 @@ constexpr size_t welcome_fds = 3;
 bool send_greeting(int control, greeting_kind kind, const mailbox_token &token,
                    const int *fds = nullptr);
 
-enum class greeting_state {
-    missing, /* nothing has come yet */
-    valid,
-    foreign, /* begins as no greeting of this version does */
-    invalid, /* anything else, the end of the connection among it */
-};
-
 struct greeting {
-    greeting_state state = greeting_state::missing;
-    greeting_kind kind = greeting_kind::hello;
+    greeting_kind kind = greeting_kind::missing;
     mailbox_token token{};
     /* The descriptors of the message, as many as a message can carry; of a proper greeting as many
        as its kind has. The receiver passes the others to close_later. */
@@ -60,9 +55,9 @@ enum class wake : unsigned char {
 };
 void send_wake(int control, wake what);
 
-enum class control_event { nothing, room, bell, end, passed };
+enum class control_event { nothing, room, bell, end };
 
-/* Reads one message. `passed`: it carried descriptors, which are in `fds` now. */
+/* Reads one message. One that carries descriptors, which are in `fds` then, is an `end`. */
 control_event receive_wake(int control, std::vector<owned_fd> &fds);
 
 /* Whether the system lets this process make the calls without which no signal is carried, and, to
