@@ -48,22 +48,21 @@ static void make_room_for_descriptors()
     const owned_fd highest(fcntl(any.get(), F_DUPFD_CLOEXEC, last));
 }
 
-static std::mutex *const last_locks[] = {&parting_lock, &accounts_lock, &closer_lock, &waker_lock};
-
 /* A fork holds all locks, taken in their order (mbx_registry.h). */
 static void before_fork()
 {
     helper_lock.lock();
     registry_lock.lock();
     for_each_mailbox([](mailbox &m) { m.lock.lock(); });
-    for (std::mutex *lock : last_locks)
-        lock->lock();
+    std::lock(parting_lock, accounts_lock, closer_lock, waker_lock);
 }
 
 static void after_fork()
 {
-    for (std::mutex *lock : last_locks)
-        lock->unlock();
+    waker_lock.unlock();
+    closer_lock.unlock();
+    accounts_lock.unlock();
+    parting_lock.unlock();
     for_each_mailbox([](mailbox &m) { m.lock.unlock(); });
     registry_lock.unlock();
     helper_lock.unlock();
