@@ -18,12 +18,6 @@ static bool is_name_ours(const char *name)
     return found;
 }
 
-static void notify_watchers(mailbox &m, uint32_t id)
-{
-    while (block *notice = m.watchers.pop_front())
-        push_local(notice->sender, notice, id);
-}
-
 static inbox_owner owner_of(mailbox &m)
 {
     return {&m,
@@ -93,7 +87,8 @@ void delete_mailbox(mailbox &m)
             end_connection(m, c.id, ended_by::us);
     }
     m.in.close();
-    notify_watchers(m, id);
+    while (block *notice = m.watchers.pop_front())
+        push_local(notice->sender, notice, id);
 }
 
 /* No epoll_ctl, no unlink, no shutdown: epolls, names and connections are the parent's as well, and

@@ -13,7 +13,7 @@
 
 using namespace std::chrono_literals;
 
-static constexpr size_t locate_ms = 5000;
+static constexpr size_t locate_ms = 5000; /* for a server that is stopped or overloaded */
 static constexpr auto locate_pause = 5ms;
 
 namespace
@@ -33,14 +33,6 @@ struct call {
 };
 
 } // namespace
-
-/* A server answers from its helper, so that a busy one is located as fast as an idle one; the limit
-   is for one that is stopped or overloaded. */
-static time_point locate_deadline()
-{
-    return std::chrono::steady_clock::now() +
-           std::chrono::milliseconds(setting("MBX_LOCATE_MS", locate_ms));
-}
 
 /* The connection itself has no time-out for reading, because a closed one is readable as well. */
 static greeting await_greeting(int control, time_point deadline)
@@ -123,7 +115,8 @@ static int try_to_locate(uint32_t own, const mailbox_token &token, const char *n
    for more of us: retry until the deadline. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
-    const time_point deadline = locate_deadline();
+    const time_point deadline = std::chrono::steady_clock::now() +
+                                std::chrono::milliseconds(setting("MBX_LOCATE_MS", locate_ms));
     for (;;) {
         uint32_t out = MBX_NO_MAILBOX;
         const int error = try_to_locate(own, m.token, name, deadline, out);

@@ -56,13 +56,11 @@ static uint64_t pages_between(uint32_t from, uint32_t to)
 
 static void advise(const mapped_ring &ring, uint64_t pages, int advice)
 {
-    for (uint32_t first = 0; pages >> first != 0;) {
-        first += static_cast<uint32_t>(std::countr_zero(pages >> first));
-        const auto count = static_cast<uint32_t>(std::countr_one(pages >> first));
-        madvise(ring.rest + size_t{first} * page_bytes, size_t{count} * page_bytes, advice);
-        first += count;
-        if (first >= rest_pages)
-            break;
+    while (pages != 0) {
+        const auto first = static_cast<size_t>(std::countr_zero(pages));
+        const auto count = static_cast<size_t>(std::countr_one(pages >> first));
+        madvise(ring.rest + first * page_bytes, count * page_bytes, advice);
+        pages &= pages + (uint64_t{1} << first); /* without these */
     }
 }
 
