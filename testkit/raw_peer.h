@@ -84,7 +84,7 @@ struct raw_peer {
         if (!is_readable(control.get()))
             throw std::runtime_error("no answer to the greeting");
         answer = receive_greeting(control.get());
-        if (answer.state != greeting_state::valid || answer.kind != greeting_kind::welcome)
+        if (answer.kind != greeting_kind::welcome)
             return false;
         area = mapped_area::map(answer.fds[0].get());
         out = record_sender(area->ring(0));

@@ -3,7 +3,6 @@
    the inbox and whose turn it is, accounts, the closing thread, and the waker. */
 #include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_connection.h"
-#include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_inbox.h"
 #include "platform/mbx/mbx_socket.h"
 #include "platform/mbx/mbx_waker.h"
@@ -197,6 +196,7 @@ struct turns : testing::Test {
         std::shared_ptr<mapped_area> area = mapped_area::map(make_area_memory().get());
         record_sender ring{area->ring(0)};
         owned_fd bell = make_bell();
+        source *there = nullptr; /* in the inbox */
         bool is_watched = false;
     };
     inbox in;
@@ -206,10 +206,9 @@ struct turns : testing::Test {
 
     turns()
     {
-        EXPECT_TRUE(in.open(
-            {this, [](void *, uint32_t) {},
-             [](void *self, uint32_t id) { static_cast<turns *>(self)->in.end(id, nullptr); },
-             [](void *) {}}));
+        EXPECT_TRUE(in.open({this, [](void *, uint32_t) {},
+                             [](void *self, uint32_t id) { static_cast<turns *>(self)->end(id); },
+                             [](void *) {}}));
     }
     ~turns() override
     {
@@ -217,9 +216,14 @@ struct turns : testing::Test {
     }
     sender &add(uint32_t id)
     {
-        in.add(id, senders[id].area, 0, owned_fd(dup(senders[id].bell.get())));
-        EXPECT_TRUE(in.rest(id));
-        return senders[id];
+        sender &s = senders[id];
+        s.there = in.add(id, s.area, 0, owned_fd(dup(s.bell.get())));
+        EXPECT_TRUE(s.there->ring.rest());
+        return s;
+    }
+    void end(uint32_t id)
+    {
+        in.end(*senders.at(id).there, nullptr);
     }
     void send(uint32_t id, uint32_t count = 1)
     {
@@ -231,7 +235,7 @@ struct turns : testing::Test {
             } else if (senders[id].ring.push(&id, sizeof(id)) == record_sender::outcome::to_ring) {
                 ring_bell(senders[id].bell.get());
                 if (!std::exchange(senders[id].is_watched, true))
-                    in.watch(id);
+                    in.watch(*senders[id].there);
             }
     }
     /* The sender of the next signal, 0 if there is none. The descriptor must agree. */
@@ -300,7 +304,7 @@ TEST_F(turns, who_rings_and_leaves_at_once_does_not_leave_the_owner_waiting)
     send(16);
     EXPECT_EQ(next(), 16u);
     ring_bell(s.bell.get());
-    in.end(16, nullptr);
+    end(16);
     EXPECT_EQ(next(), 16u);
     EXPECT_EQ(next(), 0u);
 }

@@ -10,6 +10,15 @@
 namespace util
 {
 
+/* Until then in milliseconds as poll() takes them: rounded up, so that a poll with them doesn't end
+   before; 0 once it has passed. */
+inline int milliseconds_until(std::chrono::steady_clock::time_point end) noexcept
+{
+    using namespace std::chrono;
+    const auto rest = ceil<milliseconds>(end - steady_clock::now()).count();
+    return static_cast<int>(std::clamp<long long>(rest, 0, INT_MAX));
+}
+
 class deadline
 {
   public:
@@ -27,12 +36,9 @@ class deadline
     {
         return clock::now() >= end_;
     }
-    /* The rest in milliseconds as poll() takes it: rounded up, so that a poll with it doesn't end
-       before the deadline; 0 once that has passed. */
     int poll_timeout() const noexcept
     {
-        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end_ - clock::now()).count();
-        return static_cast<int>(std::clamp<long long>(rest, 0, INT_MAX));
+        return milliseconds_until(end_);
     }
 
   private:

@@ -42,25 +42,42 @@ inline descriptor connect_to(std::string_view path, int type)
     return connection;
 }
 
-/* Listens at a path that doesn't exist yet, for the owner and the group of that number. No process
-   can connect before the group and the mode are set. A caller who isn't a member of the group
-   leaves the socket's own group. A symbolic link that another process puts in the socket's place is
-   not followed; a system without /proc can't promise that, and there the umask applies to the
-   mode. */
-inline descriptor listen_at(std::string_view path, int type, mode_t mode, gid_t group, int backlog)
+/* Follows no link that another process puts in the socket's place. fchmodat() needs /proc for that,
+   which a chroot may lack; then lstat() checks the file first. */
+inline bool set_socket_mode(const char *path, mode_t mode)
+{
+    struct stat found = {};
+    return fchmodat(AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW) == 0 ||
+           (lstat(path, &found) == 0 && S_ISSOCK(found.st_mode) && chmod(path, mode) == 0);
+}
+
+/* A socket at a path that doesn't exist yet, for the owner and the group of that number, whatever
+   the umask. No process can connect before listen() is called. A caller who isn't a member of the
+   group leaves the socket's own group. */
+inline descriptor bind_at(std::string_view path, int type, mode_t mode, gid_t group)
 {
     sockaddr_un address;
     if (!make_local_address(path, address))
         return descriptor();
-    descriptor listener(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
-    if (!listener.is_open() || fchmod(listener.get(), mode) != 0 ||
-        bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
+    descriptor bound(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    if (!bound.is_open() || fchmod(bound.get(), mode) != 0 ||
+        bind(bound.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
         return descriptor();
     [[maybe_unused]] const bool has_group =
         group == getegid() || lchown(address.sun_path, static_cast<uid_t>(-1), group) == 0;
-    [[maybe_unused]] const bool has_mode =
-        fchmodat(AT_FDCWD, address.sun_path, mode, AT_SYMLINK_NOFOLLOW) == 0;
-    if (::listen(listener.get(), backlog) != 0)
+    if (set_socket_mode(address.sun_path, mode))
+        return bound;
+    const int reason = errno;
+    unlink(address.sun_path);
+    errno = reason;
+    return descriptor();
+}
+
+/* bind_at(), and listens. */
+inline descriptor listen_at(std::string_view path, int type, mode_t mode, gid_t group, int backlog)
+{
+    descriptor listener = bind_at(path, type, mode, group);
+    if (listener.is_open() && ::listen(listener.get(), backlog) != 0)
         listener.reset();
     return listener;
 }

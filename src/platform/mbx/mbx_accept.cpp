@@ -1,15 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* How connections to our named mailboxes are accepted, on the helper's thread.
+/* A hello is answered by a welcome or a refusal (mbx_socket.h). A connection that does not greet is
+   closed after two seconds, and earlier when its process makes more of them.
 
-   A client sends a hello. The answer is a welcome with the memory and the bells, or a refusal: the
-   two mailboxes are connected already, or there can be no connection now. Signals flow only after
-   a welcome. A connection that does not greet is closed after two seconds, and earlier when its
-   process makes more of them.
-
-   When descriptors have run out, accepting would fail for as long as that lasts and the listener
-   would stay readable: it is left alone for a moment and tried again. The same is done while the
-   closing thread has too much to do: a process that passes descriptors which do not close comes in
-   slowly. */
+   When descriptors have run out, the listener would stay readable: it is left alone for a moment.
+   So it is while the closing thread has too much to do, for a process that passes descriptors which
+   do not close. */
 #include "platform/mbx/mbx_accept.h"
 
 #include "platform/mbx/mbx_helper.h"
@@ -39,7 +34,7 @@ struct newcomer {
 using namespace std::chrono_literals;
 
 static constexpr auto time_to_greet = 2s;
-static constexpr auto time_to_retry = 100ms;
+static constexpr auto time_to_retry = 100ms; /* costs little CPU time */
 static constexpr auto time_to_complain = 10s;
 static constexpr int ungreeted_at_most = 16; /* of one process */
 
@@ -102,7 +97,6 @@ static void answer(mailbox &m, newcomer &n, const greeting &hello)
     }
 }
 
-/* The other side of a greeting that is well. */
 static void welcome(newcomer &n, const greeting &hello)
 {
     restrict_control(n.control.get());
@@ -118,13 +112,13 @@ static void welcome(newcomer &n, const greeting &hello)
 static bool try_greeting(newcomer &n)
 {
     greeting hello = receive_greeting(n.control.get());
-    if (hello.state == greeting_state::missing)
+    if (hello.kind == greeting_kind::missing)
         return false;
     if (n.number != 0)
         helper_unwatch(n.control.get());
-    if (hello.state == greeting_state::foreign)
+    if (hello.kind == greeting_kind::foreign)
         complain_about_greeting(n.peer);
-    if (hello.state == greeting_state::valid && hello.kind == greeting_kind::hello)
+    if (hello.kind == greeting_kind::hello)
         welcome(n, hello);
     if (n.control)
         hang_up(std::move(n.control), std::move(hello.fds), n.peer);
@@ -169,9 +163,7 @@ void handle_greeting(uint32_t, uint32_t number)
         newcomers.erase(n);
 }
 
-/* No control connection if no client is waiting, or none can be accepted now. Then the listener is
-   left alone for a while, which is short enough for a client and long enough to cost little CPU
-   time. */
+/* No control connection if no client is waiting, or none can be accepted now. */
 static void accept_one(mailbox &m, newcomer &n)
 {
     const int listener = m.name.listener.get();

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: entry::open() finds or makes the accounts of a user and of a process and takes a
-   place in both; count() adds what is held; the last entry of an account removes it. */
+/* entry::open() finds or makes the accounts of a user and of a process, which their last entry
+   removes. */
 #include "platform/mbx/mbx_account.h"
 
 #include <algorithm>
@@ -32,8 +32,7 @@ std::mutex accounts_lock;
 /* Never destroyed: the helper may outlive main(). Guarded by accounts_lock. */
 static user_accounts *users = new user_accounts;
 
-/* The number in the environment, or the usual one. */
-static size_t setting(const char *name, size_t usual)
+size_t setting(const char *name, size_t usual)
 {
     const char *set = secure_getenv(name);
     const long long number = set ? strtoll(set, nullptr, 10) : 0;
@@ -86,7 +85,6 @@ static bool has_place(const account &user, const account &process, const peer_id
     return room > 0 && (peer.process <= 0 || process.connections < room);
 }
 
-/* Without its accounts where those are empty. */
 static void forget_empty(const peer_identity &peer)
 {
     const auto user = users->find(peer.user);

@@ -18,8 +18,8 @@
    Bytes can be taken back. When there are too many, connections end: of the user that holds most
    the process that holds most, whatever a single connection holds.
 
-   The environment sets both limits (not in a set-uid program): MBX_CONNECTIONS and MBX_HELD_MIB. A
-   sixth of our descriptors limits the connections as well. */
+   The environment sets both limits (mbx.h). A sixth of our descriptors limits the connections as
+   well. */
 #pragma once
 
 #include "platform/mbx/mbx_fd.h"
@@ -36,7 +36,6 @@
 /* Four descriptors for each connection, and some for everything else. */
 constexpr size_t fds_per_connection = 6;
 
-/* For one receiver. */
 constexpr size_t held_for_one_at_most = size_t{8} << 20;
 
 /* The process and the user at the other end of a connection, as the kernel noted them when it was
@@ -107,6 +106,8 @@ inline bool is_much_held()
 {
     return total.bytes.load(std::memory_order_relaxed) > held_at_most / 4;
 }
+/* The number in the environment, but not in a set-uid program's; else the usual one. */
+size_t setting(const char *name, size_t usual);
 /* One line on standard error, where the environment sets a limit. */
 void report_limits();
 

@@ -48,16 +48,13 @@ static void make_room_for_descriptors()
     const owned_fd highest(fcntl(any.get(), F_DUPFD_CLOEXEC, last));
 }
 
-/* A fork holds all locks, and the child drops its copies. */
-static void before_fork() /* in the order of the locks */
+/* A fork holds all locks, taken in their order (mbx_registry.h). */
+static void before_fork()
 {
     helper_lock.lock();
     registry_lock.lock();
     for_each_mailbox([](mailbox &m) { m.lock.lock(); });
-    parting_lock.lock();
-    accounts_lock.lock();
-    closer_lock.lock();
-    waker_lock.lock();
+    std::lock(parting_lock, accounts_lock, closer_lock, waker_lock);
 }
 
 static void after_fork()
@@ -225,8 +222,7 @@ mbx_signal *mbx_receive(const uint32_t *filter, int timeout_ms, uint32_t sender)
     m->run.end();
     block *b = m->id == id ? m->in.receive(hold, filter, timeout_ms, sender) : nullptr;
     hold.unlock();
-    if (is_too_much_held())
-        shed();
+    shed();
     return b ? b->signal() : nullptr;
 }
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the owner of a mailbox makes the memory file and maps it; a peer checks the file
-   that it got, and maps it. The bells, eventfds, are made, checked and rung here, too. */
+/* The memory file, which the accepting side makes and the other one checks; its mapping; the bells.
+ */
 #include "platform/mbx/mbx_area.h"
 
 #include <atomic>
@@ -14,7 +14,6 @@
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
@@ -61,8 +60,7 @@ bool can_make_memory()
 bool is_area_memory(int memory)
 {
     static_assert(area_bytes % (size_t{64} * 1024) != 0, "not a multiple of any huge page");
-    struct stat status {
-    };
+    file_status status{};
     const int sealed = fcntl(memory, F_GET_SEALS);
     return sealed >= 0 && (sealed & seals) == seals && fstat(memory, &status) == 0 &&
            status.st_size == static_cast<off_t>(area_bytes);
@@ -136,22 +134,14 @@ owned_fd make_bell()
     return bell;
 }
 
-/* Files of the kernel's own share one inode, except those that have a reason not to. Which one is
-   found out once. */
+/* Files of the kernel's own share one inode, except those that have a reason not to. */
 static bool is_kernels_own(int fd)
 {
-    static std::atomic<dev_t> device;
-    static std::atomic<ino_t> inode;
-    struct stat found {
-    };
-    if (inode == 0) {
-        const owned_fd own(eventfd(0, EFD_CLOEXEC));
-        if (!own || fstat(own.get(), &found) != 0)
-            return false;
-        device = found.st_dev;
-        inode = found.st_ino;
-    }
-    return fstat(fd, &found) == 0 && found.st_dev == device && found.st_ino == inode;
+    const owned_fd own(eventfd(0, EFD_CLOEXEC));
+    file_status ours{};
+    file_status found{};
+    return fstat(own.get(), &ours) == 0 && fstat(fd, &found) == 0 && ours.st_dev == found.st_dev &&
+           ours.st_ino == found.st_ino;
 }
 
 bool may_be_bell(int fd, int socket)
@@ -162,18 +152,12 @@ bool may_be_bell(int fd, int socket)
 
 /* The calls by their numbers: the library functions are points of cancellation. A count of 0, which
    only a bell that was not made by make_bell can have, wakes no thread and blocks none. */
-bool ring_bell(int bell)
+bool ring_bell(int bell, bool is_own)
 {
     const errno_keeper keeper;
     uint64_t count;
     const iovec into{&count, sizeof(count)};
-    const long n = syscall(SYS_preadv2, bell, &into, 1, -1L, -1L, RWF_NOWAIT);
-    return n >= 0 || errno == EAGAIN;
-}
-
-void ring_own_bell(int bell)
-{
-    const errno_keeper keeper;
-    uint64_t count;
-    syscall(SYS_read, bell, &count, sizeof(count));
+    const long n = is_own ? syscall(SYS_read, bell, &count, sizeof(count))
+                          : syscall(SYS_preadv2, bell, &into, 1, -1L, -1L, RWF_NOWAIT);
+    return is_own || n >= 0 || errno == EAGAIN;
 }

@@ -131,8 +131,6 @@ owned_fd make_bell();
 bool may_be_bell(int fd, int socket);
 
 /* False when the kernel cannot read an eventfd with RWF_NOWAIT (before Linux 5.8): the caller then
-   wakes the other side over the control connection. Keeps errno. */
-bool ring_bell(int bell);
-/* Rings a bell that make_bell has made in this process. The kernel can always read that one: a
-   plain read costs a fifth less. */
-void ring_own_bell(int bell);
+   wakes the other side over the control connection. A bell that `is_own`, made in this process, can
+   always be read: a plain read costs a fifth less. Keeps errno. */
+bool ring_bell(int bell, bool is_own = false);

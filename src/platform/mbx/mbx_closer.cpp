@@ -33,19 +33,14 @@ static void *run_closer(void *)
 }
 
 /* Without memory for a thread the descriptors wait for the next attempt. */
-static bool start_thread()
-{
-    pthread_t thread;
-    return util::start_thread(thread, closer_stack, run_closer, nullptr) == 0 &&
-           pthread_detach(thread) == 0;
-}
-
 void close_later(to_close &&what)
 {
     std::lock_guard hold(closer_lock);
     closing->push_back(std::move(what));
+    pthread_t thread;
     if (!is_running)
-        is_running = start_thread();
+        is_running = util::start_thread(thread, closer_stack, run_closer, nullptr) == 0 &&
+                     pthread_detach(thread) == 0;
 }
 
 bool is_closing_too_many(const peer_identity &peer)

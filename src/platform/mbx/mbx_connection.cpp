@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: deliver() writes a signal into the ring, or behind others into the backlog;
-   flush() moves the backlog to the ring when the receiver has made room; trim() gives memory
-   back. */
+/* deliver() writes a signal into the ring, or behind others into the backlog, which flush() moves
+   to the ring when the receiver has made room. */
 #include "platform/mbx/mbx_connection.h"
 
 #include "platform/mbx/mbx_parting.h"
@@ -13,13 +12,11 @@ static void wake_receiver(connection &c, fan_out *run)
 {
     if (run && run->includes(c.met) && ring_later(c.far_bell.get()))
         return;
-    if (c.is_accepted()) {
-        ring_own_bell(c.far_bell.get());
-    } else if (!ring_bell(c.far_bell.get())) {
-        if (run)
-            run->end();
-        send_wake(c.control.get(), wake::bell);
-    }
+    if (ring_bell(c.far_bell.get(), c.is_accepted()))
+        return;
+    if (run)
+        run->end();
+    send_wake(c.control.get(), wake::bell);
 }
 
 static bool push(connection &c, backlog::bytes signal, fan_out *run)
@@ -58,12 +55,13 @@ void let_go(connection &c, ended_by who)
     if (c.is_accepted())
         leave_bell(c.far_bell.get(), place);
     retire_bell(std::move(c.far_bell));
-    if (who == ended_by::peer || !c.is_accepted())
-        c.area.reset();
-    if (c.is_accepted())
-        part(std::move(c.control), std::move(c.area), std::move(place), c.peer);
-    else
-        hang_up(std::move(c.control), {}, c.peer, std::move(place));
+    if (c.is_accepted()) {
+        part(std::move(c.control), std::move(c.area), std::move(place), c.peer,
+             who == ended_by::us);
+        return;
+    }
+    c.area.reset();
+    hang_up(std::move(c.control), {}, c.peer, std::move(place));
 }
 
 bool deliver(connection &c, const block *b, fan_out &run)
@@ -83,13 +81,13 @@ bool deliver(connection &c, const block *b, fan_out &run)
     if (is_sent)
         return true;
     if (is_next)
-        while (flush(c) == flushing::goes_on) {
+        while (flush(c)) {
         }
     return c.held() <= held_for_one_at_most;
 }
 
 /* With plenty of room, any signal fits: so each call makes progress, or the receiver reports. */
-flushing flush(connection &c)
+bool flush(connection &c)
 {
     size_t budget = ring_bytes;
     bool is_full = false;
@@ -102,9 +100,7 @@ flushing flush(connection &c)
     }
     count_held(c);
     note_read(c, false);
-    if (c.waiting.is_empty())
-        return flushing::done;
-    return is_full && c.ring.wait_for_room() ? flushing::waits : flushing::goes_on;
+    return !c.waiting.is_empty() && !(is_full && c.ring.wait_for_room());
 }
 
 bool trim(connection &c)

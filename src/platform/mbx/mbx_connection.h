@@ -1,22 +1,111 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_connection - the sending half of a connection to another mailbox, and the resources of both
    halves. The receiving half is a source of the inbox, with the same id. Guarded by the mailbox's
-   lock.
-
-   A send goes straight into the ring. A signal for which the ring has no room waits in a backlog,
-   and from then on everything goes behind it, until the receiver reports room over the control
-   connection. */
+   lock. */
 #pragma once
 
-#include "platform/mbx/mbx_backlog.h"
 #include "platform/mbx/mbx_block.h"
-#include "platform/mbx/mbx_fan_out.h"
 #include "platform/mbx/mbx_record.h"
 #include "platform/mbx/mbx_socket.h"
 #include "platform/mbx/mbx_waker.h"
 
 #include <array>
+#include <list>
 #include <memory>
+#include <new>
+#include <span>
+#include <vector>
+
+/* The signals that a ring had no room for, in order, each in memory of its own. */
+class backlog
+{
+  public:
+    using bytes = std::span<const unsigned char>;
+
+    bool is_empty() const
+    {
+        return signals_.empty();
+    }
+    /* Copies the signal. False when memory is out. */
+    bool push(bytes signal)
+    try {
+        signals_.emplace_back(signal.begin(), signal.end());
+        memory_ += memory_of(signal);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    /* The oldest one. Not to be called on an empty backlog. */
+    bytes front() const
+    {
+        return signals_.front();
+    }
+    void pop()
+    {
+        memory_ -= memory_of(signals_.front());
+        signals_.pop_front();
+    }
+    void clear()
+    {
+        signals_.clear();
+        memory_ = 0;
+    }
+    /* Bytes of memory that it holds. */
+    size_t memory() const
+    {
+        return memory_;
+    }
+
+  private:
+    /* With the two allocations of a node and its bytes, each rounded up to 16 by the C library. */
+    static size_t memory_of(bytes signal)
+    {
+        return signal.size() + 80;
+    }
+
+    std::list<std::vector<unsigned char>> signals_;
+    size_t memory_ = 0;
+};
+
+/* Finds the fan-outs of one sender among its other traffic: the sender wakes many different
+   receivers and receives nothing in between. The first few wake-ups don't count, because they may
+   be all; after a long fan-out another one is expected, and fewer of them are left out: twelve each
+   time cost the sender of 100 a twentieth to a tenth more. */
+class fan_out
+{
+  public:
+    /* More than ten, for which the waker costs more than it saves. */
+    static constexpr uint32_t left_out_at_first = 12;
+
+    /* To be called for each receiver that has to be woken; `met` is the receiver's own mark, 0 at
+       first. Returns whether it belongs to a fan-out. */
+    bool includes(uint32_t &met)
+    {
+        if (met == number_)
+            end();
+        met = number_;
+        return ++count_ > left_out_;
+    }
+    /* Ends the run of wake-ups: called at any other event, as the next signal may be an answer to
+       it. A run of two predicts nothing. */
+    void end()
+    {
+        if (count_ > 2)
+            left_out_ = count_ > long_fan_out ? left_out_later : left_out_at_first;
+        number_++;
+        count_ = 0;
+    }
+
+  private:
+    static constexpr uint32_t left_out_later = 3;
+    static constexpr uint32_t long_fan_out = 32;
+
+    uint32_t number_ = 1; /* of this run of wake-ups */
+    uint32_t count_ = 0;  /* wake-ups in it */
+    uint32_t left_out_ = left_out_at_first;
+};
+
+struct source; /* mbx_inbox.h */
 
 /* The parts of a connection, once both sides have greeted. */
 struct connection_parts {
@@ -36,6 +125,7 @@ struct connection : connection_parts {
     /* Memory of the connection that was sent to after this one, which may have ended: addresses to
        be fetched ahead, and nothing else. */
     std::array<const void *, 5> expected{};
+    source *incoming = nullptr; /* its receiving half, while the mailbox lives */
     record_sender ring;
     backlog waiting;
     time_point marked{};  /* of the ring's mark, while something waits */
@@ -73,13 +163,9 @@ void let_go(connection &c, ended_by who);
    this receiver, or memory is out: the connection must end. `run`: the sender's. */
 bool deliver(connection &c, const block *b, fan_out &run);
 
-enum class flushing {
-    done,   /* nothing waits any more */
-    waits,  /* the receiver will report room */
-    goes_on /* call it again, after others had the lock */
-};
-/* Hands on what waits, about one ring full at most. */
-flushing flush(connection &c);
+/* Hands on what waits, about one ring full at most. True when it is to be called again, after
+   others had the lock; false when nothing waits any more, or the receiver will report room. */
+bool flush(connection &c);
 
 /* Gives pages of the ring back that are not in use. Returns whether some are left. */
 bool trim(connection &c);

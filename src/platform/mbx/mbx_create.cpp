@@ -5,7 +5,6 @@
 
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_peers.h"
-#include "platform/mbx/mbx_registry.h"
 
 #include <cerrno>
 
@@ -17,12 +16,6 @@ static bool is_name_ours(const char *name)
         found |= m.id != 0 && m.name.name == name;
     });
     return found;
-}
-
-static void notify_watchers(mailbox &m, uint32_t id)
-{
-    while (block *notice = m.watchers.pop_front())
-        push_local(notice->sender, notice, id);
 }
 
 static inbox_owner owner_of(mailbox &m)
@@ -38,22 +31,27 @@ static inbox_owner owner_of(mailbox &m)
             [](void *) { want_trim(); }};
 }
 
-/* With the lock held. False, with errno, on failure. */
-static bool open_to_others(mailbox &m, const char *name, uint32_t id)
+/* With the lock held. False, with errno, on failure, which is explained. */
+static bool open_mailbox(mailbox &m, const char *name, uint32_t id)
 {
-    if (!take_name(name, m.name))
-        return false;
-    if (helper_watch(watch_listener, m.name.listener.get(), EPOLLIN, slot_of(id), id))
-        return true;
-    const errno_keeper keeper;
-    give_name(m.name);
+    if (m.in.open(owner_of(m))) {
+        m.token = make_token();
+        if (m.token == mailbox_token{} || !can_carry(name) || (name && !can_make_memory()))
+            return false;
+        if (!name || (take_name(name, m.name) &&
+                      helper_watch(watch_listener, m.name.listener.get(), EPOLLIN, m.slot, id)))
+            return true;
+    }
+    if (name)
+        complain_about_name(name);
     return false;
 }
 
 uint32_t create_mailbox(const char *name)
 {
-    const bool is_named = name && *name;
-    if (is_named && is_name_ours(name)) {
+    if (name && !*name)
+        name = nullptr;
+    if (name && is_name_ours(name)) {
         errno = EADDRINUSE;
         return MBX_NO_MAILBOX;
     }
@@ -61,30 +59,19 @@ uint32_t create_mailbox(const char *name)
     if (!m)
         return MBX_NO_MAILBOX;
     std::lock_guard hold(m->lock);
-    if (!m->in.open(owner_of(*m))) {
-        if (is_named)
-            complain_about_name(name);
-        return MBX_NO_MAILBOX;
-    }
-    m->token = make_token();
-    if (m->token == mailbox_token{} || !can_carry(is_named) || (is_named && !can_make_memory())) {
-        const errno_keeper keeper;
-        m->in.close();
-        return MBX_NO_MAILBOX;
-    }
     const uint32_t id = next_mailbox_id(*m);
-    if (is_named && !open_to_others(*m, name, id)) {
-        const errno_keeper keeper;
-        complain_about_name(name);
-        m->in.close();
-        return MBX_NO_MAILBOX;
+    if (open_mailbox(*m, name, id)) {
+        publish(*m, id);
+        return id;
     }
-    publish(*m, id);
-    return id;
+    const errno_keeper keeper;
+    give_name(m->name);
+    m->in.close();
+    return MBX_NO_MAILBOX;
 }
 
-/* In reverse order: first the mailbox can't be found any more, then no sender has it pinned, then
-   it is emptied. A connection whose receiver has a backlog stays until that is sent. */
+/* withdraw() waits until no sender has it pinned. A connection whose receiver has a backlog stays
+   until that is sent. */
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = withdraw(m);
@@ -95,12 +82,13 @@ void delete_mailbox(mailbox &m)
     for (auto next = m.connections.begin(); next != m.connections.end();) {
         connection &c = next++->second;
         c.notice.reset();
-        helper_unwatch(m.in.bell(c.id));
+        helper_unwatch(std::exchange(c.incoming, nullptr)->bell.get());
         if (c.waiting.is_empty())
             end_connection(m, c.id, ended_by::us);
     }
     m.in.close();
-    notify_watchers(m, id);
+    while (block *notice = m.watchers.pop_front())
+        push_local(notice->sender, notice, id);
 }
 
 /* No epoll_ctl, no unlink, no shutdown: epolls, names and connections are the parent's as well, and

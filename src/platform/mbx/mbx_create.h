@@ -3,10 +3,9 @@
    and no lock of a mailbox. */
 #pragma once
 
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_registry.h"
 
-/* Returns an id, or MBX_NO_MAILBOX with errno; a name that can't be taken is also explained in a
-   line on standard error. */
+/* Returns an id, or MBX_NO_MAILBOX with errno, explained by a line on standard error for a name. */
 uint32_t create_mailbox(const char *name);
 /* Leaves only connections in which something waits for its receiver. */
 void delete_mailbox(mailbox &m);

@@ -2,14 +2,16 @@
 /* mbx_fd - descriptors that close themselves, errno that is kept, and points in time. No state. */
 #pragma once
 
+#include "util/deadline.h"
 #include "util/descriptor.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <sys/stat.h>
 
 using owned_fd = util::descriptor;
+using file_status = struct stat;
 
 /* Restores errno at its end: a signal handler that calls the library leaves the errno of the code
    that it interrupted, and clean-up after a failure leaves the errno of the failure. */
@@ -29,11 +31,4 @@ class errno_keeper
 };
 
 using time_point = std::chrono::steady_clock::time_point;
-
-/* Whole milliseconds until then, rounded up, 0 when it is past: for poll and epoll_wait. */
-inline int milliseconds_until(time_point deadline)
-{
-    using namespace std::chrono;
-    const auto left = ceil<milliseconds>(deadline - steady_clock::now()).count();
-    return static_cast<int>(std::clamp<long long>(left, 0, INT32_MAX));
-}
+using util::milliseconds_until;

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the helper's thread waits for descriptors until the next timer is due, calls the
-   function of each kind of descriptor that is ready, and then the timers. */
+/* The thread waits for descriptors until the next timer is due, calls the function of each that is
+   ready, and then the timers. */
 #include "platform/mbx/mbx_helper.h"
 
 #include "util/thread.h"
@@ -38,15 +38,14 @@ static time_point run_timers()
     return next;
 }
 
-/* Kind, slot and id are in the word that epoll returns. */
 static void handle_events(const epoll_event *events, int count)
 {
     for (int i = 0; i < count && !should_stop; i++) {
         const uint64_t word = events[i].data.u64;
         const uint64_t kind = word >> 56;
         if (kind == watch_wake) {
-            uint64_t sum;
-            [[maybe_unused]] const ssize_t n = read(helper_event, &sum, sizeof(sum));
+            eventfd_t sum;
+            eventfd_read(helper_event, &sum);
             continue;
         }
         try {
@@ -109,9 +108,7 @@ void stop_helper()
 
 bool helper_watch(watch_kind kind, int fd, uint32_t events, uint32_t slot, uint32_t id)
 {
-    epoll_event event{};
-    event.events = events;
-    event.data.u64 = uint64_t{kind} << 56 | uint64_t{slot} << 32 | id;
+    epoll_event event{events, {.u64 = uint64_t{kind} << 56 | uint64_t{slot} << 32 | id}};
     return epoll_ctl(helper_poll, EPOLL_CTL_ADD, fd, &event) == 0 ||
            (errno == EEXIST && epoll_ctl(helper_poll, EPOLL_CTL_MOD, fd, &event) == 0);
 }
@@ -123,6 +120,5 @@ void helper_unwatch(int fd)
 
 void helper_wake()
 {
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t n = write(helper_event, &one, sizeof(one));
+    eventfd_write(helper_event, 1);
 }

@@ -39,12 +39,6 @@ static block *empty_signal(uint32_t sender)
     return b;
 }
 
-/* A number that only this library gives out: no connection can make a notice. */
-static bool is_forged(const block *b)
-{
-    return b->number() == MBX_MONITOR_DEFAULT_NO;
-}
-
 static bool matches(const block &b, const uint32_t *filter, uint32_t sender)
 {
     if (sender != MBX_ANY_SENDER && b.sender != sender)
@@ -57,23 +51,17 @@ static bool matches(const block &b, const uint32_t *filter, uint32_t sender)
 
 bool inbox::add_event(int fd, uint32_t events, uint32_t id)
 {
-    epoll_event event{};
-    event.events = events;
-    event.data.u32 = id;
+    epoll_event event{events, {.u32 = id}};
     return epoll_ctl(poll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* Under the lock, so that the descriptor agrees with the state that the next holder of the lock
-   finds. An event can be written at any time: while it is watched for that, the descriptor is
-   readable. */
+/* An event can be written at any time: while it is watched for that, the descriptor is readable. */
 void inbox::raise(bool wanted)
 {
     if (wanted == is_raised_)
         return;
     is_raised_ = wanted;
-    epoll_event event{};
-    event.events = wanted ? EPOLLIN | EPOLLOUT : EPOLLIN;
-    event.data.u32 = local_id;
+    epoll_event event{wanted ? EPOLLIN | EPOLLOUT : EPOLLIN, {.u32 = local_id}};
     epoll_ctl(poll_.get(), EPOLL_CTL_MOD, local_event_.get(), &event);
 }
 
@@ -82,14 +70,8 @@ void inbox::show()
     raise(!line_.is_empty() || !set_aside_.is_empty());
 }
 
-void inbox::line_up(source &s)
-{
-    s.is_in_line = true;
-    line_.push_back(s);
-}
-
 /* For a source that has something now: its turn comes before the next look. */
-void inbox::enter(source &s)
+void inbox::wake(source &s)
 {
     if (s.is_in_line)
         return;
@@ -101,22 +83,18 @@ void inbox::enter(source &s)
 
 void inbox::take_events(const epoll_event *events, int count)
 {
-    fifo<source> fresh;
-    for (int i = 0; i < count; i++) {
-        const uint32_t id = events[i].data.u32;
-        source *s = find(id);
-        if (id == local_id && (events[i].events & EPOLLIN))
-            s = &local_source_;
+    while (count-- > 0) {
+        const epoll_event &event = events[count];
+        const bool is_local = event.data.u32 == local_id && (event.events & EPOLLIN);
+        source *s = is_local ? &local_source_ : find(event.data.u32);
         if (!s || s->is_in_line)
             continue;
         s->is_in_line = true;
-        fresh.push_back(*s);
+        line_.push_front(*s);
     }
-    line_.prepend(fresh);
 }
 
-/* Repeats the wait until all ready sources are found; senders that go on ringing don't prolong it.
- */
+/* Finds all that are ready; senders that go on ringing don't prolong it. */
 void inbox::look()
 {
     size_t left = sources_.size() / (events_at_once - 1) + 1;
@@ -124,7 +102,7 @@ void inbox::look()
     do {
         epoll_event events[events_at_once];
         count = epoll_wait(poll_.get(), events, events_at_once, 0);
-        take_events(events, std::max(count, 0));
+        take_events(events, count);
     } while (count == events_at_once && left-- > 0);
     unlooked_ = unlooked_at_most;
 }
@@ -152,33 +130,28 @@ void inbox::remove(source &s)
 }
 
 /* The semaphore first: a count that was taken has a block, but a block may not have its count yet,
-   so the next look finds whether there is another one. The stack, which has the latest on top, is
-   reversed as a whole when the queue is used up. */
+   so the next look finds whether there is another one. The stack has the latest on top. */
 block *inbox::take_local()
 {
-    uint64_t one;
-    if (read(local_event_.get(), &one, sizeof(one)) != sizeof(one))
+    eventfd_t one;
+    if (eventfd_read(local_event_.get(), &one) != 0)
         return nullptr;
-    if (local_.is_empty()) {
-        block *oldest = nullptr;
+    if (local_.is_empty())
         for (block *b = pushed_.exchange(nullptr, std::memory_order_acquire); b;) {
             block *older = b->next;
-            b->next = oldest;
-            oldest = b;
+            local_.push_front(*b);
             b = older;
         }
-        while (oldest)
-            local_.push_back(*std::exchange(oldest, oldest->next));
-    }
     return local_.pop_front();
 }
 
-/* An empty signal in place of one that can't be: nothing more comes out of the ring then. The pages
-   may be the sender's, or holes of its making, which the read has filled at our cost. */
+/* An empty signal in place of one that can't be, such as a notice, which only this library makes:
+   nothing more comes out of the ring then. The pages may be the sender's, or holes of its making,
+   which the read has filled at our cost. */
 block *inbox::pop_signal(source &s, bool &asks)
 {
     block *b = s.ring.pop(asks);
-    if (!b || is_forged(b)) {
+    if (!b || b->number() == MBX_MONITOR_DEFAULT_NO) {
         if (b)
             block_give(b);
         b = empty_signal(s.id);
@@ -201,8 +174,9 @@ block *inbox::take_living(source &s)
         return b;
     }
     const bool is_empty = s.ring.is_empty();
-    if (!is_empty || !s.ring.rest())
-        line_up(s);
+    s.is_in_line = !is_empty || !s.ring.rest();
+    if (s.is_in_line)
+        line_.push_back(s);
     if ((is_empty || asks) && s.ring.must_report_room())
         owner_.report_room(owner_.self, s.id);
     return b;
@@ -216,8 +190,9 @@ block *inbox::take_ended(source &s)
     left_ -= before - s.ring.unread();
     if (!b)
         b = empty_signal(s.id);
-    if (s.ring.unread() > 0 || !s.notices.is_empty())
-        line_up(s);
+    s.is_in_line = s.ring.unread() > 0 || !s.notices.is_empty();
+    if (s.is_in_line)
+        line_.push_back(s);
     else
         remove(s);
     return b;
@@ -278,7 +253,7 @@ bool inbox::wait(std::unique_lock<std::mutex> &hold, int timeout_ms)
     hold.lock();
     if (opening != openings_)
         return false;
-    take_events(events, std::max(count, 0));
+    take_events(events, count);
     round_ = line_.size();
     unlooked_ = unlooked_at_most;
     return true;
@@ -328,68 +303,45 @@ void inbox::push(block *b)
     while (!pushed_.compare_exchange_weak(b->next, b, std::memory_order_release,
                                           std::memory_order_relaxed)) {
     }
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t n = write(local_event_.get(), &one, sizeof(one));
+    eventfd_write(local_event_.get(), 1);
 }
 
-bool inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
+source *inbox::add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell)
 try {
     source &s = sources_[id];
     s.id = id;
     s.area = area;
     s.bell = std::move(bell);
     s.ring = record_receiver(area->ring(side));
-    return true;
+    return &s;
 } catch (const std::bad_alloc &) {
     errno = ENOMEM;
-    return false;
+    return nullptr;
 }
 
 /* One of reading and writing is always possible at a bell, so that a ring, reported once, can't be
    taken back by the other side. */
-bool inbox::watch(uint32_t id)
+bool inbox::watch(source &s)
 {
-    source *s = find(id);
-    if (!s || s->state == source_state::ended ||
-        !add_event(s->bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, id))
+    if (!add_event(s.bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, s.id))
         return false;
-    s->state = source_state::watched;
+    s.state = source_state::watched;
     return true;
-}
-
-bool inbox::rest(uint32_t id)
-{
-    source *s = find(id);
-    return s && s->ring.rest();
 }
 
 /* The event that the epoll reports of the bell at once is passed over, as that of any source in the
    line; the sender doesn't ring before the source rests. */
-bool inbox::watch_quietly(uint32_t id)
+bool inbox::watch_quietly(source &s)
 {
-    source *s = find(id);
-    if (!watch(id))
+    if (!watch(s))
         return false;
-    s->is_in_line = true;
+    s.is_in_line = true;
     look();
-    s->is_in_line = false;
-    if (!s->ring.rest())
-        enter(*s);
+    s.is_in_line = false;
+    if (!s.ring.rest())
+        wake(s);
     show();
     return true;
-}
-
-int inbox::bell(uint32_t id) const
-{
-    const auto found = sources_.find(id);
-    return found != sources_.end() ? found->second.bell.get() : -1;
-}
-
-void inbox::wake(uint32_t id)
-{
-    source *s = find(id);
-    if (s && s->state != source_state::ended)
-        enter(*s);
 }
 
 /* Beyond the bound, what lies in the home of a ring is kept, so that a crowd that is killed does
@@ -409,31 +361,24 @@ void inbox::keep_unread(source &s)
 /* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
    an empty signal for it. A ring between the look and the removal from the epoll can only be
    guessed: the owner may have seen it, so the next receive doesn't wait (departed_). */
-void inbox::end(uint32_t id, block *notice)
+void inbox::end(source &s, block *notice)
 {
-    source *s = find(id);
-    if (!s || s->state == source_state::ended) {
-        if (notice)
-            block_give(notice);
-        return;
-    }
-    const bool was_watched = s->state == source_state::watched;
-    s->state = source_state::ended;
-    keep_unread(*s);
+    const bool was_watched = s.state == source_state::watched;
+    s.state = source_state::ended;
+    keep_unread(s);
     if (notice)
-        s->notices.push_back(*notice);
-    const bool has_something = s->ring.unread() > 0 || notice;
-    if (has_something) {
-        enter(*s);
+        s.notices.push_back(*notice);
+    if (s.ring.unread() > 0 || notice) {
+        wake(s);
         return;
     }
     if (was_watched) {
         look();
         show();
-        departed_ = id;
+        departed_ = s.id;
     }
-    if (!s->is_in_line)
-        remove(*s);
+    if (!s.is_in_line)
+        remove(s);
 }
 
 bool inbox::add_notice(uint32_t id, block *notice)
@@ -442,7 +387,7 @@ bool inbox::add_notice(uint32_t id, block *notice)
     if (!s)
         return false;
     s->notices.push_back(*notice);
-    enter(*s);
+    wake(*s);
     return true;
 }
 

@@ -4,8 +4,7 @@
 
    Signals come from sources: one for each connection, whose signals come out of a ring, and one for
    what is sent within the process. The descriptor is an epoll over the bells of the rings and a
-   semaphore that counts what was sent within the process; it is kept up while signals are known to
-   be there. It is readable exactly while receive() would return at once.
+   semaphore that counts the latter. It is readable exactly while receive() would return at once.
 
    A source that ends stays until its last signal, and the notices behind it, are taken. */
 #pragma once
@@ -54,8 +53,7 @@ class inbox
   public:
     /* False, with errno, on failure. */
     bool open(const inbox_owner &owner);
-    /* Gives everything back. `is_child`: in a forked child the epoll and the rings are the
-     * parent's. */
+    /* `is_child`: in a forked child the epoll and the rings are the parent's. */
     void close(bool is_child = false);
     /* For the owner to wait at. */
     int fd()
@@ -67,24 +65,24 @@ class inbox
     /* Takes the block over. Any thread, and signal handlers, while the inbox is open. */
     void push(block *b);
 
-    /* A source whose signals come out of one ring of the area. Then either rest() or
-       watch_quietly() must be called. False, with errno, when memory is out. */
-    bool add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
-    /* True when nothing needs to be done until the bell rings, and watch() then; false when watch()
-       should be called at once. Until then the bell must not be in the epoll, because there it
-       would count as rung, and wake the owner. */
-    bool rest(uint32_t id);
+    bool has(uint32_t id) const
+    {
+        return sources_.contains(id);
+    }
+    /* A source whose signals come out of one ring of the area; it stays where it is until end().
+       Once its ring rests and its bell has rung, watch() must be called, and at once if it doesn't
+       rest. Before, the bell must not be in the epoll, because there it would count as rung, and
+       wake the owner. Null, with errno, when memory is out. */
+    source *add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
     /* False, with errno, on failure. */
-    bool watch(uint32_t id);
-    /* rest() and watch() in one, for the owner's thread, which does not wait at the descriptor
-       meanwhile. */
-    bool watch_quietly(uint32_t id);
-    /* Of a source; -1 if there is none with that id. */
-    int bell(uint32_t id) const;
+    bool watch(source &s);
+    /* The same, and lets the ring rest, for the owner's thread, which does not wait at the
+       descriptor meanwhile. */
+    bool watch_quietly(source &s);
     /* Acts as a ring of the bell does, for a sender that can't ring. */
-    void wake(uint32_t id);
+    void wake(source &s);
     /* Nothing more comes from that source but the notice, which may be null. */
-    void end(uint32_t id, block *notice);
+    void end(source &s, block *notice);
     /* One more notice from a source that has ended. False when it is gone. */
     bool add_notice(uint32_t id, block *notice);
     /* Unmaps the pages of rings beyond their first ones, and looks which of them are gone. Returns
@@ -100,8 +98,6 @@ class inbox
     bool add_event(int fd, uint32_t events, uint32_t id);
     void raise(bool wanted);
     void show();
-    void line_up(source &s);
-    void enter(source &s);
     void take_events(const epoll_event *events, int count);
     void look();
     bool may_skip_look();

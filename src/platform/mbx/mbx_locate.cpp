@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* How a mailbox of ours connects to a named one, on the caller's thread. The descriptors that the
-   other side passes are checked before they are used, and never closed here or under a lock. */
+/* The descriptors that the other side passes are checked before they are used, and never closed
+   here or under a lock. */
 #include "platform/mbx/mbx_locate.h"
 
 #include "platform/mbx/mbx_peers.h"
-#include "platform/mbx/mbx_registry.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -14,18 +13,11 @@
 
 using namespace std::chrono_literals;
 
-static constexpr int locate_ms = 5000;
+static constexpr size_t locate_ms = 5000; /* for a server that is stopped or overloaded */
 static constexpr auto locate_pause = 5ms;
 
 namespace
 {
-
-enum class attempt {
-    done,
-    again,   /* nothing came of it */
-    refused, /* the other side has no place for us */
-    failed   /* errno has the reason */
-};
 
 /* One attempt: the connection as far as it is made. */
 struct call {
@@ -42,15 +34,6 @@ struct call {
 
 } // namespace
 
-/* A server answers from its helper, so that a busy one is located as fast as an idle one; the limit
-   is for one that is stopped or overloaded. */
-static time_point locate_deadline()
-{
-    const char *set = secure_getenv("MBX_LOCATE_MS");
-    const long ms = set ? strtol(set, nullptr, 10) : 0;
-    return std::chrono::steady_clock::now() + std::chrono::milliseconds(ms > 0 ? ms : locate_ms);
-}
-
 /* The connection itself has no time-out for reading, because a closed one is readable as well. */
 static greeting await_greeting(int control, time_point deadline)
 {
@@ -62,8 +45,7 @@ static greeting await_greeting(int control, time_point deadline)
     return n > 0 ? receive_greeting(control) : greeting{};
 }
 
-/* Makes the parts from the descriptors that were passed, if they pass the checks. Empty with errno
-   otherwise. */
+/* Empty with errno where the descriptors that were passed are not what they should be. */
 static std::optional<connection_parts> check_parts(call &c)
 {
     connection_parts parts;
@@ -87,10 +69,9 @@ static std::optional<connection_parts> check_parts(call &c)
     return parts;
 }
 
-/* Takes in the answer. Of two connections that crossed, the one made by the mailbox with the
-   smaller token survives; both sides compare alike, and the other one is closed by its maker before
-   it has carried anything. MBX_NO_MAILBOX when nothing has come of it. With the
-   mailbox's lock. */
+/* Of two connections that crossed, the one made by the mailbox with the smaller token survives; the
+   other one is closed by its maker before it has carried anything. MBX_NO_MAILBOX when nothing has
+   come of it. With the mailbox's lock. */
 static uint32_t settle(mailbox &m, call &c)
 {
     if (c.answer.token == m.token)
@@ -107,39 +88,42 @@ static uint32_t settle(mailbox &m, call &c)
     return id != 0 ? id : MBX_NO_MAILBOX;
 }
 
-static attempt try_to_locate(uint32_t own, const mailbox_token &token, const char *name,
-                             time_point deadline, uint32_t &out)
+/* 0, or an error: ETIMEDOUT when nothing came of it, EUSERS when the other side has no place for
+ * us.
+ */
+static int try_to_locate(uint32_t own, const mailbox_token &token, const char *name,
+                         time_point deadline, uint32_t &out)
 {
     call c;
     c.control = connect_to_name(name, deadline);
     if (!c.control)
-        return attempt::failed;
+        return errno;
     prepare_control(c.control.get());
     c.peer = peer_of(c.control.get());
     if (!send_greeting(c.control.get(), greeting_kind::hello, token))
-        return attempt::again;
+        return ETIMEDOUT;
     c.answer = await_greeting(c.control.get(), deadline);
-    if (c.answer.state != greeting_state::valid || c.answer.kind == greeting_kind::hello)
-        return attempt::again;
+    const greeting_kind kind = c.answer.kind;
+    if (kind != greeting_kind::welcome && kind != greeting_kind::known)
+        return kind == greeting_kind::refused ? EUSERS : ETIMEDOUT;
     restrict_control(c.control.get());
-    if (c.answer.kind == greeting_kind::refused)
-        return attempt::refused;
     with_mailbox(own, [&](mailbox &m) { out = settle(m, c); });
-    return out == MBX_NO_MAILBOX ? attempt::again : attempt::done;
+    return out == MBX_NO_MAILBOX ? ETIMEDOUT : 0;
 }
 
 /* The peer accepted but did not greet (it is stopping, or has no descriptors left), or has no place
    for more of us: retry until the deadline. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
-    const time_point deadline = locate_deadline();
+    const time_point deadline = std::chrono::steady_clock::now() +
+                                std::chrono::milliseconds(setting("MBX_LOCATE_MS", locate_ms));
     for (;;) {
         uint32_t out = MBX_NO_MAILBOX;
-        const attempt result = try_to_locate(own, m.token, name, deadline, out);
-        if (result == attempt::done || result == attempt::failed)
+        const int error = try_to_locate(own, m.token, name, deadline, out);
+        if (error == 0)
             return out;
-        if (milliseconds_until(deadline) == 0) {
-            errno = result == attempt::refused ? EUSERS : ETIMEDOUT;
+        if ((error != ETIMEDOUT && error != EUSERS) || milliseconds_until(deadline) == 0) {
+            errno = error;
             return MBX_NO_MAILBOX;
         }
         std::this_thread::sleep_for(locate_pause);

@@ -11,10 +11,10 @@
 #include "platform/mbx/mbx_socket.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <string>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
@@ -37,78 +37,74 @@ struct parted {
     std::shared_ptr<mapped_area> area;
     std::shared_ptr<entry> place;
     peer_identity peer;
-    bool is_watched = true;                 /* for the end of its file, if the place has a watch */
+    bool is_gone = false;                   /* its memory file, or nobody watches for that */
     time_point hung_up = time_point::max(); /* when the peer was seen to have done so */
+};
+
+struct partings {
+    std::vector<parted> all;
+    uint32_t last_number = 0;
+    time_point next_look{};            /* at those that have ended at the peer */
+    owned_fd bells;                    /* an epoll of those that peers may still have */
+    owned_fd ends;                     /* an inotify: reports memory files that are gone */
+    owned_fd looked_up;                /* see watch_for_end */
+    size_t ringable_count = 0;         /* bells that peers have, as of the last look */
+    std::vector<epoll_event> ringable; /* has room for all: the helper must not need memory */
 };
 
 } // namespace
 
 std::mutex parting_lock;
-/* Guarded by parting_lock. Objects with a destructor are never destroyed, as the helper may
-   outlive main(). */
-static std::vector<parted> &all = *new std::vector<parted>;
-static uint32_t last_parted;
-static time_point next_look;                 /* at those that have ended at the peer */
-static owned_fd &left_bells = *new owned_fd; /* an epoll of the bells that peers may still have */
-static owned_fd &ends = *new owned_fd;       /* an inotify: reports memory files that are gone */
-static owned_fd &looked_up = *new owned_fd;  /* see watch_for_end */
-static size_t watches;                       /* of files that are not known to be gone */
-/* The watches of those that are gone, while there is an entry; has room for all. */
-static std::vector<int> *gone = new std::vector<int>;
-/* The bells that peers have, with the watches of their files, as of the last look; has room for
-   all, as the helper may not run out of memory. */
-static std::vector<epoll_event> *ringable = new std::vector<epoll_event>;
-static size_t ringable_count;
+/* Guarded by parting_lock. Never destroyed, as the helper may outlive main(). */
+static partings &the_parting = *new partings;
+
+static int watch_of(const std::shared_ptr<entry> &place)
+{
+    return place ? place->watch : -1;
+}
 
 /* The area first, whose pages go back with it; then the place is free. */
 static void let_go(parted &&p)
 {
     p.area.reset();
-    if (p.place && p.place->watch != -1) {
+    if (watch_of(p.place) != -1) {
         const std::lock_guard hold(parting_lock);
-        if (std::erase(*gone, p.place->watch) == 0)
-            inotify_rm_watch(ends.get(), p.place->watch);
-        watches--;
+        inotify_rm_watch(the_parting.ends.get(), p.place->watch); /* fails where it is gone */
     }
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
 
-/* With the lock held. Each that is there is reported once. */
-static void look_at_bells()
+/* With the lock held. Each that is there is reported once, with the watch of its file. */
+static void look_at_bells(partings &its)
 {
-    const int most = static_cast<int>(ringable->size());
-    const int count = left_bells ? epoll_wait(left_bells.get(), ringable->data(), most, 0) : 0;
-    ringable_count = static_cast<size_t>(std::max(count, 0));
+    const int most = static_cast<int>(its.ringable.size());
+    const int count = its.bells ? epoll_wait(its.bells.get(), its.ringable.data(), most, 0) : 0;
+    its.ringable_count = static_cast<size_t>(std::max(count, 0));
 }
 
 static bool has_bell(const parted &p)
 {
-    const auto is_its = [&](const epoll_event &bell) {
-        return static_cast<int>(bell.data.u64) == p.place->watch;
-    };
-    return p.place &&
-           std::any_of(ringable->begin(),
-                       ringable->begin() + static_cast<ptrdiff_t>(ringable_count), is_its);
+    const epoll_event *bells = the_parting.ringable.data();
+    const int watch = watch_of(p.place);
+    return std::any_of(bells, bells + the_parting.ringable_count, [=](const epoll_event &bell) {
+        return static_cast<int>(bell.data.u64) == watch;
+    });
 }
 
-/* Takes those out for which the question is answered with yes, and lets them go without the lock.
- */
-template <typename question>
-static void let_go_if(question &&is_it)
+/* With the lock held. The kernel drops what we do not take in time: then those that wait do so no
+   longer. */
+static void take_ends(partings &its)
 {
-    std::vector<parted> over;
-    {
-        const std::lock_guard hold(parting_lock);
-        look_at_bells();
-        const auto first =
-            std::partition(all.begin(), all.end(), [&](parted &p) { return !is_it(p); });
-        over.assign(std::make_move_iterator(first), std::make_move_iterator(all.end()));
-        all.erase(first, all.end());
-    }
-    for (parted &p : over) {
-        helper_unwatch(p.control.get());
-        let_go(std::move(p));
-    }
+    alignas(inotify_event) char events[4096];
+    for (ssize_t size; (size = read(its.ends.get(), events, sizeof(events))) > 0;)
+        for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(sizeof(inotify_event))) {
+            inotify_event event; /* none has a name */
+            std::memcpy(&event, events + at, sizeof(event));
+            const bool is_lost = event.mask & IN_Q_OVERFLOW;
+            if (is_lost || (event.mask & IN_DELETE_SELF))
+                for (parted &p : its.all)
+                    p.is_gone |= is_lost || watch_of(p.place) == event.wd;
+        }
 }
 
 static bool has_ended(const parted &p)
@@ -116,63 +112,63 @@ static bool has_ended(const parted &p)
     return p.hung_up != time_point::max();
 }
 
-/* The kernel drops what we do not take in time: then those that wait do so no longer. */
-static void take_ends()
+static bool is_over(const parted &p)
 {
-    alignas(inotify_event) char events[4096];
-    for (ssize_t size; (size = read(ends.get(), events, sizeof(events))) > 0;)
-        for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(sizeof(inotify_event))) {
-            inotify_event event; /* none has a name */
-            std::memcpy(&event, events + at, sizeof(event));
-            if (event.mask & IN_DELETE_SELF)
-                gone->push_back(event.wd);
-            else if (event.mask & IN_Q_OVERFLOW)
-                for (parted &p : all)
-                    p.is_watched = false;
-        }
+    return has_ended(p) && !p.area && p.is_gone && !has_bell(p) && !has_unread(p.control.get());
 }
 
-static bool is_gone(const parted &p)
+/* Those that are over leave the list, and are let go without the lock. Pages go as soon as they
+   may. */
+static void look_at_ended(time_point now)
 {
-    return !p.is_watched || !p.place || p.place->watch == -1 ||
-           std::find(gone->begin(), gone->end(), p.place->watch) != gone->end();
-}
-
-/* Of one that has ended at the peer. Its pages go as soon as they may. */
-static bool is_over(parted &p, time_point now)
-{
-    if (p.area && !p.area->is_read() && now - p.hung_up <= time_to_read)
-        return false;
-    p.area.reset();
-    if (!is_gone(p))
-        take_ends();
-    return is_gone(p) && !has_bell(p) && !has_unread(p.control.get());
+    std::vector<parted> over;
+    {
+        const std::lock_guard hold(parting_lock);
+        partings &its = the_parting;
+        for (parted &p : its.all)
+            if (has_ended(p) && p.area && (p.area->is_read() || now - p.hung_up > time_to_read))
+                p.area.reset();
+        take_ends(its);
+        look_at_bells(its);
+        const auto first = std::partition(its.all.begin(), its.all.end(),
+                                          [](const parted &p) { return !is_over(p); });
+        over.assign(std::make_move_iterator(first), std::make_move_iterator(its.all.end()));
+        its.all.erase(first, its.all.end());
+    }
+    for (parted &p : over)
+        let_go(std::move(p));
 }
 
 /* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
-static bool keep(parted &p)
+static bool keep(partings &its, parted &p)
 try {
-    all.reserve(all.size() + 1);
-    p.number = ++last_parted;
+    its.all.reserve(its.all.size() + 1);
+    p.number = ++its.last_number;
+    p.is_gone = watch_of(p.place) == -1;
     if (!helper_watch(watch_parting, p.control.get(), EPOLLRDHUP, 0, p.number))
         return false;
-    all.push_back(std::move(p));
+    its.all.push_back(std::move(p));
     return true;
 } catch (const std::bad_alloc &) {
     return false;
 }
 
+/* Its file can be gone only once the area is let go, and that is reported to those that are there.
+ */
 void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<entry> place,
-          const peer_identity &peer)
+          const peer_identity &peer, bool is_kept)
 {
     shutdown(control.get(), SHUT_WR);
     parted p{0, std::move(control), std::move(area), std::move(place), peer};
     {
         const std::lock_guard hold(parting_lock);
-        if (keep(p))
+        if (keep(the_parting, p)) {
+            if (!is_kept)
+                the_parting.all.back().area.reset();
             return;
+        }
     }
-    if (p.area)
+    if (is_kept)
         p.area->leave_to_peer();
     let_go(std::move(p));
 }
@@ -180,7 +176,7 @@ void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<e
 void give_back_parting()
 {
     const std::lock_guard hold(parting_lock);
-    for (parted &p : all)
+    for (parted &p : the_parting.all)
         if (p.area)
             std::exchange(p.area, nullptr)->give_back_sent();
 }
@@ -190,25 +186,27 @@ void handle_hang_up(uint32_t, uint32_t number)
     const time_point now = std::chrono::steady_clock::now();
     {
         const std::lock_guard hold(parting_lock);
-        const auto p = std::find_if(all.begin(), all.end(),
+        partings &its = the_parting;
+        const auto p = std::find_if(its.all.begin(), its.all.end(),
                                     [&](const parted &one) { return one.number == number; });
-        if (p == all.end())
+        if (p == its.all.end())
             return;
         p->hung_up = now;
-        next_look = std::min(next_look, now + time_to_look_soon);
+        its.next_look = std::min(its.next_look, now + time_to_look_soon);
         helper_unwatch(p->control.get());
     }
-    let_go_if([&](parted &p) { return p.number == number && is_over(p, now); });
+    look_at_ended(now);
 }
 
 time_point look_again(time_point now)
 {
+    time_point &next_look = the_parting.next_look;
     const bool is_time = next_look <= now;
     if (is_time)
-        let_go_if([now](parted &p) { return has_ended(p) && is_over(p, now); });
+        look_at_ended(now);
     const std::lock_guard hold(parting_lock);
     time_point latest{}; /* of the ends at peers */
-    for (const parted &p : all)
+    for (const parted &p : the_parting.all)
         if (has_ended(p))
             latest = std::max(latest, p.hung_up);
     if (latest == time_point{})
@@ -221,36 +219,31 @@ time_point look_again(time_point now)
 /* A file that is gone mostly ends the wait for it. */
 void handle_ends(uint32_t, uint32_t)
 {
-    const time_point now = std::chrono::steady_clock::now();
-    {
-        const std::lock_guard hold(parting_lock);
-        take_ends();
-    }
-    let_go_if([now](parted &p) { return has_ended(p) && is_gone(p) && is_over(p, now); });
+    look_at_ended(std::chrono::steady_clock::now());
 }
 
 void leave_bell(int bell, const std::shared_ptr<entry> &place)
 {
-    if (!place || place->watch == -1)
+    if (watch_of(place) == -1)
         return;
     const std::lock_guard hold(parting_lock);
     epoll_event event{EPOLLIN | EPOLLOUT, {.u64 = static_cast<uint64_t>(place->watch)}};
-    if (left_bells)
-        epoll_ctl(left_bells.get(), EPOLL_CTL_ADD, bell, &event);
+    if (the_parting.bells)
+        epoll_ctl(the_parting.bells.get(), EPOLL_CTL_ADD, bell, &event);
 }
 
 /* With the lock held. */
-static bool begin_to_watch()
+static bool begin_to_watch(partings &its)
 {
-    if (ends)
+    if (its.ends)
         return true;
-    ringable->resize(2 * connections_at_most());
-    left_bells = owned_fd(epoll_create1(EPOLL_CLOEXEC));
-    ends = owned_fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    looked_up = owned_fd(ends ? fcntl(ends.get(), F_DUPFD_CLOEXEC, 0) : -1);
-    if (looked_up && helper_watch(watch_ends, ends.get(), EPOLLIN, 0, 0))
+    its.ringable.resize(2 * connections_at_most());
+    its.bells = owned_fd(epoll_create1(EPOLL_CLOEXEC));
+    its.ends = owned_fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    its.looked_up = owned_fd(its.ends ? fcntl(its.ends.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    if (its.looked_up && helper_watch(watch_ends, its.ends.get(), EPOLLIN, 0, 0))
         return true;
-    ends.reset();
+    its.ends.reset();
     return false;
 }
 
@@ -259,30 +252,19 @@ static bool begin_to_watch()
 int watch_for_end(int memory)
 {
     const std::lock_guard hold(parting_lock);
-    gone->reserve(watches + 1);
-    if (!begin_to_watch() || dup3(memory, looked_up.get(), O_CLOEXEC) == -1)
+    partings &its = the_parting;
+    if (!begin_to_watch(its) || dup3(memory, its.looked_up.get(), O_CLOEXEC) == -1)
         return -1;
-    char path[sizeof("/proc/self/fd/") + 3 * sizeof(int)];
-    snprintf(path, sizeof(path), "/proc/self/fd/%d", looked_up.get());
-    const int watch = inotify_add_watch(ends.get(), path, IN_DELETE_SELF);
-    dup3(ends.get(), looked_up.get(), O_CLOEXEC);
-    watches += watch != -1 ? 1 : 0;
+    const std::string path = "/proc/self/fd/" + std::to_string(its.looked_up.get());
+    const int watch = inotify_add_watch(its.ends.get(), path.c_str(), IN_DELETE_SELF);
+    dup3(its.ends.get(), its.looked_up.get(), O_CLOEXEC);
     return watch;
 }
 
 void end_parting(bool is_child)
 {
-    for (parted &p : all) {
-        if (p.area && is_child)
-            p.area->forget();
-        else if (p.area)
-            p.area->leave_to_peer();
-    }
-    all.clear();
-    gone->clear();
-    watches = 0;
-    left_bells.reset();
-    ringable_count = 0;
-    looked_up.reset();
-    ends.reset();
+    for (parted &p : the_parting.all)
+        if (p.area)
+            is_child ? p.area->forget() : p.area->leave_to_peer();
+    the_parting = {};
 }

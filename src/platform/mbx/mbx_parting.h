@@ -16,10 +16,10 @@
 #include <memory>
 #include <mutex>
 
-/* The peer sees the end of the connection at once. Where there is an `area`, the contents of the
-   rings are kept for the peer. */
+/* The peer sees the end of the connection at once. `is_kept`: the contents of the rings are kept
+   for the peer. */
 void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<entry> place,
-          const peer_identity &peer);
+          const peer_identity &peer, bool is_kept);
 /* Releases the contents of the rings of these peers, which lose them. */
 void give_back_parting();
 

@@ -1,18 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The end of the control connection is the peer's death. A process can leave its end to a child
-   that it made behind the library's back, so there is a pidfd too. When a connection ends, what the
-   peer has written into its ring stays there for the owner, and the monitor's notice comes behind
-   it; everything else is closed at once. A peer that we have located and do not monitor is reported
-   in the same way, because the owner waits for its signals and would not learn that there are none.
+   that it made behind the library's back, so there is a pidfd too. A peer that we have located and
+   do not monitor is reported as well, because the owner waits for its signals and would not learn
+   that there are none.
 
-   A monitor is its notice, a block that waits for the death: of a mailbox elsewhere with the
-   connection to it, of one in this process with the mailbox itself (its `watchers`); of one that is
-   dead already it is sent at once. */
+   A monitor is its notice, a block that waits for the death with the connection to the mailbox, or
+   in `watchers` of one in this process. */
 #include "platform/mbx/mbx_peers.h"
 
 #include "platform/mbx/mbx_helper.h"
 #include "platform/mbx/mbx_parting.h"
-#include "platform/mbx/mbx_registry.h"
 
 #include <cerrno>
 #include <malloc.h>
@@ -49,11 +46,10 @@ static uint32_t free_id(const mailbox &m)
     uint32_t id;
     do {
         id = next_connection_id();
-    } while (m.connections.contains(id) || m.in.bell(id) != -1);
+    } while (m.in.has(id));
     return id;
 }
 
-/* Null if there is none. */
 static connection *find_connection(mailbox &m, uint32_t id)
 {
     const auto found = m.connections.find(id);
@@ -84,13 +80,13 @@ static void for_each_connection(function &&call)
 /* Its bell joins the mailbox's epoll at once where the owner's own thread makes the connection.
    Else the helper watches it until it has rung: a fresh bell is not writable, so that this watch
    reports the first ring and nothing before. */
-static bool watch_bell(mailbox &m, uint32_t id)
+static bool watch_bell(mailbox &m, source &s)
 {
     if (own_mailbox() == m.id)
-        return m.in.watch_quietly(id);
-    if (!m.in.rest(id))
-        return m.in.watch(id);
-    return helper_watch(watch_first_ring, m.in.bell(id), EPOLLOUT | EPOLLET, m.slot, id);
+        return m.in.watch_quietly(s);
+    if (!s.ring.rest())
+        return m.in.watch(s);
+    return helper_watch(watch_first_ring, s.bell.get(), EPOLLOUT | EPOLLET, m.slot, s.id);
 }
 
 /* Without a pidfd, which an old kernel may not have, the control connection does alone. False with
@@ -107,9 +103,10 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
 {
     const uint32_t id = free_id(m);
     connection &c = m.connections.try_emplace(id, id, std::move(parts)).first->second;
-    if (m.in.add(id, c.area, c.side, std::move(c.near_bell)) &&
+    c.incoming = m.in.add(id, c.area, c.side, std::move(c.near_bell));
+    if (c.incoming &&
         helper_watch(watch_control, c.control.get(), EPOLLIN | EPOLLRDHUP, m.slot, id) &&
-        watch_process(m, c) && watch_bell(m, id))
+        watch_process(m, c) && watch_bell(m, *c.incoming))
         return id;
     const errno_keeper keeper;
     c.was_located = false;
@@ -135,14 +132,14 @@ void end_connection(mailbox &m, uint32_t id, ended_by who)
     helper_unwatch(c->control.get());
     if (c->life)
         helper_unwatch(c->life.get());
-    if (m.id != 0) {
-        helper_unwatch(m.in.bell(id));
+    if (c->incoming) {
+        helper_unwatch(c->incoming->bell.get());
         block *notice = c->notice.release();
         if (!notice && c->was_located && c->monitor == 0)
             notice = block_take_number(MBX_MONITOR_DEFAULT_NO);
         if (notice)
             notice->sender = id;
-        m.in.end(id, notice);
+        m.in.end(*c->incoming, notice);
     }
     note_freed(sizeof(*c) + c->waiting.memory());
     let_go(*c, who);
@@ -180,8 +177,7 @@ void send_to_connection(uint32_t own, uint32_t receiver, block *b)
             want_trim();
     });
     block_give(b);
-    if (is_too_much_held())
-        shed();
+    shed();
 }
 
 /* One that is dead already may have signals that are still to be received. */
@@ -213,7 +209,7 @@ bool unmonitor_connection(uint32_t own, uint32_t reference)
     return c != nullptr;
 }
 
-/* Gives back what is read. Returns whether something is left for the next time. */
+/* Returns whether something is left for the next time. */
 static bool trim_all()
 {
     bool is_left = false;
@@ -280,14 +276,14 @@ static bool flush_some(mailbox &m, uint32_t id)
     if (!c)
         return false;
     const size_t before = c->waiting.memory();
-    const flushing result = flush(*c);
+    const bool is_more = flush(*c);
     note_freed(before - c->waiting.memory());
-    if (result == flushing::done && m.id == 0)
+    if (c->waiting.is_empty() && m.id == 0)
         end_connection(m, id, ended_by::us);
-    return result == flushing::goes_on;
+    return is_more;
 }
 
-/* Reads one message. Returns whether the peer has room again. */
+/* Returns whether the peer has room again. */
 static bool take_control(mailbox &m, uint32_t id)
 {
     connection *c = find_connection(m, id);
@@ -300,15 +296,14 @@ static bool take_control(mailbox &m, uint32_t id)
     case control_event::room:
         return true;
     case control_event::bell:
-        if (m.id != 0)
-            m.in.wake(id);
+        if (c->incoming)
+            m.in.wake(*c->incoming);
         return false;
-    case control_event::passed:
-        close_later({std::move(passed), c->peer, c->area->place()});
-        break;
     case control_event::end:
         break;
     }
+    if (!passed.empty())
+        close_later({std::move(passed), c->peer, c->area->place()});
     end_connection(m, id, ended_by::peer);
     return false;
 }
@@ -329,10 +324,11 @@ void handle_life(uint32_t slot, uint32_t id)
 void handle_first_ring(uint32_t slot, uint32_t id)
 {
     with_slot(slot, [&](mailbox &m) {
-        if (m.id == 0 || !find_connection(m, id))
+        const connection *c = find_connection(m, id);
+        if (!c || !c->incoming)
             return;
-        helper_unwatch(m.in.bell(id));
-        if (!m.in.watch(id))
+        helper_unwatch(c->incoming->bell.get());
+        if (!m.in.watch(*c->incoming))
             end_connection(m, id, ended_by::us);
     });
 }

@@ -4,7 +4,7 @@
    functions need the mailbox's lock held unless they say otherwise. */
 #pragma once
 
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_registry.h"
 
 /* Makes a connection from its parts and returns its id. 0 with errno on failure. Throws
    std::bad_alloc. */

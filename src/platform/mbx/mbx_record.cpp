@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: push() skips to a place where the record lies in one piece, writes head and
-   signal, and moves the end; pop() checks the place of a record, copies its signal out, and moves
-   the begin. trim() gives pages back that hold nothing. */
+/* push() skips to a place where the record lies in one piece; pop() checks the place of a record
+   and copies its signal out. */
 #include "platform/mbx/mbx_record.h"
 
 #include <algorithm>
@@ -57,13 +56,11 @@ static uint64_t pages_between(uint32_t from, uint32_t to)
 
 static void advise(const mapped_ring &ring, uint64_t pages, int advice)
 {
-    for (uint32_t first = 0; pages >> first != 0;) {
-        first += static_cast<uint32_t>(std::countr_zero(pages >> first));
-        const auto count = static_cast<uint32_t>(std::countr_one(pages >> first));
-        madvise(ring.rest + size_t{first} * page_bytes, size_t{count} * page_bytes, advice);
-        first += count;
-        if (first >= rest_pages)
-            break;
+    while (pages != 0) {
+        const auto first = static_cast<size_t>(std::countr_zero(pages));
+        const auto count = static_cast<size_t>(std::countr_one(pages >> first));
+        madvise(ring.rest + first * page_bytes, count * page_bytes, advice);
+        pages &= pages + (uint64_t{1} << first); /* without these */
     }
 }
 
@@ -81,15 +78,16 @@ static uint64_t pages_in_memory(const mapped_ring &ring)
 
 /* How many bytes to leave out before a record, so that it lies in one piece, and, in a ring that
    has run empty, in the home if it fits there. */
-static uint32_t bytes_to_skip(ring_sender<process_atomics> &end, uint32_t bytes)
+uint32_t record_sender::bytes_to_skip(uint32_t bytes)
 {
-    const uint32_t place = end.position() % ring_bytes;
+    const auto is_drained = [&] { return taken() == position(); };
+    const uint32_t place = position() % ring_bytes;
     const bool is_home = place < home_bytes;
     const bool fits_home = bytes <= home_end;
     const uint32_t to_home = ring_bytes - place;
     if (place + bytes <= (is_home ? home_end : ring_bytes))
-        return !is_home && fits_home && end.is_drained() ? to_home : 0;
-    if (fits_home && (!is_home || (bytes <= place && end.is_drained())))
+        return !is_home && fits_home && is_drained() ? to_home : 0;
+    if (fits_home && (!is_home || (bytes <= place && is_drained())))
         return to_home;
     return is_home ? home_bytes - place : to_home + home_bytes;
 }
@@ -97,10 +95,10 @@ static uint32_t bytes_to_skip(ring_sender<process_atomics> &end, uint32_t bytes)
 record_sender::outcome record_sender::push(const void *signal, uint32_t size)
 {
     const uint32_t bytes = record_bytes(size);
-    const uint32_t skip = bytes_to_skip(end_, bytes);
-    if (!end_.has_room(skip + bytes))
+    const uint32_t skip = bytes_to_skip(bytes);
+    if (!has_room(skip + bytes))
         return outcome::full;
-    uint32_t place = end_.position() % ring_bytes;
+    uint32_t place = position() % ring_bytes;
     if (skip > 0) {
         unsigned char *mark = ring_.at(place);
         store_word(mark, skip_mark);
@@ -112,7 +110,7 @@ record_sender::outcome record_sender::push(const void *signal, uint32_t size)
     store_word(record, size);
     std::memcpy(record + head_bytes, signal, size);
     touched_ |= pages_of(place, place + bytes);
-    return end_.publish(skip + bytes) ? outcome::to_ring : outcome::sent;
+    return publish(skip + bytes) ? outcome::to_ring : outcome::sent;
 }
 
 /* A hole reads as 0 and is filled again when it is written. */
@@ -120,7 +118,7 @@ void record_sender::trim()
 {
     if (touched_ == 0)
         return;
-    const uint64_t read = touched_ & ~pages_between(end_.taken(), end_.position());
+    const uint64_t read = touched_ & ~pages_between(taken(), position());
     advise(ring_, read, MADV_REMOVE);
     touched_ &= ~read;
 }
@@ -133,8 +131,8 @@ void record_sender::leave()
 
 block *record_receiver::pop(bool &asks)
 {
-    const uint32_t there = available();
-    uint32_t place = end_.position() % ring_bytes;
+    const uint32_t there = this->there();
+    uint32_t place = position() % ring_bytes;
     if (there > ring_bytes || there < head_bytes)
         return nullptr;
     const unsigned char *record = ring_.at(place);
@@ -157,7 +155,7 @@ block *record_receiver::pop(bool &asks)
     out->signal()->number = 0;
     std::memcpy(static_cast<void *>(out->signal()), record + head_bytes, size);
     touched_ |= pages_of(place, place + record_bytes(size));
-    asks = end_.consume(skip + record_bytes(size));
+    asks = consume(skip + record_bytes(size));
     return out;
 }
 
@@ -165,21 +163,21 @@ void record_receiver::finish()
 {
     if (is_finished_)
         return;
-    const uint32_t there = end_.available();
-    last_ = end_.position() + (there <= ring_bytes ? there : 0);
+    const uint32_t there = available();
+    last_ = position() + (there <= ring_bytes ? there : 0);
     is_finished_ = true;
 }
 
 void record_receiver::drop()
 {
-    last_ = end_.position();
+    last_ = position();
     is_finished_ = true;
 }
 
 void record_receiver::trim()
 {
     if (is_finished_) {
-        advise(ring_, ~pages_between(end_.position(), last_), MADV_REMOVE);
+        advise(ring_, ~pages_between(position(), last_), MADV_REMOVE);
     } else if (touched_ == 0) {
         return;
     } else {

@@ -19,7 +19,7 @@
 
 #include <bit>
 
-class record_sender
+class record_sender : private ring_sender<process_atomics>
 {
   public:
     enum class outcome {
@@ -29,17 +29,14 @@ class record_sender
     };
 
     record_sender() = default;
-    explicit record_sender(const mapped_ring &ring) : ring_(ring), end_(ring.words, ring_bytes)
+    explicit record_sender(const mapped_ring &ring)
+        : ring_sender(ring.words, ring_bytes), ring_(ring)
     {
     }
 
     /* `size` is at most MBX_LARGEST_SIGNAL. */
     outcome push(const void *signal, uint32_t size);
-    /* See ring_sender. */
-    bool wait_for_room()
-    {
-        return end_.wait_for_room();
-    }
+    using ring_sender::wait_for_room;
     /* Bytes of the rest's pages that are in use. */
     size_t touched() const
     {
@@ -48,12 +45,12 @@ class record_sender
     /* Remembers what is in the ring now. */
     void mark()
     {
-        marked_ = end_.position();
+        marked_ = position();
     }
     /* Whether the receiver has taken all that was in the ring at the last mark. */
     bool is_mark_read()
     {
-        return end_.position() - end_.taken() <= end_.position() - marked_;
+        return position() - taken() <= position() - marked_;
     }
     /* Gives the pages of the rest back in which the receiver has nothing to take. */
     void trim();
@@ -66,21 +63,23 @@ class record_sender
     }
     const void *place() const
     {
-        return ring_.at(end_.position() % ring_bytes);
+        return ring_.at(position() % ring_bytes);
     }
 
   private:
+    uint32_t bytes_to_skip(uint32_t bytes);
+
     mapped_ring ring_;
-    ring_sender<process_atomics> end_;
     uint64_t touched_ = 0; /* the pages of the rest, one bit each */
     uint32_t marked_ = 0;
 };
 
-class record_receiver
+class record_receiver : private ring_receiver<process_atomics>
 {
   public:
     record_receiver() = default;
-    explicit record_receiver(const mapped_ring &ring) : ring_(ring), end_(ring.words, ring_bytes)
+    explicit record_receiver(const mapped_ring &ring)
+        : ring_receiver(ring.words, ring_bytes), ring_(ring)
     {
     }
 
@@ -90,16 +89,9 @@ class record_receiver
     block *pop(bool &asks);
     bool is_empty() const
     {
-        return available() == 0;
+        return there() == 0;
     }
-    bool rest()
-    {
-        return end_.rest();
-    }
-    bool must_report_room()
-    {
-        return end_.must_report_room();
-    }
+    using ring_receiver::must_report_room, ring_receiver::rest;
     /* The sender is gone: what is in the ring now is all that comes out of it. */
     void finish();
     /* Nothing more comes out of it. */
@@ -111,7 +103,7 @@ class record_receiver
     /* After finish(): bytes that are still to be taken. */
     size_t unread() const
     {
-        return is_finished_ ? available() : 0;
+        return is_finished_ ? there() : 0;
     }
     /* Bytes of the pages behind the home that were read from and that are in memory, as of the last
        trim(). */
@@ -123,13 +115,12 @@ class record_receiver
     void trim();
 
   private:
-    uint32_t available() const
+    uint32_t there() const
     {
-        return is_finished_ ? last_ - end_.position() : end_.available();
+        return is_finished_ ? last_ - position() : available();
     }
 
     mapped_ring ring_;
-    ring_receiver<process_atomics> end_;
     uint64_t touched_ = 0;
     uint32_t last_ = 0; /* the position at which it ends, once it is finished */
     bool is_finished_ = false;

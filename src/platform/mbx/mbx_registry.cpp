@@ -74,7 +74,7 @@ mailbox *find_mailbox(uint32_t id)
 {
     if (!(id & mailbox_id_bit))
         return nullptr;
-    mailbox *m = mailbox_in_slot(slot_of(id));
+    mailbox *m = mailbox_in_slot(id % mailboxes_at_most);
     return m && m->id == id ? m : nullptr;
 }
 
@@ -125,7 +125,7 @@ void withdraw_in_child(mailbox &m)
    the pins with the id taken away: one of the two sees the other. */
 void push_local(uint32_t receiver, block *b, uint32_t sender)
 {
-    mailbox *m = mailbox_in_slot(slot_of(receiver));
+    mailbox *m = mailbox_in_slot(receiver % mailboxes_at_most);
     if (!m) {
         block_give(b);
         return;

@@ -1,27 +1,49 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_registry - the table of the mailboxes of this process: their ids, how they are found, and
-   what is sent within the process. A record is never freed, so one may be locked first and looked
-   at then. Functions that a signal handler may call take no lock; they say so. */
+/* mbx_registry - the mailboxes of this process: their records and ids, how they are found, and what
+   is sent within the process. A record is never freed, so one may be locked first and looked at
+   then. Functions that a signal handler may call take no lock; they say so. */
 #pragma once
 
-#include "platform/mbx/mbx_mailbox.h"
+#include "platform/mbx/mbx_block.h"
+#include "platform/mbx/mbx_connection.h"
+#include "platform/mbx/mbx_inbox.h"
+#include "platform/mbx/mbx_name.h"
 
+#include <atomic>
 #include <mutex>
+#include <unordered_map>
+
+/* Locks, in the order in which they may be taken: the helper's (mbx_helper.h), registry_lock, one
+   mailbox's lock, then those of parting, accounts, closer and waker. */
+struct mailbox {
+    /* 0 when deleted. */
+    std::atomic<uint32_t> id{0};
+    /* How many threads are about to put something into the inbox without the lock. */
+    std::atomic<uint32_t> pins{0};
+
+    std::mutex lock; /* guards all below */
+    inbox in;
+    std::unordered_map<uint32_t, connection> connections; /* by id */
+    owned_name name;
+    mailbox_token token{};
+    uint32_t slot = 0; /* where it stands in the registry */
+    uint32_t generation = 0;
+    uint64_t born = 0;
+    connection *sent_last = nullptr; /* null when it has ended */
+    fan_out run;                     /* of what was sent since the last reception */
+    fifo<block> watchers; /* monitors of this mailbox by others of the process; sender: which one */
+};
 
 /* Set in the ids of our own mailboxes only. */
 constexpr uint32_t mailbox_id_bit = 0x80000000u;
 constexpr uint32_t mailboxes_at_most = 4096;
 extern std::mutex registry_lock;
 
-/* The record in a slot, null if there never was one. */
+/* Null if there never was one. */
 mailbox *mailbox_in_slot(uint32_t slot);
 /* The mailbox of this process with that id, or null. Safe in a signal handler. It may be deleted at
    any time: lock it and look at the id again. */
 mailbox *find_mailbox(uint32_t id);
-constexpr uint32_t slot_of(uint32_t mailbox_id)
-{
-    return mailbox_id % mailboxes_at_most;
-}
 /* Calls the function with the mailbox of this process with that id, locked. False if there is none.
  */
 template <typename function>

@@ -108,12 +108,6 @@ class ring_sender
             look();
         return room() >= bytes;
     }
-    /* Whether the receiver has taken everything. */
-    bool is_drained()
-    {
-        look();
-        return tail_ == head_;
-    }
     /* The position up to which the receiver has taken everything. */
     uint32_t taken()
     {

@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <new>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -133,15 +132,16 @@ greeting receive_greeting(int control)
     greeting_record record{};
     bool is_message;
     const ssize_t length = receive(control, &record, sizeof(record), got.fds, is_message);
-    got.state = greeting_state::invalid;
     if (length < 0 && errno == EAGAIN)
-        got.state = greeting_state::missing;
-    else if (is_message && record.magic != greeting_magic)
-        got.state = greeting_state::foreign;
-    else if (length == sizeof(record) &&
+        return got;
+    const bool is_known =
+        record.kind >= greeting_kind::hello && record.kind <= greeting_kind::refused;
+    got.kind = greeting_kind::invalid;
+    if (is_message && record.magic != greeting_magic)
+        got.kind = greeting_kind::foreign;
+    else if (length == sizeof(record) && is_known &&
              got.fds.size() == (record.kind == greeting_kind::welcome ? welcome_fds : 0))
-        got.state = greeting_state::valid;
-    got.kind = record.kind;
+        got.kind = record.kind;
     got.token = record.token;
     return got;
 }
@@ -158,15 +158,11 @@ control_event receive_wake(int control, std::vector<owned_fd> &fds)
     wake what{};
     bool is_message;
     const ssize_t length = receive(control, &what, sizeof(what), fds, is_message);
-    if (!fds.empty())
-        return control_event::passed;
     if (length < 0 && errno == EAGAIN)
         return control_event::nothing;
-    if (length == 1 && what == wake::room)
-        return control_event::room;
-    if (length == 1 && what == wake::bell)
-        return control_event::bell;
-    return control_event::end;
+    if (length != 1 || !fds.empty() || (what != wake::room && what != wake::bell))
+        return control_event::end;
+    return what == wake::room ? control_event::room : control_event::bell;
 }
 
 bool can_carry(bool is_named)
@@ -217,13 +213,6 @@ void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity
         return;
     passed.push_back(std::move(control));
     close_later({std::move(passed), peer, std::move(place)});
-}
-
-/* For an end that is not shut down for reading by ourselves. */
-bool has_hung_up(int control)
-{
-    pollfd state{control, POLLRDHUP, 0};
-    return poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLRDHUP)) != 0;
 }
 
 bool has_unread(int control)

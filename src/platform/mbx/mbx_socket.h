@@ -20,10 +20,13 @@ using mailbox_token = std::array<uint64_t, 2>;
 mailbox_token make_token();
 
 enum class greeting_kind : uint32_t {
-    hello = 1, /* of the connecting side */
-    welcome,   /* the answer; carries welcome_fds descriptors */
-    known,     /* the answer when the two are connected already */
-    refused,   /* the answer when there can be no connection now */
+    missing, /* nothing has come yet */
+    hello,   /* of the connecting side */
+    welcome, /* the answer; carries welcome_fds descriptors */
+    known,   /* the answer when the two are connected already */
+    refused, /* the answer when there can be no connection now */
+    foreign, /* begins as no greeting of this version does */
+    invalid, /* anything else, the end of the connection among it */
 };
 
 /* In this order: the memory, the accepting side's bell, the connecting side's bell. */
@@ -34,16 +37,8 @@ constexpr size_t welcome_fds = 3;
 bool send_greeting(int control, greeting_kind kind, const mailbox_token &token,
                    const int *fds = nullptr);
 
-enum class greeting_state {
-    missing, /* nothing has come yet */
-    valid,
-    foreign, /* begins as no greeting of this version does */
-    invalid, /* anything else, the end of the connection among it */
-};
-
 struct greeting {
-    greeting_state state = greeting_state::missing;
-    greeting_kind kind = greeting_kind::hello;
+    greeting_kind kind = greeting_kind::missing;
     mailbox_token token{};
     /* The descriptors of the message, as many as a message can carry; of a proper greeting as many
        as its kind has. The receiver passes the others to close_later. */
@@ -60,14 +55,14 @@ enum class wake : unsigned char {
 };
 void send_wake(int control, wake what);
 
-enum class control_event { nothing, room, bell, end, passed };
+enum class control_event { nothing, room, bell, end };
 
-/* Reads one message. `passed`: it carried descriptors, which are in `fds` now. */
+/* Reads one message. One that carries descriptors, which are in `fds` then, is an `end`. */
 control_event receive_wake(int control, std::vector<owned_fd> &fds);
 
 /* Whether the system lets this process make the calls without which no signal is carried, and, to
-   be located, no connection accepted. False with errno; the first time
-   it says so on standard error. */
+   be located, no connection accepted. False with errno; the first time with a line on standard
+   error. */
 bool can_carry(bool is_named);
 
 /* For a fresh control connection, or a listener, which passes it on to those that it accepts: what
@@ -79,14 +74,12 @@ void refuse_descriptors(int socket);
 /* Refuses descriptors, and has the kernel keep little for a peer that does not read. */
 void restrict_control(int control);
 
-/* Ends a control connection for both sides and closes it. It returns at once: where something was
-   passed, in `passed` or still unread, the closing thread does the rest. */
+/* Ends a control connection for both sides. It returns at once: where something was passed, in
+   `passed` or still unread, the closing thread closes it. */
 void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
              std::shared_ptr<entry> place = {});
 
-/* Whether the other side has closed its end, or shut it down; and whether something that was sent
-   lies unread there. */
-bool has_hung_up(int control);
+/* Whether something that was sent lies unread at the other side. */
 bool has_unread(int control);
 
 /* Empty identity (process -1) when the kernel does not know it. */

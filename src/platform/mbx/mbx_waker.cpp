@@ -1,10 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: ring_later() adds a bell to those that are due; the thread takes all of them and
-   rings them together; a bell that retires meanwhile is closed behind that.
-
-   A bell is rung by reading it (mbx_area.h), here as there with RWF_NOWAIT: the kernel answers such
-   a read at once, whatever the other side has done to the bell, and never hands it to a worker of
-   its own. */
+/* The thread takes all bells that are due and rings them together; one that retires meanwhile is
+   closed behind that. A bell is rung by reading it (mbx_area.h), here as there with RWF_NOWAIT: the
+   kernel answers such a read at once and never hands it to a worker of its own. */
 #include "platform/mbx/mbx_waker.h"
 
 #include "platform/mbx/mbx_area.h"

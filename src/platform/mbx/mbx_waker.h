@@ -2,17 +2,13 @@
 /* mbx_waker - rings many bells in one system call, on a thread of its own. Any thread.
 
    To ring a bell costs a sender a system call, and, where receivers share its core, a switch to
-   each receiver and back. In a fan-out, which sends to one receiver after the other, the bells are
-   left to the waker: it runs when the sender has nothing more to do, or on another core, and reads
-   all bells that are due by one submission to an io_uring.
+   each receiver and back. In a fan-out the bells are left to the waker: it runs when the sender has
+   nothing more to do, or on another core, and reads all that are due by one submission to an
+   io_uring; those that the kernel doesn't read in this way are rung one by one.
 
-   A ring comes with each wake-up, exactly once: bells that the kernel doesn't read in this way are
-   rung one by one. Until then the receiver sleeps, so a wake-up may come after mbx_send has
-   returned. Where the system has no io_uring (before Linux 5.18, a sandbox, MBX_IO_URING=0), or
-   there is no memory for the thread, senders ring themselves.
-
-   The thread starts with the first fan-out, ends with stop_waker(), blocks all process signals, and
-   waits for nothing that a peer can hold up. */
+   Where the system has no io_uring (before Linux 5.18, a sandbox, MBX_IO_URING=0), or there is no
+   memory for the thread, senders ring themselves. The thread starts with the first fan-out, blocks
+   all process signals, and waits for nothing that a peer can hold up. */
 #pragma once
 
 #include "platform/mbx/mbx_fd.h"
