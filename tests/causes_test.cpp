@@ -148,6 +148,8 @@ static const struct {
      "light faded", certainty::likely}, /* the weakest lane was near the limit before */
     {R"("rx_low_alarm": null, "rx_before": [-20, -2, -2, -2], "rx_after": [-20.2, -2, -2, -2])",
      "not known", certainty::possible},
+    {R"("rx_lost_before": 5, "rx_before": [-40, -2, -2, -2], "rx_after": [-40, -2, -2, -2])",
+     "not known", certainty::possible}, /* the lane was dark long before */
     {std::string(R"("rx_lost_before": 4, "rx_before": [-8, -8, -8, -8], )") + dark, "light lost",
      certainty::likely},
     {R"("rx_lost_before": 3, "remote_fault": true)", "far side deaf", certainty::likely},
@@ -290,6 +292,8 @@ TEST(causes, two_ends_tell_more_as_far_as_their_clocks_allow)
          false},
         {dark, R"("bias_after": [8, 8, 8, 0], "time": 997)", "light lost", side::unknown, true,
          false},
+        {dark, R"("tx_off_before": null, "tx_off_after": [0, 1, 0, 0], "time": 997)", "light lost",
+         side::unknown, true, false},
         {dark, R"("clock_error_s": null, "set_down": true, "time": 900)", "light lost",
          side::unknown, false, false},
         {dark, R"("clock_error_s": null)", "light lost", side::between, false, false},
@@ -325,6 +329,7 @@ TEST(causes, sentences_have_the_lanes_and_ports_that_are_meant)
 {
     static const std::pair<const char *, const char *> rows[] = {
         {R"("rx_after": [-2, -40, -2, -40])", " on lanes 1, 3 of 4"},
+        {R"("up_for_s": 7199)", "It had been up for 119 minutes."},
         {R"("set_down": true, "device_others_fell": 2, "device_others_stayed": 1,
             "machine_others_fell": 4)",
          "of the device fell within a second, too: 2; 1 stayed up."}};

@@ -106,6 +106,9 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
     struct stat status = {};
     ASSERT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
+    setenv("DOLM_RIC_PORT_MAP", (folder.path + "/ports").c_str(), 1);
+    EXPECT_EQ(tesk_details_open(nullptr, &reader), TESK_DETAILS_OK) << "beside the port map";
+    unsetenv("DOLM_RIC_PORT_MAP");
     ASSERT_EQ(open(), TESK_DETAILS_OK);
     EXPECT_TRUE(tesk_details_is_newer(reader, &record));
     ASSERT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
@@ -135,6 +138,7 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
     EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
 
     writer.stop();
+    EXPECT_TRUE(tesk_details_is_newer(reader, &record)) << "of a board that has ended";
     EXPECT_FALSE(fs::exists(path));
     EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_NO_FILE);
     writer.start(path);

@@ -117,6 +117,7 @@ const fake_mailbox::hooks fake_mailbox::script = {
 using strings = std::vector<std::string>;
 
 static strings reported; // by the callbacks: "status 3 2", "4 why", "lost"
+static words_of levels;  // of the last status
 
 static void on_answer(const tesk_client_answer *answer, void *)
 {
@@ -134,6 +135,7 @@ struct client : testing::Test {
             const without_limit unlimited;
             reported.push_back("status " + std::to_string(status->port_no) + " " +
                                std::to_string(status->link));
+            levels.assign(std::begin(status->level), std::end(status->level));
         };
         options.on_event = [](const tesk_client_event *event, void *) {
             const without_limit unlimited;
@@ -258,6 +260,16 @@ TEST_F(client, only_the_right_answer_of_the_server_counts)
     };
     EXPECT_EQ(tesk_client_read_pm(session, 4, &pm), TESK_CLIENT_REJECTED);
     EXPECT_STREQ(tesk_client_error(), "the real one");
+    mbx.react = [](const auto &request) {
+        words_of cfm{TESK_GET_PM_COUNTERS_CFM, request[1], own_ref, 4};
+        while (cfm.size() < 26) // the flags too: all values are there
+            cfm.push_back(static_cast<uint32_t>(cfm.size()));
+        mbx.deliver(cfm);
+    };
+    EXPECT_EQ(tesk_client_read_pm(session, 4, &pm), TESK_CLIENT_OK);
+    EXPECT_EQ((words_of{pm.loss_of_frame, pm.loss_of_signal, pm.bit_errors[0], pm.bit_errors[5],
+                        pm.tx_power, pm.rx_power, pm.voltage, pm.tx_bias}),
+              (words_of{6, 8, 10, 15, 17, 19, 23, 25}));
 }
 
 TEST_F(client, neither_a_late_history_nor_one_that_claims_more_than_it_holds_is_the_answer)
@@ -298,6 +310,9 @@ TEST_F(client, an_indication_is_known_by_its_port_and_number_alone)
     mbx.indicate(3, 1);
     run_until_reported(2);
     EXPECT_EQ(reported, (strings{"status 3 2", "status 3 1"}));
+    mbx.deliver({TESK_PORT_STATUS_IND, 999, own_ref, 3, 2, 2, 101, 0, 1, 2, 3, 4, 5, 6, 7}, 96);
+    run_until_reported(3);
+    EXPECT_EQ(levels, (words_of{1, 2, 3, 4, 5, 6, 7}));
 }
 
 TEST_F(client, requests_beyond_the_window_wait_for_an_answer)
