@@ -132,7 +132,8 @@ TEST_F(crowd, hundreds_of_clients_receive_indications_and_leave_nothing_behind)
     testkit::server server({}, {"/bin/sh", "-c", "ulimit -Sn 1024; exec \"$0\"", executable});
     const size_t descriptors = testkit::descriptors_of(server.pid);
     equip_ports();
-    std::vector<std::unique_ptr<testkit::test_client>> all(count_of(300, 1000)); /* of 4 descriptors */
+    std::vector<std::unique_ptr<testkit::test_client>> all(
+        count_of(300, 1000)); /* of 4 descriptors */
     for (auto &one : all)
         one = std::make_unique<testkit::test_client>();
     for (auto &one : all)
