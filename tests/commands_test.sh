@@ -19,7 +19,7 @@ play ctest 'exit 8'
 play dpkg-query 'printf installed'
 cp -r test scripts "$place/tree"
 cd "$place/tree"
-git init -q .
+git init -q --template= .
 printf '%s\n' '1/1 Testing: pages.x' 'skipped: no such thing' >build/release/Testing/Temporary/LastTest.log
 expect 1 "skipped pages.x: no such thing" env PATH="$place/bin:$PATH" ./test
 
