@@ -10,8 +10,8 @@
 namespace util
 {
 
-/* Until then in milliseconds as poll() takes them: rounded up, so that a poll with them doesn't end
-   before; 0 once it has passed. */
+/* The time until `end` in milliseconds, as poll() takes it: rounded up, so that poll() does not
+   return before `end`; 0 once `end` has passed. */
 inline int milliseconds_until(std::chrono::steady_clock::time_point end) noexcept
 {
     using namespace std::chrono;

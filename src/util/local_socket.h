@@ -42,8 +42,9 @@ inline descriptor connect_to(std::string_view path, int type)
     return connection;
 }
 
-/* Follows no link that another process puts in the socket's place. fchmodat() needs /proc for that,
-   which a chroot may lack; then lstat() checks the file first. */
+/* Sets the mode of the socket at that path. Does not follow a symbolic link, which another process
+   may have put in the socket's place. fchmodat() needs /proc for that, which a chroot may lack:
+   then lstat() checks first that the path is a socket's. */
 inline bool set_socket_mode(const char *path, mode_t mode)
 {
     struct stat found = {};
@@ -51,9 +52,9 @@ inline bool set_socket_mode(const char *path, mode_t mode)
            (lstat(path, &found) == 0 && S_ISSOCK(found.st_mode) && chmod(path, mode) == 0);
 }
 
-/* A socket at a path that doesn't exist yet, for the owner and the group of that number, whatever
-   the umask. No process can connect before listen() is called. A caller who isn't a member of the
-   group leaves the socket's own group. */
+/* Makes a socket and binds it to a path that does not exist yet. The socket's file has this mode,
+   whatever the umask, and this group, if the caller is a member of the group; else the caller's. No
+   process can connect before listen() is called. */
 inline descriptor bind_at(std::string_view path, int type, mode_t mode, gid_t group)
 {
     sockaddr_un address;

@@ -2,9 +2,9 @@
 /* A hello is answered by a welcome or a refusal (mbx_socket.h). A connection that does not greet is
    closed after two seconds, and earlier when its process makes more of them.
 
-   When descriptors have run out, the listener would stay readable: it is left alone for a moment.
-   So it is while the closing thread has too much to do, for a process that passes descriptors which
-   do not close. */
+   When descriptors have run out, the listener would stay readable: so it isn't watched for a
+   moment. It isn't either while the closing thread has too much to do, for a process that passes
+   descriptors which do not close. */
 #include "platform/mbx/mbx_accept.h"
 
 #include "platform/mbx/mbx_helper.h"
@@ -25,7 +25,7 @@ struct newcomer {
     uint32_t mailbox_id;
     owned_fd control;
     peer_identity peer;
-    uint32_t number = 0; /* not 0, and with a deadline, once it waits for the greeting */
+    uint32_t number = 0; /* set, as the deadline is, when it waits for the greeting */
     time_point deadline{};
 };
 
@@ -41,7 +41,7 @@ static constexpr int ungreeted_at_most = 16; /* of one process */
 /* Guarded by helper_lock. */
 static std::vector<newcomer> newcomers; /* in the order of their deadlines */
 static uint32_t last_newcomer;
-static time_point retry = time_point::max(); /* of the listeners that are left alone */
+static time_point retry = time_point::max(); /* when the listeners are watched again */
 static time_point next_complaint;
 
 static void complain_about_greeting(const peer_identity &peer)
@@ -56,7 +56,7 @@ static void complain_about_greeting(const peer_identity &peer)
             static_cast<int>(peer.process));
 }
 
-/* Makes the bells and the area, whose memory, for the other side, is returned. Without an area
+/* Makes the bells and the area, and returns the memory for the other side. `parts` has no area
    where the system refuses one of them. */
 static owned_fd make_shared_parts(connection_parts &parts)
 {
@@ -68,8 +68,8 @@ static owned_fd make_shared_parts(connection_parts &parts)
     return memory;
 }
 
-/* With the mailbox's lock held. The connection stands before the answer goes out, so that the first
-   signal finds it. Takes the control connection over, unless it is refused. */
+/* With the mailbox's lock held. The connection is added before the answer is sent, so that the
+   first signal finds it. Takes the control connection over, unless the hello is refused. */
 static void answer(mailbox &m, newcomer &n, const greeting &hello)
 {
     const int control = n.control.get();
@@ -107,8 +107,8 @@ static void welcome(newcomer &n, const greeting &hello)
     with_mailbox(n.mailbox_id, [&](mailbox &m) { answer(m, n, hello); });
 }
 
-/* Returns whether it is settled: answered, or of no use. Then there is no control connection left.
- */
+/* Returns false when no greeting has come yet. Otherwise the greeting is answered, or is of no use,
+   and `n` has no control connection any more. */
 static bool try_greeting(newcomer &n)
 {
     greeting hello = receive_greeting(n.control.get());
@@ -132,7 +132,8 @@ static void drop(std::vector<newcomer>::iterator late)
     newcomers.erase(late);
 }
 
-/* The one of them that has waited longest goes: it was the least likely to greet. */
+/* When one process has too many connections that have not greeted, the one that has waited longest
+   is closed: it was the least likely to greet. */
 static void make_place_for(const newcomer &n)
 {
     const auto is_same = [&](const newcomer &other) { return other.peer.key() == n.peer.key(); };
@@ -140,8 +141,8 @@ static void make_place_for(const newcomer &n)
         drop(std::find_if(newcomers.begin(), newcomers.end(), is_same));
 }
 
-/* A client greets as soon as it is connected, so that mostly the greeting is there already and the
-   connection never counts among those that are silent. */
+/* A client greets as soon as it is connected. So mostly the greeting is there already, and the
+   connection never joins those that have not greeted. */
 static void handle_newcomer(newcomer &&n)
 {
     if (try_greeting(n))
@@ -163,7 +164,7 @@ void handle_greeting(uint32_t, uint32_t number)
         newcomers.erase(n);
 }
 
-/* No control connection if no client is waiting, or none can be accepted now. */
+/* Leaves n.control empty when no client is waiting, or no connection can be accepted now. */
 static void accept_one(mailbox &m, newcomer &n)
 {
     const int listener = m.name.listener.get();

@@ -8,6 +8,6 @@
 void handle_greeting(uint32_t, uint32_t number);
 void handle_listener(uint32_t, uint32_t mailbox_id);
 time_point keep_time(time_point now);
-/* Without a helper: drops the connections that have not greeted. In a forked child they are the
-   parent's, and only the copies are closed. */
+/* To be called when the helper has ended: closes the connections that have not greeted. In a forked
+   child, whose parent goes on using them, only the copies of the descriptors are closed. */
 void end_accepting(bool is_child);

@@ -61,13 +61,14 @@ void report_limits()
             held_at_most >> 20);
 }
 
-/* A user may have as many while there are any at all. Twice as many are kept for that. */
+/* The number of connections that any user may have, as long as there are any left. Twice as many
+   are reserved for users who have fewer. */
 static size_t few_connections()
 {
     return connections_at_most() / 18;
 }
 
-/* How many more connections a user with more than a few may take. */
+/* The number of connections that a user who has more than a few may still take. */
 static size_t room_of(const account &user, bool is_trusted)
 {
     const size_t most = connections_at_most() - 2 * few_connections();

@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The memory file, which the accepting side makes and the other one checks; its mapping; the bells.
- */
+/* Makes, checks and maps the memory file; makes, checks and rings the bells. */
 #include "platform/mbx/mbx_area.h"
 
 #include <atomic>
@@ -55,8 +54,8 @@ bool can_make_memory()
     return static_cast<bool>(make_area_memory());
 }
 
-/* A file of another kind could block at each access, or end below its size. Only files in memory
-   have seals, and those that consist of huge pages have other sizes. */
+/* The access to a file of another kind could block, or go beyond the file's end. Only memory files
+   have seals; the size excludes those that consist of huge pages. */
 bool is_area_memory(int memory)
 {
     static_assert(area_bytes % (size_t{64} * 1024) != 0, "not a multiple of any huge page");
@@ -66,7 +65,8 @@ bool is_area_memory(int memory)
            status.st_size == static_cast<off_t>(area_bytes);
 }
 
-/* A child that was made behind the library's back must not keep it. */
+/* MADV_DONTFORK: a child made by a bare system call, of which the library does not know, must not
+   keep the mapping. */
 static unsigned char *map_part(int memory, size_t begin, size_t bytes, int flags, uintptr_t wish)
 {
     void *start = mmap(std::bit_cast<void *>(wish), bytes, PROT_READ | PROT_WRITE,
@@ -77,10 +77,10 @@ static unsigned char *map_part(int memory, size_t begin, size_t bytes, int flags
     return static_cast<unsigned char *>(start);
 }
 
-/* The kernel puts small mappings next to each other, so that the first pages of some hundred
-   connections share a page of page tables, if nothing lies between them: the rests are wished for
-   far below, each in the place that belongs to its first page. For 1,000 connections a process has
-   64 KiB of page tables, and 984 KiB without this. */
+/* The kernel puts small mappings next to each other. If nothing lies between them, the first pages
+   of some hundred connections share a page of page tables. So the rest of an area is mapped far
+   below, at an address that follows from that of its first page. For 1,000 connections a process
+   has 64 KiB of page tables, and 984 KiB without this. */
 static uintptr_t place_of_rest(const unsigned char *page)
 {
     static constexpr uintptr_t below = uintptr_t{1} << 37;
@@ -119,7 +119,7 @@ mapped_area::~mapped_area()
 {
     unmap_part(page_, page_bytes, is_given_back_);
     unmap_part(rest_, 2 * rest_span, is_given_back_);
-    /* The place may live on, for as long as the peer keeps the file. */
+    /* The entry may outlive the area, for as long as the peer keeps the file. */
     if (is_given_back_) {
         count(held_sent, 0);
         count(held_received, 0);
@@ -134,7 +134,8 @@ owned_fd make_bell()
     return bell;
 }
 
-/* Files of the kernel's own share one inode, except those that have a reason not to. */
+/* The kernel gives the same inode to all eventfds and to most of its other anonymous files. A file
+   with another inode is refused. */
 static bool is_kernels_own(int fd)
 {
     const owned_fd own(eventfd(0, EFD_CLOEXEC));

@@ -2,13 +2,15 @@
 /* mbx_area - the memory that the two sides of a connection share, and the bells by which they wake
    each other. No state. Any thread.
 
-   The accepting side makes both; the connecting side checks what it is passed before it uses it.
+   The accepting side makes the memory and the bells; the connecting side checks the descriptors
+   that it is passed before it uses them.
 
-   A bell is an eventfd in semaphore mode whose count is as high as it can be. It is rung by reading
-   it: a read of a semaphore wakes those who wait until it is writable, and takes one off a count
-   that cannot run out. A write could be blocked by what the other side may do to the description
-   that both share (its O_NONBLOCK flag, its count). So could a read of something else that was
-   passed as a bell: the connecting side reads by RWF_NOWAIT, which never waits. */
+   A bell is an eventfd in semaphore mode with the highest possible count. A side rings it by
+   reading it: a read takes one off the count, which cannot run out, and wakes those who wait until
+   the eventfd is writable. A bell is not rung by a write, which the other side could block: it
+   shares the open file, so it can clear O_NONBLOCK or raise the count. A peer could pass a file of
+   another kind as a bell, whose read blocks: so the connecting side reads with RWF_NOWAIT, which
+   never waits. */
 #pragma once
 
 #include "platform/mbx/mbx_account.h"
@@ -30,34 +32,36 @@ struct shared_page {
 };
 static_assert(sizeof(shared_page) == page_bytes);
 
-/* Behind it, the rest of each ring on pages of its own, so that one can be released without the
-   other. */
+/* Behind the first page comes the rest of each ring on pages of its own, so that the pages of one
+   can be released without the other's. */
 constexpr size_t rest_span = (ring_bytes - home_bytes + page_bytes - 1) / page_bytes * page_bytes;
 constexpr size_t area_bytes = page_bytes + 2 * rest_span;
 
-/* One direction, as it is mapped here. */
+/* One ring of an area, as it is mapped here. */
 struct mapped_ring {
     ring_words<process_atomics> *words = nullptr;
     unsigned char *home = nullptr;
     unsigned char *rest = nullptr;
 
-    /* From there on, the bytes up to the end of the home, or of the ring, lie in one piece. */
+    /* The address of a place in the ring. The bytes from there up to the end of the home, or of the
+       rest, are contiguous. */
     unsigned char *at(uint32_t place) const
     {
         return place < home_bytes ? home + place : rest + (place - home_bytes);
     }
 };
 
-/* A memory file for an area: sealed against a change of its size. Empty, with errno, when the
-   system refuses it; the first time it says so on standard error. */
+/* A memory file for an area, sealed against a change of its size. Empty, with errno, when the
+   system refuses it; the first refusal is reported on standard error. */
 owned_fd make_area_memory();
 
-/* Whether it can be made at all; before the first of them, since a limit for the size of files
-   would end the process by a signal. False with errno, after a line on standard error. */
+/* Whether a memory file can be made. To be called before the first one, since a limit for the size
+   of files would end the process by a signal then. False, with errno, after a line on standard
+   error. */
 bool can_make_memory();
 
-/* Whether a descriptor that was passed is what make_area_memory makes: kind, size and seals are
-   checked. The close of such a file does not wait for anybody. */
+/* Whether a descriptor that a peer has passed is what make_area_memory() makes: checks kind, size
+   and seals. The close of such a file waits for no other process. */
 bool is_area_memory(int memory);
 
 /* An area that is mapped here. */
@@ -78,9 +82,9 @@ class mapped_area
         return {&page_->words[side], page_->home[side],
                 rest_ + static_cast<size_t>(side) * rest_span};
     }
-    /* Its place in the accounts, which it holds as long as it exists; null for none. On the
-       accepting side (`is_ours`), whose first use of the pages has charged them to us, all are
-       released in the end, even while another process maps them. */
+    /* Sets the area's entry in the accounts, or none (null), which the area holds as long as it
+       exists. On the accepting side (`is_ours`) the kernel has charged the pages to this process:
+       so the destructor releases all of them, even while another process maps them. */
     void hold(std::shared_ptr<entry> place, bool is_ours)
     {
         place_ = std::move(place);
@@ -95,19 +99,19 @@ class mapped_area
         if (place_)
             place_->count(kind, bytes);
     }
-    /* Whether the connecting side, by its word, has taken all that was sent to it. */
+    /* Whether the connecting side says that it has taken all that was sent to it. */
     bool is_read() const
     {
         return page_->words[1].head == page_->words[1].tail;
     }
-    /* Signals that the accepting side has sent beyond the first page are lost. */
+    /* Releases the pages of the ring to the connecting side: signals in them are lost. */
     void give_back_sent();
-    /* The pages stay for the peer in the end. */
+    /* The destructor does not release the pages: the peer can go on reading. */
     void leave_to_peer()
     {
         is_given_back_ = false;
     }
-    /* In a forked child, where the memory is not mapped, and the place is the parent's. */
+    /* In a forked child, where the memory is not mapped, and the entry is the parent's. */
     void forget()
     {
         page_ = nullptr;
@@ -125,9 +129,9 @@ class mapped_area
 /* Empty, with errno, on failure. */
 owned_fd make_bell();
 
-/* Whether a descriptor that was passed can be watched without harm: a file of the kernel's own, as
-   an eventfd is, which no other process can make slow, and not an epoll, which could lead to one.
-   `socket` is any socket. */
+/* Whether a descriptor that a peer has passed can be watched and read without harm. It must be an
+   anonymous file of the kernel, as an eventfd is, which no other process can make slow, and not an
+   epoll, behind which there could be a slow one. `socket` is any socket. */
 bool may_be_bell(int fd, int socket);
 
 /* False when the kernel cannot read an eventfd with RWF_NOWAIT (before Linux 5.8): the caller then

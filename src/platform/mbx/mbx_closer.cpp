@@ -32,7 +32,7 @@ static void *run_closer(void *)
     return nullptr;
 }
 
-/* Without memory for a thread the descriptors wait for the next attempt. */
+/* If no thread can be started, the descriptors wait until the next call starts one. */
 void close_later(to_close &&what)
 {
     std::lock_guard hold(closer_lock);
@@ -52,8 +52,9 @@ bool is_closing_too_many(const peer_identity &peer)
                        [&](const to_close &one) { return one.peer.key() == peer.key(); });
 }
 
-/* The parent closes what waits. The child's copies go at its exec or its end: closed here, one of
-   them could be the last one by then and block the child. */
+/* The parent closes the descriptors that wait. The child's copies are closed at its exec or its
+   end: if the child closed one here, that could be the last copy by then, and the close could block
+   the child. */
 void forget_closer()
 {
     closing = new std::deque<to_close>;

@@ -7,7 +7,8 @@
 
 #include <algorithm>
 
-/* Without a fan-out, which only a sender that can ring is in, the receiver is woken at once. */
+/* In a fan-out the waker rings the bell. A side that can't ring sends a byte on the control
+   connection. `run` is null for signals of the backlog, which belong to no fan-out. */
 static void wake_receiver(connection &c, fan_out *run)
 {
     if (run && run->includes(c.met) && ring_later(c.far_bell.get()))
@@ -33,7 +34,8 @@ static void count_held(connection &c)
     c.area->count(held_sent, c.held());
 }
 
-/* A receiver that reports room, or takes a part, has not read for that reason. */
+/* Only a receiver that has taken all that was in the ring at the last mark counts as having read.
+   One that has reported room, or has taken a part, does not. */
 static void note_read(connection &c, bool is_first)
 {
     if (!is_first && !c.ring.is_mark_read())
@@ -42,9 +44,9 @@ static void note_read(connection &c, bool is_first)
     c.marked = std::chrono::steady_clock::now();
 }
 
-/* The area stays mapped while the inbox has something to take from its other ring, and, if the peer
-   may still read, until that has closed its end. Descriptors passed over the control connection are
-   not closed here. */
+/* The area stays mapped while the inbox has signals to take from the ring of the other direction
+   and, if the peer may still read, until the peer has closed its end. Descriptors that the peer has
+   passed over the control connection are not closed by this thread. */
 void let_go(connection &c, ended_by who)
 {
     c.waiting.clear();
@@ -86,7 +88,8 @@ bool deliver(connection &c, const block *b, fan_out &run)
     return c.held() <= held_for_one_at_most;
 }
 
-/* With plenty of room, any signal fits: so each call makes progress, or the receiver reports. */
+/* wait_for_room() returns false only when the ring has room for any signal: so each call makes
+   progress, or the receiver will report room. */
 bool flush(connection &c)
 {
     size_t budget = ring_bytes;
@@ -111,8 +114,8 @@ bool trim(connection &c)
     return c.ring.touched() > 0;
 }
 
-/* A receiver is late when a signal has stayed in its ring for longer than time_to_read. One that
-   asks for much at once, and reads it soon, is not late. */
+/* A receiver is late when a signal has stayed in its ring for longer than time_to_read. A receiver
+   that is sent much at once, and reads it soon, is not late. */
 holding weigh(const connection &c, time_point now)
 {
     static constexpr auto time_to_read = std::chrono::milliseconds(100);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A mailbox is made whole before others may find it, and can't be found any more before it is
+/* A mailbox is complete before other threads can find it, and it can't be found any more when it is
    emptied. */
 #include "platform/mbx/mbx_create.h"
 
@@ -31,7 +31,8 @@ static inbox_owner owner_of(mailbox &m)
             [](void *) { want_trim(); }};
 }
 
-/* With the lock held. False, with errno, on failure, which is explained. */
+/* With the mailbox's lock held. False, with errno, on failure; for a mailbox with a name a line on
+   standard error says why. */
 static bool open_mailbox(mailbox &m, const char *name, uint32_t id)
 {
     if (m.in.open(owner_of(m))) {
@@ -70,8 +71,8 @@ uint32_t create_mailbox(const char *name)
     return MBX_NO_MAILBOX;
 }
 
-/* withdraw() waits until no sender has it pinned. A connection whose receiver has a backlog stays
-   until that is sent. */
+/* withdraw() waits until every sender that has the mailbox pinned has pushed its block. A
+   connection with a backlog stays until its receiver has taken that. */
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = withdraw(m);

@@ -7,7 +7,8 @@
 
 /* Returns an id, or MBX_NO_MAILBOX with errno, explained by a line on standard error for a name. */
 uint32_t create_mailbox(const char *name);
-/* Leaves only connections in which something waits for its receiver. */
+/* Deletes the mailbox and ends its connections, but for those whose backlog has signals for the
+   peer. */
 void delete_mailbox(mailbox &m);
-/* In a forked child: closes everything and forgets it. */
+/* In a forked child: closes the copies of all descriptors and forgets the mailbox. */
 void forget_mailbox(mailbox &m);

@@ -16,14 +16,14 @@ std::mutex helper_lock;
 static constexpr int helper_events = 32;
 static constexpr size_t helper_stack = size_t{128} * 1024;
 
-/* Open while it runs. The event wakes or stops it. */
+/* Open while the thread runs. helper_event wakes it, or stops it together with should_stop. */
 static std::atomic<int> helper_poll{-1};
 static std::atomic<int> helper_event{-1};
 static std::atomic<bool> should_stop;
 static pthread_t thread;
 static const helper_duties *duties;
 
-/* Returns when the next timer is due: soon, where one had no memory. */
+/* Returns when the next timer is due: soon, when a timer had no memory. */
 static time_point run_timers()
 {
     time_point next = time_point::max();

@@ -8,7 +8,8 @@
 
 #include <mutex>
 
-/* Held while a function is called, but not while the thread waits. Comes before all other locks. */
+/* Held while a function of the table is called, but not while the thread waits. Comes before all
+   other locks. */
 extern std::mutex helper_lock;
 
 /* The purpose of a watched descriptor. */
@@ -27,15 +28,16 @@ struct helper_duties {
     /* By kind. `slot` (24 bits) and `id` identify the object of the event, which the function looks
        up again, because it may have ended meanwhile. */
     void (*calls[watch_wake])(uint32_t slot, uint32_t id);
-    /* Do what is due at `now`; return when they are to be called next, at the latest. */
+    /* Each does what is due at `now`, and returns when it is to be called next, at the latest. */
     time_point (*timers[3])(time_point now);
 };
 
-/* In a forked child: there is no such thread here. */
+/* In a forked child, which doesn't have the thread. */
 void forget_helper();
 /* Starts the thread unless it runs; one caller at a time. False, with errno, on failure. */
 bool start_helper(const helper_duties &duties);
-/* Ends the thread. Harmless if it doesn't run. Without any lock of those that functions take. */
+/* Ends the thread. Harmless if the thread doesn't run. To be called without any lock that the
+   table's functions take. */
 void stop_helper();
 
 /* From any thread. `events` as for epoll_ctl; they replace those of a descriptor that is watched
@@ -43,5 +45,5 @@ void stop_helper();
 bool helper_watch(watch_kind kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
 /* To be called before the descriptor is closed. Harmless if it isn't watched. */
 void helper_unwatch(int fd);
-/* Lets all timers be called soon. */
+/* Has all timers called soon. */
 void helper_wake();

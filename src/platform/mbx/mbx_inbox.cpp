@@ -1,17 +1,19 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Turns go round: each source in the line gives one signal and goes to the end of the line if it
-   has more. When all that were in the line have had their turn, one look at the epoll finds those
-   that have something since, and they go to the front. So between a signal's arrival and its
-   reception every other source is served at most once before the look and not at all after it.
+/* Sources take turns: each source in the line gives one signal, and goes to the end of the line if
+   it has more. When all sources in the line have had their turn, one look at the epoll finds the
+   sources whose bell has rung since the last look. They go to the front. So between a signal's
+   arrival and its reception every other source is served at most once before the look and not at
+   all after it.
 
-   The look costs as much as a signal. It is skipped where no other source can be waiting: of the
-   only source a few signals are taken before the next look, without which 64 requests in flight
-   take 1.4 times as long; and a caller that is going to wait looks by waiting.
+   A look costs as much as a signal. It is skipped where no other source can be waiting. Of an only
+   source up to unlooked_at_most signals are taken before the next look: without that 64 requests in
+   flight take 1.4 times as long. A caller that is going to wait needs no look, as the wait finds
+   the sources.
 
-   Each ring of a bell comes with a signal, and a source that rests is not looked at before it is
-   rung (mbx_ring.h). So a source in the line always has something to give. If it has not, its
-   sender breaks the protocol; the owner may have been woken, so it gets a signal with the number 0
-   from it. */
+   Each ring of a bell comes with a signal, and a source that rests is not looked at before its bell
+   has rung (mbx_ring.h). So each source in the line has something to give. If one has not, its
+   sender breaks the protocol; the ring may have woken the owner, so the owner receives an empty
+   signal, whose number is 0, from that sender. */
 #include "platform/mbx/mbx_inbox.h"
 
 #include "platform/mbx/mbx_parting.h"
@@ -22,13 +24,13 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-/* The source of the epoll that is not a connection. */
+/* The id of local_event_ in the epoll. Connections have others. */
 static constexpr uint32_t local_id = 0;
 
 static constexpr int events_at_once = 64;
 static constexpr uint32_t unlooked_at_most = 7; /* signals of the only source */
-/* Of what senders that are gone have left. Each signal of that is one that the owner has yet to
-   handle: with 56 MiB of short requests a server was busy for more than a minute after a crowd of
+/* The limit of the unread bytes of senders that are gone. The owner has to handle each of these
+   signals: with 56 MiB of short requests a server was busy for more than a minute after a crowd of
    its clients was killed. */
 static constexpr size_t left_at_most = size_t{2} << 20;
 
@@ -55,7 +57,8 @@ bool inbox::add_event(int fd, uint32_t events, uint32_t id)
     return epoll_ctl(poll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* An event can be written at any time: while it is watched for that, the descriptor is readable. */
+/* An eventfd can nearly always be written: while local_event_ is watched for that, the inbox's
+   descriptor is readable. */
 void inbox::raise(bool wanted)
 {
     if (wanted == is_raised_)
@@ -70,7 +73,7 @@ void inbox::show()
     raise(!line_.is_empty() || !set_aside_.is_empty());
 }
 
-/* For a source that has something now: its turn comes before the next look. */
+/* The source has a signal now: its turn comes before the next look. */
 void inbox::wake(source &s)
 {
     if (s.is_in_line)
@@ -94,7 +97,8 @@ void inbox::take_events(const epoll_event *events, int count)
     }
 }
 
-/* Finds all that are ready; senders that go on ringing don't prolong it. */
+/* Moves all sources whose bell has rung into the line. The number of rounds is limited, so that
+   senders which go on ringing can't prolong the look. */
 void inbox::look()
 {
     size_t left = sources_.size() / (events_at_once - 1) + 1;
@@ -129,8 +133,9 @@ void inbox::remove(source &s)
     sources_.erase(s.id);
 }
 
-/* The semaphore first: a count that was taken has a block, but a block may not have its count yet,
-   so the next look finds whether there is another one. The stack has the latest on top. */
+/* The count of the semaphore is taken before the block: each count that was taken has a block, but
+   a block may not have its count yet, and is then found by the next look. pushed_ has the latest
+   block first. */
 block *inbox::take_local()
 {
     eventfd_t one;
@@ -145,9 +150,9 @@ block *inbox::take_local()
     return local_.pop_front();
 }
 
-/* An empty signal in place of one that can't be, such as a notice, which only this library makes:
-   nothing more comes out of the ring then. The pages may be the sender's, or holes of its making,
-   which the read has filled at our cost. */
+/* An empty signal stands in for an invalid record and for a notice, which only this library may
+   make; then the rest of the ring is discarded. The touched pages are counted to this process: a
+   read of a page that the sender has released makes the kernel provide, and charge, a new one. */
 block *inbox::pop_signal(source &s, bool &asks)
 {
     block *b = s.ring.pop(asks);
@@ -205,7 +210,8 @@ block *inbox::take_from(source &s)
     return s.state == source_state::ended ? take_ended(s) : take_living(s);
 }
 
-/* Null without a signal, or, when the caller is going to wait, without a known one. */
+/* Null when there is no signal. With `waits`, as the caller is going to wait, null also when no
+   source is in the line. */
 block *inbox::next(bool waits)
 {
     for (;;) {
@@ -240,8 +246,9 @@ block *inbox::take_matching(const uint32_t *filter, uint32_t sender, bool waits)
     }
 }
 
-/* False when the inbox was closed meanwhile. The signals that were passed over would keep the wait
-   from waiting, so the event is lowered for it. */
+/* False when the inbox was closed during the wait. Signals that a filter has passed over keep the
+   descriptor readable, and the wait would return at once: so the descriptor is lowered before it.
+   */
 bool inbox::wait(std::unique_lock<std::mutex> &hold, int timeout_ms)
 {
     epoll_event events[events_at_once];
@@ -319,8 +326,8 @@ try {
     return nullptr;
 }
 
-/* One of reading and writing is always possible at a bell, so that a ring, reported once, can't be
-   taken back by the other side. */
+/* A bell can always be either read or written. So the epoll, once the bell has rung, reports it
+   whatever the other side does to the count meanwhile. */
 bool inbox::watch(source &s)
 {
     if (!add_event(s.bell.get(), EPOLLIN | EPOLLOUT | EPOLLET, s.id))
@@ -329,8 +336,8 @@ bool inbox::watch(source &s)
     return true;
 }
 
-/* The event that the epoll reports of the bell at once is passed over, as that of any source in the
-   line; the sender doesn't ring before the source rests. */
+/* The epoll reports a bell as soon as it is added. This look() drops the report, because the source
+   is marked as in the line. The sender doesn't ring before the ring rests. */
 bool inbox::watch_quietly(source &s)
 {
     if (!watch(s))
@@ -344,8 +351,8 @@ bool inbox::watch_quietly(source &s)
     return true;
 }
 
-/* Beyond the bound, what lies in the home of a ring is kept, so that a crowd that is killed does
-   not take the last signals of others with it. */
+/* Above left_at_most a ring's unread signals are kept only if they fit into its home. So every
+   client's last signals are kept, however large the crowd that is killed at once. */
 void inbox::keep_unread(source &s)
 {
     s.ring.finish();
@@ -358,9 +365,10 @@ void inbox::keep_unread(source &s)
     s.area->count(held_received, s.ring.touched());
 }
 
-/* A source that ends at rest may have rung for nothing. If the look finds the ring, the owner gets
-   an empty signal for it. A ring between the look and the removal from the epoll can only be
-   guessed: the owner may have seen it, so the next receive doesn't wait (departed_). */
+/* A source that ends without a signal may have rung nevertheless. If the look finds that ring, the
+   owner gets an empty signal for it. A ring that comes after the look, and before the bell leaves
+   the epoll, is not seen here, but the owner may have been woken by it. So the next receive doesn't
+   wait (departed_). */
 void inbox::end(source &s, block *notice)
 {
     const bool was_watched = s.state == source_state::watched;

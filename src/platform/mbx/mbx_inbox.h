@@ -26,14 +26,14 @@ struct inbox_owner {
     /* The sender has written an impossible record, or rung without a signal: its connection must
        end now. */
     void (*end_connection)(void *self, uint32_t id);
-    /* There are more pages in use that trim() would release. */
+    /* Pages are in use that trim() can release. */
     void (*want_trim)(void *self);
 };
 
 enum class source_state {
     fresh,   /* its bell is not in the epoll yet */
-    watched, /* it is */
-    ended    /* stays for what is to be taken */
+    watched, /* the bell is in the epoll */
+    ended    /* stays until its signals and notices are taken */
 };
 
 /* One sender. */
@@ -41,9 +41,9 @@ struct source {
     uint32_t id = 0; /* the sender of its signals */
     source_state state = source_state::fresh;
     bool is_in_line = false;
-    source *next = nullptr; /* in the line */
+    source *next = nullptr; /* the source behind it in the line */
     record_receiver ring;
-    fifo<block> notices; /* for the time after its last signal */
+    fifo<block> notices; /* to be received after its last signal */
     std::shared_ptr<mapped_area> area;
     owned_fd bell;
 };
@@ -53,44 +53,46 @@ class inbox
   public:
     /* False, with errno, on failure. */
     bool open(const inbox_owner &owner);
-    /* `is_child`: in a forked child the epoll and the rings are the parent's. */
+    /* `is_child`: in a forked child, where the epoll and the rings are the parent's. */
     void close(bool is_child = false);
-    /* For the owner to wait at. */
+    /* The descriptor at which the owner waits. */
     int fd()
     {
         is_polled_ = true;
         return poll_.get();
     }
 
-    /* Takes the block over. Any thread, and signal handlers, while the inbox is open. */
+    /* Adds a block and takes it over. Any thread, and signal handlers, while the inbox is open. */
     void push(block *b);
 
     bool has(uint32_t id) const
     {
         return sources_.contains(id);
     }
-    /* A source whose signals come out of one ring of the area; it stays where it is until end().
-       Once its ring rests and its bell has rung, watch() must be called, and at once if it doesn't
-       rest. Before, the bell must not be in the epoll, because there it would count as rung, and
-       wake the owner. Null, with errno, when memory is out. */
+    /* Adds the source for a connection, whose signals come out of one ring of the area. The source
+       stays at its address until end(). The epoll would report the bell of a fresh source as rung,
+       and wake the owner. So the caller lets the ring rest, waits until the bell has rung, and then
+       calls watch(); a ring that can't rest has a signal already, and watch() is called at once.
+       Null, with errno, when memory is out. */
     source *add(uint32_t id, const std::shared_ptr<mapped_area> &area, int side, owned_fd bell);
     /* False, with errno, on failure. */
     bool watch(source &s);
-    /* The same, and lets the ring rest, for the owner's thread, which does not wait at the
-       descriptor meanwhile. */
+    /* Adds the bell to the epoll and lets the ring rest. For the owner's own thread, which can't be
+       waiting at the descriptor now. False, with errno, on failure. */
     bool watch_quietly(source &s);
-    /* Acts as a ring of the bell does, for a sender that can't ring. */
+    /* Has the same effect as a ring of the source's bell, for a sender that can't ring. */
     void wake(source &s);
-    /* Nothing more comes from that source but the notice, which may be null. */
+    /* The sender is gone. The source stays until its unread signals and then `notice`, which may be
+       null, are received. */
     void end(source &s, block *notice);
-    /* One more notice from a source that has ended. False when it is gone. */
+    /* Adds a notice behind those of a source that has ended. False when the source is gone. */
     bool add_notice(uint32_t id, block *notice);
-    /* Unmaps the pages of rings beyond their first ones, and looks which of them are gone. Returns
-       whether some are left. */
+    /* Unmaps the pages of all rings beyond their first ones, and looks which of them the senders
+       have released. Returns whether others are left. */
     bool trim();
 
-    /* As mbx_receive. `hold` is the lock, which is released for the wait. Null, too, when the inbox
-       is closed meanwhile. */
+    /* As mbx_receive. `hold` holds the mailbox's lock, which is released for the wait. Returns
+       null, too, when the inbox is closed during the wait. */
     block *receive(std::unique_lock<std::mutex> &hold, const uint32_t *filter, int timeout_ms,
                    uint32_t sender);
 
@@ -116,19 +118,19 @@ class inbox
     inbox_owner owner_{};
     owned_fd poll_;
     owned_fd local_event_;   /* a semaphore: one count for each block on pushed_ or in local_ */
-    bool is_raised_ = false; /* it is watched for being writable, too */
+    bool is_raised_ = false; /* local_event_ is watched for being writable, too */
     uint32_t openings_ = 0;
 
     std::atomic<block *> pushed_{nullptr}; /* the latest first */
-    fifo<block> local_;                    /* taken off pushed_, the oldest first */
+    fifo<block> local_;                    /* moved from pushed_, the oldest first */
     source local_source_;
     std::unordered_map<uint32_t, source> sources_; /* by id */
-    fifo<source> line_;                  /* those that have a signal, in the order of their turns */
-    size_t left_ = 0;                    /* bytes that senders that are gone have left */
-    size_t round_ = 0;                   /* turns until the next look for others */
-    uint32_t unlooked_ = 0;              /* signals of the only source until the next look */
-    std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor before it receives */
-    uint32_t departed_ = 0; /* a source that may have woken the owner without a signal, and has been
-                               removed */
-    fifo<block> set_aside_; /* passed over by a filter */
+    fifo<source> line_;     /* the sources that have a signal, in the order of their turns */
+    size_t left_ = 0;       /* unread bytes of senders that are gone */
+    size_t round_ = 0;      /* turns until the next look at the epoll */
+    uint32_t unlooked_ = 0; /* signals of an only source until the next look */
+    std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor and receives then */
+    /* Id of a removed source that may have woken the owner without a signal, or 0. */
+    uint32_t departed_ = 0;
+    fifo<block> set_aside_; /* signals that a filter has passed over */
 };

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The descriptors that the other side passes are checked before they are used, and never closed
-   here or under a lock. */
+/* The descriptors that the other side passes are checked before they are used, and are never closed
+   on this thread or with a lock held. */
 #include "platform/mbx/mbx_locate.h"
 
 #include "platform/mbx/mbx_peers.h"
@@ -19,7 +19,7 @@ static constexpr auto locate_pause = 5ms;
 namespace
 {
 
-/* One attempt: the connection as far as it is made. */
+/* One attempt: the connection as far as it has been made. */
 struct call {
     owned_fd control;
     peer_identity peer;
@@ -34,7 +34,8 @@ struct call {
 
 } // namespace
 
-/* The connection itself has no time-out for reading, because a closed one is readable as well. */
+/* Waits by poll(), which returns also when the connection is closed. `missing` when the deadline
+   passes. */
 static greeting await_greeting(int control, time_point deadline)
 {
     pollfd wanted{control, POLLIN, 0};
@@ -45,7 +46,8 @@ static greeting await_greeting(int control, time_point deadline)
     return n > 0 ? receive_greeting(control) : greeting{};
 }
 
-/* Empty with errno where the descriptors that were passed are not what they should be. */
+/* The parts of the connection. Empty, with errno, where the descriptors that were passed are not a
+   memory file and two bells. */
 static std::optional<connection_parts> check_parts(call &c)
 {
     connection_parts parts;
@@ -65,13 +67,13 @@ static std::optional<connection_parts> check_parts(call &c)
     parts.peer = c.peer;
     parts.was_located = true;
     parts.area->hold(entry::open(c.peer, true), false);
-    fds.clear(); /* the memory, whose close waits for nobody */
+    fds.clear(); /* the memory file, whose close waits for no other process */
     return parts;
 }
 
-/* Of two connections that crossed, the one made by the mailbox with the smaller token survives; the
-   other one is closed by its maker before it has carried anything. MBX_NO_MAILBOX when nothing has
-   come of it. With the mailbox's lock. */
+/* Two mailboxes may locate each other at once. Of the two connections the one that the mailbox with
+   the smaller token has made stays; the other one is closed by its maker before it has carried
+   anything. MBX_NO_MAILBOX when there is no connection. With the mailbox's lock held. */
 static uint32_t settle(mailbox &m, call &c)
 {
     if (c.answer.token == m.token)
@@ -88,9 +90,8 @@ static uint32_t settle(mailbox &m, call &c)
     return id != 0 ? id : MBX_NO_MAILBOX;
 }
 
-/* 0, or an error: ETIMEDOUT when nothing came of it, EUSERS when the other side has no place for
- * us.
- */
+/* 0, or an error: ETIMEDOUT when there is no connection, EUSERS when the other side has no place
+   for us. */
 static int try_to_locate(uint32_t own, const mailbox_token &token, const char *name,
                          time_point deadline, uint32_t &out)
 {
@@ -111,8 +112,8 @@ static int try_to_locate(uint32_t own, const mailbox_token &token, const char *n
     return out == MBX_NO_MAILBOX ? ETIMEDOUT : 0;
 }
 
-/* The peer accepted but did not greet (it is stopping, or has no descriptors left), or has no place
-   for more of us: retry until the deadline. */
+/* A peer that does not greet (it is stopping, or has no descriptors left), or has no place for more
+   of our connections, is tried again until the deadline. */
 uint32_t locate(mailbox &m, uint32_t own, const char *name)
 {
     const time_point deadline = std::chrono::steady_clock::now() +

@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Our end is shut down for writing only, so that the hang-up which epoll reports is the peer's. One
-   that has hung up without having read all is looked at again from time to time.
+/* Our end is shut down for writing only, so that the hang-up which epoll reports is the peer's. A
+   connection whose peer has hung up without having read everything is looked at again from time to
+   time.
 
-   A bell that we have closed stays in an epoll of ours for as long as anybody has it, and is always
-   readable or writable, so that each wait there gives all bells that peers still have. */
+   A bell that we have closed stays in an epoll of ours for as long as any process has it. A bell is
+   always readable or writable, so each epoll_wait() there gives all bells that peers still have. */
 #include "platform/mbx/mbx_parting.h"
 
 #include "platform/mbx/mbx_account.h"
@@ -22,7 +23,7 @@
 #include <utility>
 #include <vector>
 
-/* A client that ends closes all within this time. */
+/* A client that ends closes its descriptors within this time. */
 static constexpr auto time_to_end = std::chrono::milliseconds(20);
 static constexpr auto time_to_look_soon = std::chrono::milliseconds(2);
 static constexpr auto time_to_look = std::chrono::milliseconds(250);
@@ -37,25 +38,26 @@ struct parted {
     std::shared_ptr<mapped_area> area;
     std::shared_ptr<entry> place;
     peer_identity peer;
-    bool is_gone = false;                   /* its memory file, or nobody watches for that */
-    time_point hung_up = time_point::max(); /* when the peer was seen to have done so */
+    bool is_gone = false;                   /* the memory file is gone, or it isn't watched */
+    time_point hung_up = time_point::max(); /* when the peer's hang-up was seen */
 };
 
 struct partings {
     std::vector<parted> all;
     uint32_t last_number = 0;
-    time_point next_look{};            /* at those that have ended at the peer */
-    owned_fd bells;                    /* an epoll of those that peers may still have */
+    time_point next_look{};            /* at connections that have ended at the peer */
+    owned_fd bells;                    /* an epoll of the bells that peers may have */
     owned_fd ends;                     /* an inotify: reports memory files that are gone */
-    owned_fd looked_up;                /* see watch_for_end */
+    owned_fd looked_up;                /* a descriptor's number: see watch_for_end() */
     size_t ringable_count = 0;         /* bells that peers have, as of the last look */
-    std::vector<epoll_event> ringable; /* has room for all: the helper must not need memory */
+    std::vector<epoll_event> ringable; /* has room for all bells: the helper must not need memory */
 };
 
 } // namespace
 
 std::mutex parting_lock;
-/* Guarded by parting_lock. Never destroyed, as the helper may outlive main(). */
+/* Guarded by parting_lock. Never destroyed, as the helper's thread may still run while main()
+   returns. */
 static partings &the_parting = *new partings;
 
 static int watch_of(const std::shared_ptr<entry> &place)
@@ -63,7 +65,7 @@ static int watch_of(const std::shared_ptr<entry> &place)
     return place ? place->watch : -1;
 }
 
-/* The area first, whose pages go back with it; then the place is free. */
+/* The area goes before the entry: it releases its pages, which the entry stands for. */
 static void let_go(parted &&p)
 {
     p.area.reset();
@@ -74,7 +76,8 @@ static void let_go(parted &&p)
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
 
-/* With the lock held. Each that is there is reported once, with the watch of its file. */
+/* With parting_lock held. The epoll reports each bell that a peer has once; its data is the watch
+   of the connection's memory file. */
 static void look_at_bells(partings &its)
 {
     const int most = static_cast<int>(its.ringable.size());
@@ -91,8 +94,8 @@ static bool has_bell(const parted &p)
     });
 }
 
-/* With the lock held. The kernel drops what we do not take in time: then those that wait do so no
-   longer. */
+/* With parting_lock held. The kernel drops reports when too many are unread: then all files count
+   as gone. */
 static void take_ends(partings &its)
 {
     alignas(inotify_event) char events[4096];
@@ -117,8 +120,8 @@ static bool is_over(const parted &p)
     return has_ended(p) && !p.area && p.is_gone && !has_bell(p) && !has_unread(p.control.get());
 }
 
-/* Those that are over leave the list, and are let go without the lock. Pages go as soon as they
-   may. */
+/* Connections that are over leave the list, and are released without the lock. Pages are released
+   as soon as they may be. */
 static void look_at_ended(time_point now)
 {
     std::vector<parted> over;
@@ -139,7 +142,8 @@ static void look_at_ended(time_point now)
         let_go(std::move(p));
 }
 
-/* With the lock held. False when it can't be watched: the helper has ended, or memory is out. */
+/* With parting_lock held. Moves the connection into the list. False when the helper can't watch it,
+   as it has ended, or memory is out. */
 static bool keep(partings &its, parted &p)
 try {
     its.all.reserve(its.all.size() + 1);
@@ -153,8 +157,8 @@ try {
     return false;
 }
 
-/* Its file can be gone only once the area is let go, and that is reported to those that are there.
- */
+/* The area is released only when the connection is in the list: the end of a memory file is noted
+   in the connections that are in the list. */
 void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<entry> place,
           const peer_identity &peer, bool is_kept)
 {
@@ -205,7 +209,7 @@ time_point look_again(time_point now)
     if (is_time)
         look_at_ended(now);
     const std::lock_guard hold(parting_lock);
-    time_point latest{}; /* of the ends at peers */
+    time_point latest{}; /* the latest hang-up of a peer */
     for (const parted &p : the_parting.all)
         if (has_ended(p))
             latest = std::max(latest, p.hung_up);
@@ -216,7 +220,7 @@ time_point look_again(time_point now)
     return next_look;
 }
 
-/* A file that is gone mostly ends the wait for it. */
+/* The end of its memory file is mostly the last event that a connection waits for. */
 void handle_ends(uint32_t, uint32_t)
 {
     look_at_ended(std::chrono::steady_clock::now());
@@ -232,7 +236,7 @@ void leave_bell(int bell, const std::shared_ptr<entry> &place)
         epoll_ctl(the_parting.bells.get(), EPOLL_CTL_ADD, bell, &event);
 }
 
-/* With the lock held. */
+/* With parting_lock held. False where the system refuses it. */
 static bool begin_to_watch(partings &its)
 {
     if (its.ends)
@@ -247,8 +251,8 @@ static bool begin_to_watch(partings &its)
     return false;
 }
 
-/* The file is looked up by one number for all: of each number that is looked up in /proc the kernel
-   keeps a kilobyte, which is charged to us. */
+/* All files are looked up in /proc by the same descriptor number: for each number that is looked up
+   there the kernel keeps a kilobyte, which it charges to us. */
 int watch_for_end(int memory)
 {
     const std::lock_guard hold(parting_lock);

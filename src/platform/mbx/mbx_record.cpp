@@ -9,7 +9,8 @@
 
 static constexpr uint32_t head_bytes = 8;
 static constexpr uint32_t skip_mark = UINT32_MAX; /* in the head's second word: the bytes */
-/* Room for a mark is left there, because one behind it would touch a page of the rest. */
+/* The last bytes of the home are left for a mark: a mark behind the home would touch a page of the
+   rest. */
 static constexpr uint32_t home_end = home_bytes - head_bytes;
 
 static_assert(ring_bytes > 2 * (head_bytes + MBX_LARGEST_SIGNAL) + home_bytes,
@@ -33,7 +34,7 @@ static void store_word(unsigned char *to, uint32_t word)
 static constexpr uint32_t rest_pages = rest_span / page_bytes;
 static_assert(rest_pages == 64, "one bit each");
 
-/* The pages of the rest on which the bytes from one place to another lie, one bit each. */
+/* The pages of the rest on which the bytes from place `begin` to place `end` lie, one bit each. */
 static uint64_t pages_of(uint32_t begin, uint32_t end)
 {
     if (end <= home_bytes || begin >= end)
@@ -44,7 +45,7 @@ static uint64_t pages_of(uint32_t begin, uint32_t end)
     return ~uint64_t{0} << first & ~uint64_t{0} >> (rest_pages - 1 - last);
 }
 
-/* The pages on which the bytes between two positions lie. */
+/* The pages of the rest on which the bytes between two positions lie. */
 static uint64_t pages_between(uint32_t from, uint32_t to)
 {
     const uint32_t begin = from % ring_bytes;
@@ -60,11 +61,12 @@ static void advise(const mapped_ring &ring, uint64_t pages, int advice)
         const auto first = static_cast<size_t>(std::countr_zero(pages));
         const auto count = static_cast<size_t>(std::countr_one(pages >> first));
         madvise(ring.rest + first * page_bytes, count * page_bytes, advice);
-        pages &= pages + (uint64_t{1} << first); /* without these */
+        pages &= pages + (uint64_t{1} << first); /* without the pages just advised */
     }
 }
 
-/* The pages that are in memory, whoever has written them; all, where the system does not say. */
+/* The pages of the rest that are in memory, written by either side; all of them where the system
+   does not say. */
 static uint64_t pages_in_memory(const mapped_ring &ring)
 {
     unsigned char is_there[rest_pages];
@@ -76,8 +78,8 @@ static uint64_t pages_in_memory(const mapped_ring &ring)
     return pages;
 }
 
-/* How many bytes to leave out before a record, so that it lies in one piece, and, in a ring that
-   has run empty, in the home if it fits there. */
+/* The number of bytes to skip in front of a record, so that it is contiguous, and, when the ring is
+   empty, in the home if it fits there. */
 uint32_t record_sender::bytes_to_skip(uint32_t bytes)
 {
     const auto is_drained = [&] { return taken() == position(); };
@@ -113,7 +115,7 @@ record_sender::outcome record_sender::push(const void *signal, uint32_t size)
     return publish(skip + bytes) ? outcome::to_ring : outcome::sent;
 }
 
-/* A hole reads as 0 and is filled again when it is written. */
+/* A released page reads as 0, and the kernel provides a new one when it is written. */
 void record_sender::trim()
 {
     if (touched_ == 0)
@@ -147,7 +149,7 @@ block *record_receiver::pop(bool &asks)
         size = load_word(record);
     }
     const uint32_t end = place < home_bytes ? home_bytes : ring_bytes;
-    /* No signal is that short: there was a hole. */
+    /* No signal has size 0: that is read from a page that the sender has released. */
     if (size == 0 || size > MBX_LARGEST_SIGNAL || record_bytes(size) > there - skip ||
         record_bytes(size) > end - place)
         return nullptr;

@@ -1,17 +1,20 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_record - signals as records in a ring (mbx_ring.h). Each end is used with the
-   lock of its mailbox.
+/* mbx_record - signals as records in a ring (mbx_ring.h). The sender and the receiver of a ring are
+   each used with the lock of their mailbox held.
 
    A record is a head of 8 bytes, whose first word is the signal's size, and the signal, padded to a
-   multiple of 8. It lies in one piece, in the home of the ring (mbx_area.h) or in its rest: where
-   it would not, a head with a mark in place of the size tells how many bytes the receiver skips.
+   multiple of 8. A record is contiguous: it lies either in the home of the ring, which is a part of
+   the first page (mbx_area.h), or in the rest behind it. Where it would not be, the sender writes a
+   head with a mark in place of the size, and the number of bytes that the receiver skips.
 
-   A ring that keeps running empty stays within its home, if its signals take up to half of it. Each
-   side counts the pages of the rest that it has touched. The sender gives those back in which
-   nothing is unread. The receiver, who could only destroy what is just being written, looks whether
-   the sender has done so, and gives them back itself once the sender is gone.
+   A ring whose receiver keeps up uses its home only, if each signal takes up to half of the home.
+   Each side notes which pages of the rest it has touched. The sender releases the pages in which
+   nothing is unread. The receiver can't do that, as it could destroy a record that is just being
+   written: it asks the kernel which pages are released, and releases them itself only once the
+   sender is gone.
 
-   The receiver reads each word once, checks it, and copies a signal out before it looks at it. */
+   A peer may change the memory at any time. So the receiver reads each word once and checks the
+   value that it has read, and it copies a signal before it looks at its content. */
 #pragma once
 
 #include "platform/mbx/mbx_area.h"
@@ -24,7 +27,7 @@ class record_sender : private ring_sender<process_atomics>
   public:
     enum class outcome {
         full,   /* nothing was written */
-        sent,   /* the receiver is awake, or will be woken by someone else's ring */
+        sent,   /* the receiver is awake, or is being woken for an earlier signal */
         to_ring /* sent, and the caller must ring */
     };
 
@@ -37,12 +40,12 @@ class record_sender : private ring_sender<process_atomics>
     /* `size` is at most MBX_LARGEST_SIGNAL. */
     outcome push(const void *signal, uint32_t size);
     using ring_sender::wait_for_room;
-    /* Bytes of the rest's pages that are in use. */
+    /* Bytes of the pages of the rest that are in use. */
     size_t touched() const
     {
         return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
     }
-    /* Remembers what is in the ring now. */
+    /* Notes the present position for is_mark_read(). */
     void mark()
     {
         marked_ = position();
@@ -52,11 +55,11 @@ class record_sender : private ring_sender<process_atomics>
     {
         return position() - taken() <= position() - marked_;
     }
-    /* Gives the pages of the rest back in which the receiver has nothing to take. */
+    /* Releases the pages of the rest in which nothing is unread. */
     void trim();
-    /* At the end, where the receiver is gone: gives all of them back. */
+    /* To be called once the receiver is gone: releases all pages of the rest. */
     void leave();
-    /* What the next push writes to, to be fetched ahead. */
+    /* The addresses that the next push() writes to, for a prefetch. */
     const void *words() const
     {
         return ring_.words;
@@ -70,7 +73,7 @@ class record_sender : private ring_sender<process_atomics>
     uint32_t bytes_to_skip(uint32_t bytes);
 
     mapped_ring ring_;
-    uint64_t touched_ = 0; /* the pages of the rest, one bit each */
+    uint64_t touched_ = 0; /* the touched pages of the rest, one bit each */
     uint32_t marked_ = 0;
 };
 
@@ -83,35 +86,36 @@ class record_receiver : private ring_receiver<process_atomics>
     {
     }
 
-    /* The next signal, a new block that has no sender yet; shorter ones than a number are filled up
-       with 0. Null when there is none, or the record is impossible. `asks` becomes true when
-       must_report_room should be asked. */
+    /* The next signal in a new block, whose sender is not set. A signal shorter than its number is
+       filled up with zeros. Null when the ring is empty or the record is invalid. `asks` tells
+       whether the caller has to call must_report_room(). */
     block *pop(bool &asks);
     bool is_empty() const
     {
         return there() == 0;
     }
     using ring_receiver::must_report_room, ring_receiver::rest;
-    /* The sender is gone: what is in the ring now is all that comes out of it. */
+    /* To be called once the sender is gone: nothing but what is in the ring now can be taken. */
     void finish();
-    /* Nothing more comes out of it. */
+    /* Discards what is in the ring, and finishes it. */
     void drop();
     bool is_finished() const
     {
         return is_finished_;
     }
-    /* After finish(): bytes that are still to be taken. */
+    /* After finish(): the number of bytes that are still to be taken; 0 before. */
     size_t unread() const
     {
         return is_finished_ ? there() : 0;
     }
-    /* Bytes of the pages behind the home that were read from and that are in memory, as of the last
+    /* Bytes of the pages of the rest that were read from and that were in memory at the last
        trim(). */
     size_t touched() const
     {
         return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
     }
-    /* Unmaps them from this process. The content stays, but for what was taken after finish(). */
+    /* Unmaps the touched pages from this process. Their content stays, but after finish() all pages
+       in which nothing is unread are released. */
     void trim();
 
   private:

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A sender puts its block into the receiver's inbox without a lock. A pin keeps the inbox open
-   between the look at the id and the push: withdraw() takes the id away first and then waits until
-   no thread has the mailbox pinned, which lasts a few instructions; of those that hold it up the
-   last one wakes it, so that they may have a lower priority. */
+   between the check of the id and the push: withdraw() removes the id first and then waits until no
+   thread has the mailbox pinned. A pin lasts a few instructions. The thread that removes the last
+   pin wakes withdraw(), which sleeps, so that a pinning thread of lower priority can run. */
 #include "platform/mbx/mbx_registry.h"
 
 #include <array>
@@ -121,8 +121,8 @@ void withdraw_in_child(mailbox &m)
     first_mailbox = MBX_NO_MAILBOX;
 }
 
-/* Whether the id is still the receiver's is looked at with the pin set, and delete_mailbox looks at
-   the pins with the id taken away: one of the two sees the other. */
+/* A sender sets its pin before it checks the id, and withdraw() removes the id before it checks the
+   pins. So either the sender sees that the mailbox is gone, or withdraw() sees the pin. */
 void push_local(uint32_t receiver, block *b, uint32_t sender)
 {
     mailbox *m = mailbox_in_slot(receiver % mailboxes_at_most);

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_registry - the mailboxes of this process: their records and ids, how they are found, and what
-   is sent within the process. A record is never freed, so one may be locked first and looked at
-   then. Functions that a signal handler may call take no lock; they say so. */
+/* mbx_registry - the table of this process's mailboxes: their records and ids, the look-up of a
+   mailbox by its id, and sends from one mailbox of the process to another. A record is never freed,
+   so a caller may lock it before it checks whether the record is in use. A function that a signal
+   handler may call takes no lock; its comment says so. */
 #pragma once
 
 #include "platform/mbx/mbx_block.h"
@@ -13,25 +14,27 @@
 #include <mutex>
 #include <unordered_map>
 
-/* Locks, in the order in which they may be taken: the helper's (mbx_helper.h), registry_lock, one
-   mailbox's lock, then those of parting, accounts, closer and waker. */
+/* The order of locks. A thread that holds a lock may take only those that stand behind it:
+   helper_lock (mbx_helper.h), registry_lock, the lock of one mailbox, and then one of parting_lock,
+   accounts_lock, closer_lock and waker_lock. A fork takes all of them (mbx_api.cpp). */
 struct mailbox {
     /* 0 when deleted. */
     std::atomic<uint32_t> id{0};
-    /* How many threads are about to put something into the inbox without the lock. */
+    /* Number of threads that are putting a block into the inbox, which they do without the lock. */
     std::atomic<uint32_t> pins{0};
 
-    std::mutex lock; /* guards all below */
+    std::mutex lock; /* guards all members below */
     inbox in;
     std::unordered_map<uint32_t, connection> connections; /* by id */
     owned_name name;
     mailbox_token token{};
-    uint32_t slot = 0; /* where it stands in the registry */
+    uint32_t slot = 0; /* index of this record in the registry's table */
     uint32_t generation = 0;
     uint64_t born = 0;
-    connection *sent_last = nullptr; /* null when it has ended */
-    fan_out run;                     /* of what was sent since the last reception */
-    fifo<block> watchers; /* monitors of this mailbox by others of the process; sender: which one */
+    connection *sent_last = nullptr; /* connection of the latest send; null when it has ended */
+    fan_out run;                     /* the sends since the last reception */
+    /* Notices of this process's mailboxes that monitor this one; sender: the monitoring mailbox. */
+    fifo<block> watchers;
 };
 
 /* Set in the ids of our own mailboxes only. */
@@ -39,7 +42,7 @@ constexpr uint32_t mailbox_id_bit = 0x80000000u;
 constexpr uint32_t mailboxes_at_most = 4096;
 extern std::mutex registry_lock;
 
-/* Null if there never was one. */
+/* The record with that index in the table; null if it was never used. */
 mailbox *mailbox_in_slot(uint32_t slot);
 /* The mailbox of this process with that id, or null. Safe in a signal handler. It may be deleted at
    any time: lock it and look at the id again. */
@@ -71,25 +74,28 @@ void for_each_mailbox(function &&call)
         call(*m);
 }
 
-/* Puts a block into a mailbox of this process and takes it over. Never waits. Safe in a signal
-   handler. */
+/* Puts a block into the inbox of a mailbox of this process, or frees it when there is no such
+   mailbox. Never waits. Safe in a signal handler. */
 void push_local(uint32_t receiver, block *b, uint32_t sender);
 
-/* An id for a connection. Counts up, so that one comes back after two thousand million connections
-   at the earliest. The lowest numbers are left to other sources of signals. Any thread. */
+/* A new id for a connection. Ids count up, so that the same one comes back after two thousand
+   million connections at the earliest. The lowest ids are left to other sources of signals. Any
+   thread. */
 uint32_t next_connection_id();
 
 /* The functions below need registry_lock held. */
 
-/* A record that nothing refers to any more, or a new one; null with ENOSPC. One that still has
-   signals to hand over is not free. */
+/* A record that no mailbox uses, or a new one; null, with ENOSPC, when mailboxes_at_most are in
+   use. A deleted mailbox uses its record as long as it has signals to hand over. */
 mailbox *free_record();
-/* The id that the record is to have next. */
+/* The id for the next mailbox in this record. */
 uint32_t next_mailbox_id(mailbox &m);
-/* From now on others may find the mailbox; it is the calling thread's. */
+/* Enters the id, by which other threads can find the mailbox from now on, and makes it the calling
+   thread's mailbox. */
 void publish(mailbox &m, uint32_t id);
-/* Takes the id away and waits until no thread is about to put something into the inbox. Returns the
-   id. Without the mailbox's lock. */
+/* Removes the id, so that no thread finds the mailbox any more, and waits until the threads that
+   have it pinned have pushed their blocks. Returns the id. The caller must not hold the mailbox's
+   lock. */
 uint32_t withdraw(mailbox &m);
 /* withdraw() for a forked child, which has one thread and no mailbox. */
 void withdraw_in_child(mailbox &m);

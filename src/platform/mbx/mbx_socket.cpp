@@ -42,7 +42,7 @@ union fd_room {
 static constexpr uint32_t greeting_magic = 0x3278626d; /* "mbx2" */
 static constexpr int control_send_buffer = 4608;       /* the least that the kernel gives */
 
-/* Without memory for them they are closed here. */
+/* If there is no memory for them, the descriptors are closed here. */
 static void take_fds(const unsigned char *data, size_t count, std::vector<owned_fd> &fds)
 {
     std::array<int, fds_at_most> numbers;
@@ -84,8 +84,8 @@ static ssize_t receive(int control, void *data, size_t size, std::vector<owned_f
     return length;
 }
 
-/* Early in a system's life the call may be interrupted: then it is repeated. A sandbox may refuse
-   it, or have no such device, but hardly both. */
+/* While the system starts, the call may be interrupted: then it is repeated. A sandbox may refuse
+   the call, or lack the device, but hardly both. */
 mailbox_token make_token()
 {
     mailbox_token token{};
@@ -146,7 +146,7 @@ greeting receive_greeting(int control)
     return got;
 }
 
-/* A queue that is full has such a byte in it already. */
+/* If the queue is full, the peer has such a byte to read already. */
 void send_wake(int control, wake what)
 {
     const errno_keeper keeper;
@@ -198,8 +198,8 @@ void restrict_control(int control)
     setsockopt(control, SOL_SOCKET, SO_SNDBUF, &control_send_buffer, sizeof(control_send_buffer));
 }
 
-/* Once it is shut down nothing more can be queued in it, and what is in it is looked through: the
-   close of a socket closes what was passed and not received. */
+/* After the shutdown nothing more can be queued in the connection. Its queue is read for
+   descriptors that were passed, because the close of a socket would close those here. */
 void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
              std::shared_ptr<entry> place)
 {

@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <vector>
 
-/* The identity of a mailbox: random, and sent to peers only. */
+/* The identity of a mailbox: a random number, which only its peers are sent. */
 using mailbox_token = std::array<uint64_t, 2>;
 /* All 0, with errno and after a line on standard error, where the system has no random numbers. */
 mailbox_token make_token();
@@ -40,15 +40,15 @@ bool send_greeting(int control, greeting_kind kind, const mailbox_token &token,
 struct greeting {
     greeting_kind kind = greeting_kind::missing;
     mailbox_token token{};
-    /* The descriptors of the message, as many as a message can carry; of a proper greeting as many
-       as its kind has. The receiver passes the others to close_later. */
+    /* The descriptors that the message carried. A valid greeting has as many as its kind; the
+       caller passes those of any other message to close_later(). */
     std::vector<owned_fd> fds;
 };
 
 /* Reads one message. */
 greeting receive_greeting(int control);
 
-/* The bytes of a greeted connection. */
+/* The bytes that are sent over a control connection after the greeting. */
 enum class wake : unsigned char {
     room = 'r', /* the ring has room for the receiver's backlog */
     bell = 'b', /* a signal was sent by a side that can't ring */
@@ -57,25 +57,27 @@ void send_wake(int control, wake what);
 
 enum class control_event { nothing, room, bell, end };
 
-/* Reads one message. One that carries descriptors, which are in `fds` then, is an `end`. */
+/* Reads one message. A message that carries descriptors counts as an `end`; `fds` has the
+   descriptors then. */
 control_event receive_wake(int control, std::vector<owned_fd> &fds);
 
-/* Whether the system lets this process make the calls without which no signal is carried, and, to
-   be located, no connection accepted. False with errno; the first time with a line on standard
+/* Whether the system lets this process make the calls that carry signals and, for a mailbox with a
+   name, those that accept connections. False, with errno; the first time with a line on standard
    error. */
 bool can_carry(bool is_named);
 
-/* For a fresh control connection, or a listener, which passes it on to those that it accepts: what
-   receive_greeting and receive_wake need. */
+/* Sets what receive_greeting() and receive_wake() need, for a new control connection, or for a
+   listener, whose accepted connections take the setting over. */
 void prepare_control(int control);
-/* From now on the kernel refuses descriptors for this socket, and for those that a listener accepts
-   (since Linux 6.16; no effect before). */
+/* From now on the kernel refuses to carry descriptors to this socket, and to those that a listener
+   accepts (since Linux 6.16; no effect before). */
 void refuse_descriptors(int socket);
 /* Refuses descriptors, and has the kernel keep little for a peer that does not read. */
 void restrict_control(int control);
 
-/* Ends a control connection for both sides. It returns at once: where something was passed, in
-   `passed` or still unread, the closing thread closes it. */
+/* Ends a control connection for both sides. Returns at once: where the peer has passed descriptors,
+   those in `passed` or others that are still unread, the closing thread closes them and the
+   connection. */
 void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
              std::shared_ptr<entry> place = {});
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The thread takes all bells that are due and rings them together; one that retires meanwhile is
-   closed behind that. A bell is rung by reading it (mbx_area.h), here as there with RWF_NOWAIT: the
-   kernel answers such a read at once and never hands it to a worker of its own. */
+/* The thread takes all bells that are due and rings them together. A bell that is retired while it
+   is due is closed after that. A bell is rung by reading it (mbx_area.h), here also with
+   RWF_NOWAIT: the kernel answers such a read at once and never hands it to a worker of its own. */
 #include "platform/mbx/mbx_waker.h"
 
 #include "platform/mbx/mbx_area.h"
@@ -28,7 +28,7 @@ namespace
 
 struct due_bell {
     int fd;
-    owned_fd retired; /* the same, once the caller has given it up: open until it is rung */
+    owned_fd retired; /* owns fd once the bell is retired: closed after it is rung */
 };
 
 enum class waker_state {
@@ -41,9 +41,9 @@ enum class waker_state {
 struct waker {
     std::condition_variable changed;
     std::vector<due_bell> due;
-    std::vector<due_bell> ringing; /* written by the thread, under the lock */
-    io_uring reads{};              /* the thread's */
-    bool can_read = false;         /* likewise: it is open */
+    std::vector<due_bell> ringing; /* written by the thread, with the lock held */
+    io_uring reads{};              /* used by the thread only */
+    bool can_read = false;         /* used by the thread only: whether `reads` is open */
     waker_state state = waker_state::fresh;
     pthread_t thread{};
 };
@@ -51,12 +51,13 @@ struct waker {
 } // namespace
 
 std::mutex waker_lock;
-/* What it holds but the thread's is guarded by waker_lock. Never destroyed: its thread uses it
-   until the process ends. A forked child makes itself another. */
+/* Guarded by waker_lock, but for what the thread alone uses. Never destroyed: its thread uses it
+   until the process ends. A forked child makes another one. */
 static waker *the_waker = new waker;
 
-/* A thread of this class preempts no other when it wakes up, and is preempted at once. One that has
-   inherited a priority keeps it, so as not to starve behind its sender. */
+/* A SCHED_BATCH thread preempts no other thread when it wakes up, and is preempted at once. A
+   thread that has inherited a real-time priority keeps it, because it would starve behind its
+   sender otherwise. */
 static void give_way()
 {
     const sched_param none{};
@@ -79,12 +80,13 @@ static void close_reads(waker &w)
         io_uring_queue_exit(&w.reads);
 }
 
-/* Up to reads_at_once. Returns how many are rung; fewer than all if the io_uring is of no use any
-   more. When the submission returns, each read that the kernel has taken is done, or has failed,
-   which alone is reported. */
+/* Rings up to reads_at_once bells by one submission. Returns how many the kernel has taken; when
+   these are fewer than all, the io_uring is of no use any more and is closed. When the submission
+   returns, each read that the kernel has taken has succeeded or failed; failed reads alone are
+   reported, and those bells are rung one by one. */
 static size_t read_together(waker &w, std::span<const due_bell> bells)
 {
-    static uint64_t count; /* that is read */
+    static uint64_t count; /* what the reads write: not used */
     for (const due_bell &bell : bells) {
         io_uring_sqe *entry = io_uring_get_sqe(&w.reads);
         io_uring_prep_read(entry, bell.fd, &count, sizeof(count), UINT64_MAX);
@@ -112,7 +114,8 @@ static void ring_all(waker &w, std::span<const due_bell> bells)
     }
 }
 
-/* The close of a bell, which is a file of the kernel's own, waits for nobody. */
+/* Retired bells are closed with the lock held: a bell is an eventfd, whose close waits for no other
+   process. */
 static void *run_waker(void *argument)
 {
     waker &w = *static_cast<waker *>(argument);
@@ -170,8 +173,8 @@ static bool keep_open(std::vector<due_bell> &bells, owned_fd &bell)
     return true;
 }
 
-/* A bell that is due has a signal to go with it: its receiver takes that in any case, at the
-   latest when it notices the end of the connection, and a ring in between does no harm. */
+/* A bell that is due has a signal that goes with it. The receiver takes this signal in any case, at
+   the latest when it notices the end of the connection, and a ring before that does no harm. */
 void retire_bell(owned_fd bell)
 {
     waker &w = *the_waker;
@@ -195,7 +198,8 @@ void stop_waker()
     w.state = waker_state::fresh;
 }
 
-/* The parent rings what is due; the child's copies of retired bells go at its exec or its end. */
+/* The parent rings the bells that are due. The child's copies of retired bells are closed at its
+   exec or its end. */
 void forget_waker()
 {
     close_reads(*the_waker);
