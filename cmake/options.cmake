@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # tesk_options: the warnings and sanitizers of all our sources. In several sources compiled as one, a local name
-# may be that of another source's variable: clang-tidy, which reads each by itself, reports what is shadowed.
+# may be that of another source's variable: scripts/lint compiles each source by itself, and finds what is shadowed.
 set(TESK_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 option(TESK_WERROR "Warnings are errors; a distribution has other compilers" ON)
 option(TESK_COVERAGE "Build for a line coverage report" OFF)
