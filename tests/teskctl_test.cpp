@@ -618,6 +618,16 @@ TEST_F(teskctl_system, ports_are_named_by_the_port_map)
     expect("watch --status eth3 --count 1", 0, {"port 3 "});
     expect("pm eth33", 2, {"no port is called 'eth33': did you mean 'eth3'?"});
     expect("ports --numbers --names", 0, {"3\neth3\n7\nx\\x1b[2J\n"});
+    for (const strings &command :
+         {strings{"watch", "--sfp", "0", "--status", "all"}, {"top", "all"}}) {
+        const pid_t following = start(command);
+        await("port 7 ");
+        testkit::run("printf '12\teth12\n' >>" + map, output);
+        await("port 12 ");
+        kill(following, SIGINT);
+        EXPECT_EQ(testkit::wait_for_end(following), 0);
+        testkit::run("sed -i '/eth12/d' " + map, output);
+    }
     testkit::run("echo '# tesk-ports 1' >" + map, output);
     for (const char *command : {"ports", "ports --numbers", "top", "pm", "watch --sfp"})
         expect(std::string(command) + " all", 1, {"no port, as its port map says"});

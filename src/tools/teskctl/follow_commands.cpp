@@ -4,7 +4,8 @@
    The session of both reconnects when the server goes away. A request of ping that waits for a
    connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
    the session, and those whose renewal failed by watch itself; the first indications after that
-   show changes made since the loss. */
+   show changes made since the loss. With "all" a port that comes into the port map later is
+   subscribed as well. */
 #include "program/recorded_falls.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/explain.h"
@@ -17,8 +18,8 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
-#include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 using std::chrono::steady_clock;
 
@@ -186,22 +187,55 @@ static std::optional<steady_time> earlier(const std::optional<steady_time> &one,
     return one && (!other || *one < *other) ? one : other;
 }
 
-/* Subscriptions that could not be renewed after a reconnection are tried again after a pause. */
-static void wait_and_keep(event_loop &loop, session &server, kept_subscriptions &kept,
-                          std::optional<steady_time> &retry,
-                          const std::optional<steady_time> &until)
+namespace
 {
-    static constexpr std::chrono::seconds retry_pause{2};
-    if (!kept.is_due())
-        retry.reset();
-    else if (!retry)
-        retry = steady_clock::now() + retry_pause;
-    loop.wait(server.get(), earlier(retry, until));
-    if (retry && steady_clock::now() >= *retry) {
-        kept.send_due();
-        retry.reset();
+
+/* The subscriptions of watch. With "all" they follow the port map, whose ports at the last look are
+   `known`; a port that the server refused at first is not asked for again. */
+struct watch_upkeep {
+    event_loop &loop;
+    session &server;
+    const watch_options &options;
+    kept_subscriptions kept{server};
+    port_name_map known = follows_map() ? port_names() : port_name_map();
+    std::optional<steady_time> next_look = {};
+
+    bool follows_map() const
+    {
+        return is_all(options.sfp) || is_all(options.status);
     }
-}
+    void look()
+    {
+        const port_name_map before = std::exchange(known, port_names());
+        for (const auto &[port_no, name] : known) {
+            if (before.contains(port_no))
+                continue;
+            if (is_all(options.sfp))
+                kept.add(TESK_CLIENT_SFP_INFO, port_no);
+            if (is_all(options.status))
+                kept.add(TESK_CLIENT_PORT_STATUS, port_no);
+        }
+    }
+    /* Waits for an indication or the time. After a pause the map is looked at, and subscriptions
+       that are not there are tried again. */
+    void wait(const std::optional<steady_time> &until)
+    {
+        static constexpr std::chrono::seconds look_pause{2};
+        if (!kept.is_due() && !follows_map())
+            next_look.reset();
+        else if (!next_look)
+            next_look = steady_clock::now() + look_pause;
+        loop.wait(server.get(), earlier(next_look, until));
+        if (!next_look || steady_clock::now() < *next_look)
+            return;
+        if (follows_map())
+            look();
+        kept.send_due();
+        next_look.reset();
+    }
+};
+
+} // namespace
 
 static std::vector<port_request> watched(event_loop &loop, session &server,
                                          const watch_options &options)
@@ -241,34 +275,32 @@ exit_code run_watch(const settings &common, const watch_options &options)
         },
         show);
     session *connected = nullptr; /* called back only inside of its calls */
-    std::unique_ptr<kept_subscriptions> kept;
+    std::optional<watch_upkeep> upkeep;
     session server(loop, common,
                    {[&](const auto &info) { checked.take(*connected, info); },
                     [&](const auto &status) { checked.take(*connected, status); },
                     [&](const auto &event) {
                         report.show(event);
-                        if (kept)
-                            kept->take(event);
+                        if (upkeep)
+                            upkeep->kept.take(event);
                     }},
                    true);
     connected = &server;
-    kept = std::make_unique<kept_subscriptions>(server);
-
+    upkeep.emplace(watch_upkeep{loop, server, options});
     const std::vector<port_request> wanted = watched(loop, server, options);
     const auto end = limit(options.seconds);
     const auto held =
         subscribe_all(loop, server, wanted, [&](const auto &answer) { report.failed(answer); });
-    kept->confirm(held);
-    std::optional<steady_time> retry;
+    upkeep->kept.confirm(held);
     report.write_failures();
     /* A signal may have ended the subscribing already; nothing comes without a subscription. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
            (!end || steady_clock::now() < *end)) {
-        wait_and_keep(loop, server, *kept, retry, earlier(falls.next(), end));
+        upkeep->wait(earlier(falls.next(), end));
         falls.work();
     }
     /* The server would drop the subscriptions with the connection, but only a moment later. */
     if (server.is_connected())
-        request_all(loop, server, kept->unsubscribes(), [](const tesk_client_answer &) {});
+        request_all(loop, server, upkeep->kept.unsubscribes(), [](const tesk_client_answer &) {});
     return report.code();
 }

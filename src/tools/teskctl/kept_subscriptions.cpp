@@ -24,7 +24,7 @@ static tesk_client_request_type request_of(tesk_client_kind kind, bool subscribe
 void kept_subscriptions::add(uint32_t port_no)
 {
     for (const tesk_client_kind kind : {TESK_CLIENT_SFP_INFO, TESK_CLIENT_PORT_STATUS})
-        entries_.try_emplace({kind, port_no});
+        add(kind, port_no);
 }
 
 void kept_subscriptions::confirm(const std::vector<port_request> &unsubscribes)

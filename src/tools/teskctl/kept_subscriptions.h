@@ -19,7 +19,12 @@ class kept_subscriptions
     {
     }
 
-    /* Adds both kinds of subscription of the port; send_due makes the requests. */
+    /* Adds a subscription that is wanted, unless it is there; send_due() makes the requests. */
+    void add(tesk_client_kind kind, uint32_t port_no)
+    {
+        entries_.try_emplace({kind, port_no});
+    }
+    /* Adds both kinds of subscription of the port. */
     void add(uint32_t port_no);
     /* Removes the subscriptions of the port, as it doesn't exist. */
     void remove(uint32_t port_no)
