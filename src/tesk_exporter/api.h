@@ -6,7 +6,7 @@
       "id": "5f0c1-120",             of the last event before this answer, see /events
       "version": "1.0.0",
       "up": true,                    tesk-server is connected and answers in time
-      "trouble": "",                 what is wrong; without "up" the ports are as last known
+      "trouble": "", what is wrong; if "up" is false the ports are as last known
       "known": "2026-..",            when that was: now with "up"; null where it never was
       "interval_s": 15,              between two reads of the measured values
       "ports": [                     in ascending order
@@ -73,7 +73,7 @@ namespace exporter
 std::string ports_json(const model &board, const event_ring &events,
                        std::chrono::milliseconds interval,
                        std::span<const forecast_sample> forecasts, const moment &now);
-/* The body of /api/ports/N. `details` is null where there are none, for the reason in `result`. */
+/* The body of /api/ports/N. `details` is null if there are none; `result` is then the reason. */
 std::string port_json(const model &board, const port_state &port,
                       const dolm_ric_details_record *details, tesk_details_result result,
                       std::span<const forecast_sample> forecasts, const moment &now);
