@@ -17,7 +17,7 @@ namespace causes
 using flag = std::optional<bool>;
 using number = std::optional<double>;
 using text = std::optional<std::string>;
-using by_lane = std::optional<std::vector<double>>; /* elements are 0 or 1 */
+using by_lane = std::optional<std::vector<double>>; /* one element a lane; flags are 0 or 1 */
 
 constexpr double no_light = -40;
 constexpr size_t most_lanes = 16;

@@ -576,7 +576,7 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
         return;
     port_watch &its = ports_.at(port);
     if (is_over && !open->is_seen_again && its.last.at >= open->up_at) {
-        open->is_seen_again = add_look_again(its.last, open->seen); /* no look since then */
+        open->is_seen_again = add_look_again(its.last, open->seen); /* no newer look exists */
         open->is_changed |= open->is_seen_again;
     }
     open->due =

@@ -45,7 +45,7 @@ static void join_group(int protocol, uint32_t (*group)(netlink::connection &),
         const uint32_t joined = group(*made);
         if (joined != 0)
             return made->join(joined);
-    } catch (const std::system_error &) { /* then the notices count as lost */
+    } catch (const std::system_error &) { /* as if the kernel had no such group */
     }
     made.reset();
 }

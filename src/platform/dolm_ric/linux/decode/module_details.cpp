@@ -405,7 +405,7 @@ static void find_cmis_signals(const module_memory &memory, const module_contents
     static constexpr struct {
         uint8_t signal;
         uint8_t offset; /* offset on page 11h */
-        uint8_t claim;  /* byte on page 01h that says whether the condition is reported */
+        uint8_t claim;  /* on page 01h, with its bit */
         uint8_t bit;
         bool is_host; /* the bits are numbered by lanes between host and module */
     } rows[] = {
