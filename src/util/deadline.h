@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* deadline - a point in time up to which something is waited for. One thread at a time changes
-   it. */
+/* deadline - the end of a wait as a point in time. One thread at a time changes it. */
 #pragma once
 
 #include <algorithm>
@@ -10,8 +9,8 @@
 namespace util
 {
 
-/* Until then in milliseconds as poll() takes them: rounded up, so that a poll with them doesn't end
-   before; 0 once it has passed. */
+/* The time until `end` in milliseconds, as poll() takes it: rounded up, so that a poll doesn't
+   return before `end`; 0 once `end` has passed. */
 inline int milliseconds_until(std::chrono::steady_clock::time_point end) noexcept
 {
     using namespace std::chrono;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* local_socket - sockets in the file system. A result that isn't open leaves the reason in
-   errno; a path that is too long for a socket address gives ENAMETOOLONG. All sockets are close-
-   on-exec. Any thread. */
+/* local_socket - sockets in the file system. If a function fails, its descriptor isn't open and
+   errno has the reason; a path that is too long for a socket address gives ENAMETOOLONG. All
+   sockets are close- on-exec. Any thread. */
 #pragma once
 
 #include "util/descriptor.h"
@@ -29,7 +29,8 @@ inline bool make_local_address(std::string_view path, sockaddr_un &address)
     return true;
 }
 
-/* `type` is SOCK_STREAM or SOCK_SEQPACKET, with SOCK_NONBLOCK if wanted. */
+/* Connects to the socket at `path`; `type` is SOCK_STREAM or SOCK_SEQPACKET, with SOCK_NONBLOCK if
+   wanted. */
 inline descriptor connect_to(std::string_view path, int type)
 {
     sockaddr_un address;
@@ -42,8 +43,8 @@ inline descriptor connect_to(std::string_view path, int type)
     return connection;
 }
 
-/* Follows no link that another process puts in the socket's place. fchmodat() needs /proc for that,
-   which a chroot may lack; then lstat() checks the file first. */
+/* Sets the mode without following a link that another process put in place of the socket.
+   fchmodat() needs /proc for that, which a chroot may lack; then lstat() checks the file first. */
 inline bool set_socket_mode(const char *path, mode_t mode)
 {
     struct stat found = {};
@@ -51,9 +52,9 @@ inline bool set_socket_mode(const char *path, mode_t mode)
            (lstat(path, &found) == 0 && S_ISSOCK(found.st_mode) && chmod(path, mode) == 0);
 }
 
-/* A socket at a path that doesn't exist yet, for the owner and the group of that number, whatever
-   the umask. No process can connect before listen() is called. A caller who isn't a member of the
-   group leaves the socket's own group. */
+/* Creates a socket at `path`, which must not exist. The owner, and `group`, can use it according to
+   `mode`; the umask has no effect. No process can connect before listen() is called. If the caller
+   isn't a member of `group`, the socket keeps the caller's group. */
 inline descriptor bind_at(std::string_view path, int type, mode_t mode, gid_t group)
 {
     sockaddr_un address;
@@ -73,7 +74,7 @@ inline descriptor bind_at(std::string_view path, int type, mode_t mode, gid_t gr
     return descriptor();
 }
 
-/* bind_at(), and listens. */
+/* Calls bind_at() and listens. */
 inline descriptor listen_at(std::string_view path, int type, mode_t mode, gid_t group, int backlog)
 {
     descriptor listener = bind_at(path, type, mode, group);
