@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* collector - follows the ports through a session of its own thread and reports facts: indications
-   as they are received, measured values at the interval. A server that is gone or doesn't respond
-   blocks this thread only. */
+   as they come, measured values at the interval. A server that has ended or doesn't respond blocks
+   only this thread. */
 #pragma once
 
 #include "tesk_exporter/facts.h"

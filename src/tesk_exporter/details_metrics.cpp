@@ -45,7 +45,7 @@ enum class scale { plain, milli, dbm };
 static std::optional<double> scaled(double value, scale by)
 {
     if (by == scale::dbm && value <= 0)
-        return std::nullopt; /* no light has no logarithm */
+        return std::nullopt; /* without light the power has no logarithm */
     if (!std::isfinite(value))
         return std::nullopt;
     switch (by) {

@@ -73,7 +73,7 @@ static int16_t kept(bool has, history::measure what, double value)
     return has ? history::stored(what, value) : history::absent;
 }
 
-/* No light has no logarithm and is stored as absent. */
+/* A power without light has no logarithm and is stored as absent. */
 static int16_t kept_power(bool has, history::measure what, uint32_t microwatts)
 {
     const auto dbm = has ? to_dbm(microwatts) : std::nullopt;

@@ -14,7 +14,7 @@ namespace exporter
 struct settings {
     std::string listen = "127.0.0.1:9816";      /* ADDRESS:PORT or unix:PATH */
     std::vector<std::string> hosts;             /* additional names that the Host header may have */
-    std::optional<std::vector<uint32_t>> ports; /* nothing: those of the port map, or that answer */
+    std::optional<std::vector<uint32_t>> ports; /* nothing: ports of the map, or all that answer */
     std::chrono::milliseconds interval{15000};
     bool refresh = true;
     bool lanes = true; /* series of lanes in the metrics */

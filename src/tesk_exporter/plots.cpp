@@ -22,7 +22,7 @@ static int16_t store(bool has, double value)
     return static_cast<int16_t>(std::lround(std::clamp(value, -32767.0, 32767.0)));
 }
 
-/* No light has no logarithm and is stored as absent. */
+/* A power without light has no logarithm and is stored as absent. */
 static int16_t store_power(bool has, uint32_t microwatts)
 {
     const auto dbm = has ? to_dbm(microwatts) : std::nullopt;

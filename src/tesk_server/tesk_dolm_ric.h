@@ -34,7 +34,8 @@ tesk_sfp_presence get_dolm_sfp_presence(uint32_t port_no);
    get_dolm_sfp_presence. */
 tesk_sfp_presence subscribe_sfp_info(uint32_t port_no);
 
-/* 0, or 1 with a trace; if a subscription could not be ended, the port's events continue. */
+/* Ends the hardware subscription. Returns 0; or 1, with a trace, if it could not be ended and the
+   port's events continue. */
 int32_t unsubscribe_sfp_info(uint32_t port_no);
 int32_t subscribe_port_status(uint32_t port_no);
 int32_t unsubscribe_port_status(uint32_t port_no);

@@ -41,8 +41,8 @@ unit_table read_units();
 /* Empty if there is no such unit or key. */
 std::string property(const unit_table &units, const std::string &unit, const std::string &key);
 
-/* The standard output of a shell command, which may redirect other output there; empty if it can't
-   be run or takes longer than 5 s. */
+/* The output that a shell command writes to standard output; empty if it can't be run or takes
+   longer than 5 s. */
 std::string output_of(const std::string &command);
 std::vector<std::string> lines_of(const std::string &text);
 
