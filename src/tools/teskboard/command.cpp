@@ -346,12 +346,13 @@ class command_parser
         const CLI::IsMember kinds({"port", "link"});
         CLI::Option_group *what = wait->add_option_group("condition");
         what->require_option(1);
-        what->add_option("--subscribed", given_.subscribed, "Until it is, for port or link")
+        what->add_option("--subscribed", given_.subscribed, "Until PORTS are, for port or link")
             ->check(kinds);
-        what->add_option("--unsubscribed", given_.unsubscribed, "Until it is not")->check(kinds);
+        what->add_option("--unsubscribed", given_.unsubscribed, "Until PORTS are not")
+            ->check(kinds);
         what->add_option("--calls", given_.operation, "Until this operation was called");
         what->add_flag("--idle", given_.idle, "Until all events were taken");
-        wait->add_option("--count", given_.count, "With --calls: so many times since the start")
+        wait->add_option("--count", given_.count, "With --calls: this many calls since the start")
             ->check(CLI::Range(0, INT32_MAX));
     }
 

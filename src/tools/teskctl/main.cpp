@@ -180,9 +180,9 @@ class command_line
             ->excludes(ports);
         why->add_option("--facts-out", why_.facts_out, "Write the facts to a file, too")
             ->type_name("FILE");
-        why->add_option("--other-end", why_.other_end, "Those of the same fall at the other end")
+        why->add_option("--other-end", why_.other_end, "Facts of the same fall at the other end")
             ->type_name("FILE");
-        add_count(why, "--last", why_.last, "Only so many of the newest falls");
+        add_count(why, "--last", why_.last, "Show at most this many falls, the newest");
     }
 
     void add_following_commands()
