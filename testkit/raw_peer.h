@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* raw_peer - a peer of a mailbox that uses the modules of libmbx but none of its rules: for tests
-   that do to the shared memory, the bells and the control connection what a hostile process could
-   do. */
+/* raw_peer - a peer of a mailbox that uses the modules of libmbx but keeps none of its rules: for
+   tests that do to the shared memory, the bells and the control connection what a hostile process
+   could do. */
 #pragma once
 
 #include "platform/mbx/mbx_record.h"
@@ -16,10 +16,10 @@
 #include <string>
 #include <sys/socket.h>
 
-/* For an event that must come; the machine may be busy. */
+/* The timeout for an event that must happen; the machine may be busy. */
 inline constexpr int patience_ms = 20000;
 
-/* Whether the descriptor becomes readable in time; an interrupted wait begins anew. */
+/* Whether the descriptor becomes readable in time; an interrupted wait starts again. */
 inline bool is_readable(int fd, int timeout_ms = patience_ms)
 {
     pollfd wanted = {fd, POLLIN, 0};
@@ -30,7 +30,7 @@ inline bool is_readable(int fd, int timeout_ms = patience_ms)
     return count == 1;
 }
 
-/* Passes up to eight descriptors with a message of one byte. Returns as sendmsg does. */
+/* Passes up to eight descriptors with a message of one byte. Returns the result of sendmsg. */
 inline ssize_t pass_fds(int socket, std::initializer_list<int> fds)
 {
     union {
@@ -51,7 +51,7 @@ inline ssize_t pass_fds(int socket, std::initializer_list<int> fds)
     return sendmsg(socket, &message, MSG_NOSIGNAL);
 }
 
-/* The next signal, or null. The caller gives the block back. */
+/* Receives the next signal, or null. The caller releases the block. */
 inline block *receive_block(record_receiver &in)
 {
     bool asks = false;
@@ -63,8 +63,8 @@ struct raw_peer {
     std::shared_ptr<mapped_area> area;
     record_sender out;
     record_receiver in;
-    owned_fd far_bell;  /* rings the mailbox */
-    owned_fd near_bell; /* rung by the mailbox */
+    owned_fd far_bell;  /* the peer rings it for the mailbox */
+    owned_fd near_bell; /* the mailbox rings it for the peer */
     greeting answer;
 
     /* Connects to the socket at that path. */
@@ -78,7 +78,7 @@ struct raw_peer {
     {
         send_greeting(control.get(), greeting_kind::hello, token);
     }
-    /* Waits for the answer to the hello. Returns whether it is a welcome. */
+    /* Waits for the answer to the hello. Returns whether the answer is a welcome. */
     bool take_answer()
     {
         if (!is_readable(control.get()))
@@ -110,7 +110,7 @@ struct raw_peer {
     {
         ring_bell(far_bell.get());
     }
-    /* The words of the ring into the mailbox, and of the one out of it. */
+    /* The words of the ring to the mailbox, and of the ring from it. */
     ring_words<process_atomics> &to_mailbox()
     {
         return *area->ring(0).words;

@@ -2,7 +2,7 @@
 /* The mixed load of ./soak: for a number of seconds, cycles of busy clients, a flood, clients that
    are killed at any moment and flapping ports, each followed by an idle phase. Memory and
    descriptors are measured in the idle phase, answer times in both; the second quarter of the time,
-   after every kind of load has occurred, is compared with the last. */
+   when every kind of load has occurred, is compared with the last quarter. */
 #include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
 
@@ -19,8 +19,8 @@ using clock_type = std::chrono::steady_clock;
 
 static constexpr int busy_clients = 12, short_lives = 40, flaps = 60, answers = 400;
 
-/* Flat: no more descriptors, at most this growth of memory, and answers slower by no more than
-   other work on the machine explains. */
+/* The limits of constant figures: no more descriptors, at most this growth of memory, and answers
+   that are slower only as far as other work on the machine explains. */
 static constexpr double more_resident = 1.02, more_resident_kib = 128;
 static constexpr double slower = 1.5, slower_us = 100;
 
@@ -99,8 +99,8 @@ class soak
         return median(took);
     }
 
-    /* Waits until the server has removed all clients but the witness: first the board's
-       subscriptions end, then the number of descriptors falls until it is constant. */
+    /* Waits until the server has removed all clients except the witness: first until the board's
+       subscriptions have ended, then until the number of descriptors no longer falls. */
     void await_idle()
     {
         testkit::board("wait unsubscribed 0-15 port");
@@ -140,7 +140,7 @@ static constexpr row rows[] = {
     {"answer under load, us", &figures::loaded_us, slower, 10 * slower_us},
 };
 
-/* Prints the table and returns whether all figures are flat. */
+/* Prints the table and returns whether all figures are constant within their limits. */
 static bool report(const std::vector<figures> &all)
 {
     const size_t quarter = all.size() / 4;

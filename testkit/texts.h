@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* texts - functions of tests to find texts in outputs and files. */
+/* texts - functions of tests that look for texts in outputs and files. */
 #pragma once
 
 #include "testkit/processes/processes.h"

@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 . tests/expect.sh
 
 root=$PWD/build/bare-root
-tree=$root$PWD # the same path, so that the cache knows what is compiled there
+tree=$root$PWD # the same path, so that the compilation cache is used
 if [ "${1-}" != inside ]; then
     unshare --mount --pid --fork true 2>/dev/null || { echo "skipped: mounting needs root" && exit 0; }
     require_packages mmdebstrap
@@ -19,7 +19,7 @@ if [ "${1-}" != inside ]; then
     make_clean_root "$root"
     mkdir -p "$tree"
     git clone -q --no-hardlinks . "$tree"
-    unshare --mount --pid --fork --kill-child "$0" inside # no mount or process stays
+    unshare --mount --pid --fork --kill-child "$0" inside # mounts and processes end with it
     exit
 fi
 
@@ -37,7 +37,8 @@ if [ "${CMAKE_CXX_COMPILER_LAUNCHER-}" = ccache ] && [ -d "${CCACHE_DIR-}" ]; th
         >build/bare-root.log 2>&1 || fail "ccache could not be installed: see build/bare-root.log"
 fi
 
-# Runs the command in the clone, and says how long it took. A root of chroot's can't make user namespaces.
+# Runs the command in the clone, and prints how long it took. A process in a chroot can't make user
+# namespaces.
 in_root() { # COMMAND..
     local TIMEFORMAT="${0##*/}: $*: %R s; of CPU %U s and %S s"
     time in_empty_environment timeout 1500 chroot "$root" setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin \

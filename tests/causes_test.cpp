@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Facts and verdicts. A case is the fall of a healthy link of four lanes with some facts changed;
-   null takes a fact away. */
+   null removes a fact. */
 #include "causes/facts_json.h"
 #include "causes/verdict.h"
 
@@ -10,7 +10,7 @@
 using namespace causes;
 using json = nlohmann::ordered_json;
 
-/* All is well, and the link is down. */
+/* No fact but the fall itself is abnormal. */
 static const json healthy = json::parse(R"({
     "time": 1000, "clock_error_s": 0.01, "up_for_s": 5000, "falls_in_minute": 1,
     "device_others_fell": 0, "device_others_stayed": 3, "machine_others_fell": 0,
@@ -28,7 +28,7 @@ static const json healthy = json::parse(R"({
 
 static constexpr char dark[] = R"("rx_after": [-40, -40, -40, -40], "rx_los_after": [1, 1, 1, 1])";
 
-/* The next module is read two seconds after the fall. */
+/* Another module is read two seconds after the fall. */
 static const std::string swapped =
     R"("serial_after": "B", "present_after": false, "state_after": null, "rx_after": null,
        "rx_los_after": null, "rx_lol_after": null, "tx_fault_after": null)";
@@ -203,8 +203,8 @@ TEST(causes, each_fall_has_its_verdict)
 /* Fewer facts, and facts of two causes at once. */
 TEST(causes, no_other_cause_becomes_certain_when_facts_are_missing_or_mixed)
 {
-    /* Only few ports tell these, and an interface that is gone has no light to look at: without
-       them the kernel's message stands. */
+    /* Few ports report these facts, and an interface that was removed has no light to look at:
+       without them the kernel's message decides. */
     static constexpr const char *hints[] = {"driver_error",
                                             "left_after_s",
                                             "falls_in_minute",

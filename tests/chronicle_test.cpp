@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The history on a clock of the test's own, in a folder of its own. */
+/* The history with a clock and a folder of the test's own. */
 #include "history/chronicle.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 using namespace history;
 namespace fs = std::filesystem;
 
-/* The calls with which SQLite writes are ours: they end the process, or find a full disk. */
+/* SQLite's writing calls are redirected here: they end the process, or report a full disk. */
 static int calls_left;
 static bool is_full;
 static size_t bytes_written, syncs;
@@ -33,7 +33,7 @@ static bool may_write()
 extern "C" ssize_t pwrite64(int fd, const void *from, size_t size, off64_t at)
 {
     bytes_written += size;
-    if (calls_left == 1) /* the first half arrives */
+    if (calls_left == 1) /* only the first half is written */
         syscall(SYS_pwrite64, fd, from, size / 2, at);
     return may_write() ? syscall(SYS_pwrite64, fd, from, size, at) : -1;
 }
@@ -50,7 +50,7 @@ static int boxes;
 namespace
 {
 
-/* A box: its folder, its clocks, what it was told. */
+/* A box: its folder, its clocks and its reports. */
 struct box {
     std::string folder = fmt::format("/dev/shm/tesk-chronicle-{}-{}", getpid(), boxes++);
     clocks now{begin, 1000};
@@ -83,7 +83,7 @@ struct box {
         now.wall += seconds;
         now.boot += seconds;
     }
-    /* Reads `ports` once in each step of the time. */
+    /* Adds a reading of each of `ports` in each step of the time. */
     void run(int64_t seconds, uint32_t ports = 1, int16_t value = 100)
     {
         for (int64_t i = 0; i < seconds / 300; i++) {
@@ -94,7 +94,7 @@ struct box {
             kept->advance(now);
         }
     }
-    /* Times as shown, and middles of the temperature. */
+    /* Times as shown to users, and the middle temperatures. */
     std::vector<std::pair<int64_t, int16_t>> rows(level of)
     {
         std::vector<std::pair<int64_t, int16_t>> found;
@@ -141,7 +141,7 @@ TEST(chronicle, keeps_rows_in_all_kinds_and_both_ways)
     }
 }
 
-/* An hour that is over counts once in its day, however often the exporter starts, and a day ends
+/* A finished hour counts once in its day, however often the exporter restarts, and a day also ends
    without its module. */
 TEST(chronicle, makes_a_day_of_its_hours)
 {
@@ -181,7 +181,7 @@ TEST(chronicle, has_steps_hours_and_days_after_restarts)
     EXPECT_TRUE(on.told.empty()) << on.told[0];
 }
 
-/* A module that moves takes its place's rows with it, and is known in both ports. */
+/* If a module moves to another port, its rows stay with the first place, and both ports list it. */
 TEST(chronicle, records_changes_of_modules)
 {
     box on;
@@ -215,7 +215,7 @@ TEST(chronicle, records_changes_of_modules)
     EXPECT_FALSE(on.kept->places().contains(1)) << "the oldest is forgotten";
 }
 
-/* Whatever the clock does, each step is there once, and in order as shown. */
+/* Whatever the clock does, each step is stored once, and in order as shown to users. */
 TEST(chronicle, survives_a_clock_that_jumps)
 {
     struct jump {
@@ -224,7 +224,7 @@ TEST(chronicle, survives_a_clock_that_jumps)
     };
     static const std::vector<jump> cases[] = {
         {{3600, false}, {-3600, false}},
-        {{-7200, true}, {7200, false}}, /* found after a start, then set right */
+        {{-7200, true}, {7200, false}}, /* wrong at a start, corrected later */
         {{-30 * (365 * day), true}, {30 * (365 * day), false}, {0, true}}, /* no battery */
         {{300 * day, true}, {-300 * day, false}, {0, true}},
         {{-30, true}, {45, false}, {-90, true}, {20 * day, true}},
@@ -250,7 +250,7 @@ TEST(chronicle, survives_a_clock_that_jumps)
     }
 }
 
-/* The end of the process at each system call that writes: what was committed before is there. */
+/* The process ends at each writing system call in turn: committed data is kept. */
 TEST(chronicle, loses_nothing_that_was_committed)
 {
     int killed = 0;
@@ -298,7 +298,7 @@ TEST(chronicle, goes_on_in_memory_while_the_disk_is_full)
     EXPECT_EQ(seen, 34);
     const size_t tried = bytes_written;
     on.run(3600);
-    EXPECT_LE(bytes_written - tried, 5 * 4096); /* once in a quarter of an hour */
+    EXPECT_LE(bytes_written - tried, 5 * 4096); /* one try in a quarter of an hour */
     is_full = false;
     on.run(1200);
     EXPECT_EQ(on.told.size(), 2);
@@ -308,8 +308,7 @@ TEST(chronicle, goes_on_in_memory_while_the_disk_is_full)
     EXPECT_EQ(on.kept->places().size(), 2);
 }
 
-/* A file that was cut at any page, that is none, that can't be written, or is of a newer version.
- */
+/* A file that is cut at any page, isn't a database, can't be written, or has a newer version. */
 TEST(chronicle, sets_a_bad_file_aside_and_leaves_a_newer_one_alone)
 {
     box on;
@@ -341,7 +340,7 @@ TEST(chronicle, sets_a_bad_file_aside_and_leaves_a_newer_one_alone)
     EXPECT_TRUE(begin_with(good, [&] { std::ofstream(path) << "no history"; }));
     EXPECT_EQ(on.told.size(), 1);
     const auto kept_files = std::distance(fs::directory_iterator(on.folder), {});
-    EXPECT_LE(kept_files, 6); /* one that was set aside */
+    EXPECT_LE(kept_files, 6); /* one file set aside */
     EXPECT_FALSE(begin_with(good, [&] { database(path).run("PRAGMA user_version = 9"); }));
     EXPECT_EQ(on.told.size(), 1);
     EXPECT_NE(on.told[0].find("version 9"), std::string::npos);
@@ -357,7 +356,7 @@ TEST(chronicle, opens_with_a_log_that_was_cut_anywhere)
     if (const pid_t child = fork(); child == 0) {
         on.start();
         on.run(4500);
-        _exit(0); /* not closed, so that the log stays */
+        _exit(0); /* without close(), so that the log stays */
     } else {
         waitpid(child, nullptr, 0);
     }
@@ -381,7 +380,7 @@ TEST(chronicle, sets_a_file_aside_that_is_damaged_while_it_is_read)
 {
     box on;
     on.start();
-    on.run(2 * day, 300); /* more than SQLite keeps in memory */
+    on.run(2 * day, 300); /* more rows than SQLite's cache holds */
     std::fstream file(on.folder + "/history.db");
     file.seekp(4096);
     for (int page = 0; page < 500; page++)
@@ -400,7 +399,7 @@ TEST(chronicle, sets_a_file_aside_that_is_damaged_while_it_is_read)
     EXPECT_NE(on.told[0].find("a new history begins"), std::string::npos) << on.told[0];
 }
 
-/* A link in the place of the file could lead anywhere; the folder may be one. */
+/* A link in place of the file could lead anywhere; a link to the folder is allowed. */
 TEST(chronicle, follows_a_link_to_its_folder_but_none_to_its_file)
 {
     box on, other;
@@ -439,7 +438,7 @@ TEST(chronicle, gives_a_second_exporter_nothing_until_the_first_ends)
     EXPECT_EQ(other.told.size(), 2);
 }
 
-/* The limit is kept by dropping the oldest, also when it was lowered. */
+/* The oldest rows are dropped to keep the limit, also after it was lowered. */
 TEST(chronicle, stays_below_its_limit)
 {
     box on;
@@ -454,7 +453,7 @@ TEST(chronicle, stays_below_its_limit)
     const auto rows = on.rows(step_rows);
     EXPECT_EQ(rows.back().first + 300, on.now.wall);
     EXPECT_TRUE(on.told.empty());
-    is_full = true; /* for so long that its rows would fill the file */
+    is_full = true; /* so long that pending rows would fill the file */
     on.run(day, 300);
     is_full = false;
     on.run(1200);
@@ -475,7 +474,7 @@ TEST(chronicle, stays_below_its_limit)
     EXPECT_EQ(on.told.size(), 2);
 }
 
-/* Flash wears: the bytes and syncs of 512 idle ports, with all that a day costs. */
+/* Flash memory wears out: counts the bytes and syncs of 512 idle ports during a day. */
 TEST(chronicle, writes_little)
 {
     box on;

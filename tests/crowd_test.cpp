@@ -111,7 +111,7 @@ class crowd : public testing::Test
     }
 
     /* The board has no subscriptions, and there are at most as many descriptors as before (fewer if
-       the server had not yet removed processes that located it). */
+       the server had still counted processes that had only located it). */
     static void expect_nothing_left(const testkit::server &server, size_t descriptors)
     {
         testkit::board("wait unsubscribed 0-15 port");
@@ -152,7 +152,7 @@ TEST_F(crowd, hundreds_of_clients_receive_indications_and_leave_nothing_behind)
     for (auto &one : all)
         kill(one->pid, SIGKILL);
     all.clear();
-    expect_nothing_left(server, descriptors + 1); /* the io_uring for the next fan-out */
+    expect_nothing_left(server, descriptors + 1); /* the io_uring of the next fan-out */
     EXPECT_EQ(server.stop(), 0);
     printf("%ld KiB resident and %zu descriptors with all clients\n", memory, used);
 }
@@ -167,7 +167,7 @@ TEST_F(crowd, clients_that_die_at_any_moment_leave_nothing_behind)
     std::unique_ptr<testkit::test_client> alive[3];
     client witness;
     for (uint32_t life = count_of(200, 5000); life > 0; life--) {
-        if (random() % 4 == 0) { /* dies on its way in */
+        if (random() % 4 == 0) { /* ends while it connects */
             const pid_t early = testkit::start({TESK_BIN_DIR "/test_client", "load"});
             any_moment();
             kill(early, SIGKILL);
@@ -189,8 +189,8 @@ TEST_F(crowd, clients_that_die_at_any_moment_leave_nothing_behind)
     EXPECT_EQ(server.stop(), 0);
 }
 
-/* One client never reads and fills its backlog; another is stopped for as long, but has fewer
-   subscriptions; a third receives all its indications at once meanwhile. */
+/* One client never reads and fills its backlog; another, with fewer subscriptions, is stopped for
+   the same time; a third receives all its indications at once meanwhile. */
 TEST_F(crowd, a_client_that_never_reads_is_disconnected_and_a_stopped_one_misses_nothing)
 {
     testkit::server server(traced("1,4"));
@@ -276,7 +276,7 @@ TEST_F(crowd, a_hostile_peer_affects_no_client)
 namespace
 {
 
-/* The server's memory as the kernel counts it, with the limit of its unit. */
+/* The server's memory as the kernel counts it, limited like its unit's. */
 struct memory_group {
     static constexpr long limit = 256L << 20;
     std::string path, usage_file;
@@ -313,7 +313,7 @@ struct memory_group {
 
 static constexpr uid_t attacker = 60001, newcomer = 60002, reader = 60003;
 
-/* An established client; its reference is the result. */
+/* Establishes a client; returns its reference. */
 static uint32_t establish(stranger &peer)
 {
     if (!peer.greet())
@@ -332,10 +332,10 @@ static uint32_t drop_answers(stranger &peer)
     return count;
 }
 
-/* What one process holds. */
+/* The connections of one process. */
 using held = std::deque<stranger>;
 
-/* One more that subscribes to all, and reads on. */
+/* Adds a connection that subscribes to all ports and keeps reading. */
 static void subscribe_to_all(held &all)
 {
     stranger one;
@@ -347,12 +347,12 @@ static void subscribe_to_all(held &all)
     all.push_back(std::move(one));
 }
 
-/* What the players have seen, in memory that they share. */
+/* The results of the attackers, in shared memory. */
 struct sight {
     std::atomic<uint32_t> let_in, turned_away, received, rounds, cut_off;
 };
 
-/* Many connections, all of them read as they go. */
+/* Many connections, which are all read continuously. */
 static void watch(sight &seen, held &all, size_t connections)
 {
     if (all.size() < connections)
@@ -363,7 +363,7 @@ static void watch(sight &seen, held &all, size_t connections)
     }
 }
 
-/* Asks for much at once, and reads it soon. */
+/* Sends many requests at once, and reads the answers soon. */
 static void read_soon(sight &seen, held &all, milliseconds pause)
 {
     static uint32_t id = 0;
@@ -377,7 +377,7 @@ static void read_soon(sight &seen, held &all, milliseconds pause)
     seen.rounds++;
 }
 
-/* Each does one thing more, in so many processes. Some never let go of what they hold. */
+/* Each attack repeats one action in `processes` processes. Some never release their connections. */
 struct attack {
     const char *what;
     void (*act)(held &);
@@ -429,7 +429,7 @@ static pid_t play(uid_t user, const std::function<void()> &part)
     const pid_t child = fork();
     if (child != 0)
         return child;
-    /* Attackers get what the others leave of the processors: measured is the server. */
+    /* Attackers run at the lowest priority: the server is measured, not they. */
     if (setgroups(0, nullptr) != 0 || setresuid(user, user, user) != 0 ||
         setpriority(PRIO_PROCESS, 0, user == attacker ? 19 : 0) != 0)
         _exit(1);
@@ -443,7 +443,7 @@ static pid_t play(uid_t user, const std::function<void()> &part)
     }
 }
 
-/* As the kernel counts it: what peers hold of the server counts, too. */
+/* The kernel's count also includes what the server holds for its peers. */
 TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at_once)
 {
     const memory_group group;
@@ -455,7 +455,7 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    /* Without capabilities, as under its unit. */
+    /* Without capabilities, like the unit. */
     testkit::server server(
         {}, {"/bin/sh", "-c",
              "echo $$ >" + group.path + "/cgroup.procs; exec setpriv --bounding-set=-all \"$0\"",
@@ -476,12 +476,12 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
             kill(player, SIGKILL);
         for (pid_t player : std::exchange(players, {}))
             testkit::wait_for_end(player);
-        /* All links have fallen: each port has a page of its file, and a record that is open. */
+        /* All links have fallen: each port has a page of its file, and an open record. */
         const long kept = (2 << 20) + 512L * 8192;
         const auto back = steady_clock::now() + seconds(testkit::sanitized ? 0 : 10);
         while (group.usage() > idle + kept && steady_clock::now() < back)
             std::this_thread::yield();
-        /* A sanitizer keeps what is freed. */
+        /* A sanitizer keeps freed memory. */
         EXPECT_TRUE(testkit::sanitized || group.usage() <= idle + kept) << group.usage();
         printf("most %ld KiB, end %ld\n", most / 1024, group.usage() / 1024);
     };
@@ -497,7 +497,7 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
                                           {"set 0-511 link=up", 512u}}) {
         testkit::board(change);
         due += 2 * watchers * signals;
-        /* A busy machine has time while there is progress. */
+        /* On a busy machine the deadline is extended while there is progress. */
         auto until = steady_clock::now() + testkit::deadline;
         for (uint32_t now = 0, before = 0; now < due && steady_clock::now() < until; before = now) {
             most = std::max(most, group.usage());
@@ -539,10 +539,10 @@ TEST_F(crowd, within_the_memory_of_its_unit_the_server_withstands_all_attacks_at
     end_play();
     std::ranges::sort(answers);
     const double p99 = answers[answers.size() * 99 / 100];
-    /* Any machine runs the usual one, and a sanitizer makes all slow. */
+    /* The usual count is passed on any machine; sanitizers are slow. */
     EXPECT_LT(p99, testkit::sanitized ? 5000u : count_of(200, 20));
     EXPECT_GT(seen_by->let_in, 10u);
-    EXPECT_LE(seen_by->turned_away, 1u); /* the last one was on its way */
+    EXPECT_LE(seen_by->turned_away, 1u); /* the last one was still connecting */
     EXPECT_TRUE(testkit::sanitized || seen_by->rounds > 0);
     EXPECT_EQ(seen_by->cut_off, 0u);
     printf(
@@ -620,8 +620,8 @@ TEST_F(crowd, a_directory_that_is_full_read_only_or_missing_ends_the_start)
     EXPECT_EQ(testkit::server().stop(), 0);
 }
 
-/* All peers have a backlog when the server continues: counts the signals of each that are handled
-   before the request. The first one may have been received before the server stopped. */
+/* All peers have a backlog when the server continues: counts the signals of each peer that are
+   handled before the request. The first one may have been received before the server stopped. */
 TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_server_stops)
 {
     for (const size_t neighbours : {8u, 90u}) {
@@ -634,7 +634,7 @@ TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_
         asker.send({TESK_CONN_ESTABLISH_REQ, 1, 1, 1, 1});
         const uint32_t id = asker.receive();
         size_t turns = 0;
-        /* It writes traces as fast as they can be read: they are read while it is stopped. */
+        /* The server writes traces as fast as they are read: read them while it is stopped. */
         const auto suspend = [&] {
             kill(server.pid, SIGSTOP);
             waitpid(server.pid, nullptr, WUNTRACED);
@@ -662,7 +662,7 @@ TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_
         const auto began = steady_clock::now();
         EXPECT_EQ(server.stop(), 0);
         const duration<double, std::milli> took = steady_clock::now() - began;
-        EXPECT_LT(took, seconds(count_of(5, 1))); /* a machine of any speed runs the usual one */
+        EXPECT_LT(took, seconds(count_of(5, 1))); /* the usual count is passed on any machine */
         testkit::await_line(traces, "TESK server terminated", seen);
         printf("of %zu neighbours %.1f had a signal handled before the request; ended within %.0f "
                "ms\n",
@@ -670,7 +670,7 @@ TEST_F(crowd, under_a_flood_a_request_waits_for_one_signal_of_each_peer_and_the_
     }
 }
 
-/* Tries, as a process of another user, each way in: none may succeed. */
+/* A process of another user tries each way in: none may succeed. */
 static bool another_user_is_shut_out(uid_t user, const std::string &names, pid_t server)
 {
     const std::string socket = names + "/tesk-server";
@@ -697,7 +697,7 @@ TEST_F(crowd, a_user_outside_the_group_is_kept_out)
     constexpr gid_t group = 54322;
     if (getuid() != 0)
         GTEST_SKIP() << "a second user needs root";
-    /* Programs where that user can run them. */
+    /* Programs in a place where that user can run them. */
     const std::string bin = directory.path + "/bin/";
     fs::create_directories(bin);
     for (const char *program : {"tesk-server", "test_client", "teskctl"})

@@ -29,7 +29,8 @@ is_the_same_again() { # FILE
     }
 }
 
-# Each program and library is one of that kind of machine, and the packages are those of this one by name and files.
+# Each program and library is for that architecture, and the packages have the same names and files as those
+# of this machine.
 is_for_arm64() { # FILE
     local unpacked=build/packages-arm64/unpacked own=${1/packages-arm64/packages} wrong
     own=${own/_arm64/_$kind}
@@ -42,7 +43,7 @@ is_for_arm64() { # FILE
 }
 
 build_again() {
-    DEB_BUILD_OPTIONS=noopt scripts/build-in-root "$kind" arm64 >/dev/null # it is the packaging that counts
+    DEB_BUILD_OPTIONS=noopt scripts/build-in-root "$kind" arm64 >/dev/null # only the packaging is tested
     grep '^[0-9]*% tests passed' build/debian-root.log
     for file in "$built"/*.deb; do
         is_the_same_again "$file"
@@ -53,7 +54,7 @@ build_again() {
 }
 
 grep -q '^[0-9]*% tests passed' "$built/log" 2>/dev/null || rm -f "$built/tree" # built with nocheck
-# An object from a cache of compilations can have other debugging data.
+# An object from a compilation cache can contain other debugging data.
 env -u CMAKE_C_COMPILER_LAUNCHER -u CMAKE_CXX_COMPILER_LAUNCHER TZ=UTC+12 DEB_BUILD_OPTIONS='' \
     scripts/build-packages >/dev/null
 grep '^[0-9]*% tests passed' "$built/log"
@@ -62,7 +63,8 @@ grep '^[0-9]*% tests passed' "$built/log"
 lintian --no-cfg --allow-root --pedantic --display-info --fail-on error,warning,info,pedantic "$built"/*.changes
 blhc --bindnow "$built/log"
 
-# What a session points to is the client library's own: only what the headers define counts there.
+# The contents of a session are internal to the client library: only types that the headers define are
+# compared.
 build_1_0_0
 first=build/1.0.0 tree=$(echo "$built"/tesk-server-*/)
 for library in libmbx.so.1 libzel.so.0 libtesktmo.so.0 libdolm_ric.so.0 libtesk_client.so.0; do

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The details of ports: their writer beside their reader, and what is made of a module's memory. */
+/* The details of ports: their writer and reader together, and the details made from a module's
+   memory. */
 #include "platform/dolm_ric/details_record.h"
 #include "platform/dolm_ric/linux/decode/module_details.h"
 #include "platform/dolm_ric/linux/decode/vdm.h"
@@ -35,7 +36,7 @@ struct details_test : testing::Test {
     {
         tesk_details_close(reader);
     }
-    /* Overwrites a part of the file, as nobody should. */
+    /* Overwrites a part of the file, which only its writer may do. */
     template <typename value_type>
     void spoil(off_t offset, value_type value) const
     {
@@ -58,7 +59,7 @@ struct details_test : testing::Test {
 
 } // namespace
 
-/* All counters of a record are those of one update. */
+/* All counters of a record are set by the same update. */
 static void fill(record_type &record, uint64_t number)
 {
     record.lane_count = DOLM_RIC_DETAILS_LANES;
@@ -129,10 +130,10 @@ TEST_F(details_test, a_handle_outlives_its_board_and_what_happens_to_its_file)
         EXPECT_EQ(open(), TESK_DETAILS_TRUNCATED);
         const util::deadline until(testkit::deadline);
         while (open() != TESK_DETAILS_OK && !until.has_passed())
-            writer.publish(3, [](record_type &) {}); /* which finds it so and makes another file */
+            writer.publish(3, [](record_type &) {}); /* it notices and makes another file */
         EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
     }
-    board::port_details other; /* has no file here while the first lives */
+    board::port_details other; /* can't write a file at this path while the first writer lives */
     other.start(path);
     other.stop();
     EXPECT_EQ(tesk_details_read(reader, 3, &record), TESK_DETAILS_OK);
@@ -201,7 +202,7 @@ TEST_F(details_test, what_is_no_file_of_a_living_board_is_refused_at_once)
         {TESK_DETAILS_NOT_DETAILS, [&] { fs::create_symlink("/etc/passwd", path); }},
         {TESK_DETAILS_NOT_DETAILS, [&] { put(std::string(4096, 'x')); }},
         {TESK_DETAILS_TRUNCATED, [&] { put(good.substr(0, 63)); }},
-        {TESK_DETAILS_ENDED, [&] { put(good); }}, /* nobody holds its lock */
+        {TESK_DETAILS_ENDED, [&] { put(good); }}, /* no process has its lock */
         {TESK_DETAILS_OTHER_VERSION, [&] { put(good), spoil(8, uint32_t{2}); }},
         {TESK_DETAILS_DAMAGED, [&] { put(good), spoil(16, uint32_t{1}); }},
     };
@@ -279,7 +280,7 @@ TEST_F(details_test, grades_texts_and_lanes_are_those_of_the_module)
     EXPECT_STREQ(record.identity.revision, "a?? lon");
 }
 
-/* Reads all that the plan asks for, at a time in ns. */
+/* Reads all ranges of the plan, at a time in ns. */
 static module_memory read_at(const module_images::image &image, int64_t time)
 {
     module_memory memory;
@@ -342,7 +343,7 @@ TEST_F(details_test, lanes_are_graded_and_watched_each_by_itself)
     module_images::image cmis = module_images::cmis();
     cmis.a0[128 + 158] = 0x02;
     module_images::put_page_sums(cmis.a0);
-    cmis.lanes[1][147] = 1; /* of the second bank */
+    cmis.lanes[1][147] = 1; /* a lane of the second bank */
     take(cmis, 100, record);
     EXPECT_TRUE(record.lane[8].signal[DOLM_RIC_RX_LOS].on == 1 &&
                 record.lane[0].signal[DOLM_RIC_RX_LOS].on == 0);
@@ -357,9 +358,9 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     const auto put = [&](size_t page, size_t at, int value) {
         module_images::put16(module.a0, page * 128 + at, value);
     };
-    put(0x20, 130, 0x120f);                            /* no error at all */
-    put(0x20, 132, 0x0004), put(0x24, 132, -10 * 256); /* a cold laser */
-    put(0x2c, 128, 0x2400);                            /* of rows 1 and 0 */
+    put(0x20, 130, 0x120f);                            /* a bit error ratio of 0 */
+    put(0x20, 132, 0x0004), put(0x24, 132, -10 * 256); /* a laser below 0 degrees */
+    put(0x2c, 128, 0x2400);                            /* flags of rows 1 and 0 */
     take(module, 100, record);
     ASSERT_EQ(record.vdm_count, 4u);
     EXPECT_EQ(record.vdm[0].raised, 1u << DOLM_RIC_FLAG_HIGH_WARNING);
@@ -383,7 +384,7 @@ TEST_F(details_test, versatile_diagnostics_are_read_after_all_else)
     for (size_t at = 128; at < 256; at += 2)
         put(0x20, at, 0);
     take(module, 160, record);
-    EXPECT_EQ(record.vdm_state, uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED}); /* it describes none */
+    EXPECT_EQ(record.vdm_state, uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED}); /* it has no descriptor */
     for (const size_t page : {0x20u, 0x21u, 0x22u})
         for (size_t at = 128; at < 256; at += 2)
             put(page, at, 5);
@@ -403,19 +404,18 @@ TEST_F(details_test, what_a_module_claims_is_taken_and_nothing_else)
         for (const int word : words)
             module_images::put16(a0, at, word), at += 2;
     };
-    a0[128 + 159] = 0x0f, a0[128 + 145] = 1; /* a TEC and the temperature of a laser */
+    a0[128 + 159] = 0x0f, a0[128 + 145] = 1; /* monitors of a TEC and of a laser's temperature */
     put(18, {-8192, 55 * 256}), a0[10] = 0x20;
     put(256 + 152, {60 * 256, 45 * 256, 54 * 256, 47 * 256});
     a0[128 + 142] = 0x40, a0[128 + 157] = 7, a0[128 + 158] = 6, a0[128 + 160] = 0x1f;
     for (size_t at = 86; at < 118; at += 4)
-        put(at, {0x4f1c, 0x8401}); /* 8 lanes of the host on 4 of light */
+        put(at, {0x4f1c, 0x8401}); /* 8 lanes of the host on 4 lanes of light */
     put(128 + 223, {0x511e, 0x4411, 0xff00});
-    put(0x20 * 128 + 130, {0x3002}); /* the current of the TEC, in VDM */
+    put(0x20 * 128 + 130, {0x3002}); /* the TEC's current, by VDM */
     a0[210] = 0xf0;
     std::fill_n(&module.lanes[0][206], 8, uint8_t{0x90});
     module.lanes[0][136] = 0x40;
-    for (const uint8_t technology :
-         {uint8_t{6}, uint8_t{0x0c}}) { /* and an active cable of copper */
+    for (const uint8_t technology : {uint8_t{6}, uint8_t{0x0c}}) { /* and an active copper cable */
         a0[212] = technology;
         module_images::put_sum(a0, 128, 222), module_images::put_page_sums(a0);
         take(module, 100 + technology, record);
@@ -428,7 +428,7 @@ TEST_F(details_test, what_a_module_claims_is_taken_and_nothing_else)
         if (technology == 6) {
             EXPECT_TRUE(is_told(6, DOLM_RIC_TX_LOL) && !is_told(6, DOLM_RIC_RX_LOL));
             EXPECT_EQ(record.lane[6].signal[DOLM_RIC_TX_LOS].on, 1u);
-            EXPECT_EQ(record.lane_limits[DOLM_RIC_TX_BIAS].state, /* of a scale nobody knows */
+            EXPECT_EQ(record.lane_limits[DOLM_RIC_TX_BIAS].state, /* a reserved factor of bias */
                       uint32_t{DOLM_RIC_VALUE_NOT_SUPPORTED});
             EXPECT_EQ(record.identity.application_count, 9u);
             EXPECT_EQ(record.identity.application[8].selected_lanes, 0xffu);
@@ -503,7 +503,7 @@ TEST_F(details_test, what_is_missing_has_its_reason)
     EXPECT_EQ(record.lane_count, 16u);
     EXPECT_EQ(record.lane[15].value[DOLM_RIC_TX_BIAS].value, 8.0);
     module_images::image one_lane = module_images::cmis();
-    one_lane.a0[210] = 0xfe;    /* lanes that it lacks */
+    one_lane.a0[210] = 0xfe;    /* lanes that the module lacks */
     one_lane.a0[128 + 142] = 0; /* one bank */
     module_images::put_sum(one_lane.a0, 128, 222);
     module_images::put_page_sums(one_lane.a0);

@@ -14,7 +14,7 @@
 class dolm_ric_test : public board_fixture
 {
   protected:
-    /* The next event as "type id value"; the time limit of the test is the deadline. */
+    /* The next event as "type id value"; waits up to the timeout of the test. */
     std::string next_event()
     {
         dolm_ric_event *event = nullptr;
@@ -172,7 +172,7 @@ TEST_F(dolm_ric_test, only_a_dead_boards_socket_is_taken_over)
     EXPECT_EQ(perms{0600}, status(lock_path).permissions()) << "the group can't hold it";
     ASSERT_EQ(0, dolm_ric_shutdown(handle, 0));
     EXPECT_FALSE(exists(lock_path) || exists(socket_path));
-    util::listen_at(socket_path, SOCK_SEQPACKET, 0660, getegid(), 1); /* as a dead board's */
+    util::listen_at(socket_path, SOCK_SEQPACKET, 0660, getegid(), 1); /* as of a dead board */
     const int lock = open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0660);
     ASSERT_EQ(0, flock(lock, LOCK_EX)) << "as a living board would hold it";
     ASSERT_EQ(0, start()) << "works without control";
@@ -232,7 +232,7 @@ TEST_F(dolm_ric_test, a_board_file_describes_the_board_or_the_start_fails_with_a
     ASSERT_EQ(0, dolm_ric_ri_getmodulediag(handle, id_of(65534), &diag));
     EXPECT_EQ(80000, diag.temperature);
     EXPECT_EQ("ok\nports=65535\nevents=65535", ask("set 0-65534 link=down"));
-    std::vector<util::descriptor> idle(100); /* more than have a place at the board */
+    std::vector<util::descriptor> idle(100); /* more connections than the board permits */
     for (util::descriptor &peer : idle)
         peer.reset(peer_of_board());
     const int late = idle.back().get();
@@ -270,7 +270,7 @@ TEST(dolm_ric_in_the_server, waits_that_fail_are_retried_ever_more_slowly_until_
         testkit::board("wait calls waitevent " + std::to_string(calls));
     };
     testkit::board("fail waitevent internal always");
-    await_calls(16); /* ten failures at 5 ms, then 10, 20, 40 and 80 ms */
+    await_calls(16); /* ten failures with pauses of 5 ms, then of 10, 20, 40 and 80 ms */
     const auto begin = std::chrono::steady_clock::now();
     await_calls(6);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));

@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 # Sourced by the tests that are scripts, after scripts/common.sh.
 
-expect() { # STATUS TEXT COMMAND..: fails unless the command ends with STATUS and its output contains TEXT
+expect() { # STATUS TEXT COMMAND..: fails unless the command exits with STATUS and its output contains TEXT
     local status=0 output
     output=$("${@:3}" 2>&1) || status=$?
     [[ $status == "$1" && $output == *"$2"* ]] ||
@@ -18,14 +18,14 @@ await() { # PROCESS COMMAND..: repeats the command until it succeeds, up to 20 s
     fail "timeout: ${*:2}"
 }
 
-report_guest() { # STATUS LOG: of testkit/kernel/emulate, which has said what is missing if it is 77
+report_guest() { # STATUS LOG of testkit/kernel/emulate, which has said what is missing if STATUS is 77
     [ "$1" -ne 77 ] || exit 0
     grep -A 12 '^FAILED' "$2" >&2 || true
     [ "$1" -eq 0 ] || fail "failed with $1: see $2"
     say "$(grep -c '^ok ' "$2") checks passed"
 }
 
-build_1_0_0() { # once, in build/1.0.0/build/packages
+build_1_0_0() { # builds it once, in build/1.0.0/build/packages
     ! ls build/1.0.0/build/packages/{*.deb,lib/libmbx.so.1} >/dev/null 2>&1 || return 0
     say "building version 1.0.0 (once)"
     mkdir -p build/1.0.0

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The threads of tesk-exporter that talk to the server, against a client library of this test whose
-   server fails once, at each request in turn and in each way: what the model shows must be right
-   soon, and stay so. */
+/* The threads of tesk-exporter that have a session, with a client library of this test. Its server
+   fails once, at each request in turn and in each way: the model must soon be right, and stay
+   right. */
 #include "tesk_exporter/collector.h"
 #include "tesk_exporter/model.h"
 #include "tesk_exporter/refresher.h"
@@ -26,7 +26,7 @@ enum class fault { none, no_call, late, unheard, refused, lost };
 struct tesk_client_session {
     tesk_client_options options{};
     int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    std::set<std::pair<uint32_t, uint32_t>> held{}; /* the server's: kind and port */
+    std::set<std::pair<uint32_t, uint32_t>> held{}; /* at the server: kind and port */
     std::deque<std::function<void()>> due{};
     bool is_lost = false;
 };
@@ -34,13 +34,13 @@ struct tesk_client_session {
 /* The server. */
 static std::mutex guard;
 static std::set<uint32_t> map_ports;
-static tesk_client_session *follower; /* whose subscriptions the test looks at */
+static tesk_client_session *follower; /* the session whose subscriptions are compared */
 static unsigned calls, faulty_call;
 static fault way;
 static std::atomic<uint32_t> link_now, temperature_now;
 static bool is_map_broken;
-static constexpr uint32_t empty_port = 8, refused_port = 9; /* of a map that has them */
-static std::map<std::pair<tesk_client_request_type, uint32_t>, unsigned> asked; /* of each port */
+static constexpr uint32_t empty_port = 8, refused_port = 9; /* if the port map has them */
+static std::map<std::pair<tesk_client_request_type, uint32_t>, unsigned> asked; /* type and port */
 
 static void indicate(tesk_client_session &session, uint32_t kind, uint32_t port_no)
 {
@@ -62,8 +62,8 @@ static void indicate(tesk_client_session &session, uint32_t kind, uint32_t port_
     eventfd_write(session.fd, 1);
 }
 
-/* What the server does for a request, by the order of tesk_client_request_type. True if an
-   indication follows. */
+/* The server's part for a request, in the order of tesk_client_request_type. True if an indication
+   follows. */
 static bool serve(tesk_client_session &session, tesk_client_answer &answer)
 {
     const bool begins = answer.request % 2 == 0;
@@ -191,8 +191,8 @@ const char *tesk_client_error(void)
     return "";
 }
 
-/* Changes all that the server knows, tells those that it knows to be subscribed, and waits until
-   the model has it, and the server the right subscriptions. */
+/* Changes all ports at the server, reports the changes that are subscribed, and waits until the
+   model shows them and the server has the right subscriptions. */
 static bool is_followed(fact_queue &facts, model &board, const std::set<uint32_t> &ports)
 {
     {

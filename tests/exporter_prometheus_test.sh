@@ -52,7 +52,7 @@ await $monitor shows 'alertname="TeskModuleInAlarm"' "$firing"
 for label in 'grade="high_alarm"' 'interface="port1"' 'measurement="temperature"' 'port="1"' 'severity="critical"'; do
     shows "$label" "$firing" || fail "the alert has no $label"
 done
-# Grades are read once a minute; a change of the link reads them at once.
+# Grades are read once a minute; after a change of the link at once.
 "$build/bin/teskboard" set 1 temperature=40C
 "$build/bin/teskboard" link 1 down
 await $monitor shows 'alertname="TeskPortDown"' "$firing"

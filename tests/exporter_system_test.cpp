@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk-exporter against the real server on the simulated board, asked by HTTP as others would, well
-   and badly. */
+/* tesk-exporter with the real server on the simulated board: valid and invalid HTTP requests. */
 #include "testkit/processes/processes.h"
 #include "testkit/texts.h"
 #include "util/local_socket.h"
@@ -17,7 +16,7 @@ using testkit::contains;
 using testkit::expect_none;
 using testkit::expect_parts;
 
-/* A connection by HTTP, closed at its end. */
+/* An HTTP connection, closed by the destructor. */
 struct http_client {
     void send(const std::string &text) const
     {
@@ -27,7 +26,7 @@ struct http_client {
     {
         send("GET " + path + " HTTP/1.1\r\nHost: localhost\r\n" + headers + "\r\n");
     }
-    /* Reads on until the text has come, or to the end. */
+    /* Reads until the text is received, or to the end. */
     std::string read_until(const std::string &text = "")
     {
         char part[65536];
@@ -88,7 +87,7 @@ struct exporter_system : testing::Test {
         client.get(path, "Connection: close\r\n" + headers);
         return client.peer.is_open() ? client.read_until() : "";
     }
-    /* Asks until the answer has the text, or, with `wanted` false, hasn't. */
+    /* Repeats the request until the answer contains the text or, with `wanted` false, doesn't. */
     void await(const std::string &path, const std::string &text, bool wanted = true) const
     {
         const auto end = steady_clock::now() + testkit::deadline;
@@ -102,7 +101,7 @@ struct exporter_system : testing::Test {
 
 TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
 {
-    server.emplace(); /* writes a map of its own */
+    server.emplace(); /* the server writes its own map */
     std::ofstream(map_path) << "# tesk-ports 1\n0\teth0\n1\teth1\n";
     start({"--history", socket_path + ".history"});
     await("/readyz", "200 OK");
@@ -133,7 +132,7 @@ TEST_F(exporter_system, a_pulled_module_is_in_the_stream_and_in_the_metrics)
     for (const char *port : {"2", "eth2", ""})
         expect_parts(get(std::string("/api/ports/") + port), {"404"});
     expect_parts(get("/metrics", "Accept: application/openmetrics-text\r\n"), {"\n# EOF\n"});
-    /* A port leaves the map. */
+    /* A port is removed from the map. */
     std::ofstream(map_path + ".new") << "# tesk-ports 1\n0\teth0\n";
     rename((map_path + ".new").c_str(), map_path.c_str());
     await("/metrics", "port=\"1\"", false);
@@ -159,7 +158,7 @@ TEST_F(exporter_system, a_server_that_goes_is_said_at_once_and_one_that_comes_ba
     await("/metrics", "tesk_connections_total 2\n");
     await("/readyz", "200 OK");
     expect_none(stream.read_until("\"port\":15"), {"inserted"});
-    /* One that doesn't move holds up nobody. */
+    /* A stopped server delays no answer. */
     kill(server->pid, SIGSTOP);
     await("/healthz", "ok, but: tesk-server doesn't answer in time");
     await("/metrics", "tesk_up 0\n");
@@ -218,7 +217,7 @@ TEST_F(exporter_system, a_crowd_and_slow_readers_keep_nobody_from_the_metrics)
     get("/metrics");
     const long before = testkit::status_of(exporter, "VmRSS");
     std::vector<http_client> crowd;
-    /* 64 readers that never read, and those for whom there is no place. */
+    /* 64 readers that never read, and more readers, which find no place. */
     for (int i = 0; i < 64; i++) {
         crowd.push_back(open_stream());
         crowd.back().read_until("retry:");
@@ -241,7 +240,7 @@ TEST_F(exporter_system, a_crowd_and_slow_readers_keep_nobody_from_the_metrics)
     EXPECT_LE(testkit::descriptors_of(exporter), 300u);
     const long most = testkit::sanitized ? 1 << 20 : 8192;
     EXPECT_LE(testkit::status_of(exporter, "VmRSS") - before, most);
-    /* Their places are found again once they have gone. */
+    /* The places are free again once these readers have disconnected. */
     crowd.clear();
     await("/healthz", "ok");
     const auto deadline = steady_clock::now() + testkit::deadline;

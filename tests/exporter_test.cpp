@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk-exporter without a server and without HTTP: what it makes of facts, and how it writes it.
-   The clock is the test's. */
+/* tesk-exporter without a server and without HTTP: the state that it derives from facts, and its
+   output. The clock is the test's. */
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include "platform/dolm_ric/port_details.h"
 #include "program/json_records.h"
@@ -45,7 +45,7 @@ static std::string lines_of(const strings &fields)
     return text;
 }
 
-/* In place of the system's: keeps what is written, a field in a line. */
+/* Replaces the system's function: stores each field in a line. */
 static std::mutex journal_mutex;
 static std::condition_variable journal_written;
 static std::string journal_record;
@@ -62,7 +62,7 @@ int sd_journal_sendv(const iovec *fields, int count)
     journal_written.notify_all();
     if (journal_result == journal_full) {
         lock.unlock();
-        return pause(); /* as a full socket, until a signal comes */
+        return pause(); /* blocks as with a full socket, until a signal is received */
     }
     return journal_result;
 }
@@ -132,7 +132,7 @@ struct exporter_board : testing::Test {
     {
         return render_metrics(board, details, true, {}, format, now.steady);
     }
-    /* The changes since `number`, "PORT CHANGE". */
+    /* The changes since `number`, as "PORT CHANGE". */
     std::string changes(uint64_t number)
     {
         std::string text;
@@ -183,7 +183,7 @@ TEST(exporter_text, any_bytes_of_a_module_are_a_label)
 {
     EXPECT_EQ(label_value("a\"b\\c\nd"), "a\\\"b\\\\c\\nd");
     tesk_client_sfp_info info = module_in(0, "ab\"\\\n\xff  ");
-    std::memset(info.vendor_name, ' ', sizeof(info.vendor_name)); /* without an end */
+    std::memset(info.vendor_name, ' ', sizeof(info.vendor_name)); /* without a terminator */
     const std::string labels = module_labels(info);
     expect_parts(labels, {"serial=\"ab\\\"\\\\\\\\\\\\x0a\\\\xff\"", "vendor=\"\""});
 }
@@ -231,7 +231,7 @@ TEST_F(exporter_board, details_give_series_of_what_is_there_and_has_a_name)
         its.lane_count = its.vdm_count = 2;
         auto &power = its.lane[0].value[DOLM_RIC_RX_POWER];
         power.state = its.vdm[0].state = its.vdm[1].state = DOLM_RIC_VALUE_VALID;
-        power.value = its.lane[1].value[DOLM_RIC_RX_POWER].value = 0.5; /* the latter unknown */
+        power.value = its.lane[1].value[DOLM_RIC_RX_POWER].value = 0.5; /* lane 1: not known */
         its.vdm[0].kind = DOLM_RIC_VDM_OTHER;
         its.vdm[1].kind = DOLM_RIC_VDM_SNR, its.vdm[1].side = DOLM_RIC_SIDE_MEDIA;
         its.vdm[1].value = 20;
@@ -252,7 +252,7 @@ TEST_F(exporter_board, details_give_series_of_what_is_there_and_has_a_name)
     unsetenv("DOLM_RIC_DETAILS");
 }
 
-/* Each line is the file of port 0 at one moment, and what comes of it: events, and the counter. */
+/* Each line is the file of port 0 at one moment, with the resulting events and the counter. */
 TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
 {
     bring_up();
@@ -286,7 +286,7 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
     const auto replace = [&](const char *port, const std::string &text) {
         std::ofstream(place.path + "/new") << text;
         std::filesystem::last_write_time(place.path + "/new",
-                                         one_time); /* only the inode differs */
+                                         one_time); /* only the inode has changed */
         std::filesystem::rename(place.path + "/new", place.path + port);
     };
     std::chrono::steady_clock::time_point at = {};
@@ -317,7 +317,7 @@ TEST_F(exporter_board, recorded_falls_are_counted_once_and_announced)
         << "two ports fell at one time";
 }
 
-/* It came back with 6 dB less and many errors. */
+/* The link came back with 6 dB less light and many errors. */
 TEST_F(exporter_board, a_link_is_ill_until_it_is_well_or_nobody_has_measured_it_for_an_hour)
 {
     const testkit::directory place;
@@ -339,7 +339,7 @@ TEST_F(exporter_board, a_link_is_ill_until_it_is_well_or_nobody_has_measured_it_
     };
     const struct {
         double power, errors; /* 0: not measured */
-        int minutes;          /* since the step before */
+        int minutes;          /* since the previous step */
         bool is_ill;
     } steps[] = {{0, 0, 59, true},     {0.45, 0, 0, true},    {0.45, 1e-9, 0, false},
                  {0.1, 1e-9, 0, true}, {0.45, 1e-5, 0, true}, {0, 0, 2, false},
@@ -370,7 +370,7 @@ TEST_F(exporter_board, series_end_with_their_port_and_with_the_server)
 {
     bring_up();
     apply(ports_fact{{{0, "eth0"}}});
-    apply(status_of(7, TESK_CLIENT_LINK_OPERATIONAL)); /* was under way */
+    apply(status_of(7, TESK_CLIENT_LINK_OPERATIONAL)); /* was in the queue */
     EXPECT_FALSE(contains(metrics(), "port=\"7\""));
     apply(connection_fact{false, "nobody answers\x1b"});
     const std::string text = metrics();
@@ -417,7 +417,7 @@ TEST_F(exporter_board, what_is_found_after_a_connection_is_initial_and_only_a_ch
     EXPECT_EQ(board.connections, 2u);
 }
 
-/* By the server's indication, the history of presence, and a read of the values. */
+/* From the server's indication, the history of presence, and a read of the values. */
 TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_own_words)
 {
     const auto pm = reading_fact{values_of(0, 500)};
@@ -428,30 +428,30 @@ TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_o
                none = presence_fact{0, TESK_CLIENT_PRESENCE_NONE};
     const struct {
         fact happened;
-        const char *change, *present, *ready, *celsius; /* null: no series */
+        const char *change, *present, *ready, *celsius; /* null: there is no series */
     } steps[] = {
         {module_in(0, ""), "0 initial; ", "0", nullptr, nullptr},
         {refused, "", "0", nullptr, nullptr},
         {not_ready, "0 not ready; ", "1", "0", nullptr},
         {refused, "", "1", "0", nullptr},
-        {ready, "", "1", "0", nullptr}, /* its memory can't be read */
+        {ready, "", "1", "0", nullptr}, /* the module's memory can't be read */
         {module_in(0, "A"), "0 inserted; ", "1", "1", nullptr},
         {pm, "", "1", "1", "40"},
-        {late, "", "1", "1", "40"}, /* what was read before is as old as its age says */
+        {late, "", "1", "1", "40"}, /* the age of earlier values is shown */
         {refused, "", "1", "1", nullptr},
         {pm, "", "1", "1", "40"},
         {not_ready, "0 not ready; ", "1", "0", nullptr},
         {pm, "", "1", "0", nullptr},
         {none, "0 removed; ", "0", nullptr, nullptr},
         {module_in(0, ""), "", "0", nullptr, nullptr},
-        {pm, "0 initial; ", "1", "0", nullptr}, /* values without a ready module */
+        {pm, "0 initial; ", "1", "0", nullptr}, /* values, although the module isn't ready */
         {refused, "0 initial; ", "0", nullptr, nullptr},
         {busy, "0 initial; ", "1", "0", nullptr},
         {refused, "0 initial; ", "0", nullptr, nullptr},
         {not_ready, "0 not ready; ", "1", "0", nullptr},
         {connection_fact{false, ""}, "server initial; ", nullptr, nullptr, nullptr},
         {connection_fact{true, ""}, "server initial; ", "1", "0", nullptr},
-        {module_in(0, ""), "0 initial; ", "0", nullptr, nullptr}, /* the history is another one */
+        {module_in(0, ""), "0 initial; ", "0", nullptr, nullptr}, /* a new server, a new history */
     };
     apply(connection_fact{true, ""});
     apply(ports_fact{{{0, ""}}});
@@ -473,7 +473,7 @@ TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_o
     pass(seconds(56)); /* three intervals and ten seconds */
     expect_parts(metrics(), {"reading_age_seconds{port=\"0\"} 56\n"});
     expect_none(metrics(), {"celsius{", "signal_lost{"});
-    apply(request_fact{TESK_CLIENT_TIMEOUT, {}, false}); /* a server that hangs */
+    apply(request_fact{TESK_CLIENT_TIMEOUT, {}, false}); /* a server that doesn't respond */
     expect_none(metrics(), {"module_present{"});
     apply(request_fact{TESK_CLIENT_OK, {}, false});
     expect_parts(metrics(), {"module_present{", "tesk_up 1"});
@@ -484,7 +484,7 @@ TEST_F(exporter_board, grades_are_refreshed_the_oldest_first_at_the_allowed_pace
     bring_up();
     EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt);
     pass(seconds(1));
-    apply(status_of(0, TESK_CLIENT_LINK_OPERATIONAL)); /* graded later than port 7 */
+    apply(status_of(0, TESK_CLIENT_LINK_OPERATIONAL)); /* graded after port 7 */
     apply(reading_fact{values_of(0, 500)});
     auto warm_up = [this](int32_t temperature) {
         for (const uint32_t port : {0u, 7u})
@@ -493,22 +493,22 @@ TEST_F(exporter_board, grades_are_refreshed_the_oldest_first_at_the_allowed_pace
     warm_up(500);
     EXPECT_EQ(board.choose_refresh(now.steady), 7u);
     pass(seconds(6));
-    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* one is under way */
+    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* a refresh is in progress */
     apply(grades_fact{7, true, status_of(7, TESK_CLIENT_LINK_OPERATIONAL, 3)});
     EXPECT_EQ(board.ports().at(7).status->level[TESK_CLIENT_RX_POWER], 3u);
     EXPECT_EQ(board.ports().at(7).graded_at, now.steady);
     EXPECT_EQ(board.choose_refresh(now.steady), 0u);
     apply(grades_fact{0, false, {}});
-    warm_up(600); /* both have moved */
+    warm_up(600); /* the values of both ports have moved */
     pass(seconds(4));
-    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* too soon after any */
+    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* too soon after the last refresh */
     pass(seconds(49));
-    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* too soon for each */
+    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* too soon for either port */
     pass(seconds(1));
     EXPECT_EQ(board.choose_refresh(now.steady), 7u);
     apply(grades_fact{7, true, status_of(7, TESK_CLIENT_LINK_OPERATIONAL)});
     pass(seconds(60));
-    apply(module_in(0, "")); /* nothing to grade */
+    apply(module_in(0, "")); /* no module to grade */
     EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt);
     warm_up(700);
     EXPECT_EQ(board.choose_refresh(now.steady), 7u);
@@ -522,7 +522,7 @@ TEST_F(exporter_board, grades_are_refreshed_the_oldest_first_at_the_allowed_pace
     apply(grades_fact{0, false, {}});
     pass(seconds(60));
     apply(request_fact{TESK_CLIENT_TIMEOUT, {}});
-    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* the server has trouble */
+    EXPECT_EQ(board.choose_refresh(now.steady), std::nullopt); /* the last request has failed */
 }
 
 TEST(exporter_events, a_reader_goes_on_behind_its_id_where_the_ring_still_has_that)
@@ -688,16 +688,16 @@ TEST(exporter_http, places_are_counted_and_the_slow_and_the_oldest_idle_go)
             EXPECT_EQ(table.take_place(*peers.back(), place::stream, now), peers.size() <= 64);
         }
     }
-    /* 0 to 63 are streams; the oldest two of the others had to go. */
+    /* 0 to 63 are streams; of the other connections the two oldest were ended. */
     EXPECT_TRUE(is_ended(64) && is_ended(65));
     EXPECT_FALSE(is_ended(0) || is_ended(66));
     for (size_t i = 70; i <= 102; i++)
         EXPECT_TRUE(table.take_place(*peers[i], place::metrics, now + seconds(i)));
-    EXPECT_TRUE(is_ended(70)); /* it gave way */
+    EXPECT_TRUE(is_ended(70)); /* it was ended to make room */
     EXPECT_FALSE(is_ended(71));
     EXPECT_EQ(table.taken(place::metrics), 32u);
     table.leave_place(*peers[70], now);
-    EXPECT_EQ(table.taken(place::metrics), 32u); /* and is counted once */
+    EXPECT_EQ(table.taken(place::metrics), 32u); /* a second call doesn't count twice */
     table.leave_place(*peers[0], now);
     EXPECT_TRUE(table.take_place(*peers[103], place::stream, now));
     peers[1]->is_waiting = true;
@@ -709,11 +709,11 @@ TEST(exporter_http, places_are_counted_and_the_slow_and_the_oldest_idle_go)
     table.end_overdue(now);
     EXPECT_FALSE(is_ended(1) || is_ended(104) || is_ended(71));
     EXPECT_TRUE(is_ended(2) && is_ended(110));
-    EXPECT_FALSE(is_ended(0)); /* it was answered, as a scrape that keeps its connection */
+    EXPECT_FALSE(is_ended(0)); /* it was answered, like a scrape that keeps its connection */
     now += idle_patience;
     table.end_overdue(now);
     EXPECT_TRUE(is_ended(0));
-    EXPECT_LT(table.ended(), crowded_connections + 2); /* without that one */
+    EXPECT_LT(table.ended(), crowded_connections + 2); /* connection 0 isn't counted */
     for (size_t i = 0; i < pairs.size(); i++) {
         table.remove(peers[i]);
         close(pairs[i][0]);
@@ -764,7 +764,7 @@ TEST(exporter_journal, a_record_has_the_fields_of_its_event)
           event{1, 0, change::grades, status_of(3, 2, TESK_CLIENT_LEVEL_HIGH_ALARM), ""}})
         expect_parts(lines_of(journal_fields(bad)), {"\nPRIORITY=4\n"});
     {
-        journal stuck; /* its end doesn't wait for the journal */
+        journal stuck; /* its destructor doesn't wait for the journal */
         std::unique_lock lock(journal_mutex);
         journal_result = journal_full;
         journal_record.clear();

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The record of a fall: what a port's details and the kernel's messages become in its file. Time
-   stands still but for what a test lets pass. */
+/* The record of a fall: how a port's details and the kernel's messages become facts in its file.
+   The clock moves only when a test moves it. */
 #include "causes/facts_json.h"
 #include "causes/verdict.h"
 #include "platform/dolm_ric/fall_files.h"
@@ -25,7 +25,7 @@ static constexpr int64_t ms = 1'000'000, second = 1000 * ms;
 namespace
 {
 
-/* Of a machine with two devices, each with ports that have a module of one lane. */
+/* A machine with two devices; their ports have modules with one lane. */
 struct fall_recorder_test : testing::Test {
     fall_recorder_test()
     {
@@ -98,7 +98,7 @@ struct fall_recorder_test : testing::Test {
         }
         recorder.see(its);
     }
-    /* Modules whose link is up are read each 4 s. */
+    /* Advances the clock; the module of a link that is up is read each 4 s. */
     void pass(int64_t time, double power = 0.5)
     {
         for (const int64_t end = now + time; now < end;) {
@@ -110,7 +110,7 @@ struct fall_recorder_test : testing::Test {
         }
         now += 2 * second;
     }
-    /* So that all looks are made and all is written. */
+    /* Advances the clock until all looks are made and everything is written. */
     void finish()
     {
         for (int step = 0; step < 30; step++) {
@@ -136,7 +136,7 @@ struct fall_recorder_test : testing::Test {
     }
 
     int64_t now = 1000 * second;
-    bool is_late = false; /* what is told */
+    bool is_late = false; /* reported as late */
     testkit::directory place;
     const std::string folder = place.path + "/falls";
     std::map<uint32_t, dolm_ric_details_record> records;
@@ -146,7 +146,7 @@ struct fall_recorder_test : testing::Test {
 
 } // namespace
 
-/* What happens to port 0, and its verdict. */
+/* Events of port 0, and the verdict. */
 static const struct {
     const char *name;
     void (*happens)(fall_recorder_test &at);
@@ -366,7 +366,7 @@ TEST_F(fall_recorder_test, each_fall_has_its_verdict)
         plug(0, "A1");
         for (const uint32_t port : all_ports)
             set_link(port, true, true);
-        pass(1000 * second); /* ten falls in an hour would be flapping */
+        pass(1000 * second); /* without it, ten falls in an hour would count as flapping */
         its.happens(*this);
         finish();
         EXPECT_EQ(verdict(), its.verdict);
@@ -395,7 +395,7 @@ TEST_F(fall_recorder_test, a_burst_is_one_record_and_the_next_fall_another_one)
     finish();
     ASSERT_EQ(falls().size(), 3U) << "nor does what follows belong to that";
     dolm_ric_details_link &link = record_of(0).link;
-    link.falls += 2; /* the kernel tells of two falls in one message */
+    link.falls += 2; /* the kernel reports two falls in one message */
     link.rises += 2;
     link.changed_at = now;
     report(0);
@@ -429,7 +429,7 @@ TEST_F(fall_recorder_test, a_link_that_comes_back_is_added_to_its_record)
     EXPECT_EQ(fs::last_write_time(folder + "/0"), written_at) << "nothing new is known";
     record_of(0).link.speed = 1000;
     set_link(0, true, true);
-    read(0, 0.0001); /* the laser warms up */
+    read(0, 0.0001); /* the laser is still starting */
     pass(12 * second, 0.1);
     ASSERT_EQ(falls().size(), 1U);
     const causes::facts seen = falls()[0];
@@ -444,7 +444,7 @@ TEST_F(fall_recorder_test, a_carrier_counted_at_the_start_and_a_port_left_out_ar
 {
     set_link(0, false, false);
     finish();
-    record_of(0).link.falls++; /* by a driver that drops it when the port is set up */
+    record_of(0).link.falls++; /* drivers drop the carrier while a port is set up */
     record_of(0).link.rises++;
     set_link(0, true, true);
     finish();
@@ -455,7 +455,7 @@ TEST_F(fall_recorder_test, a_carrier_counted_at_the_start_and_a_port_left_out_ar
     EXPECT_EQ(falls(1).size(), 0U);
 }
 
-/* The last look at port 0 took long: the others don't wait for the next one. */
+/* The last look at port 0 took long: the other ports don't wait for its next one. */
 TEST_F(fall_recorder_test, a_slow_driver_is_asked_last)
 {
     std::string asked;
@@ -488,8 +488,8 @@ TEST_F(fall_recorder_test, a_slow_driver_is_asked_last)
     EXPECT_EQ(causes::judge(falls(1).back()).ill.size(), 1U) << "up, with many errors";
 }
 
-/* Where nothing is due the thread waits for a minute. It asks for the time once more before it
-   waits, with the lock held. */
+/* If nothing is due, the thread waits for a minute. Before it waits, it reads the clock once more,
+   with the lock held. */
 TEST_F(fall_recorder_test, a_fall_wakes_the_thread)
 {
     std::binary_semaphore waits{0}, looked{0};
@@ -508,7 +508,8 @@ TEST_F(fall_recorder_test, a_fall_wakes_the_thread)
     EXPECT_TRUE(looked.try_acquire_for(std::chrono::seconds{20}));
 }
 
-/* A module with other lanes can't be compared, and such a record couldn't be read. */
+/* A module with another number of lanes can't be compared, and facts with both lists would be
+   invalid. */
 TEST_F(fall_recorder_test, lists_have_one_length)
 {
     drop(0);
@@ -584,7 +585,7 @@ TEST_F(fall_recorder_test, what_cannot_be_written_is_written_later)
     EXPECT_EQ(falls(1).size(), 3U);
 }
 
-/* The newest that fit: a long file leaves no room for others. */
+/* The newest falls that fit are kept: a long file leaves no room for others. */
 TEST_F(fall_recorder_test, files_share_the_folder)
 {
     const std::string line(7000, 'x');
@@ -598,7 +599,7 @@ TEST_F(fall_recorder_test, files_share_the_folder)
     fs::create_symlink("/etc/passwd", folder + "/9");
     ASSERT_TRUE(keep_fall(folder, 9, "{}", true, 1, taken));
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder + "/9")));
-    for (uint32_t port = 1000; port < 1300; port++) /* which are no more */
+    for (uint32_t port = 1000; port < 1300; port++) /* files of ports that no longer exist */
         ASSERT_TRUE(
             keep_fall(folder, port, std::string(most_fall_bytes - 1, 'x'), false, 1, taken));
     EXPECT_EQ(taken, most_folder_bytes);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Every call that can fail, made to fail once at every place where it is made, while the real
-   server starts, while it serves, and while it ends: how it ends is told, nothing hangs, what goes
-   on leaks nothing, and the next start takes the name over. */
+/* Each call that can fail is made to fail once at each place, while the real server starts, serves
+   and ends: the end is reported, nothing hangs, a server that continues leaks nothing, and the next
+   start takes over the name. */
 #include "platform/mbx/mbx.h"
 #include "tesk_server/tesk_signals.h"
 #include "testkit/fault_injection/fault_plan.h"
@@ -43,7 +43,7 @@ class faults : public testing::Test
         ASSERT_EQ(mkfifo(traces_file.c_str(), 0600), 0);
     }
 
-    /* False when the server has ended without having said so. */
+    /* False if the server has ended without reporting that. */
     bool await_trace(const char *wanted)
     {
         while (said.find(wanted) == std::string::npos) {
@@ -69,7 +69,7 @@ class faults : public testing::Test
         }
     }
 
-    /* As far as the server lets it; only silence is a fault. */
+    /* Performs the step as far as the server permits; only silence is a fault. */
     static void attempt(const auto &perform)
     {
         try {
@@ -79,7 +79,7 @@ class faults : public testing::Test
         }
     }
 
-    /* One client's life; who asks after its death knows that it has been handled to its end. */
+    /* A client's whole life; a request after its death shows that the death has been handled. */
     void serve()
     {
         bool connected = false;
@@ -93,7 +93,7 @@ class faults : public testing::Test
                                     TESK_SUBSCRIBE_PORT_STATUS_REQ, TESK_SUBSCRIBE_SFP_INFO_REQ,
                                     TESK_SHELL_GET_ACTIONS_CACHE_REQ})
                 ask(client, number, reference);
-            /* A board whose library is out of memory can't be played any more. */
+            /* If the library is out of memory, the board can't be controlled any more. */
             if (plan->by_program_only) {
                 testkit::board("set 0 link=down");
                 testkit::board("remove 0");
@@ -109,8 +109,9 @@ class faults : public testing::Test
             });
     }
 
-    /* No more descriptors than before (fewer, when those who looked for it were not forgotten
-       yet), and no subscription but one that the board refused to end. Throws if it is gone. */
+    /* At most as many descriptors as before (fewer, if processes that had located the server were
+       still counted), and no subscription except one that the board refused to end. Throws if the
+       server has ended. */
     void expect_nothing_kept(pid_t server, size_t descriptors)
     {
         const bool refused = strncmp(plan->call, "dolm_ric_ri_unsubs", 18) == 0 && plan->nth != 0 &&
@@ -124,11 +125,11 @@ class faults : public testing::Test
         EXPECT_LE(testkit::await_descriptors(server, descriptors), descriptors);
     }
 
-    /* What went wrong, if only that the server has ended. */
+    /* The fault that was found; also that the server has ended. */
     std::string serve_and_look(pid_t server)
     try {
-        /* For its first peer the mailbox library opens an epoll and two inotify instances, which
-           stay. */
+        /* For its first peer the mailbox library opens an epoll and two inotify instances, and
+           keeps them. */
         const size_t descriptors = testkit::descriptors_of(server) + 3;
         serve();
         plan->armed = false;
@@ -153,7 +154,7 @@ class faults : public testing::Test
                                             -1, traces_file);
         std::string trouble;
         if (await_trace("TESK server started!")) {
-            /* An answer of the board: its thread has made its own first allocations by then. */
+            /* The board's answer shows that its thread has made its first allocations. */
             if (when == phase::serving)
                 testkit::board("board");
             plan->armed = when == phase::serving;
@@ -168,8 +169,7 @@ class faults : public testing::Test
         return end;
     }
 
-    /* Nothing is left of an orderly end, and nothing that is left keeps the next one from starting.
-     */
+    /* After a clean end nothing is left, and otherwise the rest doesn't prevent the next start. */
     void expect_a_way_back(int end)
     {
         if (end == 0 || end == failed_start) {
@@ -179,8 +179,8 @@ class faults : public testing::Test
             EXPECT_EQ(run("none", 0, phase::starting, made_by::anybody), 0);
     }
 
-    /* Lets the first call fail, then the second, and so on. `ends` are the exit statuses, and minus
-       the signals, that may follow. */
+    /* Makes the first call fail, then the second, and so on. `ends` are the permitted exit
+       statuses, and the permitted signals as negative numbers. */
     void try_every(const char *call, phase when, made_by caller, const std::vector<int> &ends)
     {
         ASSERT_EQ(run(call, 0, when, caller), 0) << call;
@@ -189,7 +189,7 @@ class faults : public testing::Test
         for (uint32_t nth = 1; nth <= count; nth++) {
             SCOPED_TRACE(std::string(call) + ", call " + std::to_string(nth));
             const int end = run(call, nth, when, caller);
-            /* A run may get by with a call less than the one before. */
+            /* A run may need one call less than the previous one. */
             if (plan->seen < nth)
                 EXPECT_EQ(end, 0);
             else

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Port state changes: the filter, its ticks and its traces, and what a link event means. */
+/* Port state changes: the filter, its ticks and its traces, and the effects of a link event. */
 #include "tesk_server/tesk_subscribe_port_status.h"
 #include "tesk_server/tesk_types.h"
 #include "testkit/fake_platform/client_fixture.h"
@@ -9,7 +9,7 @@ using fake_platform::sent;
 using fake_platform::ticks;
 
 struct filter : client_fixture {
-    /* Five changes, after which the level is 60: changes are held back. */
+    /* Five changes to down, after which the level is 60 and changes are not reported. */
     static void reach_level(uint32_t port)
     {
         for (uint32_t state : {1u, 2u, 1u, 2u, 1u})
@@ -33,7 +33,7 @@ TEST_F(filter, a_refused_last_unsubscribe_keeps_the_filter_as_it_is)
     EXPECT_TRUE(ticks.empty()) << "the tick of the bucket is still outstanding";
     handle_events({link_event(3, DOLM_RICRILINKSTATE_OPERATIONAL)});
     EXPECT_EQ(sent.size(), 0u) << "held back";
-    /* The same for a lost client: the subscription without a client keeps its filter. */
+    /* A lost client whose subscription can't be ended: the subscription keeps its filter. */
     lose(alice);
     tick(1, 3);
     EXPECT_EQ(leaky_bucket_find(1)->level, 50);
@@ -49,7 +49,7 @@ TEST_F(filter, a_refused_last_unsubscribe_keeps_the_filter_as_it_is)
 TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
 {
     static const struct {
-        char event; /* u p, d own, t ick */
+        char event; /* 'u' up, 'd' down, 't' tick */
         int32_t level;
         bool is_sent, armed;
     } steps[] = {{'d', 20, true, true},    {'u', 20, true, false},
@@ -78,7 +78,7 @@ TEST_F(filter, the_filter_holds_changes_back_and_reports_the_status_at_its_end)
         for (const auto &[bucket, port, interval] : ticks)
             EXPECT_TRUE(bucket == 1 && port == 3 && interval == 10);
     }
-    /* What was held back is in the history, too, and so is the repeated state. */
+    /* The history contains suppressed changes and the repeated state, too. */
     static const std::pair<uint32_t, uint32_t> levels_and_states[] = {
         {20, 2}, {20, 1},  {40, 2},  {40, 1},  {60, 2}, {60, 1}, {80, 2},
         {80, 1}, {100, 2}, {100, 1}, {100, 2}, {0, 2},  {0, 1}};
@@ -163,7 +163,7 @@ TEST_F(filter, an_event_that_means_nothing_is_traced_and_freed)
         expect_log({traced});
         EXPECT_EQ(sent.size(), 0u);
     }
-    /* Behind that check: the state is stored, and nothing else happens. */
+    /* After the check that follows the state is stored, and nothing else happens. */
     tesk_handle_port_state_change(3, port_unknown);
     EXPECT_EQ(fake_platform::take_log().back(), "[1] Unknown port state");
     trace({1, 12});

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The forecast on small series whose truth is known, and the replay of files that are damaged. */
+/* The forecast on small series with known results, and the replay of damaged files. */
 #include "forecast/forecast.h"
 #include "tesk_exporter/replay.h"
 
@@ -16,7 +16,7 @@ using namespace forecast;
 
 static constexpr int64_t start = 1767225600;
 
-/* A reading before it becomes one: light in dBm. */
+/* A simplified reading: light in dBm. */
 struct sample {
     double day, temperature, rx, tx, bias;
     bool has_link, has_module, is_missing;
@@ -31,8 +31,8 @@ static double since(const sample &s, double day)
     return std::max(0.0, s.day - day);
 }
 
-/* A module that drifts by 0.08 dB a degree in a room of three degrees' swing; limits: light of
-   -9 dBm, 12 mA, 78 degrees. */
+/* A module with a drift of 0.08 dB per degree in a room whose temperature varies by three degrees;
+   limits: light of -9 dBm, 12 mA, 78 degrees. */
 static std::vector<report> reports_of(const world &change, int days_of_it = 60)
 {
     port watched;
@@ -82,7 +82,8 @@ static std::string text_of(const report &told)
            " " + std::to_string(static_cast<int>(told.what)) + ": " + told.reason + "\n";
 }
 
-/* Fails that are announced: value, cause, day by which they are, day at which the limit is met. */
+/* Failures to announce: value, cause, latest day of the announcement, day on which the limit is
+   reached. */
 TEST(Forecast, announces_what_fails)
 {
     const struct {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The reads of the hardware: levels, conversions, what is left when a call fails. */
+/* The reads of the hardware: levels, conversions, and the record after a failed call. */
 #include "tesk_server/tesk_dolm_ric.h"
 #include "tesk_server/tesk_portsub.h"
 #include "testkit/fake_platform/server_fixture.h"
@@ -19,7 +19,7 @@ static constexpr uint32_t highest = 0xffffffffu;
 TEST_F(hardware, a_measurement_whose_bit_is_set_is_graded_at_and_beyond_each_threshold)
 {
     using info_word = uint32_t tesk_port_info::*;
-    /* In the order of the bits, and of the records of five words each in the diagnostics. */
+    /* In the order of the bits, and of the five words of each measurement in the diagnostics. */
     static constexpr info_word levels[] = {
         &tesk_port_info::temp_fault_level, &tesk_port_info::vcc_fault_level,
         &tesk_port_info::tx_bias_fault_level, &tesk_port_info::tx_power_fault_level,
@@ -87,7 +87,7 @@ TEST_F(hardware, each_code_has_its_value_in_the_protocol)
         EXPECT_EQ(info.link_speed, speed.of_link) << speed.code;
         EXPECT_EQ(fake_platform::take_log().at(2),
                   "[12] Link speed -> " + std::to_string(speed.code));
-        /* Not read on any other link. */
+        /* The speed isn't read if the link is in another state. */
         for (uint32_t state : {0u, 1u, 3u}) {
             port.link_state = state;
             get_port_info(1, &info);
@@ -128,7 +128,7 @@ TEST_F(hardware, each_wrapper_traces_each_result_with_its_own_texts)
         std::string call, name, blank; /* the last two in traces of failures, before "(" */
         uint32_t (*wrapper)(uint32_t port_no);
         std::string function,
-            state; /* traced with each result, or, without state, with a good one */
+            state; /* traced with each result or, if it names no state, with a good one */
         uint32_t good, unknown_port, failed;
     } cases[] = {{"getportstatus", "getportstatus", "", call<get_dolm_sfp_presence>,
                   "get_dolm_sfp_presence", "port_status", sfp_present_not_ready, unsupported_port,
@@ -169,7 +169,7 @@ TEST_F(hardware, each_wrapper_traces_each_result_with_its_own_texts)
         }
 }
 
-/* The other texts are in the traces of failing calls. */
+/* The other texts occur in traces of failing calls. */
 TEST_F(hardware, a_value_without_a_meaning_has_a_text)
 {
     EXPECT_STREQ(dolm_ric_result_text(0), "no error");
@@ -294,7 +294,7 @@ TEST_F(hardware, a_presence_that_cannot_be_read_does_not_stop_a_port_status_subs
                    "[12] Successfully subscribed for port status on port 1 with sfp_presence "
                    "SFP_UNKNOWN"}));
     fake_platform::failing.clear();
-    /* A good answer of the next read goes into the record that holds nothing usable. */
+    /* The next successful read replaces the unusable record. */
     EXPECT_EQ(tesk_portsub_add_sfp_info(1), 0);
     EXPECT_TRUE(tesk_portsub_update_sfp_presence(1, sfp_not_present));
     EXPECT_FALSE(tesk_portsub_update_sfp_presence(1, sfp_not_present));
@@ -355,7 +355,7 @@ TEST_F(hardware, the_event_thread_translates_events_and_survives_a_wait_that_fai
     EXPECT_EQ(event, nullptr);
 }
 
-/* The pauses of the event thread; the linker sends its nanosleep here. */
+/* Counts the pauses of the event thread; the linker redirects its nanosleep here. */
 static std::atomic<int> pauses;
 static std::atomic<long> last_pause;
 
@@ -371,12 +371,12 @@ int __wrap_nanosleep(const timespec *pause, timespec *rest)
 }
 }
 
-/* One of a few tries is enough: the machine may be busy. */
+/* Repeated, since the machine may be busy: one success is enough. */
 TEST_F(hardware, a_failed_wait_is_retried_within_100_ms_after_a_pause)
 {
     using clock = std::chrono::steady_clock;
     auto shortest = clock::duration::max();
-    /* More than the failures in a row after which the pauses grow. */
+    /* More failures in a row than the number after which pauses grow. */
     for (int tries = 0; tries < 12 || (tries < 30 && shortest >= std::chrono::milliseconds(100));
          tries++) {
         const auto start = clock::now();
@@ -391,7 +391,7 @@ TEST_F(hardware, a_failed_wait_is_retried_within_100_ms_after_a_pause)
     EXPECT_LT(shortest, std::chrono::milliseconds(100));
 }
 
-/* A main thread that is late slows the event thread down. */
+/* If the main thread is late, the event thread pauses. */
 TEST_F(hardware, each_event_from_the_256th_that_waits_on_is_followed_by_a_pause)
 {
     const int before = pauses;

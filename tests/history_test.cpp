@@ -32,7 +32,8 @@ TEST_F(history_cache, the_history_rolls_over_at_thirty_and_any_mailbox_reads_it)
         EXPECT_EQ(sent.back().bytes.size(), reading.size);
     }
     expect_log({"send 0x118 to 0x99", "send 0x11c to 0x99", "send 0x11a to 0x99"});
-    /* The first of 31 is gone; the oldest left is an up, level 20, shell value 1; then a down. */
+    /* The first of 31 records was dropped; the oldest one left is an up with level 20 and shell
+       value 1; then a down. */
     const std::pair<size_t, uint32_t> expected[] = {{4, 30},
                                                     {8 + 4, 20},
                                                     {8 + 8, 1},
@@ -51,7 +52,7 @@ static int64_t now_us()
     return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-/* The stamp at `at` of a history lies between that time and now. */
+/* The timestamp at offset `at` of a history is between `from` and now. */
 static void expect_stamp(const fake_platform::sent_signal &cached, size_t at, int64_t from)
 {
     const int64_t stamp = cached.host_word(at) * int64_t{1000000} + cached.host_word(at + 4);
@@ -99,8 +100,8 @@ TEST_F(history_cache, the_values_of_the_history_are_mapped_and_a_refused_entry_c
 {
     static const struct {
         uint32_t type, request;
-        size_t from_end;             /* of the value in the last record */
-        std::vector<uint32_t> shown; /* for the values 0, 1, ... */
+        size_t from_end;             /* offset of the value from the end of the last record */
+        std::vector<uint32_t> shown; /* shown for the values 0, 1, ... */
     } kinds[] = {
         {TESK_CACHE_PORT_STATUS, TESK_SHELL_GET_PORT_STATUS_CACHE_REQ, 44, {1, 2, 0, 0}},
         {TESK_CACHE_SFP_INFO, TESK_SHELL_GET_SFP_INFO_CACHE_REQ, 16, {0, 1, 2, 3, 4, 3}},

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The whole server, with its own trace sink, where its surroundings are hostile: a reader of its
-   traces that stalls, outputs that take nothing, and a process-id namespace in which it sees none
-   of its peers. */
+/* The whole server, with its own trace sink, in hostile surroundings: a reader of its traces that
+   doesn't read, outputs that accept nothing, and a process-id namespace in which it sees none of
+   its peers. */
 #include "tesk_server/tesk_signals.h"
 #include "testkit/processes/processes.h"
 
@@ -35,7 +35,7 @@ static void expect_answer(testkit::test_client &client, uint32_t id)
               uint32_t{TESK_GET_CAPABILITIES_CFM});
 }
 
-/* Reads until the text comes; throws past the deadline. */
+/* Reads until the text is found; throws after the deadline. */
 static void await_text(int fd, const std::string &text)
 {
     std::string all;
@@ -47,7 +47,7 @@ static void await_text(int fd, const std::string &text)
     }
 }
 
-/* Leaves no room in the pipe. */
+/* Fills the pipe completely. */
 static void fill(int pipe)
 {
     while (write(pipe, "x", 1) == 1) {
@@ -55,7 +55,7 @@ static void fill(int pipe)
     ASSERT_EQ(errno, EAGAIN);
 }
 
-/* Traces in all the groups that a flood of requests fills. */
+/* All groups in which a flood of requests causes traces. */
 TEST(hostile, a_stalled_reader_of_the_traces_holds_up_nobody)
 {
     const testkit::directory directory;
@@ -83,7 +83,7 @@ TEST(hostile, a_stalled_reader_of_the_traces_holds_up_nobody)
     close(reader);
 }
 
-/* It starts, answers and ends where its outputs take nothing. */
+/* The server starts, answers and ends although its outputs accept nothing. */
 TEST(hostile, a_full_disk_and_a_fifo_without_reader_hold_up_nobody)
 {
     const testkit::directory directory;
@@ -111,8 +111,8 @@ TEST(hostile, a_full_disk_and_a_fifo_without_reader_hold_up_nobody)
     umount(full.c_str());
 }
 
-/* It sees no process id of its peers then. Twelve of one process would need more than its quarter
-   of the descriptors. */
+/* The server then sees no process id of its peers. Twelve peers counted as one process would exceed
+   its quarter of the descriptors. */
 TEST(hostile, in_a_namespace_of_its_own_the_server_takes_its_peers_for_several_processes)
 {
     std::string output;

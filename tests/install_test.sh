@@ -27,7 +27,7 @@ cmake --install "$build" --prefix "$work/usr" >/dev/null
 teskctl=$work/usr/bin/teskctl
 libraries=$(dirname "$(find "$work/usr" -name libmbx.so.1)")
 
-# From outside the tree, also after the installation has been moved.
+# Used from outside the tree, also after the installation has been moved.
 mv "$work/usr" "$work/moved" && ln -s moved "$work/usr"
 PKG_CONFIG_PATH=$libraries/pkgconfig cmake -G Ninja -S "$source/tests/outside" -B "$work/outside" \
     -DCMAKE_PREFIX_PATH="$work/usr" -DEXAMPLES="$source/examples" >/dev/null
@@ -67,7 +67,7 @@ expect 0 "temperature=" completed teskboard set 3 temp
 expect 0 "71.5C" completed teskboard set 3 temperature = ""
 stop_server
 
-# The example board, built alone. Only its library is replaced; all four are for tesk-abi-check.
+# The example board, built outside the tree. Only its library is replaced; tesk-abi-check needs all four.
 cmake -G Ninja -S "$doc/tesk-platform-base/examples/board" -B "$work/example" \
     -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
 cmake --build "$work/example" >/dev/null

@@ -30,7 +30,7 @@ shows_serial() { says "\"serial\":\"$2\"" teskctl --json sfp "$1"; } # PORT SERI
 shows_link() { says "\"link\":\"$2\"" teskctl --json status "$1"; }  # PORT STATE
 shows_none() { says '"module":"not present"' teskctl --json sfp "$1"; }
 
-# The reader ends with its last client; what systemd does with tesk-module-reader.socket.
+# The reader ends with its last client; this loop replaces tesk-module-reader.socket of systemd.
 serve_reader() { # CAPABILITIES
     while :; do
         rm -f $socket
@@ -149,7 +149,7 @@ sfp_driver_is_followed() {
     check "and is started again" await shows_link 3 operational
 }
 
-# The answer has come while one and the same reading of the slow module went on.
+# Succeeds if the command was answered during a single reading of the slow module.
 answers_meanwhile() { # COMMAND..
     until grep -q 1 $cages/cage3/reading; do usleep 1000; done
     before=$(cat $cages/cage3/reads)
@@ -181,7 +181,7 @@ errors_stay_where_they_are() {
     set_cage 0 error 5
     check "a module that can't be read goes" await shows_none 0
     check "port 3 has its values" says 25.7 teskctl pm 3
-    set_cage 0 error 0 # and read again within a minute
+    set_cage 0 error 0 # the port is read again within a minute
 }
 
 comes_back() { await shows_serial 0 0002 || await shows_serial 0 0002 || await shows_serial 0 0002; }
@@ -208,12 +208,12 @@ flaps_are_counted() {
 
 darken() { dd if=/dev/zero of=$cages/cage$1/a2 bs=1 seek=104 count=2 conv=notrunc 2>/dev/null; } # CAGE
 
-fell_at=0 # since boot, when the last deed of a fall was done
+fell_at=0 # seconds since boot, when the last step of a fall was done
 
-# What falls within ten seconds of an earlier fall goes into its record.
+# A fall within ten seconds of another one is added to that record.
 burst_is_over() { [ $(($(seconds) - fell_at)) -gt 10 ]; }
 
-light_age() { # PORT: of its value, in whole seconds
+light_age() { # PORT: age of its value, in whole seconds
     teskctl --json module "$1" | tr -d ' \n' | sed 's/.*"rx_power":{[^{}]*"age_s":\([0-9]*\).*/\1/'
 }
 
@@ -224,7 +224,7 @@ explains() { # PORT VERDICT
     set_cage "${3:-$1}" carrier 1
 }
 
-# The kernel may tell of both at once.
+# The kernel may report both at once.
 is_uncertain() {
     verdict=$(teskctl why "$1" --last 1)
     case $verdict in
@@ -233,7 +233,7 @@ is_uncertain() {
     esac
 }
 
-# Ports 0, 1, 2 and 5 are up, with modules that receive light, for some readings.
+# Ports 0, 1, 2 and 5 are up, their modules receive light, and some readings were made.
 all_is_well() {
     for cage in 0 1 2 4; do
         put $cages/cage$cage made-sfp
@@ -248,7 +248,7 @@ all_is_well() {
     for port in 0 1 2 5; do
         check "port $port is well" await light_was_read_since $port "$well_at"
     done
-    usleep 1200000 # a carrier is told up to a second late: the reading must be older
+    usleep 1200000 # a lost carrier is reported up to a second late: the reading must be older
     check "no fall goes on" await burst_is_over
 }
 
@@ -256,7 +256,7 @@ falls_are_explained() {
     all_is_well
     ip link set cage0 down
     darken 1 && set_cage 1 carrier 0
-    set_cage 2 ext_state 1 && set_cage 2 ext_substate 1 # training, without a lock on its frames
+    set_cage 2 ext_state 1 && set_cage 2 ext_substate 1 # link training, without frame lock
     set_cage 2 carrier 0
     unshare -n sleep 4 &
     usleep 100000
@@ -265,9 +265,9 @@ falls_are_explained() {
     explains 0 "set down, likely"
     explains 1 "light lost, likely"
     explains 2 "negotiation failed, likely"
-    explains 5 "interface moved, " 4 # likely where the kernel takes long
+    explains 5 "interface moved, " 4 # likely if the kernel is slow
 
-    wait $! # the kernel gives the interface back
+    wait $! # the kernel returns the interface
     all_is_well
     set_cage 0 present 0 && set_cage 0 carrier 0
     set_cage 1 ext_state 1 && set_cage 1 ext_substate 4 && set_cage 1 carrier 0
@@ -302,16 +302,16 @@ falls_are_explained() {
 was_counted() { [ "$(cat $cages/cage1/counter_reads)" -ge "$1" ]; } # TIMES
 is_counted() { await was_counted "$1" || await was_counted "$1"; }
 
-# Errors on port 1, counted twice before it falls; FEC of port 2 is changed just before it falls, and
-# the driver of port 6 leaves.
+# Port 1 has errors, counted twice before it falls; FEC of port 2 is changed just before it falls, and the
+# driver leaves port 6.
 shown_by_the_driver() {
     all_is_well
-    sleep 3 # so that port 1 has been up for long enough
+    sleep 3 # so that port 1 is up for long enough
     set_cage 1 counter_reads 0
     check "the driver of port 1 is asked for its counters" is_counted 1
     set_cage 1 fec_uncorrectable 12
     check "and again" is_counted 2
-    usleep 1500000 # a carrier is told up to a second late
+    usleep 1500000 # a lost carrier is reported up to a second late
     set_cage 1 fec_uncorrectable 9000
     set_cage 1 carrier 0
     ethtool --set-fec cage2 encoding baser
@@ -321,7 +321,7 @@ shown_by_the_driver() {
     check "by what came before the fall" says "12 blocks couldn't be corrected" teskctl why 1 --last 1
     explains 2 "settings differ, likely"
     check "and its error is named" says "The driver reported an error: fw_fatal." teskctl why 2 --last 1
-    usleep 2000000 # the message about port 6 tells of nothing that was before
+    usleep 2000000 # so that messages about port 6 are not taken for earlier ones
     echo cageports.3 >/sys/bus/platform/drivers/cageports/unbind
     explains 6 "driver gone, likely" 3
     put $cages/cage0 made-other-sfp
@@ -353,8 +353,8 @@ compare() { # INTERFACE IMAGE PORT..
     as $server_user "" compare_module "$@" </tmp/ethtool
 }
 
-# Ports 2 and 5 have the same module, the one by page, the other by the operations of older drivers,
-# which reach no pages beyond 3.
+# Ports 2 and 5 have the same module: one is read by page, the other by the operations of older drivers, which
+# reach no page above 3.
 compare_image() { # IMAGE
     put $cages/cage2 "$1"
     put $cages/cage4 "$1"
@@ -365,7 +365,7 @@ compare_image() { # IMAGE
     cat /tmp/check
 }
 
-# The module of port 2 whole, on one line.
+# The whole output about the module of port 2, on one line.
 module_says() { says "$1" sh -c 'teskctl --json module 2 | tr -d " \n"'; } # TEXT
 
 a_module_is_shown_whole() {
@@ -376,7 +376,7 @@ a_module_is_shown_whole() {
     check "their limits" module_says '"rx_power":{"state":"valid","low_alarm":'
     check "its versatile diagnostics" await module_says '"kind":"snr","side":"host","lane":3,"value":20.0'
     check "with limits" module_says '"low_alarm":0.0,"low_warning":0.0,"high_warning":1e-10,"high_alarm":0.0001'
-    set_cage 2 error 16 # EBUSY, as while its firmware is updated
+    set_cage 2 error 16 # EBUSY, as during an update of the firmware
     check "a module whose firmware is updated is busy" await module_says '"value":null,"state":"busy"'
     check "and keeps its identity" module_says '"serial":"C001"'
     check "which is no failure" module_says '"failures":0,"errors":[]'
@@ -385,7 +385,7 @@ a_module_is_shown_whole() {
     check "those of before" module_says '"kind":"snr","side":"host","lane":3,"value":20.0'
 }
 
-# It has asked the kernel what it can do, and confined itself.
+# The reader has tested what the kernel supports, and has confined itself.
 reader_is_ready() { grep -q "Seccomp:	2" "/proc/$(pidof tesk-module-reader)/status"; }
 
 compare_with_ethtool() {
@@ -397,7 +397,7 @@ compare_with_ethtool() {
     done
     check "beside the sfp driver, by i2c-dev" compare sfp1 made-sfp 4
 
-    # A kernel that can't read modules by netlink: the reader turns to the ioctl.
+    # A kernel that can't read modules by netlink: the reader uses the ioctl.
     echo 1 >$cages/no_netlink
     stop_reader
     start_reader ,+net_admin

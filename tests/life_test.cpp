@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Start, failed starts, stop: the unchanged executable on scripted libraries, and the ends of a
-   process that a broken mutex brings about. */
+/* Start, failed starts and stop of the unchanged executable on scripted libraries, and the end of a
+   process caused by a broken mutex. */
 #include "tesk_server/tesk_client_data.h"
 #include "testkit/fake_platform/client_fixture.h"
 
@@ -32,8 +32,8 @@ static void stop_process(pid_t process)
     kill(process, SIGTERM);
 }
 
-/* Runs the executable. `stop` is called when the line `stop_at` and that of the event thread, which
-   may be the one that a signal hits, have come. */
+/* Runs the executable. `stop` is called when the line `stop_at` and the line of the event thread
+   were logged; a signal may be delivered to either thread. */
 static outcome run_server(const char *failing, const std::string &stop_at, bool pending = false,
                           void (*stop)(pid_t process) = stop_process)
 {
@@ -64,7 +64,7 @@ static outcome run_server(const char *failing, const std::string &stop_at, bool 
     while (fgets(line, sizeof(line), stream) != nullptr) {
         std::string text(line, strcspn(line, "\n"));
         if (text == "thread tesk-s-dolm-e")
-            thread_started = true; /* beside the main thread, at any place of the log */
+            thread_started = true; /* logged in parallel, so at any place */
         else
             result.log.push_back(text);
         if (thread_started && !result.log.empty() && result.log.back() == stop_at)
@@ -83,8 +83,8 @@ static lines operator+(lines left, const lines &right)
     return left;
 }
 
-/* Only SIGTERM and SIGINT are open, in both threads. ThreadSanitizer has a thread of its own, with
-   the name of the process. */
+/* Both threads block all signals but SIGTERM and SIGINT. ThreadSanitizer has a thread of its own,
+   with the name of the process. */
 static void stop_event_thread(pid_t process)
 {
     std::map<std::string, pid_t> threads;
@@ -161,14 +161,14 @@ TEST(process, starts_and_stops_in_order_or_reports_why_it_ends)
             expected = expected + lines(failed, starting.end()) +
                        lines{"[4] Received signal 15, terminating..."};
         expected = expected + (status == 242 ? without_hardware : stopping);
-        if (started == 1) /* the mask is not set yet */
+        if (started == 1) /* the mask isn't set yet */
             expected.pop_back();
         EXPECT_EQ(run.log, expected);
         EXPECT_EQ(run.status, status);
     }
 }
 
-/* The linker sends the server's own calls here. */
+/* The linker redirects the server's calls to these. */
 static bool lock_fails, unlock_fails;
 static bool was_queue_open_at_join;
 static std::deque<int (*)(epoll_event *events)> wake_ups;
@@ -227,12 +227,12 @@ TEST_F(life, a_broken_mutex_ends_the_process)
         EXPECT_EXIT((lock_fails = true, use()), testing::ExitedWithCode(255), "");
         EXPECT_EXIT((unlock_fails = true, use()), testing::ExitedWithCode(254), "");
     }
-    /* Neither is held when an operation has returned. */
+    /* No mutex is locked when an operation has returned. */
     tesk_client_data_reset();
     free(tesk_event_queue_take_all());
 }
 
-/* While the library shuts down, its thread still has a queue to put events into. */
+/* While the library shuts down, its thread can still add events to the queue. */
 TEST_F(life, the_queue_outlives_the_event_thread)
 {
     fake_platform::last_events = {port_event(3, 1), link_event(3, 2)};
@@ -244,14 +244,14 @@ TEST_F(life, the_queue_outlives_the_event_thread)
     start({});
     pollfd fd = {tesk_event_queue_get_fd(), POLLIN, 0};
     EXPECT_EQ(poll(&fd, 1, 0), 0) << "nothing is left of the events at the end";
-    /* A wait that fails while the library stops ends the thread, too. */
+    /* If a wait fails while the library stops, the thread ends, too. */
     fake_platform::last_wait = DOLM_RICERR_SHUTDOWN;
     tesk_server_shutdown();
     EXPECT_EQ(fake_platform::freed_events(), 0);
 }
 
-/* An interrupted wait is repeated; of the two events of one wake-up the second is not handled once
-   the first has stopped the server. */
+/* An interrupted wait is repeated; if the first of two events of one wake-up stops the server, the
+   second isn't handled. */
 TEST_F(life, the_loop_ends_with_the_exit_signal_and_handles_nothing_after_it)
 {
     tesk_server_shutdown();

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Links of the Linux board without a kernel: netlink messages, and the events that reports give. */
+/* Links of the Linux board without a kernel: netlink messages, and the events that reports
+   cause. */
 #include "platform/dolm_ric/linux/error_counters.h"
 #include "platform/dolm_ric/linux/fall_looks.h"
 #include "platform/dolm_ric/linux/kernel_notes.h"
@@ -26,7 +27,7 @@ static constexpr unsigned up_flags = IFF_UP | IFF_LOWER_UP | IFF_RUNNING;
 namespace
 {
 
-/* Events as text: s(topped), d(own), u(p); i and the index for another interface. */
+/* Events as text: s(topped), d(own), u(p); i and the index when a port gets another interface. */
 struct recorder final : link_listener {
     void link_changed(uint32_t, const link_values &now) override
     {
@@ -63,7 +64,7 @@ struct link_table_test : testing::Test {
     {
         table.add(4, [](const link_report &report) { return report.name == "eth0"; });
     }
-    /* The events of one report. */
+    /* The events that one report causes. */
     std::string take(const link_report &report,
                      link_table::origin from = link_table::origin::notice)
     {
@@ -113,7 +114,7 @@ TEST(netlink_test, messages_and_attributes_end_where_a_length_is_wrong)
         netlink::without_header(whole.subspan(sizeof(nlmsghdr)), sizeof(ifinfomsg));
     for (const uint16_t length : std::array<uint16_t, 3>{0, 3, 200}) {
         std::vector<uint8_t> bad(attributes.begin(), attributes.end());
-        memcpy(&bad[8], &length, sizeof(length)); /* of the second attribute */
+        memcpy(&bad[8], &length, sizeof(length)); /* length of the second attribute */
         EXPECT_EQ(4u, netlink::find_attribute(bad, IFLA_CARRIER_DOWN_COUNT).size());
         EXPECT_TRUE(netlink::find_attribute(bad, IFLA_IFNAME).empty()) << length;
     }
@@ -403,7 +404,7 @@ TEST(error_counters_test, counters_are_taken_from_each_answer)
 }
 
 /* A link of 10 Gbit/s with RS-FEC that fell in second 1000, by its samples of corrected bits and of
-   blocks that couldn't be corrected. */
+   uncorrectable blocks. */
 TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
 {
     struct sample {
@@ -414,7 +415,7 @@ TEST(error_counters_test, a_minute_is_told_only_as_far_as_it_is_known)
         const char *name;
         int64_t up_since;
         std::vector<sample> samples;
-        std::string told; /* blocks, seconds, error ratio */
+        std::string told; /* blocks, seconds, error ratio; as text */
     } minutes[] = {
         {"errors rose before",
          500,

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The poller of the Linux board's modules, on modules and a clock of the test's own. */
+/* The poller of the Linux board's modules, with modules and a clock of the test's own. */
 
 #include "platform/dolm_ric/linux/decode/module_details.h"
 #include "platform/dolm_ric/linux/module_files.h"
@@ -31,7 +31,7 @@ using module_images::module_with_serial;
 
 static constexpr int32_t index_of_port_0 = 100;
 
-/* So much is our clock ahead of the system's. */
+/* How far the test's clock is ahead of the system's. */
 static seconds ahead{0};
 
 extern "C" int clock_gettime(clockid_t clock, timespec *now)
@@ -46,14 +46,14 @@ namespace
 
 struct cage {
     std::optional<module_images::image> module = {};
-    int error = 0;    /* of every reading */
-    int a2_error = 0; /* of every reading at 0x51 */
+    int error = 0;    /* errno of every reading */
+    int a2_error = 0; /* errno of every reading at 0x51 */
     uint8_t page = 0, bank = 0;
-    uint32_t page_errors_left = 0; /* EIO of that page, so often */
-    int errors_left = 0;           /* ENXIO, so often */
-    int garbled_left = 0;          /* other bytes, so often */
-    milliseconds cost{0};          /* of a reading */
-    int32_t moved = 0;             /* the interface has another index, by so much */
+    uint32_t page_errors_left = 0; /* so many readings of that page fail with EIO */
+    int errors_left = 0;           /* so many readings fail with ENXIO */
+    int garbled_left = 0;          /* so many readings return other bytes */
+    milliseconds cost{0};          /* duration of a reading */
+    int32_t moved = 0;             /* added to the index of the interface */
     uint32_t readings = 0;
 };
 
@@ -120,7 +120,7 @@ struct linux_modules_test : testing::Test, module_listener {
         poller->add(port, needs_reader);
         poller->set_interface(port, index_of_port_0 + static_cast<int32_t>(port));
     }
-    /* Carries out what is due in that time. */
+    /* Makes the readings that are due in that time. */
     void pass(module_poller::duration time)
     {
         const time_point end = modules.now + time;
@@ -132,7 +132,7 @@ struct linux_modules_test : testing::Test, module_listener {
         }
         modules.now = std::max(modules.now, end);
     }
-    /* What was reported meanwhile: a(bsent), n(ot ready), r(eady), then the serial number. */
+    /* The reports in that time: a(bsent), n(ot ready), r(eady) with the serial number. */
     std::string news_in(module_poller::duration time)
     {
         news.clear();
@@ -306,7 +306,7 @@ TEST_F(linux_modules_test, details_keep_values_over_a_failure_and_tell_why_a_mod
 TEST_F(linux_modules_test, what_a_page_gave_before_it_failed_counts_for_15_s)
 {
     module_images::image module = module_images::cmis_with_vdm();
-    module.a0[128 + 158] = 0x02; /* tells of LOS */
+    module.a0[128 + 158] = 0x02; /* the module reports LOS */
     module_images::put_page_sums(module.a0);
     module.a0[0x10 * 128 + 130] = 1; /* the host has switched lane 0 off */
     module_images::put16(module.lanes[0], 154, 0);
@@ -383,7 +383,8 @@ TEST_F(linux_modules_test, a_module_that_the_kernel_keeps_for_itself_is_left_alo
     EXPECT_EQ("r0001", news_in(seconds(3)));
 }
 
-/* Another tool may have changed what is read once only, as the version that is not active. */
+/* Another tool may have changed bytes that are read only once, such as the version of the inactive
+   firmware. */
 TEST_F(linux_modules_test, a_leased_module_is_kept_and_then_read_as_a_whole)
 {
     for (const int error : {module_is_leased, EBUSY}) {
@@ -482,7 +483,7 @@ TEST_F(linux_modules_test, values_of_another_module_are_not_taken)
     const double before = values[0];
     module_images::image other = module_with_serial("0002");
     module_images::put16(other.a2, 96, 90 * 256);
-    other.a0[0] = 0; /* nor is the other one ready yet */
+    other.a0[0] = 0; /* the other module isn't ready yet, either */
     modules.ports[0].module = other;
     pass(milliseconds(1000));
     poller->diagnostics_wanted(0);
@@ -621,7 +622,7 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     const std::string path = place.path + "/reader";
     const util::descriptor listener = util::listen_at(path, SOCK_SEQPACKET, 0600, getegid(), 1);
     ASSERT_TRUE(listener.is_open());
-    const timeval patience = {5, 0}; /* of accept, where no one connects */
+    const timeval patience = {5, 0}; /* timeout of accept, if nobody connects */
     setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     worker stopped;
     reader_client client(path, stopped.stop_fd());
@@ -654,7 +655,7 @@ TEST_F(linux_modules_test, a_reader_that_answers_badly_or_not_is_left)
     pollfd waiting = {listener.get(), POLLIN, 0};
     EXPECT_EQ(0, poll(&waiting, 1, 0)) << "no third try at once";
     for (const seconds pause : {seconds(60), seconds(60), seconds(2)}) {
-        ahead += pause; /* the last one is the shortest pause: an answer ends the longer ones */
+        ahead += pause; /* the last pause is the shortest: an answer ends the longer ones */
         EXPECT_EQ("5 0 300 96", ask(2 * sizeof(reader_answer)));
         client.read({&hung_up, 1});
     }

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The Linux board on real network interfaces, in a network namespace of each test's own. Tests are
-   skipped where the system doesn't permit one, and those of taps without /dev/net/tun. */
+   skipped if the system permits no namespace, and tests of taps without /dev/net/tun. */
 #include "platform/dolm_ric/dolm_ric.h"
 #include "platform/dolm_ric/linux/link_follower.h"
 #include "tesk_server/tesk_signals.h"
@@ -34,7 +34,7 @@ static constexpr uint32_t up = DOLM_RICRILINKSTATE_OPERATIONAL;
 namespace
 {
 
-/* What a follower reports of one port; its events as in "sdu". */
+/* Records what a follower reports about one port; events are letters as in "sdu". */
 struct watcher final : linux_board::follower_listener {
     void link_changed(uint32_t, const link_values &now) override
     {
@@ -67,7 +67,7 @@ struct watcher final : linux_board::follower_listener {
         changed.notify_all();
         changed.wait(guard, [&] { return !is_held; });
     }
-    /* Between the two the follower's thread takes no notices, once it has stopped. */
+    /* Between hold(true) and hold(false) the follower's thread, once stopped, reads no notices. */
     void hold(bool held)
     {
         const std::lock_guard guard(lock);
@@ -115,7 +115,7 @@ struct linux_network_test : testing::Test {
             GTEST_SKIP() << "no namespaces of its own for this user";
         net = std::make_unique<testkit::network>();
     }
-    /* A pair whose first is port 1. */
+    /* Creates a pair whose first interface is port 1. */
     void follow(const std::string &name, int buffer = 1 << 20)
     {
         follower = std::make_unique<linux_board::link_follower>(seen, buffer);
@@ -128,7 +128,7 @@ struct linux_network_test : testing::Test {
         net->start("a0");
         net->start("a1");
     }
-    /* A tap that is followed and up; nullptr for a user who may have none. */
+    /* Creates a tap that is followed and up; nullptr if the user may not create taps. */
     std::unique_ptr<testkit::tap> follow_tap()
     {
         std::unique_ptr<testkit::tap> tap;
@@ -151,7 +151,7 @@ struct linux_network_test : testing::Test {
 
 } // namespace
 
-/* Questions about FEC wait until this one has seen a rise, as if their driver were slow. */
+/* Requests for FEC wait until this watcher has seen a rise, as with a slow driver. */
 static std::atomic<watcher *> first_told{nullptr};
 
 extern "C" ssize_t send(int fd, const void *data, size_t size, int flags)
@@ -193,10 +193,10 @@ TEST_F(linux_network_test, every_flap_of_a_tap_is_counted_though_the_kernel_merg
         tap->set_carrier(false);
         tap->set_carrier(true);
         if (flap % 100 == 0)
-            follower->refresh(1); /* which finds new falls each time */
+            follower->refresh(1); /* each refresh finds new falls */
     }
     tap->set_carrier(false);
-    /* The state is down in the middle of a batch, too. */
+    /* The state is also down in the middle of a batch. */
     seen.await([&] {
         return seen.falls == flaps + 1 && seen.values.state == down && seen.events.size() >= 9;
     });
@@ -207,7 +207,7 @@ TEST_F(linux_network_test, every_flap_of_a_tap_is_counted_though_the_kernel_merg
 TEST_F(linux_network_test, no_flap_is_lost_when_the_socket_overruns)
 {
     add_started_pair();
-    follow("a0", 1); /* the smallest buffer there is */
+    follow("a0", 1); /* the smallest possible buffer */
     seen.await_state(up);
     constexpr uint64_t flaps = 100;
     const auto flap_while_held = [&] {
@@ -223,7 +223,7 @@ TEST_F(linux_network_test, no_flap_is_lost_when_the_socket_overruns)
     seen.hold(false);
     seen.await([&] { return seen.falls == flaps && seen.values.state == up; });
     EXPECT_GT(follower->losses(), 0u);
-    /* The kernel may report the last rise late, but a removal just once. */
+    /* The kernel may delay the report of the last rise, but not that of a removal. */
     flap_while_held();
     net->remove("a0");
     seen.hold(false);
@@ -246,12 +246,12 @@ TEST_F(linux_network_test, a_port_follows_what_is_done_to_its_interface)
     seen.await([&] { return seen.name == "b0"; });
     net->add_pair("a0", "c1");
     net->start("c1");
-    net->start("a0"); /* another interface, which is no port's */
+    net->start("a0"); /* another interface, which isn't a port */
     net->start("b0");
     seen.await_state(down);
     net->start("a1");
     seen.await_state(up);
-    net->remove("b0"); /* now the name is free for the other one */
+    net->remove("b0"); /* now the other interface can take the name */
     seen.await([&] { return seen.name.empty(); });
     net->start("a0", false);
     net->start("a0");
@@ -263,7 +263,7 @@ TEST_F(linux_network_test, a_read_asks_the_kernel_afresh)
     const auto tap = follow_tap();
     if (!tap)
         GTEST_SKIP() << "no taps for this user";
-    /* The kernel has just sent a message, and holds the next one back for up to a second. */
+    /* The kernel has just sent a message, and may delay the next one for up to a second. */
     tap->set_carrier(false);
     seen.await_state(down);
     tap->set_carrier(true);
@@ -298,7 +298,7 @@ struct linux_server_test : linux_network_test {
                                 -1, journal);
         do {
             client = std::make_unique<testkit::test_client>();
-        } while (client->located != 0); /* the mailbox isn't there yet */
+        } while (client->located != 0); /* the mailbox doesn't exist yet */
         reference = client->connect(77);
     }
     void subscribe(uint32_t port)
@@ -353,9 +353,9 @@ TEST_F(linux_server_test, a_replaced_configuration_adds_ports_and_moves_none)
     EXPECT_EQ("2@100", next());
 }
 
-/* Pairs of interfaces, both of them ports: what is done, and the causes that their two records may
-   have. The kernel may take long from setting an interface down to its leaving; "not known" is
-   never wrong. */
+/* Pairs of interfaces, both ends of which are ports: an action, and the causes that the two records
+   may have. The kernel may need long between setting an interface down and its departure; "not
+   known" is never wrong. */
 TEST_F(linux_server_test, what_is_done_to_a_pair_is_the_cause_at_the_end_where_it_is_done)
 {
     using deed = void (*)(testkit::network &, const std::string &here, const std::string &there);
@@ -404,7 +404,7 @@ TEST_F(linux_server_test, what_is_done_to_a_pair_is_the_cause_at_the_end_where_i
     EXPECT_NE(told.find(": set down, likely, remote, administration"), std::string::npos) << told;
 }
 
-/* Each end of the pair is a port 0, of a server of its own. */
+/* Each end of the pair is port 0 of a server of its own. */
 TEST_F(linux_server_test, two_servers_are_two_ends_of_one_fall)
 {
     net->add_pair("a0", "a1");

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk-module-reader: which requests it carries out, and the process as it ships. */
+/* tesk-module-reader: the requests that it accepts, and the process as it ships. */
 #include "platform/linux_interfaces/module_leases.h"
 #include "tesk_module_reader/requests.h"
 #include "testkit/network/network.h"
@@ -97,7 +97,7 @@ struct reader_process_test : testing::Test {
                                  ends[1], log);
         close(ends[1]);
     }
-    /* The error of a one-byte reading; -1 if the reader hangs up. */
+    /* The errno of a one-byte reading; -1 if the reader disconnects. */
     int ask(uint16_t port) const
     {
         const reader_request request = {port, 0x50, 0, 0, 0, 1, 0};
@@ -218,7 +218,7 @@ TEST_F(reader_process_test, a_passed_socket_lets_in_its_owner_alone)
             {"/bin/sh", "-c", std::string("LISTEN_FDS=1 LISTEN_PID=$$ exec ") + program},
             {"DOLM_RIC_PORTS=" + config}, listener.get(), log);
         EXPECT_EQ(owner == getuid() ? ENOENT : -1, ask(0));
-        if (owner == getuid()) { /* a reader whose last client has left lets in nobody */
+        if (owner == getuid()) { /* a reader whose last client has left accepts no other */
             kill(process, SIGSTOP);
             waitpid(process, nullptr, WUNTRACED);
             close(client);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The modules of libmbx by themselves, with plain memory and eventfds: records in a ring, backlogs,
-   the inbox and whose turn it is, accounts, the closing thread, and the waker. */
+/* The parts of libmbx alone, with plain memory and eventfds: records in a ring, backlogs, the inbox
+   and its order, accounts, the closing thread, and the waker. */
 #include "platform/mbx/mbx_account.h"
 #include "platform/mbx/mbx_connection.h"
 #include "platform/mbx/mbx_inbox.h"
@@ -39,7 +39,8 @@ struct ring : testing::Test {
         data[size - 1] ^= size > 4 ? 0x5a : 0;
         return is_sent;
     }
-    /* The size of the next one, which must bear that value; 0 if there is none. */
+    /* Removes the next record, whose bytes must have that value, and returns its size; 0 if there
+       is none. */
     uint32_t pop(uint32_t value)
     {
         block *b = receive_block(in);
@@ -140,7 +141,7 @@ TEST_F(ring, a_receiver_that_takes_back_what_it_has_taken_changes_nothing)
     while (push(0, 1000)) {
     }
     for (uint32_t tail : {8u, ring_bytes, 0u - 8u, 0x80000000u}) {
-        area->ring(0).words->tail = tail; /* only the first is possible */
+        area->ring(0).words->tail = tail; /* only this first value can occur */
         EXPECT_FALSE(push(0, 1000)) << tail;
     }
 }
@@ -164,7 +165,7 @@ TEST(area, is_taken_only_as_it_is_made)
         EXPECT_FALSE(may_be_bell(bad->get(), other.get()));
 }
 
-/* What it says it holds is what it takes of the heap, and all of that is given back. */
+/* The size that a backlog reports is what it takes of the heap, and all of it is freed. */
 TEST(a_backlog, keeps_the_order_and_counts_what_it_holds)
 {
     backlog waiting;
@@ -177,7 +178,7 @@ TEST(a_backlog, keeps_the_order_and_counts_what_it_holds)
             ASSERT_TRUE(waiting.push({data.data(), size(i)}));
         }
         const size_t taken = mallinfo2().uordblks + mallinfo2().hblkhd - before;
-        if (taken > 0) { /* a sanitizer has a heap of its own */
+        if (taken > 0) { /* a sanitizer uses a heap of its own */
             EXPECT_GE(waiting.memory() + waiting.memory() / 16, taken);
             EXPECT_LE(waiting.memory(), 2 * taken);
         }
@@ -190,13 +191,13 @@ TEST(a_backlog, keeps_the_order_and_counts_what_it_holds)
     }
 }
 
-/* An inbox with senders that ring by hand. */
+/* An inbox; its senders ring when the test lets them. */
 struct turns : testing::Test {
     struct sender {
         std::shared_ptr<mapped_area> area = mapped_area::map(make_area_memory().get());
         record_sender ring{area->ring(0)};
         owned_fd bell = make_bell();
-        source *there = nullptr; /* in the inbox */
+        source *there = nullptr; /* present in the inbox */
         bool is_watched = false;
     };
     inbox in;
@@ -347,7 +348,7 @@ TEST(accounts, leave_half_of_what_is_left_to_the_next_and_know_who_holds_most)
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
-/* A TCP socket with data that its peer does not read, whose close takes a quarter of a minute. */
+/* A TCP socket with data that its peer doesn't read; close() takes a quarter of a minute. */
 static owned_fd lingering(owned_fd &other)
 {
     const owned_fd listener(socket(AF_INET, SOCK_STREAM, 0));
@@ -389,7 +390,7 @@ TEST(the_closer, lets_nobody_wait_and_refuses_those_who_pass_too_much)
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
 }
 
-/* How often a bell of make_bell has been rung. */
+/* How often a bell made by make_bell was rung. */
 static uint64_t rings_of(int bell)
 {
     std::ifstream info("/proc/self/fdinfo/" + std::to_string(bell));
@@ -430,14 +431,14 @@ TEST(the_waker, rings_each_bell_once_and_waits_for_none)
         for (const owned_fd &copy : copies)
             while (rings_of(copy.get()) == 0 && std::chrono::steady_clock::now() < deadline)
                 std::this_thread::yield();
-        const uint64_t one = 1; /* which no read that was left behind may take */
+        const uint64_t one = 1; /* no abandoned read may consume this */
         EXPECT_EQ(write(empty.get(), &one, sizeof(one)), ssize_t{sizeof(one)});
         stop_waker();
         EXPECT_EQ(UINT64_MAX - 1 - rings_of(empty.get()), one);
         for (const owned_fd &copy : copies)
             EXPECT_EQ(rings_of(copy.get()), 1u);
     }
-    EXPECT_LE(open_fds(), before); /* the closer may still be at work */
+    EXPECT_LE(open_fds(), before); /* the closer may not have finished */
 }
 
 TEST(the_waker, rings_for_connections_that_end_meanwhile)

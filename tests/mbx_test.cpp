@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The mailbox library between real processes: order, exactness of the descriptor, fairness, deaths,
-   bounds, names, fork, and what strangers may try. The test's own process is the server mostly. */
+   limits, names, fork, and attempts of strangers. In most tests the test's own process is the
+   server. */
 #include "platform/mbx/mbx.h"
 #include "testkit/raw_peer.h"
 #include "util/local_socket.h"
@@ -31,7 +32,7 @@
 
 static constexpr uint32_t hello = 1, numbered = 2;
 
-/* A word to and from another process; the end of it counts as 0. */
+/* Sends or receives a word; the end of the connection reads as 0. */
 static void say(int fd, uint32_t word)
 {
     EXPECT_EQ(send(fd, &word, sizeof(word), MSG_NOSIGNAL), ssize_t{sizeof(word)});
@@ -44,7 +45,7 @@ static uint32_t hear(int fd)
     return recv(fd, &word, sizeof(word), 0) == sizeof(word) ? word : 0;
 }
 
-/* A process of its own that runs the function; made before the library is started here. */
+/* A process that runs the function; it is forked before this process starts the library. */
 struct other_process {
     explicit other_process(const std::function<void(int line)> &play)
     {
@@ -62,7 +63,7 @@ struct other_process {
         shutdown(line.get(), SHUT_RDWR);
         EXPECT_EQ(end(), 0);
     }
-    /* Its exit status, -1 after a signal, 0 when that has been asked for already. */
+    /* The exit status of the process, -1 after a signal, 0 if end() was called before. */
     int end()
     {
         int status = 0;
@@ -96,7 +97,7 @@ struct received {
     uint32_t number = 0, sender = 0, size = 0, value = 0;
 };
 
-/* Waits at the descriptor: when that is readable, a reception must not wait. */
+/* Waits for the descriptor: when it is readable, a reception must not block. */
 static received next()
 {
     mbx_signal *s = nullptr;
@@ -142,7 +143,7 @@ struct mbx : testing::Test {
     std::string dir;
 };
 
-/* A client that waits until the server is there, introduces itself and goes on with `play`. */
+/* A client that waits until the server exists, introduces itself and then runs `play`. */
 struct client : other_process {
     explicit client(const std::function<void(int line, uint32_t server)> &play)
         : other_process([&](int its_line) {
@@ -155,7 +156,7 @@ struct client : other_process {
           })
     {
     }
-    /* Lets it in, monitors it, and returns what it is called. */
+    /* Receives the client's introduction, monitors it, and returns its id. */
     uint32_t admit()
     {
         say(line.get(), 1);
@@ -166,7 +167,7 @@ struct client : other_process {
     }
 };
 
-/* Greets as a client would. All the while there must be no signal for us. */
+/* Sends the greeting of a client. No signal must be received meanwhile. */
 static raw_peer raw_client(const std::string &path)
 {
     raw_peer peer(path);
@@ -191,9 +192,9 @@ TEST_F(mbx, signals_arrive_whole_in_order_and_once)
     const uint32_t own = join("server"), id = a.admit();
     for (uint32_t reserved : {0u, MBX_NO_MAILBOX, MBX_OWN_MAILBOX, MBX_ANY_SENDER, own})
         EXPECT_NE(id, reserved);
-    hear(a.line.get()); /* all are sent, most of them wait in the client */
+    hear(a.line.get()); /* all are sent; most are still in the client's backlog */
     for (uint32_t i = 0; i < count; i++) {
-        if (i == 500) /* to one who has taken leave and still has something to hand over */
+        if (i == 500) /* to a mailbox that was deleted and still delivers its backlog */
             send_number(id, hello);
         const received r = next();
         ASSERT_EQ(r.number, numbered);
@@ -205,7 +206,7 @@ TEST_F(mbx, signals_arrive_whole_in_order_and_once)
     expect_nothing();
 }
 
-/* Its next message must be the end of the connection. */
+/* The connection must end without a further message. */
 static void expect_end(raw_peer &peer)
 {
     char byte;
@@ -218,13 +219,13 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
     join("server");
     const std::string path = dir + "/server";
     const owned_fd silent = util::connect_to(path, SOCK_SEQPACKET);
-    /* What may be done to a fresh connection, and to a greeted one. */
+    /* Things that can be done to a new connection, and to a greeted one. */
     using deed = void(raw_peer & fresh, raw_peer & greeted);
     static deed *const acts[] = {
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "nonsense", 8, MSG_NOSIGNAL); },
         [](raw_peer &fresh, raw_peer &) { send(fresh.control.get(), "", 0, MSG_NOSIGNAL); },
         [](raw_peer &fresh, raw_peer &) {
-            const int may_pass = 1; /* a kernel that knows the option refuses */
+            const int may_pass = 1; /* with this option the kernel refuses */
             const bool is_refused =
                 setsockopt(fresh.control.get(), SOL_SOCKET, 83, &may_pass, sizeof(may_pass)) == 0;
             EXPECT_EQ(fresh.pass({STDERR_FILENO}) < 0, is_refused);
@@ -241,7 +242,7 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
             EXPECT_EQ(write(greeted.near_bell.get(), &back_and_forth, 8), -1);
             greeted.area.reset();
         },
-        [](raw_peer &, raw_peer &greeted) { /* seen only by the sender into the other ring */
+        [](raw_peer &, raw_peer &greeted) { /* only the sender into the other ring notices */
                                             greeted.from_mailbox().armed = 1;
                                             greeted.from_mailbox().tail = 0x7ffffff8;
                                             greeted.from_mailbox().wants_room = 7;
@@ -252,11 +253,11 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
                 raw_peer greeted = raw_client(path), fresh(path);
                 act(fresh, greeted);
             }
-            /* Another's greeting is answered when what came before it has been looked at. */
+            /* The answer to another greeting shows that everything before it was handled. */
             raw_client(path);
             EXPECT_FALSE(is_readable(mbx_get_fd(), 0)) << "act " << &act - acts;
         }
-    /* What is too short for a number is a signal, too. */
+    /* Bytes that are too few for a number are a signal, too. */
     for (const std::string bytes : {"", "abc"}) {
         raw_peer peer = raw_client(path);
         peer.send_signal(bytes.data(), static_cast<uint32_t>(bytes.size()));
@@ -267,8 +268,8 @@ TEST_F(mbx, a_stranger_never_wakes_the_owner)
     expect_nothing();
 }
 
-/* Of three clients in turn one has a child by fork, and one a child by a bare system call, which
-   the library doesn't see. */
+/* Three clients in turn: one has a child by fork, one a child by a bare system call, which the
+   library doesn't see. */
 TEST_F(mbx, a_killed_mailbox_is_told_after_its_last_signal_though_a_child_of_it_lives)
 {
     std::deque<client> clients;
@@ -318,7 +319,7 @@ static long processor_ms()
     return used.tv_sec * 1000 + used.tv_nsec / 1000000;
 }
 
-/* Takes a signal by its numbers, each a filter's, and its sender; 0 when none comes in time. */
+/* Receives a signal with one of these numbers, from that sender; 0 if none is received in time. */
 static uint32_t take(std::vector<uint32_t> numbers, int timeout_ms, uint32_t sender)
 {
     numbers.insert(numbers.begin(), static_cast<uint32_t>(numbers.size()));
@@ -462,7 +463,7 @@ TEST_F(mbx, who_never_reads_is_given_up_at_the_bound_and_misses_nothing_before_i
             send_number(id, numbered, sent++, 40000);
         expect_notice(next(), id);
         EXPECT_GT(sent * 40000u, 7u << 20);
-        EXPECT_LE((sent - 1) * 40000u, 8u << 20); /* the last one ended it */
+        EXPECT_LE((sent - 1) * 40000u, 8u << 20); /* the last one ended the connection */
         say(a.line.get(), 1);
     }
 }
@@ -488,7 +489,7 @@ TEST_F(mbx, of_many_that_take_a_dead_ones_name_over_one_gets_it)
     }
     if (getuid() != 0)
         return;
-    /* Root was the last one; it goes to whom the directory belongs to as well. */
+    /* The last user was root; the directory's owner gets access as well. */
     chmod(std::filesystem::path(dir).parent_path().c_str(), 0755);
     EXPECT_EQ(chown(dir.c_str(), 4711, 4711), 0);
     other_process root([](int line) { say(line, join("server")), hear(line); });
@@ -534,8 +535,8 @@ TEST_F(mbx, of_two_connections_that_cross_one_survives)
     play(b.line.get(), "a", "b");
 }
 
-/* Receives until the descriptor is quiet; all of it must come from that sender, and fit. Returns
-   how many there were. */
+/* Receives until the descriptor is no longer readable; all signals must be valid and from that
+   sender. Returns their number. */
 static size_t receive_all_from(uint32_t sender)
 {
     size_t count = 0;
@@ -547,7 +548,7 @@ static size_t receive_all_from(uint32_t sender)
     return count;
 }
 
-/* A signal from that peer, received. Returns its sender. */
+/* Sends a signal from that peer and receives it. Returns the sender's id. */
 static uint32_t heard_from(raw_peer &peer, uint32_t number)
 {
     peer.send_signal(&number, sizeof(number));
@@ -556,7 +557,7 @@ static uint32_t heard_from(raw_peer &peer, uint32_t number)
     return r.sender;
 }
 
-/* It has something unread at any time, and reads all within the time. */
+/* The peer always has unread signals, and reads all of them in time. */
 TEST_F(mbx, when_too_much_is_held_who_reads_on_is_not_cut_off)
 {
     join("server");
@@ -594,7 +595,7 @@ TEST_F(mbx, what_a_peer_does_to_the_shared_memory_and_the_bell_harms_only_itself
     const uint32_t witness_id = heard_from(witness, 1);
     struct row {
         const char *what;
-        bool ends; /* the connection, with an empty signal */
+        bool ends; /* the process ends the connection, with an empty signal */
         std::function<void(raw_peer &p)> act;
     };
     const auto move_head = [](uint32_t bytes) {
@@ -647,7 +648,7 @@ TEST_F(mbx, what_a_peer_does_to_the_shared_memory_and_the_bell_harms_only_itself
         r.act(peer);
         EXPECT_EQ(receive_all_from(id), r.ends ? 1u : 0u);
         for (uint32_t i = 0; i < 20; i++)
-            send_number(id, numbered, i, 40000); /* must not wait */
+            send_number(id, numbered, i, 40000); /* must not block */
         EXPECT_EQ(heard_from(witness, 3), witness_id);
         char byte;
         EXPECT_EQ(recv(peer.control.get(), &byte, 1, MSG_DONTWAIT), r.ends ? 0 : -1);
@@ -664,7 +665,7 @@ static size_t open_sockets()
     }));
 }
 
-/* Within the deadline. */
+/* Within the deadline the number of open sockets must be `count`. */
 static void expect_open_sockets(size_t count)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -673,7 +674,7 @@ static void expect_open_sockets(size_t count)
     EXPECT_EQ(open_sockets(), count);
 }
 
-/* Longer than two looks at those that have ended. */
+/* The number of open sockets must stay for longer than two looks at ended peers. */
 static void expect_open_sockets_stay(size_t count)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(600);
@@ -691,24 +692,24 @@ TEST_F(mbx, what_a_peer_keeps_after_its_end_counts_until_it_lets_go)
     mapping.answer.fds.clear();
     heard_from(mapping, 1);
     mapping.control.reset();
-    while (mapping.to_mailbox().head != 0) /* until the first page is given back */
+    while (mapping.to_mailbox().head != 0) /* until the first page is released */
         std::this_thread::yield();
     unread.say_hello();
     EXPECT_TRUE(is_readable(unread.control.get()));
     send(unread.control.get(), "x", 1, 0);
-    raw_client(dir + "/server"); /* ends at once, after the others */
+    raw_client(dir + "/server"); /* ends at once, but after the others */
     expect_open_sockets(idle + 3);
     mapping.area.reset();
     unread.control.reset();
     expect_open_sockets(idle + 1);
     path.reset();
     mapping.near_bell.reset();
-    expect_open_sockets_stay(idle + 1); /* for the other bell */
+    expect_open_sockets_stay(idle + 1); /* until the other bell is closed */
     mapping.far_bell.reset();
     expect_open_sockets(idle);
 }
 
-#ifndef __SANITIZE_THREAD__ /* which sees that the peer is a thread here, and races with us */
+#ifndef __SANITIZE_THREAD__ /* it sees that the peer is a thread here, and races */
 TEST_F(mbx, a_peer_may_change_every_word_at_any_time)
 {
     join("server");
@@ -743,9 +744,9 @@ TEST_F(mbx, a_peer_may_change_every_word_at_any_time)
 
 #endif
 
-#if !defined(__SANITIZE_ADDRESS__) &&                                                              \
-    !defined(__SANITIZE_THREAD__) /* which take memory themselves */
-/* Memory that is really ours at the moment, in KiB. */
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) /* sanitizers use memory, too  \
+                                                                     */
+/* The resident memory of this process, in KiB. */
 static long resident()
 {
     long size, pages;
@@ -753,7 +754,7 @@ static long resident()
     return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-/* At most, within 10 s. */
+/* The resident memory must fall to at most `kib` within 10 s. */
 static void expect_resident(long kib)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -764,7 +765,7 @@ static void expect_resident(long kib)
 
 TEST_F(mbx, pages_of_rings_that_were_read_go_back_while_their_senders_live)
 {
-    constexpr uint32_t peers = 14, bytes = 60000; /* less than is unmapped at once */
+    constexpr uint32_t peers = 14, bytes = 60000; /* less than what is unmapped at once */
     join("server");
     std::deque<raw_peer> all;
     const std::vector<unsigned char> signal(bytes, 1);
@@ -779,7 +780,7 @@ TEST_F(mbx, pages_of_rings_that_were_read_go_back_while_their_senders_live)
         all.push_back(raw_client(dir + "/server"));
     const long idle = resident();
     send_from_all(4);
-    for (raw_peer &peer : all) /* what this side of them has mapped */
+    for (raw_peer &peer : all) /* the pages that this side has mapped */
         madvise(peer.area->ring(0).rest, rest_span, MADV_DONTNEED);
     EXPECT_GT(resident(), idle + 2048);
     expect_resident(idle + 1024);
@@ -834,7 +835,7 @@ TEST_F(mbx, full_rings_deaf_receivers_and_their_end_are_bounded_and_leave_nothin
 
 #endif
 
-/* As on an old kernel or in a sandbox. */
+/* Like an old kernel, or a sandbox. */
 static void refuse_call(uint32_t call)
 {
     sock_filter filter[] = {{BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
@@ -867,12 +868,12 @@ TEST_F(mbx, a_side_that_cannot_ring_wakes_the_other_in_another_way)
     expect_nothing();
 }
 
-/* Peers that receive by the rules and notice each ring of their bells. */
+/* Peers that receive by the rules and count each ring of their bells. */
 struct receivers {
     owned_fd poll{epoll_create1(EPOLL_CLOEXEC)};
     std::vector<std::unique_ptr<raw_peer>> peers;
 
-    /* Puts a new peer in a place. A fresh bell is not writable, so its first ring is an event. */
+    /* Puts a new peer in a place. A new bell isn't writable, so its first ring is an event. */
     void add(size_t place, const std::string &path)
     {
         peers.resize(std::max(peers.size(), place + 1));
@@ -899,7 +900,7 @@ struct receivers {
         epoll_ctl(poll.get(), EPOLL_CTL_DEL, peers[place]->near_bell.get(), nullptr);
         peers[place].reset();
     }
-    /* All who are there are rung once. */
+    /* Every present peer must be rung once. */
     void expect_all(uint32_t value)
     {
         auto left =
@@ -914,7 +915,7 @@ struct receivers {
 
 static void expect_a_child_can_do_the_same()
 {
-#ifndef __SANITIZE_THREAD__ /* which allows no thread after a fork with several */
+#ifndef __SANITIZE_THREAD__ /* it permits no thread after a fork with several */
     const other_process child([](int) {
         join("child");
         receivers all;
@@ -931,8 +932,8 @@ static void expect_a_child_can_do_the_same()
 #endif
 }
 
-/* Each time lets in as many as it is told, less one, and sends to all that ever were. In the end it
-   exits right after the last send. */
+/* Each time accepts as many clients as requested, less one, and sends to all that it ever had.
+   Finally exits right after a send. */
 static void fan_out_as_told(int line)
 {
     join("server");
@@ -982,11 +983,11 @@ TEST_F(mbx, a_fan_out_wakes_each_receiver_once_with_and_without_io_uring)
             all.expect_all(value++);
             EXPECT_EQ(write(hostile, &one, sizeof(one)), ssize_t{sizeof(one)});
             for (size_t place = first_to_die; place < first_to_die + deaths; place++)
-                all.add(place, dir + "/server"); /* some get descriptors of those who died */
+                all.add(place, dir + "/server"); /* some get descriptors of dead peers */
         }
         say(server.line.get(), 1 + deaths);
         all.expect_all(value++);
-        shutdown(server.line.get(), SHUT_WR); /* the last time: it exits right after it */
+        shutdown(server.line.get(), SHUT_WR); /* the last send: the server exits right after it */
         EXPECT_EQ(server.end(), 0);
         for (size_t place = 0; place < members; place++)
             all.expect_signal(place, value);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Exhausted memory, refused entries of the history, and blocks that are freed exactly once: the
-   linker sends the server's calls of the allocator and of the cache here. */
+/* Exhausted memory, refused entries of the history, and blocks that must be freed exactly once: the
+   linker redirects the server's calls of the allocator and of the cache to this test. */
 #include "tesk_server/tesk_cache.h"
 #include "tesk_server/tesk_client_data.h"
 #include "tesk_server/tesk_dolm_ric.h"
@@ -152,7 +152,8 @@ TEST_F(memory, a_read_without_memory_traces_it_and_aborts)
     }
 }
 
-/* Of an event, by handling and at the end; of a bucket, a client and a copy, at their ends. */
+/* Blocks of an event, freed after handling and at the end; of a bucket, a client and a copy, freed
+   at their ends. */
 TEST_F(memory, a_block_is_freed_exactly_once)
 {
     static const auto expect_freed = [](const void *block, auto act) {
@@ -183,7 +184,7 @@ TEST_F(memory, a_block_is_freed_exactly_once)
     const tesk_client *client = tesk_client_find_by_sender(alice);
     expect_freed(client, [] { lose(alice); });
     expect_freed(nullptr, [] {
-        watched_size = sizeof(tesk_cache_entry); /* of an empty cache */
+        watched_size = sizeof(tesk_cache_entry); /* the copy of an empty cache */
         history(TESK_SHELL_GET_SFP_INFO_CACHE_REQ);
     });
     expect_freed(nullptr, [] {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The decoder of module memory: numbers worked out by hand, and memories that lie. */
+/* The decoder of module memory: results calculated by hand, and memories with wrong content. */
 #include "platform/dolm_ric/linux/decode/module_decode.h"
 #include "platform/dolm_ric/linux/decode/module_details.h"
 #include "platform/dolm_ric/linux/decode/module_speed.h"
@@ -25,7 +25,7 @@ static module_records records_of(const image &from, const port_view &port = {})
     return make_records(contents_of(from), port);
 }
 
-/* Of each measurement: low and high warning, low and high alarm, value. */
+/* For each measurement: low and high warning, low and high alarm, value. */
 static numbers words_of(const module_records &records)
 {
     int32_t words[25];
@@ -76,8 +76,8 @@ TEST(sfp_values, external_calibration)
     put_sum(fourth.a2, 0, 95);
     EXPECT_NEAR(contents_of(fourth).rx_power.lanes[0].value, 51.5, 1e-5);
 
-    /* C1 of -0.5, -2, 2^23, infinity and NaN: a little below 0 is 0, and no receiver stands 0.1 W.
-     */
+    /* C1 is -0.5, -2, 2^23, infinity and NaN: a little below 0 counts as 0, and no receiver
+       survives 0.1 W. */
     const std::pair<int, double> ends[] = {
         {0xbf00, 0}, {0xc000, -1}, {0x4b00, -1}, {0x7f80, -1}, {0x7fc0, -1}};
     for (const auto &[upper, expected] : ends) {
@@ -86,7 +86,7 @@ TEST(sfp_values, external_calibration)
         const auto lanes = contents_of(end).rx_power.lanes;
         EXPECT_EQ(lanes.empty() ? -1 : lanes[0].value, expected) << upper;
     }
-    /* Constants that make nothing of a number: slopes of 0, and an offset that leaves 0 V. */
+    /* Constants that turn every number into nothing: slopes of 0, and an offset that leaves 0 V. */
     const std::pair<size_t, int> zeros[] = {{76, 0}, {80, 0}, {84, 0}, {88, 0}, {90, -32000}};
     for (const auto &[at, word] : zeros) {
         image zero = external_sfp({-2560, 32000, 3000, 2500, 1000});
@@ -136,7 +136,7 @@ TEST(limits, that_make_no_sense_are_left_open)
         EXPECT_EQ(diag.rxpower_low_alarm + diag.rxpower_low_warn, 0u);
         EXPECT_GT(std::min(diag.rxpower_high_warn, diag.rxpower_high_alarm), 1'000'000'000u);
         EXPECT_EQ(diag.txpower_low_alarm, 100u) << "the others keep theirs";
-        /* 0 can't be shown without an alarm. */
+        /* 0 would always be shown with an alarm. */
         EXPECT_EQ(with_rx_power({high_alarm, low_alarm, high_warning, low_warning, 4}).diag_cap,
                   all_five & ~uint32_t{DOLM_SFP_DIAGCAP_RXPOWER});
     }
@@ -187,7 +187,7 @@ TEST(refused, memories_that_can_not_be_true)
     } unready = {false, missing, missing}, silent = {true, missing, missing},
       unable = {true, none, none}, sound = {true, ok, ok}, raw = {true, ok, missing};
     constexpr auto a0 = &image::a0, a2 = &image::a2;
-    /* Memory, first and last byte, and what they become. */
+    /* Memory, first and last byte, and the outcome. */
     const std::tuple<bytes image::*, size_t, size_t, uint8_t, outcome> cases[] = {
         {a0, 25, 25, '!', unready}, {a0, 70, 70, '!', unready}, {a0, 0, 255, 0xff, unready},
         {a0, 0, 255, 0, unready},   {a0, 1, 255, 0, unready},   {a0, 0, 0, 6, unready},
@@ -211,7 +211,7 @@ TEST(refused, memories_that_can_not_be_true)
             EXPECT_EQ(records.diag.diag_cap, expected == ok ? all_five : 0);
         }
     image copied = sfp(), absent = sfp();
-    std::fill(copied.a0.begin() + 96, copied.a0.end(), uint8_t{0x50}); /* of the maker's own */
+    std::fill(copied.a0.begin() + 96, copied.a0.end(), uint8_t{0x50}); /* the maker's bytes */
     copied.a2 = copied.a0;
     absent.a2.clear();
     EXPECT_EQ(records_of(copied).diag_result, missing);
@@ -236,7 +236,7 @@ TEST(refused, memories_that_can_not_be_true)
     }
 }
 
-/* The flags that are set, each as lane, measurement and flag. */
+/* All set flags, each as lane, measurement and flag. */
 static std::string flags_of(const image &from)
 {
     const module_contents contents = contents_of(from);
@@ -268,7 +268,7 @@ TEST(flags, each_bit_belongs_to_one_limit)
     static const place in_cmis[] = {
         {9, 0, "0t8"},    {9, 1, "0t4"},   {9, 2, "0t2"},    {9, 3, "0t1"},   {9, 4, "0v8"},
         {9, 7, "0v1"},    {139, 0, "8x8"}, {140, 7, "15x4"}, {143, 1, "9b8"}, {146, 2, "10b1"},
-        {149, 3, "11r8"}, {151, 4, "12r2"}}; /* lanes of the second bank */
+        {149, 3, "11r8"}, {151, 4, "12r2"}}; /* lanes of the second bank, 8 and up */
     for (const auto &[byte, bit, flag] : in_qsfp) {
         image made = qsfp();
         made.a0[byte] = static_cast<uint8_t>(1 << bit);
@@ -297,7 +297,7 @@ TEST(status, tells_los_and_fault_of_the_port_s_own_lanes)
     EXPECT_EQ(records_of(four).status.status, 3u);
     EXPECT_EQ(records_of(four, {.lanes = 0x3}).status.status, 0u);
     EXPECT_EQ(records_of(four, {.lanes = 0x4}).status.status, 1u);
-    four.a0[113] = 0x04; /* that lane isn't there */
+    four.a0[113] = 0x04; /* the module lacks lane 2 */
     EXPECT_EQ(records_of(four).status.status, 2u);
     EXPECT_EQ(records_of(banks, {.lanes = 0x0100}).status.status, 2u);
     EXPECT_EQ(records_of(banks, {.lanes = 0x8000}).status.status, 1u);
@@ -319,14 +319,14 @@ TEST(lanes, the_one_that_is_worst_off_stands_for_all)
         EXPECT_EQ(records_of(made, {.lanes = lanes}).diag.txpower, expected);
         EXPECT_EQ(records_of(made, {.lanes = lanes}).diag.temperature, 29000);
     }
-    image off = qsfp(); /* a dark lane that the host has switched off */
+    image off = qsfp(); /* the host has switched the dark lane off */
     put16(off.a0, 50, 0), put16(off.a0, 42, 0), off.a0[4] = 1, off.a0[86] = 1;
     EXPECT_EQ(records_of(off).diag.txpower, 2000u);
     EXPECT_EQ(records_of(off).status.status, 0u);
     image flat = qsfp(); /* without limits: the lowest */
     flat.a0[2] = 4, put16(flat.a0, 38, 40);
     EXPECT_EQ(records_of(flat).diag.rxpower, 4u);
-    flat.a0[113] = 0x04; /* that lane isn't there */
+    flat.a0[113] = 0x04; /* the module lacks lane 2 */
     EXPECT_EQ(records_of(flat).diag.rxpower, 500u);
 }
 
@@ -339,9 +339,9 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
     EXPECT_EQ(records_of(made, {.lanes = 0xff}).diag.txbias, 8000u);
     made.a0[210] = 0xf0, put_sum(made.a0, 128, 222); /* lanes of the first bank */
     EXPECT_EQ(contents_of(made).tx_power.lanes.size(), 12u);
-    made.a0[128 + 160] |= 0x18, put_page_sums(made.a0); /* a scale of bias that nobody knows */
+    made.a0[128 + 160] |= 0x18, put_page_sums(made.a0); /* a reserved factor of bias */
     EXPECT_TRUE(contents_of(made).tx_bias.lanes.empty());
-    made.a0[128 + 160] = 0x12, put_page_sums(made.a0); /* measures tx power only */
+    made.a0[128 + 160] = 0x12, put_page_sums(made.a0); /* tx power is the only measurement */
     EXPECT_EQ(records_of(made).diag.diag_cap, not_light | DOLM_SFP_DIAGCAP_TXPOWER);
     made.a0[3] = 0x02; /* low power */
     EXPECT_EQ(records_of(made).diag.diag_cap, not_light);
@@ -349,30 +349,31 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
     EXPECT_EQ(records_of(made).diag.temperature, 57930);
     put16(made.a0, 14, 0), put16(made.a0, 16, 0);
     EXPECT_EQ(records_of(made).diag_result, DOLM_RICERR_UNSUPPORTED);
-    made.a0[2] = 0, put16(made.a0, 14, 1); /* paged, and no voltage is measured */
+    made.a0[2] = 0, put16(made.a0, 14, 1); /* paged, and the voltage isn't measured */
     EXPECT_EQ(records_of(made).diag.diag_cap, uint32_t{DOLM_SFP_DIAGCAP_TEMP});
 
-    /* Lanes of the host of a port: the lowest tx power of its lanes of light, 1 uW more each. */
+    /* The lowest tx power of the lanes of light that belong to the port's host lanes; each lane has
+       1 uW more. */
     const auto power_of = [](const image &from, uint32_t host_lanes) {
         return records_of(from, {.host_lanes = host_lanes}).diag.txpower;
     };
     image halves = cmis();
     for (size_t lane = 0; lane < 8; lane++)
         put16(halves.lanes[0], 154 + 2 * lane, 10000 + 10 * static_cast<int>(lane));
-    halves.a0[88] = 0x84, halves.a0[89] = 1; /* 8 lanes of the host on 4 of light */
+    halves.a0[88] = 0x84, halves.a0[89] = 1; /* 8 lanes of the host on 4 lanes of light */
     EXPECT_EQ((numbers{power_of(halves, 0x0f), power_of(halves, 0xf0)}), (numbers{1000, 1002}));
-    halves.a0[92] = 0x42, halves.a0[93] = 0x11, halves.a0[128 + 177] = 0x11; /* 4 on 2, from 4 on */
+    halves.a0[92] = 0x42, halves.a0[93] = 0x11, halves.a0[128 + 177] = 0x11; /* 4 on 2, from 4 */
     put_page_sums(halves.a0), std::fill_n(&halves.lanes[0][210], 4, uint8_t{0x28});
     EXPECT_EQ((numbers{power_of(halves, 0x0f), power_of(halves, 0xf0)}), (numbers{1000, 1004}));
     halves.a0.resize(2304), halves.a0[2048 + 130] = 0x10; /* the host has switched lane 4 off */
     EXPECT_EQ(power_of(halves, 0xf0), 1005u);
-    halves.lanes[0][130] = halves.lanes[0][131] = 0x11; /* and those data paths */
+    halves.lanes[0][130] = halves.lanes[0][131] = 0x11; /* the data paths of lane 4, too */
     halves.lanes[0][147] = 0x30;                        /* LOS */
     EXPECT_EQ(records_of(halves, {.host_lanes = 0xf0}).diag.diag_cap, not_light);
     EXPECT_EQ(records_of(halves, {.host_lanes = 0xf0}).status.status, 0u);
-    halves.a0[511] ^= 1; /* the sum of the limits */
+    halves.a0[511] ^= 1; /* the checksum of the limits */
     EXPECT_EQ(records_of(halves).diag.voltage_low_alarm, 0u);
-    halves.a0[383] ^= 1; /* and of what it measures */
+    halves.a0[383] ^= 1; /* and that of page 01h */
     EXPECT_EQ(records_of(halves).diag.diag_cap, not_light);
 
     const std::tuple<const char *, uint32_t, uint32_t> names[] = {
@@ -385,7 +386,8 @@ TEST(lanes, of_banks_and_of_modules_that_do_not_run)
 
 TEST(identity, copper_has_no_light)
 {
-    /* A byte and its place, the connector; whether that is copper, and the connector reported. */
+    /* A byte and its offset, the connector; whether the module is copper, and the connector
+       reported. */
     const std::tuple<size_t, uint8_t, uint8_t, bool, uint8_t> cases[] = {
         {8, 0x04, 0x21, true, DOLM_SFP_CONNECTOR_RJ45},   /* passive cable */
         {8, 0x08, 0x21, true, DOLM_SFP_CONNECTOR_RJ45},   /* active cable */
@@ -396,7 +398,7 @@ TEST(identity, copper_has_no_light)
         {36, 0x1c, 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* 10GBASE-T */
         {36, 0x0c, 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* 25GBASE-CR */
         {36, 0x02, 0x01, false, DOLM_SFP_CONNECTOR_LC},
-        {55, '-', 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* by its name */
+        {55, '-', 0x07, true, DOLM_SFP_CONNECTOR_RJ45}, /* recognized by its name */
     };
     for (const auto &[at, byte, connector, is_copper, reported] : cases) {
         image made = sfp();
@@ -412,7 +414,7 @@ TEST(identity, copper_has_no_light)
         EXPECT_EQ(details.identity.length[DOLM_RIC_LENGTH_CABLE], is_copper || at == 8 ? 3 : 0)
             << at;
     }
-    for (const size_t at : {147u, 131u}) { /* technology, 40GBASE-CR4 */
+    for (const size_t at : {147u, 131u}) { /* technology, then the code of 40GBASE-CR4 */
         image cable = qsfp();
         cable.a0[at] = 0xa8, put_sum(cable.a0, 128, 191);
         EXPECT_EQ(records_of(cable).diag.diag_cap, not_light);
@@ -443,7 +445,7 @@ TEST(identity, speeds_have_codes)
         made.a0[12] = rate, made.a0[36] = extended, put_sum(made.a0, 0, 63);
         EXPECT_EQ(records_of(made).info.sfp.sfp_eth_speed, code);
     }
-    image fast = sfp(); /* 255: the rate stands in byte 66 */
+    image fast = sfp(); /* 255: byte 66 has the rate */
     fast.a0[3] = 0, fast.a0[12] = 255, fast.a0[66] = 103;
     put_sum(fast.a0, 0, 63), put_sum(fast.a0, 64, 95);
     EXPECT_EQ(records_of(fast).info.sfp.sfp_eth_speed, 0x545300fau);
@@ -490,7 +492,7 @@ TEST(memory, gives_the_bytes_of_a_range)
     memory.store(part, bytes(28, 2), time(2));
     EXPECT_EQ(memory.bytes(part)[27], 2);
     EXPECT_EQ(memory.read_at(part), time(2));
-    memory.store(part, bytes(27, 3), time(3)); /* too few: as if it had failed */
+    memory.store(part, bytes(27, 3), time(3)); /* too few bytes count as a failed reading */
     EXPECT_EQ(memory.read_at(part), time(1));
     memory.clear();
     EXPECT_TRUE(memory.bytes(whole).empty());

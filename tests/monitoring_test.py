@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""contrib/prometheus, as far as it can be checked without a Grafana: by promtool, and by what the
+"""contrib/prometheus, checked without Grafana: by promtool, and by the series that the
 exporter really exports.
 
     tests/monitoring_test.py
@@ -40,7 +40,7 @@ queries += [(each["name"], each["expr"]) for each in dashboard["annotations"]["l
 promtool("check", "config", "prometheus.yml")
 promtool("test", "rules", "tesk-tests.yml", "tesk-tests-week.yml")
 
-# Grafana's variables are put in; then each query must be PromQL.
+# With Grafana's variables replaced, each query must be valid PromQL.
 with tempfile.NamedTemporaryFile("w", suffix=".yml") as file:
     plain = [re.sub(r"\$__rate_interval", "1m", expr) for _, expr in queries]
     rows = [{"record": f"panel:{i}", "expr": expr} for i, expr in enumerate(plain)]

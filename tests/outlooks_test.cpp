@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The forecast over the history: a fade of weeks, restarts, and a module that leaves. */
+/* The forecast over the history: a fade of weeks, restarts, and a module that is removed. */
 #include "program/json_records.h"
 #include "tesk_exporter/history_json.h"
 #include "tesk_exporter/history_keeper.h"
@@ -23,7 +23,7 @@ using history::stored;
 
 static constexpr int64_t day = 86400;
 
-/* So many seconds is our clock ahead of the system's. */
+/* How many seconds the test's clock is ahead of the system's. */
 static std::atomic<int64_t> ahead_by{0};
 
 extern "C" int clock_gettime(clockid_t clock, timespec *now)
@@ -125,7 +125,7 @@ TEST(outlooks, announce_a_fade_once_and_withdraw_it_with_its_module)
     EXPECT_EQ(on.told.size(), 1) << on.told.back().told.reason;
     const auto answer = json_object::parse(on.ahead.json(*on.kept, on.now.boot))["forecasts"][0];
     EXPECT_TRUE(answer["cause"] == "light_lost" && answer["interface"] == "eth3") << answer;
-    /* The interval is that of now, not what is left of the one that was announced. */
+    /* The interval is computed now; it isn't the remainder of the announced one. */
     EXPECT_NEAR(answer["days_left"].get<double>(), (3 - on.loss) / 0.12, 1.5);
     EXPECT_GT(answer["low"].get<double>(), 1.5) << answer;
     EXPECT_LT(answer["high"].get<double>(), 12) << answer;
@@ -147,7 +147,7 @@ TEST(outlooks, withdraw_what_no_reading_supports)
     on.restart(); /* no module is read yet */
     const auto answer = json_object::parse(on.ahead.json(*on.kept, on.now.boot))["forecasts"][0];
     EXPECT_TRUE(answer["limit"] == "module" && answer["lane"] == 0) << answer;
-    on.has_second_lane = true; /* as when the details come: nothing begins anew */
+    on.has_second_lane = true; /* as when details become available: no series begins again */
     on.run(1, 0.12);
     EXPECT_EQ(on.told.size(), 1) << on.told.back().told.reason;
     on.has_light = false;
@@ -192,7 +192,7 @@ TEST(outlooks, weeks_of_a_port_are_read_at_once)
     EXPECT_EQ(history_json(*on.kept, 4, history::hour_rows, on.now.boot), "");
 }
 
-/* The lanes of the details, where there are several; else the server's values. */
+/* The lanes of the details if there are several, else the server's values. */
 TEST(outlooks, the_keeper_takes_what_a_port_measures_until_it_is_empty)
 {
     const testkit::directory place;

@@ -23,7 +23,7 @@ apt() { # ARGUMENT..
         fail "apt-get $* failed: see $root.log"
 }
 
-# The root has no /proc, so the umask applies to the mode of the board's socket.
+# The root has no /proc, so the umask affects the mode of the board's socket.
 start_server() {
     (umask 007 && exec chroot --userspec=tesk:tesk "$root" tesk-server) &
     server=$!
@@ -46,7 +46,7 @@ purge_all() {
     left=$(
         find "$root" -xdev -path "$root/packages" -prune -o \
             \( -iname '*tesk*' -o -iname '*mbx*' -o -iname '*dolm_ric*' -o -name 'libzel*' \) -print
-        # Files that end in - are the system's own backups of the accounts.
+        # Names that end in - are the system's own backups of account files.
         grep -rs --exclude='*-' tesk "$root/etc" "$root/var/lib/systemd" "$root/var/lib/dpkg/status"
     ) || true
     [ -z "$left" ] || fail "left behind: $left"
@@ -60,7 +60,7 @@ mkdir -p "$root/packages/1.0.0"
 cp build/packages/*.deb "$root/packages/"
 cp build/1.0.0/build/packages/*.deb "$root/packages/1.0.0/"
 shopt -s extglob nullglob
-inside() { # FILE..: as the root sees them
+inside() { # FILE..: paths inside the root
     printf '%s\n' "${@#"$root"}"
 }
 mapfile -t with_simulator < <(inside "$root"/packages/!(*-linux_*).deb)
@@ -151,7 +151,7 @@ say "what the names bring"
 (cd "$root/packages" && dpkg-scanpackages --multiversion . >Packages 2>/dev/null)
 echo 'deb [trusted=yes] file:/packages ./' >"$root/etc/apt/sources.list.d/packages.list"
 apt update
-brings() { # PLATFORMS PACKAGE..: what is installed of tesk-platform-* with the packages
+brings() { # PLATFORMS PACKAGE..: which tesk-platform-* are installed with the packages
     local found
     found=$(as root:root apt-get -s install "${@:2}" | sed -n 's/^Inst \(tesk-platform-[a-z]*\) .*/\1/p' | sort | xargs)
     [ "$found" = "$1" ] || fail "apt-get install ${*:2} brings $found, not $1"

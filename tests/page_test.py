@@ -35,7 +35,7 @@ CHROMIUM = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-ru
     --disable-background-networking --disable-component-update --disable-sync
     --window-size=1440,1000""".split()
 
-# The lowest contrast of a text that is shown to what is behind it.
+# The lowest contrast between a visible text and its background.
 CONTRAST = """
 const numbers = (text) => text.match(/[\\d.]+/g).map(Number);
 const linear = (c) => c <= 10 ? c / 3294.6 : ((c / 255 + 0.055) / 1.055) ** 2.4;
@@ -56,14 +56,14 @@ for (const element of document.body.querySelectorAll("*")) {
 }
 return worst;"""
 
-# The cells of the table whose text doesn't fit.
+# The cells of the table whose text is cut.
 CUT = """
 const card = document.querySelector('.card').getBoundingClientRect();
 return [...ports.querySelectorAll('tbody :is(th, td)')].filter((cell) => cell.checkVisibility() &&
   (cell.getBoundingClientRect().right > card.right + 1 || cell.scrollWidth > cell.clientWidth + 1))
   .map((cell) => cell.innerText);"""
 
-# Notes when the link of a port is shown in another way.
+# Notes when the display of a port's link changes.
 WATCH = """
 const rows = [...ports.tBodies[0].rows], text_of = (row) => row.cells[1].textContent;
 const last = new Map(rows.map((row) => [row, text_of(row)]));
@@ -171,7 +171,7 @@ def changes_appear(board, page):
     board.play("insert 3 --module lc-own")
     page.shows("#latest", "module inserted")
     board.play("set 4 temperature=91C", "link 4 down")
-    page.row_shows(4, "down")  # or the server sees both at once
+    page.row_shows(4, "down")  # otherwise the server sees both changes at once
     board.play("link 4 up")
     page.row_shows(4, "high alarm: temperature")
     await_true(lambda: page.order()[0] == 4, "the alarm on top")
@@ -184,7 +184,7 @@ def changes_appear(board, page):
     board.play("set 4 rx-power.2=-16dBm rx-los.1=yes")
     page.shows("#lanes tr:nth-child(3)", "-16.02 dBm")
     page.shows("#lanes tr:nth-child(2)", "rx los")
-    # The simulated board reads nothing that takes time.
+    # Readings of the simulated board take no time.
     share = page.run("""return import("./lanes.js").then(({write_lanes}) => {
         write_lanes({lanes: [], cost: {period_s: 2, last_sweep_s: 0.001}});
         return document.getElementById("reading-share").textContent; })""")
@@ -195,7 +195,7 @@ def changes_appear(board, page):
 
 
 def falls_are_shown(board, page):
-    """The marks are those of the list, which the keyboard opens; a longer range has the same ones."""
+    """The marks show the same falls as the list, which the keyboard opens; a longer range shows them, too."""
     page.go("port=6")
     page.shows("#fall-count", "No fall of the link in the last hour")
     board.play("set 6 link=up", "set 6 rxpower=0mW module_status=1 link=down")
@@ -263,7 +263,7 @@ def can_be_read(page):
 
 
 def states_have_their_words(board, page):
-    """A module that isn't ready is no empty port; of a port that vanishes nothing stays."""
+    """A module that isn't ready isn't shown as an empty port; nothing is shown of a port that vanishes."""
     board.play("remove 7", "insert 7 --module lc-own --not-ready")
     page.row_shows(7, "module not ready")
     page.go("port=7")
@@ -276,16 +276,16 @@ def states_have_their_words(board, page):
     assert "up" not in page.text("#port"), page.text("#port")
     names.write_text(whole)
     page.shows("#port-title", "Port 7 (port7)")
-    page.browser.get_log("browser")  # of requests that met the port that isn't followed
+    page.browser.get_log("browser")  # entries about requests for the port that isn't followed
     board.play("ready 7")
     page.row_shows(7, "EXAMPLE OPTICS")
     page.go("")
 
 
 def arrives_in_time(board, page):
-    """The fastest of twelve changes appears within 50 ms of teskctl's line, on a busy machine too.
-    The slowest doesn't wait for the exporter's next look at its readers, up to 5 s later. Each link
-    changes only twice, because the server's filter holds back further changes."""
+    """The fastest of twelve changes appears within 50 ms of teskctl's line, on a busy machine, too. The
+    slowest doesn't wait for the exporter's next look at its readers, up to 5 s later. Each link changes only
+    twice, because the server's filter suppresses further changes."""
     ports = "0,1,2,8,9,10"
     up = ports.split(",")
     pattern = re.compile(f'"event":"status","port":({ports.replace(",", "|")}),')
@@ -336,15 +336,15 @@ def loss_is_told(board, page):
     board.kill("tesk-server")
     page.shows("#banner", "as they were at")
     before = time_in(page.text("#banner"))
-    time.sleep(3)  # so that another time can't be taken for that one
+    time.sleep(3)  # so that the two times differ visibly
     page.browser.refresh()
-    page.shows("#banner", "as they were at")  # that time, not the one at which the page was opened
+    page.shows("#banner", "as they were at")  # the time of the loss, not that of the page's opening
     late = (time_in(page.text("#banner")) - before).total_seconds()
-    assert abs(late) < 2, late  # of the last answer, or of the loss that was noticed after it
+    assert abs(late) < 2, late  # the time of the last answer, or of the loss noticed after it
 
 
 def fade(history, port):
-    """Forty days of a port in the file, in the last twenty of which it loses 0.3 dB a day."""
+    """Forty days of a port in the file; in the last twenty its light falls by 0.3 dB a day."""
     with contextlib.closing(sqlite3.connect(f"{history}/history.db")) as file, file:
         place = file.execute("SELECT id FROM places WHERE port = ?", [port]).fetchone()[0]
         file.execute("UPDATE places SET first = first - 40 * 86400 WHERE id = ?", [place])
@@ -368,7 +368,7 @@ def a_fade_is_shown(board, page):
     page.row_shows(2, "days left")
     await_true(lambda: page.order().index(2) < page.order().index(0), "the forecast above what is ok")
     await_true(lambda: page.text("#banner") == "", "the exporter is found again")
-    page.browser.get_log("browser")  # of the restart
+    page.browser.get_log("browser")  # entries about the restart
     page.go("port=2")
     page.shows("#forecasts", "receive power of lane 0: ")
     for span in "2d", "8w", "2y":
@@ -384,7 +384,7 @@ def a_fade_is_shown(board, page):
     page.go("")
     ten_days = subprocess.run([BIN / "teskctl", "trend", "2", "--days", "10", "--csv", "--exporter",
                                f"127.0.0.1:{board.port}"], check=True, capture_output=True).stdout
-    assert 230 < ten_days.count(b"\n") <= 241, ten_days.count(b"\n")  # a row an hour
+    assert 230 < ten_days.count(b"\n") <= 241, ten_days.count(b"\n")  # one row for each hour
 
 
 def picture(board, page):
@@ -398,10 +398,10 @@ def picture(board, page):
 
 
 def run_shows_it(place):
-    """./run --page tells an address where the page is, ends with Ctrl-C, and leaves no file."""
+    """./run --page prints the page's address, ends with Ctrl-C, and leaves no file."""
     Path(place, "tmp").mkdir()
     env = {**os.environ, "TMPDIR": f"{place}/tmp"}
-    # A shell takes no signal that was ignored when it was started, as in a job in the background.
+    # A shell can't handle a signal that was ignored at its start, as in a background job.
     run = subprocess.Popen(["env", "--default-signal=INT", SOURCE / "run", "--page"], env=env,
                            text=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                            start_new_session=True)

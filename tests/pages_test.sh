@@ -6,7 +6,7 @@
 # next one is "echo $?"; the output of one with & is shown under the command during which it is
 # written, in any order. Of a man page the EXAMPLES are run, and their status is checked.
 set -u
-export LC_ALL=C.UTF-8 # the degree sign
+export LC_ALL=C.UTF-8 # for the degree sign
 
 declare -A excused=(
     [./test]="runs all tests, this one among them" [cmake]="builds the tree"
@@ -27,7 +27,7 @@ shape() {
         if [ "$mode" = exactly ]; then cat; else sed -E 's/-?[0-9]+([.:][0-9]+)*/N/g'; fi
 }
 
-# The shape as a glob pattern.
+# Converts the expected line to a glob pattern.
 pattern() {
     shape | sed 's/[][\\*?]/\\&/g; s/^\.\.\.$/*/'
 }
@@ -62,7 +62,7 @@ as_shown() {
     [ -n "$jobs" ] && [[ $(sort <<<"$actual") == $(sort <<<"$shown") ]]
 }
 
-# Interrupts a command that does not end by itself, as Ctrl-C does, once it has written something.
+# Interrupts a command that doesn't end by itself, once it has written something, as Ctrl-C does.
 interrupted() {
     eval "$1 &"
     wait_for has_written || return 1

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The file that says which port is which interface, and the map that the board library writes. */
+/* The file that assigns interfaces to ports, and the map that the board library writes. */
 #include "platform/dolm_ric/port_map.h"
 #include "platform/linux_interfaces/port_config.h"
 #include "testkit/processes/processes.h"
@@ -84,7 +84,7 @@ TEST(port_config, a_wrong_line_costs_itself_only)
     const port_config bounded = parse_port_config(wrong, "p");
     ASSERT_EQ(bounded.messages.size(), max_port_config_messages);
     EXPECT_EQ(bounded.messages.back(), "p: 99981 more wrong lines");
-    /* What a wrong line would have taken is free for others. */
+    /* The name in a wrong line stays free for other lines. */
     EXPECT_EQ(parse_port_config("1 a i2c=x\n1 a i2c=4\n", "p").ports.size(), 1u);
 }
 
@@ -134,7 +134,7 @@ TEST_F(port_files, the_map_is_replaced_as_a_whole)
     EXPECT_EQ(read_file(path), "# tesk-ports 1\n0\teth0\n9\ta?b?c?\n10\tswp10\n");
     EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0640});
 
-    /* A link that stands where the temporary file goes is replaced, not followed. */
+    /* If there is a link at the path of the temporary file, it is replaced, not followed. */
     std::filesystem::create_symlink(write("untouched"), path + ".new");
     std::ifstream reader(path);
     ASSERT_TRUE(board::write_port_map(path, {{1, "a"}}));
@@ -150,7 +150,7 @@ TEST_F(port_files, a_map_that_can_not_be_written_leaves_the_old_one)
     ASSERT_TRUE(board::write_port_map(path, {{1, "a"}}));
     rlimit unlimited = {};
     getrlimit(RLIMIT_FSIZE, &unlimited);
-    const rlimit full = {16, unlimited.rlim_max}; /* bytes, as on a full disk */
+    const rlimit full = {16, unlimited.rlim_max}; /* a limit in bytes, as on a full disk */
     signal(SIGXFSZ, SIG_IGN);
     setrlimit(RLIMIT_FSIZE, &full);
     const bool was_written = board::write_port_map(path, {{2, "b"}});

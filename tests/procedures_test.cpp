@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The requests of clients: bytes, order of the checks, library calls and traces. */
+/* The requests of clients: bytes, the order of the checks, library calls and traces. */
 #include "testkit/fake_platform/client_fixture.h"
 
 #include <array>
@@ -53,7 +53,7 @@ static std::string heading(uint32_t number, uint32_t receiver)
 class signal_traces : public client_fixture
 {
   protected:
-    /* The traces of received signals are in host order, as are those of sent ones, which the fake
+    /* Traces of received signals are in host order, as are those of sent signals, which the fake
        platform compares with the signal. */
     static void expect(uint32_t number, const std::vector<uint32_t> &words, const texts &expected)
     {
@@ -116,7 +116,7 @@ TEST_F(signal_traces, of_subscriptions_are_alike)
     static const struct {
         std::string of;
         uint32_t request, port;
-        std::string refusal, indication; /* one of them or none */
+        std::string refusal, indication; /* at most one of them is set */
     } steps[] = {
         {"SUBSCRIBE_SFP_INFO", 0x1648406, 3, "", ", type: Present Optical"},
         {"SUBSCRIBE_SFP_INFO", 0x1648406, 65535, "2, error_description: invalid port", ""},
@@ -163,7 +163,7 @@ TEST_F(procedures, a_connection_gets_the_servers_reference)
     EXPECT_EQ(sent[0].bytes.size(), 16u);
     expect_log({"[12] Starting monitoring of client 0", "monitor 0x71", "send 0x1648401 to 0x71"});
     EXPECT_EQ(connect(bob), 1u);
-    /* Its connection comes first, whatever it offers. */
+    /* A second connection of a client is rejected first, whatever else is wrong. */
     send(alice, TESK_CONN_ESTABLISH_REQ, {3, 8, 1, 2});
     expect_rejection(TESK_CONN_ESTABLISH_REJ, 1, "client id 0 has already established connection");
     expect_bytes(sent[0], 4, "00000003 00000000");
@@ -235,7 +235,7 @@ TEST_F(procedures, a_request_that_matches_no_client_is_only_traced)
         const auto lines = fake_platform::take_log();
         ASSERT_EQ(lines.size(), 2u);
         EXPECT_EQ(lines[1], request.text);
-        /* The client's own reference, where the server's is asked for. */
+        /* The client's own reference instead of the server's. */
         send(alice, request.number, {5, 1000 + alice, 3, 0});
         EXPECT_EQ(sent.size(), 0u);
     }
@@ -442,7 +442,7 @@ TEST_F(procedures, a_read_fails_with_the_hardware_but_not_for_missing_diagnostic
         std::string group, call;
         int32_t code;
         std::string text;
-        bool is_rejected; /* or confirmed, without values */
+        bool is_rejected; /* or confirmed without values */
     } cases[] = {
         {"[4]", "moduleinfo", -6, "unsupported operation", true},
         {"[1]", "moduleinfo", -5, "unknown ric error code", true},

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The memories of real modules, where they are at hand, beside what ethtool says of them. */
+/* The memories of real modules, if available, compared with the output of ethtool. */
 #include "platform/dolm_ric/linux/decode/module_decode.h"
 #include "platform/dolm_ric/linux/decode/module_details.h"
 #include "testkit/modules/ethtool_comparison.h"
@@ -18,7 +18,7 @@ static module_images::bytes read_bytes(const std::string &path)
 }
 
 /* Where the three layouts have tx bias, tx power and rx power, their limits, their flags, and LOS.
-   For SFP the place of the flags is a bit. */
+   For SFP the position of flags is a bit number. */
 struct lane_layout {
     uint32_t lanes;
     size_t values[3], limits[3], flags[3], los;
@@ -40,8 +40,8 @@ static bool is_raised(const module_images::bytes &from, const lane_layout &its, 
     return from[byte] >> (at % 8 + flag % 2) & 1;
 }
 
-/* Flags of all modules; lanes, limits and LOS of those that are calibrated internally, straight
-   from its bytes. Returns how many flags were compared. */
+/* Flags of all modules; lanes, limits and LOS of internally calibrated ones, straight from the
+   bytes. Returns how many flags were compared. */
 static size_t compare_details(const std::string &name, const module_images::image &image)
 {
     const module_memory memory = image.read();

@@ -13,7 +13,7 @@ trap 'rm -rf "$folder"' EXIT
 
 ticks() { read -ra stat 2>/dev/null <"/proc/$1/stat" && echo $((stat[13] + stat[14])); }
 
-# Of a daemon that has ended by itself.
+# The reason that a daemon printed before it ended by itself.
 expect_reason() {
     wait "$process" && status=0 || status=$?
     if [[ ($status -eq 0 || $status -ge 128) && $status -ne 242 || ! -s $place/err ]]; then
@@ -21,7 +21,8 @@ expect_reason() {
     fi
 }
 
-# Serves, and stops with 0; or has ended with a status and a line. The first word names the case.
+# The daemon serves, and stops with status 0; or it ends with another status and a line. The first word names
+# the case.
 daemon() { # CASE COMMAND.. -- ASK..
     local name=$1 place="$folder/${1// /-}" command=() process used status=0 began=$SECONDS
     shift
@@ -78,7 +79,7 @@ real=$!
 trap 'kill $real; rm -rf "$folder"' EXIT
 failed=0 error=1
 for call in $("$bin/refuse" --list); do
-    error=$((39 - error)) # EPERM and ENOSYS in turn
+    error=$((39 - error)) # EPERM and ENOSYS alternate
     refused=("$bin/refuse" "$call" "$error")
     jobs=()
     for kind in server linux_server exporter; do

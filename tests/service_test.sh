@@ -29,12 +29,12 @@ cp "$source/packaging/linux-board.conf" "$work/tesk-server.service.d"
 check_unit tesk-server.service 8
 verify tesk-module-reader.socket
 
-# The thread of the mailbox library that wakes receivers gives way to them.
+# The mailbox library's thread that wakes receivers lowers its own priority.
 for unit in tesk-server tesk-exporter; do
     grep -qx "SystemCallFilter=sched_setscheduler" "$work/$unit.service" || fail "$unit.service refuses a call"
 done
 
-# A call that the unit refuses would end the reader before its first answer.
+# If the unit refused a call, the reader would end before its first answer.
 calls_of() { # SET..
     local set name
     for set; do

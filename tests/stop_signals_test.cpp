@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* SIGTERM before and after each system call of the start, and a second one at each of the end: the
-   server starts, stops in order, says so and leaves nothing; before the signals are blocked it ends
-   by the signal and has made nothing. TESK_LONG=1 tries all places, else every n-th one. */
+/* SIGTERM before and after each system call of the start, and a second SIGTERM at each call of the
+   end: the server starts, stops in order, reports that and leaves nothing; before it blocks signals
+   it ends by the signal and has created nothing. TESK_LONG=1 tries all places, otherwise each n-th
+   one. */
 #include "testkit/processes/processes.h"
 
 #include <csignal>
@@ -15,10 +16,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/* The places of a run, in stops at the entry and the exit of the main thread's system calls. */
+/* The places of a run, counted as stops at entries and exits of the main thread's system calls. */
 struct places {
-    long masked = 0;  /* the entry that blocks all signals: one that is sent there comes after it */
-    long waiting = 0; /* the first one in the main loop's wait */
+    long masked = 0;  /* the entry that blocks all signals: one sent there comes after it */
+    long waiting = 0; /* the first stop in the main loop's wait */
     long last = 0;
 };
 
@@ -47,7 +48,7 @@ class stop_signals : public testing::Test
         ptrace(PTRACE_SETOPTIONS, server, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
     }
 
-    /* Up to the next entry or exit of a system call; false when the process has ended. */
+    /* Continues to the next entry or exit of a system call; false if the process has ended. */
     bool run_to_call(__ptrace_syscall_info &info) const
     {
         int status = 0;
@@ -65,8 +66,8 @@ class stop_signals : public testing::Test
         return true;
     }
 
-    /* Sends SIGTERM at the place `first`, or in the main loop's wait if that is before it, and
-       another one at `second` (0: none; -1: the first one is the end of the tracing). */
+    /* Sends SIGTERM at the place `first`, or in the main loop's wait if that is earlier, and
+       another one at `second` (0: none; -1: tracing ends after the first). */
     places run(long first, long second)
     {
         places found;

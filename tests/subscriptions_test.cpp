@@ -14,7 +14,7 @@ using fake_platform::sent;
 
 using subscriptions = client_fixture;
 
-/* The server's calls of it come here. */
+/* The linker redirects the server's calls of malloc_trim here. */
 static int trims;
 
 extern "C" int malloc_trim(size_t)
@@ -142,7 +142,7 @@ TEST_F(subscriptions, indications_go_out_newest_client_first_and_module_before_p
 TEST_F(subscriptions, two_records_that_differ_make_the_server_read_the_hardware)
 {
     ports[3].status = DOLM_RICRIPORT_STARTED;
-    subscriber(alice, 3, subscribe_status); /* records that there is no module */
+    subscriber(alice, 3, subscribe_status); /* records that the port has no module */
     ports[3] = optical_port();              /* no event: no client has the SFP info subscription */
     trace({1});
     subscriber(bob, 3, subscribe_info);
@@ -186,7 +186,7 @@ TEST_F(subscriptions, a_lost_client_is_unsubscribed_in_the_order_of_its_array)
     subscribe(alice, reference, 3, subscribe_status);
     subscribe(alice, reference, 1, subscribe_info);
     subscriber(bob, 3, subscribe_status);
-    send(alice, unsubscribe_info, {8, reference, 2}); /* the last takes its place */
+    send(alice, unsubscribe_info, {8, reference, 2}); /* the last subscription takes its place */
     subscribe(alice, reference, 4, subscribe_status);
     fake_platform::failing["unsubsport"] = DOLM_RICERR_NODEV;
     trace({1, 4, 12, 17});
@@ -229,7 +229,7 @@ TEST_F(subscriptions, clients_leave_the_list_from_any_place)
     trace({4});
     tesk_client_remove(nullptr);
     expect_log({"[4] ABN: Trying to remove a NULL client!"});
-    /* The end unmonitors those that are left, newest first; then the ids begin anew. */
+    /* The end stops monitoring the remaining clients, newest first; then ids start again from 0. */
     EXPECT_EQ(connect(alice), 9u);
     EXPECT_EQ(connect(bob), 10u);
     trace({});
@@ -277,7 +277,7 @@ TEST_F(subscriptions, memory_of_a_crowd_goes_back_when_it_has_left)
     tesk_client_remove(crowd[0]);
 }
 
-/* The element of a subscription moves when another one is removed; its index follows. */
+/* When an element is removed, another subscription's element moves, and its index is updated. */
 TEST_F(subscriptions, an_unsubscription_ends_the_one_subscription_that_it_names)
 {
     static constexpr uint32_t count = 5;
@@ -296,7 +296,7 @@ TEST_F(subscriptions, an_unsubscription_ends_the_one_subscription_that_it_names)
             EXPECT_EQ(tesk_portsub_find_sfp_info(other) != -1, left.contains(other));
             EXPECT_NE(tesk_portsub_find_port_status(other), -1);
         }
-        /* Every other port still has its events, with the reference of the unsubscription. */
+        /* Every other port still sends its events, with the reference of the unsubscription. */
         for (uint32_t other : left) {
             handle_events({port_event(other, DOLM_RICRIPORT_STARTED)});
             EXPECT_EQ(sent.size(), 2u);
@@ -328,7 +328,7 @@ TEST_F(subscriptions, the_records_of_a_port_agree_after_an_event)
 {
     ports[3].status = DOLM_RICRIPORT_STARTED;
     fake_platform::failing["getportstatus"] = DOLM_RICERR_BUSY;
-    subscriber(alice, 3, subscribe_status); /* its record has no presence */
+    subscriber(alice, 3, subscribe_status); /* the record has no presence yet */
     fake_platform::failing.clear();
     trace({1, 12});
     subscriber(bob, 3, subscribe_info);

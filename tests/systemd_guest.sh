@@ -83,7 +83,7 @@ watch_sees_a_pull() {
     check "and it is back" await has_module
 }
 
-# One switch for the option and the unit's filter, and a line where there is only the option.
+# The option together with the unit's filter, and a warning if only the option is set.
 other_machines() {
     ip address add 192.0.2.7/32 dev lo
     echo 'TESK_EXPORTER_OPTIONS="--listen 192.0.2.7:9816"' >/etc/default/tesk-exporter
@@ -100,7 +100,7 @@ other_machines() {
     systemctl restart tesk-exporter
 }
 
-# The reader knows the interface, though its name is another than that of the configuration.
+# The reader finds the interface, although its name differs from that in the configuration.
 killed_units_come_back() {
     ip link set cage0 name wan
     check "a new name is seen" await says wan cat /run/dolm_ric/ports

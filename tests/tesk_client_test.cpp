@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-// The client library on the fake mailbox: answers that are late, short, foreign or unexpected, its
+// The client library on the fake mailbox: answers that are late, short, foreign or unexpected,
 // deadlines and window, and the loss and return of the server.
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
@@ -14,12 +14,12 @@
 #include <sys/stat.h>
 
 static constexpr uint32_t server = 7, stranger = 8, client_id = 41;
-static constexpr uint32_t reserved = 0xa5a5a5a5; // as mbx_alloc left it: may have any value
+static constexpr uint32_t reserved = 0xa5a5a5a5; // like mbx_alloc's bytes: any value
 
 static thread_local long allocations_left = -1; // no limit
-static thread_local size_t largest_allocation;  // while there is one
+static thread_local size_t largest_allocation;  // the largest while allocations are limited
 
-/* Not inlined: g++ would take the pair of malloc and free in one function for a mismatch. */
+/* Not inlined: otherwise g++ sees malloc and free in one function as a mismatch. */
 [[gnu::noinline]] void *operator new(size_t size)
 {
     if (allocations_left == 0)
@@ -47,14 +47,14 @@ struct without_limit {
     long left = std::exchange(allocations_left, -1);
 };
 
-// The peer of the fake mailbox, and what it has received.
+// The peer of the fake mailbox, with the signals that it has received.
 struct fake_peer {
     int locate_error = 0;
     uint32_t locates = 0;
     std::vector<words_of> sent;
-    std::function<void(const words_of &)> react; // none: never answers
+    std::function<void(const words_of &)> react; // null: it never answers
 
-    // The words, or so many bytes: cut, or continued by a text.
+    // Delivers the words, cut to `size` bytes or continued by a text.
     static void deliver(const words_of &words, size_t size = 0, const char *text = "",
                         uint32_t sender = server)
     {
@@ -104,7 +104,7 @@ static uint32_t locate_server()
     return mbx.locate_error ? MBX_NO_MAILBOX : server;
 }
 
-static int starts; // of the mailbox library
+static int starts; // calls of mbx_init
 
 const fake_mailbox::hooks fake_mailbox::script = {
     [](const char *call, const char *) {
@@ -116,8 +116,8 @@ const fake_mailbox::hooks fake_mailbox::script = {
 
 using strings = std::vector<std::string>;
 
-static strings reported; // by the callbacks: "status 3 2", "4 why", "lost"
-static words_of levels;  // of the last status
+static strings reported; // by callbacks: "status 3 2", "4 why", "lost"
+static words_of levels;  // levels of the last status
 
 static void on_answer(const tesk_client_answer *answer, void *)
 {
@@ -163,8 +163,7 @@ struct client : testing::Test {
     {
         return tesk_client_read_history(session, TESK_CLIENT_HISTORY_SFP_INFO, &record, 1, &count);
     }
-    // Runs until so much has been reported.
-    /* Subscriptions that outlive the loss of the server, requests one at a time. */
+    /* Subscriptions that survive the loss of the server; one request at a time. */
     void subscribe_for_good(tesk_client_kind kind, std::initializer_list<uint32_t> ports,
                             uint32_t deadline_ms)
     {
@@ -176,6 +175,7 @@ struct client : testing::Test {
         for (const uint32_t port : ports)
             ASSERT_EQ(tesk_client_subscribe(session, kind, port), TESK_CLIENT_OK);
     }
+    // Runs until so many callbacks were called.
     void run_until_reported(size_t wanted)
     {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -219,7 +219,7 @@ TEST_F(client, the_reasons_of_a_failed_connect_are_distinguished)
 TEST_F(client, requests_contain_the_servers_reference_and_have_their_exact_size)
 {
     mbx.react = [](const auto &request) {
-        if (request[0] == TESK_CONN_ESTABLISH_REQ) // late, for an earlier establishment
+        if (request[0] == TESK_CONN_ESTABLISH_REQ) // late, about an earlier establishment
             mbx.deliver({TESK_CONN_ESTABLISH_CFM, request[1] - 1, client_id + 1, 1});
         answering_server(request);
     };
@@ -248,7 +248,7 @@ TEST_F(client, only_the_right_answer_of_the_server_counts)
         mbx.deliver({rej[0], ref, own_ref, 5, 1}, 276, "other port");
         mbx.deliver({rej[0], ref, own_ref + 1, 4, 1}, 276, "other client");
         mbx.deliver({TESK_SUBSCRIBE_SFP_INFO_REJ, ref, own_ref, 4, 1}, 276, "other number");
-        mbx.deliver({cfm, ref, own_ref, 4}, 103); // a byte short
+        mbx.deliver({cfm, ref, own_ref, 4}, 103); // one byte too short
         mbx.deliver(rej, 275, "short");
         mbx.deliver({cfm});
         mbx.deliver({0x7777777, ref, own_ref, 4});
@@ -262,7 +262,7 @@ TEST_F(client, only_the_right_answer_of_the_server_counts)
     EXPECT_STREQ(tesk_client_error(), "the real one");
     mbx.react = [](const auto &request) {
         words_of cfm{TESK_GET_PM_COUNTERS_CFM, request[1], own_ref, 4};
-        while (cfm.size() < 26) // the flags too: all values are there
+        while (cfm.size() < 26) // the flags, too: all values are present
             cfm.push_back(static_cast<uint32_t>(cfm.size()));
         mbx.deliver(cfm);
     };
@@ -290,7 +290,7 @@ TEST_F(client, neither_a_late_history_nor_one_that_claims_more_than_it_holds_is_
     EXPECT_EQ(record.port_no, 2u);
     mbx.react = nullptr;
     EXPECT_EQ(read_history(), TESK_CLIENT_TIMEOUT);
-    mbx.react = answering_server; // answers a later request: the former answer is lost
+    mbx.react = answering_server; // answers only a later request: the earlier answer is lost
     EXPECT_EQ(tesk_client_read_capabilities(session, &capability, 1, &count), TESK_CLIENT_OK);
     mbx.react = [](const auto &request) {
         mbx.deliver({request[0] + 1, 2, 8, 2, 1000, 7, 9, 2, 1000, 8, 0});
@@ -322,7 +322,7 @@ TEST_F(client, requests_beyond_the_window_wait_for_an_answer)
     mbx.react = nullptr;
     for (uint32_t port = 0; port < 5; port++)
         EXPECT_EQ(request(TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO, port), TESK_CLIENT_OK);
-    EXPECT_EQ(mbx.sent.size(), 3u); // the establishment and two
+    EXPECT_EQ(mbx.sent.size(), 3u); // the establishment and two requests
     mbx.react = answering_server;
     answering_server(mbx.sent.at(2)); // not in the order of the requests
     answering_server(mbx.sent.at(1));
@@ -338,16 +338,16 @@ TEST_F(client, a_request_without_an_answer_ends_at_its_deadline_and_makes_room)
     mbx.react = nullptr;
     for (uint32_t port = 0; port < 3; port++)
         EXPECT_EQ(request(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, port), TESK_CLIENT_OK);
-    run_until_reported(3); // the one that waited, too
+    run_until_reported(3); // and the queued request
     EXPECT_EQ(reported.front(), "0 no answer in time");
-    answering_server(mbx.sent.at(1)); // too late; but the server has subscribed us
+    answering_server(mbx.sent.at(1)); // too late; but the server has subscribed the client
     EXPECT_EQ(request(TESK_CLIENT_REQUEST_SUBSCRIBE_PORT_STATUS, 8), TESK_CLIENT_OK);
     EXPECT_EQ(mbx.sent.back().at(3), 8u);
     run_until_reported(4);
     EXPECT_EQ(reported.at(3), "status 0 2");
     EXPECT_EQ(request(TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO, 9), TESK_CLIENT_OK);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
-    for (int indication = 0; indication < 100; indication++) // more than one dispatch takes
+    for (int indication = 0; indication < 100; indication++) // more than one dispatch handles
         mbx.indicate(7, 2);
     answering_server(mbx.sent.back());
     while (std::chrono::steady_clock::now() <= deadline) {
@@ -358,7 +358,7 @@ TEST_F(client, a_request_without_an_answer_ends_at_its_deadline_and_makes_room)
 
 TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_one)
 {
-    // After a first subscribe: s(ubscribe) and u(nsubscribe), each confirmed (y) or rejected (n).
+    // After a first subscribe: s(ubscribe) and u(nsubscribe), each confirmed (y) or rejected (n),
     static const std::tuple<std::string, std::string, bool> cases[] = {
         {"s", "n", true},
         {"us", "yy", true},
@@ -367,7 +367,7 @@ TEST_F(client, an_answer_about_the_former_subscription_does_not_touch_the_new_on
         {"su", "ny", false},
         {"usu", "yyy", false},
         {"usus", "ynny", true},
-        /* without an answer; found a(lready subscribed) and g(one) at the next try */
+        /* or t(imed out); found a(lready subscribed) or g(one) by the next request */
         {"uss", "yta", true},
         {"uu", "tg", false}};
     options.deadline_ms = 100;
@@ -415,7 +415,7 @@ TEST_F(client, histories_that_are_never_answered_cost_no_memory_and_are_not_mixe
         EXPECT_EQ(read_history(), TESK_CLIENT_TIMEOUT);
     allocations_left = -1;
     EXPECT_LT(largest_allocation, 4096u);
-    mbx.react = [](const auto &request) { // first those that it still owes
+    mbx.react = [](const auto &request) { // first the owed answers
         for (uint32_t port = 1; port <= 201; port++)
             mbx.deliver({request[0] + 1, 1, port, 2, 1000, 7, 0});
     };
@@ -478,7 +478,7 @@ TEST_F(client, a_renewal_begins_anew_after_a_loss_and_is_reported_without_an_ans
                                  "subscription lost: no answer in time"}));
 }
 
-// Of 20 doubled pauses without an end the last one would take a quarter of an hour.
+// Without a limit, the last of 20 doubled pauses would take a quarter of an hour.
 TEST_F(client, the_pause_between_attempts_has_an_end_and_begins_anew_with_each_connection)
 {
     options.reconnect = true;
@@ -510,7 +510,7 @@ TEST_F(client, a_session_that_ends_answers_its_requests_and_a_callback_cannot_wa
         auto *ending = static_cast<tesk_client_session *>(user);
         tesk_client_pm unread;
         EXPECT_EQ(tesk_client_read_pm(ending, 1, &unread), TESK_CLIENT_MISUSE);
-        tesk_client_close(ending); // does nothing here
+        tesk_client_close(ending); // is ignored in a callback
         EXPECT_EQ(answer->result, TESK_CLIENT_CANCELLED);
         reported.push_back("end");
     };
@@ -533,7 +533,7 @@ TEST_F(client, a_lack_of_memory_is_a_result_and_loses_no_request)
         ASSERT_EQ(session == nullptr, failed == 1);
         if (failed == 1)
             continue;
-        allocations_left = left / 4; // each step by itself, too
+        allocations_left = left / 4; // each step alone, too
         const long accepted = request(TESK_CLIENT_REQUEST_PM, 1) == TESK_CLIENT_OK ? 1 : 0;
         failed += 1 - accepted;
         failed += tesk_client_subscribe(session, TESK_CLIENT_PORT_STATUS, 2) != TESK_CLIENT_OK;
@@ -564,7 +564,7 @@ TEST_F(client, a_forked_child_cannot_use_the_session_but_starts_the_library_for_
         starts = 0;
         const bool is_refused = tesk_client_read_pm(session, 1, &pm) == TESK_CLIENT_MISUSE &&
                                 tesk_client_dispatch(session) == TESK_CLIENT_MISUSE;
-        tesk_client_close(session); // would end the parent's
+        tesk_client_close(session); // would close the parent's
         const bool is_whole = fake_mailbox::is_open();
         _exit(is_refused && is_whole && connect() != TESK_CLIENT_MISUSE && starts == 1 ? 0 : 1);
     }
@@ -641,7 +641,7 @@ TEST_F(client, stop_ends_the_run_that_goes_on_or_the_next_one)
 {
     ASSERT_EQ(connect(), TESK_CLIENT_OK);
     tesk_client_stop(session);
-    for (int i = 0; i < 2; i++) // the first one takes the wake-up
+    for (int i = 0; i < 2; i++) // the first call takes the wake-up
         tesk_client_read_capabilities(session, &capability, 1, &count);
     EXPECT_EQ(tesk_client_run(session, -1), TESK_CLIENT_OK);
     EXPECT_EQ(tesk_client_run(session, 0), TESK_CLIENT_OK);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* teskboard: its exit codes and what it prints, on a board in the test's own process. */
+/* teskboard: its exit codes and its output, on a board in the test's own process. */
 #include "testkit/board/board_fixture.h"
 #include "testkit/processes/processes.h"
 
@@ -11,7 +11,7 @@ namespace
 struct expectation {
     std::string arguments;
     int exit_code;
-    const char *output; /* a regular expression for some of it */
+    const char *output; /* a regular expression that matches a part of it */
 };
 
 } // namespace

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* teskctl: what it makes of its arguments and of bytes from outside, how it writes, and its exit
-   codes and reconnection against the real server on the simulated board. */
+/* teskctl: its arguments, bytes from outside, its output, and its exit codes and reconnection with
+   the real server on the simulated board. */
 #include "program/details_json.h"
 #include "program/exit_code.h"
 #include "program/json_records.h"
@@ -245,10 +245,10 @@ TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
     view.show(alarm);
     expect_in("", 24, "\n>412 ");
     expect_in("\x1b[B", 24, "\n>0 ");
-    view.show(status_of(412)); /* the alarm is over, and its row below the window */
+    view.show(status_of(412)); /* the alarm is over, and its row is below the window */
     expect_in("", 24, "outside of the window 1 port changed, last port 412: ");
     expect_in("\x1b[6~", 24, "\n>20 ");
-    expect_in("\x1b[", 24, "\n>20 "); /* one sequence in two reads */
+    expect_in("\x1b[", 24, "\n>20 "); /* one sequence split over two reads */
     expect_in("B", 24, "\n>21 ");
     expect_in("\x1b[F", 24, "rows 481-500 of 500");
     expect_in("s\x1b[H", 24, "\n>0 ");
@@ -258,7 +258,7 @@ TEST(teskctl, top_scrolls_sorts_filters_and_reports_what_it_does_not_show)
     expect_in("\x1b", 24, "of 500");
     expect_in("", 5, "rows 1-1 of 500");
     expect_in("?", 24, "g         read the grades");
-    expect_in("\x1bs", 24, "500 ports, worst first"); /* of this page, not of the one before */
+    expect_in("\x1bs", 24, "500 ports, worst first"); /* of this page, not of the previous one */
     view.name({{7, "eth7"}, {77, "eth77"}});
     expect_in("/eth7\r", 24, "\n>7     eth7 ");
     expect_in("/7\r", 24, "\n>77    eth77 ");
@@ -284,7 +284,8 @@ TEST(teskctl, a_history_is_folded_only_where_records_belong_together)
         {{{1, 5, 1, 1}, {1, 5, 1, 5}, {2, 6, 1, 1}, {2, 6, 1, 5}, {3, 8, 1, 1}},
          {"5-6,8 subscribed for client 1 (reference 0)",
           "5-6 indication for client 1 (reference 0)"}},
-        /* the same again, other clients and ports, and later ones are events of their own */
+        /* the same actions again: other clients, other ports, and later times are separate
+           events */
         {{{1, 5, 1, 5}, {2, 5, 1, 5}}, strings(2, "5 indication for client 1 (reference 0)")},
         {{{1, 5, 1, 5}, {2, 6, 2, 5}},
          {"5 indication for client 1 (reference 0)", "6 indication for client 2 (reference 0)"}},
@@ -311,7 +312,7 @@ TEST(teskctl, a_history_is_folded_only_where_records_belong_together)
 static constexpr char program[] = TESK_BIN_DIR "/teskctl";
 
 struct teskctl_system : testing::Test {
-    /* Without a port map, unless a test writes one. */
+    /* There is no port map unless a test writes one. */
     teskctl_system()
     {
         setenv("DOLM_RIC_PORT_MAP", (directory.path + "/none/ports").c_str(), 1);
@@ -334,7 +335,7 @@ struct teskctl_system : testing::Test {
         EXPECT_EQ(run(arguments), code) << arguments;
         testkit::expect_parts(output, texts);
     }
-    /* Starts teskctl, whose output goes to the log. */
+    /* Starts teskctl with its output in the log. */
     pid_t start(strings words)
     {
         words.insert(words.begin(), program);
@@ -373,7 +374,7 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("pm 12,20-22,24", 1, {"port 12: no module\n", "ports 20-22,24: pm: no such port\n"});
     expect("sfp 7,12", 0, {"\n7     module not ready\n", "\n12    no module\n"});
     expect("--json sfp 7", 0, {"\"module\":\"not ready\""});
-    expect("ports 7", 0, {"\n7     module not ready  -2.37 dBm"}); /* the board measures it */
+    expect("ports 7", 0, {"\n7     module not ready  -2.37 dBm"}); /* the board measures values */
     expect("pm 7", 0, {"port 7: module not ready\n", " dBm "});
     testkit::run(TESK_BIN_DIR "/teskboard fail getmoduleinfo busy --port 12", output);
     expect("sfp 12", 0, {"\n12    module not ready\n"});
@@ -392,7 +393,7 @@ TEST_F(teskctl_system, errors_have_their_exit_codes_and_say_what_to_do)
     expect("pm all | grep -c ^port", 0, {"16\n"});
     expect("pm 0-9999 | grep -c ^port", 0, {"16\n"});
     expect("ports --status 0", 0, {"LINK", "up 9.8 Gbps  ok"});
-    /* Nothing more comes: it ends with its reader, and not at the next line. */
+    /* No further line follows: teskctl ends with its reader, not at the next line. */
     expect("watch --status 0 | head -n 1", 0, {"port 0 "});
     expect("ping -i 1000 | head -n 1", 0, {"seq=1 "});
     EXPECT_EQ(run("capabilities > /dev/full"), 5);
@@ -500,7 +501,7 @@ TEST_F(teskctl_system, why_tells_of_the_falls_that_the_board_recorded)
     EXPECT_TRUE(last_fall_of(directory.path + "/falls", 7)) << "behind it is a wrong line";
 }
 
-/* Each would hang, or take what memory or stack there is. */
+/* Without limits each of these would hang, or exhaust memory or stack. */
 TEST_F(teskctl_system, why_takes_no_more_facts_than_a_machine_can_have)
 {
     const auto repeat = [](size_t count, const std::string &text) {
@@ -559,7 +560,7 @@ TEST_F(teskctl_system, top_follows_the_ports_of_a_server_that_comes_back)
     }
     testkit::run(TESK_BIN_DIR "/teskboard wait 0-19 --subscribed link", output);
     kill(top, SIGINT);
-    EXPECT_EQ(testkit::wait_for_end(top), 1); /* for the ports that were rejected */
+    EXPECT_EQ(testkit::wait_for_end(top), 1); /* because of the rejected ports */
 }
 
 TEST_F(teskctl_system, ping_counts_no_wait_for_a_connection_as_a_round_trip)
@@ -608,7 +609,7 @@ TEST_F(teskctl_system, tools_leave_as_few_records_as_they_can)
 TEST_F(teskctl_system, ports_are_named_by_the_port_map)
 {
     const std::string map = directory.path + "/ports";
-    server.emplace(); /* writes a map of its own elsewhere */
+    server.emplace(); /* the server writes its map elsewhere */
     setenv("DOLM_RIC_PORT_MAP", map.c_str(), 1);
     testkit::run("printf '# tesk-ports 1\n3\teth3\n7\tx\033[2J\n' >" + map, output);
     expect("ports", 0, {"3     eth3      optical", "7     x\\x1b[2J  module not ready"});
@@ -646,12 +647,12 @@ TEST_F(teskctl_system, a_server_that_is_not_there_is_waited_for_and_explained)
     expect("doctor", 0, {"ok     server     process"});
 }
 
-/* A trouble: the shell makes it in the test's directory, with the server's process in $pid. */
+/* A problem: a shell command causes it in the test's directory; $pid is the server's process. */
 struct trouble {
     const char *setup;
-    const char *line;   /* of the doctor, some of it */
-    const char *remedy; /* the line below it; "" for none */
-    bool is_up = true;  /* the server runs */
+    const char *line;   /* a part of a line that doctor prints */
+    const char *remedy; /* the line after it; "" for none */
+    bool is_up = true;  /* the server is running */
     bool is_nobody = false;
 };
 
@@ -659,7 +660,7 @@ TEST_F(teskctl_system, the_doctor_finds_each_trouble_and_advises_no_harm)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "changes owners, and runs as another user";
-    /* A unit's state as systemctl shows it; units that aren't named are not installed. */
+    /* A unit's state as systemctl shows it; all other units are not installed. */
     const std::string head =
         "cd " + directory.path +
         "; export MBX_DIR=$PWD/mbx MBX_LOCATE_MS=1000 b=$DOLM_RIC_SOCKET DOLM_RIC_SOCKET=/none "

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesktmo: order, receiver and life of timers, on a fake mailbox library: every block that the
-   service takes is either sent or freed. */
+/* tesktmo: order, receiver and lifetime of timers, on a fake mailbox library: every block that the
+   service takes is sent or freed. */
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
 #include "platform/tesktmo/tesktmo.h"
@@ -83,7 +83,8 @@ TEST(tesktmo, ticks_come_in_order_of_expiry_and_of_request_never_early_and_from_
 {
     setenv("TESKTMO_UNIT_MS", "1", 1);
     ASSERT_TRUE(tmo_service_init() && tmo_service_init());
-    /* If the machine stalls between the requests, another order is right: repeat. */
+    /* If the machine stalls between the requests, another order is right: then the case is
+       repeated. */
     for (bool has_stalled = true; has_stalled;) {
         const auto begin = steady_clock::now();
         request(400, 5), request(200, 2, 8), request(200, 3), request(300, 4), request(0, 1);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* zel: settings and the mask that follows, lines of text and their file, floods and outputs that
-   stall, formatted texts under signal handlers, and LTTng from the trace call to the print of
-   babeltrace2. The library reads its settings once, so each case runs in a child process. */
+/* zel: settings and the resulting mask, lines of text and their file, floods and blocked outputs,
+   formatted texts in signal handlers, and LTTng from the trace call to babeltrace2's output. The
+   library reads its settings once, so each case runs in a child process. */
 #include "platform/zel/zel.h"
 #include "testkit/processes/processes.h"
 #include "util/deadline.h"
@@ -57,8 +57,8 @@ static void start(const settings &environment)
     zel_init();
 }
 
-/* Prints the masks of the first thread and of another one before and after it registers, and
-   whether LTTng is loaded, with all signals blocked in all of its threads. */
+/* Prints the masks of the first thread, of another thread before and after it registers, and
+   whether LTTng is loaded with all signals blocked in all its threads. */
 static void print_state(const settings &environment)
 {
     start(environment);
@@ -156,7 +156,7 @@ TEST_F(zel, a_full_file_rolls_over_and_only_the_oldest_lines_are_lost)
     EXPECT_TRUE(newer.ends_with(" line 499\n"));
 }
 
-/* Reads all there is now. */
+/* Reads everything that is available. */
 static std::string drain(int reader)
 {
     std::string text(1 << 20, '\0');
@@ -184,8 +184,8 @@ static size_t count_of(const std::string &text, const std::string &part)
     return count;
 }
 
-/* Without a limit, so that the output fills up. Handlers trace in the middle of it. Exits with 0 if
-   each line was either written or counted as lost. */
+/* Without a limit, so that the output becomes full; handlers trace meanwhile. Exits with 0 if each
+   line was written or counted as lost. */
 static void fill_output(const settings &environment, int reader)
 {
     constexpr int lines = 3000, handled = 200;
@@ -253,7 +253,7 @@ static void flood_with_limit()
     lttngZelTrace(1, "error", 4, "is seen", procInfo);
 }
 
-/* Waits until the lines of another place have reported the rest of the flood, which may last longer
+/* Waits until lines of another place have reported the rest of the flood, which may last longer
    than a second. */
 static void flood_and_wait(int reader)
 {
@@ -306,7 +306,7 @@ TEST_F(zel, a_flood_is_bounded_folded_and_counted_and_errors_have_a_share_of_the
 }
 
 /* Handlers trace while they interrupt threads that trace, into a file that rolls over meanwhile. No
-   text is free, as some are never traced; a text holds 2 KiB. */
+   text is free, as some are never traced; a text has 2 KiB. */
 TEST_F(zel, a_storm_of_signals_leaves_every_line_and_text_whole)
 {
     const std::string long_text(3000, 'w');
@@ -353,10 +353,10 @@ TEST_F(zel, babeltrace2_reads_what_was_traced_with_lttng)
     if (system("command -v lttng lttng-sessiond babeltrace2 >/dev/null") != 0 ||
         (geteuid() == 0 && system("unshare --mount true") != 0))
         GTEST_SKIP() << "needs lttng-tools and babeltrace2, and as root the right to mount";
-    /* Root's session daemon has a fixed place, so root gets one of its own by a mount. */
+    /* Root's session daemon uses a fixed path, so a mount gives root its own. */
     const std::string mount = "unshare --mount sh -c 'mkdir -p /run/lttng &&"
                               " mount -t tmpfs none /run/lttng && exec \"$@\"' sh ";
-    /* A command is recorded, and then running programs, until Enter. */
+    /* The recorder runs a command, and then records running programs until Enter. */
     const std::string command =
         "cd " + directory.string() + " && P=/proc/" + std::to_string(getpid()) + "/exe F=" + file +
         " LTTNG_HOME=$PWD timeout 50 " + (geteuid() == 0 ? mount : "") +

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One port: badges, values, plots, identity, history. The plots and the history are asked for when
-   the port is chosen, and again after each change of it. */
+/* One port: badges, values, plots, identity, history. Plots and history are requested when the port
+   is chosen, and again after each change of the port. */
 import { by_id, make, make_badge, make_event, set_text } from "./document.js";
 import { forget_falls, take_falls, write_falls } from "./falls.js";
 import { limits_of, write_lanes } from "./lanes.js";
@@ -19,13 +19,13 @@ const plotted = [
 const identity = [["Kind", "module"], ["Vendor", "vendor"], ["Part", "part"], ["Revision", "revision"],
                   ["Serial", "serial"], ["Date code", "date_code"], ["Product", "product"],
                   ["Extension", "product_ext"]];
-/* Its legend needs inline styles, which our policy forbids; a line above the plot shows its values.
-   */
+/* The plot library's legend needs inline styles, which our policy forbids; a line above the plot
+   shows its values. */
 Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => String(plugin.prototype) !== "Legend Plugin");
 let plots = [];
 let range = "hour";
 let shown = null; /* the number of the port */
-let limits = {};  /* of its module, by the name of the plot */
+let limits = {};  /* limits of the port's module, by the name of the plot */
 
 function write_badges(port) {
   const badges = [link_badge(port)];
@@ -62,7 +62,7 @@ function write_identity(port) {
     by_id("identity").append(make("dt", module_text(port)));
 }
 
-/* Of a day each point is a pair; the middle is drawn with its range. */
+/* In the plot of a day each point is a pair; their middle is drawn, with the range. */
 function to_rows(answer, series) {
   const count = answer[series[0][1]].length;
   return Array.from({ length: count }, (_, i) => {
@@ -81,8 +81,8 @@ const is_ranged = (answer) => !["hour", "2d"].includes(answer.range);
 
 const apart = ["time", "events", "forecasts"];
 
-/* The answer of the history, with the keys of the shorter plots, of the lane that fails first. Where
-   readings are missing the line ends: an empty point stands behind the last one. */
+/* Converts the answer of the history to the keys of the shorter plots, for the lane that fails
+   first. Where readings are missing the line ends: an empty point follows the last reading. */
 function from_history(answer, forecasts) {
   const lane = forecasts.find((each) => each.lane !== null)?.lane ?? 0;
   const made = { range: answer.span, step_s: answer.step_s, events: answer.events, lane, time: [] };
@@ -105,8 +105,8 @@ const day_ms = 86_400_000;
 const forecast_names = { rx_uw: "receive power", tx_uw: "transmit power", bias_ma: "laser bias",
                          error_ratio: "error ratio", temperature_c: "temperature" };
 
-/* The interval of 80 %, from the last reading to the limit's line: points with its two edges, and the expected way in
-   the middle. Only of long plots, in which it is more than a sliver. */
+/* The interval of 80 %, from the last reading to the line of the limit: points with both edges, and
+   the expected value in between. Only for long plots, in which it is wide enough to see. */
 function forecast_rows(answer, { forecast, series }) {
   const told = is_ranged(answer) && answer.forecasts?.find(({ value }) => forecast?.includes(value));
   const key = told && (told.value === "tx_uw" ? "tx_power_dbm" : series[0][1]);
@@ -122,7 +122,7 @@ function forecast_rows(answer, { forecast, series }) {
   });
 }
 
-/* Rows of readings get an empty forecast where the plot has one. */
+/* Rows of readings; if the plot has a forecast, theirs is empty. */
 function rows_of(answer, what) {
   const ahead = forecast_rows(answer, what), rows = to_rows(answer, what.series);
   return ahead.length ? [...rows.map((row) => [...row, [null, null, null]]), ...ahead] : rows;
@@ -134,7 +134,7 @@ function write_forecasts(forecasts) {
     + `${each.days_left.toFixed(1)} days left (${each.low.toFixed(1)} to ${each.high.toFixed(1)}). ${each.reason}`)));
 }
 
-/* Falls of the link, changes of the module and forecasts, as lines behind the plot. */
+/* Falls of the link, changes of the module and forecasts are lines behind the plot. */
 const marked = { down: "--bad", removed: "--plot-2", replaced: "--plot-2", inserted: "--plot-2", forecast: "--warn" };
 function draw_marks(context, area, plot, events, colour) {
   for (const event of events ?? []) {
@@ -156,7 +156,7 @@ function summary_text(answer, { series, digits }) {
   }).join(", ");
 }
 
-/* Those that lie within what the plot shows: dashed, the alarms in another colour. */
+/* Draws the limits within the shown range, dashed; alarms have another colour. */
 function draw_limits(name, colour, canvas, area, graph) {
   canvas.save();
   canvas.setLineDash([4, 3]);
@@ -198,7 +198,7 @@ function draw(answer) {
     figure.append(caption, ...(rows.length ? [place] : []));
     by_id("plots").append(figure);
     if (!rows.length)
-      continue; /* the caption has "nothing read" */
+      continue; /* the caption says "nothing read" */
     const colours = [colour("--plot-1"), colour("--plot-2")].slice(0, names.length);
     plots.push(new Dygraph(place, rows, {
       labels: ["time", ...names, ...(has_forecast ? ["forecast"] : [])], customBars: is_ranged(answer),
@@ -222,7 +222,7 @@ async function answer_of(path) {
   return response.json();
 }
 
-/* Not asked for where there are none: without a history the exporter has no such answer. */
+/* If no forecast exists, nothing is requested: an exporter without a history has no such answer. */
 async function forecasts_of(port) {
   if (typeof port?.forecast_days !== "number")
     return [];
@@ -232,14 +232,14 @@ async function forecasts_of(port) {
 
 const spans_ms = { hour: day_ms / 24, day: day_ms, "2d": 2 * day_ms, "8w": 56 * day_ms, "2y": 731 * day_ms };
 
-/* In the scale of the plots, as far as there are any. */
+/* On the time scale of the plots, if there are any. */
 function draw_falls() {
   const now = Date.now(), begin = now - spans_ms[range];
   const name = section.querySelector(`button[data-range="${range}"]`).textContent;
   write_falls(name, begin, ...(plots[0]?.xAxisRange() ?? [begin, now]));
 }
 
-let has_falls = false; /* the falls of the shown port were asked for, and there is an answer */
+let has_falls = false; /* the falls of the shown port were requested and received */
 async function load_falls() {
   const number = shown;
   has_falls = true;
@@ -252,7 +252,7 @@ async function load_falls() {
   draw_falls();
 }
 
-/* Nothing is drawn while the pointer reads a value. */
+/* Nothing is drawn while the pointer is over a value. */
 export async function load_plots() {
   const number = shown;
   if (number === null || section.querySelector("#plots:hover, #fall-line:hover") && plots.length)
@@ -294,7 +294,7 @@ export async function load_history() {
   by_id("history").replaceChildren(...(items.length ? items : [make("li", "nothing has happened yet", "dim")]));
 }
 
-/* Values that aren't shown have a reason. */
+/* A value that isn't shown has its reason in its place. */
 export function write_ages(port, age_of) {
   const read = port.pm ? `Values ${age_text(age_of(port.reading_age_s))} old`
     : has_module(port) ? `Values not known${port.pm_trouble ? `: ${port.pm_trouble}` : ""}` : "No values";
@@ -302,7 +302,7 @@ export function write_ages(port, age_of) {
   set_text(by_id("ages"), `${read}${graded}.`);
 }
 
-/* Hides the parts of a port that isn't followed any more. */
+/* Hides the parts of a port that is no longer followed. */
 export function write_gone(number) {
   set_text(by_id("port-title"), `Port ${number} isn't followed`);
   for (const part of section.querySelectorAll(".known"))
@@ -319,7 +319,7 @@ export function write_port(port, age_of) {
   write_ages(port, age_of);
 }
 
-/* Shows another port, or none; there is nothing to load of one that isn't followed. */
+/* Shows another port, or none; nothing is loaded for a port that isn't followed. */
 export function choose_port(number, is_followed) {
   shown = number;
   limits = {};

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The few ways in which this page writes into its document: always as text. */
+/* The few functions by which this page writes into its document: always as text. */
 
 import { time_text } from "./ports.js";
 
 export const by_id = (id) => document.getElementById(id);
 
-/* Only if the text differs, so that a selection and a screen reader are not disturbed. */
+/* Writes only if the text differs, so that a selection and a screen reader are not disturbed. */
 export function set_text(element, text) {
   if (element.textContent !== text)
     element.textContent = text;

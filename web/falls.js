@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The falls of the chosen port's link: marks on a line above the plots, in whose scale they stand,
-   and a list of the same falls. Both have the falls of the shown range only. The falls are asked for
-   when the port is chosen and after each event of it; drawing them asks for nothing. */
+/* The falls of the chosen port's link: marks on a line above the plots, on the same time scale, and
+   a list of the same falls. Both show the falls of the shown range only. The falls are requested
+   when the port is chosen and after each event of the port; drawing them requests nothing. */
 import { by_id, make, make_event, set_text } from "./document.js";
 import { fall_text } from "./ports.js";
 
@@ -13,7 +13,8 @@ export function forget_falls() {
   by_id("falls-part").hidden = true;
 }
 
-/* The falls of /api/falls; null where that has none, as without a board that records them. */
+/* Takes the falls of /api/falls; null if the answer has none, as with a board that doesn't record
+   them. */
 export function take_falls(answer) {
   falls = (answer?.falls ?? []).filter(({ facts }) => typeof facts.time === "number")
     .map((fall) => ({ at: 1000 * fall.facts.time, text: fall_text(fall) }));
@@ -26,8 +27,8 @@ function show_sentence(mark, { at, text }) {
   by_id("fall-text").replaceChildren(...make_event({ time: new Date(at).toISOString() }, text).childNodes);
 }
 
-/* `from` and `to` are the edges of the plots; `range` is "hour" or the like, which began at `begin`.
-   A fall that is younger than the last reading stands at the edge. */
+/* `from` and `to` are the edges of the plots; `range` is "hour" or another range, which began at
+   `begin`. A fall after the last reading is drawn at the edge. */
 export function write_falls(range, begin, from, to) {
   const shown = falls.filter(({ at }) => at >= begin);
   const count = shown.length === 0 ? "No fall of the link" : shown.length === 1 ? "One fall of the link"

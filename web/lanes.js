@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What the board publishes of a module beyond the protocol: its lanes, its limits, and why a value
-   is missing. */
+/* The details of a module that the board publishes beyond the protocol: lanes, limits, and why a
+   value is missing. */
 import { by_id, make, make_badge, set_text } from "./document.js";
 import { grade_badge } from "./ports.js";
 
@@ -34,7 +34,7 @@ function lane_row(lane) {
   return line;
 }
 
-/* The share of time that readings take at their present pace. */
+/* The share of time that readings take with the present pause between them. */
 function reading_text(cost) {
   if (!cost?.period_s || !cost.last_sweep_s)
     return "";
@@ -42,7 +42,7 @@ function reading_text(cost) {
   return `Reading the measured values keeps the kernel busy for ${percent < 0.01 ? "less than 0.01" : percent.toFixed(2)} % of the time.`;
 }
 
-/* Nothing is shown of a board that publishes no details. */
+/* If the board publishes no details, nothing is shown. */
 export function write_lanes(details) {
   set_text(by_id("reading-share"), reading_text(details?.cost));
   const section = by_id("lanes-part");
@@ -51,8 +51,8 @@ export function write_lanes(details) {
     by_id("lanes").tBodies[0].replaceChildren(...details.lanes.map(lane_row));
 }
 
-/* The limits of each plotted value in its plot's unit, by the plot's name; none where the module
-   has none. */
+/* The limits of each plotted value in its plot's unit, by the plot's name; none if the module has
+   none. */
 export function limits_of(details) {
   if (!details)
     return {};

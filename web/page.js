@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The state of the page and its two sources. /events brings changes as they happen; /api/ports
-   brings everything, measured values included, at the interval in which they are read, and at once
-   after an event whose change includes data that it doesn't carry. The server counts as away if
-   either of them reports it. */
+/* The state of the page and its two sources. /events sends changes as they happen. /api/ports
+   returns everything, measured values included; it is requested at the interval of readings, and at
+   once after an event that doesn't contain all changed data. The server counts as away if either of
+   them reports it. */
 import { by_id, make_event, set_text } from "./document.js";
 import { choose_port, load_history, load_plots, write_ages, write_gone, write_port } from "./detail.js";
 import { event_text, is_later, time_text, title_of } from "./ports.js";
@@ -12,8 +12,8 @@ const most_latest = 8;
 const announce_pause_ms = 1000;
 const ports = new Map();
 let interval_s = 15;
-let read_at = performance.now(); /* when the ages in `ports` were right */
-let known_at = null; /* of which time `ports` are; null: of none */
+let read_at = performance.now(); /* when the ages in `ports` were measured */
+let known_at = null; /* the time of the state in `ports`; null: there is none */
 let chosen = null;
 const troubles = { stream: "", server: "" };
 
@@ -27,7 +27,7 @@ function write_trouble() {
   by_id("connection").dataset.tone = text ? "bad" : "good";
 }
 
-/* Adds to the text from which time the shown ports are. */
+/* Adds to the text the time of the state that is shown. */
 function set_trouble(source, text, known = known_at) {
   const shown = known && ports.size ? ` The ports are shown as they were at ${time_text(known)}.` : "";
   if (!text)
@@ -46,7 +46,7 @@ function write_all() {
     write_gone(chosen);
 }
 
-/* Draws once for all events of one batch. */
+/* Draws once for all events that arrive together. */
 let is_due = false;
 function request_writing() {
   if (is_due)
@@ -93,8 +93,9 @@ async function read_ports() {
   return reading;
 }
 
-/* An event may overtake an answer that was made before it: then the event's values are kept, or a
-   link would seem to change back. Ids give the order, as clocks may be set back. */
+/* An event may be received before an answer that was made earlier: then the event's values are
+   kept, since otherwise a link would seem to change back. Ids give the order, since clocks may be
+   set back. */
 function newer_of(shown, answered, id) {
   if (!is_later(shown?.event_id, id))
     return answered;
@@ -121,7 +122,7 @@ function take_ports(answer) {
     load_history();
 }
 
-/* Data that an event doesn't carry, such as the values of another module, is read a little
+/* Data that an event doesn't contain, such as the values of another module, is requested a little
    later. */
 let later = 0;
 function read_soon() {
@@ -142,7 +143,7 @@ function take_record(event) {
   } else if (event.event === "status") {
     port.status = record;
     if (change !== "initial")
-      port.grade_age_s = -(performance.now() - read_at) / 1000; /* as of now */
+      port.grade_age_s = -(performance.now() - read_at) / 1000; /* of now */
   }
   if (change === "initial")
     return;
@@ -172,7 +173,8 @@ function take_event(message) {
     read_soon();
 }
 
-/* The browser reconnects by itself, with the id of the last event, unless it was refused. */
+/* The browser reconnects by itself, with the id of the last event, unless its request was
+   refused. */
 let stream;
 function follow() {
   stream = new EventSource("events");
@@ -232,7 +234,7 @@ by_id("filter").addEventListener("input", write_all);
 addEventListener("hashchange", choose_by_address);
 addEventListener("keydown", on_key);
 setInterval(every_second, 1000);
-/* Ports first: an event is about a port that is known. */
+/* The ports are requested first, since an event is about a known port. */
 follow();
 await read_ports();
 choose_by_address();

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The presentation of a port's record: its rank, badges and texts. No state, no document. */
+/* How a port's record is shown: its rank, badges and texts. No state, no document. */
 
 /* The tones by urgency; `sign` has the same meaning as the colour. */
 const grades = {
@@ -11,7 +11,7 @@ const grades = {
 };
 const no_grade = { rank: 7, tone: "none", sign: "–" };
 
-/* Each measured value: its key among the grades, its key in the record, how it is written. */
+/* Each measured value: its key among the grades, its key in the record, and how it is written. */
 export const measurements = [
   { grade: "rx_power", value: "rx_power_dbm", unit: "dBm", digits: 2, name: "receive power" },
   { grade: "tx_power", value: "tx_power_dbm", unit: "dBm", digits: 2, name: "transmit power" },
@@ -38,7 +38,7 @@ export function grade_badge(text) {
   return { text, ...(grades[text] ?? no_grade) };
 }
 
-/* The worst grade with the values that have it; null where none is given. */
+/* The worst grade, with the values that have it; null if there are no grades. */
 export function worst_grade(port) {
   if (!port.status || !has_module(port))
     return null;
@@ -84,8 +84,8 @@ export function is_unexpectedly_down(port) {
   return port.status?.link === "not operational" && has_module(port);
 }
 
-/* Smaller is worse: alarms, modules that aren't ready and ports that are down though a module is
-   there, warnings and forecasts, the others, empty ones. */
+/* A smaller rank is worse: alarms, modules that aren't ready and links that are down with a module,
+   warnings and forecasts, other ports, empty ports. */
 export function rank(port) {
   const worst = worst_grade(port);
   const by_grade = worst ? grades[worst.text].rank : 5;
@@ -109,7 +109,7 @@ export function value_text(port, { value, unit, digits }) {
   return number === null || number === undefined ? "–" : number.toFixed(digits) + " " + unit;
 }
 
-/* All that the filter looks in, in lower case. */
+/* All texts that the filter searches, in lower case. */
 export function searched_text(port) {
   const sfp = port.sfp ?? {};
   const worst = worst_grade(port);
@@ -131,7 +131,7 @@ export function age_text(seconds) {
   return Math.floor(seconds / 86400) + " days";
 }
 
-/* In 24 hours, as the plots have them. With the date where it isn't today's. */
+/* Times in 24 hours, like the plots. With the date if it isn't today's. */
 const clock = new Intl.DateTimeFormat(undefined, { timeStyle: "medium", hourCycle: "h23" });
 const calendar = new Intl.DateTimeFormat(undefined, { dateStyle: "short" });
 export function time_text(when) {
@@ -141,18 +141,18 @@ export function time_text(when) {
 }
 
 /* Whether `id` is of a later event than `other`. Numbers of another run of tesk-exporter can't be
-   compared: its answers replace all that was before. */
+   compared: its answers replace the whole state. */
 export function is_later(id, other) {
   const [epoch, number] = (id ?? "").split("-"), [other_epoch, other_number] = (other ?? "").split("-");
   return epoch === other_epoch && Number(number) > Number(other_number);
 }
 
-/* Why a link fell, with what is ill since it came back. */
+/* Why a link fell, and how it is ill since it came back. */
 export function fall_text({ cause, certainty, evidence, ill }) {
   return [`${cause}, ${certainty}.`, evidence[0], ...(ill.length ? ["Up, but ill:", ...ill] : [])].filter(Boolean).join(" ");
 }
 
-/* The event as a sentence of a list. */
+/* The event as a sentence for the list. */
 export function event_text(event) {
   switch (event.event) {
   case "lost": return "tesk-server went away";

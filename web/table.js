@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The table of all ports. A row always belongs to the same port: only what changed is written, and
-   a row that keeps its place isn't touched, so that focus and selection stay. */
+/* The table of all ports. A row always belongs to the same port: only changed cells are written,
+   and a row that keeps its place isn't touched, so that focus and selection stay. */
 import { by_id, make, set_badge, set_text } from "./document.js";
 import { age_text, forecast_badge, grade_badge, is_unexpectedly_down, link_badge, measurements, module_state,
          module_text, rank, searched_text, time_text, value_text, worst_grade, worst_text } from "./ports.js";
@@ -57,7 +57,7 @@ function write_row(made, port, age_of) {
   set_text(made.change, port.last_change ? time_text(port.last_change) : "–");
 }
 
-/* Moves only rows that are out of order, since a moved element loses the focus. */
+/* Moves only rows that are out of order, since a moved element loses its focus. */
 function put_in_order(sorted) {
   const focused = body.contains(document.activeElement) ? document.activeElement : null;
   let place = body.firstElementChild;
@@ -81,7 +81,7 @@ function remove_gone(ports) {
   }
 }
 
-/* Writes all ports; `age_of` takes an age as it was to what it is now. */
+/* Writes all ports; `age_of` converts an age in the record to the present age. */
 export function write_table(ports, filter, chosen, age_of) {
   remove_gone(ports);
   const words = filter.toLowerCase().split(/\s+/).filter(Boolean);
@@ -105,11 +105,11 @@ export function write_table(ports, filter, chosen, age_of) {
 export function mark_changed(number) {
   const row = rows.get(number)?.row;
   row?.classList.remove("changed");
-  void row?.offsetWidth; /* so that the animation begins anew */
+  void row?.offsetWidth; /* so that the animation starts again */
   row?.classList.add("changed");
 }
 
-/* Moves the focus by `step` rows that are shown. */
+/* Moves the focus by `step` visible rows. */
 export function move_focus(step) {
   const links = [...body.querySelectorAll("tr:not([hidden]) th a")];
   const at = links.indexOf(document.activeElement);

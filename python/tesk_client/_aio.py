@@ -19,15 +19,16 @@ from ._session import history_requests, merged, watch_keys
 
 
 class AsyncSession:
-    """A Session for asyncio, with the same options and promises. It is made where an event loop
-    runs, and belongs to that loop.
+    """A Session for asyncio, with the same options and promises. It must be created while an event
+    loop runs, and belongs to that loop.
 
-    Making one waits for the server in the loop's thread, since the connection belongs to it: well
-    under a millisecond where the server runs, never longer than the deadline behind the time that
-    the mailbox library looks for it (MBX_LOCATE_MS). So does a session that reconnects to a server
-    that runs and doesn't respond. Nothing else blocks the loop.
+    Creating a session blocks the loop's thread until the server answers, since the connection
+    belongs to that thread: well under a millisecond if the server runs, at most the deadline after
+    the time in which the mailbox library looks for the server (MBX_LOCATE_MS). Reconnecting to a
+    server that doesn't respond blocks as well. Nothing else blocks the loop.
 
-    Cancelling a task that waits for an answer is safe: the answer is dropped when it comes."""
+    Cancelling a task that waits for an answer is safe: the answer is dropped when it is
+    received."""
 
     def __init__(self, *, deadline_s: float = 2.0, window: int = 16, reconnect: bool = True,
                  retry_s: float = 0.1, longest_retry_s: float = 2.0) -> None:
@@ -46,7 +47,7 @@ class AsyncSession:
 
     def close(self) -> None:
         """Ends the session, without waiting: calls that wait for an answer or a change raise
-        ClosedError. Harmless on one that is closed, and after its loop."""
+        ClosedError. Harmless if the session is closed, or its loop has ended."""
         if self._core.is_closed:
             return
         if self._core.belongs_to_caller:
@@ -55,7 +56,7 @@ class AsyncSession:
 
     def __del__(self) -> None:
         core = getattr(self, "_core", None)
-        # The loop must not poll a descriptor that is closed with the core.
+        # The loop must not poll the descriptor once the core has closed it.
         if core is not None and not core.is_closed and core.belongs_to_caller:
             self._forget_descriptor()
 
@@ -78,7 +79,8 @@ class AsyncSession:
         answer: asyncio.Future[Outcome] = self._loop.create_future()
 
         def done(outcome: Outcome) -> None:
-            # An exception is a result here, so that a cancelled task leaves none behind.
+            # An exception is stored as a result, so that a cancelled task leaves no unretrieved
+            # exception.
             if not answer.done():  # cancelled
                 answer.set_result(outcome)
 
@@ -103,17 +105,17 @@ class AsyncSession:
         return merged(await asyncio.gather(*map(self._ask, history_requests(kinds))))
 
     def watch(self, *, status: Iterable[int] = (), sfp: Iterable[int] = ()) -> AsyncWatch:
-        """Subscribes to the status and the SFP info of ports, and gives an asynchronous iterator
-        over the changes, which begins with how each port is. If one of the subscriptions fails, the
-        iteration raises its error, and none of them is kept."""
+        """Subscribes to the status and the SFP info of ports, and returns an asynchronous iterator
+        over the changes, which begins with the present state of each port. If one of the
+        subscriptions fails, the iteration raises its error, and none of them is kept."""
         self._check_loop()
         return AsyncWatch(self, watch_keys(status, sfp))
 
 
 class AsyncWatch:
-    """An asynchronous iterator over the changes of some ports: as Watch, and to be left by break,
-    by close or as an asynchronous context manager, which waits until all subscriptions are
-    confirmed. A task that is cancelled while it waits loses no change."""
+    """An asynchronous iterator over the changes of some ports, like Watch. Leave it by break, by
+    close or as an asynchronous context manager, which waits until all subscriptions are confirmed.
+    A task that is cancelled while it waits loses no change."""
 
     def __init__(self, session: AsyncSession, keys: list[Key]) -> None:
         self._session = session  # lives as long as its watches
@@ -152,8 +154,8 @@ class AsyncWatch:
             await self._wait()
 
     def close(self) -> None:
-        """Unsubscribes, without waiting for it. A task that iterates ends its iteration. Harmless
-        on one that is closed, and after its session."""
+        """Unsubscribes, without waiting for the answer. A task that iterates ends its iteration.
+        Harmless if the watch or its session is closed."""
         self._core.drop_feed(self._feed)
         self._news.set()
 

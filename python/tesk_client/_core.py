@@ -1,18 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """The engine under both kinds of session: one C session, its open requests and its subscriptions.
 
-No code of the program runs inside a C callback: answers and changes are put into objects that the
-program takes them from. The callbacks are three functions of this module, not of a session, so that
-a session holds no reference to itself; they find it in `_thread`, since they run only inside a
-dispatch or a close, in the thread that made it.
+No code of the program runs inside a C callback: answers and changes are put into objects from which
+the program takes them. The callbacks are three functions of this module, not of a session, so that
+a session holds no reference to itself; they find the session in `_thread`, since they run only
+inside a dispatch or a close, in the session's thread.
 
 A port's subscription is shared by all watches of the port: the server accepts one of a kind from
-each client. It moves through four states, by answers alone:
+each client. Answers alone change its state:
 
     NONE -> ASKING -> HELD -> LEAVING -> NONE
 
-It is UNKNOWN where an answer was late, and then it is unsubscribed until the server answers that,
-before it is subscribed again: so no watch waits for a subscription that doesn't exist."""
+After a late answer the state is UNKNOWN. The port is then unsubscribed until the server has
+answered, and subscribed again: so no watch waits for a subscription that doesn't exist."""
 from __future__ import annotations
 
 import ctypes
@@ -75,12 +75,12 @@ class _Subscription:
     def __init__(self, state: _State) -> None:
         self.state = state
         self.feeds: list[Feed] = []
-        self.last: Change | None = None  # for watches that come later
+        self.last: Change | None = None  # for watches that are created later
 
 
 class Core:
-    """A C session. Every call comes from the thread that made it, except those of a watch that is
-    being destroyed: the garbage collector runs in any thread."""
+    """A C session. Every call must come from the thread that made the session, except calls of a
+    watch that is being destroyed: the garbage collector runs in any thread."""
 
     def __init__(self, deadline_s: float, window: int, reconnect: bool, retry_s: float,
                  longest_retry_s: float) -> None:
@@ -110,10 +110,10 @@ class Core:
         self._poll.register(self.fd, select.POLLIN)
 
     def __del__(self, is_finalizing: Callable[[], bool] = sys.is_finalizing) -> None:
-        # The kernel ends the connection of a process that ends.
+        # If the process is ending, the kernel closes the connection.
         if self._session is None or is_finalizing():
             return
-        try:  # a program may make errors of warnings
+        try:  # a program may turn warnings into errors
             warnings.warn("a tesk_client session was not closed", ResourceWarning, source=self)
         finally:
             if self.belongs_to_caller:
@@ -145,8 +145,8 @@ class Core:
         return bool(_library.tesk_client_connected(self.check_caller()))
 
     def request(self, request: int, port: int, taker: Taker) -> None:
-        """Sends a request. `taker` gets the outcome exactly once, later: by the request's deadline,
-        or when the session is closed."""
+        """Sends a request. `taker` gets the outcome exactly once, later: at the request's deadline,
+        or when the session is closed, at the latest."""
         session = self.check_caller()
         self._last_request = number = self._last_request + 1
         self._requests[number] = taker
@@ -157,13 +157,14 @@ class Core:
 
     def wait(self, timeout_s: float | None) -> None:
         """Waits until the descriptor is readable, and dispatches. Python's signal handlers run
-        during the wait, and an exception of theirs ends it."""
+        during the wait; if one raises an exception, the wait ends."""
         self.check_caller()
         if self._poll.poll(None if timeout_s is None else max(0, timeout_s * 1000)):
             self.dispatch()
 
     def dispatch(self) -> None:
-        """Handles what has arrived, and raises the exception of a callback, if there was one."""
+        """Handles what has been received, and raises the exception of a callback, if there was
+        one."""
         result = self._call_inside(_library.tesk_client_dispatch, self.check_caller())
         if result == Result.MISUSE:
             raise MisuseError(c.last_error())
@@ -176,8 +177,8 @@ class Core:
             self.close()
 
     def close(self) -> None:
-        """Ends the session; harmless on one that is closed. In a forked child it only forgets the
-        session, which is the parent's; so does the mailbox library."""
+        """Ends the session; harmless if it is closed. In a forked child the session is only
+        forgotten, since it belongs to the parent; the mailbox library does the same."""
         if self._session is None:
             return
         if self._owner[0] != os.getpid():
@@ -185,7 +186,7 @@ class Core:
             return
         session = self.check_caller()
         if self._call_inside(_library.tesk_client_dispatch, session) == Result.MISUSE:
-            self._close_wanted = True  # by a signal handler, inside a callback
+            self._close_wanted = True  # called by a signal handler, inside a callback
             return
         self._session = None
         self._call_inside(_library.tesk_client_close, session)
@@ -201,10 +202,10 @@ class Core:
 
         Python runs signal handlers at the start of a function, and so may raise KeyboardInterrupt
         in a callback before its first line, or in a __del__ that the garbage collector calls then.
-        Python hands that to sys.unraisablehook, from which it is fetched. Only the main thread runs
-        signal handlers, so no other thread changes the hook."""
-        # Set while a callback of another session runs, in which the garbage collector destroys this
-        # one.
+        Python passes that exception to sys.unraisablehook; a hook set here keeps it. Only the main
+        thread runs signal handlers, so no other thread changes the hook."""
+        # "core" is set while a callback of another session runs, in which the garbage collector
+        # destroys this session.
         outer = getattr(_thread, "core", None)
         _thread.core = self
         previous = sys.unraisablehook
@@ -255,7 +256,7 @@ class Core:
     # Subscriptions
 
     def open_feed(self, keys: list[Key], wake: Callable[[], None]) -> Feed:
-        """Subscribes to all of the keys. The feed is ready once all are confirmed."""
+        """Subscribes to all of the keys. The feed is ready once all subscriptions are confirmed."""
         self.check_caller()
         feed = Feed(keys, wake)
         try:
@@ -300,7 +301,7 @@ class Core:
         self._release(feed)
 
     def _settle(self, key: Key) -> None:
-        """Takes a subscription's next step, if it has one."""
+        """Makes the next request for a subscription, if one is due."""
         held = self._subscriptions[key]
         kind, port = key
         subscribe = c.SUBSCRIBE_SFP_INFO + 2 * kind
@@ -313,11 +314,11 @@ class Core:
                 self.request(subscribe + 1, port, (key, False))
             elif held.state is _State.NONE:
                 del self._subscriptions[key]
-        except TeskError as error:  # there is no session any more, or no connection for it
+        except TeskError as error:  # the session has ended, or has no connection for the request
             del self._subscriptions[key]
             for feed in held.feeds[:]:
                 self._fail_feed(feed, error)
-        except BaseException:  # a signal handler's: whether the request has gone isn't known
+        except BaseException:  # of a signal handler: whether the request was sent isn't known
             held.state = _State.UNKNOWN
             raise
 
@@ -350,9 +351,9 @@ class Core:
             self._fail_feed(feed, error)
 
     def receive(self, key: Key, change: Change) -> None:
-        """An indication of a subscription."""
+        """Handles an indication of a subscription."""
         held = self._subscriptions.get(key)
-        if held is None:  # of a subscription that couldn't be ended
+        if held is None:  # for a subscription that couldn't be ended
             self._subscriptions[key] = _Subscription(_State.UNKNOWN)
             self._settle(key)
             return

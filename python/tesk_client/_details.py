@@ -104,7 +104,7 @@ def _positive(value: float) -> float | None:
 
 
 class _Shape:
-    """The record's parts as dictionaries; ages are counted up to one moment."""
+    """The parts of a record as dictionaries; all ages are counted up to one moment."""
 
     def __init__(self) -> None:
         self.now = time.clock_gettime_ns(time.CLOCK_BOOTTIME)
@@ -206,7 +206,7 @@ class _Shape:
                 "vdm_left_out": its.vdm_left_out, "cost": self.cost(its.cost)}
 
 
-# By tesk_details_result; anything else is a TeskError.
+# By tesk_details_result; any other result is a TeskError.
 _ERRORS: dict[int, type[TeskError]] = {1: MisuseError, 2: NoServerError, 3: NoAccessError,
                                        7: NoServerError, 8: NoPortError, 9: DeadlineError}
 
@@ -219,14 +219,15 @@ def _check(result: int, port: int) -> None:
 
 
 def details(port: int, path: str | os.PathLike[str] | None = None) -> dict[str, Any]:
-    """Reads the details of a port: identity, all lanes with limits and flags, why a value is missing,
-    the link, and what reading costs. The keys are those of `teskctl module --json`, which the page on
-    the protocol lists. Needs no session and asks the server nothing; any thread.
+    """Reads the details of a port: identity, all lanes with limits and flags, the reasons for
+    missing values, the link, and the cost of reading. The keys are those of `teskctl module
+    --json`, which the page on the protocol lists. Needs no session and sends the server no request;
+    any thread.
 
-    Without a path it is the file that DOLM_RIC_DETAILS names, else "details" beside the port map; none
-    where MBX_DIR selects another server than the system's and neither variable is set.
-    Raises NoServerError where no board publishes details now, NoAccessError, NoPortError,
-    DeadlineError where the record was being written for half a second, or TeskError."""
+    Without a path the file is the one that DOLM_RIC_DETAILS names, else "details" beside the port
+    map; if neither variable is set and MBX_DIR selects another server than the system's, there is
+    no file. Raises NoServerError if no board publishes details now, NoAccessError, NoPortError,
+    DeadlineError if the record was being written for half a second, or TeskError."""
     if not isinstance(port, int) or not 0 <= port <= 0xFFFF:
         raise MisuseError(f"a port is a number from 0 to 65535, not {port!r}")
     handle = ctypes.c_void_p()

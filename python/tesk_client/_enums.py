@@ -8,12 +8,12 @@ from ._library import library
 
 
 class Word(enum.IntEnum):
-    """A word of the server that is an enumeration. A newer server may send a value that isn't here:
-    it becomes a member UNKNOWN_<value>, which equals its number."""
+    """A word of the server that is an enumeration. A newer server may send a value that isn't
+    listed here: it becomes a member UNKNOWN_<value>, which equals its number."""
 
     @classmethod
     def _missing_(cls, value: object) -> Word | None:
-        # Not stored, so that a server that sends many unknown values takes no memory.
+        # Not stored, so that a server that sends many unknown values causes no growth of memory.
         if not isinstance(value, int) or not 0 <= value <= 0xFFFFFFFF:
             return None
         member = int.__new__(cls, value)

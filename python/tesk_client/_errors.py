@@ -1,13 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The exceptions: one class for each result of the C library, with its text or the server's."""
+"""The exceptions: one class for each result of the C library; the text is the library's or the
+server's."""
 from __future__ import annotations
 
 from ._enums import Rejection, Result
 
 
 class TeskError(Exception):
-    """A call failed. `text` is the reason: the server's text if it refused, else the library's;
-    `error_code` is the server's number then, else 0."""
+    """A call failed. `text` is the reason: the server's text if the server refused, and
+    `error_code` is then its number; otherwise the library's text, and 0."""
 
     result = Result.FAILED
 
@@ -68,7 +69,7 @@ class LostError(TeskError, ConnectionResetError):
 
 
 class ClosedError(TeskError):
-    """The session is closed, or was before the answer came."""
+    """The session is closed, or was closed before the answer came."""
 
     result = Result.CANCELLED
 
@@ -96,6 +97,7 @@ _BY_REJECTION: dict[int, type[TeskError]] = {
 
 def error_of(result: int, text: str, error_code: int = 0,
              rejection: int = Rejection.NONE) -> TeskError:
-    """The exception for a result of the C library; a result of a newer one is a TeskError."""
+    """The exception for a result of the C library; an unknown result of a newer library is a
+    TeskError."""
     kind = _BY_RESULT.get(result, TeskError)
     return _BY_REJECTION.get(rejection, kind)(text, error_code)

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The falls of links that the board records, and why they fell: by the rules of the C library, which
-teskctl and tesk-exporter have, too."""
+"""The falls of links that the board records, and why the links fell: by the rules of the C library,
+which teskctl and tesk-exporter use, too."""
 from __future__ import annotations
 
 import json
@@ -17,9 +17,9 @@ LARGEST_FILE = 64 << 10
 
 
 def judge_fall(facts: dict[str, Any]) -> dict[str, Any]:
-    """Why a link fell: a dictionary with the keys of `teskctl why --json`, of facts with the keys that
-    the page on causes lists. Needs no session and no file; any thread. Raises MisuseError for facts
-    that can't be read, with the key."""
+    """Why a link fell: a dictionary with the keys of `teskctl why --json`, from facts with the keys
+    that the page on causes lists. Needs no session and no file; any thread. Raises MisuseError with
+    the key of an invalid fact."""
     made: list[bytes] = []
     failures: list[BaseException] = []
 
@@ -43,13 +43,13 @@ def judge_fall(facts: dict[str, Any]) -> dict[str, Any]:
 
 
 def falls(port: int, path: str | os.PathLike[str] | None = None) -> list[dict[str, Any]]:
-    """The last falls of a port's link, the newest first, each as judge_fall() has it; none where the
-    port has none. The board writes a fall 2 s after it, and again when the link is up again. Asks the
-    server nothing; any thread.
+    """The last falls of a port's link, the newest first, each as judge_fall() returns it; empty if
+    the port has none. The board writes a fall 2 s after it, and again when the link is up again.
+    Sends the server no request; any thread.
 
-    Without a path it is the folder "falls" beside the file that DOLM_RIC_DETAILS names, else beside
-    the port map; none where MBX_DIR selects another server than the system's and neither variable is
-    set. A fall that can't be read is left out with a warning. Raises NoServerError where no board
+    Without a path the folder is "falls" beside the file that DOLM_RIC_DETAILS names, else beside
+    the port map; if neither variable is set and MBX_DIR selects another server than the system's,
+    there is no folder. An invalid fall is left out with a warning. Raises NoServerError if no board
     records falls, NoAccessError, or TeskError."""
     if not isinstance(port, int) or not 0 <= port <= 0xFFFF:
         raise MisuseError(f"a port is a number from 0 to 65535, not {port!r}")
@@ -74,7 +74,7 @@ def _folder() -> str:
 
 
 def _read(folder: str, port: int) -> bytes:
-    """Neither waits for a pipe nor follows a link."""
+    """Doesn't block on a FIFO, and follows no link."""
     name = os.path.join(folder, str(port))
     try:
         os.stat(folder)

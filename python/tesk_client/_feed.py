@@ -11,7 +11,8 @@ from ._records import Change, Missed
 
 Key = tuple[Kind, int]
 
-# The backlog of a watch whose changes the program doesn't take, beside four for each port.
+# The most changes that a watch keeps if the program doesn't take them; four for each port are
+# added.
 BACKLOG = 1000
 
 
@@ -36,7 +37,8 @@ class Feed:
         self._wake()
 
     def _compact(self) -> None:
-        """Keeps the latest of each port and kind only, so that no port's last state is lost."""
+        """Keeps only the latest change of each port and kind, so that no port's last state is
+        lost."""
         latest = {(type(change), getattr(change, "kind", None), getattr(change, "port", None)):
                   place for place, change in enumerate(self._queue)}
         kept = [self._queue[place] for place in sorted(latest.values())]
@@ -54,8 +56,8 @@ class Feed:
         self._wake()
 
     def fail(self, error: TeskError) -> None:
-        """Ends the feed. A watch that isn't ready yet fails at once; otherwise the queued changes
-        come first."""
+        """Ends the feed. If the watch isn't ready yet, it fails at once; otherwise the queued
+        changes come first."""
         if self.open_keys:
             self._queue.clear()
             self._missed = 0

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The C library through ctypes: its structures, functions and constants, as tesk_client.h has them.
+"""The C library through ctypes: the structures, functions and constants of tesk_client.h.
 
 ctypes needs no compiler and no package beside the interpreter, and it releases the interpreter's
 lock during each call. A test compares every size, offset and value with the C header."""
@@ -140,7 +140,7 @@ def last_error() -> str:
 
 def printable(text: bytes) -> str:
     """A text from outside as printable ASCII, in the form that teskctl shows: a backslash is
-    doubled, every other byte is \\xNN. So it is harmless on a terminal and in a log."""
+    doubled, every other byte is \\xNN. The result is harmless on a terminal and in a log."""
     if text.isascii() and text.decode("ascii").isprintable() and b"\\" not in text:
         return text.decode("ascii")
     return "".join("\\\\" if byte == 0x5C else chr(byte) if 0x20 <= byte <= 0x7E else

@@ -13,9 +13,9 @@ def ports(path: str | os.PathLike[str] | None = None) -> dict[int, str]:
     """Reads the port map, in which the board library names its ports: a name for each port number,
     in ascending order. Needs no server and no session; any thread.
 
-    Without a path it is the file that DOLM_RIC_PORT_MAP names, else /run/dolm_ric/ports; but that is
-    the map of the system's server, and isn't read where MBX_DIR selects another one. Raises
-    NoPortMapError, NoAccessError, or BadPortMapError with the line."""
+    Without a path the file is the one that DOLM_RIC_PORT_MAP names, else /run/dolm_ric/ports; the
+    latter is the map of the system's server, and isn't read if MBX_DIR selects another server.
+    Raises NoPortMapError, NoAccessError, or BadPortMapError with the line."""
     found: dict[int, str] = {}
     failures: list[BaseException] = []
 

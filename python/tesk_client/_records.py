@@ -50,7 +50,7 @@ class Levels:
 
 @dataclass(frozen=True, slots=True)
 class SfpInfo:
-    """The module in a port. All texts are empty where no module could be read."""
+    """The module in a port. All texts are empty if no module could be read."""
 
     port: int
     type: SfpType
@@ -74,8 +74,8 @@ class SfpInfo:
 
 @dataclass(frozen=True, slots=True)
 class PortStatus:
-    """The state of a port. The speed is None without a link, or where it isn't known. The type is None
-    where the server has read nothing of a module: it calls an empty cage electrical here. SfpInfo and
+    """The state of a port. The speed is None without a link, or if it isn't known. The type is None
+    if the server could read no module: an empty port has the type "electrical" there. SfpInfo and
     `pm` distinguish them."""
 
     port: int
@@ -110,13 +110,13 @@ class Pm:
 
     @property
     def tx_power_dbm(self) -> float | None:
-        """None where it isn't measured, and at 0 uW, which stands for any power below 1 uW (-30
+        """None if the power isn't measured, and at 0 uW, which stands for any power below 1 uW (-30
         dBm)."""
         return _dbm(self.tx_power_uw)
 
     @property
     def rx_power_dbm(self) -> float | None:
-        """None where it isn't measured, and at 0 uW, as tx_power_dbm."""
+        """None if the power isn't measured, and at 0 uW, like tx_power_dbm."""
         return _dbm(self.rx_power_uw)
 
     @classmethod
@@ -150,7 +150,7 @@ class HistoryRecord:
 
 @dataclass(frozen=True, slots=True)
 class PortStatusRecord(HistoryRecord):
-    """A link changed. The filter holds indications back from a level of 50 on."""
+    """A change of the link. From a level of 50 on, the filter suppresses indications."""
 
     state: PortState
     filter_level: int
@@ -159,7 +159,7 @@ class PortStatusRecord(HistoryRecord):
 
 @dataclass(frozen=True, slots=True)
 class SfpInfoRecord(HistoryRecord):
-    """A module came or went."""
+    """A module was inserted or removed, or became ready."""
 
     presence: Presence
 
@@ -175,7 +175,7 @@ class ActionRecord(HistoryRecord):
 
 
 def history_record(kind: HistoryKind, record: CHistoryRecord) -> HistoryRecord:
-    """Converts a C record of that kind."""
+    """Converts a C record of this kind."""
     time, port = _EPOCH + timedelta(microseconds=record.time_us), record.port_no
     if kind == HistoryKind.PORT_STATUS:
         return PortStatusRecord(time, port, PortState(record.port_state), record.filter_level,
@@ -187,8 +187,8 @@ def history_record(kind: HistoryKind, record: CHistoryRecord) -> HistoryRecord:
 
 @dataclass(frozen=True, slots=True)
 class ServerLost:
-    """The server went away; the session looks for it. The last known states of the ports may be out
-    of date."""
+    """The server went away; the session tries to find it. The last known states of the ports may be
+    out of date."""
 
 
 @dataclass(frozen=True, slots=True)

@@ -26,7 +26,7 @@ def watch_keys(status: Iterable[int], sfp: Iterable[int]) -> list[Key]:
 
 
 def history_requests(kinds: tuple[HistoryKind, ...]) -> list[int]:
-    """The requests for these kinds, for all of them where there is none."""
+    """The requests for these kinds; for all kinds if none is given."""
     return [c.HISTORY_PORT_STATUS + HistoryKind(kind) for kind in kinds or tuple(HistoryKind)]
 
 
@@ -41,13 +41,14 @@ class Session:
     has at most one. Use it as a context manager, or close it.
 
     Each request is answered, fails or raises DeadlineError within `deadline_s`. With `reconnect`, a
-    session whose server goes away looks for it after `retry_s`, doubled up to `longest_retry_s`,
-    and renews its subscriptions; requests wait for it until their deadline. Without, every call
-    raises LostError then. At most `window` requests are in flight.
+    session whose server goes away looks for the server after `retry_s`, doubled up to
+    `longest_retry_s`, and renews its subscriptions; requests wait for the server until their
+    deadline. Without `reconnect`, every call raises LostError then. At most `window` requests are
+    in progress.
 
-    Making one waits for the server, which must be running: NoServerError, NoAccessError, or
-    RejectedError with the server's text. Not for use in signal handlers. A child that was forked
-    can't use it, but can make one of its own."""
+    Creating a session waits for the server, which must be running: NoServerError, NoAccessError, or
+    RejectedError with the server's text. Not for use in signal handlers. A forked child can't use
+    the session, but can create one of its own."""
 
     def __init__(self, *, deadline_s: float = 2.0, window: int = 16, reconnect: bool = True,
                  retry_s: float = 0.1, longest_retry_s: float = 2.0) -> None:
@@ -61,7 +62,7 @@ class Session:
         self.close()
 
     def close(self) -> None:
-        """Ends the session and its watches. Harmless on one that is closed."""
+        """Ends the session and its watches. Harmless if the session is closed."""
         self._core.close()
 
     @property
@@ -70,13 +71,13 @@ class Session:
         return self._core.is_connected
 
     def fileno(self) -> int:
-        """A descriptor that is readable when a watch may have a change, for select and its like.
-        Watch.next(0) returns a change that is there, or None."""
+        """A descriptor that is readable when a watch may have a change, for select and similar
+        calls. Watch.next(0) returns a change that was received, or None."""
         self._core.check_caller()
         return self._core.fd
 
     def _ask(self, *requests: tuple[int, int]) -> list[Any]:
-        """Sends requests, all at once, and waits for all answers."""
+        """Sends all requests at once, and waits for all answers."""
         outcomes: dict[int, Outcome] = {}
         for place, (request, port) in enumerate(requests):
             self._core.request(request, port, functools.partial(outcomes.__setitem__, place))
@@ -104,8 +105,8 @@ class Session:
 
     def watch(self, *, status: Iterable[int] = (), sfp: Iterable[int] = ()) -> Watch:
         """Subscribes to the status and the SFP info of ports, waits until all are confirmed, and
-        gives an iterator over the changes, which begins with how each port is. If one of the
-        subscriptions fails, raises its error and keeps none of them."""
+        returns an iterator over the changes, which begins with the present state of each port. If
+        one of the subscriptions fails, raises its error and keeps none of them."""
         watch = Watch(self, watch_keys(status, sfp))
         watch._open()
         return watch
@@ -149,7 +150,7 @@ class Watch:
         return change
 
     def next(self, timeout_s: float | None = None) -> Change | None:
-        """The next change. None if none came within `timeout_s`, or if none can follow."""
+        """The next change. None if none is received within `timeout_s`, or if none can follow."""
         end = None if timeout_s is None else time.monotonic() + timeout_s
         left = timeout_s
         while True:
@@ -158,12 +159,12 @@ class Watch:
                 return change
             self._core.wait(left)
             if end is not None:
-                # A time below 0: takes a change that arrived at the timeout, and returns.
+                # A time below 0 takes a change that arrived at the timeout, and returns.
                 left = end - time.monotonic()
 
     def close(self) -> None:
-        """Unsubscribes, without waiting for it. Harmless on one that is closed, and after its
-        session."""
+        """Unsubscribes, without waiting for the answer. Harmless if the watch or its session is
+        closed."""
         self._core.drop_feed(self._feed)
 
     def __del__(self) -> None:

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One table has all facts; the functions that read, write and leave out facts walk through it. */
+/* One table lists all facts; the functions that read, write and omit facts go through it. */
 #include "causes/facts_json.h"
 
 #include <algorithm>
@@ -23,7 +23,7 @@ struct row {
     const char *key;
     member where;
     double least = 0, most = 1e12;           /* of numbers */
-    std::span<const char *const> words = {}; /* of texts; none: any */
+    std::span<const char *const> words = {}; /* permitted words of a text; empty: any text */
 };
 
 } // namespace
@@ -110,7 +110,7 @@ static const row rows[] = {
     {"uncorrectable_again", &facts::uncorrectable_again},
 };
 
-/* Where the text that begins at a quotation mark ends. */
+/* The end of the JSON text that begins at this quotation mark. */
 static size_t end_of_text(std::string_view json, size_t begin)
 {
     size_t at = begin + 1;
@@ -119,13 +119,13 @@ static size_t end_of_text(std::string_view json, size_t begin)
     return at;
 }
 
-/* Facts lie four levels deep, in objects of some dozens of keys. Deeper ones can't be shown within
-   the stack, and each key is compared with all others of its object. Whether the text is JSON at
-   all is checked by the parser. */
+/* Facts are at most four levels deep, in objects of some dozens of keys. Deeper objects would need
+   too much stack to show, and each key is compared with all others of its object. The parser checks
+   whether the text is JSON at all. */
 static void expect_bounds(std::string_view json)
 {
     constexpr size_t deepest = 8, most_keys = 256, most_objects = size_t{2} * 32 * 1024 + 1;
-    std::array<size_t, deepest + 1> keys = {}; /* of the object on each level */
+    std::array<size_t, deepest + 1> keys = {}; /* number of keys of the object on each level */
     size_t level = 0, objects = 0;
     const auto expect = [](size_t count, size_t most, const char *of_what) {
         if (count > most)
@@ -161,7 +161,7 @@ json parse_facts(std::string_view written)
     return json::parse(written);
 }
 
-/* For a message: the beginning is enough to find the value in the text. */
+/* A value in a message: its beginning is enough to find it in the text. */
 static std::string shown(const json &value)
 {
     constexpr size_t longest = 60;
@@ -223,7 +223,7 @@ static void take(const row &its, const json &value, facts &to)
         its.where);
 }
 
-/* If lists differed in length, one lane would be compared with another. */
+/* Lists of different lengths would compare one lane with another. */
 static void expect_one_length(const facts &known)
 {
     size_t length = 0;

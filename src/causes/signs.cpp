@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* In the order of the header. A number that a sign is compared with stands above it, with its
-   reason. */
+/* In the order of the header. A threshold of a sign is defined above the sign, with its reason. */
 #include "causes/signs.h"
 
 #include <algorithm>
@@ -12,25 +11,27 @@ namespace causes
 
 /* Below the sensitivity of every receiver: what a photodiode without light measures. */
 static constexpr double dark = -30;
-/* Of a receiver without a limit of its own, a little below what 10GBASE-LR asks for: -14.4 dBm. */
+/* The alarm limit of receivers without one of their own, a little below the sensitivity of
+   10GBASE-LR: -14.4 dBm. */
 static constexpr double usual_low_alarm = -16;
-/* More than a connector that is moved, less than half of a link's usual margin. */
+/* More than the loss of a connector that is moved, less than half of a link's usual margin. */
 static constexpr double much_loss = 2;
 /* A laser that is off has a bias of some microamperes. */
 static constexpr double no_bias = 0.5;
-/* No module is too hot below; a table of zeros has no limit. */
+/* No module is too hot below this temperature; a limit of 0 means that there is none. */
 static constexpr double no_limit = 20;
-/* At an error ratio of 1e-12, as standards allow it, 10 Gbit/s have one in 100 s. */
+/* With an error ratio of 1e-12, the largest that standards permit, 10 Gbit/s have one error in 100
+   s. */
 static constexpr double usual_errors = 10;
-/* A swap by hand takes longer, and one that follows another cause takes much longer. */
+/* A swap by hand takes longer than this; after another cause, a swap follows much later. */
 static constexpr double soonest_swap = 10;
-/* In dB: light that is so much above the limit of a receiver has not become too weak. */
+/* In dB: light that is further above a receiver's limit has not become too weak. */
 static constexpr double safe_margin = 3;
-/* A loss at once is larger than what light that fades loses between two looks. */
+/* A sudden loss is larger than the loss of fading light between two looks. */
 static constexpr double sudden_loss = 6;
-/* More falls in an hour than somebody causes who works on the link. */
+/* More falls in an hour than a person causes who works on the link. */
 static constexpr double many_in_hour = 10;
-/* Forward error correction (RS) fails within a decade of this. */
+/* Forward error correction (RS) fails within a decade of this ratio. */
 static constexpr double usual_errors_limit = 2e-4;
 
 static answer to_answer(bool is)
@@ -50,7 +51,7 @@ static size_t count_on(const std::vector<double> &flags)
     return static_cast<size_t>(std::ranges::count_if(flags, [](double on) { return on > 0; }));
 }
 
-/* " on lanes 0, 2 of 4", as teskctl module numbers them; nothing where there is one lane. */
+/* " on lanes 0, 2 of 4", numbered as in teskctl module; empty if there is one lane. */
 static std::string lanes_text(const std::vector<double> &flags)
 {
     const size_t on = count_on(flags);
@@ -65,7 +66,7 @@ static std::string lanes_text(const std::vector<double> &flags)
     return fmt::format(" on lane{} {} of {}", on == 1 ? "" : "s", list, flags.size());
 }
 
-/* A table of zeros has no limit in it. */
+/* A limit of 0 in the module's table means that there is none. */
 static double low_alarm(const facts &seen)
 {
     const double own = seen.rx_low_alarm.value_or(0);
@@ -107,8 +108,8 @@ sign has_stayed(const facts &seen)
     return {to_answer(!*seen.interface_removed), "The interface stayed."};
 }
 
-/* A set-down, or a module that is pulled, concerns one port: falls of others are evidence against
-   it. */
+/* A set-down, or a pulled module, concerns one port: falls of other ports are evidence against
+   these causes. */
 sign have_others_fallen(const facts &seen)
 {
     const double of_machine = seen.machine_others_fell.value_or(0);
@@ -123,7 +124,7 @@ sign have_others_fallen(const facts &seen)
                 (is_device ? seen.device_others_stayed : seen.machine_others_stayed).value_or(0))};
 }
 
-/* Both ports of a card, or two cards, may go to one switch that restarts. */
+/* Both ports of a card, or two cards, may be connected to one switch that restarts. */
 sign has_one_other_fallen(const facts &seen)
 {
     const double others =
@@ -166,7 +167,7 @@ sign was_reset(const facts &seen)
     return of_flag(seen.device_reset, "The driver reset the device.");
 }
 
-/* `sentence` takes the number of those that fell. */
+/* `sentence` is a format for the number of fallen ports. */
 static sign did_all_fall(const number &fell, const number &stayed, const char *sentence)
 {
     if (!fell || (*fell >= 1 && !stayed))
@@ -190,13 +191,14 @@ sign fell_with_machine(const facts &seen)
         "All ports of other devices that were up fell within a second, too: {:.0f}.");
 }
 
-/* Neither empty, as of a module without a number, nor the bytes of a bus that nothing drives. */
+/* False for an empty text, as of a module without a serial number, and for the bytes of a bus that
+   nothing drives. */
 static bool is_serial(const std::string &read)
 {
     return !read.empty() && std::ranges::all_of(read, [](char c) { return c > ' ' && c <= '~'; });
 }
 
-/* A reading that is cut short, or has a wrong bit in each letter's case, is no other module. */
+/* A reading that is truncated, or that has one wrong bit in each letter, is not another module. */
 static bool are_alike(const std::string &one, const std::string &other)
 {
     const size_t length = std::min(one.size(), other.size());
@@ -221,7 +223,8 @@ sign was_replaced(const facts &seen)
     const answer is_another = is_serial_another(seen);
     if (is_another != answer::yes)
         return {is_another, ""};
-    /* Later the link may have fallen first, for another reason. */
+    /* If the new serial number was read later, the link may have fallen first, for another
+       reason. */
     if (!seen.serial_after_s || *seen.serial_after_s > soonest_swap)
         return {};
     return {answer::yes,
@@ -252,7 +255,7 @@ sign was_no_module_there(const facts &seen)
     return {to_answer(!*seen.present_before), "No module answered before the fall."};
 }
 
-/* A module that is being swapped doesn't answer at the first look. */
+/* A module that is being swapped doesn't answer at the first look after the fall. */
 sign does_module_answer(const facts &seen)
 {
     return of_flag(seen.present_after, "A module answered at the first look after the fall.");
@@ -266,7 +269,7 @@ sign has_module_failed(const facts &seen)
             fmt::format("The module's state went from ready to {}.", *seen.state_after)};
 }
 
-/* Drivers fill the extended state late, or wrongly: it is no evidence by itself. */
+/* Drivers fill the extended state late, or wrongly: alone it is no evidence. */
 static sign driver_says(const facts &seen, std::initializer_list<const char *> states)
 {
     if (!seen.extended_state)
@@ -286,7 +289,7 @@ static sign says_no_cable(const facts &seen)
     return driver_says(seen, {"No cable"});
 }
 
-/* While the module is known to be there, "No cable" means that the far end is silent. */
+/* If the module is known to be present, "No cable" means that no signal comes from the far end. */
 sign says_module_gone(const facts &seen)
 {
     return seen.present_after.value_or(false) ? sign{answer::no, ""} : says_no_cable(seen);
@@ -297,7 +300,7 @@ sign says_module_failed(const facts &seen)
     return driver_says(seen, {"Module", "Cable issue", "EEPROM issue", "Power budget exceeded"});
 }
 
-/* A module that is too hot by its own limit switches itself off. */
+/* A module above its own temperature limit switches itself off. */
 sign is_module_hot(const facts &seen)
 {
     if (!seen.temperature_before || seen.temperature_high_alarm.value_or(0) <= no_limit) {
@@ -309,7 +312,7 @@ sign is_module_hot(const facts &seen)
                         *seen.temperature_before, *seen.temperature_high_alarm)};
 }
 
-/* The flag is latched: only one that was clear before the fall is evidence of it. */
+/* The flag is latched: it is evidence of the fall only if it was clear before. */
 sign has_tx_fault(const facts &seen)
 {
     if (!seen.tx_fault_after)
@@ -374,7 +377,7 @@ bool is_laser_on(const facts &seen)
            (!seen.tx_off_after || count_on(*seen.tx_off_after) == 0);
 }
 
-/* Light that was near the module's own limit, and is a little below it now. */
+/* The light was near the module's own limit, and is a little below it now. */
 static bool has_become_too_weak(const facts &seen)
 {
     if (!seen.rx_before || !seen.rx_after || seen.rx_low_alarm.value_or(0) >= 0)
@@ -385,7 +388,7 @@ static bool has_become_too_weak(const facts &seen)
            after > before - sudden_loss;
 }
 
-/* Light that was strong and is gone at once hasn't faded, whatever it lost before. */
+/* Strong light that disappears at once hasn't faded, whatever was lost before. */
 static bool was_cut(const facts &seen)
 {
     if (!seen.rx_before || !seen.rx_after)
@@ -405,8 +408,8 @@ sign has_faded(const facts &seen)
                             low_alarm(seen))};
     if (!seen.rx_lost_before)
         return {};
-    /* Light that was dark already was lost, and the fall reported late. Light that is still strong
-       is enough. */
+    /* If the light was dark already, it was lost and the fall was reported late. Light that is
+       still strong was not lost. */
     if (was_cut(seen) || (seen.rx_before && std::ranges::min(*seen.rx_before) <= dark) ||
         (seen.rx_after && std::ranges::min(*seen.rx_after) >= low_alarm(seen) + safe_margin))
         return {answer::no, ""};
@@ -421,7 +424,7 @@ sign has_faded(const facts &seen)
                         *seen.rx_lost_before, time, levels)};
 }
 
-/* A little light may be left in a fibre that is bent or half pulled. */
+/* A bent or half pulled fibre may still pass a little light. */
 static bool is_lane_dark(const facts &seen, size_t lane)
 {
     const double level = (*seen.rx_after)[lane];
@@ -430,8 +433,8 @@ static bool is_lane_dark(const facts &seen, size_t lane)
     return level <= dark || (is_told && was_sudden && level < low_alarm(seen));
 }
 
-/* Lanes that were lit before, and are dark now. A cable of copper that isn't known as one reads as
-   dark. */
+/* Lanes that had light before the fall and are dark now. A copper cable that isn't known as copper
+   reads as dark, too. */
 static by_lane lanes_lost(const facts &seen)
 {
     if (is_copper(seen).is == answer::yes || (!seen.medium && !seen.rx_before))
@@ -493,8 +496,8 @@ sign is_light_there(const facts &seen)
             fmt::format("Light is received: {:.1f} dBm on the weakest lane.", least)};
 }
 
-/* Light that is gone may have been lost first, unseen, whatever else was done then. A cable of
-   copper, and a port without a module, have none to lose. */
+/* If the light is gone, it may have been lost first, unseen, whatever else happened then. A copper
+   cable, and a port without a module, have no light to lose. */
 sign is_light_missing(const facts &seen)
 {
     const bool is_empty = !seen.present_before.value_or(true) && !seen.present_after.value_or(true);
@@ -520,7 +523,7 @@ static bool were_any_counted(const facts &seen)
            seen.frame_errors_in_minute;
 }
 
-/* Whether values are missing that readings before the fall could have given. */
+/* Whether a reading before the fall could have given values that are missing. */
 static bool are_readings_missing(const facts &seen)
 {
     const bool has_light = is_copper(seen).is != answer::yes && seen.present_after.value_or(true);
@@ -540,7 +543,7 @@ sign has_link_fault(const facts &seen)
     return {answer::no, ""};
 }
 
-/* An error that isn't reported may have happened: few drivers report any. */
+/* An error that isn't reported may still have happened: few drivers report any. */
 sign has_driver_error(const facts &seen)
 {
     if (!seen.driver_error)
@@ -548,8 +551,8 @@ sign has_driver_error(const facts &seen)
     return {answer::yes, fmt::format("The driver reported an error: {}.", *seen.driver_error)};
 }
 
-/* A driver that gives its device up sets the interface down itself. Modules with light have a flag
-   for faults of their transmitter; few ports have the values that the other signs need. */
+/* A driver that gives up its device sets the interface down itself. Optical modules have a flag for
+   faults of their transmitter; few ports have the values for the other signs. */
 sign has_earlier_fault(const facts &seen)
 {
     if (const sign error = has_driver_error(seen); error.is == answer::yes)
@@ -595,7 +598,7 @@ static std::string counted_time(const facts &seen)
                : "";
 }
 
-/* The first kind of which there were too many; nothing where none is counted. */
+/* The first kind of error with too many counts; nothing if no kind was counted. */
 static sign were_many_counted(const facts &seen)
 {
     const struct {
@@ -647,7 +650,7 @@ sign do_settings_differ(const facts &seen)
 {
     if (!seen.settings_changed)
         return {};
-    /* It isn't known which of the three settings was changed: FEC may follow from the others. */
+    /* Any of the three settings may have been changed: a change of speed can change FEC, too. */
     const std::string speed =
         seen.speed_before && seen.speed_after && *seen.speed_before != *seen.speed_after
             ? fmt::format(" The speed was {:.0f} Mbit/s, and is {:.0f} now.", *seen.speed_before,
@@ -666,7 +669,7 @@ sign has_negotiation_failed(const facts &seen)
     return driver_says(seen, {"Autoneg", "Link training failure"});
 }
 
-/* A link that falls three times in a minute, or on and on, doesn't fall for a reason that lasts. */
+/* If a link falls three times in a minute, or again and again, the reason is not a lasting one. */
 sign is_flapping(const facts &seen)
 {
     if (seen.falls_in_minute.value_or(0) < 3 && seen.falls_in_hour.value_or(0) >= many_in_hour)
@@ -728,7 +731,7 @@ std::vector<std::string> illness_of(const facts &seen)
             *seen.fec_after == "none")
             found.push_back(fmt::format("It is up without FEC; it had {}.", *seen.fec_before));
     }
-    /* Another module has no past. */
+    /* The values before the fall don't apply to another module. */
     const bool is_same =
         !seen.serial_before || !seen.serial_after || *seen.serial_before == *seen.serial_after;
     if (is_same && seen.rx_before && seen.rx_again) {

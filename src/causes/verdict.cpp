@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The table below has the rules, from top to bottom; the first one whose signs are all there is the
-   verdict. judge() then lowers its certainty by what isn't known. */
+/* The table below has the rules, from top to bottom; the first rule whose signs are all shown gives
+   the verdict. judge() then lowers its certainty by the facts that aren't known. */
 #include "causes/verdict.h"
 
 #include "causes/signs.h"
@@ -28,18 +28,18 @@ struct rule {
     causes::cause cause;
     causes::side side;
     causes::layer layer;
-    certainty best; /* with all that is excluded known not to be */
+    certainty best; /* if all excluding signs are known to be absent */
     sign_of requires_all[most_signs];
     sign_of excludes[most_signs];
-    sign_of doubts[most_signs] = {}; /* each lowers the certainty */
-    advice own = {};                 /* in place of that of the cause */
+    sign_of doubts[most_signs] = {}; /* signs that each lower the certainty */
+    advice own = {};                 /* replaces the advice for the cause */
 };
 
 } // namespace
 
 /* Administration, driver and device come first, since a laser that they switch off looks like a
-   broken one; then the module, since without it there is no light; then light, since without it
-   there is neither lock nor negotiation. */
+   broken one; then the module, since without a module there is no light; then light, since without
+   light there is neither lock nor negotiation. */
 static constexpr rule rules[] = {
     {cause::set_down,
      side::local,
@@ -88,7 +88,7 @@ static constexpr rule rules[] = {
      {was_reset},
      {was_unbound},
      {have_others_stayed, is_light_missing, has_link_fault}},
-    /* If one switch is at the other end of all fibres, they lose their light together. */
+    /* If one switch is at the far end of all fibres, all lose their light together. */
     {cause::machine_wide,
      side::unknown,
      layer::device,
@@ -110,7 +110,7 @@ static constexpr rule rules[] = {
      {was_replaced},
      {},
      {does_module_answer, was_no_module_there, has_earlier_fault, have_others_fallen}},
-    /* A module that doesn't answer any more looks like one that was pulled. */
+    /* A module that stops answering looks like one that was pulled. */
     {cause::module_pulled,
      side::local,
      layer::module,
@@ -287,13 +287,13 @@ static answer asked(const sign_of (&signs)[most_signs], const facts &seen, answe
     return found;
 }
 
-/* Yes if all signs are there, no if one of them isn't. */
+/* Yes if all signs are yes, no if one of them is no. */
 static answer is_shown(const rule &its, const facts &seen)
 {
     return asked(its.requires_all, seen, answer::no, answer::yes);
 }
 
-/* Yes if one of them is there, no if none is. */
+/* Yes if one sign is yes, no if all are no. */
 static answer is_excluded(const rule &its, const facts &seen)
 {
     return asked(its.excludes, seen, answer::yes, answer::no);
@@ -331,7 +331,7 @@ static void add_sentences(const sign_of *signs, const facts &seen,
             evidence.push_back(std::move(its.sentence));
 }
 
-/* In the largest unit of which it has two. */
+/* In the largest unit of which the duration has at least two. */
 static std::string duration_text(double seconds)
 {
     static constexpr struct {
@@ -343,7 +343,7 @@ static std::string duration_text(double seconds)
     return fmt::format("{:.0f} {}", std::floor(seconds / its->in_s), its->name);
 }
 
-/* Abnormal values that show no cause by themselves. */
+/* Abnormal values that don't show a cause by themselves. */
 static std::vector<std::string> abnormal(const facts &seen)
 {
     std::vector<std::string> found;
@@ -354,7 +354,7 @@ static std::vector<std::string> abnormal(const facts &seen)
     return found;
 }
 
-/* Adds evidence that matters with any cause. */
+/* Adds evidence that is useful for every cause. */
 static void add_context(const facts &seen, verdict &made)
 {
     std::vector<std::string> &evidence = made.evidence;
@@ -393,7 +393,7 @@ static void add_context(const facts &seen, verdict &made)
         add(fmt::format("The driver says: {}.", *seen.extended_state));
 }
 
-/* The unknown facts of a set-down, each of which would be another cause. */
+/* The unknown facts about a set-down, each of which could be another cause. */
 static std::string open_questions(const facts &seen)
 {
     static constexpr struct {
@@ -447,11 +447,11 @@ verdict judge(const facts &seen)
     return made;
 }
 
-/* Links hold a fall back for some seconds at most; without the bounds of both clocks, half a minute
-   is one fall. */
+/* Two ends report one fall at most a few seconds apart. If the bounds of the clocks aren't known,
+   falls within half a minute count as one. */
 static constexpr double longest_apart = 5, longest_apart_by_any_clock = 30;
 
-/* The kernel reports a lost carrier up to a second late, at each end. */
+/* Each end's kernel reports a lost carrier up to a second late. */
 static constexpr double longest_hold = 1.1;
 
 static bool is_one_end(const facts &here, const facts &there)
@@ -511,7 +511,7 @@ static void settle_by(verdict &made, const char *settle, std::string action)
     made.action = std::move(action);
 }
 
-/* Takes over the cause that the other end has found for the fall of both. */
+/* Takes over the cause that the other end has found for this fall. */
 static void take_over(verdict &made, const verdict &other)
 {
     made.cause = other.cause;
@@ -523,7 +523,7 @@ static void take_over(verdict &made, const verdict &other)
               fmt::format("At the other end: {}", other.action));
 }
 
-/* Joins the evidence of light at both ends. Returns whether that shows a cause. */
+/* Combines the evidence of light at both ends. Returns whether it shows a cause. */
 static bool join(verdict &made, const verdict &other, const facts &here, const facts &there)
 {
     static constexpr char look[] = "A look at the fibre.";

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* verdict - why a link fell, from what was seen of the fall. A pure function: no clock, no files.
+/* verdict - why a link fell, from the facts of the fall. A pure function: no clock, no files.
 
-   A verdict that is called certain is never wrong. So a cause is certain only if what shows it was
-   seen, no evidence against it was seen, and each other cause that could be certain is excluded by
-   a fact. Facts that contradict each other make it possible at most. Causes that look alike from
-   one end, such as a cut fibre and a far end that was switched off, are never certain. */
+   A verdict that is called certain is never wrong. So a cause is certain only if there is evidence
+   for it and none against it, and a fact excludes each other cause that could be certain. With
+   contradictory facts a cause is at most possible. Causes that look alike from one end, such as a
+   cut fibre and a far end that was switched off, are never certain. */
 #pragma once
 
 #include "causes/facts.h"
@@ -14,7 +14,7 @@
 namespace causes
 {
 
-/* In the order in which they are looked for. */
+/* In the order in which the causes are checked. */
 enum class cause : uint8_t {
     set_down,
     interface_moved,
@@ -60,10 +60,10 @@ struct verdict {
     causes::layer layer = layer::unknown;
     causes::certainty certainty = certainty::possible;
     std::vector<std::string> evidence;  /* sentences with values */
-    std::vector<std::string> conflicts; /* facts that can't both be true */
+    std::vector<std::string> conflicts; /* sentences about facts that can't both be true */
     std::vector<std::string>
-        ill;            /* how the link is worse than before the fall; empty if it isn't */
-    std::string settle; /* a check that would make it certain; else empty */
+        ill;            /* in which way the link is worse than before; empty if it isn't */
+    std::string settle; /* a check that would make the verdict certain, or empty */
     std::string action; /* what to do */
 };
 
@@ -72,15 +72,15 @@ verdict judge(const facts &seen);
 /* Which of two ends fell first. */
 struct order {
     bool is_one_fall = true;
-    bool is_known = false; /* the clocks' bounds allow it */
+    bool is_known = false; /* the bounds of the clocks permit a comparison */
     bool here_first = false;
     std::string sentence;
 };
-/* `here` and `there` are the two ends of one fall: the cause of the other end is that of this one,
-   where it is a local one there and none was found here. */
+/* `here` and `there` are the two ends of one fall. If no cause was found here, and a local one
+   there, the other end's cause explains this end's fall, too. */
 verdict judge_both(const facts &here, const facts &there, order &who);
 
-/* Short stable words: "set down", "light lost"; "local", "fibre", "likely". */
+/* Short words that don't change: "set down", "light lost"; "local", "fibre", "likely". */
 const char *name_of(cause it);
 const char *name_of(side it);
 const char *name_of(layer it);

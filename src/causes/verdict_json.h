@@ -11,7 +11,7 @@
 namespace causes
 {
 
-/* `who` is null where the other end isn't known. */
+/* `who` is null if the other end isn't known. */
 nlohmann::ordered_json json_of(const facts &seen, const verdict &its, const order *who);
 
 } // namespace causes

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: evaluate() chooses the limit, then looks for a fade or follows the one that is
-   announced; standing() writes what is reported. */
+/* Order of work: evaluate() chooses the limit, then looks for a fade or follows the announced one;
+   standing() writes the present report. */
 #include "forecast/alarm.h"
 
 #include <algorithm>
@@ -9,8 +9,7 @@
 namespace forecast
 {
 
-/* The number of days of a series that are examined: twice the horizon is enough to know the series'
-   weather. */
+/* The number of days that are examined: twice the horizon shows the usual weather of the series. */
 static constexpr int looked_at = 42;
 
 static double own_limit(quantity value, const std::optional<limits> &own)
@@ -32,7 +31,7 @@ void alarm::set_limits(const std::optional<limits> &own)
     if (found == own_limit_ || (std::isnan(found) && std::isnan(own_limit_)))
         return;
     own_limit_ = found;
-    is_limit_old_ = true; /* an alarm stands on the old one until the next look */
+    is_limit_old_ = true; /* an alarm uses the old limit until the next look */
 }
 
 void alarm::forget()
@@ -44,7 +43,8 @@ void alarm::forget()
     pace_ = 0;
 }
 
-/* The module's own limit, unless the series began beyond it: tables of other types are common. */
+/* The module's own limit, unless the series began beyond it: many modules have the limits of
+   another type. */
 void alarm::choose_limit(const days &seen)
 {
     if ((!std::isnan(limit_) && !is_limit_old_) || seen.count == 0 || std::isnan(seen.of[0].level))
@@ -74,7 +74,7 @@ void alarm::evaluate(series &of, const block_ring &temperatures, int64_t last, i
         of.remember_excursion(excursion(seen));
 }
 
-/* Half of the day's swing: the lowest hours of a day are so far below its middle. */
+/* Half of the day's swing: how far the lowest hours of a day are below its middle. */
 static double usual_swing(const days &seen)
 {
     double sum = 0;
@@ -119,7 +119,7 @@ void alarm::look_for_one(const series &of, const block_ring &temperatures, int64
     reports.back().what = change::raised;
 }
 
-/* The present pace, over as many days as it takes to fall by what is no noise. */
+/* The present pace, measured over as many days as the level needs to fall by more than noise. */
 void alarm::update_pace(const days &seen)
 {
     for (const int span : {3, 5, 7, 10}) {

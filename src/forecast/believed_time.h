@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* believed_time - the time of a series, whatever the clock of the box does. Header only. One
+/* believed_time - the time of a series, independent of changes of the box's clock. Header only. One
    thread at a time. */
 #pragma once
 
@@ -9,13 +9,13 @@
 namespace forecast
 {
 
-/* A box without a battery starts with an old clock and sets it minutes to hours later. Readings
-   with a time that goes back, or leaps ahead by more than any usual gap, are left out until the new
-   time has been in use for a day; then it is the right one, and the series continues. */
+/* A box without a battery starts with an old clock and sets it minutes to hours later. If the time
+   goes back, or ahead by more than any usual gap, readings are left out until the new time has been
+   in use for a day; then the new time is accepted and the series continues. */
 class believed_time
 {
   public:
-    /* The time in seconds from the first reading on, which never goes back; nothing: not used. */
+    /* Seconds since the first reading, never decreasing; nothing: the reading isn't used. */
     std::optional<int64_t> accept(int64_t time)
     {
         if (!is_begun_) {
@@ -39,7 +39,7 @@ class believed_time
         doubtful_last_ = time;
         if (time - doubtful_since_ < believed_after)
             return std::nullopt;
-        /* The time that passed while the clock was in doubt is that of the new clock. */
+        /* The time that passed while the clock was in doubt is measured by the new clock. */
         offset_ += last_ - doubtful_since_;
         is_doubtful_ = false;
         last_ = time;
@@ -48,8 +48,8 @@ class believed_time
 
   private:
     static constexpr int64_t longest_gap =
-        int64_t{15} * 86400;                         /* a box may be away for repair so long */
-    static constexpr int64_t believed_after = 86400; /* time service works within hours */
+        int64_t{15} * 86400;                         /* a box may be away for repair this long */
+    static constexpr int64_t believed_after = 86400; /* time synchronisation works within hours */
 
     bool is_begun_ = false, is_doubtful_ = false;
     int64_t offset_ = 0, last_ = 0, doubtful_since_ = 0, doubtful_last_ = 0;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: feed() chooses the readings that count, ends blocks, and gives each series to its
+/* Order of work: feed() selects the usable readings, ends blocks, and passes each series to its
    alarm. */
 #include "forecast/alarm.h"
 #include "forecast/believed_time.h"
@@ -12,7 +12,7 @@
 namespace forecast
 {
 
-/* A series and its alarm exist once a value of theirs was measured. */
+/* A series and its alarm exist once the quantity was measured. */
 struct tracked {
     tracked(quantity value, int lane, const std::optional<limits> &own)
         : values(value), notices(value, lane, own)
@@ -77,7 +77,7 @@ class port_state
                 each->values.note_event();
     }
 
-    /* Another serial is another module: everything begins anew. */
+    /* Another serial number is another module: all its series begin again. */
     void follow(std::string_view serial, int64_t block, int64_t time, std::vector<report> &reports)
     {
         if (!serial_.empty() && serial != serial_)
@@ -147,8 +147,8 @@ class port_state
             of->notices.note_step(*change, next.time, reports);
     }
 
-    /* A module or driver that repeats all its values isn't measuring. An hour of the same values is
-       no chance where anything has noise; where all steps are coarse the hour is still used. */
+    /* A module or driver that repeats all its values isn't measuring. If any value has noise, an
+       hour of equal values can't be chance; if all steps are coarse, the hour is still used. */
     bool is_stuck(const reading &next)
     {
         constexpr int longest = 12;
@@ -179,7 +179,7 @@ class port_state
     uint64_t last_mix_ = 0;
     int repeats_ = 0;
     std::array<std::optional<limits>, quantities> limits_;
-    /* The module's temperature, then the values of each lane. */
+    /* First the module's temperature, then the values of each lane. */
     std::vector<std::unique_ptr<tracked>> tracked_{1};
 };
 

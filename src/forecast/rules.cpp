@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the table, then the scales. */
+/* Contents: the table, then the conversions to levels. */
 #include "forecast/rules.h"
 
 #include <cmath>
@@ -158,12 +158,12 @@ const char *name_of(cause why)
 double level_of(quantity value, double measured)
 {
     constexpr double none = std::numeric_limits<double>::quiet_NaN();
-    /* Nothing optical has 10 W, 10 A or 1000 degrees. */
+    /* No optical module has 10 W, 10 A or 1000 degrees. */
     if (!std::isfinite(measured) || std::fabs(measured) > 1e7)
         return none;
     if (value == quantity::temperature)
         return std::fabs(measured) <= 200 ? -measured : none;
-    /* A module without light reads zero; so does a failed read. Neither has a logarithm. */
+    /* A module without light reads zero, and so does a failed reading. Zero has no logarithm. */
     if (measured <= 0)
         return none;
     switch (value) {

@@ -18,7 +18,7 @@ double middle(std::span<float> values)
     return sum / static_cast<double>(values.size() - 2 * cut);
 }
 
-/* The mean of the middle two of an even number of values. Two wild values of six don't move this
+/* The mean of the middle two of an even number of values. Two wrong values of six don't move this
    median far. */
 static double median(std::span<float> values)
 {
@@ -34,8 +34,8 @@ void block_ring::put(int64_t block, float level)
                                                                -32767.0F, 32767.0F));
 }
 
-/* Temperatures are counted from 40 degrees, where modules are: the square is then nearly
-   independent of the straight part. */
+/* Temperatures are counted from 40 degrees, a usual temperature of modules: the square is then
+   nearly independent of the linear part. */
 static constexpr double usual_temperature = 40;
 
 static double square_of(double temperature)
@@ -45,14 +45,16 @@ static double square_of(double temperature)
 
 void temperature_slope::learn(double level, double warmth, double square)
 {
-    /* A module's slope stays, the air around it and its load change: half a year of memory would
-       be right, six weeks follow a change of the far end, too. */
+    /* A module's slope stays the same, but air and load change: half a year of memory would fit the
+       module, six weeks also follow a change of the far end. */
     constexpr double keep = 1 - 1.0 / (42 * blocks_a_day);
-    /* The residual is limited to three times its usual size, so that weather doesn't widen it. */
+    /* The residual is limited to three times its usual size, so that weather doesn't increase the
+       estimate. */
     const double rest = std::fabs(level - slope_ * warmth - curve_ * square);
     scale_ += (1.25 * std::min(rest, 3 * scale_) - scale_) / 32;
     scale_ = std::max(scale_, rules_->least_noise / 10);
-    /* Huber's weight: beyond 1.5 deviations a value counts by its distance, not its square. */
+    /* Huber's weight: beyond 1.5 deviations a value counts by its distance instead of its
+       square. */
     const double weight = rest > 1.5 * scale_ ? 1.5 * scale_ / rest : 1;
     for (double *sum : {&ww_, &ws_, &ss_, &wl_, &sl_})
         *sum *= keep;
@@ -68,7 +70,7 @@ void temperature_slope::solve()
 {
     if (rules_->slope_sd <= 0)
         return;
-    /* Neighbouring blocks share their wander: eight blocks are worth two or three. */
+    /* Neighbouring blocks are correlated: eight blocks count as two or three. */
     constexpr double alike = 3;
     const double variance = scale_ * scale_ * alike;
     const double a = ww_ / variance + 1 / (rules_->slope_sd * rules_->slope_sd);
@@ -82,7 +84,7 @@ void temperature_slope::solve()
     var_slope_ = static_cast<float>(d / det);
     var_curve_ = static_cast<float>(a / det);
     var_both_ = static_cast<float>(-b / det);
-    /* A rhythm of the far end that has the hours of this one isn't the module's slope. */
+    /* A daily rhythm of the far end at the same hours isn't the module's slope. */
     const double most = 3 * rules_->slope_sd;
     slope_ =
         static_cast<float>(std::clamp<double>(slope_, rules_->slope - most, rules_->slope + most));
@@ -97,12 +99,12 @@ double temperature_slope::effect(double from, double to) const
 
 double temperature_slope::doubt(double from, double to) const
 {
-    /* Where no temperature is known it may be another one by some degrees. */
+    /* If the temperature isn't known, it may be some degrees off. */
     constexpr double unknown = 4;
     if (std::isnan(from) || std::isnan(to))
         return unknown * (std::fabs(rules_->slope) + rules_->slope_sd);
     const double w = to - from, s = square_of(to) - square_of(from);
-    /* The light follows the sensor hours later, so that the slope of a day differs from that of a
+    /* The light follows the sensor by hours, so the slope within a day differs from that of a
        season: a sixth of the slope counts as uncertain, however long it was learnt. */
     const double misfit = w * slope_ / 6;
     return std::sqrt(
@@ -165,7 +167,7 @@ std::optional<double> series::add(int64_t seconds, double measured, double tempe
     double change = 0;
     if (!find_step(expected, change))
         return std::nullopt;
-    /* Only the readings behind the step belong to the new series. */
+    /* Only the readings after the step belong to the new series. */
     first_ = seconds / block_seconds;
     rows_ = 0;
     for (int i = 0; i < half; i++) {
@@ -177,7 +179,8 @@ std::optional<double> series::add(int64_t seconds, double measured, double tempe
     return change;
 }
 
-/* A step happens between two readings, a fade doesn't: compare the half hours on both sides. */
+/* A step happens between two readings, a fade doesn't: the half hours on both sides are
+   compared. */
 bool series::find_step(double expected, double &change) const
 {
     const rules &known = rules_of(value_);
@@ -191,16 +194,16 @@ bool series::find_step(double expected, double &change) const
         warmth[1][i] = recent_[i + half].temperature;
     }
     const double before = median(level[0]), after = median(level[1]);
-    /* Temperatures may be missing: then this isn't a number, and has no effect. */
+    /* If temperatures are missing, this isn't a number and has no effect. */
     const double cold = median(warmth[0]), warm = median(warmth[1]);
-    /* Between the middles of both halves, also where one of them spans a gap. */
+    /* The time between the middles of both halves, even if one of them spans a gap. */
     constexpr size_t centre = half / 2;
     const double days = (recent_[half + centre].seconds - recent_[centre].seconds +
                          recent_[half + centre - 1].seconds - recent_[centre - 1].seconds) /
                         (2 * 86400.0);
     change = after - before - slope_.effect(cold, warm);
-    /* Across a gap only what is known to fade may have faded on; while readings are dense, the
-       fastest fade. Both with room for a fade that grows. */
+    /* During a gap only a known fade can have continued; between dense readings, the fastest
+       possible fade. Both with a margin for a fade that becomes faster. */
     const double faded = days > 0.3 ? std::max(0.0, 4 * expected * days)
                                     : std::max(known.fastest, 1.5 * expected) * days;
     const double least = since_event_ <= half + 1 ? known.step / 2 : known.step;
@@ -208,8 +211,8 @@ bool series::find_step(double expected, double &change) const
                         2 * slope_.doubt(cold, warm);
     if (change < 0 ? -change <= room + faded : change <= room)
         return false;
-    /* While the step is in the middle of a half its size isn't known: each half is of one level,
-       but for one reading at each end. */
+    /* While the step is in the middle of a half, its size isn't known: each half must have one
+       level, except for one reading at each end. */
     const auto width = [](const std::array<float, half> &sorted) {
         return sorted[half - 2] - sorted[1];
     };
@@ -244,7 +247,7 @@ void series::learn_slope(int64_t block, const block_ring &temperatures)
         slope_.learn(level, found - warmth, square_of(found) - square);
 }
 
-/* From second differences of three days, in which a straight fade leaves nothing. */
+/* Uses second differences of three days, in which a straight fade vanishes. */
 void series::learn_noise(int64_t block, const block_ring &temperatures)
 {
     if (block % blocks_a_day != blocks_a_day - 1 || block - int64_t{3} * blocks_a_day < first_)
@@ -256,7 +259,7 @@ void series::learn_noise(int64_t block, const block_ring &temperatures)
         day_of(*this, temperatures, block - int64_t{2} * blocks_a_day, today.temperature).corrected;
     if (std::isnan(bend))
         return;
-    /* Limited, so that a day of weather doesn't blind the detector for weeks. */
+    /* Limited, so that one day of weather doesn't make the detector blind for weeks. */
     const double least = rules_of(value_).least_noise;
     noise_ += (std::min(bend * bend / 2, 9 * noise_) - noise_) / 20;
     noise_ = std::max(noise_, least * least);
@@ -276,8 +279,8 @@ day day_of(const series &of, const block_ring &temperatures, int64_t last, doubl
         if (!std::isnan(temperature))
             warmth[warm++] = temperature;
     }
-    /* A quarter of a day is too little to stand for it where days have a rhythm; two blocks have
-       to do where values rarely change. */
+    /* A quarter of a day doesn't represent a day that has a rhythm; two blocks are enough if values
+       rarely change. */
     if (count < 2)
         return {none, none, none, none, none};
     const auto most = std::minmax_element(corrected.begin(), corrected.begin() + count);

@@ -14,15 +14,16 @@
 namespace forecast
 {
 
-/* Three hours: short enough for a fade of two days and for the swing of a day, long enough for a
-   middle of 36 readings without noise. Eight weeks: the horizon and twice as much to compare. */
+/* Blocks of three hours: short enough for a fade of two days and for the swing within a day, long
+   enough for a mean of 36 readings with little noise. Eight weeks: the horizon, and twice as much
+   for comparison. */
 constexpr int64_t block_seconds = int64_t{3} * 3600;
 constexpr int blocks_a_day = 8;
 constexpr int kept_days = 56;
 constexpr int kept_blocks = kept_days * blocks_a_day;
 constexpr float none = std::numeric_limits<float>::quiet_NaN();
 
-/* A ring of levels by the number of their block, 16 bits each. */
+/* A ring of levels, 16 bits each, indexed by the number of their block. */
 class block_ring
 {
   public:
@@ -35,7 +36,7 @@ class block_ring
         kept_.fill(missing);
     }
     void put(int64_t block, float level);
-    /* Not a number where nothing is known. The caller keeps to the last kept_blocks. */
+    /* Not a number if the block has no value. The caller asks only for the last kept_blocks. */
     float at(int64_t block) const
     {
         const int16_t found = kept_[static_cast<size_t>(block % kept_blocks)];
@@ -48,20 +49,21 @@ class block_ring
     std::array<int16_t, kept_blocks> kept_;
 };
 
-/* How a level follows temperature: straight and square, with what is known of physics as the
-   start. Learnt from the differences within a day, in which neither a fade nor a season shows. */
+/* How a level depends on temperature: linearly and with the square, starting from the values of
+   physics. Learnt from differences within a day, which contain neither a fade nor a season. */
 class temperature_slope
 {
   public:
     explicit temperature_slope(const rules &known) : rules_(&known), scale_(known.noise)
     {
     }
-    /* Differences from the middle of the day around: of level, temperature, and square. */
+    /* Differences from the middle of the surrounding day: of the level, the temperature and its
+       square. */
     void learn(double level, double warmth, double square);
     void solve();
-    /* The change of the level by a change of the temperature. */
+    /* The change of the level caused by a change of temperature. */
     double effect(double from, double to) const;
-    /* How wrong that may be: one standard deviation. */
+    /* The uncertainty of effect(): one standard deviation. */
     double doubt(double from, double to) const;
 
   private:
@@ -76,19 +78,19 @@ class series
   public:
     explicit series(quantity value);
 
-    /* A reading: seconds of the series, measured value, temperature (or not a number). A result is
-       a step that begins a new series: the change of the level. `expected` is how much the level
-       falls a day by what is known. */
+    /* Adds a reading: seconds of the series, measured value, temperature (or not a number). If the
+       reading shows a step that begins a new series, returns the change of the level. `expected` is
+       the fall per day of a known fade. */
     std::optional<double> add(int64_t seconds, double measured, double temperature,
                               double expected);
-    /* The link or the module was away, or readings are missing: a step is likelier. */
+    /* The link or the module was away, or readings are missing: a step is more likely then. */
     void note_event()
     {
         since_event_ = 0;
     }
-    /* Ends a block; `temperatures` already has its middle. */
+    /* Ends a block; `temperatures` already contains its middle. */
     void close(int64_t block, const block_ring &temperatures);
-    /* Begins anew for another module: nothing that was learnt holds. */
+    /* Begins again for another module: everything learnt is dropped. */
     void restart(int64_t block);
 
     quantity value() const
@@ -115,7 +117,7 @@ class series
     }
     /* The resolution of the module's readings, as a change of the level at its present value. */
     double quantum() const;
-    /* What an earlier series of this module fell and recovered by, fading within two months. */
+    /* How much an earlier series of this module fell and recovered; it decays over two months. */
     double past_excursion() const
     {
         return excursion_;
@@ -127,7 +129,7 @@ class series
         float level, temperature;
         uint32_t seconds;
     };
-    static constexpr int rows_a_block = 45; /* readings are four minutes apart, at least */
+    static constexpr int rows_a_block = 45; /* as readings are at least four minutes apart */
     static constexpr int half = 6;          /* readings on each side of a step: half an hour */
 
     bool find_step(double expected, double &change) const;
@@ -147,15 +149,14 @@ class series
     std::array<recent, size_t{2} * half> recent_;
 };
 
-/* The middle of a day's blocks, the last of which is `last`: level without what the temperature
-   makes of it, as if it were `reference`. Not a number with fewer than two blocks, or before
-   `first`. */
+/* The middle of the blocks of the day that ends with block `last`: the level as it would be at the
+   temperature `reference`. Not a number with fewer than two blocks, or before `first`. */
 struct day {
     float level, corrected, temperature, lowest, spread;
 };
 day day_of(const series &of, const block_ring &temperatures, int64_t last, double reference);
 
-/* Middle of the values, of which the quarter at each end is left out. Reorders them. */
+/* The mean of the values without the lowest and the highest quarter. Reorders the values. */
 double middle(std::span<float> values);
 
 } // namespace forecast

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the days, then the robust line through them, then the tests of find_fade(). */
+/* Order of work: the days, then a robust line through them, then the tests of find_fade(). */
 #include "forecast/trend.h"
 
 #include <algorithm>
@@ -79,7 +79,8 @@ static double mean_of(const days &seen, int from, int to)
     return count > 0 ? sum / count : none;
 }
 
-/* Swing of a day that temperature doesn't explain: the usual one of the days before the fall. */
+/* The swing of a day that temperature doesn't explain: the usual one of the days before the
+   fall. */
 static double usual_spread(const days &seen, int from)
 {
     std::array<float, 7> found;
@@ -90,21 +91,22 @@ static double usual_spread(const days &seen, int from)
     return count > 0 ? middle({found.data(), count}) : 0;
 }
 
-/* Does it fall in each third of `span` days, and still? Days that came at once, weather that is
-   turning, and a level that has settled don't. */
+/* Whether the level falls in each third of `span` days, and is still falling. A fall at once,
+   weather that is turning, and a level that has settled don't pass this test. */
 static bool falls_throughout(const days &seen, int span, double a_day, bool is_hasty)
 {
     const int third = std::max(1, (span + 1) / 3);
     const double newest = mean_of(seen, 0, third - 1);
     const double centre = mean_of(seen, third, span - third);
     const double oldest = mean_of(seen, span - third + 1, span);
-    /* A straight fall has half of it on each side; one that doubles its pace a quarter. */
+    /* A straight fall has half of its change on each side; a fall that doubles its pace has a
+       quarter. */
     const double least_share = span <= 5 ? 0.2 : 0.3;
     const double whole = oldest - newest;
     if (!(oldest - centre >= least_share * whole && centre - newest >= least_share * whole))
         return false;
-    /* A cold spell begins slowly, and slows down before it turns: look at both ends, over as many
-       days as it takes to see more than noise. */
+    /* A cold spell begins slowly, and slows down before it turns: the test looks at both ends, over
+       enough days to see more than noise. */
     const int end = span <= 5 ? 1 : 2;
     const double last = seen.of[0].corrected,
                  before_last = seen.of[static_cast<size_t>(end)].corrected;
@@ -115,8 +117,8 @@ static bool falls_throughout(const days &seen, int span, double a_day, bool is_h
     return !(is_hasty && first - second < 0.4 * a_day * end);
 }
 
-/* A level that it never had: by the least fall, and by half of the range that it had before the
-   fall. For what follows the weather itself, and needs a week of comparison. */
+/* Whether the level is lower than ever: by the least fall, and by half of its range before the
+   fall. For quantities that follow the weather, which need a week of comparison. */
 static bool is_new_record(const days &seen, int span, double least)
 {
     float lowest = none, highest = none;
@@ -141,21 +143,22 @@ static std::optional<fade> test_span(const series &of, const days &seen, int spa
                                              : span <= 5 ? known.hasty_week
                                                          : 1);
     const int third = std::max(1, (span + 1) / 3);
-    /* A look that costs little and excludes nearly every healthy series. */
+    /* A cheap test that excludes nearly every healthy series. */
     if (!(mean_of(seen, span - third + 1, span) - mean_of(seen, 0, third - 1) > least / 2))
         return std::nullopt;
     const fall_rate line = fall_between(seen, 0, span);
     if (std::isnan(line.a_day))
         return std::nullopt;
     const double raw = seen.of[oldest].level - seen.of[0].level;
-    /* A change that an uncertain slope could explain is no evidence. Two deviations. */
+    /* A change that an uncertain slope could explain, within two deviations, is no evidence. */
     const double doubt = 2 * of.slope().doubt(seen.of[oldest].temperature, seen.of[0].temperature);
     const double fall = line.a_day * span - doubt;
-    /* Days wander: the change over a span grows with its root at most. */
+    /* Daily changes are random: over a span their sum grows at most with the span's root. */
     const double wander = of.noise() * std::sqrt(span);
-    /* All pairs but one in seven: half of the pairs by chance. */
+    /* All pairs but one in seven; by chance half of the pairs would agree. */
     constexpr double agreement = 0.7;
-    /* A fall that came back before can come back again: for spans that weather has, exceed it. */
+    /* A fall that recovered before can do so again: for spans that weather has, the fall must
+       exceed the deepest one. */
     const double weather = deepest * (span <= 7 ? 1.25 : 0.7);
     const double swing = 0.5 * usual_spread(seen, span);
     if (fall < least || fall < known.sure * wander || fall < 2.5 * of.quantum() || fall < weather ||
@@ -170,7 +173,7 @@ static std::optional<fade> test_span(const series &of, const days &seen, int spa
 
 namespace
 {
-/* The means of two blocks each, six hours, the newest first. */
+/* Means of two blocks each, which is six hours, the newest first. */
 struct block_pairs {
     static constexpr int most = 12;
     std::array<double, most + 1> level, warmth;
@@ -178,12 +181,12 @@ struct block_pairs {
 };
 } // namespace
 
-/* As far as no gap lies between: its far side is no part of a sudden fall. */
+/* Only up to the first gap: a fall across a gap isn't a sudden one. */
 static block_pairs newest_pairs(const series &of, const block_ring &temperatures, int64_t last,
                                 float present_temperature)
 {
     block_pairs made;
-    int64_t newest = last; /* of the two blocks that are taken together */
+    int64_t newest = last; /* last of the two blocks that make a pair */
     for (; made.count <= block_pairs::most && newest - 1 >= of.first(); made.count++, newest -= 2) {
         double sum = 0, warm = 0;
         int valid = 0;
@@ -202,7 +205,7 @@ static block_pairs newest_pairs(const series &of, const block_ring &temperatures
     return made;
 }
 
-/* A fall within one to three days that is deeper than weather's. */
+/* A fall within one to three days that is deeper than any caused by weather. */
 static std::optional<fade> test_sudden(const series &of, const block_ring &temperatures,
                                        int64_t last, const days &seen, double deepest)
 {
@@ -228,7 +231,8 @@ static std::optional<fade> test_sudden(const series &of, const block_ring &tempe
             for (size_t j = i + 1; j <= oldest; j++, pairs++)
                 agree += level[j] > level[i] ? 1 : -1;
         }
-        /* A step is one leap, a fall has no largest part; and it goes on at half the pace. */
+        /* A step is one jump, whereas a fall has no dominant part and continues at half its pace or
+           more. */
         if (agree < 0.8 * pairs || steepest > 0.45 * fall ||
             level[1] - level[0] < 0.5 * fall / span || level[2] - level[1] < 0.3 * fall / span)
             continue;
@@ -242,8 +246,8 @@ std::optional<fade> find_fade(const series &of, const block_ring &temperatures, 
                               const days &seen)
 {
     const double deepest = std::max(excursion(seen), of.past_excursion());
-    /* From the shortest in which a fade differs from weather to the horizon; each a third longer,
-       so that one of them fits a fade of any age. */
+    /* From the shortest span in which a fade differs from weather up to the horizon; each span is a
+       third longer, so that one of them fits a fade of any age. */
     for (const int span : {3, 4, 5, 7, 9, 12, 16, 21, 27})
         if (span < seen.count)
             if (const auto found = test_span(of, seen, span, deepest))
@@ -253,11 +257,12 @@ std::optional<fade> find_fade(const series &of, const block_ring &temperatures, 
 
 outlook outlook_of(const days &seen, double a_day, double gap, double early)
 {
-    /* The middle of the last day is half a day old. */
+    /* The middle of the last day is half a day in the past. */
     gap = std::max(0.0, gap - a_day / 2);
     const double straight = gap / a_day;
     const double sooner = std::max(0.0, gap - early) / a_day;
-    /* How much faster it became within ten days: growth a day, at most doubling in four days. */
+    /* How much faster the fall became within ten days: growth per day, at most a doubling in four
+       days. */
     const int half = std::min(5, seen.count / 2);
     double growth = 0;
     if (half >= 3) {
@@ -265,7 +270,7 @@ outlook outlook_of(const days &seen, double a_day, double gap, double early)
         if (older > 0.1 * a_day)
             growth = std::clamp(std::log(a_day / older) / half, 0.0, 0.17);
     }
-    /* Where growth isn't seen it may begin. */
+    /* A fall without visible growth may begin to grow. */
     constexpr double unseen = 0.08;
     const auto with_growth = [](double left, double rate) {
         return rate > 1e-3 ? std::log1p(rate * left) / rate : left;

@@ -9,35 +9,35 @@
 namespace forecast
 {
 
-/* The last days of a series, each 24 hours long; the first ends with the last block. */
+/* The last days of a series, each 24 hours long; the first one ends with the last block. */
 struct days {
     int count = 0;
     std::array<day, kept_days> of;
 };
 days days_of(const series &of, const block_ring &temperatures, int64_t last, int most);
 
-/* The middle of the falls a day between all pairs of days from `from` to `to`, and how far the
-   pairs agree: 1 when all fall, 0 by chance. Not a number with fewer than three days. */
+/* The median of the falls per day of all pairs of days between `from` and `to`, and how far the
+   pairs agree: 1 if all fall, 0 by chance. Not a number with fewer than three days. */
 struct fall_rate {
     double a_day, agreement;
 };
 fall_rate fall_between(const days &seen, int from, int to);
 
-/* The deepest fall that came back. */
+/* The deepest fall that recovered. */
 double excursion(const days &seen);
 
 struct fade {
-    double fall;      /* of the level, without temperature */
-    double span;      /* days in which it fell */
-    double a_day;     /* the present pace */
-    double certainty; /* in standard deviations of the changes that are normal in such a span */
+    double fall;      /* fall of the level, without the effect of temperature */
+    double span;      /* days of the fall */
+    double a_day;     /* the present fall per day */
+    double certainty; /* the fall in standard deviations of normal changes in such a span */
 };
-/* A fade that is going on; nothing: none that is sure. */
+/* A fade that continues; nothing if none is certain enough. */
 std::optional<fade> find_fade(const series &of, const block_ring &temperatures, int64_t last,
                               const days &seen);
 
-/* Days until a fall by `gap` (and by `early`, which the swing of a day takes off) with the present
-   pace: middle, and an interval of 80 %. */
+/* Days until the level has fallen by `gap`, at the present pace: middle, and an interval of 80 %.
+   Within a day the level may be lower by `early`, which makes the lower end earlier. */
 struct outlook {
     double left, low, high;
 };

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: advance() opens the store where there is none, ends the step whose time is over,
-   and writes; take() and note() add to the step and to the batch that is written next. */
+/* Order of work: advance() opens the store if there is none, ends a step that is over, and writes;
+   take() and note() add to the step and to the next batch. */
 #include "history/chronicle.h"
 
 #include <algorithm>
@@ -10,13 +10,14 @@
 namespace history
 {
 
-static constexpr int64_t write_pause = 60; /* one fsync a minute at most, for the sake of flash */
-/* A batch that fails costs more the larger it is; a disk that stays full must cost nothing. */
+static constexpr int64_t write_pause = 60; /* at most one fsync a minute, to spare flash memory */
+/* A large batch that fails costs more; while a disk stays full, retries must cost nearly
+   nothing. */
 static constexpr int64_t longest_write_pause = 900;
 static constexpr int64_t try_pause = 60;
 static constexpr int64_t checkpoint_pause = 3600;
-static constexpr unsigned most_events_at_once = 32; /* of a port, in one batch */
-/* While the disk is full, one part in so many of the limit may be pending. A larger batch might not
+static constexpr unsigned most_events_at_once = 32; /* events of a port in one batch */
+/* While the disk is full, at most this part of the limit may be pending. A larger batch might not
    fit into the file. */
 static constexpr int64_t pending_part = 8;
 static constexpr size_t most_pending_events = 20'000;
@@ -73,7 +74,8 @@ void chronicle::open(const clocks &now)
     }
 }
 
-/* Takes in what the current hour and day have already, where their own rows aren't written. */
+/* Restores the current hour and day from rows of shorter times, if their own rows aren't written
+   yet. */
 void chronicle::restore()
 {
     const int64_t last = store_->end() - 1, hour = last / level_seconds[hour_rows],
@@ -102,7 +104,7 @@ void chronicle::restore()
                      });
 }
 
-/* A module whose serial is read differently each time must not fill the memory. */
+/* A module whose serial number reads differently each time must not fill the memory. */
 void chronicle::forget_oldest()
 {
     if (places_.size() < most_places)
@@ -152,7 +154,7 @@ void chronicle::note(int64_t port, const std::string &kind, const std::string &t
         return;
     const auto found = occupants_.find(static_cast<uint32_t>(port));
     const int64_t id = port == no_port || found == occupants_.end() ? 0 : found->second;
-    /* A port that flaps fills neither the file nor the memory. */
+    /* A flapping port must fill neither the file nor the memory. */
     if (noted_[port]++ < most_events_at_once && pending_.events.size() < most_pending_events)
         pending_.events.push_back({time_->at(now.boot), port, id, kind, text});
 }
@@ -164,7 +166,7 @@ void chronicle::vacate(uint32_t port)
         touched_.insert(left);
 }
 
-/* Rows of an hour and a day that end before `next_time`. */
+/* Adds the rows of an hour and a day that end before `next_time`. */
 void chronicle::roll(int64_t id, live &of, int64_t next_time)
 {
     const int64_t hour = next_time / level_seconds[hour_rows],
@@ -266,7 +268,7 @@ void chronicle::write(const clocks &now)
     }
 }
 
-/* Back to the state before open(), except that empty ports stay known. */
+/* Returns to the state before open(), except that known empty ports stay known. */
 void chronicle::drop()
 {
     store_.reset();
@@ -284,7 +286,7 @@ static bool is_damaged(const database_error &error)
     return error.code() == SQLITE_CORRUPT || error.code() == SQLITE_NOTADB;
 }
 
-/* A damaged file is replaced by a new one; any other failure may pass. */
+/* A damaged file is replaced by a new one; any other failure may be temporary. */
 void chronicle::failed(const database_error &error)
 {
     if (is_damaged(error)) {
@@ -294,7 +296,7 @@ void chronicle::failed(const database_error &error)
         next_try_ = INT64_MIN;
         return;
     }
-    pending_.places.clear(); /* the places are still in touched_ */
+    pending_.places.clear(); /* the places stay in touched_ */
     if (store_ && write_trouble_.empty())
         given_.report(fmt::format("the history can't be written: {}; it goes on in memory, and is "
                                   "written when that is possible",
@@ -303,7 +305,7 @@ void chronicle::failed(const database_error &error)
     bound_pending();
 }
 
-/* Drops the older half of the places. */
+/* Drops the older half of the pending places. */
 void chronicle::bound_pending()
 {
     const auto most =
@@ -318,7 +320,7 @@ void chronicle::bound_pending()
     }
 }
 
-/* A read, too, may find that the file is damaged. */
+/* Reads can find a damaged file, too. */
 template <typename read_type>
 void chronicle::guarded(read_type read)
 {

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* chronicle - the history of all ports: readings and events go in with their time, rows of steps,
-   hours and days go to the store. No clock and no thread of its own; one thread at a time. No
-   function throws but for exhausted memory.
+/* chronicle - the history of all ports: takes readings and events with their time, and stores rows
+   of steps, hours and days. No clock and no thread of its own; one thread at a time. Functions
+   throw only if memory is exhausted.
 
-   Rows that can't be stored, as with a full disk, stay in memory (two days of rows at most) and is
-   written when it can be: a write that fails is tried again after a minute, then after twice as
-   long each time, up to a quarter of an hour. */
+   Rows that can't be stored, for example on a full disk, stay in memory (two days of rows at most)
+   until they are written: a failed write is tried again after a minute, then each time after twice
+   as long, up to a quarter of an hour. */
 #pragma once
 
 #include "history/store.h"
@@ -16,7 +16,7 @@
 namespace history
 {
 
-/* The module that is in a port. All texts are empty where its memory can't be read. */
+/* The module in a port. All texts are empty if its memory can't be read. */
 struct occupant {
     uint32_t port;
     std::string interface, vendor, part, serial;
@@ -27,23 +27,25 @@ class chronicle
   public:
     struct settings {
         std::string folder;
-        int64_t limit; /* of the file, in bytes */
-        /* A sentence for the operator. Each failure is reported once, and its end. */
+        int64_t limit; /* limit of the file, in bytes */
+        /* Receives a sentence for the operator, once when a failure begins and once when it
+           ends. */
         std::function<void(const std::string &)> report;
-        /* A step of five minutes has ended. */
+        /* Called when a step of five minutes has ended. */
         std::function<void(const place &, int64_t time, const record &)> on_step;
     };
     explicit chronicle(settings given) : given_(std::move(given))
     {
     }
 
-    /* A reading: a record with its middle alone. */
+    /* Adds a reading: a record of which only the middle is set. */
     void take(const occupant &from, const record &measured, const clocks &now);
-    /* A change. `port` may be no_port. */
+    /* Adds a change. `port` may be no_port. */
     void note(int64_t port, const std::string &kind, const std::string &text, const clocks &now);
-    /* A port is known to be empty. */
+    /* Reports that a port is empty. */
     void vacate(uint32_t port);
-    /* To be called each minute or more often: opens the store, ends steps, writes what is due. */
+    /* To be called each minute or more often: opens the store, ends steps, and writes what is
+       due. */
     void advance(const clocks &now);
     /* Writes all complete steps; to be called before the end. */
     void close(const clocks &now);
@@ -52,7 +54,7 @@ class chronicle
         pending_.announcements.push_back(std::move(told));
     }
 
-    /* Why there is no history; empty while there is one. The functions below need one. */
+    /* Why there is no history; empty while there is one. The functions below need a history. */
     const std::string &trouble() const
     {
         return trouble_;
@@ -70,11 +72,12 @@ class chronicle
     {
         return places_;
     }
-    /* The place of the module that is in a port now; 0: it is empty; nothing: not known yet. */
+    /* The place of the module that is in a port now; 0: the port is empty; nothing: not known
+       yet. */
     std::optional<int64_t> occupant_of(uint32_t port) const;
 
-    /* As the functions of the store, but with rows that aren't written yet. After a failure of the
-       file they give nothing, and the file is set aside. */
+    /* Like the functions of the store, with the rows that aren't written yet. If reading the file
+       fails, they return nothing and the file is set aside. */
     void read(level of, int64_t place, int64_t first, int64_t last,
               const std::function<void(int64_t number, const record &)> &take);
     void read_all(level of, int64_t first, int64_t last,
@@ -110,8 +113,8 @@ class chronicle
     std::map<std::array<std::string, 4>, int64_t> ids_; /* by port, vendor, part, serial */
     std::map<uint32_t, int64_t> occupants_;
     std::map<int64_t, live> live_;
-    std::set<int64_t> touched_;         /* places to be written */
-    std::map<int64_t, unsigned> noted_; /* events of a port in this batch */
+    std::set<int64_t> touched_;         /* places still to be written */
+    std::map<int64_t, unsigned> noted_; /* number of events of each port in this batch */
     batch pending_;
     int64_t next_id_ = 1, step_ = 0;
     int64_t next_try_ = INT64_MIN, next_write_ = 0, next_checkpoint_ = 0;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: check() turns each result that is no success into an exception. */
+/* Order of work: check() turns each result other than success into an exception. */
 #include "history/database.h"
 
 #include <cstring>

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* database - the few calls of SQLite that the history needs, with failures as exceptions. One
-   thread at a time. */
+/* database - the calls of SQLite that the history needs; failures are exceptions. One thread at a
+   time. */
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 namespace history
 {
 
-/* The text is SQLite's, with that of errno where the system refused. */
+/* The text is SQLite's, with the text of errno if the system refused. */
 class database_error : public std::runtime_error
 {
   public:
@@ -33,7 +33,7 @@ class database_error : public std::runtime_error
 class database
 {
   public:
-    /* Opens a file that exists. */
+    /* Opens an existing file. */
     explicit database(const std::string &path);
 
     void run(const char *statements);
@@ -48,21 +48,21 @@ class database
     std::unique_ptr<sqlite3, int (*)(sqlite3 *)> handle_;
 };
 
-/* A prepared statement. Parameters and columns count from 1 and from 0, as SQLite counts them. */
+/* A prepared statement. As in SQLite, parameters count from 1 and columns from 0. */
 class statement
 {
   public:
     statement(database &of, const char *text);
 
     statement &bind(int parameter, int64_t value);
-    /* The bytes must stay until the statement is stepped. */
+    /* The bytes must stay valid until the statement is stepped. */
     statement &bind_text(int parameter, std::string_view text);
     statement &bind_blob(int parameter, std::string_view blob);
-    /* True while there is a row; then the statement can be bound anew. */
+    /* True while there is a row; after the last row new values can be bound. */
     bool step();
-    /* Steps and resets: for a statement without rows. */
+    /* Steps and resets; for a statement without rows. */
     void run();
-    /* Ends the rows early. */
+    /* Ends the statement before its last row. */
     void reset();
     int64_t number(int column) const;
     std::string_view bytes(int column) const; /* valid until the next step */

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: stored() and value_of() convert one value, encode() and decode() a record, the
-   accumulator makes one record of many. */
+/* Order of work: stored() and value_of() convert one value, encode() and decode() a record; the
+   accumulator combines several records into one. */
 #include "history/row.h"
 
 #include <algorithm>
@@ -118,7 +118,8 @@ std::optional<record> decode(std::string_view blob)
     return found;
 }
 
-/* Widens `kept` by those of `next` that choose() prefers; an absent value is never preferred. */
+/* Replaces each value of `kept` by that of `next` if choose() prefers it; an absent value is never
+   preferred. */
 template <typename choose_type>
 static void widen(row &kept, const row &next, choose_type choose)
 {

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the constructor locks the folder, opens the file and sets aside one that can't be
-   used; write() appends and prunes in one transaction; the others read. */
+/* Order of work: the constructor locks the folder, opens the file and sets an unusable one aside;
+   write() appends and prunes in one transaction; the other functions read. */
 #include "history/store.h"
 
 #include <algorithm>
@@ -20,9 +20,9 @@ static constexpr int64_t version = 1;
 static constexpr int64_t application = 0x7465736b; /* "tesk" */
 static constexpr int64_t page_size = 4096;
 static constexpr int place_bits = 24;
-/* The log holds an hour of batches; the limit is for both files. */
+/* The log contains an hour of batches; the limit applies to both files together. */
 static constexpr int64_t log_size = int64_t{4} << 20;
-/* A port that flaps for two years; 16 MiB. */
+/* The events of a port that flaps for two years; 16 MiB. */
 static constexpr int64_t most_events = 100'000;
 static constexpr char schema[] = R"(
     BEGIN IMMEDIATE;
@@ -91,7 +91,7 @@ bool batch::is_empty() const
            std::ranges::all_of(rows, [](const auto &each) { return each.empty(); });
 }
 
-/* The size of a row in the file, with the bytes that SQLite adds. */
+/* The size of the batch in the file, with the bytes that SQLite adds. */
 size_t batch::size() const
 {
     constexpr size_t of_row = 16;
@@ -122,14 +122,14 @@ static util::descriptor lock_folder(const std::string &folder)
     return lock;
 }
 
-/* Sets the file and its log aside, in the place of what was set aside before: two of them would
-   exceed the limit. */
+/* Renames the file and its log. The file that was set aside before is replaced, since two of them
+   would exceed the limit. */
 static void set_aside(const std::string &path, const std::string &reason,
                       std::vector<std::string> &notes)
 {
     namespace fs = std::filesystem;
     std::error_code error;
-    if (fs::file_size(path, error) == 0) { /* an empty file doesn't replace one with content */
+    if (fs::file_size(path, error) == 0) { /* an empty file must not replace one with content */
         fs::remove(path, error);
         return;
     }
@@ -150,8 +150,8 @@ static void set_aside(const std::string &path, const std::string &reason,
                                 path, reason, kept));
 }
 
-/* SQLite takes no path with a link in it, as the state directory of a unit with a user of its own
-   is. */
+/* SQLite accepts no path that contains a symbolic link, such as the state directory of a unit with
+   DynamicUser. */
 static std::string path_in(const std::string &folder)
 {
     const std::unique_ptr<char, void (*)(void *)> resolved(realpath(folder.c_str(), nullptr), free);
@@ -160,8 +160,7 @@ static std::string path_in(const std::string &folder)
     return std::string(resolved.get()) + "/history.db";
 }
 
-/* A temporary failure, such as a lack of descriptors, is none of these: the file is kept and tried
-   again. */
+/* After a temporary failure, such as a lack of descriptors, the file is kept and tried again. */
 static bool is_for_a_new_file(const database_error &error)
 {
     switch (error.code()) {
@@ -199,8 +198,8 @@ store::store(const std::string &folder, int64_t limit, const std::string &fault,
     }
 }
 
-/* Made here, as SQLite would make it readable for others; closed before SQLite locks the file, as
-   its locks would end with the descriptor. */
+/* Created here, since SQLite would make the file readable for others; closed before SQLite locks
+   it, since closing any descriptor of a file ends the process's locks. */
 static void make_file(const std::string &path)
 {
     const util::descriptor made(
@@ -230,12 +229,12 @@ void store::open(const std::string &path)
              "PRAGMA journal_size_limit = 4194304; PRAGMA cache_size = -2048;");
     if (is_new)
         file.run(schema);
-    file.run("BEGIN IMMEDIATE; COMMIT;"); /* fails where the file can't be written */
+    file.run("BEGIN IMMEDIATE; COMMIT;"); /* fails if the file can't be written */
     prepared_ = std::make_shared<statements>(file);
     file.number(fmt::format("PRAGMA max_page_count = {}", most_pages_).c_str());
     if (file.number("PRAGMA page_count") <= most_pages_)
         return;
-    /* The operator has lowered the limit. */
+    /* The operator may have lowered the limit. */
     file.run("BEGIN IMMEDIATE");
     prune(end());
     make_room({}, end());
@@ -249,7 +248,7 @@ static void write_rows(statement &to, const std::vector<batch::kept_row> &rows)
         to.bind(1, key_of(each.number, each.place)).bind_blob(2, each.blob).run();
 }
 
-/* Drops rows and events that are too old, or too many. */
+/* Drops rows and events that are too old, or beyond the limit. */
 void store::prune(int64_t present)
 {
     database &file = *database_;
@@ -270,8 +269,9 @@ void store::prune(int64_t present)
     file.run("DELETE FROM announcements WHERE place NOT IN (SELECT id FROM places)");
 }
 
-/* Before `added` comes in, since a transaction that finds the file full takes its deletions back,
-   too: a sixteenth of the events and of each level's time at once, so that this is rare. */
+/* Makes room before `added` is written, since a transaction that finds the file full also undoes
+   its deletions. Drops a sixteenth of the events and of each level's time at once, so that this
+   happens rarely. */
 void store::make_room(const batch &added, int64_t present)
 {
     database &file = *database_;
@@ -334,7 +334,7 @@ void store::write(const batch &added, int64_t present)
     database &file = *database_;
     file.run("BEGIN IMMEDIATE");
     try {
-        /* Old rows are dropped once an hour, when the row of the hour is written. */
+        /* Old rows are dropped once an hour, with the row of the hour. */
         if (!added.rows[hour_rows].empty() || added.events.size() > 1000)
             prune(present);
         make_room(added, present);

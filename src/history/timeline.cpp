@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the constructor chooses where this run continues, follow() notices that the clock
-   was set, wall_of() shows a time. */
+/* Order of work: the constructor chooses the time at which this run continues, follow() notices
+   that the clock was set, wall_of() converts a time for people. */
 #include "history/timeline.h"
 
 #include <algorithm>
@@ -9,10 +9,10 @@
 namespace history
 {
 
-/* A box may be away for repair so long. A clock that is further ahead is likelier to be wrong, and
-   by it all rows of the history would be too old and dropped. */
+/* A box may be away for repair this long. A clock that is further ahead is probably wrong; with it
+   all rows of the history would be too old and dropped. */
 static constexpr int64_t longest_gap = int64_t{15} * 86400;
-/* Time service slews smaller differences away. */
+/* Time synchronisation corrects smaller differences slowly. */
 static constexpr int64_t least_shift = 60;
 
 timeline::timeline(std::vector<shift> known, int64_t end, const clocks &now)
@@ -26,7 +26,7 @@ timeline::timeline(std::vector<shift> known, int64_t end, const clocks &now)
         return;
     }
     if (start_ < end && end - start_ < least_shift)
-        start_ = end; /* rows were written in this second */
+        start_ = end; /* a previous run wrote rows in this second */
     if (start_ >= end && start_ - end <= longest_gap)
         return;
     start_ = end;

@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each function is one format of strftime, with milliseconds where those are wanted. */
+/* Each function writes one format of strftime, some with milliseconds. */
 #include "program/clock.h"
 
 #include <chrono>
 #include <ctime>
 #include <fmt/format.h>
 
-/* The time by a format of strftime. */
+/* The local time in a format of strftime. */
 static std::string local(uint64_t time_us, const char *format)
 {
     const auto seconds = static_cast<time_t>(time_us / 1'000'000);

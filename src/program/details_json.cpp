@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Keys are the texts of the codes with '_' for what isn't a letter or a digit, so each code is
-   named in one place. */
+/* Keys are the texts of the codes, with '_' for each character that is no letter and no digit, so
+   that each code is named in one place. */
 #include "program/details_json.h"
 
 #include "util/escape.h"
@@ -56,7 +56,7 @@ static json_object seconds(int64_t duration)
     return number(static_cast<double>(duration) / 1e9);
 }
 
-/* Code 0 is "not known" for all that go through here. */
+/* All enumerations that are converted here have "not known" as code 0. */
 static json_object code_or_null(tesk_details_enumeration enumeration, uint32_t code)
 {
     return code != 0 ? json_object(tesk_details_text(enumeration, code)) : null;

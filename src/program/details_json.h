@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* details_json - the details of a port as a JSON object: the same keys each time, in the same
-   order, and null where there is no value. docs/protocol.md lists the keys. Texts of modules are
-   escaped to ASCII. No state. */
+/* details_json - the details of a port as a JSON object: always the same keys, in the same order,
+   with null for a missing value. docs/protocol.md lists the keys. Texts of modules are escaped to
+   ASCII. No state. */
 #pragma once
 
 #include "program/json_records.h"

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-/* The same in teskctl, teskboard and tesk-abi-check, so that a script needs to know one list. */
+/* teskctl, teskboard and tesk-abi-check have the same codes, so that scripts need one list. */
 enum class exit_code : int {
     done = 0,
     rejected = 1, /* refused by the server or the board, or a check found a fault */
@@ -17,7 +17,7 @@ enum class exit_code : int {
     fault = 70, /* EX_SOFTWARE: a fault of the tool itself */
 };
 
-/* Ends the tool with a code and one line that says what to do. */
+/* Ends the tool with an exit code and one line, which says what to do. */
 class tool_error : public std::runtime_error
 {
   public:

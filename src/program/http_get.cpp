@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: connect, send one request that asks for the connection's end, read until the end,
-   and divide status and body. */
+   and split the answer into status and body. */
 #include "program/http_get.h"
 
 #include "util/deadline.h"
@@ -30,7 +30,8 @@ std::pair<std::string, std::string> split_address(const std::string &address)
     return {host, address.substr(colon + 1)};
 }
 
-/* Connects to ADDRESS:PORT without a look-up of names, or to unix:PATH; errno where it fails. */
+/* Connects to ADDRESS:PORT without name resolution, or to unix:PATH; not open, with errno, on
+   failure. */
 static util::descriptor connect_to_address(const std::string &address,
                                            std::chrono::seconds patience)
 {
@@ -45,14 +46,14 @@ static util::descriptor connect_to_address(const std::string &address,
         return util::descriptor();
     const std::unique_ptr<addrinfo, void (*)(addrinfo *)> owned(found, freeaddrinfo);
     util::descriptor connection(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const timeval wait = {.tv_sec = patience.count(), .tv_usec = 0}; /* of the connecting, too */
+    const timeval wait = {.tv_sec = patience.count(), .tv_usec = 0}; /* of connect(), too */
     setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof(wait));
     if (connect(connection.get(), found->ai_addr, found->ai_addrlen) != 0)
         connection.reset();
     return connection;
 }
 
-/* An address at which a listener on all addresses is reached. */
+/* The address by which a listener on all addresses can be reached. */
 static std::string reachable(const std::string &address)
 {
     const auto [host, port] = split_address(address);
@@ -61,7 +62,7 @@ static std::string reachable(const std::string &address)
     return host == "::" ? "[::1]:" + port : address;
 }
 
-/* All that is received until the other side closes; nothing, with errno, after a timeout. */
+/* All bytes that are received until the other side closes; nothing, with errno, after a timeout. */
 static std::optional<std::string> receive_all(int connection, std::chrono::seconds patience)
 {
     const util::deadline until(patience);
@@ -90,7 +91,8 @@ http_answer http_get(const std::string &given, const std::string &path,
     const util::descriptor connection = connect_to_address(address, patience);
     if (!connection.is_open())
         return {0, std::strerror(errno)};
-    /* The exporter answers only for a host that it knows, such as its own address. */
+    /* The exporter answers only requests with a host name that it accepts, such as its own
+       address. */
     const std::string request = fmt::format("GET {} HTTP/1.0\r\nHost: {}\r\n\r\n", path,
                                             address.starts_with("unix:") ? "localhost" : address);
     if (send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0)

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-/* Where tesk-exporter listens without --listen. */
+/* The address on which tesk-exporter listens without --listen. */
 inline constexpr char exporter_address[] = "127.0.0.1:9816";
 
 struct http_answer {
@@ -14,9 +14,10 @@ struct http_answer {
     std::string text;
 };
 
-/* Of ADDRESS:PORT, without the brackets of an IPv6 address; no port where there is none. */
+/* Splits ADDRESS:PORT; the address has no brackets if it is IPv6, and the port is empty if it is
+   missing. */
 std::pair<std::string, std::string> split_address(const std::string &address);
-/* `address` is ADDRESS:PORT, whose address is a number or localhost, or unix:PATH. An answer that
-   isn't whole after `patience` is none. */
+/* `address` is ADDRESS:PORT, with a numeric address or localhost, or unix:PATH. An answer that
+   isn't complete within `patience` counts as missing. */
 http_answer http_get(const std::string &address, const std::string &path,
                      std::chrono::seconds patience = std::chrono::seconds(2));

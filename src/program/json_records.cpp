@@ -12,14 +12,14 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-/* The whole text, blanks included. */
+/* The whole field, with all its blanks. */
 template <size_t width>
 static std::string all_bytes(const char (&field)[width])
 {
     return escape(std::string_view(field, strnlen(field, width)));
 }
 
-/* "tx power" is "tx_power" as a key. */
+/* The key of a measurement: "tx_power" for "tx power". */
 static std::string key_of(uint32_t measurement)
 {
     std::string key = tesk_client_text(TESK_CLIENT_TEXT_MEASUREMENT, measurement);
@@ -28,7 +28,7 @@ static std::string key_of(uint32_t measurement)
     return key;
 }
 
-/* All of them, with "not measured" and the like, as the server sends them. */
+/* All levels as the server sends them, also "not measured" and the like. */
 static json_object levels_to_json(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
 {
     json_object levels;
@@ -43,7 +43,7 @@ static json_object value_or_null(bool has, value_type value)
     return has ? json_object(value) : json_object(nullptr);
 }
 
-/* Rounded to hundredths, which are precise enough for people. */
+/* Rounded to hundredths, which is precise enough for people. */
 static json_object dbm_or_null(bool has, uint32_t microwatts)
 {
     const auto value = has ? to_dbm(microwatts) : std::nullopt;
@@ -103,7 +103,7 @@ json_object to_json(const tesk_client_pm &pm)
         {"tx_bias_ma", value_or_null(pm.has_tx_bias, pm.tx_bias / 100.0)},
         {"loss_of_signal", value_or_null(pm.has_loss_of_signal, pm.loss_of_signal)},
         {"loss_of_frame", value_or_null(pm.has_loss_of_frame, pm.loss_of_frame)}};
-    /* Not by value_or_null: braces around the array would nest it in another one. */
+    /* value_or_null doesn't work here: its braces would nest the array in another one. */
     object["bit_errors"] = pm.has_bit_errors ? json_object(pm.bit_errors) : json_object(nullptr);
     return object;
 }

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* json_records - the client library's records as JSON objects: the same keys each time, in the same
-   order, and null where there is no value. teskctl(1) lists the keys. Texts of modules and of the
+/* json_records - the client library's records as JSON objects: always the same keys, in the same
+   order, with null for a missing value. teskctl(1) lists the keys. Texts of modules and of the
    server are escaped to ASCII, blanks included. No state. */
 #pragma once
 
@@ -19,9 +19,9 @@ json_object to_json(const tesk_client_port_status &status);
 json_object to_json(const tesk_client_pm &pm);
 json_object to_json(const tesk_client_history_record &record, tesk_client_history_kind kind);
 
-/* Null for a text that is empty. */
+/* Null for an empty text. */
 json_object text_or_null(const std::string &text);
 
-/* One line, without its end. Bytes that are not UTF-8, as a directory's name can have them, are
-   replaced; they cause no exception. */
+/* One line, without a line feed. Bytes that are not UTF-8, as in a directory's name, are replaced
+   and cause no exception. */
 std::string to_line(const json_object &object);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* known_command - errors of the command line: names an unknown command or option and the nearest
-   known one, which CLI11 doesn't. Header only, since not all tools use CLI11. No state. */
+/* known_command - errors of the command line: names an unknown command or option and the most
+   similar known one, which CLI11 doesn't. Header only, since not all tools use CLI11. No state. */
 #pragma once
 
 #include "program/exit_code.h"
@@ -21,7 +21,7 @@ inline const CLI::App *parsed_command(const CLI::App &app)
     return parsed.empty() ? &app : parsed.front();
 }
 
-/* "did you mean": all options of the command and of the tool are known. */
+/* Adds "did you mean": the options of the command and of the tool are compared. */
 inline std::string unknown_word(const CLI::App &app, const std::string &word)
 {
     std::vector<std::string> known;

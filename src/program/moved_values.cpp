@@ -1,16 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each measured value has a distance from which on it counts as moved: a ratio for powers and bias,
-   a difference for the others. */
+/* A measured value counts as moved from a certain distance on: a ratio for powers and bias, a
+   difference for other values. */
 #include "program/moved_values.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
-/* 10^0.1: 1 dB is at least this ratio. */
+/* 10^0.1: 1 dB is this ratio, or a little more. */
 static constexpr double one_decibel = 1.2589254117941673;
 
-/* 0 is below the smallest power that the protocol can express, 1 uW. */
+/* A power of 0 means less than 1 uW, the smallest power in the protocol. */
 static bool has_power_moved(uint32_t graded, uint32_t now)
 {
     const auto [least, most] = std::minmax({std::max(graded, 1U), std::max(now, 1U)});
@@ -43,7 +43,7 @@ bool has_moved(const tesk_client_pm &graded, const tesk_client_pm &now,
         return now.has_tx_bias != graded.has_tx_bias ||
                has_share_moved(graded.tx_bias, now.tx_bias, 10);
     default:
-        return false; /* has a level, but no value */
+        return false; /* it has a level, but no value */
     }
 }
 

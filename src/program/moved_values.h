@@ -8,5 +8,5 @@
 
 bool has_moved(const tesk_client_pm &graded, const tesk_client_pm &now,
                tesk_client_measurement measurement);
-/* Any of the five. */
+/* Whether any of the five values has moved. */
 bool has_moved(const tesk_client_pm &graded, const tesk_client_pm &now);

@@ -5,6 +5,6 @@
 #include <string>
 #include <vector>
 
-/* The one with the fewest insertions, deletions and replacements of a letter; of several the first.
-   `known` must not be empty. */
+/* The known word that needs the fewest insertions, deletions and replacements of letters; of
+   several the first. `known` must not be empty. */
 std::string nearest(const std::string &word, const std::vector<std::string> &known);

@@ -39,6 +39,6 @@ void check_output()
 
 void complain(const char *tool, const std::string &text)
 {
-    std::fflush(stdout); /* keeps the order where both streams go to one place */
+    std::fflush(stdout); /* keeps the order if both streams are written to one file */
     std::fprintf(stderr, "%s: %s\n", tool, text.c_str());
 }

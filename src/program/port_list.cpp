@@ -12,7 +12,7 @@
 #include <set>
 #include <string_view>
 
-/* A name has a letter, so that no list of numbers is taken for one. */
+/* A name contains a letter, so that a list of numbers isn't taken for a name. */
 static bool is_name(std::string_view word)
 {
     return word.find_first_not_of("0123456789- ") != std::string_view::npos;

@@ -7,15 +7,15 @@
 #include <string>
 #include <vector>
 
-/* Port numbers of the protocol go from 0 to this one. */
+/* The highest port number of the protocol; the lowest is 0. */
 inline constexpr uint32_t highest_port = 65534;
 
-/* The interface names by port number. */
+/* Interface names by port number. */
 using port_name_map = std::map<uint32_t, std::string>;
 
-/* The ports of all the lists together, in ascending order, each once. A port is named by its number
-   or by its name in `names`. Throws a tool_error with exit_code::usage for a text that isn't a list
-   of ports. */
+/* The ports of all lists, in ascending order, without duplicates. A port is given by its number or
+   by its name in `names`. Throws a tool_error with exit_code::usage for a text that isn't a list of
+   ports. */
 std::vector<uint32_t> parse_ports(const std::vector<std::string> &lists,
                                   const port_name_map &names = {});
 

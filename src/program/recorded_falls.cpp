@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A file is read whole, up to a bound, and taken apart; what is wrong in it is named by its place.
- */
+/* A file is read whole, up to a bound, and parsed; an error names the place in the file. */
 #include "program/recorded_falls.h"
 
 #include "causes/facts_json.h"
@@ -28,7 +27,7 @@
 
 static constexpr size_t largest_file = size_t{16} << 20;
 static constexpr size_t most_falls = 32 * most_ports_with_falls;
-static constexpr size_t largest_recorded = size_t{64} << 10; /* as docs/causes.md has it */
+static constexpr size_t largest_recorded = size_t{64} << 10; /* see docs/causes.md */
 
 static tool_error fault_of(const std::string &path, const std::string &why)
 {
@@ -57,7 +56,7 @@ static causes::facts facts_of_object(const json_object &each)
     return causes::facts_from(is_judged ? each.at("facts") : each);
 }
 
-/* Calls `take` with each line that isn't blank, and its number. */
+/* Calls `take` with each line that isn't blank, and with its number. */
 template <typename taker>
 static void for_each_line(std::string_view text, taker &&take)
 {
@@ -71,7 +70,7 @@ static void for_each_line(std::string_view text, taker &&take)
     }
 }
 
-/* Nothing where the text isn't one piece of JSON. */
+/* Nothing if the text isn't exactly one JSON value. */
 static std::optional<json_object> parse_as_one(std::string_view text)
 {
     try {
@@ -172,7 +171,7 @@ std::vector<uint32_t> ports_with_falls(const std::string &folder)
     return ports;
 }
 
-/* Neither waits for a pipe nor follows a link. Empty where the port has no file. */
+/* Doesn't block on a FIFO and follows no link. Empty if the port has no file. */
 static std::string read_recorded(const std::string &path)
 {
     const util::descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -187,7 +186,7 @@ static std::string read_recorded(const std::string &path)
     return read_whole(path, file.get(), largest_recorded);
 }
 
-/* Nothing where the line is wrong; `fault` says how. */
+/* Nothing if the line is invalid; `fault` says why. */
 static std::optional<causes::facts> facts_of_line(std::string_view line, std::string &fault)
 {
     try {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the body runs, then the output is checked; whichever fails first gives the exit
+/* Order of work: the body runs, then the output is checked; the first failure determines the exit
    status. */
 #include "program/run_tool.h"
 

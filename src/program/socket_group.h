@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* socket_group - the group that may connect to a socket, for error messages. No state. */
+/* socket_group - the group whose members may connect to a socket, for error messages. No state. */
 #pragma once
 
 #include <fmt/format.h>
@@ -7,8 +7,8 @@
 #include <string>
 #include <sys/stat.h>
 
-/* The name of the group whose members may connect to the socket at `path`: that of the socket, or
-   of its directory if that can't be read. */
+/* The name of the socket's group; if the socket at `path` can't be read, the name of its
+   directory's group. */
 inline std::string socket_group(const std::string &path)
 {
     const std::string folder = path.substr(0, path.find_last_of('/') + 1);

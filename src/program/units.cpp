@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each function shows one value of the wire in the unit that people use. */
+/* Each function writes one value of the protocol in the unit that people use. */
 #include "program/units.h"
 
 #include <cmath>

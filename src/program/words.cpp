@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Words are for people: blanks at the end of a module's texts are dropped, what has no value is
-   left out, and the worst level comes first. */
+/* Texts for people: trailing blanks of a module's texts are dropped, missing values are left out,
+   and the worst level comes first. */
 #include "program/words.h"
 
 #include "program/units.h"
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <fmt/format.h>
 
-/* A module's text without the blanks at its end, with which modules fill the field. */
+/* A module's text without its trailing blanks, which are padding. */
 template <size_t width>
 static std::string trimmed(const char (&field)[width])
 {
@@ -19,7 +19,7 @@ static std::string trimmed(const char (&field)[width])
     return escape(text);
 }
 
-/* The levels, the worst first; what a module can't have comes last. */
+/* The levels, the worst first; levels that a module can't have come last. */
 static constexpr uint32_t by_severity[] = {
     TESK_CLIENT_LEVEL_HIGH_ALARM,    TESK_CLIENT_LEVEL_LOW_ALARM, TESK_CLIENT_LEVEL_HIGH_WARNING,
     TESK_CLIENT_LEVEL_LOW_WARNING,   TESK_CLIENT_LEVEL_OK,        TESK_CLIENT_LEVEL_NOT_MEASURED,
@@ -96,7 +96,7 @@ std::string describe_levels(const uint32_t (&level)[TESK_CLIENT_MEASUREMENTS])
     return text;
 }
 
-/* Nothing for a link that is down, which has no speed. */
+/* Nothing for a link that is down, since it has no speed. */
 static std::string speed_text(const tesk_client_port_status &status)
 {
     if (status.link != TESK_CLIENT_LINK_OPERATIONAL)

@@ -33,8 +33,8 @@
 extern "C" {
 #endif
 
-/* The underlying type of enumerations that are passed to the library. With it, also in C++ any
-   number is a valid value, so that the library can check for one that isn't listed. */
+/* The underlying type of enumerations that are passed to the library. With it any number is a valid
+   value in C++, too, so that the library can check for numbers that aren't listed. */
 #ifdef __cplusplus
 #define TESK_CLIENT_ANY_NUMBER : unsigned int
 #else
@@ -67,7 +67,7 @@ typedef enum tesk_client_rejection {
     TESK_CLIENT_REJECTION_NO_MODULE = 3,      /* no module in the port, or none that can be read */
     TESK_CLIENT_REJECTION_SUBSCRIBED = 4,     /* this session is subscribed already */
     TESK_CLIENT_REJECTION_NOT_SUBSCRIBED = 5, /* this session is not subscribed */
-    TESK_CLIENT_REJECTION_BUSY = 6,           /* a module is there, and can't be read at present */
+    TESK_CLIENT_REJECTION_BUSY = 6,           /* the module is present, but can't be read now */
 } tesk_client_rejection;
 
 /* The enumerations of the server. Fields that hold them are plain words, since a newer server may
@@ -105,7 +105,7 @@ enum tesk_client_measurement {
     TESK_CLIENT_TEMPERATURE,
     TESK_CLIENT_LASER_TEMPERATURE,
     TESK_CLIENT_TEC,
-    TESK_CLIENT_MEASUREMENTS, /* how many there are */
+    TESK_CLIENT_MEASUREMENTS, /* number of measurements */
 };
 
 enum tesk_client_environment {
@@ -196,7 +196,7 @@ typedef struct tesk_client_history_record {
     uint32_t port_no;
     /* port status */
     uint32_t port_state;  /* tesk_client_port_state */
-    int32_t filter_level; /* 0 to 100; from 50 on the filter holds indications back */
+    int32_t filter_level; /* 0 to 100; from 50 on the filter suppresses indications */
     uint32_t level[TESK_CLIENT_MEASUREMENTS]; /* tesk_client_level */
     /* SFP info */
     uint32_t presence; /* tesk_client_presence */
@@ -225,12 +225,12 @@ typedef enum tesk_client_history_kind TESK_CLIENT_ANY_NUMBER {
 typedef enum tesk_client_event_type {
     TESK_CLIENT_EVENT_LOST,     /* the server went away */
     TESK_CLIENT_EVENT_RESTORED, /* the server is back; the subscriptions are being renewed */
-    TESK_CLIENT_EVENT_SUBSCRIPTION_LOST, /* one of them could not be renewed */
+    TESK_CLIENT_EVENT_SUBSCRIPTION_LOST, /* a subscription could not be renewed */
 } tesk_client_event_type;
 
 typedef struct tesk_client_event {
     tesk_client_event_type type;
-    /* The fields below are those of the lost subscription. */
+    /* The fields below describe the lost subscription. */
     tesk_client_kind kind;
     uint32_t port_no;
     tesk_client_result result;
@@ -243,9 +243,9 @@ typedef struct tesk_client_event {
 typedef struct tesk_client_options {
     uint32_t deadline_ms;      /* of each request, from the call on; default 2000 */
     uint32_t window;           /* requests in flight at most, others are queued; default 16 */
-    bool reconnect;            /* after a loss: look for the server again, and subscribe again */
+    bool reconnect;            /* after a loss, look for the server and subscribe again */
     uint32_t retry_ms;         /* delay before the first retry, doubled each time; default 100 */
-    uint32_t longest_retry_ms; /* upper limit of that delay; default 2000 */
+    uint32_t longest_retry_ms; /* upper limit of retry_ms when doubled; default 2000 */
     void (*on_sfp_info)(const tesk_client_sfp_info *info, void *user);
     void (*on_port_status)(const tesk_client_port_status *status, void *user);
     void (*on_event)(const tesk_client_event *event, void *user);
@@ -253,8 +253,8 @@ typedef struct tesk_client_options {
 } tesk_client_options;
 
 /* Connects to the server. `options` may be null. On success `*session` must be closed with
-   tesk_client_close; on failure it is null. Locating the server's name takes as long as libmbx
-   allows; the server's answer is awaited until the deadline. */
+   tesk_client_close; on failure it is null. Locating the server takes at most the time that libmbx
+   allows; then the call waits for the server's answer until the deadline. */
 tesk_client_result tesk_client_connect(const tesk_client_options *options,
                                        tesk_client_session **session);
 
@@ -262,7 +262,7 @@ tesk_client_result tesk_client_connect(const tesk_client_options *options,
    TESK_CLIENT_CANCELLED. Null is allowed; inside a callback the call does nothing. */
 void tesk_client_close(tesk_client_session *session);
 
-/* False while there is no connection to the server, and without a session. */
+/* False while there is no connection to the server, or for a null session. */
 bool tesk_client_connected(const tesk_client_session *session);
 
 /* A descriptor that is readable when tesk_client_dispatch has work to do, including an expired
@@ -275,11 +275,11 @@ int tesk_client_fd(const tesk_client_session *session);
 tesk_client_result tesk_client_dispatch(tesk_client_session *session);
 
 /* Waits and dispatches until tesk_client_stop is called or timeout_ms has passed; -1 means no
-   limit. Returns TESK_CLIENT_OK, or TESK_CLIENT_LOST as above. */
+   limit. Returns TESK_CLIENT_OK, or TESK_CLIENT_LOST as tesk_client_dispatch does. */
 tesk_client_result tesk_client_run(tesk_client_session *session, int timeout_ms);
 
-/* Makes the running tesk_client_run return, or else the next one. May be called in any thread and
-   in signal handlers. Null does nothing. */
+/* Makes the running tesk_client_run return; if none is running, the next one. May be called in any
+   thread and in signal handlers. Null is ignored. */
 void tesk_client_stop(tesk_client_session *session);
 
 /* Subscribes to a port. The first indication follows the answer; further ones report changes until
@@ -318,17 +318,16 @@ typedef enum tesk_client_request_type TESK_CLIENT_ANY_NUMBER {
 
 typedef struct tesk_client_answer {
     tesk_client_request_type request;
-    uint32_t port_no; /* of the request */
+    uint32_t port_no; /* port of the request */
     tesk_client_result result;
-    int32_t error_code; /* 0 unless the server rejected. Most unknown ports have 1, as all other
-                           reasons; only those over 65534 always have 2: see rejection */
+    int32_t error_code; /* 0 unless rejected; 2: a port over 65534, 1: mostly; see rejection */
     const char *text;   /* the reason if the result isn't TESK_CLIENT_OK: the server's or the
                            library's */
-    /* The payload that was requested; the other pointers are null. */
+    /* The requested payload; the other two pointers are null. */
     const tesk_client_pm *pm;
     const tesk_client_capability *capabilities;
     const tesk_client_history_record *history;
-    size_t count; /* of capabilities or history */
+    size_t count; /* number of capabilities or history records */
     tesk_client_rejection rejection;
 } tesk_client_answer;
 
@@ -346,11 +345,11 @@ tesk_client_result tesk_client_request(tesk_client_session *session,
    other byte as \xNN. It is valid until the callback returns. */
 typedef void (*tesk_client_port_named)(uint32_t port_no, const char *name, void *user);
 
-/* Reads the file in which the board library names its ports, in ascending order of their numbers.
-   A null `path` stands for the environment's DOLM_RIC_PORT_MAP, else /run/dolm_ric/ports, which is
-   the map of the system's server: where MBX_DIR selects another one, none is read. The whole file
+/* Reads the file in which the board library names its ports, in ascending order of their numbers. A
+   null `path` stands for the environment's DOLM_RIC_PORT_MAP, else for /run/dolm_ric/ports, the map
+   of the system's server; if MBX_DIR selects another server, that map is not read. The whole file
    is read and checked first: on failure `each` is never called. Needs no session and no server; any
-   thread. `each` must not throw. TESK_CLIENT_NO_PORT_MAP where there is no such file. */
+   thread. `each` must not throw. TESK_CLIENT_NO_PORT_MAP if there is no such file. */
 tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_named each,
                                              void *user);
 
@@ -358,10 +357,10 @@ tesk_client_result tesk_client_read_port_map(const char *path, tesk_client_port_
    until the callback returns. */
 typedef void (*tesk_client_fall_judged)(const char *verdict, void *user);
 
-/* Says why a link fell, from what was recorded of the fall: `facts` is one object of JSON, as a
-   line of the board's file has it, of at most 64 KiB. On TESK_CLIENT_OK `judged` was called once.
-   Needs no session, no server and no file; any thread. `judged` must not throw. TESK_CLIENT_MISUSE
-   for facts that can't be read; tesk_client_error says which. */
+/* Says why a link fell, from the recorded facts: `facts` is one JSON object of at most 64 KiB, such
+   as a line of the board's file. On TESK_CLIENT_OK `judged` was called once. Needs no session, no
+   server and no file; any thread. `judged` must not throw. TESK_CLIENT_MISUSE if facts are invalid;
+   tesk_client_error names the first. */
 tesk_client_result tesk_client_judge_fall(const char *facts, tesk_client_fall_judged judged,
                                           void *user);
 
@@ -369,7 +368,7 @@ tesk_client_result tesk_client_judge_fall(const char *facts, tesk_client_fall_ju
    text. Valid until the thread's next call. Never null. */
 const char *tesk_client_error(void);
 
-/* The reason for the same call, TESK_CLIENT_REJECTION_NONE unless its result is
+/* The reason of the same rejection; TESK_CLIENT_REJECTION_NONE unless the result is
    TESK_CLIENT_REJECTED. */
 tesk_client_rejection tesk_client_error_rejection(void);
 

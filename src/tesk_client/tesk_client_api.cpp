@@ -17,8 +17,8 @@
 namespace
 {
 
-/* The last failure. Not in the session, since a failed connect leaves none; per thread, as a
-   session is. A fixed size, so that reporting a lack of memory needs none. */
+/* The last failure. Not in the session, since a failed connect leaves no session; per thread, as
+   sessions are. Of fixed size, so that reporting a lack of memory needs no memory. */
 struct last_failure {
     char text[1024];
     tesk_client_rejection rejection;
@@ -67,8 +67,8 @@ static tesk_client_result check_caller(const tesk_client_session *session, bool 
     return TESK_CLIENT_OK;
 }
 
-/* A C caller can pass any number for an enumerator, and null for any pointer: what isn't listed in
-   the header must not become another request. */
+/* A C caller can pass any number for an enumerator, and null for any pointer: a number that the
+   header doesn't list must not select another request. */
 static tesk_client_result check_argument(bool is_allowed, const char *text)
 {
     return is_allowed ? TESK_CLIENT_OK : fail(TESK_CLIENT_MISUSE, text);
@@ -89,7 +89,7 @@ static tesk_client_result noted(tesk_client_result result)
 namespace
 {
 
-/* A blocking call: its function for the answer's payload, and how the answer ended it. */
+/* A blocking call: the function that takes the answer's payload, and the result of the answer. */
 template <typename take_type>
 struct blocking_call {
     take_type &take;
@@ -146,8 +146,8 @@ tesk_client_result tesk_client_connect(const tesk_client_options *options,
     if (session == nullptr)
         return fail(TESK_CLIENT_MISUSE, "the place for the session is NULL");
     *session = nullptr;
-    /* The program may use the mailbox library itself, so it is never ended here. Where it is
-       started this does nothing; in a forked child it is not. */
+    /* The program may use the mailbox library itself, so the library is never ended here. mbx_init
+       does nothing if the library is running; in a forked child it isn't. */
     if (mbx_init(5, 0, 0, 0, 0) != 0)
         return fail(TESK_CLIENT_FAILED, "the mailbox library doesn't start");
     return guarded([&] {
@@ -240,7 +240,7 @@ tesk_client_result tesk_client_read_pm(tesk_client_session *session, uint32_t po
                          [pm](const tesk_client_answer &answer) { *pm = *answer.pm; });
 }
 
-/* Checks the place for a list, and stores that it is empty. */
+/* Checks the arguments for a list, and sets its count to 0. */
 static tesk_client_result begin_list(const void *elements, size_t capacity, size_t *count)
 {
     if (count != nullptr)

@@ -55,7 +55,7 @@ int add_to_epoll(int epoll, int fd)
 
 outcome tesk_client_session::begin_connection()
 {
-    end_connection(); /* an attempt that ran out of memory leaves its mailbox */
+    end_connection(); /* an attempt that ran out of memory didn't delete its mailbox */
     mailbox_ = mbx_create_mailbox(nullptr, 0);
     if (mailbox_ == MBX_NO_MAILBOX)
         return failure(TESK_CLIENT_FAILED, system_text("mbx_create_mailbox", errno));
@@ -71,7 +71,8 @@ outcome tesk_client_session::begin_connection()
         return failure(TESK_CLIENT_FAILED, system_text("epoll_ctl", error));
     }
     mailbox_fd_ = mbx_get_fd();
-    /* Before the first signal, so that the server's death right after it is reported, too. */
+    /* Starts before the first signal is sent, so that the server's death right after the signal is
+       reported, too. */
     monitor_ = mbx_monitor(server_, nullptr);
 
     const size_t size = sizeof(tesk_conn_establish_req) + sizeof(uint32_t);
@@ -122,7 +123,7 @@ void tesk_client_session::lose_server()
     const bool had_connection = state_ == state::connected;
     /* Before the callbacks, so that their requests wait for the next connection. */
     retry_later();
-    if (!had_connection) { /* this connection was never reported */
+    if (!had_connection) { /* the connection was never reported */
         establishment_ = failure(TESK_CLIENT_LOST, "the server went away while connecting");
         return;
     }
@@ -134,8 +135,8 @@ void tesk_client_session::lose_server()
     fail_sent_requests();
 }
 
-/* The confirmation carries the server's reference instead of ours, so that only the procedure_ref
-   shows that it belongs to this establishment. */
+/* The confirmation has the server's reference instead of ours, so that only the procedure_ref shows
+   that it belongs to this establishment. */
 void tesk_client_session::receive_establishment(const mbx_signal *signal)
 {
     if (state_ != state::establishing)

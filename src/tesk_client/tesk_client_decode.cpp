@@ -18,7 +18,7 @@ static_assert(TESK_CLIENT_ENVIRONMENT_NOT_READ == static_cast<int>(TESK_ENV_NOT_
 /* A reserved word after the records. */
 static constexpr size_t shell_trailer_size = 4;
 
-/* The public texts are as wide as the server's. A terminator is not relied on. */
+/* The public texts are as wide as the server's. The server's texts may lack a terminator. */
 template <size_t width>
 static void copy_text(char (&to)[width], const char (&from)[width])
 {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The rules are those of src/causes, which the tools and the exporter have, too. */
+/* The rules are in src/causes, which the tools and the exporter use, too. */
 #include "tesk_client/tesk_client_fall.h"
 
 #include "causes/facts_json.h"

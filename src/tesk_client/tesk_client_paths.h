@@ -7,15 +7,15 @@
 #include <string>
 #include <string_view>
 
-/* Empty if it isn't set, and in a program with more rights than its caller. */
+/* Empty if the variable isn't set, and in a program with more rights than its caller. */
 inline std::string value_of_variable(const char *name)
 {
     const char *set = secure_getenv(name);
     return set != nullptr ? set : "";
 }
 
-/* Files at the default path belong to the board of the system's server: not where MBX_DIR selects
-   another one. */
+/* Whether files at the default paths are those of the selected server: they belong to the system's
+   server, and MBX_DIR may select another one. */
 inline bool is_default_board()
 {
     const std::string directory = value_of_variable("MBX_DIR");

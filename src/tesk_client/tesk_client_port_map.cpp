@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The map is text: "# tesk-ports 1", then a line "NUMBER<TAB>NAME" for each port, in ascending
-   order. Its writer replaces the whole file by a rename, so what is opened is complete or wrong.
+   order. Its writer replaces the whole file by a rename, so that an opened file is complete or
+   invalid.
 
    The folder may belong to another user: a link, a FIFO or a device in place of the file is
-   refused, and opening one of those doesn't block. The whole file is checked before the first port
-   is handed out, so that a caller never works with half a map. */
+   refused, and opening it doesn't block. The whole file is checked before the first port is
+   reported, so that a caller never works with half a map. */
 #include "tesk_client/tesk_client_port_map.h"
 
 #include "tesk_client/tesk_client_paths.h"
@@ -32,7 +33,7 @@ struct named_port {
 };
 } // namespace
 
-/* Empty where the default would be the map of another server than the one that MBX_DIR selects. */
+/* Empty if MBX_DIR selects another server than that of the default path. */
 static std::string port_map_path(const char *path)
 {
     if (path != nullptr)
@@ -68,7 +69,7 @@ static outcome open_failure(const std::string &path, int error)
     }
 }
 
-/* Reads until the end of the file, or until it is too long. False with errno. */
+/* Reads up to the end of the file, or until the content is too long. False with errno. */
 static bool read_all(int fd, std::string &content)
 {
     char part[16384];
@@ -102,7 +103,8 @@ static outcome load(const std::string &path, std::string &content)
     return {};
 }
 
-/* Takes the first line off the text, without its line feed; nothing where that is missing. */
+/* Removes the first line from the text and returns it without its line feed; nothing if there is no
+   line feed. */
 static std::optional<std::string_view> take_line(std::string_view &text)
 {
     const size_t end = text.find('\n');
@@ -127,7 +129,7 @@ static std::optional<named_port> parse_line(std::string_view line)
     return port;
 }
 
-/* The first error in the content, with its line; empty if there is none. */
+/* The first error in the text, with its line; empty if the text is valid. */
 static std::string parse(std::string_view text, std::vector<named_port> &ports)
 {
     if (take_line(text) != first_line)

@@ -5,6 +5,6 @@
 
 #include "tesk_client/tesk_client_session.h"
 
-/* Calls `each` for every port of the map, in ascending order, or for none where any line is wrong.
-   A null path stands for DOLM_RIC_PORT_MAP, or the default. */
+/* Calls `each` for every port of the map, in ascending order; for no port if any line is wrong. A
+   null path stands for DOLM_RIC_PORT_MAP, or the default. */
 outcome read_port_map(const char *path, tesk_client_port_named each, void *user);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The protocol has one error code for nearly all rejections, and the same reason under both codes:
+/* The protocol has one error code for nearly all rejections, and one reason can have either code:
    only the text distinguishes them. The texts are part of the protocol, so this is the one place
    that compares them. */
 #include "tesk_client/tesk_client_rejection.h"

@@ -7,6 +7,6 @@
 #include <cstdint>
 #include <string_view>
 
-/* The reason behind a rejection's code and text; TESK_CLIENT_REJECTION_OTHER for any text that the
-   table doesn't have. */
+/* The reason for a rejection's code and text; TESK_CLIENT_REJECTION_OTHER if the text isn't in the
+   table. */
 tesk_client_rejection rejection_of(int32_t error_code, std::string_view text);

@@ -3,13 +3,13 @@
    until its answer, its deadline or the loss of the server. Both are in the order of the calls.
 
    An answer is matched by its procedure_ref; its number and port must also be those of the request.
-   The history's answers carry no reference, but the server answers in order: such an answer belongs
-   to the oldest request of its type. A history request that timed out therefore keeps its place,
-   without a callback, until its own answer or that of a later request arrives. All such requests of
-   a type share one place, so that a server that answers none costs no memory.
+   The history's answers have no reference, but the server answers in order: such an answer belongs
+   to the oldest request of its type. So a history request that timed out stays in `sent_`, without
+   a callback, until its own answer or that of a later request arrives. All timed-out requests of a
+   type share one entry, so that a server that never answers costs no memory.
 
-   A lack of memory never loses a request: completing one allocates nothing, and one that can't be
-   sent stays in `waiting_`. */
+   A lack of memory never loses a request: completing a request allocates nothing, and a request
+   that can't be sent stays in `waiting_`. */
 #include "tesk_client/tesk_client_rejection.h"
 #include "tesk_client/tesk_client_session.h"
 
@@ -70,18 +70,19 @@ size_t tesk_client_session::in_flight() const
 std::optional<steady_clock::time_point> tesk_client_session::next_deadline() const
 {
     std::optional<steady_clock::time_point> next;
-    /* An abandoned request has no deadline any more. */
+    /* The entry of timed-out requests has no deadline. */
     auto consider = [&next](const pending_request &request) {
         if (request.abandoned == 0 && (!next || request.deadline < *next))
             next = request.deadline;
     };
     std::ranges::for_each(sent_, consider);
     if (!waiting_.empty())
-        consider(waiting_.front()); /* all have the same timeout, so the first expires first */
+        consider(waiting_.front()); /* all have the same timeout: the first expires first */
     return next;
 }
 
-/* A renewal's failure is an event. A loss is not reported: the next connection renews again. */
+/* The failure of a renewal is reported as an event. If the server is lost, nothing is reported: the
+   next connection renews again. */
 void tesk_client_session::complete_renewal(const pending_request &request, const completion &end)
 {
     if (end.result != TESK_CLIENT_REJECTED && end.result != TESK_CLIENT_TIMEOUT)
@@ -143,7 +144,7 @@ void tesk_client_session::receive_answer(const mbx_signal *signal)
         found->abandoned--;
         return;
     }
-    /* Removed before the callback, which may make requests and so move the others. */
+    /* Removed before the callback, which may make requests and so move the elements. */
     const pending_request request = *found;
     sent_.erase(found);
     std::erase_if(sent_, [&](const pending_request &earlier) {
@@ -153,7 +154,7 @@ void tesk_client_session::receive_answer(const mbx_signal *signal)
         complete(request, end);
 }
 
-/* The request that has timed out gives its place to an earlier one of its type, or is that one. */
+/* Adds the timed-out request to the entry of earlier ones of its type, or makes it that entry. */
 static void abandon(std::vector<pending_request> &sent, std::vector<pending_request>::iterator at)
 {
     const auto first = std::ranges::find(sent, at->type, &pending_request::type);
@@ -180,14 +181,15 @@ static void fill_request(mbx_signal *signal, const request_row &row, const pendi
     }
 }
 
-/* Sends nothing and changes nothing if it throws for a lack of memory. */
+/* If it throws for a lack of memory, nothing was sent and nothing has changed. */
 void tesk_client_session::send_request(pending_request request)
 {
     const request_row &row = row_of(request);
     request.procedure_ref = last_procedure_ref_ + 1;
     sent_.push_back(request);
     try {
-        /* Known from here on: the first indication may be handled before the confirmation. */
+        /* The subscription is stored here, since its first indication may be handled before the
+           confirmation. */
         const auto effect = effect_of(request.type);
         if (effect.has_value() && effect->subscribes)
             subscriptions_[{effect->kind, request.port_no}].procedure_ref = request.procedure_ref;
@@ -201,8 +203,7 @@ void tesk_client_session::send_request(pending_request request)
     mbx_send(&signal, server_, MBX_OWN_MAILBOX);
 }
 
-/* Renewals go first: requests that were made while the server was away may rely on the
-   subscriptions. */
+/* Renewals are sent first: requests made while the server was away may need the subscriptions. */
 void tesk_client_session::send_what_fits()
 {
     while (state_ == state::connected && in_flight() < options_.window) {
@@ -254,8 +255,8 @@ bool tesk_client_session::expire_one(steady_clock::time_point now)
     return true;
 }
 
-/* Completes all requests that were sent and, in a session that has ended, those that wait. Without
-   copies, which could run out of memory. */
+/* Completes all sent requests and, if the session has ended, those in `waiting_`. Without copies,
+   which could run out of memory. */
 void tesk_client_session::complete_all(tesk_client_result result)
 {
     const completion end{result, tesk_client_result_text(result)};
@@ -271,7 +272,7 @@ void tesk_client_session::complete_all(tesk_client_result result)
     }
 }
 
-/* Unconfirmed subscriptions end with their requests. Waiting requests stay if the session
+/* Unconfirmed subscriptions end with their requests. Requests in `waiting_` stay if the session
    reconnects. */
 void tesk_client_session::fail_sent_requests()
 {
@@ -283,7 +284,7 @@ void tesk_client_session::fail_sent_requests()
 
 void tesk_client_session::cancel()
 {
-    state_ = state::ended; /* the callbacks' new requests are refused */
+    state_ = state::ended; /* requests made in callbacks are refused */
     complete_all(TESK_CLIENT_CANCELLED);
 }
 

@@ -2,8 +2,8 @@
 /* A session owns one epoll descriptor, which the program polls. It contains the mailbox, one timer
    for the nearest deadline, and an eventfd for tesk_client_stop.
 
-   Received signals are checked: those from other senders than the server, those that are too short,
-   and those without this client's reference are dropped silently. */
+   Received signals are checked: a signal that isn't from the server, is too short, or has another
+   client's reference is dropped silently. */
 #include "tesk_client/tesk_client_session.h"
 
 #include <algorithm>
@@ -138,7 +138,8 @@ void tesk_client_session::arm_timer()
     armed_ = next;
     itimerspec setting{};
     if (next) {
-        /* A setting of 0 would disarm: an expired time becomes one nanosecond. */
+        /* A time of 0 would disarm the timer, so a time in the past is set to at least one
+           nanosecond. */
         const auto since_boot =
             std::max<int64_t>(std::chrono::nanoseconds{next->time_since_epoch()}.count(), 1);
         setting.it_value.tv_sec = since_boot / 1'000'000'000;
@@ -149,7 +150,8 @@ void tesk_client_session::arm_timer()
 
 tesk_client_result tesk_client_session::dispatch()
 {
-    /* Also where a lack of memory ends this call, so that the next one goes on from here. */
+    /* The timer is set even if a lack of memory ends this call, so that the next call continues
+       here. */
     struct rearm {
         tesk_client_session &session;
         ~rearm()
@@ -158,7 +160,7 @@ tesk_client_result tesk_client_session::dispatch()
         }
     } const at_end{*this};
 
-    /* Both are readable until they are read. */
+    /* Timer and eventfd stay readable until they are read. */
     uint64_t count = 0;
     if (stop_event_.take())
         stopped_ = true;
@@ -171,7 +173,8 @@ tesk_client_result tesk_client_session::dispatch()
         if (!drained)
             receive(signal.get());
     }
-    /* Received answers are handled before deadlines: one that arrived in time must not expire. */
+    /* Received answers are handled before deadlines: a request whose answer has arrived must not
+       expire. */
     if (drained || mailbox_fd_ < 0)
         handle_time();
     send_what_fits();
@@ -223,7 +226,7 @@ tesk_client_result tesk_client_session::request(tesk_client_request_type type, u
 
 void tesk_client_session::stop()
 {
-    const int saved = errno; /* this may be a signal handler */
+    const int saved = errno; /* the caller may be a signal handler */
     stop_event_.signal();
     errno = saved;
 }

@@ -24,7 +24,7 @@ using steady_clock = std::chrono::steady_clock;
 struct request_row {
     uint32_t req;
     uint32_t cfm;
-    uint32_t rej; /* 0: can't be rejected */
+    uint32_t rej; /* 0: the request can't be rejected */
     uint32_t size;
     bool has_port;
     bool has_reference; /* false for the history's requests, which are answered in order */
@@ -37,9 +37,9 @@ struct pending_request {
     steady_clock::time_point deadline;
     tesk_client_answered answered;
     void *user;
-    bool renewal; /* made by the session itself, after a reconnection */
-    /* Not 0: a history's request that timed out, kept so that a late answer isn't taken for that of
-       the next one. It stands for so many, of which procedure_ref is that of the last one. */
+    bool renewal; /* sent by the session itself, after a reconnection */
+    /* Not 0: this entry stands for so many history requests that timed out, kept so that a late
+       answer isn't taken for that of the next request. procedure_ref is that of the last one. */
     uint32_t abandoned;
 };
 
@@ -52,7 +52,7 @@ struct outcome {
 /* How a request ended. Allocates nothing, so that a request always completes. */
 struct completion {
     tesk_client_result result;
-    const char *text; /* valid for as long as the callback runs */
+    const char *text; /* valid during the callback */
     int32_t error_code = 0;
     const answer_payload *payload = nullptr;
 };
@@ -81,11 +81,11 @@ constexpr tesk_client_request_type unsubscribe_request(tesk_client_kind kind)
 
 using subscription_key = std::pair<tesk_client_kind, uint32_t>;
 
-/* The procedure_ref shows whether a late answer is about this subscription or about the one that
-   the port had before. */
+/* The procedure_ref shows whether a late answer is about this subscription or about an earlier one
+   of the port. */
 struct subscription {
     bool confirmed;         /* by the server */
-    uint32_t procedure_ref; /* of the subscribe that was sent last */
+    uint32_t procedure_ref; /* of the last subscribe that was sent */
 };
 
 struct tesk_client_session {
@@ -93,10 +93,10 @@ struct tesk_client_session {
     explicit tesk_client_session(const tesk_client_options &options);
     ~tesk_client_session();
 
-    /* Waits for the answer to the first establishment. */
+    /* Connects, and waits for the answer to the establishment. */
     outcome connect();
 
-    /* As the functions of tesk_client.h, which have checked the caller. */
+    /* The functions of tesk_client.h, called after the caller was checked. */
     tesk_client_result dispatch();
     tesk_client_result run(int timeout_ms);
     void stop();
@@ -104,7 +104,7 @@ struct tesk_client_session {
     tesk_client_result request(tesk_client_request_type type, uint32_t port_no,
                                tesk_client_answered answered, void *user);
 
-    /* Waits for work for at most timeout_ms; false when there was none. */
+    /* Waits for work for at most timeout_ms; false if there was none. */
     bool wait(int timeout_ms) const;
 
     /* Completes all open requests as cancelled. */
@@ -136,8 +136,8 @@ struct tesk_client_session {
         ended,
     };
 
-    /* Each source uses those below it: tesk_client_session.cpp, then tesk_client_connection.cpp,
-       tesk_client_requests.cpp and tesk_client_subscriptions.cpp. */
+    /* The sources in order of use: tesk_client_session.cpp uses tesk_client_connection.cpp, that
+       tesk_client_requests.cpp, and that tesk_client_subscriptions.cpp. */
 
     void receive(const mbx_signal *signal);
     void receive_indication(const mbx_signal *signal);
@@ -208,7 +208,7 @@ struct tesk_client_session {
     std::vector<pending_request> sent_;
     std::map<subscription_key, subscription> subscriptions_;
     bool renewing_ = false;
-    std::optional<subscription_key> last_renewal_; /* those up to this one have been renewed */
+    std::optional<subscription_key> last_renewal_; /* those up to this key have been renewed */
 
     std::optional<steady_clock::time_point> armed_;
     bool stopped_ = false;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The session remembers its subscriptions in order to renew them after a reconnection and to pass
-   on only indications that were asked for. A renewal walks the map from the first key to the last;
-   new subscriptions are sent only after it, so that none is renewed twice. */
+/* The session stores its subscriptions, in order to renew them after a reconnection and to pass on
+   only requested indications. A renewal goes through the map from the first key to the last; new
+   subscriptions are sent only after it, so that no subscription is renewed twice. */
 #include "tesk_client/tesk_client_rejection.h"
 #include "tesk_client/tesk_client_session.h"
 
@@ -26,8 +26,8 @@ bool tesk_client_session::is_subscribed(tesk_client_kind kind, uint32_t port_no)
     return subscriptions_.contains({kind, port_no});
 }
 
-/* True if the server has done what the request asks for. After an answer that was late for its
-   request, the next one finds it done already, and is rejected. */
+/* True if the server has done what was requested. If an answer was late for its request, the next
+   request finds the work done already, and is rejected. */
 static bool is_done(const subscription_effect &effect, const completion &end)
 {
     if (end.result != TESK_CLIENT_REJECTED)
@@ -47,7 +47,7 @@ void tesk_client_session::note_subscription(const pending_request &request, cons
     const bool is_confirmed = is_done(*effect, end);
     subscription &held = found->second;
     if (!effect->subscribes) {
-        /* A later subscribe of the port has been sent already: its answer decides. */
+        /* A later subscribe for the port was sent already: its answer decides. */
         const bool is_renewed = held.procedure_ref > request.procedure_ref;
         if (is_confirmed && is_renewed)
             held.confirmed = false;
@@ -61,7 +61,7 @@ void tesk_client_session::note_subscription(const pending_request &request, cons
     }
 }
 
-/* The next subscription to renew; the renewal is over if there is none. */
+/* The next subscription to renew; nothing when the renewal has ended. */
 std::optional<subscription_key> tesk_client_session::next_renewal()
 {
     if (!renewing_)

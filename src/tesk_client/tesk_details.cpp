@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* To open: the file without following a link or waiting, its header, its owner's lock. To read a
-   port: the owner's lock, the sequence, the used parts of the record, and the sequence once more;
-   again while the writer is at it. A handle whose owner is gone looks once for a new file.
+/* To open: the file is opened without following a link or blocking; then its header and its owner's
+   lock are checked. To read a port: the owner's lock, the sequence, the used parts of the record,
+   and the sequence again; repeated while the record is being written. A handle whose owner has
+   ended looks once for a new file.
 
-   The used parts are copied alone, as most modules have one lane: first all that stands before the
-   lanes, which tells their number, then the lanes, then VDM. */
+   Only the used parts are copied, as most modules have one lane: first the members before the
+   lanes, which contain the number of lanes, then the lanes, then VDM. */
 #include "tesk_client/tesk_details.h"
 
 #include "tesk_client/tesk_client_paths.h"
@@ -35,7 +36,7 @@ static constexpr std::chrono::milliseconds patience{500};
 static constexpr timespec pause_of_retry = {0, 20'000};
 static constexpr uint32_t page = 4096;
 
-/* Empty where the default would be the file of another server than the one that MBX_DIR selects. */
+/* Empty if MBX_DIR selects another server than that of the default path. */
 static std::string details_path(const char *path)
 {
     if (path != nullptr)
@@ -97,7 +98,7 @@ static tesk_details_result check_header(const dolm_ric_details_header &header)
     return header.ended != 0 ? TESK_DETAILS_ENDED : TESK_DETAILS_OK;
 }
 
-/* The kernel takes the lock back when its owner dies. */
+/* The kernel releases the lock when its owner dies. */
 static bool has_owner(int fd)
 {
     struct flock lock = {};
@@ -137,7 +138,7 @@ static uint64_t offset_of(const tesk_details &details, uint32_t port)
     return details.header.header_size + uint64_t{port} * details.header.record_size;
 }
 
-/* The count grows while the board runs. */
+/* The number of records grows while the board runs. */
 static tesk_details_result read_header(tesk_details &details)
 {
     dolm_ric_details_header now = {};
@@ -160,7 +161,7 @@ static tesk_details_result read_sequence(const tesk_details &details, uint64_t o
     return result;
 }
 
-/* False if the counts can't be those of a record. */
+/* False if the numbers of lanes and rows can't be those of a record. */
 static bool are_counts_right(const port_record &its)
 {
     return its.lane_count <= DOLM_RIC_DETAILS_LANES && its.vdm_count <= DOLM_RIC_DETAILS_VDM &&
@@ -183,7 +184,7 @@ static tesk_details_result copy_parts(const tesk_details &details, uint64_t offs
                      offset + offsetof(port_record, vdm));
 }
 
-/* What an attempt finds is of no meaning if the sequence has moved meanwhile. */
+/* The result of an attempt is meaningless if the sequence has changed meanwhile. */
 static std::optional<tesk_details_result> try_copy(const tesk_details &details, uint64_t offset,
                                                    port_record &to)
 {

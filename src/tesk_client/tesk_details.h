@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* tesk_details - reads the details of the ports: identity, all lanes with limits and flags, the
-   reasons for what is missing, the cost of reading, and the link. It needs no session and no
-   server's answer; the board's library publishes the records in a file.
+   reasons for missing values, the cost of reading, and the link. It needs neither a session nor an
+   answer of the server: the board's library publishes the records in a file.
 
    A handle belongs to one thread at a time. No call waits for longer than half a second. A handle
-   stays good when the board is started anew: the next read takes the new file. Records of a board
+   stays valid when the board is restarted: the next read takes the new file. Records of a board
    that has ended are refused, since nobody updates them.
 
    dolm_ric_details.h has the record with the units of all its members. Texts in a record are
@@ -27,10 +27,10 @@ typedef struct tesk_details tesk_details;
 typedef enum tesk_details_result {
     TESK_DETAILS_OK = 0,
     TESK_DETAILS_MISUSE = 1,        /* a null pointer where the call needs one */
-    TESK_DETAILS_NO_FILE = 2,       /* no board publishes details there */
+    TESK_DETAILS_NO_FILE = 2,       /* no board publishes details at this path */
     TESK_DETAILS_NO_ACCESS = 3,     /* this user may not read the file */
     TESK_DETAILS_NOT_DETAILS = 4,   /* a link, a FIFO, a device, or a file of another kind */
-    TESK_DETAILS_OTHER_VERSION = 5, /* the file has another version than this library knows */
+    TESK_DETAILS_OTHER_VERSION = 5, /* the file has a version that this library doesn't know */
     TESK_DETAILS_TRUNCATED = 6,     /* the file is shorter than it says */
     TESK_DETAILS_ENDED = 7,         /* the board was shut down, or its process died */
     TESK_DETAILS_NO_PORT = 8,       /* the board has no such port */
@@ -48,13 +48,12 @@ tesk_details_result tesk_details_open(const char *path, tesk_details **details);
 /* Null is ignored. */
 void tesk_details_close(tesk_details *details);
 
-/* Copies the record of a port, whole as it was at one moment. On any other result `record` holds
-   nothing. */
+/* Copies the record of a port, as it was at one moment. On any other result `record` is cleared. */
 tesk_details_result tesk_details_read(tesk_details *details, uint32_t port,
                                       dolm_ric_details_record *record);
 
-/* Whether a read would give another record than `known`, which may be an empty one; also true where
-   the read would fail now. A few hundred nanoseconds. */
+/* Whether a read would return another record than `known`, which may be an empty one; also true if
+   the read would fail now. Takes a few hundred nanoseconds. */
 bool tesk_details_is_newer(tesk_details *details, const dolm_ric_details_record *known);
 
 /* One more than the highest port number that the board has had; 0 if the file can't be read. */

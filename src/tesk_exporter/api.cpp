@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Long lists are written element by element: as one object they would take many times their text.
- */
+/* Long lists are written element by element: as one JSON object they would take many times the
+   memory of their text. */
 #include "tesk_exporter/api.h"
 
 #include "program/clock.h"
@@ -41,7 +41,7 @@ static json_object days_or_null(std::span<const forecast_sample> forecasts, uint
     return std::round(soonest->days_left * 10) / 10;
 }
 
-/* Old values are shown with their age while the server is away, which the page reports. */
+/* While the server is away, old values are returned with their age, and the page shows that. */
 static json_object port_to_json(const model &board, const port_state &port,
                                 std::span<const forecast_sample> forecasts, steady_time now)
 {
@@ -59,7 +59,7 @@ static json_object port_to_json(const model &board, const port_state &port,
             {"forecast_days", days_or_null(forecasts, port.number)}};
 }
 
-/* An object whose last key is a list that is still open. */
+/* The text of an object whose last key is an open list. */
 static std::string open_list(const json_object &head, const char *key)
 {
     std::string text = head.dump();

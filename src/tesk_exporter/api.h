@@ -6,8 +6,8 @@
       "id": "5f0c1-120",             of the last event before this answer, see /events
       "version": "1.0.0",
       "up": true,                    tesk-server is connected and answers in time
-      "trouble": "",                 what is wrong; without "up" the ports are as last known
-      "known": "2026-..",            when that was: now with "up"; null where it never was
+      "trouble": "",                 what is wrong; if "up" is false the ports are as last known
+      "known": "2026-..",            when that was: now with "up"; null if never known
       "interval_s": 15,              between two reads of the measured values
       "ports": [                     in ascending order
         {"port": 3,
@@ -38,8 +38,8 @@
      day has 144 points of 600 s, each of them a pair [least, greatest] or null.
 
    GET /api/events?port=3
-     {"port": 3, "events": [..]}: what the ring still has of this port, oldest first; each is the
-     object that /events sends.
+     {"port": 3, "events": [..]}: the port's events that the ring has not yet dropped, oldest first;
+     each is the object that /events sends.
 
    GET /events (see event_stream.h) sends one object a message, in the message's data, with ids:
      {"time", "event": "sfp" | "status", .. teskctl's keys .., "change": ..}
@@ -73,7 +73,7 @@ namespace exporter
 std::string ports_json(const model &board, const event_ring &events,
                        std::chrono::milliseconds interval,
                        std::span<const forecast_sample> forecasts, const moment &now);
-/* The body of /api/ports/N. `details` is null where there are none, for the reason in `result`. */
+/* The body of /api/ports/N. `details` is null if there are none; `result` is then the reason. */
 std::string port_json(const model &board, const port_state &port,
                       const dolm_ric_details_record *details, tesk_details_result result,
                       std::span<const forecast_sample> forecasts, const moment &now);

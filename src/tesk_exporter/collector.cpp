@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* For each connection the port map is read again, and every port is subscribed to. The session
-   therefore doesn't reconnect by itself: a connection after a loss is made as the first one.
+/* For each connection the port map is read again and every port is subscribed to. The session
+   therefore doesn't reconnect by itself: this source connects again, as it did first.
 
-   At most `reads_at_once` reads are under way, fewer than the session's window, and none while
-   subscriptions are: a read then never waits in the session, and its latency is that of the server.
-   A port is read once more right after an indication of its status, so that its grades have values
-   to compare with.
+   At most `reads_at_once` reads are in progress, fewer than the session's window, and none while
+   subscriptions are in progress: a read is then never queued in the session, and its latency is
+   that of the server. A port is read once more right after an indication of its status, so that its
+   grades have values to compare with.
 
-   Nothing that fails once stays: a subscription or its end without a confirmation is made again, a
-   read that is refused takes its values back, and a port map that can't be read changes nothing. */
+   Failures are repaired: an unconfirmed subscription or unsubscription is requested again, and
+   after a refused read the port has no values. If the port map can't be read, nothing changes. */
 #include "tesk_exporter/collector.h"
 
 #include <algorithm>
@@ -26,12 +26,12 @@ static constexpr size_t reads_at_once = 8;
 static constexpr uint32_t deadline_ms = 2000;
 static constexpr milliseconds first_pause{100};
 static constexpr milliseconds longest_pause{2000};
-static constexpr uint32_t probed_ports = 128; /* without --ports and port map */
-/* The most rounds after which a subscription that failed is made again, and after which an empty
+static constexpr uint32_t probed_ports = 128; /* if there are neither --ports nor a port map */
+/* The most rounds after which a failed subscription is requested again, and after which an empty
    port is read. */
 static constexpr uint64_t rounds_between_tries = 20;
-static constexpr uint64_t probing_factor = 12; /* for a port that was only tried */
-/* The longest time that passes between two requests that ask nothing of the board. */
+static constexpr uint64_t probing_factor = 12; /* for a port that may not exist */
+/* The longest time between two requests that don't involve the board. */
 static constexpr std::chrono::seconds look_pause{10};
 
 namespace
@@ -43,7 +43,7 @@ struct subscription_requests {
 };
 } // namespace
 
-/* By their kind. */
+/* In the order of tesk_client_kind. */
 static constexpr subscription_requests subscription_rows[] = {
     {TESK_CLIENT_SFP_INFO, TESK_CLIENT_REQUEST_SUBSCRIBE_SFP_INFO,
      TESK_CLIENT_REQUEST_UNSUBSCRIBE_SFP_INFO},
@@ -62,7 +62,7 @@ collector::collector(collector_settings given, fact_queue &facts)
     thread_.start([this] { run(); });
 }
 
-/* A port map that can't be read leaves the names of the last one: the ports are still there. */
+/* If the port map can't be read, the previous names are kept, since the ports still exist. */
 void collector::read_names()
 {
     std::map<uint32_t, std::string> names;
@@ -101,8 +101,7 @@ collector::port_map collector::wanted_ports()
     return wanted;
 }
 
-/* The requests of a type's group that are under way. One that ends a subscription counts as a
-   subscription. */
+/* The number of requests in progress, by group. An unsubscription counts as a subscription. */
 size_t &collector::under_way(tesk_client_request_type type)
 {
     if (type == TESK_CLIENT_REQUEST_PM)
@@ -110,7 +109,7 @@ size_t &collector::under_way(tesk_client_request_type type)
     return type == TESK_CLIENT_REQUEST_HISTORY_SFP_INFO ? looks_ : subscriptions_;
 }
 
-/* False where the request can't be made: nothing follows then. */
+/* False if the request can't be sent; then no answer follows. */
 bool collector::request(tesk_client_request_type type, uint32_t port_no)
 {
     auto owned = std::make_unique<sent_request>(sent_request{*this, port_no, steady_clock::now()});
@@ -120,12 +119,12 @@ bool collector::request(tesk_client_request_type type, uint32_t port_no)
     };
     if (tesk_client_request(session_, type, port_no, called, owned.get()) != TESK_CLIENT_OK)
         return false;
-    static_cast<void>(owned.release()); /* owned by the callback now */
+    static_cast<void>(owned.release()); /* the callback owns the request now */
     under_way(type)++;
     return true;
 }
 
-/* The module first, so that it is known before the status that belongs to it. */
+/* Requests SFP info first, so that the module is known before the status that belongs to it. */
 void collector::subscribe(uint32_t port_no, followed &port)
 {
     for (const subscription_requests &row : subscription_rows)
@@ -139,8 +138,7 @@ void collector::unsubscribe(uint32_t port_no)
             leaving_.insert({row.kind, port_no});
 }
 
-/* Brings the subscriptions to what is wanted now, and reports the ports where that changes
-   something. */
+/* Changes the subscriptions to those wanted now, and reports the list of ports if it changed. */
 void collector::update_ports()
 {
     port_map wanted = wanted_ports();
@@ -157,7 +155,7 @@ void collector::update_ports()
             port = known->second;
         }
     }
-    facts_.post(std::move(reported)); /* before the indications of the new ones */
+    facts_.post(std::move(reported)); /* before the indications of new ports */
     const port_map former = std::exchange(ports_, std::move(wanted));
     for (const auto &[port_no, port] : former)
         if (!ports_.contains(port_no) && !port.is_absent())
@@ -167,8 +165,8 @@ void collector::update_ports()
             subscribe(port_no, port);
 }
 
-/* Makes anew what wasn't confirmed. The request may have reached the server, which then refuses a
-   second one: the subscription is ended before. A port that doesn't exist is tried rarely, as the
+/* Repeats unconfirmed subscriptions. The request may have reached the server, which then refuses a
+   second one; so the subscription is ended first. A port that doesn't exist is tried rarely, as the
    server writes a trace for each refusal. */
 void collector::renew_subscriptions(uint32_t port_no, followed &port)
 {
@@ -197,12 +195,12 @@ void collector::begin_round()
     is_in_round_ = true;
     rounds_++;
     unsubscribe_again();
-    /* A round that is slower than the interval is finished first, or its last ports would never be
-       read. */
+    /* If a round takes longer than the interval, it is finished before the next one begins, since
+       otherwise its last ports would never be read. */
     const bool is_new = to_read_.empty();
     for (auto &[port_no, port] : ports_) {
-        /* A module that isn't ready is reported as none, but may have values. A board may take long
-           to find that a port is empty, so these are read rarely. */
+        /* A module that isn't ready is reported as "no module", but may have values. A board may
+           need long to find that a port is empty, so such ports are read rarely. */
         if (is_new && (!port.is_empty || rounds_ % rounds_between_tries == 0))
             to_read_.push_back(port_no);
         renew_subscriptions(port_no, port);
@@ -275,9 +273,9 @@ void collector::read_answered(const tesk_client_answer &answer, std::chrono::nan
                                 answer.rejection == TESK_CLIENT_REJECTION_BUSY});
 }
 
-/* Asks for the history of presence, which the server has in its memory: the answer proves that it
-   works without any request to the board, and shows modules that aren't ready, of which no
-   indication comes. */
+/* Requests the history of presence, which the server has in its memory: the answer proves that the
+   server works, without a request to the board, and shows modules that aren't ready, for which no
+   indication is sent. */
 void collector::look()
 {
     if (looks_ == 0)
@@ -290,8 +288,8 @@ static bool is_same(const tesk_client_history_record &one, const tesk_client_his
            one.presence == other.presence;
 }
 
-/* The records of the first answer are older than the subscriptions. Of later ones only the last
-   record of each port counts: the indications of the others have come already. */
+/* The records of the first answer are older than the subscriptions. Of later answers only the last
+   record of each port counts: the indications of the others were received already. */
 void collector::history_answered(const tesk_client_answer &answer)
 {
     if (answer.result != TESK_CLIENT_OK)
@@ -371,7 +369,7 @@ void collector::follow()
     while (!thread_.must_stop()) {
         const steady_time now = steady_clock::now();
         if (now >= next_look || is_look_due_) {
-            look(); /* the first one comes before all subscriptions */
+            look(); /* the first look comes before all subscriptions */
             next_look = now + std::min<steady_clock::duration>(settings_.interval, look_pause);
         }
         if (now >= next_round) {

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* collector - follows the ports through a session of its own thread and reports facts: indications
-   as they come, measured values at the interval. A server that is gone or doesn't respond blocks
-   this thread only. */
+   as they come, measured values at the interval. A server that has ended or doesn't respond blocks
+   only this thread. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -17,17 +17,17 @@ namespace exporter
 {
 
 struct collector_settings {
-    std::optional<std::vector<uint32_t>> ports; /* as in settings */
+    std::optional<std::vector<uint32_t>> ports; /* see the settings */
     std::chrono::milliseconds interval;
 };
 
 class collector
 {
   public:
-    /* Starts at once. `facts` must outlive it. */
+    /* Starts at once. `facts` must outlive the collector. */
     collector(collector_settings given, fact_queue &facts);
 
-    /* Ends the thread; takes up to the deadline of a request if the server doesn't respond. The
+    /* Ends the thread; takes up to the timeout of a request if the server doesn't respond. The
        queue must be closed before. */
     void stop()
     {
@@ -35,23 +35,23 @@ class collector
     }
 
   private:
-    /* The state of one subscription. Only a confirmation proves that indications come. */
+    /* The state of one subscription. Only a confirmation proves that indications will be sent. */
     enum class held { requested, confirmed, failed, no_port };
-    using subscription_kind = std::pair<tesk_client_kind, uint32_t>; /* and the port */
+    using subscription_kind = std::pair<tesk_client_kind, uint32_t>; /* the kind and the port */
     struct followed {
         std::string interface;
-        bool is_reading = false;             /* a read of the port's values is under way */
+        bool is_reading = false;             /* a read of the port's values is in progress */
         bool is_empty = false;               /* the server has reported no module */
         std::array<held, 2> subscriptions{}; /* by tesk_client_kind */
-        uint64_t next_try = 0; /* the round in which failed subscriptions are made anew */
-        uint64_t pause = 1;    /* rounds to the try after that one */
+        uint64_t next_try = 0; /* the round in which failed subscriptions are requested again */
+        uint64_t pause = 1;    /* number of rounds after next_try until the following try */
 
         bool is_absent() const
         {
             return subscriptions[0] == held::no_port && subscriptions[1] == held::no_port;
         }
     };
-    /* A request under way; the callback owns it. */
+    /* A request in progress; its callback owns it. */
     struct sent_request {
         collector &self;
         uint32_t port_no;
@@ -88,19 +88,19 @@ class collector
     port_map ports_;
     std::deque<uint32_t> to_read_;
     size_t reads_ = 0;         /* under way */
-    size_t subscriptions_ = 0; /* requests for them under way */
-    size_t looks_ = 0;         /* requests for the history of presence under way */
+    size_t subscriptions_ = 0; /* subscription requests in progress */
+    size_t looks_ = 0;         /* requests for the history of presence in progress */
     bool is_look_due_ = false; /* a module has changed since the last look */
-    /* The newest record of the history that was seen, an empty one where there was none; nothing
-       before the first answer. */
+    /* The newest record of the history that was received, an empty one if the history was empty;
+       nothing before the first answer. */
     std::optional<tesk_client_history_record> newest_record_;
-    std::set<subscription_kind> leaving_; /* unsubscriptions that were not answered */
+    std::set<subscription_kind> leaving_; /* unsubscriptions that were not yet answered */
     bool is_in_round_ = false;
-    uint64_t rounds_ = 0;                   /* of this connection */
+    uint64_t rounds_ = 0;                   /* rounds of this connection */
     bool is_probing_ = false;               /* there are no --ports and no port map */
-    std::map<uint32_t, std::string> names_; /* of the last port map that could be read */
+    std::map<uint32_t, std::string> names_; /* names of the last port map that could be read */
     bool has_map_ = false;
-    std::string map_error_; /* the last one, which is written once */
+    std::string map_error_; /* the last error, which is written once */
     worker thread_;         /* last, so destroyed first: it uses the other members */
 };
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The HTTP library owns the sockets and has no call that ends a connection. It finds a socket that
-   has been shut down at its next poll, and closes it. */
+/* The HTTP library owns the sockets and has no call that ends a connection. So the socket is shut
+   down: the library notices that at its next poll and closes the socket. */
 #include "tesk_exporter/connections.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 namespace exporter
 {
 
-/* Ends a connection. Its place is free at once. */
+/* Ends a connection. Its place can be used again at once. */
 void connection_table::end(connection &peer)
 {
     leave_place(peer, peer.since);
@@ -17,7 +17,7 @@ void connection_table::end(connection &peer)
     shutdown(peer.fd, SHUT_RDWR);
 }
 
-/* Ends the oldest of the connections that hold a place of that kind. False if there is none. */
+/* Ends the oldest connection that holds a place of this kind. False if there is none. */
 bool connection_table::end_oldest(place held)
 {
     connection *oldest = nullptr;

@@ -25,16 +25,16 @@ inline constexpr unsigned most_connections = 256;
 inline constexpr size_t crowded_connections = 192; /* above it the oldest idle one is ended */
 /* The time limit for receiving a request, for sending an answer, and for progress of a stream. */
 inline constexpr std::chrono::seconds patience{30};
-/* The time limit between two requests, above that of Prometheus for a connection that it keeps: a
-   shorter one could end the connection at the moment of a scrape. */
+/* The time limit between two requests. It is longer than the time for which Prometheus keeps a
+   connection: otherwise the connection could end at the moment of a scrape. */
 inline constexpr std::chrono::seconds idle_patience{360};
 
 struct connection {
     int fd;
-    steady_time since; /* start of its request, answer or idle time */
+    steady_time since; /* when its request, answer or idle time began */
     place held = place::none;
-    bool is_waiting = false; /* a stream with nothing left to write, or a question to the history */
-    bool was_answered = false; /* at least once */
+    bool is_waiting = false;   /* an idle stream, or a request that needs the history */
+    bool was_answered = false; /* at least one request was answered */
     bool is_ended = false;
 };
 
@@ -48,13 +48,13 @@ class connection_table
        connection. */
     void remove(const connection *left);
 
-    /* Gives the connection a place of that kind, and ends another one for it if need be. False if
-       all places are taken by streams, which are not ended. */
+    /* Gives the connection a place of that kind, and ends another connection if necessary. False if
+       streams have all places, since streams are not ended. */
     bool take_place(connection &peer, place kind, steady_time now);
-    /* Releases the place that it holds, if any. */
+    /* Releases the connection's place, if it holds one. */
     void leave_place(connection &peer, steady_time now);
 
-    /* Ends the connections that exceed the time limit; waiting streams have none. */
+    /* Ends the connections that have exceeded their time limit; idle streams have none. */
     void end_overdue(steady_time now);
 
     size_t size() const
@@ -65,7 +65,7 @@ class connection_table
     {
         return taken_[static_cast<size_t>(kind)];
     }
-    /* Counts the connections that were ended, except those whose idle time was over. */
+    /* Number of connections that were ended, except those whose idle time was over. */
     uint64_t ended() const
     {
         return ended_;
@@ -75,7 +75,7 @@ class connection_table
     void end(connection &peer);
     bool end_oldest(place held);
 
-    std::list<connection> connections_; /* in the order of their arrival */
+    std::list<connection> connections_; /* in order of arrival */
     std::array<size_t, places.size()> taken_{};
     uint64_t ended_ = 0;
 };

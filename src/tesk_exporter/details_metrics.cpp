@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* One row for each family, and one function that writes its samples for a port. A record has 20 kB:
-   one is read at a time, and each family has a text of its own until all have been read. A value
-   that is missing, whatever the reason, has no series. Values are in base units, powers in dBm. */
+   one is read at a time, and each family has a text of its own until all have been read. A missing
+   value has no series, whatever the reason. Values are in base units, powers in dBm. */
 #include "tesk_exporter/details_metrics.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace
 
 struct detailed_port {
     metrics_writer &writer;
-    const std::string &labels; /* of the port */
+    const std::string &labels; /* labels of the port */
     const dolm_ric_details_record &record;
     bool has_lanes;
 
@@ -35,7 +35,7 @@ struct detailed_port {
 struct details_family {
     family described;
     void (*write)(const detailed_port &of);
-    size_t room = 256; /* for the text of a port */
+    size_t room = 256; /* room for the text of one port */
 };
 
 enum class scale { plain, milli, dbm };
@@ -45,7 +45,7 @@ enum class scale { plain, milli, dbm };
 static std::optional<double> scaled(double value, scale by)
 {
     if (by == scale::dbm && value <= 0)
-        return std::nullopt; /* darkness has no logarithm */
+        return std::nullopt; /* without light the power has no logarithm */
     if (!std::isfinite(value))
         return std::nullopt;
     switch (by) {
@@ -66,7 +66,7 @@ static std::string label_of(tesk_details_enumeration enumeration, uint32_t code)
     return text;
 }
 
-/* lane="3", made once. */
+/* The text lane="3"; each is made once. */
 static const std::string &lane_label(uint32_t lane)
 {
     static const auto labels = [] {
@@ -117,7 +117,8 @@ static void write_signals(const detailed_port &of)
                 of.sample(labels[lane * DOLM_RIC_SIGNALS + kind], its.on != 0);
 }
 
-/* A flag that was never raised has no series: a board of 512 ports would have 50,000 zeros. */
+/* A flag that was never raised has no series: otherwise a board of 512 ports would have 50,000
+   zeros. */
 static void write_flags_of(const detailed_port &of, const dolm_ric_details_value &value,
                            const std::string &more_labels)
 {
@@ -150,8 +151,8 @@ static std::string labels_of(const dolm_ric_details_vdm &row)
                        row.lane == 0xff ? "" : std::to_string(row.lane));
 }
 
-/* Calls `write` for the observables that have a name; a module's own numbers are in /api/ports/N
-   only. */
+/* Calls `write` for the observables that have a name; those with a number of the module's maker are
+   in /api/ports/N only. */
 template <typename writer_type>
 static void for_named_vdm(const detailed_port &of, writer_type &&write)
 {
@@ -283,7 +284,7 @@ static constexpr details_family families[] = {
      }},
 };
 
-/* Room that is reserved and not written takes no memory; growing would copy megabytes. */
+/* Reserved pages that aren't written take no memory; growing the text would copy megabytes. */
 static std::vector<metrics_writer> begin_families(text_format format, size_t ports)
 {
     std::vector<metrics_writer> texts;

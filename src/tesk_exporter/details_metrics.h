@@ -12,8 +12,8 @@
 namespace exporter
 {
 
-/* A text for each family, with the series of all ports of the model that have details; those of
-   lanes only with `has_lanes`. Empty for a board without details. */
+/* One text for each family, with the series of all ports of the model that have details; series of
+   lanes only with `has_lanes`. Empty if the board publishes no details. */
 std::vector<metrics_writer> details_texts(const model &board, port_details &details, bool has_lanes,
                                           text_format format, steady_time now);
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The HTTP library calls read() while there is room to write, until that has nothing and suspends
-   the connection, and forget() at its end. */
+/* The HTTP library calls read() while there is room to write; when read() has no text, it suspends
+   the connection. At the connection's end the library calls forget(). */
 #include "tesk_exporter/event_readers.h"
 
 #include <memory>
@@ -31,7 +31,7 @@ response event_readers::add(MHD_Connection *http, connection &from, event_stream
         readers_.pop_back();
         return {};
     }
-    static_cast<void>(made.release()); /* owned by the answer now */
+    static_cast<void>(made.release()); /* the answer owns the reader now */
     return finished(answer, "text/event-stream");
 }
 

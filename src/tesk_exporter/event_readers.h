@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* event_readers - the connections that read /events. Main thread only.
 
-   A stream without further events is suspended; an event, or the comment that detects a dead
-   reader, resumes it. While a connection is suspended the HTTP library doesn't notice its end, so
-   end_gone() does. */
+   A stream without further events is suspended. An event resumes it, and so does the comment that
+   detects a dead reader. While a connection is suspended the HTTP library doesn't notice its end,
+   so end_gone() does. */
 #pragma once
 
 #include "tesk_exporter/connections.h"
@@ -19,18 +19,18 @@ namespace exporter
 class event_readers
 {
   public:
-    /* The answer that makes a reader of a connection; empty without memory. The arguments must
+    /* The answer that makes the connection a reader; empty without memory. The arguments must
        outlive the connection. */
     response add(MHD_Connection *http, connection &from, event_stream events);
 
-    /* Lets all streams write what is due. */
+    /* Resumes all streams, which then write what is due. */
     void resume_all();
-    /* Ends the streams whose readers have closed their side. */
+    /* Ends the streams whose readers have closed their side of the connection. */
     void end_gone();
-    /* Ends the streams whose readers have closed their side, and sends a comment to the others: one
-       that isn't acknowledged shows that a reader's machine has gone. */
+    /* Ends the streams whose readers have closed their side, and sends a comment to the others: if
+       it isn't acknowledged, the reader's machine has disappeared. */
     void look();
-    /* Ends them all. */
+    /* Ends all streams. */
     void end_all();
 
     size_t size() const

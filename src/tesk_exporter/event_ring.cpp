@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: add() numbers an event and drops the oldest beyond the capacity; after() says
-   where a reader with an id goes on. */
+/* Order of work: add() numbers an event and drops the oldest one beyond the capacity; after() says
+   where a reader continues that has received the event with a given id. */
 #include "tesk_exporter/event_ring.h"
 
 #include "program/clock.h"
@@ -14,7 +14,7 @@ namespace exporter
 
 const char *change_text(change kind)
 {
-    /* In the order of the enumeration. */
+    /* In the order of enum change. */
     static constexpr const char *texts[] = {"initial",   "inserted", "removed", "replaced",
                                             "not ready", "up",       "down",    "grades"};
     return texts[static_cast<size_t>(kind)];
@@ -90,7 +90,7 @@ std::optional<uint64_t> event_ring::after(std::string_view id) const
     const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), number);
     if (error != std::errc{} || end != id.data() + id.size())
         return std::nullopt;
-    /* The event itself may have been dropped, as long as its successors are kept. */
+    /* The event itself may have been dropped, as long as all later events are kept. */
     if (number >= next_ || number + 1 < first())
         return std::nullopt;
     return number + 1;

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* event_ring - the last changes, numbered, so that a reader that reconnects gets those it missed.
-   Fixed memory. Main thread only. */
+/* event_ring - the last changes, numbered, so that a reader that reconnects gets the events that it
+   missed. Fixed memory. Main thread only. */
 #pragma once
 
 #include "program/json_records.h"
@@ -22,17 +22,17 @@ enum class change {
     initial,  /* the state found after connecting, of unknown age */
     inserted, /* a module */
     removed,
-    replaced,  /* another module, or the same one read again with other texts */
-    not_ready, /* a module is there, and its memory can't be read */
+    replaced,  /* another module, or the same one whose texts now read differently */
+    not_ready, /* the module is present, but its memory can't be read */
     up,        /* a link */
     down,
     grades, /* grades or the environment; the link is as before */
 };
 
-/* The word of the objects for it, such as "replaced". Never null. */
+/* The word for it in JSON objects, such as "replaced". Never null. */
 const char *change_text(change kind);
 
-/* The server went away, or is back. */
+/* The server disappeared, or is back. */
 struct server_change {
     bool connected;
 };
@@ -40,32 +40,32 @@ struct server_change {
 struct event {
     uint64_t number;
     uint64_t time_us; /* wall clock, since 1970 */
-    change kind;      /* for the first two records */
+    change kind;      /* used for modules and links */
     std::variant<tesk_client_sfp_info, tesk_client_port_status, server_change, fall_fact> record;
-    std::string interface; /* escaped; empty where it isn't known */
+    std::string interface; /* escaped; empty if not known */
 };
 
-/* The port of an event; nothing for an event of the server. */
+/* The port of an event; nothing for an event of the server itself. */
 std::optional<uint32_t> port_of(const event &happened);
 
-/* An object as teskctl --json writes it, or its line, with the key "id" behind the time, unless it
-   is empty, and the key "change" at its end where it is of a module or a link. */
+/* The event as an object like those of teskctl --json, or as one line. The key "id" follows the
+   time, unless `id` is empty; the key "change" is last, for events of modules and links. */
 json_object to_json(const event &happened, const std::string &id = "");
 std::string to_json_line(const event &happened, const std::string &id = "");
 
 class event_ring
 {
   public:
-    /* The epoch distinguishes the numbers of this process from those of another. */
+    /* The epoch distinguishes the ids of this process from those of earlier ones. */
     event_ring(size_t capacity, std::string epoch) : capacity_(capacity), epoch_(std::move(epoch))
     {
     }
 
-    /* Numbers the event and keeps it; a full ring drops its oldest one. */
+    /* Numbers the event and stores it; a full ring drops its oldest event. */
     void add(event added);
 
-    /* The oldest number that is kept, and the number of the next event to come. They are equal in
-       an empty ring. */
+    /* The number of the oldest stored event, and the number of the next event. They are equal in an
+       empty ring. */
     uint64_t first() const
     {
         return next_ - events_.size();
@@ -74,7 +74,7 @@ class event_ring
     {
         return next_;
     }
-    /* `number` is from first() on and before next(). */
+    /* `number` must be at least first() and below next(). */
     const event &at(uint64_t number) const
     {
         return events_[(number - 1) % capacity_];
@@ -87,14 +87,14 @@ class event_ring
     {
         return to_json_line(at(number), id(number));
     }
-    /* The number after the event that an id names, at which a reader continues. Nothing where the
-       id is of another epoch, is malformed, or its successors are not kept any more. */
+    /* The number of the event after the one with this id, where a reader continues. Nothing if the
+       id is malformed or of another epoch, or if later events are no longer stored. */
     std::optional<uint64_t> after(std::string_view id) const;
 
   private:
     const size_t capacity_;
     const std::string epoch_;
-    std::vector<event> events_; /* at (number - 1) % capacity_ */
+    std::vector<event> events_; /* event `number` is at (number - 1) % capacity_ */
     uint64_t next_ = 1;         /* so that 0 stands for "before the first" */
 };
 

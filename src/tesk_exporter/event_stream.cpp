@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The present state has one id, at its end: a reader whose connection ends before that has no id of
-   it, and gets the whole state again. */
+/* Only the end of the present state has an id: if the connection ends before, the reader has no id
+   and gets the whole state again. */
 #include "tesk_exporter/event_stream.h"
 
 #include "program/clock.h"
@@ -12,7 +12,7 @@
 namespace exporter
 {
 
-/* The delay before a browser reconnects, which would otherwise be 3 seconds. */
+/* The delay before a browser reconnects; the default would be 3 seconds. */
 static constexpr char preface[] = "retry: 2000\n\n";
 
 static std::string data(const std::string &line)
@@ -32,7 +32,7 @@ event_stream::event_stream(const event_ring &events, const model &board, std::st
         text_ += missed();
 }
 
-/* Events that come while the state is being written follow it. */
+/* Events that occur while the state is being written follow after it. */
 void event_stream::begin_state()
 {
     next_ = events_.next();
@@ -51,7 +51,7 @@ std::string event_stream::event_text(const event &happened) const
     return "id: " + events_.id(happened.number) + "\n" + data(events_.line(happened.number));
 }
 
-/* A state as it was at that time. */
+/* The text of a state that was valid at that time. */
 template <typename record_type>
 std::string event_stream::state_text(uint64_t time_us, const record_type &record) const
 {
@@ -64,7 +64,7 @@ std::string event_stream::next_of_state()
     const auto port = model_.ports().lower_bound(*at_port_);
     std::string text;
     const uint64_t known_us = model_.known_us({steady_clock::now(), now_us()});
-    /* A loss is reported only if there was a server since the start. */
+    /* A loss is reported only if the server was connected since the start. */
     if (*at_port_ == 0 && !model_.is_connected() && known_us != 0)
         text = state_text(known_us, server_change{false});
     if (port == model_.ports().end()) {

@@ -2,10 +2,10 @@
 /* event_stream - the text of one reader's server-sent events. Main thread only.
 
    A reader that connects for the first time gets the present state of all ports as "initial", then
-   each event as it occurs. One that reconnects with the id of its last event gets the later ones;
-   if they aren't kept any more, or the id is of another process, it gets an object with the event
-   "missed" and the present state. A reader that is too slow for the ring is treated in the same
-   way, so that it costs no memory. */
+   each event as it occurs. A reader that reconnects with the id of its last event gets the later
+   events; if they are no longer stored, or the id is of another process, it gets an object with the
+   event "missed" and the present state. A reader that is too slow for the ring is treated in the
+   same way, so that slow readers need no memory. */
 #pragma once
 
 #include "tesk_exporter/model.h"
@@ -25,8 +25,7 @@ class event_stream
     /* Writes the text that is due, up to `size` bytes, and returns its length; 0 if there is none
        until the next event. */
     size_t read(char *buffer, size_t size);
-    /* Lets the next read write at least a comment, which shows whether the reader is still there.
-     */
+    /* Makes the next read write at least a comment, which shows whether the reader still exists. */
     void request_comment()
     {
         needs_comment_ = true;
@@ -44,8 +43,8 @@ class event_stream
     const event_ring &events_;
     const model &model_;
     uint64_t next_ = 0;               /* the number of the next event to write */
-    std::optional<uint32_t> at_port_; /* the next port of the state to write; nothing: none */
-    std::string text_;                /* begun; written up to written_ */
+    std::optional<uint32_t> at_port_; /* the next port of the state to write; nothing: no state */
+    std::string text_;                /* partly written text; the first written_ bytes are done */
     size_t written_ = 0;
     bool needs_comment_ = false;
 };

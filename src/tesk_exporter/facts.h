@@ -19,8 +19,8 @@
 namespace exporter
 {
 
-/* Goes on while the machine is suspended, unlike the clock of the standard library: a value that
-   was read before a suspend is as old as it is. */
+/* Continues while the machine is suspended, unlike the clock of the standard library: a suspend
+   adds to the age of a value. */
 struct steady_clock {
     using duration = std::chrono::nanoseconds;
     using rep = duration::rep;
@@ -31,11 +31,12 @@ struct steady_clock {
 };
 using steady_time = steady_clock::time_point;
 
-/* The ports that are followed from now on, in ascending order. Ports that are missing are gone. */
+/* The ports that are followed from now on, in ascending order. All other ports are no longer
+   followed. */
 struct ports_fact {
     struct port {
         uint32_t number;
-        std::string interface; /* escaped; empty where the port map has no name */
+        std::string interface; /* escaped; empty if the port map has no name */
     };
     std::vector<port> ports;
 };
@@ -54,19 +55,19 @@ struct reading_fact {
 /* The values of a port could not be read. */
 struct unread_fact {
     uint32_t port_no;
-    bool is_refused;         /* by the server: there are no values now */
+    bool is_refused;         /* the server refused: there are no values now */
     std::string text;        /* the reason */
-    bool has_module = false; /* the server's answer shows a module */
+    bool has_module = false; /* by the server's answer a module is present */
 };
 
-/* A change of a module's presence, from the server's history: it has those that cause no
+/* A change of a module's presence, from the server's history, which also has changes without an
    indication. */
 struct presence_fact {
     uint32_t port_no;
     uint32_t presence; /* tesk_client_presence */
 };
 
-/* The grades of a port that the refresher has requested anew. */
+/* The grades of a port that the refresher has requested. */
 struct grades_fact {
     uint32_t port_no;
     bool succeeded;
@@ -77,8 +78,8 @@ struct grades_fact {
 struct request_fact {
     tesk_client_result result;
     std::chrono::nanoseconds latency;
-    bool is_read = true;     /* of measured values */
-    bool is_failure = false; /* of a read */
+    bool is_read = true;     /* a read of measured values */
+    bool is_failure = false; /* a read that failed */
 };
 
 /* A port turned out not to exist. */
@@ -90,7 +91,7 @@ struct gone_fact {
 struct round_fact {
 };
 
-/* A fall of a link that the board has recorded, or new facts about one; never null. */
+/* A fall of a link that the board has recorded, or new facts about such a fall; never null. */
 struct recorded_fall;
 using fall_fact = std::shared_ptr<const recorded_fall>;
 
@@ -98,7 +99,7 @@ using fact = std::variant<ports_fact, connection_fact, tesk_client_sfp_info,
                           tesk_client_port_status, reading_fact, unread_fact, presence_fact,
                           grades_fact, request_fact, gone_fact, round_fact, fall_fact>;
 
-/* A bounded queue. The descriptor is readable while it holds something. */
+/* A bounded queue. The descriptor is readable while the queue isn't empty. */
 class fact_queue
 {
   public:
@@ -106,11 +107,11 @@ class fact_queue
     fact_queue(const fact_queue &) = delete;
     fact_queue &operator=(const fact_queue &) = delete;
 
-    /* Any thread. Waits while the queue is full; once it is closed, does nothing. */
+    /* Any thread. Waits while the queue is full; does nothing once it is closed. */
     void post(fact reported);
-    /* The main thread. Takes all that is there, in the order of arrival. */
+    /* The main thread. Takes all facts of the queue, in order of arrival. */
     std::vector<fact> take();
-    /* Wakes the threads that wait in post(), so that they can end. */
+    /* Wakes the threads that are blocked in post(), so that they can end. */
     void close();
     int fd() const
     {

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* scan_folder() lists the folder when it has changed, and reads the files that have. A file has its
-   falls in their order: those behind the last known one are new, and that one may have changed. */
+/* scan_folder() lists the folder when it has changed, and reads the changed files. The falls of a
+   file are in order of time: those after the last known fall are new, and the last known one may
+   have changed. */
 #include "tesk_exporter/falls.h"
 
 #include "causes/signs.h"
@@ -19,7 +20,8 @@ namespace exporter
 
 static constexpr std::chrono::seconds interval{1};
 
-/* A change that falls into the same tick of the file system's clock as a listing doesn't show. */
+/* A listing doesn't show a change within the same tick of the file system's clock, so the folder is
+   listed again until this time has passed. */
 static constexpr int64_t settled_after = 2'000'000'000;
 
 static constexpr size_t most_newest = 64;
@@ -65,7 +67,7 @@ static fall_fact counted(const recorded_fall &its)
     return made;
 }
 
-/* Falls of before the start are known; only the last one of a port is reported. */
+/* Falls before the exporter's start are known; only the last one of a port is reported. */
 void fall_follower::scan_port(uint32_t port_no, time_point now, std::vector<fall_fact> &found)
 {
     std::vector<causes::facts> falls = falls_of(folder_, port_no);
@@ -93,7 +95,7 @@ void fall_follower::scan_port(uint32_t port_no, time_point now, std::vector<fall
     its.is_ill = !found.back()->its.ill.empty();
 }
 
-/* Reads the file if it has changed. False if that has to be tried again. */
+/* Reads the file if it has changed. False if it must be read again later. */
 bool fall_follower::scan_file(uint32_t port_no, time_point now, std::vector<fall_fact> &found)
 {
     struct stat file = {};
@@ -148,7 +150,7 @@ std::vector<fall_fact> fall_follower::scan(time_point now)
     return found;
 }
 
-/* Of the port's own lanes; nothing unless all are measured. */
+/* The light of the port's own lanes; nothing unless all of them are measured. */
 static causes::by_lane light_of(const dolm_ric_details_record &present)
 {
     std::vector<double> found;
@@ -176,7 +178,7 @@ static causes::number errors_of(const dolm_ric_details_record &present)
     return worst;
 }
 
-/* The facts of a fall about the link since it is up again, with the values of now. */
+/* The facts of a fall about the time since the link is up again, with the present values. */
 static void renew(const dolm_ric_details_record &present, causes::facts &seen)
 {
     if (present.link.state == DOLM_RIC_VALUE_VALID && present.link.speed != 0)
@@ -214,7 +216,7 @@ bool fall_log::of_port::is_ill(const dolm_ric_details_record *present, steady_ti
     return !causes::illness_of(seen).empty();
 }
 
-/* If a link that is ill falls again, it is compared with its values from before it was ill. */
+/* If an ill link falls again, it is compared with its values from before it became ill. */
 static void take_illness(const fall_fact &reported, steady_time now, fall_log::of_port &its)
 {
     const bool is_same = its.ill && its.ill->seen.time == reported->seen.time;

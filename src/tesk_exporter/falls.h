@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* falls - the falls of links that the board records, with their verdicts: what the follower's
-   thread reports of each, and what the main thread keeps.
+/* falls - the falls of links that the board records, with their verdicts: the reports of the
+   follower's thread, and the state that the main thread keeps.
 
    GET /api/falls?port=3&last=5
      {"falls": [{..}]}   newest first, those of all ports without "port": the objects of
@@ -28,15 +28,15 @@ namespace exporter
 
 struct recorded_fall {
     uint32_t port_no;
-    bool is_new; /* false: it was reported before and has new facts, or is from before the start */
-    bool is_ill_now; /* the link came back worse than before, as is known since this report */
-    bool is_counted; /* as the verdict won't change any more: once for each fall */
+    bool is_new;     /* false: reported before, with new facts now, or older than the start */
+    bool is_ill_now; /* this report is the first to show that the link came back worse */
+    bool is_counted; /* the verdict is final; true once for each fall */
     causes::facts seen;
     causes::verdict its;
 };
 
-/* Looks each second which files of the folder have changed; one that can't be read is left out
-   until it can be read. */
+/* Checks each second which files of the folder have changed; a file that can't be read is left out
+   until it can. */
 class fall_follower
 {
   public:
@@ -49,11 +49,12 @@ class fall_follower
     {
         thread_.stop();
     }
-    /* The changes since the last call. Called by the thread, or by a test in its place. */
+    /* The changes since the last call. Called by the thread, or by a test instead. */
     std::vector<fall_fact> scan(std::chrono::steady_clock::time_point now);
 
-    /* The record of a fall grows: a module that was swapped is seen up to ten seconds later. The
-       facts from the looks and from a new module are known by then; the next fall ends the wait. */
+    /* The record of a fall grows: a swapped module is seen up to ten seconds later. After this time
+       the facts from the looks and from a new module are known; another fall ends the wait
+       earlier. */
     static constexpr std::chrono::seconds counted_after{15};
 
   private:
@@ -62,8 +63,8 @@ class fall_follower
         uint64_t inode = 0;
         double last = 0;     /* the time of its last fall */
         bool is_ill = false; /* the link has been ill since its last fall */
-        fall_fact uncounted; /* the last fall, until it is counted */
-        std::chrono::steady_clock::time_point due = {}; /* when it is counted */
+        fall_fact uncounted; /* the last fall, while it isn't counted */
+        std::chrono::steady_clock::time_point due = {}; /* when it will be counted */
     };
     using time_point = std::chrono::steady_clock::time_point;
     void scan_folder(time_point now, std::vector<fall_fact> &found);
@@ -73,22 +74,23 @@ class fall_follower
 
     const std::string folder_;
     std::map<uint32_t, known_file> files_;
-    int64_t listed_at_ = 0;   /* ns; when the folder was changed last, at the last listing */
+    int64_t listed_at_ = 0;   /* ns; the folder's time of change at the last listing */
     bool was_listed_ = false; /* at all */
     worker thread_;           /* last, so destroyed first: it uses the other members */
 };
 
-/* The main thread's. */
+/* The falls that the main thread keeps. */
 class fall_log
 {
   public:
     struct of_port {
         std::array<uint64_t, causes::cause_count> count{}; /* since the exporter's start */
-        fall_fact ill; /* the last fall from which the link came back worse than before, or null */
+        fall_fact ill; /* the last fall after which the link came back worse, or null */
         steady_time ill_since{};
 
-        /* Whether the link still is ill, by the port's details, which may be null. A value that
-           isn't measured any more counts for `ill_for`, or until the next fall. */
+        /* Whether the link is still ill, judged by the port's details, which may be null. An
+           illness whose value isn't measured any more lasts for `ill_for`, or until the next
+           fall. */
         bool is_ill(const dolm_ric_details_record *present, steady_time now) const;
     };
     static constexpr std::chrono::hours ill_for{1};

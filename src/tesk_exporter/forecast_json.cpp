@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One report as members of an object, behind those that name its port. */
+/* One report as members of an object, after those that name its port. */
 #include "tesk_exporter/forecast_json.h"
 
 #include <cmath>

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* forecast_json - a report of the forecast as JSON, the same for recorded files and for the ports
-   of now: time, lane, value, cause, days_left with low and high, limit, limit_value, level,
-   change_per_day, days_since, confidence and reason; of one that was withdrawn "withdraw" and
-   reason. No state. */
+/* forecast_json - a report of the forecast as JSON, the same for recorded files and for present
+   ports: time, lane, value, cause, days_left with low and high, limit, limit_value, level,
+   change_per_day, days_since, confidence and reason; a withdrawn report has "withdraw" and reason.
+   No state. */
 #pragma once
 
 #include "forecast/forecast.h"
@@ -11,7 +11,7 @@
 namespace exporter
 {
 
-/* `line` with the keys of the report behind its own. */
+/* `line` with the keys of the report added at its end. */
 json_object report_json(json_object line, const forecast::report &told);
 
 } // namespace exporter

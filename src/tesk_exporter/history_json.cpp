@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: history_json() reads the rows of each module that was in the port, orders them by
-   time, and writes one list after the other; as objects they would take many times their text. */
+   time, and writes one list after the other; as JSON objects the lists would take many times the
+   memory of their text. */
 #include "tesk_exporter/history_json.h"
 
 #include "program/json_records.h"
@@ -27,11 +28,11 @@ struct point {
     history::record kept;
 };
 
-/* What was in a port, and what it measured there. */
+/* The modules of a port, and the values measured in them. */
 struct port_history {
     json_object modules = json_object::array();
-    std::vector<point> points; /* in their order */
-    bool is_known = false;     /* something was in the port once */
+    std::vector<point> points; /* in order of time */
+    bool is_known = false;     /* the history has a module of this port */
 };
 
 } // namespace
@@ -59,7 +60,7 @@ static void append_decimal(std::string &text, int value, size_t places)
     text.append(places - (size - whole), '0').append(digits + whole, size - whole);
 }
 
-/* As many places as the history keeps. */
+/* Writes as many decimal places as the history stores. */
 static void append_number(std::string &text, history::measure what, int16_t number)
 {
     const history::decimal_step step = history::step_of(what);
@@ -135,13 +136,13 @@ static json_object events_of(history::chronicle &kept, uint32_t port, int64_t fi
     return list;
 }
 
-/* Incomplete where the file turns out to be damaged: then the history has a trouble. */
+/* Incomplete if the file turns out to be damaged: then trouble() of the history is set. */
 static port_history read_port(history::chronicle &kept, uint32_t port, history::level of,
                               int64_t first, int64_t last)
 {
     const int64_t step = history::level_seconds[of];
     port_history read;
-    const auto places = kept.places(); /* a read that finds the file damaged clears the places */
+    const auto places = kept.places(); /* a copy: a read that finds damage clears them */
     for (const auto &[id, in] : places) {
         if (in.port != port)
             continue;

@@ -4,22 +4,23 @@
 
    GET /api/history?port=3&span=2d    and span=8w, span=2y
      {"port": 3, "span": "8w", "step_s": 3600,
-      "modules": [{"vendor", "part", "serial", "since", "until"}],   that were in it; until is null
-                                   for the one that is in it now
-      "time": [..],                the begin of each point, rising; times without readings are left
-   out "link": [..],                percent of the time with a link; null where it isn't known
+      "modules": [{"vendor", "part", "serial", "since", "until"}],   once in the port; until
+                                   is null for the present module
+      "time": [..],                the begin of each point, rising; there is none without
+                                   readings
+      "link": [..],                percent of the time with a link; null where it isn't known
       "temperature_c": [..], "voltage_v": [..],
       "lanes": [{"rx_power_dbm": [..], "tx_power_dbm": [..], "tx_bias_ma": [..]}],
                                    and "error_ratio" of a module that measures it
       "events": [{"time", "change", "text"}]}     at most 1000, the newest
-     Of 2d a point is a number, of 8w and 2y [least, middle, greatest]; null where nothing was
-     measured, as the power of no light.
+     With 2d a point is a number, with 8w and 2y [least, middle, greatest]; null if nothing was
+     measured, or for the power of no light.
 
    GET /api/modules
      {"modules": [{"vendor", "part", "serial",
         "places": [{"port", "interface", "since", "until", "present"}]}]}
-     One element for each serial (or port, where a module has none), each port in which it was once.
-     "present": whether it is there now; null where that isn't known yet. */
+     One element for each serial number (modules without one: for each port), with each port in
+     which the module was. "present": whether it is in the port now; null if not known yet. */
 #pragma once
 
 #include "history/chronicle.h"
@@ -29,8 +30,8 @@
 namespace exporter
 {
 
-/* Empty for a port of which nothing is known, unless it is followed now; and where the file turns
-   out to be damaged, see trouble(). The chronicle must be open. `boot` is the present. */
+/* Empty for a port without history, unless it is followed now; also empty if the file turns out to
+   be damaged, see trouble(). The chronicle must be open. `boot` is the present time since boot. */
 std::string history_json(history::chronicle &kept, uint32_t port, history::level of, int64_t boot,
                          bool is_followed = false);
 std::string modules_json(history::chronicle &kept);

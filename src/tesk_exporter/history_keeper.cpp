@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: post() queues, run() takes the queue every ten seconds, or at once for a question,
-   and gives each input to the chronicle with the clocks of its moment. */
+/* Order of work: post() queues an input; run() takes the queue every ten seconds, or at once for a
+   question, and passes each input to the chronicle with the clocks of the moment of its post(). */
 #define SD_JOURNAL_SUPPRESS_LOCATION /* it would always be that of this file */
 #include "tesk_exporter/history_keeper.h"
 
@@ -27,7 +27,7 @@ namespace exporter
 /* Often enough for steps of five minutes. */
 static constexpr std::chrono::seconds step_look_pause{10};
 
-/* Without any reading no step ends. */
+/* Without any reading no step ends, so the look is rare. */
 static constexpr int64_t longest_look_pause = 3600;
 
 static history::clocks clocks_now()
@@ -73,14 +73,14 @@ static int16_t kept(bool has, history::measure what, double value)
     return has ? history::stored(what, value) : history::absent;
 }
 
-/* No light has no logarithm, and is absent. */
+/* A power without light has no logarithm and is stored as absent. */
 static int16_t kept_power(bool has, history::measure what, uint32_t microwatts)
 {
     const auto dbm = has ? to_dbm(microwatts) : std::nullopt;
     return kept(dbm.has_value(), what, dbm.value_or(0));
 }
 
-/* The order of history::row; the server has the values of one lane. */
+/* The order is that of history::row; the server has the values of one lane. */
 static history::record record_of(const port_state &port)
 {
     using history::measure;
@@ -97,7 +97,7 @@ static history::record record_of(const port_state &port)
     return made;
 }
 
-/* The value; NaN where there is none. */
+/* The value; NaN if it is missing. */
 static double number_of(const dolm_ric_details_value &its)
 {
     return its.state == DOLM_RIC_VALUE_VALID ? its.value : std::numeric_limits<double>::quiet_NaN();
@@ -109,8 +109,7 @@ static int16_t power_of(history::measure what, const dolm_ric_details_value &its
     return milliwatts > 0 ? history::stored(what, milliwatts_to_dbm(milliwatts)) : history::absent;
 }
 
-/* The bit error ratio of the lane's light before correction; the average where the module has it.
- */
+/* The bit error ratio of the lane's light before correction; the average if the module has it. */
 static int16_t errors_of(const dolm_ric_details_record &details, uint32_t lane)
 {
     double found = 0;
@@ -124,7 +123,7 @@ static int16_t errors_of(const dolm_ric_details_record &details, uint32_t lane)
                      : history::absent;
 }
 
-/* The port's own lanes of a module with several; the server has the values of one. */
+/* The lanes of the port, if its module has several; the server has the values of one lane only. */
 static void take_lanes(const dolm_ric_details_record &details, history::record &made)
 {
     using history::measure;
@@ -160,7 +159,7 @@ static outlooks::module_limits limits_of(const dolm_ric_details_record &details)
             limits_of(details.module_limits[DOLM_RIC_TEMPERATURE], 1)};
 }
 
-/* A field of a module, without the blanks that fill it up. */
+/* A field of a module without its padding. */
 static std::string text_of(const char *field)
 {
     const std::string text = escape(field);
@@ -171,7 +170,7 @@ static std::string text_of(const char *field)
 void history_keeper::take(const port_state &read, const dolm_ric_details_record *details)
 {
     if (!read.info || !read.reading)
-        return; /* whose values these are isn't known yet */
+        return; /* it isn't known yet which module has these values */
     history::occupant from{read.number, read.interface, text_of(read.info->vendor_name),
                            text_of(read.info->vendor_pn), text_of(read.info->vendor_sn)};
     reading made{std::move(from), record_of(read), {}};
@@ -199,7 +198,7 @@ void history_keeper::note(const exporter::event &happened)
         given.text = describe(std::get<tesk_client_port_status>(happened.record));
     }
     if (port && happened.kind == change::initial)
-        given.kind.clear(); /* a state that was found: nothing happened */
+        given.kind.clear(); /* the initial state: nothing has happened */
     post({clocks_now(), std::move(given)}, false);
 }
 
@@ -252,7 +251,7 @@ void history_keeper::take(const question &given, const history::clocks &when)
     answered_.signal();
 }
 
-/* The fields of a record, as those of journal_fields(). */
+/* The fields are named like those of journal_fields(). */
 static void send_to_journal(const outlooks::news &each)
 {
     const forecast::report &told = each.told;
@@ -270,7 +269,7 @@ static void send_to_journal(const outlooks::news &each)
                     "TESK_DAYS_LEFT=%.1f", told.days_left, nullptr);
 }
 
-/* After steps have ended, and first of all the past. */
+/* After steps have ended; the first time, for the whole past. */
 void history_keeper::look_ahead(const history::clocks &now)
 {
     const bool is_open = chronicle_.trouble().empty();
@@ -285,7 +284,7 @@ void history_keeper::look_ahead(const history::clocks &now)
         if (!must_stop())
             outlooks_.restore(chronicle_, must_stop);
         if (must_stop())
-            return; /* readings that were taken in only in part withdraw no forecast */
+            return; /* until all past readings are taken in, no forecast is withdrawn */
         is_restored_ = true;
     } else if (!std::exchange(has_steps_, false) && now.boot < next_look_)
         return;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* history_keeper - the thread that keeps the history: the only one that uses its file. Readings and
-   events go in, questions too; answers come out. Inputs that the thread can't take in time, as
-   while a disk hangs, are dropped, and counted. */
+/* history_keeper - the thread that keeps the history; no other thread uses the file. Readings,
+   events and questions go in, answers come out. Inputs for which the queue has no room, for example
+   while a disk doesn't respond, are dropped and counted. */
 #pragma once
 
 #include "history/chronicle.h"
@@ -18,36 +18,37 @@
 namespace exporter
 {
 
-/* The question of an HTTP request. */
+/* A question from an HTTP request. */
 struct history_question {
     enum class kind { port, modules, forecast };
     kind what;
     uint32_t port;     /* for kind::port */
     history::level of; /* for kind::port */
-    bool is_followed;  /* of one port: it is known, even if it has no history */
+    bool is_followed;  /* the port is known, even if it has no history */
 };
 
 struct history_answer {
-    uint64_t id;     /* of the question */
-    unsigned status; /* of HTTP; the text is JSON where it is 200 */
+    uint64_t id;     /* id of the question */
+    unsigned status; /* HTTP status; with 200 the text is JSON */
     std::string text;
 };
 
 class history_keeper
 {
   public:
-    /* Starts at once. `limit` in bytes; with a journal each forecast that is raised or withdrawn is
-       a record of it. Throws std::system_error. */
+    /* Starts at once. `limit` is in bytes; with a journal, each raised or withdrawn forecast is
+       recorded there. Throws std::system_error. */
     history_keeper(const std::string &folder, int64_t limit, bool has_journal);
     ~history_keeper();
     history_keeper(const history_keeper &) = delete;
     history_keeper &operator=(const history_keeper &) = delete;
 
-    /* All below: the main thread. */
-    /* A port's latest reading; with details those of all its lanes, and the module's limits. */
+    /* All functions below are for the main thread. */
+    /* A port's latest reading; `details`, if not null, have all its lanes and the module's
+       limits. */
     void take(const port_state &read, const dolm_ric_details_record *details);
     void note(const exporter::event &happened);
-    /* The id of the answer to come. */
+    /* Queues a question. Returns the id that its answer will have. */
     uint64_t ask(const history_question &asked);
     std::vector<history_answer> take_answers();
     /* Readable while there are answers. */
@@ -60,9 +61,9 @@ class history_keeper
     {
         return is_well_;
     }
-    /* The forecasts of now. */
+    /* The present forecasts. */
     std::vector<forecast_sample> forecasts();
-    /* Readings and events that were dropped. */
+    /* The number of readings and events that were dropped. */
     uint64_t lost() const
     {
         return lost_;
@@ -72,11 +73,11 @@ class history_keeper
     struct reading {
         history::occupant from;
         history::record measured;
-        std::optional<outlooks::module_limits> limits; /* where there are details */
+        std::optional<outlooks::module_limits> limits; /* if there are details */
     };
     struct noted {
         int64_t port;
-        std::string kind, text; /* no kind: nothing to record */
+        std::string kind, text; /* an empty kind: nothing to record */
         bool is_empty;          /* the port has no module now */
     };
     struct question {
@@ -108,11 +109,11 @@ class history_keeper
     std::atomic<uint64_t> lost_{0};
     std::vector<forecast_sample> forecasts_;
     const bool has_journal_;
-    /* Of the thread. */
+    /* Members that the thread uses. */
     outlooks outlooks_;
     history::chronicle chronicle_;
     bool is_restored_ = false, has_steps_ = false;
-    int64_t next_look_ = 0; /* in seconds since boot */
+    int64_t next_look_ = 0; /* seconds since boot */
     worker thread_;         /* last, so destroyed first: it uses the other members */
 };
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: ask() gives the question to the history's thread, resume_answered() brings each
-   answer to its request, and take() gives it away. */
+/* Order of work: ask() passes the question to the history's thread, resume_answered() assigns each
+   answer to its request, and take() returns it. */
 #include "tesk_exporter/history_requests.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* history_requests - the HTTP requests whose answers the history's thread makes. Main thread only.
 
-   The connection is suspended meanwhile. It is resumed when the answer has come, or its time is
-   over; the HTTP library then calls the handler of the request again, which takes the answer. */
+   The connection is suspended until the answer is ready or a timeout has passed. The HTTP library
+   then calls the handler of the request again, which takes the answer. */
 #pragma once
 
 #include "tesk_exporter/connections.h"
@@ -18,20 +18,20 @@ namespace exporter
 class history_requests
 {
   public:
-    /* The history must outlive this. Without one no request is asked. */
+    /* `history` must outlive this object. Without a history ask() refuses. */
     void use(history_keeper &history)
     {
         history_ = &history;
     }
 
-    /* Suspends the connection until the answer is there; false without a history. */
+    /* Suspends the connection until the answer is ready; false without a history. */
     bool ask(MHD_Connection *http, connection &from, const history_question &asked,
              steady_time now);
-    /* Resumes the requests that have an answer, and those for which it is too late. */
+    /* Resumes the requests that have an answer, and those that have timed out. */
     void resume_answered(steady_time now);
-    /* The answer to a request that was asked; nothing for any other one. */
+    /* The answer to a request of ask(); nothing for any other request. */
     std::optional<history_answer> take(MHD_Connection *http);
-    /* The request has ended. Harmless for any other one. */
+    /* The request has ended. Harmless if ask() wasn't called for it. */
     void forget(MHD_Connection *http)
     {
         waiting_.erase(http);
@@ -44,10 +44,10 @@ class history_requests
 
   private:
     struct request {
-        uint64_t id; /* of the question */
+        uint64_t id; /* id of the question */
         connection *from;
         steady_time deadline;
-        history_answer answer; /* status 0: none yet */
+        history_answer answer; /* status 0: not answered yet */
     };
 
     history_keeper *history_ = nullptr;

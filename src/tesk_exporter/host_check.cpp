@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: split() divides the header into name and port; is_host_allowed() takes the name if
-   it is an address of this socket, a name of the loopback, or one that the operator allows. */
+/* Order of work: split() divides the header into name and port; is_host_allowed() accepts the name
+   if it is an address of this socket, a name of the loopback, or one that the operator allows. */
 #include "tesk_exporter/host_check.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace exporter
 namespace
 {
 struct host_parts {
-    std::string name; /* lower case; without the brackets of IPv6 */
+    std::string name; /* lower case; IPv6 addresses without brackets */
     std::optional<uint16_t> port;
 };
 } // namespace
@@ -48,7 +48,7 @@ static std::optional<host_parts> split(std::string_view host)
     return parts;
 }
 
-/* The address as an IPv6 one, in which IPv4 is mapped; nothing for a local socket. */
+/* The address in IPv6 form, with IPv4 mapped into IPv6; nothing for a local socket. */
 static std::optional<in6_addr> address_of(const sockaddr_storage &local, uint16_t &port)
 {
     if (local.ss_family == AF_INET6) {

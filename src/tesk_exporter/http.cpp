@@ -22,7 +22,7 @@
 namespace exporter
 {
 
-static constexpr size_t connection_memory = 16384; /* of the library for one, headers included */
+static constexpr size_t connection_memory = 16384; /* of the library, headers included */
 static constexpr std::chrono::seconds connections_look_pause{5};
 
 struct http_server::route {
@@ -61,8 +61,8 @@ http_server::http_server(const settings &given, const model &board, const event_
             "the HTTP library doesn't start: allow more open files (ulimit -n)");
 }
 
-/* The library aborts where a suspended connection is left: all are resumed, and none is suspended
-   any more. */
+/* The library aborts if it is stopped with a suspended connection: all are resumed, and no more are
+   suspended. */
 http_server::~http_server()
 {
     is_ending_ = true;
@@ -144,8 +144,8 @@ void http_server::completed(void *server, MHD_Connection *http, void **, MHD_Req
 }
 
 /* The library calls this once with the headers, then for each part of a body, which is ignored, and
-   once at the end: then the request is answered. Other methods are refused at once, before their
-   body is received. */
+   once at the end: the request is answered then. Other methods are refused in the first call,
+   before the body is received. */
 MHD_Result http_server::handle(void *server, MHD_Connection *http, const char *url,
                                const char *method, const char *, const char *, size_t *upload_size,
                                void **state)
@@ -260,7 +260,7 @@ std::optional<uint32_t> http_server::port_argument(MHD_Connection *http) const
     return port_called(text == nullptr ? "" : text);
 }
 
-/* The port that the argument names; null with the status for the refusal. */
+/* The port that the argument names; null, with the status of the refusal, if there is none. */
 const port_state *http_server::port_of(const http_request &request, unsigned &status) const
 {
     const auto number = port_argument(request.http);
@@ -300,7 +300,7 @@ MHD_Result http_server::send_events(const http_request &request)
     return send_json(request, events_json(events_, port->number));
 }
 
-/* The library calls the handler again when the connection is resumed. */
+/* When the connection is resumed, the library calls the handler again. */
 MHD_Result http_server::ask_history(const http_request &request, const history_question &asked)
 {
     if (history_.ask(request.http, request.from, asked, request.now.steady))
@@ -327,7 +327,7 @@ MHD_Result http_server::send_history(const http_request &request)
                                  port_of(request, status) != nullptr});
 }
 
-/* Those of one port are in its file, some kilobytes. */
+/* The falls of one port are in its file of some kilobytes. */
 MHD_Result http_server::send_falls(const http_request &request)
 {
     constexpr size_t usual = 32;
@@ -439,7 +439,7 @@ MHD_Result http_server::answer(const http_request &request, const char *method,
     const auto port_no = is_route ? std::nullopt : port_of_path(path);
     const place kind = is_route ? found->kind : place::page;
     if (kind == place::stream && connections_.taken(kind) >= places[static_cast<size_t>(kind)])
-        readers_.end_gone(); /* frees the places of readers that are gone */
+        readers_.end_gone(); /* frees the places of readers that have disconnected */
     if (!connections_.take_place(request.from, kind, request.now.steady))
         return send_text(request, MHD_HTTP_SERVICE_UNAVAILABLE, "all places are taken");
     if (port_no)

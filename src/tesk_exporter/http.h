@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* http - serves model and events by HTTP, in the main thread, whose loop waits for fd() and calls
-   run(). Nothing here waits: a client that doesn't send its request or doesn't read its answer is
+   run(). No call blocks: a client that doesn't send its request, or doesn't read its answer, is
    disconnected after a time limit, and the memory for all clients is bounded. */
 #pragma once
 
@@ -23,14 +23,15 @@ namespace exporter
 class http_server
 {
   public:
-    /* The arguments must outlive it. Throws std::runtime_error with a text that says what to do. */
+    /* The arguments must outlive this object. Throws std::runtime_error with a text that says what
+       to do. */
     http_server(const settings &given, const model &board, const event_ring &events,
                 exporter_figures &figures, port_details &details);
     ~http_server();
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
 
-    /* Answers from the history, too; `history` must outlive this object. */
+    /* Enables requests for the history; `history` must outlive this object. */
     void use_history(history_keeper &history)
     {
         history_.use(history);
@@ -38,10 +39,9 @@ class http_server
 
     /* Readable when run() must be called. */
     int fd() const;
-    /* The time at which run() must be called even if fd() isn't readable; nothing if there is
-       none. */
+    /* When run() must be called even if fd() isn't readable; nothing if there is no such time. */
     std::optional<steady_time> next_run() const;
-    /* Serves what is ready, without waiting. */
+    /* Serves all ready connections, without blocking. */
     void run();
     /* Writes the new events of the ring to the streams. */
     void continue_streams()
@@ -84,7 +84,7 @@ class http_server
     MHD_Result send_health(const http_request &request);
     MHD_Result send_readiness(const http_request &request);
     MHD_Result send_file(const http_request &request, std::string_view path);
-    /* By number or interface. */
+    /* Finds a port by its number or interface. */
     std::optional<uint32_t> port_called(std::string_view text) const;
     std::optional<uint32_t> port_argument(MHD_Connection *http) const;
     std::optional<uint32_t> port_of_path(std::string_view path) const;
@@ -100,7 +100,7 @@ class http_server
     connection_table connections_;
     history_requests history_;
     event_readers readers_;
-    shared_body bodies_[3]; /* by text_format, and the ports as JSON */
+    shared_body bodies_[3]; /* metrics, by text_format, and the ports as JSON */
     steady_time next_look_{};
     bool was_crowded_ = false;
     bool is_ending_ = false;

@@ -71,7 +71,7 @@ static int priority(const event &happened)
 {
     const auto *server = std::get_if<server_change>(&happened.record);
     if (const auto *fall = std::get_if<fall_fact>(&happened.record))
-        return (*fall)->its.ill.empty() ? 6 : 4; /* the fall itself has a record already */
+        return (*fall)->its.ill.empty() ? 6 : 4; /* the fall itself was recorded before */
     const bool is_bad = (server != nullptr && !server->connected) ||
                         happened.kind == change::down || happened.kind == change::removed ||
                         has_alarm(happened);

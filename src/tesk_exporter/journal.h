@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* journal - writes events to the journal as structured records. A write blocks while the journal's
-   socket is full, so a separate thread writes; a record for which there is no room in the queue is
-   dropped and counted. The destructor interrupts a write that blocks, and drops what is left. */
+   socket is full, so a separate thread writes; if the queue is full, a record is dropped and
+   counted. The destructor interrupts a blocked write, and drops the queued records. */
 #pragma once
 
 #include "tesk_exporter/event_ring.h"
@@ -15,9 +15,9 @@
 namespace exporter
 {
 
-/* The fields of a record, "NAME=value" each: MESSAGE, PRIORITY, and TESK_ with the name of each key
-   of the event's object, but TESK_STATE for the link and TESK_GRADE_ with its name for each grade.
- */
+/* The fields of a record, each as "NAME=value": MESSAGE, PRIORITY, and TESK_ with the name of a key
+   for each key of the event's object; the state of the link is TESK_STATE, and each grade is
+   TESK_GRADE_ with its name. */
 std::vector<std::string> journal_fields(const event &happened);
 
 class journal
@@ -30,7 +30,7 @@ class journal
 
     /* The main thread. Queues a record of the event. */
     void write(const event &happened);
-    /* Records that were lost so far. */
+    /* The number of records that were dropped. */
     uint64_t lost() const
     {
         return lost_;

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: --listen is a path or an address and a port; the socket is made, bound and opened
-   for connections, and where a filter keeps all others away a line says so. */
+/* Order of work: --listen is a path, or an address and a port. The socket is made, bound and opened
+   for connections; if a packet filter keeps other machines away, a line says so. */
 #include "tesk_exporter/listener.h"
 
 #include "util/descriptor.h"
@@ -24,7 +24,7 @@ namespace exporter
 
 static constexpr int backlog = 128;
 static constexpr std::string_view unix_prefix = "unix:";
-/* Bounds the kernel's memory for a client that doesn't read. Accepted sockets inherit it. */
+/* Bounds the kernel's memory for a client that doesn't read. Accepted sockets inherit this size. */
 static constexpr int send_buffer = 256 * 1024;
 
 [[noreturn]] static void fail(const std::string &where, const std::string &why)
@@ -54,8 +54,8 @@ static bool is_wildcard(const sockaddr_storage &address)
     return IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6 &>(address).sin6_addr);
 }
 
-/* The address with which this machine would send to another network; all zeros where it can't. The
-   connect looks for the route and sends nothing. */
+/* The address from which this machine would send to another network; all zeros if it can't.
+   connect() only looks up the route and sends nothing. */
 static sockaddr_storage outer_address()
 {
     sockaddr_storage ours{};
@@ -70,9 +70,9 @@ static sockaddr_storage outer_address()
     return ours;
 }
 
-/* Writes a line where a filter refuses even a packet of this process to its own address, as that of
-   our unit does for all but the loopback: the socket then listens, and no other machine can reach
-   it. A datagram that a filter refuses fails at once, with errno. */
+/* Writes a line if a filter refuses even a packet from this process to its own address, as the
+   filter of our systemd unit does for all addresses but the loopback: no other machine can then
+   reach the socket, although it listens. A refused datagram fails at once, with errno. */
 static void warn_where_filtered(const sockaddr_storage &address, const std::string &where)
 {
     const sockaddr_storage to = is_wildcard(address) ? outer_address() : address;
@@ -97,7 +97,7 @@ static int open_inet(const std::string &where)
     std::string host = where.substr(0, colon);
     if (host.front() == '[' && host.back() == ']')
         host = host.substr(1, host.size() - 2);
-    uint16_t port = 0; /* getaddrinfo takes larger numbers, and cuts them */
+    uint16_t port = 0; /* getaddrinfo accepts larger numbers and truncates them */
     const auto [end, error] =
         std::from_chars(where.data() + colon + 1, where.data() + where.size(), port);
     if (error != std::errc{} || end != where.data() + where.size())
@@ -119,7 +119,7 @@ static int open_inet(const std::string &where)
     return fd;
 }
 
-/* Removes a socket on which no process listens; any other file stays. */
+/* Removes a socket file on which no process listens; any other file stays. */
 static void remove_dead_socket(const sockaddr_un &address)
 {
     struct stat status = {};
@@ -141,7 +141,7 @@ static int open_unix(const std::string &where)
     std::memcpy(address.sun_path, path.data(), path.size());
     remove_dead_socket(address);
     util::descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    /* By the mask, so that the mode is right from the start. No other thread runs yet. */
+    /* umask makes the mode right from the start. There is no other thread yet. */
     const mode_t former = umask(0117);
     try {
         const int fd = listening(std::move(made), reinterpret_cast<const sockaddr *>(&address),

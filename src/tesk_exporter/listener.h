@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* listener - the socket that the exporter listens on. At the start, before other threads run: the
-   mask of new files is changed for a moment. */
+/* listener - the socket that the exporter listens on. Used at the start, before there are other
+   threads, since the umask is changed for a moment. */
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@ namespace exporter
 
 /* Opens a listening socket at "ADDRESS:PORT", with IPv6 addresses in brackets, or "unix:PATH".
    Throws std::runtime_error with a text that says what to do. A socket file on which no process
-   listens is replaced. The file has mode 0660. Writes a line on standard error where a filter keeps
-   other machines from the address, as that of the systemd unit does. */
+   listens is replaced. The file has mode 0660. Writes a line on standard error if a packet filter,
+   such as that of the systemd unit, keeps other machines away from the address. */
 int open_listener(const std::string &where);
 
 /* Removes the socket file of "unix:PATH". */

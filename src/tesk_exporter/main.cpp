@@ -2,9 +2,8 @@
 /* tesk-exporter - serves the state of tesk-server's ports by HTTP.
 
    The main thread holds the whole state, answers by HTTP, and waits for descriptors only. Two
-   threads talk to the server, each with a session of its own, and report to it; others write to
-   the journal and keep the history, where that is wanted, and follow the falls that the board
-   records. */
+   threads have a session with the server each, and report to the main thread. Others write to the
+   journal and keep the history, if that is enabled, and follow the falls that the board records. */
 #include "program/clock.h"
 #include "program/exit_code.h"
 #include "program/recorded_falls.h"
@@ -30,13 +29,14 @@ namespace exporter
 
 static constexpr size_t ring_size = 2048;
 
-/* The process id alone could be that of an earlier process; with the start time it is unique. */
+/* An earlier process may have had the same process id; with the start time the epoch is unique. */
 static std::string new_epoch()
 {
     return fmt::format("{:x}{:x}", now_us(), getpid());
 }
 
-/* Large blocks go back to the system as soon as they are free, and all threads share one arena. */
+/* Large blocks are returned to the system as soon as they are free, and all threads share one
+   arena. */
 static void bound_memory()
 {
     mallopt(M_ARENA_MAX, 1);
@@ -80,7 +80,7 @@ class service
 
     ~service()
     {
-        facts_.close(); /* else a thread that waits for room could not end */
+        facts_.close(); /* otherwise a thread that is blocked in post() could not end */
         falls_.stop();
         collector_.stop();
         refresher_.stop();
@@ -95,8 +95,8 @@ class service
         while (polled[0].revents == 0) {
             take_facts();
             refresh();
-            /* Behind the facts: a stream that they continue is written now, not at the next
-             * wake-up. */
+            /* After the facts are applied: streams that their events resume are written now, not at
+               the next wake-up. */
             http_.run();
             if (poll(polled, std::size(polled), timeout()) < 0 && errno != EINTR)
                 throw std::system_error(errno, std::generic_category(), "poll");
@@ -119,7 +119,7 @@ class service
         figures_.lost_history_records = history_ ? history_->lost() : 0;
         if (events_.next() == seen)
             return;
-        /* A burst may be longer than the ring. */
+        /* If there were more events than the ring holds, the oldest are missing here. */
         for (uint64_t number = std::max(seen, events_.first()); number < events_.next(); number++) {
             if (journal_)
                 journal_->write(events_.at(number));
@@ -130,7 +130,7 @@ class service
         http_.continue_streams();
     }
 
-    /* A reading that the model has taken as one of the module. */
+    /* Passes a reading to the history if the model has accepted it as one of the module. */
     void keep_reading(const fact &reported, const moment &now)
     {
         const auto *read = std::get_if<reading_fact>(&reported);
@@ -180,7 +180,7 @@ static int run(int argc, char **argv)
     if (!given.replay.empty())
         return replay(given.replay, stdout, stderr);
     bound_memory();
-    /* Bounds the time that locating a server that doesn't respond can delay the end of the
+    /* Limits how long the search for a server that doesn't respond can delay the end of the
        program. */
     setenv("MBX_LOCATE_MS", "1000", 0);
     const int signals = blocked_signals();

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* One row for each family, with a function that writes its samples for a port or gives its only
-   value. While the server is away or doesn't answer its values are left out, since they are
-   unknown; counters and ages stay. */
+   value. While the server is away or doesn't answer, its values are unknown and left out; counters
+   and ages stay. */
 #include "tesk_exporter/metrics.h"
 
 #include "program/units.h"
@@ -25,12 +25,12 @@ namespace
 struct scrape {
     metrics_writer &writer;
     steady_time now;
-    const tesk_client_pm *reading; /* of the port; null where there are no values of now */
+    const tesk_client_pm *reading; /* of the port; null without present values */
 };
 
 struct port_family {
     family described;
-    bool needs_server; /* a present state: left out while the server is away */
+    bool needs_server; /* the family shows a present state: left out while the server is away */
     void (*write)(const scrape &to, const port_state &port);
 };
 
@@ -65,8 +65,8 @@ static std::string with_underscores(std::string text)
     return text;
 }
 
-/* The labels of all grades once: measurement="rx_power",grade="low_alarm". A value that a module
-   doesn't support has no grade. */
+/* The labels of all grades, made once: measurement="rx_power",grade="low_alarm". A value that a
+   module doesn't support has no grade. */
 static const std::string &grade_labels(uint32_t measurement, uint32_t level)
 {
     static constexpr uint32_t levels = TESK_CLIENT_LEVEL_NOT_SUPPORTED;
@@ -315,7 +315,7 @@ static double most_descriptors()
     return static_cast<double>(limit.rlim_cur);
 }
 
-/* By the names that all exporters give these. */
+/* With the names that all exporters use for these figures. */
 static constexpr single_family process_families[] = {
     {{"process_cpu_seconds", metric_type::counter, "seconds",
       "Processor time of the exporter, user and system."},
@@ -348,7 +348,7 @@ static void write_forecasts(metrics_writer &writer, const model &board,
                           std::round(each.days_left * 100) / 100);
 }
 
-/* Of causes that were seen, by name. */
+/* Only causes that have occurred have a series. */
 static void write_falls(metrics_writer &writer, const model &board, port_details &details,
                         steady_time now)
 {
@@ -409,7 +409,7 @@ static constexpr single_family exporter_families[] = {
      }},
 };
 
-/* Left out where no history is kept. */
+/* Left out if no history is kept. */
 static constexpr single_family history_families[] = {
     {{"tesk_exporter_history_up", metric_type::gauge, "",
       "Whether the history is open and can be written."},
@@ -444,7 +444,7 @@ std::string render_metrics(const model &board, port_details &details, bool has_l
     const std::vector<metrics_writer> detailed =
         details_texts(board, details, has_lanes, format, now);
     size_t size =
-        16384 + board.ports().size() * 5120; /* at least, as growing would copy megabytes */
+        16384 + board.ports().size() * 5120; /* enough for most boards: growing copies megabytes */
     for (const metrics_writer &text : detailed)
         size += text.size();
     metrics_writer writer(format);

@@ -17,11 +17,11 @@ namespace exporter
 struct exporter_figures {
     std::map<unsigned, uint64_t> responses; /* by HTTP status */
     uint64_t connections = 0;               /* open now */
-    uint64_t streams = 0;                   /* of events, open now */
-    uint64_t ended_connections = 0;         /* too slow, or idle while there were too many */
+    uint64_t streams = 0;                   /* event streams that are open now */
+    uint64_t ended_connections = 0;         /* as too slow, or as idle when there were too many */
     uint64_t events = 0;
     uint64_t lost_journal_records = 0;
-    bool has_history = false;     /* a history is wanted */
+    bool has_history = false;     /* a history is enabled */
     bool is_history_well = false; /* the history is open and can be written */
     uint64_t lost_history_records = 0;
     std::vector<forecast_sample> forecasts;
@@ -29,7 +29,7 @@ struct exporter_figures {
     std::chrono::milliseconds interval{15000};
 };
 
-/* The whole text of /metrics at the time `now`, with the series of lanes where they are wanted. */
+/* The whole text of /metrics at the time `now`, with series of lanes if `has_lanes`. */
 std::string render_metrics(const model &board, port_details &details, bool has_lanes,
                            const exporter_figures &figures, text_format format, steady_time now);
 

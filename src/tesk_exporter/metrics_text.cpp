@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: choose_format() compares what a client accepts; begin() writes the head of a
-   family, and sample() one line. */
+/* Order of work: choose_format() evaluates which formats a client accepts; begin() writes the head
+   of a family, and sample() one line. */
 #include "tesk_exporter/metrics_text.h"
 
 #include "util/escape.h"
@@ -112,7 +112,7 @@ std::string module_labels(const tesk_client_sfp_info &info)
 void metrics_writer::header(std::string_view keyword, std::string_view content)
 {
     text_.append("# ").append(keyword).append(" ").append(name_);
-    /* The older format has no families: it names the series. */
+    /* In the older format a head names the series, not a family. */
     if (format_ == text_format::prometheus)
         text_.append(suffix_);
     text_.append(" ").append(content).append("\n");

@@ -13,24 +13,25 @@ namespace exporter
 
 enum class text_format { prometheus, open_metrics };
 
-/* The format that an Accept header prefers; the former where it has no preference. */
+/* The format that an Accept header prefers; Prometheus if it has no preference. */
 text_format choose_format(std::string_view accept);
 /* The value of the Content-Type header. */
 const char *content_type(text_format format);
 
-/* A text as a label's value: escaped, without the quotes. */
+/* A text as the value of a label: escaped, without quotes. */
 std::string label_value(std::string_view text);
-/* The labels of a module: its texts without the blanks at their ends, escaped as in teskctl's
-   objects first, so that any bytes are valid text. */
+/* The labels of a module: its texts without trailing blanks, first escaped as in teskctl's objects,
+   so that any bytes give valid text. */
 std::string module_labels(const tesk_client_sfp_info &info);
 
 enum class metric_type { gauge, counter, info, histogram };
 
-/* One metric family. The name has neither "_total" nor "_info"; a unit is its end. */
+/* One metric family. The name ends neither in "_total" nor in "_info"; if there is a unit, the name
+   ends in it. */
 struct family {
     const char *name;
     metric_type type;
-    const char *unit; /* "" where there is none */
+    const char *unit; /* "" without a unit */
     const char *help;
 };
 
@@ -40,10 +41,10 @@ class metrics_writer
     explicit metrics_writer(text_format format) : format_(format)
     {
     }
-    /* Begins a family: the samples that follow belong to it. */
+    /* Begins a family: the following samples belong to it. */
     void begin(const family &described);
-    /* A sample of the family. Each part of the labels is a list, or empty. `suffix` follows the
-       name of the family, by default that of its type. */
+    /* Writes a sample of the family. Each part of the labels is a list, or empty. `suffix` follows
+       the family's name; its default depends on the type. */
     void sample(std::string_view labels, double value)
     {
         sample(suffix_, labels, {}, value);
@@ -54,7 +55,7 @@ class metrics_writer
     }
     void sample(std::string_view suffix, std::string_view labels, std::string_view more_labels,
                 double value);
-    /* The families of another text in the same format. */
+    /* Adds the families of another text of the same format. */
     void append(const metrics_writer &other)
     {
         text_ += other.text_;
@@ -63,7 +64,7 @@ class metrics_writer
     {
         return text_.size();
     }
-    /* The whole text. */
+    /* Returns the whole text. */
     std::string finish();
     void reserve(size_t size)
     {

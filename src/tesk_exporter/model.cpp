@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* While the server is away the last state is kept, so that the page can show it; the metrics leave
-   it out. The first indications after a connection are "initial" even where they differ from what
-   was known: changes in between aren't known. */
+/* While the server is away, the last state is kept for the page; the metrics leave it out. The
+   first indications after a connection are "initial" even if they differ from the last state, since
+   the changes in between are not known. */
 #include "tesk_exporter/model.h"
 
 #include "program/moved_values.h"
@@ -34,9 +34,9 @@ bool has_module(const port_state &port)
     return port.info && is_readable(*port.info);
 }
 
-/* The server's indication has one word for an empty port and for a module that isn't ready or can't
-   be read, and none comes of a module that stops being ready. The history and a read of the values
-   distinguish them. */
+/* The server's indication doesn't distinguish an empty port from a module that isn't ready or can't
+   be read, and no indication is sent when a module stops being ready. The history and a read of the
+   values distinguish them. */
 static bool is_not_ready(const port_state &port)
 {
     if (port.presence == TESK_CLIENT_PRESENCE_NOT_READY)
@@ -94,8 +94,8 @@ static std::string labels_of(uint32_t number, const std::string &interface)
     return labels;
 }
 
-/* The port, made where it is new; null where it isn't followed any more, since a report may have
-   been under way. */
+/* The port, created if it is new; null if it isn't followed any more, as the report may have been
+   in the queue by then. */
 port_state *model::wanted(uint32_t number)
 {
     const auto interface = interfaces_.find(number);
@@ -138,7 +138,7 @@ void model::take(const connection_fact &reported, const moment &now)
         for (auto &[number, port] : ports_) {
             port.is_info_initial = port.is_status_initial = true;
             port.is_answering = false;
-            port.presence.reset(); /* by the history of the former server */
+            port.presence.reset(); /* it came from the history of the previous server */
         }
     }
     if (!reported.connected || connections > 1)
@@ -156,12 +156,12 @@ void model::take(const tesk_client_sfp_info &info, const moment &now)
     known.indicated = info;
     known.is_answering = false;
     if (is_readable(info))
-        known.presence.reset(); /* the history's entry is older */
+        known.presence.reset(); /* the entry in the history is older */
     if (!show_module(known, is_initial, now) && is_initial)
         events_.add({0, now.wall_us, change::initial, *known.info, known.interface});
 }
 
-/* Shows the module by what is known of it, and reports whether that changes anything. */
+/* Shows the module by all that is known of it, and reports a change. */
 bool model::show_module(port_state &known, bool is_initial, const moment &now)
 {
     tesk_client_sfp_info info = *known.indicated;
@@ -177,7 +177,7 @@ bool model::show_module(port_state &known, bool is_initial, const moment &now)
     events_.add({0, now.wall_us, kind, info, known.interface});
     known.changed_us = is_initial ? known.changed_us : now.wall_us;
     known.info = info;
-    /* The values and grades were those of the former module. */
+    /* Values and grades were those of the previous module. */
     known.reading.reset();
     known.graded_values.reset();
     known.unread.clear();
@@ -186,7 +186,7 @@ bool model::show_module(port_state &known, bool is_initial, const moment &now)
     return true;
 }
 
-/* An answer of the history may come before the first indication. */
+/* An answer with the history may be received before the first indication. */
 void model::take(const presence_fact &reported, const moment &now)
 {
     const auto found = ports_.find(reported.port_no);
@@ -205,7 +205,7 @@ void model::take(const tesk_client_port_status &status, const moment &now)
     port_state &known = *found;
     known.status_indications++;
     known.graded_at = now.steady;
-    known.graded_values.reset(); /* the collector reads the port right now */
+    known.graded_values.reset(); /* the collector is about to read the port */
     const bool is_initial = std::exchange(known.is_status_initial, false) || !known.status;
     if (is_initial || !is_same(*known.status, status)) {
         const change kind = is_initial ? change::initial : link_change(*known.status, status);
@@ -228,7 +228,7 @@ void model::take(const reading_fact &reported, const moment &now)
         show_module(known, true, now);
     known.unread.clear();
     if (known.info && !has_module(known))
-        return; /* the values of a module that isn't ready are not reliable */
+        return; /* the values of a module that isn't ready are unreliable */
     known.reading = reported.pm;
     known.read_at = now.steady;
     if (!known.graded_values)
@@ -253,7 +253,7 @@ void model::take(const unread_fact &reported, const moment &now)
     known.unread = escape(reported.text);
 }
 
-/* Only the grades are taken over: the link comes from the collector's subscription. */
+/* Takes the grades only: the state of the link comes from the collector's subscription. */
 void model::take(const grades_fact &reported, const moment &now)
 {
     is_refreshing_ = false;

@@ -23,24 +23,24 @@ struct moment {
 
 struct port_state {
     uint32_t number;
-    std::string interface;     /* escaped; empty where it isn't known */
+    std::string interface;     /* escaped; empty if not known */
     std::string labels;        /* port="3",interface="eth0" */
-    std::string module_labels; /* vendor="...",... of the module that is in it; empty without one */
+    std::string module_labels; /* vendor="...",... of the port's module; empty without one */
 
-    /* The module as it is shown: the server's last indication, or one without texts whose type is
-       module_not_ready. */
+    /* The module as it is shown: the server's last indication, or, with the type module_not_ready,
+       an info without texts. */
     std::optional<tesk_client_sfp_info> info;
     std::optional<tesk_client_sfp_info> indicated; /* that indication */
-    /* The module's last presence in the server's history; nothing where no change was seen. */
+    /* The module's last presence in the server's history; nothing if no change was seen. */
     std::optional<uint32_t> presence;
-    bool is_answering = false; /* by the last read of its values there is a module */
+    bool is_answering = false; /* the last read of values showed that a module is present */
     std::optional<tesk_client_port_status> status;
     std::optional<tesk_client_pm> reading;
-    std::string unread; /* why the last read failed, escaped; empty after one that succeeded */
-    /* When the values were read or, where they never were, when the module was found. */
+    std::string unread; /* why the last read failed, escaped; empty if it succeeded */
+    /* When the values were read, or, before the first read, when the module was found. */
     steady_time read_at;
     steady_time graded_at;
-    /* The values that the grades were given for: those of the first reading after them. */
+    /* The values that belong to the grades: those of the first reading after the grades came. */
     std::optional<tesk_client_pm> graded_values;
     steady_time refreshed_at; /* when a refresh was last requested */
 
@@ -48,14 +48,14 @@ struct port_state {
     bool is_info_initial = true;
     bool is_status_initial = true;
 
-    uint64_t link_changes = 0; /* that were seen */
+    uint64_t link_changes = 0; /* changes that were seen */
     uint64_t sfp_indications = 0;
     uint64_t status_indications = 0;
-    uint64_t changed_us = 0; /* the last change, wall clock; 0: none */
+    uint64_t changed_us = 0; /* wall clock of the last change; 0: no change */
     plots values;
 };
 
-/* Round trips of reads. */
+/* Counts round trips of reads. */
 struct latency_histogram {
     /* Upper limits in seconds; one more bucket has no limit. */
     static constexpr double limits[] = {0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005,
@@ -72,18 +72,18 @@ bool has_module(const port_state &port);
 class model
 {
   public:
-    /* Values are read at the interval; those that are older than some of it are none of now. */
+    /* Values are read at the interval; values older than a few intervals don't count as present. */
     explicit model(event_ring &events,
                    std::chrono::milliseconds interval = std::chrono::seconds(15))
         : events_(events), longest_age_(3 * interval + std::chrono::seconds(10))
     {
     }
 
-    /* Takes a fact in; changes go into the ring of events. */
+    /* Applies a fact; changes are added to the ring of events. */
     void apply(const fact &reported, const moment &now);
 
-    /* The port whose grades are to be refreshed now, if any: by the rules of refresh_rules.h. The
-       caller must then request it, as the model notes the refresh as made. */
+    /* The port whose grades are to be refreshed now, if any, by the rules of refresh_rules.h. The
+       caller must then request the refresh, as the model records it as made. */
     std::optional<uint32_t> choose_refresh(steady_time now);
 
     const std::map<uint32_t, port_state> &ports() const
@@ -99,18 +99,18 @@ class model
     {
         return is_connected_;
     }
-    /* When the last state of the board was known, wall clock: the present unless the server is
-       away; 0 where it was never there. */
+    /* When the last state of the board was known, by the wall clock: now, unless the server is
+       away; 0 if it was never connected. */
     uint64_t known_us(const moment &now) const
     {
         return is_up() ? now.wall_us : answered_us_;
     }
-    /* The measured values of a port as of now; null where they are too old, or not known. */
+    /* The present measured values of a port; null if they are too old or not known. */
     const tesk_client_pm *values_of(const port_state &port, steady_time now) const
     {
         return port.reading && now - port.read_at <= longest_age_ ? &*port.reading : nullptr;
     }
-    /* All ports have been read since the connection. */
+    /* All ports have been read since the connection was made. */
     bool is_ready() const
     {
         return is_up() && is_read_;
@@ -126,7 +126,7 @@ class model
     uint64_t connections = 0;
     uint64_t refreshes = 0;
     uint64_t failed_refreshes = 0;
-    std::array<uint64_t, TESK_CLIENT_FAILED + 1> failed_reads{}; /* by tesk_client_result */
+    std::array<uint64_t, TESK_CLIENT_FAILED + 1> failed_reads{}; /* indexed by tesk_client_result */
     latency_histogram latency;
 
   private:
@@ -149,7 +149,7 @@ class model
     const steady_clock::duration longest_age_;
     fall_log falls_;
     std::map<uint32_t, port_state> ports_;
-    std::map<uint32_t, std::string> interfaces_; /* of the ports that are followed */
+    std::map<uint32_t, std::string> interfaces_; /* interfaces of the ports that are followed */
     bool is_connected_ = false;
     bool is_answering_ = false;
     bool is_read_ = false;

@@ -17,7 +17,7 @@
 namespace exporter
 {
 
-/* Whether the text is an address or a network, as in 192.0.2.0/24. */
+/* Whether the text is an address, or a network such as 192.0.2.0/24. */
 static bool is_network(const std::string &text)
 {
     const size_t slash = text.find('/');
@@ -49,8 +49,9 @@ static int wrong_drop_in(const char *what)
     return static_cast<int>(exit_code::usage);
 }
 
-/* Both halves of what another address needs: the option, and an exception from the unit's filter,
-   for the address itself, too, so that the check of listener.cpp passes. */
+/* Prints both parts that listening on another address needs: the option, and an exception from the
+   unit's filter. The exception also contains the address itself, so that the check in listener.cpp
+   passes. */
 static int print_drop_in(const std::string &listen, std::string clients)
 {
     std::string address = listen.substr(0, listen.rfind(':'));
@@ -75,7 +76,7 @@ static int print_drop_in(const std::string &listen, std::string clients)
 
 namespace
 {
-/* What the command line has in another form than the settings. */
+/* Options whose form on the command line differs from that in the settings. */
 struct words {
     std::vector<std::string> ports;
     double interval = 15;

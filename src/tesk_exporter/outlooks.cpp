@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: feed() gives each step to the forecast of its module; settle() asks for what holds
-   now, and compares that with what was announced. */
+/* Order of work: feed() passes each step to the forecast of its module; settle() asks for the
+   present forecasts, and compares them with those announced. */
 #include "tesk_exporter/outlooks.h"
 
 #include "tesk_exporter/forecast_json.h"
@@ -17,7 +17,8 @@
 namespace exporter
 {
 
-/* Modules that came and went; a module's state takes some KiB for each lane. */
+/* The most modules with a forecast, as modules come and go; the state of one takes some KiB for
+   each lane. */
 static constexpr size_t most_followed = 1024;
 static constexpr double a_day = 86400;
 static constexpr int64_t longest_silence = int64_t{2} * 86400;
@@ -59,7 +60,7 @@ static std::vector<forecast::lane_reading> lanes_of(const history::row &values)
     return lanes;
 }
 
-/* The lane and quantity that key_text() writes: "LANE QUANTITY". */
+/* The lane and quantity in a text of key_text(): "LANE QUANTITY". */
 static std::optional<std::pair<int, forecast::quantity>> lane_and_quantity(std::string_view key)
 {
     int lane = 0, what = 0;
@@ -83,7 +84,7 @@ static std::string limits_text(const outlooks::module_limits &own)
     return text;
 }
 
-/* Limits behind a missing number stay 0. */
+/* If a number is missing, it and the limits after it stay 0. */
 static outlooks::module_limits limits_in(const std::string &text)
 {
     outlooks::module_limits own{};
@@ -95,7 +96,7 @@ static outlooks::module_limits limits_in(const std::string &text)
     return own;
 }
 
-static constexpr char limits_key[] = "limits"; /* beside the keys of forecasts */
+static constexpr char limits_key[] = "limits"; /* a key like those of forecasts */
 
 void outlooks::know_limits(history::chronicle &kept, uint32_t port, const module_limits &own)
 {
@@ -126,7 +127,7 @@ void outlooks::feed(const history::place &of, int64_t time, const history::recor
                             own->second[static_cast<size_t>(i)]);
     std::vector<forecast::report> reports;
     its.port.feed({.time = time,
-                   .has_link = read.link >= 50, /* unknown is more, too */
+                   .has_link = read.link >= 50, /* an unknown share is larger than 50, too */
                    .has_module = true,
                    .serial = of.serial,
                    .temperature_c = value_at(read.middle, 0),
@@ -139,7 +140,7 @@ void outlooks::feed(const history::place &of, int64_t time, const history::recor
             reasons_[{of.id, told.lane, told.value}] = told.reason;
 }
 
-/* A value that can't be read for two days ends its forecast. */
+/* If a value can't be read for two days, its forecast ends. */
 void outlooks::look(int64_t present)
 {
     active_.clear();
@@ -160,14 +161,14 @@ static std::string key_text(int lane, forecast::quantity value)
     return fmt::format("{} {}", lane, static_cast<int>(value));
 }
 
-/* Hours where steps are gone, then steps. Returns the end of the history. */
+/* Feeds hours where steps were dropped, then steps. Returns the time of the history's end. */
 int64_t outlooks::feed_all(history::chronicle &kept, const std::function<bool()> &must_stop)
 {
     const auto length = [](history::level of) {
         return history::level_length[of] * history::level_seconds[of];
     };
     const int64_t end = kept.time().start(), first_step = end - length(history::step_rows);
-    int64_t present = 0; /* the number of the rows that come; thousands of rows have the same */
+    int64_t present = 0; /* time of the rows being read; thousands of rows have the same */
     bool is_over = false;
     const auto take = [&](history::level of) {
         return [&, of](int64_t number, int64_t id, const history::record &read) {
@@ -215,7 +216,7 @@ void outlooks::restore(history::chronicle &kept, const std::function<bool()> &mu
     }
 }
 
-/* A forecast holds while its module is in its port; where that isn't known yet, it stays. */
+/* A forecast holds while its module is in its port; if that isn't known yet, the forecast stays. */
 static bool is_there(const history::chronicle &kept, int64_t id)
 {
     const auto place = kept.places().find(id);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A slot's number is the time divided by its length, and its place in the ring that number modulo
-   the ring's size. Slots in which nothing is read are emptied when the next value comes. */
+/* A slot's number is the time divided by the slot's length; modulo the ring's size it is the slot's
+   place in the ring. Slots without a reading are emptied when the next value is added. */
 #include "tesk_exporter/plots.h"
 
 #include "program/units.h"
@@ -22,7 +22,7 @@ static int16_t store(bool has, double value)
     return static_cast<int16_t>(std::lround(std::clamp(value, -32767.0, 32767.0)));
 }
 
-/* No light has no logarithm, and is absent. */
+/* A power without light has no logarithm and is stored as absent. */
 static int16_t store_power(bool has, uint32_t microwatts)
 {
     const auto dbm = has ? to_dbm(microwatts) : std::nullopt;
@@ -36,7 +36,7 @@ static plots::slot stored(const tesk_client_pm &pm)
             store(pm.has_tx_bias, pm.tx_bias)};
 }
 
-/* Empties the slots between the newest one and `number`, which becomes the newest. */
+/* Empties the slots between the newest one and slot `number`, which becomes the newest. */
 template <typename ring_type, typename slot_type>
 static void advance_ring(ring_type &ring, uint64_t &end, uint64_t number, const slot_type &empty)
 {
@@ -75,7 +75,7 @@ void plots::add(const tesk_client_pm &pm, uint64_t now_s)
     }
 }
 
-/* The slot of `number`, or the empty one where the ring doesn't hold it. */
+/* The slot with this number; `empty` if the ring doesn't contain it. */
 template <typename ring_type, typename slot_type>
 static slot_type slot_at(const ring_type &ring, uint64_t end, uint64_t number, size_t age,
                          const slot_type &empty)

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* plots - the measured values of one port over the last day in fixed memory. Main thread only.
 
-   The last hour is kept in slots of 15 s, which hold the last value that was read in them; the last
-   day in slots of 10 minutes, which hold the least and the greatest one, so that a short dip
-   remains visible. Values are 16-bit: 10 bytes a short slot, 20 a long one, 5280 for a port, which
-   are taken when its first value comes. */
+   The last hour is kept in slots of 15 s, each with the last value that was read in it; the last
+   day in slots of 10 minutes, each with the least and the greatest value, so that a short dip
+   remains visible. Values have 16 bits: 10 bytes for a short slot, 20 for a long one, 5280 for a
+   port, which are allocated with its first value. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"
@@ -17,14 +17,14 @@
 namespace exporter
 {
 
-/* The plotted values, each the index into a slot. */
+/* The plotted values; each is an index into a slot. */
 enum plotted : size_t {
     plotted_tx_power,    /* 0.01 dBm */
     plotted_rx_power,    /* 0.01 dBm */
     plotted_temperature, /* 0.1 degrees Celsius */
     plotted_voltage,     /* 1 mV */
     plotted_bias,        /* 0.01 mA, up to 327.67 */
-    plotted_values,      /* how many there are */
+    plotted_values,      /* number of plotted values */
 };
 
 class plots
@@ -42,22 +42,22 @@ class plots
         slot greatest;
     };
 
-    /* Takes values in. `now_s` is any clock that never goes back. */
+    /* Adds a reading. `now_s` is in seconds of any clock that never goes back. */
     void add(const tesk_client_pm &pm, uint64_t now_s);
 
-    /* The slot that is `age` slots older than the one of `now_s`; absent values where nothing was
-       read in it, or where it is too old. */
+    /* The slot that is `age` slots older than that of `now_s`; its values are absent if nothing was
+       read then, or if the slot is too old. */
     slot hour(uint64_t now_s, size_t age) const;
     range day(uint64_t now_s, size_t age) const;
 
-    /* A stored number in the unit of teskctl's keys. */
+    /* Converts a stored number to the unit of teskctl's key. */
     static double in_unit(plotted value, int16_t stored);
 
   private:
     struct rings {
         std::array<slot, hour_slots> hour;
         std::array<range, day_slots> day;
-        uint64_t hour_end; /* the number of the newest slot */
+        uint64_t hour_end; /* number of the newest slot */
         uint64_t day_end;
     };
     void advance(uint64_t now_s);

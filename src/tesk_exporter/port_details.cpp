@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A record isn't cleared before it is read: of its pages most have nothing in them and need no
-   memory then. */
+/* The record isn't cleared before it is read: most of its pages stay untouched and need no
+   memory. */
 #include "tesk_exporter/port_details.h"
 
 #include <algorithm>
@@ -29,7 +29,7 @@ std::unique_ptr<const dolm_ric_details_record> port_details::read(uint32_t port_
     return record;
 }
 
-/* The total of a port starts anew with its board. */
+/* A port's total cost starts again from 0 with its board. */
 std::optional<double> port_details::share_of_time(const costs &totals, steady_time now)
 {
     constexpr std::chrono::seconds shortest{10};

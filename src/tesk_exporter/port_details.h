@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* port_details - the details of the ports that the board publishes. No record is kept: one has 20
-   kB, and has mostly changed between two scrapes. Main thread only. */
+/* port_details - the details of the ports that the board publishes. No record is stored: a record
+   has 20 kB and has usually changed between two scrapes. Main thread only. */
 #pragma once
 
 #include "tesk_client/tesk_details.h"
@@ -17,8 +17,8 @@ namespace exporter
 class port_details
 {
   public:
-    /* The port's record as it is now; null with the reason in result() where there is none. Of its
-       lanes and rows of VDM only those that it counts have been written. */
+    /* The port's present record; if there is none, null, with the reason in result(). Only as many
+       lanes and VDM rows are filled as the record says. */
     std::unique_ptr<const dolm_ric_details_record> read(uint32_t port_no);
     /* The result of the last call. */
     tesk_details_result result() const
@@ -26,11 +26,10 @@ class port_details
         return result_;
     }
 
-    /* The total cost of reading: ns, by the number of the port. */
+    /* The total cost of reading, in ns, by port number. */
     using costs = std::map<uint32_t, int64_t>;
-    /* The share of the time that readings took, all ports together, between two calls that lay ten
-       seconds or more apart; nothing before the second one. A port that wasn't there at both
-       doesn't count. */
+    /* The share of the time that readings of all ports took between two calls at least ten seconds
+       apart; nothing before the second call. A port counts only if it existed at both calls. */
     std::optional<double> share_of_time(const costs &totals, steady_time now);
 
   private:

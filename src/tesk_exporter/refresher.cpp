@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: request() names a port and wakes the thread, which connects, subscribes, takes the
-   first indication and its grades, and closes the session. */
+   grades from the first indication, and closes the session. */
 #include "tesk_exporter/refresher.h"
 
 #include <utility>

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* refresher - has the server grade a port again: it connects a session, subscribes to the port's
-   status, takes the first indication, and closes the session. The close ends the subscription, also
-   if an answer came too late or not at all. The sessions belong to a thread of their own, since a
-   thread has at most one. */
+/* refresher - makes the server grade a port again: it connects a session, subscribes to the port's
+   status, takes the first indication, and closes the session. Closing ends the subscription, even
+   if an answer is late or missing. The sessions belong to a thread of their own, since a thread can
+   have only one. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -17,7 +17,7 @@ namespace exporter
 class refresher
 {
   public:
-    /* Starts at once. `facts` must outlive it. */
+    /* Starts at once. `facts` must outlive the refresher. */
     explicit refresher(fact_queue &facts);
     ~refresher();
     refresher(const refresher &) = delete;
@@ -25,7 +25,7 @@ class refresher
 
     /* Requests the grades of a port, one port at a time: a grades_fact follows in any case. */
     void request(uint32_t port_no);
-    /* As that of the collector. */
+    /* See collector::stop(). */
     void stop()
     {
         thread_.stop();

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: replay() finds the files; replayed_file reads one line after the other: what the
-   file says of its port, its columns, then rows, each of which is fed to the forecast. */
+/* Order of work: replay() finds the files; replayed_file reads line by line: the header with the
+   port, the columns, then rows, each of which is fed to the forecast. */
 #include "tesk_exporter/replay.h"
 
 #include "forecast/forecast.h"
@@ -65,7 +65,7 @@ static constexpr std::pair<std::string_view, double forecast::lane_reading::*> l
     {"bias_ma_", &forecast::lane_reading::bias_ma},
     {"error_ratio_", &forecast::lane_reading::error_ratio}};
 
-/* The whole text as a finite number. */
+/* The number, if the whole text is a finite one. */
 static std::optional<double> number_in(std::string_view text)
 {
     double number = 0;
@@ -75,7 +75,7 @@ static std::optional<double> number_in(std::string_view text)
     return number;
 }
 
-/* The text up to the separator, which is taken off. */
+/* Removes the text up to the separator, and returns it. */
 static std::string_view next_part(std::string_view &rest, char separator)
 {
     const size_t end = std::min(rest.find(separator), rest.size());
@@ -112,7 +112,7 @@ class replayed_file
         port_ = name.substr(0, name.find('.'));
     }
 
-    /* False: it was unreadable, or ended too early. */
+    /* False: the file was unreadable, or ended too early. */
     bool run()
     {
         line_source source{gzopen(path_.c_str(), "rb")};
@@ -158,7 +158,7 @@ class replayed_file
                 return;
     }
 
-    /* The kinds are few, so that a bad file can't fill the terminal. */
+    /* There are few kinds of complaint, so that a bad file can't flood the terminal. */
     void complain(const std::string &kind, std::string_view detail = {})
     {
         if (complaints_[kind]++ > 0)

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* In the order of the header. The library releases the last owner of a body inside its calls. */
+/* The functions are in the order of the header. The library releases the last owner of a body
+   inside its calls. */
 #include "tesk_exporter/response.h"
 
 #include <utility>
@@ -51,7 +52,7 @@ response file_response(web_files::file &&file)
 {
     MHD_Response *made = MHD_create_response_from_fd64(file.size, file.opened.get());
     if (made != nullptr)
-        file.opened.release(); /* owned by the answer now */
+        file.opened.release(); /* the answer owns the descriptor now */
     return finished(made, file.type);
 }
 
@@ -67,7 +68,7 @@ static response body_response(std::string text, const char *content_type)
         body.get());
     if (made == nullptr)
         return {};
-    static_cast<void>(body.release()); /* owned by the answer now */
+    static_cast<void>(body.release()); /* the answer owns the body now */
     live_bodies++;
     return finished(made, content_type);
 }

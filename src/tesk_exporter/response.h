@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* response - the HTTP library's answers, which are released with their last owner, and bodies that
-   the answers of a short while share. Main thread only. */
+/* response - answers for the HTTP library, which are released with their last owner, and bodies
+   that several answers share for a short time. Main thread only. */
 #pragma once
 
 #include "tesk_exporter/facts.h"
@@ -21,26 +21,26 @@ struct response_release {
     }
 };
 
-/* Empty where there is no memory for the response. The library holds a reference to one that is
-   queued. */
+/* Empty if there is no memory for the response. The library holds a reference to a queued
+   response. */
 using response = std::unique_ptr<MHD_Response, response_release>;
 
-/* Takes over a response of the library, and adds the headers of all answers. */
+/* Takes ownership of a response of the library, and adds the headers that all answers have. */
 response finished(MHD_Response *made, const char *content_type);
 response text_response(const std::string &text, const char *content_type);
 response file_response(web_files::file &&file);
 void add_header(const response &to, const char *name, const char *value);
 
-/* A body that is rendered at most once in a short while, since rendering takes the most time: a
+/* A body that is rendered at most once in longest_age, since rendering takes the most time: a
    thousand scrapes a second need a few renderings. A body exists until its slowest reader has
-   received it; while too many exist, the newest is sent again, however old it is. */
+   received it; while too many bodies exist, the newest one is sent again, however old it is. */
 class shared_body
 {
   public:
-    /* How old a body may be that is sent. */
+    /* An older body is not sent, but rendered again. */
     static constexpr std::chrono::milliseconds longest_age{250};
 
-    /* The body, of `render` where there is none that is young enough; null without memory. */
+    /* The body; rendered by `render` if no stored one is young enough; null without memory. */
     MHD_Response *get(steady_time now, const char *content_type,
                       const std::function<std::string()> &render);
     /* Releases a body that is too old. */

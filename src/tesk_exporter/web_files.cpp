@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the constructor lists the files of known types; open() opens one of those, if it
-   is a regular file. */
+/* Order of work: the constructor lists the files of known types; open() opens a listed file, if it
+   is a regular one. */
 #include "tesk_exporter/web_files.h"
 
 #include <dirent.h>
@@ -32,7 +32,7 @@ static const char *type_of(std::string_view name)
 web_files::web_files(const std::string &folder)
     : folder_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
 {
-    /* A descriptor of its own, since reading moves its position. */
+    /* A descriptor of its own, since reading the folder changes the descriptor's position. */
     const std::unique_ptr<DIR, int (*)(DIR *)> listed(opendir(folder.c_str()), closedir);
     while (const dirent *entry = listed ? readdir(listed.get()) : nullptr)
         if (const char *type = type_of(entry->d_name))

@@ -20,18 +20,19 @@ class web_files
     struct file {
         util::descriptor opened;
         uint64_t size;
-        const char *type; /* of the content */
+        const char *type; /* media type of the content */
     };
 
-    /* Lists the regular files of a folder that have a type which pages use; subfolders are left
-       alone. A folder that can't be read has none. */
+    /* Lists the regular files of a folder whose type pages use; subfolders are ignored. A folder
+       that can't be read counts as empty. */
     explicit web_files(const std::string &folder);
 
     bool empty() const
     {
         return types_.empty();
     }
-    /* Opens the file of a request's path: "/" is index.html. Nothing where there is none. */
+    /* Opens the file for the path of a request: "/" is index.html. Nothing if there is no such
+       file. */
     std::optional<file> open(std::string_view path) const;
 
   private:

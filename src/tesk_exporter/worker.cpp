@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: start() makes the thread; wait() returns when its descriptor is readable, or
-   must_stop() became true; stop() interrupts whatever call the thread is in, and joins it. */
+/* Order of work: start() makes the thread; wait() returns when the descriptor is readable, or
+   must_stop() became true; stop() interrupts the system call in which the thread is blocked, if
+   any, and joins it. */
 #include "tesk_exporter/worker.h"
 
 #include "util/poll.h"
@@ -22,7 +23,7 @@ worker::~worker()
     stop();
 }
 
-/* Without SA_RESTART, so that the call in which the signal arrives returns. */
+/* Without SA_RESTART, so that the interrupted call returns. */
 static void make_signal_interrupt()
 {
     struct sigaction action = {};
@@ -33,14 +34,15 @@ static void make_signal_interrupt()
 void worker::start(std::function<void()> body)
 {
     make_signal_interrupt();
-    /* noexcept: the task would keep an exception, and the end of the thread go unnoticed. */
+    /* noexcept: otherwise the task would store an exception, and nobody would notice the thread's
+       end. */
     std::packaged_task<void()> task([body = std::move(body)]() noexcept { body(); });
     end_ = task.get_future();
     thread_ = std::thread(std::move(task));
 }
 
 /* The descriptor stays readable, so that every later wait returns at once. A signal that arrives
-   just before a system call doesn't interrupt it, so it is repeated. */
+   just before a system call doesn't interrupt the call, so signals are sent repeatedly. */
 void worker::stop()
 {
     stop_.signal();

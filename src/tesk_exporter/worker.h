@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* worker - a thread that waits for descriptors and is stopped through one. A library may keep it in
-   a system call that no descriptor ends, as the journal's does: SIGUSR1 interrupts that. */
+/* worker - a thread that waits for descriptors and is stopped through one. A library may block it
+   in a system call that no descriptor ends, such as a write to the journal: SIGUSR1 interrupts that
+   call. */
 #pragma once
 
 #include "util/event.h"
@@ -25,20 +26,20 @@ class worker
     worker &operator=(const worker &) = delete;
 
     void start(std::function<void()> body);
-    /* Any thread. Requests the stop and joins the thread. Harmless a second time. A system call
-       in which the thread waits meanwhile fails with EINTR. */
+    /* Any thread. Requests the stop and joins the thread. A second call is harmless. If the thread
+       is in a system call, the call fails with EINTR. */
     void stop();
 
     /* The functions below are called by the body. */
     bool must_stop() const;
-    /* Waits until `fd` is readable (-1: none), until the time is over, or for the stop. True where
-       the descriptor is readable. */
+    /* Waits until `fd` is readable (-1: no descriptor), until the time is over, or for the stop.
+       Returns true if the descriptor is readable. */
     bool wait(int fd, std::chrono::milliseconds at_most) const;
 
   private:
     const util::event stop_;
     std::thread thread_;
-    std::future<void> end_; /* of the body */
+    std::future<void> end_; /* the end of the body */
 };
 
 } // namespace exporter

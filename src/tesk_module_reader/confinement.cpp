@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The filter checks the number of the system call and, for ioctl, the command, a 32-bit number in
-   the lower half of the second argument. It can't read memory behind a pointer: the ethtool command
-   and the address on a bus are checked by the code only. */
+   the lower half of the second argument. The filter can't read memory behind a pointer: only the
+   code checks the ethtool command and the address on a bus. */
 #include "tesk_module_reader/confinement.h"
 
 #include <cerrno>
@@ -26,8 +26,9 @@ namespace module_reader
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/* Drops all rights but a permitted CAP_NET_ADMIN. Reducing the bounding set, which limits programs
-   started later, needs a right of its own and may fail; PR_SET_NO_NEW_PRIVS covers that case. */
+/* Drops all rights except that CAP_NET_ADMIN stays permitted. Reducing the bounding set, which
+   limits programs started later, needs another right and may fail; PR_SET_NO_NEW_PRIVS covers that
+   case. */
 void keep_net_admin_only()
 {
     __user_cap_header_struct head = {.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
@@ -116,7 +117,8 @@ static std::vector<sock_filter> make_filter()
     return filter;
 }
 
-/* The run-time libraries of sanitizers and coverage make calls of their own. */
+/* The run-time libraries of sanitizers and coverage make other system calls, so the filter is not
+   installed with them. */
 void allow_requests_only()
 {
     if constexpr (has_run_time_library)

@@ -6,12 +6,12 @@
 namespace module_reader
 {
 
-/* Keeps CAP_NET_ADMIN, if the process has it, and no other right; no program that it might start
-   gets any. Throws a std::system_error. */
+/* Keeps CAP_NET_ADMIN, if the process has it, and drops all other rights; programs started by the
+   process get none. Throws a std::system_error. */
 void keep_net_admin_only();
 
-/* From now on the process can use the sockets and buses that it has open, and exit. The kernel ends
-   it at any other system call. Throws a std::system_error. */
+/* From this call on the process can only use its open sockets and buses, and exit. Any other system
+   call makes the kernel end it. Throws a std::system_error. */
 void allow_requests_only();
 
 } // namespace module_reader

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the table is a mapped file with a number for each port; find() gives the interface
-   that a port had, if the hash of its name is still the one that was noted. */
+/* Order of work: the table is a mapped file with an entry for each port; find() returns the
+   interface that a port had, if the stored hash of its name is still the same. */
 #include "tesk_module_reader/known_interfaces.h"
 
 #include "util/descriptor.h"
@@ -20,7 +20,7 @@ namespace module_reader
 
 static constexpr size_t table_size = size_t{known_interfaces::most_ports} * 2 * sizeof(int32_t);
 
-/* A descriptor, or -1 after a message: then a later reader has no record of this one's
+/* The descriptor; after a failure, which is reported, -1: a later reader then has no record of the
    interfaces. */
 static util::descriptor open_table(const std::string &directory)
 {
@@ -52,8 +52,7 @@ known_interfaces::~known_interfaces()
     munmap(entries_.data(), table_size);
 }
 
-/* The result is equal in all processes of one build; after an upgrade the server is started anew,
-   too. */
+/* All processes of one build get the same hash; after an upgrade the server is restarted, too. */
 uint32_t known_interfaces::hashed(const std::string &name)
 {
     return static_cast<uint32_t>(std::hash<std::string>()(name));

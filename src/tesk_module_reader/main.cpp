@@ -2,11 +2,12 @@
 /* tesk-module-reader - reads the memories of pluggable modules for tesk-server, which therefore
    needs no special right.
 
-   The process is started with a socket: by systemd with a listening one, or with a connected one as
-   descriptor N. It reads the configuration, opens what it will need, gives up all other rights and
-   answers requests, one at a time. It ends with the last client, or when that says that the
-   configuration was replaced; systemd starts it anew, with a fresh look at the configuration, for
-   the next connection. With --lease it only writes or removes a file for the board library. */
+   The process is started with a socket: systemd passes a listening one, other programs a connected
+   one as descriptor N. It reads the configuration, opens what it will need, gives up all other
+   rights and answers requests, one at a time. It ends with the last client, or when a client
+   reports that the configuration was replaced; for the next connection systemd starts it again, and
+   it reads the configuration again. With --lease it only writes or removes a file for the board
+   library. */
 #include "platform/linux_interfaces/module_leases.h"
 #include "platform/linux_interfaces/port_config.h"
 #include "tesk_module_reader/confinement.h"
@@ -57,12 +58,12 @@ struct options {
     int lease_s = 0;
 };
 
-/* Where requests come from. */
+/* The source of requests. */
 struct endpoint {
     int listener = -1;
     uid_t owner = 0; /* the only user whose processes may connect */
     std::vector<util::descriptor> clients = {};
-    bool is_ended = false; /* by its client, for another configuration */
+    bool is_ended = false; /* a client ended it, for another configuration */
 };
 
 } // namespace
@@ -70,10 +71,10 @@ struct endpoint {
 /* The first socket that systemd passes. */
 static constexpr int systemd_socket = 3;
 
-/* tesk-server is the one client; others wait in the backlog of the socket. */
+/* tesk-server is the only client; further connections stay in the backlog of the socket. */
 static constexpr size_t most_clients = 4;
 
-/* Where the unit keeps the numbers of ports, for those who look by hand. */
+/* The directory in which the unit stores the numbers of ports; the default for calls by hand. */
 static constexpr char default_state[] = "/var/lib/tesk-module-reader";
 
 static constexpr int wrong_usage = 2;
@@ -90,8 +91,8 @@ static void print_usage()
           "  --print-ports  show the configuration that keeps the numbers that the ports have now\n"
           "  --write-ports  put it into /etc/tesk/ports\n"
           "  --lease INTERFACE SECONDS\n"
-          "                 leave the module of an interface alone for so long, at most 3600, for\n"
-          "                 another tool; 0 ends that\n"
+          "                 let another tool use the module of an interface alone for SECONDS, at\n"
+          "                 most 3600; 0 ends the lease\n"
           "  --help         show this text\n"
           "  --version      show the version\n"
           "\n"
@@ -110,7 +111,7 @@ static std::optional<int> parse_number(std::string_view text)
     return number;
 }
 
-/* The seconds stand behind the option's own argument. */
+/* The seconds are the word after the option's own argument. */
 static bool take_lease(int argc, char **argv, options &chosen)
 {
     const int seconds = optind < argc ? parse_number(argv[optind]).value_or(-1) : -1;
@@ -127,7 +128,7 @@ static bool take_lease(int argc, char **argv, options &chosen)
     return true;
 }
 
-/* Nothing if the process is to end, as after --help; `status` is its exit status then. */
+/* Nothing if the process is to end, as after --help; `status` is then its exit status. */
 static std::optional<options> parse_options(int argc, char **argv, int &status)
 {
     static constexpr option names[] = {{"fd", required_argument, nullptr, 'f'},
@@ -178,8 +179,8 @@ static std::optional<options> parse_options(int argc, char **argv, int &status)
     return chosen;
 }
 
-/* Nothing without a file. A file that can't be trusted gives no ports: numbering them without it
-   would silently give other ports. */
+/* Nothing if there is no file. An untrusted file counts as one without ports: numbering the ports
+   without it would silently give other numbers. */
 static std::optional<linux_board::port_config> read_config()
 {
     const std::string path = linux_board::port_config_path();
@@ -203,7 +204,7 @@ static std::optional<linux_board::port_config> read_config()
     return config;
 }
 
-/* systemd makes the socket file and gives it to the user of the one service that may ask. */
+/* systemd creates the socket file and makes the server's user its owner. */
 static uid_t owner_of_socket(int listener)
 {
     sockaddr_un address = {};
@@ -215,7 +216,8 @@ static uid_t owner_of_socket(int listener)
     return status.st_uid;
 }
 
-/* The peer of an inherited socket isn't checked: the process that passed it has chosen the peer. */
+/* The peer of an inherited socket isn't checked: the process that passed the socket has chosen the
+   peer. */
 static endpoint find_endpoint(const options &chosen)
 {
     endpoint found;
@@ -236,7 +238,7 @@ static endpoint find_endpoint(const options &chosen)
     return found;
 }
 
-/* A line for the first refusals, and none after those: any user can cause them. */
+/* Writes a line for the first refusals only, since any user can cause them. */
 static void report_refusal(uid_t user, uid_t owner)
 {
     static constexpr int most_lines = 10;
@@ -248,7 +250,7 @@ static void report_refusal(uid_t user, uid_t owner)
             user, owner, ++lines == most_lines ? "; further refusals are not reported" : "");
 }
 
-/* False when none can be accepted for a while, as without free descriptors. */
+/* False if no client can be accepted for a while, for example without free descriptors. */
 static bool accept_client(endpoint &where)
 {
     util::descriptor client(
@@ -271,8 +273,8 @@ static bool accept_client(endpoint &where)
     return true;
 }
 
-/* False when the client is to be disconnected: it has disconnected, broke the protocol or doesn't
-   take its answers. */
+/* False if the client is to be disconnected: it has closed the connection, broken the protocol, or
+   doesn't read its answers. */
 static bool serve_client(int fd, endpoint &where, reader_ports &ports)
 {
     std::array<uint8_t, sizeof(reader_request) * READER_MOST_REQUESTS + 1> packet;
@@ -289,9 +291,9 @@ static bool serve_client(int fd, endpoint &where, reader_ports &ports)
                                    static_cast<ssize_t>(length);
 }
 
-/* Serves until the last client has disconnected. A listener passed by systemd has a client waiting.
-   A client that connects while the last one disconnects is refused: it is a restarted server,
-   perhaps with another configuration, and gets a new reader. */
+/* Serves until the last client has disconnected. If systemd passed the listener, a client is
+   waiting. A client that connects after the last one has disconnected is refused: it is a restarted
+   server, perhaps with another configuration, and gets a new reader. */
 static void serve(endpoint &where, reader_ports &ports)
 {
     static constexpr int time_to_retry_ms = 100;
@@ -323,7 +325,7 @@ static const char *directory_of(const char *variable, const char *otherwise)
     return directory != nullptr ? directory : otherwise;
 }
 
-/* A file without a port would take all ports away, so none is made. */
+/* A file without any port would remove all ports, so none is written. */
 static void give_ports(task what, reader_ports &ports)
 {
     const std::string text = ports.as_configuration();
@@ -344,7 +346,8 @@ static void give_ports(task what, reader_ports &ports)
         throw std::system_error(errno, std::generic_category(), "standard output");
 }
 
-/* The rights are those of the folder. Another lease of the same interface is replaced. */
+/* The folder's permissions decide who may do this. An earlier lease of the interface is
+   replaced. */
 static void lease(const std::string &interface, int seconds)
 {
     const char *socket = secure_getenv(READER_SOCKET_ENV);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: a reading is tried by netlink, and by the older ioctl where the driver has that
-   one only. On a bus of its own it is one combined transfer, or several short blocks. */
+/* Order of work: a reading is tried by netlink, and by the older ioctl if the driver supports only
+   that. On an I2C bus it is one combined transfer, or several short blocks. */
 #include "tesk_module_reader/module_memory_access.h"
 
 #include <algorithm>
@@ -26,7 +26,7 @@ namespace module_reader
 
 static constexpr uint8_t second_address = 0x51;
 
-/* A driver's own time limit ends a reading; this one only guards against a lost answer. */
+/* A driver's own timeout ends a reading; this timeout only guards against a lost answer. */
 static constexpr std::chrono::seconds kernel_patience{30};
 
 interface_modules::interface_modules()
@@ -72,8 +72,8 @@ static int ethtool_ioctl(int fd, ifreq &request, void *command)
     return ioctl(fd, SIOCETHTOOL, &request) == 0 ? 0 : errno;
 }
 
-/* The older interface has one row of bytes: lower memory and pages, or 0x50 and then 0x51. The
-   second address must not be read from a driver that reports none. */
+/* The older interface has one row of bytes: lower memory and pages, or 0x50 and then 0x51. If a
+   driver doesn't report the second address, it must not be read. */
 static int place_in_row(const ethtool_modinfo &module, const reader_request &range, uint32_t &at)
 {
     at = range.page * 128u + range.offset;
@@ -122,8 +122,8 @@ int open_bus(uint32_t bus)
     return fd < 0 ? -errno : fd;
 }
 
-/* The offset is written and, after a repeated start, the bytes are read: one transfer, which works
-   beside a driver of the kernel's. */
+/* Writes the offset and, after a repeated start, reads the bytes: one transfer, which is safe while
+   a kernel driver uses the bus. */
 static int read_combined(int fd, const reader_request &range, std::span<uint8_t> out)
 {
     uint8_t offset = range.offset;
@@ -138,7 +138,7 @@ static int read_combined(int fd, const reader_request &range, std::span<uint8_t>
     return ioctl(fd, I2C_RDWR, &transfer) < 0 ? errno : 0;
 }
 
-/* Controllers for the SMBus only read blocks, which may be shorter than requested. */
+/* SMBus controllers can only read blocks, which may be shorter than requested. */
 static int read_blocks(int fd, const reader_request &range, std::span<uint8_t> out)
 {
     if (ioctl(fd, I2C_SLAVE_FORCE, static_cast<long>(range.address)) < 0)

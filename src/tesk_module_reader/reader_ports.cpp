@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A port keeps the interface that was first found for it while that exists, whatever it is called
-   by then. */
+/* A port keeps the interface that was first found for it as long as the interface exists, even if
+   it is renamed. */
 #include "tesk_module_reader/reader_ports.h"
 
 #include "tesk_module_reader/saved_numbers.h"
@@ -23,7 +23,7 @@ using linux_board::configured_port;
 using linux_board::link_report;
 using linux_board::module_source;
 
-/* An interface that every namespace has, and that no module belongs to. */
+/* The loopback interface, which every namespace has and which has no module. */
 static constexpr int32_t loopback = 1;
 
 static constexpr reader_request first_byte = {.port = 0,
@@ -59,8 +59,9 @@ reader_ports::reader_ports(const std::optional<linux_board::port_config> &config
     }
 }
 
-/* Some drivers refuse a single interface, as that of a virtual function: it has no module then. The
-   right is missing only if it is missing where no driver could refuse. */
+/* Some drivers refuse a single interface, such as a virtual function: it has no module then. The
+   right counts as missing only if the loopback interface, which has no driver, gives the same
+   error. */
 int reader_ports::read_module(int32_t index, const reader_request &request, std::span<uint8_t> out)
 {
     const int error = modules_.read(index, request, out);
@@ -71,8 +72,8 @@ int reader_ports::read_module(int32_t index, const reader_request &request, std:
     return modules_.read(loopback, first_byte, byte) == error ? EPERM : EOPNOTSUPP;
 }
 
-/* Behind the ports that have a number come the interfaces that support reading a module, also where
-   none is there. False without the right to read: then it isn't known which do. */
+/* After the numbered ports, adds the interfaces whose driver can read modules, even if no module is
+   present. False without the right to read: then it isn't known which drivers can. */
 bool reader_ports::add_new_ports(std::vector<configured_port> &ports,
                                  const std::vector<link_report> &all)
 {
@@ -94,8 +95,8 @@ bool reader_ports::add_new_ports(std::vector<configured_port> &ports,
     return may_read;
 }
 
-/* known_ has the interface of each number from an earlier reader of the same server, so that a port
-   keeps its interface when that was renamed. */
+/* known_ has the interfaces that an earlier reader of the same server found, so that a port keeps
+   its interface even if that was renamed. */
 void reader_ports::find_default_ports(const std::string &saved, bool is_saving)
 {
     std::vector<link_report> all = linux_board::list_interfaces(route_);
@@ -146,7 +147,7 @@ bool reader_ports::find_interface(port &wanted)
     return wanted.index != 0 || take_interface(wanted, linux_board::list_interfaces(route_));
 }
 
-/* ENODEV is the kernel's error for an interface that is gone, and some drivers' error for a missing
+/* The kernel gives ENODEV for an interface that no longer exists, and some drivers for a missing
    module. */
 int reader_ports::read_interface(port &wanted, const reader_request &request, reader_answer &answer)
 {
@@ -186,7 +187,7 @@ reader_answer reader_ports::read(const reader_request &request)
     return answer;
 }
 
-/* A configured port that has no interface now keeps its line. */
+/* A configured port keeps its line even if it has no interface now. */
 std::string reader_ports::as_configuration()
 {
     const std::vector<link_report> all = linux_board::list_interfaces(route_);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* reader_ports - the module of each port number, and how it is read. Everything that has to be
-   opened is opened by the constructor; later no file is. The reader has one thread. */
+/* reader_ports - the module of each port number, and how it is read. The constructor opens
+   everything that is needed; later no file is opened. The reader has one thread. */
 #pragma once
 
 #include "platform/linux_interfaces/interfaces.h"
@@ -25,8 +25,8 @@ class reader_ports
 {
   public:
     /* Without a configuration the ports are the interfaces whose module can be read, in the order
-       of their places; without the right to read, those on a device. They keep the numbers that
-       stand in `saved`, a directory; with `is_saving` new ones are added there. A port keeps the
+       of their places; without the right to read, those on a device. They keep the numbers that are
+       stored in the directory `saved`; with `is_saving` new ones are added there. A port keeps the
        interface that an earlier reader had for it. `known` outlives the object. Throws a
        std::system_error. */
     reader_ports(const std::optional<linux_board::port_config> &config, known_interfaces &known,
@@ -34,20 +34,20 @@ class reader_ports
     reader_ports(const reader_ports &) = delete;
     reader_ports &operator=(const reader_ports &) = delete;
 
-    /* One reading, or the checksum of the configuration, by the rules of the protocol. */
+    /* Makes one reading, or returns the checksum of the configuration, by the rules of the
+       protocol. */
     reader_answer read(const reader_request &request);
 
-    /* The configuration that gives the ports the numbers that they have now; empty without ports.
-     */
+    /* The text of a configuration with the present ports; empty if there are none. */
     std::string as_configuration();
 
   private:
     struct port {
         linux_board::configured_port config;
-        int32_t index = 0; /* of its interface, since it was first found */
+        int32_t index = 0; /* index of the interface that was first found */
         int32_t lost = 0;  /* index of the last interface, which may return from a namespace */
         util::descriptor bus = {};
-        int bus_error = 0; /* why the bus couldn't be opened */
+        int bus_error = 0; /* errno if the bus couldn't be opened */
     };
 
     void find_default_ports(const std::string &saved, bool is_saving);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: answer_packet() checks the form of all requests, then answers one after the other:
-   about the reader itself, or by a reading. */
+   questions about the reader, and readings. */
 #include "tesk_module_reader/requests.h"
 
 #include "util/module_addresses.h"
@@ -36,7 +36,7 @@ static bool is_reading(const reader_request &request)
     return !has_page || (!in_lower && request.address == identity_address);
 }
 
-/* No byte of an answer that failed is set. */
+/* The bytes of a failed answer are all 0. */
 static reader_answer failed(int error, int32_t interface = 0)
 {
     reader_answer answer = {};

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The buckets are found through a table by id, since every tick and every port state change looks
    one up. A new bucket gets the lowest free id. The table never shrinks: with a slot for each id
-   that was ever assigned, a removal needs no memory, and neither does a bucket that returns.
+   that was ever assigned, removing a bucket needs no memory, and reinserting it doesn't either.
 
    The id of a removed bucket is assigned again at once. A tick that is still outstanding for the
    removed bucket can therefore reach the new one, which then has two chains of ticks until it is

@@ -38,8 +38,8 @@ void leaky_bucket_remove(int32_t id);
    to leaky_bucket_reinsert or to free. Null, with a trace, for an unknown id. */
 leaky_bucket_data *leaky_bucket_take_out(int32_t id);
 
-/* Makes a bucket that was taken out known again, under its id and with its level. No bucket has
-   been added in between. */
+/* Puts a bucket back that leaky_bucket_take_out() removed, with its id and level. No bucket must
+   have been added in between. */
 void leaky_bucket_reinsert(leaky_bucket_data *bucket);
 
 /* The state of the level, unchanged; leaky_bucket_not_found is traced. */

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The executable; everything else is in the static library, which the tests link, too. */
+/* The executable; all other sources are in the static library, which the tests link, too. */
 #include "tesk_server/tesk_main.h"
 
 #include <cstdio>

@@ -7,8 +7,8 @@
    sorted by client_id, which is assigned in the order of the connections: it is walked from its
    end, and a client's subscription is found in it by bisection.
 
-   A subscription takes 24 to 48 bytes in arrays, which shrink, and no block of its own: what a
-   client held goes back to the system after its death.
+   A subscription takes 24 to 48 bytes in arrays, which shrink, and no block of its own: a client's
+   memory is returned to the system after its death.
 
    The client of a mailbox is found in a table of fixed size, so that adding a client allocates
    nothing but its record, and a lack of memory is a result. Subscribing has no such result.
@@ -50,7 +50,7 @@ static tesk_client **chain_of(uint32_t mbox)
     return &clients_by_mailbox[(mbox * 0x9e3779b1u) >> (32 - index_bits)];
 }
 
-/* Called with the mutex locked, as are the two below. */
+/* Called with the mutex locked, like the two functions below. */
 static tesk_client *find_by_mailbox(uint32_t mbox)
 {
     tesk_client *client = *chain_of(mbox);
@@ -87,7 +87,8 @@ static GArray **array_of_port(uint32_t port_no, uint32_t kind)
     return &table[port_no];
 }
 
-/* The place of the client's subscription in an array, or that where it is to be inserted. */
+/* The index of the client's subscription in an array, or the index at which it is to be
+   inserted. */
 static guint place_in(std::span<const tesk_subscriber> subscribers, const tesk_client *client)
 {
     const auto found = std::ranges::lower_bound(
@@ -97,7 +98,7 @@ static guint place_in(std::span<const tesk_subscriber> subscribers, const tesk_c
     return static_cast<guint>(found - subscribers.begin());
 }
 
-/* Null if the client doesn't hold it. */
+/* Null if the client has no such subscription. */
 static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     const auto subscribers = tesk_client_subscribers(port_no, kind);
@@ -108,7 +109,7 @@ static tesk_subscriber *find_subscriber(const tesk_client *client, uint32_t port
                : nullptr;
 }
 
-/* An array whose length has halved is moved to a block of that length: GArray never shrinks one. */
+/* If an array's length has halved, it is moved to a block of that length: GArray never shrinks. */
 static void shrink(GArray **array)
 {
     const guint count = (*array)->len;
@@ -134,7 +135,7 @@ static void free_subscriber(const tesk_client *client, const tesk_client_subscri
     GArray **array = &port_subscribers[held->kind - 1][held->port_no];
     const guint last = (*array)->len - 1;
 
-    /* Mostly the client is the newest, or the only one. */
+    /* In most cases the client is the newest one, or the only one. */
     g_array_remove_index(*array, elements_of(*array)[last].client == client
                                      ? last
                                      : place_in(elements_of(*array), client));
@@ -157,7 +158,7 @@ static void free_subscriptions(tesk_client *client)
     g_array_free(client->subscriptions, TRUE);
 }
 
-/* Blocks of clients that stay keep the C library from returning the memory between them. */
+/* Blocks of remaining clients keep the C library from returning the memory between them. */
 static void give_memory_back()
 {
     if (freed_subscriptions < many_freed)
@@ -251,7 +252,7 @@ void tesk_client_remove_subscription(tesk_client *client, int32_t index)
 
     free_subscriber(client, held);
     g_array_remove_index_fast(client->subscriptions, removed);
-    /* The last subscription is here now: its subscriber needs the new index. */
+    /* The last subscription was moved to this index: its subscriber needs the new index. */
     if (removed < client->subscriptions->len) {
         held = subscription_at(client, removed);
         find_subscriber(client, held->port_no, held->kind)->index = removed;

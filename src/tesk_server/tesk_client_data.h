@@ -70,8 +70,8 @@ void tesk_client_add_subscription(tesk_client *client, uint32_t port_no, uint32_
 /* Removes the subscription at `index`; the last one takes its place. */
 void tesk_client_remove_subscription(tesk_client *client, int32_t index);
 
-/* The subscribers of a port and kind, that with the newest client last; none for a port or kind out
-   of range. Valid until the next change of a subscription. */
+/* The subscribers of a port and kind, the newest client last; none for a port or kind out of range.
+   Valid until the next change of a subscription. */
 std::span<const tesk_subscriber> tesk_client_subscribers(uint32_t port_no, uint32_t kind);
 
 /* Called when no client is left: the next client_id is 0 again. */

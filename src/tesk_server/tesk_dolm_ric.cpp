@@ -102,7 +102,7 @@ static void handle_link_status(const dolm_ric_link_status *link)
     tesk_event_queue_put(event);
 }
 
-/* Unlike a read, an event of a port that isn't started gives an unknown presence. */
+/* An event of a port that isn't started gives an unknown presence; a read gives an empty port. */
 static tesk_sfp_presence presence_of_event(uint32_t status)
 {
     if (status & DOLM_RICRIPORT_MODREADY)

@@ -30,10 +30,12 @@ void *alloc_or_abort(size_t size);
    sfp_unknown on any other failure; failures are traced. */
 tesk_sfp_presence get_dolm_sfp_presence(uint32_t port_no);
 
-/* Makes the hardware subscription to a port's module changes. Result as above. */
+/* Makes the hardware subscription to a port's module changes. Same result as
+   get_dolm_sfp_presence. */
 tesk_sfp_presence subscribe_sfp_info(uint32_t port_no);
 
-/* 0, or 1 with a trace; if a subscription could not be ended, the port's events continue. */
+/* Ends the hardware subscription. Returns 0; or 1, with a trace, if it could not be ended and the
+   port's events continue. */
 int32_t unsubscribe_sfp_info(uint32_t port_no);
 int32_t subscribe_port_status(uint32_t port_no);
 int32_t unsubscribe_port_status(uint32_t port_no);
@@ -44,7 +46,7 @@ int32_t unsubscribe_port_status(uint32_t port_no);
 tesk_sfp_presence get_sfp_info(uint32_t port_no, uint32_t presence, tesk_sfp_info *info);
 
 /* Reads link, module and diagnostics and grades the measured values. Sets all fields of `info`: a
-   value that could not be read keeps the one for that case. */
+   value that could not be read gets the value for "not read". */
 void get_port_info(uint32_t port_no, tesk_port_info *info);
 
 /* Reads the measured values of counters->port_no into `counters`, which is otherwise zero. 0, or a

@@ -346,7 +346,7 @@ static void fill_fault_levels(const dolm_ric_module_diag *diag, tesk_port_info *
                    info->port_no, id, dolm_ric_result_text(result));
         return;
     }
-    /* This word is tested for the value 2 here, but for its bit 0x01 by the PM counters. */
+    /* Here the whole word is compared with 2; the PM counters test its bit 0x01. */
     info->env_status = module.status == 2 ? TESK_ENV_RAISED : TESK_ENV_OTHER;
 }
 

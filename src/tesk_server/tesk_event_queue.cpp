@@ -21,7 +21,7 @@ static tesk_hw_event *queue_head;
 static std::atomic<uint32_t> queue_length; /* written with the mutex locked */
 static int queue_fd = -1;
 
-/* The main thread takes all of them at once, and looks at the mailbox after that. */
+/* The main thread takes all events at once, and looks at the mailbox after that. */
 static constexpr uint32_t long_queue = 256;
 
 int tesk_event_queue_init()

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each function makes one record and adds it to the cache; a record that is refused is traced with
-   what it was about. */
+/* Each function makes one record and adds it to the cache. If the cache refuses the record, a trace
+   names its content. */
 #include "tesk_server/tesk_history.h"
 
 #include "tesk_server/tesk_trace.h"

@@ -158,7 +158,7 @@ void tesk_handle_queued_events()
 {
     tesk_hw_event *event = tesk_event_queue_take_all();
 
-    /* In the order of the queue, newest first. */
+    /* The events are in the order of the queue, newest first. */
     while (event != nullptr) {
         tesk_hw_event *next = event->next;
         handle_hw_event(event);

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The subscriptions of a lost client are ended as if it had unsubscribed, but without answers and
    without entries in the history. Each hardware subscription is therefore ended with its last
-   subscriber, however that leaves.
+   subscriber, in whatever way the client leaves.
 
-   If the hardware refuses, the clean-up continues: the client is gone in any case. */
+   If the hardware refuses, the clean-up continues: the client has died in any case. */
 #include "tesk_server/tesk_mbx_monitor.h"
 
 #include "tesk_server/tesk_client_data.h"

@@ -77,8 +77,8 @@ static void append_record(GArray *table, port_index &index, const record_type &r
     index[record.port_no] = table->len;
 }
 
-/* The last record takes the removed one's place. If the two are the same, its index is written and
-   then cleared: the order of the last two lines matters. */
+/* The last record takes the place of the removed one. If they are the same record, its index is
+   written and then cleared: the order of the last two lines matters. */
 template <typename record_type>
 static void remove_record(GArray *table, port_index &index, uint32_t port_no)
 {
@@ -102,8 +102,8 @@ static void free_table(GArray **table, port_index &index)
     *table = nullptr;
 }
 
-/* Counts one subscriber less. True when it was the last one, so that the hardware subscription is
-   to be ended; otherwise *result is the result of the removal. */
+/* Decrements the number of subscribers. True if that was the last one, so that the hardware
+   subscription is to be ended; otherwise *result is the result of the removal. */
 template <typename record_type>
 static bool count_down(record_type *record, uint32_t port_no, int32_t *result)
 {
@@ -294,8 +294,8 @@ tesk_sfp_presence get_sfp_presence(uint32_t port_no)
         tesk_trace(TESK_TRACE_COURSE, "SFP info subscription contains sfp presence %s",
                    tesk_sfp_presence_str(sfp_info->sfp_presence));
 
-    /* If the two differ, either may be outdated. The callers read the hardware when the presence is
-       unknown. */
+    /* If the two records differ, either may be outdated. The callers read the hardware when the
+       presence is unknown. */
     if (port_status != nullptr && sfp_info != nullptr &&
         port_status->sfp_presence != sfp_info->sfp_presence) {
         tesk_trace(TESK_TRACE_ERROR,

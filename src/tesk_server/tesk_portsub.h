@@ -49,6 +49,6 @@ tesk_sfp_presence get_sfp_presence(uint32_t port_no);
 /* Stores a port state. True if it differs from the old one. */
 bool tesk_portsub_update_port_state(uint32_t port_no, uint32_t new_state);
 
-/* The name of the constant, for traces; never null, whatever the value. */
+/* The name of the state's constant, for traces; never null, whatever the value. */
 const char *tesk_port_state_str(uint32_t state);
 const char *tesk_sfp_presence_str(uint32_t presence);

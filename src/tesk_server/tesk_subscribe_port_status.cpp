@@ -184,7 +184,7 @@ static leaky_bucket_state add_change(const leaky_bucket_data *bucket, uint32_t p
     return after;
 }
 
-/* True when a change is to be reported, given the bucket's state before and after it. */
+/* True if a change is to be reported, given the bucket's state before and after the change. */
 static bool is_reported(leaky_bucket_state before, leaky_bucket_state after, uint32_t new_state)
 {
     switch (after) {
@@ -239,7 +239,7 @@ void tesk_handle_port_state_change(uint32_t port_no, uint32_t new_state)
 
 void tesk_handle_port_status_sfp_presence_change(uint32_t port_no, uint32_t presence)
 {
-    /* As for SFP info: a module is reported only once it is ready or gone. */
+    /* The same rule as for SFP info: a module is reported only once it is ready or removed. */
     if (presence == sfp_present_not_ready)
         return;
     tesk_trace(TESK_TRACE_COURSE, "Handling port status sfp presence change on port %u", port_no);

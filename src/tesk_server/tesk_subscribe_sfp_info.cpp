@@ -101,14 +101,15 @@ void tesk_handle_subscribe_sfp_info_req(mbx_signal *signal)
         return;
     }
     /* Neither an empty port nor an unreadable module is an error: the indication reports no module,
-       and the next change is reported as any other. */
+       and later changes are reported as usual. */
     tesk_subscribe_confirm(&subscribe_sfp_info_procedure, &request);
     notify(request.client, port_no, &info);
 }
 
 void tesk_handle_sfp_presence_change(uint32_t port_no, uint32_t presence)
 {
-    /* The history records every change, but a module is reported only once it is ready or gone. */
+    /* The history records every change, but a module is reported only once it is ready or
+       removed. */
     tesk_history_add_presence(port_no, presence);
     if (presence == sfp_present_not_ready)
         return;

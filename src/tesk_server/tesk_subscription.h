@@ -30,5 +30,5 @@ bool tesk_subscribe_accept(const tesk_subscription_procedure *procedure, mbx_sig
 void tesk_subscribe_confirm(const tesk_subscription_procedure *procedure,
                             const tesk_port_request *request);
 
-/* The whole of an unsubscription. */
+/* Carries out a whole unsubscription. */
 void tesk_unsubscribe(const tesk_subscription_procedure *procedure, mbx_signal *signal);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* boot_clock - the time since boot, that of a suspended machine included. Ages of values are
-   counted by it, since std::chrono::steady_clock stands still meanwhile and old values would
-   look fresh. Any thread. */
+/* boot_clock - the time since boot, including the time of a suspended machine. Ages of values are
+   measured with it, since std::chrono::steady_clock stops while the machine is suspended and old
+   values would look new. Any thread. */
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,8 @@
 namespace util
 {
 
-/* As a point in time of steady_clock, for comparison with others of this function only. */
+/* The time since boot as a time_point of steady_clock; compare it only with other results of this
+   function. */
 inline std::chrono::steady_clock::time_point boot_time() noexcept
 {
     timespec now = {};

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The system calls that carry bytes between processes: a program whose sandbox refuses one of them
-   would run without serving any request. Each is tried on a descriptor that can't exist: a sandbox
+/* The system calls that carry bytes between processes: without one of them a program in a sandbox
+   would run but serve no request. Each call is tried on a descriptor that can't exist: a sandbox
    refuses the call before the kernel checks the descriptor. No state. Any thread. */
 #pragma once
 
@@ -16,8 +16,8 @@ inline bool is_refused(long result)
     return result == -1 && errno != EBADF;
 }
 
-/* The name of one that the system refuses, with errno; null if it refuses none. accept4 only for
-   those who accept. */
+/* The name of a call that the system refuses, with errno; null if all are permitted. accept4 is
+   tried only with `accepts`. */
 inline const char *refused_call(bool accepts)
 {
     epoll_event event;

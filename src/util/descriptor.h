@@ -48,14 +48,14 @@ class descriptor
     {
         return std::exchange(number_, -1);
     }
-    /* Closes it. False with errno where that reports a write that has failed; it is closed then,
-       too. */
+    /* Closes the descriptor. False, with errno, if the kernel reports that an earlier write failed;
+       the descriptor is closed in any case. */
     bool close() noexcept
     {
         return ::close(release()) == 0;
     }
-    /* Closes the descriptor and owns another one. Keeps errno, so that the reason for closing
-       survives. */
+    /* Closes the descriptor and takes ownership of `number`. Keeps errno, so that the reason for
+       closing survives. */
     void reset(int number = -1) noexcept
     {
         const int kept_errno = errno;

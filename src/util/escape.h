@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* escape - bytes from outside as text that is safe to show. No state. */
+/* escape - makes bytes from outside safe to show. No state. */
 #pragma once
 
 #include <string>
 #include <string_view>
 
-/* Printable ASCII as it is, a backslash doubled, every other byte as \xNN. */
+/* Printable ASCII is unchanged, a backslash is doubled, every other byte becomes \xNN. */
 inline std::string escape(std::string_view bytes)
 {
     static constexpr char digits[] = "0123456789abcdef";

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* event - an eventfd with which one thread wakes another that polls. */
+/* event - an eventfd with which one thread wakes another thread that polls. */
 #pragma once
 
 #include "util/descriptor.h"

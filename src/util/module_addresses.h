@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_addresses - the I2C addresses of a module's memory. SFP modules keep their diagnostics
-   at the second one; the others have their pages at the first. No state. */
+/* module_addresses - the I2C addresses of a module's memory. SFP modules have their diagnostics at
+   the second address; other modules have pages at the first one. No state. */
 #pragma once
 
 #include <cstdint>

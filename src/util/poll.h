@@ -11,8 +11,9 @@
 namespace util
 {
 
-/* As poll(). Where the system refuses that call, as a sandbox may, the function waits up to 100 ms
-   and reports that all is ready which was asked for: the caller's descriptors don't block. */
+/* Calls poll(). If the system refuses that call, as a sandbox may, the function waits up to 100 ms
+   and reports everything as ready that was requested; this is safe since the caller's descriptors
+   don't block. */
 inline int poll_or_pause(std::span<pollfd> wanted, int timeout_ms) noexcept
 {
     static constexpr int longest_pause_ms = 100;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* thread - threads of a library in the process of another program. */
+/* thread - threads that a library starts in another program's process. */
 #pragma once
 
 #include <csignal>
@@ -11,7 +11,8 @@
 namespace util
 {
 
-/* Blocks all signals of the calling thread while it exists; threads made meanwhile inherit that. */
+/* Blocks all signals of the calling thread while the object exists; threads started meanwhile
+   inherit the mask. */
 class blocked_signals
 {
   public:
@@ -32,9 +33,9 @@ class blocked_signals
     sigset_t before_{};
 };
 
-/* Starts a joinable thread that runs `run(argument)`. All its signals are blocked from its first
-   instruction, as the handlers of the program expect to run on the program's own threads. The
-   stack also holds the thread-local storage of all libraries. Returns 0 or an error number. */
+/* Starts a joinable thread that runs `run(argument)`. All signals are blocked from its first
+   instruction, as the program's handlers expect to run on the program's own threads. The stack also
+   contains the thread-local storage of all libraries. Returns 0 or an error number. */
 inline int start_thread(pthread_t &thread, size_t stack_size, void *(*run)(void *), void *argument)
 {
     pthread_attr_t attributes;

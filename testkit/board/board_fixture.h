@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A board in the test's own process, at a socket of its own. */
+/* A board in the test's own process, with a socket of its own. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -52,7 +52,7 @@ class board_fixture : public testing::Test
         return dolm_ric_init(&handle, 0);
     }
 
-    /* A socket that is connected to the board; -1 if it can't be. */
+    /* A socket connected to the board; -1 on failure. */
     int peer_of_board() const
     {
         return util::connect_to(socket_path, SOCK_SEQPACKET).release();

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* preadv2 for programs under QEMU's user emulation, which does not have this call: preloaded, it
-   makes of it a readv that does not wait. */
+/* preadv2 for programs under QEMU's user emulation, which lacks this call. Preloaded, it calls
+   readv and doesn't block. */
 #include <bit>
 #include <cerrno>
 #include <cstdarg>

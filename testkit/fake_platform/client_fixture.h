@@ -14,7 +14,7 @@ inline constexpr uint32_t subscribe_info = TESK_SUBSCRIBE_SFP_INFO_REQ,
                           unsubscribe_status = TESK_UNSUBSCRIBE_PORT_STATUS_REQ,
                           get_counters = TESK_GET_PM_COUNTERS_REQ;
 
-/* `digits` are hexadecimal; spaces group them for the reader. */
+/* `digits` are hexadecimal; spaces group them for readability. */
 inline void expect_bytes(const fake_platform::sent_signal &signal, size_t from, std::string digits)
 {
     std::string found;
@@ -53,8 +53,8 @@ inline fake_platform::port optical_port()
     copy_text(sfp.sfp_morvaine_rdh, "RDH 123456789AB");
     copy_text(sfp.sfp_morvaine_rdh_ext, "EXT456");
     port.module_status.status = 2;
-    /* Low and high bound that warns, low and high one that alarms, value; the bounds of the voltage
-       are beyond the signed range. */
+    /* Low and high warning limit, low and high alarm limit, value; the limits of the voltage are
+       beyond the signed range. */
     port.diag = {0,    1,          0x1f, -30000,     80000,   -40000, 90000, -5000, //
                  0,    0x80000000, 0,    0x90000000, 3300000,                       //
                  7000, 8000,       6000, 9000,       6005,                          //
@@ -84,14 +84,14 @@ class client_fixture : public server_fixture
     {
         EXPECT_EQ(fake_platform::take_log(), expected) << "line " << line;
     }
-    /* The reference of a client that has just connected and subscribed. */
+    /* Connects and subscribes a client; returns its reference. */
     static uint32_t subscriber(uint32_t client, uint32_t port, uint32_t kind)
     {
         const uint32_t reference = connect(client);
         subscribe(client, reference, port, kind);
         return reference;
     }
-    /* Number and receiver of each signal that went out. */
+    /* Number and receiver of each signal that was sent. */
     using numbers = std::vector<std::pair<uint32_t, uint32_t>>;
     static numbers sent_numbers()
     {

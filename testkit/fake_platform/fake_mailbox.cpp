@@ -27,7 +27,7 @@ struct block {
 static int queue[2] = {-1, -1};
 static uint32_t monitors;
 
-/* Neither malloc nor plain new: tests make those fail. */
+/* Neither malloc nor plain new, since tests make those fail. */
 static constexpr std::align_val_t alignment{alignof(std::max_align_t)};
 
 static block *block_of(const mbx_signal *signal)
@@ -46,7 +46,7 @@ static block *make_block(size_t size, uint32_t number, uint32_t sender)
     return made;
 }
 
-/* The smallest signals are also allocated by a signal handler: they are static. */
+/* A signal handler also allocates the smallest signals, so these are static. */
 static block smallest[16];
 static std::atomic<unsigned> smallest_taken;
 
@@ -165,7 +165,7 @@ mbx_signal *mbx_alloc(size_t size, uint32_t number)
     live_blocks++;
     block *made =
         size == sizeof(mbx_signal) ? take_smallest(number) : make_block(size, number, own_mailbox);
-    /* The caller may not rely on the other bytes. */
+    /* The caller must not rely on the other bytes. */
     memset(&made->signal + 1, 0xa5, size - sizeof(mbx_signal));
     allocated = &made->signal;
     return &made->signal;

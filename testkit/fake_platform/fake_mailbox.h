@@ -11,7 +11,7 @@
 namespace fake_mailbox
 {
 
-/* The test's part. The program defines `script`; unused members may be null. */
+/* Functions of the test. The program defines `script`; unused members may be null. */
 struct hooks {
     /* Called before each call that opens or closes something, with its name and a text for the log.
        False makes the call fail. */
@@ -29,10 +29,10 @@ extern const hooks script;
 
 inline constexpr uint32_t own_mailbox = 0x51;
 
-/* Blocks that are neither freed nor sent to others. */
+/* Number of blocks that were neither freed nor sent to others. */
 extern int live_blocks;
 
-/* The block that was allocated last, and the one that was received last. */
+/* The last allocated block, and the last received one. */
 extern const mbx_signal *allocated;
 extern const mbx_signal *received;
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* With SCRIPTED_LOG=1 in the environment, as under the real executable, the log goes to stdout one
-   write a line, and SCRIPTED_FAIL names the one call that fails. */
+/* With SCRIPTED_LOG=1 in the environment, as under the real executable, each line of the log is one
+   write to stdout, and SCRIPTED_FAIL names the one call that fails. */
 #include "testkit/fake_platform/fake_platform.h"
 
 #include "platform/tesktmo/tesktmo.h"
@@ -35,7 +35,7 @@ static std::mutex script_mutex;
 static std::vector<std::string> lines;
 static std::vector<trace_record> trace_records;
 static std::vector<std::string> violations;
-static const mbx_signal *traced_block; /* the signal whose sending was traced last */
+static const mbx_signal *traced_block; /* the last signal whose sending was traced */
 static uint32_t mask;
 
 static bool to_stdout()
@@ -57,9 +57,7 @@ static void log_line(const std::string &line)
     lines.push_back(line);
 }
 
-/* Traces may come from a signal handler, so a line for the process's output is made without the
- * heap.
- */
+/* Traces may be made in a signal handler, so a line for stdout is formatted without the heap. */
 static void log_trace(uint32_t group, const char *text)
 {
     char line[2200];
@@ -109,7 +107,7 @@ static std::vector<uint8_t> bytes_of(const mbx_signal *signal)
     return {bytes, bytes + mbx_size(signal)};
 }
 
-/* All traces are guarded by the mask and have a source position and procInfo. */
+/* Every trace must be guarded by the mask and have a source position and procInfo. */
 static void check_trace(uint32_t group, const char *file, uint32_t line, const void *proc_info)
 {
     expect((procInfo[3] & 1u << group) != 0, "a trace of a group that is off");
@@ -130,7 +128,7 @@ static void keep_trace(trace_record record)
     trace_records.push_back(std::move(record));
 }
 
-/* The trace of a sent signal named its number and receiver, and showed it in host order. */
+/* The trace must have named number and receiver of the sent signal, and shown it in host order. */
 static void check_traced_signal(const sent_signal &signal)
 {
     std::lock_guard<std::mutex> lock(script_mutex);
@@ -241,10 +239,10 @@ int zel_init()
 
 int zel_register_thread_name(const char *name)
 {
-    /* ThreadSanitizer makes a thread's record of signals when it is first needed, and loses a
-       signal that comes while it is being made. */
+    /* ThreadSanitizer creates a thread's record of signals when it is first needed, and loses a
+       signal that is received meanwhile. */
     raise(0);
-    /* The mask first: the line shows a test that the thread can receive a process signal. */
+    /* The mask is set first: the line shows a test that the thread can receive a process signal. */
     procInfo[3] = to_stdout() ? (1u << 1 | 1u << 4) : mask;
     log_line(std::string("thread ") + name);
     return 0;

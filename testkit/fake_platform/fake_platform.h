@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* fake_platform - the four board libraries as a script: every call and every trace is logged in
    order, sent signals are kept as bytes, and the board answers as the test has set it. A call with
-   arguments other than those the server has to pass is recorded as a violation. */
+   wrong arguments is recorded as a violation. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -16,7 +16,7 @@
 namespace fake_platform
 {
 
-/* A signal that was sent, or one at the moment of its trace, which is then in host order. */
+/* A sent signal, or a signal at the moment of its trace, which is in host order. */
 struct sent_signal {
     uint32_t number;
     uint32_t receiver;
@@ -37,13 +37,13 @@ struct port {
     dolm_ric_module_diag diag = {};
 };
 
-/* A trace with all that it was given. Of a received signal the receiver is 0. */
+/* All arguments of a trace. For a received signal the receiver is 0. */
 struct trace_record {
     uint32_t group;
     std::string file;
     uint32_t line;
     std::string text;
-    sent_signal signal; /* of groups 17 and 18 */
+    sent_signal signal; /* for groups 17 and 18 */
 };
 
 struct tick {
@@ -53,8 +53,8 @@ struct tick {
 using fake_mailbox::live_blocks;
 using fake_mailbox::own_mailbox;
 
-/* The board; a port that isn't here is unknown to it. An operation named in `failing`, without the
-   prefix dolm_ric_, gives that code, for the ABI calls of the other libraries any code but 0. */
+/* The board; it knows only these ports. An operation named in `failing`, without the prefix
+   dolm_ric_, returns that code; the calls of the other libraries fail with any code but 0. */
 extern std::map<uint32_t, port> ports;
 extern std::map<std::string, int32_t> failing;
 
@@ -78,12 +78,13 @@ std::vector<std::string> take_violations();
 /* Adds a line to the log. */
 void note(const std::string &line);
 
-/* Puts a signal into the own mailbox; payload words in network order, or as they stand. */
+/* Puts a signal into the server's own mailbox; `words` of the payload are converted to network
+   order, or kept as they are. */
 void deliver(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
 void deliver_host(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words);
 
 /* Return when a thread waits in dolm_ric_waitevent and no event is left, or when that many events
-   have been freed. Throw after 20 s, and after 1 s once one has thrown. */
+   have been freed. Throw after 20 s; after one throw, the next ones after 1 s. */
 void await_event_thread();
 void await_freed_events(int count);
 
@@ -91,12 +92,12 @@ void await_freed_events(int count);
 void raise_event(const dolm_ric_event &event);
 void fail_wait(int32_t code);
 
-/* The result of dolm_ric_waitevent after dolm_ric_shutdown, before the shutdown event: an event of
-   a port, or a failure in place of the shutdown event. */
+/* The result of dolm_ric_waitevent after dolm_ric_shutdown: events before the shutdown event, or a
+   failure instead of it. */
 extern std::vector<dolm_ric_event> last_events;
 extern int32_t last_wait;
 
-/* The number of events that have been freed, and that of calls of dolm_ric_waitevent. */
+/* The number of freed events, and the number of calls of dolm_ric_waitevent. */
 int freed_events();
 int waits();
 

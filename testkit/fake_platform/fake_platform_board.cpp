@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The hardware library: ports as the test has set them, and events that it raises. */
+/* The hardware library: ports that the test has set, and events that it raises. */
 #include "testkit/fake_platform/fake_platform_internal.h"
 
 #include <chrono>
@@ -24,7 +24,7 @@ struct wait_result {
 };
 
 static std::mutex script_mutex;
-/* Never destroyed: at an exit a thread may still wait for them. */
+/* Never destroyed: a thread may still wait for them at exit. */
 static auto &event_raised = *new std::condition_variable;
 static auto &thread_idle = *new std::condition_variable;
 static auto &event_freed = *new std::condition_variable;
@@ -60,7 +60,7 @@ static void raise_result(const wait_result &result)
     event_raised.notify_one();
 }
 
-/* Once a wait has failed, the program fails; its other tests shall not take 20 s each to fail. */
+/* Once a wait has failed, the program fails; its other tests need not take 20 s each to fail. */
 static void await(std::condition_variable &changed, const char *what, bool (*is_true)())
 {
     static std::chrono::seconds patience{20};

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* server_fixture - a server on the fake platform, started anew for each test. */
+/* server_fixture - a server on the fake platform, started again for each test. */
 #pragma once
 
 #include "platform/zel/zel.h"
@@ -22,8 +22,8 @@ class server_fixture : public testing::Test
         start({});
     }
 
-    /* The groups are traced by both threads from the start; `trace` changes the calling one only.
-     */
+    /* Both threads trace these groups from the start; `trace` changes the calling thread's groups
+       only. */
     static void start(std::initializer_list<uint32_t> groups)
     {
         fake_platform::reset(groups);
@@ -48,7 +48,7 @@ class server_fixture : public testing::Test
         fake_platform::take_traces();
     }
 
-    /* One signal through the mailbox and the dispatch. The answers stand in fake_platform::sent. */
+    /* Passes one signal through mailbox and dispatch. The answers are in fake_platform::sent. */
     static int send(uint32_t sender, uint32_t number, const std::vector<uint32_t> &words)
     {
         fake_platform::sent.clear();
@@ -56,7 +56,7 @@ class server_fixture : public testing::Test
         return tesk_handle_mailbox();
     }
 
-    /* A connection: the client's own reference is 1000 + its mailbox. */
+    /* Connects a client, whose own reference is 1000 + its mailbox. */
     static uint32_t connect(uint32_t mailbox)
     {
         send(mailbox, TESK_CONN_ESTABLISH_REQ, {1, 1000 + mailbox, 1, 1});

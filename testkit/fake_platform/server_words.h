@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* server_words - signals of a server that a test plays on the fake mailbox, as words in host order:
-   the number first. */
+/* server_words - signals of a server that a test plays on the fake mailbox, as words in host order;
+   the first word is the number. */
 #pragma once
 
 #include "testkit/fake_platform/fake_mailbox.h"
@@ -12,18 +12,18 @@
 
 using words_of = std::vector<uint32_t>;
 
-/* Of the client under test. */
+/* The reference of the client under test. */
 static const uint32_t own_ref = static_cast<uint32_t>(getpid());
 
-/* The words that the server's own signals have in network order. */
+/* Swaps the words that are in network order in the server's own signals. */
 inline void swap_words(words_of &words)
 {
     for (size_t i = 1; i < words.size() && words[0] >= 0x1000; i++)
         words[i] = __builtin_bswap32(words[i]);
 }
 
-/* `size` bytes, at least those of a number: the words, cut or continued by the text and by zeros.
- */
+/* Delivers `size` bytes, at least those of a number: the words, cut, or continued by the text and
+   by zeros. */
 inline void deliver_words(uint32_t sender, words_of words, size_t size, const char *text = "")
 {
     swap_words(words);

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A preloaded library: each function here calls the function that it hides, except for the one call
-   that the plan makes fail. All take and return words, so that one macro defines them. */
+   that the plan makes fail. All functions take and return words, so that one macro can define
+   them. */
 #include "testkit/fault_injection/fault_plan.h"
 
 #include <cerrno>
@@ -35,8 +36,8 @@ static bool is_in_program(const void *address)
            getauxval(AT_PHDR) - reinterpret_cast<uintptr_t>(object.dli_fbase) < 4096;
 }
 
-/* `from` is the caller's address, or that of the mutex: it shows whether the program itself calls.
- */
+/* `from` is the address of the caller, or of the mutex: it shows whether the program itself makes
+   the call. */
 static bool fails(const char *call, const void *from)
 {
     if (plan == nullptr || !plan->armed || strcmp(plan->call, call) != 0)
@@ -46,7 +47,7 @@ static bool fails(const char *call, const void *from)
     return ++plan->seen == plan->nth;
 }
 
-/* The kernel refuses a new watch of an epoll, but not the change or the end of one. */
+/* The kernel refuses a new entry of an epoll, but not the change or removal of one. */
 static bool can_fail(const char *call, long operation)
 {
     return strcmp(call, "epoll_ctl") != 0 || operation == EPOLL_CTL_ADD;
@@ -74,14 +75,14 @@ using any_call = long (*)(void *, long, long, long, long, long);
     }
 #define FAULT(name, failure, error)                                                                \
     FAULT_OF(name, __builtin_return_address(0), dlsym(RTLD_NEXT, #name), failure, error, false)
-/* For a call whose work is needed: it is done, and reported as failed. */
+/* For a call whose effect is needed: the call is made, and reported as failed. */
 #define LATE_FAULT(name, failure)                                                                  \
     FAULT_OF(name, __builtin_return_address(0), dlsym(RTLD_NEXT, #name), failure, 0, true)
 #define MUTEX_FAULT(name, failure) FAULT_OF(name, a, dlsym(RTLD_NEXT, #name), failure, 0, false)
 #define MEMORY_FAULT(name)                                                                         \
     FAULT_OF(name, __builtin_return_address(0), __libc_##name, 0, ENOMEM, false)
 
-/* Not by dlsym, which may itself allocate. */
+/* dlsym isn't used, since it may allocate. */
 extern "C" long __libc_malloc(void *, long, long, long, long, long);
 extern "C" long __libc_calloc(void *, long, long, long, long, long);
 extern "C" long __libc_realloc(void *, long, long, long, long, long);

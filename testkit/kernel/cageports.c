@@ -139,7 +139,7 @@ static int get_module_info(struct net_device *dev, struct ethtool_modinfo *m)
 	return module_state(c);
 }
 
-/* One row of bytes: an SFP module's two memories, or the lower memory and the pages. */
+/* One row of bytes: both memories of an SFP module, or the lower memory and the pages. */
 static int get_module_eeprom(struct net_device *dev, struct ethtool_eeprom *e, u8 *to)
 {
 	struct cage *c = cage_of(dev);
@@ -190,7 +190,7 @@ static int get_fecparam(struct net_device *dev, struct ethtool_fecparam *f)
 	return 0;
 }
 
-/* The core announces each change. */
+/* The ethtool core announces each change. */
 static int set_fecparam(struct net_device *dev, struct ethtool_fecparam *f)
 {
 	cage_of(dev)->fec = f->fec;
@@ -483,7 +483,7 @@ static int no_family(struct sk_buff *skb, struct genl_info *info)
 	return -ENOENT;
 }
 
-/* Runs instead of the function that looks for a family, with the same arguments. */
+/* Runs in place of the kernel's function that looks for a family, with the same arguments. */
 static int replace_ctrl_getfamily(struct kprobe *probe, struct pt_regs *regs)
 {
 	if (!READ_ONCE(no_netlink))

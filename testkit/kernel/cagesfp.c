@@ -35,7 +35,7 @@ static const char *const line_names[] = { "mod-def0", "los", "tx-fault", "tx-dis
 
 struct memory {
 	u8 bytes[MEMORY_LENGTH];
-	u8 offset; /* of the next byte to be read */
+	u8 offset; /* of the next byte to read */
 };
 
 struct cage {
@@ -61,7 +61,7 @@ static struct memory *addressed(struct cage *c, const struct i2c_msg *m)
 	return &c->memory[m->addr - 0x50];
 }
 
-/* The first byte that is written sets the offset, as in a serial EEPROM. */
+/* The first written byte sets the offset, as in a serial EEPROM. */
 static void move_bytes(struct memory *memory, struct i2c_msg *m)
 {
 	int i;
@@ -89,7 +89,7 @@ static int bus_transfer(struct i2c_adapter *adapter, struct i2c_msg *m, int n)
 			return -ENXIO;
 		move_bytes(memory, &m[i]);
 		c->bytes += m[i].len;
-		bits += 1 + 9 * (1 + m[i].len); /* start, address and bytes with their acknowledgements */
+		bits += 1 + 9 * (1 + m[i].len); /* start, address and bytes, each with its acknowledgement */
 	}
 	if (khz)
 		usleep_range(bits * 1000 / khz, bits * 1000 / khz + 20);
@@ -354,7 +354,7 @@ static struct platform_driver driver = {
 	},
 };
 
-/* There is no exit: the sfp driver's references can't be taken from it. */
+/* There is no exit: the references of the sfp driver can't be revoked. */
 static int __init cagesfp_init(void)
 {
 	root = debugfs_create_dir("cagesfp", NULL);

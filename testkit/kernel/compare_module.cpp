@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* compare_module PORT NAME - reads the module of a port by tesk-module-reader and compares it with
-   the text of `ethtool -m` on standard input. NAME is that of the module's image. Ends with 1 where
-   a difference can't be explained. */
+   the text of `ethtool -m` on standard input. NAME is that of the module's image. The exit status
+   is 1 if a difference can't be explained. */
 #include "platform/dolm_ric/linux/decode/module_decode.h"
 #include "platform/dolm_ric/linux/decode/module_memory.h"
 #include "platform/dolm_ric/linux/reader_client.h"
@@ -23,7 +23,7 @@
 
 using namespace linux_board;
 
-/* The bytes of a range, piece by piece; none where one can't be read. */
+/* The bytes of a range, read piece by piece; empty if a piece can't be read. */
 static std::vector<uint8_t> read_range(reader_client &reader, uint32_t port,
                                        const memory_range &range)
 {
@@ -61,7 +61,7 @@ static module_memory read_module(uint32_t port)
     }
 }
 
-/* Whether ethtool is wrong wherever the two differ. */
+/* Whether all differences are known faults of ethtool. */
 static bool compare_port(uint32_t port, const std::string &name, const std::string &ethtool)
 {
     const module_contents contents = decode_module(read_module(port));

@@ -18,7 +18,7 @@ check() { # NAME COMMAND..
 
 seconds() { cut -d . -f 1 /proc/uptime; } # since boot
 
-# Until the command succeeds, for 20 s.
+# Repeats the command until it succeeds, for 20 s.
 await() {
     end=$(($(seconds) + 20))
     until "$@" >/tmp/await 2>&1; do
@@ -30,7 +30,7 @@ await() {
     done
 }
 
-says() { # TEXT COMMAND..: the command's output has the text
+says() { # TEXT COMMAND..: whether the command's output contains the text
     text=$1
     shift
     output=$("$@" 2>&1)

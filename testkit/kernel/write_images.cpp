@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* write_images FOLDER - writes the modules of module_images.h as files for cageports: NAME.a0,
-   NAME.a2 and, where a module has banks, NAME.bank1. */
+   NAME.a2 and, if a module has banks, NAME.bank1. */
 #include "testkit/modules/module_images.h"
 
 #include <algorithm>
@@ -21,7 +21,7 @@ static void write_file(const std::string &path, const bytes &content)
     file.close();
 }
 
-/* Lower memory and pages, with 11h of a bank among them. */
+/* Lower memory and pages, including page 11h of one bank. */
 static bytes with_lanes(bytes memory, const bytes &lanes)
 {
     constexpr std::size_t place = std::size_t{128} * 0x12;

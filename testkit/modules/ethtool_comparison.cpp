@@ -9,7 +9,7 @@
 
 using namespace linux_board;
 
-/* Lines that only one of both outputs has: "-" for ethtool, "+" for ours. */
+/* Lines that only one output has: "-" for ethtool's, "+" for ours. */
 static constexpr char measured[] = "-(Laser|Module|Receiver|Rcvr|Transmit).*";
 static constexpr char zero_limits[] = "-.*threshold:0\\.0+(mA|mW|V|degreesC)";
 static constexpr char no_a2[] = "it shows a memory of zeros, which nobody read, as values";
@@ -35,7 +35,7 @@ static constexpr struct difference {
     {"innolight-qsfpdd-dr4", zero_limits, no_page},
     {"mellanox-qsfp-dac", measured, cable},
     {"qsfp-2", measured, cable},
-    /* Made by hand. */
+    /* The images made by hand. */
     {"badsum", "-.*", "it doesn't look at the checksums"},
     {"swap", measured, "it reads diagnostics that need an address change"},
     {"ext", rx_power, no_powers},
@@ -58,7 +58,7 @@ static std::vector<std::string> missing(std::vector<std::string> from, std::vect
     return lines;
 }
 
-/* nullptr where ethtool is right. */
+/* nullptr if ethtool is right. */
 static const char *why_ethtool_is_wrong(const std::string &module, const std::string &line)
 {
     for (const difference &known : differences)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* ethtool_comparison - what was decoded of a module, beside the output of `ethtool -m` for
-   these bytes. */
+/* ethtool_comparison - compares the decoded contents of a module with the output of `ethtool -m`
+   for the same bytes. */
 #pragma once
 
 #include "platform/dolm_ric/linux/decode/module_contents.h"
@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-/* A line that only one of the two has: "-" ethtool, "+" we. */
+/* A line that only one output has: "-" for ethtool's, "+" for ours. */
 struct text_difference {
     std::string line;
-    const char *why_ethtool_is_wrong; /* nullptr where it is not known to be */
+    const char *why_ethtool_is_wrong; /* nullptr if no fault of ethtool is known for it */
 };
 
 /* `module` is the name of the image, by which the known differences are looked up. */

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_images - memories of modules, made by hand. */
+/* module_images - memories of modules, constructed by hand. */
 #pragma once
 
 #include "platform/dolm_ric/linux/decode/module_memory.h"
@@ -14,7 +14,7 @@
 namespace module_images
 {
 
-/* 256 bytes and the pages behind them, as a driver shows them: 128 lower bytes, page 0, page 1. */
+/* 256 bytes and the following pages, as a driver returns them: 128 lower bytes, page 0, page 1. */
 using bytes = std::vector<uint8_t>;
 
 inline void put16(bytes &image, size_t at, int value)
@@ -29,7 +29,7 @@ inline void put_text(bytes &image, size_t at, size_t length, std::string_view te
     memcpy(&image[at], text.data(), text.size());
 }
 
-/* The sum of the bytes from `first` to before `at`, written at `at`. */
+/* Writes the checksum of the bytes from `first` to before `at` at `at`. */
 inline void put_sum(bytes &image, size_t first, size_t at)
 {
     image[at] = 0;
@@ -37,17 +37,17 @@ inline void put_sum(bytes &image, size_t first, size_t at)
         image[at] = static_cast<uint8_t>(image[at] + image[n]);
 }
 
-/* Those of the pages 01h and 02h of a CMIS module. */
+/* Writes the checksums of pages 01h and 02h of a CMIS module. */
 inline void put_page_sums(bytes &image)
 {
     put_sum(image, 128 + 130, 128 + 255), put_sum(image, 256 + 128, 256 + 255);
 }
 
-/* Both memories and, by bank, page 11h of a module. */
+/* Both memories of a module and, by bank, its page 11h. */
 struct image {
     bytes a0 = bytes(256);
     bytes a2 = bytes(256);
-    std::map<uint8_t, bytes> lanes; /* bank: page 11h, from byte 0 of a whole memory on */
+    std::map<uint8_t, bytes> lanes; /* page 11h of a bank, as a whole memory from byte 0 on */
 
     std::span<const uint8_t> at(const linux_board::memory_range &range) const
     {
@@ -61,7 +61,7 @@ struct image {
         return std::span(from).subspan(start, range.length);
     }
 
-    /* All that the plan asks for, as the poller reads it. */
+    /* Reads everything that the plan requests, as the poller does. */
     linux_board::module_memory read() const
     {
         const linux_board::module_memory::time_point read_at{std::chrono::seconds(1)};
@@ -116,7 +116,8 @@ inline image module_with_serial(std::string_view serial)
     return made;
 }
 
-/* With constants that change everything; the raw values of T, vcc, bias, tx and rx power. */
+/* With constants that change every value; `raw` are the raw values of T, vcc, bias, tx and rx
+   power. */
 inline image external_sfp(std::array<int, 5> raw = {-2560, 33000, 3000, 2500, 1000})
 {
     image made = sfp(0x58);
@@ -133,7 +134,8 @@ inline image external_sfp(std::array<int, 5> raw = {-2560, 33000, 3000, 2500, 10
     return made;
 }
 
-/* A 100GBASE-LR4 module with page 3; four lanes alike: 30.000 mA, 2000.0 uW, 500.0 uW. */
+/* A 100GBASE-LR4 module with page 3; each of its four lanes has 30.000 mA, 2000.0 uW and 500.0
+   uW. */
 inline image qsfp()
 {
     image made;
@@ -163,7 +165,8 @@ inline image qsfp()
     return made;
 }
 
-/* An 800G module with pages 01h, 02h and 10h and two banks of 11h: lanes of 2 mA x 4, 1000.0 uW. */
+/* An 800G module with pages 01h, 02h and 10h and two banks of page 11h: each lane has 2 mA x 4 and
+   1000.0 uW. */
 inline image cmis()
 {
     image made;
@@ -198,8 +201,8 @@ inline image cmis()
     return made;
 }
 
-/* A CMIS module with versatile diagnostics (VDM) of a lane: a ratio of bit errors of 2.4e-6 between
-   its limits, and an SNR of 20 dB without limits. */
+/* A CMIS module with versatile diagnostics (VDM): a bit error ratio of 2.4e-6 between its limits,
+   for a lane, and an SNR of 20 dB without limits. */
 inline image cmis_with_vdm()
 {
     image made = cmis();

@@ -8,8 +8,8 @@
 
 using namespace linux_board;
 
-/* A measurement's unit, and its names: before its value, before its flags and before its limits.
-   With several lanes the first two differ. */
+/* The unit of a measurement and its names: before the value, before the flags and before the
+   limits. With several lanes the first two names differ. */
 struct wording {
     measurement module_contents::*its;
     const char *unit;
@@ -45,7 +45,7 @@ static constexpr limit_kind limit_kinds[] = {
     {"lowwarning", low_warning_flag, &measurement_limits::low_warning},
 };
 
-/* The modules' steps end with the third or fourth digit; temperatures are cut by printf. */
+/* The modules' steps end at the third or fourth digit; printf truncates temperatures. */
 static std::string in_unit(const wording &words, double value)
 {
     const double steps = words.per_unit == 1e6 ? value : std::round(value * 10) / 10;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_text - all that was decoded of a module, in the words and units of `ethtool -m`, so that
+/* module_text - the decoded contents of a module in the words and units of `ethtool -m`, so that
    the two can be compared line by line. */
 #pragma once
 
@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-/* Each line without blanks, as their number differs, and without what ethtool adds behind a slash:
-   "Modulevoltage:3.2689V". Nothing for a module that isn't ready. */
+/* Each line without blanks, as their number differs, and without the text that ethtool adds after a
+   slash: "Modulevoltage:3.2689V". Empty for a module that isn't ready. */
 std::vector<std::string> module_text(const linux_board::module_contents &contents);
 
-/* The output of ethtool in the form of module_text, with the lines that module_text has: identity,
-   values, limits and flags. */
+/* The output of ethtool in the form of module_text, reduced to the same lines: identity, values,
+   limits and flags. */
 std::vector<std::string> comparable_text(std::string_view ethtool);

@@ -31,7 +31,7 @@ bool enter_own_network()
     const gid_t group = getgid();
     if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
         return user == 0 &&
-               unshare(CLONE_NEWNET) == 0; /* root where no user namespace is allowed */
+               unshare(CLONE_NEWNET) == 0; /* for root, if user namespaces are forbidden */
     std::ofstream("/proc/self/setgroups") << "deny";
     std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
     std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Network interfaces for tests, in a network namespace of the process's own. A function that fails
-   throws a std::system_error. */
+/* Network interfaces for tests, in a network namespace of the process's own. A function throws a
+   std::system_error if it fails. */
 #pragma once
 
 #include "platform/linux_interfaces/netlink.h"
@@ -12,8 +12,8 @@
 namespace testkit
 {
 
-/* Puts the process, which has one thread, into a user and a network namespace of its own, where it
-   has all rights over the network. False if the system doesn't permit that. */
+/* Moves the process, which must have one thread, into a user and a network namespace of its own,
+   where it has all rights over the network. False if the system doesn't permit that. */
 bool enter_own_network();
 
 class network
@@ -24,13 +24,14 @@ class network
     network(const network &) = delete;
     network &operator=(const network &) = delete;
 
-    /* A pair of interfaces; one has a carrier while the other is started. Both are stopped. */
+    /* Adds a pair of interfaces; each has a carrier while the other one is up. Both are down at
+       first. */
     void add_pair(const std::string &name, const std::string &peer);
     void remove(const std::string &name);
     void start(const std::string &name, bool started = true);
-    /* Older kernels rename stopped interfaces only. */
+    /* Older kernels rename an interface only while it is down. */
     void rename(const std::string &name, const std::string &new_name);
-    /* To another namespace, which is there as long as this object. */
+    /* Moves an interface to another namespace, which exists as long as this object. */
     void move(const std::string &name);
     int32_t index_of(const std::string &name);
 
@@ -40,8 +41,8 @@ class network
     util::descriptor elsewhere_;
 };
 
-/* An interface whose carrier is set by hand. Throws EACCES or ENOENT where /dev/net/tun can't be
-   used. It is gone with the object. */
+/* An interface whose carrier the test sets. Throws EACCES or ENOENT if /dev/net/tun can't be used.
+   The destructor removes the interface. */
 class tap
 {
   public:

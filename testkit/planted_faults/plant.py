@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""plant - plants faults in copies of the tree and runs the tests of its part on each; ./mutate says
-how. A fault is three or four parts of the file of faults:
+"""plant - plants faults in copies of the tree and runs the tests of the faulty part; see
+./mutate. A fault is three or four parts of the file of faults:
 
     == FILE: the effect
     survives: the reason why no test can notice it (only where that is so)
@@ -23,8 +23,9 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORK = ROOT / "build/mutate"
 SERVER = "src/tesk_server/"
 TIME_LIMIT = 90
-# The tests of a file by the beginning of its path, the first row that fits; the one that is most
-# likely to notice a fault comes first. Those of the server's modules follow each other in any case.
+# The tests of a file by the beginning of its path, in the first row that matches; the test that is
+# most likely to notice a fault is first. Those of the server's modules follow each other in any
+# case.
 MODULE_TESTS = "hardware procedures subscriptions filter history memory life"
 TESTS = {SERVER + "leaky_bucket": "filter", SERVER + "tesk_dolm_ric_pm": "procedures",
          SERVER + "tesk_dolm": "hardware", SERVER + "tesk_main": "life",
@@ -51,7 +52,7 @@ TESTS = {SERVER + "leaky_bucket": "filter", SERVER + "tesk_dolm_ric_pm": "proced
          "src/tools/teskboard/": "teskboard teskctl", "src/tesk_module_reader/": "linux_reader",
          "src/program/": "teskctl exporter", "src/tools/": "teskctl exporter", "python/": "python",
          "web/": "page"}
-# These are scripts, and need the programs.
+# These tests are scripts, and need the programs.
 SCRIPTS = {"python": "tesk_client tesk-server teskboard teskctl",
            "page": "page tesk-exporter tesk-server teskboard teskctl"}
 
@@ -69,7 +70,7 @@ class Fault:
         return list(dict.fromkeys(names.split()))
 
     def planted(self, text):
-        """The text with the fault, or None when the old text doesn't occur exactly once."""
+        """The text with the fault, or None if the old text doesn't occur exactly once."""
         old, new = "\n".join(self.old), "\n".join(self.new)
         return text.replace(old, new) if text.count(old) == 1 else None
 
@@ -114,7 +115,7 @@ class Copy:
             source, copied = ROOT / name, self.tree / name
             if not source.is_file():
                 continue
-            # A changed file gets the time of now, so that it is built again, and no other file does.
+            # A changed file gets the present time, so that it is built again; no other file does.
             if not copied.exists() or copied.read_bytes() != source.read_bytes():
                 copied.parent.mkdir(parents=True, exist_ok=True)
                 shutil.copyfile(source, copied)

@@ -40,7 +40,7 @@ directory::directory()
     path = mkdtemp(name);
     setenv("MBX_DIR", (path + "/mbx").c_str(), 1);
     setenv("DOLM_RIC_SOCKET", (path + "/board.sock").c_str(), 1);
-    /* The machine may be busy. */
+    /* A long timeout, since the machine may be busy. */
     setenv("MBX_LOCATE_MS", "20000", 1);
 }
 
@@ -70,7 +70,7 @@ pid_t start(const std::vector<std::string> &words, const std::vector<std::string
     for (const std::string &setting : environment)
         putenv(const_cast<char *>(setting.c_str()));
     if (kept == 3)
-        fcntl(kept, F_SETFD, 0); /* dup2 of a descriptor to itself would leave it to be closed */
+        fcntl(kept, F_SETFD, 0); /* dup2 of a descriptor to itself would leave close-on-exec set */
     else if (kept != -1)
         dup2(kept, 3);
     if (out != -1) {
@@ -117,8 +117,8 @@ server::server(const std::vector<std::string> &environment, const std::vector<st
             throw std::runtime_error("the server does not come up");
     close(board_fd);
     board("wait calls waitevent 1");
-    /* An answer shows that the main loop runs: the start is over. A request without a revision is
-       rejected, so it leaves no client behind. */
+    /* An answer shows that the main loop runs and the start is over. A request without a revision
+       is rejected, so it leaves no client behind. */
     test_client().ask(TESK_CONN_ESTABLISH_REQ, {1, 1, 0});
 }
 

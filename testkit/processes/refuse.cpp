@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* refuse CALL ERRNO PROGRAM [ARGUMENT..] - runs a program whose system call of that name fails with
-   that errno, as under the filter of a sandbox or on a kernel that lacks the call; refuse --list
-   writes the names. They are all that the project's programs make, but for those without which no
-   program of C runs or writes a line. */
+/* refuse CALL ERRNO PROGRAM [ARGUMENT..] - runs a program whose system call CALL fails with ERRNO,
+   as under the filter of a sandbox or on a kernel that lacks the call; refuse --list writes the
+   names of the calls. They are all calls of the project's programs, except those without which no C
+   program runs or writes a line. */
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -33,7 +33,7 @@ static constexpr call calls[] = {
     CALL(renameat2), CALL(rseq), CALL(sched_setscheduler), CALL(seccomp),
     CALL(sendmsg), CALL(sendto), CALL(setsockopt), CALL(shutdown), CALL(signalfd4), CALL(socket),
     CALL(timerfd_create), CALL(timerfd_settime), CALL(unlinkat),
-#ifdef SYS_poll /* older calls, which newer processors lack */
+#ifdef SYS_poll /* older calls, which newer architectures lack */
     CALL(chmod), CALL(epoll_wait), CALL(mkdir), CALL(poll), CALL(rename), CALL(unlink),
 #endif
 };

@@ -35,8 +35,8 @@ static void run_line(const std::string &line, board::simulator &board)
         assert(state_of(board) == before);
 }
 
-/* An injected failure of waitevent may be permanent, so the number of tries is limited. It is
-   enough for all events of an input. */
+/* An injected failure of waitevent may be permanent, so the number of tries is limited; it suffices
+   for all events of an input. */
 static void take_events(board::core &events)
 {
     auto guard = events.lock();

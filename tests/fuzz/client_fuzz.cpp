@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The client library under a server that does anything at any time. Each accepted request is
-   answered once, and not after its deadline; an unsubscribed port is silent; nothing follows the
-   close. The clock is the target's own: waiting lets the server act and the time pass. A signal is
-   a heap block of its exact size. */
+/* The client library with a server that sends anything at any time. Each accepted request is
+   answered once, and not after its deadline; an unsubscribed port causes no callback; after the
+   close there are none. The target has its own clock: a wait lets the server act and advances the
+   time. A signal is a heap block of exactly its size. */
 #include "tesk_client/tesk_client.h"
 #include "tesk_server/tesk_signals.h"
 #include "testkit/fake_platform/server_words.h"
@@ -30,7 +30,7 @@ struct made_request {
 
 struct port_model {
     bool may_indicate;
-    size_t subscribed_by; /* the last request that subscribes it */
+    size_t subscribed_by; /* the last subscribe request */
 };
 
 } // namespace
@@ -41,7 +41,7 @@ static tesk_client_session *session;
 static bool is_open;               /* callbacks are allowed */
 static std::vector<words_of> seen; /* requests that the server has received */
 static words_of last_delivered;
-static std::deque<made_request> requests; /* a callback has the address of its element */
+static std::deque<made_request> requests; /* callbacks have pointers to its elements */
 static port_model ports[2][port_count];
 
 static void deliver(const words_of &words, size_t size, uint32_t sender)
@@ -51,7 +51,7 @@ static void deliver(const words_of &words, size_t size, uint32_t sender)
     last_delivered = words;
 }
 
-/* The size of a proper signal of that number. */
+/* The size of a valid signal with this number. */
 static size_t size_of(uint32_t number)
 {
     static const std::map<uint32_t, size_t> sizes = {
@@ -69,7 +69,7 @@ static size_t size_of(uint32_t number)
     return found == sizes.end() ? 24 : found->second;
 }
 
-/* Mostly as it should be; else with a word, the size or the sender changed. */
+/* Usually the valid signal; sometimes with one word, the size or the sender changed. */
 static void deliver_changed(words_of words)
 {
     size_t size = size_of(words[0]);
@@ -97,7 +97,7 @@ static void answer_one()
     const uint32_t rejects = input.byte() % 4 == 0 ? 1 : 0, number = request[0];
     if (number == TESK_CONN_ESTABLISH_REQ)
         deliver_changed({number + 1 + rejects, request[1], client_id, 1});
-    else if (number < 0x1000) /* the number of records, and a bit of them */
+    else if (number < 0x1000) /* the number of records, and a part of them */
         deliver_changed({number + 1, input.byte() % 3u, input.byte(), 2, 1000, 7, 0});
     else if (number == TESK_GET_CAPABILITIES_REQ)
         deliver_changed({number + 1, request[1], own_ref, input.byte() % 3u, 3, 8});
@@ -175,8 +175,7 @@ int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv()
     return now_ms * 1'000'000;
 }
 
-/* The session's timer is in the past of the real clock: it wakes each wait that it was armed for.
- */
+/* By the real clock the session's timer has expired: it wakes every wait for which it is set. */
 int __wrap_epoll_wait(int epoll, epoll_event *events, int count, int)
 {
     act_as_server();
@@ -218,7 +217,7 @@ static void act_in_callback()
         tesk_client_pm pm;
         assert(tesk_client_read_pm(session, 0, &pm) == TESK_CLIENT_MISUSE);
         assert(tesk_client_dispatch(session) == TESK_CLIENT_MISUSE);
-        tesk_client_close(session); /* does nothing here */
+        tesk_client_close(session); /* is ignored inside a callback */
     } else if (act >= 0xc0) {
         request_something();
     }
@@ -246,7 +245,7 @@ static void request_something()
     const auto type = static_cast<tesk_client_request_type>(input.byte() % 9);
     const uint32_t port = type <= TESK_CLIENT_REQUEST_PM ? input.byte() % port_count : 0;
     made_request &request = note_request(type, port);
-    /* The server may act, but no callback comes before the request has returned. */
+    /* The server may act, but no callback is called before the request has returned. */
     request.is_accepted =
         tesk_client_request(session, type, port, answered, &request) == TESK_CLIENT_OK;
 }
@@ -297,7 +296,7 @@ static void act_as_client()
         request_something();
 }
 
-/* Nothing is left open once the last deadline has passed and all signals have been read. */
+/* Once the last deadline has passed and all signals are read, no request is open. */
 static void expect_all_answered_in_time()
 {
     input.at = input.end;

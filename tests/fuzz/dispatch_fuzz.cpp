@@ -36,7 +36,7 @@ struct subscription_kind {
 struct expected_state {
     bool held = false;
     unsigned orphans = 0; /* counts of removed clients: the board refused to unsubscribe */
-    bool stray = false;   /* held without a count: the same, when a bucket had no memory */
+    bool stray = false;   /* subscribed without a count: a refusal when a bucket had no memory */
     int32_t bucket_id = 0;
 };
 
@@ -59,7 +59,7 @@ static constexpr uint32_t port_numbers[] = {0, 1, 2, 17, 65534, 65535};
 static constexpr uint32_t senders[] = {0x201, 0x202, 0x203, 0x7fffffff, fake_platform::own_mailbox};
 
 static std::map<uint32_t, expected_state[kind_count]> expected;
-static std::vector<std::pair<uint32_t, int>> refused; /* in this step: port and kind */
+static std::vector<std::pair<uint32_t, int>> refused; /* refused in this step: port and kind */
 static std::set<int32_t> tainted;      /* buckets that may have several pending ticks */
 static bool memory_ends;               /* the next allocation of a bucket fails */
 static std::vector<uint32_t> monitors; /* mailboxes that are monitored */
@@ -82,8 +82,8 @@ static void on_operation(const char *operation, uint32_t port_no, int32_t code)
     }
 }
 
-/* The place of a subscription in the client's array, or -1. It is searched without the server's
-   index, whose result must be the same. */
+/* The index of a subscription in the client's array, or -1. Searched without the server's index,
+   whose result must be the same. */
 static int32_t place_in(const tesk_client *client, uint32_t port_no, uint32_t kind)
 {
     int32_t place = -1;
@@ -158,8 +158,8 @@ static void check_state()
     assert(fake_platform::live_blocks == 0);
 }
 
-/* When the board refuses to unsubscribe, a client that asked for it keeps its subscription. The
-   count of a client that is lost, or whose subscription was rejected, remains without a client. */
+/* If the board refuses to unsubscribe, a client that requested it keeps its subscription; for a
+   lost client, or after a rejected subscription, the count remains without a client. */
 static void note_refusals(uint32_t number)
 {
     for (const auto &[port_no, index] : refused)
@@ -180,7 +180,7 @@ static void drain()
 /* Handles the delivered signal. */
 static void dispatch(uint32_t sender, uint32_t number)
 {
-    if (number == MBX_MONITOR_DEFAULT_NO) /* a monitor ends with its signal */
+    if (number == MBX_MONITOR_DEFAULT_NO) /* a monitor ends when it sends its signal */
         std::erase(monitors, sender);
     const bool stops = number == TESK_EXIT_SIGNAL && sender == fake_platform::own_mailbox;
     assert(tesk_handle_mailbox() == (stops ? 1 : 0));
@@ -190,7 +190,7 @@ static void dispatch(uint32_t sender, uint32_t number)
         assert(signal.receiver == sender || tesk_client_find_by_sender(signal.receiver) != nullptr);
 }
 
-/* A confirmed change of a subscription is the client's newest action in the history, but for the
+/* A confirmed change of a subscription is the client's newest action in the history, except for an
    indication that a new subscription may cause. */
 static void check_history(const tesk_client *client, uint32_t number, uint32_t port_no)
 {
@@ -237,8 +237,8 @@ static bool sent_to(uint32_t receiver, uint32_t number)
     });
 }
 
-/* A request of a known client is answered once, with number + 1 or number + 2. One of an unknown
-   client is not answered. */
+/* A request of a known client is answered once, with number + 1 or number + 2; one of an unknown
+   client isn't answered. */
 static void request(fuzz_input &in)
 {
     const uint32_t number = in.one_of(requests);
@@ -256,7 +256,7 @@ static void request(fuzz_input &in)
         check_history(tesk_client_find_by_sender(sender), number, word);
 }
 
-/* All numbers that the server handles are at most 7 above one of these. */
+/* The numbers that the server handles are these, or up to 7 above. */
 static constexpr uint32_t numbers[] = {0x117,     0x1648400, 0x1648408,  0x1648410,
                                        0x1648501, 0x1901001, 0xdeadbeaf, 0xffffffff};
 
@@ -410,7 +410,8 @@ static bool start_server()
     return atexit(tesk_server_shutdown) == 0;
 }
 
-/* The linker redirects the server's calls of calloc here. Only those for buckets can fail. */
+/* The linker redirects the server's calls of calloc to these. Only allocations of buckets can
+   fail. */
 extern "C" decltype(calloc) __real_calloc, __wrap_calloc;
 
 void *__wrap_calloc(size_t count, size_t size) noexcept

@@ -18,7 +18,7 @@ struct fuzz_input {
     {
         return at == end ? uint8_t{0} : *at++;
     }
-    /* A number of `bytes` bytes, the highest first. */
+    /* A number of `bytes` bytes, big-endian. */
     uint32_t number(int bytes)
     {
         uint32_t value = 0;

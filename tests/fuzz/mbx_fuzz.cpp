@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Strangers at a mailbox of the real library: they connect, greet well, badly or not at all, pass
-   descriptors, and do to the shared memory, the bells and the control connection whatever a process
-   can do; the owner receives, answers and monitors meanwhile. What is received must be what was
-   sent, whole, in order, once and under one sender; the descriptor is readable exactly while
-   something is there; a death is reported once, last; and a well-behaved client is served whatever
-   the others do. Of a stranger that has spoiled its own ring, anything may come, but under its own
-   id only. */
+/* Strangers at a mailbox of the real library: they connect, send a valid greeting, a wrong one or
+   none, pass descriptors, and do to the shared memory, the bells and the control connection
+   everything that a process can do; the owner receives, answers and monitors meanwhile. Received
+   signals must equal the sent ones, be complete, in order, not repeated and from one sender; the
+   descriptor is readable exactly while there is a signal; a death is reported once, last; and a
+   well-behaved client is served in any case. A stranger that has spoiled its own ring may deliver
+   anything, but only under its own id. */
 #include "platform/mbx/mbx.h"
 #include "platform/mbx/mbx_local.h"
 #include "testkit/raw_peer.h"
@@ -26,29 +26,29 @@
 
 static constexpr char name[] = "fuzzed";
 static constexpr uint32_t sizes[] = {4, 5, 60, 1000, MBX_LARGEST_SIGNAL, 0, 3};
-static constexpr uint32_t good_sizes = 5; /* the first ones, which hold a number */
+static constexpr uint32_t good_sizes = 5; /* the first sizes, which have room for a number */
 
-/* The upper half of a signal's number tells who made it: from_key is added to the stranger's key, 0
-   for the owner himself. */
+/* The upper half of a signal's number is its origin: from_key plus the stranger's key; the owner
+   has the key 0. */
 enum origin : uint32_t { from_owner = 0x2000, from_client, from_key = 0x4000 };
 
 struct stranger {
     std::optional<raw_peer> peer = {};
-    uint32_t key = 0; /* a new one for each connection */
+    uint32_t key = 0; /* each connection has a new one */
     bool said_hello = false;
 };
 
-/* One sender's signals: what it has sent, and what the owner has got. */
+/* One sender's signals: those sent, and those that the owner has received. */
 struct journal {
     uint32_t sent = 0;
     uint32_t received = 0;
     uint32_t sender = 0;
-    bool spoiled = false; /* the ring holds anything by now */
+    bool spoiled = false; /* the ring may contain anything */
 };
 
 static std::array<stranger, 8> strangers;
 static std::map<uint32_t, journal> journals; /* by key */
-static std::map<uint32_t, uint32_t> key_of;  /* by the sender's mailbox */
+static std::map<uint32_t, uint32_t> key_of;  /* keys by the sender's mailbox */
 static std::set<uint32_t> monitored, told;
 static uint32_t own, last_key;
 static std::string directory;
@@ -64,7 +64,7 @@ static stranger &one_who_is_there(fuzz_input &in)
     return s;
 }
 
-/* Well or badly. Whatever has happened before, the mailbox answers or hangs up. */
+/* Sends a right or wrong greeting. In any state the mailbox must answer or disconnect. */
 static void greet(fuzz_input &in)
 {
     stranger &s = one_who_is_there(in);
@@ -74,7 +74,7 @@ static void greet(fuzz_input &in)
         send(s.peer->control.get(), name, sizeof(name), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (how % 16 == 15)
         s.peer->pass({STDERR_FILENO, STDERR_FILENO});
-    /* A second one ends the connection; what is written later is for nobody. */
+    /* A second greeting ends the connection; later signals are not received. */
     if (std::exchange(s.said_hello, true))
         journals[s.key].spoiled = true;
     const auto kind = static_cast<greeting_kind>(how % 16 == 14 ? in.byte() : 1);
@@ -96,7 +96,7 @@ static void send_signals(fuzz_input &in)
     stranger &s = one_who_is_there(in);
     const uint32_t size_index = in.byte() % uint32_t{std::size(sizes)};
     pollfd control = {s.peer->control.get(), POLLRDHUP, 0};
-    if (poll(&control, 1, 0) != 0) /* given up, because it does not read */
+    if (poll(&control, 1, 0) != 0) /* disconnected, because it doesn't read */
         return;
     for (int count = in.byte() % 8 == 0 ? 300 : 1; count > 0 && s.peer->area; count--) {
         data[0] = next_number(s.key, size_index);
@@ -109,7 +109,7 @@ static void send_signals(fuzz_input &in)
     }
 }
 
-/* Any word of the shared memory, mostly one of those that are in use. */
+/* Writes any word of the shared memory, mostly one that is in use. */
 static void scribble(raw_peer &peer, fuzz_input &in)
 {
     const uint8_t where = in.byte();
@@ -176,7 +176,7 @@ static void send_as(uint32_t number, uint32_t receiver, size_t size)
     mbx_send(&signal, receiver, MBX_OWN_MAILBOX);
 }
 
-/* Neither the owner nor a client nor a stranger that has done nothing else has sent that. */
+/* Neither the owner, nor a client, nor a stranger that only sent signals has sent this. */
 static bool is_odd(uint32_t origin)
 {
     const auto j = journals.find(origin - from_key);
@@ -184,7 +184,8 @@ static bool is_odd(uint32_t origin)
            (origin >= from_key && (j == journals.end() || j->second.spoiled));
 }
 
-/* From one that has spoiled its ring. If it can be told which one, all that comes is its own. */
+/* From a stranger that has spoiled its ring. If the sender can be identified, all signals must be
+   its own. */
 static void take_anything(uint32_t sender, uint32_t key)
 {
     if (key_of.contains(sender))
@@ -194,7 +195,8 @@ static void take_anything(uint32_t sender, uint32_t key)
         key_of[sender] = key;
 }
 
-/* One that is there; a client is answered. What upper half its number had. */
+/* Receives a signal that has arrived; answers a client. Returns the upper half of the signal's
+   number. */
 static uint32_t receive_one()
 {
     mbx_signal *signal = mbx_receive(nullptr, 0, MBX_ANY_SENDER);
@@ -234,7 +236,7 @@ static void receive(fuzz_input &)
         receive_one();
 }
 
-/* To somebody who has been heard of, and who may be gone, or to himself. */
+/* The owner sends to itself, or to a mailbox that it knows and that may have died. */
 static void owner_acts(fuzz_input &in)
 {
     const uint8_t choice = in.byte();
@@ -280,7 +282,8 @@ static bool something_is_missing()
     return !monitored.empty();
 }
 
-/* A client is served. Then everybody goes; all that was sent, and every death, is still told. */
+/* A client is served. Then all disconnect; all sent signals, and every death, must still be
+   received. */
 static void end()
 {
     std::thread client(be_a_client);

@@ -3,8 +3,8 @@
    with the decoded contents.
 
    An input is a byte of options, the lanes of the port (4 bytes), and the bytes of the plan's
-   ranges in their order. Option 1 corrects the checksums, 2 stops the port, 4 and 8 choose a range
-   that can't be read. */
+   ranges in order. Option 1 corrects the checksums, 2 stops the port, 4 and 8 choose a range that
+   can't be read. */
 #include "platform/dolm_ric/linux/decode/module_decode.h"
 #include "tests/fuzz/fuzz_input.h"
 

@@ -28,7 +28,7 @@ struct counter final : link_listener {
     {
     }
     size_t events = 0;
-    uint32_t state = 1; /* as a read gets it */
+    uint32_t state = 1; /* the state that a read returns */
     uint32_t announced = 1;
 };
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Handles random packets as requests to tesk-module-reader: each reading is within a module's
    memory and at most 32 bytes long, each request has one answer, and an answer with an error
-   contains no bytes of the module; questions about the reader come as they are defined. The bits of
+   contains no bytes of the module; requests about the reader have their defined form. The bits of
    the first byte choose the readings that fail. */
 #include "tesk_module_reader/requests.h"
 #include "tests/fuzz/fuzz_input.h"

@@ -4,18 +4,18 @@
    are plain memory for the checker, so that a missing order shows as a data race; a wake-up that is
    lost shows as a deadlock; a ring without a signal, or a wrong signal, fails an assertion.
 
-   The bells are semaphores, which the kernel's are as well: whoever is woken sees what was written
-   before the ring.
+   The bells are semaphores, like the kernel's: a woken thread sees everything written before the
+   ring.
 
-   `ring_model` checks the orders that ship; `ring_model NAME` the same with one order weakened, and
-   fails if the checker finds nothing wrong. Names: see `names` below. */
+   `ring_model` checks the memory orders that ship; `ring_model NAME` weakens one of them, and fails
+   if the checker finds no error. Names: see `names` below. */
 #include "platform/mbx/mbx_ring.h"
 
 #include <cstring>
 #include <relacy/relacy.hpp>
 #include <string>
 
-/* The checker's header makes macros of these, which add the place in the source. */
+/* The checker's header defines these names as macros, which add the place in the source. */
 #undef memory_order_relaxed
 #undef memory_order_acquire
 #undef memory_order_release
@@ -37,7 +37,7 @@ static_assert(translate(std::memory_order_relaxed) == rl::mo_relaxed &&
               translate(std::memory_order_release) == rl::mo_release &&
               translate(std::memory_order_seq_cst) == rl::mo_seq_cst);
 
-/* A weakened fence is no fence. */
+/* A weakened fence does nothing. */
 struct checked_atomics {
     using word = rl::atomic<uint32_t>;
 
@@ -119,7 +119,7 @@ struct ring_test : rl::test_suite<ring_test<orders>, 2> {
     }
 };
 
-/* ring_orders with one of them, by its index in `names`, or none weakened. */
+/* ring_orders in which one order, by its index in `names`, or none is weakened. */
 template <int weakened>
 struct weakened_orders {
     static constexpr std::memory_order pick(int index, std::memory_order order)

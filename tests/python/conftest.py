@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A real server on the simulated board, for each test. TESK_BUILD_DIR is the build's folder; the
-mailbox library takes MBX_DIR once for a process, so all tests share a private one."""
+"""A real server on the simulated board, for each test. TESK_BUILD_DIR is the build's folder; the mailbox
+library reads MBX_DIR once for a process, so all tests share one private directory."""
 import atexit
 import ctypes
 import os
@@ -23,7 +23,8 @@ libc = ctypes.CDLL(None)
 
 
 def await_descriptors(count):
-    """Waits until so many are open: the mailbox library closes a connection's on a thread of its own."""
+    """Waits until `count` descriptors are open: the mailbox library closes those of a connection on a thread
+    of its own."""
     deadline = time.monotonic() + PATIENCE
     while (still := len(os.listdir("/proc/self/fd"))) != count:
         assert time.monotonic() < deadline, f"{still} descriptors, not {count}"
@@ -31,7 +32,7 @@ def await_descriptors(count):
 
 
 class Server:
-    """tesk-server, which doesn't outlive the test, and the board that it stands on."""
+    """tesk-server, which ends with the test, and its board."""
 
     def start(self, **environment):
         self.process = subprocess.Popen([BIN / "tesk-server"], env={**os.environ, **environment},

@@ -119,4 +119,4 @@ def test_a_forgotten_session_leaves_the_loop_usable(server):
     late = asyncio.run(main())
     with pytest.raises(tesk.MisuseError, match="another event loop"):
         asyncio.run(late.pm(0))
-    late.close()  # after its loop
+    late.close()  # after its loop was closed

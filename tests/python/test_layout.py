@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The structures, enumerations and constants of the package, against the C header: a C program
-prints what the compiler makes of it."""
+"""The structures, enumerations and constants of the package, against the C header: a C program prints the
+compiler's values."""
 import pathlib
 import re
 import subprocess
@@ -11,7 +11,7 @@ from tesk_client import _details, _enums, _library
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 HEADER = ROOT / "src/tesk_client/tesk_client.h"
 
-# An enumeration of the package, the name of the one of C, and the beginning of the names there.
+# Enumerations of the package whose C constants begin with another name, with that beginning.
 PREFIXES = {"sfp_type": "SFP_", "port_state": "PORT_", "history_kind": "HISTORY_",
             "measurement": "", "kind": "", "result": ""}
 NAMES = {re.sub(r"\B([A-Z])", r"_\1", name).lower(): value for name, value in vars(_enums).items()
@@ -29,7 +29,7 @@ STRUCTURES = structures_of(_library)
 
 
 def expressions():
-    """What C must find equal to the numbers of the package."""
+    """Pairs of C expressions and numbers of the package that must be equal."""
     for structure in STRUCTURES + structures_of(_details):
         name = structure.__doc__
         yield f"sizeof({name})", _library.ctypes.sizeof(structure)

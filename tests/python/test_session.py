@@ -73,12 +73,12 @@ def test_watches_share_a_subscription_and_the_last_one_ends_it(server):
         first = session.watch(status=[0], sfp=[0])
         assert {type(first.next(PATIENCE)) for _ in range(2)} == {tesk.SfpInfo, tesk.PortStatus}
         with session.watch(status=[0]) as second:
-            assert second.next(PATIENCE).link == tesk.Link.OPERATIONAL  # though not the first
+            assert second.next(PATIENCE).link == tesk.Link.OPERATIONAL  # the present state, not the first change
         server.board("link", "0", "down")
         select.select([session], [], [], PATIENCE)
         assert first.next(0).link == tesk.Link.NOT_OPERATIONAL
         del first
-        # The answer to the unsubscribe is still on its way.
+        # The unsubscribe isn't answered yet.
         again = session.watch(status=[0])
         assert again.next(PATIENCE).link == tesk.Link.NOT_OPERATIONAL
         server.board("link", "0", "up")
@@ -180,8 +180,8 @@ def test_closing_in_any_order_is_safe_and_nothing_leaks(server):
 
 
 def test_no_exception_of_a_signal_handler_vanishes(server, tmp_path, monkeypatch):
-    """The signal comes in the C library, right before it calls back, so that Python raises in the
-    callback's first instruction, which no try can hold."""
+    """The signal is received in C code, right before the callback, so that Python raises in the callback's
+    first instruction, which no try statement can contain."""
     Interrupt = type("Interrupt", (BaseException,), {})
 
     def interrupt(*_):

@@ -14,7 +14,7 @@
 namespace board
 {
 
-/* A burst of all ports of a usual board has room. */
+/* Has room for one event of every port of a usual board. */
 static constexpr size_t many_waiting = 1024;
 
 std::unique_lock<std::mutex> core::lock()
@@ -30,7 +30,8 @@ void core::open()
     is_open_ = true;
 }
 
-/* Where there is no memory for the last event, the wait ends with DOLM_RICERR_SHUTDOWN alone. */
+/* If there is no memory for the shutdown event, wait_event gives DOLM_RICERR_SHUTDOWN without
+   it. */
 void core::close()
 {
     try {
@@ -103,7 +104,7 @@ void core::queue_raw(const dolm_ric_event &event)
     queue({.event = event, .is_raw = true});
 }
 
-/* Both records begin with the id. */
+/* Both kinds of record begin with the port's id. */
 bool core::is_wanted(const queued_event &queued) const
 {
     const uint32_t port = queued.event.port_status.id & 0xffff;
@@ -132,8 +133,8 @@ dolm_ric_event *core::take_event()
     return &outstanding_.back().event;
 }
 
-/* A fault is injected before the next event and also in the middle of a wait, so that a test needs
-   no event to see it. */
+/* The hook is asked for a fault before the next event and after each wake-up of a wait, so that a
+   test needs no event to see the fault. */
 int32_t core::wait_event(std::unique_lock<std::mutex> &guard, dolm_ric_event *&event)
 {
     for (;;) {

@@ -45,15 +45,15 @@ class core final : public port_events
   public:
     [[nodiscard]] std::unique_lock<std::mutex> lock() override;
 
-    /* Begins with no subscription and an empty queue. */
+    /* Ends all subscriptions and empties the queue. */
     void open();
     /* Queues the event that ends the event thread; nothing is queued after it. */
     void close();
     bool is_open() const;
 
-    /* Sets the hook; null, the default, for none. The hook must outlive its use. */
+    /* Sets the hook; null, the default, means no hook. The hook must outlive its use. */
     void set_call_hook(call_hook *hook);
-    /* Call the hook's function of that name, if there is a hook. */
+    /* These two call the hook's function of the same name, if there is a hook. */
     void call_begins(operation op);
     int32_t injected_fault(operation op, uint32_t port);
 
@@ -62,7 +62,7 @@ class core final : public port_events
     /* False if the port isn't subscribed. */
     bool unsubscribe(uint32_t port, subscription_kind kind);
     uint32_t subscribed(uint32_t port, subscription_kind kind) const;
-    /* The sum over all ports. */
+    /* The number of subscriptions of this kind, over all ports. */
     uint64_t subscribed(subscription_kind kind) const;
 
     void port_changed(const dolm_ric_port_status &now) override;
@@ -73,7 +73,7 @@ class core final : public port_events
     /* Blocks, with the lock released, until there is an event or the hook injects a fault. Gives
        DOLM_RICERR_SHUTDOWN after the last event. */
     int32_t wait_event(std::unique_lock<std::mutex> &guard, dolm_ric_event *&event);
-    /* Lets wait_event ask the hook again. */
+    /* Wakes wait_event, which then asks the hook for a fault again. */
     void wake_event_thread();
     /* False if the event isn't outstanding. */
     bool free_event(const dolm_ric_event *event);
@@ -96,7 +96,7 @@ class core final : public port_events
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<subscriptions> subscribed_; /* by port; ports beyond its end have none */
+    std::vector<subscriptions> subscribed_; /* by port; ports beyond the end have none */
     std::list<queued_event> queue_;
     std::list<queued_event> outstanding_;
     uint64_t queued_count_ = 0;

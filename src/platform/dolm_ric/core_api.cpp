@@ -23,7 +23,7 @@ namespace
 /* All members are guarded by the core's lock. */
 struct library {
     board::core core;
-    uintptr_t handle = 0; /* of the current board, also after its shutdown; 0 while one starts */
+    uintptr_t handle = 0; /* of the current board, also after its shutdown; 0 during a start */
     uintptr_t last_handle = 0;
     /* Null without a board. Shared by a refresh that is under way while the board shuts down. */
     std::shared_ptr<board::port_source> source;
@@ -90,8 +90,8 @@ static int32_t on_port(operation op, uintptr_t handle, uint32_t id, work &&run) 
     });
 }
 
-/* Lets the source bring its copy of the status up to date, without the lock. A wrong handle or id
-   is left to the read that follows. */
+/* Lets the source update its copy of the status, without the lock. The read that follows reports a
+   wrong handle or id. */
 static int32_t refresh(uintptr_t handle, uint32_t id) noexcept
 {
     return result_of([&]() -> int32_t {
@@ -123,7 +123,7 @@ static int32_t read_status(operation op, uintptr_t handle, uint32_t id, record *
     return result != DOLM_RICERR_OK ? result : read_port(op, handle, id, out);
 }
 
-/* The status is read under the same lock as the subscription is made: no change falls between
+/* The status is read and the subscription made under one lock, so that no change is missed between
    them. */
 template <typename record>
 static int32_t subscribe(operation op, uintptr_t handle, uint32_t id, board::subscription_kind kind,
@@ -149,7 +149,7 @@ static int32_t unsubscribe(operation op, uintptr_t handle, uint32_t id,
     });
 }
 
-/* Claims the library for a new board; from here on no older handle is valid. */
+/* Claims the library for a new board; from this call on no older handle is valid. */
 static bool begin_start(library &lib)
 {
     const auto guard = lib.core.lock();
@@ -220,8 +220,8 @@ int32_t dolm_ric_init(uintptr_t *handle, uint32_t)
     });
 }
 
-/* Shuts the board down even if a fault is injected: its caller could do nothing but wait for ever.
-   The source is destroyed without the lock. */
+/* Shuts the board down even if a fault is injected: the caller's event thread would otherwise wait
+   for ever. The source is destroyed without the lock. */
 int32_t dolm_ric_shutdown(uintptr_t handle, uint32_t)
 {
     return on_board(operation::shutdown, handle, [](library &lib, auto &guard) -> int32_t {

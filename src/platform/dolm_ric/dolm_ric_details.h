@@ -42,18 +42,18 @@ extern "C" {
 #define DOLM_RIC_DETAILS_DOUBTS 4
 #define DOLM_RIC_DETAILS_ERRORS 8
 
-/* Whether a value is there, and why it isn't. */
+/* Whether a value is known, and if not, why. */
 enum dolm_ric_details_state {
     DOLM_RIC_VALUE_UNKNOWN = 0,       /* nothing is known about the value */
-    DOLM_RIC_VALUE_VALID = 1,         /* the value is that of read_at */
-    DOLM_RIC_VALUE_NOT_SUPPORTED = 2, /* the module doesn't have the value */
-    DOLM_RIC_VALUE_NOT_READ = 3,      /* the module has the value, which was not read yet */
+    DOLM_RIC_VALUE_VALID = 1,         /* the value was read at the time read_at */
+    DOLM_RIC_VALUE_NOT_SUPPORTED = 2, /* the module doesn't measure the value */
+    DOLM_RIC_VALUE_NOT_READ = 3,      /* the module measures the value, which was not read yet */
     DOLM_RIC_VALUE_NOT_READY = 4,     /* the module is in low power, or starts */
     DOLM_RIC_VALUE_NO_ANSWER = 5,     /* the module, or its driver, doesn't answer */
     DOLM_RIC_VALUE_WRONG_CHECKSUM = 6,
     DOLM_RIC_VALUE_DOUBTFUL = 7,       /* the value was read and is impossible; see the doubts */
-    DOLM_RIC_VALUE_POLLING_OFF = 8,    /* by the configuration, or while a lease lasts */
-    DOLM_RIC_VALUE_NO_LIGHT = 9,       /* copper has none */
+    DOLM_RIC_VALUE_POLLING_OFF = 8,    /* off by the configuration, or while a lease lasts */
+    DOLM_RIC_VALUE_NO_LIGHT = 9,       /* the module is for copper and has no light */
     DOLM_RIC_VALUE_EMPTY = 10,         /* the cage is empty */
     DOLM_RIC_VALUE_BUSY = 11,          /* the kernel keeps the module for something else */
     DOLM_RIC_VALUE_OUT = 12,           /* the port was taken out of the configuration */
@@ -81,16 +81,17 @@ enum dolm_ric_details_flag_kind {
     DOLM_RIC_FLAGS = 4
 };
 
-/* Of the whole module. Laser temperature and TEC current are those of CMIS' auxiliary monitors. */
+/* Values of the whole module. Laser temperature and TEC current are those of CMIS' auxiliary
+   monitors. */
 enum dolm_ric_details_module_value {
     DOLM_RIC_TEMPERATURE = 0,       /* degrees Celsius */
     DOLM_RIC_VOLTAGE = 1,           /* V */
     DOLM_RIC_LASER_TEMPERATURE = 2, /* degrees Celsius */
-    DOLM_RIC_TEC_CURRENT = 3,       /* percent of the largest, as modules give it */
+    DOLM_RIC_TEC_CURRENT = 3,       /* percent of the largest current, as modules report it */
     DOLM_RIC_MODULE_VALUES = 4
 };
 
-/* Of each lane. */
+/* Values of each lane. */
 enum dolm_ric_details_lane_value {
     DOLM_RIC_TX_BIAS = 0,  /* mA */
     DOLM_RIC_TX_POWER = 1, /* mW */
@@ -98,7 +99,7 @@ enum dolm_ric_details_lane_value {
     DOLM_RIC_LANE_VALUES = 3
 };
 
-/* Conditions of a lane that are there or not. */
+/* Conditions of a lane, each present or absent. */
 enum dolm_ric_details_signal {
     DOLM_RIC_RX_LOS = 0,   /* receiver: no light */
     DOLM_RIC_RX_LOL = 1,   /* receiver: its clock recovery has no lock */
@@ -113,11 +114,11 @@ enum dolm_ric_details_signal {
 enum dolm_ric_details_presence {
     DOLM_RIC_PRESENCE_UNKNOWN = 0,
     DOLM_RIC_PRESENCE_EMPTY = 1,
-    DOLM_RIC_PRESENCE_NOT_READY = 2, /* a module that can't be read, or not yet */
+    DOLM_RIC_PRESENCE_NOT_READY = 2, /* the module can't be read, or not yet */
     DOLM_RIC_PRESENCE_READY = 3,
     DOLM_RIC_PRESENCE_POLLING_OFF = 4,
     DOLM_RIC_PRESENCE_OUT = 5,          /* the port was taken out of the configuration */
-    DOLM_RIC_PRESENCE_NO_INTERFACE = 6, /* the port's interface isn't there */
+    DOLM_RIC_PRESENCE_NO_INTERFACE = 6, /* the port's interface doesn't exist */
     DOLM_RIC_PRESENCES
 };
 
@@ -139,7 +140,7 @@ enum dolm_ric_details_medium {
 enum dolm_ric_details_power_kind {
     DOLM_RIC_POWER_UNKNOWN = 0,
     DOLM_RIC_POWER_AVERAGE = 1,
-    DOLM_RIC_POWER_OMA = 2, /* the modulation amplitude */
+    DOLM_RIC_POWER_OMA = 2, /* the optical modulation amplitude */
     DOLM_RIC_POWER_KINDS
 };
 
@@ -151,11 +152,12 @@ enum dolm_ric_details_length {
     DOLM_RIC_LENGTH_OM3 = 3,
     DOLM_RIC_LENGTH_OM4 = 4,
     DOLM_RIC_LENGTH_OM5 = 5,
-    DOLM_RIC_LENGTH_CABLE = 6, /* of the cable itself, of either medium */
+    DOLM_RIC_LENGTH_CABLE = 6, /* length of the cable itself, copper or fibre */
     DOLM_RIC_LENGTHS = 7
 };
 
-/* Of a module with CMIS. Codes beyond are the module's own and shown as numbers. */
+/* States of a module with CMIS. Codes above these are defined by the module and shown as
+   numbers. */
 enum dolm_ric_details_module_state {
     DOLM_RIC_MODULE_STATE_NONE = 0, /* the module has no such state, or it wasn't read */
     DOLM_RIC_MODULE_LOW_POWER = 1,
@@ -211,9 +213,9 @@ enum dolm_ric_details_vdm_kind {
 typedef struct dolm_ric_details_header {
     char magic[8];
     uint32_t version;
-    uint32_t header_size;  /* of the file's first part; a multiple of 4096 */
+    uint32_t header_size;  /* size of the file's first part; a multiple of 4096 */
     uint32_t record_size;  /* of each record, a multiple of 4096 */
-    uint32_t record_count; /* the highest port number + 1; grows only */
+    uint32_t record_count; /* the highest port number + 1; never decreases */
     uint64_t epoch;        /* new at each start of the board; never 0 */
     int64_t started_at;
     uint32_t ended; /* 1: the board was shut down in order */
@@ -239,7 +241,7 @@ typedef struct dolm_ric_details_limits {
 typedef struct dolm_ric_details_value {
     uint32_t state;  /* enum dolm_ric_details_state */
     uint32_t grade;  /* enum dolm_ric_details_grade */
-    int64_t read_at; /* of the value; of one that is missing, when it was there last */
+    int64_t read_at; /* when the value was read; for a missing value, when it was last read */
     double value;    /* 0 unless the state is valid */
     dolm_ric_details_flag flag[DOLM_RIC_FLAGS];
 } dolm_ric_details_value;
@@ -259,10 +261,10 @@ typedef struct dolm_ric_details_lane {
     dolm_ric_details_condition signal[DOLM_RIC_SIGNALS];
 } dolm_ric_details_lane;
 
-/* In `raised`: the flags weren't read. */
+/* Bit of `raised`: the flags weren't read. */
 #define DOLM_RIC_VDM_FLAGS_UNKNOWN 0x80000000u
 
-/* `lane` is from 0, or 0xff for the whole module or data path. */
+/* `lane` counts from 0; 0xff stands for the whole module or data path. */
 typedef struct dolm_ric_details_vdm {
     uint8_t code; /* the module's own number of the observed quantity */
     uint8_t kind; /* enum dolm_ric_details_vdm_kind */
@@ -281,9 +283,9 @@ typedef struct dolm_ric_details_application {
     uint8_t media_code;
     uint8_t host_lanes;
     uint8_t media_lanes;
-    uint16_t host_starts; /* bit n: it may begin on lane n */
+    uint16_t host_starts; /* bit n: the application may begin on host lane n */
     uint16_t media_starts;
-    uint32_t selected_lanes; /* bit n: lane n of the host uses it now */
+    uint32_t selected_lanes; /* bit n: lane n of the host uses the application now */
     uint32_t reserved;
     char host[40];
     char media[40];
@@ -291,11 +293,11 @@ typedef struct dolm_ric_details_application {
 
 /* Empty texts and zeros where the module gives no value. */
 typedef struct dolm_ric_details_identity {
-    uint32_t state; /* enum dolm_ric_details_state, of all of it */
+    uint32_t state; /* enum dolm_ric_details_state of the whole identity */
     uint32_t family;
     int64_t read_at;
     uint32_t medium;
-    uint8_t form_factor_code; /* of SFF-8024, as the next one */
+    uint8_t form_factor_code; /* a code of SFF-8024, as is connector_code */
     uint8_t connector_code;
     uint8_t cmis_revision; /* major in the upper half, minor in the lower one; 0: not CMIS */
     uint8_t power_class;   /* 1 to 8 */
@@ -310,13 +312,13 @@ typedef struct dolm_ric_details_identity {
     char serial[20];
     char date[12];
     double max_power;                /* W */
-    double bit_rate;                 /* nominal, in Gbit/s, of a lane where there are several */
+    double bit_rate;                 /* nominal, in Gbit/s; per lane where there are several */
     double wavelength;               /* nm */
     double length[DOLM_RIC_LENGTHS]; /* m */
     uint32_t compliance_count;
     uint32_t application_count;
     char compliance[DOLM_RIC_DETAILS_COMPLIANCES][32];
-    char firmware[16]; /* the active version */
+    char firmware[16]; /* the active firmware version */
     char inactive_firmware[16];
     uint32_t module_state; /* enum dolm_ric_details_module_state */
     uint32_t fault_cause;  /* CMIS' number; 0: none reported */
@@ -324,7 +326,7 @@ typedef struct dolm_ric_details_identity {
 } dolm_ric_details_identity;
 
 typedef struct dolm_ric_details_error {
-    int32_t error; /* errno; 0: the row is not used; the last row counts all others as -1 */
+    int32_t error; /* errno; 0: the row is unused; the last row counts all other errors, as -1 */
     uint32_t reserved;
     uint64_t count;
 } dolm_ric_details_error;
@@ -338,38 +340,38 @@ typedef struct dolm_ric_details_cost {
     int64_t last_sweep; /* one reading of all measured values */
     int64_t longest_sweep;
     int64_t longest_read;
-    int64_t total;       /* of all readings */
-    uint64_t dropped;    /* readings that a second reading didn't confirm */
-    int64_t lease_until; /* the board doesn't read the module until then; 0: no lease */
-    int64_t period;      /* between two sweeps, as it is now */
+    int64_t total;       /* duration of all readings together */
+    uint64_t dropped;    /* readings dropped because a second reading didn't confirm them */
+    int64_t lease_until; /* until then the board doesn't read the module; 0: no lease */
+    int64_t period;      /* the present time between two sweeps */
 } dolm_ric_details_cost;
 
 typedef struct dolm_ric_details_link {
-    uint32_t state; /* enum dolm_ric_details_state, of all of it */
-    uint32_t admin; /* enum dolm_ric_details_switch, as the next one */
+    uint32_t state; /* enum dolm_ric_details_state of the whole struct */
+    uint32_t admin; /* enum dolm_ric_details_switch, as is oper */
     uint32_t oper;
     uint32_t speed; /* Mbit/s; 0: not known */
     uint32_t duplex;
     uint32_t autoneg; /* enum dolm_ric_details_switch */
     uint32_t lanes;   /* between host and module; 0: not known */
     uint32_t fec;
-    uint64_t falls; /* of the carrier, since the board started */
+    uint64_t falls; /* falls of the carrier, since the board started */
     uint64_t rises;
     int64_t changed_at;    /* the last change of admin, oper or speed */
     uint32_t filter_state; /* 0: the board has no filter */
     uint32_t filter_level;
-    char interface[32]; /* its name; empty while there is none */
+    char interface[32]; /* name of the interface; empty while the port has none */
 } dolm_ric_details_link;
 
 typedef struct dolm_ric_details_record {
     uint64_t sequence;
-    uint64_t epoch; /* that of the header */
+    uint64_t epoch; /* the epoch of the header */
     uint32_t port;
     uint32_t presence;      /* enum dolm_ric_details_presence */
     uint32_t presence_code; /* enum dolm_ric_details_state: why the module's values are missing */
-    uint32_t lane_count;    /* of `lane`; the rest of them is not written */
-    uint32_t vdm_count;     /* of `vdm`; the rest of them is not written */
-    uint32_t vdm_left_out;  /* rows that the module has beyond these */
+    uint32_t lane_count;    /* number of rows of `lane`; further rows are not written */
+    uint32_t vdm_count;     /* number of rows of `vdm`; further rows are not written */
+    uint32_t vdm_left_out;  /* number of the module's rows that didn't fit into `vdm` */
     uint32_t own_lanes;     /* bit n: lane n of the module belongs to this port */
     uint32_t power_kind;    /* enum dolm_ric_details_power_kind, of the receive power */
     uint32_t lanes_state;   /* enum dolm_ric_details_state: why there are no lanes */

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* sample_of() takes from a record what a verdict may rest on; the functions add_..() bring one
-   sample each into the facts. A list of lanes becomes a fact only if each lane of the port has that
-   value. */
+   sample each into the facts. A value of lanes becomes a fact only if it is known for each lane of
+   the port. */
 #include "platform/dolm_ric/fall_facts.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -16,7 +16,7 @@
 namespace board
 {
 
-/* As docs/causes.md has them: hundredths are finer than any module measures. */
+/* The precision of docs/causes.md: hundredths are finer than any module measures. */
 static double hundredths(double value)
 {
     return std::round(value * 100) / 100;
@@ -48,7 +48,7 @@ static module_sample::lane read_lane(const dolm_ric_details_lane &from)
     return its;
 }
 
-/* The worst bit error ratio of the received signal, and its own limit. */
+/* Finds the worst bit error ratio of the received signal, and the limit of that ratio. */
 static void take_errors(const dolm_ric_details_record &record, module_sample &its)
 {
     for (uint32_t row = 0; row < std::min<uint32_t>(record.vdm_count, DOLM_RIC_DETAILS_VDM);
@@ -167,7 +167,7 @@ void light_trail::clear()
     count_ = 0;
 }
 
-/* The last level is compared with the highest one before it. */
+/* Compares the last level with the highest one before it. */
 void light_trail::add_loss(int64_t since, int64_t before, causes::facts &seen) const
 {
     constexpr double ns = 1e9;
@@ -237,9 +237,8 @@ void add_look_before(const module_sample &before, causes::facts &seen)
         seen.medium = "copper";
 }
 
-/* Only the first look decides whether a module was there. A module that is there later, in the
-   place of one that was gone, gives its serial number; its light has nothing to do with the fall.
-   */
+/* Only the first look decides whether a module was present. If a later look finds a module in an
+   empty port, it gives the serial number; its light is no evidence for the fall. */
 bool add_look_after(const module_sample &after, double age, bool is_down, causes::facts &seen)
 {
     const bool is_first = !seen.present_after;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* keep_fall() reads the file of the port, drops what it has no room for, and writes a new one.
+/* keep_fall() reads the file of the port, drops the falls that have no room, and writes a new file.
    Anything but a regular file of the expected size is replaced without being read. The size of the
-   folder is counted along, so that the folder is listed only at the start and when its files take
+   folder is kept as a running total: the folder is listed only at the start and when its files take
    too much. */
 #include "platform/dolm_ric/fall_files.h"
 
@@ -33,7 +33,7 @@ std::string falls_folder(const std::string &details)
     return folder_of(details) + "falls";
 }
 
-/* A process that is not a member of the group keeps its own. */
+/* If the process is not a member of the parent's group, the folder keeps the process's group. */
 bool make_falls_folder(const std::string &folder)
 {
     if (mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST)
@@ -48,7 +48,7 @@ bool make_falls_folder(const std::string &folder)
     return fchmod(its.get(), 0750) == 0;
 }
 
-/* Empty where there is none that this board can have written. */
+/* Empty if there is no file, or one that this board can't have written. */
 static std::string read_falls(const std::string &path)
 {
     const util::descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -93,7 +93,7 @@ struct falls_file {
 
 } // namespace
 
-/* Files of ports, and temporary ones that a board left when it ended. */
+/* Files of ports, and temporary files that a board left when it ended. */
 static std::vector<falls_file> list_files(DIR *folder)
 {
     std::vector<falls_file> files;

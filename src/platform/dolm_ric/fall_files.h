@@ -17,19 +17,19 @@ std::string falls_folder(const std::string &details);
    errno. */
 bool make_falls_folder(const std::string &folder);
 
-/* A file holds at most so many falls, and bytes. */
+/* The most falls, and bytes, of one file. */
 constexpr size_t most_falls = 32;
 constexpr size_t most_fall_bytes = size_t{64} * 1024;
-/* All files of a folder together take at most so many bytes of memory, in whole pages. */
+/* The most bytes of memory, in whole pages, that all files of a folder take together. */
 constexpr size_t most_folder_bytes = size_t{16} * 1024 * 1024;
 
-/* Removes the oldest files of a folder, of ports that are no more, until the others take at most
-   most_folder_bytes. Returns the size of those. */
+/* Removes the oldest files of a folder, those of ports that no longer exist, until the others take
+   at most most_folder_bytes. Returns the size of the remaining files. */
 size_t trim_falls(const std::string &folder);
 
-/* Adds a line to the file of a port, in place of the last one if it `replaces` it; the file is
-   replaced as a whole. `files` share the folder, which takes `taken` bytes: that is kept up to
-   date, and the folder trimmed. False with errno. */
+/* Adds a line to the file of a port; if `replaces`, the line takes the place of the last one. The
+   file is replaced as a whole. `files` is the number of files that share the folder, which takes
+   `taken` bytes: this function keeps `taken` up to date and trims the folder. False with errno. */
 bool keep_fall(const std::string &folder, uint32_t port, const std::string &line, bool replaces,
                size_t files, size_t &taken);
 

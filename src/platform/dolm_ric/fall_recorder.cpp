@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* see() compares a port's details with the last ones: a fall of the link begins a record, with the
-   looks that were made before it; looks that come later, and the rise, are added. work() makes the
-   three looks of its own, and writes a record that was changed. The looks and the files are made
-   without the lock: no caller waits for the kernel or a file system. */
+/* see() compares a port's details with the previous ones: a fall of the link begins a record with
+   the looks made before the fall; later looks, and the rise, are added. work() makes three looks at
+   fixed times, and writes each changed record. The looks and the files are made without the lock:
+   no caller waits for the kernel or a file system. */
 #include "platform/dolm_ric/fall_recorder.h"
 
 #include "causes/facts_json.h"
@@ -31,35 +31,34 @@ static constexpr int64_t ms = 1'000'000;
 static constexpr int64_t second = 1000 * ms;
 static constexpr int64_t minute = 60 * second, hour = 60 * minute, day = 24 * hour;
 
-/* Drivers fill the extended state late: some after the next of their own rounds, of up to 2 s. */
+/* Drivers fill the extended state late: some after their next polling round, which may take up to 2
+   s. */
 static constexpr int64_t looks_at[] = {0, 200 * ms, 2 * second};
 
-/* Falls that follow each other so closely are one record, for so long. */
+/* Falls within burst_gap of each other share one record, until it is longest_burst old. */
 static constexpr int64_t burst_gap = 10 * second, longest_burst = minute;
 
-/* Falls within this time count as one event of several ports. */
+/* Falls of several ports within this time count as one event. */
 static constexpr int64_t together = second;
 
 /* An interface is set down in the same run of the kernel in which it is removed or moved. A
-   set-down that comes up to 750 ms earlier or later may belong to that; one that comes later
-   doesn't. */
+   set-down up to 750 ms earlier or later may belong to the removal; a later one doesn't. */
 static constexpr int64_t same_deed = 250 * ms, longest_deed = 750 * ms;
 
-/* When a link that is up again is looked at, and when its record is closed. */
+/* When a link that is up again is looked at, and when its record is closed, after the rise. */
 static constexpr int64_t risen_after = 3 * second, closed_after = 10 * second;
 static constexpr int64_t retry_after = second;
 
-/* A later look at the module is no evidence for the fall. */
+/* A look at the module after more than this time is no evidence for the fall. */
 static constexpr int64_t latest_sample = 10 * second;
 
-/* When the thread makes the last look later than this, messages may wait that are older. */
+/* If the thread makes the last look later than this, older messages may still be queued. */
 static constexpr int64_t latest_look = 500 * ms;
 
-/* A port whose driver takes longer to answer is looked at behind the others. */
+/* A port whose driver takes longer to answer is looked at after the others. */
 static constexpr int64_t slow_look = 100 * ms;
 
-/* The most falls, and the most records that couldn't be written, that are kept in memory for a
-   port. */
+/* The most falls that are remembered for a port, and the most unwritten records. */
 static constexpr size_t most_remembered = 256;
 static constexpr size_t most_closed = 4;
 
@@ -118,7 +117,7 @@ void fall_recorder::report_departure(uint32_t port, departure how)
     if (after > longest_deed && how != departure::moved)
         its->open->seen.left_after_s = seconds_of(after);
     if (its->open->looks == std::size(looks_at)) {
-        /* A slow removal, which had set the interface down before. */
+        /* This is a slow removal, which had set the interface down before. */
         forget_departure(its->open->seen);
         its->open->is_changed = true;
         its->open->due = now_();
@@ -134,14 +133,14 @@ void fall_recorder::leave_out(uint32_t port)
     const auto found = ports_.find(port);
     if (found == ports_.end())
         return;
-    /* Another interface may get the number of this port. */
+    /* Another interface may later get the number of this port. */
     close(found->second);
     port_watch none;
     none.closed.swap(found->second.closed);
     found->second = std::move(none);
 }
 
-/* A fall for which there is no memory isn't recorded; nothing else fails. */
+/* If there is no memory for a fall, the fall isn't recorded; nothing else fails. */
 void fall_recorder::see(const dolm_ric_details_record &record)
 {
     const std::lock_guard guard(lock_);
@@ -164,8 +163,7 @@ void fall_recorder::see(const dolm_ric_details_record &record)
     }
 }
 
-/* A link that was down must have risen before it could fall: drivers drop the carrier of a port
-   that is set up, too. */
+/* A fall counts only after a rise: drivers drop the carrier of a port that is being set up, too. */
 static uint64_t falls_between(const dolm_ric_details_link &before, const dolm_ric_details_link &now)
 {
     const bool was_up = before.oper == DOLM_RIC_SWITCH_UP;
@@ -251,7 +249,7 @@ static bool is_deed(const causes::facts &seen, departure left)
     return seen.set_down.value_or(false) || left != departure::none;
 }
 
-/* A set-down and a departure have a record of their own, and so has the fall after them. */
+/* A set-down or a departure gets a record of its own, and so does the next fall. */
 void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now, int64_t at)
 {
     const bool is_set_down = now.state == DOLM_RIC_VALUE_VALID && now.admin == DOLM_RIC_SWITCH_DOWN;
@@ -275,8 +273,8 @@ void fall_recorder::take_fall(port_watch &its, const dolm_ric_details_link &now,
     open.seen.falls_in_day = count_since(its.falls, at - day);
 }
 
-/* Presence and identity of a module hold until a look finds others; measured values are dropped
-   after oldest_look. */
+/* Presence and identity of a module stay valid until a look finds others; measured values are
+   dropped after oldest_look. */
 void fall_recorder::add_last_look(const port_watch &its, fall &made) const
 {
     const bool is_young = its.last.at > made.at - rules_.youngest_look;
@@ -304,7 +302,7 @@ void fall_recorder::rise(port_watch &its, int64_t at)
         its.open->due = at + risen_after;
 }
 
-/* A look is new if it has newer values or finds another module, or none. */
+/* A look is new if it has newer values, or finds another module or no module. */
 void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &record, int64_t now)
 {
     const bool is_other =
@@ -325,13 +323,13 @@ void fall_recorder::see_module(port_watch &its, const dolm_ric_details_record &r
     its.last = found;
 }
 
-/* Lists of another number of lanes can't be compared. */
+/* Lists for different numbers of lanes can't be compared. */
 void fall_recorder::take_look(fall &open, module_sample found)
 {
     if (found.at < open.last_at)
         return;
     if ((open.lanes != 0 && found.lane_count != open.lanes) || found.lanes_at < open.last_at)
-        found.lane_count = 0; /* or the values were read before the fall */
+        found.lane_count = 0; /* the lanes differ, or the values were read before the fall */
     open.lanes = std::max(open.lanes, found.lane_count);
     bool is_news =
         found.at - open.last_at <= latest_sample &&
@@ -347,7 +345,7 @@ void fall_recorder::take_look(fall &open, module_sample found)
         open.due = std::min(open.due, found.at + retry_after);
 }
 
-/* Closes the record of a fall, which another fall ends. */
+/* Closes the record of a fall when another fall begins. */
 void fall_recorder::close(port_watch &its)
 {
     if (its.open == nullptr)
@@ -364,7 +362,7 @@ void fall_recorder::close(port_watch &its)
  */
 void fall_recorder::add_neighbours(uint32_t port, const port_watch &its, fall &open) const
 {
-    double fell[2] = {0, 0}, stayed[2] = {0, 0}; /* of other devices; of the same one */
+    double fell[2] = {0, 0}, stayed[2] = {0, 0}; /* ports of other devices; of the same device */
     for (const auto &[number, other] : ports_) {
         const size_t is_same = other.news.device == its.news.device ? 1 : 0;
         const bool has_fallen = std::ranges::any_of(
@@ -383,8 +381,8 @@ void fall_recorder::add_neighbours(uint32_t port, const port_watch &its, fall &o
     open.seen.machine_others_stayed = stayed[0];
 }
 
-/* An interface that is still there was not removed, and has its driver. One that left after a fall
-   by which it was not set down left for another reason, or as the answer to it. */
+/* If the interface still exists, it was not removed and has its driver. If it left after a fall
+   without having been set down, it left for another reason, or because of the fall. */
 static void add_departure(departure left, causes::facts &seen)
 {
     const bool was_set_down = seen.set_down.value_or(left == departure::removed);
@@ -398,8 +396,8 @@ static void add_departure(departure left, causes::facts &seen)
         seen.device_reset = false;
 }
 
-/* A driver that sets its interface down to reset the device takes the device's other ports along:
-   one that stayed up shows that there was no reset. */
+/* A driver that sets its interface down to reset the device does so for all ports of the device: if
+   another port stayed up, there was no reset. */
 static bool is_set_down_alone(const causes::facts &seen, const dolm_ric_details_link &now)
 {
     return seen.set_down.value_or(false) && now.state == DOLM_RIC_VALUE_VALID &&
@@ -415,8 +413,8 @@ static void forget_times(causes::facts &seen)
     seen.driver_error.reset();
 }
 
-/* Adds the facts that the last look decides. A cage that was empty at each look since the fall is
-   empty. */
+/* Adds the facts that the last look decides. A port that was empty at each look since the fall is
+   an empty cage. */
 void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
 {
     causes::facts &seen = open.seen;
@@ -432,14 +430,15 @@ void fall_recorder::finish_looks(uint32_t port, port_watch &its, fall &open)
         seen.device_reset = false;
     if (open.is_exact)
         return;
-    /* A message that may contain other changes, too, leaves these facts unknown. */
+    /* If the message may contain other changes, too, these facts stay unknown. */
     seen.device_reset.reset();
     if (!open.is_reported || seen.driver_unbound.value_or(false))
         forget_departure(seen);
 }
 
-/* The bound that the time service gives, where one keeps the clock. That of systemd is none: it
-   begins at zero with each answer of its server, however long that took. */
+/* The bound of the clock's error, where the time service maintains one. The bound of
+   systemd-timesyncd is useless: it restarts at zero with each answer of its server, however long
+   the answer took. */
 static void add_clock(causes::facts &seen)
 {
     timex clock = {};
@@ -450,7 +449,7 @@ static void add_clock(causes::facts &seen)
         seen.clock_error_s = static_cast<double>(clock.maxerror) / us;
 }
 
-/* The facts that a board may add; the others may have changed while it was asked. */
+/* Takes only the facts that a board may add; the other facts may have changed during the call. */
 static void take_asked(const causes::facts &asked, causes::facts &seen)
 {
     seen.clock_error_s = asked.clock_error_s;
@@ -470,7 +469,7 @@ static void take_asked(const causes::facts &asked, causes::facts &seen)
     seen.errors_before = asked.errors_before;
 }
 
-/* The board is asked without the lock; the record may have been closed meanwhile. */
+/* The board is called without the lock; the record may have been closed meanwhile. */
 void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
 {
     const fall &before = *ports_.at(port).open;
@@ -498,7 +497,7 @@ void fall_recorder::look(uint32_t port, std::unique_lock<std::mutex> &guard)
     open.due = is_last ? open.due : at + looks_at[open.looks];
 }
 
-/* False if the link has fallen again meanwhile. */
+/* Returns false if the link has fallen again meanwhile. */
 bool fall_recorder::look_again(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard)
 {
     add_link_after(ports_.at(port).link, its.seen);
@@ -532,7 +531,7 @@ void fall_recorder::report_result(uint32_t port, int error)
                 folder_.c_str(), port, strerror(error));
 }
 
-/* Writes a record. False if it couldn't be written. */
+/* Writes a record. Returns false if that failed. */
 bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex> &guard)
 {
     const std::string line = causes::to_json(its.seen).dump(
@@ -542,7 +541,7 @@ bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex>
     guard.unlock();
     const bool is_kept = keep_fall(folder_, port, line, its.is_written, files, taken_);
     const int error = is_kept ? 0 : errno;
-    if (error == ENOENT && make_falls_folder(folder_)) /* for the next time */
+    if (error == ENOENT && make_falls_folder(folder_)) /* for the next try */
         taken_ = trim_falls(folder_);
     guard.lock();
     its.is_written |= is_kept;
@@ -551,8 +550,8 @@ bool fall_recorder::write(uint32_t port, fall &its, std::unique_lock<std::mutex>
     return is_kept;
 }
 
-/* Writes the records that ended before the open one. While none can be written, the oldest of too
-   many are dropped. */
+/* Writes the closed records, which are older than the open one. If too many can't be written, the
+   oldest are dropped. */
 bool fall_recorder::write_closed(uint32_t port, std::unique_lock<std::mutex> &guard)
 {
     std::deque<std::shared_ptr<fall>> &closed = ports_.at(port).closed;
@@ -566,8 +565,8 @@ bool fall_recorder::write_closed(uint32_t port, std::unique_lock<std::mutex> &gu
     return true;
 }
 
-/* After the looks: writes what has changed, and ends the record of a link that has been up for a
-   while. */
+/* Called after the looks: writes what has changed, and closes the record of a link that has been up
+   for a while. */
 void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
 {
     const std::shared_ptr<fall> open = ports_.at(port).open;
@@ -577,7 +576,7 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
         return;
     port_watch &its = ports_.at(port);
     if (is_over && !open->is_seen_again && its.last.at >= open->up_at) {
-        open->is_seen_again = add_look_again(its.last, open->seen); /* nothing has changed since */
+        open->is_seen_again = add_look_again(its.last, open->seen); /* no newer look exists */
         open->is_changed |= open->is_seen_again;
     }
     open->due =
@@ -588,7 +587,7 @@ void fall_recorder::settle(uint32_t port, int64_t now, std::unique_lock<std::mut
         its.open.reset();
 }
 
-/* Makes the looks and writings that are due for one port. */
+/* Makes the looks, and writes the records, that are due for one port. */
 void fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mutex> &guard)
 {
     const bool is_kept = write_closed(port, guard);
@@ -600,13 +599,13 @@ void fall_recorder::work_on(uint32_t port, int64_t now, std::unique_lock<std::mu
         else if (is_kept)
             settle(port, now, guard);
         else
-            open->due = now + retry_after; /* the records are written in their order */
+            open->due = now + retry_after; /* records are written in order of time */
     }
     if (ports_.at(port).closed.empty())
         busy_.erase(port);
 }
 
-/* Includes ports that fell while others were worked on. */
+/* Includes ports that fell while work() handled others. */
 int64_t fall_recorder::next_due(int64_t now) const
 {
     int64_t next = INT64_MAX;
@@ -620,7 +619,7 @@ int64_t fall_recorder::next_due(int64_t now) const
     return next;
 }
 
-/* Ports whose drivers are slow come last. */
+/* Ports whose drivers are slow come last in the list. */
 std::vector<uint32_t> fall_recorder::busy_ports() const
 {
     std::vector<uint32_t> ports(busy_.begin(), busy_.end());
@@ -637,7 +636,7 @@ void fall_recorder::work()
         work_on(port, now, guard);
 }
 
-/* False without memory. */
+/* Returns false if memory is exhausted. */
 bool fall_recorder::try_work()
 {
     try {
@@ -699,7 +698,7 @@ void fall_recorder::start_thread()
     }
 }
 
-/* A record whose looks aren't over is written with the facts that are known now. */
+/* A record with looks that are still due is written with the facts known now. */
 void fall_recorder::stop() noexcept
 {
     {

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The temporary file has a fixed name beside its place, so a process that dies while it writes
-   leaves one file at most, which the next one replaces. */
+/* The temporary file has a fixed name beside its target, so a process that dies while writing
+   leaves at most one file, which the next one replaces. */
 #include "platform/dolm_ric/new_file.h"
 
 #include <cerrno>
@@ -17,8 +17,8 @@ static std::string beside(const std::string &path)
     return path + ".new";
 }
 
-/* The group is set before the mode, so that no other group can read the file in between. A process
-   that is not a member of that group leaves its own. */
+/* The group is set before the mode, so that no other group can read the file in between. If the
+   process is not a member of the directory's group, the file keeps the process's own. */
 static bool give_to_group(int descriptor, const std::string &directory)
 {
     struct stat status = {};

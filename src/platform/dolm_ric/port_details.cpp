@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* update() changes a record in memory and marks its port as due. The thread takes all that are due,
-   copies one after the other and writes the copy, in three steps: an odd sequence, the rest, an
-   even sequence. Only the lanes and VDM rows that a record has are copied and written.
+/* update() changes a record in memory and marks its port as due. The thread takes all due records,
+   copies one after the other and writes the copy in three steps: an odd sequence, the rest, an even
+   sequence. Only the lanes and VDM rows that a record has are copied and written.
 
-   A record that couldn't be written leaves an odd sequence, or the old record; it stays due, and is
-   tried again after a second. Before each writing it is checked that the file isn't shorter than it
-   was, which a writing would hide, and once a second that it is still the one at its path; if not,
-   a new one is made, and comes to the path with all records. */
+   After a failed write the file has an odd sequence or the old record; the record stays due and is
+   written again after a second. Before each write the thread checks that the file hasn't been
+   shortened, which the write would hide, and once a second that the file is still the one at its
+   path; if not, it writes all records to a new file and renames that to the path. */
 #include "platform/dolm_ric/port_details.h"
 
 #include "platform/dolm_ric/new_file.h"
@@ -60,7 +60,7 @@ port_details::port_details()
     taken_.reserve(2 * most_records);
 }
 
-/* The record of a port that was taken out of the configuration is dropped first. */
+/* Drops a record that was taken out of the configuration, to make room for a new port. */
 bool port_details::make_room(uint32_t port)
 {
     if (slots_.size() < most_records)
@@ -81,8 +81,8 @@ bool port_details::make_room(uint32_t port)
     return false;
 }
 
-/* calloc, since the kernel's fresh pages are zero: pages without a lane take no memory. A record
-   that takes the place of an earlier one of its port has the greater sequence. */
+/* calloc, since fresh pages of the kernel are zero: pages without a used lane take no memory. A
+   record that replaces an earlier one of its port gets a greater sequence. */
 port_details::slot *port_details::find_or_make(uint32_t port)
 {
     try {
@@ -103,7 +103,7 @@ port_details::slot *port_details::find_or_make(uint32_t port)
     }
 }
 
-/* No allocation: due_ has room for all. */
+/* No allocation: due_ has room for all ports. */
 void port_details::mark(uint32_t port, slot &its)
 {
     if (std::exchange(its.is_due, true))
@@ -120,7 +120,7 @@ void port_details::flush()
     });
 }
 
-/* Copies what the record has, with its next sequence. False without such a record. */
+/* Copies the used part of the record, with its next sequence. False if the port has no record. */
 bool port_details::take(uint32_t port, bool was_due)
 {
     const std::lock_guard guard(lock_);
@@ -195,7 +195,8 @@ bool port_details::write_port(uint32_t port)
     return take(port, true) ? write_record() : erase_record(port);
 }
 
-/* Before the file has its path. Ports that are due stay due, as they may change meanwhile. */
+/* Called before the file is renamed to its path. Due ports stay due, as they may change
+   meanwhile. */
 bool port_details::write_all()
 {
     for (uint32_t port = 0;; port++) {
@@ -222,7 +223,7 @@ void port_details::note_result(bool is_written)
             path_.c_str(), error == EBUSY ? "the file belongs to another board" : strerror(error));
 }
 
-/* Whether all are written. Those that aren't are due again. */
+/* Returns whether all records were written; failed ones are due again. */
 bool port_details::write_taken()
 {
     size_t done = 0;
@@ -235,12 +236,12 @@ bool port_details::write_taken()
         if (const auto found = slots_.find(port); found != slots_.end())
             found->second.is_due = true;
         if (left != done || std::ranges::find(due_, port) == due_.end())
-            due_.push_back(port); /* the first one may be due again already */
+            due_.push_back(port); /* the port may be due again already */
     }
     return done == taken_.size();
 }
 
-/* The last round, after stop() was called, isn't waited for twice. */
+/* After stop() the last round is not retried. */
 void port_details::run()
 {
     std::unique_lock guard(lock_);
@@ -284,7 +285,7 @@ bool port_details::is_whole() const
            epoch == header_.epoch;
 }
 
-/* Whether there is a file to write to. */
+/* Returns whether there is a file to write to. */
 bool port_details::check_file()
 {
     const int64_t now = details_time();
@@ -301,7 +302,7 @@ bool port_details::has_other_owner() const
     const util::descriptor there(
         open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct flock lock = {};
-    lock.l_type = F_RDLCK; /* a reader's lock doesn't count */
+    lock.l_type = F_RDLCK; /* ignores read locks, which readers hold */
     lock.l_whence = SEEK_SET;
     return there && !(file_ && is_in_place()) && fcntl(there.get(), F_OFD_GETLK, &lock) == 0 &&
            lock.l_type != F_UNLCK;
@@ -357,7 +358,7 @@ void port_details::start(const std::string &path)
     flush();
 }
 
-/* Another board may have put its file there meanwhile. */
+/* Another board may have put its own file at the path meanwhile. */
 void port_details::stop() noexcept
 {
     if (!thread_.joinable())

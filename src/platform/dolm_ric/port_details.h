@@ -2,11 +2,11 @@
 /* port_details - publishes the details of the ports: the file of dolm_ric_details.h. Both board
    libraries have one.
 
-   A thread of its own writes the file, so that no caller waits for a file system.
-   It is written with pwrite, not through a mapping: a file that was cut short, or a full file
-   system, then gives an errno in place of a SIGBUS that would end the server. A board whose file
-   can't be written works on; one line on stderr says why, and it is tried again each second. It
-   does the same while the file at the path belongs to another board that runs. */
+   A thread of its own writes the file, so that no caller waits for a file system. It is written
+   with pwrite, not through a mapping: a file that was cut short, or a full file system, then gives
+   an errno in place of a SIGBUS that would end the server. If the file can't be written, or belongs
+   to another running board, the board works without it: one line on stderr says why, and writing is
+   tried again each second. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -30,7 +30,7 @@ namespace board
 /* The value of DOLM_RIC_DETAILS; else "details" in the folder of `port_map`. */
 std::string details_path(const std::string &port_map);
 
-/* Now, as in the record. */
+/* The present time, in the unit of the record. */
 int64_t details_time();
 
 class port_details
@@ -44,21 +44,22 @@ class port_details
         stop();
     }
 
-    /* Sets a function that is called with each record after its update, in order, on the thread of
-       the update. To be called before any update. */
+    /* Sets a function that is called with each record after its update, in order, on the thread
+       that updates. Call this before any update. */
     void watch(std::function<void(const dolm_ric_details_record &)> changed)
     {
         watch_ = std::move(changed);
     }
 
-    /* From now on the records are in a new file at `path`, those that were made before, too. */
+    /* Publishes all records, earlier ones too, in a new file at `path`. */
     void start(const std::string &path);
     /* Marks the file as ended and removes it. */
     void stop() noexcept;
 
     /* Runs `edit` on the port's record, a new one for a new port; the thread publishes it. Any
-       thread; `edit` must not call this object. Beyond `most_records` a new port takes the place of
-       one that was taken out; without such a place, or without memory, it has no details. */
+       thread; `edit` must not call this object. Beyond `most_records` a new port replaces one that
+       was taken out of the configuration; if there is none, or no memory, the new port has no
+       details. */
     template <typename edit_type>
     void update(uint32_t port, edit_type &&edit)
     {
@@ -86,14 +87,14 @@ class port_details
     };
     struct slot {
         std::unique_ptr<dolm_ric_details_record, free_memory> record;
-        bool is_due = false; /* is in due_ or taken_ */
+        bool is_due = false; /* the port is in due_ or taken_ */
     };
 
     slot *find_or_make(uint32_t port);
     bool make_room(uint32_t port);
     void mark(uint32_t port, slot &its);
     void start_thread();
-    /* Called by the thread, as the functions below. */
+    /* Called by the thread, like the functions below. */
     void run();
     bool write_taken();
     bool write_port(uint32_t port);
@@ -122,12 +123,12 @@ class port_details
     bool has_left_out_ = false;
 
     std::thread thread_;
-    std::vector<uint32_t> taken_; /* from due_; both have room for all */
+    std::vector<uint32_t> taken_; /* ports taken from due_; both vectors have room for all ports */
     std::string path_;
     util::descriptor file_;
-    off_t size_ = 0; /* of the file, as it was written */
+    off_t size_ = 0; /* size of the file when last written */
     dolm_ric_details_header header_ = {};
-    dolm_ric_details_record copy_ = {}; /* of the record that is being written */
+    dolm_ric_details_record copy_ = {}; /* the record that is being written */
     int64_t checked_at_ = 0;
 };
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: the text is made in memory, written to a new file beside the old one, and renamed
-   over it, so that a reader has all of one or of the other. */
+   over it, so that a reader gets either the old map or the new one. */
 #include "platform/dolm_ric/port_map.h"
 
 #include "platform/dolm_ric/new_file.h"
@@ -34,7 +34,7 @@ static std::string text_of(const std::map<uint32_t, std::string> &names)
     return text;
 }
 
-/* Close may be the first to report that the file system is full. */
+/* close() may be the first call to report a full file system. */
 static bool replace_file(const std::string &path, const std::string &text)
 {
     util::descriptor file = make_new_file(path);

@@ -19,13 +19,13 @@ namespace board
 
 class core;
 
-/* Receives a source's reports. The core queues an event for each report of a port that its caller
-   subscribes to, in the order of the reports, and drops the others. */
+/* Receives a source's reports. If the caller subscribes to the port, the core queues an event for
+   the report, in order; otherwise it drops the report. */
 struct port_events {
     virtual ~port_events() = default;
 
-    /* The core's lock. Not recursive; never taken while a call of the source's `read` or `has_port`
-       runs, as the core holds it there. */
+    /* The core's lock. Not recursive; `read` and `has_port` must not take it, as the core calls
+       them with the lock held. */
     [[nodiscard]] virtual std::unique_lock<std::mutex> lock() = 0;
 
     /* Called with the lock held, once for each change, after the source's own value has changed: a
@@ -40,29 +40,29 @@ struct port_source {
     virtual ~port_source() = default;
 
     /* Starts the source's threads. Called once, without the lock, when the core accepts reports; an
-       exception ends dolm_ric_init. A source without threads keeps the default. */
+       exception makes dolm_ric_init fail. A source without threads keeps the default. */
     virtual void start()
     {
     }
 
-    /* Ends the reports: none follows its return. Called once after a `start` that returned, without
-       the lock. No read follows; a `refresh` may still run on another thread and must return soon.
-       */
+    /* Ends the reports: the source makes none after this returns. Called once, without the lock, if
+       `start` returned. No read follows; a `refresh` may still run on another thread and must
+       return soon. */
     virtual void stop() noexcept
     {
     }
 
-    /* Brings what `read` answers for this port up to date, and gives up after 20 ms. Called without
-       the lock before each read of a port's or link's status, for any number below max_ports. */
+    /* Updates the values that `read` gives for this port, within 20 ms. Called without the lock
+       before each read of a port's or link's status, for any number below max_ports. */
     virtual void refresh(uint32_t /*port*/)
     {
     }
 
-    /* With the lock held: whether the board has this port. */
+    /* Whether the board has this port. Called with the lock held. */
     virtual bool has_port(uint32_t port) const = 0;
 
-    /* With the lock held, for a port that the source has: answers at once, without a system call
-       that can wait. Gives a result code of dolm_ric.h and fills `out` on 0. */
+    /* Reads a port that the source has. Called with the lock held, so it must make no system call
+       that can block. Returns a result code of dolm_ric.h and fills `out` if that is 0. */
     virtual int32_t read(uint32_t port, dolm_ric_port_status &out) const = 0;
     virtual int32_t read(uint32_t port, dolm_ric_link_status &out) const = 0;
     virtual int32_t read(uint32_t port, dolm_ric_module_info &out) const = 0;
@@ -70,9 +70,9 @@ struct port_source {
     virtual int32_t read(uint32_t port, dolm_ric_module_diag &out) const = 0;
 };
 
-/* Makes the library's ports: defined once in each library, called without the lock by
-   dolm_ric_init, which starts the source it gets. A board_error ends dolm_ric_init with
-   DOLM_RICERR_INVALID and its text on standard error. The core outlives the source. */
+/* Makes the library's port source. Each library defines this function; dolm_ric_init calls it
+   without the lock, then starts the source. A board_error makes dolm_ric_init fail with
+   DOLM_RICERR_INVALID and is printed on standard error. The core outlives the source. */
 std::unique_ptr<port_source> make_port_source(core &events);
 
 } // namespace board

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: list_interfaces() dumps all interfaces, again where the list changed meanwhile;
-   sort_interfaces() puts them into the order of their devices, and port_of() makes a line of the
-   configuration of one. */
+/* Order of work: list_interfaces() dumps all interfaces, again if the list changed meanwhile;
+   sort_interfaces() puts them into the order of their devices, and port_of() describes one as a
+   line of the configuration. */
 #include "platform/linux_interfaces/interfaces.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* interfaces - the network interfaces of this network namespace, and which of them a port is.
-   Library and reader both number ports by these functions. Questions wait for the kernel's lock. */
+/* interfaces - the network interfaces of this network namespace, and the port that each one is.
+   Library and reader number the ports with the same functions. Requests wait for the kernel's lock.
+   No state. */
 #pragma once
 
 #include "platform/linux_interfaces/link_report.h"
@@ -17,19 +18,19 @@ namespace linux_board
 /* All interfaces, in no order. Throws a std::system_error. */
 std::vector<link_report> list_interfaces(netlink::connection &route);
 
-/* One interface by its index: 0, or an errno, ENODEV if there is none. */
+/* Reads one interface by its index. Returns 0, or an errno: ENODEV if there is none. */
 int ask_interface(netlink::connection &route, int32_t index, link_report &out);
 
-/* Whether an interface is the one that the configuration names for the port. */
+/* Whether the configuration's line for the port names this interface. */
 bool is_interface_of(const configured_port &port, const link_report &interface);
 
 /* Sorts by parent device, port name and name; numbers in them count as numbers. */
 void sort_interfaces(std::vector<link_report> &interfaces);
 
-/* The name in the configuration that stays valid: the interface's place, or, if that isn't unique
-   among `all` or it has none, its name. */
+/* The name for the configuration that doesn't change: the interface's place; or, if it has no place
+   or `all` have another interface there, its name. */
 std::string permanent_name(const link_report &interface, const std::vector<link_report> &all);
-/* The port with that number and name. */
+/* The port with this number, as a line of the configuration would name it. */
 configured_port port_of(uint32_t number, const link_report &interface,
                         const std::vector<link_report> &all);
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: parse_link() takes the fixed part of a message of the kernel, then one attribute
-   after the other; link_question() asks for such a message. */
+/* Order of work: parse_link() parses the fixed part of a message of the kernel, then one attribute
+   after the other; link_question() builds the request for such a message. */
 #include "platform/linux_interfaces/link_report.h"
 
 #include <linux/if.h>
@@ -70,7 +70,7 @@ std::optional<link_report> parse_link(const netlink::message &from)
     return report;
 }
 
-/* Without the statistics an answer is short. */
+/* Without statistics the answer is short. */
 netlink::request link_question(int32_t index)
 {
     ifinfomsg which = {};

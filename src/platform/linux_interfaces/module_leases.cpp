@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The folder is watched with inotify, so that the check before each reading costs one system call.
-   The folder is made with the reader's socket, perhaps after the board has started; until then it
-   is looked for once a second. */
+   The folder is created with the reader's socket, perhaps after the board has started; until then
+   its existence is checked once a second. */
 #include "platform/linux_interfaces/module_leases.h"
 
 #include "platform/linux_interfaces/reader_protocol.h"
@@ -63,7 +63,7 @@ bool module_leases::has_changed()
     return found;
 }
 
-/* A FIFO or a link in the place of the file is no lease. */
+/* A FIFO or a link in place of the file is no lease. */
 module_leases::time_point module_leases::end_of(int32_t interface) const
 {
     if (interface <= 0)

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Messages and attributes are padded to four bytes; the padding of the last one may be missing.
-   Everything is copied out with memcpy, since nothing in a datagram is sure to be aligned for its
-   type. */
+/* Messages and attributes are padded to four bytes; the last one may lack its padding. All values
+   are copied with memcpy, since nothing in a datagram is guaranteed to be aligned for its type. */
 #include "platform/linux_interfaces/netlink.h"
 
 #include "util/poll.h"
@@ -135,7 +134,7 @@ byte_view request::finish(uint32_t sequence)
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/* The larger buffer needs CAP_NET_ADMIN; without it the system's limit applies, silently. */
+/* A larger buffer needs CAP_NET_ADMIN; without it the system's limit applies without an error. */
 static void size_buffer(int fd, int receive_buffer)
 {
     if (receive_buffer == 0)
@@ -150,7 +149,7 @@ connection::connection(int protocol, int receive_buffer)
     if (!socket_)
         fail("netlink socket");
     size_buffer(fd(), receive_buffer);
-    const int on = 1; /* ask for links by index alone; kernels before 4.20 don't know it */
+    const int on = 1; /* requests for links by index alone; unknown to kernels before 4.20 */
     setsockopt(fd(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof(on));
     const sockaddr_nl self = {.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = 0, .nl_groups = 0};
     if (bind(fd(), reinterpret_cast<const sockaddr *>(&self), sizeof(self)) != 0)
@@ -164,7 +163,8 @@ void connection::join(uint32_t group)
         fail("netlink group");
 }
 
-/* Processes with enough rights may send to any netlink socket; only the kernel's port is 0. */
+/* Processes with enough rights may send to any netlink socket; only messages from the kernel have
+   port 0. */
 connection::received connection::receive()
 {
     for (;;) {
@@ -199,8 +199,8 @@ static int await_readable(int fd, std::chrono::steady_clock::time_point deadline
     return 0;
 }
 
-/* The kernel mostly has answered before the question is sent. Answers to questions that timed out
-   have older sequence numbers and are skipped. */
+/* The kernel has usually answered when send() returns. Answers to requests that timed out have
+   older sequence numbers and are skipped. */
 int connection::await_answer(std::chrono::steady_clock::time_point deadline, const taker &take)
 {
     bool was_interrupted = false;
@@ -258,7 +258,7 @@ byte_view generic_attributes(const message &answer)
     return without_header(answer.body, sizeof(genlmsghdr));
 }
 
-/* The commands stand in a nest of nests, one a command. */
+/* The commands are nested attributes within one attribute. */
 static bool has_command(byte_view attributes, uint32_t command)
 {
     byte_view commands = find_attribute(attributes, CTRL_ATTR_OPS);
@@ -268,7 +268,7 @@ static bool has_command(byte_view attributes, uint32_t command)
     return false;
 }
 
-/* Gives the attributes of a family to `take`. */
+/* Passes the attributes of a family to `take`. */
 static void ask_family(connection &generic, std::string_view name,
                        const std::function<void(byte_view attributes)> &take)
 {
@@ -289,7 +289,7 @@ uint16_t find_family(connection &generic, std::string_view name, uint32_t comman
     return family;
 }
 
-/* The groups stand in a nest of nests, as the commands. */
+/* The groups are nested attributes within one attribute, like the commands. */
 uint32_t find_group(connection &generic, std::string_view family, std::string_view group)
 {
     uint32_t number = 0;

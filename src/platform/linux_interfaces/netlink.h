@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* netlink - the kernel's netlink messages: built in a buffer, and taken apart with every length
-   checked, on the kernel's own headers alone. Views point into the datagram that was passed in.
-   A socket belongs to one thread. */
+/* netlink - the kernel's netlink messages: built in a buffer, and parsed with a check of every
+   length. Needs only the kernel's own headers. Views point into the datagram that was passed in. A
+   socket belongs to one thread. */
 #pragma once
 
 #include "util/descriptor.h"
@@ -30,8 +30,8 @@ struct message {
     byte_view body;
 };
 
-/* Takes the first message off `datagram`. Nothing at the end, or where a length doesn't fit; then
-   the rest of the datagram is dropped. */
+/* Removes the first message from `datagram` and returns it. Nothing at the end, or if a length
+   doesn't fit; the rest of the datagram is dropped then. */
 std::optional<message> take_message(byte_view &datagram);
 
 struct attribute {
@@ -39,7 +39,7 @@ struct attribute {
     byte_view value;
 };
 
-/* Takes the first attribute off `attributes`, by the same rules. */
+/* Removes the first attribute from `attributes` and returns it, by the same rules. */
 std::optional<attribute> take_attribute(byte_view &attributes);
 
 /* The value of the first attribute with that number; empty if there is none. */
@@ -48,7 +48,7 @@ byte_view find_attribute(byte_view attributes, uint16_t number);
 /* `bytes` without a fixed header of that size and its padding; empty if they are shorter. */
 byte_view without_header(byte_view bytes, size_t header_size);
 
-/* A record at the start of `bytes`, or nothing if they are too few. */
+/* The record at the start of `bytes`, or nothing if there are too few bytes. */
 template <typename record>
 std::optional<record> read_record(byte_view bytes)
 {
@@ -71,7 +71,7 @@ int error_of(const message &report);
 class request
 {
   public:
-    /* NLM_F_REQUEST is added to the flags. */
+    /* NLM_F_REQUEST is always added to the flags. */
     template <typename record>
     request(uint16_t type, uint16_t flags, const record &header) : request(type, flags)
     {
@@ -84,19 +84,19 @@ class request
         static_assert(std::is_integral_v<number_type>);
         put_bytes(number, view_of(value));
     }
-    /* A fixed header at the beginning of a nest. */
+    /* Adds a fixed header at the beginning of a nested attribute. */
     template <typename record>
     void put_header(const record &header)
     {
         append(view_of(header));
     }
-    /* With a NUL behind it. */
+    /* Adds a text and its terminating NUL. */
     void put_text(uint16_t number, std::string_view text);
-    /* Attributes that are put between the two calls lie inside the nest. */
+    /* Attributes that are added between begin_nest() and end_nest() are nested. */
     size_t begin_nest(uint16_t number);
     void end_nest(size_t begin);
 
-    /* The whole message with its length and this sequence number. */
+    /* Sets length and sequence number, and returns the whole message. */
     byte_view finish(uint32_t sequence);
 
   private:
@@ -116,7 +116,7 @@ class request
 class connection
 {
   public:
-    /* Throws a std::system_error. A receive buffer of 0 leaves the system's default. */
+    /* Throws a std::system_error. With a receive buffer of 0 the system's default size is used. */
     explicit connection(int protocol, int receive_buffer = 0);
 
     int fd() const
@@ -126,18 +126,18 @@ class connection
     /* Throws a std::system_error. */
     void join(uint32_t group);
 
-    /* The next datagram from the kernel, valid until the next call. EAGAIN when there is none,
-       ENOBUFS when the kernel dropped messages or one was longer than the buffer. */
+    /* The next datagram from the kernel, valid until the next call. EAGAIN if there is none,
+       ENOBUFS if the kernel dropped messages or a message was longer than the buffer. */
     struct received {
         int error = 0;
         byte_view datagram;
     };
     received receive();
 
-    /* Sends a question and gives every message of the answer to `take`. Returns 0, or the kernel's
-       errno, ETIMEDOUT past `patience`, EINTR for a dump that changed while it was made. Sends with
-       NLM_F_ACK unless it asks for a dump. Sending may block for as long as the kernel's lock is
-       held, whatever the patience. */
+    /* Sends a request and passes every message of the answer to `take`. Returns 0, or the kernel's
+       errno, ETIMEDOUT after `patience`, EINTR for a dump during which something changed. Sends
+       with NLM_F_ACK unless the request is for a dump. Sending may block as long as the kernel's
+       lock is held, whatever the patience. */
     using taker = std::function<void(const message &)>;
     int ask(request &question, std::chrono::milliseconds patience, const taker &take);
 
@@ -149,8 +149,8 @@ class connection
     std::vector<uint8_t> buffer_;
 };
 
-/* The number of a generic netlink family, or 0 if the kernel doesn't have it. With `command` not 0
-   also 0 if the family lacks that command. */
+/* The number of a generic netlink family; 0 if the kernel doesn't have it, or, with a `command`, if
+   the family lacks that command. */
 uint16_t find_family(connection &generic, std::string_view name, uint32_t command = 0);
 
 /* The number of a family's multicast group, or 0 if the kernel doesn't have it. */
@@ -159,8 +159,8 @@ uint32_t find_group(connection &generic, std::string_view family, std::string_vi
 /* A message to a generic netlink family. */
 request generic_request(uint16_t family, uint8_t command);
 
-/* A question to the family of ethtool about an interface; `header` is the number of the command's
-   attribute that names it; `flags` are ETHTOOL_FLAG_*. */
+/* A request to the ethtool family about an interface; `header` is the number of the command's
+   attribute that names the interface; `flags` are ETHTOOL_FLAG_*. */
 request ethtool_request(uint16_t family, uint8_t command, uint16_t header, int32_t index,
                         uint32_t flags = 0);
 

@@ -21,7 +21,7 @@ namespace linux_board
 namespace
 {
 
-/* The parser's state, with the numbers, interfaces and buses of the lines before. */
+/* The parser's state, with the numbers, interfaces and buses of earlier lines. */
 struct parser {
     port_config config;
     std::set<uint32_t> numbers = {};
@@ -35,12 +35,12 @@ using reason = std::optional<std::string>;
 
 static constexpr uint32_t last_port = 65534;
 static constexpr uint32_t last_i2c_bus = 0xffff;
-static constexpr size_t max_line_length = 4096 + 512; /* the longest path and what is around it */
-static constexpr size_t max_interface_length = 127;   /* of an alternative name */
+static constexpr size_t max_line_length = 4096 + 512; /* the longest path and its line */
+static constexpr size_t max_interface_length = 127;   /* length of an alternative name */
 static constexpr size_t max_parent_length = 255;
 static constexpr char line_form[] = "a line is: NUMBER INTERFACE [module=FILE|i2c=BUS|poll=off] "
                                     "[lanes=A-B] [checksum=ignore]";
-static constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF"; /* of some editors' UTF-8 */
+static constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF"; /* of some editors */
 
 /* Carriage returns count as blanks, so that files from other systems work. */
 static std::vector<std::string_view> split_words(std::string_view line)
@@ -72,7 +72,7 @@ static bool is_printable(std::string_view text)
     return std::ranges::all_of(text, [](char byte) { return byte > ' ' && byte <= '~'; });
 }
 
-/* A word that goes into a message: short, and without bytes that would spoil a terminal. */
+/* A word for a message: short, and escaped so that it can't disturb a terminal. */
 static std::string quoted(std::string_view word)
 {
     constexpr size_t longest = 60;
@@ -83,8 +83,8 @@ static std::string quoted(std::string_view word)
     return "\"" + text + (word.size() > longest ? "...\"" : "\"");
 }
 
-/* No interface has a slash in its name, so the last one of a word separates the port's name from
-   the parent, which may have more of them. */
+/* No interface has a slash in its name. So the last slash of a word separates the port's name from
+   the parent, which may contain slashes. */
 static reason parse_interface(std::string_view word, configured_port &port)
 {
     const size_t slash = word.rfind('/');
@@ -143,7 +143,7 @@ static reason parse_lanes(std::string_view word, configured_port &port)
     return std::nullopt;
 }
 
-/* The three ways to the module exclude each other; every word stands once. */
+/* The three ways to read the module exclude each other; no word may be repeated. */
 static reason parse_options(std::span<const std::string_view> words, configured_port &port)
 {
     static constexpr std::string_view lanes = "lanes=";
@@ -176,7 +176,8 @@ static reason parse_words(const std::vector<std::string_view> &words, configured
     return parse_options(std::span(words).subspan(2), port);
 }
 
-/* Takes number, interface and bus for the port, or none of them. */
+/* Reserves number, interface and bus for the port; if one of them is used already, none is
+   reserved. */
 static reason take(parser &state, std::string_view interface, const configured_port &port)
 {
     const bool has_bus = port.source == module_source::i2c_bus;
@@ -276,7 +277,8 @@ int open_port_config(const std::string &path)
     return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
 }
 
-/* nullptr, or why not. The file may grow while it is read, so its stated size is not relied on. */
+/* nullptr, or why the file can't be read. It may grow while it is read, so its size is not relied
+   on. */
 static const char *read_text(int descriptor, std::string &text)
 {
     struct stat status = {};
@@ -305,7 +307,7 @@ static const char *read_text(int descriptor, std::string &text)
     return nullptr;
 }
 
-/* FNV-1a: the same in both processes, whatever library each is built with. */
+/* FNV-1a: both processes get the same result, whatever C++ library they are built with. */
 static uint64_t checksum_of(std::string_view text)
 {
     uint64_t sum = 0xcbf29ce484222325;

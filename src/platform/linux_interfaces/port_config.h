@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* port_config - the file that says which port is which interface. One line for each port:
+/* port_config - the file that assigns an interface to each port. One line for each port:
 
      NUMBER INTERFACE [module=FILE|i2c=BUS|poll=off] [lanes=A-B] [checksum=ignore]   # a comment
 
@@ -12,8 +12,8 @@
    module that belong to the port, counted from 1, where several interfaces share one module without
    names for their parts; checksum=ignore says that the module's checksums don't matter.
 
-   Words are separated by spaces or tabs; a word that begins with # begins a comment. A wrong line
-   gives a message and is left out; the other lines stand. No state. */
+   Words are separated by spaces or tabs; a word that begins with # begins a comment. For a wrong
+   line there is a message, and the line is ignored; the other lines count. No state. */
 #pragma once
 
 #include <cstdint>
@@ -29,26 +29,25 @@ enum class module_source : uint8_t { interface, file, i2c_bus, none };
 
 struct configured_port {
     uint32_t number = 0;
-    std::string interface; /* a name or an alternative name; empty with a parent */
+    std::string interface; /* a name or an alternative name; empty if there is a parent */
     std::string parent;
     std::string port_name;
     module_source source = module_source::interface;
     std::string file;
     uint32_t i2c_bus = 0;
-    uint32_t lanes =
-        0; /* bit n: lane n + 1; 0: all that the kernel's name for the port stands for */
+    uint32_t lanes = 0; /* bit n: lane n + 1; 0: all lanes of the kernel's name for the port */
     bool ignores_checksum = false;
 
     bool operator==(const configured_port &) const = default;
 };
 
-/* The words behind the interface, each with a space before it. */
+/* The words after the interface, each with a space before it. */
 std::string options_of(const configured_port &port);
 
-/* The interface, as a line names it. */
+/* The interface as a line of the file names it. */
 std::string name_of(const configured_port &port);
 
-/* In the place of a checksum: there is no file, or it can't be read. */
+/* Instead of a checksum: there is no file, or it can't be read. */
 constexpr uint64_t no_port_config = 0;
 constexpr uint64_t unread_port_config = 1;
 
@@ -56,10 +55,10 @@ constexpr uint64_t unread_port_config = 1;
 struct port_config {
     std::vector<configured_port> ports;
     std::vector<std::string> messages;
-    uint64_t checksum = no_port_config; /* of the file's bytes */
+    uint64_t checksum = no_port_config; /* checksum of the file's bytes */
 };
 
-/* No larger file is read, and no more messages are made: the last one counts those left out. */
+/* A larger file is refused. If there are more messages, the last one says how many are left out. */
 constexpr size_t max_port_config_size = 4u << 20;
 constexpr size_t max_port_config_messages = 20;
 
@@ -72,18 +71,18 @@ std::string port_config_path();
 /* `name` is the file's name in the messages. */
 port_config parse_port_config(std::string_view text, std::string_view name);
 
-/* Opens the file for read_port_config without waiting, whatever kind of file it is. A descriptor
-   that the caller closes, or -1 with errno. */
+/* Opens the file for read_port_config without blocking, whatever its type is. Returns a descriptor,
+   which the caller closes, or -1 with errno. */
 int open_port_config(const std::string &path);
 
-/* Reads and parses what is open at `descriptor`, from its beginning on. A file that can't be read
-   as a whole, or that is no regular file, gives one message and no port. */
+/* Reads and parses the file that is open at `descriptor`, from its beginning. If it can't be read
+   whole, or isn't a regular file, the result has one message and no port. */
 port_config read_port_config(int descriptor, std::string_view name);
 
-/* nullptr where the file open at `descriptor` can be trusted to say what a process with more
-   rights than its writers may read: a regular file of `owner` that neither its group nor others
-   can write. Otherwise the reason, a constant text that goes behind the file's name. Checked on the
-   descriptor, so that the file that is read is the one that was checked. */
+/* nullptr if the file that is open at `descriptor` can be trusted, although the process has more
+   rights than other users: a regular file of `owner` that neither its group nor others can write.
+   Otherwise the reason, a constant text that follows the file's name in messages. The descriptor is
+   checked, not the path, so that the checked file is the one that is read. */
 const char *reason_not_trusted(int descriptor, uid_t owner = 0);
 
 } // namespace linux_board

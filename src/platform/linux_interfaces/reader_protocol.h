@@ -15,14 +15,14 @@
 #define READER_LONGEST_READ 32
 #define READER_MOST_REQUESTS 16
 
-/* An address that no module has: the request is about the reader itself, and `offset` says which.
-   The length is that of a checksum, all else is 0. */
+/* An address that no module has: the request is about the reader itself, and `offset` selects the
+   question. `length` is that of a checksum, all other fields are 0. */
 #define READER_ITSELF 0
 #define READER_CHECKSUM_LENGTH 8
 enum reader_question {
-    READER_CONFIGURATION = 0, /* the checksum of the reader's configuration; 0 without one */
-    READER_END = 1, /* that checksum, after which the reader ends: the configuration was replaced.
-                       The next reader takes over which interface each port has. */
+    READER_CONFIGURATION = 0, /* returns the checksum of its configuration, or 0 */
+    READER_END = 1, /* returns that checksum, and the reader ends, since the configuration was
+                       replaced. The next reader takes over the interface of each port. */
 };
 
 /* Bytes of a module's memory. A range never crosses byte 128; below it page and bank are 0. At
@@ -47,7 +47,7 @@ struct reader_request {
    ECANCELED  not done, as an earlier request of the packet for the same port had failed */
 struct reader_answer {
     int32_t error;
-    int32_t interface; /* the index of the interface that was asked; 0 for a module on a bus */
+    int32_t interface; /* index of the interface that was asked; 0 for a module on a bus */
     uint8_t bytes[READER_LONGEST_READ];
 };
 

@@ -46,13 +46,14 @@ struct timer_service {
     util::descriptor timer;
     pthread_t thread = {};
     bool is_stopping = false;
-    /* By the time of expiry, in ns of CLOCK_MONOTONIC. */
+    /* The pending timers by time of expiry, in ns of CLOCK_MONOTONIC. */
     std::multimap<uint64_t, pending_timer> timers = {};
 };
 
 } // namespace
 
-/* Guards the pointer and the service. The pointer is null while no service runs. */
+/* Guards the pointer and the service that it points to. The pointer is null while no service
+   runs. */
 static std::mutex service_lock;
 static timer_service *running;
 
@@ -86,8 +87,8 @@ static void wake_at(const timer_service &service, uint64_t time_ns)
     timerfd_settime(service.timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
-/* Removes and returns the first timer if it has expired. If not, sets the descriptor to it, if
-   there is one, and returns a null signal. */
+/* Removes and returns the first timer if it has expired. Otherwise sets the timerfd to the first
+   timer, if there is one, and returns a null signal. */
 static pending_timer take_expired(timer_service &service)
 {
     const auto first = service.timers.begin();
@@ -109,7 +110,7 @@ static void *run_service(void *argument)
         std::unique_lock locked(service_lock);
         if (service.is_stopping)
             return nullptr;
-        /* One at a time: between two of them the service can be stopped. */
+        /* One tick at a time: the service can be stopped between two ticks. */
         pending_timer expired = take_expired(service);
         locked.unlock();
         if (expired.signal != nullptr)
@@ -119,8 +120,8 @@ static void *run_service(void *argument)
     }
 }
 
-/* Not open if a timer can't be made or set. Without the second call, which
-   disarms it, a thread that can't be woken would hold up the end of the process. */
+/* Not open if the timerfd can't be created or set. The second call tests setting by disarming the
+   timer: otherwise a thread that can't be woken would delay the end of the process. */
 static util::descriptor open_timer()
 {
     const itimerspec never{};
@@ -131,7 +132,7 @@ static util::descriptor open_timer()
     return {};
 }
 
-/* Null if there is no memory, descriptor or thread for it. */
+/* Null if there is no memory, descriptor or thread for the service. */
 static timer_service *start_service()
 {
     util::descriptor timer = open_timer();
@@ -180,7 +181,7 @@ static bool add_timer(uint32_t interval, const pending_timer &added)
         return false;
     try {
         const auto timer = running->timers.emplace(now_ns() + interval * running->unit_ns, added);
-        /* The descriptor is already set to a timer that comes before this one. */
+        /* If an earlier timer is first, the descriptor is set to that one already. */
         if (timer == running->timers.begin())
             wake_at(*running, timer->first);
         return true;
@@ -191,7 +192,7 @@ static bool add_timer(uint32_t interval, const pending_timer &added)
 
 void tmo_request_sig(uint32_t interval, mbx_signal **signal)
 {
-    /* Called before the lock is taken, as the call leads into another library. */
+    /* Called before the lock is taken, since the call enters another library. */
     const uint32_t mailbox = mbx_own_mailbox();
     if (mailbox != MBX_NO_MAILBOX && add_timer(interval, {*signal, mailbox}))
         *signal = nullptr;

@@ -14,8 +14,8 @@ extern "C" {
 
 struct mbx_signal;
 
-/* Starts the service. True if it runs, also if it did before; false if there is no memory,
-   descriptor or thread for it. */
+/* Starts the service. True if it is running, also if it was running before; false if there is no
+   memory, descriptor or thread for it. */
 bool tmo_service_init(void);
 
 /* Harmless if no service runs. Pending signals are freed; none is delivered after the return. */

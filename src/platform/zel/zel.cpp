@@ -13,10 +13,10 @@
 
    Formatted texts. A signal handler may call formatStr at any instruction of a formatStr of the
    same thread, or before that one's text has been traced. So each thread has several texts, and a
-   text is taken until a trace call has written it. formatStr takes the least recently used one, a
-   free one before a taken one. A text that a handler takes between the choice and the mark is no
-   longer in use when the interrupted call continues, since the handler has ended by then. All this
-   needs no more than the order that one thread sees.
+   text is in use until a trace call has written it. formatStr takes the least recently used text,
+   if possible a free one. If a handler takes the chosen text before it is marked, that text is free
+   again when the interrupted call continues, since the handler has ended by then. All this relies
+   only on the order within one thread.
 
    The code behind formatStr and the trace calls neither locks nor allocates, and keeps errno.
    vsnprintf is not guaranteed to be safe in a handler, but in glibc it is for integers, characters,
@@ -58,8 +58,8 @@ struct formatted_text {
 
 } // namespace
 
-/* One for ordinary code, one for each of the two handlers that can interrupt it and each other, and
-   a spare one for a caller that formats without tracing. */
+/* One text for ordinary code, one for each of the two handlers that can interrupt it and each
+   other, and a spare one for a caller that formats without tracing. */
 static constexpr int texts_per_thread = 4;
 
 #define ZEL_THREAD_LOCAL static __thread __attribute__((tls_model("initial-exec")))
@@ -74,7 +74,7 @@ __thread uint32_t procInfo[8];
 static std::atomic<const zel_sink *> sink;
 static uint32_t group_mask;
 
-/* One line on standard error about a setting that can't be used. */
+/* Writes one line to standard error about a setting that can't be used. */
 static void complain(const char *setting, const char *value, const char *reason)
 {
     text_line line;
@@ -136,7 +136,7 @@ static uint64_t wanted_file_cap()
     return default_file_cap;
 }
 
-/* Null for the default. */
+/* Null if the default is to be used. */
 static const uint32_t *wanted_rate()
 {
     static uint32_t rate;
@@ -152,9 +152,9 @@ static const uint32_t *wanted_rate()
     return &rate;
 }
 
-/* Loads the provider from the directory of this library, so that the two are always of one build.
-   LTTng's threads inherit the signal mask: they must not run the program's handlers. The provider
-   stays loaded, as its threads can't be ended. Null with dlerror() if it can't be loaded. */
+/* Loads the provider from the directory of this library, so that both are from the same build.
+   LTTng's threads inherit the signal mask, and must not run the program's handlers. The provider
+   stays loaded, as its threads can't be ended. Null, with dlerror(), if it can't be loaded. */
 static const zel_sink *load_lttng()
 {
     Dl_info here = {};
@@ -240,8 +240,9 @@ static formatted_text &take_text()
     formatted_text &text = *std::ranges::min_element(texts, {}, [](const formatted_text &one) {
         return std::tuple(one.is_taken, one.last_use);
     });
-    /* A handler between the two marks that finds no free text must not find this one as the least
-       recently used: it would free it. They are in memory before the first byte of the text. */
+    /* If a handler between the two marks finds no free text, it must not take this one as the least
+       recently used, and then free it. Both marks are in memory before the first byte of the
+       text. */
     text.last_use = ++text_uses;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     text.is_taken = true;
@@ -249,7 +250,7 @@ static formatted_text &take_text()
     return text;
 }
 
-/* A text that isn't from formatStr isn't freed. */
+/* Frees a text of formatStr; any other text is ignored. */
 static void release_text(const char *traced)
 {
     std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -279,7 +280,7 @@ const char *short_fname(const char *path)
     return slash ? slash + 1 : path;
 }
 
-/* Writes nothing if the mask hides the group, and so nothing without a sink. */
+/* Writes nothing if the mask hides the group, which it does for all groups if there is no sink. */
 static void trace(zel_record record)
 {
     const int kept_errno = errno;
@@ -287,7 +288,7 @@ static void trace(zel_record record)
     const zel_sink *used = sink.load(std::memory_order_acquire);
     if (used && record.group < 32 && (procInfo[3] >> record.group & 1)) {
         char kernel_name[16] = "";
-        /* A thread without a registered name has its name in the kernel. */
+        /* If no name was registered, the thread's name in the kernel is used. */
         if (thread_name[0] == '\0')
             prctl(PR_GET_NAME, kernel_name);
         record.thread = thread_name[0] != '\0' ? thread_name : kernel_name;

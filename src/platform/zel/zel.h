@@ -10,7 +10,7 @@
 extern "C" {
 #endif
 
-/* A received or sent signal: its first word is its number. Its fields are in mbx.h. */
+/* A received or sent signal, which begins with its number. Its fields are in mbx.h. */
 struct mbx_signal;
 
 /* The calling thread's block. procInfo[3] is the group mask, bit n for group n: the caller tests it

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Places are entries of a hash table that only grows. An entry is claimed by its key, and has its
-   name a moment later; until then, and when the table is full, its traces use a spare entry: one
-   for errors, one for all others.
+/* Places are entries of a hash table that only grows. An entry is claimed by its key, and gets its
+   name a moment later; until then, and if the table is full, traces of the place use a spare entry:
+   one for errors, one for all others.
 
    A second and a count, or a second and a hash, share one atomic word: they change together. */
 #include "platform/zel/zel_limit.h"
@@ -129,7 +129,7 @@ zel_place *zel_limit_admit(const zel_record &record)
     return &place;
 }
 
-/* A place whose flood goes on is reported later. */
+/* While the flood of a place continues, its report is delayed. */
 static bool is_due(const zel_place &place, uint32_t second)
 {
     const bool has_repeats = place.repeated.load(std::memory_order_relaxed) > 0;

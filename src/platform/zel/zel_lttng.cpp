@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Traces as LTTng events.
 
-   A shared object of its own, which libzel loads only if it is the sink: LTTng starts threads and
+   A separate shared object, which libzel loads only if LTTng is the sink: LTTng starts threads and
    maps memory in every process that loads it. A tracepoint in a signal handler is safe on a thread
    prepared by lttng_ust_init_thread; on others the first event allocates thread-local data. */
 #define LTTNG_UST_TRACEPOINT_CREATE_PROBES

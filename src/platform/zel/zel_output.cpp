@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A FIFO or pipe is opened for reading, too: then the open needs no reader, and a reader that ends
-   causes neither EPIPE nor SIGPIPE. Its buffer fills up instead, and lines are counted as lost
-   until there is a reader again. */
+/* A FIFO or pipe is also opened for reading: then the open needs no reader, and the end of a reader
+   causes neither EPIPE nor SIGPIPE. Without a reader the buffer becomes full, and lines are counted
+   as lost. */
 #include "platform/zel/zel_output.h"
 
 #include "util/descriptor.h"
@@ -24,7 +24,7 @@ static mode_t file_type(int descriptor)
     return fstat(descriptor, &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
-/* 0 for a descriptor without such a buffer. */
+/* The size of the descriptor's buffer; 0 if it has none. */
 static int capacity_of(int descriptor, mode_t type)
 {
     int size = 0;
@@ -59,7 +59,8 @@ zel_output zel_open_stream(int descriptor)
     return output;
 }
 
-/* A FIFO that may only be written to keeps the descriptor of the first open, if it has a reader. */
+/* If a FIFO may only be written, the descriptor of the first open is kept, provided that there is a
+   reader. */
 static int open_fifo(const char *path, util::descriptor opened_to_write)
 {
     const int kept_errno = errno;
@@ -74,7 +75,7 @@ zel_output zel_open_file(const char *path)
     if (opened >= 0 ? file_type(opened) == S_IFIFO : errno == ENXIO)
         opened = open_fifo(path, util::descriptor(opened));
     if (opened < 0)
-        return {}; /* with open's errno */
+        return {}; /* errno is that of open */
     return {.descriptor = opened, .capacity = capacity_of(opened, file_type(opened))};
 }
 

@@ -4,32 +4,30 @@
 #pragma once
 #include <cstddef>
 
-/* Where lines go, and how a write there is kept from blocking. */
+/* A destination of lines, and the way in which a write is kept from blocking. */
 struct zel_output {
     enum class method {
-        direct, /* the descriptor doesn't block: a regular file, or opened so by us */
-        socket, /* by a flag of each send */
-        polled, /* only after poll() has promised room for a line */
+        direct, /* the descriptor doesn't block: a regular file, or opened without blocking by us */
+        socket, /* each send has a flag against blocking */
+        polled, /* a write follows only if poll() has reported room for a line */
     };
     int descriptor = -1;
     method how = method::direct;
-    /* Of a pipe, FIFO or socket: the bytes of its buffer, of which the last quarter is for errors.
-     */
+    /* The buffer size of a pipe, FIFO or socket, in bytes; the last quarter is for errors. */
     int capacity = 0;
 };
 
-/* For a descriptor that the process was started with. Its blocking mode is shared with other
-   processes and stays as it is: pipes and terminals are opened anew where /proc and their mode
-   permit that. */
+/* An inherited descriptor as an output. Its blocking mode is shared with other processes and isn't
+   changed: pipes and terminals are opened again if /proc and their mode permit that. */
 zel_output zel_open_stream(int descriptor);
 
 /* Opens a file, which is created if it doesn't exist, or a FIFO, whether or not it has a reader.
    Descriptor -1 with errno if that fails. */
 zel_output zel_open_file(const char *path);
 
-/* One write of at most PIPE_BUF bytes. False if they were not taken. May be called in a signal
-   handler and raises no SIGPIPE; changes errno. */
+/* Makes one write of at most PIPE_BUF bytes. False if the bytes were not taken. May be called in a
+   signal handler and raises no SIGPIPE; changes errno. */
 bool zel_write(const zel_output &output, const char *bytes, size_t size, bool is_error);
 
-/* Writes to a regular file don't block on a reader. */
+/* Whether it is a regular file, to which a write doesn't wait for a reader. */
 bool zel_is_regular_file(const zel_output &output);

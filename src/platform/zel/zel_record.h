@@ -6,14 +6,14 @@
 
 enum class zel_kind { trace, received, sent };
 
-/* No pointer in it is null. It is valid during the call that writes it. */
+/* No pointer in the record is null. The record is valid during the call that writes it. */
 struct zel_record {
     zel_kind kind;
     uint32_t group;
     const char *file;
     uint32_t line;
-    uint32_t number;   /* received and sent: the signal's number */
-    uint32_t receiver; /* sent: the receiving mailbox */
+    uint32_t number;   /* of received and sent signals: the signal's number */
+    uint32_t receiver; /* of sent signals: the receiving mailbox */
     const char *text;
     const char *thread;
 };

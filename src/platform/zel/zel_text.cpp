@@ -8,10 +8,10 @@
    several processes that share the file, are not mixed. A line that the output doesn't take is
    counted, and the count is written before the next line.
 
-   Roll-over. The file's descriptor keeps its number: dup3 puts the new file under it in one step,
-   so that no thread ever writes to a closed descriptor. One thread rolls at a time. Another one, or
-   a handler on the same thread, must not wait for it and writes to the descriptor as it is: the old
-   file may end a few lines above its cap. */
+   Roll-over. The file's descriptor keeps its number: dup3 replaces the file in one step, so that no
+   thread ever writes to a closed descriptor. Only one thread rolls over at a time. Other threads,
+   and handlers on this thread, must not wait meanwhile and write to the old file, which may exceed
+   its cap by a few lines. */
 #include "platform/zel/zel_text.h"
 
 #include "platform/zel/zel_limit.h"
@@ -35,7 +35,7 @@
 namespace
 {
 
-/* From this second on local time is this far ahead of UTC. */
+/* From this second on, local time differs from UTC by this offset. */
 struct utc_offset {
     time_t from;
     long seconds;
@@ -50,7 +50,7 @@ static zel_output output;
 static bool is_journal;
 static char file_path[PATH_MAX];
 static char old_path[PATH_MAX + 2];
-static uint64_t file_cap; /* 0 for streams, which have none */
+static uint64_t file_cap; /* 0 for streams, which have no cap */
 static std::atomic_flag is_rolling;
 static std::atomic<uint64_t> lost_lines;
 
@@ -80,8 +80,8 @@ void text_line::format(const char *format, ...)
 /* The size in bytes of the printable character at the start of `text`, or 0. */
 static size_t printable_size(const unsigned char *text)
 {
-    /* The well-formed sequences: first byte, second byte, length. The first row starts above U+0080
-       to U+009F, which are controls. */
+    /* A row of the table of valid UTF-8 sequences: first byte, second byte, length. The first row
+       excludes U+0080 to U+009F, which are control characters. */
     struct form {
         unsigned char first_min, first_max, second_min, second_max, size;
     };
@@ -218,8 +218,8 @@ static bool has_room(size_t size)
             (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) + size <= file_cap));
 }
 
-/* Renames the file only if the path still leads to it: another process that shares it may have
-   rolled it over already, and then only the new one has to be opened. */
+/* Renames the file only if it is still at the path: another process that shares it may have rolled
+   over already; then the new file is only opened. */
 static void roll_over()
 {
     struct stat ours = {};
@@ -235,7 +235,7 @@ static void roll_over()
 /* False if the full file could not be replaced. */
 static bool make_room(size_t size)
 {
-    /* A roll-over is in progress on another thread, or on this one below a handler. */
+    /* Another thread, or the code that this handler interrupted, is rolling over. */
     if (is_rolling.test_and_set(std::memory_order_acquire))
         return true;
     if (!has_room(size))
@@ -254,7 +254,7 @@ static bool write_line(const zel_record &record, bool is_error)
     return (has_room(size) || make_room(size)) && line.write_to(output, is_error);
 }
 
-/* Writes a line of the library's own about lines that are missing. */
+/* Writes a line of this library about missing lines. */
 static bool write_note(uint32_t group, const char *file, uint32_t line, const char *text,
                        bool is_error)
 {
@@ -269,7 +269,7 @@ static bool write_note(uint32_t group, const char *file, uint32_t line, const ch
                       is_error);
 }
 
-/* Before a line that may be an error. False if the output still doesn't take anything. */
+/* Called before a line is written. False if the output still takes no line. */
 static bool report_lost_lines(bool is_error)
 {
     const uint64_t lost = lost_lines.exchange(0, std::memory_order_relaxed);
@@ -283,7 +283,7 @@ static bool report_lost_lines(bool is_error)
     return false;
 }
 
-/* The counts stay for a later report if the output doesn't take this one. */
+/* If the output doesn't take the report, the counts are kept for a later one. */
 static void report_place(zel_place &place)
 {
     const uint64_t repeated = place.repeated.exchange(0, std::memory_order_relaxed);
@@ -312,7 +312,7 @@ static void write_record(const zel_record &record)
         lost_lines.fetch_add(1, std::memory_order_relaxed);
 }
 
-/* At the end of the process, as no later line will report the counts. */
+/* Runs at the end of the process, as no later line will report the counts. */
 __attribute__((destructor)) static void report_all()
 {
     if (output.descriptor < 0)
@@ -327,7 +327,7 @@ static void set_limit(const uint32_t *share)
     zel_limit_set(share != nullptr ? *share : standard);
 }
 
-/* systemd names the journal's connection by device and inode. */
+/* Whether the descriptor is the journal's: systemd names that by device and inode. */
 static bool is_journal_stream(int descriptor)
 {
     const char *setting = secure_getenv("JOURNAL_STREAM");
@@ -353,7 +353,8 @@ const zel_sink *zel_text_to_stream(int descriptor, const uint32_t *share)
 
 const zel_sink *zel_text_to_file(const char *path, uint64_t cap, const uint32_t *share)
 {
-    /* Absolute, so that a program that changes its directory later still rolls over in place. */
+    /* An absolute path, so that roll-over still works after the program has changed its
+       directory. */
     char directory[PATH_MAX] = "";
     if (path[0] != '/' && getcwd(directory, sizeof(directory)) == nullptr)
         return nullptr;

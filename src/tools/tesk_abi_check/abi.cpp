@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each name must be in its own library, although the loader would find it for the server in any of
-   the four: clients load libmbx alone. */
+/* Each name must be in its own library. The loader would find it for the server in any of the four,
+   but clients load libmbx alone. */
 #include "tools/tesk_abi_check/abi.h"
 
 #include "tools/tesk_abi_check/elf_names.h"
@@ -58,7 +58,7 @@ static constexpr needed_library needed[] = {
     {"libdolm_ric.so.0", dolm_ric_names},
 };
 
-/* The only name that is not a function. */
+/* The only name that is not a function's. */
 static constexpr std::string_view per_thread_block = "procInfo";
 static constexpr uint64_t per_thread_block_size = 8 * sizeof(uint32_t);
 

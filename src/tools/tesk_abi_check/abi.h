@@ -9,14 +9,14 @@
 
 struct abi_problem {
     std::string library;
-    std::string name; /* empty: the library as a whole */
-    std::string text; /* continues the name, or the library where there is none */
+    std::string name; /* empty: the problem concerns the whole library */
+    std::string text; /* continues a sentence that begins with the name, or with the library */
 };
 
-/* Checks the libraries in a directory. Problems come in the order of the table of names; empty if
-   everything is there. */
+/* Checks the libraries in a directory. Problems are in the order of the table of names; empty if no
+   name is missing. */
 std::vector<abi_problem> check_abi(const std::string &directory);
 
-/* Checks one library, whichever of the four its file name begins with, such as "libmbx.so.1.2".
+/* Checks one library, whose file name begins with one of the four names, such as "libmbx.so.1.2".
    Nothing if it begins with none of them. */
 std::optional<std::vector<abi_problem>> check_library(const std::string &path);

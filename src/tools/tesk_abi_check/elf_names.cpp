@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The dynamic symbol table is found through the section headers, which every linker writes and
-   strip keeps. The file is untrusted input: every record is copied out of it by a function that
-   checks the bounds first. */
+   strip doesn't remove. The file is untrusted input: every record is copied out of it by a function
+   that checks the bounds first. */
 #include "tools/tesk_abi_check/elf_names.h"
 
 #include <cstring>
@@ -57,7 +57,7 @@ static symbol_kind kind_of(unsigned char type)
     }
 }
 
-/* The fields and their encodings are the same in both layouts. */
+/* Both ELF layouts have the same fields and encodings. */
 template <typename symbol>
 static bool is_exported(const symbol &entry)
 {

@@ -17,7 +17,7 @@ struct elf_symbol {
 };
 
 struct elf_library {
-    uint16_t machine; /* EM_ of elf.h */
+    uint16_t machine; /* an EM_ constant of elf.h */
     bool is_64_bit;
     std::map<std::string, elf_symbol> names;
 };

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* tesk-abi-check - checks the libraries of another board before the server is started on them: all
-   missing names at once, where the loader would stop at the first, and for another processor, where
-   nothing can be started. */
+/* tesk-abi-check - checks the libraries of another board before the server is started with them. It
+   reports all missing names at once, whereas the loader stops at the first one, and also works for
+   another processor, whose programs can't be started here. */
 #include "program/known_command.h"
 #include "program/output.h"
 #include "program/run_tool.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The board's protocol is text in packets: one packet asks, one answers. The socket keeps
-   packets whole, so no code here reassembles them. */
+/* The board's protocol is text in packets: one packet is a request, one its answer. The socket
+   keeps packets whole, so the code needs no reassembly. */
 #include "tools/teskboard/board_client.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
@@ -18,7 +18,7 @@
 namespace teskboard
 {
 
-/* The remedy depends on the error: a missing listener, or a missing permission. */
+/* The remedy depends on the error: nothing listens, or a permission is missing. */
 static std::string what_to_do(int error, const std::string &path)
 {
     if (error == EACCES || error == EPERM)

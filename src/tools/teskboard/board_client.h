@@ -13,9 +13,9 @@
 namespace teskboard
 {
 
-/* The lines of an answer, in the board's order. */
+/* The lines of an answer, as key and value, in the board's order. */
 using answer = std::vector<std::pair<std::string, std::string>>;
-/* The value of a line; empty if there is no line of that key. */
+/* The value of the line with this key; empty if there is none. */
 std::string_view value_of(const answer &lines, std::string_view key);
 
 class board_client

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* CLI11 parses the words. Each subcommand then builds one request to the board from them. The
-   values in a request are checked here already, with the board's own functions, so that a wrong one
-   is wrong usage and a scene is checked without a board. */
+   values are checked here, with the board's own functions, so that a wrong value is a usage error
+   and a scene can be checked without a board. */
 #include "tools/teskboard/command.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
@@ -28,7 +28,7 @@ struct values {
     std::string module = "-";
     std::string operation;
     std::string code;
-    std::string count; /* empty: `fail` lasts for ever, `wait` is for one call */
+    std::string count; /* empty: `fail` has no limit, `wait` waits for one call */
     std::string type;
     std::string id;
     std::string value;
@@ -39,7 +39,7 @@ struct values {
     bool not_ready = false;
 };
 
-/* The identity texts that `insert` takes as options; `set` takes them by their keys. */
+/* The identity texts that `insert` has options for; `set` takes them by their keys. */
 struct text_option {
     const char *option;
     const char *key;
@@ -54,8 +54,8 @@ static constexpr text_option text_options[] = {
     {"--rdh-ext", "morvaine_rdh_ext"},
 };
 
-/* Checks "key=value" and returns it as one word of a request. Only texts are rewritten: a blank
-   ends a word, so theirs are escaped. */
+/* Checks "key=value" and returns it as one word of a request. A blank ends a word, so the blanks of
+   texts are escaped; other values stay as they are. */
 static std::string setting_word(const std::string &text)
 {
     const board::setting parsed = board::parse_setting(text);
@@ -72,7 +72,7 @@ static std::string setting_words(const std::vector<std::string> &texts)
     return words;
 }
 
-/* A number would be a code of the library's records, so that "7" could only be a mistake. */
+/* A number would be taken as a code of the library's records, so a plain "7" is a mistake. */
 static std::string is_speed(const std::string &text)
 {
     for (const char *speed : {"1.2", "2.5", "4.9", "9.8", "10.1", "10"})
@@ -83,7 +83,7 @@ static std::string is_speed(const std::string &text)
                                            "code 0x...";
 }
 
-/* Examples of the values of a kind of field, for the help. */
+/* Examples of values for a kind of field, for the help. */
 static const char *example_of(board::field_kind kind)
 {
     using enum board::field_kind;
@@ -122,7 +122,7 @@ static bool is_threshold(std::string_view name)
     return name.ends_with("_warn") || name.ends_with("_alarm");
 }
 
-/* The keys of `set`, by the board's own table. */
+/* The keys of `set`, from the board's own table. */
 static std::string keys_help()
 {
     std::string text = "Keys and their values:\n";
@@ -145,7 +145,7 @@ class command_parser
     command_parser(CLI::App &app, command &result) : app_(app), result_(result)
     {
         app_.require_subcommand(1);
-        app_.fallthrough(); /* the global options may follow those of a command */
+        app_.fallthrough(); /* global options may follow those of a command */
         app_.add_option("--timeout", result_.timeout, "Seconds to wait for an answer")
             ->check(CLI::Range(0.0, 86400.0))
             ->capture_default_str();
@@ -156,7 +156,7 @@ class command_parser
         add_wait();
     }
 
-    /* Options and commands that a line of a scene can't have. */
+    /* Options and commands that a line of a scene must not have. */
     void add_global(settings &global)
     {
         const char *path = secure_getenv(DOLM_RIC_BOARD_SOCKET_ENV);
@@ -174,7 +174,8 @@ class command_parser
     CLI::App *add(const char *name, const char *about, std::function<void()> finish)
     {
         CLI::App *sub = app_.add_subcommand(name, about);
-        /* Runs once, after all options; CLI11's other kind runs while words are parsed. */
+        /* Runs once, after all options; CLI11's other kind of callback runs while words are
+           parsed. */
         sub->final_callback(std::move(finish));
         return sub;
     }
@@ -184,8 +185,7 @@ class command_parser
         return sub->add_option("PORTS", given_.ports, "A list such as 0-3,7")->required();
     }
 
-    /* Checks the list and returns it as it was given: the board reads it itself, since only the
-       board knows which ports exist. */
+    /* Checks the list and returns it unchanged: only the board knows which ports exist. */
     const std::string &ports()
     {
         if (!given_.ports.empty())
@@ -193,7 +193,7 @@ class command_parser
         return given_.ports;
     }
 
-    /* Most commands that change a port make this request. */
+    /* Most commands that change a port send this request. */
     void set(const std::vector<std::string> &texts)
     {
         result_.request =
@@ -208,7 +208,7 @@ class command_parser
         return sub;
     }
 
-    /* Without it the board sends an event only if the value changes. */
+    /* Without this option the board sends an event only if the value changes. */
     void takes_again(CLI::App *sub)
     {
         sub->add_flag("--again", given_.again, "Send the event even if nothing is new");
@@ -220,7 +220,7 @@ class command_parser
             ports();
             result_.what = action::show;
         });
-        /* Several lists, so that the shell's {0..3} does as well as 0-3. */
+        /* Accepts several lists, so that the shell's {0..3} works like 0-3. */
         show->add_option_function<std::vector<std::string>>(
             "PORTS",
             [this](const std::vector<std::string> &lists) {
@@ -342,16 +342,17 @@ class command_parser
             result_.what = action::wait;
             result_.request = wait_request();
         });
-        takes_ports(wait)->required(false); /* two of the conditions are about no port */
+        takes_ports(wait)->required(false); /* two of the conditions need no port */
         const CLI::IsMember kinds({"port", "link"});
         CLI::Option_group *what = wait->add_option_group("condition");
         what->require_option(1);
-        what->add_option("--subscribed", given_.subscribed, "Until it is, for port or link")
+        what->add_option("--subscribed", given_.subscribed, "Until PORTS are, for port or link")
             ->check(kinds);
-        what->add_option("--unsubscribed", given_.unsubscribed, "Until it is not")->check(kinds);
+        what->add_option("--unsubscribed", given_.unsubscribed, "Until PORTS are not")
+            ->check(kinds);
         what->add_option("--calls", given_.operation, "Until this operation was called");
         what->add_flag("--idle", given_.idle, "Until all events were taken");
-        wait->add_option("--count", given_.count, "With --calls: so many times since the start")
+        wait->add_option("--count", given_.count, "With --calls: this many calls since the start")
             ->check(CLI::Range(0, INT32_MAX));
     }
 

@@ -29,8 +29,8 @@ using seconds = std::chrono::duration<double>;
 
 } // namespace
 
-/* Flushes, since the lines of a scene are read while it is played, and ends the tool where that
-   fails: a scene must not continue without output. */
+/* Flushes, since the lines of a scene are read while it is played. Throws if that fails: a scene
+   must not continue without output. */
 static void print(const std::string &text)
 {
     write_text(text);
@@ -43,7 +43,7 @@ static uint32_t count_ports(board_client &board, seconds deadline)
     return static_cast<uint32_t>(std::stoul(count));
 }
 
-/* Without PORTS a table of all ports; named ports are shown in full. */
+/* Without PORTS prints a table of all ports; named ports are shown in full. */
 static void show(board_client &board, const command &what, bool json)
 {
     const seconds deadline(what.timeout);
@@ -61,7 +61,7 @@ static void show(board_client &board, const command &what, bool json)
     }
 }
 
-/* `played` precedes the answer to a step of a scene. */
+/* `played` is printed before the answer to a step of a scene. */
 static void run(board_client &board, const command &what, bool json, const answer &played = {})
 {
     if (what.what == action::show)
@@ -74,7 +74,7 @@ static void run(board_client &board, const command &what, bool json, const answe
     print(to_json(lines));
 }
 
-/* Everything that can be wrong in a scene is found before its first step. */
+/* Finds every wrong port of a scene before its first step. */
 static void check_ports(const std::vector<scene_step> &steps, uint32_t count)
 {
     for (const scene_step &step : steps)
@@ -87,7 +87,7 @@ static void check_ports(const std::vector<scene_step> &steps, uint32_t count)
 }
 
 /* A pause begins when the previous step was due, so that a scene always takes the same time; after
-   a "wait" it begins at that step's end. */
+   a "wait" it begins when the wait has ended. */
 static void play(board_client &board, const std::vector<scene_step> &steps, const command &whole,
                  bool json)
 {
@@ -117,7 +117,7 @@ static void carry_out(const command &what, const settings &whole)
         board_client board(whole.socket);
         return run(board, what, whole.json);
     }
-    /* Before connecting: a wrong scene is reported without a board, too. */
+    /* Before the tool connects, so that a wrong scene is reported even if there is no board. */
     const std::vector<scene_step> steps = read_scene(what.scene);
     board_client board(whole.socket);
     play(board, steps, what, whole.json);

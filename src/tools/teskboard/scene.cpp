@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Each step is parsed with the same code as a command line, so that both accept the same words and
    an error in a scene is found before anything has been changed on the board. Only the board knows
-   which ports exist: main.cpp checks those before it plays the scene. */
+   which ports exist: main.cpp checks the ports before it plays the scene. */
 #include "tools/teskboard/scene.h"
 
 #include "program/exit_code.h"
@@ -17,7 +17,7 @@
 namespace teskboard
 {
 
-/* "+0.5"; a pause of a million seconds is taken for a mistake. */
+/* Parses a pause such as "+0.5"; a million seconds or more is a mistake. */
 static std::chrono::duration<double> parse_pause(const std::string &word)
 {
     double seconds = 0;
@@ -28,7 +28,7 @@ static std::chrono::duration<double> parse_pause(const std::string &word)
     return std::chrono::duration<double>(seconds);
 }
 
-/* The words of a line, without its comment, which GLib takes to end at a newline. */
+/* The words of a line, without its comment. GLib would end a comment only at a newline. */
 static std::vector<std::string> split_line(const std::string &line)
 {
     gchar **words = nullptr;
@@ -46,7 +46,7 @@ static std::vector<std::string> split_line(const std::string &line)
     return list;
 }
 
-/* The words are a command line of their own, without the options that hold for a whole run. */
+/* The words are a command line of their own, without the options for the whole run. */
 static scene_step parse_step(std::vector<std::string> words)
 {
     scene_step step = {};

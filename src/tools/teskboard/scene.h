@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* scene - a file with one timed step a line:
 
-     link 3 up               # at once
-     +0.5 link 3 down        # half a second after the step before
+   link 3 up # at once +0.5 link 3 down # half a second after the previous step
 
    A step is a command of teskboard, quoted as in the shell. No state. */
 #pragma once
@@ -23,7 +22,7 @@ struct scene_step {
     command what;
 };
 
-/* Reads the whole file. Throws a tool_error for the first line that can't be played. */
+/* Reads the whole file. Throws a tool_error for the first invalid line. */
 std::vector<scene_step> read_scene(const std::string &path);
 
 } // namespace teskboard

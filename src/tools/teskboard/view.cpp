@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Answers hold raw values under the board's keys. The board's own table of fields gives the kind of
-   each value, and so the way in which it is shown; a key that isn't in the table is a count. */
+/* Answers have raw values under the board's keys. The board's own table of fields gives the kind of
+   each value, which decides how it is shown; a key that isn't in the table is a count. */
 #include "tools/teskboard/view.h"
 
 #include "platform/dolm_ric/simulator/vocabulary.h"
@@ -25,17 +25,17 @@ static bool is_measure(const field &known)
     return known.kind >= field_kind::temperature && known.kind <= field_kind::ratio;
 }
 
-/* Fits 100 columns; the unit of a degree counts as one column in fmt too. */
+/* Fits into 100 columns; the degree sign counts as one column in fmt, too. */
 static constexpr auto table_row = "{:>4}  {:<14} {:<7} {:<5} {:<6} {:>9} {:>8} {:>8}  {:<16} {}\n";
 
-/* Decimal or 0x. Not checked: the board wrote it. */
+/* A decimal or 0x number. Not checked, since the board wrote it. */
 static int64_t number_of(std::string_view text)
 {
     return std::strtoll(std::string(text).c_str(), nullptr, 0);
 }
 
-/* As on a data sheet. The board holds thousandths and millionths; a power of 0 has no value in
-   dBm. */
+/* The value as on a data sheet. The board has thousandths and millionths; a power of 0 has no value
+   in dBm. */
 static std::string format_measure(field_kind kind, std::string_view raw)
 {
     const auto value = static_cast<double>(number_of(raw));
@@ -57,7 +57,7 @@ static std::string format_measure(field_kind kind, std::string_view raw)
     }
 }
 
-/* With a unit or by a name, where it has one. */
+/* The value with its unit, or its name, if it has one. */
 static std::string format_value(const field &known, std::string_view raw)
 {
     if (is_measure(known))
@@ -91,7 +91,7 @@ static std::string format_subscriptions(const answer &port)
                        value_of(port, "subscribed_link"));
 }
 
-/* Measured values stay raw, for programs; other values have their names. */
+/* Measured values stay raw, for programs; other values are shown by name. */
 static nlohmann::ordered_json json_value(const std::string &key, const std::string &raw)
 {
     const field *known = find_field(key);
@@ -116,8 +116,8 @@ std::string format_table_head()
 
 std::string format_table_row(const answer &port)
 {
-    /* The board also has values without meaning: the speed of a link that is down, the measurements
-       of a module that was removed. The table leaves them out. */
+    /* The board keeps values without meaning: the speed of a link that is down, the measurements of
+       a removed module. The table leaves them out. */
     const bool up = value_of(port, "link") == "2";
     const bool there = value_of(port, "inserted") != "0";
     const bool measured = there && value_of(port, "diagnostics") != "0";
@@ -131,7 +131,7 @@ std::string format_table_row(const answer &port)
                        format_subscriptions(port));
 }
 
-/* The thresholds of a measured value follow it. */
+/* After each measured value come its thresholds. */
 std::string format_port(const answer &port)
 {
     std::string text = fmt::format("port {}\n", value_of(port, "port"));

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Checks this user's access to the server: to the directory of the mailboxes, the socket in it, and
-   the process behind the socket. A missing right is found by owner, group and mode, from the
-   directory on, since each cause has another remedy. */
+/* Checks this user's access to the server: the directory of the mailboxes, the socket in it, and
+   the process that owns the socket. A missing right is found by owner, group and mode, beginning
+   with the directory, since each cause needs another remedy. */
 #include "tools/teskctl/doctor_checks.h"
 #include "tools/teskctl/explain.h"
 #include "tools/teskctl/port_selection.h"
@@ -22,7 +22,7 @@
 namespace doctor
 {
 
-static constexpr char account[] = "tesk"; /* user and group of the packages' server */
+static constexpr char account[] = "tesk"; /* user and group of the packaged server */
 
 static std::string user_name(uid_t user)
 {
@@ -65,7 +65,7 @@ static bool is_member(gid_t group)
            std::find(groups, groups + std::max(count, 0), group) != groups + std::max(count, 0);
 }
 
-/* The user has been added to the group after logging in. */
+/* Whether the group's member list has the user, who was added after logging in. */
 static bool is_listed_in(gid_t group)
 {
     const std::string user = user_name(geteuid());
@@ -77,16 +77,16 @@ static bool is_listed_in(gid_t group)
     return false;
 }
 
-/* Only the server's own group is meant for its users: membership of any other one, root's above
-   all, would give more than the access to the server. */
+/* Only the server's own group is meant for its users: membership of another group, above all
+   root's, would give more rights than access to the server. */
 static bool is_group_of_server(const unit_table &units, gid_t group)
 {
     const std::string name = group_name(group), unit = property(units, server_unit, "Group");
     return group != 0 && name == (unit.empty() ? account : unit);
 }
 
-/* Why a directory or socket with this status forbids the access that the mode's bit allows, and
-   what helps; both are empty where it doesn't. `bits` are those of others: S_IXOTH or S_IWOTH. */
+/* Why the mode of a directory or socket denies the access in `bits`, and the remedy; both are empty
+   if it doesn't. `bits` is S_IXOTH or S_IWOTH. */
 static std::pair<std::string, std::string> denial(const unit_table &units, const std::string &path,
                                                   const struct stat &status, mode_t bits)
 {
@@ -189,7 +189,8 @@ static pid_t server_process()
     return peer.pid;
 }
 
-/* A value of /proc/PID/status: "T (stopped)" for State; empty if it can't be read. */
+/* A value of /proc/PID/status, such as "T (stopped)" for the key State; empty if it can't be
+   read. */
 static std::string process_value(pid_t process, const std::string &key)
 {
     std::ifstream file(fmt::format("/proc/{}/status", process));
@@ -199,8 +200,8 @@ static std::string process_value(pid_t process, const std::string &key)
     return "";
 }
 
-/* A process signal other than SIGCONT and SIGKILL doesn't reach a stopped process, and a traced one
-   belongs to its debugger. */
+/* A stopped process handles no signals but SIGCONT and SIGKILL, and a traced process belongs to its
+   debugger. */
 static finding explain_silence(const unit_table &units, pid_t process, const std::string &why)
 {
     const std::string state = process_value(process, "State");

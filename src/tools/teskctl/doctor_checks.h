@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* doctor_checks - the parts of "teskctl doctor", each of which looks at one stretch of the way from
-   a module to the user or to Prometheus. They change nothing and need neither systemd nor
-   privileges. A remedy is given only for a cause that was found, and is safe to follow: it ends no
-   process that it doesn't know, and adds nobody to another group than the server's. One thread. */
+/* doctor_checks - the parts of "teskctl doctor"; each checks one section of the path from a module
+   to the user or to Prometheus. They change nothing and need neither systemd nor privileges. A
+   remedy is given only for a cause that was found, and is safe: it ends no unknown process, and
+   adds users to no group but the server's. One thread. */
 #pragma once
 
 #include "tesk_client/tesk_client.h"
@@ -21,11 +21,11 @@ struct finding {
     std::string topic;
     verdict state;
     std::string text;
-    std::string remedy; /* a command or an instruction; empty unless wrong */
+    std::string remedy; /* a command or an instruction; empty unless the verdict is wrong */
 };
 using findings = std::vector<finding>;
 
-/* The properties of the units as "systemctl show" has them, by unit and key. */
+/* The properties of the units from "systemctl show", by unit and key. */
 using unit_table = std::map<std::string, std::map<std::string, std::string>>;
 
 inline constexpr char server_unit[] = "tesk-server.service";
@@ -36,30 +36,31 @@ inline constexpr char exporter_unit[] = "tesk-exporter.service";
 /* True if the server's unit is installed and its mailbox is in the directory that teskctl uses. */
 bool has_unit(const unit_table &units);
 
-/* Empty where systemd doesn't run. */
+/* Empty if systemd doesn't run. */
 unit_table read_units();
-/* Empty for a unit or a key that isn't there. */
+/* Empty if there is no such unit or key. */
 std::string property(const unit_table &units, const std::string &unit, const std::string &key);
 
-/* The output of a command of the shell, of standard output unless it says otherwise; empty if it
-   can't be run or takes longer than 5 s. */
+/* The output that a shell command writes to standard output; empty if it can't be run or takes
+   longer than 5 s. */
 std::string output_of(const std::string &command);
 std::vector<std::string> lines_of(const std::string &text);
 
 finding check_directory(const unit_table &units);
 finding check_socket(const unit_table &units);
-/* On success `session` must be closed by the caller; null otherwise. */
+/* On success the caller must close `session`; otherwise it is null. */
 finding check_server(const settings &common, const unit_table &units,
                      tesk_client_session **session);
-/* The fault of a unit that should run; verdict::ok if it runs. */
+/* The fault of a unit that should be running; verdict::ok if it is running. */
 finding check_unit(const unit_table &units, const std::string &unit, const char *topic);
-/* The server's unit, and the reader's where it is installed. `is_up`: the server answers. */
+/* Checks the server's unit, and the reader's if it is installed. `is_up`: the server answers. */
 findings check_units(const unit_table &units, bool is_up);
-/* The configuration of ports and interfaces, by the reader's own check of it. */
+/* Checks the configuration of the ports, by running the reader's own check. */
 findings check_configuration(const unit_table &units);
-/* The port map, and the ports that the server has; `session` may be null. */
+/* Checks the port map, and the ports that the server has; `session` may be null. */
 findings check_ports(tesk_client_session *session);
-/* The exporter's unit, its address, and what Prometheus at `prometheus` (ADDRESS:PORT) has read. */
+/* Checks the exporter's unit, its address, and what Prometheus at `prometheus` (ADDRESS:PORT) has
+   read. */
 findings check_exporter(const unit_table &units, const std::string &prometheus);
 
 } // namespace doctor

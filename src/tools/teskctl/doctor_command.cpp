@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* doctor: checks the whole way from the ports' configuration to this user and to Prometheus, one
-   stretch after the other, and writes a line for each. The checks are independent: those that need
-   an answer of the server are left out without one. */
+/* doctor: checks the path from the ports' configuration to this user and to Prometheus, one section
+   after the other, and writes a line for each. The checks are independent: without an answer of the
+   server, those that need one are left out. */
 #include "program/output.h"
 #include "tools/teskctl/commands.h"
 #include "tools/teskctl/doctor_checks.h"
@@ -28,7 +28,7 @@ static finding check_versions()
     for (std::string line : lines_of(packages)) {
         static constexpr std::string_view installed = "installed ";
         if (!line.starts_with(installed))
-            continue; /* known to dpkg, perhaps by what is left of its configuration */
+            continue; /* dpkg may know it only by a remaining configuration */
         line.erase(0, installed.size());
         const std::string version = line.substr(line.find(' ') + 1);
         text += ", package " + line;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The way from the server to Prometheus. The exporter's address is read from its command line,
-   which every user may see; the exporter is then asked as a probe would ask it, and Prometheus by
-   its own interface when it last read this exporter. */
+/* The path from the server to Prometheus. The exporter's address is read from its command line,
+   which every user may see. The exporter is then probed at that address, and Prometheus is asked
+   when it last read this exporter. */
 #include "program/clock.h"
 #include "program/http_get.h"
 #include "program/json_records.h"
@@ -19,9 +19,9 @@
 namespace doctor
 {
 
-static constexpr double longest_pause = 300; /* seconds between two scrapes that are not a fault */
+static constexpr double longest_pause = 300; /* seconds between two scrapes; more is a fault */
 
-/* The word behind --listen in the command line of the process. */
+/* The word after --listen in the command line of the process. */
 static std::string listen_address(const std::string &process)
 {
     std::ifstream file("/proc/" + process + "/cmdline", std::ios::binary);
@@ -46,7 +46,7 @@ static bool is_local(const std::string &address)
     return address.starts_with("unix:") || is_local_host(split_address(address).first);
 }
 
-/* The unit denies every address but those of this machine, unless somebody has opened it. */
+/* Whether the unit denies all addresses but those of this machine, which is its default. */
 static bool denies_others(const unit_table &units)
 {
     const std::string allowed = property(units, exporter_unit, "IPAddressAllow");
@@ -83,7 +83,7 @@ static finding check_address(const unit_table &units, const std::string &address
             "see the server"};
 }
 
-/* The seconds since an RFC 3339 time in UTC, as Prometheus writes it; nothing for its zero. */
+/* The seconds since an RFC 3339 time in UTC, as Prometheus writes it; nothing for its zero time. */
 static std::optional<double> seconds_since(const std::string &time)
 {
     std::tm parts{};
@@ -107,7 +107,7 @@ static finding judge_target(const std::string &where, const json_object &target)
     return {"prometheus", age ? verdict::ok : verdict::note, text, ""};
 }
 
-/* The host of a target whose address ends in `port`, as in ":9816/metrics"; else empty. */
+/* The host of a target whose address ends in `port`, such as ":9816/metrics"; else empty. */
 static std::string host_of(const json_object &target, const std::string &port)
 {
     const std::string url = target.is_object() ? target.value("scrapeUrl", "") : "";
@@ -118,7 +118,7 @@ static std::string host_of(const json_object &target, const std::string &port)
     return host.starts_with('[') ? host.substr(1, host.size() - 2) : host;
 }
 
-/* A Prometheus may read the exporters of many machines, which all have the same port. */
+/* One Prometheus may read the exporters of many machines, all with the same port. */
 static bool is_this_machine(const std::string &host, const std::string &address)
 {
     char name[256] = "";

@@ -29,7 +29,7 @@ static constexpr char default_configuration[] = "/etc/tesk/ports";
 static constexpr char reader[] = "tesk-module-reader";
 static constexpr char default_board[] = "/run/dolm_ric/board.sock"; /* of the simulated board */
 
-/* Where the folders of administrators' programs are not in the path, as for most users. */
+/* For users whose path lacks the folders of administrators' programs, as with most users. */
 static constexpr char with_sbin[] = "PATH=\"$PATH:/usr/local/sbin:/usr/sbin\" ";
 
 std::string output_of(const std::string &command)
@@ -131,7 +131,7 @@ finding check_unit(const unit_table &units, const std::string &unit, const char 
     return {topic, verdict::wrong, text, why_remedy(unit)};
 }
 
-/* Where another directory is looked at, or a server runs without the unit, the unit's state is no
+/* If MBX_DIR selects another directory, or a server runs without the unit, the unit's state is no
    fault, and starting it would not help. */
 static finding check_server_unit(const unit_table &units, bool is_up)
 {
@@ -155,9 +155,9 @@ findings check_units(const unit_table &units, bool is_up)
     findings all = {check_server_unit(units, is_up)};
     const std::string socket = property(units, reader_socket_unit, "LoadState");
     if (socket.empty() || socket == "not-found")
-        return all; /* a board without the reader */
+        return all; /* a board without tesk-module-reader */
     all.push_back(check_unit(units, reader_socket_unit, "reader"));
-    /* It runs only while the server uses it, so that "inactive" is no fault. */
+    /* The reader runs only while the server uses it, so "inactive" is no fault. */
     if (property(units, reader_unit, "ActiveState") == "failed" ||
         property(units, reader_unit, "LoadState") == "masked")
         all.push_back(check_unit(units, reader_unit, "reader"));
@@ -170,15 +170,16 @@ static std::string variable(const char *name, const char *otherwise)
     return set != nullptr && *set != '\0' ? set : otherwise;
 }
 
-/* It listens where teskboard looks for it, perhaps for other users only. */
+/* Whether the simulated board listens at teskboard's default path, even if other users only may
+   connect. */
 static bool is_simulated(const std::string &path)
 {
     return util::connect_to(path, SOCK_SEQPACKET | SOCK_NONBLOCK).is_open() || errno == EACCES ||
            errno == EAGAIN;
 }
 
-/* Judges a line of the reader's check. It is a message, or a port of a right line; a port that the
-   server's port map lacks isn't used by the server. */
+/* Judges a line of the reader's check: a message, or a valid port. If the server's port map lacks
+   that port, the server doesn't use it. */
 static void judge_line(const std::string &line, const std::string &path,
                        const std::optional<port_name_map> &in_force, findings &all)
 {
@@ -198,8 +199,8 @@ static void judge_line(const std::string &line, const std::string &path,
                        "restart tesk-server"});
 }
 
-/* The file that the unit's process reads, by the variables in the unit. The server's unit counts if
-   it is that of the server that teskctl uses. */
+/* The file that the unit's process reads, by the variables in the unit. The server's unit counts
+   only if its server is the one that teskctl uses. */
 static std::string configuration_of(const unit_table &units, const std::string &unit)
 {
     if (!has_unit(units))
@@ -213,7 +214,7 @@ static std::string configuration_of(const unit_table &units, const std::string &
     return environment.substr(begin, environment.find(' ', begin) - begin);
 }
 
-/* No module is read while the two processes read different files. */
+/* While the two processes read different files, no module is read. */
 static std::optional<finding> disagreement(const unit_table &units)
 {
     const std::string of_server = configuration_of(units, server_unit);
@@ -228,7 +229,7 @@ static std::optional<finding> disagreement(const unit_table &units)
                                server_unit, reader_unit)};
 }
 
-/* A word of the shell. */
+/* Quotes a word for the shell. */
 static std::string quoted(std::string text)
 {
     for (size_t at = 0; (at = text.find('\'', at)) != std::string::npos; at += 4)

@@ -19,7 +19,8 @@ static int new_signalfd(const std::vector<int> &signals)
     sigemptyset(&set);
     for (const int number : signals)
         sigaddset(&set, number);
-    /* Threads inherit the mask: those that a mailbox library starts later take none of them. */
+    /* Threads inherit the mask, so threads that a mailbox library starts later receive none of
+       these signals. */
     sigprocmask(SIG_BLOCK, &set, nullptr);
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
@@ -40,7 +41,8 @@ bool event_loop::read_signal()
     return true;
 }
 
-/* `events` are those of standard output, of which poll reports an error or a hang-up unasked. */
+/* `events` are poll's for standard output; poll reports an error or a hang-up even if not
+   requested. */
 bool event_loop::has_lost_reader(short events)
 {
     if ((events & (POLLERR | POLLHUP)) == 0)
@@ -64,13 +66,13 @@ event_loop::wake event_loop::wait(tesk_client_session *server, std::optional<ste
     }
     if (poll(polled, std::size(polled), timeout) <= 0)
         return wake::time;
-    /* Signals and keys first: a busy session must not delay them for ever. */
+    /* Signals and keys come first: a busy session must not delay them without limit. */
     if ((polled[1].revents != 0 && read_signal()) || has_lost_reader(polled[3].revents))
         return wake::signal;
     if (polled[2].revents != 0) {
         char bytes[64];
         const ssize_t count = read(STDIN_FILENO, bytes, sizeof(bytes));
-        /* At its end standard input would stay readable. */
+        /* At its end, standard input stays readable, so it is no longer polled. */
         has_keys_ = count > 0;
         keys_.assign(bytes, has_keys_ ? static_cast<size_t>(count) : 0);
         return has_keys_ ? wake::key : wake::session;

@@ -14,8 +14,8 @@
 using steady_time = std::chrono::steady_clock::time_point;
 
 /* Blocks the given signals and reads them from a descriptor: no signal handler runs anywhere. Must
-   be constructed before the session. The end of the reader of standard output counts as SIGPIPE,
-   which the kernel would send at the next write only. */
+   be constructed before the session. When the reader of standard output ends, that counts as
+   SIGPIPE, which the kernel would send only at the next write. */
 class event_loop
 {
   public:
@@ -29,13 +29,13 @@ class event_loop
         has_keys_ = true;
     }
 
-    /* Waits for one event or until `end`. Work of the session is dispatched here. */
+    /* Waits for one event, or until `end`. Dispatches the session's work. */
     wake wait(tesk_client_session *server, std::optional<steady_time> end);
 
     /* Waits without a session; false if a process signal came. */
     bool sleep(std::chrono::milliseconds duration);
 
-    /* The signal of the last wake::signal, 0 if there was none. */
+    /* The signal of the last wake::signal; 0 if there was none. */
     int signal() const
     {
         return signal_;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: explain() takes the text of a result and adds what can be done about it. */
+/* Order of work: explain() takes the text of a result and adds a remedy. */
 #include "tools/teskctl/explain.h"
 
 #include "program/socket_group.h"
@@ -31,15 +31,15 @@ std::string mailbox_directory()
     return directory != nullptr && *directory != '\0' ? directory : default_mailbox_directory;
 }
 
-/* The file of the server's unit, or of the link to /dev/null that masks it; empty if there is none,
-   or no systemd. */
+/* The path of the server's unit file, or of a link to /dev/null, which masks the unit; empty if
+   there is no such file, or no systemd. */
 static std::string unit_file()
 {
     static constexpr const char *folders[] = {"/etc/systemd/system", "/run/systemd/system",
                                               "/usr/local/lib/systemd/system",
                                               "/usr/lib/systemd/system", "/lib/systemd/system"};
     if (access("/run/systemd/system", F_OK) != 0)
-        return ""; /* systemd doesn't run, or not as the first process */
+        return ""; /* systemd isn't the first process */
     for (const char *folder : folders)
         if (std::string file = fmt::format("{}/{}.service", folder, server_name);
             access(file.c_str(), F_OK) == 0)
@@ -47,7 +47,7 @@ static std::string unit_file()
     return "";
 }
 
-/* The remedy where there is no server: a masked unit was stopped on purpose. */
+/* The remedy if there is no server. A masked unit was stopped on purpose. */
 static std::string how_to_start()
 {
     const std::string directory = mailbox_directory();

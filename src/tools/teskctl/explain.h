@@ -10,7 +10,7 @@
 inline constexpr char server_name[] = "tesk-server";
 inline constexpr char default_mailbox_directory[] = "/run/mbx";
 
-/* The exit code of a command whose request or connection had this result. */
+/* The exit code of a command, by the result of its request or connection. */
 exit_code exit_code_of(tesk_client_result result);
 
 /* The error and its remedy, for one line on standard error. `text` is the library's or the

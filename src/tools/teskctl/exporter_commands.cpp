@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The commands that ask tesk-exporter, which has the history: trend, modules and forecast. */
+/* The commands that request the history of tesk-exporter: trend, modules and forecast. */
 #include "program/clock.h"
 #include "program/http_get.h"
 #include "program/json_records.h"
@@ -20,9 +20,9 @@
 #include <unistd.h>
 
 static constexpr int64_t a_day = 86400;
-static constexpr std::chrono::seconds patience{12}; /* the exporter itself answers within ten */
+static constexpr std::chrono::seconds patience{12}; /* the exporter's own is ten */
 
-/* The answer as an object; a tool_error with the remedy where there is none. */
+/* The answer as an object. Throws a tool_error with the remedy if there is no answer. */
 static json_object ask(const exporter_options &options, const std::string &path)
 {
     std::string address = options.address;
@@ -61,7 +61,7 @@ static size_t terminal_width()
     return size.ws_col;
 }
 
-/* A text of the answer; a dash where there is none. */
+/* A text of the answer; a dash if it is missing. */
 static std::string text_in(const json_object &object, const char *key)
 {
     const auto found = object.find(key);
@@ -124,7 +124,7 @@ exit_code run_modules(const settings &common, const exporter_options &options)
     return exit_code::done;
 }
 
-/* The lane of a forecast; a dash for one of the whole module. */
+/* The lane of a forecast; a dash for the whole module. */
 static std::string lane_of(const json_object &forecast)
 {
     const double lane = number_in(forecast, "lane");
@@ -149,7 +149,7 @@ exit_code run_forecast(const settings &common, const exporter_options &options)
     return exit_code::done;
 }
 
-/* The number of a port that is given by number or by the name of its interface. */
+/* The number of a port that is given by its number or by the name of its interface. */
 static uint32_t port_number(const exporter_options &options, const std::string &port)
 {
     if (!port.empty() && port.size() < 10 && port.find_first_not_of("0123456789") == port.npos)
@@ -165,7 +165,7 @@ static uint32_t port_number(const exporter_options &options, const std::string &
 namespace
 {
 
-/* One value of the answer by time. */
+/* One value of the answer over time. */
 struct trend {
     std::string name;
     int decimals;
@@ -199,7 +199,7 @@ static std::vector<trend> trends_of(const json_object &answer)
     return found;
 }
 
-/* The middle of a point. */
+/* The middle value of a point. */
 static double middle_of(const json_object &point)
 {
     const json_object &value = point.is_array() && point.size() == 3 ? point[1] : point;

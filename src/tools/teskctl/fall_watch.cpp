@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* take() plans the looks of a port, work() makes those that are due, and a look shows the last fall
-   if it isn't the one that was shown. A fall within ten seconds of the one before it is added to
-   the record of that one, and shows when the verdict is another one. */
+/* take() plans the looks at a port's file, work() makes those that are due, and a look shows the
+   last fall if it wasn't shown yet. A fall within ten seconds of another one is added to the record
+   of the earlier fall, and is shown if the verdict changes. */
 #include "tools/teskctl/fall_watch.h"
 
 #include "program/clock.h"
@@ -66,7 +66,7 @@ void fall_watch::take(uint32_t port_no)
     if (!its.is_known)
         look(port_no, its);
     const steady_time first = its.since + looks_after[0];
-    /* A planned look isn't put off: a port can flap for hours. */
+    /* A planned look isn't delayed again: a port can flap for hours. */
     if (!is_first)
         its.due = std::min(its.due.value_or(first), first);
 }

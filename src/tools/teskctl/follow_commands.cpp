@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The commands that run until a limit or a process signal: watch and ping.
 
-   The session of both reconnects when the server goes away. A request of ping that waits for a
-   connection measures no round trip, and counts as lost. The subscriptions of watch are renewed by
-   the session, and those whose renewal failed by watch itself; the first indications after that
-   show changes made since the loss. With "all" a port that comes into the port map later is
+   The session of both reconnects when the server goes away. A request of ping that was queued
+   without a connection measures no round trip, and counts as lost. The session renews the
+   subscriptions of watch, and watch repeats failed renewals itself; the first indications after
+   that show changes made since the loss. With "all" a port that comes into the port map later is
    subscribed as well. */
 #include "program/recorded_falls.h"
 #include "tools/teskctl/commands.h"
@@ -64,7 +64,7 @@ struct ping_statistics {
         const double mean = average();
         const double mean_of_squares =
             answered == 0 ? 0 : sum_of_squares / static_cast<double>(answered);
-        /* For equal times rounding can give a little less than 0. */
+        /* With equal times, rounding can give a little less than 0. */
         return std::sqrt(std::max(mean_of_squares - mean * mean, 0.0));
     }
 };
@@ -77,7 +77,7 @@ struct ping_run {
     const settings &common;
     reporter report;
     ping_statistics seen;
-    uint64_t losses = 0; /* of the connection */
+    uint64_t losses = 0; /* losses of the connection */
 };
 
 } // namespace
@@ -102,7 +102,7 @@ static void report_answer(const settings &common, const reporter &report, uint64
 static void report_statistics(const settings &common, const reporter &report,
                               const ping_statistics &seen)
 {
-    /* A request that is in flight when the user ends ping is neither answered nor lost. */
+    /* A request without an answer when the user ends ping is neither answered nor lost. */
     const uint64_t done = seen.sent - seen.open;
     const double loss =
         done == 0 ? 0 : 100 * static_cast<double>(done - seen.answered) / static_cast<double>(done);
@@ -156,7 +156,8 @@ exit_code run_ping(const settings &common, const ping_options &options)
 {
     event_loop loop;
     ping_run run(common);
-    /* Declared after what its callbacks capture, and so closed first. */
+    /* Declared after the variables that its callbacks use, and so closed before they are
+       destroyed. */
     session server(loop, common,
                    {{},
                     {},
@@ -165,7 +166,8 @@ exit_code run_ping(const settings &common, const ping_options &options)
                         run.report.show(event);
                     }},
                    true);
-    /* From due time to due time, so that a slow server gets as many requests. */
+    /* Each time is computed from the previous due time, so that a slow server gets as many
+       requests. */
     steady_time next = steady_clock::now();
     auto all_sent = [&] { return options.count != 0 && run.seen.sent >= options.count; };
     while (!all_sent() || run.seen.open > 0) {
@@ -274,7 +276,7 @@ exit_code run_watch(const settings &common, const watch_options &options)
             falls.take(status.port_no);
         },
         show);
-    session *connected = nullptr; /* called back only inside of its calls */
+    session *connected = nullptr; /* callbacks run only during its calls */
     std::optional<watch_upkeep> upkeep;
     session server(loop, common,
                    {[&](const auto &info) { checked.take(*connected, info); },
@@ -293,13 +295,14 @@ exit_code run_watch(const settings &common, const watch_options &options)
         subscribe_all(loop, server, wanted, [&](const auto &answer) { report.failed(answer); });
     upkeep->kept.confirm(held);
     report.write_failures();
-    /* A signal may have ended the subscribing already; nothing comes without a subscription. */
+    /* A signal may have ended the subscribing already; without a subscription no indication will be
+       received. */
     while (loop.signal() == 0 && more_wanted() && !held.empty() &&
            (!end || steady_clock::now() < *end)) {
         upkeep->wait(earlier(falls.next(), end));
         falls.work();
     }
-    /* The server would drop the subscriptions with the connection, but only a moment later. */
+    /* The server would drop the subscriptions with the connection, but a moment later. */
     if (server.is_connected())
         request_all(loop, server, upkeep->kept.unsubscribes(), [](const tesk_client_answer &) {});
     return report.code();

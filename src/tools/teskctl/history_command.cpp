@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* history: the server keeps three histories; sorted by time together they show cause and effect.
 
-   For people, what belongs together is one line: records of the same kind and port with the same
+   For people, related records are one line: records of the same kind and port with the same
    content, close in time, as when several subscribers are notified of one change. With --json each
    record is an object of its own. */
 #include "program/clock.h"
@@ -35,7 +35,7 @@ static std::vector<history_entry> read_history(const session &server, const std:
         for (size_t j = 0; j < count; j++)
             entries.push_back({wanted, records[j]});
     }
-    /* Stable, so that records of the same microsecond keep the order of their history. */
+    /* A stable sort, so that records of the same microsecond keep the order of their history. */
     std::ranges::stable_sort(entries, {},
                              [](const history_entry &each) { return each.record.time_us; });
     return entries;

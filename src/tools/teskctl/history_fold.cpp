@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: fold() takes the entries in their order; one that belongs to the same event as
-   those before joins their group, and a group that ends becomes one line. */
+/* Order of work: fold() takes the entries in order; an entry of the same event as earlier ones
+   joins their group, and a group that ends becomes one line. */
 #include "tools/teskctl/history_fold.h"
 
 #include "program/port_list.h"
@@ -13,13 +13,13 @@
 #include <unistd.h>
 
 /* The records of one event are written within about a millisecond. Two events of one port within
-   this time look like one. */
+   together_us count as one. */
 static constexpr uint64_t together_us = 10'000;
 
 namespace
 {
 
-/* The client's number and its own reference. */
+/* The server's number for the client, and the client's own reference. */
 using client_key = std::pair<uint32_t, uint32_t>;
 
 struct history_group {
@@ -43,7 +43,7 @@ static bool joins(const history_group &open, const history_entry &entry)
     return (has_port && open.ports.size() == 1) || (has_client && open.clients.size() == 1);
 }
 
-/* Programs that use the client library have their process id as reference; others may have any
+/* Users of the client library have their process id as reference; other programs may use any
    number. */
 static bool is_process(uint32_t reference)
 {
@@ -81,7 +81,7 @@ std::vector<folded_entry> fold(const std::vector<history_entry> &entries)
 {
     std::vector<history_group> groups;
     for (const history_entry &entry : entries) {
-        /* The newest group that it can join: others of the same moment may lie between. */
+        /* The newest group that the entry can join: entries of other groups may be in between. */
         const auto found =
             std::find_if(groups.rbegin(), groups.rend(),
                          [&](const history_group &open) { return joins(open, entry); });

@@ -18,7 +18,6 @@ struct folded_entry {
     std::string what;
 };
 
-/* The entries must be in the order of their time, and stay in it. Joined are actions of one kind
-   within 10 ms of the first: those for several clients on one port, and those for one client on
-   several ports. */
+/* The entries must be in order of time, and stay so. Actions of one kind within 10 ms of the first
+   are joined: those for several clients on one port, and those for one client on several ports. */
 std::vector<folded_entry> fold(const std::vector<history_entry> &entries);

@@ -4,9 +4,9 @@
      none -> subscribe: held, or none where the server refuses
      unknown -> unsubscribe: none, then subscribe
 
-   and becomes unknown by any answer that leaves open whether the server has the subscription. One
-   that the server has and this object hasn't, "already subscribed", is ended first, since only a
-   new subscription brings an indication. */
+   and becomes unknown if an answer leaves open whether the server has the subscription. If the
+   server answers "already subscribed", the subscription is ended first, since only a new one causes
+   an indication. */
 #include "tools/teskctl/kept_subscriptions.h"
 
 #include <algorithm>

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* kept_subscriptions - the subscriptions that a running command wants, and that are made again
-   after a failure: a late answer, a port that was away, a renewal that was refused. The session
-   renews those that it knows after a reconnection; this looks after the others. One thread. */
+   after a failure: a late answer, a port that was away, a renewal that was refused. After a
+   reconnection the session renews the subscriptions that it knows; this object repeats the others.
+   One thread. */
 #pragma once
 
 #include "tools/teskctl/port_requests.h"
@@ -19,7 +20,7 @@ class kept_subscriptions
     {
     }
 
-    /* Adds a subscription that is wanted, unless it is there; send_due() makes the requests. */
+    /* Adds a subscription that is wanted, unless it is there; send_due() sends the request. */
     void add(tesk_client_kind kind, uint32_t port_no)
     {
         entries_.try_emplace({kind, port_no});
@@ -32,24 +33,24 @@ class kept_subscriptions
         for (const tesk_client_kind kind : {TESK_CLIENT_SFP_INFO, TESK_CLIENT_PORT_STATUS})
             entries_.erase({kind, port_no});
     }
-    /* The server has confirmed these, which are wanted from now on; given are the requests that
-       would end them. */
+    /* Adds subscriptions that the server has confirmed; `unsubscribes` are the requests that would
+       end them. */
     void confirm(const std::vector<port_request> &unsubscribes);
 
-    /* Ends the subscription of the port's status and makes it anew, for an indication with the
-       grades of this moment. `ended` is called once with the last answer, unless the port is
-       removed or the server lost before. */
+    /* Ends the subscription to the port's status and subscribes again, for an indication with
+       present grades. `ended` is called once with the last answer, unless the port is removed or
+       the server is lost before. */
     using ended = std::function<void(const tesk_client_answer &)>;
     void renew(uint32_t port_no, ended called);
 
-    /* A subscription that the session has lost. */
+    /* Reports a subscription that the session has lost. */
     void take(const tesk_client_event &event);
 
-    /* Whether a wanted subscription is not there. */
+    /* Whether a wanted subscription is missing. */
     bool is_due() const;
 
-    /* Makes the requests that are due, so many at once that they are answered in time. To be called
-       once an interval. */
+    /* Sends due requests, at most as many as can be answered in time. To be called once per
+       interval. */
     void send_due();
 
     /* The requests that end all subscriptions that the server has. */
@@ -59,11 +60,11 @@ class kept_subscriptions
     enum class state : uint8_t {
         none,    /* not subscribed */
         held,    /* subscribed */
-        unknown, /* an answer didn't come: unsubscribed before it is subscribed again */
+        unknown, /* an answer is missing: to be unsubscribed before the next subscribe */
     };
     struct entry {
         state is = state::none;
-        bool is_asking = false; /* a request is in flight */
+        bool is_asking = false; /* a request is in progress */
         ended called = {};
     };
     using key = std::pair<tesk_client_kind, uint32_t>;

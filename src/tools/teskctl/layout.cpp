@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Widths count columns of the terminal: text from outside is escaped to ASCII before it comes here,
-   so that only our own characters, such as the degree sign, are longer than a byte. */
+/* Widths are columns of the terminal: text from outside is escaped to ASCII before, so that only
+   our own characters, such as the degree sign, are longer than a byte. */
 #include "tools/teskctl/layout.h"
 
 #include <algorithm>
@@ -30,8 +30,8 @@ std::string paint(const std::string &text, tint shade, bool enabled)
     return fmt::format("\x1b[{}m{}\x1b[0m", codes[static_cast<size_t>(shade)], text);
 }
 
-/* One column for each character: those beyond ASCII are our own, such as the degree sign. Colours,
-   from an escape to its 'm', take none. */
+/* Each character has one column: those beyond ASCII are our own, such as the degree sign. Colours,
+   from an escape to its 'm', have none. */
 size_t display_width(std::string_view text)
 {
     size_t width = 0;
@@ -49,7 +49,7 @@ std::string fit(std::string_view text, size_t width)
     const size_t taken = display_width(text);
     if (taken <= width)
         return std::string(text) + std::string(width - taken, ' ');
-    /* Only the first byte of a character counts: the loop removes whole characters. */
+    /* Only the first byte of a character counts, so the loop removes whole characters. */
     while (display_width(text) > width)
         text.remove_suffix(1);
     return std::string(text);
@@ -66,7 +66,7 @@ std::string table::text(size_t width) const
             widths[i] = std::max(widths[i], display_width(row[i]));
         indent += widths[i] + gap;
     }
-    /* In a window too narrow even for that, the terminal wraps the lines: nothing is lost. */
+    /* If the window is even narrower, the terminal wraps the lines, so that nothing is lost. */
     const size_t room = width == 0 ? 0 : std::max(width, indent + narrowest) - indent;
     std::string text;
     for (const auto &row : rows_) {

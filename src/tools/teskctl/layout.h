@@ -7,7 +7,7 @@
 #include <vector>
 
 enum class tint { none, green, yellow, red, dim, bold };
-/* The text between the escape sequences of the colour; unchanged unless `enabled`. */
+/* The text between the escape sequences of the colour; unchanged if not `enabled`. */
 std::string paint(const std::string &text, tint shade, bool enabled);
 
 /* The number of columns that a text takes on the terminal. */
@@ -26,7 +26,7 @@ class table
     {
         rows_.push_back(std::move(row));
     }
-    /* No limit if `width` is 0. */
+    /* Without limit if `width` is 0. */
     std::string text(size_t width) const;
 
   private:

@@ -3,8 +3,7 @@
 
    CLI11 parses the words into the fields of command_line; a subcommand's callback only selects the
    function, which runs once all words are parsed. Every failure is a tool_error and ends the
-   command in one place: with a line on standard error, an object for programs, and the exit code.
- */
+   command in one place: with a line on standard error, with --json an object, and an exit code. */
 #include "program/exit_code.h"
 #include "program/known_command.h"
 #include "program/run_tool.h"
@@ -33,7 +32,7 @@ static CLI::Option *add_ports(CLI::App *command, const std::string &name, ports_
 namespace
 {
 
-/* The command line, and the command that it selects. */
+/* Parses the command line and selects the command. */
 class command_line
 {
   public:
@@ -62,7 +61,8 @@ class command_line
     {
         try {
             std::vector<std::string> words(argv + 1, argv + argc);
-            /* CLI11 would take the next word as the value of an option whose value is optional. */
+            /* If the value of an option is optional, CLI11 would take the next word as the
+               value. */
             std::ranges::replace(words, "--wait", "--wait=1000000");
             require_known_command(app_, words);
             if (words.size() > 1 && words.front() == "help")
@@ -74,12 +74,12 @@ class command_line
         } catch (const CLI::ParseError &error) {
             if (error.get_exit_code() != 0)
                 throw usage_error(app_, error);
-            app_.exit(error); /* --help or --version, which it writes */
+            app_.exit(error); /* CLI11 prints the text of --help or --version */
             return exit_code::done;
         }
         common_.timeout_ms = static_cast<uint32_t>(timeout_ * 1000);
-        /* Locating the server is done by the mailbox library, whose timeout only the environment
-           can set. It gets that of an answer unless the user has set it. */
+        /* The mailbox library locates the server, and only the environment can set its timeout.
+           Unless the user has set it, it becomes the timeout of an answer. */
         setenv("MBX_LOCATE_MS", std::to_string(common_.timeout_ms).c_str(), 0);
         common_.on_terminal = isatty(STDOUT_FILENO) != 0;
         const char *no_colour = std::getenv("NO_COLOR");
@@ -91,7 +91,7 @@ class command_line
     CLI::App *add(const char *name, const char *help, std::function<exit_code()> run)
     {
         CLI::App *command = app_.add_subcommand(name, help);
-        /* Only noted here: options of all commands may follow. */
+        /* Only stored here: global options may follow. */
         command->callback([this, run = std::move(run)] { command_ = run; });
         return command;
     }
@@ -180,9 +180,9 @@ class command_line
             ->excludes(ports);
         why->add_option("--facts-out", why_.facts_out, "Write the facts to a file, too")
             ->type_name("FILE");
-        why->add_option("--other-end", why_.other_end, "Those of the same fall at the other end")
+        why->add_option("--other-end", why_.other_end, "Facts of the same fall at the other end")
             ->type_name("FILE");
-        add_count(why, "--last", why_.last, "Only so many of the newest falls");
+        add_count(why, "--last", why_.last, "Show at most this many falls, the newest");
     }
 
     void add_following_commands()

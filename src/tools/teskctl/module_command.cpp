@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module: the details of ports, from the file that the board publishes. It makes no request, so the
-   server's history and its clients notice nothing of it. With --watch a port is shown again when
-   its record has changed. */
+/* module: the details of ports, from the file that the board publishes. It sends no request, so
+   neither the server's history nor its clients are affected. With --watch a port is shown again
+   when its record has changed. */
 #include "program/details_json.h"
 #include "program/output.h"
 #include "program/run_tool.h"
@@ -25,7 +25,7 @@
 
 using namespace std::chrono_literals;
 
-/* Looking at a record's sequence costs a read of eight bytes. */
+/* Reading a record's sequence costs a read of eight bytes. */
 static constexpr auto watch_interval = 200ms;
 
 namespace
@@ -103,7 +103,7 @@ static std::vector<uint32_t> ports_of(tesk_details &details, const ports_text &t
     return ports;
 }
 
-/* The fields that each reading changes. */
+/* Clears the fields that every reading changes. */
 static void forget_times(dolm_ric_details_record &of)
 {
     const int64_t lease_until = of.cost.lease_until;
@@ -134,7 +134,7 @@ static bool is_same_but_for_time(dolm_ric_details_record one, dolm_ric_details_r
 namespace
 {
 
-/* The ports that are shown, and the record of each as it was shown last. */
+/* The ports that are shown, with the record of each when last shown. */
 class module_output
 {
   public:
@@ -145,7 +145,7 @@ class module_output
         style_.has_unicode = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
     }
 
-    /* Shows the port if more has changed than ages and costs since it was shown last. */
+    /* Shows the port if more than ages and costs has changed since it was last shown. */
     void show(tesk_details &details, uint32_t port_no)
     {
         dolm_ric_details_record &last = shown_[port_no];
@@ -187,7 +187,7 @@ class module_output
         write_now(text);
     }
 
-    /* A failure is reported when it begins; the port may come back. */
+    /* Reports a failure when it begins; the port may come back. */
     void fail(uint32_t port_no, tesk_details_result result)
     {
         shown_[port_no] = {};

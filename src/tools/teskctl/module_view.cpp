@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A value that is missing shows its reason in place of the number, and the age of the last one.
-   Powers are shown, and placed between their limits, in dBm. */
+/* A missing value is replaced by the reason and the age of the last one. Powers are shown in dBm,
+   also between their limits. */
 #include "tools/teskctl/module_view.h"
 
 #include "program/units.h"
@@ -21,11 +21,11 @@ using texts = std::vector<std::string>;
 namespace
 {
 
-/* How one measured value is written. */
+/* How a measured value is written. */
 struct quantity {
     int places;
     const char *unit;
-    bool is_power; /* milliwatts that are shown in dBm */
+    bool is_power; /* milliwatts, shown in dBm */
 };
 
 } // namespace
@@ -87,7 +87,7 @@ static void add(texts &parts, const std::string &part)
         parts.push_back(part);
 }
 
-/* Nothing for an empty text, else with its label in front. */
+/* Adds a text with its label in front, unless the text is empty. */
 static void add(texts &parts, const char *label, const std::string &part)
 {
     if (!part.empty())
@@ -243,7 +243,7 @@ std::string limits_bar(const dolm_ric_details_value &value, const dolm_ric_detai
         return {};
     const auto scaled = [&](double from) {
         return is_logarithmic ? milliwatts_to_dbm(std::max(from, 1e-4))
-                              : from; /* -40 dBm is darkness */
+                              : from; /* -40 dBm stands for no light */
     };
     const double low = scaled(limits.low_alarm);
     const double high = scaled(limits.high_alarm);
@@ -374,7 +374,7 @@ static void add_values(texts &lines, const dolm_ric_details_record &record, int6
         add_line(lines, "lanes", {tesk_details_text(TESK_DETAILS_TEXT_STATE, record.lanes_state)});
 }
 
-/* One part for each condition, with the lanes on which it is there, or was. */
+/* One part for each condition, with the lanes on which it is, or was, present. */
 static void add_conditions(texts &lines, const dolm_ric_details_record &record, int64_t now)
 {
     texts parts;
@@ -408,7 +408,7 @@ static std::string vdm_range(const dolm_ric_details_vdm &row, double low, double
     return fmt::format("{} to {}", vdm_number(row.kind, low), vdm_number(row.kind, high));
 }
 
-/* The flags that the last reading found. */
+/* The flags found by the last reading. */
 static std::string raised_text(uint32_t raised)
 {
     if ((raised & DOLM_RIC_VDM_FLAGS_UNKNOWN) != 0)

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: request_all() sends the requests and waits until each is answered, a request
-   can't be sent, or a process signal comes; the others name the requests and what to do with an
-   answer. */
+/* Order of work: request_all() sends the requests and waits until each is answered, one can't be
+   sent, or a process signal is received; the other functions choose the requests and handle the
+   answers. */
 #include "tools/teskctl/port_requests.h"
 
 #include "program/words.h"
@@ -22,9 +22,9 @@ std::vector<port_request> requests_for(tesk_client_request_type type,
 namespace
 {
 
-/* A process signal or a failed request ends the call before all answers are there; the rest arrive
-   when the session is closed. The callbacks hold the batch weakly, so that they find nothing once
-   the call is over. */
+/* A process signal or a failed request ends the call before all answers were received; the rest
+   arrive when the session is closed. The callbacks have a weak pointer to the batch, which is empty
+   once the call has returned. */
 struct batch {
     size_t open;
     const session::answered &take;
@@ -60,7 +60,7 @@ std::vector<port_request> subscribe_all(event_loop &loop, session &server,
     std::vector<port_request> held;
     request_all(loop, server, wanted, [&](const tesk_client_answer &answer) {
         if (answer.result == TESK_CLIENT_OK) {
-            /* The type of each unsubscribe follows that of its subscribe. */
+            /* The type of an unsubscribe follows that of its subscribe. */
             held.push_back(
                 {static_cast<tesk_client_request_type>(answer.request + 1), answer.port_no});
         } else {

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: select_ports() takes the list of the user; for "all" the port map, or else those
-   ports that answer a read. */
+/* Order of work: select_ports() takes the user's list; "all" means the port map, or else the ports
+   that answer a read. */
 #include "tools/teskctl/port_selection.h"
 
 #include "program/exit_code.h"
@@ -25,7 +25,8 @@ void check_ports(const ports_text &text)
         parse_ports(text, port_names());
 }
 
-/* Reading measured values is the only request for a port that the server keeps no history of. */
+/* Reading measured values is the only request for a port that leaves no record in the server's
+   history. */
 static std::vector<uint32_t> probe(event_loop &loop, session &server)
 {
     std::vector<uint32_t> candidates(probed_ports), found;

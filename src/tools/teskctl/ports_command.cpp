@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* ports: a line for each port. Without --status it makes only requests that leave no record in the
-   server's history. */
+/* ports: one line for each port. Without --status the requests leave no record in the server's
+   history. */
 #include "program/output.h"
 #include "program/units.h"
 #include "program/words.h"
@@ -31,7 +31,7 @@ static std::string name_of(const port_name_map &names, uint32_t port_no)
     return found == names.end() ? "" : found->second;
 }
 
-/* The keys of "pm", with the name behind the port and those of the status at the end. */
+/* The keys of "pm", with the name after the port, and the keys of the status at the end. */
 static json_object to_json(uint32_t port_no, const std::string &name, const port_line &shown,
                            bool has_status)
 {
@@ -94,7 +94,7 @@ static void write_table(const settings &common, const port_lines &lines, const p
         write_text(shown.text(terminal_width(common)));
 }
 
-/* The first indications of all these ports, as far as they come in time. */
+/* The first indications of these ports, as far as they are received in time. */
 static void read_status(const settings &common, event_loop &loop, session &server, reporter &report,
                         const port_lines &lines, const size_t &received)
 {
@@ -111,7 +111,7 @@ static void read_status(const settings &common, event_loop &loop, session &serve
     }
 }
 
-/* The numbers or names alone, without a request where there is a port map. */
+/* Writes the numbers or names alone; with a port map no request is needed. */
 static exit_code write_words(const settings &common, const ports_options &options)
 {
     event_loop loop;
@@ -130,8 +130,7 @@ static exit_code write_words(const settings &common, const ports_options &option
     return exit_code::done;
 }
 
-/* A port whose module answers a read, but which the server reports as empty, has one that isn't
-   ready. */
+/* If the server reports a port as empty but a module answers a read, the module isn't ready. */
 static void mark_not_ready(const settings &common, event_loop &loop, session &server,
                            reporter &report, port_lines &lines,
                            std::map<uint32_t, tesk_client_sfp_info> &infos)

@@ -3,11 +3,11 @@
 
    The current state of a port comes only with a subscription's first indication, so sfp and status
    subscribe. They don't unsubscribe: the server drops the subscriptions with the connection, which
-   leaves one record less in its history of 30 actions.
+   adds one record less to its history of 30 actions.
 
-   No indication identifies an empty port: the port status of one has the type "electrical", and the
-   SFP info "not present" includes modules that aren't ready. A read of the measured values
-   distinguishes them, and leaves no record. */
+   No indication identifies an empty port: its port status has the type "electrical", and the SFP
+   info "not present" also stands for modules that aren't ready. A read of the measured values
+   distinguishes the two, and adds no record. */
 #include "program/output.h"
 #include "program/units.h"
 #include "program/words.h"
@@ -92,7 +92,7 @@ exit_code run_pm(const settings &common, const ports_text &ports)
     return loop.signal() == 0 ? report.code() : exit_code::no_answer;
 }
 
-/* Waits for the indications that follow the confirmations as signals of their own. */
+/* Waits for the first indications, which are signals after the confirmations. */
 template <typename record_type>
 static void await_indications(const settings &common, event_loop &loop, const session &server,
                               const std::map<uint32_t, record_type> &received, size_t expected)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each line begins with the time at which it is written: neither indications nor answers have one.
- */
+/* Each line begins with the time at which it is written, since neither indications nor answers
+   contain a time. */
 #include "tools/teskctl/report.h"
 
 #include "program/clock.h"
@@ -23,7 +23,7 @@ void reporter::line(const std::string &text) const
 
 void reporter::object(const json_object &object) const
 {
-    /* Built around the object, so that the time is its first key. */
+    /* A new object, so that the time is its first key. */
     json_object stamped = {{"time", iso_time(now_us())}};
     stamped.update(object);
     line(to_line(stamped));

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A page is drawn over the previous one, line by line; clearing it as a whole would flicker. Each
-   line is cleared before it is written: after a line as wide as the window, clearing would remove
-   its last character. A page is written at once.
+/* A page is drawn over the previous one, line by line; clearing the whole screen would flicker.
+   Each line is cleared before it is written: after a line as wide as the window, clearing would
+   remove its last character. A page is one write.
 
    No signal handler restores the terminal: the loop reads the signals that end or stop the program
    from a descriptor, and leaves the scope of the screen or calls suspend. */
@@ -15,7 +15,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-/* Switches to the terminal's alternate screen without a cursor, and back. */
+/* Switches to the terminal's alternate screen and hides the cursor; the other sequence restores
+   both. */
 static constexpr char enter_sequence[] = "\x1b[?1049h\x1b[?25l\x1b[2J";
 static constexpr char leave_sequence[] = "\x1b[?25h\x1b[?1049l";
 static constexpr char clear_line[] = "\x1b[K";
@@ -56,7 +57,7 @@ screen::~screen()
 void screen::enter()
 {
     if (has_keys_) {
-        termios raw = saved_; /* signals stay on: Ctrl-C and Ctrl-Z work as anywhere */
+        termios raw = saved_; /* ISIG stays on: Ctrl-C and Ctrl-Z work as usual */
         raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &raw);
     }

@@ -9,8 +9,8 @@
 
 struct settings;
 
-/* The columns of the terminal; 0 where output goes elsewhere and lines may be of any length. Asked
-   each time, since a window changes. */
+/* The columns of the terminal; 0 if the output isn't a terminal and lines may have any length. Read
+   each time, since a window can change. */
 size_t terminal_width(const settings &common);
 size_t terminal_height();
 
@@ -22,11 +22,11 @@ class screen
     screen(const screen &) = delete;
     screen &operator=(const screen &) = delete;
 
-    /* Replaces the page; lines beyond the height are left out. */
+    /* Draws a page in place of the previous one; lines beyond the height are left out. */
     void draw(const std::vector<std::string> &lines, size_t height) const;
 
-    /* Restores the terminal, stops the process as Ctrl-Z does, and takes the terminal again when
-       the process continues. */
+    /* Restores the terminal and stops the process, as Ctrl-Z does; when the process continues,
+       switches to the page again. */
     void suspend();
 
     /* False if standard input is not a terminal. */

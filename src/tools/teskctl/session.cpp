@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Requests are made without waiting. A callback owns its function until the answer comes, which the
-   client library promises for each request, at the latest as cancelled when the session closes. */
+/* Requests don't block. A callback owns its function until the answer: the client library calls it
+   for each request, at the latest as cancelled when the session closes. */
 #include "tools/teskctl/session.h"
 
 #include "tools/teskctl/event_loop.h"
@@ -12,7 +12,7 @@ using std::chrono::steady_clock;
 
 static constexpr std::chrono::milliseconds retry_interval{100};
 
-/* Connects, and retries while there is no server and time is left. */
+/* Connects; without a server, tries again while time is left. */
 static tesk_client_result connect(event_loop &loop, const settings &common,
                                   const tesk_client_options &options, tesk_client_session **made)
 {
@@ -36,7 +36,7 @@ session::session(event_loop &loop, const settings &common, handlers called, bool
     options.deadline_ms = common.timeout_ms;
     options.reconnect = reconnect;
     options.user = &handlers_;
-    /* C callbacks get one pointer: that to the functions of this object. */
+    /* C callbacks have one pointer: it points to the functions of this object. */
     options.on_sfp_info = [](const tesk_client_sfp_info *info, void *user) {
         if (auto *to = static_cast<session::handlers *>(user); to->sfp_info)
             to->sfp_info(*info);
@@ -54,8 +54,8 @@ session::session(event_loop &loop, const settings &common, handlers called, bool
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
 }
 
-/* Closing cancels open requests, whose functions are called. The handlers are not: their owner is
-   being destroyed. */
+/* Closing cancels open requests, and their functions are called. The handlers are not called: their
+   owner is being destroyed. */
 session::~session()
 {
     handlers_ = {};
@@ -74,5 +74,5 @@ void session::request(tesk_client_request_type type, uint32_t port_no, answered 
         owned.get());
     if (result != TESK_CLIENT_OK)
         throw tool_error(exit_code_of(result), explain(result, tesk_client_error()));
-    static_cast<void>(owned.release()); /* the callback owns it now */
+    static_cast<void>(owned.release()); /* the callback owns the function now */
 }

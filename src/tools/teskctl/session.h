@@ -18,8 +18,8 @@ class session
         std::function<void(const tesk_client_event &)> event;
     };
 
-    /* Throws a tool_error if there is no server; with --wait only after that time, or when a
-       process signal comes to the loop. With `reconnect` the session reconnects after a loss. */
+    /* Throws a tool_error if there is no server; with --wait only after that time, or when the loop
+       receives a process signal. With `reconnect` the session reconnects after a loss. */
     session(event_loop &loop, const settings &common, handlers called, bool reconnect);
     ~session();
     session(const session &) = delete;
@@ -34,8 +34,8 @@ class session
         return tesk_client_connected(session_);
     }
 
-    /* `called` is called once, when the session closes at the latest: what it captures by reference
-       must outlive the session. It must not throw. */
+    /* `called` is called exactly once, at the latest when the session closes: references that it
+       captures must outlive the session. It must not throw. */
     using answered = std::function<void(const tesk_client_answer &)>;
     void request(tesk_client_request_type type, uint32_t port_no, answered called);
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* settings - the options that hold for every command of teskctl. Pure data. */
+/* settings - the options of all commands of teskctl. Pure data. */
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,6 @@ struct settings {
     bool coloured = false;
     bool on_terminal = false; /* standard output is a terminal */
     uint32_t timeout_ms = 2000;
-    /* How long to wait for a server that isn't there, in seconds. */
+    /* How long to wait for a server that isn't running, in seconds. */
     double wait_seconds = 0;
 };

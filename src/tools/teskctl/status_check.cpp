@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: take() passes an indication on, and asks for the port's values first where the
-   port may be empty or its module may not be ready. */
+/* Order of work: take() passes an indication on. If the port may be empty, or its module not ready,
+   it first requests the port's values. */
 #include "tools/teskctl/status_check.h"
 
 #include "program/exit_code.h"
 #include "program/words.h"
 #include "tools/teskctl/port_requests.h"
 
-/* A module of the same type has the same status if nothing of it can be read. */
+/* An empty port has the same status as a module of this type from which nothing can be read. */
 static bool is_perhaps_empty(const tesk_client_port_status &status)
 {
     return (status.sfp_type == TESK_CLIENT_SFP_ELECTRICAL ||
@@ -15,7 +15,7 @@ static bool is_perhaps_empty(const tesk_client_port_status &status)
            status.environment == TESK_CLIENT_ENVIRONMENT_NOT_READ;
 }
 
-/* `show` is called once, with an answer that says nothing where none can be asked for. */
+/* `show` is called once; if the request can't be made, with an empty answer. */
 void status_check::ask(session &server, uint32_t port_no, const session::answered &show)
 {
     try {
@@ -27,7 +27,7 @@ void status_check::ask(session &server, uint32_t port_no, const session::answere
                            show(answer);
                        });
         open_[port_no]++;
-    } catch (const tool_error &) { /* no memory for the question, or the session ends */
+    } catch (const tool_error &) { /* no memory for the request, or the session ends */
         show({});
     }
 }
@@ -52,7 +52,8 @@ void status_check::take(session &server, const tesk_client_sfp_info &info)
         return show_info_(info);
     ask(server, info.port_no, [this, info](const tesk_client_answer &answer) {
         tesk_client_sfp_info checked = info;
-        /* Values alone may be those of the next module, where one was swapped. */
+        /* The values may be those of the next module if modules were swapped, so alone they prove
+           nothing. */
         const bool is_unready = answer.rejection == TESK_CLIENT_REJECTION_BUSY ||
                                 (answer.pm != nullptr && !unready_ports({info.port_no}).empty());
         if (info.type == TESK_CLIENT_SFP_NOT_PRESENT && is_unready)

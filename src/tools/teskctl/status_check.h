@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* status_check - indications with the module in the word of all commands. The server's SFP info of
-   a module that can't be read is that of an empty port, whose port status has the type
-   "electrical"; the measured values, whose reading leaves no record, show what is in the port. One
-   thread. */
+/* status_check - adds the state of the module to indications, in the words of all commands. The
+   server sends the same SFP info for an empty port and for an unreadable module, and the port
+   status of an empty port has the type "electrical"; a read of measured values, which adds no
+   record to the history, distinguishes them. One thread. */
 #pragma once
 
 #include "tools/teskctl/session.h"
@@ -16,16 +16,16 @@ class status_check
     using status_shown = std::function<void(const tesk_client_port_status &)>;
     using info_shown = std::function<void(const tesk_client_sfp_info &)>;
 
-    /* Each function gets every indication of its kind, those of one port in their order, with
-       TESK_CLIENT_SFP_NOT_PRESENT for one of an empty port and module_not_ready for one whose
-       module can't be read. */
+    /* The functions receive every indication of their kind, in order for each port. The type is
+       TESK_CLIENT_SFP_NOT_PRESENT for an empty port, and module_not_ready for a module that can't
+       be read. */
     status_check(status_shown show_status, info_shown show_info)
         : show_status_(std::move(show_status)), show_info_(std::move(show_info))
     {
     }
 
-    /* Both may be called in a callback of the session, which must be closed before this object
-       ends. */
+    /* Both functions may be called in a callback of the session, which must be closed before this
+       object is destroyed. */
     void take(session &server, const tesk_client_port_status &status);
     void take(session &server, const tesk_client_sfp_info &info);
 
@@ -34,5 +34,5 @@ class status_check
 
     status_shown show_status_;
     info_shown show_info_;
-    std::map<uint32_t, size_t> open_; /* indications that wait, by port */
+    std::map<uint32_t, size_t> open_; /* number of held indications, by port */
 };

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A column is one row of a table: its head, its width, when it is left out of a narrow window, and
-   the function that shows it.
+/* A column is one row of a table: its head, its width, its importance in a narrow window, and the
+   function that shows it.
 
-   The letters are the server's grades, which come only with indications; the values beside them are
-   read at intervals. A letter can therefore be older than its value: AGE shows it, and a letter
-   whose value has moved since is grey and has a question mark. */
+   The letters are the server's grades, which are sent only with indications; the values beside them
+   are read at intervals. A letter can therefore be older than its value: AGE shows the age, and if
+   the value has moved since, the letter is grey and has a question mark. */
 #include "tools/teskctl/top_columns.h"
 
 #include "program/units.h"
@@ -74,7 +74,7 @@ static cell measured(uint32_t, const top_port &port)
     return {text, is_old ? tint::dim : level_tint(level)};
 }
 
-/* Numbers without units, which are in the heads. */
+/* A number without unit, as the head has the unit. */
 static std::string dbm_number(uint32_t microwatts)
 {
     const auto value = to_dbm(microwatts);
@@ -149,7 +149,7 @@ namespace
 struct column {
     const char *head;
     size_t width;
-    int importance; /* the one with the lowest number is left out first */
+    int importance; /* the column with the lowest number is left out first */
     cell (*show)(uint32_t port_no, const top_port &port);
 };
 

@@ -11,10 +11,10 @@ class top_columns
 {
   public:
     /* Leaves out columns until the others fit, the least important first. PORT always stays.
-       `name_width` is that of the longest name of an interface; 0 leaves their column out. */
+       `name_width` is the width of the longest interface name; 0 leaves the column of names out. */
     top_columns(size_t width, size_t name_width);
 
-    /* The columns of the terminal that a line takes, and the lines: head and rows. */
+    /* The width of a line in columns of the terminal, and the lines: head and rows. */
     size_t width() const;
     std::string head() const;
     std::string row(uint32_t port_no, const top_port &port, bool is_selected, bool coloured) const;

@@ -4,10 +4,11 @@
    terminal it draws a page after each event; elsewhere, and on one that can't move its cursor, it
    writes a line for each record.
 
-   The ports change while it runs, by another configuration of the board or a restart of the server.
-   A port is gone when the server rejects a read of its values because the port doesn't exist. With
-   "all" its row is removed, and at each interval the values of new ports of the port map are read.
-   Without a port map those that may exist are asked after the server has come back. */
+   The ports can change while it runs, by another configuration of the board or a restart of the
+   server. A port no longer exists when the server rejects a read of its values for that reason.
+   With "all" its row is removed, and at each interval the values of new ports of the port map are
+   read. Without a port map, all port numbers that may exist are tried when the server has come
+   back. */
 #include "program/clock.h"
 #include "program/recorded_falls.h"
 #include "tools/teskctl/commands.h"
@@ -44,7 +45,7 @@ class top
                    {[this](const auto &info) { checked_.take(session_, info); },
                     [this](const auto &status) {
                         checked_.take(session_, status);
-                        read_value(status.port_no); /* for the values that were graded */
+                        read_value(status.port_no); /* the values that belong to the new grades */
                     },
                     [this](const auto &event) { take_event(event); }},
                    true)
@@ -102,7 +103,7 @@ class top
             report_.show(record);
     }
 
-    /* On a page, the loss of the server is part of its title. */
+    /* On a page, the title shows the loss of the server. */
     void take_event(const tesk_client_event &event)
     {
         const std::string time = clock_seconds(now_us());
@@ -128,7 +129,7 @@ class top
     void read_value(uint32_t port_no)
     {
         top_port *port = view_.port(port_no);
-        /* A server that is slower than the interval gets one request at a time for a port. */
+        /* If the server is slower than the interval, a port has at most one request in progress. */
         if (port == nullptr || port->is_reading || !session_.is_connected())
             return;
         port->is_reading = true;
@@ -154,7 +155,7 @@ class top
             report_.show(*answer.pm);
     }
 
-    /* A port that was named stays, and is shown again when it is there again. */
+    /* A port that the user named stays, and is shown again when it exists again. */
     void lose(const tesk_client_answer &answer, top_port &port)
     {
         if (!port.is_gone && is_on_screen()) {
@@ -170,7 +171,7 @@ class top
         subscriptions_.remove(answer.port_no);
     }
 
-    /* Asks for a port that may be new; one that exists is shown from then on. */
+    /* Reads the values of a port that may be new; if it exists, it is shown from then on. */
     void probe(uint32_t port_no)
     {
         if (view_.port(port_no) != nullptr)
@@ -184,7 +185,7 @@ class top
         });
     }
 
-    /* The port map may be another one by now. */
+    /* Takes new ports and names from the port map, which may have changed. */
     void look_for_ports()
     {
         const port_name_map names = port_names();
@@ -209,7 +210,7 @@ class top
         subscriptions_.send_due();
     }
 
-    /* A new subscription brings an indication with the grades of this moment. */
+    /* A new subscription causes an indication with present grades. */
     void grade(std::optional<uint32_t> port_no)
     {
         if (!port_no || !session_.is_connected())
@@ -276,7 +277,7 @@ class top
             }
             if (page)
                 draw(*page);
-            /* Drawn at each read at least, since the ages grow. */
+            /* The page is drawn at least at each read, since the ages grow. */
             const steady_time next = std::min(next_read, falls_.next().value_or(next_read));
             const auto wake = loop_.wait(session_.get(), end_ ? std::min(*end_, next) : next);
             falls_.work();

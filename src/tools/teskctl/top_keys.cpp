@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: parse() appends the bytes to what was left, and takes keys from the front until
-   the rest is the begin of a sequence. */
+/* Order of work: parse() appends the bytes to the rest of the last call, and takes keys from the
+   front until the remainder is an incomplete sequence. */
 #include "tools/teskctl/top_keys.h"
 
 #include <optional>
@@ -15,7 +15,7 @@ struct sequence {
 
 } // namespace
 
-/* Cursor keys have two forms, by the terminal's mode; Home and End have four. */
+/* Cursor keys have two forms, depending on the terminal's mode; Home and End have four. */
 static constexpr sequence sequences[] = {
     {"\x1b[A", key_code::up},    {"\x1bOA", key_code::up},       {"\x1b[B", key_code::down},
     {"\x1bOB", key_code::down},  {"\x1b[5~", key_code::page_up}, {"\x1b[6~", key_code::page_down},
@@ -33,7 +33,7 @@ static std::optional<size_t> sequence_length(std::string_view bytes)
     if (bytes[1] == 'O')
         return bytes.size() < 3 ? std::nullopt : std::optional<size_t>(3);
     if (bytes[1] != '[')
-        return 1; /* the escape key, and then another */
+        return 1; /* the escape key, followed by another key */
     const auto is_last = [](char byte) { return byte >= '@' && byte <= '~'; };
     for (size_t i = 2; i < bytes.size(); i++)
         if (is_last(bytes[i]))
@@ -61,7 +61,7 @@ std::vector<key> key_parser::parse(std::string_view bytes)
         const bool is_sequence = left[0] == '\x1b';
         const auto length = is_sequence ? sequence_length(left) : std::optional<size_t>(1);
         if (!length) {
-            rest_ = left.size() < 16 ? left : ""; /* longer than any sequence: not one */
+            rest_ = left.size() < 16 ? left : ""; /* longer than any sequence, so not one */
             break;
         }
         const std::string_view part = left.substr(0, *length);

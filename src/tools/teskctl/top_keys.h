@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* top_keys - bytes from the terminal as keys. One thread. */
+/* top_keys - converts bytes from the terminal to keys. One thread. */
 #pragma once
 
 #include <cstdint>
@@ -29,9 +29,9 @@ class key_parser
 {
   public:
     /* The keys in these bytes. An escape sequence may be split between two calls; a lone escape at
-       the end counts as the key. Unknown sequences are dropped. */
+       the end is the escape key. Unknown sequences are dropped. */
     std::vector<key> parse(std::string_view bytes);
 
   private:
-    std::string rest_; /* of an incomplete sequence */
+    std::string rest_; /* bytes of an incomplete sequence */
 };

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each take() brings one record into the shown state of a port, and gives the text of the event if
-   the record is one. */
+/* Each take() adds one record to the shown state of a port, and returns the event's text if the
+   record is an event. */
 #include "tools/teskctl/top_port.h"
 
 #include "program/clock.h"
@@ -40,8 +40,8 @@ static void note_event(top_port &port, const std::string &what)
 
 std::string take(top_port &port, const tesk_client_port_status &status)
 {
-    /* The first one shows the state and is no event. So do those after a reconnection, unless
-       something has changed in the meantime. */
+    /* The first indication shows the state and is no event. Those after a reconnection are events
+       only if something has changed. */
     std::string what = port.status ? difference(*port.status, status) : "";
     note_event(port, what);
     port.status = status;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A page never has more lines than the window, and no line wraps. In a low window the title goes
-   first, then the head, then the rows; the last line remains. The worst ports come first if there
-   are more than the window has rows, and a line reports what changes outside of it. */
+   first, then the head, then the rows; the last line remains. If there are more ports than rows,
+   the worst ports come first, and a line reports changes outside the window. */
 #include "tools/teskctl/top_view.h"
 
 #include "program/clock.h"
@@ -125,7 +125,7 @@ void top_view::move(ptrdiff_t rows)
     const auto now = cursor_ ? std::ranges::find(order_, *cursor_) - order_.begin() : 0;
     const auto last = static_cast<ptrdiff_t>(order_.size()) - 1;
     const ptrdiff_t row = std::clamp<ptrdiff_t>(now + rows, 0, last);
-    /* At the top it stays with the row, so that the worst port remains in sight. */
+    /* At the top the cursor stays in the first row, so that the worst port remains visible. */
     cursor_ = row == 0 ? std::nullopt : std::optional(order_[static_cast<size_t>(row)]);
 }
 
@@ -151,7 +151,7 @@ void top_view::edit_filter(const key &pressed)
     }
 }
 
-/* The rows by which a cursor key moves, upwards if negative; 0 for any other key. */
+/* The number of rows by which a key moves the cursor, negative upwards; 0 for any other key. */
 ptrdiff_t top_view::rows_of(key_code code) const
 {
     const auto page = static_cast<ptrdiff_t>(std::max<size_t>(rows_, 1));
@@ -217,7 +217,7 @@ top_view::action top_view::press(const key &pressed)
     return action::none;
 }
 
-/* The clock and the number of ports make room for the state of the connection. */
+/* The clock and the number of ports are left out if the state of the connection needs the room. */
 std::string top_view::title(size_t width, bool coloured, const std::string &state) const
 {
     std::string text = fmt::format("tesk-server  {}  {} ports{}  ", clock_seconds(now_us()),
@@ -245,8 +245,8 @@ std::string top_view::footer() const
     return text + "q quit  ? help  o ok  w/W low/high warning  a/A low/high alarm  - not measured";
 }
 
-/* The newest change outside of the window; in a narrow one, which has no room for events beside the
-   rows, otherwise the newest of all. */
+/* The newest change outside the window; without one, in a window too narrow for events beside the
+   rows, the newest change of all. */
 std::string top_view::news(bool has_events_beside) const
 {
     size_t unseen = 0;
@@ -269,7 +269,7 @@ std::string top_view::news(bool has_events_beside) const
     return fmt::format("port {}: {}", newest->first, event_text(newest->second));
 }
 
-/* The ports that arrange() has put onto the page; without events where `event_width` is 0. */
+/* The rows that arrange() has chosen; without events if `event_width` is 0. */
 void top_view::add_rows(std::vector<std::string> &page, const top_columns &columns,
                         size_t event_width, bool coloured)
 {
@@ -306,14 +306,14 @@ std::vector<std::string> top_view::lines(size_t width, size_t height, bool colou
     const size_t most_rows = height - std::min(height, page.size() + 1);
     rows_ = most_rows;
     arrange(most_rows);
-    /* If some ports are not on the page, one line shows changes of those. */
+    /* If the page doesn't show all ports, one line shows changes of the others. */
     const bool has_hidden = order_.size() > rows_ || order_.size() < ports_.size();
     if (has_hidden && rows_ > 1) {
         rows_--;
         arrange(most_rows);
     }
     add_rows(page, columns, has_events ? width - taken : 0, coloured);
-    if (height >= 4) /* after the arrangement that it describes */
+    if (height >= 4) /* after arrange(), whose result the title shows */
         page.front() = title(width, coloured, state);
     const std::string newest = news(has_events);
     if ((has_hidden || !newest.empty()) && page.size() + 1 < height)

@@ -30,10 +30,10 @@ class top_view
     {
         ports_.erase(port_no);
     }
-    /* The names of the interfaces; those of other ports are forgotten. */
+    /* Sets the names of the interfaces; other ports have no name then. */
     void name(const port_name_map &names);
 
-    /* Records of other ports are ignored: they were removed meanwhile. */
+    /* Records of other ports are ignored: the ports were removed meanwhile. */
     template <typename record_type>
     void show(const record_type &record)
     {
@@ -52,8 +52,8 @@ class top_view
     action press(const key &pressed);
     std::optional<uint32_t> selected() const;
 
-    /* The page: at most `height` lines, none wider than `width`. `state` describes the connection,
-       empty if all is well. */
+    /* The page: at most `height` lines, none wider than `width`. `state` describes a problem of the
+       connection; empty: no problem. */
     std::vector<std::string> lines(size_t width, size_t height, bool coloured,
                                    const std::string &state);
 
@@ -72,12 +72,12 @@ class top_view
 
     std::map<uint32_t, top_port> ports_;
     port_name_map names_;
-    std::vector<uint32_t> order_;    /* of the ports that the filter passes */
-    size_t first_ = 0;               /* the first row of the window */
-    size_t rows_ = 0;                /* of the window */
-    std::optional<uint32_t> cursor_; /* none: the first row, whichever port that is */
-    std::optional<bool> by_rank_;    /* none: if there are more ports than rows */
-    bool was_by_rank_ = false;       /* of the last page */
+    std::vector<uint32_t> order_;    /* ports that pass the filter, in the order of the rows */
+    size_t first_ = 0;               /* index of the first row in the window */
+    size_t rows_ = 0;                /* number of rows of the window */
+    std::optional<uint32_t> cursor_; /* none: it is in the first row, whichever port that is */
+    std::optional<bool> by_rank_;    /* none: sorted by rank if there are more ports than rows */
+    bool was_by_rank_ = false;       /* whether the last page was sorted by rank */
     std::string filter_;
     bool is_editing_ = false;
     bool has_help_ = false;

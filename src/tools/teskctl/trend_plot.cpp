@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: each column gets the mean of its values, then each line shows how much of the
-   column reaches into it. */
+/* Order of work: each column gets the mean of its values; then each line draws the part of the
+   column that is in this line. */
 #include "tools/teskctl/trend_plot.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 #include <limits>
 
-static constexpr size_t margin = 9; /* of a value, and a blank */
+static constexpr size_t margin = 9; /* width of a value and a blank */
 static constexpr size_t height = 4;
 static constexpr double none = std::numeric_limits<double>::quiet_NaN();
 
@@ -36,7 +36,7 @@ static std::vector<double> means(const std::vector<std::pair<int64_t, double>> &
     return sums;
 }
 
-/* How the line shows a column that fills `eighths` of it. */
+/* The character for a column that fills `eighths` of the line. */
 static const char *block(int eighths, bool is_fine)
 {
     static constexpr const char *blocks[][9] = {{" ", ".", ".", ".", ":", ":", ":", "#", "#"},
@@ -55,7 +55,7 @@ std::string draw_trend(const std::vector<std::pair<int64_t, double>> &points, in
     }
     if (std::isnan(least))
         return fmt::format("{:>{}} nothing was measured\n", "", margin - 1);
-    /* A value that only shows its last digit's noise is drawn flat. */
+    /* A value that varies only in its last digit is drawn flat. */
     const double span = std::max(greatest - least, 2 * std::pow(10, -decimals));
     std::string text;
     for (size_t line = height; line-- > 0;) {
@@ -66,7 +66,7 @@ std::string draw_trend(const std::vector<std::pair<int64_t, double>> &points, in
         else
             text += std::string(margin, ' ');
         for (const double value : columns) {
-            /* The least value fills one eighth, so that it is seen. */
+            /* The least value fills one eighth, so that it is visible. */
             const double filled = 1 + (value - least) / span * (8.0 * height - 1);
             text += std::isnan(value)
                         ? " "

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: the falls come from a file, or from those that the board records of ports; they
-   are judged and shown, newest first, and their facts are written to a file where that is asked
-   for. */
+/* Order of work: the falls are read from a file, or from the board's records of the ports; they are
+   judged and shown, newest first, and their facts are written to a file if one was given. */
 #include "causes/facts_json.h"
 #include "causes/verdict.h"
 #include "program/clock.h"
@@ -68,7 +67,7 @@ static void keep_first(std::vector<uint32_t> &ports, const std::string &folder, 
     is_whole = false;
 }
 
-/* The falls of other ports are shown even where one file is damaged. */
+/* If one file is damaged, the falls of other ports are still shown. */
 static std::vector<causes::facts> recorded(const ports_text &text, bool &is_whole)
 {
     const std::string folder = falls_folder();

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The directory is watched, since a file that is replaced is another one than before. A symbolic
-   link to a file elsewhere, or a directory that came later, is noticed by the file's status. */
+/* The directory is watched, since replacing a file gives its name to another inode. If the path is
+   a symbolic link to a file elsewhere, or the directory was created later, the file's status shows
+   the change. */
 #include "platform/dolm_ric/linux/config_watch.h"
 
 #include <ctime>
@@ -11,7 +12,7 @@
 namespace linux_board
 {
 
-/* All zero without a file. */
+/* All zero if there is no file. */
 static struct stat status_of(const std::string &path)
 {
     struct stat status = {};
@@ -37,7 +38,7 @@ config_watch::config_watch(std::string path)
         events_.reset();
 }
 
-/* Whether there were any. */
+/* Returns whether there were any events. */
 bool config_watch::take_events()
 {
     alignas(inotify_event) char buffer[4096];

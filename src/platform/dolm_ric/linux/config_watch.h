@@ -13,19 +13,18 @@ namespace linux_board
 class config_watch
 {
   public:
-    /* Begins with the file as it is now. Where the directory can't be watched, only has_changed()
-       finds a change. */
+    /* Starts with the present file. Where the directory can't be watched, only has_changed() finds
+       a change. */
     explicit config_watch(std::string path);
 
-    /* Readable when something happened in the file's directory; -1 where it can't be watched. */
+    /* Readable after a change in the file's directory; -1 where the directory can't be watched. */
     int fd() const
     {
         return events_.get();
     }
 
-    /* Whether there is another file than at the last call, or another version of it. One that is
-       being written isn't taken before it has been closed, or hasn't been written to for a second.
-     */
+    /* Whether the file or its content is another one than at the last call. A file that is being
+       written counts only once it was closed, or not written to for a second. */
     bool has_changed();
 
   private:

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The thread learns once a round which links are up, and takes the samples that are due, one after
-   another, the fastest first, without the lock. add_before() and add_again() look for two samples
-   and bring the difference into the facts. */
+/* Once a round the thread asks which links are up. It takes the due samples one after another, that
+   of the fastest driver first, without the lock. add_before() and add_again() choose two samples
+   and add their difference to the facts. */
 #include "platform/dolm_ric/linux/error_counters.h"
 
 #include "platform/dolm_ric/port_details.h"
@@ -19,20 +19,20 @@ namespace linux_board
 
 static constexpr int64_t one_ms = 1'000'000, one_second = 1000 * one_ms;
 
-/* Three samples lie within each minute. */
+/* With these times each minute has three samples. */
 static constexpr int64_t round_time = 20 * one_second, wanted_gap = 5 * one_second;
 
-/* For so long a driver that counts nothing isn't asked again: driver or firmware may have been
-   updated by then. */
+/* A driver that counts nothing is asked again after this time: driver or firmware may have been
+   updated. */
 static constexpr int64_t refusal_time = 3600 * one_second;
 
-/* A question that took some time is followed by a pause of so many times that. */
+/* After a request the driver is left alone for so many times the duration of the request. */
 static constexpr int64_t pause_per_time = 200;
 
-/* The period that the counts cover, and the shortest one that shows anything. */
+/* The period for which errors are counted, and the shortest period that is significant. */
 static constexpr int64_t counted_time = 60 * one_second, least_time = 4 * one_second;
 
-/* A link that has just risen still counts what it received while it found its lock. */
+/* A link that has just risen still adds errors from the time when it had no lock. */
 static constexpr int64_t settling_time = 3 * one_second;
 
 static constexpr size_t most_interfaces = 1024, most_samples = 16;
@@ -54,7 +54,8 @@ void error_sample::add(const error_sample &part)
     }
 }
 
-/* The sum comes first, then each lane; nothing at all if the driver doesn't count it. */
+/* The sum over all lanes comes first, then each lane; the list is empty if the driver doesn't count
+   this. */
 void take_fec_counts(netlink::byte_view attributes, error_sample &made)
 {
     const netlink::byte_view counts = netlink::find_attribute(attributes, ETHTOOL_A_FEC_STATS);
@@ -73,7 +74,7 @@ static void add_count(uint64_t more, uint64_t &to)
         to = to == error_sample::not_counted ? more : to + more;
 }
 
-/* Each counter stands in a nest of its own, by its number in its group. */
+/* Each counter has a nested attribute of its own, with its number in the group. */
 void take_line_counts(netlink::byte_view attributes, error_sample &made)
 {
     while (const auto outer = netlink::take_attribute(attributes)) {
@@ -108,7 +109,7 @@ void take_quality(netlink::byte_view attributes, error_sample &made)
         netlink::find_attribute(attributes, ETHTOOL_A_LINKSTATE_SQI_MAX));
 }
 
-/* Nothing where a sample lacks it, or where it went back: then it began anew. */
+/* Nothing if a sample lacks the counter, or if the counter went back because it was reset. */
 static causes::number counted(std::span<const error_sample> samples, count_kind kind)
 {
     uint64_t last = 0;
@@ -140,8 +141,8 @@ static double seconds_of(int64_t time)
     return static_cast<double>(time) / ns;
 }
 
-/* The bit error ratio before correction, of RS-FEC: without a counter of bits, each block that was
-   corrected had one wrong bit at least. */
+/* The bit error ratio before correction, with RS-FEC. Without a counter of bits, each corrected
+   block counts as one wrong bit, the least that it can have. */
 static causes::number error_ratio(std::span<const error_sample> samples, const causes::text &fec,
                                   const causes::number &megabits)
 {
@@ -154,7 +155,7 @@ static causes::number error_ratio(std::span<const error_sample> samples, const c
     return std::min((bits ? *bits : *blocks) / all, 1.0);
 }
 
-/* Until just after the fall none was added. */
+/* Whether the counter was unchanged until just after the fall. */
 static bool is_still_none(std::span<const error_sample> samples, const error_sample &last,
                           int64_t fell_at, count_kind kind)
 {
@@ -162,7 +163,7 @@ static bool is_still_none(std::span<const error_sample> samples, const error_sam
     return after != samples.end() && after->count[kind] == last.count[kind];
 }
 
-/* A PHY without a signal reports no quality: only readings before the fall count. */
+/* A PHY without a signal reports no quality, so only samples before the fall count. */
 static void add_quality(std::span<const error_sample> samples, int64_t fell_at, causes::facts &seen)
 {
     if (samples.empty() || fell_at - samples.back().at > oldest_before_fall)
@@ -253,7 +254,7 @@ void error_counters::add_again(int32_t index, int64_t since, causes::facts &seen
     add_counts_again(samples_of(index), since, seen);
 }
 
-/* Without memory, or without a connection, the next round tries again. */
+/* If there is no memory or no connection, the next round tries again. */
 void error_counters::run()
 {
     while (!thread_.is_stopping()) {
@@ -279,7 +280,7 @@ bool error_counters::is_connected()
     return family_ != 0;
 }
 
-/* A link that is down keeps its samples for the looks at its fall. */
+/* The samples of a link that is down are kept for the looks at its fall. */
 void error_counters::take_round(int64_t now)
 {
     if (now < round_due_)
@@ -299,7 +300,7 @@ void error_counters::take_round(int64_t now)
     });
 }
 
-/* The due interface whose driver answers fastest, so that it doesn't wait for a slow one. */
+/* The due interface whose driver answers fastest, so that it doesn't wait for a slow driver. */
 std::optional<int32_t> error_counters::next_due() const
 {
     const int64_t now = board::details_time();
@@ -312,7 +313,7 @@ std::optional<int32_t> error_counters::next_due() const
     return next == nullptr ? std::nullopt : std::optional(next->first);
 }
 
-/* The time until the next sample. */
+/* Takes the due samples; returns the time until the next one. */
 int64_t error_counters::sample_due()
 {
     while (!thread_.is_stopping() && board::details_time() < round_due_) {
@@ -371,8 +372,7 @@ int error_counters::ask(size_t question, int32_t index, error_sample &made)
     });
 }
 
-/* A question is asked again with the next sample, unless the driver has shown that it can't answer
-   it. */
+/* A request that failed is repeated with the next sample, unless the driver doesn't support it. */
 void error_counters::sample(int32_t index)
 {
     std::array<int64_t, questions> refused_until = {};
@@ -395,8 +395,9 @@ void error_counters::sample(int32_t index)
     keep(index, made, errors, began_at);
 }
 
-/* A sample has the time of the answers: nothing that it counts came later. A driver that has
-   answered before may refuse for another reason, such as a link that is down. */
+/* A sample gets the time at which its answers were received: it contains no later error. If a
+   driver that has answered before refuses, the reason may be another one, such as a link that is
+   down. */
 void error_counters::keep(int32_t index, const error_sample &made,
                           const std::array<int, questions> &errors, int64_t began_at)
 {

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* error_counters - what drivers count of errors on the line, each 20 seconds for each link that is
-   up, so that the minute before a fall is known. A thread of its own asks, since a driver may ask
-   its firmware, and holds the kernel's lock meanwhile: no driver is asked for more than half a
-   percent of the time, and one that counts nothing only once an hour. Times are in ns of
-   CLOCK_BOOTTIME. */
+/* error_counters - reads the error counters of drivers, each 20 seconds for each link that is up,
+   so that the errors of the minute before a fall are known. A thread of its own reads them, since a
+   driver may ask its firmware and holds the kernel's lock meanwhile: requests take at most half a
+   percent of a driver's time, and a driver that counts nothing is asked once an hour. Times are in
+   ns of CLOCK_BOOTTIME. */
 #pragma once
 
 #include "causes/facts.h"
@@ -24,11 +24,11 @@
 namespace linux_board
 {
 
-/* The kernel reports a lost carrier up to a second late. An older sample is no evidence for a fall,
-   though modules are read each 4 s. */
+/* The kernel reports a lost carrier up to a second late. A sample older than oldest_before_fall is
+   no evidence for a fall, although modules are read each 4 s. */
 inline constexpr int64_t longest_delay = 1'100'000'000, oldest_before_fall = 30'000'000'000;
 
-/* Blocks of FEC, bits that it corrected, symbols, and frames that were damaged. */
+/* Counters of FEC blocks, of bits that FEC corrected, of symbols, and of damaged frames. */
 enum count_kind : uint8_t {
     count_corrected,
     count_uncorrectable,
@@ -39,15 +39,15 @@ enum count_kind : uint8_t {
 };
 
 struct error_sample {
-    static constexpr uint64_t not_counted = UINT64_MAX; /* as the kernel's drivers have it */
+    static constexpr uint64_t not_counted = UINT64_MAX; /* the kernel's "not counted" */
     int64_t at = 0;
     std::array<uint64_t, count_kinds> count = {not_counted, not_counted, not_counted, not_counted,
                                                not_counted};
-    /* Of the signal that a PHY for one pair receives, and the best that it can have. */
+    /* The quality of the signal that a PHY for one pair receives, and the best possible one. */
     std::optional<uint32_t> quality, quality_most;
 
     bool is_empty() const;
-    /* Takes over the counts in the answer to one question. */
+    /* Adds the counts from the answer to one request. */
     void add(const error_sample &part);
 };
 
@@ -56,17 +56,18 @@ class error_counters
   public:
     using interfaces = std::function<std::vector<int32_t>()>;
 
-    /* `up` gives the interfaces whose links are up; called on the thread. */
+    /* `up` returns the interfaces whose links are up; it is called on the thread. */
     void start(interfaces up);
     void stop();
 
-    /* Takes `samples` of the interface, one now and the next ones five seconds apart, unless one
-       was taken since that time. Any thread, as those below. */
+    /* Takes `samples` of the interface, the first one now and the next ones five seconds apart. No
+       sample is taken now if there is one since the time `since`. Any thread, like the functions
+       below. */
     void want(int32_t index, int64_t since, int samples);
-    /* The counts of the minute before a fall at that time, of a link that had been up since
-       `up_since`; where that is 0, which is unknown, the facts stay as they are. */
+    /* Adds the counts of the minute before a fall at `fell_at`, of a link that had been up since
+       `up_since`; if that is 0 (not known), the facts stay as they are. */
     void add_before(int32_t index, int64_t up_since, int64_t fell_at, causes::facts &seen) const;
-    /* The counts since that time, when the link was up again. */
+    /* Adds the counts since `since`, when the link was up again. */
     void add_again(int32_t index, int64_t since, causes::facts &seen) const;
 
   private:
@@ -75,8 +76,8 @@ class error_counters
         std::deque<error_sample> samples;
         std::array<int64_t, questions> refused_until = {};
         int64_t due = 0, paused_until = 0, last_used_at = 0;
-        int64_t last_took = 0; /* the last sample */
-        int wanted = 0;        /* samples, whether the link is up or not */
+        int64_t last_took = 0; /* duration of the last sample */
+        int wanted = 0;        /* number of samples to take even if the link is down */
         bool is_up = false;
 
         bool is_due(int64_t now) const
@@ -101,21 +102,21 @@ class error_counters
     uint16_t family_ = 0;
     int64_t round_due_ = 0;
 
-    mutable std::mutex lock_; /* guards the next one */
+    mutable std::mutex lock_; /* guards the next member */
     std::map<int32_t, watch> watches_;
 
     worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
 /* Take the counts from the answers to ETHTOOL_MSG_FEC_GET, ETHTOOL_MSG_STATS_GET and
-   ETHTOOL_MSG_LINKSTATE_GET. Pure, as those below. */
+   ETHTOOL_MSG_LINKSTATE_GET. Pure functions, like those below. */
 void take_fec_counts(netlink::byte_view attributes, error_sample &made);
 void take_line_counts(netlink::byte_view attributes, error_sample &made);
 void take_quality(netlink::byte_view attributes, error_sample &made);
 
-/* Samples are in the order of time. Errors that the fall itself adds to the counters are left out:
-   the count ends with the last sample that was surely taken before the fall. A count of zero
-   becomes a fact only if the sample at the fall shows that no error came later. */
+/* Samples are in the order of time. Errors caused by the fall are left out: the count ends with the
+   last sample that was certainly taken before the fall. A count of zero becomes a fact only if the
+   sample at the fall shows that no error came later. */
 void add_counts_before(std::span<const error_sample> samples, int64_t up_since, int64_t fell_at,
                        causes::facts &seen);
 void add_counts_again(std::span<const error_sample> samples, int64_t since, causes::facts &seen);

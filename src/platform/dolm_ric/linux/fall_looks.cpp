@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* look() asks for the state of a link, and takes the counters of drivers and the messages that the
-   kernel has sent. */
+/* look() asks for the state of a link, and adds the counters of the driver and the messages of the
+   kernel. */
 #include "platform/dolm_ric/linux/fall_looks.h"
 
 namespace linux_board
 {
 
 /* A changed setting is reported at once, and the fall that follows up to a second later; a driver
-   that leaves is reported behind the removal of its interfaces. */
+   that leaves its device is reported after the removal of the device's interfaces. */
 void fall_looks::look(int32_t index, const std::string &device, int64_t up_since, int64_t at,
                       causes::facts &seen)
 {

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fall_looks - facts about a link that fell from the kernel and the driver, beside the messages of
-   link_follower. One thread; start() and stop() on any. The times are in ns of CLOCK_BOOTTIME. */
+/* fall_looks - facts about a fallen link from the kernel and the driver, beyond the messages that
+   link_follower receives. One thread, but start() and stop() on any. Times are in ns of
+   CLOCK_BOOTTIME. */
 #pragma once
 
 #include "causes/facts.h"
@@ -18,7 +19,7 @@ namespace linux_board
 class fall_looks
 {
   public:
-    /* `up` gives the interfaces whose links are up; called on a thread of its own. */
+    /* `up` returns the interfaces whose links are up; it is called on a thread of its own. */
     void start(error_counters::interfaces up)
     {
         notes_.start();
@@ -31,12 +32,12 @@ class fall_looks
         counters_.stop();
         states_.stop();
     }
-    /* The facts of a fall at the time `at`, of a link that had been up since `up_since` (0: not
-       known), of the interface `index` (0: the port has none any more) of a device on its bus.
-       Facts that are not known stay as they are. */
+    /* Adds the facts of a fall at the time `at`. The link had been up since `up_since` (0: not
+       known); `index` is its interface (0: the port has none any more), `device` the device on its
+       bus. Facts that are not known stay as they are. */
     void look(int32_t index, const std::string &device, int64_t up_since, int64_t at,
               causes::facts &seen);
-    /* The facts of a link that has been up again since the time `since`. */
+    /* Adds the facts of a link that has been up again since `since`. */
     void look_again(int32_t index, int64_t since, causes::facts &seen);
 
   private:

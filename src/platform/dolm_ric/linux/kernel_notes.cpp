@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Three sockets: the notices of the families of ethtool and devlink, and the kernel's uevents. The
-   last time of each kind of message is kept for each interface and device. */
+/* Three sockets receive the notices of ethtool and devlink, and the kernel's uevents. For each kind
+   of message and each interface or device, the time of the latest message is kept. */
 #include "platform/dolm_ric/linux/kernel_notes.h"
 
 #include "platform/dolm_ric/port_details.h"
@@ -19,13 +19,14 @@ namespace linux_board
 
 static constexpr int buffer_of_notes = 1 << 18;
 
-/* Interfaces and devices with a note, of each kind; then the oldest note is lost. */
+/* The most interfaces or devices with a note, for each kind of message; beyond it the oldest note
+   is dropped. */
 static constexpr size_t most_notes = 4096;
 
-/* The group of all uevents that the kernel sends itself. */
+/* The multicast group of all uevents that the kernel itself sends. */
 static constexpr uint32_t uevent_group = 1;
 
-/* Uevents of devices come to the namespaces of the first user namespace alone. */
+/* Uevents of devices are sent only to network namespaces of the initial user namespace. */
 static bool is_first_user_namespace()
 {
     std::ifstream map("/proc/self/uid_map");
@@ -44,7 +45,7 @@ static void join_group(int protocol, uint32_t (*group)(netlink::connection &),
         const uint32_t joined = group(*made);
         if (joined != 0)
             return made->join(joined);
-    } catch (const std::system_error &) { /* as without it */
+    } catch (const std::system_error &) { /* as if the kernel had no such group */
     }
     made.reset();
 }
@@ -117,7 +118,7 @@ void kernel_notes::lose(int64_t at)
     lost_at_ = at;
 }
 
-/* The header has the same number in both kinds. */
+/* Both kinds of message have the header attribute under the same number. */
 void kernel_notes::take_setting(netlink::byte_view datagram, int64_t at)
 {
     while (const auto notice = netlink::take_message(datagram)) {
@@ -133,8 +134,8 @@ void kernel_notes::take_setting(netlink::byte_view datagram, int64_t at)
     }
 }
 
-/* "unbind@/devices/pci0000:00/0000:00:1c.0/0000:03:00.0". Of the many that are removed, such as
-   queues, only devices that had a driver count. */
+/* "unbind@/devices/pci0000:00/0000:00:1c.0/0000:03:00.0". Of removals only those of devices with a
+   driver count, not those of queues and the like. */
 void kernel_notes::take_uevent(netlink::byte_view datagram, int64_t at)
 {
     const std::string_view first = netlink::read_text(datagram);
@@ -145,7 +146,7 @@ void kernel_notes::take_uevent(netlink::byte_view datagram, int64_t at)
         note(removed_at_, device, at);
 }
 
-/* A driver's word is shown to people: no control character, and not too long. */
+/* A driver's text is shown to people: it is shortened and has no control characters. */
 static std::string word_of(std::string_view text)
 {
     constexpr size_t longest = 32;
@@ -155,7 +156,7 @@ static std::string word_of(std::string_view text)
     return its;
 }
 
-/* The kernel sends this message after the recovery, too, with the state 0. */
+/* The kernel also sends this message after the recovery, with the state 0. */
 void kernel_notes::take_health(netlink::byte_view datagram, int64_t at)
 {
     while (const auto notice = netlink::take_message(datagram)) {
@@ -199,7 +200,7 @@ std::optional<bool> kernel_notes::has_note(const std::map<key, int64_t> &notes, 
 {
     const std::lock_guard guard(lock_);
     const auto found = notes.find(of);
-    const bool is_later = found != notes.end() && found->second > to; /* and may hide one */
+    const bool is_later = found != notes.end() && found->second > to; /* and may replace one */
     if (found != notes.end() && found->second >= from && !is_later)
         return true;
     if (!is_followed || lost_at_ >= from || is_later)
@@ -225,7 +226,7 @@ std::optional<bool> kernel_notes::was_removed(const std::string &device, int64_t
     return has_note(removed_at_, uevents_.has_value(), device, from, to);
 }
 
-/* An error that isn't reported may have happened: most drivers report none. */
+/* Nothing reported doesn't mean that there was no error: most drivers report none. */
 std::optional<std::string> kernel_notes::error_reported(const std::string &device, int64_t from,
                                                         int64_t to) const
 {

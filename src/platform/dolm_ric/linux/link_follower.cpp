@@ -1,19 +1,19 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Notices come in on a socket of their own, which is never asked anything: an answer can't be lost
-   because the queue of notices is full, and questions are made one at a time, each with its answer.
+/* Notices are received on a socket of their own and requests are sent on another one, so that a
+   full queue of notices loses no answer. Requests are sent one at a time, each followed by its
+   answer.
 
    When the queue overruns, the kernel reports ENOBUFS once and drops everything until the queue has
-   been emptied. So all that is queued is taken first, and then every interface is read. Nothing
-   that was lost is older than that reading, and the counters show the falls in between.
-   A notice that is queued after it may be older than the reading; the counters show that, too.
+   been emptied. So the thread first empties the queue and then reads every interface. That reading
+   includes the changes of all lost notices, and the counters show the falls in between. A notice
+   that is received later may be older than the reading; the counters show that, too.
 
-   A message has no time of its own: it is taken for one of the present. So the queue is looked at
-   twice a second, and after a longer pause all that is queued is late.
+   A message carries no time: the time of its receipt is used. So the queue is read at least twice a
+   second, and after a longer pause all queued messages count as late.
 
    The active FEC is for people who look at a port's details, and some drivers ask their firmware
-   for it. So it is asked for when a rise has been reported and no notice is queued, one interface
-   at a time.
- */
+   for it. So the thread requests it after a rise, when no notice is queued, one interface at a
+   time. */
 #include "platform/dolm_ric/linux/link_follower.h"
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -34,22 +34,22 @@
 namespace linux_board
 {
 
-/* The kernel answers at once or holds its lock; a lost answer is asked for again. */
+/* The kernel answers at once or holds its lock; a lost answer is requested again. */
 static constexpr std::chrono::seconds kernel_patience{5};
 
-/* A speed that couldn't be asked for when the link rose is asked for so much later. */
+/* If a link's speed couldn't be requested when the link rose, it is requested after this time. */
 static constexpr std::chrono::milliseconds speed_patience{20};
 
-/* A link may change its speed without a fall, of which the kernel has no message. */
+/* A link may change its speed without a fall; the kernel sends no message then. */
 static constexpr std::chrono::seconds round_interval{30};
 
 static constexpr std::chrono::milliseconds queue_interval{500};
 
-/* Notices and questions in one go, before the others get their turn. */
+/* The most notices and requests in one turn, before the other descriptors are served. */
 static constexpr int datagrams_at_once = 256;
 static constexpr int questions_at_once = 16;
 
-/* With more notices than these in one go, no speeds are asked for: the notices come first. */
+/* If there are more notices in one turn, no speeds are requested, since notices come first. */
 static constexpr int notices_of_a_storm = 16;
 
 static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16_t number)
@@ -57,7 +57,7 @@ static std::optional<uint32_t> read_number(netlink::byte_view attributes, uint16
     return netlink::read_record<uint32_t>(netlink::find_attribute(attributes, number));
 }
 
-/* The kernel numbers FEC among the link modes. */
+/* The kernel numbers the kinds of FEC among the link modes. */
 static uint32_t fec_of_link_mode(uint32_t mode)
 {
     switch (mode) {
@@ -119,7 +119,7 @@ void link_follower::take_out(uint32_t port)
     table_.take_out(port, std::chrono::steady_clock::now());
 }
 
-/* First join, then read: nothing falls between the two. */
+/* Joins the group first and reads then, so that no change is missed between the two. */
 void link_follower::start()
 {
     notices_.join(RTNLGRP_LINK);
@@ -144,7 +144,7 @@ void link_follower::run()
                 look_();
             take_turn();
         } catch (const std::exception &) {
-            is_behind_ = true; /* no memory, or no answer: read all again */
+            is_behind_ = true; /* no memory, or no answer: read all interfaces again */
         }
     }
 }
@@ -223,8 +223,8 @@ void link_follower::take(const netlink::message &notice)
                                                 : link_table::origin::notice);
 }
 
-/* The port is noted as reported before its event is queued, so that the read which this event
-   causes finds it so. */
+/* The port is marked as reported before its event is queued, so that the read caused by this event
+   finds the mark. */
 void link_follower::take_report(const link_report &report, link_table::origin from)
 {
     const auto now = std::chrono::steady_clock::now();
@@ -260,7 +260,7 @@ void link_follower::ask_about(int32_t index)
         table_.forget(index, std::chrono::steady_clock::now());
 }
 
-/* Not known where the driver doesn't report it, or a kernel before 5.13. */
+/* Not known if the driver doesn't report it, or with a kernel before 5.13. */
 uint32_t link_follower::fec_now(int32_t index)
 {
     netlink::request question =
@@ -274,7 +274,7 @@ uint32_t link_follower::fec_now(int32_t index)
     return fec;
 }
 
-/* Nothing without an answer: the speed that was known is kept, and asked for again. */
+/* Nothing without an answer: the previous speed is kept, and requested again later. */
 std::optional<link_speed> link_follower::speed_now(int32_t index)
 {
     if (ethtool_family_ == 0)
@@ -319,7 +319,7 @@ void link_follower::ask_speed_if_wanted(int32_t index)
         table_.take_speed(index, *speed, std::chrono::steady_clock::now());
 }
 
-/* Asks for the values that change without a message. */
+/* Requests the values that change without a message. */
 void link_follower::take_round()
 {
     const auto now = std::chrono::steady_clock::now();
@@ -341,7 +341,7 @@ void link_follower::ask_speeds()
         ask_speed_if_wanted(speeds_wanted_.extract(speeds_wanted_.begin()).value());
 }
 
-/* A port that is down meanwhile has none. */
+/* A port whose link is down meanwhile has no active FEC. */
 void link_follower::ask_next_fec()
 {
     while (!fecs_wanted_.empty() && ethtool_family_ != 0) {
@@ -354,7 +354,8 @@ void link_follower::ask_next_fec()
     fecs_wanted_.clear();
 }
 
-/* Waits are forgotten at half the pace at which time passes without one. */
+/* Earlier waits count less and less: half of the time that passes is subtracted from their
+   total. */
 bool link_follower::is_wait_worth_it(uint32_t port, link_table::time_point now)
 {
     waited_ = std::max(waited_ - (now - waited_at_) / 2, waited_ * 0);
@@ -376,7 +377,7 @@ void link_follower::refresh(uint32_t port)
     }
     refresh_ports_.insert(port);
     const uint64_t ticket = ++refreshes_asked_;
-    guard.unlock(); /* the thread that is woken takes the lock */
+    guard.unlock(); /* the woken thread takes the lock */
     thread_.wake();
     guard.lock();
     is_stuck_ = !refreshed_.wait_for(guard, read_patience - waited_,

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* link_follower - the thread that follows the network interfaces of the ports by rtnetlink. It asks
-   for speeds, and afresh for a link that is about to be read. No other thread asks the kernel about
-   links, since such a question waits for a lock that a slow module read may hold for a second. */
+/* link_follower - the thread that follows the network interfaces of the ports by rtnetlink. It also
+   requests speeds, and the state of a link that is about to be read. No other thread asks the
+   kernel about links, since a request waits for a lock that a slow module read may hold for a
+   second. */
 #pragma once
 
 #include "platform/dolm_ric/linux/link_table.h"
@@ -23,11 +24,12 @@
 namespace linux_board
 {
 
-/* Called on the follower's thread, and by start() on its caller's. */
+/* Called on the follower's thread, and by start() on its caller's thread. */
 struct follower_listener : link_listener {
-    /* A run of reports was taken. */
+    /* Called after a run of reports. */
     virtual void reports_taken() = 0;
-    /* The active FEC of an operational link as enum dolm_ric_details_fec, after its rise. */
+    /* The active FEC of an operational link, as enum dolm_ric_details_fec; called after the link's
+       rise. */
     virtual void fec_reported(uint32_t /*port*/, uint32_t /*fec*/)
     {
     }
@@ -37,12 +39,13 @@ class link_follower
 {
   public:
     static constexpr int default_receive_buffer = 1 << 20;
-    /* The longest wait of a read, and of many that follow each other together. */
+    /* The longest wait of one read, and the longest total of the waits of reads that follow each
+       other. */
     static constexpr std::chrono::milliseconds read_patience{10};
-    /* A link that was reported so shortly ago is read without a wait. */
+    /* If a link was reported within this time, a read doesn't wait. */
     static constexpr std::chrono::milliseconds fresh_age{50};
-    /* Between two looks at the queue; a longer time shows that the thread was kept from it, as in a
-       process that was stopped or on a machine that was suspended. */
+    /* The longest time between two looks at the queue. A longer one shows that the thread could not
+       run, as in a stopped process or on a suspended machine. */
     static constexpr std::chrono::milliseconds longest_gap{1000};
 
     /* Throws a std::system_error. */
@@ -52,13 +55,12 @@ class link_follower
 
     /* Before start(). */
     void add(uint32_t port, link_table::port_filter fits);
-    /* `look` runs on the follower's thread when `fd` becomes readable, and each 30 s. Before
-     * start().
-     */
+    /* `look` runs on the follower's thread when `fd` becomes readable, and each 30 s. Call this
+       before start(). */
     void also_watch(int fd, std::function<void()> look);
 
-    /* As link_table has them; on the follower's thread. The interfaces of new ports are found soon
-       after. */
+    /* The functions of link_table with these names; called on the follower's thread. The interfaces
+       of new ports are found soon after. */
     bool change(uint32_t port, link_table::port_filter fits, bool is_same);
     void take_out(uint32_t port);
 
@@ -68,15 +70,15 @@ class link_follower
     /* Ends the thread. */
     void stop();
 
-    /* Has the kernel asked afresh about a port's link, and waits until the listener has the answer.
-       It doesn't wait where the link was reported just now, as the caller then reads because of
-       that report, nor while this thread is behind or an earlier question is stuck, nor once its
-       waits have taken read_patience together. The question is then asked a little later. Any
+    /* Requests a port's link state from the kernel, and waits until the listener has the answer.
+       There is no wait if the link was reported just now, as the caller then reads because of that
+       report, if the follower's thread is behind or an earlier request is unanswered, or once all
+       waits together have reached read_patience. The request is then sent a little later. Any
        thread but the follower's. */
     void refresh(uint32_t port);
 
-    /* Whether what is reported may have happened more than longest_gap ago. In the listener's calls
-       alone. */
+    /* Whether the reported change may have happened more than longest_gap ago. Valid only during
+       the listener's calls. */
     bool is_late() const
     {
         return is_late_;
@@ -120,19 +122,19 @@ class link_follower
     link_table::time_point speeds_due_ = {};
     link_table::time_point round_due_ = {};
     std::set<int32_t> fecs_wanted_;
-    bool is_reading_due_ = false;           /* of all interfaces */
+    bool is_reading_due_ = false;           /* all interfaces are to be read */
     bool is_behind_ = false;                /* messages were lost since all interfaces were read */
-    bool is_late_ = false;                  /* until all that was queued is taken */
-    link_table::time_point looked_at_ = {}; /* at the queue; of boot_time() */
-    int notices_taken_ = 0;                 /* since the thread woke up */
-    bool is_later_due_ = false; /* wake_later() woke it, and later_ports_ aren't asked about yet */
+    bool is_late_ = false;                  /* until the queue has been emptied */
+    link_table::time_point looked_at_ = {}; /* time of the last look at the queue, by boot_time() */
+    int notices_taken_ = 0;                 /* number of notices since the thread woke up */
+    bool is_later_due_ = false; /* wake_later() was called; later_ports_ are to be requested */
     std::atomic<uint64_t> losses_{0};
 
     std::mutex refresh_lock_;
     std::condition_variable refreshed_;
     std::map<uint32_t, link_table::time_point> reported_at_;
     std::set<uint32_t> refresh_ports_;
-    std::set<uint32_t> later_ports_; /* those that no read waits for */
+    std::set<uint32_t> later_ports_; /* ports that no read waits for */
     bool has_backlog_ = false;       /* of notices */
     std::chrono::steady_clock::duration waited_ = {};
     link_table::time_point waited_at_ = {};

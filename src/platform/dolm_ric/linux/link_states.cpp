@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* look() adds the interface to those that are wanted, and waits until the thread has taken it out
-   again; take_link_state() names the codes of the answer. */
+/* look() adds the interface to the wanted ones, and waits until the thread has removed it;
+   take_link_state() names the codes of the answer. */
 #include "platform/dolm_ric/linux/link_states.h"
 
 #include "platform/dolm_ric/port_details.h"
@@ -17,10 +17,11 @@ namespace linux_board
 /* The kernel answers at once or holds its lock. */
 static constexpr std::chrono::seconds answer_patience{1};
 
-/* Interfaces come and go; the answers of those that are gone are of no use. */
+/* Interfaces come and go; answers of interfaces that no longer exist are dropped beyond this
+   number. */
 static constexpr size_t most_answers = 1024;
 
-/* By the kernel's number, in the words of ethtool. */
+/* Indexed by the kernel's number, in the words of ethtool. */
 static constexpr const char *extended_states[] = {"Autoneg",
                                                   "Link training failure",
                                                   "Link logical mismatch",
@@ -78,7 +79,7 @@ std::optional<int32_t> link_states::next_wanted()
     return wanted_.empty() ? std::nullopt : std::optional(*wanted_.begin());
 }
 
-/* Without a connection, or memory, nothing is known; the next look asks again. */
+/* If there is no connection or no memory, no state is known; the next look tries again. */
 void link_states::run()
 {
     while (!thread_.is_stopping()) {

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* link_states - the state that drivers report of links that are down, asked for on a thread of its
-   own: a driver that takes seconds to answer holds the kernel's lock meanwhile, and the caller
+/* link_states - requests the state that drivers report for links that are down. A thread of its own
+   does so: a driver that takes seconds to answer holds the kernel's lock meanwhile, and the caller
    doesn't wait for it. */
 #pragma once
 
@@ -22,15 +22,16 @@ namespace linux_board
 class link_states
 {
   public:
-    /* How long a look waits for its answer; none waits while an earlier question is stuck. */
+    /* How long a look waits for its answer; no look waits while an earlier request is
+       unanswered. */
     static constexpr std::chrono::milliseconds patience{200};
 
     void start();
     void stop();
 
-    /* Asks about the interface, and brings into the facts what its driver has answered to the last
-       question that was asked at `since` or later, in ns of CLOCK_BOOTTIME. Facts without an answer
-       in time stay as they are. One thread. */
+    /* Requests the state of the interface, and adds to the facts the driver's answer to the last
+       request that was sent at `since` or later, in ns of CLOCK_BOOTTIME. Without an answer in time
+       the facts stay as they are. One thread. */
     void look(int32_t index, int64_t since, causes::facts &seen);
 
   private:
@@ -42,19 +43,19 @@ class link_states
     std::optional<int32_t> next_wanted();
     void ask(int32_t index);
 
-    std::optional<netlink::connection> ethtool_; /* the thread's, made by the first question */
+    std::optional<netlink::connection> ethtool_; /* the thread's; made for the first request */
     uint16_t family_ = 0;
 
     std::mutex lock_; /* guards these */
     std::condition_variable answered_;
-    std::set<int32_t> wanted_; /* with the one that is being asked */
+    std::set<int32_t> wanted_; /* interfaces to request, and the one whose request is in progress */
     std::map<int32_t, answer> answers_;
     bool is_stuck_ = false;
 
     worker thread_; /* last, so destroyed first: it uses the other members */
 };
 
-/* The facts in an answer to ETHTOOL_MSG_LINKSTATE_GET. Pure. */
+/* Takes the facts from an answer to ETHTOOL_MSG_LINKSTATE_GET. Pure function. */
 void take_link_state(netlink::byte_view attributes, causes::facts &seen);
 
 } // namespace linux_board

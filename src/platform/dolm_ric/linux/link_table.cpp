@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Order of work: take() finds the port of a report, update() compares it with the last one, and
    announce_or_hold() turns the difference into events, or holds it back while the link flaps.
-   settle() announces what was held when the link has been quiet for a while. */
+   settle() announces the held changes once the link has been quiet for a while. */
 #include "platform/dolm_ric/linux/link_table.h"
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -12,8 +12,8 @@
 namespace linux_board
 {
 
-/* A fall is always announced from an operational link: one that was announced as down must have
-   risen before it could fall. */
+/* A fall is always announced from an operational link: a link that was announced as down must have
+   risen before it fell. */
 std::vector<uint32_t> link_transitions(uint32_t before, uint32_t falls, uint32_t after)
 {
     constexpr uint32_t up = DOLM_RICRILINKSTATE_OPERATIONAL;
@@ -44,8 +44,8 @@ static int32_t growth(uint32_t before, uint32_t now)
     return static_cast<int32_t>(now - before);
 }
 
-/* Drivers drop the carrier when an administrator stops the port, or set it when the port is started
-   again. The announcement of the stop has counted that fall. */
+/* Drivers drop the carrier when an administrator stops or restarts the port. The announcement of
+   the stop has counted that fall already. */
 static uint32_t falls_between(const link_report &before, const link_report &now)
 {
     const auto falls = static_cast<uint32_t>(growth(before.falls, now.falls));
@@ -93,8 +93,9 @@ void link_table::take_out(uint32_t port, time_point now)
     link.is_out = true;
 }
 
-/* The port without an interface that a new interface belongs to. A port whose filter fits comes
-   before one whose last interface had this name, since that name may have been set by hand. */
+/* The port without an interface that a new interface belongs to. A port whose filter matches is
+   preferred to a port whose last interface had this name, since the name may have been set by
+   hand. */
 link_table::port_link *link_table::find_free(const link_report &report)
 {
     port_link *returned_to = nullptr;
@@ -111,7 +112,7 @@ link_table::port_link *link_table::find_free(const link_report &report)
     return returned_to;
 }
 
-/* The port of an interface; a port without one takes it. */
+/* The port of an interface; if it has none, a matching port without an interface takes it. */
 link_table::port_link *link_table::bind(const link_report &report)
 {
     const auto known = ports_.find(report.index);
@@ -125,7 +126,7 @@ link_table::port_link *link_table::bind(const link_report &report)
     return link;
 }
 
-/* An answer whose counters went back is of another interface that got the same index. */
+/* If the counters of an answer went back, it is about another interface that got the same index. */
 void link_table::take(const link_report &report, origin from, time_point now)
 {
     reported_.insert(report.index);
@@ -170,8 +171,8 @@ void link_table::update(port_link &link, const link_report &report, origin from,
     announce_or_hold(link, falls, now);
 }
 
-/* A full filter has room for one fall at most when the hold ends, however many there were. Another
-   speed is a fall that the counters don't have; one that becomes known, or unknown, is none. */
+/* When the hold ends, a full filter has room for one fall at most, however many there were. A
+   change from one known speed to another counts as a fall, although the counters don't show it. */
 void link_table::announce_or_hold(port_link &link, uint32_t falls, time_point now)
 {
     if (!link.settles_at && now - link.announced_at >= settle_time)
@@ -258,8 +259,8 @@ link_values link_table::values_of(const port_link &link, uint32_t state)
     return {state, state == DOLM_RICRILINKSTATE_OPERATIONAL ? link.speed : 0, link.lanes};
 }
 
-/* Returns whether there was an event. Events that follow each other closely may be handled in one
-   go, and so in another order. An event for which there is no memory is made up for when the link
+/* Returns whether there was an event. Events in quick succession may be handled together, and so in
+   another order. If there was no memory for an event, the link's state is announced again when it
    has settled. */
 bool link_table::announce(port_link &link, uint32_t falls, uint32_t state, time_point now)
 {
@@ -294,7 +295,7 @@ std::optional<link_table::time_point> link_table::next_settling() const
     return next;
 }
 
-/* If events were held back, they are announced and the burst goes on. */
+/* Announces the events that were held back, if any; the burst then goes on. */
 void link_table::settle(port_link &link, time_point now)
 {
     if (link.is_held && announce(link, link.falls_held, state_of(link.last), now))

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: set() gives ports and their names to the followers of links and of modules; these
-   report on threads of their own, under the lock of the events; read() answers from the copies that
-   the reports left. */
+/* Order of work: set() passes ports and their names to the followers of links and of modules. The
+   followers report on their own threads, under the lock of the events, and read() answers from the
+   copies that the reports updated. */
 #include "platform/dolm_ric/linux/linux_ports.h"
 
 #include "platform/dolm_ric/core.h"
@@ -34,19 +34,19 @@
 namespace linux_board
 {
 
-/* A reader that is ending with the last server refuses this one; systemd starts another for the
-   retry. */
+/* A reader that is ending with the previous server refuses this one; systemd starts another reader
+   for the retry. */
 static constexpr std::chrono::milliseconds reader_restart{1000};
 static constexpr int reader_tries = 5;
 
-/* Interfaces that appeared later and were reported. */
+/* The most interfaces that appeared later and are reported on stderr. */
 static constexpr size_t most_left_out = 20;
 
 static constexpr board::fall_rules rules_of_falls = {.oldest_look = oldest_before_fall,
                                                      .youngest_look = longest_delay};
 
-/* How long a start waits until all modules have been read once, so that present ones give no
-   event. */
+/* How long a start waits until all modules have been read once, so that modules already present
+   cause no event. */
 static constexpr std::chrono::seconds first_look_patience{3};
 
 linux_ports::linux_ports(board::port_events &events, std::string reader)
@@ -56,14 +56,14 @@ linux_ports::linux_ports(board::port_events &events, std::string reader)
     details_.watch([this](const dolm_ric_details_record &record) { falls_.see(record); });
 }
 
-/* Whether the errno leaves open if there is a module: the module wasn't asked, or the driver can't
-   read it now, which some drivers answer for an empty cage and others for a module in use. */
+/* Whether the error leaves open if there is a module: the module wasn't asked, or its driver can't
+   read it now. Some drivers give that error for an empty cage, others for a module in use. */
 static bool leaves_open(int error)
 {
     return is_unanswered(error) || error == EOPNOTSUPP;
 }
 
-/* The details of a port whose module isn't known. */
+/* Updates the details of a port whose module isn't known. */
 void linux_ports::describe_without_module(const port_copy &port)
 {
     uint32_t presence = DOLM_RIC_PRESENCE_EMPTY;
@@ -81,8 +81,8 @@ void linux_ports::describe_without_module(const port_copy &port)
     });
 }
 
-/* A port that is to be polled again, or otherwise, begins as an empty one; one whose module goes on
-   being read keeps its details, as its presence isn't reported anew. */
+/* If the port is polled again, or read in another way, its details begin empty. If its module is
+   read as before, they are kept, as its presence isn't reported again. */
 void linux_ports::set_module(port_copy &port)
 {
     const bool is_polled = !port.is_out && port.config.source != module_source::none;
@@ -95,7 +95,7 @@ void linux_ports::set_module(port_copy &port)
         describe_without_module(port);
 }
 
-/* Presence is reported only after the modules have been looked for by the new number. */
+/* Presence is reported only after modules have been looked for under the new number. */
 void linux_ports::set_port(const configured_port &port)
 {
     const auto found = ports_.find(port.number);
@@ -137,7 +137,7 @@ void linux_ports::take_out(uint32_t number)
     links_.take_out(number);
 }
 
-/* Ports are taken out first, since their interface may have got a new number. */
+/* Ports are taken out first, since their interface may be assigned to a new number. */
 void linux_ports::set(const port_config &config)
 {
     std::set<uint32_t> listed;
@@ -157,8 +157,8 @@ void linux_ports::set(const port_config &config)
     is_map_old_ = true;
 }
 
-/* A gap in the numbers is an interface that went away. `error` is 0 when the reader has given all.
- */
+/* A gap in the numbers is an interface that has disappeared. `error` is 0 if the reader has
+   returned all interfaces. */
 std::map<uint32_t, link_report> linux_ports::ports_at_reader(const std::vector<link_report> &all,
                                                              int &error)
 {
@@ -180,7 +180,7 @@ std::map<uint32_t, link_report> linux_ports::ports_at_reader(const std::vector<l
     return ports;
 }
 
-/* The reader numbers the interfaces whose module it can read. */
+/* The reader gives numbers to the interfaces whose module it can read. */
 std::map<uint32_t, link_report> linux_ports::default_ports(std::vector<link_report> all)
 {
     int error = 0;
@@ -219,7 +219,7 @@ void linux_ports::add_default_ports()
     has_default_ports_ = true;
 }
 
-/* The links come first, since the modules are looked for on the interfaces that were found. */
+/* The links are started first, since modules are looked for on the interfaces that were found. */
 void linux_ports::start()
 {
     const std::string details = board::details_path(board::port_map_path());
@@ -255,8 +255,8 @@ bool linux_ports::has_port(uint32_t port) const
     return ports_.contains(port);
 }
 
-/* STARTED is set whatever the link's state: an event without the bit would report the module as
-   unknown. */
+/* STARTED is always set, whatever the link's state: an event without the bit would report the
+   module as unknown. */
 static dolm_ric_port_status port_record(uint32_t number, module_presence presence)
 {
     uint32_t status = DOLM_RICRIPORT_STARTED;
@@ -276,7 +276,7 @@ static dolm_ric_link_status link_record(uint32_t number, const link_values &link
     return record;
 }
 
-/* The lanes of a link are those between host and module. */
+/* The link's lanes are counted between host and module. */
 port_view linux_ports::port_copy::view() const
 {
     return {.lanes = config.lanes,
@@ -296,7 +296,7 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_link_status &out) const
     return DOLM_RICERR_OK;
 }
 
-/* By these the server distinguishes an empty cage from a module that can't be read. */
+/* By these result codes the server distinguishes an empty cage from a module that can't be read. */
 static int32_t result_without_module(module_presence presence)
 {
     return presence == module_presence::absent ? DOLM_RICERR_NOTAVAIL : DOLM_RICERR_BUSY;
@@ -326,8 +326,8 @@ int32_t linux_ports::read(uint32_t number, dolm_ric_module_status &out) const
     return DOLM_RICERR_OK;
 }
 
-/* A client that reads once will soon read again: the answer to that read has the values that this
-   one requests. */
+/* A client that reads once will soon read again: this read returns the present values and requests
+   new ones for the next read. */
 int32_t linux_ports::read(uint32_t number, dolm_ric_module_diag &out) const
 {
     const port_copy &wanted = ports_.at(number);
@@ -347,9 +347,8 @@ void linux_ports::link_reported(uint32_t number, const link_report &now, uint32_
                                 uint32_t rises, report_origin from)
 {
     const bool is_reported = from == report_origin::notice;
-    /* The kernel holds a lost carrier back for up to a second, and may report it with another
-     * change.
-     */
+    /* The kernel delays the report of a lost carrier for up to a second, and may report it with
+       another change. */
     falls_.report_link(number, {.is_reported = is_reported,
                                 .is_exact = is_reported && falls == 0,
                                 .is_late = links_.is_late(),
@@ -364,7 +363,7 @@ void linux_ports::interface_leaves(uint32_t number, board::departure how)
     falls_.report_departure(number, how);
 }
 
-/* On the recorder's thread. */
+/* Runs on the recorder's thread. */
 void linux_ports::look_at_fall(uint32_t number, const board::fall_recorder::up_time &its,
                                causes::facts &seen)
 {
@@ -468,7 +467,7 @@ void linux_ports::interface_left_out(const link_report &report)
             escape(report.name).c_str(), port_config_path().c_str());
 }
 
-/* The map is for people's tools; a port without an interface keeps the name that it had last. */
+/* The map is used by people's tools; a port without an interface keeps its last name. */
 void linux_ports::reports_taken()
 {
     if (!std::exchange(is_map_old_, false))
@@ -490,7 +489,7 @@ void linux_ports::module_leased(uint32_t number, time_point until)
         number, [end](dolm_ric_details_record &record) { record.cost.lease_until = end.count(); });
 }
 
-/* Why values are missing after that errno. */
+/* The reason for missing values after this errno. */
 static uint32_t reason_of(int error)
 {
     if (error == module_is_leased)
@@ -498,8 +497,8 @@ static uint32_t reason_of(int error)
     return error == EBUSY ? DOLM_RIC_VALUE_BUSY : DOLM_RIC_VALUE_NO_ANSWER;
 }
 
-/* Values whose module has not answered for longer than they are given out are lost. One failed
-   reading is not a loss: the next one is made soon. */
+/* The values are dropped if their module has not answered for longer than longest_age. One failed
+   reading drops nothing: the next one is made soon. */
 void linux_ports::module_cost(uint32_t number, const reading_cost &cost)
 {
     const auto failed =
@@ -560,7 +559,7 @@ void linux_ports::module_read(uint32_t number, const module_contents &contents, 
     module_doubted(number, contents.doubts);
 }
 
-/* Each reason is printed once for a module, however often its memory is read. */
+/* Each reason is printed once per module, however often the module's memory is read. */
 void linux_ports::module_doubted(uint32_t number, const std::vector<const char *> &reasons)
 {
     std::vector<const char *> news;
@@ -614,14 +613,14 @@ void linux_ports::module_access_changed(int error)
     }
 }
 
-/* A set-uid program takes no settings from its caller. */
+/* A set-uid program ignores the settings of its caller. */
 static const char *reader_address()
 {
     const char *value = secure_getenv(READER_SOCKET_ENV);
     return value != nullptr && *value != '\0' ? value : READER_SOCKET;
 }
 
-/* Nothing without a file. Throws a board_error if it can't be read. */
+/* Nothing if there is no file. Throws a board_error if it can't be read. */
 static std::optional<port_config> read_config()
 {
     const std::string path = port_config_path();
@@ -636,7 +635,7 @@ static std::optional<port_config> read_config()
     return config;
 }
 
-/* A file without a port is taken for a mistake. */
+/* A file without any port is treated as a mistake and ignored. */
 void linux_ports::look_at_config()
 {
     if (!watch_.has_changed())
@@ -658,7 +657,8 @@ void linux_ports::look_at_config()
     }
 }
 
-/* In the journal, which systemd names by device and inode, a line that begins so is no error. */
+/* If stderr is the journal, which systemd names by device and inode, this prefix marks a line as
+   information instead of an error. */
 static const char *information_prefix()
 {
     const char *journal = secure_getenv("JOURNAL_STREAM");

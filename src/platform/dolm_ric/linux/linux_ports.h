@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* linux_ports - the network interfaces of this machine as ports.
 
-   Reads are answered from a copy, which two threads keep: one follows the links, one polls the
+   Reads are answered from a copy, which two threads update: one follows the links, one polls the
    modules. The copy is guarded by the core's lock. */
 #pragma once
 
@@ -30,21 +30,21 @@ namespace linux_board
 class linux_ports final : public board::port_source, follower_listener, module_listener
 {
   public:
-    /* Measured values that are older aren't given out. Polling renews them every 4 s; they grow old
-       only if the reader or the module doesn't answer. */
+    /* Older measured values aren't returned. Polling renews them every 4 s; they get older only if
+       the reader or the module doesn't answer. */
     static constexpr std::chrono::seconds longest_age{15};
 
-    /* `reader` as reader_client takes it. Throws a std::system_error. */
+    /* `reader` is the `where` of reader_client. Throws a std::system_error. */
     linux_ports(board::port_events &events, std::string reader);
 
-    /* The ports of a configuration: before start(), and on the thread that follows the links when
-       the file was replaced. A number that has or had an interface keeps it: a line that names
-       another one, and a number without a line, leave the port without link and module. */
+    /* Sets the ports of a configuration; called before start(), and on the thread that follows the
+       links when the file was replaced. A number keeps the interface that it has or had: if its
+       line names another interface, or there is no line, the port has neither link nor module. */
     void set(const port_config &config);
-    /* The ports of a machine without one, before start(): those that the reader has, or without a
-       reader all interfaces on a device. One that appears later has no port, since a reader that is
-       started anew could number it otherwise; a line on stderr says so. Throws a std::system_error.
-     */
+    /* Sets the ports of a machine without a configuration; called before start(). The ports are the
+       interfaces that the reader has, or without a reader all interfaces on a device. An interface
+       that appears later is not made a port, since a restarted reader could give it another number;
+       a line on stderr says so. Throws a std::system_error. */
     void add_default_ports();
 
     void start() override;
@@ -62,17 +62,17 @@ class linux_ports final : public board::port_source, follower_listener, module_l
 
     struct port_copy {
         configured_port config = {};
-        bool is_out = false;     /* of the configuration */
+        bool is_out = false;     /* taken out of the configuration */
         int32_t interface = 0;   /* index of the interface, or 0 */
-        std::string name;        /* of its interface, or as configured while it has none */
-        std::string port_name;   /* the kernel's, of the cage's part */
-        std::string device = {}; /* on its bus, that the interface is of, or was */
+        std::string name;        /* of the interface; the configured name while the port has none */
+        std::string port_name;   /* the kernel's name of the part of the cage */
+        std::string device = {}; /* device, on its bus, of the present or last interface */
         link_values link;
         module_presence presence = module_presence::absent;
         module_contents contents = {};
-        std::vector<const char *> reported_doubts = {}; /* the thread that reads modules */
+        std::vector<const char *> reported_doubts = {}; /* used by the thread that reads modules */
         time_point read_at = {};
-        int last_error = 0; /* of the last reading of the module */
+        int last_error = 0; /* errno of the module's last reading */
 
         port_view view() const;
     };
@@ -115,15 +115,15 @@ class linux_ports final : public board::port_source, follower_listener, module_l
 
     board::port_events &events_;
     const std::string reader_;
-    fall_looks fall_looks_; /* the recorder's thread */
+    fall_looks fall_looks_; /* used by the recorder's thread */
     board::fall_recorder falls_;
-    board::port_details details_; /* has its own lock, which may be taken with the core's held */
+    board::port_details details_; /* its own lock may be taken while the core's lock is held */
     std::map<uint32_t, port_copy> ports_;
-    bool is_map_old_ = true; /* used by the thread that follows the links, as the next ones */
+    bool is_map_old_ = true; /* like the next members, used by the thread that follows links */
     bool has_default_ports_ = false;
     std::set<int32_t> seen_at_start_;
     config_watch watch_;
-    std::set<std::string> left_out_; /* names that were reported */
+    std::set<std::string> left_out_; /* names of interfaces that were reported as left out */
     mutable module_follower modules_;
     link_follower links_; /* last, so destroyed first: it uses the other members */
 };

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: read() loads a file that has changed since it was read, and copies the pieces that
-   are asked for out of the loaded bytes, as a module would answer. */
+/* Order of work: read() loads a file that has changed since it was read, and copies the requested
+   pieces from the loaded bytes, as a module would answer. */
 #include "platform/dolm_ric/linux/module_files.h"
 
 #include "util/descriptor.h"
@@ -25,7 +25,8 @@ static bool is_same_version(const struct stat &a, const struct stat &b)
            a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
-/* Nothing, or why not. One byte more than a file may have is read, so that growth is noticed. */
+/* Returns an empty text, or why the file can't be used. One byte more than the longest file is
+   read, so that growth is noticed. */
 static std::string read_all(int fd, std::vector<uint8_t> &bytes)
 {
     bytes.assign(largest_module_file + 1, 0);
@@ -43,8 +44,8 @@ static std::string read_all(int fd, std::vector<uint8_t> &bytes)
     return length > largest_module_file ? "larger than 64 KiB" : "";
 }
 
-/* A device is not even opened, since that alone may do something; and nothing is opened with
-   waiting, as a FIFO that took the file's place must not block the thread. */
+/* A device is not even opened, since opening may have an effect; and the open doesn't block, since
+   a FIFO could have taken the file's place. */
 static std::string read_file(const std::string &path, struct stat &status,
                              std::vector<uint8_t> &bytes)
 {
@@ -56,7 +57,7 @@ static std::string read_file(const std::string &path, struct stat &status,
     return S_ISREG(status.st_mode) ? read_all(file.get(), bytes) : "not a regular file";
 }
 
-/* A missing file is an empty cage; any other fault is reported once. */
+/* A missing file counts as an empty cage; any other fault is reported once. */
 int module_files::load(uint32_t port, recorded &file)
 {
     struct stat status = {};
@@ -80,7 +81,7 @@ int module_files::load(uint32_t port, recorded &file)
     return error != 0 && fault.empty() ? ENXIO : fault.empty() ? 0 : EIO;
 }
 
-/* By the first byte of the memory, SFP modules are 0x02, 0x03 and 0x0b. */
+/* In SFP modules the first byte of the memory is 0x02, 0x03 or 0x0b. */
 static bool is_sfp(uint8_t identifier)
 {
     return identifier == 0x02 || identifier == 0x03 || identifier == 0x0b;

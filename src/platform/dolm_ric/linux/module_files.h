@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_files - modules whose memory is a file: recorded ones, for replay and tests. A file has
+/* module_files - modules whose memory is a file: recorded modules, for replay and tests. A file has
    the layout that ethtool writes ("ethtool -m IF raw on"): the 128 lower bytes and then the pages
-   in order; of an SFP module the 256 bytes of address 0x50 and then those of 0x51. One thread. */
+   in order; for an SFP module the 256 bytes of address 0x50 and then those of 0x51. One thread. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
@@ -20,22 +20,22 @@ constexpr size_t largest_module_file = 65536;
 class module_files final : public module_access
 {
   public:
-    /* Without a path the port has no file any more. */
+    /* Sets the port's file; an empty path removes it. */
     void add(uint32_t port, std::string path);
     bool has(uint32_t port) const;
 
-    /* ENXIO without a file, as with an empty cage, for a range behind the end of the file, and for
-       a bank other than 0, which the layout has no place for. EIO
-       for a file that can't be read, isn't a regular one or is too long; a line on stderr says
-       that, once. A file that was replaced or changed is read again. */
+    /* ENXIO if there is no file, as for an empty cage, for a range behind the end of the file, and
+       for banks other than 0, which the layout doesn't contain. EIO if the file can't be read,
+       isn't a regular file or is too long; a line on stderr says so, once. A file that was replaced
+       or changed is read again. */
     void read(std::span<piece> pieces) override;
 
   private:
     struct recorded {
         std::string path;
-        struct stat status = {}; /* of the bytes */
+        struct stat status = {}; /* status of the file when its bytes were read */
         std::vector<uint8_t> bytes = {};
-        std::string fault = {}; /* the fault that was reported last */
+        std::string fault = {}; /* the fault that was last reported */
     };
 
     static int load(uint32_t port, recorded &file);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The kernel announces the sensors of a module that has diagnostics when it comes or goes. Modules
-   without them are found by polling alone, so an announcement only causes an early look. Leases are
-   looked at directly before each reading. */
+/* When a module with diagnostics comes or goes, the kernel announces its sensors. Modules without
+   diagnostics are found by polling alone, so an announcement only causes an early look. Leases are
+   checked before each reading. */
 #include "platform/dolm_ric/linux/module_follower.h"
 
 #include "util/boot_clock.h"
@@ -29,7 +29,7 @@ module_follower::module_follower(module_listener &listener, std::string reader)
     }
 }
 
-/* The thread ends before anything that it uses. */
+/* The thread must end before the members that it uses are destroyed. */
 module_follower::~module_follower()
 {
     stop();
@@ -119,7 +119,8 @@ module_follower::way module_follower::way_of(uint32_t port) const
     return files_.has(port) ? way::in_file : way::by_reader;
 }
 
-/* Pieces of files are read one by one; runs of others go to the reader together. */
+/* Pieces of files are read one by one; consecutive pieces of other modules go to the reader
+   together. */
 void module_follower::read(std::span<piece> pieces)
 {
     look_at_leases();
@@ -159,7 +160,7 @@ void module_follower::look_at_leases()
 
 void module_follower::run()
 {
-    bool is_looked_at = false; /* then the ports are not asked again */
+    bool is_looked_at = false; /* then is_first_look_over() is not asked again */
     while (!thread_.is_stopping()) {
         try {
             carry_out_orders();

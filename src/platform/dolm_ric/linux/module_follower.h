@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_follower - the thread that runs the poller of the modules. It handles the notes of other
-   threads between two readings. */
+/* module_follower - the thread that runs the poller of the modules. Between two readings it carries
+   out the orders of other threads. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_files.h"
@@ -25,42 +25,44 @@ namespace linux_board
 class module_follower final : module_access
 {
   public:
-    /* `reader` as reader_client takes it. The listener is called on the follower's thread. Throws a
-       std::system_error. */
+    /* `reader` is the `where` of reader_client. The listener is called on the follower's thread.
+       Throws a std::system_error. */
     module_follower(module_listener &listener, std::string reader);
     ~module_follower() override;
 
-    /* Adds a port whose module is to be polled, in `file` if that isn't empty. If the port is there
-       already, its module is read that way from now on. */
+    /* Adds a port whose module is to be polled, by the reader or, if `file` isn't empty, from that
+       file. If the port exists already, its module is read in the new way from now on. */
     void add(uint32_t port, const std::string &file);
-    /* The checksum of the configuration that the reader must have, as reader_client::expect(). It
-       holds for all readings that begin later, and is called before the other changes. */
+    /* Sets the checksum of the configuration that the reader must have, see
+       reader_client::expect(). It applies to all later readings; call it before the other
+       changes. */
     void expect(uint64_t configuration);
     void set_interface(uint32_t port, int32_t index);
     void link_changed(uint32_t port);
     void diagnostics_wanted(uint32_t port);
-    /* As the functions of module_poller that have these names. */
+    /* These call the functions of module_poller with the same names. */
     void look_now(uint32_t port);
     void trust_sums(uint32_t port, bool trusted);
     void expect_logging(uint32_t port, bool logs_failures);
 
-    /* Starts the thread and waits until each module has been looked at, at most so long. Throws a
-       std::system_error. */
+    /* Starts the thread and waits until each module has been looked at, for at most `patience`.
+       Throws a std::system_error. */
     void start(std::chrono::milliseconds patience);
 
-    /* Ends the thread, also out of a reading that takes long. */
+    /* Ends the thread, also during a long reading. */
     void stop();
 
-    /* Before start(): the index of the interface that the reader has under this number, or 0.
-       `error` becomes that of the reading, ENOENT behind the last number. */
+    /* The index of the interface that the reader has under this number, or 0; call it before
+       start(). `error` becomes the errno of the reading, ENOENT for a number behind the last
+       one. */
     int32_t interface_at_reader(uint32_t port, int &error);
 
   private:
-    /* The notes of other threads that are not yet handled: at most one of a kind for each port,
-       however often it was made. */
+    /* The orders of other threads that are not yet carried out: at most one of a kind for each
+       port, even if it was given repeatedly. */
     struct order_book {
         std::optional<uint64_t> configuration = {};
-        std::map<uint32_t, std::string> added; /* with the file, if the module has one */
+        std::map<uint32_t, std::string> added; /* ports with their module's file, if it has one */
         std::map<uint32_t, int32_t> interfaces;
         std::set<uint32_t> links_changed;
         std::set<uint32_t> diagnostics_wanted;
@@ -85,8 +87,8 @@ class module_follower final : module_access
     worker thread_;
     module_files files_;
     module_leases leases_;
-    std::map<uint32_t, int32_t> interfaces_;               /* of the ports, by index */
-    std::map<uint32_t, module_poller::time_point> leased_; /* ports, with the end */
+    std::map<uint32_t, int32_t> interfaces_;               /* ports by index of their interface */
+    std::map<uint32_t, module_poller::time_point> leased_; /* ports, with the end of the lease */
     reader_client reader_;
     module_poller poller_;
     std::optional<netlink::connection> hints_;

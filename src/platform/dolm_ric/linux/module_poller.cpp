@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One task at a time is made for a port, the one that is due; up to 16 short readings of several
-   ports travel together, which saves most of the switches between the two processes. */
+/* For the port that is due, one task is made at a time; up to 16 short readings of several ports
+   are sent together, which saves most of the switches between the two processes. */
 #include "platform/dolm_ric/linux/module_poller.h"
 
 #include <algorithm>
@@ -11,11 +11,11 @@ namespace linux_board
 
 using namespace std::chrono_literals;
 
-static constexpr auto slow_piece = 25ms; /* 32 bytes need 3.5 ms at 100 kHz */
-static constexpr auto cheap_piece = 1ms; /* a failure that costs less needs no bus */
+static constexpr auto slow_piece = 25ms; /* 32 bytes take 3.5 ms at 100 kHz */
+static constexpr auto cheap_piece = 1ms; /* a failure in less time didn't use the bus */
 
-/* A reading holds a lock of the kernel that others wait for. All ports that aren't set apart take a
-   hundredth of the time for it together. It is looked at each half minute what they took. */
+/* A reading holds a lock of the kernel that other programs wait for. The ports that aren't set
+   apart together take at most a hundredth of the time; each half minute their pace is adapted. */
 static constexpr double share_of_all = 0.01;
 static constexpr auto share_window = 30s;
 
@@ -83,8 +83,8 @@ void module_poller::diagnostics_wanted(uint32_t port)
     with(port, [](polled_module &its) { its.diagnostics_wanted(wanted_age); });
 }
 
-/* A port is in one queue, by the earliest of what it has to do; in none while it has no interface.
- */
+/* A port is in one queue, at the time of its earliest task; without an interface it is in no
+   queue. */
 void module_poller::schedule(uint32_t number, polled &port)
 {
     if (port.queued_at) {
@@ -114,7 +114,7 @@ bool module_poller::is_first_look_over() const
     });
 }
 
-/* Ports that are set apart are read one at a time, so that what they cost is known. */
+/* Ports that are set apart are read one at a time, so that the cost of each is known. */
 std::vector<reading_task> module_poller::choose_tasks(time_point now)
 {
     std::vector<reading_task> tasks;
@@ -129,7 +129,7 @@ std::vector<reading_task> module_poller::choose_tasks(time_point now)
         if (due > now + early_by)
             break;
         if (due > now && ports_.at(number).module.is_identifying())
-            continue; /* a module that was just inserted needs the whole time */
+            continue; /* a module that was just inserted is not slowed */
         reading_task next = ports_.at(number).module.make_task(now);
         pieces += next.pieces.size();
         if (pieces > most_pieces)
@@ -140,7 +140,7 @@ std::vector<reading_task> module_poller::choose_tasks(time_point now)
 }
 
 /* Ports that need less than an equal part of the share are not slowed; the others divide the rest.
-   The need of a port is the time that it took, times its pace. */
+   A port's need is the time that it took, times its pace. */
 void module_poller::set_paces(time_point now)
 {
     if (now < window_end_)
@@ -217,8 +217,8 @@ void module_poller::take_results(const std::vector<reading_task> &tasks, duratio
     }
 }
 
-/* The ports that are set apart wait in proportion to what a reading cost: briefly until each has
-   been looked at once, longest for one that is known to have nothing. A slow one that only fails is
+/* A port that is set apart waits in proportion to the cost of its reading: briefly until each port
+   has been looked at once, longest if it is known to have no module. A slow port that only fails is
    asked rarely, since the kernel's lock is held meanwhile. */
 void module_poller::pause_apart(polled_module &its, bool was_known, bool slow, duration cost)
 {

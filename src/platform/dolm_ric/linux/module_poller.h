@@ -1,16 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_poller - schedules the readings of all modules; what they mean is polled_module's. State
-   with a clock and an access passed in; one thread.
+/* module_poller - schedules the readings of all modules; polled_module interprets them. State with
+   a clock and an access passed in; one thread.
 
    Each second a few bytes of the identity are read: they show whether a module was inserted,
    removed or replaced. A replaced module is reported as a removal and an insertion. Diagnostics are
-   read every few seconds and sooner on demand, always with the identity bytes behind them, so that
-   no value is taken for that of another module.
+   read every few seconds, and sooner on demand. The identity bytes are read after them each time,
+   so that values are never assigned to another module.
 
-   Readings are made one at a time. A reading that fails slowly costs all ports time, so a port that
-   fails so is set apart: such ports get a small share of the time. Of the others those whose
-   readings take long are read less often, so that these together take a hundredth of the time, as
-   far as their values stay young enough to be given out. */
+   Readings are made one at a time. A reading that fails slowly delays all ports, so a port with
+   such failures is set apart: these ports get a small share of the time. Of the other ports, slow
+   ones are read less often, so that all together take at most a hundredth of the time, as long as
+   their values stay young enough to be returned. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
@@ -35,42 +35,43 @@ class module_poller
     using duration = std::chrono::steady_clock::duration;
     using clock = std::function<time_point()>;
 
-    /* Older values are read again when a client reads them. */
+    /* If the values are older, a client's read causes a new reading. */
     static constexpr std::chrono::seconds wanted_age{1};
 
     module_poller(module_access &access, module_listener &listener, clock now);
 
-    /* A port whose module is to be polled, from now on; by a reader that may be missing, or not. */
+    /* Starts polling the port's module; `by_reader`: through a reader, which may be missing. */
     void add(uint32_t port, bool by_reader);
-    /* Wrong checksums of the port's modules are taken for right ones, or not any more. */
+    /* Sets whether wrong checksums of the port's modules are ignored. */
     void trust_sums(uint32_t port, bool trusted);
-    /* Another tool may change what the port's module holds, its firmware for one: all of it is read
-       again, as soon as it can be. */
+    /* Another tool may change the content of the port's module, such as its firmware: all of it is
+       read again as soon as possible. */
     void identify_again(uint32_t port);
-    /* The driver of the port's interface logs each reading that fails, or not: it is asked about an
-       empty cage only when there is a reason. */
+    /* Sets whether the driver of the port's interface logs each failed reading: if so, it is asked
+       about an empty cage only when there is a reason. */
     void expect_logging(uint32_t port, bool logs_failures);
 
-    /* The interface of a port: its index, or 0 while it isn't there; the port has no module then.
-       Bytes that another interface gave are not taken, those of no interface are. */
+    /* Sets the index of the port's interface; 0: there is none, and so no module. Bytes from
+       another interface are refused; bytes that come from no interface are accepted. */
     void set_interface(uint32_t port, int32_t index);
 
-    /* A module may have been inserted or removed in some port: look at all ports soon. */
+    /* A module may have been inserted or removed in some port: all ports are looked at soon. */
     void hint();
-    /* A module may have been inserted into this port, as after any message about its interface:
-       look at it soon, unless it has a module that answers. */
+    /* A module may have been inserted into this port, as after any message about its interface: the
+       port is looked at soon, unless its module answers. */
     void look_now(uint32_t port);
-    /* The link of a port changed, so its measured values did, too. */
+    /* The link of a port changed, so its measured values changed, too. */
     void link_changed(uint32_t port);
-    /* A client reads the measured values of the port: reads the module again if they are older. */
+    /* A client reads the measured values of the port: the module is read again if they are older
+       than wanted_age. */
     void diagnostics_wanted(uint32_t port);
 
     /* When step() has something to do. */
     time_point next_due() const;
-    /* Makes the readings that are most urgent, at most most_pieces of them. */
+    /* Makes the most urgent readings, at most most_pieces. */
     void step();
 
-    /* Whether each port has been looked at once, with the module that was found there read. */
+    /* Whether each port has been looked at once, and each module that was found has been read. */
     bool is_first_look_over() const;
 
   private:
@@ -78,8 +79,8 @@ class module_poller
         polled_module module;
         bool is_apart = true;
         std::optional<time_point> queued_at = {};
-        duration spent{}; /* in the present window */
-        double pace = 1;  /* as set for the module */
+        duration spent{}; /* time that readings took in the present window */
+        double pace = 1;  /* as set by polled_module::set_pace() */
     };
     using queue = std::set<std::pair<time_point, uint32_t>>;
 
@@ -94,10 +95,10 @@ class module_poller
     module_access &access_;
     shared_by_modules shared_;
     std::map<uint32_t, polled> ports_;
-    queue prompt_queue_; /* ports that answer in time */
+    queue prompt_queue_; /* ports that answer quickly */
     queue apart_queue_;  /* ports that were never read, are slow, or fail */
-    time_point window_begin_ = {}, window_end_ = {}; /* of the shares of time */
-    time_point apart_from_ = {};                     /* no port that is set apart is read before */
+    time_point window_begin_ = {}, window_end_ = {}; /* in which shares of time are measured */
+    time_point apart_from_ = {};                     /* no earlier reading of ports set apart */
 };
 
 } // namespace linux_board

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of the functions: the pieces of a task, the calls from outside, the choice of the reading
-   that is due, and the conclusions from a reading. */
+/* Order of the functions: the pieces of a task, the calls by the poller, the choice of the due
+   reading, and the conclusions from a reading. */
 #include "platform/dolm_ric/linux/polled_module.h"
 
 #include "platform/dolm_ric/linux/decode/module_decode.h"
@@ -17,57 +17,57 @@ namespace linux_board
 using namespace std::chrono_literals;
 
 static constexpr std::chrono::milliseconds look_interval{1000};
-static constexpr std::chrono::seconds diagnostics_interval{4}; /* the values are at most 5 s old */
+static constexpr std::chrono::seconds diagnostics_interval{4}; /* so values are at most 5 s old */
 
-/* A port whose readings cost much is read less often, so far that its values, which are given out
-   for 15 s, don't get too old. */
+/* The slowest pace of a port whose readings cost much: its values, which are returned for 15 s,
+   must not get too old. */
 static constexpr double most_look_pace = 5;
 static constexpr double most_diagnostics_pace = 3;
 static constexpr double most_slow_pace = 30;
 
-/* For a port without a cage, or that only fails. */
+/* For a port without a cage, or whose readings only fail. */
 static constexpr std::chrono::seconds unlikely_interval{60};
 
-/* Between two readings of a range that is read slowly. */
+/* Between two readings of a slowly read range. */
 static constexpr std::chrono::seconds slow_interval{10};
 
-static constexpr auto hint_spacing = 200ms; /* between two looks, however many hints come */
+static constexpr auto hint_spacing = 200ms; /* between two looks, however many hints there are */
 static constexpr auto after_link_change = 500ms;
 
-/* An answer that the driver gives so often in a row is no passing disturbance. */
+/* If the driver gives the same error so often in a row, it is no temporary disturbance. */
 static constexpr uint32_t answers_when_empty = 2;
 static constexpr uint32_t failures_when_broken = 5;
 
-/* A module that fails for so long counts as removed. Its port is looked at each second for a while
-   then: a reset or an update of the firmware takes up to a minute. */
+/* A module that fails for this time counts as removed. Its port is then looked at each second for a
+   while: a reset or a firmware update takes up to a minute. */
 static constexpr std::chrono::seconds keep_time{5};
 static constexpr std::chrono::minutes watch_time{1};
 
 static constexpr auto insertion_time = 300ms; /* until a new module answers reliably */
-static constexpr auto settle_time = 200ms;    /* as for links */
+static constexpr auto settle_time = 200ms;    /* as for links, see link_table */
 static constexpr auto confirm_time = 100ms;
 static constexpr auto reader_interval = 1s;
 static constexpr auto lost_time = 15s; /* a module that can't be read for so long isn't ready */
-/* A range that fails keeps what it gave before, up to that age: one failure loses nothing. Of one
-   that is read slowly it is the pause between two readings and this. */
+/* If a range fails, its earlier bytes are kept up to this age, so that one failure loses nothing.
+   For a slowly read range the age is longer by slow_interval. */
 static constexpr std::chrono::seconds longest_kept{15};
 static constexpr std::chrono::seconds time_to_repeat{5};
 static constexpr int fast_tries = 10;
 static constexpr int medium_tries = 12;
 static constexpr std::chrono::seconds medium_pause{5};
 
-/* A range that was refused is tried again after the first pause, and then after longer ones. */
+/* A refused range is tried again after the first pause, then after longer ones. */
 static constexpr auto first_pause = 1s;
 static constexpr auto longest_pause = 1024s;
-static constexpr auto pause_of_loggers = 60s; /* at least, where the driver logs each failure */
+static constexpr auto pause_of_loggers = 60s; /* the least, where the driver logs each failure */
 
-/* A reading without values is made again at once, so often. */
+/* A reading without values is repeated at once, up to so many times. */
 static constexpr uint32_t most_repeats = 3;
 
-/* While the kernel keeps a module for something else. */
+/* While the kernel uses the module for something else. */
 static constexpr auto busy_interval = 2s;
 
-/* Looks at a cage that answers with an error which doesn't say "empty". */
+/* Between looks at a cage that gives an error other than "empty". */
 static constexpr auto cage_interval = 2s;
 static constexpr auto lost_interval_of_loggers = 10s;
 static constexpr auto rare_interval_of_loggers = 600s;
@@ -225,7 +225,7 @@ const polled_module::refused_range *polled_module::find_refused(const memory_ran
     return found == refused_.end() ? nullptr : &*found;
 }
 
-/* When a range of the plan is to be read that is missing, or was refused; never if it is there. */
+/* When a missing or refused range of the plan is to be read; never if it was read. */
 polled_module::time_point polled_module::due_of(const reading_step &step) const
 {
     if (const refused_range *refused = find_refused(step.range))
@@ -252,8 +252,9 @@ task_kind polled_module::due_kind(time_point now) const
     return task_kind::look;
 }
 
-/* Measured values and missing ranges are read before the identity bytes, so that these prove that
-   the module is still the same. One missing range is read at a time, as a failure ends the task. */
+/* Measured values and missing ranges are read before the identity bytes, which then prove that the
+   module is still the same. Only one missing range is read at a time, as a failure ends the
+   task. */
 reading_task polled_module::make_task(time_point now) const
 {
     reading_task made = {number_, interface_, due_kind(now)};
@@ -304,15 +305,15 @@ bool is_unanswered(int error)
            error == module_is_leased;
 }
 
-/* Nothing answers, or the driver reports an empty cage. All other errors may be those of a module
-   that is reset or updated, or of another user of the bus. */
+/* Nothing answers, or the driver reports an empty cage. With all other errors, a module may be in a
+   reset or an update, or another user may hold the bus. */
 static bool says_empty(int error)
 {
     return error == ENXIO || error == ENODEV || error == ENOENT || error == EREMOTEIO ||
            error == ENOMEDIUM || error == EOPNOTSUPP;
 }
 
-/* The driver has no way to read the module, for now or for ever. */
+/* The driver can't read the module, now or ever. */
 static bool says_unreadable(int error)
 {
     return error == EOPNOTSUPP || error == ENOENT;
@@ -329,7 +330,7 @@ void polled_module::begin_identity(duration wait)
     identity_due_ = shared_.now() + wait;
 }
 
-/* A module found at the first look is taken to be initialised already. */
+/* A module that is found at the first look counts as initialised already. */
 void polled_module::take_look(const reading_task &done)
 {
     const time_point now = shared_.now();
@@ -369,7 +370,7 @@ void polled_module::take_identity(const reading_task &done)
         if (error == 0) {
             memory_.store(read.range, done.bytes_of(read), now);
         } else if (error == ECANCELED) {
-            break; /* made again with the next task */
+            break; /* the reading is repeated with the next task */
         } else if (is_unanswered(error) || (error == EBUSY && old_identity_)) {
             identity_due_ = now + (error == EBUSY ? duration(busy_interval) : reader_interval);
             return take_failure(error);
@@ -386,7 +387,7 @@ void polled_module::take_identity(const reading_task &done)
 }
 
 /* All ranges of the plan have been read. A module may need a second until its identity is right, so
-   what is wrong with it is reported after that only. */
+   faults are reported only after that time. */
 void polled_module::finish_identity()
 {
     was_looked_at_ = true;
@@ -424,9 +425,9 @@ void polled_module::use_module(const module_contents &contents)
     set_presence(module_presence::ready);
 }
 
-/* A reading without values takes the place of none that has some: those get older, and are not
-   given out any more when they are too old. It is made again, since drivers give zeros for readings
-   that failed, and modules do while they measure. */
+/* If a reading has no values, the earlier values are kept; they get older, and are not returned
+   once they are too old. The reading is repeated, since drivers return zeros for failed readings,
+   and modules do so while they measure. */
 void polled_module::publish(const module_contents &contents)
 {
     const time_point now = shared_.now();
@@ -470,7 +471,7 @@ void polled_module::refuse(const memory_range &range)
     known->due = shared_.now() + known->pause;
 }
 
-/* Drops the bytes of ranges that fail, where they are too old, or will be at the next try. Returns
+/* Drops the bytes of failing ranges if they are too old, or will be at the next try. Returns
    whether there were any. */
 bool polled_module::forget_old()
 {
@@ -498,8 +499,8 @@ void polled_module::find_missing()
         missing_due_ = std::min(missing_due_, due_of(step));
 }
 
-/* Something answers, but not as a module, or not for the whole of its identity. A module that was
-   there before is given up when it has been so for a second, and as long as `patience`. */
+/* An answer came, but not a valid or complete identity. If a module was present before, it counts
+   as removed once this has lasted for a second and for `patience`. */
 void polled_module::retry_identity(duration patience)
 {
     tries_++;
@@ -519,7 +520,7 @@ void polled_module::retry_identity(duration patience)
     set_presence(module_presence::not_ready);
 }
 
-/* Whether a lane is beyond an alarm limit that it was within. */
+/* Whether a lane has passed an alarm limit since the last reading. */
 static bool has_new_alarm(const measurement &before, const measurement &now)
 {
     if (!now.limits || !now.limits->are_in_order() || before.lanes.size() != now.lanes.size())
@@ -553,9 +554,9 @@ static bool has_jumped(const module_contents &before, const module_contents &now
             has_new_alarm(before.rx_power, now.rx_power));
 }
 
-/* Values are taken only with the identity bytes that were read behind them. A failure doesn't
-   show whether the module is there, since a client may have caused the reading: the next look does.
- */
+/* Values are accepted only if the identity bytes that were read after them are right. A failure
+   doesn't show whether the module is present, since a client may have caused the reading: the next
+   look decides. */
 void polled_module::take_diagnostics(const reading_task &done)
 {
     const time_point now = shared_.now();
@@ -597,7 +598,7 @@ void polled_module::take_diagnostics(const reading_task &done)
     publish(forget_old() ? decode_module(memory_) : contents);
 }
 
-/* The range before the identity bytes was missing. */
+/* Takes a range that was missing, which was read before the identity bytes. */
 void polled_module::take_missing(const reading_task &done)
 {
     const memory_range range = done.ranges.front().range;
@@ -638,15 +639,16 @@ void polled_module::note_answer()
     note_access(0);
 }
 
-/* The known state is kept for a while. */
+/* No answer: the known state is kept for a while. */
 void polled_module::note_silence()
 {
     if (shared_.now() - answered_at_ > lost_time && reported_ == module_presence::ready)
         set_presence(module_presence::not_ready);
 }
 
-/* A module in use, or one that was and is read anew, whose readings the kernel refuses, as while
-   its firmware is updated, is left alone: it is there, and not ready when that lasts. */
+/* If the kernel refuses to read a module that is in use, or that is being read again, for example
+   during a firmware update, the module isn't touched: it stays present, and is not ready if the
+   refusals last. */
 void polled_module::take_failure(int error)
 {
     const time_point now = shared_.now();
@@ -684,9 +686,9 @@ void polled_module::take_failure(int error)
         lost_at_ = now;
 }
 
-/* Until the next look at a port without a module. One that never had a module may be a cage whose
-   driver has its own error for "empty". A driver that logs each failure is then not asked at all
-   without a reason, and rarely where a module was given up, which may be back. */
+/* The time until the next look at a port without a module. If the port never had one, the driver
+   may have an error of its own for an empty cage. A driver that logs each failure is then asked
+   only if there is a reason, and rarely if a module was lost, which may have come back. */
 polled_module::duration polled_module::pace_of_empty(int error) const
 {
     const bool was_lost = was_lost_lately();
@@ -725,8 +727,8 @@ void polled_module::set_presence(module_presence now)
     shared_.listener.module_presence_changed(number_, now);
 }
 
-/* A missing right concerns the ports whose modules are read through their interface. The answer of
-   a port on a bus of its own has nothing to do with it. */
+/* A missing right is reported for ports whose modules are read through the interface. An answer
+   from a port on a bus of its own doesn't concern it. */
 void polled_module::note_access(int error)
 {
     const bool was_denied = std::exchange(was_denied_, error == EPERM);

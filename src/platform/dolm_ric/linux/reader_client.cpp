@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* An answer that comes too late would be taken for that of the next packet, so a connection whose
-   answer wasn't awaited is closed. */
+/* A late answer would be taken for that of the next packet, so a connection is closed if its answer
+   didn't come in time. */
 #include "platform/dolm_ric/linux/reader_client.h"
 
 #include "util/escape.h"
@@ -21,10 +21,10 @@
 namespace linux_board
 {
 
-/* By then another reader has taken the place of the one that was ended. */
+/* By then systemd has started another reader in place of the one that was asked to end. */
 static constexpr std::chrono::seconds restart_patience{5};
 
-/* Before the next try, after so many failures in a row. */
+/* The pause before the next try, after so many failures in a row. */
 static std::chrono::seconds pause_after(int failures)
 {
     constexpr int longest_log2 = 5;
@@ -110,7 +110,7 @@ static std::array<reader_request, most_pieces> make_requests(std::span<const pie
     return requests;
 }
 
-/* 0 when there is something to receive. */
+/* Returns 0 when an answer can be received. */
 static int await_answer(int fd, int stop_fd)
 {
     pollfd wanted[] = {{fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
@@ -121,7 +121,7 @@ static int await_answer(int fd, int stop_fd)
     return wanted[1].revents != 0 ? ECANCELED : 0;
 }
 
-/* `answers` has the length of `requests`. */
+/* `answers` and `requests` have the same length. */
 int reader_client::talk(std::span<const reader_request> requests, std::span<reader_answer> answers)
 {
     const size_t size = requests.size_bytes();
@@ -148,8 +148,9 @@ int reader_client::ask_itself(reader_question question, uint64_t &checksum)
     return error == 0 && answer.error != 0 ? ENOTCONN : error;
 }
 
-/* While the configuration is replaced, a reader may still have the former one. The third reader in
-   a row with another configuration is reported: the two sides do not read the same file. */
+/* While the configuration is being replaced, a reader may still have the previous one. When three
+   readers in a row have another configuration, a line says that the two sides read different
+   files. */
 int reader_client::agree()
 {
     uint64_t theirs = 0;
@@ -194,7 +195,8 @@ int reader_client::exchange(std::span<piece> pieces)
     return 0;
 }
 
-/* A reader that is ending refuses connections. */
+/* A reader that is ending refuses connections: until another one has started, the error is
+   ESTALE. */
 void reader_client::read(std::span<piece> pieces)
 {
     int error = exchange(pieces);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* reader_client - the modules that tesk-module-reader reads. One thread. */
+/* reader_client - reads modules through tesk-module-reader. One thread. */
 #pragma once
 
 #include "platform/dolm_ric/linux/module_access.h"
@@ -17,27 +17,26 @@ namespace linux_board
 class reader_client final : public module_access
 {
   public:
-    /* A reading on a slow bus takes a few milliseconds, a driver's own time limit a second or two.
-     */
+    /* A reading on a slow bus takes a few milliseconds; a driver's own timeout is a second or
+       two. */
     static constexpr std::chrono::seconds patience{10};
 
-    /* `where` is the path of the reader's socket, or "fd:N" for a connected one that was inherited.
-       Readings end at once when `stop_fd` becomes readable. Nothing is connected yet. */
+    /* `where` is the path of the reader's socket, or "fd:N" for an inherited, connected socket.
+       Readings end at once when `stop_fd` becomes readable. The constructor doesn't connect. */
     reader_client(std::string where, int stop_fd);
     ~reader_client();
     reader_client(const reader_client &) = delete;
     reader_client &operator=(const reader_client &) = delete;
 
-    /* The checksum of the configuration that the reader must have; before start or on the thread of
-       read(). A reader with another checksum is asked to end, so that the next one reads the file
-       anew; until one has this, readings fail with ESTALE. A line on stderr says if that lasts. */
+    /* Sets the checksum of the configuration that the reader must have; call it before start or on
+       the thread of read(). A reader with another checksum is asked to end, so that the next one
+       reads the file again; until the checksums agree, readings fail with ESTALE. If that lasts, a
+       line on stderr says so. */
     void expect(uint64_t configuration);
 
-    /* Connects if need be; after a failure not again for a second, and more and more seldom, at
-       last each 32 s, where a reader is there and leaves without an answer: each try starts a
-       process. ENOTCONN if there is no reader, EACCES if it may not be used, ETIMEDOUT if it
-       doesn't answer.
-     */
+    /* Connects if necessary. After a failure the next try is made a second later; if readers accept
+       and end without an answer, the pause grows to 32 s, since each try starts a process. ENOTCONN
+       if there is no reader, EACCES if it may not be used, ETIMEDOUT if it doesn't answer. */
     void read(std::span<piece> pieces) override;
 
   private:
@@ -53,10 +52,10 @@ class reader_client final : public module_access
     int stop_fd_;
     util::descriptor connection_;
     int connect_error_ = 0;
-    int lost_ = 0; /* connections since the last answer */
+    int lost_ = 0; /* connections lost since the last answer */
     uint64_t expected_ = no_port_config;
-    bool is_agreed_ = false; /* with the reader that is connected */
-    int strangers_ = 0;      /* readers with another configuration since the last agreement */
+    bool is_agreed_ = false; /* the connected reader has the right configuration */
+    int strangers_ = 0;      /* readers with another configuration since one had the right one */
     std::chrono::steady_clock::time_point quiet_until_ = {};
     std::chrono::steady_clock::time_point connect_from_ = {};
 };

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Each function brings one report into the record of its port: of the link, of its speed, of a lost
-   interface, and of what readings have cost. */
+/* Each function adds one report to the record of its port: about the link, its speed, a lost
+   interface, and the cost of readings. */
 #include "platform/dolm_ric/linux/record_updates.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -89,8 +89,8 @@ static void count_error(int error, dolm_ric_details_cost &cost)
     cost.failures++;
 }
 
-/* Drivers answer for an empty cage with errors of many kinds, and with EBUSY while they keep a
-   module for something else. Neither has failed. */
+/* For an empty cage drivers give errors of many kinds, and EBUSY while the kernel uses a module for
+   something else. Neither counts as a failure. */
 static bool is_failure(int error, bool has_module)
 {
     return error != 0 && error != EBUSY && (has_module || is_unanswered(error));

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* record_updates - the parts of a port's details that come of its link and of the readings made.
-   Pure functions; any thread, with one record at a time. `now` is in ns of CLOCK_BOOTTIME. */
+/* record_updates - updates a port's details from reports about its link and its readings. Pure
+   functions; any thread, with one record at a time. `now` is in ns of CLOCK_BOOTTIME. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -12,13 +12,13 @@
 namespace linux_board
 {
 
-/* `falls` and `rises` are the growth of the kernel's counters since the report before. */
+/* `falls` and `rises` are the growth of the kernel's counters since the previous report. */
 void take_link_report(const link_report &report, uint32_t falls, uint32_t rises, int64_t now,
                       dolm_ric_details_record &record);
 void take_link_speed(const link_speed &speed, int64_t now, dolm_ric_details_record &record);
 /* Changes nothing while the link is down. */
 void take_link_fec(uint32_t fec, dolm_ric_details_record &record);
-/* The port has no interface; the counters stay. */
+/* Records that the port has no interface; the counters stay. */
 void lose_interface(int64_t now, dolm_ric_details_record &record);
 
 /* Adds the cost of readings. */

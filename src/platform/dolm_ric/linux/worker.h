@@ -22,17 +22,17 @@ class worker
     worker(const worker &) = delete;
     worker &operator=(const worker &) = delete;
 
-    /* Starts `run` under that name (at most 15 characters). It returns soon after is_stopping() has
-       become true. Throws a std::system_error. */
+    /* Starts `run` on a thread with that name (at most 15 characters). `run` must return soon after
+       is_stopping() has become true. Throws a std::system_error. */
     void start(const char *name, std::function<void()> run);
-    /* Requests the end of the thread and joins it. Harmless before the start. */
+    /* Asks the thread to end and joins it. Harmless if the thread was not started. */
     void stop();
 
     bool is_stopping() const
     {
         return stopping_;
     }
-    /* Readable from the beginning of stop() on. */
+    /* Readable once stop() was called. */
     int stop_fd() const
     {
         return stop_.fd();
@@ -43,22 +43,22 @@ class worker
     {
         return wake_.fd();
     }
-    /* Makes later_fd() readable in 20 ms, so that what isn't urgent takes no time from the threads
-       that handle the same event. Any thread. */
+    /* Makes later_fd() readable in 20 ms, so that less urgent work doesn't delay the threads that
+       handle the same event. Any thread. */
     void wake_later();
     int later_fd() const
     {
         return later_.get();
     }
-    /* Clears the wake-ups of both kinds. Returns whether one was of wake_later(). The worker's
-       thread. */
+    /* Clears the wake-ups of both kinds. Returns whether wake_later() made one. Called on the
+       worker's thread. */
     bool clear_wake();
 
   private:
     const util::event wake_, stop_;
     const util::descriptor later_;
     std::atomic<bool> stopping_{false};
-    std::atomic<bool> is_later_due_{false}; /* where the system has refused the timer */
+    std::atomic<bool> is_later_due_{false}; /* true if the system has refused the timer */
     std::thread thread_;
 };
 

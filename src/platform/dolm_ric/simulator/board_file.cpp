@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A board file has no language of its own: each line is a command of the control protocol. Only its
-   first line differs, as it gives the number of ports. The built-in board is such a file, too.
+/* A board file has no language of its own: each line is a command of the control protocol. Only the
+   first line is another one: it gives the number of ports. The built-in board is such a text, too.
 
-   An error ends the start of the board and names its line: a board that differs from what was meant
-   would be noticed much later. */
+   An error ends the start of the board and names the line, since a wrong board would be noticed
+   much later. */
 #include "platform/dolm_ric/simulator/board_file.h"
 
 #include "platform/dolm_ric/simulator/commands.h"
@@ -17,7 +17,7 @@
 namespace board
 {
 
-/* A port of each kind, so that a client can meet all of them without a file. */
+/* One port of each kind, so that a client can meet all kinds without a file. */
 static constexpr char built_in[] = R"(ports 16
 insert 0-3 lc-own link=up speed=9.8
 set 1 vendor_sn=EX10G0002 temperature=38.2C
@@ -35,8 +35,8 @@ insert 12 unreadable
 set 15 started=no link=stopped
 )";
 
-/* The whole file. One that can't be read, such as a directory, counts as empty, which is an error
-   later. */
+/* Reads the whole file. A file that can't be read, such as a directory, counts as empty, which is
+   an error later. */
 static std::string read_text(const char *path)
 {
     if (path == nullptr)
@@ -50,7 +50,8 @@ static std::string read_text(const char *path)
     return text.str();
 }
 
-/* The first line. The others need it, as they may name only ports that exist. */
+/* Makes the ports from the first line. The other lines need them, since a line may name only
+   existing ports. */
 static std::unique_ptr<simulator> make_ports(std::string_view line, core &events,
                                              board_maker make_empty)
 {

@@ -19,8 +19,8 @@ namespace board
 /* Makes a board of empty cages. */
 using board_maker = std::unique_ptr<simulator> (*)(uint32_t port_count, core &events);
 
-/* Makes the board of the file of that name, or with null the built-in one. Throws a board_error
-   that names the file and the line. Takes the core's lock. */
+/* Makes the board of the file `path`; with null the built-in board. Throws a board_error that names
+   the file and the line. Takes the core's lock. */
 std::unique_ptr<simulator> make_board(const char *path, core &events, board_maker make_empty);
 
 } // namespace board

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* One row per command in command_kinds. A command is parsed to its end before anything is changed,
-   so that one with an error changes nothing. Errors are thrown and answered in one place. */
+   so that a wrong command changes nothing. Errors are thrown and answered in one place. */
 #include "platform/dolm_ric/simulator/commands.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
@@ -27,8 +27,8 @@ static void add_line(std::string &answer, std::string_view key, uint64_t value)
     add_line(answer, key, std::to_string(value));
 }
 
-/* Makes a change and answers with its extent. The events are those that were queued: a port without
-   subscriptions has none. */
+/* Makes a change and answers with the numbers of ports and of queued events. A port without
+   subscriptions has no events. */
 template <typename change>
 static std::string answer_change(simulator &board, const port_list &ports, change &&make)
 {
@@ -65,7 +65,8 @@ static std::string answer_remove(simulator &board, words args)
     return answer_change(board, ports, [&] { board.remove(ports); });
 }
 
-/* Both records begin with the id, so an event of an unknown type has one, too. */
+/* Both kinds of record begin with the port's id, so that an event of an unknown type has an id,
+   too. */
 static std::string answer_event(simulator &board, words args)
 {
     const auto number = [&](size_t at) {
@@ -83,7 +84,7 @@ static std::string answer_event(simulator &board, words args)
     return answer_change(board, {}, [&] { board.events.queue_raw(event); });
 }
 
-/* Parses "busy 3 0-7", the words after the operation. */
+/* Parses the words after the operation, such as "busy 3 0-7". */
 static fault parse_fault(operation op, words args)
 {
     if (args.empty() || args.size() > 3)
@@ -98,14 +99,14 @@ static fault parse_fault(operation op, words args)
     return parsed;
 }
 
-/* A fault of a port that the board doesn't have would never occur, so it is refused as a mistake.
- */
+/* A fault for a port that the board doesn't have would never occur, so it is refused as a
+   mistake. */
 static std::string answer_fail(simulator &board, words args)
 {
     fault added = parse_fault(parse_operation(args[0]), args.subspan(1));
     board.require(added.ports);
     board.faults.add(std::move(added));
-    /* The fault may be for the wait that the event thread is in. */
+    /* The event thread may be in the wait that is to fail. */
     board.events.wake_event_thread();
     return "ok";
 }
@@ -120,7 +121,7 @@ static std::string answer_heal(simulator &board, words args)
     return answer;
 }
 
-/* Lists only the values that the lane has of its own. */
+/* Lists only the values that the lane has itself, instead of those of the module. */
 static void add_lane(std::string &answer, const field &source, uint32_t lane,
                      const std::string &value)
 {
@@ -146,7 +147,7 @@ static std::string answer_show(simulator &board, words args)
     return answer;
 }
 
-/* In the form that the command "fail" takes. */
+/* Writes a fault in the form that the command "fail" takes. */
 static std::string format_fault(const fault &shown)
 {
     std::string text(operation_name(shown.op));
@@ -187,7 +188,7 @@ static subscription_kind parse_kind(std::string_view text)
     throw board_error("a subscription is one of port or link");
 }
 
-/* True once all the ports are subscribed, or none is. */
+/* True once all the ports are subscribed or, with `is_wanted` false, none is. */
 static std::function<bool()> subscription_condition(simulator &board, bool is_wanted, words args)
 {
     const port_list ports = parse_ports(args[0]);
@@ -202,8 +203,8 @@ static std::function<bool()> subscription_condition(simulator &board, bool is_wa
     };
 }
 
-/* A condition outlives its command and is evaluated after each call of the library: it holds
-   copies, no views of the command's words, and does little. */
+/* A condition outlives its command and is evaluated after each call of the library: it has copies
+   instead of views of the command's words, and is cheap. */
 static std::function<bool()> parse_condition(simulator &board, words args)
 {
     const std::string_view what = args[0];
@@ -223,7 +224,7 @@ static std::function<bool()> parse_condition(simulator &board, words args)
 namespace
 {
 
-/* The number of words after the verb is checked before the row's function is called. "wait" has no
+/* Before a row's function is called, the number of words after the verb is checked. "wait" has no
    row, since its answer comes later. */
 struct command_kind {
     std::string_view verb;
@@ -300,8 +301,8 @@ std::string run_command(std::string_view command, simulator &board, pending_answ
     } catch (const board_error &error) {
         return "error " + std::string(error.what());
     } catch (const std::exception &error) {
-        /* Any other failure, such as a lack of memory, is reported to the peer: the library's
-           caller isn't concerned. */
+        /* Any other failure, such as a lack of memory, is reported to the peer and doesn't affect
+           the library's caller. */
         return "error the board is out of order: " + std::string(error.what());
     }
 }

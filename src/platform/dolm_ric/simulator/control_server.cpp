@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* One thread polls the listening socket, the peers and an eventfd. The eventfd wakes it to end and,
-   while a peer waits for its answer, after each call of the library, as only those calls change
-   what an answer waits for. The thread never waits for a peer: one that doesn't take its answer is
-   disconnected.
+/* One thread polls the listening socket, the peers and an eventfd. The eventfd wakes the thread
+   when it must end and, while a peer waits for its answer, after each call of the library, as only
+   such calls can make the answer due. The thread never waits for a peer: one that doesn't take its
+   answer is disconnected.
 
    A peer whose command would queue events while the queue is full waits for its answer until the
-   library's caller has taken some; its socket isn't read meanwhile. So the queue holds no more than
-   its bound and the events of one command. */
+   library's caller has taken some; its socket isn't read meanwhile. So the queue never exceeds its
+   bound by more than the events of one command. */
 #include "platform/dolm_ric/simulator/control_server.h"
 
 #include "platform/dolm_ric/simulator/control_protocol.h"
@@ -29,7 +29,7 @@
 namespace board
 {
 
-/* The library runs inside another program and leaves most descriptors to it. */
+/* The library runs in another program's process and must leave most descriptors to that program. */
 static constexpr size_t max_peers = 64;
 static constexpr int backlog = 16;
 static constexpr size_t stack_size = size_t{256} * 1024;
@@ -45,7 +45,7 @@ static std::string lock_name(const std::string &path)
     return path + ".lock";
 }
 
-/* False if the name leads to another file than the descriptor, or to none. */
+/* False if the path leads to another file than the descriptor, or to none. */
 static bool is_file_at(int file, const std::string &name)
 {
     struct stat ours = {};
@@ -54,11 +54,11 @@ static bool is_file_at(int file, const std::string &name)
            ours.st_dev == found.st_dev && ours.st_ino == found.st_ino;
 }
 
-/* The owner of the lock beside the socket's path owns the path: a socket that is there already was
-   left by a board that has died. Only the directory's owner can open the lock file, as any process
-   that can open it can lock it; root makes that user the file's owner, so that the service can
-   replace a board that root has started by hand. A clean stop removes the file, so a lock counts
-   only while its file still has that name. */
+/* The process that holds the lock beside the socket's path owns the path: a socket that exists
+   already was left by a board that has died. Only the directory's owner can open the lock file,
+   since any process that can open it can lock it; root makes the directory's owner the file's
+   owner, so that the service can replace a board that root has started by hand. A clean stop
+   removes the file, so a lock counts only while its file still has this name. */
 static util::descriptor lock_path(const std::string &path, const struct stat &directory)
 {
     const std::string name = lock_name(path);
@@ -86,7 +86,7 @@ static void remove_dead_socket(const std::string &path)
         unlink(path.c_str());
 }
 
-/* The status of the directory of `path`, which is made if it doesn't exist. */
+/* The status of the directory of `path`; the directory is created if it doesn't exist. */
 static struct stat make_directory_of(const std::string &path)
 {
     std::error_code error;
@@ -112,7 +112,7 @@ control_server::control_server(const std::string &path, simulator &board)
     const struct stat directory = make_directory_of(path_);
     lock_ = lock_path(path_, directory);
     try {
-        /* The directory's group may control the board, whatever user starts the server. */
+        /* The directory's group may control the board, whichever user starts the server. */
         remove_dead_socket(path_);
         listener_ = util::listen_at(path_, SOCK_SEQPACKET | SOCK_NONBLOCK, socket_mode,
                                     directory.st_gid, backlog);
@@ -122,14 +122,14 @@ control_server::control_server(const std::string &path, simulator &board)
         if (errno != 0)
             fail("pthread_create");
     } catch (...) {
-        /* No destructor runs where a constructor throws: the files are removed here. */
+        /* If a constructor throws, no destructor runs, so the files are removed here. */
         remove_dead_socket(path_);
         unlink(lock_name(path_).c_str());
         throw;
     }
 }
 
-/* Peers that still wait find their connections closed. */
+/* The connections of peers that still wait for an answer are closed. */
 control_server::~control_server()
 {
     is_ending_ = true;
@@ -155,7 +155,7 @@ void *control_server::run(void *argument)
     return nullptr;
 }
 
-/* Peers come last in `polled`, in the order of `peers_`, which doesn't change until all of them are
+/* Peers are last in `polled`, in the order of `peers_`, which doesn't change until all of them are
    served. */
 void control_server::serve()
 {
@@ -173,7 +173,7 @@ void control_server::serve()
     }
 }
 
-/* False if the process has no descriptor left; accepting is then tried again after a second. */
+/* False if the process has no free descriptor; accepting is tried again after a second. */
 bool control_server::accept_peer()
 {
     util::descriptor socket(
@@ -190,8 +190,8 @@ bool control_server::accept_peer()
     return true;
 }
 
-/* Disconnects a peer of the process that has most of them: the one whose last command, or whose
-   connection, is the oldest. So no process keeps others out. */
+/* Disconnects one peer of the process that has most peers: the peer whose last command, or whose
+   connection, is the oldest. So no process can keep others out. */
 void control_server::make_room()
 {
     const auto order = [this](const peer &one) {
@@ -201,8 +201,8 @@ void control_server::make_room()
     peers_.erase(std::ranges::max_element(peers_, {}, order));
 }
 
-/* One pass under the lock over all peers. The watch is set before the lock is released, so that no
-   call after this pass is missed. */
+/* One pass over all peers, with the lock held. The watch is set before the lock is released, so
+   that no call after this pass is missed. */
 void control_server::serve_peers(std::span<const pollfd> polled)
 {
     const auto guard = board_.events.lock();
@@ -214,8 +214,8 @@ void control_server::serve_peers(std::span<const pollfd> polled)
     board_.faults.watch_calls(has_waiting ? wakeup_.fd() : -1);
 }
 
-/* False if the peer is to be disconnected. The socket of a peer that waits for its answer is
-   readable only when the peer has hung up. The answer may be there at once. */
+/* False if the peer is to be disconnected. While a peer waits for its answer, its socket is
+   readable only if the peer has disconnected. The answer may be ready at once. */
 bool control_server::serve_peer(peer &known, bool is_ready)
 {
     if (is_ready && (known.pending || !receive_command(known)))

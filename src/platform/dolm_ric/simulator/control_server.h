@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* control_server - serves the control protocol of a simulated board on a thread of its own.
-   Commands are carried out under the core's lock, between two calls of the library. */
+   Commands are carried out with the core's lock held, between two calls of the library. */
 #pragma once
 
 #include "platform/dolm_ric/simulator/commands.h"
@@ -23,9 +23,9 @@ namespace board
 class control_server
 {
   public:
-    /* Listens at that path and starts the thread; throws a board_error with the reason if it can't.
-       Neither this nor the destructor, which ends the thread, is called with the core's lock held.
-     */
+    /* Listens at `path` and starts the thread; throws a board_error with the reason on failure. The
+       constructor and the destructor, which ends the thread, must not be called with the core's
+       lock held. */
     control_server(const std::string &path, simulator &board);
     ~control_server();
     control_server(const control_server &) = delete;
@@ -34,9 +34,9 @@ class control_server
   private:
     struct peer {
         util::descriptor socket;
-        pid_t process = 0;           /* 0 if not known */
-        uint64_t last_command = 0;   /* a smaller number is an older one */
-        pending_answer pending = {}; /* no further command is read until it is given */
+        pid_t process = 0;           /* 0: not known */
+        uint64_t last_command = 0;   /* a smaller number means an older command */
+        pending_answer pending = {}; /* while an answer is pending, no further command is read */
         bool is_dropped = false;     /* closed at the end of the current pass */
     };
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The simulated board as libdolm_ric has it: with a control server for teskboard, a port
-   map and the details of its ports. */
+/* The simulated board as a libdolm_ric: with a control server for teskboard, a port map and the
+   details of its ports. */
 #include "platform/dolm_ric/port_map.h"
 #include "platform/dolm_ric/simulator/board_file.h"
 #include "platform/dolm_ric/simulator/control_protocol.h"
@@ -19,8 +19,8 @@ namespace board
 namespace
 {
 
-/* The port map belongs to the board that has the socket. A board without the two still works: the
-   reason is one line on standard error. */
+/* The port map belongs to the board that has the socket. If the control server or the map can't be
+   started, the board works without it: one line on standard error gives the reason. */
 class controlled_board final : public simulator
 {
   public:
@@ -32,12 +32,12 @@ class controlled_board final : public simulator
     void write_map(const std::string &socket);
 
     std::unique_ptr<control_server> control_;
-    std::string map_path_; /* empty without a map */
+    std::string map_path_; /* empty if there is no map */
 };
 
 } // namespace
 
-/* A set-uid program takes no settings from its caller. */
+/* A set-uid program ignores the settings of its caller. */
 static const char *setting_or(const char *name, const char *standard)
 {
     const char *value = secure_getenv(name);
@@ -55,8 +55,8 @@ void controlled_board::start()
     }
 }
 
-/* Beside the socket by default, so that a board at another socket doesn't replace the map of the
-   machine's own board. */
+/* By default the map is beside the socket, so that a board at another socket doesn't replace the
+   map of the machine's own board. */
 void controlled_board::write_map(const std::string &socket)
 {
     std::map<uint32_t, std::string> names;

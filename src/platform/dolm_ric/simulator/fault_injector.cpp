@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: call_begins() counts a call of an operation; injected_fault() takes the failure
-   that was set last for it and for the port. */
+/* Order of work: call_begins() counts a call of an operation; injected_fault() returns the latest
+   failure for the operation and the port. */
 #include "platform/dolm_ric/simulator/fault_injector.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 namespace board
 {
 
-/* Failures, and the ranges of ports that they name, in all. */
+/* The most failures, plus ranges of ports in them. */
 static constexpr size_t max_ranges = 4096;
 
 void fault_injector::call_begins(operation op)
@@ -33,7 +33,7 @@ int32_t fault_injector::injected_fault(operation op, uint32_t port)
     return code;
 }
 
-/* Their number is limited, as each call looks through all of them. */
+/* The number of faults is limited, as each call looks through all of them. */
 void fault_injector::add(fault added)
 {
     size_t ranges = added.ports.size();

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* fault_injector - counts the calls of each operation and lets calls fail as the board file or the
-   control protocol demands. All methods are called with the core's lock held. */
+/* fault_injector - counts the calls of each operation, and makes calls fail that the board file or
+   the control protocol selects. All methods are called with the core's lock held. */
 #pragma once
 
 #include "platform/dolm_ric/core.h"
@@ -19,7 +19,7 @@ struct fault {
 
     operation op;
     int32_t code;
-    uint64_t remaining = always; /* calls that still fail */
+    uint64_t remaining = always; /* number of calls that still fail */
     port_list ports = {};        /* empty: all ports */
 };
 
@@ -27,19 +27,20 @@ class fault_injector final : public call_hook
 {
   public:
     void call_begins(operation op) override;
-    /* The code of the latest fault for this operation and port. Decrements its count of calls. */
+    /* The code of the latest fault for this operation and port; decrements the fault's remaining
+       calls. */
     int32_t injected_fault(operation op, uint32_t port) override;
 
-    /* Throws a board_error if there are too many. */
+    /* Throws a board_error if there are too many faults. */
     void add(fault added);
-    /* Removes the faults of one operation or of all. Returns their number. */
+    /* Removes the faults of one operation, or all faults. Returns how many were removed. */
     size_t remove(std::optional<operation> op);
     /* Oldest first. */
     const std::vector<fault> &faults() const;
 
     /* Calls since the start, failed ones included. */
     uint64_t calls(operation op) const;
-    /* From now on each call wakes this eventfd; -1 for none. */
+    /* From now on each call writes to this eventfd; -1: none does. */
     void watch_calls(int eventfd);
 
   private:

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A simulated module has one lane, or those for which values were set. A lane without a value of
-   its own has that of the module. A module raises a flag in each reading that finds a value beyond
-   the limit; here each change of the port is a reading. */
+   its own has the module's value. A module raises a flag in each reading with a value beyond the
+   limit; here each change of the port counts as a reading. */
 #include "platform/dolm_ric/simulator/simulated_details.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -20,8 +20,8 @@ namespace
 
 using record_type = dolm_ric_details_record;
 
-/* A measurement of the board's records: its bit in diag_cap, its five words, and how many
-   of its units are one of the record's. */
+/* A measurement of the board's records: its bit in diag_cap, its five words, and how many of the
+   board's units are one unit of the details. */
 struct diag_value {
     uint32_t capability;
     double low_alarm, low_warning, high_warning, high_alarm, value;
@@ -65,7 +65,7 @@ static bool is_switched_off(const lane_values &its)
     return (its.signals >> DOLM_RIC_TX_OFF & 1) != 0;
 }
 
-/* Brings one kind of measurement, such as the bias, into the record for each lane. */
+/* Fills in one kind of measurement, such as the bias, for each lane. */
 static void take_lanes(const diag_value &of_module, uint32_t lane_values::*own, uint32_t kind,
                        const module_values &module, int64_t now, record_type &record)
 {
@@ -161,8 +161,8 @@ static void take_condition(bool is_on, int64_t now, dolm_ric_details_condition &
     to.on = is_on ? 1 : 0;
 }
 
-/* The module's status word has two conditions, which are those of all its lanes. A module without
-   lanes of its own has no others. */
+/* The module's status word has two conditions, which apply to all its lanes. A module without lanes
+   of its own has no other conditions. */
 static void take_signals(const module_values &module, int64_t now, record_type &record)
 {
     const uint32_t status = module.status.status;
@@ -196,7 +196,8 @@ static void take_identity(const module_values &module, int64_t now, dolm_ric_det
     set_text(to.date, sizeof(to.date), known.sfp_date_code, sizeof(known.sfp_date_code));
 }
 
-/* In Mbit/s. The words of the vocabulary are in Gbit/s; other codes hold tenths of them. */
+/* The speed in Mbit/s. The codes with a name are in Gbit/s; other codes are in tenths of a
+   Gbit/s. */
 static uint32_t megabits_of(uint32_t code)
 {
     const std::string word(name_of_value(field_kind::speed, code));
@@ -224,7 +225,7 @@ static void take_link(const port_values &port, int64_t now, dolm_ric_details_lin
     link.speed = speed;
 }
 
-/* Whether the module has another identity than the known one. */
+/* Whether the module's identity differs from the known one. */
 static bool is_another_module(const module_values &module, const dolm_ric_details_identity &known)
 {
     dolm_ric_details_identity its = {};
@@ -234,13 +235,13 @@ static bool is_another_module(const module_values &module, const dolm_ric_detail
             strcmp(its.vendor, known.vendor) != 0);
 }
 
-/* The distance to the next warning, which is negative beyond it. */
+/* The distance to the nearer warning limit, which is negative beyond it. */
 static int64_t margin_of(uint32_t value, uint32_t low_warning, uint32_t high_warning)
 {
     return std::min(int64_t{value} - low_warning, int64_t{high_warning} - value);
 }
 
-/* `value` is that of the module, for lanes without an own one. */
+/* `value` is the module's, for lanes without a value of their own. */
 static uint32_t worst_of_lanes(const module_values &module, uint32_t lane_values::*own,
                                uint32_t value, uint32_t low_warning, uint32_t high_warning)
 {

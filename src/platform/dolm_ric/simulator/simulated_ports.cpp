@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A port's own values are held by value. Its module is shared and never written: a change of the
-   module replaces it by a changed copy, one copy for all ports of a command that had the same
-   module. So a board of 65,535 equal ports stays small even after a change to all of them. */
+/* A port has its own values, and a shared module, which is never written: a change replaces the
+   module by a changed copy, one copy for all ports of a command that had the same module. So a
+   board of 65,535 equal ports stays small even after a change to all of them. */
 #include "platform/dolm_ric/simulator/simulated_ports.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -16,7 +16,7 @@
 namespace board
 {
 
-/* Applies the settings of the kind to an empty cage. */
+/* Applies the settings of this kind to an empty cage. */
 static module_values make_module(const module_kind &kind)
 {
     module_values module;
@@ -26,7 +26,7 @@ static module_values make_module(const module_kind &kind)
     return module;
 }
 
-/* All empty cages share one module of zeros, so that a slot always has a module to read. */
+/* All empty cages share one module of zeros, so that a port always has a module to read. */
 simulated_ports::simulated_ports(uint32_t count, port_events &events)
     : events_(events), no_module_(std::make_shared<const module_values>()),
       falls_({.oldest_look = INT64_MAX, .youngest_look = 0})
@@ -70,7 +70,7 @@ int32_t simulated_ports::read(uint32_t port, dolm_ric_module_info &out) const
     return DOLM_RICERR_OK;
 }
 
-/* The status word belongs to the cage: it is there even if the module's memory can't be read. */
+/* The status word belongs to the cage: it can be read even if the module's memory can't. */
 int32_t simulated_ports::read(uint32_t port, dolm_ric_module_status &out) const
 {
     if (!is_inserted(port))
@@ -103,7 +103,7 @@ void simulated_ports::require(const port_list &list) const
                               ": this board has the ports 0 to " + std::to_string(count() - 1));
 }
 
-/* A report carries what a read at the same moment gives. */
+/* A report has the values that a read at this moment would return. */
 template <typename record>
 void simulated_ports::report(uint32_t port, void (port_events::*changed)(const record &))
 {
@@ -161,8 +161,8 @@ void simulated_ports::change(const port_list &list, forced_reports forced, edit 
     }
 }
 
-/* Writes settings to ports. The map keeps the old modules alive for as long as it exists, so that
-   no new module can have the address of an old one. */
+/* Writes settings to ports. The map keeps the old modules alive while it exists, so that no new
+   module can have the address of an old one. */
 class simulated_ports::writer
 {
   public:
@@ -205,7 +205,7 @@ class simulated_ports::writer
 void simulated_ports::set(const port_list &list, const std::vector<setting> &settings,
                           bool is_forced)
 {
-    /* A value belongs to the port's status or to its link; a module's values have no event. */
+    /* Set for a value of the port's status or of its link; a module's values have no event. */
     forced_reports forced;
     for (const setting &value : settings) {
         const bool of_status = value.target->offset == offsetof(port_values, status);
@@ -229,8 +229,8 @@ void simulated_ports::insert(const port_list &list, const module_kind *kind,
     });
 }
 
-/* The port stays started and keeps the module for the next insertion. A link without a module
-   can't be up. */
+/* The port stays started and keeps the module for the next insertion. Without a module the link
+   goes down. */
 void simulated_ports::remove(const port_list &list)
 {
     change(list, {}, [](port_slot &slot) {

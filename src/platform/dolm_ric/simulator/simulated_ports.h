@@ -36,24 +36,25 @@ class simulated_ports : public port_source
     /* Throws a board_error if the list contains a port that the board doesn't have. */
     void require(const port_list &list) const;
 
-    /* These change all ports of the list or, with a board_error, none. With `is_forced` the values
-       that are set are reported even where they don't change. */
+    /* These functions change all ports of the list; after a board_error they have changed none.
+       With `is_forced` the new values are reported even if they equal the old ones. */
     void set(const port_list &list, const std::vector<setting> &settings, bool is_forced);
-    /* Inserts a new module of that kind; with null the port's previous module, else an lc. */
+    /* Inserts a new module of that kind. With null inserts the port's previous module or, if it
+       never had one, an lc. */
     void insert(const port_list &list, const module_kind *kind,
                 const std::vector<setting> &settings);
     void remove(const port_list &list);
 
-    /* The raw value of a field as text. */
+    /* The raw value of a field, as text. */
     std::string value_of(uint32_t port, const field &source, uint32_t lane = 0) const;
-    /* How many lanes have values of their own. */
+    /* The number of lanes with values of their own. */
     uint32_t lane_count(uint32_t port) const;
 
   protected:
-    /* The first ports have details; those of a very large board would take much memory. */
+    /* Only the first ports have details; those of a very large board would take much memory. */
     static constexpr uint32_t ports_with_details = 1024;
 
-    /* From now on the details of the ports are in a file at `path`. */
+    /* Starts publishing the details of the ports in a file at `path`. */
     void start_details(const std::string &path); /* and the falls of their links */
     /* Takes no lock. */
     void stop_details() noexcept;
@@ -64,7 +65,7 @@ class simulated_ports : public port_source
         port_values values;
         module_ptr module;
     };
-    /* The reports that are made even if nothing has changed. */
+    /* The reports to make even if nothing has changed. */
     struct forced_reports {
         bool port = false;
         bool link = false;

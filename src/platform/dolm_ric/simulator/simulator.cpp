@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The ports, and the socket by which teskboard controls them. */
+/* The ports, and the socket through which teskboard controls them. */
 #include "platform/dolm_ric/simulator/simulator.h"
 
 namespace board

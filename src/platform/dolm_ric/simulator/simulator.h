@@ -12,12 +12,13 @@ namespace board
 class simulator : public simulated_ports
 {
   public:
-    /* A board of empty cages. Installs itself as the core's hook; takes the lock. */
+    /* A board of empty cages. Installs itself as the core's hook, and takes the core's lock to do
+       so. */
     simulator(uint32_t port_count, core &events_of);
     ~simulator() override;
 
-    core &events;          /* of this board */
-    fault_injector faults; /* as the core's hook */
+    core &events;          /* the core of this board */
+    fault_injector faults; /* installed as the core's hook */
 };
 
 } // namespace board

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* All names are in tables: operations, codes, words for values, units, fields and kinds of modules.
-   Parsing, printing and the choices that an error lists use the same rows, so that a new field or
-   module is one more row. */
+   Parsing, printing and the lists of choices in errors use the same rows, so that a new field or
+   module needs one more row. */
 #include "platform/dolm_ric/simulator/vocabulary.h"
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -53,7 +53,7 @@ namespace
 
 using kind = field_kind;
 
-/* A word for a raw value. A speed of 10 is the word; the code 10 is written as 0xa. */
+/* A word for a raw value. For a speed, 10 is a word; the code 10 is written as 0xa. */
 struct named_value {
     field_kind of;
     std::string_view name;
@@ -118,8 +118,8 @@ static constexpr field make_field(std::string_view name, field_kind of, bool in_
     return {name, of, in_module, static_cast<uint16_t>(offset), static_cast<uint16_t>(size), mask};
 }
 
-/* One row per field: its name, its kind, the member that holds it, and the bit of a flag, else 0.
-   Macros, as only the preprocessor can pass one member to offsetof and to sizeof. */
+/* One row per field: its name, its kind, its member, and the bit of a flag, else 0. Macros, as only
+   the preprocessor can pass one member to offsetof and to sizeof. */
 #define PORT(name, of_kind, member, mask)                                                          \
     make_field(name, of_kind, false, offsetof(port_values, member), sizeof(port_values::member),   \
                mask)
@@ -169,7 +169,7 @@ constexpr field all_fields[] = {
     MEASUREMENT(rxpower, kind::power),
 };
 
-/* The member of lane 0; those of other lanes follow at the same distance. */
+/* The member of lane 0; the members of other lanes follow at the same distance. */
 #define LANE(name, of_kind, member, mask)                                                          \
     field                                                                                          \
     {                                                                                              \
@@ -198,7 +198,7 @@ constexpr field all_lane_fields[] = {
 #undef MODULE
 #undef MEASUREMENT
 
-/* The settings of each kind of module. Groups that several kinds share have names. */
+/* The settings of each kind of module. Groups of settings that several kinds share have names. */
 static constexpr std::string_view sfp =
     "readable=1 mode_type=1 diag_mode_type=1 vendor_oui=\\x02EX";
 static constexpr std::string_view measured =
@@ -238,7 +238,7 @@ static constexpr module_kind all_module_kinds[] = {
     throw board_error(text);
 }
 
-/* The choices, for errors. */
+/* The names of a table, for the list of choices in an error. */
 template <typename table>
 static std::string list_of_names(const table &entries)
 {
@@ -258,7 +258,7 @@ static std::optional<double> read_measure(field_kind of, std::string_view text)
     const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
     if (of == field_kind::ratio && name.empty() && value > 0 && value < 1)
         return -1000 * std::log10(value);
-    /* The one unit that is not linear: decibels relative to a milliwatt. */
+    /* The only unit that is not linear: decibels relative to a milliwatt. */
     if (of == field_kind::power && name == "dBm")
         return std::pow(10.0, value / 10) * 1e3;
     for (const unit &known : units)
@@ -267,7 +267,7 @@ static std::optional<double> read_measure(field_kind of, std::string_view text)
     return std::nullopt;
 }
 
-/* The values that a field of this kind takes, for errors. */
+/* The values that a field of this kind accepts, for errors. */
 static std::string values_of(field_kind of)
 {
     std::string words;
@@ -284,7 +284,7 @@ static std::string values_of(field_kind of)
     return words + "a whole number";
 }
 
-/* Tries a word first, then a raw number, then one with a unit. */
+/* Tries a word first, then a raw number, then a number with a unit. */
 static uint32_t parse_value(const field &target, std::string_view text)
 {
     for (const named_value &known : named_values)
@@ -298,14 +298,14 @@ static uint32_t parse_value(const field &target, std::string_view text)
     if (!value || !std::isfinite(*value))
         fail(std::string(target.name) + " can't be " + quoted(text) + ": it takes " +
              values_of(target.kind));
-    /* A double holds all values exactly, so that one range check serves all kinds. */
+    /* A double can represent all values exactly, so that one range check serves all kinds. */
     const bool is_signed = target.kind == field_kind::temperature;
     const double lowest = is_signed ? INT32_MIN : 0;
     const double highest = target.kind == field_kind::flag ? 1
                            : target.size == 1              ? UINT8_MAX
                            : is_signed                     ? INT32_MAX
                                                            : UINT32_MAX;
-    /* A measure such as 3.3V is rarely an exact number of its unit. */
+    /* A measure such as 3.3V is rarely an exact multiple of the record's unit. */
     const double rounded = std::round(*value);
     if (rounded < lowest || rounded > highest)
         fail(std::string(target.name) + " can't be " + quoted(text) + ": out of range");
@@ -332,7 +332,7 @@ static const field &parse_field(std::string_view name)
     return *found;
 }
 
-/* The number behind the point; 0 for the name of a field that no lane has. */
+/* The number after the point in a name; 0 for a name that isn't a lane's field. */
 static uint32_t parse_lane(std::string_view name)
 {
     const size_t point = name.find('.');
@@ -420,7 +420,7 @@ std::vector<setting> parse_settings(std::span<const std::string_view> words)
     return settings;
 }
 
-/* Copies bytes, as fields may be unaligned. */
+/* Copies the bytes, since a field may be unaligned. */
 uint32_t read_number(const field &source, const void *values, uint32_t lane)
 {
     const auto *from =
@@ -432,7 +432,7 @@ uint32_t read_number(const field &source, const void *values, uint32_t lane)
     return source.kind == field_kind::flag ? (number & source.mask) != 0 : number;
 }
 
-/* A text is padded with zeros; a flag keeps the other bits of its word. */
+/* A text is padded with zeros; setting a flag keeps the other bits of its word. */
 void write_setting(const setting &value, void *values)
 {
     const field &target = *value.target;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Order of work: split_words() divides a line; the parsers each convert one word, or throw a
+/* Order of work: split_words() splits a line; each parser converts one word, or throws a
    board_error that says which form is right. */
 #include "platform/dolm_ric/simulator/words.h"
 
@@ -104,10 +104,10 @@ static uint32_t parse_port(std::string_view text, std::string_view list)
     return static_cast<uint32_t>(*port);
 }
 
-/* Adds the ports of the range that aren't listed yet, as one range or several. */
+/* Adds the ports of the range that aren't in the list yet, as one range or several. */
 static void add_range(port_list &ports, std::vector<bool> &is_listed, const port_range &added)
 {
-    bool continues = false; /* the last range of the list */
+    bool continues = false; /* the port continues the last range of the list */
     for (uint32_t port = added.first; port <= added.last; port++) {
         const bool is_new = !is_listed[port];
         if (is_new && continues)
@@ -119,14 +119,14 @@ static void add_range(port_list &ports, std::vector<bool> &is_listed, const port
     }
 }
 
-/* The ports are counted as they are named, so that a list that names a port many times can't cause
-   work for millions of ports. */
+/* A port that is named again counts again towards the limit, so that a list which names a port many
+   times can't cause work for millions of ports. */
 port_list parse_ports(std::string_view text)
 {
     port_list ports;
     std::vector<bool> is_listed(max_ports);
     uint32_t count = 0;
-    /* Including an empty part at the end, which is an error. */
+    /* Includes an empty part at the end, which is an error. */
     for (size_t at = 0; at <= text.size();) {
         const std::string_view part = text.substr(at, text.find(',', at) - at);
         const size_t dash = part.find('-');

@@ -15,11 +15,12 @@ namespace board
 /* The words are views into `text`. */
 std::vector<std::string_view> split_words(std::string_view text);
 
-/* For parse_setting: non-printable and non-ASCII bytes become \xNN, a backslash \\. */
+/* The form that parse_setting takes: non-printable and non-ASCII bytes become \xNN, a backslash
+   \\. */
 std::string escape(std::string_view bytes, bool spaces_too);
-/* The inverse of escape(). A single backslash is an error, as it is probably a mistake. */
+/* The inverse of escape(). A single backslash is an error, since it is probably a mistake. */
 std::string unescape(std::string_view text);
-/* For messages: escaped, in quotes. */
+/* A text for messages: escaped and in quotes. */
 std::string quoted(std::string_view text);
 
 /* A decimal or 0x number with an optional sign; nothing for any other text. */
@@ -27,7 +28,7 @@ std::optional<int64_t> parse_integer(std::string_view text);
 /* A decimal or 0x number from 0 to `highest`. */
 uint64_t parse_number(std::string_view text, uint64_t highest);
 
-/* Ports in the order in which they were named first, each once. */
+/* Ports in the order in which they were first named, without duplicates. */
 struct port_range {
     uint32_t first;
     uint32_t last;

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Most makers of 10GBASE-T modules copy the memory of a 10GBASE-SR one, with made-up powers and
-   currents, since hosts accept no other. Only the names of maker and part distinguish them. */
+/* Most makers of 10GBASE-T modules copy the memory of a 10GBASE-SR module, with made-up powers and
+   currents, since hosts accept no other. Only the names of maker and part distinguish them from
+   optical modules. */
 #include "platform/dolm_ric/linux/decode/base_t_modules.h"
 
 namespace linux_board
@@ -21,12 +22,13 @@ uint32_t speed_of_base_t(std::string_view vendor, std::string_view part)
         {"OEM", "SFP-10G-T", 100},
         {"OEM", "RTSFP-10", 100},
         {"OEM", "RTSFP-10G", 100},
-        /* "Doesn't identify as copper": the same table. */
+        /* "Doesn't identify as copper": table sfp_quirks, too. */
         {"FS", "SFP-10G-T", 100},
         {"Walsun", "HXSX-ATRC-1", 100},
         {"Walsun", "HXSX-ATRI-1", 100},
-        /* Copper behind the same bridge as those: the same table and linux-kernel mailing list,
-           2025-02-26, "Add quirk for a copper SFP that identifies itself as FS SFP-10GM-T". */
+        /* Copper behind the same bridge as the modules above: table sfp_quirks, and linux-kernel
+           mailing list, 2025-02-26, "Add quirk for a copper SFP that identifies itself as FS
+           SFP-10GM-T". */
         {"FS", "SFP-10GM-T", 100},
         /* Seen at work at 10 Gb/s on copper: openwrt/openwrt, pull request 22910, 2026-05-15. */
         {"OEM", "SFP-10G-T-I", 100},

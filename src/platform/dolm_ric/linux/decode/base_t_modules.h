@@ -9,8 +9,8 @@
 namespace linux_board
 {
 
-/* The speed, in 0.1 Gb/s, of the module of this maker and part number, both without padding, where
-   it is known to be for twisted pair whatever else its memory says; 0 for all others. */
+/* The speed, in 0.1 Gb/s, of the module of this maker and part number, both without padding, if it
+   is known to be for twisted pair whatever its memory says; 0 for all other modules. */
 uint32_t speed_of_base_t(std::string_view vendor, std::string_view part);
 
 } // namespace linux_board

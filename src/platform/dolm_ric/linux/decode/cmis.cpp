@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The memory of QSFP-DD, OSFP and other modules with CMIS: identity in page 00h, what is measured
    in page 01h, limits in page 02h, values and flags of eight lanes in page 11h. A module of more
-   lanes has a bank of page 11h for each eight of them. A flat memory, as in cables, ends with page
-   00h. Offsets are decimal as there. */
+   lanes has a bank of page 11h for each eight lanes. A flat memory, as in cables, ends with page
+   00h. Offsets are decimal, as in the standard. */
 #include "platform/dolm_ric/linux/decode/module_family.h"
 #include "platform/dolm_ric/linux/decode/module_speed.h"
 #include "platform/dolm_ric/linux/decode/vdm.h"
@@ -16,7 +16,7 @@ namespace linux_board
 namespace
 {
 
-/* Byte 159 of page 01h; the bits behind these are for auxiliary monitors. */
+/* Byte 159 of page 01h; its higher bits are for auxiliary monitors. */
 enum module_monitors : uint8_t {
     has_temperature_bit = 0x01,
     has_voltage_bit = 0x02,
@@ -34,7 +34,7 @@ enum measurement_types : uint8_t {
     average_power_bit = 0x10,
 };
 
-/* Byte 85. The kind 4 is an active cable, of either medium. */
+/* Byte 85. The code 4 is an active cable, of copper or fibre. */
 enum media_kind : uint8_t { multi_mode = 1, single_mode = 2, passive_copper = 3, base_t = 5 };
 
 /* An application: `host_lanes` lanes of the host, beginning at a lane of `host_starts` (bit n: lane
@@ -46,8 +46,8 @@ struct application {
     uint32_t media_starts;
 };
 
-/* Of a data path. It sends while it is activated; it receives in the last four. Modules that don't
-   report a state have the code 0. */
+/* State of a data path. Its lanes send only in `activated`; they receive in the last four states.
+   Modules that don't report a state have the code 0. */
 enum class path_state : uint8_t {
     untold,
     deactivated,
@@ -59,31 +59,31 @@ enum class path_state : uint8_t {
     initialized
 };
 
-/* Where page 11h has a measurement's values, of 16 bits a lane, and its flags: four bytes, of one
-   bit a lane, for high alarm, low alarm, high warning and low warning. */
+/* Where page 11h has the values of a measurement, 16 bits for each lane, and its flags: four bytes
+   with one bit for each lane, for high alarm, low alarm, high warning and low warning. */
 struct lane_fields {
     size_t values;
     size_t flags;
 };
 
-/* Of the whole module. A bit of byte 145 of page 01h says which of two things it measures; null for
-   one that has no place. */
+/* A monitor of the whole module. A bit of byte 145 of page 01h selects which of two quantities it
+   measures; a quantity that the contents don't have is null. */
 struct auxiliary_monitor {
     uint8_t claim; /* in byte 159 of page 01h */
     uint8_t kind;  /* in byte 145 */
     measurement module_contents::*if_clear;
     measurement module_contents::*if_set;
     size_t value;
-    size_t flags; /* a byte, and its first bit */
+    size_t flags; /* byte of the flags; their first bit is first_flag */
     int first_flag;
-    size_t limits; /* on page 02h */
+    size_t limits; /* offset on page 02h */
 };
 
 } // namespace
 
-/* The sum of the identity, at 222, is the last byte that is read of page 00h. The pages 01h and 02h
-   are read as a whole for theirs. Page 11h begins with the states of the data paths and ends with
-   the applications that they have. */
+/* The checksum of the identity, byte 222, is the last byte that is read of page 00h. Pages 01h and
+   02h are read as a whole for their checksums. Page 11h is read from the states of the data paths
+   to the applications of the lanes. */
 static constexpr memory_range state_range = {identity_address, 0, 0, 0, 24};
 /* The version of the active firmware, and the cause of a fault. */
 static constexpr memory_range firmware_range = {identity_address, 0, 0, 38, 4};
@@ -94,14 +94,14 @@ static constexpr memory_range features_range = {identity_address, 0, 0x01, 128, 
 static constexpr memory_range limits_range = {identity_address, 0, 0x02, 128, 128};
 
 static constexpr uint8_t lanes_of_bank = 8;
-static constexpr uint8_t banks_with_switches = 2; /* that are read */
+static constexpr uint8_t banks_with_switches = 2; /* number of banks whose switches are read */
 
 static constexpr memory_range lanes_range(uint8_t bank)
 {
     return {identity_address, bank, 0x11, 128, 86};
 }
 
-/* The lanes of light whose transmitter the host has switched off. */
+/* Bits of the lanes of light whose transmitter the host has switched off. */
 static constexpr memory_range off_range(uint8_t bank)
 {
     return {identity_address, bank, 0x10, 130, 1};
@@ -121,15 +121,15 @@ static constexpr auxiliary_monitor auxiliary_monitors[] = {
     {0x10, 0x04, laser, nullptr, 22, 11, 0, 160},
 };
 
-/* The sum of a page of zeros is right. */
+/* A page of zeros has a right checksum and is refused by its other bytes. */
 static bool is_identity_right(const memory_view &identity)
 {
     return identity.was_read() && is_sum_right(identity, 128, 94) &&
            !are_blank(identity.bytes(128, 95));
 }
 
-/* Codes of the media technology: 0x0a to 0x0f are cables of copper, passive or with electronics; 0
-   is a laser of 850 nm, or an empty byte. */
+/* Codes of the media technology: 0x0a to 0x0f are copper cables, passive or with electronics; 0 is
+   a laser of 850 nm, or an unwritten byte. */
 static bool is_copper_technology(uint8_t technology)
 {
     return technology >= 0x0a && technology <= 0x0f;
@@ -148,14 +148,15 @@ static medium medium_of(const module_memory &memory, const memory_view &identity
                          kind == single_mode);
 }
 
-/* Of the lasers: in any other state they may be off, and their values are no faults. */
+/* Whether the module is in the state in which its lasers run: in other states they may be off, and
+   low values are no faults. */
 static bool is_running(const memory_view &state)
 {
     constexpr int ready_state = 3;
     return (state.u8(3) >> 1 & 7) == ready_state;
 }
 
-/* The first two bytes of page 01h are those of the firmware and not in its sum. */
+/* The first two bytes of page 01h are the firmware's version and not in the page's checksum. */
 static bool are_features_right(const memory_view &features)
 {
     return is_sum_right(features, 130, 125);
@@ -166,7 +167,7 @@ static bool are_limits_right(const memory_view &limits)
     return is_sum_right(limits, 128, 127);
 }
 
-/* Without a page 01h that is right the lanes are unknown. */
+/* Without a valid page 01h the lanes are unknown. */
 static bool are_features_known(const memory_view &features)
 {
     return features.was_read() && are_features_right(features);
@@ -207,7 +208,7 @@ static bool is_group_wanted(const module_memory &memory)
     return is_vdm_wanted(memory) && group < vdm_group_count(memory);
 }
 
-/* One round of values fits into one packet to the reader, so the switches of the third and fourth
+/* One round of readings fits into one packet to the reader, so the switches of the third and fourth
    bank are left out. */
 static constexpr plan_row cmis_plan[] = {
     {{identity_range, reading_time::once, false}, always},
@@ -239,7 +240,8 @@ static constexpr plan_row cmis_plan[] = {
     {{vdm_range(vdm_values, 3), reading_time::slowly, true}, is_group_wanted<3>},
 };
 
-/* The fastest of the applications; four bytes each, the host interface first, up to one of 0xff. */
+/* The speed of the fastest application. A descriptor has four bytes, the host interface first; one
+   of 0xff ends the list. */
 static uint32_t speed_of(const memory_view &applications)
 {
     uint32_t fastest = 0;
@@ -267,8 +269,8 @@ static void fill_identity(const memory_view &from, uint32_t speed, medium carrie
     contents.copper = carrier == medium::copper;
 }
 
-/* Of the whole module: four bits from `bit` on, high alarm, low alarm, high warning, low warning.
- */
+/* Flags of the whole module: four bits from `bit` on, high alarm, low alarm, high warning, low
+   warning. */
 static uint8_t module_flags(uint8_t byte, int bit)
 {
     int flags = 0;
@@ -295,9 +297,8 @@ static void add_lanes(const memory_view &lanes, const lane_fields &fields, uint8
                                 lane_flags(lanes, fields.flags, lane)});
 }
 
-/* Steps of bias are 2 uA times the module's own factor, 1, 2 or 4, for values and limits alike: a
-   decoder that ignores it or divides by it shows half or a quarter of a current, or less. The
-   fourth code is reserved: nothing is known of such values. */
+/* Steps of bias are 2 uA times a factor of 1, 2 or 4 that the module gives, for values and limits
+   alike. The fourth code of the factor is reserved: such values are unknown. */
 static int bias_scale_code(const memory_view &features)
 {
     return features.u8(160) >> 3 & 3;
@@ -312,7 +313,7 @@ static conversion bias_conversion(const memory_view &features)
     return bias;
 }
 
-/* The lanes that a module lacks are known for the first bank only. */
+/* Which lanes a module lacks is known for the first bank only. */
 static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_lanes,
                       const memory_view &features, module_contents &contents)
 {
@@ -330,8 +331,8 @@ static void fill_bank(const memory_view &lanes, uint8_t bank, uint8_t missing_la
         add_lanes(lanes, rx_power_fields, bank, missing_lanes, power_steps, contents.rx_power);
 }
 
-/* Of the descriptor with that code, from 1 on: those behind the eighth stand on page 01h. Nothing
-   where the module describes none. */
+/* The application of the descriptor with number `code`, from 1 on; descriptors behind the eighth
+   are on page 01h. Nothing if the module has no such descriptor. */
 static std::optional<application> find_application(const memory_view &applications,
                                                    const memory_view &features, int code)
 {
@@ -350,8 +351,8 @@ static std::optional<application> find_application(const memory_view &applicatio
     return makes_sense ? std::optional(found) : std::nullopt;
 }
 
-/* The first lane of light of a data path that begins with that lane of the host: in the same place
-   among the lanes where one may begin. */
+/* The first lane of light of a data path that begins with the host lane `first_host`: the n-th
+   permitted host start belongs to the n-th permitted media start. */
 static int first_light(const application &its, int first_host)
 {
     const int place = std::popcount(its.host_starts & ((1u << first_host) - 1));
@@ -361,9 +362,9 @@ static int first_light(const application &its, int first_host)
     return starts != 0 ? std::countr_zero(starts) : place * its.media_lanes;
 }
 
-/* The lanes of light, within the bank, that carry a lane of the host: its share of the lanes of its
-   application, or of the first application if its own isn't known. Without any, lane n of light
-   carries lane n of the host. */
+/* The lanes of light, within the bank, that carry a lane of the host: this lane's share of its
+   application, or of the first application if the lane's own isn't known. Without any application,
+   lane n of light carries lane n of the host. */
 static uint32_t lanes_of_light(const memory_view &applications, const memory_view &features,
                                const memory_view &lanes, int lane)
 {
@@ -391,7 +392,7 @@ static path_state state_of_path(const memory_view &lanes, int lane)
     return static_cast<path_state>((lane % 2 == 0 ? both : both >> 4) & 7);
 }
 
-/* A lane of light is off if the host has switched it off, or all data paths that it carries. */
+/* A lane of light is off if the host has switched it off, or if all data paths on it are off. */
 static void fill_paths(const module_memory &memory, const memory_view &lanes, uint8_t bank,
                        const memory_view &features, module_contents &contents)
 {
@@ -419,7 +420,7 @@ static void fill_paths(const module_memory &memory, const memory_view &lanes, ui
     contents.rx_off_lanes |= (carrying & ~receiving) << first;
 }
 
-/* A bank that could not be read, or is blank, leaves its lanes out; the others stand. */
+/* If a bank could not be read, or is blank, only its own lanes are missing. */
 static void fill_lanes(const module_memory &memory, const memory_view &features,
                        uint8_t missing_lanes, module_contents &contents)
 {
@@ -443,8 +444,8 @@ static void fill_limits(const memory_view &limits, const memory_view &features,
         contents.tx_bias.limits = limits_at(limits, 184, bias_conversion(features));
 }
 
-/* A value of 0 that the module doesn't claim to measure is none. Without page 01h it claims
-   nothing and denies nothing. */
+/* A value of 0 counts as missing if the module doesn't claim to measure it. Without page 01h the
+   claims are unknown, and the value counts. */
 static void fill_state(const memory_view &state, const memory_view &features,
                        module_contents &contents)
 {
@@ -468,7 +469,7 @@ static void fill_auxiliary(const memory_view &state, const memory_view &features
             continue;
         measurement &its = contents.*measures;
         if (its.is_claimed)
-            continue; /* a second laser */
+            continue; /* this would be a second laser */
         const conversion &steps = measures == tec ? tec_steps : temperature_steps;
         its.is_claimed = true;
         if (is_running(state))
@@ -479,7 +480,7 @@ static void fill_auxiliary(const memory_view &state, const memory_view &features
     }
 }
 
-/* A cable that measures nothing leaves temperature and voltage at 0. */
+/* A cable without measurements leaves temperature and voltage at 0. */
 static void decode_diagnostics(const module_memory &memory, uint8_t missing_lanes,
                                module_contents &contents)
 {

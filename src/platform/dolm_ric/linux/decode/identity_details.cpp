@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The identity by the three layouts. Fields that decode_module() has decoded already, such as the
-   vendor, are taken from its result; offsets are decimal, as in the layouts' own sources. */
+/* The identity of the three layouts. Fields that decode_module() has decoded, such as the vendor,
+   are taken from its result; offsets are decimal, as in the layouts' own sources. */
 #include "platform/dolm_ric/linux/decode/code_names.h"
 #include "platform/dolm_ric/linux/decode/module_details.h"
 #include "platform/dolm_ric/linux/decode/module_family.h"
@@ -28,7 +28,7 @@ static constexpr memory_range cmis_lanes(uint8_t bank)
     return {identity_address, bank, 0x11, 128, 86};
 }
 
-static constexpr uint8_t beyond = 255; /* of a length: longer than the byte can say */
+static constexpr uint8_t beyond = 255; /* the length is more than the byte can express */
 
 template <size_t size>
 static void put(char (&field)[size], std::string_view text)
@@ -62,7 +62,7 @@ static double metres(uint8_t count, double unit)
     return count == 0 || count == beyond ? 0 : count * unit;
 }
 
-/* Byte 66 has the power of class 4. */
+/* Byte 66 has the power of a module of class 4. */
 static void take_sfp_power(const memory_view &from, identity_record &to)
 {
     static constexpr double watts[] = {1.0, 1.5, 2.0};
@@ -96,7 +96,7 @@ static void take_sfp(const memory_view &from, bool is_copper, identity_record &t
     to.wavelength = is_cable ? 0 : from.u16(60);
 }
 
-/* The power of class 8 is in a byte that isn't read. */
+/* The power of a module of class 8 is in a byte that isn't read. */
 static void take_qsfp_power(uint8_t options, identity_record &to)
 {
     static constexpr double watts[] = {1.5, 2.0, 2.5, 3.5, 4.0, 4.5, 5.0, 0};
@@ -128,13 +128,13 @@ static void take_qsfp(const memory_view &from, bool is_copper, identity_record &
     to.wavelength = is_copper ? 0 : from.u16(186) / 20.0;
 }
 
-/* Two bits of a multiplier and six of a length. */
+/* A byte with two bits of multiplier and six bits of length. */
 static double scaled_metres(uint8_t byte, const double (&units)[4])
 {
     return (byte & 0x3f) * units[byte >> 6];
 }
 
-/* A version of all zeros isn't given, one of all ones is invalid. */
+/* A version of all zeros means "not given", one of all ones is invalid. */
 static std::string firmware_name(uint8_t major, uint8_t minor)
 {
     const bool has = (major | minor) != 0 && (major & minor) != 0xff;
@@ -153,8 +153,8 @@ static void take_cmis_features(const memory_view &from, bool is_copper, identity
     to.wavelength = is_copper ? 0 : from.u16(138) / 20.0;
 }
 
-/* Four bytes each, up to one of 0xff. Page 01h has those behind the eighth, and where all of them
-   may begin on the media side. */
+/* Descriptors of applications have four bytes; one of 0xff ends the list. Page 01h has those behind
+   the eighth, and the lanes where each application may begin on the media side. */
 static void take_applications(const memory_view &first, const memory_view *features,
                               identity_record &to)
 {
@@ -183,7 +183,7 @@ static void take_applications(const memory_view &first, const memory_view *featu
     }
 }
 
-/* Each lane of the host names its application by the descriptor's number. */
+/* Each lane of the host gives the number of its application's descriptor. */
 static void take_selection(const module_memory &memory, identity_record &to)
 {
     constexpr uint32_t lanes_of_bank = 8;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The caller of the library grades a value by comparing it with the limits in the same record:
-   above both low limits and below both high ones is right, on a limit counts as beyond it. So what
-   must not be graded can only be kept from it by limits that no value reaches. */
+   above both low limits and below both high ones is right, on a limit counts as beyond it. So a
+   value that must not be graded gets limits that no value reaches. */
 #include "platform/dolm_ric/linux/decode/module_decode.h"
 
 #include "platform/dolm_ric/linux/decode/module_family.h"
@@ -17,7 +17,7 @@ namespace linux_board
 namespace
 {
 
-/* A measurement as the record carries it: rounded, of one lane. */
+/* A measurement as the record has it: rounded, and of one lane. */
 struct graded_value {
     int64_t low_warning;
     int64_t high_warning;
@@ -28,8 +28,8 @@ struct graded_value {
 
 enum class sign : uint8_t { any, never_negative };
 
-/* Bit n stands for lane n: `own` has the lanes of the port, `off` those that are dark on purpose.
- */
+/* Bit n stands for lane n: `own` are the lanes of the port, `off` are lanes that are dark on
+   purpose. */
 struct lane_choice {
     uint32_t own;
     uint32_t off;
@@ -37,7 +37,7 @@ struct lane_choice {
 
 } // namespace
 
-/* Beyond all values, with either calibration, and well within the words of the record. */
+/* A limit beyond all values, with either calibration, that fits into the words of the record. */
 static constexpr double open_limit = 2'000'000'000.0;
 
 static constexpr double infinity = std::numeric_limits<double>::infinity();
@@ -78,8 +78,8 @@ static measurement_limits usable_limits(const measurement &its, bool has_low_lim
     return limits;
 }
 
-/* The distance to the nearest limit; the smaller, the worse. Among lanes of the same distance the
-   lowest value counts, as among lanes without limits. */
+/* The distance to the nearest limit; a smaller distance is worse. Among lanes of equal distance, or
+   without limits, the lowest value counts. */
 static auto margin_of(double value, const measurement_limits &limits)
 {
     const bool alarm = value <= limits.low_alarm || value >= limits.high_alarm;
@@ -88,7 +88,8 @@ static auto margin_of(double value, const measurement_limits &limits)
     return std::tuple(alarm ? 0 : warning ? 1 : 2, distance, value);
 }
 
-/* A measurement of one lane is the whole module's, so it counts for each of its ports. */
+/* The worst value of the port's lanes. A measurement of one lane belongs to the whole module, so it
+   counts for each of the module's ports. */
 static std::optional<double> worst_value(const measurement &its, const measurement_limits &limits,
                                          const lane_choice &lanes)
 {
@@ -108,7 +109,7 @@ static int64_t rounded(double value, double lowest)
     return std::llround(std::clamp(value, lowest, open_limit));
 }
 
-/* Nothing where no record can give the level that the exact values have. */
+/* Nothing if no rounded record can give the level that the exact values have. */
 static std::optional<graded_value> grade(const measurement &its, const lane_choice &lanes,
                                          sign signs, bool has_low_limits)
 {
@@ -133,7 +134,7 @@ static std::optional<graded_value> grade(const measurement &its, const lane_choi
     return fits ? std::optional(graded) : std::nullopt;
 }
 
-/* The five words of a measurement in the record. */
+/* Writes a measurement's five words of the record. */
 template <typename word>
 static uint32_t fill_words(const std::optional<graded_value> &from, uint32_t capability,
                            word &low_warning, word &high_warning, word &low_alarm, word &high_alarm,

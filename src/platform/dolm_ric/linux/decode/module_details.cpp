@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Identity, then limits, then values with their grades and flags, then the conditions of the lanes.
-   A value that is missing gets its reason from the first of these that holds: copper has no light;
-   the module has no diagnostics; its values were refused; it isn't ready; a part of its memory
-   wasn't read; it doesn't measure that. */
+   A missing value gets the first reason that applies: copper has no light; the module has no
+   diagnostics; its values were refused; the module isn't ready; a part of its memory wasn't read;
+   the module doesn't measure the value. */
 #include "platform/dolm_ric/linux/decode/module_details.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -23,8 +23,8 @@ namespace
 
 using record_type = dolm_ric_details_record;
 
-/* By lane: whether the module reports a condition, whether the condition is there, and whether it
-   could not be read. */
+/* Bits by lane: the module reports the condition; the condition is present; the condition could not
+   be read. */
 struct lane_bits {
     uint32_t told = 0;
     uint32_t on = 0;
@@ -32,10 +32,10 @@ struct lane_bits {
 };
 using lane_signals = std::array<lane_bits, DOLM_RIC_SIGNALS>;
 
-/* A measurement of the contents and how the record has it. */
+/* A measurement of the contents, and how the record shows it. */
 struct measured {
     measurement module_contents::*from;
-    double unit; /* so many of the contents' units are one of the record's */
+    double unit; /* how many of the contents' units are one unit of the record */
 };
 
 } // namespace
@@ -59,7 +59,7 @@ static constexpr memory_range cmis_lanes(uint8_t bank)
     return {identity_address, bank, 0x11, 128, 86};
 }
 
-/* In the order of enum dolm_ric_details_module_value and of its like for lanes. */
+/* In the order of enum dolm_ric_details_module_value and enum dolm_ric_details_lane_value. */
 static constexpr measured module_values[] = {
     {&module_contents::temperature, 1e3},
     {&module_contents::voltage, 1e6},
@@ -78,7 +78,7 @@ static int64_t nanoseconds(module_memory::time_point at)
     return std::chrono::nanoseconds{at.time_since_epoch()}.count();
 }
 
-/* Rounded far below what any module measures, so that a decimal fraction stays one. */
+/* Rounded to a step far below what modules measure, so that a decimal fraction stays one. */
 static double in_unit(double value, double unit)
 {
     return std::round(value / unit * 1e9) / 1e9;
@@ -106,7 +106,7 @@ static memory_range limits_range(module_family family)
                                            : cmis_limits;
 }
 
-/* Why values of the whole module are missing; valid if they are there. */
+/* The state of the values of the whole module: valid, or why they are missing. */
 static uint32_t state_of_values(const module_memory &memory, const module_contents &contents)
 {
     switch (contents.diagnostics) {
@@ -124,21 +124,21 @@ static uint32_t state_of_values(const module_memory &memory, const module_conten
     return contents.doubts.empty() ? DOLM_RIC_VALUE_NOT_READY : DOLM_RIC_VALUE_DOUBTFUL;
 }
 
-/* In any other state lasers may be off, and their values mean nothing. */
+/* In any other state the lasers may be off, and their values mean nothing. */
 static bool is_running(const module_memory &memory)
 {
     const memory_view state(memory, cmis_state);
     return state.was_read() && (state.u8(3) >> 1 & 7) == DOLM_RIC_MODULE_READY;
 }
 
-/* Why what stands on the upper pages of a module with CMIS is missing. */
+/* The state of the upper pages of a CMIS module: valid, or why their content is missing. */
 static uint32_t state_of_pages(const module_memory &memory, const module_contents &contents)
 {
     const uint32_t whole = state_of_values(memory, contents);
     if (whole != DOLM_RIC_VALUE_VALID)
         return whole;
     const memory_view state(memory, cmis_state);
-    if ((state.u8(2) & 0x80) != 0) /* a flat memory */
+    if ((state.u8(2) & 0x80) != 0) /* the memory is flat */
         return DOLM_RIC_VALUE_NOT_SUPPORTED;
     if (!is_running(memory))
         return DOLM_RIC_VALUE_NOT_READY;
@@ -165,7 +165,7 @@ static uint32_t state_of_lanes(const module_memory &memory, const module_content
                : uint32_t{DOLM_RIC_VALUE_NOT_READ};
 }
 
-/* A value that was read before can't become "not read yet". */
+/* If a value was read before, its state becomes "no answer" instead of "not read yet". */
 static uint32_t state_after(uint32_t before, uint32_t now)
 {
     const bool is_lost = now == DOLM_RIC_VALUE_NOT_READ &&
@@ -207,8 +207,7 @@ static void take_limits(const measurement &its, double unit, uint32_t state,
     to.high_alarm = in_unit(its.limits->high_alarm, unit);
 }
 
-/* Of a flag or a condition: a reading that found it. The one that was counted last isn't counted
-   again. */
+/* Counts a reading that found the flag or condition; the same reading isn't counted twice. */
 template <typename counted>
 static void count(counted &its, int64_t at)
 {
@@ -227,7 +226,7 @@ static void set_missing(uint32_t why, dolm_ric_details_value &to)
     to.value = 0;
 }
 
-/* measurement_flag has its bits in the order of enum dolm_ric_details_flag_kind. */
+/* The bits of measurement_flag are in the order of enum dolm_ric_details_flag_kind. */
 static void count_flags(uint8_t flags, int64_t at, dolm_ric_details_value &to)
 {
     for (uint32_t kind = 0; kind < DOLM_RIC_FLAGS; kind++)
@@ -269,7 +268,7 @@ static void take_module_values(const module_memory &memory, const module_content
     }
 }
 
-/* A bank's values were read at another time than those of the module. */
+/* The values of a bank are read at another time than those of the module. */
 static std::optional<module_memory::time_point> lane_read_at(const module_memory &memory,
                                                              module_family family, uint32_t lane)
 {
@@ -278,15 +277,15 @@ static std::optional<module_memory::time_point> lane_read_at(const module_memory
                               : values_range(family));
 }
 
-/* Of the first bank; byte 210 has those that a module with CMIS lacks there. */
+/* The lanes of the first bank; byte 210 lists the lanes that a CMIS module lacks. */
 static uint32_t lanes_present(const module_memory &memory)
 {
     const memory_view identity(memory, cmis_identity);
     return identity.was_read() ? ~uint32_t{identity.u8(210)} & 0xffu : 0xffu;
 }
 
-/* Between host and module, of the first bank, by the applications: a lane of light may carry two of
-   them. The lanes of light where the module lists no applications. */
+/* The lanes between host and module, of the first bank, by the applications: a lane of light may
+   carry two of them. The lanes of light if the module lists no applications. */
 static uint32_t host_lanes(const module_memory &memory)
 {
     const memory_view from(memory, cmis_applications);
@@ -355,7 +354,7 @@ static void take_lane_values(const module_memory &memory, const module_contents 
     }
 }
 
-/* Bytes 93 and 110: which of the signals the module has. Bytes 64 and 119: whether it has clock
+/* Bytes 93 and 110: which signals the module has. Bytes 64 and 119: whether it has clock
    recovery. */
 static void find_sfp_signals(const module_memory &memory, lane_signals &signals)
 {
@@ -373,8 +372,9 @@ static void find_sfp_signals(const module_memory &memory, lane_signals &signals)
     signals[DOLM_RIC_TX_LOL] = {has_recovery, values.u8(119) >> 1 & 1u};
 }
 
-/* Bytes 3 to 5: four bits of the receivers below four of the transmitters, but for faults. Bytes
-   194 and 195 have which of them the module reports; all modules report LOS of the receivers. */
+/* Bytes 3 to 5: four bits of the receivers below four of the transmitters; for faults, of the
+   transmitters alone. Bytes 194 and 195 say which signals the module reports; all modules report
+   LOS of the receivers. */
 static void find_qsfp_signals(const module_memory &memory, const module_contents &contents,
                               lane_signals &signals)
 {
@@ -395,7 +395,7 @@ static void find_qsfp_signals(const module_memory &memory, const module_contents
     signals[DOLM_RIC_TX_OFF] = {told(195, 0x10), contents.tx_off_lanes, contents.tx_off_unread};
 }
 
-/* Page 01h, bytes 157 and 158, has the conditions that the module reports. */
+/* Bytes 157 and 158 of page 01h say which conditions the module reports. */
 static void find_cmis_signals(const module_memory &memory, const module_contents &contents,
                               lane_signals &signals)
 {
@@ -404,10 +404,10 @@ static void find_cmis_signals(const module_memory &memory, const module_contents
         return;
     static constexpr struct {
         uint8_t signal;
-        uint8_t offset; /* on page 11h */
-        uint8_t claim;  /* on page 01h, and its bit */
+        uint8_t offset; /* offset on page 11h */
+        uint8_t claim;  /* on page 01h, with its bit */
         uint8_t bit;
-        bool is_host; /* the bits are by lane between host and module */
+        bool is_host; /* the bits are numbered by lanes between host and module */
     } rows[] = {
         {DOLM_RIC_TX_FAULT, 135, 157, 0x01, false}, {DOLM_RIC_TX_LOS, 136, 157, 0x02, true},
         {DOLM_RIC_TX_LOL, 137, 157, 0x04, true},    {DOLM_RIC_RX_LOS, 147, 158, 0x02, false},
@@ -450,7 +450,7 @@ static lane_signals find_signals(const module_memory &memory, const module_conte
     return signals;
 }
 
-/* Of a lane, where the lanes as a whole are in `state`. */
+/* The state of a condition of one lane; `state` is that of the lanes as a whole. */
 static uint32_t state_of_signal(const lane_bits &its, uint32_t lane, uint32_t state)
 {
     if (state != DOLM_RIC_VALUE_VALID)
@@ -488,7 +488,7 @@ static void take_doubts(const module_contents &contents, record_type &record)
                             sizeof(record.doubt[0]));
 }
 
-/* A module that answers, but makes no sense. */
+/* For a module that answers, but whose identity is invalid. */
 static void take_wrong_module(const module_memory &memory, const module_contents &contents,
                               record_type &record)
 {
@@ -531,7 +531,7 @@ void take_module(const module_memory &memory, const module_contents &contents,
         record.vdm_state = DOLM_RIC_VALUE_NOT_SUPPORTED;
 }
 
-/* Modules clear their flags when they are read: no later reading finds those of this one. */
+/* Reading clears the module's flags, so no later reading will find the flags of this one. */
 void take_flags(const module_memory &memory, const module_contents &contents, record_type &record)
 {
     const auto read_at = memory.read_at(values_range(contents.family));

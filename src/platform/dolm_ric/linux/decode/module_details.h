@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* module_details - from the memory of a module to the parts of its port's details that are the
-   module's. Pure functions; any thread, with one record at a time. */
+/* module_details - fills the module's parts of a port's details from the memory of the module. Pure
+   functions; any thread, with one record at a time. */
 #pragma once
 
 #include "platform/dolm_ric/dolm_ric_details.h"
@@ -13,24 +13,25 @@
 namespace linux_board
 {
 
-/* Takes what has been read of a module: identity, values, limits, flags, and the reasons for what
-   is missing. Flags are counted once for each reading. A part that the memory has no more has "no
-   answer". `contents` is what decode_module() makes of the memory. */
+/* Fills in what has been read of a module: identity, values, limits, flags, and the reasons for
+   what is missing. Flags are counted once for each reading. A part that could be read before and
+   now can't has the state "no answer". `contents` is the result of decode_module(memory). */
 void take_module(const module_memory &memory, const module_contents &contents,
                  const port_view &view, dolm_ric_details_record &record);
 
-/* Counts the flags and conditions of a reading whose values aren't taken. */
+/* Counts the flags and conditions of a reading whose values are not used. */
 void take_flags(const module_memory &memory, const module_contents &contents,
                 dolm_ric_details_record &record);
 
-/* A module is there, ready or not. One that was ready before keeps its identity while it isn't, and
-   loses its values for that reason. */
+/* Records that a module is present, ready or not. A module that stops being ready keeps its
+   identity; its values get the state `why`. */
 void set_presence(bool is_ready, uint32_t why, int64_t now, dolm_ric_details_record &record);
 
-/* The values that are there are not readable any more, for that reason; their limits stay. */
+/* Gives the present values the state `why`, since they can't be read any more; their limits
+   stay. */
 void lose_values(uint32_t why, dolm_ric_details_record &record);
 
-/* The identity alone; texts that the module doesn't have are empty. */
+/* Fills the identity alone; texts that the module doesn't have are empty. */
 void take_identity(const module_memory &memory, const module_contents &contents,
                    dolm_ric_details_identity &identity);
 

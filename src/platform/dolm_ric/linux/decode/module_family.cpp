@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The numbers of connectors and kinds of modules are those of SFF-8024. */
+/* Numbers of connectors and kinds of modules are codes of SFF-8024. */
 #include "platform/dolm_ric/linux/decode/module_family.h"
 
 #include <algorithm>
@@ -61,8 +61,8 @@ medium medium_of_connector(uint8_t code)
         medium carrier;
     } codes[] = {
         {0x01, 0x01, medium::light},  /* SC */
-        {0x02, 0x05, medium::copper}, /* Fibre Channel on copper, BNC or TNC, coaxial */
-        {0x06, 0x0d, medium::light},  /* from the fibre jack to MPO, LC among them */
+        {0x02, 0x05, medium::copper}, /* Fibre Channel copper, BNC/TNC, coaxial */
+        {0x06, 0x0d, medium::light},  /* fibre jack to MPO, with LC between */
         {0x20, 0x22, medium::copper}, /* HSSDC II, copper pigtail, RJ45 */
         {0x24, 0x28, medium::light},  /* MXC, CS, SN, MPO */
     };
@@ -91,7 +91,7 @@ const module_layout *layout_of(const module_memory &memory)
     if (!view.was_read())
         return nullptr;
     switch (view.u8(0)) {
-    case 0x02: /* soldered to the board */
+    case 0x02: /* a module soldered to the board */
     case 0x03: /* SFP, SFP+, SFP28, SFP56 */
     case 0x0b: /* DWDM-SFP */
         return &sfp_layout;
@@ -123,7 +123,8 @@ bool is_range_right(const module_memory &memory, const memory_range &range)
     return row == layout->plan.end() || row->is_right == nullptr || row->is_right(view);
 }
 
-/* A row is wanted or not by what earlier rows have read, so the plan grows from its end only. */
+/* Whether a row is wanted depends on what earlier rows have read, so the plan only grows at its
+   end. */
 std::vector<reading_step> reading_plan(const module_memory &memory)
 {
     std::vector<reading_step> plan = {{identifier_range, reading_time::once, false}};

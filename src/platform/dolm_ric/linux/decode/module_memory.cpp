@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A module has a dozen stored ranges at most, so they stand in a plain list. */
+/* A module has a dozen stored ranges at most, so a plain list is enough. */
 #include "platform/dolm_ric/linux/decode/module_memory.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@ void module_memory::store(const memory_range &range, std::span<const uint8_t> by
         readings_.push_back({range, read_at, {wanted.begin(), wanted.end()}});
 }
 
-/* The newest is the last. */
+/* The latest reading is the last in the list. */
 const module_memory::reading *module_memory::find(const memory_range &range) const
 {
     const reading *found = nullptr;

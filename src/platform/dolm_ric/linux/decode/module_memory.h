@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* module_memory - the parts of one module's memory that have been read, and those to read next.
-   Pure data: the poller of the modules makes the readings and stores them here, the decoder looks
-   at them. Not safe for use by several threads at once. */
+   Pure data: the poller of the modules reads ranges and stores their bytes here, the decoder
+   interprets them. Not safe for use by several threads at once. */
 #pragma once
 
 #include "util/module_addresses.h"
@@ -30,17 +30,17 @@ struct memory_range {
 /* When a range is to be read. Each range of the plan is read once after the insertion, in the
    order of the plan. */
 enum class reading_time : uint8_t {
-    once,        /* then never again, until another module is found */
-    presence,    /* again each second: other bytes than before are another module */
-    diagnostics, /* again as often as measured values are wanted, in one go with its neighbours */
-    later,       /* once, but the module is ready before */
-    slowly,      /* as `later`, and again each ten seconds, in a reading of its own */
+    once,        /* once, and again only for another module */
+    presence,    /* each second: other bytes than before mean another module */
+    diagnostics, /* as often as measured values are wanted, in one task with its neighbours */
+    later,       /* once; the module is ready before this range has been read */
+    slowly,      /* like `later`, and again each ten seconds, in a reading of its own */
 };
 
-/* An optional range that the module refuses (a NAK, a page that it lacks) is left out, the module
-   stays in use, and the range is tried again later. Any other range that can't be read makes the
-   module "not ready". A range may be read in pieces of an even length; a 16-bit value starts at an
-   even offset and must not be split. */
+/* If the module refuses an optional range (a NAK, a missing page), the range is tried again later
+   and the module stays in use. If any other range can't be read, the module is "not ready". A range
+   may be read in pieces of an even length; a 16-bit value starts at an even offset and must not be
+   split. */
 struct reading_step {
     memory_range range;
     reading_time when;
@@ -53,25 +53,24 @@ class module_memory
   public:
     using time_point = std::chrono::steady_clock::time_point;
 
-    /* Keeps the first `range.length` bytes in place of those that were kept for the same range.
-       Where there are fewer, nothing is kept: the range counts as not read. */
+    /* Keeps the first `range.length` bytes and drops what was kept for this range. If there are
+       fewer bytes, nothing is kept: the range counts as not read. */
     void store(const memory_range &range, std::span<const uint8_t> bytes, time_point read_at);
 
-    /* The kept bytes of `range`: those stored for exactly this range, else those of the newest
-       stored range that it lies within; empty where it has not been read. Valid until the next
-       change. */
+    /* The kept bytes of `range`: those stored for exactly this range, else its part of the newest
+       stored range that contains it; empty if it has not been read. Valid until the next change. */
     std::span<const uint8_t> bytes(const memory_range &range) const;
 
-    /* When the bytes that `bytes` gives were read. */
+    /* When the bytes that `bytes` returns were read. */
     std::optional<time_point> read_at(const memory_range &range) const;
 
-    /* Drops what is kept of `range`, as after a reading that failed. */
+    /* Drops the kept bytes of `range`, as after a failed reading. */
     void drop(const memory_range &range);
 
-    /* Forgets everything that was read, as for another module. */
+    /* Forgets everything that was read; used when another module is found. */
     void clear();
 
-    /* Wrong checksums of this port's modules are to be taken for right ones. */
+    /* Whether wrong checksums of this port's modules are to be ignored. */
     void trust_sums(bool trusted)
     {
         trusts_sums_ = trusted;
@@ -95,13 +94,13 @@ class module_memory
 
 /* The ranges to read of a module, in order, given what `memory` has of it so far. The plan of an
    empty memory has one step, whose bytes show the kind of module; the plan grows as the bytes that
-   decide about further pages have been stored, and its earlier steps stay as they are. So: carry
-   out the steps whose ranges have not been read, and ask again until nothing is new. Identity bytes
-   that make no sense end the plan with themselves. */
+   decide about further pages have been stored, and its earlier steps stay as they are. So the
+   caller carries out the steps whose ranges have not been read, and asks again until there is no
+   new step. If the identity bytes are invalid, the plan has no further steps. */
 std::vector<reading_step> reading_plan(const module_memory &memory);
 
-/* False for a range that was read and can't be true, as with a wrong checksum: it is of no use, and
-   worth another try. */
+/* Returns false for a range whose bytes are invalid, for example by a wrong checksum: it is not
+   used and is to be read again. */
 bool is_range_right(const module_memory &memory, const memory_range &range);
 
 } // namespace linux_board

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Codes that aren't listed are of other networks than Ethernet, or reserved. */
+/* Codes that aren't listed are reserved, or belong to other networks than Ethernet. */
 #include "platform/dolm_ric/linux/decode/module_speed.h"
 
 #include "platform/dolm_ric/dolm_ric.h"
@@ -45,7 +45,7 @@ uint32_t tenth_gbps_of(uint32_t megabits)
 }
 
 /* Makers state the rate of the line code, the bit rate or something between, so each speed has a
-   range. Those of other networks between them have no Ethernet speed. */
+   range of rates. Rates between the ranges belong to other networks and have no Ethernet speed. */
 uint32_t speed_of_rate(uint32_t megabaud, bool is_pam4)
 {
     static constexpr struct {

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The memory of SFP modules, SFF-8472: identity at 0x50, diagnostics at 0x51. 16 bits big-endian;
-   offsets are decimal as there.
+/* The memory of SFP modules, SFF-8472: identity at 0x50, diagnostics at 0x51. Numbers of 16 bits
+   are big-endian; offsets are decimal, as in the standard.
 
    Externally calibrated modules give raw numbers and constants: slope (unsigned 8.8) and offset
-   (signed) for four of the measurements, a polynomial of the fourth degree for rx power, whose
-   result counts 0.1 uW as all powers do. Limits are raw numbers of the same kind. */
+   (signed) for four of the measurements, a polynomial of the fourth degree for rx power, in steps
+   of 0.1 uW like all powers. Limits are raw numbers, too, and are converted in the same way. */
 #include "platform/dolm_ric/linux/decode/base_t_modules.h"
 #include "platform/dolm_ric/linux/decode/module_family.h"
 #include "platform/dolm_ric/linux/decode/module_speed.h"
@@ -26,7 +26,7 @@ enum diagnostics_type : uint8_t {
     address_change_bit = 0x04,
 };
 
-/* Byte 93: which of the bits of byte 110 the module has. */
+/* Byte 93: which bits of byte 110 the module has. */
 enum options : uint8_t {
     has_flags_bit = 0x80,
     has_tx_fault_bit = 0x20,
@@ -52,21 +52,21 @@ struct sfp_conversions {
 
 } // namespace
 
-/* Bytes 96 and up of the identity belong to the maker. The last byte of the values has the locks of
-   the clock recovery; those behind it hold nothing that is needed. */
+/* Bytes 96 and up of the identity belong to the maker. The last byte of the values that is read has
+   the locks of the clock recovery; nothing behind it is needed. */
 static constexpr memory_range identity_range = {identity_address, 0, 0, 0, 96};
 static constexpr memory_range serial_range = {identity_address, 0, 0, 68, 28};
 static constexpr memory_range constants_range = {diagnostics_address, 0, 0, 0, 96};
 static constexpr memory_range values_range = {diagnostics_address, 0, 0, 96, 24};
 
-/* The first sum is over what the standard calls base fields, the second over the extended ones. */
+/* The first checksum covers the base fields of the standard, the second one its extended fields. */
 static bool is_identity_right(const memory_view &identity)
 {
     return identity.was_read() && is_sum_right(identity, 0, 63) && is_sum_right(identity, 64, 31);
 }
 
-/* Diagnostics behind an address change can't be reached: the two memories answer at one address,
-   and which one does is changed by a sequence that the kernel doesn't offer. */
+/* Diagnostics that need an address change can't be reached: both memories answer at one address,
+   and the kernel has no call for the sequence that switches between them. */
 static bool has_diagnostics(const memory_view &identity)
 {
     return (identity.u8(92) & (has_diagnostics_bit | address_change_bit)) == has_diagnostics_bit;
@@ -83,7 +83,7 @@ static bool are_diagnostics_wanted(const module_memory &memory)
     return is_identity_right(identity) && has_diagnostics(identity);
 }
 
-/* A reading that failed in the driver gives zeros or a wrong sum. */
+/* After an error in the driver the constants may be zeros or have a wrong checksum. */
 static bool are_constants_right(const memory_view &constants)
 {
     return is_sum_right(constants, 0, 95) && !are_blank(constants.bytes(0, 95));
@@ -96,13 +96,14 @@ static constexpr plan_row sfp_plan[] = {
     {{values_range, reading_time::diagnostics, true}, are_diagnostics_wanted},
 };
 
-/* In MBd. 255 stands for a rate that 8 bits can't hold: byte 66 then has it, in larger steps. */
+/* The rate in MBd. 255 means that the rate doesn't fit into 8 bits: byte 66 then has the rate, in
+   larger steps. */
 static uint32_t rate_of(const memory_view &identity)
 {
     return identity.u8(12) == 255 ? identity.u8(66) * 250u : identity.u8(12) * 100u;
 }
 
-/* The code of BX10 is the same for 100 Mb/s and 1 Gb/s: only the rate distinguishes them. */
+/* BX10 has one code for 100 Mb/s and 1 Gb/s: only the rate distinguishes them. */
 static bool is_slow_bx(const memory_view &identity)
 {
     constexpr uint8_t bx10 = 0x40;
@@ -129,7 +130,7 @@ static uint32_t compliance_of(const memory_view &identity)
     return is_slow_bx(identity) ? compliance & ~uint32_t{ethcomp_1000base_bx} : compliance;
 }
 
-/* The codes first: a rate is a figure of the maker's choice. */
+/* Codes come first, since makers choose the rate freely. */
 static uint32_t speed_of(const memory_view &identity)
 {
     constexpr uint8_t any_10g = 0xf0;
@@ -147,7 +148,7 @@ static uint32_t speed_of(const memory_view &identity)
     return speed_of_rate(rate_of(identity), identity.u8(11) == 0x08);
 }
 
-/* The bit of active cables isn't used: active optical cables have it, too. */
+/* The bit of active cables isn't used, since active optical cables have it, too. */
 static bool is_copper(const memory_view &identity)
 {
     constexpr uint8_t passive_cable = 0x04;
@@ -158,8 +159,8 @@ static bool is_copper(const memory_view &identity)
            meaning_of_compliance(identity.u8(36)).carrier == medium::copper;
 }
 
-/* Codes that name a laser or a fibre. The wavelength counts but for cables, which have other bits
-   in its place. */
+/* Whether a code names a laser or a fibre. A wavelength counts, too, except for cables, which use
+   its bytes for other bits. */
 static bool is_light(const memory_view &identity)
 {
     static constexpr uint8_t bits_of_light[] = {0xfc, 0xff, 0xff, 0xf3, 0x06, 0x70, 0x0f};
@@ -206,14 +207,14 @@ static void fill_identity(const memory_view &from, module_contents &contents)
     }
 }
 
-/* A slope and, behind it, an offset. */
+/* Reads a slope and the offset behind it. */
 static void calibrate(const memory_view &constants, size_t offset, conversion &convert)
 {
     convert.coefficients[1] = constants.u16(offset) / 256.0;
     convert.coefficients[0] = constants.s16(offset + 2);
 }
 
-/* The constants of rx power begin with that of the highest power. */
+/* The constants of rx power begin with the coefficient of the highest power. */
 static sfp_conversions external_conversions(const memory_view &constants)
 {
     sfp_conversions convert;
@@ -226,7 +227,7 @@ static sfp_conversions external_conversions(const memory_view &constants)
     return convert;
 }
 
-/* Two bits each for the alarm and the warning, from `bit` on: the low one is the lower. */
+/* Two bits each for alarm and warning, from `bit` on: the lower bit is the low limit's. */
 static uint8_t flags_at(const memory_view &values, size_t offset, int bit)
 {
     const int alarm = values.u8(offset) >> bit & 3;
@@ -234,8 +235,8 @@ static uint8_t flags_at(const memory_view &values, size_t offset, int bit)
     return static_cast<uint8_t>(alarm << 2 | warning);
 }
 
-/* The polynomial may lead anywhere; no receiver survives more than 0.1 W, and none gets less than
-   no light by more than a little noise. */
+/* The polynomial can give any number; no receiver survives more than 0.1 W, and none measures less
+   than zero by more than some noise. */
 static constexpr double most_rx_power = 100'000;
 static constexpr double least_rx_power = -100;
 
@@ -258,8 +259,8 @@ static void limit_rx_power(measurement &rx_power)
     }
 }
 
-/* Limits are converted as the values are, so with a polynomial that falls somewhere they may come
-   out in another order, and are then nonsense like any other. */
+/* Limits are converted like values. If the polynomial isn't monotonic, they may come out in another
+   order, and are then invalid. */
 static void fill_light(const memory_view &constants, const memory_view &values,
                        const sfp_conversions &convert, module_contents &contents)
 {
@@ -277,14 +278,14 @@ static void fill_light(const memory_view &constants, const memory_view &values,
     limit_rx_power(contents.rx_power);
 }
 
-/* Loss of signal and fault are of the only lane. */
+/* Loss of signal and transmit fault belong to the module's only lane. */
 static void fill_status(uint8_t options, uint8_t status, module_contents &contents)
 {
     contents.rx_los_lanes = (options & has_rx_los_bit) && (status & rx_los_bit) ? 1 : 0;
     contents.tx_fault_lanes = (options & has_tx_fault_bit) && (status & tx_fault_bit) ? 1 : 0;
 }
 
-/* Of a module of copper only what it measures of itself. */
+/* Of a copper module only temperature and voltage are taken. */
 static void fill_measurements(const memory_view &constants, const memory_view &values,
                               module_contents &contents)
 {
@@ -307,7 +308,7 @@ static void forget_limits(module_contents &contents)
         its->limits.reset();
 }
 
-/* A slope of 0 gives one result for any number: such constants were never written. */
+/* A slope of 0 gives the same result for any number: such constants were never written. */
 static bool has_zero_slope(const module_contents &contents, const memory_view &constants)
 {
     const auto is_zero = [&](size_t at) { return constants.u16(at) == 0; };
@@ -315,8 +316,8 @@ static bool has_zero_slope(const module_contents &contents, const memory_view &c
            (!contents.copper && (is_zero(76) || is_zero(80) || are_blank(constants.bytes(56, 16))));
 }
 
-/* nullptr, or why these bytes can't be what they should. Drivers and modules without a second
-   memory answer with the first one, or with nothing but zeros or ones. */
+/* Why these bytes are invalid, or nullptr. Drivers and modules without a second memory answer with
+   the first one, or with zeros or ones only. */
 static const char *reason_to_refuse(const module_contents &contents, const memory_view &identity,
                                     const memory_view &constants, const memory_view &values)
 {
@@ -337,8 +338,8 @@ static const char *reason_to_refuse(const module_contents &contents, const memor
     return external_conversions(constants).voltage(values.u16(98)) == 0 ? no_voltage : nullptr;
 }
 
-/* Constants of calibration are refused with a wrong sum, as they would make any number of a value.
-   Without them a wrong sum costs the limits only. */
+/* With wrong constants any number could become any value, so constants with a wrong checksum are
+   refused. In a module without them a wrong checksum makes the limits invalid only. */
 static void decode_diagnostics(const memory_view &identity, const memory_view &constants,
                                const memory_view &values, module_contents &contents)
 {

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The memory of QSFP, QSFP+ and QSFP28 modules, SFF-8636: values and flags of four lanes in the
-   lower memory, identity in page 0, limits in page 3. Offsets are decimal as there. */
+   lower memory, identity in page 0, limits in page 3. Offsets are decimal, as in the standard. */
 #include "platform/dolm_ric/linux/decode/module_family.h"
 #include "platform/dolm_ric/linux/decode/module_speed.h"
 
@@ -25,8 +25,8 @@ enum diagnostics_type : uint8_t {
 
 } // namespace
 
-/* The lower half of byte 86 names the lanes whose transmitter the host has switched off, that of
-   byte 113 those that one end of a split cable lacks. */
+/* The lower half of byte 86 lists the lanes whose transmitter the host has switched off, the lower
+   half of byte 113 the lanes that this end of a split cable lacks. */
 static constexpr memory_range values_range = {identity_address, 0, 0, 0, 58};
 static constexpr memory_range off_range = {identity_address, 0, 0, 86, 1};
 static constexpr memory_range lanes_range = {identity_address, 0, 0, 113, 1};
@@ -36,8 +36,8 @@ static constexpr memory_range limits_range = {identity_address, 0, 3, 128, 72};
 
 static constexpr uint8_t lane_count = 4;
 
-/* The first sum is over the base fields, the second over the extended ones. Those of a page of
-   zeros are right. */
+/* The first checksum covers the base fields, the second one the extended fields. A page of zeros
+   has right checksums. */
 static bool is_identity_right(const memory_view &identity)
 {
     return identity.was_read() && is_sum_right(identity, 128, 63) &&
@@ -94,16 +94,16 @@ static bool are_limits_wanted(const module_memory &memory)
     return is_serial_wanted(memory) && values.was_read() && (values.u8(2) & flat_memory_bit) == 0;
 }
 
-/* The page has no checksum, and blocks of zeros where the driver failed. */
+/* The page has no checksum; after an error in the driver it has blocks of zeros. */
 static bool are_limits_right(const memory_view &limits)
 {
     static constexpr size_t groups[] = {128, 144, 176, 184, 192};
     return std::ranges::none_of(groups, [&](size_t at) { return are_blank(limits.bytes(at, 8)); });
 }
 
-/* Some drivers give nothing but zeros of an upper page where bit 2 of the third byte of what was
-   asked for is set, mistaking it for that of the lower memory. Readings of one of their blocks are
-   made before that. */
+/* Some drivers return only zeros of an upper page if bit 2 of the third requested byte is set: they
+   take that byte for one of the lower memory. These drivers read the first block before that check,
+   so each reading is one block. */
 static constexpr uint8_t block = 8;
 
 static constexpr plan_row qsfp_plan[] = {
@@ -115,7 +115,8 @@ static constexpr plan_row qsfp_plan[] = {
     {{limits_range, reading_time::once, true, block}, are_limits_wanted, are_limits_right},
 };
 
-/* Rates are those of one lane. Modules for 10 Gb/s are four of them in one, as for 40 Gb/s. */
+/* The rate is that of one lane. Modules with a code for 10 Gb/s have four such lanes, as those for
+   40 Gb/s. */
 static uint32_t speed_of(const memory_view &identity)
 {
     constexpr uint8_t any_40g_or_10g = 0x7f;
@@ -146,7 +147,8 @@ static void fill_identity(const memory_view &from, module_contents &contents)
     contents.copper = carrier == medium::copper;
 }
 
-/* Four bits each, in the order of measurement_flag: those of lane 0 and 2 in the upper halves. */
+/* Four bits for each lane, in the order of measurement_flag: lanes 0 and 2 are in the upper
+   halves. */
 static uint8_t flags_at(const memory_view &values, size_t offset, uint8_t lane)
 {
     const int both = values.u8(offset + lane / 2u);
@@ -164,7 +166,7 @@ static measurement lanes_at(const memory_view &values, size_t offset, size_t fla
     return result;
 }
 
-/* A temperature that isn't measured reads as 0. */
+/* If a module doesn't measure its temperature, the value reads as 0. */
 static void fill_module(const memory_view &values, module_contents &contents)
 {
     contents.diagnostics = diagnostics_state::available;
@@ -195,8 +197,9 @@ static void fill_limits(const memory_view &limits, module_contents &contents)
     contents.tx_power.limits = limits_at(limits, 192, power_steps);
 }
 
-/* Of copper only what a module measures of itself; a cable measures nothing and reads as zero.
-   Without page 03h, which a module may lack and an old driver doesn't show, there are no limits. */
+/* Of a copper module only temperature and voltage are taken; a cable measures nothing and reads as
+   zero. Without page 03h, which a module may lack and an old driver doesn't return, there are no
+   limits. */
 static void decode_diagnostics(const module_memory &memory, bool has_tx_power,
                                module_contents &contents)
 {

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A descriptor is two bytes: the number of its limits within the group and a lane, and what is
-   observed. Values and limits are 16 bits, signed or not, or a number with a decimal exponent. */
+/* A descriptor has two bytes: the number of its limits within the group, a lane, and the code of
+   the observed quantity. Values and limits have 16 bits: an integer, signed or not, or a number
+   with a decimal exponent. */
 #include "platform/dolm_ric/linux/decode/vdm.h"
 
 #include "platform/dolm_ric/details_record.h"
@@ -16,7 +17,7 @@ namespace
 
 enum class number_kind : uint8_t { unsigned_word, signed_word, decimal };
 
-/* The quantity that a code observes, and the step of its words. */
+/* The quantity that a code stands for, and the step of its 16-bit words. */
 struct observable {
     uint8_t code;
     uint8_t kind; /* enum dolm_ric_details_vdm_kind */
@@ -70,7 +71,7 @@ uint8_t vdm_group_count(const module_memory &memory)
     return groups.was_read() ? static_cast<uint8_t>((groups.u8(128) & 3) + 1) : uint8_t{0};
 }
 
-/* Five bits of an exponent, with an offset of 24, and eleven of a number. */
+/* Five bits of exponent, with an offset of 24, and eleven bits of mantissa. */
 static double number_at(const memory_view &from, size_t at, const observable &its)
 {
     switch (its.number) {
@@ -101,11 +102,11 @@ static dolm_ric_details_limits limits_of(const memory_view &from, size_t set, co
     return is_in_order ? limits : board::without_limits(DOLM_RIC_VALUE_DOUBTFUL);
 }
 
-/* A code that isn't known keeps its raw number, without limits. */
+/* If the code isn't known, the row has the raw number and no limits. */
 static void take_row(const memory_view &descriptors, const memory_view &values,
                      const memory_view &limits, size_t row, dolm_ric_details_vdm &to)
 {
-    constexpr uint8_t tec_current = 2; /* the others that are known are those of lanes */
+    constexpr uint8_t tec_current = 2; /* all other known quantities are those of lanes */
     const uint8_t place = descriptors.u8(128 + 2 * row);
     const uint8_t code = descriptors.u8(129 + 2 * row);
     const auto lane = static_cast<uint8_t>(code == tec_current ? 0xff : place & 15);
@@ -127,14 +128,14 @@ static void take_row(const memory_view &descriptors, const memory_view &values,
                : last_read_at != 0 ? DOLM_RIC_VALUE_NO_ANSWER
                                    : DOLM_RIC_VALUE_NOT_READ;
     to.value = values.was_read() ? number_at(values, 128 + 2 * row, what) : 0;
-    /* No error at all is no alarm, though the low limits of errors are 0. */
+    /* An error ratio of 0 is no alarm, although its low limits are 0, too. */
     const bool has_low_limits = what.number != number_kind::decimal;
     to.grade = values.was_read() ? board::grade_value(to.value, to.limits, has_low_limits)
                                  : uint32_t{DOLM_RIC_GRADE_NONE};
 }
 
-/* Four bits for each row of all groups, that of an even row in the lower half of a byte: high
-   alarm, low alarm, high warning, low warning. */
+/* Four bits for each row of all groups: high alarm, low alarm, high warning, low warning. An even
+   row is in the lower half of its byte. */
 static uint32_t raised_flags(const memory_view &flags, size_t row)
 {
     static constexpr uint8_t kinds[] = {DOLM_RIC_FLAG_HIGH_ALARM, DOLM_RIC_FLAG_LOW_ALARM,
@@ -177,7 +178,7 @@ void take_vdm(const module_memory &memory, uint32_t pages, dolm_ric_details_reco
     if (pages != DOLM_RIC_VALUE_VALID)
         return;
     const uint8_t groups = has_vdm(memory) ? vdm_group_count(memory) : uint8_t{0};
-    bool are_known = !has_vdm(memory) || groups != 0; /* the descriptors of all groups */
+    bool are_known = !has_vdm(memory) || groups != 0; /* the descriptors of all groups were read */
     for (uint8_t group = 0; group < groups; group++) {
         take_group(memory, group, record);
         are_known &= memory.read_at(vdm_range(vdm_descriptors, group)).has_value();
