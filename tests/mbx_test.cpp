@@ -535,7 +535,20 @@ TEST_F(mbx, of_two_connections_that_cross_one_survives)
         }
     };
     other_process b([&](int line) { play(line, "b", "a"); });
+    other_process first([](int line) {
+        hear(line);
+        join("first");
+        EXPECT_NE(mbx_locate("second"), MBX_NO_MAILBOX);
+        say(line, 1);
+        hear(line);
+    });
     play(b.line.get(), "a", "b");
+    join("second");
+    say(first.line.get(), 1);
+    hear(first.line.get());
+    const uint32_t id = mbx_locate("first");
+    say(first.line.get(), 1);
+    expect_notice(next(), id); /* as it was located, too */
 }
 
 /* Receives until the descriptor is quiet; all of it must come from that sender, and fit. Returns
