@@ -468,7 +468,9 @@ TEST_F(exporter_board, an_empty_port_and_a_module_that_is_not_ready_have_their_o
                 << "step " << &step - steps << " " << series;
         }
     }
+    apply(late);
     apply(module_in(0, "A"));
+    EXPECT_EQ(board.ports().at(0).unread, "") << "of the former module";
     apply(pm);
     pass(seconds(56)); /* three intervals and ten seconds */
     expect_parts(metrics(), {"reading_age_seconds{port=\"0\"} 56\n"});

@@ -113,6 +113,12 @@ TEST(Forecast, announces_what_fails)
              s.rx -= 0.05 * since(s, 15);
              s.rx_limit = s.day > 30 ? 199.5 : 125.9;
          }},
+        {"fade of a module that came beyond its limit", quantity::rx_power, cause::light_lost, 23,
+         35,
+         [](sample &s) {
+             s.serial = s.day > 8 ? "B" : "A";
+             s.rx -= (s.day > 8 ? 5 : 0) + 0.15 * since(s, 15);
+         }},
         {"ageing laser", quantity::bias, cause::laser_ageing, 36, 45,
          [](sample &s) { s.bias *= 1 + 0.04 * since(s, 20); }},
         {"laser without reserve", quantity::tx_power, cause::laser_ageing, 38, 45,

@@ -480,8 +480,11 @@ TEST_F(link_table_test, a_number_keeps_its_interface_whatever_the_configuration_
 TEST_F(link_table_test, what_a_dump_lacks_is_gone_and_an_index_may_be_used_again)
 {
     take(report(2, 5, 6));
-    EXPECT_EQ("du", take(report(2, 1, 2), link_table::origin::answer));
-    EXPECT_EQ("", take(report(2, 1, 2)));
+    table.take_speed(7, {100, 4}, now);
+    table.take(report(2, 1, 6), link_table::origin::answer, now);
+    EXPECT_EQ("du", events.take());
+    EXPECT_TRUE(table.is_speed_wanted(7, now)) << "that was the former interface's";
+    EXPECT_EQ("", take(report(2, 1, 6)));
     table.begin_dump();
     table.end_dump(now);
     EXPECT_EQ("di0", events.take());

@@ -439,6 +439,10 @@ TEST_F(linux_modules_test, what_can_not_be_read_once_or_is_blank_is_tried_again)
         modules.ports[0] = {.module = module};
         pass(seconds(5));
         EXPECT_LE(modules.now - read_at[0], seconds(5)) << error;
+        modules.ports[0] = {.module = module_with_serial("0002")};
+        std::fill_n(&modules.ports[0].module->a2[96], 8, uint8_t{0});
+        pass(seconds(30));
+        EXPECT_EQ(0, values[0]) << "those of the former module";
     }
 }
 

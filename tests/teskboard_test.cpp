@@ -39,6 +39,7 @@ TEST_F(teskboard_test, every_command_works_on_a_board)
             {"insert 13-14 --module lc --vendor 'A B\\x01' temperature=71.5C", 0, "^0 events"},
             {"set 13 vendor_pn=X voltage=3.4V module_status=2", 0, "events"},
             {"ready 14", 0, "events"},
+            {"insert 9 --not-ready voltage=3V; " TESK_BIN_DIR "/teskboard show 9", 0, "ready +no"},
             {"show 13 --json", 0,
              R"("vendor_name":"A B\\\\x01",.*"vendor_pn":"X".*"temperature":71500,)"},
             {"ports; LC_ALL=C.UTF-8 " TESK_BIN_DIR "/teskboard show", 0,
@@ -49,9 +50,18 @@ TEST_F(teskboard_test, every_command_works_on_a_board)
             {"ports", 0, "ports +16\n(.*\n)*failure +subslink -8 2 3\n"},
             {"heal", 0, "^1 failure withdrawn\n$"},
             {"event link-status --id 0x3000a --value up", 0, "^1 event\n$"},
+            {"event port-status --port 3", 0, "^1 event\n$"},
             {"wait 3 --unsubscribed port", 0, "^done\n$"},
             {"--version", 0, R"(^teskboard \d+\.\d+\.\d+\n$)"},
             {"--help", 0, "--socket(.*\n)*.*play "}});
+    for (const uint32_t id : {0x3000au, id_of(3)}) {
+        dolm_ric_event *event = nullptr;
+        ASSERT_EQ(0, dolm_ric_waitevent(handle, &event));
+        EXPECT_EQ(event->type == DOLM_RICEVT_RILINKSTATUS ? event->link_status.id
+                                                          : event->port_status.id,
+                  id);
+        dolm_ric_freeevent(handle, &event);
+    }
 }
 
 TEST_F(teskboard_test, each_failure_has_its_message_and_exit_code)

@@ -168,7 +168,10 @@ TEST(teskctl, each_fall_is_looked_at_when_it_has_been_recorded)
     EXPECT_FALSE(watch.next()) << "nothing fell since";
     const auto before = std::chrono::steady_clock::now();
     watch.take(3);
-    EXPECT_GE(watch.next().value() - before, std::chrono::milliseconds(2200));
+    const auto first = watch.next().value();
+    EXPECT_GE(first - before, std::chrono::milliseconds(2200));
+    watch.take(3);
+    EXPECT_EQ(watch.next(), first) << "not put off";
 }
 
 TEST(teskctl, the_exit_code_is_that_of_the_worst_failure)
@@ -292,6 +295,8 @@ TEST(teskctl, a_history_is_folded_only_where_records_belong_together)
         {{{1, 5, 1, 5}, {2, 5, 2, 5}, {3, 6, 1, 5}},
          {"5 indication for clients 1 (reference 0), 2 (reference 0)",
           "6 indication for client 1 (reference 0)"}},
+        {{{1, 5, 1, 5}, {2, 6, 1, 5}, {3, 5, 2, 5}},
+         {"5-6 indication for client 1 (reference 0)", "5 indication for client 2 (reference 0)"}},
         {{{1, 5, 1, 5}, {10'002, 5, 2, 5}},
          {"5 indication for client 1 (reference 0)", "5 indication for client 2 (reference 0)"}}};
     for (const auto &[actions, expected] : cases) {
@@ -499,6 +504,11 @@ TEST_F(teskctl_system, why_tells_of_the_falls_that_the_board_recorded)
     mkfifo((directory.path + "/falls/8").c_str(), 0600);
     expect("why", 1, {"falls/7: 2 of 3 falls", "driver gone", "falls/8 isn't a file", "certain"});
     EXPECT_TRUE(last_fall_of(directory.path + "/falls", 7)) << "behind it is a wrong line";
+    std::vector<causes::facts> two(2);
+    two[0].boot = "a", two[0].time = 1, two[0].since_boot_s = 9;
+    two[1].boot = "b", two[1].time = 2, two[1].since_boot_s = 1;
+    sort_newest_first(two);
+    EXPECT_EQ(two[0].boot, "b") << "of the later start";
 }
 
 /* Without limits each of these would hang, or exhaust memory or stack. */

@@ -42,7 +42,9 @@ def test_requests_go_on_beside_a_watch(server):
         failed = session.watch(status=[0, 4000])
         with pytest.raises(tesk.RejectedError, match="invalid port"):
             await next_of(failed)
-        await asyncio.to_thread(server.await_unsubscribed, "0")
+        async with session.watch(status=[2]) as left:
+            await next_of(left)
+        await asyncio.to_thread(server.await_unsubscribed, "0-2")
         assert (await session.history())[0].port in (0, 1)
         assert len(await session.capabilities()) > 0
 
@@ -93,6 +95,7 @@ def test_the_server_s_loss_and_return_are_changes(server, reconnect):
                 for call in (next_of(watch), session.pm(0)):
                     with pytest.raises(tesk.LostError):
                         await call
+                assert not session._core._requests
                 with pytest.raises(tesk.NoServerError, match="no process has"):
                     tesk.Session()
                 return

@@ -212,10 +212,11 @@ def test_a_watch_that_nobody_reads_is_bounded_and_keeps_each_port_s_last_state()
     feed = _feed.Feed([], lambda: None)
     changes = [tesk.SfpInfo(5 if number == 7 else 0, *[number] * 9)
                for number in range(10 * _feed.BACKLOG)]
+    changes[8] = tesk.PortStatus(0, *[8] * 5)
     for change in changes:
         feed.put(change)
     taken = list(iter(feed.take, None))
-    assert len(taken) <= _feed.BACKLOG + 1 and taken[-1] == changes[-1] and taken[1] == changes[7]
+    assert len(taken) <= _feed.BACKLOG + 1 and taken[-1] == changes[-1] and taken[1:3] == changes[7:9]
     assert taken[0] == tesk.Missed(len(changes) - len(taken) + 1)
 
 
@@ -232,7 +233,8 @@ def test_the_port_map_names_the_ports(tmp_path):
 
 def test_details_are_those_of_teskctl(server):
     path, descriptors = f"{folder.name}/details", len(os.listdir("/proc/self/fd"))
-    for port in (0, 8, 12, 15):
+    server.board("set", "1", "snr.0=18dB")
+    for port in (0, 1, 8, 12, 15):
         shown = json.loads(subprocess.run(
             [BIN / "teskctl", "--json", "module", str(port)], check=True, timeout=PATIENCE,
             capture_output=True, env={**os.environ, "DOLM_RIC_DETAILS": path}).stdout)
