@@ -36,8 +36,8 @@ is_for_arm64() { # FILE
     own=${own/_arm64/_$kind}
     rm -rf "$unpacked"
     dpkg-deb -x "$1" "$unpacked"
-    diff <(dpkg-deb --fsys-tarfile "$own" | tar -t | sed "s/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/aarch64-linux-gnu/") \
-        <(dpkg-deb --fsys-tarfile "$1" | tar -t) >&2 || fail "${1##*/} has other files than ${own##*/}"
+    diff <(dpkg-deb --fsys-tarfile "$own" | tar -t | sed "s/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/aarch64-linux-gnu/" | sort) \
+        <(dpkg-deb --fsys-tarfile "$1" | tar -t | sort) >&2 || fail "${1##*/} has other files than ${own##*/}"
     wrong=$(find "$unpacked" -type f -exec file {} + | grep ' ELF ' | grep -v 'ARM aarch64') || return 0
     fail "not for arm64: $wrong"
 }
