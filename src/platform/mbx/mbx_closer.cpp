@@ -21,8 +21,9 @@ static void *run_closer(void *)
     std::unique_lock hold(closer_lock);
     while (!closing->empty()) {
         {
-            const std::vector<owned_fd> fds = std::move(closing->front().fds);
+            /* The descriptors, which are destroyed first, count until they are closed. */
             const std::shared_ptr<entry> place = std::move(closing->front().place);
+            const std::vector<owned_fd> fds = std::move(closing->front().fds);
             hold.unlock();
         }
         hold.lock();
@@ -52,9 +53,9 @@ bool is_closing_too_many(const peer_identity &peer)
                        [&](const to_close &one) { return one.peer.key() == peer.key(); });
 }
 
-/* The parent closes the descriptors that wait. The child's copies are closed at its exec or its
-   end: if the child closed one here, that could be the last copy by then, and the close could block
-   the child. */
+/* The parent closes the queued descriptors. The child's copies are closed at its exec or its end:
+   if the child closed a copy here, that could be the last one by then, and the close could block.
+   */
 void forget_closer()
 {
     closing = new std::deque<to_close>;
