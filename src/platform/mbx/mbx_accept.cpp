@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A hello is answered by a welcome or a refusal (mbx_socket.h). A connection that does not greet is
-   closed after two seconds, and earlier when its process makes more of them.
+   closed after two seconds, and earlier when its process has too many such connections.
 
-   When descriptors have run out, the listener would stay readable: so it isn't watched for a
-   moment. It isn't either while the closing thread has too much to do, for a process that passes
-   descriptors which do not close. */
+   When descriptors have run out, the listener would stay readable, so it is not watched for
+   time_to_retry. The same happens after a connection of a process whose passed descriptors hold up
+   the closing thread. */
 #include "platform/mbx/mbx_accept.h"
 
 #include "platform/mbx/mbx_helper.h"
@@ -25,7 +25,8 @@ struct newcomer {
     uint32_t mailbox_id;
     owned_fd control;
     peer_identity peer;
-    uint32_t number = 0; /* set, as the deadline is, when it waits for the greeting */
+    uint32_t number =
+        0; /* the key of the helper's watch; 0 until the connection waits for its greeting */
     time_point deadline{};
 };
 
@@ -107,8 +108,8 @@ static void welcome(newcomer &n, const greeting &hello)
     with_mailbox(n.mailbox_id, [&](mailbox &m) { answer(m, n, hello); });
 }
 
-/* Returns false when no greeting has come yet. Otherwise the greeting is answered, or is of no use,
-   and `n` has no control connection any more. */
+/* Returns false when no greeting has come yet. Otherwise handles the greeting, or the end of the
+   connection, and leaves n.control empty. */
 static bool try_greeting(newcomer &n)
 {
     greeting hello = receive_greeting(n.control.get());
@@ -141,8 +142,8 @@ static void make_place_for(const newcomer &n)
         drop(std::find_if(newcomers.begin(), newcomers.end(), is_same));
 }
 
-/* A client greets as soon as it is connected. So mostly the greeting is there already, and the
-   connection never joins those that have not greeted. */
+/* A client greets as soon as it is connected. So mostly the greeting has come already, and the
+   connection is never added to `newcomers`. */
 static void handle_newcomer(newcomer &&n)
 {
     if (try_greeting(n))

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* entry::open() finds or makes the accounts of a user and of a process, which their last entry
-   removes. */
+/* entry::open() finds or makes the accounts of a user and of a process. An account is removed with
+   its last entry. */
 #include "platform/mbx/mbx_account.h"
 
 #include <algorithm>
@@ -11,10 +11,10 @@
 #include <unistd.h>
 #include <unordered_map>
 
-/* docs/security.md adds up what these allow. */
+/* docs/security.md adds up what these limits allow. */
 static constexpr size_t usual_connections = 2304;
 static constexpr size_t usual_held_mib = 40;
-/* Where an old kernel or a sandbox does not give the limit. */
+/* Assumed if getrlimit() fails. */
 static constexpr rlim_t usual_descriptors = 1024;
 
 namespace
@@ -49,7 +49,7 @@ size_t connections_at_most()
 
 const size_t held_at_most = setting("MBX_HELD_MIB", usual_held_mib) << 20;
 
-/* With the level of a notice where the line goes to the journal. */
+/* In the journal the line has the level of a notice. */
 void report_limits()
 {
     if (!secure_getenv("MBX_CONNECTIONS") && !secure_getenv("MBX_HELD_MIB"))
@@ -104,7 +104,7 @@ try {
     std::lock_guard hold(accounts_lock);
     user_account &user = (*users)[peer.user];
     account &process = user.processes[peer.key()];
-    /* Written once: other entries of the account read it without the lock. */
+    /* `whole` is written once, because other entries of the account read it without the lock. */
     if (!user.whole)
         user.whole = &total;
     if (!process.whole)

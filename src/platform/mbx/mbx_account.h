@@ -1,23 +1,25 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_account - what peers take of this process: connections, and the memory that the kernel
+/* mbx_account - limits what peers cost this process: connections, and the memory that the kernel
    charges to this process for them. Any thread.
 
-   Each process has an account, which is part of its user's account, which is part of the total. A
-   connection has an entry there for as long as any of its memory can be charged to us: until the
-   peer has closed its end, has nothing of ours unread, and has neither a bell nor the memory file
-   any more (mapped, open, or open by O_PATH). The bytes of an entry are those of the backlog and of
-   the rings' pages beyond the first one; the first page and the records of the connection are
-   covered by the limit of connections.
+   Each peer process has an account, which is part of its user's account, which is part of the
+   total. Each connection has an entry in the account of its process. The entry of an accepted
+   connection lasts for as long as any memory of the connection can be charged to us: until the peer
+   has closed its end and has read all that we sent on it, and no process has a bell or the memory
+   file any more (mapped, open, or open by O_PATH). The bytes of an entry are those of the backlog
+   and of the rings' pages beyond the first one; the first page and the records of the connection
+   are covered by the limit of connections.
 
    A connection cannot be taken back. So a user may hold at most half of the connections that other
-   users leave, and a process at most half of those that its user may still take. Root and our own
-   user, who could end this process anyway, may take all but a fifth. Any user may have a few, an
-   eighteenth of all, however they are distributed over processes, and twice as many are reserved
-   for users who have fewer. Processes outside our pid namespace can't be told apart and share what
-   their user has.
+   users leave, and a process at most half of those that other processes of its user leave. Root and
+   our own user, who could end this process anyway, may take all but a fifth. Any user may have a
+   few, an eighteenth of all, however they are distributed over processes, and twice as many are
+   reserved for users who have fewer. Processes outside our pid namespace can't be told apart and
+   share what their user has.
 
-   Bytes can be taken back. When there are too many, connections end: those of the process that
-   holds most, of the user that holds most, even if other connections hold more.
+   Bytes can be released by ending connections. When too many are held, connections of late
+   receivers end first (holding::is_late), and among equals those of the process that holds most, of
+   the user that holds most, even if other connections hold more.
 
    The environment sets both limits (mbx.h). A sixth of our descriptors limits the connections as
    well. */
@@ -45,7 +47,8 @@ struct peer_identity {
     pid_t process = -1;
     uid_t user = 0;
 
-    /* For tables: processes that can't be distinguished count by user. */
+    /* The key of the process in tables. Processes that can't be told apart have one key for each
+       user. */
     int64_t key() const
     {
         return process > 0 ? process : -1 - int64_t{user};
@@ -65,7 +68,7 @@ enum held_kind : size_t { held_sent, held_received, held_kinds };
 
 /* What a connection holds. Of two connections the one with the greater holding is to end first. */
 struct holding {
-    bool is_late; /* what it holds has waited longer than a reader needs */
+    bool is_late; /* its signals stay unread for longer than a reader needs */
     size_t of_user, of_process, own;
     auto operator<=>(const holding &) const = default; // NOLINT(modernize-use-nullptr)
 };
@@ -86,8 +89,8 @@ class entry
     void count(held_kind kind, size_t bytes);
     holding weigh(bool is_late) const;
 
-    /* Of an accepted connection: the watch for the end of its memory file (mbx_parting.h); -1 for
-       none. */
+    /* Of an accepted connection: the inotify watch on its memory file (mbx_parting.h); -1 for none.
+     */
     int watch = -1;
 
   private:
@@ -102,18 +105,19 @@ inline bool is_too_much_held()
 {
     return total.bytes.load(std::memory_order_relaxed) > held_at_most;
 }
-/* Above this level pages that were read are released at once instead of after a while. */
+/* From a quarter of the limit on, each send to a receiver first releases the pages of its ring that
+   have been read, which otherwise waits for the helper's trim. */
 inline bool is_much_held()
 {
     return total.bytes.load(std::memory_order_relaxed) > held_at_most / 4;
 }
-/* The number that the environment variable has, which a set-uid program ignores; without one the
-   usual number. */
+/* The positive number that the environment variable `name` has. `usual` if it has none, or the
+   program is set-uid. */
 size_t setting(const char *name, size_t usual);
 /* Prints a line on standard error if the environment sets a limit. */
 void report_limits();
 
 /* Held around a fork. */
 extern std::mutex accounts_lock;
-/* In a forked child, where the entries are the parent's. */
+/* For a forked child, where the entries are the parent's: begins with empty accounts. */
 void forget_accounts();

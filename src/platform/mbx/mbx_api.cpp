@@ -33,8 +33,8 @@ static constexpr helper_duties duties{/* in the order of watch_kind */
                                        handle_life, handle_first_ring, handle_hang_up, handle_ends},
                                       {trim_in_time, keep_time, look_again}};
 
-/* The kernel stalls a process with several threads while it grows the table of descriptors, so it
-   is grown now. */
+/* Raises the limit of descriptors. The kernel stalls a process with several threads while the table
+   of descriptors grows, so the table grows now. */
 static void make_room_for_descriptors()
 {
     rlimit limit;

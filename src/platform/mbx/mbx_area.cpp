@@ -151,8 +151,8 @@ bool may_be_bell(int fd, int socket)
            errno == EINVAL;
 }
 
-/* The calls by their numbers: the library functions are points of cancellation. A count of 0, which
-   only a bell that was not made by make_bell can have, wakes no thread and blocks none. */
+/* The calls are made by their numbers, because the library's functions are points of cancellation.
+   A bell with a count of 0, which was not made by make_bell(), wakes no thread and blocks none. */
 bool ring_bell(int bell, bool is_own)
 {
     const errno_keeper keeper;

@@ -5,12 +5,12 @@
    The accepting side makes the memory and the bells; the connecting side checks the descriptors
    that it is passed before it uses them.
 
-   A bell is an eventfd in semaphore mode with the highest possible count. A side rings it by
-   reading it: a read takes one off the count, which cannot run out, and wakes those who wait until
-   the eventfd is writable. A bell is not rung by a write, which the other side could block: it
-   shares the open file, so it can clear O_NONBLOCK or raise the count. A peer could pass a file of
-   another kind as a bell, whose read blocks: so the connecting side reads with RWF_NOWAIT, which
-   never waits. */
+   A bell is an eventfd in semaphore mode with the highest possible count. A side rings the bell by
+   reading the eventfd: the read takes one off the count, which cannot run out, and wakes the
+   threads that wait until the eventfd is writable. A write in place of the read could block: both
+   sides share the open file, so the peer could clear O_NONBLOCK or raise the count. A peer could
+   also pass another kind of file, on which a read blocks: so the connecting side reads with
+   RWF_NOWAIT, which never waits. */
 #pragma once
 
 #include "platform/mbx/mbx_account.h"
@@ -23,8 +23,9 @@
 constexpr uint32_t ring_bytes = 256 * 1024; /* a power of two, more than twice the largest signal */
 constexpr size_t page_bytes = 4096;
 
-/* The first page of the memory: the positions in both rings, and the first bytes of each ring. A
-   connection whose rings keep running empty uses no other page. */
+/* The first page of the memory: the positions in both rings, and the first bytes of each ring, its
+   home. A connection whose rings keep running empty, and whose signals take up to half of a home,
+   uses no other page. */
 constexpr uint32_t home_bytes = page_bytes / 2 - sizeof(ring_words<process_atomics>);
 struct shared_page {
     ring_words<process_atomics> words[2];
@@ -51,13 +52,13 @@ struct mapped_ring {
     }
 };
 
-/* A memory file for an area, sealed against a change of its size. Empty, with errno, when the
-   system refuses it; the first refusal is reported on standard error. */
+/* A memory file for an area, sealed against a change of its size. Empty, with errno, on failure.
+   The first failure is reported on standard error, unless descriptors or memory have run out. */
 owned_fd make_area_memory();
 
-/* Whether a memory file can be made. To be called before the first one, since a limit for the size
-   of files would end the process by a signal then. False, with errno, after a line on standard
-   error. */
+/* Whether a memory file can be made. To be called before make_area_memory(), in which a limit for
+   the size of files would end the process by a signal. False, with errno; the limit is reported on
+   standard error. */
 bool can_make_memory();
 
 /* Whether a descriptor that a peer has passed is what make_area_memory() makes: checks kind, size
@@ -82,7 +83,7 @@ class mapped_area
         return {&page_->words[side], page_->home[side],
                 rest_ + static_cast<size_t>(side) * rest_span};
     }
-    /* Sets the area's entry in the accounts, or none (null), which the area holds as long as it
+    /* Sets the area's entry in the accounts; null for none. The area holds the entry as long as it
        exists. On the accepting side (`is_ours`) the kernel has charged the pages to this process:
        so the destructor releases all of them, even while another process maps them. */
     void hold(std::shared_ptr<entry> place, bool is_ours)
@@ -106,12 +107,13 @@ class mapped_area
     }
     /* Releases the pages of the ring to the connecting side: signals in them are lost. */
     void give_back_sent();
-    /* The destructor does not release the pages: the peer can go on reading. */
+    /* Keeps the destructor from releasing the pages, so that the peer can go on reading. */
     void leave_to_peer()
     {
         is_given_back_ = false;
     }
-    /* In a forked child, where the memory is not mapped, and the entry is the parent's. */
+    /* For a forked child, where the memory is not mapped and the entry is the parent's: the
+       destructor leaves both alone. */
     void forget()
     {
         page_ = nullptr;
@@ -130,11 +132,11 @@ class mapped_area
 owned_fd make_bell();
 
 /* Whether a descriptor that a peer has passed can be watched and read without harm. It must be an
-   anonymous file of the kernel, as an eventfd is, which no other process can make slow, and not an
-   epoll, behind which there could be a slow one. `socket` is any socket. */
+   anonymous file of the kernel, as an eventfd is, which no other process can delay. An epoll is
+   refused, because it may contain a file that another process delays. `socket` is any socket. */
 bool may_be_bell(int fd, int socket);
 
 /* False when the kernel cannot read an eventfd with RWF_NOWAIT (before Linux 5.8): the caller then
-   wakes the other side over the control connection. A bell that `is_own`, made in this process, can
-   always be read: a plain read costs a fifth less. Keeps errno. */
+   wakes the other side over the control connection. `is_own`: this process has made the bell, so a
+   plain read, which costs a fifth less, can't block. Keeps errno. */
 bool ring_bell(int bell, bool is_own = false);

@@ -2,10 +2,10 @@
 /* mbx_closer - closes the descriptors that peers have passed to us, on a thread of its own. Any
    thread.
 
-   The close of a descriptor can take as long as the process that passed it likes: a socket lingers,
-   or a file system that another process serves does not answer. So no thread that holds a lock or
-   serves other peers closes a descriptor that was passed. The same holds for a socket in whose
-   queue such a descriptor may still lie. */
+   The close of a descriptor can take as long as the process that passed it wants: a socket lingers,
+   or a file system that another process serves does not answer. So a thread that holds a lock or
+   serves other peers closes such a descriptor only if it was checked (is_area_memory(),
+   may_be_bell()). The same holds for a socket in whose queue such a descriptor may still lie. */
 #pragma once
 
 #include "platform/mbx/mbx_account.h"
@@ -14,7 +14,8 @@
 #include <mutex>
 #include <vector>
 
-/* When more than so many wait, the processes that have passed them get no more connections. */
+/* The limit of queued items. Above it the processes that have passed the descriptors get no more
+   connections. */
 constexpr size_t closing_at_most = 16;
 
 /* The descriptors of one message, or of one connection, that are to be closed. The connection's
@@ -28,10 +29,10 @@ struct to_close {
 /* Takes the descriptors over and returns at once. */
 void close_later(to_close &&what);
 
-/* Whether more than closing_at_most wait, and some that this process has passed are among them. */
+/* Whether more than closing_at_most items are queued, and one of them is of the peer's process. */
 bool is_closing_too_many(const peer_identity &peer);
 
 /* Held around a fork. */
 extern std::mutex closer_lock;
-/* In a forked child, which has only copies of the descriptors. */
+/* For a forked child, which has only copies of the descriptors: forgets the queue. */
 void forget_closer();

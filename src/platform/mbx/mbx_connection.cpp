@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* deliver() writes a signal into the ring, or behind others into the backlog, which flush() moves
-   to the ring when the receiver has made room. */
+/* deliver() writes a signal into the ring, or adds it to the backlog if the ring is full or the
+   backlog is not empty. flush() moves the backlog to the ring when there is room. */
 #include "platform/mbx/mbx_connection.h"
 
 #include "platform/mbx/mbx_parting.h"
@@ -35,7 +35,7 @@ static void count_held(connection &c)
 }
 
 /* Only a receiver that has taken all that was in the ring at the last mark counts as having read.
-   One that has reported room, or has taken a part, does not. */
+   That it reports room, or has taken a part, does not count. */
 static void note_read(connection &c, bool is_first)
 {
     if (!is_first && !c.ring.is_mark_read())
@@ -44,9 +44,9 @@ static void note_read(connection &c, bool is_first)
     c.marked = std::chrono::steady_clock::now();
 }
 
-/* The area stays mapped while the inbox has signals to take from the ring of the other direction
-   and, if the peer may still read, until the peer has closed its end. Descriptors that the peer has
-   passed over the control connection are not closed by this thread. */
+/* The inbox keeps the area mapped while the peer's signals are unread. On the accepting side part()
+   keeps it, too, if the peer may still read. Descriptors that the peer has passed over the control
+   connection are closed by the closing thread. */
 void let_go(connection &c, ended_by who)
 {
     c.waiting.clear();

@@ -35,7 +35,7 @@ class backlog
     } catch (const std::bad_alloc &) {
         return false;
     }
-    /* The oldest one. Not to be called on an empty backlog. */
+    /* The oldest signal. Not to be called on an empty backlog. */
     bytes front() const
     {
         return signals_.front();
@@ -57,7 +57,8 @@ class backlog
     }
 
   private:
-    /* With the two allocations of a node and its bytes, each rounded up to 16 by the C library. */
+    /* The signal, and its two allocations, of a node and of the bytes, each rounded up to 16 by the
+       C library. */
     static size_t memory_of(bytes signal)
     {
         return signal.size() + 80;
@@ -67,19 +68,19 @@ class backlog
     size_t memory_ = 0;
 };
 
-/* Finds the fan-outs in the traffic of one sender: it wakes many different receivers and receives
-   nothing in between. The first wake-ups of a run don't count as a fan-out, because no others may
-   follow. After a long fan-out the next run is expected to be one, too, so fewer wake-ups are left
-   out of it: with twelve left out each time, a send to 100 receivers takes the sender 1.05 to 1.1
-   times as long. */
+/* Finds the fan-outs in the traffic of one sender: runs in which the sender wakes many different
+   receivers and receives nothing in between. The first wake-ups of a run don't count as a fan-out,
+   because the run may be short. A run after a long fan-out is expected to be long, too, so fewer
+   wake-ups are left out: with twelve left out each time, a send to 100 receivers takes the sender
+   1.05 to 1.1 times as long. */
 class fan_out
 {
   public:
-    /* More than ten, for which the waker costs more than it saves. */
+    /* For up to ten wake-ups the waker costs more than it saves. */
     static constexpr uint32_t left_out_at_first = 12;
 
-    /* To be called for each receiver that has to be woken. `met` is kept for the receiver, 0 at
-       first. Returns whether this wake-up belongs to a fan-out. */
+    /* To be called for each receiver that has to be woken. The caller keeps a `met` for each
+       receiver, 0 at first. Returns whether this wake-up belongs to a fan-out. */
     bool includes(uint32_t &met)
     {
         if (met == number_)
@@ -87,8 +88,9 @@ class fan_out
         met = number_;
         return ++count_ > left_out_;
     }
-    /* Ends the run of wake-ups. To be called at any other event, as the next signal may be an
-       answer to that event. A run of one or two wake-ups says nothing about the next run. */
+    /* Ends the run of wake-ups. To be called at each reception, and when a bell can't be rung:
+       the next signal may be an answer. A run of one or two wake-ups says nothing about the next
+       run. */
     void end()
     {
         if (count_ > 2)
@@ -121,7 +123,7 @@ struct connection_parts {
 };
 
 struct connection : connection_parts {
-    const uint32_t id; /* this process's id of the other mailbox; never used twice */
+    const uint32_t id; /* this process's id of the other mailbox */
     uint32_t met = 0;  /* for fan_out::includes() */
     /* Addresses in the connection that was sent to after this one, for a prefetch. That connection
        may have ended: nothing else may use them. */
@@ -129,10 +131,10 @@ struct connection : connection_parts {
     source *incoming = nullptr; /* its receiving half, while the mailbox lives */
     record_sender ring;
     backlog waiting;
-    time_point marked{};  /* when the ring's mark was set, while signals are unread */
+    time_point marked{};  /* when ring.mark() was called last */
     owned_fd life;        /* a pidfd of the peer's process, where there can be one */
-    owned_block notice;   /* the monitor's, null without one */
-    uint32_t monitor = 0; /* the reference of the last one */
+    owned_block notice;   /* the monitor's notice; null without a monitor */
+    uint32_t monitor = 0; /* the reference of the latest monitor */
 
     connection(uint32_t its_id, connection_parts &&parts)
         : connection_parts(std::move(parts)), id(its_id), ring(area->ring(1 - side))
@@ -155,9 +157,9 @@ struct connection : connection_parts {
 
 enum class ended_by {
     us,  /* the peer can still take its unread signals */
-    peer /* the peer is gone or has broken the protocol: its unread signals are released */
+    peer /* the peer is gone or has broken the protocol: unread signals to it are released */
 };
-/* Releases all that the connection has, but for the signals that the inbox has still to take. */
+/* Releases the resources of the connection, except the signals that the inbox has not taken yet. */
 void let_go(connection &c, ended_by who);
 
 /* Writes a signal into the ring, or keeps it in the backlog. False when more than
@@ -165,12 +167,13 @@ void let_go(connection &c, ended_by who);
    the connection. `run` is the sender's. */
 bool deliver(connection &c, const block *b, fan_out &run);
 
-/* Moves signals from the backlog to the ring, about one ring full at most. True: the caller is to
-   call it again, after other threads had the lock. False: the backlog is empty, or the receiver
-   will report room. */
+/* Moves signals from the backlog to the ring, about one ring full at most. True: more can be moved
+   at once; the helper releases the lock before its next call. False: the backlog is empty, or the
+   receiver will report room. */
 bool flush(connection &c);
 
-/* Releases the pages of the ring in which nothing is unread. Returns whether others are in use. */
+/* Releases the pages of the ring whose signals have all been read. Returns whether pages of the
+   rest remain in use. */
 bool trim(connection &c);
 
 /* What the connection holds, for shed() (mbx_peers.h) to compare. */

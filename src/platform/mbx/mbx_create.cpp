@@ -31,8 +31,8 @@ static inbox_owner owner_of(mailbox &m)
             [](void *) { want_trim(); }};
 }
 
-/* With the mailbox's lock held. False, with errno, on failure; for a mailbox with a name a line on
-   standard error says why. */
+/* With the mailbox's lock held. False, with errno, on failure. Trouble with the name is reported on
+   standard error here; make_token(), can_carry() and can_make_memory() report their own. */
 static bool open_mailbox(mailbox &m, const char *name, uint32_t id)
 {
     if (m.in.open(owner_of(m))) {
@@ -72,7 +72,7 @@ uint32_t create_mailbox(const char *name)
 }
 
 /* withdraw() waits until every sender that has the mailbox pinned has pushed its block. A
-   connection with a backlog stays until its receiver has taken that. */
+   connection with a backlog stays until the backlog is in the ring. */
 void delete_mailbox(mailbox &m)
 {
     const uint32_t id = withdraw(m);

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_create - creates, deletes and forgets the mailboxes of this process. With registry_lock held,
-   and no lock of a mailbox. */
+/* mbx_create - creates, deletes and forgets the mailboxes of this process. To be called with
+   registry_lock held, except in a forked child, and without any mailbox's lock. */
 #pragma once
 
 #include "platform/mbx/mbx_registry.h"
 
-/* Returns an id, or MBX_NO_MAILBOX with errno, explained by a line on standard error for a name. */
+/* Returns an id, or MBX_NO_MAILBOX with errno. */
 uint32_t create_mailbox(const char *name);
 /* Deletes the mailbox and ends its connections, but for those whose backlog has signals for the
    peer. */

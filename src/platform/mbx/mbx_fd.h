@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_fd - descriptors that close themselves, errno that is kept, and points in time. No state. */
+/* mbx_fd - descriptors with an owner, a guard that restores errno, and points in time. No state. */
 #pragma once
 
 #include "util/deadline.h"

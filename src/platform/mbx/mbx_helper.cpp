@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The thread waits for descriptors until the next timer is due, calls the function of each that is
-   ready, and then the timers. */
+/* The thread waits for descriptors until the next timer is due. Then it calls the function of each
+   ready descriptor, and all timers. */
 #include "platform/mbx/mbx_helper.h"
 
 #include "util/thread.h"
@@ -23,7 +23,8 @@ static std::atomic<bool> should_stop;
 static pthread_t thread;
 static const helper_duties *duties;
 
-/* Returns when the next timer is due: soon, when a timer had no memory. */
+/* Returns the time at which the next timer is due: in 100 ms at the latest if a timer had no
+   memory. */
 static time_point run_timers()
 {
     time_point next = time_point::max();
@@ -52,7 +53,8 @@ static void handle_events(const epoll_event *events, int count)
             duties->calls[kind](static_cast<uint32_t>(word >> 32) & 0xffffff,
                                 static_cast<uint32_t>(word));
         } catch (const std::bad_alloc &) {
-            /* The connection in question is closed already: its parts close themselves. */
+            /* The event is dropped. Descriptors that it has opened or received are closed by their
+               owners. */
         }
     }
 }

@@ -28,11 +28,12 @@ struct helper_duties {
     /* By kind. `slot` (24 bits) and `id` identify the object of the event, which the function looks
        up again, because it may have ended meanwhile. */
     void (*calls[watch_wake])(uint32_t slot, uint32_t id);
-    /* Each does what is due at `now`, and returns when it is to be called next, at the latest. */
+    /* Each handles what is due at `now`, and returns the latest time for its next call. */
     time_point (*timers[3])(time_point now);
 };
 
-/* In a forked child, which doesn't have the thread. */
+/* For a forked child, which doesn't have the thread: closes the child's copies of the helper's
+   descriptors. */
 void forget_helper();
 /* Starts the thread unless it runs; one caller at a time. False, with errno, on failure. */
 bool start_helper(const helper_duties &duties);
@@ -45,5 +46,5 @@ void stop_helper();
 bool helper_watch(watch_kind kind, int fd, uint32_t events, uint32_t slot, uint32_t id);
 /* To be called before the descriptor is closed. Harmless if it isn't watched. */
 void helper_unwatch(int fd);
-/* Has all timers called soon. */
+/* Makes the thread call all timers soon. */
 void helper_wake();

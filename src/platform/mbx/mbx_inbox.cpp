@@ -1,19 +1,19 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Sources take turns: each source in the line gives one signal, and goes to the end of the line if
    it has more. When all sources in the line have had their turn, one look at the epoll finds the
-   sources whose bell has rung since the last look. They go to the front. So between a signal's
-   arrival and its reception every other source is served at most once before the look and not at
-   all after it.
+   sources whose bell has rung since the last look, and puts them at the front of the line. So
+   between a signal's arrival and its reception every other source is served at most once before the
+   look; after it only those are served before that the same look has found.
 
-   A look costs as much as a signal. It is skipped where no other source can be waiting. Of an only
-   source up to unlooked_at_most signals are taken before the next look: without that 64 requests in
-   flight take 1.4 times as long. A caller that is going to wait needs no look, as the wait finds
-   the sources.
+   A look costs as much as a signal. It is skipped where no other source can have a signal: up to
+   unlooked_at_most signals of an only source are taken between two looks, as 64 requests in flight
+   would take 1.4 times as long otherwise. A caller that is going to wait needs no look, as the wait
+   finds the sources.
 
-   Each ring of a bell comes with a signal, and a source that rests is not looked at before its bell
-   has rung (mbx_ring.h). So each source in the line has something to give. If one has not, its
-   sender breaks the protocol; the ring may have woken the owner, so the owner receives an empty
-   signal, whose number is 0, from that sender. */
+   The bell of a source is rung only for a signal, and a source that rests is not read before its
+   bell has rung (mbx_ring.h). So each source in the line has a signal. If it has none, its sender
+   breaks the protocol. The bell may have woken the owner, so the owner receives an empty signal,
+   whose number is 0, from that sender. */
 #include "platform/mbx/mbx_inbox.h"
 
 #include "platform/mbx/mbx_parting.h"
@@ -28,7 +28,7 @@
 static constexpr uint32_t local_id = 0;
 
 static constexpr int events_at_once = 64;
-static constexpr uint32_t unlooked_at_most = 7; /* signals of the only source */
+static constexpr uint32_t unlooked_at_most = 7; /* signals of an only source between two looks */
 /* The limit of the unread bytes of senders that are gone. The owner has to handle each of these
    signals: with 56 MiB of short requests a server was busy for more than a minute after a crowd of
    its clients was killed. */
@@ -128,7 +128,7 @@ source *inbox::find(uint32_t id)
 
 void inbox::remove(source &s)
 {
-    epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr); /* fails for a fresh one */
+    epoll_ctl(poll_.get(), EPOLL_CTL_DEL, s.bell.get(), nullptr); /* fails for a fresh source */
     leave_bell(s.bell.get(), s.area->place());
     sources_.erase(s.id);
 }
@@ -150,9 +150,10 @@ block *inbox::take_local()
     return local_.pop_front();
 }
 
-/* An empty signal stands in for an invalid record and for a notice, which only this library may
-   make; then the rest of the ring is discarded. The touched pages are counted to this process: a
-   read of a page that the sender has released makes the kernel provide, and charge, a new one. */
+/* An empty signal replaces an invalid record, or a notice, which only this library may make; then
+   the rest of the ring is discarded. The touched pages are counted for the connection: if the
+   sender has released a page, a read makes the kernel provide a new one, which it charges to this
+   process. */
 block *inbox::pop_signal(source &s, bool &asks)
 {
     block *b = s.ring.pop(asks);
@@ -210,8 +211,8 @@ block *inbox::take_from(source &s)
     return s.state == source_state::ended ? take_ended(s) : take_living(s);
 }
 
-/* Null when there is no signal. With `waits`, as the caller is going to wait, null also when no
-   source is in the line. */
+/* Null when there is no signal. `waits`: the caller is going to wait, so an empty line gives null
+   without a look. */
 block *inbox::next(bool waits)
 {
     for (;;) {
@@ -247,8 +248,7 @@ block *inbox::take_matching(const uint32_t *filter, uint32_t sender, bool waits)
 }
 
 /* False when the inbox was closed during the wait. Signals that a filter has passed over keep the
-   descriptor readable, and the wait would return at once: so the descriptor is lowered before it.
-   */
+   descriptor readable, and the wait would return at once: so they are left out during the wait. */
 bool inbox::wait(std::unique_lock<std::mutex> &hold, int timeout_ms)
 {
     epoll_event events[events_at_once];
@@ -351,8 +351,8 @@ bool inbox::watch_quietly(source &s)
     return true;
 }
 
-/* Above left_at_most a ring's unread signals are kept only if they fit into its home. So every
-   client's last signals are kept, however large the crowd that is killed at once. */
+/* Above left_at_most a ring's unread signals are dropped if they take more than home_bytes. So the
+   few last signals of every client are kept, however many clients are killed at once. */
 void inbox::keep_unread(source &s)
 {
     s.ring.finish();
@@ -365,10 +365,11 @@ void inbox::keep_unread(source &s)
     s.area->count(held_received, s.ring.touched());
 }
 
-/* A source that ends without a signal may have rung nevertheless. If the look finds that ring, the
-   owner gets an empty signal for it. A ring that comes after the look, and before the bell leaves
-   the epoll, is not seen here, but the owner may have been woken by it. So the next receive doesn't
-   wait (departed_). */
+/* The bell of a source that ends without a signal may have been rung nevertheless. If the look
+   finds this, the owner receives an empty signal. If the bell is rung between the look and its
+   removal from the epoll, the owner may have been woken without a signal. So the next receive does
+   not wait for other signals if the owner uses the descriptor; without a timeout it returns an
+   empty signal (departed_). */
 void inbox::end(source &s, block *notice)
 {
     const bool was_watched = s.state == source_state::watched;

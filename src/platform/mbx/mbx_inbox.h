@@ -53,7 +53,8 @@ class inbox
   public:
     /* False, with errno, on failure. */
     bool open(const inbox_owner &owner);
-    /* `is_child`: in a forked child, where the epoll and the rings are the parent's. */
+    /* Frees all blocks, forgets all sources and closes the descriptors. `is_child`: in a forked
+       child, where the areas are not mapped. */
     void close(bool is_child = false);
     /* The descriptor at which the owner waits. */
     int fd()
@@ -85,10 +86,11 @@ class inbox
     /* The sender is gone. The source stays until its unread signals and then `notice`, which may be
        null, are received. */
     void end(source &s, block *notice);
-    /* Adds a notice behind those of a source that has ended. False when the source is gone. */
+    /* Adds a notice to a source that has ended. False, and the notice stays the caller's, if the
+       source is gone. */
     bool add_notice(uint32_t id, block *notice);
-    /* Unmaps the pages of all rings beyond their first ones, and looks which of them the senders
-       have released. Returns whether others are left. */
+    /* Trims all rings (record_receiver::trim()). Returns whether touched pages are still in memory.
+     */
     bool trim();
 
     /* As mbx_receive. `hold` holds the mailbox's lock, which is released for the wait. Returns
@@ -129,7 +131,7 @@ class inbox
     size_t left_ = 0;       /* unread bytes of senders that are gone */
     size_t round_ = 0;      /* turns until the next look at the epoll */
     uint32_t unlooked_ = 0; /* signals of an only source until the next look */
-    std::atomic<bool> is_polled_{false}; /* the owner waits at the descriptor and receives then */
+    std::atomic<bool> is_polled_{false}; /* fd() was called: the owner may wait at the descriptor */
     /* Id of a removed source that may have woken the owner without a signal, or 0. */
     uint32_t departed_ = 0;
     fifo<block> set_aside_; /* signals that a filter has passed over */

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The descriptors that the other side passes are checked before they are used, and are never closed
-   on this thread or with a lock held. */
+/* The descriptors that the other side passes are checked before they are used. Those that fail the
+   check are left to the closing thread (mbx_closer.h). */
 #include "platform/mbx/mbx_locate.h"
 
 #include "platform/mbx/mbx_peers.h"
@@ -71,9 +71,9 @@ static std::optional<connection_parts> check_parts(call &c)
     return parts;
 }
 
-/* Two mailboxes may locate each other at once. Of the two connections the one that the mailbox with
-   the smaller token has made stays; the other one is closed by its maker before it has carried
-   anything. MBX_NO_MAILBOX when there is no connection. With the mailbox's lock held. */
+/* Two mailboxes may locate each other at once. The connection made by the mailbox with the smaller
+   token stays; the other mailbox closes its own before it has carried anything. MBX_NO_MAILBOX when
+   there is no connection. With the mailbox's lock held. */
 static uint32_t settle(mailbox &m, call &c)
 {
     if (c.answer.token == m.token)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_locate - connects a mailbox of this process to a named one of another, on the caller's thread
-   and without any lock. */
+/* mbx_locate - connects a mailbox of this process to a mailbox with a name, on the caller's thread.
+   To be called without any lock. */
 #pragma once
 
 #include "platform/mbx/mbx_registry.h"

@@ -23,7 +23,8 @@
 #include <utility>
 #include <vector>
 
-/* A client that ends closes its descriptors within this time. */
+/* A client that ends mostly closes its descriptors within this time: until then the looks are
+   frequent. */
 static constexpr auto time_to_end = std::chrono::milliseconds(20);
 static constexpr auto time_to_look_soon = std::chrono::milliseconds(2);
 static constexpr auto time_to_look = std::chrono::milliseconds(250);
@@ -45,19 +46,20 @@ struct parted {
 struct partings {
     std::vector<parted> all;
     uint32_t last_number = 0;
-    time_point next_look{};            /* at connections that have ended at the peer */
-    owned_fd bells;                    /* an epoll of the bells that peers may have */
-    owned_fd ends;                     /* an inotify: reports memory files that are gone */
-    owned_fd looked_up;                /* a descriptor's number: see watch_for_end() */
-    size_t ringable_count = 0;         /* bells that peers have, as of the last look */
-    std::vector<epoll_event> ringable; /* has room for all bells: the helper must not need memory */
+    time_point next_look{};    /* at connections that have ended at the peer */
+    owned_fd bells;            /* an epoll of the bells that peers may have */
+    owned_fd ends;             /* an inotify: reports memory files that are gone */
+    owned_fd looked_up;        /* a descriptor's number: see watch_for_end() */
+    size_t ringable_count = 0; /* bells that peers have, as of the last look */
+    std::vector<epoll_event>
+        ringable; /* has room for all bells, so that a look at them needs no memory */
 };
 
 } // namespace
 
 std::mutex parting_lock;
-/* Guarded by parting_lock. Never destroyed, as the helper's thread may still run while main()
-   returns. */
+/* Guarded by parting_lock; next_look is written by the helper's thread alone, which reads it
+   without the lock. Never destroyed, as that thread may still run while main() returns. */
 static partings &the_parting = *new partings;
 
 static int watch_of(const std::shared_ptr<entry> &place)
@@ -65,19 +67,20 @@ static int watch_of(const std::shared_ptr<entry> &place)
     return place ? place->watch : -1;
 }
 
-/* The area goes before the entry: it releases its pages, which the entry stands for. */
+/* The area is destroyed before the entry, because the area's destructor releases pages that are
+   counted in the entry. */
 static void let_go(parted &&p)
 {
     p.area.reset();
     if (watch_of(p.place) != -1) {
         const std::lock_guard hold(parting_lock);
-        inotify_rm_watch(the_parting.ends.get(), p.place->watch); /* fails where it is gone */
+        inotify_rm_watch(the_parting.ends.get(), p.place->watch); /* fails if the file is gone */
     }
     hang_up(std::move(p.control), {}, p.peer, std::move(p.place));
 }
 
-/* With parting_lock held. The epoll reports each bell that a peer has once; its data is the watch
-   of the connection's memory file. */
+/* With parting_lock held. The epoll reports once each bell that a peer has; the event's data is the
+   watch of the connection's memory file. */
 static void look_at_bells(partings &its)
 {
     const int most = static_cast<int>(its.ringable.size());
@@ -120,8 +123,8 @@ static bool is_over(const parted &p)
     return has_ended(p) && !p.area && p.is_gone && !has_bell(p) && !has_unread(p.control.get());
 }
 
-/* Connections that are over leave the list, and are released without the lock. Pages are released
-   as soon as they may be. */
+/* Removes the connections of which the peer keeps nothing, and releases them without the lock.
+   Releases the pages of a connection earlier, when its peer can no longer be reading. */
 static void look_at_ended(time_point now)
 {
     std::vector<parted> over;
@@ -142,8 +145,8 @@ static void look_at_ended(time_point now)
         let_go(std::move(p));
 }
 
-/* With parting_lock held. Moves the connection into the list. False when the helper can't watch it,
-   as it has ended, or memory is out. */
+/* With parting_lock held. Moves the connection into the list. False when the helper can't watch its
+   control connection, or memory is out. */
 static bool keep(partings &its, parted &p)
 try {
     its.all.reserve(its.all.size() + 1);
@@ -157,8 +160,8 @@ try {
     return false;
 }
 
-/* The area is released only when the connection is in the list: the end of a memory file is noted
-   in the connections that are in the list. */
+/* The connection joins the list before its area is released, because take_ends() notes the end of a
+   memory file in the list only. */
 void part(owned_fd control, std::shared_ptr<mapped_area> area, std::shared_ptr<entry> place,
           const peer_identity &peer, bool is_kept)
 {

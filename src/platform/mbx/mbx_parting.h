@@ -2,13 +2,13 @@
 /* mbx_parting - accepted connections that have ended here, until they have ended at the peer. Any
    thread; may be called with a mailbox's lock.
 
-   The kernel charges to us what the peer still has of a connection: the memory file with its pages,
-   the descriptors of a welcome and the bytes that it has not read. So the entry in the accounts,
-   and our end of the control connection, are kept until the peer has closed its end, nothing of
-   ours lies unread in it, and no process has the file or a bell. The pages are released as soon as
-   no process can be waiting for their signals, even while others map them. The signals to the peer
-   are kept for some seconds after the peer's end: its library may notice the end before its owner
-   has received all signals. */
+   The kernel charges to us what the peer still holds of a connection: the memory file with its
+   pages, the descriptors of an unread welcome, and unread bytes. So the entry in the accounts and
+   our end of the control connection are kept until the peer has closed its end and has read all
+   that we sent on it, and no process has the memory file or a bell. The pages are released earlier,
+   even while other processes map them: once the peer has hung up and has read all signals, or some
+   seconds after its hang-up. These seconds are for a peer whose library notices the end before its
+   owner has received all signals. */
 #pragma once
 
 #include "platform/mbx/mbx_area.h"

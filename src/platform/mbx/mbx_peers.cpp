@@ -20,7 +20,7 @@
 
 static constexpr auto time_to_trim = std::chrono::seconds(2);
 
-/* After so much has been freed the C library is asked to release the memory between records that
+/* After so many bytes have been freed, malloc_trim() releases the memory between the records that
    stay: 4,800 connections left 3.1 MiB without that, and 0.8 MiB with it. */
 static constexpr size_t much_freed = size_t{128} << 10;
 
@@ -89,8 +89,8 @@ static bool watch_bell(mailbox &m, source &s)
     return helper_watch(watch_first_ring, s.bell.get(), EPOLLOUT | EPOLLET, m.slot, s.id);
 }
 
-/* An old kernel has no pidfd: then the control connection must do. False, with ESRCH, for a process
-   that has ended, and whose end of the control connection another process has. */
+/* On an old kernel, which has no pidfd, only the control connection is watched. False, with ESRCH,
+   if the process has ended while another process has its end of the control connection. */
 static bool watch_process(mailbox &m, connection &c)
 {
     if (c.peer.process <= 0)
@@ -114,16 +114,16 @@ uint32_t add_connection(mailbox &m, connection_parts &&parts)
     return 0;
 }
 
-/* A token alone proves nothing, because any peer that received it could send it: the process, which
-   the kernel vouches for, must be the same too. */
+/* A token alone proves nothing, because any peer that received it could send it. So the process,
+   which the kernel names, must be the same, too. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer)
 {
     return find_connection_if(
         m, [&](const connection &c) { return c.token == token && c.peer.process == peer.process; });
 }
 
-/* A child process may have copies of our descriptors. With those an epoll entry outlives the close,
-   so the entries are removed before it. */
+/* A child process may have copies of our descriptors. Then an epoll entry outlives our close, so
+   the entries are removed first. */
 void end_connection(mailbox &m, uint32_t id, ended_by who)
 {
     connection *c = find_connection(m, id);
@@ -270,8 +270,8 @@ static void with_slot(uint32_t slot, function &&call)
     shed();
 }
 
-/* Hands on some of the backlog, and returns whether to do so again. The connection of a deleted
-   mailbox ends when its backlog is empty. */
+/* Moves a part of the backlog to the ring. Returns whether to call it again. The connection of a
+   deleted mailbox ends when its backlog is empty. */
 static bool flush_some(mailbox &m, uint32_t id)
 {
     connection *c = find_connection(m, id);

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* mbx_peers - the connections of a mailbox: made, written to, supervised, ended. The states of a
    connection, its events and the threads that act are a table in docs/architecture.md. The
-   functions need the mailbox's lock held unless they say otherwise. */
+   functions need the mailbox's lock held unless they say otherwise; those of the helper take it
+   themselves. */
 #pragma once
 
 #include "platform/mbx/mbx_registry.h"
@@ -11,8 +12,9 @@
 uint32_t add_connection(mailbox &m, connection_parts &&parts);
 /* The connection to the mailbox with that token in that process, or null. */
 connection *find_peer(mailbox &m, const mailbox_token &token, const peer_identity &peer);
-/* Ends the connection. The peer's unread signals are kept for the owner, followed by the monitor's
-   notice. Harmless if the connection has ended. */
+/* Ends the connection. Unread signals from the peer are kept for the owner, up to a limit
+   (left_at_most in mbx_inbox.cpp), and are followed by the monitor's notice. Harmless if the
+   connection has ended. */
 void end_connection(mailbox &m, uint32_t id, ended_by who);
 /* Sends the block to the peer of a connection of the mailbox `own`, and takes the block over. Takes
    the lock of that mailbox itself. */
@@ -23,7 +25,8 @@ uint32_t monitor_connection(uint32_t own, uint32_t target, block *notice);
 /* Ends that monitor of the mailbox `own`, whose lock it takes itself. False if there is no such
    monitor. */
 bool unmonitor_connection(uint32_t own, uint32_t reference);
-/* Has the helper release the pages of rings that a burst needed. May be called with any lock. */
+/* Makes the helper release, after a while, the pages of rings that have been read. May be called
+   with any lock held. */
 void want_trim();
 /* Ends connections while too much is held (mbx_account.h). To be called without any lock. */
 void shed();
@@ -32,6 +35,6 @@ void handle_control(uint32_t slot, uint32_t id);
 void handle_life(uint32_t slot, uint32_t id);
 void handle_first_ring(uint32_t slot, uint32_t id);
 time_point trim_in_time(time_point now);
-/* Hands on the backlogs of deleted mailboxes until the deadline. To be called without any lock,
-   when the helper has ended. */
+/* Moves the backlogs of deleted mailboxes to the rings until the deadline, then ends all
+   connections. To be called without any lock, when the helper has ended. */
 void linger(time_point deadline);

@@ -8,7 +8,8 @@
 #include <sys/mman.h>
 
 static constexpr uint32_t head_bytes = 8;
-static constexpr uint32_t skip_mark = UINT32_MAX; /* in the head's second word: the bytes */
+static constexpr uint32_t skip_mark =
+    UINT32_MAX; /* stands in place of the size; the second word is the number of bytes to skip */
 /* The last bytes of the home are left for a mark: a mark behind the home would touch a page of the
    rest. */
 static constexpr uint32_t home_end = home_bytes - head_bytes;
@@ -65,8 +66,8 @@ static void advise(const mapped_ring &ring, uint64_t pages, int advice)
     }
 }
 
-/* The pages of the rest that are in memory, written by either side; all of them where the system
-   does not say. */
+/* The pages of the rest that are in memory, because either side has written or read them; all of
+   them if mincore() fails. */
 static uint64_t pages_in_memory(const mapped_ring &ring)
 {
     unsigned char is_there[rest_pages];
@@ -78,8 +79,9 @@ static uint64_t pages_in_memory(const mapped_ring &ring)
     return pages;
 }
 
-/* The number of bytes to skip in front of a record, so that it is contiguous, and, when the ring is
-   empty, in the home if it fits there. */
+/* The number of bytes to skip in front of a record, so that it is contiguous. An empty ring returns
+   to its home if the record fits there, unless the record would overlap the bytes that are skipped.
+   */
 uint32_t record_sender::bytes_to_skip(uint32_t bytes)
 {
     const auto is_drained = [&] { return taken() == position(); };
@@ -115,7 +117,7 @@ record_sender::outcome record_sender::push(const void *signal, uint32_t size)
     return publish(skip + bytes) ? outcome::to_ring : outcome::sent;
 }
 
-/* A released page reads as 0, and the kernel provides a new one when it is written. */
+/* A released page reads as 0, and the kernel provides a new one at the next access. */
 void record_sender::trim()
 {
     if (touched_ == 0)

@@ -4,14 +4,15 @@
 
    A record is a head of 8 bytes, whose first word is the signal's size, and the signal, padded to a
    multiple of 8. A record is contiguous: it lies either in the home of the ring, which is a part of
-   the first page (mbx_area.h), or in the rest behind it. Where it would not be, the sender writes a
-   head with a mark in place of the size, and the number of bytes that the receiver skips.
+   the first page (mbx_area.h), or in the rest behind it. Where the next record would not be
+   contiguous, the sender first writes a head with a mark in place of the size, and the number of
+   bytes that the receiver skips.
 
    A ring whose receiver keeps up uses its home only, if each signal takes up to half of the home.
-   Each side notes which pages of the rest it has touched. The sender releases the pages in which
-   nothing is unread. The receiver can't do that, as it could destroy a record that is just being
-   written: it asks the kernel which pages are released, and releases them itself only once the
-   sender is gone.
+   Each side notes which pages of the rest it has touched. The sender releases the pages whose
+   records have all been read. The receiver can't do that, as it could destroy a record that is just
+   being written: it asks the kernel which pages are released, and releases them itself only once
+   the sender is gone.
 
    A peer may change the memory at any time. So the receiver reads each word once and checks the
    value that it has read, and it copies a signal before it looks at its content. */
@@ -27,7 +28,8 @@ class record_sender : private ring_sender<process_atomics>
   public:
     enum class outcome {
         full,   /* nothing was written */
-        sent,   /* the receiver is awake, or is being woken for an earlier signal */
+        sent,   /* no ring is needed: the receiver is awake, is being woken, or has taken the signal
+                   already */
         to_ring /* sent, and the caller must ring */
     };
 
@@ -40,7 +42,7 @@ class record_sender : private ring_sender<process_atomics>
     /* `size` is at most MBX_LARGEST_SIGNAL. */
     outcome push(const void *signal, uint32_t size);
     using ring_sender::wait_for_room;
-    /* Bytes of the pages of the rest that are in use. */
+    /* The bytes of the pages of the rest that were written and are not released yet. */
     size_t touched() const
     {
         return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
@@ -55,7 +57,7 @@ class record_sender : private ring_sender<process_atomics>
     {
         return position() - taken() <= position() - marked_;
     }
-    /* Releases the pages of the rest in which nothing is unread. */
+    /* Releases the pages of the rest whose records have all been read. */
     void trim();
     /* To be called once the receiver is gone: releases all pages of the rest. */
     void leave();
@@ -95,7 +97,8 @@ class record_receiver : private ring_receiver<process_atomics>
         return there() == 0;
     }
     using ring_receiver::must_report_room, ring_receiver::rest;
-    /* To be called once the sender is gone: nothing but what is in the ring now can be taken. */
+    /* To be called once the sender is gone: from then on only the records that are in the ring now
+       can be taken. */
     void finish();
     /* Discards what is in the ring, and finishes it. */
     void drop();
@@ -108,14 +111,14 @@ class record_receiver : private ring_receiver<process_atomics>
     {
         return is_finished_ ? there() : 0;
     }
-    /* Bytes of the pages of the rest that were read from and that were in memory at the last
-       trim(). */
+    /* The bytes of the pages of the rest that were read, without those that the last trim() found
+       released. */
     size_t touched() const
     {
         return static_cast<size_t>(std::popcount(touched_)) * page_bytes;
     }
-    /* Unmaps the touched pages from this process. Their content stays, but after finish() all pages
-       in which nothing is unread are released. */
+    /* Unmaps the touched pages from this process; their content stays. After finish(): releases all
+       pages of the rest that have no unread record. */
     void trim();
 
   private:

@@ -13,7 +13,7 @@ std::mutex registry_lock;
 
 static constexpr uint32_t slot_bits = 12;
 static_assert(1u << slot_bits == mailboxes_at_most);
-/* Keeps ids below MBX_OWN_MAILBOX and the other numbers with a meaning. */
+/* Keeps ids below the reserved values, of which MBX_OWN_MAILBOX is the lowest. */
 static constexpr uint32_t generations = 0x7ff00;
 static_assert((mailbox_id_bit | (generations - 1) << slot_bits | (mailboxes_at_most - 1)) <
               MBX_OWN_MAILBOX);

@@ -14,7 +14,7 @@
 #include <mutex>
 #include <unordered_map>
 
-/* The order of locks. A thread that holds a lock may take only those that stand behind it:
+/* The order of locks. A thread that holds a lock may take only locks that come later in this list:
    helper_lock (mbx_helper.h), registry_lock, the lock of one mailbox, and then one of parting_lock,
    accounts_lock, closer_lock and waker_lock. A fork takes all of them (mbx_api.cpp). */
 struct mailbox {
@@ -23,17 +23,18 @@ struct mailbox {
     /* Number of threads that are putting a block into the inbox, which they do without the lock. */
     std::atomic<uint32_t> pins{0};
 
-    std::mutex lock; /* guards all members below */
+    std::mutex lock; /* guards the members below; a token, once set, is read without it */
     inbox in;
     std::unordered_map<uint32_t, connection> connections; /* by id */
     owned_name name;
     mailbox_token token{};
-    uint32_t slot = 0; /* index of this record in the registry's table */
+    uint32_t slot = 0; /* index of this record in the registry's table, never changed */
     uint32_t generation = 0;
     uint64_t born = 0;
     connection *sent_last = nullptr; /* connection of the latest send; null when it has ended */
     fan_out run;                     /* the sends since the last reception */
-    /* Notices of this process's mailboxes that monitor this one; sender: the monitoring mailbox. */
+    /* The notices of this process's mailboxes that monitor this mailbox; the sender of each is the
+       monitoring mailbox. */
     fifo<block> watchers;
 };
 
@@ -83,7 +84,7 @@ void push_local(uint32_t receiver, block *b, uint32_t sender);
    thread. */
 uint32_t next_connection_id();
 
-/* The functions below need registry_lock held. */
+/* The functions below need registry_lock held, except withdraw_in_child(). */
 
 /* A record that no mailbox uses, or a new one; null, with ENOSPC, when mailboxes_at_most are in
    use. A deleted mailbox uses its record as long as it has signals to hand over. */

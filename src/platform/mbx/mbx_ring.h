@@ -8,15 +8,17 @@
    accepts only values that the rules allow.
 
    Waking the receiver. A receiver that finds the ring empty stores its position, with the lowest
-   bit set, in `armed` and looks at `head` once more. A sender that has published looks at `armed`,
-   and takes it away (compare and exchange) and rings the bell exactly when it holds a position
-   other than the sender's own. A sender that was delayed between publishing and looking may find
-   the receiver armed again at the sender's own position: its signal has been received already, and
-   a ring would have no signal to go with it. So each ring comes with something to read, and a
-   receiver that has rested must not look at the ring before it is rung.
+   bit set, in `armed` and looks at `head` once more. A sender that has published looks at `armed`.
+   If that holds a position other than the sender's own, the sender clears it (compare and exchange)
+   and rings the bell. If it holds the sender's own position, as when the sender was delayed between
+   publishing and looking, the receiver has taken the signal already and rests again: the bell is
+   not rung, as there would be no signal to go with it. So each ring of the bell comes with
+   something to read, and a receiver that has rested must not look at the ring before its bell has
+   rung.
 
    Waking the sender. A sender that finds no room sets `wants_room` and looks at `tail` once more. A
-   receiver that has emptied the ring and rests looks at `wants_room`, clears it, and reports.
+   receiver that rests, or passes a half of the ring, looks at `wants_room`; if at most a quarter of
+   the ring is in use, the receiver clears it and reports.
 
    Both are the same pattern: a store, a full fence, and a load of what the other side stores before
    its own fence, so that at least one of the two sees the other's store.
@@ -76,14 +78,14 @@ struct ring_orders {
     static constexpr auto before_waiting = std::memory_order_seq_cst;
 };
 
-/* In shared memory, all 0 at first. The words that the sender writes often and those that the
-   receiver writes often are in different cache lines. */
+/* In shared memory, all 0 at first. `head`, which the sender writes for each record, and `tail`,
+   which the receiver writes for each record, are in different cache lines. */
 template <typename atomics>
 struct ring_words {
     alignas(64) typename atomics::word head; /* the sender's position */
-    typename atomics::word armed;            /* set by the receiver, taken by the sender */
+    typename atomics::word armed;            /* set by the receiver, cleared by the sender */
     alignas(64) typename atomics::word tail; /* the receiver's position */
-    typename atomics::word wants_room;       /* set by the sender, taken by the receiver */
+    typename atomics::word wants_room;       /* set by the sender, cleared by the receiver */
 };
 
 /* The sender's end. One thread at a time. */
@@ -101,7 +103,7 @@ class ring_sender
     {
         return head_;
     }
-    /* Whether so many bytes from the position on may be written. */
+    /* Whether `bytes` bytes from the position on may be written. */
     bool has_room(uint32_t bytes)
     {
         if (room() < bytes)
@@ -114,7 +116,7 @@ class ring_sender
         look();
         return tail_;
     }
-    /* Hands so many bytes over. Returns whether the receiver must be rung. */
+    /* Publishes `bytes` bytes. Returns whether the receiver's bell must be rung. */
     bool publish(uint32_t bytes)
     {
         head_ += bytes;
@@ -124,8 +126,8 @@ class ring_sender
         return armed != 0 && armed != (head_ | 1) &&
                atomics::replace(words_->armed, armed, 0, std::memory_order_relaxed);
     }
-    /* To be called when there is no room. True when the receiver will report that there is; false
-       when there is plenty by now. */
+    /* To be called when there is no room. True: the receiver will report room. False: at most a
+       quarter of the ring is in use by now. */
     bool wait_for_room()
     {
         atomics::store(words_->wants_room, 1, std::memory_order_relaxed);
@@ -139,8 +141,8 @@ class ring_sender
     {
         return capacity_ - (head_ - tail_);
     }
-    /* The receiver's position only goes forward, up to ours. Anything else is ignored, so that the
-       ring stays as full as it was and each look that finds room leads to progress. */
+    /* Accepts a tail only between the last accepted one and head_. Any other value is ignored, so
+       that the ring stays as full as it was, and each look that finds room leads to progress. */
     void look()
     {
         const uint32_t tail = atomics::load(words_->tail, orders::reuse);
@@ -175,8 +177,8 @@ class ring_receiver
     {
         return atomics::load(words_->head, orders::find) - tail_;
     }
-    /* Gives so many bytes back to the sender. Returns whether must_report_room() should be asked:
-       at each half of the ring, for a ring that never runs empty. */
+    /* Releases `bytes` bytes to the sender. Returns whether must_report_room() is to be called:
+       after each half of the ring, because a busy ring may never run empty. */
     bool consume(uint32_t bytes)
     {
         const uint32_t before = tail_;
@@ -195,9 +197,10 @@ class ring_receiver
         return atomics::load(words_->head, std::memory_order_relaxed) == tail_ ||
                !atomics::replace(words_->armed, armed, 0, std::memory_order_relaxed);
     }
-    /* Whether the sender waits for room, there is plenty, and the caller is the one to report it.
-       To be asked after each rest(), whose fence stands between tail and wants_room; and after a
-       consume() that says so, where a request that is missed is seen at the next rest(). */
+    /* Whether the caller must report room: the sender waits for it, and at most a quarter of the
+       ring is in use. To be called after each rest(), whose fence stands between tail and
+       wants_room, and when consume() returns true; a request that is missed then is seen after the
+       next rest(). */
     bool must_report_room()
     {
         return atomics::load(words_->wants_room, std::memory_order_relaxed) != 0 &&

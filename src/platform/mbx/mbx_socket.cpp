@@ -146,7 +146,7 @@ greeting receive_greeting(int control)
     return got;
 }
 
-/* If the queue is full, the peer has such a byte to read already. */
+/* If the send buffer is full, the byte is dropped: the peer has unread bytes that wake it. */
 void send_wake(int control, wake what)
 {
     const errno_keeper keeper;

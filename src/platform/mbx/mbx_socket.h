@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* mbx_socket - the messages on a control connection: the greeting, and bytes that wake. No state.
+/* mbx_socket - the messages on a control connection: greetings, and bytes that wake a side. No
+   state.
 
    The connecting side says hello; the accepting side answers with a welcome, which carries the
    memory and the two bells, or with one of the two refusals. After that each side may send single
@@ -14,7 +15,7 @@
 #include <cstdint>
 #include <vector>
 
-/* The identity of a mailbox: a random number, which only its peers are sent. */
+/* The identity of a mailbox: a random number that is sent in greetings only. */
 using mailbox_token = std::array<uint64_t, 2>;
 /* All 0, with errno and after a line on standard error, where the system has no random numbers. */
 mailbox_token make_token();
@@ -23,10 +24,10 @@ enum class greeting_kind : uint32_t {
     missing, /* nothing has come yet */
     hello,   /* of the connecting side */
     welcome, /* the answer; carries welcome_fds descriptors */
-    known,   /* the answer when the two are connected already */
+    known,   /* the answer when the two mailboxes are connected already, or are the same */
     refused, /* the answer when there can be no connection now */
-    foreign, /* begins as no greeting of this version does */
-    invalid, /* anything else, the end of the connection among it */
+    foreign, /* does not begin with the magic number of this version */
+    invalid, /* anything else, including the end of the connection */
 };
 
 /* In this order: the memory, the accepting side's bell, the connecting side's bell. */
@@ -40,8 +41,8 @@ bool send_greeting(int control, greeting_kind kind, const mailbox_token &token,
 struct greeting {
     greeting_kind kind = greeting_kind::missing;
     mailbox_token token{};
-    /* The descriptors that the message carried. A valid greeting has as many as its kind; the
-       caller passes those of any other message to close_later(). */
+    /* The descriptors that the message carried: welcome_fds for a welcome, none for another valid
+       greeting. The caller passes those that it doesn't take to hang_up(). */
     std::vector<owned_fd> fds;
 };
 
@@ -50,7 +51,7 @@ greeting receive_greeting(int control);
 
 /* The bytes that are sent over a control connection after the greeting. */
 enum class wake : unsigned char {
-    room = 'r', /* the ring has room for the receiver's backlog */
+    room = 'r', /* the ring has room again for the backlog of the side that gets this byte */
     bell = 'b', /* a signal was sent by a side that can't ring */
 };
 void send_wake(int control, wake what);
@@ -72,12 +73,12 @@ void prepare_control(int control);
 /* From now on the kernel refuses to carry descriptors to this socket, and to those that a listener
    accepts (since Linux 6.16; no effect before). */
 void refuse_descriptors(int socket);
-/* Refuses descriptors, and has the kernel keep little for a peer that does not read. */
+/* Refuses descriptors, and sets the smallest send buffer, which limits the bytes that are queued
+   for a peer that does not read. */
 void restrict_control(int control);
 
-/* Ends a control connection for both sides. Returns at once: where the peer has passed descriptors,
-   those in `passed` or others that are still unread, the closing thread closes them and the
-   connection. */
+/* Ends a control connection for both sides, and returns at once. If the peer has passed
+   descriptors, in `passed` or still unread, the closing thread closes them and the socket. */
 void hang_up(owned_fd control, std::vector<owned_fd> passed, const peer_identity &peer,
              std::shared_ptr<entry> place = {});
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The thread takes all bells that are due and rings them together. A bell that is retired while it
-   is due is closed after that. A bell is rung by reading it (mbx_area.h), here also with
+   is due is closed after it was rung. A bell is rung by reading it (mbx_area.h), here also with
    RWF_NOWAIT: the kernel answers such a read at once and never hands it to a worker of its own. */
 #include "platform/mbx/mbx_waker.h"
 
@@ -41,9 +41,9 @@ enum class waker_state {
 struct waker {
     std::condition_variable changed;
     std::vector<due_bell> due;
-    std::vector<due_bell> ringing; /* written by the thread, with the lock held */
-    io_uring reads{};              /* used by the thread only */
-    bool can_read = false;         /* used by the thread only: whether `reads` is open */
+    std::vector<due_bell> ringing; /* written with the lock held; the thread reads it without */
+    io_uring reads{};              /* used by the thread alone while it runs */
+    bool can_read = false;         /* used like `reads`: whether that is open */
     waker_state state = waker_state::fresh;
     pthread_t thread{};
 };
@@ -51,13 +51,12 @@ struct waker {
 } // namespace
 
 std::mutex waker_lock;
-/* Guarded by waker_lock, but for what the thread alone uses. Never destroyed: its thread uses it
-   until the process ends. A forked child makes another one. */
+/* Guarded by waker_lock, except for the members that the thread uses without it. Never destroyed:
+   the thread uses it until the process ends. A forked child makes a new waker. */
 static waker *the_waker = new waker;
 
-/* A SCHED_BATCH thread preempts no other thread when it wakes up, and is preempted at once. A
-   thread that has inherited a real-time priority keeps it, because it would starve behind its
-   sender otherwise. */
+/* A SCHED_BATCH thread preempts no other thread when it wakes up. A thread that has inherited a
+   real-time priority keeps it, because it would starve behind its sender otherwise. */
 static void give_way()
 {
     const sched_param none{};
@@ -80,13 +79,13 @@ static void close_reads(waker &w)
         io_uring_queue_exit(&w.reads);
 }
 
-/* Rings up to reads_at_once bells by one submission. Returns how many the kernel has taken; when
-   these are fewer than all, the io_uring is of no use any more and is closed. When the submission
-   returns, each read that the kernel has taken has succeeded or failed; failed reads alone are
-   reported, and those bells are rung one by one. */
+/* Rings up to reads_at_once bells by one submission. Returns how many reads the kernel has taken;
+   if it has not taken all, the io_uring is closed. When the submission returns, each read that was
+   taken has succeeded or failed. Only failed reads are reported, and their bells are rung one by
+   one. */
 static size_t read_together(waker &w, std::span<const due_bell> bells)
 {
-    static uint64_t count; /* what the reads write: not used */
+    static uint64_t count; /* the target of the reads; its value is not used */
     for (const due_bell &bell : bells) {
         io_uring_sqe *entry = io_uring_get_sqe(&w.reads);
         io_uring_prep_read(entry, bell.fd, &count, sizeof(count), UINT64_MAX);
@@ -114,8 +113,8 @@ static void ring_all(waker &w, std::span<const due_bell> bells)
     }
 }
 
-/* Retired bells are closed with the lock held: a bell is an eventfd, whose close waits for no other
-   process. */
+/* Retired bells are closed with the lock held: a bell was made by make_bell() or has passed
+   may_be_bell(), so its close waits for no other process. */
 static void *run_waker(void *argument)
 {
     waker &w = *static_cast<waker *>(argument);

@@ -27,5 +27,5 @@ void stop_waker();
 
 /* Held around a fork. */
 extern std::mutex waker_lock;
-/* In a forked child, which doesn't have the thread. */
+/* For a forked child, which doesn't have the thread: makes a new waker. */
 void forget_waker();
