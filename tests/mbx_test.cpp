@@ -761,8 +761,9 @@ TEST_F(mbx, a_peer_may_change_every_word_at_any_time)
 
 #endif
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) /* sanitizers use memory, too  \
-                                                                     */
+/* Sanitizers use memory, too. */
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
 /* The resident memory of this process, in KiB. */
 static long resident()
 {

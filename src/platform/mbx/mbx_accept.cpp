@@ -25,8 +25,7 @@ struct newcomer {
     uint32_t mailbox_id;
     owned_fd control;
     peer_identity peer;
-    uint32_t number =
-        0; /* the key of the helper's watch; 0 until the connection waits for its greeting */
+    uint32_t number = 0; /* for the helper's watch; 0 until the greeting is waited for */
     time_point deadline{};
 };
 

@@ -46,13 +46,12 @@ struct parted {
 struct partings {
     std::vector<parted> all;
     uint32_t last_number = 0;
-    time_point next_look{};    /* at connections that have ended at the peer */
-    owned_fd bells;            /* an epoll of the bells that peers may have */
-    owned_fd ends;             /* an inotify: reports memory files that are gone */
-    owned_fd looked_up;        /* a descriptor's number: see watch_for_end() */
-    size_t ringable_count = 0; /* bells that peers have, as of the last look */
-    std::vector<epoll_event>
-        ringable; /* has room for all bells, so that a look at them needs no memory */
+    time_point next_look{};            /* at connections that have ended at the peer */
+    owned_fd bells;                    /* an epoll of the bells that peers may have */
+    owned_fd ends;                     /* an inotify: reports memory files that are gone */
+    owned_fd looked_up;                /* a descriptor's number: see watch_for_end() */
+    size_t ringable_count = 0;         /* bells that peers have, as of the last look */
+    std::vector<epoll_event> ringable; /* sized for all bells: a look needs no memory */
 };
 
 } // namespace

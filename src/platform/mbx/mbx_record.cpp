@@ -8,8 +8,8 @@
 #include <sys/mman.h>
 
 static constexpr uint32_t head_bytes = 8;
-static constexpr uint32_t skip_mark =
-    UINT32_MAX; /* stands in place of the size; the second word is the number of bytes to skip */
+/* In place of the size; the head's second word is the number of bytes to skip then. */
+static constexpr uint32_t skip_mark = UINT32_MAX;
 /* The last bytes of the home are left for a mark: a mark behind the home would touch a page of the
    rest. */
 static constexpr uint32_t home_end = home_bytes - head_bytes;

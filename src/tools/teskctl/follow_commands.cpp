@@ -19,7 +19,6 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 using std::chrono::steady_clock;
 
@@ -192,8 +191,8 @@ static std::optional<steady_time> earlier(const std::optional<steady_time> &one,
 namespace
 {
 
-/* The subscriptions of watch. With "all" they follow the port map, whose ports at the last look are
-   `known`; a port that the server refused at first is not asked for again. */
+/* The subscriptions of watch. With "all" they follow the port map: each port that it has had is
+   `known`, so that one which the server refused at first is not asked for again. */
 struct watch_upkeep {
     event_loop &loop;
     session &server;
@@ -208,9 +207,8 @@ struct watch_upkeep {
     }
     void look()
     {
-        const port_name_map before = std::exchange(known, port_names());
-        for (const auto &[port_no, name] : known) {
-            if (before.contains(port_no))
+        for (const auto &[port_no, name] : port_names()) {
+            if (!known.emplace(port_no, name).second)
                 continue;
             if (is_all(options.sfp))
                 kept.add(TESK_CLIENT_SFP_INFO, port_no);
